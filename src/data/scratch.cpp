@@ -1,0 +1,115 @@
+#include "data/scratch.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "driver/failures.h"
+
+namespace kdr {
+
+namespace {
+
+ScratchFile table[maxscratch];
+
+[[noreturn]] void notempfile() {
+  std::perror("tmpfile");
+  fail(6);
+}
+
+}  // namespace
+
+ScratchFile scratchopen() {
+  ScratchFile* slot = nullptr;
+  for (ScratchFile& entry : table)
+    if (entry == nullptr) {
+      slot = &entry;
+      break;
+    }
+  if (slot == nullptr) stopwith("Cannot open any more scratch files!\n");
+
+  const char* directory = std::getenv("TMPDIR");
+  std::string path = directory != nullptr && *directory != '\0' ? directory : "/tmp";
+  path += "/kdr3XXXXXX";
+  const int handle = mkstemp(path.data());
+  if (handle < 0) notempfile();
+  unlink(path.c_str());
+  *slot = fdopen(handle, "w+b");
+  if (*slot == nullptr) notempfile();
+  return *slot;
+}
+
+void scratchclose(ScratchFile file) {
+  for (ScratchFile& entry : table)
+    if (file != nullptr && entry == file) {
+      std::fclose(entry);
+      entry = nullptr;
+    }
+}
+
+void scratchcloseall() {
+  for (ScratchFile& entry : table)
+    if (entry != nullptr) {
+      std::fclose(entry);
+      entry = nullptr;
+    }
+}
+
+std::FILE* openfile(const std::string& path, const char* mode) {
+  std::FILE* stream = std::fopen(path.c_str(), mode);
+  if (stream != nullptr && mode[0] == 'r') {
+    // A directory opens for reading but cannot be read.
+    const int c = std::fgetc(stream);
+    if (c == EOF && std::ferror(stream)) {
+      const int problem = errno;
+      std::fclose(stream);
+      stream = nullptr;
+      errno = problem;
+    } else if (c != EOF) {
+      std::ungetc(c, stream);
+    } else {
+      std::clearerr(stream);
+    }
+  }
+  if (stream != nullptr) return stream;
+  std::perror("");
+  std::printf("Unable to open %s for ", path.c_str());
+  if (mode[0] == 'r') std::printf("reading\n");
+  if (mode[0] == 'w' || mode[0] == 'a') std::printf("writing\n");
+  stoprun(100);
+}
+
+int readchk(void* buffer, std::size_t bytes, std::FILE* stream) {
+  return bytes == 0 || std::fread(buffer, bytes, 1, stream) == 1;
+}
+
+void writechk(const void* buffer, std::size_t bytes, std::FILE* stream) {
+  if (bytes != 0 && std::fwrite(buffer, bytes, 1, stream) != 1) fail(5);
+}
+
+void closechk(std::FILE* stream) {
+  const bool unwritten = std::ferror(stream) != 0;
+  if (std::fclose(stream) != 0 || unwritten) fail(5);
+}
+
+void dwritemat(const double* source, int n, int ld, double* work, std::FILE* stream) {
+  double* packed = work;
+  for (int i = 0; i < n; ++i)
+    for (int j = 0; j <= i; ++j) *packed++ = source[static_cast<std::ptrdiff_t>(i) * ld + j];
+  writechk(work, packedsize(n) * sizeof(double), stream);
+}
+
+void dreadmat(int n, double* work, double* dest, std::FILE* stream, int ld) {
+  if (n == 0) return;
+  if (!readchk(work, packedsize(n) * sizeof(double), stream)) std::printf("bad dreadmat");
+  const double* packed = work;
+  for (int i = 0; i < n; ++i)
+    for (int j = 0; j <= i; ++j) {
+      dest[static_cast<std::ptrdiff_t>(i) * ld + j] = *packed;
+      dest[static_cast<std::ptrdiff_t>(j) * ld + i] = *packed++;
+    }
+}
+
+}  // namespace kdr

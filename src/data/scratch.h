@@ -1,0 +1,45 @@
+// Checked file access and the table of temporary files.
+#pragma once
+
+#include <cstddef>
+#include <cstdio>
+#include <string>
+
+namespace kdr {
+
+// A handle on one temporary file, open for update in binary mode.
+using ScratchFile = std::FILE*;
+
+inline constexpr int maxscratch = 50;
+
+// Opens a new temporary file, positioned at 0. The file loses its name as soon as it is open, so that no end of the
+// process, however sudden, leaves it behind. Stops the run when the table is full, or with failure 6.
+[[nodiscard]] ScratchFile scratchopen();
+// Closes one scratch file and frees its place in the table. A null handle is ignored.
+void scratchclose(ScratchFile file);
+// Closes every scratch file. The stop sequence calls it.
+void scratchcloseall();
+
+// Opens a path; never returns on failure: prints the system's words and "Unable to open %s for reading" or "writing",
+// and stops with code 100.
+[[nodiscard]] std::FILE* openfile(const std::string& path, const char* mode);
+
+// Reads exactly `bytes` bytes: 1 on success or for a count of 0, else 0.
+[[nodiscard]] int readchk(void* buffer, std::size_t bytes, std::FILE* stream);
+// Writes exactly `bytes` bytes; failure 5 otherwise.
+void writechk(const void* buffer, std::size_t bytes, std::FILE* stream);
+// Flushes and closes a file that was written; failure 5 when anything could not be written.
+void closechk(std::FILE* stream);
+
+// The packed form of a symmetric matrix: the lower triangle by rows, n(n+1)/2 doubles.
+[[nodiscard]] constexpr std::size_t packedsize(int n) {
+  return static_cast<std::size_t>(n) * (static_cast<std::size_t>(n) + 1) / 2;
+}
+// Packs the lower triangle of the n by n matrix `source` with row stride `ld` through `work` (packedsize(n) doubles)
+// and writes it. Failure 5 when it cannot be written.
+void dwritemat(const double* source, int n, int ld, double* work, std::FILE* stream);
+// Reads a packed matrix into both triangles of `dest` with row stride `ld`. Nothing for n of 0. A short read prints
+// "bad dreadmat" and expands what stands in `work`.
+void dreadmat(int n, double* work, double* dest, std::FILE* stream, int ld);
+
+}  // namespace kdr

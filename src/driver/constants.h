@@ -1,0 +1,23 @@
+// The constants that hold for a whole run.
+#pragma once
+
+namespace kdr {
+
+// The code of a missing value in memory and in the MDM file, compared by exact equality. Also the mark of an absent
+// deviance, of a free element of esttau2 and esttau3, and of a result that could not be computed.
+inline constexpr double missingcode = -1.0e36;
+// Start value of running minima.
+inline constexpr double bigvalue = 1.0e36;
+// The unused slot in the term tables of ModelSpec.
+inline constexpr int noslot = -99;
+
+inline constexpr int maxhypotheses = 128;
+inline constexpr int maxextra = 12;    // exploratory candidates of one coefficient
+inline constexpr int maxline = 16384;  // a text line with its zero
+inline constexpr int maxpath = 260;    // a path with its zero
+inline constexpr int maxtitle = 64;    // a problem title with its zero
+
+inline constexpr const char* version = "7.01";
+inline constexpr const char* module = "KDR3";
+
+}  // namespace kdr

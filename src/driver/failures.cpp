@@ -1,0 +1,234 @@
+#include "driver/failures.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+
+#include "driver/reportstream.h"
+#include "driver/runrecord.h"
+
+namespace kdr {
+
+StopHooks stophooks;
+
+namespace {
+
+enum class Target { console, report };
+
+// One row of the failure table. `lines` are printed in order; a console line carries its own newlines, a report line
+// is led by a reportbreak. The one "%s" of a row takes the text argument, or the module name where `namesmodule` is set
+// and the line is the first.
+struct Failure {
+  int code;
+  Target target;
+  bool namesmodule;
+  const char* lines[12];
+};
+
+constexpr Failure failures[] = {
+    {1, Target::console, false, {" %s is an empty file\n"}},
+    {2, Target::report, false, {" No more level-%s groups left for analysis"}},
+    {3, Target::console, false, {" Out of memory. Please run a smaller problem\n"}},
+    {4, Target::console, false, {" Unexpected end of file on read: %s\n"}},
+    {5, Target::console, false, {" Unable to write. Full disk?\n"}},
+    {6, Target::console, false, {" Unable to open temp file\n"}},
+    {7, Target::console, false, {" Data do not match format at:\n%s\n"}},
+    {8, Target::console, false, {" Error in batch file at line %s\n"}},
+    {9, Target::console, false, {"%s does not exist\n"}},
+    {10, Target::console, false, {"Level 1 variables must be specified in the order given in the mdm file\n"}},
+    {11,
+     Target::report,
+     false,
+     {"There is a problem in the fixed portion of the model.  A near singularity is",
+      "likely.  Possible sources are a collinearity or multicollinearity among the",
+      "predictors.  We suggest that you examine a correlation matrix among the fixed", "effect predictors.\n"}},
+    {12, Target::report, false, {"Matrix %s is not invertible. Unable to continue"}},
+    {13,
+     Target::report,
+     true,
+     {"%s is unable to compute starting values based on the specified model.",
+      "Every level-%s predictor matrix is near singular.", "1) Center one or more level-%s predictors.",
+      "2) One (or more) of the random effects should be either deleted from the model", "   or treated as fixed."}},
+    {14, Target::console, false, {"Unable to get a proper response\n"}},
+    {15,
+     Target::report,
+     true,
+     {"%s is unable to estimate covariance components for the model specified. It is", "likely that either:", "",
+      "    1. one or more of the variance components is very close to zero and the",
+      "       reliability of the associated random effect is also close to zero, or",
+      "    2. there is a collinearity or multicollinearity among the random effects. In",
+      "       this case, the estimated correlations among the random effects would", "       be close to 1.0, or", "",
+      "The model should be respecified.  One (or more) of the random effects must be",
+      "either deleted from the model or treated as fixed."}},
+    {16,
+     Target::report,
+     false,
+     {"There are no degrees of freedom to estimate sigma_squared. Set sigma_squared",
+      "to a constant, or delete one or more of the random effects from the model."}},
+    {17, Target::console, false, {"There are no fixed effects!!\n"}},
+    {18,
+     Target::report,
+     false,
+     {"The level-1 weight matrix is near singular.  You may wish to simplify the model by:",
+      "a) reducing the number of categories;", "b) reducing the number of random effects."}},
+};
+
+// The words of the table hold at most one "%s" a line, so this is the one place that formats by a table entry.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+void printfailure(const Failure& failure, const char* text) {
+  const char* argument = failure.namesmodule ? module : text;
+  for (const char* line : failure.lines) {
+    if (line == nullptr) break;
+    if (failure.target == Target::console) {
+      std::printf(line, argument);
+    } else {
+      if (failure.code != 2) reportbreak();  // failure 2 stands on the line it finds
+      report(line, argument);
+    }
+    argument = text;
+  }
+  if (failure.target == Target::report) reportbreak();
+}
+#pragma GCC diagnostic pop
+
+bool stopping = false;
+
+void waitabit() {
+  if (run.id.waitseconds < 0) return;
+  std::fflush(stdout);
+  const std::time_t start = std::time(nullptr);
+  while (std::time(nullptr) - start <= run.id.waitseconds) {
+    std::timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    const std::timespec rest{0, 1000000000L - now.tv_nsec};
+    nanosleep(&rest, nullptr);
+  }
+}
+
+void closefailedreport() {
+  if (run.report.stream == nullptr || run.pass.linear()) return;
+  cutreport();
+  reporthtml("</body></html>\n");
+}
+
+}  // namespace
+
+void stoprun(int code) {
+  // A failure inside the stop sequence does not start it again: it goes on to the process's end.
+  if (!stopping) {
+    stopping = true;
+    if (code != 0) closefailedreport();
+    if (run.report.stream != nullptr && !reportisstdout()) std::fclose(run.report.stream);
+    run.report.stream = nullptr;
+    if (run.series.mimode && stophooks.closeseries != nullptr) stophooks.closeseries(code);
+    if (stophooks.closescratch != nullptr) stophooks.closescratch();
+    for (const std::string* name : {&run.files.tempname1, &run.files.tempname2, &run.files.tempname3})
+      if (!name->empty()) std::remove(name->c_str());
+    waitabit();
+  }
+  std::fflush(nullptr);
+  std::_Exit(code);
+}
+
+void fail(int code, const char* text) {
+  if (code == 0 || code == 100) {
+    if (*text != '\0') std::printf("%s\n", text);
+    stoprun(code);
+  }
+  for (const Failure& failure : failures)
+    if (failure.code == code) {
+      printfailure(failure, text);
+      stoprun(code);
+    }
+  std::printf("Bad exit code %d\n", code);
+  stoprun(code);
+}
+
+void stopwith(const char* format, ...) {
+  std::va_list arguments;
+  va_start(arguments, format);
+  std::vprintf(format, arguments);
+  va_end(arguments);
+  stoprun(100);
+}
+
+// Signals.
+
+namespace {
+
+volatile std::sig_atomic_t pendingsignal = 0;
+volatile std::sig_atomic_t holding = 0;
+volatile std::sig_atomic_t interruptmark = 0;
+
+void onsignal(int signal) {
+  if (signal == SIGINT && holding) {
+    interruptmark = 1;
+  } else {
+    pendingsignal = signal;
+  }
+}
+
+const char* floatingpointwords(int kind) {
+  switch (kind) {
+    case FPE_FLTINV:
+      return "Invalid floating point number encountered by program.";
+    case FPE_FLTDIV:
+    case FPE_INTDIV:
+      return "Attempted division by zero encountered by program.";
+    case FPE_FLTOVF:
+    case FPE_INTOVF:
+      return "Program encountered floating point overflow.";
+    case FPE_FLTRES:
+      return "Inexact floating point result encountered by program.";
+    default:
+      return "";
+  }
+}
+
+// A trapped instruction cannot be resumed, so this one handler stops the run from within.
+void onfloatingpoint(int, siginfo_t* info, void*) {
+  std::printf("\nError:%s\nNo sense in going on.\n", floatingpointwords(info->si_code));
+  stoprun(100);
+}
+
+}  // namespace
+
+void installhandlers() {
+  struct sigaction action {};
+  action.sa_handler = onsignal;  // no SA_RESTART: a question that waits for its answer returns at once
+  sigemptyset(&action.sa_mask);
+  for (const int signal : {SIGINT, SIGQUIT, SIGTERM, SIGHUP}) sigaction(signal, &action, nullptr);
+  struct sigaction trap {};
+  trap.sa_sigaction = onfloatingpoint;
+  trap.sa_flags = SA_SIGINFO;
+  sigemptyset(&trap.sa_mask);
+  sigaction(SIGFPE, &trap, nullptr);
+}
+
+void checksignals() {
+  if (pendingsignal == 0) return;
+  switch (pendingsignal) {
+    case SIGINT:
+      fail(100, "Program interrupted by Ctrl-C");
+    case SIGQUIT:
+      fail(100, "Program interrupted by Ctrl-Break");
+    default:
+      fail(100, "Program interrupted by termination request");
+  }
+}
+
+void holdinterrupts() {
+  interruptmark = 0;
+  holding = 1;
+}
+void releaseinterrupts() { holding = 0; }
+bool interrupted() { return interruptmark != 0; }
+void clearinterrupt() { interruptmark = 0; }
+
+}  // namespace kdr

@@ -1,0 +1,38 @@
+// How the process ends: the table of numbered failures and the one stop sequence.
+#pragma once
+
+namespace kdr {
+
+// Prints the words of row `code` of the failure table, with `text` for its argument, and runs the stop sequence.
+// Codes 2, 11 to 13, 15, 16 and 18 write to the report, the others to standard output. Code 0 is the normal end and
+// code 100 every stop with words of its own: both print `text`, if not empty, and a newline.
+[[noreturn]] void fail(int code, const char* text = "");
+
+// The stop sequence alone, for callers that print their own words: closes the report, keeps a series consistent,
+// removes every temporary file, waits, and ends the process with `code`.
+[[noreturn]] void stoprun(int code);
+
+// The words of a stop with code 100: printed to standard output as printf does, then the stop sequence.
+[[noreturn]] void stopwith(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+// What higher rooms do at a stop; null while they have nothing to do.
+struct StopHooks {
+  void (*closescratch)() = nullptr;         // closes and deletes every scratch file
+  void (*closeseries)(int code) = nullptr;  // marks or pools the series of a multiple-imputation data set
+};
+extern StopHooks stophooks;
+
+// Installs the handlers of floating-point exceptions, interrupt, break and termination.
+void installhandlers();
+
+// A signal that asked for the end runs the stop sequence here, with the words of its kind. Called at safe points:
+// between blocks of data, between iterations, at questions.
+void checksignals();
+
+// While the estimation iterates, the interrupt key only sets a mark that the loop samples.
+void holdinterrupts();             // from now on the interrupt key sets the mark
+void releaseinterrupts();          // from now on it ends the process again
+[[nodiscard]] bool interrupted();  // the mark; reading does not clear it
+void clearinterrupt();
+
+}  // namespace kdr

@@ -1,0 +1,8 @@
+#include "driver/failures.h"
+#include "driver/runrecord.h"
+
+int main() {
+  kdr::installhandlers();
+  kdr::startrun();
+  kdr::fail(0);
+}

@@ -1,0 +1,79 @@
+#include "driver/names.h"
+
+#include <strings.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cstring>
+
+namespace kdr {
+
+namespace {
+
+constexpr int columns = 12;
+
+char upper(char c) { return static_cast<char>(std::toupper(static_cast<unsigned char>(c))); }
+
+template <class Slot>
+void closeup(Array<Slot>& table, int n, int index) {
+  for (int i = index; i + 1 < n; ++i) table[static_cast<std::size_t>(i)] = table[static_cast<std::size_t>(i) + 1];
+  Slot& last = table[static_cast<std::size_t>(n) - 1];
+  std::memset(last.text, ' ', sizeof last.text - 1);
+  last.text[sizeof last.text - 1] = '\0';
+}
+
+}  // namespace
+
+void padname(char* buffer, int width) {
+  bool ended = false;
+  for (int i = 0; i < columns; ++i) {
+    ended = ended || buffer[i] == '\0';
+    buffer[i] = ended || i >= width ? ' ' : upper(buffer[i]);
+  }
+  buffer[columns] = '\0';
+  if (std::all_of(buffer, buffer + columns, [](char c) { return c == ' '; })) return;
+  while (buffer[width - 1] == ' ') {
+    std::memmove(buffer + 1, buffer, static_cast<std::size_t>(width) - 1);
+    buffer[0] = ' ';
+  }
+}
+
+Name paddedname(std::string_view text, int width) {
+  Name name;
+  std::memset(name.text, ' ', columns);
+  name.text[columns] = '\0';
+  std::memcpy(name.text, text.data(), std::min<std::size_t>(text.size(), columns));
+  padname(name.text, width);
+  return name;
+}
+
+int findname(std::string_view name, const Array<Name>& table, int n) {
+  const Name wanted = paddedname(name);
+  for (int i = 0; i <= n; ++i)
+    if (strncasecmp(wanted.text, table[static_cast<std::size_t>(i)].text, 8) == 0) return i;
+  return -1;
+}
+
+void leftname(char* buffer) {
+  const std::size_t blanks = std::strspn(buffer, " ");
+  if (buffer[blanks] == '\0') return;
+  std::memmove(buffer, buffer + blanks, std::strlen(buffer + blanks) + 1);
+  if (std::strlen(buffer) > 8) buffer[8] = '\0';
+}
+
+std::string leftname(const Name& name) {
+  Name left = name;
+  leftname(left.text);
+  std::string text = left.text;
+  text.erase(text.find_last_not_of(' ') + 1);
+  return text;
+}
+
+int comparename(const Name& a, const Name& b) { return strncasecmp(a.text, b.text, columns); }
+
+bool samename(const Name& a, const Name& b) { return comparename(a, b) == 0; }
+
+void removename(Array<Name>& table, int n, int index) { closeup(table, n, index); }
+void removename(Array<Label>& table, int n, int index) { closeup(table, n, index); }
+
+}  // namespace kdr

@@ -1,0 +1,67 @@
+#include "driver/runrecord.h"
+
+#include <unistd.h>
+
+#include <cstdlib>
+
+namespace kdr {
+
+RunRecord run;
+
+namespace {
+
+// A path in the user's temporary directory that no file has now.
+std::string temporaryname() {
+  const char* directory = std::getenv("TMPDIR");
+  std::string path = directory != nullptr && *directory != '\0' ? directory : "/tmp";
+  path += "/kdr3XXXXXX";
+  const int handle = mkstemp(path.data());
+  if (handle < 0) return {};
+  close(handle);
+  unlink(path.c_str());
+  return path;
+}
+
+}  // namespace
+
+void startrun() {
+  const std::time_t now = std::time(nullptr);
+  localtime_r(&now, &run.id.started);
+  run.files.tempname1 = temporaryname();
+  run.files.tempname2 = temporaryname();
+  run.files.tempname3 = temporaryname();
+}
+
+void allocatemodel() {
+  const MdmData& mdm = run.mdm;
+  const int sets = run.kind.neqsets;
+  ModelSpec& model = run.model;
+  model.use1.reset(sets, 1, mdm.ncol1, 0);
+  model.fixed1.reset(sets, 1, mdm.ncol1, 0);
+  model.terms2.reset(sets, mdm.ncol1, mdm.ncol2, noslot);
+  model.nterms2.reset(sets, 1, mdm.ncol1, 0);
+  model.extra2.reset(sets, mdm.ncol1, maxextra, noslot);
+  model.nextra2.reset(sets, 1, mdm.ncol1, 0);
+  model.fixed2.reset(sets, 1, mdm.maxbeta, 0);
+  model.terms3.reset(sets, mdm.maxbeta, mdm.ncol3, noslot);
+  model.nterms3.reset(sets, 1, mdm.maxbeta, 0);
+  model.extra3.reset(sets, mdm.maxbeta, maxextra, noslot);
+  model.nextra3.reset(sets, 1, mdm.maxbeta, 0);
+
+  const auto width1 = static_cast<std::size_t>(mdm.ncol1);
+  const auto width2 = static_cast<std::size_t>(mdm.ncol2);
+  const auto width3 = static_cast<std::size_t>(mdm.ncol3);
+  model.center1.reset(width1);
+  model.center2.reset(width2);
+  model.center3.reset(width3);
+  model.delete1.reset(static_cast<std::size_t>(mdm.nvar1));
+  model.res1vars1.reset(width1);
+  model.res1vars2.reset(width2);
+  model.res1vars3.reset(width3);
+  model.res2vars2.reset(width2);
+  model.res2vars3.reset(width3);
+  model.res3vars3.reset(width3);
+  model.hypothesisrows.reset(maxhypotheses);
+}
+
+}  // namespace kdr
