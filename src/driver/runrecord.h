@@ -187,6 +187,13 @@ struct Estimates {
   Array<double> vgammaweighted;  // covariance of a weighted run, a true covariance
 };
 
+// Design weights and known variances, one entry per level-1 record, level-2 unit and level-3 unit in file order.
+struct DesignWeights {
+  Array<double> weight1;  // empty unless the run is weighted
+  Array<double> weight2;
+  Array<double> weight3;
+};
+
 // Where the estimation stands; read by the report and by the phases of a non-linear run.
 struct PassFlags {
   bool nlrun = false;        // under way as a Bernoulli, binomial or Poisson run
@@ -216,6 +223,7 @@ struct RunRecord {
   Symbols sym;
   ReportStream report;
   Estimates est;
+  DesignWeights weights;
   PassFlags pass;
 };
 
