@@ -28,77 +28,96 @@ class Scratch {
 // Start of row i in a packed lower triangle.
 constexpr Index packedrow(Index i) { return i * (i + 1) / 2; }
 
-// Product and logarithms of the pivots.
-struct Pivots {
-  double det, logdet = 0.0, flag = 0.0;
-
-  void note(double d) {
-    if (d > 0.0)
-      logdet += std::log(d);
-    else
-      flag = 1.0;
-  }
+// Determinant, and the number of pivots taken before one was 0.0.
+struct Elimination {
+  double det;
+  Index pivots;
 };
 
-// Replaces the packed lower triangle b of a symmetric matrix by its inverse, with v as n doubles of scratch. N is the
-// order, or 0 when it is only known at run time; both run the same operations in the same order.
+// Replaces the packed lower triangle b of a symmetric matrix by its inverse, and leaves the pivots in `pivot`. v is n
+// doubles of scratch. N is the order, or 0 when it is only known at run time; both run the same operations in the same
+// order. The loops are unrolled so that small fixed orders end up in registers.
 // With B the inverse of the leading k by k block, x the first k entries of row k, v = -B x and d = a[k][k] + v'x:
 //   new inverse = [B + v v'/d, v/d; v'/d, 1/d],   determinant *= d.
 template <int N>
-inline Pivots invertpacked(int order, double* b, double* v) {
+inline Elimination invertpacked(int order, double* b, double* v, double* pivot) {
   const Index n = N > 0 ? N : order;
-  double d = b[0];
-  Pivots pivots{d};
-  if (d == 0.0) return pivots;
-  pivots.note(d);
-  b[0] = 1.0 / d;
+  Elimination result{b[0], 0};
+  if (b[0] == 0.0) return result;
+  pivot[0] = b[0];
+  result.pivots = 1;
+  b[0] = 1.0 / b[0];
+#pragma GCC unroll 4
   for (Index k = 1; k < n; ++k) {
     double* const row = b + packedrow(k);
-    d = row[k];
+    double d = row[k];
+#pragma GCC unroll 4
     for (Index i = 0; i < k; ++i) {
       double s = 0.0;
+#pragma GCC unroll 4
       for (Index j = 0; j <= i; ++j) s += b[packedrow(i) + j] * row[j];
+#pragma GCC unroll 4
       for (Index j = i + 1; j < k; ++j) s += b[packedrow(j) + i] * row[j];
       v[i] = -s;
       d -= s * row[i];
     }
     if (d == 0.0) {
-      pivots.det = 0.0;
-      return pivots;
+      result.det = 0.0;
+      return result;
     }
-    const double previous = pivots.det;
-    pivots.det = d * previous;
-    pivots.note(d);
-    if (pivots.det == 0.0) pivots.det = previous;
+    pivot[k] = d;
+    ++result.pivots;
+    if (const double det = d * result.det; det != 0.0) result.det = det;  // a product that underflows is not taken
 
-    const double r = 1.0 / d;
-    row[k] = r;
+    row[k] = 1.0 / d;
+#pragma GCC unroll 4
     for (Index i = 0; i < k; ++i) row[i] = v[i] / d;
+#pragma GCC unroll 4
     for (Index j = 0; j < k; ++j)
+#pragma GCC unroll 4
       for (Index i = 0; i <= j; ++i) b[packedrow(j) + i] += v[j] * row[i];
   }
-  return pivots;
+  return result;
 }
 
-// Copies the lower triangle into b, inverts it there, and expands it into both triangles of inv.
+// Copies the lower triangle into b, inverts it there, and expands it into both triangles of inv. v is 2n doubles.
+// The logarithms come last, so that no call interrupts the elimination.
 template <int N>
 inline int invert(int order, const double* a, Index ld, double* inv, Index ldinv, double* b, double* v, double* work) {
   const Index n = N > 0 ? N : order;
+#pragma GCC unroll 4
   for (Index i = 0; i < n; ++i)
+#pragma GCC unroll 4
     for (Index j = 0; j <= i; ++j) b[packedrow(i) + j] = a[i * ld + j];
-  const Pivots pivots = invertpacked<N>(order, b, v);
+  double* const pivot = v + n;
+  const Elimination result = invertpacked<N>(order, b, v, pivot);
+#pragma GCC unroll 4
   for (Index i = 0; i < n; ++i)
+#pragma GCC unroll 4
     for (Index j = 0; j <= i; ++j) inv[i * ldinv + j] = inv[j * ldinv + i] = b[packedrow(i) + j];
-  work[0] = pivots.det;
-  work[1] = pivots.logdet;
-  work[2] = pivots.flag;
-  return pivots.det == 0.0 ? 1 : pivots.det < 0.0 ? 2 : 0;
+
+  double logdet = 0.0, flag = 0.0;
+  for (Index k = 0; k < result.pivots; ++k)
+    if (pivot[k] > 0.0)
+      logdet += std::log(pivot[k]);
+    else
+      flag = 1.0;
+  work[0] = result.det;
+  work[1] = logdet;
+  work[2] = flag;
+  return result.det == 0.0 ? 1 : result.det < 0.0 ? 2 : 0;
 }
 
+// Kept apart from each other: together in one function they would share the largest frame.
 template <int N>
-int invertfixed(const double* a, Index ld, double* inv, Index ldinv, double* work) {
-  double b[packedrow(N)], v[N];
+[[gnu::noinline]] int invertfixed(const double* a, Index ld, double* inv, Index ldinv, double* work) {
+  double b[packedrow(N)], v[2 * N];
   return invert<N>(N, a, ld, inv, ldinv, b, v, work);
+}
+
+[[gnu::noinline]] int invertgeneral(int n, const double* a, Index ld, double* inv, Index ldinv, double* work) {
+  Scratch<64> v(2 * static_cast<std::size_t>(n));
+  return invert<0>(n, a, ld, inv, ldinv, work, v.data(), work);
 }
 
 // Reduces the dense symmetric n by n matrix A to tridiagonal form by Householder reflections: the diagonal into d,
@@ -204,16 +223,15 @@ int syminverse(int n, const double* a, int ld, double* inv, int ldinv, double* w
       return invertfixed<3>(a, ld, inv, ldinv, work);
     case 4:
       return invertfixed<4>(a, ld, inv, ldinv, work);
+    case 5:
+      return invertfixed<5>(a, ld, inv, ldinv, work);
     default:
       break;
   }
-  if (n < 1) {  // the empty product
-    work[0] = 1.0;
-    work[1] = work[2] = 0.0;
-    return 0;
-  }
-  Scratch<32> v(static_cast<std::size_t>(n));
-  return invert<0>(n, a, ld, inv, ldinv, work, v.data(), work);
+  if (n > 0) return invertgeneral(n, a, ld, inv, ldinv, work);
+  work[0] = 1.0;  // the empty product
+  work[1] = work[2] = 0.0;
+  return 0;
 }
 
 bool hasunitcorrelation(int n, const double* a, int ld) {
