@@ -196,16 +196,19 @@ void qrstep(Index first, Index last, double* d, double* e) {
 
 // Turns the diagonal d of the tridiagonal matrix (d, e) into its eigenvalues. False when the sweeps run out.
 bool diagonalise(Index n, double* d, double* e) {
-  constexpr double small = 1.19209289e-07;
+  // A NaN beside e[i] fails the comparison even when e[i] is 0.0, so that the sweeps run out.
+  const auto negligible = [d, e](Index i) {
+    return std::fabs(e[i]) <= 1.19209289e-07 * (std::fabs(d[i]) + std::fabs(d[i + 1]));
+  };
   const Index sweeps = std::max<Index>(n * n, 50);
   for (Index sweep = 0; sweep < sweeps; ++sweep) {
     for (Index i = n - 2; i >= 0; --i)
-      if (std::fabs(e[i]) <= small * (std::fabs(d[i]) + std::fabs(d[i + 1]))) e[i] = 0.0;
+      if (negligible(i)) e[i] = 0.0;
     Index last = n - 1;
-    while (last > 0 && e[last - 1] == 0.0) --last;
+    while (last > 0 && negligible(last - 1)) --last;
     if (last == 0) return true;
     Index first = last - 1;
-    while (first > 0 && e[first - 1] != 0.0) --first;
+    while (first > 0 && !negligible(first - 1)) --first;
     qrstep(first, last, d, e);
   }
   return false;

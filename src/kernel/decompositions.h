@@ -12,7 +12,7 @@ namespace kdr {
 // Returns 0 when the determinant is positive, 1 when it is 0 (some leading block is singular), 2 when it is negative.
 // A product of pivots that underflows doesn't count as 0: the determinant then keeps the value that it had before.
 // Allocates for orders above 32 only; exhausted memory is failure 3.
-[[nodiscard]] int syminverse(int n, const double* a, int ld, double* inv, int ldinv, double* work);
+int syminverse(int n, const double* a, int ld, double* inv, int ldinv, double* work);
 
 // True when the correlation of some pair i != j is 1 or more in absolute value, or undefined because the product of
 // the two variances is 0.0.
@@ -24,12 +24,12 @@ namespace kdr {
 // or the eigenvalues could not be found; for an order of 1 it gets the element itself.
 // Householder reduction and implicit QR with the Wilkinson shift (Golub and Van Loan, Matrix Computations, 8.3).
 // Allocates for orders above 8 only; exhausted memory is failure 3.
-[[nodiscard]] bool ispositivedefinite(int n, const double* a, int ld, double* cond);
+bool ispositivedefinite(int n, const double* a, int ld, double* cond);
 
 // True when a is not usable as a covariance matrix: a negative diagonal entry, a unit correlation, or not positive
 // definite. cond as for ispositivedefinite, or bigvalue when an earlier test has failed. Whether the condition number
 // is too large is for the caller to say.
-[[nodiscard]] bool isbadcov(int n, const double* a, int ld, double* cond);
+bool isbadcov(int n, const double* a, int ld, double* cond);
 
 // The determinant of the n by n matrix a, by Gaussian elimination with row pivoting. work, n by n doubles, receives the
 // upper triangular factor. A column without a non-zero pivot gives 0 or a non-finite value.
