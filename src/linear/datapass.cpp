@@ -2,13 +2,13 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 
 #include "data/unitreader.h"
 #include "driver/failures.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
 #include "kernel/decompositions.h"
+#include "linear/deletion.h"
 
 namespace kdr {
 
@@ -23,6 +23,7 @@ struct UnitWork {
   Array<double> mean2;   // [nvar2] means of the level-2 variables over the level-3 unit
   Array<double> x;       // [npi + 1] one record: the columns of A, then Y
   Array<double> AA;      // (npi + 1) squared, lower triangle: A'A, then the row Y'A and Y'Y
+  Array<double> AA2;  // the same with every row times its factor once more; weighted runs only
   Array<double> level2;  // [nvar2] the level-2 row after centering
   Array<double> w2;      // [nbeta] the numbers in W2: column b of B is w2[b] times column owner2[b] of A
   Array<double> Z1Z1, inverse, work;
@@ -42,6 +43,7 @@ UnitWork makework(const Pass& pass) {
   work.mean2.reset(at(run.mdm.nvar2));
   work.x.reset(at(pass.npi) + 1);
   work.AA.reset((at(pass.npi) + 1) * (at(pass.npi) + 1));
+  if (run.kind.weighted) work.AA2.reset(work.AA.size());
   work.level2.reset(at(run.mdm.nvar2));
   work.w2.reset(at(pass.nbeta));
   work.Z1Z1.reset(at(pass.p) * at(pass.p));
@@ -52,19 +54,6 @@ UnitWork makework(const Pass& pass) {
   const Array<int>& marks = run.model.delete1;
   work.deleting = !run.mdm.deletednow && std::any_of(marks.begin(), marks.end(), [](int mark) { return mark != 0; });
   return work;
-}
-
-// Removes the records that lack a value in a marked variable, from the last to the first.
-void deleterecords(UnitBlock& unit) {
-  const auto width = at(run.mdm.nvar1);
-  for (int i = unit.nj - 1; i >= 0; --i) {
-    const double* record = unit.records.data() + at(i) * width;
-    bool missing = false;
-    for (std::size_t v = 0; v < width; ++v) missing = missing || (run.model.delete1[v] && record[v] == missingcode);
-    if (!missing) continue;
-    std::memmove(unit.records.data() + at(i) * width, record + width, at(unit.nj - 1 - i) * width * sizeof(double));
-    --unit.nj;
-  }
 }
 
 // Unit means over the non-missing values of the records that remain.
@@ -151,6 +140,9 @@ void addrecords(UnitWork& work, const UnitBlock& unit, std::size_t firstrecord) 
     if (factors) {
       const double factor = recordfactor(firstrecord + at(i), values);
       for (int c = 0; c < n; ++c) x[c] *= factor;
+      if (run.kind.weighted)
+        for (int c = 0; c < n; ++c)
+          for (int d = 0; d <= c; ++d) work.AA2[at(c * n + d)] += factor * factor * x[c] * x[d];
     }
     for (int c = 0; c < n; ++c)
       for (int d = 0; d <= c; ++d) AA[c * n + d] += x[c] * x[d];
@@ -159,6 +151,7 @@ void addrecords(UnitWork& work, const UnitBlock& unit, std::size_t firstrecord) 
 
 void unitproducts(UnitWork& work, const UnitBlock& unit, std::size_t firstrecord) {
   work.AA.fill(0.0);
+  work.AA2.fill(0.0);
   switch (work.x.size()) {
     case 2:
       return addrecords<2>(work, unit, firstrecord);
@@ -173,11 +166,13 @@ void unitproducts(UnitWork& work, const UnitBlock& unit, std::size_t firstrecord
   }
 }
 
-// Element (c, d) of A'A, of Y'A in row npi, from the lower triangle.
-double product(const UnitWork& work, int c, int d) {
+// Element (c, d) of a lower triangle of the unit's products.
+double element(const UnitWork& work, const Array<double>& products, int c, int d) {
   const auto n = work.x.size();
-  return c >= d ? work.AA[at(c) * n + at(d)] : work.AA[at(d) * n + at(c)];
+  return c >= d ? products[at(c) * n + at(d)] : products[at(d) * n + at(c)];
 }
+// Element (c, d) of A'A, of Y'A in row npi.
+double product(const UnitWork& work, int c, int d) { return element(work, work.AA, c, d); }
 
 // B'B, B'Y and Y'Y of the unit into the sums of level-3 unit k.
 void addtolevel3(Pass& pass, const UnitWork& work, int k) {
@@ -204,6 +199,28 @@ void fillhot(const Pass& pass, const UnitWork& work, double scale2, double* hot)
     for (int m = 0; m < pass.nbeta; ++m)
       hot[store.atBZ1 + at(m * pass.p + i)] = work.w2[at(m)] * product(work, pass.design.owner2[at(m)], c) * scale2;
   }
+}
+
+// What the weighted covariance needs of the unit: B2'B2 into the sum of k, B2'Z12 and Z12'Z12 into its record, with B2
+// and Z12 the columns of B and Z1 whose rows carry their factor once more.
+void fillweighted(Pass& pass, const UnitWork& work, int k, double weight2) {
+  const double scale2 = 1.0 / std::sqrt(weight2);
+  double* BB2 = Pass::row(pass.sumBB2, k, pass.nbeta * pass.nbeta);
+  double* record = appendrecord(pass.store.weighted);
+  record[0] = weight2;
+  double* Z1Z1 = record + 1;
+  double* BZ1 = Z1Z1 + packedsize(pass.p);
+  for (int m = 0; m < pass.nbeta; ++m) {
+    const int c = pass.design.owner2[at(m)];
+    for (int n = 0; n < pass.nbeta; ++n)
+      BB2[m * pass.nbeta + n] +=
+          work.w2[at(m)] * work.w2[at(n)] * element(work, work.AA2, c, pass.design.owner2[at(n)]);
+    for (int i = 0; i < pass.p; ++i)
+      BZ1[m * pass.p + i] = scale2 * work.w2[at(m)] * element(work, work.AA2, c, pass.design.random1[at(i)]);
+  }
+  for (int i = 0; i < pass.p; ++i)
+    for (int j = 0; j <= i; ++j)
+      *Z1Z1++ = scale2 * scale2 * element(work, work.AA2, pass.design.random1[at(i)], pass.design.random1[at(j)]);
 }
 
 // The inverse of Z1'Z1, with missingcode at its head when the unit has no least-squares fit of its own.
@@ -259,6 +276,7 @@ void allocatesums(Pass& pass) {
   pass.sumYY.reset(units);
   pass.sumBB.reset(units * at(pass.nbeta) * at(pass.nbeta));
   pass.sumBY.reset(units * at(pass.nbeta));
+  if (run.kind.weighted) pass.sumBB2.reset(pass.sumBB.size());
   pass.scale3.reset(units);
   for (int k = 0; k < run.mdm.nunits3; ++k)
     pass.scale3[at(k)] = run.kind.weighted ? 1.0 / std::sqrt(run.weights.weight3[at(k)]) : 1.0;
@@ -267,7 +285,7 @@ void allocatesums(Pass& pass) {
     return std::any_of(counts.cells.begin(), counts.cells.end(), [](int n) { return n != 0; });
   };
   openstore(pass.store, pass.p, pass.nbeta, at(run.mdm.nunits2), run.mdm.nvar2, residuals || run.pass.nlrun,
-            residuals || !run.pass.linear() || anyextra(run.model.nextra2));
+            residuals || !run.pass.linear() || anyextra(run.model.nextra2), run.kind.weighted);
 }
 
 }  // namespace
@@ -307,6 +325,7 @@ void datapass(Pass& pass) {
     double* hot = appendrecord(pass.store.hot);
     fillhot(pass, work, run.kind.weighted ? 1.0 / std::sqrt(run.weights.weight2[units]) : 1.0, hot);
     fillcold(pass, work, unit, hot, appendrecord(pass.store.cold));
+    if (run.kind.weighted) fillweighted(pass, work, k, run.weights.weight2[units]);
     records += at(unit.nj);
     ++units;
   }

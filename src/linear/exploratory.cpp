@@ -87,8 +87,8 @@ Products level3products(const Pass& pass) {
   return products;
 }
 
-// Residual c on predictor x (from 0). At level 2 the residual variance is that left by the fit; at level 3 it is that of
-// the residuals themselves.
+// Residual c on predictor x (from 0). At level 2 the residual variance is that left by the fit; at level 3 it is that
+// of the residuals themselves.
 Regression regress(const Products& products, int level, int c, int x, int units) {
   Regression fit;
   const double ssx = products.ssx[at(x)];
@@ -130,7 +130,9 @@ void blockrow(Row row, const Regression* fits, int n) {
   reporthtml("<tr><td %s>%s</td>", styleplain, htmlwords[static_cast<int>(row)]);
   for (int i = 0; i < n; ++i) {
     const bool nc = fits[i].coefficient == missingcode;
-    const double value = row == Row::coefficient ? fits[i].coefficient : row == Row::error ? fits[i].error : fits[i].t();
+    const double value = row == Row::coefficient ? fits[i].coefficient
+                         : row == Row::error     ? fits[i].error
+                                                 : fits[i].t();
     if (nc && row == Row::coefficient) {
       reporttext("   NC    ");
       reporthtml("<td align=right %s>NC</td>", styleplain);
@@ -177,9 +179,7 @@ int level1coefficients(int set) {
   return static_cast<int>(std::count(use, use + run.mdm.ncol1, 1));
 }
 
-int most(const IntTable& counts) {
-  return *std::max_element(counts.cells.begin(), counts.cells.end());
-}
+int most(const IntTable& counts) { return *std::max_element(counts.cells.begin(), counts.cells.end()); }
 
 void level2analysis(Pass& pass) {
   constexpr int perblock = 6;
@@ -238,8 +238,8 @@ void level3analysis(const Pass& pass) {
             const char* second = run.coef.betanames2[at(r)].text;
             reporttext("\n%8.8s/%8.8s, %s%d%d\n", first, second, run.sym.sym2.c_str(), run.coef.betasubs1[at(r)],
                        run.coef.betasubs2[at(r)]);
-            reporthtml("<tr><td %s>%.8s/%.8s,%s<sub><small><i>%d%d</i></small></sub></td></tr>", styleplain, first, second,
-                       run.sym.sym2.c_str(), run.coef.betasubs1[at(r)], run.coef.betasubs2[at(r)]);
+            reporthtml("<tr><td %s>%.8s/%.8s,%s<sub><small><i>%d%d</i></small></sub></td></tr>", styleplain, first,
+                       second, run.sym.sym2.c_str(), run.coef.betasubs1[at(r)], run.coef.betasubs2[at(r)]);
           });
         ++r;
       }

@@ -76,8 +76,10 @@ void readstartvalues() {
   expectmarker(file, "#GAMMA", "gamma values must be preceded with a line #GAMMA\n");
   for (int i = 0; i < run.coef.ngamma; ++i) {
     if (!readline(file, line))
-      stopwith("There are not enough lines in the starting value file: %s\nThere should be %d lines after the #GAMMA line.\n",
-               run.files.startvals.c_str(), run.coef.ngamma);
+      stopwith(
+          "There are not enough lines in the starting value file: %s\nThere should be %d lines after the #GAMMA "
+          "line.\n",
+          run.files.startvals.c_str(), run.coef.ngamma);
     run.est.gammahat[at(i)] = std::atof(line.c_str());
   }
   std::fclose(file);

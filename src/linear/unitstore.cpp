@@ -37,7 +37,8 @@ void flushappended(RecordStream& stream) {
 
 }  // namespace
 
-void openstore(UnitStore& store, int p, int nb, std::size_t nunits, int nvar2, bool withid, bool withlevel2) {
+void openstore(UnitStore& store, int p, int nb, std::size_t nunits, int nvar2, bool withid, bool withlevel2,
+               bool weighted) {
   store.p = p;
   store.nb = nb;
   store.nunits = nunits;
@@ -55,10 +56,14 @@ void openstore(UnitStore& store, int p, int nb, std::size_t nunits, int nvar2, b
   store.atlevel2 = store.atid + (withid ? 2 : 0);
   store.cold.stride = store.atlevel2 + (withlevel2 ? static_cast<std::size_t>(nvar2) : 0);
 
-  const std::size_t bytes = nunits * (store.hot.stride + store.cold.stride) * sizeof(double);
+  store.weighted.stride = 1 + triangle + static_cast<std::size_t>(nb) * static_cast<std::size_t>(p);
+
+  const std::size_t doubles = store.hot.stride + store.cold.stride + (weighted ? store.weighted.stride : 0);
+  const std::size_t bytes = nunits * doubles * sizeof(double);
   const bool resident = run.id.inmemory || bytes <= unitstorebudget;
   openstream(store.hot, nunits, resident);
   openstream(store.cold, nunits, resident);
+  if (weighted) openstream(store.weighted, nunits, resident);
 }
 
 double* appendrecord(RecordStream& stream) {
@@ -70,8 +75,8 @@ double* appendrecord(RecordStream& stream) {
 
 void closestore(UnitStore& store, const Array<int>& n2of) {
   std::size_t limit = store.nunits;
-  for (RecordStream* stream : {&store.hot, &store.cold})
-    if (!stream->resident) {
+  for (RecordStream* stream : {&store.hot, &store.cold, &store.weighted})
+    if (stream->file != nullptr) {
       flushappended(*stream);
       stream->first = stream->held = 0;
       limit = std::min(limit, unitwindowbytes / (stream->stride * sizeof(double)));
@@ -95,7 +100,7 @@ void closestore(UnitStore& store, const Array<int>& n2of) {
 }
 
 void freestore(UnitStore& store) {
-  for (RecordStream* stream : {&store.hot, &store.cold}) {
+  for (RecordStream* stream : {&store.hot, &store.cold, &store.weighted}) {
     scratchclose(stream->file);
     *stream = RecordStream{};
   }

@@ -1,9 +1,13 @@
 // The store of the level-2 units: what is left of a unit's records once the data pass is over.
 //
-// Two streams of records of one stride each, one record per level-2 unit in file order:
+// Streams of records of one stride each, one record per level-2 unit in file order:
 //
 //   hot    read by every iteration    Z1'Z1 packed, Z1'Y, B'Z1, then C^-1 packed and u*, which the iterations rewrite
 //   cold   read once or twice a run   n_j, the inverse of Z1'Z1 packed, the level-2 identifier, the level-2 row
+//
+// and in a weighted run a third:
+//
+//   weighted   read once a run        W(j|k), Z12'Z12 packed and B2'Z12, rows with their factor once more
 //
 // with B = A W2, the level-1 predictors times the unit's level-2 design (n_j by nbeta). Neither M'Z1 nor Z2'Z1 is
 // stored: M = B W3, so M'Z1 = W3' B'Z1, and Z2'Z1 is the first rows of B'Z1, those random at level 3. An iteration so
@@ -54,13 +58,14 @@ struct UnitStore {
   std::size_t atinverse = 0, atid = 0, atlevel2 = 0;
   bool haslevel2 = false, hasid = false;
 
-  RecordStream hot, cold;
+  RecordStream hot, cold, weighted;
   Array<UnitWindow> windows;
 };
 
 // Lays the store out for `nunits` level-2 units and opens it for appending. `withid` and `withlevel2` say whether a
 // later reader needs the identifier and the level-2 row of a unit.
-void openstore(UnitStore& store, int p, int nb, std::size_t nunits, int nvar2, bool withid, bool withlevel2);
+void openstore(UnitStore& store, int p, int nb, std::size_t nunits, int nvar2, bool withid, bool withlevel2,
+               bool weighted);
 // The next record to fill, zeroed.
 [[nodiscard]] double* appendrecord(RecordStream& stream);
 // Ends the appending and cuts the units into windows; n2of[k] is the number of level-2 units of level-3 unit k.
