@@ -62,6 +62,7 @@ struct MdmData {
   Array<Name> names1, names2, names3;         // nvarL + 1 slots; slot 0 is the intercept
   int nunits1 = 0, nunits2 = 0, nunits3 = 0;  // level-1 records, level-2 units, level-3 units in the analysis
   int numl1rec = 0;                           // level-1 records that the file holds
+  int numl2rec = 0, numl3rec = 0;             // level-2 blocks and level-3 rows that the file holds
   int mdmtype = 0;          // 0 ordinary, 1 and 3 measurement model at level 1, 2 growth: picks the report's symbols
   int rawdattype = 0;       // 2 ASCII, 3 SYSTAT, 5 SAS transport, 6 SPSS, 8 Stata, 9 other
   bool numericids = false;  // IDs are doubles, else 13-byte texts
