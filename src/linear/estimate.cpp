@@ -9,11 +9,15 @@
 #include "kernel/decompositions.h"
 #include "kernel/products.h"
 #include "linear/datapass.h"
+#include "linear/exploratory.h"
 #include "linear/fixtau.h"
+#include "linear/heterogeneous.h"
 #include "linear/inference.h"
 #include "linear/iteration.h"
 #include "linear/startingvalues.h"
+#include "linear/startvaluesfile.h"
 #include "linear/variancefiles.h"
+#include "linear/weightedcovariance.h"
 #include "report/degreesoffreedom.h"
 #include "report/fixedtable.h"
 #include "report/hypotheses.h"
@@ -29,8 +33,8 @@ std::size_t square(int n) { return at(n) * at(n); }
 
 // A section heading: text over a rule of its length, or <h3>.
 void sectionheading(const char* text, const char* html, int rule) {
-  report2("\n %s\n", "<h3>", text);
-  reporthtml("%s</h3>\n", html);
+  reporttext("\n %s\n", text);
+  reporthtml("<h3>%s</h3>\n", html);
   reportrule(rule);
 }
 
@@ -98,26 +102,36 @@ void settlestart(Array<double>& t, int n, const Array<double>& moments, int& cod
   }
 }
 
-// Phase 5: starting values.
+// Phase 5: starting values, from the file of STARTVALS: when there is one, else from moments.
 void startingvalues(Pass& pass) {
-  StartMoments moments;
-  leastsquarestart(pass, moments);
+  StartMoments moments{Array<double>(square(pass.p)), Array<double>(square(pass.b))};
+  const bool fromfile = havestartvalues();
+  if (fromfile) {
+    readstartvalues();
+    if (run.iter.fixsigma2 != 0.0) run.est.sigma2 = run.iter.fixsigma2;
+    pass.nusable1 = run.mdm.nunits1;
+    pass.nusable2 = run.mdm.nunits2;
+    pass.nusable3 = run.mdm.nunits3;
+  } else {
+    leastsquarestart(pass, moments);
+  }
   applytaupi(run.est.taupi.data());
-  report2(" For starting values, data from %d level-1 and %d level-2 records were used\n",
-          "For starting values, data from %d level-1 and %d level-2 records were used", pass.nusable1, pass.nusable2);
-  reportbreak();
+  if (!fromfile)
+    report2(" For starting values, data from %d level-1 and %d level-2 records were used\n\n",
+            "For starting values, data from %d level-1 and %d level-2 records were used<br>\n", pass.nusable1,
+            pass.nusable2);
   if (run.out.fulloutput) {
     sectionheading("STARTING VALUES", "Starting Values", 15);
     report(" %s(0) = %12.5f\n\n", run.sym.symvar1.c_str(), run.est.sigma2);
     taupitable(MatrixTitle::plain, true, pass.p, run.est.taupi.data());
   }
   settlestart(run.est.taupi, pass.p, moments.taupi, run.iter.fixtau2, TauStage::pi);
-  starttaubeta(pass, moments);
+  if (!fromfile) starttaubeta(pass, moments);
   if (run.out.fulloutput) taubetatable(MatrixTitle::plain, true, pass.b, run.est.taubeta.data());
   settlestart(run.est.taubeta, pass.b, moments.taubeta, run.iter.fixtau3, TauStage::beta);
 }
 
-// Phase 6: the stages of iteration. An ordinary run has an empty heterogeneous stage first.
+// Phase 6: what both stages of iteration share.
 void beginiterations(Pass& pass, IterationState& state) {
   std::fflush(run.report.stream);
   if (!reportisstdout()) {
@@ -130,20 +144,26 @@ void beginiterations(Pass& pass, IterationState& state) {
   startiterations(pass, state);
 }
 
+// Phase 6 with a taupi for every level-3 unit: HETIT: iterations and their results.
+void heterogeneousstage(Pass& pass, IterationState& state, const FixedDegrees& degrees) {
+  startheterogeneous(pass, state);
+  state.hetstate = 1;
+  state.limit = run.iter.hetit;
+  iterate(pass, state);
+  heterogeneousresults(pass, state, degrees);
+  state.hettaupi = Array<double>();
+  run.pass.stopflag = 0;
+}
+
 // Phase 7: results of the ordinary stage.
 void stageresults(Pass& pass, IterationState& state, const FixedDegrees& degrees) {
-  const int g = pass.g;
-  Estimates& est = run.est;
-  fixedtable(degrees, TableKind::estimates, est.vgamma.data(), est.gammahat.data(), g, est.sigma2);
-  ratiotable(degrees, TableKind::estimates, est.vgamma.data(), est.gammahat.data(), g, est.sigma2);
-  if (run.model.nhypotheses) {
-    Array<double> covariance = est.vgamma.copy();
-    for (double& v : covariance) v *= est.sigma2;
-    hypothesistest(g, est.gammahat.data(), covariance.data(), g);
-  }
+  const Estimates& est = run.est;
+  if (run.kind.weighted) weightedcovariance(pass);
+  reportfixedeffects(pass, degrees);
   robustcovariance(pass, degrees, false);
+  if (run.out.printvc != 0) writegammafile("gamvcr.dat", est.vgammarobust, est.sigma2);
+  if (!run.files.startvals.empty()) writestartvalues();
   if (run.out.printvc != 0) {
-    writegammafile("gamvcr.dat", est.vgammarobust, est.vgammarobust[0] == missingcode ? 1.0 : est.sigma2);
     writetaufile("tauvc.dat", pass, state.fisher, true);
     writegammafile("gamvc.dat", est.vgamma, est.sigma2);
   }
@@ -165,13 +185,17 @@ void estimate() {
 
   beginiterations(pass, state);
   holdinterrupts();
-  state.hetstate = 2;
-  state.limit = run.iter.numit;
-  iterate(pass, state);
+  if (run.iter.hetit != 0) heterogeneousstage(pass, state, degrees);
+  if (run.iter.numit != 0) {
+    state.hetstate = 2;
+    state.limit = run.iter.numit;
+    iterate(pass, state);
+    stageresults(pass, state, degrees);
+  }
   releaseinterrupts();
-  stageresults(pass, state, degrees);
 
   modelstatistics(state.likelihood.current, state.hetstate);
+  if (haveexploratory()) exploratory(pass);
   if (run.out.printvc != 0) listvariancefiles();
   freestore(pass.store);
 }

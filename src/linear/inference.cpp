@@ -166,6 +166,16 @@ void variancetesttables(const Pass& pass, const VarianceTests& tests) {
   if (tests.nstat3 != run.mdm.nunits3) partialdatanote("chi-square statistics", tests.nstat3, run.mdm.nunits3);
 }
 
+void reportfixedeffects(const Pass& pass, const FixedDegrees& degrees) {
+  const Estimates& est = run.est;
+  const int g = pass.g;
+  Array<double> covariance = run.kind.weighted ? est.vgammaweighted.copy() : est.vgamma.copy();
+  if (!run.kind.weighted) scale(covariance.data(), g, g, g, est.sigma2);
+  fixedtable(degrees, TableKind::estimates, covariance.data(), est.gammahat.data(), g, 1.0);
+  if (!run.pass.nlfirstpass) ratiotable(degrees, TableKind::estimates, covariance.data(), est.gammahat.data(), g, 1.0);
+  if (run.model.nhypotheses) hypothesistest(g, est.gammahat.data(), covariance.data(), g);
+}
+
 namespace {
 
 // The sum over the level-3 units of e e', e = M'(Y - M gamma) by least squares, or M'(Y - M gamma - Z1 u - Z2 v) /
