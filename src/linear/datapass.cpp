@@ -23,7 +23,7 @@ struct UnitWork {
   Array<double> mean2;   // [nvar2] means of the level-2 variables over the level-3 unit
   Array<double> x;       // [npi + 1] one record: the columns of A, then Y
   Array<double> AA;      // (npi + 1) squared, lower triangle: A'A, then the row Y'A and Y'Y
-  Array<double> AA2;  // the same with every row times its factor once more; weighted runs only
+  Array<double> AA2;     // the same with every row times its factor once more; weighted runs only
   Array<double> level2;  // [nvar2] the level-2 row after centering
   Array<double> w2;      // [nbeta] the numbers in W2: column b of B is w2[b] times column owner2[b] of A
   Array<double> Z1Z1, inverse, work;

@@ -53,7 +53,7 @@ struct Pass {
   Array<double> sumYY;    // Y'Y
   Array<double> sumBB;    // nbeta squared, B'B
   Array<double> sumBY;    // [nbeta], B'Y
-  Array<double> sumBB2;  // weighted runs: B2'B2, the rows of B with their factor once more
+  Array<double> sumBB2;   // weighted runs: B2'B2, the rows of B with their factor once more
   Array<double> scale3;   // factor of the columns of Z2: 1.0, in a weighted run 1/sqrt of the unit's weight
 
   // Of the iteration.

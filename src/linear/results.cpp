@@ -104,7 +104,8 @@ void iterationresults(Pass& pass, IterationState& state, int iteration) {
   const bool tables = shown && run.pass.paphase == 0;
   const bool ordinary = state.hetstate == 2;
   if (shown) sigma2lines(errors);
-  if (tables) {
+  // The heterogeneous stage has no one taupi; its results follow with the mean over the level-3 units.
+  if (tables && ordinary) {
     taupitable(MatrixTitle::plain, false, pass.p, run.est.taupi.data());
     if (errors.known) taupitable(MatrixTitle::standarderror, false, pass.p, errors.taupi.data());
     correlationtable(1, pass.p, run.est.taupi.data());
