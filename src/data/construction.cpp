@@ -48,6 +48,11 @@ struct Construction {
   std::size_t lastrow = 0;  // where the level-3 row of the last unit was found
 };
 
+// The two streams that all blocks go through write in large pieces.
+constexpr std::size_t piecesize = std::size_t{1} << 20;
+char blockpiece[piecesize];
+char mdmpiece[piecesize];
+
 int misses(const double* values, std::size_t n) {
   return static_cast<int>(std::count(values, values + n, missingcode));
 }
@@ -433,6 +438,7 @@ void mkmdm() {
   readfirstrecords(build);
   build.unitsof.reset(static_cast<std::size_t>(mdm.nunits3));
   build.blocks = scratchopen();
+  std::setvbuf(build.blocks, blockpiece, _IOFBF, piecesize);
   mergeunits(build);
   if (mdm.nunits2 == 0) {
     std::fprintf(logstream(), "No groups left for analysis\n");
@@ -444,6 +450,7 @@ void mkmdm() {
   describe(1, mdm.names1, mdm.mean1, build.totals1);
   const Array<VariableTotals> totals3 = totallevel3();
   mdm.mean3 = meansof(totals3);
+  std::setvbuf(mdm.stream, mdmpiece, _IOFBF, piecesize);
   writemdmtables(mdm.stream);
   raw.reader->close(0);
   raw.reader->close(1);

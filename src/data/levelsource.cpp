@@ -16,7 +16,7 @@ constexpr RawReader readers[] = {
     {5, "sas", 3, "SAS", nullptr, nullptr, nullptr, nullptr},
     {6, "spss", 4, "SPSS", nullptr, nullptr, nullptr, nullptr},
     {8, "stata", 4, "Stata", nullptr, nullptr, nullptr, nullptr},
-    {9, "other", 5, "other", nullptr, nullptr, nullptr, nullptr},
+    {9, "other", 5, "OTHER", nullptr, nullptr, nullptr, nullptr},
 };
 
 }  // namespace

@@ -48,7 +48,7 @@ const FormatItem* itemat(AsciiLevel& ascii, std::size_t i) {
 }
 
 bool isblank(const char* bytes, std::size_t width) {
-  return std::all_of(bytes, bytes + width, [](char c) { return std::isspace(static_cast<unsigned char>(c)); });
+  return std::all_of(bytes, bytes + width, [](char c) { return c == ' ' || (c >= '\t' && c <= '\r'); });
 }
 
 constexpr double powersoften[] = {1e0, 1e1, 1e2, 1e3, 1e4, 1e5, 1e6, 1e7, 1e8, 1e9, 1e10, 1e11, 1e12, 1e13, 1e14, 1e15};
@@ -278,7 +278,7 @@ int asciirecord(int level, int idfields, Id* id3, Id* id2, double* values) {
   if (skipline(ascii.text, maxfield)) return 0;
   if (record.found) {
     countextra();
-    logboth("The last record of %s (line %lld) does not count: its line has no end.\n",
+    logboth("The last record of %s (line %lld) does not count: no line end follows it.\n",
             raw.level[level].filename.c_str(), recordline(ascii.text));
   }
   return -1;
