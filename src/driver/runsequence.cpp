@@ -56,12 +56,8 @@ void askmdmfile() {
 }
 
 [[noreturn]] void constructionjob() {
-  const ConstructionCounts counts = mkmdm();
-  std::printf(" %6d level-1 records have been processed\n", run.mdm.numl1rec);
-  std::printf(" %6d level-2 records have been processed\n", run.mdm.nunits2);
-  std::printf(" %6d level-3 records have been processed\n", run.mdm.nunits3);
-  if (counts.deleted2 != 0) std::printf("%d level-2 cases were deleted due to missing data.\n", counts.deleted2);
-  if (counts.deleted3 != 0) std::printf("%d level-3 cases were deleted due to missing data.\n", counts.deleted3);
+  mkmdm();
+  printprocessed();
   fail(0);
 }
 
