@@ -8,7 +8,6 @@
 #include "kernel/matrix.h"
 #include "kernel/products.h"
 #include "linear/emstep.h"
-#include "linear/fixtau.h"
 #include "linear/posterior.h"
 #include "linear/sweep.h"
 
@@ -263,23 +262,21 @@ void fillinformation(const Pass& pass, InformationSums& sums, FisherWork& fisher
   }
 }
 
-// Parameters that take part: all, or all but a fixed sigma2.
-int freeparameters(const FisherWork& fisher) { return run.iter.fixsigma2 == 0.0 ? fisher.NT : fisher.NT - 1; }
-
-// Inverts the leading block of the information. The result is that of syminverse.
-int invertinformation(FisherWork& fisher) {
-  const int n = freeparameters(fisher);
-  Array<double> work(packedsize(n) + 3);
+// Inverts the information of the free parameters; rows of fixed ones become 0. With `strict` the information must pass
+// the tests of a covariance matrix too. Returns false when that fails.
+bool invertinformation(FisherWork& fisher, bool strict) {
+  const Restriction& restriction = fisher.restriction;
+  const int n = restriction.nfree;
+  Array<double> reduced(square(n)), inverse(square(n)), work(packedsize(n) + 3);
+  reduceinformation(restriction, fisher.information.data(), fisher.NT, reduced.data());
   fisher.invinformation.fill(0.0);
-  return syminverse(n, fisher.information.data(), fisher.NT, fisher.invinformation.data(), fisher.NT, work.data());
-}
-
-bool usableinformation(const FisherWork& fisher) {
-  const int n = freeparameters(fisher);
+  if (n == 0) return true;
+  const bool inverted = syminverse(n, reduced.data(), n, inverse.data(), n, work.data()) == 0;
+  expandinverse(restriction, inverse.data(), fisher.invinformation.data(), fisher.NT);
+  if (!inverted || !strict) return inverted;
   for (int i = 0; i < n; ++i)
-    if (fisher.information[at(i * fisher.NT + i)] < 0.0) return false;
-  return !hasunitcorrelation(n, fisher.information.data(), fisher.NT) &&
-         ispositivedefinite(n, fisher.information.data(), fisher.NT, nullptr);
+    if (reduced[at(i * n + i)] < 0.0) return false;
+  return !hasunitcorrelation(n, reduced.data(), n) && ispositivedefinite(n, reduced.data(), n, nullptr);
 }
 
 // score += D'vec(inverse X inverse) for the triangle that starts at `first`.
@@ -310,12 +307,10 @@ void fillscore(const Pass& pass, const Inverses& inv, const PosteriorSums& sums,
         tracedot(inv.Li, sums.sumDinv.data()) - tracedot(inv.Ti, sums.PP.data());
   Array<double> X(square(pass.b));
   for (std::size_t i = 0; i < X.size(); ++i) X[i] = sums.VV[i] + s * sums.sumDinv[i];
-  applytaubeta(X.data());
   for (std::size_t i = 0; i < X.size(); ++i) X[i] -= run.mdm.nunits3 * run.est.taubeta[i];
   addscore(fisher.score.data(), static_cast<int>(packedsize(pass.p)), inv.Li.data(), X.data(), pass.b);
   X.reset(square(pass.p));
   for (std::size_t i = 0; i < X.size(); ++i) X[i] = sums.UU[i] + s * sums.PP[i];
-  applytaupi(X.data());
   for (std::size_t i = 0; i < X.size(); ++i) X[i] -= run.mdm.nunits2 * run.est.taupi[i];
   addscore(fisher.score.data(), 0, inv.Ti.data(), X.data(), pass.p);
   for (double& x : fisher.score) x *= 0.5;
@@ -361,6 +356,7 @@ void makefisher(const Pass& pass, FisherWork& fisher) {
   fisher.information.reset(square(fisher.NT));
   fisher.invinformation.reset(square(fisher.NT));
   fisher.score.reset(at(fisher.NT));
+  fisher.restriction = allrestriction();
 }
 
 bool fisherfull(Pass& pass, FisherWork& fisher, Likelihood& likelihood, bool closing) {
@@ -370,7 +366,7 @@ bool fisherfull(Pass& pass, FisherWork& fisher, Likelihood& likelihood, bool clo
   const PosteriorInput input{run.est.sigma2, run.est.gammahat.data(), inv.S.data(), inv.Sb.data(), nullptr, !closing};
   if (posteriorsweep(pass, input, sums, {addlevel3unit, &info}) != PosteriorResult::ok) return false;
   fillinformation(pass, info, fisher);
-  if (invertinformation(fisher) != 0 || !usableinformation(fisher)) return false;
+  if (!invertinformation(fisher, true)) return false;
   if (closing) return true;
   fillscore(pass, inv, sums, fisher);
   const double current = loglikelihood(pass, sums, inv.logdetT, inv.logdetL);
@@ -387,7 +383,7 @@ bool fisherouter(Pass& pass, FisherWork& fisher, Likelihood& likelihood) {
   PosteriorSums sums;
   const PosteriorInput input{run.est.sigma2, run.est.gammahat.data(), inv.S.data(), inv.Sb.data(), nullptr, true};
   if (posteriorsweep(pass, input, sums, {addouterscore, &outer}) != PosteriorResult::ok) return false;
-  const bool inverted = invertinformation(fisher) == 0;
+  const bool inverted = invertinformation(fisher, false);
   likelihood = {likelihood.current, loglikelihood(pass, sums, inv.logdetT, inv.logdetL)};
   // An unusable generalised cross-product leaves gammahat as it was; the step stands on the variance components.
   [[maybe_unused]] const bool updated = glsupdate(pass, sums);

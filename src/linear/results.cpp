@@ -47,7 +47,9 @@ struct StandardErrors {
   double sigma2 = 0.0;
 };
 
+// 0 for a fixed element, missingcode for one whose variance could not be had.
 double standarderror(const FisherWork& fisher, std::size_t element) {
+  if (fisher.restriction.free[element] < 0) return 0.0;
   const double variance = fisher.invinformation[element * at(fisher.NT) + element];
   return variance > 0.0 ? std::sqrt(variance) : missingcode;
 }
