@@ -24,9 +24,7 @@ struct Series {
 };
 
 // An element that is 0 or stands still, as a fixed one does, has no ratio of changes.
-bool takespart(const Series& s, std::ptrdiff_t at) {
-  return (s.diagonal || s.x1[at] != 0.0) && s.x1[at] != s.x2[at];
-}
+bool takespart(const Series& s, std::ptrdiff_t at) { return (s.diagonal || s.x1[at] != 0.0) && s.x1[at] != s.x2[at]; }
 
 }  // namespace
 

@@ -49,15 +49,15 @@ Restriction taurestriction(int level) {
   restriction.free.reset(packedsize(n));
   Array<int> parameterof(packedsize(n) + 1);  // free parameter of each equality group, from 1; 0 for none yet
   eachelement(n, [&](int e, int i, int j) {
-    int& free = restriction.free[at(e)];
-    const int group = havecon ? std::abs(codes[at(e)]) : 0;
-    if ((haveest && est[at(i * n + j)] != missingcode) || (diagonal && i != j)) {
+    int& free = restriction.free[e];
+    const int group = havecon ? std::abs(codes[e]) : 0;
+    if ((haveest && est[i * n + j] != missingcode) || (diagonal && i != j)) {
       free = -1;
     } else if (group == 0) {
       free = restriction.nfree++;
     } else {
-      if (parameterof[at(group)] == 0) parameterof[at(group)] = ++restriction.nfree;
-      free = parameterof[at(group)] - 1;
+      if (parameterof[group] == 0) parameterof[group] = ++restriction.nfree;
+      free = parameterof[group] - 1;
     }
   });
   return restriction;
@@ -81,7 +81,7 @@ void reduceinformation(const Restriction& restriction, const double* I, int ld, 
   std::fill_n(reduced, square(m), 0.0);
   for (int i = 0; i < n; ++i)
     for (int j = 0; j < n; ++j)
-      if (const int a = restriction.free[at(i)], c = restriction.free[at(j)]; a >= 0 && c >= 0)
+      if (const int a = restriction.free[i], c = restriction.free[j]; a >= 0 && c >= 0)
         reduced[a * m + c] += I[i * ld + j];
 }
 
@@ -95,7 +95,7 @@ void expandinverse(const Restriction& restriction, const double* reduced, double
   const int n = static_cast<int>(restriction.free.size()), m = restriction.nfree;
   for (int i = 0; i < n; ++i)
     for (int j = 0; j < n; ++j) {
-      const int a = restriction.free[at(i)], c = restriction.free[at(j)];
+      const int a = restriction.free[i], c = restriction.free[j];
       full[i * ld + j] = a >= 0 && c >= 0 ? reduced[a * m + c] : 0.0;
     }
 }
@@ -120,13 +120,13 @@ void maximisetau(double* T, const double* S, int n, const Restriction& restricti
     mulAB(A.data(), inverse.data(), half.data(), n, n, n);
     mulAB(half.data(), A.data(), inverse.data(), n, n, n);
     eachelement(n, [&](int e, int i, int j) {
-      score[at(e)] = (i == j ? 0.5 : 1.0) * half[at(i * n + j)];
+      score[e] = (i == j ? 0.5 : 1.0) * half[i * n + j];
       eachelement(n, [&](int f, int k, int l) {
-        const auto P = [&](int a, int b) { return inverse[at(a * n + b)]; };
+        const auto P = [&](int a, int b) { return inverse[a * n + b]; };
         double sum = P(i, k) * P(j, l) + P(i, l) * P(j, k);
         if (i == j) sum *= 0.5;
         if (k == l) sum *= 0.5;
-        information[at(e * elements + f)] = sum;
+        information[e * elements + f] = sum;
       });
     });
     reduceinformation(restriction, information.data(), elements, reduced.data());
@@ -139,9 +139,9 @@ void maximisetau(double* T, const double* S, int n, const Restriction& restricti
     for (int halving = 0; halving < maxhalvings && !improved; ++halving) {
       std::copy_n(T, square(n), tried.data());
       eachelement(n, [&](int e, int i, int j) {
-        if (const int a = restriction.free[at(e)]; a >= 0) {
-          tried[at(i * n + j)] += step[at(a)];
-          if (i != j) tried[at(j * n + i)] += step[at(a)];
+        if (const int a = restriction.free[e]; a >= 0) {
+          tried[i * n + j] += step[a];
+          if (i != j) tried[j * n + i] += step[a];
         }
       });
       improved = deviance(tried.data(), S, n, inverse, work, next) && next <= value;
