@@ -118,6 +118,7 @@ TEST_F(Template, Refusals) {
       {with(whole, "numl1var:2", "numl1var:-1"), "The number of level-1 variables must lie between 0 and 1000000!\n"},
       {with(whole, "l3format:(A2,F3.0)\n", ""), "The template tells no format of the level-3 file!\n"},
       {with(whole, "*begin l3vars\nZ\n*end l3vars\n", ""), "The template names no level-3 variables!\n"},
+      {whole + "numl2var:1\n", "The template names no level-2 variables!\n"},
       {head, "The template tells no raw data type!\n"},
       {head + "rawdattype:ascii\n", "The template names no level-1 file!\n"},
       {with(whole, "(2A2,F3.0)", std::string(1024, 'x')),
