@@ -1,9 +1,11 @@
 """Reference values of every model in models.py by dense computation; writes results/<set>-<model>.json.
 
 Estimates are full maximum likelihood: Fisher scoring with halving on the free variance parameters and gamma by
-generalised least squares, until the projected score is below 1e-9. Where a covariance element is fixed at a value that
-is not 0 the iteration of the program stops elsewhere than at the constrained maximum: it sets the element after each
-moment update, so the free elements meet their expected moments. That point is solved for instead ('fixedpoint' true).
+generalised least squares, until the projected score is below 1e-9. Restrictions are K, the map from the free variance
+parameters to all: the standard errors are those of K (K'IK)^-1 K', 0 for a fixed element; 'setaufull' has those of the
+information without restriction. Where an element is fixed at a value other than 0, 'momentpoint' is where an iteration
+stops that sets the element after each moment update: the free elements meet their expected moments there, and the
+likelihood is lower than at the restricted maximum.
 """
 import json
 import os
@@ -357,17 +359,16 @@ def reference(directory, timing, code, m):
     p, b, ng = units[0].Z1.shape[1], units[0].Z2.shape[1], units[0].M.shape[1]
     N, J, K = sum(u.n for u in units), sum(len(u.rows) for u in units), len(units)
     theta, grad, its = maximise(units, m, p, b)
-    out = dict(n1=N, n2=J, n3=K, gradient=grad, fixedpoint=False)
-    est = (m.get('esttau2') or []) + (m.get('esttau3') or [])
-    if any(x for x in est):
-        fixed, E = thetaspace(m, p, b)
-        T, L, s = unpack(theta, p, b)
-        out['constrainedmaximum'] = loglik(units, gls(units, T, L, s)[0], T, L, s)
+    out = dict(n1=N, n2=J, n3=K, gradient=grad)
+    fixed, E = thetaspace(m, p, b)
+    if any((m.get('esttau2') or []) + (m.get('esttau3') or [])):
         full = lambda phi: fixed + E @ phi
         sol = optimize.root(lambda phi: E.T @ (emupdate(units, full(phi), p, b) - full(phi)), E.T @ (theta - fixed),
                             tol=1e-13)
-        theta = full(sol.x)
-        out.update(fixedpoint=True, gradient=float(np.max(np.abs(sol.fun))))
+        T, L, s = unpack(full(sol.x), p, b)
+        gamma = gls(units, T, L, s)[0]
+        out['momentpoint'] = dict(residual=float(np.max(np.abs(sol.fun))), gamma=gamma.tolist(), taupi=T.tolist(),
+                                  taubeta=L.tolist(), sigma2=s, deviance=-2 * loglik(units, gamma, T, L, s))
     T, L, s = unpack(theta, p, b)
     gamma, cov = gls(units, T, L, s)
     score, info, _ = scoreandinformation(units, gamma, T, L, s)
@@ -375,13 +376,12 @@ def reference(directory, timing, code, m):
     out.update(loglik=loglik(units, gamma, T, L, s), parameters=nfree, gamma=gamma, covariance=cov, taupi=T, taubeta=L,
                sigma2=s, score=score, information=info)
     out['deviance'] = -2 * out['loglik']
-    inv = np.zeros_like(info)
-    order = len(info) - (1 if 'vknown' in m or 'fixsigma2' in m else 0)
-    inv[:order, :order] = np.linalg.inv(info[:order, :order])
-    out['setau'] = np.sqrt(np.diag(inv))
     if m.get('fisher') == 1:
-        S = np.array(scoreandinformation(units, gamma, T, L, s)[2])
-        out['setau'] = np.sqrt(np.diag(np.linalg.inv(S.T @ S)))
+        unitscores = np.array(scoreandinformation(units, gamma, T, L, s)[2])
+        info = unitscores.T @ unitscores
+    out['setau'] = np.sqrt(np.diag(E @ np.linalg.inv(E.T @ info @ E) @ E.T))
+    order = len(info) - (1 if 'vknown' in m or 'fixsigma2' in m else 0)
+    out['setaufull'] = np.sqrt(np.diag(np.linalg.inv(info[:order, :order])))
     out['robust'] = robust(units, gamma, cov, T, L, s)
     if 'weights' in m:
         out['weighted'] = weightedcov(units, plain, factors, cov, T, L, s)
