@@ -15,6 +15,7 @@
 namespace kdr {
 
 StopHooks stophooks;
+void (*endprocess)(int code) = nullptr;
 
 namespace {
 
@@ -130,9 +131,13 @@ void stoprun(int code) {
     if (stophooks.closescratch != nullptr) stophooks.closescratch();
     for (const std::string* name : {&run.files.tempname1, &run.files.tempname2, &run.files.tempname3})
       if (!name->empty()) std::remove(name->c_str());
-    waitabit();
+    if (endprocess == nullptr) waitabit();
   }
   std::fflush(nullptr);
+  if (endprocess != nullptr) {
+    stopping = false;
+    endprocess(code);
+  }
   std::_Exit(code);
 }
 

@@ -22,6 +22,10 @@ struct StopHooks {
 };
 extern StopHooks stophooks;
 
+// What the stop sequence calls last, with the exit code; null ends the process. A harness that runs many jobs in one
+// process puts a function here that leaves the job in another way; it must not return. With one in place nothing waits.
+extern void (*endprocess)(int code);
+
 // Installs the handlers of floating-point exceptions, interrupt, break and termination.
 void installhandlers();
 

@@ -3,7 +3,6 @@
 #include <strings.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cstring>
 
 namespace kdr {
@@ -12,7 +11,7 @@ namespace {
 
 constexpr int columns = 12;
 
-char upper(char c) { return static_cast<char>(std::toupper(static_cast<unsigned char>(c))); }
+char upper(char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; }
 
 template <class Slot>
 void closeup(Array<Slot>& table, int n, int index) {
@@ -26,16 +25,17 @@ void closeup(Array<Slot>& table, int n, int index) {
 
 void padname(char* buffer, int width) {
   bool ended = false;
+  int last = 0;  // columns up to the last one that is not blank
   for (int i = 0; i < columns; ++i) {
     ended = ended || buffer[i] == '\0';
     buffer[i] = ended || i >= width ? ' ' : upper(buffer[i]);
+    if (buffer[i] != ' ') last = i + 1;
   }
   buffer[columns] = '\0';
-  if (std::all_of(buffer, buffer + columns, [](char c) { return c == ' '; })) return;
-  while (buffer[width - 1] == ' ') {
-    std::memmove(buffer + 1, buffer, static_cast<std::size_t>(width) - 1);
-    buffer[0] = ' ';
-  }
+  if (last == 0 || last == width) return;
+  const int shift = width - last;
+  std::memmove(buffer + shift, buffer, static_cast<std::size_t>(last));
+  std::memset(buffer, ' ', static_cast<std::size_t>(shift));
 }
 
 Name paddedname(std::string_view text, int width) {

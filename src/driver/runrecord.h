@@ -62,6 +62,7 @@ struct MdmData {
   Array<Name> names1, names2, names3;         // nvarL + 1 slots; slot 0 is the intercept
   int nunits1 = 0, nunits2 = 0, nunits3 = 0;  // level-1 records, level-2 units, level-3 units in the analysis
   int numl1rec = 0;                           // level-1 records that the file holds
+  int numl2rec = 0, numl3rec = 0;             // level-2 blocks and level-3 rows that the file holds
   int mdmtype = 0;          // 0 ordinary, 1 and 3 measurement model at level 1, 2 growth: picks the report's symbols
   int rawdattype = 0;       // 2 ASCII, 3 SYSTAT, 5 SAS transport, 6 SPSS, 8 Stata, 9 other
   bool numericids = false;  // IDs are doubles, else 13-byte texts
@@ -173,6 +174,7 @@ struct Symbols {
 struct ReportStream {
   std::FILE* stream = nullptr;  // null while no report is open
   bool html = false;
+  bool numberedhtml = false;  // mode of the numbered reports of a series, from the name that was given for them
   long long reportpos = -999;  // where the next results are to be written, -999: where the report stands
 };
 
@@ -185,6 +187,13 @@ struct Estimates {
   Array<double> vgamma;        // ngamma squared: sigma2 * vgamma is the covariance of gammahat
   Array<double> vgammarobust;  // robust covariance over sigma2; element 0 is missingcode when it could not be computed
   Array<double> vgammaweighted;  // covariance of a weighted run, a true covariance
+};
+
+// Design weights and known variances, one entry per level-1 record, level-2 unit and level-3 unit in file order.
+struct DesignWeights {
+  Array<double> weight1;  // empty unless the run is weighted
+  Array<double> weight2;
+  Array<double> weight3;
 };
 
 // Where the estimation stands; read by the report and by the phases of a non-linear run.
@@ -216,6 +225,7 @@ struct RunRecord {
   Symbols sym;
   ReportStream report;
   Estimates est;
+  DesignWeights weights;
   PassFlags pass;
 };
 

@@ -1,0 +1,476 @@
+#include "data/construction.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+#include <ctime>
+
+#include "data/buildlog.h"
+#include "data/description.h"
+#include "data/levelsource.h"
+#include "data/scratch.h"
+#include "data/unitreader.h"
+#include "driver/failures.h"
+#include "driver/runrecord.h"
+
+namespace kdr {
+
+DeletedRows deletedrows;
+
+namespace {
+
+constexpr std::size_t firstrows = 500;  // capacity of the level-3 table at its start
+constexpr int firstrecords = 50;        // capacity of a unit's records at its start
+
+// One raw file of level 1 or 2 on its way through the merge.
+struct RawWalk {
+  int level = 0;         // 0 or 1
+  Array<double> values;  // the current record
+  Id id3{}, id2{};       // its IDs
+  Id last3{}, last2{};   // those of the record before it
+  bool any = false;      // a record has been read
+  bool ended = false;
+};
+
+// What the merge gathers besides run.mdm.
+struct Construction {
+  RawWalk walk1, walk2;
+  bool accepted2 = false;  // the last level-2 record had no missing value
+  UnitBlock unit;          // the unit in hand
+  int capacity = firstrecords;
+  ScratchFile blocks = nullptr;
+  Array<VariableTotals> totals1;
+  Array<double> sums2;
+  Array<int> unitsof;       // written units of each level-3 row
+  Id unknown{};             // the level-3 ID that was reported last
+  std::size_t lastrow = 0;  // where the level-3 row of the last unit was found
+};
+
+// The two streams that all blocks go through write in large pieces.
+constexpr std::size_t piecesize = std::size_t{1} << 20;
+char blockpiece[piecesize];
+char mdmpiece[piecesize];
+
+int misses(const double* values, std::size_t n) {
+  return static_cast<int>(std::count(values, values + n, missingcode));
+}
+
+// The order of a level's file.
+
+[[noreturn]] void notsorted(int level, const Id& id) {
+  logboth("\nThe level-%d file is not sorted!\n", level);
+  if (run.mdm.numericids) {
+    logboth("ID %lf\n", id.number);
+  } else {
+    logboth("ID %s\n", id.text.text);
+  }
+  stoprun(100);
+}
+
+// Reads the next record and holds its IDs against those of the record before. False at the end of the file.
+bool nextraw(RawWalk& walk) {
+  if (walk.ended) return false;
+  std::swap(walk.id3, walk.last3);
+  std::swap(walk.id2, walk.last2);
+  if (readrecord(walk.level, walk.values.data(), &walk.id3, &walk.id2) != 0) {
+    walk.ended = true;
+    return false;
+  }
+  if (walk.any) {
+    const int order = compareids(walk.last3, walk.id3);
+    if (order > 0) notsorted(walk.level + 1, walk.id3);
+    if (order == 0 && compareids(walk.last2, walk.id2) > 0) notsorted(walk.level + 1, walk.id2);
+  }
+  walk.any = true;
+  return true;
+}
+
+// Reads the next level-2 record that has no missing value.
+bool nextunitrow(Construction& build) {
+  RawWalk& walk = build.walk2;
+  while (nextraw(walk)) {
+    if (build.accepted2 && sameid(walk.id3, walk.last3) && sameid(walk.id2, walk.last2)) {
+      if (run.mdm.numericids) {
+        logextra("Level-2 group %12.0f stands more than once in the level-2 file. Only its first row is used.\n",
+                 walk.id2.number);
+      } else {
+        logextra("Level-2 group %s stands more than once in the level-2 file. Only its first row is used.\n",
+                 walk.id2.text.text);
+      }
+    }
+    if (misses(walk.values.data(), walk.values.size()) == 0) {
+      build.accepted2 = true;
+      return true;
+    }
+    build.accepted2 = false;
+    ++deletedrows.level2;
+  }
+  return false;
+}
+
+// Level 3.
+
+void growlevel3(std::size_t rows) {
+  MdmData& mdm = run.mdm;
+  if (mdm.numericids) {
+    mdm.numericid3.resize(rows);
+  } else {
+    mdm.textid3.resize(rows);
+  }
+  mdm.level3.resize(rows * static_cast<std::size_t>(mdm.nvar3));
+}
+
+void storelevel3id(std::size_t row, const Id& id) {
+  if (run.mdm.numericids) {
+    run.mdm.numericid3[row] = id.number;
+  } else {
+    run.mdm.textid3[row] = id.text;
+  }
+}
+
+// Keeps the rows of the level-3 table for which `keep` holds. Returns how many went.
+template <class Keep>
+int keeplevel3(Keep keep) {
+  MdmData& mdm = run.mdm;
+  const auto width = static_cast<std::size_t>(mdm.nvar3);
+  std::size_t kept = 0;
+  const auto rows = static_cast<std::size_t>(mdm.nunits3);
+  for (std::size_t row = 0; row < rows; ++row) {
+    if (!keep(row)) continue;
+    storelevel3id(kept, level3id(static_cast<int>(row)));
+    if (width > 0) std::memmove(&mdm.level3[kept * width], &mdm.level3[row * width], width * sizeof(double));
+    ++kept;
+  }
+  mdm.nunits3 = static_cast<int>(kept);
+  growlevel3(kept);
+  return static_cast<int>(rows - kept);
+}
+
+void readlevel3() {
+  MdmData& mdm = run.mdm;
+  const auto width = static_cast<std::size_t>(mdm.nvar3);
+  std::size_t capacity = firstrows;
+  std::size_t row = 0;
+  mdm.textid3.reset(0);
+  mdm.numericid3.reset(0);
+  mdm.level3.reset(0);
+  growlevel3(capacity);
+  Id id{};
+  Id before{};
+  while (readrecord(2, &mdm.level3[row * width], &id, nullptr) == 0) {
+    if (mdm.numericids && id.number == missingcode) continue;
+    if (row > 0 && compareids(before, id) > 0) notsorted(3, id);
+    storelevel3id(row, id);
+    before = id;
+    if (++row == capacity) growlevel3(capacity *= 2);
+    if (row == INT_MAX) stopwith("There are too many level-3 records!\n");
+  }
+  raw.reader->close(2);
+  mdm.nunits3 = static_cast<int>(row);
+  deletedrows.level3 = keeplevel3([&](std::size_t r) { return misses(&mdm.level3[r * width], width) == 0; });
+}
+
+// The first row of the level-3 table with this ID, or nunits3. The table is in ascending order.
+std::size_t findlevel3(std::size_t lastrow, const Id& id) {
+  const auto rows = static_cast<std::size_t>(run.mdm.nunits3);
+  if (lastrow < rows && sameid(level3id(static_cast<int>(lastrow)), id)) return lastrow;
+  std::size_t low = 0;
+  std::size_t high = rows;
+  while (low < high) {
+    const std::size_t middle = low + (high - low) / 2;
+    if (compareids(level3id(static_cast<int>(middle)), id) < 0) {
+      low = middle + 1;
+    } else {
+      high = middle;
+    }
+  }
+  return low < rows && sameid(level3id(static_cast<int>(low)), id) ? low : rows;
+}
+
+// The units.
+
+void appendrecord(Construction& build) {
+  UnitBlock& unit = build.unit;
+  const auto width = static_cast<std::size_t>(run.mdm.nvar1);
+  if (unit.nj == build.capacity) {
+    if (unit.nj > INT_MAX / 2) stopwith("A level-2 unit has too many records!\n");
+    build.capacity *= 2;
+    unit.records.resize(static_cast<std::size_t>(build.capacity) * width);
+  }
+  const std::size_t at = static_cast<std::size_t>(unit.nj++) * width;
+  std::copy_n(build.walk1.values.begin(), width, unit.records.begin() + at);
+}
+
+// Puts the missing code in place of each value that stands for missing in its variable.
+void recode(UnitBlock& unit) {
+  const Array<double>& codes = raw.missingcodes;
+  if (!run.mdm.l1missing || codes.empty()) return;
+  double* value = unit.records.data();
+  for (int i = 0; i < unit.nj; ++i)
+    for (const double code : codes) {
+      if (*value == code) *value = missingcode;
+      ++value;
+    }
+}
+
+// Drops the records that the rules on missing values delete.
+void deleterecords(UnitBlock& unit) {
+  const auto width = static_cast<std::size_t>(run.mdm.nvar1);
+  double* kept = unit.records.data();
+  const double* record = kept;
+  int left = 0;
+  for (int i = 0; i < unit.nj; ++i, record += width) {
+    const int missing = misses(record, width);
+    if (missing > 0 && !run.mdm.l1missing) {
+      logboth("\nThere are missing data at level-%d. Unable to continue.\n", 1);
+      stoprun(100);
+    }
+    if (static_cast<std::size_t>(missing) == width || (missing > 0 && run.mdm.deletednow)) continue;
+    if (kept != record) std::memmove(kept, record, width * sizeof(double));
+    kept += width;
+    ++left;
+  }
+  unit.nj = left;
+}
+
+void reportunknown(Construction& build) {
+  const Id& id = build.unit.id3;
+  if (sameid(id, build.unknown)) return;
+  if (run.mdm.numericids) {
+    logextra(" Group %12.0f not in level-3 file.\n", id.number);
+  } else {
+    logextra(" Group %s not in level-3 file.\n", id.text.text);
+  }
+  build.unknown = id;
+}
+
+// Adds the unit's values to the totals of level 1 and makes its means: for each variable the sum of its non-missing
+// values over nj.
+void addrecords(Construction& build) {
+  UnitBlock& unit = build.unit;
+  const std::size_t width = build.totals1.size();
+  std::fill_n(unit.means.begin(), width, 0.0);
+  const double* value = unit.records.data();
+  for (int i = 0; i < unit.nj; ++i)
+    for (std::size_t v = 0; v < width; ++v, ++value) {
+      if (*value == missingcode) continue;
+      addvalue(build.totals1[v], *value);
+      unit.means[v] += *value;
+    }
+  for (std::size_t v = 0; v < width; ++v) unit.means[v] /= unit.nj;
+}
+
+void processunit(Construction& build) {
+  MdmData& mdm = run.mdm;
+  UnitBlock& unit = build.unit;
+  recode(unit);
+  deleterecords(unit);
+  if (unit.nj == 0) {
+    if (mdm.numericids) {
+      logextra("Level-2 group %12.0f has inadequate data\n", unit.id2.number);
+    } else {
+      logextra("Level-2 group %s has inadequate data\n", unit.id2.text.text);
+    }
+    return;
+  }
+  const std::size_t row = findlevel3(build.lastrow, unit.id3);
+  if (row == static_cast<std::size_t>(mdm.nunits3)) {
+    reportunknown(build);
+    return;
+  }
+  build.lastrow = row;
+  ++build.unitsof[row];
+  addrecords(build);
+  for (std::size_t v = 0; v < build.sums2.size(); ++v) build.sums2[v] += unit.level2[v];
+  mdm.maxnj = std::max(mdm.maxnj, unit.nj);
+  writeunit(build.blocks, unit, mdm.nvar1, mdm.nvar2, true);
+  if (mdm.nunits1 > INT_MAX - unit.nj) stopwith("There are too many level-1 records!\n");
+  mdm.nunits1 += unit.nj;
+  ++mdm.nunits2;
+}
+
+int compareplace(const RawWalk& a, const RawWalk& b) {
+  const int order = compareids(a.id3, b.id3);
+  return order != 0 ? order : compareids(a.id2, b.id2);
+}
+
+// Merges the two files from their first records on. Level-1 records without a level-2 row and level-2 rows without a
+// record are passed over.
+void mergeunits(Construction& build) {
+  bool more = true;
+  while (more) {
+    checksignals();
+    const int order = compareplace(build.walk1, build.walk2);
+    if (order < 0) {
+      more = nextraw(build.walk1);
+    } else if (order > 0) {
+      more = nextunitrow(build);
+    } else {
+      UnitBlock& unit = build.unit;
+      unit.nj = 0;
+      unit.id3 = build.walk2.id3;
+      unit.id2 = build.walk2.id2;
+      std::copy(build.walk2.values.begin(), build.walk2.values.end(), unit.level2.begin());
+      while (more && compareplace(build.walk1, build.walk2) == 0) {
+        appendrecord(build);
+        more = nextraw(build.walk1);
+      }
+      processunit(build);
+    }
+  }
+  // What is left of either file belongs to no unit, unless its file is out of order.
+  while (nextraw(build.walk1)) continue;
+  while (nextraw(build.walk2)) continue;
+}
+
+// The steps of mkmdm.
+
+bool samefile(std::FILE* stream, const std::string& path) {
+  struct stat a {};
+  struct stat b {};
+  return stream != nullptr && fstat(fileno(stream), &a) == 0 && stat(path.c_str(), &b) == 0 && a.st_dev == b.st_dev &&
+         a.st_ino == b.st_ino;
+}
+
+void openmdm() {
+  if (run.mdm.stream != nullptr) return;
+  if (run.files.mdmfile.empty()) stopwith("There is no name for the MDM file!\n");
+  for (const LevelSource& source : raw.level)
+    if (samefile(source.stream, run.files.mdmfile))
+      stopwith("The MDM file %s must not be one of the raw data files!\n", run.files.mdmfile.c_str());
+  run.mdm.stream = openfile(run.files.mdmfile, "wb");
+}
+
+void takedimensions() {
+  MdmData& mdm = run.mdm;
+  for (int level = 0; level < 3; ++level) {
+    raw.reader->prepare(level);
+    mdm.fnames[level] = raw.level[level].filename;
+  }
+  mdm.rawdattype = raw.reader->rawdattype;
+  mdm.nvar1 = raw.level[0].selected;
+  mdm.nvar2 = raw.level[1].selected;
+  mdm.nvar3 = raw.level[2].selected;
+  if (mdm.nvar2 == 0) stopwith("You must select at least one level-2 variable!\n");
+  if (mdm.nvar3 == 0) stopwith("You must select at least one level-3 variable!\n");
+}
+
+void readfirstrecords(Construction& build) {
+  const bool first1 = nextraw(build.walk1);
+  const bool first2 = nextunitrow(build);
+  if (!first1) fail(1, raw.level[0].filename.c_str());
+  if (!first2) fail(1, raw.level[1].filename.c_str());
+}
+
+void startmerge(Construction& build) {
+  MdmData& mdm = run.mdm;
+  const auto nvar1 = static_cast<std::size_t>(mdm.nvar1);
+  const auto nvar2 = static_cast<std::size_t>(mdm.nvar2);
+  mdm.nunits1 = mdm.nunits2 = mdm.maxnj = 0;
+  build.walk2.level = 1;
+  build.walk1.values.reset(nvar1);
+  build.walk2.values.reset(nvar2);
+  build.unit.means.reset(nvar1);
+  build.unit.level2.reset(nvar2);
+  build.unit.records.reset(static_cast<std::size_t>(build.capacity) * nvar1);
+  build.totals1 = starttotals(mdm.nvar1);
+  build.sums2.reset(nvar2);
+}
+
+void describe(int level, const Array<Name>& names, const Array<double>& means, const Array<VariableTotals>& totals) {
+  for (std::FILE* stream : {stdout, logstream()}) printdesc(stream, level, names, means, totals);
+}
+
+void finishmeans(Construction& build) {
+  MdmData& mdm = run.mdm;
+  mdm.mean1 = meansof(build.totals1);
+  mdm.mean2.reset(build.sums2.size());
+  for (std::size_t v = 0; v < build.sums2.size(); ++v) mdm.mean2[v] = build.sums2[v] / mdm.nunits2;
+}
+
+Array<VariableTotals> totallevel3() {
+  const MdmData& mdm = run.mdm;
+  Array<VariableTotals> totals = starttotals(mdm.nvar3);
+  const double* value = mdm.level3.data();
+  for (int k = 0; k < mdm.nunits3; ++k)
+    for (VariableTotals& variable : totals) addvalue(variable, *value++);
+  return totals;
+}
+
+// Copies the blocks behind the tables. Returns the totals of the level-2 variables.
+Array<VariableTotals> copyunits(Construction& build) {
+  const MdmData& mdm = run.mdm;
+  Array<VariableTotals> totals = starttotals(mdm.nvar2);
+  UnitReader reader;
+  startunits(reader, build.blocks, 0, mdm.nvar1, mdm.nvar2, true);
+  for (int j = 0; j < mdm.nunits2; ++j) {
+    if (!readunit(reader, build.unit)) fail(5);
+    writeunit(mdm.stream, build.unit, mdm.nvar1, mdm.nvar2, true);
+    for (std::size_t v = 0; v < totals.size(); ++v) addvalue(totals[v], build.unit.level2[v]);
+  }
+  return totals;
+}
+
+void signlog() {
+  static constexpr const char* months[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                           "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+  const std::tm& started = run.id.started;
+  std::FILE* log = logstream();
+  std::fprintf(log, "MDM template:  %s\n", raw.templatename.c_str());
+  std::fprintf(log, "MDM file name: %s\n", run.files.mdmfile.c_str());
+  std::fprintf(log, "Date:          %s %d, %d\n", months[started.tm_mon], started.tm_mday, started.tm_year + 1900);
+  std::fprintf(log, "Time:          %02d:%02d:%02d\n", started.tm_hour, started.tm_min, started.tm_sec);
+}
+
+}  // namespace
+
+void mkmdm() {
+  MdmData& mdm = run.mdm;
+  Construction build;
+  deletedrows = DeletedRows{};
+  openmdm();
+  takedimensions();
+  openlog();
+  readlevel3();
+  startmerge(build);
+  readfirstrecords(build);
+  build.unitsof.reset(static_cast<std::size_t>(mdm.nunits3));
+  build.blocks = scratchopen();
+  std::setvbuf(build.blocks, blockpiece, _IOFBF, piecesize);
+  mergeunits(build);
+  if (mdm.nunits2 == 0) {
+    std::fprintf(logstream(), "No groups left for analysis\n");
+    stoprun(100);
+  }
+  keeplevel3([&](std::size_t row) { return build.unitsof[row] > 0; });
+
+  finishmeans(build);
+  describe(1, mdm.names1, mdm.mean1, build.totals1);
+  const Array<VariableTotals> totals3 = totallevel3();
+  mdm.mean3 = meansof(totals3);
+  std::setvbuf(mdm.stream, mdmpiece, _IOFBF, piecesize);
+  writemdmtables(mdm.stream);
+  raw.reader->close(0);
+  raw.reader->close(1);
+  describe(2, mdm.names2, mdm.mean2, copyunits(build));
+  describe(3, mdm.names3, mdm.mean3, totals3);
+  scratchclose(build.blocks);
+  std::FILE* stream = mdm.stream;
+  mdm.stream = nullptr;
+  finishmdm(stream);
+  signlog();
+  closelog();
+  if (extramessages() != 0) std::printf("\nThere are extra messages in KDR3MDM.STS.  Please examine this file.\n\n");
+}
+
+void printprocessed() {
+  std::printf(" %6d level-1 records have been processed\n", run.mdm.nunits1);
+  std::printf(" %6d level-2 records have been processed\n", run.mdm.nunits2);
+  std::printf(" %6d level-3 records have been processed\n", run.mdm.nunits3);
+  if (deletedrows.level2 != 0) std::printf("%d level-2 cases were deleted due to missing data.\n", deletedrows.level2);
+  if (deletedrows.level3 != 0) std::printf("%d level-3 cases were deleted due to missing data.\n", deletedrows.level3);
+}
+
+}  // namespace kdr

@@ -1,0 +1,38 @@
+#include "data/levelsource.h"
+
+#include <strings.h>
+
+#include "data/readers/ascii.h"
+
+namespace kdr {
+
+RawData raw;
+
+namespace {
+
+constexpr RawReader readers[] = {
+    {2, "ascii", 5, "ASCII", openascii, prepareascii, asciirecordof, closeascii},
+    {3, "systat", 6, "SYSTAT", nullptr, nullptr, nullptr, nullptr},
+    {5, "sas", 3, "SAS", nullptr, nullptr, nullptr, nullptr},
+    {6, "spss", 4, "SPSS", nullptr, nullptr, nullptr, nullptr},
+    {8, "stata", 4, "Stata", nullptr, nullptr, nullptr, nullptr},
+    {9, "other", 5, "OTHER", nullptr, nullptr, nullptr, nullptr},
+};
+
+}  // namespace
+
+const RawReader* findreader(const std::string& value) {
+  for (const RawReader& reader : readers)
+    if (strncasecmp(value.c_str(), reader.word, reader.match) == 0) return &reader;
+  return nullptr;
+}
+
+int readrecord(int level, double* values, Id* id3, Id* id2) { return raw.reader->record(level, values, id3, id2); }
+
+void forgetraw() {
+  for (int level = 0; level < 3; ++level)
+    if (raw.reader != nullptr && raw.level[level].stream != nullptr) raw.reader->close(level);
+  raw = RawData{};
+}
+
+}  // namespace kdr

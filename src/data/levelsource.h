@@ -1,0 +1,58 @@
+// The raw data of a construction: one source for each level, and the table of the formats that a source can have.
+#pragma once
+
+#include <cstdio>
+#include <string>
+
+#include "data/mdm.h"
+#include "kernel/array.h"
+
+namespace kdr {
+
+struct RawReader;
+
+// The raw file of one level.
+struct LevelSource {
+  std::FILE* stream = nullptr;
+  std::string filename;  // as the template or the dialogue gave it
+  int numvar = 0;        // variables that the raw file has; ASCII: values that the format yields, IDs not counted
+  int selected = 0;      // variables that go into the MDM file, ID columns not counted
+  std::string format;    // ASCII only: format text, at most 1023 characters
+};
+
+// What a construction is told about its raw data. The names, the kind of IDs and the head's fields are in run.mdm.
+struct RawData {
+  const RawReader* reader = nullptr;  // the format of all three files; null while none is chosen
+  LevelSource level[3];               // index 0, 1, 2 for levels 1, 2, 3
+  Array<double> missingcodes;         // ASCII only: the value that stands for missing, one for each level-1 variable
+  std::string templatename;           // the template that was read, or empty
+};
+extern RawData raw;
+
+// One raw format. Levels are indices 0 to 2; the fields of raw.level[level] are the operations' only arguments besides.
+struct RawReader {
+  int rawdattype;     // code in the MDM head
+  const char* word;   // value of RAWDATTYPE: in a template
+  std::size_t match;  // characters of the word that a value must begin with
+  const char* label;  // name in messages
+  // Opens the file of the level by its name and reads its head. Null: this format cannot be read yet.
+  void (*open)(int level);
+  // Called once before the first record: settles `selected` and brings the file to its first record.
+  void (*prepare)(int level);
+  // Reads the next record: the selected variables in raw-file order into `values`, missing ones as missingcode, and the
+  // IDs; `id2` is null at level 3. 0 for a record, not 0 when there are no more.
+  int (*record)(int level, double* values, Id* id3, Id* id2);
+  // Closes the file.
+  void (*close)(int level);
+};
+
+// The reader whose word the value of RAWDATTYPE: begins with, in any case; null for an unknown word.
+[[nodiscard]] const RawReader* findreader(const std::string& value);
+
+// Reads the next record of a level through its format.
+[[nodiscard]] int readrecord(int level, double* values, Id* id3, Id* id2);
+
+// Drops all that the construction was told and closes its raw files.
+void forgetraw();
+
+}  // namespace kdr

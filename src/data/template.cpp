@@ -1,0 +1,279 @@
+#include "data/template.h"
+
+#include <strings.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+#include "data/levelsource.h"
+#include "data/readers/ascii.h"
+#include "data/scratch.h"
+#include "driver/failures.h"
+#include "driver/runrecord.h"
+
+namespace kdr {
+
+namespace {
+
+constexpr int mostvariables = 1000000;
+constexpr std::size_t longestname = 12;
+
+// A template on its way through the reader.
+struct TemplateText {
+  std::FILE* stream;
+  bool samemissing = false;
+  bool counted[3] = {};  // the level's number of variables was given
+  bool named[3] = {};    // its variable block was read
+};
+
+constexpr const char* noformat = "Must specify raw data type before input file name!\n";
+constexpr const char* nofile = "Must specify raw data type and input file name before variable names!\n";
+constexpr const char* badmissing = "Incorrect specification of ASCII missing information!\n";
+
+Array<Name>& namesof(int level) { return level == 0 ? run.mdm.names1 : level == 1 ? run.mdm.names2 : run.mdm.names3; }
+
+// The next line, whatever it holds, without its end and trailing blanks. A longer one than a line may be comes in
+// pieces. False at the end of the file.
+bool nextline(TemplateText& text, std::string& line) {
+  char buffer[maxline];
+  line.clear();
+  if (std::fgets(buffer, sizeof buffer, text.stream) == nullptr) return false;
+  line = buffer;
+  if (!line.empty() && line.back() == '\n') {
+    line.pop_back();
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+  }
+  line.erase(line.find_last_not_of(' ') + 1);
+  return true;
+}
+
+// The next line that says something.
+bool nextword(TemplateText& text, std::string& line) {
+  while (nextline(text, line))
+    if (!line.empty() && line[0] != ' ' && line[0] != '#') return true;
+  return false;
+}
+
+bool beginswith(std::string_view line, const char* word) {
+  return strncasecmp(std::string(line).c_str(), word, std::strlen(word)) == 0;
+}
+
+std::string withoutlead(const std::string& value) {
+  const std::size_t first = value.find_first_not_of(' ');
+  return first == std::string::npos ? std::string() : value.substr(first);
+}
+
+char firstletter(const std::string& value) {
+  return value.empty() ? '\0' : static_cast<char>(std::toupper(static_cast<unsigned char>(value[0])));
+}
+
+std::string pathvalue(const std::string& value) {
+  std::string path = withoutlead(value);
+  if (path.size() >= maxpath) stopwith("File name too long: %s\n", path.c_str());
+  return path;
+}
+
+double missingvalue(TemplateText& text) {
+  std::string line;
+  if (!nextline(text, line)) stopwith(badmissing);
+  char* end = nullptr;
+  const double value = std::strtod(line.c_str(), &end);
+  if (end == line.c_str()) stopwith(badmissing);
+  return value;
+}
+
+void takemissing(TemplateText& text, const std::string& value) {
+  MdmData& mdm = run.mdm;
+  if (firstletter(value) == 'N') mdm.l1missing = false;
+  if (firstletter(value) != 'Y') return;
+  mdm.l1missing = true;
+  const std::string list = value.substr(1);
+  if (raw.reader == nullptr && beginswith(list, "/")) stopwith(nofile);
+  if (raw.reader == nullptr || raw.reader->rawdattype != 2) return;
+  if (!text.counted[0]) stopwith(nofile);
+  raw.missingcodes.reset(static_cast<std::size_t>(raw.level[0].numvar));
+  if (beginswith(list, "/SAME")) {
+    text.samemissing = true;
+    raw.missingcodes.fill(missingvalue(text));
+  } else if (beginswith(list, "/DIFFERENT")) {
+    text.samemissing = false;
+    for (double& code : raw.missingcodes) code = missingvalue(text);
+  } else {
+    stopwith(badmissing);
+  }
+}
+
+void takerawtype(TemplateText&, const std::string& value) {
+  const RawReader* reader = findreader(value);
+  if (reader == nullptr) stopwith("Invalid raw data type.\n");
+  if (reader->open == nullptr) stopwith("%s cannot read %s files yet.\n", module, reader->label);
+  raw.reader = reader;
+}
+
+void takecount(TemplateText& text, int level, const std::string& value) {
+  const long count = std::strtol(value.c_str(), nullptr, 10);
+  if (count < 0 || count > mostvariables)
+    stopwith("The number of level-%d variables must lie between 0 and %d!\n", level + 1, mostvariables);
+  raw.level[level].numvar = static_cast<int>(count);
+  Array<Name>& names = namesof(level);
+  names.reset(static_cast<std::size_t>(count) + 1);
+  names.fill(paddedname(""));
+  names[0] = paddedname(level == 0 ? "INTRCPT1" : level == 1 ? "INTRCPT2" : "INTRCPT3");
+  text.counted[level] = true;
+}
+
+void takeformat(TemplateText&, int level, const std::string& value) {
+  if (raw.reader == nullptr) stopwith(noformat);
+  raw.level[level].format = withoutlead(value);
+  if (raw.level[level].format.size() >= maxformat)
+    stopwith("The format of the level-%d file has more than %d characters!\n", level + 1,
+             static_cast<int>(maxformat) - 1);
+}
+
+void takefile(TemplateText&, int level, const std::string& value) {
+  if (raw.reader == nullptr) stopwith(noformat);
+  LevelSource& source = raw.level[level];
+  if (source.stream != nullptr) raw.reader->close(level);
+  source.filename = pathvalue(value);
+  raw.reader->open(level);
+}
+
+void takeblock(TemplateText& text, int level) {
+  if (raw.reader == nullptr || raw.level[level].stream == nullptr) stopwith(nofile);
+  if (!text.counted[level]) stopwith("Must specify the number of level-%d variables before their names!\n", level + 1);
+  char ending[] = "*END L1VARS";
+  ending[6] = static_cast<char>('1' + level);
+  Array<Name>& names = namesof(level);
+  std::size_t given = 0;
+  std::string line;
+  for (;;) {
+    if (!nextword(text, line)) stopwith("Did not find %s!\n", ending);
+    if (beginswith(line, ending)) break;
+    if (line.size() > longestname) stopwith("Variable name %s is too long!\n", line.c_str());
+    if (++given == names.size())
+      stopwith("There are more than %d level-%d variable names!\n", raw.level[level].numvar, level + 1);
+    names[given] = paddedname(line);
+  }
+  if (given + 1 < names.size())
+    stopwith("There are fewer than %d level-%d variable names!\n", raw.level[level].numvar, level + 1);
+  text.named[level] = true;
+}
+
+void takegrowth(TemplateText&, const std::string& value) {
+  if (firstletter(value) == 'N') run.mdm.mdmtype = 0;
+  if (firstletter(value) == 'Y') run.mdm.mdmtype = 1;
+}
+
+void taketype(TemplateText&, const std::string& value) {
+  const int type = std::atoi(value.c_str());
+  run.mdm.mdmtype = type >= 1 && type <= 3 ? type : 0;
+}
+
+void takedeletion(TemplateText&, const std::string& value) {
+  if (firstletter(value) == 'N') run.mdm.deletednow = true;
+  if (firstletter(value) == 'A') run.mdm.deletednow = false;
+}
+
+void takemdmname(TemplateText&, const std::string& value) { run.files.mdmfile = pathvalue(value); }
+
+struct Keyword {
+  const char* word;
+  void (*take)(TemplateText& text, const std::string& value);
+};
+constexpr Keyword keywords[] = {
+    {"GROWTHMODEL:", takegrowth},      {"MDMTYPE:", taketype},       {"L1MISSING:", takemissing},
+    {"TIMEOFDELETION:", takedeletion}, {"RAWDATTYPE:", takerawtype}, {"MDMNAME:", takemdmname},
+};
+
+// Keywords that name a level. `digit` is the place of its digit.
+struct LevelKeyword {
+  const char* word;
+  std::size_t digit;
+  void (*take)(TemplateText& text, int level, const std::string& value);
+};
+constexpr LevelKeyword levelkeywords[] = {
+    {"NUML1VAR:", 4, takecount},
+    {"L1FORMAT:", 1, takeformat},
+    {"L1FNAME:", 1, takefile},
+    {"*BEGIN L1VARS", 8, [](TemplateText& text, int level, const std::string&) { takeblock(text, level); }},
+};
+
+// Any line that no keyword begins is passed over.
+void takeline(TemplateText& text, const std::string& line) {
+  for (const Keyword& keyword : keywords)
+    if (beginswith(line, keyword.word)) return keyword.take(text, line.substr(std::strlen(keyword.word)));
+  for (const LevelKeyword& keyword : levelkeywords)
+    for (int level = 0; level < 3; ++level) {
+      std::string word = keyword.word;
+      word[keyword.digit] = static_cast<char>('1' + level);
+      if (beginswith(line, word.c_str())) return keyword.take(text, level, line.substr(word.size()));
+    }
+}
+
+// What a construction cannot do without.
+void checkcomplete(const TemplateText& text) {
+  if (raw.reader == nullptr) stopwith("The template tells no raw data type!\n");
+  for (int level = 0; level < 3; ++level) {
+    const LevelSource& source = raw.level[level];
+    if (source.stream == nullptr) stopwith("The template names no level-%d file!\n", level + 1);
+    if (!text.counted[level]) stopwith("The template tells no number of level-%d variables!\n", level + 1);
+    if (source.format.empty()) stopwith("The template tells no format of the level-%d file!\n", level + 1);
+    if (!text.named[level] && source.numvar > 0) stopwith("The template names no level-%d variables!\n", level + 1);
+  }
+  if (run.mdm.l1missing && raw.missingcodes.size() != static_cast<std::size_t>(raw.level[0].numvar))
+    stopwith(badmissing);
+}
+
+}  // namespace
+
+void readtemplate(const std::string& path) {
+  TemplateText text{openfile(path, "r")};
+  std::string line;
+  if (!nextline(text, line) || !beginswith(line, templatehead))
+    stopwith("%s does not seem to be a %s mdm template file!\n", path.c_str(), module);
+  forgetraw();
+  raw.templatename = path;
+  run.mdm.l1missing = false;
+  run.mdm.deletednow = true;
+  run.mdm.mdmtype = 0;
+  run.mdm.numericids = false;
+  while (nextword(text, line)) takeline(text, line);
+  std::fclose(text.stream);
+  checkcomplete(text);
+  writetemplate(text.samemissing);
+}
+
+void writetemplate(bool samemissing) {
+  const MdmData& mdm = run.mdm;
+  const bool ascii = raw.reader->rawdattype == 2;
+  std::FILE* out = openfile(templatecopy, "w");
+  std::fprintf(out, "%s\n", templatehead);
+  std::fprintf(out, "mdmtype:%d\n", mdm.mdmtype);
+  std::fprintf(out, "rawdattype:%s\n", raw.reader->word);
+  for (int level = 0; level < 3; ++level)
+    std::fprintf(out, "l%dfname:%s\n", level + 1, raw.level[level].filename.c_str());
+  for (int level = 0; ascii && level < 3; ++level)
+    std::fprintf(out, "numl%dvar:%d\n", level + 1, raw.level[level].numvar);
+  for (int level = 0; ascii && level < 3; ++level)
+    std::fprintf(out, "l%dformat:%s\n", level + 1, raw.level[level].format.c_str());
+  std::fprintf(out, "l1missing:%c", mdm.l1missing ? 'y' : 'n');
+  if (ascii && mdm.l1missing) {
+    std::fprintf(out, samemissing ? "/SAME\n" : "/DIFFERENT\n");
+    const std::size_t lines = samemissing && !raw.missingcodes.empty() ? 1 : raw.missingcodes.size();
+    for (std::size_t v = 0; v < lines; ++v) std::fprintf(out, "%f\n", raw.missingcodes[v]);
+  } else {
+    std::fprintf(out, "\n");
+  }
+  std::fprintf(out, "timeofdeletion:%s\n", mdm.deletednow ? "now" : "analysis");
+  std::fprintf(out, "mdmname:%s\n", run.files.mdmfile.c_str());
+  for (int level = 0; level < 3; ++level) {
+    std::fprintf(out, "*begin l%dvars\n", level + 1);
+    const Array<Name>& names = namesof(level);
+    for (std::size_t v = 1; v < names.size(); ++v) std::fprintf(out, "%s\n", leftname(names[v]).c_str());
+    std::fprintf(out, "*end l%dvars\n", level + 1);
+  }
+  closechk(out);
+}
+
+}  // namespace kdr

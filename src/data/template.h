@@ -1,0 +1,19 @@
+// MDM templates: the plain-text recipe of one MDM file.
+#pragma once
+
+#include <string>
+
+namespace kdr {
+
+inline constexpr const char* templatehead = "#KDR3 MDM CREATION TEMPLATE";
+inline constexpr const char* templatecopy = "creatmdm.mdmt";
+
+// Reads a template into `raw`, run.mdm (names, kinds) and run.files.mdmfile, opens its raw files, and writes it back by
+// writetemplate. Stops with code 100 and words of its own on anything it cannot use.
+void readtemplate(const std::string& path);
+
+// Writes what `raw`, run.mdm and run.files.mdmfile tell as a template to creatmdm.mdmt in the working directory.
+// `samemissing`: one missing code stands for all level-1 variables. Failure 5 when it cannot be written.
+void writetemplate(bool samemissing);
+
+}  // namespace kdr

@@ -1,0 +1,185 @@
+#include "data/unitreader.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "data/scratch.h"
+#include "driver/failures.h"
+#include "driver/runrecord.h"
+
+namespace kdr {
+
+namespace {
+
+constexpr std::size_t buffersize = std::size_t{1} << 20;
+
+[[noreturn]] void damaged(const UnitReader& reader, const char* what) {
+  if (reader.withmeans) damagedmdm(what);
+  stopwith("The working data file is damaged: %s.\n", what);
+}
+
+// Reads up to `bytes` bytes at a file position. Less only at the end of the file.
+std::size_t readat(const UnitReader& reader, char* destination, std::size_t bytes, long long position) {
+  std::size_t done = 0;
+  while (done < bytes) {
+    checksignals();
+    const ssize_t got = pread(fileno(reader.stream), destination + done, bytes - done,
+                              static_cast<off_t>(position) + static_cast<off_t>(done));
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) damaged(reader, "it cannot be read");
+    if (got == 0) break;
+    done += static_cast<std::size_t>(got);
+  }
+  return done;
+}
+
+// Makes the bytes from the current one on available, as many as the buffer holds.
+void refill(UnitReader& reader) {
+  reader.start += static_cast<long long>(reader.at);
+  reader.at = 0;
+  reader.have = readat(reader, reader.buffer.data(), reader.buffer.size(), reader.start);
+}
+
+// Copies the next `bytes` bytes; a piece larger than the buffer comes straight from the file.
+void take(UnitReader& reader, void* destination, std::size_t bytes) {
+  char* to = static_cast<char*>(destination);
+  const std::size_t buffered = std::min(bytes, reader.have - reader.at);
+  if (buffered > 0) std::memcpy(to, reader.buffer.data() + reader.at, buffered);
+  reader.at += buffered;
+  const std::size_t rest = bytes - buffered;
+  if (rest == 0) return;
+  if (rest >= reader.buffer.size()) {
+    reader.start += static_cast<long long>(reader.at);
+    reader.at = reader.have = 0;
+    if (readat(reader, to + buffered, rest, reader.start) != rest) damaged(reader, "it is cut off");
+    reader.start += static_cast<long long>(rest);
+    return;
+  }
+  refill(reader);
+  if (reader.have < rest) damaged(reader, "it is cut off");
+  std::memcpy(to + buffered, reader.buffer.data(), rest);
+  reader.at = rest;
+}
+
+void takeid(UnitReader& reader, Id& id) {
+  if (run.mdm.numericids) {
+    take(reader, &id.number, sizeof id.number);
+    return;
+  }
+  take(reader, id.text.text, sizeof id.text.text);
+  if (std::memchr(id.text.text, '\0', sizeof id.text.text) == nullptr) damaged(reader, "an ID has no end");
+}
+
+void sizeblock(const UnitReader& reader, UnitBlock& block) {
+  const auto nvar1 = static_cast<std::size_t>(reader.nvar1);
+  const auto nvar2 = static_cast<std::size_t>(reader.nvar2);
+  if (block.means.size() < nvar1) block.means.reset(nvar1);
+  if (block.level2.size() < nvar2) block.level2.reset(nvar2);
+  const std::size_t most = static_cast<std::size_t>(run.mdm.maxnj) * nvar1;
+  if (block.records.size() < most) block.records.reset(most);
+}
+
+// Reads nj; false at the end of the file.
+bool takecount(UnitReader& reader, UnitBlock& block) {
+  if (reader.at == reader.have) refill(reader);
+  if (reader.have == 0) return false;
+  sizeblock(reader, block);
+  take(reader, &block.nj, sizeof block.nj);
+  const std::size_t room = block.records.size() / std::max<std::size_t>(static_cast<std::size_t>(reader.nvar1), 1);
+  if (block.nj < 1 || static_cast<std::size_t>(block.nj) > room || (reader.withmeans && block.nj > run.mdm.maxnj))
+    damaged(reader, "a level-2 unit has an impossible size");
+  return true;
+}
+
+void taketail(UnitReader& reader, UnitBlock& block) {
+  takeid(reader, block.id3);
+  takeid(reader, block.id2);
+  take(reader, block.level2.data(), static_cast<std::size_t>(reader.nvar2) * sizeof(double));
+}
+
+// Counts a delivered block of the MDM file, and holds the counts against the head once all blocks have been seen.
+void tally(UnitReader& reader, const UnitBlock& block) {
+  const MdmData& mdm = run.mdm;
+  reader.tallyposition = unitposition(reader);
+  ++reader.units;
+  reader.records += block.nj;
+  if (reader.units > mdm.numl2rec || reader.records > mdm.numl1rec) damagedmdm("it holds more than its head tells");
+  // A run may have shortened its level-3 table since the file was read.
+  if (mdm.nunits3 == mdm.numl3rec) {
+    if (reader.group < 0 || !sameid(block.id3, level3id(reader.group))) {
+      ++reader.group;
+      if (reader.group >= mdm.nunits3 || !sameid(block.id3, level3id(reader.group)))
+        damagedmdm("its level-2 units do not follow its level-3 table");
+    }
+    if (reader.units == mdm.numl2rec && reader.group + 1 != mdm.nunits3)
+      damagedmdm("its level-2 units do not follow its level-3 table");
+  }
+  if (reader.units == mdm.numl2rec && reader.records != mdm.numl1rec)
+    damagedmdm("it holds fewer level-1 records than its head tells");
+}
+
+}  // namespace
+
+void startunits(UnitReader& reader, std::FILE* stream, long long offset, int nvar1, int nvar2, bool withmeans) {
+  if (std::fflush(stream) != 0) fail(5);
+  reader.stream = stream;
+  reader.nvar1 = nvar1;
+  reader.nvar2 = nvar2;
+  reader.withmeans = withmeans;
+  if (reader.buffer.empty()) reader.buffer.reset(buffersize);
+  reader.start = reader.tallyposition = offset;
+  reader.have = reader.at = 0;
+  reader.tallied = withmeans && stream == run.mdm.stream && offset == run.mdm.firstblock;
+  reader.units = 0;
+  reader.records = 0;
+  reader.group = -1;
+}
+
+bool readunit(UnitReader& reader, UnitBlock& block) {
+  // A jump that did not lead back to where the last block ended ends the tally.
+  if (unitposition(reader) != reader.tallyposition) reader.tallied = false;
+  if (!takecount(reader, block)) {
+    if (reader.tallied && reader.units != run.mdm.numl2rec) damagedmdm("it is cut off");
+    return false;
+  }
+  const std::size_t row = static_cast<std::size_t>(reader.nvar1) * sizeof(double);
+  if (reader.withmeans) take(reader, block.means.data(), row);
+  take(reader, block.records.data(), static_cast<std::size_t>(block.nj) * row);
+  taketail(reader, block);
+  if (reader.tallied) tally(reader, block);
+  return true;
+}
+
+bool skimunit(UnitReader& reader, UnitBlock& block) {
+  if (!takecount(reader, block)) return false;
+  const long long rows = block.nj + (reader.withmeans ? 1LL : 0LL);
+  seekunit(reader, unitposition(reader) + rows * reader.nvar1 * static_cast<long long>(sizeof(double)));
+  taketail(reader, block);
+  return true;
+}
+
+long long unitposition(const UnitReader& reader) { return reader.start + static_cast<long long>(reader.at); }
+
+void seekunit(UnitReader& reader, long long position) {
+  if (position >= reader.start && position <= reader.start + static_cast<long long>(reader.have)) {
+    reader.at = static_cast<std::size_t>(position - reader.start);
+    return;
+  }
+  reader.start = position;
+  reader.at = reader.have = 0;
+}
+
+void writeunit(std::FILE* stream, const UnitBlock& block, int nvar1, int nvar2, bool withmeans) {
+  const std::size_t row = static_cast<std::size_t>(nvar1) * sizeof(double);
+  writechk(&block.nj, sizeof block.nj, stream);
+  if (withmeans) writechk(block.means.data(), row, stream);
+  writechk(block.records.data(), static_cast<std::size_t>(block.nj) * row, stream);
+  writechk(idbytes(block.id3), idwidth(), stream);
+  writechk(idbytes(block.id2), idwidth(), stream);
+  writechk(block.level2.data(), static_cast<std::size_t>(nvar2) * sizeof(double), stream);
+}
+
+}  // namespace kdr

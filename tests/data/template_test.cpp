@@ -1,0 +1,203 @@
+#include "data/template.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+
+#include "data/child.h"
+#include "data/construction.h"
+#include "data/levelsource.h"
+#include "data/scratch.h"
+#include "data/unitreader.h"
+
+namespace kdr {
+namespace {
+
+const std::string head = "#KDR3 MDM CREATION TEMPLATE\n";
+
+// A complete template, in the form in which it is written back.
+const std::string whole = head +
+                          "mdmtype:2\n"
+                          "rawdattype:ascii\n"
+                          "l1fname:one\nl2fname:two\nl3fname:three\n"
+                          "numl1var:2\nnuml2var:1\nnuml3var:1\n"
+                          "l1format:(2A2,2F3.0)\nl2format:(2A2,F3.0)\nl3format:(A2,F3.0)\n"
+                          "l1missing:y/DIFFERENT\n-9.000000\n99.000000\n"
+                          "timeofdeletion:analysis\n"
+                          "mdmname:made.mdm\n"
+                          "*begin l1vars\nX\nY\n*end l1vars\n"
+                          "*begin l2vars\nW\n*end l2vars\n"
+                          "*begin l3vars\nZ\n*end l3vars\n";
+
+std::string with(std::string text, const std::string& from, const std::string& to) {
+  const std::size_t at = text.find(from);
+  EXPECT_NE(at, std::string::npos) << from;
+  return text.replace(at, from.size(), to);
+}
+
+struct Template : testing::Test {
+  Workplace workplace;
+  Template() {
+    makefile("one", "a 1   1  2\na 1  -9  3\na 2  99 99\nb 1   5  6\nb 1     -9\n");
+    makefile("two", "a 1   7\na 2   8\nb 1  99\n");
+    makefile("three", "a  10\nb  20\n");
+  }
+  static Outcome readback(const std::string& text) {
+    makefile("t.mdmt", text);
+    std::remove(templatecopy);
+    return runchild([] { readtemplate("t.mdmt"); });
+  }
+};
+
+TEST_F(Template, WritesBackWhatItRead) {
+  std::string crlf;
+  for (const char c : whole) crlf += c == '\n' ? std::string("\r\n") : std::string(1, c);
+  const std::string same = with(whole, "l1missing:y/DIFFERENT\n-9.000000\n99.000000\n", "l1missing:y/SAME\n-9.500000\n");
+  const std::string none = with(whole, "l1missing:y/DIFFERENT\n-9.000000\n99.000000\n", "l1missing:n\n");
+  const struct {
+    const char* what;
+    std::string text;
+    std::string copy;
+  } cases[] = {
+      {"as written", whole, whole},
+      {"line ends of the other kind", crlf, whole},
+      {"one missing code", same, same},
+      {"comments, blanks, unknown lines",
+       with(whole, "mdmname:", "# mdmname:no\n mdmname:no\n\nCOLOUR:red\nMDMNAME:   ") + "rest", whole},
+      {"a code is a number with anything behind it", with(whole, "-9.000000", "  -9 x"), whole},
+      {"the older growth keyword", with(whole, "mdmtype:2", "GROWTHMODEL:y"), with(whole, "mdmtype:2", "mdmtype:1")},
+      {"the later type holds", with(whole, "mdmtype:2", "GROWTHMODEL:Y\nMDMTYPE:2"), whole},
+      {"a type that is none", with(whole, "mdmtype:2", "mdmtype:7"), with(whole, "mdmtype:2", "mdmtype:0")},
+      {"defaults", with(with(none, "timeofdeletion:analysis\n", ""), "l1missing:n\n", ""),
+       with(none, "analysis", "now")},
+      {"colons behind block words, longer words", with(with(whole, "*begin l2vars", "*BEGIN L2VARS:"), "ascii", "ASCII1"),
+       whole},
+      {"names are upper case, cut to 8 characters, without blanks", with(whole, "\nW\n", "\nabcdefghij  \n"),
+       with(whole, "\nW\n", "\nABCDEFGH\n")},
+      {"a name of 12 characters", with(whole, "\nW\n", "\nabcdefghijkl\n"), with(whole, "\nW\n", "\nABCDEFGH\n")},
+  };
+  for (const auto& c : cases) {
+    const Outcome outcome = readback(c.text);
+    EXPECT_EQ(outcome.code, 0) << c.what << outcome.words;
+    EXPECT_EQ(contents(templatecopy), c.copy) << c.what;
+  }
+}
+
+TEST_F(Template, Refusals) {
+  const std::string nofile = "Must specify raw data type and input file name before variable names!\n";
+  const std::string notype = "Must specify raw data type before input file name!\n";
+  const std::string badmissing = "Incorrect specification of ASCII missing information!\n";
+  const struct {
+    std::string text;
+    std::string words;
+  } cases[] = {
+      {"", "t.mdmt does not seem to be a KDR3 mdm template file!\n"},
+      {"x" + whole, "t.mdmt does not seem to be a KDR3 mdm template file!\n"},
+      {with(whole, "rawdattype:ascii\n", ""), notype},
+      {head + "l1format:(A1)\n", notype},
+      {head + "*begin l1vars\n", nofile},
+      {with(whole, "l2fname:two\n", ""), nofile},
+      {head + "rawdattype:ascii\nl1missing:y/same\n1\n", nofile},
+      {head + "l1missing:y/same\n1\n", nofile},
+      {with(whole, "/DIFFERENT", "/OTHER"), badmissing},
+      {with(whole, "/DIFFERENT", ""), badmissing},
+      {with(whole, "-9.000000", "none"), badmissing},
+      {head + "l1missing:y\n" + with(whole, "l1missing:y/DIFFERENT\n", ""), badmissing},
+      {with(whole, "ascii", "text"), "Invalid raw data type.\n"},
+      {with(whole, "ascii", "stat"), "KDR3 cannot read Stata files yet.\n"},
+      {with(whole, "ascii", "SPSSWIN"), "KDR3 cannot read SPSS files yet.\n"},
+      {with(whole, "ascii", "Sas"), "KDR3 cannot read SAS files yet.\n"},
+      {with(whole, "ascii", "systat"), "KDR3 cannot read SYSTAT files yet.\n"},
+      {with(whole, "ascii", "other"), "KDR3 cannot read OTHER files yet.\n"},
+      {with(whole, "\nW\n", "\nabcdefghijklm\n"), "Variable name abcdefghijklm is too long!\n"},
+      {with(whole, "*end l2vars", "*end l4vars"), "There are more than 1 level-2 variable names!\n"},
+      {with(whole, "*end l3vars\n", ""), "Did not find *END L3VARS!\n"},
+      {with(whole, "\nX\nY\n", "\nX\n"), "There are fewer than 2 level-1 variable names!\n"},
+      {with(whole, "numl2var:1\n", ""), "Must specify the number of level-2 variables before their names!\n"},
+      {with(whole, "numl1var:2", "numl1var:-1"), "The number of level-1 variables must lie between 0 and 1000000!\n"},
+      {with(whole, "l3format:(A2,F3.0)\n", ""), "The template tells no format of the level-3 file!\n"},
+      {with(whole, "*begin l3vars\nZ\n*end l3vars\n", ""), "The template names no level-3 variables!\n"},
+      {head, "The template tells no raw data type!\n"},
+      {head + "rawdattype:ascii\n", "The template names no level-1 file!\n"},
+      {with(whole, "(2A2,F3.0)", std::string(1024, 'x')),
+       "The format of the level-2 file has more than 1023 characters!\n"},
+      {with(whole, "l1fname:one", "l1fname:nowhere"), "Unable to open nowhere for reading\n"},
+      {with(whole, "l1fname:one", "l1fname:."), "Unable to open . for reading\n"},
+  };
+  for (const auto& c : cases) {
+    const Outcome outcome = readback(c.text);
+    EXPECT_EQ(outcome.code, 100) << c.words;
+    EXPECT_EQ(outcome.words, c.words);
+    EXPECT_FALSE(std::filesystem::exists(templatecopy)) << c.words;
+  }
+}
+
+TEST_F(Template, MakesTheFile) {
+  makefile("t.mdmt", whole);
+  const Outcome outcome = runchild([] {
+    readtemplate("t.mdmt");
+    mkmdm();
+    run.mdm.stream = openfile("made.mdm", "rb");
+    readmdm();
+    UnitReader reader;
+    UnitBlock block;
+    startunits(reader, run.mdm.stream, run.mdm.firstblock, run.mdm.nvar1, run.mdm.nvar2, true);
+    std::printf("|%d %d %s\n", run.mdm.mdmtype, run.mdm.deletednow, run.mdm.fnames[1].c_str());
+    while (readunit(reader, block)) {
+      std::printf("%s%s %g:", block.id3.text.text, block.id2.text.text, block.level2[0]);
+      for (std::size_t i = 0; i < 2 * static_cast<std::size_t>(block.nj); ++i) std::printf(" %g", block.records[i]);
+      std::printf("\n");
+    }
+  });
+  // A code counts in its own variable only, a blank in any; level 2 has no codes.
+  EXPECT_EQ(outcome.words.substr(outcome.words.find('|') + 1),
+            "2 0 two\n"
+            "           A           1 7: 1 2 -1e+36 3\n"
+            "           A           2 8: 99 -1e+36\n"
+            "           B           1 99: 5 6 -1e+36 -9\n");
+  EXPECT_NE(contents("KDR3MDM.STS").find("MDM template:  t.mdmt\nMDM file name: made.mdm\n"), std::string::npos);
+}
+
+// The example: counts and means against sums over the columns of its text files.
+TEST(Example, Chem97) {
+  Workplace workplace;
+  std::filesystem::copy(TESTDATA "/examples/chem97", ".");
+  const Outcome outcome = runchild([] {
+    readtemplate("chem97.mdmt");
+    mkmdm();
+    run.mdm.stream = openfile("chem97.mdm", "rb");
+    readmdm();
+  });
+  ASSERT_EQ(outcome.code, 0) << outcome.words;
+  EXPECT_EQ(contents(templatecopy), contents("chem97.mdmt"));
+  run.mdm.stream = openfile("chem97.mdm", "rb");
+  readmdm();
+  double sums[5] = {};
+  std::map<std::string, int> schools;
+  std::ifstream text("chem97-1.dat");
+  int records = 0;
+  for (std::string line; std::getline(text, line); ++records) {
+    ++schools[line.substr(0, 10)];
+    const int columns[] = {10, 15, 18, 22, 29, 37};
+    for (int v = 0; v < 5; ++v) sums[v] += std::stod(line.substr(columns[v], columns[v + 1] - columns[v]));
+  }
+  EXPECT_EQ(run.mdm.numl1rec, records);
+  EXPECT_EQ(run.mdm.numl2rec, static_cast<int>(schools.size()));
+  EXPECT_EQ(run.mdm.numl3rec, 131);
+  for (std::size_t v = 0; v < 5; ++v) EXPECT_NEAR(run.mdm.mean1[v], sums[v] / records, 1e-12);
+
+  UnitReader reader;
+  UnitBlock block;
+  startunits(reader, run.mdm.stream, run.mdm.firstblock, run.mdm.nvar1, run.mdm.nvar2, true);
+  int wrong = 0;
+  while (readunit(reader, block)) {
+    const std::string place = std::string(block.id3.text.text + 8) + " " + (block.id2.text.text + 7);
+    wrong += schools[place] != block.nj;
+  }
+  EXPECT_EQ(wrong, 0);
+  std::fclose(run.mdm.stream);
+  run.mdm = MdmData{};
+}
+
+}  // namespace
+}  // namespace kdr

@@ -1,0 +1,29 @@
+// Templates. The input is the template; the raw files "a", "b" and "c" are there for it to name.
+#include "data/construction.h"
+#include "data/levelsource.h"
+#include "data/scratch.h"
+#include "data/template.h"
+#include "harness.h"
+
+using namespace kdr;
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const std::string_view input(reinterpret_cast<const char*>(data), size);
+  if (input.find("/dev") != std::string_view::npos || input.find("..") != std::string_view::npos) return 0;
+  startharness();
+  writeinput("t.mdmt", input);
+  writeinput("a", "A 1  1  2\nA 1  3  4\nB 1  5  6\n");
+  writeinput("b", "A 1  7\nB 1  8\n");
+  writeinput("c", "A  1\nB  2\n");
+  run.mdm = MdmData{};
+  run.files.mdmfile.clear();
+  runjob([] {
+    readtemplate("t.mdmt");
+    run.files.mdmfile = "t.mdm";
+    mkmdm();
+  });
+  if (run.mdm.stream != nullptr) std::fclose(run.mdm.stream);
+  scratchcloseall();
+  forgetraw();
+  return 0;
+}
