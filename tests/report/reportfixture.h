@@ -55,34 +55,36 @@ inline void startmodel(const std::vector<std::string>& names1, const std::vector
   run.kind.outname = mdm.names1[1];
 }
 
-// Fills the equations of set 0 and the counts and labels that go with them.
+// Fills the equations, the same in every equation set, and the counts and labels that go with them.
 inline void setmodel(const std::vector<TestCoefficient>& coefficients) {
   allocatemodel();
   ModelSpec& model = run.model;
   Coefficients& coef = run.coef;
-  model.use1.row(0)[run.kind.outvar] = -1;
   run.kind.nointercept1 = coefficients.empty() || coefficients[0].variable != 0;
   std::vector<Name> beta1, beta2;
-  int c = 0, b = 0;
-  for (const TestCoefficient& coefficient : coefficients) {
-    model.use1.row(0)[coefficient.variable] = 1;
-    model.fixed1.row(0)[c] = coefficient.random ? 0 : 1;
-    model.nterms2.row(0)[c] = static_cast<int>(coefficient.terms.size());
-    int t = 0;
-    for (const TestTerm& term : coefficient.terms) {
-      model.terms2.row(0, c)[t++] = term.variable;
-      model.fixed2.row(0)[b] = term.random ? 0 : 1;
-      model.nterms3.row(0)[b] = static_cast<int>(term.effects.size());
-      for (std::size_t u = 0; u < term.effects.size(); ++u) model.terms3.row(0, b)[u] = term.effects[u];
-      if (term.random) {
-        beta1.push_back(run.mdm.names1[coefficient.variable]);
-        beta2.push_back(run.mdm.names2[term.variable]);
+  for (int set = 0; set < run.kind.neqsets; ++set) {
+    model.use1.row(set)[run.kind.outvar] = -1;
+    int c = 0, b = 0;
+    for (const TestCoefficient& coefficient : coefficients) {
+      model.use1.row(set)[coefficient.variable] = 1;
+      model.fixed1.row(set)[c] = coefficient.random ? 0 : 1;
+      model.nterms2.row(set)[c] = static_cast<int>(coefficient.terms.size());
+      int t = 0;
+      for (const TestTerm& term : coefficient.terms) {
+        model.terms2.row(set, c)[t++] = term.variable;
+        model.fixed2.row(set)[b] = term.random ? 0 : 1;
+        model.nterms3.row(set)[b] = static_cast<int>(term.effects.size());
+        for (std::size_t u = 0; u < term.effects.size(); ++u) model.terms3.row(set, b)[u] = term.effects[u];
+        if (term.random) {
+          beta1.push_back(run.mdm.names1[coefficient.variable]);
+          beta2.push_back(run.mdm.names2[term.variable]);
+        }
+        coef.ngamma += static_cast<int>(term.effects.size());
+        ++b;
       }
-      coef.ngamma += static_cast<int>(term.effects.size());
-      ++b;
+      coef.npi += coefficient.random ? 1 : 0;
+      ++c;
     }
-    coef.npi += coefficient.random ? 1 : 0;
-    ++c;
   }
   coef.nbeta = static_cast<int>(beta1.size());
   coef.betanames1.reset(beta1.size());

@@ -257,6 +257,48 @@ TEST(Specification, OrdinalEquations) {
   EXPECT_STREQ(run.coef.gammanames1[2].text, "        THOLD2,   ");
 }
 
+// Three categories, the last one the reference: two equation sets, told apart by the category at every place.
+TEST(Specification, MultinomialEquationsAndTables) {
+  startmodel({"Y", "X"}, {}, {});
+  run.kind.nonlin = 3;
+  run.kind.ncat = 3;
+  run.kind.neqsets = 2;
+  run.kind.categorylabel.reset(3);
+  for (std::size_t k = 0; k < 3; ++k) run.kind.categorylabel[k].text[0] = static_cast<char>('1' + k);
+  run.pass.mnrun = true;
+  run.iter.fixsigma2 = 1.0;
+  setmodel({{0, true, {{0, {0}}}}, {2, false, {{0, {0}, false}}}});
+  const std::string text = specification(false);
+  EXPECT_NE(text.find("\nLevel-1 Model\n\n"
+                      "\tProb[Y(1) = 1|B] = P(1)\n"
+                      "\tProb[Y(2) = 1|B] = P(2)\n"
+                      "\tProb[Y(3) = 1|B] = P(3) = 1 - P(1) - P(2)\n\n"
+                      "\tlog[P(1)/P(3)] = B0(1) + B1(1)*(X) \n"
+                      "\tlog[P(2)/P(3)] = B0(2) + B1(2)*(X) \n"
+                      "\nLevel-2 Model\n\n"
+                      "\tP0(1) = B00(1) + r0(1)\n\tP1(1) = B10(1) \n\n"
+                      "\tP0(2) = B00(2) + r0(2)\n\tP1(2) = B10(2) \n"),
+            std::string::npos)
+      << text;
+
+  FixedDegrees degrees;
+  degreesoffreedom(degrees);
+  const double gamma[4] = {}, V[16] = {}, tau[4] = {1, 0, 0, 1}, chisq[2] = {30, 30};
+  const int nterms[2] = {1, 1}, nextra[2] = {};
+  const std::string fixed = capturedtable(false, [&] { fixedtable(degrees, TableKind::estimates, V, gamma, 4, 1.0); });
+  EXPECT_NE(fixed.find("-\nFor Category 1\n For       INTRCPT1, P0\n"), std::string::npos) << fixed;
+  EXPECT_NE(fixed.find("Unable to compute\n\nFor Category 2\n For       INTRCPT1, P0\n"), std::string::npos) << fixed;
+  EXPECT_EQ(capturedtable(false, [&] { taupitable(MatrixTitle::plain, false, 2, tau); }),
+            "\ntau(pi)\n INTRCPT1,P0(1)      1.00000       0.00000 \n INTRCPT1,P0(2)      0.00000       1.00000 \n\n");
+  EXPECT_NE(capturedtable(false, [&] { taubetatable(MatrixTitle::plain, false, 2, tau); })
+                .find(" INTRCPT1         INTRCPT1        \n INTRCPT2,B00(1) INTRCPT2,B00(2)\n"
+                      "    1.00000         0.00000     \n"),
+            std::string::npos);
+  EXPECT_NE(capturedtable(false, [&] { variancetable(1, 2, 60, 20, nterms, nextra, tau, chisq, 1.0); })
+                .find(" INTRCPT1(2),      r0      1.00000       1.00000      40      30.00000    >.500\n"),
+            std::string::npos);
+}
+
 TEST(Symbols, MeasurementModels) {
   startmodel({"Y"}, {}, {});
   setmodel({{0, true, {{0, {0}}}}});
