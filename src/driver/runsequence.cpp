@@ -11,6 +11,7 @@
 #include "driver/failures.h"
 #include "driver/options.h"
 #include "driver/questions.h"
+#include "driver/reportstream.h"
 #include "driver/runrecord.h"
 #include "kernel/array.h"
 #include "linear/estimate.h"
