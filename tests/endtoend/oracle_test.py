@@ -159,6 +159,9 @@ def main():
                     c = Checks(tags[m])
                     try:
                         code, out = run(program, work, template + '.mdm', m + '.kdr')
+                        if code == 100 and 'This version of KDR3 cannot' in out:
+                            print('%-20s skipped: %s' % (c.tag, out.strip().splitlines()[-1]))
+                            continue
                         if code != 0:
                             c.fail('the run ended with code %d\n%s' % (code, out[-800:]))
                         else:
@@ -174,7 +177,7 @@ def main():
                     except (ValueError, OSError) as error:
                         c.fail(str(error))
                     print('%-20s %3d comparisons, %d differ' % (c.tag, c.done, len(c.bad)))
-                    bad += c.bad
+                    bad += c.bad[:12] + ['%s: %d more' % (c.tag, len(c.bad) - 12)] * (len(c.bad) > 12)
                     done += c.done
     print('\n'.join(bad) if bad else 'all %d comparisons hold' % done)
     return 1 if bad or not done else 0
