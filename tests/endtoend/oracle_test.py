@@ -132,6 +132,13 @@ def compare(c, r, want, spec):
         for e, f, g, h in zip(got.estimates, w['estimate'], got.errors, w['se']):
             c.near('test %d estimate' % i, e, f, 3e-5)
             c.near('test %d error' % i, g, h, 1e-4)
+    for level, rows in want.get('exploratory', {}).items():
+        got = r.exploratory.get(int(level), [])
+        c.equal('level-%s candidates' % level, [x[1] for x in got], [x[1] for x in rows])
+        for x, (place, name, slope, error) in zip(got, rows):
+            c.near('level-%s candidate %s for %d' % (level, name, place), x[2], slope, 1.1e-3)
+            c.near('level-%s candidate %s for %d s.e.' % (level, name, place), x[3], error, 1.1e-3)
+            c.equal('level-%s candidate %s belongs to' % (level, name), x[0], place)
     if 'deviance' in spec:
         chi, df = abs(want['deviance'] - spec['deviance']), abs(want['parameters'] - spec['df'])
         c.near('comparison', (r.comparison or [None])[0], chi, 2e-3)
