@@ -23,6 +23,9 @@ struct Series {
   }
 };
 
+// An element that is 0 or stands still, as a fixed one does, has no ratio of changes.
+bool takespart(const Series& s, std::ptrdiff_t at) { return (s.diagonal || s.x1[at] != 0.0) && s.x1[at] != s.x2[at]; }
+
 }  // namespace
 
 bool aitkenstep(const Pass& pass, double& ratio, const TauHistory& history) {
@@ -31,16 +34,17 @@ bool aitkenstep(const Pass& pass, double& ratio, const TauHistory& history) {
   int count = ratio != 0.0 ? 1 : 0;
   for (const Series& s : series)
     s.each([&](int, int, std::ptrdiff_t at) {
-      if (!s.diagonal && s.x1[at] == 0.0) return;
+      if (!takespart(s, at)) return;
       ++count;
       ratio += (s.x[at] - s.x1[at]) / (s.x1[at] - s.x2[at]);
     });
+  if (count == 0) return false;
   ratio /= count;
   constexpr double least = 0.01, most = 0.985;
   if (!(least < ratio && ratio <= most)) return false;
   for (const Series& s : series)
     s.each([&](int i, int j, std::ptrdiff_t at) {
-      if (!s.diagonal && s.x1[at] == 0.0) return;
+      if (!takespart(s, at)) return;
       const double value = s.x1[at] + (s.x[at] - s.x1[at]) / (1.0 - ratio);
       s.x[at] = s.x[static_cast<std::ptrdiff_t>(j) * s.n + i] = value;
     });

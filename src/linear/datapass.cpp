@@ -38,7 +38,7 @@ UnitWork makework(const Pass& pass) {
   int c = 0;
   const int* use = run.model.use1.row(0);
   for (int v = 0; v < run.mdm.ncol1; ++v)
-    if (use[v] == 1) work.column[at(c++)] = v;
+    if (use[v] == 1) work.column[c++] = v;
   work.shift.reset(at(pass.npi));
   work.mean2.reset(at(run.mdm.nvar2));
   work.x.reset(at(pass.npi) + 1);
@@ -49,7 +49,7 @@ UnitWork makework(const Pass& pass) {
   work.Z1Z1.reset(at(pass.p) * at(pass.p));
   work.inverse.reset(at(pass.p) * at(pass.p));
   work.work.reset(packedsize(pass.p) + 3);
-  for (const int v : work.column) work.group1 = work.group1 || run.model.center1[at(v)] == 1;
+  for (const int v : work.column) work.group1 = work.group1 || run.model.center1[v] == 1;
   for (const int mark : run.model.center2) work.group2 = work.group2 || mark == 1;
   const Array<int>& marks = run.model.delete1;
   work.deleting = !run.mdm.deletednow && std::any_of(marks.begin(), marks.end(), [](int mark) { return mark != 0; });
@@ -101,7 +101,7 @@ void centerlevel2(UnitWork& work, const UnitBlock& unit) {
 void centerlevel1(UnitWork& work, const UnitBlock& unit) {
   for (std::size_t c = 0; c < work.column.size(); ++c) {
     const int v = work.column[c];
-    const int mark = v == 0 ? 0 : run.model.center1[at(v)];
+    const int mark = v == 0 ? 0 : run.model.center1[v];
     work.shift[c] = mark == 1 ? unit.means[at(v) - 1] : mark == 2 ? run.mdm.mean1[at(v) - 1] : 0.0;
   }
 }
@@ -142,7 +142,7 @@ void addrecords(UnitWork& work, const UnitBlock& unit, std::size_t firstrecord) 
       for (int c = 0; c < n; ++c) x[c] *= factor;
       if (run.kind.weighted)
         for (int c = 0; c < n; ++c)
-          for (int d = 0; d <= c; ++d) work.AA2[at(c * n + d)] += factor * factor * x[c] * x[d];
+          for (int d = 0; d <= c; ++d) work.AA2[c * n + d] += factor * factor * x[c] * x[d];
     }
     for (int c = 0; c < n; ++c)
       for (int d = 0; d <= c; ++d) AA[c * n + d] += x[c] * x[d];
@@ -180,12 +180,12 @@ void addtolevel3(Pass& pass, const UnitWork& work, int k) {
   double* BB = Pass::row(pass.sumBB, k, pass.nbeta * pass.nbeta);
   double* BY = Pass::row(pass.sumBY, k, pass.nbeta);
   for (int i = 0; i < pass.nbeta; ++i) {
-    const int c = pass.design.owner2[at(i)];
+    const int c = pass.design.owner2[i];
     for (int j = 0; j <= i; ++j)
-      BB[i * pass.nbeta + j] += work.w2[at(i)] * work.w2[at(j)] * product(work, c, pass.design.owner2[at(j)]);
-    BY[i] += work.w2[at(i)] * product(work, y, c);
+      BB[i * pass.nbeta + j] += work.w2[i] * work.w2[j] * product(work, c, pass.design.owner2[j]);
+    BY[i] += work.w2[i] * product(work, y, c);
   }
-  pass.sumYY[at(k)] += product(work, y, y);
+  pass.sumYY[k] += product(work, y, y);
 }
 
 // Z1'Z1, Z1'Y and B'Z1 into the hot record; in a weighted run times `scale2`, once for each Z1.
@@ -193,11 +193,11 @@ void fillhot(const Pass& pass, const UnitWork& work, double scale2, double* hot)
   const UnitStore& store = pass.store;
   double* packed = hot;
   for (int i = 0; i < pass.p; ++i) {
-    const int c = pass.design.random1[at(i)];
-    for (int j = 0; j <= i; ++j) *packed++ = product(work, c, pass.design.random1[at(j)]) * scale2 * scale2;
+    const int c = pass.design.random1[i];
+    for (int j = 0; j <= i; ++j) *packed++ = product(work, c, pass.design.random1[j]) * scale2 * scale2;
     hot[store.atZ1Y + at(i)] = product(work, pass.npi, c) * scale2;
     for (int m = 0; m < pass.nbeta; ++m)
-      hot[store.atBZ1 + at(m * pass.p + i)] = work.w2[at(m)] * product(work, pass.design.owner2[at(m)], c) * scale2;
+      hot[store.atBZ1 + at(m * pass.p + i)] = work.w2[m] * product(work, pass.design.owner2[m], c) * scale2;
   }
 }
 
@@ -211,16 +211,15 @@ void fillweighted(Pass& pass, const UnitWork& work, int k, double weight2) {
   double* Z1Z1 = record + 1;
   double* BZ1 = Z1Z1 + packedsize(pass.p);
   for (int m = 0; m < pass.nbeta; ++m) {
-    const int c = pass.design.owner2[at(m)];
+    const int c = pass.design.owner2[m];
     for (int n = 0; n < pass.nbeta; ++n)
-      BB2[m * pass.nbeta + n] +=
-          work.w2[at(m)] * work.w2[at(n)] * element(work, work.AA2, c, pass.design.owner2[at(n)]);
+      BB2[m * pass.nbeta + n] += work.w2[m] * work.w2[n] * element(work, work.AA2, c, pass.design.owner2[n]);
     for (int i = 0; i < pass.p; ++i)
-      BZ1[m * pass.p + i] = scale2 * work.w2[at(m)] * element(work, work.AA2, c, pass.design.random1[at(i)]);
+      BZ1[m * pass.p + i] = scale2 * work.w2[m] * element(work, work.AA2, c, pass.design.random1[i]);
   }
   for (int i = 0; i < pass.p; ++i)
     for (int j = 0; j <= i; ++j)
-      *Z1Z1++ = scale2 * scale2 * element(work, work.AA2, pass.design.random1[at(i)], pass.design.random1[at(j)]);
+      *Z1Z1++ = scale2 * scale2 * element(work, work.AA2, pass.design.random1[i], pass.design.random1[j]);
 }
 
 // The inverse of Z1'Z1, with missingcode at its head when the unit has no least-squares fit of its own.
@@ -229,12 +228,12 @@ void fillinverse(const Pass& pass, UnitWork& work, const double* hot, double* in
   const int p = pass.p;
   const double* packed = hot;
   for (int i = 0; i < p; ++i)
-    for (int j = 0; j <= i; ++j) work.Z1Z1[at(i * p + j)] = work.Z1Z1[at(j * p + i)] = *packed++;
+    for (int j = 0; j <= i; ++j) work.Z1Z1[i * p + j] = work.Z1Z1[j * p + i] = *packed++;
   double condition = 0.0;
   const bool usable = syminverse(p, work.Z1Z1.data(), p, work.inverse.data(), p, work.work.data()) == 0 &&
                       !isbadcov(p, work.Z1Z1.data(), p, &condition) && condition <= worstcondition;
   for (int i = 0; i < p; ++i)
-    for (int j = 0; j <= i; ++j) *inverse++ = work.inverse[at(i * p + j)];
+    for (int j = 0; j <= i; ++j) *inverse++ = work.inverse[i * p + j];
   if (!usable) inverse[-static_cast<std::ptrdiff_t>(packedsize(p))] = missingcode;
 }
 
@@ -262,7 +261,7 @@ void grandsums(Pass& pass) {
     level3weights(pass, k, weights.data());
     addsandwichW3(pass, weights.data(), Pass::row(pass.sumBB, k, pass.nbeta * pass.nbeta), pass.gramMM.data());
     addtransposedW3(pass, weights.data(), Pass::row(pass.sumBY, k, pass.nbeta), pass.gramMY.data());
-    pass.totalYY += pass.sumYY[at(k)];
+    pass.totalYY += pass.sumYY[k];
   }
 }
 
@@ -279,7 +278,7 @@ void allocatesums(Pass& pass) {
   if (run.kind.weighted) pass.sumBB2.reset(pass.sumBB.size());
   pass.scale3.reset(units);
   for (int k = 0; k < run.mdm.nunits3; ++k)
-    pass.scale3[at(k)] = run.kind.weighted ? 1.0 / std::sqrt(run.weights.weight3[at(k)]) : 1.0;
+    pass.scale3[k] = run.kind.weighted ? 1.0 / std::sqrt(run.weights.weight3[k]) : 1.0;
   const bool residuals = run.out.resfil1 || run.out.resfil2 || run.out.graph;
   const auto anyextra = [](const IntTable& counts) {
     return std::any_of(counts.cells.begin(), counts.cells.end(), [](int n) { return n != 0; });
@@ -310,16 +309,16 @@ void datapass(Pass& pass) {
     }
     if (work.deleting) deleterecords(unit);
     if (run.kind.weighted && unit.nj == 0) continue;  // the weights have no entry for such a unit
-    ++pass.n2of[at(k)];
+    ++pass.n2of[k];
     if (!run.mdm.deletednow) retakemeans(unit);
-    pass.n1of[at(k)] += unit.nj;
+    pass.n1of[k] += unit.nj;
     centerlevel1(work, unit);
     centerlevel2(work, unit);
     unitproducts(work, unit, records);
 
     for (int m = 0; m < pass.nbeta; ++m) {
-      const int variable = pass.design.variable2[at(m)];
-      work.w2[at(m)] = variable == 0 ? 1.0 : work.level2[at(variable) - 1];
+      const int variable = pass.design.variable2[m];
+      work.w2[m] = variable == 0 ? 1.0 : work.level2[at(variable) - 1];
     }
     addtolevel3(pass, work, k);
     double* hot = appendrecord(pass.store.hot);

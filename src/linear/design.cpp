@@ -70,20 +70,20 @@ void makedesign(Pass& pass) {
         const bool fixed = model.fixed2.row(e)[b] != 0;
         const int nterms3 = model.nterms3.row(e)[b];
         nfixed += fixed;
-        if (!fixed) pass.nterms3reduced[at(nextrandom)] = nterms3;
+        if (!fixed) pass.nterms3reduced[nextrandom] = nterms3;
         const int column = fixed ? nextfixed++ : nextrandom++;
-        design.column2[at(coef2)] = column;
-        design.owner2[at(column)] = coef1;
-        design.variable2[at(column)] = model.terms2.row(e, c)[s];
+        design.column2[coef2] = column;
+        design.owner2[column] = coef1;
+        design.variable2[column] = model.terms2.row(e, c)[s];
         for (int t = 0; t < nterms3; ++t, ++effect) {
-          design.owner3[at(effect)] = column;
-          design.variable3[at(effect)] = model.terms3.row(e, b)[t];
+          design.owner3[effect] = column;
+          design.variable3[effect] = model.terms3.row(e, b)[t];
         }
       }
       if (!model.fixed1.row(e)[c]) {
-        pass.nrandomterms[at(pass.p)] = nterms2 - nfixed;
-        pass.nfixedterms[at(pass.p)] = nfixed;
-        design.random1[at(pass.p++)] = coef1;
+        pass.nrandomterms[pass.p] = nterms2 - nfixed;
+        pass.nfixedterms[pass.p] = nfixed;
+        design.random1[pass.p++] = coef1;
       }
     }
   }

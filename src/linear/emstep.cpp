@@ -8,7 +8,7 @@
 #include "driver/runrecord.h"
 #include "kernel/decompositions.h"
 #include "kernel/products.h"
-#include "linear/fixtau.h"
+#include "linear/restriction.h"
 #include "report/matrixtables.h"
 
 namespace kdr {
@@ -35,27 +35,20 @@ bool usablediagonals(const double* m, int n) {
   return !hasunitcorrelation(n, m, n) && ispositivedefinite(n, m, n, nullptr);
 }
 
-void updatetaupi(const Pass& pass, const PosteriorSums& sums) {
-  double* T = run.est.taupi.data();
-  for (std::size_t i = 0; i < sums.PP.size(); ++i)
-    T[i] = run.est.sigma2 * sums.PP[i] / run.mdm.nunits2 + sums.UU[i] / run.mdm.nunits2;
-  applytaupi(T);
-  if (run.out.diagtaupi) cleardiagonaloff(T, pass.p);
+// T := the moment (s X + R) / n, n the number of units, under the restrictions of its level.
+void updatetau(Array<double>& T, const Array<double>& X, const Array<double>& R, int units, int order, int level) {
+  Array<double> moment(T.size());
+  for (std::size_t i = 0; i < moment.size(); ++i) moment[i] = (run.est.sigma2 * X[i] + R[i]) / units;
+  maximisetau(T.data(), moment.data(), order, taurestriction(level));
 }
 
-void updatetaubeta(const Pass& pass, const PosteriorSums& sums) {
-  double* L = run.est.taubeta.data();
-  for (std::size_t i = 0; i < sums.VV.size(); ++i)
-    L[i] = run.est.sigma2 * sums.sumDinv[i] / run.mdm.nunits3 + sums.VV[i] / run.mdm.nunits3;
-  applytaubeta(L);
-  if (run.out.diagtaubeta) cleardiagonaloff(L, pass.b);
-}
-
-// T_k = (sigma2 sum V_j + sum u_j u_j') / n2of[k] of one level-3 unit.
+// T_k, the same over the level-2 units of one level-3 unit.
 void updatehettaupi(void* state, const Pass& pass, const Level3Posterior& unit) {
+  if (unit.units == 0) return;
   double* T = static_cast<double*>(state) + static_cast<std::ptrdiff_t>(unit.k) * pass.p * pass.p;
-  for (std::size_t i = 0; i < unit.PP.size(); ++i) T[i] = (run.est.sigma2 * unit.PP[i] + unit.UU[i]) / unit.units;
-  applytaupi(T);
+  Array<double> moment(unit.PP.size());
+  for (std::size_t i = 0; i < moment.size(); ++i) moment[i] = (run.est.sigma2 * unit.PP[i] + unit.UU[i]) / unit.units;
+  maximisetau(T, moment.data(), pass.p, taurestriction(1));
 }
 
 }  // namespace
@@ -113,8 +106,8 @@ void emstep(Pass& pass, Likelihood& likelihood, EmSums& em, double* hettaupi) {
     fail(11);
   }
   if (run.pass.paphase == 0) {
-    if (hettaupi == nullptr) updatetaupi(pass, sums);
-    updatetaubeta(pass, sums);
+    if (hettaupi == nullptr) updatetau(run.est.taupi, sums.PP, sums.UU, run.mdm.nunits2, pass.p, 1);
+    updatetau(run.est.taubeta, sums.sumDinv, sums.VV, run.mdm.nunits3, pass.b, 2);
   }
   em = {sums.traceacc, sums.rss};
   likelihood = {likelihood.current, current};

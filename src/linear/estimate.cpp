@@ -72,7 +72,7 @@ void leastsquares(Pass& pass, FixedDegrees& degrees) {
   Array<double> MMg(at(g));
   mulAB(MMg.data(), pass.gramMM.data(), run.est.gammahat.data(), g, 1, g);
   double rss = pass.totalYY;
-  for (int i = 0; i < g; ++i) rss -= run.est.gammahat[at(i)] * MMg[at(i)];
+  for (int i = 0; i < g; ++i) rss -= run.est.gammahat[i] * MMg[i];
   const double n = run.mdm.nunits1;
   const double s = rss / n;
   if (!run.out.fulloutput) return;

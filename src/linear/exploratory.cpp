@@ -7,7 +7,7 @@
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
 #include "linear/sweep.h"
-#include "report/styles.h"
+#include "report/stream.h"
 
 namespace kdr {
 
@@ -36,10 +36,10 @@ struct Products {
   }
   // One unit, by its deviations from the means.
   void add(const double* dr, const double* dx) {
-    for (int x = 0; x < m; ++x) ssx[at(x)] += dx[x] * dx[x];
+    for (int x = 0; x < m; ++x) ssx[x] += dx[x] * dx[x];
     for (int c = 0; c < n; ++c) {
-      ssr[at(c)] += dr[c] * dr[c];
-      for (int x = 0; x < m; ++x) sxy[at(c * m + x)] += dr[c] * dx[x];
+      ssr[c] += dr[c] * dr[c];
+      for (int x = 0; x < m; ++x) sxy[c * m + x] += dr[c] * dx[x];
     }
   }
 };
@@ -53,17 +53,17 @@ Products level2products(Pass& pass) {
   sweepunits(
       pass, false, nothing,
       [&](int k, const double* hot, const double* cold) {
-        const double units = pass.n2of[at(k)];
-        for (int c = 0; c < p; ++c) meanu[at(k * p + c)] += hot[pass.store.atustar + at(c)] / units;
-        for (int x = 0; x < m; ++x) meanx[at(k * m + x)] += cold[pass.store.atlevel2 + at(x)] / units;
+        const double units = pass.n2of[k];
+        for (int c = 0; c < p; ++c) meanu[k * p + c] += hot[pass.store.atustar + at(c)] / units;
+        for (int x = 0; x < m; ++x) meanx[k * m + x] += cold[pass.store.atlevel2 + at(x)] / units;
       },
       nothing);
   Array<double> du(at(p)), dx(at(m));
   sweepunits(
       pass, false, nothing,
       [&](int k, const double* hot, const double* cold) {
-        for (int c = 0; c < p; ++c) du[at(c)] = hot[pass.store.atustar + at(c)] - meanu[at(k * p + c)];
-        for (int x = 0; x < m; ++x) dx[at(x)] = cold[pass.store.atlevel2 + at(x)] - meanx[at(k * m + x)];
+        for (int c = 0; c < p; ++c) du[c] = hot[pass.store.atustar + at(c)] - meanu[k * p + c];
+        for (int x = 0; x < m; ++x) dx[x] = cold[pass.store.atlevel2 + at(x)] - meanx[k * m + x];
         products.add(du.data(), dx.data());
       },
       nothing);
@@ -76,12 +76,12 @@ Products level3products(const Pass& pass) {
   products.reset(b, m);
   Array<double> meanv(at(b)), meanx(at(m)), dv(at(b)), dx(at(m));
   for (int k = 0; k < units; ++k) {
-    for (int c = 0; c < b; ++c) meanv[at(c)] += pass.vstar[at(k * b + c)] / units;
-    for (int x = 0; x < m; ++x) meanx[at(x)] += run.mdm.level3[at(k * m + x)] / units;
+    for (int c = 0; c < b; ++c) meanv[c] += pass.vstar[k * b + c] / units;
+    for (int x = 0; x < m; ++x) meanx[x] += run.mdm.level3[k * m + x] / units;
   }
   for (int k = 0; k < units; ++k) {
-    for (int c = 0; c < b; ++c) dv[at(c)] = pass.vstar[at(k * b + c)] - meanv[at(c)];
-    for (int x = 0; x < m; ++x) dx[at(x)] = run.mdm.level3[at(k * m + x)] - meanx[at(x)];
+    for (int c = 0; c < b; ++c) dv[c] = pass.vstar[k * b + c] - meanv[c];
+    for (int x = 0; x < m; ++x) dx[x] = run.mdm.level3[k * m + x] - meanx[x];
     products.add(dv.data(), dx.data());
   }
   return products;
@@ -91,11 +91,11 @@ Products level3products(const Pass& pass) {
 // of the residuals themselves.
 Regression regress(const Products& products, int level, int c, int x, int units) {
   Regression fit;
-  const double ssx = products.ssx[at(x)];
+  const double ssx = products.ssx[x];
   if (ssx == 0.0 || units <= 2) return fit;
-  fit.coefficient = products.sxy[at(c * products.m + x)] / ssx;
+  fit.coefficient = products.sxy[c * products.m + x] / ssx;
   const double explained = level == 2 ? fit.coefficient * fit.coefficient * ssx : 0.0;
-  const double variance = (products.ssr[at(c)] - explained) / (units - 2) / ssx;
+  const double variance = (products.ssr[c] - explained) / (units - 2) / ssx;
   fit.error = variance > 0.0 ? std::sqrt(variance) : 0.0;
   return fit;
 }
@@ -115,7 +115,7 @@ void heading(int level, int columns) {
   reporthtml("<h4> Exploratory Analysis: estimated level-%d coefficients and their standard errors<br>\n", level);
   reporthtml("%sobtained by regressing EB residuals on level-%d predictors selected for<br>\n", indent, level);
   reporthtml("%spossible inclusion in subsequent KDR runs</h4>\n", indent);
-  reporthtml("%s", tableopen);
+  opentable();
   reporthtml("<td align=left %s>Level-%d Coefficient</td>\n", stylerule, level - 1);
   reporthtml("<td align=center colspan=%d %s>Potential Level-%d Predictors</td>\n<tbody>\n", columns, stylerule, level);
 }
@@ -148,8 +148,8 @@ void names(const int* variables, int n, const Array<Name>& table) {
   reporttext("\n%24s", "");
   reporthtml("<tr><td %s>&nbsp;</td>", styleplain);
   for (int i = 0; i < n; ++i) {
-    reporttext("%8.8s ", table[at(variables[i])].text);
-    reporthtml("<td align=right %s>%.8s</td>", styleplain, table[at(variables[i])].text);
+    reporttext("%8.8s ", table[variables[i]].text);
+    reporthtml("<td align=right %s>%.8s</td>", styleplain, table[variables[i]].text);
   }
   report2("\n", "</tr>\n");
 }
@@ -199,8 +199,8 @@ void level2analysis(Pass& pass) {
       }
       for (int from = 0; from < n; from += perblock)
         block(variables + from, fits + from, std::min(perblock, n - from), columns, run.mdm.names2, [&] {
-          const char* name = run.coef.pinames[at(r)].text;
-          const int subscript = run.coef.pisubs[at(r)];
+          const char* name = run.coef.pinames[r].text;
+          const int subscript = run.coef.pisubs[r];
           reporttext(" %8.8s, %s%1d\n", name, run.sym.sym1.c_str(), subscript);
           reporthtml("<tr><td align=right %s>%8.8s,%s<sub><small><i>%d</i></small></sub></td></tr>", styleplain, name,
                      run.sym.sym1.c_str(), subscript);
@@ -234,12 +234,12 @@ void level3analysis(const Pass& pass) {
         }
         if (n > 0)
           block(variables, fits, n, columns, run.mdm.names3, [&] {
-            const char* first = run.coef.betanames1[at(r)].text;
-            const char* second = run.coef.betanames2[at(r)].text;
-            reporttext("\n%8.8s/%8.8s, %s%d%d\n", first, second, run.sym.sym2.c_str(), run.coef.betasubs1[at(r)],
-                       run.coef.betasubs2[at(r)]);
+            const char* first = run.coef.betanames1[r].text;
+            const char* second = run.coef.betanames2[r].text;
+            reporttext("\n%8.8s/%8.8s, %s%d%d\n", first, second, run.sym.sym2.c_str(), run.coef.betasubs1[r],
+                       run.coef.betasubs2[r]);
             reporthtml("<tr><td %s>%.8s/%.8s,%s<sub><small><i>%d%d</i></small></sub></td></tr>", styleplain, first,
-                       second, run.sym.sym2.c_str(), run.coef.betasubs1[at(r)], run.coef.betasubs2[at(r)]);
+                       second, run.sym.sym2.c_str(), run.coef.betasubs1[r], run.coef.betasubs2[r]);
           });
         ++r;
       }

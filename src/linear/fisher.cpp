@@ -8,7 +8,6 @@
 #include "kernel/matrix.h"
 #include "kernel/products.h"
 #include "linear/emstep.h"
-#include "linear/fixtau.h"
 #include "linear/posterior.h"
 #include "linear/sweep.h"
 
@@ -128,7 +127,7 @@ void sumUU(InformationSums& sums, const Level3Posterior& unit) {
     for (int c = 0; c < b; ++c) {
       double* moments = sums.temp.data();
       for (int i = 0; i < p; ++i)
-        for (int l = 0; l < p; ++l) moments[i * p + l] = zz * unit.sums.RR[at((a * p + i) * rows + c * p + l)];
+        for (int l = 0; l < p; ++l) moments[i * p + l] = zz * unit.sums.RR[(a * p + i) * rows + c * p + l];
       sandwich(Ti, moments, Ti, p, sums.temp2.data(), sums.U2.data() + (a * b + c) * p * p);
     }
 }
@@ -158,7 +157,7 @@ void addunits(InformationSums& sums, const Level3Posterior& unit, const double* 
     mulAB(sums.FF.data(), sums.temp.data(), sums.C.data(), p, p, p);
     mulAB(sums.temp2.data(), sums.temp.data(), sums.G.data(), p, p, p);
     for (int i = 0; i < p; ++i)
-      for (int l = 0; l < p; ++l) sums.FF[at(i * p + l)] += sums.temp2[at(i * p + l)] + sums.temp2[at(l * p + i)];
+      for (int l = 0; l < p; ++l) sums.FF[i * p + l] += sums.temp2[i * p + l] + sums.temp2[l * p + i];
     mulAB(sums.RE.data(), FE, sums.R.data(), b, p, b);
     addAtB(sums.FF.data(), sums.R.data(), sums.RE.data(), p, p, b);
     for (std::size_t i = 0; i < sums.FF.size(); ++i) {
@@ -178,7 +177,7 @@ void addlevel3unit(void* state, const Pass& pass, const Level3Posterior& unit) {
   const double* E = unit.E.data();
 
   sandwich(Li, E, Li, b, sums.half.data(), sums.N22.data());
-  for (int i = 0; i < bb; ++i) sums.N22[at(i)] = Li[i] - s * sums.N22[at(i)];
+  for (int i = 0; i < bb; ++i) sums.N22[i] = Li[i] - s * sums.N22[i];
   addkronecker(sums.LL.data(), sums.N22.data(), sums.N22.data(), b, 1.0);
 
   sumUU(sums, unit);
@@ -189,8 +188,8 @@ void addlevel3unit(void* state, const Pass& pass, const Level3Posterior& unit) {
   // Y'(E (x) E)Y, with Y's column (i, l) against its column (k, m) at the place of N[i][k] N[l][m].
   for (int d = 0; d < bb; ++d)
     for (int left = 0; left < pp; ++left) {
-      const double factor = s * s * sums.U2[at(d * pp + left)];
-      for (int right = 0; right < pp; ++right) sums.TT[at(left * pp + right)] += factor * sums.EU[at(d * pp + right)];
+      const double factor = s * s * sums.U2[d * pp + left];
+      for (int right = 0; right < pp; ++right) sums.TT[left * pp + right] += factor * sums.EU[d * pp + right];
     }
 
   // Hs + L^-1, from the moments before T^-1 came in: R T^-1 R' of pairs of rows is a trace.
@@ -199,16 +198,16 @@ void addlevel3unit(void* state, const Pass& pass, const Level3Posterior& unit) {
     for (int c = 0; c < b; ++c) {
       double h = 0.0;
       for (int i = 0; i < p; ++i)
-        for (int l = 0; l < p; ++l) h += unit.sums.RR[at((a * p + i) * rows + c * p + l)] * Ti[i * p + l];
-      sums.Hs[at(a * b + c)] = unit.z * unit.z * h + Li[a * b + c];
+        for (int l = 0; l < p; ++l) h += unit.sums.RR[(a * p + i) * rows + c * p + l] * Ti[i * p + l];
+      sums.Hs[a * b + c] = unit.z * unit.z * h + Li[a * b + c];
     }
   Array<double>& FE = sums.M;  // E (Hs + L^-1) E
   sandwich(E, sums.Hs.data(), E, b, sums.half.data(), FE.data());
   for (int i = 0; i < bb; ++i) {
-    sums.Ls[at(i)] += E[i] - s * FE[at(i)];
-    sums.ss += FE[at(i)] * Li[i];
+    sums.Ls[i] += E[i] - s * FE[i];
+    sums.ss += FE[i] * Li[i];
   }
-  sums.ss += (pass.n1of[at(unit.k)] - unit.units * p - b) / (s * s);
+  sums.ss += (pass.n1of[unit.k] - unit.units * p - b) / (s * s);
   addunits(sums, unit, FE.data());
 }
 
@@ -245,41 +244,39 @@ void fillinformation(const Pass& pass, InformationSums& sums, FisherWork& fisher
   const int nt = static_cast<int>(t.size()), nl = static_cast<int>(l.size());
   fisher.information.fill(0.0);
   const auto put = [&](int row, int column, double value) {
-    fisher.information[at(row * NT + column)] = fisher.information[at(column * NT + row)] = 0.5 * value;
+    fisher.information[row * NT + column] = fisher.information[column * NT + row] = 0.5 * value;
   };
   for (int x = 0; x < nt; ++x)
-    for (int y = 0; y <= x; ++y) put(x, y, duplicated(sums.TT.data(), p, t[at(x)], p, t[at(y)]));
+    for (int y = 0; y <= x; ++y) put(x, y, duplicated(sums.TT.data(), p, t[x], p, t[y]));
   for (int x = 0; x < nl; ++x) {
-    for (int y = 0; y < nt; ++y) put(nt + x, y, duplicated(sums.LT.data(), b, l[at(x)], p, t[at(y)]));
-    for (int y = 0; y <= x; ++y) put(nt + x, nt + y, duplicated(sums.LL.data(), b, l[at(x)], b, l[at(y)]));
+    for (int y = 0; y < nt; ++y) put(nt + x, y, duplicated(sums.LT.data(), b, l[x], p, t[y]));
+    for (int y = 0; y <= x; ++y) put(nt + x, nt + y, duplicated(sums.LL.data(), b, l[x], b, l[y]));
   }
   if (run.iter.fixsigma2 == 0.0) {
     Array<double> Ts(square(p)), Ls(square(b)), half(square(std::max(p, b)));
     sandwich(sums.inv->Ti.data(), sums.Ts.data(), sums.inv->Ti.data(), p, half.data(), Ts.data());
     sandwich(sums.inv->Li.data(), sums.Ls.data(), sums.inv->Li.data(), b, half.data(), Ls.data());
-    for (int x = 0; x < nt; ++x) put(NT - 1, x, duplicated(Ts.data(), p, t[at(x)]));
-    for (int x = 0; x < nl; ++x) put(NT - 1, nt + x, duplicated(Ls.data(), b, l[at(x)]));
+    for (int x = 0; x < nt; ++x) put(NT - 1, x, duplicated(Ts.data(), p, t[x]));
+    for (int x = 0; x < nl; ++x) put(NT - 1, nt + x, duplicated(Ls.data(), b, l[x]));
     put(NT - 1, NT - 1, sums.ss);
   }
 }
 
-// Parameters that take part: all, or all but a fixed sigma2.
-int freeparameters(const FisherWork& fisher) { return run.iter.fixsigma2 == 0.0 ? fisher.NT : fisher.NT - 1; }
-
-// Inverts the leading block of the information. The result is that of syminverse.
-int invertinformation(FisherWork& fisher) {
-  const int n = freeparameters(fisher);
-  Array<double> work(packedsize(n) + 3);
+// Inverts the information of the free parameters; rows of fixed ones become 0. With `strict` the information must pass
+// the tests of a covariance matrix too. Returns false when that fails.
+bool invertinformation(FisherWork& fisher, bool strict) {
+  const Restriction& restriction = fisher.restriction;
+  const int n = restriction.nfree;
+  Array<double> reduced(square(n)), inverse(square(n)), work(packedsize(n) + 3);
+  reduceinformation(restriction, fisher.information.data(), fisher.NT, reduced.data());
   fisher.invinformation.fill(0.0);
-  return syminverse(n, fisher.information.data(), fisher.NT, fisher.invinformation.data(), fisher.NT, work.data());
-}
-
-bool usableinformation(const FisherWork& fisher) {
-  const int n = freeparameters(fisher);
+  if (n == 0) return true;
+  const bool inverted = syminverse(n, reduced.data(), n, inverse.data(), n, work.data()) == 0;
+  expandinverse(restriction, inverse.data(), fisher.invinformation.data(), fisher.NT);
+  if (!inverted || !strict) return inverted;
   for (int i = 0; i < n; ++i)
-    if (fisher.information[at(i * fisher.NT + i)] < 0.0) return false;
-  return !hasunitcorrelation(n, fisher.information.data(), fisher.NT) &&
-         ispositivedefinite(n, fisher.information.data(), fisher.NT, nullptr);
+    if (reduced[i * n + i] < 0.0) return false;
+  return !hasunitcorrelation(n, reduced.data(), n) && ispositivedefinite(n, reduced.data(), n, nullptr);
 }
 
 // score += D'vec(inverse X inverse) for the triangle that starts at `first`.
@@ -310,12 +307,10 @@ void fillscore(const Pass& pass, const Inverses& inv, const PosteriorSums& sums,
         tracedot(inv.Li, sums.sumDinv.data()) - tracedot(inv.Ti, sums.PP.data());
   Array<double> X(square(pass.b));
   for (std::size_t i = 0; i < X.size(); ++i) X[i] = sums.VV[i] + s * sums.sumDinv[i];
-  applytaubeta(X.data());
   for (std::size_t i = 0; i < X.size(); ++i) X[i] -= run.mdm.nunits3 * run.est.taubeta[i];
   addscore(fisher.score.data(), static_cast<int>(packedsize(pass.p)), inv.Li.data(), X.data(), pass.b);
   X.reset(square(pass.p));
   for (std::size_t i = 0; i < X.size(); ++i) X[i] = sums.UU[i] + s * sums.PP[i];
-  applytaupi(X.data());
   for (std::size_t i = 0; i < X.size(); ++i) X[i] -= run.mdm.nunits2 * run.est.taupi[i];
   addscore(fisher.score.data(), 0, inv.Ti.data(), X.data(), pass.p);
   for (double& x : fisher.score) x *= 0.5;
@@ -337,19 +332,19 @@ void addouterscore(void* state, const Pass& pass, const Level3Posterior& unit) {
   Array<double> X(square(b));
   for (int i = 0; i < b; ++i)
     for (int j = 0; j < b; ++j)
-      X[at(i * b + j)] = unit.v[at(i)] * unit.v[at(j)] + s * unit.E[at(i * b + j)] - run.est.taubeta[at(i * b + j)];
+      X[i * b + j] = unit.v[i] * unit.v[j] + s * unit.E[i * b + j] - run.est.taubeta[i * b + j];
   addscore(score.data(), static_cast<int>(packedsize(p)), outer.inv->Li.data(), X.data(), b);
   X.reset(square(p));
   for (std::size_t i = 0; i < X.size(); ++i) X[i] = unit.UU[i] + s * unit.PP[i] - unit.units * run.est.taupi[i];
   addscore(score.data(), 0, outer.inv->Ti.data(), X.data(), p);
   if (run.iter.fixsigma2 == 0.0)
     score[at(NT) - 1] = unit.rss / (s * s) -
-                        (static_cast<double>(pass.n1of[at(unit.k)]) - static_cast<double>(unit.units) * p - b) / s -
+                        (static_cast<double>(pass.n1of[unit.k]) - static_cast<double>(unit.units) * p - b) / s -
                         tracedot(outer.inv->Li, unit.E.data()) - tracedot(outer.inv->Ti, unit.PP.data());
   for (double& x : score) x *= 0.5;
   for (int i = 0; i < NT; ++i) {
-    outer.fisher->score[at(i)] += score[at(i)];
-    for (int j = 0; j < NT; ++j) outer.fisher->information[at(i * NT + j)] += score[at(i)] * score[at(j)];
+    outer.fisher->score[i] += score[i];
+    for (int j = 0; j < NT; ++j) outer.fisher->information[i * NT + j] += score[i] * score[j];
   }
 }
 
@@ -361,6 +356,7 @@ void makefisher(const Pass& pass, FisherWork& fisher) {
   fisher.information.reset(square(fisher.NT));
   fisher.invinformation.reset(square(fisher.NT));
   fisher.score.reset(at(fisher.NT));
+  fisher.restriction = allrestriction();
 }
 
 bool fisherfull(Pass& pass, FisherWork& fisher, Likelihood& likelihood, bool closing) {
@@ -370,7 +366,7 @@ bool fisherfull(Pass& pass, FisherWork& fisher, Likelihood& likelihood, bool clo
   const PosteriorInput input{run.est.sigma2, run.est.gammahat.data(), inv.S.data(), inv.Sb.data(), nullptr, !closing};
   if (posteriorsweep(pass, input, sums, {addlevel3unit, &info}) != PosteriorResult::ok) return false;
   fillinformation(pass, info, fisher);
-  if (invertinformation(fisher) != 0 || !usableinformation(fisher)) return false;
+  if (!invertinformation(fisher, true)) return false;
   if (closing) return true;
   fillscore(pass, inv, sums, fisher);
   const double current = loglikelihood(pass, sums, inv.logdetT, inv.logdetL);
@@ -387,7 +383,7 @@ bool fisherouter(Pass& pass, FisherWork& fisher, Likelihood& likelihood) {
   PosteriorSums sums;
   const PosteriorInput input{run.est.sigma2, run.est.gammahat.data(), inv.S.data(), inv.Sb.data(), nullptr, true};
   if (posteriorsweep(pass, input, sums, {addouterscore, &outer}) != PosteriorResult::ok) return false;
-  const bool inverted = invertinformation(fisher) == 0;
+  const bool inverted = invertinformation(fisher, false);
   likelihood = {likelihood.current, loglikelihood(pass, sums, inv.logdetT, inv.logdetL)};
   // An unusable generalised cross-product leaves gammahat as it was; the step stands on the variance components.
   [[maybe_unused]] const bool updated = glsupdate(pass, sums);

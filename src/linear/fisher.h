@@ -7,13 +7,15 @@
 
 #include "kernel/array.h"
 #include "linear/pass.h"
+#include "linear/restriction.h"
 
 namespace kdr {
 
 struct FisherWork {
   int NT = 0;
+  Restriction restriction;       // what is fixed or equal among them
   Array<double> information;     // NT squared
-  Array<double> invinformation;  // NT squared, row stride NT; with a fixed sigma2 the last row and column stay 0.0
+  Array<double> invinformation;  // NT squared: K (K'IK)^-1 K' over the free parameters; 0 in the rows of fixed ones
   Array<double> score;           // [NT]
 };
 

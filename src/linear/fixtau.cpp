@@ -36,7 +36,7 @@ struct Repair {
   int rounds = 0;            // failed tests of choice 1
 
   [[nodiscard]] bool pi() const { return stage == TauStage::pi; }
-  [[nodiscard]] bool fixedat(int i, int j) const { return est != nullptr && (*est)[at(i * n + j)] != missingcode; }
+  [[nodiscard]] bool fixedat(int i, int j) const { return est != nullptr && (*est)[i * n + j] != missingcode; }
   [[nodiscard]] bool equalat(int i, int j) const {
     return codes != nullptr && (*codes)[i >= j ? packedsize(i) + at(j) : packedsize(j) + at(i)] != 0;
   }
@@ -47,7 +47,7 @@ struct Repair {
 void showtau(const Repair& repair) {
   if (!reportisstdout()) std::printf(repair.pi() ? "\n Tau(pi)(0)\n" : "\n Tau(beta)(0)\n");
   for (int i = 0; i < repair.n; ++i) {
-    const Name& label = repair.pi() ? run.coef.pinames[at(i)] : run.coef.betanames1[at(i)];
+    const Name& label = repair.pi() ? run.coef.pinames[i] : run.coef.betanames1[i];
     std::printf(" %.9s ", label.text);
     for (int j = 0; j < repair.n; ++j) std::printf("%12.5f ", repair.t[i * repair.n + j]);
     std::printf("\n");
@@ -107,10 +107,10 @@ void resetgammas(double& sigma2) {
         if (!text.empty()) std::printf("%s%s\n", format, text.c_str());
         return text;
       };
-      show(" For ", run.coef.gammanames1[at(i)]);
-      show("    For ", run.coef.gammanames2[at(i)]);
-      std::printf("The current value of %s is %f\n", run.coef.gammanames3[at(i)].text, run.est.gammahat[at(i)]);
-      askvalue("Reset gamma to (hit return to leave unchanged) ", run.est.gammahat[at(i)]);
+      show(" For ", run.coef.gammanames1[i]);
+      show("    For ", run.coef.gammanames2[i]);
+      std::printf("The current value of %s is %f\n", run.coef.gammanames3[i].text, run.est.gammahat[i]);
+      askvalue("Reset gamma to (hit return to leave unchanged) ", run.est.gammahat[i]);
     }
   }
   std::printf("Sigma(0)_squared = %f\n", sigma2);
@@ -137,7 +137,7 @@ bool automaticfixup(const Repair& repair) {
   const int n = repair.n;
   if (negativediagonal(t, n))
     for (int i = 0; i < n; ++i)
-      if (repair.freeat(i, i) && t[i * n + i] <= 0.0) t[i * n + i] = share * repair.moments[at(i * n + i)];
+      if (repair.freeat(i, i) && t[i * n + i] <= 0.0) t[i * n + i] = share * repair.moments[i * n + i];
   for (int round = 0; round < maxshrinks && hasunitcorrelation(n, t, n); ++round)
     for (int i = 0; i < n; ++i)
       for (int j = 0; j < i; ++j)
@@ -147,7 +147,7 @@ bool automaticfixup(const Repair& repair) {
   if (usablestart(t, n)) return true;
   for (int i = 0; i < n; ++i)
     for (int j = 0; j <= i; ++j)
-      if (repair.freeat(i, j)) repair.set(i, j, i == j ? share * repair.moments[at(i * n + i)] : 0.0);
+      if (repair.freeat(i, j)) repair.set(i, j, i == j ? share * repair.moments[i * n + i] : 0.0);
   diagonalise(repair);
   return usablestart(t, n);
 }
@@ -167,7 +167,7 @@ bool automaticfixup(const Repair& repair) {
 
 void applyfixed(double* t, int n, const Array<double>& est) {
   for (int i = 0; i < n * n; ++i)
-    if (est[at(i)] != missingcode) t[i] = est[at(i)];
+    if (est[i] != missingcode) t[i] = est[i];
 }
 
 void applyequal(int n, double* t, const Array<int>& codes) {

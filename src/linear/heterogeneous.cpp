@@ -61,7 +61,7 @@ void heterogeneousresults(const Pass& pass, IterationState& state, const FixedDe
     writeunittaupi(file, k, Tk, p);
     for (std::size_t i = 0; i < T.size(); ++i) {
       mean[i] += Tk[i] / run.mdm.nunits3;
-      T[i] += pass.n2of[at(k)] * Tk[i] / run.mdm.nunits2;
+      T[i] += pass.n2of[k] * Tk[i] / run.mdm.nunits2;
     }
   }
   closechk(file);

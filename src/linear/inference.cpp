@@ -33,7 +33,7 @@ void eachwithin(Pass& pass, Use use) {
       [&](int k) {
         const double* BB = Pass::row(pass.sumBB, k, nb * nb);
         for (int i = 0; i < b; ++i)
-          for (int j = 0; j < b; ++j) E[at(i * b + j)] = BB[i * nb + j];
+          for (int j = 0; j < b; ++j) E[i * b + j] = BB[i * nb + j];
       },
       [&](int, const double* hot, const double*) {
         const double* Z2Z1 = hot + pass.store.atBZ1;  // its first b rows
@@ -42,7 +42,7 @@ void eachwithin(Pass& pass, Use use) {
         subABt(E.data(), R.data(), Z2Z1, b, b, p);
       },
       [&](int k) {
-        scale(E.data(), b, b, b, pass.scale3[at(k)] * pass.scale3[at(k)]);
+        scale(E.data(), b, b, b, pass.scale3[k] * pass.scale3[k]);
         double condition = 0.0;
         const bool usable =
             syminverse(b, E.data(), b, inverse.data(), b, work.data()) == 0 && !isbadcov(b, E.data(), b, &condition);
@@ -54,7 +54,7 @@ void eachwithin(Pass& pass, Use use) {
 void unitmeans(const Pass& pass, int k, const double* v, Array<double>& weights, Array<double>& thetastar) {
   level3weights(pass, k, weights.data());
   level2means(pass, weights.data(), run.est.gammahat.data(), thetastar.data());
-  for (int i = 0; i < pass.b; ++i) thetastar[at(i)] += pass.scale3[at(k)] * v[i];
+  for (int i = 0; i < pass.b; ++i) thetastar[i] += pass.scale3[k] * v[i];
 }
 
 }  // namespace
@@ -75,7 +75,7 @@ void level2reliabilities(Pass& pass, IterationState& state, bool shown) {
         unpack(p, cold + pass.store.atinverse, inverse.data());
         for (int i = 0; i < p; ++i) {
           const double variance = T[i * p + i];
-          state.rel2[at(i)] += variance / (run.est.sigma2 * inverse[at(i * p + i)] + variance);
+          state.rel2[i] += variance / (run.est.sigma2 * inverse[i * p + i] + variance);
         }
       },
       [](int) {});
@@ -101,7 +101,7 @@ void level3reliabilities(Pass& pass, IterationState& state, bool shown) {
     }
     for (int i = 0; i < b; ++i) {
       const double variance = L[i * b + i];
-      state.rel3[at(i)] += variance / (run.est.sigma2 * inverse[i * b + i] + variance);
+      state.rel3[i] += variance / (run.est.sigma2 * inverse[i * b + i] + variance);
     }
   });
   if (state.nrel3 < 1) {
@@ -131,7 +131,7 @@ void variancetests(Pass& pass, VarianceTests& tests) {
     }
     mulAB(w.data(), inverse, vlsq, b, 1, b);
     std::copy(w.begin(), w.end(), vlsq);
-    for (int i = 0; i < b; ++i) tests.stat3[at(i)] += w[at(i)] * w[at(i)] / (s * inverse[i * b + i]);
+    for (int i = 0; i < b; ++i) tests.stat3[i] += w[i] * w[i] / (s * inverse[i * b + i]);
   });
 
   Array<double> weights(pass.design.owner3.size()), thetastar(at(pass.nbeta));
@@ -152,7 +152,7 @@ void variancetests(Pass& pass, VarianceTests& tests) {
         unpack(p, cold + pass.store.atinverse, inverse.data());
         residualproduct(pass.store, hot, thetastar.data(), a.data());
         mulAB(ols.data(), inverse.data(), a.data(), p, 1, p);
-        for (int i = 0; i < p; ++i) tests.stat2[at(i)] += ols[at(i)] * ols[at(i)] / (s * inverse[at(i * p + i)]);
+        for (int i = 0; i < p; ++i) tests.stat2[i] += ols[i] * ols[i] / (s * inverse[i * p + i]);
       },
       [](int) {});
 }
@@ -232,7 +232,7 @@ void robustcovariance(Pass& pass, const FixedDegrees& degrees, bool leastsquares
   mulAB(robust.data(), half.data(), V.data(), g, g, g);
 
   bool usable = true;
-  for (int i = 0; i < g; ++i) usable = usable && robust[at(i * g + i)] >= 0.0;
+  for (int i = 0; i < g; ++i) usable = usable && robust[i * g + i] >= 0.0;
   if (!usable || hasunitcorrelation(g, robust.data(), g) || !ispositivedefinite(g, robust.data(), g, nullptr)) {
     report("\nThe robust standard errors cannot be computed for this model.\n");
     robust[0] = missingcode;

@@ -229,12 +229,12 @@ bool level3step(const Pass& pass, const PosteriorInput& input, Level3Posterior& 
   const double* BB = Pass::row(pass.sumBB, unit.k, nb * nb);
   const double* BY = Pass::row(pass.sumBY, unit.k, nb);
   for (std::size_t i = 0; i < square(nb); ++i) unit.P[i] = BB[i] - unit.sums.HB[i];
-  for (int i = 0; i < nb; ++i) unit.y[at(i)] = BY[i] - unit.sums.HY[at(i)];
+  for (int i = 0; i < nb; ++i) unit.y[i] = BY[i] - unit.sums.HY[i];
 
   const double z = unit.z;
   double* D = unit.E.data();
   for (int i = 0; i < b; ++i)
-    for (int j = 0; j < b; ++j) D[i * b + j] = z * z * unit.P[at(i * nb + j)] + input.Sb[i * b + j];
+    for (int j = 0; j < b; ++j) D[i * b + j] = z * z * unit.P[i * nb + j] + input.Sb[i * b + j];
   Array<double>& inverse = work;  // b squared, then the work buffer of the inverse
   double* buffer = inverse.data() + square(b);
   if (syminverse(b, D, b, inverse.data(), b, buffer) != 0) return false;
@@ -243,11 +243,11 @@ bool level3step(const Pass& pass, const PosteriorInput& input, Level3Posterior& 
 
   level3weights(pass, unit.k, unit.weights.data());
   level2means(pass, unit.weights.data(), input.gamma, unit.theta.data());
-  for (int i = 0; i < b; ++i) unit.q[at(i)] = z * (unit.y[at(i)] - dot(unit.P.data() + i * nb, unit.theta.data(), nb));
+  for (int i = 0; i < b; ++i) unit.q[i] = z * (unit.y[i] - dot(unit.P.data() + i * nb, unit.theta.data(), nb));
   std::copy(unit.theta.begin(), unit.theta.end(), unit.thetastar.begin());
   for (int i = 0; i < b; ++i) {
-    unit.v[at(i)] = dot(unit.E.data() + i * b, unit.q.data(), b);
-    unit.thetastar[at(i)] += z * unit.v[at(i)];
+    unit.v[i] = dot(unit.E.data() + i * b, unit.q.data(), b);
+    unit.thetastar[i] += z * unit.v[i];
   }
   return true;
 }
@@ -259,8 +259,8 @@ void sumposteriorcovariance(const Pass& pass, Level3Posterior& unit) {
     for (int l = 0; l < p; ++l) {
       double s = 0.0;
       for (int a = 0; a < b; ++a)
-        for (int c = 0; c < b; ++c) s += unit.E[at(a * b + c)] * unit.sums.RR[at((a * p + i) * rows + c * p + l)];
-      unit.PP[at(i * p + l)] = unit.sums.Cinv[at(i * p + l)] + unit.z * unit.z * s;
+        for (int c = 0; c < b; ++c) s += unit.E[a * b + c] * unit.sums.RR[(a * p + i) * rows + c * p + l];
+      unit.PP[i * p + l] = unit.sums.Cinv[i * p + l] + unit.z * unit.z * s;
     }
 }
 
@@ -269,7 +269,7 @@ void unitscalars(const Pass& pass, Level3Posterior& unit, const double* S, doubl
   const int nb = pass.nbeta, b = pass.b, p = pass.p;
   const double* BB = Pass::row(pass.sumBB, unit.k, nb * nb);
   const double* BY = Pass::row(pass.sumBY, unit.k, nb);
-  const double YY = pass.sumYY[at(unit.k)];
+  const double YY = pass.sumYY[unit.k];
   const double* thetastar = unit.thetastar.data();
   unit.rss = YY - 2.0 * dot(thetastar, BY, nb) + quadratic(BB, thetastar, nb) - ua - dot(S, unit.UU.data(), p * p);
   unit.Q = YY - unit.sums.YCY - 2.0 * dot(unit.theta.data(), unit.y.data(), nb) +
@@ -277,7 +277,7 @@ void unitscalars(const Pass& pass, Level3Posterior& unit, const double* S, doubl
   // tr(Z2'Z2 E) - 2 tr(K E) + sum_j tr(Z1'Z1 V_j), the last by n p + tr(E K) - tr(S sum V_j).
   double trace = unit.units * p - dot(S, unit.PP.data(), p * p);
   for (int i = 0; i < b; ++i)
-    for (int j = 0; j < b; ++j) trace += unit.z * unit.z * unit.E[at(i * b + j)] * unit.P[at(i * nb + j)];
+    for (int j = 0; j < b; ++j) trace += unit.z * unit.z * unit.E[i * b + j] * unit.P[i * nb + j];
   unit.trace = trace;
 }
 
@@ -296,12 +296,11 @@ void addgeneralised(const Pass& pass, const Level3Posterior& unit, PosteriorSums
     }
     for (int c = 0; c < b; ++c) {
       double s = 0.0;
-      for (int a = 0; a < b; ++a) s += unit.P[at(i * nb + a)] * unit.E[at(a * b + c)];
+      for (int a = 0; a < b; ++a) s += unit.P[i * nb + a] * unit.E[a * b + c];
       row[c] = zz * s;
     }
-    for (int j = 0; j < nb; ++j)
-      reducedP[at(i * nb + j)] = unit.P[at(i * nb + j)] - dot(row, unit.P.data() + j * nb, b);
-    reducedy[at(i)] = unit.y[at(i)] - dot(row, unit.y.data(), b);
+    for (int j = 0; j < nb; ++j) reducedP[i * nb + j] = unit.P[i * nb + j] - dot(row, unit.P.data() + j * nb, b);
+    reducedy[i] = unit.y[i] - dot(row, unit.y.data(), b);
   }
   addsandwichW3(pass, unit.weights.data(), reducedP.data(), sums.A.data());
   addtransposedW3(pass, unit.weights.data(), reducedy.data(), sums.c.data());
@@ -320,8 +319,8 @@ void addunit(const Pass& pass, const PosteriorInput& input, const Level3Posterio
   }
   for (int i = 0; i < pass.b; ++i)
     for (int j = 0; j < pass.b; ++j) {
-      sums.sumDinv[at(i * pass.b + j)] += unit.E[at(i * pass.b + j)];
-      sums.VV[at(i * pass.b + j)] += unit.v[at(i)] * unit.v[at(j)];
+      sums.sumDinv[i * pass.b + j] += unit.E[i * pass.b + j];
+      sums.VV[i * pass.b + j] += unit.v[i] * unit.v[j];
     }
 }
 
@@ -359,7 +358,7 @@ PosteriorResult posteriorsweep(Pass& pass, const PosteriorInput& input, Posterio
   Array<double> reducedP(square(nb)), reducedy(at(nb));
   const auto pack = [&](const double* full) {
     for (int i = 0, packed = 0; i < p; ++i)
-      for (int l = 0; l <= i; ++l) Spacked[at(packed++)] = full[i * p + l];
+      for (int l = 0; l <= i; ++l) Spacked[packed++] = full[i * p + l];
   };
   if (input.hettaupi == nullptr) {
     std::copy_n(input.S, square(p), S.data());
@@ -371,9 +370,9 @@ PosteriorResult posteriorsweep(Pass& pass, const PosteriorInput& input, Posterio
     double* hot = loadwindow(store.hot, window);
     for (int k = window.k0; k < window.k1; ++k) {
       unit.k = k;
-      unit.units = pass.n2of[at(k)];
+      unit.units = pass.n2of[k];
       unit.hot = hot;
-      unit.z = pass.scale3[at(k)];
+      unit.z = pass.scale3[k];
       if (input.hettaupi != nullptr) {
         if (!unitS(pass, input, unit, S.data(), work.data())) return PosteriorResult::badT;
         pack(S.data());

@@ -7,6 +7,7 @@
 #include "linear/iteration.h"
 #include "report/fixedtable.h"
 #include "report/matrixtables.h"
+#include "report/resultsheading.h"
 #include "report/variancetables.h"
 
 namespace kdr {
@@ -47,14 +48,16 @@ struct StandardErrors {
   double sigma2 = 0.0;
 };
 
+// 0 for a fixed element, missingcode for one whose variance could not be had.
 double standarderror(const FisherWork& fisher, std::size_t element) {
+  if (fisher.restriction.free[element] < 0) return 0.0;
   const double variance = fisher.invinformation[element * at(fisher.NT) + element];
   return variance > 0.0 ? std::sqrt(variance) : missingcode;
 }
 
 void spread(const FisherWork& fisher, std::size_t first, int n, Array<double>& matrix) {
   for (int i = 0; i < n; ++i)
-    for (int j = 0; j <= i; ++j) matrix[at(i * n + j)] = matrix[at(j * n + i)] = standarderror(fisher, first++);
+    for (int j = 0; j <= i; ++j) matrix[i * n + j] = matrix[j * n + i] = standarderror(fisher, first++);
 }
 
 StandardErrors standarderrors(Pass& pass, IterationState& state) {
@@ -88,7 +91,7 @@ void sigma2lines(const StandardErrors& errors) {
   } else if (!run.pass.nlrun) {
     reportbreak();
     if (run.out.autovknown != 0) {
-      reportline(" %s = %s (Known)", symbol, leftname(run.mdm.names1[at(run.out.autovknown)]).c_str());
+      reportline(" %s = %s (Known)", symbol, leftname(run.mdm.names1[run.out.autovknown]).c_str());
     } else {
       reportline(" %s = %12.5f", symbol, run.iter.fixsigma2);
     }

@@ -52,28 +52,28 @@ bool usableunit(const Pass& pass, const double* cold) { return cold[pass.store.a
 // B = Z2'Z2, theta and Z2'Y - Z2'M gamma of level-3 unit k, gamma = gammahat.
 void level3residual(const Pass& pass, int k, StartWork& w) {
   const int nb = pass.nbeta, b = pass.b;
-  const double z = pass.scale3[at(k)];
+  const double z = pass.scale3[k];
   const double* BB = Pass::row(pass.sumBB, k, nb * nb);
   const double* BY = Pass::row(pass.sumBY, k, nb);
   level3weights(pass, k, w.weights.data());
   level2means(pass, w.weights.data(), run.est.gammahat.data(), w.theta.data());
   for (int i = 0; i < b; ++i) {
-    w.residual[at(i)] = BY[i];
-    for (int m = 0; m < nb; ++m) w.residual[at(i)] -= BB[i * nb + m] * w.theta[at(m)];
-    w.residual[at(i)] *= z;
-    for (int j = 0; j < b; ++j) w.B[at(i * b + j)] = z * z * BB[i * nb + j];
+    w.residual[i] = BY[i];
+    for (int m = 0; m < nb; ++m) w.residual[i] -= BB[i * nb + m] * w.theta[m];
+    w.residual[i] *= z;
+    for (int j = 0; j < b; ++j) w.B[i * b + j] = z * z * BB[i * nb + j];
   }
 }
 
 void addlevel3effect(const Pass& pass, int k, StartWork& w) {
   std::copy(w.theta.begin(), w.theta.end(), w.thetastar.begin());
-  for (int i = 0; i < pass.b; ++i) w.thetastar[at(i)] += pass.scale3[at(k)] * w.v[at(i)];
+  for (int i = 0; i < pass.b; ++i) w.thetastar[i] += pass.scale3[k] * w.v[i];
 }
 
 // R = Z2'Z1 of a unit, b by p.
 void unitZ2Z1(const Pass& pass, int k, const double* hot, Array<double>& R) {
   const double* BZ1 = hot + pass.store.atBZ1;
-  for (std::size_t i = 0; i < R.size(); ++i) R[i] = pass.scale3[at(k)] * BZ1[i];
+  for (std::size_t i = 0; i < R.size(); ++i) R[i] = pass.scale3[k] * BZ1[i];
 }
 
 // sum += x x', x of n.
@@ -103,7 +103,7 @@ bool usablelevel3(const Pass& pass, StartWork& w) {
   const int b = pass.b;
   if (syminverse(b, w.B.data(), b, w.E.data(), b, w.inverse.data()) != 0) return false;
   for (int i = 0; i < b; ++i)
-    if (w.B[at(i * b + i)] < 0.0) return false;
+    if (w.B[i * b + i] < 0.0) return false;
   double condition = 0.0;
   return !hasunitcorrelation(b, w.B.data(), b) && ispositivedefinite(b, w.B.data(), b, &condition) &&
          condition / b <= worstcondition;
@@ -122,10 +122,10 @@ FirstMoments firstsweep(Pass& pass, StartWork& w) {
         const double* BB = Pass::row(pass.sumBB, k, nb * nb);
         const double* BY = Pass::row(pass.sumBY, k, nb);
         // (Y - M g)'(Y - M g)
-        first.S += pass.sumYY[at(k)];
+        first.S += pass.sumYY[k];
         for (int i = 0; i < nb; ++i) {
-          first.S -= 2.0 * w.theta[at(i)] * BY[i];
-          for (int j = 0; j < nb; ++j) first.S += w.theta[at(i)] * BB[i * nb + j] * w.theta[at(j)];
+          first.S -= 2.0 * w.theta[i] * BY[i];
+          for (int j = 0; j < nb; ++j) first.S += w.theta[i] * BB[i * nb + j] * w.theta[j];
         }
         usable3 = usablelevel3(pass, w);
         double* dinv = Pass::row(pass.dinv, k, b * b);
@@ -139,7 +139,7 @@ FirstMoments firstsweep(Pass& pass, StartWork& w) {
         addlevel3effect(pass, k, w);
         addouter(first.V2, w.v);
         // v'Z2'Z2 v - 2 v'(Z2'Y - Z2'M g); the part with the level-2 residuals is added unit by unit
-        for (int i = 0; i < b; ++i) first.S += w.v[at(i)] * (dot(w.v, w.B.data() + i * b) - 2.0 * w.residual[at(i)]);
+        for (int i = 0; i < b; ++i) first.S += w.v[i] * (dot(w.v, w.B.data() + i * b) - 2.0 * w.residual[i]);
       },
       [&](int, const double* hot, const double* cold) {
         if (!usable3 || !usableunit(pass, cold)) {

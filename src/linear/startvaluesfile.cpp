@@ -44,14 +44,14 @@ void readrow(std::FILE* file, Array<double>& t, int order, int row) {
     from = std::min(line.find_first_not_of(" \t", from), line.size());
     const std::size_t to = std::min(line.find(' ', from), line.size());
     const double value = std::atof(line.substr(from, to - from).c_str());
-    t[at(row * order + j)] = t[at(j * order + row)] = value;
+    t[row * order + j] = t[j * order + row] = value;
     from = to;
   }
 }
 
 void writetriangle(std::FILE* file, const Array<double>& t, int order) {
   for (int i = 0; i < order; ++i) {
-    for (int j = 0; j <= i; ++j) std::fprintf(file, "%13.5f ", t[at(i * order + j)]);
+    for (int j = 0; j <= i; ++j) std::fprintf(file, "%13.5f ", t[i * order + j]);
     std::fprintf(file, "\n");
   }
 }
@@ -80,7 +80,7 @@ void readstartvalues() {
           "There are not enough lines in the starting value file: %s\nThere should be %d lines after the #GAMMA "
           "line.\n",
           run.files.startvals.c_str(), run.coef.ngamma);
-    run.est.gammahat[at(i)] = std::atof(line.c_str());
+    run.est.gammahat[i] = std::atof(line.c_str());
   }
   std::fclose(file);
 }
@@ -93,7 +93,7 @@ void writestartvalues() {
   std::fprintf(file, "#TAUBETA\n");
   writetriangle(file, run.est.taubeta, run.coef.nbeta);
   std::fprintf(file, "#GAMMA\n");
-  for (int i = 0; i < run.coef.ngamma; ++i) std::fprintf(file, "%13.6f\n", run.est.gammahat[at(i)]);
+  for (int i = 0; i < run.coef.ngamma; ++i) std::fprintf(file, "%13.6f\n", run.est.gammahat[i]);
   closechk(file);
 }
 

@@ -50,12 +50,12 @@ void weightedcovariance(Pass& pass) {
     const double* hot = loadwindow(pass.store.hot, window);
     const double* weighted = loadwindow(pass.store.weighted, window);
     for (int k = window.k0; k < window.k1; ++k) {
-      const double W3 = run.weights.weight3[at(k)];
-      const double z = pass.scale3[at(k)];
+      const double W3 = run.weights.weight3[k];
+      const double z = pass.scale3[k];
       unit.HB.fill(0.0);
       unit.F.fill(0.0);
       std::copy_n(Pass::row(pass.sumBB2, k, nb * nb), square(nb), unit.G.data());
-      for (int j = 0; j < pass.n2of[at(k)]; ++j, hot += pass.store.hot.stride, weighted += pass.store.weighted.stride) {
+      for (int j = 0; j < pass.n2of[k]; ++j, hot += pass.store.hot.stride, weighted += pass.store.weighted.stride) {
         unpack(p, hot + pass.store.atCinv, C.data());
         unpack(p, weighted + 1, W11.data());
         const double* BZ12 = weighted + 1 + packedsize(p);
@@ -75,12 +75,12 @@ void weightedcovariance(Pass& pass) {
       const double* E = Pass::row(pass.dinv, k, b * b);
       J.fill(0.0);
       for (int i = 0; i < nb; ++i) {
-        J[at(i * nb + i)] = 1.0;
+        J[i * nb + i] = 1.0;
         for (int c = 0; c < b; ++c) {
           double sum = 0.0;
-          for (int a = 0; a < b; ++a) sum += (BB[i * nb + a] - unit.HB[at(i * nb + a)]) * E[a * b + c];
-          PE[at(i * b + c)] = z * sum;
-          J[at(i * nb + c)] -= z * z * sum;
+          for (int a = 0; a < b; ++a) sum += (BB[i * nb + a] - unit.HB[i * nb + a]) * E[a * b + c];
+          PE[i * b + c] = z * sum;
+          J[i * nb + c] -= z * z * sum;
         }
       }
       mulAB(PEL.data(), PE.data(), Li.data(), nb, b, b);

@@ -87,12 +87,12 @@ Remaining readweights() {
       if (++k >= run.mdm.nunits3) damagedmdm("it has more level-3 units than its table");
       current = unit.id3;
       if (run.out.wgtvar2 != 0) m2 = level2mean(reader, unit, ahead);
-      if (run.out.wgtvar2 != 0 && run.out.wgtvar3 == 0) weights.weight3[at(k)] = m2;
+      if (run.out.wgtvar2 != 0 && run.out.wgtvar3 == 0) weights.weight3[k] = m2;
     }
     if (deleting) deleterecords(unit);
     if (unit.nj == 0) continue;
-    unitweights(unit, remaining.records, weights.weight2[remaining.units], m2, weights.weight3[at(k)]);
-    ++remaining.unitsin[at(k)];
+    unitweights(unit, remaining.records, weights.weight2[remaining.units], m2, weights.weight3[k]);
+    ++remaining.unitsin[k];
     remaining.recordsin[remaining.units++] = unit.nj;
     remaining.records += at(unit.nj);
   }

@@ -53,7 +53,7 @@ struct Study {
 
     std::vector<UnitBlock> blocks;
     for (int k = 0; k < units3; ++k) {
-      const double q = normal(rng), v0 = 0.8 * normal(rng), v1 = 0.4 * normal(rng);
+      const double q = normal(rng), v0 = 1.3 * normal(rng), v1 = 1.0 * normal(rng);
       mdm.textid3[static_cast<std::size_t>(k)] = paddedname(std::to_string(k), 12);
       mdm.level3[static_cast<std::size_t>(2 * k)] = q;
       mdm.level3[static_cast<std::size_t>(2 * k + 1)] = among(1, 4);
@@ -66,7 +66,7 @@ struct Study {
         block.means.reset(4);
         block.records.reset(static_cast<std::size_t>(4 * block.nj));
         block.level2.reset(2);
-        const double z = normal(rng), r0 = normal(rng), r1 = 0.5 * normal(rng);
+        const double z = normal(rng), r0 = normal(rng), r1 = 0.9 * normal(rng);
         block.level2[0] = z;
         block.level2[1] = among(1, 3);
         block.id3.text = paddedname(std::to_string(k), 12);
