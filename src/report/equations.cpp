@@ -158,9 +158,8 @@ void ordinallevel1(const ModelRows& rows) {
   const char* r = run.report.html ? "<i>R</i>" : "R";
   for (int k = 0; k < last; ++k) {
     linelead();
-    report2("Prob[%s %s %s|%s]%s = %s = %s", "Prob[%s %s %s|%s]%s = %s = %s", r,
-            k == 0 ? "=" : (run.report.html ? "&le;" : "<="), categoryof(k).c_str(), given, k == 0 ? " " : "",
-            probability(k, true).c_str(), probability(0, false).c_str());
+    report("Prob[%s %s %s|%s]%s = %s = %s", r, k == 0 ? "=" : (run.report.html ? "&le;" : "<="), categoryof(k).c_str(),
+           given, k == 0 ? " " : "", probability(k, true).c_str(), probability(0, false).c_str());
     for (int other = 1; other <= k; ++other) report(" + %s", probability(other, false).c_str());
     reportbreak();
   }
@@ -421,11 +420,10 @@ void writemixedmodel() {
   const ModelRows rows = modelrows();
   report2("\n\nMixed Model\n", "<h4>Mixed Model</h4>\n");
   reportblank(4);
-  if (run.pass.nlrun) {
-    report2("%s = ", "%s = ", run.report.html ? ofrecord("&eta;").c_str() : "eta");
-  } else {
-    report("%s = ", variable(run.kind.outname, run.sym.symsub).c_str());
-  }
+  report("%s = ", (!run.pass.nlrun   ? variable(run.kind.outname, run.sym.symsub)
+                   : run.report.html ? ofrecord("&eta;")
+                                     : std::string("eta"))
+                      .c_str());
   mixedfixed(rows);
   if (rows.effects.size() > 4) mixedbreak(4);
   if (mixedrandom2(rows) > 3) mixedbreak(4);

@@ -33,8 +33,9 @@ void comparison(double deviance, long long parameters) {
   reportline(" Degrees of freedom     = %6d", df);
   report2(" P", "&nbsp;&nbsp;&nbsp;&nbsp; <i>p</i>");
   report("-value                =      ");
-  const double p = df > 0 && statistic >= df ? chisqprob(df, statistic) : 1.0;
-  if (p == 1.0) {
+  const bool fits = df <= 0 || statistic < df;
+  const double p = fits ? 1.0 : chisqprob(df, statistic);
+  if (fits) {
     report(">.500");
   } else if (p < 0.001) {
     report("<0.001");

@@ -52,7 +52,8 @@ void refusetooverwrite(const std::string& input) {
 
 void openreport() {
   RunFiles& files = run.files;
-  if (files.outfile.empty()) {
+  const bool laterpass = run.series.pvmode && run.series.pvindex > 0 && !files.outbase.empty();
+  if (files.outfile.empty() && !laterpass) {
     std::printf("Enter name of output file: ");
     readanswer(files.outfile);
   }
