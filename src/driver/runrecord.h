@@ -174,7 +174,7 @@ struct Symbols {
 struct ReportStream {
   std::FILE* stream = nullptr;  // null while no report is open
   bool html = false;
-  bool numberedhtml = false;  // mode of the numbered reports of a series, from the name that was given for them
+  bool numberedhtml = false;   // mode of the numbered reports of a series, from the name that was given for them
   long long reportpos = -999;  // where the next results are to be written, -999: where the report stands
 };
 

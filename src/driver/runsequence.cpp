@@ -11,9 +11,11 @@
 #include "driver/failures.h"
 #include "driver/options.h"
 #include "driver/questions.h"
+#include "driver/reportstream.h"
 #include "driver/runrecord.h"
 #include "kernel/array.h"
 #include "linear/estimate.h"
+#include "linear/weights.h"
 #include "model/commandfile.h"
 #include "model/complete.h"
 #include "model/constraints.h"
@@ -67,20 +69,11 @@ void refuseabsentengines() {
     bool wanted;
     const char* what;
   };
-  const auto anyextra = [](const IntTable& counts) {
-    for (const int n : counts.cells)
-      if (n != 0) return true;
-    return false;
-  };
   const Absent absent[] = {
       {run.kind.nonlin != 0, "estimate non-linear models"},
       {run.series.mimode, "pool multiply imputed data sets"},
       {run.series.pvmode, "pool plausible values"},
       {run.out.lvr, "do latent variable regressions"},
-      {run.iter.hetit != 0, "estimate a tau(pi) for each level-3 unit"},
-      {!run.files.startvals.empty(), "read or write starting-value files"},
-      {anyextra(run.model.nextra2) || anyextra(run.model.nextra3), "do the exploratory analysis"},
-      {run.out.wgtvar1 || run.out.wgtvar2 || run.out.wgtvar3, "use design weights"},
       {run.out.resfil1 || run.out.resfil2 || run.out.resfil3, "write residual files"},
       {run.out.graph, "write graph data files"},
   };
@@ -130,6 +123,8 @@ void readmodel() {
   compactlists();
   refuseabsentengines();
   finishdeletion();
+  run.kind.weighted = run.out.wgtvar1 != 0 || run.out.wgtvar2 != 0 || run.out.wgtvar3 != 0;
+  if (run.kind.weighted) normaliseweights();
   run.kind.outname = run.mdm.names1[static_cast<std::size_t>(run.kind.outvar)];
   centerlevel3();
 }

@@ -116,6 +116,7 @@ void startingvalues(Pass& pass) {
     leastsquarestart(pass, moments);
   }
   applytaupi(run.est.taupi.data());
+  if (fromfile) applytaubeta(run.est.taubeta.data());
   if (!fromfile)
     report2(" For starting values, data from %d level-1 and %d level-2 records were used\n\n",
             "For starting values, data from %d level-1 and %d level-2 records were used<br>\n", pass.nusable1,

@@ -196,11 +196,13 @@ void applyequal(int n, double* t, const Array<int>& codes) {
 void applytaupi(double* taupi) {
   if (run.iter.haveesttau2) applyfixed(taupi, run.coef.npi, run.iter.esttau2);
   if (run.iter.havecontau2) applyequal(run.coef.npi, taupi, run.iter.contau2);
+  if (run.out.diagtaupi) cleardiagonaloff(taupi, run.coef.npi);
 }
 
 void applytaubeta(double* taubeta) {
   if (run.iter.haveesttau3) applyfixed(taubeta, run.coef.nbeta, run.iter.esttau3);
   if (run.iter.havecontau3) applyequal(run.coef.nbeta, taubeta, run.iter.contau3);
+  if (run.out.diagtaubeta) cleardiagonaloff(taubeta, run.coef.nbeta);
 }
 
 void cleardiagonaloff(double* t, int n) {

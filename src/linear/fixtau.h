@@ -10,7 +10,7 @@ void applyfixed(double* t, int n, const Array<double>& est);
 // The elements of each equality group of the packed codes take the group's mean.
 void applyequal(int n, double* t, const Array<int>& codes);
 
-// What a run asks of its tau matrices: ESTTAU2: and CONTAU2:, ESTTAU3: and CONTAU3:.
+// What a run asks of its tau matrices: ESTTAU2:, CONTAU2: and DIAGONALIZETAUPI:, and their level-3 twins.
 void applytaupi(double* taupi);
 void applytaubeta(double* taubeta);
 // Sets every off-diagonal element of an n by n matrix to 0.0.

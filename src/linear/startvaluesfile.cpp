@@ -16,8 +16,6 @@ namespace kdr {
 
 namespace {
 
-std::size_t at(int i) { return static_cast<std::size_t>(i); }
-
 // Reads a line without its end and trailing blanks. False when there is none that ends with a new line.
 bool readline(std::FILE* file, std::string& line) {
   char buffer[maxline];

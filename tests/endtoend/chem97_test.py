@@ -29,8 +29,9 @@ RUNS = [
     ('scoring', 'model2', TIGHT + ['FISHERTYPE:2'], [], False),
     ('outer products', 'model1', TIGHT + ['FISHERTYPE:1'], [], False),
     ('outer products', 'model2', TIGHT + ['FISHERTYPE:1'], [], False),
-    ('no scoring', 'model1', TIGHT + ['FISHERTYPE:0'], [], False),
-    ('no scoring', 'model2', TIGHT[:1] + ['NUMIT:20000,N', 'FISHERTYPE:0'], [], False),
+    # the level-3 variance is so small that the likelihood is flat long before EM is there: a set number of iterations
+    ('no scoring', 'model1', ['STOPVAL:0.0', 'NUMIT:2000,N', 'FISHERTYPE:0'], [], False),
+    ('no scoring', 'model2', ['STOPVAL:0.0', 'NUMIT:6000,N', 'FISHERTYPE:0'], [], False),
     ('in memory', 'model2', TIGHT + ['FISHERTYPE:2'], ['-i', '1'], False),
 ]
 
@@ -48,8 +49,8 @@ def readref(path):
     return ref
 
 
-def compare(c, r, ref, model, loose):
-    c.equal('end of the iterations', r.stopped, 'converged')
+def compare(c, r, ref, model, loose, stop):
+    c.equal('end of the iterations', r.stopped, stop)
     c.near('deviance', r.deviance, ref['deviance'], 0.1 if loose else 1e-3)
     if loose:
         return
@@ -89,7 +90,8 @@ def main():
                     c.fail('the run ended with code %d\n%s' % (code, out[-800:]))
                 else:
                     r = report.read(work + '/run.txt')
-                    compare(c, r, readref('%s/%s.ref' % (REFERENCE, model)), model, loose)
+                    compare(c, r, readref('%s/%s.ref' % (REFERENCE, model)), model, loose,
+                            'limit' if 'STOPVAL:0.0' in settings else 'converged')
                     print('%-24s %5s iterations, %d comparisons, %d differ' % (c.tag, r.iterations, c.done, len(c.bad)))
             except subprocess.TimeoutExpired:
                 c.fail('the run did not end')

@@ -77,13 +77,13 @@ def fixedtable(c, what, table, gamma, covariance, df, setolerance):
         c.equal(name + ' d.f.', row.df, df[i])
 
 
-def compare(c, r, want, spec):
+def compare(c, r, want, model):
     p, b = want['order']['p'], want['order']['b']
-    fisher = spec.get('fisher', 2)
+    fisher = model.get('fisher', 2)
     c.equal('end of the iterations', r.stopped, 'converged')
     c.near('deviance', r.deviance, want['deviance'], 1e-3)
     c.equal('number of parameters', r.parameters, want['parameters'])
-    covariance = want['weighted'] if 'weights' in spec else want['covariance']
+    covariance = want['weighted'] if 'weights' in model else want['covariance']
     fixedtable(c, 'fixed effect', r.fixed.get('final'), want['gamma'], covariance, want['df'], 1e-4)
     fixedtable(c, 'robust', r.fixed.get('robust'), want['gamma'], want['robust'], want['df'], 2e-5)
     if r.fixed.get('final'):
@@ -93,7 +93,7 @@ def compare(c, r, want, spec):
     fixedtable(c, 'least squares robust', r.fixed.get('leastsquaresrobust'), least['gamma'], least['robust'], lsdf, 2e-6)
     c.near('least-squares deviance', r.lsdeviance, least['deviance'], 1e-4)
     c.equal('least-squares parameters', r.lsparameters, least['parameters'])
-    if 'vknown' not in spec:
+    if 'vknown' not in model:
         c.near('sigma2', r.sigma2, want['sigma2'], 2e-5, 5e-4)
     c.matrix('tau(pi)', r.taupi, want['taupi'], 2e-5, 5e-4)
     c.matrix('tau(beta)', r.taubeta, want['taubeta'], 2e-5, 5e-4)
@@ -104,7 +104,7 @@ def compare(c, r, want, spec):
     if fisher:
         c.matrix('s.e. of tau(pi)', r.setaupi, spread(want['setau'], 0, p), 2e-5, 5e-3)
         c.matrix('s.e. of tau(beta)', r.setaubeta, spread(want['setau'], p * (p + 1) // 2, b), 2e-5, 5e-3)
-        if 'fixsigma2' not in spec and 'vknown' not in spec:
+        if 'fixsigma2' not in model and 'vknown' not in model:
             c.near('s.e. of sigma2', r.sesigma2, want['setau'][-1], 2e-5, 5e-3)
     else:
         c.equal('no s.e. without scoring', (r.setaupi, r.setaubeta, r.sesigma2), (None, None, None))
@@ -132,8 +132,15 @@ def compare(c, r, want, spec):
         for e, f, g, h in zip(got.estimates, w['estimate'], got.errors, w['se']):
             c.near('test %d estimate' % i, e, f, 3e-5)
             c.near('test %d error' % i, g, h, 1e-4)
-    if 'deviance' in spec:
-        chi, df = abs(want['deviance'] - spec['deviance']), abs(want['parameters'] - spec['df'])
+    for level, rows in want.get('exploratory', {}).items():
+        got = r.exploratory.get(int(level), [])
+        c.equal('level-%s candidates' % level, [x[1] for x in got], [x[1] for x in rows])
+        for x, (place, name, slope, error) in zip(got, rows):
+            c.near('level-%s candidate %s for %d' % (level, name, place), x[2], slope, 1.1e-3)
+            c.near('level-%s candidate %s for %d s.e.' % (level, name, place), x[3], error, 1.1e-3)
+            c.equal('level-%s candidate %s belongs to' % (level, name), x[0], place)
+    if 'deviance' in model:
+        chi, df = abs(want['deviance'] - model['deviance']), abs(want['parameters'] - model['df'])
         c.near('comparison', (r.comparison or [None])[0], chi, 2e-3)
         c.equal('comparison d.f.', (r.comparison or [None, None])[1], df)
 
@@ -153,18 +160,21 @@ def main():
                 if code != 0:
                     bad.append('%s: making the MDM file ended with code %d\n%s' % (template, code, out[-800:]))
                     continue
-                for m, spec in models.items():
+                for m, model in models.items():
                     if pick and tags[m] not in pick:
                         continue
                     c = Checks(tags[m])
                     try:
                         code, out = run(program, work, template + '.mdm', m + '.kdr')
+                        if code == 100 and 'This version of KDR3 cannot' in out:
+                            print('%-20s skipped: %s' % (c.tag, out.strip().splitlines()[-1]))
+                            continue
                         if code != 0:
                             c.fail('the run ended with code %d\n%s' % (code, out[-800:]))
                         else:
                             r = report.read('%s/%s.txt' % (work, m))
                             with open('%s/results/%s.json' % (REFERENCE, tags[m])) as f:
-                                compare(c, r, json.load(f), spec)
+                                compare(c, r, json.load(f), model)
                             if tags[m] == 'school-A':  # the work files in memory change nothing
                                 code, out = run(program, work, '-i', '1', template + '.mdm', m + '.kdr')
                                 c.equal('report with -i', report.masked(report.read('%s/%s.txt' % (work, m)).text),
@@ -174,7 +184,7 @@ def main():
                     except (ValueError, OSError) as error:
                         c.fail(str(error))
                     print('%-20s %3d comparisons, %d differ' % (c.tag, c.done, len(c.bad)))
-                    bad += c.bad
+                    bad += c.bad[:12] + ['%s: %d more' % (c.tag, len(c.bad) - 12)] * (len(c.bad) > 12)
                     done += c.done
     print('\n'.join(bad) if bad else 'all %d comparisons hold' % done)
     return 1 if bad or not done else 0

@@ -36,6 +36,7 @@ class Report:
         self.reliabilities, self.components, self.componentsigma2 = {}, {}, None
         self.iterations, self.logliks, self.stopped, self.notes, self.tests = None, {}, None, [], []
         self.comparison = None
+        self.exploratory = {}  # level: rows (place of the coefficient, candidate, slope, error, t); 'NC' slopes are None
         for i, line in enumerate(self.lines):
             self.take(i, line)
 
@@ -55,6 +56,8 @@ class Report:
             self.statistics(i)
         elif word == 'Results of General Linear Hypothesis Testing':
             self.test(i)
+        elif word.startswith('Exploratory Analysis: estimated level-'):
+            self.candidates(i, int(word.split('level-')[1][0]))
         elif word == 'Model comparison test':
             self.compare(i)
         else:
@@ -179,6 +182,25 @@ class Report:
     def statistics(self, i):
         self.deviance = float(self.after(i, 'Deviance                       ='))
         self.parameters = int(self.after(i, 'Number of estimated parameters ='))
+
+    def candidates(self, i, level):
+        rows, names, coefs, errors, labels = [], [], [], [], []
+        for line in self.lines[i + 1:]:
+            word = line.split()
+            if line.startswith(' ' * 24) and word:
+                names = word
+            elif line.startswith('    Coefficient '):
+                coefs = [None if x == 'NC' else float(x) for x in word[1:]]
+            elif line.startswith('    Standard Error '):
+                errors = [float(x) for x in word[2:]]
+            elif line.startswith('    t value '):
+                rows += [(len(labels) - 1, *x) for x in zip(names, coefs, errors, map(float, word[2:]))]
+            elif re.match(r' ?\s*\S+.*, *\w+\d+$', line):
+                label = re.sub(' ', '', line)
+                labels += [label] if label not in labels else []
+            elif 'Exploratory' in line or 'Statistics' in line:
+                break
+        self.exploratory[level] = rows
 
     def compare(self, i):
         p = self.after(i, 'P-value                =')

@@ -166,7 +166,6 @@ dense::Fit fitted(const study::Study& made) {
   study::setparameters(points[0].T, points[0].L, points[0].s, points[0].gamma);
   applytaupi(run.est.taupi.data());
   applytaubeta(run.est.taubeta.data());
-  if (run.out.diagtaubeta) cleardiagonaloff(run.est.taubeta.data(), 2);
   IterationState state;
   startiterations(pass, state);
   state.hetstate = 2;

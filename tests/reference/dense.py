@@ -348,6 +348,28 @@ def weightedcov(work, plain, factors, cov, T, L, s):
     return cov @ mid @ cov
 
 
+def exploratory(data, post, m):
+    """Simple regressions of the posterior means on the candidates, within level-3 units at level 2: rows per level."""
+    rand2 = [c for c, _ in m['level1'] if c in m['random2']]
+    rand3 = [(c, t) for c, _ in m['level1'] for t, _ in m['level2'][c] if (c, t) in m['random3']]
+    out = {2: [], 3: []}
+    for level, coefs, key in ((2, rand2, 'extra2'), (3, rand3, 'extra3')):
+        for r, c in enumerate(coefs):
+            for name in m.get(key, {}).get(c, []):
+                i = NAMES[level].index(name)
+                if level == 2:
+                    y = [np.array([u[r] for u in x[2]]) for x in post]
+                    x = [np.array([z[i] for z, _ in unit2]) for _, unit2 in data.units]
+                    y, x = (np.concatenate([a - a.mean() for a in v]) for v in (y, x))
+                else:
+                    y, x = np.array([a[0][r] for a in post]), np.array([q[i] for q, _ in data.units])
+                    y, x = y - y.mean(), x - x.mean()
+                b = x @ y / (x @ x)
+                rest = y @ y - (b * b * (x @ x) if level == 2 else 0.0)  # level 3: about the mean, not about the line
+                out[level].append([r, name, float(b), float(np.sqrt(rest / (len(y) - 2) / (x @ x)))])
+    return out
+
+
 def listed(x):
     return x.tolist() if isinstance(x, np.ndarray) else x
 
@@ -388,6 +410,8 @@ def reference(directory, timing, code, m):
     post = posterior(units, gamma, T, L, s)
     out['v'] = [x[0].tolist() for x in post]
     out['u'] = [a.tolist() for x in post for a in x[2]]
+    if 'extra2' in m:
+        out['exploratory'] = exploratory(data, post, m)
     inf = inference(units, gamma, T, L, s)
     out.update(inf)
     rand3 = [(c, t) for c, _ in m['level1'] for t, _ in m['level2'][c] if (c, t) in m['random3']]

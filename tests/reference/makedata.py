@@ -111,9 +111,9 @@ def main():
         for t, (timing, code) in templates.items():
             with open('%s/%s/%s.mdmt' % (HERE, name, t), 'w') as f:
                 f.write(template(t, timing, code))
-        for m, spec in models.items():
+        for m, model in models.items():
             with open('%s/%s/%s.kdr' % (HERE, name, m), 'w') as f:
-                f.write(commandfile(m, spec))
+                f.write(commandfile(m, model))
     print(len(school[3]), len(school[2]), len(school[1]), 'missing', sum(-99.0 in r[2] for r in missing))
     print(len(tiny[3]), len(tiny[2]), len(tiny[1]))
 

@@ -8,6 +8,7 @@ A model is a dict:
   random3  pairs (level-1 name, level-2 name) that are random at level 3
   and options: esttau2, esttau3 (lower triangles, None free), contau2, contau3 (list of groups of 1-based elements),
   diagtaupi, diagtaubeta, fixsigma2, vknown, weights (three names or None), constrain (group per gamma),
+  extra2 {level-1 name: level-2 candidates}, extra3 {(level-1 name, level-2 name): level-3 candidates}, hetit,
   hypotheses (list of lists of contrast rows), deletion (value of LEVEL1DELETION), fisher, deviance, df.
 """
 
@@ -55,6 +56,11 @@ SCHOOL = {
     'W2': a(weights=(None, 'W2', None)),
     'W3': a(weights=(None, None, 'W3')),
     'W123': a(weights=('W1', 'W2', 'W3')),
+    # exploratory analysis; Z1 and Q1 are in the model already
+    'X': a(extra2={'INTRCPT1': ['Z1', 'Z2', 'W2'], 'X1': ['Z2']},
+           extra3={('INTRCPT1', 'INTRCPT2'): ['Q1', 'Q2', 'W3'], ('X1', 'INTRCPT2'): ['Q2']}),
+    # a tau(pi) for each level-3 unit first; the ordinary stage has to find the same maximum from there
+    'H': a(hetit=20, fisher=0),
     'F0': a(fisher=0),
     'F1': a(fisher=1),
 }
@@ -79,10 +85,12 @@ def commandfile(name, m):
     lines = ['#Reference model %s' % name, 'NONLIN:N', 'NUMIT:%d,N' % m.get('numit', 5000), 'STOPVAL:0.0000000001',
              'LEVEL1:%s=%s+RANDOM' % (m['outcome'], mark(m['level1']))]
     for c, _ in m['level1']:
-        lines.append('LEVEL2:%s=%s%s/' % (c, mark(m['level2'][c]), '+RANDOM' if c in m['random2'] else ''))
+        lines.append('LEVEL2:%s=%s%s/%s' % (c, mark(m['level2'][c]), '+RANDOM' if c in m['random2'] else '',
+                                            ','.join(m.get('extra2', {}).get(c, []))))
         for t, _ in m['level2'][c]:
-            lines.append('LEVEL3:%s=%s%s/' % (t, mark(m['level3'].get((c, t), I3)),
-                                              '+RANDOM' if (c, t) in m['random3'] else ''))
+            lines.append('LEVEL3:%s=%s%s/%s' % (t, mark(m['level3'].get((c, t), I3)),
+                                                '+RANDOM' if (c, t) in m['random3'] else '',
+                                                ','.join(m.get('extra3', {}).get((c, t), []))))
     lines.append('LEVEL1DELETION:%s' % m.get('deletion', 'NONE'))
     for key in ('esttau2', 'esttau3'):
         if key in m:
@@ -99,6 +107,8 @@ def commandfile(name, m):
     for level, w in enumerate(m.get('weights', ()), 1):
         if w:
             lines.append('LEVEL%dWEIGHT:%s' % (level, w))
+    if 'hetit' in m:
+        lines.append('HETIT:%d' % m['hetit'])
     if 'fisher' in m:
         lines.append('FISHERTYPE:%d' % m['fisher'])
     lines.append('CONSTRAIN:%s' % (','.join(map(str, m['constrain'])) if 'constrain' in m else 'N'))
