@@ -158,6 +158,7 @@ struct AnsweredMarks {
   bool extra2 = false, extra3 = false;  // a "/" list on a LEVEL2: or LEVEL3: line
   bool deletion = false, plausvals = false, lvr = false, nobase = false, iterations = false;
   bool constrain = false, hypoth = false, gammas = false, deviance = false;
+  bool resfiltype = false;
   bool title = false, output = false, resfil1 = false, resfil2 = false, resfil3 = false;
   [[nodiscard]] bool wholemodel() const { return level1 && level2 && level3; }
 };

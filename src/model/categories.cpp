@@ -1,0 +1,71 @@
+#include "model/categories.h"
+
+#include <algorithm>
+#include <cstdio>
+
+#include "driver/failures.h"
+#include "driver/runrecord.h"
+#include "model/text.h"
+
+namespace kdr {
+
+namespace {
+
+// Ints that all equation tables may hold together.
+constexpr double mostcells = 1.0e8;
+// From 1000 on the names of thresholds agree in their 8 significant characters.
+constexpr int mostthresholds = 998;
+
+void checkcategories(int thresholds) {
+  const MdmData& mdm = run.mdm;
+  const int ncat = run.kind.ncat;
+  if (ncat < 2) stopwith("The number of categories must be 2 or more!\n");
+  const double width1 = mdm.nvar1 + 1.0 + thresholds;
+  const double cells = width1 * (mdm.ncol2 + maxextra + 4.0) + mdm.ncol2 * width1 * (mdm.ncol3 + maxextra + 3.0);
+  const double sets = run.kind.ordinal ? 1.0 : ncat - 1.0;
+  if (thresholds > mostthresholds || cells * sets > mostcells)
+    stopwith("The model is too big for %d categories!\n", ncat);
+  if (!run.kind.ordinal) return;
+  for (int v = 1; v <= mdm.nvar1; ++v)
+    if (beginswith(leftname(mdm.names1[static_cast<std::size_t>(v)]), "THOLD"))
+      stopwith("Variable names starting with THOLD are reserved for ordinal runs\n");
+}
+
+void addthresholds(int thresholds) {
+  MdmData& mdm = run.mdm;
+  for (int k = 0; k < thresholds; ++k) {
+    char name[20];
+    std::snprintf(name, sizeof name, k + 2 < 10 ? "THOLD%1d" : "THOLD%2d", k + 2);
+    const int v = mdm.nvar1 + 1 + k;
+    mdm.names1[static_cast<std::size_t>(v)] = paddedname(name);
+    run.model.use1.row(0)[v] = 1;
+  }
+}
+
+}  // namespace
+
+void makeequationsets() {
+  MdmData& mdm = run.mdm;
+  const bool multi = run.kind.nonlin == 3;
+  const int thresholds = multi && run.kind.ordinal ? std::max(0, run.kind.ncat - 2) : 0;
+  if (multi) checkcategories(thresholds);
+  run.kind.neqsets = multi && !run.kind.ordinal ? run.kind.ncat - 1 : 1;
+  mdm.ncol1 = mdm.nvar1 + 1 + thresholds;
+  mdm.maxbeta = mdm.ncol2 * (mdm.ncol1 - 1);
+  mdm.names1.resize(static_cast<std::size_t>(mdm.nvar1) + 1);
+  mdm.names1.resize(static_cast<std::size_t>(mdm.ncol1));
+
+  ModelSpec earlier = std::move(run.model);
+  run.model = ModelSpec{};
+  allocatemodel();
+  if (earlier.delete1.size() == run.model.delete1.size()) run.model.delete1 = std::move(earlier.delete1);
+  for (Array<int> ModelSpec::*list : {&ModelSpec::res1vars1, &ModelSpec::res1vars2, &ModelSpec::res1vars3,
+                                      &ModelSpec::res2vars2, &ModelSpec::res2vars3, &ModelSpec::res3vars3}) {
+    const Array<int>& old = earlier.*list;
+    Array<int>& now = run.model.*list;
+    std::copy_n(old.begin(), std::min(old.size(), now.size()), now.begin());
+  }
+  addthresholds(thresholds);
+}
+
+}  // namespace kdr

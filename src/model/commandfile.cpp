@@ -1,0 +1,176 @@
+#include "model/commandfile.h"
+
+#include <cstdio>
+#include <string>
+
+#include "data/scratch.h"
+#include "driver/failures.h"
+#include "driver/runrecord.h"
+#include "model/complete.h"
+#include "model/constraints.h"
+#include "model/defaults.h"
+#include "model/reader.h"
+#include "model/text.h"
+
+namespace kdr {
+
+void badspecification(const char* what, const std::string& name) {
+  std::printf("Batch file %s specification invalid\n", what);
+  fail(9, name.c_str());
+}
+
+void badline(const CommandReader& reader) {
+  char number[16];
+  std::snprintf(number, sizeof number, "%3d", reader.lines.number);
+  fail(8, number);
+}
+
+int variable(const char* what, const std::string& name, const Array<Name>& table, int highest, int lowest) {
+  const int v = findname(name, table, highest);
+  if (v < lowest) badspecification(what, name);
+  return v;
+}
+
+namespace {
+
+void unrecognized(const std::string& line) {
+  std::printf("Unrecognized control word, ignored: %s\n", line.c_str());
+  std::printf("Hit return to continue ");
+  std::fflush(stdout);
+  std::getchar();
+  checksignals();
+}
+
+void readkeyword(CommandReader& reader) {
+  const std::string line = reader.lines.line;  // the model's lines move the reader on
+  const std::size_t colon = line.find(':');
+  const std::string value = colon == std::string::npos ? "" : line.substr(colon + 1);
+  if (!beginswith(line, "TITLE") && (value.empty() || value[0] == ' ')) badline(reader);
+  if (const KeywordHandler handler = findkeyword(line); handler != nullptr) {
+    handler(reader, value);
+  } else {
+    unrecognized(line);
+  }
+}
+
+// Lists whose length the model gives were read with the model as it stood then; a further LEVEL1: line behind them
+// would leave them with the wrong length.
+void checkorders() {
+  const auto square = [](int n) { return static_cast<std::size_t>(n) * static_cast<std::size_t>(n); };
+  const IterationControl& iter = run.iter;
+  const int n2 = randomlevel1(), n3 = randomlevel2();
+  const auto late = [](bool wrong, const char* kind, const char* greek) {
+    if (wrong) stopwith("%s tau(%s) must be specified after complete model\n", kind, greek);
+  };
+  late(iter.haveesttau2 && iter.esttau2.size() != square(n2), "Estimated", "pi");
+  late(iter.haveesttau3 && iter.esttau3.size() != square(n3), "Estimated", "beta");
+  late(iter.havecontau2 && iter.contau2.size() != packedsize(n2), "Constrained", "pi");
+  late(iter.havecontau3 && iter.contau3.size() != packedsize(n3), "Constrained", "beta");
+  if (run.out.lvr && run.out.lvrroles.size() != static_cast<std::size_t>(n3))
+    stopwith("lvr must be specified after complete model\n");
+
+  const auto ngamma = static_cast<std::size_t>(countfixedeffects());
+  std::size_t rows = 0;
+  for (const short n : run.model.hypothesisrows) rows += static_cast<std::size_t>(n);
+  if (run.model.contrasts.size() != rows * ngamma) stopwith("Gammas must be specified after complete model\n");
+  if (!run.model.constraints.empty() && run.model.constraints.size() != ngamma)
+    stopwith("Constraints must be specified after complete model\n");
+}
+
+void checknonlinear(const CommandReader& reader) {
+  const ModelKind& kind = run.kind;
+  if (run.iter.macroit != 0) {
+    if (run.series.pvmode) stopwith("You can not do a combination of non-linear and plausible values at this time.\n");
+    if (kind.nonlin == 0) stopwith("If non-linear iterations desired, the type must be specified\n");
+  }
+  if (kind.nonlin == 0) return;
+  if (run.iter.macroit == 0) stopwith(" macroit must be specified if nonlin is specified.\n");
+  if (reader.numit)
+    stopwith(
+        " The numit directive should not be used when specifying a non-linear model.\n"
+        " Use the microit and macroit keywords.\n");
+  if (reader.stopval)
+    stopwith(
+        " The stopval directive should not be used when specifying a non-linear model.\n"
+        " Use the stopmicro and stopmacro keywords.\n");
+}
+
+void settleengines(const CommandReader& reader) {
+  const ModelKind& kind = run.kind;
+  IterationControl& iter = run.iter;
+  if (iter.laplace) {
+    if (kind.nonlin != 1 || kind.nlcount) stopwith("LaPlace iterations may only be done on Bernoulli analyses.");
+    iter.fixsigma2 = 1.0;
+  }
+  if (iter.agqpoints != 0) {
+    iter.fixsigma2 = 1.0;
+    if (kind.nonlin == 3) {
+      std::printf(" The program cannot do adaptive quadrature for multinomial/ordinal runs yet.\n");
+      iter.agqpoints = 0;
+    }
+  }
+  if (kind.nonlin != 0 && iter.agqpoints == 0 && !reader.stopmicro) iter.stopval = 1.0e-5;
+}
+
+void checkfeatures(const CommandReader& reader) {
+  const ModelKind& kind = run.kind;
+  if (run.out.lvr && run.iter.fishertype == 0) stopwith("You cannot do LVR and set fishertype:0!\n");
+  if (run.out.lvr && kind.nonlin == 3 && !kind.ordinal)
+    stopwith(" The program cannot do latent variable regressions in a multinomial run.\n");
+  if (kind.nlcount)
+    for (int e = 0; e < kind.neqsets; ++e)
+      if (run.model.use1.row(e)[kind.nlcntvar] != 0) {
+        std::printf(kind.nonlin == 1 ? " The binomial count " : " The poisson variable exposure ");
+        stopwith("variable is also used in the model!\n");
+      }
+  if (kind.ordinal && run.answered.level1 && reader.nthresholds != kind.ncat - 2)
+    stopwith("There are not enough thresholds specified on the level-1 line.\n");
+}
+
+void settleacceleration() {
+  IterationControl& iter = run.iter;
+  if (iter.hetit != 0) iter.fishertype = 0;
+  if (iter.fishertype == 0) {
+    if (iter.accel <= 2) iter.accel = 3;
+  } else if (iter.accel < 1) {
+    iter.accel = 5;
+  }
+}
+
+// What only the whole file can tell.
+void endoffile(const CommandReader& reader) {
+  if (run.mdm.deletednow) run.answered.deletion = true;
+  setresfilnames();
+  checknonlinear(reader);
+  settleengines(reader);
+  checkfeatures(reader);
+  settleacceleration();
+  if (run.out.autovknown != 0) run.iter.fixsigma2 = 1.0;
+  if (reader.deviance != reader.df) std::printf(" Deviance and df must be specified together\n");
+  if (run.out.graph && run.kind.nonlin == 3) run.out.resfil1 = true;
+  if (run.kind.nonlin != 0 && run.kind.nlcntvar != 0)
+    run.model.res1vars1[static_cast<std::size_t>(run.kind.nlcntvar)] = 1;
+  checkorders();
+  checkconstraints();
+}
+
+}  // namespace
+
+void readcommandfile() {
+  resetkeywords();
+  CommandReader reader;
+  if (run.files.cmdfile.empty()) {
+    endoffile(reader);
+    return;
+  }
+  reader.lines.stream.reset(openfile(run.files.cmdfile, "rb"));
+  while (nextline(reader.lines)) {
+    const std::string& line = reader.lines.line;
+    if (line.empty() || line[0] == ' ' || line[0] == '#') continue;
+    readkeyword(reader);
+  }
+  reader.lines.stream.reset();
+  endoffile(reader);
+}
+
+}  // namespace kdr

@@ -1,0 +1,29 @@
+// Words and numbers of a line of text, for the command file and its writer.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kdr {
+
+// ASCII letters in upper case, everything else as it is.
+[[nodiscard]] std::string uppercase(std::string_view text);
+// Without regard to case.
+[[nodiscard]] bool sameword(std::string_view a, std::string_view b);
+[[nodiscard]] bool beginswith(std::string_view text, std::string_view head);
+// Without the blanks and tabs at both ends.
+[[nodiscard]] std::string_view trimmed(std::string_view text);
+// The pieces between the separators, blanks at their ends removed; an empty text is one empty piece.
+[[nodiscard]] std::vector<std::string> split(std::string_view text, char separator);
+// The first character in upper case, zero for an empty text.
+[[nodiscard]] char firstletter(std::string_view text);
+
+// The decimal value of the text's start, held to the range of an int; 0 when there is none.
+[[nodiscard]] int wholenumber(const std::string& text);
+// The real value of the text's start, held to the finite range; 0 when there is none.
+[[nodiscard]] double realnumber(const std::string& text);
+// True when the text begins with a real.
+[[nodiscard]] bool isreal(const std::string& text);
+
+}  // namespace kdr
