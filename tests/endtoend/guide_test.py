@@ -6,8 +6,8 @@ The guide's blocks are taken in order, in a copy of examples/chem97 with `kdr3` 
     ```sh run              the block is executed and must succeed
     ```text output=FILE    its lines must stand in FILE, one after the other, as FILE is at this point
 
-Besides, each keyword that the guide's tables name must be known to the program, and each keyword that the program writes
-to newcmd.kdr must be in the guide.
+Besides, each keyword that the guide's tables name must be known to the program, each keyword that the program writes to
+newcmd.kdr must be in the guide, and the rerun of newcmd.kdr that the guide makes must give the same report.
 """
 import os
 import re
@@ -110,6 +110,14 @@ class Guide(unittest.TestCase):
                 self.fail(f"guide, line {line}: a block of unknown kind \"{info}\"")
         self.assertGreater(runs, 4)
         self.assertGreater(outputs, 8)
+
+    def test_4_written_command_file_repeats_the_run(self):
+        """again.kdr is the newcmd.kdr of model1.kdr; only names and the time may differ."""
+        def report(name):
+            lines = comparable((self.place.directory / name).read_text().split("\n"))
+            return [line for line in lines if not re.match(r"  (The command file|Output file name)", line)
+                    and not line.startswith(" Time:")]
+        self.assertEqual(report("again.txt"), report("model1.txt"))
 
     def recognised(self, line):
         (self.place.directory / "one.kdr").write_text(line + "\n")
