@@ -73,6 +73,7 @@ void refuseabsentengines() {
       {run.kind.nonlin != 0, "estimate non-linear models"},
       {run.series.mimode, "pool multiply imputed data sets"},
       {run.series.pvmode, "pool plausible values"},
+      {run.iter.agqpoints != 0, "do adaptive quadrature"},
       {run.out.lvr, "do latent variable regressions"},
       {run.out.resfil1 || run.out.resfil2 || run.out.resfil3, "write residual files"},
       {run.out.graph, "write graph data files"},
