@@ -149,6 +149,14 @@ bool automaticfixup(const Repair& repair) {
     for (int j = 0; j <= i; ++j)
       if (repair.freeat(i, j)) repair.set(i, j, i == j ? share * repair.moments[i * n + i] : 0.0);
   diagonalise(repair);
+  if (usablestart(t, n)) return true;
+  if (repair.codes == nullptr) return false;
+  // Elements held equal are left alone so far; now they start from their moments too, at their common value.
+  for (int i = 0; i < n; ++i)
+    for (int j = 0; j <= i; ++j)
+      if (!repair.fixedat(i, j)) repair.set(i, j, i == j ? share * repair.moments[i * n + i] : 0.0);
+  applyequal(n, t, *repair.codes);
+  diagonalise(repair);
   return usablestart(t, n);
 }
 

@@ -28,15 +28,15 @@ void heading(const IterationState& state, int iteration) {
     report2("\f******* ITERATION %d *******\n\n", "<h2>Final Results - Iteration %d</h2>", iteration);
   }
   if (!run.pass.stopflag) return;
-  if (run.pass.keyboardstop && iteration != run.iter.numit) {
+  if (run.pass.keyboardstop) {
     reportline(" Iterations terminated prematurely from the keyboard.");
-  } else if (!run.pass.keyboardstop && iteration == run.iter.numit) {
+  } else if (iteration == state.limit) {
     reporthtml("<b>");
     reportline("WARNING: the iterations were stopped prior to convergence.");
     report("You may want to re-run the analysis with a higher number of iterations.");
     reporthtml("</b>");
     reportbreak();
-  } else if (!run.pass.keyboardstop) {
+  } else {
     reportline("Iterations stopped due to small change in likelihood function");
   }
 }
