@@ -65,6 +65,7 @@ std::string contents(const char* path) {
 
 // A run can be repeated from its file when the file states all of the model and fits into lines.
 bool repeatable(const std::string& text) {
+  if (run.iter.hetit != 0) return false;  // has no line in the written file, but changes others
   if (!run.answered.level1 || run.answered.level2 != (run.coef.npi > 0)) return false;
   std::size_t start = 0;
   for (std::size_t end; (end = text.find('\n', start)) != std::string::npos; start = end + 1)
@@ -82,7 +83,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (!readandwrite("m.kdr", "new.kdr")) return 0;
   const std::string once = contents("new.kdr");
   if (!repeatable(once)) return 0;
-  if (!readandwrite("new.kdr", "new2.kdr")) { std::fprintf(stderr, "%s", once.c_str()); std::abort();}
+  if (!readandwrite("new.kdr", "new2.kdr")) std::abort();
   if (contents("new2.kdr") != once) std::abort();
   return 0;
 }
