@@ -1,5 +1,6 @@
 #include "linear/estimate.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 
@@ -53,6 +54,18 @@ void beginpass(Pass& pass, FixedDegrees& degrees) {
   degreesoffreedom(degrees);
 }
 
+// True when some fixed effect is a combination of the others to within rounding: the gram matrix is no covariance, or,
+// brought to a unit diagonal, so ill-conditioned that its inverse would not have four digits left.
+bool collinear(const Array<double>& gram, int g) {
+  constexpr double worstcondition = 1.0e12;
+  double condition = 0.0;
+  if (isbadcov(g, gram.data(), g, &condition)) return true;
+  Array<double> scaled(square(g));
+  for (int i = 0; i < g; ++i)
+    for (int j = 0; j < g; ++j) scaled[i * g + j] = gram[i * g + j] / std::sqrt(gram[i * g + i] * gram[j * g + j]);
+  return !ispositivedefinite(g, scaled.data(), g, &condition) || condition > worstcondition;
+}
+
 // Phase 3: the least-squares estimate into gammahat, with its report.
 void leastsquares(Pass& pass, FixedDegrees& degrees) {
   const int g = pass.g;
@@ -61,10 +74,8 @@ void leastsquares(Pass& pass, FixedDegrees& degrees) {
     std::printf("The outcome variable is all zeros!\n");
     stoprun(100);
   }
-  double condition = 0.0;
   Array<double> work(packedsize(g) + 3);
-  if (isbadcov(g, pass.gramMM.data(), g, &condition) ||
-      syminverse(g, pass.gramMM.data(), g, run.est.vgamma.data(), g, work.data()) != 0)
+  if (collinear(pass.gramMM, g) || syminverse(g, pass.gramMM.data(), g, run.est.vgamma.data(), g, work.data()) != 0)
     fail(11);
   mulAB(run.est.gammahat.data(), run.est.vgamma.data(), pass.gramMY.data(), g, 1, g);
   degreesoffreedom(degrees);
@@ -74,7 +85,7 @@ void leastsquares(Pass& pass, FixedDegrees& degrees) {
   double rss = pass.totalYY;
   for (int i = 0; i < g; ++i) rss -= run.est.gammahat[i] * MMg[i];
   const double n = run.mdm.nunits1;
-  const double s = rss / n;
+  const double s = std::max(rss, 0.0) / n;
   if (!run.out.fulloutput) return;
 
   constexpr double twopi = 6.283185307;
@@ -83,8 +94,12 @@ void leastsquares(Pass& pass, FixedDegrees& degrees) {
   report("\n %s = %12.5f\n\n", run.sym.symvar1.c_str(), s);
   fixedtable(degrees, TableKind::leastsquares, run.est.vgamma.data(), run.est.gammahat.data(), g, s);
   robustcovariance(pass, degrees, true);
-  reportline(" The least-squares likelihood value = %E", loglik);
-  reportline(" Deviance = %12.5f", -2.0 * loglik);
+  if (s > 0.0) {
+    reportline(" The least-squares likelihood value = %E", loglik);
+    reportline(" Deviance = %12.5f", -2.0 * loglik);
+  } else {
+    reportline(" The least-squares likelihood cannot be computed: the model leaves no residual.");
+  }
   reportline(" Number of estimated parameters = %4d", g + 1);
 }
 
