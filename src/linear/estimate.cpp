@@ -21,7 +21,6 @@
 #include "linear/weightedcovariance.h"
 #include "report/degreesoffreedom.h"
 #include "report/fixedtable.h"
-#include "report/hypotheses.h"
 #include "report/matrixtables.h"
 #include "report/modelstatistics.h"
 
@@ -133,7 +132,7 @@ void startingvalues(Pass& pass) {
   applytaupi(run.est.taupi.data());
   if (fromfile) applytaubeta(run.est.taubeta.data());
   if (!fromfile)
-    report2(" For starting values, data from %d level-1 and %d level-2 records were used\n\n",
+    report2(" For starting values, data from %d level-1 and %d level-2 records were used\n",
             "For starting values, data from %d level-1 and %d level-2 records were used<br>\n", pass.nusable1,
             pass.nusable2);
   if (run.out.fulloutput) {
@@ -145,6 +144,7 @@ void startingvalues(Pass& pass) {
   if (!fromfile) starttaubeta(pass, moments);
   if (run.out.fulloutput) taubetatable(MatrixTitle::plain, true, pass.b, run.est.taubeta.data());
   settlestart(run.est.taubeta, pass.b, moments.taubeta, run.iter.fixtau3, TauStage::beta);
+  if (run.iter.hetit != 0) checkheterogeneous(pass);
 }
 
 // Phase 6: what both stages of iteration share.
@@ -160,12 +160,19 @@ void beginiterations(Pass& pass, IterationState& state) {
   startiterations(pass, state);
 }
 
+// One stage of at most `limit` iterations. The interrupt key is held for the time of the iterations alone.
+void iteratestage(Pass& pass, IterationState& state, int hetstate, int limit) {
+  state.hetstate = hetstate;
+  state.limit = limit;
+  holdinterrupts();
+  iterate(pass, state);
+  releaseinterrupts();
+}
+
 // Phase 6 with a taupi for every level-3 unit: HETIT: iterations and their results.
 void heterogeneousstage(Pass& pass, IterationState& state, const FixedDegrees& degrees) {
-  startheterogeneous(pass, state);
-  state.hetstate = 1;
-  state.limit = run.iter.hetit;
-  iterate(pass, state);
+  startheterogeneous(state);
+  iteratestage(pass, state, 1, run.iter.hetit);
   heterogeneousresults(pass, state, degrees);
   state.hettaupi = Array<double>();
   run.pass.stopflag = 0;
@@ -175,7 +182,7 @@ void heterogeneousstage(Pass& pass, IterationState& state, const FixedDegrees& d
 void stageresults(Pass& pass, IterationState& state, const FixedDegrees& degrees) {
   const Estimates& est = run.est;
   if (run.kind.weighted) weightedcovariance(pass);
-  reportfixedeffects(pass, degrees);
+  reportfixedeffects(pass, degrees, run.kind.weighted);
   robustcovariance(pass, degrees, false);
   if (run.out.printvc != 0) writegammafile("gamvcr.dat", est.vgammarobust, est.sigma2);
   if (!run.files.startvals.empty()) writestartvalues();
@@ -188,31 +195,47 @@ void stageresults(Pass& pass, IterationState& state, const FixedDegrees& degrees
   variancetesttables(pass, tests);
 }
 
+// A run without any iteration has no likelihood.
+void closingstatistics(const IterationState& state) {
+  if (state.likelihood.current == missingcode) {
+    reportline("No iterations were asked for, so there is no likelihood to report.");
+  } else {
+    modelstatistics(state.likelihood.current, state.hetstate);
+  }
+}
+
 }  // namespace
 
+// The phases of a pass. A linear run makes one pass. A non-linear run will go round phases 1 to 8 once for each macro
+// iteration: with working data in the place of the outcome (phase 2), the previous estimates as least-squares and
+// starting values (phases 3 and 5), the iterations as micro iterations (phase 6) and the report wound back before its
+// results (phase 7); its other engines follow the last pass. A series writes its records to the result store in phase 7
+// and pools them in phase 8.
 void estimate() {
+  // Phase 0, once for a call: what outlives a pass.
+  // Phase 1: dimensions, design, arrays.
   Pass pass;
   FixedDegrees degrees;
   IterationState state;
   beginpass(pass, degrees);
+  // Phase 2: the data become cross-products.
   datapass(pass);
+  // Phase 3.
   leastsquares(pass, degrees);
+  // Phases 4 and 5.
   startingvalues(pass);
-
+  // Phases 6 and 7: the heterogeneous stage, empty without HETIT:, then the ordinary one.
   beginiterations(pass, state);
-  holdinterrupts();
   if (run.iter.hetit != 0) heterogeneousstage(pass, state, degrees);
-  if (run.iter.numit != 0) {
-    state.hetstate = 2;
-    state.limit = run.iter.numit;
-    iterate(pass, state);
+  const bool ordinary = run.iter.numit != 0;
+  if (ordinary) {
+    iteratestage(pass, state, 2, run.iter.numit);
     stageresults(pass, state, degrees);
   }
-  releaseinterrupts();
-
-  modelstatistics(state.likelihood.current, state.hetstate);
-  if (haveexploratory()) exploratory(pass);
-  if (run.out.printvc != 0) listvariancefiles();
+  // Phase 8: what follows the stages.
+  closingstatistics(state);
+  if (ordinary && haveexploratory()) exploratory(pass);
+  if (ordinary && run.out.printvc != 0) listvariancefiles();
   freestore(pass.store);
 }
 

@@ -430,7 +430,8 @@ bool fisherouter(Pass& pass, FisherWork& fisher, Likelihood& likelihood) {
   PosteriorSums sums;
   const PosteriorInput input{run.est.sigma2, run.est.gammahat.data(), inv.S.data(), inv.Sb.data(), nullptr, true};
   if (posteriorsweep(pass, input, sums, {addouterscore, &outer}) != PosteriorResult::ok) return false;
-  const bool inverted = invertinformation(fisher, false);
+  // Outer products of fewer units than parameters are singular, whatever rounding makes of their determinant.
+  const bool inverted = run.mdm.nunits3 >= fisher.restriction.nfree && invertinformation(fisher, false);
   likelihood = {likelihood.current, loglikelihood(pass, sums, inv.logdetT, inv.logdetL)};
   // An unusable generalised cross-product leaves gammahat as it was; the step stands on the variance components.
   [[maybe_unused]] const bool updated = glsupdate(pass, sums);
