@@ -327,20 +327,21 @@ void mergeunits(Construction& build) {
 
 // The steps of mkmdm.
 
-bool samefile(std::FILE* stream, const std::string& path) {
+bool samefile(const std::string& one, const std::string& other) {
   struct stat a {};
   struct stat b {};
-  return stream != nullptr && fstat(fileno(stream), &a) == 0 && stat(path.c_str(), &b) == 0 && a.st_dev == b.st_dev &&
-         a.st_ino == b.st_ino;
+  return stat(one.c_str(), &a) == 0 && stat(other.c_str(), &b) == 0 && a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
 void openmdm() {
   if (run.mdm.stream != nullptr) return;
-  if (run.files.mdmfile.empty()) stopwith("There is no name for the MDM file!\n");
+  const std::string& path = run.files.mdmfile;
+  if (path.empty()) stopwith("There is no name for the MDM file!\n");
   for (const LevelSource& source : raw.level)
-    if (samefile(source.stream, run.files.mdmfile))
-      stopwith("The MDM file %s must not be one of the raw data files!\n", run.files.mdmfile.c_str());
-  run.mdm.stream = openfile(run.files.mdmfile, "wb");
+    if (samefile(source.filename, path))
+      stopwith("The MDM file %s must not be one of the raw data files!\n", path.c_str());
+  if (samefile(raw.templatename, path)) stopwith("The MDM file %s must not be the template!\n", path.c_str());
+  run.mdm.stream = openfile(path, "wb");
 }
 
 void takedimensions() {

@@ -121,6 +121,7 @@ void takecount(TemplateText& text, int level, const std::string& value) {
   names.fill(paddedname(""));
   names[0] = paddedname(level == 0 ? "INTRCPT1" : level == 1 ? "INTRCPT2" : "INTRCPT3");
   text.counted[level] = true;
+  text.named[level] = false;
 }
 
 void takeformat(TemplateText&, int level, const std::string& value) {

@@ -1,13 +1,10 @@
 // The constants that hold for a whole run.
 #pragma once
 
+#include "kernel/constants.h"  // missingcode, bigvalue
+
 namespace kdr {
 
-// The code of a missing value in memory and in the MDM file, compared by exact equality. Also the mark of an absent
-// deviance, of a free element of esttau2 and esttau3, and of a result that could not be computed.
-inline constexpr double missingcode = -1.0e36;
-// Start value of running minima.
-inline constexpr double bigvalue = 1.0e36;
 // The unused slot in the term tables of ModelSpec.
 inline constexpr int noslot = -99;
 

@@ -1,8 +1,3 @@
-#include "driver/failures.h"
-#include "driver/runrecord.h"
+#include "driver/runsequence.h"
 
-int main() {
-  kdr::installhandlers();
-  kdr::startrun();
-  kdr::fail(0);
-}
+int main(int argc, char** argv) { kdr::runjob(argc, argv); }

@@ -24,14 +24,12 @@ void closeup(Array<Slot>& table, int n, int index) {
 }  // namespace
 
 void padname(char* buffer, int width) {
-  bool ended = false;
-  int last = 0;  // columns up to the last one that is not blank
-  for (int i = 0; i < columns; ++i) {
-    ended = ended || buffer[i] == '\0';
-    buffer[i] = ended || i >= width ? ' ' : upper(buffer[i]);
-    if (buffer[i] != ' ') last = i + 1;
-  }
+  const int length = std::min(width, static_cast<int>(strnlen(buffer, columns)));
+  for (int i = 0; i < length; ++i) buffer[i] = upper(buffer[i]);
+  std::memset(buffer + length, ' ', static_cast<std::size_t>(columns - length));
   buffer[columns] = '\0';
+  int last = length;  // columns up to the last one that is not blank
+  while (last > 0 && buffer[last - 1] == ' ') --last;
   if (last == 0 || last == width) return;
   const int shift = width - last;
   std::memmove(buffer + shift, buffer, static_cast<std::size_t>(last));

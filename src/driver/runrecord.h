@@ -175,6 +175,7 @@ struct Symbols {
 struct ReportStream {
   std::FILE* stream = nullptr;  // null while no report is open
   bool html = false;
+  bool numberedhtml = false;   // mode of the numbered reports of a series, from the name that was given for them
   long long reportpos = -999;  // where the next results are to be written, -999: where the report stands
 };
 
@@ -187,6 +188,13 @@ struct Estimates {
   Array<double> vgamma;        // ngamma squared: sigma2 * vgamma is the covariance of gammahat
   Array<double> vgammarobust;  // robust covariance over sigma2; element 0 is missingcode when it could not be computed
   Array<double> vgammaweighted;  // covariance of a weighted run, a true covariance
+};
+
+// Design weights and known variances, one entry per level-1 record, level-2 unit and level-3 unit in file order.
+struct DesignWeights {
+  Array<double> weight1;  // empty unless the run is weighted
+  Array<double> weight2;
+  Array<double> weight3;
 };
 
 // Where the estimation stands; read by the report and by the phases of a non-linear run.
@@ -218,6 +226,7 @@ struct RunRecord {
   Symbols sym;
   ReportStream report;
   Estimates est;
+  DesignWeights weights;
   PassFlags pass;
 };
 

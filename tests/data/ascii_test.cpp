@@ -35,7 +35,8 @@ TEST(Format, Items) {
        {{3, FormatKind::x, 1}, {1, FormatKind::x, 3}, {1, FormatKind::e, 12}, {1, FormatKind::g, 1}}},
       {"( 2 A 1 2 , 10F)", {{2, FormatKind::a, 12}, {10, FormatKind::f, 1}}},
       {"(A6.2)", {{1, FormatKind::a, 62}}},
-      {"(i5,2AF3)", {{1, FormatKind::none, 5}, {2, FormatKind::f, 3}},
+      {"(i5,2AF3)",
+       {{1, FormatKind::none, 5}, {2, FormatKind::f, 3}},
        " Unusable format type: I\nSomething wrong. 2 format codes\n"},
       {"(99999999999F3", {{1000000000, FormatKind::f, 3}}},
       {",", {{1, FormatKind::none, 1}}},
@@ -114,8 +115,8 @@ TEST(AsciiRecord, Cases) {
     int code;
     std::string words;
   } cases[] = {
-      {"columns, case and place of an ID", "(A3,1X,A2,F4.1,X2,2F3)", 3, "a   1  2.5xx  3 -4\nAB  2 1e2yy+.5 7.rest\n", 0,
-       ids + " 2.5 3 -4\n          AB|           2 100 0.5 7\n"},
+      {"columns, case and place of an ID", "(A3,1X,A2,F4.1,X2,2F3)", 3, "a   1  2.5xx  3 -4\nAB  2 1e2yy+.5 7.rest\n",
+       0, ids + " 2.5 3 -4\n          AB|           2 100 0.5 7\n"},
       {"one item gives both IDs", "(2A2,F3.0)", 1, "A 1   5\n", 0, ids + " 5\n"},
       {"slash and a line feed of the other kind", "(2A2,F1,/,F1)", 2, "A 1 5\r\n6\r\nA 1 7\r\n8\r\n", 0,
        ids + " 5 6\n" + ids + " 7 8\n"},
@@ -171,9 +172,26 @@ TEST(AsciiRecord, NumbersAsTheLibrary) {
     data += "A1" + text + "\n";
     expected.push_back(std::strtod(text.c_str(), nullptr));
   };
-  for (const char* text : {"0", "-0", "+0.", ".5", "-.5", "123456789012345", "1234567890123456", "0.000000000000001",
-                           "0.0000000000000001", "9007199254740993", "1e-5", "-1.5E+10", "0x1p3", "1.7976931348623157e308",
-                           "4.9e-324", "000000000000000000001", "1.0e36", "-1.0e36x", "3 4", "  12.50"})
+  for (const char* text : {"0",
+                           "-0",
+                           "+0.",
+                           ".5",
+                           "-.5",
+                           "123456789012345",
+                           "1234567890123456",
+                           "0.000000000000001",
+                           "0.0000000000000001",
+                           "9007199254740993",
+                           "1e-5",
+                           "-1.5E+10",
+                           "0x1p3",
+                           "1.7976931348623157e308",
+                           "4.9e-324",
+                           "000000000000000000001",
+                           "1.0e36",
+                           "-1.0e36x",
+                           "3 4",
+                           "  12.50"})
     add(text);
   for (int n = 0; n < 5000; ++n) {
     char text[64];

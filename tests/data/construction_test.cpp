@@ -224,21 +224,15 @@ TEST(Construction, Stops) {
       {{first, {{1, 1, {1}}}, {{2, 0, {1}}, {1, 0, {2}}}, false},
        100,
        "\nThe level-3 file is not sorted!\nID            1\n"},
-      {{{{2, 1, {1, 1}}, {1, 7, {1, 1}}}, {{2, 1, {1}}}, one},
-       100,
-       "\nThe level-1 file is not sorted!\nID 1.000000\n"},
-      {{{{1, 8, {1, 1}}, {1, 7, {1, 1}}}, {{1, 7, {1}}}, one},
-       100,
-       "\nThe level-1 file is not sorted!\nID 7.000000\n"},
+      {{{{2, 1, {1, 1}}, {1, 7, {1, 1}}}, {{2, 1, {1}}}, one}, 100, "\nThe level-1 file is not sorted!\nID 1.000000\n"},
+      {{{{1, 8, {1, 1}}, {1, 7, {1, 1}}}, {{1, 7, {1}}}, one}, 100, "\nThe level-1 file is not sorted!\nID 7.000000\n"},
       {{first, {{1, 2, {1}}, {1, 1, {1}}}, one}, 100, "\nThe level-2 file is not sorted!\nID 1.000000\n"},
       // Out of order only where the merge no longer looks.
       {{{{1, 1, {1, 1}}, {1, 5, {1, 1}}, {1, 6, {1, 1}}, {1, 5, {1, 1}}}, {{1, 1, {1}}}, one},
        100,
        "\nThe level-1 file is not sorted!\nID 5.000000\n"},
-      {{first, {{1, 1, {1}}, {3, 1, {1}}, {2, 1, {1}}}, one}, 100,
-       "\nThe level-2 file is not sorted!\nID 2.000000\n"},
-      {{{{1, 1, {1, miss}}}, {{1, 1, {1}}}, one}, 100,
-       "\nThere are missing data at level-1. Unable to continue.\n"},
+      {{first, {{1, 1, {1}}, {3, 1, {1}}, {2, 1, {1}}}, one}, 100, "\nThe level-2 file is not sorted!\nID 2.000000\n"},
+      {{{{1, 1, {1, miss}}}, {{1, 1, {1}}}, one}, 100, "\nThere are missing data at level-1. Unable to continue.\n"},
       {{{}, {}, one}, 1, " raw1 is an empty file\n", false},
       {{first, {{1, 1, {miss}}}, one}, 1, " raw2 is an empty file\n", false},
   };
@@ -253,6 +247,8 @@ TEST(Construction, Stops) {
   EXPECT_EQ(none.build.code, 100);
   EXPECT_EQ(none.log, " Group            3 not in level-3 file.\nNo groups left for analysis\n");
   const Job job{first, {{1, 1, {1}}}, one};
+  EXPECT_EQ(runchild([&] { make({{{1, 1, {}}}, {{1, 1, {1}}}, one}, 0); }).code, 100);  // all records are empty
+  EXPECT_EQ(contents("KDR3MDM.STS"), "Level-2 group            1 has inadequate data\nNo groups left for analysis\n");
   EXPECT_EQ(runchild([&] { make(job, 2, 0, 1); }).words, "You must select at least one level-2 variable!\n");
   EXPECT_EQ(runchild([&] { make(job, 2, 1, 0); }).words, "You must select at least one level-3 variable!\n");
 }
@@ -303,15 +299,20 @@ TEST(Construction, FilesThatCannotBe) {
   EXPECT_EQ(outcome.words, "Unable to open made.mdm for writing\n");
   std::filesystem::remove("made.mdm");
 
-  makefile("raw", "");
-  outcome = runchild([&] {
-    raw.level[0].stream = openfile("raw", "r");
-    std::filesystem::create_symlink("raw", "made.mdm");
-    make(job);
-  });
+  // The new file must not take the place of what it is made from, whatever its name.
+  makefile("raw2", "data");
+  std::filesystem::create_symlink("raw2", "made.mdm");
+  outcome = runchild([&] { make(job); });
   EXPECT_EQ(outcome.code, 100);
   EXPECT_EQ(outcome.words, "The MDM file made.mdm must not be one of the raw data files!\n");
-  std::filesystem::remove("made.mdm");
+  outcome = runchild([&] {
+    raw.templatename = "./made.mdm";
+    std::filesystem::remove("made.mdm");
+    makefile("made.mdm", "data");
+    make(job);
+  });
+  EXPECT_EQ(outcome.words, "The MDM file made.mdm must not be the template!\n");
+  EXPECT_EQ(contents("raw2") + contents("made.mdm"), "datadata");
 
   if (std::filesystem::exists("/dev/full")) {
     outcome = runchild([&] {
@@ -330,11 +331,12 @@ TEST(Construction, ProcessedLines) {
     make(job);
     printprocessed();
   });
-  EXPECT_TRUE(outcome.words.ends_with("      1 level-1 records have been processed\n"
-                                      "      1 level-2 records have been processed\n"
-                                      "      1 level-3 records have been processed\n"
-                                      "1 level-2 cases were deleted due to missing data.\n"
-                                      "1 level-3 cases were deleted due to missing data.\n"))
+  EXPECT_TRUE(
+      outcome.words.ends_with("      1 level-1 records have been processed\n"
+                              "      1 level-2 records have been processed\n"
+                              "      1 level-3 records have been processed\n"
+                              "1 level-2 cases were deleted due to missing data.\n"
+                              "1 level-3 cases were deleted due to missing data.\n"))
       << outcome.words;
 }
 

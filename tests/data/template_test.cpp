@@ -52,7 +52,8 @@ struct Template : testing::Test {
 TEST_F(Template, WritesBackWhatItRead) {
   std::string crlf;
   for (const char c : whole) crlf += c == '\n' ? std::string("\r\n") : std::string(1, c);
-  const std::string same = with(whole, "l1missing:y/DIFFERENT\n-9.000000\n99.000000\n", "l1missing:y/SAME\n-9.500000\n");
+  const std::string same =
+      with(whole, "l1missing:y/DIFFERENT\n-9.000000\n99.000000\n", "l1missing:y/SAME\n-9.500000\n");
   const std::string none = with(whole, "l1missing:y/DIFFERENT\n-9.000000\n99.000000\n", "l1missing:n\n");
   const struct {
     const char* what;
@@ -70,8 +71,8 @@ TEST_F(Template, WritesBackWhatItRead) {
       {"a type that is none", with(whole, "mdmtype:2", "mdmtype:7"), with(whole, "mdmtype:2", "mdmtype:0")},
       {"defaults", with(with(none, "timeofdeletion:analysis\n", ""), "l1missing:n\n", ""),
        with(none, "analysis", "now")},
-      {"colons behind block words, longer words", with(with(whole, "*begin l2vars", "*BEGIN L2VARS:"), "ascii", "ASCII1"),
-       whole},
+      {"colons behind block words, longer words",
+       with(with(whole, "*begin l2vars", "*BEGIN L2VARS:"), "ascii", "ASCII1"), whole},
       {"names are upper case, cut to 8 characters, without blanks", with(whole, "\nW\n", "\nabcdefghij  \n"),
        with(whole, "\nW\n", "\nABCDEFGH\n")},
       {"a name of 12 characters", with(whole, "\nW\n", "\nabcdefghijkl\n"), with(whole, "\nW\n", "\nABCDEFGH\n")},
@@ -117,6 +118,7 @@ TEST_F(Template, Refusals) {
       {with(whole, "numl1var:2", "numl1var:-1"), "The number of level-1 variables must lie between 0 and 1000000!\n"},
       {with(whole, "l3format:(A2,F3.0)\n", ""), "The template tells no format of the level-3 file!\n"},
       {with(whole, "*begin l3vars\nZ\n*end l3vars\n", ""), "The template names no level-3 variables!\n"},
+      {whole + "numl2var:1\n", "The template names no level-2 variables!\n"},
       {head, "The template tells no raw data type!\n"},
       {head + "rawdattype:ascii\n", "The template names no level-1 file!\n"},
       {with(whole, "(2A2,F3.0)", std::string(1024, 'x')),

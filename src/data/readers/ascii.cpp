@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cmath>
+#include <cstdint>
 #include <cstring>
 
 #include "data/buildlog.h"
@@ -51,40 +52,51 @@ bool isblank(const char* bytes, std::size_t width) {
   return std::all_of(bytes, bytes + width, [](char c) { return c == ' ' || (c >= '\t' && c <= '\r'); });
 }
 
+constexpr int mostdigits = 15;  // a whole number of so many digits is exact as a double
 constexpr double powersoften[] = {1e0, 1e1, 1e2, 1e3, 1e4, 1e5, 1e6, 1e7, 1e8, 1e9, 1e10, 1e11, 1e12, 1e13, 1e14, 1e15};
+constexpr long long wholepowers[mostdigits] = {
+    1,         10,         100,         1000,         10000,         100000,         1000000,        10000000,
+    100000000, 1000000000, 10000000000, 100000000000, 1000000000000, 10000000000000, 100000000000000};
+
+// True when the `n` bytes at the start of a field are blanks. The text stream lets eight bytes be read there.
+bool blankstart(const char* bytes, std::size_t n) {
+  if (n >= 8) return std::all_of(bytes, bytes + n, [](char c) { return c == ' '; });
+  std::uint64_t word = 0;
+  std::memcpy(&word, bytes, sizeof word);
+  const std::uint64_t others = word ^ 0x2020202020202020U;
+  return (others & ((std::uint64_t{1} << (8 * n)) - 1)) == 0;
+}
 
 // A plain decimal number with at most 15 digits, blanks around it: the quotient of two exact doubles is the number's
-// nearest double. False for any other text.
+// nearest double. False for any other text. Read from its end, where numbers in columns are alike.
 bool plainnumber(const char* bytes, std::size_t width, double& value) {
-  const char* p = bytes;
-  const char* end = bytes + width;
-  while (p < end && *p == ' ') ++p;
-  const bool negative = p < end && *p == '-';
-  if (p < end && (*p == '-' || *p == '+')) ++p;
+  std::size_t left = width;
+  while (left > 0 && bytes[left - 1] == ' ') --left;
   long long digits = 0;
-  const char* first = p;
-  while (p < end && *p >= '0' && *p <= '9' && p - first < 16) digits = digits * 10 + (*p++ - '0');
-  long long count = p - first;
-  long long decimals = 0;
-  if (p < end && *p == '.') {
-    first = ++p;
-    while (p < end && *p >= '0' && *p <= '9' && p - first < 16 - count) digits = digits * 10 + (*p++ - '0');
-    decimals = p - first;
-    count += decimals;
+  int count = 0;
+  int decimals = -1;
+  for (; left > 0; --left) {
+    const auto digit = static_cast<unsigned>(bytes[left - 1] - '0');
+    if (digit <= 9) {
+      if (count == mostdigits) return false;
+      digits += digit * wholepowers[count++];
+    } else if (bytes[left - 1] == '.' && decimals < 0) {
+      decimals = count;
+    } else {
+      break;
+    }
   }
-  if (count == 0 || count > 15) return false;
-  while (p < end && *p == ' ') ++p;
-  if (p < end) return false;
-  value = static_cast<double>(digits);
-  if (decimals > 0) value /= powersoften[decimals];
-  if (negative) value = -value;
+  const char sign = left > 0 ? bytes[left - 1] : ' ';
+  left -= static_cast<std::size_t>(sign == '-' || sign == '+');
+  if (count == 0 || !blankstart(bytes, left)) return false;
+  // A product with -1 keeps the sign of a zero, and costs no branch.
+  static constexpr double signs[] = {1.0, -1.0};
+  value = static_cast<double>(digits) / powersoften[decimals > 0 ? decimals : 0] * signs[sign == '-'];
   return true;
 }
 
-// Converts a value field as the library's scan conversion does. A blank field is a missing value. False when the text
-// is no number, or none that a double can hold.
-bool convertfield(const char* bytes, std::size_t width, double& value) {
-  if (plainnumber(bytes, width, value)) return true;
+// Any other field.
+[[gnu::noinline]] bool othernumber(const char* bytes, std::size_t width, double& value) {
   if (isblank(bytes, width)) {
     value = missingcode;
     return true;
@@ -93,6 +105,12 @@ bool convertfield(const char* bytes, std::size_t width, double& value) {
   std::memcpy(field, bytes, width);
   field[width] = '\0';
   return std::sscanf(field, "%lf", &value) == 1 && std::isfinite(value);
+}
+
+// Converts a value field as the library's scan conversion does. A blank field is a missing value. False when the text
+// is no number, or none that a double can hold.
+bool convertfield(const char* bytes, std::size_t width, double& value) {
+  return plainnumber(bytes, width, value) || othernumber(bytes, width, value);
 }
 
 [[noreturn]] void mismatch(const AsciiLevel& ascii, std::size_t i) {

@@ -10,8 +10,18 @@ namespace kdr {
 namespace {
 
 constexpr std::size_t piecesize = std::size_t{1} << 20;
+constexpr std::size_t slack = 8;  // bytes behind the last one that may be read, though they mean nothing
 
-long long linefeeds(const char* from, const char* to) { return std::count(from, to, '\n'); }
+long long linefeeds(const char* from, const char* to) {
+  long long count = 0;
+  while (from < to) {
+    from = static_cast<const char*>(std::memchr(from, '\n', static_cast<std::size_t>(to - from)));
+    if (from == nullptr) break;
+    ++from;
+    ++count;
+  }
+  return count;
+}
 
 // Drops each carriage return that a line feed follows. `bytes` has room for one byte in front of the piece, where a
 // carriage return that the last piece ended with goes. Returns the kept length.
@@ -35,7 +45,7 @@ std::size_t droplinereturns(TextStream& text, char* bytes, std::size_t count) {
 }  // namespace
 
 void starttext(TextStream& text, std::FILE* stream, const std::string& name) {
-  if (text.buffer.empty()) text.buffer.reset(piecesize + maxfield + 1);
+  if (text.buffer.empty()) text.buffer.reset(piecesize + maxfield + 1 + slack);
   text.stream = stream;
   text.name = name;
   text.at = text.have = text.recordat = 0;
@@ -56,15 +66,20 @@ long long recordline(const TextStream& text) {
 bool filltext(TextStream& text) {
   if (text.ended) return false;
   checksignals();
-  if (text.at > 0 && text.recordline == 0) text.recordline = recordline(text);
   char* bytes = text.buffer.data();
-  text.linesbefore += linefeeds(bytes, bytes + text.at);
+  std::size_t counted = 0;
+  if (text.at > 0 && text.recordline == 0) {
+    text.recordline = recordline(text);
+    text.linesbefore = text.recordline - 1;
+    counted = text.recordat;
+  }
+  text.linesbefore += linefeeds(bytes + counted, bytes + text.at);
   text.have -= text.at;
   std::memmove(bytes, bytes + text.at, text.have);
   text.at = 0;
 
   char* piece = bytes + text.have;
-  std::size_t room = text.buffer.size() - text.have;
+  const std::size_t room = text.buffer.size() - slack - text.have;
   std::size_t carried = 0;
   if (text.heldcr) {
     *piece = '\r';

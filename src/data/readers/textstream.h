@@ -37,7 +37,7 @@ void startrecord(TextStream& text);
 bool filltext(TextStream& text);
 
 // The next `width` bytes (at most maxfield), which are then behind the reader; null when fewer are left. The bytes stay
-// in place until the next call.
+// in place until the next call. Eight bytes can always be read at the place returned, whatever the width.
 [[nodiscard]] inline const char* takebytes(TextStream& text, std::size_t width) {
   while (text.have - text.at < width)
     if (!filltext(text)) return nullptr;

@@ -1,0 +1,145 @@
+#include "driver/options.h"
+
+#include <strings.h>
+#include <sys/resource.h>
+
+#include <cctype>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "data/template.h"
+#include "driver/failures.h"
+#include "driver/runrecord.h"
+
+namespace kdr {
+
+namespace {
+
+// Sets the process's niceness: idle priority for 'l', high for 'h'. A refusal by the system is no error.
+void setpriority(int kind) {
+  errno = 0;
+  getpriority(PRIO_PROCESS, 0);
+  if (errno != 0) {
+    std::printf("\nUnable to get priority class");
+    return;
+  }
+  constexpr int idle = 19, high = -10;
+  ::setpriority(PRIO_PROCESS, 0, kind == 1 ? idle : high);
+}
+
+bool istemplate(const char* path) {
+  constexpr char head[] = "#KDR3 MDM CREATION TEMPLATE";
+  std::FILE* file = std::fopen(path, "rt");
+  if (file == nullptr) return false;
+  char line[80] = "";
+  const bool read = std::fgets(line, sizeof line, file) != nullptr;
+  std::fclose(file);
+  return read && strncasecmp(line, head, sizeof head - 1) == 0;
+}
+
+void responsefile(const char* path, Options& options) {
+  if (istemplate(path)) {
+    readtemplate(path);
+    options.templatejob = true;
+    return;
+  }
+  if (std::freopen(path, "r", stdin) == nullptr) stopwith("Unable to open %s\n", path);
+  run.id.respfile = true;
+}
+
+// -mi<k>
+void imputation(const char* argument) {
+  if (std::tolower(static_cast<unsigned char>(argument[0])) != 'i') return;
+  constexpr long most = sizeof run.series.mistatus - 1;
+  const long k = std::strtol(argument + 1, nullptr, 10);
+  if (k < 0 || k > most) stopwith("The index of a data set behind -mi must lie within 0 and %ld.\n", most);
+  run.series.mimode = true;
+  run.series.miindex = static_cast<int>(k);
+  if (k == 0) {
+    run.series.mifirst = true;
+    std::memset(run.series.mistatus, 0, sizeof run.series.mistatus);
+  }
+}
+
+void takeoption(char letter, const char* argument, Options& options) {
+  switch (letter) {
+    case 'p':
+      if (std::tolower(static_cast<unsigned char>(argument[0])) == 'l') setpriority(1);
+      if (std::tolower(static_cast<unsigned char>(argument[0])) == 'h') setpriority(2);
+      break;
+    case 'r':
+      responsefile(argument, options);
+      break;
+    case 'v':
+      std::printf("%s version %s\n\n", module, version);
+      break;
+    case 'w':
+      run.id.waitseconds = 3;
+      break;
+    case 'q':
+      run.id.waitseconds = -1;
+      break;
+    case 'n':
+      if (strncasecmp(argument, "owait", 5) == 0) run.id.waitseconds = 0;
+      break;
+    case 'i':
+      run.id.inmemory = argument[0] != '0';
+      break;
+    case 'm':
+      imputation(argument);
+      break;
+    default:  // 'e'
+      run.series.milast = true;
+      break;
+  }
+}
+
+[[noreturn]] void usage(const char* program) {
+  stopwith("usage: %s [-p priority] [-r respfile] [-v] [-w] [-nowait] [mdm file] [command file]\n", program);
+}
+
+}  // namespace
+
+Options readoptions(int argc, char** argv) {
+  constexpr const char* letters = "eimnprwvq";
+  constexpr const char* witharguments = "imnpr";
+  Options options;
+  int word = 1;
+  for (; word < argc && argv[word][0] == '-' && argv[word][1] != '\0'; ++word) {
+    if (std::strcmp(argv[word], "--") == 0) {
+      ++word;
+      break;
+    }
+    for (const char* at = argv[word] + 1; *at != '\0'; ++at) {
+      const char letter = static_cast<char>(std::tolower(static_cast<unsigned char>(*at)));
+      if (std::strchr(letters, letter) == nullptr) {
+        std::printf("illegal option -- %c\n", *at);
+        usage(argv[0]);
+      }
+      const char* argument = "";
+      const bool takesargument = std::strchr(witharguments, letter) != nullptr;
+      if (takesargument) {
+        if (at[1] != '\0') {
+          argument = at + 1;
+        } else if (word + 1 < argc) {
+          argument = argv[++word];
+        } else {
+          std::printf("option requires an argument -- %c\n", *at);
+          usage(argv[0]);
+        }
+      }
+      takeoption(letter, argument, options);
+      if (takesargument) break;
+    }
+  }
+  if (run.series.milast && !run.series.mimode)
+    stopwith("-e (last multiple imputation) specified, but -m (multiple imputation) was not!\n");
+  const auto path = [](const char* text) { return std::string(text).substr(0, maxpath - 1); };
+  if (word < argc) run.files.mdmfile = path(argv[word++]);
+  if (word < argc) run.files.cmdshown = run.files.cmdfile = path(argv[word]);
+  return options;
+}
+
+}  // namespace kdr

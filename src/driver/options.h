@@ -1,0 +1,18 @@
+// The command line.
+#pragma once
+
+#include <string>
+
+namespace kdr {
+
+// What the command line asks of the process beyond the fields of `run` that it sets.
+struct Options {
+  bool templatejob = false;  // -r named an MDM template, which has been read
+};
+
+// Reads the options into `run`, in order, and the two positional words into run.files.mdmfile and cmdfile. A template
+// given by -r is read at once; another response file replaces standard input. A bad option prints the usage and stops
+// with 100.
+Options readoptions(int argc, char** argv);
+
+}  // namespace kdr

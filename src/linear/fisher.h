@@ -1,0 +1,45 @@
+// Fisher scoring of the variance components: information, score and the update of the fixed effects that goes with
+// them.
+//
+// The parameters, NT = p(p+1)/2 + b(b+1)/2 + 1 of them: the lower triangle of taupi by rows, that of taubeta by rows,
+// sigma2 last.
+#pragma once
+
+#include "kernel/array.h"
+#include "linear/pass.h"
+#include "linear/restriction.h"
+
+namespace kdr {
+
+struct FisherWork {
+  int NT = 0;
+  Restriction restriction;       // what is fixed or equal among them
+  Array<double> information;     // NT squared
+  Array<double> invinformation;  // NT squared: K (K'IK)^-1 K' over the free parameters; 0 in the rows of fixed ones
+  Array<double> score;           // [NT]
+};
+
+// Sizes the work for a pass; nothing when fishertype is 0.
+void makefisher(const Pass& pass, FisherWork& fisher);
+
+// The log-likelihood before and at the parameters at hand.
+struct Likelihood {
+  double previous;
+  double current;
+};
+
+// Expected information (fishertype 2). Returns false when a matrix cannot be inverted or the information is not usable.
+// With `closing` it stops after the inverse information and changes only that, dinv and C_j^-1; otherwise it also
+// fills the score, the posterior means and the log-likelihood, and updates gammahat and vgamma.
+// The cost is linear in the number of level-2 units: the sum over all pairs of units of a level-3 unit is a product of
+// sums over units. Source: Longford (1987); the factorised pair sum is our own.
+[[nodiscard]] bool fisherfull(Pass& pass, FisherWork& fisher, Likelihood& likelihood, bool closing);
+
+// Sum of the outer products of the level-3 units' scores (fishertype 1). Returns true when its inverse exists; in any
+// case updates gammahat and the log-likelihood.
+[[nodiscard]] bool fisherouter(Pass& pass, FisherWork& fisher, Likelihood& likelihood);
+
+// By fishertype.
+[[nodiscard]] bool fisherstep(Pass& pass, FisherWork& fisher, Likelihood& likelihood, bool closing);
+
+}  // namespace kdr

@@ -1,0 +1,73 @@
+#include "linear/heterogeneous.h"
+
+#include <algorithm>
+#include <cstdio>
+
+#include "data/mdm.h"
+#include "data/scratch.h"
+#include "driver/failures.h"
+#include "driver/reportstream.h"
+#include "driver/runrecord.h"
+#include "linear/inference.h"
+#include "report/matrixtables.h"
+
+namespace kdr {
+
+namespace {
+
+std::size_t at(int i) { return static_cast<std::size_t>(i); }
+
+void writeunittaupi(std::FILE* file, int k, const double* T, int p) {
+  constexpr int perline = 60;
+  const Id id = level3id(k);
+  if (run.mdm.numericids) {
+    std::fprintf(file, "%12.0f", id.number);
+  } else {
+    std::fprintf(file, "%12.12s", id.text.text);
+  }
+  int written = 0;
+  for (int i = 0; i < p; ++i)
+    for (int j = 0; j <= i; ++j) {
+      if (written != 0 && written % perline == 0) std::fprintf(file, "\n");
+      std::fprintf(file, "%15.7f", T[i * p + j]);
+      ++written;
+    }
+  std::fprintf(file, "\n");
+}
+
+}  // namespace
+
+void startheterogeneous(const Pass& pass, IterationState& state) {
+  const int b = pass.b;
+  if ((b + 1) * run.mdm.nunits3 * b / 2 >= pass.nusable2 - pass.nusable3) {
+    reportline("***Unable to perform heterogeneous iterations.");
+    reportline("The level-2/level-3 ratio is too small for the number of random effects");
+    stoprun(100);
+  }
+  const std::size_t size = run.est.taupi.size();
+  state.hettaupi.reset(at(run.mdm.nunits3) * size);
+  for (std::size_t k = 0; k < at(run.mdm.nunits3); ++k)
+    std::copy(run.est.taupi.begin(), run.est.taupi.end(), state.hettaupi.data() + k * size);
+}
+
+void heterogeneousresults(const Pass& pass, IterationState& state, const FixedDegrees& degrees) {
+  const int p = pass.p;
+  Array<double>& T = run.est.taupi;
+  Array<double> mean(T.size());
+  T.fill(0.0);
+  std::FILE* file = openfile("hettau.dat", "w");
+  for (int k = 0; k < run.mdm.nunits3; ++k) {
+    const double* Tk = Pass::row(state.hettaupi, k, p * p);
+    writeunittaupi(file, k, Tk, p);
+    for (std::size_t i = 0; i < T.size(); ++i) {
+      mean[i] += Tk[i] / run.mdm.nunits3;
+      T[i] += pass.n2of[k] * Tk[i] / run.mdm.nunits2;
+    }
+  }
+  closechk(file);
+  taupitable(MatrixTitle::average, false, p, mean.data());
+  taupitable(MatrixTitle::weightedaverage, false, p, T.data());
+  reportfixedeffects(pass, degrees);
+}
+
+}  // namespace kdr

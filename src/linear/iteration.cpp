@@ -1,0 +1,305 @@
+#include "linear/iteration.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+
+#include "driver/failures.h"
+#include "driver/questions.h"
+#include "driver/reportstream.h"
+#include "driver/runrecord.h"
+#include "kernel/decompositions.h"
+#include "linear/fixtau.h"
+
+namespace kdr {
+
+namespace {
+
+constexpr int maxfisherfailures = 4;
+constexpr int fisheroff = 100000;
+
+// Estimates as they stood before an accelerated step.
+struct SavedEstimates {
+  double sigma2;
+  Array<double> taupi, taubeta, gamma;
+};
+
+SavedEstimates saveestimates() {
+  return {run.est.sigma2, run.est.taupi.copy(), run.est.taubeta.copy(), run.est.gammahat.copy()};
+}
+
+void restoretaus(const SavedEstimates& saved) {
+  run.est.taupi = saved.taupi.copy();
+  run.est.taubeta = saved.taubeta.copy();
+  if (run.iter.fixsigma2 == 0.0) run.est.sigma2 = saved.sigma2;
+}
+
+bool usableestimates(const Pass& pass) {
+  return usablecovariance(run.est.taupi.data(), pass.p) && usablecovariance(run.est.taubeta.data(), pass.b) &&
+         run.est.sigma2 > 0.0;
+}
+
+// What an iteration number went through; the loop may go round the same number more than once.
+struct Attempt {
+  bool fisherok = false;  // a Fisher step stands
+  bool aitkenok = false;  // an extrapolation stands
+  int noaccel = 0;        // no accelerated step any more
+};
+
+enum class Step { stands, continuewithem, retry };
+
+Step tryaitken(Pass& pass, IterationState& state, Attempt& attempt, const SavedEstimates& saved) {
+  double& s = run.est.sigma2;
+  const bool fixed = run.iter.fixsigma2 != 0.0;
+  double lambda = fixed ? 0.0 : (s - state.s1) / (state.s1 - state.s2);
+  if (!aitkenstep(pass, lambda, state.history)) {
+    attempt.noaccel = 1;
+    return Step::retry;
+  }
+  if (!fixed) s = state.s1 + (s - state.s1) / (1.0 - lambda);
+  applytaupi(run.est.taupi.data());
+  applytaubeta(run.est.taubeta.data());
+  if (usableestimates(pass)) {
+    attempt.aitkenok = true;
+    return Step::continuewithem;
+  }
+  restoretaus(saved);
+  attempt = {false, false, 1};
+  return Step::retry;
+}
+
+// Adds the triangle of a step to a tau matrix, in both places.
+void addtriangle(double* t, int n, const double* d) {
+  for (int i = 0; i < n; ++i)
+    for (int j = 0; j <= i; ++j, ++d) {
+      t[i * n + j] += *d;
+      if (i != j) t[j * n + i] += *d;
+    }
+}
+
+bool invertible(const Array<double>& t, int n) {
+  Array<double> S;
+  double logdet = 0.0;
+  return scaleinverse(t.data(), n, 1.0, S, logdet) == 0;
+}
+
+// Up to six tries of the step d: a part whose matrix was not invertible is halved.
+Step tryfishersteps(Pass& pass, IterationState& state, Attempt& attempt, const SavedEstimates& saved) {
+  constexpr int tries = 6;
+  const FisherWork& fisher = state.fisher;
+  const auto NT = static_cast<std::size_t>(fisher.NT);
+  const std::size_t nt = packedsize(pass.p);
+  Array<double> d(NT);
+  for (std::size_t i = 0; i < NT; ++i)
+    for (std::size_t j = 0; j < NT; ++j) d[i] += fisher.invinformation[i * NT + j] * fisher.score[j];
+  const auto halve = [&](std::size_t from, std::size_t to) {
+    for (std::size_t i = from; i < to; ++i) d[i] *= 0.5;
+  };
+  for (int t = 1; t <= tries; ++t) {
+    if (run.iter.fixsigma2 == 0.0) run.est.sigma2 += d[NT - 1];
+    if (run.pass.paphase == 0) {
+      addtriangle(run.est.taupi.data(), pass.p, d.data());
+      applytaupi(run.est.taupi.data());
+      addtriangle(run.est.taubeta.data(), pass.b, d.data() + nt);
+      applytaubeta(run.est.taubeta.data());
+    }
+    if (usableestimates(pass)) {
+      if (t < tries) return Step::stands;
+      break;
+    }
+    const bool badpi = !invertible(run.est.taupi, pass.p);
+    const bool badbeta = !invertible(run.est.taubeta, pass.b);
+    const bool badsigma2 = !(run.est.sigma2 > 0.0);
+    restoretaus(saved);
+    if (badpi) halve(0, nt);
+    if (badbeta) halve(nt, NT - 1);
+    if (badsigma2) halve(NT - 1, NT);
+  }
+  attempt = {false, false, 1};
+  state.likelihood.current = state.likelihood.previous;
+  ++state.fisherfailures;
+  run.est.gammahat = saved.gamma.copy();
+  return Step::retry;
+}
+
+Step tryfisher(Pass& pass, IterationState& state, Attempt& attempt, const SavedEstimates& saved) {
+  if (!fisherstep(pass, state.fisher, state.likelihood, false)) {
+    ++state.fisherfailures;
+    return Step::continuewithem;
+  }
+  attempt.fisherok = true;
+  return tryfishersteps(pass, state, attempt, saved);
+}
+
+void shifthistories(IterationState& state) {
+  TauHistory& history = state.history;
+  history.T2 = std::move(history.T1);
+  history.T1 = run.est.taupi.copy();
+  history.L2 = std::move(history.L1);
+  history.L1 = run.est.taubeta.copy();
+}
+
+// The work of one iteration number: one EM step or an accelerated one, as often as it takes.
+Attempt updateestimates(Pass& pass, IterationState& state, int iteration, EmSums& em) {
+  Attempt attempt;
+  for (;;) {
+    if (run.pass.paphase != 0) ++attempt.noaccel;
+    const bool accelerate = iteration % run.iter.accel == 0 && attempt.noaccel == 0 && state.hetstate == 2;
+    Step step = Step::continuewithem;
+    SavedEstimates saved{};
+    if (accelerate) {
+      saved = saveestimates();
+      const bool aitken = run.iter.fishertype == 0 || state.fisherfailures >= maxfisherfailures;
+      step = aitken ? tryaitken(pass, state, attempt, saved) : tryfisher(pass, state, attempt, saved);
+      if (step == Step::retry) continue;
+    } else {
+      shifthistories(state);
+    }
+    if (step == Step::continuewithem)
+      emstep(pass, state.likelihood, em, state.hetstate == 1 ? state.hettaupi.data() : nullptr);
+    if ((attempt.aitkenok || attempt.fisherok) && state.likelihood.current < state.likelihood.previous) {
+      ++attempt.noaccel;
+      attempt.aitkenok = attempt.fisherok = false;
+      ++state.fisherfailures;
+      state.likelihood.current = state.likelihood.previous;
+      restoretaus(saved);
+      run.est.gammahat = saved.gamma.copy();
+      continue;
+    }
+    return attempt;
+  }
+}
+
+// One of the last log-likelihoods, for the printed tail.
+struct TailEntry {
+  int iteration;
+  double loglik;
+};
+
+// The lines of the console and of the report about the log-likelihood.
+struct Progress {
+  TailEntry last[5] = {};
+  int entries = 0;
+  int tailcounter = 0;
+
+  void add(int iteration, double loglik) {
+    if (entries == 5) {
+      std::copy(last + 1, last + 5, last);
+      --entries;
+    }
+    last[entries++] = {iteration, loglik};
+  }
+};
+
+void reportlikelihood(const TailEntry& entry) {
+  reportline("The value of the log-likelihood function at iteration %d = %E", entry.iteration, entry.loglik);
+}
+
+void showlikelihood(int iteration, double loglik) {
+  if (reportisstdout()) return;
+  if (run.pass.linear()) {
+    std::printf("The value of the log-likelihood function at iteration %d = %E\n", iteration, loglik);
+  } else {
+    std::printf("For macro %d/micro iteration %d, the log-likelihood is = %E\n", run.pass.macrocounter, iteration,
+                loglik);
+  }
+}
+
+void reporttail(const Progress& progress) {
+  for (int dots = 0; dots < 3; ++dots) {
+    reportblank(51);
+    reportline(".");
+  }
+  for (int i = 0; i + 1 < progress.entries; ++i) reportlikelihood(progress.last[i]);
+}
+
+// A stop by the rule: the gain of the log-likelihood, as a percentage, lies within 0.0 and stopval.
+void testconvergence(IterationState& state, int iteration) {
+  constexpr double leastgain = 1.0e-10;
+  if (iteration == 1) return;
+  const Likelihood& likelihood = state.likelihood;
+  double gain = 100.0 * (likelihood.current - likelihood.previous) / std::fabs(likelihood.previous);
+  if (std::fabs(gain) < leastgain) gain = leastgain;
+  if (likelihood.current < likelihood.previous) state.fisherfailures = fisheroff;
+  if (0.0 <= gain && gain <= run.iter.stopval && iteration != state.limit) ++run.pass.stopflag;
+}
+
+void askinterrupt() {
+  std::string line;
+  for (int tries = 0; tries < maxtries; ++tries) {
+    std::printf("Enter 0 to stop iterating, 1 to exit now");
+    readanswer(line);
+    if (line == "1") fail(0);
+    if (line == "0") {
+      ++run.pass.stopflag;
+      ++run.pass.keyboardstop;
+      run.iter.laplaceit = run.iter.agqit = 0;
+      clearinterrupt();
+      return;
+    }
+  }
+  noproperresponse();
+}
+
+void asklimit(IterationState& state, int iteration) {
+  constexpr int farlimit = 10000;
+  if (run.pass.stopflag || run.pass.keyboardstop || !run.pass.linear() || iteration != run.iter.numit) return;
+  bool goon = run.iter.numitcontinue == 1;
+  if (run.iter.numitcontinue == 2)
+    goon = askyesno(
+        "\nThe maximum number of iterations has been reached, but the analysis has\nnot converged. Do you want to "
+        "continue until convergence?");
+  if (!goon) return;
+  std::printf("Setting number of iterations to 10000.\n\n");
+  run.pass.stopflag = 0;
+  state.limit = farlimit;
+}
+
+void endofiteration(Pass& pass, IterationState& state, const Attempt& attempt, const EmSums& em, int iteration,
+                    Progress& progress) {
+  checksignals();
+  testconvergence(state, iteration);
+  if (interrupted()) askinterrupt();
+  asklimit(state, iteration);
+  state.s2 = state.s1;
+  state.s1 = run.est.sigma2;
+  if (!attempt.fisherok && run.iter.fixsigma2 == 0.0) run.est.sigma2 = (em.traceacc + em.rss) / run.mdm.nunits1;
+
+  progress.add(iteration, state.likelihood.current);
+  showlikelihood(iteration, state.likelihood.current);
+  const bool atlimit = iteration == state.limit;
+  if (atlimit || (run.iter.debug == 0 && iteration > 5 && run.pass.stopflag)) {
+    ++progress.tailcounter;
+    if (run.out.fulloutput && iteration > 5) reporttail(progress);
+  }
+  if (atlimit) ++run.pass.stopflag;
+  const bool last = run.pass.stopflag || progress.tailcounter;
+  if (run.iter.debug || last) iterationresults(pass, state, iteration);
+  if ((run.pass.nlrun || run.iter.debug || last || iteration < 6) && (run.out.fulloutput || run.pass.stopflag))
+    reportlikelihood({iteration, state.likelihood.current});
+}
+
+}  // namespace
+
+void startiterations(const Pass& pass, IterationState& state) {
+  makefisher(pass, state.fisher);
+  const std::size_t pp = static_cast<std::size_t>(pass.p) * static_cast<std::size_t>(pass.p);
+  const std::size_t bb = static_cast<std::size_t>(pass.b) * static_cast<std::size_t>(pass.b);
+  state.history.T1.reset(pp);
+  state.history.T2.reset(pp);
+  state.history.L1.reset(bb);
+  state.history.L2.reset(bb);
+  state.s1 = state.s2 = 0.0;
+}
+
+void iterate(Pass& pass, IterationState& state) {
+  Progress progress;
+  EmSums em;
+  for (int iteration = 1; iteration <= state.limit; ++iteration) {
+    const Attempt attempt = updateestimates(pass, state, iteration, em);
+    endofiteration(pass, state, attempt, em, iteration, progress);
+    if (run.pass.stopflag) break;
+  }
+}
+
+}  // namespace kdr

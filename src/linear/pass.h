@@ -1,0 +1,95 @@
+// One pass of the estimation over the data: dimensions, design, sums and store. Made where the pass begins, gone where
+// it ends, and handed by reference to the phases.
+//
+// For level-2 unit j of level-3 unit k, with n_j records:
+//   A_j  n_j by npi      level-1 predictors, column 0 the constant when there is an intercept
+//   W2_j npi by nbeta    level-2 design: row c holds the terms of level-1 coefficient c
+//   W3_k nbeta by ngamma level-3 design: row b holds the terms of level-2 coefficient b
+//   B_j  n_j by nbeta    A_j W2_j
+//   M_j  n_j by ngamma   B_j W3_k, the fixed part
+//   Z1_j n_j by p        the columns of A_j whose coefficient is random at level 2
+//   Z2_j n_j by b        the columns of B_j whose coefficient is random at level 3
+// and Y_j = M_j gamma + Z1_j u_j + Z2_j v_k + e_j with cov(u_j) = taupi, cov(v_k) = taubeta, cov(e_j) = sigma2 I.
+//
+// Every column of B is one column of A times a number, and every column of M one column of B times a number, because
+// each fixed effect belongs to one coefficient. So all cross-products follow from A'A, A'Y and Y'Y of a unit by
+// scaling.
+#pragma once
+
+#include "kernel/array.h"
+#include "linear/unitstore.h"
+
+namespace kdr {
+
+// The coefficients of all equation sets, and to whom each belongs. The columns of B stand with those random at level 3
+// first, each group in the order of the model, so that Z2 is the first b columns of B.
+struct Design {
+  Array<int> owner2;     // [nbeta] level-1 coefficient of each column of W2
+  Array<int> variable2;  // [nbeta] its level-2 variable, 0 for INTRCPT2
+  Array<int> owner3;     // [full ngamma] column of B of each column of W3
+  Array<int> variable3;  // [full ngamma] its level-3 variable, 0 for INTRCPT3
+  Array<int> reduced;    // [full ngamma] the fixed effect that it enters: constrained ones share one
+  Array<int> random1;    // [p] level-1 coefficient of each column of Z1
+  Array<int> column2;    // [nbeta] column of B of each level-2 coefficient in the order of the model
+};
+
+struct Pass {
+  int npi = 0, nbeta = 0;   // all level-1 and level-2 coefficients
+  int p = 0, b = 0, g = 0;  // ntaupi, ntaubeta, ngamma
+  Design design;
+
+  // Terms of the reduced model, for the degrees of freedom of the variance tests.
+  Array<int> nrandomterms;    // [p] level-2 terms of a coefficient that are random at level 3
+  Array<int> nfixedterms;     // [p] those that are fixed
+  Array<int> nterms3reduced;  // [b] level-3 terms of the coefficients random at level 3
+
+  // Sums over the data set.
+  double totalYY = 0.0;
+  Array<double> gramMM;  // g squared, M'M
+  Array<double> gramMY;  // [g], M'Y
+
+  // Sums per level-3 unit k. Sub-blocks of BB give Z2'Z2 and, through W3, M'Z2 and M'M.
+  Array<int> n2of, n1of;  // level-2 units, level-1 records
+  Array<double> sumYY;    // Y'Y
+  Array<double> sumBB;    // nbeta squared, B'B
+  Array<double> sumBY;    // [nbeta], B'Y
+  Array<double> sumBB2;   // weighted runs: B2'B2, the rows of B with their factor once more
+  Array<double> scale3;   // factor of the columns of Z2: 1.0, in a weighted run 1/sqrt of the unit's weight
+
+  // Of the iteration.
+  Array<double> dinv;   // b squared per k: D_k^-1; sigma2 times it is the posterior covariance of v_k
+  Array<double> vstar;  // [b] per k: empirical Bayes residual of level 3
+  Array<double> vlsq;   // [b] per k: q_k, later the least-squares residual of level 3; missingcode at the head
+                        // of a unit without one
+
+  UnitStore store;
+
+  double likeconstant = 0.0;                     // nunits1 times half the logarithm of 2 pi
+  int nusable1 = 0, nusable2 = 0, nusable3 = 0;  // records and units that entered the moments of the starting values
+
+  // Row k of a table with `width` values per level-3 unit.
+  template <class T>
+  static T* row(Array<T>& table, int k, int width) {
+    return table.data() + static_cast<std::ptrdiff_t>(k) * width;
+  }
+  template <class T>
+  static const T* row(const Array<T>& table, int k, int width) {
+    return table.data() + static_cast<std::ptrdiff_t>(k) * width;
+  }
+};
+
+// Fills the dimensions and the design from run.model and run.coef, and the term counts of the reduced model.
+// A pass with nothing random at a level prints "Nothing left at ... level." and stops with code 100.
+void makedesign(Pass& pass);
+
+// The level-3 design of unit k in a vector: W3[owner3[i]][reduced[i]] has weights[i]. weights: full ngamma.
+void level3weights(const Pass& pass, int k, double* weights);
+
+// theta = W3_k gamma (nbeta).
+void level2means(const Pass& pass, const double* weights, const double* gamma, double* theta);
+// x += W3_k' t, t of nbeta, x of ngamma.
+void addtransposedW3(const Pass& pass, const double* weights, const double* t, double* x);
+// X += W3_k' P W3_k, P nbeta squared symmetric, X ngamma squared.
+void addsandwichW3(const Pass& pass, const double* weights, const double* P, double* X);
+
+}  // namespace kdr

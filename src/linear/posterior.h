@@ -1,0 +1,89 @@
+// The sweep over the units that every step of the iteration stands on: at given variance components and fixed effects,
+// the posterior moments of the random effects, the generalised cross-product and the parts of the log-likelihood.
+//
+// Per level-2 unit, with S = sigma2 taupi^-1:
+//   C_j = Z1'Z1 + S             C_j^-1 sigma2 is the posterior covariance of u_j given v_k
+//   H_j = B'Z1 C_j^-1           its first b rows, times the scale of Z2, are R_j = Z2'Z1 C_j^-1
+//   u_j = C_j^-1 (Z1'Y - B'Z1' theta*)
+// and per level-3 unit, with Sb = sigma2 taubeta^-1, r the first b columns and z the scale of Z2:
+//   P_k = B'B - sum_j H_j Z1'B,  y_k = B'Y - sum_j H_j Z1'Y
+//   D_k = z^2 P_rr + Sb,  E_k = D_k^-1
+//   theta = W3 gamma,  q_k = z (y_k - P_k theta)_r,  v_k = E_k q_k,  theta* = theta + z v_k
+//   V_j = C_j^-1 + R_j' E_k R_j  is the posterior covariance of u_j over sigma2
+//
+// What the estimators need beyond that are sums over j of products of R_j, which one matrix of second moments per
+// level-3 unit gives for any E: sum_j R_j[a][i] R_j[c][l]. Two identities save a pass over the units: as
+// Z1'Z1 = C_j - S,  sum_j tr(Z1'Z1 V_j) = n p + tr(E K) - tr(S sum V_j)  with K = z^2 (sum_j H_j Z1'B)_rr, and
+// u'Z1'Z1 u = u'a - u'S u  with a = C_j u.
+// Source: Longford (1987), Biometrika 74, 817-827; Raudenbush (1988), on the EM form.
+#pragma once
+
+#include "kernel/array.h"
+#include "linear/pass.h"
+
+namespace kdr {
+
+// Where the sweep stands.
+struct PosteriorInput {
+  double sigma2;
+  const double* gamma;     // [g]
+  const double* S;         // p squared, sigma2 taupi^-1
+  const double* Sb;        // b squared, sigma2 taubeta^-1
+  const double* hettaupi;  // null, or p squared per level-3 unit: S is then made from it unit by unit
+  bool keepmeans;          // u*, v* and q are stored
+};
+
+// Sums over the level-2 units of one level-3 unit.
+struct Level2Sums {
+  Array<double> HB;    // nbeta squared, sum of H_j Z1'B
+  Array<double> HY;    // [nbeta], sum of H_j Z1'Y
+  Array<double> RR;    // (b p) squared, element (a p + i, c p + l): sum of H_j[a][i] H_j[c][l], a and c below b
+  Array<double> Cinv;  // p squared, sum of C_j^-1
+  double YCY = 0.0;    // sum of Z1'Y' C_j^-1 Z1'Y
+  double logdetCinv = 0.0;
+};
+
+// The posterior of one level-3 unit.
+struct Level3Posterior {
+  int k = 0;
+  int units = 0;                // its level-2 units
+  const double* hot = nullptr;  // their records
+  double z = 1.0;               // scale of Z2
+  Level2Sums sums;
+  Array<double> weights;           // the numbers in W3_k
+  Array<double> P, y;              // P_k, y_k
+  Array<double> E;                 // b squared
+  Array<double> q, v;              // [b]
+  Array<double> theta, thetastar;  // [nbeta]
+  Array<double> PP, UU;            // p squared: sums of V_j and of u_j u_j'
+  double logdetE = 0.0;
+  double logdetT = 0.0;  // of the unit's own taupi, heterogeneous stage only
+  double rss = 0.0;      // residual sum of squares at the posterior means
+  double Q = 0.0;        // (Y - M gamma)'(Y - M gamma - Z1 u - Z2 v)
+  double trace = 0.0;    // the trace that the EM update of sigma2 adds to rss, over sigma2
+};
+
+// Sums over all level-3 units.
+struct PosteriorSums {
+  double logdetCinv = 0.0, logdetE = 0.0, logdetT = 0.0;
+  double rss = 0.0, Q = 0.0;
+  double traceacc = 0.0;      // sigma2 (tr Z'Z V): the posterior variance part of the EM update of sigma2
+  Array<double> PP, UU;       // p squared: sums of V_j and u_j u_j'
+  Array<double> sumDinv, VV;  // b squared: sums of E_k and v_k v_k'
+  Array<double> A, c;         // g squared, [g]: the generalised cross-product M'V^-1 M and M'V^-1 Y, times sigma2
+};
+
+enum class PosteriorResult { ok, badC, badD, badT };
+
+// Called once per level-3 unit with its posterior; `state` is the caller's.
+struct Level3Visitor {
+  void (*visit)(void* state, const Pass& pass, const Level3Posterior& unit) = nullptr;
+  void* state = nullptr;
+};
+
+// One sweep. Writes C_j^-1 to the store and E_k to pass.dinv; with keepmeans also u*, vstar and vlsq. Anything but `ok`
+// says which matrix could not be inverted, and the sums are then of no use.
+[[nodiscard]] PosteriorResult posteriorsweep(Pass& pass, const PosteriorInput& input, PosteriorSums& sums,
+                                             Level3Visitor visitor = {});
+
+}  // namespace kdr

@@ -1,0 +1,372 @@
+#include "linear/startingvalues.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "driver/failures.h"
+#include "driver/reportstream.h"
+#include "driver/runrecord.h"
+#include "kernel/decompositions.h"
+#include "kernel/products.h"
+#include "linear/fixtau.h"
+#include "linear/sweep.h"
+
+namespace kdr {
+
+namespace {
+
+constexpr double worstcondition = 1.0e7;
+
+std::size_t at(int i) { return static_cast<std::size_t>(i); }
+
+// Work of the three sweeps. Matrices are full.
+struct StartWork {
+  Array<double> weights, theta;     // W3_k, theta = W3_k gamma
+  Array<double> B, E, G, Ginverse;  // b squared
+  Array<double> residual;           // [b] Z2'Y - Z2'M gamma of the level-3 unit
+  Array<double> v, h;               // [b]
+  Array<double> thetastar;          // [nbeta] theta + z v
+  Array<double> Z1Z1, Pj;           // p squared
+  Array<double> a, u;               // [p]
+  Array<double> R, RT;              // b by p
+  Array<double> inverse;            // work of syminverse
+  Array<double> I2, U2;             // p squared: sums of (Z1'Z1)^-1 and of u u'
+};
+
+StartWork makework(const Pass& pass) {
+  StartWork w;
+  const auto b = at(pass.b), p = at(pass.p), nb = at(pass.nbeta);
+  w.weights.reset(pass.design.owner3.size());
+  for (Array<double>* x : {&w.theta, &w.thetastar}) x->reset(nb);
+  for (Array<double>* x : {&w.B, &w.E, &w.G, &w.Ginverse}) x->reset(b * b);
+  for (Array<double>* x : {&w.residual, &w.v, &w.h}) x->reset(b);
+  for (Array<double>* x : {&w.Z1Z1, &w.Pj, &w.I2, &w.U2}) x->reset(p * p);
+  for (Array<double>* x : {&w.a, &w.u}) x->reset(p);
+  for (Array<double>* x : {&w.R, &w.RT}) x->reset(b * p);
+  w.inverse.reset(packedsize(std::max(pass.b, pass.p)) + 3);
+  return w;
+}
+
+bool usableunit(const Pass& pass, const double* cold) { return cold[pass.store.atinverse] != missingcode; }
+
+// B = Z2'Z2, theta and Z2'Y - Z2'M gamma of level-3 unit k, gamma = gammahat.
+void level3residual(const Pass& pass, int k, StartWork& w) {
+  const int nb = pass.nbeta, b = pass.b;
+  const double z = pass.scale3[k];
+  const double* BB = Pass::row(pass.sumBB, k, nb * nb);
+  const double* BY = Pass::row(pass.sumBY, k, nb);
+  level3weights(pass, k, w.weights.data());
+  level2means(pass, w.weights.data(), run.est.gammahat.data(), w.theta.data());
+  for (int i = 0; i < b; ++i) {
+    w.residual[i] = BY[i];
+    for (int m = 0; m < nb; ++m) w.residual[i] -= BB[i * nb + m] * w.theta[m];
+    w.residual[i] *= z;
+    for (int j = 0; j < b; ++j) w.B[i * b + j] = z * z * BB[i * nb + j];
+  }
+}
+
+void addlevel3effect(const Pass& pass, int k, StartWork& w) {
+  std::copy(w.theta.begin(), w.theta.end(), w.thetastar.begin());
+  for (int i = 0; i < pass.b; ++i) w.thetastar[i] += pass.scale3[k] * w.v[i];
+}
+
+// R = Z2'Z1 of a unit, b by p.
+void unitZ2Z1(const Pass& pass, int k, const double* hot, Array<double>& R) {
+  const double* BZ1 = hot + pass.store.atBZ1;
+  for (std::size_t i = 0; i < R.size(); ++i) R[i] = pass.scale3[k] * BZ1[i];
+}
+
+// sum += x x', x of n.
+void addouter(Array<double>& sum, const Array<double>& x) {
+  const std::size_t n = x.size();
+  for (std::size_t i = 0; i < n; ++i)
+    for (std::size_t j = 0; j < n; ++j) sum[i * n + j] += x[i] * x[j];
+}
+
+void addto(Array<double>& sum, const Array<double>& x) {
+  for (std::size_t i = 0; i < sum.size(); ++i) sum[i] += x[i];
+}
+
+double dot(const Array<double>& x, const double* y) {
+  double s = 0.0;
+  for (std::size_t i = 0; i < x.size(); ++i) s += x[i] * y[i];
+  return s;
+}
+
+// What the first sweep gives.
+struct FirstMoments {
+  Array<double> V2;  // b squared, sum of v v' over the usable level-3 units
+  double S;          // residual sum of squares
+};
+
+bool usablelevel3(const Pass& pass, StartWork& w) {
+  const int b = pass.b;
+  if (syminverse(b, w.B.data(), b, w.E.data(), b, w.inverse.data()) != 0) return false;
+  for (int i = 0; i < b; ++i)
+    if (w.B[i * b + i] < 0.0) return false;
+  double condition = 0.0;
+  return !hasunitcorrelation(b, w.B.data(), b) && ispositivedefinite(b, w.B.data(), b, &condition) &&
+         condition / b <= worstcondition;
+}
+
+// First sweep: least-squares residuals of both levels. dinv[k] keeps the inverse of Z2'Z2, missingcode at its head for
+// an unusable unit.
+FirstMoments firstsweep(Pass& pass, StartWork& w) {
+  const int b = pass.b, p = pass.p, nb = pass.nbeta;
+  FirstMoments first{Array<double>(at(b) * at(b)), 0.0};
+  bool usable3 = false;
+  sweepunits(
+      pass, false,
+      [&](int k) {
+        level3residual(pass, k, w);
+        const double* BB = Pass::row(pass.sumBB, k, nb * nb);
+        const double* BY = Pass::row(pass.sumBY, k, nb);
+        // (Y - M g)'(Y - M g)
+        first.S += pass.sumYY[k];
+        for (int i = 0; i < nb; ++i) {
+          first.S -= 2.0 * w.theta[i] * BY[i];
+          for (int j = 0; j < nb; ++j) first.S += w.theta[i] * BB[i * nb + j] * w.theta[j];
+        }
+        usable3 = usablelevel3(pass, w);
+        double* dinv = Pass::row(pass.dinv, k, b * b);
+        if (!usable3) {
+          --pass.nusable3;
+          dinv[0] = missingcode;
+          return;
+        }
+        std::copy(w.E.begin(), w.E.end(), dinv);
+        mulAB(w.v.data(), w.E.data(), w.residual.data(), b, 1, b);
+        addlevel3effect(pass, k, w);
+        addouter(first.V2, w.v);
+        // v'Z2'Z2 v - 2 v'(Z2'Y - Z2'M g); the part with the level-2 residuals is added unit by unit
+        for (int i = 0; i < b; ++i) first.S += w.v[i] * (dot(w.v, w.B.data() + i * b) - 2.0 * w.residual[i]);
+      },
+      [&](int, const double* hot, const double* cold) {
+        if (!usable3 || !usableunit(pass, cold)) {
+          --pass.nusable2;
+          pass.nusable1 -= static_cast<int>(cold[0]);
+          return;
+        }
+        unpack(p, cold + pass.store.atinverse, w.Pj.data());
+        addto(w.I2, w.Pj);
+        residualproduct(pass.store, hot, w.thetastar.data(), w.a.data());
+        mulAB(w.u.data(), w.Pj.data(), w.a.data(), p, 1, p);
+        addouter(w.U2, w.u);
+        // u'Z1'Z1 u - 2 u'(Z1'Y - Z1'M g - Z1'Z2 v), and Z1'Z1 u is the right side
+        first.S -= dot(w.u, w.a.data());
+      },
+      [](int) {});
+  return first;
+}
+
+[[noreturn]] void virtuallyzero() {
+  report("Sigma_squared(0) is virtually zero. Please examine your level-1 model\n");
+  stoprun(100);
+}
+
+double startsigma2(const Pass& pass, double S) {
+  constexpr double leastsigma2 = 1.0e-8;
+  double sigma2 = run.iter.fixsigma2;
+  if (sigma2 == 0.0) {
+    if (pass.nusable2 < 1 || pass.nusable1 < 1) fail(13, "1");
+    const int df = pass.nusable1 - pass.nusable2 * pass.p;
+    if (df < 1) fail(16);
+    sigma2 = S / df;
+  }
+  if (run.kind.weighted) return sigma2 <= 0.0 ? 1.0 : sigma2;
+  if (sigma2 <= leastsigma2) virtuallyzero();
+  return sigma2;
+}
+
+// T = U2/n - sigma2 I2/n.
+void momenttaupi(const Pass& pass, const StartWork& w, double* T) {
+  for (std::size_t i = 0; i < w.U2.size(); ++i)
+    T[i] = w.U2[i] / pass.nusable2 - run.est.sigma2 * w.I2[i] / pass.nusable2;
+}
+
+void firsttaupi(const Pass& pass, StartWork& w) {
+  const int p = pass.p;
+  double* T = run.est.taupi.data();
+  if (pass.nusable2 < 1 || pass.nusable3 < 1) fail(13, "1");
+  momenttaupi(pass, w, T);
+  if (p == 1 && T[0] < 0.0) T[0] = 1.0;
+  if (run.iter.haveesttau2) applyfixed(T, p, run.iter.esttau2);
+  for (;;) {
+    if (!usablestart(T, p)) fixtau(T, p, w.U2, 3, run.est.sigma2, TauStage::pi);
+    if (!run.iter.havecontau2) return;
+    applyequal(p, T, run.iter.contau2);
+    if (syminverse(p, T, p, w.Pj.data(), p, w.inverse.data()) == 0) return;
+  }
+}
+
+// taubeta from the residuals of the first sweep, less what tau(pi) and sigma2 put into them.
+void firsttaubeta(Pass& pass, StartWork& w, const FirstMoments& first) {
+  const int b = pass.b, p = pass.p;
+  Array<double> R(at(b) * at(b)), ER(at(b) * at(p)), ERT(at(b) * at(p));
+  const auto usable3 = [&](int k) { return Pass::row(pass.dinv, k, b * b)[0] != missingcode; };
+  sweepunits(
+      pass, false,
+      [&](int k) {
+        if (!usable3(k)) return;
+        const double* E = Pass::row(pass.dinv, k, b * b);
+        for (std::size_t i = 0; i < R.size(); ++i) R[i] += run.est.sigma2 * E[i];
+      },
+      [&](int k, const double* hot, const double*) {
+        if (!usable3(k)) return;
+        unitZ2Z1(pass, k, hot, w.R);
+        mulAB(ER.data(), Pass::row(pass.dinv, k, b * b), w.R.data(), b, p, b);
+        mulAB(ERT.data(), ER.data(), run.est.taupi.data(), b, p, p);
+        addABt(R.data(), ERT.data(), ER.data(), b, b, p);
+      },
+      [](int) {});
+  if (pass.nusable3 < 1) fail(2, "2");
+  double* L = run.est.taubeta.data();
+  for (std::size_t i = 0; i < R.size(); ++i) L[i] = first.V2[i] / pass.nusable3 - R[i] / pass.nusable3;
+  if (run.iter.haveesttau3) applyfixed(L, b, run.iter.esttau3);
+  for (;;) {
+    if (!usablestart(L, b)) fixtau(L, b, first.V2, 3, run.est.sigma2, TauStage::betastart);
+    if (!run.iter.havecontau3) return;
+    applyequal(b, L, run.iter.contau3);
+    if (syminverse(b, L, b, w.G.data(), b, w.inverse.data()) == 0) return;
+  }
+}
+
+// Second round, first sweep: level-2 residuals given the shrunken level-3 ones. Leaves h in vstar, K in dinv and the
+// residuals in ustar.
+void residualsweep(Pass& pass, StartWork& w, const Array<double>& Q) {
+  const int b = pass.b, p = pass.p;
+  bool failed = false;
+  Array<double> K(at(b) * at(b)), RP(at(b) * at(p));
+  sweepunits(
+      pass, true,
+      [&](int k) {
+        level3residual(pass, k, w);
+        for (std::size_t i = 0; i < Q.size(); ++i) w.G[i] = w.B[i] + Q[i];
+        failed = syminverse(b, w.G.data(), b, w.Ginverse.data(), b, w.inverse.data()) == 1;
+        if (!failed) {
+          mulAB(w.v.data(), w.Ginverse.data(), w.residual.data(), b, 1, b);
+          addlevel3effect(pass, k, w);
+        }
+        w.h.fill(0.0);
+        K.fill(0.0);
+      },
+      [&](int k, double* hot, const double* cold) {
+        double* ustar = hot + pass.store.atustar;
+        if (failed || !usableunit(pass, cold)) {
+          ustar[0] = missingcode;
+          return;
+        }
+        unpack(p, cold + pass.store.atinverse, w.Pj.data());
+        unitZ2Z1(pass, k, hot, w.R);
+        mulAB(RP.data(), w.R.data(), w.Pj.data(), b, p, p);
+        addABt(K.data(), RP.data(), w.R.data(), b, b, p);
+        residualproduct(pass.store, hot, w.thetastar.data(), w.a.data());
+        mulAB(ustar, w.Pj.data(), w.a.data(), p, 1, p);
+        addAB(w.h.data(), w.R.data(), ustar, b, 1, p);
+      },
+      [&](int k) {
+        std::copy(w.h.begin(), w.h.end(), Pass::row(pass.vstar, k, b));
+        std::copy(K.begin(), K.end(), Pass::row(pass.dinv, k, b * b));
+      });
+}
+
+// Second round, second sweep: the moments of taupi with the level-3 variation taken out.
+void momentsweep(Pass& pass, StartWork& w, const Array<double>& Q) {
+  const int b = pass.b, p = pass.p;
+  bool failed = false;
+  w.I2.fill(0.0);
+  w.U2.fill(0.0);
+  Array<double> Rj(at(p) * at(b)), RG(at(p) * at(b)), x(at(p));
+  sweepunits(
+      pass, false,
+      [&](int k) {
+        level3residual(pass, k, w);
+        const double* K = Pass::row(pass.dinv, k, b * b);
+        const double* h = Pass::row(pass.vstar, k, b);
+        for (std::size_t i = 0; i < Q.size(); ++i) w.G[i] = w.B[i] + Q[i] - K[i];
+        failed = syminverse(b, w.G.data(), b, w.Ginverse.data(), b, w.inverse.data()) == 1 || h[0] == 0.0;
+        if (!failed) mulAB(w.v.data(), w.Ginverse.data(), h, b, 1, b);
+      },
+      [&](int k, const double* hot, const double* cold) {
+        if (failed || !usableunit(pass, cold)) return;
+        const double* ustar = hot + pass.store.atustar;
+        unpack(p, cold + pass.store.atinverse, w.Pj.data());
+        unitZ2Z1(pass, k, hot, w.R);
+        mulABt(Rj.data(), w.Pj.data(), w.R.data(), p, b, p);
+        if (ustar[0] != missingcode) {
+          std::copy_n(ustar, p, x.data());
+          addAB(x.data(), Rj.data(), w.v.data(), p, 1, b);
+          addouter(w.U2, x);
+        }
+        mulAB(RG.data(), Rj.data(), w.Ginverse.data(), p, b, b);
+        addABt(w.Pj.data(), RG.data(), Rj.data(), p, p, b);
+        addto(w.I2, w.Pj);
+      },
+      [](int) {});
+}
+
+// Q = sigma2 T^-1, T of order n.
+Array<double> scaledinverse(const Array<double>& T, int n, Array<double>& work) {
+  Array<double> Q(at(n) * at(n));
+  [[maybe_unused]] const int result = syminverse(n, T.data(), n, Q.data(), n, work.data());
+  for (double& q : Q) q *= run.est.sigma2;
+  return Q;
+}
+
+}  // namespace
+
+void leastsquarestart(Pass& pass, StartMoments& moments) {
+  StartWork w = makework(pass);
+  pass.nusable1 = run.mdm.nunits1;
+  pass.nusable2 = run.mdm.nunits2;
+  pass.nusable3 = run.mdm.nunits3;
+  const FirstMoments first = firstsweep(pass, w);
+  run.est.sigma2 = startsigma2(pass, first.S);
+  firsttaupi(pass, w);
+  firsttaubeta(pass, w, first);
+  const Array<double> Q = scaledinverse(run.est.taubeta, pass.b, w.inverse);
+  residualsweep(pass, w, Q);
+  momentsweep(pass, w, Q);
+  momenttaupi(pass, w, run.est.taupi.data());
+  moments.taupi = std::move(w.U2);
+  moments.taubeta = first.V2.copy();
+}
+
+void starttaubeta(Pass& pass, StartMoments& moments) {
+  const int b = pass.b, p = pass.p;
+  StartWork w = makework(pass);
+  const Array<double> Q = scaledinverse(run.est.taupi, p, w.inverse);
+  Array<double> R(at(b) * at(b)), V2(at(b) * at(b)), RC(at(b) * at(p));
+  sweepunits(
+      pass, false,
+      [&](int k) {
+        level3residual(pass, k, w);  // w.B becomes E and w.residual becomes w of the formulas
+      },
+      [&](int k, const double* hot, const double*) {
+        unpack(p, hot, w.Z1Z1.data());
+        for (std::size_t i = 0; i < Q.size(); ++i) w.Z1Z1[i] += Q[i];
+        if (syminverse(p, w.Z1Z1.data(), p, w.Pj.data(), p, w.inverse.data()) == 1) return;
+        unitZ2Z1(pass, k, hot, w.R);
+        mulAB(RC.data(), w.R.data(), w.Pj.data(), b, p, p);
+        subABt(w.B.data(), RC.data(), w.R.data(), b, b, p);
+        residualproduct(pass.store, hot, w.theta.data(), w.a.data());
+        subAB(w.residual.data(), RC.data(), w.a.data(), b, 1, p);
+      },
+      [&](int) {
+        double condition = 0.0;
+        if (syminverse(b, w.B.data(), b, w.E.data(), b, w.inverse.data()) != 0 ||
+            isbadcov(b, w.B.data(), b, &condition) || condition / b > worstcondition)
+          return;
+        mulAB(w.v.data(), w.E.data(), w.residual.data(), b, 1, b);
+        addto(R, w.E);
+        addouter(V2, w.v);
+      });
+  if (run.pass.paphase == 0) {
+    double* L = run.est.taubeta.data();
+    for (std::size_t i = 0; i < R.size(); ++i) L[i] = V2[i] / pass.nusable3 - run.est.sigma2 * R[i] / pass.nusable3;
+    applytaubeta(L);
+  }
+  moments.taubeta = std::move(V2);
+}
+
+}  // namespace kdr

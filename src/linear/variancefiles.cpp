@@ -1,0 +1,73 @@
+#include "linear/variancefiles.h"
+
+#include <cmath>
+#include <cstdio>
+
+#include "data/scratch.h"
+#include "driver/reportstream.h"
+#include "driver/runrecord.h"
+
+namespace kdr {
+
+namespace {
+
+constexpr int perline = 60;
+
+std::FILE* openvariancefile(const char* path) { return openfile(path, run.out.printvc == 2 ? "a+" : "w"); }
+
+// A row of cells, a new line after each 60 and at the end.
+enum class Cell { fixed, exponent };
+void writerow(std::FILE* file, const double* values, int n, double scale, Cell cell) {
+  for (int i = 0; i < n; ++i) {
+    if (i != 0 && i % perline == 0) std::fprintf(file, "\n");
+    std::fprintf(file, cell == Cell::fixed ? "%15.7f " : "%15.7E ", scale * values[i]);
+  }
+  std::fprintf(file, "\n");
+}
+
+}  // namespace
+
+void writegammafile(const char* path, const Array<double>& matrix, double scale) {
+  std::FILE* file = openvariancefile(path);
+  const int g = run.coef.ngamma;
+  writerow(file, run.est.gammahat.data(), g, 1.0, Cell::fixed);
+  for (int i = 0; i < g; ++i)
+    writerow(file, matrix.data() + static_cast<std::ptrdiff_t>(i) * g, g, scale, Cell::exponent);
+  closechk(file);
+}
+
+void writetaufile(const char* path, const Pass& pass, const FisherWork& fisher, bool withsigma2) {
+  std::FILE* file = openvariancefile(path);
+  for (int i = 0; i < pass.p; ++i) writerow(file, run.est.taupi.data() + i * pass.p, pass.p, 1.0, Cell::fixed);
+  for (int i = 0; i < pass.b; ++i) writerow(file, run.est.taubeta.data() + i * pass.b, pass.b, 1.0, Cell::fixed);
+  if (run.iter.fishertype != 0)
+    for (int i = 0; i + 1 < fisher.NT; ++i)
+      writerow(file, fisher.invinformation.data() + static_cast<std::ptrdiff_t>(i) * fisher.NT, fisher.NT - 1, 1.0,
+               Cell::fixed);
+  if (withsigma2) std::fprintf(file, "%15.7f\n", run.est.sigma2);
+  closechk(file);
+}
+
+void listvariancefiles() {
+  const auto newline = [] { report2("\n\t", "<br>\n&nbsp;&nbsp;&nbsp;&nbsp;"); };
+  reportbreak();
+  report("%s, containing the taus ", "tauvc.dat");
+  if (run.iter.fishertype != 0) {
+    report("and the variance-covariance matrix of the taus");
+    newline();
+  }
+  report("has been created.\n");
+  reportbreak();
+  reportline("gamvc.dat, containing the variance-covariance matrix of gamma has been created.");
+  report("gamvcr.dat, containing the robust variance-covariance matrix of gamma has");
+  newline();
+  reportline("been created.");
+  reportline("The above files have been created with a (nF15.7,1X) format.");
+  if (run.coef.ngamma > perline) {
+    report("Due to the high number of gammas, each line of the gamma matrices have been");
+    newline();
+    reportline("split across %d lines.", (run.coef.ngamma + perline - 1) / perline);
+  }
+}
+
+}  // namespace kdr

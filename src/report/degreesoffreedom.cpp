@@ -1,0 +1,89 @@
+#include "report/degreesoffreedom.h"
+
+#include <algorithm>
+#include <climits>
+
+#include "driver/runrecord.h"
+#include "report/modelrows.h"
+
+namespace kdr {
+
+namespace {
+
+// What the whole model costs, summed over its level-2 coefficients.
+struct Costs {
+  long long level2 = 0;       // A: level-3 terms of coefficients fixed at level 3 whose level-1 coefficient is random
+  long long level1 = 0;       // B: the same where the level-1 coefficient is fixed
+  long long randompairs = 0;  // C: coefficients random at level 3 whose level-1 coefficient is random
+};
+
+Costs modelcosts(const ModelRows& rows) {
+  Costs costs;
+  for (const TermRow& term : rows.terms) {
+    const bool random1 = rows.coefficients[static_cast<std::size_t>(term.owner)].random;
+    if (term.random) {
+      costs.randompairs += random1 ? 1 : 0;
+    } else {
+      (random1 ? costs.level2 : costs.level1) += term.neffects;
+    }
+  }
+  return costs;
+}
+
+struct Degrees {
+  long long df;
+  bool rough;
+};
+
+// With J level-2 units, K level-3 units and N records:
+//   random at level 3               K - terms
+//   random at level 2 only          J - K C - A, roughly J - A where that leaves none
+//   fixed at both                   N - npi J - nbeta K - B, roughly N - nbeta K - B
+Degrees degreesof(const ModelRows& rows, const EffectRow& effect, const Costs& costs) {
+  const long long J = run.mdm.nunits2, K = run.mdm.nunits3, N = run.mdm.nunits1;
+  const TermRow* term = effect.term < 0 ? nullptr : &rows.terms[static_cast<std::size_t>(effect.term)];
+  if (term != nullptr && term->random) return {K - term->neffects, false};
+  if (rows.coefficients[static_cast<std::size_t>(effect.coefficient)].random) {
+    const long long df = J - K * costs.randompairs - costs.level2;
+    return df < 1 ? Degrees{J - costs.level2, true} : Degrees{df, false};
+  }
+  const long long upper = run.coef.nbeta * K + costs.level1;
+  const long long df = N - run.coef.npi * J - upper;
+  if (df > 0) return {df, false};
+  return {(upper < N ? N : run.mdm.numl1rec) - upper, true};
+}
+
+int whole(long long value) { return static_cast<int>(std::clamp<long long>(value, INT_MIN, INT_MAX)); }
+
+}  // namespace
+
+void degreesoffreedom(FixedDegrees& degrees) {
+  const ModelRows rows = modelrows();
+  const Costs costs = modelcosts(rows);
+  const std::size_t n = rows.effects.size();
+  degrees.df.reset(n);
+  degrees.rough.reset(n);
+
+  // A gamma that a constraint removed gives one degree back. The count starts anew with each level-2 coefficient; what
+  // the last one of a level-1 coefficient has counted goes to all fixed effects of that level-1 coefficient.
+  std::size_t kept = 0, first = 0;
+  int removed = 0;
+  for (std::size_t g = 0; g < n; ++g) {
+    const EffectRow& effect = rows.effects[g];
+    if (g > 0 && (effect.term != rows.effects[g - 1].term || effect.coefficient != rows.effects[g - 1].coefficient))
+      removed = 0;
+    if (effect.constraint < 0) {
+      ++removed;
+    } else {
+      const Degrees own = degreesof(rows, effect, costs);
+      degrees.df[kept] = whole(own.df);
+      degrees.rough[kept] = own.rough ? 1 : 0;
+      ++kept;
+    }
+    if (g + 1 == n || rows.effects[g + 1].coefficient != effect.coefficient) {
+      for (; first < kept; ++first) degrees.df[first] = whole(static_cast<long long>(degrees.df[first]) + removed);
+    }
+  }
+}
+
+}  // namespace kdr

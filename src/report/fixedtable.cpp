@@ -1,0 +1,302 @@
+#include "report/fixedtable.h"
+
+#include <cmath>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "driver/reportstream.h"
+#include "driver/runrecord.h"
+#include "kernel/distributions.h"
+#include "report/modelrows.h"
+#include "report/stream.h"
+#include "report/symbols.h"
+
+namespace kdr {
+
+namespace {
+
+bool isleastsquares(TableKind kind) { return kind == TableKind::leastsquares || kind == TableKind::leastsquaresrobust; }
+bool isestimates(TableKind kind) {
+  return kind == TableKind::estimates || kind == TableKind::averagedpv || kind == TableKind::averagedmi;
+}
+bool isaveraged(TableKind kind) {
+  return kind == TableKind::averagedpv || kind == TableKind::averagedrobustpv || kind == TableKind::averagedmi ||
+         kind == TableKind::averagedrobustmi;
+}
+
+struct Source {
+  const FixedDegrees& degrees;
+  TableKind kind;
+  const double* variance;
+  const double* gamma;
+  int stride;
+  double scale;
+};
+
+// One row of the table. `tested` says whether there is a standard error with degrees of freedom to test with.
+struct Estimate {
+  double coefficient, se, t;
+  int df;
+  bool tested, rough;
+};
+
+Estimate estimateof(const Source& source, int g) {
+  Estimate row{};
+  const std::ptrdiff_t place = static_cast<std::ptrdiff_t>(g) * (isaveraged(source.kind) ? 1 : source.stride + 1);
+  double variance = source.variance[place];
+  if (!isaveraged(source.kind) && source.kind != TableKind::leastsquaresrobust) variance *= source.scale;
+  row.coefficient = source.gamma[g];
+  row.se = variance > 0.0 && std::isfinite(variance) ? std::sqrt(variance) : 0.0;
+  row.t = row.se == 0.0 ? 0.0 : row.coefficient / row.se;
+  row.df = isleastsquares(source.kind) ? run.mdm.nunits1 - run.coef.ngamma : source.degrees.df[g];
+  row.rough = source.degrees.rough[g] != 0;
+  row.tested = row.df > 1 && row.se != 0.0 && std::isfinite(row.t);
+  return row;
+}
+
+// For each row that begins an equation set of a multinomial run the number of the set, else -1.
+std::vector<int> setopenings() {
+  std::vector<int> openings;
+  if (multinomialrun()) {
+    const ModelRows rows = modelrows();
+    int last = -1;
+    for (const EffectRow& effect : rows.effects) {
+      if (effect.constraint < 0) continue;
+      const int set = rows.coefficients[static_cast<std::size_t>(effect.coefficient)].set;
+      openings.push_back(set == last ? -1 : set);
+      last = set;
+    }
+  }
+  openings.resize(static_cast<std::size_t>(run.coef.ngamma), -1);
+  return openings;
+}
+
+// True when several gammas of the full model are made from this one.
+bool isshared(int g) {
+  const ModelSpec& model = run.model;
+  const std::size_t full = model.constraints.size();
+  if (model.nconstrained == 0 || static_cast<std::size_t>(g) >= full || model.constrainmatrix.size() < full * full)
+    return false;
+  int members = 0;
+  for (std::size_t i = 0; i < full; ++i)
+    if (model.constrainmatrix[i * full + static_cast<std::size_t>(g)] != 0.0) ++members;
+  return members >= 2;
+}
+
+// What stands above and before the numbers of a row: its groups, its label, its mark.
+void rowlead(int g, int setopened, const char* style) {  // the groups are never the last row of the table
+  if (setopened >= 0) {
+    if (g > 0) reportbreak();
+    const std::string category = categoryof(setopened);
+    if (run.report.html) {
+      report("<tr><td align=left colspan=6 %s>For Category %s</td></tr>\n", styleplain, category.c_str());
+    } else {
+      report("For Category %s\n", category.c_str());
+    }
+  }
+  if (const Label& label = run.coef.gammanames1[g]; !isblank(label)) {
+    reporttext(" For %s\n", label.text);
+    reporthtml("<tr><td align=left colspan=6 %s> For %s</td></tr>\n", styleplain, label.text);
+  }
+  if (const Label& label = run.coef.gammanames2[g]; !isblank(label)) {
+    reporttext("    For %s\n", label.text);
+    reporthtml("<tr><td align=left colspan=6 %s>&nbsp;&nbsp;&nbsp;For %s</td></tr>\n", styleplain, label.text);
+  }
+  reporttext("      %s", run.coef.gammanames3[g].text);
+  reporthtml("<tr><td %s>&nbsp;&nbsp;&nbsp;&nbsp;&nbsp;&nbsp;&nbsp;&nbsp;&nbsp;&nbsp;&nbsp;%s", style,
+             run.coef.gammanames3[g].text);
+  report(isshared(g) ? "*" : " ");
+  reporthtml("</td>");
+}
+
+const char* rowstyle(int g) { return g + 1 == run.coef.ngamma ? stylebottom : styleplain; }
+
+void numbercell(const char* style, double value, int width, int decimals) {
+  reporthtml("<td align=right valign=bottom %s>%s</td>\n", style, fixedpoint(value, width, decimals).c_str());
+}
+
+void outcomeline(TableKind kind) {
+  if (run.pass.nlrun) {
+    report(" The outcome variable is %s\n\n", eightcolumns(run.kind.outname).c_str());
+  } else if (kind == TableKind::averagedpv || kind == TableKind::averagedrobustpv) {
+    report(" The %s variables are: ", run.series.pvpredictor != 0 ? "plausible" : "outcome");
+    const char* separator = "";
+    for (const int v : run.series.pvlist) {
+      report("%s%s", separator, eightcolumns(run.mdm.names1[v]).c_str());
+      separator = ",";
+    }
+    report("\n\n");
+  } else if (const Name& outcome = run.mdm.names1[run.kind.outvar]; !leftname(outcome).empty()) {
+    report(" The outcome variable is %s\n\n", eightcolumns(outcome).c_str());
+  }
+}
+
+// The words that tell which of the models of a non-linear run a table belongs to.
+const char* modelsuffix() {
+  if (!run.pass.nlrun) return "";
+  if (run.pass.nlfirstpass) return " (linear model with identity link function)";
+  return run.pass.paphase != 0 ? " (Population-average model)" : " (Unit-specific model)";
+}
+const char* robustlead() {
+  if (!run.pass.nlrun || run.pass.nlfirstpass) return " (";
+  return run.pass.paphase != 0 ? " (Population-average model " : " (Unit-specific model ";
+}
+
+void heading(TableKind kind) {
+  switch (kind) {
+    case TableKind::estimates:
+    case TableKind::averagedpv:
+    case TableKind::averagedmi:
+      report(run.pass.nlfirstpass ? " Estimation of fixed effects:" : " Final estimation of fixed effects:");
+      report("%s", modelsuffix());
+      reportbreak();
+      break;
+    case TableKind::robust:
+    case TableKind::averagedrobustpv:
+    case TableKind::averagedrobustmi:
+      report(" Final estimation of fixed effects\n%swith robust standard errors)\n", robustlead());
+      break;
+    case TableKind::leastsquares:
+      report(" Least-squares estimates of fixed effects\n");
+      break;
+    case TableKind::leastsquaresrobust:
+      report(" Least-squares estimates of fixed effects\n (with robust standard errors)\n");
+      break;
+    case TableKind::laplace:
+    case TableKind::quadrature:
+      report(" Final estimation of fixed effects\n (Unit-specific model)\n");
+      break;
+  }
+}
+
+void columnheads(TableKind kind) {
+  if (run.report.html) {
+    report("</h4>");
+    opentable();
+    report("<td align=left %s>Fixed Effect</td>\n", stylerule);
+    report("<td align=right %s>&nbsp;Coefficient</td>\n", stylerule);
+    report("<td align=right %s>&nbsp;Standard<br> error</td>\n", stylerule);
+    report("<td align=right %s>&nbsp;<i>t</i>-ratio</td>\n", stylerule);
+    report("<td align=right %s>&nbsp;Approx.<br><i>d.f.</i></td>\n", stylerule);
+    report("<td align=right %s>&nbsp;<i>p</i>-value</td>\n</tr>\n", stylerule);
+    report("<tbody>\n");
+    return;
+  }
+  reportrule(76);
+  report("                                       Standard%s\n", isleastsquares(kind) ? "" : "             Approx.");
+  report("    Fixed Effect         Coefficient   Error      T-ratio   d.f.     P-value\n");
+  reportrule(76);
+}
+
+void fixedrow(const Estimate& row, const char* style) {
+  const char* mark = row.rough ? "#" : "";
+  const double p = row.tested ? tprob(row.df, row.t) : 0.0;
+  if (run.report.html) {
+    numbercell(style, row.coefficient, 13, 6);
+    numbercell(style, row.se, 10, 6);
+    numbercell(style, row.t, 8, 3);
+    if (!row.tested) {
+      report("<td %s> colspan=2>Unable to compute</td></tr>", style);
+      return;
+    }
+    report("<td align=right valign=bottom %s>%d</td>\n", style, row.df);
+    if (p < 0.001) {
+      report("<td align=right valign=bottom %s><0.001", style);
+    } else {
+      report("<td align=right valign=bottom %s>%5.3f", style, p);
+    }
+    report("%s</td>\n</tr>", mark);
+    return;
+  }
+  report("%s  %s   %s ", fixedpoint(row.coefficient, 13, 6).c_str(), fixedpoint(row.se, 10, 6).c_str(),
+         fixedpoint(row.t, 8, 3).c_str());
+  if (row.tested) {
+    report("%8d    %5.3f%s\n", row.df, p, mark);
+  } else {
+    report("Unable to compute\n");
+  }
+}
+
+void ratiorow(const Estimate& row, const char* style) {
+  const double ratio = std::exp(row.coefficient);
+  const double reach = row.tested ? tcritical(row.df) * row.se : 0.0;
+  const double low = std::exp(row.coefficient - reach), high = std::exp(row.coefficient + reach);
+  const bool bounded = row.tested && std::isfinite(low) && std::isfinite(high);
+  if (run.report.html) {
+    numbercell(style, row.coefficient, 13, 6);
+    numbercell(style, ratio, 14, 6);
+    if (bounded) {
+      report("<td align=right valign=bottom %s>(%.3f,%.3f)</td>\n</tr>", style, low, high);
+    } else {
+      report("<td align=right valign=bottom %s>Unable to compute</td>\n</tr>", style);
+    }
+    return;
+  }
+  report("  %s %s    ", fixedpoint(row.coefficient, 13, 6).c_str(), fixedpoint(ratio, 14, 6).c_str());
+  if (bounded) {
+    report(" (%.3f,%.3f)\n", low, high);
+  } else {
+    report("Unable to compute\n");
+  }
+}
+
+void ratioheads() {
+  const bool rates = run.kind.nonlin == 2;
+  if (run.report.html) {
+    opentable();
+    report("<td align=left %s>Fixed Effect</td>\n", stylerule);
+    report("<td align=right %s>&nbsp;Coefficient</td>\n", stylerule);
+    report("<td align=center %s>&nbsp;%s<br>Ratio</td>\n", stylerule, rates ? "Event Rate" : "Odds");
+    report("<td align=center %s>&nbsp;Confidence<br>Interval</td>\n</tr>\n<tbody>\n", stylerule);
+    return;
+  }
+  reportrule(70);
+  report("                                         %s     Confidence\n", rates ? "Event Rate" : "Odds      ");
+  report("    Fixed Effect         Coefficient     Ratio          Interval\n");
+  reportrule(70);
+}
+
+}  // namespace
+
+void fixedtable(const FixedDegrees& degrees, TableKind kind, const double* variance, const double* gamma, int stride,
+                double scale) {
+  const Source source{degrees, kind, variance, gamma, stride, scale};
+  const std::vector<int> openings = setopenings();
+  reporthtml("<h4>");
+  if (isestimates(kind)) reporttext("\f");
+  outcomeline(kind);
+  heading(kind);
+  columnheads(kind);
+  bool anyrough = false;
+  for (int g = 0; g < run.coef.ngamma; ++g) {
+    const Estimate row = estimateof(source, g);
+    rowlead(g, openings[static_cast<std::size_t>(g)], rowstyle(g));
+    fixedrow(row, rowstyle(g));
+    anyrough = anyrough || (row.tested && row.rough);
+  }
+  reportrule(76);
+  reporthtml("</tbody></table>\n");
+  if (run.model.nconstrained != 0) reportline(" The \"*\" gammas have been constrained. See the table on page 1.");
+  if (anyrough) reportline(" The p-vals above marked with a \"#\" should regarded as a rough approximation.");
+  reportbreak();
+}
+
+void ratiotable(const FixedDegrees& degrees, TableKind kind, const double* variance, const double* gamma, int stride,
+                double scale) {
+  if (run.pass.linear()) return;
+  const Source source{degrees, kind, variance, gamma, stride, scale};
+  const std::vector<int> openings = setopenings();
+  ratioheads();
+  for (int g = 0; g < run.coef.ngamma; ++g) {
+    rowlead(g, openings[static_cast<std::size_t>(g)], rowstyle(g));
+    ratiorow(estimateof(source, g), rowstyle(g));
+  }
+  reportrule(70);
+  reporthtml("</tbody></table>\n");
+  if (run.model.nconstrained != 0)
+    reportline(" The \"*\" gammas have been constrained.  See the table on the header page.");
+  reportbreak();
+}
+
+}  // namespace kdr

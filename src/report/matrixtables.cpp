@@ -1,0 +1,148 @@
+#include "report/matrixtables.h"
+
+#include <algorithm>
+#include <cmath>
+#include <string>
+#include <vector>
+
+#include "driver/reportstream.h"
+#include "driver/runrecord.h"
+#include "report/modelrows.h"
+#include "report/stream.h"
+#include "report/symbols.h"
+
+namespace kdr {
+
+namespace {
+
+constexpr int blockwidth = 6;
+
+using Categories = std::vector<std::string>;
+
+std::string bracketed(const Categories& categories, int i) {
+  const std::string& category = categories[static_cast<std::size_t>(i)];
+  return category.empty() ? category : "(" + category + ")";
+}
+
+void title(MatrixTitle kind, bool zero, int n, const std::string& name) {
+  if (kind == MatrixTitle::plain) reportbreak();
+  switch (kind) {
+    case MatrixTitle::plain:
+      break;
+    case MatrixTitle::standarderror:
+      report(n > 1 ? "Standard errors of " : "Standard error of ");
+      break;
+    case MatrixTitle::renewed:
+      report("New ");
+      break;
+    case MatrixTitle::average:
+      report("Average ");
+      break;
+    case MatrixTitle::weightedaverage:
+      report("Weighted average ");
+      break;
+  }
+  report("%s", name.c_str());
+  if (zero && (kind == MatrixTitle::plain || kind == MatrixTitle::renewed))
+    report2("(0)", "<sub><small><i>(0)</i></small></sub>");
+  reportbreak();
+}
+
+void openmatrix() { reporthtml("<table border=0 cellpadding=0><tbody>"); }
+void closematrix() { report2("\n", "</tbody></table>\n"); }
+
+// The label of row i of taupi.
+void pilabel(int i, const std::string& category) {
+  const std::string name = eightcolumns(labelof(run.coef.pinames, i));
+  report2(" %s,%s%d", "<tr><td>%s,%s<sub><small><i>%d</i></small></sub>", name.c_str(), run.sym.sym1.c_str(),
+          subscriptof(run.coef.pisubs, i));
+  if (!category.empty()) report2("%s", "<sub><small><i>%s</i></small></sub>", category.c_str());
+  reporthtml("</td>");
+}
+
+void betaheads(int first, int last, const Categories& categories) {
+  const Coefficients& coef = run.coef;
+  const char* wider = multinomialrun() ? "    " : "";
+  reporthtml("<tr>");
+  for (int j = first; j < last; ++j) {
+    const std::string name = eightcolumns(labelof(coef.betanames1, j));
+    report2(" %s    ", "<td>%s&nbsp;&nbsp;</td>", name.c_str());
+    reporttext("%s", wider);
+  }
+  report2("\n", "</tr>\n<tr>");
+  for (int j = first; j < last; ++j) {
+    const std::string name = eightcolumns(labelof(coef.betanames2, j));
+    report2(" %s,%s%d%d%s", "<td>%s,%s<sub><small><i>%d%d%s</i></small></sub></td>", name.c_str(), run.sym.sym2.c_str(),
+            subscriptof(coef.betasubs1, j), subscriptof(coef.betasubs2, j), bracketed(categories, j).c_str());
+  }
+  report2("\n", "</tr>\n");
+}
+
+void correlationlabel(int level, int i, const std::string& category) {
+  const Coefficients& coef = run.coef;
+  if (level == 1) {
+    const std::string name = eightcolumns(labelof(coef.pinames, i));
+    report2(" %s,%s%d%s", "<tr><td>%s,%s<sub><small><i>%d%s</i></small></sub>", name.c_str(), run.sym.sym1.c_str(),
+            subscriptof(coef.pisubs, i), category.c_str());
+  } else {
+    const std::string name1 = eightcolumns(labelof(coef.betanames1, i));
+    const std::string name2 = eightcolumns(labelof(coef.betanames2, i));
+    report2(" %s/%s,%s%d%d%s", "<tr><td>%s/%s,%s<sub><small><i>%d%d%s</i></small></sub>", name1.c_str(), name2.c_str(),
+            run.sym.sym2.c_str(), subscriptof(coef.betasubs1, i), subscriptof(coef.betasubs2, i), category.c_str());
+  }
+  reporthtml("</td>");
+}
+
+}  // namespace
+
+void taupitable(MatrixTitle kind, bool zero, int n, const double* matrix) {
+  const Categories categories = randomcategories(1, n);
+  title(kind, zero, n, run.sym.symvar2);
+  openmatrix();
+  for (int i = 0; i < n; ++i) {
+    pilabel(i, bracketed(categories, i));
+    for (int j = 0; j < n; ++j)
+      report2(" %s ", "<td align=right>&nbsp;&nbsp;%s</td>", fixedpoint(matrix[i * n + j], 12, 5).c_str());
+    report2("\n", "</tr>\n");
+  }
+  closematrix();
+}
+
+void taubetatable(MatrixTitle kind, bool zero, int n, const double* matrix) {
+  const Categories categories = randomcategories(2, n);
+  const char* wider = multinomialrun() ? "   " : "";
+  for (int first = 0; first < n; first += blockwidth) {
+    const int last = std::min(n, first + blockwidth);
+    title(kind, zero, n, run.sym.symvar3);
+    openmatrix();
+    betaheads(first, last, categories);
+    for (int i = 0; i < n; ++i) {
+      reporthtml("<tr>");
+      for (int j = first; j < last; ++j) {
+        report2("%s  ", "<td align=right>&nbsp;&nbsp;%s</td>", fixedpoint(matrix[i * n + j], 11, 5).c_str());
+        reporttext("%s", wider);
+      }
+      report2("\n", "</tr>\n");
+    }
+    closematrix();
+  }
+}
+
+void correlationtable(int level, int n, const double* matrix) {
+  if (n <= 1) return;
+  const Categories categories = randomcategories(level, n);
+  report("%s (as correlations)", (level == 1 ? run.sym.symvar2 : run.sym.symvar3).c_str());
+  reportbreak();
+  openmatrix();
+  for (int i = 0; i < n; ++i) {
+    correlationlabel(level, i, bracketed(categories, i));
+    for (int j = 0; j < n; ++j) {
+      const double r = matrix[i * n + j] / std::sqrt(matrix[i * n + i] * matrix[j * n + j]);
+      report2(" %s", "<td>&nbsp;%s</td>", fixedpoint(r, 6, 3).c_str());
+    }
+    report2("\n", "</tr>\n");
+  }
+  closematrix();
+}
+
+}  // namespace kdr

@@ -1,0 +1,64 @@
+#include "report/modelstatistics.h"
+
+#include <algorithm>
+#include <climits>
+#include <cmath>
+#include <cstdlib>
+
+#include "driver/reportstream.h"
+#include "driver/runrecord.h"
+#include "kernel/distributions.h"
+
+namespace kdr {
+
+namespace {
+
+long long triangle(long long n) { return n * (n + 1) / 2; }
+
+long long parametercount(int phase) {
+  const long long taupis = phase == 1 ? run.mdm.nunits3 : 1;
+  return run.coef.ngamma + triangle(run.coef.nbeta) + taupis * triangle(run.coef.npi) +
+         (run.iter.fixsigma2 == 0.0 ? 1 : 0);
+}
+
+void comparison(double deviance, long long parameters) {
+  const double statistic = std::fabs(deviance - run.out.deviance);
+  const int df = static_cast<int>(std::min<long long>(std::llabs(parameters - run.out.df), INT_MAX));
+  report2("\n Model comparison test\n", "<h5>&nbsp;&nbsp;&nbsp;&nbsp;Model comparison test</h5>\n");
+  reportrule(35);
+  report2(" Chi-square statistic   = %12.5f", "&nbsp;&nbsp;&nbsp;&nbsp; &chi;<sup>2</sup> statistic   = %12.5f",
+          statistic);
+  reportbreak();
+  reporthtml("&nbsp;&nbsp;&nbsp;&nbsp;");
+  reportline(" Degrees of freedom     = %6d", df);
+  report2(" P", "&nbsp;&nbsp;&nbsp;&nbsp; <i>p</i>");
+  report("-value                =      ");
+  const bool fits = df <= 0 || statistic < df;
+  const double p = fits ? 1.0 : chisqprob(df, statistic);
+  if (fits) {
+    report(">.500");
+  } else if (p < 0.001) {
+    report("<0.001");
+  } else {
+    report("%5.3f", p);
+  }
+  reportbreak();
+}
+
+}  // namespace
+
+void modelstatistics(double loglik, int phase) {
+  const long long parameters = parametercount(phase);
+  const double deviance = -2.0 * loglik;
+  report2("\n\n Statistics for the current model\n", "<h4>Statistics for the current model</h4>\n");
+  reportrule(50);
+  if (std::isfinite(deviance)) {
+    reportline(" Deviance                       = %f", deviance);
+  } else {
+    reportline(" Deviance                       = Unable to compute");
+  }
+  reportline(" Number of estimated parameters = %lld", parameters);
+  if (run.out.deviance != missingcode && std::isfinite(deviance)) comparison(deviance, parameters);
+}
+
+}  // namespace kdr

@@ -1,0 +1,240 @@
+#include "report/specification.h"
+
+#include <cstdlib>
+#include <string>
+
+#include "driver/failures.h"
+#include "driver/reportstream.h"
+#include "driver/runrecord.h"
+#include "report/equations.h"
+#include "report/modelrows.h"
+#include "report/stream.h"
+#include "report/symbols.h"
+
+namespace kdr {
+
+namespace {
+
+constexpr int maxlevel1summary = 500;
+constexpr int maxlevel2summary = 500;
+constexpr int maxgammasummary = 1500;
+
+// The block of facts.
+
+const char* distribution() {
+  if (run.kind.nonlin == 3) return run.kind.ordinal ? "Ordinal" : "Multinomial";
+  if (run.kind.nonlin == 2) return "Poisson";
+  return run.kind.nlcount ? "Binomial" : "Bernoulli";
+}
+
+void runheading() {
+  reportbreak();
+  report2(" Specifications for this ", "<h2>Specifications for this ");
+  if (run.pass.nlrun && run.iter.fixsigma2 == 0.0) report("Overdispersed ");
+  if (!run.pass.linear()) report("%s ", distribution());
+  report("%s run", module);
+  report2("\n\n\n", "</h2>");
+}
+
+void estimationmethod() {
+  const bool likelihood = run.iter.laplace || run.iter.agqpoints != 0;
+  report("  Method of estimation: full");
+  if (run.pass.linear()) {
+    report(" maximum likelihood");
+  } else if (run.pass.mnrun || !likelihood) {
+    report(" PQL");
+  } else {
+    report(" maximum likelihood");
+    if (run.iter.laplace) report(" via EM-Laplace 2");
+    if (run.iter.agqpoints != 0) report(" via adaptive Gaussian quadrature");
+  }
+  reportbreak();
+}
+
+void seriesfacts() {
+  if (run.series.pvmode) {
+    reportbreak();
+    reportline("  This is part of a plausible value analysis using the following variables:");
+    for (const int v : run.series.pvlist) report("    %s\n", eightcolumns(run.mdm.names1[v]).c_str());
+    reportbreak();
+  }
+  if (run.series.mimode) {
+    reportbreak();
+    reportline("  This is part of a multiple imputation analysis");
+  }
+}
+
+void nonlinearfacts() {
+  if (run.pass.linear()) return;
+  report("  Maximum number of macro iterations = %d\n", run.iter.macroit);
+  reportbreak();
+  if (run.iter.agqpoints != 0) reportline("  Number of adaptive Gaussian quadrature points = %d", run.iter.agqpoints);
+  if (run.iter.popavit > 1) reportline("  Maximum number of population average iterations = %d", run.iter.popavit);
+  reportbreak();
+  reportline("  Distribution at Level-1: %s", distribution());
+  if (run.iter.taylor != 0) reportline("Taylor series at order %d selected", run.iter.taylor);
+}
+
+void facts() {
+  const RunFiles& files = run.files;
+  runheading();
+  reportline("  Problem Title: %s", escaped(files.title).c_str());
+  reportbreak();
+  reportline("  The data source for this run  = %s", escaped(files.sourcename).c_str());
+  reportline("  The command file for this run = %s", escaped(files.cmdshown).c_str());
+  reportline("  Output file name              = %s", escaped(files.outfile).c_str());
+  reportline("  The maximum number of level-1 units = %d", run.mdm.nunits1);
+  reportline("  The maximum number of level-2 units = %d", run.mdm.nunits2);
+  reportline("  The maximum number of level-3 units = %d", run.mdm.nunits3);
+  report("  The maximum number of %siterations = %d\n", run.pass.linear() ? "" : "micro ", run.iter.numit);
+  reportbreak();
+  if (run.pass.mnrun) reportline("  Number of categories = %d", run.kind.ncat);
+  estimationmethod();
+  seriesfacts();
+  nonlinearfacts();
+}
+
+// The weighting table.
+
+void weightrow(const char* textlabel, const char* htmllabel, const Name* name, bool normalised, const char* style) {
+  const std::string shown = name == nullptr ? std::string() : eightcolumns(*name);
+  if (run.report.html) {
+    report("<tr><td align=left %s>%s</td><td align=center %s>%s</td>", style, htmllabel, style, name ? "yes" : "no");
+    report("<td align=center %s>%s</td>", style, name ? shown.c_str() : "&nbsp");
+    report("<td align=center %s>%s</td></tr>\n", style, name ? "yes" : "&nbsp");
+    return;
+  }
+  report("%s", textlabel);
+  if (name == nullptr) {
+    report(" no       \n");
+  } else if (normalised) {
+    report("yes       %s        yes\n", shown.c_str());
+  } else {
+    report("yes       %s         no\n", shown.c_str());
+  }
+}
+
+void weightingtable() {
+  const OutputControl& out = run.out;
+  const MdmData& mdm = run.mdm;
+  if (out.wgtvar1 == 0 && out.wgtvar2 == 0 && out.wgtvar3 == 0 && out.autovknown == 0) return;
+  report2("\n Weighting Specification\n", "<h4> Weighting Specification</h4>\n");
+  reportrule(23);
+  reporttext("                         Weight\n");
+  reporttext("                         Variable\n");
+  reporttext("            Weighting?   Name        Normalized?\n");
+  if (run.report.html) {
+    opentable();
+    for (const char* head : {"&nbsp;", "Weighting?", "Weight<br>Variable", "Normalized?"})
+      report("<td align=center %s>%s</td>\n", stylerule, head);
+    report("</tr>\n<tbody>\n");
+  }
+  const auto named = [](const Array<Name>& names, int v) { return v == 0 ? nullptr : &names[v]; };
+  weightrow(" Level 1       ", "Level 1", named(mdm.names1, out.wgtvar1), true, styleplain);
+  weightrow(" Level 2       ", "Level 2", named(mdm.names2, out.wgtvar2), true, styleplain);
+  weightrow(" Level 3       ", "Level 3", named(mdm.names3, out.wgtvar3), true, styleplain);
+  weightrow(" Precision     ", "Precision", named(mdm.names1, out.autovknown), false, stylebottom);
+  reporthtml("</tbody></table>\n");
+}
+
+// The model table, in text mode only.
+
+// The marks that the rows have shown, for the notes under the table.
+struct MarksShown {
+  bool fixed = false, group = false, grand = false;
+};
+
+char fixedmark(bool fixed, MarksShown& shown) {
+  shown.fixed = shown.fixed || fixed;
+  return fixed ? '#' : ' ';
+}
+
+char centeringmark(int mark, MarksShown& shown) {
+  shown.group = shown.group || mark == 1;
+  shown.grand = shown.grand || mark == 2;
+  return mark == 1 ? '*' : mark == 2 ? '%' : ' ';
+}
+
+void modelheading(bool constrained) {
+  report("\n  The model specified for the fixed effects was:\n");
+  reportrule(52);
+  report("\n   Level-1                Level-2           Level-3%s", constrained ? "          Specified" : "");
+  report("\n   Coefficients           Predictors        Predictors%s", constrained ? "       Constraints" : "");
+  report("\n ---------------------  ---------------   ----------------%s\n", constrained ? "   -----------" : "");
+}
+
+void effectcolumns(const ModelRows& rows, const EffectRow& effect, bool constrained, MarksShown& shown) {
+  const int mark = effect.term < 0 || run.model.center3[effect.variable] != 2 ? 0 : 2;
+  report("   %c%s", centeringmark(mark, shown), effectlabel(rows, effect).c_str());
+  if (constrained) report("        %1.1d", std::abs(effect.constraint));
+  reportbreak();
+}
+
+void termrows(const ModelRows& rows, const TermRow& term, bool constrained, MarksShown& shown) {
+  report("%c%c%s", fixedmark(!term.random, shown), centeringmark(run.model.center2[term.variable], shown),
+         termlabel(rows, term).c_str());
+  for (int u = 0; u < term.neffects; ++u) {
+    if (u > 0) report("%39s", "");
+    effectcolumns(rows, rows.effects[static_cast<std::size_t>(term.firsteffect + u)], constrained, shown);
+  }
+  if (term.neffects == 0) reportbreak();
+}
+
+void coefficientlead(const CoefficientRow& coefficient, MarksShown& shown) {
+  report("%c%c%s ", fixedmark(!coefficient.random && !coefficient.threshold, shown),
+         centeringmark(coefficient.threshold ? 0 : run.model.center1[coefficient.variable], shown),
+         coefficientlabel(coefficient).c_str());
+  if (!coefficient.threshold) report("   ");
+}
+
+void modeltable(const ModelRows& rows) {
+  const bool constrained = run.model.nconstrained != 0;
+  MarksShown shown;
+  modelheading(constrained);
+  std::size_t g = 0;  // the fixed effects so far; a threshold has one and no terms
+  for (const CoefficientRow& coefficient : rows.coefficients) {
+    coefficientlead(coefficient, shown);
+    for (int t = 0; t < coefficient.nterms; ++t) {
+      const TermRow& term = rows.terms[static_cast<std::size_t>(coefficient.firstterm + t)];
+      if (t > 0) report("%24s", "");
+      termrows(rows, term, constrained, shown);
+      g += static_cast<std::size_t>(term.neffects);
+    }
+    if (coefficient.threshold) {
+      report("%14s", "");
+      effectcolumns(rows, rows.effects[g++], constrained, shown);
+    } else if (coefficient.nterms == 0) {
+      reportbreak();
+    }
+  }
+  report("\n");
+  if (shown.fixed) report(" '#' - The residual parameter variance for the parameter has been set to zero\n");
+  if (shown.group) report(" '*' - This variable has been centered around its group mean\n");
+  if (shown.grand) report(" '%%' - This variable has been centered around its grand mean\n");
+}
+
+}  // namespace
+
+void buildsummary() {
+  int level1 = 0, level2 = 0, fixed = 0;
+  const ModelRows rows = modelrows();
+  for (const CoefficientRow& coefficient : rows.coefficients) level1 += coefficient.set == 0 ? 1 : 0;
+  for (const TermRow& term : rows.terms) {
+    if (rows.coefficients[static_cast<std::size_t>(term.owner)].set != 0) continue;
+    ++level2;
+    fixed += term.neffects > 0 ? term.neffects : 1;
+  }
+  if (level1 > maxlevel1summary || level2 > maxlevel2summary || fixed > maxgammasummary)
+    stopwith("Model is too big for the program!\n");
+}
+
+void writespecification() {
+  facts();
+  weightingtable();
+  report("\n  The outcome variable is %s\n", escaped(run.kind.outname.text).c_str());
+  if (!run.report.html) modeltable(modelrows());
+  writeequations();
+  writemixedmodel();
+}
+
+}  // namespace kdr

@@ -1,0 +1,128 @@
+#include "report/stream.h"
+
+#include <strings.h>
+#include <sys/stat.h>
+
+#include <cmath>
+#include <cstdio>
+
+#include "data/scratch.h"
+#include "driver/failures.h"
+#include "driver/questions.h"
+#include "driver/reportstream.h"
+#include "driver/runrecord.h"
+
+namespace kdr {
+
+namespace {
+
+// The place of the dot of the last path component, or the length when it has none.
+std::size_t extensionplace(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  const std::size_t dot = path.rfind('.');
+  if (dot == std::string::npos || (slash != std::string::npos && dot < slash)) return path.size();
+  return dot;
+}
+
+bool beginswith(const std::string& text, const char* start) {
+  return strncasecmp(text.c_str(), start, std::string_view(start).size()) == 0;
+}
+
+// One report for each sub-run of a series, numbered from 1. The name given for the first one makes all the others.
+void numberreport() {
+  RunFiles& files = run.files;
+  if (!run.series.pvmode || run.series.pvindex == 0) {
+    const std::size_t dot = extensionplace(files.outfile);
+    files.outbase = files.outfile.substr(0, dot);
+    run.report.numberedhtml = beginswith(files.outfile.substr(dot), ".htm");
+  }
+  const std::string number = std::to_string((run.series.pvmode ? run.series.pvindex : run.series.miindex) + 1);
+  files.outfile = run.report.numberedhtml ? files.outbase + "_" + number + ".html" : files.outbase + "." + number;
+}
+
+void refusetooverwrite(const std::string& input) {
+  struct stat report_ {
+  }, input_{};
+  if (stat(run.files.outfile.c_str(), &report_) != 0 || stat(input.c_str(), &input_) != 0) return;
+  if (S_ISREG(report_.st_mode) && report_.st_dev == input_.st_dev && report_.st_ino == input_.st_ino)
+    stopwith("The output file %s is an input file of this run\n", run.files.outfile.c_str());
+}
+
+}  // namespace
+
+void openreport() {
+  RunFiles& files = run.files;
+  const bool laterpass = run.series.pvmode && run.series.pvindex > 0 && !files.outbase.empty();
+  if (files.outfile.empty() && !laterpass) {
+    std::printf("Enter name of output file: ");
+    readanswer(files.outfile);
+  }
+  if (reportisstdout()) {
+    run.report.stream = stdout;
+  } else {
+    const bool series = run.series.pvmode || run.series.mimode;
+    if (series) numberreport();
+    refusetooverwrite(files.mdmfile);
+    refusetooverwrite(files.cmdfile);
+    run.report.stream = openfile(files.outfile, series ? "w+" : "w");
+  }
+  const std::size_t dot = files.outfile.rfind('.');
+  run.report.html = dot != std::string::npos && beginswith(files.outfile.substr(dot), ".htm");
+  reporthtml(
+      "<html lang=en>\n<meta http-equiv=\"content-type\" content=\"text/html;charset=utf-8\" />\n"
+      "<body bgcolor=\"FFFFFF\" fgcolor=\"000000\">\n");
+}
+
+void closereport() {
+  if (run.report.stream == nullptr) return;
+  if (!run.pass.linear() && !run.series.mimode) cutreport();
+  reporthtml("</body></html>\n");
+  if (reportisstdout()) {
+    std::fflush(stdout);
+  } else {
+    std::fclose(run.report.stream);
+  }
+  run.report.stream = nullptr;
+}
+
+void opentable() { reporthtml("<table border=1 cellpadding=3 style='border-collapse:collapse;border:none'>\n<tr>\n"); }
+
+std::string escaped(std::string_view text) {
+  if (!run.report.html) return std::string(text);
+  std::string safe;
+  for (const char c : text) {
+    if (c == '&') {
+      safe += "&amp;";
+    } else if (c == '<') {
+      safe += "&lt;";
+    } else if (c == '>') {
+      safe += "&gt;";
+    } else {
+      safe += c;
+    }
+  }
+  return safe;
+}
+
+std::string eightcolumns(const Name& name) {
+  char columns[9];
+  std::snprintf(columns, sizeof columns, "%8.8s", name.text);
+  return escaped(columns);
+}
+
+std::string bareword(const Name& name) {
+  const std::string left = leftname(name);
+  return escaped(std::string_view(left).substr(0, left.find(' ')));
+}
+
+std::string fixedpoint(double value, int width, int decimals) {
+  char text[400];  // the largest double takes 309 digits
+  if (!std::isfinite(value) || value == missingcode) {
+    std::snprintf(text, sizeof text, "%*s", width, "NC");
+  } else {
+    std::snprintf(text, sizeof text, "%*.*f", width, decimals, value);
+  }
+  return text;
+}
+
+}  // namespace kdr

@@ -1,0 +1,41 @@
+// The report as a file: its name and mode, its beginning and its end; and the pieces that all tables are made of.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "driver/names.h"
+
+namespace kdr {
+
+// Cell styles of an HTML table: body, heading, last row.
+inline constexpr const char* styleplain = "style='border:none;padding:0in 5.4pt 0in 5.4pt'";
+inline constexpr const char* stylerule =
+    "style='border:none;border-top:solid windowtext 1.5pt;border-bottom:solid windowtext 1.5pt;padding:0in 5.4pt 0in "
+    "5.4pt'";
+inline constexpr const char* stylebottom =
+    "style='border:none;border-bottom:solid windowtext 1.5pt;padding:0in 5.4pt 0in 5.4pt'";
+
+// Opens the report of this pass by run.files.outfile (asked for when empty; in a series a numbered name made from it,
+// left in outfile with its stem in outbase) and sets run.report.html by the extension. In HTML mode the page head is
+// written. A report that cannot be opened, or that would overwrite the run's own MDM file or command file, stops the
+// run with code 100.
+void openreport();
+
+// Ends the report on a normal end of a pass: cuts what an earlier, longer iteration of a non-linear run left behind,
+// closes the page, closes the file. Nothing is written to standard output.
+void closereport();
+
+// HTML mode: opens a table up to its first heading cell.
+void opentable();
+
+// A user's text as it may stand in the report: in HTML mode "&", "<" and ">" become entities.
+[[nodiscard]] std::string escaped(std::string_view text);
+// The first 8 columns of a name as they stand, escaped.
+[[nodiscard]] std::string eightcolumns(const Name& name);
+// A name as equations and sentences show it: without leading blanks, cut at the first blank, escaped.
+[[nodiscard]] std::string bareword(const Name& name);
+// A value by "%<width>.<decimals>f"; one that could not be computed (not finite, or missingcode) reads "NC".
+[[nodiscard]] std::string fixedpoint(double value, int width, int decimals);
+
+}  // namespace kdr

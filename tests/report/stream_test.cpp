@@ -1,0 +1,173 @@
+#include "report/stream.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "driver/reportstream.h"
+#include "driver/runrecord.h"
+#include "report/header.h"
+#include "report/resultsheading.h"
+#include "reportfixture.h"
+
+namespace kdr {
+namespace {
+
+namespace fs = std::filesystem;
+
+// A directory of its own, the current one while the test runs.
+class Report : public testing::Test {
+ protected:
+  void SetUp() override {
+    before = fs::current_path();
+    std::string pattern = (fs::temp_directory_path() / "reportXXXXXX").string();
+    directory = mkdtemp(pattern.data());
+    fs::current_path(directory);
+    startmodel({"Y"}, {}, {});
+    run.id.waitseconds = -1;
+  }
+  void TearDown() override {
+    fs::current_path(before);
+    fs::remove_all(directory);
+  }
+  static std::string contents(const std::string& path) {
+    std::ostringstream text;
+    text << std::ifstream(path, std::ios::binary).rdbuf();
+    return text.str();
+  }
+  fs::path before, directory;
+};
+
+constexpr const char* pagehead =
+    "<html lang=en>\n<meta http-equiv=\"content-type\" content=\"text/html;charset=utf-8\" />\n"
+    "<body bgcolor=\"FFFFFF\" fgcolor=\"000000\">\n";
+
+TEST_F(Report, NameDecidesTheMode) {
+  struct {
+    const char* name;
+    bool html;
+  } cases[] = {{"r.txt", false}, {"r.HTM", true}, {"r.html", true}, {"r", false}, {"htm", false}, {"a.htm.txt", false}};
+  for (const auto& c : cases) {
+    run.files.outfile = c.name;
+    openreport();
+    EXPECT_EQ(run.report.html, c.html) << c.name;
+    reportline("x");
+    closereport();
+    EXPECT_EQ(contents(c.name), c.html ? std::string(pagehead) + "x<br>\n</body></html>\n" : "x\n") << c.name;
+  }
+}
+
+TEST_F(Report, SeriesNumberTheirReports) {
+  struct {
+    const char* given;
+    bool pvmode;
+    int index;
+    const char* made;
+  } cases[] = {{"r.txt", false, 2, "r.3"},
+               {"r", false, 0, "r.1"},
+               {"r.html", false, 1, "r_2.html"},
+               {"./d.x/r", true, 0, "./d.x/r.1"}};
+  fs::create_directory("d.x");
+  for (const auto& c : cases) {
+    run.series = SeriesMode{};
+    run.series.pvmode = c.pvmode;
+    run.series.mimode = !c.pvmode;
+    run.series.miindex = run.series.pvindex = c.index;
+    run.files.outfile = c.given;
+    openreport();
+    closereport();
+    EXPECT_EQ(run.files.outfile, c.made);
+    EXPECT_TRUE(fs::exists(c.made));
+  }
+  // The passes of one process go on from the first one's name, stem with dots and all.
+  run.series = SeriesMode{};
+  run.series.pvmode = true;
+  run.files.outfile = "a.b.htm";
+  for (const char* expected : {"a.b_1.html", "a.b_2.html", "a.b_3.html"}) {
+    openreport();
+    EXPECT_TRUE(run.report.html);
+    closereport();
+    EXPECT_EQ(run.files.outfile, expected);
+    ++run.series.pvindex;
+  }
+}
+
+TEST_F(Report, DoesNotOverwriteItsInput) {
+  std::ofstream("m.kdr") << "LEVEL1:Y=INTRCPT1\n";
+  run.files.cmdfile = "m.kdr";
+  run.files.outfile = "./m.kdr";
+  EXPECT_EXIT(
+      {
+        dup2(STDERR_FILENO, STDOUT_FILENO);
+        openreport();
+      },
+      testing::ExitedWithCode(100), "is an input file of this run");
+  EXPECT_EQ(contents("m.kdr"), "LEVEL1:Y=INTRCPT1\n");
+}
+
+// A later, shorter iteration overwrites an earlier one; what the earlier one left behind goes with the end.
+TEST_F(Report, ShorterIterationLeavesNothingOfTheLongerOne) {
+  setsymbols();
+  run.files.outfile = "r.txt";
+  run.pass.nlrun = true;
+  run.kind.nonlin = 1;
+  openreport();
+  report("head\n");
+  run.report.reportpos = std::ftell(run.report.stream);
+  run.pass.macrocounter = 2;
+  resultsheading(1.0);
+  report("a long result of an early iteration\n");
+  run.pass.macrocounter = 3;
+  resultsheading(1.0);
+  report("short\n");
+  closereport();
+  EXPECT_EQ(contents("r.txt"),
+            "head\n\fRESULTS FOR NON-LINEAR MODEL WITH THE LOGIT LINK FUNCTION:\n"
+            "  Unit-Specific Model, PQL Estimation - (macro iteration 3)\nshort\n");
+}
+
+TEST(ResultsHeading, OfEachKindOfPass) {
+  startmodel({"Y"}, {}, {});
+  const auto heading = [](bool html) {
+    return captured(html, [] {
+      setsymbols();
+      resultsheading(2.5);
+    });
+  };
+  EXPECT_EQ(heading(false), "\fRESULTS FOR LINEAR MODEL WITH THE IDENTITY LINK FUNCTION\n\n sigma^2 =      2.50000\n");
+  run.out.fulloutput = false;
+  EXPECT_EQ(heading(false), "");
+  run.pass.nlrun = true;
+  run.pass.macrocounter = 4;
+  run.kind.nonlin = 2;
+  EXPECT_EQ(
+      heading(true),
+      "<h2>Results for Non-linear Model with the Log Link Function<br><small>Unit-Specific Model, PQL Estimation - "
+      "(macro iteration 4)</small></h2>\n");
+  run.pass.paphase = 1;
+  EXPECT_EQ(heading(false), "\n\nRESULTS FOR POPULATION-AVERAGE MODEL\n\n");
+  run.pass.nlrun = false;
+  run.pass.mnrun = true;
+  EXPECT_EQ(heading(false), "\fRESULTS FOR MULTINOMIAL ITERATION 4\n\n");
+}
+
+TEST(Header, TextLines) {
+  startmodel({"Y"}, {}, {});
+  std::string text = captured(false, [] { writeheader(); });
+  const std::size_t date = text.find(" Date:        ");
+  ASSERT_NE(date, std::string::npos);
+  const std::string rule = ruleof(79);
+  EXPECT_EQ(text.substr(0, date),
+            "\n Program:                       KDR 7 Nested Linear and Nonlinear Modeling\n"
+            " Authors:                       Dara Quill, Ivo Renk, & Mira Sol\n"
+            " Publisher:                     Tessel Analytic Press, Inc.\n" +
+                std::string(60, ' ') + "support@kdr3.example\n" + std::string(60, ' ') + "https://kdr3.example\n" +
+                rule + " Module:      report_tests (7.01)\n");
+  EXPECT_EQ(text.substr(text.find(rule, date)), rule + "\n\n");
+}
+
+}  // namespace
+}  // namespace kdr
