@@ -74,8 +74,6 @@ void refuseabsentengines() {
       {run.series.mimode, "pool multiply imputed data sets"},
       {run.series.pvmode, "pool plausible values"},
       {run.out.lvr, "do latent variable regressions"},
-      {run.out.resfil1 || run.out.resfil2 || run.out.resfil3, "write residual files"},
-      {run.out.graph, "write graph data files"},
   };
   for (const Absent& engine : absent)
     if (engine.wanted) stopwith("This version of %s cannot %s yet.\n", module, engine.what);

@@ -11,9 +11,11 @@
 #include "linear/datapass.h"
 #include "linear/exploratory.h"
 #include "linear/fixtau.h"
+#include "linear/graphdata.h"
 #include "linear/heterogeneous.h"
 #include "linear/inference.h"
 #include "linear/iteration.h"
+#include "linear/residualfiles.h"
 #include "linear/startingvalues.h"
 #include "linear/startvaluesfile.h"
 #include "linear/variancefiles.h"
@@ -197,6 +199,8 @@ void estimate() {
 
   modelstatistics(state.likelihood.current, state.hetstate);
   if (haveexploratory()) exploratory(pass);
+  if (run.out.resfil1 || run.out.resfil2 || run.out.resfil3) writeresidualfiles(pass);
+  if (run.out.graph) writegraphdata(pass);
   if (run.out.printvc != 0) listvariancefiles();
   freestore(pass.store);
 }
