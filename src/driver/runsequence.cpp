@@ -3,7 +3,10 @@
 #include <sys/stat.h>
 
 #include <cstdio>
+#include <filesystem>
+#include <set>
 #include <string>
+#include <system_error>
 
 #include "data/construction.h"
 #include "data/mdm.h"
@@ -75,11 +78,37 @@ void refuseabsentengines() {
       {run.series.pvmode, "pool plausible values"},
       {run.iter.agqpoints != 0, "do adaptive quadrature"},
       {run.out.lvr, "do latent variable regressions"},
-      {run.out.resfil1 || run.out.resfil2 || run.out.resfil3, "write residual files"},
-      {run.out.graph, "write graph data files"},
   };
   for (const Absent& engine : absent)
     if (engine.wanted) stopwith("This version of %s cannot %s yet.\n", module, engine.what);
+}
+
+std::filesystem::path canonical(const std::string& path) {
+  std::error_code problem;
+  std::filesystem::path whole = std::filesystem::weakly_canonical(path, problem);
+  return problem ? std::filesystem::path(path) : std::filesystem::absolute(whole, problem);
+}
+
+// A result file that would stand where a file of the same run stands ends the run before anything is written.
+void refuseclashes() {
+  struct Result {
+    bool wanted;
+    const std::string& path;
+  };
+  const Result results[] = {{run.out.resfil1, run.files.resfil1name},
+                            {run.out.resfil2, run.files.resfil2name},
+                            {run.out.resfil3, run.files.resfil3name},
+                            {run.out.graph, run.files.graphgammas}};
+  std::set<std::filesystem::path> taken;
+  for (const std::string* input : {&run.files.mdmfile, &run.files.cmdfile, &run.files.outfile, &run.files.startvals})
+    if (!input->empty()) taken.insert(canonical(*input));
+  for (const Result& result : results) {
+    std::error_code problem;
+    const bool device =
+        std::filesystem::exists(result.path, problem) && !std::filesystem::is_regular_file(result.path, problem);
+    if (result.wanted && !device && !taken.insert(canonical(result.path)).second)
+      stopwith("The result file %s has the name of another file of this run\n", result.path.c_str());
+  }
 }
 
 // Marks every variable of the model as one without which a level-1 record cannot be used.
@@ -123,6 +152,7 @@ void readmodel() {
   outputquestions();
   compactlists();
   refuseabsentengines();
+  refuseclashes();
   finishdeletion();
   run.kind.weighted = run.out.wgtvar1 != 0 || run.out.wgtvar2 != 0 || run.out.wgtvar3 != 0;
   if (run.kind.weighted) normaliseweights();
