@@ -21,8 +21,9 @@ constexpr int mostlayout = 3;
 constexpr double codebias = 100.0;
 constexpr int codesinblock = 8;
 
-// Codes of a compressed case; those below 252 are values.
-enum Code : unsigned char { codenone = 0, codeend = 252, codevalue = 253, codeblank = 254, codemissing = 255 };
+// Codes of a compressed case; those from 1 to 251 are values. Some writers fill the last block of each case up with
+// zeros, others only the last block of the file.
+enum Code : unsigned char { codefiller = 0, codeend = 252, codevalue = 253, codeblank = 254, codemissing = 255 };
 
 using Slot = std::array<unsigned char, slotsize>;
 constexpr Slot blankslot = {' ', ' ', ' ', ' ', ' ', ' ', ' ', ' '};
@@ -217,36 +218,57 @@ int readplain(SpssFile& file) {
   return 0;
 }
 
-int readcompressed(SpssFile& file) {
+// The bytes of a compressed case as they are looked at.
+struct Window {
+  const unsigned char* from;
+  const unsigned char* next;
+  const unsigned char* end;
+};
+
+// The window from the reader's place on, wide enough for all the values of a case and the blocks of codes before,
+// between and behind them.
+Window startwindow(SpssFile& file) {
   const std::size_t numslots = file.slots.size();
   std::size_t got = 0;
-  // All the values of a case and all the blocks of codes before, between and behind them.
   const unsigned char* from = peekbytes(file.bytes, (numslots + numslots / codesinblock + 1) * slotsize, got);
-  const unsigned char* bytes = from;
-  const unsigned char* end = from + got;
-  const RawVariable* row = file.rows;
-  for (std::size_t slot = 0; slot < numslots; ++slot) {
+  return {from, from, from + got};
+}
+
+// Takes the next 8 bytes. Only a file with much filler among its codes moves the window. False at the end of the file.
+bool takeeight(SpssFile& file, Window& window, unsigned char* to) {
+  if (window.end - window.next < static_cast<long long>(slotsize)) {
+    file.bytes.at += static_cast<std::size_t>(window.next - window.from);
+    window = startwindow(file);
+    if (window.end - window.next < static_cast<long long>(slotsize)) return false;
+  }
+  std::memcpy(to, window.next, slotsize);
+  window.next += slotsize;
+  return true;
+}
+
+int readcompressed(SpssFile& file) {
+  const std::size_t numslots = file.slots.size();
+  Window window = startwindow(file);
+  for (std::size_t slot = 0; slot < numslots;) {
     if (file.ctlpos == codesinblock) {
-      if (end - bytes < codesinblock) return enddata(file, slot > 0 || bytes != end);
-      std::memcpy(file.codes, bytes, codesinblock);
-      bytes += codesinblock;
+      if (!takeeight(file, window, file.codes)) return enddata(file, slot > 0 || window.next != window.end);
       file.ctlpos = 0;
     }
     const unsigned char code = file.codes[file.ctlpos++];
+    if (code == codefiller) continue;
     Slot& value = file.slots[slot];
     if (code == codevalue) {
-      if (end - bytes < static_cast<long long>(slotsize)) return enddata(file, true);
-      std::memcpy(value.data(), bytes, slotsize);
-      bytes += slotsize;
-    } else if (code == codeend || code == codenone) {
+      if (!takeeight(file, window, value.data())) return enddata(file, true);
+    } else if (code == codeend) {
       return enddata(file, slot > 0);
-    } else if (code == codeblank || row[slot].text) {
+    } else if (code == codeblank || file.rows[slot].text) {
       value = file.blank[slot];
     } else {
       value = std::bit_cast<Slot>(code == codemissing ? missingcode : code - codebias);
     }
+    ++slot;
   }
-  file.bytes.at += static_cast<std::size_t>(bytes - from);
+  file.bytes.at += static_cast<std::size_t>(window.next - window.from);
   return 0;
 }
 
