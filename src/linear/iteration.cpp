@@ -227,8 +227,7 @@ void testconvergence(IterationState& state, int iteration) {
 void askinterrupt() {
   std::string line;
   for (int tries = 0; tries < maxtries; ++tries) {
-    std::printf("Enter 0 to stop iterating, 1 to exit now");
-    readanswer(line);
+    readanswer("Enter 0 to stop iterating, 1 to exit now", line);
     if (line == "1") fail(0);
     if (line == "0") {
       ++run.pass.stopflag;
