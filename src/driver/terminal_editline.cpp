@@ -56,6 +56,7 @@ void redraw(EditLine* editor) {
 int nextcharacter(EditLine* editor, wchar_t* c) {
   std::mbstate_t state{};
   for (;;) {
+    if (endrequested()) return -1;
     char byte = 0;
     const ssize_t got = read(STDIN_FILENO, &byte, 1);
     if (got < 0 && errno == EINTR && !endrequested()) {
@@ -119,6 +120,8 @@ bool editline(const std::string& prompt, std::string& line) {
   static const locale_t characters = usercharacters();
   const locale_t plain = uselocale(characters);
   static Editor editor;
+  // The terminal is made ready before the question shows, so that an answer that comes at once is the editor's.
+  if (editor.line != nullptr) el_set(editor.line, EL_PREP_TERM, 1);
   showprompt(prompt);
   int length = 0;
   const char* typed = nullptr;
