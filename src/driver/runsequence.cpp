@@ -1,6 +1,8 @@
 #include "driver/runsequence.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <string>
@@ -55,6 +57,15 @@ void askmdmfile() {
     std::printf(" %s does not exist.", path.c_str());
   }
   fail(14);
+}
+
+// A standard stream that the caller closed is the null device from now on: no file that the run opens takes its place.
+void holdstandardstreams() {
+  int stream = 0;
+  do {
+    stream = open("/dev/null", O_RDWR);
+  } while (stream >= STDIN_FILENO && stream <= STDERR_FILENO);
+  if (stream >= 0) close(stream);
 }
 
 [[noreturn]] void constructionjob() {
@@ -147,6 +158,7 @@ void openresults() {
 }  // namespace
 
 void runjob(int argc, char** argv) {
+  holdstandardstreams();
   outofmemory = [] { fail(3); };
   stophooks.closescratch = scratchcloseall;
   installhandlers();

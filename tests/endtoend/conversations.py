@@ -4,10 +4,7 @@ IMPROPER = "Unable to get a proper response!\n\n"  # with code 100
 NORESPONSE = "Unable to get a proper response\n"  # with code 14
 
 RAW = ("\nWill you be starting with raw data? ", "y")
-TYPES = [
-    RAW,
-    ("Type? ", "1"),
-]
+TYPES = [RAW, ("Type? ", "1")]
 
 
 def fixedfile(level, count, layout, name):
@@ -31,10 +28,12 @@ NAMES = (names(1, ["SCORE", "female", "AGE", "GCSE", "GCSECNT"]) + names(2, ["SC
 ANYMISSING = "Are there missing data in the level-1 file? "
 SAMEVALUE = "Is the missing value the same for all variables? "
 MDMNAME = "\nEnter name of MDM file: "
-WHEN = ("Do you want to delete the missing data now, or at analysis time?\n (Enter \"now\" or \"analysis\")\n", "Analysis")
+WHEN = ("Do you want to delete the missing data now, or at analysis time?\n (Enter \"now\" or \"analysis\")\n",
+        "Analysis")
 CREATION = TYPES + FILES + NAMES + [(ANYMISSING, "n"), (MDMNAME, "chem97.mdm")]
 ONECODE = TYPES + FILES + NAMES + [
-    (ANYMISSING, "Yes"), (SAMEVALUE, "y"), ("Enter the number that represents missing data ", "-9"), WHEN, (MDMNAME, "one.mdm")]
+    (ANYMISSING, "Yes"), (SAMEVALUE, "y"), ("Enter the number that represents missing data ", "-9"), WHEN,
+    (MDMNAME, "one.mdm")]
 CODES = TYPES + FILES + NAMES + [(ANYMISSING, "y"), (SAMEVALUE, "no")] + [
     (f"Enter the value for missing data for {name:>8} ", code)
     for name, code in (("SCORE", "-9"), ("FEMALE", "-8"), ("AGE", "-7"), ("GCSE", "1e9"), ("GCSECNT", "-5.5"))
@@ -46,7 +45,7 @@ CONTRASTS = [f" Enter contrast value for {name} (0 to ignore) " for name in (
     "INTRCPT1/INTRCPT2/INTRCPT3, G000", "INTRCPT1/INTRCPT2/ LEAGCSE, G001", "INTRCPT1/ SCHGCSE/INTRCPT3, G010",
     "  FEMALE/INTRCPT2/INTRCPT3, G100", "    GCSE/INTRCPT2/INTRCPT3, G200")]
 
-OPENING = [("\nWill you be starting with raw data? ", "n"), (MDMNAME, "chem97.mdm")]
+OPENING = [(RAW[0], "n"), (MDMNAME, "chem97.mdm")]
 LEVEL1LINES = [
     ("Do you want to do a non-linear analysis? ", "n"),
     ("What is the outcome variable: ", "1"),
@@ -109,8 +108,8 @@ RESIDUALS = [("Do you want a level-2 residual file? ", "n"), ("Do you want a lev
 ITERATIONS = [("How many iterations do you want to do? ", "500")]
 TITLE = [("Enter a problem title: ", "By dialogue")]
 OUTPUT = [("Enter name of output file: ", "dialogue.txt")]
-MODEL = (OPENING + LEVEL1LINES + LEVEL2LINES + RANDOM2 + CENTER2 + LEVEL3LINES + RANDOM3 + EXTRA + CONSTRAINTS + HYPOTHESES
-         + REGRESSION + RESIDUALS + ITERATIONS + TITLE + OUTPUT)
+MODEL = (OPENING + LEVEL1LINES + LEVEL2LINES + RANDOM2 + CENTER2 + LEVEL3LINES + RANDOM3 + EXTRA + CONSTRAINTS
+         + HYPOTHESES + REGRESSION + RESIDUALS + ITERATIONS + TITLE + OUTPUT)
 
 # The same model as a command file.
 COMMANDS = """NUMIT:500

@@ -3,6 +3,7 @@
     terminal_test.py <program> [--store]     --store writes the transcripts anew
 """
 import io
+import os
 import pathlib
 import re
 import sys
@@ -217,6 +218,8 @@ def badanswers():
     at = MODEL.index(("How do you want to center   FEMALE? ", "0"))
     many = work.run(answers=answers(MODEL[:at]) + "3\n" * 20 + answers(MODEL[at:at + 1]))
     check(many.stdout.count(MODEL[at][0]) == 21 and MODEL[at + 1][0] in many.stdout, "centering has no limit")
+    done = work.run("chem97.mdm", work.write("open.kdr", COMMANDS.replace("CONSTRAIN", "#")), preexec_fn=lambda: os.close(0))
+    check(done.returncode == 100 and done.stdout.endswith(CONSTRAINTS[0][0] * 10 + IMPROPER), "a closed standard input")
     for i in range(len(MODEL)):
         early = work.run(answers=answers(MODEL[:i]))
         check(early.returncode in (14, 100), f"input that ends at {MODEL[i][0]!r}: code {early.returncode}")
