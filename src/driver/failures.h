@@ -35,10 +35,10 @@ void checksignals();
 // True when a signal has asked for the end: checksignals will not return.
 [[nodiscard]] bool endrequested();
 
-// While the estimation iterates, the interrupt key only sets a mark that the loop samples.
-void holdinterrupts();             // from now on the interrupt key sets the mark
-void releaseinterrupts();          // from now on it ends the process again
-[[nodiscard]] bool interrupted();  // the mark; reading does not clear it
-void clearinterrupt();
+// While the estimation iterates, the next interrupt key only sets a mark that the loop samples; one after it ends the
+// process.
+void holdinterrupts();             // clears the mark; the next interrupt key sets it
+void releaseinterrupts();          // every interrupt key ends the process
+[[nodiscard]] bool interrupted();  // the mark
 
 }  // namespace kdr

@@ -141,9 +141,15 @@ void readmodel() {
   centerlevel3();
 }
 
+// Every model run leaves this file behind, so nothing that the run reads or writes may bear its name.
+constexpr const char* newcommandfile = "newcmd.kdr";
+
 void openresults() {
-  openreport();
+  if (samefile(newcommandfile, run.files.mdmfile) || run.files.outfile == newcommandfile)
+    stopwith("The name %s is that of the command file which every run leaves. Please choose another one.\n",
+             newcommandfile);
   buildsummary();
+  openreport();
   setsymbols();
   makerowlabels();
   writeheader();
@@ -152,7 +158,7 @@ void openresults() {
   applyconstraints();
   run.coef.ngamma -= run.model.nconstrained;
   if (!reportisstdout()) std::printf("Computing . . ., please wait\n");
-  writecommandfile("newcmd.kdr");
+  writecommandfile(newcommandfile);
 }
 
 }  // namespace

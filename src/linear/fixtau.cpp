@@ -11,6 +11,7 @@
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
 #include "kernel/decompositions.h"
+#include "linear/startvaluesfile.h"
 #include "report/matrixtables.h"
 
 namespace kdr {
@@ -166,7 +167,7 @@ bool automaticfixup(const Repair& repair) {
   } else {
     taubetatable(MatrixTitle::plain, true, repair.n, repair.t);
   }
-  if (!run.files.startvals.empty()) std::printf("\nPlease check your starting value file!\n");
+  if (havestartvalues()) std::printf("\nPlease check your starting value file!\n");
   stoprun(100);
 }
 

@@ -8,6 +8,7 @@
 #include "report/fixedtable.h"
 #include "report/matrixtables.h"
 #include "report/resultsheading.h"
+#include "report/stream.h"
 #include "report/variancetables.h"
 
 namespace kdr {
@@ -91,7 +92,7 @@ void sigma2lines(const StandardErrors& errors) {
   } else if (!run.pass.nlrun) {
     reportbreak();
     if (run.out.autovknown != 0) {
-      reportline(" %s = %s (Known)", symbol, leftname(run.mdm.names1[run.out.autovknown]).c_str());
+      reportline(" %s = %s (Known)", symbol, bareword(run.mdm.names1[run.out.autovknown]).c_str());
     } else {
       reportline(" %s = %12.5f", symbol, run.iter.fixsigma2);
     }

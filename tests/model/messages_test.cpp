@@ -78,6 +78,7 @@ std::vector<Case> cases() {
       {"NONLIN:ORDINAL,3\nLEVEL1:Y=THOLD2+THOLD3\n", 100,
        "You have specified more than 1 thresholds in the command file!\n"},
       {"LEVEL1:Y=INTRCPT1\n#c\nLEVEL2:INTRCPT1 INTRCPT2\n", 8, " Error in batch file at line   3\n"},
+      {"LEVEL1:Y=INTRCPT1\nLEVEL2:=INTRCPT2\n", 8, " Error in batch file at line   2\n"},
       {"LEVEL1:Y=INTRCPT1\nLEVEL2:X=INTRCPT2\n", 8, " Error in batch file at line   2\n"},
       {"LEVEL1:Y=INTRCPT1\nLEVEL2:INTRCPT1=INTRCPT2+X\n", 9,
        unknown + "level2 specification invalid\nX does not exist\n"},
