@@ -3,6 +3,8 @@
 #include <strings.h>
 
 #include "data/readers/ascii.h"
+#include "data/readers/spss.h"
+#include "data/readers/stata.h"
 
 namespace kdr {
 
@@ -14,8 +16,8 @@ constexpr RawReader readers[] = {
     {2, "ascii", 5, "ASCII", openascii, prepareascii, asciirecordof, closeascii},
     {3, "systat", 6, "SYSTAT", nullptr, nullptr, nullptr, nullptr},
     {5, "sas", 3, "SAS", nullptr, nullptr, nullptr, nullptr},
-    {6, "spss", 4, "SPSS", nullptr, nullptr, nullptr, nullptr},
-    {8, "stata", 4, "Stata", nullptr, nullptr, nullptr, nullptr},
+    {6, "spss", 4, "SPSS", openspss, preparespss, spssrecord, closespss},
+    {8, "stata", 4, "Stata", openstata, preparestata, statarecord, closestata},
     {9, "other", 5, "OTHER", nullptr, nullptr, nullptr, nullptr},
 };
 
