@@ -1,0 +1,7 @@
+#pragma once
+namespace kdr {
+void modelquestions();
+void constraintquestions();
+void featurequestions();
+void outputquestions();
+}  // namespace kdr
