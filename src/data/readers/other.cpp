@@ -154,8 +154,7 @@ void splitfiletype(const std::string& value, std::string& path, std::string& wor
 
 void openother(int level) {
   LevelSource& source = raw.level[level];
-  if (workingwords().empty())
-    stopwith("This %s was built without the libraries for raw data of type OTHER.\n", module);
+  if (workingwords().empty()) stopwith("This %s was built without the libraries for raw data of type OTHER.\n", module);
   std::string path;
   splitfiletype(source.filename, path, source.filetype);
   source.filename = path;

@@ -19,7 +19,8 @@ using StHandle = StFile*;
 // The value of a variable in the record in hand: the one of the two that the variable's type tells.
 union StValue {
   const double* number;
-  const char* text;  // zero-terminated, its trailing blanks dropped; of a longer one 12 characters and one that shows it
+  const char*
+      text;  // zero-terminated, its trailing blanks dropped; of a longer one 12 characters and one that shows it
 };
 
 // True when a library stands behind the format number.
@@ -27,7 +28,8 @@ union StValue {
 
 // A handle for one file, to be given back by ST_CloseFiles.
 [[nodiscard]] StHandle ST_OpenEnvironment();
-// 0, or -1 when the file does not exist, -2 when it cannot be opened for reading, -3 when the handle has a file already.
+// 0, or -1 when the file does not exist, -2 when it cannot be opened for reading, -3 when the handle has a file
+// already.
 [[nodiscard]] int ST_OpenInputFile(StHandle handle, int format, const char* path);
 // Reads the dictionary: the number of variables, or -1 when the file has none that can be read.
 [[nodiscard]] int ST_ReadDict(StHandle handle);

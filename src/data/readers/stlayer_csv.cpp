@@ -160,8 +160,8 @@ bool settlekinds(StFile& file) {
     return false;
   }
   if (state.openquote)
-    state.cut = stwords("it ends inside a quoted field of the record behind record %lld, which does not count",
-                        state.goodrows);
+    state.cut =
+        stwords("it ends inside a quoted field of the record behind record %lld, which does not count", state.goodrows);
   return true;
 }
 
