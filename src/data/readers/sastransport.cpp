@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "data/buildlog.h"
+#include "data/readers/bytereader.h"
 #include "data/scratch.h"
 #include "driver/constants.h"
 #include "driver/failures.h"
@@ -21,33 +22,24 @@ namespace kdr {
 namespace {
 
 constexpr std::size_t cardlength = 80;
-constexpr std::size_t longestdescriptor = 140;
 constexpr const char* libraryhead = "HEADER RECORD*******LIBRARY HEADER RECORD";
 constexpr const char* memberhead = "HEADER RECORD*******MEMBER  HEADER RECORD!!!!!!!";
 constexpr const char* recordshead = "HEADER RECORD*******OBS";
 
 // The file of one level.
 struct SasLevel {
-  int descriptorlength = 0;
+  ByteReader bytes;
+  std::size_t descriptorlength = 0;
   Array<int> position;  // of each variable in the record
   Array<unsigned char> record;
-  unsigned char card[cardlength];
-  std::size_t have = 0, at = 0;  // bytes of the card in hand, and the next of them
-  bool ended = false;            // no card is left
-  bool another = false;          // because another data set begins
-  long long records = 0;         // that were read
+  const unsigned char* card = nullptr;  // the one in hand, in the reader's buffer
+  std::size_t have = 0, at = 0;         // its bytes, and the next of them
+  bool ended = false;                   // no card is left
+  bool another = false;                 // because another data set begins
+  long long records = 0;                // that were read
 };
 
 SasLevel levels[3];
-
-bool readcard(std::FILE* stream, unsigned char* card) { return readchk(card, cardlength, stream) == 1; }
-
-bool skipcards(std::FILE* stream, int count) {
-  unsigned char card[cardlength];
-  for (; count > 0; --count)
-    if (!readcard(stream, card)) return false;
-  return true;
-}
 
 bool startswith(const unsigned char* card, const char* words) {
   return std::memcmp(card, words, std::strlen(words)) == 0;
@@ -63,30 +55,31 @@ void notransport(int level) {
   fail(1, name);
 }
 
-int bigendian16(const unsigned char* bytes) { return static_cast<std::int16_t>(bytes[0] << 8 | bytes[1]); }
-
-std::uint32_t bigendian32(const unsigned char* bytes) {
-  std::uint32_t value = 0;
-  for (int i = 0; i < 4; ++i) value = value << 8U | bytes[i];
-  return value;
+// The next bytes of the heads.
+const unsigned char* headbytes(int level, std::size_t width) {
+  const unsigned char* bytes = takebytes(levels[level].bytes, width);
+  if (bytes == nullptr) damaged(level, "its heads are not whole");
+  return bytes;
 }
 
 // The heads of the library and of its first member: settles numvar and the length of a descriptor.
 void sashead(int level) {
   LevelSource& source = raw.level[level];
-  unsigned char card[cardlength];
-  if (!readcard(source.stream, card) || !startswith(card, libraryhead)) {
+  const unsigned char* card = takebytes(levels[level].bytes, cardlength);
+  if (card == nullptr || !startswith(card, libraryhead)) {
     notransport(level);
     fail(1, source.filename.c_str());
   }
-  if (!skipcards(source.stream, 2) || !readcard(source.stream, card)) damaged(level, "its heads are not whole");
-  const std::string_view length(reinterpret_cast<const char*>(card) + 75, 3);
+  (void)headbytes(level, 2 * cardlength);
+  card = headbytes(level, cardlength);
+  const std::string length(reinterpret_cast<const char*>(card) + 75, 3);
   if (length != "136" && length != "140") {
     notransport(level);
     stoprun(100);
   }
   levels[level].descriptorlength = length == "136" ? 136 : 140;
-  if (!skipcards(source.stream, 3) || !readcard(source.stream, card)) damaged(level, "its heads are not whole");
+  (void)headbytes(level, 3 * cardlength);
+  card = headbytes(level, cardlength);
   source.numvar = std::atoi(std::string(reinterpret_cast<const char*>(card) + 54, 4).c_str());
   if (source.numvar <= 0) damaged(level, "it tells no number of variables");
 }
@@ -95,34 +88,31 @@ void sashead(int level) {
 void sasvars(int level) {
   LevelSource& source = raw.level[level];
   SasLevel& sas = levels[level];
-  const auto length = static_cast<std::size_t>(sas.descriptorlength);
   const auto count = static_cast<std::size_t>(source.numvar);
-  unsigned char descriptor[longestdescriptor];
   source.vartable.reset(count);
   sas.position.reset(count);
   std::size_t reclen = 0;
   for (std::size_t v = 0; v < count; ++v) {
-    if (readchk(descriptor, length, source.stream) == 0) damaged(level, "its heads are not whole");
+    const unsigned char* descriptor = headbytes(level, sas.descriptorlength);
     RawVariable& variable = source.vartable[v];
-    const int type = bigendian16(descriptor);
+    const int type = highfirst<std::int16_t>(descriptor);
     variable.text = type == 2;
-    variable.width = bigendian16(descriptor + 4);
+    variable.width = highfirst<std::int16_t>(descriptor + 4);
     variable.name = paddedname(std::string_view(reinterpret_cast<const char*>(descriptor) + 8, 8));
     if ((type != 1 && type != 2) || variable.width < 1 || (type == 1 && variable.width > 8))
       damaged(level, "a variable is of no known type or width");
     reclen += static_cast<std::size_t>(variable.width);
-    const std::uint32_t position = bigendian32(descriptor + 84);
-    sas.position[v] = position > 0x7FFFFFFF ? -1 : static_cast<int>(position);
+    sas.position[v] = highfirst<std::int32_t>(descriptor + 84);
   }
   for (std::size_t v = 0; v < count; ++v)
     if (sas.position[v] < 0 ||
         static_cast<std::size_t>(sas.position[v]) + static_cast<std::size_t>(source.vartable[v].width) > reclen)
       damaged(level, "a variable lies outside the record");
   sas.record.reset(reclen);
-  unsigned char card[cardlength];
-  const std::size_t beyond = length * count % cardlength;
-  if (beyond != 0 && readchk(card, cardlength - beyond, source.stream) == 0) damaged(level, "its heads are not whole");
-  if (!readcard(source.stream, card) || !startswith(card, recordshead)) {
+  const std::size_t beyond = sas.descriptorlength * count % cardlength;
+  if (beyond != 0) (void)headbytes(level, cardlength - beyond);
+  const unsigned char* card = takebytes(sas.bytes, cardlength);
+  if (card == nullptr || !startswith(card, recordshead)) {
     notransport(level);
     fail(1, source.filename.c_str());
   }
@@ -132,10 +122,9 @@ void sasvars(int level) {
 bool nextcard(int level) {
   SasLevel& sas = levels[level];
   if (sas.ended) return false;
-  std::FILE* stream = raw.level[level].stream;
-  sas.have = std::fread(sas.card, 1, cardlength, stream);
+  sas.card = peekbytes(sas.bytes, cardlength, sas.have);
+  sas.bytes.at += sas.have;
   sas.at = 0;
-  if (std::ferror(stream)) stopwith("Unable to read %s\n", raw.level[level].filename.c_str());
   sas.another = sas.have == cardlength && startswith(sas.card, memberhead);
   sas.ended = sas.another || sas.have == 0;
   return !sas.ended;
@@ -163,7 +152,6 @@ bool isblank(const unsigned char* bytes, std::size_t length) {
 bool restisblank(int level) {
   SasLevel& sas = levels[level];
   do {
-    checksignals();
     if (!isblank(sas.card + sas.at, sas.have - sas.at)) return false;
   } while (nextcard(level));
   return true;
@@ -246,6 +234,7 @@ void opensas(int level) {
   LevelSource& source = raw.level[level];
   source.stream = openfile(source.filename, "rb");
   levels[level] = SasLevel{};
+  startbytes(levels[level].bytes, source.stream, source.filename);
   sashead(level);
   sasvars(level);
 }

@@ -1,14 +1,12 @@
 #include "data/readers/systat.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
-#include <bit>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
 
 #include "data/buildlog.h"
+#include "data/readers/bytereader.h"
 #include "data/scratch.h"
 #include "driver/constants.h"
 #include "driver/failures.h"
@@ -18,13 +16,12 @@ namespace kdr {
 
 namespace {
 
-static_assert(std::endian::native == std::endian::little);
-
 constexpr std::size_t segmentlength = 128;
 constexpr std::size_t namelength = 12;
 constexpr std::size_t commentlength = 74;
 constexpr int longmark = 0x81;  // the record goes on behind its first segment
 constexpr int endmark = 0x82;   // stands behind the last record
+constexpr int nomark = -1;      // nothing does
 constexpr int singles = 1;
 constexpr int doubles = 2;
 
@@ -34,6 +31,7 @@ struct SystatText {
 
 // The file of one level.
 struct SystatFile {
+  ByteReader bytes;
   int type = 0;               // singles or doubles
   Array<int> place;           // of each variable among the numbers or among the texts of the record
   Array<double> numbers;      // of the record in hand
@@ -41,6 +39,7 @@ struct SystatFile {
   bool segmented = false;     // the record in hand has segments
   std::size_t left = 0;       // bytes of its segment that are still to come
   long long records = 0;      // that were read
+  int row3 = -1, row2 = -1;   // rows of the ID columns
 };
 
 SystatFile files[3];
@@ -57,32 +56,32 @@ struct Counts {
 };
 
 // The variable count, two bytes, the file type and one byte.
-bool readcounts(std::FILE* stream, Counts& counts) {
-  std::int16_t words[3];
-  char last = 0;
-  if (readchk(words, sizeof words, stream) == 0 || readchk(&last, 1, stream) == 0) return false;
-  counts = {words[0], words[2]};
+bool takecounts(ByteReader& bytes, Counts& counts) {
+  std::int16_t variables = 0;
+  std::int16_t filler = 0;
+  std::int16_t type = 0;
+  if (!takelow(bytes, variables) || !takelow(bytes, filler) || !takelow(bytes, type) || !skipbytes(bytes, 1))
+    return false;
+  counts = {variables, type};
   return true;
 }
 
-bool skipcomment(std::FILE* stream) {
-  char record[commentlength];
-  char last[72];
-  std::memset(last, '$', sizeof last);
+bool skipcomment(ByteReader& bytes) {
+  const std::string last(72, '$');
+  const unsigned char* record = nullptr;
   do {
-    if (readchk(record, sizeof record, stream) == 0) return false;
-  } while (std::memcmp(record + 1, last, sizeof last) != 0);
-  return true;
+    record = takebytes(bytes, commentlength);
+  } while (record != nullptr && std::memcmp(record + 1, last.data(), last.size()) != 0);
+  return record != nullptr;
 }
 
 // Reads the head up to the names: numvar and the type of the numbers.
 void systatcount(int level) {
   LevelSource& source = raw.level[level];
-  char bytes[2];
+  ByteReader& bytes = files[level].bytes;
   Counts counts{};
-  bool whole = readchk(bytes, 2, source.stream) == 1 && readcounts(source.stream, counts);
-  if (whole && counts.type < singles)
-    whole = skipcomment(source.stream) && readchk(bytes, 1, source.stream) == 1 && readcounts(source.stream, counts);
+  bool whole = skipbytes(bytes, 2) && takecounts(bytes, counts);
+  if (whole && counts.type < singles) whole = skipcomment(bytes) && skipbytes(bytes, 1) && takecounts(bytes, counts);
   if (!whole) damaged(level, "its head is not whole");
   if (counts.type != singles && counts.type != doubles) damaged(level, "its numbers are of no known type");
   if (counts.variables <= 0) damaged(level, "it tells no number of variables");
@@ -92,9 +91,9 @@ void systatcount(int level) {
 
 // A name without the blanks before it, up to the first blank behind it.
 std::string readname(int level) {
-  char bytes[namelength + 2];
-  if (readchk(bytes, sizeof bytes, raw.level[level].stream) == 0) damaged(level, "its names are not whole");
-  std::string name(bytes + 1, namelength);
+  const unsigned char* bytes = takebytes(files[level].bytes, namelength + 2);
+  if (bytes == nullptr) damaged(level, "its names are not whole");
+  std::string name(reinterpret_cast<const char*>(bytes) + 1, namelength);
   std::replace(name.begin(), name.end(), '\0', ' ');
   name.erase(0, name.find_first_not_of(' '));
   name.erase(std::min(name.find(' '), name.size()));
@@ -124,30 +123,31 @@ void systathead(int level) {
 }
 
 // The next bytes of the record, over the ends of its segments.
-bool takebytes(SystatFile& file, std::FILE* stream, void* to, std::size_t count) {
-  if (!file.segmented) return readchk(to, count, stream) == 1;
-  char* at = static_cast<char*>(to);
+bool takepart(SystatFile& file, void* to, std::size_t count) {
+  auto* at = static_cast<unsigned char*>(to);
   while (count > 0) {
     if (file.left == 0) {
-      unsigned char marks[2];
-      if (readchk(marks, sizeof marks, stream) == 0) return false;
+      const unsigned char* marks = takebytes(file.bytes, 2);
+      if (marks == nullptr) return false;
       file.left = std::min<std::size_t>(marks[1], segmentlength);
     }
-    const std::size_t part = std::min(count, file.left);
-    if (readchk(at, part, stream) == 0) return false;
-    at += part;
+    const std::size_t part = file.segmented ? std::min(count, file.left) : count;
+    const unsigned char* bytes = takebytes(file.bytes, part);
+    if (bytes == nullptr) return false;
+    at = std::copy_n(bytes, part, at);
     count -= part;
-    file.left -= part;
+    if (file.segmented) file.left -= part;
   }
   return true;
 }
 
-bool takenumber(SystatFile& file, std::FILE* stream, double& value) {
+bool takenumber(SystatFile& file, double& value) {
+  unsigned char bytes[sizeof(double)];
+  if (!takepart(file, bytes, file.type == doubles ? sizeof(double) : sizeof(float))) return false;
   if (file.type == doubles) {
-    if (!takebytes(file, stream, &value, sizeof value)) return false;
+    value = lowfirst<double>(bytes);
   } else {
-    float single = 0.0F;
-    if (!takebytes(file, stream, &single, sizeof single)) return false;
+    const auto single = lowfirst<float>(bytes);
     value = single <= -1.0e36F ? missingcode : static_cast<double>(single);
   }
   if (!std::isfinite(value)) value = missingcode;
@@ -155,12 +155,12 @@ bool takenumber(SystatFile& file, std::FILE* stream, double& value) {
 }
 
 // The values of the record whose mark was read, and the byte behind them. False when they are not whole.
-bool takevalues(SystatFile& file, std::FILE* stream) {
+bool takevalues(SystatFile& file) {
   for (double& value : file.numbers)
-    if (!takenumber(file, stream, value)) return false;
+    if (!takenumber(file, value)) return false;
   for (SystatText& text : file.strings)
-    if (!takebytes(file, stream, text.bytes, namelength)) return false;
-  (void)std::getc(stream);
+    if (!takepart(file, text.bytes, namelength)) return false;
+  (void)skipbytes(file.bytes, 1);
   return true;
 }
 
@@ -168,7 +168,7 @@ void tellend(int level, int mark) {
   const std::string& name = raw.level[level].filename;
   if (mark == endmark) return;
   countextra();
-  if (mark == EOF) {
+  if (mark == nomark) {
     logboth("%s may be cut short: no end mark follows its record %lld.\n", name.c_str(), files[level].records);
   } else {
     logboth("%s ends in the middle of record %lld. That record does not count.\n", name.c_str(),
@@ -176,8 +176,8 @@ void tellend(int level, int mark) {
   }
 }
 
-Id idof(const SystatFile& file, std::size_t row) {
-  const auto place = static_cast<std::size_t>(file.place[row]);
+Id idof(const SystatFile& file, int row) {
+  const auto place = static_cast<std::size_t>(file.place[static_cast<std::size_t>(row)]);
   Id id{};
   if (run.mdm.numericids) {
     id.number = numericid(file.numbers[place]);
@@ -193,29 +193,30 @@ void opensystat(int level) {
   LevelSource& source = raw.level[level];
   source.stream = openfile(source.filename, "rb");
   files[level] = SystatFile{};
+  startbytes(files[level].bytes, source.stream, source.filename);
   systathead(level);
 }
 
-void preparesystat(int level) { settlevariables(level); }
+void preparesystat(int level) {
+  settlevariables(level);
+  files[level].row3 = idrow(raw.level[level], level3idmark);
+  files[level].row2 = idrow(raw.level[level], level2idmark);
+}
 
 int systatrecord(int level, double* values, Id* id3, Id* id2) {
   SystatFile& file = files[level];
-  const LevelSource& source = raw.level[level];
-  const int mark = std::getc(source.stream);
+  const unsigned char* first = takebytes(file.bytes, 1);
+  const int mark = first == nullptr ? nomark : *first;
   file.segmented = mark == longmark;
   file.left = segmentlength;
-  if (mark == EOF || !takevalues(file, source.stream)) {
-    if (std::ferror(source.stream)) stopwith("Unable to read %s\n", source.filename.c_str());
+  if (mark == nomark || !takevalues(file)) {
     tellend(level, mark);
     return 1;
   }
   ++file.records;
-  for (const int mark3 : {level3idmark, level2idmark}) {
-    Id* id = mark3 == level3idmark ? id3 : id2;
-    const int row = idrow(source, mark3);
-    if (id != nullptr && row >= 0) *id = idof(file, static_cast<std::size_t>(row));
-  }
-  for (const int row : source.chosen)
+  if (file.row3 >= 0) *id3 = idof(file, file.row3);
+  if (file.row2 >= 0 && id2 != nullptr) *id2 = idof(file, file.row2);
+  for (const int row : raw.level[level].chosen)
     *values++ = file.numbers[static_cast<std::size_t>(file.place[static_cast<std::size_t>(row)])];
   return 0;
 }
