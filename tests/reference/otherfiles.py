@@ -1,10 +1,9 @@
 #!/usr/bin/env python3
 """Makes the sample of examples/chem97 that the raw readers are held against, in tests/data/files: fixed columns, a plain
 table for the R script beside this one, delimited text, and Excel workbooks (python3-xlwt). A few level-1 values are
-missing. Run it first, then otherfiles.R, then otherfiles.sps (through pspp), all in tests/data/files."""
+missing. In tests/data/files, run it first, then otherfiles.R, then otherfiles.sps (through pspp)."""
 import csv
 import os
-import sys
 
 import xlwt
 

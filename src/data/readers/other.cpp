@@ -189,7 +189,7 @@ int strecord(int level, double* values, Id* id3, Id* id2) {
   if (ST_ReadRecord(handle) != 0) {
     if (const std::string trouble = ST_Trouble(handle); !trouble.empty()) {
       countextra();
-      logboth("The data of %s end before their time: %s.\n", source.filename.c_str(), trouble.c_str());
+      logboth("%s may be cut short: %s.\n", source.filename.c_str(), trouble.c_str());
     }
     return 1;
   }

@@ -127,6 +127,7 @@ bool nextcard(int level) {
   sas.at = 0;
   sas.another = sas.have == cardlength && startswith(sas.card, memberhead);
   sas.ended = sas.another || sas.have == 0;
+  if (sas.ended) sas.have = 0;
   return !sas.ended;
 }
 

@@ -37,6 +37,7 @@ struct CsvState {
   bool complete = false;    // its end was seen
   long long goodrows = 0;   // records that count
   long long given = 0;      // of them
+  bool lastopen = false;    // the last of them has no line end
   std::string cut;          // how the data end before their time
 };
 
@@ -72,7 +73,7 @@ bool fillbuffer(CsvState& state) {
 
 void startparser(CsvState& state) {
   csv_free(&state.parser);
-  if (csv_init(&state.parser, CSV_STRICT_FINI) != 0) fail(3);
+  if (csv_init(&state.parser, 0) != 0) fail(3);
   csv_set_delim(&state.parser, static_cast<unsigned char>(state.delimiter));
   csv_set_blk_size(&state.parser, 4096);
   state.feeds = 0;
@@ -109,7 +110,8 @@ bool nextrow(CsvState& state) {
     if (state.at == state.have && !fillbuffer(state)) {
       state.ended = true;
       state.openline = true;
-      // A last field whose quotes are still open is refused; the parser then gives no row at all.
+      // A last field whose quotes are still open is refused, and its row with it.
+      csv_set_opts(&state.parser, CSV_STRICT | CSV_STRICT_FINI);
       state.openquote = csv_fini(&state.parser, takefield, takeend, &state) != 0;
       break;
     }
@@ -154,14 +156,15 @@ bool settlekinds(StFile& file) {
       break;
     }
     ++state.goodrows;
+    state.lastopen = state.openline;
   }
   if (state.overlong) {
     file.trouble = stwords("line %lld has a field of more than %zu bytes", lineof(state), longestfield);
     return false;
   }
   if (state.openquote)
-    state.cut =
-        stwords("it ends inside a quoted field of the record behind record %lld, which does not count", state.goodrows);
+    state.cut = stwords("it ends in a quoted field behind record %lld, which does not count", state.goodrows);
+  if (state.cut.empty() && state.lastopen) state.cut = "no line end follows its last line, which counts all the same";
   return true;
 }
 

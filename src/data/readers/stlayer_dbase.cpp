@@ -101,7 +101,7 @@ bool dbaserecord(StFile& file) {
   while (state.next < state.records && DBFIsRecordDeleted(state.table, state.next) != 0) ++state.next;
   if (state.next >= state.records) {
     if (state.records < state.announced)
-      file.trouble = stwords("its head tells %d records, and %d are there", state.announced, state.records);
+      file.trouble = stwords("its head tells %d records, but %d are there", state.announced, state.records);
     return false;
   }
   const int record = state.next++;

@@ -16,7 +16,16 @@ namespace kdr {
 
 namespace {
 
+// The file as the library sees it. The table of characters in a portable file gives some characters a second place, for
+// a superscript or a dash of another kind. The library takes the last place, and would read no digits or lose a minus
+// sign; so it is shown the first one only.
+struct LibraryFile {
+  std::FILE* stream = nullptr;
+  Array<long long> repeated;  // file positions of further places
+};
+
 struct ReadstatState {
+  LibraryFile library;
   long long filelength = 0;
   long long announced = -1;  // records that the head tells, -1 where it does not
   bool firstpass = true;     // the dictionary is wanted, not the values
@@ -34,6 +43,60 @@ struct ReadstatState {
 };
 
 ReadstatState& stateof(StFile& file) { return *static_cast<ReadstatState*>(file.state); }
+
+// Finds the table of characters: 256 bytes behind five titles of 40, line ends not counted.
+void findrepeated(LibraryFile& library) {
+  constexpr int tablestart = 200;
+  constexpr int tableend = tablestart + 256;
+  bool seen[256] = {};
+  std::size_t found = 0;
+  int c = 0;
+  library.repeated.reset(tableend);
+  for (int at = 0; at < tableend && (c = std::getc(library.stream)) != EOF;) {
+    if (c == '\r' || c == '\n') continue;
+    if (at >= tablestart && c != '0') {
+      if (seen[c]) library.repeated[found++] = std::ftell(library.stream) - 1;
+      seen[c] = true;
+    }
+    ++at;
+  }
+  library.repeated.resize(found);
+  std::rewind(library.stream);
+}
+
+LibraryFile& libraryof(void* context) { return *static_cast<LibraryFile*>(context); }
+
+int openlibrary(const char* path, void* context) {
+  LibraryFile& library = libraryof(context);
+  library.stream = std::fopen(path, "rb");
+  if (library.stream == nullptr) return -1;
+  findrepeated(library);
+  return 0;
+}
+
+int closelibrary(void* context) {
+  LibraryFile& library = libraryof(context);
+  if (library.stream != nullptr) std::fclose(library.stream);
+  library.stream = nullptr;
+  return 0;
+}
+
+readstat_off_t seeklibrary(readstat_off_t offset, readstat_io_flags_t whence, void* context) {
+  const int from = whence == READSTAT_SEEK_SET ? SEEK_SET : whence == READSTAT_SEEK_CUR ? SEEK_CUR : SEEK_END;
+  std::FILE* stream = libraryof(context).stream;
+  return fseeko(stream, offset, from) == 0 ? ftello(stream) : -1;
+}
+
+ssize_t readlibrary(void* bytes, std::size_t count, void* context) {
+  LibraryFile& library = libraryof(context);
+  const long long start = ftello(library.stream);
+  const auto got = static_cast<long long>(std::fread(bytes, 1, count, library.stream));
+  for (const long long position : library.repeated)
+    if (position >= start && position < start + got) static_cast<char*>(bytes)[position - start] = '0';
+  return std::ferror(library.stream) ? -1 : got;
+}
+
+readstat_error_t updatelibrary(long, readstat_progress_handler, void*, void*) { return READSTAT_OK; }
 
 int takehead(readstat_metadata_t* metadata, void* context) {
   StFile& file = *static_cast<StFile*>(context);
@@ -121,12 +184,19 @@ readstat_error_t parse(StFile& file) {
       error = readstat_parse_sav(parser, path, &file);
       break;
     case 13:
+      readstat_set_open_handler(parser, openlibrary);
+      readstat_set_close_handler(parser, closelibrary);
+      readstat_set_seek_handler(parser, seeklibrary);
+      readstat_set_read_handler(parser, readlibrary);
+      readstat_set_update_handler(parser, updatelibrary);
+      readstat_set_io_ctx(parser, &stateof(file).library);
       error = readstat_parse_por(parser, path, &file);
       break;
     default:
       error = readstat_parse_dta(parser, path, &file);
   }
   readstat_parser_free(parser);
+  closelibrary(&stateof(file).library);
   return error;
 }
 
@@ -155,9 +225,9 @@ void spool(StFile& file) {
   if (state.writefailed || std::fflush(state.scratch) != 0) fail(5);
   std::rewind(state.scratch);
   if (error != READSTAT_OK) {
-    file.trouble = stwords("it is cut short or damaged (%s)", wordsof(state, error).c_str());
+    file.trouble = stwords("it breaks off behind record %lld (%s)", state.rows, wordsof(state, error).c_str());
   } else if (state.rows < state.announced) {
-    file.trouble = stwords("its head tells %lld records", state.announced);
+    file.trouble = stwords("its head tells %lld records, but %lld are there", state.announced, state.rows);
   }
 }
 
