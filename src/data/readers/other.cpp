@@ -163,6 +163,7 @@ void openother(int level) {
   if (!ST_CanRead(type->format))
     stopwith("\n%s has no library for files of type %s (%s). The types that it reads are %s.\n", module, type->word,
              type->description, workingwords().c_str());
+  ST_CloseFiles(handles[level]);
   StHandle handle = handles[level] = ST_OpenEnvironment();
   openinput(handle, *type, path.c_str());
   source.numvar = ST_ReadDict(handle);
