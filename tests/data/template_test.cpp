@@ -105,8 +105,6 @@ TEST_F(Template, Refusals) {
       {with(whole, "-9.000000", "none"), badmissing},
       {head + "l1missing:y\n" + with(whole, "l1missing:y/DIFFERENT\n", ""), badmissing},
       {with(whole, "ascii", "text"), "Invalid raw data type.\n"},
-      {with(whole, "ascii", "stat"), "KDR3 cannot read Stata files yet.\n"},
-      {with(whole, "ascii", "SPSSWIN"), "KDR3 cannot read SPSS files yet.\n"},
       {with(whole, "ascii", "Sas"), "KDR3 cannot read SAS files yet.\n"},
       {with(whole, "ascii", "systat"), "KDR3 cannot read SYSTAT files yet.\n"},
       {with(whole, "ascii", "other"), "KDR3 cannot read OTHER files yet.\n"},
