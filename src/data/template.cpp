@@ -302,6 +302,10 @@ void readtemplate(const std::string& path) {
 void writetemplate(bool samemissing) {
   const MdmData& mdm = run.mdm;
   const bool ascii = isascii();
+  for (const LevelSource& source : raw.level)
+    if (samefile(source.filename, templatecopy))
+      stopwith("The raw data file %s bears the name of the template's copy. Please rename it.\n",
+               source.filename.c_str());
   std::FILE* out = openfile(templatecopy, "w");
   std::fprintf(out, "%s\n", templatehead);
   std::fprintf(out, "mdmtype:%d\n", mdm.mdmtype);
