@@ -46,7 +46,8 @@ def records(directory):
         with open('%s/level%d.dat' % (directory, level)) as f:
             for line in f:
                 values = [float(line[start + 10 * i:start + 10 * i + 10]) for i in range(len(NAMES[level]))]
-                data[level].append((line[:4].strip().upper(), line[5:11].strip().upper() if level < 3 else None, values))
+                id2 = line[5:11].strip().upper() if level < 3 else None
+                data[level].append((line[:4].strip().upper(), id2, values))
     return data
 
 
