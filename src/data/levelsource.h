@@ -5,6 +5,7 @@
 #include <string>
 
 #include "data/mdm.h"
+#include "data/rawvariables.h"
 #include "kernel/array.h"
 
 namespace kdr {
@@ -18,6 +19,11 @@ struct LevelSource {
   int numvar = 0;        // variables that the raw file has; ASCII: values that the format yields, IDs not counted
   int selected = 0;      // variables that go into the MDM file, ID columns not counted
   std::string format;    // ASCII only: format text, at most 1023 characters
+  std::string filetype;  // OTHER only: the word behind the slash of the file's name
+
+  // Every format but ASCII.
+  Array<RawVariable> vartable;  // one row for each variable of the file, by open()
+  Array<int> chosen;            // rows marked as variables, in the order of the values of a record
 };
 
 // What a construction is told about its raw data. The names, the kind of IDs and the head's fields are in run.mdm.

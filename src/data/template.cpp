@@ -17,21 +17,20 @@ namespace kdr {
 namespace {
 
 constexpr int mostvariables = 1000000;
-constexpr std::size_t longestname = 12;
 
 // A template on its way through the reader.
 struct TemplateText {
   std::FILE* stream;
-  bool samemissing = false;
-  bool counted[3] = {};  // the level's number of variables was given
-  bool named[3] = {};    // its variable block was read
+  bool samemissing = false;  // one missing code stands for all variables
+  bool counted[3] = {};      // the level's number of variables was given
+  bool named[3] = {};        // its variable block was read
 };
 
 constexpr const char* noformat = "Must specify raw data type before input file name!\n";
 constexpr const char* nofile = "Must specify raw data type and input file name before variable names!\n";
 constexpr const char* badmissing = "Incorrect specification of ASCII missing information!\n";
 
-Array<Name>& namesof(int level) { return level == 0 ? run.mdm.names1 : level == 1 ? run.mdm.names2 : run.mdm.names3; }
+bool isascii() { return raw.reader->rawdattype == 2; }
 
 // The next line, whatever it holds, without its end and trailing blanks. A longer one than a line may be comes in
 // pieces. False at the end of the file.
@@ -108,6 +107,8 @@ void takerawtype(TemplateText&, const std::string& value) {
   const RawReader* reader = findreader(value);
   if (reader == nullptr) stopwith("Invalid raw data type.\n");
   if (reader->open == nullptr) stopwith("%s cannot read %s files yet.\n", module, reader->label);
+  for (int level = 0; level < 3; ++level)  // files that were opened in another format have to be named again
+    if (raw.reader != reader && raw.level[level].stream != nullptr) raw.reader->close(level);
   raw.reader = reader;
 }
 
@@ -115,11 +116,9 @@ void takecount(TemplateText& text, int level, const std::string& value) {
   const long count = std::strtol(value.c_str(), nullptr, 10);
   if (count < 0 || count > mostvariables)
     stopwith("The number of level-%d variables must lie between 0 and %d!\n", level + 1, mostvariables);
+  if (raw.reader != nullptr && !isascii()) return;  // the file tells it
   raw.level[level].numvar = static_cast<int>(count);
-  Array<Name>& names = namesof(level);
-  names.reset(static_cast<std::size_t>(count) + 1);
-  names.fill(paddedname(""));
-  names[0] = paddedname(level == 0 ? "INTRCPT1" : level == 1 ? "INTRCPT2" : "INTRCPT3");
+  startnames(level, static_cast<std::size_t>(count));
   text.counted[level] = true;
   text.named[level] = false;
 }
@@ -132,19 +131,51 @@ void takeformat(TemplateText&, int level, const std::string& value) {
              static_cast<int>(maxformat) - 1);
 }
 
-void takefile(TemplateText&, int level, const std::string& value) {
+void takefile(TemplateText& text, int level, const std::string& value) {
   if (raw.reader == nullptr) stopwith(noformat);
   LevelSource& source = raw.level[level];
   if (source.stream != nullptr) raw.reader->close(level);
   source.filename = pathvalue(value);
+  source.filetype.clear();
+  source.vartable.reset(0);
+  source.chosen.reset(0);
   raw.reader->open(level);
+  if (!isascii()) text.named[level] = false;
+}
+
+// The ID line of a variable block: `word` and the name of the column.
+void takeidline(TemplateText& text, int level, const char* word, int mark) {
+  std::string line;
+  if (!nextword(text, line) || !beginswith(line, word))
+    stopwith("ID specification must immediately follow *begin line!\n");
+  markid(level, mark, withoutlead(line.substr(std::strlen(word))));
+}
+
+// The variable block of a format that names its variables itself.
+void takevariables(TemplateText& text, int level, const char* ending) {
+  const LevelSource& source = raw.level[level];
+  clearmarks(level);
+  takeidline(text, level, "level3id:", level3idmark);
+  if (level < 2) takeidline(text, level, "level2id:", level2idmark);
+  settleidkind();
+  std::string line;
+  for (;;) {
+    if (!nextword(text, line)) stopwith("Did not find %s!\n", ending);
+    if (beginswith(line, ending)) break;
+    markvariable(level, line);
+  }
+  startnames(level, source.chosen.size());
+  for (std::size_t v = 0; v < source.chosen.size(); ++v)
+    namesof(level)[v + 1] = paddedname(shownname(source.vartable[static_cast<std::size_t>(source.chosen[v])]));
+  text.named[level] = true;
 }
 
 void takeblock(TemplateText& text, int level) {
   if (raw.reader == nullptr || raw.level[level].stream == nullptr) stopwith(nofile);
-  if (!text.counted[level]) stopwith("Must specify the number of level-%d variables before their names!\n", level + 1);
   char ending[] = "*END L1VARS";
   ending[6] = static_cast<char>('1' + level);
+  if (!isascii()) return takevariables(text, level, ending);
+  if (!text.counted[level]) stopwith("Must specify the number of level-%d variables before their names!\n", level + 1);
   Array<Name>& names = namesof(level);
   std::size_t given = 0;
   std::string line;
@@ -218,15 +249,38 @@ void checkcomplete(const TemplateText& text) {
   for (int level = 0; level < 3; ++level) {
     const LevelSource& source = raw.level[level];
     if (source.stream == nullptr) stopwith("The template names no level-%d file!\n", level + 1);
+    if (!isascii()) {
+      if (!text.named[level]) stopwith("The template names no level-%d variables!\n", level + 1);
+      continue;
+    }
     if (!text.counted[level]) stopwith("The template tells no number of level-%d variables!\n", level + 1);
     if (source.format.empty()) stopwith("The template tells no format of the level-%d file!\n", level + 1);
     if (!text.named[level] && source.numvar > 0) stopwith("The template names no level-%d variables!\n", level + 1);
   }
-  if (run.mdm.l1missing && raw.missingcodes.size() != static_cast<std::size_t>(raw.level[0].numvar))
+  if (isascii() && run.mdm.l1missing && raw.missingcodes.size() != static_cast<std::size_t>(raw.level[0].numvar))
     stopwith(badmissing);
 }
 
+// The ID columns and the variables of a level, in raw-file order.
+void writevariables(std::FILE* out, const LevelSource& source) {
+  const int row3 = idrow(source, level3idmark);
+  const int row2 = idrow(source, level2idmark);
+  if (row3 >= 0) std::fprintf(out, "level3id:%s\n", shownname(source.vartable[static_cast<std::size_t>(row3)]).c_str());
+  if (row2 >= 0) std::fprintf(out, "level2id:%s\n", shownname(source.vartable[static_cast<std::size_t>(row2)]).c_str());
+  for (const RawVariable& variable : source.vartable)
+    if (variable.mark == variablemark) std::fprintf(out, "%s\n", shownname(variable).c_str());
+}
+
 }  // namespace
+
+Array<Name>& namesof(int level) { return level == 0 ? run.mdm.names1 : level == 1 ? run.mdm.names2 : run.mdm.names3; }
+
+void startnames(int level, std::size_t count) {
+  Array<Name>& names = namesof(level);
+  names.reset(count + 1);
+  names.fill(paddedname(""));
+  names[0] = paddedname(level == 0 ? "INTRCPT1" : level == 1 ? "INTRCPT2" : "INTRCPT3");
+}
 
 void readtemplate(const std::string& path) {
   TemplateText text{openfile(path, "r")};
@@ -247,7 +301,7 @@ void readtemplate(const std::string& path) {
 
 void writetemplate(bool samemissing) {
   const MdmData& mdm = run.mdm;
-  const bool ascii = raw.reader->rawdattype == 2;
+  const bool ascii = isascii();
   for (const LevelSource& source : raw.level)
     if (samefile(source.filename, templatecopy))
       stopwith("The raw data file %s bears the name of the template's copy. Please rename it.\n",
@@ -256,8 +310,12 @@ void writetemplate(bool samemissing) {
   std::fprintf(out, "%s\n", templatehead);
   std::fprintf(out, "mdmtype:%d\n", mdm.mdmtype);
   std::fprintf(out, "rawdattype:%s\n", raw.reader->word);
-  for (int level = 0; level < 3; ++level)
-    std::fprintf(out, "l%dfname:%s\n", level + 1, raw.level[level].filename.c_str());
+  for (int level = 0; level < 3; ++level) {
+    const LevelSource& source = raw.level[level];
+    std::fprintf(out, "l%dfname:%s", level + 1, source.filename.c_str());
+    if (!source.filetype.empty()) std::fprintf(out, " /%s", source.filetype.c_str());
+    std::fprintf(out, "\n");
+  }
   for (int level = 0; ascii && level < 3; ++level)
     std::fprintf(out, "numl%dvar:%d\n", level + 1, raw.level[level].numvar);
   for (int level = 0; ascii && level < 3; ++level)
@@ -274,8 +332,12 @@ void writetemplate(bool samemissing) {
   std::fprintf(out, "mdmname:%s\n", run.files.mdmfile.c_str());
   for (int level = 0; level < 3; ++level) {
     std::fprintf(out, "*begin l%dvars\n", level + 1);
-    const Array<Name>& names = namesof(level);
-    for (std::size_t v = 1; v < names.size(); ++v) std::fprintf(out, "%s\n", leftname(names[v]).c_str());
+    if (ascii) {
+      const Array<Name>& names = namesof(level);
+      for (std::size_t v = 1; v < names.size(); ++v) std::fprintf(out, "%s\n", leftname(names[v]).c_str());
+    } else {
+      writevariables(out, raw.level[level]);
+    }
     std::fprintf(out, "*end l%dvars\n", level + 1);
   }
   closechk(out);

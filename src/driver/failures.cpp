@@ -221,6 +221,8 @@ void installhandlers() {
   sigaction(SIGFPE, &trap, nullptr);
 }
 
+bool endrequested() { return pendingsignal != 0; }
+
 void checksignals() {
   if (pendingsignal == 0) return;
   switch (pendingsignal) {

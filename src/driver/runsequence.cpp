@@ -1,6 +1,8 @@
 #include "driver/runsequence.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <filesystem>
@@ -10,6 +12,7 @@
 
 #include "data/construction.h"
 #include "data/mdm.h"
+#include "data/mdmdialogue.h"
 #include "data/scratch.h"
 #include "driver/failures.h"
 #include "driver/options.h"
@@ -41,8 +44,8 @@ bool fileexists(const std::string& path) {
 // Asks for a name until it is a file's; the end of input ends the asking.
 void untilexists(std::string& path, const char* words) {
   while (!fileexists(path)) {
-    std::printf("%s file %s does not exist.\n Enter new file name: ", words, path.c_str());
-    if (!readanswer(path)) fail(14);
+    std::printf("%s file %s does not exist.\n", words, path.c_str());
+    if (!readanswer(" Enter new file name: ", path)) fail(14);
     path.resize(std::min<std::size_t>(path.size(), maxpath - 1));
   }
 }
@@ -50,14 +53,22 @@ void untilexists(std::string& path, const char* words) {
 void askmdmfile() {
   std::string& path = run.files.mdmfile;
   for (int tries = 0; tries < maxtries; ++tries) {
-    std::printf("\nEnter name of MDM file: ");
-    readanswer(path);
+    readanswer("\nEnter name of MDM file: ", path);
     path.resize(std::min<std::size_t>(path.size(), maxpath - 1));
     if (path.empty()) continue;
     if (fileexists(path)) return;
     std::printf(" %s does not exist.", path.c_str());
   }
   fail(14);
+}
+
+// A standard stream that the caller closed is the null device from now on: no file that the run opens takes its place.
+void holdstandardstreams() {
+  int stream = 0;
+  do {
+    stream = open("/dev/null", O_RDWR);
+  } while (stream >= STDIN_FILENO && stream <= STDERR_FILENO);
+  if (stream >= 0) close(stream);
 }
 
 [[noreturn]] void constructionjob() {
@@ -181,6 +192,7 @@ void openresults() {
 }  // namespace
 
 void runjob(int argc, char** argv) {
+  holdstandardstreams();
   outofmemory = [] { fail(3); };
   stophooks.closescratch = scratchcloseall;
   installhandlers();
@@ -189,7 +201,8 @@ void runjob(int argc, char** argv) {
   bool rawjob = options.templatejob;
   if (run.files.mdmfile.empty() && !rawjob) {
     if (askyesno("\nWill you be starting with raw data?")) {
-      stopwith("This version of %s cannot make an mdm file by dialogue yet. Please give a template with -r.\n", module);
+      mdmdialogue();
+      rawjob = true;
     } else {
       askmdmfile();
     }

@@ -1,0 +1,67 @@
+// The variables of a raw file whose format names them itself: every format but fixed columns.
+//
+// A reader's open() fills LevelSource::vartable, one row for each variable in file order. The template or the dialogue
+// marks the rows that are wanted. The reader's prepare() calls settlevariables, and its record() then looks at the
+// marks, or at LevelSource::chosen, and makes its IDs by numericid and textid.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "driver/names.h"
+
+namespace kdr {
+
+struct Id;
+struct LevelSource;
+
+inline constexpr int unwanted = 0;
+inline constexpr int variablemark = 1;
+inline constexpr int level3idmark = -1;
+inline constexpr int level2idmark = -2;
+
+inline constexpr std::size_t longestname = 12;  // a variable name as the user may give it
+inline constexpr std::size_t longestid = 12;    // a text ID
+
+// One variable of a raw file.
+struct RawVariable {
+  Name name;    // through padname with the format's width: 8, SYSTAT 9 where a $ ends it
+  bool text;    // a character variable, which can be an ID only
+  bool hidden;  // a row that nobody can name: the continuation of a long string
+  int width;    // bytes that a value takes; characters of a character variable
+  int mark;     // unwanted, variablemark, level3idmark or level2idmark
+};
+
+// The row of the variable, or -1. Names count by their first 8 characters, without regard to case. In SYSTAT data one
+// with a $ counts by 9.
+[[nodiscard]] int findvariable(const LevelSource& source, std::string_view name);
+
+// Marks a variable of the level (index 0 to 2) as the ID column that `mark` tells, or as a variable of the MDM file.
+// Stops with code 100 when the name is too long, when the file has no such variable, or when it has a mark already.
+// Variables must be marked in the order of the raw file, since that is the order of the values of a record; in SYSTAT
+// data any order is kept.
+void markid(int level, int mark, const std::string& name);
+void markvariable(int level, const std::string& name);
+// Drops all marks of the level.
+void clearmarks(int level);
+
+// Settles run.mdm.numericids from the ID columns that are marked so far. Stops with code 100 when they are of unlike
+// kinds.
+void settleidkind();
+
+// The row marked so, or -1.
+[[nodiscard]] int idrow(const LevelSource& source, int mark);
+// The name of a row without blanks, as a template shows it.
+[[nodiscard]] std::string shownname(const RawVariable& variable);
+
+// The part of prepare() that all formats share: sets `selected` and fills `chosen`. Stops with code 100 when a wanted
+// variable is a character variable.
+void settlevariables(int level);
+
+// The numeric ID of a value: floor(value + 0.2). Stops with code 100 above 9999999999999.
+[[nodiscard]] double numericid(double value);
+// A text ID through padname with width 12. Stops with code 100 when characters other than blanks or zeros stand behind
+// the twelfth.
+[[nodiscard]] Name textid(std::string_view text);
+
+}  // namespace kdr

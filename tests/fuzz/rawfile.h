@@ -1,0 +1,63 @@
+// What the targets of binary raw files share: one file serves all three levels.
+#pragma once
+
+#include "data/construction.h"
+#include "data/levelsource.h"
+#include "data/scratch.h"
+#include "harness.h"
+
+namespace kdr {
+
+// Marks the first two columns of one kind as the IDs and up to 20 numeric columns as variables.
+inline void markcolumns(int level, bool textids) {
+  LevelSource& source = raw.level[level];
+  clearmarks(level);
+  int ids = level == 2 ? 1 : 2;
+  int variables = 20;
+  for (std::size_t row = 0; row < source.vartable.size(); ++row) {
+    RawVariable& variable = source.vartable[row];
+    if (variable.hidden) continue;
+    if (ids > 0 && variable.text == textids) {
+      variable.mark = level == 2 || ids == 2 ? level3idmark : level2idmark;
+      --ids;
+    } else if (!variable.text && variables > 0) {
+      variable.mark = variablemark;
+      source.chosen.resize(source.chosen.size() + 1);
+      source.chosen[source.chosen.size() - 1] = static_cast<int>(row);
+      --variables;
+    }
+  }
+  if (ids > 0) stopwith("id variable not found!\n");
+}
+
+// The first byte of the input tells the kind of IDs and what is done about missing values, the rest is the file.
+// Type OTHER has its file type in `type`, with a slash.
+inline int fuzzraw(const char* word, const std::uint8_t* data, std::size_t size, const std::string& type = "") {
+  if (size == 0) return 0;
+  startharness();
+  writeinput("raw", std::string_view(reinterpret_cast<const char*>(data) + 1, size - 1));
+  run.mdm = MdmData{};
+  run.mdm.l1missing = (data[0] & 1) != 0;
+  run.mdm.deletednow = (data[0] & 2) != 0;
+  run.files.mdmfile = "a.mdm";
+  raw.reader = findreader(word);
+  runjob([&] {
+    for (int level = 0; level < 3; ++level) {
+      raw.level[level].filename = "raw" + type;
+      raw.reader->open(level);
+      markcolumns(level, (data[0] & 4) != 0);
+    }
+    settleidkind();
+    for (Array<Name>* names : {&run.mdm.names1, &run.mdm.names2, &run.mdm.names3}) {
+      names->reset(21);
+      names->fill(paddedname("X"));
+    }
+    mkmdm();
+  });
+  if (run.mdm.stream != nullptr) std::fclose(run.mdm.stream);
+  scratchcloseall();
+  forgetraw();
+  return 0;
+}
+
+}  // namespace kdr

@@ -1,0 +1,6 @@
+// SPSS system files.
+#include "rawfile.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  return kdr::fuzzraw("spss", data, size);
+}
