@@ -84,10 +84,8 @@ void refuseabsentengines() {
     const char* what;
   };
   const Absent absent[] = {
-      {run.kind.nonlin != 0, "estimate non-linear models"},
-      {run.series.mimode, "pool multiply imputed data sets"},
-      {run.series.pvmode, "pool plausible values"},
-      {run.iter.agqpoints != 0, "do adaptive quadrature"},
+      {run.kind.nonlin != 0, "estimate non-linear models"}, {run.series.mimode, "pool multiply imputed data sets"},
+      {run.series.pvmode, "pool plausible values"},         {run.iter.agqpoints != 0, "do adaptive quadrature"},
       {run.out.lvr, "do latent variable regressions"},
   };
   for (const Absent& engine : absent)

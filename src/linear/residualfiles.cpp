@@ -21,6 +21,7 @@ struct RowValues {
   Array<double> values;
   std::size_t used = 0;
 
+  void start() { used = 0; }
   void add(double value) { values[used++] = value; }
   void add(const Array<double>& group) {
     std::copy(group.begin(), group.end(), values.data() + used);
@@ -31,8 +32,6 @@ struct RowValues {
     for (int i = 0; i < n; ++i) add(row[variables[at(i)] - 1]);
   }
 };
-
-void startrow(RowValues& row) { row.used = 0; }
 
 const double* level3values(int k) { return run.mdm.level3.data() + at(k) * at(run.mdm.nvar3); }
 
@@ -59,7 +58,7 @@ void writelevel1(Pass& pass) {
     line.id2 = unit.id2;
     for (int i = 0; i < unit.nj; ++i) {
       const double* record = unit.records.data() + at(i) * at(run.mdm.nvar1);
-      startrow(row);
+      row.start();
       row.add(record[run.kind.outvar - 1] - fitted[i]);
       row.add(fitted[i]);
       row.add(sigma);
@@ -74,7 +73,7 @@ void writelevel1(Pass& pass) {
 
 template <class Groups>
 void addgroups(RowValues& row, const Groups& groups) {
-  startrow(row);
+  row.start();
   row.add(groups.EB);
   row.add(groups.OL);
   row.add(groups.FV);

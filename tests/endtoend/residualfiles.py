@@ -113,7 +113,8 @@ def readspss(path, level):
     with open(path, 'rb') as f:
         data = f.read()
     product, layout, slots, compressed, weight, cases, bias = struct.unpack_from('<64siiiiid', data)
-    if not product.startswith(b'$FL2@(#) SPSS DATA FILE from KDR3 version 7.01') or (layout, compressed, weight) != (2, 0, 0):
+    known = product.startswith(b'$FL2@(#) SPSS DATA FILE from KDR3 version 7.01')
+    if not known or (layout, compressed, weight) != (2, 0, 0):
         raise ValueError('%s has no head of this form' % path)
     variables, at = [], 176
     for _ in range(slots):
@@ -179,7 +180,8 @@ def readstata(path, level):
     rows, raw = [], []
     for case in struct.iter_unpack(form, data[at:]):
         raw.append(case)
-        rows.append([x.decode().strip('\0 ') if isinstance(x, bytes) else None if x == 2.0 ** 1023 else x for x in case])
+        rows.append([x.decode().strip('\0 ') if isinstance(x, bytes) else None if x == 2.0 ** 1023 else x
+                     for x in case])
     return Table(names, rows, types=types, formats=formats, raw=raw, cases=nobs)
 
 
@@ -224,9 +226,9 @@ class Mdm:
             count, = struct.unpack_from('<i', data, at)
             size = 8 * n1 * (count + 1)
             body = at + 4
-            self.blocks.append([count, data[body:body + size], data[body + size:body + size + 13],
-                                data[body + size + 13:body + size + 26], data[body + size + 26:body + size + 26 + 8 * n2]])
-            at = body + size + 26 + 8 * n2
+            ids, tail = body + size, body + size + 26
+            at = tail + 8 * n2
+            self.blocks.append([count, data[body:ids], data[ids:ids + 13], data[ids + 13:tail], data[tail:at]])
         assert at == len(data)
 
     def rename(self, level, old, new):
@@ -239,7 +241,8 @@ class Mdm:
         head = list(self.head)
         head[9] = -abs(head[9]) if numeric else head[9]
         with open(path, 'wb') as f:
-            f.write(self.data[:10] + struct.pack('<11i', *head) + b''.join(x for t in self.names for x in t) + self.files)
-            f.write(struct.pack('<%dd' % len(self.means), *self.means) + b''.join(map(identifier, self.ids3)) + self.level3)
+            f.write(self.data[:10] + struct.pack('<11i', *head) + b''.join(x for t in self.names for x in t))
+            f.write(self.files + struct.pack('<%dd' % len(self.means), *self.means))
+            f.write(b''.join(map(identifier, self.ids3)) + self.level3)
             for count, body, id3, id2, level2 in self.blocks:
                 f.write(struct.pack('<i', count) + body + identifier(id3) + identifier(id2) + level2)

@@ -46,7 +46,8 @@ def records(directory):
         with open('%s/level%d.dat' % (directory, level)) as f:
             for line in f:
                 values = [float(line[start + 10 * i:start + 10 * i + 10]) for i in range(len(NAMES[level]))]
-                data[level].append((line[:4].strip().upper(), line[5:11].strip().upper() if level < 3 else None, values))
+                id2 = line[5:11].strip().upper() if level < 3 else None
+                data[level].append((line[:4].strip().upper(), id2, values))
     return data
 
 
@@ -303,8 +304,8 @@ def defaults(program, work):
 WIDE = ['NONLIN:N', 'NUMIT:3,N', 'LEVEL1:Y=INTRCPT1+X1+X2+V+RANDOM']
 WIDE += [x for n, (rand, terms) in {'INTRCPT1': ('+RANDOM', 'INTRCPT2+Z1,2+Z2,2+W2'), 'X1': ('+RANDOM', 'INTRCPT2+Z1,2+Z2'),
                                     'X2': ('+RANDOM', 'INTRCPT2+Z1,2'), 'V': ('+RANDOM', 'INTRCPT2')}.items()
-         for x in ['LEVEL2:%s=%s%s' % (n, terms, rand)] +
-         ['LEVEL3:%s=INTRCPT3%s' % (t.split(',')[0], '+RANDOM' if t == 'INTRCPT2' else '') for t in terms.split('+')]]
+         for x in ['LEVEL2:%s=%s%s/' % (n, terms, rand)] +
+         ['LEVEL3:%s=INTRCPT3%s/' % (t.split(',')[0], '+RANDOM' if t == 'INTRCPT2' else '') for t in terms.split('+')]]
 WIDE += ['LEVEL1DELETION:NONE', 'CONSTRAIN:N', 'HYPOTH:N', 'LVR-BETA:N', 'TITLE:wide', 'FULLOUTPUT:Y', 'DIAGONALIZETAUPI:Y',
          'DIAGONALIZETAUBETA:Y']
 

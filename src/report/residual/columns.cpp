@@ -26,7 +26,7 @@ struct Given {
     std::string name = wanted.substr(0, width);
     for (int n = 1; !names.insert(upper(name)).second; ++n) {
       std::string suffix(1, '_');
-    suffix += std::to_string(n);
+      suffix += std::to_string(n);
       name = wanted.substr(0, width - suffix.size()) + suffix;
     }
     return name;
