@@ -3,8 +3,11 @@
 #include <strings.h>
 
 #include "data/readers/ascii.h"
+#include "data/readers/other.h"
+#include "data/readers/sastransport.h"
 #include "data/readers/spss.h"
 #include "data/readers/stata.h"
+#include "data/readers/systat.h"
 
 namespace kdr {
 
@@ -14,11 +17,11 @@ namespace {
 
 constexpr RawReader readers[] = {
     {2, "ascii", 5, "ASCII", openascii, prepareascii, asciirecordof, closeascii},
-    {3, "systat", 6, "SYSTAT", nullptr, nullptr, nullptr, nullptr},
-    {5, "sas", 3, "SAS", nullptr, nullptr, nullptr, nullptr},
+    {3, "systat", 6, "SYSTAT", opensystat, preparesystat, systatrecord, closesystat},
+    {5, "sas", 3, "SAS", opensas, preparesas, sasrecord, closesas},
     {6, "spss", 4, "SPSS", openspss, preparespss, spssrecord, closespss},
     {8, "stata", 4, "Stata", openstata, preparestata, statarecord, closestata},
-    {9, "other", 5, "OTHER", nullptr, nullptr, nullptr, nullptr},
+    {9, "other", 5, "OTHER", openother, prepareother, strecord, closeother},
 };
 
 }  // namespace

@@ -31,7 +31,8 @@ inline void markcolumns(int level, bool textids) {
 }
 
 // The first byte of the input tells the kind of IDs and what is done about missing values, the rest is the file.
-inline int fuzzraw(const char* word, const std::uint8_t* data, std::size_t size) {
+// Type OTHER has its file type in `type`, with a slash.
+inline int fuzzraw(const char* word, const std::uint8_t* data, std::size_t size, const std::string& type = "") {
   if (size == 0) return 0;
   startharness();
   writeinput("raw", std::string_view(reinterpret_cast<const char*>(data) + 1, size - 1));
@@ -42,7 +43,7 @@ inline int fuzzraw(const char* word, const std::uint8_t* data, std::size_t size)
   raw.reader = findreader(word);
   runjob([&] {
     for (int level = 0; level < 3; ++level) {
-      raw.level[level].filename = "raw";
+      raw.level[level].filename = "raw" + type;
       raw.reader->open(level);
       markcolumns(level, (data[0] & 4) != 0);
     }

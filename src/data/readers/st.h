@@ -1,0 +1,55 @@
+// The layer through which raw data of many packages are read: one calling order, whatever library stands behind.
+//
+//   StHandle handle = ST_OpenEnvironment();
+//   ST_OpenInputFile(handle, format, path);            // a format number of the table in other.cpp
+//   int numvar = ST_ReadDict(handle);
+//   ST_SelectAllVars(handle);                          // or ST_SelectVar for each one that is wanted
+//   ST_InitReadOnly(handle);
+//   while (ST_ReadRecord(handle) == 0) ST_GetVarData(handle, v, &value, &second);
+//   ST_CloseFiles(handle);
+//
+// Variables count from 0. Nothing here ends the process but exhausted memory and a full disk.
+#pragma once
+
+namespace kdr {
+
+struct StFile;
+using StHandle = StFile*;
+
+// The value of a variable in the record in hand: the one of the two that the variable's type tells.
+union StValue {
+  const double* number;
+  const char*
+      text;  // zero-terminated, its trailing blanks dropped; of a longer one 12 characters and one that shows it
+};
+
+// True when a library stands behind the format number.
+[[nodiscard]] bool ST_CanRead(int format);
+
+// A handle for one file, to be given back by ST_CloseFiles.
+[[nodiscard]] StHandle ST_OpenEnvironment();
+// 0, or -1 when the file does not exist, -2 when it cannot be opened for reading, -3 when the handle has a file
+// already.
+[[nodiscard]] int ST_OpenInputFile(StHandle handle, int format, const char* path);
+// Reads the dictionary: the number of variables, or -1 when the file has none that can be read.
+[[nodiscard]] int ST_ReadDict(StHandle handle);
+// Which variables the records are to have. Those that are not selected cost no time or space.
+void ST_SelectAllVars(StHandle handle);
+void ST_SelectVar(StHandle handle, int v);
+// Goes to the first record; a selection that is made behind it holds too, as long as no record has been read.
+void ST_InitReadOnly(StHandle handle);
+// 1 for a numeric variable, 2 for a text.
+[[nodiscard]] int ST_GetVarType(StHandle handle, int v);
+// Its name, of which 13 characters are kept.
+[[nodiscard]] const char* ST_GetVarName(StHandle handle, int v);
+[[nodiscard]] int ST_GetVarPrintWidth(StHandle handle, int v);
+// 0 for a record, 1 at the end of the data.
+[[nodiscard]] int ST_ReadRecord(StHandle handle);
+// 1 if the value is missing, else 0 with `value` set. `second` is always set to 0.
+[[nodiscard]] int ST_GetVarData(StHandle handle, int v, StValue* value, int* second);
+// Why there is no dictionary, or, at the end of the data, how they were cut short. Empty when all is well.
+[[nodiscard]] const char* ST_Trouble(StHandle handle);
+// Closes the file and frees the handle. Null is ignored.
+void ST_CloseFiles(StHandle handle);
+
+}  // namespace kdr

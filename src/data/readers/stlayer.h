@@ -1,0 +1,84 @@
+// The inside of the layer: what a library's side has to supply.
+#pragma once
+
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "data/readers/st.h"
+#include "driver/constants.h"
+#include "kernel/array.h"
+
+namespace kdr {
+
+inline constexpr std::size_t textwidth = 12;  // characters of a text that count
+
+struct StVariable {
+  char name[14];
+  bool numeric;
+  bool selected;
+  int width;  // characters of a text
+};
+
+// A text, zero-terminated. One that has more than 12 characters has 13 here.
+struct StText {
+  char bytes[14];
+};
+
+struct StBackend;
+
+struct StFile {
+  const StBackend* backend = nullptr;
+  std::string path;
+  Array<StVariable> variables;
+  Array<double> numbers;  // the record in hand, [v]; missingcode for a missing number
+  Array<StText> texts;    // likewise
+  std::string trouble;
+  void* state = nullptr;  // the backend's own
+};
+
+// One library's side of one format.
+struct StBackend {
+  int format;
+  // Opens file.path and fills file.variables. False, with file.trouble set, when that cannot be done.
+  bool (*dictionary)(StFile& file);
+  // Puts the selected variables of the next record into file.numbers and file.texts. False at the end of the data.
+  bool (*record)(StFile& file);
+  // Frees file.state, which is not null.
+  void (*close)(StFile& file);
+};
+
+// The formats that this build can read.
+[[nodiscard]] std::span<const StBackend> stbackends();
+
+bool readstatdictionary(StFile& file);
+bool readstatrecord(StFile& file);
+void readstatclose(StFile& file);
+bool csvdictionary(StFile& file);
+bool csvrecord(StFile& file);
+void csvclose(StFile& file);
+bool exceldictionary(StFile& file);
+bool excelrecord(StFile& file);
+void excelclose(StFile& file);
+bool dbasedictionary(StFile& file);
+bool dbaserecord(StFile& file);
+void dbaseclose(StFile& file);
+
+// Helpers of the backends.
+
+// Room for `count` variables and their values.
+void makevariables(StFile& file, std::size_t count);
+void nameit(StVariable& variable, std::string_view name);
+[[nodiscard]] StText sttext(std::string_view text);
+// An infinite number or none at all is a missing value.
+[[nodiscard]] double stnumber(double value);
+
+// A field of a table of texts. Empty and "NA" are missing.
+[[nodiscard]] bool missingfield(std::string_view field);
+// The number that the whole field states in decimal notation; false when it states none that a double can hold.
+[[nodiscard]] bool fieldnumber(std::string_view field, double& value);
+
+// "... of the %d" words for `trouble`.
+[[nodiscard]] std::string stwords(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+}  // namespace kdr

@@ -1,0 +1,216 @@
+// Delimited text through libcsv: a header line with the names, then one line for each record.
+//
+// The dictionary takes one pass over the file, which settles the kind of each column: numeric when every field that is
+// not missing is a number. The records then come line by line.
+#include <csv.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+
+#include "data/readers/stlayer.h"
+#include "driver/failures.h"
+
+namespace kdr {
+
+namespace {
+
+constexpr std::size_t piecesize = std::size_t{1} << 16;
+constexpr std::size_t longestfield = std::size_t{1} << 20;
+
+enum class Purpose { count, names, kinds, values };
+
+struct CsvState {
+  StFile* file = nullptr;
+  std::FILE* stream = nullptr;
+  csv_parser parser{};
+  char delimiter = ',';
+  Purpose purpose = Purpose::count;
+  Array<char> buffer;
+  std::size_t at = 0, have = 0;
+  long long feeds = 0;      // line feeds so far
+  bool ended = false;       // the parser was told that the file has ended
+  bool openline = false;    // the row in hand has no line end
+  bool openquote = false;   // nor does its last field have its closing quote
+  bool overlong = false;    // a field is longer than any that makes sense
+  std::size_t columns = 0;  // fields of the row in hand
+  bool complete = false;    // its end was seen
+  long long goodrows = 0;   // records that count
+  long long given = 0;      // of them
+  bool lastopen = false;    // the last of them has no line end
+  std::string cut;          // how the data end before their time
+};
+
+CsvState& stateof(StFile& file) { return *static_cast<CsvState*>(file.state); }
+
+void takefield(void* bytes, std::size_t length, void* context) {
+  CsvState& state = *static_cast<CsvState*>(context);
+  const std::size_t column = state.columns++;
+  if (state.purpose == Purpose::count || column >= state.file->variables.size()) return;
+  const std::string_view field(static_cast<const char*>(bytes), bytes == nullptr ? 0 : length);
+  StVariable& variable = state.file->variables[column];
+  double value = missingcode;
+  if (state.purpose == Purpose::names) {
+    nameit(variable, field);
+  } else if (state.purpose == Purpose::kinds) {
+    variable.width = std::max(variable.width, static_cast<int>(std::min<std::size_t>(field.size(), INT_MAX)));
+    if (variable.numeric && !missingfield(field)) variable.numeric = fieldnumber(field, value);
+  } else if (variable.selected && variable.numeric) {
+    state.file->numbers[column] = !missingfield(field) && fieldnumber(field, value) ? value : missingcode;
+  } else if (variable.selected) {
+    state.file->texts[column] = missingfield(field) ? StText{} : sttext(field);
+  }
+}
+
+void takeend(int, void* context) { static_cast<CsvState*>(context)->complete = true; }
+
+bool fillbuffer(CsvState& state) {
+  checksignals();
+  state.at = 0;
+  state.have = std::fread(state.buffer.data(), 1, state.buffer.size(), state.stream);
+  return state.have > 0;
+}
+
+void startparser(CsvState& state) {
+  csv_free(&state.parser);
+  if (csv_init(&state.parser, 0) != 0) fail(3);
+  csv_set_delim(&state.parser, static_cast<unsigned char>(state.delimiter));
+  csv_set_blk_size(&state.parser, 4096);
+  state.feeds = 0;
+  state.ended = state.openline = state.openquote = false;
+}
+
+// Back to the start of the file, behind a byte order mark.
+void startover(CsvState& state, Purpose purpose) {
+  startparser(state);
+  state.purpose = purpose;
+  std::rewind(state.stream);
+  if (fillbuffer(state) && state.have >= 3 && std::memcmp(state.buffer.data(), "\xEF\xBB\xBF", 3) == 0) state.at = 3;
+}
+
+// The one of comma, semicolon and tab that stands most often in the first line, outside quotes.
+char finddelimiter(CsvState& state) {
+  static constexpr char candidates[] = {',', ';', '\t'};
+  long long found[3] = {};
+  bool quoted = false;
+  for (std::size_t i = state.at; i < state.have; ++i) {
+    const char c = state.buffer[i];
+    if (c == '"') quoted = !quoted;
+    if (!quoted && (c == '\n' || c == '\r')) break;
+    for (int k = 0; !quoted && k < 3; ++k) found[k] += c == candidates[k];
+  }
+  return candidates[std::max_element(found, found + 3) - found];
+}
+
+// The next row that is not empty; false when there is none.
+bool nextrow(CsvState& state) {
+  state.columns = 0;
+  state.complete = false;
+  while (!state.complete && !state.ended && !state.overlong) {
+    if (state.at == state.have && !fillbuffer(state)) {
+      state.ended = true;
+      state.openline = true;
+      // A last field whose quotes are still open is refused, and its row with it.
+      csv_set_opts(&state.parser, CSV_STRICT | CSV_STRICT_FINI);
+      state.openquote = csv_fini(&state.parser, takefield, takeend, &state) != 0;
+      break;
+    }
+    const char* from = state.buffer.data() + state.at;
+    const char* end = state.buffer.data() + state.have;
+    const char* to = std::find_if(from, end, [](char c) { return c == '\n' || c == '\r'; });
+    if (to != end) state.feeds += *to++ == '\n';
+    const auto length = static_cast<std::size_t>(to - from);
+    if (csv_parse(&state.parser, from, length, takefield, takeend, &state) != length) fail(3);
+    state.at += length;
+    state.overlong = state.parser.entry_pos > longestfield;
+  }
+  return state.complete && !state.overlong;
+}
+
+// The line on which the row in hand ended, from 1.
+long long lineof(const CsvState& state) {
+  const bool afterfeed = state.at > 0 && state.at <= state.have && state.buffer[state.at - 1] == '\n';
+  return state.feeds + (afterfeed && !state.openline ? 0 : 1);
+}
+
+// To the first record, the header line being passed over.
+void startrecords(CsvState& state, Purpose purpose) {
+  startover(state, Purpose::count);
+  (void)nextrow(state);
+  state.purpose = purpose;
+}
+
+// One pass over all rows: the kinds of the columns and the number of records. False for a file that is no table.
+bool settlekinds(StFile& file) {
+  CsvState& state = stateof(file);
+  startrecords(state, Purpose::kinds);
+  for (StVariable& variable : file.variables) variable.numeric = true;
+  while (nextrow(state)) {
+    if (state.columns != file.variables.size()) {
+      if (!(state.openline && state.columns < file.variables.size())) {
+        file.trouble = stwords("line %lld has %zu fields, the header line has %zu", lineof(state), state.columns,
+                               file.variables.size());
+        return false;
+      }
+      state.cut = stwords("it ends in the middle of line %lld, which does not count", lineof(state));
+      break;
+    }
+    ++state.goodrows;
+    state.lastopen = state.openline;
+  }
+  if (state.overlong) {
+    file.trouble = stwords("line %lld has a field of more than %zu bytes", lineof(state), longestfield);
+    return false;
+  }
+  if (state.openquote)
+    state.cut = stwords("it ends in a quoted field behind record %lld, which does not count", state.goodrows);
+  if (state.cut.empty() && state.lastopen) state.cut = "no line end follows its last line, which counts all the same";
+  return true;
+}
+
+}  // namespace
+
+bool csvdictionary(StFile& file) {
+  auto* state = new CsvState;
+  file.state = state;
+  state->file = &file;
+  state->buffer.reset(piecesize);
+  state->stream = std::fopen(file.path.c_str(), "rb");
+  if (state->stream == nullptr) {
+    file.trouble = "it cannot be opened";
+    return false;
+  }
+  startover(*state, Purpose::count);
+  state->delimiter = finddelimiter(*state);
+  startover(*state, Purpose::count);
+  if (!nextrow(*state)) {
+    file.trouble = "it has no header line";
+    return false;
+  }
+  makevariables(file, state->columns);
+  startover(*state, Purpose::names);
+  (void)nextrow(*state);
+  if (!settlekinds(file)) return false;
+  startrecords(*state, Purpose::values);
+  return true;
+}
+
+bool csvrecord(StFile& file) {
+  CsvState& state = stateof(file);
+  if (state.given == state.goodrows || !nextrow(state)) {
+    file.trouble = state.cut;
+    return false;
+  }
+  ++state.given;
+  return true;
+}
+
+void csvclose(StFile& file) {
+  CsvState* state = &stateof(file);
+  csv_free(&state->parser);
+  if (state->stream != nullptr) std::fclose(state->stream);
+  delete state;
+  file.state = nullptr;
+}
+
+}  // namespace kdr

@@ -1,0 +1,129 @@
+// dBASE tables through the table part of shapelib. Records that are marked as deleted are passed over.
+#include <shapefil.h>
+
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+#include "data/readers/stlayer.h"
+
+namespace kdr {
+
+namespace {
+
+struct DbaseState {
+  DBFHandle table = nullptr;
+  int records = 0;    // whole ones that the file holds
+  int announced = 0;  // records that the head tells
+  int next = 0;
+};
+
+DbaseState& stateof(StFile& file) { return *static_cast<DbaseState*>(file.state); }
+
+unsigned number(const unsigned char* bytes, int count) {
+  unsigned value = 0;
+  while (count > 0) value = value << 8U | bytes[--count];
+  return value;
+}
+
+// The library takes the head's lengths on trust, so they are held against each other and against the file's length
+// here. Fills the counts of records.
+bool checkhead(StFile& file) {
+  constexpr unsigned fixedpart = 32;
+  DbaseState& state = stateof(file);
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> stream(std::fopen(file.path.c_str(), "rb"), std::fclose);
+  unsigned char head[fixedpart];
+  file.trouble = "it is no dBASE table";
+  if (stream == nullptr || std::fread(head, 1, fixedpart, stream.get()) != fixedpart) return false;
+  const unsigned headlength = number(head + 8, 2);
+  const unsigned recordlength = number(head + 10, 2);
+  if (headlength <= fixedpart || recordlength < 2) return false;
+  unsigned fields = 1;  // the mark of deletion
+  unsigned char field[fixedpart];
+  for (unsigned at = fixedpart; at + fixedpart <= headlength; at += fixedpart) {
+    if (std::fread(field, 1, fixedpart, stream.get()) != fixedpart) return false;
+    if (field[0] == '\r') break;
+    const bool counted = field[11] == 'N' || field[11] == 'F';
+    fields += counted ? field[16] : number(field + 16, 2);
+    if (fields > recordlength) return false;
+  }
+  if (std::fseek(stream.get(), 0, SEEK_END) != 0) return false;
+  const long long length = std::ftell(stream.get());
+  if (length < headlength) return false;
+  const auto announced = static_cast<long long>(number(head + 4, 4));
+  const long long whole = (length - headlength) / recordlength;
+  if (announced > 0x7FFFFFFF) return false;
+  state.announced = static_cast<int>(announced);
+  state.records = static_cast<int>(whole < announced ? whole : announced);
+  file.trouble.clear();
+  return true;
+}
+
+const char* pathopened = "";  // the library would look for a file whose name ends in .dbf
+
+SAFile openit(const char* name, const char* mode) {
+  const std::size_t length = std::strlen(name);
+  if (length > 4 && (std::strcmp(name + length - 4, ".cpg") == 0 || std::strcmp(name + length - 4, ".CPG") == 0))
+    return nullptr;
+  return reinterpret_cast<SAFile>(std::fopen(pathopened, mode));
+}
+
+}  // namespace
+
+bool dbasedictionary(StFile& file) {
+  auto* state = new DbaseState;
+  file.state = state;
+  if (!checkhead(file)) return false;
+  SAHooks hooks;
+  SASetupDefaultHooks(&hooks);
+  hooks.FOpen = openit;
+  hooks.Error = [](const char*) {};
+  pathopened = file.path.c_str();
+  state->table = DBFOpenLL(file.path.c_str(), "rb", &hooks);
+  const int count = state->table == nullptr ? 0 : DBFGetFieldCount(state->table);
+  if (count <= 0) {
+    file.trouble = "it is no dBASE table";
+    return false;
+  }
+  makevariables(file, static_cast<std::size_t>(count));
+  for (int f = 0; f < count; ++f) {
+    StVariable& variable = file.variables[static_cast<std::size_t>(f)];
+    char name[XBASE_FLDNAME_LEN_READ + 1] = "";
+    const DBFFieldType type = DBFGetFieldInfo(state->table, f, name, &variable.width, nullptr);
+    nameit(variable, name);
+    variable.numeric = type == FTInteger || type == FTDouble;
+  }
+  return true;
+}
+
+bool dbaserecord(StFile& file) {
+  DbaseState& state = stateof(file);
+  while (state.next < state.records && DBFIsRecordDeleted(state.table, state.next) != 0) ++state.next;
+  if (state.next >= state.records) {
+    if (state.records < state.announced)
+      file.trouble = stwords("its head tells %d records, but %d are there", state.announced, state.records);
+    return false;
+  }
+  const int record = state.next++;
+  for (std::size_t v = 0; v < file.variables.size(); ++v) {
+    if (!file.variables[v].selected) continue;
+    const int f = static_cast<int>(v);
+    if (file.variables[v].numeric) {
+      const bool missing = DBFIsAttributeNULL(state.table, record, f) != 0;
+      file.numbers[v] = missing ? missingcode : stnumber(DBFReadDoubleAttribute(state.table, record, f));
+    } else {
+      const char* text = DBFReadStringAttribute(state.table, record, f);
+      file.texts[v] = sttext(text == nullptr ? "" : text);
+    }
+  }
+  return true;
+}
+
+void dbaseclose(StFile& file) {
+  DbaseState* state = &stateof(file);
+  if (state->table != nullptr) DBFClose(state->table);
+  delete state;
+  file.state = nullptr;
+}
+
+}  // namespace kdr

@@ -1,0 +1,280 @@
+// SAS, SPSS and Stata files through ReadStat.
+//
+// The library calls back with one value after the other, so the selected variables of the whole file go to a scratch
+// file first, row by row: a double or a text slot each. Memory holds one row, whatever the file's length.
+#include <readstat.h>
+#include <sys/stat.h>
+
+#include <climits>
+#include <cstring>
+
+#include "data/readers/stlayer.h"
+#include "data/scratch.h"
+#include "driver/failures.h"
+
+namespace kdr {
+
+namespace {
+
+// The file as the library sees it. The table of characters in a portable file gives some characters a second place, for
+// a superscript or a dash of another kind. The library takes the last place, and would read no digits or lose a minus
+// sign; so it is shown the first one only.
+struct LibraryFile {
+  std::FILE* stream = nullptr;
+  Array<long long> repeated;  // file positions of further places
+};
+
+struct ReadstatState {
+  LibraryFile library;
+  long long filelength = 0;
+  long long announced = -1;  // records that the head tells, -1 where it does not
+  bool firstpass = true;     // the dictionary is wanted, not the values
+  bool overfull = false;     // the head tells more variables than the file could hold
+  Array<char> row;           // the row in hand, and its bytes while it is read back
+  Array<std::size_t> place;  // of a selected variable in the row
+  std::size_t wanted = 0;    // selected variables
+  std::size_t filled = 0;    // values of the row in hand
+  int observation = -1;      // its number
+  long long rows = 0;        // on the scratch file
+  long long read = 0;        // of them
+  bool writefailed = false;
+  ScratchFile scratch = nullptr;
+  std::string words;  // the library's last
+};
+
+ReadstatState& stateof(StFile& file) { return *static_cast<ReadstatState*>(file.state); }
+
+// Finds the table of characters: 256 bytes behind five titles of 40, line ends not counted.
+void findrepeated(LibraryFile& library) {
+  constexpr int tablestart = 200;
+  constexpr int tableend = tablestart + 256;
+  bool seen[256] = {};
+  std::size_t found = 0;
+  int c = 0;
+  library.repeated.reset(tableend);
+  for (int at = 0; at < tableend && (c = std::getc(library.stream)) != EOF;) {
+    if (c == '\r' || c == '\n') continue;
+    if (at >= tablestart && c != '0') {
+      if (seen[c]) library.repeated[found++] = std::ftell(library.stream) - 1;
+      seen[c] = true;
+    }
+    ++at;
+  }
+  library.repeated.resize(found);
+  std::rewind(library.stream);
+}
+
+LibraryFile& libraryof(void* context) { return *static_cast<LibraryFile*>(context); }
+
+int openlibrary(const char* path, void* context) {
+  LibraryFile& library = libraryof(context);
+  library.stream = std::fopen(path, "rb");
+  if (library.stream == nullptr) return -1;
+  findrepeated(library);
+  return 0;
+}
+
+int closelibrary(void* context) {
+  LibraryFile& library = libraryof(context);
+  if (library.stream != nullptr) std::fclose(library.stream);
+  library.stream = nullptr;
+  return 0;
+}
+
+readstat_off_t seeklibrary(readstat_off_t offset, readstat_io_flags_t whence, void* context) {
+  const int from = whence == READSTAT_SEEK_SET ? SEEK_SET : whence == READSTAT_SEEK_CUR ? SEEK_CUR : SEEK_END;
+  std::FILE* stream = libraryof(context).stream;
+  return fseeko(stream, offset, from) == 0 ? ftello(stream) : -1;
+}
+
+ssize_t readlibrary(void* bytes, std::size_t count, void* context) {
+  LibraryFile& library = libraryof(context);
+  const long long start = ftello(library.stream);
+  const auto got = static_cast<long long>(std::fread(bytes, 1, count, library.stream));
+  for (const long long position : library.repeated)
+    if (position >= start && position < start + got) static_cast<char*>(bytes)[position - start] = '0';
+  return std::ferror(library.stream) ? -1 : got;
+}
+
+readstat_error_t updatelibrary(long, readstat_progress_handler, void*, void*) { return READSTAT_OK; }
+
+int takehead(readstat_metadata_t* metadata, void* context) {
+  StFile& file = *static_cast<StFile*>(context);
+  ReadstatState& state = stateof(file);
+  state.announced = readstat_get_row_count(metadata);
+  if (!state.firstpass) return READSTAT_HANDLER_OK;
+  const int count = readstat_get_var_count(metadata);
+  state.overfull = count < 0 || count > state.filelength;
+  if (state.overfull) return READSTAT_HANDLER_ABORT;
+  makevariables(file, static_cast<std::size_t>(count));
+  return READSTAT_HANDLER_OK;
+}
+
+int takevariable(int index, readstat_variable_t* variable, const char*, void* context) {
+  StFile& file = *static_cast<StFile*>(context);
+  const auto i = static_cast<std::size_t>(index);
+  if (index < 0 || i >= file.variables.size()) return READSTAT_HANDLER_ABORT;
+  StVariable& ours = file.variables[i];
+  if (!stateof(file).firstpass) return ours.selected ? READSTAT_HANDLER_OK : READSTAT_HANDLER_SKIP_VARIABLE;
+  const char* name = readstat_variable_get_name(variable);
+  nameit(ours, name == nullptr ? "" : name);
+  ours.numeric = readstat_variable_get_type_class(variable) == READSTAT_TYPE_CLASS_NUMERIC;
+  const std::size_t width = readstat_variable_get_storage_width(variable);
+  ours.width = width < INT_MAX ? static_cast<int>(width) : INT_MAX;
+  return READSTAT_HANDLER_OK;
+}
+
+// The row in hand is complete: the first value of the next one has come, or the file has ended well.
+void spoolrow(ReadstatState& state) {
+  if (state.observation < 0 || state.filled < state.wanted) return;
+  if (state.rows % 1024 == 0) checksignals();
+  if (std::fwrite(state.row.data(), 1, state.row.size(), state.scratch) != state.row.size()) state.writefailed = true;
+  ++state.rows;
+  state.filled = 0;
+}
+
+int takevalue(int observation, readstat_variable_t* variable, readstat_value_t value, void* context) {
+  StFile& file = *static_cast<StFile*>(context);
+  ReadstatState& state = stateof(file);
+  if (state.firstpass) return READSTAT_HANDLER_ABORT;
+  const auto i = static_cast<std::size_t>(readstat_variable_get_index(variable));
+  if (i >= file.variables.size() || !file.variables[i].selected) return READSTAT_HANDLER_ABORT;
+  if (observation != state.observation) {
+    spoolrow(state);
+    if (state.filled != 0 || state.writefailed) return READSTAT_HANDLER_ABORT;
+    state.observation = observation;
+  }
+  char* place = state.row.data() + state.place[i];
+  if (file.variables[i].numeric) {
+    const bool missing = readstat_value_is_missing(value, variable) != 0;
+    const double number = missing ? missingcode : stnumber(readstat_double_value(value));
+    std::memcpy(place, &number, sizeof number);
+  } else {
+    const char* text = readstat_string_value(value);
+    const StText slot = sttext(text == nullptr ? "" : text);
+    std::memcpy(place, &slot, sizeof slot);
+  }
+  ++state.filled;
+  return READSTAT_HANDLER_OK;
+}
+
+void takewords(const char* words, void* context) {
+  std::string text = words;
+  text.erase(text.find_last_not_of(" \n") + 1);
+  stateof(*static_cast<StFile*>(context)).words = text;
+}
+
+readstat_error_t parse(StFile& file) {
+  readstat_parser_t* parser = readstat_parser_init();
+  if (parser == nullptr) return READSTAT_ERROR_MALLOC;
+  readstat_set_metadata_handler(parser, takehead);
+  readstat_set_variable_handler(parser, takevariable);
+  readstat_set_value_handler(parser, takevalue);
+  readstat_set_error_handler(parser, takewords);
+  const char* path = file.path.c_str();
+  readstat_error_t error = READSTAT_ERROR_OPEN;
+  switch (file.backend->format) {
+    case 38:
+      error = readstat_parse_sas7bdat(parser, path, &file);
+      break;
+    case 12:
+      error = readstat_parse_xport(parser, path, &file);
+      break;
+    case 22:
+      error = readstat_parse_sav(parser, path, &file);
+      break;
+    case 13:
+      readstat_set_open_handler(parser, openlibrary);
+      readstat_set_close_handler(parser, closelibrary);
+      readstat_set_seek_handler(parser, seeklibrary);
+      readstat_set_read_handler(parser, readlibrary);
+      readstat_set_update_handler(parser, updatelibrary);
+      readstat_set_io_ctx(parser, &stateof(file).library);
+      error = readstat_parse_por(parser, path, &file);
+      break;
+    default:
+      error = readstat_parse_dta(parser, path, &file);
+  }
+  readstat_parser_free(parser);
+  closelibrary(&stateof(file).library);
+  return error;
+}
+
+std::string wordsof(const ReadstatState& state, readstat_error_t error) {
+  return state.words.empty() ? readstat_error_message(error) : state.words;
+}
+
+// Lays out a row and brings the whole file to the scratch file.
+void spool(StFile& file) {
+  ReadstatState& state = stateof(file);
+  state.firstpass = false;
+  state.words.clear();
+  state.place.reset(file.variables.size());
+  std::size_t width = 0;
+  for (std::size_t v = 0; v < file.variables.size(); ++v) {
+    const StVariable& variable = file.variables[v];
+    if (!variable.selected) continue;
+    state.place[v] = width;
+    width += variable.numeric ? sizeof(double) : sizeof(StText);
+    ++state.wanted;
+  }
+  state.row.reset(width);
+  state.scratch = scratchopen();
+  const readstat_error_t error = parse(file);
+  spoolrow(state);
+  if (state.writefailed || std::fflush(state.scratch) != 0) fail(5);
+  std::rewind(state.scratch);
+  if (error != READSTAT_OK) {
+    file.trouble = stwords("it breaks off behind record %lld (%s)", state.rows, wordsof(state, error).c_str());
+  } else if (state.rows < state.announced) {
+    file.trouble = stwords("its head tells %lld records, but %lld are there", state.announced, state.rows);
+  }
+}
+
+}  // namespace
+
+bool readstatdictionary(StFile& file) {
+  auto* state = new ReadstatState;
+  file.state = state;
+  struct stat status {};
+  if (stat(file.path.c_str(), &status) == 0) state->filelength = status.st_size;
+  const readstat_error_t error = parse(file);
+  if (state->overfull) {
+    file.trouble = "its head tells more variables than it can hold";
+  } else if (error != READSTAT_OK && !(error == READSTAT_ERROR_USER_ABORT && !file.variables.empty())) {
+    file.trouble = wordsof(*state, error);
+  } else if (file.variables.empty()) {
+    file.trouble = "it holds no variables";
+  }
+  return file.trouble.empty();
+}
+
+bool readstatrecord(StFile& file) {
+  ReadstatState& state = stateof(file);
+  if (state.scratch == nullptr) spool(file);
+  if (state.read == state.rows) return false;
+  if (std::fread(state.row.data(), 1, state.row.size(), state.scratch) != state.row.size()) {
+    file.trouble = "its copy cannot be read back";
+    return false;
+  }
+  ++state.read;
+  for (std::size_t v = 0; v < file.variables.size(); ++v) {
+    if (!file.variables[v].selected) continue;
+    const char* place = state.row.data() + state.place[v];
+    if (file.variables[v].numeric) {
+      std::memcpy(&file.numbers[v], place, sizeof(double));
+    } else {
+      std::memcpy(&file.texts[v], place, sizeof(StText));
+    }
+  }
+  return true;
+}
+
+void readstatclose(StFile& file) {
+  ReadstatState* state = &stateof(file);
+  scratchclose(state->scratch);
+  delete state;
+  file.state = nullptr;
+}
+
+}  // namespace kdr

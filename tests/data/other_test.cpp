@@ -1,0 +1,340 @@
+#include "data/readers/other.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <sstream>
+
+#include "data/rawtest.h"
+#include "data/readers/st.h"
+#include "driver/constants.h"
+
+namespace kdr {
+namespace {
+
+const std::string files = std::string(TESTDATA) + "/tests/data/files/";
+
+TEST(OtherTypes, Numbers) {
+  EXPECT_EQ(stformat("excel"), 7);
+  EXPECT_EQ(stformat("ACCESS"), 23);
+  EXPECT_EQ(stformat("123"), 0);
+  EXPECT_EQ(stformat("statistica"), 30);
+  EXPECT_EQ(stformat("Sybase"), 45);
+  EXPECT_EQ(stformat("rsybase"), 25);
+  EXPECT_EQ(stformat("xls"), -1);
+  EXPECT_EQ(stformat(""), -1);
+}
+
+TEST(OtherTypes, Split) {
+  const struct {
+    const char* value;
+    const char* path;
+    const char* word;
+  } cases[] = {
+      {"data.xls /excel", "data.xls", "excel"},
+      {"data.xls/EXCEL ", "data.xls", "EXCEL"},
+      {"/a b/c.dta  / stata", "/a b/c.dta", "stata"},
+      {"c.dta /stata/se", "c.dta", "stata/se"},
+      {"/home/c.dta/stata/SE", "/home/c.dta", "stata/SE"},
+      {"/home/data.csv", "/home", "data.csv"},
+      {"/delim", "", "delim"},
+  };
+  for (const auto& c : cases) {
+    std::string path;
+    std::string word;
+    splitfiletype(c.value, path, word);
+    EXPECT_EQ(path, c.path) << c.value;
+    EXPECT_EQ(word, c.word) << c.value;
+  }
+}
+
+Recipe sample(const std::string& file, const std::string& type, bool texts) {
+  Recipe recipe{"other", {}};
+  for (int i = 0; i < 3; ++i) {
+    const std::size_t at = file.find('#');
+    recipe.file[i] = files + file.substr(0, at) + std::to_string(i + 1) + file.substr(at + 1) + type;
+  }
+  recipe.id3 = texts ? "TLEA" : "LEA";
+  recipe.id2 = texts ? "TSCHOOL" : "SCHOOL";
+  recipe.names[0] = "SCORE\nFEMALE\nAGE\nGCSE\nGCSECNT\n";
+  recipe.names[1] = "SCHGCSE\nSCHSIZE\n";
+  recipe.names[2] = "LEAGCSE\nLEANSCH\n";
+  return recipe;
+}
+
+// The first words in which two texts differ, numbers by more than a relative tolerance; empty when they agree.
+std::string firstdifference(const std::string& one, const std::string& other, double tolerance) {
+  std::istringstream a(one);
+  std::istringstream b(other);
+  std::string left;
+  std::string right;
+  for (;;) {
+    const bool more = static_cast<bool>(a >> left);
+    if (more != static_cast<bool>(b >> right)) return "one text is longer";
+    if (!more) return "";
+    const double x = std::strtod(left.c_str(), nullptr);
+    const double y = std::strtod(right.c_str(), nullptr);
+    if (left != right && !(x != 0.0 && std::fabs(x - y) <= tolerance * std::fabs(y))) return left + " " + right;
+  }
+}
+
+// One sample in fixed columns and in every other format. tests/reference/otherfiles.py tells how they were made.
+TEST(OtherFiles, HoldTheSameData) {
+  Workplace workplace;
+  std::string text = std::string(templatehead) + "\nrawdattype:ascii\nnuml1var:5\nnuml2var:2\nnuml3var:2\n";
+  text +=
+      "l1format:(2A12,4F8,F10)\nl2format:(2A12,F10,F8)\nl3format:(A12,F10,F8)\nmdmname:made.mdm\n"
+      "l1missing:y/same\n-77\ntimeofdeletion:analysis\n";
+  for (int i = 1; i < 4; ++i) {
+    const std::string level = std::to_string(i);
+    text += "l" + level + "fname:" + files + "sample" + level + ".dat\n*begin l" + level + "vars\n" +
+            sample("#", "", true).names[i - 1] + "*end l" + level + "vars\n";
+  }
+  ASSERT_EQ(makemdm(text).words, "");
+  const std::string plain = contents("shown");
+  ASSERT_NE(plain.find(" ."), std::string::npos);
+  std::string numbered = plain;
+  for (const std::string word : {"AREA", "SCHOOL00000", "SCHOOL0000"})
+    for (std::size_t at = 0; (at = numbered.find(word, at)) != std::string::npos;) numbered.erase(at, word.size());
+  const struct {
+    const char* file;
+    const char* type;
+  } cases[] = {
+      {"sample#.csv", " /delim"},        {"sample#.txt", "/Delim"},  {"sample#-semicolon.csv", " /delim"},
+      {"sample#.xls", " /excel"},        {"sample#.dbf", " /xbase"}, {"sample#.dta", " /stata"},
+      {"sample#.dta", " /stata/se"},     {"sample#.sav", " /spss"},  {"sample#.sav", " /spss-hl"},
+      {"sample#.por", " /spssp"},        {"sample#.xpt", " /sasx"},  {"sample#.sas7bdat", " /sas-win"},
+      {"sample#.sas7bdat", " /sas-sun"},
+  };
+  for (const auto& c : cases)
+    for (const bool texts : {false, true}) {
+      const Recipe recipe = sample(c.file, c.type, texts);
+      const Outcome outcome = makemdm(templateof(recipe));
+      EXPECT_EQ(outcome.code, 0) << c.file;
+      EXPECT_EQ(outcome.words, "") << c.file;
+      // Portable files hold numbers to the base 30, not doubles.
+      const double tolerance = std::string(c.type) == " /spssp" ? 1e-15 : 0.0;
+      EXPECT_EQ(firstdifference(contents("shown"), texts ? plain : numbered, tolerance), "") << c.file << c.type;
+      const std::string copy = contents(templatecopy);
+      EXPECT_NE(copy.find(".xls /"), c.file == std::string("sample#.xls") ? std::string::npos : 0U);
+      const std::string first = contents("made.mdm");
+      EXPECT_EQ(makemdm(copy).code, 0) << c.file;
+      EXPECT_EQ(contents("made.mdm"), first) << c.file;
+    }
+  // The transport files through the reader of their own.
+  for (const bool texts : {false, true}) {
+    Recipe recipe = sample("sample#.xpt", "", texts);
+    recipe.kind = "sas";
+    EXPECT_EQ(makemdm(templateof(recipe)).words, "");
+    EXPECT_EQ(contents("shown"), texts ? plain : numbered);
+  }
+}
+
+// Each format cut short at level 1: words, and the records that are there.
+TEST(OtherFiles, CutShort) {
+  Workplace workplace;
+  const struct {
+    const char* file;
+    const char* type;
+    std::size_t kept;
+    int code;
+  } cases[] = {
+      {"sample1.dbf", "xbase", 4000, 0},
+      {"sample1.csv", "delim", 1500, 0},
+      {"sample1.dta", "stata", 7500, 1},
+      {"sample1.por", "spssp", 2000, 0},
+      {"sample1.sas7bdat", "sas-win", 12000, 1},
+      {"sample1.xls", "excel", 9000, 1},
+      {"sample1.sav", "spss", 1800, 1},
+      {"sample1.dbf", "xbase", 100, 1},
+      {"sample1.dta", "stata", 300, 1},
+      {"sample1.sav", "spss", 100, 1},
+      {"sample1.por", "spssp", 300, 1},
+      {"sample1.sas7bdat", "sas-win", 0, 1},
+      {"sample1.xls", "excel", 0, 1},
+      {"sample1.xpt", "sasx", 500, 1},
+  };
+  for (const auto& c : cases) {
+    makefile("cut", contents(files + c.file).substr(0, c.kept));
+    Recipe recipe = sample("sample#.csv", " /delim", false);
+    recipe.file[0] = std::string("cut /") + c.type;
+    const Outcome outcome = makemdm(templateof(recipe));
+    EXPECT_EQ(outcome.code, c.code) << c.file << c.kept << outcome.words;
+    const std::string begins =
+        c.code == 0 ? "cut may be cut short: " : std::string("cut cannot be read as ") + c.type + ": ";
+    EXPECT_EQ(outcome.words.substr(0, begins.size()), begins) << c.file << " " << c.kept << outcome.words;
+  }
+}
+
+struct Delimited : testing::Test {
+  Workplace workplace;
+  const std::string one = "id3,id2,x,y,name\na,1,1,2,\"x, \"\"y\"\"\"\na,1,NA,3,\nb,2,,-1.5e3,NA\n";
+  Recipe recipe{"other", {"1.csv /delim", "2.csv /delim", "3.csv /delim"}, "ID3", "ID2", {"x\nY\n", "w\n", "z\n"}};
+  void SetUp() override {
+    makefile("1.csv", one);
+    makefile("2.csv", "ID3,ID2,W\na,1,7\nb,2,8\n");
+    makefile("3.csv", "ID3;Z\na;0.1\nb;+2\n");
+    recipe.id2 = "id2";
+  }
+  // All that the layer tells of a file.
+  std::string described(const std::string& level1) {
+    makefile("1.csv", level1);
+    const Outcome outcome = runchild([] {
+      StHandle handle = ST_OpenEnvironment();
+      std::printf("%d", ST_OpenInputFile(handle, 18, "1.csv"));
+      const int count = ST_ReadDict(handle);
+      for (int v = 0; v < count; ++v)
+        std::printf(" %s:%d:%d", ST_GetVarName(handle, v), ST_GetVarType(handle, v), ST_GetVarPrintWidth(handle, v));
+      ST_SelectAllVars(handle);
+      ST_InitReadOnly(handle);
+      while (count > 0 && ST_ReadRecord(handle) == 0) {
+        std::printf("\n");
+        for (int v = 0; v < count; ++v) {
+          StValue value{};
+          int second = 1;
+          if (ST_GetVarData(handle, v, &value, &second) == 1) {
+            std::printf("[.]");
+          } else if (ST_GetVarType(handle, v) == 1) {
+            std::printf("[%g]", *value.number);
+          } else {
+            std::printf("[%s]", value.text);
+          }
+        }
+      }
+      std::printf("\n%s", ST_Trouble(handle));
+      ST_CloseFiles(handle);
+    });
+    EXPECT_EQ(outcome.code, 0);
+    return outcome.words;
+  }
+};
+
+TEST_F(Delimited, Tables) {
+  const std::string large(1 << 21, 'x');
+  const struct {
+    std::string text;
+    std::string shown;
+  } cases[] = {
+      {one, "0 id3:2:1 id2:1:1 x:1:2 y:1:6 name:2:6\n[a][1][1][2][x, \"y\"]\n[a][1][.][3][]\n[b][2][.][-1500][]\n"},
+      {"\xEF\xBB\xBF\"a b\";c\r\n1;x\r\n\r\n 2 ;\"y\nz\"\r\n", "0 a b:1:1 c:2:3\n[1][x]\n[2][y\nz]\n"},
+      {"a\tb\n1\t\n\t2", "0 a:1:1 b:1:1\n[1][.]\n[.][2]\nno line end follows its last line, which counts all the same"},
+      {"a,b\r1,2\r", "0 a:1:1 b:1:1\n[1][2]\n"},
+      {"\"a,b,c\";d\n1;2\n", "0 a,b,c:1:1 d:1:1\n[1][2]\n"},
+      {"a\n0x10\n", "0 a:2:4\n[0x10]\n"},
+      {"a\ninf\n", "0 a:2:3\n[inf]\n"},
+      {"a\n1e999\n", "0 a:2:5\n[1e999]\n"},
+      {"a\n1 2\n", "0 a:2:3\n[1 2]\n"},
+      {"a\nthirteenchars\n", "0 a:2:13\n[thirteenchar+]\n"},
+      {"a\nNA\n", "0 a:1:2\n[.]\n"},
+      {"a,b\n", "0 a:1:0 b:1:0\n"},
+      {"a,b\n1,2\n3", "0 a:1:1 b:1:1\n[1][2]\nit ends in the middle of line 3, which does not count"},
+      {"a,b\n1,2\n3,\"4", "0 a:1:1 b:1:1\n[1][2]\nit ends in a quoted field behind record 1, which does not count"},
+      {"a,b\n1,2\n3\n", "0\nline 3 has 1 fields, the header line has 2"},
+      {"a,b\n1,2,3\n", "0\nline 2 has 3 fields, the header line has 2"},
+      {"", "0\nit has no header line"},
+      {"\n\n", "0\nit has no header line"},
+      {"a\n\"" + large + "\"\n", "0\nline 2 has a field of more than 1048576 bytes"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(described(c.text), c.shown) << c.text.substr(0, 80);
+}
+
+TEST_F(Delimited, MakesTheFile) {
+  makefile("1.csv", "id3,id2,x,y,name\na,s1,1,2,\"x, \"\"y\"\"\"\na,s1,NA,3,\nb,s2,,-1.5e3,NA\n");
+  makefile("2.csv", "ID3,ID2,W\na,s1,7\nb,s2,8\n");
+  const Outcome outcome = makemdm(templateof(recipe));
+  EXPECT_EQ(outcome.words, "");
+  EXPECT_EQ(contents("shown"),
+            "INTRCPT1\nX\nY\nINTRCPT2\nW\nINTRCPT3\nZ\nA 0x1.999999999999ap-4\nB 0x1p+1\n"
+            "A S1 0x1.cp+2\n 0x1p+0 0x1p+1\n . 0x1.8p+1\nB S2 0x1p+3\n . -0x1.77p+10\n");
+}
+
+TEST_F(Delimited, Refusals) {
+  const auto file = [this](const std::string& name) {
+    Recipe changed = recipe;
+    changed.file[0] = name;
+    return templateof(changed);
+  };
+  Recipe absent = recipe;
+  absent.id3 = "NONE";
+  std::string noids = templateof(recipe);
+  noids.erase(noids.find("level2id"), 13);
+  makefile("long.csv", "id3,thirteenchars\n1,2\n");
+  makefile("ids.csv", "id3,id2,x,y\n9999999999999,1,2,3\n9999999999999.5,1,2,3\n");
+  makefile("two.csv", "id3,id2,w\n9999999999999,1,2\n");
+  makefile("three.csv", "id3,z\n9999999999999,1\n");
+  makefile("bad.csv", "id3,id2\n1\n");
+  const Recipe ids{
+      "other", {"ids.csv /delim", "two.csv /delim", "three.csv /delim"}, "id3", "id2", {"x\ny\n", "w\n", "z\n"}};
+  const struct {
+    std::string text;
+    int code;
+    std::string words;
+  } cases[] = {
+      {file("1.csv"), 100, "\nMust specify Stat/Transfer file type!\n"},
+      {file("1.csv /"), 100, "\nMust specify Stat/Transfer file type!\n"},
+      {file("1.csv /csv"), 100, "\nIncorrect Stat/Transfer file type!\n"},
+      {file("1.csv /gauss"), 100,
+       "\nKDR3 has no library for files of type gauss (Gauss). The types that it reads are sas-win, excel, spss, "
+       "delim, "
+       "xbase, sas-sun, sas-linux, sasx, spss-hl, spssp, stata, stata/se.\n"},
+      {file("none.csv /delim"), 100, "\nnone.csv does not exist!\n"},
+      {file(". /delim"), 100, "\n. cannot be opened for reading!\n"},
+      {file("long.csv /delim"), 100, "Variable names limited to 12 characters!\n"},
+      {file("bad.csv /delim"), 1,
+       "bad.csv cannot be read as delim: line 2 has 1 fields, the header line has 2.\n bad.csv is an empty file\n"},
+      {file("1.csv /excel"), 1,
+       "1.csv cannot be read as excel: it is no undamaged workbook of Excel 97 to 2003 (code -8).\n"
+       " 1.csv is an empty file\n"},
+      {templateof(absent), 100, "id variable not found!\n"},
+      {noids, 100, "ID specification must immediately follow *begin line!\n"},
+      {templateof(recipe), 100, "ID's must be both be character or both numeric!\n"},
+      {templateof(ids), 100, "ID must be no more than 12 digits long\n"},
+  };
+  for (const auto& c : cases) {
+    const Outcome outcome = makemdm(c.text);
+    EXPECT_EQ(outcome.code, c.code) << c.words;
+    EXPECT_EQ(outcome.words, c.words);
+  }
+  StHandle handle = ST_OpenEnvironment();
+  EXPECT_EQ(ST_OpenInputFile(handle, 18, "1.csv"), 0);
+  EXPECT_EQ(ST_OpenInputFile(handle, 18, "1.csv"), -3);
+  ST_CloseFiles(handle);
+}
+
+TEST(Dbase, DeletedRecordsAndHostileHeads) {
+  Workplace workplace;
+  const std::string whole = contents(files + "sample1.dbf");
+  const std::size_t heads = static_cast<unsigned char>(whole[8]) + 256U * static_cast<unsigned char>(whole[9]);
+  const Recipe all = sample("sample#.dbf", " /xbase", false);
+  Recipe recipe = all;
+  recipe.file[0] = "cut /xbase";
+  ASSERT_EQ(makemdm(templateof(all)).code, 0);
+  const std::string shown = contents("shown");
+  std::string deleted = whole;
+  deleted[heads] = '*';
+  makefile("cut", deleted);
+  EXPECT_EQ(makemdm(templateof(recipe)).code, 0);
+  EXPECT_EQ(contents("shown").size(), shown.size() - shown.substr(shown.find("\n 0x") + 1).find('\n') - 1);
+  // Number of records, lengths of head and record, width of the first field.
+  const struct {
+    std::size_t at;
+    std::string bytes;
+    int code;
+  } cases[] = {
+      {4, "\xff\xff\xff\x7f", 0},
+      {4, "\xff\xff\xff\xff", 1},
+      {8, "\xff\xff", 1},
+      {8, std::string(" \0", 2), 1},
+      {10, "\x02", 1},
+      {48, "\xff", 1},
+  };
+  for (const auto& c : cases) {
+    std::string text = whole;
+    text.replace(c.at, c.bytes.size(), c.bytes);
+    makefile("cut", text);
+    EXPECT_EQ(makemdm(templateof(recipe)).code, c.code) << c.at;
+  }
+}
+
+}  // namespace
+}  // namespace kdr

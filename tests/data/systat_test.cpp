@@ -1,0 +1,240 @@
+#include "data/readers/systat.h"
+
+#include <gtest/gtest.h>
+
+#include "data/rawtest.h"
+#include "driver/constants.h"
+
+namespace kdr {
+namespace {
+
+template <class Number>
+std::string bytesof(Number number) {
+  return {reinterpret_cast<const char*>(&number), sizeof number};
+}
+
+std::string head(std::size_t variables, int type) {
+  return bytesof(static_cast<std::int16_t>(variables)) + bytesof(std::int16_t{1}) +
+         bytesof(static_cast<std::int16_t>(type)) + "\x06";
+}
+
+// Pieces of 128 bytes with their length before and behind them; 0x81 for one that another follows.
+std::string segmented(std::string data) {
+  std::string text;
+  while (data.size() > 128) {
+    text += "\x81" + data.substr(0, 128) + "\x81";
+    data.erase(0, 128);
+  }
+  const auto length = static_cast<char>(data.size());
+  return text + length + data + length;
+}
+
+std::string namestext(const Table& table) {
+  std::string text;
+  for (const Column& column : table.columns) {
+    std::string name = column.text ? column.name + "$" : column.name;
+    name.insert(0, 2, ' ');
+    name.resize(12, ' ');
+    text += "\x0c" + name + "\x0c";
+  }
+  return text;
+}
+
+// Numbers first, then texts of 12 bytes.
+std::string recordtext(const Table& table, const std::vector<Cell>& row, int type) {
+  std::string data;
+  for (std::size_t c = 0; c < row.size(); ++c)
+    if (!table.columns[c].text) {
+      const double value = std::get<double>(row[c]);
+      data += type == 2 ? bytesof(value) : bytesof(static_cast<float>(value));
+    }
+  for (std::size_t c = 0; c < row.size(); ++c)
+    if (table.columns[c].text) {
+      std::string text = std::get<std::string>(row[c]);
+      text.resize(12, ' ');
+      data += text;
+    }
+  return segmented(data);
+}
+
+std::string systatfile(const Table& table, int type = 2, bool comment = false) {
+  std::string text = "\x4b\x06";
+  if (comment)
+    text += head(30, 0) + "H" + std::string(72, 'c') + "HH" + std::string(72, '$') + "H\x06" +
+            head(table.columns.size(), type);
+  else
+    text += head(table.columns.size(), type);
+  text += namestext(table);
+  for (const auto& row : table.rows) text += recordtext(table, row, type);
+  return text + "\x82";
+}
+
+// The study with `count` more numbers between its columns, so that a record takes more than one segment.
+Table widened(const Table& table, int count) {
+  Table wide = table;
+  std::vector<Column> more;
+  for (int i = 0; i < count; ++i) more.push_back({"F" + std::to_string(i)});
+  wide.columns.insert(wide.columns.begin() + 1, more.begin(), more.end());
+  for (auto& row : wide.rows) row.insert(row.begin() + 1, static_cast<std::size_t>(count), Cell{0.5});
+  return wide;
+}
+
+const Recipe recipe{"systat", {"1.sys", "2.sys", "3.sys"}};
+
+Recipe withtexts() {
+  Recipe texts = recipe;
+  texts.id3 = "t3$";
+  texts.id2 = "T2$";
+  return texts;
+}
+
+struct Systat : testing::Test {
+  Workplace workplace;
+  Study study = smallstudy();
+  void SetUp() override {
+    for (int i = 0; i < 3; ++i) makefile(recipe.file[i], systatfile(study.level[i], 2, i == 0));
+  }
+};
+
+TEST_F(Systat, MakesTheFile) {
+  // Numbers that end with a segment, texts that run over its end, three segments; numbers only.
+  for (const int more : {0, 4, 11, 12, 17, 30}) {
+    makefile("1.sys", systatfile(widened(study.level[0], more)));
+    for (const Recipe& r : {recipe, withtexts()}) {
+      const Outcome outcome = makemdm(templateof(r));
+      EXPECT_EQ(outcome.code, 0) << more;
+      EXPECT_EQ(outcome.words, "") << more;
+      EXPECT_EQ(contents("shown"), studyshown(study, r.id3 == "t3$")) << more;
+      const std::string first = contents("made.mdm");
+      EXPECT_EQ(makemdm(contents(templatecopy)).code, 0);
+      EXPECT_EQ(contents("made.mdm"), first);
+    }
+  }
+  Table numbers = study.level[2];
+  numbers.columns.erase(numbers.columns.begin() + 1);
+  for (auto& row : numbers.rows) row.erase(row.begin() + 1);
+  makefile("3.sys", systatfile(widened(numbers, 30)));  // 256 bytes: the last number ends a segment
+  EXPECT_EQ(makemdm(templateof(recipe)).words, "");
+  EXPECT_EQ(contents("shown"), studyshown(study, false));
+}
+
+TEST_F(Systat, SinglePrecision) {
+  Study single = study;
+  for (Table& table : single.level)
+    for (auto& row : table.rows)
+      for (std::size_t c = 0; c < row.size(); ++c)
+        if (!table.columns[c].text && std::get<double>(row[c]) != missingcode)
+          row[c] = static_cast<double>(static_cast<float>(std::get<double>(row[c])));
+  for (int i = 0; i < 3; ++i) makefile(recipe.file[i], systatfile(study.level[i], 1));
+  const Outcome outcome = makemdm(templateof(withtexts()));
+  EXPECT_EQ(outcome.code, 0);
+  // 1e60 is infinite as a single, and so missing.
+  single.level[0].rows[1][6] = missingcode;
+  EXPECT_EQ(contents("shown"), studyshown(single, true));
+}
+
+TEST_F(Systat, OrderOfTheListAndRoundedIds) {
+  Recipe other = recipe;
+  other.names[0] = "LONGNAME\nX\nY\n";
+  study.level[0].rows[2][1] = 10.9;
+  study.level[0].rows[0][1] = 10.7;
+  makefile("1.sys", systatfile(study.level[0]));
+  EXPECT_EQ(makemdm(templateof(other)).code, 0);
+  const std::string shown = contents("shown");
+  EXPECT_EQ(shown.find("INTRCPT1\nLONGNAME\nX\nY\n"), 0U) << shown;
+  EXPECT_NE(shown.find("1 10 0x1.4p+1\n 0x1.9b604"), std::string::npos) << shown;
+  EXPECT_NE(shown.find("1 11 0x1.cp+1\n 0x0p+0 -0x1p-4 0x1.cp+2\n"), std::string::npos) << shown;
+}
+
+TEST_F(Systat, DataThatEndEarly) {
+  const std::string whole = systatfile(study.level[0]);
+  const std::string wide = systatfile(widened(study.level[0], 30));
+  const std::string cut = "1.sys ends in the middle of record 4. That record does not count.\n" + extrawords;
+  const struct {
+    std::string text;
+    std::string words;
+  } cases[] = {
+      {whole.substr(0, whole.size() - 3), cut},
+      {whole.substr(0, whole.size() - 60), cut},
+      {wide.substr(0, wide.size() - 3), cut},
+      {wide.substr(0, wide.size() - 150), cut},
+      {whole.substr(0, whole.size() - 1), "1.sys may be cut short: no end mark follows its record 4.\n" + extrawords},
+      {whole + "\x1a", ""},
+  };
+  for (const auto& c : cases) {
+    makefile("1.sys", c.text);
+    const Outcome outcome = makemdm(templateof(recipe));
+    EXPECT_EQ(outcome.code, 0);
+    EXPECT_EQ(outcome.words, c.words);
+    const bool lost = c.words == cut;
+    // The last record is the only one of its unit.
+    EXPECT_EQ(contents("shown").find(" 999999999999 ") == std::string::npos, lost);
+    EXPECT_EQ(contents("shown") == studyshown(study, false), !lost);
+  }
+}
+
+TEST_F(Systat, Names) {
+  // Nine characters with a $ are a name, and count by nine.
+  Table table = study.level[0];
+  table.columns[2].name = "ABCDEFGH";
+  table.columns[3].name = "ABCDEFGI";
+  table.columns[6].name = "ABCDEFGH";
+  makefile("1.sys", systatfile(table));
+  Recipe long1 = withtexts();
+  std::string text = templateof(long1);
+  const auto swap = [&text](const std::string& from, const std::string& to) {
+    text.replace(text.find(from), from.size(), to);
+  };
+  swap("t3$", "abcdefgh$");
+  swap("T2$", "ABCDEFGI$");
+  swap("LONGNAME", "ABCDEFGH");
+  EXPECT_EQ(makemdm(text).words, "");
+  EXPECT_NE(contents("shown").find("ABCDEFGH\nINTRCPT2"), std::string::npos);
+}
+
+TEST_F(Systat, Refusals) {
+  const std::string whole = systatfile(study.level[0]);
+  const std::string empty = " 1.sys is an empty file\n";
+  const std::string broken = "1.sys is no SYSTAT file, or it is cut short or damaged: ";
+  const auto with = [&](std::size_t at, const std::string& bytes) {
+    return std::string(whole).replace(at, bytes.size(), bytes);
+  };
+  Table largeid = study.level[0];
+  largeid.rows[0][0] = 10000000000000.0;
+  Recipe mixed = recipe;
+  mixed.id2 = "T2$";
+  Recipe longname = recipe;
+  longname.names[0] = "X\nTHIRTEENCHARS\n";
+  Recipe character = recipe;
+  character.names[0] = "T2$\nX\n";
+  const std::string zero(1, '\0');
+  const struct {
+    std::string text;
+    Recipe recipe;
+    int code;
+    std::string words;
+  } cases[] = {
+      {"", recipe, 1, broken + "its head is not whole.\n" + empty},
+      {whole.substr(0, 8), recipe, 1, broken + "its head is not whole.\n" + empty},
+      {with(6, zero), recipe, 1, broken + "its head is not whole.\n" + empty},  // a comment without an end
+      {with(6, "\x03"), recipe, 1, broken + "its numbers are of no known type.\n" + empty},
+      {with(2, zero), recipe, 1, broken + "it tells no number of variables.\n" + empty},
+      {with(2, "\xff\xff"), recipe, 1, broken + "it tells no number of variables.\n" + empty},
+      {whole.substr(0, 60), recipe, 1, broken + "its names are not whole.\n" + empty},
+      {with(9 + 14 * 4 + 1, "NINECHARS"), recipe, 100, "\nVariable names limited to 8 characters.\n"},
+      {whole.substr(0, 9 + 14 * 7), recipe, 1, "1.sys may be cut short: no end mark follows its record 0.\n" + empty},
+      {systatfile(largeid), recipe, 100, "ID must be no more than 12 digits long\n"},
+      {whole, mixed, 100, "ID's must be both be character or both numeric!\n"},
+      {whole, longname, 100, "Variable name THIRTEENCHARS is too long!\n"},
+      {whole, character, 100, "mdm variables must be numeric!\n"},
+  };
+  for (const auto& c : cases) {
+    makefile("1.sys", c.text);
+    const Outcome outcome = makemdm(templateof(c.recipe));
+    EXPECT_EQ(outcome.code, c.code) << c.words;
+    EXPECT_EQ(outcome.words, c.words);
+  }
+}
+
+}  // namespace
+}  // namespace kdr

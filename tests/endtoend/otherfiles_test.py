@@ -1,0 +1,126 @@
+"""MDM files made from SAS transport files, SYSTAT files and delimited text hold the whole of examples/chem97, bit for bit.
+
+    otherfiles_test.py <program>
+
+The writers here know nothing of the program: they follow the published layouts.
+"""
+import csv
+import math
+import os
+import struct
+import sys
+import tempfile
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, HERE)
+from oracle_test import Checks, run
+from rawfiles_test import EXAMPLE, NAMES, Mdm, expected, number, rightjustified, template
+
+
+def tables():
+    """Names and rows of each level: numeric IDs, the values, and the IDs once more as texts."""
+    for level in range(3):
+        ids = 1 if level == 2 else 2
+        names = ['LEA', 'SCHOOL'][:ids] + NAMES[level] + ['LEAT', 'SCHOOLT'][:ids]
+        with open('%s/chem97-%d.dat' % (EXAMPLE, level + 1)) as f:
+            words = [line.split() for line in f]
+        yield names, [[float(x) for x in w] + w[:ids] for w in words]
+
+
+def ibm(value):
+    """A double as eight bytes of hexadecimal floating point: 0.fraction times 16 to the exponent."""
+    if value == 0:
+        return bytes(8)
+    fraction, binary = math.frexp(abs(value))
+    exponent = -(-binary // 4)
+    whole = int(math.ldexp(fraction, 56 + binary - 4 * exponent))
+    return struct.pack('>Q', (128 * (value < 0) + 64 + exponent) << 56 | whole)
+
+
+def cards(data):
+    return data + b' ' * (-len(data) % 80)
+
+
+def sas(path, names, rows):
+    head = lambda name, digits: cards(b'HEADER RECORD*******%-8sHEADER RECORD!!!!!!!%s' % (name, digits))
+    out = head(b'LIBRARY', b'0' * 30) + cards(b'SAS     SAS     SASLIB  9.4') + cards(b'24NOV26:00:00:00')
+    out += head(b'MEMBER', b'000000000000000001600000000140') + head(b'DSCRPTR', b'0' * 30)
+    out += cards(b'SAS     CHEM97  SASDATA 9.4') + cards(b'24NOV26:00:00:00')
+    out += head(b'NAMESTR', b'000000%04d00000000000000000000' % len(names))
+    variables = b''
+    for i, name in enumerate(names):
+        kind = 2 if name.endswith('T') and name != 'GCSECNT' else 1
+        # type, hash, width, number, name, label, format, its numbers, filler, informat, its numbers, position, rest
+        variables += struct.pack('>hhhh8s40s8shhh2x8shhi52x', kind, 0, 8, i + 1, name.encode().ljust(8), b'', b'', 0, 0,
+                                 0, b'', 0, 0, 8 * i)
+    out += cards(variables) + head(b'OBS', b'0' * 30)
+    data = b''.join(x.encode().ljust(8) if isinstance(x, str) else ibm(x) for row in rows for x in row)
+    with open(path, 'wb') as f:
+        f.write(out + cards(data))
+
+
+def systat(path, names, rows):
+    kinds = [isinstance(x, str) for x in rows[0]]
+    out = [b'\x4b\x06', struct.pack('<hhhb', len(names), 1, 2, 6)]
+    for name, text in zip(names, kinds):
+        out.append(b'\x0c' + (name + '$' * text).encode().ljust(12) + b'\x0c')
+    for row in rows:
+        data = b''.join(struct.pack('<d', x) for x in row if not isinstance(x, str))
+        data += b''.join(x.encode().ljust(12) for x in row if isinstance(x, str))
+        while len(data) > 128:
+            out.append(b'\x81' + data[:128] + b'\x81')
+            data = data[128:]
+        out.append(bytes([len(data)]) + data + bytes([len(data)]))
+    with open(path, 'wb') as f:
+        f.write(b''.join(out) + b'\x82')
+
+
+def delimited(path, names, rows):
+    # A letter before the digits makes a column of texts.
+    with open(path, 'w', newline='') as f:
+        writer = csv.writer(f)
+        writer.writerow(names)
+        writer.writerows([['%r' % x if isinstance(x, float) else 'T%5s' % x for x in row] for row in rows])
+
+
+def lettered(word):
+    return ('T%5s' % word).rjust(12).encode() + b'\0'
+
+
+FORMS = [('sas', sas, 5, '', ''), ('systat', systat, 3, '', '$'), ('other', delimited, 9, ' /delim', '')]
+
+
+def main():
+    program = os.path.abspath(sys.argv[1])
+    bad = []
+    with tempfile.TemporaryDirectory() as work:
+        for kind, write, rawtype, suffix, mark in FORMS:
+            for level, (names, rows) in enumerate(tables()):
+                write('%s/%s%d' % (work, kind, level + 1), names, rows)
+            for text in (False, True):
+                c = Checks('%s, %s IDs' % (kind, 'text' if text else 'numeric'))
+                names = ['%s%d%s' % (kind, level, suffix) for level in (1, 2, 3)]
+                recipe = template(kind, names, text, NAMES[0], 'made.mdm')
+                recipe = recipe.replace('id:leat', 'id:leat' + mark).replace('id:schoolt', 'id:schoolt' + mark)
+                with open(work + '/t.mdmt', 'w') as f:
+                    f.write(recipe)
+                code, out = run(program, work, '-r', 't.mdmt')
+                ids = number if not text else lettered if kind == 'other' else rightjustified
+                if code != 0:
+                    c.fail('ended with code %d\n%s' % (code, out[-600:]))
+                else:
+                    mdm = Mdm(work + '/made.mdm')
+                    c.equal('the raw type', (mdm.rawtype, mdm.numeric, mdm.complete), (rawtype, not text, True))
+                    rows, units = expected(None, ids, False)
+                    if mdm.rows != rows:
+                        c.fail('level 3 differs')
+                    if mdm.units != units:
+                        c.fail('the units differ')
+                print('%-26s %s' % (c.tag, 'differs' if c.bad else 'holds'))
+                bad += c.bad
+    print('\n'.join(bad) if bad else 'all hold')
+    return 1 if bad else 0
+
+
+if __name__ == '__main__':
+    sys.exit(main())

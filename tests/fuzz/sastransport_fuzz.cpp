@@ -1,0 +1,6 @@
+// SAS transport files.
+#include "rawfile.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  return kdr::fuzzraw("sas", data, size);
+}

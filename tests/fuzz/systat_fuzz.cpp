@@ -1,0 +1,6 @@
+// SYSTAT files.
+#include "rawfile.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  return kdr::fuzzraw("systat", data, size);
+}
