@@ -1,7 +1,5 @@
 #include "data/construction.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <climits>
 #include <cstring>
@@ -327,12 +325,6 @@ void mergeunits(Construction& build) {
 
 // The steps of mkmdm.
 
-bool samefile(const std::string& one, const std::string& other) {
-  struct stat a {};
-  struct stat b {};
-  return stat(one.c_str(), &a) == 0 && stat(other.c_str(), &b) == 0 && a.st_dev == b.st_dev && a.st_ino == b.st_ino;
-}
-
 void openmdm() {
   if (run.mdm.stream != nullptr) return;
   const std::string& path = run.files.mdmfile;
@@ -341,7 +333,15 @@ void openmdm() {
     if (samefile(source.filename, path))
       stopwith("The MDM file %s must not be one of the raw data files!\n", path.c_str());
   if (samefile(raw.templatename, path)) stopwith("The MDM file %s must not be the template!\n", path.c_str());
+  if (path == logname) stopwith("The MDM file must not bear the name of the log, %s!\n", logname);
   run.mdm.stream = openfile(path, "wb");
+}
+
+// What the construction writes besides the MDM file must not be one of the raw files.
+void sparerawfiles() {
+  for (const LevelSource& source : raw.level)
+    if (samefile(source.filename, logname))
+      stopwith("The raw data file %s bears the name of the log. Please rename it.\n", source.filename.c_str());
 }
 
 void takedimensions() {
@@ -431,6 +431,7 @@ void mkmdm() {
   MdmData& mdm = run.mdm;
   Construction build;
   deletedrows = DeletedRows{};
+  sparerawfiles();
   openmdm();
   takedimensions();
   openlog();

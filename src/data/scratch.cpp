@@ -1,5 +1,6 @@
 #include "data/scratch.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -87,6 +88,12 @@ int readchk(void* buffer, std::size_t bytes, std::FILE* stream) {
 
 void writechk(const void* buffer, std::size_t bytes, std::FILE* stream) {
   if (bytes != 0 && std::fwrite(buffer, bytes, 1, stream) != 1) fail(5);
+}
+
+bool samefile(const std::string& one, const std::string& other) {
+  struct stat a {
+  }, b{};
+  return stat(one.c_str(), &a) == 0 && stat(other.c_str(), &b) == 0 && a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
 void closechk(std::FILE* stream) {

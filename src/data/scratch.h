@@ -28,6 +28,8 @@ void scratchcloseall();
 [[nodiscard]] int readchk(void* buffer, std::size_t bytes, std::FILE* stream);
 // Writes exactly `bytes` bytes; failure 5 otherwise.
 void writechk(const void* buffer, std::size_t bytes, std::FILE* stream);
+// True when both paths lead to one existing file.
+[[nodiscard]] bool samefile(const std::string& one, const std::string& other);
 // Flushes and closes a file that was written; failure 5 when anything could not be written.
 void closechk(std::FILE* stream);
 

@@ -115,7 +115,6 @@ void takemissing(TemplateText& text, const std::string& value) {
 void takerawtype(TemplateText&, const std::string& value) {
   const RawReader* reader = findreader(value);
   if (reader == nullptr) stopwith("Invalid raw data type.\n");
-  if (reader->open == nullptr) stopwith("%s cannot read %s files yet.\n", module, reader->label);
   for (int level = 0; level < 3; ++level)  // files that were opened in another format have to be named again
     if (raw.reader != reader && raw.level[level].stream != nullptr) raw.reader->close(level);
   raw.reader = reader;
@@ -302,6 +301,10 @@ void readtemplate(const std::string& path) {
 void writetemplate(bool samemissing) {
   const MdmData& mdm = run.mdm;
   const bool ascii = isascii();
+  for (const LevelSource& source : raw.level)
+    if (samefile(source.filename, templatecopy))
+      stopwith("The raw data file %s bears the name of the template's copy. Please rename it.\n",
+               source.filename.c_str());
   std::FILE* out = openfile(templatecopy, "w");
   std::fprintf(out, "%s\n", templatehead);
   std::fprintf(out, "mdmtype:%d\n", mdm.mdmtype);

@@ -173,6 +173,7 @@ volatile std::sig_atomic_t interruptmark = 0;
 
 void onsignal(int signal) {
   if (signal == SIGINT && holding) {
+    holding = 0;
     interruptmark = 1;
   } else {
     pendingsignal = signal;
@@ -191,6 +192,8 @@ const char* floatingpointwords(int kind) {
       return "Program encountered floating point overflow.";
     case FPE_FLTRES:
       return "Inexact floating point result encountered by program.";
+    case FPE_FLTSUB:
+      return "Program attempted to execute unemulated floating point function.";
     default:
       return "";
   }
@@ -198,6 +201,7 @@ const char* floatingpointwords(int kind) {
 
 // A trapped instruction cannot be resumed, so this one handler stops the run from within.
 void onfloatingpoint(int, siginfo_t* info, void*) {
+  if (info->si_code == FPE_FLTUND) return;
   std::printf("\nError:%s\nNo sense in going on.\n", floatingpointwords(info->si_code));
   stoprun(100);
 }
@@ -234,6 +238,5 @@ void holdinterrupts() {
 }
 void releaseinterrupts() { holding = 0; }
 bool interrupted() { return interruptmark != 0; }
-void clearinterrupt() { interruptmark = 0; }
 
 }  // namespace kdr

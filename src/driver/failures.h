@@ -33,10 +33,10 @@ void installhandlers();
 // between blocks of data, between iterations, at questions.
 void checksignals();
 
-// While the estimation iterates, the interrupt key only sets a mark that the loop samples.
-void holdinterrupts();             // from now on the interrupt key sets the mark
-void releaseinterrupts();          // from now on it ends the process again
-[[nodiscard]] bool interrupted();  // the mark; reading does not clear it
-void clearinterrupt();
+// While the estimation iterates, the next interrupt key only sets a mark that the loop samples; one after it ends the
+// process.
+void holdinterrupts();             // clears the mark; the next interrupt key sets it
+void releaseinterrupts();          // every interrupt key ends the process
+[[nodiscard]] bool interrupted();  // the mark
 
 }  // namespace kdr

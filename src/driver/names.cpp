@@ -24,8 +24,8 @@ void closeup(Array<Slot>& table, int n, int index) {
 }  // namespace
 
 void padname(char* buffer, int width) {
-  const int length = std::min(width, static_cast<int>(strnlen(buffer, columns)));
-  for (int i = 0; i < length; ++i) buffer[i] = upper(buffer[i]);
+  const int length = std::min(width, columns);
+  for (int i = 0; i < length; ++i) buffer[i] = buffer[i] == '\0' ? ' ' : upper(buffer[i]);
   std::memset(buffer + length, ' ', static_cast<std::size_t>(columns - length));
   buffer[columns] = '\0';
   int last = length;  // columns up to the last one that is not blank

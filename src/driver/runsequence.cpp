@@ -73,6 +73,7 @@ void refuseabsentengines() {
       {run.kind.nonlin != 0, "estimate non-linear models"},
       {run.series.mimode, "pool multiply imputed data sets"},
       {run.series.pvmode, "pool plausible values"},
+      {run.iter.agqpoints != 0, "do adaptive quadrature"},
       {run.out.lvr, "do latent variable regressions"},
       {run.out.resfil1 || run.out.resfil2 || run.out.resfil3, "write residual files"},
       {run.out.graph, "write graph data files"},
@@ -129,9 +130,15 @@ void readmodel() {
   centerlevel3();
 }
 
+// Every model run leaves this file behind, so nothing that the run reads or writes may bear its name.
+constexpr const char* newcommandfile = "newcmd.kdr";
+
 void openresults() {
-  openreport();
+  if (samefile(newcommandfile, run.files.mdmfile) || run.files.outfile == newcommandfile)
+    stopwith("The name %s is that of the command file which every run leaves. Please choose another one.\n",
+             newcommandfile);
   buildsummary();
+  openreport();
   setsymbols();
   makerowlabels();
   writeheader();
@@ -140,7 +147,7 @@ void openresults() {
   applyconstraints();
   run.coef.ngamma -= run.model.nconstrained;
   if (!reportisstdout()) std::printf("Computing . . ., please wait\n");
-  writecommandfile("newcmd.kdr");
+  writecommandfile(newcommandfile);
 }
 
 }  // namespace

@@ -231,7 +231,7 @@ void fillinverse(const Pass& pass, UnitWork& work, const double* hot, double* in
     for (int j = 0; j <= i; ++j) work.Z1Z1[i * p + j] = work.Z1Z1[j * p + i] = *packed++;
   double condition = 0.0;
   const bool usable = syminverse(p, work.Z1Z1.data(), p, work.inverse.data(), p, work.work.data()) == 0 &&
-                      !isbadcov(p, work.Z1Z1.data(), p, &condition) && condition <= worstcondition;
+                      !isbadcov(p, work.Z1Z1.data(), p, &condition) && (p == 1 || condition <= worstcondition);
   for (int i = 0; i < p; ++i)
     for (int j = 0; j <= i; ++j) *inverse++ = work.inverse[i * p + j];
   if (!usable) inverse[-static_cast<std::ptrdiff_t>(packedsize(p))] = missingcode;

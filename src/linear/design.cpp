@@ -89,8 +89,8 @@ void makedesign(Pass& pass) {
   }
   reducedeffects(design.reduced);
 
-  if (pass.b == 0) std::printf("Nothing left at beta level.");
-  if (pass.p == 0) std::printf("Nothing left at pi level.");
+  if (pass.b == 0) std::printf("Nothing left at beta level.\n");
+  if (pass.p == 0) std::printf("Nothing left at pi level.\n");
   if (pass.b == 0 || pass.p == 0) stopwith("Some variables must be specified as random.\n");
   run.coef.npi = pass.p;
   run.coef.nbeta = pass.b;

@@ -1,5 +1,6 @@
 #include "linear/estimate.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 
@@ -20,7 +21,6 @@
 #include "linear/weightedcovariance.h"
 #include "report/degreesoffreedom.h"
 #include "report/fixedtable.h"
-#include "report/hypotheses.h"
 #include "report/matrixtables.h"
 #include "report/modelstatistics.h"
 
@@ -53,6 +53,18 @@ void beginpass(Pass& pass, FixedDegrees& degrees) {
   degreesoffreedom(degrees);
 }
 
+// True when some fixed effect is a combination of the others to within rounding: the gram matrix is no covariance, or,
+// brought to a unit diagonal, so ill-conditioned that its inverse would not have four digits left.
+bool collinear(const Array<double>& gram, int g) {
+  constexpr double worstcondition = 1.0e12;
+  double condition = 0.0;
+  if (isbadcov(g, gram.data(), g, &condition)) return true;
+  Array<double> scaled(square(g));
+  for (int i = 0; i < g; ++i)
+    for (int j = 0; j < g; ++j) scaled[i * g + j] = gram[i * g + j] / std::sqrt(gram[i * g + i] * gram[j * g + j]);
+  return !ispositivedefinite(g, scaled.data(), g, &condition) || condition > worstcondition;
+}
+
 // Phase 3: the least-squares estimate into gammahat, with its report.
 void leastsquares(Pass& pass, FixedDegrees& degrees) {
   const int g = pass.g;
@@ -61,10 +73,8 @@ void leastsquares(Pass& pass, FixedDegrees& degrees) {
     std::printf("The outcome variable is all zeros!\n");
     stoprun(100);
   }
-  double condition = 0.0;
   Array<double> work(packedsize(g) + 3);
-  if (isbadcov(g, pass.gramMM.data(), g, &condition) ||
-      syminverse(g, pass.gramMM.data(), g, run.est.vgamma.data(), g, work.data()) != 0)
+  if (collinear(pass.gramMM, g) || syminverse(g, pass.gramMM.data(), g, run.est.vgamma.data(), g, work.data()) != 0)
     fail(11);
   mulAB(run.est.gammahat.data(), run.est.vgamma.data(), pass.gramMY.data(), g, 1, g);
   degreesoffreedom(degrees);
@@ -74,7 +84,7 @@ void leastsquares(Pass& pass, FixedDegrees& degrees) {
   double rss = pass.totalYY;
   for (int i = 0; i < g; ++i) rss -= run.est.gammahat[i] * MMg[i];
   const double n = run.mdm.nunits1;
-  const double s = rss / n;
+  const double s = std::max(rss, 0.0) / n;
   if (!run.out.fulloutput) return;
 
   constexpr double twopi = 6.283185307;
@@ -83,8 +93,12 @@ void leastsquares(Pass& pass, FixedDegrees& degrees) {
   report("\n %s = %12.5f\n\n", run.sym.symvar1.c_str(), s);
   fixedtable(degrees, TableKind::leastsquares, run.est.vgamma.data(), run.est.gammahat.data(), g, s);
   robustcovariance(pass, degrees, true);
-  reportline(" The least-squares likelihood value = %E", loglik);
-  reportline(" Deviance = %12.5f", -2.0 * loglik);
+  if (s > 0.0) {
+    reportline(" The least-squares likelihood value = %E", loglik);
+    reportline(" Deviance = %12.5f", -2.0 * loglik);
+  } else {
+    reportline(" The least-squares likelihood cannot be computed: the model leaves no residual.");
+  }
   reportline(" Number of estimated parameters = %4d", g + 1);
 }
 
@@ -118,7 +132,7 @@ void startingvalues(Pass& pass) {
   applytaupi(run.est.taupi.data());
   if (fromfile) applytaubeta(run.est.taubeta.data());
   if (!fromfile)
-    report2(" For starting values, data from %d level-1 and %d level-2 records were used\n\n",
+    report2(" For starting values, data from %d level-1 and %d level-2 records were used\n",
             "For starting values, data from %d level-1 and %d level-2 records were used<br>\n", pass.nusable1,
             pass.nusable2);
   if (run.out.fulloutput) {
@@ -130,6 +144,7 @@ void startingvalues(Pass& pass) {
   if (!fromfile) starttaubeta(pass, moments);
   if (run.out.fulloutput) taubetatable(MatrixTitle::plain, true, pass.b, run.est.taubeta.data());
   settlestart(run.est.taubeta, pass.b, moments.taubeta, run.iter.fixtau3, TauStage::beta);
+  if (run.iter.hetit != 0) checkheterogeneous(pass);
 }
 
 // Phase 6: what both stages of iteration share.
@@ -145,12 +160,19 @@ void beginiterations(Pass& pass, IterationState& state) {
   startiterations(pass, state);
 }
 
+// One stage of at most `limit` iterations. The interrupt key is held for the time of the iterations alone.
+void iteratestage(Pass& pass, IterationState& state, int hetstate, int limit) {
+  state.hetstate = hetstate;
+  state.limit = limit;
+  holdinterrupts();
+  iterate(pass, state);
+  releaseinterrupts();
+}
+
 // Phase 6 with a taupi for every level-3 unit: HETIT: iterations and their results.
 void heterogeneousstage(Pass& pass, IterationState& state, const FixedDegrees& degrees) {
-  startheterogeneous(pass, state);
-  state.hetstate = 1;
-  state.limit = run.iter.hetit;
-  iterate(pass, state);
+  startheterogeneous(state);
+  iteratestage(pass, state, 1, run.iter.hetit);
   heterogeneousresults(pass, state, degrees);
   state.hettaupi = Array<double>();
   run.pass.stopflag = 0;
@@ -160,7 +182,7 @@ void heterogeneousstage(Pass& pass, IterationState& state, const FixedDegrees& d
 void stageresults(Pass& pass, IterationState& state, const FixedDegrees& degrees) {
   const Estimates& est = run.est;
   if (run.kind.weighted) weightedcovariance(pass);
-  reportfixedeffects(pass, degrees);
+  reportfixedeffects(pass, degrees, run.kind.weighted);
   robustcovariance(pass, degrees, false);
   if (run.out.printvc != 0) writegammafile("gamvcr.dat", est.vgammarobust, est.sigma2);
   if (!run.files.startvals.empty()) writestartvalues();
@@ -173,31 +195,47 @@ void stageresults(Pass& pass, IterationState& state, const FixedDegrees& degrees
   variancetesttables(pass, tests);
 }
 
+// A run without any iteration has no likelihood.
+void closingstatistics(const IterationState& state) {
+  if (state.likelihood.current == missingcode) {
+    reportline("No iterations were asked for, so there is no likelihood to report.");
+  } else {
+    modelstatistics(state.likelihood.current, state.hetstate);
+  }
+}
+
 }  // namespace
 
+// The phases of a pass. A linear run makes one pass. A non-linear run will go round phases 1 to 8 once for each macro
+// iteration: with working data in the place of the outcome (phase 2), the previous estimates as least-squares and
+// starting values (phases 3 and 5), the iterations as micro iterations (phase 6) and the report wound back before its
+// results (phase 7); its other engines follow the last pass. A series writes its records to the result store in phase 7
+// and pools them in phase 8.
 void estimate() {
+  // Phase 0, once for a call: what outlives a pass.
+  // Phase 1: dimensions, design, arrays.
   Pass pass;
   FixedDegrees degrees;
   IterationState state;
   beginpass(pass, degrees);
+  // Phase 2: the data become cross-products.
   datapass(pass);
+  // Phase 3.
   leastsquares(pass, degrees);
+  // Phases 4 and 5.
   startingvalues(pass);
-
+  // Phases 6 and 7: the heterogeneous stage, empty without HETIT:, then the ordinary one.
   beginiterations(pass, state);
-  holdinterrupts();
   if (run.iter.hetit != 0) heterogeneousstage(pass, state, degrees);
-  if (run.iter.numit != 0) {
-    state.hetstate = 2;
-    state.limit = run.iter.numit;
-    iterate(pass, state);
+  const bool ordinary = run.iter.numit != 0;
+  if (ordinary) {
+    iteratestage(pass, state, 2, run.iter.numit);
     stageresults(pass, state, degrees);
   }
-  releaseinterrupts();
-
-  modelstatistics(state.likelihood.current, state.hetstate);
-  if (haveexploratory()) exploratory(pass);
-  if (run.out.printvc != 0) listvariancefiles();
+  // Phase 8: what follows the stages.
+  closingstatistics(state);
+  if (ordinary && haveexploratory()) exploratory(pass);
+  if (ordinary && run.out.printvc != 0) listvariancefiles();
   freestore(pass.store);
 }
 

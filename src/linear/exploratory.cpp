@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <string>
 
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
@@ -15,6 +16,8 @@ namespace {
 
 std::size_t at(int i) { return static_cast<std::size_t>(i); }
 
+double square(double x) { return x * x; }
+
 // One candidate's regression. A coefficient of missingcode cannot be computed and prints as NC.
 struct Regression {
   double coefficient = missingcode;
@@ -26,6 +29,7 @@ struct Regression {
 struct Products {
   int n = 0, m = 0;
   Array<double> ssr, ssx, sxy;  // [n], [m], n rows of m
+  Array<double> rawx;           // [m], sums of squares about 0
 
   void reset(int residuals, int predictors) {
     n = residuals;
@@ -33,6 +37,7 @@ struct Products {
     ssr.reset(at(n));
     ssx.reset(at(m));
     sxy.reset(at(n) * at(m));
+    rawx.reset(at(m));
   }
   // One unit, by its deviations from the means.
   void add(const double* dr, const double* dx) {
@@ -65,6 +70,7 @@ Products level2products(Pass& pass) {
         for (int c = 0; c < p; ++c) du[c] = hot[pass.store.atustar + at(c)] - meanu[k * p + c];
         for (int x = 0; x < m; ++x) dx[x] = cold[pass.store.atlevel2 + at(x)] - meanx[k * m + x];
         products.add(du.data(), dx.data());
+        for (int x = 0; x < m; ++x) products.rawx[x] += square(cold[pass.store.atlevel2 + x]);
       },
       nothing);
   return products;
@@ -83,6 +89,7 @@ Products level3products(const Pass& pass) {
     for (int c = 0; c < b; ++c) dv[c] = pass.vstar[k * b + c] - meanv[c];
     for (int x = 0; x < m; ++x) dx[x] = run.mdm.level3[k * m + x] - meanx[x];
     products.add(dv.data(), dx.data());
+    for (int x = 0; x < m; ++x) products.rawx[x] += square(run.mdm.level3[k * m + x]);
   }
   return products;
 }
@@ -92,7 +99,9 @@ Products level3products(const Pass& pass) {
 Regression regress(const Products& products, int level, int c, int x, int units) {
   Regression fit;
   const double ssx = products.ssx[x];
-  if (ssx == 0.0 || units <= 2) return fit;
+  // What is left of a constant by rounding is no variation.
+  constexpr double rounding = 1e-24;
+  if (ssx <= rounding * products.rawx[x] || units <= 2) return fit;
   fit.coefficient = products.sxy[c * products.m + x] / ssx;
   const double explained = level == 2 ? fit.coefficient * fit.coefficient * ssx : 0.0;
   const double variance = (products.ssr[c] - explained) / (units - 2) / ssx;
@@ -148,8 +157,9 @@ void names(const int* variables, int n, const Array<Name>& table) {
   reporttext("\n%24s", "");
   reporthtml("<tr><td %s>&nbsp;</td>", styleplain);
   for (int i = 0; i < n; ++i) {
-    reporttext("%8.8s ", table[variables[i]].text);
-    reporthtml("<td align=right %s>%.8s</td>", styleplain, table[variables[i]].text);
+    const std::string name = eightcolumns(table[variables[i]]);
+    reporttext("%s ", name.c_str());
+    reporthtml("<td align=right %s>%s</td>", styleplain, name.c_str());
   }
   report2("\n", "</tr>\n");
 }
@@ -199,11 +209,11 @@ void level2analysis(Pass& pass) {
       }
       for (int from = 0; from < n; from += perblock)
         block(variables + from, fits + from, std::min(perblock, n - from), columns, run.mdm.names2, [&] {
-          const char* name = run.coef.pinames[r].text;
+          const std::string name = eightcolumns(run.coef.pinames[r]);
           const int subscript = run.coef.pisubs[r];
-          reporttext(" %8.8s, %s%1d\n", name, run.sym.sym1.c_str(), subscript);
-          reporthtml("<tr><td align=right %s>%8.8s,%s<sub><small><i>%d</i></small></sub></td></tr>", styleplain, name,
-                     run.sym.sym1.c_str(), subscript);
+          reporttext(" %s, %s%1d\n", name.c_str(), run.sym.sym1.c_str(), subscript);
+          reporthtml("<tr><td align=right %s>%s,%s<sub><small><i>%d</i></small></sub></td></tr>", styleplain,
+                     name.c_str(), run.sym.sym1.c_str(), subscript);
         });
       ++r;
     }
@@ -234,12 +244,12 @@ void level3analysis(const Pass& pass) {
         }
         if (n > 0)
           block(variables, fits, n, columns, run.mdm.names3, [&] {
-            const char* first = run.coef.betanames1[r].text;
-            const char* second = run.coef.betanames2[r].text;
-            reporttext("\n%8.8s/%8.8s, %s%d%d\n", first, second, run.sym.sym2.c_str(), run.coef.betasubs1[r],
+            const std::string first = eightcolumns(run.coef.betanames1[r]);
+            const std::string second = eightcolumns(run.coef.betanames2[r]);
+            reporttext("%s/%s, %s%d%d\n", first.c_str(), second.c_str(), run.sym.sym2.c_str(), run.coef.betasubs1[r],
                        run.coef.betasubs2[r]);
-            reporthtml("<tr><td %s>%.8s/%.8s,%s<sub><small><i>%d%d</i></small></sub></td></tr>", styleplain, first,
-                       second, run.sym.sym2.c_str(), run.coef.betasubs1[r], run.coef.betasubs2[r]);
+            reporthtml("<tr><td %s>%s/%s,%s<sub><small><i>%d%d</i></small></sub></td></tr>", styleplain, first.c_str(),
+                       second.c_str(), run.sym.sym2.c_str(), run.coef.betasubs1[r], run.coef.betasubs2[r]);
           });
         ++r;
       }

@@ -50,10 +50,10 @@ void sandwich(const double* left, const double* M, const double* right, int n, d
 //   I_Ts = 1/2 D'vec(sum_j Z1_j'W W Z1_j)   I_ss = 1/2 tr(W W)
 // where D copies the elements of a triangle to both places. The blocks of V^-1 follow from the posterior of the unit:
 //   N22 = L^-1 - s L^-1 E L^-1,  N21_j = s L^-1 E U_j,  U_j = R_j T^-1
-//   N_jj = X_j - s B_jj,  X_j = T^-1 - s T^-1 C_j^-1 T^-1,  B_jl = U_j' E U_l,  N_jl = -s B_jl for j other than l
+//   N_jj = T^-1 - s T^-1 V_j T^-1,  B_jl = U_j' E U_l,  N_jl = -s B_jl for j other than l
 // The sum over pairs is never run: with Y = sum_j U_j (x) U_j,
 //   sum_jl B_jl (x) B_jl = Y'(E (x) E)Y,
-// so sum_jl N_jl (x) N_jl = sum_j [X_j (x) X_j - s (X_j (x) B_jj + B_jj (x) X_j)] + s^2 Y'(E (x) E)Y.
+// so sum_jl N_jl (x) N_jl = sum_j [N_jj (x) N_jj - s^2 B_jj (x) B_jj] + s^2 Y'(E (x) E)Y.
 // W W comes from the derivative of V^-1 by s. With F the posterior covariance of all random effects over s and G their
 // prior covariance, Z'W W Z = G^-1 F G^-1 - s G^-1 F G^-1 F G^-1 and tr(W W) = (n - q)/s^2 + tr(F G^-1 F G^-1), whose
 // blocks are, with Hs = sum_j R_j T^-1 R_j':
@@ -132,39 +132,86 @@ void sumUU(InformationSums& sums, const Level3Posterior& unit) {
     }
 }
 
-// The part of the level-2 units: X_j, B_jj and C_j need a visit of the records.
-void addunits(InformationSums& sums, const Level3Posterior& unit, const double* FE) {
+// C (m by n) = A (m by k) B (k by n), written to be unrolled where the orders are known to the compiler.
+inline void smallproduct(double* C, const double* A, const double* B, int m, int n, int k) {
+  for (int i = 0; i < m; ++i)
+    for (int j = 0; j < n; ++j) {
+      double sum = 0.0;
+      for (int l = 0; l < k; ++l) sum += A[i * k + l] * B[l * n + j];
+      C[i * n + j] = sum;
+    }
+}
+
+// Sums over the level-2 units of one level-3 unit that need a visit of the records: N_jj (x) N_jj - s^2 B_jj (x) B_jj
+// into TT (the pairs with j = l are in Y'(E (x) E)Y already) and C T^-1 C + C T^-1 G_j + G_j T^-1 C into `FF`. P is the
+// order of taupi and Q that of taubeta when known to the compiler, else 0.
+template <int P, int Q>
+void sumunits(InformationSums& sums, const Level3Posterior& unit, double* FF) {
   const Pass& pass = *sums.pass;
-  const int p = pass.p, b = pass.b;
+  const int p = P > 0 ? P : pass.p, b = Q > 0 ? Q : pass.b;
   const double s = run.est.sigma2;
   const double* Ti = sums.inv->Ti.data();
   const double* hot = unit.hot;
+  double *C = sums.C.data(), *R = sums.R.data(), *ER = sums.RE.data(), *G = sums.G.data(), *N = sums.X.data();
+  double *B = sums.B.data(), *CT = sums.temp.data(), *work = sums.temp2.data();
+  double Tfixed[P > 0 ? P * P : 1], Efixed[Q > 0 ? Q * Q : 1];
+  const double* E = unit.E.data();
+  if (P > 0) Ti = std::copy_n(Ti, P * P, Tfixed) - P * P;
+  if (Q > 0) E = std::copy_n(E, Q * Q, Efixed) - Q * Q;
   for (int j = 0; j < unit.units; ++j, hot += pass.store.hot.stride) {
-    unpack(p, hot + pass.store.atCinv, sums.C.data());
-    mulAB(sums.R.data(), hot + pass.store.atBZ1, sums.C.data(), b, p, p);
-    for (double& r : sums.R) r *= unit.z;
-    mulAB(sums.RE.data(), unit.E.data(), sums.R.data(), b, p, b);
-    mulAtB(sums.G.data(), sums.R.data(), sums.RE.data(), p, p, b);
-    sandwich(Ti, sums.C.data(), Ti, p, sums.temp.data(), sums.X.data());
-    for (std::size_t i = 0; i < sums.X.size(); ++i) sums.X[i] = Ti[i] - s * sums.X[i];
-    sandwich(Ti, sums.G.data(), Ti, p, sums.temp.data(), sums.B.data());
-    addkronecker(sums.TT.data(), sums.X.data(), sums.X.data(), p, 1.0);
-    addkronecker(sums.TT.data(), sums.X.data(), sums.B.data(), p, -s);
-    addkronecker(sums.TT.data(), sums.B.data(), sums.X.data(), p, -s);
-
-    // [F G^-1 F]_jj
-    mulAB(sums.temp.data(), sums.C.data(), Ti, p, p, p);
-    mulAB(sums.FF.data(), sums.temp.data(), sums.C.data(), p, p, p);
-    mulAB(sums.temp2.data(), sums.temp.data(), sums.G.data(), p, p, p);
+    const double* packed = hot + pass.store.atCinv;
     for (int i = 0; i < p; ++i)
-      for (int l = 0; l < p; ++l) sums.FF[i * p + l] += sums.temp2[i * p + l] + sums.temp2[l * p + i];
-    mulAB(sums.RE.data(), FE, sums.R.data(), b, p, b);
-    addAtB(sums.FF.data(), sums.R.data(), sums.RE.data(), p, p, b);
-    for (std::size_t i = 0; i < sums.FF.size(); ++i) {
-      sums.ss += sums.FF[i] * Ti[i];
-      // T^-1 (V_j - s FF) T^-1 is formed once, at the end, from its sum.
-      sums.Ts[i] += sums.C[i] + sums.G[i] - s * sums.FF[i];
-    }
+      for (int l = 0; l <= i; ++l) C[i * p + l] = C[l * p + i] = *packed++;
+    smallproduct(R, hot + pass.store.atBZ1, C, b, p, p);
+    for (int i = 0; i < b * p; ++i) R[i] *= unit.z;
+    smallproduct(ER, E, R, b, p, b);
+    for (int i = 0; i < p; ++i)  // G = R'E R
+      for (int l = 0; l < p; ++l) {
+        double sum = 0.0;
+        for (int c = 0; c < b; ++c) sum += R[c * p + i] * ER[c * p + l];
+        G[i * p + l] = sum;
+      }
+    smallproduct(CT, C, Ti, p, p, p);
+    smallproduct(work, Ti, G, p, p, p);
+    smallproduct(B, work, Ti, p, p, p);
+    smallproduct(work, Ti, CT, p, p, p);
+    for (int i = 0; i < p * p; ++i) N[i] = Ti[i] - s * (work[i] + B[i]);  // T^-1 - s T^-1 V_j T^-1
+    double* total = sums.TT.data();
+    for (int i = 0; i < p; ++i)
+      for (int k = 0; k < p; ++k)
+        for (int l = 0; l < p; ++l)
+          for (int m = 0; m < p; ++m) *total++ += N[i * p + l] * N[k * p + m] - s * s * B[i * p + l] * B[k * p + m];
+    smallproduct(work, CT, C, p, p, p);
+    for (int i = 0; i < p * p; ++i) FF[i] += work[i];
+    smallproduct(work, CT, G, p, p, p);
+    for (int i = 0; i < p; ++i)
+      for (int l = 0; l < p; ++l) FF[i * p + l] += work[i * p + l] + work[l * p + i];
+  }
+}
+
+using SumUnits = void (*)(InformationSums&, const Level3Posterior&, double*);
+SumUnits sumunitsof(int p, int b) {
+  static constexpr SumUnits table[3][3] = {{sumunits<1, 1>, sumunits<1, 2>, sumunits<1, 3>},
+                                           {sumunits<2, 1>, sumunits<2, 2>, sumunits<2, 3>},
+                                           {sumunits<3, 1>, sumunits<3, 2>, sumunits<3, 3>}};
+  return p <= 3 && b <= 3 ? table[p - 1][b - 1] : sumunits<0, 0>;
+}
+
+// The part of the level-2 units. FE is E (Hs + L^-1) E.
+void addunits(InformationSums& sums, const Level3Posterior& unit, const double* FE) {
+  const int p = sums.pass->p, b = sums.pass->b, rows = p * b;
+  Array<double>& FF = sums.FF;
+  FF.fill(0.0);
+  sumunitsof(p, b)(sums, unit, FF.data());
+  for (int i = 0; i < p; ++i)  // the sum of R_j' FE R_j, from the moments of R_j
+    for (int l = 0; l < p; ++l)
+      for (int a = 0; a < b; ++a)
+        for (int c = 0; c < b; ++c)
+          FF[i * p + l] += unit.z * unit.z * FE[a * b + c] * unit.sums.RR[(a * p + i) * rows + c * p + l];
+  for (std::size_t i = 0; i < FF.size(); ++i) {
+    sums.ss += FF[i] * sums.inv->Ti[i];
+    // T^-1 (sum V_j - s FF) T^-1 is formed once, at the end.
+    sums.Ts[i] += unit.PP[i] - run.est.sigma2 * FF[i];
   }
 }
 
@@ -383,7 +430,8 @@ bool fisherouter(Pass& pass, FisherWork& fisher, Likelihood& likelihood) {
   PosteriorSums sums;
   const PosteriorInput input{run.est.sigma2, run.est.gammahat.data(), inv.S.data(), inv.Sb.data(), nullptr, true};
   if (posteriorsweep(pass, input, sums, {addouterscore, &outer}) != PosteriorResult::ok) return false;
-  const bool inverted = invertinformation(fisher, false);
+  // Outer products of fewer units than parameters are singular, whatever rounding makes of their determinant.
+  const bool inverted = run.mdm.nunits3 >= fisher.restriction.nfree && invertinformation(fisher, false);
   likelihood = {likelihood.current, loglikelihood(pass, sums, inv.logdetT, inv.logdetL)};
   // An unusable generalised cross-product leaves gammahat as it was; the step stands on the variance components.
   [[maybe_unused]] const bool updated = glsupdate(pass, sums);

@@ -11,6 +11,7 @@
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
 #include "kernel/decompositions.h"
+#include "linear/startvaluesfile.h"
 #include "report/matrixtables.h"
 
 namespace kdr {
@@ -149,6 +150,14 @@ bool automaticfixup(const Repair& repair) {
     for (int j = 0; j <= i; ++j)
       if (repair.freeat(i, j)) repair.set(i, j, i == j ? share * repair.moments[i * n + i] : 0.0);
   diagonalise(repair);
+  if (usablestart(t, n)) return true;
+  if (repair.codes == nullptr) return false;
+  // Elements held equal are left alone so far; now they start from their moments too, at their common value.
+  for (int i = 0; i < n; ++i)
+    for (int j = 0; j <= i; ++j)
+      if (!repair.fixedat(i, j)) repair.set(i, j, i == j ? share * repair.moments[i * n + i] : 0.0);
+  applyequal(n, t, *repair.codes);
+  diagonalise(repair);
   return usablestart(t, n);
 }
 
@@ -159,7 +168,7 @@ bool automaticfixup(const Repair& repair) {
   } else {
     taubetatable(MatrixTitle::plain, true, repair.n, repair.t);
   }
-  if (!run.files.startvals.empty()) std::printf("\nPlease check your starting value file!\n");
+  if (havestartvalues()) std::printf("\nPlease check your starting value file!\n");
   stoprun(100);
 }
 

@@ -37,13 +37,16 @@ void writeunittaupi(std::FILE* file, int k, const double* T, int p) {
 
 }  // namespace
 
-void startheterogeneous(const Pass& pass, IterationState& state) {
+void checkheterogeneous(const Pass& pass) {
   const int b = pass.b;
   if ((b + 1) * run.mdm.nunits3 * b / 2 >= pass.nusable2 - pass.nusable3) {
     reportline("***Unable to perform heterogeneous iterations.");
     reportline("The level-2/level-3 ratio is too small for the number of random effects");
     stoprun(100);
   }
+}
+
+void startheterogeneous(IterationState& state) {
   const std::size_t size = run.est.taupi.size();
   state.hettaupi.reset(at(run.mdm.nunits3) * size);
   for (std::size_t k = 0; k < at(run.mdm.nunits3); ++k)
@@ -67,7 +70,7 @@ void heterogeneousresults(const Pass& pass, IterationState& state, const FixedDe
   closechk(file);
   taupitable(MatrixTitle::average, false, p, mean.data());
   taupitable(MatrixTitle::weightedaverage, false, p, T.data());
-  reportfixedeffects(pass, degrees);
+  reportfixedeffects(pass, degrees, false);
 }
 
 }  // namespace kdr

@@ -80,7 +80,7 @@ void level2reliabilities(Pass& pass, IterationState& state, bool shown) {
       },
       [](int) {});
   if (state.nrel2 < 1) {
-    if (shown) report(" The %s reliabilities cannot be computed", run.sym.symvar2.c_str());
+    if (shown) reportline(" The %s reliabilities cannot be computed", run.sym.symvar2.c_str());
     return;
   }
   for (double& r : state.rel2) r /= state.nrel2;
@@ -105,7 +105,7 @@ void level3reliabilities(Pass& pass, IterationState& state, bool shown) {
     }
   });
   if (state.nrel3 < 1) {
-    if (shown) report(" The %s(beta) reliabilities cannot be computed", run.report.html ? "&tau;" : "tau");
+    if (shown) reportline(" The %s(beta) reliabilities cannot be computed", run.report.html ? "&tau;" : "tau");
     return;
   }
   for (double& r : state.rel3) r /= state.nrel3;
@@ -166,11 +166,11 @@ void variancetesttables(const Pass& pass, const VarianceTests& tests) {
   if (tests.nstat3 != run.mdm.nunits3) partialdatanote("chi-square statistics", tests.nstat3, run.mdm.nunits3);
 }
 
-void reportfixedeffects(const Pass& pass, const FixedDegrees& degrees) {
+void reportfixedeffects(const Pass& pass, const FixedDegrees& degrees, bool weighted) {
   const Estimates& est = run.est;
   const int g = pass.g;
-  Array<double> covariance = run.kind.weighted ? est.vgammaweighted.copy() : est.vgamma.copy();
-  if (!run.kind.weighted) scale(covariance.data(), g, g, g, est.sigma2);
+  Array<double> covariance = weighted ? est.vgammaweighted.copy() : est.vgamma.copy();
+  if (!weighted) scale(covariance.data(), g, g, g, est.sigma2);
   fixedtable(degrees, TableKind::estimates, covariance.data(), est.gammahat.data(), g, 1.0);
   if (!run.pass.nlfirstpass) ratiotable(degrees, TableKind::estimates, covariance.data(), est.gammahat.data(), g, 1.0);
   if (run.model.nhypotheses) hypothesistest(g, est.gammahat.data(), covariance.data(), g);

@@ -27,9 +27,9 @@ void variancetests(Pass& pass, VarianceTests& tests);
 // Their two tables, each with its note on units left out.
 void variancetesttables(const Pass& pass, const VarianceTests& tests);
 
-// The tables of the fixed effects and their ratios at the estimates, and the hypothesis tests: with sigma2 vgamma, in a
-// weighted run with vgammaweighted.
-void reportfixedeffects(const Pass& pass, const FixedDegrees& degrees);
+// The tables of the fixed effects and their ratios at the estimates, and the hypothesis tests: with sigma2 vgamma, or,
+// when `weighted`, with vgammaweighted.
+void reportfixedeffects(const Pass& pass, const FixedDegrees& degrees, bool weighted);
 
 // The covariance of the fixed effects from the scores of the level-3 units (the cluster sandwich of Liang and Zeger,
 // 1986): vgammarobust = V S V over sigma2, with its tables. With `leastsquares` the scores are those of ordinary least

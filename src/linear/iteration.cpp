@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 
 #include "driver/failures.h"
 #include "driver/questions.h"
@@ -205,12 +206,12 @@ void showlikelihood(int iteration, double loglik) {
   }
 }
 
-void reporttail(const Progress& progress) {
+void reporttail(const Progress& progress, bool earlier) {
   for (int dots = 0; dots < 3; ++dots) {
     reportblank(51);
     reportline(".");
   }
-  for (int i = 0; i + 1 < progress.entries; ++i) reportlikelihood(progress.last[i]);
+  for (int i = 0; earlier && i + 1 < progress.entries; ++i) reportlikelihood(progress.last[i]);
 }
 
 // A stop by the rule: the gain of the log-likelihood, as a percentage, lies within 0.0 and stopval.
@@ -229,12 +230,15 @@ void askinterrupt() {
   for (int tries = 0; tries < maxtries; ++tries) {
     std::printf("Enter 0 to stop iterating, 1 to exit now");
     readanswer(line);
-    if (line == "1") fail(0);
-    if (line == "0") {
+    char* end = nullptr;
+    const long answer = std::strtol(line.c_str(), &end, 10);
+    if (end == line.c_str()) continue;
+    if (answer == 1) fail(0);
+    if (answer == 0) {
       ++run.pass.stopflag;
       ++run.pass.keyboardstop;
       run.iter.laplaceit = run.iter.agqit = 0;
-      clearinterrupt();
+      holdinterrupts();
       return;
     }
   }
@@ -270,7 +274,7 @@ void endofiteration(Pass& pass, IterationState& state, const Attempt& attempt, c
   const bool atlimit = iteration == state.limit;
   if (atlimit || (run.iter.debug == 0 && iteration > 5 && run.pass.stopflag)) {
     ++progress.tailcounter;
-    if (run.out.fulloutput && iteration > 5) reporttail(progress);
+    if (run.out.fulloutput) reporttail(progress, iteration > 5);
   }
   if (atlimit) ++run.pass.stopflag;
   const bool last = run.pass.stopflag || progress.tailcounter;

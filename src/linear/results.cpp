@@ -8,6 +8,7 @@
 #include "report/fixedtable.h"
 #include "report/matrixtables.h"
 #include "report/resultsheading.h"
+#include "report/stream.h"
 #include "report/variancetables.h"
 
 namespace kdr {
@@ -28,15 +29,15 @@ void heading(const IterationState& state, int iteration) {
     report2("\f******* ITERATION %d *******\n\n", "<h2>Final Results - Iteration %d</h2>", iteration);
   }
   if (!run.pass.stopflag) return;
-  if (run.pass.keyboardstop && iteration != run.iter.numit) {
+  if (run.pass.keyboardstop) {
     reportline(" Iterations terminated prematurely from the keyboard.");
-  } else if (!run.pass.keyboardstop && iteration == run.iter.numit) {
+  } else if (iteration == state.limit) {
     reporthtml("<b>");
     reportline("WARNING: the iterations were stopped prior to convergence.");
     report("You may want to re-run the analysis with a higher number of iterations.");
     reporthtml("</b>");
     reportbreak();
-  } else if (!run.pass.keyboardstop) {
+  } else {
     reportline("Iterations stopped due to small change in likelihood function");
   }
 }
@@ -91,7 +92,7 @@ void sigma2lines(const StandardErrors& errors) {
   } else if (!run.pass.nlrun) {
     reportbreak();
     if (run.out.autovknown != 0) {
-      reportline(" %s = %s (Known)", symbol, leftname(run.mdm.names1[run.out.autovknown]).c_str());
+      reportline(" %s = %s (Known)", symbol, bareword(run.mdm.names1[run.out.autovknown]).c_str());
     } else {
       reportline(" %s = %12.5f", symbol, run.iter.fixsigma2);
     }

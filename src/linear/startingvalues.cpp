@@ -15,7 +15,7 @@ namespace kdr {
 
 namespace {
 
-constexpr double worstcondition = 1.0e7;
+constexpr double worstcondition = 1.0e7;  // of a matrix of order 2 or more; an order of 1 has no condition
 
 std::size_t at(int i) { return static_cast<std::size_t>(i); }
 
@@ -106,7 +106,7 @@ bool usablelevel3(const Pass& pass, StartWork& w) {
     if (w.B[i * b + i] < 0.0) return false;
   double condition = 0.0;
   return !hasunitcorrelation(b, w.B.data(), b) && ispositivedefinite(b, w.B.data(), b, &condition) &&
-         condition / b <= worstcondition;
+         (b == 1 || condition / b <= worstcondition);
 }
 
 // First sweep: least-squares residuals of both levels. dinv[k] keeps the inverse of Z2'Z2, missingcode at its head for
@@ -355,7 +355,7 @@ void starttaubeta(Pass& pass, StartMoments& moments) {
       [&](int) {
         double condition = 0.0;
         if (syminverse(b, w.B.data(), b, w.E.data(), b, w.inverse.data()) != 0 ||
-            isbadcov(b, w.B.data(), b, &condition) || condition / b > worstcondition)
+            isbadcov(b, w.B.data(), b, &condition) || (b > 1 && condition / b > worstcondition))
           return;
         mulAB(w.v.data(), w.E.data(), w.residual.data(), b, 1, b);
         addto(R, w.E);

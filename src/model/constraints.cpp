@@ -67,9 +67,11 @@ void applyconstraints() {
   if (run.kind.ordinal) width += static_cast<std::size_t>(run.kind.ncat - 2);
   model.contrasts.reset(rows * width);
   for (std::size_t row = 0; row < rows; ++row) {
-    std::size_t column = 0;
+    // The contrast of the full gammas, in terms of the reduced ones from which constrainmatrix makes them.
     for (std::size_t g = 0; g < full; ++g)
-      if (model.constraints[g] >= 0) model.contrasts[row * width + column++] = model.uncutcontrasts[row * full + g];
+      for (std::size_t column = 0; column < full - static_cast<std::size_t>(model.nconstrained); ++column)
+        model.contrasts[row * width + column] +=
+            model.uncutcontrasts[row * full + g] * model.constrainmatrix[g * full + column];
   }
 }
 

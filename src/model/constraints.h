@@ -12,9 +12,9 @@ void checkconstraints();
 // gets minus the group's number in run.model.constraints and is counted in nconstrained. Raises checkconstraints' stop.
 void makeconstraints();
 
-// Keeps a copy of run.model.contrasts as uncutcontrasts and takes the columns of the removed gammas out of contrasts,
-// whose rows then have ngamma - nconstrained values, and ncat - 2 more in an ordinal run. Expects run.coef.ngamma as it
-// was before the reduction, and leaves it so.
+// Keeps a copy of run.model.contrasts as uncutcontrasts and states contrasts in the reduced gammas: the column of a
+// removed gamma is added to that of the first member of its group, whose rows then have ngamma - nconstrained values,
+// and ncat - 2 more in an ordinal run. Expects run.coef.ngamma as it was before the reduction, and leaves it so.
 void applyconstraints();
 
 }  // namespace kdr

@@ -1,9 +1,185 @@
+// Questions about constraints, hypotheses and output.
 #include "model/dialogue.h"
 
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "driver/failures.h"
+#include "driver/questions.h"
+#include "driver/runrecord.h"
+#include "model/asking.h"
 #include "model/complete.h"
+#include "model/defaults.h"
+#include "model/modelwalk.h"
+#include "model/text.h"
+
 namespace kdr {
-void modelquestions() { completemodel(); }
-void constraintquestions() {}
-void featurequestions() {}
-void outputquestions() {}
+
+namespace {
+
+// Numbers the groups anew in the order of their first gammas, as makeconstraints expects them.
+void ordergroups(int groups) {
+  std::vector<int> number(static_cast<std::size_t>(groups) + 1, 0);
+  int next = 0;
+  for (int& group : run.model.constraints) {
+    if (group == 0) continue;
+    int& mine = number[static_cast<std::size_t>(group)];
+    if (mine == 0) mine = ++next;
+    group = mine;
+  }
+}
+
+// A contrast row of hypothesis h behind the rows that stand.
+void askcontrast(int h) {
+  ModelSpec& model = run.model;
+  const std::size_t start = model.contrasts.size();
+  model.contrasts.resize(start + static_cast<std::size_t>(run.coef.ngamma));
+  ++model.hypothesisrows[static_cast<std::size_t>(h)];
+  std::size_t g = 0;
+  eachfixedeffect([&](const Coefficient2& coefficient, int, int w) {
+    const std::size_t at = g++;
+    if (at < model.constraints.size() && model.constraints[at] < 0) return;
+    const std::string prompt = formatted(" Enter contrast value for %8.8s/%8.8s/%8.8s, G%s (0 to ignore)",
+                                         run.mdm.names1[static_cast<std::size_t>(coefficient.owner.v)].text,
+                                         run.mdm.names2[static_cast<std::size_t>(coefficient.w)].text,
+                                         run.mdm.names3[static_cast<std::size_t>(w)].text, run.coef.gammasubs[at].text);
+    model.contrasts[start + at] = askreal(prompt.c_str(), -1000000.0, 1000000.0);
+  });
+}
+
+void askhypotheses() {
+  if (run.answered.gammas) return;
+  if (!askyesno(" Do you wish to specify a multivariate hypothesis for the fixed effects?")) return;
+  run.model.nhypotheses = true;
+  for (int h = 0; h < maxhypotheses; ++h) {
+    do {
+      askcontrast(h);
+    } while (askyesno("Do you wish to specify another contrast as part of this hypothesis?"));
+    if (h + 1 == maxhypotheses || !askyesno(" Do you wish to specify another hypothesis?")) return;
+  }
+}
+
+void askdeviance() {
+  if (run.answered.deviance) return;
+  if (!askyesno(" Do you wish to test the specification for the variance-covariance components\n"
+                "against an alternative model?\n (Note: the same fixed effects,"
+                "must be specified in both models)"))
+    return;
+  run.out.deviance = askreal("Enter the deviance statistic value", 1.0, 10000000.0);
+  run.out.df = asknumber("Enter the number of variance-covariance and fixed effect parameters", 1, 10000);
+}
+
+void asklvr() {
+  if (run.answered.lvr || (run.kind.nonlin == 3 && !run.kind.ordinal)) return;
+  if (!askyesno("Do you want to do a latent variable regression on tau(beta)?")) return;
+  if (run.iter.fishertype == 0) stopwith("You cannot do LVR and set fishertype:0!\n");
+  std::printf("Enter o for outcome, p for predictor, or i to ignore\n\n");
+  run.out.lvrroles.reset(static_cast<std::size_t>(randomlevel2()));
+  std::size_t n = 0;
+  int wrong = 0;
+  eachcoefficient2([&](const Coefficient2& coefficient) {
+    if (run.model.fixed2.row(coefficient.owner.e)[coefficient.b] != 0) return;
+    const std::string prompt = formatted("How do you want to handle %8.8s/%8.8s?",
+                                         run.mdm.names1[static_cast<std::size_t>(coefficient.owner.v)].text,
+                                         run.mdm.names2[static_cast<std::size_t>(coefficient.w)].text);
+    for (std::string line;;) {
+      std::printf("%s ", prompt.c_str());
+      readanswer(line);
+      const char letter = firstletter(line);
+      if (letter == 'I' || letter == 'O' || letter == 'P') {
+        run.out.lvrroles[n++] = letter == 'O' ? 1 : letter == 'P' ? 2 : 0;
+        run.out.lvr = run.out.lvr || letter != 'I';
+        return;
+      }
+      std::printf("Invalid response");
+      if (++wrong > maxtries) fail(14);
+    }
+  });
+}
+
+// One residual file: whether it is wanted, and which variables of its level it is to carry.
+bool askresidualfile(int level, int nvar, const Array<Name>& names, Array<int>& flags) {
+  if (!askyesno(formatted("Do you want a level-%d residual file?", level).c_str())) return false;
+  showchoices(formatted("Which level-%d variables do you wish to use?", level).c_str(), nvar, names, 0);
+  const std::string prompt = formatted(" Level-%d variable? (Enter 0 to end)", level);
+  for (int n = 0; n < nvar; ++n) {
+    const int v = asknumber(prompt.c_str(), 0, nvar);
+    if (v == 0) break;
+    flags[static_cast<std::size_t>(v)] = 1;
+  }
+  return true;
+}
+
+void askresiduals() {
+  bool wanted = false;
+  if (!run.answered.resfil2)
+    wanted = run.out.resfil2 = askresidualfile(2, run.mdm.nvar2, run.mdm.names2, run.model.res2vars2);
+  if (!run.answered.resfil3) {
+    run.out.resfil3 = askresidualfile(3, run.mdm.nvar3, run.mdm.names3, run.model.res3vars3);
+    wanted = wanted || run.out.resfil3;
+  }
+  // A residual file of the command file has its type from there, or the usual one.
+  if (!wanted || run.answered.resfiltype) return;
+  std::printf(
+      "Enter type of stat package you will use:\n   for SYSTAT      enter 1\n   for SAS         enter 2\n"
+      "   for SPSS        enter 3\n   for Stata       enter 4\n   for Free Format enter 5\n");
+  constexpr int types[] = {3, 5, 6, 8, 2};
+  changeresfiltype(types[asknumber("Type?", 1, 5) - 1]);
+}
+
+void asktitle() {
+  if (run.answered.title) return;
+  std::printf("Enter a problem title: ");
+  readanswer(run.files.title);
+  if (run.files.title.size() > maxtitle - 1) run.files.title.resize(maxtitle - 1);
+}
+
+}  // namespace
+
+void constraintquestions() {
+  if (run.answered.constrain) return;
+  Array<int>& constraints = run.model.constraints;
+  constraints.reset(static_cast<std::size_t>(run.coef.ngamma));
+  int groups = 0;
+  while (askyesno("Do you want to constrain any (more) of the gammas?")) {
+    bool chosen = false;
+    for (std::size_t g = 0; g < constraints.size(); ++g) {
+      if (constraints[g] != 0) continue;
+      if (!askyesno(formatted(" Do you want to constrain G%s?", run.coef.gammasubs[g].text).c_str())) continue;
+      constraints[g] = groups + 1;
+      chosen = true;
+    }
+    if (chosen) ++groups;
+  }
+  ordergroups(groups);
+}
+
+void featurequestions() {
+  if (!run.answered.hypoth && askyesno(" Do you wish to use any of the optional hypothesis testing procedures?")) {
+    askhypotheses();
+    askdeviance();
+  }
+  asklvr();
+}
+
+void outputquestions() {
+  const AnsweredMarks& read = run.answered;
+  if (!(read.resfil2 && read.resfil3 && read.title && read.output && read.iterations))
+    centertitle("OUTPUT SPECIFICATION\n");
+  askresiduals();
+  if (!read.iterations) {
+    run.iter.numit = asknumber("How many iterations do you want to do?", 0, 10000);
+    run.answered.iterations = true;
+  }
+  asktitle();
+}
+
+void modeldialogue() {
+  modelquestions();
+  constraintquestions();
+  featurequestions();
+  outputquestions();
+}
+
 }  // namespace kdr

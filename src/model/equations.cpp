@@ -101,7 +101,8 @@ Equation equationof(const CommandReader& reader, int level, const Name& owner, i
   }
   text.remove_prefix(text.find(':') + 1);
   const std::size_t equals = text.find('=');
-  if (equals == std::string_view::npos || !samename(paddedname(trimmed(text.substr(0, equals))), owner))
+  if (equals == std::string_view::npos ||
+      !samename(paddedname(trimmed(text.substr(0, equals))), paddedname(owner.text)))
     badline(reader);
 
   Equation equation;

@@ -20,7 +20,8 @@ struct Keyword {
 // The text behind the first comma; empty without one.
 std::string behindcomma(const std::string& value) {
   const std::size_t comma = value.find(',');
-  return comma == std::string::npos ? "" : value.substr(comma + 1);
+  const std::size_t first = comma == std::string::npos ? comma : value.find_first_not_of(' ', comma + 1);
+  return first == std::string::npos ? "" : value.substr(first);
 }
 
 // N and Y set a flag, anything else leaves it.

@@ -28,7 +28,7 @@ bool beginswith(std::string_view text, std::string_view head) {
 
 std::string_view trimmed(std::string_view text) {
   const std::size_t first = text.find_first_not_of(" \t");
-  if (first == std::string_view::npos) return {};
+  if (first == std::string_view::npos) return text.substr(0, 0);
   return text.substr(first, text.find_last_not_of(" \t") - first + 1);
 }
 

@@ -58,7 +58,7 @@ void writenonlineariterations(std::FILE* out) {
   std::fprintf(out, "STOPMICRO:%s\n", real(iter.stopval, 10).c_str());
   std::fprintf(out, "STOPMACRO:%s\n", real(iter.stopmacro, 10).c_str());
   std::fprintf(out, "MACROIT:%d%s\n", iter.macroit, continuesuffix().c_str());
-  std::fprintf(out, "MICROIT:%d\n", iter.numit);
+  if (iter.numit > 0) std::fprintf(out, "MICROIT:%d\n", iter.numit);
   if (kind.nonlin == 3) {
     std::fprintf(out, "NONLIN:%s,%d\n", kind.ordinal ? "ORDINAL" : "MULTINOMIAL", kind.ncat);
   } else {

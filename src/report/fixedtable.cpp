@@ -85,23 +85,23 @@ bool isshared(int g) {
 }
 
 // What stands above and before the numbers of a row: its groups, its label, its mark.
-void rowlead(int g, int setopened, const char* style) {
+void rowlead(int g, int setopened, const char* style) {  // the groups are never the last row of the table
   if (setopened >= 0) {
     if (g > 0) reportbreak();
     const std::string category = categoryof(setopened);
     if (run.report.html) {
-      report("<tr><td align=left colspan=6 %s>For Category %s</td></tr>\n", style, category.c_str());
+      report("<tr><td align=left colspan=6 %s>For Category %s</td></tr>\n", styleplain, category.c_str());
     } else {
       report("For Category %s\n", category.c_str());
     }
   }
   if (const Label& label = run.coef.gammanames1[g]; !isblank(label)) {
     reporttext(" For %s\n", label.text);
-    reporthtml("<tr><td align=left colspan=6 %s> For %s</td></tr>\n", style, label.text);
+    reporthtml("<tr><td align=left colspan=6 %s> For %s</td></tr>\n", styleplain, label.text);
   }
   if (const Label& label = run.coef.gammanames2[g]; !isblank(label)) {
     reporttext("    For %s\n", label.text);
-    reporthtml("<tr><td align=left colspan=6 %s>&nbsp;&nbsp;&nbsp;For %s</td></tr>\n", style, label.text);
+    reporthtml("<tr><td align=left colspan=6 %s>&nbsp;&nbsp;&nbsp;For %s</td></tr>\n", styleplain, label.text);
   }
   reporttext("      %s", run.coef.gammanames3[g].text);
   reporthtml("<tr><td %s>&nbsp;&nbsp;&nbsp;&nbsp;&nbsp;&nbsp;&nbsp;&nbsp;&nbsp;&nbsp;&nbsp;%s", style,

@@ -1,10 +1,10 @@
 #include "report/stream.h"
 
 #include <strings.h>
-#include <sys/stat.h>
 
 #include <cmath>
 #include <cstdio>
+#include <utility>
 
 #include "data/scratch.h"
 #include "driver/failures.h"
@@ -41,10 +41,7 @@ void numberreport() {
 }
 
 void refusetooverwrite(const std::string& input) {
-  struct stat report_ {
-  }, input_{};
-  if (stat(run.files.outfile.c_str(), &report_) != 0 || stat(input.c_str(), &input_) != 0) return;
-  if (S_ISREG(report_.st_mode) && report_.st_dev == input_.st_dev && report_.st_ino == input_.st_ino)
+  if (samefile(run.files.outfile, input))
     stopwith("The output file %s is an input file of this run\n", run.files.outfile.c_str());
 }
 
@@ -79,10 +76,10 @@ void closereport() {
   reporthtml("</body></html>\n");
   if (reportisstdout()) {
     std::fflush(stdout);
+    run.report.stream = nullptr;
   } else {
-    std::fclose(run.report.stream);
+    closechk(std::exchange(run.report.stream, nullptr));
   }
-  run.report.stream = nullptr;
 }
 
 void opentable() { reporthtml("<table border=1 cellpadding=3 style='border-collapse:collapse;border:none'>\n<tr>\n"); }

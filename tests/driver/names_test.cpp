@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <string_view>
 
 namespace {
 
@@ -19,6 +20,8 @@ TEST(Names, PadnameJustifiesToTheWidth) {
       {"  ab", 8, "      AB    "},      {"ab  ", 12, "          AB"},      {"", 8, "            "},
       {"        ", 12, "            "}, {"a b", 8, "     A B    "},
   };
+  using namespace std::string_view_literals;
+  EXPECT_STREQ(paddedname("A\0B1"sv, 12).text, "        A B1");  // a zero byte is a blank, not an end
   for (const Case& c : cases) EXPECT_STREQ(paddedname(c.text, c.width).text, c.wanted) << c.text;
 }
 

@@ -226,6 +226,47 @@ TEST_P(Engine, TheRestrictedScoreVanishesUnderRestrictions) {
   }
 }
 
+// The heterogeneous stage: each level-3 unit's taupi becomes the mean posterior moment of its own level-2 units, and
+// the likelihood with a taupi per unit rises.
+TEST_P(Engine, HeterogeneousStepsGiveEachUnitItsOwnMoment) {
+  study::Study made(GetParam());
+  Pass pass;
+  study::prepare(pass);
+  const dense::Parameters start = study::setparameters(points[0].T, points[0].L, points[0].s, points[0].gamma);
+  const dense::Matrix gamma = study::gammamatrix();
+  const std::size_t units = made.units.size();
+  Array<double> T(4 * units);
+  for (std::size_t i = 0; i < T.size(); ++i) T[i] = points[0].T[i % 4] * (1.0 + 0.1 * static_cast<double>(i / 4));
+  std::vector<dense::Parameters> own(units, start);
+  double loglik = 0;
+  for (std::size_t k = 0; k < units; ++k) {
+    for (std::size_t i = 0; i < 4; ++i) own[k].T.cells[i] = T[4 * k + i];
+    loglik += dense::evaluate({made.units[k]}, own[k], gamma).loglik;
+  }
+  Likelihood likelihood{-1e36, -1e36};
+  EmSums em;
+  emstep(pass, likelihood, em, T.data());
+  expectnear(likelihood.current, loglik, loglik, "log-likelihood");
+  for (std::size_t k = 0; k < units; ++k) {
+    const dense::Unit& u = made.units[k];
+    const dense::Matrix W = dense::inverse(dense::V(u, own[k])), r = u.Y - u.M * gamma, Z1 = u.blockZ1();
+    dense::Matrix sum(2, 2);
+    for (int j = 0; j < u.units2; ++j) {
+      dense::Matrix Zj(u.Y.rows, 2);
+      for (int i = 0; i < u.Y.rows; ++i)
+        for (int c = 0; c < 2; ++c) Zj(i, c) = Z1(i, 2 * j + c);
+      const dense::Matrix uj = own[k].T * t(Zj) * W * r;
+      sum = sum + uj * t(uj) + own[k].T - own[k].T * t(Zj) * W * Zj * own[k].T;
+    }
+    for (std::size_t i = 0; i < 4; ++i) expectnear(T[4 * k + i], sum.cells[i] / u.units2, 1, "taupi of a unit");
+  }
+  for (int step = 0; step < 30; ++step) {
+    run.est.sigma2 = (em.traceacc + em.rss) / run.mdm.nunits1;
+    emstep(pass, likelihood, em, T.data());
+    EXPECT_GE(likelihood.current, likelihood.previous - 1e-9) << "step " << step;
+  }
+}
+
 // A store that does not fit its budget goes through scratch files, in windows down to a single level-3 unit, and
 // changes no bit of the result.
 TEST(Store, FilesGiveTheSameBitsAsMemory) {

@@ -187,7 +187,7 @@ int takeitem(AsciiLevel& ascii, RecordInHand& record, const FormatItem& item, st
     if (item.kind == FormatKind::a) {
       result = takeid(ascii, record, item);
     } else if (item.kind == FormatKind::slash) {
-      if (!skipline(ascii.text, maxfield)) break;
+      if (!skipline(ascii.text, static_cast<std::size_t>(-1))) break;
     } else if (item.kind == FormatKind::x) {
       const auto width = static_cast<std::size_t>(item.width);
       if (takebytes(ascii.text, width) == nullptr) result = cutrecord(ascii, record, width);

@@ -1,0 +1,340 @@
+// Questions about the model itself.
+#include <cstdio>
+#include <string>
+
+#include "driver/questions.h"
+#include "driver/runrecord.h"
+#include "model/asking.h"
+#include "model/categories.h"
+#include "model/complete.h"
+#include "model/dialogue.h"
+#include "model/modelwalk.h"
+
+namespace kdr {
+
+namespace {
+
+constexpr const char* alreadychosen = "You have already chosen that variable!\n";
+constexpr const char* isoutcome = " That is the outcome variable!\n";
+
+const char* name1(int v) { return run.mdm.names1[static_cast<std::size_t>(v)].text; }
+const char* name2(int v) { return run.mdm.names2[static_cast<std::size_t>(v)].text; }
+
+int subscript(const Coefficient1& coefficient) { return coefficient.c + (run.kind.nointercept1 ? 1 : 0); }
+
+// The two digits of a level-2 coefficient.
+std::string subscripts(const Coefficient2& coefficient) {
+  const Coefficient1& owner = coefficient.owner;
+  return formatted("%1.1d%1.1d", subscript(owner),
+                   coefficient.s + firstsubscript(run.model.terms2.row(owner.e, owner.c)));
+}
+
+bool multinomial() { return run.kind.nonlin == 3 && !run.kind.ordinal; }
+
+void asknonlinear() {
+  if (run.answered.nonlin || run.answered.level1) return;
+  if (!askyesno("Do you want to do a non-linear analysis?")) return;
+  std::printf(
+      "Enter type of non-linear analysis:\n\n\t1) Bernoulli (0 or 1)\n\t2) Binomial (count)\n"
+      "\t3) Poisson  (constant exposure)\n\t4) Poisson  (variable exposure)\n\t5) Multinomial\n\t6) Ordinal\n\n");
+  const int type = asknumber("type of analysis:", 1, 6);
+  ModelKind& kind = run.kind;
+  IterationControl& iter = run.iter;
+  kind.nonlin = (type + 1) / 2;
+  kind.nlcount = type == 2 || type == 4;
+  kind.ordinal = type == 6;
+  iter.macroit = asknumber("Enter maximum number of macro iterations:", 1, 100000);
+  iter.numit = asknumber("Enter maximum number of micro iterations:", 1, 100000);
+  run.answered.iterations = true;
+  if (kind.nonlin != 3) {
+    if (!askyesno("Do you wish to allow over-dispersion at level 1?")) iter.fixsigma2 = 1.0;
+    iter.popavit = 1;
+  }
+  if (type != 1 || !askyesno("Do you want to do the Laplace-6 iterations?")) return;
+  iter.laplace = true;
+  iter.laplaceit = asknumber("Enter maximum number of Laplace macro iterations", 1, 100000);
+}
+
+void askoutcome() {
+  ModelKind& kind = run.kind;
+  if (kind.outvar != 0) return;
+  centertitle("SPECIFYING A LEVEL-1 OUTCOME VARIABLE");
+  showchoices("Please specify a level-1 outcome variable", run.mdm.nvar1, run.mdm.names1, 0);
+  const int outcome = asknumber("What is the outcome variable:", 1, run.mdm.nvar1);
+  if (kind.nonlin == 3 && kind.ncat == 0) {
+    const std::string name = leftname(run.mdm.names1[static_cast<std::size_t>(outcome)]);
+    kind.ncat = asknumber(formatted("How many categories does %s have?", name.c_str()).c_str(), 2, 1000000);
+    makeequationsets();
+  }
+  kind.outvar = outcome;
+  for (int e = 0; e < kind.neqsets; ++e) {
+    run.model.use1.row(e)[outcome] = -1;
+    run.model.use1.row(e)[0] = 1;
+  }
+}
+
+void asklevel1() {
+  if (run.answered.level1) return;
+  std::printf("Level-1 predictor variable specification\n");
+  showchoices("Which level-1 predictors do you wish to use?", run.mdm.nvar1, run.mdm.names1, run.kind.outvar);
+  int* use = run.model.use1.row(0);
+  for (int n = 0; n < run.mdm.nvar1;) {
+    const int v = asknumber("level-1 predictor? (Enter 0 to end)", 0, run.mdm.nvar1);
+    if (v == 0) break;
+    if (use[v] != 0) {
+      std::printf("%s", v == run.kind.outvar ? isoutcome : alreadychosen);
+      continue;
+    }
+    use[v] = 1;
+    ++n;
+  }
+  for (int e = 1; e < run.kind.neqsets; ++e)
+    for (int v = 0; v < run.mdm.ncol1; ++v) run.model.use1.row(e)[v] = use[v];
+}
+
+void askcountvariable() {
+  if (!run.kind.nlcount || run.answered.nonlin) return;
+  const std::string prompt = formatted("\nFor the non-linear analysis, which variable indicates the %s",
+                                       run.kind.nonlin == 1 ? "number of trials?" : "exposure?");
+  int v = asknumber(prompt.c_str(), 1, run.mdm.nvar1);
+  for (int tries = 1; run.model.use1.row(0)[v] != 0; ++tries) {
+    std::printf("%s", alreadychosen);
+    if (tries == maxtries) noproperresponse();
+    v = asknumber(prompt.c_str(), 1, run.mdm.nvar1);
+  }
+  run.kind.nlcntvar = v;
+  run.model.res1vars1[static_cast<std::size_t>(v)] = 1;
+}
+
+void askintercept1() {
+  if (run.answered.level1 || run.answered.nobase) return;
+  if (!askyesno("\nDo you want to set the level-1 intercept to zero in this analysis?")) return;
+  run.kind.nointercept1 = true;
+  for (int e = 0; e < run.kind.neqsets; ++e) run.model.use1.row(e)[0] = 0;
+}
+
+// How each variable of a level that `used` marks is to be centered. `choices` are the digits that are answers.
+void askcentering(const char* question, const char* explanation, const char* choices, const Array<int>& used,
+                  const Array<Name>& names, Array<int>& marks) {
+  bool any = false;
+  for (std::size_t v = 1; v < used.size(); ++v) any = any || used[v] != 0;
+  if (!any || !askyesno(question)) return;
+  std::printf("%s", explanation);
+  for (std::size_t v = 1; v < used.size(); ++v)
+    if (used[v] != 0) marks[v] = askletter(formatted("How do you want to center %8.8s?", names[v].text), choices) - '0';
+}
+
+constexpr const char* threechoices = " Enter 0 for no centering, enter 1 for group-mean, 2 for grand-mean\n";
+constexpr const char* twochoices = " Enter 0 for no centering, 2 for grand-mean\n";
+
+void askcentering1() {
+  if (run.answered.level1) return;
+  Array<int> used(static_cast<std::size_t>(run.mdm.nvar1) + 1);
+  for (int v = 1; v <= run.mdm.nvar1; ++v) used[static_cast<std::size_t>(v)] = run.model.use1.row(0)[v] == 1;
+  askcentering("\nDo you want to center any level-1 predictors?", threechoices, "012", used, run.mdm.names1,
+               run.model.center1);
+}
+
+void askcentering2() {
+  if (run.answered.level2) return;
+  Array<int> used(static_cast<std::size_t>(run.mdm.ncol2));
+  eachcoefficient2([&](const Coefficient2& coefficient) { used[static_cast<std::size_t>(coefficient.w)] = 1; });
+  askcentering("\nDo you want to center any level-2 predictors?", threechoices, "012", used, run.mdm.names2,
+               run.model.center2);
+}
+
+void askcentering3() {
+  if (run.answered.level3) return;
+  Array<int> used(static_cast<std::size_t>(run.mdm.ncol3));
+  eachfixedeffect([&](const Coefficient2&, int, int w) { used[static_cast<std::size_t>(w)] = 1; });
+  askcentering("Do you want to center any level-3 predictors?", twochoices, "02", used, run.mdm.names3,
+               run.model.center3);
+}
+
+// Variables for a row of `width` slots, from slot `first` on; -1 copies the row `before`, if there is one. `taken` is
+// a further row whose variables are no choices. Returns through `row`; noslot fills what stays free.
+void askrow(const char* prompt, int nvar, int first, int width, const int* before, const int* taken, int takenwidth,
+            int* row) {
+  const auto stands = [](const int* list, int n, int v) {
+    for (int s = 0; s < n && list[s] != noslot; ++s)
+      if (list[s] == v) return true;
+    return false;
+  };
+  for (int s = first; s < width;) {
+    const int v = asknumber(prompt, before != nullptr ? -1 : 0, nvar);
+    if (v == 0) return;
+    if (v == -1) {
+      int n = 0;
+      for (int i = 0; i < width; ++i)
+        if (before[i] != noslot && !stands(taken, takenwidth, before[i])) row[n++] = before[i];
+      for (; n < width; ++n) row[n] = noslot;
+      return;
+    }
+    if (stands(row, width, v) || stands(taken, takenwidth, v)) {
+      std::printf("%s", alreadychosen);
+      continue;
+    }
+    row[s++] = v;
+  }
+}
+
+void saycategory(int& set, int e) {
+  if (multinomial() && e != set) std::printf("For category %d:\n", e + 1);
+  set = e;
+}
+
+void asklevel2() {
+  if (run.answered.level2) return;
+  std::printf("\n\nLevel-2 predictor variable specification\n");
+  showchoices("Which level-2 variables do you wish to use?\n", run.mdm.nvar2, run.mdm.names2, 0);
+  int set = -1;
+  eachcoefficient1([&](const Coefficient1& coefficient) {
+    if (isthreshold(coefficient.v)) return;
+    saycategory(set, coefficient.e);
+    int* row = run.model.terms2.row(coefficient.e, coefficient.c);
+    row[0] = 0;
+    std::printf("Which level-2 predictor to model %8.8s, P%d%s", name1(coefficient.v), subscript(coefficient),
+                coefficient.c == 0 ? "?\n" : " slope?\n");
+    const int* before = coefficient.c > 0 ? run.model.terms2.row(coefficient.e, coefficient.c - 1) : nullptr;
+    askrow(" Level-2 predictor? (Enter 0 to end)", run.mdm.nvar2, 1, run.mdm.ncol2, before, nullptr, 0, row);
+    for (int s = 1; s < run.mdm.ncol2 && row[s] != noslot; ++s)
+      run.model.res2vars2[static_cast<std::size_t>(row[s])] = 1;
+  });
+
+  eachcoefficient1([&](const Coefficient1& coefficient) {
+    if (isthreshold(coefficient.v)) return;
+    if (!askyesno(formatted("Do you want to set the level-2 intercept to zero for %8.8s, P%d?", name1(coefficient.v),
+                            subscript(coefficient))
+                      .c_str()))
+      return;
+    int* row = run.model.terms2.row(coefficient.e, coefficient.c);
+    for (int s = 0; s + 1 < run.mdm.ncol2; ++s) row[s] = row[s + 1];
+    row[run.mdm.ncol2 - 1] = noslot;
+  });
+}
+
+void askrandom2() {
+  if (run.answered.level1) return;
+  if (!askyesno("\n\nDo you want to constrain the variances in any of the level-2 random\n effect to zero?")) return;
+  eachcoefficient1([&](const Coefficient1& coefficient) {
+    if (isthreshold(coefficient.v)) return;
+    const std::string prompt = formatted("Do you want to fix %8.8s,P%d%s", name1(coefficient.v), subscript(coefficient),
+                                         coefficient.c == 0 ? "?" : " slope?");
+    run.model.fixed1.row(coefficient.e)[coefficient.c] = askyesno(prompt.c_str());
+  });
+}
+
+void asklevel3() {
+  if (run.answered.level3) return;
+  std::printf("\n\nLevel-3 predictor variable specification\n");
+  showchoices("Which level-3 predictors do you wish to use?\n", run.mdm.nvar3, run.mdm.names3, 0);
+  int set = -1;
+  eachcoefficient2([&](const Coefficient2& coefficient) {
+    const Coefficient1& owner = coefficient.owner;
+    saycategory(set, owner.e);
+    int* row = run.model.terms3.row(owner.e, coefficient.b);
+    row[0] = 0;
+    std::printf("Which level-3 predictors to model %8.8s/%8.8s, B%s%s", name1(owner.v), name2(coefficient.w),
+                subscripts(coefficient).c_str(), coefficient.s == 0 ? "?\n" : " slope?\n");
+    const int* before = coefficient.b > 0 ? run.model.terms3.row(owner.e, coefficient.b - 1) : nullptr;
+    askrow(" Level-3 predictor? (Enter 0 to end)", run.mdm.nvar3, 1, run.mdm.ncol3, before, nullptr, 0, row);
+    for (int s = 1; s < run.mdm.ncol3 && row[s] != noslot; ++s) {
+      const auto v = static_cast<std::size_t>(row[s]);
+      run.model.res2vars3[v] = run.model.res3vars3[v] = 1;
+    }
+  });
+}
+
+void askrandom3() {
+  if (run.answered.level2) return;
+  if (!askyesno("\nDo you want to constrain the variances in any of the level-3 random\n effect to zero?")) return;
+  eachcoefficient2([&](const Coefficient2& coefficient) {
+    const std::string prompt =
+        formatted("Do you want to fix %8.8s/%8.8s,B%s%s", name1(coefficient.owner.v), name2(coefficient.w),
+                  subscripts(coefficient).c_str(), coefficient.s == 0 ? "?" : " slope?");
+    run.model.fixed2.row(coefficient.owner.e)[coefficient.b] = askyesno(prompt.c_str());
+  });
+}
+
+void askdeletion() {
+  if (run.answered.deletion || run.mdm.deletednow) return;
+  if (!askyesno("Do you want to specify a set of level-1 variables as the basis for deletion?")) return;
+  showchoices("Which level-1 variables do you wish to use?", run.mdm.nvar1, run.mdm.names1, run.kind.outvar);
+  for (int n = 1; n < run.mdm.nvar1;) {
+    const int v = asknumber(" level-1 predictor? (Enter 0 to end)", 0, run.mdm.nvar1);
+    if (v == 0) return;
+    if (v == run.kind.outvar) {
+      std::printf("%s", isoutcome);
+      continue;
+    }
+    run.model.delete1[static_cast<std::size_t>(v) - 1] = 2;
+    ++n;
+  }
+}
+
+void askextra2() {
+  if (run.answered.extra2) return;
+  showchoices("Select the level-2 variables that you might consider for\ninclusion as predictors in subsequent models.",
+              run.mdm.nvar2, run.mdm.names2, 0);
+  const int* before = nullptr;
+  eachcoefficient1([&](const Coefficient1& coefficient) {
+    const auto [e, c, v] = coefficient;
+    if (isthreshold(v) || run.model.fixed1.row(e)[c] != 0) return;
+    std::printf("Which level-2 variables to model %8.8s, P%d%s", name1(v), subscript(coefficient),
+                c == 0 ? "?\n" : " slope?\n");
+    int* row = run.model.extra2.row(e, c);
+    askrow(" Level-2 predictor? (Enter 0 to end)", run.mdm.nvar2, 0, maxextra, before, run.model.terms2.row(e, c),
+           run.mdm.ncol2, row);
+    before = row;
+  });
+}
+
+void askextra3() {
+  if (run.answered.extra3) return;
+  showchoices(
+      "Select the level-3 predictor variables that you might consider for\n"
+      "inclusion as predictors in subsequent models.\n",
+      run.mdm.nvar3, run.mdm.names3, 0);
+  const int* before = nullptr;
+  eachcoefficient2([&](const Coefficient2& coefficient) {
+    const int e = coefficient.owner.e, b = coefficient.b;
+    if (run.model.fixed2.row(e)[b] != 0) return;
+    std::printf("Which level-3 variables to model %8.8s/%8.8s, B%s%s", name1(coefficient.owner.v), name2(coefficient.w),
+                subscripts(coefficient).c_str(), coefficient.s == 0 ? "?\n" : " slope?\n");
+    int* row = run.model.extra3.row(e, b);
+    askrow(" Level-3 predictor? (Enter 0 to end)", run.mdm.nvar3, 0, maxextra, before, run.model.terms3.row(e, b),
+           run.mdm.ncol3, row);
+    before = row;
+  });
+}
+
+}  // namespace
+
+void modelquestions() {
+  const AnsweredMarks& read = run.answered;
+  asknonlinear();
+  askoutcome();
+  if (!read.wholemodel() || !read.extra2 || !read.extra3)
+    centertitle(formatted("SPECIFYING AN %s MODEL\n", module).c_str());
+  asklevel1();
+  askcountvariable();
+  askintercept1();
+  countlevel1();
+  askcentering1();
+  asklevel2();
+  countlevel2();
+  askrandom2();
+  askcentering2();
+  asklevel3();
+  countlevel3();
+  askcentering3();
+  askrandom3();
+  const bool features = read.hypoth && read.extra2 && read.extra3 && read.constrain && (read.lvr || multinomial());
+  if (!features) centertitle("ADDITIONAL PROGRAM FEATURES");
+  askdeletion();
+  askextra2();
+  askextra3();
+  countextras();
+}
+
+}  // namespace kdr

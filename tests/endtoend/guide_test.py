@@ -1,0 +1,150 @@
+#!/usr/bin/env python3
+"""Holds docs/guide.md against the program.
+
+The guide's blocks are taken in order, in a copy of examples/chem97 with `kdr3` on the PATH:
+
+    ```sh run              the block is executed and must succeed
+    ```text output=FILE    its lines must stand in FILE, one after the other, as FILE is at this point
+
+Besides, each keyword that the guide's tables name must be known to the program, each keyword that the program writes to
+newcmd.kdr must be in the guide, and the rerun of newcmd.kdr that the guide makes must give the same report.
+"""
+import os
+import re
+import shutil
+import subprocess
+import sys
+import tempfile
+import unittest
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parents[2]
+GUIDE = ROOT / "docs" / "guide.md"
+SECONDS = 120
+
+
+def blocks(text):
+    """(line number, info string, lines) of each fenced block."""
+    found, info, start, lines = [], None, 0, []
+    for number, line in enumerate(text.splitlines(), 1):
+        if line.startswith("```"):
+            if info is None:
+                info, start, lines = line[3:].strip(), number, []
+            else:
+                found.append((start, info, lines))
+                info = None
+        elif info is not None:
+            lines.append(line)
+    assert info is None, f"the block at line {start} of the guide is not closed"
+    return found
+
+
+def comparable(lines):
+    """Without form feeds and trailing blanks; date and time lines hold no digits."""
+    cut = [line.replace("\f", "").rstrip() for line in lines]
+    return [re.sub(r"\d", "9", line) if re.match(r" ?(Date|Time): ", line) else line for line in cut]
+
+
+def contains(whole, part):
+    return any(whole[i:i + len(part)] == part for i in range(len(whole) - len(part) + 1))
+
+
+def nearest(whole, part):
+    """How far the best match goes, for the message of a failure."""
+    best, place = -1, 0
+    for i in range(len(whole)):
+        n = 0
+        while n < len(part) and i + n < len(whole) and whole[i + n] == part[n]:
+            n += 1
+        if n > best:
+            best, place = n, i
+    expected = part[best] if best < len(part) else "(end)"
+    got = whole[place + best] if place + best < len(whole) else "(end of file)"
+    return f"{best} of {len(part)} lines agree; the guide goes on with\n  |{expected}|\nthe file with\n  |{got}|"
+
+
+class Workplace:
+    """A copy of the example with the program on the PATH as kdr3."""
+
+    def __init__(self, program):
+        self.top = tempfile.TemporaryDirectory()
+        self.directory = Path(self.top.name) / "chem97"
+        shutil.copytree(ROOT / "examples" / "chem97", self.directory)
+        bin_directory = Path(self.top.name) / "bin"
+        bin_directory.mkdir()
+        wrapper = bin_directory / "kdr3"
+        wrapper.write_text(f'#!/bin/sh\nexec "{program}" "$@"\n')
+        wrapper.chmod(0o755)
+        self.environment = dict(os.environ, PATH=f"{bin_directory}:{os.environ['PATH']}", LC_ALL="C")
+
+    def run(self, script):
+        return subprocess.run(["sh", "-eu", "-c", script], cwd=self.directory, env=self.environment,
+                              stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=SECONDS)
+
+
+class Guide(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.text = GUIDE.read_text()
+        cls.place = Workplace(PROGRAM)
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.place.top.cleanup()
+
+    def test_1_examples(self):
+        runs = outputs = 0
+        for line, info, lines in blocks(self.text):
+            if info == "sh run":
+                done = self.place.run("\n".join(lines))
+                self.assertEqual(done.returncode, 0, f"guide, line {line}:\n{done.stdout}{done.stderr}")
+                runs += 1
+            elif info.startswith("text output="):
+                name = info.removeprefix("text output=")
+                part = comparable(lines)
+                whole = comparable((self.place.directory / name).read_text().split("\n"))
+                self.assertTrue(part, f"guide, line {line}: an empty block")
+                self.assertTrue(contains(whole, part), f"guide, line {line}, {name}: {nearest(whole, part)}")
+                outputs += 1
+            else:
+                self.fail(f"guide, line {line}: a block of unknown kind \"{info}\"")
+        self.assertGreater(runs, 4)
+        self.assertGreater(outputs, 8)
+
+    def test_4_written_command_file_repeats_the_run(self):
+        """again.kdr is the newcmd.kdr of model1.kdr; only names and the time may differ."""
+        def report(name):
+            lines = comparable((self.place.directory / name).read_text().split("\n"))
+            return [line for line in lines if not re.match(r"  (The command file|Output file name)", line)
+                    and not line.startswith(" Time:")]
+        self.assertEqual(report("again.txt"), report("model1.txt"))
+
+    def recognised(self, line):
+        (self.place.directory / "one.kdr").write_text(line + "\n")
+        done = self.place.run("kdr3 -q chem97.mdm one.kdr || true")
+        return "Unrecognized control word" not in done.stdout
+
+    def test_2_keywords_of_the_tables_exist(self):
+        section = self.text.split("\n### All keywords\n")[1].split("\n### ")[0]
+        keywords = [word for row in section.splitlines() if row.startswith("| `")
+                    for word in re.findall(r"`([A-Z0-9-]+(?:<n>)?:)`", row.split("|")[1])]
+        self.assertGreater(len(keywords), 50)
+        self.assertFalse(self.recognised("NOTAWORD:1"))
+        for keyword in keywords:
+            with self.subTest(keyword):
+                # The equation lines of levels 2 and 3 are read with the LEVEL1: line that they belong to.
+                if keyword not in ("LEVEL2:", "LEVEL3:"):
+                    self.assertTrue(self.recognised(keyword.replace("<n>", "1") + "1"))
+
+    def test_3_written_keywords_are_told(self):
+        written = {line.split(":")[0] + ":" for line in (self.place.directory / "newcmd.kdr").read_text().splitlines()
+                   if not line.startswith("#")}
+        self.assertGreater(len(written), 10)
+        for keyword in sorted(written):
+            with self.subTest(keyword):
+                self.assertIn(f"`{keyword}`", self.text)
+
+
+if __name__ == "__main__":
+    PROGRAM = str(Path(sys.argv.pop(1)).resolve())
+    unittest.main()

@@ -1,0 +1,47 @@
+"""Whole reports, text and HTML, against the stored ones; date, time and version of the moment are masked.
+
+    reports_test.py PROGRAM [--store]      --store writes the reports that the program makes now
+"""
+import pathlib
+import re
+import sys
+
+from program import Checks, Workplace
+
+STORED = pathlib.Path(__file__).parent / "reports"
+check = Checks()
+work = Workplace(sys.argv[1])
+
+
+def masked(text):
+    text = re.sub(r"\d+ \w+ \d{4}, \w+day", "DATE", text)
+    return re.sub(r"\d?\d: ?\d?\d: ?\d?\d", "TIME", text)
+
+
+work.run("-r", "chem97.mdmt")
+everything = {
+    "model1": work.edited("m1.kdr", "model1.kdr"),
+    "model2": work.edited("m2.kdr", "model2.kdr"),
+    # Exploratory lists, hypotheses, a comparison, constraints, a fixed sigma^2, a taupi that is held diagonal.
+    "features": work.write("features.kdr", work.read("model2.kdr").replace("+SCHGCSE,2+RANDOM/\nLEVEL3:INTRCPT2=INTRCPT3+LEAGCSE,2+RANDOM/",
+                                                                        "+SCHGCSE,2+RANDOM/SCHSIZE\nLEVEL3:INTRCPT2=INTRCPT3+LEAGCSE,2+RANDOM/LEANSCH")
+                           .replace("CONSTRAIN:N", "CONSTRAIN:0,0,1,0,0,1\nGAMMA1:0,1,0,0,0\nGAMMA2:0,0,0,1,0\nGAMMA2:0,0,1,0,0\nDEVIANCE:140600\nDF:9\nDIAGONALIZETAUPI:Y")),
+}
+for name, command in everything.items():
+    for extension in ("txt", "html"):
+        file = f"{name}.{extension}"
+        text = work.read(command)
+        work.write("run.kdr", re.sub(r"(?m)^OUTPUT:.*$", f"OUTPUT:{file}", text))
+        done = work.run("chem97.mdm", "run.kdr")
+        check(done.returncode == 0, f"{file}: code {done.returncode}: {done.stdout[-200:]}")
+        made = masked(work.read(file))
+        if "--store" in sys.argv:
+            STORED.mkdir(exist_ok=True)
+            (STORED / file).write_text(made)
+        stored = (STORED / file).read_text()
+        for line, (a, b) in enumerate(zip(made.splitlines(), stored.splitlines()), 1):
+            if a != b:
+                check(False, f"{file}, line {line}: {a!r}, stored {b!r}")
+                break
+        check(len(made) == len(stored), f"{file}: {len(made)} bytes, stored {len(stored)}")
+check.finish()

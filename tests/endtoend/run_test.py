@@ -1,0 +1,161 @@
+"""Whole runs: options, every kind of end, files written back, the interrupt key."""
+import resource
+import signal
+import subprocess
+import sys
+import time
+
+from program import Checks, Workplace, body
+
+check = Checks()
+work = Workplace(sys.argv[1])
+
+
+def ends(done, code, words, what):
+    check(done.returncode == code, f"{what}: code {done.returncode}, not {code}")
+    check(words in done.stdout, f"{what}: {words!r} not in {done.stdout[-300:]!r}")
+
+
+def options():
+    ends(work.run("-z"), 100, "illegal option -- z\nusage: ", "unknown option")
+    ends(work.run("-r"), 100, "option requires an argument -- r\nusage: ", "missing argument")
+    ends(work.run("-e"), 100, "-e (last multiple imputation) specified, but -m (multiple imputation) was not!", "-e alone")
+    ends(work.run("-r", "none.rsp"), 100, "Unable to open none.rsp\n", "no response file")
+    ends(work.run("-v", answers="n\n"), 14, "KDR3 version 7.01\n\n\nWill you be starting with raw data? \n", "-v alone")
+    ends(work.run("none.mdm", "x.kdr"), 14, "mdm file none.mdm does not exist.\n Enter new file name: ", "no mdm file")
+    ends(work.run(answers="maybe\n" * 10), 100, "Unable to get a proper response!\n\n", "ten bad answers")
+    done = work.run(answers="maybe\n" * 9 + "n\n\nnone\n")
+    ends(done, 14, "\nEnter name of MDM file:  none does not exist.\nEnter name of MDM file: ", "asked for the mdm file")
+    check(done.stdout.count("Enter name of MDM file") == 10, "ten tries for the mdm file")
+    # Without -q the end waits for a whole second of the clock to begin.
+    start = time.time()
+    subprocess.run([work.program, "-nowait", "-z"], stdout=subprocess.DEVNULL, cwd=work.folder)
+    check(int(time.time()) > int(start), "-nowait ends at the next second")
+
+
+def construction():
+    ends(work.run("-r", "chem97.mdmt"), 0, "  31022 level-1 records have been processed\n", "construction")
+    first = (work.folder / "chem97.mdm").read_bytes()
+    work.run("-r", "creatmdm.mdmt")
+    check((work.folder / "chem97.mdm").read_bytes() == first, "the template written back makes the same file")
+    work.run("-r", "chem97.mdmt", "other.mdm")
+    check((work.folder / "other.mdm").exists(), "a positional word names the mdm file")
+    text = work.read("chem97-1.dat")
+    work.write("chem97-1.dat", text.replace("\n", "\r\n"))
+    work.run("-r", "chem97.mdmt")
+    check((work.folder / "chem97.mdm").read_bytes() == first, "CRLF text makes the same file")
+    work.write("chem97-1.dat", text)
+
+
+def limitfilesize():
+    signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+    resource.setrlimit(resource.RLIMIT_FSIZE, (200_000, 200_000))
+
+
+def fulldisk():
+    ends(work.run("-r", "chem97.mdmt", "full.mdm", preexec_fn=limitfilesize), 5, " Unable to write. Full disk?\n", "full disk")
+    done = work.run("full.mdm", "model1.kdr")
+    check(done.returncode == 100, "what a full disk left is no mdm file")
+
+
+def models():
+    ends(work.run("chem97.mdm", "model2.kdr"), 0, "Starting values computed.  Iterations begun.\n", "model 2")
+    report = work.read("model2.txt")
+    work.run("chem97.mdm", "newcmd.kdr")
+    check(body(work.read("model2.txt")) == body(report), "newcmd.kdr repeats the run")
+    work.run("-i", "chem97.mdm", "model2.kdr")
+    check(body(work.read("model2.txt")) == body(report), "-i changes no digit")
+    done = work.run("chem97.mdm", work.edited("stdout.kdr", "model2.kdr", OUTPUT="STDOUT"))
+    check("Statistics for the current model" in done.stdout and "Computing" not in done.stdout, "report to standard output")
+    work.run("chem97.mdm", work.edited("html.kdr", "model2.kdr", OUTPUT="r.HTM"))
+    page = work.read("r.HTM")
+    check(page.startswith("<html lang=en>") and page.endswith("</body></html>\n"), "an HTML report is closed")
+
+
+def startingvalues():
+    """Odd starting values lead to the same estimates; the file of one run starts the next one at its end."""
+    odd = "#SIGMA2\n20\n#TAUPI\n 0.1\n 0.05 3.0\n#TAUBETA\n 2.5\n#GAMMA\n" + "0\n" * 6
+    work.write("start.val", odd)
+    command = work.edited("start.kdr", "model2.kdr", STARTVALS="start.val", STOPVAL="0.0000000001", NUMIT="5000,N")
+    work.run("chem97.mdm", command)
+    deviance = [line for line in work.read("model2.txt").splitlines() if line.startswith(" Deviance  ")][0]
+    check(abs(float(deviance.split("=")[1]) - 140556.15748) < 0.001, f"odd starting values: {deviance}")
+    check("STARTING VALUES" in work.read("model2.txt"), "the starting values are shown")
+    work.run("chem97.mdm", command)
+    iterations = [line for line in work.read("model2.txt").splitlines() if "ITERATION" in line][0]
+    check(int(iterations.split()[2]) <= 6, f"a second run starts at the end of the first: {iterations}")
+    files = {
+        "20\n": "sigma2 value must be preceded with a line #SIGMA2\n",
+        odd.replace("#TAUPI", "#TAU"): "Tau(pi) values must be preceded with a line #TAUPI\n",
+        odd.replace("#TAUBETA", "#T"): "Tau(beta) values must be preceded with a line #TAUBETA\n",
+        odd.replace("#GAMMA", "#"): "gamma values must be preceded with a line #GAMMA\n",
+        odd[:-2]: "There should be 6 lines after the #GAMMA line.\n",
+        odd[:-1]: "There should be 6 lines after the #GAMMA line.\n",
+    }
+    for text, words in files.items():
+        work.write("start.val", text)
+        ends(work.run("chem97.mdm", command), 100, words, "starting-value file")
+    work.write("start.val", odd.replace("#sigma2", "#Sigma2 of an earlier run").replace(" 0.1", " 0.1 9 9"))
+    check(work.run("chem97.mdm", command).returncode == 0, "words behind a marker and values behind a row are ignored")
+
+
+def failures():
+    def model(name, level1, others, **keywords):
+        lines = ["NONLIN:N", level1, *others, "LEVEL1DELETION:NONE", "RESFIL1:N", "RESFIL2:N", "RESFIL3:N", "CONSTRAIN:N",
+                 "HYPOTH:N", "LVR-BETA:N", "NUMIT:100,N", "TITLE:t", f"OUTPUT:{name}.txt"]
+        work.write(name + ".kdr", "\n".join(lines) + "\n")
+        return work.edited(name + ".kdr", name + ".kdr", **keywords)
+
+    plain = ["LEVEL2:INTRCPT1=INTRCPT2+RANDOM/", "LEVEL3:INTRCPT2=INTRCPT3+RANDOM/"]
+    done = work.run("chem97.mdm", model("f1", "LEVEL1:SCORE=INTRCPT1+GCSE+GCSECNT+RANDOM", plain + [
+        "LEVEL2:GCSE=INTRCPT2/", "LEVEL3:INTRCPT2=INTRCPT3/", "LEVEL2:GCSECNT=INTRCPT2/", "LEVEL3:INTRCPT2=INTRCPT3/"]))
+    check(done.returncode == 11 and "near singularity" in work.read("f1.txt"), f"collinear fixed effects: {done.returncode}")
+    done = work.run("chem97.mdm", model("f2", "LEVEL1:SCORE=INTRCPT1+RANDOM", [
+        "LEVEL2:INTRCPT1=INTRCPT2/", "LEVEL3:INTRCPT2=INTRCPT3+RANDOM/"]))
+    ends(done, 100, "Nothing left at pi level.", "nothing random at level 2")
+    done = work.run("chem97.mdm", model("f3", "LEVEL1:SCORE=INTRCPT1+RANDOM", plain, VARIANCEKNOWN="AGE"))
+    ends(done, 100, "Variance knownWeights must be positive!", "a known variance below 0")
+    done = work.run("chem97.mdm", model("f4", "LEVEL1:SCORE=INTRCPT1+RANDOM", plain, FIXTAU2="4"))
+    check(done.returncode == 100 and "fixtau set to 4" in work.read("f4.txt"), "fixtau2 4 with an unusable start")
+    done = work.run("chem97.mdm", model("f5", "LEVEL1:SCORE=INTRCPT1+RANDOM", plain, NUMIT="2"), answers="n\n")
+    check(done.returncode == 0 and "WARNING: the iterations were stopped prior to convergence." in work.read("f5.txt"),
+          "the limit with a warning")
+    ends(work.run("chem97.mdm", "f5.kdr", answers="y\n"), 0, "Setting number of iterations to 10000.\n\n", "going on at the limit")
+    ends(work.run("chem97.mdm", "f5.kdr"), 100, "Unable to get a proper response!", "end of input at the limit")
+    done = work.run("chem97.mdm", model("f6", "LEVEL1:SCORE=INTRCPT1+RANDOM", plain, NONLIN="POISSON", MACROIT="5,N"))
+    check(done.returncode == 100, "an engine that is not there ends the run")
+    ends(work.run("chem97.mdm", work.edited("f7.kdr", "model1.kdr", OUTPUT="nowhere/r.txt")), 100,
+         "Unable to open nowhere/r.txt for writing\n", "a report that cannot be opened")
+    ends(work.run("chem97.mdm", "."), 100, "Unable to open . for reading\n", "a directory for a command file")
+
+
+def interrupt():
+    """The key during the iterations: 0 stops with results, 1 exits, and a second key asks again."""
+    command = work.edited("long.kdr", "model2.kdr", FISHERTYPE="0", STOPVAL="0.0", NUMIT="10000,N", OUTPUT="long.txt")
+    for answers, words in (("0\n", " Iterations terminated prematurely from the keyboard."), ("7\n1\n", None)):
+        child = subprocess.Popen([work.program, "-q", "chem97.mdm", command], cwd=work.folder, stdin=subprocess.PIPE,
+                                 stdout=subprocess.PIPE, text=True, env=work.environment)
+        for line in child.stdout:
+            if "iteration 20 " in line:
+                break
+        child.send_signal(signal.SIGINT)
+        rest, _ = child.communicate(answers, timeout=60)
+        check(child.returncode == 0, f"interrupt answered {answers!r}: code {child.returncode}")
+        check("Enter 0 to stop iterating, 1 to exit now" in rest, "the question at the interrupt key")
+        report = work.read("long.txt")
+        check((words is None) == ("Final estimation of fixed effects" not in report), f"results after {answers!r}")
+        check(words is None or words in report, "the words of a stop from the keyboard")
+    child = subprocess.Popen([work.program, "-q", "chem97.mdm", command], cwd=work.folder, stdout=subprocess.PIPE, text=True,
+                             env=work.environment)
+    for line in child.stdout:
+        if "iteration 20 " in line:
+            break
+    child.terminate()
+    rest, _ = child.communicate(timeout=60)
+    check(child.returncode == 100 and "Program interrupted by termination request" in rest, "termination request")
+    check(not list(work.scratch.iterdir()), "nothing left after a termination request")
+
+
+for part in (options, construction, fulldisk, models, startingvalues, failures, interrupt):
+    part()
+check.finish()

@@ -1,0 +1,123 @@
+"""Singular and nearly singular studies: every run ends in an orderly way, says what is wrong, and prints no NaN."""
+import random
+import re
+import sys
+
+from program import Checks, Workplace
+
+check = Checks()
+work = Workplace(sys.argv[1])
+
+TEMPLATE = """#KDR3 MDM CREATION TEMPLATE
+rawdattype:ascii
+l1fname:s1.dat
+l2fname:s2.dat
+l3fname:s3.dat
+numl1var:3
+numl2var:1
+numl3var:1
+l1format:(2A4,3F12.6)
+l2format:(2A4,F12.6)
+l3format:(A4,F12.6)
+l1missing:n
+timeofdeletion:now
+mdmname:s.mdm
+*begin l1vars
+Y
+X
+X2
+*end l1vars
+*begin l2vars
+Z
+*end l2vars
+*begin l3vars
+Q
+*end l3vars
+"""
+MODEL = """NONLIN:N
+LEVEL1:Y=INTRCPT1+X{more}+RANDOM
+LEVEL2:INTRCPT1=INTRCPT2+RANDOM/
+LEVEL3:INTRCPT2=INTRCPT3{q}+RANDOM/
+LEVEL2:X=INTRCPT2+RANDOM/
+LEVEL3:INTRCPT2=INTRCPT3+RANDOM/
+{moreequations}LEVEL1DELETION:NONE
+RESFIL1:N
+RESFIL2:N
+RESFIL3:N
+CONSTRAIN:N
+HYPOTH:N
+LVR-BETA:N
+NUMIT:300,N
+TITLE:singular
+OUTPUT:s.txt
+"""
+
+
+def study(units3, units2, records, sd2=(1, 0.5), sd3=(0.7, 0.3), sde=1.0, y=None):
+    """Makes s.mdm; `records` is a number or a function of the running number of the level-2 unit."""
+    rng = random.Random(11)
+    rows1, rows2, rows3 = [], [], []
+    for k in range(units3):
+        q, v0, v1 = rng.gauss(0, 1), rng.gauss(0, sd3[0]), rng.gauss(0, sd3[1])
+        rows3.append("%4d%12.6f\n" % (k, q))
+        for j in range(units2):
+            z, u0, u1 = rng.gauss(0, 1), rng.gauss(0, sd2[0]), rng.gauss(0, sd2[1])
+            rows2.append("%4d%4d%12.6f\n" % (k, j, z))
+            for _ in range(records(len(rows2)) if callable(records) else records):
+                x = rng.gauss(0, 1)
+                value = 1 + u0 + v0 + (2 + u1 + v1) * x + rng.gauss(0, 1) * sde if y is None else y(x)
+                rows1.append("%4d%4d%12.6f%12.6f%12.6f\n" % (k, j, value, x, 2 * x + 1))
+    work.write("s1.dat", "".join(rows1))
+    work.write("s2.dat", "".join(rows2))
+    work.write("s3.dat", "".join(rows3))
+    work.write("s.mdmt", TEMPLATE)
+    assert work.run("-r", "s.mdmt").returncode == 0
+
+
+def fit(what, codes, words="", q="", more="", moreequations="", **keywords):
+    work.write("s.kdr", MODEL.format(q=q, more=more, moreequations=moreequations))
+    done = work.run("s.mdm", work.edited("s.kdr", "s.kdr", **keywords))
+    text = done.stdout + work.read("s.txt")
+    check(done.returncode in codes, f"{what}: code {done.returncode}, {done.stdout[-200:]!r}")
+    check(words in text, f"{what}: {words!r} is not said")
+    check(not re.search(r"\b-?(nan|inf)\b", text, re.IGNORECASE), f"{what}: a NaN or an infinity is printed")
+    return text
+
+
+study(30, 6, 8)
+text = fit("an ordinary study", [0], "Statistics for the current model")
+check("Unable to compute" not in text and "NC" not in text, "an ordinary study has all its numbers")
+fit("collinear fixed effects", [11], "near singularity", more="+X2", moreequations="LEVEL2:X2=INTRCPT2/\nLEVEL3:INTRCPT2=INTRCPT3/\n")
+for fishertype in "012":
+    fit("FISHERTYPE " + fishertype, [0], "Statistics for the current model", FISHERTYPE=fishertype)
+
+study(30, 6, 8, sd2=(0, 0), sd3=(0, 0))
+for fishertype in "012":
+    fit("no variance at levels 2 and 3, FISHERTYPE " + fishertype, [0, 15], FISHERTYPE=fishertype)
+study(30, 6, 8, sd3=(1, 0))
+fit("a variance of 0 at level 3", [0, 15])
+
+study(30, 6, 1)
+fit("units with fewer records than random effects", [13], "Every level-1 predictor matrix is near singular.")
+study(30, 6, lambda unit: 1 if unit % 2 else 2)
+fit("no record to spare for sigma^2", [13, 16])
+study(30, 6, lambda unit: 1 if unit % 3 else 9)
+fit("a third of the units has a fit of its own", [0], "are based on only 60 of 180")
+
+study(1, 20, 8)
+fit("one level-3 unit", [0, 100, 2, 15])
+study(2, 20, 8)
+fit("two level-3 units", [0, 100, 2, 15])
+fit("two level-3 units and a level-3 predictor", [0, 100, 2, 15], q="+Q")
+study(3, 1, 30)
+fit("as many level-2 as level-3 units", [0, 100, 15, 16])
+
+study(20, 5, 6, y=lambda x: 0.0)
+fit("an outcome of zeros", [100], "The outcome variable is all zeros!")
+study(20, 5, 6, y=lambda x: 3.0)
+fit("a constant outcome", [100, 11, 13, 15, 16])
+study(20, 5, 6, y=lambda x: 1 + 2 * x)
+fit("an outcome without residual", [100], "Sigma_squared(0) is virtually zero")
+study(20, 5, 6, y=lambda x: 1e5 + x)
+fit("a large constant", [0, 100])
+check.finish()
