@@ -1,5 +1,9 @@
 # Installs the Debian packages that are not there yet. Sourced by ./demo and ./check.
 # usage: need PACKAGE...
+
+# What the program is built with and stands on.
+build_packages="g++ cmake ninja-build libedit-dev libreadstat-dev libcsv-dev libfreexl-dev libshp-dev"
+
 need() {
   missing=""
   for package in "$@"; do

@@ -30,15 +30,6 @@ constexpr const char* noformat = "Must specify raw data type before input file n
 constexpr const char* nofile = "Must specify raw data type and input file name before variable names!\n";
 constexpr const char* badmissing = "Incorrect specification of ASCII missing information!\n";
 
-Array<Name>& namesof(int level) { return level == 0 ? run.mdm.names1 : level == 1 ? run.mdm.names2 : run.mdm.names3; }
-
-void startnames(int level, std::size_t count) {
-  Array<Name>& names = namesof(level);
-  names.reset(count + 1);
-  names.fill(paddedname(""));
-  names[0] = paddedname(level == 0 ? "INTRCPT1" : level == 1 ? "INTRCPT2" : "INTRCPT3");
-}
-
 bool isascii() { return raw.reader->rawdattype == 2; }
 
 // The next line, whatever it holds, without its end and trailing blanks. A longer one than a line may be comes in
@@ -280,6 +271,15 @@ void writevariables(std::FILE* out, const LevelSource& source) {
 }
 
 }  // namespace
+
+Array<Name>& namesof(int level) { return level == 0 ? run.mdm.names1 : level == 1 ? run.mdm.names2 : run.mdm.names3; }
+
+void startnames(int level, std::size_t count) {
+  Array<Name>& names = namesof(level);
+  names.reset(count + 1);
+  names.fill(paddedname(""));
+  names[0] = paddedname(level == 0 ? "INTRCPT1" : level == 1 ? "INTRCPT2" : "INTRCPT3");
+}
 
 void readtemplate(const std::string& path) {
   TemplateText text{openfile(path, "r")};

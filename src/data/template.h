@@ -1,12 +1,21 @@
 // MDM templates: the plain-text recipe of one MDM file.
 #pragma once
 
+#include <cstddef>
 #include <string>
+
+#include "driver/names.h"
+#include "kernel/array.h"
 
 namespace kdr {
 
 inline constexpr const char* templatehead = "#KDR3 MDM CREATION TEMPLATE";
 inline constexpr const char* templatecopy = "creatmdm.mdmt";
+
+// The table of run.mdm that holds the names of level index 0 to 2.
+[[nodiscard]] Array<Name>& namesof(int level);
+// Makes that table anew: the intercept's name and `count` blank names.
+void startnames(int level, std::size_t count);
 
 // Reads a template into `raw`, run.mdm (names, kinds) and run.files.mdmfile, opens its raw files, and writes it back by
 // writetemplate. Stops with code 100 and words of its own on anything it cannot use.

@@ -89,7 +89,8 @@ bool takecount(UnitReader& reader, UnitBlock& block) {
   sizeblock(reader, block);
   take(reader, &block.nj, sizeof block.nj);
   const std::size_t room = block.records.size() / std::max<std::size_t>(static_cast<std::size_t>(reader.nvar1), 1);
-  if (block.nj < 1 || static_cast<std::size_t>(block.nj) > room || (reader.withmeans && block.nj > run.mdm.maxnj))
+  // A working copy keeps the units that deletion left without a record.
+  if (block.nj < (reader.withmeans ? 1 : 0) || static_cast<std::size_t>(block.nj) > room || (reader.withmeans && block.nj > run.mdm.maxnj))
     damaged(reader, "a level-2 unit has an impossible size");
   return true;
 }

@@ -131,6 +131,7 @@ void stoprun(int code) {
     if (stophooks.closescratch != nullptr) stophooks.closescratch();
     for (const std::string* name : {&run.files.tempname1, &run.files.tempname2, &run.files.tempname3})
       if (!name->empty()) std::remove(name->c_str());
+    for (const std::string& name : run.files.unfinished) std::remove(name.c_str());
     if (endprocess == nullptr) waitabit();
   }
   std::fflush(nullptr);
@@ -219,6 +220,8 @@ void installhandlers() {
   sigemptyset(&trap.sa_mask);
   sigaction(SIGFPE, &trap, nullptr);
 }
+
+bool endrequested() { return pendingsignal != 0; }
 
 void checksignals() {
   if (pendingsignal == 0) return;

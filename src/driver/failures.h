@@ -32,6 +32,8 @@ void installhandlers();
 // A signal that asked for the end runs the stop sequence here, with the words of its kind. Called at safe points:
 // between blocks of data, between iterations, at questions.
 void checksignals();
+// True when a signal has asked for the end: checksignals will not return.
+[[nodiscard]] bool endrequested();
 
 // While the estimation iterates, the next interrupt key only sets a mark that the loop samples; one after it ends the
 // process.

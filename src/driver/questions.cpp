@@ -4,25 +4,34 @@
 #include <cstdlib>
 
 #include "driver/failures.h"
+#include "driver/terminal.h"
 
 namespace kdr {
 
-bool readanswer(std::string& line) {
-  line.clear();
+namespace {
+
+// A line of a pipe, a file, or a terminal whose output goes elsewhere.
+bool plainline(const std::string& prompt, std::string& line) {
+  std::fputs(prompt.c_str(), stdout);
   std::fflush(stdout);
   for (;;) {
     const int c = std::getchar();
-    checksignals();
-    if (c == EOF) {
+    if (c == EOF || c == '\n') {
       if (!line.empty() && line.back() == '\r') line.pop_back();
-      return !line.empty();
-    }
-    if (c == '\n') {
-      if (!line.empty() && line.back() == '\r') line.pop_back();
-      return true;
+      if (c == EOF) std::clearerr(stdin);
+      return c == '\n' || !line.empty();
     }
     line.push_back(static_cast<char>(c));
   }
+}
+
+}  // namespace
+
+bool readanswer(const std::string& prompt, std::string& line) {
+  line.clear();
+  const bool any = atterminal() ? editline(prompt, line) : plainline(prompt, line);
+  checksignals();
+  return any;
 }
 
 void noproperresponse() { fail(100, "Unable to get a proper response!\n"); }
@@ -30,8 +39,7 @@ void noproperresponse() { fail(100, "Unable to get a proper response!\n"); }
 int askyesno(const char* prompt) {
   std::string line;
   for (int tries = 0; tries < maxtries; ++tries) {
-    std::printf("%s ", prompt);
-    readanswer(line);
+    readanswer(std::string(prompt) + " ", line);
     const char first = line.empty() ? '\0' : line[0];
     if (first == 'n' || first == 'N') return 0;
     if (first == 'y' || first == 'Y') return 1;
@@ -42,8 +50,7 @@ int askyesno(const char* prompt) {
 int asknumber(const char* prompt, int lo, int hi) {
   std::string line;
   for (int tries = 0; tries < maxtries; ++tries) {
-    std::printf("%s ", prompt);
-    readanswer(line);
+    readanswer(std::string(prompt) + " ", line);
     char* end = nullptr;
     const long value = std::strtol(line.c_str(), &end, 10);
     if (end != line.c_str() && lo <= value && value <= hi) return static_cast<int>(value);
@@ -54,8 +61,7 @@ int asknumber(const char* prompt, int lo, int hi) {
 double askreal(const char* prompt, double lo, double hi) {
   std::string line;
   for (int tries = 0; tries < maxtries; ++tries) {
-    std::printf("%s ", prompt);
-    readanswer(line);
+    readanswer(std::string(prompt) + " ", line);
     char* end = nullptr;
     const double value = std::strtod(line.c_str(), &end);
     if (end != line.c_str() && lo <= value && value <= hi) return value;

@@ -10,9 +10,10 @@ namespace kdr {
 
 inline constexpr int maxtries = 10;
 
-// Reads one line from standard input, without its line end. Returns false at the end of input, with an empty line.
-// At a terminal the line can be edited.
-bool readanswer(std::string& line);
+// Prints the prompt as it is and reads one line from standard input, without its line end. Returns false at the end of
+// input, with an empty line. Where standard input and output are a terminal the line can be edited, and the lines
+// before it can be called back. A signal that came while it waited ends the run.
+bool readanswer(const std::string& prompt, std::string& line);
 
 // Prints "%s " with the prompt; 1 for an answer that begins with y or Y, 0 for n or N.
 int askyesno(const char* prompt);

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <ctime>
 #include <string>
+#include <vector>
 
 #include "driver/constants.h"
 #include "driver/modelspec.h"
@@ -53,6 +54,7 @@ struct RunFiles {
   std::string tempname1;  // command file of the next plausible-value pass
   std::string tempname2;  // working data file
   std::string tempname3;  // target of a rewrite of the working data file
+  std::vector<std::string> unfinished;  // result files still under their temporary names; a stop removes them
 };
 
 // What the MDM file holds besides its level-2 blocks.

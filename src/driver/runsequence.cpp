@@ -1,12 +1,18 @@
 #include "driver/runsequence.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdio>
+#include <filesystem>
+#include <set>
 #include <string>
+#include <system_error>
 
 #include "data/construction.h"
 #include "data/mdm.h"
+#include "data/mdmdialogue.h"
 #include "data/scratch.h"
 #include "driver/failures.h"
 #include "driver/options.h"
@@ -38,8 +44,8 @@ bool fileexists(const std::string& path) {
 // Asks for a name until it is a file's; the end of input ends the asking.
 void untilexists(std::string& path, const char* words) {
   while (!fileexists(path)) {
-    std::printf("%s file %s does not exist.\n Enter new file name: ", words, path.c_str());
-    if (!readanswer(path)) fail(14);
+    std::printf("%s file %s does not exist.\n", words, path.c_str());
+    if (!readanswer(" Enter new file name: ", path)) fail(14);
     path.resize(std::min<std::size_t>(path.size(), maxpath - 1));
   }
 }
@@ -47,14 +53,22 @@ void untilexists(std::string& path, const char* words) {
 void askmdmfile() {
   std::string& path = run.files.mdmfile;
   for (int tries = 0; tries < maxtries; ++tries) {
-    std::printf("\nEnter name of MDM file: ");
-    readanswer(path);
+    readanswer("\nEnter name of MDM file: ", path);
     path.resize(std::min<std::size_t>(path.size(), maxpath - 1));
     if (path.empty()) continue;
     if (fileexists(path)) return;
     std::printf(" %s does not exist.", path.c_str());
   }
   fail(14);
+}
+
+// A standard stream that the caller closed is the null device from now on: no file that the run opens takes its place.
+void holdstandardstreams() {
+  int stream = 0;
+  do {
+    stream = open("/dev/null", O_RDWR);
+  } while (stream >= STDIN_FILENO && stream <= STDERR_FILENO);
+  if (stream >= 0) close(stream);
 }
 
 [[noreturn]] void constructionjob() {
@@ -75,11 +89,37 @@ void refuseabsentengines() {
       {run.series.pvmode, "pool plausible values"},
       {run.iter.agqpoints != 0, "do adaptive quadrature"},
       {run.out.lvr, "do latent variable regressions"},
-      {run.out.resfil1 || run.out.resfil2 || run.out.resfil3, "write residual files"},
-      {run.out.graph, "write graph data files"},
   };
   for (const Absent& engine : absent)
     if (engine.wanted) stopwith("This version of %s cannot %s yet.\n", module, engine.what);
+}
+
+std::filesystem::path canonical(const std::string& path) {
+  std::error_code problem;
+  std::filesystem::path whole = std::filesystem::weakly_canonical(path, problem);
+  return problem ? std::filesystem::path(path) : std::filesystem::absolute(whole, problem);
+}
+
+// A result file that would stand where a file of the same run stands ends the run before anything is written.
+void refuseclashes() {
+  struct Result {
+    bool wanted;
+    const std::string& path;
+  };
+  const Result results[] = {{run.out.resfil1, run.files.resfil1name},
+                            {run.out.resfil2, run.files.resfil2name},
+                            {run.out.resfil3, run.files.resfil3name},
+                            {run.out.graph, run.files.graphgammas}};
+  std::set<std::filesystem::path> taken;
+  for (const std::string* input : {&run.files.mdmfile, &run.files.cmdfile, &run.files.outfile, &run.files.startvals})
+    if (!input->empty()) taken.insert(canonical(*input));
+  for (const Result& result : results) {
+    std::error_code problem;
+    const bool device =
+        std::filesystem::exists(result.path, problem) && !std::filesystem::is_regular_file(result.path, problem);
+    if (result.wanted && !device && !taken.insert(canonical(result.path)).second)
+      stopwith("The result file %s has the name of another file of this run\n", result.path.c_str());
+  }
 }
 
 // Marks every variable of the model as one without which a level-1 record cannot be used.
@@ -123,6 +163,7 @@ void readmodel() {
   outputquestions();
   compactlists();
   refuseabsentengines();
+  refuseclashes();
   finishdeletion();
   run.kind.weighted = run.out.wgtvar1 != 0 || run.out.wgtvar2 != 0 || run.out.wgtvar3 != 0;
   if (run.kind.weighted) normaliseweights();
@@ -153,6 +194,7 @@ void openresults() {
 }  // namespace
 
 void runjob(int argc, char** argv) {
+  holdstandardstreams();
   outofmemory = [] { fail(3); };
   stophooks.closescratch = scratchcloseall;
   installhandlers();
@@ -161,7 +203,8 @@ void runjob(int argc, char** argv) {
   bool rawjob = options.templatejob;
   if (run.files.mdmfile.empty() && !rawjob) {
     if (askyesno("\nWill you be starting with raw data?")) {
-      stopwith("This version of %s cannot make an mdm file by dialogue yet. Please give a template with -r.\n", module);
+      mdmdialogue();
+      rawjob = true;
     } else {
       askmdmfile();
     }

@@ -245,6 +245,19 @@ void fillcold(Pass& pass, UnitWork& work, const UnitBlock& unit, const double* h
   if (store.haslevel2) std::copy(work.level2.begin(), work.level2.end(), cold + store.atlevel2);
 }
 
+// The working data file gets the block as the analysis has it, its variables centered. Changes the block.
+void writeworking(std::FILE* working, const UnitWork& work, UnitBlock& unit) {
+  const auto width = at(run.mdm.nvar1);
+  for (std::size_t v = 1; v <= width; ++v) {
+    const int mark = run.model.center1[v];
+    if (mark == 0) continue;
+    const double mean = mark == 1 ? unit.means[v - 1] : run.mdm.mean1[v - 1];
+    for (std::size_t i = 0; i < at(unit.nj); ++i) unit.records[i * width + v - 1] -= mean;
+  }
+  std::copy(work.level2.begin(), work.level2.end(), unit.level2.begin());
+  writeunit(working, unit, run.mdm.nvar1, run.mdm.nvar2, false);
+}
+
 void mirrorlevel3(Pass& pass) {
   const int n = pass.nbeta;
   for (int k = 0; k < run.mdm.nunits3; ++k) {
@@ -295,6 +308,7 @@ void datapass(Pass& pass) {
   UnitReader reader;
   startunits(reader, run.mdm.stream, run.mdm.firstblock, run.mdm.nvar1, run.mdm.nvar2, true);
   UnitBlock unit, ahead;
+  std::FILE* working = run.out.resfil1 || run.out.graph ? openfile(run.files.tempname2, "wb") : nullptr;
 
   int k = -1;
   std::size_t records = 0, units = 0;
@@ -325,9 +339,12 @@ void datapass(Pass& pass) {
     fillhot(pass, work, run.kind.weighted ? 1.0 / std::sqrt(run.weights.weight2[units]) : 1.0, hot);
     fillcold(pass, work, unit, hot, appendrecord(pass.store.cold));
     if (run.kind.weighted) fillweighted(pass, work, k, run.weights.weight2[units]);
+    if (working != nullptr) writeworking(working, work, unit);
+    pass.emptyunits += unit.nj == 0;
     records += at(unit.nj);
     ++units;
   }
+  if (working != nullptr) closechk(working);
   mirrorlevel3(pass);
   grandsums(pass);
   closestore(pass.store, pass.n2of);

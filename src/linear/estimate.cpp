@@ -12,9 +12,11 @@
 #include "linear/datapass.h"
 #include "linear/exploratory.h"
 #include "linear/fixtau.h"
+#include "linear/graphdata.h"
 #include "linear/heterogeneous.h"
 #include "linear/inference.h"
 #include "linear/iteration.h"
+#include "linear/residualfiles.h"
 #include "linear/startingvalues.h"
 #include "linear/startvaluesfile.h"
 #include "linear/variancefiles.h"
@@ -204,6 +206,23 @@ void closingstatistics(const IterationState& state) {
   }
 }
 
+// Residual files and graph data file. A run without an ordinary stage has no variance tests, which leave the
+// least-squares residuals of level 3; a run without any iteration has no residuals.
+void resultfiles(Pass& pass, const IterationState& state, bool ordinary) {
+  const bool residuals = run.out.resfil1 || run.out.resfil2 || run.out.resfil3;
+  if (!residuals && !run.out.graph) return;
+  if (state.likelihood.current == missingcode) {
+    reportline("No iterations were asked for, so there are no residual or graph files.");
+    return;
+  }
+  if (residuals && !ordinary) {
+    VarianceTests unused;
+    variancetests(pass, unused);
+  }
+  if (residuals) writeresidualfiles(pass);
+  if (run.out.graph) writegraphdata(pass);
+}
+
 }  // namespace
 
 // The phases of a pass. A linear run makes one pass. A non-linear run will go round phases 1 to 8 once for each macro
@@ -235,6 +254,7 @@ void estimate() {
   // Phase 8: what follows the stages.
   closingstatistics(state);
   if (ordinary && haveexploratory()) exploratory(pass);
+  resultfiles(pass, state, ordinary);
   if (ordinary && run.out.printvc != 0) listvariancefiles();
   freestore(pass.store);
 }

@@ -228,8 +228,7 @@ void testconvergence(IterationState& state, int iteration) {
 void askinterrupt() {
   std::string line;
   for (int tries = 0; tries < maxtries; ++tries) {
-    std::printf("Enter 0 to stop iterating, 1 to exit now");
-    readanswer(line);
+    readanswer("Enter 0 to stop iterating, 1 to exit now", line);
     char* end = nullptr;
     const long answer = std::strtol(line.c_str(), &end, 10);
     if (end == line.c_str()) continue;

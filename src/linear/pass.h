@@ -64,6 +64,8 @@ struct Pass {
 
   UnitStore store;
 
+  int emptyunits = 0;  // level-2 units that run-time deletion left without a record
+
   double likeconstant = 0.0;                     // nunits1 times half the logarithm of 2 pi
   int nusable1 = 0, nusable2 = 0, nusable3 = 0;  // records and units that entered the moments of the starting values
 

@@ -14,179 +14,6 @@ namespace {
 std::size_t at(int i) { return static_cast<std::size_t>(i); }
 std::size_t square(int n) { return at(n) * at(n); }
 
-// A sum of logarithms as a running product: one logarithm in many factors.
-struct LogProduct {
-  double product = 1.0;
-  double sum = 0.0;
-  void multiply(double factor) {
-    product *= factor;
-    if (product > 1.0e-140 && product < 1.0e140) return;
-    // Factors of ordinary size keep the product in range until here; one that leaves the range of a double is taken
-    // apart.
-    product /= factor;
-    sum += std::log(product) + std::log(factor);
-    product = 1.0;
-  }
-  [[nodiscard]] double value() const { return sum + std::log(product); }
-};
-
-// Inverts the packed symmetric matrix of order N (0: n) in place by bordering and returns its determinant, 0.0 when a
-// pivot is exactly 0. The same steps as syminverse; `v` is a buffer of n values.
-template <int N>
-double invertpacked(int order, double* packed, double* v) {
-  const int n = N > 0 ? N : order;
-  if (N == 1) {
-    const double d = packed[0];
-    packed[0] = 1.0 / d;
-    return d;
-  }
-  double det = packed[0];
-  if (det == 0.0) return 0.0;
-  packed[0] = 1.0 / det;
-  double* row = packed + 1;
-  for (int k = 1; k < n; ++k) {
-    double d = row[k];
-    for (int i = 0; i < k; ++i) {
-      double s = 0.0;
-      for (int j = 0; j < k; ++j) s += packed[i >= j ? i * (i + 1) / 2 + j : j * (j + 1) / 2 + i] * row[j];
-      v[i] = -s;
-      d -= s * row[i];
-    }
-    det *= d;
-    if (d == 0.0) return 0.0;
-    const double inverse = 1.0 / d;
-    row[k] = inverse;
-    for (int i = 0; i < k; ++i) {
-      const double scaled = v[i] * inverse;
-      row[i] = scaled;
-      for (int j = i; j < k; ++j) packed[j * (j + 1) / 2 + i] += v[j] * scaled;
-    }
-    row += k + 1;
-  }
-  return det;
-}
-
-// Sums over the units, first visit: C^-1 into each record, HB (lower triangle), HY, RR (lower triangle), sum of C^-1.
-// P is the order of taupi and B that of taubeta when known to the compiler, else 0.
-template <int P, int B>
-bool sumunits(const UnitStore& store, double* hot, int units, int b, const double* Spacked, Level2Sums& sums,
-              Array<double>& buffer) {
-  const int p = P > 0 ? P : store.p;
-  const int nrandom = B > 0 ? B : b;
-  const int nb = store.nb;
-  const int triangle = p * (p + 1) / 2;
-  double* HB = sums.HB.data();
-  double* HY = sums.HY.data();
-  double* RR = sums.RR.data();
-  double Cinvsum[P > 0 ? P * (P + 1) / 2 : 1] = {};
-  double* Cinvtotal = P > 0 ? Cinvsum : buffer.data();
-  double* h = buffer.data() + triangle;  // H_j, nb rows of p
-  double* full = h + nb * p;             // C^-1 in full
-  double column[P > 0 ? P : 1];
-  double* v = P > 0 ? column : full + p * p;
-  double YCY = 0.0;
-  LogProduct determinants;
-  for (int j = 0; j < units; ++j, hot += store.hot.stride) {
-    double* Cinv = hot + store.atCinv;
-    for (int i = 0; i < triangle; ++i) Cinv[i] = hot[i] + Spacked[i];
-    const double det = invertpacked<P>(p, Cinv, v);
-    if (!(det > 0.0)) return false;
-    determinants.multiply(1.0 / det);
-    for (int i = 0; i < triangle; ++i) Cinvtotal[i] += Cinv[i];
-    for (int i = 0, at = 0; i < p; ++i)
-      for (int l = 0; l <= i; ++l, ++at) full[i * p + l] = full[l * p + i] = Cinv[at];
-
-    const double* Z1Y = hot + store.atZ1Y;
-    const double* BZ1 = hot + store.atBZ1;
-    for (int m = 0; m < nb; ++m)
-      for (int i = 0; i < p; ++i) {
-        double s = 0.0;
-        for (int l = 0; l < p; ++l) s += BZ1[m * p + l] * full[l * p + i];
-        h[m * p + i] = s;
-      }
-    for (int m = 0; m < nb; ++m) {
-      const double* hm = h + m * p;
-      for (int n = 0; n <= m; ++n) {
-        double s = 0.0;
-        for (int i = 0; i < p; ++i) s += hm[i] * BZ1[n * p + i];
-        HB[m * nb + n] += s;
-      }
-      double s = 0.0;
-      for (int i = 0; i < p; ++i) s += hm[i] * Z1Y[i];
-      HY[m] += s;
-    }
-    for (int i = 0; i < p; ++i)
-      for (int l = 0; l < p; ++l) YCY += Z1Y[i] * full[i * p + l] * Z1Y[l];
-    const int rows = nrandom * p;
-    for (int i = 0; i < rows; ++i)
-      for (int l = 0; l <= i; ++l) RR[i * rows + l] += h[i] * h[l];
-  }
-  for (int i = 0, at = 0; i < p; ++i)
-    for (int l = 0; l <= i; ++l, ++at) sums.Cinv[static_cast<std::size_t>(i * p + l)] = Cinvtotal[at];
-  sums.YCY = YCY;
-  sums.logdetCinv = determinants.value();
-  return true;
-}
-
-// Second visit: u* of each unit; returns the sum of u'a, a = C u, and the lower triangle of the sum of u u' in UU.
-template <int P>
-double meanunits(const UnitStore& store, double* hot, int units, const double* thetastar, bool keep, double* UU,
-                 Array<double>& buffer) {
-  const int p = P > 0 ? P : store.p;
-  const int nb = store.nb;
-  double abuffer[P > 0 ? P : 1], ubuffer[P > 0 ? P : 1];
-  double* a = P > 0 ? abuffer : buffer.data();
-  double* u = P > 0 ? ubuffer : buffer.data() + p;
-  double ua = 0.0;
-  for (int j = 0; j < units; ++j, hot += store.hot.stride) {
-    const double* Cinv = hot + store.atCinv;
-    const double* BZ1 = hot + store.atBZ1;
-    for (int i = 0; i < p; ++i) a[i] = hot[store.atZ1Y + static_cast<std::size_t>(i)];
-    for (int m = 0; m < nb; ++m)
-      for (int i = 0; i < p; ++i) a[i] -= BZ1[m * p + i] * thetastar[m];
-    for (int i = 0; i < p; ++i) {
-      double s = 0.0;
-      for (int l = 0; l < p; ++l) s += Cinv[i >= l ? i * (i + 1) / 2 + l : l * (l + 1) / 2 + i] * a[l];
-      u[i] = s;
-    }
-    for (int i = 0; i < p; ++i) {
-      ua += u[i] * a[i];
-      for (int l = 0; l <= i; ++l) UU[i * p + l] += u[i] * u[l];
-      if (keep) hot[store.atustar + static_cast<std::size_t>(i)] = u[i];
-    }
-  }
-  return ua;
-}
-
-using SumUnits = bool (*)(const UnitStore&, double*, int, int, const double*, Level2Sums&, Array<double>&);
-using MeanUnits = double (*)(const UnitStore&, double*, int, const double*, bool, double*, Array<double>&);
-
-// The small orders are the daily case and have code of their own.
-SumUnits sumunitsof(int p, int b) {
-  static constexpr SumUnits table[4][4] = {{sumunits<1, 1>, sumunits<1, 2>, sumunits<1, 3>, sumunits<1, 4>},
-                                           {sumunits<2, 1>, sumunits<2, 2>, sumunits<2, 3>, sumunits<2, 4>},
-                                           {sumunits<3, 1>, sumunits<3, 2>, sumunits<3, 3>, sumunits<3, 4>},
-                                           {sumunits<4, 1>, sumunits<4, 2>, sumunits<4, 3>, sumunits<4, 4>}};
-  return p <= 4 && b <= 4 ? table[p - 1][b - 1] : sumunits<0, 0>;
-}
-
-MeanUnits meanunitsof(int p) {
-  static constexpr MeanUnits table[4] = {meanunits<1>, meanunits<2>, meanunits<3>, meanunits<4>};
-  return p <= 4 ? table[p - 1] : meanunits<0>;
-}
-
-void mirror(double* m, int n) {
-  for (int i = 0; i < n; ++i)
-    for (int j = 0; j < i; ++j) m[j * n + i] = m[i * n + j];
-}
-
-void clearsums(Level2Sums& sums) {
-  sums.HB.fill(0.0);
-  sums.HY.fill(0.0);
-  sums.RR.fill(0.0);
-  sums.Cinv.fill(0.0);
-}
-
 Level3Posterior makeposterior(const Pass& pass) {
   Level3Posterior unit;
   unit.sums.HB.reset(square(pass.nbeta));
@@ -349,11 +176,8 @@ PosteriorResult posteriorsweep(Pass& pass, const PosteriorInput& input, Posterio
   clear(pass, sums);
   const int p = pass.p, b = pass.b, nb = pass.nbeta;
   UnitStore& store = pass.store;
-  const SumUnits sumthem = sumunitsof(p, b);
-  const MeanUnits meanthem = meanunitsof(p);
   Level3Posterior unit = makeposterior(pass);
   Array<double> S(square(p)), Spacked(packedsize(p));
-  Array<double> buffer(packedsize(p) + at(nb * p) + square(p) + 2 * at(p));
   Array<double> work(square(std::max(b, p)) + packedsize(std::max(b, p)) + 3);
   Array<double> reducedP(square(nb)), reducedy(at(nb));
   const auto pack = [&](const double* full) {
@@ -377,17 +201,9 @@ PosteriorResult posteriorsweep(Pass& pass, const PosteriorInput& input, Posterio
         if (!unitS(pass, input, unit, S.data(), work.data())) return PosteriorResult::badT;
         pack(S.data());
       }
-      clearsums(unit.sums);
-      buffer.fill(0.0);
-      if (!sumthem(store, hot, unit.units, b, Spacked.data(), unit.sums, buffer)) return PosteriorResult::badC;
-      mirror(unit.sums.HB.data(), nb);
-      mirror(unit.sums.RR.data(), b * p);
-      mirror(unit.sums.Cinv.data(), p);
+      if (!sumunits(store, hot, unit.units, b, Spacked.data(), unit.sums)) return PosteriorResult::badC;
       if (!level3step(pass, input, unit, work)) return PosteriorResult::badD;
-      unit.UU.fill(0.0);
-      const double ua =
-          meanthem(store, hot, unit.units, unit.thetastar.data(), input.keepmeans, unit.UU.data(), buffer);
-      mirror(unit.UU.data(), p);
+      const double ua = meanunits(store, hot, unit.units, unit.thetastar.data(), input.keepmeans, unit.UU.data());
       sumposteriorcovariance(pass, unit);
       unitscalars(pass, unit, S.data(), ua);
       addgeneralised(pass, unit, sums, reducedP, reducedy);

@@ -20,6 +20,7 @@
 
 #include "kernel/array.h"
 #include "linear/pass.h"
+#include "linear/unitsums.h"
 
 namespace kdr {
 
@@ -31,16 +32,6 @@ struct PosteriorInput {
   const double* Sb;        // b squared, sigma2 taubeta^-1
   const double* hettaupi;  // null, or p squared per level-3 unit: S is then made from it unit by unit
   bool keepmeans;          // u*, v* and q are stored
-};
-
-// Sums over the level-2 units of one level-3 unit.
-struct Level2Sums {
-  Array<double> HB;    // nbeta squared, sum of H_j Z1'B
-  Array<double> HY;    // [nbeta], sum of H_j Z1'Y
-  Array<double> RR;    // (b p) squared, element (a p + i, c p + l): sum of H_j[a][i] H_j[c][l], a and c below b
-  Array<double> Cinv;  // p squared, sum of C_j^-1
-  double YCY = 0.0;    // sum of Z1'Y' C_j^-1 Z1'Y
-  double logdetCinv = 0.0;
 };
 
 // The posterior of one level-3 unit.

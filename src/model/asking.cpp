@@ -20,8 +20,7 @@ std::string formatted(const char* format, ...) {
 char askletter(const std::string& prompt, const char* choices) {
   std::string line;
   for (;;) {
-    std::printf("%s ", prompt.c_str());
-    if (!readanswer(line)) noproperresponse();
+    if (!readanswer(prompt + " ", line)) noproperresponse();
     if (!line.empty() && std::strchr(choices, line[0]) != nullptr) return line[0];
   }
 }

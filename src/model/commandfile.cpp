@@ -5,6 +5,7 @@
 
 #include "data/scratch.h"
 #include "driver/failures.h"
+#include "driver/questions.h"
 #include "driver/runrecord.h"
 #include "model/complete.h"
 #include "model/constraints.h"
@@ -35,10 +36,8 @@ namespace {
 
 void unrecognized(const std::string& line) {
   std::printf("Unrecognized control word, ignored: %s\n", line.c_str());
-  std::printf("Hit return to continue ");
-  std::fflush(stdout);
-  std::getchar();
-  checksignals();
+  std::string answer;
+  readanswer("Hit return to continue ", answer);
 }
 
 void readkeyword(CommandReader& reader) {

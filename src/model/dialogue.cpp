@@ -84,8 +84,7 @@ void asklvr() {
                                          run.mdm.names1[static_cast<std::size_t>(coefficient.owner.v)].text,
                                          run.mdm.names2[static_cast<std::size_t>(coefficient.w)].text);
     for (std::string line;;) {
-      std::printf("%s ", prompt.c_str());
-      readanswer(line);
+      readanswer(prompt + " ", line);
       const char letter = firstletter(line);
       if (letter == 'I' || letter == 'O' || letter == 'P') {
         run.out.lvrroles[n++] = letter == 'O' ? 1 : letter == 'P' ? 2 : 0;
@@ -130,8 +129,7 @@ void askresiduals() {
 
 void asktitle() {
   if (run.answered.title) return;
-  std::printf("Enter a problem title: ");
-  readanswer(run.files.title);
+  readanswer("Enter a problem title: ", run.files.title);
   if (run.files.title.size() > maxtitle - 1) run.files.title.resize(maxtitle - 1);
 }
 

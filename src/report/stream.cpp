@@ -50,10 +50,7 @@ void refusetooverwrite(const std::string& input) {
 void openreport() {
   RunFiles& files = run.files;
   const bool laterpass = run.series.pvmode && run.series.pvindex > 0 && !files.outbase.empty();
-  if (files.outfile.empty() && !laterpass) {
-    std::printf("Enter name of output file: ");
-    readanswer(files.outfile);
-  }
+  if (files.outfile.empty() && !laterpass) readanswer("Enter name of output file: ", files.outfile);
   if (reportisstdout()) {
     run.report.stream = stdout;
   } else {

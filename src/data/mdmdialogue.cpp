@@ -1,0 +1,293 @@
+#include "data/mdmdialogue.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cstdarg>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "data/levelsource.h"
+#include "data/readers/ascii.h"
+#include "data/template.h"
+#include "driver/failures.h"
+#include "driver/questions.h"
+#include "driver/runrecord.h"
+
+namespace kdr {
+
+namespace {
+
+constexpr int mostasked = 1000;        // variables of a level that are asked for one by one
+constexpr int mostempty = 25;          // empty answers to a question for a name
+constexpr int mostchoices = 500;       // answers to the question for variables
+constexpr double mostmissing = 1.0e9;  // bound of a missing code
+
+bool isfile(const std::string& path) {
+  struct stat about {};
+  return stat(path.c_str(), &about) == 0 && !S_ISDIR(about.st_mode);
+}
+
+bool isascii() { return raw.reader->rawdattype == 2; }
+bool isother() { return raw.reader->rawdattype == 9; }
+bool inlistorder() { return raw.reader->rawdattype == 3; }
+
+std::string __attribute__((format(printf, 1, 2))) words(const char* format, ...) {
+  char text[256];
+  std::va_list arguments;
+  va_start(arguments, format);
+  std::vsnprintf(text, sizeof text, format, arguments);
+  va_end(arguments);
+  return text;
+}
+
+char initial(const std::string& line) {
+  return line.empty() ? '\0' : static_cast<char>(std::toupper(static_cast<unsigned char>(line[0])));
+}
+
+// What the dialogue asks before the files are open.
+
+void askrawtype() {
+  std::printf(
+      "Enter type of raw data:\n   for ASCII input                 enter 1\n"
+      "   for SYSTAT .SYS file             enter 2\n   for SAS V5 transport file        enter 3\n"
+      "   for SPSS file (UNIX or windows)  enter 4\n   for STATA .dta file              enter 5\n"
+      "   for anything Stat/Transfer reads enter 6\n");
+  constexpr const char* types[] = {"ascii", "systat", "sas", "spss", "stata", "other"};
+  raw.reader = findreader(types[asknumber("Type?", 1, 6) - 1]);
+  if (raw.reader->open == nullptr) stopwith("%s cannot read %s files yet.\n", module, raw.reader->label);
+}
+
+void askformat(int level) {
+  std::string& format = raw.level[level].format;
+  for (int tries = 0; tries < maxtries; ++tries) {
+    std::printf("The first A field must be a character level-3 id%s\n",
+                level < 2 ? ", the second, the level-2 id" : "");
+    if (!readanswer(words(" Input format of level-%1d file: ", level + 1), format)) continue;
+    if (format.size() >= maxformat) {
+      std::printf(" A format has at most %d characters.\n", static_cast<int>(maxformat) - 1);
+    } else if (checkformat(format)) {
+      return;
+    }
+  }
+  fail(14);
+}
+
+void askrawfile(int level) {
+  std::string& name = raw.level[level].filename;
+  const std::string prompt = words("\nInput name of level-%1d file: ", level + 1);
+  for (int tries = 0; tries < maxtries; ++tries) {
+    if (!readanswer(prompt, name) || name.empty()) continue;
+    if (name.size() >= maxpath) {
+      std::printf("File name too long: %s\n", name.c_str());
+    } else if (isfile(name)) {
+      return;
+    } else {
+      std::printf("\n%s does not exist!\n", name.c_str());
+    }
+  }
+  fail(14);
+}
+
+// A name with the type of the file behind a slash, for the readers that have to be told the type.
+void asktypedfile(int level) {
+  std::string& name = raw.level[level].filename;
+  const std::string prompt =
+      words("\nEnter Stat/Transfer filename for level-%1d or hit enter to be prompted:", level + 1);
+  for (int tries = 0; tries < maxtries; ++tries) {
+    if (!readanswer(prompt, name) || name.empty()) continue;
+    if (name.size() >= maxpath) stopwith("File name too long: %s\n", name.c_str());
+    if (name.find('/') == std::string::npos) stopwith("\nMust specify Stat/Transfer file type!\n");
+    return;
+  }
+  fail(14);
+}
+
+void asksource(int level) {
+  if (isascii()) {
+    const std::string prompt =
+        words("\nInput number of level-%1d variables (not including the character ID):", level + 1);
+    raw.level[level].numvar = asknumber(prompt.c_str(), 1, mostasked);
+    askformat(level);
+  }
+  if (isother()) {
+    asktypedfile(level);
+  } else {
+    askrawfile(level);
+  }
+}
+
+// Names of variables in fixed columns.
+
+Name askname(int level, int variable) {
+  const std::string prompt = words("Enter 8 character name for level-%d variable number %d: ", level + 1, variable);
+  std::string line;
+  for (int empty = 0; empty <= mostempty; ++empty) {
+    if (readanswer(prompt, line) && line.find_first_not_of(' ') != std::string::npos) return paddedname(line);
+    std::printf(" Invalid response. Try again.\n");
+  }
+  fail(14);
+}
+
+void asknames(int level) {
+  const int count = raw.level[level].numvar;
+  startnames(level, static_cast<std::size_t>(count));
+  std::printf("\n");
+  for (int v = 1; v <= count; ++v) namesof(level)[static_cast<std::size_t>(v)] = askname(level, v);
+}
+
+// Missing data.
+
+// Returns whether one code stands for all variables.
+bool askcodes() {
+  Array<double>& codes = raw.missingcodes;
+  codes.reset(static_cast<std::size_t>(raw.level[0].numvar));
+  if (askyesno("Is the missing value the same for all variables?")) {
+    codes.fill(askreal("Enter the number that represents missing data", -mostmissing, mostmissing));
+    return true;
+  }
+  for (std::size_t v = 0; v < codes.size(); ++v) {
+    const std::string prompt = words("Enter the value for missing data for %8.8s", run.mdm.names1[v + 1].text);
+    codes[v] = askreal(prompt.c_str(), -mostmissing, mostmissing);
+  }
+  return false;
+}
+
+bool askdeletion() {
+  std::string line;
+  for (int tries = 0; tries < maxtries; ++tries) {
+    readanswer("Do you want to delete the missing data now, or at analysis time?\n (Enter \"now\" or \"analysis\")\n",
+               line);
+    if (initial(line) == 'N') return true;
+    if (initial(line) == 'A') return false;
+  }
+  fail(14);
+}
+
+void askmdmname() {
+  std::string& name = run.files.mdmfile;
+  for (int tries = 0; tries < maxtries; ++tries) {
+    readanswer("\nEnter name of MDM file: ", name);
+    if (name.size() >= maxpath) name.resize(maxpath - 1);
+    if (!name.empty()) return;
+  }
+  fail(14);
+}
+
+// The variable chooser.
+
+// The rows of a file that can be chosen, in file order.
+std::vector<RawVariable*> visiblerows(LevelSource& source) {
+  std::vector<RawVariable*> rows;
+  for (RawVariable& variable : source.vartable)
+    if (!variable.hidden) rows.push_back(&variable);
+  return rows;
+}
+
+void showvariables(int level, const std::vector<RawVariable*>& rows) {
+  std::printf(" The available level-%1d variables are:\n", level + 1);
+  for (std::size_t i = 0; i < rows.size(); ++i)
+    std::printf(" For %.9s enter %2d%s", rows[i]->name.text, static_cast<int>(i) + 1,
+                i % 3 == 2 || i + 1 == rows.size() ? "\n" : "   ");
+}
+
+constexpr const char* alreadychosen = "You have already chosen that variable!\n";
+
+// Asks for the column of an ID and marks it. The first ID of all settles the kind; `kindknown` tells of that.
+void choosecolumn(const char* prompt, int mark, const std::vector<RawVariable*>& rows, bool& kindknown) {
+  for (int tries = 0; tries < maxtries; ++tries) {
+    RawVariable& row = *rows[static_cast<std::size_t>(asknumber(prompt, 1, static_cast<int>(rows.size()))) - 1];
+    if (row.mark != unwanted) {
+      std::printf("%s", alreadychosen);
+    } else if (kindknown && row.text == run.mdm.numericids) {
+      std::printf("ID's must be both be character or both numeric!\n");
+    } else if (row.text && row.width > static_cast<int>(longestid)) {
+      std::printf("Your ID variable is longer than 12 characters.\n");
+    } else {
+      row.mark = mark;
+      run.mdm.numericids = !row.text;
+      kindknown = true;
+      return;
+    }
+  }
+  fail(14);
+}
+
+// The marked rows in the order of a record's values: `picked` for the format that keeps the user's order, else the
+// order of the file.
+void takechosen(LevelSource& source, const std::vector<int>& picked) {
+  std::vector<int> order = picked;
+  if (!inlistorder()) std::sort(order.begin(), order.end());
+  source.chosen.reset(order.size());
+  std::copy(order.begin(), order.end(), source.chosen.begin());
+}
+
+void pickvariables(int level, const std::vector<RawVariable*>& rows) {
+  LevelSource& source = raw.level[level];
+  const auto usable = [](const RawVariable* row) { return !row->text && row->mark == unwanted; };
+  std::vector<int> picked;
+  int tries = 0;
+  while (std::any_of(rows.begin(), rows.end(), usable)) {
+    if (++tries > mostchoices) fail(14);
+    const std::string prompt = words(" Please specify level-%d variable #%2d (enter 0 to end):", level + 1,
+                                     static_cast<int>(picked.size()) + 1);
+    const int number = asknumber(prompt.c_str(), 0, static_cast<int>(rows.size()));
+    if (number == 0) break;
+    RawVariable& row = *rows[static_cast<std::size_t>(number) - 1];
+    if (row.text) {
+      std::printf(" This is a character variable!\n");
+    } else if (row.mark != unwanted) {
+      std::printf("%s", alreadychosen);
+    } else {
+      row.mark = variablemark;
+      picked.push_back(static_cast<int>(&row - source.vartable.data()));
+    }
+  }
+  takechosen(source, picked);
+}
+
+}  // namespace
+
+void choosevariables(int level) {
+  LevelSource& source = raw.level[level];
+  clearmarks(level);
+  const std::vector<RawVariable*> rows = visiblerows(source);
+  bool kindknown = level > 0;
+  showvariables(level, rows);
+  choosecolumn(" What variable is the level-3 ID?", level3idmark, rows, kindknown);
+  if (level < 2) choosecolumn(" What variable is the level-2 ID?", level2idmark, rows, kindknown);
+  pickvariables(level, rows);
+  startnames(level, source.chosen.size());
+  for (std::size_t v = 0; v < source.chosen.size(); ++v)
+    namesof(level)[v + 1] = paddedname(shownname(source.vartable[static_cast<std::size_t>(source.chosen[v])]));
+}
+
+void mdmdialogue() {
+  forgetraw();
+  MdmData& mdm = run.mdm;
+  mdm.mdmtype = 0;
+  mdm.numericids = false;
+  mdm.deletednow = true;
+  askrawtype();
+  for (int level = 0; level < 3; ++level) asksource(level);
+  for (int level = 0; level < 3; ++level) raw.reader->open(level);
+  for (int level = 0; level < 3; ++level) {
+    if (isascii()) {
+      asknames(level);
+    } else {
+      choosevariables(level);
+    }
+  }
+  bool samemissing = false;
+  mdm.l1missing = askyesno("Are there missing data in the level-1 file?") != 0;
+  if (mdm.l1missing) {
+    if (isascii()) samemissing = askcodes();
+    mdm.deletednow = askdeletion();
+  }
+  askmdmname();
+  writetemplate(samemissing);
+}
+
+}  // namespace kdr

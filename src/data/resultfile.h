@@ -1,0 +1,35 @@
+// A result file that is complete or not there: it grows under a temporary name beside its target, through a large
+// buffer, and takes the target's name at the end. Any other end of the run removes it.
+//
+// openresult, then writeresult or roomin/wrote as often as needed, then finishresult.
+#pragma once
+
+#include <cstddef>
+#include <cstdio>
+#include <string>
+#include <string_view>
+
+#include "kernel/array.h"
+
+namespace kdr {
+
+struct ResultFile {
+  std::FILE* stream = nullptr;
+  std::string target;     // the name that the user gave
+  std::string temporary;  // the name until the end; empty when the target is no regular file and is written in place
+  Array<char> buffer;
+  std::size_t used = 0;
+};
+
+// Opens the file for writing. Stops with code 100 and the words of openfile when that cannot be done.
+void openresult(ResultFile& file, const std::string& path);
+// Appends bytes. Failure 5, after the file was removed.
+void writeresult(ResultFile& file, const void* bytes, std::size_t count);
+void writeresult(ResultFile& file, std::string_view text);
+// Room for `count` bytes (at most 64 KiB) at the file's end; wrote() says how many of them were filled.
+[[nodiscard]] char* roomin(ResultFile& file, std::size_t count);
+inline void wrote(ResultFile& file, std::size_t count) { file.used += count; }
+// Writes what is left and gives the file its name. Failure 5, after the file was removed.
+void finishresult(ResultFile& file);
+
+}  // namespace kdr

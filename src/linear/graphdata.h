@@ -1,0 +1,13 @@
+// The graph data file: fixed effects, the distribution of every predictor, and the residuals, fitted values and
+// posterior variances of every unit, in one binary file.
+#pragma once
+
+#include "linear/pass.h"
+
+namespace kdr {
+
+// Writes the file of run.files.graphgammas from a finished pass. The statistics of the predictors come from the MDM
+// file, which is opened once more. A failed write is failure 5 and leaves none of the file.
+void writegraphdata(Pass& pass);
+
+}  // namespace kdr

@@ -1,0 +1,106 @@
+#include "linear/unitresults.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "driver/runrecord.h"
+#include "kernel/products.h"
+#include "linear/sweep.h"
+
+namespace kdr {
+
+namespace {
+
+std::size_t at(int i) { return static_cast<std::size_t>(i); }
+std::size_t square(int n) { return at(n) * at(n); }
+
+// packed = the lower triangle of sigma2 times full, by rows.
+void packscaled(const double* full, int n, double* packed) {
+  for (int i = 0; i < n; ++i)
+    for (int j = 0; j <= i; ++j) *packed++ = run.est.sigma2 * full[i * n + j];
+}
+
+}  // namespace
+
+UnitResults makeunitresults(const Pass& pass) {
+  UnitResults results;
+  results.level3.EB.reset(at(pass.b));
+  results.level3.OL.reset(at(pass.b));
+  results.level3.FV.reset(at(pass.nbeta));
+  results.level3.EC.reset(at(pass.nbeta));
+  results.level3.PV.reset(packedsize(pass.b));
+  results.level2.EB.reset(at(pass.p));
+  results.level2.OL.reset(at(pass.p));
+  results.level2.FV.reset(at(pass.npi));
+  results.level2.EC.reset(at(pass.npi));
+  results.level2.PV.reset(packedsize(pass.p));
+  results.theta.reset(at(pass.nbeta));
+  results.thetastar.reset(at(pass.nbeta));
+  results.weights.reset(pass.design.owner3.size());
+  results.C.reset(square(pass.p));
+  results.AE.reset(at(pass.p) * at(pass.b));
+  results.A.reset(at(pass.p) * at(pass.b));
+  results.residual.reset(at(pass.p));
+  results.inverse.reset(square(pass.p));
+  return results;
+}
+
+void level3results(const Pass& pass, int k, double missing, UnitResults& results) {
+  const int b = pass.b;
+  UnitResults::Level3& out = results.level3;
+  const double* v = Pass::row(pass.vstar, k, b);
+  const double* vlsq = Pass::row(pass.vlsq, k, b);
+  std::copy_n(v, b, out.EB.data());
+  if (vlsq[0] == missingcode) {
+    out.OL.fill(missing);
+  } else {
+    std::copy_n(vlsq, b, out.OL.data());
+  }
+  level3weights(pass, k, results.weights.data());
+  level2means(pass, results.weights.data(), run.est.gammahat.data(), results.theta.data());
+  std::copy(results.theta.begin(), results.theta.end(), results.thetastar.begin());
+  for (int i = 0; i < b; ++i) results.thetastar[i] += pass.scale3[k] * v[i];
+  for (std::size_t i = 0; i < at(pass.nbeta); ++i) {
+    const int column = pass.design.column2[i];
+    out.FV[i] = results.theta[column];
+    out.EC[i] = results.thetastar[column];
+  }
+  packscaled(Pass::row(pass.dinv, k, b * b), b, out.PV.data());
+}
+
+void level2coefficients(const Pass& pass, std::size_t unit, const double* hot, const double* cold,
+                        UnitResults& results) {
+  UnitResults::Level2& out = results.level2;
+  std::copy_n(hot + pass.store.atustar, pass.p, out.EB.data());
+  const double* row = cold + pass.store.atlevel2;
+  out.FV.fill(0.0);
+  for (std::size_t column = 0; column < at(pass.nbeta); ++column) {
+    const int variable = pass.design.variable2[column];
+    const double w2 = variable == 0 ? 1.0 : row[variable - 1];
+    out.FV[pass.design.owner2[column]] += w2 * results.thetastar[column];
+  }
+  std::copy(out.FV.begin(), out.FV.end(), out.EC.begin());
+  const double scale2 = run.kind.weighted ? 1.0 / std::sqrt(run.weights.weight2[unit]) : 1.0;
+  for (std::size_t i = 0; i < at(pass.p); ++i) out.EC[pass.design.random1[i]] += scale2 * out.EB[i];
+}
+
+void level2residuals(const Pass& pass, int k, const double* hot, const double* cold, double missing,
+                     UnitResults& results) {
+  const int p = pass.p, b = pass.b;
+  UnitResults::Level2& out = results.level2;
+  if (cold[pass.store.atinverse] == missingcode) {
+    out.OL.fill(missing);
+  } else {
+    unpack(p, cold + pass.store.atinverse, results.inverse.data());
+    residualproduct(pass.store, hot, results.thetastar.data(), results.residual.data());
+    mulAB(out.OL.data(), results.inverse.data(), results.residual.data(), p, 1, p);
+  }
+  unpack(p, hot + pass.store.atCinv, results.C.data());
+  mulABt(results.A.data(), results.C.data(), hot + pass.store.atBZ1, p, b, p);
+  for (double& a : results.A) a *= pass.scale3[k];
+  mulAB(results.AE.data(), results.A.data(), Pass::row(pass.dinv, k, b * b), p, b, b);
+  addABt(results.C.data(), results.AE.data(), results.A.data(), p, p, b);
+  packscaled(results.C.data(), p, out.PV.data());
+}
+
+}  // namespace kdr

@@ -1,0 +1,42 @@
+#include "report/residual/forms.h"
+#include "report/residual/numbers.h"
+
+namespace kdr {
+
+namespace {
+
+constexpr int idwidth12 = 12;
+constexpr int valuewidth = 11;
+
+void appendid(ResultFile& out, const ResidualFile& file, const Id& id) {
+  if (file.columns.textids) {
+    appendtext(out, id.text.text, idwidth12);
+  } else {
+    appendfield(out, id.number, idwidth12, 0);
+  }
+}
+
+}  // namespace
+
+void writerowcards(ResidualFile& file, const ResidualRow& row) {
+  ResultFile& out = file.out;
+  const ResidualColumns& layout = file.columns;
+  appendid(out, file, row.id3);
+  if (layout.level < 3) appendid(out, file, row.id2);
+  if (layout.hascount()) appendcount(out, row.count, file.countwidth);
+  ColumnGroup group = ColumnGroup::fit;
+  int online = 0;
+  for (std::size_t i = 0; i < layout.columns.size(); ++i) {
+    const ResidualColumn& column = layout.columns[i];
+    if (column.group != group || (group != ColumnGroup::fit && online == valuesperline)) {
+      writeresult(out, "\n");
+      group = column.group;
+      online = 0;
+    }
+    appendfield(out, row.values[i], valuewidth, group == ColumnGroup::PV ? 6 : 5);
+    ++online;
+  }
+  writeresult(out, "\n");
+}
+
+}  // namespace kdr

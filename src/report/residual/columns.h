@@ -1,0 +1,57 @@
+// The columns of a residual file and their names in every form. A row holds the IDs, at levels 2 and 3 the number of
+// members of the unit, and then one value for each column.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "driver/names.h"
+
+namespace kdr {
+
+// The values of RESFILTYPE:.
+enum class ResidualForm { freeformat = 2, systat = 3, sas = 5, spss = 6, stata = 8 };
+
+// The columns of a group stand together, and the groups of a level stand in this order.
+enum class ColumnGroup {
+  fit,     // level 1: residuals and fitted values, one each or one for each category but the last, and SIGMA
+  EB,      // empirical Bayes residuals
+  OL,      // least-squares residuals
+  FV,      // fitted values of the coefficients
+  EC,      // empirical Bayes coefficients
+  PV,      // posterior variances, lower triangle by rows
+  chosen,  // variables of the MDM file
+};
+
+// The same name in every form where it is short enough. No two columns of a file have the same name in any form: one
+// that would repeat an earlier one ends in "_1", "_2" ... instead.
+struct ResidualColumn {
+  ColumnGroup group;
+  std::string name;       // text forms
+  std::string stataname;  // at most 8 characters
+  std::string shortname;  // SPSS, at most 8 characters
+  std::string longname;   // SPSS, the full name; empty when shortname is that
+};
+
+struct ResidualColumns {
+  int level = 0;
+  bool textids = false;
+  std::vector<ResidualColumn> columns;
+
+  [[nodiscard]] bool hascount() const { return level > 1; }
+  [[nodiscard]] int ids() const { return level < 3 ? 2 : 1; }
+  [[nodiscard]] const char* countname() const { return level == 2 ? "NJK" : "NK"; }
+  // The columns of one group.
+  [[nodiscard]] std::vector<const ResidualColumn*> of(ColumnGroup group) const;
+  [[nodiscard]] int number(ColumnGroup group) const;
+};
+
+// The columns of the file of `level` (1 to 3) for the model in run.model and the lists of chosen variables. Needs the
+// complete model; nothing of it changes.
+[[nodiscard]] ResidualColumns residualcolumns(int level);
+
+// The first blank-delimited word of a name slot, at most 8 characters.
+[[nodiscard]] std::string wordof(const Name& name);
+
+}  // namespace kdr

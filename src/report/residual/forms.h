@@ -1,0 +1,33 @@
+// The forms of a residual file, for residualfile.cpp.
+#pragma once
+
+#include "report/residual/residualfile.h"
+
+namespace kdr {
+
+// Comma-separated text: names, then a line a row.
+void writeheadfree(ResidualFile& file, int cases);
+void writerowfree(ResidualFile& file, const ResidualRow& row);
+
+// Fixed columns behind the commands that read them. Both packages read the same lines of data: the IDs (and the number
+// of members, or the values of the fit group) on the first, every other group from a new line on, seven values to a
+// line.
+void writeheadsystat(ResidualFile& file, int cases);
+void writeheadsas(ResidualFile& file, int cases);
+void writerowcards(ResidualFile& file, const ResidualRow& row);
+
+// System file, uncompressed: a slot of 8 bytes for a number, two for a text ID.
+void writeheadspss(ResidualFile& file, int cases);
+void writerowspss(ResidualFile& file, const ResidualRow& row);
+
+// Release 113.
+void writeheadstata(ResidualFile& file, int cases);
+void writerowstata(ResidualFile& file, const ResidualRow& row);
+
+inline constexpr int valuesperline = 7;
+// The groups that start a line of their own in the two forms of fixed columns, in order; empty ones are left out.
+[[nodiscard]] std::vector<ColumnGroup> linegroups(const ResidualColumns& columns);
+// How many values stand on each line of a group of n: 7, 7, ..., the rest.
+[[nodiscard]] std::vector<int> linesof(int n);
+
+}  // namespace kdr

@@ -1,0 +1,66 @@
+#include <cstring>
+
+#include "driver/runrecord.h"
+#include "report/residual/forms.h"
+#include "report/residual/numbers.h"
+
+namespace kdr {
+
+namespace {
+
+// A text ID as it stands in the MDM file, in quotation marks when it would not be one field without them.
+void appendid(ResultFile& out, const ResidualFile& file, const Id& id) {
+  if (!file.columns.textids) {
+    appendnumber(out, id.number, 6);
+  } else if (std::strpbrk(id.text.text, ",\"\n\r") == nullptr) {
+    writeresult(out, id.text.text);
+  } else {
+    writeresult(out, "\"");
+    for (const char* c = id.text.text; *c != '\0'; ++c)
+      writeresult(out, *c == '"' ? std::string_view("\"\"") : std::string_view(c, 1));
+    writeresult(out, "\"");
+  }
+  writeresult(out, ",");
+}
+
+}  // namespace
+
+void writeheadfree(ResidualFile& file, int) {
+  const ResidualColumns& layout = file.columns;
+  std::string head = layout.level < 3 ? "L3ID,L2ID," : "L3ID,";
+  if (layout.hascount()) head += std::string(layout.countname()) + ",";
+  for (std::size_t i = 0; i < layout.columns.size(); ++i) {
+    const ResidualColumn& column = layout.columns[i];
+    const bool lastFV = column.group == ColumnGroup::FV && i + 1 < layout.columns.size() &&
+                        layout.columns[i + 1].group != ColumnGroup::FV;
+    if (column.group == ColumnGroup::chosen && column.name.size() < 8) head.append(8 - column.name.size(), ' ');
+    head += column.name + ",";
+    if (lastFV) head += "\n";
+  }
+  head.back() = '\n';
+  writeresult(file.out, head);
+}
+
+void writerowfree(ResidualFile& file, const ResidualRow& row) {
+  ResultFile& out = file.out;
+  const ResidualColumns& layout = file.columns;
+  appendid(out, file, row.id3);
+  if (layout.level < 3) appendid(out, file, row.id2);
+  if (layout.hascount()) {
+    appendcount(out, row.count, 0);
+    writeresult(out, ",");
+  }
+  const double missing = missingmark(ResidualForm::freeformat);
+  for (std::size_t i = 0; i < layout.columns.size(); ++i) {
+    const ColumnGroup group = layout.columns[i].group;
+    if (row.values[i] == missing && group != ColumnGroup::fit && group != ColumnGroup::chosen) {
+      writeresult(out, ".");
+    } else {
+      appendnumber(out, row.values[i], 6);
+    }
+    *roomin(out, 1) = i + 1 < layout.columns.size() ? ',' : '\n';
+    wrote(out, 1);
+  }
+}
+
+}  // namespace kdr

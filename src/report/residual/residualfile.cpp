@@ -1,0 +1,64 @@
+#include "report/residual/residualfile.h"
+
+#include <algorithm>
+
+#include "driver/runrecord.h"
+#include "report/residual/forms.h"
+
+namespace kdr {
+
+namespace {
+
+struct Form {
+  ResidualForm form;
+  void (*head)(ResidualFile& file, int cases);
+  void (*row)(ResidualFile& file, const ResidualRow& row);
+  const char* end;
+};
+
+constexpr Form forms[] = {
+    {ResidualForm::freeformat, writeheadfree, writerowfree, ""},
+    {ResidualForm::systat, writeheadsystat, writerowcards, "~\n"},
+    {ResidualForm::sas, writeheadsas, writerowcards, ";\n"},
+    {ResidualForm::spss, writeheadspss, writerowspss, ""},
+    {ResidualForm::stata, writeheadstata, writerowstata, ""},
+};
+
+const Form& formof(const ResidualFile& file) {
+  return *std::find_if(std::begin(forms), std::end(forms), [&](const Form& form) { return form.form == file.form; });
+}
+
+}  // namespace
+
+double missingmark(ResidualForm form) { return form == ResidualForm::stata ? 0x1p1023 : -99.0; }
+
+void openresidualfile(ResidualFile& file, int level, const std::string& path, int cases, int largestcount) {
+  file.form = static_cast<ResidualForm>(run.out.resfiltype);
+  file.columns = residualcolumns(level);
+  file.countwidth = std::max(file.countwidth, static_cast<int>(std::to_string(largestcount).size()));
+  openresult(file.out, path);
+  formof(file).head(file, cases);
+}
+
+void writeresidualrow(ResidualFile& file, const ResidualRow& row) { formof(file).row(file, row); }
+
+void closeresidualfile(ResidualFile& file) {
+  writeresult(file.out, formof(file).end);
+  finishresult(file.out);
+}
+
+std::vector<ColumnGroup> linegroups(const ResidualColumns& columns) {
+  std::vector<ColumnGroup> groups;
+  for (const ResidualColumn& column : columns.columns)
+    if (column.group != ColumnGroup::fit && (groups.empty() || groups.back() != column.group))
+      groups.push_back(column.group);
+  return groups;
+}
+
+std::vector<int> linesof(int n) {
+  std::vector<int> lines;
+  for (; n > 0; n -= valuesperline) lines.push_back(std::min(n, valuesperline));
+  return lines;
+}
+
+}  // namespace kdr

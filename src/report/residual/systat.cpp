@@ -1,0 +1,73 @@
+#include <string>
+
+#include "report/residual/forms.h"
+
+namespace kdr {
+
+namespace {
+
+std::string paddedto(const std::string& text, std::size_t width) {
+  return text.size() < width ? std::string(width - text.size(), ' ') + text : text;
+}
+
+// The names of a group; those of all but OL break after each seventh.
+std::string groupnames(const ResidualColumns& layout, ColumnGroup group) {
+  std::string text;
+  int n = 0;
+  for (const ResidualColumn* column : layout.of(group)) {
+    if (n > 0 && n % valuesperline == 0 && group != ColumnGroup::OL) text += "\n";
+    text += group == ColumnGroup::chosen ? paddedto(column->name, 8) + ", " : column->name + ",";
+    ++n;
+  }
+  return text + "\n";
+}
+
+// How the lines of a group are read: "n*#11" each, "/" to the next line.
+std::string groupformat(const ResidualColumns& layout, ColumnGroup group) {
+  std::string text;
+  for (const int n : linesof(layout.number(group))) {
+    if (group == ColumnGroup::PV && !text.empty()) text += "/";
+    text += paddedto(std::to_string(n), 2) + "*#11";
+    if (group != ColumnGroup::PV) text += "/";
+  }
+  if (group == ColumnGroup::PV && layout.number(ColumnGroup::chosen) > 0) text += "/";
+  return text + ",\n";
+}
+
+}  // namespace
+
+void writeheadsystat(ResidualFile& file, int) {
+  const ResidualColumns& layout = file.columns;
+  const std::string level = std::to_string(layout.level);
+  const std::string kind = layout.textids ? "$" : "";
+  const std::string idformat = layout.textids ? "$" : "#";
+  std::string head = "BASIC\nSAVE RESFIL" + level + "\nINPUT (L3ID" + kind;
+  if (layout.level < 3) head += ",L2ID" + kind;
+  head += ",";
+  if (layout.hascount()) {
+    head += std::string(layout.countname()) + ",\n";
+  } else {
+    head += groupnames(layout, ColumnGroup::fit);
+  }
+  const std::vector<ColumnGroup> groups = linegroups(layout);
+  for (const ColumnGroup group : groups) head += groupnames(layout, group);
+
+  if (layout.hascount()) {
+    head += "),(";
+    for (int i = 0; i < layout.ids(); ++i) head += idformat + "12,";
+    (head += '#') += std::to_string(file.countwidth) + "/";
+  } else {
+    head += "),(2*" + idformat + "12," + std::to_string(layout.number(ColumnGroup::fit)) + "*#11";
+    if (!groups.empty()) head += "/,";
+    head += "\n";
+  }
+  for (const ColumnGroup group : groups) head += groupformat(layout, group);
+  head += ")\n";
+  for (const ResidualColumn* column : layout.of(ColumnGroup::OL)) {
+    const std::string name = column->name + (layout.level == 3 ? " " : "");
+    head += "if " + name + "=-99 then let " + name + "=.\n";
+  }
+  writeresult(file.out, head + "RUN\n");
+}
+
+}  // namespace kdr

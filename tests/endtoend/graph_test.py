@@ -1,0 +1,201 @@
+"""The graph data file, read back by the example reader: residual blocks against dense computation, predictor statistics
+against the raw data.
+
+    graph_test.py <program>
+"""
+import glob
+import json
+import os
+import resource
+import shutil
+import signal
+import statistics
+import struct
+import subprocess
+import sys
+import tempfile
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+REFERENCE = os.path.join(HERE, '..', 'reference')
+sys.path[:0] = [HERE, REFERENCE, os.path.join(HERE, '..', '..', 'examples', 'graphfile')]
+import read as graphfile
+from models import SETS
+from oracle_test import Checks, run
+from residualfiles import Mdm
+from residuals_test import NAMES, commands, marks, records
+
+NULL = ['NONLIN:N', 'NUMIT:500,N', 'STOPVAL:0.0000000001', 'LEVEL1:Y=INTRCPT1+RANDOM', 'LEVEL2:INTRCPT1=INTRCPT2+RANDOM/',
+        'LEVEL3:INTRCPT2=INTRCPT3+RANDOM/', 'LEVEL1DELETION:NONE', 'CONSTRAIN:N', 'HYPOTH:N', 'LVR-BETA:N', 'TITLE:null',
+        'FULLOUTPUT:Y']
+
+
+def graph(c, program, work, command, mdm, chosen={1: None, 2: None, 3: None}, code=0):
+    commands(work, command, 'g.kdr', None, chosen, ['GRAPHGAMMAS:graph.bin'])
+    got, out = run(program, work, mdm, 'g.kdr')
+    c.equal('exit code of %s' % command, got, code)
+    return graphfile.read(work + '/graph.bin', '%s/%s' % (work, mdm))
+
+
+def block(c, what, table, prefix, want):
+    """Columns prefix1, prefix2 ... against rows; a row of None has no value in any."""
+    width = max(len(x) for x in want if x)
+    for i in range(width):
+        got = table['%s%d' % (prefix, i + 1)]
+        c.equal('%s %s%d: number' % (what, prefix, i + 1), len(got), len(want))
+        for k, (x, row) in enumerate(zip(got, want)):
+            if row is None:
+                c.equal('%s %s%d of unit %d' % (what, prefix, i + 1, k), x, None)
+            else:
+                c.near('%s %s%d of unit %d' % (what, prefix, i + 1, k), x, row[i], 3e-5, 1e-6)
+    c.equal('%s: columns %s' % (what, prefix), '%s%d' % (prefix, width + 1) in table, False)
+
+
+def diagonal(triangle):
+    values, i = [], 0
+    while i < len(triangle):
+        values.append(triangle[i])
+        i += len(values) + 1
+    return values
+
+
+def predictorsof(c, level, table, names, values):
+    c.equal('predictors of level %d' % level, table['name'], names)
+    for i, name in enumerate(table['name']):
+        x = sorted(values[name])
+        c.near('mean of ' + name, table['mean'][i], statistics.fmean(x), 1e-9)
+        c.near('deviation of ' + name, table['deviation'][i], statistics.stdev(x), 1e-9)
+        for k in range(101):
+            c.near('percentile %d of %s' % (k, name), table['p%d' % k][i], x[k * len(x) // 100] if k < 100 else x[-1], 1e-9)
+
+
+def statisticsof(c, work, model, tables, code=None):
+    """Every predictor on the raw data: the grand mean taken off whatever its centering."""
+    data, center = records(work), marks(model)
+    used = [NAMES[1].index(n) for n in {model['outcome']} | {n for n, _ in model['level1']} - {'INTRCPT1'}]
+    for level in (1, 2, 3):
+        names = [n for n in NAMES[level] if n in center[level]]
+        values = {}
+        for name in names:
+            i = NAMES[level].index(name)
+            mean = statistics.fmean(r[2][i] for r in data[level] if r[2][i] != code) if center[level][name] else 0.0
+            values[name] = [r[2][i] - mean for r in data[level] if level > 1 or all(r[2][u] != code for u in used)]
+        predictorsof(c, level, tables['predictors%d' % level], names, values)
+
+
+def oracle(program, work, tag, code=None):
+    c = Checks(tag)
+    template, name = tag.split('-')
+    model = [models for templates, models in SETS.values() if template in templates][0][name]
+    with open('%s/results/residuals-%s.json' % (REFERENCE, tag)) as f:
+        want = json.load(f)
+    with open('%s/results/%s.json' % (REFERENCE, tag)) as f:
+        gamma = json.load(f)['gamma']
+    t = graph(c, program, work, name + '.kdr', template + '.mdm')
+    for got, x in zip(t['gamma'], gamma):
+        c.near('gamma', got, x, 3e-5)
+    c.equal('number of gammas', len(t['gamma']), len(gamma))
+    c.equal('level-1 flags', [f == 0 for f in t['fixed1']], [n in model['random2'] for n, _ in model['level1']])
+    c.equal('level-2 flags', [f == 0 for f in t['fixed2']],
+            [(n, u) in model['random3'] for n, _ in model['level1'] for u, _ in model['level2'][n]])
+    for prefix, key in (('EB', 'EB'), ('OL', 'graphOL'), ('FV', 'FV')):
+        block(c, 'level 3', t['level3'], prefix, [u[key] for u in want['level3']])
+    block(c, 'level 3', t['level3'], 'PV', [diagonal(u['PV']) for u in want['level3']])
+    for prefix in ('EB', 'OL', 'FV'):
+        block(c, 'level 2', t['level2'], prefix, [u[prefix] for u in want['level2']])
+    block(c, 'level 2', t['level2'], 'PV', [diagonal(u['PV']) for u in want['level2']])
+    c.equal('fitted values', len(t['fitted']['FITVAL']), len(want['level1']))
+    for got, x in zip(t['fitted']['FITVAL'], want['level1']):
+        c.near('fitted value', got, x[1], 3e-5)
+    statisticsof(c, work, model, t, code)
+    return c
+
+
+def nopredictors(program, work):
+    c = Checks('no predictors')
+    with open(work + '/null.kdr', 'w') as f:
+        f.write('\n'.join(NULL) + '\n')
+    t = graph(c, program, work, 'null.kdr', 'school.mdm')
+    with open(work + '/graph.bin', 'rb') as f:
+        data = f.read()
+    c.equal('head', data[:14], b'GRKDR3' + struct.pack('<fi', 7.01, 1))
+    c.equal('three empty sections and two flags', data[22:42], bytes(20))
+    c.equal('fitted values', len(t['fitted']['FITVAL']), len(records(work)[1]))
+    both = graph(c, program, work, 'null.kdr', 'school.mdm', {1: '', 2: '', 3: ''})
+    c.equal('residual files beside it change nothing', both, t)
+    return c
+
+
+def onevalue(program, work):
+    """A predictor with one value in all records, in a model that gives it no effect of its own at level 1."""
+    c, mdm = Checks('one value'), Mdm(work + '/school.mdm')
+    n1 = mdm.head[0]
+    for b in mdm.blocks:
+        values = list(struct.unpack('<%dd' % (len(b[1]) // 8), b[1]))
+        values[4::n1] = [0.1] * len(values[4::n1])  # W1
+        b[1] = struct.pack('<%dd' % len(values), *values)
+    mdm.write(work + '/one.mdm')
+    with open(work + '/one.kdr', 'w') as f:
+        f.write('\n'.join(NULL).replace('Y=INTRCPT1+RANDOM', 'Y=INTRCPT1+W1+RANDOM').replace(
+            'LEVEL1DEL', 'LEVEL2:W1=INTRCPT2+Z1/\nLEVEL3:INTRCPT2=INTRCPT3/\nLEVEL3:Z1=INTRCPT3/\nLEVEL1DEL')
+            .replace('CONSTRAIN:N', 'CONSTRAIN:1,1,0') + '\n')
+    t = graph(c, program, work, 'one.kdr', 'one.mdm')
+    p = t['predictors1']
+    c.equal('predictor', p['name'], ['W1'])
+    c.equal('deviation', p['deviation'], [0.0])
+    c.equal('percentiles', {p['p%d' % k][0] for k in range(101)}, {0.1})
+    return c
+
+
+def failures(program, work):
+    c = Checks('failures')
+    with open(work + '/graph.bin', 'w') as f:
+        f.write('an earlier file')
+    commands(work, 'A.kdr', 'g.kdr', None, {}, ['GRAPHGAMMAS:graph.bin'])
+
+    def little():
+        resource.setrlimit(resource.RLIMIT_FSIZE, (60000, 60000))
+        signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+
+    def attempt(**how):
+        p = subprocess.run([program, '-q', 'school.mdm', 'g.kdr'], cwd=work, stdin=subprocess.DEVNULL,
+                           stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=300, **how)
+        return p.returncode, p.stdout.decode('latin-1')
+
+    code, out = attempt(preexec_fn=little, restore_signals=False)
+    c.equal('code where even the working data do not fit', code, 5)
+    c.equal('files', sorted(os.path.basename(x) for x in glob.glob(work + '/graph.bin*')), ['graph.bin'])
+    c.equal('the earlier file', open(work + '/graph.bin').read(), 'an earlier file')
+    commands(work, 'A.kdr', 'g.kdr', None, {}, ['GRAPHGAMMAS:/dev/full'])
+    c.equal('code on a full device', attempt()[0], 5)
+    commands(work, 'A.kdr', 'g.kdr', None, {}, ['GRAPHGAMMAS:nowhere/g.bin'])
+    code, out = attempt()
+    c.equal('code without the folder', (code, 'Unable to open nowhere/g.bin for writing' in out), (100, True))
+    return c
+
+
+def main():
+    program = os.path.abspath(sys.argv[1])
+    checks = []
+    with tempfile.TemporaryDirectory() as top:
+        for name, template, tags, others in (
+                ('school', 'school', ['A', 'B', 'C', 'D', 'E', 'R6'], [nopredictors, onevalue, failures]),
+                ('schoolmissing', 'missinganalysis', ['A'], []), ('tiny', 'tiny', ['T'], [])):
+            work = tempfile.mkdtemp(dir=top)
+            for path in glob.glob('%s/%s/*' % (REFERENCE, name)):
+                shutil.copy(path, work)
+            code, out = run(program, work, '-r', template + '.mdmt')
+            if code != 0:
+                raise SystemExit('%s: making the MDM file ended with code %d\n%s' % (template, code, out[-800:]))
+            for tag in tags:
+                checks.append(oracle(program, work, '%s-%s' % (template, tag), -99.0 if 'missing' in template else None))
+            checks += [test(program, work) for test in others]
+    bad = []
+    for c in checks:
+        print('%-20s %6d comparisons, %d differ' % (c.tag, c.done, len(c.bad)))
+        bad += c.bad[:12] + ['%s: %d more' % (c.tag, len(c.bad) - 12)] * (len(c.bad) > 12)
+    print('\n'.join(bad) if bad else 'all hold')
+    return 1 if bad else 0
+
+
+if __name__ == '__main__':
+    sys.exit(main())

@@ -1,0 +1,407 @@
+"""Sessions at the terminal and the command files that repeat them.
+
+    terminal_test.py <program> [--store]     --store writes the transcripts anew
+"""
+import io
+import os
+import pathlib
+import re
+import sys
+
+import pexpect
+
+from conversations import *
+from program import ROOT, Checks, Workplace, body
+
+STORE = sys.argv[2:] == ["--store"]
+TRANSCRIPTS = pathlib.Path(__file__).resolve().parent / "transcripts"
+check = Checks()
+work = Workplace(sys.argv[1])
+
+
+class Terminal:
+    """The program at a terminal of 200 columns."""
+
+    def __init__(self, *words):
+        self.log = io.StringIO()
+        environment = dict(work.environment, TERM="xterm", LANG="C.UTF-8", LC_ALL="C.UTF-8", HOME=str(work.folder))
+        self.child = pexpect.spawn(
+            work.program,
+            ["-q", *words],
+            cwd=str(work.folder),
+            env=environment,
+            encoding="utf-8",
+            dimensions=(50, 200),
+            timeout=60,
+        )
+        self.child.delaybeforesend = None
+        self.child.logfile_read = self.log
+
+    def asked(self, question):
+        """Waits for a question; by its last line, since that is what the editor shows."""
+        self.child.expect_exact(question.strip("\n").rsplit("\n", 1)[-1])
+
+    def answer(self, question, keys):
+        self.asked(question)
+        self.child.send(keys + "\r")
+
+    def end(self):
+        self.child.expect(pexpect.EOF)
+        self.child.close()
+        return self.child.exitstatus
+
+    def transcript(self):
+        """What stood on the screen, without control sequences and without what the iterations print."""
+        text = (
+            re.sub(r"\x1b(\[[0-9;?]*[A-Za-z]|[=>]|[()][A-Z0-9])", "", self.log.getvalue())
+            .replace("\r\n", "\n")
+            .replace("\r", "")
+        )
+        return "".join(line for line in text.splitlines(True) if not line.startswith("The value of the log-likelihood"))
+
+
+def converse(conversation, name):
+    terminal = Terminal()
+    for question, answer in conversation:
+        terminal.answer(question, answer)
+    check(terminal.end() == 0, f"{name}: a session at the terminal ends with code 0")
+    stored = TRANSCRIPTS / (name + ".txt")
+    if STORE:
+        stored.write_text(terminal.transcript())
+    check(
+        terminal.transcript() == stored.read_text(),
+        f"{name}: the transcript is the stored one:\n{terminal.transcript()}",
+    )
+
+
+def answers(conversation):
+    return "".join(answer + "\n" for _, answer in conversation)
+
+
+def sessions():
+    """Raw text to report by dialogue; the same from a template and from command files."""
+    work.run("-r", "chem97.mdmt", "template.mdm")
+    template = work.read("creatmdm.mdmt").replace("template.mdm", "chem97.mdm")
+    converse(CREATION, "creation")
+    check(
+        (work.folder / "chem97.mdm").read_bytes() == (work.folder / "template.mdm").read_bytes(),
+        "creation: the mdm file",
+    )
+    check(work.read("creatmdm.mdmt") == template, "creation: the template")
+    converse(MODEL, "model")
+    report = body(work.read("dialogue.txt"))
+    check(
+        any("G010*" in line for line in report) and any("Model comparison test" in line for line in report),
+        "model: report",
+    )
+
+    def repeated(done, what):
+        check(done.returncode == 0, f"{what}: code {done.returncode}\n{done.stdout[-300:]}")
+        made = work.folder / "dialogue.txt"
+        check(made.exists() and body(made.read_text()) == report, f"{what}: another report")
+        made.unlink(missing_ok=True)
+
+    written = work.read("newcmd.kdr")
+    done = work.run("chem97.mdm", "newcmd.kdr")
+    check("?" not in done.stdout and "Enter" not in done.stdout.replace("enter cntl-c", ""), "newcmd.kdr asks nothing")
+    repeated(done, "newcmd.kdr")
+    check(work.read("newcmd.kdr") == written, "newcmd.kdr writes itself again")
+    repeated(work.run("chem97.mdm", work.write("model.kdr", COMMANDS)), "a command file")
+    repeated(work.run("-r", work.write("model.rsp", answers(MODEL))), "a response file")
+    repeated(work.run(answers=answers(MODEL).replace("\n", "\r\n")), "a pipe with CRLF")
+
+    # The name of the report is asked last: answered rightly only if all questions before it were the expected ones.
+    mixed = {
+        "no model": (
+            r"LEVEL|NONLIN|CONS|GAMMA|HYPO",
+            LEVEL1LINES
+            + LEVEL2LINES
+            + RANDOM2
+            + CENTER2
+            + LEVEL3LINES
+            + RANDOM3
+            + EXTRA
+            + CONSTRAINTS
+            + HYPOTHESES[:-3],
+        ),
+        "no exploratory lists": (r"$", EXTRA),
+        "model alone": (r"[^L]|LVR", CONSTRAINTS + HYPOTHESES + REGRESSION + RESIDUALS + ITERATIONS + TITLE),
+        "no features": (r"CONS|GAMMA|HYPO|DEV|DF|LVR", CONSTRAINTS + HYPOTHESES + REGRESSION),
+        "no deviance": (r"HYPO|DEV|DF", HYPOTHESES[:1] + HYPOTHESES[-3:]),
+        "no hypothesis": (r"HYPO|GAMMA", HYPOTHESES[:-3]),
+        "no output": (r"RES|NUMIT|TITLE", RESIDUALS + ITERATIONS + TITLE),
+    }
+    for what, (pattern, questions) in mixed.items():
+        text = re.sub("/.*", "", COMMANDS) if questions is EXTRA else COMMANDS
+        kept = [line for line in text.splitlines(True) if not re.match(pattern + "|OUTPUT", line)]
+        command = work.write("mixed.kdr", "".join(kept))
+        repeated(work.run("chem97.mdm", command, answers=answers(questions + OUTPUT)), f"command file with {what}")
+
+
+def choosing():
+    """IDs and variables from the rows of .sav files; the marks are those of a template."""
+    files = [str(ROOT / "tests" / "data" / "files" / f"savbyte-{level}.sav") for level in (1, 2, 3)]
+    head = (
+        "#KDR3 MDM CREATION TEMPLATE\nmdmtype:0\nrawdattype:spss\n"
+        + "".join(f"l{i + 1}fname:{name}\n" for i, name in enumerate(files))
+        + "l1missing:y\ntimeofdeletion:analysis\nmdmname:sav.mdm\n"
+    )
+    blocks = "".join(
+        f"*begin l{level}vars\n{names}*end l{level}vars\n"
+        for level, names in (
+            (1, "level3id:LEA\nlevel2id:SCHOOL\nSCORE\nGCSE\n"),
+            (2, "level3id:LEA\nlevel2id:SCHOOL\nSCHGCSE\n"),
+            (3, "level3id:LEA\nLEAGCSE\n"),
+        )
+    )
+    work.run("-r", work.write("sav.mdmt", head + blocks))
+    wanted = (work.folder / "sav.mdm").read_bytes()
+    (work.folder / "sav.mdm").unlink()
+    listing = (
+        " The available level-1 variables are:\n"
+        " For      LEA  enter  1    For   SCHOOL  enter  2    For     LEAT  enter  3\n"
+        " For  SCHOOLT  enter  4    For AVERYLON  enter  5    For    SCORE  enter  6\n"
+        " For   FEMALE  enter  7    For      AGE  enter  8    For     GCSE  enter  9\n"
+        " For  GCSECNT  enter 10    For      GAP  enter 11\n What variable is the level-3 ID? "
+    )
+    level2 = work.run(answers="\n".join(["y", "4", *files, "1", "2", "0"]) + "\n").stdout
+    at = {
+        name: re.search(rf"level-2 variables are:(?:.|\n)*?{name}  enter +(\d+)", level2).group(1)
+        for name in ("LEA", "SCHOOL", "LEAT", "SCHGCSE")
+    }
+    level3 = work.run(answers="\n".join(["y", "4", *files, "1", "2", "0", at["LEA"], at["SCHOOL"], "0"]) + "\n").stdout
+    at3 = {
+        name: re.search(rf"level-3 variables are:(?:.|\n)*?{name}  enter +(\d+)", level3).group(1)
+        for name in ("LEA", "LEAGCSE")
+    }
+    # Out of file order, with a character variable, an ID, and a repeat on the way.
+    first = ["5", "1", "1", "2", "4", "9", "1", "9", "6", "0"]
+    done = work.run(
+        answers="\n".join(
+            [
+                "y",
+                "4",
+                *files,
+                *first,
+                at["LEAT"],
+                at["LEA"],
+                at["SCHOOL"],
+                at["SCHGCSE"],
+                "0",
+                at3["LEA"],
+                at3["LEAGCSE"],
+                "0",
+                "y",
+                "a",
+                "sav.mdm",
+            ]
+        )
+        + "\n"
+    )
+    check(listing in done.stdout, f"the list of variables\n{done.stdout[:1500]}")
+    question = " Please specify level-1 variable # 1 (enter 0 to end): "
+    again = "You have already chosen that variable!\n"
+    check(
+        f"level-2 ID? {again}" in done.stdout
+        and question + " This is a character variable!\n" + question in done.stdout,
+        f"what cannot be chosen\n{done.stdout[:3000]}",
+    )
+    check(
+        f"# 2 (enter 0 to end): {again} Please specify level-1 variable # 2 (enter 0 to end): {again}" in done.stdout,
+        "what is chosen already",
+    )
+    check(
+        "ID's must be both be character or both numeric!\n What variable is the level-3 ID? " in done.stdout,
+        "IDs of two kinds",
+    )
+    check(
+        (work.folder / "sav.mdm").exists() and (work.folder / "sav.mdm").read_bytes() == wanted,
+        "the mdm file of the choice",
+    )
+    check(work.read("creatmdm.mdmt").lower() == (head + blocks).lower(), "the template of the choice")
+
+
+def keys():
+    """Editing, history, the end of input and the interrupt key."""
+    terminal = Terminal()
+    terminal.answer(RAW[0], "yes\b\b\bno")
+    terminal.answer(MDMNAME, "nonsuch.mdm")
+    terminal.asked(" nonsuch.mdm does not exist.")
+    terminal.answer(MDMNAME, "\x1b[A\x01\x0bchem97\x1b[D\x1b[D9\x1b[C\b7\x05.mdm")  # up, start, kill; arrows, end
+    terminal.answer(MDMNAME, "chem97.mdm")
+    terminal.asked(NONLINEAR[2][0])
+    terminal.child.sendintr()
+    check(terminal.end() == 100, "the interrupt key at a question: code 100")
+    shown = terminal.transcript()
+    check(
+        " chem997.mdm does not exist." in shown or " chem977.mdm does not exist." in shown,
+        f"a line that was edited: {shown}",
+    )
+    check(shown.endswith("Program interrupted by Ctrl-C\n"), f"the words of the interrupt key: {shown[-100:]!r}")
+    terminal = Terminal()
+    for _ in range(10):
+        terminal.asked(RAW[0])
+        terminal.child.sendeof()
+    check(terminal.end() == 100 and terminal.transcript().endswith(IMPROPER), "ten ends of input at a terminal")
+    terminal = Terminal(
+        "chem97.mdm",
+        work.edited("long.kdr", "model2.kdr", FISHERTYPE="0", STOPVAL="0.0", NUMIT="10000,N", OUTPUT="long.txt"),
+    )
+    terminal.asked("iteration 20 ")
+    terminal.child.sendintr()
+    terminal.answer("Enter 0 to stop iterating, 1 to exit now", "2")
+    terminal.answer("Enter 0 to stop iterating, 1 to exit now", "0")
+    check(
+        terminal.end() == 0 and "from the keyboard" in work.read("long.txt"), "the interrupt key during the iterations"
+    )
+
+
+def badanswers():
+    """Each question with ten bad answers, with the input at its end, and with nine bad answers and a good one."""
+    special = {TYPES[1][0]: ("0", "", 100), MDMNAME: ("", "", 14), WHEN[0]: ("x", "", 14)}
+    special.update(
+        {q: ("A4,F8.4", " First character of format must be (\n", 14) for q, _ in CREATION if "Input format" in q}
+    )
+    special.update({q: ("none.dat", "\nnone.dat does not exist!\n", 14) for q, _ in CREATION if "Input name" in q})
+    special.update({q: ("1001", "", 100) for q, _ in CREATION if "Input number" in q})
+    special.update({q: ("1000000001", "", 100) for q, _ in CODES if "Enter the value for missing" in q})
+    special.update({q: ("-1000001", "", 100) for q, _ in HYPOTHESES if "contrast value" in q})
+    special.update(
+        {LEVEL2LINES[0][0]: ("3", "", 100), ITERATIONS[0][0]: ("10001", "", 100), "type of analysis: ": ("7", "", 100)}
+    )
+    free = ("Enter 8 character name", "How do you want to center", "Enter a problem title", "Enter name of output")
+    done = set()
+    for conversation in (CREATION, ONECODE, CODES, MODEL, NONLINEAR, COUNTED, CATEGORIES, RESIDUALFILES):
+        for i, (question, good) in enumerate(conversation):
+            known = (question, conversation is CREATION and question == MDMNAME)
+            if known in done or any(word in question for word in free):
+                continue
+            done.add(known)
+            bad, reply, code = special.get(question, ("x", "", 100))
+            words = IMPROPER if code == 100 else NORESPONSE
+            before = answers(conversation[:i])
+            ten = work.run(answers=before + (bad + "\n") * 10)
+            tail = (question + reply) * 10 + words
+            check(
+                ten.returncode == code and ten.stdout.endswith(tail),
+                f"ten bad answers to {question!r}: {ten.stdout[-200:]!r}",
+            )
+            start = ten.stdout[: -len(tail)]
+            none = work.run(answers=before)
+            check(
+                none.returncode == code and none.stdout == start + question * 10 + words, f"no answer to {question!r}"
+            )
+            one = work.run(answers=before + good + "\n")
+            nine = work.run(answers=before + (bad + "\n") * 9 + good + "\n")
+            check(one.stdout.startswith(start + question), f"a good answer to {question!r}")
+            check(
+                nine.stdout == start + (question + reply) * 9 + one.stdout[len(start) :],
+                f"nine bad answers to {question!r}",
+            )
+    check(len(done) > 60, f"{len(done)} questions")
+
+    # Questions that follow other rules: 26 empty names, centering without a limit, a file that ends early.
+    before = answers(CREATION[:11])
+    invalid = " Invalid response. Try again.\n"
+    ended = work.run(answers=before + "\n" * 26)
+    check(
+        ended.returncode == 14 and ended.stdout.count(invalid) == 26 and ended.stdout.endswith(invalid + NORESPONSE),
+        "26 names",
+    )
+    check(
+        work.run(answers=before + "\n" * 25 + "SCORE\n").stdout.count("variable number 2: ") == 26,
+        "25 empty names and a good one",
+    )
+    at = MODEL.index(("How do you want to center   FEMALE? ", "0"))
+    many = work.run(answers=answers(MODEL[:at]) + "3\n" * 20 + answers(MODEL[at : at + 1]))
+    check(many.stdout.count(MODEL[at][0]) == 21 and MODEL[at + 1][0] in many.stdout, "centering has no limit")
+    done = work.run(
+        "chem97.mdm", work.write("open.kdr", COMMANDS.replace("CONSTRAIN", "#")), preexec_fn=lambda: os.close(0)
+    )
+    check(done.returncode == 100 and done.stdout.endswith(CONSTRAINTS[0][0] * 10 + IMPROPER), "a closed standard input")
+    for i in range(len(MODEL)):
+        early = work.run(answers=answers(MODEL[:i]))
+        check(early.returncode in (14, 100), f"input that ends at {MODEL[i][0]!r}: code {early.returncode}")
+
+
+def missing():
+    """Codes of missing values reach the template, and the construction."""
+    work.run(answers=answers(CODES))
+    text = work.read("creatmdm.mdmt")
+    check(
+        "l1missing:y/DIFFERENT\n-9.000000\n-8.000000\n-7.000000\n1000000000.000000\n-5.500000\n"
+        "timeofdeletion:analysis\n"
+        in text,
+        f"codes of their own: {text}",
+    )
+    work.run(answers=answers(ONECODE).replace("Analysis", "now"))
+    check(
+        "l1missing:y/SAME\n-9.000000\ntimeofdeletion:now\nmdmname:one.mdm\n" in work.read("creatmdm.mdmt"), "one code"
+    )
+    made = (work.folder / "one.mdm").read_bytes()
+    work.run("-r", "creatmdm.mdmt")
+    check((work.folder / "one.mdm").read_bytes() == made, "the template makes the same file")
+
+
+def startingvalues():
+    """The menu that repairs the starting values of tau(pi)."""
+    menu = (
+        "Do you wish to:\n   Set all off diagonal elements to 0?  Enter 1.\n"
+        "   Manually reset values?               Enter 2.\n"
+        "   Automatic fixup?                     Enter 3.\n"
+        "   Quit?                                Enter 4.\n   Your choice =  "
+    )
+    reset = "Reset Tau(%s) to (hit return to leave unchanged) "
+    command = work.edited("fix.kdr", "model2.kdr", FIXTAU2="5")
+    plain = work.run("chem97.mdm", "model2.kdr").returncode
+    deviance = [line for line in work.read("model2.txt").splitlines() if line.startswith(" Deviance  ")]
+
+    def chosen(lines, code=0):
+        done = work.run("chem97.mdm", command, answers="".join(line + "\n" for line in lines))
+        check(done.returncode == code, f"menu, {lines}: code {done.returncode}\n{done.stdout[-400:]}")
+        return done.stdout
+
+    shown = chosen(["1"])
+    check(
+        plain == 0
+        and re.search(
+            r"\n Tau\(pi\)\(0\)\n INTRCPT1  +[0-9.]+ +[0-9.]+ \n  GCSECNT  +[0-9.]+ +[0-9.]+ \n\n" + re.escape(menu),
+            shown,
+        ),
+        f"the matrix and the menu\n{shown}",
+    )
+    for lines in (["1"], ["0", "5", "3"], ["2", "2.0", "0.1", "1.0", "n", "n"]):
+        chosen(lines)
+        again = [line for line in work.read("model2.txt").splitlines() if line.startswith(" Deviance  ")]
+        near = abs(float(again[0].split("=")[1]) - float(deviance[0].split("=")[1]))
+        check(near < 0.05, f"menu, {lines}: the same maximum within {near}")
+    shown = chosen(["2", "x", "2.0", "", "-1", "3"])  # a bad number; left alone; not usable: the menu again
+    check(
+        shown.count(menu) == 2 and shown.count(reset % "0,0") == 2 and shown.count(reset % "1,0") == 1,
+        f"resetting\n{shown}",
+    )
+    check("The current value of Tau(1,1) is " in shown, "current values")
+    shown = chosen(["2", "2.0", "0.1", "1.0", "y", "5.8", *[""] * 5, "y", "9.5"])
+    check(
+        shown.count("Reset gamma to (hit return to leave unchanged) ") == 6
+        and "New sigma(0)_squared = 9.500000\n" in shown,
+        shown,
+    )
+    check(
+        "    For  LEAGCSE\n" not in shown and " For " in shown and "Sigma(0)_squared = " in shown,
+        f"gammas by name\n{shown}",
+    )
+    check(
+        chosen(["0"] * 10, 100).endswith(menu * 10 + IMPROPER) and chosen([], 100).endswith(menu * 10 + IMPROPER),
+        "the menu's tries",
+    )
+    chosen(["4"], 100)
+    check(
+        "fixtau set to 4, so no correction to tau made. Unable to continue." in work.read("model2.txt"),
+        "the choice to quit",
+    )
+
+
+for part in (sessions, choosing, keys, badanswers, missing, startingvalues):
+    part()
+check.finish()
