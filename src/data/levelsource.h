@@ -41,7 +41,7 @@ struct RawReader {
   const char* word;   // value of RAWDATTYPE: in a template
   std::size_t match;  // characters of the word that a value must begin with
   const char* label;  // name in messages
-  // Opens the file of the level by its name and reads its head. Null: this format cannot be read yet.
+  // Opens the file of the level by its name and reads its head.
   void (*open)(int level);
   // Called once before the first record: settles `selected` and brings the file to its first record.
   void (*prepare)(int level);

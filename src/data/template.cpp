@@ -106,7 +106,6 @@ void takemissing(TemplateText& text, const std::string& value) {
 void takerawtype(TemplateText&, const std::string& value) {
   const RawReader* reader = findreader(value);
   if (reader == nullptr) stopwith("Invalid raw data type.\n");
-  if (reader->open == nullptr) stopwith("%s cannot read %s files yet.\n", module, reader->label);
   for (int level = 0; level < 3; ++level)  // files that were opened in another format have to be named again
     if (raw.reader != reader && raw.level[level].stream != nullptr) raw.reader->close(level);
   raw.reader = reader;
