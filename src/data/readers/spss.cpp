@@ -205,7 +205,8 @@ void readdictionary(int level) {
 
 int enddata(SpssFile& file, bool incase) {
   file.ended = true;
-  if (incase || file.nread < file.numcases) reportbroken(file.bytes, file.nread + 1, incase, file.numcases);
+  const bool lost = file.nread < file.numcases || (incase && file.nread != file.numcases);
+  if (lost) reportbroken(file.bytes, file.nread + 1, incase, file.numcases);
   return 1;
 }
 
