@@ -11,6 +11,7 @@
 
 #include "data/levelsource.h"
 #include "data/readers/ascii.h"
+#include "data/readers/sastransport.h"
 #include "data/template.h"
 #include "driver/failures.h"
 #include "driver/questions.h"
@@ -31,6 +32,7 @@ bool isfile(const std::string& path) {
 }
 
 bool isascii() { return raw.reader->rawdattype == 2; }
+bool istransport() { return raw.reader->rawdattype == 5; }
 bool isother() { return raw.reader->rawdattype == 9; }
 bool inlistorder() { return raw.reader->rawdattype == 3; }
 
@@ -82,7 +84,7 @@ void askrawfile(int level) {
     if (!readanswer(prompt, name) || name.empty()) continue;
     if (name.size() >= maxpath) {
       std::printf("File name too long: %s\n", name.c_str());
-    } else if (isfile(name)) {
+    } else if (isfile(name) || (istransport() && sasconvert(name))) {
       return;
     } else {
       std::printf("\n%s does not exist!\n", name.c_str());

@@ -343,6 +343,24 @@ def missing():
     check((work.folder / "one.mdm").read_bytes() == made, "the template makes the same file")
 
 
+def converting():
+    """A SAS data set in the place of a transport file: the conversion is offered, and the job is told what to do."""
+    program = work.write("sas", "#!/bin/sh\ncp $1 job.txt\necho made > visits.ssp\n")
+    (work.folder / program).chmod(0o755)
+    work.write("visits.ssd", "")
+    path = os.environ["PATH"]
+    work.environment["PATH"] = f"{work.folder}:{path}"
+    for reply in ("n", "y"):
+        done = work.run(answers=f"y\n3\nvisits.ssp\n{reply}\n")
+        offer = "I don't see visits.ssp, but I do see visits.ssd.\nWould you like me to convert it to a transport file? "
+        check(offer in done.stdout and done.returncode == 14, f"the offer to convert: {done.stdout[-300:]}")
+        check((reply == "y") == ("Please keep visits.ssp around" in done.stdout), f"converted after {reply}")
+        question = "level-2" if reply == "y" else "level-1"
+        check(done.stdout.endswith(f"\nInput name of {question} file: " + NORESPONSE), f"the next question after {reply}")
+    check("select visits;\n" in work.read("job.txt") and "'./visits.ssp'" in work.read("job.txt"), "the job")
+    work.environment["PATH"] = path
+
+
 def startingvalues():
     """The menu that repairs the starting values of tau(pi)."""
     menu = (
@@ -402,6 +420,6 @@ def startingvalues():
     )
 
 
-for part in (sessions, choosing, keys, badanswers, missing, startingvalues):
+for part in (sessions, choosing, keys, badanswers, missing, converting, startingvalues):
     part()
 check.finish()
