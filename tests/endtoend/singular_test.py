@@ -91,6 +91,13 @@ fit("collinear fixed effects", [11], "near singularity", more="+X2", moreequatio
 for fishertype in "012":
     fit("FISHERTYPE " + fishertype, [0], "Statistics for the current model", FISHERTYPE=fishertype)
 
+text = fit("a heterogeneous stage", [0], "RESULTS FOR HETEROGENEOUS TAU(PI)", HETIT="8")
+check(len(work.read("hettau.dat").splitlines()) == 30, "hettau.dat has a line for each level-3 unit")
+check(all(len(line) == 12 + 3 * 15 for line in work.read("hettau.dat").splitlines()), "identifier and triangle of a unit")
+likelihoods = [float(value) for value in re.findall(r"at iteration \d+ = (\S+)", text.split("RESULTS FOR HET")[0])]
+check(likelihoods[:5] == sorted(likelihoods[:5]), "the likelihood rises over the heterogeneous iterations")
+study(30, 3, 8)
+fit("too few level-2 units for a heterogeneous stage", [100], "***Unable to perform heterogeneous iterations.", HETIT="8")
 study(30, 6, 8, sd2=(0, 0), sd3=(0, 0))
 for fishertype in "012":
     fit("no variance at levels 2 and 3, FISHERTYPE " + fishertype, [0, 15], FISHERTYPE=fishertype)
