@@ -267,6 +267,37 @@ TEST_P(Engine, HeterogeneousStepsGiveEachUnitItsOwnMoment) {
   }
 }
 
+// What an iteration cannot go on with ends the run by number, with the words in the report.
+TEST(Step, UnusableCovariancesEndTheRun) {
+  struct Case {
+    std::vector<double> T, L;
+    double s;
+    int code;
+    const char* words;
+  };
+  const Case cases[] = {
+      {{1, 1, 1, 1}, {1, 0, 0, 1}, 1, 12, "Matrix tau\\(pi\\) is not invertible"},
+      {{1, 0, 0, 1}, {1, 2, 2, 1}, 1, 12, "Matrix tau\\(beta\\) is not invertible"},
+      {{1, 0, 0, 1}, {-1, 0, 0, -1}, 1, 15, "unable to estimate covariance components"},
+      {{-1, 0, 0, -1}, {1, 0, 0, 1}, 1, 15, "unable to estimate covariance components"},
+      {{1, 0, 0, 1}, {1, 0, 0, 1}, -1, 15, "unable to estimate covariance components"},
+  };
+  for (const Case& bad : cases) {
+    study::Study made(1);
+    Pass pass;
+    study::prepare(pass);
+    study::setparameters(bad.T, bad.L, bad.s, points[0].gamma);
+    run.files.outfile = "stdout";
+    const auto step = [&] {
+      run.report.stream = stderr;
+      Likelihood likelihood{0, 0};
+      EmSums em;
+      emstep(pass, likelihood, em, nullptr);
+    };
+    EXPECT_EXIT(step(), testing::ExitedWithCode(bad.code), bad.words);
+  }
+}
+
 // A store that does not fit its budget goes through scratch files, in windows down to a single level-3 unit, and
 // changes no bit of the result.
 TEST(Store, FilesGiveTheSameBitsAsMemory) {
