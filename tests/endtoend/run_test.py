@@ -126,7 +126,7 @@ def failures():
     check(done.returncode == 100, "an engine that is not there ends the run")
     ends(work.run("chem97.mdm", work.edited("f7.kdr", "model1.kdr", OUTPUT="nowhere/r.txt")), 100,
          "Unable to open nowhere/r.txt for writing\n", "a report that cannot be opened")
-    done = work.run("chem97.mdm", model("f8", "LEVEL1:SCORE=INTRCPT1+RANDOM", ["LEVEL2:INTRCPT1=INTRCPT2+RANDOM/", "LEVEL3:INTRCPT2=RANDOM"]))
+    done = work.run("chem97.mdm", model("f8", "LEVEL1:SCORE=INTRCPT1+RANDOM", ["LEVEL2:INTRCPT1=INTRCPT2+RANDOM/", "LEVEL3:INTRCPT2=RANDOM/"]))
     ends(done, 17, "There are no fixed effects!!", "no fixed effects")
     bare = dict(work.environment, TMPDIR=str(work.scratch / "none"))
     done = subprocess.run([work.program, "-q", "-r", "chem97.mdmt", "x.mdm"], cwd=work.folder, env=bare, text=True,
