@@ -16,7 +16,7 @@ import time
 
 HERE = pathlib.Path(__file__).parent
 STUDIES = [  # level-3 units, level-2 units in each, records in each, random effects
-    (20, 3, 1, "intercept"),
+    (5, 4, 3, "intercept"),
     (200, 50, 20, "slope"),
     (500, 100, 20, "slope"),
     (1000, 100, 20, "slope"),

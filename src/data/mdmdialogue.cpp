@@ -127,7 +127,9 @@ Name askname(int level, int variable) {
   const std::string prompt = words("Enter 8 character name for level-%d variable number %d: ", level + 1, variable);
   std::string line;
   for (int empty = 0; empty <= mostempty; ++empty) {
-    if (readanswer(prompt, line) && line.find_first_not_of(' ') != std::string::npos) return paddedname(line);
+    // A template could not hold a name that begins like a comment or like the end of its block.
+    const bool any = readanswer(prompt, line) && line.find_first_not_of(' ') != std::string::npos;
+    if (any && line[0] != '#' && line[0] != '*') return paddedname(line);
     std::printf(" Invalid response. Try again.\n");
   }
   fail(14);

@@ -113,11 +113,12 @@ void askintercept1() {
   for (int e = 0; e < run.kind.neqsets; ++e) run.model.use1.row(e)[0] = 0;
 }
 
-// How each variable of a level that `used` marks is to be centered. `choices` are the digits that are answers.
+// How each variable of a level that `used` marks is to be centered; slot 0 marks that the question is asked anyway.
+// `choices` are the digits that are answers.
 void askcentering(const char* question, const char* explanation, const char* choices, const Array<int>& used,
                   const Array<Name>& names, Array<int>& marks) {
   bool any = false;
-  for (std::size_t v = 1; v < used.size(); ++v) any = any || used[v] != 0;
+  for (const int mark : used) any = any || mark != 0;
   if (!any || !askyesno(question)) return;
   std::printf("%s", explanation);
   for (std::size_t v = 1; v < used.size(); ++v)
@@ -130,7 +131,7 @@ constexpr const char* twochoices = " Enter 0 for no centering, 2 for grand-mean\
 void askcentering1() {
   if (run.answered.level1) return;
   Array<int> used(static_cast<std::size_t>(run.mdm.nvar1) + 1);
-  for (int v = 1; v <= run.mdm.nvar1; ++v) used[static_cast<std::size_t>(v)] = run.model.use1.row(0)[v] == 1;
+  for (int v = 0; v <= run.mdm.nvar1; ++v) used[static_cast<std::size_t>(v)] = run.model.use1.row(0)[v] == 1;
   askcentering("\nDo you want to center any level-1 predictors?", threechoices, "012", used, run.mdm.names1,
                run.model.center1);
 }
