@@ -1,4 +1,5 @@
 // Questions about the model itself.
+#include <algorithm>
 #include <cstdio>
 #include <string>
 
@@ -113,16 +114,19 @@ void askintercept1() {
   for (int e = 0; e < run.kind.neqsets; ++e) run.model.use1.row(e)[0] = 0;
 }
 
-// How each variable of a level that `used` marks is to be centered; slot 0 marks that the question is asked anyway.
-// `choices` are the digits that are answers.
-void askcentering(const char* question, const char* explanation, const char* choices, const Array<int>& used,
-                  const Array<Name>& names, Array<int>& marks) {
-  bool any = false;
-  for (const int mark : used) any = any || mark != 0;
-  if (!any || !askyesno(question)) return;
+// How each variable of a level that `used` marks is to be centered. `choices` are the digits that are answers; `asked`
+// says whether there is anything to ask about.
+void askcentering(bool asked, const char* question, const char* explanation, const char* choices,
+                  const Array<int>& used, const Array<Name>& names, Array<int>& marks) {
+  if (!asked || !askyesno(question)) return;
   std::printf("%s", explanation);
   for (std::size_t v = 1; v < used.size(); ++v)
     if (used[v] != 0) marks[v] = askletter(formatted("How do you want to center %8.8s?", names[v].text), choices) - '0';
+}
+
+// True when a variable besides the intercept is used.
+bool anyvariable(const Array<int>& used) {
+  return std::any_of(used.begin() + 1, used.end(), [](int mark) { return mark != 0; });
 }
 
 constexpr const char* threechoices = " Enter 0 for no centering, enter 1 for group-mean, 2 for grand-mean\n";
@@ -131,25 +135,25 @@ constexpr const char* twochoices = " Enter 0 for no centering, 2 for grand-mean\
 void askcentering1() {
   if (run.answered.level1) return;
   Array<int> used(static_cast<std::size_t>(run.mdm.nvar1) + 1);
-  for (int v = 0; v <= run.mdm.nvar1; ++v) used[static_cast<std::size_t>(v)] = run.model.use1.row(0)[v] == 1;
-  askcentering("\nDo you want to center any level-1 predictors?", threechoices, "012", used, run.mdm.names1,
-               run.model.center1);
+  for (int v = 1; v <= run.mdm.nvar1; ++v) used[static_cast<std::size_t>(v)] = run.model.use1.row(0)[v] == 1;
+  askcentering(run.coef.npi > 0, "\nDo you want to center any level-1 predictors?", threechoices, "012", used,
+               run.mdm.names1, run.model.center1);
 }
 
 void askcentering2() {
   if (run.answered.level2) return;
   Array<int> used(static_cast<std::size_t>(run.mdm.ncol2));
   eachcoefficient2([&](const Coefficient2& coefficient) { used[static_cast<std::size_t>(coefficient.w)] = 1; });
-  askcentering("\nDo you want to center any level-2 predictors?", threechoices, "012", used, run.mdm.names2,
-               run.model.center2);
+  askcentering(anyvariable(used), "\nDo you want to center any level-2 predictors?", threechoices, "012", used,
+               run.mdm.names2, run.model.center2);
 }
 
 void askcentering3() {
   if (run.answered.level3) return;
   Array<int> used(static_cast<std::size_t>(run.mdm.ncol3));
   eachfixedeffect([&](const Coefficient2&, int, int w) { used[static_cast<std::size_t>(w)] = 1; });
-  askcentering("Do you want to center any level-3 predictors?", twochoices, "02", used, run.mdm.names3,
-               run.model.center3);
+  askcentering(anyvariable(used), "Do you want to center any level-3 predictors?", twochoices, "02", used,
+               run.mdm.names3, run.model.center3);
 }
 
 // Variables for a row of `width` slots, from slot `first` on; -1 copies the row `before`, if there is one. `taken` is

@@ -124,7 +124,7 @@ TEST_F(Dialogue, WholeConversation) {
 
 TEST_F(Dialogue, KindsOfOutcome) {
   const std::string rest = "RESFIL2:N\nRESFIL3:N\nTITLE:t\nOUTPUT:o\nHYPOTH:N\nCONSTRAIN:N\nLVR-BETA:N\n";
-  const std::string model = "0\nn\n0\nn\nn\n0\nn\n0\n0\n";  // the intercept alone at all levels
+  const std::string model = "0\nn\nn\n0\nn\nn\n0\nn\n0\n0\n";  // the intercept alone at all levels
   struct Case {
     std::string answers;
     std::vector<std::string> lines;
