@@ -8,13 +8,12 @@
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
 #include "kernel/decompositions.h"
+#include "kernel/sizes.h"
 #include "linear/deletion.h"
 
 namespace kdr {
 
 namespace {
-
-std::size_t at(int i) { return static_cast<std::size_t>(i); }
 
 // Level-1 columns of the analysis and the buffers of one unit.
 struct UnitWork {

@@ -3,13 +3,12 @@
 
 #include "driver/failures.h"
 #include "driver/runrecord.h"
+#include "kernel/sizes.h"
 #include "linear/pass.h"
 
 namespace kdr {
 
 namespace {
-
-std::size_t at(int i) { return static_cast<std::size_t>(i); }
 
 // The reduced fixed effect of each full one, from the rows of the constraint matrix, which have a single 1.
 void reducedeffects(Array<int>& reduced) {

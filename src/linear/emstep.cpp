@@ -8,14 +8,13 @@
 #include "driver/runrecord.h"
 #include "kernel/decompositions.h"
 #include "kernel/products.h"
+#include "kernel/sizes.h"
 #include "linear/restriction.h"
 #include "report/matrixtables.h"
 
 namespace kdr {
 
 namespace {
-
-std::size_t at(int i) { return static_cast<std::size_t>(i); }
 
 // S = sigma2 t^-1 for a tau that the step needs as a covariance; failures 12 and 15 otherwise.
 Array<double> covarianceinverse(const double* t, int n, int level, double& logdet) {

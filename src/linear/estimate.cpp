@@ -9,6 +9,7 @@
 #include "driver/runrecord.h"
 #include "kernel/decompositions.h"
 #include "kernel/products.h"
+#include "kernel/sizes.h"
 #include "linear/datapass.h"
 #include "linear/exploratory.h"
 #include "linear/fixtau.h"
@@ -29,9 +30,6 @@
 namespace kdr {
 
 namespace {
-
-std::size_t at(int i) { return static_cast<std::size_t>(i); }
-std::size_t square(int n) { return at(n) * at(n); }
 
 // A section heading: text over a rule of its length, or <h3>.
 void sectionheading(const char* text, const char* html, int rule) {

@@ -7,6 +7,7 @@
 
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
+#include "kernel/sizes.h"
 #include "linear/sweep.h"
 #include "report/stream.h"
 
@@ -14,9 +15,7 @@ namespace kdr {
 
 namespace {
 
-std::size_t at(int i) { return static_cast<std::size_t>(i); }
-
-double square(double x) { return x * x; }
+double squared(double x) { return x * x; }
 
 // One candidate's regression. A coefficient of missingcode cannot be computed and prints as NC.
 struct Regression {
@@ -70,7 +69,7 @@ Products level2products(Pass& pass) {
         for (int c = 0; c < p; ++c) du[c] = hot[pass.store.atustar + at(c)] - meanu[k * p + c];
         for (int x = 0; x < m; ++x) dx[x] = cold[pass.store.atlevel2 + at(x)] - meanx[k * m + x];
         products.add(du.data(), dx.data());
-        for (int x = 0; x < m; ++x) products.rawx[x] += square(cold[pass.store.atlevel2 + x]);
+        for (int x = 0; x < m; ++x) products.rawx[x] += squared(cold[pass.store.atlevel2 + x]);
       },
       nothing);
   return products;
@@ -89,7 +88,7 @@ Products level3products(const Pass& pass) {
     for (int c = 0; c < b; ++c) dv[c] = pass.vstar[k * b + c] - meanv[c];
     for (int x = 0; x < m; ++x) dx[x] = run.mdm.level3[k * m + x] - meanx[x];
     products.add(dv.data(), dx.data());
-    for (int x = 0; x < m; ++x) products.rawx[x] += square(run.mdm.level3[k * m + x]);
+    for (int x = 0; x < m; ++x) products.rawx[x] += squared(run.mdm.level3[k * m + x]);
   }
   return products;
 }

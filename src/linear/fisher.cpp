@@ -7,6 +7,7 @@
 #include "kernel/decompositions.h"
 #include "kernel/matrix.h"
 #include "kernel/products.h"
+#include "kernel/sizes.h"
 #include "linear/emstep.h"
 #include "linear/posterior.h"
 #include "linear/sweep.h"
@@ -14,9 +15,6 @@
 namespace kdr {
 
 namespace {
-
-std::size_t at(int i) { return static_cast<std::size_t>(i); }
-std::size_t square(int n) { return at(n) * at(n); }
 
 // Inverses at the current estimates.
 struct Inverses {

@@ -11,14 +11,13 @@
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
 #include "kernel/decompositions.h"
+#include "kernel/sizes.h"
 #include "linear/startvaluesfile.h"
 #include "report/matrixtables.h"
 
 namespace kdr {
 
 namespace {
-
-std::size_t at(int i) { return static_cast<std::size_t>(i); }
 
 bool negativediagonal(const double* t, int n) {
   for (int i = 0; i < n; ++i)

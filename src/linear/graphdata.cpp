@@ -11,6 +11,7 @@
 #include "kernel/decompositions.h"
 #include "kernel/matrix.h"
 #include "kernel/products.h"
+#include "kernel/sizes.h"
 #include "linear/deletion.h"
 #include "linear/residualfiles.h"
 #include "linear/sweep.h"
@@ -22,9 +23,6 @@ namespace {
 
 constexpr double missing = -99.0;
 constexpr int percentiles = 101;
-
-std::size_t at(int i) { return static_cast<std::size_t>(i); }
-std::size_t square(int n) { return at(n) * at(n); }
 
 void put(ResultFile& file, int value) { writeresult(file, &value, sizeof value); }
 void put(ResultFile& file, double value) { writeresult(file, &value, sizeof value); }

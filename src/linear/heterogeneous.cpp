@@ -8,14 +8,13 @@
 #include "driver/failures.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
+#include "kernel/sizes.h"
 #include "linear/inference.h"
 #include "report/matrixtables.h"
 
 namespace kdr {
 
 namespace {
-
-std::size_t at(int i) { return static_cast<std::size_t>(i); }
 
 void writeunittaupi(std::FILE* file, int k, const double* T, int p) {
   constexpr int perline = 60;

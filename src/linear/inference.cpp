@@ -8,6 +8,7 @@
 #include "kernel/decompositions.h"
 #include "kernel/matrix.h"
 #include "kernel/products.h"
+#include "kernel/sizes.h"
 #include "linear/sweep.h"
 #include "report/fixedtable.h"
 #include "report/hypotheses.h"
@@ -16,9 +17,6 @@
 namespace kdr {
 
 namespace {
-
-std::size_t at(int i) { return static_cast<std::size_t>(i); }
-std::size_t square(int n) { return at(n) * at(n); }
 
 bool usableunit(const Pass& pass, const double* cold) { return cold[pass.store.atinverse] != missingcode; }
 

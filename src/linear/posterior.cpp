@@ -6,13 +6,11 @@
 #include "driver/failures.h"
 #include "driver/runrecord.h"
 #include "kernel/decompositions.h"
+#include "kernel/sizes.h"
 
 namespace kdr {
 
 namespace {
-
-std::size_t at(int i) { return static_cast<std::size_t>(i); }
-std::size_t square(int n) { return at(n) * at(n); }
 
 Level3Posterior makeposterior(const Pass& pass) {
   Level3Posterior unit;

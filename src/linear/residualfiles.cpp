@@ -6,6 +6,7 @@
 
 #include "data/scratch.h"
 #include "driver/runrecord.h"
+#include "kernel/sizes.h"
 #include "linear/sweep.h"
 #include "linear/unitresults.h"
 #include "report/residual/residualfile.h"
@@ -13,8 +14,6 @@
 namespace kdr {
 
 namespace {
-
-std::size_t at(int i) { return static_cast<std::size_t>(i); }
 
 // Fills a row from the left.
 struct RowValues {

@@ -8,13 +8,11 @@
 #include "driver/runrecord.h"
 #include "kernel/decompositions.h"
 #include "kernel/products.h"
+#include "kernel/sizes.h"
 
 namespace kdr {
 
 namespace {
-
-std::size_t at(int i) { return static_cast<std::size_t>(i); }
-std::size_t square(int n) { return at(n) * at(n); }
 
 // log det T + tr(T^-1 S), which the update makes small; false when T is not a usable covariance. T^-1 is left in
 // `inverse`.

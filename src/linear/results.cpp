@@ -3,6 +3,7 @@
 
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
+#include "kernel/sizes.h"
 #include "linear/inference.h"
 #include "linear/iteration.h"
 #include "report/fixedtable.h"
@@ -14,8 +15,6 @@
 namespace kdr {
 
 namespace {
-
-std::size_t at(int i) { return static_cast<std::size_t>(i); }
 
 void heading(const IterationState& state, int iteration) {
   if (!run.pass.linear()) {

@@ -8,6 +8,7 @@
 #include "driver/runrecord.h"
 #include "kernel/decompositions.h"
 #include "kernel/products.h"
+#include "kernel/sizes.h"
 #include "linear/fixtau.h"
 #include "linear/sweep.h"
 
@@ -16,8 +17,6 @@ namespace kdr {
 namespace {
 
 constexpr double worstcondition = 1.0e7;  // of a matrix of order 2 or more; an order of 1 has no condition
-
-std::size_t at(int i) { return static_cast<std::size_t>(i); }
 
 // Work of the three sweeps. Matrices are full.
 struct StartWork {

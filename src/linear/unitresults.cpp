@@ -5,14 +5,12 @@
 
 #include "driver/runrecord.h"
 #include "kernel/products.h"
+#include "kernel/sizes.h"
 #include "linear/sweep.h"
 
 namespace kdr {
 
 namespace {
-
-std::size_t at(int i) { return static_cast<std::size_t>(i); }
-std::size_t square(int n) { return at(n) * at(n); }
 
 // packed = the lower triangle of sigma2 times full, by rows.
 void packscaled(const double* full, int n, double* packed) {

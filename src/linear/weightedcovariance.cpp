@@ -5,14 +5,12 @@
 #include "driver/runrecord.h"
 #include "kernel/decompositions.h"
 #include "kernel/products.h"
+#include "kernel/sizes.h"
 #include "linear/sweep.h"
 
 namespace kdr {
 
 namespace {
-
-std::size_t at(int i) { return static_cast<std::size_t>(i); }
-std::size_t square(int n) { return at(n) * at(n); }
 
 Array<double> inverseof(const Array<double>& t, int n) {
   Array<double> inverse(square(n)), work(packedsize(n) + 3);

@@ -7,13 +7,12 @@
 #include "driver/failures.h"
 #include "driver/runrecord.h"
 #include "kernel/array.h"
+#include "kernel/sizes.h"
 #include "linear/deletion.h"
 
 namespace kdr {
 
 namespace {
-
-std::size_t at(int i) { return static_cast<std::size_t>(i); }
 
 void requirepositive(const Array<double>& weights, std::size_t n, int level) {
   for (std::size_t i = 0; i < n; ++i)

@@ -1,0 +1,11 @@
+// Counts of the model, which are ints, as sizes of arrays.
+#pragma once
+
+#include <cstddef>
+
+namespace kdr {
+
+constexpr std::size_t at(int i) { return static_cast<std::size_t>(i); }
+constexpr std::size_t square(int n) { return at(n) * at(n); }
+
+}  // namespace kdr
