@@ -20,11 +20,6 @@ void reducedeffects(Array<int>& reduced) {
       if (run.model.constrainmatrix[i * full + j] != 0.0) reduced[i] = static_cast<int>(j);
 }
 
-int level1coefficients(int set) {
-  const int* use = run.model.use1.row(set);
-  return static_cast<int>(std::count(use, use + run.mdm.ncol1, 1));
-}
-
 int countrandom2() {
   int random = 0;
   for (int e = 0; e < run.kind.neqsets; ++e) {
@@ -36,6 +31,11 @@ int countrandom2() {
 }
 
 }  // namespace
+
+int level1coefficients(int set) {
+  const int* use = run.model.use1.row(set);
+  return static_cast<int>(std::count(use, use + run.mdm.ncol1, 1));
+}
 
 void makedesign(Pass& pass) {
   const ModelSpec& model = run.model;

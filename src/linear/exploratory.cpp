@@ -183,11 +183,6 @@ void closetable(int columns) {
   reporthtml("</tbody></table>");
 }
 
-int level1coefficients(int set) {
-  const int* use = run.model.use1.row(set);
-  return static_cast<int>(std::count(use, use + run.mdm.ncol1, 1));
-}
-
 int most(const IntTable& counts) { return *std::max_element(counts.cells.begin(), counts.cells.end()); }
 
 void level2analysis(Pass& pass) {

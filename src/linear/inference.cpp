@@ -18,8 +18,6 @@ namespace kdr {
 
 namespace {
 
-bool usableunit(const Pass& pass, const double* cold) { return cold[pass.store.atinverse] != missingcode; }
-
 // Calls use(k, inverse) for each level-3 unit with the inverse of E_k = Z2'Z2 - sum_j Z2'Z1 C_j^-1 Z1'Z2, or with null
 // when it is not usable.
 template <class Use>
@@ -207,9 +205,7 @@ bool fewlevel3units() {
   for (int e = 0; e < run.kind.neqsets; ++e) {
     const int* nterms3 = run.model.nterms3.row(e);
     int b = 0;
-    const int* use = run.model.use1.row(e);
-    const auto ncoef = std::count(use, use + run.mdm.ncol1, 1);
-    for (int c = 0; c < ncoef; ++c)
+    for (int c = 0; c < level1coefficients(e); ++c)
       for (int s = 0; s < run.model.nterms2.row(e)[c]; ++s, ++b)
         if (run.mdm.nunits3 - nterms3[b] < enough) return true;
   }

@@ -80,6 +80,9 @@ struct Pass {
   }
 };
 
+// Level-1 coefficients of an equation set, the intercept among them.
+int level1coefficients(int set);
+
 // Fills the dimensions and the design from run.model and run.coef, and the term counts of the reduced model.
 // A pass with nothing random at a level prints "Nothing left at ... level." and stops with code 100.
 void makedesign(Pass& pass);

@@ -46,8 +46,6 @@ StartWork makework(const Pass& pass) {
   return w;
 }
 
-bool usableunit(const Pass& pass, const double* cold) { return cold[pass.store.atinverse] != missingcode; }
-
 // B = Z2'Z2, theta and Z2'Y - Z2'M gamma of level-3 unit k, gamma = gammahat.
 void level3residual(const Pass& pass, int k, StartWork& w) {
   const int nb = pass.nbeta, b = pass.b;

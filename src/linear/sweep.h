@@ -2,6 +2,7 @@
 #pragma once
 
 #include "driver/failures.h"
+#include "kernel/constants.h"
 #include "linear/pass.h"
 
 namespace kdr {
@@ -26,6 +27,9 @@ void sweepunits(Pass& pass, bool save, Begin begin, Each each, End end) {
     if (save) savewindow(pass.store.hot, window);
   }
 }
+
+// Whether the level-2 unit of a cold record has a least-squares fit of its own.
+inline bool usableunit(const Pass& pass, const double* cold) { return cold[pass.store.atinverse] != missingcode; }
 
 // Expands a packed symmetric matrix of order n into both triangles.
 inline void unpack(int n, const double* packed, double* full) {

@@ -86,7 +86,7 @@ void level2residuals(const Pass& pass, int k, const double* hot, const double* c
                      UnitResults& results) {
   const int p = pass.p, b = pass.b;
   UnitResults::Level2& out = results.level2;
-  if (cold[pass.store.atinverse] == missingcode) {
+  if (!usableunit(pass, cold)) {
     out.OL.fill(missing);
   } else {
     unpack(p, cold + pass.store.atinverse, results.inverse.data());
