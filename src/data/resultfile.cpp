@@ -38,11 +38,6 @@ void forget(const std::string& path) { std::erase(run.files.unfinished, path); }
   fail(5);
 }
 
-void flush(ResultFile& file) {
-  if (file.used != 0 && std::fwrite(file.buffer.data(), 1, file.used, file.stream) != file.used) cannotwrite(file);
-  file.used = 0;
-}
-
 }  // namespace
 
 void openresult(ResultFile& file, const std::string& path) {
@@ -64,15 +59,15 @@ void openresult(ResultFile& file, const std::string& path) {
   std::setvbuf(file.stream, nullptr, _IONBF, 0);
 }
 
-char* roomin(ResultFile& file, std::size_t count) {
-  if (file.used + count > file.buffer.size()) flush(file);
-  return file.buffer.data() + file.used;
+void flushresult(ResultFile& file) {
+  if (file.used != 0 && std::fwrite(file.buffer.data(), 1, file.used, file.stream) != file.used) cannotwrite(file);
+  file.used = 0;
 }
 
 void writeresult(ResultFile& file, const void* bytes, std::size_t count) {
   const char* from = static_cast<const char*>(bytes);
   while (count > 0) {
-    if (file.used == file.buffer.size()) flush(file);
+    if (file.used == file.buffer.size()) flushresult(file);
     const std::size_t piece = std::min(count, file.buffer.size() - file.used);
     std::memcpy(file.buffer.data() + file.used, from, piece);
     file.used += piece;
@@ -84,7 +79,7 @@ void writeresult(ResultFile& file, const void* bytes, std::size_t count) {
 void writeresult(ResultFile& file, std::string_view text) { writeresult(file, text.data(), text.size()); }
 
 void finishresult(ResultFile& file) {
-  flush(file);
+  flushresult(file);
   const bool unwritten = std::ferror(file.stream) != 0;
   const bool unclosed = std::fclose(file.stream) != 0;
   file.stream = nullptr;

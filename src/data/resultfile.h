@@ -26,8 +26,13 @@ void openresult(ResultFile& file, const std::string& path);
 // Appends bytes. Failure 5, after the file was removed.
 void writeresult(ResultFile& file, const void* bytes, std::size_t count);
 void writeresult(ResultFile& file, std::string_view text);
+// Writes the buffer to the stream. Failure 5, after the file was removed.
+void flushresult(ResultFile& file);
 // Room for `count` bytes (at most 64 KiB) at the file's end; wrote() says how many of them were filled.
-[[nodiscard]] char* roomin(ResultFile& file, std::size_t count);
+[[nodiscard]] inline char* roomin(ResultFile& file, std::size_t count) {
+  if (file.used + count > file.buffer.size()) flushresult(file);
+  return file.buffer.data() + file.used;
+}
 inline void wrote(ResultFile& file, std::size_t count) { file.used += count; }
 // Writes what is left and gives the file its name. Failure 5, after the file was removed.
 void finishresult(ResultFile& file);

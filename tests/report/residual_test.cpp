@@ -180,6 +180,11 @@ TEST_F(Text, NumbersHaveTheDigitsOfPrintf) {
   std::mt19937_64 rng(5);
   for (int i = 0; i < 20000; ++i)
     values.push_back(std::ldexp(std::uniform_real_distribution<double>(-1, 1)(rng), static_cast<int>(rng() % 60) - 30));
+  // Exactly between two decimals, and on both sides of the largest number with code of its own.
+  for (int i = -2000; i < 2000; ++i) {
+    for (const int digits : {6, 7, 8}) values.push_back(std::ldexp(2 * i + 1, -digits));
+    values.push_back(std::ldexp(1.0, 43) + i / 8.0);
+  }
   std::string want;
   char text[400];
   for (const double value : values) {
