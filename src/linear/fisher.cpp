@@ -68,14 +68,14 @@ struct InformationSums {
   // Work of one level-3 unit.
   Array<double> N22, M, half, Hs, U2;  // b squared; U2: b^2 by p^2, the sum of U_j (x) U_j
   Array<double> EE, EU, LEU;           // (E (x) E) U2 and its like
-  Array<double> R, RE, G, C, X, B, FF, temp, temp2;
+  Array<double> FF, temp, temp2;
 };
 
 InformationSums makesums(const Pass& pass, const Inverses& inv) {
   InformationSums sums;
   sums.pass = &pass;
   sums.inv = &inv;
-  const auto bb = square(pass.b), pp = square(pass.p), bp = at(pass.b) * at(pass.p);
+  const auto bb = square(pass.b), pp = square(pass.p);
   sums.LL.reset(bb * bb);
   sums.LT.reset(bb * pp);
   sums.TT.reset(pp * pp);
@@ -83,8 +83,7 @@ InformationSums makesums(const Pass& pass, const Inverses& inv) {
   sums.Ts.reset(pp);
   for (Array<double>* m : {&sums.N22, &sums.M, &sums.half, &sums.Hs}) m->reset(bb);
   for (Array<double>* m : {&sums.U2, &sums.EU, &sums.LEU}) m->reset(bb * pp);
-  for (Array<double>* m : {&sums.R, &sums.RE}) m->reset(bp);
-  for (Array<double>* m : {&sums.G, &sums.C, &sums.X, &sums.B, &sums.FF, &sums.temp, &sums.temp2}) m->reset(pp);
+  for (Array<double>* m : {&sums.FF, &sums.temp, &sums.temp2}) m->reset(pp);
   return sums;
 }
 
@@ -130,77 +129,14 @@ void sumUU(InformationSums& sums, const Level3Posterior& unit) {
     }
 }
 
-// C (m by n) = A (m by k) B (k by n), written to be unrolled where the orders are known to the compiler.
-inline void smallproduct(double* C, const double* A, const double* B, int m, int n, int k) {
-  for (int i = 0; i < m; ++i)
-    for (int j = 0; j < n; ++j) {
-      double sum = 0.0;
-      for (int l = 0; l < k; ++l) sum += A[i * k + l] * B[l * n + j];
-      C[i * n + j] = sum;
-    }
-}
-
-// Sums over the level-2 units of one level-3 unit that need a visit of the records: N_jj (x) N_jj - s^2 B_jj (x) B_jj
-// into TT (the pairs with j = l are in Y'(E (x) E)Y already) and C T^-1 C + C T^-1 G_j + G_j T^-1 C into `FF`. P is the
-// order of taupi and Q that of taubeta when known to the compiler, else 0.
-template <int P, int Q>
-void sumunits(InformationSums& sums, const Level3Posterior& unit, double* FF) {
-  const Pass& pass = *sums.pass;
-  const int p = P > 0 ? P : pass.p, b = Q > 0 ? Q : pass.b;
-  const double s = run.est.sigma2;
-  const double* Ti = sums.inv->Ti.data();
-  const double* hot = unit.hot;
-  double *C = sums.C.data(), *R = sums.R.data(), *ER = sums.RE.data(), *G = sums.G.data(), *N = sums.X.data();
-  double *B = sums.B.data(), *CT = sums.temp.data(), *work = sums.temp2.data();
-  double Tfixed[P > 0 ? P * P : 1], Efixed[Q > 0 ? Q * Q : 1];
-  const double* E = unit.E.data();
-  if (P > 0) Ti = std::copy_n(Ti, P * P, Tfixed) - P * P;
-  if (Q > 0) E = std::copy_n(E, Q * Q, Efixed) - Q * Q;
-  for (int j = 0; j < unit.units; ++j, hot += pass.store.hot.stride) {
-    const double* packed = hot + pass.store.atCinv;
-    for (int i = 0; i < p; ++i)
-      for (int l = 0; l <= i; ++l) C[i * p + l] = C[l * p + i] = *packed++;
-    smallproduct(R, hot + pass.store.atBZ1, C, b, p, p);
-    for (int i = 0; i < b * p; ++i) R[i] *= unit.z;
-    smallproduct(ER, E, R, b, p, b);
-    for (int i = 0; i < p; ++i)  // G = R'E R
-      for (int l = 0; l < p; ++l) {
-        double sum = 0.0;
-        for (int c = 0; c < b; ++c) sum += R[c * p + i] * ER[c * p + l];
-        G[i * p + l] = sum;
-      }
-    smallproduct(CT, C, Ti, p, p, p);
-    smallproduct(work, Ti, G, p, p, p);
-    smallproduct(B, work, Ti, p, p, p);
-    smallproduct(work, Ti, CT, p, p, p);
-    for (int i = 0; i < p * p; ++i) N[i] = Ti[i] - s * (work[i] + B[i]);  // T^-1 - s T^-1 V_j T^-1
-    double* total = sums.TT.data();
-    for (int i = 0; i < p; ++i)
-      for (int k = 0; k < p; ++k)
-        for (int l = 0; l < p; ++l)
-          for (int m = 0; m < p; ++m) *total++ += N[i * p + l] * N[k * p + m] - s * s * B[i * p + l] * B[k * p + m];
-    smallproduct(work, CT, C, p, p, p);
-    for (int i = 0; i < p * p; ++i) FF[i] += work[i];
-    smallproduct(work, CT, G, p, p, p);
-    for (int i = 0; i < p; ++i)
-      for (int l = 0; l < p; ++l) FF[i * p + l] += work[i * p + l] + work[l * p + i];
-  }
-}
-
-using SumUnits = void (*)(InformationSums&, const Level3Posterior&, double*);
-SumUnits sumunitsof(int p, int b) {
-  static constexpr SumUnits table[3][3] = {{sumunits<1, 1>, sumunits<1, 2>, sumunits<1, 3>},
-                                           {sumunits<2, 1>, sumunits<2, 2>, sumunits<2, 3>},
-                                           {sumunits<3, 1>, sumunits<3, 2>, sumunits<3, 3>}};
-  return p <= 3 && b <= 3 ? table[p - 1][b - 1] : sumunits<0, 0>;
-}
-
 // The part of the level-2 units. FE is E (Hs + L^-1) E.
 void addunits(InformationSums& sums, const Level3Posterior& unit, const double* FE) {
   const int p = sums.pass->p, b = sums.pass->b, rows = p * b;
   Array<double>& FF = sums.FF;
   FF.fill(0.0);
-  sumunitsof(p, b)(sums, unit, FF.data());
+  // The pairs with j = l are in Y'(E (x) E)Y already, so B_jj (x) B_jj is taken off again.
+  unitloops().scoring(unit.records,
+                      {sums.inv->Ti.data(), unit.E.data(), run.est.sigma2, unit.z, sums.TT.data(), FF.data()});
   for (int i = 0; i < p; ++i)  // the sum of R_j' FE R_j, from the moments of R_j
     for (int l = 0; l < p; ++l)
       for (int a = 0; a < b; ++a)

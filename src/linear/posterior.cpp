@@ -18,6 +18,7 @@ Level3Posterior makeposterior(const Pass& pass) {
   unit.sums.HY.reset(at(pass.nbeta));
   unit.sums.RR.reset(square(pass.b * pass.p));
   unit.sums.Cinv.reset(square(pass.p));
+  unit.loopwork.reset(loopwork(pass.p, pass.b, pass.nbeta));
   unit.weights.reset(pass.design.owner3.size());
   unit.P.reset(square(pass.nbeta));
   unit.y.reset(at(pass.nbeta));
@@ -193,15 +194,15 @@ PosteriorResult posteriorsweep(Pass& pass, const PosteriorInput& input, Posterio
     for (int k = window.k0; k < window.k1; ++k) {
       unit.k = k;
       unit.units = pass.n2of[k];
-      unit.hot = hot;
+      unit.records = unitrecords(store, hot, unit.units, b, unit.loopwork);
       unit.z = pass.scale3[k];
       if (input.hettaupi != nullptr) {
         if (!unitS(pass, input, unit, S.data(), work.data())) return PosteriorResult::badT;
         pack(S.data());
       }
-      if (!sumunits(store, hot, unit.units, b, Spacked.data(), unit.sums)) return PosteriorResult::badC;
+      if (!sumunits(unit.records, Spacked.data(), unit.sums)) return PosteriorResult::badC;
       if (!level3step(pass, input, unit, work)) return PosteriorResult::badD;
-      const double ua = meanunits(store, hot, unit.units, unit.thetastar.data(), input.keepmeans, unit.UU.data());
+      const double ua = meanunits(unit.records, unit.thetastar.data(), input.keepmeans, unit.UU.data());
       sumposteriorcovariance(pass, unit);
       unitscalars(pass, unit, S.data(), ua);
       addgeneralised(pass, unit, sums, reducedP, reducedy);

@@ -37,9 +37,10 @@ struct PosteriorInput {
 // The posterior of one level-3 unit.
 struct Level3Posterior {
   int k = 0;
-  int units = 0;                // its level-2 units
-  const double* hot = nullptr;  // their records
-  double z = 1.0;               // scale of Z2
+  int units = 0;           // its level-2 units
+  UnitRecords records{};   // their records, for the loops
+  Array<double> loopwork;  // of the loops
+  double z = 1.0;          // scale of Z2
   Level2Sums sums;
   Array<double> weights;           // the numbers in W3_k
   Array<double> P, y;              // P_k, y_k

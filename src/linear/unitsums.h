@@ -1,7 +1,8 @@
-// The innermost loops of the engine: sums over the level-2 units of one level-3 unit. See posterior.h for the formulas.
+// Sums over the level-2 units of one level-3 unit. See posterior.h for the formulas.
 #pragma once
 
 #include "kernel/array.h"
+#include "linear/unitloops.h"
 #include "linear/unitstore.h"
 
 namespace kdr {
@@ -16,14 +17,15 @@ struct Level2Sums {
   double logdetCinv = 0.0;
 };
 
-// First visit of the units whose hot records begin at `hot`: writes C_j^-1 to each record and fills `sums`, whose
-// arrays have their sizes. Spacked is S, packed; b the order of taubeta. False when some C_j cannot be inverted. Four
-// units are worked side by side; the order of summation is fixed, so the result does not depend on the machine.
-[[nodiscard]] bool sumunits(const UnitStore& store, double* hot, int units, int b, const double* Spacked,
-                            Level2Sums& sums);
+// The records of `units` level-2 units that begin at `hot`; b is the order of taubeta, `work` at least loopwork long.
+[[nodiscard]] UnitRecords unitrecords(const UnitStore& store, double* hot, int units, int b, Array<double>& work);
+
+// First visit: writes C_j^-1 to each record and fills `sums`, whose arrays have their sizes. Spacked is S, packed.
+// False when some C_j cannot be inverted.
+[[nodiscard]] bool sumunits(const UnitRecords& records, const double* Spacked, Level2Sums& sums);
 
 // Second visit: u_j = C_j^-1 a_j with a_j = Z1'Y - B'Z1' thetastar. Returns the sum of u_j'a_j, puts the sum of u_j
 // u_j' into UU (p squared) and, with `keep`, u_j into each record.
-double meanunits(const UnitStore& store, double* hot, int units, const double* thetastar, bool keep, double* UU);
+double meanunits(const UnitRecords& records, const double* thetastar, bool keep, double* UU);
 
 }  // namespace kdr
