@@ -43,14 +43,13 @@ void refill(UnitReader& reader) {
   reader.have = readat(reader, reader.buffer.data(), reader.buffer.size(), reader.start);
 }
 
-// Copies the next `bytes` bytes; a piece larger than the buffer comes straight from the file.
-void take(UnitReader& reader, void* destination, std::size_t bytes) {
-  char* to = static_cast<char*>(destination);
+// The next `bytes` bytes, which the buffer does not hold to the end; a piece larger than the buffer comes straight from
+// the file.
+void takeacross(UnitReader& reader, char* to, std::size_t bytes) {
   const std::size_t buffered = std::min(bytes, reader.have - reader.at);
   if (buffered > 0) std::memcpy(to, reader.buffer.data() + reader.at, buffered);
   reader.at += buffered;
   const std::size_t rest = bytes - buffered;
-  if (rest == 0) return;
   if (rest >= reader.buffer.size()) {
     reader.start += static_cast<long long>(reader.at);
     reader.at = reader.have = 0;
@@ -64,13 +63,21 @@ void take(UnitReader& reader, void* destination, std::size_t bytes) {
   reader.at = rest;
 }
 
+// Copies the next `bytes` bytes.
+inline void take(UnitReader& reader, void* destination, std::size_t bytes) {
+  if (bytes > reader.have - reader.at) return takeacross(reader, static_cast<char*>(destination), bytes);
+  std::memcpy(destination, reader.buffer.data() + reader.at, bytes);
+  reader.at += bytes;
+}
+
 void takeid(UnitReader& reader, Id& id) {
   if (run.mdm.numericids) {
     take(reader, &id.number, sizeof id.number);
     return;
   }
   take(reader, id.text.text, sizeof id.text.text);
-  if (std::memchr(id.text.text, '\0', sizeof id.text.text) == nullptr) damaged(reader, "an ID has no end");
+  if (id.text.text[sizeof id.text.text - 1] != '\0' && std::memchr(id.text.text, '\0', sizeof id.text.text) == nullptr)
+    damaged(reader, "an ID has no end");
 }
 
 void sizeblock(const UnitReader& reader, UnitBlock& block) {
@@ -90,7 +97,8 @@ bool takecount(UnitReader& reader, UnitBlock& block) {
   take(reader, &block.nj, sizeof block.nj);
   const std::size_t room = block.records.size() / std::max<std::size_t>(static_cast<std::size_t>(reader.nvar1), 1);
   // A working copy keeps the units that deletion left without a record.
-  if (block.nj < (reader.withmeans ? 1 : 0) || static_cast<std::size_t>(block.nj) > room || (reader.withmeans && block.nj > run.mdm.maxnj))
+  if (block.nj < (reader.withmeans ? 1 : 0) || static_cast<std::size_t>(block.nj) > room ||
+      (reader.withmeans && block.nj > run.mdm.maxnj))
     damaged(reader, "a level-2 unit has an impossible size");
   return true;
 }

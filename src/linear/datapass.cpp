@@ -122,46 +122,69 @@ double recordfactor(std::size_t record, const double* values) {
   return factor;
 }
 
-// AA += x x' over the records of the unit, x = (row of A, y). N is the number of columns, 0 for any.
-template <int N>
-void addrecords(UnitWork& work, const UnitBlock& unit, std::size_t firstrecord) {
-  const int n = N > 0 ? N : static_cast<int>(work.x.size());
-  const int outcome = run.kind.outvar - 1;
-  const bool factors = run.kind.weighted || run.out.autovknown != 0;
+// x = (row of A, y) of one record of n columns, times its factor if it has one.
+inline void takerow(UnitWork& work, const double* values, std::size_t record, bool factors, int n, double* x) {
   const int* column = work.column.data();
   const double* shift = work.shift.data();
+#pragma GCC unroll 8
+  for (int c = 0; c + 1 < n; ++c) x[c] = column[c] == 0 ? 1.0 : values[column[c] - 1] - shift[c];
+  x[n - 1] = values[run.kind.outvar - 1];
+  if (!factors) return;
+  const double factor = recordfactor(record, values);
+  for (int c = 0; c < n; ++c) x[c] *= factor;
+  if (!run.kind.weighted) return;
+  for (int c = 0; c < n; ++c)
+    for (int d = 0; d <= c; ++d) work.AA2[at(c * n + d)] += factor * factor * x[c] * x[d];
+}
+
+// AA = sum of x x' over the records of the unit, `first` the number of its first record.
+void addrecords(UnitWork& work, const UnitBlock& unit, std::size_t first, bool factors) {
+  const int n = static_cast<int>(work.x.size());
   double* x = work.x.data();
   double* AA = work.AA.data();
-  for (int i = 0; i < unit.nj; ++i) {
-    const double* values = unit.records.data() + at(i) * at(run.mdm.nvar1);
-    for (int c = 0; c + 1 < n; ++c) x[c] = column[c] == 0 ? 1.0 : values[column[c] - 1] - shift[c];
-    x[n - 1] = values[outcome];
-    if (factors) {
-      const double factor = recordfactor(firstrecord + at(i), values);
-      for (int c = 0; c < n; ++c) x[c] *= factor;
-      if (run.kind.weighted)
-        for (int c = 0; c < n; ++c)
-          for (int d = 0; d <= c; ++d) work.AA2[c * n + d] += factor * factor * x[c] * x[d];
-    }
+  work.AA.fill(0.0);
+  for (std::size_t i = 0; i < at(unit.nj); ++i) {
+    takerow(work, unit.records.data() + i * at(run.mdm.nvar1), first + i, factors, n, x);
     for (int c = 0; c < n; ++c)
       for (int d = 0; d <= c; ++d) AA[c * n + d] += x[c] * x[d];
   }
 }
 
-void unitproducts(UnitWork& work, const UnitBlock& unit, std::size_t firstrecord) {
-  work.AA.fill(0.0);
+// The same for n = N columns, with the sums in registers: a row of them two by two, so that one above the triangle may
+// be formed too.
+template <int N>
+void addrecords(UnitWork& work, const UnitBlock& unit, std::size_t first, bool factors) {
+  using Pair = double __attribute__((vector_size(16)));
+  constexpr int pairs = (N + 1) / 2;
+  Pair sums[N][pairs] = {};
+  for (std::size_t i = 0; i < at(unit.nj); ++i) {
+    double x[2 * pairs] = {};
+    takerow(work, unit.records.data() + i * at(run.mdm.nvar1), first + i, factors, N, x);
+#pragma GCC unroll 8
+    for (int c = 0; c < N; ++c)
+#pragma GCC unroll 4
+      for (int d = 0; d <= c / 2; ++d) sums[c][d] += Pair{x[c], x[c]} * Pair{x[2 * d], x[2 * d + 1]};
+  }
+  for (int c = 0; c < N; ++c)
+    for (int d = 0; d <= c; ++d) work.AA[at(c * N + d)] = sums[c][d / 2][d % 2];
+}
+
+void unitproducts(UnitWork& work, const UnitBlock& unit, std::size_t first) {
   work.AA2.fill(0.0);
+  const bool factors = run.kind.weighted || run.out.autovknown != 0;
   switch (work.x.size()) {
     case 2:
-      return addrecords<2>(work, unit, firstrecord);
+      return addrecords<2>(work, unit, first, factors);
     case 3:
-      return addrecords<3>(work, unit, firstrecord);
+      return addrecords<3>(work, unit, first, factors);
     case 4:
-      return addrecords<4>(work, unit, firstrecord);
+      return addrecords<4>(work, unit, first, factors);
     case 5:
-      return addrecords<5>(work, unit, firstrecord);
+      return addrecords<5>(work, unit, first, factors);
+    case 6:
+      return addrecords<6>(work, unit, first, factors);
     default:
-      return addrecords<0>(work, unit, firstrecord);
+      return addrecords(work, unit, first, factors);
   }
 }
 
@@ -221,6 +244,18 @@ void fillweighted(Pass& pass, const UnitWork& work, int k, double weight2) {
       *Z1Z1++ = scale2 * scale2 * element(work, work.AA2, pass.design.random1[i], pass.design.random1[j]);
 }
 
+// Whether the traces of a cross-product matrix of order p and of its inverse show that isbadcov would accept it with a
+// condition number below the limit: the eigenvalues lie between 1/tr(inverse) and tr(matrix). The margin is wide, so
+// the few matrices near a limit go to isbadcov itself.
+bool plainlyusable(const double* matrix, const double* inverse, int p) {
+  double trace = 0.0, inversetrace = 0.0;
+  for (int i = 0; i < p; ++i) {
+    trace += matrix[i * p + i];
+    inversetrace += inverse[i * p + i];
+  }
+  return p > 1 && inversetrace > 0.0 && inversetrace < 1.0e10 && trace * inversetrace < 1.0e5;
+}
+
 // The inverse of Z1'Z1, with missingcode at its head when the unit has no least-squares fit of its own.
 void fillinverse(const Pass& pass, UnitWork& work, const double* hot, double* inverse) {
   constexpr double worstcondition = 1.0e7;
@@ -230,7 +265,8 @@ void fillinverse(const Pass& pass, UnitWork& work, const double* hot, double* in
     for (int j = 0; j <= i; ++j) work.Z1Z1[i * p + j] = work.Z1Z1[j * p + i] = *packed++;
   double condition = 0.0;
   const bool usable = syminverse(p, work.Z1Z1.data(), p, work.inverse.data(), p, work.work.data()) == 0 &&
-                      !isbadcov(p, work.Z1Z1.data(), p, &condition) && (p == 1 || condition <= worstcondition);
+                      (plainlyusable(work.Z1Z1.data(), work.inverse.data(), p) ||
+                       (!isbadcov(p, work.Z1Z1.data(), p, &condition) && (p == 1 || condition <= worstcondition)));
   for (int i = 0; i < p; ++i)
     for (int j = 0; j <= i; ++j) *inverse++ = work.inverse[i * p + j];
   if (!usable) inverse[-static_cast<std::ptrdiff_t>(packedsize(p))] = missingcode;
