@@ -6,4 +6,4 @@ d <- data.frame(y = readBin(paste0(a[1], ".y"), "double", n), x = readBin(paste0
 suppressMessages(library(lme4))
 f <- if (a[2] == "slope") y ~ x + (1 + x | j) + (1 + x | k) else y ~ x + (1 | j) + (1 | k)
 t <- system.time(m <- lmer(f, d, REML = FALSE, control = lmerControl(calc.derivs = FALSE)))
-cat(sprintf("%.2f %.3f\n", t[["elapsed"]], deviance(m, REML = FALSE)))
+cat(sprintf("%.2f %.5f\n", t[["elapsed"]], deviance(m, REML = FALSE)))

@@ -15,13 +15,11 @@ def name(text):
     return text.rjust(8).ljust(12).encode() + b"\0"
 
 
-def main():
-    out, n3, per3, per2 = sys.argv[1], int(sys.argv[2]), int(sys.argv[3]), int(sys.argv[4])
-    slope = "intercept" not in sys.argv[5:]
-    rng = np.random.default_rng(20)
+def study(out, n3, per3, per2, sd2, sd3, seed=20):
+    """OUT.mdm and the files for R; sd2 and sd3 are the standard deviations of intercept and slope at levels 2 and 3."""
+    rng = np.random.default_rng(seed)
     n2 = n3 * per3
     n1 = n2 * per2
-    sd2, sd3 = np.array([1.0, 0.5 * slope]), np.array([0.7, 0.3 * slope])
     ids3 = np.array([("%12d" % k).encode() + b"\0" for k in range(n3)])
     block = np.dtype([("n", "<i4"), ("m", "<f8", 2), ("r", "<f8", (per2, 2)), ("k", "S13"), ("j", "S13"), ("z", "<f8")])
     with open(out + ".mdm", "wb") as mdm, open(out + ".y", "wb") as fy, open(out + ".x", "wb") as fx:
@@ -45,8 +43,7 @@ def main():
             fx.write(x.tobytes())
     np.repeat(np.arange(n2, dtype="<i4"), per2).tofile(out + ".j")
     np.repeat(np.arange(n3, dtype="<i4"), per3 * per2).tofile(out + ".k")
-    if "text" in sys.argv[5:]:
-        text(out, n3, per3, per2, rng)
+    return rng
 
 
 def text(out, n3, per3, per2, rng):
@@ -70,4 +67,13 @@ def text(out, n3, per3, per2, rng):
         f.write(f"*begin l1vars\n{names}\n*end l1vars\n*begin l2vars\nZ\n*end l2vars\n*begin l3vars\nQ\n*end l3vars\n")
 
 
-main()
+def usual(out, n3, per3, per2, slope):
+    """The study of the usual standard deviations."""
+    return study(out, n3, per3, per2, np.array([1.0, 0.5 * slope]), np.array([0.7, 0.3 * slope]))
+
+
+if __name__ == "__main__":
+    sizes = [int(word) for word in sys.argv[2:5]]
+    generator = usual(sys.argv[1], *sizes, "intercept" not in sys.argv[5:])
+    if "text" in sys.argv[5:]:
+        text(sys.argv[1], *sizes, generator)

@@ -66,8 +66,12 @@ struct LogProduct {
     factor = Real{} + 1.0;
     return true;
   }
+  // In the end two lanes at a time: their products are in range.
   double value() {
-    addlogarithms(product);
+    double values[width];
+    __builtin_memcpy(values, &product, sizeof product);
+    if (width == 1) return sum + ::log(values[0]);
+    for (int i = 0; i < width; i += 2) sum += ::log(values[i] * values[i + 1]);
     return sum;
   }
 };
