@@ -11,6 +11,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "data/readers/plainnumber.h"
+
 namespace kdr {
 
 namespace {
@@ -103,6 +105,8 @@ double stnumber(double value) { return std::isfinite(value) ? value : missingcod
 bool missingfield(std::string_view field) { return field.empty() || field == "NA"; }
 
 bool fieldnumber(std::string_view field, double& value) {
+  std::size_t before = 0;
+  if (endsinnumber(field.data(), field.size(), value, before) && before == 0) return true;
   char text[64];
   if (field.empty() || field.size() >= sizeof text || field.find_first_not_of("+-.0123456789eE") != field.npos)
     return false;

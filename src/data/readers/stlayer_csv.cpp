@@ -43,11 +43,9 @@ struct CsvState {
 
 CsvState& stateof(StFile& file) { return *static_cast<CsvState*>(file.state); }
 
-void takefield(void* bytes, std::size_t length, void* context) {
-  CsvState& state = *static_cast<CsvState*>(context);
+void storefield(CsvState& state, std::string_view field) {
   const std::size_t column = state.columns++;
   if (state.purpose == Purpose::count || column >= state.file->variables.size()) return;
-  const std::string_view field(static_cast<const char*>(bytes), bytes == nullptr ? 0 : length);
   StVariable& variable = state.file->variables[column];
   double value = missingcode;
   if (state.purpose == Purpose::names) {
@@ -60,6 +58,10 @@ void takefield(void* bytes, std::size_t length, void* context) {
   } else if (variable.selected) {
     state.file->texts[column] = missingfield(field) ? StText{} : sttext(field);
   }
+}
+
+void takefield(void* bytes, std::size_t length, void* context) {
+  storefield(*static_cast<CsvState*>(context), {static_cast<const char*>(bytes), bytes == nullptr ? 0 : length});
 }
 
 void takeend(int, void* context) { static_cast<CsvState*>(context)->complete = true; }
@@ -102,10 +104,39 @@ char finddelimiter(CsvState& state) {
   return candidates[std::max_element(found, found + 3) - found];
 }
 
+// Takes a line that is whole in the buffer and has no quote or stray carriage return in it, with the same outcome as
+// the library but in less time: blanks and tabs around a field are dropped, a line of nothing else is passed over.
+// False when the library has to take it.
+bool takeplainline(CsvState& state) {
+  const char* from = state.buffer.data() + state.at;
+  const char* feed = static_cast<const char*>(std::memchr(from, '\n', state.have - state.at));
+  if (feed == nullptr) return false;
+  std::string_view line(from, static_cast<std::size_t>(feed - from));
+  if (line.ends_with('\r')) line.remove_suffix(1);
+  if (line.find('"') != line.npos || line.find('\r') != line.npos) return false;
+  state.at += static_cast<std::size_t>(feed - from) + 1;
+  ++state.feeds;
+  const auto blank = [&](char c) { return (c == ' ' || c == '\t') && c != state.delimiter; };
+  if (std::all_of(line.begin(), line.end(), blank)) return true;
+  const char* end = line.data() + line.size();
+  for (const char* field = line.data();; ++field) {
+    const char* stop = std::find(field, end, state.delimiter);
+    const char* last = stop;
+    while (field < stop && blank(*field)) ++field;
+    while (last > field && blank(last[-1])) --last;
+    storefield(state, {field, static_cast<std::size_t>(last - field)});
+    field = stop;
+    if (stop == end) break;
+  }
+  state.complete = true;
+  return true;
+}
+
 // The next row that is not empty; false when there is none.
 bool nextrow(CsvState& state) {
   state.columns = 0;
   state.complete = false;
+  bool begun = false;  // the library may hold a part of the row
   while (!state.complete && !state.ended && !state.overlong) {
     if (state.at == state.have && !fillbuffer(state)) {
       state.ended = true;
@@ -115,6 +146,8 @@ bool nextrow(CsvState& state) {
       state.openquote = csv_fini(&state.parser, takefield, takeend, &state) != 0;
       break;
     }
+    if (!begun && takeplainline(state)) continue;
+    begun = true;
     const char* from = state.buffer.data() + state.at;
     const char* end = state.buffer.data() + state.have;
     const char* to = std::find_if(from, end, [](char c) { return c == '\n' || c == '\r'; });
