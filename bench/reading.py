@@ -187,6 +187,7 @@ def main():
         (folder / (name + ".mdmt")).write_text(template(name, extension, kind, filetype))
         ours, others = [], {reader: [] for reader in readers if reader in installed}
         for _ in range(3):
+            (folder / (name + ".mdm")).unlink(missing_ok=True)  # some file systems wait where a file is written over
             ours.append(timedprocess([program, "-q", "-r", name + ".mdmt"], folder,
                                      " %6d level-1 records have been processed" % records)[0])
             for reader, times in others.items():
