@@ -105,16 +105,16 @@ double stnumber(double value) { return std::isfinite(value) ? value : missingcod
 bool missingfield(std::string_view field) { return field.empty() || field == "NA"; }
 
 bool fieldnumber(std::string_view field, double& value) {
-  std::size_t before = 0;
-  if (endsinnumber(field.data(), field.size(), value, before) && before == 0) return true;
+  if (field.empty()) return false;
+  const char* end = field.data() + field.size();
+  if (startswithnumber(field.data(), end, value) == end) return true;
   char text[64];
-  if (field.empty() || field.size() >= sizeof text || field.find_first_not_of("+-.0123456789eE") != field.npos)
-    return false;
+  if (field.size() >= sizeof text || field.find_first_not_of("+-.0123456789eE") != field.npos) return false;
   field.copy(text, field.size());
   text[field.size()] = '\0';
-  char* end = nullptr;
-  value = std::strtod(text, &end);
-  return *end == '\0' && std::isfinite(value);
+  char* stop = nullptr;
+  value = std::strtod(text, &stop);
+  return *stop == '\0' && std::isfinite(value);
 }
 
 std::string stwords(const char* format, ...) {

@@ -8,6 +8,7 @@
 #include <climits>
 #include <cstring>
 
+#include "data/readers/plainnumber.h"
 #include "data/readers/stlayer.h"
 #include "driver/failures.h"
 
@@ -43,7 +44,8 @@ struct CsvState {
 
 CsvState& stateof(StFile& file) { return *static_cast<CsvState*>(file.state); }
 
-void storefield(CsvState& state, std::string_view field) {
+// Takes the next field of the row. `known` is its number where that is known already.
+void storefield(CsvState& state, std::string_view field, const double* known = nullptr) {
   const std::size_t column = state.columns++;
   if (state.purpose == Purpose::count || column >= state.file->variables.size()) return;
   StVariable& variable = state.file->variables[column];
@@ -52,9 +54,11 @@ void storefield(CsvState& state, std::string_view field) {
     nameit(variable, field);
   } else if (state.purpose == Purpose::kinds) {
     variable.width = std::max(variable.width, static_cast<int>(std::min<std::size_t>(field.size(), INT_MAX)));
-    if (variable.numeric && !missingfield(field)) variable.numeric = fieldnumber(field, value);
+    if (known == nullptr && variable.numeric && !missingfield(field)) variable.numeric = fieldnumber(field, value);
   } else if (variable.selected && variable.numeric) {
-    state.file->numbers[column] = !missingfield(field) && fieldnumber(field, value) ? value : missingcode;
+    state.file->numbers[column] = known != nullptr                                    ? *known
+                                  : !missingfield(field) && fieldnumber(field, value) ? value
+                                                                                      : missingcode;
   } else if (variable.selected) {
     state.file->texts[column] = missingfield(field) ? StText{} : sttext(field);
   }
@@ -120,13 +124,19 @@ bool takeplainline(CsvState& state) {
   if (std::all_of(line.begin(), line.end(), blank)) return true;
   const char* end = line.data() + line.size();
   for (const char* field = line.data();; ++field) {
-    const char* stop = std::find(field, end, state.delimiter);
-    const char* last = stop;
-    while (field < stop && blank(*field)) ++field;
-    while (last > field && blank(last[-1])) --last;
-    storefield(state, {field, static_cast<std::size_t>(last - field)});
-    field = stop;
+    double value = 0.0;
+    const char* stop = startswithnumber(field, end, value);
+    if (stop != nullptr && (stop == end || *stop == state.delimiter)) {
+      storefield(state, {field, static_cast<std::size_t>(stop - field)}, &value);
+    } else {
+      stop = std::find(field, end, state.delimiter);
+      const char* first = std::find_if_not(field, stop, blank);
+      const char* last = stop;
+      while (last > first && blank(last[-1])) --last;
+      storefield(state, {first, static_cast<std::size_t>(last - first)});
+    }
     if (stop == end) break;
+    field = stop;
   }
   state.complete = true;
   return true;
