@@ -2,10 +2,15 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <bit>
 #include <cmath>
+#include <cstdint>
+#include <random>
 #include <sstream>
 
 #include "data/rawtest.h"
+#include "data/readers/plainnumber.h"
 #include "data/readers/st.h"
 #include "driver/constants.h"
 
@@ -130,6 +135,28 @@ TEST(OtherFiles, HoldTheSameData) {
   }
 }
 
+// The short ways to a number give the double that the library's scan gives.
+TEST(PlainNumber, IsTheNearestDouble) {
+  std::mt19937_64 random(1);
+  for (int i = 0; i < 200000; ++i) {
+    std::string text = std::to_string(random() >> (random() % 64));
+    if (random() % 2 == 0) text.insert(random() % (text.size() + 1), ".");
+    if (random() % 3 == 0) text.insert(0, random() % 2 == 0 ? "-" : "+");
+    const char* end = text.data() + text.size();
+    const double expected = std::strtod(text.c_str(), nullptr);
+    double forwards = 0.0;
+    double backwards = 0.0;
+    std::size_t before = 1;
+    const bool simple = std::count_if(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; }) <= 15;
+    ASSERT_EQ(startswithnumber(text.data(), end, forwards), simple ? end : nullptr) << text;
+    ASSERT_EQ(endsinnumber(text.data(), text.size(), backwards, before), simple) << text;
+    if (!simple) continue;
+    ASSERT_EQ(before, 0U) << text;
+    ASSERT_EQ(std::bit_cast<std::uint64_t>(forwards), std::bit_cast<std::uint64_t>(expected)) << text;
+    ASSERT_EQ(std::bit_cast<std::uint64_t>(backwards), std::bit_cast<std::uint64_t>(expected)) << text;
+  }
+}
+
 // Each format cut short at level 1: words, and the records that are there.
 TEST(OtherFiles, CutShort) {
   Workplace workplace;
@@ -195,7 +222,7 @@ struct Delimited : testing::Test {
           if (ST_GetVarData(handle, v, &value, &second) == 1) {
             std::printf("[.]");
           } else if (ST_GetVarType(handle, v) == 1) {
-            std::printf("[%g]", *value.number);
+            std::printf("[%.17g]", *value.number);
           } else {
             std::printf("[%s]", value.text);
           }
@@ -236,6 +263,45 @@ TEST_F(Delimited, Tables) {
       {"a\n\"" + large + "\"\n", "0\nline 2 has a field of more than 1048576 bytes"},
   };
   for (const auto& c : cases) EXPECT_EQ(described(c.text), c.shown) << c.text.substr(0, 80);
+}
+
+// A line without quotes takes a shorter way than one with them.
+TEST_F(Delimited, QuotesChangeNothing) {
+  const std::string fields[] = {"1",
+                                "-2.5",
+                                "+.5",
+                                "5.",
+                                "-0.0",
+                                "123456789012345",
+                                "1234567890123456",
+                                "0.1234567890123456789",
+                                "12345.67",
+                                "1e-3",
+                                "1e-400",
+                                "NA",
+                                "",
+                                " 7 ",
+                                "\t8.25 \t",
+                                "00000000000000000000.3",
+                                "1 2",
+                                "+-3",
+                                "-",
+                                ".",
+                                "1.2.3",
+                                "1e999",
+                                "a\rb",
+                                " \t"};
+  for (const std::string& field : fields)
+    for (const std::string delimiter : {",", ";", "\t"})
+      for (const std::string ending : {"\n", "\r\n"}) {
+        if (delimiter == "\t" && field.find('\t') != std::string::npos) continue;
+        const std::string head = "a" + delimiter + "b" + delimiter + "c" + ending + ending;
+        const std::string row = field + delimiter + field + delimiter;
+        const std::string blank = delimiter == "\t" ? "  " : " \t";
+        EXPECT_EQ(described(head + row + "x" + ending + blank + ending),
+                  described(head + row + "\"x\"" + ending + blank + ending))
+            << field << delimiter;
+      }
 }
 
 TEST_F(Delimited, MakesTheFile) {
