@@ -104,8 +104,8 @@ double stnumber(double value) { return std::isfinite(value) ? value : missingcod
 bool missingfield(std::string_view field) { return field.empty() || field == "NA"; }
 
 bool fieldnumber(std::string_view field, double& value) {
-  char text[64];
-  if (field.empty() || field.size() >= sizeof text || field.find_first_not_of("+-.0123456789eE") != field.npos)
+  char text[longestnumber + 1];
+  if (field.empty() || field.size() > longestnumber || field.find_first_not_of("+-.0123456789eE") != field.npos)
     return false;
   // The quick conversion knows no leading plus and gives none for numbers too small to hold in full.
   const char* behind = field.data() + field.size();
