@@ -193,6 +193,22 @@ std::string described(const char* path, int format) {
   return outcome.words;
 }
 
+// Sheets with a line of names and records. A cell: its attributes, and what it holds.
+std::string cell(const std::string& attributes, const std::string& content) {
+  return "<c " + attributes + ">" + content + "</c>";
+}
+std::string number(const std::string& value, const std::string& attributes = "") {
+  return cell(attributes, "<v>" + value + "</v>");
+}
+std::string row(const std::string& cells, const std::string& attributes = "") {
+  return "<row " + attributes + ">" + cells + "</row>";
+}
+std::string names(const std::string& letters) {
+  std::string cells;
+  for (const char letter : letters) cells += cell("t='inlineStr'", std::string("<is><t>") + letter + "</t></is>");
+  return row(cells);
+}
+
 struct Delimited : testing::Test {
   Workplace workplace;
   const std::string one = "id3,id2,x,y,name\na,1,1,2,\"x, \"\"y\"\"\"\na,1,NA,3,\nb,2,,-1.5e3,NA\n";
@@ -254,6 +270,20 @@ TEST_F(Delimited, MakesTheFile) {
   EXPECT_EQ(contents("shown"),
             "INTRCPT1\nX\nY\nINTRCPT2\nW\nINTRCPT3\nZ\nA 0x1.999999999999ap-4\nB 0x1p+1\n"
             "A S1 0x1.cp+2\n 0x1p+0 0x1p+1\n . 0x1.8p+1\nB S2 0x1p+3\n . -0x1.77p+10\n");
+  makefile("1.csv", "id3,id2,x,y\nthirteen char,s1,1,2\n");
+  EXPECT_EQ(makemdm(templateof(recipe)).words, "Your ID variable is longer than 12 characters.\n");
+}
+
+TEST_F(Delimited, NumericIds) {
+  makefile("1.csv", "ID3,id2,X,Y\n1,1.8,1,2\n999999999999,123456789012,3,4\n");
+  makefile("2.csv", "ID3,id2,W\n1,2,7\n999999999999,123456789012,8\n");
+  makefile("3.csv", "ID3,Z\n,5\nNA,6\n1,7\n999999999999,8\n");  // rows without an ID go
+  EXPECT_EQ(makemdm(templateof(recipe)).code, 0);
+  EXPECT_EQ(contents("shown"),
+            "INTRCPT1\nX\nY\nINTRCPT2\nW\nINTRCPT3\nZ\n1 0x1.cp+2\n999999999999 0x1p+3\n"
+            "1 2 0x1.cp+2\n 0x1p+0 0x1p+1\n999999999999 123456789012 0x1p+3\n 0x1.8p+1 0x1p+2\n");
+  makefile("1.csv", "ID3;id2;X;Y\n1;2;2.5;3,5\n");
+  EXPECT_EQ(makemdm(templateof(recipe)).words, "mdm variables must be numeric!\n");
 }
 
 TEST_F(Delimited, Refusals) {
@@ -271,6 +301,7 @@ TEST_F(Delimited, Refusals) {
   makefile("two.csv", "id3,id2,w\n9999999999999,1,2\n");
   makefile("three.csv", "id3,z\n9999999999999,1\n");
   makefile("bad.csv", "id3,id2\n1\n");
+  makeworkbook("formula.xlsx", {names("a") + row(cell("", "<f>1</f>")), {}, {}, {}});
   const Recipe ids{
       "other", {"ids.csv /delim", "two.csv /delim", "three.csv /delim"}, "id3", "id2", {"x\ny\n", "w\n", "z\n"}};
   const struct {
@@ -293,6 +324,9 @@ TEST_F(Delimited, Refusals) {
       {file("1.csv /excel"), 1,
        "1.csv cannot be read as excel: it is no undamaged workbook of Excel (code -8).\n"
        " 1.csv is an empty file\n"},
+      {file("formula.xlsx /excel"), 1,
+       "formula.xlsx cannot be read as excel: the formula in A2 has no stored result; save it from a spreadsheet "
+       "program.\n formula.xlsx is an empty file\n"},
       {templateof(absent), 100, "id variable not found!\n"},
       {noids, 100, "ID specification must immediately follow *begin line!\n"},
       {templateof(recipe), 100, "ID's must be both be character or both numeric!\n"},
@@ -307,22 +341,6 @@ TEST_F(Delimited, Refusals) {
   EXPECT_EQ(ST_OpenInputFile(handle, 18, "1.csv"), 0);
   EXPECT_EQ(ST_OpenInputFile(handle, 18, "1.csv"), -3);
   ST_CloseFiles(handle);
-}
-
-// Sheets with a line of names and records. A cell: its attributes, and what it holds.
-std::string cell(const std::string& attributes, const std::string& content) {
-  return "<c " + attributes + ">" + content + "</c>";
-}
-std::string number(const std::string& value, const std::string& attributes = "") {
-  return cell(attributes, "<v>" + value + "</v>");
-}
-std::string row(const std::string& cells, const std::string& attributes = "") {
-  return "<row " + attributes + ">" + cells + "</row>";
-}
-std::string names(const std::string& letters) {
-  std::string cells;
-  for (const char letter : letters) cells += cell("t='inlineStr'", std::string("<is><t>") + letter + "</t></is>");
-  return row(cells);
 }
 
 TEST(Workbooks, Cells) {

@@ -191,8 +191,11 @@ TEST_F(Systat, OrderOfTheListAndRoundedIds) {
   study.level[0].rows[2][1] = 10.9;
   study.level[0].rows[0][1] = 10.7;
   makefile("1.sys", systatfile(study.level[0]));
+  study.level[2].rows.insert(study.level[2].rows.begin(), {missingcode, "", 5.0});  // goes, for want of an ID
+  makefile("3.sys", systatfile(study.level[2]));
   EXPECT_EQ(makemdm(templateof(other)).code, 0);
   const std::string shown = contents("shown");
+  EXPECT_NE(shown.find("Z\n1 0x1"), std::string::npos) << shown;
   EXPECT_EQ(shown.find("INTRCPT1\nLONGNAME\nX\nY\n"), 0U) << shown;
   EXPECT_NE(shown.find("1 10 0x1.4p+1\n 0x1.9b604"), std::string::npos) << shown;
   EXPECT_NE(shown.find("1 11 0x1.cp+1\n 0x0p+0 -0x1p-4 0x1.cp+2\n"), std::string::npos) << shown;
