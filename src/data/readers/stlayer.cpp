@@ -5,13 +5,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cmath>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-
-#include "data/readers/plainnumber.h"
 
 namespace kdr {
 
@@ -105,16 +104,18 @@ double stnumber(double value) { return std::isfinite(value) ? value : missingcod
 bool missingfield(std::string_view field) { return field.empty() || field == "NA"; }
 
 bool fieldnumber(std::string_view field, double& value) {
-  if (field.empty()) return false;
-  const char* end = field.data() + field.size();
-  if (startswithnumber(field.data(), end, value) == end) return true;
-  char text[64];
-  if (field.size() >= sizeof text || field.find_first_not_of("+-.0123456789eE") != field.npos) return false;
+  char text[longestnumber + 1];
+  if (field.empty() || field.size() > longestnumber || field.find_first_not_of("+-.0123456789eE") != field.npos)
+    return false;
+  // The quick conversion knows no leading plus and gives none for numbers too small to hold in full.
+  const char* behind = field.data() + field.size();
+  if (const auto [at, error] = std::from_chars(field.data(), behind, value); at == behind && error == std::errc{})
+    return true;
   field.copy(text, field.size());
   text[field.size()] = '\0';
-  char* stop = nullptr;
-  value = std::strtod(text, &stop);
-  return *stop == '\0' && std::isfinite(value);
+  char* end = nullptr;
+  value = std::strtod(text, &end);
+  return *end == '\0' && std::isfinite(value);
 }
 
 std::string stwords(const char* format, ...) {

@@ -2,6 +2,9 @@
 //
 // The dictionary takes one pass over the file, which settles the kind of each column: numeric when every field that is
 // not missing is a number. The records then come line by line.
+//
+// Where the comma is no delimiter it can be the decimal sign. One sign holds for the whole file: in a file with decimal
+// commas a point may part thousands, so its columns with points are no numbers.
 #include <csv.h>
 
 #include <algorithm>
@@ -19,6 +22,8 @@ namespace {
 constexpr std::size_t piecesize = std::size_t{1} << 16;
 constexpr std::size_t longestfield = std::size_t{1} << 20;
 
+constexpr unsigned haspoint = 1, hascomma = 2;
+
 enum class Purpose { count, names, kinds, values };
 
 struct CsvState {
@@ -28,6 +33,7 @@ struct CsvState {
   char delimiter = ',';
   Purpose purpose = Purpose::count;
   Array<char> buffer;
+  Array<unsigned> signs;  // decimal signs in each column's numbers: haspoint, hascomma
   std::size_t at = 0, have = 0;
   long long feeds = 0;      // line feeds so far
   bool ended = false;       // the parser was told that the file has ended
@@ -44,21 +50,38 @@ struct CsvState {
 
 CsvState& stateof(StFile& file) { return *static_cast<CsvState*>(file.state); }
 
+// The number that a field states, with the decimal signs that it has.
+bool numberin(const CsvState& state, std::string_view field, double& value, unsigned& sign) {
+  const std::size_t comma = state.delimiter == ',' ? field.npos : field.find(',');
+  sign = field.find('.') == field.npos ? 0 : haspoint;
+  if (comma == field.npos) return fieldnumber(field, value);
+  sign |= hascomma;
+  std::string pointed(field.substr(0, longestnumber));
+  if (comma < pointed.size()) pointed[comma] = '.';
+  return field.size() <= longestnumber && fieldnumber(pointed, value);
+}
+
 // Takes the next field of the row. `known` is its number where that is known already.
 void storefield(CsvState& state, std::string_view field, const double* known = nullptr) {
   const std::size_t column = state.columns++;
   if (state.purpose == Purpose::count || column >= state.file->variables.size()) return;
   StVariable& variable = state.file->variables[column];
   double value = missingcode;
+  unsigned sign = 0;
   if (state.purpose == Purpose::names) {
     nameit(variable, field);
   } else if (state.purpose == Purpose::kinds) {
     variable.width = std::max(variable.width, static_cast<int>(std::min<std::size_t>(field.size(), INT_MAX)));
-    if (known == nullptr && variable.numeric && !missingfield(field)) variable.numeric = fieldnumber(field, value);
+    if (!variable.numeric || missingfield(field)) return;
+    if (known != nullptr) {
+      sign = field.find('.') == field.npos ? 0 : haspoint;
+    } else {
+      variable.numeric = numberin(state, field, value, sign);
+    }
+    state.signs[column] |= sign;
   } else if (variable.selected && variable.numeric) {
-    state.file->numbers[column] = known != nullptr                                    ? *known
-                                  : !missingfield(field) && fieldnumber(field, value) ? value
-                                                                                      : missingcode;
+    const bool found = known != nullptr || (!missingfield(field) && numberin(state, field, value, sign));
+    state.file->numbers[column] = !found ? missingcode : known != nullptr ? *known : value;
   } else if (variable.selected) {
     state.file->texts[column] = missingfield(field) ? StText{} : sttext(field);
   }
@@ -183,11 +206,22 @@ void startrecords(CsvState& state, Purpose purpose) {
   state.purpose = purpose;
 }
 
+// Columns whose decimal sign is not the one of the file become texts.
+void settlesigns(StFile& file) {
+  const CsvState& state = stateof(file);
+  bool commas = false;
+  for (std::size_t v = 0; v < file.variables.size(); ++v)
+    commas = commas || (file.variables[v].numeric && state.signs[v] == hascomma);
+  for (std::size_t v = 0; v < file.variables.size(); ++v)
+    if ((state.signs[v] & haspoint) != 0 && (commas || state.signs[v] != haspoint)) file.variables[v].numeric = false;
+}
+
 // One pass over all rows: the kinds of the columns and the number of records. False for a file that is no table.
 bool settlekinds(StFile& file) {
   CsvState& state = stateof(file);
   startrecords(state, Purpose::kinds);
   for (StVariable& variable : file.variables) variable.numeric = true;
+  state.signs.reset(file.variables.size());
   while (nextrow(state)) {
     if (state.columns != file.variables.size()) {
       if (!(state.openline && state.columns < file.variables.size())) {
@@ -205,6 +239,7 @@ bool settlekinds(StFile& file) {
     file.trouble = stwords("line %lld has a field of more than %zu bytes", lineof(state), longestfield);
     return false;
   }
+  settlesigns(file);
   if (state.openquote)
     state.cut = stwords("it ends in a quoted field behind record %lld, which does not count", state.goodrows);
   if (state.cut.empty() && state.lastopen) state.cut = "no line end follows its last line, which counts all the same";
