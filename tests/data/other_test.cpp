@@ -2,11 +2,17 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <bit>
 #include <cmath>
+#include <cstdint>
+#include <random>
 #include <sstream>
 
 #include "data/rawtest.h"
+#include "data/readers/plainnumber.h"
 #include "data/readers/st.h"
+#include "data/workbook.h"
 #include "driver/constants.h"
 
 namespace kdr {
@@ -100,11 +106,12 @@ TEST(OtherFiles, HoldTheSameData) {
     const char* file;
     const char* type;
   } cases[] = {
-      {"sample#.csv", " /delim"},        {"sample#.txt", "/Delim"},  {"sample#-semicolon.csv", " /delim"},
-      {"sample#.xls", " /excel"},        {"sample#.dbf", " /xbase"}, {"sample#.dta", " /stata"},
-      {"sample#.dta", " /stata/se"},     {"sample#.sav", " /spss"},  {"sample#.sav", " /spss-hl"},
-      {"sample#.por", " /spssp"},        {"sample#.xpt", " /sasx"},  {"sample#.sas7bdat", " /sas-win"},
-      {"sample#.sas7bdat", " /sas-sun"},
+      {"sample#.csv", " /delim"},        {"sample#.txt", "/Delim"},         {"sample#-semicolon.csv", " /delim"},
+      {"sample#.xls", " /excel"},        {"sample#.xlsx", " /excel"},       {"sample#-r.xlsx", " /excel"},
+      {"sample#-117.dta", " /stata"},    {"sample#-118.dta", " /stata/se"}, {"sample#.dbf", " /xbase"},
+      {"sample#.dta", " /stata"},        {"sample#.dta", " /stata/se"},     {"sample#.sav", " /spss"},
+      {"sample#.sav", " /spss-hl"},      {"sample#.por", " /spssp"},        {"sample#.xpt", " /sasx"},
+      {"sample#.sas7bdat", " /sas-win"}, {"sample#.sas7bdat", " /sas-sun"},
   };
   for (const auto& c : cases)
     for (const bool texts : {false, true}) {
@@ -130,6 +137,28 @@ TEST(OtherFiles, HoldTheSameData) {
   }
 }
 
+// The short ways to a number give the double that the library's scan gives.
+TEST(PlainNumber, IsTheNearestDouble) {
+  std::mt19937_64 random(1);
+  for (int i = 0; i < 200000; ++i) {
+    std::string text = std::to_string(random() >> (random() % 64));
+    if (random() % 2 == 0) text.insert(random() % (text.size() + 1), ".");
+    if (random() % 3 == 0) text.insert(0, random() % 2 == 0 ? "-" : "+");
+    const char* end = text.data() + text.size();
+    const double expected = std::strtod(text.c_str(), nullptr);
+    double forwards = 0.0;
+    double backwards = 0.0;
+    std::size_t before = 1;
+    const bool simple = std::count_if(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; }) <= 15;
+    ASSERT_EQ(startswithnumber(text.data(), end, forwards), simple ? end : nullptr) << text;
+    ASSERT_EQ(endsinnumber(text.data(), text.size(), backwards, before), simple) << text;
+    if (!simple) continue;
+    ASSERT_EQ(before, 0U) << text;
+    ASSERT_EQ(std::bit_cast<std::uint64_t>(forwards), std::bit_cast<std::uint64_t>(expected)) << text;
+    ASSERT_EQ(std::bit_cast<std::uint64_t>(backwards), std::bit_cast<std::uint64_t>(expected)) << text;
+  }
+}
+
 // Each format cut short at level 1: words, and the records that are there.
 TEST(OtherFiles, CutShort) {
   Workplace workplace;
@@ -139,20 +168,14 @@ TEST(OtherFiles, CutShort) {
     std::size_t kept;
     int code;
   } cases[] = {
-      {"sample1.dbf", "xbase", 4000, 0},
-      {"sample1.csv", "delim", 1500, 0},
-      {"sample1.dta", "stata", 7500, 1},
-      {"sample1.por", "spssp", 2000, 0},
-      {"sample1.sas7bdat", "sas-win", 12000, 1},
-      {"sample1.xls", "excel", 9000, 1},
-      {"sample1.sav", "spss", 1800, 1},
-      {"sample1.dbf", "xbase", 100, 1},
-      {"sample1.dta", "stata", 300, 1},
-      {"sample1.sav", "spss", 100, 1},
-      {"sample1.por", "spssp", 300, 1},
-      {"sample1.sas7bdat", "sas-win", 0, 1},
-      {"sample1.xls", "excel", 0, 1},
-      {"sample1.xpt", "sasx", 500, 1},
+      {"sample1.dbf", "xbase", 4000, 0},         {"sample1.csv", "delim", 1500, 0},
+      {"sample1.dta", "stata", 7500, 1},         {"sample1.por", "spssp", 2000, 0},
+      {"sample1.sas7bdat", "sas-win", 12000, 1}, {"sample1.xls", "excel", 9000, 1},
+      {"sample1.xlsx", "excel", 7000, 1},        {"sample1.sav", "spss", 1800, 1},
+      {"sample1.dbf", "xbase", 100, 1},          {"sample1.dta", "stata", 300, 1},
+      {"sample1.sav", "spss", 100, 1},           {"sample1.por", "spssp", 300, 1},
+      {"sample1.sas7bdat", "sas-win", 0, 1},     {"sample1.xls", "excel", 0, 1},
+      {"sample1.xlsx", "excel", 2, 1},           {"sample1.xpt", "sasx", 500, 1},
   };
   for (const auto& c : cases) {
     makefile("cut", contents(files + c.file).substr(0, c.kept));
@@ -166,6 +189,53 @@ TEST(OtherFiles, CutShort) {
   }
 }
 
+// All that the layer tells of a file.
+std::string described(const char* path, int format) {
+  const Outcome outcome = runchild([=] {
+    StHandle handle = ST_OpenEnvironment();
+    std::printf("%d", ST_OpenInputFile(handle, format, path));
+    const int count = ST_ReadDict(handle);
+    for (int v = 0; v < count; ++v)
+      std::printf(" %s:%d:%d", ST_GetVarName(handle, v), ST_GetVarType(handle, v), ST_GetVarPrintWidth(handle, v));
+    ST_SelectAllVars(handle);
+    ST_InitReadOnly(handle);
+    while (count > 0 && ST_ReadRecord(handle) == 0) {
+      std::printf("\n");
+      for (int v = 0; v < count; ++v) {
+        StValue value{};
+        int second = 1;
+        if (ST_GetVarData(handle, v, &value, &second) == 1) {
+          std::printf("[.]");
+        } else if (ST_GetVarType(handle, v) == 1) {
+          std::printf("[%.15g]", *value.number);
+        } else {
+          std::printf("[%s]", value.text);
+        }
+      }
+    }
+    std::printf("\n%s", ST_Trouble(handle));
+    ST_CloseFiles(handle);
+  });
+  EXPECT_EQ(outcome.code, 0);
+  return outcome.words;
+}
+
+// Sheets with a line of names and records. A cell: its attributes, and what it holds.
+std::string cell(const std::string& attributes, const std::string& content) {
+  return "<c " + attributes + ">" + content + "</c>";
+}
+std::string number(const std::string& value, const std::string& attributes = "") {
+  return cell(attributes, "<v>" + value + "</v>");
+}
+std::string row(const std::string& cells, const std::string& attributes = "") {
+  return "<row " + attributes + ">" + cells + "</row>";
+}
+std::string names(const std::string& letters) {
+  std::string cells;
+  for (const char letter : letters) cells += cell("t='inlineStr'", std::string("<is><t>") + letter + "</t></is>");
+  return row(cells);
+}
+
 struct Delimited : testing::Test {
   Workplace workplace;
   const std::string one = "id3,id2,x,y,name\na,1,1,2,\"x, \"\"y\"\"\"\na,1,NA,3,\nb,2,,-1.5e3,NA\n";
@@ -176,36 +246,9 @@ struct Delimited : testing::Test {
     makefile("3.csv", "ID3;Z\na;0.1\nb;+2\n");
     recipe.id2 = "id2";
   }
-  // All that the layer tells of a file.
-  std::string described(const std::string& level1) {
+  static std::string described(const std::string& level1) {
     makefile("1.csv", level1);
-    const Outcome outcome = runchild([] {
-      StHandle handle = ST_OpenEnvironment();
-      std::printf("%d", ST_OpenInputFile(handle, 18, "1.csv"));
-      const int count = ST_ReadDict(handle);
-      for (int v = 0; v < count; ++v)
-        std::printf(" %s:%d:%d", ST_GetVarName(handle, v), ST_GetVarType(handle, v), ST_GetVarPrintWidth(handle, v));
-      ST_SelectAllVars(handle);
-      ST_InitReadOnly(handle);
-      while (count > 0 && ST_ReadRecord(handle) == 0) {
-        std::printf("\n");
-        for (int v = 0; v < count; ++v) {
-          StValue value{};
-          int second = 1;
-          if (ST_GetVarData(handle, v, &value, &second) == 1) {
-            std::printf("[.]");
-          } else if (ST_GetVarType(handle, v) == 1) {
-            std::printf("[%g]", *value.number);
-          } else {
-            std::printf("[%s]", value.text);
-          }
-        }
-      }
-      std::printf("\n%s", ST_Trouble(handle));
-      ST_CloseFiles(handle);
-    });
-    EXPECT_EQ(outcome.code, 0);
-    return outcome.words;
+    return kdr::described("1.csv", 18);
   }
 };
 
@@ -229,6 +272,14 @@ TEST_F(Delimited, Tables) {
       {"a,b\n", "0 a:1:0 b:1:0\n"},
       {"a,b\n1,2\n3", "0 a:1:1 b:1:1\n[1][2]\nit ends in the middle of line 3, which does not count"},
       {"a,b\n1,2\n3,\"4", "0 a:1:1 b:1:1\n[1][2]\nit ends in a quoted field behind record 1, which does not count"},
+      // Decimal commas: in the whole file or not at all.
+      {"a;b;c\n1,5;2;-,25\n;3;1,5e2\n", "0 a:1:3 b:1:1 c:1:5\n[1.5][2][-0.25]\n[.][3][150]\n"},
+      {"a\tb\n1,5\tx\n", "0 a:1:3 b:2:1\n[1.5][x]\n"},
+      {"a;b;c\n1,5;1.234;7\n", "0 a:1:3 b:2:5 c:1:1\n[1.5][1.234][7]\n"},
+      {"a;b\n1,5;1.5\n1.5;2.5\n", "0 a:2:3 b:1:3\n[1,5][1.5]\n[1.5][2.5]\n"},
+      {"a;b\n1.234,5;1.5\n", "0 a:2:7 b:1:3\n[1.234,5][1.5]\n"},
+      {"a;b\n1,234,567;1.5\n", "0 a:2:9 b:1:3\n[1,234,567][1.5]\n"},
+      {"a,b\n\"1,5\",1.5\n", "0 a:2:3 b:1:3\n[1,5][1.5]\n"},
       {"a,b\n1,2\n3\n", "0\nline 3 has 1 fields, the header line has 2"},
       {"a,b\n1,2,3\n", "0\nline 2 has 3 fields, the header line has 2"},
       {"", "0\nit has no header line"},
@@ -236,6 +287,45 @@ TEST_F(Delimited, Tables) {
       {"a\n\"" + large + "\"\n", "0\nline 2 has a field of more than 1048576 bytes"},
   };
   for (const auto& c : cases) EXPECT_EQ(described(c.text), c.shown) << c.text.substr(0, 80);
+}
+
+// A line without quotes takes a shorter way than one with them.
+TEST_F(Delimited, QuotesChangeNothing) {
+  const std::string fields[] = {"1",
+                                "-2.5",
+                                "+.5",
+                                "5.",
+                                "-0.0",
+                                "123456789012345",
+                                "1234567890123456",
+                                "0.1234567890123456789",
+                                "12345.67",
+                                "1e-3",
+                                "1e-400",
+                                "NA",
+                                "",
+                                " 7 ",
+                                "\t8.25 \t",
+                                "00000000000000000000.3",
+                                "1 2",
+                                "+-3",
+                                "-",
+                                ".",
+                                "1.2.3",
+                                "1e999",
+                                "a\rb",
+                                " \t"};
+  for (const std::string& field : fields)
+    for (const std::string delimiter : {",", ";", "\t"})
+      for (const std::string ending : {"\n", "\r\n"}) {
+        if (delimiter == "\t" && field.find('\t') != std::string::npos) continue;
+        const std::string head = "a" + delimiter + "b" + delimiter + "c" + ending + ending;
+        const std::string row = field + delimiter + field + delimiter;
+        const std::string blank = delimiter == "\t" ? "  " : " \t";
+        EXPECT_EQ(described(head + row + "x" + ending + blank + ending),
+                  described(head + row + "\"x\"" + ending + blank + ending))
+            << field << delimiter;
+      }
 }
 
 TEST_F(Delimited, MakesTheFile) {
@@ -246,6 +336,20 @@ TEST_F(Delimited, MakesTheFile) {
   EXPECT_EQ(contents("shown"),
             "INTRCPT1\nX\nY\nINTRCPT2\nW\nINTRCPT3\nZ\nA 0x1.999999999999ap-4\nB 0x1p+1\n"
             "A S1 0x1.cp+2\n 0x1p+0 0x1p+1\n . 0x1.8p+1\nB S2 0x1p+3\n . -0x1.77p+10\n");
+  makefile("1.csv", "id3,id2,x,y\nthirteen char,s1,1,2\n");
+  EXPECT_EQ(makemdm(templateof(recipe)).words, "Your ID variable is longer than 12 characters.\n");
+}
+
+TEST_F(Delimited, NumericIds) {
+  makefile("1.csv", "ID3,id2,X,Y\n1,1.8,1,2\n999999999999,123456789012,3,4\n");
+  makefile("2.csv", "ID3,id2,W\n1,2,7\n999999999999,123456789012,8\n");
+  makefile("3.csv", "ID3,Z\n,5\nNA,6\n1,7\n999999999999,8\n");  // rows without an ID go
+  EXPECT_EQ(makemdm(templateof(recipe)).code, 0);
+  EXPECT_EQ(contents("shown"),
+            "INTRCPT1\nX\nY\nINTRCPT2\nW\nINTRCPT3\nZ\n1 0x1.cp+2\n999999999999 0x1p+3\n"
+            "1 2 0x1.cp+2\n 0x1p+0 0x1p+1\n999999999999 123456789012 0x1p+3\n 0x1.8p+1 0x1p+2\n");
+  makefile("1.csv", "ID3;id2;X;Y\n1;2;2.5;3,5\n");
+  EXPECT_EQ(makemdm(templateof(recipe)).words, "mdm variables must be numeric!\n");
 }
 
 TEST_F(Delimited, Refusals) {
@@ -263,6 +367,7 @@ TEST_F(Delimited, Refusals) {
   makefile("two.csv", "id3,id2,w\n9999999999999,1,2\n");
   makefile("three.csv", "id3,z\n9999999999999,1\n");
   makefile("bad.csv", "id3,id2\n1\n");
+  makeworkbook("formula.xlsx", {names("a") + row(cell("", "<f>1</f>")), {}, {}, {}});
   const Recipe ids{
       "other", {"ids.csv /delim", "two.csv /delim", "three.csv /delim"}, "id3", "id2", {"x\ny\n", "w\n", "z\n"}};
   const struct {
@@ -283,8 +388,11 @@ TEST_F(Delimited, Refusals) {
       {file("bad.csv /delim"), 1,
        "bad.csv cannot be read as delim: line 2 has 1 fields, the header line has 2.\n bad.csv is an empty file\n"},
       {file("1.csv /excel"), 1,
-       "1.csv cannot be read as excel: it is no undamaged workbook of Excel 97 to 2003 (code -8).\n"
+       "1.csv cannot be read as excel: it is no undamaged workbook of Excel (code -8).\n"
        " 1.csv is an empty file\n"},
+      {file("formula.xlsx /excel"), 1,
+       "formula.xlsx cannot be read as excel: the formula in A2 has no stored result; save it from a spreadsheet "
+       "program.\n formula.xlsx is an empty file\n"},
       {templateof(absent), 100, "id variable not found!\n"},
       {noids, 100, "ID specification must immediately follow *begin line!\n"},
       {templateof(recipe), 100, "ID's must be both be character or both numeric!\n"},
@@ -299,6 +407,138 @@ TEST_F(Delimited, Refusals) {
   EXPECT_EQ(ST_OpenInputFile(handle, 18, "1.csv"), 0);
   EXPECT_EQ(ST_OpenInputFile(handle, 18, "1.csv"), -3);
   ST_CloseFiles(handle);
+}
+
+TEST(Workbooks, Cells) {
+  Workplace workplace;
+  const std::string formats =
+      "<numFmts><numFmt numFmtId='164' formatCode='yyyy\\-mm\\-dd'/><numFmt numFmtId='165' "
+      "formatCode='0.0&quot;days&quot;;[Red]d'/><numFmt numFmtId='166' formatCode='[h]:mm'/><numFmt numFmtId='167' "
+      "formatCode='mmm'/></numFmts><cellStyleXfs><xf numFmtId='14'/></cellStyleXfs><cellXfs><xf numFmtId='0'/><xf "
+      "numFmtId='164'/><xf numFmtId='165'/><xf numFmtId='166'/><xf numFmtId='167'/><xf numFmtId='22'/><xf "
+      "numFmtId='14'/></cellXfs>";
+  const std::string texts =
+      "<si><t>one</t></si><si><r><t>ri</t></r><r><t>ch</t></r><rPh><t>no</t></rPh></si><si/>"
+      "<si><t>NA</t></si><si><t>thirteen char</t></si>";
+  const auto dated = [&](const std::string& value, char style) {
+    return names("a") + row(number(value, std::string("s='") + style + "'"));
+  };
+  const struct {
+    Workbook book;
+    std::string shown;
+  } cases[] = {
+      {{names("ab") + row(number("1.5E-3") + number(" 2")), {}, {}, {}}, "0\nB2 holds no number"},
+      {{names("ab") + row(number("1.5E-3") + number("+2")), {}, {}, {}}, "0 a:1:0 b:1:0\n[0.0015][2]\n"},
+      // Kinds of cells: shared texts, results of formulas, truth values, errors.
+      {{names("abc") + row(number("0", "t='s'") + number("1", "t='s'") + number("4", "t='s'")) +
+            row(number("2", "t='s'") + number("3", "t='s'") + number("7")),
+        texts,
+        {},
+        {}},
+       "0 a:2:3 b:2:4 c:2:13\n[one][rich][thirteen cha+]\n[][][7]\n"},
+      {{names("abcd") +
+            row(cell("", "<f>1+1</f><v>2</v>") + cell("t='str'", "<f>x</f><v>t</v>") + number("1", "t='b'") +
+                number("#N/A", "t='e'")) +
+            row(cell("t='e'", "<f>1/0</f><v>#DIV/0!</v>") + cell("t='str'", "<f>x</f><v/>") + number("0", "t='b'") +
+                number("3")),
+        {},
+        {},
+        {}},
+       "0 a:1:0 b:2:1 c:1:0 d:1:0\n[2][t][1][.]\n[.][][0][3]\n"},
+      {{names("a") + row(cell("", "<f>1+1</f><v></v>")), {}, {}, {}},
+       "0\nthe formula in A2 has no stored result; save it from a spreadsheet program"},
+      {{names("a") + row(number("5", "t='s'")), texts, {}, {}}, "0\nA2 refers to a text that is not there"},
+      {{names("a") + row(number("-1", "t='s'")), texts, {}, {}}, "0\nA2 refers to a text that is not there"},
+      // Places: cells and rows that are left out, rows without a value, a first sheet whose names come late.
+      {{row("", "r='2'") + row(cell("r='B3' t='str'", "<v>b</v>"), "r='3'") +
+            row(number("1", "r='A7'") + number("2", "r='C7'"), "r='7'") + row("<c r='B8'/>", "r='8'") +
+            row(number("3", "r='B9'"), "r='9'"),
+        {},
+        {},
+        {}},
+       "0 :1:0 b:1:0 :1:0\n[1][.][2]\n[.][3][.]\n"},
+      {{names("a") + row(number("1", "r='XFD2'"), "r='2'") + row(number("1", "r='XFE3'")), {}, {}, {}},
+       "0\nrow 3 has a cell that no sheet can have"},
+      {{names("a") + row(number("1", "r='7'")), {}, {}, {}}, "0\nrow 2 has a cell that no sheet can have"},
+      {{names("a") + row("", "r='1'"), {}, {}, {}}, "0\na row behind row 1 has no number that a sheet can have"},
+      {{names("a") + row("", "r='1048577'"), {}, {}, {}}, "0\na row behind row 1 has no number that a sheet can have"},
+      {{row(""), {}, {}, {}}, "0\nits first sheet is empty"},
+      {{"", {}, {}, {}}, "0\nits first sheet is empty"},
+      {{names("a"), {}, {}, {}}, "0 a:1:0\n"},
+      // Dates: the days of 1900, of 1904, times, and numbers that only look like one.
+      {{dated("1", '1'), {}, formats, {}}, "0 a:2:10\n[1900-01-01]\n"},
+      {{dated("59", '1'), {}, formats, {}}, "0 a:2:10\n[1900-02-28]\n"},
+      {{dated("61", '6'), {}, formats, {}}, "0 a:2:10\n[1900-03-01]\n"},
+      {{dated("43831", '4'), {}, formats, {}}, "0 a:2:10\n[2020-01-01]\n"},
+      {{dated("42369", '1'), {}, formats, "date1904='1'"}, "0 a:2:10\n[2020-01-01]\n"},
+      {{dated("43831.75", '5'), {}, formats, {}}, "0 a:2:19\n[2020-01-01 1+]\n"},
+      {{dated("0.999999999", '3'), {}, formats, {}}, "0 a:2:8\n[00:00:00]\n"},
+      {{dated("1.25", '2'), {}, formats, {}}, "0 a:1:0\n[1.25]\n"},
+      {{dated("-1", '1'), {}, formats, {}}, "0 a:1:0\n[-1]\n"},
+      {{dated("1e300", '1'), {}, formats, {}}, "0 a:1:0\n[1e+300]\n"},
+      {{dated("1", '9'), {}, formats, {}}, "0 a:1:0\n[1]\n"},
+      // Forms that other writers give a workbook.
+      {{names("a") + row(number("1")), {}, {}, {}, true}, "0 a:1:0\n[1]\n"},
+      {{"<x:row><x:c t='str'><x:v>a</x:v></x:c></x:row><x:row><x:c><x:v>2</x:v></x:c></x:row>",
+        {},
+        {},
+        {},
+        false,
+        "x:"},
+       "0 a:1:0\n[2]\n"},
+      {{names("a"), {}, {}, {}, false, {}, "chartsheet"}, "0 second:1:0\n"},
+      // Damage, and entities that unfold without end.
+      {{names("a") + "<row><c>", {}, {}, {}}, "0\nits part xl/a.xml is damaged in line 1: mismatched tag"},
+      {{names("a"), "<si>", {}, {}}, "0\nits part xl/t.xml is damaged in line 1: mismatched tag"},
+      {{names("a"), {}, "<", {}}, "0\nits part xl/s.xml is damaged in line 1: not well-formed (invalid token)"},
+      {{names("a"), {}, {}, "a"}, "0\nits part xl/workbook.xml is damaged in line 1: not well-formed (invalid token)"},
+  };
+  for (const auto& c : cases) {
+    makeworkbook("1", c.book);
+    EXPECT_EQ(described("1", 7), c.shown) << c.book.cells;
+  }
+}
+
+// What is wrong with the archive itself. Every third byte of a small one is changed in turn.
+TEST(Workbooks, HostileArchives) {
+  Workplace workplace;
+  const std::string good = "0 a:1:0\n[12345]\n";
+  makeworkbook("1", {names("a") + row(number("12345")), {}, {}, {}}, 0);
+  ASSERT_EQ(described("1", 7), good);
+  const std::string whole = contents("1");
+  std::string changed = whole;
+  changed.replace(changed.find("12345"), 5, "12346");
+  makefile("1", changed);
+  EXPECT_EQ(described("1", 7), "0\nits part xl/a.xml does not agree with its checksum");
+  changed = whole;
+  changed.replace(changed.rfind("_rels/.rels"), 11, "_rels/.none");
+  makefile("1", changed);
+  EXPECT_EQ(described("1", 7), "0\nit is no workbook of Excel");
+  makefile("1", whole.substr(0, whole.size() - 30));
+  EXPECT_EQ(described("1", 7), "0\nit is no undamaged workbook of Excel: its table of contents is missing");
+  makefile("1", "PK");
+  EXPECT_EQ(described("1", 7), "0\nit is no undamaged workbook of Excel: its table of contents is missing");
+  const Outcome all = runchild([&] {
+    for (std::size_t at = 0; at < whole.size(); at += 3) {
+      std::string bytes = whole;
+      bytes[at] = static_cast<char>(~bytes[at]);
+      makefile("1", bytes);
+      StHandle handle = ST_OpenEnvironment();
+      if (ST_OpenInputFile(handle, 7, "1") == 0 && ST_ReadDict(handle) > 0) {
+        ST_SelectAllVars(handle);
+        StValue value{};
+        int second = 0;
+        // What is read all the same is what was written, unless the names of parts led to another sheet.
+        while (ST_ReadRecord(handle) == 0)
+          if (ST_GetVarData(handle, 0, &value, &second) == 0 && *value.number != 12345.0) std::printf("byte %zu ", at);
+      } else if (*ST_Trouble(handle) == '\0') {
+        std::printf("no word of byte %zu ", at);
+      }
+      ST_CloseFiles(handle);
+    }
+  });
+  EXPECT_EQ(all.code, 0);
+  EXPECT_EQ(all.words, "");
 }
 
 TEST(Dbase, DeletedRecordsAndHostileHeads) {

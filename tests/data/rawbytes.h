@@ -37,12 +37,13 @@ struct Columns {
   std::vector<const char*> variables;
 };
 
-// Reads "file" as the level-1 file of a format, in this process.
-inline Records readraw(const char* word, const std::string& bytes, const Columns& columns) {
+// Reads "file" as the level-1 file of a format, in this process. Type OTHER has its file type in `type`, with a slash.
+inline Records readraw(const char* word, const std::string& bytes, const Columns& columns,
+                       const std::string& type = "") {
   makefile("file", bytes);
   forgetraw();
   raw.reader = findreader(word);
-  raw.level[0].filename = "file";
+  raw.level[0].filename = "file" + type;
   raw.reader->open(0);
   markid(0, level3idmark, columns.id3);
   markid(0, level2idmark, columns.id2);

@@ -135,11 +135,11 @@ TEST_F(Sas, MakesTheFile) {
 TEST_F(Sas, NarrowFieldsAndNumericIds) {
   Study narrow = study;
   narrow.level[2].columns[2].width = 3;  // Z
-  narrow.level[2].rows = {{1.9, "a", 0.75}, {2.0, "b", missingcode}};
+  narrow.level[2].rows = {{missingcode, "", 3.0}, {1.9, "a", 0.75}, {2.0, "b", missingcode}};
   makefile("3.xpt", sasfile(narrow.level[2]));
   const Outcome outcome = makemdm(templateof(recipe));
   EXPECT_EQ(outcome.code, 0);
-  // The level-3 row without Z goes, and with it its unit; 1.9 becomes 1.
+  // The level-3 rows without an ID and without Z go, with the latter its unit; 1.9 becomes 1.
   EXPECT_NE(contents("shown").find("Z\n1 0x1.8p-1\n1 10"), std::string::npos) << contents("shown");
   EXPECT_EQ(outcome.words, extrawords);
 }

@@ -43,8 +43,8 @@ struct Sav {
 
   [[nodiscard]] std::string bytes() const {
     return magic + fixed("@(#) a product", 60) + int32bytes(layout) + int32bytes(numslots) + int32bytes(compressed) +
-           int32bytes(0) + int32bytes(numcases) + lowbytes(100.0) + std::string(84, ' ') + dictionary + records +
-           int32bytes(999) + int32bytes(0) + data;
+           int32bytes(0) + int32bytes(numcases) + lowbytes(100.0) + "01 Jan 9700:00:00" + std::string(67, ' ') +
+           dictionary + records + int32bytes(999) + int32bytes(0) + data;
   }
 };
 
@@ -87,6 +87,23 @@ TEST_F(Spss, MissingValues) {
       EXPECT_EQ(records.values[i][1], 9.0) << c.what;
     }
   }
+}
+
+// In an ID column a declared value is an ID here; the library of type OTHER takes it for missing.
+TEST_F(Spss, MissingIds) {
+  const Sav sav{
+      variable("LEA", 0, {7, 9}, -2, "declared") + variable("SCHOOL", 0) + variable("X", 0, {9}, 1) + variable("Y", 0),
+      4, cells({8, 1, 9, 3}) + cells({10, -DBL_MAX, 4, -DBL_MAX}), 0, 2};
+  const std::string none = "-1000000000000000042420637374017961984";
+  const std::vector<std::vector<double>> values = {{M, 3}, {4, M}};
+  const Records own = readraw("spss", sav.bytes(), columns);
+  const Records other = readraw("other", sav.bytes(), columns, " /spss");
+  EXPECT_EQ(own.values, values);
+  EXPECT_EQ(other.values, values);
+  EXPECT_EQ(own.id3, (std::vector<std::string>{"8", "10"}));
+  EXPECT_EQ(other.id3, (std::vector<std::string>{none, "10"}));
+  EXPECT_EQ(own.id2, (std::vector<std::string>{"1", none}));
+  EXPECT_EQ(other.id2, own.id2);
 }
 
 // Slots: LEA, SCHOOL, a text of 12 (2), X, a text of 40 (5), Y, a text of 3 (1).

@@ -133,14 +133,69 @@ TEST_F(Systat, SinglePrecision) {
   EXPECT_EQ(contents("shown"), studyshown(single, true));
 }
 
+// Files that SYSTAT itself wrote, which R's package foreign brings along (Debian: r-cran-foreign). The sums are those
+// of read.systat there.
+TEST_F(Systat, FilesOfSystat) {
+  const std::string place = "/usr/lib/R/library/foreign/files/";
+  if (!std::filesystem::exists(place + "Iris.syd")) GTEST_SKIP() << "R's package foreign is not installed";
+  const struct {
+    const char* file;
+    const char* id;
+    std::vector<const char*> names;
+    int records;
+    std::vector<double> sums, last;
+    const char* lastid;
+  } cases[] = {
+      {"Iris.syd",
+       "SPECIES",
+       {"SEPALLEN", "SEPALWID", "PETALLEN", "PETALWID"},
+       150,
+       {876.5, 458.6, 563.7, 179.9},
+       {5.9, 3.0, 5.1, 1.8},
+       "3"},
+      {"HillRace.SYD",
+       "RACE$",
+       {"TIME", "DISTANCE", "CLIMB"},
+       35,
+       {121540.0, 263.5, 63536.0},
+       {9590.0, 20.0, 5000.0},
+       "MOFFAT CHASE"},
+  };
+  for (const auto& c : cases) {
+    forgetraw();
+    raw.reader = findreader("systat");
+    raw.level[2].filename = place + c.file;
+    raw.reader->open(2);
+    markid(2, level3idmark, c.id);
+    for (const char* name : c.names) markvariable(2, name);
+    settleidkind();
+    raw.reader->prepare(2);
+    std::vector<double> values(c.names.size()), sums(c.names.size());
+    Id id{};
+    int records = 0;
+    while (readrecord(2, values.data(), &id, nullptr) == 0) {
+      ++records;
+      for (std::size_t i = 0; i < values.size(); ++i) sums[i] += values[i];
+    }
+    EXPECT_EQ(records, c.records);
+    EXPECT_EQ(idshown(id), c.lastid);
+    EXPECT_EQ(values, c.last);
+    for (std::size_t i = 0; i < sums.size(); ++i) EXPECT_NEAR(sums[i], c.sums[i], 1e-9) << c.names[i];
+    forgetraw();
+  }
+}
+
 TEST_F(Systat, OrderOfTheListAndRoundedIds) {
   Recipe other = recipe;
   other.names[0] = "LONGNAME\nX\nY\n";
   study.level[0].rows[2][1] = 10.9;
   study.level[0].rows[0][1] = 10.7;
   makefile("1.sys", systatfile(study.level[0]));
+  study.level[2].rows.insert(study.level[2].rows.begin(), {missingcode, "", 5.0});  // goes, for want of an ID
+  makefile("3.sys", systatfile(study.level[2]));
   EXPECT_EQ(makemdm(templateof(other)).code, 0);
   const std::string shown = contents("shown");
+  EXPECT_NE(shown.find("Z\n1 0x1"), std::string::npos) << shown;
   EXPECT_EQ(shown.find("INTRCPT1\nLONGNAME\nX\nY\n"), 0U) << shown;
   EXPECT_NE(shown.find("1 10 0x1.4p+1\n 0x1.9b604"), std::string::npos) << shown;
   EXPECT_NE(shown.find("1 11 0x1.cp+1\n 0x0p+0 -0x1p-4 0x1.cp+2\n"), std::string::npos) << shown;

@@ -2,7 +2,8 @@
 
     rawfiles_test.py <program>
 
-The small files in tests/data/files were written by tests/reference/rawfiles.R; the whole study is written by PSPP here.
+The small files in tests/data/files were written by rawfiles.R and pandasfiles.py of tests/reference; the whole study is
+written by PSPP here.
 """
 import os
 import shutil
@@ -155,7 +156,7 @@ def main():
     with tempfile.TemporaryDirectory() as work:
         runs = []
         for name in sorted({x.split('-')[0] for x in os.listdir(FILES)}):
-            if not name.startswith(('foreign', 'haven', 'sav')):
+            if not name.startswith(('foreign', 'haven', 'pandas', 'sav')):
                 continue
             sav = name.startswith('sav')
             files = ['%s-%d.%s' % (name, i, 'sav' if sav else 'dta') for i in (1, 2, 3)]

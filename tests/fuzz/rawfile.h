@@ -30,22 +30,19 @@ inline void markcolumns(int level, bool textids) {
   if (ids > 0) stopwith("id variable not found!\n");
 }
 
-// The first byte of the input tells the kind of IDs and what is done about missing values, the rest is the file.
-// Type OTHER has its file type in `type`, with a slash.
-inline int fuzzraw(const char* word, const std::uint8_t* data, std::size_t size, const std::string& type = "") {
-  if (size == 0) return 0;
-  startharness();
-  writeinput("raw", std::string_view(reinterpret_cast<const char*>(data) + 1, size - 1));
+// Reads the file "raw". The bits of `choices` tell the kind of IDs and what is done about missing values. Type OTHER
+// has its file type in `type`, with a slash.
+inline int fuzzfile(const char* word, std::uint8_t choices, const std::string& type) {
   run.mdm = MdmData{};
-  run.mdm.l1missing = (data[0] & 1) != 0;
-  run.mdm.deletednow = (data[0] & 2) != 0;
+  run.mdm.l1missing = (choices & 1) != 0;
+  run.mdm.deletednow = (choices & 2) != 0;
   run.files.mdmfile = "a.mdm";
   raw.reader = findreader(word);
   runjob([&] {
     for (int level = 0; level < 3; ++level) {
       raw.level[level].filename = "raw" + type;
       raw.reader->open(level);
-      markcolumns(level, (data[0] & 4) != 0);
+      markcolumns(level, (choices & 4) != 0);
     }
     settleidkind();
     for (Array<Name>* names : {&run.mdm.names1, &run.mdm.names2, &run.mdm.names3}) {
@@ -58,6 +55,14 @@ inline int fuzzraw(const char* word, const std::uint8_t* data, std::size_t size,
   scratchcloseall();
   forgetraw();
   return 0;
+}
+
+// The first byte of the input holds the choices, the rest is the file.
+inline int fuzzraw(const char* word, const std::uint8_t* data, std::size_t size, const std::string& type = "") {
+  if (size == 0) return 0;
+  startharness();
+  writeinput("raw", std::string_view(reinterpret_cast<const char*>(data) + 1, size - 1));
+  return fuzzfile(word, data[0], type);
 }
 
 }  // namespace kdr

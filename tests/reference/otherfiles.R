@@ -1,7 +1,9 @@
-# From the tables that otherfiles.py made: SAS transport, SAS data sets, Stata, SPSS and dBASE files of the same data.
+# From the tables that otherfiles.py made: SAS transport, SAS data sets, Stata, SPSS and dBASE files and workbooks of
+# the same data.
 # Rscript otherfiles.R, in tests/data/files.
 library(haven)
 library(foreign)
+library(openxlsx)
 for (level in 1:3) {
   base <- paste0("sample", level)
   table <- read.csv(paste0(base, ".csv"), stringsAsFactors = FALSE)
@@ -24,4 +26,5 @@ for (level in 1:3) {
   write_dta(tagged, paste0(base, ".dta"), version = 15)
   write_sav(declared, paste0(base, ".sav"), compress = "zsav")
   write.dbf(plain, paste0(base, ".dbf"))
+  write.xlsx(plain, paste0(base, "-r.xlsx"))
 }

@@ -1,10 +1,11 @@
 #!/usr/bin/env python3
 """Makes the sample of examples/chem97 that the raw readers are held against, in tests/data/files: fixed columns, a plain
-table for the R script beside this one, delimited text, and Excel workbooks (python3-xlwt). A few level-1 values are
+table for the R script beside this one, delimited text, and Excel workbooks (python3-xlwt, python3-openpyxl). A few level-1 values are
 missing. In tests/data/files, run it first, then otherfiles.R, then otherfiles.sps (through pspp)."""
 import csv
 import os
 
+import openpyxl
 import xlwt
 
 here = os.path.dirname(os.path.abspath(__file__))
@@ -67,17 +68,17 @@ for level in range(3):
             writer.writerow(names[level])
             for row in tables[level]:
                 writer.writerow([absent if value == "" else value for value in row])
-    book = xlwt.Workbook()
-    sheet = book.add_sheet("sample")
-    for c, name in enumerate(names[level]):
-        sheet.write(0, c, name)
-    for r, row in enumerate(tables[level], 1):
+    # Some missing values are empty cells, some are texts. In the newer workbooks one is an error.
+    book, newer = xlwt.Workbook(), openpyxl.Workbook()
+    sheet, newersheet = book.add_sheet("sample"), newer.active
+    for r, row in enumerate([names[level]] + tables[level]):
         for c, value in enumerate(row):
+            if r > 0 and value != "" and c not in range(ids, 2 * ids):
+                value = float(value)
             if value == "":
-                if r % 2 == 0:
-                    sheet.write(r, c, "NA")
-            elif c in range(ids, 2 * ids):
+                value = "NA" if r % 2 == 0 else None
+            if value is not None:
                 sheet.write(r, c, value)
-            else:
-                sheet.write(r, c, float(value))
+            newersheet.cell(r + 1, c + 1, "#N/A" if value is None and r % 3 == 1 else value)
     book.save("sample%d.xls" % (level + 1))
+    newer.save("sample%d.xlsx" % (level + 1))

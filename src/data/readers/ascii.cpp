@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "data/buildlog.h"
+#include "data/readers/plainnumber.h"
 #include "data/readers/textstream.h"
 #include "data/scratch.h"
 #include "driver/constants.h"
@@ -52,12 +53,6 @@ bool isblank(const char* bytes, std::size_t width) {
   return std::all_of(bytes, bytes + width, [](char c) { return c == ' ' || (c >= '\t' && c <= '\r'); });
 }
 
-constexpr int mostdigits = 15;  // a whole number of so many digits is exact as a double
-constexpr double powersoften[] = {1e0, 1e1, 1e2, 1e3, 1e4, 1e5, 1e6, 1e7, 1e8, 1e9, 1e10, 1e11, 1e12, 1e13, 1e14, 1e15};
-constexpr long long wholepowers[mostdigits] = {
-    1,         10,         100,         1000,         10000,         100000,         1000000,        10000000,
-    100000000, 1000000000, 10000000000, 100000000000, 1000000000000, 10000000000000, 100000000000000};
-
 // True when the `n` bytes at the start of a field are blanks. The text stream lets eight bytes be read there.
 bool blankstart(const char* bytes, std::size_t n) {
   if (n >= 8) return std::all_of(bytes, bytes + n, [](char c) { return c == ' '; });
@@ -67,32 +62,11 @@ bool blankstart(const char* bytes, std::size_t n) {
   return (others & ((std::uint64_t{1} << (8 * n)) - 1)) == 0;
 }
 
-// A plain decimal number with at most 15 digits, blanks around it: the quotient of two exact doubles is the number's
-// nearest double. False for any other text. Read from its end, where numbers in columns are alike.
+// A plain number with blanks around it.
 bool plainnumber(const char* bytes, std::size_t width, double& value) {
-  std::size_t left = width;
-  while (left > 0 && bytes[left - 1] == ' ') --left;
-  long long digits = 0;
-  int count = 0;
-  int decimals = -1;
-  for (; left > 0; --left) {
-    const auto digit = static_cast<unsigned>(bytes[left - 1] - '0');
-    if (digit <= 9) {
-      if (count == mostdigits) return false;
-      digits += digit * wholepowers[count++];
-    } else if (bytes[left - 1] == '.' && decimals < 0) {
-      decimals = count;
-    } else {
-      break;
-    }
-  }
-  const char sign = left > 0 ? bytes[left - 1] : ' ';
-  left -= static_cast<std::size_t>(sign == '-' || sign == '+');
-  if (count == 0 || !blankstart(bytes, left)) return false;
-  // A product with -1 keeps the sign of a zero, and costs no branch.
-  static constexpr double signs[] = {1.0, -1.0};
-  value = static_cast<double>(digits) / powersoften[decimals > 0 ? decimals : 0] * signs[sign == '-'];
-  return true;
+  std::size_t before = 0;
+  while (width > 0 && bytes[width - 1] == ' ') --width;
+  return endsinnumber(bytes, width, value, before) && blankstart(bytes, before);
 }
 
 // Any other field.

@@ -196,14 +196,20 @@ bool exists(const std::string& path) {
 
 double ibmdouble(const unsigned char* field, int width) {
   std::uint64_t bits = 0;
-  for (int i = 0; i < 8; ++i) bits = bits << 8U | (i < width ? field[i] : 0U);
+  if (width == 8) {
+    bits = highfirst<std::uint64_t>(field);
+  } else {
+    for (int i = 0; i < 8; ++i) bits = bits << 8U | (i < width ? field[i] : 0U);
+  }
   std::uint64_t fraction = bits & 0x00FFFFFFFFFFFFFFU;
   if (fraction == 0) return bits == 0 ? 0.0 : missingcode;
-  // value = 0.fraction * 16^(exponent - 64), with 56 bits of fraction
-  const int exponent = static_cast<int>(bits >> 56U & 0x7FU);
+  // value = 0.fraction * 16^(exponent - 64), with 56 bits of fraction: fraction * 2^(4 exponent - 312), which a double
+  // always holds
+  const std::uint64_t exponent = bits >> 56U & 0x7FU;
   const int surplus = std::max(0, 64 - std::countl_zero(fraction) - 53);
   fraction = fraction >> surplus << surplus;
-  const double magnitude = std::ldexp(static_cast<double>(fraction), 4 * (exponent - 64) - 56);
+  constexpr std::uint64_t one = 1023;  // the exponent field of the double 1.0
+  const double magnitude = static_cast<double>(fraction) * std::bit_cast<double>((one + 4 * exponent - 312) << 52U);
   return bits >> 63U != 0 ? -magnitude : magnitude;
 }
 

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cmath>
 #include <cstdarg>
 #include <cstdio>
@@ -103,9 +104,13 @@ double stnumber(double value) { return std::isfinite(value) ? value : missingcod
 bool missingfield(std::string_view field) { return field.empty() || field == "NA"; }
 
 bool fieldnumber(std::string_view field, double& value) {
-  char text[64];
-  if (field.empty() || field.size() >= sizeof text || field.find_first_not_of("+-.0123456789eE") != field.npos)
+  char text[longestnumber + 1];
+  if (field.empty() || field.size() > longestnumber || field.find_first_not_of("+-.0123456789eE") != field.npos)
     return false;
+  // The quick conversion knows no leading plus and gives none for numbers too small to hold in full.
+  const char* behind = field.data() + field.size();
+  if (const auto [at, error] = std::from_chars(field.data(), behind, value); at == behind && error == std::errc{})
+    return true;
   field.copy(text, field.size());
   text[field.size()] = '\0';
   char* end = nullptr;

@@ -75,6 +75,7 @@ void nameit(StVariable& variable, std::string_view name);
 
 // A field of a table of texts. Empty and "NA" are missing.
 [[nodiscard]] bool missingfield(std::string_view field);
+inline constexpr std::size_t longestnumber = 63;  // characters
 // The number that the whole field states in decimal notation; false when it states none that a double can hold.
 [[nodiscard]] bool fieldnumber(std::string_view field, double& value);
 

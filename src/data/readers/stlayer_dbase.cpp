@@ -5,6 +5,7 @@
 #include <cstring>
 #include <memory>
 
+#include "data/readers/plainnumber.h"
 #include "data/readers/stlayer.h"
 
 namespace kdr {
@@ -16,6 +17,7 @@ struct DbaseState {
   int records = 0;    // whole ones that the file holds
   int announced = 0;  // records that the head tells
   int next = 0;
+  Array<char> piece;  // the buffer of the table's stream
 };
 
 DbaseState& stateof(StFile& file) { return *static_cast<DbaseState*>(file.state); }
@@ -59,13 +61,40 @@ bool checkhead(StFile& file) {
   return true;
 }
 
-const char* pathopened = "";  // the library would look for a file whose name ends in .dbf
+constexpr std::size_t piecesize = std::size_t{1} << 20;
+
+// The file that is being opened: the library would look for one whose name ends in .dbf.
+StFile* opening = nullptr;
 
 SAFile openit(const char* name, const char* mode) {
   const std::size_t length = std::strlen(name);
   if (length > 4 && (std::strcmp(name + length - 4, ".cpg") == 0 || std::strcmp(name + length - 4, ".CPG") == 0))
     return nullptr;
-  return reinterpret_cast<SAFile>(std::fopen(pathopened, mode));
+  std::FILE* stream = std::fopen(opening->path.c_str(), mode);
+  if (stream == nullptr) return nullptr;
+  Array<char>& piece = stateof(*opening).piece;
+  piece.reset(piecesize);
+  std::setvbuf(stream, piece.data(), _IOFBF, piecesize);
+  std::rewind(stream);  // from now on it keeps account of where it stands
+  return reinterpret_cast<SAFile>(stream);
+}
+
+// The library seeks before each record; where the stream stands there already, its buffer is kept.
+SAOffset seekit(SAFile file, SAOffset offset, int whence) {
+  std::FILE* stream = reinterpret_cast<std::FILE*>(file);
+  const auto target = static_cast<off_t>(offset);
+  if (whence == SEEK_SET && ftello(stream) == target) return 0;
+  return static_cast<SAOffset>(fseeko(stream, target, whence));
+}
+
+// The number in field f of a record of which `bytes` are the raw bytes, null if it cannot be read.
+double numberat(const DbaseState& state, const char* bytes, int record, int f) {
+  double value = missingcode;
+  if (bytes != nullptr &&
+      plainfield(bytes + state.table->panFieldOffset[f], static_cast<std::size_t>(state.table->panFieldSize[f]), value))
+    return value;
+  if (DBFIsAttributeNULL(state.table, record, f) != 0) return missingcode;
+  return stnumber(DBFReadDoubleAttribute(state.table, record, f));
 }
 
 }  // namespace
@@ -77,8 +106,9 @@ bool dbasedictionary(StFile& file) {
   SAHooks hooks;
   SASetupDefaultHooks(&hooks);
   hooks.FOpen = openit;
+  hooks.FSeek = seekit;
   hooks.Error = [](const char*) {};
-  pathopened = file.path.c_str();
+  opening = &file;
   state->table = DBFOpenLL(file.path.c_str(), "rb", &hooks);
   const int count = state->table == nullptr ? 0 : DBFGetFieldCount(state->table);
   if (count <= 0) {
@@ -105,12 +135,12 @@ bool dbaserecord(StFile& file) {
     return false;
   }
   const int record = state.next++;
+  const char* bytes = DBFReadTuple(state.table, record);
   for (std::size_t v = 0; v < file.variables.size(); ++v) {
     if (!file.variables[v].selected) continue;
     const int f = static_cast<int>(v);
     if (file.variables[v].numeric) {
-      const bool missing = DBFIsAttributeNULL(state.table, record, f) != 0;
-      file.numbers[v] = missing ? missingcode : stnumber(DBFReadDoubleAttribute(state.table, record, f));
+      file.numbers[v] = numberat(state, bytes, record, f);
     } else {
       const char* text = DBFReadStringAttribute(state.table, record, f);
       file.texts[v] = sttext(text == nullptr ? "" : text);

@@ -1,127 +1,123 @@
-// Workbooks of Excel 97 to 2003 through FreeXL: the first sheet, its first row being the names.
-#include <freexl.h>
-
+// Workbooks of Excel: the first row that has a cell holds the names, each row below it is a record.
+//
+// The dictionary takes one pass over the sheet, which settles the kind of each column: numeric when every cell that is
+// not missing is a number.
+#include <algorithm>
+#include <climits>
 #include <cstdio>
+#include <cstring>
+#include <memory>
 
-#include "data/readers/stlayer.h"
+#include "data/readers/stlayer_sheet.h"
 
 namespace kdr {
 
 namespace {
 
 struct ExcelState {
-  const void* book = nullptr;
-  unsigned int rows = 0;
-  unsigned short columns = 0;
-  unsigned int next = 1;
+  const SheetSource* source = nullptr;
+  void* book = nullptr;
+  SheetRow row;
 };
 
 ExcelState& stateof(StFile& file) { return *static_cast<ExcelState*>(file.state); }
 
-// A cell as a number or as a text.
-struct Cell {
-  bool missing = true;
-  bool numeric = false;
-  double number = 0.0;
-  std::string text;
-};
-
-Cell cellof(const ExcelState& state, unsigned int row, unsigned short column) {
-  Cell cell;
-  FreeXL_CellValue value{};
-  if (freexl_get_cell_value(state.book, row, column, &value) != FREEXL_OK) return cell;
-  switch (value.type) {
-    case FREEXL_CELL_INT:
-      cell.numeric = true;
-      cell.number = value.value.int_value;
-      cell.text = stwords("%d", value.value.int_value);
-      break;
-    case FREEXL_CELL_DOUBLE:
-      cell.numeric = true;
-      cell.number = value.value.double_value;
-      cell.text = stwords("%.15g", value.value.double_value);
-      break;
-    case FREEXL_CELL_TEXT:
-    case FREEXL_CELL_SST_TEXT:
-    case FREEXL_CELL_DATE:
-    case FREEXL_CELL_DATETIME:
-    case FREEXL_CELL_TIME:
-      if (value.value.text_value != nullptr) cell.text = value.value.text_value;
-      break;
-    default:
-      return cell;
-  }
-  cell.missing = missingfield(cell.text);
-  return cell;
+// The workbooks of Excel 2007 and later are zip archives.
+const SheetSource& sourceof(const std::string& path) {
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> stream(std::fopen(path.c_str(), "rb"), std::fclose);
+  char head[2] = "";
+  const bool whole = stream != nullptr && std::fread(head, 1, sizeof head, stream.get()) == sizeof head;
+  return whole && std::memcmp(head, "PK", sizeof head) == 0 ? xlsxsource : xlssource;
 }
 
-bool openbook(StFile& file) {
+// The next row that has a cell with a value; false when there is none.
+bool nextrow(StFile& file) {
   ExcelState& state = stateof(file);
-  const int result = freexl_open(file.path.c_str(), &state.book);
-  unsigned int locked = FREEXL_BIFF_PLAIN;
-  unsigned int sheets = 0;
-  if (result != FREEXL_OK) {
-    file.trouble = stwords("it is no undamaged workbook of Excel 97 to 2003 (code %d)", result);
-  } else if (freexl_get_info(state.book, FREEXL_BIFF_PASSWORD, &locked) == FREEXL_OK && locked != FREEXL_BIFF_PLAIN) {
-    file.trouble = "it is protected by a password";
-  } else if (freexl_get_info(state.book, FREEXL_BIFF_SHEET_COUNT, &sheets) != FREEXL_OK || sheets == 0 ||
-             freexl_select_active_worksheet(state.book, 0) != FREEXL_OK ||
-             freexl_worksheet_dimensions(state.book, &state.rows, &state.columns) != FREEXL_OK || state.rows == 0 ||
-             state.columns == 0) {
-    file.trouble = "its first sheet is empty";
-  }
-  return file.trouble.empty();
+  const auto filled = [](const SheetCell& cell) { return cell.kind != SheetCell::Kind::empty; };
+  while (state.source->row(state.book, state.row, file.trouble))
+    if (std::any_of(state.row.cells.begin(), state.row.cells.begin() + state.row.count, filled)) return true;
+  return false;
+}
+
+StText textof(const SheetCell& cell) {
+  if (cell.kind == SheetCell::Kind::text) return cell.text;
+  return cell.kind == SheetCell::Kind::number ? sttext(stwords("%.15g", cell.number)) : StText{};
+}
+
+// Room for `count` variables, doubled as needed; those that are new are numeric until a text shows up.
+void growvariables(Array<StVariable>& variables, std::size_t count) {
+  std::size_t at = variables.size();
+  if (at >= count) return;
+  variables.resize(std::max(count, 2 * at));
+  for (; at < variables.size(); ++at) variables[at].numeric = true;
 }
 
 }  // namespace
 
 bool exceldictionary(StFile& file) {
-  file.state = new ExcelState;
-  if (!openbook(file)) return false;
-  const ExcelState& state = stateof(file);
-  makevariables(file, state.columns);
-  for (unsigned short c = 0; c < state.columns; ++c) {
-    StVariable& variable = file.variables[c];
-    nameit(variable, cellof(state, 0, c).text);
-    variable.numeric = true;
-    for (unsigned int r = 1; r < state.rows; ++r) {
-      const Cell cell = cellof(state, r, c);
-      if (cell.missing) continue;
-      variable.numeric = variable.numeric && cell.numeric;
-      if (static_cast<std::size_t>(variable.width) < cell.text.size())
-        variable.width = static_cast<int>(cell.text.size());
+  auto* state = new ExcelState;
+  file.state = state;
+  state->source = &sourceof(file.path);
+  state->book = state->source->open(file.path, file.trouble);
+  if (state->book == nullptr) return false;
+  if (!nextrow(file)) {
+    if (file.trouble.empty()) file.trouble = "its first sheet is empty";
+    return false;
+  }
+  Array<StVariable> variables;
+  std::size_t columns = state->row.count;
+  growvariables(variables, columns);
+  for (std::size_t c = 0; c < columns; ++c) nameit(variables[c], textof(state->row.cells[c]).bytes);
+  while (nextrow(file)) {
+    columns = std::max(columns, state->row.count);
+    growvariables(variables, columns);
+    for (std::size_t c = 0; c < state->row.count; ++c) {
+      const SheetCell& cell = state->row.cells[c];
+      if (cell.kind != SheetCell::Kind::text) continue;
+      variables[c].numeric = false;
+      variables[c].width = std::max(variables[c].width, cell.width);
+    }
+  }
+  if (!file.trouble.empty()) return false;
+  makevariables(file, columns);
+  std::copy_n(variables.begin(), columns, file.variables.begin());
+  return state->source->rewind(state->book, file.trouble) && nextrow(file);
+}
+
+bool excelrecord(StFile& file) {
+  ExcelState& state = stateof(file);
+  if (!nextrow(file)) return false;
+  for (std::size_t v = 0; v < file.variables.size(); ++v) {
+    if (!file.variables[v].selected) continue;
+    const SheetCell cell = v < state.row.count ? state.row.cells[v] : SheetCell{};
+    if (file.variables[v].numeric) {
+      file.numbers[v] = cell.kind == SheetCell::Kind::number ? stnumber(cell.number) : missingcode;
+    } else {
+      file.texts[v] = textof(cell);
     }
   }
   return true;
 }
 
-bool excelrecord(StFile& file) {
-  ExcelState& state = stateof(file);
-  while (state.next < state.rows) {
-    const unsigned int row = state.next++;
-    bool found = false;
-    for (unsigned short c = 0; c < state.columns; ++c) {
-      const StVariable& variable = file.variables[c];
-      if (!variable.selected && found) continue;
-      const Cell cell = cellof(state, row, c);
-      found = found || !cell.missing;
-      if (!variable.selected) continue;
-      if (variable.numeric) {
-        file.numbers[c] = cell.missing ? missingcode : stnumber(cell.number);
-      } else {
-        file.texts[c] = cell.missing ? StText{} : sttext(cell.text);
-      }
-    }
-    if (found) return true;  // a row without a cell is no record
-  }
-  return false;
-}
-
 void excelclose(StFile& file) {
   ExcelState* state = &stateof(file);
-  if (state->book != nullptr) freexl_close(state->book);
+  if (state->book != nullptr) state->source->close(state->book);
   delete state;
   file.state = nullptr;
 }
+
+SheetCell& cellat(SheetRow& row, std::size_t column) {
+  if (column >= row.cells.size()) row.cells.resize(std::max(column + 1, 2 * row.cells.size()));
+  for (; row.count <= column; ++row.count) row.cells[row.count] = SheetCell{};
+  return row.cells[column];
+}
+
+void settext(SheetCell& cell, std::string_view text) {
+  cell = SheetCell{SheetCell::Kind::text, 0.0, sttext(text),
+                   static_cast<int>(std::min<std::size_t>(text.size(), INT_MAX))};
+  if (missingfield(cell.text.bytes)) cell = SheetCell{};
+}
+
+void setnumber(SheetCell& cell, double number) { cell = SheetCell{SheetCell::Kind::number, number, {}, 0}; }
 
 }  // namespace kdr

@@ -16,11 +16,15 @@ namespace kdr {
 
 namespace {
 
-// The file as the library sees it. The table of characters in a portable file gives some characters a second place, for
-// a superscript or a dash of another kind. The library takes the last place, and would read no digits or lose a minus
-// sign; so it is shown the first one only.
+constexpr std::size_t piecesize = std::size_t{1} << 20;
+
+// The file as the library sees it: through a large buffer, as it reads some formats record by record. The table of
+// characters in a portable file gives some characters a second place, for a superscript or a dash of another kind. The
+// library takes the last place, and would read no digits or lose a minus sign; so it is shown the first one only.
 struct LibraryFile {
   std::FILE* stream = nullptr;
+  Array<char> piece;  // its buffer
+  bool portable = false;
   Array<long long> repeated;  // file positions of further places
 };
 
@@ -39,7 +43,8 @@ struct ReadstatState {
   long long read = 0;        // of them
   bool writefailed = false;
   ScratchFile scratch = nullptr;
-  std::string words;  // the library's last
+  Array<char> scratchpiece;  // its buffer
+  std::string words;         // the library's last
 };
 
 ReadstatState& stateof(StFile& file) { return *static_cast<ReadstatState*>(file.state); }
@@ -70,7 +75,9 @@ int openlibrary(const char* path, void* context) {
   LibraryFile& library = libraryof(context);
   library.stream = std::fopen(path, "rb");
   if (library.stream == nullptr) return -1;
-  findrepeated(library);
+  if (library.piece.empty()) library.piece.reset(piecesize);
+  std::setvbuf(library.stream, library.piece.data(), _IOFBF, piecesize);
+  if (library.portable) findrepeated(library);
   return 0;
 }
 
@@ -89,7 +96,7 @@ readstat_off_t seeklibrary(readstat_off_t offset, readstat_io_flags_t whence, vo
 
 ssize_t readlibrary(void* bytes, std::size_t count, void* context) {
   LibraryFile& library = libraryof(context);
-  const long long start = ftello(library.stream);
+  const long long start = library.repeated.empty() ? 0 : ftello(library.stream);
   const auto got = static_cast<long long>(std::fread(bytes, 1, count, library.stream));
   for (const long long position : library.repeated)
     if (position >= start && position < start + got) static_cast<char*>(bytes)[position - start] = '0';
@@ -133,6 +140,14 @@ void spoolrow(ReadstatState& state) {
   state.filled = 0;
 }
 
+// What readstat_value_is_missing tells, without a search in lists that are empty. That a value is no number at all
+// shows later.
+bool ismissing(readstat_value_t value, readstat_variable_t* variable) {
+  if (value.is_system_missing != 0 || value.is_tagged_missing != 0) return true;
+  return readstat_variable_get_missing_ranges_count(variable) > 0 &&
+         readstat_value_is_defined_missing(value, variable) != 0;
+}
+
 int takevalue(int observation, readstat_variable_t* variable, readstat_value_t value, void* context) {
   StFile& file = *static_cast<StFile*>(context);
   ReadstatState& state = stateof(file);
@@ -146,8 +161,7 @@ int takevalue(int observation, readstat_variable_t* variable, readstat_value_t v
   }
   char* place = state.row.data() + state.place[i];
   if (file.variables[i].numeric) {
-    const bool missing = readstat_value_is_missing(value, variable) != 0;
-    const double number = missing ? missingcode : stnumber(readstat_double_value(value));
+    const double number = ismissing(value, variable) ? missingcode : stnumber(readstat_double_value(value));
     std::memcpy(place, &number, sizeof number);
   } else {
     const char* text = readstat_string_value(value);
@@ -171,6 +185,13 @@ readstat_error_t parse(StFile& file) {
   readstat_set_variable_handler(parser, takevariable);
   readstat_set_value_handler(parser, takevalue);
   readstat_set_error_handler(parser, takewords);
+  readstat_set_open_handler(parser, openlibrary);
+  readstat_set_close_handler(parser, closelibrary);
+  readstat_set_seek_handler(parser, seeklibrary);
+  readstat_set_read_handler(parser, readlibrary);
+  readstat_set_update_handler(parser, updatelibrary);
+  readstat_set_io_ctx(parser, &stateof(file).library);
+  stateof(file).library.portable = file.backend->format == 13;
   const char* path = file.path.c_str();
   readstat_error_t error = READSTAT_ERROR_OPEN;
   switch (file.backend->format) {
@@ -184,12 +205,6 @@ readstat_error_t parse(StFile& file) {
       error = readstat_parse_sav(parser, path, &file);
       break;
     case 13:
-      readstat_set_open_handler(parser, openlibrary);
-      readstat_set_close_handler(parser, closelibrary);
-      readstat_set_seek_handler(parser, seeklibrary);
-      readstat_set_read_handler(parser, readlibrary);
-      readstat_set_update_handler(parser, updatelibrary);
-      readstat_set_io_ctx(parser, &stateof(file).library);
       error = readstat_parse_por(parser, path, &file);
       break;
     default:
@@ -220,6 +235,8 @@ void spool(StFile& file) {
   }
   state.row.reset(width);
   state.scratch = scratchopen();
+  state.scratchpiece.reset(piecesize);
+  std::setvbuf(state.scratch, state.scratchpiece.data(), _IOFBF, piecesize);
   const readstat_error_t error = parse(file);
   spoolrow(state);
   if (state.writefailed || std::fflush(state.scratch) != 0) fail(5);
