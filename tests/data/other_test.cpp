@@ -361,8 +361,8 @@ TEST(Workbooks, Cells) {
     Workbook book;
     std::string shown;
   } cases[] = {
-      {{names("ab") + row(number("1.5E-3") + number(" 2")), {}, {}, {}}, "0\nB2 holds no number"},
-      {{names("ab") + row(number("1.5E-3") + number("+2")), {}, {}, {}}, "0 a:1:0 b:1:0\n[0.0015][2]\n"},
+      {{names("ab") + row(number("1.5E-3") + number("1 2")), {}, {}, {}}, "0\nB2 holds no number"},
+      {{names("ab") + row(number("1.5E-3") + number("\n +2 ")), {}, {}, {}}, "0 a:1:0 b:1:0\n[0.0015][2]\n"},
       // Kinds of cells: shared texts, results of formulas, truth values, errors.
       {{names("abc") + row(number("0", "t='s'") + number("1", "t='s'") + number("4", "t='s'")) +
             row(number("2", "t='s'") + number("3", "t='s'") + number("7")),
