@@ -393,6 +393,8 @@ TEST(Workbooks, Cells) {
        "0 :1:0 b:1:0 :1:0\n[1][.][2]\n[.][3][.]\n"},
       {{names("a") + row(number("1", "r='XFD2'"), "r='2'") + row(number("1", "r='XFE3'")), {}, {}, {}},
        "0\nrow 3 has a cell that no sheet can have"},
+      {{names("a") + row("<c r='7'/>"), {}, {}, {}}, "0\nrow 2 has a cell that no sheet can have"},
+      {{names("a") + row("<c r='XFD2'><c/></c><c/>"), {}, {}, {}}, "0\nrow 2 has a cell that no sheet can have"},
       {{names("a") + row(number("1", "r='7'")), {}, {}, {}}, "0\nrow 2 has a cell that no sheet can have"},
       {{names("a") + row("", "r='1'"), {}, {}, {}}, "0\na row behind row 1 has no number that a sheet can have"},
       {{names("a") + row("", "r='1048577'"), {}, {}, {}}, "0\na row behind row 1 has no number that a sheet can have"},

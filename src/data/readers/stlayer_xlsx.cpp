@@ -302,7 +302,8 @@ void endcell(XlsxBook& book) {
                            cellname(book).c_str()));
     return;
   }
-  if (!fieldnumber(withoutspace(book.text), value)) return refuse(book, stwords("%s holds no number", cellname(book).c_str()));
+  if (!fieldnumber(withoutspace(book.text), value))
+    return refuse(book, stwords("%s holds no number", cellname(book).c_str()));
   const unsigned shows = book.style < book.styles.size() && book.type != "b" ? book.styles[book.style] : 0;
   constexpr double firstday = 0.0, lastday = 2958466.0;  // 31 December 9999 is the last
   if (book.type == "s") {
@@ -324,6 +325,7 @@ void endsheet(void* context, const XML_Char* element) {
   book.collects = false;
   if (!book.inside) return;
   if (name == "c") {
+    if (book.column >= mostcolumns) return;  // the end of an empty cell is still told when its start was refused
     endcell(book);
     ++book.column;
   } else if (name == "row") {
