@@ -427,8 +427,8 @@ TEST(Workbooks, Cells) {
     Workbook book;
     std::string shown;
   } cases[] = {
-      {{names("ab") + row(number("1.5E-3") + number(" 2")), {}, {}, {}}, "0\nB2 holds no number"},
-      {{names("ab") + row(number("1.5E-3") + number("+2")), {}, {}, {}}, "0 a:1:0 b:1:0\n[0.0015][2]\n"},
+      {{names("ab") + row(number("1.5E-3") + number("1 2")), {}, {}, {}}, "0\nB2 holds no number"},
+      {{names("ab") + row(number("1.5E-3") + number("\n +2 ")), {}, {}, {}}, "0 a:1:0 b:1:0\n[0.0015][2]\n"},
       // Kinds of cells: shared texts, results of formulas, truth values, errors.
       {{names("abc") + row(number("0", "t='s'") + number("1", "t='s'") + number("4", "t='s'")) +
             row(number("2", "t='s'") + number("3", "t='s'") + number("7")),
@@ -459,6 +459,8 @@ TEST(Workbooks, Cells) {
        "0 :1:0 b:1:0 :1:0\n[1][.][2]\n[.][3][.]\n"},
       {{names("a") + row(number("1", "r='XFD2'"), "r='2'") + row(number("1", "r='XFE3'")), {}, {}, {}},
        "0\nrow 3 has a cell that no sheet can have"},
+      {{names("a") + row("<c r='7'/>"), {}, {}, {}}, "0\nrow 2 has a cell that no sheet can have"},
+      {{names("a") + row("<c r='XFD2'><c/></c><c/>"), {}, {}, {}}, "0\nrow 2 has a cell that no sheet can have"},
       {{names("a") + row(number("1", "r='7'")), {}, {}, {}}, "0\nrow 2 has a cell that no sheet can have"},
       {{names("a") + row("", "r='1'"), {}, {}, {}}, "0\na row behind row 1 has no number that a sheet can have"},
       {{names("a") + row("", "r='1048577'"), {}, {}, {}}, "0\na row behind row 1 has no number that a sheet can have"},

@@ -283,6 +283,12 @@ void startsheet(void* context, const XML_Char* element, const XML_Char** attribu
   }
 }
 
+std::string_view withoutspace(std::string_view text) {
+  constexpr const char* space = " \t\r\n";
+  const std::size_t first = text.find_first_not_of(space);
+  return first == text.npos ? "" : text.substr(first, text.find_last_not_of(space) + 1 - first);
+}
+
 void endcell(XlsxBook& book) {
   SheetCell& cell = cellat(*book.row, book.column);
   const bool texts = book.type == "str" || book.type == "inlineStr" || book.type == "d";
@@ -290,13 +296,14 @@ void endcell(XlsxBook& book) {
   cell = SheetCell{};
   if (book.type == "e") return;  // an error is a missing value
   if (texts) return settext(cell, book.text);
-  if (book.text.empty()) {
+  if (withoutspace(book.text).empty()) {
     if (book.formula)
       refuse(book, stwords("the formula in %s has no stored result; save it from a spreadsheet program",
                            cellname(book).c_str()));
     return;
   }
-  if (!fieldnumber(book.text, value)) return refuse(book, stwords("%s holds no number", cellname(book).c_str()));
+  if (!fieldnumber(withoutspace(book.text), value))
+    return refuse(book, stwords("%s holds no number", cellname(book).c_str()));
   const unsigned shows = book.style < book.styles.size() && book.type != "b" ? book.styles[book.style] : 0;
   constexpr double firstday = 0.0, lastday = 2958466.0;  // 31 December 9999 is the last
   if (book.type == "s") {
@@ -318,6 +325,7 @@ void endsheet(void* context, const XML_Char* element) {
   book.collects = false;
   if (!book.inside) return;
   if (name == "c") {
+    if (book.column >= mostcolumns) return;  // the end of an empty cell is still told when its start was refused
     endcell(book);
     ++book.column;
   } else if (name == "row") {
