@@ -2,6 +2,7 @@
 
     chem97_test.py <program>
 """
+import math
 import os
 import re
 import shutil
@@ -12,6 +13,7 @@ import tempfile
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, HERE)
 import report
+import residualfiles
 from oracle_test import Checks, run
 
 EXAMPLE = os.path.join(HERE, '..', '..', 'examples', 'chem97')
@@ -21,12 +23,13 @@ REFERENCE = os.path.join(HERE, '..', 'reference', 'chem97')
 ORDER = {'model1': ['(Intercept)', 'gcsecnt'],
          'model2': ['(Intercept)', 'LEAGCSEc', 'SCHGCSEc', 'FEMALE', 'gcsecnt', 'gcsecnt:SCHGCSEc']}
 TIGHT = ['STOPVAL:0.0000000001', 'NUMIT:5000,N']
+RESIDUALS = ['RESFIL%d:Y/' % level for level in (1, 2, 3)]
 # name, model, settings, options, whether only the deviance is compared, and loosely
 RUNS = [
     ('default', 'model1', ['NUMIT:5000,N'], [], True),
     ('default', 'model2', ['NUMIT:5000,N'], [], True),
-    ('scoring', 'model1', TIGHT + ['FISHERTYPE:2'], [], False),
-    ('scoring', 'model2', TIGHT + ['FISHERTYPE:2'], [], False),
+    ('scoring', 'model1', TIGHT + RESIDUALS + ['FISHERTYPE:2'], [], False),
+    ('scoring', 'model2', TIGHT + RESIDUALS + ['FISHERTYPE:2'], [], False),
     ('outer products', 'model1', TIGHT + ['FISHERTYPE:1'], [], False),
     ('outer products', 'model2', TIGHT + ['FISHERTYPE:1'], [], False),
     # the level-3 variance is so small that the likelihood is flat long before EM is there: a set number of iterations
@@ -65,6 +68,22 @@ def compare(c, r, ref, model, loose, stop):
             c.near('tau %s %d %d' % (name, i, j), got[i][j], x, 2e-5, 5e-4)
 
 
+def residuals(c, work, model):
+    """Selected rows and the sums of all columns of the three residual files."""
+    values = {level: [row[2 if level < 3 else 1:] for row in residualfiles.read(work, 'SPSS', level).rows]
+              for level in (1, 2, 3)}
+    for line in open(REFERENCE + '/residuals.txt'):
+        name, level, what, *want = line.split()
+        if name != model:
+            continue
+        rows, total = values[int(level)], what == 'sum'
+        got = [math.fsum(x or 0.0 for x in column) for column in zip(*rows)] if total else rows[int(what) - 1]
+        c.equal('columns of level ' + level, len(got), len(want))
+        for i, (x, w) in enumerate(zip(got, want)):
+            if w != 'NA':
+                c.near('level %s, %s, column %d' % (level, what, i), x, float(w), 1e-4 * (len(rows) if total else 1))
+
+
 def main():
     program, pick = os.path.abspath(sys.argv[1]), sys.argv[2:]
     bad = []
@@ -92,6 +111,8 @@ def main():
                     r = report.read(work + '/run.txt')
                     compare(c, r, readref('%s/%s.ref' % (REFERENCE, model)), model, loose,
                             'limit' if 'STOPVAL:0.0' in settings else 'converged')
+                    if 'RESFIL3:Y/' in settings:
+                        residuals(c, work, model)
                     print('%-24s %5s iterations, %d comparisons, %d differ' % (c.tag, r.iterations, c.done, len(c.bad)))
             except subprocess.TimeoutExpired:
                 c.fail('the run did not end')
