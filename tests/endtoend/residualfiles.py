@@ -240,16 +240,17 @@ def readgraph(path, mdm, **how):
 
 def predictorsbyr(c, study, tables):
     """The predictors of a graph file against R on the raw data."""
-    count = 0
+    names = {level: [] for level in '123'}
     for line in open(READERS + '/../../tests/reference/graphpredictors.txt'):
         name, level, predictor, *want = line.split()
         if name != study:
             continue
-        table, count = tables['predictors' + level], count + 1
-        i = table['name'].index(predictor)
+        table, i = tables['predictors' + level], len(names[level])
+        names[level].append(predictor)
         for column, x in zip(['mean', 'deviation'] + ['p%d' % k for k in range(101)], want):
             c.near('%s of %s' % (column, predictor), table[column][i], float(x), 1e-9)
-    c.equal('number of predictors', sum(len(tables['predictors%d' % k]['name']) for k in (1, 2, 3)), count)
+    for level in names:
+        c.equal('predictors of level ' + level, tables['predictors' + level]['name'], names[level])
 
 
 class Mdm:
