@@ -6,6 +6,7 @@
 #include <cmath>
 #include <numeric>
 #include <span>
+#include <vector>
 
 #include "data/scratch.h"
 #include "driver/runrecord.h"
@@ -20,34 +21,43 @@ namespace {
 
 using Values = std::span<const double>;
 
-// Where the values of a row stand: the results of each group, and the data of each level.
+// Where the values of a row stand: the results of each group, then the data of each level.
 struct RowSources {
-  std::array<Values, 6> results;
-  std::array<Values, 4> data;
-  Values& operator[](ColumnGroup group) { return results[static_cast<std::size_t>(group)]; }
+  std::array<Values, 9> all;
+  Values& operator[](ColumnGroup group) { return all[static_cast<std::size_t>(group)]; }
+  Values& data(int level) { return all[dataof(level)]; }
+  static std::size_t dataof(int level) { return static_cast<std::size_t>(ColumnGroup::chosen) + at(level) - 1; }
 };
 
 // A file and the row that goes into it. Every column tells which value it has.
 struct RowWriter {
+  struct Place {
+    std::size_t source, place;  // which of from.all, and where in it
+  };
   ResidualFile file;
   ResidualRow row;
   RowSources from;
+  std::vector<Place> places;
   Array<double> values;
 };
 
 void openrows(RowWriter& writer, int level, const std::string& path, int cases, int largestcount) {
   openresidualfile(writer.file, level, path, cases, largestcount);
-  writer.values.reset(writer.file.columns.columns.size());
+  for (const ResidualColumn& column : writer.file.columns.columns) {
+    const bool chosen = column.group == ColumnGroup::chosen;
+    const std::size_t source = chosen ? RowSources::dataof(column.level) : static_cast<std::size_t>(column.group);
+    writer.places.push_back({source, at(column.place)});
+  }
+  writer.values.reset(writer.places.size());
   writer.row.values = writer.values.data();
 }
 
 void writerow(RowWriter& writer) {
-  std::size_t i = 0;
-  for (const ResidualColumn& column : writer.file.columns.columns) {
-    const Values source =
-        column.group == ColumnGroup::chosen ? writer.from.data[at(column.level)] : writer.from[column.group];
-    assert(at(column.place) < source.size());
-    writer.values[i++] = source[at(column.place)];
+  double* value = writer.values.data();
+  for (const RowWriter::Place& place : writer.places) {
+    const Values source = writer.from.all[place.source];
+    assert(place.place < source.size());
+    *value++ = source[place.place];
   }
   writeresidualrow(writer.file, writer.row);
 }
@@ -70,13 +80,13 @@ void writelevel1(Pass& pass) {
   eachfittedunit(pass, [&](int k, const UnitBlock& unit, const double* fitted) {
     writer.row.id3 = level3id(k);
     writer.row.id2 = unit.id2;
-    writer.from.data[2] = unit.level2;
-    writer.from.data[3] = level3values(k);
+    writer.from.data(2) = unit.level2;
+    writer.from.data(3) = level3values(k);
     for (int i = 0; i < unit.nj; ++i) {
       const Values record(unit.records.data() + at(i) * at(run.mdm.nvar1), at(run.mdm.nvar1));
       const double fit[] = {record[at(run.kind.outvar) - 1] - fitted[i], fitted[i], sigma};
       writer.from[ColumnGroup::fit] = fit;
-      writer.from.data[1] = record;
+      writer.from.data(1) = record;
       writerow(writer);
     }
   });
@@ -101,7 +111,7 @@ void writeunitfiles(Pass& pass) {
       [&](int k) {
         level3results(pass, k, missing, results);
         writer2.row.id3 = writer3.row.id3 = level3id(k);
-        writer2.from.data[3] = writer3.from.data[3] = level3values(k);
+        writer2.from.data(3) = writer3.from.data(3) = level3values(k);
       },
       [&](int k, const double* hot, const double* cold) {
         const std::size_t place = unit++;
@@ -110,7 +120,7 @@ void writeunitfiles(Pass& pass) {
         level2residuals(pass, k, hot, cold, missing, results);
         writer2.row.id2 = getid(pass.store, cold);
         writer2.row.count = static_cast<int>(cold[0]);
-        writer2.from.data[2] = {cold + pass.store.atlevel2, at(run.mdm.nvar2)};
+        writer2.from.data(2) = {cold + pass.store.atlevel2, at(run.mdm.nvar2)};
         writerow(writer2);
       },
       [&](int k) {
