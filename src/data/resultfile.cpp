@@ -39,12 +39,13 @@ std::string temporaryname(const std::string& target, const std::string& suffix) 
 }
 
 // Opens a new file beside the target; null when the folder takes none. What stands there already, a link too, is
-// another's and stays.
+// another's and stays. Failure 5 on a full disk.
 std::FILE* opentemporary(ResultFile& file) {
   for (int n = 0; n < mosttemporaries; ++n) {
     file.temporary = temporaryname(file.target, n == 0 ? ".part" : ".part" + std::to_string(n));
     std::FILE* stream = std::fopen(file.temporary.c_str(), "wbx");
     if (stream != nullptr) return stream;
+    if (errno == ENOSPC || errno == EDQUOT) fail(5);
     if (errno != EEXIST) break;
   }
   file.temporary.clear();

@@ -23,7 +23,8 @@ struct ResultFile {
   std::size_t used = 0;
 };
 
-// Opens the file for writing. Stops with code 100 and the words of openfile when that cannot be done.
+// Opens the file for writing. Stops with code 100 and the words of openfile when that cannot be done, with failure 5 on
+// a full disk.
 void openresult(ResultFile& file, const std::string& path);
 // Appends bytes. Failure 5, which removes the file.
 void writeresult(ResultFile& file, const void* bytes, std::size_t count);

@@ -138,6 +138,7 @@ void stoprun(int code) {
     for (const std::string* name : {&run.files.tempname1, &run.files.tempname2, &run.files.tempname3})
       if (!name->empty()) std::remove(name->c_str());
     for (const std::string& name : run.files.unfinished) discard(name);
+    run.files.unfinished.clear();
     if (endprocess == nullptr) waitabit();
   }
   std::fflush(nullptr);

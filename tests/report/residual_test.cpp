@@ -249,7 +249,7 @@ struct Bytes {
 
 // Two rows of the level-1 file of a multinomial run with three categories, in the bytes that each form wants.
 const double values[2][6] = {{0.25, -0.75, 0.75, 0.125, 1.5, 40}, {-0.5, 1234567.5, 0.5, 0.25, 1.5, missingcode}};
-const char* const rowids[2] = {"          A1", "        B, 2"};
+const char* const rowids[2] = {"          A1", "      B, \"2\""};
 
 std::string wantedspss() {
   Bytes b;
@@ -287,7 +287,7 @@ std::string wantedstata() {
 
 const std::string cardrows =
     "          A1          A1    0.25000   -0.75000    0.75000    0.12500    1.50000\n   40.00000\n"
-    "          A1        B, 2   -0.500001234567.500    0.50000    0.25000    1.50000\n-1.0000e+36\n";
+    "          A1      B, \"2\"   -0.500001234567.500    0.50000    0.25000    1.50000\n-1.0000e+36\n";
 
 TEST(ResidualForms, ManyCategories) {
   makemodel(2);
@@ -307,7 +307,7 @@ TEST(ResidualForms, ManyCategories) {
       {ResidualForm::freeformat,
        "L3ID,L2ID,L1RES_1,L1RES_2,FITVAL_1,FITVAL_2,SIGMA,    SIZE\n"
        "          A1,          A1,0.250000,-0.750000,0.750000,0.125000,1.500000,40.000000\n"
-       "          A1,\"        B, 2\",-0.500000,1234567.500000,0.500000,0.250000,1.500000,"
+       "          A1,\"      B, \"\"2\"\"\",-0.500000,1234567.500000,0.500000,0.250000,1.500000,"
        "-1000000000000000042420637374017961984.000000\n"},
       {ResidualForm::systat,
        "BASIC\nSAVE RESFIL1\nINPUT (L3ID$,L2ID$,L1RES_1,L1RES_2,FITVAL_1,FITVAL_2,SIGMA,\n    SIZE, \n"
