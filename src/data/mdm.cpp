@@ -223,7 +223,7 @@ void readmdm() {
 
 void writemdmtables(std::FILE* stream) {
   const MdmData& mdm = run.mdm;
-  const MdmHeader head{7.01F,
+  const MdmHeader head{fileversion,
                        mdm.nvar1,
                        mdm.nvar2,
                        mdm.nvar3,

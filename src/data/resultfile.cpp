@@ -7,6 +7,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "data/scratch.h"
 #include "driver/failures.h"
@@ -17,6 +18,7 @@ namespace kdr {
 namespace {
 
 constexpr std::size_t buffersize = std::size_t{1} << 20;
+constexpr int mosttemporaries = 1000;
 
 // The file behind a path that may be a symbolic link; the path itself when there is none.
 std::string behindlinks(const std::string& path) {
@@ -29,13 +31,25 @@ bool isspecial(const std::string& path) {
   return stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
 }
 
-void forget(const std::string& path) { std::erase(run.files.unfinished, path); }
+// `target` with `suffix` behind it, its name cut where the whole would be longer than a name may be.
+std::string temporaryname(const std::string& target, const std::string& suffix) {
+  const std::size_t slash = target.rfind('/');
+  const std::size_t base = slash == std::string::npos ? 0 : slash + 1;
+  return target.substr(0, base + std::min(target.size() - base, NAME_MAX - suffix.size())) + suffix;
+}
 
-[[noreturn]] void cannotwrite(ResultFile& file) {
-  std::fclose(file.stream);
-  file.stream = nullptr;
-  if (!file.temporary.empty()) std::remove(file.temporary.c_str());
-  fail(5);
+// Opens a new file beside the target; null when the folder takes none. What stands there already, a link too, is
+// another's and stays. Failure 5 on a full disk.
+std::FILE* opentemporary(ResultFile& file) {
+  for (int n = 0; n < mosttemporaries; ++n) {
+    file.temporary = temporaryname(file.target, n == 0 ? ".part" : ".part" + std::to_string(n));
+    std::FILE* stream = std::fopen(file.temporary.c_str(), "wbx");
+    if (stream != nullptr) return stream;
+    if (errno == ENOSPC || errno == EDQUOT) fail(5);
+    if (errno != EEXIST) break;
+  }
+  file.temporary.clear();
+  return nullptr;
 }
 
 }  // namespace
@@ -45,22 +59,16 @@ void openresult(ResultFile& file, const std::string& path) {
   file.temporary.clear();
   file.used = 0;
   if (file.buffer.empty()) file.buffer.reset(buffersize);
-  if (!isspecial(file.target)) {
-    file.temporary = file.target + ".part";
-    file.stream = std::fopen(file.temporary.c_str(), "wb");
-  }
-  if (file.temporary.empty() || file.stream == nullptr) {
-    // A device, or a folder that takes no new file: the target as it stands, or the message that it cannot be had.
-    file.temporary.clear();
-    file.stream = openfile(path, "wb");
-  } else {
-    run.files.unfinished.push_back(file.temporary);
-  }
+  const bool special = isspecial(file.target);
+  file.stream = special ? nullptr : opentemporary(file);
+  // A device, or a folder that takes no new file: the target as it stands, or the message that it cannot be had.
+  if (file.stream == nullptr) file.stream = openfile(path, "wb");
+  if (!special) run.files.unfinished.push_back(file.temporary.empty() ? file.target : file.temporary);
   std::setvbuf(file.stream, nullptr, _IONBF, 0);
 }
 
 void flushresult(ResultFile& file) {
-  if (file.used != 0 && std::fwrite(file.buffer.data(), 1, file.used, file.stream) != file.used) cannotwrite(file);
+  if (file.used != 0 && std::fwrite(file.buffer.data(), 1, file.used, file.stream) != file.used) fail(5);
   file.used = 0;
 }
 
@@ -83,12 +91,9 @@ void finishresult(ResultFile& file) {
   const bool unwritten = std::ferror(file.stream) != 0;
   const bool unclosed = std::fclose(file.stream) != 0;
   file.stream = nullptr;
-  const std::string temporary = file.temporary;
-  if (unwritten || unclosed || (!temporary.empty() && std::rename(temporary.c_str(), file.target.c_str()) != 0)) {
-    if (!temporary.empty()) std::remove(temporary.c_str());
-    fail(5);
-  }
-  forget(temporary);
+  const bool inplace = file.temporary.empty();
+  if (unwritten || unclosed || (!inplace && std::rename(file.temporary.c_str(), file.target.c_str()) != 0)) fail(5);
+  std::erase(run.files.unfinished, inplace ? file.target : file.temporary);
 }
 
 }  // namespace kdr

@@ -1,13 +1,15 @@
 // A result file that is complete or not there: it grows under a temporary name beside its target, through a large
-// buffer, and takes the target's name at the end. Any other end of the run removes it.
+// buffer, and takes the target's name at the end. Any other end of the run removes it. Where the target's folder takes
+// no new file, a target that may be written is written in place, and any other end of the run leaves it empty.
 //
-// openresult, then writeresult or roomin/wrote as often as needed, then finishresult.
+// openresult, then writeresult, writevalue or roomin/wrote as often as needed, then finishresult.
 #pragma once
 
 #include <cstddef>
 #include <cstdio>
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 #include "kernel/array.h"
 
@@ -16,17 +18,24 @@ namespace kdr {
 struct ResultFile {
   std::FILE* stream = nullptr;
   std::string target;     // the name that the user gave
-  std::string temporary;  // the name until the end; empty when the target is no regular file and is written in place
+  std::string temporary;  // the name until the end; empty when the target is written in place
   Array<char> buffer;
   std::size_t used = 0;
 };
 
-// Opens the file for writing. Stops with code 100 and the words of openfile when that cannot be done.
+// Opens the file for writing. Stops with code 100 and the words of openfile when that cannot be done, with failure 5 on
+// a full disk.
 void openresult(ResultFile& file, const std::string& path);
-// Appends bytes. Failure 5, after the file was removed.
+// Appends bytes. Failure 5, which removes the file.
 void writeresult(ResultFile& file, const void* bytes, std::size_t count);
 void writeresult(ResultFile& file, std::string_view text);
-// Writes the buffer to the stream. Failure 5, after the file was removed.
+// Appends the bytes of a number, low byte first.
+template <class T>
+void writevalue(ResultFile& file, T value) {
+  static_assert(std::is_arithmetic_v<T>);
+  writeresult(file, &value, sizeof value);
+}
+// Writes the buffer to the stream. Failure 5, which removes the file.
 void flushresult(ResultFile& file);
 // Room for `count` bytes (at most 64 KiB) at the file's end; wrote() says how many of them were filled.
 [[nodiscard]] inline char* roomin(ResultFile& file, std::size_t count) {
@@ -34,7 +43,7 @@ void flushresult(ResultFile& file);
   return file.buffer.data() + file.used;
 }
 inline void wrote(ResultFile& file, std::size_t count) { file.used += count; }
-// Writes what is left and gives the file its name. Failure 5, after the file was removed.
+// Writes what is left and gives the file its name. Failure 5, which removes it.
 void finishresult(ResultFile& file);
 
 }  // namespace kdr

@@ -15,6 +15,7 @@ inline constexpr int maxpath = 260;    // a path with its zero
 inline constexpr int maxtitle = 64;    // a problem title with its zero
 
 inline constexpr const char* version = "7.01";
+inline constexpr float fileversion = 7.01F;  // the same in the head of a binary file
 inline constexpr const char* module = "KDR3";
 
 }  // namespace kdr

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <tuple>
 
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
@@ -118,6 +119,11 @@ void closefailedreport() {
   reporthtml("</body></html>\n");
 }
 
+// Removes an unfinished file; one in a folder that lets none go is emptied.
+void discard(const std::string& path) {
+  if (std::remove(path.c_str()) != 0) std::ignore = truncate(path.c_str(), 0);
+}
+
 }  // namespace
 
 void stoprun(int code) {
@@ -131,7 +137,8 @@ void stoprun(int code) {
     if (stophooks.closescratch != nullptr) stophooks.closescratch();
     for (const std::string* name : {&run.files.tempname1, &run.files.tempname2, &run.files.tempname3})
       if (!name->empty()) std::remove(name->c_str());
-    for (const std::string& name : run.files.unfinished) std::remove(name.c_str());
+    for (const std::string& name : run.files.unfinished) discard(name);
+    run.files.unfinished.clear();
     if (endprocess == nullptr) waitabit();
   }
   std::fflush(nullptr);

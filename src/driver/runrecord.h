@@ -51,10 +51,10 @@ struct RunFiles {
   std::string startvals;    // starting-value file
   std::string graphgammas;  // graph data file
   std::string resfil1name, resfil2name, resfil3name;
-  std::string tempname1;  // command file of the next plausible-value pass
-  std::string tempname2;  // working data file
-  std::string tempname3;  // target of a rewrite of the working data file
-  std::vector<std::string> unfinished;  // result files still under their temporary names; a stop removes them
+  std::string tempname1;                // command file of the next plausible-value pass
+  std::string tempname2;                // working data file
+  std::string tempname3;                // target of a rewrite of the working data file
+  std::vector<std::string> unfinished;  // result files that are not complete; a stop removes them
 };
 
 // What the MDM file holds besides its level-2 blocks.

@@ -21,6 +21,8 @@
 #include "driver/runrecord.h"
 #include "kernel/array.h"
 #include "linear/estimate.h"
+#include "linear/heterogeneous.h"
+#include "linear/variancefiles.h"
 #include "linear/weights.h"
 #include "model/commandfile.h"
 #include "model/complete.h"
@@ -98,6 +100,9 @@ std::filesystem::path canonical(const std::string& path) {
   return problem ? std::filesystem::path(path) : std::filesystem::absolute(whole, problem);
 }
 
+// Every model run leaves this file behind, so nothing that the run reads or writes may bear its name.
+constexpr const char* newcommandfile = "newcmd.kdr";
+
 // A result file that would stand where a file of the same run stands ends the run before anything is written.
 void refuseclashes() {
   struct Result {
@@ -111,6 +116,10 @@ void refuseclashes() {
   std::set<std::filesystem::path> taken;
   for (const std::string* input : {&run.files.mdmfile, &run.files.cmdfile, &run.files.outfile, &run.files.startvals})
     if (!input->empty()) taken.insert(canonical(*input));
+  taken.insert(canonical(newcommandfile));
+  if (run.out.printvc != 0)
+    for (const char* name : {taufile, gammafile, robustgammafile}) taken.insert(canonical(name));
+  if (run.iter.hetit != 0) taken.insert(canonical(heterogeneousfile));
   for (const Result& result : results) {
     std::error_code problem;
     const bool device =
@@ -168,9 +177,6 @@ void readmodel() {
   run.kind.outname = run.mdm.names1[static_cast<std::size_t>(run.kind.outvar)];
   centerlevel3();
 }
-
-// Every model run leaves this file behind, so nothing that the run reads or writes may bear its name.
-constexpr const char* newcommandfile = "newcmd.kdr";
 
 void openresults() {
   if (samefile(newcommandfile, run.files.mdmfile) || run.files.outfile == newcommandfile)

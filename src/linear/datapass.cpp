@@ -33,11 +33,7 @@ struct UnitWork {
 
 UnitWork makework(const Pass& pass) {
   UnitWork work;
-  work.column.reset(at(pass.npi));
-  int c = 0;
-  const int* use = run.model.use1.row(0);
-  for (int v = 0; v < run.mdm.ncol1; ++v)
-    if (use[v] == 1) work.column[c++] = v;
+  work.column = level1columns(pass);
   work.shift.reset(at(pass.npi));
   work.mean2.reset(at(run.mdm.nvar2));
   work.x.reset(at(pass.npi) + 1);

@@ -5,6 +5,8 @@
 #include "driver/runrecord.h"
 #include "kernel/sizes.h"
 #include "linear/pass.h"
+#include "model/complete.h"
+#include "model/modelwalk.h"
 
 namespace kdr {
 
@@ -20,21 +22,18 @@ void reducedeffects(Array<int>& reduced) {
       if (run.model.constrainmatrix[i * full + j] != 0.0) reduced[i] = static_cast<int>(j);
 }
 
-int countrandom2() {
-  int random = 0;
-  for (int e = 0; e < run.kind.neqsets; ++e) {
-    int b = 0;
-    for (int c = 0; c < level1coefficients(e); ++c)
-      for (int s = 0; s < run.model.nterms2.row(e)[c]; ++s, ++b) random += run.model.fixed2.row(e)[b] == 0;
-  }
-  return random;
-}
-
 }  // namespace
 
 int level1coefficients(int set) {
   const int* use = run.model.use1.row(set);
   return static_cast<int>(std::count(use, use + run.mdm.ncol1, 1));
+}
+
+Array<int> level1columns(const Pass& pass) {
+  Array<int> columns(at(pass.npi));
+  std::size_t i = 0;
+  eachcoefficient1([&](const Coefficient1& coefficient) { columns[i++] = coefficient.v; });
+  return columns;
 }
 
 void makedesign(Pass& pass) {
@@ -56,7 +55,7 @@ void makedesign(Pass& pass) {
   pass.nfixedterms.reset(at(pass.npi));
   pass.nterms3reduced.reset(at(pass.nbeta));
 
-  pass.b = countrandom2();
+  pass.b = randomlevel2();
   pass.p = 0;
   int coef1 = 0, coef2 = 0, effect = 0;
   int nextrandom = 0, nextfixed = pass.b;  // next column of B of either group

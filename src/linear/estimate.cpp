@@ -184,11 +184,11 @@ void stageresults(Pass& pass, IterationState& state, const FixedDegrees& degrees
   if (run.kind.weighted) weightedcovariance(pass);
   reportfixedeffects(pass, degrees, run.kind.weighted);
   robustcovariance(pass, degrees, false);
-  if (run.out.printvc != 0) writegammafile("gamvcr.dat", est.vgammarobust, est.sigma2);
+  if (run.out.printvc != 0) writegammafile(robustgammafile, est.vgammarobust, est.sigma2);
   if (!run.files.startvals.empty()) writestartvalues();
   if (run.out.printvc != 0) {
-    writetaufile("tauvc.dat", pass, state.fisher, true);
-    writegammafile("gamvc.dat", est.vgamma, est.sigma2);
+    writetaufile(taufile, pass, state.fisher, true);
+    writegammafile(gammafile, est.vgamma, est.sigma2);
   }
   VarianceTests tests;
   variancetests(pass, tests);

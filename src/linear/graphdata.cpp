@@ -16,16 +16,15 @@
 #include "linear/residualfiles.h"
 #include "linear/sweep.h"
 #include "linear/unitresults.h"
+#include "model/modelwalk.h"
+#include "report/residual/residualfile.h"
 
 namespace kdr {
 
 namespace {
 
-constexpr double missing = -99.0;
 constexpr int percentiles = 101;
 
-void put(ResultFile& file, int value) { writeresult(file, &value, sizeof value); }
-void put(ResultFile& file, double value) { writeresult(file, &value, sizeof value); }
 void put(ResultFile& file, const double* values, std::size_t n) { writeresult(file, values, n * sizeof(double)); }
 void put(ResultFile& file, const Array<double>& values) { put(file, values.data(), values.size()); }
 
@@ -82,6 +81,7 @@ void readpredictors(Predictors& list1, Predictors& list2) {
   UnitReader reader;
   startunits(reader, stream, run.mdm.firstblock, run.mdm.nvar1, run.mdm.nvar2, true);
   UnitBlock unit;
+  // A run that left records out had fewer of them than the file; deletednow stands for files and runs alike by now.
   const bool deleted = run.mdm.nunits1 != run.mdm.numl1rec;
   for (int j = 0; j < run.mdm.numl2rec && readunit(reader, unit); ++j) {
     checksignals();
@@ -107,7 +107,7 @@ void moments(const double* values, std::size_t n, double& mean, double& deviatio
 
 // Names, means, deviations and percentiles of a level's predictors. The values are sorted on the way.
 void writepredictors(ResultFile& file, Predictors& list, const Array<Name>& names) {
-  put(file, static_cast<int>(list.variables.size()));
+  writevalue(file, static_cast<int>(list.variables.size()));
   Array<double> means(list.variables.size()), deviations(list.variables.size());
   for (std::size_t i = 0; i < list.variables.size(); ++i) {
     writeresult(file, names[at(list.variables[i])].text, sizeof(Name));
@@ -119,7 +119,7 @@ void writepredictors(ResultFile& file, Predictors& list, const Array<Name>& name
     checksignals();
     sortdoubles(values.data(), static_cast<std::ptrdiff_t>(list.count));
     for (std::size_t k = 0; k < percentiles; ++k)
-      put(file, list.count == 0 ? 0.0 : values[std::min(k * list.count / 100, list.count - 1)]);
+      writevalue(file, list.count == 0 ? 0.0 : values[std::min(k * list.count / 100, list.count - 1)]);
   }
 }
 
@@ -135,10 +135,11 @@ void writepredictorsections(ResultFile& file) {
   writepredictors(file, list3, run.mdm.names3);
 }
 
-// The first n flags of every equation set; `total` in all.
-void writeflags(ResultFile& file, const IntTable& flags, int total) {
-  const int each = total / run.kind.neqsets;
-  for (int e = 0; e < run.kind.neqsets; ++e) writeresult(file, flags.row(e), at(each) * sizeof(int));
+// The flag of every level-1 coefficient, then of every level-2 coefficient.
+void writeflags(ResultFile& file) {
+  const ModelSpec& model = run.model;
+  eachcoefficient1([&](const Coefficient1& own) { writevalue(file, model.fixed1.row(own.e)[own.c]); });
+  eachcoefficient2([&](const Coefficient2& own) { writevalue(file, model.fixed2.row(own.owner.e)[own.b]); });
 }
 
 // (Z2'Z2)^-1 (Z2'Y - Z2'M gamma) of unit k into `ols`, or the missing mark. results.theta is W3 gamma.
@@ -159,7 +160,7 @@ void level3leastsquares(const Pass& pass, int k, const UnitResults& results, Lev
   double condition = 0.0;
   if (syminverse(b, fit.Z2Z2.data(), b, fit.inverse.data(), b, fit.work.data()) != 0 ||
       isbadcov(b, fit.Z2Z2.data(), b, &condition)) {
-    std::fill_n(ols, b, missing);
+    std::fill_n(ols, b, nosuchvalue);
   } else {
     mulAB(ols, fit.inverse.data(), fit.right.data(), b, 1, b);
   }
@@ -174,7 +175,7 @@ void writelevel3(ResultFile& file, const Pass& pass, UnitResults& results) {
                 Array<double>(b)};
   for (std::size_t k = 0; k < units; ++k) {
     const int unit = static_cast<int>(k);
-    level3results(pass, unit, missing, results);
+    level3results(pass, unit, nosuchvalue, results);
     level3leastsquares(pass, unit, results, fit, OL.data() + k * b);
     std::copy(results.level3.FV.begin(), results.level3.FV.end(), FV.data() + k * n);
     for (std::size_t i = 0; i < b; ++i) variances[k * b + i] = results.level3.PV[i * (i + 3) / 2];
@@ -188,16 +189,16 @@ void writelevel3(ResultFile& file, const Pass& pass, UnitResults& results) {
 void writelevel2(ResultFile& file, Pass& pass, UnitResults& results) {
   std::size_t unit = 0;
   sweepunits(
-      pass, false, [&](int k) { level3results(pass, k, missing, results); },
+      pass, false, [&](int k) { level3results(pass, k, nosuchvalue, results); },
       [&](int k, const double* hot, const double* cold) {
         const std::size_t place = unit++;
         if (cold[0] == 0.0) return;
         level2coefficients(pass, place, hot, cold, results);
-        level2residuals(pass, k, hot, cold, missing, results);
+        level2residuals(pass, k, hot, cold, nosuchvalue, results);
         put(file, results.level2.EB);
         put(file, results.level2.OL);
         put(file, results.level2.FV);
-        for (std::size_t i = 0; i < at(pass.p); ++i) put(file, results.level2.PV[i * (i + 3) / 2]);
+        for (std::size_t i = 0; i < at(pass.p); ++i) writevalue(file, results.level2.PV[i * (i + 3) / 2]);
       },
       [](int) {});
 }
@@ -208,18 +209,16 @@ void writegraphdata(Pass& pass) {
   ResultFile file;
   openresult(file, run.files.graphgammas);
   writeresult(file, "GRKDR3");
-  constexpr float fileversion = 7.01F;
-  writeresult(file, &fileversion, sizeof fileversion);
-  put(file, pass.g);
-  put(file, run.est.gammahat.data(), at(pass.g));
+  writevalue(file, fileversion);
+  writevalue(file, pass.g);
+  put(file, run.est.gammahat);
   writepredictorsections(file);
 
   UnitResults results = makeunitresults(pass);
-  writeflags(file, run.model.fixed1, pass.npi);
-  writeflags(file, run.model.fixed2, pass.nbeta);
+  writeflags(file);
   writelevel3(file, pass, results);
   writelevel2(file, pass, results);
-  put(file, run.mdm.nunits1);
+  writevalue(file, run.mdm.nunits1);
   eachfittedunit(pass, [&](int, const UnitBlock& unit, const double* fitted) { put(file, fitted, at(unit.nj)); });
   finishresult(file);
 }

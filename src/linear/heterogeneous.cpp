@@ -57,7 +57,7 @@ void heterogeneousresults(const Pass& pass, IterationState& state, const FixedDe
   Array<double>& T = run.est.taupi;
   Array<double> mean(T.size());
   T.fill(0.0);
-  std::FILE* file = openfile("hettau.dat", "w");
+  std::FILE* file = openfile(heterogeneousfile, "w");
   for (int k = 0; k < run.mdm.nunits3; ++k) {
     const double* Tk = Pass::row(state.hettaupi, k, p * p);
     writeunittaupi(file, k, Tk, p);

@@ -7,12 +7,14 @@
 
 namespace kdr {
 
+inline constexpr const char* heterogeneousfile = "hettau.dat";
+
 // Stops with code 100 when there are too few level-2 units for the stage.
 void checkheterogeneous(const Pass& pass);
 // Prepares the stage from the repaired starting value: every level-3 unit begins with taupi.
 void startheterogeneous(IterationState& state);
-// Results of the stage: "hettau.dat" with the lower triangle of each unit's taupi, their plain and weighted means, the
-// fixed effects. Leaves the mean weighted by level-2 units in run.est.taupi.
+// Results of the stage: heterogeneousfile with the lower triangle of each unit's taupi, their plain and weighted means,
+// the fixed effects. Leaves the mean weighted by level-2 units in run.est.taupi.
 void heterogeneousresults(const Pass& pass, IterationState& state, const FixedDegrees& degrees);
 
 }  // namespace kdr

@@ -1,8 +1,12 @@
 #include "linear/residualfiles.h"
 
 #include <algorithm>
+#include <array>
+#include <cassert>
 #include <cmath>
 #include <numeric>
+#include <span>
+#include <vector>
 
 #include "data/scratch.h"
 #include "driver/runrecord.h"
@@ -15,113 +19,117 @@ namespace kdr {
 
 namespace {
 
-// Fills a row from the left.
-struct RowValues {
-  Array<double> values;
-  std::size_t used = 0;
+using Values = std::span<const double>;
 
-  void start() { used = 0; }
-  void add(double value) { values[used++] = value; }
-  void add(const Array<double>& group) {
-    std::copy(group.begin(), group.end(), values.data() + used);
-    used += group.size();
-  }
-  // The variables of a compacted list from a row of data without the intercept.
-  void addchosen(const Array<int>& variables, int n, const double* row) {
-    for (int i = 0; i < n; ++i) add(row[variables[at(i)] - 1]);
-  }
+// Where the values of a row stand: the results of each group, then the data of each level.
+struct RowSources {
+  std::array<Values, 9> all;
+  Values& operator[](ColumnGroup group) { return all[static_cast<std::size_t>(group)]; }
+  Values& data(int level) { return all[dataof(level)]; }
+  static std::size_t dataof(int level) { return static_cast<std::size_t>(ColumnGroup::chosen) + at(level) - 1; }
 };
 
-const double* level3values(int k) { return run.mdm.level3.data() + at(k) * at(run.mdm.nvar3); }
+// A file and the row that goes into it. Every column tells which value it has.
+struct RowWriter {
+  struct Place {
+    std::size_t source, place;  // which of from.all, and where in it
+  };
+  ResidualFile file;
+  ResidualRow row;
+  RowSources from;
+  std::vector<Place> places;
+  Array<double> values;
+};
 
-// Level-1 variable of each column of A, 0 for the constant.
-Array<int> level1columns(const Pass& pass) {
-  Array<int> columns(at(pass.npi));
-  std::size_t c = 0;
-  const int* use = run.model.use1.row(0);
-  for (int v = 0; v < run.mdm.ncol1; ++v)
-    if (use[v] == 1) columns[c++] = v;
-  return columns;
+void openrows(RowWriter& writer, int level, const std::string& path, int cases, int largestcount) {
+  openresidualfile(writer.file, level, path, cases, largestcount);
+  for (const ResidualColumn& column : writer.file.columns.columns) {
+    const bool chosen = column.group == ColumnGroup::chosen;
+    const std::size_t source = chosen ? RowSources::dataof(column.level) : static_cast<std::size_t>(column.group);
+    writer.places.push_back({source, at(column.place)});
+  }
+  writer.values.reset(writer.places.size());
+  writer.row.values = writer.values.data();
+}
+
+void writerow(RowWriter& writer) {
+  double* value = writer.values.data();
+  for (const RowWriter::Place& place : writer.places) {
+    const Values source = writer.from.all[place.source];
+    assert(place.place < source.size());
+    *value++ = source[place.place];
+  }
+  writeresidualrow(writer.file, writer.row);
+}
+
+Values level3values(int k) { return {Pass::row(run.mdm.level3, k, run.mdm.nvar3), at(run.mdm.nvar3)}; }
+
+template <class Groups>
+void takegroups(RowSources& from, const Groups& groups) {
+  from[ColumnGroup::EB] = groups.EB;
+  from[ColumnGroup::OL] = groups.OL;
+  from[ColumnGroup::FV] = groups.FV;
+  from[ColumnGroup::EC] = groups.EC;
+  from[ColumnGroup::PV] = groups.PV;
 }
 
 void writelevel1(Pass& pass) {
-  const ModelSpec& model = run.model;
-  ResidualFile file;
-  openresidualfile(file, 1, run.files.resfil1name, run.mdm.nunits1, 0);
-  RowValues row{Array<double>(file.columns.columns.size())};
-  ResidualRow line;
-  line.values = row.values.data();
+  RowWriter writer;
+  openrows(writer, 1, run.files.resfil1name, run.mdm.nunits1, 0);
   const double sigma = std::sqrt(run.est.sigma2);
   eachfittedunit(pass, [&](int k, const UnitBlock& unit, const double* fitted) {
-    line.id3 = level3id(k);
-    line.id2 = unit.id2;
+    writer.row.id3 = level3id(k);
+    writer.row.id2 = unit.id2;
+    writer.from.data(2) = unit.level2;
+    writer.from.data(3) = level3values(k);
     for (int i = 0; i < unit.nj; ++i) {
-      const double* record = unit.records.data() + at(i) * at(run.mdm.nvar1);
-      row.start();
-      row.add(record[run.kind.outvar - 1] - fitted[i]);
-      row.add(fitted[i]);
-      row.add(sigma);
-      row.addchosen(model.res1vars1, model.nres1vars1, record);
-      row.addchosen(model.res1vars2, model.nres1vars2, unit.level2.data());
-      row.addchosen(model.res1vars3, model.nres1vars3, level3values(k));
-      writeresidualrow(file, line);
+      const Values record(unit.records.data() + at(i) * at(run.mdm.nvar1), at(run.mdm.nvar1));
+      const double fit[] = {record[at(run.kind.outvar) - 1] - fitted[i], fitted[i], sigma};
+      writer.from[ColumnGroup::fit] = fit;
+      writer.from.data(1) = record;
+      writerow(writer);
     }
   });
-  closeresidualfile(file);
-}
-
-template <class Groups>
-void addgroups(RowValues& row, const Groups& groups) {
-  row.start();
-  row.add(groups.EB);
-  row.add(groups.OL);
-  row.add(groups.FV);
-  row.add(groups.EC);
-  row.add(groups.PV);
+  closeresidualfile(writer.file);
 }
 
 // The files of levels 2 and 3, in one sweep.
 void writeunitfiles(Pass& pass) {
-  const ModelSpec& model = run.model;
   const bool want2 = run.out.resfil2, want3 = run.out.resfil3;
   const double missing = missingmark(static_cast<ResidualForm>(run.out.resfiltype));
   const int units2 = std::accumulate(pass.n2of.begin(), pass.n2of.end(), 0);
-  ResidualFile file2, file3;
-  if (want2) openresidualfile(file2, 2, run.files.resfil2name, units2 - pass.emptyunits, run.mdm.maxnj);
-  if (want3)
-    openresidualfile(file3, 3, run.files.resfil3name, run.mdm.nunits3,
-                     *std::max_element(pass.n2of.begin(), pass.n2of.end()));
-  RowValues row2{Array<double>(file2.columns.columns.size())}, row3{Array<double>(file3.columns.columns.size())};
-  ResidualRow line2, line3;
-  line2.values = row2.values.data();
-  line3.values = row3.values.data();
+  const int mostunits2 = *std::max_element(pass.n2of.begin(), pass.n2of.end());
+  RowWriter writer2, writer3;
+  if (want2) openrows(writer2, 2, run.files.resfil2name, units2 - pass.emptyunits, run.mdm.maxnj);
+  if (want3) openrows(writer3, 3, run.files.resfil3name, run.mdm.nunits3, mostunits2);
   UnitResults results = makeunitresults(pass);
+  takegroups(writer2.from, results.level2);
+  takegroups(writer3.from, results.level3);
   std::size_t unit = 0;
   sweepunits(
-      pass, false, [&](int k) { level3results(pass, k, missing, results); },
+      pass, false,
+      [&](int k) {
+        level3results(pass, k, missing, results);
+        writer2.row.id3 = writer3.row.id3 = level3id(k);
+        writer2.from.data(3) = writer3.from.data(3) = level3values(k);
+      },
       [&](int k, const double* hot, const double* cold) {
         const std::size_t place = unit++;
         if (!want2 || cold[0] == 0.0) return;
         level2coefficients(pass, place, hot, cold, results);
         level2residuals(pass, k, hot, cold, missing, results);
-        line2.id3 = level3id(k);
-        line2.id2 = getid(pass.store, cold);
-        line2.count = static_cast<int>(cold[0]);
-        addgroups(row2, results.level2);
-        row2.addchosen(model.res2vars2, model.nres2vars2, cold + pass.store.atlevel2);
-        row2.addchosen(model.res2vars3, model.nres2vars3, level3values(k));
-        writeresidualrow(file2, line2);
+        writer2.row.id2 = getid(pass.store, cold);
+        writer2.row.count = static_cast<int>(cold[0]);
+        writer2.from.data(2) = {cold + pass.store.atlevel2, at(run.mdm.nvar2)};
+        writerow(writer2);
       },
       [&](int k) {
         if (!want3) return;
-        line3.id3 = level3id(k);
-        line3.count = pass.n2of[k];
-        addgroups(row3, results.level3);
-        row3.addchosen(model.res3vars3, model.nres3vars3, level3values(k));
-        writeresidualrow(file3, line3);
+        writer3.row.count = pass.n2of[k];
+        writerow(writer3);
       });
-  if (want2) closeresidualfile(file2);
-  if (want3) closeresidualfile(file3);
+  if (want2) closeresidualfile(writer2.file);
+  if (want3) closeresidualfile(writer3.file);
 }
 
 }  // namespace

@@ -17,6 +17,7 @@ void writeresidualfiles(Pass& pass);
 // Walks the working data file beside the store. Calls use(k, unit, fitted) for every level-2 unit that has records:
 // k its level-3 unit, `unit` its block as the analysis had it, fitted[i] the fitted value of record i,
 //   M gamma + z Z2 v + d Z1 u.
+// For a run with one equation set.
 void eachfittedunit(Pass& pass, const std::function<void(int k, const UnitBlock& unit, const double* fitted)>& use);
 
 }  // namespace kdr

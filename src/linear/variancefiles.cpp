@@ -51,15 +51,15 @@ void writetaufile(const char* path, const Pass& pass, const FisherWork& fisher, 
 void listvariancefiles() {
   const auto newline = [] { report2("\n\t", "<br>\n&nbsp;&nbsp;&nbsp;&nbsp;"); };
   reportbreak();
-  report("%s, containing the taus ", "tauvc.dat");
+  report("%s, containing the taus ", taufile);
   if (run.iter.fishertype != 0) {
     report("and the variance-covariance matrix of the taus");
     newline();
   }
   report("has been created.\n");
   reportbreak();
-  reportline("gamvc.dat, containing the variance-covariance matrix of gamma has been created.");
-  report("gamvcr.dat, containing the robust variance-covariance matrix of gamma has");
+  reportline("%s, containing the variance-covariance matrix of gamma has been created.", gammafile);
+  report("%s, containing the robust variance-covariance matrix of gamma has", robustgammafile);
   newline();
   reportline("been created.");
   reportline("The above files have been created with a (nF15.7,1X) format.");

@@ -6,6 +6,10 @@
 
 namespace kdr {
 
+inline constexpr const char* taufile = "tauvc.dat";
+inline constexpr const char* gammafile = "gamvc.dat";
+inline constexpr const char* robustgammafile = "gamvcr.dat";
+
 // Writes one row of gammahat and `scale` times the matrix, row by row, to `path`, anew or behind what stands there, as
 // printvc asks.
 void writegammafile(const char* path, const Array<double>& matrix, double scale);

@@ -82,12 +82,14 @@ std::string effectdigits(const ModelRows& rows, const EffectRow& effect) {
 
 bool multinomialrun() { return run.kind.nonlin == 3 && !run.kind.ordinal; }
 
-std::string categoryof(int k) {
+std::string categorylabel(int k) {
   if (k < 0 || static_cast<std::size_t>(k) >= run.kind.categorylabel.size()) return {};
   char text[5];
   std::snprintf(text, sizeof text, "%.4s", run.kind.categorylabel[k].text);
-  return escaped(text);
+  return text;
 }
+
+std::string categoryof(int k) { return escaped(categorylabel(k)); }
 
 std::vector<std::string> randomcategories(int level, int n) {
   std::vector<std::string> categories;

@@ -56,6 +56,8 @@ struct ModelRows {
 // True when several equation sets stand side by side, one for each category but the last.
 [[nodiscard]] bool multinomialrun();
 // At most 4 characters of the label of category k; empty when it has none.
+[[nodiscard]] std::string categorylabel(int k);
+// The same as the report shows it.
 [[nodiscard]] std::string categoryof(int k);
 // The category of each of the n rows of taupi (level 1) or taubeta (level 2); empty texts unless multinomial.
 [[nodiscard]] std::vector<std::string> randomcategories(int level, int n);

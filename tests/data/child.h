@@ -1,9 +1,11 @@
 // Runs a job that may end the process in a process of its own, and makes files for it.
 #pragma once
 
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -45,6 +47,13 @@ inline Outcome runchild(const std::function<void()>& job) {
   int status = 0;
   waitpid(child, &status, 0);
   return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, contents("words")};
+}
+
+// No file may grow beyond `size`, as on a full disk. For a process of its own.
+inline void limitfiles(rlim_t size) {
+  const rlimit limit{size, size};
+  setrlimit(RLIMIT_FSIZE, &limit);
+  std::signal(SIGXFSZ, SIG_IGN);
 }
 
 // A directory of its own that is the working directory while the object lives.

@@ -2,6 +2,7 @@
 
     chem97_test.py <program>
 """
+import math
 import os
 import re
 import shutil
@@ -12,6 +13,7 @@ import tempfile
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, HERE)
 import report
+import residualfiles
 from oracle_test import Checks, run
 
 EXAMPLE = os.path.join(HERE, '..', '..', 'examples', 'chem97')
@@ -21,12 +23,13 @@ REFERENCE = os.path.join(HERE, '..', 'reference', 'chem97')
 ORDER = {'model1': ['(Intercept)', 'gcsecnt'],
          'model2': ['(Intercept)', 'LEAGCSEc', 'SCHGCSEc', 'FEMALE', 'gcsecnt', 'gcsecnt:SCHGCSEc']}
 TIGHT = ['STOPVAL:0.0000000001', 'NUMIT:5000,N']
+RESIDUALS = ['RESFIL%d:Y/' % level for level in (1, 2, 3)] + ['GRAPHGAMMAS:graph.bin']
 # name, model, settings, options, whether only the deviance is compared, and loosely
 RUNS = [
     ('default', 'model1', ['NUMIT:5000,N'], [], True),
     ('default', 'model2', ['NUMIT:5000,N'], [], True),
-    ('scoring', 'model1', TIGHT + ['FISHERTYPE:2'], [], False),
-    ('scoring', 'model2', TIGHT + ['FISHERTYPE:2'], [], False),
+    ('scoring', 'model1', TIGHT + RESIDUALS + ['FISHERTYPE:2'], [], False),
+    ('scoring', 'model2', TIGHT + RESIDUALS + ['FISHERTYPE:2'], [], False),
     ('outer products', 'model1', TIGHT + ['FISHERTYPE:1'], [], False),
     ('outer products', 'model2', TIGHT + ['FISHERTYPE:1'], [], False),
     # the level-3 variance is so small that the likelihood is flat long before EM is there: a set number of iterations
@@ -65,6 +68,40 @@ def compare(c, r, ref, model, loose, stop):
             c.near('tau %s %d %d' % (name, i, j), got[i][j], x, 2e-5, 5e-4)
 
 
+def residuals(c, work, model):
+    """Selected rows and the sums of all columns of the three residual files."""
+    values = {level: [row[2 if level < 3 else 1:] for row in residualfiles.read(work, 'SPSS', level).rows]
+              for level in (1, 2, 3)}
+    for line in open(REFERENCE + '/residuals.txt'):
+        name, level, what, *want = line.split()
+        if name != model:
+            continue
+        rows, total = values[int(level)], what == 'sum'
+        got = [math.fsum(x or 0.0 for x in column) for column in zip(*rows)] if total else rows[int(what) - 1]
+        c.equal('columns of level ' + level, len(got), len(want))
+        for i, (x, w) in enumerate(zip(got, want)):
+            if w != 'NA':
+                c.near('level %s, %s, column %d' % (level, what, i), x, float(w), 1e-4 * (len(rows) if total else 1))
+
+
+def alike(program, work):
+    """A graph file whose length agrees with another layout too: the readers still find the right one."""
+    c = Checks('alike')
+    long = 'INTRCPT2+SCHGCSE+SCHSIZE'
+    lines = ['NONLIN:N', 'LEVEL1:SCORE=INTRCPT1+FEMALE+GCSECNT+RANDOM']
+    for name, terms, random in (('INTRCPT1', 'INTRCPT2', '+RANDOM'), ('FEMALE', long, '+RANDOM'), ('GCSECNT', long, '')):
+        lines.append('LEVEL2:%s=%s%s/' % (name, terms, random))
+        lines += ['LEVEL3:%s=INTRCPT3%s/' % (t, '+RANDOM' if t == 'INTRCPT2' else '') for t in terms.split('+')]
+    lines += ['LEVEL1DELETION:NONE', 'RESFIL1:N', 'RESFIL2:N', 'RESFIL3:N', 'CONSTRAIN:N', 'HYPOTH:N', 'LVR-BETA:N',
+              'NUMIT:2,N', 'TITLE:alike', 'OUTPUT:run.txt', 'FULLOUTPUT:Y', 'GRAPHGAMMAS:graph.bin']
+    with open(work + '/run.kdr', 'w') as f:
+        f.write('\n'.join(lines) + '\n')
+    c.equal('exit code', run(program, work, 'chem97.mdm', 'run.kdr')[0], 0)
+    t = residualfiles.readgraph(work + '/graph.bin', work + '/chem97.mdm')
+    c.equal('flags', (t['fixed1'], t['fixed2']), ([0, 0, 1], [0, 0, 1, 1, 0, 1, 1]))
+    return c
+
+
 def main():
     program, pick = os.path.abspath(sys.argv[1]), sys.argv[2:]
     bad = []
@@ -92,12 +129,23 @@ def main():
                     r = report.read(work + '/run.txt')
                     compare(c, r, readref('%s/%s.ref' % (REFERENCE, model)), model, loose,
                             'limit' if 'STOPVAL:0.0' in settings else 'converged')
+                    if 'RESFIL3:Y/' in settings:
+                        residuals(c, work, model)
+                        graph = residualfiles.readgraph(work + '/graph.bin', work + '/chem97.mdm')
+                        if model == 'model2':
+                            residualfiles.predictorsbyr(c, 'chem97', graph)
+                        for level, table in ((2, 'level2'), (3, 'level3')):
+                            rows = residualfiles.read(work, 'SPSS', level)
+                            for i, name in enumerate(n for n in rows.names if n.startswith('EB')):
+                                c.equal('graph file: %s' % name, graph[table]['EB%d' % (i + 1)], rows.column(name))
                     print('%-24s %5s iterations, %d comparisons, %d differ' % (c.tag, r.iterations, c.done, len(c.bad)))
             except subprocess.TimeoutExpired:
                 c.fail('the run did not end')
             except (ValueError, OSError, KeyError) as error:
                 c.fail('report not understood: %s' % error)
             bad += c.bad
+        if not pick:
+            bad += alike(program, work).bad
     print('\n'.join(bad) if bad else 'all hold')
     return 1 if bad else 0
 

@@ -1,11 +1,19 @@
-"""Reads residual files of all five forms. Shared by the end-to-end tests; the standard library only.
+"""Reads residual files of all five forms, and graph files. Shared by the end-to-end tests.
 
 Every reader returns a Table: names, rows (texts without outer blanks, numbers, None for a missing value) and what the
 form alone tells. The two command files are read by following their own INPUT statements.
 """
 import csv
+import os
 import re
+import shutil
 import struct
+import subprocess
+import sys
+
+READERS = os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', '..', 'examples', 'graphfile')
+sys.path.append(READERS)
+import read as graphfile
 
 
 class Table:
@@ -198,6 +206,51 @@ FORMS = {
 def read(directory, form, level):
     reader, name, _ = FORMS[form]
     return reader('%s/%s' % (directory, name % level), level)
+
+
+# Every table of the R reader, a line for each column.
+BYR = """
+source("%s/read.R")
+tables <- readgraph("%s", "%s"%s)
+show <- function(x) if (is.character(x)) x else ifelse(is.na(x), "NA", sprintf("%%.17g", x))
+for (name in names(tables)) {
+  x <- tables[[name]]
+  if (is.data.frame(x)) for (column in names(x)) cat(name, column, show(x[[column]]), "\\n") else cat(name, show(x), "\\n")
+}
+"""
+
+
+def readgraph(path, mdm, **how):
+    """A graph file through the example readers: the Python one, and the R one where R is, which must agree."""
+    tables = graphfile.read(path, mdm, **how)
+    if shutil.which('Rscript'):
+        show = lambda x: 'NA' if x is None else x if isinstance(x, str) else '%.17g' % x
+        want = []
+        for name, table in tables.items():
+            if name != 'version':
+                for head, values in table.items() if isinstance(table, dict) else [(None, table)]:
+                    want.append([w for w in (name, head) if w] + [show(x) for x in values])
+        more = ''.join(', %s = %s' % (k, str(x).upper()) for k, x in how.items())
+        p = subprocess.run(['Rscript', '-e', BYR % (READERS, path, mdm, more)], stdout=subprocess.PIPE, timeout=120)
+        got = [line.split() for line in p.stdout.decode().splitlines()]
+        if p.returncode != 0 or got != want:
+            raise ValueError('the R reader ended with %d and read something else' % p.returncode)
+    return tables
+
+
+def predictorsbyr(c, study, tables):
+    """The predictors of a graph file against R on the raw data."""
+    names = {level: [] for level in '123'}
+    for line in open(READERS + '/../../tests/reference/graphpredictors.txt'):
+        name, level, predictor, *want = line.split()
+        if name != study:
+            continue
+        table, i = tables['predictors' + level], len(names[level])
+        names[level].append(predictor)
+        for column, x in zip(['mean', 'deviation'] + ['p%d' % k for k in range(101)], want):
+            c.near('%s of %s' % (column, predictor), table[column][i], float(x), 1e-9)
+    for level in names:
+        c.equal('predictors of level ' + level, tables['predictors' + level]['name'], names[level])
 
 
 class Mdm:

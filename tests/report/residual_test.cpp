@@ -1,16 +1,16 @@
-// Column names of the residual files for models whose engines are elsewhere, and the numbers of the text forms.
+// Residual files by themselves: columns and bytes for models whose engines are elsewhere, numbers, failures.
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <limits>
 #include <random>
-#include <sstream>
 #include <string>
 #include <vector>
 
+#include "data/child.h"
+#include "driver/constants.h"
 #include "driver/runrecord.h"
 #include "report/residual/numbers.h"
 #include "report/residual/residualfile.h"
@@ -57,6 +57,27 @@ void makemodel(int sets) {
   }
 }
 
+// READING's equation has INTRCPT2 and 12 more terms; all coefficients are random at level 3.
+void makewide() {
+  makemodel(1);
+  run.mdm.nvar2 = 12;
+  run.mdm.ncol2 = 13;
+  run.mdm.maxbeta = 26;
+  run.mdm.names2.reset(13);
+  for (int v = 0; v < 13; ++v) run.mdm.names2[static_cast<std::size_t>(v)] = paddedname(std::to_string(100 + v));
+  allocatemodel();
+  int* use = run.model.use1.row(0);
+  use[0] = use[2] = 1;
+  for (const auto& [c, n] : {std::pair{0, 1}, {1, 13}}) {
+    run.model.nterms2.row(0)[c] = n;
+    for (int s = 0; s < n; ++s) run.model.terms2.row(0, c)[s] = s;
+  }
+  for (int b = 0; b < 14; ++b) {
+    run.model.nterms3.row(0)[b] = 1;
+    run.model.terms3.row(0, b)[0] = 0;
+  }
+}
+
 void categories(int n, bool ordinal) {
   run.kind.nonlin = 3;
   run.kind.ordinal = ordinal;
@@ -87,6 +108,8 @@ TEST(ResidualColumns, LinearModel) {
   EXPECT_EQ(names(1, Kind::text), (Names{"L1RESID", "FITVAL", "SIGMA"}));
   EXPECT_EQ(names(2, Kind::text), (Names{"EBINTRCP", "EBREADIN", "OLINTRCP", "OLREADIN", "FVINTRCP", "FVREADIN",
                                          "ECINTRCP", "ECREADIN", "PV200", "PV210", "PV211"}));
+  EXPECT_EQ(names(2, Kind::shortname),
+            (Names{"EB0", "EB1", "OL0", "OL1", "FVINTRCP", "FVREADIN", "ECINTRCP", "ECREADIN", "PV0", "PV1", "PV2"}));
   EXPECT_EQ(names(2, Kind::full), (Names{"EBINTRCPT1", "EBREADING", "OLINTRCPT1", "OLREADING", "FVINTRCPT1",
                                          "FVREADING", "ECINTRCPT1", "ECREADING", "PV2_0_0", "PV2_1_0", "PV2_1_1"}));
   EXPECT_EQ(names(3, Kind::text), (Names{"EB00", "EB11", "OL00", "OL11", "FV00", "FV01", "FV11", "EC00", "EC01", "EC11",
@@ -97,8 +120,6 @@ TEST(ResidualColumns, LinearModel) {
 TEST(ResidualColumns, MultinomialModel) {
   makemodel(2);
   categories(3, false);
-  EXPECT_EQ(names(1, Kind::text), (Names{"L1RES_1", "L1RES_2", "FITVAL_1", "FITVAL_2", "SIGMA"}));
-  EXPECT_EQ(names(1, Kind::shortname), (Names{"L1RES_1", "L1RES_2", "FITVAL1", "FITVAL2", "SIGMA"}));
   const Names level2 = names(2, Kind::text);
   EXPECT_EQ(Names(level2.begin(), level2.begin() + 4), (Names{"EB10INTRC", "EB10READI", "EB20INTRC", "EB20READI"}));
   EXPECT_EQ(Names(level2.begin() + 8, level2.begin() + 12), (Names{"FV1INTRC", "FV1READI", "FV2INTRC", "FV2READI"}));
@@ -128,24 +149,7 @@ TEST(ResidualColumns, OrdinalModelLeavesThresholdsOut) {
 }
 
 TEST(ResidualColumns, FullNamesNeverMeetShortOnes) {
-  // EB1 in full is EB10, which with eleven random effects is the short name of another column.
-  makemodel(1);
-  run.mdm.nvar2 = 12;
-  run.mdm.ncol2 = 13;
-  run.mdm.maxbeta = 26;
-  run.mdm.names2.reset(13);
-  for (int v = 0; v < 13; ++v) run.mdm.names2[static_cast<std::size_t>(v)] = paddedname(std::to_string(100 + v));
-  allocatemodel();
-  int* use = run.model.use1.row(0);
-  use[0] = use[2] = 1;
-  for (const auto& [c, n] : {std::pair{0, 1}, {1, 13}}) {
-    run.model.nterms2.row(0)[c] = n;
-    for (int s = 0; s < n; ++s) run.model.terms2.row(0, c)[s] = s;
-  }
-  for (int b = 0; b < 14; ++b) {
-    run.model.nterms3.row(0)[b] = 1;
-    run.model.terms3.row(0, b)[0] = 0;
-  }
+  makewide();  // EB1 in full is EB10, which is the short name of another column
   Names all = names(3, Kind::full);
   const Names shorts = names(3, Kind::shortname);
   EXPECT_EQ(shorts[10], "EB10");
@@ -166,10 +170,7 @@ class Text : public testing::Test {
   void TearDown() override { std::remove(path.c_str()); }
   std::string written() {
     finishresult(file);
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
+    return contents(path);
   }
 };
 
@@ -227,13 +228,176 @@ TEST_F(Text, AFieldKeepsItsWidth) {
   EXPECT_EQ(written(), want);
 }
 
-TEST_F(Text, AFileLargerThanTheBufferIsWhole) {
-  const std::string piece(300000, 'x');
-  for (int i = 0; i < 9; ++i) writeresult(file, piece);
-  std::ifstream before(path);
-  EXPECT_FALSE(before.good());  // not there until it is complete
-  EXPECT_EQ(written().size(), 2700000U);
-  EXPECT_TRUE(run.files.unfinished.empty());
+// Little-endian bytes, put down one after the other.
+struct Bytes {
+  std::string text;
+  template <class T>
+  Bytes& value(T x) {
+    text.append(reinterpret_cast<const char*>(&x), sizeof x);
+    return *this;
+  }
+  Bytes& ints(std::initializer_list<int> list) {
+    for (const int x : list) value(x);
+    return *this;
+  }
+  Bytes& field(std::string x, std::size_t width, char filler) {
+    x.resize(width, filler);
+    text += x;
+    return *this;
+  }
+};
+
+// Two rows of the level-1 file of a multinomial run with three categories, in the bytes that each form wants.
+const double values[2][6] = {{0.25, -0.75, 0.75, 0.125, 1.5, 40}, {-0.5, 1234567.5, 0.5, 0.25, 1.5, missingcode}};
+const char* const rowids[2] = {"          A1", "      B, \"2\""};
+
+std::string wantedspss() {
+  Bytes b;
+  b.field("$FL2@(#) SPSS DATA FILE from KDR3 version 7.01", 64, ' ').ints({2, 10, 0, 0, 2}).value(100.0);
+  b.field("24 Nov 26 9: 5: 7", 84, ' ');
+  for (const char* name : {"L3ID", "L2ID"}) {
+    b.ints({2, 12, 0, 0, 0x10c00, 0x10c00}).field(name, 8, ' ');
+    b.ints({2, -1, 0, 0, 0, 0}).field("", 8, ' ');
+  }
+  for (const char* name : {"L1RES_1", "L1RES_2", "FITVAL1", "FITVAL2", "SIGMA", "SIZE"})
+    b.ints({2, 0, 0, 0, 0x50c03, 0x50c03}).field(name, 8, ' ');
+  b.ints({999, 0});
+  for (int i = 0; i < 2; ++i) {
+    b.field("A1", 16, ' ').field(i == 0 ? "A1" : "B,", 16, ' ');
+    for (const double x : values[i]) b.value(x);
+  }
+  return b.text;
+}
+
+std::string wantedstata() {
+  const std::vector<const char*> all = {"L3ID", "L2ID", "L1RES_1", "L1RES_2", "FITVAL_1", "FITVAL_2", "SIGMA", "SIZE"};
+  Bytes b;
+  b.field("\x71\2\1", 4, '\0').field("\x08", 2, '\0').ints({2}).field("", 99, '\0');
+  b.field("\x0c\x0c", 8, '\xff');
+  for (const char* name : all) b.field(name, 33, '\0');
+  b.field("", 18, '\0');
+  for (std::size_t i = 0; i < 8; ++i) b.field(i < 2 ? "%12s" : "%9.3g", 12, '\0');
+  b.field("", 8 * (33 + 81) + 5, '\0');
+  for (int i = 0; i < 2; ++i) {
+    b.field(rowids[0], 12, ' ').field(rowids[i], 12, ' ');
+    for (const double x : values[i]) b.value(x == missingcode ? 0x1p1023 : x);
+  }
+  return b.text;
+}
+
+const std::string cardrows =
+    "          A1          A1    0.25000   -0.75000    0.75000    0.12500    1.50000\n   40.00000\n"
+    "          A1      B, \"2\"   -0.500001234567.500    0.50000    0.25000    1.50000\n-1.0000e+36\n";
+
+TEST(ResidualForms, ManyCategories) {
+  makemodel(2);
+  categories(3, false);
+  run.model.nres1vars2 = 1;
+  run.model.res1vars2[0] = 1;
+  run.id.started.tm_mday = 24;
+  run.id.started.tm_mon = 10;
+  run.id.started.tm_year = 126;
+  run.id.started.tm_hour = 9;
+  run.id.started.tm_min = 5;
+  run.id.started.tm_sec = 7;
+  const struct {
+    ResidualForm form;
+    std::string want;
+  } cases[] = {
+      {ResidualForm::freeformat,
+       "L3ID,L2ID,L1RES_1,L1RES_2,FITVAL_1,FITVAL_2,SIGMA,    SIZE\n"
+       "          A1,          A1,0.250000,-0.750000,0.750000,0.125000,1.500000,40.000000\n"
+       "          A1,\"      B, \"\"2\"\"\",-0.500000,1234567.500000,0.500000,0.250000,1.500000,"
+       "-1000000000000000042420637374017961984.000000\n"},
+      {ResidualForm::systat,
+       "BASIC\nSAVE RESFIL1\nINPUT (L3ID$,L2ID$,L1RES_1,L1RES_2,FITVAL_1,FITVAL_2,SIGMA,\n    SIZE, \n"
+       "),(2*$12,5*#11/,\n 1*#11/,\n)\nRUN\n" +
+           cardrows + "~\n"},
+      {ResidualForm::sas,
+       "libname dir \".\";\ndata dir.resfil1;\ninfile cards;\nINPUT (L3ID L2ID L1RES_1 L1RES_2 FITVAL_1 FITVAL_2 "
+       "SIGMA\n"
+       "SIZE\n) ($12. $12. 5*11.5\n#2  1*11.5 \n);\ncards;\n" +
+           cardrows + ";\n"},
+      {ResidualForm::spss, wantedspss()},
+      {ResidualForm::stata, wantedstata()},
+  };
+  Workplace workplace;
+  for (const auto& test : cases) {
+    run.out.resfiltype = static_cast<int>(test.form);
+    ResidualFile file;
+    openresidualfile(file, 1, "file", 2, 0);
+    ResidualRow row;
+    std::strcpy(row.id3.text.text, rowids[0]);
+    for (int i = 0; i < 2; ++i) {
+      std::strcpy(row.id2.text.text, rowids[i]);
+      row.values = values[i];
+      writeresidualrow(file, row);
+    }
+    closeresidualfile(file);
+    EXPECT_EQ(contents("file"), test.want) << run.out.resfiltype;
+  }
+  categories(12, false);
+  EXPECT_EQ(names(1, Kind::stata)[20], "FITVA_10");  // FITVAL_10 cut to 8 characters is taken
+}
+
+// Fourteen coefficients random at level 3, and a unit of 100,000 members.
+TEST(ResidualForms, LongGroupsAndLargeUnits) {
+  makewide();
+  const struct {
+    ResidualForm form;
+    std::vector<const char*> parts;
+  } cases[] = {
+      {ResidualForm::systat,
+       {"INPUT (L3ID$,NK,\nEB00,EB10,EB11,EB12,EB13,EB14,EB15,\nEB16,EB17,EB18,EB19,EB110,EB111,EB112,\nOL00,OL10,OL11,"
+        "OL12,OL13,OL14,OL15,OL16,OL17,OL18,OL19,OL110,OL111,OL112,\nFV00,",
+        "),($12,#6/ 7*#11/ 7*#11/,\n 7*#11/ 7*#11/,\n", "RUN\n          A1100000\n"}},
+      {ResidualForm::sas,
+       {"INPUT (L3ID NK\nEB00 EB10 EB11 EB12 EB13 EB14 EB15\nEB16 EB17 EB18 EB19 EB110 EB111 EB112\nOL00 OL10 OL11 "
+        "OL12 "
+        "OL13 OL14 OL15 OL16 OL17 OL18 OL19 OL110 OL111 OL112\nFV00 ",
+        ") ($12. 6.\n#2  7*11.5 #3  7*11.5 \n#4  7*11.5 #5  7*11.5 \n#6 ", "cards;\n          A1100000\n"}},
+  };
+  Workplace workplace;
+  for (const auto& test : cases) {
+    run.out.resfiltype = static_cast<int>(test.form);
+    ResidualFile file;
+    openresidualfile(file, 3, "file", 1, 100000);
+    const Array<double> zeros(file.columns.columns.size());
+    ResidualRow row;
+    std::strcpy(row.id3.text.text, rowids[0]);
+    row.count = 100000;
+    row.values = zeros.data();
+    writeresidualrow(file, row);
+    closeresidualfile(file);
+    for (const char* part : test.parts) EXPECT_NE(contents("file").find(part), std::string::npos) << part;
+  }
+}
+
+// The disk fills up in mid-sweep with the files of two levels open.
+TEST(ResidualForms, AFailureLeavesNeitherFile) {
+  makemodel(1);
+  const double zeros[20] = {};
+  for (const ResidualForm form :
+       {ResidualForm::freeformat, ResidualForm::systat, ResidualForm::sas, ResidualForm::spss, ResidualForm::stata}) {
+    Workplace workplace;
+    run.out.resfiltype = static_cast<int>(form);
+    const Outcome outcome = runchild([&] {
+      limitfiles(1500000);
+      ResidualFile file2, file3;
+      openresidualfile(file2, 2, "file2", 100000, 9);
+      openresidualfile(file3, 3, "file3", 100000, 9);
+      ResidualRow row;
+      row.values = zeros;
+      for (int i = 0; i < 100000; ++i) {
+        writeresidualrow(file2, row);
+        writeresidualrow(file3, row);
+      }
+    });
+    EXPECT_EQ(outcome.code, 5) << run.out.resfiltype;
+    EXPECT_NE(outcome.words.find("Unable to write"), std::string::npos) << outcome.words;
+    std::filesystem::remove("words");
+    EXPECT_TRUE(std::filesystem::is_empty(".")) << run.out.resfiltype;
+  }
 }
 
 }  // namespace

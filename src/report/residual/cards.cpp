@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "report/residual/forms.h"
 #include "report/residual/numbers.h"
 
@@ -17,6 +19,20 @@ void appendid(ResultFile& out, const ResidualFile& file, const Id& id) {
 }
 
 }  // namespace
+
+std::vector<ColumnGroup> linegroups(const ResidualColumns& columns) {
+  std::vector<ColumnGroup> groups;
+  for (const ResidualColumn& column : columns.columns)
+    if (column.group != ColumnGroup::fit && (groups.empty() || groups.back() != column.group))
+      groups.push_back(column.group);
+  return groups;
+}
+
+std::vector<int> linesof(int n) {
+  std::vector<int> lines;
+  for (; n > 0; n -= valuesperline) lines.push_back(std::min(n, valuesperline));
+  return lines;
+}
 
 void writerowcards(ResidualFile& file, const ResidualRow& row) {
   ResultFile& out = file.out;

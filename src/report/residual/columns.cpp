@@ -36,6 +36,7 @@ struct Given {
 // What a column would be called in the text forms and in the SPSS form if no other had the name.
 struct Wanted {
   ColumnGroup group;
+  int place, level;  // as in ResidualColumn
   std::string text;
   std::string shortname;
   std::string full;  // empty: the short name is the full one
@@ -43,42 +44,48 @@ struct Wanted {
 using WantedList = std::vector<Wanted>;
 
 std::string number(int n) { return std::to_string(n); }
+
+// The first blank-delimited word, at most 8 characters of it.
+std::string firstword(const std::string& text) {
+  const std::size_t first = text.find_first_not_of(' ');
+  if (first == std::string::npos) return {};
+  return text.substr(first, std::min(text.find(' ', first) - first, shortwidth));
+}
 std::string word(int level, int variable) {
-  const auto at = static_cast<std::size_t>(variable);
-  return wordof((level == 1 ? run.mdm.names1 : level == 2 ? run.mdm.names2 : run.mdm.names3)[at]);
+  const Array<Name>& names = level == 1 ? run.mdm.names1 : level == 2 ? run.mdm.names2 : run.mdm.names3;
+  return firstword(names[static_cast<std::size_t>(variable)].text);
 }
 
 // Prefix of the names of a random effect of equation set `set`: its category, where sets stand side by side.
-std::string categoryprefix(int set) {
-  const auto at = static_cast<std::size_t>(set);
-  if (!multinomialrun() || at >= run.kind.categorylabel.size()) return {};
-  return wordof(run.kind.categorylabel[at]);
-}
+std::string categoryprefix(int set) { return multinomialrun() ? firstword(categorylabel(set)) : std::string(); }
 std::string setprefix(int set) { return multinomialrun() ? number(set + 1) : std::string(); }
 
 void addfit(WantedList& list) {
+  const auto add = [&](const std::string& text, const std::string& shortname) {
+    list.push_back({ColumnGroup::fit, static_cast<int>(list.size()), 0, text, shortname, {}});
+  };
   if (run.kind.nonlin != 3) {
-    list.push_back({ColumnGroup::fit, "L1RESID", "L1RESID", {}});
-    list.push_back({ColumnGroup::fit, "FITVAL", "FITVAL", {}});
+    add("L1RESID", "L1RESID");
+    add("FITVAL", "FITVAL");
   } else {
-    for (int c = 1; c < run.kind.ncat; ++c)
-      list.push_back({ColumnGroup::fit, "L1RES_" + number(c), "L1RES_" + number(c), {}});
-    for (int c = 1; c < run.kind.ncat; ++c)
-      list.push_back({ColumnGroup::fit, "FITVAL_" + number(c), "FITVAL" + number(c), {}});
+    for (int c = 1; c < run.kind.ncat; ++c) add("L1RES_" + number(c), "L1RES_" + number(c));
+    for (int c = 1; c < run.kind.ncat; ++c) add("FITVAL_" + number(c), "FITVAL" + number(c));
   }
-  list.push_back({ColumnGroup::fit, "SIGMA", "SIGMA", {}});
+  add("SIGMA", "SIGMA");
 }
 
 void addchosen(WantedList& list, int level, const Array<int>& variables, int n) {
   for (int i = 0; i < n; ++i) {
-    const std::string name = word(level, variables[static_cast<std::size_t>(i)]);
-    list.push_back({ColumnGroup::chosen, name, name, {}});
+    const int variable = variables[static_cast<std::size_t>(i)];
+    const std::string name = word(level, variable);
+    list.push_back({ColumnGroup::chosen, variable - 1, level, name, name, {}});
   }
 }
 
 // The name of a random effect or of a coefficient: for the text forms and in full.
 struct Effect {
   int set;
+  int place;                  // among all of the model, as its fitted value stands
   std::string text, full;     // with what tells the categories apart
   std::string indices;        // its numbers in the name of a posterior variance
   std::string joinedindices;  // the same with "_" between
@@ -87,30 +94,30 @@ struct Effect {
 // EB and OL: prefix and name, in SPSS the number of the column.
 void addresiduals(WantedList& list, ColumnGroup group, const char* prefix, const std::vector<Effect>& effects) {
   for (std::size_t i = 0; i < effects.size(); ++i)
-    list.push_back({group, prefix + effects[i].text, prefix + std::to_string(i), prefix + effects[i].full});
+    list.push_back({group, static_cast<int>(i), 0, prefix + effects[i].text, prefix + std::to_string(i),
+                    prefix + effects[i].full});
 }
 
 void addcoefficients(WantedList& list, ColumnGroup group, const char* prefix, const std::vector<Effect>& coefficients) {
   for (const Effect& coefficient : coefficients) {
     const std::string full = prefix + coefficient.full;
-    list.push_back({group, full.substr(0, shortwidth), full.substr(0, shortwidth), full});
+    list.push_back({group, coefficient.place, 0, full.substr(0, shortwidth), full.substr(0, shortwidth), full});
   }
 }
 
 void addvariances(WantedList& list, int level, const std::vector<Effect>& effects) {
   const std::string head = "PV" + number(level);
-  std::size_t place = 0;
+  int place = 0;
   for (std::size_t i = 0; i < effects.size(); ++i)
     for (std::size_t j = 0; j <= i; ++j, ++place) {
-      const std::string shortname = "PV" + std::to_string(place);
+      std::string text = effects[i].indices + effects[j].indices;
+      std::string full = effects[i].joinedindices + "_" + effects[j].joinedindices;
       if (multinomialrun()) {
         const std::string category = categoryprefix(effects[i].set), row = std::to_string(i), col = std::to_string(j);
-        list.push_back(
-            {ColumnGroup::PV, head + category + row + col, shortname, head + "_" + category + "_" + row + "_" + col});
-      } else {
-        list.push_back({ColumnGroup::PV, head + effects[i].indices + effects[j].indices, shortname,
-                        head + "_" + effects[i].joinedindices + "_" + effects[j].joinedindices});
+        text = category + row + col;
+        full = category + "_" + row + "_" + col;
       }
+      list.push_back({ColumnGroup::PV, place, 0, head + text, "PV" + number(place), head + "_" + full});
     }
 }
 
@@ -125,14 +132,17 @@ void addunitgroups(WantedList& list, int level, const std::vector<Effect>& rando
 
 void addlevel2(WantedList& list) {
   std::vector<Effect> random, all;
+  int place = -1;
   for (const CoefficientRow& coefficient : modelrows().coefficients) {
+    ++place;
     if (coefficient.threshold) continue;
     const std::string name = word(1, coefficient.variable), category = categoryprefix(coefficient.set);
     const std::size_t room = category.empty() ? 6 : 5;
     const std::string subscript = number(coefficient.subscript);
-    all.push_back({coefficient.set, {}, setprefix(coefficient.set) + name, {}, {}});
+    all.push_back({coefficient.set, place, {}, setprefix(coefficient.set) + name, {}, {}});
     if (coefficient.random)
-      random.push_back({coefficient.set, category + name.substr(0, room), category + name, subscript, subscript});
+      random.push_back(
+          {coefficient.set, place, category + name.substr(0, room), category + name, subscript, subscript});
   }
   addunitgroups(list, 2, random, all);
 }
@@ -140,25 +150,20 @@ void addlevel2(WantedList& list) {
 void addlevel3(WantedList& list) {
   std::vector<Effect> random, all;
   const ModelRows rows = modelrows();
+  int place = -1;
   for (const TermRow& term : rows.terms) {
+    ++place;
     const CoefficientRow& owner = rows.coefficients[static_cast<std::size_t>(term.owner)];
     const std::string indices = termdigits(rows, term);
-    all.push_back({owner.set, {}, setprefix(owner.set) + indices, {}, {}});
+    all.push_back({owner.set, place, {}, setprefix(owner.set) + indices, {}, {}});
     if (!term.random) continue;
     const std::string name = categoryprefix(owner.set) + indices;
-    random.push_back({owner.set, name, name, indices, number(owner.subscript) + "_" + number(term.subscript)});
+    random.push_back({owner.set, place, name, name, indices, number(owner.subscript) + "_" + number(term.subscript)});
   }
   addunitgroups(list, 3, random, all);
 }
 
 }  // namespace
-
-std::string wordof(const Name& name) {
-  const std::string text(name.text, std::find(name.text, name.text + sizeof name.text, '\0'));
-  const std::size_t first = text.find_first_not_of(' ');
-  if (first == std::string::npos) return {};
-  return text.substr(first, std::min(text.find(' ', first) - first, shortwidth));
-}
 
 std::vector<const ResidualColumn*> ResidualColumns::of(ColumnGroup group) const {
   std::vector<const ResidualColumn*> members;
@@ -197,6 +202,8 @@ ResidualColumns residualcolumns(int level) {
   }
   for (const Wanted& wanted : list) {
     ResidualColumn column{wanted.group,
+                          wanted.place,
+                          wanted.level,
                           text.take(wanted.text, std::max(shortwidth, wanted.text.size())),
                           stata.take(wanted.text, shortwidth),
                           shorts.take(wanted.shortname, shortwidth),

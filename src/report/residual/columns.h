@@ -6,8 +6,6 @@
 #include <string>
 #include <vector>
 
-#include "driver/names.h"
-
 namespace kdr {
 
 // The values of RESFILTYPE:.
@@ -28,6 +26,8 @@ enum class ColumnGroup {
 // that would repeat an earlier one ends in "_1", "_2" ... instead.
 struct ResidualColumn {
   ColumnGroup group;
+  int place;              // of its value among those of the group, from 0; of a chosen variable that in the data row
+  int level;              // of a chosen variable
   std::string name;       // text forms
   std::string stataname;  // at most 8 characters
   std::string shortname;  // SPSS, at most 8 characters
@@ -50,8 +50,5 @@ struct ResidualColumns {
 // The columns of the file of `level` (1 to 3) for the model in run.model and the lists of chosen variables. Needs the
 // complete model; nothing of it changes.
 [[nodiscard]] ResidualColumns residualcolumns(int level);
-
-// The first blank-delimited word of a name slot, at most 8 characters.
-[[nodiscard]] std::string wordof(const Name& name);
 
 }  // namespace kdr

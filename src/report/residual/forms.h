@@ -1,6 +1,10 @@
 // The forms of a residual file, for residualfile.cpp.
 #pragma once
 
+#include <algorithm>
+#include <string>
+#include <vector>
+
 #include "report/residual/residualfile.h"
 
 namespace kdr {
@@ -24,8 +28,14 @@ void writerowspss(ResidualFile& file, const ResidualRow& row);
 void writeheadstata(ResidualFile& file, int cases);
 void writerowstata(ResidualFile& file, const ResidualRow& row);
 
+// The text behind blanks that bring it to `width`.
+[[nodiscard]] inline std::string rightjustified(const std::string& text, std::size_t width) {
+  return std::string(width - std::min(width, text.size()), ' ') + text;
+}
+
+// What the two forms of fixed columns share (cards.cpp).
 inline constexpr int valuesperline = 7;
-// The groups that start a line of their own in the two forms of fixed columns, in order; empty ones are left out.
+// The groups that start a line of their own, in order; empty ones are left out.
 [[nodiscard]] std::vector<ColumnGroup> linegroups(const ResidualColumns& columns);
 // How many values stand on each line of a group of n: 7, 7, ..., the rest.
 [[nodiscard]] std::vector<int> linesof(int n);

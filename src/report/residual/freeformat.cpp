@@ -33,8 +33,7 @@ void writeheadfree(ResidualFile& file, int) {
     const ResidualColumn& column = layout.columns[i];
     const bool lastFV = column.group == ColumnGroup::FV && i + 1 < layout.columns.size() &&
                         layout.columns[i + 1].group != ColumnGroup::FV;
-    if (column.group == ColumnGroup::chosen && column.name.size() < 8) head.append(8 - column.name.size(), ' ');
-    head += column.name + ",";
+    head += (column.group == ColumnGroup::chosen ? rightjustified(column.name, 8) : column.name) + ",";
     if (lastFV) head += "\n";
   }
   head.back() = '\n';

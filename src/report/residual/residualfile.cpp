@@ -30,7 +30,7 @@ const Form& formof(const ResidualFile& file) {
 
 }  // namespace
 
-double missingmark(ResidualForm form) { return form == ResidualForm::stata ? 0x1p1023 : -99.0; }
+double missingmark(ResidualForm form) { return form == ResidualForm::stata ? 0x1p1023 : nosuchvalue; }
 
 void openresidualfile(ResidualFile& file, int level, const std::string& path, int cases, int largestcount) {
   file.form = static_cast<ResidualForm>(run.out.resfiltype);
@@ -45,20 +45,6 @@ void writeresidualrow(ResidualFile& file, const ResidualRow& row) { formof(file)
 void closeresidualfile(ResidualFile& file) {
   writeresult(file.out, formof(file).end);
   finishresult(file.out);
-}
-
-std::vector<ColumnGroup> linegroups(const ResidualColumns& columns) {
-  std::vector<ColumnGroup> groups;
-  for (const ResidualColumn& column : columns.columns)
-    if (column.group != ColumnGroup::fit && (groups.empty() || groups.back() != column.group))
-      groups.push_back(column.group);
-  return groups;
-}
-
-std::vector<int> linesof(int n) {
-  std::vector<int> lines;
-  for (; n > 0; n -= valuesperline) lines.push_back(std::min(n, valuesperline));
-  return lines;
 }
 
 }  // namespace kdr

@@ -22,7 +22,9 @@ struct ResidualRow {
   const double* values = nullptr;
 };
 
-// The value that stands for one that there is not in a form: -99.0, in the Stata form its own missing value.
+// Stands for a value that there is not, a least-squares residual above all.
+inline constexpr double nosuchvalue = -99.0;
+// What stands for it in a form: the same, in the Stata form its own missing value.
 [[nodiscard]] double missingmark(ResidualForm form);
 
 // Opens the file of run.out.resfiltype at `path` for the columns of `level` and writes its head. `cases` is the number

@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 #include <string>
 
 #include "driver/runrecord.h"
@@ -15,25 +16,20 @@ constexpr std::size_t textidwidth = 16;  // two slots
 
 constexpr std::int32_t formatF12_3 = 0x00050c03, formatF8_0 = 0x00050800, formatA12 = 0x00010c00;
 
-template <class T>
-void put(std::string& bytes, T value) {
-  bytes.append(reinterpret_cast<const char*>(&value), sizeof value);
+void puttext(ResultFile& out, const std::string& text, std::size_t width) {
+  std::string field = text.substr(0, width);
+  field.resize(width, ' ');
+  writeresult(out, field);
 }
 
-void puttext(std::string& bytes, const std::string& text, std::size_t width) {
-  bytes += text.substr(0, width);
-  if (text.size() < width) bytes.append(width - text.size(), ' ');
+void putints(ResultFile& out, std::initializer_list<std::int32_t> values) {
+  for (const std::int32_t value : values) writevalue(out, value);
 }
 
-void putvariable(std::string& bytes, std::int32_t type, bool missing, std::int32_t format, const std::string& name) {
-  put<std::int32_t>(bytes, 2);
-  put<std::int32_t>(bytes, type);
-  put<std::int32_t>(bytes, 0);
-  put<std::int32_t>(bytes, missing ? 1 : 0);
-  put(bytes, format);
-  put(bytes, format);
-  puttext(bytes, name, 8);
-  if (missing) put(bytes, missingmark(ResidualForm::spss));
+void putvariable(ResultFile& out, std::int32_t type, bool missing, std::int32_t format, const std::string& name) {
+  putints(out, {2, type, 0, missing ? 1 : 0, format, format});
+  puttext(out, name, 8);
+  if (missing) writevalue(out, missingmark(ResidualForm::spss));
 }
 
 int slots(const ResidualColumns& layout) {
@@ -41,38 +37,31 @@ int slots(const ResidualColumns& layout) {
          static_cast<int>(layout.columns.size());
 }
 
-std::string filehead(const ResidualColumns& layout, int cases) {
+void puthead(ResultFile& out, const ResidualColumns& layout, int cases) {
   char text[65];
-  std::string bytes;
   std::snprintf(text, sizeof text, "$FL2@(#) SPSS DATA FILE from %s version %.2f", module, std::atof(version));
-  puttext(bytes, text, 64);
-  put<std::int32_t>(bytes, 2);
-  put<std::int32_t>(bytes, slots(layout));
-  put<std::int32_t>(bytes, 0);
-  put<std::int32_t>(bytes, 0);
-  put<std::int32_t>(bytes, cases);
-  put(bytes, 100.0);
+  puttext(out, text, 64);
+  putints(out, {2, slots(layout), 0, 0, cases});
+  writevalue(out, 100.0);
   static constexpr const char* months[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                            "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
   const std::tm& now = run.id.started;
   std::snprintf(text, sizeof text, "%2d %3s %02d%2d:%2d:%2d", now.tm_mday, months[now.tm_mon % 12], now.tm_year - 100,
                 now.tm_hour, now.tm_min, now.tm_sec);
-  puttext(bytes, text, 84);
-  return bytes;
+  puttext(out, text, 84);
 }
 
 // The record that pairs short and full names; nothing when no column has a full name of its own.
-std::string longnames(const ResidualColumns& layout) {
+void putlongnames(ResultFile& out, const ResidualColumns& layout) {
   std::string pairs;
   for (const ResidualColumn& column : layout.columns) {
     if (column.longname.empty()) continue;
     if (!pairs.empty()) pairs += '\t';
     pairs += column.shortname + "=" + column.longname;
   }
-  std::string bytes;
-  if (pairs.empty()) return bytes;
-  for (const std::int32_t field : {7, 13, 1, static_cast<std::int32_t>(pairs.size())}) put(bytes, field);
-  return bytes + pairs;
+  if (pairs.empty()) return;
+  putints(out, {7, 13, 1, static_cast<std::int32_t>(pairs.size())});
+  writeresult(out, pairs);
 }
 
 void putid(const ResidualFile& file, const Id& id, char* slot) {
@@ -90,23 +79,22 @@ void putid(const ResidualFile& file, const Id& id, char* slot) {
 
 void writeheadspss(ResidualFile& file, int cases) {
   const ResidualColumns& layout = file.columns;
-  std::string head = filehead(layout, cases);
+  ResultFile& out = file.out;
+  puthead(out, layout, cases);
   for (int i = 0; i < layout.ids(); ++i) {
     const char* name = i == 0 ? "L3ID" : "L2ID";
     if (layout.textids) {
-      putvariable(head, 12, false, formatA12, name);
-      putvariable(head, -1, false, 0, "");
+      putvariable(out, 12, false, formatA12, name);
+      putvariable(out, -1, false, 0, "");
     } else {
-      putvariable(head, 0, false, formatF8_0, name);
+      putvariable(out, 0, false, formatF8_0, name);
     }
   }
-  if (layout.hascount()) putvariable(head, 0, false, formatF8_0, layout.countname());
+  if (layout.hascount()) putvariable(out, 0, false, formatF8_0, layout.countname());
   for (const ResidualColumn& column : layout.columns)
-    putvariable(head, 0, column.group == ColumnGroup::OL, formatF12_3, column.shortname);
-  head += longnames(layout);
-  put<std::int32_t>(head, 999);
-  put<std::int32_t>(head, 0);
-  writeresult(file.out, head);
+    putvariable(out, 0, column.group == ColumnGroup::OL, formatF12_3, column.shortname);
+  putlongnames(out, layout);
+  putints(out, {999, 0});
 }
 
 void writerowspss(ResidualFile& file, const ResidualRow& row) {
@@ -116,10 +104,7 @@ void writerowspss(ResidualFile& file, const ResidualRow& row) {
   putid(file, row.id3, ids);
   putid(file, row.id2, ids + width);
   writeresult(file.out, ids, width * static_cast<std::size_t>(layout.ids()));
-  if (layout.hascount()) {
-    const double count = row.count;
-    writeresult(file.out, &count, sizeof count);
-  }
+  if (layout.hascount()) writevalue<double>(file.out, row.count);
   writeresult(file.out, row.values, layout.columns.size() * sizeof(double));
 }
 

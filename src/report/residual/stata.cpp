@@ -2,6 +2,7 @@
 #include <cstdint>
 #include <cstring>
 #include <string>
+#include <string_view>
 
 #include "driver/constants.h"
 #include "report/residual/forms.h"
@@ -30,19 +31,14 @@ std::vector<Variable> variables(const ResidualColumns& layout) {
   return list;
 }
 
-template <class T>
-void put(std::string& bytes, T value) {
-  bytes.append(reinterpret_cast<const char*>(&value), sizeof value);
-}
-
-void putpadded(std::string& bytes, const std::string& text, std::size_t width) {
-  bytes += text;
-  bytes.append(width - text.size(), '\0');
+void putpadded(ResultFile& out, std::string text, std::size_t width) {
+  text.resize(width, '\0');
+  writeresult(out, text);
 }
 
 void writeid(ResidualFile& file, const Id& id) {
   if (!file.columns.textids) {
-    writeresult(file.out, &id.number, sizeof id.number);
+    writevalue(file.out, id.number);
     return;
   }
   char text[textidwidth] = {};
@@ -54,30 +50,25 @@ void writeid(ResidualFile& file, const Id& id) {
 
 void writeheadstata(ResidualFile& file, int cases) {
   const std::vector<Variable> list = variables(file.columns);
-  std::string head = {0x71, 2, 1, 0};
-  put(head, static_cast<std::uint16_t>(list.size()));
-  put<std::int32_t>(head, cases);
-  head.append(81 + 18, '\0');
-  for (const Variable& variable : list) head += static_cast<char>(variable.type);
-  for (const Variable& variable : list) putpadded(head, variable.name, 33);
-  head.append(2 * list.size() + 2, '\0');
-  for (const Variable& variable : list) putpadded(head, variable.format, 12);
-  head.append(list.size() * (33 + 81) + 5, '\0');
-  writeresult(file.out, head);
+  ResultFile& out = file.out;
+  writeresult(out, std::string_view("\x71\2\1\0", 4));
+  writevalue(out, static_cast<std::uint16_t>(list.size()));
+  writevalue<std::int32_t>(out, cases);
+  putpadded(out, {}, 81 + 18);
+  for (const Variable& variable : list) writevalue(out, variable.type);
+  for (const Variable& variable : list) putpadded(out, variable.name, 33);
+  putpadded(out, {}, 2 * list.size() + 2);
+  for (const Variable& variable : list) putpadded(out, variable.format, 12);
+  putpadded(out, {}, list.size() * (33 + 81) + 5);
 }
 
 void writerowstata(ResidualFile& file, const ResidualRow& row) {
   const std::size_t n = file.columns.columns.size();
   writeid(file, row.id3);
   if (file.columns.level < 3) writeid(file, row.id2);
-  if (file.columns.hascount()) {
-    const std::int32_t count = row.count;
-    writeresult(file.out, &count, sizeof count);
-  }
-  for (std::size_t i = 0; i < n; ++i) {
-    const double value = row.values[i] == missingcode ? missingmark(ResidualForm::stata) : row.values[i];
-    writeresult(file.out, &value, sizeof value);
-  }
+  if (file.columns.hascount()) writevalue<std::int32_t>(file.out, row.count);
+  for (std::size_t i = 0; i < n; ++i)
+    writevalue(file.out, row.values[i] == missingcode ? missingmark(ResidualForm::stata) : row.values[i]);
 }
 
 }  // namespace kdr

@@ -6,17 +6,13 @@ namespace kdr {
 
 namespace {
 
-std::string paddedto(const std::string& text, std::size_t width) {
-  return text.size() < width ? std::string(width - text.size(), ' ') + text : text;
-}
-
 // The names of a group; those of all but OL break after each seventh.
 std::string groupnames(const ResidualColumns& layout, ColumnGroup group) {
   std::string text;
   int n = 0;
   for (const ResidualColumn* column : layout.of(group)) {
     if (n > 0 && n % valuesperline == 0 && group != ColumnGroup::OL) text += "\n";
-    text += group == ColumnGroup::chosen ? paddedto(column->name, 8) + ", " : column->name + ",";
+    text += group == ColumnGroup::chosen ? rightjustified(column->name, 8) + ", " : column->name + ",";
     ++n;
   }
   return text + "\n";
@@ -25,9 +21,11 @@ std::string groupnames(const ResidualColumns& layout, ColumnGroup group) {
 // How the lines of a group are read: "n*#11" each, "/" to the next line.
 std::string groupformat(const ResidualColumns& layout, ColumnGroup group) {
   std::string text;
+  char item[16];
   for (const int n : linesof(layout.number(group))) {
+    std::snprintf(item, sizeof item, "%2d*#11", n);
     if (group == ColumnGroup::PV && !text.empty()) text += "/";
-    text += paddedto(std::to_string(n), 2) + "*#11";
+    text += item;
     if (group != ColumnGroup::PV) text += "/";
   }
   if (group == ColumnGroup::PV && layout.number(ColumnGroup::chosen) > 0) text += "/";
@@ -55,7 +53,9 @@ void writeheadsystat(ResidualFile& file, int) {
   if (layout.hascount()) {
     head += "),(";
     for (int i = 0; i < layout.ids(); ++i) head += idformat + "12,";
-    (head += '#') += std::to_string(file.countwidth) + "/";
+    char item[16];
+    std::snprintf(item, sizeof item, "#%d/", file.countwidth);
+    head += item;
   } else {
     head += "),(2*" + idformat + "12," + std::to_string(layout.number(ColumnGroup::fit)) + "*#11";
     if (!groups.empty()) head += "/,";
