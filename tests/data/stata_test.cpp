@@ -133,7 +133,9 @@ TEST_F(Stata, Ids) {
       const char* words;
     } refused[] = {
         {one("a", "thirteen char", 1), {"a", "b", {"x"}}, "Your ID variable is longer than 12 characters.\n"},
-        {one("a", "b", 10000000000000.0), {"n", "x", {}}, "ID must be no more than 12 digits long\n"},
+        {one("a", "b", 10000000000000.0),
+         {"n", "x", {}},
+         "ID must be no more than 12 digits long\nIt stands in record 1 of the level-1 file file.\n"},
         {one("a", "b", 1), {"n", "x", {"a"}}, "mdm variables must be numeric!\n"},
         {one("a", "b", 1), {"n", "a", {"x"}}, "ID's must be both be character or both numeric!\n"},
     };

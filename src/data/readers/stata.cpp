@@ -5,7 +5,6 @@
 #include <cstring>
 
 #include "data/readers/bytereader.h"
-#include "data/scratch.h"
 #include "driver/constants.h"
 #include "driver/failures.h"
 #include "driver/runrecord.h"
@@ -217,8 +216,7 @@ void takeid(const StataFile& file, int idat, const unsigned char* row, Id& id) {
 void openstata(int level) {
   LevelSource& source = raw.level[level];
   files[level] = StataFile{};
-  source.stream = openfile(source.filename, "rb");
-  startbytes(files[level].bytes, source.stream, source.filename);
+  source.stream = startbytes(files[level].bytes, source.filename);
   readhead(level);
   readtypes(level);
   readnames(level);
