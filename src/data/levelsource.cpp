@@ -17,8 +17,8 @@ namespace {
 
 constexpr RawReader readers[] = {
     {rawascii, "ascii", 5, openascii, prepareascii, asciirecordof, closeascii},
-    {rawsystat, "systat", 6, opensystat, preparesystat, systatrecord, closesystat},
-    {rawsas, "sas", 3, opensas, preparesas, sasrecord, closesas},
+    {rawsystat, "systat", 6, opensystat, settlevariables, systatrecord, closesystat},
+    {rawsas, "sas", 3, opensas, settlevariables, sasrecord, closesas},
     {rawspss, "spss", 4, openspss, preparespss, spssrecord, closespss},
     {rawstata, "stata", 4, openstata, preparestata, statarecord, closestata},
     {rawother, "other", 5, openother, prepareother, strecord, closeother},

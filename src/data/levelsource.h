@@ -27,6 +27,7 @@ struct LevelSource {
   // Every format but ASCII.
   Array<RawVariable> vartable;  // one row for each variable of the file, by open()
   Array<int> chosen;            // rows marked as variables, in the order of the values of a record
+  int row3 = -1, row2 = -1;     // rows of the ID columns, by settlevariables
   long long asked = 0;          // records that readrecord was asked for: the number of the one in hand
 };
 

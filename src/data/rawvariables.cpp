@@ -97,6 +97,8 @@ std::string shownname(const RawVariable& variable) {
 void settlevariables(int level) {
   LevelSource& source = raw.level[level];
   source.selected = static_cast<int>(source.chosen.size());
+  source.row3 = idrow(source, level3idmark);
+  source.row2 = idrow(source, level2idmark);
 }
 
 double numericid(double value) {

@@ -55,7 +55,7 @@ void settleidkind();
 // The name of a row without blanks, as a template shows it.
 [[nodiscard]] std::string shownname(const RawVariable& variable);
 
-// The part of prepare() that all formats share: sets `selected`.
+// The part of prepare() that all formats share: sets `selected`, `row3` and `row2`.
 void settlevariables(int level);
 
 // The numeric ID of a value: floor(value + 0.2). Stops with code 100 above 9999999999999, and tells the record that

@@ -273,8 +273,6 @@ void opensas(int level) {
   sasvars(level);
 }
 
-void preparesas(int level) { settlevariables(level); }
-
 int sasrecord(int level, double* values, Id* id3, Id* id2) {
   SasLevel& sas = levels[level];
   const LevelSource& source = raw.level[level];

@@ -49,7 +49,6 @@ struct SpssFile {
   Array<Slot> slots;                  // the case in hand
   Array<Slot> blank;                  // what a slot holds that is all blanks: 0.0 in a numeric variable
   const RawVariable* rows = nullptr;  // the variable table, while cases are read
-  int row3 = -1, row2 = -1;           // rows of the ID columns
   unsigned char codes[8] = {};        // the block of codes in use
   int ctlpos = codesinblock;          // next code of it
   long long nread = 0;                // whole cases
@@ -382,8 +381,6 @@ void preparespss(int level) {
   settlevariables(level);
   seekbytes(file.bytes, file.data);
   file.rows = raw.level[level].vartable.data();
-  file.row3 = idrow(raw.level[level], level3idmark);
-  file.row2 = idrow(raw.level[level], level2idmark);
   file.ctlpos = codesinblock;
   file.nread = 0;
   file.ended = false;
@@ -392,9 +389,10 @@ void preparespss(int level) {
 int spssrecord(int level, double* values, Id* id3, Id* id2) {
   SpssFile& file = files[level];
   if (file.ended || (file.compressed != 0 ? readcompressed(file) : readplain(file)) != 0) return 1;
-  if (file.row3 >= 0) takeid(file, file.row3, *id3);
-  if (file.row2 >= 0 && id2 != nullptr) takeid(file, file.row2, *id2);
-  for (const int row : raw.level[level].chosen) {
+  const LevelSource& source = raw.level[level];
+  if (source.row3 >= 0) takeid(file, source.row3, *id3);
+  if (source.row2 >= 0 && id2 != nullptr) takeid(file, source.row2, *id2);
+  for (const int row : source.chosen) {
     const auto slot = static_cast<std::size_t>(row);
     const auto value = std::bit_cast<double>(file.slots[slot]);
     *values++ = ismissing(value, file.missing[slot]) ? missingcode : value;

@@ -30,7 +30,6 @@ struct SystatFile {
   Array<std::size_t> place;     // of each variable in the record: all numbers stand before all texts
   Array<unsigned char> record;  // the one in hand, without the marks
   long long records = 0;        // that were read
-  int row3 = -1, row2 = -1;     // rows of the ID columns
   bool ended = false;
 };
 
@@ -188,12 +187,6 @@ void opensystat(int level) {
   systathead(level);
 }
 
-void preparesystat(int level) {
-  settlevariables(level);
-  files[level].row3 = idrow(raw.level[level], level3idmark);
-  files[level].row2 = idrow(raw.level[level], level2idmark);
-}
-
 int systatrecord(int level, double* values, Id* id3, Id* id2) {
   SystatFile& file = files[level];
   if (file.ended) return 1;
@@ -203,9 +196,10 @@ int systatrecord(int level, double* values, Id* id3, Id* id2) {
     return 1;
   }
   ++file.records;
-  if (file.row3 >= 0) *id3 = idof(file, file.row3);
-  if (file.row2 >= 0 && id2 != nullptr) *id2 = idof(file, file.row2);
-  for (const int row : raw.level[level].chosen) *values++ = numberof(file, row);
+  const LevelSource& source = raw.level[level];
+  if (source.row3 >= 0) *id3 = idof(file, source.row3);
+  if (source.row2 >= 0 && id2 != nullptr) *id2 = idof(file, source.row2);
+  for (const int row : source.chosen) *values++ = numberof(file, row);
   return 0;
 }
 
