@@ -54,7 +54,9 @@ void markid(int level, int mark, const std::string& name) {
 void markvariable(int level, const std::string& name) {
   LevelSource& source = raw.level[level];
   const std::size_t row = rowtomark(level, name, "Variable %s not found!\n");
-  if (source.vartable[row].text) stopwith("mdm variables must be numeric!\n");
+  if (source.vartable[row].text)
+    stopwith("mdm variables must be numeric!\nVariable %s of the level-%d file is a character variable.\n",
+             shownname(source.vartable[row]).c_str(), level + 1);
   const bool late = !source.chosen.empty() && source.chosen[source.chosen.size() - 1] > static_cast<int>(row);
   if (late && !rawis(rawsystat))
     stopwith("The level-%d variables must be listed in the order of the raw file: %s comes too late!\n", level + 1,

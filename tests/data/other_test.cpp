@@ -350,7 +350,8 @@ TEST_F(Delimited, NumericIds) {
             "INTRCPT1\nX\nY\nINTRCPT2\nW\nINTRCPT3\nZ\n1 0x1.cp+2\n999999999999 0x1p+3\n"
             "1 2 0x1.cp+2\n 0x1p+0 0x1p+1\n999999999999 123456789012 0x1p+3\n 0x1.8p+1 0x1p+2\n");
   makefile("1.csv", "ID3;id2;X;Y\n1;2;2.5;3,5\n");
-  EXPECT_EQ(makemdm(templateof(recipe)).words, "mdm variables must be numeric!\n");
+  EXPECT_EQ(makemdm(templateof(recipe)).words,
+            "mdm variables must be numeric!\nVariable X of the level-1 file is a character variable.\n");
 }
 
 TEST_F(Delimited, Refusals) {

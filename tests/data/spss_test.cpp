@@ -279,7 +279,7 @@ TEST_F(Spss, Refusals) {
       {"one variable alone", Sav{variable("LEA", 20), 3, ""}.bytes(), " file is an empty file\n", columns},
       {"a text as variable",
        Sav{mixed, 12, ""}.bytes(),
-       "mdm variables must be numeric!\n",
+       "mdm variables must be numeric!\nVariable SHORT of the level-1 file is a character variable.\n",
        {"lea", "school", {"short"}},
        100},
       {"an absent ID", good.bytes(), "id variable not found!\n", {"lea", "schol", {"x"}}, 100},
@@ -304,6 +304,20 @@ TEST_F(Spss, Refusals) {
     EXPECT_EQ(outcome.code, c.code) << c.what;
     const std::string empty = c.code == 1 && c.words[0] != ' ' ? " file is an empty file\n" : "";
     EXPECT_EQ(outcome.words, c.words + empty) << c.what;
+  }
+  for (const char level : {'2', '3'}) {
+    const std::string name = std::string("The level-") + level;
+    makefile("t.mdmt", std::string(templatehead) + "\nrawdattype:spss\nl" + level + "fname:file\n");
+    for (const auto& [bytes, words] :
+         {std::pair(std::string("no"), name + " file does not seem to be a SPSS file!\n"),
+          std::pair(with([](Sav& s) { s.records = int32bytes(5); }), name + " SPSS has a strange header.\n"),
+          std::pair(
+              with([](Sav& s) { s.records = extension(25, 1, "new"); }),
+              std::string("Invalid dictionary subtype 25 in SPSS level-") + level +
+                  " file.  This is\nprobably due to a new version of SPSS that KDR does not know about yet.\n")}) {
+      makefile("file", bytes);
+      EXPECT_EQ(runchild([] { readtemplate("t.mdmt"); }).words, words + " file is an empty file\n");
+    }
   }
   const Sav largest{good.dictionary, 4, cells({9999999999999.0, 123456789012.0, 1, 1})};
   EXPECT_EQ(readraw("spss", largest.bytes(), columns).id3[0], "9999999999999");

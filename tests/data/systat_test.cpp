@@ -301,9 +301,11 @@ TEST_F(Systat, ChoicesThatSpareTheFile) {
   none2.names[1] = "";
   Recipe none3 = recipe;
   none3.names[2] = "";
-  for (const auto& [r, words] : {std::pair(character, "mdm variables must be numeric!\n"),
-                                 std::pair(none2, "You must select at least one level-2 variable!\n"),
-                                 std::pair(none3, "You must select at least one level-3 variable!\n")}) {
+  for (const auto& [r, words] :
+       {std::pair(character,
+                  "mdm variables must be numeric!\nVariable T2$ of the level-1 file is a character variable.\n"),
+        std::pair(none2, "You must select at least one level-2 variable!\n"),
+        std::pair(none3, "You must select at least one level-3 variable!\n")}) {
     makefile("t.mdmt", templateof(r));
     makefile("made.mdm", "old");
     const Outcome outcome = runchild([] {
