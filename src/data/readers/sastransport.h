@@ -18,9 +18,9 @@ namespace kdr {
 // for the data set in the folder of the transport file. True when the transport file exists now.
 [[nodiscard]] bool sasconvert(const std::string& path);
 
-// The operations of RawReader besides settlevariables. opensas stops with failure 1 when the heads cannot be read, with code 100 when the
-// length of a descriptor is none. Only the first data set of a file is read. What ends the data before the file's end
-// is told on the console and in the log.
+// The operations of RawReader besides settlevariables. opensas stops with failure 1 when the heads cannot be read, with
+// code 100 when the length of a descriptor is none. Only the first data set of a file is read. What ends the data
+// before the file's end is told on the console and in the log.
 void opensas(int level);
 [[nodiscard]] int sasrecord(int level, double* values, Id* id3, Id* id2);
 void closesas(int level);
