@@ -432,8 +432,8 @@ void mkmdm() {
   Construction build;
   deletedrows = DeletedRows{};
   sparerawfiles();
+  takedimensions();  // before the MDM file that is to be replaced is emptied
   openmdm();
-  takedimensions();
   openlog();
   readlevel3();
   startmerge(build);
@@ -444,6 +444,8 @@ void mkmdm() {
   mergeunits(build);
   if (mdm.nunits2 == 0) {
     std::fprintf(logstream(), "No groups left for analysis\n");
+    std::printf("%s", mdm.nvar1 == 0 ? "You have selected no level-1 variable, so that no level-1 record counts!\n"
+                                     : "No level-2 unit is left for the analysis. KDR3MDM.STS tells more.\n");
     stoprun(100);
   }
   keeplevel3([&](std::size_t row) { return build.unitsof[row] > 0; });

@@ -16,12 +16,12 @@ RawData raw;
 namespace {
 
 constexpr RawReader readers[] = {
-    {2, "ascii", 5, "ASCII", openascii, prepareascii, asciirecordof, closeascii},
-    {3, "systat", 6, "SYSTAT", opensystat, preparesystat, systatrecord, closesystat},
-    {5, "sas", 3, "SAS", opensas, preparesas, sasrecord, closesas},
-    {6, "spss", 4, "SPSS", openspss, preparespss, spssrecord, closespss},
-    {8, "stata", 4, "Stata", openstata, preparestata, statarecord, closestata},
-    {9, "other", 5, "OTHER", openother, prepareother, strecord, closeother},
+    {rawascii, "ascii", 5, openascii, prepareascii, asciirecordof, closeascii},
+    {rawsystat, "systat", 6, opensystat, settlevariables, systatrecord, closesystat},
+    {rawsas, "sas", 3, opensas, settlevariables, sasrecord, closesas},
+    {rawspss, "spss", 4, openspss, preparespss, spssrecord, closespss},
+    {rawstata, "stata", 4, openstata, preparestata, statarecord, closestata},
+    {rawother, "other", 5, openother, prepareother, strecord, closeother},
 };
 
 }  // namespace
@@ -32,7 +32,19 @@ const RawReader* findreader(const std::string& value) {
   return nullptr;
 }
 
-int readrecord(int level, double* values, Id* id3, Id* id2) { return raw.reader->record(level, values, id3, id2); }
+int readrecord(int level, double* values, Id* id3, Id* id2) {
+  raw.reading = level;
+  ++raw.level[level].asked;
+  return raw.reader->record(level, values, id3, id2);
+}
+
+bool rawis(RawType type) { return raw.reader != nullptr && raw.reader->rawdattype == type; }
+
+void closestream(int level) {
+  LevelSource& source = raw.level[level];
+  if (source.stream != nullptr) std::fclose(source.stream);
+  source.stream = nullptr;
+}
 
 void forgetraw() {
   for (int level = 0; level < 3; ++level)

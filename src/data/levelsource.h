@@ -12,6 +12,9 @@ namespace kdr {
 
 struct RawReader;
 
+// The raw formats by their code in the MDM head.
+enum RawType : int { rawascii = 2, rawsystat = 3, rawsas = 5, rawspss = 6, rawstata = 8, rawother = 9 };
+
 // The raw file of one level.
 struct LevelSource {
   std::FILE* stream = nullptr;
@@ -24,12 +27,15 @@ struct LevelSource {
   // Every format but ASCII.
   Array<RawVariable> vartable;  // one row for each variable of the file, by open()
   Array<int> chosen;            // rows marked as variables, in the order of the values of a record
+  int row3 = -1, row2 = -1;     // rows of the ID columns, by settlevariables
+  long long asked = 0;          // records that readrecord was asked for: the number of the one in hand
 };
 
 // What a construction is told about its raw data. The names, the kind of IDs and the head's fields are in run.mdm.
 struct RawData {
   const RawReader* reader = nullptr;  // the format of all three files; null while none is chosen
   LevelSource level[3];               // index 0, 1, 2 for levels 1, 2, 3
+  int reading = 0;                    // index of the level that readrecord was asked for last
   Array<double> missingcodes;         // ASCII only: the value that stands for missing, one for each level-1 variable
   std::string templatename;           // the template that was read, or empty
 };
@@ -37,16 +43,16 @@ extern RawData raw;
 
 // One raw format. Levels are indices 0 to 2; the fields of raw.level[level] are the operations' only arguments besides.
 struct RawReader {
-  int rawdattype;     // code in the MDM head
+  RawType rawdattype;
   const char* word;   // value of RAWDATTYPE: in a template
   std::size_t match;  // characters of the word that a value must begin with
-  const char* label;  // name in messages
   // Opens the file of the level by its name and reads its head.
   void (*open)(int level);
   // Called once before the first record: settles `selected` and brings the file to its first record.
   void (*prepare)(int level);
-  // Reads the next record: the selected variables in raw-file order into `values`, missing ones as missingcode, and the
-  // IDs; `id2` is null at level 3. 0 for a record, not 0 when there are no more.
+  // Reads the next record: the selected variables into `values`, in raw-file order or for SYSTAT in the order of the
+  // list, missing ones as missingcode, and the IDs; `id2` is null at level 3. 0 for a record, not 0 when there are no
+  // more.
   int (*record)(int level, double* values, Id* id3, Id* id2);
   // Closes the file.
   void (*close)(int level);
@@ -57,6 +63,12 @@ struct RawReader {
 
 // Reads the next record of a level through its format.
 [[nodiscard]] int readrecord(int level, double* values, Id* id3, Id* id2);
+
+// Whether the raw data are of this format.
+[[nodiscard]] bool rawis(RawType type);
+
+// Closes the stream of a level; a part of the readers' close().
+void closestream(int level);
 
 // Drops all that the construction was told and closes its raw files.
 void forgetraw();

@@ -31,11 +31,6 @@ bool isfile(const std::string& path) {
   return stat(path.c_str(), &about) == 0 && !S_ISDIR(about.st_mode);
 }
 
-bool isascii() { return raw.reader->rawdattype == 2; }
-bool istransport() { return raw.reader->rawdattype == 5; }
-bool isother() { return raw.reader->rawdattype == 9; }
-bool inlistorder() { return raw.reader->rawdattype == 3; }
-
 std::string __attribute__((format(printf, 1, 2))) words(const char* format, ...) {
   char text[256];
   std::va_list arguments;
@@ -59,7 +54,6 @@ void askrawtype() {
       "   for anything Stat/Transfer reads enter 6\n");
   constexpr const char* types[] = {"ascii", "systat", "sas", "spss", "stata", "other"};
   raw.reader = findreader(types[asknumber("Type?", 1, 6) - 1]);
-  if (raw.reader->open == nullptr) stopwith("%s cannot read %s files yet.\n", module, raw.reader->label);
 }
 
 void askformat(int level) {
@@ -84,7 +78,7 @@ void askrawfile(int level) {
     if (!readanswer(prompt, name) || name.empty()) continue;
     if (name.size() >= maxpath) {
       std::printf("File name too long: %s\n", name.c_str());
-    } else if (isfile(name) || (istransport() && sasconvert(name))) {
+    } else if (isfile(name) || (rawis(rawsas) && name.ends_with(".ssp") && sasconvert(name))) {
       return;
     } else {
       std::printf("\n%s does not exist!\n", name.c_str());
@@ -108,13 +102,13 @@ void asktypedfile(int level) {
 }
 
 void asksource(int level) {
-  if (isascii()) {
+  if (rawis(rawascii)) {
     const std::string prompt =
         words("\nInput number of level-%1d variables (not including the character ID):", level + 1);
     raw.level[level].numvar = asknumber(prompt.c_str(), 1, mostasked);
     askformat(level);
   }
-  if (isother()) {
+  if (rawis(rawother)) {
     asktypedfile(level);
   } else {
     askrawfile(level);
@@ -182,11 +176,18 @@ void askmdmname() {
 
 // The variable chooser.
 
+// Whether a template can hold the name in a line of its own.
+bool canbelisted(const RawVariable& variable) {
+  const std::string name = shownname(variable);
+  const auto control = [](unsigned char c) { return std::iscntrl(c) != 0; };
+  return !name.empty() && name[0] != '#' && std::none_of(name.begin(), name.end(), control);
+}
+
 // The rows of a file that can be chosen, in file order.
 std::vector<RawVariable*> visiblerows(LevelSource& source) {
   std::vector<RawVariable*> rows;
   for (RawVariable& variable : source.vartable)
-    if (!variable.hidden) rows.push_back(&variable);
+    if (!variable.hidden && canbelisted(variable)) rows.push_back(&variable);
   return rows;
 }
 
@@ -195,6 +196,11 @@ void showvariables(int level, const std::vector<RawVariable*>& rows) {
   for (std::size_t i = 0; i < rows.size(); ++i)
     std::printf(" For %.9s enter %2d%s", rows[i]->name.text, static_cast<int>(i) + 1,
                 i % 3 == 2 || i + 1 == rows.size() ? "\n" : "   ");
+  const Array<RawVariable>& all = raw.level[level].vartable;
+  const auto left =
+      std::count_if(all.begin(), all.end(), [](const RawVariable& row) { return !row.hidden && !canbelisted(row); });
+  if (left > 0)
+    std::printf(" %d more cannot be chosen, since a template cannot hold their names.\n", static_cast<int>(left));
 }
 
 constexpr const char* alreadychosen = "You have already chosen that variable!\n";
@@ -223,7 +229,7 @@ void choosecolumn(const char* prompt, int mark, const std::vector<RawVariable*>&
 // order of the file.
 void takechosen(LevelSource& source, const std::vector<int>& picked) {
   std::vector<int> order = picked;
-  if (!inlistorder()) std::sort(order.begin(), order.end());
+  if (!rawis(rawsystat)) std::sort(order.begin(), order.end());
   source.chosen.reset(order.size());
   std::copy(order.begin(), order.end(), source.chosen.begin());
 }
@@ -263,9 +269,7 @@ void choosevariables(int level) {
   choosecolumn(" What variable is the level-3 ID?", level3idmark, rows, kindknown);
   if (level < 2) choosecolumn(" What variable is the level-2 ID?", level2idmark, rows, kindknown);
   pickvariables(level, rows);
-  startnames(level, source.chosen.size());
-  for (std::size_t v = 0; v < source.chosen.size(); ++v)
-    namesof(level)[v + 1] = paddedname(shownname(source.vartable[static_cast<std::size_t>(source.chosen[v])]));
+  takenames(level);
 }
 
 void mdmdialogue() {
@@ -278,7 +282,7 @@ void mdmdialogue() {
   for (int level = 0; level < 3; ++level) asksource(level);
   for (int level = 0; level < 3; ++level) raw.reader->open(level);
   for (int level = 0; level < 3; ++level) {
-    if (isascii()) {
+    if (rawis(rawascii)) {
       asknames(level);
     } else {
       choosevariables(level);
@@ -287,7 +291,7 @@ void mdmdialogue() {
   bool samemissing = false;
   mdm.l1missing = askyesno("Are there missing data in the level-1 file?") != 0;
   if (mdm.l1missing) {
-    if (isascii()) samemissing = askcodes();
+    if (rawis(rawascii)) samemissing = askcodes();
     mdm.deletednow = askdeletion();
   }
   askmdmname();

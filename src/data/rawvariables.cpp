@@ -15,9 +15,7 @@ namespace {
 constexpr double largestid = 9999999999999.0;
 constexpr const char* unlikeids = "ID's must be both be character or both numeric!\n";
 
-bool inlistorder() { return raw.reader != nullptr && raw.reader->rawdattype == 3; }
-
-int namewidth(std::string_view name) { return inlistorder() && name.find('$') != std::string_view::npos ? 9 : 8; }
+int namewidth(std::string_view name) { return rawis(rawsystat) && name.find('$') != std::string_view::npos ? 9 : 8; }
 
 // The row of a variable that is to be marked.
 std::size_t rowtomark(int level, const std::string& name, const char* absent) {
@@ -28,6 +26,13 @@ std::size_t rowtomark(int level, const std::string& name, const char* absent) {
   if (source.vartable[static_cast<std::size_t>(row)].mark != unwanted)
     stopwith("Variable %s of the level-%d file is chosen more than once!\n", name.c_str(), level + 1);
   return static_cast<std::size_t>(row);
+}
+
+// The words on an ID of the record in hand, and the place where it stands.
+[[noreturn]] void refuseid(const char* words) {
+  const LevelSource& source = raw.level[raw.reading];
+  stopwith("%sIt stands in record %lld of the level-%d file %s.\n", words, source.asked, raw.reading + 1,
+           source.filename.c_str());
 }
 
 }  // namespace
@@ -49,8 +54,11 @@ void markid(int level, int mark, const std::string& name) {
 void markvariable(int level, const std::string& name) {
   LevelSource& source = raw.level[level];
   const std::size_t row = rowtomark(level, name, "Variable %s not found!\n");
+  if (source.vartable[row].text)
+    stopwith("mdm variables must be numeric!\nVariable %s of the level-%d file is a character variable.\n",
+             shownname(source.vartable[row]).c_str(), level + 1);
   const bool late = !source.chosen.empty() && source.chosen[source.chosen.size() - 1] > static_cast<int>(row);
-  if (late && !inlistorder())
+  if (late && !rawis(rawsystat))
     stopwith("The level-%d variables must be listed in the order of the raw file: %s comes too late!\n", level + 1,
              name.c_str());
   source.vartable[row].mark = variablemark;
@@ -90,20 +98,20 @@ std::string shownname(const RawVariable& variable) {
 
 void settlevariables(int level) {
   LevelSource& source = raw.level[level];
-  for (const int row : source.chosen)
-    if (source.vartable[static_cast<std::size_t>(row)].text) stopwith("mdm variables must be numeric!\n");
   source.selected = static_cast<int>(source.chosen.size());
+  source.row3 = idrow(source, level3idmark);
+  source.row2 = idrow(source, level2idmark);
 }
 
 double numericid(double value) {
-  if (value > largestid) stopwith("ID must be no more than 12 digits long\n");
+  if (value > largestid) refuseid("ID must be no more than 12 digits long\n");
   return std::floor(value + 0.2);
 }
 
 Name textid(std::string_view text) {
   if (text.size() > longestid &&
       text.find_first_not_of(std::string_view(" \0", 2), longestid) != std::string_view::npos)
-    stopwith("Your ID variable is longer than 12 characters.\n");
+    refuseid("Your ID variable is longer than 12 characters.\n");
   return paddedname(text, static_cast<int>(longestid));
 }
 

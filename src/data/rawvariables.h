@@ -37,7 +37,8 @@ struct RawVariable {
 [[nodiscard]] int findvariable(const LevelSource& source, std::string_view name);
 
 // Marks a variable of the level (index 0 to 2) as the ID column that `mark` tells, or as a variable of the MDM file.
-// Stops with code 100 when the name is too long, when the file has no such variable, or when it has a mark already.
+// Stops with code 100 when the name is too long, when the file has no such variable, when it has a mark already, or
+// when a variable of the MDM file is a character variable.
 // Variables must be marked in the order of the raw file, since that is the order of the values of a record; in SYSTAT
 // data any order is kept.
 void markid(int level, int mark, const std::string& name);
@@ -54,14 +55,14 @@ void settleidkind();
 // The name of a row without blanks, as a template shows it.
 [[nodiscard]] std::string shownname(const RawVariable& variable);
 
-// The part of prepare() that all formats share: sets `selected` and fills `chosen`. Stops with code 100 when a wanted
-// variable is a character variable.
+// The part of prepare() that all formats share: sets `selected`, `row3` and `row2`.
 void settlevariables(int level);
 
-// The numeric ID of a value: floor(value + 0.2). Stops with code 100 above 9999999999999.
+// The numeric ID of a value: floor(value + 0.2). Stops with code 100 above 9999999999999, and tells the record that
+// readrecord was asked for.
 [[nodiscard]] double numericid(double value);
 // A text ID through padname with width 12. Stops with code 100 when characters other than blanks or zeros stand behind
-// the twelfth.
+// the twelfth, and tells the record.
 [[nodiscard]] Name textid(std::string_view text);
 
 }  // namespace kdr

@@ -30,8 +30,6 @@ constexpr const char* noformat = "Must specify raw data type before input file n
 constexpr const char* nofile = "Must specify raw data type and input file name before variable names!\n";
 constexpr const char* badmissing = "Incorrect specification of ASCII missing information!\n";
 
-bool isascii() { return raw.reader->rawdattype == 2; }
-
 // The next line, whatever it holds, without its end and trailing blanks. A longer one than a line may be comes in
 // pieces. False at the end of the file.
 bool nextline(TemplateText& text, std::string& line) {
@@ -89,7 +87,7 @@ void takemissing(TemplateText& text, const std::string& value) {
   mdm.l1missing = true;
   const std::string list = value.substr(1);
   if (raw.reader == nullptr && beginswith(list, "/")) stopwith(nofile);
-  if (raw.reader == nullptr || raw.reader->rawdattype != 2) return;
+  if (!rawis(rawascii)) return;
   if (!text.counted[0]) stopwith(nofile);
   raw.missingcodes.reset(static_cast<std::size_t>(raw.level[0].numvar));
   if (beginswith(list, "/SAME")) {
@@ -115,7 +113,7 @@ void takecount(TemplateText& text, int level, const std::string& value) {
   const long count = std::strtol(value.c_str(), nullptr, 10);
   if (count < 0 || count > mostvariables)
     stopwith("The number of level-%d variables must lie between 0 and %d!\n", level + 1, mostvariables);
-  if (raw.reader != nullptr && !isascii()) return;  // the file tells it
+  if (raw.reader != nullptr && !rawis(rawascii)) return;  // the file tells it
   raw.level[level].numvar = static_cast<int>(count);
   startnames(level, static_cast<std::size_t>(count));
   text.counted[level] = true;
@@ -139,7 +137,7 @@ void takefile(TemplateText& text, int level, const std::string& value) {
   source.vartable.reset(0);
   source.chosen.reset(0);
   raw.reader->open(level);
-  if (!isascii()) text.named[level] = false;
+  if (!rawis(rawascii)) text.named[level] = false;
 }
 
 // The ID line of a variable block: `word` and the name of the column.
@@ -152,7 +150,6 @@ void takeidline(TemplateText& text, int level, const char* word, int mark) {
 
 // The variable block of a format that names its variables itself.
 void takevariables(TemplateText& text, int level, const char* ending) {
-  const LevelSource& source = raw.level[level];
   clearmarks(level);
   takeidline(text, level, "level3id:", level3idmark);
   if (level < 2) takeidline(text, level, "level2id:", level2idmark);
@@ -163,9 +160,7 @@ void takevariables(TemplateText& text, int level, const char* ending) {
     if (beginswith(line, ending)) break;
     markvariable(level, line);
   }
-  startnames(level, source.chosen.size());
-  for (std::size_t v = 0; v < source.chosen.size(); ++v)
-    namesof(level)[v + 1] = paddedname(shownname(source.vartable[static_cast<std::size_t>(source.chosen[v])]));
+  takenames(level);
   text.named[level] = true;
 }
 
@@ -173,7 +168,7 @@ void takeblock(TemplateText& text, int level) {
   if (raw.reader == nullptr || raw.level[level].stream == nullptr) stopwith(nofile);
   char ending[] = "*END L1VARS";
   ending[6] = static_cast<char>('1' + level);
-  if (!isascii()) return takevariables(text, level, ending);
+  if (!rawis(rawascii)) return takevariables(text, level, ending);
   if (!text.counted[level]) stopwith("Must specify the number of level-%d variables before their names!\n", level + 1);
   Array<Name>& names = namesof(level);
   std::size_t given = 0;
@@ -248,7 +243,7 @@ void checkcomplete(const TemplateText& text) {
   for (int level = 0; level < 3; ++level) {
     const LevelSource& source = raw.level[level];
     if (source.stream == nullptr) stopwith("The template names no level-%d file!\n", level + 1);
-    if (!isascii()) {
+    if (!rawis(rawascii)) {
       if (!text.named[level]) stopwith("The template names no level-%d variables!\n", level + 1);
       continue;
     }
@@ -256,18 +251,19 @@ void checkcomplete(const TemplateText& text) {
     if (source.format.empty()) stopwith("The template tells no format of the level-%d file!\n", level + 1);
     if (!text.named[level] && source.numvar > 0) stopwith("The template names no level-%d variables!\n", level + 1);
   }
-  if (isascii() && run.mdm.l1missing && raw.missingcodes.size() != static_cast<std::size_t>(raw.level[0].numvar))
+  if (rawis(rawascii) && run.mdm.l1missing && raw.missingcodes.size() != static_cast<std::size_t>(raw.level[0].numvar))
     stopwith(badmissing);
 }
 
-// The ID columns and the variables of a level, in raw-file order.
+// The ID columns and the variables of a level, in the order of a record's values: that of the raw file for every format
+// but SYSTAT, whose list has an order of its own.
 void writevariables(std::FILE* out, const LevelSource& source) {
   const int row3 = idrow(source, level3idmark);
   const int row2 = idrow(source, level2idmark);
   if (row3 >= 0) std::fprintf(out, "level3id:%s\n", shownname(source.vartable[static_cast<std::size_t>(row3)]).c_str());
   if (row2 >= 0) std::fprintf(out, "level2id:%s\n", shownname(source.vartable[static_cast<std::size_t>(row2)]).c_str());
-  for (const RawVariable& variable : source.vartable)
-    if (variable.mark == variablemark) std::fprintf(out, "%s\n", shownname(variable).c_str());
+  for (const int row : source.chosen)
+    std::fprintf(out, "%s\n", shownname(source.vartable[static_cast<std::size_t>(row)]).c_str());
 }
 
 }  // namespace
@@ -279,6 +275,13 @@ void startnames(int level, std::size_t count) {
   names.reset(count + 1);
   names.fill(paddedname(""));
   names[0] = paddedname(level == 0 ? "INTRCPT1" : level == 1 ? "INTRCPT2" : "INTRCPT3");
+}
+
+void takenames(int level) {
+  const LevelSource& source = raw.level[level];
+  startnames(level, source.chosen.size());
+  for (std::size_t v = 0; v < source.chosen.size(); ++v)
+    namesof(level)[v + 1] = paddedname(shownname(source.vartable[static_cast<std::size_t>(source.chosen[v])]));
 }
 
 void readtemplate(const std::string& path) {
@@ -300,7 +303,7 @@ void readtemplate(const std::string& path) {
 
 void writetemplate(bool samemissing) {
   const MdmData& mdm = run.mdm;
-  const bool ascii = isascii();
+  const bool ascii = rawis(rawascii);
   for (const LevelSource& source : raw.level)
     if (samefile(source.filename, templatecopy))
       stopwith("The raw data file %s bears the name of the template's copy. Please rename it.\n",

@@ -16,6 +16,8 @@ inline constexpr const char* templatecopy = "creatmdm.mdmt";
 [[nodiscard]] Array<Name>& namesof(int level);
 // Makes that table anew: the intercept's name and `count` blank names.
 void startnames(int level, std::size_t count);
+// Makes it from the chosen rows of a raw file that names its variables.
+void takenames(int level);
 
 // Reads a template into `raw`, run.mdm (names, kinds) and run.files.mdmfile, opens its raw files, and writes it back by
 // writetemplate. Stops with code 100 and words of its own on anything it cannot use.

@@ -54,7 +54,7 @@ int record(int level, double* values, Id* id3, Id* id2) {
 
 void close(int) {}
 
-constexpr RawReader memoryreader{6, "spss", 4, "memory", nullptr, prepare, record, close};
+constexpr RawReader memoryreader{rawspss, "spss", 4, nullptr, prepare, record, close};
 
 struct Job {
   std::vector<Row> level1, level2, level3;

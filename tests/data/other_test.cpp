@@ -337,7 +337,8 @@ TEST_F(Delimited, MakesTheFile) {
             "INTRCPT1\nX\nY\nINTRCPT2\nW\nINTRCPT3\nZ\nA 0x1.999999999999ap-4\nB 0x1p+1\n"
             "A S1 0x1.cp+2\n 0x1p+0 0x1p+1\n . 0x1.8p+1\nB S2 0x1p+3\n . -0x1.77p+10\n");
   makefile("1.csv", "id3,id2,x,y\nthirteen char,s1,1,2\n");
-  EXPECT_EQ(makemdm(templateof(recipe)).words, "Your ID variable is longer than 12 characters.\n");
+  EXPECT_EQ(makemdm(templateof(recipe)).words,
+            "Your ID variable is longer than 12 characters.\nIt stands in record 1 of the level-1 file 1.csv.\n");
 }
 
 TEST_F(Delimited, NumericIds) {
@@ -349,7 +350,8 @@ TEST_F(Delimited, NumericIds) {
             "INTRCPT1\nX\nY\nINTRCPT2\nW\nINTRCPT3\nZ\n1 0x1.cp+2\n999999999999 0x1p+3\n"
             "1 2 0x1.cp+2\n 0x1p+0 0x1p+1\n999999999999 123456789012 0x1p+3\n 0x1.8p+1 0x1p+2\n");
   makefile("1.csv", "ID3;id2;X;Y\n1;2;2.5;3,5\n");
-  EXPECT_EQ(makemdm(templateof(recipe)).words, "mdm variables must be numeric!\n");
+  EXPECT_EQ(makemdm(templateof(recipe)).words,
+            "mdm variables must be numeric!\nVariable X of the level-1 file is a character variable.\n");
 }
 
 TEST_F(Delimited, Refusals) {
@@ -396,7 +398,8 @@ TEST_F(Delimited, Refusals) {
       {templateof(absent), 100, "id variable not found!\n"},
       {noids, 100, "ID specification must immediately follow *begin line!\n"},
       {templateof(recipe), 100, "ID's must be both be character or both numeric!\n"},
-      {templateof(ids), 100, "ID must be no more than 12 digits long\n"},
+      {templateof(ids), 100,
+       "ID must be no more than 12 digits long\nIt stands in record 2 of the level-1 file ids.csv.\n"},
   };
   for (const auto& c : cases) {
     const Outcome outcome = makemdm(c.text);

@@ -10,6 +10,7 @@
 #include "data/construction.h"
 #include "data/levelsource.h"
 #include "data/mdm.h"
+#include "data/mdmdialogue.h"
 #include "data/scratch.h"
 #include "data/template.h"
 #include "data/unitreader.h"
@@ -108,13 +109,12 @@ inline std::string mdmshown() {
   return text;
 }
 
-// Makes the MDM file of a template. Its contents go to the file "shown", the words without the descriptive statistics
-// are the outcome's.
-inline Outcome makemdm(const std::string& text) {
-  makefile("t.mdmt", text);
+// Makes the MDM file that `tell` fills in what is needed for. Its contents go to the file "shown", the words without
+// the descriptive statistics are the outcome's.
+inline Outcome makemdmof(const std::function<void()>& tell) {
   for (const char* path : {"shown", "made.mdm", templatecopy}) std::remove(path);
-  Outcome outcome = runchild([] {
-    readtemplate("t.mdmt");
+  Outcome outcome = runchild([&] {
+    tell();
     mkmdm();
     makefile("shown", mdmshown());
   });
@@ -124,6 +124,19 @@ inline Outcome makemdm(const std::string& text) {
     outcome.words =
         outcome.words.substr(0, statistics) + (extra == std::string::npos ? "" : outcome.words.substr(extra));
   return outcome;
+}
+
+// The same from a template, and from the answers to the dialogue.
+inline Outcome makemdm(const std::string& text) {
+  makefile("t.mdmt", text);
+  return makemdmof([] { readtemplate("t.mdmt"); });
+}
+inline Outcome answermdm(const std::string& answers) {
+  makefile("answers", answers);
+  return makemdmof([] {
+    if (std::freopen("answers", "r", stdin) == nullptr) _exit(99);
+    mdmdialogue();
+  });
 }
 
 inline const std::string extrawords = "\nThere are extra messages in KDR3MDM.STS.  Please examine this file.\n\n";

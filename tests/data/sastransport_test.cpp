@@ -158,6 +158,7 @@ TEST_F(Sas, DataThatEndEarly) {
     std::string words;
     int records;
   } cases[] = {
+      {"a first card that ends with its line feed", whole.substr(0, 48) + "\n" + whole.substr(80), "", 4},
       {"one byte of the last record is missing", heads + data.substr(0, 4 * width - 1),
        name + " ends in the middle of record 4. That record does not count.\n" + extrawords, 3},
       {"no filler behind the last record", heads + data, "", 4},
@@ -165,6 +166,8 @@ TEST_F(Sas, DataThatEndEarly) {
        "Record 2 of " + name + " is blank, which ends the data. What stands behind it does not count.\n" + extrawords,
        1},
       {"a second data set", whole + member(study.level[1], 140),
+       name + " holds more than one data set. Only the first one was read.\n" + extrawords, 4},
+      {"another transport file", whole + sasfile(study.level[1]),
        name + " holds more than one data set. Only the first one was read.\n" + extrawords, 4},
       {"a second data set behind whole cards of blanks", whole + std::string(160, ' ') + member(study.level[1], 140),
        name + " holds more than one data set. Only the first one was read.\n" + extrawords, 4},
@@ -232,18 +235,55 @@ TEST_F(Sas, Refusals) {
       {with(observations, "NO"), recipe, 1, seems + empty},
       {whole.substr(0, observations + 20), recipe, 1, seems + empty},
       {whole.substr(0, observations + 80), recipe, 1, empty},
-      {sasfile(longid), texts, 100, "Your ID variable is longer than 12 characters.\n"},
-      {sasfile(largeid), recipe, 100, "ID must be no more than 12 digits long\n"},
+      {sasfile(longid), texts, 100,
+       "Your ID variable is longer than 12 characters.\nIt stands in record 1 of the level-1 file 1.xpt.\n"},
+      {sasfile(largeid), recipe, 100,
+       "ID must be no more than 12 digits long\nIt stands in record 1 of the level-1 file 1.xpt.\n"},
+      {whole.substr(0, 40) + "\n", recipe, 1, seems + empty},
       {whole, mixed, 100, "ID's must be both be character or both numeric!\n"},
       {whole, longname, 100, "Variable name THIRTEENCHARS is too long!\n"},
       {whole, absent, 100, "Variable NONE not found!\n"},
-      {whole, character, 100, "mdm variables must be numeric!\n"},
+      {whole, character, 100,
+       "mdm variables must be numeric!\nVariable T2 of the level-1 file is a character variable.\n"},
   };
   for (const auto& c : cases) {
     makefile("1.xpt", c.text);
     const Outcome outcome = makemdm(templateof(c.recipe));
     EXPECT_EQ(outcome.code, c.code) << c.words;
     EXPECT_EQ(outcome.words, c.words);
+  }
+}
+
+TEST_F(Sas, Dialogue) {
+  const std::string files = "3\n1.xpt\n2.xpt\n3.xpt\n";
+  const Outcome outcome = answermdm(files + "1\n2\n7\n6\n5\n1\n2\n5\n1\n3\ny\na\nmade.mdm\n");
+  EXPECT_EQ(outcome.code, 0) << outcome.words;
+  EXPECT_EQ(contents("shown"), studyshown(study, false));
+  Table wide = study.level[0];
+  wide.columns[3].width = 13;
+  makefile("1.xpt", sasfile(wide));
+  const std::string noresponse = "Unable to get a proper response\n";
+  const std::string longid = "Your ID variable is longer than 12 characters.\n";
+  const std::string again = "You have already chosen that variable!\n";
+  const auto repeated = [](const char* answer, int times) {
+    std::string text;
+    while (times-- > 0) text += answer;
+    return text;
+  };
+  const struct {
+    std::string answers;
+    std::string prompt, words;
+    std::size_t times;
+  } cases[] = {
+      {"3\n" + repeated("4\n", 10), " What variable is the level-2 ID? ", longid, 10},
+      {"1\n2\n5\n" + repeated("5\n", 500), " Please specify level-1 variable # 2 (enter 0 to end): ", again, 499}};
+  for (const auto& c : cases) {
+    const Outcome refused = answermdm(files + c.answers);
+    EXPECT_EQ(refused.code, 14);
+    std::size_t times = 0;
+    for (std::size_t at = 0; (at = refused.words.find(c.prompt + c.words, at)) != std::string::npos; ++at) ++times;
+    EXPECT_EQ(times, c.times);
+    EXPECT_EQ(refused.words.substr(refused.words.size() - noresponse.size()), noresponse);
   }
 }
 
@@ -280,6 +320,24 @@ TEST(SasConvert, RunsTheJob) {
             "proc copy in=fileout out=tranfile;\nselect chem;\nrun;\n");
   EXPECT_FALSE(std::filesystem::exists("xyzzy.sas"));
   EXPECT_FALSE(std::filesystem::exists("xyzzy.log"));
+  const struct {
+    const char* dataset;
+    const char* transport;
+    std::string job;
+  } elsewhere[] = {
+      {"./chem.ssd", "./chem.ssp",
+       "'././chem.ssp';\nlibname fileout '.';\nproc copy in=fileout out=tranfile;\nselect chem;"},
+      {"old.ssp/pupils.ssd", "old.ssp/pupils.ssp",
+       "'./old.ssp/pupils.ssp';\nlibname fileout 'old.ssp';\nproc copy in=fileout out=tranfile;\nselect pupils;"},
+      {"it's/chem.ssd", "it's/chem.ssp",
+       "'./it''s/chem.ssp';\nlibname fileout 'it''s';\nproc copy in=fileout out=tranfile;\nselect chem;"},
+  };
+  for (const auto& c : elsewhere) {
+    std::filesystem::create_directories(std::filesystem::path(c.dataset).parent_path());
+    makefile(c.dataset, "data set");
+    (void)convert(c.transport, "y\n");
+    EXPECT_EQ(contents("job"), "libname tranfile sasv5xpt " + c.job + "\nrun;\n");
+  }
 }
 
 }  // namespace

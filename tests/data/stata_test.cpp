@@ -133,8 +133,12 @@ TEST_F(Stata, Ids) {
       const char* words;
     } refused[] = {
         {one("a", "thirteen char", 1), {"a", "b", {"x"}}, "Your ID variable is longer than 12 characters.\n"},
-        {one("a", "b", 10000000000000.0), {"n", "x", {}}, "ID must be no more than 12 digits long\n"},
-        {one("a", "b", 1), {"n", "x", {"a"}}, "mdm variables must be numeric!\n"},
+        {one("a", "b", 10000000000000.0),
+         {"n", "x", {}},
+         "ID must be no more than 12 digits long\nIt stands in record 1 of the level-1 file file.\n"},
+        {one("a", "b", 1),
+         {"n", "x", {"a"}},
+         "mdm variables must be numeric!\nVariable A of the level-1 file is a character variable.\n"},
         {one("a", "b", 1), {"n", "a", {"x"}}, "ID's must be both be character or both numeric!\n"},
     };
     for (const auto& c : refused) {
@@ -304,7 +308,8 @@ TEST_F(RawTemplate, Refusals) {
       {with(text, "LONGNAME", "Y"), "Variable Y not found!\n"},
       {with(text, "X\nLONGNAME", "LONGNAME\nX"),
        "The level-1 variables must be listed in the order of the raw file: X comes too late!\n"},
-      {with(text, "LONGNAME", "TEXTID"), "mdm variables must be numeric!\n"},
+      {with(text, "LONGNAME", "TEXTID"),
+       "mdm variables must be numeric!\nVariable TEXTID of the level-1 file is a character variable.\n"},
       {with(text, "X\n*end l3vars\n", "X\n"), "Did not find *END L3VARS!\n"},
       {with(text, "l3fname:two\n", ""), nofile},
       {with(text, "rawdattype:stata\nl1fname:one\n", "l1fname:one\nrawdattype:stata\n"),

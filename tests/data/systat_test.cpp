@@ -1,6 +1,10 @@
 #include "data/readers/systat.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cmath>
+#include <limits>
 
 #include "data/rawtest.h"
 #include "driver/constants.h"
@@ -199,33 +203,124 @@ TEST_F(Systat, OrderOfTheListAndRoundedIds) {
   EXPECT_EQ(shown.find("INTRCPT1\nLONGNAME\nX\nY\n"), 0U) << shown;
   EXPECT_NE(shown.find("1 10 0x1.4p+1\n 0x1.9b604"), std::string::npos) << shown;
   EXPECT_NE(shown.find("1 11 0x1.cp+1\n 0x0p+0 -0x1p-4 0x1.cp+2\n"), std::string::npos) << shown;
+  const std::string first = contents("made.mdm");
+  EXPECT_EQ(makemdm(contents(templatecopy)).code, 0);
+  EXPECT_EQ(contents("made.mdm"), first);
+}
+
+TEST_F(Systat, NoNumbers) {
+  const double infinity = std::numeric_limits<double>::infinity();
+  Table none = study.level[0];
+  for (std::size_t i = 0; i < 3; ++i) none.rows[i][4] = std::vector<double>{std::nan(""), infinity, -infinity}[i];
+  for (auto& row : study.level[0].rows) row[4] = missingcode;
+  for (const int type : {1, 2}) {
+    makefile("1.sys", systatfile(study.level[0], type));
+    EXPECT_EQ(makemdm(templateof(recipe)).code, 0);
+    const std::string missing = contents("shown");
+    makefile("1.sys", systatfile(none, type));
+    EXPECT_EQ(makemdm(templateof(recipe)).code, 0);
+    EXPECT_EQ(contents("shown"), missing);
+  }
 }
 
 TEST_F(Systat, DataThatEndEarly) {
   const std::string whole = systatfile(study.level[0]);
   const std::string wide = systatfile(widened(study.level[0], 30));
   const std::string cut = "1.sys ends in the middle of record 4. That record does not count.\n" + extrawords;
+  const auto damaged = [](int record) {
+    return "1.sys is damaged: a length mark of record " + std::to_string(record) +
+           " is wrong. Neither that record nor what follows it counts.\n" + extrawords;
+  };
+  const std::string open = whole.substr(0, whole.size() - 1);
+  const std::string record = recordtext(study.level[0], study.level[0].rows[3], 2);
+  const std::size_t second = open.size() - 3 * record.size();
+  const std::size_t widerecord = recordtext(widened(study.level[0], 30), widened(study.level[0], 30).rows[0], 2).size();
+  const std::size_t widesecond = wide.size() - 1 - 3 * widerecord;
   const struct {
     std::string text;
     std::string words;
+    std::size_t records;
   } cases[] = {
-      {whole.substr(0, whole.size() - 3), cut},
-      {whole.substr(0, whole.size() - 60), cut},
-      {wide.substr(0, wide.size() - 3), cut},
-      {wide.substr(0, wide.size() - 150), cut},
-      {whole.substr(0, whole.size() - 1), "1.sys may be cut short: no end mark follows its record 4.\n" + extrawords},
-      {whole + "\x1a", ""},
+      {whole.substr(0, whole.size() - 3), cut, 3},
+      {whole.substr(0, whole.size() - 60), cut, 3},
+      {wide.substr(0, wide.size() - 3), cut, 3},
+      {wide.substr(0, wide.size() - 150), cut, 3},
+      {open, "1.sys may be cut short: no end mark follows its record 4.\n" + extrawords, 4},
+      {whole + "\x1a", "", 4},
+      // What stands behind the end mark is no record, however much of it there is.
+      {whole + record, "", 4},
+      {whole + std::string(500, '\0'), "", 4},
+      {open + std::string(500, '\x1a'), damaged(5), 4},
+      // Lost or changed bytes within a record, at the second of three segments, and at the last one's end.
+      {std::string(open).erase(second + 20, 8), damaged(2), 1},
+      {std::string(open).replace(second, 1, "\x01"), damaged(2), 1},
+      {std::string(wide).erase(widesecond + 20, 8), damaged(2), 1},
+      {std::string(wide).replace(widesecond + 130, 1, "\x50"), damaged(2), 1},
+      {std::string(wide).replace(widesecond + widerecord - 1, 1, "\x01"), damaged(2), 1},
   };
   for (const auto& c : cases) {
     makefile("1.sys", c.text);
     const Outcome outcome = makemdm(templateof(recipe));
     EXPECT_EQ(outcome.code, 0);
     EXPECT_EQ(outcome.words, c.words);
-    const bool lost = c.words == cut;
-    // The last record is the only one of its unit.
-    EXPECT_EQ(contents("shown").find(" 999999999999 ") == std::string::npos, lost);
-    EXPECT_EQ(contents("shown") == studyshown(study, false), !lost);
+    Study left = study;
+    left.level[0].rows.resize(c.records);
+    left.level[1].rows.resize(c.records > 2 ? c.records - 1 : 1);
+    left.level[2].rows.resize(c.records == 4 ? 2 : 1);
+    EXPECT_EQ(contents("shown"), studyshown(left, false)) << c.words;
   }
+}
+
+// The list keeps the order of the answers, and names that a template could not hold are no choice.
+TEST_F(Systat, Dialogue) {
+  Table table = study.level[0];
+  table.columns.insert(table.columns.end(), {{"#C"}, {""}, {"A\nB"}});
+  for (auto& row : table.rows) row.insert(row.end(), {1.0, 2.0, 3.0});
+  makefile("1.sys", systatfile(table));
+  const std::string answers = "2\n1.sys\n2.sys\n3.sys\n3\n3\n4\n7\n5\n6\n0\n3\n4\n5\n0\n2\n3\n0\ny\na\nmade.mdm\n";
+  const Outcome outcome = answermdm(answers);
+  EXPECT_EQ(outcome.code, 0) << outcome.words;
+  const std::string first = contents("made.mdm");
+  const std::string shown = contents("shown");
+  EXPECT_EQ(shown.find("INTRCPT1\nLONGNAME\nX\nY\n"), 0U) << shown;
+  EXPECT_NE(shown.find("A TWELVE CHARS 0x1.cp+1\n 0x0p+0 -0x1p-4 0x1.cp+2\n"), std::string::npos) << shown;
+  EXPECT_NE(outcome.words.find("For       T3$ enter  3"), std::string::npos) << outcome.words;
+  EXPECT_NE(outcome.words.find("For LONGNAME  enter  7\n"
+                               " 3 more cannot be chosen, since a template cannot hold their names.\n"),
+            std::string::npos)
+      << outcome.words;
+  EXPECT_EQ(makemdm(contents(templatecopy)).code, 0);
+  EXPECT_EQ(contents("made.mdm"), first);
+}
+
+// An MDM file that is there already outlives the words on a choice that cannot be.
+TEST_F(Systat, ChoicesThatSpareTheFile) {
+  Recipe character = recipe;
+  character.names[0] = "T2$\nX\n";
+  Recipe none2 = recipe;
+  none2.names[1] = "";
+  Recipe none3 = recipe;
+  none3.names[2] = "";
+  for (const auto& [r, words] :
+       {std::pair(character,
+                  "mdm variables must be numeric!\nVariable T2$ of the level-1 file is a character variable.\n"),
+        std::pair(none2, "You must select at least one level-2 variable!\n"),
+        std::pair(none3, "You must select at least one level-3 variable!\n")}) {
+    makefile("t.mdmt", templateof(r));
+    makefile("made.mdm", "old");
+    const Outcome outcome = runchild([] {
+      readtemplate("t.mdmt");
+      mkmdm();
+    });
+    EXPECT_EQ(outcome.code, 100);
+    EXPECT_EQ(outcome.words, words);
+    EXPECT_EQ(contents("made.mdm"), "old") << words;
+  }
+  Recipe none1 = recipe;
+  none1.names[0] = "";
+  const Outcome outcome = makemdm(templateof(none1));
+  EXPECT_EQ(outcome.code, 100);
+  EXPECT_EQ(outcome.words, "You have selected no level-1 variable, so that no level-1 record counts!\n");
 }
 
 TEST_F(Systat, Names) {
@@ -260,8 +355,6 @@ TEST_F(Systat, Refusals) {
   mixed.id2 = "T2$";
   Recipe longname = recipe;
   longname.names[0] = "X\nTHIRTEENCHARS\n";
-  Recipe character = recipe;
-  character.names[0] = "T2$\nX\n";
   const std::string zero(1, '\0');
   const struct {
     std::string text;
@@ -278,10 +371,10 @@ TEST_F(Systat, Refusals) {
       {whole.substr(0, 60), recipe, 1, broken + "its names are not whole.\n" + empty},
       {with(9 + 14 * 4 + 1, "NINECHARS"), recipe, 100, "\nVariable names limited to 8 characters.\n"},
       {whole.substr(0, 9 + 14 * 7), recipe, 1, "1.sys may be cut short: no end mark follows its record 0.\n" + empty},
-      {systatfile(largeid), recipe, 100, "ID must be no more than 12 digits long\n"},
+      {systatfile(largeid), recipe, 100,
+       "ID must be no more than 12 digits long\nIt stands in record 1 of the level-1 file 1.sys.\n"},
       {whole, mixed, 100, "ID's must be both be character or both numeric!\n"},
       {whole, longname, 100, "Variable name THIRTEENCHARS is too long!\n"},
-      {whole, character, 100, "mdm variables must be numeric!\n"},
   };
   for (const auto& c : cases) {
     makefile("1.sys", c.text);
@@ -289,6 +382,10 @@ TEST_F(Systat, Refusals) {
     EXPECT_EQ(outcome.code, c.code) << c.words;
     EXPECT_EQ(outcome.words, c.words);
   }
+  std::remove("1.sys");
+  ASSERT_EQ(mkfifo("1.sys", 0600), 0);
+  EXPECT_EQ(makemdm(templateof(recipe)).words,
+            "1.sys is no ordinary file. Raw data of this type cannot be read from it.\n");
 }
 
 }  // namespace

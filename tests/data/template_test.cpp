@@ -118,6 +118,8 @@ TEST_F(Template, Refusals) {
       {head + "rawdattype:ascii\n", "The template names no level-1 file!\n"},
       {with(whole, "(2A2,F3.0)", std::string(1024, 'x')),
        "The format of the level-2 file has more than 1023 characters!\n"},
+      {with(whole, "l1fname:one", "l1fname:" + std::string(260, 'x')),
+       "File name too long: " + std::string(260, 'x') + "\n"},
       {with(whole, "l1fname:one", "l1fname:nowhere"), "Unable to open nowhere for reading\n"},
       {with(whole, "l1fname:one", "l1fname:."), "Unable to open . for reading\n"},
   };
@@ -126,6 +128,22 @@ TEST_F(Template, Refusals) {
     EXPECT_EQ(outcome.code, 100) << c.words;
     EXPECT_EQ(outcome.words, c.words);
     EXPECT_FALSE(std::filesystem::exists(templatecopy)) << c.words;
+  }
+}
+
+// What the construction writes must not be one of the files that it reads.
+TEST_F(Template, RawFilesThatWouldBeOverwritten) {
+  for (const auto& [name, role] : {std::pair("creatmdm.mdmt", "template's copy"), std::pair("KDR3MDM.STS", "log")}) {
+    std::filesystem::copy_file("one", name);
+    makefile("t.mdmt", with(whole, "l1fname:one", std::string("l1fname:") + name));
+    const Outcome outcome = runchild([] {
+      readtemplate("t.mdmt");
+      mkmdm();
+    });
+    EXPECT_EQ(outcome.code, 100);
+    EXPECT_EQ(outcome.words,
+              std::string("The raw data file ") + name + " bears the name of the " + role + ". Please rename it.\n");
+    EXPECT_EQ(contents(name), contents("one"));
   }
 }
 

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include "data/buildlog.h"
+#include "data/scratch.h"
 #include "driver/failures.h"
 
 namespace kdr {
@@ -13,16 +14,18 @@ constexpr std::size_t piecesize = std::size_t{1} << 20;
 
 }  // namespace
 
-void startbytes(ByteReader& reader, std::FILE* stream, const std::string& name) {
+std::FILE* startbytes(ByteReader& reader, const std::string& name) {
   struct stat about {};
-  if (fstat(fileno(stream), &about) != 0 || !S_ISREG(about.st_mode))
+  const bool there = stat(name.c_str(), &about) == 0;
+  // Looked at before it is opened, for a pipe that nobody writes to would never open. A directory has words of its own.
+  if (there && !S_ISREG(about.st_mode) && !S_ISDIR(about.st_mode))
     stopwith("%s is no ordinary file. Raw data of this type cannot be read from it.\n", name.c_str());
-  reader.stream = stream;
+  reader.stream = openfile(name, "rb");
   reader.name = name;
   reader.length = about.st_size;
   if (reader.buffer.empty()) reader.buffer.reset(piecesize);
-  std::setvbuf(stream, nullptr, _IONBF, 0);  // the pieces are large enough
   seekbytes(reader, 0);
+  return reader.stream;
 }
 
 void seekbytes(ByteReader& reader, long long position) {

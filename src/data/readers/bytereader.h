@@ -24,8 +24,9 @@ struct ByteReader {
   std::size_t have = 0;  // bytes in the buffer
 };
 
-// Starts at the beginning of an open file. Stops with code 100 when it is no ordinary file.
-void startbytes(ByteReader& reader, std::FILE* stream, const std::string& name);
+// Opens a file, returns its stream, and starts at its beginning. Stops with code 100 when it is no ordinary file or
+// cannot be opened.
+[[nodiscard]] std::FILE* startbytes(ByteReader& reader, const std::string& name);
 // Goes to a file position, at most the file's length.
 void seekbytes(ByteReader& reader, long long position);
 // Brings at least `width` bytes into the buffer, or all that are left. Stops with code 100 when the file can't be read.

@@ -23,7 +23,8 @@ namespace {
 
 constexpr std::size_t cardlength = 80;
 constexpr const char* libraryhead = "HEADER RECORD*******LIBRARY HEADER RECORD";
-constexpr const char* memberhead = "HEADER RECORD*******MEMBER  HEADER RECORD!!!!!!!";
+constexpr const char* dataheads[] = {"HEADER RECORD*******MEMBER  HEADER RECORD!!!!!!!",
+                                     "HEADER RECORD*******LIBRARY HEADER RECORD!!!!!!!"};  // of more data in one file
 constexpr const char* recordshead = "HEADER RECORD*******OBS";
 
 // The file of one level.
@@ -35,7 +36,7 @@ struct SasLevel {
   const unsigned char* card = nullptr;  // the one in hand, in the reader's buffer
   std::size_t have = 0, at = 0;         // its bytes, and the next of them
   bool ended = false;                   // no card is left
-  bool another = false;                 // because another data set begins
+  bool another = false;                 // because another data set or another library begins
   long long records = 0;                // that were read
 };
 
@@ -62,16 +63,26 @@ const unsigned char* headbytes(int level, std::size_t width) {
   return bytes;
 }
 
+// Passes over the first card, which a line feed may end early.
+void takefirstcard(int level) {
+  ByteReader& bytes = levels[level].bytes;
+  std::size_t got = 0;
+  const unsigned char* card = peekbytes(bytes, cardlength, got);
+  const unsigned char* feed = std::find(card, card + got, '\n');
+  if (got < cardlength && feed == card + got) got = 0;  // not whole
+  if (got < std::strlen(libraryhead) || !startswith(card, libraryhead)) {
+    notransport(level);
+    fail(1, raw.level[level].filename.c_str());
+  }
+  bytes.at += feed == card + got ? got : static_cast<std::size_t>(feed - card) + 1;
+}
+
 // The heads of the library and of its first member: settles numvar and the length of a descriptor.
 void sashead(int level) {
   LevelSource& source = raw.level[level];
-  const unsigned char* card = takebytes(levels[level].bytes, cardlength);
-  if (card == nullptr || !startswith(card, libraryhead)) {
-    notransport(level);
-    fail(1, source.filename.c_str());
-  }
+  takefirstcard(level);
   (void)headbytes(level, 2 * cardlength);
-  card = headbytes(level, cardlength);
+  const unsigned char* card = headbytes(level, cardlength);
   const std::string length(reinterpret_cast<const char*>(card) + 75, 3);
   if (length != "136" && length != "140") {
     notransport(level);
@@ -125,7 +136,8 @@ bool nextcard(int level) {
   sas.card = peekbytes(sas.bytes, cardlength, sas.have);
   sas.bytes.at += sas.have;
   sas.at = 0;
-  sas.another = sas.have == cardlength && startswith(sas.card, memberhead);
+  sas.another = sas.have == cardlength && std::any_of(std::begin(dataheads), std::end(dataheads),
+                                                      [&](const char* head) { return startswith(sas.card, head); });
   sas.ended = sas.another || sas.have == 0;
   if (sas.ended) sas.have = 0;
   return !sas.ended;
@@ -187,6 +199,24 @@ Id idof(const RawVariable& variable, const unsigned char* field) {
   return id;
 }
 
+// A text between quotes in a SAS job.
+std::string quoted(const std::string& text) {
+  std::string whole = "'";
+  for (const char c : text) whole += c == '\'' ? "''" : std::string(1, c);
+  return whole + "'";
+}
+
+// The job that makes the transport file `path` from the data set of the same name in the same folder.
+void writejob(std::FILE* out, const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  const bool local = slash == std::string::npos;
+  const std::string folder = local ? "\".\"" : quoted(path.substr(0, std::max<std::size_t>(slash, 1)));
+  const std::string file = local ? path : path.substr(slash + 1);
+  std::fprintf(out, "libname tranfile sasv5xpt %s;\n", quoted(path[0] == '/' ? path : "./" + path).c_str());
+  std::fprintf(out, "libname fileout %s;\n", folder.c_str());
+  std::fprintf(out, "proc copy in=fileout out=tranfile;\nselect %s;\nrun;\n", file.substr(0, file.find('.')).c_str());
+}
+
 bool exists(const std::string& path) {
   struct stat status {};
   return stat(path.c_str(), &status) == 0;
@@ -215,7 +245,7 @@ double ibmdouble(const unsigned char* field, int width) {
 
 bool sasconvert(const std::string& path) {
   constexpr const char* job = "xyzzy.sas";
-  const std::size_t at = path.find(".ssp");
+  const std::size_t at = path.rfind(".ssp");
   if (at == std::string::npos) return false;
   const std::string dataset = std::string(path).replace(at, 4, ".ssd");
   if (!exists(dataset)) return false;
@@ -224,9 +254,7 @@ bool sasconvert(const std::string& path) {
   std::printf("Give me a moment to run the SAS job...\n");
   std::fflush(stdout);
   std::FILE* out = openfile(job, "w");
-  std::fprintf(out, "libname tranfile sasv5xpt './%s';\nlibname fileout \".\";\n", path.c_str());
-  std::fprintf(out, "proc copy in=fileout out=tranfile;\nselect %s;\nrun;\n",
-               dataset.substr(0, dataset.find('.')).c_str());
+  writejob(out, path);
   closechk(out);
   // Whether the job succeeded shows in the file that it makes.
   [[maybe_unused]] const int status = std::system("sas xyzzy.sas");
@@ -239,14 +267,11 @@ bool sasconvert(const std::string& path) {
 
 void opensas(int level) {
   LevelSource& source = raw.level[level];
-  source.stream = openfile(source.filename, "rb");
   levels[level] = SasLevel{};
-  startbytes(levels[level].bytes, source.stream, source.filename);
+  source.stream = startbytes(levels[level].bytes, source.filename);
   sashead(level);
   sasvars(level);
 }
-
-void preparesas(int level) { settlevariables(level); }
 
 int sasrecord(int level, double* values, Id* id3, Id* id2) {
   SasLevel& sas = levels[level];
@@ -276,9 +301,7 @@ int sasrecord(int level, double* values, Id* id3, Id* id2) {
 }
 
 void closesas(int level) {
-  LevelSource& source = raw.level[level];
-  if (source.stream != nullptr) std::fclose(source.stream);
-  source.stream = nullptr;
+  closestream(level);
   levels[level] = SasLevel{};
 }
 

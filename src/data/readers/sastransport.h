@@ -14,15 +14,14 @@ namespace kdr {
 [[nodiscard]] double ibmdouble(const unsigned char* field, int width);
 
 // When `path`, a transport file whose name holds ".ssp", does not exist but the data set of the same name with ".ssd"
-// does: asks whether to convert it and with a yes runs SAS on a job "xyzzy.sas" in the working directory. True when the
-// transport file exists now.
+// does: asks whether to convert it and with a yes runs SAS on a job "xyzzy.sas" in the working directory, which looks
+// for the data set in the folder of the transport file. True when the transport file exists now.
 [[nodiscard]] bool sasconvert(const std::string& path);
 
-// The operations of RawReader. opensas stops with failure 1 when the heads cannot be read, with code 100 when the
-// length of a descriptor is none. Only the first data set of a file is read. What ends the data before the file's end
-// is told on the console and in the log.
+// The operations of RawReader besides settlevariables. opensas stops with failure 1 when the heads cannot be read, with
+// code 100 when the length of a descriptor is none. Only the first data set of a file is read. What ends the data
+// before the file's end is told on the console and in the log.
 void opensas(int level);
-void preparesas(int level);
 [[nodiscard]] int sasrecord(int level, double* values, Id* id3, Id* id2);
 void closesas(int level);
 

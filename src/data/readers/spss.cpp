@@ -1,12 +1,13 @@
 #include "data/readers/spss.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
+#include "data/buildlog.h"
 #include "data/readers/bytereader.h"
-#include "data/scratch.h"
 #include "driver/constants.h"
 #include "driver/failures.h"
 #include "driver/runrecord.h"
@@ -18,8 +19,11 @@ namespace {
 constexpr std::size_t slotsize = 8;
 constexpr std::size_t variablesize = 32;  // bytes of the shortest variable record
 constexpr int mostlayout = 3;
+constexpr int slotsunknown = -1;  // in the head, by some writers
 constexpr double codebias = 100.0;
 constexpr int codesinblock = 8;
+constexpr int longstrings = 14;    // subtype of the extension record on very long strings
+constexpr int segmentwidth = 252;  // bytes of such a string in each of its variables
 
 // Codes of a compressed case; those from 1 to 251 are values. Some writers fill the last block of each case up with
 // zeros, others only the last block of the file.
@@ -36,7 +40,7 @@ struct MissingList {
 
 struct SpssFile {
   ByteReader bytes;
-  int numslots = 0;
+  int numslots = 0;  // of a case
   int compressed = 0;
   int numcases = 0;                   // as the head states it; below 0: not known
   long long data = 0;                 // where the cases begin
@@ -45,7 +49,6 @@ struct SpssFile {
   Array<Slot> slots;                  // the case in hand
   Array<Slot> blank;                  // what a slot holds that is all blanks: 0.0 in a numeric variable
   const RawVariable* rows = nullptr;  // the variable table, while cases are read
-  int row3 = -1, row2 = -1;           // rows of the ID columns
   unsigned char codes[8] = {};        // the block of codes in use
   int ctlpos = codesinblock;          // next code of it
   long long nread = 0;                // whole cases
@@ -64,6 +67,29 @@ SpssFile files[3];
 [[noreturn]] void strangeheader(int level) {
   std::printf("The level-%d SPSS has a strange header.\n", level + 1);
   fail(1, raw.level[level].filename.c_str());
+}
+
+// Passes over the label behind a variable record, where there is one. False when it is not whole.
+bool skiplabel(ByteReader& bytes, const unsigned char* record) {
+  const bool haslabel = lowfirst<std::int32_t>(record + 8) != 0;
+  std::int32_t length = 0;
+  return !haslabel || (takelow(bytes, length) && length >= 0 && skipbytes(bytes, (length + 3LL) / 4 * 4));
+}
+
+// How many variable records follow one another from here on.
+int countslots(ByteReader& bytes) {
+  const long long start = byteposition(bytes);
+  int count = 0;
+  for (;;) {
+    const unsigned char* record = takebytes(bytes, variablesize);
+    if (record == nullptr || lowfirst<std::int32_t>(record) != 2) break;
+    ++count;
+    const long long nmissing = lowfirst<std::int32_t>(record + 12);
+    if (!skiplabel(bytes, record) || !skipbytes(bytes, static_cast<long long>(sizeof(double)) * std::abs(nmissing)))
+      break;
+  }
+  seekbytes(bytes, start);
+  return count;
 }
 
 void readhead(int level) {
@@ -86,6 +112,7 @@ void readhead(int level) {
   file.numslots = lowfirst<std::int32_t>(head + 64);
   file.compressed = lowfirst<std::int32_t>(head + 68);
   file.numcases = lowfirst<std::int32_t>(head + 76);
+  if (file.numslots == slotsunknown) file.numslots = countslots(bytes);
   const auto room = bytesleft(bytes) / static_cast<long long>(variablesize);
   if (file.numslots < 0 || file.numslots > room) strangeheader(level);
 }
@@ -97,18 +124,13 @@ int readvariable(int level, std::size_t slot) {
   const unsigned char* record = takebytes(bytes, variablesize);
   if (record == nullptr || lowfirst<std::int32_t>(record) != 2) notspss(level);
   const auto type = lowfirst<std::int32_t>(record + 4);
-  const auto haslabel = lowfirst<std::int32_t>(record + 8);
   const auto nmissing = lowfirst<std::int32_t>(record + 12);
   RawVariable& variable = raw.level[level].vartable[slot];
   variable.text = type != 0;
   variable.hidden = type < 0;
   variable.width = type <= 1 ? static_cast<int>(slotsize) : type;
   variable.name = paddedname(std::string_view(reinterpret_cast<const char*>(record) + 24, 8));
-  if (haslabel != 0) {
-    std::int32_t length = 0;
-    if (!takelow(bytes, length) || length < 0) strangeheader(level);
-    if (!skipbytes(bytes, (length + 3LL) / 4 * 4)) strangeheader(level);
-  }
+  if (!skiplabel(bytes, record)) strangeheader(level);
   MissingList& missing = file.missing[slot];
   if (nmissing < -3 || nmissing == -1 || nmissing > 3) strangeheader(level);
   missing.count = nmissing;
@@ -136,7 +158,31 @@ void skipdocument(int level) {
   if (!takelow(files[level].bytes, lines) || !skipbytes(files[level].bytes, 80LL * lines)) strangeheader(level);
 }
 
-void skipextension(int level) {
+// The record of very long strings, "NAME=WIDTH" and a zero and a tab for each: hides the variables that only hold the
+// later segments of one. A segment has 252 bytes of the string.
+void hidesegments(int level, std::string_view list) {
+  Array<RawVariable>& rows = raw.level[level].vartable;
+  std::size_t row = 0;  // the strings stand in the order of the file
+  while (!list.empty()) {
+    const std::string_view entry = list.substr(0, list.find('\0'));
+    list.remove_prefix(std::min(list.size(), entry.size() + 1));
+    list.remove_prefix(std::min(list.size(), list.find_first_not_of('\t')));
+    const std::size_t equals = entry.find('=');
+    if (equals == std::string_view::npos) return;
+    const Name name = paddedname(entry.substr(0, equals));
+    const int width = std::atoi(std::string(entry.substr(equals + 1, 9)).c_str());
+    while (row < rows.size() && (rows[row].hidden || !samename(rows[row].name, name))) ++row;
+    for (int more = (width - 1) / segmentwidth; more > 0 && row + 1 < rows.size();) {
+      RawVariable& next = rows[++row];
+      if (next.hidden) continue;
+      if (!next.text) break;
+      next.hidden = true;
+      --more;
+    }
+  }
+}
+
+void readextension(int level) {
   ByteReader& bytes = files[level].bytes;
   std::int32_t subtype = 0;
   if (!takelow(bytes, subtype)) strangeheader(level);
@@ -154,11 +200,19 @@ void skipextension(int level) {
   std::int32_t size = 0;
   std::int32_t count = 0;
   if (!takelow(bytes, size) || !takelow(bytes, count) || size < 0 || count < 0) strangeheader(level);
-  if (!skipbytes(bytes, static_cast<long long>(size) * count)) strangeheader(level);
+  const long long length = static_cast<long long>(size) * count;
+  if (subtype == longstrings) {
+    const unsigned char* list =
+        length > bytesleft(bytes) ? nullptr : takebytes(bytes, static_cast<std::size_t>(length));
+    if (list == nullptr) strangeheader(level);
+    hidesegments(level, {reinterpret_cast<const char*>(list), static_cast<std::size_t>(length)});
+  } else if (!skipbytes(bytes, length)) {
+    strangeheader(level);
+  }
 }
 
-// Bytes that each string has room for: its own slot and those that continue it.
-void settextwidths(int level) {
+// Bytes that each string has room for: its own slot and those that continue it. What a slot holds that is all blanks.
+void settextslots(int level) {
   SpssFile& file = files[level];
   const Array<RawVariable>& rows = raw.level[level].vartable;
   int room = 0;
@@ -166,8 +220,7 @@ void settextwidths(int level) {
     room += static_cast<int>(slotsize);
     file.textwidth[slot] = std::min(rows[slot].width, room);
     if (!rows[slot].hidden) room = 0;
-    if (!rows[slot].text) continue;
-    file.blank[slot] = blankslot;
+    if (rows[slot].text) file.blank[slot] = blankslot;
   }
 }
 
@@ -190,7 +243,7 @@ void readdictionary(int level) {
     } else if (type == 6) {
       skipdocument(level);
     } else if (type == 7) {
-      skipextension(level);
+      readextension(level);
     } else {
       strangeheader(level);
     }
@@ -198,15 +251,28 @@ void readdictionary(int level) {
   if (!skipbytes(file.bytes, 4)) strangeheader(level);
   file.data = byteposition(file.bytes);
   if (variables <= 1) fail(1, raw.level[level].filename.c_str());
-  settextwidths(level);
+  settextslots(level);
 }
 
 // The cases.
 
-int enddata(SpssFile& file, bool incase) {
+enum class Ending { code, file, incase };  // by its code, with the file, or in the middle of a case
+
+// The data are over. Tells where they are not as the head states them; a part of a case behind the last of the stated
+// ones is filler.
+int enddata(SpssFile& file, Ending ending) {
   file.ended = true;
-  const bool lost = file.nread < file.numcases || (incase && file.nread != file.numcases);
-  if (lost) reportbroken(file.bytes, file.nread + 1, incase, file.numcases);
+  const bool known = file.numcases >= 0;
+  if (file.nread < file.numcases || (ending == Ending::incase && file.nread != file.numcases)) {
+    reportbroken(file.bytes, file.nread + 1, ending == Ending::incase, file.numcases);
+  } else if (known && file.nread > file.numcases) {
+    countextra();
+    logboth("%s holds %lld cases, more than the %d that it states. All of them count.\n", file.bytes.name.c_str(),
+            file.nread, file.numcases);
+  } else if (!known && file.compressed != 0 && ending == Ending::file) {
+    countextra();
+    logboth("%s may be cut short: no code for the end follows its case %lld.\n", file.bytes.name.c_str(), file.nread);
+  }
   return 1;
 }
 
@@ -214,7 +280,7 @@ int enddata(SpssFile& file, bool incase) {
 int readplain(SpssFile& file) {
   const std::size_t width = file.slots.size() * slotsize;
   const unsigned char* bytes = takebytes(file.bytes, width);
-  if (bytes == nullptr) return enddata(file, bytesleft(file.bytes) > 0);
+  if (bytes == nullptr) return enddata(file, bytesleft(file.bytes) > 0 ? Ending::incase : Ending::file);
   std::memcpy(file.slots.data(), bytes, width);
   return 0;
 }
@@ -252,16 +318,17 @@ int readcompressed(SpssFile& file) {
   Window window = startwindow(file);
   for (std::size_t slot = 0; slot < numslots;) {
     if (file.ctlpos == codesinblock) {
-      if (!takeeight(file, window, file.codes)) return enddata(file, slot > 0 || window.next != window.end);
+      if (!takeeight(file, window, file.codes))
+        return enddata(file, slot > 0 || window.next != window.end ? Ending::incase : Ending::file);
       file.ctlpos = 0;
     }
     const unsigned char code = file.codes[file.ctlpos++];
     if (code == codefiller) continue;
     Slot& value = file.slots[slot];
     if (code == codevalue) {
-      if (!takeeight(file, window, value.data())) return enddata(file, true);
+      if (!takeeight(file, window, value.data())) return enddata(file, Ending::incase);
     } else if (code == codeend) {
-      return enddata(file, slot > 0);
+      return enddata(file, slot > 0 ? Ending::incase : Ending::code);
     } else if (code == codeblank || file.rows[slot].text) {
       value = file.blank[slot];
     } else {
@@ -303,8 +370,7 @@ void takeid(const SpssFile& file, int row, Id& id) {
 void openspss(int level) {
   LevelSource& source = raw.level[level];
   files[level] = SpssFile{};
-  source.stream = openfile(source.filename, "rb");
-  startbytes(files[level].bytes, source.stream, source.filename);
+  source.stream = startbytes(files[level].bytes, source.filename);
   readhead(level);
   readdictionary(level);
   source.numvar = files[level].numslots;
@@ -315,8 +381,6 @@ void preparespss(int level) {
   settlevariables(level);
   seekbytes(file.bytes, file.data);
   file.rows = raw.level[level].vartable.data();
-  file.row3 = idrow(raw.level[level], level3idmark);
-  file.row2 = idrow(raw.level[level], level2idmark);
   file.ctlpos = codesinblock;
   file.nread = 0;
   file.ended = false;
@@ -325,9 +389,10 @@ void preparespss(int level) {
 int spssrecord(int level, double* values, Id* id3, Id* id2) {
   SpssFile& file = files[level];
   if (file.ended || (file.compressed != 0 ? readcompressed(file) : readplain(file)) != 0) return 1;
-  if (file.row3 >= 0) takeid(file, file.row3, *id3);
-  if (file.row2 >= 0 && id2 != nullptr) takeid(file, file.row2, *id2);
-  for (const int row : raw.level[level].chosen) {
+  const LevelSource& source = raw.level[level];
+  if (source.row3 >= 0) takeid(file, source.row3, *id3);
+  if (source.row2 >= 0 && id2 != nullptr) takeid(file, source.row2, *id2);
+  for (const int row : source.chosen) {
     const auto slot = static_cast<std::size_t>(row);
     const auto value = std::bit_cast<double>(file.slots[slot]);
     *values++ = ismissing(value, file.missing[slot]) ? missingcode : value;
@@ -337,9 +402,7 @@ int spssrecord(int level, double* values, Id* id3, Id* id2) {
 }
 
 void closespss(int level) {
-  LevelSource& source = raw.level[level];
-  if (source.stream != nullptr) std::fclose(source.stream);
-  source.stream = nullptr;
+  closestream(level);
   files[level] = SpssFile{};
 }
 

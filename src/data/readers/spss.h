@@ -10,7 +10,8 @@
 namespace kdr {
 
 // The operations of RawReader. A file that is no SPSS file, or whose dictionary cannot be read, is refused with words
-// of its own and failure 1. Data that break off end there, which the console and the log tell.
+// of its own and failure 1. Data that break off end there, which the console and the log tell; so do they of data that
+// hold more cases than they state or no end where one has to be.
 void openspss(int level);
 void preparespss(int level);
 [[nodiscard]] int spssrecord(int level, double* values, Id* id3, Id* id2);

@@ -5,7 +5,6 @@
 #include <cstring>
 
 #include "data/readers/bytereader.h"
-#include "data/scratch.h"
 #include "driver/constants.h"
 #include "driver/failures.h"
 #include "driver/runrecord.h"
@@ -31,8 +30,7 @@ struct StataFile {
   int nread = 0;
   std::size_t rowwidth = 0;  // bytes of an observation
   Array<StataVariable> variables;
-  long long data = 0;        // where the observations begin
-  int row3 = -1, row2 = -1;  // rows of the ID columns
+  long long data = 0;  // where the observations begin
 };
 
 StataFile files[3];
@@ -217,8 +215,7 @@ void takeid(const StataFile& file, int idat, const unsigned char* row, Id& id) {
 void openstata(int level) {
   LevelSource& source = raw.level[level];
   files[level] = StataFile{};
-  source.stream = openfile(source.filename, "rb");
-  startbytes(files[level].bytes, source.stream, source.filename);
+  source.stream = startbytes(files[level].bytes, source.filename);
   readhead(level);
   readtypes(level);
   readnames(level);
@@ -230,8 +227,6 @@ void preparestata(int level) {
   StataFile& file = files[level];
   settlevariables(level);
   seekbytes(file.bytes, file.data);
-  file.row3 = idrow(raw.level[level], level3idmark);
-  file.row2 = idrow(raw.level[level], level2idmark);
   file.nread = 0;
 }
 
@@ -244,18 +239,16 @@ int statarecord(int level, double* values, Id* id3, Id* id2) {
     file.nread = file.numobs;
     return 1;
   }
-  if (file.row3 >= 0) takeid(file, file.row3, row, *id3);
-  if (file.row2 >= 0 && id2 != nullptr) takeid(file, file.row2, row, *id2);
-  for (const int v : raw.level[level].chosen)
-    *values++ = numbervalue(file, file.variables[static_cast<std::size_t>(v)], row);
+  const LevelSource& source = raw.level[level];
+  if (source.row3 >= 0) takeid(file, source.row3, row, *id3);
+  if (source.row2 >= 0 && id2 != nullptr) takeid(file, source.row2, row, *id2);
+  for (const int v : source.chosen) *values++ = numbervalue(file, file.variables[static_cast<std::size_t>(v)], row);
   ++file.nread;
   return 0;
 }
 
 void closestata(int level) {
-  LevelSource& source = raw.level[level];
-  if (source.stream != nullptr) std::fclose(source.stream);
-  source.stream = nullptr;
+  closestream(level);
   files[level] = StataFile{};
 }
 

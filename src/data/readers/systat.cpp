@@ -7,7 +7,6 @@
 
 #include "data/buildlog.h"
 #include "data/readers/bytereader.h"
-#include "data/scratch.h"
 #include "driver/constants.h"
 #include "driver/failures.h"
 #include "driver/runrecord.h"
@@ -19,27 +18,19 @@ namespace {
 constexpr std::size_t segmentlength = 128;
 constexpr std::size_t namelength = 12;
 constexpr std::size_t commentlength = 74;
-constexpr int longmark = 0x81;  // the record goes on behind its first segment
-constexpr int endmark = 0x82;   // stands behind the last record
-constexpr int nomark = -1;      // nothing does
+constexpr unsigned char longmark = 0x81;  // of a segment that another one follows; the last one's mark is its length
+constexpr unsigned char endmark = 0x82;   // stands behind the last record
 constexpr int singles = 1;
 constexpr int doubles = 2;
-
-struct SystatText {
-  char bytes[namelength];
-};
 
 // The file of one level.
 struct SystatFile {
   ByteReader bytes;
-  int type = 0;               // singles or doubles
-  Array<int> place;           // of each variable among the numbers or among the texts of the record
-  Array<double> numbers;      // of the record in hand
-  Array<SystatText> strings;  // likewise
-  bool segmented = false;     // the record in hand has segments
-  std::size_t left = 0;       // bytes of its segment that are still to come
-  long long records = 0;      // that were read
-  int row3 = -1, row2 = -1;   // rows of the ID columns
+  int type = 0;                 // singles or doubles
+  Array<std::size_t> place;     // of each variable in the record: all numbers stand before all texts
+  Array<unsigned char> record;  // the one in hand, without the marks
+  long long records = 0;        // that were read
+  bool ended = false;
 };
 
 SystatFile files[3];
@@ -108,81 +99,81 @@ void systathead(int level) {
   const auto count = static_cast<std::size_t>(source.numvar);
   source.vartable.reset(count);
   file.place.reset(count);
-  std::size_t numbers = 0;
-  std::size_t strings = 0;
-  for (std::size_t v = 0; v < count; ++v) {
-    RawVariable& variable = source.vartable[v];
+  std::size_t length = 0;
+  for (RawVariable& variable : source.vartable) {
     const std::string name = readname(level);
     variable.text = name.find('$') != std::string::npos;
     variable.name = paddedname(name, variable.text ? 9 : 8);
     variable.width = variable.text ? static_cast<int>(namelength) : file.type == doubles ? 8 : 4;
-    file.place[v] = static_cast<int>(variable.text ? strings++ : numbers++);
   }
-  file.numbers.reset(numbers);
-  file.strings.reset(strings);
-}
-
-// The next bytes of the record, over the ends of its segments.
-bool takepart(SystatFile& file, void* to, std::size_t count) {
-  auto* at = static_cast<unsigned char*>(to);
-  while (count > 0) {
-    if (file.left == 0) {
-      const unsigned char* marks = takebytes(file.bytes, 2);
-      if (marks == nullptr) return false;
-      file.left = std::min<std::size_t>(marks[1], segmentlength);
+  for (const bool text : {false, true})
+    for (std::size_t v = 0; v < count; ++v) {
+      if (source.vartable[v].text != text) continue;
+      file.place[v] = length;
+      length += static_cast<std::size_t>(source.vartable[v].width);
     }
-    const std::size_t part = file.segmented ? std::min(count, file.left) : count;
-    const unsigned char* bytes = takebytes(file.bytes, part);
-    if (bytes == nullptr) return false;
-    at = std::copy_n(bytes, part, at);
-    count -= part;
-    if (file.segmented) file.left -= part;
-  }
-  return true;
+  file.record.reset(length);
 }
 
-bool takenumber(SystatFile& file, double& value) {
-  unsigned char bytes[sizeof(double)];
-  if (!takepart(file, bytes, file.type == doubles ? sizeof(double) : sizeof(float))) return false;
+// What a try to read a record finds.
+enum class Found { record, end, noendmark, cut, damage };
+
+// Brings the next record together from its segments, each of which has its mark before and behind it. The byte behind
+// the last segment may be cut off.
+Found fillrecord(SystatFile& file) {
+  std::size_t filled = 0;
+  while (filled < file.record.size()) {
+    const unsigned char* mark = takebytes(file.bytes, 1);
+    if (mark == nullptr) return filled == 0 ? Found::noendmark : Found::cut;
+    if (filled == 0 && *mark == endmark) return Found::end;
+    const std::size_t left = file.record.size() - filled;
+    const std::size_t length = std::min(left, segmentlength);
+    const std::size_t expected = left > segmentlength ? longmark : length;
+    if (*mark != expected) return Found::damage;
+    const unsigned char* bytes = takebytes(file.bytes, length);
+    if (bytes == nullptr) return Found::cut;
+    std::memcpy(file.record.data() + filled, bytes, length);
+    filled += length;
+    mark = takebytes(file.bytes, 1);
+    if (mark != nullptr && *mark != expected) return Found::damage;
+  }
+  return Found::record;
+}
+
+void tellend(int level, Found found) {
+  const char* name = raw.level[level].filename.c_str();
+  const long long records = files[level].records;
+  if (found == Found::end) return;
+  countextra();
+  if (found == Found::noendmark) {
+    logboth("%s may be cut short: no end mark follows its record %lld.\n", name, records);
+  } else if (found == Found::cut) {
+    logboth("%s ends in the middle of record %lld. That record does not count.\n", name, records + 1);
+  } else {
+    logboth("%s is damaged: a length mark of record %lld is wrong. Neither that record nor what follows it counts.\n",
+            name, records + 1);
+  }
+}
+
+double numberof(const SystatFile& file, int row) {
+  const unsigned char* bytes = file.record.data() + file.place[static_cast<std::size_t>(row)];
+  double value = 0.0;
   if (file.type == doubles) {
     value = lowfirst<double>(bytes);
   } else {
     const auto single = lowfirst<float>(bytes);
     value = single <= -1.0e36F ? missingcode : static_cast<double>(single);
   }
-  if (!std::isfinite(value)) value = missingcode;
-  return true;
-}
-
-// The values of the record whose mark was read, and the byte behind them. False when they are not whole.
-bool takevalues(SystatFile& file) {
-  for (double& value : file.numbers)
-    if (!takenumber(file, value)) return false;
-  for (SystatText& text : file.strings)
-    if (!takepart(file, text.bytes, namelength)) return false;
-  (void)skipbytes(file.bytes, 1);
-  return true;
-}
-
-void tellend(int level, int mark) {
-  const std::string& name = raw.level[level].filename;
-  if (mark == endmark) return;
-  countextra();
-  if (mark == nomark) {
-    logboth("%s may be cut short: no end mark follows its record %lld.\n", name.c_str(), files[level].records);
-  } else {
-    logboth("%s ends in the middle of record %lld. That record does not count.\n", name.c_str(),
-            files[level].records + 1);
-  }
+  return std::isfinite(value) ? value : missingcode;
 }
 
 Id idof(const SystatFile& file, int row) {
-  const auto place = static_cast<std::size_t>(file.place[static_cast<std::size_t>(row)]);
   Id id{};
   if (run.mdm.numericids) {
-    id.number = numericid(file.numbers[place]);
+    id.number = numericid(numberof(file, row));
   } else {
-    id.text = textid({file.strings[place].bytes, namelength});
+    const unsigned char* text = file.record.data() + file.place[static_cast<std::size_t>(row)];
+    id.text = textid({reinterpret_cast<const char*>(text), namelength});
   }
   return id;
 }
@@ -191,40 +182,29 @@ Id idof(const SystatFile& file, int row) {
 
 void opensystat(int level) {
   LevelSource& source = raw.level[level];
-  source.stream = openfile(source.filename, "rb");
   files[level] = SystatFile{};
-  startbytes(files[level].bytes, source.stream, source.filename);
+  source.stream = startbytes(files[level].bytes, source.filename);
   systathead(level);
-}
-
-void preparesystat(int level) {
-  settlevariables(level);
-  files[level].row3 = idrow(raw.level[level], level3idmark);
-  files[level].row2 = idrow(raw.level[level], level2idmark);
 }
 
 int systatrecord(int level, double* values, Id* id3, Id* id2) {
   SystatFile& file = files[level];
-  const unsigned char* first = takebytes(file.bytes, 1);
-  const int mark = first == nullptr ? nomark : *first;
-  file.segmented = mark == longmark;
-  file.left = segmentlength;
-  if (mark == nomark || !takevalues(file)) {
-    tellend(level, mark);
+  if (file.ended) return 1;
+  if (const Found found = fillrecord(file); found != Found::record) {
+    tellend(level, found);
+    file.ended = true;
     return 1;
   }
   ++file.records;
-  if (file.row3 >= 0) *id3 = idof(file, file.row3);
-  if (file.row2 >= 0 && id2 != nullptr) *id2 = idof(file, file.row2);
-  for (const int row : raw.level[level].chosen)
-    *values++ = file.numbers[static_cast<std::size_t>(file.place[static_cast<std::size_t>(row)])];
+  const LevelSource& source = raw.level[level];
+  if (source.row3 >= 0) *id3 = idof(file, source.row3);
+  if (source.row2 >= 0 && id2 != nullptr) *id2 = idof(file, source.row2);
+  for (const int row : source.chosen) *values++ = numberof(file, row);
   return 0;
 }
 
 void closesystat(int level) {
-  LevelSource& source = raw.level[level];
-  if (source.stream != nullptr) std::fclose(source.stream);
-  source.stream = nullptr;
+  closestream(level);
   files[level] = SystatFile{};
 }
 

@@ -6,10 +6,9 @@
 
 namespace kdr {
 
-// The operations of RawReader. opensystat stops with failure 1 when the head cannot be read, with code 100 when a name
-// is too long. Data that end before their time are reported on the console and in the log.
+// The operations of RawReader besides settlevariables. opensystat stops with failure 1 when the head cannot be read,
+// with code 100 when a name is too long. Data that end before their time are reported on the console and in the log.
 void opensystat(int level);
-void preparesystat(int level);
 [[nodiscard]] int systatrecord(int level, double* values, Id* id3, Id* id2);
 void closesystat(int level);
 
