@@ -32,11 +32,20 @@ const RawReader* findreader(const std::string& value) {
   return nullptr;
 }
 
+void openraw(int level) {
+  raw.level[level].opened = true;
+  raw.reader->open(level);
+}
+
+void closeraw(int level) {
+  if (raw.level[level].opened) raw.reader->close(level);
+  raw.level[level].opened = false;
+}
+
 int readrecord(int level, double* values, Id* id3, Id* id2) { return raw.reader->record(level, values, id3, id2); }
 
 void forgetraw() {
-  for (int level = 0; level < 3; ++level)
-    if (raw.reader != nullptr && raw.level[level].stream != nullptr) raw.reader->close(level);
+  for (int level = 0; level < 3; ++level) closeraw(level);
   raw = RawData{};
 }
 

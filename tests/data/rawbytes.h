@@ -44,7 +44,7 @@ inline Records readraw(const char* word, const std::string& bytes, const Columns
   forgetraw();
   raw.reader = findreader(word);
   raw.level[0].filename = "file" + type;
-  raw.reader->open(0);
+  openraw(0);
   markid(0, level3idmark, columns.id3);
   markid(0, level2idmark, columns.id2);
   for (const char* name : columns.variables) markvariable(0, name);

@@ -237,7 +237,8 @@ TEST_F(Sas, Refusals) {
       {whole, mixed, 100, "ID's must be both be character or both numeric!\n"},
       {whole, longname, 100, "Variable name THIRTEENCHARS is too long!\n"},
       {whole, absent, 100, "Variable NONE not found!\n"},
-      {whole, character, 100, "mdm variables must be numeric!\n"},
+      {whole, character, 100,
+       "mdm variables must be numeric!\nVariable T2 of the level-1 file is a character variable.\n"},
   };
   for (const auto& c : cases) {
     makefile("1.xpt", c.text);

@@ -271,7 +271,7 @@ TEST_F(Spss, Refusals) {
       {"one variable alone", Sav{variable("LEA", 20), 3, ""}.bytes(), "", columns},
       {"a text as variable",
        Sav{mixed, 12, ""}.bytes(),
-       "mdm variables must be numeric!\n",
+       "mdm variables must be numeric!\nVariable SHORT of the level-1 file is a character variable.\n",
        {"lea", "school", {"short"}},
        100},
       {"an absent ID", good.bytes(), "id variable not found!\n", {"lea", "schol", {"x"}}, 100},

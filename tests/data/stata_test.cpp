@@ -32,7 +32,10 @@ struct Dta {
     const std::size_t namewidth = format == 108 ? 9 : 33;
     const bool letters = format < 111;
     std::string bytes = {static_cast<char>(format), static_cast<char>(order), 1, 0};
-    bytes += int16bytes(static_cast<int>(n)) + int32bytes(numobs) + fixed("a label", 81, '\0') +
+    const auto ordered = [&](std::string number) {
+      return order == 1 ? std::string(number.rbegin(), number.rend()) : number;
+    };
+    bytes += ordered(int16bytes(static_cast<int>(n))) + ordered(int32bytes(numobs)) + fixed("a label", 81, '\0') +
              fixed("01 Jan 1997 00:00", 18, '\0');
     for (const Variable& v : variables) {
       static const std::string codes = "bilfd";
@@ -134,7 +137,8 @@ TEST_F(Stata, Ids) {
     } refused[] = {
         {one("a", "thirteen char", 1), {"a", "b", {"x"}}, "Your ID variable is longer than 12 characters.\n"},
         {one("a", "b", 10000000000000.0), {"n", "x", {}}, "ID must be no more than 12 digits long\n"},
-        {one("a", "b", 1), {"n", "x", {"a"}}, "mdm variables must be numeric!\n"},
+        {one("a", "b", 1), {"n", "x", {"a"}},
+         "mdm variables must be numeric!\nVariable A of the level-1 file is a character variable.\n"},
         {one("a", "b", 1), {"n", "a", {"x"}}, "ID's must be both be character or both numeric!\n"},
     };
     for (const auto& c : refused) {
@@ -147,8 +151,8 @@ TEST_F(Stata, Ids) {
 
 TEST_F(Stata, Heads) {
   const std::string none = "The level-1 file does not seem to be a Stata file!\n";
-  const std::string other = "Files of this release can be read with rawdattype:other and the file type /stata.\n";
-  const std::string release = "So sorry, but KDR3 cannot read this version of stata.\n" + other;
+  const std::string other = "This file can be read with rawdattype:other and the file type /stata.\n";
+  const std::string release = "So sorry, but KDR3 cannot read this version of stata.\n";
   const std::string damaged = "The head of the level-1 Stata file is damaged.\n";
   const std::string platform = "This file seems to have been created on a different platform!\n";
   const std::string toolong = "Stata may allow for variable name lengths > 8, but not the KDRs!\n";
@@ -171,11 +175,14 @@ TEST_F(Stata, Heads) {
       {"one byte", "r", none},
       {"a text", "Hello, these are some data", none},
       {"format 107", changed(0, "\x6b"), none + other},
-      {"a later release", "<stata_dta><header><release>118</release>", none + other},
+      {"format 102", changed(0, "\x66"), none + " file"},
+      {"a later release", contents(TESTDATA "/tests/data/files/sample1-118.dta"), none + other},
+      {"a later release, cut short", "<stata_dta><header><release>118</release>", none + " file"},
       {"format 109", changed(0, "\x6d"), release},
       {"format 112", changed(0, "\x70"), release},
       {"format 116", changed(0, "\x74"), release},
-      {"high byte first", changed(1, "\x01"), platform},
+      {"format 120", changed(0, "\x78"), release + " file"},
+      {"high byte first", with([](Dta& d) { d.order = 1; }), platform + other},
       {"high byte first, format 116", changed(0, "\x74\x01"), release},
       {"variables below 0", changed(4, int16bytes(-1)), damaged},
       {"observations below 0", changed(6, int32bytes(-1)), damaged},
@@ -304,7 +311,8 @@ TEST_F(RawTemplate, Refusals) {
       {with(text, "LONGNAME", "Y"), "Variable Y not found!\n"},
       {with(text, "X\nLONGNAME", "LONGNAME\nX"),
        "The level-1 variables must be listed in the order of the raw file: X comes too late!\n"},
-      {with(text, "LONGNAME", "TEXTID"), "mdm variables must be numeric!\n"},
+      {with(text, "LONGNAME", "TEXTID"),
+       "mdm variables must be numeric!\nVariable TEXTID of the level-1 file is a character variable.\n"},
       {with(text, "X\n*end l3vars\n", "X\n"), "Did not find *END L3VARS!\n"},
       {with(text, "l3fname:two\n", ""), nofile},
       {with(text, "rawdattype:stata\nl1fname:one\n", "l1fname:one\nrawdattype:stata\n"),

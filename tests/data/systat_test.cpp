@@ -165,7 +165,7 @@ TEST_F(Systat, FilesOfSystat) {
     forgetraw();
     raw.reader = findreader("systat");
     raw.level[2].filename = place + c.file;
-    raw.reader->open(2);
+    openraw(2);
     markid(2, level3idmark, c.id);
     for (const char* name : c.names) markvariable(2, name);
     settleidkind();
@@ -281,7 +281,8 @@ TEST_F(Systat, Refusals) {
       {systatfile(largeid), recipe, 100, "ID must be no more than 12 digits long\n"},
       {whole, mixed, 100, "ID's must be both be character or both numeric!\n"},
       {whole, longname, 100, "Variable name THIRTEENCHARS is too long!\n"},
-      {whole, character, 100, "mdm variables must be numeric!\n"},
+      {whole, character, 100,
+       "mdm variables must be numeric!\nVariable T2$ of the level-1 file is a character variable.\n"},
   };
   for (const auto& c : cases) {
     makefile("1.sys", c.text);
