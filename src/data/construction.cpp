@@ -171,19 +171,14 @@ void readlevel3() {
   growlevel3(capacity);
   Id id{};
   Id before{};
-  long long withoutid = 0;
   while (readrecord(2, &mdm.level3[row * width], &id, nullptr) == 0) {
-    if (mdm.numericids && id.number == missingcode) {
-      ++withoutid;
-      continue;
-    }
+    if (mdm.numericids && id.number == missingcode) continue;
     if (row > 0 && compareids(before, id) > 0) notsorted(3, id);
     storelevel3id(row, id);
     before = id;
     if (++row == capacity) growlevel3(capacity *= 2);
     if (row == INT_MAX) stopwith("There are too many level-3 records!\n");
   }
-  reportwithoutid(3, withoutid);
   closeraw(2);
   mdm.nunits3 = static_cast<int>(row);
   deletedrows.level3 = keeplevel3([&](std::size_t r) { return misses(&mdm.level3[r * width], width) == 0; });

@@ -167,25 +167,36 @@ TEST(OtherFiles, CutShort) {
     const char* file;
     const char* type;
     std::size_t kept;
-    int code;
+    const char* words;  // of data that are read up to the cut; null for a file that is refused
   } cases[] = {
-      {"sample1.dbf", "xbase", 4000, 0},         {"sample1.csv", "delim", 1500, 0},
-      {"sample1.dta", "stata", 7500, 1},         {"sample1.por", "spssp", 2000, 0},
-      {"sample1.sas7bdat", "sas-win", 12000, 1}, {"sample1.xls", "excel", 9000, 1},
-      {"sample1.xlsx", "excel", 7000, 1},        {"sample1.sav", "spss", 1800, 1},
-      {"sample1.dbf", "xbase", 100, 1},          {"sample1.dta", "stata", 300, 1},
-      {"sample1.sav", "spss", 100, 1},           {"sample1.por", "spssp", 300, 1},
-      {"sample1.sas7bdat", "sas-win", 0, 1},     {"sample1.xls", "excel", 0, 1},
-      {"sample1.xlsx", "excel", 2, 1},           {"sample1.xpt", "sasx", 500, 1},
+      {"sample1.dbf", "xbase", 4000, "its head tells 60 records, but 45 are there"},
+      {"sample1.csv", "delim", 1500, "no line end follows its last line, which counts all the same"},
+      {"sample1.por", "spssp", 2000, "it breaks off behind record 28 (Error in SCORE (row=29))"},
+      {"sample1.xpt", "sasx", 6200, "it ends in the middle of record 58, which does not count"},
+      {"sample1.xpt", "sasx", 2000 + 3 * 73, "it ends behind record 3 without filling a card of 80 bytes"},
+      {"foreign8-1.dta", "stata", 15000, "it breaks off behind record 245 of 300 (Unable to read from file)"},
+      {"sample1.dta", "stata", 7500, nullptr},
+      {"sample1.sas7bdat", "sas-win", 12000, nullptr},
+      {"sample1.xls", "excel", 9000, nullptr},
+      {"sample1.xlsx", "excel", 7000, nullptr},
+      {"sample1.sav", "spss", 1800, nullptr},
+      {"sample1.dbf", "xbase", 100, nullptr},
+      {"sample1.dta", "stata", 300, nullptr},
+      {"sample1.sav", "spss", 100, nullptr},
+      {"sample1.por", "spssp", 300, nullptr},
+      {"sample1.sas7bdat", "sas-win", 0, nullptr},
+      {"sample1.xls", "excel", 0, nullptr},
+      {"sample1.xlsx", "excel", 2, nullptr},
+      {"sample1.xpt", "sasx", 500, nullptr},
   };
   for (const auto& c : cases) {
     makefile("cut", contents(files + c.file).substr(0, c.kept));
     Recipe recipe = sample("sample#.csv", " /delim", false);
     recipe.file[0] = std::string("cut /") + c.type;
     const Outcome outcome = makemdm(templateof(recipe));
-    EXPECT_EQ(outcome.code, c.code) << c.file << c.kept << outcome.words;
-    const std::string begins =
-        c.code == 0 ? "cut may be cut short: " : std::string("cut cannot be read as ") + c.type + ": ";
+    EXPECT_EQ(outcome.code, c.words == nullptr ? 1 : 0) << c.file << c.kept << outcome.words;
+    const std::string begins = c.words != nullptr ? std::string("cut may be cut short: ") + c.words
+                                                  : std::string("cut cannot be read as ") + c.type + ": ";
     EXPECT_EQ(outcome.words.substr(0, begins.size()), begins) << c.file << " " << c.kept << outcome.words;
   }
 }
@@ -220,6 +231,53 @@ std::string described(const char* path, int format) {
   });
   EXPECT_EQ(outcome.code, 0);
   return outcome.words;
+}
+
+// What the head of a file can tell, through the library for statistics packages.
+TEST(StatisticsFiles, Heads) {
+  Workplace workplace;
+  const std::string names =
+      "0 LEA:1:%1 SCHOOL:1:%1 TLEA:2:5 TSCHOOL:2:12 SCORE:1:%1 FEMALE:1:%1 AGE:1:%2 GCSE:1:%2 GCSECNT:1:%2\n";
+  const auto widths = [&](const std::string& whole, const std::string& real) {
+    std::string text = names;
+    for (const auto& [mark, width] : {std::pair("%1", whole), std::pair("%2", real)})
+      for (std::size_t at = 0; (at = text.find(mark)) != std::string::npos;) text.replace(at, 2, width);
+    return text;
+  };
+  const auto head = [](const std::string& text) { return text.substr(0, text.find('\n') + 1); };
+  EXPECT_EQ(head(described((files + "sample1.sav").c_str(), 22)), widths("8", "8"));
+  EXPECT_EQ(head(described((files + "sample1.dta").c_str(), 14)), widths("3", "7"));
+  EXPECT_EQ(head(described((files + "sample1.por").c_str(), 13)), widths("0", "0"));
+
+  const std::string dta = contents(files + "foreign8-1.dta");
+  const auto with = [&](std::size_t at, const std::string& bytes) {
+    return std::string(dta).replace(at, bytes.size(), bytes);
+  };
+  const struct {
+    std::string bytes;
+    const char* words;
+  } cases[] = {
+      {with(4, "\xFF\x7F"), "0\nits head tells more variables than it can hold"},
+      {with(6, "\xFF\xFF\xFF\xFF"), "0\nits head tells fewer than no records"},
+      {std::string("\x72\2\1\0", 4) + std::string(112, '\0'), "0\nit holds no variables"},
+  };
+  for (const auto& c : cases) {
+    makefile("1", c.bytes);
+    const std::string shown = described("1", 14);
+    EXPECT_EQ(shown.substr(0, 1) + shown.substr(shown.find('\n')), c.words);
+  }
+
+  const std::string sav = contents(files + "savnone-1.sav");
+  makefile("1", sav.substr(0, sav.size() - 1000));
+  const std::string shown = described("1", 22);
+  EXPECT_EQ(shown.substr(shown.rfind('\n')),
+            "\nit breaks off behind record 292 of 300 (File did not contain the expected number of rows)");
+
+  // A transport file with another data set behind the first one.
+  const std::string xpt = contents(files + "sample1.xpt");
+  makefile("1", xpt + xpt.substr(xpt.find("HEADER RECORD*******MEMBER")));
+  EXPECT_EQ(described("1", 12), described((files + "sample1.xpt").c_str(), 12) +
+                                    "\nit holds more than one data set, and the first one was read");
 }
 
 // Sheets with a line of names and records. A cell: its attributes, and what it holds.
@@ -276,7 +334,8 @@ TEST_F(Delimited, Tables) {
       {"a,b\n1,2\n3,\"4\n5,6\n",
        "0 a:1:1 b:1:1\n[1][2]\na quote in line 3 opens a field that never ends; record 1 is the last one that counts"},
       {"a,b\n1,\"2\n\"\n\"3\n\",\"4\n",
-       "0 a:1:1 b:2:2\n[1][2\n]\na quote in line 5 opens a field that never ends; record 1 is the last one that counts"},
+       "0 a:2:2 b:2:2\n[1][2\n]\na quote in line 5 opens a field that never ends; record 1 is the last one that "
+       "counts"},
       {"\n \t\t\t\na;b\n1;2\n", "0 a:1:1 b:1:1\n[1][2]\n"},
       {"\xFF\xFE" + std::string("a\0", 2), "0\nits characters have two bytes each (UTF-16); save it as UTF-8"},
       {std::string("a\0,\0", 4), "0\nits characters have two bytes each (UTF-16); save it as UTF-8"},
@@ -357,9 +416,40 @@ TEST_F(Delimited, NumericIds) {
   EXPECT_EQ(contents("shown"),
             "INTRCPT1\nX\nY\nINTRCPT2\nW\nINTRCPT3\nZ\n1 0x1.cp+2\n999999999999 0x1p+3\n"
             "1 2 0x1.cp+2\n 0x1p+0 0x1p+1\n999999999999 123456789012 0x1p+3\n 0x1.8p+1 0x1p+2\n");
+  // Rows without an ID, wherever they stand, are passed over and counted.
+  makefile("1.csv", "ID3,id2,X,Y\n1,2,1,2\n1,NA,9,9\n999999999999,123456789012,3,4\n,,9,9\n,1,9,9\n");
+  makefile("2.csv", "ID3,id2,W\n,7,7\n1,2,7\n999999999999,123456789012,8\n");
+  const std::string shown = contents("shown");
+  EXPECT_EQ(makemdm(templateof(recipe)).words,
+            "3 level-1 records have no ID. They were passed over.\n"
+            "1 level-2 records have no ID. They were passed over.\n" +
+                extrawords);
+  EXPECT_EQ(contents("shown"), shown);
   makefile("1.csv", "ID3;id2;X;Y\n1;2;2.5;3,5\n");
   EXPECT_EQ(makemdm(templateof(recipe)).words,
             "mdm variables must be numeric!\nVariable X of the level-1 file is a character variable.\n");
+}
+
+// Names count by their first 8 characters; none is cut in two.
+TEST_F(Delimited, Names) {
+  const std::string a = "\xC3\xA4";
+  const std::string twelve = a + a + a + a + a + a + "sixmor";
+  makefile("1.csv", "id3,id2,mathscore1,mathscore2," + twelve + ",sevenup" + a + "\na,p,1,2,3,4\n");
+  makefile("2.csv", "id3,id2,w\na,p,5\n");
+  makefile("3.csv", "id3,z\na,6\n");
+  for (const std::string name : {"mathscore1", "mathscore2", "MATHSCOR"}) {
+    recipe.names[0] = name + "\n";
+    const Outcome outcome = makemdm(templateof(recipe));
+    EXPECT_EQ(outcome.code, 100);
+    EXPECT_EQ(outcome.words, "Variable " + name +
+                                 " cannot be told from another one of the level-1 file: names count by their first 8 "
+                                 "characters!\n");
+  }
+  recipe.names[0] = twelve + "\nsevenup" + a + "\n";
+  EXPECT_EQ(makemdm(templateof(recipe)).code, 0);
+  EXPECT_EQ(contents("shown").substr(0, 26), "INTRCPT1\n" + a + a + a + a + "\nSEVENUP\n");
+  makefile("1.csv", "id3,id2," + twelve + "t,x\na,p,1,2\n");
+  EXPECT_EQ(makemdm(templateof(recipe)).words, "Variable names limited to 12 characters!\n");
 }
 
 TEST_F(Delimited, Refusals) {
@@ -594,8 +684,8 @@ TEST(Workbooks97, Cells) {
       {{"", a + truth(1, 1, 0) + truth(2, 0, 0) + truth(3, 42, 1) + biffnumber(4, 0, 9)}, "0 a:1:0\n[1]\n[0]\n[9]\n"},
       // Formulas count by their stored results; a shared one may stand before a text.
       {{"", ab + biffformula(1, 0, lowbytes(2.5)) + biffformula(1, 1, biffresult(0)) + biff(0x4BC, "shared") +
-                biff(0x207, bifftext("t")) + biffformula(2, 0, biffresult(1, 1)) + biffformula(3, 0, biffresult(2, 42)) +
-                biffformula(3, 1, biffresult(3)) + biffnumber(4, 0, 1)},
+                biff(0x207, bifftext("t")) + biffformula(2, 0, biffresult(1, 1)) +
+                biffformula(3, 0, biffresult(2, 42)) + biffformula(3, 1, biffresult(3)) + biffnumber(4, 0, 1)},
        "0 a:1:0 b:2:1\n[2.5][t]\n[1][]\n[1][]\n"},
       // Dates: by a format of the workbook's own and by one that all have.
       {{styles, a + biffnumber(1, 0, 43831, 1) + biffnumber(2, 0, 43831.75, 2) + biffnumber(3, 0, 43831, 3)},
@@ -607,13 +697,15 @@ TEST(Workbooks97, Cells) {
                 biffnumber(2, 1, 2) + biffnumber(7, 1, 5)},
        "0 a:1:0 b:1:0\n[1][2]\n[.][5]\n"},
       {{"", a + biffnumber(1, 0, 1), 0x600, std::string("\2\0", 2)}, "0 a:1:0\n[1]\n"},
-      {{"", a + biffnumber(1, 255, 1)}, "0 a:1:0" + [] {
-         std::string rest;
-         for (int i = 1; i < 256; ++i) rest += " :1:0";
-         rest += "\n";
-         for (int i = 1; i < 256; ++i) rest += "[.]";
-         return rest + "[1]\n";
-       }()},
+      {{"", a + biffnumber(1, 255, 1)},
+       "0 a:1:0" +
+           [] {
+             std::string rest;
+             for (int i = 1; i < 256; ++i) rest += " :1:0";
+             rest += "\n";
+             for (int i = 1; i < 256; ++i) rest += "[.]";
+             return rest + "[1]\n";
+           }()},
       // What cannot be read.
       {{"", "", 0x600, "\2"}, "0\nit has no sheet"},
       {{"", ""}, "0\nits first sheet is empty"},

@@ -43,6 +43,7 @@ struct XlsBook {
   std::string stream;
   bool from1904 = false;
   std::vector<SharedText> texts;
+  std::size_t shared = 0;  // of them, those that cells refer to
   std::vector<std::pair<unsigned, unsigned>> formats;  // the workbook's own: number, and what the format shows
   std::vector<unsigned> styles;                        // what the cell formats show
   std::vector<XlsCell> cells;
@@ -165,6 +166,7 @@ bool taketexts(XlsBook& book, Record record) {
     if (!taketext(book, record, text)) return false;
     keeptext(book, text);
   }
+  book.shared = book.texts.size();
   return true;
 }
 
@@ -271,7 +273,7 @@ bool takecells(XlsBook& book, Record record, CellHead& formula, bool& awaits) {
     case sharedkind: {
       if (!headof(book, record, 10, head)) return false;
       const std::size_t shared = littlenumber(book.stream, record.at + 6, 4);
-      if (shared >= book.texts.size()) return false;
+      if (shared >= book.shared) return false;
       keeplabel(book, head, shared);
       break;
     }
