@@ -107,12 +107,12 @@ TEST(OtherFiles, HoldTheSameData) {
     const char* file;
     const char* type;
   } cases[] = {
-      {"sample#.csv", " /delim"},        {"sample#.txt", "/Delim"},         {"sample#-semicolon.csv", " /delim"},
-      {"sample#.xls", " /excel"},        {"sample#.xlsx", " /excel"},       {"sample#-r.xlsx", " /excel"},
-      {"sample#-117.dta", " /stata"},    {"sample#-118.dta", " /stata/se"}, {"sample#.dbf", " /xbase"},
-      {"sample#.dta", " /stata"},        {"sample#.dta", " /stata/se"},     {"sample#.sav", " /spss"},
-      {"sample#.sav", " /spss-hl"},      {"sample#.por", " /spssp"},        {"sample#.xpt", " /sasx"},
-      {"sample#.sas7bdat", " /sas-win"}, {"sample#.sas7bdat", " /sas-sun"},
+      {"sample#.csv", " /delim"},     {"sample#.txt", "/Delim"},         {"sample#-semicolon.csv", " /delim"},
+      {"sample#.xls", " /excel"},     {"sample#.xlsx", " /excel"},       {"sample#-r.xlsx", " /excel"},
+      {"sample#-117.dta", " /stata"}, {"sample#-118.dta", " /stata/se"}, {"sample#.dbf", " /xbase"},
+      {"sample#.dta", " /stata"},     {"sample#.dta", " /stata/se"},     {"sample#.sav", " /spss"},
+      {"sample#.sav", " /spss-hl"},   {"sample#.por", " /spssp"},        {"sample#.xpt", " /sasx"},
+      {"sample#-8.xpt", " /sasx"},    {"sample#.sas7bdat", " /sas-win"}, {"sample#.sas7bdat", " /sas-sun"},
   };
   for (const auto& c : cases)
     for (const bool texts : {false, true}) {

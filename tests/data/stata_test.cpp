@@ -6,6 +6,7 @@
 #include <limits>
 
 #include "data/rawbytes.h"
+#include "data/readers/st.h"
 #include "driver/constants.h"
 
 namespace kdr {
@@ -152,7 +153,8 @@ TEST_F(Stata, Ids) {
 
 TEST_F(Stata, Heads) {
   const std::string none = "The level-1 file does not seem to be a Stata file!\n";
-  const std::string other = "This file can be read with rawdattype:other and the file type /stata.\n";
+  const std::string other =
+      !ST_CanRead(14) ? "" : "This file can be read with rawdattype:other and the file type /stata.\n";
   const std::string release = "So sorry, but KDR3 cannot read this version of stata.\n";
   const std::string damaged = "The head of the level-1 Stata file is damaged.\n";
   const std::string platform = "This file seems to have been created on a different platform!\n";
@@ -286,6 +288,40 @@ TEST_F(RawTemplate, IsWrittenBack) {
     // X is missing in the second record, which goes, and the unit with it
     EXPECT_NE(outcome.words.find("         X             1       2.50"), std::string::npos) << outcome.words;
   }
+}
+
+// The codes .a and .z at every level, in values and in IDs: both readers make the same file, but for its raw data type.
+TEST_F(RawTemplate, ExtendedMissingCodes) {
+  if (!ST_CanRead(14)) GTEST_SKIP();
+  const std::vector<Variable> variables = {{"lea", 'b'}, {"school", 'b'}, {"x", 'd'}, {"longname", 'b'}};
+  const double dot = 0x1p1023, z = 0x1.01ap1023;
+  const struct {
+    int lea, school;
+    double x;
+    int longname;
+  } rows[] = {{1, 1, 2.5, 102}, {2, 1, z, 7},   {3, 1, dot, 127}, {4, 1, 1.5, 100},
+              {5, 1, 3, 1},     {6, 127, 4, 1}, {102, 1, 5, 1},   {127, 102, 6, 1}};
+  std::string data;
+  for (const auto& row : rows) data += int8(row.lea) + int8(row.school) + lowbytes(row.x) + int8(row.longname);
+  makefile("one", Dta{113, variables, static_cast<int>(std::size(rows)), data}.bytes());
+  makefile("two", contents("one"));
+  std::string made[2];
+  for (const bool other : {false, true}) {
+    std::string recipe = with(text, "timeofdeletion:now", "timeofdeletion:analysis");
+    if (other) recipe = with(recipe, "rawdattype:stata", "rawdattype:other");
+    for (const std::string name : {"l1fname:one", "l2fname:two", "l3fname:two"})
+      if (other) recipe = with(recipe, name, name + " /stata");
+    const Outcome outcome = read(recipe);
+    EXPECT_EQ(outcome.code, 0) << outcome.words;
+    EXPECT_NE(outcome.words.find("3 level-1 records have no ID."), std::string::npos) << outcome.words;
+    EXPECT_NE(outcome.words.find("3 level-2 records have no ID."), std::string::npos) << outcome.words;
+    EXPECT_NE(outcome.words.find("LONGNAME             2"), std::string::npos) << outcome.words;
+    made[other] = contents("made.mdm");
+    const std::size_t type = made[other].find(lowbytes(other ? -9 : -8));
+    ASSERT_NE(type, std::string::npos);
+    made[other].replace(type, 4, "type");
+  }
+  EXPECT_EQ(made[0], made[1]);
 }
 
 TEST_F(RawTemplate, Refusals) {
