@@ -30,6 +30,7 @@ struct RawWalk {
   Id last3{}, last2{};   // those of the record before it
   bool any = false;      // a record has been read
   bool ended = false;
+  long long withoutid = 0;  // records that were passed over
 };
 
 // What the merge gathers besides run.mdm.
@@ -67,22 +68,35 @@ int misses(const double* values, std::size_t n) {
   stoprun(100);
 }
 
-// Reads the next record and holds its IDs against those of the record before. False at the end of the file.
+// Records without an ID can belong to no unit, and no package agrees with another where they stand in a sorted file.
+void reportwithoutid(int level, long long count) {
+  if (count == 0) return;
+  countextra();
+  logboth("%lld level-%d records have no ID. They were passed over.\n", count, level);
+}
+
+// Reads the next record that has its IDs and holds them against those of the record before. False at the end of the
+// file.
 bool nextraw(RawWalk& walk) {
   if (walk.ended) return false;
   std::swap(walk.id3, walk.last3);
   std::swap(walk.id2, walk.last2);
-  if (readrecord(walk.level, walk.values.data(), &walk.id3, &walk.id2) != 0) {
-    walk.ended = true;
-    return false;
+  while (readrecord(walk.level, walk.values.data(), &walk.id3, &walk.id2) == 0) {
+    if (run.mdm.numericids && (walk.id3.number == missingcode || walk.id2.number == missingcode)) {
+      ++walk.withoutid;
+      continue;
+    }
+    if (walk.any) {
+      const int order = compareids(walk.last3, walk.id3);
+      if (order > 0) notsorted(walk.level + 1, walk.id3);
+      if (order == 0 && compareids(walk.last2, walk.id2) > 0) notsorted(walk.level + 1, walk.id2);
+    }
+    walk.any = true;
+    return true;
   }
-  if (walk.any) {
-    const int order = compareids(walk.last3, walk.id3);
-    if (order > 0) notsorted(walk.level + 1, walk.id3);
-    if (order == 0 && compareids(walk.last2, walk.id2) > 0) notsorted(walk.level + 1, walk.id2);
-  }
-  walk.any = true;
-  return true;
+  walk.ended = true;
+  reportwithoutid(walk.level + 1, walk.withoutid);
+  return false;
 }
 
 // Reads the next level-2 record that has no missing value.
@@ -165,7 +179,7 @@ void readlevel3() {
     if (++row == capacity) growlevel3(capacity *= 2);
     if (row == INT_MAX) stopwith("There are too many level-3 records!\n");
   }
-  raw.reader->close(2);
+  closeraw(2);
   mdm.nunits3 = static_cast<int>(row);
   deletedrows.level3 = keeplevel3([&](std::size_t r) { return misses(&mdm.level3[r * width], width) == 0; });
 }
@@ -456,8 +470,8 @@ void mkmdm() {
   mdm.mean3 = meansof(totals3);
   std::setvbuf(mdm.stream, mdmpiece, _IOFBF, piecesize);
   writemdmtables(mdm.stream);
-  raw.reader->close(0);
-  raw.reader->close(1);
+  closeraw(0);
+  closeraw(1);
   describe(2, mdm.names2, mdm.mean2, copyunits(build));
   describe(3, mdm.names3, mdm.mean3, totals3);
   scratchclose(build.blocks);

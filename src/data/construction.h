@@ -6,7 +6,7 @@
 
 namespace kdr {
 
-// Rows that the last mkmdm dropped for missing values.
+// Rows that the last mkmdm dropped for missing values. Those without an ID are not among them.
 struct DeletedRows {
   int level2 = 0;
   int level3 = 0;

@@ -46,9 +46,18 @@ void closestream(int level) {
   source.stream = nullptr;
 }
 
+void openraw(int level) {
+  raw.level[level].opened = true;
+  raw.reader->open(level);
+}
+
+void closeraw(int level) {
+  if (raw.level[level].opened) raw.reader->close(level);
+  raw.level[level].opened = false;
+}
+
 void forgetraw() {
-  for (int level = 0; level < 3; ++level)
-    if (raw.reader != nullptr && raw.level[level].stream != nullptr) raw.reader->close(level);
+  for (int level = 0; level < 3; ++level) closeraw(level);
   raw = RawData{};
 }
 

@@ -17,8 +17,9 @@ enum RawType : int { rawascii = 2, rawsystat = 3, rawsas = 5, rawspss = 6, rawst
 
 // The raw file of one level.
 struct LevelSource {
-  std::FILE* stream = nullptr;
-  std::string filename;  // as the template or the dialogue gave it
+  bool opened = false;          // from openraw to closeraw
+  std::FILE* stream = nullptr;  // none where a library reads the file
+  std::string filename;         // as the template or the dialogue gave it
   int numvar = 0;        // variables that the raw file has; ASCII: values that the format yields, IDs not counted
   int selected = 0;      // variables that go into the MDM file, ID columns not counted
   std::string format;    // ASCII only: format text, at most 1023 characters
@@ -60,6 +61,11 @@ struct RawReader {
 
 // The reader whose word the value of RAWDATTYPE: begins with, in any case; null for an unknown word.
 [[nodiscard]] const RawReader* findreader(const std::string& value);
+
+// Opens the file of the level by its name and reads its head.
+void openraw(int level);
+// Closes the file of the level, if it is open.
+void closeraw(int level);
 
 // Reads the next record of a level through its format.
 [[nodiscard]] int readrecord(int level, double* values, Id* id3, Id* id2);

@@ -93,10 +93,15 @@ void asktypedfile(int level) {
   const std::string prompt =
       words("\nEnter Stat/Transfer filename for level-%1d or hit enter to be prompted:", level + 1);
   for (int tries = 0; tries < maxtries; ++tries) {
-    if (!readanswer(prompt, name) || name.empty()) continue;
-    if (name.size() >= maxpath) stopwith("File name too long: %s\n", name.c_str());
-    if (name.find('/') == std::string::npos) stopwith("\nMust specify Stat/Transfer file type!\n");
-    return;
+    if (!readanswer(prompt, name)) continue;
+    if (name.empty()) {
+      std::printf("There are no windows here to choose from. Enter the name, a slash and the type of the file.\n");
+    } else if (name.size() >= maxpath) {
+      std::printf("File name too long: %s\n", name.c_str());
+    } else {
+      if (name.find('/') == std::string::npos) stopwith("\nMust specify Stat/Transfer file type!\n");
+      return;
+    }
   }
   fail(14);
 }
@@ -206,11 +211,13 @@ void showvariables(int level, const std::vector<RawVariable*>& rows) {
 constexpr const char* alreadychosen = "You have already chosen that variable!\n";
 
 // Asks for the column of an ID and marks it. The first ID of all settles the kind; `kindknown` tells of that.
-void choosecolumn(const char* prompt, int mark, const std::vector<RawVariable*>& rows, bool& kindknown) {
+void choosecolumn(int level, const char* prompt, int mark, const std::vector<RawVariable*>& rows, bool& kindknown) {
   for (int tries = 0; tries < maxtries; ++tries) {
     RawVariable& row = *rows[static_cast<std::size_t>(asknumber(prompt, 1, static_cast<int>(rows.size()))) - 1];
     if (row.mark != unwanted) {
       std::printf("%s", alreadychosen);
+    } else if (sharesname(raw.level[level], row)) {
+      std::printf(namesalike, shownname(row).c_str(), level + 1);
     } else if (kindknown && row.text == run.mdm.numericids) {
       std::printf("ID's must be both be character or both numeric!\n");
     } else if (row.text && row.width > static_cast<int>(longestid)) {
@@ -250,6 +257,8 @@ void pickvariables(int level, const std::vector<RawVariable*>& rows) {
       std::printf(" This is a character variable!\n");
     } else if (row.mark != unwanted) {
       std::printf("%s", alreadychosen);
+    } else if (sharesname(source, row)) {
+      std::printf(namesalike, shownname(row).c_str(), level + 1);
     } else {
       row.mark = variablemark;
       picked.push_back(static_cast<int>(&row - source.vartable.data()));
@@ -266,8 +275,8 @@ void choosevariables(int level) {
   const std::vector<RawVariable*> rows = visiblerows(source);
   bool kindknown = level > 0;
   showvariables(level, rows);
-  choosecolumn(" What variable is the level-3 ID?", level3idmark, rows, kindknown);
-  if (level < 2) choosecolumn(" What variable is the level-2 ID?", level2idmark, rows, kindknown);
+  choosecolumn(level, " What variable is the level-3 ID?", level3idmark, rows, kindknown);
+  if (level < 2) choosecolumn(level, " What variable is the level-2 ID?", level2idmark, rows, kindknown);
   pickvariables(level, rows);
   takenames(level);
 }
@@ -280,7 +289,7 @@ void mdmdialogue() {
   mdm.deletednow = true;
   askrawtype();
   for (int level = 0; level < 3; ++level) asksource(level);
-  for (int level = 0; level < 3; ++level) raw.reader->open(level);
+  for (int level = 0; level < 3; ++level) openraw(level);
   for (int level = 0; level < 3; ++level) {
     if (rawis(rawascii)) {
       asknames(level);

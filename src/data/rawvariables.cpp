@@ -19,11 +19,13 @@ int namewidth(std::string_view name) { return rawis(rawsystat) && name.find('$')
 
 // The row of a variable that is to be marked.
 std::size_t rowtomark(int level, const std::string& name, const char* absent) {
-  if (name.size() > longestname) stopwith("Variable name %s is too long!\n", name.c_str());
+  if (charactersof(name) > longestname) stopwith("Variable name %s is too long!\n", name.c_str());
   const LevelSource& source = raw.level[level];
   const int row = findvariable(source, name);
   if (row < 0) stopwith(absent, name.c_str());
-  if (source.vartable[static_cast<std::size_t>(row)].mark != unwanted)
+  const RawVariable& variable = source.vartable[static_cast<std::size_t>(row)];
+  if (sharesname(source, variable)) stopwith(namesalike, name.c_str(), level + 1);
+  if (variable.mark != unwanted)
     stopwith("Variable %s of the level-%d file is chosen more than once!\n", name.c_str(), level + 1);
   return static_cast<std::size_t>(row);
 }
@@ -45,6 +47,13 @@ int findvariable(const LevelSource& source, std::string_view name) {
       return static_cast<int>(row);
   }
   return -1;
+}
+
+bool sharesname(const LevelSource& source, const RawVariable& variable) {
+  return std::any_of(source.vartable.begin(), source.vartable.end(), [&](const RawVariable& other) {
+    return &other != &variable && !other.hidden &&
+           std::memcmp(other.name.text, variable.name.text, sizeof variable.name.text) == 0;
+  });
 }
 
 void markid(int level, int mark, const std::string& name) {

@@ -36,9 +36,15 @@ struct RawVariable {
 // with a $ counts by 9.
 [[nodiscard]] int findvariable(const LevelSource& source, std::string_view name);
 
+// True when another variable of the file has the same name, as far as names count.
+[[nodiscard]] bool sharesname(const LevelSource& source, const RawVariable& variable);
+// The words for a variable that no name can tell from another one: "%s" for its name, "%d" for its level from 1.
+inline constexpr const char* namesalike =
+    "Variable %s cannot be told from another one of the level-%d file: names count by their first 8 characters!\n";
+
 // Marks a variable of the level (index 0 to 2) as the ID column that `mark` tells, or as a variable of the MDM file.
-// Stops with code 100 when the name is too long, when the file has no such variable, when it has a mark already, or
-// when a variable of the MDM file is a character variable.
+// Stops with code 100 when the name is too long, when the file has no such variable or more than one, when it has a
+// mark already, or when a variable of the MDM file is a character variable.
 // Variables must be marked in the order of the raw file, since that is the order of the values of a record; in SYSTAT
 // data any order is kept.
 void markid(int level, int mark, const std::string& name);

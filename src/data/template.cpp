@@ -105,7 +105,7 @@ void takerawtype(TemplateText&, const std::string& value) {
   const RawReader* reader = findreader(value);
   if (reader == nullptr) stopwith("Invalid raw data type.\n");
   for (int level = 0; level < 3; ++level)  // files that were opened in another format have to be named again
-    if (raw.reader != reader && raw.level[level].stream != nullptr) raw.reader->close(level);
+    if (raw.reader != reader) closeraw(level);
   raw.reader = reader;
 }
 
@@ -131,12 +131,12 @@ void takeformat(TemplateText&, int level, const std::string& value) {
 void takefile(TemplateText& text, int level, const std::string& value) {
   if (raw.reader == nullptr) stopwith(noformat);
   LevelSource& source = raw.level[level];
-  if (source.stream != nullptr) raw.reader->close(level);
+  closeraw(level);
   source.filename = pathvalue(value);
   source.filetype.clear();
   source.vartable.reset(0);
   source.chosen.reset(0);
-  raw.reader->open(level);
+  openraw(level);
   if (!rawis(rawascii)) text.named[level] = false;
 }
 
@@ -165,7 +165,7 @@ void takevariables(TemplateText& text, int level, const char* ending) {
 }
 
 void takeblock(TemplateText& text, int level) {
-  if (raw.reader == nullptr || raw.level[level].stream == nullptr) stopwith(nofile);
+  if (raw.reader == nullptr || !raw.level[level].opened) stopwith(nofile);
   char ending[] = "*END L1VARS";
   ending[6] = static_cast<char>('1' + level);
   if (!rawis(rawascii)) return takevariables(text, level, ending);
@@ -176,7 +176,7 @@ void takeblock(TemplateText& text, int level) {
   for (;;) {
     if (!nextword(text, line)) stopwith("Did not find %s!\n", ending);
     if (beginswith(line, ending)) break;
-    if (line.size() > longestname) stopwith("Variable name %s is too long!\n", line.c_str());
+    if (charactersof(line) > longestname) stopwith("Variable name %s is too long!\n", line.c_str());
     if (++given == names.size())
       stopwith("There are more than %d level-%d variable names!\n", raw.level[level].numvar, level + 1);
     names[given] = paddedname(line);
@@ -242,7 +242,7 @@ void checkcomplete(const TemplateText& text) {
   if (raw.reader == nullptr) stopwith("The template tells no raw data type!\n");
   for (int level = 0; level < 3; ++level) {
     const LevelSource& source = raw.level[level];
-    if (source.stream == nullptr) stopwith("The template names no level-%d file!\n", level + 1);
+    if (!source.opened) stopwith("The template names no level-%d file!\n", level + 1);
     if (!rawis(rawascii)) {
       if (!text.named[level]) stopwith("The template names no level-%d variables!\n", level + 1);
       continue;

@@ -13,6 +13,9 @@ constexpr int columns = 12;
 
 char upper(char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; }
 
+// Within UTF-8: a byte that goes on with the character of the byte before.
+bool continues(char c) { return (static_cast<unsigned char>(c) & 0xC0U) == 0x80; }
+
 template <class Slot>
 void closeup(Array<Slot>& table, int n, int index) {
   for (int i = index; i + 1 < n; ++i) table[static_cast<std::size_t>(i)] = table[static_cast<std::size_t>(i) + 1];
@@ -40,9 +43,15 @@ Name paddedname(std::string_view text, int width) {
   Name name;
   std::memset(name.text, ' ', columns);
   name.text[columns] = '\0';
-  std::memcpy(name.text, text.data(), std::min<std::size_t>(text.size(), columns));
+  std::size_t length = std::min<std::size_t>(text.size(), static_cast<std::size_t>(std::min(width, columns)));
+  while (length > 0 && length < text.size() && continues(text[length])) --length;
+  std::memcpy(name.text, text.data(), length);
   padname(name.text, width);
   return name;
+}
+
+std::size_t charactersof(std::string_view text) {
+  return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) { return !continues(c); }));
 }
 
 int findname(std::string_view name, const Array<Name>& table, int n) {

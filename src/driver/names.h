@@ -23,8 +23,11 @@ struct Label {
 // byte or a column beyond `width` becomes a blank, the rest upper case; the text moves right until column `width` is
 // not blank. An all-blank buffer stays blank.
 void padname(char* buffer, int width);
-// The same for a text of any length: at most 12 characters of it enter the slot.
+// The same for a text of any length: at most `width` bytes of it enter the slot, and no part of a character.
 [[nodiscard]] Name paddedname(std::string_view text, int width = 8);
+
+// Characters of a text in UTF-8. A byte of another code counts as one.
+[[nodiscard]] std::size_t charactersof(std::string_view text);
 
 // The lowest index 0..n of `table` whose slot agrees with `name` in its first 8 characters after padname with width 8,
 // or -1.

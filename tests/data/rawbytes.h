@@ -1,30 +1,16 @@
 // Writes binary raw files byte by byte, and makes MDM files from them in a child process.
 #pragma once
 
-#include <cstring>
 #include <string>
 #include <vector>
 
 #include "data/child.h"
 #include "data/construction.h"
 #include "data/levelsource.h"
+#include "data/numberbytes.h"
 #include "data/template.h"
 
 namespace kdr {
-
-// The bytes of a number, low byte first (on the machines that this suite runs on).
-template <class Number>
-std::string lowbytes(Number number) {
-  std::string bytes(sizeof number, '\0');
-  std::memcpy(bytes.data(), &number, sizeof number);
-  return bytes;
-}
-inline std::string int32bytes(int number) { return lowbytes(number); }
-inline std::string int16bytes(int number) { return lowbytes(static_cast<short>(number)); }
-inline std::string fixed(std::string text, std::size_t width, char filler = ' ') {
-  text.resize(width, filler);
-  return text;
-}
 
 // The level-1 records of a file as read through its reader: the values of each, and the IDs.
 struct Records {
@@ -44,7 +30,7 @@ inline Records readraw(const char* word, const std::string& bytes, const Columns
   forgetraw();
   raw.reader = findreader(word);
   raw.level[0].filename = "file" + type;
-  raw.reader->open(0);
+  openraw(0);
   markid(0, level3idmark, columns.id3);
   markid(0, level2idmark, columns.id2);
   for (const char* name : columns.variables) markvariable(0, name);

@@ -6,6 +6,7 @@
 #include <limits>
 
 #include "data/rawbytes.h"
+#include "data/readers/st.h"
 #include "driver/constants.h"
 
 namespace kdr {
@@ -32,7 +33,10 @@ struct Dta {
     const std::size_t namewidth = format == 108 ? 9 : 33;
     const bool letters = format < 111;
     std::string bytes = {static_cast<char>(format), static_cast<char>(order), 1, 0};
-    bytes += int16bytes(static_cast<int>(n)) + int32bytes(numobs) + fixed("a label", 81, '\0') +
+    const auto ordered = [&](std::string number) {
+      return order == 1 ? std::string(number.rbegin(), number.rend()) : number;
+    };
+    bytes += ordered(int16bytes(static_cast<int>(n))) + ordered(int32bytes(numobs)) + fixed("a label", 81, '\0') +
              fixed("01 Jan 1997 00:00", 18, '\0');
     for (const Variable& v : variables) {
       static const std::string codes = "bilfd";
@@ -151,8 +155,9 @@ TEST_F(Stata, Ids) {
 
 TEST_F(Stata, Heads) {
   const std::string none = "The level-1 file does not seem to be a Stata file!\n";
-  const std::string other = "Files of this release can be read with rawdattype:other and the file type /stata.\n";
-  const std::string release = "So sorry, but KDR3 cannot read this version of stata.\n" + other;
+  const std::string other =
+      !ST_CanRead(14) ? "" : "This file can be read with rawdattype:other and the file type /stata.\n";
+  const std::string release = "So sorry, but KDR3 cannot read this version of stata.\n";
   const std::string damaged = "The head of the level-1 Stata file is damaged.\n";
   const std::string platform = "This file seems to have been created on a different platform!\n";
   const std::string toolong = "Stata may allow for variable name lengths > 8, but not the KDRs!\n";
@@ -174,12 +179,14 @@ TEST_F(Stata, Heads) {
       {"empty", "", none},
       {"one byte", "r", none},
       {"a text", "Hello, these are some data", none},
-      {"format 107", changed(0, "\x6b"), none + other},
-      {"a later release", "<stata_dta><header><release>118</release>", none + other},
+      {"format 107", changed(0, "\x6b"), none + " file"},
+      {"a later release", contents(TESTDATA "/tests/data/files/sample1-118.dta"), none + other},
+      {"a later release, cut short", "<stata_dta><header><release>118</release>", none + " file"},
       {"format 109", changed(0, "\x6d"), release},
       {"format 112", changed(0, "\x70"), release},
       {"format 116", changed(0, "\x74"), release},
-      {"high byte first", changed(1, "\x01"), platform},
+      {"format 120", changed(0, "\x78"), release + " file"},
+      {"high byte first", with([](Dta& d) { d.order = 1; }), platform + other},
       {"high byte first, format 116", changed(0, "\x74\x01"), release},
       {"variables below 0", changed(4, int16bytes(-1)), damaged},
       {"observations below 0", changed(6, int32bytes(-1)), damaged},
@@ -283,6 +290,40 @@ TEST_F(RawTemplate, IsWrittenBack) {
     // X is missing in the second record, which goes, and the unit with it
     EXPECT_NE(outcome.words.find("         X             1       2.50"), std::string::npos) << outcome.words;
   }
+}
+
+// The codes .a and .z at every level, in values and in IDs: both readers make the same file, but for its raw data type.
+TEST_F(RawTemplate, ExtendedMissingCodes) {
+  if (!ST_CanRead(14)) GTEST_SKIP();
+  const std::vector<Variable> variables = {{"lea", 'b'}, {"school", 'b'}, {"x", 'd'}, {"longname", 'b'}};
+  const double dot = 0x1p1023, z = 0x1.01ap1023;
+  const struct {
+    int lea, school;
+    double x;
+    int longname;
+  } rows[] = {{1, 1, 2.5, 102}, {2, 1, z, 7},   {3, 1, dot, 127}, {4, 1, 1.5, 100},
+              {5, 1, 3, 1},     {6, 127, 4, 1}, {102, 1, 5, 1},   {127, 102, 6, 1}};
+  std::string data;
+  for (const auto& row : rows) data += int8(row.lea) + int8(row.school) + lowbytes(row.x) + int8(row.longname);
+  makefile("one", Dta{113, variables, static_cast<int>(std::size(rows)), data}.bytes());
+  makefile("two", contents("one"));
+  std::string made[2];
+  for (const bool other : {false, true}) {
+    std::string recipe = with(text, "timeofdeletion:now", "timeofdeletion:analysis");
+    if (other) recipe = with(recipe, "rawdattype:stata", "rawdattype:other");
+    for (const std::string name : {"l1fname:one", "l2fname:two", "l3fname:two"})
+      if (other) recipe = with(recipe, name, name + " /stata");
+    const Outcome outcome = read(recipe);
+    EXPECT_EQ(outcome.code, 0) << outcome.words;
+    EXPECT_NE(outcome.words.find("3 level-1 records have no ID."), std::string::npos) << outcome.words;
+    EXPECT_NE(outcome.words.find("3 level-2 records have no ID."), std::string::npos) << outcome.words;
+    EXPECT_NE(outcome.words.find("LONGNAME             2"), std::string::npos) << outcome.words;
+    made[other] = contents("made.mdm");
+    const std::size_t type = made[other].find(lowbytes(other ? -9 : -8));
+    ASSERT_NE(type, std::string::npos);
+    made[other].replace(type, 4, "type");
+  }
+  EXPECT_EQ(made[0], made[1]);
 }
 
 TEST_F(RawTemplate, Refusals) {

@@ -169,7 +169,7 @@ TEST_F(Systat, FilesOfSystat) {
     forgetraw();
     raw.reader = findreader("systat");
     raw.level[2].filename = place + c.file;
-    raw.reader->open(2);
+    openraw(2);
     markid(2, level3idmark, c.id);
     for (const char* name : c.names) markvariable(2, name);
     settleidkind();

@@ -1,4 +1,4 @@
-"""MDM files made from SAS transport files, SYSTAT files and delimited text hold the whole of examples/chem97, bit for bit.
+"""MDM files made from files of other packages hold the whole of examples/chem97, bit for bit.
 
     otherfiles_test.py <program>
 
@@ -83,11 +83,64 @@ def delimited(path, names, rows):
         writer.writerows([['%r' % x if isinstance(x, float) else 'T%5s' % x for x in row] for row in rows])
 
 
+def dbase(path, names, rows):
+    head = struct.pack('<BBBBIHH20x', 3, 126, 11, 24, len(rows), 32 * len(names) + 33, 20 * len(names) + 1)
+    for name, x in zip(names, rows[0]):
+        head += struct.pack('<11sc4xBB14x', name.encode(), b'C' if isinstance(x, str) else b'N', 20, 4)
+    with open(path, 'wb') as f:
+        f.write(head + b'\r')
+        for row in rows:
+            f.write(b' ' + b''.join(x.encode().ljust(20) if isinstance(x, str) else repr(x).encode().rjust(20) for x in row))
+        f.write(b'\x1a')
+
+
+def excel(path, names, rows):
+    """The records of a workbook, in a compound file of one stream."""
+    record = lambda kind, data: struct.pack('<HH', kind, len(data)) + data
+    start = lambda kind: record(0x809, struct.pack('<HH12x', 0x600, kind))
+    before, end = start(5), record(10, b'')
+    cells = []
+    for r, row in enumerate([names] + rows):
+        for c, x in enumerate(row):
+            place = struct.pack('<HHH', r, c, 0)
+            cells.append(record(0x204, place + struct.pack('<HB', len(x), 0) + x.encode()) if isinstance(x, str)
+                         else record(0x203, place + struct.pack('<d', x)))
+    sheet = struct.pack('<IBBBB', len(before) + 4 + 9 + len(end), 0, 0, 1, 0) + b's'
+    stream = before + record(0x85, sheet) + end + start(16) + b''.join(cells) + end
+    stream += bytes(max(4096 - len(stream), -len(stream) % 512))
+    sectors = len(stream) // 512
+    tables = -(-(sectors + 1) // 127)
+    chain = [-3] * tables + [-2] + [tables + 2 + i for i in range(sectors - 1)] + [-2]
+    table = struct.pack('<%di' % len(chain), *chain)
+    entry = lambda name, kind, first, length: (name.encode('utf-16-le').ljust(64, b'\0') + struct.pack(
+        '<HBB12x36xiQ', 2 * len(name) + 2, kind, 1, first, length))
+    listed = struct.pack('<%di' % tables, *range(tables))
+    with open(path, 'wb') as f:
+        f.write(b'\xd0\xcf\x11\xe0\xa1\xb1\x1a\xe1' + bytes(16) + struct.pack(
+            '<HHHHH10xIIIIiIiI', 62, 3, 65534, 9, 6, tables, tables, 0, 4096, -2, 0, -2, 0) + listed.ljust(436, b'\xff'))
+        f.write(table.ljust(512 * tables, b'\xff'))
+        f.write((entry('Root Entry', 5, -2, 0) + entry('Workbook', 2, tables + 1, len(stream))).ljust(512, b'\0'))
+        f.write(stream)
+
+
+def stata(path, names, rows):
+    n = len(names)
+    widths = [12 if isinstance(x, str) else 0 for x in rows[0]]
+    out = struct.pack('<BBBBhi99x', 114, 2, 1, 0, n, len(rows)) + bytes(w or 255 for w in widths)
+    out += b''.join(name.encode().ljust(33, b'\0') for name in names)
+    out += bytes(2 * (n + 1) + (49 + 33 + 81) * n + 5)
+    with open(path, 'wb') as f:
+        f.write(out + b''.join(x.encode().ljust(12, b'\0') if isinstance(x, str) else struct.pack('<d', x)
+                               for row in rows for x in row))
+
+
 def lettered(word):
     return ('T%5s' % word).rjust(12).encode() + b'\0'
 
 
-FORMS = [('sas', sas, 5, '', ''), ('systat', systat, 3, '', '$'), ('other', delimited, 9, ' /delim', '')]
+FORMS = [('sas', sas, 5, '', ''), ('systat', systat, 3, '', '$'), ('other', delimited, 9, ' /delim', ''),
+         ('other', dbase, 9, ' /xbase', ''), ('other', excel, 9, ' /excel', ''), ('other', stata, 9, ' /stata', ''),
+         ('other', sas, 9, ' /sasx', '')]
 
 
 def main():
@@ -98,14 +151,14 @@ def main():
             for level, (names, rows) in enumerate(tables()):
                 write('%s/%s%d' % (work, kind, level + 1), names, rows)
             for text in (False, True):
-                c = Checks('%s, %s IDs' % (kind, 'text' if text else 'numeric'))
+                c = Checks('%s%s, %s IDs' % (kind, suffix, 'text' if text else 'numeric'))
                 names = ['%s%d%s' % (kind, level, suffix) for level in (1, 2, 3)]
                 recipe = template(kind, names, text, NAMES[0], 'made.mdm')
                 recipe = recipe.replace('id:leat', 'id:leat' + mark).replace('id:schoolt', 'id:schoolt' + mark)
                 with open(work + '/t.mdmt', 'w') as f:
                     f.write(recipe)
                 code, out = run(program, work, '-r', 't.mdmt')
-                ids = number if not text else lettered if kind == 'other' else rightjustified
+                ids = number if not text else lettered if write is delimited else rightjustified
                 if code != 0:
                     c.fail('ended with code %d\n%s' % (code, out[-600:]))
                 else:

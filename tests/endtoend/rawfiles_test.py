@@ -108,7 +108,7 @@ def template(kind, files, text, names1, name):
 
 
 def check(c, program, work, kind, files, text, limit, gap):
-    ids = number if not text else rightjustified if kind == 'spss' else asitstands
+    ids = number if not text else asitstands if kind == 'stata' else rightjustified
     names1 = NAMES[0] + (['GAP'] if gap else [])
     with open(work + '/t.mdmt', 'w') as f:
         f.write(template(kind, files, text, names1, 'made.mdm'))
@@ -118,7 +118,7 @@ def check(c, program, work, kind, files, text, limit, gap):
     mdm = Mdm(work + '/made.mdm')
     rows, units = expected(limit, ids, gap)
     c.equal('the length', mdm.complete, True)
-    c.equal('the raw type', (mdm.rawtype, mdm.numeric), (6 if kind == 'spss' else 8, not text))
+    c.equal('the raw type', (mdm.rawtype, mdm.numeric), ({'spss': 6, 'stata': 8, 'other': 9}[kind], not text))
     c.equal('the names', [x[1:] for x in mdm.names], [names1] + NAMES[1:])
     if mdm.rows != rows:
         c.fail('level 3 differs')
@@ -168,7 +168,10 @@ def main():
             writepspp(work)
             for form in ('compressed', 'uncompressed'):
                 for text in (False, True):
-                    runs.append(('pspp ' + form, 'spss', [form + '%d.sav' % i for i in (1, 2, 3)], text, None, False))
+                    files = [form + '%d.sav' % i for i in (1, 2, 3)]
+                    runs.append(('pspp ' + form, 'spss', files, text, None, False))
+                    files = [name + ' /spss' for name in files]
+                    runs.append(('pspp ' + form + ' /spss', 'other', files, text, None, False))
         else:
             print('pspp is not installed: its files are left out')
         for name, kind, files, text, limit, gap in runs:

@@ -420,6 +420,68 @@ def startingvalues():
     )
 
 
-for part in (sessions, choosing, keys, badanswers, missing, converting, startingvalues):
+def otherpackages():
+    """Stata files, and files with a type word: the file made by questions is the one that the template makes."""
+    folder = ROOT / "tests" / "data" / "files"
+    asked = "\nEnter Stat/Transfer filename for level-%d or hit enter to be prompted:"
+    # Name of the files, type word, answers at each level: the IDs and the variables.
+    cases = (
+        ("foreign10-%d.dta", "", (["1", "2", "3", "6"], ["1", "2", "3"], ["1", "2"])),
+        ("sample%d.csv", " /delim", (["1", "2", "8", "5"], ["1", "2", "5"], ["1", "3"])),
+        ("sample%d.csv", "/DELIM", (["3", "4", "5"], ["3", "4", "6"], ["2", "4"])),
+        ("sample%d.sav", " /spss", (["3", "4", "5"], ["3", "4", "6"], ["2", "4"])),  # an ID of 12 characters
+        ("sample%d.dta", " /stata/se", (["3", "4", "5"], ["3", "4", "6"], ["2", "4"])),
+    )
+    good = [str(folder / f"sample{level}.csv /delim") for level in (1, 2, 3)]
+    tried = work.run(answers="\n".join(["y", "6", *good]) + "\n")
+    without = "This KDR3 was built without the libraries for raw data of type OTHER.\n" in tried.stdout
+    check(without == (" The available level-1 variables are:\n" not in tried.stdout), tried.stdout[-300:])
+    for name, word, choices in cases[:1] if without else cases:
+        files = [f"{folder / (name % level)}{word}" for level in (1, 2, 3)]
+        picked = [number for choice in choices for number in [*choice, "0"]]
+        done = work.run(answers="\n".join(["y", "6" if word else "5", *files, *picked, "y", "a", "made.mdm"]) + "\n")
+        check(done.returncode == 0, f"{name}{word}: code {done.returncode}\n{done.stdout[-600:]}")
+        if done.returncode != 0:
+            continue
+        for level in (1, 2, 3):
+            question = asked % level if word else f"\nInput name of level-{level} file: "
+            check(question in done.stdout, f"{name}{word}: the question at level {level}")
+        made = (work.folder / "made.mdm").read_bytes()
+        template = work.read("creatmdm.mdmt")
+        check(f"l1fname:{folder / (name % 1)}{word.replace('/D', ' /D')}\n" in template, f"the template\n{template}")
+        (work.folder / "made.mdm").unlink()
+        check(work.run("-r", work.write("again.mdmt", template)).returncode == 0, f"{name}{word}: the template")
+        check((work.folder / "made.mdm").read_bytes() == made, f"{name}{word}: the file from the template")
+    if without:
+        return
+    windows = "There are no windows here to choose from. Enter the name, a slash and the type of the file.\n"
+    long = "x" * 300
+    typed = "\nMust specify Stat/Transfer file type!\n"
+    for replies, words, code in (
+        ([""] * 3, (asked % 1 + windows) * 3, 14),
+        ([long], asked % 1 + f"File name too long: {long}\n" + asked % 1, 14),
+        (["none"], asked % 1 + typed, 100),
+        ([*good[:2], "none.csv /"], asked % 3 + typed, 100),
+        ([*good[:2], "none.csv /csv"], asked % 3 + "\nIncorrect Stat/Transfer file type!\n", 100),
+        ([*good[:2], "none.csv /delim"], asked % 3 + "\nnone.csv does not exist!\n", 100),
+        ([good[0], ". /delim"] + good[2:], "\n. cannot be opened for reading!\n", 100),
+    ):
+        done = work.run(answers="\n".join(["y", "6", *replies]) + "\n")
+        check(done.returncode == code and words in done.stdout, f"{replies}: {done.returncode} {done.stdout[-600:]}")
+    # Names that cannot be told apart cannot be chosen.
+    work.write("alike.csv", "mathscore1,id2,mathscore2,x\n1,1,2,3\n")
+    done = work.run(answers="\n".join(["y", "6", "alike.csv /delim", *good[1:], "1", "2", "4", "3", "0"]) + "\n")
+    alike = (
+        "Variable MATHSCOR cannot be told from another one of the level-1 file: "
+        "names count by their first 8 characters!\n"
+    )
+    check(
+        f"level-3 ID? {alike} What variable is the level-3 ID?" in done.stdout
+        and f"(enter 0 to end): {alike}" in done.stdout,
+        f"names alike\n{done.stdout[-900:]}",
+    )
+
+
+for part in (sessions, choosing, otherpackages, keys, badanswers, missing, converting, startingvalues):
     part()
 check.finish()

@@ -29,7 +29,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       raw.level[level].filename = "raw";
       raw.level[level].numvar = nvar;
       raw.level[level].format = format.c_str();
-      raw.reader->open(level);
+      openraw(level);
     }
     mkmdm();
   });

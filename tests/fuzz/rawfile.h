@@ -41,7 +41,7 @@ inline int fuzzfile(const char* word, std::uint8_t choices, const std::string& t
   runjob([&] {
     for (int level = 0; level < 3; ++level) {
       raw.level[level].filename = "raw" + type;
-      raw.reader->open(level);
+      openraw(level);
       markcolumns(level, (choices & 4) != 0);
     }
     settleidkind();

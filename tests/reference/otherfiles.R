@@ -22,6 +22,7 @@ for (level in 1:3) {
   capitals <- tagged
   if (level == 1) capitals$AGE[holes[1:2]] <- tagged_na("A", "Z")
   write_xpt(capitals, paste0(base, ".xpt"), version = 5, name = toupper(base))
+  write_xpt(capitals, paste0(base, "-8.xpt"), version = 8, name = toupper(base))
   suppressWarnings(write_sas(plain, paste0(base, ".sas7bdat")))
   write_dta(tagged, paste0(base, ".dta"), version = 15)
   write_sav(declared, paste0(base, ".sav"), compress = "zsav")

@@ -20,17 +20,19 @@ struct FileType {
   int format;
 };
 
+constexpr int number(StFormat format) { return static_cast<int>(format); }
+
 constexpr FileType filetypes[] = {
-    {"sas-win", "SAS Data File- Versions 7/8/9", 38},
+    {"sas-win", "SAS Data File- Versions 7/8/9", number(StFormat::sas)},
     {"sas1", "SAS V6 Data File- HP,IBM,SGI & SUN Unix", 20},
-    {"excel", "Excel", 7},
-    {"spss", "SPSS Data File", 22},
+    {"excel", "Excel", number(StFormat::excel)},
+    {"spss", "SPSS Data File", number(StFormat::spss)},
     {"123", "1-2-3", 0},
     {"Access", "Access", 23},
-    {"delim", "ASCII File - Delimited", 18},
+    {"delim", "ASCII File - Delimited", number(StFormat::delimited)},
     {"stfixed", "ASCII File - Fixed Format (S/T Schema)", 46},
     {"fixed-all", "ASCII File - Fixed Format (All Schemas)", 47},
-    {"xbase", "dBASE", 6},
+    {"xbase", "dBASE", number(StFormat::dbase)},
     {"epi", "Epi Info", 32},
     {"gauss", "Gauss", 9},
     {"gauss96", "Gauss - Unix", 9},
@@ -47,15 +49,15 @@ constexpr FileType filetypes[] = {
     {"splus", "S-Plus", 17},
     {"sas2", "SAS V6 Data File - Windows/OS2", 20},
     {"sas4", "SAS V6 Data File - Dec Unix", 20},
-    {"sas-sun", "SAS(Sun) Data File- Versions 7/8/9", 38},
-    {"sas-linux", "SAS(Alpha) Data File- Versions 7/8/9", 38},
-    {"sasx", "SAS Transport File", 12},
+    {"sas-sun", "SAS(Sun) Data File- Versions 7/8/9", number(StFormat::sas)},
+    {"sas-linux", "SAS(Alpha) Data File- Versions 7/8/9", number(StFormat::sas)},
+    {"sasx", "SAS Transport File", number(StFormat::sastransport)},
     {"sasp", "SAS Program & Data File", 40},
-    {"spss-hl", "SPSS Data File - HP,IBM, & Sun Unix", 22},
-    {"spssp", "SPSS Portable File", 13},
+    {"spss-hl", "SPSS Data File - HP,IBM, & Sun Unix", number(StFormat::spss)},
+    {"spssp", "SPSS Portable File", number(StFormat::spssportable)},
     {"spsss", "SPSS 'Syntax' & Data File", 39},
-    {"stata", "Stata", 14},
-    {"stata/se", "Stata/SE", 14},
+    {"stata", "Stata", number(StFormat::stata)},
+    {"stata/se", "Stata/SE", number(StFormat::stata)},
     {"statado", "Stata Program & Data File", 41},
     {"statistica", "Statistica", 30},
     {"systat", "Systat", 16},
@@ -75,8 +77,6 @@ constexpr FileType filetypes[] = {
 // The open file of each level.
 StHandle handles[3];
 
-StHandle handleof(int level) { return handles[level]; }
-
 const FileType* findtype(const std::string& word) {
   for (const FileType& type : filetypes)
     if (strcasecmp(type.word, word.c_str()) == 0) return &type;
@@ -91,17 +91,11 @@ std::string workingwords() {
   return words;
 }
 
+// The handle is fresh: it has no other file.
 void openinput(StHandle handle, const FileType& type, const char* path) {
-  switch (ST_OpenInputFile(handle, type.format, path)) {
-    case -1:
-      stopwith("\n%s does not exist!\n", path);
-    case -2:
-      stopwith("\n%s cannot be opened for reading!\n", path);
-    case -3:
-      stopwith("\n%s is already opened!\n", path);
-    default:
-      break;
-  }
+  const int result = ST_OpenInputFile(handle, type.format, path);
+  if (result == -1) stopwith("\n%s does not exist!\n", path);
+  if (result != 0) stopwith("\n%s cannot be opened for reading!\n", path);
 }
 
 void makerows(LevelSource& source, StHandle handle) {
@@ -109,7 +103,7 @@ void makerows(LevelSource& source, StHandle handle) {
   for (int v = 0; v < source.numvar; ++v) {
     RawVariable& variable = source.vartable[static_cast<std::size_t>(v)];
     const std::string name = ST_GetVarName(handle, v);
-    if (name.size() > longestname) stopwith("Variable names limited to 12 characters!\n");
+    if (charactersof(name) > longestname) stopwith("Variable names limited to 12 characters!\n");
     variable.name = paddedname(name);
     variable.text = ST_GetVarType(handle, v) != 1;
     variable.width = ST_GetVarPrintWidth(handle, v);
@@ -127,7 +121,7 @@ Id idof(StHandle handle, int v) {
   int second = 0;
   const bool missing = ST_GetVarData(handle, v, &value, &second) == 1;
   if (!run.mdm.numericids) {
-    id.text = textid(missing ? "" : value.text);
+    id.text = textid(value.text);
   } else {
     id.number = missing ? missingcode : numericid(*value.number);
   }
@@ -171,26 +165,39 @@ void openother(int level) {
     std::printf("%s cannot be read as %s: %s.\n", path.c_str(), type->word, ST_Trouble(handle));
     fail(1, path.c_str());
   }
-  ST_InitReadOnly(handle);
   makerows(source, handle);
-  source.stream = std::fopen(path.c_str(), "rb");
-  if (source.stream == nullptr) stopwith("\n%s cannot be opened for reading!\n", path.c_str());
+}
+
+bool otherreads(const std::string& path, const char* word) {
+  const int format = stformat(word);
+  if (!ST_CanRead(format)) return false;
+  StHandle handle = ST_OpenEnvironment();
+  const int count = ST_OpenInputFile(handle, format, path.c_str()) == 0 ? ST_ReadDict(handle) : -1;
+  bool reads = count > 0;
+  for (int v = 0; v < count; ++v) reads = reads && charactersof(ST_GetVarName(handle, v)) <= longestname;
+  ST_CloseFiles(handle);
+  return reads;
 }
 
 void prepareother(int level) {
   settlevariables(level);
   const LevelSource& source = raw.level[level];
   for (int v = 0; v < source.numvar; ++v)
-    if (source.vartable[static_cast<std::size_t>(v)].mark != unwanted) ST_SelectVar(handleof(level), v);
+    if (source.vartable[static_cast<std::size_t>(v)].mark != unwanted) ST_SelectVar(handles[level], v);
+  ST_InitReadOnly(handles[level]);
 }
 
 int strecord(int level, double* values, Id* id3, Id* id2) {
   const LevelSource& source = raw.level[level];
-  StHandle handle = handleof(level);
+  StHandle handle = handles[level];
   if (ST_ReadRecord(handle) != 0) {
     if (const std::string trouble = ST_Trouble(handle); !trouble.empty()) {
       countextra();
       logboth("%s may be cut short: %s.\n", source.filename.c_str(), trouble.c_str());
+    }
+    if (const std::string remark = ST_Remark(handle); !remark.empty()) {
+      countextra();
+      logboth("%s: %s.\n", source.filename.c_str(), remark.c_str());
     }
     return 1;
   }
@@ -211,9 +218,6 @@ int strecord(int level, double* values, Id* id3, Id* id2) {
 }
 
 void closeother(int level) {
-  LevelSource& source = raw.level[level];
-  if (source.stream != nullptr) std::fclose(source.stream);
-  source.stream = nullptr;
   ST_CloseFiles(handles[level]);
   handles[level] = nullptr;
 }

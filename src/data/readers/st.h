@@ -8,7 +8,8 @@
 //   while (ST_ReadRecord(handle) == 0) ST_GetVarData(handle, v, &value, &second);
 //   ST_CloseFiles(handle);
 //
-// Variables count from 0. Nothing here ends the process but exhausted memory and a full disk.
+// Variables count from 0. What is wrong with a file is told by results and by ST_Trouble. The process ends here only
+// where it would end in any reader: by a signal, without memory, on a full disk, at a file that the system cannot read.
 #pragma once
 
 namespace kdr {
@@ -16,11 +17,23 @@ namespace kdr {
 struct StFile;
 using StHandle = StFile*;
 
-// The value of a variable in the record in hand: the one of the two that the variable's type tells.
+// The formats that a library reads, by their numbers.
+enum class StFormat {
+  dbase = 6,
+  excel = 7,
+  sastransport = 12,
+  spssportable = 13,
+  stata = 14,
+  delimited = 18,
+  spss = 22,
+  sas = 38,
+};
+
+// The value of a variable in the record in hand: the one of the two that the variable's type tells. A text is
+// zero-terminated, its trailing blanks dropped; of a longer one there are 12 characters and one that shows it.
 union StValue {
   const double* number;
-  const char*
-      text;  // zero-terminated, its trailing blanks dropped; of a longer one 12 characters and one that shows it
+  const char* text;
 };
 
 // True when a library stands behind the format number.
@@ -36,7 +49,7 @@ union StValue {
 // Which variables the records are to have. Those that are not selected cost no time or space.
 void ST_SelectAllVars(StHandle handle);
 void ST_SelectVar(StHandle handle, int v);
-// Goes to the first record; a selection that is made behind it holds too, as long as no record has been read.
+// Ends the selection; the next record is the first one.
 void ST_InitReadOnly(StHandle handle);
 // 1 for a numeric variable, 2 for a text.
 [[nodiscard]] int ST_GetVarType(StHandle handle, int v);
@@ -49,6 +62,8 @@ void ST_InitReadOnly(StHandle handle);
 [[nodiscard]] int ST_GetVarData(StHandle handle, int v, StValue* value, int* second);
 // Why there is no dictionary, or, at the end of the data, how they were cut short. Empty when all is well.
 [[nodiscard]] const char* ST_Trouble(StHandle handle);
+// What else is to be told of the data at their end, or nothing.
+[[nodiscard]] const char* ST_Remark(StHandle handle);
 // Closes the file and frees the handle. Null is ignored.
 void ST_CloseFiles(StHandle handle);
 

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "data/readers/bytereader.h"
+#include "data/readers/other.h"
 #include "driver/constants.h"
 #include "driver/failures.h"
 #include "driver/runrecord.h"
@@ -35,8 +36,6 @@ struct StataFile {
 
 StataFile files[3];
 
-constexpr const char* otherway = "Files of this release can be read with rawdattype:other and the file type /stata.\n";
-
 // The release level of a format byte; 0 for none of those that are read here.
 int releaseof(unsigned char format) {
   switch (format) {
@@ -58,15 +57,16 @@ int releaseof(unsigned char format) {
 
 [[noreturn]] void refuse(int level) { fail(1, raw.level[level].filename.c_str()); }
 
+// Refuses a file that another reader may know.
+[[noreturn]] void leavetoother(int level) {
+  if (otherreads(raw.level[level].filename, "stata"))
+    std::printf("This file can be read with rawdattype:other and the file type /stata.\n");
+  refuse(level);
+}
+
 [[noreturn]] void notstata(int level) {
   std::printf("The level-%d file does not seem to be a %s file!\n", level + 1, "Stata");
-  std::size_t got = 0;
-  seekbytes(files[level].bytes, 0);
-  const unsigned char* bytes = peekbytes(files[level].bytes, 11, got);
-  const bool older = got > 0 && bytes[0] >= 102 && bytes[0] < 108;
-  const bool newer = got == 11 && std::memcmp(bytes, "<stata_dta>", 11) == 0;
-  if (older || newer) std::printf("%s", otherway);
-  refuse(level);
+  leavetoother(level);
 }
 
 [[noreturn]] void damaged(int level) {
@@ -84,9 +84,10 @@ bool settype(int release, unsigned char code, StataVariable& variable) {
       variable.width = widths[i];
       return true;
     }
+  constexpr int widesttext = 244;
   variable.type = StataType::text;
-  variable.width = release < 8 ? code - 127 : code;
-  return variable.width >= 0 && code < 245 + (release < 8 ? 11 : 0);
+  variable.width = release < 8 ? code - 127 : code;  // 255 - 127 is far below the widest
+  return variable.width >= 0 && variable.width <= widesttext;
 }
 
 void readhead(int level) {
@@ -95,12 +96,12 @@ void readhead(int level) {
   if (head == nullptr || head[0] < 108) notstata(level);
   file.release = releaseof(head[0]);
   if (file.release == 0) {
-    std::printf("So sorry, but %s cannot read this version of stata.\n%s", module, otherway);
-    refuse(level);
+    std::printf("So sorry, but %s cannot read this version of stata.\n", module);
+    leavetoother(level);
   }
   if (head[1] == 1) {
     std::printf("This file seems to have been created on a different platform!\n");
-    refuse(level);
+    leavetoother(level);
   }
   head = takebytes(file.bytes, 8);
   if (head == nullptr || !skipbytes(file.bytes, 99)) damaged(level);

@@ -12,6 +12,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "data/rawvariables.h"
+
 namespace kdr {
 
 namespace {
@@ -20,7 +22,7 @@ StVariable& variableof(StHandle handle, int v) { return handle->variables[static
 
 const StBackend* findbackend(int format) {
   for (const StBackend& backend : stbackends())
-    if (backend.format == format) return &backend;
+    if (static_cast<int>(backend.format) == format) return &backend;
   return nullptr;
 }
 
@@ -52,6 +54,7 @@ void ST_SelectAllVars(StHandle handle) {
 
 void ST_SelectVar(StHandle handle, int v) { variableof(handle, v).selected = true; }
 
+// Every backend begins when its first record is asked for.
 void ST_InitReadOnly(StHandle) {}
 
 int ST_GetVarType(StHandle handle, int v) { return variableof(handle, v).numeric ? 1 : 2; }
@@ -72,6 +75,7 @@ int ST_GetVarData(StHandle handle, int v, StValue* value, int* second) {
 }
 
 const char* ST_Trouble(StHandle handle) { return handle->trouble.c_str(); }
+const char* ST_Remark(StHandle handle) { return handle->remark.c_str(); }
 
 void ST_CloseFiles(StHandle handle) {
   if (handle == nullptr) return;
@@ -86,7 +90,8 @@ void makevariables(StFile& file, std::size_t count) {
 }
 
 void nameit(StVariable& variable, std::string_view name) {
-  const std::size_t length = std::min(name.size(), sizeof variable.name - 1);
+  std::size_t length = std::min(name.size(), sizeof variable.name - 1);
+  while (charactersof(name.substr(0, length)) > longestname + 1) --length;
   std::memcpy(variable.name, name.data(), length);
   variable.name[length] = '\0';
 }

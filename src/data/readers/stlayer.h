@@ -14,7 +14,7 @@ namespace kdr {
 inline constexpr std::size_t textwidth = 12;  // characters of a text that count
 
 struct StVariable {
-  char name[14];
+  char name[4 * 13 + 1];  // 13 characters
   bool numeric;
   bool selected;
   int width;  // characters of a text
@@ -34,12 +34,13 @@ struct StFile {
   Array<double> numbers;  // the record in hand, [v]; missingcode for a missing number
   Array<StText> texts;    // likewise
   std::string trouble;
+  std::string remark;
   void* state = nullptr;  // the backend's own
 };
 
 // One library's side of one format.
 struct StBackend {
-  int format;
+  StFormat format;
   // Opens file.path and fills file.variables. False, with file.trouble set, when that cannot be done.
   bool (*dictionary)(StFile& file);
   // Puts the selected variables of the next record into file.numbers and file.texts. False at the end of the data.

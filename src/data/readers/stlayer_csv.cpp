@@ -36,6 +36,8 @@ struct CsvState {
   Array<unsigned> signs;  // decimal signs in each column's numbers: haspoint, hascomma
   std::size_t at = 0, have = 0;
   long long feeds = 0;      // line feeds so far
+  long long line = 1;       // of what the library is given
+  long long fieldline = 1;  // on which the field in hand begins
   bool ended = false;       // the parser was told that the file has ended
   bool openline = false;    // the row in hand has no line end
   bool openquote = false;   // nor does its last field have its closing quote
@@ -88,7 +90,9 @@ void storefield(CsvState& state, std::string_view field, const double* known = n
 }
 
 void takefield(void* bytes, std::size_t length, void* context) {
-  storefield(*static_cast<CsvState*>(context), {static_cast<const char*>(bytes), bytes == nullptr ? 0 : length});
+  CsvState& state = *static_cast<CsvState*>(context);
+  state.fieldline = state.line;
+  storefield(state, {static_cast<const char*>(bytes), bytes == nullptr ? 0 : length});
 }
 
 void takeend(int, void* context) { static_cast<CsvState*>(context)->complete = true; }
@@ -97,6 +101,7 @@ bool fillbuffer(CsvState& state) {
   checksignals();
   state.at = 0;
   state.have = std::fread(state.buffer.data(), 1, state.buffer.size(), state.stream);
+  if (std::ferror(state.stream) != 0) stopwith("Unable to read %s\n", state.file->path.c_str());
   return state.have > 0;
 }
 
@@ -117,18 +122,31 @@ void startover(CsvState& state, Purpose purpose) {
   if (fillbuffer(state) && state.have >= 3 && std::memcmp(state.buffer.data(), "\xEF\xBB\xBF", 3) == 0) state.at = 3;
 }
 
-// The one of comma, semicolon and tab that stands most often in the first line, outside quotes.
+// The one of comma, semicolon and tab that stands most often in the first line that is not empty, outside quotes.
 char finddelimiter(CsvState& state) {
   static constexpr char candidates[] = {',', ';', '\t'};
   long long found[3] = {};
   bool quoted = false;
+  bool begun = false;
   for (std::size_t i = state.at; i < state.have; ++i) {
     const char c = state.buffer[i];
+    const bool feed = c == '\n' || c == '\r';
     if (c == '"') quoted = !quoted;
-    if (!quoted && (c == '\n' || c == '\r')) break;
-    for (int k = 0; !quoted && k < 3; ++k) found[k] += c == candidates[k];
+    if (feed && !quoted) {
+      if (begun) break;
+      std::fill_n(found, 3, 0);
+    }
+    begun = begun || !(feed || c == ' ' || c == '\t');
+    if (quoted) continue;
+    for (int k = 0; k < 3; ++k) found[k] += c == candidates[k];
   }
   return candidates[std::max_element(found, found + 3) - found];
+}
+
+// Told by the mark at its start or by the zero byte of a first letter.
+bool isutf16(const CsvState& state) {
+  const std::string_view head(state.buffer.data(), std::min<std::size_t>(state.have, 2));
+  return head == "\xFF\xFE" || head == "\xFE\xFF" || head.find('\0') != head.npos;
 }
 
 // Takes a line that is whole in the buffer and has no quote or stray carriage return in it, with the same outcome as
@@ -180,6 +198,8 @@ bool nextrow(CsvState& state) {
       break;
     }
     if (!begun && takeplainline(state)) continue;
+    state.line = state.feeds + 1;
+    if (!begun) state.fieldline = state.line;
     begun = true;
     const char* from = state.buffer.data() + state.at;
     const char* end = state.buffer.data() + state.have;
@@ -197,6 +217,10 @@ bool nextrow(CsvState& state) {
 long long lineof(const CsvState& state) {
   const bool afterfeed = state.at > 0 && state.at <= state.have && state.buffer[state.at - 1] == '\n';
   return state.feeds + (afterfeed && !state.openline ? 0 : 1);
+}
+
+std::string toolong(const CsvState& state) {
+  return stwords("line %lld has a field of more than %zu bytes", lineof(state), longestfield);
 }
 
 // To the first record, the header line being passed over.
@@ -236,12 +260,13 @@ bool settlekinds(StFile& file) {
     state.lastopen = state.openline;
   }
   if (state.overlong) {
-    file.trouble = stwords("line %lld has a field of more than %zu bytes", lineof(state), longestfield);
+    file.trouble = toolong(state);
     return false;
   }
   settlesigns(file);
   if (state.openquote)
-    state.cut = stwords("it ends in a quoted field behind record %lld, which does not count", state.goodrows);
+    state.cut = stwords("a quote in line %lld opens a field that never ends; record %lld is the last one that counts",
+                        state.fieldline, state.goodrows);
   if (state.cut.empty() && state.lastopen) state.cut = "no line end follows its last line, which counts all the same";
   return true;
 }
@@ -259,10 +284,14 @@ bool csvdictionary(StFile& file) {
     return false;
   }
   startover(*state, Purpose::count);
+  if (isutf16(*state)) {
+    file.trouble = "its characters have two bytes each (UTF-16); save it as UTF-8";
+    return false;
+  }
   state->delimiter = finddelimiter(*state);
   startover(*state, Purpose::count);
   if (!nextrow(*state)) {
-    file.trouble = "it has no header line";
+    file.trouble = state->overlong ? toolong(*state) : "it has no header line";
     return false;
   }
   makevariables(file, state->columns);

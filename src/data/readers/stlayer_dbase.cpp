@@ -1,6 +1,7 @@
 // dBASE tables through the table part of shapelib. Records that are marked as deleted are passed over.
 #include <shapefil.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -17,7 +18,9 @@ struct DbaseState {
   int records = 0;    // whole ones that the file holds
   int announced = 0;  // records that the head tells
   int next = 0;
-  Array<char> piece;  // the buffer of the table's stream
+  Array<char> piece;      // the buffer of the table's stream
+  long long strange = 0;  // fields of numeric columns that hold something else
+  std::string firststrange;
 };
 
 DbaseState& stateof(StFile& file) { return *static_cast<DbaseState*>(file.state); }
@@ -45,8 +48,7 @@ bool checkhead(StFile& file) {
   for (unsigned at = fixedpart; at + fixedpart <= headlength; at += fixedpart) {
     if (std::fread(field, 1, fixedpart, stream.get()) != fixedpart) return false;
     if (field[0] == '\r') break;
-    const bool counted = field[11] == 'N' || field[11] == 'F';
-    fields += counted ? field[16] : number(field + 16, 2);
+    fields += field[16];
     if (fields > recordlength) return false;
   }
   if (std::fseek(stream.get(), 0, SEEK_END) != 0) return false;
@@ -87,14 +89,19 @@ SAOffset seekit(SAFile file, SAOffset offset, int whence) {
   return static_cast<SAOffset>(fseeko(stream, target, whence));
 }
 
-// The number in field f of a record of which `bytes` are the raw bytes, null if it cannot be read.
-double numberat(const DbaseState& state, const char* bytes, int record, int f) {
-  double value = missingcode;
-  if (bytes != nullptr &&
-      plainfield(bytes + state.table->panFieldOffset[f], static_cast<std::size_t>(state.table->panFieldSize[f]), value))
-    return value;
-  if (DBFIsAttributeNULL(state.table, record, f) != 0) return missingcode;
-  return stnumber(DBFReadDoubleAttribute(state.table, record, f));
+// The number that a field states. A blank field is missing, and one that the writer filled with asterisks because its
+// number was too wide. Anything else that is no number counts as missing too, but not in silence.
+double numberat(StFile& file, std::string_view field, std::size_t v) {
+  DbaseState& state = stateof(file);
+  constexpr std::string_view blanks(" \0", 2);
+  double value = 0.0;
+  if (plainfield(field.data(), field.size(), value)) return value;
+  const std::size_t first = std::min(field.find_first_not_of(blanks), field.size());
+  field = field.substr(first, field.find_last_not_of(blanks) + 1 - first);
+  if (fieldnumber(field, value)) return value;
+  if (!missingfield(field) && field[0] != '*' && state.strange++ == 0)
+    state.firststrange = stwords("%s of record %d", file.variables[v].name, state.next);
+  return missingcode;
 }
 
 }  // namespace
@@ -132,6 +139,9 @@ bool dbaserecord(StFile& file) {
   if (state.next >= state.records) {
     if (state.records < state.announced)
       file.trouble = stwords("its head tells %d records, but %d are there", state.announced, state.records);
+    if (state.strange > 0)
+      file.remark = stwords("%lld fields of numeric columns hold no number and count as missing, the first is %s",
+                            state.strange, state.firststrange.c_str());
     return false;
   }
   const int record = state.next++;
@@ -139,8 +149,12 @@ bool dbaserecord(StFile& file) {
   for (std::size_t v = 0; v < file.variables.size(); ++v) {
     if (!file.variables[v].selected) continue;
     const int f = static_cast<int>(v);
-    if (file.variables[v].numeric) {
-      file.numbers[v] = numberat(state, bytes, record, f);
+    if (bytes == nullptr) {
+      file.numbers[v] = missingcode;
+      file.texts[v] = StText{};
+    } else if (file.variables[v].numeric) {
+      file.numbers[v] = numberat(
+          file, {bytes + state.table->panFieldOffset[f], static_cast<std::size_t>(state.table->panFieldSize[f])}, v);
     } else {
       const char* text = DBFReadStringAttribute(state.table, record, f);
       file.texts[v] = sttext(text == nullptr ? "" : text);

@@ -106,18 +106,4 @@ void excelclose(StFile& file) {
   file.state = nullptr;
 }
 
-SheetCell& cellat(SheetRow& row, std::size_t column) {
-  if (column >= row.cells.size()) row.cells.resize(std::max(column + 1, 2 * row.cells.size()));
-  for (; row.count <= column; ++row.count) row.cells[row.count] = SheetCell{};
-  return row.cells[column];
-}
-
-void settext(SheetCell& cell, std::string_view text) {
-  cell = SheetCell{SheetCell::Kind::text, 0.0, sttext(text),
-                   static_cast<int>(std::min<std::size_t>(text.size(), INT_MAX))};
-  if (missingfield(cell.text.bytes)) cell = SheetCell{};
-}
-
-void setnumber(SheetCell& cell, double number) { cell = SheetCell{SheetCell::Kind::number, number, {}, 0}; }
-
 }  // namespace kdr

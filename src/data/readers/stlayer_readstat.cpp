@@ -5,8 +5,11 @@
 #include <readstat.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <climits>
+#include <cstdlib>
 #include <cstring>
+#include <memory>
 
 #include "data/readers/stlayer.h"
 #include "data/scratch.h"
@@ -17,30 +20,37 @@ namespace kdr {
 namespace {
 
 constexpr std::size_t piecesize = std::size_t{1} << 20;
+constexpr int cardlength = 80;  // of a transport file
 
 // The file as the library sees it: through a large buffer, as it reads some formats record by record. The table of
 // characters in a portable file gives some characters a second place, for a superscript or a dash of another kind. The
 // library takes the last place, and would read no digits or lose a minus sign; so it is shown the first one only.
+//
+// A transport file can hold further data sets, whose heads the library would take for records: to it the file ends in
+// front of them.
 struct LibraryFile {
   std::FILE* stream = nullptr;
   Array<char> piece;  // its buffer
   bool portable = false;
   Array<long long> repeated;  // file positions of further places
+  long long end = -1;         // where the file ends for the library; -1 for its own end
 };
 
 struct ReadstatState {
   LibraryFile library;
   long long filelength = 0;
-  long long announced = -1;  // records that the head tells, -1 where it does not
-  bool firstpass = true;     // the dictionary is wanted, not the values
-  bool overfull = false;     // the head tells more variables than the file could hold
-  Array<char> row;           // the row in hand, and its bytes while it is read back
-  Array<std::size_t> place;  // of a selected variable in the row
-  std::size_t wanted = 0;    // selected variables
-  std::size_t filled = 0;    // values of the row in hand
-  int observation = -1;      // its number
-  long long rows = 0;        // on the scratch file
-  long long read = 0;        // of them
+  long long announced = -1;   // records that the head tells, -1 where it does not
+  bool firstpass = true;      // the dictionary is wanted, not the values
+  bool overfull = false;      // the head tells more variables than the file could hold
+  Array<char> row;            // the row in hand, and its bytes while it is read back
+  Array<std::size_t> place;   // of a selected variable in the row
+  long long recordwidth = 0;  // bytes of a record, of all variables
+  long long datastart = 0;    // where the records begin, in a transport file
+  std::size_t wanted = 0;     // selected variables
+  std::size_t filled = 0;     // values of the row in hand
+  int observation = -1;       // its number
+  long long rows = 0;         // on the scratch file
+  long long read = 0;         // of them
   bool writefailed = false;
   ScratchFile scratch = nullptr;
   Array<char> scratchpiece;  // its buffer
@@ -90,13 +100,17 @@ int closelibrary(void* context) {
 
 readstat_off_t seeklibrary(readstat_off_t offset, readstat_io_flags_t whence, void* context) {
   const int from = whence == READSTAT_SEEK_SET ? SEEK_SET : whence == READSTAT_SEEK_CUR ? SEEK_CUR : SEEK_END;
-  std::FILE* stream = libraryof(context).stream;
-  return fseeko(stream, offset, from) == 0 ? ftello(stream) : -1;
+  LibraryFile& library = libraryof(context);
+  if (whence == READSTAT_SEEK_END && library.end >= 0)
+    return fseeko(library.stream, library.end + offset, SEEK_SET) == 0 ? ftello(library.stream) : -1;
+  return fseeko(library.stream, offset, from) == 0 ? ftello(library.stream) : -1;
 }
 
 ssize_t readlibrary(void* bytes, std::size_t count, void* context) {
   LibraryFile& library = libraryof(context);
-  const long long start = library.repeated.empty() ? 0 : ftello(library.stream);
+  const bool plain = library.repeated.empty() && library.end < 0;
+  const long long start = plain ? 0 : ftello(library.stream);
+  if (library.end >= 0) count = std::min(count, static_cast<std::size_t>(std::max(library.end - start, 0LL)));
   const auto got = static_cast<long long>(std::fread(bytes, 1, count, library.stream));
   for (const long long position : library.repeated)
     if (position >= start && position < start + got) static_cast<char*>(bytes)[position - start] = '0';
@@ -117,6 +131,16 @@ int takehead(readstat_metadata_t* metadata, void* context) {
   return READSTAT_HANDLER_OK;
 }
 
+// The characters of a text. The library counts the bytes that it takes in the file, or in memory; in SPSS the print
+// format tells.
+int textwidthof(const StFile& file, const readstat_variable_t* variable, int width) {
+  const char* format = readstat_variable_get_format(variable);
+  const bool spss = file.backend->format == StFormat::spss || file.backend->format == StFormat::spssportable;
+  if (file.backend->format == StFormat::stata && width > 0) return width - 1;
+  const int stated = spss && format != nullptr && *format == 'A' ? std::atoi(format + 1) : 0;
+  return stated > 0 ? std::min(stated, width) : width;
+}
+
 int takevariable(int index, readstat_variable_t* variable, const char*, void* context) {
   StFile& file = *static_cast<StFile*>(context);
   const auto i = static_cast<std::size_t>(index);
@@ -127,7 +151,8 @@ int takevariable(int index, readstat_variable_t* variable, const char*, void* co
   nameit(ours, name == nullptr ? "" : name);
   ours.numeric = readstat_variable_get_type_class(variable) == READSTAT_TYPE_CLASS_NUMERIC;
   const std::size_t width = readstat_variable_get_storage_width(variable);
-  ours.width = width < INT_MAX ? static_cast<int>(width) : INT_MAX;
+  ours.width = width < INT_MAX ? textwidthof(file, variable, static_cast<int>(width)) : INT_MAX;
+  stateof(file).recordwidth += static_cast<long long>(width);
   return READSTAT_HANDLER_OK;
 }
 
@@ -191,20 +216,20 @@ readstat_error_t parse(StFile& file) {
   readstat_set_read_handler(parser, readlibrary);
   readstat_set_update_handler(parser, updatelibrary);
   readstat_set_io_ctx(parser, &stateof(file).library);
-  stateof(file).library.portable = file.backend->format == 13;
+  stateof(file).library.portable = file.backend->format == StFormat::spssportable;
   const char* path = file.path.c_str();
   readstat_error_t error = READSTAT_ERROR_OPEN;
   switch (file.backend->format) {
-    case 38:
+    case StFormat::sas:
       error = readstat_parse_sas7bdat(parser, path, &file);
       break;
-    case 12:
+    case StFormat::sastransport:
       error = readstat_parse_xport(parser, path, &file);
       break;
-    case 22:
+    case StFormat::spss:
       error = readstat_parse_sav(parser, path, &file);
       break;
-    case 13:
+    case StFormat::spssportable:
       error = readstat_parse_por(parser, path, &file);
       break;
     default:
@@ -217,6 +242,42 @@ readstat_error_t parse(StFile& file) {
 
 std::string wordsof(const ReadstatState& state, readstat_error_t error) {
   return state.words.empty() ? readstat_error_message(error) : state.words;
+}
+
+// Where the records of a transport file begin, and where its first data set ends.
+void findmember(ReadstatState& state, const std::string& path) {
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> stream(std::fopen(path.c_str(), "rb"), std::fclose);
+  char card[cardlength];
+  const auto begins = [&](std::string_view words) { return std::string_view(card, cardlength).starts_with(words); };
+  for (long long at = 0; stream != nullptr && std::fread(card, 1, cardlength, stream.get()) == cardlength;
+       at += cardlength) {
+    if (card[0] != 'H') continue;
+    if (state.datastart == 0 && (begins("HEADER RECORD*******OBS ") || begins("HEADER RECORD*******OBSV8 "))) {
+      state.datastart = at + cardlength;
+    } else if (state.datastart > 0 &&
+               (begins("HEADER RECORD*******MEMBER ") || begins("HEADER RECORD*******MEMBV8 "))) {
+      state.library.end = at;
+      return;
+    }
+  }
+}
+
+// A transport file tells no number of records. Its last one is whole when nothing but blanks follow it, as many as fill
+// the last card of 80 bytes.
+void checkmember(StFile& file) {
+  ReadstatState& state = stateof(file);
+  const long long end = state.library.end >= 0 ? state.library.end : state.filelength;
+  if (state.library.end >= 0) file.remark = "it holds more than one data set, and the first one was read";
+  if (state.datastart == 0 || state.recordwidth == 0 || end < state.datastart) return;
+  const long long over = (end - state.datastart) % state.recordwidth;
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> stream(std::fopen(file.path.c_str(), "rb"), std::fclose);
+  bool blank = over < cardlength && stream != nullptr && fseeko(stream.get(), end - over, SEEK_SET) == 0;
+  for (long long i = 0; blank && i < over; ++i) blank = std::getc(stream.get()) == ' ';
+  if (!blank) {
+    file.trouble = stwords("it ends in the middle of record %lld, which does not count", state.rows + 1);
+  } else if (end % cardlength != 0) {
+    file.trouble = stwords("it ends behind record %lld without filling a card of 80 bytes", state.rows);
+  }
 }
 
 // Lays out a row and brings the whole file to the scratch file.
@@ -242,9 +303,13 @@ void spool(StFile& file) {
   if (state.writefailed || std::fflush(state.scratch) != 0) fail(5);
   std::rewind(state.scratch);
   if (error != READSTAT_OK) {
-    file.trouble = stwords("it breaks off behind record %lld (%s)", state.rows, wordsof(state, error).c_str());
+    const std::string of = state.announced > state.rows ? stwords(" of %lld", state.announced) : "";
+    file.trouble =
+        stwords("it breaks off behind record %lld%s (%s)", state.rows, of.c_str(), wordsof(state, error).c_str());
   } else if (state.rows < state.announced) {
     file.trouble = stwords("its head tells %lld records, but %lld are there", state.announced, state.rows);
+  } else if (file.backend->format == StFormat::sastransport) {
+    checkmember(file);
   }
 }
 
@@ -255,6 +320,7 @@ bool readstatdictionary(StFile& file) {
   file.state = state;
   struct stat status {};
   if (stat(file.path.c_str(), &status) == 0) state->filelength = status.st_size;
+  if (file.backend->format == StFormat::sastransport) findmember(*state, file.path);
   const readstat_error_t error = parse(file);
   if (state->overfull) {
     file.trouble = "its head tells more variables than it can hold";
@@ -262,6 +328,8 @@ bool readstatdictionary(StFile& file) {
     file.trouble = wordsof(*state, error);
   } else if (file.variables.empty()) {
     file.trouble = "it holds no variables";
+  } else if (file.backend->format == StFormat::stata && state->announced < 0) {
+    file.trouble = "its head tells fewer than no records";
   }
   return file.trouble.empty();
 }

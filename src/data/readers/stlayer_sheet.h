@@ -12,6 +12,12 @@ struct SheetCell {
   int width;  // characters of the text
 };
 
+// A text that cells share.
+struct SharedText {
+  StText text;
+  int width;
+};
+
 // The cells of a row from column A on. Those behind `count` are left from rows before.
 struct SheetRow {
   Array<SheetCell> cells;
@@ -36,5 +42,14 @@ extern const SheetSource xlsxsource;  // Excel 2007 and later
 [[nodiscard]] SheetCell& cellat(SheetRow& row, std::size_t column);
 void settext(SheetCell& cell, std::string_view text);
 void setnumber(SheetCell& cell, double number);
+void setshared(SheetCell& cell, const SharedText& shared);
+
+// What a number format makes of a number: bit 0 a date, bit 1 a time of the day.
+constexpr unsigned showsdate = 1, showstime = 2;
+[[nodiscard]] unsigned formatshows(std::string_view code);
+// Likewise of the formats that every workbook has, by number; those of East Asian dates included.
+[[nodiscard]] unsigned builtinshows(long long format);
+// A number, or the text of the date or time that its format shows.
+void setdated(SheetCell& cell, double value, unsigned shows, bool from1904);
 
 }  // namespace kdr

@@ -4,14 +4,14 @@ namespace kdr {
 
 std::span<const StBackend> stbackends() {
   static constexpr StBackend backends[] = {
-      {38, readstatdictionary, readstatrecord, readstatclose},  // SAS 7 and later
-      {12, readstatdictionary, readstatrecord, readstatclose},  // SAS transport
-      {22, readstatdictionary, readstatrecord, readstatclose},  // SPSS
-      {13, readstatdictionary, readstatrecord, readstatclose},  // SPSS portable
-      {14, readstatdictionary, readstatrecord, readstatclose},  // Stata
-      {18, csvdictionary, csvrecord, csvclose},                 // delimited text
-      {7, exceldictionary, excelrecord, excelclose},            // Excel
-      {6, dbasedictionary, dbaserecord, dbaseclose},            // dBASE
+      {StFormat::sas, readstatdictionary, readstatrecord, readstatclose},
+      {StFormat::sastransport, readstatdictionary, readstatrecord, readstatclose},
+      {StFormat::spss, readstatdictionary, readstatrecord, readstatclose},
+      {StFormat::spssportable, readstatdictionary, readstatrecord, readstatclose},
+      {StFormat::stata, readstatdictionary, readstatrecord, readstatclose},
+      {StFormat::delimited, csvdictionary, csvrecord, csvclose},
+      {StFormat::excel, exceldictionary, excelrecord, excelclose},
+      {StFormat::dbase, dbasedictionary, dbaserecord, dbaseclose},
   };
   return backends;
 }

@@ -2,9 +2,7 @@
 //
 // The parts are found through the relations that each one has to others: the workbook, in it the first sheet, the texts
 // that cells share, and the formats, which alone tell dates from numbers. Those are kept; the sheet is streamed.
-#include <chrono>
 #include <climits>
-#include <cmath>
 #include <filesystem>
 #include <map>
 #include <vector>
@@ -22,14 +20,6 @@ constexpr std::size_t mostcolumns = 16384;
 constexpr long long mostrows = 1048576;
 constexpr std::size_t mosttexts = std::size_t{1} << 26;
 constexpr std::size_t longesttext = 32767;
-
-struct SharedText {
-  StText text;
-  int width;
-};
-
-// What a number format makes of a number: bit 0 a date, bit 1 a time of the day.
-constexpr unsigned showsdate = 1, showstime = 2;
 
 struct XlsxBook {
   unzFile archive = nullptr;
@@ -154,36 +144,6 @@ void endtext(void* context, const XML_Char* element) {
   book.texts.push_back({sttext(book.text), static_cast<int>(std::min(book.text.size(), longesttext))});
 }
 
-// What a format code shows. Letters count outside quotes and brackets, but [h], [m] and [s] are times that run on.
-unsigned formatshows(std::string_view code) {
-  unsigned shows = 0;
-  bool month = false;
-  for (std::size_t i = 0; i < code.size() && code[i] != ';'; ++i) {
-    const char c = static_cast<char>(std::tolower(static_cast<unsigned char>(code[i])));
-    if (c == '"') {
-      i = std::min(code.find('"', i + 1), code.size());
-    } else if (c == '[' && code.find_first_not_of("hHmMsS", i + 1) != code.find(']', i + 1)) {
-      i = std::min(code.find(']', i + 1), code.size());
-    } else if (c == '\\' || c == '_' || c == '*') {
-      ++i;
-    }
-    if (c == 'y' || c == 'd') shows |= showsdate;
-    if (c == 'h' || c == 's') shows |= showstime;
-    month = month || c == 'm';
-  }
-  return shows == 0 && month ? showsdate : shows;
-}
-
-// The formats that every workbook has, by number; those of East Asian dates included.
-unsigned builtinshows(long long format) {
-  if (format == 22) return showsdate | showstime;
-  if ((format >= 14 && format <= 17) || (format >= 27 && format <= 31) || (format >= 50 && format <= 58) ||
-      format == 36)
-    return showsdate;
-  return (format >= 18 && format <= 21) || (format >= 32 && format <= 35) || (format >= 45 && format <= 47) ? showstime
-                                                                                                            : 0;
-}
-
 void startstyle(void* context, const XML_Char* element, const XML_Char** attributes) {
   XlsxBook& book = bookof(context);
   const std::string_view name = localname(element);
@@ -209,27 +169,6 @@ std::string cellname(const XlsxBook& book) {
   for (std::size_t left = book.column + 1; left > 0; left = (left - 1) / 26)
     letters.insert(letters.begin(), static_cast<char>('A' + (left - 1) % 26));
   return letters + std::to_string(book.rownumber);
-}
-
-// A day number with a part of a day as a date, a time, or both. Day 1 is 1 January 1900, day 60 a 29 February that
-// never was; in workbooks that count from 1904 day 0 is 1 January of that year.
-std::string daytext(double value, unsigned shows, bool from1904) {
-  using namespace std::chrono;
-  const double whole = std::floor(value);
-  const seconds clock(std::llround((value - whole) * 86400.0));
-  const auto number = static_cast<int>(whole);
-  const sys_days origin =
-      from1904 ? sys_days{1904y / January / 1} : sys_days{1899y / December / (number < 60 ? 31 : 30)};
-  const auto moment = sys_seconds{origin + days(number)} + clock;
-  const auto day = floor<days>(moment);
-  const year_month_day date(day);
-  const hh_mm_ss time(moment - day);
-  const std::string first = stwords("%04d-%02u-%02u", static_cast<int>(date.year()),
-                                    static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()));
-  const std::string second =
-      stwords("%02d:%02d:%02d", static_cast<int>(time.hours().count()), static_cast<int>(time.minutes().count()),
-              static_cast<int>(time.seconds().count()));
-  return shows == showsdate ? first : shows == showstime ? second : first + " " + second;
 }
 
 // The cell's column from its name, as in "B7": the letters. Without a name it stands behind the one before.
@@ -305,17 +244,12 @@ void endcell(XlsxBook& book) {
   if (!fieldnumber(withoutspace(book.text), value))
     return refuse(book, stwords("%s holds no number", cellname(book).c_str()));
   const unsigned shows = book.style < book.styles.size() && book.type != "b" ? book.styles[book.style] : 0;
-  constexpr double firstday = 0.0, lastday = 2958466.0;  // 31 December 9999 is the last
   if (book.type == "s") {
     if (!(value >= 0.0 && value < static_cast<double>(book.texts.size())))
       return refuse(book, stwords("%s refers to a text that is not there", cellname(book).c_str()));
-    const SharedText& shared = book.texts[static_cast<std::size_t>(value)];
-    settext(cell, shared.text.bytes);
-    if (cell.kind == SheetCell::Kind::text) cell.width = shared.width;
-  } else if (shows != 0 && value >= firstday && value < lastday) {
-    settext(cell, daytext(value, shows, book.from1904));
+    setshared(cell, book.texts[static_cast<std::size_t>(value)]);
   } else {
-    setnumber(cell, value);
+    setdated(cell, value, shows, book.from1904);
   }
 }
 
