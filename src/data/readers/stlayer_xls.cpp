@@ -43,7 +43,7 @@ struct XlsBook {
   std::string stream;
   bool from1904 = false;
   std::vector<SharedText> texts;
-  std::size_t shared = 0;  // of them, those that cells refer to
+  std::size_t shared = 0;                              // of them, those that cells refer to
   std::vector<std::pair<unsigned, unsigned>> formats;  // the workbook's own: number, and what the format shows
   std::vector<unsigned> styles;                        // what the cell formats show
   std::vector<XlsCell> cells;
