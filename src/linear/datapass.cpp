@@ -122,7 +122,6 @@ double recordfactor(std::size_t record, const double* values) {
 inline void takerow(UnitWork& work, const double* values, std::size_t record, bool factors, int n, double* x) {
   const int* column = work.column.data();
   const double* shift = work.shift.data();
-#pragma GCC unroll 8
   for (int c = 0; c + 1 < n; ++c) x[c] = column[c] == 0 ? 1.0 : values[column[c] - 1] - shift[c];
   x[n - 1] = values[run.kind.outvar - 1];
   if (!factors) return;
@@ -156,9 +155,7 @@ void addrecords(UnitWork& work, const UnitBlock& unit, std::size_t first, bool f
   for (std::size_t i = 0; i < at(unit.nj); ++i) {
     double x[2 * pairs] = {};
     takerow(work, unit.records.data() + i * at(run.mdm.nvar1), first + i, factors, N, x);
-#pragma GCC unroll 8
     for (int c = 0; c < N; ++c)
-#pragma GCC unroll 4
       for (int d = 0; d <= c / 2; ++d) sums[c][d] += Pair{x[c], x[c]} * Pair{x[2 * d], x[2 * d + 1]};
   }
   for (int c = 0; c < N; ++c)
