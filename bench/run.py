@@ -5,6 +5,7 @@ no more than read it), of residual files, of convergence, and, where they were b
 and of the iterations per level-2 unit. Seconds are of whole processes, the median of five runs after one to warm up; MB
 is the peak memory that the system accounts to the process. With --large the study of ten million records is added.
 """
+import json
 import os
 import pathlib
 import shutil
@@ -13,10 +14,6 @@ import subprocess
 import sys
 import tempfile
 import time
-
-import numpy as np
-
-import simulate
 
 HERE = pathlib.Path(__file__).parent
 STUDIES = [  # level-3 units, level-2 units in each, records in each, random effects
@@ -51,8 +48,12 @@ TITLE:benchmark
 """
 
 
+def simulate(out, *words):
+    subprocess.run(["/usr/bin/python3", HERE / "simulate.py", out, *map(str, words)], check=True)
+
+
 def timed(command, cwd):
-    """Seconds and peak bytes of one process."""
+    """Seconds and peak bytes of one process, which are at least those of this one: it must stay small."""
     start = time.perf_counter()
     child = subprocess.Popen(command, cwd=cwd, stdout=subprocess.DEVNULL)
     _, status, usage = os.wait4(child.pid, 0)
@@ -93,7 +94,7 @@ def wholeruns(program, large):
             continue
         with tempfile.TemporaryDirectory() as folder:
             out = os.path.join(folder, "study")
-            simulate.usual(out, n3, per3, per2, effects != "intercept")
+            simulate(out, n3, per3, per2, effects)
             pathlib.Path(out + ".kdr").write_text(commandfile(out, effects))
             seconds, memory = median([program, "-q", out + ".mdm", out + ".kdr"], folder)
             other = rscript("lmer.R", out, effects)[:1] if n3 > 1 and n1 <= 1_000_000 else []
@@ -105,8 +106,7 @@ def construction(program):
     table("MDM construction from fixed-format text", "records", "MB", "seconds", "MB/s", "peak MB", "read_fwf", "fread")
     with tempfile.TemporaryDirectory() as folder:
         out = os.path.join(folder, "study")
-        generator = simulate.usual(out, 500, 100, 20, True)
-        simulate.text(out, 500, 100, 20, generator)
+        simulate(out, 500, 100, 20, "slope", "text")
         size = sum(os.path.getsize(f"{out}-{level}.dat") for level in (1, 2, 3)) / 1e6
         seconds, memory = median([program, "-q", "-r", out + ".mdmt"], folder)
         row(1_000_000, f"{size:.0f}", f"{seconds:.3f}", f"{size / seconds:.0f}", f"{memory / 1e6:.0f}",
@@ -117,7 +117,7 @@ def residualfiles(program):
     table("Three residual files of 1,000,000 records", "form", "seconds", "of it files", "MB", "MB/s")
     with tempfile.TemporaryDirectory() as folder:
         out = os.path.join(folder, "study")
-        simulate.usual(out, 500, 100, 20, True)
+        simulate(out, 500, 100, 20, "slope")
         names = [os.path.join(folder, "residuals%d" % level) for level in (1, 2, 3)]
         command = [program, "-q", out + ".mdm", out + ".kdr"]
         pathlib.Path(out + ".kdr").write_text(commandfile(out, "slope"))
@@ -149,7 +149,7 @@ def convergence(program):
         for study in range(1, 11):
             out = os.path.join(folder, "study")
             scale = 0.45 if study <= 5 else 0.2  # level-3 variances of 2% and of 0.4% of the whole
-            simulate.study(out, 40, 8, 6, scale * np.array([1.0, 0.5]), scale * np.array([0.7, 0.3]), seed=study)
+            simulate(out, 40, 8, 6, "slope", f"scale={scale}", f"seed={study}")
             found = []
             for stopval in ("", "STOPVAL:0.0000000001\n"):
                 pathlib.Path(out + ".kdr").write_text(commandfile(out, "slope", stopval=stopval))
@@ -176,15 +176,11 @@ def micro(folder):
     for name, counter in MICRO:
         if not (folder / name).exists():
             continue
-        lines = subprocess.run([folder / name, "--benchmark_format=csv"], capture_output=True, text=True,
-                               check=True).stdout.splitlines()
-        head = next(i for i, line in enumerate(lines) if line.startswith("name,"))
-        columns = [column.strip('"') for column in lines[head].split(",")]
-        shown = [column for column in (counter, "madds/unit") if column in columns]
-        table(name, "", *shown)
-        for line in lines[head + 1:]:
-            cells = dict(zip(columns, line.split(",")))
-            row(cells["name"].strip('"'), *(f"{float(cells[column]):.1f}" for column in shown))
+        done = subprocess.run([folder / name, "--benchmark_format=json"], capture_output=True, text=True, check=True)
+        table(name, "", counter, "madds")
+        for measured in json.loads(done.stdout)["benchmarks"]:
+            value = measured.get(counter, measured.get("ns/madd"))
+            row(measured["name"], f"{value:.2f}", f"{measured.get('madds/unit', 1):.1f}")
 
 
 def main():

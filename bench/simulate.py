@@ -1,10 +1,11 @@
 """Simulated three-level studies of stated size, as an MDM file, as fixed-format text, and as raw doubles for R.
 
-usage: simulate.py OUT LEVEL3 LEVEL2-PER-LEVEL3 RECORDS-PER-LEVEL2 [slope|intercept] [text]
+usage: simulate.py OUT LEVEL3 LEVEL2-PER-LEVEL3 RECORDS-PER-LEVEL2 [slope|intercept] [text] [scale=S] [seed=N]
 
 Y = 1 + 2 X + u0 + v0 + (u1 + v1) X + e with standard deviations 1, 0.7, 0.5, 0.3, 1.5; without the random slopes for
 "intercept". OUT.mdm holds Y and X; OUT.y, OUT.x and OUT.j, OUT.k (int32 unit numbers) hold the same for R. With "text"
-the three raw files and their template are written too, with eight more variables of noise at level 1.
+the three raw files and their template are written too, with eight more variables of noise at level 1. The standard
+deviations of levels 2 and 3 are multiplied by S.
 """
 import sys
 
@@ -67,13 +68,14 @@ def text(out, n3, per3, per2, rng):
         f.write(f"*begin l1vars\n{names}\n*end l1vars\n*begin l2vars\nZ\n*end l2vars\n*begin l3vars\nQ\n*end l3vars\n")
 
 
-def usual(out, n3, per3, per2, slope):
-    """The study of the usual standard deviations."""
-    return study(out, n3, per3, per2, np.array([1.0, 0.5 * slope]), np.array([0.7, 0.3 * slope]))
+def main():
+    out, sizes, words = sys.argv[1], [int(word) for word in sys.argv[2:5]], sys.argv[5:]
+    options = dict(word.split("=") for word in words if "=" in word)
+    scale, slope = float(options.get("scale", 1)), "intercept" not in words
+    rng = study(out, *sizes, scale * np.array([1.0, 0.5 * slope]), scale * np.array([0.7, 0.3 * slope]),
+                int(options.get("seed", 20)))
+    if "text" in words:
+        text(out, *sizes, rng)
 
 
-if __name__ == "__main__":
-    sizes = [int(word) for word in sys.argv[2:5]]
-    generator = usual(sys.argv[1], *sizes, "intercept" not in sys.argv[5:])
-    if "text" in sys.argv[5:]:
-        text(sys.argv[1], *sizes, generator)
+main()
