@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cstdarg>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -14,6 +13,7 @@
 #include "data/readers/sastransport.h"
 #include "data/template.h"
 #include "driver/failures.h"
+#include "driver/formatted.h"
 #include "driver/questions.h"
 #include "driver/runrecord.h"
 
@@ -29,15 +29,6 @@ constexpr double mostmissing = 1.0e9;  // bound of a missing code
 bool isfile(const std::string& path) {
   struct stat about {};
   return stat(path.c_str(), &about) == 0 && !S_ISDIR(about.st_mode);
-}
-
-std::string __attribute__((format(printf, 1, 2))) words(const char* format, ...) {
-  char text[256];
-  std::va_list arguments;
-  va_start(arguments, format);
-  std::vsnprintf(text, sizeof text, format, arguments);
-  va_end(arguments);
-  return text;
 }
 
 char initial(const std::string& line) {
@@ -61,7 +52,7 @@ void askformat(int level) {
   for (int tries = 0; tries < maxtries; ++tries) {
     std::printf("The first A field must be a character level-3 id%s\n",
                 level < 2 ? ", the second, the level-2 id" : "");
-    if (!readanswer(words(" Input format of level-%1d file: ", level + 1), format)) continue;
+    if (!readanswer(formatted(" Input format of level-%1d file: ", level + 1), format)) continue;
     if (format.size() >= maxformat) {
       std::printf(" A format has at most %d characters.\n", static_cast<int>(maxformat) - 1);
     } else if (checkformat(format)) {
@@ -73,7 +64,7 @@ void askformat(int level) {
 
 void askrawfile(int level) {
   std::string& name = raw.level[level].filename;
-  const std::string prompt = words("\nInput name of level-%1d file: ", level + 1);
+  const std::string prompt = formatted("\nInput name of level-%1d file: ", level + 1);
   for (int tries = 0; tries < maxtries; ++tries) {
     if (!readanswer(prompt, name) || name.empty()) continue;
     if (name.size() >= maxpath) {
@@ -91,7 +82,7 @@ void askrawfile(int level) {
 void asktypedfile(int level) {
   std::string& name = raw.level[level].filename;
   const std::string prompt =
-      words("\nEnter Stat/Transfer filename for level-%1d or hit enter to be prompted:", level + 1);
+      formatted("\nEnter Stat/Transfer filename for level-%1d or hit enter to be prompted:", level + 1);
   for (int tries = 0; tries < maxtries; ++tries) {
     if (!readanswer(prompt, name)) continue;
     if (name.empty()) {
@@ -109,7 +100,7 @@ void asktypedfile(int level) {
 void asksource(int level) {
   if (rawis(rawascii)) {
     const std::string prompt =
-        words("\nInput number of level-%1d variables (not including the character ID):", level + 1);
+        formatted("\nInput number of level-%1d variables (not including the character ID):", level + 1);
     raw.level[level].numvar = asknumber(prompt.c_str(), 1, mostasked);
     askformat(level);
   }
@@ -123,7 +114,7 @@ void asksource(int level) {
 // Names of variables in fixed columns.
 
 Name askname(int level, int variable) {
-  const std::string prompt = words("Enter 8 character name for level-%d variable number %d: ", level + 1, variable);
+  const std::string prompt = formatted("Enter 8 character name for level-%d variable number %d: ", level + 1, variable);
   std::string line;
   for (int empty = 0; empty <= mostempty; ++empty) {
     // A template could not hold a name that begins like a comment or like the end of its block.
@@ -152,7 +143,7 @@ bool askcodes() {
     return true;
   }
   for (std::size_t v = 0; v < codes.size(); ++v) {
-    const std::string prompt = words("Enter the value for missing data for %8.8s", run.mdm.names1[v + 1].text);
+    const std::string prompt = formatted("Enter the value for missing data for %8.8s", run.mdm.names1[v + 1].text);
     codes[v] = askreal(prompt.c_str(), -mostmissing, mostmissing);
   }
   return false;
@@ -248,8 +239,8 @@ void pickvariables(int level, const std::vector<RawVariable*>& rows) {
   int tries = 0;
   while (std::any_of(rows.begin(), rows.end(), usable)) {
     if (++tries > mostchoices) fail(14);
-    const std::string prompt = words(" Please specify level-%d variable #%2d (enter 0 to end):", level + 1,
-                                     static_cast<int>(picked.size()) + 1);
+    const std::string prompt = formatted(" Please specify level-%d variable #%2d (enter 0 to end):", level + 1,
+                                         static_cast<int>(picked.size()) + 1);
     const int number = asknumber(prompt.c_str(), 0, static_cast<int>(rows.size()));
     if (number == 0) break;
     RawVariable& row = *rows[static_cast<std::size_t>(number) - 1];

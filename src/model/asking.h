@@ -5,9 +5,6 @@
 
 namespace kdr {
 
-// A text as printf makes it, of at most 511 characters.
-[[nodiscard]] std::string formatted(const char* format, ...) __attribute__((format(printf, 1, 2)));
-
 // Prints "%s " with the prompt and reads a line until its first character is one of `choices`; without a limit of
 // tries, but the end of input ends the run as a tenth bad try would.
 [[nodiscard]] char askletter(const std::string& prompt, const char* choices);

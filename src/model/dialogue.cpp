@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "driver/failures.h"
+#include "driver/formatted.h"
 #include "driver/questions.h"
 #include "driver/runrecord.h"
 #include "model/asking.h"

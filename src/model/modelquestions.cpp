@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <string>
 
+#include "driver/formatted.h"
 #include "driver/questions.h"
 #include "driver/runrecord.h"
 #include "model/asking.h"

@@ -297,9 +297,7 @@ int asciirecordof(int level, double* values, Id* id3, Id* id2) {
 }
 
 void closeascii(int level) {
-  LevelSource& source = raw.level[level];
-  if (source.stream != nullptr) std::fclose(source.stream);
-  source.stream = nullptr;
+  closestream(level);
   levels[level].text.buffer.reset(0);
 }
 

@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <charconv>
 #include <cmath>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -121,15 +120,6 @@ bool fieldnumber(std::string_view field, double& value) {
   char* end = nullptr;
   value = std::strtod(text, &end);
   return *end == '\0' && std::isfinite(value);
-}
-
-std::string stwords(const char* format, ...) {
-  char words[512];
-  std::va_list arguments;
-  va_start(arguments, format);
-  std::vsnprintf(words, sizeof words, format, arguments);
-  va_end(arguments);
-  return words;
 }
 
 }  // namespace kdr

@@ -80,7 +80,4 @@ inline constexpr std::size_t longestnumber = 63;  // characters
 // The number that the whole field states in decimal notation; false when it states none that a double can hold.
 [[nodiscard]] bool fieldnumber(std::string_view field, double& value);
 
-// "... of the %d" words for `trouble`.
-[[nodiscard]] std::string stwords(const char* format, ...) __attribute__((format(printf, 1, 2)));
-
 }  // namespace kdr

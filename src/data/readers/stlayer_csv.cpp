@@ -14,6 +14,7 @@
 #include "data/readers/plainnumber.h"
 #include "data/readers/stlayer.h"
 #include "driver/failures.h"
+#include "driver/formatted.h"
 
 namespace kdr {
 
@@ -220,7 +221,7 @@ long long lineof(const CsvState& state) {
 }
 
 std::string toolong(const CsvState& state) {
-  return stwords("line %lld has a field of more than %zu bytes", lineof(state), longestfield);
+  return formatted("line %lld has a field of more than %zu bytes", lineof(state), longestfield);
 }
 
 // To the first record, the header line being passed over.
@@ -249,11 +250,11 @@ bool settlekinds(StFile& file) {
   while (nextrow(state)) {
     if (state.columns != file.variables.size()) {
       if (!(state.openline && state.columns < file.variables.size())) {
-        file.trouble = stwords("line %lld has %zu fields, the header line has %zu", lineof(state), state.columns,
-                               file.variables.size());
+        file.trouble = formatted("line %lld has %zu fields, the header line has %zu", lineof(state), state.columns,
+                                 file.variables.size());
         return false;
       }
-      state.cut = stwords("it ends in the middle of line %lld, which does not count", lineof(state));
+      state.cut = formatted("it ends in the middle of line %lld, which does not count", lineof(state));
       break;
     }
     ++state.goodrows;
@@ -265,8 +266,8 @@ bool settlekinds(StFile& file) {
   }
   settlesigns(file);
   if (state.openquote)
-    state.cut = stwords("a quote in line %lld opens a field that never ends; record %lld is the last one that counts",
-                        state.fieldline, state.goodrows);
+    state.cut = formatted("a quote in line %lld opens a field that never ends; record %lld is the last one that counts",
+                          state.fieldline, state.goodrows);
   if (state.cut.empty() && state.lastopen) state.cut = "no line end follows its last line, which counts all the same";
   return true;
 }

@@ -8,6 +8,7 @@
 
 #include "data/readers/plainnumber.h"
 #include "data/readers/stlayer.h"
+#include "driver/formatted.h"
 
 namespace kdr {
 
@@ -100,7 +101,7 @@ double numberat(StFile& file, std::string_view field, std::size_t v) {
   field = field.substr(first, field.find_last_not_of(blanks) + 1 - first);
   if (fieldnumber(field, value)) return value;
   if (!missingfield(field) && field[0] != '*' && state.strange++ == 0)
-    state.firststrange = stwords("%s of record %d", file.variables[v].name, state.next);
+    state.firststrange = formatted("%s of record %d", file.variables[v].name, state.next);
   return missingcode;
 }
 
@@ -138,10 +139,10 @@ bool dbaserecord(StFile& file) {
   while (state.next < state.records && DBFIsRecordDeleted(state.table, state.next) != 0) ++state.next;
   if (state.next >= state.records) {
     if (state.records < state.announced)
-      file.trouble = stwords("its head tells %d records, but %d are there", state.announced, state.records);
+      file.trouble = formatted("its head tells %d records, but %d are there", state.announced, state.records);
     if (state.strange > 0)
-      file.remark = stwords("%lld fields of numeric columns hold no number and count as missing, the first is %s",
-                            state.strange, state.firststrange.c_str());
+      file.remark = formatted("%lld fields of numeric columns hold no number and count as missing, the first is %s",
+                              state.strange, state.firststrange.c_str());
     return false;
   }
   const int record = state.next++;

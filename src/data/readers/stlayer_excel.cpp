@@ -9,6 +9,7 @@
 #include <memory>
 
 #include "data/readers/stlayer_sheet.h"
+#include "driver/formatted.h"
 
 namespace kdr {
 
@@ -41,7 +42,7 @@ bool nextrow(StFile& file) {
 
 StText textof(const SheetCell& cell) {
   if (cell.kind == SheetCell::Kind::text) return cell.text;
-  return cell.kind == SheetCell::Kind::number ? sttext(stwords("%.15g", cell.number)) : StText{};
+  return cell.kind == SheetCell::Kind::number ? sttext(formatted("%.15g", cell.number)) : StText{};
 }
 
 // Room for `count` variables, doubled as needed; those that are new are numeric until a text shows up.

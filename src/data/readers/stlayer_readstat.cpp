@@ -14,6 +14,7 @@
 #include "data/readers/stlayer.h"
 #include "data/scratch.h"
 #include "driver/failures.h"
+#include "driver/formatted.h"
 
 namespace kdr {
 
@@ -274,9 +275,9 @@ void checkmember(StFile& file) {
   bool blank = over < cardlength && stream != nullptr && fseeko(stream.get(), end - over, SEEK_SET) == 0;
   for (long long i = 0; blank && i < over; ++i) blank = std::getc(stream.get()) == ' ';
   if (!blank) {
-    file.trouble = stwords("it ends in the middle of record %lld, which does not count", state.rows + 1);
+    file.trouble = formatted("it ends in the middle of record %lld, which does not count", state.rows + 1);
   } else if (end % cardlength != 0) {
-    file.trouble = stwords("it ends behind record %lld without filling a card of 80 bytes", state.rows);
+    file.trouble = formatted("it ends behind record %lld without filling a card of 80 bytes", state.rows);
   }
 }
 
@@ -303,11 +304,11 @@ void spool(StFile& file) {
   if (state.writefailed || std::fflush(state.scratch) != 0) fail(5);
   std::rewind(state.scratch);
   if (error != READSTAT_OK) {
-    const std::string of = state.announced > state.rows ? stwords(" of %lld", state.announced) : "";
+    const std::string of = state.announced > state.rows ? formatted(" of %lld", state.announced) : "";
     file.trouble =
-        stwords("it breaks off behind record %lld%s (%s)", state.rows, of.c_str(), wordsof(state, error).c_str());
+        formatted("it breaks off behind record %lld%s (%s)", state.rows, of.c_str(), wordsof(state, error).c_str());
   } else if (state.rows < state.announced) {
-    file.trouble = stwords("its head tells %lld records, but %lld are there", state.announced, state.rows);
+    file.trouble = formatted("its head tells %lld records, but %lld are there", state.announced, state.rows);
   } else if (file.backend->format == StFormat::sastransport) {
     checkmember(file);
   }

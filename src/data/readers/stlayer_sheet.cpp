@@ -6,6 +6,8 @@
 #include <climits>
 #include <cmath>
 
+#include "driver/formatted.h"
+
 namespace kdr {
 
 namespace {
@@ -23,11 +25,11 @@ std::string daytext(double value, unsigned shows, bool from1904) {
   const auto day = floor<days>(moment);
   const year_month_day date(day);
   const hh_mm_ss time(moment - day);
-  const std::string first = stwords("%04d-%02u-%02u", static_cast<int>(date.year()),
-                                    static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()));
+  const std::string first = formatted("%04d-%02u-%02u", static_cast<int>(date.year()),
+                                      static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()));
   const std::string second =
-      stwords("%02d:%02d:%02d", static_cast<int>(time.hours().count()), static_cast<int>(time.minutes().count()),
-              static_cast<int>(time.seconds().count()));
+      formatted("%02d:%02d:%02d", static_cast<int>(time.hours().count()), static_cast<int>(time.minutes().count()),
+                static_cast<int>(time.seconds().count()));
   return shows == showsdate ? first : shows == showstime ? second : first + " " + second;
 }
 

@@ -10,6 +10,7 @@
 #include "data/readers/stlayer_sheet.h"
 #include "data/readers/stlayer_zipxml.h"
 #include "driver/failures.h"
+#include "driver/formatted.h"
 
 namespace kdr {
 
@@ -195,7 +196,7 @@ void startcell(XlsxBook& book, const XML_Char** attributes) {
     if (key[0] == 't') book.type = attributes[1];
     if (key[0] == 's') book.style = static_cast<std::size_t>(wholenumber(attributes[1], INT_MAX));
   }
-  if (!findcolumn(book, name)) refuse(book, stwords("row %lld has a cell that no sheet can have", book.rownumber));
+  if (!findcolumn(book, name)) refuse(book, formatted("row %lld has a cell that no sheet can have", book.rownumber));
 }
 
 void startsheet(void* context, const XML_Char* element, const XML_Char** attributes) {
@@ -215,7 +216,7 @@ void startsheet(void* context, const XML_Char* element, const XML_Char** attribu
     const std::string_view stated = attribute(attributes, "r");
     const long long number = stated.empty() ? book.rownumber + 1 : wholenumber(stated, mostrows);
     if (number <= book.rownumber || number > mostrows)
-      return refuse(book, stwords("a row behind row %lld has no number that a sheet can have", book.rownumber));
+      return refuse(book, formatted("a row behind row %lld has no number that a sheet can have", book.rownumber));
     book.rownumber = number;
     book.column = 0;
     book.row->count = 0;
@@ -237,16 +238,16 @@ void endcell(XlsxBook& book) {
   if (texts) return settext(cell, book.text);
   if (withoutspace(book.text).empty()) {
     if (book.formula)
-      refuse(book, stwords("the formula in %s has no stored result; save it from a spreadsheet program",
-                           cellname(book).c_str()));
+      refuse(book, formatted("the formula in %s has no stored result; save it from a spreadsheet program",
+                             cellname(book).c_str()));
     return;
   }
   if (!fieldnumber(withoutspace(book.text), value))
-    return refuse(book, stwords("%s holds no number", cellname(book).c_str()));
+    return refuse(book, formatted("%s holds no number", cellname(book).c_str()));
   const unsigned shows = book.style < book.styles.size() && book.type != "b" ? book.styles[book.style] : 0;
   if (book.type == "s") {
     if (!(value >= 0.0 && value < static_cast<double>(book.texts.size())))
-      return refuse(book, stwords("%s refers to a text that is not there", cellname(book).c_str()));
+      return refuse(book, formatted("%s refers to a text that is not there", cellname(book).c_str()));
     setshared(cell, book.texts[static_cast<std::size_t>(value)]);
   } else {
     setdated(cell, value, shows, book.from1904);

@@ -2,6 +2,7 @@
 
 #include "data/readers/stlayer.h"
 #include "driver/failures.h"
+#include "driver/formatted.h"
 
 namespace kdr {
 
@@ -17,7 +18,7 @@ XML_Status feed(XmlPart& part, std::string& trouble) {
   if (piece == nullptr) fail(3);
   const int length = unzReadCurrentFile(part.archive, piece, piecesize);
   if (length < 0) {
-    trouble = stwords("its part %s cannot be unpacked", part.name.c_str());
+    trouble = formatted("its part %s cannot be unpacked", part.name.c_str());
     return XML_STATUS_ERROR;
   }
   return XML_ParseBuffer(part.parser, length, length == 0);
@@ -60,15 +61,15 @@ PartState parsepart(XmlPart& part, std::string& trouble) {
     XML_GetParsingStatus(part.parser, &status);
     if (status.parsing == XML_FINISHED) {
       if (unzCloseCurrentFile(part.archive) == UNZ_OK) return PartState::ended;
-      trouble = stwords("its part %s does not agree with its checksum", part.name.c_str());
+      trouble = formatted("its part %s does not agree with its checksum", part.name.c_str());
       return PartState::failed;
     }
   }
   const XML_Error error = XML_GetErrorCode(part.parser);
   if (error == XML_ERROR_NO_MEMORY) fail(3);
   if (trouble.empty())
-    trouble = stwords("its part %s is damaged in line %llu: %s", part.name.c_str(),
-                      static_cast<unsigned long long>(XML_GetCurrentLineNumber(part.parser)), XML_ErrorString(error));
+    trouble = formatted("its part %s is damaged in line %llu: %s", part.name.c_str(),
+                        static_cast<unsigned long long>(XML_GetCurrentLineNumber(part.parser)), XML_ErrorString(error));
   return PartState::failed;
 }
 

@@ -1,0 +1,17 @@
+#include "driver/formatted.h"
+
+#include <cstdarg>
+#include <cstdio>
+
+namespace kdr {
+
+std::string formatted(const char* format, ...) {
+  char text[512];
+  std::va_list arguments;
+  va_start(arguments, format);
+  std::vsnprintf(text, sizeof text, format, arguments);
+  va_end(arguments);
+  return text;
+}
+
+}  // namespace kdr
