@@ -1,0 +1,42 @@
+// The level-1 records of a level-3 unit, as the maximum-likelihood engines see them.
+//
+// The rows of the model follow from the level-1 predictors x by scaling, because every column of W2 and of W3 has one
+// entry (linear/pass.h). For record i of level-2 unit j of level-3 unit k, with the Design of the pass:
+//   B row   (nbeta)  column m is w2[j][m] x_i[owner2[m]]
+//   e_i     (r)      the first r columns of the B row: those random at level 3
+//   d_i     (q)      column a is x_i[random1[a]]: those random at level 2
+//   xg_i    (g)      element reduced[f] gets w3[f] times column owner3[f] of the B row, summed over f
+//   eta_i = xg_i' gamma + e_i' v_k + d_i' u_j
+#pragma once
+
+#include <cstddef>
+#include <vector>
+
+#include "kernel/array.h"
+
+namespace kdr {
+
+struct Level3Records {
+  int k = 0;                    // the level-3 unit, from 0
+  std::size_t firstunit = 0;    // the data set's level-2 units before those of k
+  std::size_t firstrecord = 0;  // the data set's records before those of k
+  int units = 0;                // J_k, its level-2 units; one may have no record
+  Array<std::size_t> start;     // [units + 1] records of k before level-2 unit j; start[units] is the number of records
+  Array<double> x;              // records by npi: all level-1 coefficients, the constant included
+  Array<double> w2;             // units by nbeta: the entry of W2_j in each column of B
+  Array<double> w3;             // [full ngamma] the entry of W3_k in each of its columns
+  Array<double> y;              // [records] the outcome as it was read: 0/1, a count of successes, a count
+  Array<double> n;              // [records] trials or exposure; empty when the model has none
+};
+
+// Delivers the level-3 units of the data set in order, several at a time, as often as it is asked to.
+struct RecordSource {
+  void* state = nullptr;
+  // Goes back to the first unit.
+  void (*rewind)(void* state) = nullptr;
+  // Fills `batch` with the next units, at least one and about as many records as the source finds convenient; leaves it
+  // empty behind the last unit.
+  void (*next)(void* state, std::vector<Level3Records>& batch) = nullptr;
+};
+
+}  // namespace kdr
