@@ -202,12 +202,12 @@ def legal(theta, p, b):
     return s > 0 and np.linalg.eigvalsh(T)[0] > 0 and np.linalg.eigvalsh(L)[0] > 0
 
 
-def maximise(units, m, p, b):
+def maximise(units, m, p, b, start=None, most=300):
     fixed, E = thetaspace(m, p, b)
-    start = pack(np.eye(p), np.eye(b), 2.0)
+    start = pack(np.eye(p), np.eye(b), 2.0) if start is None else start
     theta = fixed + E @ np.linalg.lstsq(E, start - fixed, rcond=None)[0]
     value = -np.inf
-    for it in range(300):
+    for it in range(most):
         T, L, s = unpack(theta, p, b)
         gamma, cov = gls(units, T, L, s)
         value = loglik(units, gamma, T, L, s)
