@@ -206,6 +206,8 @@ def maximise(units, m, p, b, start=None, most=300):
     fixed, E = thetaspace(m, p, b)
     start = pack(np.eye(p), np.eye(b), 2.0) if start is None else start
     theta = fixed + E @ np.linalg.lstsq(E, start - fixed, rcond=None)[0]
+    if not E.shape[1]:  # nothing is free
+        return fixed, 0.0, 0
     value = -np.inf
     for it in range(most):
         T, L, s = unpack(theta, p, b)

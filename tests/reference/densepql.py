@@ -11,8 +11,9 @@ A macro iteration replaces the outcome by working data and fits the weighted lin
 
 A record of c + 1 categories stands as c rows, the rows of all records one below the other. Rows are multiplied by R with
 R'R = W, so that their level-1 variance is sigma2. The first of these fits is to a linear model of the rate (counts) or
-to working data at the observed or at equal proportions (categories). From the second iteration on a step of the scoring
-is enough, since only the fixed point is wanted; the first ones run to their ends, and their working data are stored.
+to working data at the observed or at equal proportions (categories). Later on a step of the scoring in
+each iteration is enough, since the fixed point is wanted; for some models the first three fits run to their ends, and the
+working data that follow from them are stored.
 
 `populationaverage` holds the fit with the effects left out of eta and eta corrected for them, tau held.
 """
@@ -27,7 +28,6 @@ from denselikelihood import Unit, gls, posterior, scoreandinformation, unpack
 from models import I3, INT3, model
 from nonlinearmodels import NAMES, SETS, TRACED, thresholds
 
-FULLFITS = 4  # fits that run to their ends
 TRACES = 3
 
 
@@ -181,8 +181,12 @@ def newcounts(m, ps, etas, counter):
 
 # --- the fixed point -------------------------------------------------------------------------------------------------
 
-def fixedpoint(m, ps, c):
-    """The last fit's units, gamma, theta and iteration, and the working data of the first steps."""
+def fixedpoint(m, ps, c, traced):
+    """The last fit's units, gamma, theta and iteration, and the working data of the first steps.
+
+    The first fit may end on the border of a singular tau, since its level-1 variance is held at a rough value; such a
+    run has no stored working data, and the second fit starts anew.
+    """
     scalar = 'categories' not in m
     p, b = ps[0].Z1.shape[1], ps[0].Z2.shape[1]
     settings = {k: v for k, v in m.items() if k != 'fixsigma2' or v}
@@ -200,26 +204,29 @@ def fixedpoint(m, ps, c):
         if counter == 2 and scalar:
             start = theta / firstsettings['fixsigma2'] ** 2
             start[-1] = settings.get('fixsigma2', 1.0)
-        theta, _, _ = maximise(units, firstsettings if counter == 1 else settings, p, b, start,
-                               300 if counter <= FULLFITS else 1)
+        if counter == 2 and grad > 1e-6:
+            start = None
+        most = 20 if counter == 1 or (traced and counter <= TRACES) else 3 if counter <= TRACES else 1
+        theta, grad, _ = maximise(units, firstsettings if counter == 1 else settings, p, b, start, most)
+        traced = traced and (counter > TRACES or grad < 1e-6)
         T, L, s = unpack(theta, p, b)
         gamma, cov = gls(units, T, L, s)
         new = np.concatenate([gamma, theta])
         etas = predictor(ps, units, gamma, T, L, s)
-        if counter > FULLFITS + 1 and np.max(np.abs(new - old) / np.maximum(0.01, np.abs(new))) < 1e-10:
+        if counter > TRACES + 2 and np.max(np.abs(new - old) / np.maximum(0.01, np.abs(new))) < 1e-10:
             break
         old = new
         if scalar:
             z, W = newcounts(m, ps, etas, counter)
         else:
             z, W, _ = newcategories(m['kind'], indicators, etas, c, counter)
-        if counter <= TRACES:
-            step = dict(gamma=gamma, theta=theta, z=np.concatenate(z).tolist(), fixed=counter)
+        if traced and counter <= TRACES:
+            step = dict(gamma=gamma, theta=theta, z=np.concatenate(z).tolist()
             step['w'] = np.concatenate(W).tolist() if scalar else [w.tolist() for k in W for w in k]
             traces.append(step)
     else:
         raise RuntimeError('no fixed point')
-    return units, plain, factors, gamma, cov, theta, etas, counter, traces
+    return units, plain, factors, gamma, cov, theta, etas, counter, traces if traced else []
 
 
 def popcorrection(m, p, T, L, eta):
@@ -261,7 +268,7 @@ def fixedpart(m, units, plain, factors, gamma, cov, T, L, s, df):
 
 def reference(data, m, traced=False):
     ps, c = parts(data, m)
-    units, plain, factors, gamma, cov, theta, etas, counter, traces = fixedpoint(m, ps, c)
+    units, plain, factors, gamma, cov, theta, etas, counter, traces = fixedpoint(m, ps, c, traced)
     p, b = ps[0].Z1.shape[1], ps[0].Z2.shape[1]
     T, L, s = unpack(theta, p, b)
     N, J, K = sum(len(q.y) for q in ps), sum(len(q.rows) for q in ps), len(ps)
@@ -269,7 +276,7 @@ def reference(data, m, traced=False):
     score, info, _ = scoreandinformation(units, gamma, T, L, s)
     settings = {k: v for k, v in m.items() if k != 'fixsigma2' or v}
     _, E = thetaspace(settings, p, b)
-    out['gradient'] = float(np.max(np.abs(E.T @ score)))
+    out['gradient'] = float(np.max(np.abs(E.T @ score), initial=0.0))
     out['setau'] = np.sqrt(np.diag(E @ np.linalg.inv(E.T @ info @ E) @ E.T))
     # one coefficient after the other, equation by equation; an ordinal model ends with its cuts
     copies = c if m['kind'] == 'multinomial' else 1
@@ -299,7 +306,7 @@ def reference(data, m, traced=False):
         gamma, cov = gls(units, T, L, s)
         out['populationaverage'] = dict(fixedpart(m, units, plain, factors, gamma, cov, T, L, s, np.array(out['df'], float)),
                                         sigma2=s)
-    if traced:
+    if traces:
         out['workingdata'] = traces
     return out
 

@@ -1,6 +1,6 @@
 """Makes nonlinear/: one small data set with outcomes of every kind, its template and the command files.
 
-26 level-3 units of unequal size; the last category of YMUL3 and one of YMUL5 and YORD5 are rare. Run it again to get
+26 level-3 units of unequal size; two categories of YMUL5 and one of YORD5 are rare. Run it again to get
 the same bytes.
 """
 import numpy as np
@@ -27,7 +27,7 @@ def simulate(rng):
             unit2 += 1
             z1, z2, w2 = rng.normal() + 0.3 * q1, rng.normal(), 0.5 + rng.random()
             rows[2].append((k + 1, unit2, [z1, z2, w2]))
-            u, uc, slopes, center = C2 @ rng.normal(size=2), rng.normal(size=4) * 0.9, 0.6 * rng.normal(size=2), rng.normal()
+            u, uc, slopes, center = C2 @ rng.normal(size=2), rng.normal(size=4) * 0.9, 1.1 * rng.normal(size=2), rng.normal()
             count = int(rng.integers(3, 15)) if unit2 % 9 else int(rng.integers(1, 3))
             for _ in range(count):
                 x1, x2, w1 = center + rng.normal(), 2 + rng.normal(), 0.4 + 1.2 * rng.random()
@@ -38,7 +38,8 @@ def simulate(rng):
                 binomial = int(rng.binomial(trials, inverse(-0.4 + eta)))
                 poisson, rate = rng.poisson(np.exp(0.2 + 0.6 * eta)), rng.poisson(exposure * np.exp(-0.3 + 0.6 * eta))
                 e = np.array([0.6 + vc[0] + uc[0] + (0.4 + slopes[0]) * (x1 - center) + 0.4 * z1,
-                              0.3 + vc[1] + uc[1] + (-0.3 + slopes[1]) * (x1 - center) - 0.4 * (x2 - 2), -1.2])
+                              0.3 + vc[1] + uc[1] + (-0.3 + slopes[1]) * (x1 - center) - 0.4 * (x2 - 2),
+                              -0.1 + 0.6 * vc[2] + 0.8 * uc[2] + (slopes[0] + slopes[1]) * (x1 - center)])
                 m3 = 1 + draw(rng, np.exp(e) / np.exp(e).sum())
                 e5 = np.append(np.array([0.9, 0.6, -0.4, 0.5]) + vc + uc + np.array([0.5, 0.0, 0.2, -0.4]) * (x1 - center)
                                + 0.4 * z1, 0.4)

@@ -4,7 +4,6 @@
   count      variable of the trials or the exposure
   categories number of categories; a multinomial model has the same terms in each of its equations
   fixsigma2  1 by default; 0: estimated
-  ref        a name in `models` whose stored result this model shares, up to the sign of its fixed effects
 The order of the fixed effects of an ordinal model ends with the cuts from the second one on.
 """
 from models import I3, INT3, commandfile, model
@@ -55,6 +54,10 @@ THREE = {
     'M5': categories('multinomial', 'YMUL5', 5, random2=['INTRCPT1'], random3=INT3),
     'O3': categories('ordinal', 'YORD3', 3, hypotheses=[[row + [0] for row in rows] for rows in TESTS]),
     'O3W': categories('ordinal', 'YORD3', 3, random3=INT3, weights=WEIGHTS),
+    # no variance to speak of: the coefficients are those of models without random effects
+    'M3FLAT': categories('multinomial', 'YMUL3', 3, random2=['INTRCPT1'], random3=INT3, esttau2=[1e-7, 0.0, 1e-7],
+                         esttau3=[1e-7, 0.0, 1e-7]),
+    'O3FLAT': categories('ordinal', 'YORD3', 3, random2=['INTRCPT1'], random3=INT3, esttau2=[1e-7], esttau3=[1e-7]),
     'O5': categories('ordinal', 'YORD5', 5, random3=INT3),
 }
 SETS = {'counts': COUNTS, 'groups': THREE}  # both on the data of nonlinear/
