@@ -74,13 +74,19 @@ void walkscores(const LaplaceData& data, const LaplaceSettings& settings, const 
     say("The Laplace6 likelihood is not defined at these values: the step is that of the first-order Laplace\n");
 }
 
-// inverse := information^-1. Pivots that are not positive, which a sum of outer products has only by rounding, fail.
+// inverse := information^-1. An information that is singular to working accuracy, as with fewer level-3 units than
+// parameters, has no inverse, though rounding may leave it a determinant other than 0.
 bool invertinformation(LaplaceState& state) {
-  const int P = static_cast<int>(state.score.size());
-  state.inverse.reset(square(P));
-  Array<double> work(square(P) + 3);
-  return syminverse(P, state.information.data(), P, state.inverse.data(), P, work.data()) == 0 && work[2] == 0.0 &&
-         std::isfinite(state.inverse[0]);
+  const std::size_t P = state.score.size();
+  const int order = static_cast<int>(P);
+  Array<double> scaled(P * P), work(P * P + 3);
+  const auto deviation = [&](std::size_t i) { return std::sqrt(state.information[i * P + i]); };
+  for (std::size_t i = 0; i < P; ++i)
+    for (std::size_t l = 0; l < P; ++l)
+      scaled[i * P + l] = state.information[i * P + l] / (deviation(i) * deviation(l));
+  state.inverse.reset(P * P);
+  return ispositivedefinite(order, scaled.data(), order, nullptr) &&
+         syminverse(order, state.information.data(), order, state.inverse.data(), order, work.data()) == 0;
 }
 
 bool usabletau(int n, const double* tau) {

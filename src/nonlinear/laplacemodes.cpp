@@ -166,7 +166,7 @@ void sweepunit(const LaplaceData& data, const LaplaceSettings& settings, const P
       return;
     }
     mulAB(work.fresh.data(), C2, work.tu.data(), q, 1, q);
-    out.changed2 += replace(q, work.fresh.data(), u, settings.stopmacro);
+    out.changed2 += replace(q, work.fresh.data(), u, settings.stopmodes);
     out.sums.uKu += quadratic(q, inverses.Kp.data(), u);
 
     mulAB(Q, work.Sed.data(), C2, r, q, q);
@@ -182,7 +182,7 @@ void sweepunit(const LaplaceData& data, const LaplaceSettings& settings, const P
     return;
   }
   mulAB(work.fresh.data(), C3, work.g.data(), r, 1, r);
-  out.changed3 = replace(r, work.fresh.data(), v, settings.stopmacro);
+  out.changed3 = replace(r, work.fresh.data(), v, settings.stopmodes);
   out.sums.vKv = quadratic(r, inverses.Kb.data(), v);
 }
 

@@ -24,9 +24,12 @@ struct LaplaceData {
 };
 
 struct LaplaceSettings {
-  double stopmacro = 1.0e-4;  // relative change of a mode, or of an estimate, that is too large to stop at
-  int laplaceit = 50;         // most iterations
-  int maxsweeps = 200;        // most sweeps for the modes
+  double stopmacro = 1.0e-4;  // relative change of an estimate that is too large to stop at
+  // The same of a mode. Modes found to stopmacro only leave a noise in the likelihood that hides the small gains of the
+  // last iterations: no step then seems to climb, and the run fails at its maximum.
+  double stopmodes = 1.0e-7;
+  int laplaceit = 50;   // most iterations
+  int maxsweeps = 200;  // most sweeps for the modes
   int threads = 1;
   // Asked at the end of the mode sweeps and of each iteration; true when the user has ended the iterations. May be
   // null.
@@ -83,7 +86,7 @@ struct ModeSums {
 };
 
 // Sweeps from the modes as they stand until no element of v and no element of u, each in some sweep of its own, has
-// changed by more than stopmacro relative to its old value; elements that were 0 take no part. In a sweep, with the
+// changed by more than stopmodes relative to its old value; elements that were 0 take no part. In a sweep, with the
 // current v_k and u_j:
 //   u_j := C2_j [sum_i d_i r_i + (sum_i w_i d_i d_i') u_j]
 //   v_k := C3_k sum_j [sum_i e_i t_i - Q_j sum_i d_i t_i],  t_i = r_i + w_i (e_i' v_k + d_i' u_j)

@@ -28,7 +28,7 @@ struct Fixed {
   TauInverses inverses;
   explicit Fixed(const Shape& shape, double size = 0.6) : study(shape), x(study.parameters(size)) {
     state = study.state(x);
-    settings.stopmacro = 1e-9;
+    settings.stopmodes = 1e-9;
     ModeSums sums;
     EXPECT_TRUE(invertaus(x, inverses));
     EXPECT_EQ(findmodes(study.data, settings, x, inverses, "", state.modes, sums), ModeResult::found);
@@ -142,7 +142,7 @@ TEST_P(Laplace, ScoreIsTheDerivativeOfTheLikelihood) {
         };
         const auto difference = [&](double h) { return (moved(h) - moved(-h)) / (2 * h); };
         const double h = 2e-3 * size, slope = (4 * difference(h / 2) - difference(h)) / 3;
-        EXPECT_NEAR(score[p], slope, 2e-6 * std::max(1.0, std::fabs(slope)))
+        EXPECT_NEAR(score[p], slope, 1e-8 * std::max(1.0, std::fabs(slope)))
             << "element " << p << " unit " << k << " size " << size;
       }
     }

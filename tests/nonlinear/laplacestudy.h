@@ -26,6 +26,7 @@ struct Shape {
   int units3, units2, records;                // most level-2 units of a level-3 unit, most records of a level-2 unit
   unsigned seed;
   double beta0 = 0.0;
+  double spread = 1.0;  // of the random effects that made the outcomes
 };
 
 // A study with a level-2 predictor for coefficient 0 (and for every W that is random), a level-3 predictor for the
@@ -87,9 +88,10 @@ struct Study {
       unit.w3.reset(at(full));
       for (std::size_t i = 0; i < unit.x.size(); ++i) unit.x[i] = i % at(shape.npi) == 0 ? 1.0 : normal(random);
       for (int f = 0; f < full; ++f) unit.w3[at(f)] = f < nbeta ? 1.0 : normal(random);
-      const double v = 0.7 * normal(random);
+      const double v = 0.7 * shape.spread * normal(random);
       for (int j = 0; j < unit.units; ++j) {
-        const double W = normal(random), u = 0.9 * normal(random), slope = 0.5 * normal(random);
+        const double W = normal(random), u = 0.9 * shape.spread * normal(random),
+                     slope = 0.5 * shape.spread * normal(random);
         for (int m = 0; m < nbeta; ++m) unit.w2[at(j * nbeta + m)] = columns[at(m)].second ? W : 1.0;
         for (std::size_t i = unit.start[at(j)]; i < unit.start[at(j) + 1]; ++i) {
           const double* x = unit.x.data() + i * at(shape.npi);
