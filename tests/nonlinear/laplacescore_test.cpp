@@ -33,11 +33,14 @@ struct Fixed {
     EXPECT_TRUE(invertaus(x, inverses));
     EXPECT_EQ(findmodes(study.data, settings, x, inverses, "", state.modes, sums), ModeResult::found);
   }
+  Array<double> rel2, rel3;  // of the unit that was scored last
+  UnitReliability reliability;
   std::vector<double> score(std::size_t k) {
     ScoreWork work = makescorework(study.data, x.q, x.r);
     std::vector<double> s(x.count());
-    Array<double> rel2(at(x.q)), rel3(at(x.r));
-    UnitReliability reliability{rel2.data(), rel3.data()};
+    rel2.reset(at(x.q));
+    rel3.reset(at(x.r));
+    reliability = {rel2.data(), rel3.data()};
     EXPECT_TRUE(unitscore(study.data, x, inverses, state.modes, study.units[k], work, s.data(), reliability));
     return s;
   }
@@ -147,6 +150,45 @@ TEST_P(Laplace, ScoreIsTheDerivativeOfTheLikelihood) {
       }
     }
   }
+}
+
+TEST_P(Laplace, ReliabilitiesAreThoseOfTheUnitsInformation) {
+  Fixed made(GetParam());
+  const int q = made.x.q, r = made.x.r;
+  const Matrix Tp = matrixof(made.x.taupi, q, q), Tb = matrixof(made.x.taubeta, r, r);
+  int unusable = 0;
+  for (std::size_t k = 0; k < made.study.units.size(); ++k) {
+    made.score(k);
+    const DenseUnit unit(made.study, made.study.units[k]);
+    const DenseFit fit = densemode(unit, made.x);
+    std::vector<double> rel2(at(q));
+    int count2 = 0;
+    for (int j = 0; j < unit.units; ++j) {
+      Matrix I(q, q);
+      int records = 0;
+      for (int i = 0; i < unit.X.rows; ++i)
+        if (unit.unit2[at(i)] == j) {
+          ++records;
+          const double w = softplus(fit.eta[at(i)])[2];
+          for (int a = 0; a < q; ++a)
+            for (int b = 0; b < q; ++b) I(a, b) += w * unit.D(i, a) * unit.D(i, b);
+        }
+      if (records < q) continue;  // of lower rank
+      ++count2;
+      const Matrix V = inverse(I);
+      for (int a = 0; a < q; ++a) rel2[at(a)] += Tp(a, a) / (V(a, a) + Tp(a, a));
+    }
+    unusable += unit.units - count2;
+    EXPECT_EQ(made.reliability.count2, count2);
+    for (int a = 0; a < q; ++a) EXPECT_NEAR(made.rel2[at(a)], rel2[at(a)], 1e-8);
+    Matrix C3(r, r);
+    for (int a = 0; a < r; ++a)
+      for (int b = 0; b < r; ++b) C3(a, b) = fit.V(a, b);
+    const Matrix V = inverse(inverse(C3) - inverse(Tb));
+    if (made.reliability.count3 == 0) continue;  // its information has not the full rank
+    for (int a = 0; a < r; ++a) EXPECT_NEAR(made.rel3[at(a)], Tb(a, a) / (V(a, a) + Tb(a, a)), 1e-6);
+  }
+  EXPECT_GT(unusable, 0);
 }
 
 // The score by its double sums over the records and the level-2 units of a level-3 unit. `within`: leave out what a
