@@ -22,7 +22,9 @@ void say(const char* words) {
 }
 
 void asktostop(const LaplaceSettings& settings, LaplaceState& state) {
-  if (settings.stopasked != nullptr && settings.stopasked()) state.left = 0;
+  if (settings.stopasked == nullptr || !settings.stopasked()) return;
+  state.left = 0;
+  state.stopped = true;
 }
 
 std::vector<ScoreWork> scorework(const LaplaceData& data, const LaplaceSettings& settings, const LaplaceState& state) {
@@ -231,13 +233,15 @@ LaplaceResult runlaplace(const LaplaceData& data, const LaplaceSettings& setting
   say("\n");
 
   LaplaceStep step = LaplaceStep::done;
-  while (step == LaplaceStep::done && state.left-- >= 1) {
+  bool converged = false;
+  while (step == LaplaceStep::done && !converged && state.left-- >= 1) {
     const double ridge = state.ridge.value;
     step = laplace6iterate(data, settings, state, false);
-    if (step == LaplaceStep::done && state.ridge.value <= ridge &&
-        macrotest(state.now, state.previous, settings.stopmacro))
-      break;
+    converged = step == LaplaceStep::done && state.ridge.value <= ridge &&
+                macrotest(state.now, state.previous, settings.stopmacro);
   }
+  if (step == LaplaceStep::done && !converged && !state.stopped && state.iteration > 1)
+    say("The Laplace6 iterations were stopped at their limit, before the estimates had settled\n");
   const bool finalcall = step == LaplaceStep::done && state.ridge.value != -1.0;
   if (finalcall) {
     state.ridge.value = -1.0;
@@ -247,6 +251,7 @@ LaplaceResult runlaplace(const LaplaceData& data, const LaplaceSettings& setting
   if (step == LaplaceStep::done) {
     if (state.iteration > 1) {
       result = resultof(state, finalcall);
+      result.converged = converged;
     } else {
       result.end = LaplaceEnd::noiterations;
       result.loglik = quasilikelihood;

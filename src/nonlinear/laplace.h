@@ -16,8 +16,9 @@ struct LaplaceState {
   LaplaceModes modes;
   Ridge ridge;
   int iteration = 1;
-  double loglik = 0.0;  // at `now`; at first the quasi-likelihood
-  int left = 0;         // iterations that are still allowed
+  double loglik = 0.0;   // at `now`; at first the quasi-likelihood
+  int left = 0;          // iterations that are still allowed
+  bool stopped = false;  // the user ended the iterations
 
   // Of the last walk through the data, at the estimates before the step.
   Array<double> score;        // P
@@ -52,6 +53,7 @@ struct LaplaceResult {
   LaplaceEnd end = LaplaceEnd::failed;
   Parameters estimates;
   double loglik = 0.0;
+  bool converged = false;            // the estimates have settled: no limit and no user ended the iterations
   int iteration = 0;                 // the number in the heading
   bool finalcall = false;            // a ridge was in use: the last call was made for the standard errors only
   Array<double> inverse;             // P squared: covariance of all parameters in their order

@@ -63,6 +63,7 @@ TEST(LaplaceRun, EndsAtTheMaximumOfTheLikelihood) {
   const std::string shown = console([&] { result = fit(study, settings); });
   ASSERT_EQ(result.end, LaplaceEnd::estimated) << shown;
   EXPECT_NE(shown.find("The likelihood at Laplace iteration 1 is -"), std::string::npos);
+  EXPECT_TRUE(result.converged);
   double best = 0;
   std::vector<DenseUnit> units;
   for (const Level3Records& unit : study.units) units.emplace_back(study, unit);
@@ -326,6 +327,8 @@ TEST(LaplaceRun, LimitAndKeyboardEndTheIterations) {
   EXPECT_EQ(result.end, LaplaceEnd::estimated);
   EXPECT_EQ(result.iteration, 1);
   EXPECT_EQ(shown.find("iteration 2"), std::string::npos);
+  EXPECT_NE(shown.find("stopped at their limit"), std::string::npos);
+  EXPECT_FALSE(result.converged);
   EXPECT_EQ(result.vgamma.size(), square(study.g));
 
   // Asked at the end of the mode sweeps and of the iteration; the iteration under way is finished.
@@ -337,6 +340,7 @@ TEST(LaplaceRun, LimitAndKeyboardEndTheIterations) {
   EXPECT_EQ(result.end, LaplaceEnd::estimated);
   EXPECT_EQ(result.iteration, 2);
   EXPECT_EQ(asked, 6);
+  EXPECT_EQ(shown.find("stopped at their limit"), std::string::npos);
 }
 
 }  // namespace
