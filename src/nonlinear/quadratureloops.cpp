@@ -7,16 +7,13 @@ namespace kdr::KDR3_INSTRUCTIONS {
 
 namespace {
 
-using Lane = double __attribute__((vector_size(32), aligned(8)));
+// Vectors never leave this file, so how they are passed does not matter. A cast between them keeps the bits.
+using Lane = double __attribute__((vector_size(32)));
 using Bits = long long __attribute__((vector_size(32)));
+using Memory = double __attribute__((vector_size(32), aligned(8), may_alias));
 
-// Vectors never leave this file, so how they are passed does not matter.
-inline Lane load(const double* from) {
-  Lane value;
-  __builtin_memcpy(&value, from, sizeof value);
-  return value;
-}
-inline void store(double* to, Lane value) { __builtin_memcpy(to, &value, sizeof value); }
+inline Lane load(const double* from) { return *reinterpret_cast<const Memory*>(from); }
+inline void store(double* to, Lane value) { *reinterpret_cast<Memory*>(to) = value; }
 inline Lane all(double value) { return Lane{value, value, value, value}; }
 inline Lane larger(Lane a, Lane b) { return a > b ? a : b; }
 inline Lane smaller(Lane a, Lane b) { return a < b ? a : b; }
@@ -37,25 +34,19 @@ inline Lane exponential(Lane x) {
   const Lane r4 = r2 * r2;
   const Lane tail = (c0 + r2 * c1) + r4 * ((c2 + r2 * c3) + r4 * (c4 + r2 * c5));
   const Lane expr = 1.0 + (r + r2 * tail);
-  Bits whole;
-  __builtin_memcpy(&whole, &shifted, sizeof whole);
-  whole = (whole << 52) + 0x3ff0000000000000LL;  // the low bits of `shifted` hold k
-  Lane power;
-  __builtin_memcpy(&power, &whole, sizeof power);
-  return expr * power;
+  const Bits power = (reinterpret_cast<Bits>(shifted) << 52) + 0x3ff0000000000000LL;  // the low bits hold k
+  return expr * reinterpret_cast<Lane>(power);
 }
 
 // log(x) = k log 2 + log(1 + f) with sqrt(1/2) <= 1 + f < sqrt(2), by the rational form of s = f / (2 + f) of the
 // freely distributable mathematical library (Sun Microsystems, 1993).
 inline Lane logarithm(Lane x) {
   constexpr double log2high = 6.93147180369123816490e-01, log2low = 1.90821492927058770002e-10;
-  Bits bits;
-  __builtin_memcpy(&bits, &x, sizeof bits);
+  Bits bits = reinterpret_cast<Bits>(x);
   bits += 0x3ff0000000000000LL - 0x3fe6a09e667f3bcdLL;  // raises the exponent where the fraction is sqrt(1/2) or more
   const Bits exponent = (bits >> 52) & 0x7ff;
   bits = (bits & 0x000fffffffffffffLL) + 0x3fe6a09e667f3bcdLL;
-  Lane fraction;
-  __builtin_memcpy(&fraction, &bits, sizeof fraction);
+  const Lane fraction = reinterpret_cast<Lane>(bits);
   const Lane k = __builtin_convertvector(exponent, Lane) - 1023.0;
   const Lane f = fraction - 1.0;
   const Lane s = f / (2.0 + f);
