@@ -22,10 +22,12 @@ constexpr int mosteffects = 10;
 constexpr double mostnodes = 1.0e6;  // of one integral: beyond, neither memory nor time would do
 constexpr double firstridge = 0.1;
 constexpr double twopi = 6.2831853;
-// A fall of the log-likelihood that is more than rounding, relative to its size.
-constexpr double noticeable = 1.0e-8;
+// A fall of the log-likelihood that is more than rounding and more than what another centring does.
+constexpr double noticeable = 1.0e-3;
+// Farther than this from the maximum, in standard errors, the estimates come with a warning.
+constexpr double far = 0.02;
 
-bool fallen(double now, double before) { return now < before - noticeable * std::max(1.0, std::fabs(before)); }
+bool fallen(double now, double before) { return now < before - noticeable; }
 
 void tell(const QuadratureSettings& settings, const char* text) {
   if (settings.console != nullptr) settings.console(text);
@@ -85,8 +87,8 @@ void addexpected(double* H, std::size_t P, std::size_t first, std::size_t order,
       for (std::size_t c = 0; c < order; ++c)
         for (std::size_t d = 0; d <= c; ++d, ++column) {
           const double weight = (a == b ? 0.5 : 1.0) * (c == d ? 0.5 : 1.0);
-          H[row * P + column] += 2.0 * weight * n *
-                                 (K[a * order + c] * K[b * order + d] + K[a * order + d] * K[b * order + c]);
+          H[row * P + column] +=
+              2.0 * weight * n * (K[a * order + c] * K[b * order + d] + K[a * order + d] * K[b * order + c]);
         }
     }
 }
@@ -139,6 +141,7 @@ struct Iterations {
   Ridge ridge{};
   double previous = missingcode;  // the log-likelihood of the iteration before
   bool halvenext = false;
+  Parameters best{};  // those with the highest log-likelihood seen
   Array<double> H{}, V{}, delta{}, worktriangle{};
 
   QuadratureFailure iterate(int& left);
@@ -150,7 +153,8 @@ struct Iterations {
                                   worktriangle.data());
     return failed;
   }
-  void finish();
+  [[nodiscard]] bool lowerthanbest();
+  void finish(const QuadratureWalk& last);
 };
 
 // V := the inverse of H and its ridge, which grows until there is one. A negative pivot is no inverse to step with: the
@@ -163,7 +167,7 @@ QuadratureFailure Iterations::invert(const QuadratureWalk& now) {
     tell(settings, "*");
     ridge.raise(firstridge);
   }
-  if (ridge.value > 1.0) {
+  if (ridge.value > settings.leastridge) {
     tell(settings, "/");
     ridge.value /= 10.0;
   }
@@ -206,7 +210,10 @@ QuadratureFailure Iterations::iterate(int& left) {
   tellline(settings, "The value of the log-likelihood function at AGQ iteration %d = %E\n", result.iteration,
            loglikelihood);
   result.loglikelihood = loglikelihood;
-  result.highest = result.iteration == 1 ? loglikelihood : std::max(result.highest, loglikelihood);
+  if (result.iteration == 1 || loglikelihood > result.highest) {
+    result.highest = loglikelihood;
+    best = result.parameters.copy();
+  }
   if (countsignificant(static_cast<int>(P), loglikelihood, H.data(), now.score.data()) == 0) result.converged = true;
   result.code = 1;
   left = std::max(left - 1, 0);
@@ -220,18 +227,36 @@ QuadratureFailure Iterations::iterate(int& left) {
       H = now.information.copy();
       result.inversion = invertonce();
     }
-    finish();
+    finish(now);
   }
   return QuadratureFailure::none;
 }
 
-void Iterations::finish() {
+// Whether an earlier iteration ended with better estimates. A log-likelihood that was integrated around the centres of
+// other estimates may be too high, so it is taken again around its own.
+bool Iterations::lowerthanbest() {
+  if (!fallen(result.loglikelihood, result.highest)) return false;
+  Adaptation own = copy(result.adaptation);
+  if (walk(data, best, result.adaptation, &own).status != UnitStatus::fine) return true;
+  const QuadratureWalk there = walk(data, best, own, nullptr);
+  if (there.status != UnitStatus::fine) return true;
+  result.highest = there.loglikelihood - 0.5 * data.records * std::log(twopi);
+  return fallen(result.loglikelihood, result.highest);
+}
+
+void Iterations::finish(const QuadratureWalk& last) {
   const Parameters& estimates = result.parameters;
   const std::size_t taus = estimates.ntaupi() + estimates.ntaubeta(), g = at(estimates.g);
+  for (std::size_t i = 0; i < P; ++i) {
+    double lacking = -delta[i];
+    for (std::size_t l = 0; l < P; ++l) lacking += V[i * P + l] * last.score[l];
+    if (V[i * P + i] > 0.0)
+      result.distance = std::max(result.distance, std::fabs(lacking) / std::sqrt(2.0 * V[i * P + i]));
+  }
   for (const std::size_t i : held) V[i * P + i] = 0.0;
   const auto counted = [&](std::size_t first, std::size_t end, int bad) {  // without elements that are held at 0
-    return bad - static_cast<int>(std::count_if(held.begin(), held.end(),
-                                                [&](std::size_t i) { return i >= first && i < end; }));
+    return bad - static_cast<int>(
+                     std::count_if(held.begin(), held.end(), [&](std::size_t i) { return i >= first && i < end; }));
   };
   const int bad2 = standarderrormatrix(V.data(), P, 0, estimates.q, 2.0, result.taupise);
   const int bad3 = standarderrormatrix(V.data(), P, estimates.ntaupi(), estimates.r, 2.0, result.taubetase);
@@ -249,25 +274,40 @@ void Iterations::finish() {
   result.finished = true;
   result.marginal = result.loglikelihood + 0.5 * data.records * std::log(twopi) + data.combinations;
   tellline(settings, "The marginal log-likelihood = %E\n", result.marginal);
-  if (fallen(result.loglikelihood, result.highest))
+  if (lowerthanbest())
     result.warnings.emplace_back(
         "WARNING: the log-likelihood of the last iteration is not the highest that was seen. More quadrature points or "
         "other starting values may be needed.");
-  if (!result.converged)
+  if (!result.converged) {
     result.warnings.emplace_back("WARNING: the iterations of quadrature ended before they had converged.");
+  } else if (result.distance > far) {
+    char line[200];
+    std::snprintf(line, sizeof line,
+                  "WARNING: the ridge has kept the steps short. The estimates are about %.2f standard errors from the "
+                  "maximum.",
+                  result.distance);
+    result.warnings.emplace_back(line);
+  }
 }
 
 }  // namespace
 
 const char* failureline(QuadratureFailure failure) {
   switch (failure) {
-    case QuadratureFailure::none: return "";
-    case QuadratureFailure::toomanyeffects: return "There are too many random effects for AGQ!";
-    case QuadratureFailure::nodes: return "Too many iterations in gauher!";
-    case QuadratureFailure::centre3: return "Unable to compute AGQ T(hat)(beta)";
-    case QuadratureFailure::centre2: return "Unable to compute AGQ T(hat)(pi)";
-    case QuadratureFailure::ridge: return "Unable to compute adaptive Gaussian Hessian";
-    case QuadratureFailure::step: return "Unable to compute adaptive Gaussian Tau";
+    case QuadratureFailure::none:
+      return "";
+    case QuadratureFailure::toomanyeffects:
+      return "There are too many random effects for AGQ!";
+    case QuadratureFailure::nodes:
+      return "Too many iterations in gauher!";
+    case QuadratureFailure::centre3:
+      return "Unable to compute AGQ T(hat)(beta)";
+    case QuadratureFailure::centre2:
+      return "Unable to compute AGQ T(hat)(pi)";
+    case QuadratureFailure::ridge:
+      return "Unable to compute adaptive Gaussian Hessian";
+    case QuadratureFailure::step:
+      return "Unable to compute adaptive Gaussian Tau";
   }
   return "";
 }
@@ -372,6 +412,10 @@ QuadratureResult adaptivequadrature(const QuadratureSettings& settings, int npi,
       // A ridge beyond bounds leaves nothing usable; a step that cannot be taken leaves the estimates before it.
       if (failure == QuadratureFailure::ridge) result.code = 0;
       if (failure == QuadratureFailure::step) result.code = 1;
+      if (result.iteration > 0 && fallen(result.loglikelihood, result.highest))
+        result.warnings.emplace_back(
+            "WARNING: the estimates that quadrature has left have a lower log-likelihood than those of an earlier "
+            "iteration.");
       return fail(failure);
     }
   return result;

@@ -18,11 +18,12 @@ namespace kdr {
 
 struct QuadratureSettings {
   OutcomeType outcome = OutcomeType::bernoulli;
-  int points = 0;            // nodes per dimension, 3 or more
-  int iterations = 0;        // upper bound; one is made whatever it holds
-  int derivlevel = 2;        // 2: observed information; 1: half the sum of the outer products of the units' scores
-  bool diagonalpi = false;   // the off-diagonal elements of taupi are held at 0
+  int points = 0;           // nodes per dimension, 3 or more
+  int iterations = 0;       // upper bound; one is made whatever it holds
+  int derivlevel = 2;       // 2: observed information; 1: half the sum of the outer products of the units' scores
+  bool diagonalpi = false;  // the off-diagonal elements of taupi are held at 0
   bool diagonalbeta = false;
+  double leastridge = 1.0;  // a ridge in use is divided by 10 after each iteration while it is above this
   int threads = 1;
   // May be null. `interrupted` is asked at the end of each iteration: true stops behind it. `console` gets marks and
   // whole lines as they come.
@@ -40,18 +41,21 @@ struct QuadratureResult {
   int iteration = 0;       // finished iterations
   bool converged = false;  // else the iterations met their bound, or were stopped
   Parameters parameters;
-  Adaptation adaptation;          // of the next iteration
-  double loglikelihood = 0.0;     // the sum of the logarithms of the integrals less N/2 log(2 pi)
-  double marginal = 0.0;          // the marginal log-likelihood, binomial coefficients included
-  double highest = 0.0;           // the highest log-likelihood that an iteration ended with
-  int inversion = 0;              // of the last information matrix: the result of syminverse
-  Array<double> V;                // P squared: the inverse of the information of twice the log-likelihood
-  Array<double> taupise;          // q squared; 0.0 for an element that has none
-  Array<double> taubetase;        // r squared
-  bool taupiseusable = false;     // no variance element was 0 or less, and the inversion has not failed
+  Adaptation adaptation;       // of the next iteration
+  double loglikelihood = 0.0;  // the sum of the logarithms of the integrals less N/2 log(2 pi)
+  double marginal = 0.0;       // the marginal log-likelihood, binomial coefficients included
+  double highest = 0.0;        // the highest log-likelihood that an iteration ended with; where that is not the last
+                               // one, integrated again around its own centres
+  double distance = 0.0;       // of the estimates from the maximum in standard errors, the farthest of them, by what
+                               // the last step lacked of a whole Newton step
+  int inversion = 0;           // of the last information matrix: the result of syminverse
+  Array<double> V;             // P squared: the inverse of the information of twice the log-likelihood
+  Array<double> taupise;       // q squared; 0.0 for an element that has none
+  Array<double> taubetase;     // r squared
+  bool taupiseusable = false;  // no variance element was 0 or less, and the inversion has not failed
   bool taubetaseusable = false;
-  Array<double> vgamma;           // g squared: 2 V of gamma
-  Array<double> vtau;             // (P2 + P3) squared: 2 V of the tau elements
+  Array<double> vgamma;               // g squared: 2 V of gamma
+  Array<double> vtau;                 // (P2 + P3) squared: 2 V of the tau elements
   std::vector<std::string> warnings;  // whole sentences for the head of the results
 };
 
@@ -77,8 +81,8 @@ struct QuadratureData {
   RecordSource* source = nullptr;
   int threads = 1, derivlevel = 2;
   double records = 0.0, units2 = 0.0, units3 = 0.0;
-  double counts = 0.0;        // Poisson: -sum of log y!
-  double combinations = 0.0;  // binomial: the logarithms of the binomial coefficients
+  double counts = 0.0;               // Poisson: -sum of log y!
+  double combinations = 0.0;         // binomial: the logarithms of the binomial coefficients
   std::vector<QuadratureWork> work;  // of each thread
 };
 

@@ -88,8 +88,8 @@ void clear(const NodePairs& a) {
     for (std::size_t p = 0; p < a.npi * a.pairs; ++p) a.gradient[p] = 0.0;
 }
 
-// A binary outcome. With s = 1 for y = 1 and s = -1 for y = 0, pr = 1 / (1 + exp(-s eta)) is the probability of what was
-// observed; l = log pr, r = s (1 - pr), w = pr (1 - pr). The logarithm is taken of products of probabilities.
+// A binary outcome. With s = 1 for y = 1 and s = -1 for y = 0, pr = 1 / (1 + exp(-s eta)) is the probability of what
+// was observed; l = log pr, r = s (1 - pr), w = pr (1 - pr). The logarithm is taken of products of probabilities.
 template <int D, bool M>
 void bernoulli(const NodePairs& a) {
   clear<M>(a);

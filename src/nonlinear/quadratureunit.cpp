@@ -171,9 +171,7 @@ struct UnitIntegral {
   const double* centre3() const { return adaptation.vstar.data() + at(records.k) * r; }
   const double* centre2(std::size_t j) const { return adaptation.ustar.data() + (records.firstunit + j) * q; }
 
-  [[nodiscard]] std::size_t blocksize() const {
-    return std::clamp<std::size_t>(pairsofblock / nodes2, 1, nodes3);
-  }
+  [[nodiscard]] std::size_t blocksize() const { return std::clamp<std::size_t>(pairsofblock / nodes2, 1, nodes3); }
   [[nodiscard]] std::size_t paircount() const { return padded(blocksize() * nodes2); }
 
   void prepare();
@@ -341,7 +339,8 @@ void UnitIntegral::level2moments(std::size_t j, std::size_t node) {
   double* level3 = work.level3.data() + node * A;
   double* z = centred;
   for (std::size_t c = 0; c < Z; ++c, centred += nodes2) {
-    const double* values = c < npi ? work.gradient.data() + c * pairs + node * nodes2 : work.t2.data() + (c - npi) * nodes2;
+    const double* values =
+        c < npi ? work.gradient.data() + c * pairs + node * nodes2 : work.t2.data() + (c - npi) * nodes2;
     const double zmean = mean(values);
     if (c < npi)
       work.coefficients[c] = zmean;
@@ -357,8 +356,7 @@ void UnitIntegral::level2moments(std::size_t j, std::size_t node) {
     }
   }
   const double* w2 = records.w2.data() + j * nbeta;
-  for (std::size_t m = 0; m < nbeta; ++m)
-    level3[P2 + P3 + m] += w2[m] * work.coefficients[at(model.design->owner2[m])];
+  for (std::size_t m = 0; m < nbeta; ++m) level3[P2 + P3 + m] += w2[m] * work.coefficients[at(model.design->owner2[m])];
   if (!withinformation) return;
   for (std::size_t i = 0; i < count; ++i)
     work.recordweights[node * total + first + i] = mean(work.weights.data() + i * pairs + node * nodes2);

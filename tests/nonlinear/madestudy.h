@@ -170,8 +170,7 @@ inline Adaptation posteriormodes(const Study& study, const Parameters& parameter
         for (std::size_t i = unit.start[at(j)]; i < unit.start[at(j) + 1]; ++i) {
           const double* x = unit.x.data() + i * at(npi);
           std::vector<double> row(at(nbeta)), f(at(r + q));
-          for (int m = 0; m < nbeta; ++m)
-            row[at(m)] = unit.w2[at(j * nbeta + m)] * x[at(study.design.owner2[at(m)])];
+          for (int m = 0; m < nbeta; ++m) row[at(m)] = unit.w2[at(j * nbeta + m)] * x[at(study.design.owner2[at(m)])];
           double eta = 0.0;
           for (std::size_t m = 0; m < study.design.owner3.size(); ++m)
             eta += unit.w3[m] * row[at(study.design.owner3[m])] * parameters.gamma[at(study.design.reduced[m])];

@@ -114,9 +114,10 @@ struct Case {
   OutcomeType outcome;
   int q, r;
 };
-const Case cases[] = {{"bernoulli11", OutcomeType::bernoulli, 1, 1}, {"bernoulli21", OutcomeType::bernoulli, 2, 1},
-                      {"bernoulli22", OutcomeType::bernoulli, 2, 2}, {"binomial12", OutcomeType::binomial, 1, 2},
-                      {"poisson11", OutcomeType::poisson, 1, 1},     {"exposure21", OutcomeType::poissonexposure, 2, 1}};
+const Case cases[] = {
+    {"bernoulli11", OutcomeType::bernoulli, 1, 1}, {"bernoulli21", OutcomeType::bernoulli, 2, 1},
+    {"bernoulli22", OutcomeType::bernoulli, 2, 2}, {"binomial12", OutcomeType::binomial, 1, 2},
+    {"poisson11", OutcomeType::poisson, 1, 1},     {"exposure21", OutcomeType::poissonexposure, 2, 1}};
 
 // What densequadrature.py found, by name of the line.
 std::vector<double> reference(const std::string& name, const std::string& wanted) {
@@ -171,8 +172,8 @@ TEST(Quadrature, LogLikelihoodOfAnotherAdaptation) {
   }
 }
 
-// At a fixed adaptation the score is the gradient of twice the log-likelihood. So is the information its curvature, once
-// the expected second derivatives of the random effects' densities are replaced by those at the posterior moments.
+// At a fixed adaptation the score is the gradient of twice the log-likelihood. So is the information its curvature,
+// once the expected second derivatives of the random effects' densities are replaced by those at the posterior moments.
 TEST(Quadrature, ScoreAndInformationAreDerivatives) {
   for (const Case& c : cases) {
     Study study = readcase(c);
@@ -195,7 +196,8 @@ TEST(Quadrature, ScoreAndInformationAreDerivatives) {
       for (std::size_t j = 0; j < units; ++j)
         for (std::size_t a = 0; a < n; ++a)
           for (std::size_t b = 0; b < n; ++b)
-            D.cells[a * n + b] += covariances[j * n * n + a * n + b] + means[j * n + a] * means[j * n + b] - T[a * n + b];
+            D.cells[a * n + b] +=
+                covariances[j * n * n + a * n + b] + means[j * n + a] * means[j * n + b] - T[a * n + b];
       const dense::Matrix K = dense::inverse(Tau);
       std::size_t column = first;
       for (int e = 0; e < static_cast<int>(n); ++e)
@@ -388,12 +390,15 @@ TEST(Quadrature, Failures) {
     EXPECT_EQ(console, "*Unable to compute adaptive Gaussian Hessian\n");
   }
   {
-    // Outcomes that are more alike across units than chance allows: taupi belongs below 0, and all steps lead there.
-    Study even = readcase(c);
-    for (Level3Records& unit : even.units)
-      for (std::size_t i = 0; i < unit.y.size(); ++i) unit.y[i] = static_cast<double>(i % 2);
-    const std::vector<double> theta{1e-5, 0.1, 0.0, 0.0, 0.0, 0.0};
-    const QuadratureResult result = estimate(even, settings(c.outcome, 5, 5), makeparameters(1, 1, theta));
+    // Outcomes that are more alike across units than chance allows, three of six in each: both taus belong below 0, and
+    // all steps lead there.
+    std::vector<Record> records = drawrecords(4, 20, 5, 6, makeparameters(1, 1, {1.0, 1.0, 0.0, 0.0, 0.0, 0.0}));
+    for (std::size_t i = 0; i < records.size(); ++i) records[i].y = static_cast<double>(i % 2);
+    Study even = makestudy(c.outcome, 1, 1, records);
+    const std::vector<double> theta{1e-5, 1e-5, 0.2, 0.1, 0.1, 0.1};
+    QuadratureSettings s = settings(c.outcome, 5, 5);
+    s.derivlevel = 1;
+    const QuadratureResult result = estimate(even, s, makeparameters(1, 1, theta));
     EXPECT_EQ(result.code, 1);
     EXPECT_FALSE(result.finished);
     EXPECT_EQ(console, "hhhhhhhhUnable to compute adaptive Gaussian Tau\n");

@@ -287,8 +287,9 @@ def prenatal(folder, numbers):
     third = np.array([c[int(k)] for k in a[:, 0]])
     data = Data("bernoulli", a[:, 0].astype(int), a[:, 1].astype(int), a[:, 2], one[:, 0],
                 np.hstack([one, a[:, 3:13], third]), one, one)
-    theta = np.array([25.0, 18.0, 6.0, -1.0, 1.3, -0.3, -0.9, -1.3, -5.0, -2.5, 1.8, 4.4, -2.5, -4.0, -0.06])
+    theta = np.array([48.7, 14.93, 6.38, -0.98, 1.01, -0.69, -0.62, -1.17, -6.02, -3.15, 2.23, 6.23, -3.16, -4.45, -0.067])
     for points in numbers:
+        print(points, "points at the start:", loglikelihood(data, *unpack(theta, 1, 1), (points, points)), flush=True)
         theta, best, gradient = maximise(data, theta, (points, points), 0.05)
         print(points, "points: log-likelihood", round(best, 4), "gradient", gradient)
         print("  estimates", np.round(theta, 4), flush=True)
