@@ -109,15 +109,18 @@ TEST(QuadratureLoops, EverySetOfInstructionsGivesTheSameBits) {
   }
 }
 
+// The centres of level 2 stay where they are whatever v is, so more points are needed the more a level-2 unit says
+// about its effect: its integrand is narrower than the nodes are spread, and wanders with v.
 struct Case {
   const char* name;
   OutcomeType outcome;
   int q, r;
+  int points;
 };
 const Case cases[] = {
-    {"bernoulli11", OutcomeType::bernoulli, 1, 1}, {"bernoulli21", OutcomeType::bernoulli, 2, 1},
-    {"bernoulli22", OutcomeType::bernoulli, 2, 2}, {"binomial12", OutcomeType::binomial, 1, 2},
-    {"poisson11", OutcomeType::poisson, 1, 1},     {"exposure21", OutcomeType::poissonexposure, 2, 1}};
+    {"bernoulli11", OutcomeType::bernoulli, 1, 1, 7}, {"bernoulli21", OutcomeType::bernoulli, 2, 1, 7},
+    {"bernoulli22", OutcomeType::bernoulli, 2, 2, 7}, {"binomial12", OutcomeType::binomial, 1, 2, 9},
+    {"poisson11", OutcomeType::poisson, 1, 1, 11},    {"exposure21", OutcomeType::poissonexposure, 2, 1, 9}};
 
 // What densequadrature.py found, by name of the line.
 std::vector<double> reference(const std::string& name, const std::string& wanted) {
@@ -162,7 +165,7 @@ TEST(Quadrature, LogLikelihoodOfAnotherAdaptation) {
   for (const Case& c : cases) {
     Study study = readcase(c);
     const Parameters start = makeparameters(c.q, c.r, reference(c.name, "start"));
-    Walker walker(study, 7);
+    Walker walker(study, c.points);
     const Adaptation modes = posteriormodes(study, start);
     Adaptation means = Walker::like(modes);
     walk(walker.data, start, modes, &means);
@@ -255,7 +258,7 @@ TEST(Quadrature, EstimatesOfAnotherAdaptationAndOptimiser) {
   for (const Case& c : cases) {
     Study study = readcase(c);
     const QuadratureResult result =
-        estimate(study, settings(c.outcome, 9, 50), makeparameters(c.q, c.r, reference(c.name, "start")));
+        estimate(study, settings(c.outcome, c.points, 50), makeparameters(c.q, c.r, reference(c.name, "start")));
     EXPECT_TRUE(result.converged && result.finished && result.warnings.empty()) << c.name;
     EXPECT_EQ(result.code, 1);
     EXPECT_NEAR(result.marginal, reference(c.name, "maximum")[0], 0.02) << c.name;
