@@ -18,10 +18,10 @@ from scipy.special import gammaln, logsumexp
 CASES = {
     "bernoulli11": ("bernoulli", 1, 1, (21, 21)),
     "bernoulli21": ("bernoulli", 2, 1, (15, 15)),
-    "bernoulli22": ("bernoulli", 2, 2, (11, 9)),
+    "bernoulli22": ("bernoulli", 2, 2, (9, 7)),
     "binomial12": ("binomial", 1, 2, (15, 9)),
     "poisson11": ("poisson", 1, 1, (21, 21)),
-    "exposure21": ("exposure", 2, 1, (15, 11)),
+    "exposure21": ("exposure", 2, 1, (9, 9)),
 }
 
 
