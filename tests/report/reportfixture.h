@@ -13,6 +13,12 @@
 
 namespace kdr {
 
+inline Array<double> arrayof(const std::vector<double>& values) {
+  Array<double> array(values.size());
+  for (std::size_t i = 0; i < values.size(); ++i) array[i] = values[i];
+  return array;
+}
+
 // A level-2 term: its variable, its level-3 terms, whether it has a level-3 random effect.
 struct TestTerm {
   int variable;
@@ -82,11 +88,11 @@ inline void setmodel(const std::vector<TestCoefficient>& coefficients) {
         coef.ngamma += static_cast<int>(term.effects.size());
         ++b;
       }
-      coef.npi += coefficient.random ? 1 : 0;
+      coef.ntaupi += coefficient.random ? 1 : 0;
       ++c;
     }
   }
-  coef.nbeta = static_cast<int>(beta1.size());
+  coef.ntaubeta = static_cast<int>(beta1.size());
   coef.betanames1.reset(beta1.size());
   coef.betanames2.reset(beta2.size());
   for (std::size_t i = 0; i < beta1.size(); ++i) {
