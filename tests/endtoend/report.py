@@ -262,8 +262,12 @@ SECTIONS = {'LINEAR MODEL': 'linear', 'NON-LINEAR MODEL': 'unit-specific', 'POPU
 
 
 def sections(path):
-    """The results of a non-linear run by section. A section that stands in the report twice is an error."""
-    text = read(path).text
+    """The results of a non-linear run by section."""
+    return splitsections(read(path).text)
+
+
+def splitsections(text):
+    """The same of a report's text. A section that stands in it twice is an error."""
     begins = list(SECTION.finditer(text)) + [None]
     out = {}
     for m, after in zip(begins, begins[1:]):

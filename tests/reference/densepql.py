@@ -221,7 +221,7 @@ def fixedpoint(m, ps, c, traced):
         else:
             z, W, _ = newcategories(m['kind'], indicators, etas, c, counter)
         if traced and counter <= TRACES:
-            step = dict(gamma=gamma, theta=theta, z=np.concatenate(z).tolist()
+            step = dict(gamma=gamma, theta=theta, z=np.concatenate(z).tolist())
             step['w'] = np.concatenate(W).tolist() if scalar else [w.tolist() for k in W for w in k]
             traces.append(step)
     else:
