@@ -11,7 +11,7 @@ from models import I3, INT3, commandfile, model
 NAMES = {1: ['YBERN', 'YBIN', 'NTRIAL', 'YPOIS', 'YEXP', 'EXPOS', 'YMUL3', 'YORD3', 'YMUL5', 'YORD5', 'X1', 'X2', 'W1'],
          2: ['Z1', 'Z2', 'W2'], 3: ['Q1', 'Q2', 'W3']}
 # what of the working data of the first iterations is stored, and of the residuals
-TRACED = ['BERN', 'BERNW', 'BIN', 'POIS', 'EXP', 'EXPW', 'M3', 'M3W', 'O3', 'O3W']
+TRACED = ['BERN', 'BERNW', 'BINI', 'POIS', 'EXP', 'EXPW', 'M3', 'M3W', 'O3', 'O3W']
 WEIGHTS = ('W1', 'W2', 'W3')
 
 L1 = [('INTRCPT1', 0), ('X1', 1), ('X2', 2)]
@@ -38,6 +38,7 @@ COUNTS = {
     'BERNI': n('bernoulli', 'YBERN', random2=['INTRCPT1'], random3=INT3),
     'BERNW': n('bernoulli', 'YBERN', random3=INT3, weights=WEIGHTS),
     'BIN': n('binomial', 'YBIN', 'NTRIAL', hypotheses=TESTS),
+    'BINI': n('binomial', 'YBIN', 'NTRIAL', random2=['INTRCPT1'], random3=INT3),
     'BINS': n('binomial', 'YBIN', 'NTRIAL', fixsigma2=0.0),
     'BINW': n('binomial', 'YBIN', 'NTRIAL', weights=WEIGHTS),
     'POIS': n('poisson', 'YPOIS', hypotheses=TESTS),
