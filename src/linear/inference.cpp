@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <vector>
 
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
@@ -10,6 +11,7 @@
 #include "kernel/products.h"
 #include "kernel/sizes.h"
 #include "linear/sweep.h"
+#include "model/modelwalk.h"
 #include "report/fixedtable.h"
 #include "report/hypotheses.h"
 #include "report/variancetables.h"
@@ -202,14 +204,9 @@ Array<double> scoreproducts(Pass& pass, bool leastsquares) {
 // Some level-2 coefficient has fewer than 20 level-3 units left after its level-3 terms.
 bool fewlevel3units() {
   constexpr int enough = 20;
-  for (int e = 0; e < run.kind.neqsets; ++e) {
-    const int* nterms3 = run.model.nterms3.row(e);
-    int b = 0;
-    for (int c = 0; c < level1coefficients(e); ++c)
-      for (int s = 0; s < run.model.nterms2.row(e)[c]; ++s, ++b)
-        if (run.mdm.nunits3 - nterms3[b] < enough) return true;
-  }
-  return false;
+  const std::vector<TermRow> terms = modelrows().terms;
+  return std::any_of(terms.begin(), terms.end(),
+                     [](const TermRow& term) { return run.mdm.nunits3 - term.neffects < enough; });
 }
 
 }  // namespace

@@ -80,8 +80,6 @@ struct Pass {
   }
 };
 
-// Level-1 coefficients of an equation set, the intercept among them.
-int level1coefficients(int set);
 // The level-1 variable of each level-1 coefficient, over all sets: 0 the constant.
 [[nodiscard]] Array<int> level1columns(const Pass& pass);
 

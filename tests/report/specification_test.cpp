@@ -370,7 +370,6 @@ TEST(Html, WholeReportIsWellNested) {
     makerowlabels();
     writeheader();
     writespecification();
-    droplabels();
     degreesoffreedom(degrees);
     fixedtable(degrees, TableKind::estimates, V, gamma, 6, 1.0);
     run.kind.nlrun = true;
