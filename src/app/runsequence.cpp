@@ -124,7 +124,7 @@ void readmodel() {
   makeconstraints();
   if (run.coef.ngamma - run.model.nconstrained < 1) fail(17);
   featurequestions();
-  droprandomlesslabels();
+  labelrandomeffects();
   outputquestions();
   compactlists();
   refuseabsentengines();
@@ -146,7 +146,6 @@ void openresults() {
   makerowlabels();
   writeheader();
   writespecification();
-  droplabels();
   applyconstraints();
   run.coef.ngamma -= run.model.nconstrained;
   if (!reportisstdout()) std::printf("Computing . . ., please wait\n");

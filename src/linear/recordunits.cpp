@@ -186,7 +186,7 @@ RecordLayout mdmlayout(bool raw) {
   layout.raw = raw;
   layout.column.reset(at(run.coef.npi));
   std::size_t i = 0;
-  eachcoefficient1([&](const Coefficient1& coefficient) { layout.column[i++] = coefficient.v - 1; });
+  for (const CoefficientRow& coefficient : modelrows().coefficients) layout.column[i++] = coefficient.variable - 1;
   return layout;
 }
 
