@@ -1,0 +1,177 @@
+#include "multirun/averagedreport.h"
+
+#include <strings.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <utility>
+
+#include "data/scratch.h"
+#include "driver/failures.h"
+#include "driver/reportstream.h"
+#include "driver/runrecord.h"
+#include "report/fixedtable.h"
+#include "report/hypotheses.h"
+#include "report/matrixtables.h"
+#include "report/stream.h"
+#include "report/variancetables.h"
+
+namespace kdr {
+
+namespace {
+
+constexpr const char* textheading = "\fTHE AVERAGED RESULTS FOR THIS ";
+constexpr const char* htmlheading = "<h2>The Averaged Results for this ";
+
+// A line with its end; false at the end of the file.
+bool readline(std::FILE* file, std::string& line) {
+  line.clear();
+  for (int c = std::fgetc(file); c != EOF; c = std::fgetc(file)) {
+    line += static_cast<char>(c);
+    if (c == '\n') return true;
+  }
+  return !line.empty();
+}
+
+void heading() {
+  reporttext("%s%s\n", textheading, run.series.pvmode ? "PLAUSIBLE VALUE RUN" : "MULTIPLE IMPUTATION RUN");
+  reporthtml("%s%s</h2>\n", htmlheading, run.series.pvmode ? "Plausible Value Run" : "Multiple Imputation Run");
+}
+
+void failednote(std::span<const int> failed) {
+  if (failed.empty()) return;
+  report2("\nThese results do not reflect the failed sub%s", "<br>\nThese results do not reflect the failed sub%s",
+          failed.size() == 1 ? "analysis: " : "analyses: ");
+  for (const int index : failed) report("%d ", index + 1);
+  reportbreak();
+  reportbreak();
+}
+
+void level1(const Pooled& pooled, const AveragedFrame& frame) {
+  const Symbols& sym = run.sym;
+  if (!frame.sigma2fixed) reportline(" %s = %s", sym.symvar1.c_str(), fixedpoint(pooled.sigma2, 12, 5).c_str());
+  if (pooled.zerovar != 0) {
+    reportbreak();
+    reportline("Standard errors for %s,%s,%s are not computable.", sym.symvar1.c_str(), sym.symvar2.c_str(),
+               sym.symvar3.c_str());
+  } else if (pooled.errorsknown && !frame.sigma2fixed) {
+    reportbreak();
+    reportline(" Standard Error of %s = %s", sym.symvar1.c_str(), fixedpoint(pooled.sigma2error, 12, 5).c_str());
+  }
+}
+
+void partialnote(const Pooled& pooled, const char* what) {
+  if (pooled.units3 != run.mdm.nunits3) partialdatanote(what, pooled.units3, run.mdm.nunits3);
+}
+
+void covariances(const Pooled& pooled, int q, int r) {
+  taupitable(MatrixTitle::plain, false, q, pooled.taupi.data());
+  if (pooled.errorsknown) taupitable(MatrixTitle::standarderror, false, q, pooled.taupierrors.data());
+  correlationtable(1, q, pooled.taupi.data());
+  reliabilitytable(q, pooled.reliability2.data(), 1);
+  partialnote(pooled, "reliability estimates");
+  taubetatable(MatrixTitle::plain, false, r, pooled.taubeta.data());
+  if (pooled.errorsknown) taubetatable(MatrixTitle::standarderror, false, r, pooled.taubetaerrors.data());
+  correlationtable(2, r, pooled.taubeta.data());
+  reliabilitytable(r, pooled.reliability3.data(), 2);
+  partialnote(pooled, "reliability estimates");
+}
+
+// The tables and tests of the pooled fixed effects under one covariance.
+void effecttables(const Array<double>& gamma, const PooledCovariance& covariance, const AveragedFrame& frame,
+                  TableKind kind) {
+  const int g = static_cast<int>(gamma.size());
+  FixedDegrees degrees{covariance.df.copy(), frame.degrees.rough.copy()};
+  fixedtable(degrees, kind, covariance.variance.data(), gamma.data(), g, 1.0);
+  ratiotable(degrees, kind, covariance.variance.data(), gamma.data(), g, 1.0);
+  if (run.model.nhypotheses) hypothesistest(g, gamma.data(), covariance.covariance.data(), g);
+}
+
+void fixedeffects(const PooledEffects& effects, const AveragedFrame& frame) {
+  const bool plausible = run.series.pvmode;
+  effecttables(effects.gamma, effects.model, frame, plausible ? TableKind::averagedpv : TableKind::averagedmi);
+  if (effects.robust.known) {
+    effecttables(effects.gamma, effects.robust, frame,
+                 plausible ? TableKind::averagedrobustpv : TableKind::averagedrobustmi);
+  } else if (!plausible) {
+    report2("\nThe robust standard errors cannot be computed for this model.\n",
+            "<br>\nThe robust standard errors cannot be computed for this model.<br>\n");
+  }
+}
+
+void variances(const Pooled& pooled, const AveragedFrame& frame, int q, int r) {
+  variancetable(1, q, pooled.testunits2, pooled.testunits3, frame.nterms2.data(), frame.nfixedterms2.data(),
+                pooled.taupi.data(), pooled.chisq2.data(), pooled.sigma2);
+  partialnote(pooled, "chi-square statistics");
+  variancetable(2, r, pooled.testunits3, 0, frame.nterms3.data(), nullptr, pooled.taubeta.data(), pooled.chisq3.data(),
+                pooled.sigma2);
+  partialnote(pooled, "chi-square statistics");
+}
+
+}  // namespace
+
+std::string averagedreportname() {
+  if (reportisstdout()) return {};
+  return run.files.outbase + (run.report.html ? "_avg.html" : ".avg");
+}
+
+void startaveragedreport() {
+  const std::string name = averagedreportname();
+  if (name.empty()) return;
+  for (const std::string* input : {&run.files.mdmfile, &run.files.cmdfile})
+    if (samefile(name, *input)) stopwith("The averaged report %s is an input file of this run\n", name.c_str());
+  std::FILE* sub = run.report.stream;
+  std::fflush(sub);
+  const off_t place = ftello(sub);
+  std::rewind(sub);
+  std::FILE* averaged = openfile(name, "w");
+  constexpr const char* lead = "  Output file name";
+  for (std::string line; readline(sub, line);) {
+    const std::size_t sign = strncasecmp(line.c_str(), lead, 18) == 0 ? line.find('=') : std::string::npos;
+    if (sign != std::string::npos)
+      line = line.substr(0, sign + 2) + escaped(name) + (run.report.html ? "<br>\n" : "\n");
+    std::fputs(line.c_str(), averaged);
+  }
+  closechk(averaged);
+  fseeko(sub, place, SEEK_SET);
+}
+
+void openaveragedreport() {
+  const std::string name = averagedreportname();
+  if (name.empty()) {
+    run.report.stream = stdout;
+    return;
+  }
+  std::FILE* file = openfile(name, samefile(name, name) ? "r+" : "w");
+  // A first attempt at the averages may have been killed while it wrote.
+  const std::string lead = run.report.html ? htmlheading : textheading;
+  std::string line;
+  off_t end = 0;
+  while (readline(file, line) && line.compare(0, lead.size(), lead) != 0) end += static_cast<off_t>(line.size());
+  if (fseeko(file, end, SEEK_SET) != 0 || ftruncate(fileno(file), end) != 0) fail(5);
+  run.report.stream = file;
+}
+
+void averagedreport(const Pooled* pooled, const AveragedFrame& frame, std::span<const int> failed) {
+  const int paphase = std::exchange(run.pass.paphase, 0);
+  heading();
+  if (run.series.mimode) failednote(failed);
+  if (pooled == nullptr) {
+    reportline("No analysis of the series is usable, so there are no results to average.");
+    run.pass.paphase = paphase;
+    return;
+  }
+  if (pooled->M == 1) reportline("Only one analysis of the series is usable; its results are not averages.");
+  const int q = static_cast<int>(pooled->reliability2.size()), r = static_cast<int>(pooled->reliability3.size());
+  level1(*pooled, frame);
+  covariances(*pooled, q, r);
+  fixedeffects(pooled->effects, frame);
+  variances(*pooled, frame, q, r);
+  if (!pooled->popaverage.gamma.empty()) {
+    run.pass.paphase = 1;
+    fixedeffects(pooled->popaverage, frame);
+  }
+  run.pass.paphase = paphase;
+}
+
+}  // namespace kdr

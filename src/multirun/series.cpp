@@ -1,0 +1,207 @@
+#include "multirun/series.h"
+
+#include <cassert>
+#include <cstdio>
+#include <cstring>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "driver/failures.h"
+#include "driver/reportstream.h"
+#include "driver/runrecord.h"
+#include "kernel/sizes.h"
+#include "multirun/resultstore.h"
+#include "report/modelrows.h"
+#include "report/stream.h"
+
+namespace kdr {
+
+namespace {
+
+struct Series {
+  bool begun = false;  // the store was created or joined
+  bool pooled = false;
+  SubrunShape shape;
+  std::vector<SubrunRecord> records;  // of this process: one of a data set, all of plausible values
+  std::optional<AveragedFrame> frame;
+  Pooled averages;
+};
+Series series;
+
+bool inseries() { return run.series.mimode || run.series.pvmode; }
+
+// FNV-1a over what makes the estimates of two data sets comparable: kind of model, equations with their variables,
+// random effects, centering, constraints and weights. The data, the iteration limits and the output are not part of it.
+class Fingerprint {
+ public:
+  void add(long long value) {
+    for (int i = 0; i < 8; ++i) hash = (hash ^ ((static_cast<unsigned long long>(value) >> (8 * i)) & 0xFF)) * prime;
+  }
+  void add(const Name& name) {
+    for (int i = 0; i < 8; ++i) hash = (hash ^ static_cast<unsigned char>(name.text[i])) * prime;
+  }
+  [[nodiscard]] unsigned long long value() const { return hash; }
+
+ private:
+  static constexpr unsigned long long prime = 1099511628211ULL;
+  unsigned long long hash = 14695981039346656037ULL;
+};
+
+void addvariable(Fingerprint& print, const Array<Name>& names, const Array<int>& center, int variable) {
+  if (at(variable) < names.size()) print.add(names[at(variable)]);
+  print.add(at(variable) < center.size() ? center[at(variable)] : 0);
+}
+
+unsigned long long fingerprint(const ModelRows& rows) {
+  Fingerprint print;
+  const ModelSpec& model = run.model;
+  for (const int value : {run.kind.nonlin, run.kind.ordinal ? 1 : 0, run.kind.ncat, run.kind.nointercept1 ? 1 : 0,
+                          run.iter.fixsigma2 != 0.0 ? 1 : 0})
+    print.add(value);
+  for (const int variable :
+       {run.kind.outvar, run.kind.nlcount ? run.kind.nlcntvar : 0, run.out.autovknown, run.out.wgtvar1})
+    print.add(run.mdm.names1[at(variable)]);
+  print.add(run.mdm.names2[at(run.out.wgtvar2)]);
+  print.add(run.mdm.names3[at(run.out.wgtvar3)]);
+  for (const CoefficientRow& row : rows.coefficients) {
+    print.add(row.random ? 1 : 0);
+    addvariable(print, run.mdm.names1, model.center1, row.threshold ? 0 : row.variable);
+  }
+  for (const TermRow& row : rows.terms) {
+    print.add(2 * row.owner + (row.random ? 1 : 0));
+    addvariable(print, run.mdm.names2, model.center2, row.variable);
+  }
+  for (const EffectRow& row : rows.effects) {
+    print.add(row.term);
+    print.add(row.constraint);
+    addvariable(print, run.mdm.names3, model.center3, row.variable);
+  }
+  return print.value();
+}
+
+void stopunusable(const std::string& problem) { stopwith("%s\n", problem.c_str()); }
+
+// All usable sub-runs; `failed` gets the indices of the others. False, with the sentence on the console, when the store
+// isn't usable.
+bool gather(std::vector<SubrunRecord>& records, std::vector<int>& failed) {
+  if (run.series.pvmode) {
+    records = std::move(series.records);
+    return true;
+  }
+  StoreHead head;
+  if (const std::string problem = readstore(series.shape, head, &records); !problem.empty()) {
+    std::printf("%s\n", problem.c_str());
+    return false;
+  }
+  if (!series.records.empty()) {
+    head.mistatus[run.series.miindex] = 1;
+    records.push_back(std::move(series.records[0]));
+  }
+  for (int i = 0; i < head.nsets; ++i)
+    if (head.mistatus[i] == 0) failed.push_back(i);
+  return true;
+}
+
+// The averages into the open report.
+bool writeaverages() {
+  std::vector<SubrunRecord> records;
+  std::vector<int> failed;
+  if (!gather(records, failed)) return false;
+  openaveragedreport();
+  const Array<int>& df = series.frame->degrees.df;
+  if (!records.empty()) series.averages = pool(series.shape, records, {df.data(), df.size()});
+  averagedreport(records.empty() ? nullptr : &series.averages, *series.frame, failed);
+  series.pooled = true;
+  return true;
+}
+
+}  // namespace
+
+SubrunShape seriesshape() {
+  SubrunShape shape;
+  const ModelRows rows = modelrows();
+  for (const CoefficientRow& row : rows.coefficients) shape.q += row.random ? 1 : 0;
+  for (const TermRow& row : rows.terms) shape.r += row.random ? 1 : 0;
+  for (const EffectRow& row : rows.effects) shape.g += row.constraint < 0 ? 0 : 1;
+  shape.fisher = run.iter.fishertype != 0;
+  shape.popaverage = run.kind.nonlin == 1 || run.kind.nonlin == 2;
+  shape.model = fingerprint(rows);
+  return shape;
+}
+
+void beginseries() {
+  if (!inseries()) return;
+  if (run.series.mimode && run.series.pvmode)
+    stopwith("A run cannot be a data set of a multiple imputation and a series of plausible values at once.\n");
+  const SubrunShape shape = seriesshape();
+  SeriesMode& mode = run.series;
+  if (mode.mimode && !mode.mifirst) {
+    StoreHead head;
+    if (const std::string problem = joinstore(shape, mode.miindex, head); !problem.empty()) stopunusable(problem);
+    mode.nsets = head.nsets;
+    std::memcpy(mode.mistatus, head.mistatus, sizeof mode.mistatus);
+  } else if (mode.mimode || mode.pvfirst) {
+    startaveragedreport();
+    if (mode.mimode) {
+      createstore(shape);
+      mode.nsets = 1;
+      mode.mifirst = false;
+    }
+  }
+  series.shape = shape;
+  series.begun = true;
+}
+
+void setseriesframe(AveragedFrame frame) {
+  if (inseries()) series.frame = std::move(frame);
+}
+
+void storesubrun(SubrunRecord record) {
+  if (!inseries()) return;
+  assert(record.taupi.size() == square(series.shape.q) && record.taubeta.size() == square(series.shape.r));
+  assert(record.effects.gammahat.size() == at(series.shape.g));
+  series.records.push_back(std::move(record));
+}
+
+bool lastsubrun() {
+  const SeriesMode& mode = run.series;
+  if (mode.mimode) return mode.milast;
+  return mode.pvmode && mode.pvindex == mode.nsets - 1;
+}
+
+const Pooled* poolseries() {
+  if (!inseries() || !lastsubrun()) return nullptr;
+  closereport();
+  if (!writeaverages()) {
+    series.pooled = true;  // the stop has nothing to add
+    stoprun(100);
+  }
+  if (run.series.mimode) removestore();
+  return series.averages.M > 0 ? &series.averages : nullptr;
+}
+
+void closeseries(int code) {
+  if (!run.series.mimode) return;
+  if (!run.series.milast) {
+    if (!series.begun || code != 0 || series.records.empty()) return;
+    if (const std::string problem = appendrecord(series.shape, run.series.miindex, series.records[0]); !problem.empty())
+      std::printf("%s\n", problem.c_str());
+    return;
+  }
+  if (series.pooled) return;
+  if (!series.begun || !series.frame) {
+    std::printf(
+        "The last data set of the series failed before its model was known, so nothing was averaged. The "
+        "other results are kept in %s.\n",
+        storename);
+    return;
+  }
+  series.records.clear();
+  if (!writeaverages()) return;
+  closereport();
+  removestore();
+}
+
+}  // namespace kdr
