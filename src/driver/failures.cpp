@@ -114,7 +114,7 @@ void waitabit() {
 }
 
 void closefailedreport() {
-  if (run.report.stream == nullptr || run.pass.linear()) return;
+  if (run.report.stream == nullptr || run.kind.linear()) return;
   cutreport();
   reporthtml("</body></html>\n");
 }

@@ -94,13 +94,18 @@ struct ModelKind {
   Name outname{};             // the outcome as reported
   bool nointercept1 = false;  // the level-1 equation has no INTRCPT1: level-1 subscripts start at 1
   bool weighted = false;      // a design weight is in force
+  bool nlrun = false;         // under way as a Bernoulli, binomial or Poisson run
+  bool mnrun = false;         // under way as a multinomial or ordinal run
+  [[nodiscard]] bool linear() const { return !nlrun && !mnrun; }
   Array<Name> categorylabel;  // ncat labels of a multinomial or ordinal outcome
 };
 
 // Numbers and labels of the coefficients, counted once the model is complete.
 struct Coefficients {
-  int npi = 0;          // level-1 coefficients of all sets. During a pass of the estimation: the order of taupi
-  int nbeta = 0;        // level-2 coefficients of all sets. During a pass: the order of taubeta
+  int npi = 0;          // level-1 coefficients of all sets
+  int nbeta = 0;        // level-2 coefficients of all sets
+  int ntaupi = 0;       // those random at level 2: the order of taupi
+  int ntaubeta = 0;     // those random at level 3: the order of taubeta
   int ngamma = 0;       // fixed effects of all sets; without the constrained ones once the constraints are applied
   Array<Name> pinames;  // labels of the level-1 coefficients; before the run those without a random
                         // effect are removed, so that entry i labels row i of taupi
@@ -201,8 +206,6 @@ struct DesignWeights {
 
 // Where the estimation stands; read by the report and by the phases of a non-linear run.
 struct PassFlags {
-  bool nlrun = false;        // under way as a Bernoulli, binomial or Poisson run
-  bool mnrun = false;        // under way as a multinomial or ordinal run
   bool nlfirstpass = false;  // the linear first pass of a non-linear run
   int paphase = 0;           // not 0: a population-average pass runs
   bool finalpass = false;    // last pass of a non-linear run
@@ -211,7 +214,6 @@ struct PassFlags {
   bool rescaletau = false;  // the pass after the first one
   int stopflag = 0;         // the iterations are to end
   int keyboardstop = 0;     // the user ended them
-  [[nodiscard]] bool linear() const { return !nlrun && !mnrun; }
 };
 
 struct RunRecord {

@@ -324,8 +324,8 @@ void allocatesums(Pass& pass) {
   const auto anyextra = [](const IntTable& counts) {
     return std::any_of(counts.cells.begin(), counts.cells.end(), [](int n) { return n != 0; });
   };
-  openstore(pass.store, pass.p, pass.nbeta, at(run.mdm.nunits2), run.mdm.nvar2, residuals || run.pass.nlrun,
-            residuals || !run.pass.linear() || anyextra(run.model.nextra2), run.kind.weighted);
+  openstore(pass.store, pass.p, pass.nbeta, at(run.mdm.nunits2), run.mdm.nvar2, residuals || run.kind.nlrun,
+            residuals || !run.kind.linear() || anyextra(run.model.nextra2), run.kind.weighted);
 }
 
 }  // namespace

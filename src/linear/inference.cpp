@@ -233,7 +233,7 @@ void robustcovariance(Pass& pass, const FixedDegrees& degrees, bool leastsquares
     return;
   }
   const TableKind kind =
-      leastsquares && run.pass.paphase == 0 && !run.pass.mnrun ? TableKind::leastsquaresrobust : TableKind::robust;
+      leastsquares && run.pass.paphase == 0 && !run.kind.mnrun ? TableKind::leastsquaresrobust : TableKind::robust;
   fixedtable(degrees, kind, robust.data(), run.est.gammahat.data(), g, 1.0);
   ratiotable(degrees, kind, robust.data(), run.est.gammahat.data(), g, 1.0);
   if (fewlevel3units())

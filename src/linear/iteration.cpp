@@ -198,7 +198,7 @@ void reportlikelihood(const TailEntry& entry) {
 
 void showlikelihood(int iteration, double loglik) {
   if (reportisstdout()) return;
-  if (run.pass.linear()) {
+  if (run.kind.linear()) {
     std::printf("The value of the log-likelihood function at iteration %d = %E\n", iteration, loglik);
   } else {
     std::printf("For macro %d/micro iteration %d, the log-likelihood is = %E\n", run.pass.macrocounter, iteration,
@@ -246,7 +246,7 @@ void askinterrupt() {
 
 void asklimit(IterationState& state, int iteration) {
   constexpr int farlimit = 10000;
-  if (run.pass.stopflag || run.pass.keyboardstop || !run.pass.linear() || iteration != run.iter.numit) return;
+  if (run.pass.stopflag || run.pass.keyboardstop || !run.kind.linear() || iteration != run.iter.numit) return;
   bool goon = run.iter.numitcontinue == 1;
   if (run.iter.numitcontinue == 2)
     goon = askyesno(
@@ -278,7 +278,7 @@ void endofiteration(Pass& pass, IterationState& state, const Attempt& attempt, c
   if (atlimit) ++run.pass.stopflag;
   const bool last = run.pass.stopflag || progress.tailcounter;
   if (run.iter.debug || last) iterationresults(pass, state, iteration);
-  if ((run.pass.nlrun || run.iter.debug || last || iteration < 6) && (run.out.fulloutput || run.pass.stopflag))
+  if ((run.kind.nlrun || run.iter.debug || last || iteration < 6) && (run.out.fulloutput || run.pass.stopflag))
     reportlikelihood({iteration, state.likelihood.current});
 }
 

@@ -17,7 +17,7 @@ namespace kdr {
 namespace {
 
 void heading(const IterationState& state, int iteration) {
-  if (!run.pass.linear()) {
+  if (!run.kind.linear()) {
     resultsheading(run.est.sigma2);
     return;
   }
@@ -88,7 +88,7 @@ void sigma2lines(const StandardErrors& errors) {
   if (run.iter.fixsigma2 == 0.0) {
     reportline(" %s = %12.5f", symbol, run.est.sigma2);
     if (errors.known) reportline(" Standard error of %s = %12.5f", symbol, errors.sigma2);
-  } else if (!run.pass.nlrun) {
+  } else if (!run.kind.nlrun) {
     reportbreak();
     if (run.out.autovknown != 0) {
       reportline(" %s = %s (Known)", symbol, bareword(run.mdm.names1[run.out.autovknown]).c_str());

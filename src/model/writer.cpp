@@ -41,7 +41,7 @@ std::string namelist(const Array<Name>& names, const int* list, int n) {
   return joined(pieces, ",");
 }
 
-bool linearrun() { return run.pass.linear(); }
+bool linearrun() { return run.kind.linear(); }
 
 std::string continuesuffix() { return run.iter.numitcontinue == 0 ? ",N" : run.iter.numitcontinue == 1 ? ",Y" : ""; }
 
@@ -105,7 +105,7 @@ void writelevel1(std::FILE* out, int e, const std::string& outcome) {
   // A non-linear run's line names the working outcome and has no centering marks. The comment before it keeps both, and
   // the reader takes them from there.
   std::fprintf(out, "#LEVEL1:%s=%s\n", outcome.c_str(), level1terms(e, true).c_str());
-  std::fprintf(out, "LEVEL1:%s=%s\n", run.pass.nlrun ? "Z" : outcome.c_str(), level1terms(e, false).c_str());
+  std::fprintf(out, "LEVEL1:%s=%s\n", run.kind.nlrun ? "Z" : outcome.c_str(), level1terms(e, false).c_str());
 }
 
 void writeset(std::FILE* out, int e, const std::string& outcome) {
@@ -133,7 +133,7 @@ void writeequations(std::FILE* out, const std::string& path) {
   const std::string& next = run.files.tempname1;
   const bool nextpass = !next.empty() && beginswith(path, next);
   const std::string outcome = nextpass ? nameof(run.mdm.names1, run.kind.outvar) : leftname(run.kind.outname);
-  const int sets = run.pass.mnrun && !run.kind.ordinal ? run.kind.ncat - 1 : 1;
+  const int sets = run.kind.mnrun && !run.kind.ordinal ? run.kind.ncat - 1 : 1;
   for (int e = 0; e < sets; ++e) writeset(out, e, outcome);
 }
 

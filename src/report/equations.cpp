@@ -86,9 +86,9 @@ void poissonfamily() {
 }
 
 void singlelevel1(const ModelRows& rows) {
-  if (run.pass.nlrun && run.kind.nonlin == 2) {
+  if (run.kind.nlrun && run.kind.nonlin == 2) {
     poissonfamily();
-  } else if (run.pass.nlrun) {
+  } else if (run.kind.nlrun) {
     bernoullifamily();
   } else {
     linelead();
@@ -104,7 +104,7 @@ void singlelevel1(const ModelRows& rows) {
     report(" ");
     first = false;
   }
-  if (run.pass.linear() && !run.kind.nlcount) report("+ %s", ofrecord(run.sym.syme.c_str()).c_str());
+  if (run.kind.linear() && !run.kind.nlcount) report("+ %s", ofrecord(run.sym.syme.c_str()).c_str());
   reportbreak();
 }
 
@@ -193,7 +193,7 @@ void ordinallevel1(const ModelRows& rows) {
 
 void level1model(const ModelRows& rows) {
   report2("\nLevel-1 Model\n\n", "<h4>Level-1 Model</h4>\n");
-  if (!run.pass.mnrun) {
+  if (!run.kind.mnrun) {
     singlelevel1(rows);
   } else if (run.kind.ordinal) {
     ordinallevel1(rows);
@@ -207,7 +207,7 @@ void level1model(const ModelRows& rows) {
 // "(category)" behind the subscripts of a multinomial run.
 std::string categorymark(int set) {
   std::string mark;
-  if (run.pass.mnrun && multinomialrun()) mark.append("(").append(categoryof(set)).append(")");
+  if (run.kind.mnrun && multinomialrun()) mark.append("(").append(categoryof(set)).append(")");
   return mark;
 }
 
@@ -232,7 +232,7 @@ void level2equation(const ModelRows& rows, const CoefficientRow& coefficient, co
 
 void level2model(const ModelRows& rows) {
   report2("\nLevel-2 Model\n\n", "<h4>Level-2 Model</h4>\n");
-  const char* indent = run.pass.mnrun ? "         " : run.kind.nointercept1 ? "\t     " : "\t         ";
+  const char* indent = run.kind.mnrun ? "         " : run.kind.nointercept1 ? "\t     " : "\t         ";
   int set = 0;
   for (const CoefficientRow& coefficient : rows.coefficients) {
     if (coefficient.threshold) continue;
@@ -280,7 +280,7 @@ void constraintlines(const ModelRows& rows) {
 }
 
 void level1variance() {
-  if (!run.pass.nlrun) return;
+  if (!run.kind.nlrun) return;
   const std::string scale = run.iter.fixsigma2 == 0.0 ? run.sym.symvar1 : "1";
   const std::string p = run.report.html ? ofrecord("<i>&#981;</i>") : "P";
   const std::string l = run.report.html ? ofrecord("&lambda;") : "L";
@@ -416,11 +416,11 @@ void mixedrandom3(const ModelRows& rows) {
 }  // namespace
 
 void writemixedmodel() {
-  if (run.pass.mnrun) return;
+  if (run.kind.mnrun) return;
   const ModelRows rows = modelrows();
   report2("\n\nMixed Model\n", "<h4>Mixed Model</h4>\n");
   reportblank(4);
-  report("%s = ", (!run.pass.nlrun   ? variable(run.kind.outname, run.sym.symsub)
+  report("%s = ", (!run.kind.nlrun   ? variable(run.kind.outname, run.sym.symsub)
                    : run.report.html ? ofrecord("&eta;")
                                      : std::string("eta"))
                       .c_str());
@@ -428,7 +428,7 @@ void writemixedmodel() {
   if (rows.effects.size() > 4) mixedbreak(4);
   if (mixedrandom2(rows) > 3) mixedbreak(4);
   mixedrandom3(rows);
-  if (run.pass.linear() && run.iter.fixsigma2 == 0.0 && !run.kind.nlcount)
+  if (run.kind.linear() && run.iter.fixsigma2 == 0.0 && !run.kind.nlcount)
     report("+ %s", ofrecord(run.sym.syme.c_str()).c_str());
   reportbreak();
 }

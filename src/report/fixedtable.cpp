@@ -117,7 +117,7 @@ void numbercell(const char* style, double value, int width, int decimals) {
 }
 
 void outcomeline(TableKind kind) {
-  if (run.pass.nlrun) {
+  if (run.kind.nlrun) {
     report(" The outcome variable is %s\n\n", eightcolumns(run.kind.outname).c_str());
   } else if (kind == TableKind::averagedpv || kind == TableKind::averagedrobustpv) {
     report(" The %s variables are: ", run.series.pvpredictor != 0 ? "plausible" : "outcome");
@@ -134,12 +134,12 @@ void outcomeline(TableKind kind) {
 
 // The words that tell which of the models of a non-linear run a table belongs to.
 const char* modelsuffix() {
-  if (!run.pass.nlrun) return "";
+  if (!run.kind.nlrun) return "";
   if (run.pass.nlfirstpass) return " (linear model with identity link function)";
   return run.pass.paphase != 0 ? " (Population-average model)" : " (Unit-specific model)";
 }
 const char* robustlead() {
-  if (!run.pass.nlrun || run.pass.nlfirstpass) return " (";
+  if (!run.kind.nlrun || run.pass.nlfirstpass) return " (";
   return run.pass.paphase != 0 ? " (Population-average model " : " (Unit-specific model ";
 }
 
@@ -284,7 +284,7 @@ void fixedtable(const FixedDegrees& degrees, TableKind kind, const double* varia
 
 void ratiotable(const FixedDegrees& degrees, TableKind kind, const double* variance, const double* gamma, int stride,
                 double scale) {
-  if (run.pass.linear()) return;
+  if (run.kind.linear()) return;
   const Source source{degrees, kind, variance, gamma, stride, scale};
   const std::vector<int> openings = setopenings();
   ratioheads();

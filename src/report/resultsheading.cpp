@@ -13,14 +13,14 @@ void resultsheading(double sigma2) {
   if (run.report.stream != nullptr && run.report.reportpos != -999)
     fseeko(run.report.stream, run.report.reportpos, SEEK_SET);
 
-  if (pass.mnrun) {
+  if (run.kind.mnrun) {
     report2("\fRESULTS FOR %s", "<h2>Final Results for %s",
             run.kind.ordinal ? (run.report.html ? "Ordinal" : "ORDINAL")
                              : (run.report.html ? "Multinomial" : "MULTINOMIAL"));
     report2(" ITERATION %d\n\n", " Iteration %d</h2>", pass.macrocounter);
-  } else if (pass.nlrun && !pass.nlfirstpass && pass.paphase != 0) {
+  } else if (run.kind.nlrun && !pass.nlfirstpass && pass.paphase != 0) {
     report2("\n\nRESULTS FOR POPULATION-AVERAGE MODEL\n\n", "<h2>Results for Population-Average Model</h2>\n");
-  } else if (pass.nlrun && !pass.nlfirstpass) {
+  } else if (run.kind.nlrun && !pass.nlfirstpass) {
     report2("\fRESULTS FOR NON-LINEAR MODEL WITH THE LOG", "<h2>Results for Non-linear Model with the Log");
     if (run.kind.nonlin == 1) report2("IT", "it");
     report2(" LINK FUNCTION:\n  ", " Link Function<br><small>");

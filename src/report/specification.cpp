@@ -30,8 +30,8 @@ const char* distribution() {
 void runheading() {
   reportbreak();
   report2(" Specifications for this ", "<h2>Specifications for this ");
-  if (run.pass.nlrun && run.iter.fixsigma2 == 0.0) report("Overdispersed ");
-  if (!run.pass.linear()) report("%s ", distribution());
+  if (run.kind.nlrun && run.iter.fixsigma2 == 0.0) report("Overdispersed ");
+  if (!run.kind.linear()) report("%s ", distribution());
   report("%s run", module);
   report2("\n\n\n", "</h2>");
 }
@@ -39,9 +39,9 @@ void runheading() {
 void estimationmethod() {
   const bool likelihood = run.iter.laplace || run.iter.agqpoints != 0;
   report("  Method of estimation: full");
-  if (run.pass.linear()) {
+  if (run.kind.linear()) {
     report(" maximum likelihood");
-  } else if (run.pass.mnrun || !likelihood) {
+  } else if (run.kind.mnrun || !likelihood) {
     report(" PQL");
   } else {
     report(" maximum likelihood");
@@ -65,7 +65,7 @@ void seriesfacts() {
 }
 
 void nonlinearfacts() {
-  if (run.pass.linear()) return;
+  if (run.kind.linear()) return;
   report("  Maximum number of macro iterations = %d\n", run.iter.macroit);
   reportbreak();
   if (run.iter.agqpoints != 0) reportline("  Number of adaptive Gaussian quadrature points = %d", run.iter.agqpoints);
@@ -86,9 +86,9 @@ void facts() {
   reportline("  The maximum number of level-1 units = %d", run.mdm.nunits1);
   reportline("  The maximum number of level-2 units = %d", run.mdm.nunits2);
   reportline("  The maximum number of level-3 units = %d", run.mdm.nunits3);
-  report("  The maximum number of %siterations = %d\n", run.pass.linear() ? "" : "micro ", run.iter.numit);
+  report("  The maximum number of %siterations = %d\n", run.kind.linear() ? "" : "micro ", run.iter.numit);
   reportbreak();
-  if (run.pass.mnrun) reportline("  Number of categories = %d", run.kind.ncat);
+  if (run.kind.mnrun) reportline("  Number of categories = %d", run.kind.ncat);
   estimationmethod();
   seriesfacts();
   nonlinearfacts();

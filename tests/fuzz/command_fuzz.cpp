@@ -47,8 +47,8 @@ bool readandwrite(const char* from, const char* to) {
     makeconstraints();
     compactlists();
     run.kind.outname = run.mdm.names1[static_cast<std::size_t>(run.kind.outvar)];
-    run.pass.nlrun = run.kind.nonlin == 1 || run.kind.nonlin == 2;
-    run.pass.mnrun = run.kind.nonlin == 3;
+    run.kind.nlrun = run.kind.nonlin == 1 || run.kind.nonlin == 2;
+    run.kind.mnrun = run.kind.nonlin == 3;
     applyconstraints();
   } catch (const Stopped& stopped) {
     if (stopped.code < 8 || (stopped.code > 10 && stopped.code != 100)) std::abort();

@@ -35,8 +35,8 @@ Outcome converse(const std::string& text, const std::string& answers) {
     outputquestions();
     compactlists();
     run.kind.outname = run.mdm.names1[static_cast<std::size_t>(run.kind.outvar)];
-    run.pass.nlrun = run.kind.nonlin == 1 || run.kind.nonlin == 2;
-    run.pass.mnrun = run.kind.nonlin == 3;
+    run.kind.nlrun = run.kind.nonlin == 1 || run.kind.nonlin == 2;
+    run.kind.mnrun = run.kind.nonlin == 3;
     applyconstraints();
     writecommandfile("new.kdr");
   });

@@ -25,7 +25,7 @@ void preparerun() {
   makeconstraints();
   compactlists();
   run.kind.outname = run.mdm.names1[static_cast<std::size_t>(run.kind.outvar)];
-  if (run.iter.macroit != 0 && run.kind.nonlin != 0) (run.kind.nonlin == 3 ? run.pass.mnrun : run.pass.nlrun) = true;
+  if (run.iter.macroit != 0 && run.kind.nonlin != 0) (run.kind.nonlin == 3 ? run.kind.mnrun : run.kind.nlrun) = true;
   applyconstraints();
   run.files.sourcename = "s.mdm";
 }

@@ -154,7 +154,7 @@ TEST(RatioTable, WritesIntervalsInANonlinearRunOnly) {
   for (int i = 0; i < 5; ++i) variance[i * 6] = 1.0;
   const auto write = [&] { ratiotable(degrees, TableKind::estimates, variance, gamma, 5, 1.0); };
   EXPECT_EQ(capturedtable(false, write), "");
-  run.pass.nlrun = true;
+  run.kind.nlrun = true;
   run.kind.nonlin = 2;
   const std::string text = capturedtable(false, write);
   EXPECT_NE(text.find("                                         Event Rate     Confidence\n"), std::string::npos);

@@ -209,7 +209,7 @@ TEST_P(Families, HeadingEquationAndVariance) {
   const FamilyCase& c = GetParam();
   startmodel({"Y", "N"}, {}, {});
   setmodel({{0, true, {{0, {0}}}}});
-  run.pass.nlrun = true;
+  run.kind.nlrun = true;
   run.kind.nonlin = c.nonlin;
   run.kind.nlcount = c.count;
   run.kind.nlcntvar = 2;
@@ -236,7 +236,7 @@ TEST(Specification, OrdinalEquations) {
   startmodel({"Y", "X", "THOLD2"}, {}, {});
   run.mdm.nvar1 = 2;
   run.kind.nonlin = 3;
-  run.kind.ordinal = run.pass.mnrun = true;
+  run.kind.ordinal = run.kind.mnrun = true;
   run.kind.ncat = 3;
   run.kind.categorylabel.reset(3);
   for (std::size_t k = 0; k < 3; ++k) run.kind.categorylabel[k].text[0] = static_cast<char>('1' + k);
@@ -265,7 +265,7 @@ TEST(Specification, MultinomialEquationsAndTables) {
   run.kind.neqsets = 2;
   run.kind.categorylabel.reset(3);
   for (std::size_t k = 0; k < 3; ++k) run.kind.categorylabel[k].text[0] = static_cast<char>('1' + k);
-  run.pass.mnrun = true;
+  run.kind.mnrun = true;
   run.iter.fixsigma2 = 1.0;
   setmodel({{0, true, {{0, {0}}}}, {2, false, {{0, {0}, false}}}});
   const std::string text = specification(false);
@@ -373,7 +373,7 @@ TEST(Html, WholeReportIsWellNested) {
     droplabels();
     degreesoffreedom(degrees);
     fixedtable(degrees, TableKind::estimates, V, gamma, 6, 1.0);
-    run.pass.nlrun = true;
+    run.kind.nlrun = true;
     ratiotable(degrees, TableKind::estimates, V, gamma, 6, 1.0);
     taupitable(MatrixTitle::plain, false, 2, tau);
     taubetatable(MatrixTitle::plain, false, 3, tau);

@@ -112,7 +112,7 @@ TEST_F(Report, DoesNotOverwriteItsInput) {
 TEST_F(Report, ShorterIterationLeavesNothingOfTheLongerOne) {
   setsymbols();
   run.files.outfile = "r.txt";
-  run.pass.nlrun = true;
+  run.kind.nlrun = true;
   run.kind.nonlin = 1;
   openreport();
   report("head\n");
@@ -140,7 +140,7 @@ TEST(ResultsHeading, OfEachKindOfPass) {
   EXPECT_EQ(heading(false), "\fRESULTS FOR LINEAR MODEL WITH THE IDENTITY LINK FUNCTION\n\n sigma^2 =      2.50000\n");
   run.out.fulloutput = false;
   EXPECT_EQ(heading(false), "");
-  run.pass.nlrun = true;
+  run.kind.nlrun = true;
   run.pass.macrocounter = 4;
   run.kind.nonlin = 2;
   EXPECT_EQ(
@@ -149,8 +149,8 @@ TEST(ResultsHeading, OfEachKindOfPass) {
       "(macro iteration 4)</small></h2>\n");
   run.pass.paphase = 1;
   EXPECT_EQ(heading(false), "\n\nRESULTS FOR POPULATION-AVERAGE MODEL\n\n");
-  run.pass.nlrun = false;
-  run.pass.mnrun = true;
+  run.kind.nlrun = false;
+  run.kind.mnrun = true;
   EXPECT_EQ(heading(false), "\fRESULTS FOR MULTINOMIAL ITERATION 4\n\n");
 }
 
