@@ -202,7 +202,7 @@ void closetable() {
 void residualcovariance(const LatentRegression& regression) {
   report2("\n Var(%s*)\n", "<br>Var(%s<sup>*</sup>)<br>", run.sym.symr3.c_str());
   const std::size_t nO = regression.outcomes.size();
-  const std::vector<std::string> categories = randomcategories(2, run.coef.nbeta);
+  const std::vector<std::string> categories = randomcategories(2, run.coef.ntaubeta);
   for (std::size_t i = 0; i < nO; ++i) {
     const int coefficient = regression.outcomes[i];
     const CoefficientName name = nameof(coefficient);

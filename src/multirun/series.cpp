@@ -154,8 +154,23 @@ void beginseries() {
   series.begun = true;
 }
 
-void setseriesframe(AveragedFrame frame) {
-  if (inseries()) series.frame = std::move(frame);
+void setseriesframe(const FixedDegrees& degrees) {
+  if (!inseries()) return;
+  AveragedFrame frame{{degrees.df.copy(), degrees.rough.copy()}, {}, {}, {}, run.iter.fixsigma2 != 0.0};
+  frame.nterms2.reset(at(series.shape.q));
+  frame.nfixedterms2.reset(at(series.shape.q));
+  frame.nterms3.reset(at(series.shape.r));
+  const ModelRows rows = modelrows();
+  std::size_t nextpi = 0, nextbeta = 0;
+  for (const CoefficientRow& coefficient : rows.coefficients) {
+    for (int t = coefficient.firstterm; t < coefficient.firstterm + coefficient.nterms; ++t) {
+      const TermRow& term = rows.terms[at(t)];
+      if (term.random) frame.nterms3[nextbeta++] = term.neffects;
+      if (coefficient.random) ++(term.random ? frame.nterms2 : frame.nfixedterms2)[nextpi];
+    }
+    nextpi += coefficient.random ? 1 : 0;
+  }
+  series.frame = std::move(frame);
 }
 
 void storesubrun(SubrunRecord record) {

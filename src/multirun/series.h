@@ -22,8 +22,8 @@ namespace kdr {
 // isn't usable stops the run with one sentence and code 100. Failure 5.
 void beginseries();
 
-// Keeps what the averages' tables take from the pass.
-void setseriesframe(AveragedFrame frame);
+// Keeps what the averages' tables take from a pass: its degrees of freedom of the fixed effects, and the model's terms.
+void setseriesframe(const FixedDegrees& degrees);
 
 // Keeps the results of this sub-run. The record must have the shape of seriesshape().
 void storesubrun(SubrunRecord record);

@@ -35,15 +35,10 @@ void smallmodel() {
   stophooks.closeseries = closeseries;
 }
 
-AveragedFrame smallframe() {
-  AveragedFrame frame;
-  frame.degrees.df.reset(2);
-  frame.degrees.df.fill(18);
-  frame.degrees.rough.reset(2);
-  for (Array<int>* terms : {&frame.nterms2, &frame.nfixedterms2, &frame.nterms3}) terms->reset(1);
-  frame.nterms2[0] = 1;
-  frame.nterms3[0] = 2;
-  return frame;
+FixedDegrees smalldegrees() {
+  FixedDegrees degrees{Array<int>(2), Array<char>(2)};
+  degrees.df.fill(18);
+  return degrees;
 }
 
 // Estimates that are simple to average by hand.
@@ -110,7 +105,7 @@ class Series : public testing::Test {
       run.files.outfile = outfile;
       beginreport();
       beginseries();
-      setseriesframe(smallframe());
+      setseriesframe(smalldegrees());
       report("Results of data set %d.\n", index + 1);
       if (end == End::killed) _exit(7);
       if (end == End::failing) fail(100, "failed");
@@ -173,8 +168,8 @@ TEST_F(Series, AveragesOfThreeDataSets) {
             "Standard error of tau(pi)\n INTRCPT1,P0      1.19304 \n\n\n" +
                 rule52 + "  Random level-1 coefficient   Reliability estimate\n" + rule52 +
                 "  INTRCPT1, P0                        0.500\n" + rule52 +
-                "\ntau(beta)\n INTRCPT1    \n INTRCPT2,B00 \n    1.00000  \n\n"
-                "Standard error of tau(beta)\n INTRCPT1    \n INTRCPT2,B00 \n    0.61101  \n\n\n" +
+                "\ntau(beta)\n INTRCPT1    \n INTRCPT2,B00\n    1.00000  \n\n"
+                "Standard error of tau(beta)\n INTRCPT1    \n INTRCPT2,B00\n    0.61101  \n\n\n" +
                 rule52 + "  Random level-2 coefficient   Reliability estimate\n" + rule52 +
                 "  INTRCPT1/INTRCPT2, B00               0.250\n" + rule52);
   EXPECT_NE(averages.find("\f The outcome variable is        Y\n\n Final estimation of fixed effects:\n" + rule76),
@@ -308,7 +303,7 @@ TEST_F(Series, PlausibleValues) {
                   run.files.outbase = pass == 0 ? "" : "out";
                   beginreport();
                   beginseries();
-                  setseriesframe(smallframe());
+                  setseriesframe(smalldegrees());
                   SubrunRecord record = smallrecord(pass);
                   if (!robust && pass == 1) record.effects.robust[0] = missingcode;
                   storesubrun(std::move(record));
@@ -332,7 +327,7 @@ TEST_F(Series, NothingHappensOutsideOfOne) {
               run.files.outfile = "out.txt";
               beginreport();
               beginseries();
-              setseriesframe(smallframe());
+              setseriesframe(smalldegrees());
               storesubrun(smallrecord(0.0));
               if (lastsubrun() || poolseries() != nullptr) _exit(1);
               closereport();
