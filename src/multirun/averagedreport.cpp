@@ -153,12 +153,12 @@ void openaveragedreport() {
 }
 
 void averagedreport(const Pooled* pooled, const AveragedFrame& frame, std::span<const int> failed) {
-  const int paphase = std::exchange(run.pass.paphase, 0);
+  const PassFlags pass = std::exchange(run.pass, PassFlags{});  // the tables' words are those of a finished run
   heading();
   if (run.series.mimode) failednote(failed);
   if (pooled == nullptr) {
     reportline("No analysis of the series is usable, so there are no results to average.");
-    run.pass.paphase = paphase;
+    run.pass = pass;
     return;
   }
   if (pooled->M == 1) reportline("Only one analysis of the series is usable; its results are not averages.");
@@ -171,7 +171,7 @@ void averagedreport(const Pooled* pooled, const AveragedFrame& frame, std::span<
     run.pass.paphase = 1;
     fixedeffects(pooled->popaverage, frame);
   }
-  run.pass.paphase = paphase;
+  run.pass = pass;
 }
 
 }  // namespace kdr

@@ -23,6 +23,7 @@ namespace {
 struct Series {
   bool begun = false;  // the store was created or joined
   bool pooled = false;
+  bool sigma2fixed = false;  // by the model, whatever a pass does with it
   SubrunShape shape;
   std::vector<SubrunRecord> records;  // of this process: one of a data set, all of plausible values
   std::optional<AveragedFrame> frame;
@@ -57,8 +58,8 @@ void addvariable(Fingerprint& print, const Array<Name>& names, const Array<int>&
 unsigned long long fingerprint(const ModelRows& rows) {
   Fingerprint print;
   const ModelSpec& model = run.model;
-  for (const int value : {run.kind.nonlin, run.kind.ordinal ? 1 : 0, run.kind.ncat, run.kind.nointercept1 ? 1 : 0,
-                          run.iter.fixsigma2 != 0.0 ? 1 : 0})
+  for (const int value : {run.kind.nonlin, run.kind.linear() ? 1 : 0, run.kind.ordinal ? 1 : 0, run.kind.ncat,
+                          run.kind.nointercept1 ? 1 : 0, run.iter.fixsigma2 != 0.0 ? 1 : 0})
     print.add(value);
   for (const int variable :
        {run.kind.outvar, run.kind.nlcount ? run.kind.nlcntvar : 0, run.out.autovknown, run.out.wgtvar1})
@@ -126,7 +127,7 @@ SubrunShape seriesshape() {
   for (const TermRow& row : rows.terms) shape.r += row.random ? 1 : 0;
   for (const EffectRow& row : rows.effects) shape.g += row.constraint < 0 ? 0 : 1;
   shape.fisher = run.iter.fishertype != 0;
-  shape.popaverage = run.kind.nonlin == 1 || run.kind.nonlin == 2;
+  shape.popaverage = run.kind.nlrun;
   shape.model = fingerprint(rows);
   return shape;
 }
@@ -151,12 +152,13 @@ void beginseries() {
     }
   }
   series.shape = shape;
+  series.sigma2fixed = run.iter.fixsigma2 != 0.0;
   series.begun = true;
 }
 
 void setseriesframe(const FixedDegrees& degrees) {
   if (!inseries()) return;
-  AveragedFrame frame{{degrees.df.copy(), degrees.rough.copy()}, {}, {}, {}, run.iter.fixsigma2 != 0.0};
+  AveragedFrame frame{{degrees.df.copy(), degrees.rough.copy()}, {}, {}, {}, series.sigma2fixed};
   frame.nterms2.reset(at(series.shape.q));
   frame.nfixedterms2.reset(at(series.shape.q));
   frame.nterms3.reset(at(series.shape.r));

@@ -51,8 +51,10 @@ SubrunRecord smallrecord(double shift) {
   record.sigma2variance = 0.25;
   record.taupi[0] = 2.0 + shift;
   record.taubeta[0] = 1.0 - shift / 2.0;
-  record.taucovariance[0] = 0.09;
-  record.taucovariance[3] = 0.04;
+  if (!record.taucovariance.empty()) {
+    record.taucovariance[0] = 0.09;
+    record.taucovariance[3] = 0.04;
+  }
   record.reliability2[0] = 0.5 + shift / 10.0;
   record.reliability3[0] = 0.25;
   record.effects.gammahat[0] = 10.0 + shift;
@@ -63,6 +65,7 @@ SubrunRecord smallrecord(double shift) {
   record.testunits3 = 20;
   record.chisq2[0] = 80.0 + shift;
   record.chisq3[0] = 40.0 + shift;
+  if (!record.popaverage.gammahat.empty()) record.popaverage.gammahat[0] = 20.0 + shift;
   return record;
 }
 
@@ -284,6 +287,28 @@ TEST_F(Series, HtmlReport) {
   EXPECT_EQ(text.find(end), text.size() - end.size());
   const std::string last = contents("out_3.html");
   EXPECT_EQ(last.find(end), last.size() - end.size());
+}
+
+// Unit-specific effects, variances, population-average effects; sigma^2 is fixed, so it has neither line nor error.
+TEST_F(Series, PopulationAverageEffectsComeLast) {
+  const auto bernoulli = [] {
+    run.kind.nonlin = 1;
+    run.kind.nlrun = true;
+    run.iter.fixsigma2 = 1.0;
+    run.iter.fishertype = 0;
+    run.kind.outname = run.mdm.names1[1];
+  };
+  for (int i = 0; i < 2; ++i) ASSERT_EQ(dataset(i, i == 1, End::good, i, "out.txt", bernoulli), 0);
+  std::string text = contents("out.avg");
+  for (const char* next : {"\fTHE AVERAGED RESULTS", " (Unit-specific model)\n", " (Unit-specific model with robust",
+                           "variance components", "level-3 variance components", " (Population-average model)\n",
+                           "G000     20.500000", " (Population-average model with robust"}) {
+    const std::size_t found = text.find(next);
+    ASSERT_NE(found, std::string::npos) << next << " in\n" << contents("out.avg");
+    text = text.substr(found + 1);
+  }
+  EXPECT_EQ(contents("out.avg").find("sigma^2 ="), std::string::npos);
+  EXPECT_EQ(contents("out.avg").find("Standard error of tau"), std::string::npos);
 }
 
 // All passes in one process; a robust matrix that is missing once is missing in the averages.
