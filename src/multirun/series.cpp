@@ -195,6 +195,7 @@ const Pooled* poolseries() {
     series.pooled = true;  // the stop has nothing to add
     stoprun(100);
   }
+  std::fflush(run.report.stream);  // the store goes only once what it held stands in the report
   if (run.series.mimode) removestore();
   return series.averages.M > 0 ? &series.averages : nullptr;
 }
