@@ -7,6 +7,7 @@
 #include "driver/failures.h"
 #include "driver/questions.h"
 #include "driver/runrecord.h"
+#include "kernel/sizes.h"
 #include "model/complete.h"
 #include "model/constraints.h"
 #include "model/defaults.h"

@@ -23,6 +23,10 @@ void completemodel();
 // Takes the labels of level-2 coefficients without a random effect out of betanames1 and betanames2.
 void droprandomlesslabels();
 
+// Marks every variable of the model as one without which a level-1 record cannot be used, when records with missing
+// values are still in the file.
+void markdeletion();
+
 // Turns the residual-file lists of run.model from flags by variable into lists of indices, in order, and counts them.
 // The intercept's flag enters no list. Once per pass.
 void compactlists();

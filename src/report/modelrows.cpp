@@ -91,11 +91,11 @@ std::string categorylabel(int k) {
 
 std::string categoryof(int k) { return escaped(categorylabel(k)); }
 
-std::vector<std::string> randomcategories(int level, int n) {
+std::vector<std::string> randomcategories(Tau which, int n) {
   std::vector<std::string> categories;
   if (multinomialrun()) {
     const ModelRows rows = modelrows();
-    if (level == 1) {
+    if (which == Tau::pi) {
       for (const CoefficientRow& coefficient : rows.coefficients)
         if (coefficient.random) categories.push_back(categoryof(coefficient.set));
     } else {

@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "driver/tables.h"
+
 namespace kdr {
 
 // A level-1 coefficient.
@@ -59,7 +61,7 @@ struct ModelRows {
 [[nodiscard]] std::string categorylabel(int k);
 // The same as the report shows it.
 [[nodiscard]] std::string categoryof(int k);
-// The category of each of the n rows of taupi (level 1) or taubeta (level 2); empty texts unless multinomial.
-[[nodiscard]] std::vector<std::string> randomcategories(int level, int n);
+// The category of each of the n rows of a tau; empty texts unless multinomial.
+[[nodiscard]] std::vector<std::string> randomcategories(Tau which, int n);
 
 }  // namespace kdr
