@@ -64,48 +64,60 @@ void partialnote(const Pooled& pooled, const char* what) {
   if (pooled.units3 != run.mdm.nunits3) partialdatanote(what, pooled.units3, run.mdm.nunits3);
 }
 
-void covariances(const Pooled& pooled, int q, int r) {
-  taupitable(MatrixTitle::plain, false, q, pooled.taupi.data());
-  if (pooled.errorsknown) taupitable(MatrixTitle::standarderror, false, q, pooled.taupierrors.data());
-  correlationtable(1, q, pooled.taupi.data());
-  reliabilitytable(q, pooled.reliability2.data(), 1);
-  partialnote(pooled, "reliability estimates");
-  taubetatable(MatrixTitle::plain, false, r, pooled.taubeta.data());
-  if (pooled.errorsknown) taubetatable(MatrixTitle::standarderror, false, r, pooled.taubetaerrors.data());
-  correlationtable(2, r, pooled.taubeta.data());
-  reliabilitytable(r, pooled.reliability3.data(), 2);
+// A tau with its standard errors, correlations and reliabilities.
+void tautables(Tau which, const Pooled& pooled) {
+  const bool pi = which == Tau::pi;
+  const Array<double>& tau = pi ? pooled.taupi : pooled.taubeta;
+  const Array<double>& reliabilities = pi ? pooled.reliability2 : pooled.reliability3;
+  const int n = static_cast<int>(reliabilities.size());
+  tautable(which, MatrixTitle::plain, false, n, tau.data());
+  if (pooled.errorsknown)
+    tautable(which, MatrixTitle::standarderror, false, n, (pi ? pooled.taupierrors : pooled.taubetaerrors).data());
+  correlationtable(which, n, tau.data());
+  reliabilitytable(which, n, reliabilities.data());
   partialnote(pooled, "reliability estimates");
 }
 
 // The tables and tests of the pooled fixed effects under one covariance.
 void effecttables(const Array<double>& gamma, const PooledCovariance& covariance, const AveragedFrame& frame,
-                  TableKind kind) {
+                  TableKind kind, PassKind pass) {
+  const FixedDegrees degrees{covariance.df.copy(), frame.degrees.rough.copy()};
+  const FixedEffects effects{gamma, covariance.variance, degrees};
   const int g = static_cast<int>(gamma.size());
-  FixedDegrees degrees{covariance.df.copy(), frame.degrees.rough.copy()};
-  fixedtable(degrees, kind, covariance.variance.data(), gamma.data(), g, 1.0);
-  ratiotable(degrees, kind, covariance.variance.data(), gamma.data(), g, 1.0);
+  fixedtable(effects, kind, pass);
+  ratiotable(effects, kind);
   if (run.model.nhypotheses) hypothesistest(g, gamma.data(), covariance.covariance.data(), g);
 }
 
-void fixedeffects(const PooledEffects& effects, const AveragedFrame& frame) {
+void fixedeffects(const PooledEffects& effects, const AveragedFrame& frame, PassKind pass) {
   const bool plausible = run.series.pvmode;
-  effecttables(effects.gamma, effects.model, frame, plausible ? TableKind::averagedpv : TableKind::averagedmi);
+  effecttables(effects.gamma, effects.model, frame, plausible ? TableKind::averagedpv : TableKind::averagedmi, pass);
   if (effects.robust.known) {
     effecttables(effects.gamma, effects.robust, frame,
-                 plausible ? TableKind::averagedrobustpv : TableKind::averagedrobustmi);
+                 plausible ? TableKind::averagedrobustpv : TableKind::averagedrobustmi, pass);
   } else if (!plausible) {
     report2("\nThe robust standard errors cannot be computed for this model.\n",
             "<br>\nThe robust standard errors cannot be computed for this model.<br>\n");
   }
 }
 
-void variances(const Pooled& pooled, const AveragedFrame& frame, int q, int r) {
-  variancetable(1, q, pooled.testunits2, pooled.testunits3, frame.nterms2.data(), frame.nfixedterms2.data(),
-                pooled.taupi.data(), pooled.chisq2.data(), pooled.sigma2);
+void variances(const Pooled& pooled, const AveragedFrame& frame) {
+  const std::size_t q = pooled.chisq2.size(), r = pooled.chisq3.size();
+  Array<long long> df2(q), df3(r);
+  for (std::size_t i = 0; i < q; ++i)
+    df2[i] = pooled.testunits2 - static_cast<long long>(frame.nterms2[i]) * pooled.testunits3 - frame.nfixedterms2[i];
+  for (std::size_t i = 0; i < r; ++i) df3[i] = pooled.testunits3 - frame.nterms3[i];
+  variancetable(Tau::pi, {static_cast<int>(q), pooled.taupi.data(), pooled.chisq2.data(), df2.data(), pooled.sigma2});
   partialnote(pooled, "chi-square statistics");
-  variancetable(2, r, pooled.testunits3, 0, frame.nterms3.data(), nullptr, pooled.taubeta.data(), pooled.chisq3.data(),
-                pooled.sigma2);
+  variancetable(Tau::beta,
+                {static_cast<int>(r), pooled.taubeta.data(), pooled.chisq3.data(), df3.data(), pooled.sigma2});
   partialnote(pooled, "chi-square statistics");
+}
+
+// The pass whose estimates the averages stand for.
+PassKind finalpass() {
+  if (run.kind.mnrun) return PassKind::categories;
+  return run.kind.nlrun ? PassKind::pql : PassKind::linear;
 }
 
 }  // namespace
@@ -153,25 +165,19 @@ void openaveragedreport() {
 }
 
 void averagedreport(const Pooled* pooled, const AveragedFrame& frame, std::span<const int> failed) {
-  const PassFlags pass = std::exchange(run.pass, PassFlags{});  // the tables' words are those of a finished run
   heading();
   if (run.series.mimode) failednote(failed);
   if (pooled == nullptr) {
     reportline("No analysis of the series is usable, so there are no results to average.");
-    run.pass = pass;
     return;
   }
   if (pooled->M == 1) reportline("Only one analysis of the series is usable; its results are not averages.");
-  const int q = static_cast<int>(pooled->reliability2.size()), r = static_cast<int>(pooled->reliability3.size());
   level1(*pooled, frame);
-  covariances(*pooled, q, r);
-  fixedeffects(pooled->effects, frame);
-  variances(*pooled, frame, q, r);
-  if (!pooled->popaverage.gamma.empty()) {
-    run.pass.paphase = 1;
-    fixedeffects(pooled->popaverage, frame);
-  }
-  run.pass = pass;
+  tautables(Tau::pi, *pooled);
+  tautables(Tau::beta, *pooled);
+  fixedeffects(pooled->effects, frame, finalpass());
+  variances(*pooled, frame);
+  if (!pooled->popaverage.gamma.empty()) fixedeffects(pooled->popaverage, frame, PassKind::populationaverage);
 }
 
 }  // namespace kdr

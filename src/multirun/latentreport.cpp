@@ -8,6 +8,7 @@
 #include "driver/formatted.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
+#include "driver/tables.h"
 #include "kernel/distributions.h"
 #include "kernel/sizes.h"
 #include "report/modelrows.h"
@@ -202,7 +203,7 @@ void closetable() {
 void residualcovariance(const LatentRegression& regression) {
   report2("\n Var(%s*)\n", "<br>Var(%s<sup>*</sup>)<br>", run.sym.symr3.c_str());
   const std::size_t nO = regression.outcomes.size();
-  const std::vector<std::string> categories = randomcategories(2, run.coef.ntaubeta);
+  const std::vector<std::string> categories = randomcategories(Tau::beta, run.coef.ntaubeta);
   for (std::size_t i = 0; i < nO; ++i) {
     const int coefficient = regression.outcomes[i];
     const CoefficientName name = nameof(coefficient);
@@ -231,6 +232,11 @@ std::vector<int> reducedeffects(const ModelRows& rows) {
   }
   return reduced;
 }
+
+std::span<const double> view(const Array<double>& values) { return {values.data(), values.size()}; }
+
+// Elements of taupi, behind which those of taubeta stand.
+int firstbeta() { return run.coef.ntaupi * (run.coef.ntaupi + 1) / 2; }
 
 }  // namespace
 
@@ -266,7 +272,31 @@ void latentreport(const LatentRegression& regression) {
   residualcovariance(regression);
 }
 
-void latentvariableregression(const LatentEstimates& estimates) {
+void latentvariableregression(const PassResults& results) {
+  if (!run.out.lvr) return;
+  const Estimates& est = results.est;
+  Array<double> vgamma = est.vgamma.copy();
+  for (double& v : vgamma) v *= est.sigma2;
+  LatentEstimates estimates{view(est.taubeta), view(est.gammahat), view(vgamma), {}, 0, firstbeta()};
+  if (results.errors.known) {
+    estimates.taucovariance = view(results.errors.covariance);
+    estimates.tauorder = results.errors.order;
+  }
+  latentreport(latentregression(latentmodel(), estimates));
+}
+
+void latentvariableregression(const Pooled& averages) {
+  if (!run.out.lvr) return;
+  LatentEstimates estimates{view(averages.taubeta),
+                            view(averages.effects.gamma),
+                            view(averages.effects.model.covariance),
+                            {},
+                            0,
+                            firstbeta()};
+  if (averages.errorsknown) {
+    estimates.taucovariance = view(averages.taucovariance);
+    estimates.tauorder = firstbeta() + run.coef.ntaubeta * (run.coef.ntaubeta + 1) / 2;
+  }
   latentreport(latentregression(latentmodel(), estimates));
 }
 

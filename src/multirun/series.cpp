@@ -3,7 +3,6 @@
 #include <cassert>
 #include <cstdio>
 #include <cstring>
-#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -23,10 +22,10 @@ namespace {
 struct Series {
   bool begun = false;  // the store was created or joined
   bool pooled = false;
-  bool sigma2fixed = false;  // by the model, whatever a pass does with it
+  bool whole = false;  // the record of this sub-run has all its fields
   SubrunShape shape;
   std::vector<SubrunRecord> records;  // of this process: one of a data set, all of plausible values
-  std::optional<AveragedFrame> frame;
+  AveragedFrame frame;
   Pooled averages;
 };
 Series series;
@@ -82,6 +81,71 @@ unsigned long long fingerprint(const ModelRows& rows) {
   return print.value();
 }
 
+// What the averages' tables take from the model.
+AveragedFrame frameof(const ModelRows& rows, const SubrunShape& shape) {
+  AveragedFrame frame;
+  degreesoffreedom(frame.degrees);
+  frame.sigma2fixed = run.iter.fixsigma2 != 0.0;
+  frame.nterms2.reset(at(shape.q));
+  frame.nfixedterms2.reset(at(shape.q));
+  frame.nterms3.reset(at(shape.r));
+  std::size_t nextpi = 0, nextbeta = 0;
+  for (const CoefficientRow& coefficient : rows.coefficients) {
+    for (int t = coefficient.firstterm; t < coefficient.firstterm + coefficient.nterms; ++t) {
+      const TermRow& term = rows.terms[at(t)];
+      if (term.random) frame.nterms3[nextbeta++] = term.neffects;
+      if (coefficient.random) ++(term.random ? frame.nterms2 : frame.nfixedterms2)[nextpi];
+    }
+    nextpi += coefficient.random ? 1 : 0;
+  }
+  return frame;
+}
+
+// Fixed effects of a pass in the form of a record.
+SubrunEffects effectsof(const PassResults& results) {
+  const double sigma2 = results.est.sigma2;
+  SubrunEffects effects;
+  effects.gammahat = results.est.gammahat.copy();
+  effects.vgamma = results.covariance.copy();
+  effects.robust.reset(effects.vgamma.size());
+  if (results.robust.empty()) {
+    effects.robust[0] = missingcode;
+  } else {
+    for (std::size_t i = 0; i < effects.robust.size(); ++i) effects.robust[i] = results.robust[i] / sigma2;
+  }
+  for (double& v : effects.vgamma) v /= sigma2;
+  return effects;
+}
+
+// Statistics for which no unit was of use may be absent; they stay zero.
+void takesame(Array<double>& to, const Array<double>& from) {
+  if (from.size() == to.size()) to = from.copy();
+}
+
+SubrunRecord recordof(const SubrunShape& shape, const PassResults& results) {
+  SubrunRecord record = emptyrecord(shape);
+  record.units2 = results.reliabilities.units2;
+  record.units3 = results.reliabilities.units3;
+  record.sigma2 = results.est.sigma2;
+  record.loglik = results.loglik;
+  record.taupi = results.est.taupi.copy();
+  record.taubeta = results.est.taubeta.copy();
+  if (shape.fisher && results.errors.known) {
+    record.sigma2variance = results.errors.sigma2variance;
+    record.taucovariance = results.errors.covariance.copy();
+  }
+  takesame(record.reliability2, results.reliabilities.level2);
+  takesame(record.reliability3, results.reliabilities.level3);
+  record.effects = effectsof(results);
+  record.testunits2 = results.tests.units2;
+  record.testunits3 = results.tests.units3;
+  takesame(record.chisq2, results.tests.chisq2);
+  takesame(record.chisq3, results.tests.chisq3);
+  assert(record.taupi.size() == square(shape.q) && record.taubeta.size() == square(shape.r));
+  assert(record.effects.gammahat.size() == at(shape.g) && record.effects.vgamma.size() == square(shape.g));
+  return record;
+}
+
 void stopunusable(const std::string& problem) { stopwith("%s\n", problem.c_str()); }
 
 // All usable sub-runs; `failed` gets the indices of the others. False, with the sentence on the console, when the store
@@ -96,7 +160,7 @@ bool gather(std::vector<SubrunRecord>& records, std::vector<int>& failed) {
     std::printf("%s\n", problem.c_str());
     return false;
   }
-  if (!series.records.empty()) {
+  if (series.whole) {
     head.mistatus[run.series.miindex] = 1;
     records.push_back(std::move(series.records[0]));
   }
@@ -111,9 +175,9 @@ bool writeaverages() {
   std::vector<int> failed;
   if (!gather(records, failed)) return false;
   openaveragedreport();
-  const Array<int>& df = series.frame->degrees.df;
+  const Array<int>& df = series.frame.degrees.df;
   if (!records.empty()) series.averages = pool(series.shape, records, {df.data(), df.size()});
-  averagedreport(records.empty() ? nullptr : &series.averages, *series.frame, failed);
+  averagedreport(records.empty() ? nullptr : &series.averages, series.frame, failed);
   series.pooled = true;
   return true;
 }
@@ -152,34 +216,26 @@ void beginseries() {
     }
   }
   series.shape = shape;
-  series.sigma2fixed = run.iter.fixsigma2 != 0.0;
+  run.coef.ntaupi = shape.q;  // a pass finds the same; a last data set may fail before it has one
+  run.coef.ntaubeta = shape.r;
+  series.frame = frameof(modelrows(), shape);
   series.begun = true;
 }
 
-void setseriesframe(const FixedDegrees& degrees) {
-  if (!inseries()) return;
-  AveragedFrame frame{{degrees.df.copy(), degrees.rough.copy()}, {}, {}, {}, series.sigma2fixed};
-  frame.nterms2.reset(at(series.shape.q));
-  frame.nfixedterms2.reset(at(series.shape.q));
-  frame.nterms3.reset(at(series.shape.r));
-  const ModelRows rows = modelrows();
-  std::size_t nextpi = 0, nextbeta = 0;
-  for (const CoefficientRow& coefficient : rows.coefficients) {
-    for (int t = coefficient.firstterm; t < coefficient.firstterm + coefficient.nterms; ++t) {
-      const TermRow& term = rows.terms[at(t)];
-      if (term.random) frame.nterms3[nextbeta++] = term.neffects;
-      if (coefficient.random) ++(term.random ? frame.nterms2 : frame.nfixedterms2)[nextpi];
-    }
-    nextpi += coefficient.random ? 1 : 0;
+void storesubrun(const PassResults& results) {
+  if (!inseries() || results.kind == PassKind::identity || results.heterogeneous || results.loglik == missingcode)
+    return;
+  const std::size_t place = run.series.mimode ? 0 : at(run.series.pvindex);
+  if (results.kind == PassKind::populationaverage) {
+    if (place >= series.records.size()) return;
+    series.records[place].popaverage = effectsof(results);
+    series.whole = true;
+    return;
   }
-  series.frame = std::move(frame);
-}
-
-void storesubrun(SubrunRecord record) {
-  if (!inseries()) return;
-  assert(record.taupi.size() == square(series.shape.q) && record.taubeta.size() == square(series.shape.r));
-  assert(record.effects.gammahat.size() == at(series.shape.g));
-  series.records.push_back(std::move(record));
+  series.frame.degrees = {results.degrees.df.copy(), results.degrees.rough.copy()};
+  series.records.resize(place);
+  series.records.push_back(recordof(series.shape, results));
+  series.whole = !series.shape.popaverage;
 }
 
 bool lastsubrun() {
@@ -203,20 +259,20 @@ const Pooled* poolseries() {
 void closeseries(int code) {
   if (!run.series.mimode) return;
   if (!run.series.milast) {
-    if (!series.begun || code != 0 || series.records.empty()) return;
+    if (!series.begun || code != 0 || !series.whole) return;
     if (const std::string problem = appendrecord(series.shape, run.series.miindex, series.records[0]); !problem.empty())
       std::printf("%s\n", problem.c_str());
     return;
   }
   if (series.pooled) return;
-  if (!series.begun || !series.frame) {
+  if (!series.begun) {
     std::printf(
         "The last data set of the series failed before its model was known, so nothing was averaged. The "
         "other results are kept in %s.\n",
         storename);
     return;
   }
-  series.records.clear();
+  series.whole = false;
   if (!writeaverages()) return;
   closereport();
   removestore();

@@ -2,16 +2,16 @@
 // or plausible values, one pass per value. Without a series every call here does nothing.
 //
 // In the order of a sub-run:
-//   beginseries       once the report stands up to the model's summary
-//   setseriesframe    at the top of each pass of the estimation
-//   storesubrun       at the end of the sub-run; a data set's record reaches the disk when the process ends well
-//   poolseries        after it
-//   closeseries       from the stop sequence, with the exit code
+//   beginseries    once the report stands up to the model's summary
+//   storesubrun    with the results of each pass; a data set's record reaches the disk when the process ends well
+//   poolseries     at the end of the sub-run; does something after the last one
+//   closeseries    from the stop sequence, with the exit code
 #pragma once
 
 #include "multirun/averagedreport.h"
 #include "multirun/pooling.h"
 #include "multirun/subrun.h"
+#include "report/passresults.h"
 
 namespace kdr {
 
@@ -22,11 +22,10 @@ namespace kdr {
 // isn't usable stops the run with one sentence and code 100. Failure 5.
 void beginseries();
 
-// Keeps what the averages' tables take from a pass: its degrees of freedom of the fixed effects, and the model's terms.
-void setseriesframe(const FixedDegrees& degrees);
-
-// Keeps the results of this sub-run. The record must have the shape of seriesshape().
-void storesubrun(SubrunRecord record);
+// Keeps the results of a pass as those of this sub-run. Those of a later pass take their place, those of a
+// population-average pass join them; an identity pass and a heterogeneous stage leave nothing, and so do results
+// without a likelihood.
+void storesubrun(const PassResults& results);
 
 // True when no further sub-run follows this one.
 [[nodiscard]] bool lastsubrun();

@@ -18,7 +18,6 @@
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
 #include "multirun/resultstore.h"
-#include "records.h"
 #include "report/reportfixture.h"
 
 namespace kdr {
@@ -35,38 +34,52 @@ void smallmodel() {
   stophooks.closeseries = closeseries;
 }
 
-FixedDegrees smalldegrees() {
-  FixedDegrees degrees{Array<int>(2), Array<char>(2)};
-  degrees.df.fill(18);
-  return degrees;
+// Estimates that are simple to average by hand.
+PassResults smallresults(double shift) {
+  PassResults results;
+  Estimates& est = results.est;
+  const double sigma2 = 4.0 + shift;
+  const auto matrix = [](std::size_t n, double first, double last) {
+    Array<double> m(n);
+    m[0] = first;
+    m[n - 1] = last;
+    return m;
+  };
+  results.loglik = -1000.0;
+  est.sigma2 = sigma2;
+  est.taupi = matrix(1, 2.0 + shift, 2.0 + shift);
+  est.taubeta = matrix(1, 1.0 - shift / 2.0, 1.0 - shift / 2.0);
+  est.gammahat = matrix(2, 10.0 + shift, 0.5);
+  results.errors.known = run.iter.fishertype != 0;
+  results.errors.sigma2variance = 0.25;
+  results.errors.covariance = matrix(4, 0.09, 0.04);
+  results.covariance = matrix(4, 0.25 * sigma2, 0.01 * sigma2);
+  results.robust = matrix(4, 0.25 * sigma2, 0.01 * sigma2);
+  results.degrees.df.reset(2);
+  results.degrees.df.fill(18);
+  results.degrees.rough.reset(2);
+  results.reliabilities = {matrix(1, 0.5, 0.5 + shift / 10.0), matrix(1, 0.25, 0.25), 100, 20};
+  results.tests.chisq2 = matrix(1, 80.0 + shift, 80.0 + shift);
+  results.tests.chisq3 = matrix(1, 40.0 + shift, 40.0 + shift);
+  results.tests.units2 = 100;
+  results.tests.units3 = 20;
+  return results;
 }
 
-// Estimates that are simple to average by hand.
-SubrunRecord smallrecord(double shift) {
-  SubrunRecord record = emptyrecord(seriesshape());
-  record.units2 = 100;
-  record.units3 = 20;
-  record.sigma2 = 4.0 + shift;
-  record.loglik = -1000.0;
-  record.sigma2variance = 0.25;
-  record.taupi[0] = 2.0 + shift;
-  record.taubeta[0] = 1.0 - shift / 2.0;
-  if (!record.taucovariance.empty()) {
-    record.taucovariance[0] = 0.09;
-    record.taucovariance[3] = 0.04;
+// The passes of a sub-run. Of a non-linear one: an identity pass, two macro iterations of which the last one counts, a
+// population-average pass.
+void storepasses(double shift) {
+  if (run.kind.linear()) {
+    storesubrun(smallresults(shift));
+    return;
   }
-  record.reliability2[0] = 0.5 + shift / 10.0;
-  record.reliability3[0] = 0.25;
-  record.effects.gammahat[0] = 10.0 + shift;
-  record.effects.gammahat[1] = 0.5;
-  record.effects.vgamma[0] = record.effects.robust[0] = 0.25;
-  record.effects.vgamma[3] = record.effects.robust[3] = 0.01;
-  record.testunits2 = 100;
-  record.testunits3 = 20;
-  record.chisq2[0] = 80.0 + shift;
-  record.chisq3[0] = 40.0 + shift;
-  if (!record.popaverage.gammahat.empty()) record.popaverage.gammahat[0] = 20.0 + shift;
-  return record;
+  for (const PassKind kind : {PassKind::identity, PassKind::pql, PassKind::pql, PassKind::populationaverage}) {
+    PassResults results = smallresults(shift);
+    results.kind = kind;
+    if (kind == PassKind::populationaverage) results.est.gammahat[0] += 10.0;
+    if (kind == PassKind::identity) results.est.gammahat[0] = 1000.0;
+    storesubrun(results);
+  }
 }
 
 class Series : public testing::Test {
@@ -108,12 +121,11 @@ class Series : public testing::Test {
       run.files.outfile = outfile;
       beginreport();
       beginseries();
-      setseriesframe(smalldegrees());
       report("Results of data set %d.\n", index + 1);
       if (end == End::killed) _exit(7);
       if (end == End::failing) fail(100, "failed");
-      storesubrun(smallrecord(shift));
-      if (lastsubrun()) poolseries();
+      storepasses(shift);
+      poolseries();
       closereport();
     });
   }
@@ -143,7 +155,7 @@ std::string line(const std::string& text, const std::string& start) {
   return at == std::string::npos ? "" : text.substr(at + 1, text.find('\n', at + 1) - at - 1);
 }
 
-// Shifts -1, 0 and 1: means as in smallrecord(0), B = 1, (1 + 1/3) B = 4/3.
+// Shifts -1, 0 and 1: means as in smallresults(0), B = 1, (1 + 1/3) B = 4/3.
 TEST_F(Series, AveragesOfThreeDataSets) {
   ASSERT_EQ(dataset(0, false, End::good, -1.0), 0);
   EXPECT_EQ(contents("out.avg"), "  Heading\n  Output file name              = out.avg\n  The model\n");
@@ -328,11 +340,10 @@ TEST_F(Series, PlausibleValues) {
                   run.files.outbase = pass == 0 ? "" : "out";
                   beginreport();
                   beginseries();
-                  setseriesframe(smalldegrees());
-                  SubrunRecord record = smallrecord(pass);
-                  if (!robust && pass == 1) record.effects.robust[0] = missingcode;
-                  storesubrun(std::move(record));
-                  if (lastsubrun()) poolseries();
+                  PassResults results = smallresults(pass);
+                  if (!robust && pass == 1) results.robust = Array<double>();
+                  storesubrun(results);
+                  poolseries();
                   closereport();
                 }
               }),
@@ -352,8 +363,7 @@ TEST_F(Series, NothingHappensOutsideOfOne) {
               run.files.outfile = "out.txt";
               beginreport();
               beginseries();
-              setseriesframe(smalldegrees());
-              storesubrun(smallrecord(0.0));
+              storesubrun(smallresults(0.0));
               if (lastsubrun() || poolseries() != nullptr) _exit(1);
               closereport();
             }),
