@@ -29,6 +29,8 @@
 #include "model/constraints.h"
 #include "model/dialogue.h"
 #include "model/writer.h"
+#include "multirun/latentreport.h"
+#include "multirun/series.h"
 #include "report/header.h"
 #include "report/specification.h"
 #include "report/stream.h"
@@ -86,9 +88,8 @@ void refuseabsentengines() {
     const char* what;
   };
   const Absent absent[] = {
-      {run.kind.nonlin != 0, "estimate non-linear models"}, {run.series.mimode, "pool multiply imputed data sets"},
-      {run.series.pvmode, "pool plausible values"},         {run.iter.agqpoints != 0, "do adaptive quadrature"},
-      {run.out.lvr, "do latent variable regressions"},
+      {run.kind.nonlin != 0, "estimate non-linear models"},
+      {run.iter.agqpoints != 0, "do adaptive quadrature"},
   };
   for (const Absent& engine : absent)
     if (engine.wanted) stopwith("This version of %s cannot %s yet.\n", module, engine.what);
@@ -132,7 +133,8 @@ void readmodel() {
   markdeletion();
   run.kind.weighted = run.out.wgtvar1 != 0 || run.out.wgtvar2 != 0 || run.out.wgtvar3 != 0;
   if (run.kind.weighted) normaliseweights();
-  run.kind.outname = run.mdm.names1[static_cast<std::size_t>(run.kind.outvar)];
+  if (!run.series.pvmode || run.series.pvfirst)
+    run.kind.outname = run.mdm.names1[static_cast<std::size_t>(run.kind.outvar)];
   centerlevel3();
 }
 
@@ -149,8 +151,35 @@ void openresults() {
   droplabels();
   applyconstraints();
   run.coef.ngamma -= run.model.nconstrained;
+  beginseries();
   if (!reportisstdout()) std::printf("Computing . . ., please wait\n");
   writecommandfile(newcommandfile);
+}
+
+// Moves the model to the next plausible value and leaves it as the command file of the next pass; false when there is
+// none.
+bool nextplausiblevalue() {
+  SeriesMode& series = run.series;
+  if (!series.pvmode || series.pvindex + 1 >= series.nsets) return false;
+  ++series.pvindex;
+  series.pvfirst = false;
+  const auto old = static_cast<std::size_t>(series.pvcurrent);
+  series.pvcurrent = series.pvlist[static_cast<std::size_t>(series.pvindex)];
+  const auto next = static_cast<std::size_t>(series.pvcurrent);
+  int* use = run.model.use1.row(0);
+  if (use[old] == -1) {
+    run.kind.outvar = series.pvcurrent;
+    use[next] = -1;
+  } else {
+    ++series.pvpredictor;
+    run.model.center1[next] = run.model.center1[old];
+    run.model.center1[old] = 0;
+    use[next] = 1;
+  }
+  use[old] = 0;
+  writecommandfile(run.files.tempname1.c_str());
+  run.files.cmdfile = run.files.tempname1;
+  return true;
 }
 
 }  // namespace
@@ -159,6 +188,7 @@ void runjob(int argc, char** argv) {
   holdstandardstreams();
   outofmemory = [] { fail(3); };
   stophooks.closescratch = scratchcloseall;
+  stophooks.closeseries = closeseries;
   installhandlers();
   startrun();
   const Options options = readoptions(argc, argv);
@@ -173,10 +203,16 @@ void runjob(int argc, char** argv) {
   }
   if (rawjob) constructionjob();
 
-  readmodel();
-  openresults();
-  estimatelinear();
-  closereport();
+  do {
+    readmodel();
+    openresults();
+    const PassResults results = estimatelinear();
+    storesubrun(results);
+    latentvariableregression(results);
+    listlinearfiles(results);
+    if (const Pooled* averages = poolseries()) latentvariableregression(*averages);
+    closereport();
+  } while (nextplausiblevalue());
   fail(0);
 }
 
