@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -95,6 +96,16 @@ void refuseabsentengines() {
     if (engine.wanted) stopwith("This version of %s cannot %s yet.\n", module, engine.what);
 }
 
+// A latent variable regression needs something to explain and something to explain it by.
+void checkroles() {
+  if (!run.out.lvr) return;
+  const Array<int>& roles = run.out.lvrroles;
+  for (const int role : {1, 2})
+    if (std::find(roles.begin(), roles.end(), role) == roles.end())
+      stopwith("A latent variable regression needs %s among the random level-2 coefficients.\n",
+               role == 1 ? "an outcome" : "a predictor");
+}
+
 // Every model run leaves this file behind, so nothing that the run reads or writes may bear its name.
 constexpr const char* newcommandfile = "newcmd.kdr";
 
@@ -129,6 +140,7 @@ void readmodel() {
   outputquestions();
   compactlists();
   refuseabsentengines();
+  checkroles();
   checkfiles();
   markdeletion();
   run.kind.weighted = run.out.wgtvar1 != 0 || run.out.wgtvar2 != 0 || run.out.wgtvar3 != 0;

@@ -1,7 +1,6 @@
 // Questions about constraints, hypotheses and output.
 #include "model/dialogue.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -70,16 +69,6 @@ void askdeviance() {
     return;
   run.out.deviance = askreal("Enter the deviance statistic value", 1.0, 10000000.0);
   run.out.df = asknumber("Enter the number of variance-covariance and fixed effect parameters", 1, 10000);
-}
-
-// A regression needs something to explain and something to explain it by.
-void checkroles() {
-  if (!run.out.lvr) return;
-  const Array<int>& roles = run.out.lvrroles;
-  for (const int role : {1, 2})
-    if (std::find(roles.begin(), roles.end(), role) == roles.end())
-      stopwith("A latent variable regression needs %s among the random level-2 coefficients.\n",
-               role == 1 ? "an outcome" : "a predictor");
 }
 
 void asklvr() {
@@ -171,7 +160,6 @@ void featurequestions() {
     askdeviance();
   }
   asklvr();
-  checkroles();
 }
 
 void outputquestions() {
