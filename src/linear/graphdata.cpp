@@ -197,12 +197,13 @@ void writelevel2(ResultFile& file, Pass& pass, UnitResults& results) {
 
 }  // namespace
 
-void writegraphdata(Pass& pass, const RecordLayout& layout) {
+void writegraphdata(Pass& pass, const RecordLayout& layout, const Array<double>& phases) {
   ResultFile file;
   openresult(file, run.files.graphgammas);
   writeresult(file, "GRKDR3");
   writevalue(file, fileversion);
   writevalue(file, pass.g);
+  put(file, phases);
   put(file, run.est.gammahat);
   writepredictorsections(file);
 
