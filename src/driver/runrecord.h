@@ -19,6 +19,7 @@ namespace kdr {
 struct RunIdentity {
   std::tm started{};      // local time at program start
   bool inmemory = false;  // -i: the unit store stays in memory, whatever its size
+  int threads = 0;        // -t<n>: threads of the maximum-likelihood engines; 0: one for each core
   int waitseconds = 3;    // length of the wait at every end; below 0 (-q): none at all
   bool respfile = false;  // -r: the answers come from a response file
 };
@@ -102,15 +103,14 @@ struct ModelKind {
 
 // Numbers and labels of the coefficients, counted once the model is complete.
 struct Coefficients {
-  int npi = 0;          // level-1 coefficients of all sets
+  int npi = 0;          // level-1 coefficients of all sets, thresholds of an ordinal model among them
   int nbeta = 0;        // level-2 coefficients of all sets
   int ntaupi = 0;       // those random at level 2: the order of taupi
   int ntaubeta = 0;     // those random at level 3: the order of taubeta
   int ngamma = 0;       // fixed effects of all sets; without the constrained ones once the constraints are applied
-  Array<Name> pinames;  // labels of the level-1 coefficients; before the run those without a random
-                        // effect are removed, so that entry i labels row i of taupi
-  Array<Name> betanames1, betanames2;  // level-1 and level-2 label of each level-2 coefficient, likewise
-  Array<Label> gammanames1, gammanames2, gammanames3;  // row labels of the fixed effects
+  Array<Name> pinames;  // the level-1 variable of each row of taupi
+  Array<Name> betanames1, betanames2;                  // the level-1 and the level-2 variable of each row of taubeta
+  Array<Label> gammanames1, gammanames2, gammanames3;  // row labels of the fixed effects of the reduced model
   Array<Name> gammasubs;            // the digits of each fixed effect's subscript, full ngamma entries
   Array<int> pisubs;                // subscript of each random level-1 coefficient
   Array<int> betasubs1, betasubs2;  // the two subscripts of each random level-2 coefficient

@@ -8,6 +8,7 @@
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
 #include "kernel/sizes.h"
+#include "model/modelwalk.h"
 #include "report/stream.h"
 
 namespace kdr {
@@ -190,26 +191,25 @@ void level2analysis(Pass& pass) {
   const int columns = std::min(perblock, most(run.model.nextra2));
   heading(2, columns);
   int r = 0, missing = 0;
-  for (int e = 0; e < run.kind.neqsets; ++e)
-    for (int c = 0; c < level1coefficients(e); ++c) {
-      if (run.model.fixed1.row(e)[c]) continue;
-      const int* variables = run.model.extra2.row(e, c);
-      const int n = run.model.nextra2.row(e)[c];
-      Regression fits[maxextra];
-      for (int i = 0; i < n; ++i) {
-        fits[i] = regress(products, 2, r, variables[i] - 1, run.mdm.nunits2);
-        missing += fits[i].coefficient == missingcode;
-      }
-      for (int from = 0; from < n; from += perblock)
-        block(variables + from, fits + from, std::min(perblock, n - from), columns, run.mdm.names2, [&] {
-          const std::string name = eightcolumns(run.coef.pinames[r]);
-          const int subscript = run.coef.pisubs[r];
-          reporttext(" %s, %s%1d\n", name.c_str(), run.sym.sym1.c_str(), subscript);
-          reporthtml("<tr><td align=right %s>%s,%s<sub><small><i>%d</i></small></sub></td></tr>", styleplain,
-                     name.c_str(), run.sym.sym1.c_str(), subscript);
-        });
-      ++r;
+  for (const CoefficientRow& coefficient : modelrows().coefficients) {
+    if (!coefficient.random) continue;
+    const int* variables = run.model.extra2.row(coefficient.set, coefficient.place);
+    const int n = run.model.nextra2.row(coefficient.set)[coefficient.place];
+    Regression fits[maxextra];
+    for (int i = 0; i < n; ++i) {
+      fits[i] = regress(products, 2, r, variables[i] - 1, run.mdm.nunits2);
+      missing += fits[i].coefficient == missingcode;
     }
+    for (int from = 0; from < n; from += perblock)
+      block(variables + from, fits + from, std::min(perblock, n - from), columns, run.mdm.names2, [&] {
+        const std::string name = eightcolumns(run.coef.pinames[r]);
+        const int subscript = run.coef.pisubs[r];
+        reporttext(" %s, %s%1d\n", name.c_str(), run.sym.sym1.c_str(), subscript);
+        reporthtml("<tr><td align=right %s>%s,%s<sub><small><i>%d</i></small></sub></td></tr>", styleplain,
+                   name.c_str(), run.sym.sym1.c_str(), subscript);
+      });
+    ++r;
+  }
   closetable(columns);
   if (missing != 0) {
     reportbreak();
@@ -223,29 +223,27 @@ void level3analysis(const Pass& pass) {
   heading(3, columns);
   int missing = 0;
   int r = 0;
-  for (int e = 0; e < run.kind.neqsets; ++e) {
-    int b = 0;
-    for (int c = 0; c < level1coefficients(e); ++c)
-      for (int s = 0; s < run.model.nterms2.row(e)[c]; ++s, ++b) {
-        if (run.model.fixed2.row(e)[b]) continue;
-        const int* variables = run.model.extra3.row(e, b);
-        const int n = run.model.nextra3.row(e)[b];
-        Regression fits[maxextra];
-        for (int i = 0; i < n; ++i) {
-          fits[i] = regress(products, 3, r, variables[i] - 1, run.mdm.nunits3);
-          missing += fits[i].coefficient == missingcode;
-        }
-        if (n > 0)
-          block(variables, fits, n, columns, run.mdm.names3, [&] {
-            const std::string first = eightcolumns(run.coef.betanames1[r]);
-            const std::string second = eightcolumns(run.coef.betanames2[r]);
-            reporttext("%s/%s, %s%d%d\n", first.c_str(), second.c_str(), run.sym.sym2.c_str(), run.coef.betasubs1[r],
-                       run.coef.betasubs2[r]);
-            reporthtml("<tr><td %s>%s/%s,%s<sub><small><i>%d%d</i></small></sub></td></tr>", styleplain, first.c_str(),
-                       second.c_str(), run.sym.sym2.c_str(), run.coef.betasubs1[r], run.coef.betasubs2[r]);
-          });
-        ++r;
-      }
+  const ModelRows rows = modelrows();
+  for (const TermRow& term : rows.terms) {
+    if (!term.random) continue;
+    const int set = rows.owner(term).set;
+    const int* variables = run.model.extra3.row(set, term.place);
+    const int n = run.model.nextra3.row(set)[term.place];
+    Regression fits[maxextra];
+    for (int i = 0; i < n; ++i) {
+      fits[i] = regress(products, 3, r, variables[i] - 1, run.mdm.nunits3);
+      missing += fits[i].coefficient == missingcode;
+    }
+    if (n > 0)
+      block(variables, fits, n, columns, run.mdm.names3, [&] {
+        const std::string first = eightcolumns(run.coef.betanames1[r]);
+        const std::string second = eightcolumns(run.coef.betanames2[r]);
+        reporttext("%s/%s, %s%d%d\n", first.c_str(), second.c_str(), run.sym.sym2.c_str(), run.coef.betasubs1[r],
+                   run.coef.betasubs2[r]);
+        reporthtml("<tr><td %s>%s/%s,%s<sub><small><i>%d%d</i></small></sub></td></tr>", styleplain, first.c_str(),
+                   second.c_str(), run.sym.sym2.c_str(), run.coef.betasubs1[r], run.coef.betasubs2[r]);
+      });
+    ++r;
   }
   closetable(columns);
   if (missing != 0) {

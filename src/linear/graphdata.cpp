@@ -134,9 +134,9 @@ void writepredictorsections(ResultFile& file) {
 
 // The flag of every level-1 coefficient, then of every level-2 coefficient.
 void writeflags(ResultFile& file) {
-  const ModelSpec& model = run.model;
-  eachcoefficient1([&](const Coefficient1& own) { writevalue(file, model.fixed1.row(own.e)[own.c]); });
-  eachcoefficient2([&](const Coefficient2& own) { writevalue(file, model.fixed2.row(own.owner.e)[own.b]); });
+  const ModelRows rows = modelrows();
+  for (const CoefficientRow& coefficient : rows.coefficients) writevalue(file, coefficient.random ? 0 : 1);
+  for (const TermRow& term : rows.terms) writevalue(file, term.random ? 0 : 1);
 }
 
 // (Z2'Z2)^-1 (Z2'Y - Z2'M gamma) of unit k into `ols`, or the missing mark. results.theta is W3 gamma.
@@ -197,12 +197,13 @@ void writelevel2(ResultFile& file, Pass& pass, UnitResults& results) {
 
 }  // namespace
 
-void writegraphdata(Pass& pass, const RecordLayout& layout) {
+void writegraphdata(Pass& pass, const RecordLayout& layout, const Array<double>& phases) {
   ResultFile file;
   openresult(file, run.files.graphgammas);
   writeresult(file, "GRKDR3");
   writevalue(file, fileversion);
   writevalue(file, pass.g);
+  put(file, phases);
   put(file, run.est.gammahat);
   writepredictorsections(file);
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <vector>
 
 #include "driver/runrecord.h"
 #include "kernel/matrix.h"
@@ -205,11 +206,9 @@ Array<double> robustcovariance(Pass& pass, bool leastsquares) {
 
 bool fewlevel3units() {
   constexpr int enough = 20;
-  bool few = false;
-  eachcoefficient2([&](const Coefficient2& own) {
-    few = few || run.mdm.nunits3 - run.model.nterms3.row(own.owner.e)[own.b] < enough;
-  });
-  return few;
+  const std::vector<TermRow> terms = modelrows().terms;
+  return std::any_of(terms.begin(), terms.end(),
+                     [](const TermRow& term) { return run.mdm.nunits3 - term.neffects < enough; });
 }
 
 }  // namespace kdr

@@ -74,11 +74,6 @@ struct Pass {
   int nusable1 = 0, nusable2 = 0, nusable3 = 0;  // records and units that entered the moments of the starting values
 };
 
-// Level-1 coefficients of an equation set, the intercept among them.
-int level1coefficients(int set);
-// The level-1 variable of each level-1 coefficient, over all sets: 0 the constant.
-[[nodiscard]] Array<int> level1columns(const Pass& pass);
-
 // Fills the dimensions, which are kept in run.coef too, and the design from run.model and run.coef, and the term counts
 // of the reduced model. A pass with nothing random at a level prints "Nothing left at ... level." and stops with code
 // 100.

@@ -182,11 +182,14 @@ void writeworking(RecordUnits& units, const Array<double>& level2) {
 RecordLayout mdmlayout(bool raw) {
   RecordLayout layout;
   layout.width = run.mdm.nvar1;
-  layout.outcome = run.kind.outvar - 1;
+  layout.outcome = layout.observed = run.kind.outvar - 1;
+  if (run.kind.nlcount) layout.count = run.kind.nlcntvar - 1;
   layout.raw = raw;
+  layout.place.reset(at(run.mdm.nvar1));
+  for (std::size_t v = 0; v < layout.place.size(); ++v) layout.place[v] = static_cast<int>(v);
   layout.column.reset(at(run.coef.npi));
   std::size_t i = 0;
-  eachcoefficient1([&](const Coefficient1& coefficient) { layout.column[i++] = coefficient.v - 1; });
+  for (const CoefficientRow& coefficient : modelrows().coefficients) layout.column[i++] = coefficient.variable - 1;
   return layout;
 }
 

@@ -15,9 +15,15 @@ struct RecordLayout {
   int width = 0;      // values of a record
   Array<int> column;  // [npi] place of the predictor of each column of A, -1 for the constant
   int outcome = 0;    // place of the outcome
+  int observed = 0;   // place of the outcome as it was read
   int count = -1;     // place of the trials or exposure that divides the outcome, -1: none
   int weight = -1;    // place of the working weight, -1: none
   bool raw = true;    // blocks as the MDM file has them: with means, before deletion and centering
+  Array<int> place;   // [nvar1] place of each level-1 variable of the MDM file, -1: not in the records
+
+  [[nodiscard]] RecordLayout copy() const {
+    return {width, column.copy(), outcome, observed, count, weight, raw, place.copy()};
+  }
 };
 
 // The layout of the records of the MDM file, or, not `raw`, of a working data file with the same variables.

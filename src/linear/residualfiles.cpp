@@ -75,6 +75,8 @@ void takegroups(RowSources& from, const Groups& groups) {
 void writelevel1(Pass& pass, const RecordLayout& layout) {
   RowWriter writer;
   openrows(writer, 1, run.files.resfil1name, run.mdm.nunits1, 0);
+  for (RowWriter::Place& place : writer.places)
+    if (place.source == RowSources::dataof(1)) place.place = at(layout.place[place.place]);
   const double sigma = std::sqrt(run.est.sigma2);
   eachfittedunit(pass, layout, [&](int k, const UnitBlock& unit, const double* fitted) {
     writer.row.id3 = level3id(k);
@@ -83,7 +85,8 @@ void writelevel1(Pass& pass, const RecordLayout& layout) {
     writer.from.data(3) = level3values(k);
     for (int i = 0; i < unit.nj; ++i) {
       const Values record(unit.records.data() + at(i) * at(layout.width), at(layout.width));
-      const double fit[] = {record[at(layout.outcome)] - fitted[i], fitted[i], sigma};
+      const double outcome = record[at(layout.outcome)] / (layout.count < 0 ? 1.0 : record[at(layout.count)]);
+      const double fit[] = {outcome - fitted[i], fitted[i], sigma};
       writer.from[ColumnGroup::fit] = fit;
       writer.from.data(1) = record;
       writerow(writer);

@@ -149,7 +149,7 @@ void endoffile(const CommandReader& reader) {
   if (reader.deviance != reader.df) std::printf(" Deviance and df must be specified together\n");
   if (run.out.graph && run.kind.nonlin == 3) run.out.resfil1 = true;
   if (run.kind.nonlin != 0 && run.kind.nlcntvar != 0)
-    run.model.res1vars1[static_cast<std::size_t>(run.kind.nlcntvar)] = 1;
+    run.model.wanted1vars1[static_cast<std::size_t>(run.kind.nlcntvar)] = 1;
   checkorders();
   checkconstraints();
 }

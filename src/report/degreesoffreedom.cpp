@@ -20,7 +20,7 @@ struct Costs {
 Costs modelcosts(const ModelRows& rows) {
   Costs costs;
   for (const TermRow& term : rows.terms) {
-    const bool random1 = rows.coefficients[static_cast<std::size_t>(term.owner)].random;
+    const bool random1 = rows.owner(term).random;
     if (term.random) {
       costs.randompairs += random1 ? 1 : 0;
     } else {
@@ -41,9 +41,9 @@ struct Degrees {
 //   fixed at both                   N - ntaupi J - ntaubeta K - B, roughly N - ntaubeta K - B
 Degrees degreesof(const ModelRows& rows, const EffectRow& effect, const Costs& costs) {
   const long long J = run.mdm.nunits2, K = run.mdm.nunits3, N = run.mdm.nunits1;
-  const TermRow* term = effect.term < 0 ? nullptr : &rows.terms[static_cast<std::size_t>(effect.term)];
-  if (term != nullptr && term->random) return {K - term->neffects, false};
-  if (rows.coefficients[static_cast<std::size_t>(effect.coefficient)].random) {
+  const TermRow& term = rows.termof(effect);
+  if (term.random) return {K - term.neffects, false};
+  if (rows.owner(effect).random) {
     const long long df = J - K * costs.randompairs - costs.level2;
     return df < 1 ? Degrees{J - costs.level2, true} : Degrees{df, false};
   }
@@ -70,9 +70,8 @@ void degreesoffreedom(FixedDegrees& degrees) {
   int removed = 0;
   for (std::size_t g = 0; g < n; ++g) {
     const EffectRow& effect = rows.effects[g];
-    if (g > 0 && (effect.term != rows.effects[g - 1].term || effect.coefficient != rows.effects[g - 1].coefficient))
-      removed = 0;
-    if (effect.constraint < 0) {
+    if (g > 0 && effect.term != rows.effects[g - 1].term) removed = 0;
+    if (effect.removed) {
       ++removed;
     } else {
       const Degrees own = degreesof(rows, effect, costs);

@@ -47,8 +47,8 @@ std::vector<int> setopenings() {
     const ModelRows rows = modelrows();
     int last = -1;
     for (const EffectRow& effect : rows.effects) {
-      if (effect.constraint < 0) continue;
-      const int set = rows.coefficients[static_cast<std::size_t>(effect.coefficient)].set;
+      if (effect.removed) continue;
+      const int set = rows.owner(effect).set;
       openings.push_back(set == last ? -1 : set);
       last = set;
     }

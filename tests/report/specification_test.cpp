@@ -377,7 +377,6 @@ TEST(Html, WholeReportIsWellNested) {
     makerowlabels();
     writeheader();
     writespecification();
-    droplabels();
     degreesoffreedom(degrees);
     fixedtable({effects, variances, degrees}, TableKind::estimates, PassKind::linear);
     run.kind.nlrun = true;
