@@ -22,7 +22,8 @@ def flat(program, holder, name):
         c.equal('rows', len(rows), len(want))
         for row, (_, i, b, se) in zip(rows, want):
             c.near('coefficient %s, %s' % (i, row.label), row.coefficient, float(b), 2e-5)
-            c.near('s.e. %s, %s' % (i, row.label), row.se, float(se), 2e-4, 1e-3)
+            # polr's come from the observed information, which differs by 0.6%
+            c.near('s.e. %s, %s' % (i, row.label), row.se, float(se), 2e-5, 1e-2)
     return go
 
 
