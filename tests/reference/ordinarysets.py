@@ -110,4 +110,5 @@ def main():
     print("codes:", dict(sorted(codes.items())))
 
 
-main()
+if __name__ == "__main__":
+    main()
