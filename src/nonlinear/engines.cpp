@@ -119,7 +119,7 @@ Adaptation startingadaptation(Pass& pass) {
 }
 
 OutcomeType outcometype() {
-  if (run.kind.nonlin == 2) return run.kind.nlcount ? OutcomeType::exposure : OutcomeType::poisson;
+  if (run.kind.nonlin == 2) return run.kind.nlcount ? OutcomeType::poissonexposure : OutcomeType::poisson;
   return run.kind.nlcount ? OutcomeType::binomial : OutcomeType::bernoulli;
 }
 

@@ -7,6 +7,7 @@
 #include "driver/failures.h"
 #include "driver/questions.h"
 #include "driver/reportstream.h"
+#include "kernel/sizes.h"
 #include "linear/graphdata.h"
 #include "linear/residualfiles.h"
 #include "linear/runpass.h"
