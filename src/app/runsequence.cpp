@@ -101,6 +101,7 @@ void choosekind() {
   kind.nlrun = kind.nonlin == 1 || kind.nonlin == 2;
   kind.mnrun = kind.nonlin == 3;
   if (kind.nlrun) run.iter.popavit = std::max(run.iter.popavit, 1);
+  if (kind.mnrun) run.iter.fixsigma2 = 1.0;
 }
 
 // A latent variable regression needs something to explain and something to explain it by.
