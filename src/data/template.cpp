@@ -126,6 +126,7 @@ void takeformat(TemplateText&, int level, const std::string& value) {
   if (raw.level[level].format.size() >= maxformat)
     stopwith("The format of the level-%d file has more than %d characters!\n", level + 1,
              static_cast<int>(maxformat) - 1);
+  if (!checkformat(raw.level[level].format)) stopwith("\nThe format of the level-%d file cannot be used.\n", level + 1);
 }
 
 void takefile(TemplateText& text, int level, const std::string& value) {

@@ -14,4 +14,11 @@ std::string formatted(const char* format, ...) {
   return text;
 }
 
+std::string printable(std::string_view text) {
+  std::string shown(text);
+  for (char& c : shown)
+    if (static_cast<unsigned char>(c) < ' ' || c == '\x7F') c = '?';
+  return shown;
+}
+
 }  // namespace kdr

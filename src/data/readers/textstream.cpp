@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <string_view>
 
 #include "driver/failures.h"
 
@@ -51,6 +52,7 @@ void starttext(TextStream& text, std::FILE* stream, const std::string& name) {
   text.at = text.have = text.recordat = 0;
   text.ended = text.heldcr = false;
   text.linesbefore = text.recordline = 0;
+  if (filltext(text) && std::string_view(text.buffer.data(), text.have).starts_with("\xEF\xBB\xBF")) text.at = 3;
 }
 
 void startrecord(TextStream& text) {
