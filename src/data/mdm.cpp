@@ -7,6 +7,7 @@
 #include <cstring>
 #include <string>
 
+#include "data/resultfile.h"
 #include "data/scratch.h"
 #include "driver/failures.h"
 #include "driver/runrecord.h"
@@ -253,11 +254,11 @@ void writemdmtables(std::FILE* stream) {
   writechk(mdm.level3.data(), mdm.level3.size() * sizeof(double), stream);
 }
 
-void finishmdm(std::FILE* stream) {
+void finishmdm(ResultFile& file) {
   // Everything else must have reached the file before the magic makes it one.
-  if (std::fflush(stream) != 0 || fseeko(stream, 0, SEEK_SET) != 0) fail(5);
-  writechk(magic, sizeof magic, stream);
-  closechk(stream);
+  if (std::fflush(file.stream) != 0 || fseeko(file.stream, 0, SEEK_SET) != 0) fail(5);
+  writechk(magic, sizeof magic, file.stream);
+  finishresult(file);
 }
 
 }  // namespace kdr

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "data/levelsource.h"
+#include "driver/constants.h"
 #include "driver/failures.h"
 #include "driver/runrecord.h"
 
@@ -12,7 +13,7 @@ namespace kdr {
 
 namespace {
 
-constexpr double largestid = 9999999999999.0;
+constexpr double largestid = 999999999999.0;
 constexpr const char* unlikeids = "ID's must be both be character or both numeric!\n";
 
 int namewidth(std::string_view name) { return rawis(rawsystat) && name.find('$') != std::string_view::npos ? 9 : 8; }
@@ -112,9 +113,17 @@ void settlevariables(int level) {
   source.row2 = idrow(source, level2idmark);
 }
 
-double numericid(double value) {
+double numericid(double value, bool truncated) {
   if (value > largestid) refuseid("ID must be no more than 12 digits long\n");
-  return std::floor(value + 0.2);
+  constexpr double rounding = 1e-6;
+  if (value != missingcode && std::abs(value - std::round(value)) > rounding) {
+    LevelSource& source = raw.level[raw.reading];
+    if (source.fractions++ == 0) {
+      source.firstfraction = value;
+      source.fractionrecord = source.asked;
+    }
+  }
+  return truncated ? std::trunc(value) : std::floor(value + 0.2);
 }
 
 Name textid(std::string_view text) {

@@ -64,9 +64,9 @@ void settleidkind();
 // The part of prepare() that all formats share: sets `selected`, `row3` and `row2`.
 void settlevariables(int level);
 
-// The numeric ID of a value: floor(value + 0.2). Stops with code 100 above 9999999999999, and tells the record that
-// readrecord was asked for.
-[[nodiscard]] double numericid(double value);
+// The numeric ID of a value: floor(value + 0.2), or its whole part. Counts values with a fraction. Stops with code 100
+// above 999999999999, and tells the record that readrecord was asked for.
+[[nodiscard]] double numericid(double value, bool truncated = false);
 // A text ID through padname with width 12. Stops with code 100 when characters other than blanks or zeros stand behind
 // the twelfth, and tells the record.
 [[nodiscard]] Name textid(std::string_view text);

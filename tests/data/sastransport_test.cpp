@@ -141,7 +141,11 @@ TEST_F(Sas, NarrowFieldsAndNumericIds) {
   EXPECT_EQ(outcome.code, 0);
   // The level-3 rows without an ID and without Z go, with the latter its unit; 1.9 becomes 1.
   EXPECT_NE(contents("shown").find("Z\n1 0x1.8p-1\n1 10"), std::string::npos) << contents("shown");
-  EXPECT_EQ(outcome.words, extrawords);
+  EXPECT_EQ(
+      outcome.words,
+      "1 level-3 records have no ID. They were passed over.\n1 IDs of the level-3 file have a fraction, which does "
+      "not count. The first one is 1.9 in record 2.\n" +
+          extrawords);
 }
 
 TEST_F(Sas, DataThatEndEarly) {

@@ -319,8 +319,8 @@ TEST_F(Spss, Refusals) {
       EXPECT_EQ(runchild([] { readtemplate("t.mdmt"); }).words, words + " file is an empty file\n");
     }
   }
-  const Sav largest{good.dictionary, 4, cells({9999999999999.0, 123456789012.0, 1, 1})};
-  EXPECT_EQ(readraw("spss", largest.bytes(), columns).id3[0], "9999999999999");
+  const Sav largest{good.dictionary, 4, cells({999999999999.0, 123456789012.0, 1, 1})};
+  EXPECT_EQ(readraw("spss", largest.bytes(), columns).id3[0], "999999999999");
   EXPECT_EQ(readraw("spss", largest.bytes(), columns).id2[0], "123456789012");
 }
 

@@ -122,7 +122,7 @@ TEST_F(Stata, Ids) {
     return fixed(a, 12, '\0') + fixed(b, 20, '\0') + lowbytes(n) + int8(5);
   };
   const std::string rows = one("Twelve chars", "low Case", 123456789012.0) + one("", "twelve chars", 0x1p1023) +
-                           one("a b", std::string("z\0behind the end", 16), 9999999999999.0);
+                           one("a b", std::string("z\0behind the end", 16), 999999999999.0);
   for (const int format : {110, 115}) {
     const Records text = readraw("stata", Dta{format, variables, 3, rows}.bytes(), {"a", "b", {"x"}});
     EXPECT_EQ(text.id3, (std::vector<std::string>{"Twelve chars", "", "a b"}));
@@ -130,7 +130,7 @@ TEST_F(Stata, Ids) {
     const Records number = readraw("stata", Dta{format, variables, 3, rows}.bytes(), {"n", "x", {}});
     EXPECT_EQ(number.id3[0], "123456789012");
     EXPECT_EQ(std::strtod(number.id3[1].c_str(), nullptr), missingcode);
-    EXPECT_EQ(number.id3[2], "9999999999999");
+    EXPECT_EQ(number.id3[2], "999999999999");
     const struct {
       std::string rows;
       Columns columns;

@@ -192,7 +192,7 @@ void tellend(int level, bool partial) {
 Id idof(const RawVariable& variable, const unsigned char* field) {
   Id id{};
   if (run.mdm.numericids) {
-    id.number = numericid(std::trunc(ibmdouble(field, variable.width)));
+    id.number = numericid(ibmdouble(field, variable.width), true);
   } else {
     id.text = textid({reinterpret_cast<const char*>(field), static_cast<std::size_t>(variable.width)});
   }
