@@ -464,6 +464,7 @@ void openmdm(Construction& build) {
   if (samefile(raw.templatename, path)) stopwith("The MDM file %s must not be the template!\n", path.c_str());
   if (path == logname) stopwith("The MDM file must not bear the name of the log, %s!\n", logname);
   openresult(build.mdm, path);
+  run.mdm.stream = build.mdm.stream;
   std::setvbuf(build.mdm.stream, mdmpiece, _IOFBF, piecesize);
 }
 
@@ -608,6 +609,7 @@ void mkmdm() {
   describe(2, mdm.names2, mdm.mean2, copyunits(build));
   describe(3, mdm.names3, mdm.mean3, totals3);
   scratchclose(build.blocks);
+  mdm.stream = nullptr;
   finishmdm(build.mdm);
   signlog();
   closelog();

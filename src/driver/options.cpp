@@ -29,16 +29,6 @@ void setpriority(int kind) {
   ::setpriority(PRIO_PROCESS, 0, kind == 1 ? idle : high);
 }
 
-bool istemplate(const char* path) {
-  constexpr char head[] = "#KDR3 MDM CREATION TEMPLATE";
-  std::FILE* file = std::fopen(path, "rt");
-  if (file == nullptr) return false;
-  char line[80] = "";
-  const bool read = std::fgets(line, sizeof line, file) != nullptr;
-  std::fclose(file);
-  return read && strncasecmp(line, head, sizeof head - 1) == 0;
-}
-
 void responsefile(const char* path, Options& options) {
   if (istemplate(path)) {
     readtemplate(path);

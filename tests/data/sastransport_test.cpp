@@ -224,7 +224,8 @@ TEST_F(Sas, Refusals) {
     std::string words;
   } cases[] = {
       {"", recipe, 1, seems + empty},
-      {with(20, "LIBV8  "), recipe, 1, seems + empty},
+      {with(20, "LIBV8  "), recipe, 1,
+       seems + "It is one of version 8, which is read with rawdattype:other and the file type /sasx.\n" + empty},
       {whole.substr(0, 79), recipe, 1, seems + empty},
       {whole.substr(0, 300), recipe, 1, broken + "its heads are not whole.\n" + empty},
       {with(3 * 80 + 75, "141"), recipe, 100, seems},

@@ -99,12 +99,10 @@ void openinput(StHandle handle, const FileType& type, const char* path) {
 }
 
 void makerows(LevelSource& source, StHandle handle) {
-  source.vartable.reset(static_cast<std::size_t>(source.numvar));
+  source.vartable.assign(static_cast<std::size_t>(source.numvar), RawVariable{});
   for (int v = 0; v < source.numvar; ++v) {
     RawVariable& variable = source.vartable[static_cast<std::size_t>(v)];
-    const std::string name = ST_GetVarName(handle, v);
-    if (charactersof(name) > longestname) stopwith("Variable names limited to 12 characters!\n");
-    variable.name = paddedname(name);
+    namevariable(variable, ST_GetVarName(handle, v));
     variable.text = ST_GetVarType(handle, v) != 1;
     variable.width = ST_GetVarPrintWidth(handle, v);
   }
@@ -172,12 +170,21 @@ bool otherreads(const std::string& path, const char* word) {
   const int format = stformat(word);
   if (!ST_CanRead(format)) return false;
   StHandle handle = ST_OpenEnvironment();
-  const int count = ST_OpenInputFile(handle, format, path.c_str()) == 0 ? ST_ReadDict(handle) : -1;
-  bool reads = count > 0;
-  for (int v = 0; v < count; ++v) reads = reads && charactersof(ST_GetVarName(handle, v)) <= longestname;
+  const bool reads = ST_OpenInputFile(handle, format, path.c_str()) == 0 && ST_ReadDict(handle) > 0;
   ST_CloseFiles(handle);
   return reads;
 }
+
+bool othercanbetext(int level) {
+  return rawis(rawother) && stformat(raw.level[level].filetype) == number(StFormat::delimited);
+}
+
+void otherastext(int level, int row) {
+  ST_ReadAsText(handles[level], row);
+  raw.level[level].vartable[static_cast<std::size_t>(row)].text = true;
+}
+
+std::string otherwhytext(int level, int row) { return ST_WhyText(handles[level], row); }
 
 void prepareother(int level) {
   settlevariables(level);

@@ -23,6 +23,7 @@ namespace {
 
 constexpr std::size_t cardlength = 80;
 constexpr const char* libraryhead = "HEADER RECORD*******LIBRARY HEADER RECORD";
+constexpr const char* version8head = "HEADER RECORD*******LIBV8 ";
 constexpr const char* dataheads[] = {"HEADER RECORD*******MEMBER  HEADER RECORD!!!!!!!",
                                      "HEADER RECORD*******LIBRARY HEADER RECORD!!!!!!!"};  // of more data in one file
 constexpr const char* recordshead = "HEADER RECORD*******OBS";
@@ -72,6 +73,8 @@ void takefirstcard(int level) {
   if (got < cardlength && feed == card + got) got = 0;  // not whole
   if (got < std::strlen(libraryhead) || !startswith(card, libraryhead)) {
     notransport(level);
+    if (got >= std::strlen(version8head) && startswith(card, version8head))
+      std::printf("It is one of version 8, which is read with rawdattype:other and the file type /sasx.\n");
     fail(1, raw.level[level].filename.c_str());
   }
   bytes.at += feed == card + got ? got : static_cast<std::size_t>(feed - card) + 1;
@@ -100,7 +103,7 @@ void sasvars(int level) {
   LevelSource& source = raw.level[level];
   SasLevel& sas = levels[level];
   const auto count = static_cast<std::size_t>(source.numvar);
-  source.vartable.reset(count);
+  source.vartable.assign(count, RawVariable{});
   sas.position.reset(count);
   std::size_t reclen = 0;
   for (std::size_t v = 0; v < count; ++v) {
@@ -109,7 +112,7 @@ void sasvars(int level) {
     const int type = highfirst<std::int16_t>(descriptor);
     variable.text = type == 2;
     variable.width = highfirst<std::int16_t>(descriptor + 4);
-    variable.name = paddedname(std::string_view(reinterpret_cast<const char*>(descriptor) + 8, 8));
+    namevariable(variable, std::string_view(reinterpret_cast<const char*>(descriptor) + 8, 8));
     if ((type != 1 && type != 2) || variable.width < 1 || (type == 1 && variable.width > 8))
       damaged(level, "a variable is of no known type or width");
     reclen += static_cast<std::size_t>(variable.width);

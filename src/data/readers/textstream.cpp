@@ -4,6 +4,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "data/scratch.h"
 #include "driver/failures.h"
 
 namespace kdr {
@@ -89,7 +90,7 @@ bool filltext(TextStream& text) {
     text.heldcr = false;
   }
   const std::size_t got = std::fread(piece + carried, 1, room - carried, text.stream);
-  if (std::ferror(text.stream)) stopwith("Unable to read %s\n", text.name.c_str());
+  checkread(text.stream, text.name);
   text.ended = got == 0;
   if (text.ended) {
     text.have += carried;  // a carriage return at the very end stays
