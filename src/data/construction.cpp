@@ -51,6 +51,8 @@ struct RawWalk {
 struct Repeats {
   bool any = false;
   Array<char> differs;  // [nvar]: not 0 where a later row has another value
+  bool folded = false;  // the level's file is that of level 1, so that many rows for a unit are no surprise
+  long long folds = 0;  // rows behind the first one of their unit
 };
 
 // What the merge gathers besides run.mdm.
@@ -104,16 +106,36 @@ void keepplace(std::vector<Place>& places, const Place& place) {
 void noterepeat(Repeats& repeats, const double* first, const double* row, std::size_t nvar) {
   if (!repeats.any) repeats.differs.reset(nvar);
   repeats.any = true;
+  ++repeats.folds;
   for (std::size_t v = 0; v < nvar; ++v) repeats.differs[v] |= first[v] != row[v];
 }
 
-// One line of the log for the unit, whatever the number of its rows.
-void tellrepeats(Repeats& repeats, int level, const Id& id) {
-  if (!repeats.any) return;
-  repeats.any = false;
+std::string differing(const Repeats& repeats, int level) {
   std::string names;
   for (std::size_t v = 0; v < repeats.differs.size(); ++v)
     if (repeats.differs[v] != 0) names += (names.empty() ? "" : ", ") + leftname(namesof(level - 1)[v + 1]);
+  return names;
+}
+
+// What folding a level-1 file to the units of a higher level leaves out.
+void tellfolds(const Repeats& repeats, int level) {
+  if (!repeats.folded || !repeats.any) return;
+  logextra("%lld rows of the level-%d file were folded into the first one of their unit.\n", repeats.folds, level);
+  const std::string names = differing(repeats, level);
+  if (names.empty()) return;
+  logboth("Level-%d variables that vary within units: %s. The first row of each unit counts.\n", level, names.c_str());
+  if (raw.varyingfirst) return;
+  logboth("That has to be asked for by VARYING:FIRST in the template.\n");
+  stoprun(100);
+}
+
+bool isfolded(int level) { return samefile(raw.level[0].filename, raw.level[level - 1].filename); }
+
+// One line of the log for the unit, whatever the number of its rows.
+void tellrepeats(Repeats& repeats, int level, const Id& id) {
+  if (!repeats.any || repeats.folded) return;
+  repeats.any = false;
+  const std::string names = differing(repeats, level);
   logextra("Level-%d group %s stands more than once in the level-%d file. Only its first row is used.%s\n", level,
            wide(id).c_str(), level, names.empty() ? "" : (" Its rows differ in " + names + ".").c_str());
 }
@@ -253,16 +275,18 @@ void tellrepeats3() {
   const MdmData& mdm = run.mdm;
   const auto width = static_cast<std::size_t>(mdm.nvar3);
   Repeats repeats;
+  repeats.folded = isfolded(3);
   std::size_t first = 0;
   for (std::size_t row = 1; row <= static_cast<std::size_t>(mdm.nunits3); ++row) {
     const Id id = level3id(static_cast<int>(first));
     if (row < static_cast<std::size_t>(mdm.nunits3) && sameid(id, level3id(static_cast<int>(row)))) {
-      noterepeat(repeats, &mdm.level3[first * width], &mdm.level3[row * width], width);
+      noterepeat(repeats, mdm.level3.data() + first * width, mdm.level3.data() + row * width, width);
     } else {
       tellrepeats(repeats, 3, id);
       first = row;
     }
   }
+  tellfolds(repeats, 3);
 }
 
 void readlevel3(Construction& build) {
@@ -277,7 +301,7 @@ void readlevel3(Construction& build) {
   Id id{};
   Id before{};
   long long passed = 0;
-  while (readrecord(2, &mdm.level3[row * width], &id, nullptr) == 0) {
+  while (readrecord(2, mdm.level3.data() + row * width, &id, nullptr) == 0) {
     if (withoutid(id)) {
       ++passed;
       continue;
@@ -292,7 +316,7 @@ void readlevel3(Construction& build) {
   closeraw(2);
   reportids(3, passed);
   mdm.nunits3 = static_cast<int>(row);
-  deletedrows.level3 = keeplevel3([&](std::size_t r) { return misses(&mdm.level3[r * width], width) == 0; });
+  deletedrows.level3 = keeplevel3([&](std::size_t r) { return misses(mdm.level3.data() + r * width, width) == 0; });
   tellrepeats3();
 }
 
@@ -446,6 +470,7 @@ void mergeunits(Construction& build) {
   while (nextraw(build.walk1)) noteunmatched(build);
   while (nextraw(build.walk2)) (void)repeatsunit(build);
   tellrepeats(build.repeats2, 2, build.place2.id2);
+  tellfolds(build.repeats2, 2);
   if (build.unmatched != 0) {
     countextra();
     logboth("%lld level-1 records have no level-2 row that counts. The first one is of unit %s in unit %s.\n",
@@ -485,8 +510,6 @@ void takedimensions() {
   mdm.nvar1 = raw.level[0].selected;
   mdm.nvar2 = raw.level[1].selected;
   mdm.nvar3 = raw.level[2].selected;
-  if (mdm.nvar2 == 0) stopwith("You must select at least one level-2 variable!\n");
-  if (mdm.nvar3 == 0) stopwith("You must select at least one level-3 variable!\n");
 }
 
 void readfirstrecords(Construction& build) {
@@ -502,6 +525,7 @@ void startmerge(Construction& build) {
   const auto nvar2 = static_cast<std::size_t>(mdm.nvar2);
   mdm.nunits1 = mdm.nunits2 = mdm.maxnj = 0;
   build.walk2.level = 1;
+  build.repeats2.folded = isfolded(2);
   build.walk1.values.reset(nvar1);
   build.walk2.values.reset(nvar2);
   build.unit.means.reset(nvar1);
@@ -513,6 +537,7 @@ void startmerge(Construction& build) {
 }
 
 void describe(int level, const Array<Name>& names, const Array<double>& means, const Array<VariableTotals>& totals) {
+  if (totals.empty()) return;
   for (std::FILE* stream : {stdout, logstream()}) printdesc(stream, level, names, means, totals);
 }
 

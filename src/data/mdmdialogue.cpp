@@ -101,7 +101,7 @@ void asksource(int level) {
   if (rawis(rawascii)) {
     const std::string prompt =
         formatted("\nInput number of level-%1d variables (not including the character ID):", level + 1);
-    raw.level[level].numvar = asknumber(prompt.c_str(), 1, mostasked);
+    raw.level[level].numvar = asknumber(prompt.c_str(), level == 0 ? 1 : 0, mostasked);
     askformat(level);
   }
   if (rawis(rawother)) {

@@ -239,6 +239,11 @@ void takedeletion(TemplateText& text, const std::string& value) {
 
 void takemdmname(TemplateText&, const std::string& value) { run.files.mdmfile = pathvalue(value); }
 
+void takevarying(TemplateText& text, const std::string& value) {
+  if (strcasecmp(value.c_str(), "FIRST") != 0) badvalue(text);
+  raw.varyingfirst = true;
+}
+
 struct Keyword {
   const char* word;
   void (*take)(TemplateText& text, const std::string& value);
@@ -246,6 +251,7 @@ struct Keyword {
 constexpr Keyword keywords[] = {
     {"GROWTHMODEL:", takegrowth},      {"MDMTYPE:", taketype},       {"L1MISSING:", takemissing},
     {"TIMEOFDELETION:", takedeletion}, {"RAWDATTYPE:", takerawtype}, {"MDMNAME:", takemdmname},
+    {"VARYING:", takevarying},
 };
 
 // Keywords that name a level. `digit` is the place of its digit.
@@ -389,6 +395,7 @@ void writetemplate(bool samemissing) {
     std::fprintf(out, "\n");
   }
   std::fprintf(out, "timeofdeletion:%s\n", mdm.deletednow ? "now" : "analysis");
+  if (raw.varyingfirst) std::fprintf(out, "varying:first\n");
   std::fprintf(out, "mdmname:%s\n", run.files.mdmfile.c_str());
   for (int level = 0; level < 3; ++level) {
     std::fprintf(out, "*begin l%dvars\n", level + 1);

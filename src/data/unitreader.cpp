@@ -70,6 +70,7 @@ void takeacross(UnitReader& reader, char* to, std::size_t bytes) {
 
 // Copies the next `bytes` bytes.
 inline void take(UnitReader& reader, void* destination, std::size_t bytes) {
+  if (bytes == 0) return;
   if (bytes > reader.have - reader.at) return takeacross(reader, static_cast<char*>(destination), bytes);
   std::memcpy(destination, reader.buffer.data() + reader.at, bytes);
   reader.at += bytes;

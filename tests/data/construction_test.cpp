@@ -273,11 +273,8 @@ TEST(Construction, Stops) {
             "The first IDs of each file, level-3 ID first:\n"
             "  level 1                    level 2                    level 3\n"
             "             3            1             3            1             1\n");
-  const Job job{first, {{1, 1, {1}}}, one};
   EXPECT_EQ(runchild([&] { make({{{1, 1, {}}}, {{1, 1, {1}}}, one}, 0); }).code, 100);  // all records are empty
   EXPECT_EQ(contents("KDR3MDM.STS"), "Level-2 group            1 has inadequate data\nNo groups left for analysis\n");
-  EXPECT_EQ(runchild([&] { make(job, 2, 0, 1); }).words, "You must select at least one level-2 variable!\n");
-  EXPECT_EQ(runchild([&] { make(job, 2, 1, 0); }).words, "You must select at least one level-3 variable!\n");
 }
 
 // Units larger than the first capacity, more level-3 rows than the first capacity: nothing is lost, and the tables of
@@ -361,6 +358,22 @@ TEST(Construction, FilesThatCannotBe) {
     EXPECT_EQ(outcome.code, 5);
     EXPECT_TRUE(outcome.words.ends_with(" Unable to write. Full disk?\n")) << outcome.words;
   }
+}
+
+// Levels 2 and 3 need IDs only.
+TEST(Construction, LevelsWithoutVariables) {
+  Workplace workplace;
+  const Job job{{{1, 1, {1, 5}}, {1, 2, {3, 7}}}, {{1, 1, {}}, {1, 1, {}}, {1, 2, {}}}, {{1, 0, {}}}};
+  const Outcome outcome = runchild([&] {
+    make(job, 2, 0, 0);
+    run.mdm.stream = openfile("made.mdm", "rb");
+    readmdm();
+    UnitReader reader;
+    UnitBlock block;
+    startunits(reader, run.mdm.stream, run.mdm.firstblock, 2, 0, true);
+    while (readunit(reader, block)) std::printf("%g/%g %g\n", block.id3.number, block.id2.number, block.records[1]);
+  });
+  EXPECT_TRUE(outcome.words.ends_with("1/1 5\n1/2 7\n")) << outcome.words;
 }
 
 TEST(Construction, ProcessedLines) {

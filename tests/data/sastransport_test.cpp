@@ -304,6 +304,7 @@ TEST(SasConvert, RunsTheJob) {
       "I don't see chem.ssp, but I do see chem.ssd.\nWould you like me to convert it to a transport file? ";
   const auto convert = [](const char* path, const char* answer) {
     makefile("answers", answer);
+    std::remove("xyzzy.log");
     return runchild([path] {
       if (std::freopen("answers", "r", stdin) == nullptr) return;
       std::printf(sasconvert(path) ? "done" : "not done");
@@ -325,6 +326,16 @@ TEST(SasConvert, RunsTheJob) {
             "proc copy in=fileout out=tranfile;\nselect chem;\nrun;\n");
   EXPECT_FALSE(std::filesystem::exists("xyzzy.sas"));
   EXPECT_FALSE(std::filesystem::exists("xyzzy.log"));
+  // Files of the user's own, and names that would be more than a name in a job.
+  makefile("xyzzy.sas", "mine");
+  std::remove("chem.ssp");
+  EXPECT_EQ(convert("chem.ssp", "y\n").words,
+            question + "The SAS job would overwrite xyzzy.sas. Please rename it.\nnot done");
+  EXPECT_EQ(contents("xyzzy.sas"), "mine");
+  std::remove("xyzzy.sas");
+  makefile("x; endsas.ssd", "data set");
+  EXPECT_TRUE(convert("x; endsas.ssp", "y\n")
+                  .words.ends_with("x; endsas is no name that a SAS job can have for a data set.\nnot done"));
   const struct {
     const char* dataset;
     const char* transport;

@@ -159,6 +159,8 @@ void openother(int level) {
   StHandle handle = handles[level] = ST_OpenEnvironment();
   openinput(handle, *type, path.c_str());
   source.numvar = ST_ReadDict(handle);
+  if (source.numvar < 0 && std::string(ST_Trouble(handle)) == ST_CannotOpen)
+    stopwith("\n%s cannot be opened for reading!\n", path.c_str());
   if (source.numvar < 0) {
     std::printf("%s cannot be read as %s: %s.\n", path.c_str(), type->word, ST_Trouble(handle));
     fail(1, path.c_str());

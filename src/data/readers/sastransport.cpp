@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cctype>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
@@ -209,15 +210,27 @@ std::string quoted(const std::string& text) {
   return whole + "'";
 }
 
+// The name of the data set that a transport file is made from.
+std::string datasetof(const std::string& path) {
+  const std::string file = path.substr(path.rfind('/') + 1);
+  return file.substr(0, file.find('.'));
+}
+
+// Whether a SAS job can name it.
+bool issasname(const std::string& name) {
+  const auto fits = [](char c) { return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '_'; };
+  return !name.empty() && name.size() <= 32 && std::isdigit(static_cast<unsigned char>(name[0])) == 0 &&
+         std::all_of(name.begin(), name.end(), fits);
+}
+
 // The job that makes the transport file `path` from the data set of the same name in the same folder.
 void writejob(std::FILE* out, const std::string& path) {
   const std::size_t slash = path.rfind('/');
   const bool local = slash == std::string::npos;
   const std::string folder = local ? "\".\"" : quoted(path.substr(0, std::max<std::size_t>(slash, 1)));
-  const std::string file = local ? path : path.substr(slash + 1);
   std::fprintf(out, "libname tranfile sasv5xpt %s;\n", quoted(path[0] == '/' ? path : "./" + path).c_str());
   std::fprintf(out, "libname fileout %s;\n", folder.c_str());
-  std::fprintf(out, "proc copy in=fileout out=tranfile;\nselect %s;\nrun;\n", file.substr(0, file.find('.')).c_str());
+  std::fprintf(out, "proc copy in=fileout out=tranfile;\nselect %s;\nrun;\n", datasetof(path).c_str());
 }
 
 bool exists(const std::string& path) {
@@ -248,15 +261,25 @@ double ibmdouble(const unsigned char* field, int width) {
 
 bool sasconvert(const std::string& path) {
   constexpr const char* job = "xyzzy.sas";
+  constexpr const char* log = "xyzzy.log";
   const std::size_t at = path.rfind(".ssp");
   if (at == std::string::npos) return false;
   const std::string dataset = std::string(path).replace(at, 4, ".ssd");
   if (!exists(dataset)) return false;
   std::printf("I don't see %s, but I do see %s.\n", path.c_str(), dataset.c_str());
   if (askyesno("Would you like me to convert it to a transport file?") == 0) return false;
+  for (const char* own : {job, log})
+    if (exists(own)) {
+      std::printf("The SAS job would overwrite %s. Please rename it.\n", own);
+      return false;
+    }
+  if (!issasname(datasetof(path))) {
+    std::printf("%s is no name that a SAS job can have for a data set.\n", datasetof(path).c_str());
+    return false;
+  }
   std::printf("Give me a moment to run the SAS job...\n");
   std::fflush(stdout);
-  std::FILE* out = openfile(job, "w");
+  std::FILE* out = openfile(job, "wx");
   writejob(out, path);
   closechk(out);
   // Whether the job succeeded shows in the file that it makes.
@@ -264,7 +287,7 @@ bool sasconvert(const std::string& path) {
   std::remove(job);
   if (!exists(path)) return false;
   std::printf("Please keep %s around if you want to do a non-linear run.\n", path.c_str());
-  std::remove("xyzzy.log");
+  std::remove(log);
   return true;
 }
 

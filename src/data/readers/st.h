@@ -66,6 +66,7 @@ void ST_ReadAsText(StHandle handle, int v);
 [[nodiscard]] int ST_GetVarData(StHandle handle, int v, StValue* value, int* second);
 // Why there is no dictionary, or, at the end of the data, how they were cut short. Empty when all is well.
 [[nodiscard]] const char* ST_Trouble(StHandle handle);
+inline constexpr const char* ST_CannotOpen = "it cannot be opened";
 // What else is to be told of the data at their end, or nothing.
 [[nodiscard]] const char* ST_Remark(StHandle handle);
 // Closes the file and frees the handle. Null is ignored.

@@ -320,7 +320,7 @@ bool csvdictionary(StFile& file) {
   state->buffer.reset(piecesize);
   state->stream = std::fopen(file.path.c_str(), "rb");
   if (state->stream == nullptr) {
-    file.trouble = "it cannot be opened";
+    file.trouble = ST_CannotOpen;
     return false;
   }
   startover(*state, Purpose::count);
