@@ -31,18 +31,21 @@ struct ModelSpec {
   Array<int> delete1;  // [v - 1], nvar1: 2 named by LEVEL1DELETION:, 1 of the model, 0 not looked at. A missing value
                        // in a variable with an entry not 0 removes the level-1 record at analysis time
 
-  // Residual-file lists. Flags by variable (1 wanted) until the run's output questions are over; `compactlists` then
-  // turns each into a list of its `n...` variable indices.
-  Array<int> res1vars1, res1vars2, res1vars3;  // widths ncol1, ncol2, ncol3
-  Array<int> res2vars2, res2vars3;             // widths ncol2, ncol3
-  Array<int> res3vars3;                        // width ncol3
+  // Variables that the residual files are to carry: marks by variable (1 wanted) ...
+  Array<int> wanted1vars1, wanted1vars2, wanted1vars3;  // widths ncol1, ncol2, ncol3
+  Array<int> wanted2vars2, wanted2vars3;                // widths ncol2, ncol3
+  Array<int> wanted3vars3;                              // width ncol3
+  // ... and the lists of `n...` variable indices that `compactlists` makes of them.
+  Array<int> res1vars1, res1vars2, res1vars3;
+  Array<int> res2vars2, res2vars3;
+  Array<int> res3vars3;
   int nres1vars1 = 0, nres1vars2 = 0, nres1vars3 = 0;
   int nres2vars2 = 0, nres2vars3 = 0;
   int nres3vars3 = 0;
 
   // Constraints among the fixed effects.
-  Array<int> constraints;         // [full ngamma]: group of each gamma, 0 free; after makeconstraints every member of a
-                                  // group but the first carries minus the number
+  Array<int> constraints;         // [full ngamma]: group of each gamma, 0 free
+  Array<int> removed;             // [full ngamma]: 1 for every member of a group but the first
   int nconstrained = 0;           // gammas removed by the constraints
   Array<double> constrainmatrix;  // full ngamma squared: row i makes full gamma i from the reduced gammas
 

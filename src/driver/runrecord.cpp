@@ -55,12 +55,12 @@ void allocatemodel() {
   model.center2.reset(width2);
   model.center3.reset(width3);
   model.delete1.reset(static_cast<std::size_t>(mdm.nvar1));
-  model.res1vars1.reset(width1);
-  model.res1vars2.reset(width2);
-  model.res1vars3.reset(width3);
-  model.res2vars2.reset(width2);
-  model.res2vars3.reset(width3);
-  model.res3vars3.reset(width3);
+  model.wanted1vars1.reset(width1);
+  model.wanted1vars2.reset(width2);
+  model.wanted1vars3.reset(width3);
+  model.wanted2vars2.reset(width2);
+  model.wanted2vars3.reset(width3);
+  model.wanted3vars3.reset(width3);
   model.hypothesisrows.reset(maxhypotheses);
 }
 

@@ -69,7 +69,7 @@ struct MdmData {
   int rawdattype = 0;       // 2 ASCII, 3 SYSTAT, 5 SAS transport, 6 SPSS, 8 Stata, 9 other
   bool numericids = false;  // IDs are doubles, else 13-byte texts
   bool l1missing = false;   // the level-1 data were declared to hold missing values
-  bool deletednow = false;  // missing level-1 data were deleted when the file was made, or a data pass has done it
+  bool deletednow = false;  // missing level-1 data were deleted when the file was made; else the data pass does it
   int maxnj = 0;            // largest number of records of a level-2 unit
   std::string fnames[3];    // raw files, for display
   Array<double> mean1, mean2, mean3;  // grand means, [v - 1]
@@ -102,15 +102,14 @@ struct ModelKind {
 
 // Numbers and labels of the coefficients, counted once the model is complete.
 struct Coefficients {
-  int npi = 0;          // level-1 coefficients of all sets
+  int npi = 0;          // level-1 coefficients of all sets, thresholds of an ordinal model among them
   int nbeta = 0;        // level-2 coefficients of all sets
   int ntaupi = 0;       // those random at level 2: the order of taupi
   int ntaubeta = 0;     // those random at level 3: the order of taubeta
   int ngamma = 0;       // fixed effects of all sets; without the constrained ones once the constraints are applied
-  Array<Name> pinames;  // labels of the level-1 coefficients; before the run those without a random
-                        // effect are removed, so that entry i labels row i of taupi
-  Array<Name> betanames1, betanames2;  // level-1 and level-2 label of each level-2 coefficient, likewise
-  Array<Label> gammanames1, gammanames2, gammanames3;  // row labels of the fixed effects
+  Array<Name> pinames;  // the level-1 variable of each row of taupi
+  Array<Name> betanames1, betanames2;                  // the level-1 and the level-2 variable of each row of taubeta
+  Array<Label> gammanames1, gammanames2, gammanames3;  // row labels of the fixed effects of the reduced model
   Array<Name> gammasubs;            // the digits of each fixed effect's subscript, full ngamma entries
   Array<int> pisubs;                // subscript of each random level-1 coefficient
   Array<int> betasubs1, betasubs2;  // the two subscripts of each random level-2 coefficient
@@ -183,37 +182,28 @@ struct ReportStream {
   std::FILE* stream = nullptr;  // null while no report is open
   bool html = false;
   bool numberedhtml = false;   // mode of the numbered reports of a series, from the name that was given for them
-  long long reportpos = -999;  // where the next results are to be written, -999: where the report stands
+  long long mark = -1;         // where the results of a later pass go back to, below 0: nowhere (markreport)
 };
 
-// Current estimates, row-major. Orders: ngamma, npi and nbeta as they stand during a pass.
+// Estimates, row-major. Orders: ngamma, ntaupi and ntaubeta.
 struct Estimates {
   Array<double> gammahat;  // [ngamma]
   Array<double> taupi;     // order ntaupi, full symmetric
   Array<double> taubeta;   // order ntaubeta, full symmetric
   double sigma2 = 0.0;
-  Array<double> vgamma;        // ngamma squared: sigma2 * vgamma is the covariance of gammahat
-  Array<double> vgammarobust;  // robust covariance over sigma2; element 0 is missingcode when it could not be computed
-  Array<double> vgammaweighted;  // covariance of a weighted run, a true covariance
+  Array<double> vgamma;    // ngamma squared: sigma2 * vgamma is the covariance of gammahat
+
+  [[nodiscard]] Estimates copy() const {
+    return {gammahat.copy(), taupi.copy(), taubeta.copy(), sigma2, vgamma.copy()};
+  }
 };
 
 // Design weights and known variances, one entry per level-1 record, level-2 unit and level-3 unit in file order.
 struct DesignWeights {
   Array<double> weight1;  // empty unless the run is weighted
+  Array<double> factor1;  // sqrt(weight1) over the root of the known variance; empty without either
   Array<double> weight2;
   Array<double> weight3;
-};
-
-// Where the estimation stands; read by the report and by the phases of a non-linear run.
-struct PassFlags {
-  bool nlfirstpass = false;  // the linear first pass of a non-linear run
-  int paphase = 0;           // not 0: a population-average pass runs
-  bool finalpass = false;    // last pass of a non-linear run
-  bool macroconverged = false;
-  int macrocounter = 0;     // macro iteration, from 1
-  bool rescaletau = false;  // the pass after the first one
-  int stopflag = 0;         // the iterations are to end
-  int keyboardstop = 0;     // the user ended them
 };
 
 struct RunRecord {
@@ -231,7 +221,6 @@ struct RunRecord {
   ReportStream report;
   Estimates est;
   DesignWeights weights;
-  PassFlags pass;
 };
 
 extern RunRecord run;

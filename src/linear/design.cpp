@@ -24,18 +24,6 @@ void reducedeffects(Array<int>& reduced) {
 
 }  // namespace
 
-int level1coefficients(int set) {
-  const int* use = run.model.use1.row(set);
-  return static_cast<int>(std::count(use, use + run.mdm.ncol1, 1));
-}
-
-Array<int> level1columns(const Pass& pass) {
-  Array<int> columns(at(pass.npi));
-  std::size_t i = 0;
-  eachcoefficient1([&](const Coefficient1& coefficient) { columns[i++] = coefficient.v; });
-  return columns;
-}
-
 void makedesign(Pass& pass) {
   const ModelSpec& model = run.model;
   pass.npi = run.coef.npi;
@@ -57,45 +45,41 @@ void makedesign(Pass& pass) {
 
   pass.b = randomlevel2();
   pass.p = 0;
-  int coef1 = 0, coef2 = 0, effect = 0;
+  const ModelRows rows = modelrows();
   int nextrandom = 0, nextfixed = pass.b;  // next column of B of either group
-  for (int e = 0; e < run.kind.neqsets; ++e) {
-    int b = 0;  // level-2 coefficient within the set
-    for (int c = 0; c < level1coefficients(e); ++c, ++coef1) {
-      const int nterms2 = model.nterms2.row(e)[c];
-      int nfixed = 0;
-      for (int s = 0; s < nterms2; ++s, ++b, ++coef2) {
-        const bool fixed = model.fixed2.row(e)[b] != 0;
-        const int nterms3 = model.nterms3.row(e)[b];
-        nfixed += fixed;
-        if (!fixed) pass.nterms3reduced[nextrandom] = nterms3;
-        const int column = fixed ? nextfixed++ : nextrandom++;
-        design.column2[coef2] = column;
-        design.owner2[column] = coef1;
-        design.variable2[column] = model.terms2.row(e, c)[s];
-        for (int t = 0; t < nterms3; ++t, ++effect) {
-          design.owner3[effect] = column;
-          design.variable3[effect] = model.terms3.row(e, b)[t];
-        }
-      }
-      if (!model.fixed1.row(e)[c]) {
-        pass.nrandomterms[pass.p] = nterms2 - nfixed;
-        pass.nfixedterms[pass.p] = nfixed;
-        design.random1[pass.p++] = coef1;
-      }
-    }
+  for (std::size_t i = 0; i < rows.terms.size(); ++i) {
+    const TermRow& term = rows.terms[i];
+    const int column = term.random ? nextrandom++ : nextfixed++;
+    if (term.random) pass.nterms3reduced[column] = term.neffects;
+    design.column2[i] = column;
+    design.owner2[column] = term.owner;
+    design.variable2[column] = term.variable;
+  }
+  for (std::size_t i = 0; i < rows.effects.size(); ++i) {
+    design.owner3[i] = design.column2[rows.effects[i].term];
+    design.variable3[i] = rows.effects[i].variable;
+  }
+  for (std::size_t i = 0; i < rows.coefficients.size(); ++i) {
+    const CoefficientRow& coefficient = rows.coefficients[i];
+    if (!coefficient.random) continue;
+    const TermRow* const terms = rows.terms.data() + coefficient.firstterm;
+    const auto random =
+        std::count_if(terms, terms + coefficient.nterms, [](const TermRow& term) { return term.random; });
+    pass.nrandomterms[pass.p] = static_cast<int>(random);
+    pass.nfixedterms[pass.p] = coefficient.nterms - static_cast<int>(random);
+    design.random1[pass.p++] = static_cast<int>(i);
   }
   reducedeffects(design.reduced);
 
   if (pass.b == 0) std::printf("Nothing left at beta level.\n");
   if (pass.p == 0) std::printf("Nothing left at pi level.\n");
   if (pass.b == 0 || pass.p == 0) stopwith("Some variables must be specified as random.\n");
-  run.coef.npi = pass.p;
-  run.coef.nbeta = pass.b;
+  run.coef.ntaupi = pass.p;
+  run.coef.ntaubeta = pass.b;
 }
 
 void level3weights(const Pass& pass, int k, double* weights) {
-  const double* row = Pass::row(run.mdm.level3, k, run.mdm.nvar3);
+  const double* row = run.mdm.level3.data() + at(k) * at(run.mdm.nvar3);
   const Design& design = pass.design;
   for (std::size_t i = 0; i < design.variable3.size(); ++i) {
     const int variable = design.variable3[i];
@@ -108,6 +92,11 @@ void level2means(const Pass& pass, const double* weights, const double* gamma, d
   const Design& design = pass.design;
   for (std::size_t i = 0; i < design.owner3.size(); ++i)
     theta[design.owner3[i]] += weights[i] * gamma[design.reduced[i]];
+}
+
+void addlevel3effects(const Pass& pass, int k, const double* v, const double* theta, double* thetastar) {
+  std::copy_n(theta, pass.nbeta, thetastar);
+  for (int i = 0; i < pass.b; ++i) thetastar[i] += pass.scale3[k] * v[i];
 }
 
 void addtransposedW3(const Pass& pass, const double* weights, const double* t, double* x) {

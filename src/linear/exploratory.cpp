@@ -8,7 +8,7 @@
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
 #include "kernel/sizes.h"
-#include "linear/sweep.h"
+#include "model/modelwalk.h"
 #include "report/stream.h"
 
 namespace kdr {
@@ -55,23 +55,23 @@ Products level2products(Pass& pass) {
   Array<double> meanu(at(run.mdm.nunits3) * at(p)), meanx(at(run.mdm.nunits3) * at(m));
   const auto nothing = [](int) {};
   sweepunits(
-      pass, false, nothing,
-      [&](int k, const double* hot, const double* cold) {
+      pass.n2of, nothing,
+      [&](int k, std::size_t, const double* hot, const double* cold) {
         const double units = pass.n2of[k];
         for (int c = 0; c < p; ++c) meanu[k * p + c] += hot[pass.store.atustar + at(c)] / units;
         for (int x = 0; x < m; ++x) meanx[k * m + x] += cold[pass.store.atlevel2 + at(x)] / units;
       },
-      nothing);
+      nothing, reading(pass.store.hot), reading(pass.store.cold));
   Array<double> du(at(p)), dx(at(m));
   sweepunits(
-      pass, false, nothing,
-      [&](int k, const double* hot, const double* cold) {
+      pass.n2of, nothing,
+      [&](int k, std::size_t, const double* hot, const double* cold) {
         for (int c = 0; c < p; ++c) du[c] = hot[pass.store.atustar + at(c)] - meanu[k * p + c];
         for (int x = 0; x < m; ++x) dx[x] = cold[pass.store.atlevel2 + at(x)] - meanx[k * m + x];
         products.add(du.data(), dx.data());
         for (int x = 0; x < m; ++x) products.rawx[x] += squared(cold[pass.store.atlevel2 + x]);
       },
-      nothing);
+      nothing, reading(pass.store.hot), reading(pass.store.cold));
   return products;
 }
 
@@ -81,11 +81,11 @@ Products level3products(const Pass& pass) {
   products.reset(b, m);
   Array<double> meanv(at(b)), meanx(at(m)), dv(at(b)), dx(at(m));
   for (int k = 0; k < units; ++k) {
-    for (int c = 0; c < b; ++c) meanv[c] += pass.vstar[k * b + c] / units;
+    for (int c = 0; c < b; ++c) meanv[c] += pass.vstar.row(k)[c] / units;
     for (int x = 0; x < m; ++x) meanx[x] += run.mdm.level3[k * m + x] / units;
   }
   for (int k = 0; k < units; ++k) {
-    for (int c = 0; c < b; ++c) dv[c] = pass.vstar[k * b + c] - meanv[c];
+    for (int c = 0; c < b; ++c) dv[c] = pass.vstar.row(k)[c] - meanv[c];
     for (int x = 0; x < m; ++x) dx[x] = run.mdm.level3[k * m + x] - meanx[x];
     products.add(dv.data(), dx.data());
     for (int x = 0; x < m; ++x) products.rawx[x] += squared(run.mdm.level3[k * m + x]);
@@ -191,26 +191,25 @@ void level2analysis(Pass& pass) {
   const int columns = std::min(perblock, most(run.model.nextra2));
   heading(2, columns);
   int r = 0, missing = 0;
-  for (int e = 0; e < run.kind.neqsets; ++e)
-    for (int c = 0; c < level1coefficients(e); ++c) {
-      if (run.model.fixed1.row(e)[c]) continue;
-      const int* variables = run.model.extra2.row(e, c);
-      const int n = run.model.nextra2.row(e)[c];
-      Regression fits[maxextra];
-      for (int i = 0; i < n; ++i) {
-        fits[i] = regress(products, 2, r, variables[i] - 1, run.mdm.nunits2);
-        missing += fits[i].coefficient == missingcode;
-      }
-      for (int from = 0; from < n; from += perblock)
-        block(variables + from, fits + from, std::min(perblock, n - from), columns, run.mdm.names2, [&] {
-          const std::string name = eightcolumns(run.coef.pinames[r]);
-          const int subscript = run.coef.pisubs[r];
-          reporttext(" %s, %s%1d\n", name.c_str(), run.sym.sym1.c_str(), subscript);
-          reporthtml("<tr><td align=right %s>%s,%s<sub><small><i>%d</i></small></sub></td></tr>", styleplain,
-                     name.c_str(), run.sym.sym1.c_str(), subscript);
-        });
-      ++r;
+  for (const CoefficientRow& coefficient : modelrows().coefficients) {
+    if (!coefficient.random) continue;
+    const int* variables = run.model.extra2.row(coefficient.set, coefficient.place);
+    const int n = run.model.nextra2.row(coefficient.set)[coefficient.place];
+    Regression fits[maxextra];
+    for (int i = 0; i < n; ++i) {
+      fits[i] = regress(products, 2, r, variables[i] - 1, run.mdm.nunits2);
+      missing += fits[i].coefficient == missingcode;
     }
+    for (int from = 0; from < n; from += perblock)
+      block(variables + from, fits + from, std::min(perblock, n - from), columns, run.mdm.names2, [&] {
+        const std::string name = eightcolumns(run.coef.pinames[r]);
+        const int subscript = run.coef.pisubs[r];
+        reporttext(" %s, %s%1d\n", name.c_str(), run.sym.sym1.c_str(), subscript);
+        reporthtml("<tr><td align=right %s>%s,%s<sub><small><i>%d</i></small></sub></td></tr>", styleplain,
+                   name.c_str(), run.sym.sym1.c_str(), subscript);
+      });
+    ++r;
+  }
   closetable(columns);
   if (missing != 0) {
     reportbreak();
@@ -224,29 +223,27 @@ void level3analysis(const Pass& pass) {
   heading(3, columns);
   int missing = 0;
   int r = 0;
-  for (int e = 0; e < run.kind.neqsets; ++e) {
-    int b = 0;
-    for (int c = 0; c < level1coefficients(e); ++c)
-      for (int s = 0; s < run.model.nterms2.row(e)[c]; ++s, ++b) {
-        if (run.model.fixed2.row(e)[b]) continue;
-        const int* variables = run.model.extra3.row(e, b);
-        const int n = run.model.nextra3.row(e)[b];
-        Regression fits[maxextra];
-        for (int i = 0; i < n; ++i) {
-          fits[i] = regress(products, 3, r, variables[i] - 1, run.mdm.nunits3);
-          missing += fits[i].coefficient == missingcode;
-        }
-        if (n > 0)
-          block(variables, fits, n, columns, run.mdm.names3, [&] {
-            const std::string first = eightcolumns(run.coef.betanames1[r]);
-            const std::string second = eightcolumns(run.coef.betanames2[r]);
-            reporttext("%s/%s, %s%d%d\n", first.c_str(), second.c_str(), run.sym.sym2.c_str(), run.coef.betasubs1[r],
-                       run.coef.betasubs2[r]);
-            reporthtml("<tr><td %s>%s/%s,%s<sub><small><i>%d%d</i></small></sub></td></tr>", styleplain, first.c_str(),
-                       second.c_str(), run.sym.sym2.c_str(), run.coef.betasubs1[r], run.coef.betasubs2[r]);
-          });
-        ++r;
-      }
+  const ModelRows rows = modelrows();
+  for (const TermRow& term : rows.terms) {
+    if (!term.random) continue;
+    const int set = rows.owner(term).set;
+    const int* variables = run.model.extra3.row(set, term.place);
+    const int n = run.model.nextra3.row(set)[term.place];
+    Regression fits[maxextra];
+    for (int i = 0; i < n; ++i) {
+      fits[i] = regress(products, 3, r, variables[i] - 1, run.mdm.nunits3);
+      missing += fits[i].coefficient == missingcode;
+    }
+    if (n > 0)
+      block(variables, fits, n, columns, run.mdm.names3, [&] {
+        const std::string first = eightcolumns(run.coef.betanames1[r]);
+        const std::string second = eightcolumns(run.coef.betanames2[r]);
+        reporttext("%s/%s, %s%d%d\n", first.c_str(), second.c_str(), run.sym.sym2.c_str(), run.coef.betasubs1[r],
+                   run.coef.betasubs2[r]);
+        reporthtml("<tr><td %s>%s/%s,%s<sub><small><i>%d%d</i></small></sub></td></tr>", styleplain, first.c_str(),
+                   second.c_str(), run.sym.sym2.c_str(), run.coef.betasubs1[r], run.coef.betasubs2[r]);
+      });
+    ++r;
   }
   closetable(columns);
   if (missing != 0) {

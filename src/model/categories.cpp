@@ -59,8 +59,8 @@ void makeequationsets() {
   run.model = ModelSpec{};
   allocatemodel();
   if (earlier.delete1.size() == run.model.delete1.size()) run.model.delete1 = std::move(earlier.delete1);
-  for (Array<int> ModelSpec::*list : {&ModelSpec::res1vars1, &ModelSpec::res1vars2, &ModelSpec::res1vars3,
-                                      &ModelSpec::res2vars2, &ModelSpec::res2vars3, &ModelSpec::res3vars3}) {
+  for (Array<int> ModelSpec::*list : {&ModelSpec::wanted1vars1, &ModelSpec::wanted1vars2, &ModelSpec::wanted1vars3,
+                                      &ModelSpec::wanted2vars2, &ModelSpec::wanted2vars3, &ModelSpec::wanted3vars3}) {
     const Array<int>& old = earlier.*list;
     Array<int>& now = run.model.*list;
     std::copy_n(old.begin(), std::min(old.size(), now.size()), now.begin());

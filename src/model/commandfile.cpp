@@ -7,6 +7,7 @@
 #include "driver/failures.h"
 #include "driver/questions.h"
 #include "driver/runrecord.h"
+#include "kernel/sizes.h"
 #include "model/complete.h"
 #include "model/constraints.h"
 #include "model/defaults.h"
@@ -148,7 +149,7 @@ void endoffile(const CommandReader& reader) {
   if (reader.deviance != reader.df) std::printf(" Deviance and df must be specified together\n");
   if (run.out.graph && run.kind.nonlin == 3) run.out.resfil1 = true;
   if (run.kind.nonlin != 0 && run.kind.nlcntvar != 0)
-    run.model.res1vars1[static_cast<std::size_t>(run.kind.nlcntvar)] = 1;
+    run.model.wanted1vars1[static_cast<std::size_t>(run.kind.nlcntvar)] = 1;
   checkorders();
   checkconstraints();
 }

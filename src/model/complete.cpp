@@ -1,44 +1,28 @@
 #include "model/complete.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <vector>
 
 #include "model/modelwalk.h"
 
 namespace kdr {
 
-void countlevel1() {
-  int n = 0;
-  eachcoefficient1([&](const Coefficient1&) { ++n; });
-  run.coef.npi = n;
-  run.coef.pinames.reset(static_cast<std::size_t>(n));
-  std::size_t i = 0;
-  eachcoefficient1([&](const Coefficient1& coefficient) {
-    run.coef.pinames[i++] = run.mdm.names1[static_cast<std::size_t>(coefficient.v)];
-  });
-}
+void countlevel1() { run.coef.npi = static_cast<int>(modelrows().coefficients.size()); }
 
 void countlevel2() {
-  int n = 0;
+  const ModelRows rows = modelrows();
   for (int& count : run.model.nterms2.cells) count = 0;
-  eachcoefficient2([&](const Coefficient2& coefficient) {
-    ++n;
-    ++run.model.nterms2.row(coefficient.owner.e)[coefficient.owner.c];
-  });
-  run.coef.nbeta = n;
-  run.coef.betanames1.reset(static_cast<std::size_t>(n));
-  run.coef.betanames2.reset(static_cast<std::size_t>(n));
-  std::size_t i = 0;
-  eachcoefficient2([&](const Coefficient2& coefficient) {
-    run.coef.betanames1[i] = run.mdm.names1[static_cast<std::size_t>(coefficient.owner.v)];
-    run.coef.betanames2[i++] = run.mdm.names2[static_cast<std::size_t>(coefficient.w)];
-  });
+  for (const CoefficientRow& coefficient : rows.coefficients)
+    run.model.nterms2.row(coefficient.set)[coefficient.place] = coefficient.nterms;
+  run.coef.nbeta = static_cast<int>(rows.terms.size());
 }
 
 void countlevel3() {
+  const ModelRows rows = modelrows();
   for (int& count : run.model.nterms3.cells) count = 0;
-  eachfixedeffect(
-      [](const Coefficient2& coefficient, int, int) { ++run.model.nterms3.row(coefficient.owner.e)[coefficient.b]; });
-  run.coef.ngamma = countfixedeffects();
+  for (const TermRow& term : rows.terms) run.model.nterms3.row(rows.owner(term).set)[term.place] = term.neffects;
+  run.coef.ngamma = static_cast<int>(rows.effects.size());
 }
 
 void countextras() {
@@ -48,18 +32,15 @@ void countextras() {
     for (int b = 0; b < run.mdm.maxbeta; ++b) model.nextra3.row(e)[b] = filledslots(model.extra3.row(e, b), maxextra);
   }
 
-  run.coef.gammasubs.reset(static_cast<std::size_t>(countfixedeffects()));
-  std::size_t i = 0;
-  eachfixedeffect([&](const Coefficient2& coefficient, int u, int) {
-    const Coefficient1& owner = coefficient.owner;
-    const int first = owner.c + (run.kind.nointercept1 ? 1 : 0);
-    const int second = coefficient.s + firstsubscript(model.terms2.row(owner.e, owner.c));
-    const int third = u + firstsubscript(model.terms3.row(owner.e, coefficient.b));
+  const ModelRows rows = modelrows();
+  run.coef.gammasubs.reset(rows.effects.size());
+  for (std::size_t g = 0; g < rows.effects.size(); ++g) {
+    const EffectRow& effect = rows.effects[g];
     char digits[40];
-    std::snprintf(digits, sizeof digits, "%1.1d%1.1d%1.1d", first, second, third);
-    Name& slot = run.coef.gammasubs[i++];
-    std::snprintf(slot.text, sizeof slot.text, "%.12s", digits);
-  });
+    std::snprintf(digits, sizeof digits, "%1.1d%1.1d%1.1d", rows.owner(effect).subscript, rows.termof(effect).subscript,
+                  effect.subscript);
+    std::snprintf(run.coef.gammasubs[g].text, sizeof run.coef.gammasubs[g].text, "%.12s", digits);
+  }
 }
 
 void completemodel() {
@@ -70,55 +51,60 @@ void completemodel() {
 }
 
 int randomlevel1() {
-  int n = 0;
-  eachcoefficient1([&](const Coefficient1& coefficient) {
-    if (!isthreshold(coefficient.v) && run.model.fixed1.row(coefficient.e)[coefficient.c] == 0) ++n;
-  });
-  return n;
+  const std::vector<CoefficientRow> list = modelrows().coefficients;
+  return static_cast<int>(
+      std::count_if(list.begin(), list.end(), [](const CoefficientRow& row) { return row.random; }));
 }
 
 int randomlevel2() {
-  int n = 0;
-  eachcoefficient2([&](const Coefficient2& coefficient) {
-    if (run.model.fixed2.row(coefficient.owner.e)[coefficient.b] == 0) ++n;
-  });
-  return n;
+  const std::vector<TermRow> list = modelrows().terms;
+  return static_cast<int>(std::count_if(list.begin(), list.end(), [](const TermRow& row) { return row.random; }));
 }
 
-int countfixedeffects() {
-  int n = 0;
-  eachfixedeffect([&](const Coefficient2&, int, int) { ++n; });
-  return n;
-}
+int countfixedeffects() { return static_cast<int>(modelrows().effects.size()); }
 
-void droprandomlesslabels() {
+void labelrandomeffects() {
+  const ModelRows rows = modelrows();
   Coefficients& coef = run.coef;
-  std::size_t i = 0, kept = 0;
-  eachcoefficient2([&](const Coefficient2& coefficient) {
-    if (run.model.fixed2.row(coefficient.owner.e)[coefficient.b] == 0) {
-      coef.betanames1[kept] = coef.betanames1[i];
-      coef.betanames2[kept++] = coef.betanames2[i];
-    }
-    ++i;
-  });
-  for (; kept < i; ++kept) coef.betanames1[kept] = coef.betanames2[kept] = paddedname("");
+  coef.pinames.reset(static_cast<std::size_t>(randomlevel1()));
+  coef.betanames1.reset(static_cast<std::size_t>(randomlevel2()));
+  coef.betanames2.reset(coef.betanames1.size());
+  std::size_t i = 0;
+  for (const CoefficientRow& coefficient : rows.coefficients)
+    if (coefficient.random) coef.pinames[i++] = run.mdm.names1[static_cast<std::size_t>(coefficient.variable)];
+  i = 0;
+  for (const TermRow& term : rows.terms) {
+    if (!term.random) continue;
+    coef.betanames1[i] = run.mdm.names1[static_cast<std::size_t>(rows.owner(term).variable)];
+    coef.betanames2[i++] = run.mdm.names2[static_cast<std::size_t>(term.variable)];
+  }
+}
+
+void markdeletion() {
+  if (run.mdm.deletednow) return;
+  for (int v = 1; v <= run.mdm.nvar1; ++v) {
+    int& mark = run.model.delete1[static_cast<std::size_t>(v) - 1];
+    if (mark == 2) continue;
+    bool used = v == run.out.wgtvar1 || v == run.out.autovknown || (run.kind.nlcount && v == run.kind.nlcntvar);
+    for (int e = 0; e < run.kind.neqsets; ++e) used = used || run.model.use1.row(e)[v] != 0;
+    mark = used ? 1 : 0;
+  }
 }
 
 void compactlists() {
   ModelSpec& model = run.model;
-  const auto compact = [](Array<int>& flags, int& count) {
-    Array<int> list(flags.size());
+  const auto compact = [](const Array<int>& marks, Array<int>& list, int& count) {
+    list.reset(marks.size());
     count = 0;
-    for (std::size_t v = 1; v < flags.size(); ++v)
-      if (flags[v] != 0) list[static_cast<std::size_t>(count++)] = static_cast<int>(v);
-    flags = std::move(list);
+    for (std::size_t v = 1; v < marks.size(); ++v)
+      if (marks[v] != 0) list[static_cast<std::size_t>(count++)] = static_cast<int>(v);
   };
-  compact(model.res1vars1, model.nres1vars1);
-  compact(model.res1vars2, model.nres1vars2);
-  compact(model.res1vars3, model.nres1vars3);
-  compact(model.res2vars2, model.nres2vars2);
-  compact(model.res2vars3, model.nres2vars3);
-  compact(model.res3vars3, model.nres3vars3);
+  compact(model.wanted1vars1, model.res1vars1, model.nres1vars1);
+  compact(model.wanted1vars2, model.res1vars2, model.nres1vars2);
+  compact(model.wanted1vars3, model.res1vars3, model.nres1vars3);
+  compact(model.wanted2vars2, model.res2vars2, model.nres2vars2);
+  compact(model.wanted2vars3, model.res2vars3, model.nres2vars3);
+  compact(model.wanted3vars3, model.res3vars3, model.nres3vars3);
 }
 
 }  // namespace kdr

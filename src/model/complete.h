@@ -3,9 +3,9 @@
 
 namespace kdr {
 
-// run.coef.npi and pinames.
+// run.coef.npi.
 void countlevel1();
-// run.coef.nbeta, betanames1, betanames2 and run.model.nterms2.
+// run.coef.nbeta and run.model.nterms2.
 void countlevel2();
 // run.coef.ngamma and run.model.nterms3.
 void countlevel3();
@@ -17,14 +17,18 @@ void completemodel();
 // Level-1 and level-2 coefficients with a random effect, over all sets: the orders of taupi and taubeta.
 [[nodiscard]] int randomlevel1();
 [[nodiscard]] int randomlevel2();
-// Fixed effects over all sets, as the tables stand.
+// Fixed effects over all sets, as the tables stand, the thresholds of an ordinal model among them.
 [[nodiscard]] int countfixedeffects();
 
-// Takes the labels of level-2 coefficients without a random effect out of betanames1 and betanames2.
-void droprandomlesslabels();
+// The labels of the rows of taupi and taubeta: run.coef.pinames, betanames1 and betanames2.
+void labelrandomeffects();
 
-// Turns the residual-file lists of run.model from flags by variable into lists of indices, in order, and counts them.
-// The intercept's flag enters no list. Once per pass.
+// Marks every variable of the model as one without which a level-1 record cannot be used, when records with missing
+// values are still in the file.
+void markdeletion();
+
+// Lists the variables of the residual files in run.model from their marks, in order, and counts them. The mark of the
+// intercept enters no list.
 void compactlists();
 
 }  // namespace kdr

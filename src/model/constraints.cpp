@@ -33,6 +33,7 @@ void makeconstraints() {
   checkconstraints();
 
   model.nconstrained = 0;
+  model.removed.reset(n);
   model.constrainmatrix.reset(n * n);
   double* const matrix = model.constrainmatrix.data();
   for (std::size_t i = 0; i < n; ++i) matrix[i * n + i] = 1.0;
@@ -43,11 +44,11 @@ void makeconstraints() {
       if (*member != k) continue;
       const auto i = static_cast<std::size_t>(member - model.constraints.begin());
       matrix[i * n + static_cast<std::size_t>(first - model.constraints.begin())] = 1.0;
-      *member = -k;
+      model.removed[i] = 1;
     }
   }
   for (std::size_t i = n; i-- > 0;) {
-    if (model.constraints[i] >= 0) continue;
+    if (model.removed[i] == 0) continue;
     for (std::size_t row = 0; row < n; ++row) {
       double* const values = matrix + row * n;
       std::copy(values + i + 1, values + n, values + i);
@@ -63,13 +64,12 @@ void applyconstraints() {
   const auto full = static_cast<std::size_t>(run.coef.ngamma);
   if (full == 0 || model.contrasts.empty()) return;
   const std::size_t rows = model.contrasts.size() / full;
-  std::size_t width = full - static_cast<std::size_t>(model.nconstrained);
-  if (run.kind.ordinal) width += static_cast<std::size_t>(run.kind.ncat - 2);
+  const std::size_t width = full - static_cast<std::size_t>(model.nconstrained);
   model.contrasts.reset(rows * width);
   for (std::size_t row = 0; row < rows; ++row) {
     // The contrast of the full gammas, in terms of the reduced ones from which constrainmatrix makes them.
     for (std::size_t g = 0; g < full; ++g)
-      for (std::size_t column = 0; column < full - static_cast<std::size_t>(model.nconstrained); ++column)
+      for (std::size_t column = 0; column < width; ++column)
         model.contrasts[row * width + column] +=
             model.uncutcontrasts[row * full + g] * model.constrainmatrix[g * full + column];
   }

@@ -8,13 +8,13 @@ namespace kdr {
 void checkconstraints();
 
 // Builds run.model.constrainmatrix, which makes the full gammas from the reduced ones: full ngamma squared, row i for
-// full gamma i, the reduced gammas in the first ngamma - nconstrained columns. Every member of a group but its first
-// gets minus the group's number in run.model.constraints and is counted in nconstrained. Raises checkconstraints' stop.
+// full gamma i, the reduced gammas in the first ngamma - nconstrained columns. Every member of a group but its first is
+// marked in run.model.removed and counted in nconstrained. Raises checkconstraints' stop.
 void makeconstraints();
 
 // Keeps a copy of run.model.contrasts as uncutcontrasts and states contrasts in the reduced gammas: the column of a
-// removed gamma is added to that of the first member of its group, whose rows then have ngamma - nconstrained values,
-// and ncat - 2 more in an ordinal run. Expects run.coef.ngamma as it was before the reduction, and leaves it so.
+// removed gamma is added to that of the first member of its group, and a row then has ngamma - nconstrained values.
+// Expects run.coef.ngamma as it was before the reduction, and leaves it so.
 void applyconstraints();
 
 }  // namespace kdr

@@ -37,16 +37,17 @@ void askcontrast(int h) {
   const std::size_t start = model.contrasts.size();
   model.contrasts.resize(start + static_cast<std::size_t>(run.coef.ngamma));
   ++model.hypothesisrows[static_cast<std::size_t>(h)];
-  std::size_t g = 0;
-  eachfixedeffect([&](const Coefficient2& coefficient, int, int w) {
-    const std::size_t at = g++;
-    if (at < model.constraints.size() && model.constraints[at] < 0) return;
-    const std::string prompt = formatted(" Enter contrast value for %8.8s/%8.8s/%8.8s, G%s (0 to ignore)",
-                                         run.mdm.names1[static_cast<std::size_t>(coefficient.owner.v)].text,
-                                         run.mdm.names2[static_cast<std::size_t>(coefficient.w)].text,
-                                         run.mdm.names3[static_cast<std::size_t>(w)].text, run.coef.gammasubs[at].text);
-    model.contrasts[start + at] = askreal(prompt.c_str(), -1000000.0, 1000000.0);
-  });
+  const ModelRows rows = modelrows();
+  for (std::size_t g = 0; g < rows.effects.size(); ++g) {
+    const EffectRow& effect = rows.effects[g];
+    if (effect.removed || rows.owner(effect).threshold) continue;
+    const std::string prompt =
+        formatted(" Enter contrast value for %8.8s/%8.8s/%8.8s, G%s (0 to ignore)",
+                  run.mdm.names1[static_cast<std::size_t>(rows.owner(effect).variable)].text,
+                  run.mdm.names2[static_cast<std::size_t>(rows.termof(effect).variable)].text,
+                  run.mdm.names3[static_cast<std::size_t>(effect.variable)].text, run.coef.gammasubs[g].text);
+    model.contrasts[start + g] = askreal(prompt.c_str(), -1000000.0, 1000000.0);
+  }
 }
 
 void askhypotheses() {
@@ -79,23 +80,24 @@ void asklvr() {
   run.out.lvrroles.reset(static_cast<std::size_t>(randomlevel2()));
   std::size_t n = 0;
   int wrong = 0;
-  eachcoefficient2([&](const Coefficient2& coefficient) {
-    if (run.model.fixed2.row(coefficient.owner.e)[coefficient.b] != 0) return;
+  const ModelRows rows = modelrows();
+  for (const TermRow& term : rows.terms) {
+    if (!term.random) continue;
     const std::string prompt = formatted("How do you want to handle %8.8s/%8.8s?",
-                                         run.mdm.names1[static_cast<std::size_t>(coefficient.owner.v)].text,
-                                         run.mdm.names2[static_cast<std::size_t>(coefficient.w)].text);
-    for (std::string line;;) {
+                                         run.mdm.names1[static_cast<std::size_t>(rows.owner(term).variable)].text,
+                                         run.mdm.names2[static_cast<std::size_t>(term.variable)].text);
+    std::string line;
+    char letter = '\0';
+    for (;;) {
       readanswer(prompt + " ", line);
-      const char letter = firstletter(line);
-      if (letter == 'I' || letter == 'O' || letter == 'P') {
-        run.out.lvrroles[n++] = letter == 'O' ? 1 : letter == 'P' ? 2 : 0;
-        run.out.lvr = run.out.lvr || letter != 'I';
-        return;
-      }
+      letter = firstletter(line);
+      if (letter == 'I' || letter == 'O' || letter == 'P') break;
       std::printf("Invalid response");
       if (++wrong > maxtries) fail(14);
     }
-  });
+    run.out.lvrroles[n++] = letter == 'O' ? 1 : letter == 'P' ? 2 : 0;
+    run.out.lvr = run.out.lvr || letter != 'I';
+  }
 }
 
 // One residual file: whether it is wanted, and which variables of its level it is to carry.
@@ -114,9 +116,9 @@ bool askresidualfile(int level, int nvar, const Array<Name>& names, Array<int>& 
 void askresiduals() {
   bool wanted = false;
   if (!run.answered.resfil2)
-    wanted = run.out.resfil2 = askresidualfile(2, run.mdm.nvar2, run.mdm.names2, run.model.res2vars2);
+    wanted = run.out.resfil2 = askresidualfile(2, run.mdm.nvar2, run.mdm.names2, run.model.wanted2vars2);
   if (!run.answered.resfil3) {
-    run.out.resfil3 = askresidualfile(3, run.mdm.nvar3, run.mdm.names3, run.model.res3vars3);
+    run.out.resfil3 = askresidualfile(3, run.mdm.nvar3, run.mdm.names3, run.model.wanted3vars3);
     wanted = wanted || run.out.resfil3;
   }
   // A residual file of the command file has its type from there, or the usual one.
@@ -140,11 +142,12 @@ void constraintquestions() {
   if (run.answered.constrain) return;
   Array<int>& constraints = run.model.constraints;
   constraints.reset(static_cast<std::size_t>(run.coef.ngamma));
+  const ModelRows rows = modelrows();
   int groups = 0;
   while (askyesno("Do you want to constrain any (more) of the gammas?")) {
     bool chosen = false;
     for (std::size_t g = 0; g < constraints.size(); ++g) {
-      if (constraints[g] != 0) continue;
+      if (constraints[g] != 0 || rows.owner(rows.effects[g]).threshold) continue;
       if (!askyesno(formatted(" Do you want to constrain G%s?", run.coef.gammasubs[g].text).c_str())) continue;
       constraints[g] = groups + 1;
       chosen = true;

@@ -145,7 +145,7 @@ void readlevel3(CommandReader& reader, int owner) {
     if (v == 0) continue;
     const auto at = static_cast<std::size_t>(v);
     if (term.option == '2') model.center3[at] = 2;
-    model.res1vars3[at] = model.res2vars3[at] = model.res3vars3[at] = 1;
+    model.wanted1vars3[at] = model.wanted2vars3[at] = model.wanted3vars3[at] = 1;
   }
   if (!equation.random) model.fixed2.row(e)[b] = 1;
 }
@@ -168,7 +168,7 @@ void readlevel2(CommandReader& reader, int owner) {
     if (v > 0) {
       const auto at = static_cast<std::size_t>(v);
       if (term.option == '1' || term.option == '2') model.center2[at] = term.option - '0';
-      model.res1vars2[at] = model.res2vars2[at] = 1;
+      model.wanted1vars2[at] = model.wanted2vars2[at] = 1;
     }
     readlevel3(reader, v);
   }
@@ -180,7 +180,7 @@ void readoutcome(const CommandReader& reader, const std::string& name) {
   if (reader.set > 0 && v != run.kind.outvar) stopwith("All equations of level 1 must have the same outcome!\n");
   run.kind.outvar = v;
   run.model.use1.row(reader.set)[v] = -1;
-  run.model.res1vars1[static_cast<std::size_t>(v)] = 1;
+  run.model.wanted1vars1[static_cast<std::size_t>(v)] = 1;
 }
 
 void readpredictor(CommandReader& reader, const Term& term, int& last) {

@@ -156,7 +156,7 @@ void readnonlin(CommandReader&, const std::string& value) {
   } else if (fields.size() > 1) {
     kind.nlcntvar = variable("nlcntvar", second, run.mdm.names1, run.mdm.nvar1);
     kind.nlcount = true;
-    run.model.res1vars1[at(kind.nlcntvar)] = 1;
+    run.model.wanted1vars1[at(kind.nlcntvar)] = 1;
   }
   if (newtables) makeequationsets();
 }
@@ -242,9 +242,9 @@ void readresfil1(CommandReader& reader, const std::string& value) {
   if (firstletter(value) == 'N') return;
   run.out.resfil1 = true;
   const std::vector<std::string> lists = slashlists(value, 3);
-  marklist(reader, "resfil1", lists[0], run.mdm.names1, run.mdm.nvar1, run.model.res1vars1);
-  marklist(reader, "resfil1", lists[1], run.mdm.names2, run.mdm.nvar2, run.model.res1vars2);
-  marklist(reader, "resfil1", lists[2], run.mdm.names3, run.mdm.nvar3, run.model.res1vars3);
+  marklist(reader, "resfil1", lists[0], run.mdm.names1, run.mdm.nvar1, run.model.wanted1vars1);
+  marklist(reader, "resfil1", lists[1], run.mdm.names2, run.mdm.nvar2, run.model.wanted1vars2);
+  marklist(reader, "resfil1", lists[2], run.mdm.names3, run.mdm.nvar3, run.model.wanted1vars3);
 }
 
 void readresfil2(CommandReader& reader, const std::string& value) {
@@ -252,15 +252,15 @@ void readresfil2(CommandReader& reader, const std::string& value) {
   if (firstletter(value) == 'N') return;
   run.out.resfil2 = true;
   const std::vector<std::string> lists = slashlists(value, 2);
-  marklist(reader, "resfil2", lists[0], run.mdm.names2, run.mdm.nvar2, run.model.res2vars2);
-  marklist(reader, "resfil2", lists[1], run.mdm.names3, run.mdm.nvar3, run.model.res2vars3);
+  marklist(reader, "resfil2", lists[0], run.mdm.names2, run.mdm.nvar2, run.model.wanted2vars2);
+  marklist(reader, "resfil2", lists[1], run.mdm.names3, run.mdm.nvar3, run.model.wanted2vars3);
 }
 
 void readresfil3(CommandReader& reader, const std::string& value) {
   run.answered.resfil3 = true;
   if (firstletter(value) == 'N') return;
   run.out.resfil3 = true;
-  marklist(reader, "resfil3", slashlists(value, 1)[0], run.mdm.names3, run.mdm.nvar3, run.model.res3vars3);
+  marklist(reader, "resfil3", slashlists(value, 1)[0], run.mdm.names3, run.mdm.nvar3, run.model.wanted3vars3);
 }
 
 }  // namespace kdr

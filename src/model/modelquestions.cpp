@@ -22,13 +22,9 @@ constexpr const char* isoutcome = " That is the outcome variable!\n";
 const char* name1(int v) { return run.mdm.names1[static_cast<std::size_t>(v)].text; }
 const char* name2(int v) { return run.mdm.names2[static_cast<std::size_t>(v)].text; }
 
-int subscript(const Coefficient1& coefficient) { return coefficient.c + (run.kind.nointercept1 ? 1 : 0); }
-
 // The two digits of a level-2 coefficient.
-std::string subscripts(const Coefficient2& coefficient) {
-  const Coefficient1& owner = coefficient.owner;
-  return formatted("%1.1d%1.1d", subscript(owner),
-                   coefficient.s + firstsubscript(run.model.terms2.row(owner.e, owner.c)));
+std::string subscripts(const CoefficientRow& owner, const TermRow& term) {
+  return formatted("%1.1d%1.1d", owner.subscript, term.subscript);
 }
 
 bool multinomial() { return run.kind.nonlin == 3 && !run.kind.ordinal; }
@@ -105,7 +101,7 @@ void askcountvariable() {
     v = asknumber(prompt.c_str(), 1, run.mdm.nvar1);
   }
   run.kind.nlcntvar = v;
-  run.model.res1vars1[static_cast<std::size_t>(v)] = 1;
+  run.model.wanted1vars1[static_cast<std::size_t>(v)] = 1;
 }
 
 void askintercept1() {
@@ -144,7 +140,7 @@ void askcentering1() {
 void askcentering2() {
   if (run.answered.level2) return;
   Array<int> used(static_cast<std::size_t>(run.mdm.ncol2));
-  eachcoefficient2([&](const Coefficient2& coefficient) { used[static_cast<std::size_t>(coefficient.w)] = 1; });
+  for (const TermRow& term : modelrows().terms) used[static_cast<std::size_t>(term.variable)] = 1;
   askcentering(anyvariable(used), "\nDo you want to center any level-2 predictors?", threechoices, "012", used,
                run.mdm.names2, run.model.center2);
 }
@@ -152,7 +148,7 @@ void askcentering2() {
 void askcentering3() {
   if (run.answered.level3) return;
   Array<int> used(static_cast<std::size_t>(run.mdm.ncol3));
-  eachfixedeffect([&](const Coefficient2&, int, int w) { used[static_cast<std::size_t>(w)] = 1; });
+  for (const EffectRow& effect : modelrows().effects) used[static_cast<std::size_t>(effect.variable)] = 1;
   askcentering(anyvariable(used), "Do you want to center any level-3 predictors?", twochoices, "02", used,
                run.mdm.names3, run.model.center3);
 }
@@ -194,40 +190,41 @@ void asklevel2() {
   std::printf("\n\nLevel-2 predictor variable specification\n");
   showchoices("Which level-2 variables do you wish to use?\n", run.mdm.nvar2, run.mdm.names2, 0);
   int set = -1;
-  eachcoefficient1([&](const Coefficient1& coefficient) {
-    if (isthreshold(coefficient.v)) return;
-    saycategory(set, coefficient.e);
-    int* row = run.model.terms2.row(coefficient.e, coefficient.c);
+  const ModelRows rows = modelrows();
+  for (const CoefficientRow& coefficient : rows.coefficients) {
+    if (coefficient.threshold) continue;
+    saycategory(set, coefficient.set);
+    int* row = run.model.terms2.row(coefficient.set, coefficient.place);
     row[0] = 0;
-    std::printf("Which level-2 predictor to model %8.8s, P%d%s", name1(coefficient.v), subscript(coefficient),
-                coefficient.c == 0 ? "?\n" : " slope?\n");
-    const int* before = coefficient.c > 0 ? run.model.terms2.row(coefficient.e, coefficient.c - 1) : nullptr;
+    std::printf("Which level-2 predictor to model %8.8s, P%d%s", name1(coefficient.variable), coefficient.subscript,
+                coefficient.place == 0 ? "?\n" : " slope?\n");
+    const int* before = coefficient.place > 0 ? run.model.terms2.row(coefficient.set, coefficient.place - 1) : nullptr;
     askrow(" Level-2 predictor? (Enter 0 to end)", run.mdm.nvar2, 1, run.mdm.ncol2, before, nullptr, 0, row);
     for (int s = 1; s < run.mdm.ncol2 && row[s] != noslot; ++s)
-      run.model.res2vars2[static_cast<std::size_t>(row[s])] = 1;
-  });
+      run.model.wanted2vars2[static_cast<std::size_t>(row[s])] = 1;
+  }
 
-  eachcoefficient1([&](const Coefficient1& coefficient) {
-    if (isthreshold(coefficient.v)) return;
-    if (!askyesno(formatted("Do you want to set the level-2 intercept to zero for %8.8s, P%d?", name1(coefficient.v),
-                            subscript(coefficient))
+  for (const CoefficientRow& coefficient : rows.coefficients) {
+    if (coefficient.threshold) continue;
+    if (!askyesno(formatted("Do you want to set the level-2 intercept to zero for %8.8s, P%d?",
+                            name1(coefficient.variable), coefficient.subscript)
                       .c_str()))
-      return;
-    int* row = run.model.terms2.row(coefficient.e, coefficient.c);
+      continue;
+    int* row = run.model.terms2.row(coefficient.set, coefficient.place);
     for (int s = 0; s + 1 < run.mdm.ncol2; ++s) row[s] = row[s + 1];
     row[run.mdm.ncol2 - 1] = noslot;
-  });
+  }
 }
 
 void askrandom2() {
   if (run.answered.level1) return;
   if (!askyesno("\n\nDo you want to constrain the variances in any of the level-2 random\n effect to zero?")) return;
-  eachcoefficient1([&](const Coefficient1& coefficient) {
-    if (isthreshold(coefficient.v)) return;
-    const std::string prompt = formatted("Do you want to fix %8.8s,P%d%s", name1(coefficient.v), subscript(coefficient),
-                                         coefficient.c == 0 ? "?" : " slope?");
-    run.model.fixed1.row(coefficient.e)[coefficient.c] = askyesno(prompt.c_str());
-  });
+  for (const CoefficientRow& coefficient : modelrows().coefficients) {
+    if (coefficient.threshold) continue;
+    const std::string prompt = formatted("Do you want to fix %8.8s,P%d%s", name1(coefficient.variable),
+                                         coefficient.subscript, coefficient.place == 0 ? "?" : " slope?");
+    run.model.fixed1.row(coefficient.set)[coefficient.place] = askyesno(prompt.c_str());
+  }
 }
 
 void asklevel3() {
@@ -235,31 +232,36 @@ void asklevel3() {
   std::printf("\n\nLevel-3 predictor variable specification\n");
   showchoices("Which level-3 predictors do you wish to use?\n", run.mdm.nvar3, run.mdm.names3, 0);
   int set = -1;
-  eachcoefficient2([&](const Coefficient2& coefficient) {
-    const Coefficient1& owner = coefficient.owner;
-    saycategory(set, owner.e);
-    int* row = run.model.terms3.row(owner.e, coefficient.b);
+  const ModelRows rows = modelrows();
+  for (const TermRow& term : rows.terms) {
+    const CoefficientRow& owner = rows.owner(term);
+    if (owner.threshold) continue;
+    saycategory(set, owner.set);
+    int* row = run.model.terms3.row(owner.set, term.place);
     row[0] = 0;
-    std::printf("Which level-3 predictors to model %8.8s/%8.8s, B%s%s", name1(owner.v), name2(coefficient.w),
-                subscripts(coefficient).c_str(), coefficient.s == 0 ? "?\n" : " slope?\n");
-    const int* before = coefficient.b > 0 ? run.model.terms3.row(owner.e, coefficient.b - 1) : nullptr;
+    std::printf("Which level-3 predictors to model %8.8s/%8.8s, B%s%s", name1(owner.variable), name2(term.variable),
+                subscripts(owner, term).c_str(), term.number == 0 ? "?\n" : " slope?\n");
+    const int* before = term.place > 0 ? run.model.terms3.row(owner.set, term.place - 1) : nullptr;
     askrow(" Level-3 predictor? (Enter 0 to end)", run.mdm.nvar3, 1, run.mdm.ncol3, before, nullptr, 0, row);
     for (int s = 1; s < run.mdm.ncol3 && row[s] != noslot; ++s) {
       const auto v = static_cast<std::size_t>(row[s]);
-      run.model.res2vars3[v] = run.model.res3vars3[v] = 1;
+      run.model.wanted2vars3[v] = run.model.wanted3vars3[v] = 1;
     }
-  });
+  }
 }
 
 void askrandom3() {
   if (run.answered.level2) return;
   if (!askyesno("\nDo you want to constrain the variances in any of the level-3 random\n effect to zero?")) return;
-  eachcoefficient2([&](const Coefficient2& coefficient) {
+  const ModelRows rows = modelrows();
+  for (const TermRow& term : rows.terms) {
+    const CoefficientRow& owner = rows.owner(term);
+    if (owner.threshold) continue;
     const std::string prompt =
-        formatted("Do you want to fix %8.8s/%8.8s,B%s%s", name1(coefficient.owner.v), name2(coefficient.w),
-                  subscripts(coefficient).c_str(), coefficient.s == 0 ? "?" : " slope?");
-    run.model.fixed2.row(coefficient.owner.e)[coefficient.b] = askyesno(prompt.c_str());
-  });
+        formatted("Do you want to fix %8.8s/%8.8s,B%s%s", name1(owner.variable), name2(term.variable),
+                  subscripts(owner, term).c_str(), term.number == 0 ? "?" : " slope?");
+    run.model.fixed2.row(owner.set)[term.place] = askyesno(prompt.c_str());
+  }
 }
 
 void askdeletion() {
@@ -283,16 +285,15 @@ void askextra2() {
   showchoices("Select the level-2 variables that you might consider for\ninclusion as predictors in subsequent models.",
               run.mdm.nvar2, run.mdm.names2, 0);
   const int* before = nullptr;
-  eachcoefficient1([&](const Coefficient1& coefficient) {
-    const auto [e, c, v] = coefficient;
-    if (isthreshold(v) || run.model.fixed1.row(e)[c] != 0) return;
-    std::printf("Which level-2 variables to model %8.8s, P%d%s", name1(v), subscript(coefficient),
-                c == 0 ? "?\n" : " slope?\n");
-    int* row = run.model.extra2.row(e, c);
-    askrow(" Level-2 predictor? (Enter 0 to end)", run.mdm.nvar2, 0, maxextra, before, run.model.terms2.row(e, c),
-           run.mdm.ncol2, row);
+  for (const CoefficientRow& coefficient : modelrows().coefficients) {
+    if (!coefficient.random) continue;
+    std::printf("Which level-2 variables to model %8.8s, P%d%s", name1(coefficient.variable), coefficient.subscript,
+                coefficient.place == 0 ? "?\n" : " slope?\n");
+    int* row = run.model.extra2.row(coefficient.set, coefficient.place);
+    askrow(" Level-2 predictor? (Enter 0 to end)", run.mdm.nvar2, 0, maxextra, before,
+           run.model.terms2.row(coefficient.set, coefficient.place), run.mdm.ncol2, row);
     before = row;
-  });
+  }
 }
 
 void askextra3() {
@@ -302,16 +303,17 @@ void askextra3() {
       "inclusion as predictors in subsequent models.\n",
       run.mdm.nvar3, run.mdm.names3, 0);
   const int* before = nullptr;
-  eachcoefficient2([&](const Coefficient2& coefficient) {
-    const int e = coefficient.owner.e, b = coefficient.b;
-    if (run.model.fixed2.row(e)[b] != 0) return;
-    std::printf("Which level-3 variables to model %8.8s/%8.8s, B%s%s", name1(coefficient.owner.v), name2(coefficient.w),
-                subscripts(coefficient).c_str(), coefficient.s == 0 ? "?\n" : " slope?\n");
-    int* row = run.model.extra3.row(e, b);
-    askrow(" Level-3 predictor? (Enter 0 to end)", run.mdm.nvar3, 0, maxextra, before, run.model.terms3.row(e, b),
-           run.mdm.ncol3, row);
+  const ModelRows rows = modelrows();
+  for (const TermRow& term : rows.terms) {
+    if (!term.random) continue;
+    const CoefficientRow& owner = rows.owner(term);
+    std::printf("Which level-3 variables to model %8.8s/%8.8s, B%s%s", name1(owner.variable), name2(term.variable),
+                subscripts(owner, term).c_str(), term.number == 0 ? "?\n" : " slope?\n");
+    int* row = run.model.extra3.row(owner.set, term.place);
+    askrow(" Level-3 predictor? (Enter 0 to end)", run.mdm.nvar3, 0, maxextra, before,
+           run.model.terms3.row(owner.set, term.place), run.mdm.ncol3, row);
     before = row;
-  });
+  }
 }
 
 }  // namespace

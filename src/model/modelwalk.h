@@ -1,60 +1,75 @@
-// Walks over the coefficients of run.model in the order of the fixed effects.
+// The one walk over run.model: its coefficients of the three levels as lists, in the order in which the design, the
+// counts, the labels, the start values and the tables take them.
+//
+// The order: equation set by set; in a set the level-1 coefficients by variable, the intercept first and the thresholds
+// of an ordinal model last; then the level-2 terms of each coefficient, and the level-3 terms of each of these.
+//
+// A threshold is a level-1 coefficient that is fixed at both levels: its equation of level 2 is INTRCPT2 alone, and
+// that of level 3 INTRCPT3 alone, so it has one fixed effect. The tables of run.model hold nothing of these equations.
 #pragma once
+
+#include <vector>
 
 #include "driver/runrecord.h"
 
 namespace kdr {
 
-// A level-1 coefficient: set, place in the set, level-1 variable.
-struct Coefficient1 {
-  int e, c, v;
+// A level-1 coefficient.
+struct CoefficientRow {
+  int set;         // equation set
+  int place;       // number within the set, from 0
+  int variable;    // level-1 variable, 0 the intercept
+  int subscript;   // place, or place + 1 in a model without a level-1 intercept
+  bool threshold;  // a threshold of an ordinal model
+  bool random;     // has a level-2 random effect
+  int firstterm;   // its first level-2 term
+  int nterms;
 };
-// A level-2 coefficient: its level-1 coefficient, place b in the set, slot s in the row, level-2 variable w.
-struct Coefficient2 {
-  Coefficient1 owner;
-  int b, s, w;
+
+// A term of a level-1 coefficient's equation, which is a level-2 coefficient.
+struct TermRow {
+  int owner;        // its level-1 coefficient
+  int place;        // number among the level-2 coefficients of the set, from 0
+  int variable;     // level-2 variable, 0 the intercept
+  int number;       // within the equation, from 0
+  int subscript;    // number, or number + 1 when the equation has no intercept
+  bool random;      // has a level-3 random effect
+  int firsteffect;  // its first fixed effect
+  int neffects;
 };
+
+// A term of a level-2 coefficient's equation, which is a fixed effect.
+struct EffectRow {
+  int coefficient;  // its level-1 coefficient
+  int term;         // its level-2 coefficient
+  int variable;     // level-3 variable, 0 the intercept
+  int number;       // within the equation, from 0
+  int subscript;    // number, or number + 1 when the equation has no intercept
+  int group;        // group of constrained fixed effects, 0 free
+  bool removed;     // takes the value of the first member of its group, and is no effect of the reduced model
+};
+
+// Every owner, first, coefficient and term above is an index into these lists.
+struct ModelRows {
+  std::vector<CoefficientRow> coefficients;
+  std::vector<TermRow> terms;
+  std::vector<EffectRow> effects;
+
+  [[nodiscard]] const CoefficientRow& owner(const TermRow& term) const {
+    return coefficients[static_cast<std::size_t>(term.owner)];
+  }
+  [[nodiscard]] const CoefficientRow& owner(const EffectRow& effect) const {
+    return coefficients[static_cast<std::size_t>(effect.coefficient)];
+  }
+  [[nodiscard]] const TermRow& termof(const EffectRow& effect) const {
+    return terms[static_cast<std::size_t>(effect.term)];
+  }
+};
+
+// The model as the tables stand; a model that the dialogue is still asking for has the rows that are known by then.
+[[nodiscard]] ModelRows modelrows();
 
 // Filled slots of a row of terms.
-[[nodiscard]] inline int filledslots(const int* row, int width) {
-  int n = 0;
-  while (n < width && row[n] != noslot) ++n;
-  return n;
-}
-
-// True for a threshold of an ordinal run.
-[[nodiscard]] inline bool isthreshold(int v) { return run.kind.ordinal && v > run.mdm.nvar1; }
-
-// The first subscript digit of a row: 1 when its first term is not the intercept.
-[[nodiscard]] inline int firstsubscript(const int* row) { return row[0] == 0 ? 0 : 1; }
-
-template <class Visit>
-void eachcoefficient1(Visit visit) {
-  for (int e = 0; e < run.kind.neqsets; ++e) {
-    int c = 0;
-    for (int v = 0; v < run.mdm.ncol1; ++v)
-      if (run.model.use1.row(e)[v] == 1) visit(Coefficient1{e, c++, v});
-  }
-}
-
-template <class Visit>
-void eachcoefficient2(Visit visit) {
-  int set = -1, b = 0;
-  eachcoefficient1([&](const Coefficient1& owner) {
-    if (owner.e != set) b = 0;
-    set = owner.e;
-    const int* row = run.model.terms2.row(owner.e, owner.c);
-    for (int s = 0; s < run.mdm.ncol2 && row[s] != noslot; ++s) visit(Coefficient2{owner, b++, s, row[s]});
-  });
-}
-
-// visit(coefficient, slot, level-3 variable) for every fixed effect.
-template <class Visit>
-void eachfixedeffect(Visit visit) {
-  eachcoefficient2([&](const Coefficient2& coefficient) {
-    const int* row = run.model.terms3.row(coefficient.owner.e, coefficient.b);
-    for (int s = 0; s < run.mdm.ncol3 && row[s] != noslot; ++s) visit(coefficient, s, row[s]);
-  });
-}
+[[nodiscard]] int filledslots(const int* row, int width);
 
 }  // namespace kdr

@@ -112,20 +112,21 @@ void writeset(std::FILE* out, int e, const std::string& outcome) {
   const ModelSpec& model = run.model;
   const MdmData& mdm = run.mdm;
   writelevel1(out, e, outcome);
-  int c = 0, b = 0;
-  for (int v = 0; v < mdm.ncol1; ++v) {
-    if (model.use1.row(e)[v] != 1) continue;
-    const int* row2 = model.terms2.row(e, c);
-    std::fprintf(
-        out, "LEVEL2:%s=%s\n", nameof(mdm.names1, v).c_str(),
-        rightside(row2, mdm.ncol2, mdm.names2, model.center2, model.fixed1.row(e)[c] == 0, model.extra2.row(e, c))
-            .c_str());
-    for (int s = 0; s < mdm.ncol2 && row2[s] != noslot; ++s, ++b)
-      std::fprintf(out, "LEVEL3:%s=%s\n", nameof(mdm.names2, row2[s]).c_str(),
-                   rightside(model.terms3.row(e, b), mdm.ncol3, mdm.names3, model.center3, model.fixed2.row(e)[b] == 0,
-                             model.extra3.row(e, b))
+  const ModelRows rows = modelrows();
+  for (const CoefficientRow& coefficient : rows.coefficients) {
+    if (coefficient.set != e) continue;
+    std::fprintf(out, "LEVEL2:%s=%s\n", nameof(mdm.names1, coefficient.variable).c_str(),
+                 rightside(model.terms2.row(e, coefficient.place), mdm.ncol2, mdm.names2, model.center2,
+                           coefficient.random, model.extra2.row(e, coefficient.place))
+                     .c_str());
+    if (coefficient.threshold) continue;
+    for (int s = 0; s < coefficient.nterms; ++s) {
+      const TermRow& term = rows.terms[static_cast<std::size_t>(coefficient.firstterm + s)];
+      std::fprintf(out, "LEVEL3:%s=%s\n", nameof(mdm.names2, term.variable).c_str(),
+                   rightside(model.terms3.row(e, term.place), mdm.ncol3, mdm.names3, model.center3, term.random,
+                             model.extra3.row(e, term.place))
                        .c_str());
-    ++c;
+    }
   }
 }
 
@@ -266,7 +267,7 @@ void writecontrol(std::FILE* out) {
 
 void writeconstraints(std::FILE* out) {
   std::vector<std::string> groups;
-  for (const int group : run.model.constraints) groups.push_back(std::to_string(std::abs(group)));
+  for (const int group : run.model.constraints) groups.push_back(std::to_string(group));
   std::fprintf(out, "CONSTRAIN:%s\n", run.model.nconstrained == 0 ? "N" : joined(groups, ",").c_str());
 }
 

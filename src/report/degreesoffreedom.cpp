@@ -20,7 +20,7 @@ struct Costs {
 Costs modelcosts(const ModelRows& rows) {
   Costs costs;
   for (const TermRow& term : rows.terms) {
-    const bool random1 = rows.coefficients[static_cast<std::size_t>(term.owner)].random;
+    const bool random1 = rows.owner(term).random;
     if (term.random) {
       costs.randompairs += random1 ? 1 : 0;
     } else {
@@ -38,17 +38,17 @@ struct Degrees {
 // With J level-2 units, K level-3 units and N records:
 //   random at level 3               K - terms
 //   random at level 2 only          J - K C - A, roughly J - A where that leaves none
-//   fixed at both                   N - npi J - nbeta K - B, roughly N - nbeta K - B
+//   fixed at both                   N - ntaupi J - ntaubeta K - B, roughly N - ntaubeta K - B
 Degrees degreesof(const ModelRows& rows, const EffectRow& effect, const Costs& costs) {
   const long long J = run.mdm.nunits2, K = run.mdm.nunits3, N = run.mdm.nunits1;
-  const TermRow* term = effect.term < 0 ? nullptr : &rows.terms[static_cast<std::size_t>(effect.term)];
-  if (term != nullptr && term->random) return {K - term->neffects, false};
-  if (rows.coefficients[static_cast<std::size_t>(effect.coefficient)].random) {
+  const TermRow& term = rows.termof(effect);
+  if (term.random) return {K - term.neffects, false};
+  if (rows.owner(effect).random) {
     const long long df = J - K * costs.randompairs - costs.level2;
     return df < 1 ? Degrees{J - costs.level2, true} : Degrees{df, false};
   }
-  const long long upper = run.coef.nbeta * K + costs.level1;
-  const long long df = N - run.coef.npi * J - upper;
+  const long long upper = run.coef.ntaubeta * K + costs.level1;
+  const long long df = N - run.coef.ntaupi * J - upper;
   if (df > 0) return {df, false};
   return {(upper < N ? N : run.mdm.numl1rec) - upper, true};
 }
@@ -70,9 +70,8 @@ void degreesoffreedom(FixedDegrees& degrees) {
   int removed = 0;
   for (std::size_t g = 0; g < n; ++g) {
     const EffectRow& effect = rows.effects[g];
-    if (g > 0 && (effect.term != rows.effects[g - 1].term || effect.coefficient != rows.effects[g - 1].coefficient))
-      removed = 0;
-    if (effect.constraint < 0) {
+    if (g > 0 && effect.term != rows.effects[g - 1].term) removed = 0;
+    if (effect.removed) {
       ++removed;
     } else {
       const Degrees own = degreesof(rows, effect, costs);

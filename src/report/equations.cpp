@@ -243,7 +243,7 @@ void level2model(const ModelRows& rows) {
 }
 
 void level3equation(const ModelRows& rows, const TermRow& term) {
-  const std::string category = categorymark(rows.coefficients[static_cast<std::size_t>(term.owner)].set);
+  const std::string category = categorymark(rows.owner(term).set);
   const std::string digits = termdigits(rows, term) + category;
   linelead();
   report("%s = ", quantity(run.sym.sym2, digits, run.sym.symsub3).c_str());
@@ -262,19 +262,20 @@ void level3equation(const ModelRows& rows, const TermRow& term) {
 
 void level3model(const ModelRows& rows) {
   report2("\n\nLevel-3 Model\n\n", "\n<h4>Level-3 Model</h4>\n");
-  for (const TermRow& term : rows.terms) level3equation(rows, term);
+  for (const TermRow& term : rows.terms)
+    if (!rows.owner(term).threshold) level3equation(rows, term);
 }
 
 void constraintlines(const ModelRows& rows) {
   if (run.model.nconstrained == 0) return;
   reportbreak();
   for (std::size_t g = 0; g < rows.effects.size(); ++g) {
-    const int group = rows.effects[g].constraint;
-    if (group <= 0) continue;
+    const int group = rows.effects[g].group;
+    if (group == 0 || rows.effects[g].removed) continue;
     linelead();
     report("%s", fixedeffect(g).c_str());
     for (std::size_t other = g + 1; other < rows.effects.size(); ++other)
-      if (rows.effects[other].constraint == -group) report(" = %s", fixedeffect(other).c_str());
+      if (rows.effects[other].group == group) report(" = %s", fixedeffect(other).c_str());
     reportbreak();
   }
 }
@@ -307,7 +308,7 @@ void setrandomsubscripts() {
     if (coefficient.random) pi.push_back(coefficient.subscript);
   for (const TermRow& term : rows.terms)
     if (term.random) {
-      beta1.push_back(rows.coefficients[static_cast<std::size_t>(term.owner)].subscript);
+      beta1.push_back(rows.owner(term).subscript);
       beta2.push_back(term.subscript);
     }
   const auto store = [](Array<int>& to, const std::vector<int>& from) {
@@ -377,7 +378,7 @@ void mixedfixed(const ModelRows& rows) {
       if (record != 0 && record % 4 == 0) mixedbreak(3);
       if (!first) report("+ ");
       report("%s", fixedeffect(g).c_str());
-      factor1(rows.coefficients[static_cast<std::size_t>(term.owner)].variable);
+      factor1(rows.owner(term).variable);
       factor2(term.variable);
       factor3(rows.effects[g].variable);
       first = false;
@@ -407,7 +408,7 @@ void mixedrandom3(const ModelRows& rows) {
     if (!term.random) continue;
     report("+ %s", quantity(run.sym.symr3, termdigits(rows, term), run.sym.symsub3).c_str());
     if (i != 0 && i % 4 == 0) mixedbreak(4);
-    factor1(rows.coefficients[static_cast<std::size_t>(term.owner)].variable);
+    factor1(rows.owner(term).variable);
     factor2(term.variable);
     report(" ");
   }

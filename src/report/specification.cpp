@@ -1,6 +1,5 @@
 #include "report/specification.h"
 
-#include <cstdlib>
 #include <string>
 
 #include "driver/failures.h"
@@ -164,9 +163,9 @@ void modelheading(bool constrained) {
 }
 
 void effectcolumns(const ModelRows& rows, const EffectRow& effect, bool constrained, MarksShown& shown) {
-  const int mark = effect.term < 0 || run.model.center3[effect.variable] != 2 ? 0 : 2;
+  const int mark = run.model.center3[effect.variable] == 2 ? 2 : 0;
   report("   %c%s", centeringmark(mark, shown), effectlabel(rows, effect).c_str());
-  if (constrained) report("        %1.1d", std::abs(effect.constraint));
+  if (constrained) report("        %1.1d", effect.group);
   reportbreak();
 }
 
@@ -191,21 +190,19 @@ void modeltable(const ModelRows& rows) {
   const bool constrained = run.model.nconstrained != 0;
   MarksShown shown;
   modelheading(constrained);
-  std::size_t g = 0;  // the fixed effects so far; a threshold has one and no terms
   for (const CoefficientRow& coefficient : rows.coefficients) {
     coefficientlead(coefficient, shown);
-    for (int t = 0; t < coefficient.nterms; ++t) {
-      const TermRow& term = rows.terms[static_cast<std::size_t>(coefficient.firstterm + t)];
-      if (t > 0) report("%24s", "");
-      termrows(rows, term, constrained, shown);
-      g += static_cast<std::size_t>(term.neffects);
-    }
+    const TermRow* const terms = rows.terms.data() + coefficient.firstterm;
     if (coefficient.threshold) {
       report("%14s", "");
-      effectcolumns(rows, rows.effects[g++], constrained, shown);
-    } else if (coefficient.nterms == 0) {
-      reportbreak();
+      effectcolumns(rows, rows.effects[static_cast<std::size_t>(terms->firsteffect)], constrained, shown);
+      continue;
     }
+    for (int t = 0; t < coefficient.nterms; ++t) {
+      if (t > 0) report("%24s", "");
+      termrows(rows, terms[t], constrained, shown);
+    }
+    if (coefficient.nterms == 0) reportbreak();
   }
   report("\n");
   if (shown.fixed) report(" '#' - The residual parameter variance for the parameter has been set to zero\n");
@@ -220,7 +217,7 @@ void buildsummary() {
   const ModelRows rows = modelrows();
   for (const CoefficientRow& coefficient : rows.coefficients) level1 += coefficient.set == 0 ? 1 : 0;
   for (const TermRow& term : rows.terms) {
-    if (rows.coefficients[static_cast<std::size_t>(term.owner)].set != 0) continue;
+    if (rows.owner(term).set != 0) continue;
     ++level2;
     fixed += term.neffects > 0 ? term.neffects : 1;
   }

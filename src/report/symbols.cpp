@@ -72,8 +72,8 @@ std::string termlabel(const ModelRows& rows, const TermRow& term) {
 }
 
 std::string effectlabel(const ModelRows& rows, const EffectRow& effect) {
-  if (effect.term < 0) {
-    const std::string category = thresholdcategory(rows.coefficients[static_cast<std::size_t>(effect.coefficient)]);
+  if (const CoefficientRow& coefficient = rows.owner(effect); coefficient.threshold) {
+    const std::string category = thresholdcategory(coefficient);
     return run.report.html ? "&delta;" + subscripted(category) : "          d(" + category + ")";
   }
   return eightcolumns(run.mdm.names3[effect.variable]) + ", " + run.sym.sym3 + subscripted(effectdigits(rows, effect));
@@ -81,41 +81,25 @@ std::string effectlabel(const ModelRows& rows, const EffectRow& effect) {
 
 void makerowlabels() {
   const ModelRows rows = modelrows();
-  const std::size_t n = rows.effects.size();
   Coefficients& coef = run.coef;
+  const auto kept =
+      std::count_if(rows.effects.begin(), rows.effects.end(), [](const EffectRow& e) { return !e.removed; });
   for (Array<Label>* table : {&coef.gammanames1, &coef.gammanames2, &coef.gammanames3}) {
-    table->reset(n);
+    table->reset(static_cast<std::size_t>(kept));
     table->fill(blanklabel());
   }
-  coef.gammasubs.reset(n);
   int lastcoefficient = -1, lastterm = -1;
-  for (std::size_t g = 0; g < n; ++g) {
-    const EffectRow& effect = rows.effects[g];
-    if (effect.coefficient != lastcoefficient)
-      setlabel(coef.gammanames1[g], coefficientlabel(rows.coefficients[static_cast<std::size_t>(effect.coefficient)]));
-    if (effect.term >= 0 && effect.term != lastterm)
-      setlabel(coef.gammanames2[g], termlabel(rows, rows.terms[static_cast<std::size_t>(effect.term)]));
-    setlabel(coef.gammanames3[g], effectlabel(rows, effect));
-    const std::string digits = effectdigits(rows, effect);
-    std::memcpy(coef.gammasubs[g].text, digits.data(), std::min<std::size_t>(digits.size(), 12));
+  std::size_t g = 0;
+  for (const EffectRow& effect : rows.effects) {
+    const CoefficientRow& coefficient = rows.owner(effect);
+    if (!effect.removed) {
+      if (effect.coefficient != lastcoefficient) setlabel(coef.gammanames1[g], coefficientlabel(coefficient));
+      if (effect.term != lastterm && !coefficient.threshold)
+        setlabel(coef.gammanames2[g], termlabel(rows, rows.termof(effect)));
+      setlabel(coef.gammanames3[g++], effectlabel(rows, effect));
+    }
     lastcoefficient = effect.coefficient;
     lastterm = effect.term;
-  }
-}
-
-void droplabels() {
-  const ModelRows rows = modelrows();
-  Array<Name> kept(std::max(run.coef.pinames.size(), rows.coefficients.size()));
-  kept.fill(paddedname(""));
-  std::size_t n = 0;
-  for (const CoefficientRow& coefficient : rows.coefficients)
-    if (coefficient.random) kept[n++] = run.mdm.names1[coefficient.variable];
-  run.coef.pinames = std::move(kept);
-
-  for (int g = static_cast<int>(rows.effects.size()) - 1; g >= 0; --g) {
-    if (rows.effects[static_cast<std::size_t>(g)].constraint >= 0) continue;
-    for (Array<Label>* table : {&run.coef.gammanames1, &run.coef.gammanames2, &run.coef.gammanames3})
-      removename(*table, static_cast<int>(table->size()), g);
   }
 }
 

@@ -11,13 +11,10 @@ namespace kdr {
 // Fills run.sym for run.mdm.mdmtype in the report's mode. Called once the mode is known.
 void setsymbols();
 
-// Fills gammanames1, gammanames2, gammanames3 and gammasubs of run.coef, a row per fixed effect of the complete model.
-// Needs the symbols, and in an ordinal run the category labels. Failure 3.
+// Fills gammanames1, gammanames2 and gammanames3 of run.coef, a row per fixed effect that the constraints left. The
+// label of a coefficient stands in the row of its first fixed effect, and is gone with it. Needs the symbols, and in an
+// ordinal run the category labels. Failure 3.
 void makerowlabels();
-
-// Takes out of pinames the labels of coefficients without a random effect, and out of gammanames1 to 3 the rows of the
-// gammas that constraints removed. Called once, when the specification is written.
-void droplabels();
 
 // The labels of single coefficients, as they stand in the row labels.
 [[nodiscard]] std::string coefficientlabel(const CoefficientRow& coefficient);

@@ -15,7 +15,7 @@ work = Workplace(sys.argv[1])
 
 def masked(text):
     text = re.sub(r"\d+ \w+ \d{4}, \w+day", "DATE", text)
-    return re.sub(r"\d?\d: ?\d?\d: ?\d?\d", "TIME", text)
+    return re.sub(r"[ \d]\d:[ \d]\d:[ \d]\d", "TIME", text)
 
 
 work.run("-r", "chem97.mdmt")

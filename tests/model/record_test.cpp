@@ -101,9 +101,6 @@ TEST_F(Reading, CountsAndLabels) {
   EXPECT_EQ(run.coef.npi, 2);
   EXPECT_EQ(run.coef.nbeta, 3);
   EXPECT_EQ(run.coef.ngamma, 4);
-  EXPECT_EQ(words(run.coef.pinames), (Words{"A", "X"}));
-  EXPECT_EQ(words(run.coef.betanames1), (Words{"A", "A", "X"}));
-  EXPECT_EQ(words(run.coef.betanames2), (Words{"V", "W", "INTRCPT2"}));
   // No INTRCPT1: the first digit counts from 1; no INTRCPT2 in A's row: the second too; no INTRCPT3 in W's row.
   EXPECT_EQ(words(run.coef.gammasubs), (Words{"110", "111", "121", "200"}));
   EXPECT_EQ(run.model.nterms2.row(0)[0], 2);
@@ -111,9 +108,10 @@ TEST_F(Reading, CountsAndLabels) {
   EXPECT_EQ(run.model.nterms3.row(0)[1], 1);
   EXPECT_EQ(randomlevel1(), 1);
   EXPECT_EQ(randomlevel2(), 2);
-  droprandomlesslabels();
-  EXPECT_EQ(words(run.coef.betanames1), (Words{"A", "X", ""}));
-  EXPECT_EQ(words(run.coef.betanames2), (Words{"W", "INTRCPT2", ""}));
+  labelrandomeffects();
+  EXPECT_EQ(words(run.coef.pinames), (Words{"A"}));
+  EXPECT_EQ(words(run.coef.betanames1), (Words{"A", "X"}));
+  EXPECT_EQ(words(run.coef.betanames2), (Words{"W", "INTRCPT2"}));
 }
 
 TEST_F(Reading, EmptyRowAddsNothing) {
@@ -153,7 +151,7 @@ TEST_F(Reading, SingleValues) {
       {"NONLIN:POISSON,T\nMACROIT:10\nSTOPMICRO:1e-9",
        [] {
          return run.kind.nonlin == 2 && run.kind.nlcount && run.kind.nlcntvar == 6 && run.iter.stopval == 1e-9 &&
-                run.model.res1vars1[6] == 1;
+                run.model.wanted1vars1[6] == 1;
        }},
       {"NONLIN:BERNOULLI\nMACROIT:2\nAGQ:Y,30,7", [] { return run.iter.stopval == 1e-6 && run.iter.fixsigma2 == 1; }},
       {"NONLIN:BERNOULLI\nMACROIT:2\nLAPLACE:y,20",
@@ -179,11 +177,11 @@ TEST_F(Reading, SingleValues) {
        [] { return run.files.resfil1name == "resfil1.dta" && run.files.resfil3name == "u.dta"; }},
       {"RESFIL1:Y/A,B//Q",
        [] {
-         return run.out.resfil1 && run.model.res1vars1[1] == 1 && run.model.res1vars1[2] == 1 &&
-                run.model.res1vars3[2] == 1 && run.model.res1vars2[1] == 0;
+         return run.out.resfil1 && run.model.wanted1vars1[1] == 1 && run.model.wanted1vars1[2] == 1 &&
+                run.model.wanted1vars3[2] == 1 && run.model.wanted1vars2[1] == 0;
        }},
       {"NONLIN:MULTINOMIAL,3\nRESFIL2:Y\nMACROIT:3", [] { return run.kind.neqsets == 2 && run.out.resfil2; }},
-      {"RESFIL1:Y/A\nNONLIN:ORDINAL,4\nMACROIT:3", [] { return run.model.res1vars1[1] == 1; }},
+      {"RESFIL1:Y/A\nNONLIN:ORDINAL,4\nMACROIT:3", [] { return run.model.wanted1vars1[1] == 1; }},
       {"GRAPHGAMMAS:g.grk\nNONLIN:MULTINOMIAL,3\nMACROIT:3", [] { return run.out.graph && run.out.resfil1; }},
       {"HYPOTH:Y", [] { return !run.answered.hypoth; }},
       {"TITLE:0123456789012345678901234567890123456789012345678901234567890123456789",
@@ -229,9 +227,13 @@ TEST_F(Reading, SetsAndThresholds) {
   EXPECT_EQ(leftname(run.mdm.names1[7]), "THOLD2");
   EXPECT_EQ(leftname(run.mdm.names1[16]), "THOLD11");
   EXPECT_EQ(run.model.use1.row(0)[16], 1);
-  countlevel1();
+  // Nothing is known of the intercept's equation and of A's; a threshold has one fixed effect and no random one.
+  completemodel();
   EXPECT_EQ(run.coef.npi, 12);
+  EXPECT_EQ(run.coef.nbeta, 10);
+  EXPECT_EQ(run.coef.ngamma, 10);
   EXPECT_EQ(randomlevel1(), 2);
+  EXPECT_EQ(randomlevel2(), 0);
 }
 
 TEST_F(Reading, LongLinesComeInPieces) {

@@ -2,16 +2,24 @@
 #pragma once
 
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
 #include "driver/names.h"
 #include "driver/runrecord.h"
+#include "model/complete.h"
 #include "report/equations.h"
 #include "report/stream.h"
 #include "report/symbols.h"
 
 namespace kdr {
+
+inline Array<double> arrayof(const std::vector<double>& values) {
+  Array<double> array(values.size());
+  for (std::size_t i = 0; i < values.size(); ++i) array[i] = values[i];
+  return array;
+}
 
 // A level-2 term: its variable, its level-3 terms, whether it has a level-3 random effect.
 struct TestTerm {
@@ -61,7 +69,7 @@ inline void setmodel(const std::vector<TestCoefficient>& coefficients) {
   ModelSpec& model = run.model;
   Coefficients& coef = run.coef;
   run.kind.nointercept1 = coefficients.empty() || coefficients[0].variable != 0;
-  std::vector<Name> beta1, beta2;
+  int nbeta = 0;
   for (int set = 0; set < run.kind.neqsets; ++set) {
     model.use1.row(set)[run.kind.outvar] = -1;
     int c = 0, b = 0;
@@ -75,38 +83,33 @@ inline void setmodel(const std::vector<TestCoefficient>& coefficients) {
         model.fixed2.row(set)[b] = term.random ? 0 : 1;
         model.nterms3.row(set)[b] = static_cast<int>(term.effects.size());
         for (std::size_t u = 0; u < term.effects.size(); ++u) model.terms3.row(set, b)[u] = term.effects[u];
-        if (term.random) {
-          beta1.push_back(run.mdm.names1[coefficient.variable]);
-          beta2.push_back(run.mdm.names2[term.variable]);
-        }
+        nbeta += term.random ? 1 : 0;
         coef.ngamma += static_cast<int>(term.effects.size());
         ++b;
       }
-      coef.npi += coefficient.random ? 1 : 0;
+      coef.ntaupi += coefficient.random ? 1 : 0;
       ++c;
     }
   }
-  coef.nbeta = static_cast<int>(beta1.size());
-  coef.betanames1.reset(beta1.size());
-  coef.betanames2.reset(beta2.size());
-  for (std::size_t i = 0; i < beta1.size(); ++i) {
-    coef.betanames1[i] = beta1[i];
-    coef.betanames2[i] = beta2[i];
-  }
+  coef.ntaubeta = nbeta;
+  countextras();
+  labelrandomeffects();
 }
 
-// Constraints as they stand once they are prepared: +k the first of group k, -k the others. The reduced gammas' columns
+// Constraints as prepared: +k the first of group k, -k the others, which are removed. The reduced gammas' columns
 // of the matrix are the first ones.
 inline void setconstraints(const std::vector<int>& entries) {
   ModelSpec& model = run.model;
   const std::size_t n = entries.size();
   model.constraints.reset(n);
+  model.removed.reset(n);
   model.constrainmatrix.reset(n * n);
   std::vector<std::size_t> columnofgroup(n + 1);
   std::size_t column = 0;
   for (std::size_t i = 0; i < n; ++i) {
-    model.constraints[i] = entries[i];
+    model.constraints[i] = std::abs(entries[i]);
     if (entries[i] < 0) {
+      model.removed[i] = 1;
       ++model.nconstrained;
       model.constrainmatrix[i * n + columnofgroup[static_cast<std::size_t>(-entries[i])]] = 1.0;
     } else {
@@ -148,7 +151,6 @@ std::string capturedtable(bool html, Writer write) {
     setsymbols();
     makerowlabels();
     setrandomsubscripts();
-    droplabels();
     write();
   });
 }

@@ -12,6 +12,7 @@
 #include "data/child.h"
 #include "driver/constants.h"
 #include "driver/runrecord.h"
+#include "model/complete.h"
 #include "report/residual/numbers.h"
 #include "report/residual/residualfile.h"
 
@@ -292,8 +293,8 @@ const std::string cardrows =
 TEST(ResidualForms, ManyCategories) {
   makemodel(2);
   categories(3, false);
-  run.model.nres1vars2 = 1;
-  run.model.res1vars2[0] = 1;
+  run.model.wanted1vars2[1] = 1;
+  compactlists();
   run.id.started.tm_mday = 24;
   run.id.started.tm_mon = 10;
   run.id.started.tm_year = 126;

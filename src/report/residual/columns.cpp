@@ -153,7 +153,8 @@ void addlevel3(WantedList& list) {
   int place = -1;
   for (const TermRow& term : rows.terms) {
     ++place;
-    const CoefficientRow& owner = rows.coefficients[static_cast<std::size_t>(term.owner)];
+    const CoefficientRow& owner = rows.owner(term);
+    if (owner.threshold) continue;
     const std::string indices = termdigits(rows, term);
     all.push_back({owner.set, place, {}, setprefix(owner.set) + indices, {}, {}});
     if (!term.random) continue;

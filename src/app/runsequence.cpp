@@ -1,27 +1,28 @@
-#include "driver/runsequence.h"
+#include "app/runsequence.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
-#include <filesystem>
-#include <set>
 #include <string>
-#include <system_error>
+#include <vector>
 
+#include "app/options.h"
 #include "data/construction.h"
+#include "data/fileclashes.h"
 #include "data/mdm.h"
 #include "data/mdmdialogue.h"
 #include "data/scratch.h"
 #include "driver/failures.h"
-#include "driver/options.h"
 #include "driver/questions.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
 #include "kernel/array.h"
-#include "linear/estimate.h"
+#include "linear/centering.h"
 #include "linear/heterogeneous.h"
+#include "linear/linearrun.h"
 #include "linear/variancefiles.h"
 #include "linear/weights.h"
 #include "model/commandfile.h"
@@ -29,6 +30,8 @@
 #include "model/constraints.h"
 #include "model/dialogue.h"
 #include "model/writer.h"
+#include "multirun/latentreport.h"
+#include "multirun/series.h"
 #include "report/header.h"
 #include "report/specification.h"
 #include "report/stream.h"
@@ -86,71 +89,38 @@ void refuseabsentengines() {
     const char* what;
   };
   const Absent absent[] = {
-      {run.kind.nonlin != 0, "estimate non-linear models"}, {run.series.mimode, "pool multiply imputed data sets"},
-      {run.series.pvmode, "pool plausible values"},         {run.iter.agqpoints != 0, "do adaptive quadrature"},
-      {run.out.lvr, "do latent variable regressions"},
+      {run.kind.nonlin != 0, "estimate non-linear models"},
+      {run.iter.agqpoints != 0, "do adaptive quadrature"},
   };
   for (const Absent& engine : absent)
     if (engine.wanted) stopwith("This version of %s cannot %s yet.\n", module, engine.what);
 }
 
-std::filesystem::path canonical(const std::string& path) {
-  std::error_code problem;
-  std::filesystem::path whole = std::filesystem::weakly_canonical(path, problem);
-  return problem ? std::filesystem::path(path) : std::filesystem::absolute(whole, problem);
+// A latent variable regression needs something to explain and something to explain it by.
+void checkroles() {
+  if (!run.out.lvr) return;
+  const Array<int>& roles = run.out.lvrroles;
+  for (const int role : {1, 2})
+    if (std::find(roles.begin(), roles.end(), role) == roles.end())
+      stopwith("A latent variable regression needs %s among the random level-2 coefficients.\n",
+               role == 1 ? "an outcome" : "a predictor");
 }
 
 // Every model run leaves this file behind, so nothing that the run reads or writes may bear its name.
 constexpr const char* newcommandfile = "newcmd.kdr";
 
-// A result file that would stand where a file of the same run stands ends the run before anything is written.
-void refuseclashes() {
-  struct Result {
-    bool wanted;
-    const std::string& path;
-  };
-  const Result results[] = {{run.out.resfil1, run.files.resfil1name},
-                            {run.out.resfil2, run.files.resfil2name},
-                            {run.out.resfil3, run.files.resfil3name},
-                            {run.out.graph, run.files.graphgammas}};
-  std::set<std::filesystem::path> taken;
-  for (const std::string* input : {&run.files.mdmfile, &run.files.cmdfile, &run.files.outfile, &run.files.startvals})
-    if (!input->empty()) taken.insert(canonical(*input));
-  taken.insert(canonical(newcommandfile));
-  if (run.out.printvc != 0)
-    for (const char* name : {taufile, gammafile, robustgammafile}) taken.insert(canonical(name));
-  if (run.iter.hetit != 0) taken.insert(canonical(heterogeneousfile));
-  for (const Result& result : results) {
-    std::error_code problem;
-    const bool device =
-        std::filesystem::exists(result.path, problem) && !std::filesystem::is_regular_file(result.path, problem);
-    if (result.wanted && !device && !taken.insert(canonical(result.path)).second)
-      stopwith("The result file %s has the name of another file of this run\n", result.path.c_str());
-  }
-}
-
-// Marks every variable of the model as one without which a level-1 record cannot be used.
-void finishdeletion() {
-  if (run.mdm.deletednow) return;
-  for (int v = 1; v <= run.mdm.nvar1; ++v) {
-    int& mark = run.model.delete1[static_cast<std::size_t>(v) - 1];
-    if (mark == 2) continue;
-    bool used = v == run.out.wgtvar1 || v == run.out.autovknown || (run.kind.nlcount && v == run.kind.nlcntvar);
-    for (int e = 0; e < run.kind.neqsets; ++e) used = used || run.model.use1.row(e)[v] != 0;
-    mark = used ? 1 : 0;
-  }
-}
-
-// Grand-mean centering of the level-3 variables, which are held in memory.
-void centerlevel3() {
-  const int width = run.mdm.nvar3;
-  for (int v = 1; v <= width; ++v) {
-    if (run.model.center3[static_cast<std::size_t>(v)] == 0) continue;
-    const double mean = run.mdm.mean3[static_cast<std::size_t>(v) - 1];
-    for (int k = 0; k < run.mdm.nunits3; ++k)
-      run.mdm.level3[static_cast<std::size_t>(k) * static_cast<std::size_t>(width) + static_cast<std::size_t>(v) - 1] -=
-          mean;
-  }
+// The files of the run: a result that would stand where another one stands ends the run before anything is written.
+void checkfiles() {
+  const RunFiles& files = run.files;
+  std::vector<std::string> taken{files.mdmfile, files.cmdfile, files.outfile, files.startvals, newcommandfile};
+  if (run.out.printvc != 0) taken.insert(taken.end(), {taufile, gammafile, robustgammafile});
+  if (run.iter.hetit != 0) taken.push_back(heterogeneousfile);
+  std::vector<std::string> results;
+  if (run.out.resfil1) results.push_back(files.resfil1name);
+  if (run.out.resfil2) results.push_back(files.resfil2name);
+  if (run.out.resfil3) results.push_back(files.resfil3name);
+  if (run.out.graph) results.push_back(files.graphgammas);
+  refuseclashes(taken, results);
 }
 
 void readmodel() {
@@ -166,15 +136,17 @@ void readmodel() {
   makeconstraints();
   if (run.coef.ngamma - run.model.nconstrained < 1) fail(17);
   featurequestions();
-  droprandomlesslabels();
+  labelrandomeffects();
   outputquestions();
   compactlists();
   refuseabsentengines();
-  refuseclashes();
-  finishdeletion();
+  checkroles();
+  checkfiles();
+  markdeletion();
   run.kind.weighted = run.out.wgtvar1 != 0 || run.out.wgtvar2 != 0 || run.out.wgtvar3 != 0;
   if (run.kind.weighted) normaliseweights();
-  run.kind.outname = run.mdm.names1[static_cast<std::size_t>(run.kind.outvar)];
+  if (!run.series.pvmode || run.series.pvfirst)
+    run.kind.outname = run.mdm.names1[static_cast<std::size_t>(run.kind.outvar)];
   centerlevel3();
 }
 
@@ -188,11 +160,37 @@ void openresults() {
   makerowlabels();
   writeheader();
   writespecification();
-  droplabels();
   applyconstraints();
   run.coef.ngamma -= run.model.nconstrained;
+  beginseries();
   if (!reportisstdout()) std::printf("Computing . . ., please wait\n");
   writecommandfile(newcommandfile);
+}
+
+// Moves the model to the next plausible value and leaves it as the command file of the next pass; false when there is
+// none.
+bool nextplausiblevalue() {
+  SeriesMode& series = run.series;
+  if (!series.pvmode || series.pvindex + 1 >= series.nsets) return false;
+  ++series.pvindex;
+  series.pvfirst = false;
+  const auto old = static_cast<std::size_t>(series.pvcurrent);
+  series.pvcurrent = series.pvlist[static_cast<std::size_t>(series.pvindex)];
+  const auto next = static_cast<std::size_t>(series.pvcurrent);
+  int* use = run.model.use1.row(0);
+  if (use[old] == -1) {
+    run.kind.outvar = series.pvcurrent;
+    use[next] = -1;
+  } else {
+    ++series.pvpredictor;
+    run.model.center1[next] = run.model.center1[old];
+    run.model.center1[old] = 0;
+    use[next] = 1;
+  }
+  use[old] = 0;
+  writecommandfile(run.files.tempname1.c_str());
+  run.files.cmdfile = run.files.tempname1;
+  return true;
 }
 
 }  // namespace
@@ -201,6 +199,7 @@ void runjob(int argc, char** argv) {
   holdstandardstreams();
   outofmemory = [] { fail(3); };
   stophooks.closescratch = scratchcloseall;
+  stophooks.closeseries = closeseries;
   installhandlers();
   startrun();
   const Options options = readoptions(argc, argv);
@@ -215,10 +214,16 @@ void runjob(int argc, char** argv) {
   }
   if (rawjob) constructionjob();
 
-  readmodel();
-  openresults();
-  estimate();
-  closereport();
+  do {
+    readmodel();
+    openresults();
+    const PassResults results = estimatelinear();
+    storesubrun(results);
+    latentvariableregression(results);
+    listlinearfiles(results);
+    if (const Pooled* averages = poolseries()) latentvariableregression(*averages);
+    closereport();
+  } while (nextplausiblevalue());
   fail(0);
 }
 
