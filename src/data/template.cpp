@@ -338,7 +338,8 @@ void takenames(int level) {
 }
 
 bool istemplate(const std::string& path) {
-  std::FILE* stream = openfile(path, "r");
+  std::FILE* stream = std::fopen(path.c_str(), "r");
+  if (stream == nullptr) return false;
   char line[80] = "";
   (void)std::fgets(line, sizeof line, stream);
   checkread(stream, path);

@@ -22,7 +22,7 @@ void startnames(int level, std::size_t count);
 // have one name or one that of an intercept.
 void takenames(int level);
 
-// Whether the file begins as a template does. Stops with code 100 when it cannot be read.
+// Whether the file can be opened and begins as a template does. Stops with code 100 when it cannot be read.
 [[nodiscard]] bool istemplate(const std::string& path);
 // Reads a template into `raw`, run.mdm (names, kinds) and run.files.mdmfile, opens its raw files, and writes it back by
 // writetemplate. Stops with code 100 and words of its own on anything it cannot use.
