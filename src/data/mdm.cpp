@@ -65,7 +65,7 @@ long long readhead(MdmHeader& head) {
 }
 
 void checkhead(const MdmHeader& head) {
-  if (head.numl1var < 1 || head.numl2var < 0 || head.numl3var < 0) damagedmdm("its level 1 has no variables");
+  if (head.numl1var < 1 || head.numl2var < 0 || head.numl3var < 0) damagedmdm("its numbers of variables cannot be");
   if (head.numl3rec < 1 || head.numl2rec < head.numl3rec || head.numl1rec < head.numl2rec)
     damagedmdm("its numbers of records and units do not agree");
   if (head.maxnj < 1 || head.maxnj > head.numl1rec) damagedmdm("its largest unit has an impossible size");
