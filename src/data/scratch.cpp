@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "driver/failures.h"
+#include "kernel/sizes.h"
 
 namespace kdr {
 

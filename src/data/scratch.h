@@ -33,10 +33,6 @@ void writechk(const void* buffer, std::size_t bytes, std::FILE* stream);
 // Flushes and closes a file that was written; failure 5 when anything could not be written.
 void closechk(std::FILE* stream);
 
-// The packed form of a symmetric matrix: the lower triangle by rows, n(n+1)/2 doubles.
-[[nodiscard]] constexpr std::size_t packedsize(int n) {
-  return static_cast<std::size_t>(n) * (static_cast<std::size_t>(n) + 1) / 2;
-}
 // Packs the lower triangle of the n by n matrix `source` with row stride `ld` through `work` (packedsize(n) doubles)
 // and writes it. Failure 5 when it cannot be written.
 void dwritemat(const double* source, int n, int ld, double* work, std::FILE* stream);

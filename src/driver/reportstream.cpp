@@ -75,4 +75,12 @@ void cutreport() {
   if (ftruncate(fileno(stream), ftello(stream)) != 0) return;
 }
 
+void markreport() {
+  if (run.report.stream != nullptr && !reportisstdout()) run.report.mark = ftello(run.report.stream);
+}
+
+void rewindreport() {
+  if (run.report.stream != nullptr && run.report.mark >= 0) fseeko(run.report.stream, run.report.mark, SEEK_SET);
+}
+
 }  // namespace kdr

@@ -28,4 +28,10 @@ void reportrule(int n);
 // Cuts a report that is a file at its current position.
 void cutreport();
 
+// The place that the results of a later pass go back to, so that they take the place of an earlier one's. markreport
+// remembers where the report stands; rewindreport goes back there. Both do nothing where a report cannot go back: on
+// standard output, on a device, and before a mark was set.
+void markreport();
+void rewindreport();
+
 }  // namespace kdr

@@ -69,7 +69,7 @@ struct MdmData {
   int rawdattype = 0;       // 2 ASCII, 3 SYSTAT, 5 SAS transport, 6 SPSS, 8 Stata, 9 other
   bool numericids = false;  // IDs are doubles, else 13-byte texts
   bool l1missing = false;   // the level-1 data were declared to hold missing values
-  bool deletednow = false;  // missing level-1 data were deleted when the file was made, or a data pass has done it
+  bool deletednow = false;  // missing level-1 data were deleted when the file was made; else the data pass does it
   int maxnj = 0;            // largest number of records of a level-2 unit
   std::string fnames[3];    // raw files, for display
   Array<double> mean1, mean2, mean3;  // grand means, [v - 1]
@@ -165,6 +165,7 @@ struct AnsweredMarks {
   bool deletion = false, plausvals = false, lvr = false, nobase = false, iterations = false;
   bool constrain = false, hypoth = false, gammas = false, deviance = false;
   bool resfiltype = false;
+  bool numit = false, stopval = false, stopmicro = false;
   bool title = false, output = false, resfil1 = false, resfil2 = false, resfil3 = false;
   [[nodiscard]] bool wholemodel() const { return level1 && level2 && level3; }
 };
@@ -182,37 +183,28 @@ struct ReportStream {
   std::FILE* stream = nullptr;  // null while no report is open
   bool html = false;
   bool numberedhtml = false;   // mode of the numbered reports of a series, from the name that was given for them
-  long long reportpos = -999;  // where the next results are to be written, -999: where the report stands
+  long long mark = -1;         // where the results of a later pass go back to, below 0: nowhere (markreport)
 };
 
-// Current estimates, row-major. Orders: ngamma, npi and nbeta as they stand during a pass.
+// Estimates, row-major. Orders: ngamma, ntaupi and ntaubeta.
 struct Estimates {
   Array<double> gammahat;  // [ngamma]
   Array<double> taupi;     // order ntaupi, full symmetric
   Array<double> taubeta;   // order ntaubeta, full symmetric
   double sigma2 = 0.0;
-  Array<double> vgamma;        // ngamma squared: sigma2 * vgamma is the covariance of gammahat
-  Array<double> vgammarobust;  // robust covariance over sigma2; element 0 is missingcode when it could not be computed
-  Array<double> vgammaweighted;  // covariance of a weighted run, a true covariance
+  Array<double> vgamma;    // ngamma squared: sigma2 * vgamma is the covariance of gammahat
+
+  [[nodiscard]] Estimates copy() const {
+    return {gammahat.copy(), taupi.copy(), taubeta.copy(), sigma2, vgamma.copy()};
+  }
 };
 
 // Design weights and known variances, one entry per level-1 record, level-2 unit and level-3 unit in file order.
 struct DesignWeights {
   Array<double> weight1;  // empty unless the run is weighted
+  Array<double> factor1;  // sqrt(weight1) over the root of the known variance; empty without either
   Array<double> weight2;
   Array<double> weight3;
-};
-
-// Where the estimation stands; read by the report and by the phases of a non-linear run.
-struct PassFlags {
-  bool nlfirstpass = false;  // the linear first pass of a non-linear run
-  int paphase = 0;           // not 0: a population-average pass runs
-  bool finalpass = false;    // last pass of a non-linear run
-  bool macroconverged = false;
-  int macrocounter = 0;     // macro iteration, from 1
-  bool rescaletau = false;  // the pass after the first one
-  int stopflag = 0;         // the iterations are to end
-  int keyboardstop = 0;     // the user ended them
 };
 
 struct RunRecord {
@@ -230,7 +222,6 @@ struct RunRecord {
   ReportStream report;
   Estimates est;
   DesignWeights weights;
-  PassFlags pass;
 };
 
 extern RunRecord run;

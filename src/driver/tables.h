@@ -7,6 +7,9 @@
 
 namespace kdr {
 
+// The two covariance matrices of the random effects: tau(pi) of level 2, tau(beta) of level 3.
+enum class Tau { pi, beta };
+
 // cells[(set * rows + r) * width + i]. A table with one row per set is addressed by row(set).
 struct IntTable {
   Array<int> cells;

@@ -81,4 +81,19 @@ class Array {
   std::size_t count = 0;
 };
 
+// Rows of one width, one for each unit of a level.
+template <class T>
+struct Table {
+  Array<T> cells;
+  std::size_t width = 0;
+
+  // Drops the contents and holds `rows` zeroed rows of `rowwidth` values.
+  void reset(std::size_t rows, std::size_t rowwidth) {
+    width = rowwidth;
+    cells.reset(rows * rowwidth);
+  }
+  [[nodiscard]] T* row(int k) { return cells.data() + static_cast<std::size_t>(k) * width; }
+  [[nodiscard]] const T* row(int k) const { return cells.data() + static_cast<std::size_t>(k) * width; }
+};
+
 }  // namespace kdr

@@ -6,6 +6,7 @@
 
 #include "kernel/array.h"
 #include "kernel/constants.h"
+#include "kernel/sizes.h"
 
 namespace kdr {
 
@@ -235,6 +236,19 @@ int syminverse(int n, const double* a, int ld, double* inv, int ldinv, double* w
   work[0] = 1.0;  // the empty product
   work[1] = work[2] = 0.0;
   return 0;
+}
+
+Inversion invertsymmetric(int n, const double* a, double* inverse) {
+  constexpr int small = 8;
+  double local[packedsize(small) + 3];
+  Array<double> large;
+  double* work = local;
+  if (n > small) {
+    large.reset(packedsize(n) + 3);
+    work = large.data();
+  }
+  const int result = syminverse(n, a, n, inverse, n, work);
+  return {result, work[0]};
 }
 
 bool hasunitcorrelation(int n, const double* a, int ld) {

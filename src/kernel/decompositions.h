@@ -14,6 +14,13 @@ namespace kdr {
 // Allocates for orders above 32 only; exhausted memory is failure 3.
 int syminverse(int n, const double* a, int ld, double* inv, int ldinv, double* work);
 
+// The inverse of a, n by n without a stride, by syminverse with a buffer of its own; inverse may be a.
+struct Inversion {
+  int result;          // of syminverse
+  double determinant;  // of a
+};
+Inversion invertsymmetric(int n, const double* a, double* inverse);
+
 // True when the correlation of some pair i != j is 1 or more in absolute value, or undefined because the product of
 // the two variances is 0.0.
 [[nodiscard]] bool hasunitcorrelation(int n, const double* a, int ld);

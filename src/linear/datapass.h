@@ -1,13 +1,13 @@
-// The data pass: reads every level-2 block once and turns it into cross-products.
+// The data pass: folds the level-2 units of a source, one after the other, into the sums and the store of a pass.
 #pragma once
 
 #include "linear/pass.h"
+#include "linear/unitsource.h"
 
 namespace kdr {
 
-// Reads all blocks of run.mdm.stream and fills the sums and the store of `pass`; sets run.mdm.nunits1 to the number of
-// records that remain after run-time deletion and reports a change of it once. Raises 100 for a known variance that is
-// not positive.
-void datapass(Pass& pass);
+// Takes all units of `next` and fills the sums and the store of `pass`, whose design stands; sets run.mdm.nunits1 to
+// the number of their records and the constant of the likelihood. The store keeps identifiers and level-2 rows as told.
+void datapass(Pass& pass, const UnitSource& next, bool withid, bool withlevel2);
 
 }  // namespace kdr

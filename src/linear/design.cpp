@@ -81,12 +81,12 @@ void makedesign(Pass& pass) {
   if (pass.b == 0) std::printf("Nothing left at beta level.\n");
   if (pass.p == 0) std::printf("Nothing left at pi level.\n");
   if (pass.b == 0 || pass.p == 0) stopwith("Some variables must be specified as random.\n");
-  run.coef.npi = pass.p;
-  run.coef.nbeta = pass.b;
+  run.coef.ntaupi = pass.p;
+  run.coef.ntaubeta = pass.b;
 }
 
 void level3weights(const Pass& pass, int k, double* weights) {
-  const double* row = Pass::row(run.mdm.level3, k, run.mdm.nvar3);
+  const double* row = run.mdm.level3.data() + at(k) * at(run.mdm.nvar3);
   const Design& design = pass.design;
   for (std::size_t i = 0; i < design.variable3.size(); ++i) {
     const int variable = design.variable3[i];
@@ -99,6 +99,11 @@ void level2means(const Pass& pass, const double* weights, const double* gamma, d
   const Design& design = pass.design;
   for (std::size_t i = 0; i < design.owner3.size(); ++i)
     theta[design.owner3[i]] += weights[i] * gamma[design.reduced[i]];
+}
+
+void addlevel3effects(const Pass& pass, int k, const double* v, const double* theta, double* thetastar) {
+  std::copy_n(theta, pass.nbeta, thetastar);
+  for (int i = 0; i < pass.b; ++i) thetastar[i] += pass.scale3[k] * v[i];
 }
 
 void addtransposedW3(const Pass& pass, const double* weights, const double* t, double* x) {

@@ -10,6 +10,7 @@
 #include "kernel/products.h"
 #include "kernel/sizes.h"
 #include "linear/restriction.h"
+#include "linear/usable.h"
 #include "report/matrixtables.h"
 
 namespace kdr {
@@ -17,48 +18,40 @@ namespace kdr {
 namespace {
 
 // S = sigma2 t^-1 for a tau that the step needs as a covariance; failures 12 and 15 otherwise.
-Array<double> covarianceinverse(const double* t, int n, int level, double& logdet) {
+Array<double> covarianceinverse(const double* t, int n, Tau which, double& logdet) {
   Array<double> S;
-  if (scaleinverse(t, n, run.est.sigma2, S, logdet) != 0) fail(12, level == 1 ? "tau(pi)" : "tau(beta)");
+  if (scaleinverse(t, n, run.est.sigma2, S, logdet) != 0) fail(12, which == Tau::pi ? "tau(pi)" : "tau(beta)");
   double condition = 0.0;
   if (isbadcov(n, t, n, &condition)) {
-    if (hasunitcorrelation(n, t, n)) correlationtable(level, n, t);
+    if (hasunitcorrelation(n, t, n)) correlationtable(which, n, t);
     fail(15);
   }
   return S;
 }
 
-bool usablediagonals(const double* m, int n) {
-  for (int i = 0; i < n; ++i)
-    if (!(m[i * n + i] >= 0.0)) return false;
-  return !hasunitcorrelation(n, m, n) && ispositivedefinite(n, m, n, nullptr);
-}
-
 // T := the moment (s X + R) / n, n the number of units, under the restrictions of its level.
-void updatetau(Array<double>& T, const Array<double>& X, const Array<double>& R, int units, int order, int level) {
+void updatetau(Array<double>& T, const Array<double>& X, const Array<double>& R, int units, int order, Tau which) {
   Array<double> moment(T.size());
   for (std::size_t i = 0; i < moment.size(); ++i) moment[i] = (run.est.sigma2 * X[i] + R[i]) / units;
-  maximisetau(T.data(), moment.data(), order, taurestriction(level));
+  maximisetau(T.data(), moment.data(), order, taurestriction(which));
 }
 
 // T_k, the same over the level-2 units of one level-3 unit.
-void updatehettaupi(void* state, const Pass& pass, const Level3Posterior& unit) {
+void updatehettaupi(double* T, const Pass& pass, const Level3Posterior& unit) {
   if (unit.units == 0) return;
-  double* T = static_cast<double*>(state) + static_cast<std::ptrdiff_t>(unit.k) * pass.p * pass.p;
   Array<double> moment(unit.PP.size());
   for (std::size_t i = 0; i < moment.size(); ++i) moment[i] = (run.est.sigma2 * unit.PP[i] + unit.UU[i]) / unit.units;
-  maximisetau(T, moment.data(), pass.p, taurestriction(1));
+  maximisetau(T, moment.data(), pass.p, taurestriction(Tau::pi));
 }
 
 }  // namespace
 
 int scaleinverse(const double* t, int n, double sigma2, Array<double>& S, double& logdet) {
   S.reset(at(n) * at(n));
-  Array<double> work(packedsize(n) + 3);
-  const int result = syminverse(n, t, n, S.data(), n, work.data());
-  logdet = std::log(work[0]);
+  const Inversion inversion = invertsymmetric(n, t, S.data());
+  logdet = std::log(inversion.determinant);
   for (double& s : S) s *= sigma2;
-  return result;
+  return inversion.result;
 }
 
 double loglikelihood(const Pass& pass, const PosteriorSums& sums, double logdettaupi, double logdettaubeta) {
@@ -71,28 +64,29 @@ double loglikelihood(const Pass& pass, const PosteriorSums& sums, double logdett
 
 bool glsupdate(const Pass& pass, const PosteriorSums& sums) {
   const int g = pass.g;
-  Array<double> inverse(at(g) * at(g)), work(packedsize(g) + 3);
-  if (syminverse(g, sums.A.data(), g, inverse.data(), g, work.data()) != 0) return false;
-  if (!usablediagonals(inverse.data(), g) || !usablediagonals(sums.A.data(), g)) return false;
+  Array<double> inverse(square(g));
+  if (invertsymmetric(g, sums.A.data(), inverse.data()).result != 0) return false;
+  if (!positivecovariance(inverse.data(), g) || !positivecovariance(sums.A.data(), g)) return false;
   run.est.vgamma = std::move(inverse);
   mulAB(run.est.gammahat.data(), run.est.vgamma.data(), sums.c.data(), g, 1, g);
   return true;
 }
 
-void emstep(Pass& pass, Likelihood& likelihood, EmSums& em, double* hettaupi) {
+void emstep(Pass& pass, Likelihood& likelihood, EmSums& em, Table<double>* hettaupi) {
   if (run.est.sigma2 < 0.0) fail(15);
   double Ldelta = 0.0, Ltau = 0.0;
-  const Array<double> Sb = covarianceinverse(run.est.taubeta.data(), pass.b, 2, Ldelta);
+  const Array<double> Sb = covarianceinverse(run.est.taubeta.data(), pass.b, Tau::beta, Ldelta);
   Ldelta *= run.mdm.nunits3;
   Array<double> S;
   if (hettaupi == nullptr) {
-    S = covarianceinverse(run.est.taupi.data(), pass.p, 1, Ltau);
+    S = covarianceinverse(run.est.taupi.data(), pass.p, Tau::pi, Ltau);
     Ltau *= run.mdm.nunits2;
   }
 
   PosteriorSums sums;
   Level3Visitor visitor;
-  if (hettaupi != nullptr) visitor = {updatehettaupi, hettaupi};
+  if (hettaupi != nullptr)
+    visitor = [&](const Level3Posterior& unit) { updatehettaupi(hettaupi->row(unit.k), pass, unit); };
   const PosteriorInput input{run.est.sigma2, run.est.gammahat.data(), S.data(), Sb.data(), hettaupi, true};
   const PosteriorResult result = posteriorsweep(pass, input, sums, visitor);
   if (result == PosteriorResult::badT) fail(12, "tau(pi)");
@@ -104,9 +98,9 @@ void emstep(Pass& pass, Likelihood& likelihood, EmSums& em, double* hettaupi) {
     report("V11(GLS) is not positive-definite");
     fail(11);
   }
-  if (run.pass.paphase == 0) {
-    if (hettaupi == nullptr) updatetau(run.est.taupi, sums.PP, sums.UU, run.mdm.nunits2, pass.p, 1);
-    updatetau(run.est.taubeta, sums.sumDinv, sums.VV, run.mdm.nunits3, pass.b, 2);
+  if (!pass.plan.tausstand()) {
+    if (hettaupi == nullptr) updatetau(run.est.taupi, sums.PP, sums.UU, run.mdm.nunits2, pass.p, Tau::pi);
+    updatetau(run.est.taubeta, sums.sumDinv, sums.VV, run.mdm.nunits3, pass.b, Tau::beta);
   }
   em = {sums.traceacc, sums.rss};
   likelihood = {likelihood.current, current};

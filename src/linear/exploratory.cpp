@@ -8,7 +8,6 @@
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
 #include "kernel/sizes.h"
-#include "linear/sweep.h"
 #include "model/modelwalk.h"
 #include "report/stream.h"
 
@@ -56,23 +55,23 @@ Products level2products(Pass& pass) {
   Array<double> meanu(at(run.mdm.nunits3) * at(p)), meanx(at(run.mdm.nunits3) * at(m));
   const auto nothing = [](int) {};
   sweepunits(
-      pass, false, nothing,
-      [&](int k, const double* hot, const double* cold) {
+      pass.n2of, nothing,
+      [&](int k, std::size_t, const double* hot, const double* cold) {
         const double units = pass.n2of[k];
         for (int c = 0; c < p; ++c) meanu[k * p + c] += hot[pass.store.atustar + at(c)] / units;
         for (int x = 0; x < m; ++x) meanx[k * m + x] += cold[pass.store.atlevel2 + at(x)] / units;
       },
-      nothing);
+      nothing, reading(pass.store.hot), reading(pass.store.cold));
   Array<double> du(at(p)), dx(at(m));
   sweepunits(
-      pass, false, nothing,
-      [&](int k, const double* hot, const double* cold) {
+      pass.n2of, nothing,
+      [&](int k, std::size_t, const double* hot, const double* cold) {
         for (int c = 0; c < p; ++c) du[c] = hot[pass.store.atustar + at(c)] - meanu[k * p + c];
         for (int x = 0; x < m; ++x) dx[x] = cold[pass.store.atlevel2 + at(x)] - meanx[k * m + x];
         products.add(du.data(), dx.data());
         for (int x = 0; x < m; ++x) products.rawx[x] += squared(cold[pass.store.atlevel2 + x]);
       },
-      nothing);
+      nothing, reading(pass.store.hot), reading(pass.store.cold));
   return products;
 }
 
@@ -82,11 +81,11 @@ Products level3products(const Pass& pass) {
   products.reset(b, m);
   Array<double> meanv(at(b)), meanx(at(m)), dv(at(b)), dx(at(m));
   for (int k = 0; k < units; ++k) {
-    for (int c = 0; c < b; ++c) meanv[c] += pass.vstar[k * b + c] / units;
+    for (int c = 0; c < b; ++c) meanv[c] += pass.vstar.row(k)[c] / units;
     for (int x = 0; x < m; ++x) meanx[x] += run.mdm.level3[k * m + x] / units;
   }
   for (int k = 0; k < units; ++k) {
-    for (int c = 0; c < b; ++c) dv[c] = pass.vstar[k * b + c] - meanv[c];
+    for (int c = 0; c < b; ++c) dv[c] = pass.vstar.row(k)[c] - meanv[c];
     for (int x = 0; x < m; ++x) dx[x] = run.mdm.level3[k * m + x] - meanx[x];
     products.add(dv.data(), dx.data());
     for (int x = 0; x < m; ++x) products.rawx[x] += squared(run.mdm.level3[k * m + x]);

@@ -10,7 +10,7 @@
 #include "kernel/sizes.h"
 #include "linear/emstep.h"
 #include "linear/posterior.h"
-#include "linear/sweep.h"
+#include "linear/usable.h"
 
 namespace kdr {
 
@@ -149,8 +149,7 @@ void addunits(InformationSums& sums, const Level3Posterior& unit, const double* 
   }
 }
 
-void addlevel3unit(void* state, const Pass& pass, const Level3Posterior& unit) {
-  InformationSums& sums = *static_cast<InformationSums*>(state);
+void addlevel3unit(InformationSums& sums, const Pass& pass, const Level3Posterior& unit) {
   const int p = pass.p, b = pass.b, pp = p * p, bb = b * b;
   const double s = run.est.sigma2;
   const double* Ti = sums.inv->Ti.data();
@@ -233,7 +232,7 @@ void fillinformation(const Pass& pass, InformationSums& sums, FisherWork& fisher
     for (int y = 0; y < nt; ++y) put(nt + x, y, duplicated(sums.LT.data(), b, l[x], p, t[y]));
     for (int y = 0; y <= x; ++y) put(nt + x, nt + y, duplicated(sums.LL.data(), b, l[x], b, l[y]));
   }
-  if (run.iter.fixsigma2 == 0.0) {
+  if (pass.fixsigma2 == 0.0) {
     Array<double> Ts(square(p)), Ls(square(b)), half(square(std::max(p, b)));
     sandwich(sums.inv->Ti.data(), sums.Ts.data(), sums.inv->Ti.data(), p, half.data(), Ts.data());
     sandwich(sums.inv->Li.data(), sums.Ls.data(), sums.inv->Li.data(), b, half.data(), Ls.data());
@@ -248,16 +247,13 @@ void fillinformation(const Pass& pass, InformationSums& sums, FisherWork& fisher
 bool invertinformation(FisherWork& fisher, bool strict) {
   const Restriction& restriction = fisher.restriction;
   const int n = restriction.nfree;
-  Array<double> reduced(square(n)), inverse(square(n)), work(packedsize(n) + 3);
+  Array<double> reduced(square(n)), inverse(square(n));
   reduceinformation(restriction, fisher.information.data(), fisher.NT, reduced.data());
   fisher.invinformation.fill(0.0);
   if (n == 0) return true;
-  const bool inverted = syminverse(n, reduced.data(), n, inverse.data(), n, work.data()) == 0;
+  const bool inverted = invertsymmetric(n, reduced.data(), inverse.data()).result == 0;
   expandinverse(restriction, inverse.data(), fisher.invinformation.data(), fisher.NT);
-  if (!inverted || !strict) return inverted;
-  for (int i = 0; i < n; ++i)
-    if (reduced[i * n + i] < 0.0) return false;
-  return !hasunitcorrelation(n, reduced.data(), n) && ispositivedefinite(n, reduced.data(), n, nullptr);
+  return inverted && (!strict || positivecovariance(reduced.data(), n));
 }
 
 // score += D'vec(inverse X inverse) for the triangle that starts at `first`.
@@ -279,7 +275,7 @@ double tracedot(const Array<double>& x, const double* y) {
 void fillscore(const Pass& pass, const Inverses& inv, const PosteriorSums& sums, FisherWork& fisher) {
   const double s = run.est.sigma2;
   fisher.score.fill(0.0);
-  if (run.iter.fixsigma2 == 0.0)
+  if (pass.fixsigma2 == 0.0)
     fisher.score[at(fisher.NT) - 1] =
         sums.rss / (s * s) -
         (static_cast<double>(run.mdm.nunits1) - static_cast<double>(run.mdm.nunits2) * pass.p -
@@ -304,8 +300,7 @@ struct OuterScores {
   Array<double> score;
 };
 
-void addouterscore(void* state, const Pass& pass, const Level3Posterior& unit) {
-  OuterScores& outer = *static_cast<OuterScores*>(state);
+void addouterscore(OuterScores& outer, const Pass& pass, const Level3Posterior& unit) {
   const double s = run.est.sigma2;
   const int NT = outer.fisher->NT, p = pass.p, b = pass.b;
   Array<double>& score = outer.score;
@@ -318,7 +313,7 @@ void addouterscore(void* state, const Pass& pass, const Level3Posterior& unit) {
   X.reset(square(p));
   for (std::size_t i = 0; i < X.size(); ++i) X[i] = unit.UU[i] + s * unit.PP[i] - unit.units * run.est.taupi[i];
   addscore(score.data(), 0, outer.inv->Ti.data(), X.data(), p);
-  if (run.iter.fixsigma2 == 0.0)
+  if (pass.fixsigma2 == 0.0)
     score[at(NT) - 1] = unit.rss / (s * s) -
                         (static_cast<double>(pass.n1of[unit.k]) - static_cast<double>(unit.units) * p - b) / s -
                         tracedot(outer.inv->Li, unit.E.data()) - tracedot(outer.inv->Ti, unit.PP.data());
@@ -337,7 +332,7 @@ void makefisher(const Pass& pass, FisherWork& fisher) {
   fisher.information.reset(square(fisher.NT));
   fisher.invinformation.reset(square(fisher.NT));
   fisher.score.reset(at(fisher.NT));
-  fisher.restriction = allrestriction();
+  fisher.restriction = allrestriction(pass.fixsigma2 == 0.0);
 }
 
 bool fisherfull(Pass& pass, FisherWork& fisher, Likelihood& likelihood, bool closing) {
@@ -345,7 +340,8 @@ bool fisherfull(Pass& pass, FisherWork& fisher, Likelihood& likelihood, bool clo
   InformationSums info = makesums(pass, inv);
   PosteriorSums sums;
   const PosteriorInput input{run.est.sigma2, run.est.gammahat.data(), inv.S.data(), inv.Sb.data(), nullptr, !closing};
-  if (posteriorsweep(pass, input, sums, {addlevel3unit, &info}) != PosteriorResult::ok) return false;
+  const auto visit = [&](const Level3Posterior& unit) { addlevel3unit(info, pass, unit); };
+  if (posteriorsweep(pass, input, sums, visit) != PosteriorResult::ok) return false;
   fillinformation(pass, info, fisher);
   if (!invertinformation(fisher, true)) return false;
   if (closing) return true;
@@ -363,7 +359,8 @@ bool fisherouter(Pass& pass, FisherWork& fisher, Likelihood& likelihood) {
   OuterScores outer{&inv, &fisher, Array<double>(at(fisher.NT))};
   PosteriorSums sums;
   const PosteriorInput input{run.est.sigma2, run.est.gammahat.data(), inv.S.data(), inv.Sb.data(), nullptr, true};
-  if (posteriorsweep(pass, input, sums, {addouterscore, &outer}) != PosteriorResult::ok) return false;
+  const auto visit = [&](const Level3Posterior& unit) { addouterscore(outer, pass, unit); };
+  if (posteriorsweep(pass, input, sums, visit) != PosteriorResult::ok) return false;
   // Outer products of fewer units than parameters are singular, whatever rounding makes of their determinant.
   const bool inverted = run.mdm.nunits3 >= fisher.restriction.nfree && invertinformation(fisher, false);
   likelihood = {likelihood.current, loglikelihood(pass, sums, inv.logdetT, inv.logdetL)};

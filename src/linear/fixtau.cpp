@@ -13,6 +13,7 @@
 #include "kernel/decompositions.h"
 #include "kernel/sizes.h"
 #include "linear/startvaluesfile.h"
+#include "linear/usable.h"
 #include "report/matrixtables.h"
 
 namespace kdr {
@@ -30,12 +31,12 @@ struct Repair {
   double* t;
   int n;
   const Array<double>& moments;
-  TauStage stage;
+  Tau which;
   const Array<double>* est;  // null without fixed elements
   const Array<int>* codes;   // null without equality groups
   int rounds = 0;            // failed tests of choice 1
 
-  [[nodiscard]] bool pi() const { return stage == TauStage::pi; }
+  [[nodiscard]] bool pi() const { return which == Tau::pi; }
   [[nodiscard]] bool fixedat(int i, int j) const { return est != nullptr && (*est)[i * n + j] != missingcode; }
   [[nodiscard]] bool equalat(int i, int j) const {
     return codes != nullptr && (*codes)[i >= j ? packedsize(i) + at(j) : packedsize(j) + at(i)] != 0;
@@ -161,11 +162,7 @@ bool automaticfixup(const Repair& repair) {
 
 [[noreturn]] void nofixup(const Repair& repair) {
   std::printf(repair.pi() ? "Unable to compute Tau(pi)(0)\n" : "Unable to compute Tau(beta)(0)\n");
-  if (repair.pi()) {
-    taupitable(MatrixTitle::plain, true, repair.n, repair.t);
-  } else {
-    taubetatable(MatrixTitle::plain, true, repair.n, repair.t);
-  }
+  tautable(repair.which, MatrixTitle::plain, true, repair.n, repair.t);
   if (havestartvalues()) std::printf("\nPlease check your starting value file!\n");
   stoprun(100);
 }
@@ -201,15 +198,17 @@ void applyequal(int n, double* t, const Array<int>& codes) {
 }
 
 void applytaupi(double* taupi) {
-  if (run.iter.haveesttau2) applyfixed(taupi, run.coef.npi, run.iter.esttau2);
-  if (run.iter.havecontau2) applyequal(run.coef.npi, taupi, run.iter.contau2);
-  if (run.out.diagtaupi) cleardiagonaloff(taupi, run.coef.npi);
+  const int p = run.coef.ntaupi;
+  if (run.iter.haveesttau2) applyfixed(taupi, p, run.iter.esttau2);
+  if (run.iter.havecontau2) applyequal(p, taupi, run.iter.contau2);
+  if (run.out.diagtaupi) cleardiagonaloff(taupi, p);
 }
 
 void applytaubeta(double* taubeta) {
-  if (run.iter.haveesttau3) applyfixed(taubeta, run.coef.nbeta, run.iter.esttau3);
-  if (run.iter.havecontau3) applyequal(run.coef.nbeta, taubeta, run.iter.contau3);
-  if (run.out.diagtaubeta) cleardiagonaloff(taubeta, run.coef.nbeta);
+  const int b = run.coef.ntaubeta;
+  if (run.iter.haveesttau3) applyfixed(taubeta, b, run.iter.esttau3);
+  if (run.iter.havecontau3) applyequal(b, taubeta, run.iter.contau3);
+  if (run.out.diagtaubeta) cleardiagonaloff(taubeta, b);
 }
 
 void cleardiagonaloff(double* t, int n) {
@@ -218,22 +217,15 @@ void cleardiagonaloff(double* t, int n) {
       if (i != j) t[i * n + j] = 0.0;
 }
 
-bool usablecovariance(const double* t, int n) {
-  Array<double> inverse(at(n) * at(n)), work(packedsize(n) + 3);
-  double condition = 0.0;
-  return syminverse(n, t, n, inverse.data(), n, work.data()) == 0 && !isbadcov(n, t, n, &condition);
-}
-
 bool usablestart(const double* t, int n) {
-  Array<double> inverse(at(n) * at(n)), work(packedsize(n) + 3);
-  return syminverse(n, t, n, inverse.data(), n, work.data()) == 0 && !negativediagonal(t, n) &&
-         !hasunitcorrelation(n, t, n) && ispositivedefinite(n, t, n, nullptr);
+  Array<double> inverse(square(n));
+  return invertsymmetric(n, t, inverse.data()).result == 0 && positivecovariance(t, n);
 }
 
-void fixtau(double* t, int n, const Array<double>& moments, int code, double& sigma2, TauStage stage) {
-  const bool pi = stage == TauStage::pi;
+void fixtau(double* t, int n, const Array<double>& moments, int code, double& sigma2, Tau which) {
+  const bool pi = which == Tau::pi;
   const IterationControl& iter = run.iter;
-  Repair repair{t, n, moments, stage, nullptr, nullptr};
+  Repair repair{t, n, moments, which, nullptr, nullptr};
   if (pi ? iter.haveesttau2 : iter.haveesttau3) repair.est = pi ? &iter.esttau2 : &iter.esttau3;
   if (pi ? iter.havecontau2 : iter.havecontau3) repair.codes = pi ? &iter.contau2 : &iter.contau3;
 

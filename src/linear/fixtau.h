@@ -1,6 +1,7 @@
 // The tau matrices between their updates: fixed and equal elements, and the repair of an unusable starting value.
 #pragma once
 
+#include "driver/tables.h"
 #include "kernel/array.h"
 
 namespace kdr {
@@ -16,18 +17,12 @@ void applytaubeta(double* taubeta);
 // Sets every off-diagonal element of an n by n matrix to 0.0.
 void cleardiagonaloff(double* t, int n);
 
-// syminverse and isbadcov are both content with t.
-[[nodiscard]] bool usablecovariance(const double* t, int n);
-// The test of a starting value: syminverse gives 0, no diagonal element is negative, no correlation of 1, and positive
-// definite.
+// The test of a starting value: it can be inverted, and is a covariance without a correlation of 1.
 [[nodiscard]] bool usablestart(const double* t, int n);
-
-// Which tau a repair is for; the level-3 matrix is repaired at two places.
-enum class TauStage { pi = 1, beta = 2, betastart = 4 };
 
 // Repairs t (n by n), derived from the squared residuals `moments`, by the action `code` (fixtau2 or fixtau3): 1 clears
 // the off-diagonals, 3 is the automatic fix-up, 4 stops the run, others ask at the console. Returns with a usable t, or
 // stops with code 100. The dialogue may change run.est.gammahat and sigma2.
-void fixtau(double* t, int n, const Array<double>& moments, int code, double& sigma2, TauStage stage);
+void fixtau(double* t, int n, const Array<double>& moments, int code, double& sigma2, Tau which);
 
 }  // namespace kdr

@@ -8,14 +8,14 @@
 #include "data/scratch.h"
 #include "data/unitreader.h"
 #include "driver/runrecord.h"
-#include "kernel/decompositions.h"
 #include "kernel/matrix.h"
 #include "kernel/products.h"
 #include "kernel/sizes.h"
+#include "linear/centering.h"
 #include "linear/deletion.h"
 #include "linear/residualfiles.h"
-#include "linear/sweep.h"
 #include "linear/unitresults.h"
+#include "linear/usable.h"
 #include "model/modelwalk.h"
 #include "report/residual/residualfile.h"
 
@@ -68,8 +68,7 @@ void take(Predictors& list, const double* row) {
 void center(Predictors& list, const Array<int>& marks, const Array<double>& means) {
   for (std::size_t i = 0; i < list.variables.size(); ++i) {
     const auto v = at(list.variables[i]);
-    if (marks[v] == 0) continue;
-    for (std::size_t n = 0; n < list.count; ++n) list.values[i][n] -= means[v - 1];
+    centeraround(marks[v], means[v - 1], list.values[i].data(), list.count);
   }
 }
 
@@ -81,11 +80,9 @@ void readpredictors(Predictors& list1, Predictors& list2) {
   UnitReader reader;
   startunits(reader, stream, run.mdm.firstblock, run.mdm.nvar1, run.mdm.nvar2, true);
   UnitBlock unit;
-  // A run that left records out had fewer of them than the file; deletednow stands for files and runs alike by now.
-  const bool deleted = run.mdm.nunits1 != run.mdm.numl1rec;
   for (int j = 0; j < run.mdm.numl2rec && readunit(reader, unit); ++j) {
     checksignals();
-    if (deleted) deleterecords(unit);
+    if (!run.mdm.deletednow) deleterecords(unit);
     if (unit.nj == 0) continue;
     for (int i = 0; i < unit.nj; ++i) take(list1, unit.records.data() + at(i) * at(run.mdm.nvar1));
     take(list2, unit.level2.data());
@@ -144,12 +141,12 @@ void writeflags(ResultFile& file) {
 
 // (Z2'Z2)^-1 (Z2'Y - Z2'M gamma) of unit k into `ols`, or the missing mark. results.theta is W3 gamma.
 struct Level3Fit {
-  Array<double> Z2Z2, inverse, work, right;
+  Array<double> Z2Z2, inverse, right;
 };
 void level3leastsquares(const Pass& pass, int k, const UnitResults& results, Level3Fit& fit, double* ols) {
   const int b = pass.b, nb = pass.nbeta;
-  const double* BB = Pass::row(pass.sumBB, k, nb * nb);
-  const double* BY = Pass::row(pass.sumBY, k, nb);
+  const double* BB = pass.sumBB.row(k);
+  const double* BY = pass.sumBY.row(k);
   const double z = pass.scale3[k];
   for (int i = 0; i < b; ++i) {
     for (int j = 0; j < b; ++j) fit.Z2Z2[i * b + j] = z * z * BB[i * nb + j];
@@ -157,9 +154,7 @@ void level3leastsquares(const Pass& pass, int k, const UnitResults& results, Lev
     for (int m = 0; m < nb; ++m) fit.right[i] -= BB[i * nb + m] * results.theta[m];
     fit.right[i] *= z;
   }
-  double condition = 0.0;
-  if (syminverse(b, fit.Z2Z2.data(), b, fit.inverse.data(), b, fit.work.data()) != 0 ||
-      isbadcov(b, fit.Z2Z2.data(), b, &condition)) {
+  if (!invertcovariance(fit.Z2Z2.data(), b, fit.inverse.data())) {
     std::fill_n(ols, b, nosuchvalue);
   } else {
     mulAB(ols, fit.inverse.data(), fit.right.data(), b, 1, b);
@@ -171,8 +166,7 @@ void writelevel3(ResultFile& file, const Pass& pass, UnitResults& results) {
   const auto units = at(run.mdm.nunits3);
   const auto b = at(pass.b), n = at(pass.nbeta);
   Array<double> OL(units * b), FV(units * n), variances(units * b);
-  Level3Fit fit{Array<double>(square(pass.b)), Array<double>(square(pass.b)), Array<double>(packedsize(pass.b) + 3),
-                Array<double>(b)};
+  Level3Fit fit{Array<double>(square(pass.b)), Array<double>(square(pass.b)), Array<double>(b)};
   for (std::size_t k = 0; k < units; ++k) {
     const int unit = static_cast<int>(k);
     level3results(pass, unit, nosuchvalue, results);
@@ -180,32 +174,30 @@ void writelevel3(ResultFile& file, const Pass& pass, UnitResults& results) {
     std::copy(results.level3.FV.begin(), results.level3.FV.end(), FV.data() + k * n);
     for (std::size_t i = 0; i < b; ++i) variances[k * b + i] = results.level3.PV[i * (i + 3) / 2];
   }
-  put(file, pass.vstar);
+  put(file, pass.vstar.cells);
   put(file, OL);
   put(file, FV);
   put(file, variances);
 }
 
 void writelevel2(ResultFile& file, Pass& pass, UnitResults& results) {
-  std::size_t unit = 0;
   sweepunits(
-      pass, false, [&](int k) { level3results(pass, k, nosuchvalue, results); },
-      [&](int k, const double* hot, const double* cold) {
-        const std::size_t place = unit++;
+      pass.n2of, [&](int k) { level3results(pass, k, nosuchvalue, results); },
+      [&](int k, std::size_t unit, const double* hot, const double* cold) {
         if (cold[0] == 0.0) return;
-        level2coefficients(pass, place, hot, cold, results);
+        level2coefficients(pass, unit, hot, cold, results);
         level2residuals(pass, k, hot, cold, nosuchvalue, results);
         put(file, results.level2.EB);
         put(file, results.level2.OL);
         put(file, results.level2.FV);
         for (std::size_t i = 0; i < at(pass.p); ++i) writevalue(file, results.level2.PV[i * (i + 3) / 2]);
       },
-      [](int) {});
+      [](int) {}, reading(pass.store.hot), reading(pass.store.cold));
 }
 
 }  // namespace
 
-void writegraphdata(Pass& pass) {
+void writegraphdata(Pass& pass, const RecordLayout& layout) {
   ResultFile file;
   openresult(file, run.files.graphgammas);
   writeresult(file, "GRKDR3");
@@ -219,7 +211,8 @@ void writegraphdata(Pass& pass) {
   writelevel3(file, pass, results);
   writelevel2(file, pass, results);
   writevalue(file, run.mdm.nunits1);
-  eachfittedunit(pass, [&](int, const UnitBlock& unit, const double* fitted) { put(file, fitted, at(unit.nj)); });
+  eachfittedunit(pass, layout,
+                 [&](int, const UnitBlock& unit, const double* fitted) { put(file, fitted, at(unit.nj)); });
   finishresult(file);
 }
 

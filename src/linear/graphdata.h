@@ -2,12 +2,12 @@
 // posterior variances of every unit, in one binary file.
 #pragma once
 
-#include "linear/pass.h"
+#include "linear/recordunits.h"
 
 namespace kdr {
 
 // Writes the file of run.files.graphgammas from a finished pass. The statistics of the predictors come from the MDM
 // file, which is opened once more. A failed write is failure 5 and leaves none of the file.
-void writegraphdata(Pass& pass);
+void writegraphdata(Pass& pass, const RecordLayout& layout);
 
 }  // namespace kdr

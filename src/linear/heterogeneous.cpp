@@ -9,8 +9,9 @@
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
 #include "kernel/sizes.h"
-#include "linear/inference.h"
+#include "linear/results.h"
 #include "report/matrixtables.h"
+#include "report/passtables.h"
 
 namespace kdr {
 
@@ -46,20 +47,21 @@ void checkheterogeneous(const Pass& pass) {
 }
 
 void startheterogeneous(IterationState& state) {
-  const std::size_t size = run.est.taupi.size();
-  state.hettaupi.reset(at(run.mdm.nunits3) * size);
-  for (std::size_t k = 0; k < at(run.mdm.nunits3); ++k)
-    std::copy(run.est.taupi.begin(), run.est.taupi.end(), state.hettaupi.data() + k * size);
+  state.hettaupi.reset(at(run.mdm.nunits3), run.est.taupi.size());
+  for (int k = 0; k < run.mdm.nunits3; ++k)
+    std::copy(run.est.taupi.begin(), run.est.taupi.end(), state.hettaupi.row(k));
 }
 
-void heterogeneousresults(const Pass& pass, IterationState& state, const FixedDegrees& degrees) {
+void heterogeneousresults(Pass& pass, IterationState& state) {
   const int p = pass.p;
+  const PassResults results = stageresults(pass, state);
+  iterationtables(results);
   Array<double>& T = run.est.taupi;
   Array<double> mean(T.size());
   T.fill(0.0);
   std::FILE* file = openfile(heterogeneousfile, "w");
   for (int k = 0; k < run.mdm.nunits3; ++k) {
-    const double* Tk = Pass::row(state.hettaupi, k, p * p);
+    const double* Tk = state.hettaupi.row(k);
     writeunittaupi(file, k, Tk, p);
     for (std::size_t i = 0; i < T.size(); ++i) {
       mean[i] += Tk[i] / run.mdm.nunits3;
@@ -67,9 +69,9 @@ void heterogeneousresults(const Pass& pass, IterationState& state, const FixedDe
     }
   }
   closechk(file);
-  taupitable(MatrixTitle::average, false, p, mean.data());
-  taupitable(MatrixTitle::weightedaverage, false, p, T.data());
-  reportfixedeffects(pass, degrees, false);
+  tautable(Tau::pi, MatrixTitle::average, false, p, mean.data());
+  tautable(Tau::pi, MatrixTitle::weightedaverage, false, p, T.data());
+  fixedeffectstables(results);
 }
 
 }  // namespace kdr

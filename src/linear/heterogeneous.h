@@ -3,7 +3,6 @@
 
 #include "linear/iteration.h"
 #include "linear/pass.h"
-#include "report/degreesoffreedom.h"
 
 namespace kdr {
 
@@ -13,8 +12,9 @@ inline constexpr const char* heterogeneousfile = "hettau.dat";
 void checkheterogeneous(const Pass& pass);
 // Prepares the stage from the repaired starting value: every level-3 unit begins with taupi.
 void startheterogeneous(IterationState& state);
-// Results of the stage: heterogeneousfile with the lower triangle of each unit's taupi, their plain and weighted means,
-// the fixed effects. Leaves the mean weighted by level-2 units in run.est.taupi.
-void heterogeneousresults(const Pass& pass, IterationState& state, const FixedDegrees& degrees);
+// Prints the results of the stage: those of its last iteration, heterogeneousfile with the lower triangle of each
+// unit's taupi, their plain and weighted means, the fixed effects. Leaves the mean weighted by level-2 units in
+// run.est.taupi.
+void heterogeneousresults(Pass& pass, IterationState& state);
 
 }  // namespace kdr

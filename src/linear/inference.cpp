@@ -4,17 +4,12 @@
 #include <cmath>
 #include <vector>
 
-#include "driver/reportstream.h"
 #include "driver/runrecord.h"
-#include "kernel/decompositions.h"
 #include "kernel/matrix.h"
 #include "kernel/products.h"
 #include "kernel/sizes.h"
-#include "linear/sweep.h"
+#include "linear/usable.h"
 #include "model/modelwalk.h"
-#include "report/fixedtable.h"
-#include "report/hypotheses.h"
-#include "report/variancetables.h"
 
 namespace kdr {
 
@@ -25,15 +20,15 @@ namespace {
 template <class Use>
 void eachwithin(Pass& pass, Use use) {
   const int b = pass.b, p = pass.p, nb = pass.nbeta;
-  Array<double> E(square(b)), inverse(square(b)), work(packedsize(b) + 3), C(square(p)), R(at(b) * at(p));
+  Array<double> E(square(b)), inverse(square(b)), C(square(p)), R(at(b) * at(p));
   sweepunits(
-      pass, false,
+      pass.n2of,
       [&](int k) {
-        const double* BB = Pass::row(pass.sumBB, k, nb * nb);
+        const double* BB = pass.sumBB.row(k);
         for (int i = 0; i < b; ++i)
           for (int j = 0; j < b; ++j) E[i * b + j] = BB[i * nb + j];
       },
-      [&](int, const double* hot, const double*) {
+      [&](int, std::size_t, const double* hot) {
         const double* Z2Z1 = hot + pass.store.atBZ1;  // its first b rows
         unpack(p, hot + pass.store.atCinv, C.data());
         mulAB(R.data(), Z2Z1, C.data(), b, p, p);
@@ -41,137 +36,131 @@ void eachwithin(Pass& pass, Use use) {
       },
       [&](int k) {
         scale(E.data(), b, b, b, pass.scale3[k] * pass.scale3[k]);
-        double condition = 0.0;
-        const bool usable =
-            syminverse(b, E.data(), b, inverse.data(), b, work.data()) == 0 && !isbadcov(b, E.data(), b, &condition);
-        use(k, usable ? inverse.data() : nullptr);
-      });
+        use(k, invertcovariance(E.data(), b, inverse.data()) ? inverse.data() : nullptr);
+      },
+      reading(pass.store.hot));
 }
 
 // theta* = W3 gamma + z v of level-3 unit k: what the level-2 units of k are compared with.
-void unitmeans(const Pass& pass, int k, const double* v, Array<double>& weights, Array<double>& thetastar) {
-  level3weights(pass, k, weights.data());
-  level2means(pass, weights.data(), run.est.gammahat.data(), thetastar.data());
-  for (int i = 0; i < pass.b; ++i) thetastar[i] += pass.scale3[k] * v[i];
+struct UnitMeans {
+  Array<double> weights, theta, thetastar;
+};
+
+UnitMeans makeunitmeans(const Pass& pass) {
+  return {Array<double>(pass.design.owner3.size()), Array<double>(at(pass.nbeta)), Array<double>(at(pass.nbeta))};
+}
+
+void takeunitmeans(const Pass& pass, int k, const double* v, UnitMeans& means) {
+  level3weights(pass, k, means.weights.data());
+  level2means(pass, means.weights.data(), run.est.gammahat.data(), means.theta.data());
+  addlevel3effects(pass, k, v, means.theta.data(), means.thetastar.data());
+}
+
+// 0 for a fixed element, missingcode for one whose variance could not be had.
+double standarderror(const FisherWork& fisher, std::size_t element) {
+  if (fisher.restriction.free[element] < 0) return 0.0;
+  const double variance = fisher.invinformation[element * at(fisher.NT) + element];
+  return variance > 0.0 ? std::sqrt(variance) : missingcode;
+}
+
+Array<double> errormatrix(const FisherWork& fisher, std::size_t first, int n) {
+  Array<double> matrix(square(n));
+  for (int i = 0; i < n; ++i)
+    for (int j = 0; j <= i; ++j) matrix[i * n + j] = matrix[j * n + i] = standarderror(fisher, first++);
+  return matrix;
 }
 
 }  // namespace
 
-void level2reliabilities(Pass& pass, IterationState& state, bool shown) {
-  const int p = pass.p;
-  state.rel2.reset(at(p));
-  state.nrel2 = run.mdm.nunits2;
+TauErrors tauerrors(Pass& pass, FisherWork& fisher, Likelihood& likelihood) {
+  TauErrors errors;
+  errors.asked = run.iter.fishertype != 0;
+  if (!errors.asked) return errors;
+  errors.known = fisherstep(pass, fisher, likelihood, true);
+  if (!errors.known) return errors;
+  errors.taupi = errormatrix(fisher, 0, pass.p);
+  errors.taubeta = errormatrix(fisher, packedsize(pass.p), pass.b);
+  errors.order = fisher.NT - 1;
+  errors.covariance.reset(square(errors.order));
+  for (int i = 0; i < errors.order; ++i)
+    std::copy_n(fisher.invinformation.data() + i * fisher.NT, errors.order,
+                errors.covariance.data() + i * errors.order);
+  errors.sigma2variance = std::fabs(fisher.invinformation[square(fisher.NT) - 1]);
+  errors.sigma2 = std::sqrt(errors.sigma2variance);
+  return errors;
+}
+
+Reliabilities reliabilities(Pass& pass) {
+  const int p = pass.p, b = pass.b;
+  Reliabilities rel{Array<double>(at(p)), Array<double>(at(b)), 0, 0};
   Array<double> inverse(square(p));
-  const double* T = run.est.taupi.data();
+  // rel += tau[i][i] / (s variance[i][i] + tau[i][i])
+  const auto add = [](Array<double>& sum, const Array<double>& tau, const double* variance, int n) {
+    for (int i = 0; i < n; ++i) sum[i] += tau[i * n + i] / (run.est.sigma2 * variance[i * n + i] + tau[i * n + i]);
+  };
+  const auto nothing = [](int) {};
   sweepunits(
-      pass, false, [](int) {},
-      [&](int, const double*, const double* cold) {
-        if (!usableunit(pass, cold)) {
-          --state.nrel2;
-          return;
-        }
+      pass.n2of, nothing,
+      [&](int, std::size_t, const double* cold) {
+        if (!usableunit(pass.store, cold)) return;
+        ++rel.units2;
         unpack(p, cold + pass.store.atinverse, inverse.data());
-        for (int i = 0; i < p; ++i) {
-          const double variance = T[i * p + i];
-          state.rel2[i] += variance / (run.est.sigma2 * inverse[i * p + i] + variance);
-        }
+        add(rel.level2, run.est.taupi, inverse.data(), p);
       },
-      [](int) {});
-  if (state.nrel2 < 1) {
-    if (shown) reportline(" The %s reliabilities cannot be computed", run.sym.symvar2.c_str());
-    return;
-  }
-  for (double& r : state.rel2) r /= state.nrel2;
-  if (!shown) return;
-  reliabilitytable(p, state.rel2.data(), 1);
-  if (state.nrel2 != run.mdm.nunits2) partialdatanote("reliability estimates", state.nrel2, run.mdm.nunits2);
-}
-
-void level3reliabilities(Pass& pass, IterationState& state, bool shown) {
-  const int b = pass.b;
-  state.rel3.reset(at(b));
-  state.nrel3 = run.mdm.nunits3;
-  const double* L = run.est.taubeta.data();
-  eachwithin(pass, [&](int, const double* inverse) {
-    if (inverse == nullptr) {
-      --state.nrel3;
-      return;
-    }
-    for (int i = 0; i < b; ++i) {
-      const double variance = L[i * b + i];
-      state.rel3[i] += variance / (run.est.sigma2 * inverse[i * b + i] + variance);
-    }
+      nothing, reading(pass.store.cold));
+  eachwithin(pass, [&](int, const double* within) {
+    if (within == nullptr) return;
+    ++rel.units3;
+    add(rel.level3, run.est.taubeta, within, b);
   });
-  if (state.nrel3 < 1) {
-    if (shown) reportline(" The %s(beta) reliabilities cannot be computed", run.report.html ? "&tau;" : "tau");
-    return;
-  }
-  for (double& r : state.rel3) r /= state.nrel3;
-  if (!shown) return;
-  reliabilitytable(b, state.rel3.data(), 2);
-  if (state.nrel3 != run.mdm.nunits3) partialdatanote("reliability estimates", state.nrel3, run.mdm.nunits3);
+  for (double& r : rel.level2) r /= rel.units2;
+  for (double& r : rel.level3) r /= rel.units3;
+  return rel;
 }
 
-void variancetests(Pass& pass, VarianceTests& tests) {
+VarianceTests variancetests(Pass& pass) {
   const int p = pass.p, b = pass.b;
   const double s = run.est.sigma2;
-  tests.stat2.reset(at(p));
-  tests.stat3.reset(at(b));
-  tests.nstat3 = run.mdm.nunits3;
-  tests.nstat2 = run.mdm.nunits2;
-  Array<double> w(at(b));
+  VarianceTests tests;
+  tests.chisq2.reset(at(p));
+  tests.chisq3.reset(at(b));
+  pass.vlsq.reset(pass.n2of.size(), at(b));
   eachwithin(pass, [&](int k, const double* inverse) {
-    double* vlsq = Pass::row(pass.vlsq, k, b);
+    double* vlsq = pass.vlsq.row(k);
     if (inverse == nullptr) {
       vlsq[0] = missingcode;
-      --tests.nstat3;
       return;
     }
-    mulAB(w.data(), inverse, vlsq, b, 1, b);
-    std::copy(w.begin(), w.end(), vlsq);
-    for (int i = 0; i < b; ++i) tests.stat3[i] += w[i] * w[i] / (s * inverse[i * b + i]);
+    ++tests.units3;
+    mulAB(vlsq, inverse, pass.vright.row(k), b, 1, b);
+    for (int i = 0; i < b; ++i) tests.chisq3[i] += vlsq[i] * vlsq[i] / (s * inverse[i * b + i]);
   });
 
-  Array<double> weights(pass.design.owner3.size()), thetastar(at(pass.nbeta));
+  UnitMeans means = makeunitmeans(pass);
   Array<double> inverse(square(p)), a(at(p)), ols(at(p));
   bool usable3 = false;
   sweepunits(
-      pass, false,
+      pass.n2of,
       [&](int k) {
-        const double* vlsq = Pass::row(pass.vlsq, k, b);
-        usable3 = vlsq[0] != missingcode;
-        if (usable3) unitmeans(pass, k, vlsq, weights, thetastar);
+        usable3 = pass.vlsq.row(k)[0] != missingcode;
+        if (usable3) takeunitmeans(pass, k, pass.vlsq.row(k), means);
       },
-      [&](int, const double* hot, const double* cold) {
-        if (!usable3 || !usableunit(pass, cold)) {
-          --tests.nstat2;
-          return;
-        }
+      [&](int, std::size_t, const double* hot, const double* cold) {
+        if (!usable3 || !usableunit(pass.store, cold)) return;
+        ++tests.units2;
         unpack(p, cold + pass.store.atinverse, inverse.data());
-        residualproduct(pass.store, hot, thetastar.data(), a.data());
+        residualproduct(pass.store, hot, means.thetastar.data(), a.data());
         mulAB(ols.data(), inverse.data(), a.data(), p, 1, p);
-        for (int i = 0; i < p; ++i) tests.stat2[i] += ols[i] * ols[i] / (s * inverse[i * p + i]);
+        for (int i = 0; i < p; ++i) tests.chisq2[i] += ols[i] * ols[i] / (s * inverse[i * p + i]);
       },
-      [](int) {});
-}
+      [](int) {}, reading(pass.store.hot), reading(pass.store.cold));
 
-void variancetesttables(const Pass& pass, const VarianceTests& tests) {
-  variancetable(1, pass.p, tests.nstat2, tests.nstat3, pass.nrandomterms.data(), pass.nfixedterms.data(),
-                run.est.taupi.data(), tests.stat2.data(), run.est.sigma2);
-  if (tests.nstat2 != run.mdm.nunits2) partialdatanote("chi-square statistics", tests.nstat2, run.mdm.nunits2);
-  variancetable(2, pass.b, tests.nstat3, 0, pass.nterms3reduced.data(), nullptr, run.est.taubeta.data(),
-                tests.stat3.data(), run.est.sigma2);
-  if (tests.nstat3 != run.mdm.nunits3) partialdatanote("chi-square statistics", tests.nstat3, run.mdm.nunits3);
-}
-
-void reportfixedeffects(const Pass& pass, const FixedDegrees& degrees, bool weighted) {
-  const Estimates& est = run.est;
-  const int g = pass.g;
-  Array<double> covariance = weighted ? est.vgammaweighted.copy() : est.vgamma.copy();
-  if (!weighted) scale(covariance.data(), g, g, g, est.sigma2);
-  fixedtable(degrees, TableKind::estimates, covariance.data(), est.gammahat.data(), g, 1.0);
-  if (!run.pass.nlfirstpass) ratiotable(degrees, TableKind::estimates, covariance.data(), est.gammahat.data(), g, 1.0);
-  if (run.model.nhypotheses) hypothesistest(g, est.gammahat.data(), covariance.data(), g);
+  tests.df2.reset(at(p));
+  tests.df3.reset(at(b));
+  for (int i = 0; i < p; ++i)
+    tests.df2[i] = tests.units2 - static_cast<long long>(pass.nrandomterms[i]) * tests.units3 - pass.nfixedterms[i];
+  for (int i = 0; i < b; ++i) tests.df3[i] = tests.units3 - pass.nterms3reduced[i];
+  return tests;
 }
 
 namespace {
@@ -180,66 +169,46 @@ namespace {
 // sigma2.
 Array<double> scoreproducts(Pass& pass, bool leastsquares) {
   const int nb = pass.nbeta, p = pass.p, g = pass.g;
-  Array<double> total(square(g)), weights(pass.design.owner3.size()), theta(at(nb)), r(at(nb)), e(at(g));
+  Array<double> total(square(g)), r(at(nb)), e(at(g));
   const Array<double> none(at(pass.b));
+  UnitMeans means = makeunitmeans(pass);
   sweepunits(
-      pass, false,
+      pass.n2of,
       [&](int k) {
-        unitmeans(pass, k, leastsquares ? none.data() : Pass::row(pass.vstar, k, pass.b), weights, theta);
-        std::copy_n(Pass::row(pass.sumBY, k, nb), nb, r.data());
-        subAB(r.data(), Pass::row(pass.sumBB, k, nb * nb), theta.data(), nb, 1, nb);
+        takeunitmeans(pass, k, leastsquares ? none.data() : pass.vstar.row(k), means);
+        std::copy_n(pass.sumBY.row(k), nb, r.data());
+        subAB(r.data(), pass.sumBB.row(k), means.thetastar.data(), nb, 1, nb);
       },
-      [&](int, const double* hot, const double*) {
+      [&](int, std::size_t, const double* hot) {
         if (!leastsquares) subAB(r.data(), hot + pass.store.atBZ1, hot + pass.store.atustar, nb, 1, p);
       },
       [&](int) {
         e.fill(0.0);
-        addtransposedW3(pass, weights.data(), r.data(), e.data());
+        addtransposedW3(pass, means.weights.data(), r.data(), e.data());
         if (!leastsquares) scale(e.data(), g, 1, 1, 1.0 / run.est.sigma2);
         addABt(total.data(), e.data(), e.data(), g, g, 1);
-      });
+      },
+      reading(pass.store.hot));
   return total;
 }
 
-// Some level-2 coefficient has fewer than 20 level-3 units left after its level-3 terms.
+}  // namespace
+
+Array<double> robustcovariance(Pass& pass, bool leastsquares) {
+  const int g = pass.g;
+  const Array<double> scores = scoreproducts(pass, leastsquares);
+  Array<double> V = run.est.vgamma.copy(), half(square(g)), robust(square(g));
+  if (!leastsquares) scale(V.data(), g, g, g, run.est.sigma2);
+  mulAB(half.data(), V.data(), scores.data(), g, g, g);
+  mulAB(robust.data(), half.data(), V.data(), g, g, g);
+  return positivecovariance(robust.data(), g) ? std::move(robust) : Array<double>();
+}
+
 bool fewlevel3units() {
   constexpr int enough = 20;
   const std::vector<TermRow> terms = modelrows().terms;
   return std::any_of(terms.begin(), terms.end(),
                      [](const TermRow& term) { return run.mdm.nunits3 - term.neffects < enough; });
-}
-
-}  // namespace
-
-void robustcovariance(Pass& pass, const FixedDegrees& degrees, bool leastsquares) {
-  const int g = pass.g;
-  const double s = run.est.sigma2;
-  Array<double>& robust = run.est.vgammarobust;
-  const Array<double> scores = scoreproducts(pass, leastsquares);
-  Array<double> V = run.est.vgamma.copy(), half(square(g));
-  if (!leastsquares) scale(V.data(), g, g, g, s);
-  robust.reset(square(g));
-  mulAB(half.data(), V.data(), scores.data(), g, g, g);
-  mulAB(robust.data(), half.data(), V.data(), g, g, g);
-
-  bool usable = true;
-  for (int i = 0; i < g; ++i) usable = usable && robust[i * g + i] >= 0.0;
-  if (!usable || hasunitcorrelation(g, robust.data(), g) || !ispositivedefinite(g, robust.data(), g, nullptr)) {
-    report("\nThe robust standard errors cannot be computed for this model.\n");
-    robust[0] = missingcode;
-    return;
-  }
-  const TableKind kind =
-      leastsquares && run.pass.paphase == 0 && !run.kind.mnrun ? TableKind::leastsquaresrobust : TableKind::robust;
-  fixedtable(degrees, kind, robust.data(), run.est.gammahat.data(), g, 1.0);
-  ratiotable(degrees, kind, robust.data(), run.est.gammahat.data(), g, 1.0);
-  if (fewlevel3units())
-    report(
-        "\nThe robust standard errors are appropriate for datasets having a moderate to\n"
-        "large number of level 3 units.  These data do not meet this criterion.\n");
-  if (!leastsquares && run.model.nhypotheses) hypothesistest(g, run.est.gammahat.data(), robust.data(), g);
-  if (!leastsquares)
-    for (double& r : robust) r /= s;
 }
 
 }  // namespace kdr

@@ -10,7 +10,11 @@
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
 #include "kernel/decompositions.h"
+#include "kernel/sizes.h"
 #include "linear/fixtau.h"
+#include "linear/results.h"
+#include "linear/usable.h"
+#include "report/passtables.h"
 
 namespace kdr {
 
@@ -29,10 +33,10 @@ SavedEstimates saveestimates() {
   return {run.est.sigma2, run.est.taupi.copy(), run.est.taubeta.copy(), run.est.gammahat.copy()};
 }
 
-void restoretaus(const SavedEstimates& saved) {
+void restoretaus(const Pass& pass, const SavedEstimates& saved) {
   run.est.taupi = saved.taupi.copy();
   run.est.taubeta = saved.taubeta.copy();
-  if (run.iter.fixsigma2 == 0.0) run.est.sigma2 = saved.sigma2;
+  if (pass.fixsigma2 == 0.0) run.est.sigma2 = saved.sigma2;
 }
 
 bool usableestimates(const Pass& pass) {
@@ -51,7 +55,7 @@ enum class Step { stands, continuewithem, retry };
 
 Step tryaitken(Pass& pass, IterationState& state, Attempt& attempt, const SavedEstimates& saved) {
   double& s = run.est.sigma2;
-  const bool fixed = run.iter.fixsigma2 != 0.0;
+  const bool fixed = pass.fixsigma2 != 0.0;
   double lambda = fixed ? 0.0 : (s - state.s1) / (state.s1 - state.s2);
   if (!aitkenstep(pass, lambda, state.history)) {
     attempt.noaccel = 1;
@@ -64,7 +68,7 @@ Step tryaitken(Pass& pass, IterationState& state, Attempt& attempt, const SavedE
     attempt.aitkenok = true;
     return Step::continuewithem;
   }
-  restoretaus(saved);
+  restoretaus(pass, saved);
   attempt = {false, false, 1};
   return Step::retry;
 }
@@ -97,8 +101,8 @@ Step tryfishersteps(Pass& pass, IterationState& state, Attempt& attempt, const S
     for (std::size_t i = from; i < to; ++i) d[i] *= 0.5;
   };
   for (int t = 1; t <= tries; ++t) {
-    if (run.iter.fixsigma2 == 0.0) run.est.sigma2 += d[NT - 1];
-    if (run.pass.paphase == 0) {
+    if (pass.fixsigma2 == 0.0) run.est.sigma2 += d[NT - 1];
+    if (!pass.plan.tausstand()) {
       addtriangle(run.est.taupi.data(), pass.p, d.data());
       applytaupi(run.est.taupi.data());
       addtriangle(run.est.taubeta.data(), pass.b, d.data() + nt);
@@ -111,7 +115,7 @@ Step tryfishersteps(Pass& pass, IterationState& state, Attempt& attempt, const S
     const bool badpi = !invertible(run.est.taupi, pass.p);
     const bool badbeta = !invertible(run.est.taubeta, pass.b);
     const bool badsigma2 = !(run.est.sigma2 > 0.0);
-    restoretaus(saved);
+    restoretaus(pass, saved);
     if (badpi) halve(0, nt);
     if (badbeta) halve(nt, NT - 1);
     if (badsigma2) halve(NT - 1, NT);
@@ -141,11 +145,11 @@ void shifthistories(IterationState& state) {
 }
 
 // The work of one iteration number: one EM step or an accelerated one, as often as it takes.
-Attempt updateestimates(Pass& pass, IterationState& state, int iteration, EmSums& em) {
+Attempt updateestimates(Pass& pass, IterationState& state, EmSums& em) {
   Attempt attempt;
   for (;;) {
-    if (run.pass.paphase != 0) ++attempt.noaccel;
-    const bool accelerate = iteration % run.iter.accel == 0 && attempt.noaccel == 0 && state.hetstate == 2;
+    if (pass.plan.tausstand()) ++attempt.noaccel;
+    const bool accelerate = state.iteration % run.iter.accel == 0 && attempt.noaccel == 0 && state.hetstate == 2;
     Step step = Step::continuewithem;
     SavedEstimates saved{};
     if (accelerate) {
@@ -157,13 +161,13 @@ Attempt updateestimates(Pass& pass, IterationState& state, int iteration, EmSums
       shifthistories(state);
     }
     if (step == Step::continuewithem)
-      emstep(pass, state.likelihood, em, state.hetstate == 1 ? state.hettaupi.data() : nullptr);
+      emstep(pass, state.likelihood, em, state.hetstate == 1 ? &state.hettaupi : nullptr);
     if ((attempt.aitkenok || attempt.fisherok) && state.likelihood.current < state.likelihood.previous) {
       ++attempt.noaccel;
       attempt.aitkenok = attempt.fisherok = false;
       ++state.fisherfailures;
       state.likelihood.current = state.likelihood.previous;
-      restoretaus(saved);
+      restoretaus(pass, saved);
       run.est.gammahat = saved.gamma.copy();
       continue;
     }
@@ -181,7 +185,6 @@ struct TailEntry {
 struct Progress {
   TailEntry last[5] = {};
   int entries = 0;
-  int tailcounter = 0;
 
   void add(int iteration, double loglik) {
     if (entries == 5) {
@@ -196,13 +199,12 @@ void reportlikelihood(const TailEntry& entry) {
   reportline("The value of the log-likelihood function at iteration %d = %E", entry.iteration, entry.loglik);
 }
 
-void showlikelihood(int iteration, double loglik) {
+void showlikelihood(const PassPlan& plan, int iteration, double loglik) {
   if (reportisstdout()) return;
-  if (run.kind.linear()) {
+  if (plan.kind == PassKind::linear) {
     std::printf("The value of the log-likelihood function at iteration %d = %E\n", iteration, loglik);
   } else {
-    std::printf("For macro %d/micro iteration %d, the log-likelihood is = %E\n", run.pass.macrocounter, iteration,
-                loglik);
+    std::printf("For macro %d/micro iteration %d, the log-likelihood is = %E\n", plan.macro, iteration, loglik);
   }
 }
 
@@ -215,70 +217,48 @@ void reporttail(const Progress& progress, bool earlier) {
 }
 
 // A stop by the rule: the gain of the log-likelihood, as a percentage, lies within 0.0 and stopval.
-void testconvergence(IterationState& state, int iteration) {
+void testconvergence(const Pass& pass, IterationState& state) {
   constexpr double leastgain = 1.0e-10;
-  if (iteration == 1) return;
+  if (state.iteration == 1) return;
   const Likelihood& likelihood = state.likelihood;
   double gain = 100.0 * (likelihood.current - likelihood.previous) / std::fabs(likelihood.previous);
   if (std::fabs(gain) < leastgain) gain = leastgain;
   if (likelihood.current < likelihood.previous) state.fisherfailures = fisheroff;
-  if (0.0 <= gain && gain <= run.iter.stopval && iteration != state.limit) ++run.pass.stopflag;
+  if (0.0 <= gain && gain <= pass.plan.stopval && state.iteration != state.limit) state.converged = true;
 }
 
-void askinterrupt() {
-  std::string line;
-  for (int tries = 0; tries < maxtries; ++tries) {
-    readanswer("Enter 0 to stop iterating, 1 to exit now", line);
-    char* end = nullptr;
-    const long answer = std::strtol(line.c_str(), &end, 10);
-    if (end == line.c_str()) continue;
-    if (answer == 1) fail(0);
-    if (answer == 0) {
-      ++run.pass.stopflag;
-      ++run.pass.keyboardstop;
-      run.iter.laplaceit = run.iter.agqit = 0;
-      holdinterrupts();
-      return;
-    }
-  }
-  noproperresponse();
-}
-
-void asklimit(IterationState& state, int iteration) {
-  constexpr int farlimit = 10000;
-  if (run.pass.stopflag || run.pass.keyboardstop || !run.kind.linear() || iteration != run.iter.numit) return;
+// At the limit a linear run may go on.
+void asklimit(const Pass& pass, IterationState& state) {
+  if (state.stopped() || pass.plan.farlimit == 0 || state.iteration != pass.plan.limit) return;
   bool goon = run.iter.numitcontinue == 1;
   if (run.iter.numitcontinue == 2)
     goon = askyesno(
         "\nThe maximum number of iterations has been reached, but the analysis has\nnot converged. Do you want to "
         "continue until convergence?");
   if (!goon) return;
-  std::printf("Setting number of iterations to 10000.\n\n");
-  run.pass.stopflag = 0;
-  state.limit = farlimit;
+  std::printf("Setting number of iterations to %d.\n\n", pass.plan.farlimit);
+  state.limit = pass.plan.farlimit;
 }
 
-void endofiteration(Pass& pass, IterationState& state, const Attempt& attempt, const EmSums& em, int iteration,
-                    Progress& progress) {
+void endofiteration(Pass& pass, IterationState& state, const Attempt& attempt, const EmSums& em, Progress& progress) {
   checksignals();
-  testconvergence(state, iteration);
-  if (interrupted()) askinterrupt();
-  asklimit(state, iteration);
+  const int iteration = state.iteration;
+  testconvergence(pass, state);
+  if (interrupted() && askinterrupt()) state.keyboardstop = true;
+  asklimit(pass, state);
   state.s2 = state.s1;
   state.s1 = run.est.sigma2;
-  if (!attempt.fisherok && run.iter.fixsigma2 == 0.0) run.est.sigma2 = (em.traceacc + em.rss) / run.mdm.nunits1;
+  if (!attempt.fisherok && pass.fixsigma2 == 0.0) run.est.sigma2 = (em.traceacc + em.rss) / run.mdm.nunits1;
 
   progress.add(iteration, state.likelihood.current);
-  showlikelihood(iteration, state.likelihood.current);
+  showlikelihood(pass.plan, iteration, state.likelihood.current);
   const bool atlimit = iteration == state.limit;
-  if (atlimit || (run.iter.debug == 0 && iteration > 5 && run.pass.stopflag)) {
-    ++progress.tailcounter;
-    if (run.out.fulloutput) reporttail(progress, iteration > 5);
-  }
-  if (atlimit) ++run.pass.stopflag;
-  const bool last = run.pass.stopflag || progress.tailcounter;
-  if (run.iter.debug || last) iterationresults(pass, state, iteration);
-  if ((run.kind.nlrun || run.iter.debug || last || iteration < 6) && (run.out.fulloutput || run.pass.stopflag))
+  if ((atlimit || (run.iter.debug == 0 && iteration > 5 && state.stopped())) && run.out.fulloutput)
+    reporttail(progress, iteration > 5);
+  if (atlimit) state.atlimit = true;
+  if (state.stopped()) return;  // the last iteration's results and its log-likelihood come with those of the stage
+  if (run.iter.debug != 0) return iterationtables(iterationresults(pass, state));
+  if ((pass.plan.kind != PassKind::linear || iteration < 6) && run.out.fulloutput)
     reportlikelihood({iteration, state.likelihood.current});
 }
 
@@ -293,16 +273,38 @@ void startiterations(const Pass& pass, IterationState& state) {
   state.history.L1.reset(bb);
   state.history.L2.reset(bb);
   state.s1 = state.s2 = 0.0;
+  state.likelihood = {missingcode, missingcode};
 }
 
 void iterate(Pass& pass, IterationState& state) {
   Progress progress;
   EmSums em;
-  for (int iteration = 1; iteration <= state.limit; ++iteration) {
-    const Attempt attempt = updateestimates(pass, state, iteration, em);
-    endofiteration(pass, state, attempt, em, iteration, progress);
-    if (run.pass.stopflag) break;
+  state.converged = state.atlimit = state.keyboardstop = false;
+  holdinterrupts();
+  for (state.iteration = 1; state.iteration <= state.limit; ++state.iteration) {
+    const Attempt attempt = updateestimates(pass, state, em);
+    endofiteration(pass, state, attempt, em, progress);
+    if (state.stopped()) break;
   }
+  releaseinterrupts();
+  state.ending = state.keyboardstop ? Ending::keyboard : state.atlimit ? Ending::limit : Ending::converged;
+}
+
+bool askinterrupt() {
+  std::string line;
+  for (int tries = 0; tries < maxtries; ++tries) {
+    readanswer("Enter 0 to stop iterating, 1 to exit now", line);
+    char* end = nullptr;
+    const long answer = std::strtol(line.c_str(), &end, 10);
+    if (end == line.c_str()) continue;
+    if (answer == 1) fail(0);
+    if (answer == 0) {
+      run.iter.laplaceit = run.iter.agqit = 0;
+      holdinterrupts();
+      return true;
+    }
+  }
+  noproperresponse();
 }
 
 }  // namespace kdr

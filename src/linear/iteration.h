@@ -12,25 +12,30 @@ namespace kdr {
 
 // State of the loop that outlives a stage.
 struct IterationState {
-  int hetstate = 1;         // 1 heterogeneous stage, 2 ordinary stage
-  int limit = 0;            // iterations of the stage
-  int fisherfailures = 0;   // failed accelerated steps of the whole call; from 4 on Aitken steps are taken
-  Likelihood likelihood{};  // at the end of the last two iterations
+  int hetstate = 2;        // 1 heterogeneous stage, 2 ordinary stage
+  int limit = 0;           // iterations of the stage
+  int iteration = 0;       // the last one
+  int fisherfailures = 0;  // failed accelerated steps of the run; from 4 on Aitken steps are taken
+  Likelihood likelihood{missingcode, missingcode};  // at the end of the last two iterations
   FisherWork fisher;
   TauHistory history;
-  double s1 = 0.0, s2 = 0.0;  // sigma2 one and two iterations back
-  Array<double> hettaupi;     // a taupi per level-3 unit, heterogeneous stage only
-  int nrel2 = 0, nrel3 = 0;   // units that entered the reliabilities
-  Array<double> rel2, rel3;   // reliabilities of the random coefficients
+  double s1 = 0.0, s2 = 0.0;                                      // sigma2 one and two iterations back
+  Table<double> hettaupi;                                         // a taupi per level-3 unit, heterogeneous stage only
+  bool converged = false, atlimit = false, keyboardstop = false;  // why the stage ended
+  Ending ending = Ending::converged;
+
+  [[nodiscard]] bool stopped() const { return converged || atlimit || keyboardstop; }
 };
 
-// Prepares the state for a pass.
+// Prepares the state for the stages of a pass.
 void startiterations(const Pass& pass, IterationState& state);
 
-// Runs one stage of at most state.limit iterations and prints its results when it ends.
+// Runs one stage of at most state.limit iterations, with their lines on the console and in the report. The interrupt
+// key is held for its time.
 void iterate(Pass& pass, IterationState& state);
 
-// The results of an iteration: information, sigma2, tau tables, correlations, reliabilities.
-void iterationresults(Pass& pass, IterationState& state, int iteration);
+// Asks what the interrupt key was pressed for: true to stop iterating. Answer 1 ends the run, failure 0. Laplace-6 and
+// quadrature are not begun, or end, after a stop.
+[[nodiscard]] bool askinterrupt();
 
 }  // namespace kdr

@@ -17,6 +17,7 @@
 #pragma once
 
 #include "kernel/array.h"
+#include "linear/passplan.h"
 #include "linear/unitstore.h"
 
 namespace kdr {
@@ -34,6 +35,7 @@ struct Design {
 };
 
 struct Pass {
+  PassPlan plan;
   int npi = 0, nbeta = 0;   // all level-1 and level-2 coefficients
   int p = 0, b = 0, g = 0;  // ntaupi, ntaubeta, ngamma
   Design design;
@@ -51,40 +53,33 @@ struct Pass {
   // Sums per level-3 unit k. Sub-blocks of BB give Z2'Z2 and, through W3, M'Z2 and M'M.
   Array<int> n2of, n1of;  // level-2 units, level-1 records
   Array<double> sumYY;    // Y'Y
-  Array<double> sumBB;    // nbeta squared, B'B
-  Array<double> sumBY;    // [nbeta], B'Y
-  Array<double> sumBB2;   // weighted runs: B2'B2, the rows of B with their factor once more
+  Table<double> sumBB;    // nbeta squared, B'B
+  Table<double> sumBY;    // [nbeta], B'Y
+  Table<double> sumBB2;   // weighted runs: B2'B2, the rows of B with their factor once more
   Array<double> scale3;   // factor of the columns of Z2: 1.0, in a weighted run 1/sqrt of the unit's weight
 
-  // Of the iteration.
-  Array<double> dinv;   // b squared per k: D_k^-1; sigma2 times it is the posterior covariance of v_k
-  Array<double> vstar;  // [b] per k: empirical Bayes residual of level 3
-  Array<double> vlsq;   // [b] per k: q_k, later the least-squares residual of level 3; missingcode at the head
-                        // of a unit without one
+  // The posterior of level 3 at the last step, per unit k.
+  Table<double> dinv;    // b squared: D_k^-1; sigma2 times it is the posterior covariance of v_k
+  Table<double> vstar;   // [b]: posterior mean, the empirical Bayes residual of level 3
+  Table<double> vright;  // [b]: q_k, what D_k^-1 makes vstar from
+  // The least-squares residual of level 3, from the variance tests; missingcode at the head of a unit without one.
+  Table<double> vlsq;  // [b]
 
   UnitStore store;
 
   int emptyunits = 0;  // level-2 units that run-time deletion left without a record
 
+  double fixsigma2 = 0.0;                        // what sigma^2 is held at; 0.0: it is estimated
   double likeconstant = 0.0;                     // nunits1 times half the logarithm of 2 pi
   int nusable1 = 0, nusable2 = 0, nusable3 = 0;  // records and units that entered the moments of the starting values
-
-  // Row k of a table with `width` values per level-3 unit.
-  template <class T>
-  static T* row(Array<T>& table, int k, int width) {
-    return table.data() + static_cast<std::ptrdiff_t>(k) * width;
-  }
-  template <class T>
-  static const T* row(const Array<T>& table, int k, int width) {
-    return table.data() + static_cast<std::ptrdiff_t>(k) * width;
-  }
 };
 
 // The level-1 variable of each level-1 coefficient, over all sets: 0 the constant.
 [[nodiscard]] Array<int> level1columns(const Pass& pass);
 
-// Fills the dimensions and the design from run.model and run.coef, and the term counts of the reduced model.
-// A pass with nothing random at a level prints "Nothing left at ... level." and stops with code 100.
+// Fills the dimensions, which are kept in run.coef too, and the design from run.model and run.coef, and the term counts
+// of the reduced model. A pass with nothing random at a level prints "Nothing left at ... level." and stops with code
+// 100.
 void makedesign(Pass& pass);
 
 // The level-3 design of unit k in a vector: W3[owner3[i]][reduced[i]] has weights[i]. weights: full ngamma.
@@ -92,6 +87,8 @@ void level3weights(const Pass& pass, int k, double* weights);
 
 // theta = W3_k gamma (nbeta).
 void level2means(const Pass& pass, const double* weights, const double* gamma, double* theta);
+// thetastar = theta + z v (nbeta): what the level-2 units of k vary about, given the level-3 effects v (b).
+void addlevel3effects(const Pass& pass, int k, const double* v, const double* theta, double* thetastar);
 // x += W3_k' t, t of nbeta, x of ngamma.
 void addtransposedW3(const Pass& pass, const double* weights, const double* t, double* x);
 // X += W3_k' P W3_k, P nbeta squared symmetric, X ngamma squared.

@@ -50,10 +50,10 @@ double dot(const double* x, const double* y, int n) {
 }
 
 // P_k, y_k, D_k, E_k, q_k, v_k. False when D_k cannot be inverted.
-bool level3step(const Pass& pass, const PosteriorInput& input, Level3Posterior& unit, Array<double>& work) {
+bool level3step(const Pass& pass, const PosteriorInput& input, Level3Posterior& unit, Array<double>& inverse) {
   const int nb = pass.nbeta, b = pass.b;
-  const double* BB = Pass::row(pass.sumBB, unit.k, nb * nb);
-  const double* BY = Pass::row(pass.sumBY, unit.k, nb);
+  const double* BB = pass.sumBB.row(unit.k);
+  const double* BY = pass.sumBY.row(unit.k);
   for (std::size_t i = 0; i < square(nb); ++i) unit.P[i] = BB[i] - unit.sums.HB[i];
   for (int i = 0; i < nb; ++i) unit.y[i] = BY[i] - unit.sums.HY[i];
 
@@ -61,20 +61,16 @@ bool level3step(const Pass& pass, const PosteriorInput& input, Level3Posterior& 
   double* D = unit.E.data();
   for (int i = 0; i < b; ++i)
     for (int j = 0; j < b; ++j) D[i * b + j] = z * z * unit.P[i * nb + j] + input.Sb[i * b + j];
-  Array<double>& inverse = work;  // b squared, then the work buffer of the inverse
-  double* buffer = inverse.data() + square(b);
-  if (syminverse(b, D, b, inverse.data(), b, buffer) != 0) return false;
-  unit.logdetE = std::log(1.0 / buffer[0]);
+  const Inversion inversion = invertsymmetric(b, D, inverse.data());
+  if (inversion.result != 0) return false;
+  unit.logdetE = std::log(1.0 / inversion.determinant);
   std::copy_n(inverse.data(), square(b), unit.E.data());
 
   level3weights(pass, unit.k, unit.weights.data());
   level2means(pass, unit.weights.data(), input.gamma, unit.theta.data());
   for (int i = 0; i < b; ++i) unit.q[i] = z * (unit.y[i] - dot(unit.P.data() + i * nb, unit.theta.data(), nb));
-  std::copy(unit.theta.begin(), unit.theta.end(), unit.thetastar.begin());
-  for (int i = 0; i < b; ++i) {
-    unit.v[i] = dot(unit.E.data() + i * b, unit.q.data(), b);
-    unit.thetastar[i] += z * unit.v[i];
-  }
+  for (int i = 0; i < b; ++i) unit.v[i] = dot(unit.E.data() + i * b, unit.q.data(), b);
+  addlevel3effects(pass, unit.k, unit.v.data(), unit.theta.data(), unit.thetastar.data());
   return true;
 }
 
@@ -93,8 +89,8 @@ void sumposteriorcovariance(const Pass& pass, Level3Posterior& unit) {
 // rss, Q and the trace of one level-3 unit; `ua` is the sum of u'a over its units and S that of its units.
 void unitscalars(const Pass& pass, Level3Posterior& unit, const double* S, double ua) {
   const int nb = pass.nbeta, b = pass.b, p = pass.p;
-  const double* BB = Pass::row(pass.sumBB, unit.k, nb * nb);
-  const double* BY = Pass::row(pass.sumBY, unit.k, nb);
+  const double* BB = pass.sumBB.row(unit.k);
+  const double* BY = pass.sumBY.row(unit.k);
   const double YY = pass.sumYY[unit.k];
   const double* thetastar = unit.thetastar.data();
   unit.rss = YY - 2.0 * dot(thetastar, BY, nb) + quadratic(BB, thetastar, nb) - ua - dot(S, unit.UU.data(), p * p);
@@ -161,63 +157,59 @@ void clear(const Pass& pass, PosteriorSums& sums) {
 }
 
 // S of one level-3 unit in the heterogeneous stage. False when its taupi cannot be inverted.
-bool unitS(const Pass& pass, const PosteriorInput& input, Level3Posterior& unit, double* S, double* work) {
-  const double* T = input.hettaupi + static_cast<std::ptrdiff_t>(unit.k) * pass.p * pass.p;
-  if (syminverse(pass.p, T, pass.p, S, pass.p, work) == 1) return false;
-  unit.logdetT = std::log(work[0]);
+bool unitS(const Pass& pass, const PosteriorInput& input, Level3Posterior& unit, double* S) {
+  const Inversion inversion = invertsymmetric(pass.p, input.hettaupi->row(unit.k), S);
+  if (inversion.result == 1) return false;
+  unit.logdetT = std::log(inversion.determinant);
   for (std::size_t i = 0; i < square(pass.p); ++i) S[i] *= input.sigma2;
   return true;
 }
 
 }  // namespace
 
-PosteriorResult posteriorsweep(Pass& pass, const PosteriorInput& input, PosteriorSums& sums, Level3Visitor visitor) {
+PosteriorResult posteriorsweep(Pass& pass, const PosteriorInput& input, PosteriorSums& sums,
+                               const Level3Visitor& visit) {
   clear(pass, sums);
   const int p = pass.p, b = pass.b, nb = pass.nbeta;
   UnitStore& store = pass.store;
   Level3Posterior unit = makeposterior(pass);
   Array<double> S(square(p)), Spacked(packedsize(p));
-  Array<double> work(square(std::max(b, p)) + packedsize(std::max(b, p)) + 3);
+  Array<double> inverse(square(b));
   Array<double> reducedP(square(nb)), reducedy(at(nb));
-  const auto pack = [&](const double* full) {
-    for (int i = 0, packed = 0; i < p; ++i)
-      for (int l = 0; l <= i; ++l) Spacked[packed++] = full[i * p + l];
-  };
   if (input.hettaupi == nullptr) {
     std::copy_n(input.S, square(p), S.data());
-    pack(S.data());
+    pack(p, S.data(), Spacked.data());
   }
 
-  for (const UnitWindow& window : store.windows) {
-    checksignals();
-    double* hot = loadwindow(store.hot, window);
-    for (int k = window.k0; k < window.k1; ++k) {
-      unit.k = k;
-      unit.units = pass.n2of[k];
-      unit.records = unitrecords(store, hot, unit.units, b, unit.loopwork);
-      unit.z = pass.scale3[k];
-      if (input.hettaupi != nullptr) {
-        if (!unitS(pass, input, unit, S.data(), work.data())) return PosteriorResult::badT;
-        pack(S.data());
-      }
-      if (!sumunits(unit.records, Spacked.data(), unit.sums)) return PosteriorResult::badC;
-      if (!level3step(pass, input, unit, work)) return PosteriorResult::badD;
-      const double ua = meanunits(unit.records, unit.thetastar.data(), input.keepmeans, unit.UU.data());
-      sumposteriorcovariance(pass, unit);
-      unitscalars(pass, unit, S.data(), ua);
-      addgeneralised(pass, unit, sums, reducedP, reducedy);
-      addunit(pass, input, unit, sums);
-      std::copy(unit.E.begin(), unit.E.end(), Pass::row(pass.dinv, k, b * b));
-      if (input.keepmeans) {
-        std::copy(unit.v.begin(), unit.v.end(), Pass::row(pass.vstar, k, b));
-        std::copy(unit.q.begin(), unit.q.end(), Pass::row(pass.vlsq, k, b));
-      }
-      if (visitor.visit != nullptr) visitor.visit(visitor.state, pass, unit);
-      hot += static_cast<std::size_t>(unit.units) * store.hot.stride;
-    }
-    savewindow(store.hot, window);
-  }
-  return PosteriorResult::ok;
+  PosteriorResult result = PosteriorResult::ok;
+  sweeplevel3(
+      pass.n2of,
+      [&](int k, std::size_t, double* hot) {
+        if (result != PosteriorResult::ok) return;
+        unit.k = k;
+        unit.units = pass.n2of[k];
+        unit.records = unitrecords(store, hot, unit.units, b, unit.loopwork);
+        unit.z = pass.scale3[k];
+        if (input.hettaupi != nullptr) {
+          if (!unitS(pass, input, unit, S.data())) return void(result = PosteriorResult::badT);
+          pack(p, S.data(), Spacked.data());
+        }
+        if (!sumunits(unit.records, Spacked.data(), unit.sums)) return void(result = PosteriorResult::badC);
+        if (!level3step(pass, input, unit, inverse)) return void(result = PosteriorResult::badD);
+        const double ua = meanunits(unit.records, unit.thetastar.data(), input.keepmeans, unit.UU.data());
+        sumposteriorcovariance(pass, unit);
+        unitscalars(pass, unit, S.data(), ua);
+        addgeneralised(pass, unit, sums, reducedP, reducedy);
+        addunit(pass, input, unit, sums);
+        std::copy(unit.E.begin(), unit.E.end(), pass.dinv.row(k));
+        if (input.keepmeans) {
+          std::copy(unit.v.begin(), unit.v.end(), pass.vstar.row(k));
+          std::copy(unit.q.begin(), unit.q.end(), pass.vright.row(k));
+        }
+        if (visit) visit(unit);
+      },
+      changing(store.hot));
+  return result;
 }
 
 }  // namespace kdr

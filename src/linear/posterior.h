@@ -15,8 +15,10 @@
 // level-3 unit gives for any E: sum_j R_j[a][i] R_j[c][l]. Two identities save a pass over the units: as
 // Z1'Z1 = C_j - S,  sum_j tr(Z1'Z1 V_j) = n p + tr(E K) - tr(S sum V_j)  with K = z^2 (sum_j H_j Z1'B)_rr, and
 // u'Z1'Z1 u = u'a - u'S u  with a = C_j u.
-// Source: Longford (1987), Biometrika 74, 817-827; Raudenbush (1988), on the EM form.
+// Source: Longford (1987), Biometrika 74, 817-827; the EM form: Dempster, Laird and Rubin (1977), JRSS B 39, 1-38.
 #pragma once
+
+#include <functional>
 
 #include "kernel/array.h"
 #include "linear/pass.h"
@@ -27,11 +29,11 @@ namespace kdr {
 // Where the sweep stands.
 struct PosteriorInput {
   double sigma2;
-  const double* gamma;     // [g]
-  const double* S;         // p squared, sigma2 taupi^-1
-  const double* Sb;        // b squared, sigma2 taubeta^-1
-  const double* hettaupi;  // null, or p squared per level-3 unit: S is then made from it unit by unit
-  bool keepmeans;          // u*, v* and q are stored
+  const double* gamma;            // [g]
+  const double* S;                // p squared, sigma2 taupi^-1
+  const double* Sb;               // b squared, sigma2 taubeta^-1
+  const Table<double>* hettaupi;  // null, or a taupi per level-3 unit: S is then made from it unit by unit
+  bool keepmeans;                 // u*, v* and q are kept
 };
 
 // The posterior of one level-3 unit.
@@ -67,15 +69,12 @@ struct PosteriorSums {
 
 enum class PosteriorResult { ok, badC, badD, badT };
 
-// Called once per level-3 unit with its posterior; `state` is the caller's.
-struct Level3Visitor {
-  void (*visit)(void* state, const Pass& pass, const Level3Posterior& unit) = nullptr;
-  void* state = nullptr;
-};
+// Called once per level-3 unit with its posterior.
+using Level3Visitor = std::function<void(const Level3Posterior& unit)>;
 
-// One sweep. Writes C_j^-1 to the store and E_k to pass.dinv; with keepmeans also u*, vstar and vlsq. Anything but `ok`
-// says which matrix could not be inverted, and the sums are then of no use.
+// One sweep. Writes C_j^-1 to the store and E_k to pass.dinv; with keepmeans also u*, vstar and vright. Anything but
+// `ok` says which matrix could not be inverted, and the sums are then of no use.
 [[nodiscard]] PosteriorResult posteriorsweep(Pass& pass, const PosteriorInput& input, PosteriorSums& sums,
-                                             Level3Visitor visitor = {});
+                                             const Level3Visitor& visit = {});
 
 }  // namespace kdr

@@ -11,7 +11,6 @@
 #include "data/scratch.h"
 #include "driver/runrecord.h"
 #include "kernel/sizes.h"
-#include "linear/sweep.h"
 #include "linear/unitresults.h"
 #include "report/residual/residualfile.h"
 
@@ -62,7 +61,7 @@ void writerow(RowWriter& writer) {
   writeresidualrow(writer.file, writer.row);
 }
 
-Values level3values(int k) { return {Pass::row(run.mdm.level3, k, run.mdm.nvar3), at(run.mdm.nvar3)}; }
+Values level3values(int k) { return {run.mdm.level3.data() + at(k) * at(run.mdm.nvar3), at(run.mdm.nvar3)}; }
 
 template <class Groups>
 void takegroups(RowSources& from, const Groups& groups) {
@@ -73,18 +72,18 @@ void takegroups(RowSources& from, const Groups& groups) {
   from[ColumnGroup::PV] = groups.PV;
 }
 
-void writelevel1(Pass& pass) {
+void writelevel1(Pass& pass, const RecordLayout& layout) {
   RowWriter writer;
   openrows(writer, 1, run.files.resfil1name, run.mdm.nunits1, 0);
   const double sigma = std::sqrt(run.est.sigma2);
-  eachfittedunit(pass, [&](int k, const UnitBlock& unit, const double* fitted) {
+  eachfittedunit(pass, layout, [&](int k, const UnitBlock& unit, const double* fitted) {
     writer.row.id3 = level3id(k);
     writer.row.id2 = unit.id2;
     writer.from.data(2) = unit.level2;
     writer.from.data(3) = level3values(k);
     for (int i = 0; i < unit.nj; ++i) {
-      const Values record(unit.records.data() + at(i) * at(run.mdm.nvar1), at(run.mdm.nvar1));
-      const double fit[] = {record[at(run.kind.outvar) - 1] - fitted[i], fitted[i], sigma};
+      const Values record(unit.records.data() + at(i) * at(layout.width), at(layout.width));
+      const double fit[] = {record[at(layout.outcome)] - fitted[i], fitted[i], sigma};
       writer.from[ColumnGroup::fit] = fit;
       writer.from.data(1) = record;
       writerow(writer);
@@ -105,18 +104,16 @@ void writeunitfiles(Pass& pass) {
   UnitResults results = makeunitresults(pass);
   takegroups(writer2.from, results.level2);
   takegroups(writer3.from, results.level3);
-  std::size_t unit = 0;
   sweepunits(
-      pass, false,
+      pass.n2of,
       [&](int k) {
         level3results(pass, k, missing, results);
         writer2.row.id3 = writer3.row.id3 = level3id(k);
         writer2.from.data(3) = writer3.from.data(3) = level3values(k);
       },
-      [&](int k, const double* hot, const double* cold) {
-        const std::size_t place = unit++;
+      [&](int k, std::size_t unit, const double* hot, const double* cold) {
         if (!want2 || cold[0] == 0.0) return;
-        level2coefficients(pass, place, hot, cold, results);
+        level2coefficients(pass, unit, hot, cold, results);
         level2residuals(pass, k, hot, cold, missing, results);
         writer2.row.id2 = getid(pass.store, cold);
         writer2.row.count = static_cast<int>(cold[0]);
@@ -127,45 +124,44 @@ void writeunitfiles(Pass& pass) {
         if (!want3) return;
         writer3.row.count = pass.n2of[k];
         writerow(writer3);
-      });
+      },
+      reading(pass.store.hot), reading(pass.store.cold));
   if (want2) closeresidualfile(writer2.file);
   if (want3) closeresidualfile(writer3.file);
 }
 
 }  // namespace
 
-void eachfittedunit(Pass& pass, const std::function<void(int, const UnitBlock&, const double*)>& use) {
-  const Array<int> columns = level1columns(pass);
+void eachfittedunit(Pass& pass, const RecordLayout& layout,
+                    const std::function<void(int, const UnitBlock&, const double*)>& use) {
   std::FILE* stream = openfile(run.files.tempname2, "rb");
   UnitReader reader;
-  startunits(reader, stream, 0, run.mdm.nvar1, run.mdm.nvar2, false);
+  startunits(reader, stream, 0, layout.width, run.mdm.nvar2, false);
   UnitBlock block;
   UnitResults results = makeunitresults(pass);
   Array<double> fitted(at(run.mdm.maxnj));
-  std::size_t unit = 0;
   sweepunits(
-      pass, false, [&](int k) { level3results(pass, k, 0.0, results); },
-      [&](int k, const double* hot, const double* cold) {
-        const std::size_t place = unit++;
+      pass.n2of, [&](int k) { level3results(pass, k, 0.0, results); },
+      [&](int k, std::size_t unit, const double* hot, const double* cold) {
         if (!readunit(reader, block)) stopwith("The working data file is damaged: it is cut off.\n");
         if (block.nj == 0) return;
-        level2coefficients(pass, place, hot, cold, results);
+        level2coefficients(pass, unit, hot, cold, results);
         const double* coefficients = results.level2.EC.data();
         for (int i = 0; i < block.nj; ++i) {
-          const double* record = block.records.data() + at(i) * at(run.mdm.nvar1);
+          const double* record = block.records.data() + at(i) * at(layout.width);
           double sum = 0.0;
-          for (std::size_t c = 0; c < columns.size(); ++c)
-            sum += coefficients[c] * (columns[c] == 0 ? 1.0 : record[columns[c] - 1]);
+          for (std::size_t c = 0; c < layout.column.size(); ++c)
+            sum += coefficients[c] * (layout.column[c] < 0 ? 1.0 : record[layout.column[c]]);
           fitted[at(i)] = sum;
         }
         use(k, block, fitted.data());
       },
-      [](int) {});
+      [](int) {}, reading(pass.store.hot), reading(pass.store.cold));
   std::fclose(stream);
 }
 
-void writeresidualfiles(Pass& pass) {
-  if (run.out.resfil1) writelevel1(pass);
+void writeresidualfiles(Pass& pass, const RecordLayout& layout) {
+  if (run.out.resfil1) writelevel1(pass, layout);
   if (run.out.resfil2 || run.out.resfil3) writeunitfiles(pass);
 }
 

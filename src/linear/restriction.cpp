@@ -4,7 +4,6 @@
 #include <cmath>
 #include <cstdlib>
 
-#include "data/scratch.h"
 #include "driver/runrecord.h"
 #include "kernel/decompositions.h"
 #include "kernel/products.h"
@@ -16,9 +15,10 @@ namespace {
 
 // log det T + tr(T^-1 S), which the update makes small; false when T is not a usable covariance. T^-1 is left in
 // `inverse`.
-bool deviance(const double* T, const double* S, int n, Array<double>& inverse, Array<double>& work, double& value) {
-  if (syminverse(n, T, n, inverse.data(), n, work.data()) != 0 || !ispositivedefinite(n, T, n, nullptr)) return false;
-  value = std::log(work[0]);
+bool deviance(const double* T, const double* S, int n, Array<double>& inverse, double& value) {
+  const Inversion inversion = invertsymmetric(n, T, inverse.data());
+  if (inversion.result != 0 || !ispositivedefinite(n, T, n, nullptr)) return false;
+  value = std::log(inversion.determinant);
   for (std::size_t i = 0; i < square(n); ++i) value += inverse[i] * S[i];
   return true;
 }
@@ -33,10 +33,10 @@ void eachelement(int n, Use use) {
 
 }  // namespace
 
-Restriction taurestriction(int level) {
-  const bool pi = level == 1;
+Restriction taurestriction(Tau which) {
+  const bool pi = which == Tau::pi;
   const IterationControl& iter = run.iter;
-  const int n = pi ? run.coef.npi : run.coef.nbeta;
+  const int n = pi ? run.coef.ntaupi : run.coef.ntaubeta;
   const bool haveest = pi ? iter.haveesttau2 : iter.haveesttau3;
   const bool havecon = pi ? iter.havecontau2 : iter.havecontau3;
   const Array<double>& est = pi ? iter.esttau2 : iter.esttau3;
@@ -61,16 +61,16 @@ Restriction taurestriction(int level) {
   return restriction;
 }
 
-Restriction allrestriction() {
+Restriction allrestriction(bool sigma2free) {
   Restriction all;
-  const Restriction parts[] = {taurestriction(1), taurestriction(2)};
+  const Restriction parts[] = {taurestriction(Tau::pi), taurestriction(Tau::beta)};
   all.free.reset(parts[0].free.size() + parts[1].free.size() + 1);
   std::size_t e = 0;
   for (const Restriction& part : parts) {
     for (const int free : part.free) all.free[e++] = free < 0 ? -1 : free + all.nfree;
     all.nfree += part.nfree;
   }
-  all.free[e] = run.iter.fixsigma2 == 0.0 ? all.nfree++ : -1;
+  all.free[e] = sigma2free ? all.nfree++ : -1;
   return all;
 }
 
@@ -107,11 +107,11 @@ void maximisetau(double* T, const double* S, int n, const Restriction& restricti
   constexpr int maxsteps = 100, maxhalvings = 40;
   constexpr double leastgain = 1e-14;
   const int elements = static_cast<int>(packedsize(n)), m = restriction.nfree;
-  Array<double> inverse(square(n)), work(packedsize(std::max(n, m)) + 3), half(square(n)), A(square(n));
+  Array<double> inverse(square(n)), half(square(n)), A(square(n));
   Array<double> score(at(elements)), information(square(elements));
   Array<double> reduced(square(m)), reducedinverse(square(m)), x(at(m)), step(at(m)), tried(square(n));
   double value = 0.0;
-  if (!deviance(T, S, n, inverse, work, value)) return;
+  if (!deviance(T, S, n, inverse, value)) return;
   for (int round = 0; round < maxsteps; ++round) {
     // Score and information of one unit: 1/2 D'vec(T^-1 (S - T) T^-1), 1/2 D'(T^-1 (x) T^-1) D.
     for (std::size_t i = 0; i < square(n); ++i) half[i] = S[i] - T[i];
@@ -129,7 +129,7 @@ void maximisetau(double* T, const double* S, int n, const Restriction& restricti
     });
     reduceinformation(restriction, information.data(), elements, reduced.data());
     reducevector(restriction, score.data(), x.data());
-    if (syminverse(m, reduced.data(), m, reducedinverse.data(), m, work.data()) != 0) return;
+    if (invertsymmetric(m, reduced.data(), reducedinverse.data()).result != 0) return;
     mulAB(step.data(), reducedinverse.data(), x.data(), m, 1, m);
 
     double next = value;
@@ -142,7 +142,7 @@ void maximisetau(double* T, const double* S, int n, const Restriction& restricti
           if (i != j) tried[j * n + i] += step[a];
         }
       });
-      improved = deviance(tried.data(), S, n, inverse, work, next) && next <= value;
+      improved = deviance(tried.data(), S, n, inverse, next) && next <= value;
       for (double& s : step) s *= 0.5;
     }
     if (!improved) return;

@@ -7,6 +7,7 @@
 // patterns: not for a covariance that is fixed at a value other than 0.
 #pragma once
 
+#include "driver/tables.h"
 #include "kernel/array.h"
 
 namespace kdr {
@@ -17,10 +18,10 @@ struct Restriction {
   [[nodiscard]] bool none() const { return nfree == static_cast<int>(free.size()); }
 };
 
-// The restriction of the lower triangle of taupi (level 1) or taubeta (level 2), by rows.
-[[nodiscard]] Restriction taurestriction(int level);
+// The restriction of the lower triangle of a tau, by rows.
+[[nodiscard]] Restriction taurestriction(Tau which);
 // That of all variance parameters: both triangles, then sigma2.
-[[nodiscard]] Restriction allrestriction();
+[[nodiscard]] Restriction allrestriction(bool sigma2free);
 
 // The maximum over the free elements of -log det T - tr(T^-1 S), the expected complete-data likelihood of a covariance
 // matrix with second moment S. T (order n) goes in with a value that satisfies the restriction. Without a restriction

@@ -10,13 +10,11 @@
 #include "kernel/products.h"
 #include "kernel/sizes.h"
 #include "linear/fixtau.h"
-#include "linear/sweep.h"
+#include "linear/usable.h"
 
 namespace kdr {
 
 namespace {
-
-constexpr double worstcondition = 1.0e7;  // of a matrix of order 2 or more; an order of 1 has no condition
 
 // Work of the three sweeps. Matrices are full.
 struct StartWork {
@@ -28,8 +26,10 @@ struct StartWork {
   Array<double> Z1Z1, Pj;           // p squared
   Array<double> a, u;               // [p]
   Array<double> R, RT;              // b by p
-  Array<double> inverse;            // work of syminverse
   Array<double> I2, U2;             // p squared: sums of (Z1'Z1)^-1 and of u u'
+  // Per level-3 unit: the inverse of Z2'Z2, missingcode at its head for an unusable unit; then K = sum R Pj R' and
+  // h = sum R u of the second round.
+  Table<double> Z2Z2inv, K, h3;
 };
 
 StartWork makework(const Pass& pass) {
@@ -42,7 +42,6 @@ StartWork makework(const Pass& pass) {
   for (Array<double>* x : {&w.Z1Z1, &w.Pj, &w.I2, &w.U2}) x->reset(p * p);
   for (Array<double>* x : {&w.a, &w.u}) x->reset(p);
   for (Array<double>* x : {&w.R, &w.RT}) x->reset(b * p);
-  w.inverse.reset(packedsize(std::max(pass.b, pass.p)) + 3);
   return w;
 }
 
@@ -50,8 +49,8 @@ StartWork makework(const Pass& pass) {
 void level3residual(const Pass& pass, int k, StartWork& w) {
   const int nb = pass.nbeta, b = pass.b;
   const double z = pass.scale3[k];
-  const double* BB = Pass::row(pass.sumBB, k, nb * nb);
-  const double* BY = Pass::row(pass.sumBY, k, nb);
+  const double* BB = pass.sumBB.row(k);
+  const double* BY = pass.sumBY.row(k);
   level3weights(pass, k, w.weights.data());
   level2means(pass, w.weights.data(), run.est.gammahat.data(), w.theta.data());
   for (int i = 0; i < b; ++i) {
@@ -63,8 +62,7 @@ void level3residual(const Pass& pass, int k, StartWork& w) {
 }
 
 void addlevel3effect(const Pass& pass, int k, StartWork& w) {
-  std::copy(w.theta.begin(), w.theta.end(), w.thetastar.begin());
-  for (int i = 0; i < pass.b; ++i) w.thetastar[i] += pass.scale3[k] * w.v[i];
+  addlevel3effects(pass, k, w.v.data(), w.theta.data(), w.thetastar.data());
 }
 
 // R = Z2'Z1 of a unit, b by p.
@@ -96,28 +94,22 @@ struct FirstMoments {
   double S;          // residual sum of squares
 };
 
+// A level-3 cross-product that a least-squares fit can stand on; its inverse goes to w.E.
 bool usablelevel3(const Pass& pass, StartWork& w) {
-  const int b = pass.b;
-  if (syminverse(b, w.B.data(), b, w.E.data(), b, w.inverse.data()) != 0) return false;
-  for (int i = 0; i < b; ++i)
-    if (w.B[i * b + i] < 0.0) return false;
-  double condition = 0.0;
-  return !hasunitcorrelation(b, w.B.data(), b) && ispositivedefinite(b, w.B.data(), b, &condition) &&
-         (b == 1 || condition / b <= worstcondition);
+  return invertcrossproduct(w.B.data(), pass.b, w.E.data(), worstunitcondition * pass.b);
 }
 
-// First sweep: least-squares residuals of both levels. dinv[k] keeps the inverse of Z2'Z2, missingcode at its head for
-// an unusable unit.
+// First sweep: least-squares residuals of both levels, and Z2Z2inv.
 FirstMoments firstsweep(Pass& pass, StartWork& w) {
   const int b = pass.b, p = pass.p, nb = pass.nbeta;
   FirstMoments first{Array<double>(at(b) * at(b)), 0.0};
   bool usable3 = false;
   sweepunits(
-      pass, false,
+      pass.n2of,
       [&](int k) {
         level3residual(pass, k, w);
-        const double* BB = Pass::row(pass.sumBB, k, nb * nb);
-        const double* BY = Pass::row(pass.sumBY, k, nb);
+        const double* BB = pass.sumBB.row(k);
+        const double* BY = pass.sumBY.row(k);
         // (Y - M g)'(Y - M g)
         first.S += pass.sumYY[k];
         for (int i = 0; i < nb; ++i) {
@@ -125,21 +117,21 @@ FirstMoments firstsweep(Pass& pass, StartWork& w) {
           for (int j = 0; j < nb; ++j) first.S += w.theta[i] * BB[i * nb + j] * w.theta[j];
         }
         usable3 = usablelevel3(pass, w);
-        double* dinv = Pass::row(pass.dinv, k, b * b);
+        double* inverse = w.Z2Z2inv.row(k);
         if (!usable3) {
           --pass.nusable3;
-          dinv[0] = missingcode;
+          inverse[0] = missingcode;
           return;
         }
-        std::copy(w.E.begin(), w.E.end(), dinv);
+        std::copy(w.E.begin(), w.E.end(), inverse);
         mulAB(w.v.data(), w.E.data(), w.residual.data(), b, 1, b);
         addlevel3effect(pass, k, w);
         addouter(first.V2, w.v);
         // v'Z2'Z2 v - 2 v'(Z2'Y - Z2'M g); the part with the level-2 residuals is added unit by unit
         for (int i = 0; i < b; ++i) first.S += w.v[i] * (dot(w.v, w.B.data() + i * b) - 2.0 * w.residual[i]);
       },
-      [&](int, const double* hot, const double* cold) {
-        if (!usable3 || !usableunit(pass, cold)) {
+      [&](int, std::size_t, const double* hot, const double* cold) {
+        if (!usable3 || !usableunit(pass.store, cold)) {
           --pass.nusable2;
           pass.nusable1 -= static_cast<int>(cold[0]);
           return;
@@ -152,7 +144,7 @@ FirstMoments firstsweep(Pass& pass, StartWork& w) {
         // u'Z1'Z1 u - 2 u'(Z1'Y - Z1'M g - Z1'Z2 v), and Z1'Z1 u is the right side
         first.S -= dot(w.u, w.a.data());
       },
-      [](int) {});
+      [](int) {}, reading(pass.store.hot), reading(pass.store.cold));
   return first;
 }
 
@@ -163,7 +155,7 @@ FirstMoments firstsweep(Pass& pass, StartWork& w) {
 
 double startsigma2(const Pass& pass, double S) {
   constexpr double leastsigma2 = 1.0e-8;
-  double sigma2 = run.iter.fixsigma2;
+  double sigma2 = pass.fixsigma2;
   if (sigma2 == 0.0) {
     if (pass.nusable2 < 1 || pass.nusable1 < 1) fail(13, "1");
     const int df = pass.nusable1 - pass.nusable2 * pass.p;
@@ -189,10 +181,10 @@ void firsttaupi(const Pass& pass, StartWork& w) {
   if (p == 1 && T[0] < 0.0) T[0] = 1.0;
   if (run.iter.haveesttau2) applyfixed(T, p, run.iter.esttau2);
   for (;;) {
-    if (!usablestart(T, p)) fixtau(T, p, w.U2, 3, run.est.sigma2, TauStage::pi);
+    if (!usablestart(T, p)) fixtau(T, p, w.U2, 3, run.est.sigma2, Tau::pi);
     if (!run.iter.havecontau2) return;
     applyequal(p, T, run.iter.contau2);
-    if (syminverse(p, T, p, w.Pj.data(), p, w.inverse.data()) == 0) return;
+    if (invertsymmetric(p, T, w.Pj.data()).result == 0) return;
   }
 }
 
@@ -200,46 +192,46 @@ void firsttaupi(const Pass& pass, StartWork& w) {
 void firsttaubeta(Pass& pass, StartWork& w, const FirstMoments& first) {
   const int b = pass.b, p = pass.p;
   Array<double> R(at(b) * at(b)), ER(at(b) * at(p)), ERT(at(b) * at(p));
-  const auto usable3 = [&](int k) { return Pass::row(pass.dinv, k, b * b)[0] != missingcode; };
+  const auto usable3 = [&](int k) { return w.Z2Z2inv.row(k)[0] != missingcode; };
   sweepunits(
-      pass, false,
+      pass.n2of,
       [&](int k) {
         if (!usable3(k)) return;
-        const double* E = Pass::row(pass.dinv, k, b * b);
+        const double* E = w.Z2Z2inv.row(k);
         for (std::size_t i = 0; i < R.size(); ++i) R[i] += run.est.sigma2 * E[i];
       },
-      [&](int k, const double* hot, const double*) {
+      [&](int k, std::size_t, const double* hot) {
         if (!usable3(k)) return;
         unitZ2Z1(pass, k, hot, w.R);
-        mulAB(ER.data(), Pass::row(pass.dinv, k, b * b), w.R.data(), b, p, b);
+        mulAB(ER.data(), w.Z2Z2inv.row(k), w.R.data(), b, p, b);
         mulAB(ERT.data(), ER.data(), run.est.taupi.data(), b, p, p);
         addABt(R.data(), ERT.data(), ER.data(), b, b, p);
       },
-      [](int) {});
+      [](int) {}, reading(pass.store.hot));
   if (pass.nusable3 < 1) fail(2, "2");
   double* L = run.est.taubeta.data();
   for (std::size_t i = 0; i < R.size(); ++i) L[i] = first.V2[i] / pass.nusable3 - R[i] / pass.nusable3;
   if (run.iter.haveesttau3) applyfixed(L, b, run.iter.esttau3);
   for (;;) {
-    if (!usablestart(L, b)) fixtau(L, b, first.V2, 3, run.est.sigma2, TauStage::betastart);
+    if (!usablestart(L, b)) fixtau(L, b, first.V2, 3, run.est.sigma2, Tau::beta);
     if (!run.iter.havecontau3) return;
     applyequal(b, L, run.iter.contau3);
-    if (syminverse(b, L, b, w.G.data(), b, w.inverse.data()) == 0) return;
+    if (invertsymmetric(b, L, w.G.data()).result == 0) return;
   }
 }
 
-// Second round, first sweep: level-2 residuals given the shrunken level-3 ones. Leaves h in vstar, K in dinv and the
-// residuals in ustar.
+// Second round, first sweep: level-2 residuals given the shrunken level-3 ones. Fills K and h3 and leaves the residuals
+// in u* of the hot records.
 void residualsweep(Pass& pass, StartWork& w, const Array<double>& Q) {
   const int b = pass.b, p = pass.p;
   bool failed = false;
   Array<double> K(at(b) * at(b)), RP(at(b) * at(p));
   sweepunits(
-      pass, true,
+      pass.n2of,
       [&](int k) {
         level3residual(pass, k, w);
         for (std::size_t i = 0; i < Q.size(); ++i) w.G[i] = w.B[i] + Q[i];
-        failed = syminverse(b, w.G.data(), b, w.Ginverse.data(), b, w.inverse.data()) == 1;
+        failed = invertsymmetric(b, w.G.data(), w.Ginverse.data()).result == 1;
         if (!failed) {
           mulAB(w.v.data(), w.Ginverse.data(), w.residual.data(), b, 1, b);
           addlevel3effect(pass, k, w);
@@ -247,9 +239,9 @@ void residualsweep(Pass& pass, StartWork& w, const Array<double>& Q) {
         w.h.fill(0.0);
         K.fill(0.0);
       },
-      [&](int k, double* hot, const double* cold) {
+      [&](int k, std::size_t, double* hot, const double* cold) {
         double* ustar = hot + pass.store.atustar;
-        if (failed || !usableunit(pass, cold)) {
+        if (failed || !usableunit(pass.store, cold)) {
           ustar[0] = missingcode;
           return;
         }
@@ -262,9 +254,10 @@ void residualsweep(Pass& pass, StartWork& w, const Array<double>& Q) {
         addAB(w.h.data(), w.R.data(), ustar, b, 1, p);
       },
       [&](int k) {
-        std::copy(w.h.begin(), w.h.end(), Pass::row(pass.vstar, k, b));
-        std::copy(K.begin(), K.end(), Pass::row(pass.dinv, k, b * b));
-      });
+        std::copy(w.h.begin(), w.h.end(), w.h3.row(k));
+        std::copy(K.begin(), K.end(), w.K.row(k));
+      },
+      changing(pass.store.hot), reading(pass.store.cold));
 }
 
 // Second round, second sweep: the moments of taupi with the level-3 variation taken out.
@@ -275,17 +268,17 @@ void momentsweep(Pass& pass, StartWork& w, const Array<double>& Q) {
   w.U2.fill(0.0);
   Array<double> Rj(at(p) * at(b)), RG(at(p) * at(b)), x(at(p));
   sweepunits(
-      pass, false,
+      pass.n2of,
       [&](int k) {
         level3residual(pass, k, w);
-        const double* K = Pass::row(pass.dinv, k, b * b);
-        const double* h = Pass::row(pass.vstar, k, b);
+        const double* K = w.K.row(k);
+        const double* h = w.h3.row(k);
         for (std::size_t i = 0; i < Q.size(); ++i) w.G[i] = w.B[i] + Q[i] - K[i];
-        failed = syminverse(b, w.G.data(), b, w.Ginverse.data(), b, w.inverse.data()) == 1 || h[0] == 0.0;
+        failed = invertsymmetric(b, w.G.data(), w.Ginverse.data()).result == 1 || h[0] == 0.0;
         if (!failed) mulAB(w.v.data(), w.Ginverse.data(), h, b, 1, b);
       },
-      [&](int k, const double* hot, const double* cold) {
-        if (failed || !usableunit(pass, cold)) return;
+      [&](int k, std::size_t, const double* hot, const double* cold) {
+        if (failed || !usableunit(pass.store, cold)) return;
         const double* ustar = hot + pass.store.atustar;
         unpack(p, cold + pass.store.atinverse, w.Pj.data());
         unitZ2Z1(pass, k, hot, w.R);
@@ -299,13 +292,13 @@ void momentsweep(Pass& pass, StartWork& w, const Array<double>& Q) {
         addABt(w.Pj.data(), RG.data(), Rj.data(), p, p, b);
         addto(w.I2, w.Pj);
       },
-      [](int) {});
+      [](int) {}, reading(pass.store.hot), reading(pass.store.cold));
 }
 
 // Q = sigma2 T^-1, T of order n.
-Array<double> scaledinverse(const Array<double>& T, int n, Array<double>& work) {
-  Array<double> Q(at(n) * at(n));
-  [[maybe_unused]] const int result = syminverse(n, T.data(), n, Q.data(), n, work.data());
+Array<double> scaledinverse(const Array<double>& T, int n) {
+  Array<double> Q(square(n));
+  invertsymmetric(n, T.data(), Q.data());
   for (double& q : Q) q *= run.est.sigma2;
   return Q;
 }
@@ -314,6 +307,10 @@ Array<double> scaledinverse(const Array<double>& T, int n, Array<double>& work) 
 
 void leastsquarestart(Pass& pass, StartMoments& moments) {
   StartWork w = makework(pass);
+  const std::size_t units3 = pass.n2of.size();
+  w.Z2Z2inv.reset(units3, square(pass.b));
+  w.K.reset(units3, square(pass.b));
+  w.h3.reset(units3, at(pass.b));
   pass.nusable1 = run.mdm.nunits1;
   pass.nusable2 = run.mdm.nunits2;
   pass.nusable3 = run.mdm.nunits3;
@@ -321,7 +318,7 @@ void leastsquarestart(Pass& pass, StartMoments& moments) {
   run.est.sigma2 = startsigma2(pass, first.S);
   firsttaupi(pass, w);
   firsttaubeta(pass, w, first);
-  const Array<double> Q = scaledinverse(run.est.taubeta, pass.b, w.inverse);
+  const Array<double> Q = scaledinverse(run.est.taubeta, pass.b);
   residualsweep(pass, w, Q);
   momentsweep(pass, w, Q);
   momenttaupi(pass, w, run.est.taupi.data());
@@ -332,17 +329,17 @@ void leastsquarestart(Pass& pass, StartMoments& moments) {
 void starttaubeta(Pass& pass, StartMoments& moments) {
   const int b = pass.b, p = pass.p;
   StartWork w = makework(pass);
-  const Array<double> Q = scaledinverse(run.est.taupi, p, w.inverse);
+  const Array<double> Q = scaledinverse(run.est.taupi, p);
   Array<double> R(at(b) * at(b)), V2(at(b) * at(b)), RC(at(b) * at(p));
   sweepunits(
-      pass, false,
+      pass.n2of,
       [&](int k) {
         level3residual(pass, k, w);  // w.B becomes E and w.residual becomes w of the formulas
       },
-      [&](int k, const double* hot, const double*) {
+      [&](int k, std::size_t, const double* hot) {
         unpack(p, hot, w.Z1Z1.data());
         for (std::size_t i = 0; i < Q.size(); ++i) w.Z1Z1[i] += Q[i];
-        if (syminverse(p, w.Z1Z1.data(), p, w.Pj.data(), p, w.inverse.data()) == 1) return;
+        if (invertsymmetric(p, w.Z1Z1.data(), w.Pj.data()).result == 1) return;
         unitZ2Z1(pass, k, hot, w.R);
         mulAB(RC.data(), w.R.data(), w.Pj.data(), b, p, p);
         subABt(w.B.data(), RC.data(), w.R.data(), b, b, p);
@@ -350,15 +347,13 @@ void starttaubeta(Pass& pass, StartMoments& moments) {
         subAB(w.residual.data(), RC.data(), w.a.data(), b, 1, p);
       },
       [&](int) {
-        double condition = 0.0;
-        if (syminverse(b, w.B.data(), b, w.E.data(), b, w.inverse.data()) != 0 ||
-            isbadcov(b, w.B.data(), b, &condition) || (b > 1 && condition / b > worstcondition))
-          return;
+        if (!usablelevel3(pass, w)) return;
         mulAB(w.v.data(), w.E.data(), w.residual.data(), b, 1, b);
         addto(R, w.E);
         addouter(V2, w.v);
-      });
-  if (run.pass.paphase == 0) {
+      },
+      reading(pass.store.hot));
+  if (!pass.plan.tausstand()) {
     double* L = run.est.taubeta.data();
     for (std::size_t i = 0; i < R.size(); ++i) L[i] = V2[i] / pass.nusable3 - run.est.sigma2 * R[i] / pass.nusable3;
     applytaubeta(L);

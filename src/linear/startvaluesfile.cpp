@@ -68,9 +68,9 @@ void readstartvalues() {
   readline(file, line);
   run.est.sigma2 = std::atof(line.c_str());
   expectmarker(file, "#TAUPI", "Tau(pi) values must be preceded with a line #TAUPI\n");
-  for (int i = 0; i < run.coef.npi; ++i) readrow(file, run.est.taupi, run.coef.npi, i);
+  for (int i = 0; i < run.coef.ntaupi; ++i) readrow(file, run.est.taupi, run.coef.ntaupi, i);
   expectmarker(file, "#TAUBETA", "Tau(beta) values must be preceded with a line #TAUBETA\n");
-  for (int i = 0; i < run.coef.nbeta; ++i) readrow(file, run.est.taubeta, run.coef.nbeta, i);
+  for (int i = 0; i < run.coef.ntaubeta; ++i) readrow(file, run.est.taubeta, run.coef.ntaubeta, i);
   expectmarker(file, "#GAMMA", "gamma values must be preceded with a line #GAMMA\n");
   for (int i = 0; i < run.coef.ngamma; ++i) {
     if (!readline(file, line))
@@ -87,9 +87,9 @@ void writestartvalues() {
   std::FILE* file = openfile(run.files.startvals, "w");
   std::fprintf(file, "#SIGMA2\n%12.5f\n", run.est.sigma2);
   std::fprintf(file, "#TAUPI\n");
-  writetriangle(file, run.est.taupi, run.coef.npi);
+  writetriangle(file, run.est.taupi, run.coef.ntaupi);
   std::fprintf(file, "#TAUBETA\n");
-  writetriangle(file, run.est.taubeta, run.coef.nbeta);
+  writetriangle(file, run.est.taubeta, run.coef.ntaubeta);
   std::fprintf(file, "#GAMMA\n");
   for (int i = 0; i < run.coef.ngamma; ++i) std::fprintf(file, "%13.6f\n", run.est.gammahat[i]);
   closechk(file);

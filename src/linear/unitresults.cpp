@@ -6,7 +6,6 @@
 #include "driver/runrecord.h"
 #include "kernel/products.h"
 #include "kernel/sizes.h"
-#include "linear/sweep.h"
 
 namespace kdr {
 
@@ -46,8 +45,8 @@ UnitResults makeunitresults(const Pass& pass) {
 void level3results(const Pass& pass, int k, double missing, UnitResults& results) {
   const int b = pass.b;
   UnitResults::Level3& out = results.level3;
-  const double* v = Pass::row(pass.vstar, k, b);
-  const double* vlsq = Pass::row(pass.vlsq, k, b);
+  const double* v = pass.vstar.row(k);
+  const double* vlsq = pass.vlsq.row(k);
   std::copy_n(v, b, out.EB.data());
   if (vlsq[0] == missingcode) {
     out.OL.fill(missing);
@@ -56,14 +55,13 @@ void level3results(const Pass& pass, int k, double missing, UnitResults& results
   }
   level3weights(pass, k, results.weights.data());
   level2means(pass, results.weights.data(), run.est.gammahat.data(), results.theta.data());
-  std::copy(results.theta.begin(), results.theta.end(), results.thetastar.begin());
-  for (int i = 0; i < b; ++i) results.thetastar[i] += pass.scale3[k] * v[i];
+  addlevel3effects(pass, k, v, results.theta.data(), results.thetastar.data());
   for (std::size_t i = 0; i < at(pass.nbeta); ++i) {
     const int column = pass.design.column2[i];
     out.FV[i] = results.theta[column];
     out.EC[i] = results.thetastar[column];
   }
-  packscaled(Pass::row(pass.dinv, k, b * b), b, out.PV.data());
+  packscaled(pass.dinv.row(k), b, out.PV.data());
 }
 
 void level2coefficients(const Pass& pass, std::size_t unit, const double* hot, const double* cold,
@@ -86,7 +84,7 @@ void level2residuals(const Pass& pass, int k, const double* hot, const double* c
                      UnitResults& results) {
   const int p = pass.p, b = pass.b;
   UnitResults::Level2& out = results.level2;
-  if (!usableunit(pass, cold)) {
+  if (!usableunit(pass.store, cold)) {
     out.OL.fill(missing);
   } else {
     unpack(p, cold + pass.store.atinverse, results.inverse.data());
@@ -96,7 +94,7 @@ void level2residuals(const Pass& pass, int k, const double* hot, const double* c
   unpack(p, hot + pass.store.atCinv, results.C.data());
   mulABt(results.A.data(), results.C.data(), hot + pass.store.atBZ1, p, b, p);
   for (double& a : results.A) a *= pass.scale3[k];
-  mulAB(results.AE.data(), results.A.data(), Pass::row(pass.dinv, k, b * b), p, b, b);
+  mulAB(results.AE.data(), results.A.data(), pass.dinv.row(k), p, b, b);
   addABt(results.C.data(), results.AE.data(), results.A.data(), p, p, b);
   packscaled(results.C.data(), p, out.PV.data());
 }

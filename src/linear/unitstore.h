@@ -1,85 +1,78 @@
 // The store of the level-2 units: what is left of a unit's records once the data pass is over.
 //
-// Streams of records of one stride each, one record per level-2 unit in file order:
+// Streams of records, one record per level-2 unit in file order:
 //
-//   hot    read by every iteration    Z1'Z1 packed, Z1'Y, B'Z1, then C^-1 packed and u*, which the iterations rewrite
-//   cold   read once or twice a run   n_j, the inverse of Z1'Z1 packed, the level-2 identifier, the level-2 row
-//
-// and in a weighted run a third:
-//
-//   weighted   read once a run        W(j|k), Z12'Z12 packed and B2'Z12, rows with their factor once more
+//   hot        read by every iteration   Z1'Z1 packed, Z1'Y, B'Z1, then C^-1 packed and u*, which the steps rewrite
+//   cold       read once or twice        n_j, the inverse of Z1'Z1 packed, the level-2 identifier, the level-2 row
+//   weighted   weighted runs, read once  W(j|k), Z12'Z12 packed and B2'Z12, rows with their factor once more
 //
 // with B = A W2, the level-1 predictors times the unit's level-2 design (n_j by nbeta). Neither M'Z1 nor Z2'Z1 is
 // stored: M = B W3, so M'Z1 = W3' B'Z1, and Z2'Z1 is the first rows of B'Z1, those random at level 3. An iteration so
 // works with nbeta rows where M has ngamma, and applies W3 once per level-3 unit.
-//
-// The streams stay in memory while they fit the budget, or whatever their size with -i; beyond it they lie in scratch
-// files and pass through memory in windows of whole level-3 units. Every pass goes forward through the windows, so its
-// cost is one linear read, and one linear write where it changes a record.
 #pragma once
 
 #include <cstddef>
 
 #include "data/mdm.h"
-#include "data/scratch.h"
-#include "kernel/array.h"
+#include "linear/recordstream.h"
 
 namespace kdr {
 
 // Bytes that the streams of a pass may hold in memory without -i.
 extern std::size_t unitstorebudget;
-// Bytes of one window of a stream that lies in a scratch file; a level-3 unit that needs more gets it.
-extern std::size_t unitwindowbytes;
 
-// Records of `stride` doubles, appended in order and then swept in windows.
-struct RecordStream {
-  std::size_t stride = 0;
-  bool resident = true;   // all records are in `buffer`
-  Array<double> buffer;   // every record, or those of the window at hand
-  std::size_t first = 0;  // number of the record at the head of `buffer`
-  std::size_t held = 0;   // records in `buffer`
-  ScratchFile file = nullptr;
-};
-
-// Consecutive level-3 units k in k0..k1-1 and their level-2 units, first..first+count-1.
-struct UnitWindow {
-  int k0, k1;
-  std::size_t first, count;
+// What a store has to hold.
+struct StoreLayout {
+  int p = 0;               // ntaupi, order of Z1'Z1
+  int nb = 0;              // nbeta, rows of B'Z1
+  std::size_t nunits = 0;  // level-2 units
+  bool withid = false;     // a later reader needs the identifiers
+  int nvar2 = 0;           // width of the level-2 rows that a later reader needs, 0: none does
+  bool weighted = false;
 };
 
 struct UnitStore {
-  int p = 0;   // ntaupi, order of Z1'Z1
-  int nb = 0;  // nbeta, rows of B'Z1
-  std::size_t nunits = 0;
+  int p = 0, nb = 0;
 
   // Offsets into a hot record.
   std::size_t atZ1Y = 0, atBZ1 = 0, atCinv = 0, atustar = 0;  // Z1'Z1 stands at 0
   // Offsets into a cold record: n_j stands at 0.
   std::size_t atinverse = 0, atid = 0, atlevel2 = 0;
-  bool haslevel2 = false, hasid = false;
+  int nvar2 = 0;
+  bool hasid = false;
 
   RecordStream hot, cold, weighted;
-  Array<UnitWindow> windows;
 };
 
-// Lays the store out for `nunits` level-2 units and opens it for appending. `withid` and `withlevel2` say whether a
-// later reader needs the identifier and the level-2 row of a unit.
-void openstore(UnitStore& store, int p, int nb, std::size_t nunits, int nvar2, bool withid, bool withlevel2,
-               bool weighted);
-// The next record to fill, zeroed.
-[[nodiscard]] double* appendrecord(RecordStream& stream);
-// Ends the appending and cuts the units into windows; n2of[k] is the number of level-2 units of level-3 unit k.
-void closestore(UnitStore& store, const Array<int>& n2of);
-// Gives the scratch files back.
-void freestore(UnitStore& store);
-
-// The records of a window, in order. A stream that lies in a file is read unless it holds the window already.
-[[nodiscard]] double* loadwindow(RecordStream& stream, const UnitWindow& window);
-// Writes a changed window of a stream that lies in a file.
-void savewindow(RecordStream& stream, const UnitWindow& window);
+// Lays the store out and opens it for appending.
+void openstore(UnitStore& store, const StoreLayout& layout);
+// Ends the appending.
+void finishstore(UnitStore& store);
 
 // The level-2 identifier of a cold record.
 void putid(const UnitStore& store, double* cold, const Id& id);
 [[nodiscard]] Id getid(const UnitStore& store, const double* cold);
+
+// Whether the level-2 unit of a cold record has a least-squares fit of its own.
+[[nodiscard]] bool usableunit(const UnitStore& store, const double* cold);
+
+// Expands a packed symmetric matrix of order n into both triangles, and the reverse.
+inline void unpack(int n, const double* packed, double* full) {
+  for (int i = 0; i < n; ++i)
+    for (int j = 0; j <= i; ++j) full[i * n + j] = full[j * n + i] = *packed++;
+}
+inline void pack(int n, const double* full, double* packed) {
+  for (int i = 0; i < n; ++i)
+    for (int j = 0; j <= i; ++j) *packed++ = full[i * n + j];
+}
+
+// out = Z1'Y - B'Z1' theta of one hot record.
+inline void residualproduct(const UnitStore& store, const double* hot, const double* theta, double* out) {
+  const double* BZ1 = hot + store.atBZ1;
+  for (int i = 0; i < store.p; ++i) {
+    out[i] = hot[store.atZ1Y + static_cast<std::size_t>(i)];
+    for (int m = 0; m < store.nb; ++m) out[i] -= BZ1[m * store.p + i] * theta[m];
+  }
+}
 
 }  // namespace kdr

@@ -33,8 +33,8 @@ const UnitLoops& unitloops() {
 }
 
 UnitRecords unitrecords(const UnitStore& store, double* hot, int units, int b, Array<double>& work) {
-  return {hot,   store.hot.stride, store.atZ1Y, store.atBZ1, store.atCinv, store.atustar,
-          units, store.p,          b,           store.nb,    work.data()};
+  return {hot, store.hot.stride(), store.atZ1Y, store.atBZ1, store.atCinv, store.atustar, units, store.p,
+          b,   store.nb,           work.data()};
 }
 
 bool sumunits(const UnitRecords& records, const double* Spacked, Level2Sums& sums) {

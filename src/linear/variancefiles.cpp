@@ -17,34 +17,32 @@ std::FILE* openvariancefile(const char* path) { return openfile(path, run.out.pr
 
 // A row of cells, a new line after each 60 and at the end.
 enum class Cell { fixed, exponent };
-void writerow(std::FILE* file, const double* values, int n, double scale, Cell cell) {
+void writerow(std::FILE* file, const double* values, int n, Cell cell) {
   for (int i = 0; i < n; ++i) {
     if (i != 0 && i % perline == 0) std::fprintf(file, "\n");
-    std::fprintf(file, cell == Cell::fixed ? "%15.7f " : "%15.7E ", scale * values[i]);
+    std::fprintf(file, cell == Cell::fixed ? "%15.7f " : "%15.7E ", values[i]);
   }
   std::fprintf(file, "\n");
 }
 
 }  // namespace
 
-void writegammafile(const char* path, const Array<double>& matrix, double scale) {
+void writegammafile(const char* path, const Array<double>& gamma, const Array<double>& covariance) {
   std::FILE* file = openvariancefile(path);
-  const int g = run.coef.ngamma;
-  writerow(file, run.est.gammahat.data(), g, 1.0, Cell::fixed);
-  for (int i = 0; i < g; ++i)
-    writerow(file, matrix.data() + static_cast<std::ptrdiff_t>(i) * g, g, scale, Cell::exponent);
+  const int g = static_cast<int>(gamma.size());
+  writerow(file, gamma.data(), g, Cell::fixed);
+  for (int i = 0; i < g; ++i) writerow(file, covariance.data() + static_cast<std::ptrdiff_t>(i) * g, g, Cell::exponent);
   closechk(file);
 }
 
-void writetaufile(const char* path, const Pass& pass, const FisherWork& fisher, bool withsigma2) {
+void writetaufile(const char* path, const Estimates& est, const TauErrors& errors, bool withsigma2) {
   std::FILE* file = openvariancefile(path);
-  for (int i = 0; i < pass.p; ++i) writerow(file, run.est.taupi.data() + i * pass.p, pass.p, 1.0, Cell::fixed);
-  for (int i = 0; i < pass.b; ++i) writerow(file, run.est.taubeta.data() + i * pass.b, pass.b, 1.0, Cell::fixed);
-  if (run.iter.fishertype != 0)
-    for (int i = 0; i + 1 < fisher.NT; ++i)
-      writerow(file, fisher.invinformation.data() + static_cast<std::ptrdiff_t>(i) * fisher.NT, fisher.NT - 1, 1.0,
-               Cell::fixed);
-  if (withsigma2) std::fprintf(file, "%15.7f\n", run.est.sigma2);
+  const int p = run.coef.ntaupi, b = run.coef.ntaubeta;
+  for (int i = 0; i < p; ++i) writerow(file, est.taupi.data() + i * p, p, Cell::fixed);
+  for (int i = 0; i < b; ++i) writerow(file, est.taubeta.data() + i * b, b, Cell::fixed);
+  for (int i = 0; i < errors.order; ++i)
+    writerow(file, errors.covariance.data() + static_cast<std::ptrdiff_t>(i) * errors.order, errors.order, Cell::fixed);
+  if (withsigma2) std::fprintf(file, "%15.7f\n", est.sigma2);
   closechk(file);
 }
 

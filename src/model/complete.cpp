@@ -80,6 +80,17 @@ void labelrandomeffects() {
   }
 }
 
+void markdeletion() {
+  if (run.mdm.deletednow) return;
+  for (int v = 1; v <= run.mdm.nvar1; ++v) {
+    int& mark = run.model.delete1[static_cast<std::size_t>(v) - 1];
+    if (mark == 2) continue;
+    bool used = v == run.out.wgtvar1 || v == run.out.autovknown || (run.kind.nlcount && v == run.kind.nlcntvar);
+    for (int e = 0; e < run.kind.neqsets; ++e) used = used || run.model.use1.row(e)[v] != 0;
+    mark = used ? 1 : 0;
+  }
+}
+
 void compactlists() {
   ModelSpec& model = run.model;
   const auto compact = [](const Array<int>& marks, Array<int>& list, int& count) {

@@ -23,6 +23,10 @@ void completemodel();
 // The labels of the rows of taupi and taubeta: run.coef.pinames, betanames1 and betanames2.
 void labelrandomeffects();
 
+// Marks every variable of the model as one without which a level-1 record cannot be used, when records with missing
+// values are still in the file.
+void markdeletion();
+
 // Lists the variables of the residual files in run.model from their marks, in order, and counts them. The mark of the
 // intercept enters no list.
 void compactlists();

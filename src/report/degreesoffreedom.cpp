@@ -38,7 +38,7 @@ struct Degrees {
 // With J level-2 units, K level-3 units and N records:
 //   random at level 3               K - terms
 //   random at level 2 only          J - K C - A, roughly J - A where that leaves none
-//   fixed at both                   N - npi J - nbeta K - B, roughly N - nbeta K - B
+//   fixed at both                   N - ntaupi J - ntaubeta K - B, roughly N - ntaubeta K - B
 Degrees degreesof(const ModelRows& rows, const EffectRow& effect, const Costs& costs) {
   const long long J = run.mdm.nunits2, K = run.mdm.nunits3, N = run.mdm.nunits1;
   const TermRow& term = rows.termof(effect);
@@ -47,8 +47,8 @@ Degrees degreesof(const ModelRows& rows, const EffectRow& effect, const Costs& c
     const long long df = J - K * costs.randompairs - costs.level2;
     return df < 1 ? Degrees{J - costs.level2, true} : Degrees{df, false};
   }
-  const long long upper = run.coef.nbeta * K + costs.level1;
-  const long long df = N - run.coef.npi * J - upper;
+  const long long upper = run.coef.ntaubeta * K + costs.level1;
+  const long long df = N - run.coef.ntaupi * J - upper;
   if (df > 0) return {df, false};
   return {(upper < N ? N : run.mdm.numl1rec) - upper, true};
 }

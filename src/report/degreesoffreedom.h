@@ -11,8 +11,8 @@ struct FixedDegrees {
   Array<char> rough;  // 1: the p-value is a rough approximation
 };
 
-// Fills `degrees` from the model, the unit counts in run.mdm, and run.coef.npi and nbeta, which must be the orders of
-// taupi and taubeta, as they are during a pass. Failure 3.
+// Fills `degrees` from the model, the unit counts in run.mdm, and run.coef.ntaupi and ntaubeta.
+// Failure 3.
 void degreesoffreedom(FixedDegrees& degrees);
 
 }  // namespace kdr

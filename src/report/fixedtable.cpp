@@ -20,19 +20,6 @@ bool isleastsquares(TableKind kind) { return kind == TableKind::leastsquares || 
 bool isestimates(TableKind kind) {
   return kind == TableKind::estimates || kind == TableKind::averagedpv || kind == TableKind::averagedmi;
 }
-bool isaveraged(TableKind kind) {
-  return kind == TableKind::averagedpv || kind == TableKind::averagedrobustpv || kind == TableKind::averagedmi ||
-         kind == TableKind::averagedrobustmi;
-}
-
-struct Source {
-  const FixedDegrees& degrees;
-  TableKind kind;
-  const double* variance;
-  const double* gamma;
-  int stride;
-  double scale;
-};
 
 // One row of the table. `tested` says whether there is a standard error with degrees of freedom to test with.
 struct Estimate {
@@ -41,16 +28,14 @@ struct Estimate {
   bool tested, rough;
 };
 
-Estimate estimateof(const Source& source, int g) {
+Estimate estimateof(const FixedEffects& effects, TableKind kind, int g) {
   Estimate row{};
-  const std::ptrdiff_t place = static_cast<std::ptrdiff_t>(g) * (isaveraged(source.kind) ? 1 : source.stride + 1);
-  double variance = source.variance[place];
-  if (!isaveraged(source.kind) && source.kind != TableKind::leastsquaresrobust) variance *= source.scale;
-  row.coefficient = source.gamma[g];
+  const double variance = effects.variance[g];
+  row.coefficient = effects.gamma[g];
   row.se = variance > 0.0 && std::isfinite(variance) ? std::sqrt(variance) : 0.0;
   row.t = row.se == 0.0 ? 0.0 : row.coefficient / row.se;
-  row.df = isleastsquares(source.kind) ? run.mdm.nunits1 - run.coef.ngamma : source.degrees.df[g];
-  row.rough = source.degrees.rough[g] != 0;
+  row.df = isleastsquares(kind) ? run.mdm.nunits1 - run.coef.ngamma : effects.degrees.df[g];
+  row.rough = effects.degrees.rough[g] != 0;
   row.tested = row.df > 1 && row.se != 0.0 && std::isfinite(row.t);
   return row;
 }
@@ -133,29 +118,29 @@ void outcomeline(TableKind kind) {
 }
 
 // The words that tell which of the models of a non-linear run a table belongs to.
-const char* modelsuffix() {
+const char* modelsuffix(PassKind pass) {
   if (!run.kind.nlrun) return "";
-  if (run.pass.nlfirstpass) return " (linear model with identity link function)";
-  return run.pass.paphase != 0 ? " (Population-average model)" : " (Unit-specific model)";
+  if (pass == PassKind::identity) return " (linear model with identity link function)";
+  return pass == PassKind::populationaverage ? " (Population-average model)" : " (Unit-specific model)";
 }
-const char* robustlead() {
-  if (!run.kind.nlrun || run.pass.nlfirstpass) return " (";
-  return run.pass.paphase != 0 ? " (Population-average model " : " (Unit-specific model ";
+const char* robustlead(PassKind pass) {
+  if (!run.kind.nlrun || pass == PassKind::identity) return " (";
+  return pass == PassKind::populationaverage ? " (Population-average model " : " (Unit-specific model ";
 }
 
-void heading(TableKind kind) {
+void heading(TableKind kind, PassKind pass) {
   switch (kind) {
     case TableKind::estimates:
     case TableKind::averagedpv:
     case TableKind::averagedmi:
-      report(run.pass.nlfirstpass ? " Estimation of fixed effects:" : " Final estimation of fixed effects:");
-      report("%s", modelsuffix());
+      report(pass == PassKind::identity ? " Estimation of fixed effects:" : " Final estimation of fixed effects:");
+      report("%s", modelsuffix(pass));
       reportbreak();
       break;
     case TableKind::robust:
     case TableKind::averagedrobustpv:
     case TableKind::averagedrobustmi:
-      report(" Final estimation of fixed effects\n%swith robust standard errors)\n", robustlead());
+      report(" Final estimation of fixed effects\n%swith robust standard errors)\n", robustlead(pass));
       break;
     case TableKind::leastsquares:
       report(" Least-squares estimates of fixed effects\n");
@@ -259,18 +244,23 @@ void ratioheads() {
 
 }  // namespace
 
-void fixedtable(const FixedDegrees& degrees, TableKind kind, const double* variance, const double* gamma, int stride,
-                double scale) {
-  const Source source{degrees, kind, variance, gamma, stride, scale};
+Array<double> variancesof(const Array<double>& covariance, int n, double scale) {
+  const auto order = static_cast<std::size_t>(n);
+  Array<double> variances(order);
+  for (std::size_t i = 0; i < order; ++i) variances[i] = covariance[i * (order + 1)] * scale;
+  return variances;
+}
+
+void fixedtable(const FixedEffects& effects, TableKind kind, PassKind pass) {
   const std::vector<int> openings = setopenings();
   reporthtml("<h4>");
   if (isestimates(kind)) reporttext("\f");
   outcomeline(kind);
-  heading(kind);
+  heading(kind, pass);
   columnheads(kind);
   bool anyrough = false;
   for (int g = 0; g < run.coef.ngamma; ++g) {
-    const Estimate row = estimateof(source, g);
+    const Estimate row = estimateof(effects, kind, g);
     rowlead(g, openings[static_cast<std::size_t>(g)], rowstyle(g));
     fixedrow(row, rowstyle(g));
     anyrough = anyrough || (row.tested && row.rough);
@@ -282,15 +272,13 @@ void fixedtable(const FixedDegrees& degrees, TableKind kind, const double* varia
   reportbreak();
 }
 
-void ratiotable(const FixedDegrees& degrees, TableKind kind, const double* variance, const double* gamma, int stride,
-                double scale) {
+void ratiotable(const FixedEffects& effects, TableKind kind) {
   if (run.kind.linear()) return;
-  const Source source{degrees, kind, variance, gamma, stride, scale};
   const std::vector<int> openings = setopenings();
   ratioheads();
   for (int g = 0; g < run.coef.ngamma; ++g) {
     rowlead(g, openings[static_cast<std::size_t>(g)], rowstyle(g));
-    ratiorow(estimateof(source, g), rowstyle(g));
+    ratiorow(estimateof(effects, kind, g), rowstyle(g));
   }
   reportrule(70);
   reporthtml("</tbody></table>\n");

@@ -78,9 +78,9 @@ void betaheads(int first, int last, const Categories& categories) {
   report2("\n", "</tr>\n");
 }
 
-void correlationlabel(int level, int i, const std::string& category) {
+void correlationlabel(Tau which, int i, const std::string& category) {
   const Coefficients& coef = run.coef;
-  if (level == 1) {
+  if (which == Tau::pi) {
     const std::string name = eightcolumns(labelof(coef.pinames, i));
     report2(" %s,%s%d%s", "<tr><td>%s,%s<sub><small><i>%d%s</i></small></sub>", name.c_str(), run.sym.sym1.c_str(),
             subscriptof(coef.pisubs, i), category.c_str());
@@ -93,10 +93,8 @@ void correlationlabel(int level, int i, const std::string& category) {
   reporthtml("</td>");
 }
 
-}  // namespace
-
 void taupitable(MatrixTitle kind, bool zero, int n, const double* matrix) {
-  const Categories categories = randomcategories(1, n);
+  const Categories categories = randomcategories(Tau::pi, n);
   title(kind, zero, n, run.sym.symvar2);
   openmatrix();
   for (int i = 0; i < n; ++i) {
@@ -109,7 +107,7 @@ void taupitable(MatrixTitle kind, bool zero, int n, const double* matrix) {
 }
 
 void taubetatable(MatrixTitle kind, bool zero, int n, const double* matrix) {
-  const Categories categories = randomcategories(2, n);
+  const Categories categories = randomcategories(Tau::beta, n);
   const char* wider = multinomialrun() ? "   " : "";
   for (int first = 0; first < n; first += blockwidth) {
     const int last = std::min(n, first + blockwidth);
@@ -128,14 +126,20 @@ void taubetatable(MatrixTitle kind, bool zero, int n, const double* matrix) {
   }
 }
 
-void correlationtable(int level, int n, const double* matrix) {
+}  // namespace
+
+void tautable(Tau which, MatrixTitle kind, bool zero, int n, const double* matrix) {
+  which == Tau::pi ? taupitable(kind, zero, n, matrix) : taubetatable(kind, zero, n, matrix);
+}
+
+void correlationtable(Tau which, int n, const double* matrix) {
   if (n <= 1) return;
-  const Categories categories = randomcategories(level, n);
-  report("%s (as correlations)", (level == 1 ? run.sym.symvar2 : run.sym.symvar3).c_str());
+  const Categories categories = randomcategories(which, n);
+  report("%s (as correlations)", (which == Tau::pi ? run.sym.symvar2 : run.sym.symvar3).c_str());
   reportbreak();
   openmatrix();
   for (int i = 0; i < n; ++i) {
-    correlationlabel(level, i, bracketed(categories, i));
+    correlationlabel(which, i, bracketed(categories, i));
     for (int j = 0; j < n; ++j) {
       const double r = matrix[i * n + j] / std::sqrt(matrix[i * n + i] * matrix[j * n + j]);
       report2(" %s", "<td>&nbsp;%s</td>", fixedpoint(r, 6, 3).c_str());

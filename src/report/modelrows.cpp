@@ -1,6 +1,5 @@
 #include "report/modelrows.h"
 
-#include <cstdio>
 
 #include "driver/runrecord.h"
 #include "report/stream.h"
@@ -19,18 +18,16 @@ bool multinomialrun() { return run.kind.nonlin == 3 && !run.kind.ordinal; }
 
 std::string categorylabel(int k) {
   if (k < 0 || static_cast<std::size_t>(k) >= run.kind.categorylabel.size()) return {};
-  char text[5];
-  std::snprintf(text, sizeof text, "%.4s", run.kind.categorylabel[k].text);
-  return text;
+  return run.kind.categorylabel[k].text;
 }
 
 std::string categoryof(int k) { return escaped(categorylabel(k)); }
 
-std::vector<std::string> randomcategories(int level, int n) {
+std::vector<std::string> randomcategories(Tau which, int n) {
   std::vector<std::string> categories;
   if (multinomialrun()) {
     const ModelRows rows = modelrows();
-    if (level == 1) {
+    if (which == Tau::pi) {
       for (const CoefficientRow& coefficient : rows.coefficients)
         if (coefficient.random) categories.push_back(categoryof(coefficient.set));
     } else {

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "driver/tables.h"
 #include "model/modelwalk.h"
 
 namespace kdr {
@@ -14,11 +15,11 @@ namespace kdr {
 
 // True when several equation sets stand side by side, one for each category but the last.
 [[nodiscard]] bool multinomialrun();
-// At most 4 characters of the label of category k; empty when it has none.
+// The label of category k; empty when it has none.
 [[nodiscard]] std::string categorylabel(int k);
 // The same as the report shows it.
 [[nodiscard]] std::string categoryof(int k);
-// The category of each of the n rows of taupi (level 1) or taubeta (level 2); empty texts unless multinomial.
-[[nodiscard]] std::vector<std::string> randomcategories(int level, int n);
+// The category of each of the n rows of a tau; empty texts unless multinomial.
+[[nodiscard]] std::vector<std::string> randomcategories(Tau which, int n);
 
 }  // namespace kdr

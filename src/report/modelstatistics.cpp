@@ -17,7 +17,7 @@ long long triangle(long long n) { return n * (n + 1) / 2; }
 
 long long parametercount(int phase) {
   const long long taupis = phase == 1 ? run.mdm.nunits3 : 1;
-  return run.coef.ngamma + triangle(run.coef.nbeta) + taupis * triangle(run.coef.npi) +
+  return run.coef.ngamma + triangle(run.coef.ntaubeta) + taupis * triangle(run.coef.ntaupi) +
          (run.iter.fixsigma2 == 0.0 ? 1 : 0);
 }
 

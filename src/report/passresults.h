@@ -52,6 +52,7 @@ struct LeastSquaresResults {
   Array<double> vgamma;  // g squared; its covariance is sigma2 times it
   double sigma2 = 0.0;
   Array<double> robust;         // g squared, covariance by the cluster sandwich; empty when it is not usable
+  bool fewunits = false;        // too few level-3 units for `robust` to be trusted
   double loglik = missingcode;  // missingcode when the model leaves no residual
 };
 
@@ -60,6 +61,9 @@ struct PassResults {
   int macro = 0;               // macro iteration, from 1; 0 in a linear run
   bool heterogeneous = false;  // of the stage with a taupi per level-3 unit
   bool tausstand = false;      // the taus were not estimated: their tables are those of an earlier pass
+
+  double fixsigma2 = 0.0;  // what sigma^2 was held at; 0.0: it was estimated
+  bool stopped = true;     // the iterations are over
 
   int iteration = 0;  // the last one
   Ending ending = Ending::converged;

@@ -1,10 +1,12 @@
-// The heading of a section of results.
+// The heading of the results of a non-linear pass.
 #pragma once
+
+#include "report/passresults.h"
 
 namespace kdr {
 
-// Goes back to run.report.reportpos, unless there is none, and writes the heading of the pass that is under way; of a
-// linear pass with full output also the level-1 variance `sigma2`.
-void resultsheading(double sigma2);
+// Goes back to the mark of the report and writes the heading of a pass of that kind and macro iteration: of an identity
+// pass, with full output only, also the level-1 variance `sigma2`.
+void resultsheading(PassKind kind, int macro, double sigma2);
 
 }  // namespace kdr

@@ -24,15 +24,15 @@ std::string bracketed(const std::string& category, const char* otherwise) {
   return category.empty() ? otherwise : "(" + category + ")";
 }
 
-void reliabilitylabel(int level, int i, const std::string& category, const char* style) {
+void reliabilitylabel(Tau which, int i, const std::string& category, const char* style) {
   const Coefficients& coef = run.coef;
-  std::string name = level == 1
-                         ? eightcolumns(labelof(coef.pinames, i))
-                         : eightcolumns(labelof(coef.betanames1, i)) + "/" + eightcolumns(labelof(coef.betanames2, i));
+  const bool pi = which == Tau::pi;
+  std::string name = pi ? eightcolumns(labelof(coef.pinames, i))
+                        : eightcolumns(labelof(coef.betanames1, i)) + "/" + eightcolumns(labelof(coef.betanames2, i));
   const std::string digits =
-      level == 1 ? std::to_string(subscriptof(coef.pisubs, i))
-                 : std::to_string(subscriptof(coef.betasubs1, i)) + std::to_string(subscriptof(coef.betasubs2, i));
-  const std::string& symbol = level == 1 ? run.sym.sym1 : run.sym.sym2;
+      pi ? std::to_string(subscriptof(coef.pisubs, i))
+         : std::to_string(subscriptof(coef.betasubs1, i)) + std::to_string(subscriptof(coef.betasubs2, i));
+  const std::string& symbol = pi ? run.sym.sym1 : run.sym.sym2;
   if (!run.report.html) {
     report("  %s, %s%s%s", name.c_str(), symbol.c_str(), digits.c_str(), bracketed(category, "      ").c_str());
     return;
@@ -46,11 +46,12 @@ void reliabilitylabel(int level, int i, const std::string& category, const char*
   }
 }
 
-void varianceheads(int level) {
-  report2(level == 1 ? "\n\n Final estimation of level-1 and level-2 variance components:\n"
-                     : "\n\n Final estimation of level-3 variance components:\n",
-          level == 1 ? "\n<h4>Final estimation of level-1 and level-2 variance components</h4>\n"
-                     : "\n<h4>Final estimation of level-3 variance components</h4>\n");
+void varianceheads(Tau which) {
+  const bool pi = which == Tau::pi;
+  report2(pi ? "\n\n Final estimation of level-1 and level-2 variance components:\n"
+             : "\n\n Final estimation of level-3 variance components:\n",
+          pi ? "\n<h4>Final estimation of level-1 and level-2 variance components</h4>\n"
+             : "\n<h4>Final estimation of level-3 variance components</h4>\n");
   if (run.report.html) {
     opentable();
     report("<td align=left %s>Random Effect</td>\n", stylerule);
@@ -104,7 +105,7 @@ void level3effect(int i, const std::string& category, double variance, const cha
 }
 
 // Degrees of freedom, chi-square and p-value, and the end of the row.
-void chisquare(int level, long long degrees, double chisq, const char* style) {
+void chisquare(Tau which, long long degrees, double chisq, const char* style) {
   const int df = static_cast<int>(std::clamp<long long>(degrees, INT_MIN, INT_MAX));
   if (df < 1 || !std::isfinite(chisq)) {
     reporttext("  too few df to compute\n");
@@ -113,7 +114,7 @@ void chisquare(int level, long long degrees, double chisq, const char* style) {
   }
   const double p = chisq < df ? 1.0 : chisqprob(df, chisq);
   if (!run.report.html) {
-    report("%s%4d  %12.5f    ", level == 1 ? "  " : "", df, chisq);
+    report("%s%4d  %12.5f    ", which == Tau::pi ? "  " : "", df, chisq);
     if (chisq < df) {
       report(">.500\n");
     } else {
@@ -144,8 +145,9 @@ void level1effect(double sigma2) {
 
 }  // namespace
 
-void reliabilitytable(int n, const double* values, int level) {
-  const Categories categories = randomcategories(level, n);
+void reliabilitytable(Tau which, int n, const double* values) {
+  const int level = which == Tau::pi ? 1 : 2;
+  const Categories categories = randomcategories(which, n);
   reportbreak();
   if (run.report.html) {
     opentable();
@@ -159,7 +161,7 @@ void reliabilitytable(int n, const double* values, int level) {
   for (int i = 0; i < n; ++i) {
     const char* style = i + 1 == n ? stylebottom : styleplain;
     const std::string value = fixedpoint(values[i], 5, 3);
-    reliabilitylabel(level, i, categories[static_cast<std::size_t>(i)], style);
+    reliabilitylabel(which, i, categories[static_cast<std::size_t>(i)], style);
     reporttext("%s%s\n", level == 1 ? "                  " : "         ", value.c_str());
     reporthtml("<td align=center %s>%s</td></tr>\n", style, value.c_str());
   }
@@ -167,26 +169,22 @@ void reliabilitytable(int n, const double* values, int level) {
   reporthtml("</tbody></table>\n");
 }
 
-void variancetable(int level, int n, int units, int mult, const int* nterms, const int* nextra, const double* matrix,
-                   const double* chisq, double sigma2) {
-  const Categories categories = randomcategories(level, n);
-  varianceheads(level);
-  for (int i = 0; i < n; ++i) {
-    // At level 1 the row of the level-1 variance closes the table.
-    const char* style = level == 2 && i + 1 == n ? stylebottom : styleplain;
-    const double variance = std::max(0.0, matrix[i * n + i]);
+void variancetable(Tau which, const VarianceRows& rows) {
+  const Categories categories = randomcategories(which, rows.n);
+  varianceheads(which);
+  for (int i = 0; i < rows.n; ++i) {
+    // Of tau(pi) the row of the level-1 variance closes the table.
+    const char* style = which == Tau::beta && i + 1 == rows.n ? stylebottom : styleplain;
+    const double variance = std::max(0.0, rows.tau[i * rows.n + i]);
     const std::string& category = categories[static_cast<std::size_t>(i)];
-    long long df = units;
-    if (level == 1) {
+    if (which == Tau::pi) {
       level2effect(i, category, variance, style);
-      df -= static_cast<long long>(nterms[i]) * mult + (nextra != nullptr ? nextra[i] : 0);
     } else {
       level3effect(i, category, variance, style);
-      df -= nterms[i];
     }
-    chisquare(level, df, chisq[i], style);
+    chisquare(which, rows.df[i], rows.chisq[i], style);
   }
-  if (level == 1 && run.iter.fixsigma2 == 0.0) level1effect(sigma2);
+  if (which == Tau::pi && run.iter.fixsigma2 == 0.0) level1effect(rows.sigma2);
   reportrule(78);
   reporthtml("</tbody></table>\n");
 }

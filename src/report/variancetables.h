@@ -1,16 +1,23 @@
 // Reliabilities of the random coefficients, and tests of their variances.
 #pragma once
 
+#include "driver/tables.h"
+
 namespace kdr {
 
-// Writes the n reliabilities of the level-1 (level 1) or level-2 (level 2) coefficients.
-void reliabilitytable(int n, const double* values, int level);
+// Writes the n reliabilities of the coefficients random at a level: those of tau(pi), or of tau(beta).
+void reliabilitytable(Tau which, int n, const double* values);
 
-// Writes the variances on the diagonal of the n by n `matrix` with chi-square tests: taupi and the level-1 variance for
-// level 1, taubeta for level 2. Row i has units - nterms[i] * mult - nextra[i] degrees of freedom at level 1, units -
-// nterms[i] at level 2, where mult and nextra (may be null) are not looked at. sigma2 is the level-1 variance.
-void variancetable(int level, int n, int units, int mult, const int* nterms, const int* nextra, const double* matrix,
-                   const double* chisq, double sigma2);
+// Writes the variances on the diagonal of a tau (order n) with chi-square tests, n statistics and degrees of freedom
+// (below 1: too few to compute). The table of tau(pi) ends with the level-1 variance, unless it is fixed.
+struct VarianceRows {
+  int n;
+  const double* tau;
+  const double* chisq;
+  const long long* df;
+  double sigma2;
+};
+void variancetable(Tau which, const VarianceRows& rows);
 
 // The note that `what` rests on `used` of `total` units.
 void partialdatanote(const char* what, int used, int total);

@@ -1,4 +1,4 @@
-#include "driver/options.h"
+#include "app/options.h"
 
 #include <strings.h>
 #include <sys/resource.h>

@@ -1,27 +1,27 @@
-#include "driver/runsequence.h"
+#include "app/runsequence.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
-#include <filesystem>
-#include <set>
 #include <string>
-#include <system_error>
+#include <vector>
 
+#include "app/options.h"
 #include "data/construction.h"
+#include "data/fileclashes.h"
 #include "data/mdm.h"
 #include "data/mdmdialogue.h"
 #include "data/scratch.h"
 #include "driver/failures.h"
-#include "driver/options.h"
 #include "driver/questions.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
 #include "kernel/array.h"
-#include "linear/estimate.h"
+#include "linear/centering.h"
 #include "linear/heterogeneous.h"
+#include "linear/linearrun.h"
 #include "linear/variancefiles.h"
 #include "linear/weights.h"
 #include "model/commandfile.h"
@@ -94,63 +94,21 @@ void refuseabsentengines() {
     if (engine.wanted) stopwith("This version of %s cannot %s yet.\n", module, engine.what);
 }
 
-std::filesystem::path canonical(const std::string& path) {
-  std::error_code problem;
-  std::filesystem::path whole = std::filesystem::weakly_canonical(path, problem);
-  return problem ? std::filesystem::path(path) : std::filesystem::absolute(whole, problem);
-}
-
 // Every model run leaves this file behind, so nothing that the run reads or writes may bear its name.
 constexpr const char* newcommandfile = "newcmd.kdr";
 
-// A result file that would stand where a file of the same run stands ends the run before anything is written.
-void refuseclashes() {
-  struct Result {
-    bool wanted;
-    const std::string& path;
-  };
-  const Result results[] = {{run.out.resfil1, run.files.resfil1name},
-                            {run.out.resfil2, run.files.resfil2name},
-                            {run.out.resfil3, run.files.resfil3name},
-                            {run.out.graph, run.files.graphgammas}};
-  std::set<std::filesystem::path> taken;
-  for (const std::string* input : {&run.files.mdmfile, &run.files.cmdfile, &run.files.outfile, &run.files.startvals})
-    if (!input->empty()) taken.insert(canonical(*input));
-  taken.insert(canonical(newcommandfile));
-  if (run.out.printvc != 0)
-    for (const char* name : {taufile, gammafile, robustgammafile}) taken.insert(canonical(name));
-  if (run.iter.hetit != 0) taken.insert(canonical(heterogeneousfile));
-  for (const Result& result : results) {
-    std::error_code problem;
-    const bool device =
-        std::filesystem::exists(result.path, problem) && !std::filesystem::is_regular_file(result.path, problem);
-    if (result.wanted && !device && !taken.insert(canonical(result.path)).second)
-      stopwith("The result file %s has the name of another file of this run\n", result.path.c_str());
-  }
-}
-
-// Marks every variable of the model as one without which a level-1 record cannot be used.
-void finishdeletion() {
-  if (run.mdm.deletednow) return;
-  for (int v = 1; v <= run.mdm.nvar1; ++v) {
-    int& mark = run.model.delete1[static_cast<std::size_t>(v) - 1];
-    if (mark == 2) continue;
-    bool used = v == run.out.wgtvar1 || v == run.out.autovknown || (run.kind.nlcount && v == run.kind.nlcntvar);
-    for (int e = 0; e < run.kind.neqsets; ++e) used = used || run.model.use1.row(e)[v] != 0;
-    mark = used ? 1 : 0;
-  }
-}
-
-// Grand-mean centering of the level-3 variables, which are held in memory.
-void centerlevel3() {
-  const int width = run.mdm.nvar3;
-  for (int v = 1; v <= width; ++v) {
-    if (run.model.center3[static_cast<std::size_t>(v)] == 0) continue;
-    const double mean = run.mdm.mean3[static_cast<std::size_t>(v) - 1];
-    for (int k = 0; k < run.mdm.nunits3; ++k)
-      run.mdm.level3[static_cast<std::size_t>(k) * static_cast<std::size_t>(width) + static_cast<std::size_t>(v) - 1] -=
-          mean;
-  }
+// The files of the run: a result that would stand where another one stands ends the run before anything is written.
+void checkfiles() {
+  const RunFiles& files = run.files;
+  std::vector<std::string> taken{files.mdmfile, files.cmdfile, files.outfile, files.startvals, newcommandfile};
+  if (run.out.printvc != 0) taken.insert(taken.end(), {taufile, gammafile, robustgammafile});
+  if (run.iter.hetit != 0) taken.push_back(heterogeneousfile);
+  std::vector<std::string> results;
+  if (run.out.resfil1) results.push_back(files.resfil1name);
+  if (run.out.resfil2) results.push_back(files.resfil2name);
+  if (run.out.resfil3) results.push_back(files.resfil3name);
+  if (run.out.graph) results.push_back(files.graphgammas);
+  refuseclashes(taken, results);
 }
 
 void readmodel() {
@@ -170,8 +128,8 @@ void readmodel() {
   outputquestions();
   compactlists();
   refuseabsentengines();
-  refuseclashes();
-  finishdeletion();
+  checkfiles();
+  markdeletion();
   run.kind.weighted = run.out.wgtvar1 != 0 || run.out.wgtvar2 != 0 || run.out.wgtvar3 != 0;
   if (run.kind.weighted) normaliseweights();
   run.kind.outname = run.mdm.names1[static_cast<std::size_t>(run.kind.outvar)];
@@ -216,7 +174,7 @@ void runjob(int argc, char** argv) {
 
   readmodel();
   openresults();
-  estimate();
+  estimatelinear();
   closereport();
   fail(0);
 }

@@ -1,3 +1,3 @@
-#include "driver/runsequence.h"
+#include "app/runsequence.h"
 
 int main(int argc, char** argv) { kdr::runjob(argc, argv); }

@@ -1,0 +1,102 @@
+#include "linear/linearrun.h"
+
+#include <algorithm>
+
+#include "data/scratch.h"
+#include "driver/reportstream.h"
+#include "driver/runrecord.h"
+#include "linear/exploratory.h"
+#include "linear/graphdata.h"
+#include "linear/inference.h"
+#include "linear/recordunits.h"
+#include "linear/residualfiles.h"
+#include "linear/runpass.h"
+#include "linear/startvaluesfile.h"
+#include "linear/variancefiles.h"
+#include "report/modelstatistics.h"
+#include "report/passtables.h"
+
+namespace kdr {
+
+namespace {
+
+constexpr int farlimit = 10000;  // iterations when the user goes on at the limit
+
+bool wantresiduals() { return run.out.resfil1 || run.out.resfil2 || run.out.resfil3; }
+
+PassPlan linearplan() {
+  PassPlan plan;
+  plan.fixsigma2 = run.iter.fixsigma2;
+  plan.hetit = run.iter.hetit;
+  plan.limit = run.iter.numit;
+  plan.stopval = run.iter.stopval;
+  plan.farlimit = farlimit;
+  return plan;
+}
+
+// The pass over the blocks of the MDM file, which become the working data file when a later reader needs the records.
+PassResults linearpass(Pass& pass) {
+  RecordUnits units;
+  startrecords(units, mdmlayout(true), run.mdm.stream, run.mdm.firstblock);
+  if (run.out.resfil1 || run.out.graph) units.working = openfile(run.files.tempname2, "wb");
+  PassInput input;
+  input.next = [&units](UnitProducts& unit) {
+    if (nextunit(units, unit)) return true;
+    if (units.working != nullptr) closechk(units.working);
+    return false;
+  };
+  input.withid = run.out.resfil1 || run.out.resfil2 || run.out.graph;
+  input.withlevel2 = input.withid || haveexploratory();
+  IterationState state;
+  return runpass(pass, input, state);
+}
+
+void variancefiles(const PassResults& results) {
+  Array<double> vgamma = results.est.vgamma.copy();
+  for (double& v : vgamma) v *= results.est.sigma2;
+  // Where there is no robust covariance, the file says so in every element.
+  Array<double> robust(vgamma.size());
+  robust.fill(missingcode);
+  if (!results.robust.empty()) robust = results.robust.copy();
+  writegammafile(robustgammafile, results.est.gammahat, robust);
+  writetaufile(taufile, results.est, results.errors, true);
+  writegammafile(gammafile, results.est.gammahat, vgamma);
+}
+
+// Residual files and graph data file. A run without any iteration has no residuals.
+void resultfiles(Pass& pass, bool ordinary) {
+  if (!wantresiduals() && !run.out.graph) return;
+  // A run without an ordinary stage has made no variance tests, which leave the least-squares residuals of level 3.
+  if (!ordinary) static_cast<void>(variancetests(pass));
+  const RecordLayout layout = mdmlayout(false);
+  if (wantresiduals()) writeresidualfiles(pass, layout);
+  if (run.out.graph) writegraphdata(pass, layout);
+}
+
+}  // namespace
+
+void estimatelinear() {
+  Pass pass;
+  beginpass(pass, linearplan());
+  const PassResults results = linearpass(pass);
+  const bool ordinary = !results.heterogeneous, iterated = results.loglik != missingcode;
+  if (ordinary) {
+    passtables(results);
+    if (!run.files.startvals.empty()) writestartvalues();
+    if (run.out.printvc != 0) variancefiles(results);
+  }
+  if (iterated) {
+    modelstatistics(results.loglik, ordinary ? 2 : 1);
+  } else {
+    reportline("No iterations were asked for, so there is no likelihood to report.");
+  }
+  if (ordinary && haveexploratory()) exploratory(pass);
+  if (iterated) {
+    resultfiles(pass, ordinary);
+  } else if (wantresiduals() || run.out.graph) {
+    reportline("No iterations were asked for, so there are no residual or graph files.");
+  }
+  if (ordinary && run.out.printvc != 0) listvariancefiles();
+}
+
+}  // namespace kdr

@@ -1,0 +1,233 @@
+#include "linear/recordunits.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "driver/failures.h"
+#include "driver/reportstream.h"
+#include "driver/runrecord.h"
+#include "kernel/sizes.h"
+#include "linear/centering.h"
+#include "linear/deletion.h"
+#include "model/modelwalk.h"
+
+namespace kdr {
+
+namespace {
+
+bool havefactors() { return run.kind.weighted || run.out.autovknown != 0; }
+
+// Unit means over the non-missing values of the records that remain.
+void retakemeans(UnitBlock& unit) {
+  const auto width = at(run.mdm.nvar1);
+  for (std::size_t v = 0; v < width; ++v) {
+    double sum = 0.0;
+    int n = 0;
+    for (int i = 0; i < unit.nj; ++i)
+      if (const double value = unit.records[at(i) * width + v]; value != missingcode) {
+        sum += value;
+        ++n;
+      }
+    unit.means[v] = n > 0 ? sum / n : 0.0;
+  }
+}
+
+// Means of the raw level-2 values over the level-3 unit whose first block has just been read.
+void level3unitmeans(RecordUnits& units) {
+  const auto width = at(run.mdm.nvar2);
+  Array<double> sum(width);
+  Array<int> n(width);
+  const auto take = [&](const UnitBlock& unit) {
+    for (std::size_t v = 0; v < width; ++v)
+      if (unit.level2[v] != missingcode) {
+        sum[v] += unit.level2[v];
+        ++n[v];
+      }
+  };
+  take(units.unit);
+  const long long position = unitposition(units.reader);
+  while (skimunit(units.reader, units.ahead) && sameid(units.ahead.id3, units.unit.id3)) take(units.ahead);
+  seekunit(units.reader, position);
+  for (std::size_t v = 0; v < width; ++v) units.mean2[v] = n[v] > 0 ? sum[v] / n[v] : 0.0;
+}
+
+void centerlevel2(const RecordUnits& units, Array<double>& level2) {
+  for (std::size_t v = 0; v < level2.size(); ++v)
+    level2[v] = units.unit.level2[v] - centre(run.model.center2[v + 1], units.mean2[v], run.mdm.mean2[v]);
+}
+
+void centerlevel1(RecordUnits& units) {
+  for (std::size_t c = 0; c < units.shift.size(); ++c) {
+    const int v = units.layout.column[c];
+    if (v >= 0) units.shift[c] = centre(run.model.center1[at(v) + 1], units.unit.means[at(v)], run.mdm.mean1[at(v)]);
+  }
+}
+
+// The outcome of a record of counts as a rate.
+double rateof(const RecordUnits& units, const double* values, std::size_t record) {
+  const double y = values[units.layout.outcome], n = values[units.layout.count];
+  const bool trials = run.kind.nonlin == 1;
+  if (y < 0.0 || n <= 0.0)
+    stopwith("\nError: the outcome must be greater than or equal to 0.0, and the\n%s must be greater than 0.0\n",
+             trials ? "number of trials" : "exposure");
+  if (trials && y > n) stopwith("\nError: the outcome must be less than or equal to the number of trials.\n");
+  if (units.counts != nullptr) (*units.counts)[record] = n;
+  return y / n;
+}
+
+// The factor sqrt(w)/sqrt(v) of a record, from its design weight and its known variance.
+double rawfactor(std::size_t record, const double* values) {
+  double factor = run.kind.weighted ? std::sqrt(run.weights.weight1[record]) : 1.0;
+  if (run.out.autovknown != 0) {
+    const double variance = values[run.out.autovknown - 1];
+    if (!(variance > 0.0)) {
+      report("Variance known");
+      report("Weights must be positive!\n");
+      std::printf("Variance known");
+      stopwith("Weights must be positive!\n");
+    }
+    factor /= std::sqrt(variance);
+  }
+  return run.weights.factor1[record] = factor;
+}
+
+// x = (row of A, y) of one record of n columns, times its factors if it has any.
+inline void takerow(RecordUnits& units, const double* values, std::size_t record, bool factors, int n, double* x,
+                    Array<double>& AA2) {
+  const RecordLayout& layout = units.layout;
+  const int* column = layout.column.data();
+  const double* shift = units.shift.data();
+  for (int c = 0; c + 1 < n; ++c) x[c] = column[c] < 0 ? 1.0 : values[column[c]] - shift[c];
+  x[n - 1] = layout.count < 0 ? values[layout.outcome] : rateof(units, values, record);
+  if (!factors) return;
+  if (layout.weight >= 0) {
+    const double factor = std::sqrt(values[layout.weight]);
+    for (int c = 0; c < n; ++c) x[c] *= factor;
+  }
+  if (!havefactors()) return;
+  const double factor = layout.raw ? rawfactor(record, values) : run.weights.factor1[record];
+  for (int c = 0; c < n; ++c) x[c] *= factor;
+  if (!run.kind.weighted) return;
+  for (int c = 0; c < n; ++c)
+    for (int d = 0; d <= c; ++d) AA2[at(c * n + d)] += factor * factor * x[c] * x[d];
+}
+
+// AA = sum of x x' over the records of the unit.
+void addrecords(RecordUnits& units, UnitProducts& products, bool factors) {
+  const int n = static_cast<int>(units.x.size());
+  double* x = units.x.data();
+  double* AA = products.AA.data();
+  products.AA.fill(0.0);
+  for (std::size_t i = 0; i < at(units.unit.nj); ++i) {
+    takerow(units, units.unit.records.data() + i * at(units.layout.width), units.records + i, factors, n, x,
+            products.AA2);
+    for (int c = 0; c < n; ++c)
+      for (int d = 0; d <= c; ++d) AA[c * n + d] += x[c] * x[d];
+  }
+}
+
+// The same for n = N columns, with the sums in registers: a row of them two by two, so that one above the triangle may
+// be formed too.
+template <int N>
+void addrecords(RecordUnits& units, UnitProducts& products, bool factors) {
+  using Pair = double __attribute__((vector_size(16)));
+  constexpr int pairs = (N + 1) / 2;
+  Pair sums[N][pairs] = {};
+  for (std::size_t i = 0; i < at(units.unit.nj); ++i) {
+    double x[2 * pairs] = {};
+    takerow(units, units.unit.records.data() + i * at(units.layout.width), units.records + i, factors, N, x,
+            products.AA2);
+    for (int c = 0; c < N; ++c)
+      for (int d = 0; d <= c / 2; ++d) sums[c][d] += Pair{x[c], x[c]} * Pair{x[2 * d], x[2 * d + 1]};
+  }
+  for (int c = 0; c < N; ++c)
+    for (int d = 0; d <= c; ++d) products.AA[at(c * N + d)] = sums[c][d / 2][d % 2];
+}
+
+void addunit(RecordUnits& units, UnitProducts& products) {
+  products.AA2.fill(0.0);
+  const bool factors = havefactors() || units.layout.weight >= 0;
+  switch (units.x.size()) {
+    case 2:
+      return addrecords<2>(units, products, factors);
+    case 3:
+      return addrecords<3>(units, products, factors);
+    case 4:
+      return addrecords<4>(units, products, factors);
+    case 5:
+      return addrecords<5>(units, products, factors);
+    case 6:
+      return addrecords<6>(units, products, factors);
+    default:
+      return addrecords(units, products, factors);
+  }
+}
+
+// The working data file gets the block as the analysis has it, its variables centered. Changes the block.
+void writeworking(RecordUnits& units, const Array<double>& level2) {
+  UnitBlock& unit = units.unit;
+  const auto width = at(run.mdm.nvar1);
+  for (std::size_t v = 0; v < width; ++v) {
+    const int mark = run.model.center1[v + 1];
+    if (mark == 0) continue;
+    const double mean = centre(mark, unit.means[v], run.mdm.mean1[v]);
+    for (std::size_t i = 0; i < at(unit.nj); ++i) unit.records[i * width + v] -= mean;
+  }
+  std::copy(level2.begin(), level2.end(), unit.level2.begin());
+  writeunit(units.working, unit, run.mdm.nvar1, run.mdm.nvar2, false);
+}
+
+}  // namespace
+
+RecordLayout mdmlayout(bool raw) {
+  RecordLayout layout;
+  layout.width = run.mdm.nvar1;
+  layout.outcome = run.kind.outvar - 1;
+  layout.raw = raw;
+  layout.column.reset(at(run.coef.npi));
+  std::size_t i = 0;
+  for (const CoefficientRow& coefficient : modelrows().coefficients) layout.column[i++] = coefficient.variable - 1;
+  return layout;
+}
+
+void startrecords(RecordUnits& units, RecordLayout layout, std::FILE* stream, long long offset) {
+  units.layout = std::move(layout);
+  const RecordLayout& l = units.layout;
+  units.mean2.reset(at(run.mdm.nvar2));
+  units.shift.reset(l.column.size());
+  units.x.reset(l.column.size() + 1);
+  for (const int mark : run.model.center2) units.group2 = units.group2 || (l.raw && mark == 1);
+  if (l.raw && havefactors()) run.weights.factor1.reset(at(run.mdm.numl1rec));
+  startunits(units.reader, stream, offset, l.width, run.mdm.nvar2, l.raw);
+}
+
+bool nextunit(RecordUnits& units, UnitProducts& products) {
+  UnitBlock& unit = units.unit;
+  do {
+    if (!readunit(units.reader, unit)) return false;
+    if (units.k < 0 || !sameid(unit.id3, units.current)) {
+      if (++units.k >= run.mdm.nunits3) damagedmdm("it has more level-3 units than its table");
+      units.current = unit.id3;
+      if (units.group2) level3unitmeans(units);
+    }
+    if (units.layout.raw && !run.mdm.deletednow) {
+      deleterecords(unit);
+      retakemeans(unit);
+    }
+  } while (run.kind.weighted && unit.nj == 0);  // the weights have no entry for such a unit
+  products.k = units.k;
+  products.nj = unit.nj;
+  products.id2 = unit.id2;
+  if (units.layout.raw) {
+    centerlevel1(units);
+    centerlevel2(units, products.level2);
+  } else {
+    std::copy_n(unit.level2.data(), products.level2.size(), products.level2.data());
+  }
+  addunit(units, products);
+  if (units.working != nullptr) writeworking(units, products.level2);
+  units.records += at(unit.nj);
+  return true;
+}
+
+}  // namespace kdr

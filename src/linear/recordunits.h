@@ -1,0 +1,51 @@
+// The unit source of all models whose records have one outcome each: level-1 records from the MDM file, or from a
+// working data file, become cross-products.
+#pragma once
+
+#include <cstdio>
+
+#include "data/unitreader.h"
+#include "linear/pass.h"
+#include "linear/unitsource.h"
+
+namespace kdr {
+
+// Where the values of a record stand.
+struct RecordLayout {
+  int width = 0;      // values of a record
+  Array<int> column;  // [npi] place of the predictor of each column of A, -1 for the constant
+  int outcome = 0;    // place of the outcome
+  int count = -1;     // place of the trials or exposure that divides the outcome, -1: none
+  int weight = -1;    // place of the working weight, -1: none
+  bool raw = true;    // blocks as the MDM file has them: with means, before deletion and centering
+};
+
+// The layout of the records of the MDM file, or, not `raw`, of a working data file with the same variables.
+[[nodiscard]] RecordLayout mdmlayout(bool raw);
+
+struct RecordUnits {
+  RecordLayout layout;
+  std::FILE* working = nullptr;     // null, or where the blocks go as the analysis has them
+  Array<double>* counts = nullptr;  // null, or where the trials or exposure of each record go
+
+  UnitReader reader;
+  UnitBlock unit, ahead;
+  Id current{};
+  int k = -1;
+  std::size_t records = 0;  // of the units before the one at hand
+  Array<double> mean2;      // [nvar2] means of the level-2 variables over the level-3 unit
+  Array<double> shift;      // [npi] what centering takes off each column in this unit
+  Array<double> x;          // [npi + 1] one record: the columns of A, then Y
+  bool group2 = false;      // some level-2 variable is centered on its level-3 mean
+};
+
+// Starts a walk through `stream` from `offset` on. From raw blocks it deletes records with missing values when that was
+// left to the run, centers, and puts the factor sqrt(w)/sqrt(v) of every record into run.weights.factor1 when the run
+// has design weights or a known variance; later walks take it from there.
+void startrecords(RecordUnits& units, RecordLayout layout, std::FILE* stream, long long offset);
+
+// The next unit; with design weights, units without a record are left out. Raises 100 for a known variance that is not
+// positive and for an outcome or count out of range.
+[[nodiscard]] bool nextunit(RecordUnits& units, UnitProducts& products);
+
+}  // namespace kdr

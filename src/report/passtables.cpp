@@ -1,0 +1,205 @@
+#include "report/passtables.h"
+
+#include "driver/reportstream.h"
+#include "driver/runrecord.h"
+#include "report/fixedtable.h"
+#include "report/hypotheses.h"
+#include "report/matrixtables.h"
+#include "report/resultsheading.h"
+#include "report/stream.h"
+#include "report/variancetables.h"
+
+namespace kdr {
+
+namespace {
+
+bool shown(const PassResults& results) { return run.out.fulloutput || results.kind != PassKind::identity; }
+
+void endwords(const PassResults& results) {
+  switch (results.ending) {
+    case Ending::keyboard:
+      reportline(" Iterations terminated prematurely from the keyboard.");
+      break;
+    case Ending::limit:
+      reporthtml("<b>");
+      reportline("WARNING: the iterations were stopped prior to convergence.");
+      report("You may want to re-run the analysis with a higher number of iterations.");
+      reporthtml("</b>");
+      reportbreak();
+      break;
+    case Ending::converged:
+      reportline("Iterations stopped due to small change in likelihood function");
+      break;
+  }
+}
+
+void heading(const PassResults& results) {
+  if (results.kind != PassKind::linear) {
+    resultsheading(results.kind, results.macro, results.est.sigma2);
+    return;
+  }
+  if (results.heterogeneous) {
+    report2("\nRESULTS FOR HETEROGENEOUS TAU(PI)\n\n", "<h2>Results for heterogeneous ");
+    reporthtml("%s</h2>\n", run.sym.symvar2.c_str());
+  } else {
+    report2("\f******* ITERATION %d *******\n\n", "<h2>Final Results - Iteration %d</h2>", results.iteration);
+  }
+  if (results.stopped) endwords(results);
+}
+
+void noerrors(const PassResults& results) {
+  if (!results.errors.asked || results.errors.known || results.tausstand) return;
+  report("Standard errors for ");
+  if (results.fixsigma2 == 0.0) report("%s, ", run.sym.symvar1.c_str());
+  report("%s, and %s are not computable.", run.sym.symvar2.c_str(), run.sym.symvar3.c_str());
+  reportbreak();
+  reportbreak();
+}
+
+void sigma2lines(const PassResults& results) {
+  const char* symbol = run.sym.symvar1.c_str();
+  if (results.fixsigma2 == 0.0) {
+    reportline(" %s = %12.5f", symbol, results.est.sigma2);
+    if (results.errors.known) reportline(" Standard error of %s = %12.5f", symbol, results.errors.sigma2);
+  } else if (!run.kind.nlrun) {
+    reportbreak();
+    if (run.out.autovknown != 0) {
+      reportline(" %s = %s (Known)", symbol, bareword(run.mdm.names1[run.out.autovknown]).c_str());
+    } else {
+      reportline(" %s = %12.5f", symbol, results.fixsigma2);
+    }
+  }
+}
+
+void partnote(const char* what, int used, int total) {
+  if (used != total) partialdatanote(what, used, total);
+}
+
+void reliabilitytables(Tau which, const PassResults& results) {
+  const Reliabilities& rel = results.reliabilities;
+  const bool pi = which == Tau::pi;
+  const Array<double>& values = pi ? rel.level2 : rel.level3;
+  const int used = pi ? rel.units2 : rel.units3;
+  if (used < 1) {
+    if (pi) {
+      reportline(" The %s reliabilities cannot be computed", run.sym.symvar2.c_str());
+    } else {
+      reportline(" The %s(beta) reliabilities cannot be computed", run.report.html ? "&tau;" : "tau");
+    }
+    return;
+  }
+  reliabilitytable(which, static_cast<int>(values.size()), values.data());
+  partnote("reliability estimates", used, pi ? run.mdm.nunits2 : run.mdm.nunits3);
+}
+
+// A tau with all that belongs to it. The heterogeneous stage has no one tau(pi); its results follow with the mean over
+// the level-3 units.
+void tautables(Tau which, const PassResults& results) {
+  const bool pi = which == Tau::pi;
+  const int n = pi ? run.coef.ntaupi : run.coef.ntaubeta;
+  const double* tau = (pi ? results.est.taupi : results.est.taubeta).data();
+  if (pi && results.heterogeneous) return;
+  tautable(which, MatrixTitle::plain, false, n, tau);
+  if (results.heterogeneous) return;
+  if (results.errors.known)
+    tautable(which, MatrixTitle::standarderror, false, n, (pi ? results.errors.taupi : results.errors.taubeta).data());
+  correlationtable(which, n, tau);
+  reliabilitytables(which, results);
+}
+
+// A table of the fixed effects, its ratios and the hypothesis tests that go with its covariance.
+void effectstables(const PassResults& results, TableKind kind, const Array<double>& covariance) {
+  const int g = run.coef.ngamma;
+  const Array<double> variances = variancesof(covariance, g);
+  const FixedEffects effects{results.est.gammahat, variances, results.degrees};
+  fixedtable(effects, kind, results.kind);
+  if (results.kind != PassKind::identity) ratiotable(effects, kind);
+}
+
+void hypothesistests(const PassResults& results, const Array<double>& covariance) {
+  const int g = run.coef.ngamma;
+  if (run.model.nhypotheses) hypothesistest(g, results.est.gammahat.data(), covariance.data(), g);
+}
+
+void fewunitsnote() {
+  report(
+      "\nThe robust standard errors are appropriate for datasets having a moderate to\n"
+      "large number of level 3 units.  These data do not meet this criterion.\n");
+}
+
+void norobust() { report("\nThe robust standard errors cannot be computed for this model.\n"); }
+
+void robusttables(const PassResults& results) {
+  if (results.robust.empty()) return norobust();
+  effectstables(results, TableKind::robust, results.robust);
+  if (results.fewunits) fewunitsnote();
+  hypothesistests(results, results.robust);
+}
+
+void variancetesttables(const PassResults& results) {
+  const VarianceTests& tests = results.tests;
+  const Estimates& est = results.est;
+  variancetable(Tau::pi, {run.coef.ntaupi, est.taupi.data(), tests.chisq2.data(), tests.df2.data(), est.sigma2});
+  partnote("chi-square statistics", tests.units2, run.mdm.nunits2);
+  variancetable(Tau::beta, {run.coef.ntaubeta, est.taubeta.data(), tests.chisq3.data(), tests.df3.data(), est.sigma2});
+  partnote("chi-square statistics", tests.units3, run.mdm.nunits3);
+}
+
+}  // namespace
+
+void sectionheading(const char* text, const char* html, int rule) {
+  reporttext("\n %s\n", text);
+  reporthtml("<h3>%s</h3>\n", html);
+  reportrule(rule);
+}
+
+void leastsquarestables(const LeastSquaresResults& results, const FixedDegrees& degrees) {
+  const int g = run.coef.ngamma;
+  sectionheading("Least Squares Estimates", "Least Squares Estimates", 23);
+  report("\n %s = %12.5f\n\n", run.sym.symvar1.c_str(), results.sigma2);
+  Array<double> variances = variancesof(results.vgamma, g, results.sigma2);
+  fixedtable({results.gamma, variances, degrees}, TableKind::leastsquares, PassKind::linear);
+  if (results.robust.empty()) {
+    norobust();
+  } else {
+    variances = variancesof(results.robust, g);
+    fixedtable({results.gamma, variances, degrees}, TableKind::leastsquaresrobust, PassKind::linear);
+    if (results.fewunits) fewunitsnote();
+  }
+  if (results.loglik != missingcode) {
+    reportline(" The least-squares likelihood value = %E", results.loglik);
+    reportline(" Deviance = %12.5f", -2.0 * results.loglik);
+  } else {
+    reportline(" The least-squares likelihood cannot be computed: the model leaves no residual.");
+  }
+  reportline(" Number of estimated parameters = %4d", g + 1);
+}
+
+void iterationtables(const PassResults& results) {
+  heading(results);
+  noerrors(results);
+  if (shown(results)) {
+    sigma2lines(results);
+    if (!results.tausstand) {
+      tautables(Tau::pi, results);
+      tautables(Tau::beta, results);
+    }
+  }
+  if (run.out.fulloutput || results.stopped)
+    reportline("The value of the log-likelihood function at iteration %d = %E", results.iteration, results.loglik);
+}
+
+void fixedeffectstables(const PassResults& results) {
+  effectstables(results, TableKind::estimates, results.covariance);
+  hypothesistests(results, results.covariance);
+}
+
+void passtables(const PassResults& results) {
+  iterationtables(results);
+  if (shown(results)) fixedeffectstables(results);
+  if (results.kind == PassKind::identity) return;
+  robusttables(results);
+  if (!results.tausstand) variancetesttables(results);
+}
+
+}  // namespace kdr

@@ -1,0 +1,25 @@
+// The results of a pass as the report shows them. What a pass of each kind shows:
+//   linear, pql, categories   everything
+//   identity                  everything but ratios, robust results and variance tests, and only with full output
+//   populationaverage         the fixed effects, their robust twin and the hypothesis tests
+#pragma once
+
+#include "report/passresults.h"
+
+namespace kdr {
+
+// A section heading: text over a rule of its length, or <h3>.
+void sectionheading(const char* text, const char* html, int rule);
+
+// The section " Least Squares Estimates" of a linear run.
+void leastsquarestables(const LeastSquaresResults& results, const FixedDegrees& degrees);
+
+// What hangs on an iteration: the heading, sigma^2, the taus with their standard errors, correlations and
+// reliabilities, and the log-likelihood of the iteration.
+void iterationtables(const PassResults& results);
+// The fixed effects with their ratios and hypothesis tests, by the covariance of the model.
+void fixedeffectstables(const PassResults& results);
+// All tables of the results.
+void passtables(const PassResults& results);
+
+}  // namespace kdr
