@@ -78,7 +78,6 @@ void thedatapass(benchmark::State& state) {
   for (auto _ : state) {
     Pass pass;
     study::prepare(pass);
-    freestore(pass.store);
   }
   report(state);
 }

@@ -24,8 +24,8 @@ void makepass(Pass& pass, int p, int b) {
   run.mdm.nunits1 = run.mdm.nunits2 * 20;
   run.mdm.nvar3 = 1;
   run.mdm.level3.reset(units3);
-  run.coef.npi = p;
-  run.coef.nbeta = run.coef.ngamma = b;
+  run.coef.npi = run.coef.ntaupi = p;
+  run.coef.nbeta = run.coef.ntaubeta = run.coef.ngamma = b;
   pass.p = p;
   pass.npi = p;
   pass.b = pass.nbeta = pass.g = b;
@@ -39,23 +39,20 @@ void makepass(Pass& pass, int p, int b) {
   pass.scale3.reset(units3);
   pass.scale3.fill(1.0);
   pass.sumYY.reset(units3);
-  pass.sumBB.reset(size(units3, b * b));
-  pass.sumBY.reset(size(units3, b));
-  pass.dinv.reset(size(units3, b * b));
-  pass.vstar.reset(size(units3, b));
-  pass.vlsq.reset(size(units3, b));
+  for (UnitTable<double>* table : {&pass.sumBB, &pass.dinv}) table->reset(units3, size(b, b));
+  for (UnitTable<double>* table : {&pass.sumBY, &pass.vstar, &pass.vright}) table->reset(units3, size(b, 1));
 
   std::mt19937 rng(1);
   std::normal_distribution<double> normal;
-  openstore(pass.store, p, b, static_cast<std::size_t>(run.mdm.nunits2), 0, false, false, false);
+  openstore(pass.store, {p, b, static_cast<std::size_t>(run.mdm.nunits2)});
   const int columns = std::max(p, b);
   std::vector<double> A(size(20, columns)), Y(20);
   for (int k = 0; k < units3; ++k)
     for (int j = 0; j < perunit; ++j) {
       for (double& a : A) a = normal(rng);
       for (double& y : Y) y = normal(rng);
-      double* hot = appendrecord(pass.store.hot);
-      appendrecord(pass.store.cold)[0] = 20;
+      double* hot = pass.store.hot.append();
+      pass.store.cold.append()[0] = 20;
       const auto dot = [&](int c, int d) {
         double sum = 0;
         for (int i = 0; i < 20; ++i)
@@ -68,11 +65,11 @@ void makepass(Pass& pass, int p, int b) {
         hot[pass.store.atZ1Y + static_cast<std::size_t>(i)] = Y[static_cast<std::size_t>(i)];
       }
       for (int m = 0; m < b; ++m)
-        for (int n = 0; n < b; ++n) pass.sumBB[size(k, b * b) + static_cast<std::size_t>(m * b + n)] += dot(m, n);
+        for (int n = 0; n < b; ++n) pass.sumBB.row(k)[m * b + n] += dot(m, n);
       pass.sumYY[k] += 20;
       pass.n1of[k] += 20;
     }
-  closestore(pass.store, pass.n2of);
+  finishstore(pass.store);
 
   run.est.sigma2 = 1.0;
   run.est.gammahat.reset(static_cast<std::size_t>(b));

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -29,6 +30,8 @@
 #include "model/constraints.h"
 #include "model/dialogue.h"
 #include "model/writer.h"
+#include "multirun/latentreport.h"
+#include "multirun/series.h"
 #include "report/header.h"
 #include "report/specification.h"
 #include "report/stream.h"
@@ -86,12 +89,21 @@ void refuseabsentengines() {
     const char* what;
   };
   const Absent absent[] = {
-      {run.kind.nonlin != 0, "estimate non-linear models"}, {run.series.mimode, "pool multiply imputed data sets"},
-      {run.series.pvmode, "pool plausible values"},         {run.iter.agqpoints != 0, "do adaptive quadrature"},
-      {run.out.lvr, "do latent variable regressions"},
+      {run.kind.nonlin != 0, "estimate non-linear models"},
+      {run.iter.agqpoints != 0, "do adaptive quadrature"},
   };
   for (const Absent& engine : absent)
     if (engine.wanted) stopwith("This version of %s cannot %s yet.\n", module, engine.what);
+}
+
+// A latent variable regression needs something to explain and something to explain it by.
+void checkroles() {
+  if (!run.out.lvr) return;
+  const Array<int>& roles = run.out.lvrroles;
+  for (const int role : {1, 2})
+    if (std::find(roles.begin(), roles.end(), role) == roles.end())
+      stopwith("A latent variable regression needs %s among the random level-2 coefficients.\n",
+               role == 1 ? "an outcome" : "a predictor");
 }
 
 // Every model run leaves this file behind, so nothing that the run reads or writes may bear its name.
@@ -128,11 +140,13 @@ void readmodel() {
   outputquestions();
   compactlists();
   refuseabsentengines();
+  checkroles();
   checkfiles();
   markdeletion();
   run.kind.weighted = run.out.wgtvar1 != 0 || run.out.wgtvar2 != 0 || run.out.wgtvar3 != 0;
   if (run.kind.weighted) normaliseweights();
-  run.kind.outname = run.mdm.names1[static_cast<std::size_t>(run.kind.outvar)];
+  if (!run.series.pvmode || run.series.pvfirst)
+    run.kind.outname = run.mdm.names1[static_cast<std::size_t>(run.kind.outvar)];
   centerlevel3();
 }
 
@@ -148,8 +162,35 @@ void openresults() {
   writespecification();
   applyconstraints();
   run.coef.ngamma -= run.model.nconstrained;
+  beginseries();
   if (!reportisstdout()) std::printf("Computing . . ., please wait\n");
   writecommandfile(newcommandfile);
+}
+
+// Moves the model to the next plausible value and leaves it as the command file of the next pass; false when there is
+// none.
+bool nextplausiblevalue() {
+  SeriesMode& series = run.series;
+  if (!series.pvmode || series.pvindex + 1 >= series.nsets) return false;
+  ++series.pvindex;
+  series.pvfirst = false;
+  const auto old = static_cast<std::size_t>(series.pvcurrent);
+  series.pvcurrent = series.pvlist[static_cast<std::size_t>(series.pvindex)];
+  const auto next = static_cast<std::size_t>(series.pvcurrent);
+  int* use = run.model.use1.row(0);
+  if (use[old] == -1) {
+    run.kind.outvar = series.pvcurrent;
+    use[next] = -1;
+  } else {
+    ++series.pvpredictor;
+    run.model.center1[next] = run.model.center1[old];
+    run.model.center1[old] = 0;
+    use[next] = 1;
+  }
+  use[old] = 0;
+  writecommandfile(run.files.tempname1.c_str());
+  run.files.cmdfile = run.files.tempname1;
+  return true;
 }
 
 }  // namespace
@@ -158,6 +199,7 @@ void runjob(int argc, char** argv) {
   holdstandardstreams();
   outofmemory = [] { fail(3); };
   stophooks.closescratch = scratchcloseall;
+  stophooks.closeseries = closeseries;
   installhandlers();
   startrun();
   const Options options = readoptions(argc, argv);
@@ -172,10 +214,16 @@ void runjob(int argc, char** argv) {
   }
   if (rawjob) constructionjob();
 
-  readmodel();
-  openresults();
-  estimatelinear();
-  closereport();
+  do {
+    readmodel();
+    openresults();
+    const PassResults results = estimatelinear();
+    storesubrun(results);
+    latentvariableregression(results);
+    listlinearfiles(results);
+    if (const Pooled* averages = poolseries()) latentvariableregression(*averages);
+    closereport();
+  } while (nextplausiblevalue());
   fail(0);
 }
 

@@ -83,7 +83,7 @@ class Array {
 
 // Rows of one width, one for each unit of a level.
 template <class T>
-struct Table {
+struct UnitTable {
   Array<T> cells;
   std::size_t width = 0;
 

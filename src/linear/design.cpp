@@ -24,13 +24,6 @@ void reducedeffects(Array<int>& reduced) {
 
 }  // namespace
 
-Array<int> level1columns(const Pass& pass) {
-  Array<int> columns(at(pass.npi));
-  std::size_t i = 0;
-  for (const CoefficientRow& coefficient : modelrows().coefficients) columns[i++] = coefficient.variable;
-  return columns;
-}
-
 void makedesign(Pass& pass) {
   const ModelSpec& model = run.model;
   pass.npi = run.coef.npi;

@@ -72,7 +72,7 @@ bool glsupdate(const Pass& pass, const PosteriorSums& sums) {
   return true;
 }
 
-void emstep(Pass& pass, Likelihood& likelihood, EmSums& em, Table<double>* hettaupi) {
+void emstep(Pass& pass, Likelihood& likelihood, EmSums& em, UnitTable<double>* hettaupi) {
   if (run.est.sigma2 < 0.0) fail(15);
   double Ldelta = 0.0, Ltau = 0.0;
   const Array<double> Sb = covarianceinverse(run.est.taubeta.data(), pass.b, Tau::beta, Ldelta);

@@ -20,7 +20,7 @@ struct IterationState {
   FisherWork fisher;
   TauHistory history;
   double s1 = 0.0, s2 = 0.0;                                      // sigma2 one and two iterations back
-  Table<double> hettaupi;                                         // a taupi per level-3 unit, heterogeneous stage only
+  UnitTable<double> hettaupi;                                     // a taupi per level-3 unit, heterogeneous stage only
   bool converged = false, atlimit = false, keyboardstop = false;  // why the stage ended
   Ending ending = Ending::converged;
 

@@ -75,10 +75,10 @@ void resultfiles(Pass& pass, bool ordinary) {
 
 }  // namespace
 
-void estimatelinear() {
+PassResults estimatelinear() {
   Pass pass;
   beginpass(pass, linearplan());
-  const PassResults results = linearpass(pass);
+  PassResults results = linearpass(pass);
   const bool ordinary = !results.heterogeneous, iterated = results.loglik != missingcode;
   if (ordinary) {
     passtables(results);
@@ -96,7 +96,11 @@ void estimatelinear() {
   } else if (wantresiduals() || run.out.graph) {
     reportline("No iterations were asked for, so there are no residual or graph files.");
   }
-  if (ordinary && run.out.printvc != 0) listvariancefiles();
+  return results;
+}
+
+void listlinearfiles(const PassResults& results) {
+  if (!results.heterogeneous && run.out.printvc != 0) listvariancefiles();
 }
 
 }  // namespace kdr

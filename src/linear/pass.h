@@ -51,19 +51,19 @@ struct Pass {
   Array<double> gramMY;  // [g], M'Y
 
   // Sums per level-3 unit k. Sub-blocks of BB give Z2'Z2 and, through W3, M'Z2 and M'M.
-  Array<int> n2of, n1of;  // level-2 units, level-1 records
-  Array<double> sumYY;    // Y'Y
-  Table<double> sumBB;    // nbeta squared, B'B
-  Table<double> sumBY;    // [nbeta], B'Y
-  Table<double> sumBB2;   // weighted runs: B2'B2, the rows of B with their factor once more
-  Array<double> scale3;   // factor of the columns of Z2: 1.0, in a weighted run 1/sqrt of the unit's weight
+  Array<int> n2of, n1of;     // level-2 units, level-1 records
+  Array<double> sumYY;       // Y'Y
+  UnitTable<double> sumBB;   // nbeta squared, B'B
+  UnitTable<double> sumBY;   // [nbeta], B'Y
+  UnitTable<double> sumBB2;  // weighted runs: B2'B2, the rows of B with their factor once more
+  Array<double> scale3;      // factor of the columns of Z2: 1.0, in a weighted run 1/sqrt of the unit's weight
 
   // The posterior of level 3 at the last step, per unit k.
-  Table<double> dinv;    // b squared: D_k^-1; sigma2 times it is the posterior covariance of v_k
-  Table<double> vstar;   // [b]: posterior mean, the empirical Bayes residual of level 3
-  Table<double> vright;  // [b]: q_k, what D_k^-1 makes vstar from
+  UnitTable<double> dinv;    // b squared: D_k^-1; sigma2 times it is the posterior covariance of v_k
+  UnitTable<double> vstar;   // [b]: posterior mean, the empirical Bayes residual of level 3
+  UnitTable<double> vright;  // [b]: q_k, what D_k^-1 makes vstar from
   // The least-squares residual of level 3, from the variance tests; missingcode at the head of a unit without one.
-  Table<double> vlsq;  // [b]
+  UnitTable<double> vlsq;  // [b]
 
   UnitStore store;
 
@@ -73,9 +73,6 @@ struct Pass {
   double likeconstant = 0.0;                     // nunits1 times half the logarithm of 2 pi
   int nusable1 = 0, nusable2 = 0, nusable3 = 0;  // records and units that entered the moments of the starting values
 };
-
-// The level-1 variable of each level-1 coefficient, over all sets: 0 the constant.
-[[nodiscard]] Array<int> level1columns(const Pass& pass);
 
 // Fills the dimensions, which are kept in run.coef too, and the design from run.model and run.coef, and the term counts
 // of the reduced model. A pass with nothing random at a level prints "Nothing left at ... level." and stops with code

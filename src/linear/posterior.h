@@ -29,11 +29,11 @@ namespace kdr {
 // Where the sweep stands.
 struct PosteriorInput {
   double sigma2;
-  const double* gamma;            // [g]
-  const double* S;                // p squared, sigma2 taupi^-1
-  const double* Sb;               // b squared, sigma2 taubeta^-1
-  const Table<double>* hettaupi;  // null, or a taupi per level-3 unit: S is then made from it unit by unit
-  bool keepmeans;                 // u*, v* and q are kept
+  const double* gamma;                // [g]
+  const double* S;                    // p squared, sigma2 taupi^-1
+  const double* Sb;                   // b squared, sigma2 taubeta^-1
+  const UnitTable<double>* hettaupi;  // null, or a taupi per level-3 unit: S is then made from it unit by unit
+  bool keepmeans;                     // u*, v* and q are kept
 };
 
 // The posterior of one level-3 unit.

@@ -29,7 +29,7 @@ struct StartWork {
   Array<double> I2, U2;             // p squared: sums of (Z1'Z1)^-1 and of u u'
   // Per level-3 unit: the inverse of Z2'Z2, missingcode at its head for an unusable unit; then K = sum R Pj R' and
   // h = sum R u of the second round.
-  Table<double> Z2Z2inv, K, h3;
+  UnitTable<double> Z2Z2inv, K, h3;
 };
 
 StartWork makework(const Pass& pass) {

@@ -66,7 +66,8 @@ void Ridge::raise(double first) {
   value *= 10.0;
 }
 
-bool trialstep(Parameters& parameters, double* delta, bool (*usable)(Parameters&), void (*between)()) {
+bool trialstep(Parameters& parameters, double* delta, const std::function<bool(Parameters&)>& usable,
+               const std::function<void()>& between) {
   constexpr int trials = 8;
   const Parameters kept = parameters.copy();
   for (int trial = 1; trial <= trials; ++trial) {
@@ -74,7 +75,7 @@ bool trialstep(Parameters& parameters, double* delta, bool (*usable)(Parameters&
     if (usable(parameters)) return trial < trials;
     parameters = kept.copy();
     for (std::size_t i = 0; i < parameters.count(); ++i) delta[i] *= 0.5;
-    if (between != nullptr) between();
+    if (between) between();
   }
   return false;
 }

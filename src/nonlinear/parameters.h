@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 
 #include "kernel/array.h"
 
@@ -46,6 +47,7 @@ struct Ridge {
 // Adds delta to `parameters`, halving it until `usable` accepts the result; `between`, when not null, is called at each
 // halving. At most eight trials; a success at the eighth counts as a failure, and leaves the parameters where that
 // trial put them. Other failures put them back. Returns true on success.
-bool trialstep(Parameters& parameters, double* delta, bool (*usable)(Parameters&), void (*between)());
+bool trialstep(Parameters& parameters, double* delta, const std::function<bool(Parameters&)>& usable,
+               const std::function<void()>& between);
 
 }  // namespace kdr

@@ -4,6 +4,7 @@
 #include "linear/emstep.h"
 #include "linear/fisher.h"
 #include "linear/fixtau.h"
+#include "linear/inference.h"
 #include "linear/iteration.h"
 #include "linear/posterior.h"
 #include "linear/startingvalues.h"
@@ -64,9 +65,9 @@ TEST_P(Engine, SweepGivesLikelihoodPosteriorAndGeneralisedCrossProduct) {
       const dense::Matrix v = x.L * t(u.Z2) * W * r;
       const dense::Matrix Ev = x.L - x.L * t(u.Z2) * W * u.Z2 * x.L;
       for (int a = 0; a < 2; ++a) {
-        expectnear(pass.vstar[2 * k + static_cast<std::size_t>(a)], v(a, 0), 1, "v*");
+        expectnear(pass.vstar.cells[2 * k + static_cast<std::size_t>(a)], v(a, 0), 1, "v*");
         for (int b = 0; b < 2; ++b)
-          expectnear(x.s * pass.dinv[4 * k + static_cast<std::size_t>(2 * a + b)], Ev(a, b), 1, "cov v*");
+          expectnear(x.s * pass.dinv.cells[4 * k + static_cast<std::size_t>(2 * a + b)], Ev(a, b), 1, "cov v*");
       }
       VV = VV + v * t(v);
       const dense::Matrix Z1 = u.blockZ1();
@@ -235,7 +236,9 @@ TEST_P(Engine, HeterogeneousStepsGiveEachUnitItsOwnMoment) {
   const dense::Parameters start = study::setparameters(points[0].T, points[0].L, points[0].s, points[0].gamma);
   const dense::Matrix gamma = study::gammamatrix();
   const std::size_t units = made.units.size();
-  Array<double> T(4 * units);
+  UnitTable<double> table;
+  table.reset(units, 4);
+  Array<double>& T = table.cells;
   for (std::size_t i = 0; i < T.size(); ++i) T[i] = points[0].T[i % 4] * (1.0 + 0.1 * static_cast<double>(i / 4));
   std::vector<dense::Parameters> own(units, start);
   double loglik = 0;
@@ -245,7 +248,7 @@ TEST_P(Engine, HeterogeneousStepsGiveEachUnitItsOwnMoment) {
   }
   Likelihood likelihood{-1e36, -1e36};
   EmSums em;
-  emstep(pass, likelihood, em, T.data());
+  emstep(pass, likelihood, em, &table);
   expectnear(likelihood.current, loglik, loglik, "log-likelihood");
   for (std::size_t k = 0; k < units; ++k) {
     const dense::Unit& u = made.units[k];
@@ -262,7 +265,7 @@ TEST_P(Engine, HeterogeneousStepsGiveEachUnitItsOwnMoment) {
   }
   for (int step = 0; step < 30; ++step) {
     run.est.sigma2 = (em.traceacc + em.rss) / run.mdm.nunits1;
-    emstep(pass, likelihood, em, T.data());
+    emstep(pass, likelihood, em, &table);
     EXPECT_GE(likelihood.current, likelihood.previous - 1e-9) << "step " << step;
   }
 }
@@ -305,13 +308,13 @@ TEST(Store, FilesGiveTheSameBitsAsMemory) {
   for (const std::size_t budget : {std::size_t{1} << 30, std::size_t{0}})
     for (const std::size_t window : {std::size_t{1} << 20, std::size_t{2000}, std::size_t{1}}) {
       unitstorebudget = budget;
-      unitwindowbytes = window;
+      streamwindowbytes = window;
       study::Study made(3, 20);
       run.report.stream = std::fopen("/dev/null", "w");
       run.files.outfile = "stdout";
       Pass pass;
       study::prepare(pass);
-      EXPECT_EQ(pass.store.hot.resident, budget != 0);
+      EXPECT_EQ(pass.store.hot.windowrecords() > 1000000, budget != 0);
       study::setparameters(points[0].T, points[0].L, points[0].s, points[0].gamma);
       IterationState state;
       startiterations(pass, state);
@@ -322,15 +325,14 @@ TEST(Store, FilesGiveTheSameBitsAsMemory) {
       std::vector<double> result(run.est.gammahat.begin(), run.est.gammahat.end());
       result.insert(result.end(), run.est.taupi.begin(), run.est.taupi.end());
       result.push_back(run.est.sigma2);
-      result.push_back(state.rel3[1]);
+      result.push_back(reliabilities(pass).level3[1]);
       if (inmemory.empty()) inmemory = result;
       EXPECT_EQ(result, inmemory);
-      freestore(pass.store);
       std::fclose(run.report.stream);
       run.report.stream = nullptr;
     }
   unitstorebudget = std::size_t{256} << 20;
-  unitwindowbytes = std::size_t{16} << 20;
+  streamwindowbytes = std::size_t{16} << 20;
 }
 
 INSTANTIATE_TEST_SUITE_P(Seeds, Engine, testing::Values(1U, 2U, 3U));

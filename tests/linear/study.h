@@ -15,7 +15,8 @@
 #include "dense.h"
 #include "driver/runrecord.h"
 #include "linear/datapass.h"
-#include "linear/pass.h"
+#include "linear/recordunits.h"
+#include "linear/runpass.h"
 
 namespace study {
 
@@ -156,20 +157,23 @@ struct Study {
   }
 };
 
+// The data pass of `pass` over the blocks of the MDM file, or of the working data file at `working`, which a first walk
+// with `write` has made.
+inline void fold(Pass& pass, std::FILE* working = nullptr, bool write = false) {
+  RecordUnits units;
+  const bool raw = working == nullptr || write;
+  startrecords(units, mdmlayout(raw), raw ? run.mdm.stream : working, raw ? run.mdm.firstblock : 0);
+  if (write) units.working = working;
+  datapass(pass, [&](UnitProducts& unit) { return nextunit(units, unit); }, true, true);
+}
+
 // The pass over the study, ready to iterate.
 inline void prepare(Pass& pass) {
-  makedesign(pass);
-  const auto units = static_cast<std::size_t>(run.mdm.nunits3);
-  pass.gramMM.reset(36);
-  run.est.gammahat.reset(6);
-  run.est.vgamma.reset(36);
-  run.est.taupi.reset(4);
-  run.est.taubeta.reset(4);
-  pass.dinv.reset(units * 4);
-  pass.vstar.reset(units * 2);
-  pass.vlsq.reset(units * 2);
-  datapass(pass);
-  pass.likeconstant = run.mdm.nunits1 * 0.5 * std::log(2 * M_PI);
+  PassPlan plan;
+  plan.limit = run.iter.numit;
+  plan.stopval = run.iter.stopval;
+  beginpass(pass, plan);
+  fold(pass);
 }
 
 // Sets the parameters of run.est and returns them for the oracle.

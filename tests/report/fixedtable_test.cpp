@@ -30,18 +30,17 @@ FixedDegrees degreesare(const std::vector<int>& df, const std::vector<int>& roug
   return degrees;
 }
 
-// Textbook points of t: 2.228 and 3.169 at 10 degrees of freedom are 5% and 1%. With variance 4 and scale 0.25 every
-// standard error is 1, so that coefficients are t-ratios. The last three rows cannot be tested: one degree of freedom,
-// no variance, a variance that isn't a number.
+// Textbook points of t: 2.228 and 3.169 at 10 degrees of freedom are 5% and 1%. Every standard error is 1, so that
+// coefficients are t-ratios. The last three rows cannot be tested: one degree of freedom, no variance, a variance that
+// isn't a number.
 TEST(FixedTable, TextRowsWithEveryKindOfEnding) {
   fivegammas();
   const FixedDegrees degrees = degreesare({10, 10, 1, 500, 10}, {0, 1, 0, 0, 1});
-  const double gamma[5] = {2.228, -3.169, 7.0, 1.0, 1.0};
-  double variance[30] = {};  // rows of 6
-  for (int i = 0; i < 3; ++i) variance[i * 7] = 4.0;
-  variance[4 * 7] = std::numeric_limits<double>::quiet_NaN();
-  const std::string text =
-      capturedtable(false, [&] { fixedtable(degrees, TableKind::estimates, variance, gamma, 6, 0.25); });
+  const Array<double> gamma = arrayof({2.228, -3.169, 7.0, 1.0, 1.0});
+  const Array<double> variance = arrayof({1, 1, 1, 0, std::numeric_limits<double>::quiet_NaN()});
+  const std::string text = capturedtable(false, [&] {
+    fixedtable({gamma, variance, degrees}, TableKind::estimates, PassKind::linear);
+  });
   EXPECT_EQ(text,
             "\f The outcome variable is     MATH\n\n"
             " Final estimation of fixed effects:\n"
@@ -72,9 +71,10 @@ TEST(FixedTable, HtmlShowsSmallPAndClosesWithTheBottomStyle) {
   run.kind.outname = run.mdm.names1[1];
   setmodel({{0, true, {{0, {0}}}}});
   const FixedDegrees degrees = degreesare({40}, {1});
-  const double gamma = 10.0, variance = 1.0;
-  const std::string html =
-      capturedtable(true, [&] { fixedtable(degrees, TableKind::laplace, &variance, &gamma, 1, 1.0); });
+  const Array<double> gamma = arrayof({10}), variance = arrayof({1});
+  const std::string html = capturedtable(true, [&] {
+    fixedtable({gamma, variance, degrees}, TableKind::laplace, PassKind::pql);
+  });
   EXPECT_NE(html.find("<h4> The outcome variable is    A&lt;B&amp;C\n\n Final estimation of fixed effects\n"
                       " (Unit-specific model)\n</h4><table border=1 "),
             std::string::npos)
@@ -91,43 +91,56 @@ TEST(FixedTable, HtmlShowsSmallPAndClosesWithTheBottomStyle) {
       << html;
 }
 
-struct KindCase {
+struct HeadingCase {
   TableKind kind;
+  PassKind pass;
   const char* heading;
-  double variance;  // what the row's variance comes to: 9 in the matrix, scale 4
-  bool approximate;
 };
 
-class TableKinds : public testing::TestWithParam<KindCase> {};
-
-// Kinds differ in heading, source of the variance, and degrees of freedom: 1000 records less 1 gamma for least squares
-// (t of 1.962 is then the 5% point), 10 of the table otherwise.
-TEST_P(TableKinds, PicksHeadingVarianceAndDegrees) {
-  const KindCase& c = GetParam();
+// What the heading says, and whose degrees of freedom the row has: 1000 records less 1 gamma for least squares, 10 of
+// the table otherwise.
+TEST(FixedTable, HeadingsAndDegrees) {
+  using enum TableKind;
+  const HeadingCase cases[] = {
+      {estimates, PassKind::linear, "\n\n Final estimation of fixed effects:\n ---"},
+      {robust, PassKind::linear, "\n\n Final estimation of fixed effects\n (with robust standard errors)\n ---"},
+      {estimates, PassKind::identity,
+       "\n\n Estimation of fixed effects: (linear model with identity link function)\n ---"},
+      {estimates, PassKind::pql, "\n\n Final estimation of fixed effects: (Unit-specific model)\n ---"},
+      {robust, PassKind::pql, " fixed effects\n (Unit-specific model with robust standard errors)\n ---"},
+      {estimates, PassKind::populationaverage,
+       "\n\n Final estimation of fixed effects: (Population-average model)\n ---"},
+      {robust, PassKind::populationaverage,
+       " fixed effects\n (Population-average model with robust standard errors)\n ---"},
+      {estimates, PassKind::categories, "\n\n Final estimation of fixed effects:\n ---"},
+      {robust, PassKind::categories, "\n\n Final estimation of fixed effects\n (with robust standard errors)\n ---"},
+      {leastsquares, PassKind::linear, "\n\n Least-squares estimates of fixed effects\n ---"},
+      {leastsquaresrobust, PassKind::linear,
+       "\n\n Least-squares estimates of fixed effects\n (with robust standard errors)\n ---"},
+      {averagedmi, PassKind::pql, "     Y\n\n Final estimation of fixed effects: (Unit-specific model)\n ---"},
+      {averagedrobustmi, PassKind::linear, " fixed effects\n (with robust standard errors)\n ---"},
+      {averagedpv, PassKind::linear, " The outcome variables are: \n\n Final estimation of fixed effects:\n ---"},
+      {averagedrobustpv, PassKind::linear,
+       " The outcome variables are: \n\n Final estimation of fixed effects\n (with robust"},
+      {laplace, PassKind::pql, "\n\n Final estimation of fixed effects\n (Unit-specific model)\n ---"},
+      {quadrature, PassKind::pql, "\n\n Final estimation of fixed effects\n (Unit-specific model)\n ---"}};
   startmodel({"Y"}, {}, {});
   setmodel({{0, true, {{0, {0}}}}});
   const FixedDegrees degrees = degreesare({10}, {0});
-  const double matrix = 9.0, gamma = 0.0;
-  const std::string text = capturedtable(false, [&] { fixedtable(degrees, c.kind, &matrix, &gamma, 1, 4.0); });
-  EXPECT_NE(text.find(c.heading), std::string::npos) << text;
-  EXPECT_EQ(text.find("Approx.") != std::string::npos, c.approximate);
-  char row[80];
-  std::snprintf(row, sizeof row, "     0.000000    %8.6f      0.000      %3d    1.000\n", std::sqrt(c.variance),
-                c.approximate ? 10 : 999);
-  EXPECT_NE(text.find(row), std::string::npos) << text << row;
+  const Array<double> variance = arrayof({9}), gamma(1);
+  for (const HeadingCase& c : cases) {
+    run.kind.nlrun = c.pass != PassKind::linear && c.pass != PassKind::categories;
+    const std::string text = capturedtable(false, [&] { fixedtable({gamma, variance, degrees}, c.kind, c.pass); });
+    const bool ownline = c.kind == estimates || c.kind == averagedpv || c.kind == averagedmi;
+    EXPECT_EQ(text[0] == '\f', ownline) << text;
+    EXPECT_NE(text.find(c.heading), std::string::npos) << c.heading << text;
+    const bool ofleastsquares = c.kind == leastsquares || c.kind == leastsquaresrobust;
+    EXPECT_EQ(text.find("Approx.") != std::string::npos, !ofleastsquares);
+    const char* row = ofleastsquares ? " 0.000000    3.000000      0.000      999    1.000\n"
+                                     : " 0.000000    3.000000      0.000       10    1.000\n";
+    EXPECT_NE(text.find(row), std::string::npos) << text << row;
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    All, TableKinds,
-    testing::Values(KindCase{TableKind::estimates, "\n Final estimation of fixed effects:\n ---", 36, true},
-                    KindCase{TableKind::robust,
-                             "\n Final estimation of fixed effects\n (with robust standard errors)\n", 36, true},
-                    KindCase{TableKind::leastsquares, "\n Least-squares estimates of fixed effects\n ---", 36, false},
-                    KindCase{TableKind::leastsquaresrobust,
-                             "\n Least-squares estimates of fixed effects\n (with robust standard errors)\n", 9, false},
-                    KindCase{TableKind::averagedmi, "\n Final estimation of fixed effects:\n ---", 9, true},
-                    KindCase{TableKind::averagedrobustpv,
-                             " The outcome variables are: \n\n Final estimation of fixed effects\n", 9, true}));
 
 // Gammas 2 and 3 (of 4) are one: three rows remain, the second is marked, and the labels of the third gamma are gone.
 TEST(FixedTable, ConstrainedGammasAreMarked) {
@@ -135,9 +148,10 @@ TEST(FixedTable, ConstrainedGammasAreMarked) {
   setmodel({{0, true, {{0, {0, 1}}}}, {2, true, {{0, {0, 1}}}}});
   setconstraints({0, 1, -1, 0});
   const FixedDegrees degrees = degreesare({10, 10, 10, 0}, {0, 0, 0, 0});
-  const double gamma[3] = {}, variance[9] = {};
-  const std::string text =
-      capturedtable(false, [&] { fixedtable(degrees, TableKind::estimates, variance, gamma, 3, 1.0); });
+  const Array<double> gamma(3), variance(3);
+  const std::string text = capturedtable(false, [&] {
+    fixedtable({gamma, variance, degrees}, TableKind::estimates, PassKind::linear);
+  });
   EXPECT_NE(text.find("INTRCPT3, G000      0.000000"), std::string::npos) << text;
   EXPECT_NE(text.find("    POOR, G001*     0.000000"), std::string::npos) << text;
   EXPECT_NE(text.find("    POOR, G101      0.000000"), std::string::npos) << text;
@@ -149,10 +163,9 @@ TEST(RatioTable, WritesIntervalsInANonlinearRunOnly) {
   fivegammas();
   const FixedDegrees degrees = degreesare({10, 1, 10, 10, 10}, {0, 0, 0, 0, 0});
   // The 5% point of t with 10 degrees of freedom is 2.2281, taken as 2.229: exp(2.229) is 9.2906.
-  const double gamma[5] = {0.0, 0.0, std::log(2.0), 1000.0, 0.0};
-  double variance[25] = {};
-  for (int i = 0; i < 5; ++i) variance[i * 6] = 1.0;
-  const auto write = [&] { ratiotable(degrees, TableKind::estimates, variance, gamma, 5, 1.0); };
+  const Array<double> gamma = arrayof({0.0, 0.0, std::log(2.0), 1000.0, 0.0});
+  const Array<double> variance = arrayof({1, 1, 1, 1, 1});
+  const auto write = [&] { ratiotable({gamma, variance, degrees}, TableKind::estimates); };
   EXPECT_EQ(capturedtable(false, write), "");
   run.kind.nlrun = true;
   run.kind.nonlin = 2;

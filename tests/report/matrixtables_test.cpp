@@ -34,7 +34,7 @@ TEST_P(Titles, OfTauPi) {
   const TitleCase& c = GetParam();
   twobytwo();
   const double matrix[4] = {};
-  const auto write = [&] { taupitable(c.kind, c.zero, c.n, matrix); };
+  const auto write = [&] { tautable(Tau::pi, c.kind, c.zero, c.n, matrix); };
   const std::string text = capturedtable(false, write), html = capturedtable(true, write);
   EXPECT_EQ(text.substr(0, text.find(" INTRCPT1,P0")), c.text);
   EXPECT_EQ(html.substr(0, html.find("<table")), c.html);
@@ -59,7 +59,7 @@ INSTANTIATE_TEST_SUITE_P(
 TEST(TauPiTable, RowsInBothModes) {
   twobytwo();
   const double matrix[4] = {1.5, -0.25, -0.25, missingcode};
-  const auto write = [&] { taupitable(MatrixTitle::plain, false, 2, matrix); };
+  const auto write = [&] { tautable(Tau::pi, MatrixTitle::plain, false, 2, matrix); };
   EXPECT_EQ(capturedtable(false, write),
             "\ntau(pi)\n"
             " INTRCPT1,P0      1.50000      -0.25000 \n"
@@ -82,7 +82,8 @@ TEST(TauBetaTable, OrderSevenTakesTwoBlocks) {
   double matrix[49] = {};
   for (int i = 0; i < 49; ++i) matrix[i] = i % 8 == 0 ? 1.0 : 0.0;
   matrix[6] = -12.5;
-  const std::string text = capturedtable(false, [&] { taubetatable(MatrixTitle::standarderror, false, 7, matrix); });
+  const std::string text =
+      capturedtable(false, [&] { tautable(Tau::beta, MatrixTitle::standarderror, false, 7, matrix); });
   const std::string rest = "    0.00000  ";
   std::string expected = "Standard errors of tau(beta)\n";
   for (int i = 0; i < 6; ++i) expected += " INTRCPT1    ";
@@ -101,38 +102,40 @@ TEST(TauBetaTable, OrderSevenTakesTwoBlocks) {
 TEST(CorrelationTable, OfBothLevels) {
   twobytwo();
   const double matrix[4] = {4, 1, 1, 1}, flat[4] = {4, 0, 0, 0}, one = 1;
-  EXPECT_EQ(capturedtable(false, [&] { correlationtable(1, 2, matrix); }),
+  EXPECT_EQ(capturedtable(false, [&] { correlationtable(Tau::pi, 2, matrix); }),
             "tau(pi) (as correlations)\n INTRCPT1,P0  1.000  0.500\n      SES,P1  0.500  1.000\n\n");
-  EXPECT_EQ(capturedtable(false, [&] { correlationtable(2, 2, flat); }),
+  EXPECT_EQ(capturedtable(false, [&] { correlationtable(Tau::beta, 2, flat); }),
             "tau(beta) (as correlations)\n INTRCPT1/INTRCPT2,B00  1.000     NC\n"
             "      SES/INTRCPT2,B10     NC     NC\n\n");
-  EXPECT_EQ(capturedtable(false, [&] { correlationtable(1, 1, &one); }), "");
+  EXPECT_EQ(capturedtable(false, [&] { correlationtable(Tau::pi, 1, &one); }), "");
 }
 
 TEST(ReliabilityTable, OfBothLevels) {
   twobytwo();
   const double values[2] = {0.25, 0.5};
   const std::string rule = ruleof(52);
-  EXPECT_EQ(capturedtable(false, [&] { reliabilitytable(2, values, 1); }),
+  EXPECT_EQ(capturedtable(false, [&] { reliabilitytable(Tau::pi, 2, values); }),
             "\n" + rule + "  Random level-1 coefficient   Reliability estimate\n" + rule +
                 "  INTRCPT1, P0                        0.250\n       SES, P1                        0.500\n" + rule);
-  EXPECT_EQ(capturedtable(false, [&] { reliabilitytable(2, values, 2); }),
+  EXPECT_EQ(capturedtable(false, [&] { reliabilitytable(Tau::beta, 2, values); }),
             "\n" + rule + "  Random level-2 coefficient   Reliability estimate\n" + rule +
                 "  INTRCPT1/INTRCPT2, B00               0.250\n       SES/INTRCPT2, B10               0.500\n" + rule);
 }
 
-// Level 1 with 60 units, multiplier 20: row 0 has 60 - 2 * 20 - 0 = 20 degrees of freedom, of which 31.410 is the 5%
-// point; row 1 has 60 - 2 * 20 - 20 = 0. Level 3 with 12 units: 12 - 2 = 10 and 12 - 1 = 11.
+// 31.410 is the 5% point of chi-square with 20 degrees of freedom.
 TEST(VarianceTable, DegreesOfFreedomAndEndings) {
   twobytwo();
   const double tau[4] = {4, 1, 1, 0.25}, chisq[2] = {31.410, 50};
-  const int nterms[2] = {2, 2}, nextra[2] = {0, 20};
+  const long long df[2] = {20, 0}, df3[2] = {10, 11};
   const std::string rule = ruleof(78);
   const std::string heads = rule +
                             " Random Effect           Standard      Variance     df    Chi-square   P-value\n"
                             "                         Deviation     Component\n" +
                             rule;
-  EXPECT_EQ(capturedtable(false, [&] { variancetable(1, 2, 60, 20, nterms, nextra, tau, chisq, 9.0); }),
+  EXPECT_EQ(capturedtable(false,
+                          [&] {
+                            variancetable(Tau::pi, {2, tau, chisq, df, 9.0});
+                          }),
             "\n\n Final estimation of level-1 and level-2 variance components:\n" + heads +
                 " INTRCPT1,        r0      2.00000       4.00000      20      31.41000    0.050\n"
                 "      SES slope,  r1      0.50000       0.25000    too few df to compute\n"
@@ -140,17 +143,23 @@ TEST(VarianceTable, DegreesOfFreedomAndEndings) {
                 rule);
   run.iter.fixsigma2 = 9.0;
   const double chisq3[2] = {9.999, 1000}, broken[2] = {nan, 5};
-  const int nterms3[2] = {2, 1};
-  EXPECT_EQ(capturedtable(false, [&] { variancetable(2, 2, 12, 0, nterms3, nullptr, tau, chisq3, 9.0); }),
+  EXPECT_EQ(capturedtable(false,
+                          [&] {
+                            variancetable(Tau::beta, {2, tau, chisq3, df3, 9.0});
+                          }),
             "\n\n Final estimation of level-3 variance components:\n" + heads +
                 "INTRCPT1/INTRCPT2,  u00     2.00000       4.00000    10       9.99900    >.500\n"
                 "     SES/INTRCPT2,  u10     0.50000       0.25000    11    1000.00000    0.000\n" +
                 rule);
-  const std::string html = capturedtable(true, [&] { variancetable(2, 2, 12, 0, nterms3, nullptr, tau, chisq3, 9.0); });
+  const std::string html = capturedtable(true, [&] { variancetable(Tau::beta, {2, tau, chisq3, df3, 9.0}); });
   const std::string plain = styleplain, bottom = stylebottom;
   EXPECT_NE(html.find("<td align=right " + plain + ">>.500</td></tr>\n"), std::string::npos) << html;
   EXPECT_NE(html.find("<td align=right " + bottom + "><0.001</td></tr>\n</tbody></table>\n"), std::string::npos);
-  EXPECT_EQ(capturedtable(false, [&] { variancetable(1, 2, 60, 1, nterms, nextra, tau, broken, 9.0); }).find("nan"),
+  EXPECT_EQ(capturedtable(false,
+                          [&] {
+                            variancetable(Tau::pi, {2, tau, broken, df3, 9.0});
+                          })
+                .find("nan"),
             std::string::npos);
 }
 
@@ -158,8 +167,8 @@ TEST(VarianceTable, DegreesOfFreedomAndEndings) {
 TEST(VarianceTable, LevelOneRowIsLeftOutWithSigmaFixed) {
   twobytwo();
   const double tau[4] = {1, 0, 0, 1}, chisq[2] = {100, 100};
-  const int none[2] = {};
-  const auto write = [&] { variancetable(1, 2, 60, 20, none, none, tau, chisq, 4.0); };
+  const long long df[2] = {20, 20};
+  const auto write = [&] { variancetable(Tau::pi, {2, tau, chisq, df, 4.0}); };
   const std::string row = std::string("<tr><td align=right ") + stylebottom + ">level-1, <i>e</i></td>";
   EXPECT_NE(capturedtable(true, write).find(row), std::string::npos);
   run.iter.fixsigma2 = 4.0;

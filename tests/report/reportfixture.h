@@ -15,6 +15,12 @@
 
 namespace kdr {
 
+inline Array<double> arrayof(const std::vector<double>& values) {
+  Array<double> array(values.size());
+  for (std::size_t i = 0; i < values.size(); ++i) array[i] = values[i];
+  return array;
+}
+
 // A level-2 term: its variable, its level-3 terms, whether it has a level-3 random effect.
 struct TestTerm {
   int variable;
@@ -81,11 +87,11 @@ inline void setmodel(const std::vector<TestCoefficient>& coefficients) {
         coef.ngamma += static_cast<int>(term.effects.size());
         ++b;
       }
-      coef.npi += coefficient.random ? 1 : 0;
+      coef.ntaupi += coefficient.random ? 1 : 0;
       ++c;
     }
   }
-  coef.nbeta = nbeta;
+  coef.ntaubeta = nbeta;
   countextras();
   labelrandomeffects();
 }

@@ -12,6 +12,7 @@
 #include "data/child.h"
 #include "driver/constants.h"
 #include "driver/runrecord.h"
+#include "model/complete.h"
 #include "report/residual/numbers.h"
 #include "report/residual/residualfile.h"
 

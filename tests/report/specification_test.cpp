@@ -283,18 +283,24 @@ TEST(Specification, MultinomialEquationsAndTables) {
 
   FixedDegrees degrees;
   degreesoffreedom(degrees);
-  const double gamma[4] = {}, V[16] = {}, tau[4] = {1, 0, 0, 1}, chisq[2] = {30, 30};
-  const int nterms[2] = {1, 1}, nextra[2] = {};
-  const std::string fixed = capturedtable(false, [&] { fixedtable(degrees, TableKind::estimates, V, gamma, 4, 1.0); });
+  const Array<double> gamma(4), V(4);
+  const double tau[4] = {1, 0, 0, 1}, chisq[2] = {30, 30};
+  const long long df[2] = {40, 40};
+  const std::string fixed = capturedtable(false, [&] {
+    fixedtable({gamma, V, degrees}, TableKind::estimates, PassKind::categories);
+  });
   EXPECT_NE(fixed.find("-\nFor Category 1\n For       INTRCPT1, P0\n"), std::string::npos) << fixed;
   EXPECT_NE(fixed.find("Unable to compute\n\nFor Category 2\n For       INTRCPT1, P0\n"), std::string::npos) << fixed;
-  EXPECT_EQ(capturedtable(false, [&] { taupitable(MatrixTitle::plain, false, 2, tau); }),
+  EXPECT_EQ(capturedtable(false, [&] { tautable(Tau::pi, MatrixTitle::plain, false, 2, tau); }),
             "\ntau(pi)\n INTRCPT1,P0(1)      1.00000       0.00000 \n INTRCPT1,P0(2)      0.00000       1.00000 \n\n");
-  EXPECT_NE(capturedtable(false, [&] { taubetatable(MatrixTitle::plain, false, 2, tau); })
+  EXPECT_NE(capturedtable(false, [&] { tautable(Tau::beta, MatrixTitle::plain, false, 2, tau); })
                 .find(" INTRCPT1         INTRCPT1        \n INTRCPT2,B00(1) INTRCPT2,B00(2)\n"
                       "    1.00000         0.00000     \n"),
             std::string::npos);
-  EXPECT_NE(capturedtable(false, [&] { variancetable(1, 2, 60, 20, nterms, nextra, tau, chisq, 1.0); })
+  EXPECT_NE(capturedtable(false,
+                          [&] {
+                            variancetable(Tau::pi, {2, tau, chisq, df, 1.0});
+                          })
                 .find(" INTRCPT1(2),      r0      1.00000       1.00000      40      30.00000    >.500\n"),
             std::string::npos);
 }
@@ -304,7 +310,7 @@ TEST(Symbols, MeasurementModels) {
   setmodel({{0, true, {{0, {0}}}}});
   run.mdm.mdmtype = 3;
   const double tau = 2;
-  EXPECT_EQ(capturedtable(false, [&] { taupitable(MatrixTitle::plain, false, 1, &tau); }),
+  EXPECT_EQ(capturedtable(false, [&] { tautable(Tau::pi, MatrixTitle::plain, false, 1, &tau); }),
             "\nsigma^2(e)\n INTRCPT1,Psi0      2.00000 \n\n");
   EXPECT_EQ(run.sym.symsub, "mti");
   EXPECT_EQ(run.sym.symsub2, "ti");
@@ -364,22 +370,23 @@ TEST(Html, WholeReportIsWellNested) {
   FixedDegrees degrees;
   double gamma[6] = {1, 2, 3, 4, 5, 6}, V[36] = {}, tau[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1}, values[3] = {1, 40, 0};
   for (int i = 0; i < 5; ++i) V[i * 7] = 1.0;
-  const int nterms[3] = {1, 1, 99}, nextra[3] = {0, 0, 0};
+  const long long df[3] = {80, 80, 0}, df3[3] = {19, 19, -79};
+  const Array<double> effects = arrayof({1, 2, 3, 4, 5, 6}), variances = variancesof(arrayof({V, V + 36}), 6);
   const std::string html = captured(true, [&] {
     setsymbols();
     makerowlabels();
     writeheader();
     writespecification();
     degreesoffreedom(degrees);
-    fixedtable(degrees, TableKind::estimates, V, gamma, 6, 1.0);
+    fixedtable({effects, variances, degrees}, TableKind::estimates, PassKind::linear);
     run.kind.nlrun = true;
-    ratiotable(degrees, TableKind::estimates, V, gamma, 6, 1.0);
-    taupitable(MatrixTitle::plain, false, 2, tau);
-    taubetatable(MatrixTitle::plain, false, 3, tau);
-    correlationtable(2, 3, tau);
-    reliabilitytable(2, values, 1);
-    variancetable(1, 2, 100, 20, nterms, nextra, tau, values, 1.0);
-    variancetable(2, 3, 20, 1, nterms, nullptr, tau, values, 1.0);
+    ratiotable({effects, variances, degrees}, TableKind::estimates);
+    tautable(Tau::pi, MatrixTitle::plain, false, 2, tau);
+    tautable(Tau::beta, MatrixTitle::plain, false, 3, tau);
+    correlationtable(Tau::beta, 3, tau);
+    reliabilitytable(Tau::pi, 2, values);
+    variancetable(Tau::pi, {2, tau, values, df, 1.0});
+    variancetable(Tau::beta, {3, tau, values, df3, 1.0});
     hypothesistest(6, gamma, V, 6);
     modelstatistics(-100.0, 2);
   });

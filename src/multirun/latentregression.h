@@ -1,0 +1,56 @@
+// Latent variable regression (Raudenbush and Sampson, 1999): some random level-2 coefficients of a level-3 unit
+// regressed on others and on the level-3 variables of the model, from the estimates of the model alone.
+//
+// With the outcome coefficients O (nO) and the predictor coefficients P (nP), Tb = taubeta, and G the level-3
+// coefficients on the nW terms:
+//   b = T_OP T_PP^-1 (nO x nP),  G_adj = G_O - b G_P (nO x nW),  R = T_OO - b T_OP' (nO x nO)
+// Standard errors by the delta method, from the covariances of the tau elements and of the fixed effects.
+#pragma once
+
+#include <span>
+#include <vector>
+
+#include "kernel/array.h"
+
+namespace kdr {
+
+enum class LatentRole { ignore = 0, outcome = 1, predictor = 2 };
+
+// A term of a level-2 coefficient's equation.
+struct LatentTerm {
+  int variable;  // level-3 variable, 0 the intercept
+  int gamma;     // its fixed effect; fixed effects that are constrained equal share a number
+};
+
+struct LatentModel {
+  std::span<const int> roles;                      // one LatentRole per random level-2 coefficient
+  std::vector<std::vector<LatentTerm>> equations;  // of the same coefficients
+  int nunits3 = 0;
+};
+
+struct LatentEstimates {
+  std::span<const double> taubeta;        // r squared
+  std::span<const double> gamma;          // [g]
+  std::span<const double> vgamma;         // g squared, the covariance of gamma
+  std::span<const double> taucovariance;  // tauorder squared, elements of taupi, then of taubeta; empty: not known
+  int tauorder = 0;
+  int firstbeta = 0;  // elements of taupi
+};
+
+struct LatentRegression {
+  std::vector<int> outcomes, predictors;  // places among the random level-2 coefficients
+  std::vector<int> terms;                 // level-3 variables in table order
+  bool computable = false;                // T_PP could be inverted; the rest is empty otherwise
+  Array<double> b;                        // nO by nP
+  Array<double> GO, Gadj;                 // nO by nW
+  Array<double> R;                        // nO squared
+  Array<double> Vb;                       // (nO nP) squared, covariance of the rows of b; these three are missingcode
+  Array<double> Vadj, Vdiff;              // throughout when the covariance of the taus isn't known. (nO nW) squared, of
+                                          // the rows of G_adj and of G_O - G_adj
+  int df = 0;                             // level-3 units - nW - nP
+};
+
+// Changes no estimate. Failure 3.
+[[nodiscard]] LatentRegression latentregression(const LatentModel& model, const LatentEstimates& estimates);
+
+}  // namespace kdr

@@ -1,0 +1,303 @@
+#include "multirun/latentreport.h"
+
+#include <cmath>
+#include <limits>
+#include <string>
+
+#include "driver/constants.h"
+#include "driver/formatted.h"
+#include "driver/reportstream.h"
+#include "driver/runrecord.h"
+#include "driver/tables.h"
+#include "kernel/distributions.h"
+#include "kernel/sizes.h"
+#include "report/modelrows.h"
+#include "report/stream.h"
+#include "report/symbols.h"
+
+namespace kdr {
+
+namespace {
+
+constexpr int rulewidth = 78;
+
+// How one row of the tables names a random level-2 coefficient.
+struct CoefficientName {
+  std::string variable1, variable2;  // eight columns each
+  std::string digits;                // its two subscripts
+};
+
+CoefficientName nameof(int i) {
+  const Coefficients& coef = run.coef;
+  return {eightcolumns(labelof(coef.betanames1, i)), eightcolumns(labelof(coef.betanames2, i)),
+          std::to_string(subscriptof(coef.betasubs1, i)) + std::to_string(subscriptof(coef.betasubs2, i))};
+}
+
+// A symbol with its subscript, starred where `star` is set; in HTML the subscript is set as one.
+std::string subscripted(const std::string& symbol, const std::string& digits, bool star = false) {
+  if (!run.report.html) return symbol + digits + (star ? "*" : "");
+  return symbol + "<sub><small><i>" + digits + "</i></small></sub>" + (star ? "<sup>*</sup>" : "");
+}
+
+const Name& termname(int variable) { return run.mdm.names3[at(variable)]; }
+
+// The last subscript of a term or predictor counts from 0.
+std::string numbered(const CoefficientName& outcome, std::size_t number) {
+  return outcome.digits + std::to_string(number);
+}
+
+// Outcome = terms + predictors + residual. The first term is the intercept where the equations have one.
+void equation(const LatentRegression& regression, int outcome) {
+  const CoefficientName name = nameof(outcome);
+  report2("\t", "&nbsp;&nbsp;&nbsp;&nbsp;");
+  report("%s = ", subscripted(run.sym.sym2, name.digits).c_str());
+  std::size_t number = 0;
+  for (const int variable : regression.terms) {
+    if (number > 0) report(" + ");
+    report("%s", subscripted(run.sym.sym3, numbered(name, number), number == 0).c_str());
+    if (variable != 0)
+      report("%s(%s)", run.report.html || number != 0 ? "*" : "", bareword(termname(variable)).c_str());
+    ++number;
+  }
+  for (const int predictor : regression.predictors) {
+    report("%s%s*(%s)", number > 0 ? " + " : "", subscripted(run.sym.sym3, numbered(name, number)).c_str(),
+           subscripted(run.sym.sym2, nameof(predictor).digits).c_str());
+    ++number;
+  }
+  report(" + %s", subscripted(run.sym.symr3, name.digits, true).c_str());
+  reportbreak();
+  reportbreak();
+}
+
+struct Test {
+  double estimate, error, t, p;
+};
+
+Test testof(double estimate, double variance, int df) {
+  constexpr double none = std::numeric_limits<double>::quiet_NaN();
+  Test test{estimate, none, none, none};
+  if (variance == missingcode || !(variance >= 0.0)) return test;
+  test.error = std::sqrt(variance);
+  test.t = estimate / test.error;
+  if (df > 0 && std::isfinite(test.t)) test.p = tprob(df, test.t);
+  return test;
+}
+
+// The four numbers of a row, and its end.
+void numbers(const Test& test, const char* style) {
+  const auto cell = [&](double value, int width, int decimals, const char* end) {
+    report("<td align=right valign=bottom %s>%s</td>%s\n", style, fixedpoint(value, width, decimals).c_str(), end);
+  };
+  if (run.report.html) {
+    cell(test.estimate, 13, 6, "");
+    cell(test.error, 10, 6, "");
+    cell(test.t, 8, 3, "");
+    cell(test.p, 5, 3, "</tr>");
+    return;
+  }
+  report("%s %s %s  %s\n", fixedpoint(test.estimate, 13, 6).c_str(), fixedpoint(test.error, 10, 5).c_str(),
+         fixedpoint(test.t, 8, 3).c_str(), fixedpoint(test.p, 5, 3).c_str());
+}
+
+void coefficientheads() {
+  if (run.report.html) {
+    opentable();
+    report("<td align=center %s>Outcome</td>\n<td align=center %s>Predictor</td>\n", stylerule, stylerule);
+    report("<td align=right %s>Estimated<br>Coefficient</td>\n", stylerule);
+    report("<td align=right %s>&nbsp;Standard<br>Error</td>\n", stylerule);
+    report("<td align=right %s>&nbsp;<i>t</i>-ratio</td>\n", stylerule);
+    report("<td align=right %s>&nbsp;<i>p</i>-value</td>\n</tr>\n<tbody>\n", stylerule);
+    return;
+  }
+  reportrule(rulewidth);
+  report("     Outcome            Predictor         Estimated    Standard T-ratio P-value\n");
+  report("                                          Coefficient  Error\n");
+  reportrule(rulewidth);
+}
+
+std::string outcomecell(const CoefficientName& name) {
+  return name.variable1 + "/" + name.variable2 + "," + subscripted(run.sym.sym2, name.digits);
+}
+
+void coefficientrows(const LatentRegression& regression, std::size_t row, bool lasttable) {
+  const CoefficientName name = nameof(regression.outcomes[row]);
+  const std::size_t nW = regression.terms.size(), nP = regression.predictors.size(), nO = regression.outcomes.size();
+  for (std::size_t k = 0; k < nW + nP; ++k) {
+    const char* style = lasttable && k + 1 == nW + nP ? stylebottom : styleplain;
+    const std::string gamma = subscripted(run.sym.sym3, numbered(name, k), true);
+    std::string predictor;
+    if (k < nW) {
+      predictor = eightcolumns(termname(regression.terms[k])) + "," + gamma;
+    } else {
+      predictor = subscripted(run.sym.sym2, nameof(regression.predictors[k - nW]).digits) + "," + gamma;
+    }
+    reporthtml("<tr><td %s>%s</td>\n<td %s>%s</td>\n", style, k == 0 ? outcomecell(name).c_str() : "&nbsp;", style,
+               predictor.c_str());
+    if (k == 0) {
+      reporttext(" %s  %s", outcomecell(name).c_str(), predictor.c_str());
+    } else {
+      reporttext("%*s%s", k < nW ? 24 : 29, "", predictor.c_str());
+    }
+    if (k < nW) {
+      const std::size_t i = row * nW + k;
+      numbers(testof(regression.Gadj[i], regression.Vadj[i * (nO * nW + 1)], regression.df), style);
+    } else {
+      const std::size_t i = row * nP + k - nW;
+      numbers(testof(regression.b[i], regression.Vb[i * (nO * nP + 1)], regression.df), style);
+    }
+  }
+}
+
+void comparisonheads() {
+  report2("\n Latent Variable Regression: Comparison of Original and Adjusted Coefficients\n",
+          "<h5>Latent Variable Regression: Comparison of Original and Adjusted Coefficients</h5>");
+  if (run.report.html) {
+    opentable();
+    report("<td align=center %s>Outcome</td>\n<td align=center %s>Predictor</td>\n", stylerule, stylerule);
+    report("<td align=right %s>Original<br>Coefficient</td>\n", stylerule);
+    report("<td align=right %s>Adjusted<br>Coefficient</td>\n", stylerule);
+    report("<td align=right %s>Difference</td>\n", stylerule);
+    report("<td align=right %s>Standard<br>Error<br>Difference</td>\n</tr>\n<tbody>\n", stylerule);
+    return;
+  }
+  reportrule(rulewidth);
+  report("     Outcome       Predictor    Original    Adjusted     Difference  Standard\n");
+  report("                                Coefficient Coefficient              Error of\n");
+  report("                                                                     Difference\n");
+  reportrule(rulewidth);
+}
+
+void comparisonrows(const LatentRegression& regression, std::size_t row, bool lasttable) {
+  const CoefficientName name = nameof(regression.outcomes[row]);
+  const std::size_t nW = regression.terms.size(), size = nW * regression.outcomes.size();
+  for (std::size_t k = 0; k < nW; ++k) {
+    const char* style = lasttable && k + 1 == nW ? stylebottom : styleplain;
+    const std::size_t i = row * nW + k;
+    const double difference = regression.GO[i] - regression.Gadj[i];
+    const double error = testof(difference, regression.Vdiff[i * (size + 1)], regression.df).error;
+    const std::string term = eightcolumns(termname(regression.terms[k]));
+    if (run.report.html) {
+      report("<tr><td %s>%s</td>\n<td %s>%s</td>\n", style, k == 0 ? outcomecell(name).c_str() : "&nbsp;", style,
+             term.c_str());
+      for (const double value : {regression.GO[i], regression.Gadj[i], difference})
+        report("<td align=right valign=bottom %s>%s</td>\n", style, fixedpoint(value, 11, 5).c_str());
+      report("<td align=right valign=bottom %s>%s</td></tr>\n", style, fixedpoint(error, 10, 5).c_str());
+      continue;
+    }
+    if (k == 0) {
+      report(" %s", outcomecell(name).c_str());
+    } else {
+      report("%22s", "");
+    }
+    report("  %s%s %s %s  %s\n", term.c_str(), fixedpoint(regression.GO[i], 11, 5).c_str(),
+           fixedpoint(regression.Gadj[i], 11, 5).c_str(), fixedpoint(difference, 11, 5).c_str(),
+           fixedpoint(error, 10, 5).c_str());
+  }
+}
+
+void closetable() {
+  reportrule(rulewidth);
+  reporthtml("</tbody></table>\n");
+}
+
+void residualcovariance(const LatentRegression& regression) {
+  report2("\n Var(%s*)\n", "<br>Var(%s<sup>*</sup>)<br>", run.sym.symr3.c_str());
+  const std::size_t nO = regression.outcomes.size();
+  const std::vector<std::string> categories = randomcategories(Tau::beta, run.coef.ntaubeta);
+  for (std::size_t i = 0; i < nO; ++i) {
+    const int coefficient = regression.outcomes[i];
+    const CoefficientName name = nameof(coefficient);
+    const auto place = at(coefficient);
+    const std::string category =
+        place < categories.size() && !categories[place].empty() ? "(" + categories[place] + ")" : "";
+    report2("\t", "&nbsp;&nbsp;&nbsp;&nbsp;");
+    report2("%s/%s,%s%s%s", "%s/%s,%s<sub><small><i>%s</i></small></sub>&nbsp;&nbsp;%s", name.variable1.c_str(),
+            name.variable2.c_str(), run.sym.sym2.c_str(), name.digits.c_str(), category.c_str());
+    for (std::size_t j = 0; j < nO; ++j) report(" %s", fixedpoint(regression.R[i * nO + j], 12, 5).c_str());
+    reportbreak();
+  }
+}
+
+// The fixed effect that each effect of the complete model is, once constraints are applied.
+std::vector<int> reducedeffects(const ModelRows& rows) {
+  std::vector<int> reduced, firstofgroup(rows.effects.size() + 1, -1);
+  int next = 0;
+  for (const EffectRow& effect : rows.effects) {
+    if (effect.constraint < 0) {
+      reduced.push_back(firstofgroup[at(-effect.constraint)]);
+      continue;
+    }
+    if (effect.constraint > 0) firstofgroup[at(effect.constraint)] = next;
+    reduced.push_back(next++);
+  }
+  return reduced;
+}
+
+std::span<const double> view(const Array<double>& values) { return {values.data(), values.size()}; }
+
+// Elements of taupi, behind which those of taubeta stand.
+int firstbeta() { return run.coef.ntaupi * (run.coef.ntaupi + 1) / 2; }
+
+}  // namespace
+
+LatentModel latentmodel() {
+  LatentModel model;
+  model.roles = {run.out.lvrroles.data(), run.out.lvrroles.size()};
+  model.nunits3 = run.mdm.nunits3;
+  const ModelRows rows = modelrows();
+  const std::vector<int> reduced = reducedeffects(rows);
+  for (const TermRow& term : rows.terms) {
+    if (!term.random) continue;
+    std::vector<LatentTerm>& equation = model.equations.emplace_back();
+    for (int e = term.firsteffect; e < term.firsteffect + term.neffects; ++e)
+      equation.push_back({rows.effects[at(e)].variable, reduced[at(e)]});
+  }
+  return model;
+}
+
+void latentreport(const LatentRegression& regression) {
+  if (!regression.computable) {
+    reportline("Unable to compute latent variable regression.");
+    return;
+  }
+  report2("\n\nLatent Variable Regression Results\n\n", "<h4>Latent Variable Regression Results</h4>");
+  for (const int coefficient : regression.outcomes) equation(regression, coefficient);
+  const std::size_t nO = regression.outcomes.size();
+  coefficientheads();
+  for (std::size_t row = 0; row < nO; ++row) coefficientrows(regression, row, row + 1 == nO);
+  closetable();
+  comparisonheads();
+  for (std::size_t row = 0; row < nO; ++row) comparisonrows(regression, row, row + 1 == nO);
+  closetable();
+  residualcovariance(regression);
+}
+
+void latentvariableregression(const PassResults& results) {
+  if (!run.out.lvr) return;
+  const Estimates& est = results.est;
+  Array<double> vgamma = est.vgamma.copy();
+  for (double& v : vgamma) v *= est.sigma2;
+  LatentEstimates estimates{view(est.taubeta), view(est.gammahat), view(vgamma), {}, 0, firstbeta()};
+  if (results.errors.known) {
+    estimates.taucovariance = view(results.errors.covariance);
+    estimates.tauorder = results.errors.order;
+  }
+  latentreport(latentregression(latentmodel(), estimates));
+}
+
+void latentvariableregression(const Pooled& averages) {
+  if (!run.out.lvr) return;
+  LatentEstimates estimates{view(averages.taubeta),
+                            view(averages.effects.gamma),
+                            view(averages.effects.model.covariance),
+                            {},
+                            0,
+                            firstbeta()};
+  if (averages.errorsknown) {
+    estimates.taucovariance = view(averages.taucovariance);
+    estimates.tauorder = firstbeta() + run.coef.ntaubeta * (run.coef.ntaubeta + 1) / 2;
+  }
+  latentreport(latentregression(latentmodel(), estimates));
+}
+
+}  // namespace kdr

@@ -1,0 +1,53 @@
+#include "nonlinear/family.h"
+
+#include <algorithm>
+
+namespace kdr {
+
+Linked linkedfitted(Family family, double fitted) {
+  if (family == Family::binomial) {
+    const double mu = std::clamp(fitted, 0.01, 0.99);
+    return {std::log(mu / (1.0 - mu)), mu, mu * (1.0 - mu)};
+  }
+  const double mu = fitted > 0.001 ? fitted : 0.001;
+  return {std::log(mu), mu, mu};
+}
+
+Linked linked(Family family, double eta) {
+  if (family == Family::binomial) {
+    const LogitMean mean = logitmean(eta);
+    return {eta, mean.mu, mean.variance};
+  }
+  const double mu = std::exp(eta);
+  return {eta, mu, mu};
+}
+
+Linked linkedcapped(double eta, double cap) {
+  const Linked record = linked(Family::poisson, eta);
+  return record.mu > cap ? Linked{std::log(cap), cap, cap} : record;
+}
+
+bool strayed(double eta) { return eta < -60.0 || eta > 60.0; }
+
+double broughtback(double eta) { return eta < 0.0 ? -2.0 : 2.0; }
+
+Working workingvalues(const Linked& record, double y, double n) {
+  constexpr double largest = 999999.0;
+  const double w = record.variance * n;
+  return {std::min(w, largest), record.eta + (y - record.mu * n) / w};
+}
+
+Density density(Family family, double eta, double y, double n, double constant) {
+  constexpr double limit = 700.0, least = 1.0e-14;
+  eta = std::clamp(eta, -limit, limit);
+  if (family == Family::binomial) {
+    const double mu = std::max(logitmean(eta).mu, least);
+    const double logdensity = (n - y) * std::log(std::max(1.0 - mu, least)) + y * std::log(mu);
+    return {logdensity, y - n * mu, n * mu * (1.0 - mu)};
+  }
+  const double logmean = n == 1.0 ? eta : std::log(n) + eta;
+  const double mean = std::exp(logmean);
+  return {y * logmean - mean - constant, y - mean, mean};
+}
+
+}  // namespace kdr

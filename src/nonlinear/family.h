@@ -1,0 +1,72 @@
+// The outcome types of the non-linear models: mean and variance by the canonical link, their limits, the cumulants of
+// the logit, and the log-density. Functions of one record.
+#pragma once
+
+#include <cmath>
+
+namespace kdr {
+
+// binomial: y successes in n trials, logit link; Bernoulli is the case n = 1.
+// poisson: a count y with exposure n, log link; constant exposure is the case n = 1.
+enum class Family { binomial, poisson };
+
+// The mean of a logit, its complement and the variance mu (1 - mu), none of them by cancellation.
+struct LogitMean {
+  double mu, complement, variance;
+  double small;  // exp(-|eta|): log(1 + exp(eta)) = max(eta, 0) + log1p(small)
+};
+inline LogitMean logitmean(double eta) {
+  const double small = std::exp(-std::fabs(eta));
+  const double larger = 1.0 / (1.0 + small), smaller = small * larger;
+  return eta >= 0.0 ? LogitMean{larger, smaller, smaller * larger, small}
+                    : LogitMean{smaller, larger, smaller * larger, small};
+}
+
+// Cumulants of a Bernoulli outcome, which are the derivatives of log(1 + exp(eta)); k2 is the variance:
+//   k3 = (1 - 2 mu) k2            k4 = (1 - 6 k2) k2             k5 = (1 - 12 k2) k3
+//   k6 = (1 - 12 k2) k4 - 12 k3^2                                k7 = (1 - 12 k2) k5 - 36 k4 k3
+struct LogitCumulants {
+  double k2, k3, k4, k5, k6, k7;
+};
+inline LogitCumulants logitcumulants(double mu, double k2) {
+  const double k3 = (1.0 - 2.0 * mu) * k2;
+  const double k4 = (1.0 - 6.0 * k2) * k2;
+  const double c = 1.0 - 12.0 * k2;
+  const double k5 = c * k3;
+  return {k2, k3, k4, k5, c * k4 - 12.0 * k3 * k3, c * k5 - 36.0 * k4 * k3};
+}
+
+// Linear predictor, mean and variance of one trial or one unit of exposure.
+struct Linked {
+  double eta, mu, variance;
+};
+
+// From the fitted value of a linear model of y / n, taken as a mean and held to where the link is defined: 0.01 to 0.99
+// for the logit, 0.001 and above for the log.
+[[nodiscard]] Linked linkedfitted(Family family, double fitted);
+// From the linear predictor.
+[[nodiscard]] Linked linked(Family family, double eta);
+// From the logarithm of a Poisson mean that may not exceed `cap`.
+[[nodiscard]] Linked linkedcapped(double eta, double cap);
+
+// Whether a logit lies outside -60 to 60, and the value, -2 or 2, that such a record starts again from.
+[[nodiscard]] bool strayed(double eta);
+[[nodiscard]] double broughtback(double eta);
+
+// Working weight and working dependent variable of iteratively reweighted least squares (McCullagh and Nelder, 1989,
+// 2.5), n trials or exposure:  w = n variance,  z = eta + (y - n mu) / w. The weight handed out is held to 999999.
+struct Working {
+  double weight, z;
+};
+[[nodiscard]] Working workingvalues(const Linked& record, double y, double n);
+
+// Log-density of the count y at the linear predictor eta, which is held to -700 to 700, with the first two derivatives
+// by eta: `residual`, and `weight` with its sign turned.
+//   binomial: y log mu + (n - y) log(1 - mu), both probabilities at least 1e-14; binomial coefficients left out
+//   poisson:  y log m - m - constant, m = n exp(eta), constant the logarithm of y!
+struct Density {
+  double logdensity, residual, weight;
+};
+[[nodiscard]] Density density(Family family, double eta, double y, double n, double constant);
+
+}  // namespace kdr

@@ -1,0 +1,53 @@
+// The innermost loops of quadrature: the log-densities, residuals and weights of a level-2 unit's records at many
+// nodes, written once and compiled for every set of vector instructions that a machine may have (quadratureloops.cpp).
+// Four nodes are worked side by side. The order of summation is fixed, no multiplication is fused with an addition, and
+// the exponential and the logarithm are its own, so every set gives the same bits on every machine.
+#pragma once
+
+#include <cstddef>
+
+namespace kdr {
+
+enum class OutcomeType { bernoulli, binomial, poisson, poissonexposure };
+
+// The records of one level-2 unit at `pairs` pairs of a level-3 and a level-2 node.
+struct NodePairs {
+  std::size_t records, npi, dims;
+  std::size_t pairs;    // a multiple of nodestep
+  const double* x;      // records by npi
+  const double* rows;   // records by dims: e_i, d_i
+  const double* fixed;  // [records] xg_i' gamma
+  const double* y;      // [records]
+  const double* n;      // [records] trials, or the logarithm of the exposure; null: 1 trial
+  const double* nodes;  // dims by pairs: v, u
+  double* logdensity;   // [pairs] out: sum_i l_i; without the terms of the outcome alone (log n!, log y! and the like)
+  double* gradient;     // npi by pairs, out: sum_i x_i r_i
+  double* weights;      // records by pairs, out: w_i
+  double* work;         // [pairs]
+};
+
+struct QuadratureLoops {
+  // The log-densities alone, by outcome type.
+  void (*density[4])(const NodePairs&);
+  // Log-densities, gradient and weights.
+  void (*moments[4])(const NodePairs&);
+  // In place, for a multiple of nodestep values. The exponent is held to [-708, 709]; logarithms are of positive normal
+  // numbers. Both are within a few units in the last place.
+  void (*exponentials)(double* values, std::size_t n);
+  void (*logarithms)(double* values, std::size_t n);
+};
+
+inline constexpr std::size_t nodestep = 4;  // nodes side by side
+
+// The loops in the instructions that every machine of the kind has, and in wider ones.
+namespace baseline {
+extern const QuadratureLoops quadratureloops;
+}
+namespace avx2 {
+extern const QuadratureLoops quadratureloops;
+}
+
+// The fastest loops that this machine can run.
+[[nodiscard]] const QuadratureLoops& fastestquadratureloops();
+
+}  // namespace kdr

@@ -1,0 +1,43 @@
+// The level-3 units of the data set on several threads. They are independent: each writes places of its own, and sums
+// over units are formed afterwards in the order of the units, so that the number of threads changes no byte.
+#pragma once
+
+#include <algorithm>
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "driver/failures.h"
+#include "nonlinear/unitrecords.h"
+
+namespace kdr {
+
+// Calls each(unit, worker) for every level-3 unit of the source, worker from 0 to threads - 1, and after each batch
+// done(batch), in the order of the batches and on the calling thread. Signals that ask for the end are acted on between
+// batches.
+template <class Each, class Done>
+void overunits(const RecordSource& source, int threads, Each each, Done done) {
+  constexpr std::size_t worthathread = 2000;  // records
+  std::vector<Level3Records> batch;
+  source.rewind(source.state);
+  for (;;) {
+    source.next(source.state, batch);
+    if (batch.empty()) return;
+    checksignals();
+    std::size_t records = 0;
+    for (const Level3Records& unit : batch) records += unit.y.size();
+    const std::size_t useful = std::min(batch.size(), 1 + records / worthathread);
+    const int workers = std::max(1, static_cast<int>(std::min(useful, static_cast<std::size_t>(std::max(threads, 1)))));
+    std::atomic<std::size_t> next{0};
+    const auto work = [&](int worker) {
+      for (std::size_t i = next++; i < batch.size(); i = next++) each(batch[i], worker);
+    };
+    std::vector<std::thread> others;
+    for (int worker = 1; worker < workers; ++worker) others.emplace_back(work, worker);
+    work(0);
+    for (std::thread& other : others) other.join();
+    done(batch);
+  }
+}
+
+}  // namespace kdr

@@ -1,0 +1,232 @@
+"""Latent variable regression of the built program: coefficients, standard errors and tests against the delta method by
+numerical differentiation, from the variance-covariance files of the same run; on simulated data with a known structure.
+
+    latent_test.py <program>
+"""
+import math
+import pathlib
+import random
+import re
+import sys
+
+HERE = pathlib.Path(__file__).resolve().parent
+sys.path.insert(0, str(HERE))
+import rubin
+from program import Checks, Workplace
+
+TEMPLATE = """#KDR3 MDM CREATION TEMPLATE
+mdmtype:0
+rawdattype:ascii
+l1fname:l1.dat
+l2fname:l2.dat
+l3fname:l3.dat
+numl1var:2
+numl2var:1
+numl3var:2
+l1format:(A4,1X,A6,2F10.4)
+l2format:(A4,1X,A6,1F10.4)
+l3format:(A4,2F10.4)
+l1missing:n
+timeofdeletion:now
+mdmname:latent.mdm
+*begin l1vars
+Y
+X
+*end l1vars
+*begin l2vars
+Z
+*end l2vars
+*begin l3vars
+W
+V
+*end l3vars
+"""
+MODEL = """#Two random slopes and an intercept
+NONLIN:N
+LEVEL1:Y=INTRCPT1+X+RANDOM
+LEVEL2:INTRCPT1=INTRCPT2+Z+RANDOM/
+LEVEL3:INTRCPT2={first}+RANDOM/
+LEVEL3:Z=INTRCPT3+V+RANDOM/
+LEVEL2:X=INTRCPT2+RANDOM/
+LEVEL3:INTRCPT2={second}+RANDOM/
+LEVEL1DELETION:NONE
+CONSTRAIN:{constrain}
+HYPOTH:N
+LVR-BETA:{roles}
+RESFIL1:N
+RESFIL2:N
+RESFIL3:N
+NUMIT:5000,N
+STOPVAL:0.0000000001
+PRINTVARIANCE-COVARIANCE:Y
+FULLOUTPUT:N
+TITLE:Latent variables
+OUTPUT:{output}
+"""
+UNITS = 250
+# B00 = 1 + 0.5 W + u0, B01 = 0.8 + 0.4 V + u1, B10 = 0.3 + 0.2 W + u2 with u2 = 0.6 u0 - 0.4 u1 + e
+SLOPES = (0.6, -0.4)
+ADJUSTED = {"INTRCPT3": 0.3 - 0.6 * 1.0 + 0.4 * 0.8, "W": 0.2 - 0.6 * 0.5, "V": 0.4 * 0.4}
+
+
+def simulate(place):
+    rng = random.Random(11)
+    one, two, three, j = [], [], [], 0
+    for k in range(UNITS):
+        w, v = rng.gauss(0, 1), rng.gauss(0, 1)
+        u0, u1 = rng.gauss(0, 1), rng.gauss(0, 0.8)
+        b = (1 + 0.5 * w + u0, 0.8 + 0.4 * v + u1, 0.3 + 0.2 * w + SLOPES[0] * u0 + SLOPES[1] * u1 + rng.gauss(0, 0.5))
+        three.append("%4d%10.4f%10.4f\n" % (k, w, v))
+        for _ in range(6):
+            j += 1
+            z = rng.gauss(0, 1)
+            p0, p1 = b[0] + b[1] * z + rng.gauss(0, 0.5), b[2] + rng.gauss(0, 0.4)
+            two.append("%4d %6d%10.4f\n" % (k, j, z))
+            for _ in range(5):
+                x = rng.gauss(0, 1)
+                one.append("%4d %6d%10.4f%10.4f\n" % (k, j, p0 + p1 * x + rng.gauss(0, 0.7), x))
+    for name, lines in (("l1.dat", one), ("l2.dat", two), ("l3.dat", three)):
+        place.write(name, "".join(lines))
+    place.write("latent.mdmt", TEMPLATE)
+    assert place.run("-r", "latent.mdmt").returncode == 0
+
+
+NAMES = ("B00", "B01", "B10")
+# level-3 terms of the three coefficients, each with its fixed effect
+EQUATIONS = ({"INTRCPT3": 0, "W": 1}, {"INTRCPT3": 2, "V": 3}, {"INTRCPT3": 4, "W": 5})
+
+
+def definition(tau, gamma, outcomes, predictors, terms, equations):
+    """The rows of b, G_O and G_adj."""
+    at = lambda i, term: gamma[equations[i][term]] if term in equations[i] else 0.0
+    TPP = [[tau[i][j] for j in predictors] for i in predictors]
+    b = [rubin.solved(TPP, [tau[o][p] for p in predictors]) for o in outcomes]
+    G = [[at(o, t) for t in terms] for o in outcomes]
+    adjusted = [[G[i][w] - sum(x * at(p, t) for x, p in zip(b[i], predictors)) for w, t in enumerate(terms)]
+                for i in range(len(outcomes))]
+    return b, G, adjusted
+
+
+def standarderrors(f, x, C):
+    """By central differences; f gives a list of values."""
+    J = []
+    for i in range(len(x)):
+        h = 1e-5
+        up, down = list(x), list(x)
+        up[i] += h
+        down[i] -= h
+        J.append([(a - b) / (2 * h) for a, b in zip(f(up), f(down))])
+    n = len(x)
+    return [math.sqrt(sum(J[i][k] * C[i][j] * J[j][k] for i in range(n) for j in range(n))) for k in range(len(J[0]))]
+
+
+ROW = re.compile(r"^ .*?([A-Z0-9]+),G\d+\*\s*(\S+) +(\S+) +(\S+) +(\S+)$", re.M)
+COMPARISON = re.compile(r"^.{22}  ([ A-Z0-9]{8}) *(-?\d+\.\d{5}) +(-?\d+\.\d{5}) +(-?\d+\.\d{5}) +(\d+\.\d{5})$", re.M)
+
+
+def compare(check, name, place, roles, equations=EQUATIONS):
+    text = place.read("out.txt")
+    single = rubin.Single(place.folder, "out.txt")
+    r, firstbeta = 3, 3
+    outcomes = [i for i in range(r) if roles[i] == "O"]
+    predictors = [i for i in range(r) if roles[i] == "P"]
+    used = {t for i in outcomes + predictors for t in equations[i]}
+    terms = [t for t in ("INTRCPT3", "W", "V") if t in used]
+    g = len(single.gamma)
+    pairs = [(i, j) for i in range(r) for j in range(i + 1)]
+    x = [single.taubeta[i][j] for i, j in pairs] + single.gamma
+    C = [[0.0] * len(x) for _ in x]
+    for a in range(len(pairs)):
+        for c in range(len(pairs)):
+            C[a][c] = single.taucovariance[firstbeta + a][firstbeta + c]
+    for a in range(g):
+        for c in range(g):
+            C[len(pairs) + a][len(pairs) + c] = single.covariance[a][c]
+
+    def at(x):
+        tau = [[0.0] * r for _ in range(r)]
+        for (i, j), value in zip(pairs, x):
+            tau[i][j] = tau[j][i] = value
+        return definition(tau, x[len(pairs):], outcomes, predictors, terms, equations)
+
+    flat = lambda m: [y for row in m for y in row]
+    b, G, adjusted = at(x)
+    errb = standarderrors(lambda y: flat(at(y)[0]), x, C)
+    erradj = standarderrors(lambda y: flat(at(y)[2]), x, C)
+    errdiff = standarderrors(lambda y: [p - q for p, q in zip(flat(at(y)[1]), flat(at(y)[2]))], x, C)
+    near = lambda what, got, want, tolerance: check(abs(float(got) - want) <= tolerance,
+                                                    f"{name}: {what} is {got}, expected {want}")
+    section = text[text.index("Latent Variable Regression Results"):]
+    table = ROW.findall(section)
+    check(len(table) == len(outcomes) * (len(terms) + len(predictors)), f"{name}: {len(table)} rows\n{section}")
+    table = iter(table)
+    df = UNITS - len(terms) - len(predictors)
+    estimates = {}
+    for i in range(len(outcomes)):
+        rows = [(terms[w], adjusted[i][w], erradj[i * len(terms) + w]) for w in range(len(terms))] + \
+            [(NAMES[predictors[k]], b[i][k], errb[i * len(predictors) + k]) for k in range(len(predictors))]
+        for (label, value, error), (got, estimate, se, t, p) in zip(rows, table):
+            check(got == label, f"{name}: row {got}, expected {label}")
+            near(label, estimate, value, 2e-6)
+            near(label + " s.e.", se, error, 1e-5)
+            if error == 0.0:  # a term that neither the outcome's nor a predictor's equation has
+                check(value == 0.0 and (t, p) == ("NC", "NC"), f"{name}: t and p of {label} are {t}, {p}")
+                continue
+            near(label + " t", t, value / error, 2e-3 + 1e-3 * abs(value / error))
+            near(label + " p", p, math.erfc(abs(value / error) / math.sqrt(2)), 5e-3)  # df is large
+            estimates[label] = float(estimate), float(se)
+    compared = COMPARISON.findall(section)
+    check(len(compared) == len(outcomes) * len(terms), f"{name}: {len(compared)} compared rows")
+    for n, row in enumerate(compared):
+        i, w = divmod(n, len(terms))
+        near("original", row[1], G[i][w], 6e-6)
+        near("adjusted", row[2], adjusted[i][w], 6e-6)
+        near("difference", row[3], G[i][w] - adjusted[i][w], 6e-6)
+        near("its error", row[4], errdiff[n], 1.1e-5)
+    rows = [line for line in section[section.index("Var(u*)"):].splitlines() if line.startswith("\t")]
+    for i, o in enumerate(outcomes):
+        for j, other in enumerate(outcomes):
+            R = single.taubeta[o][other] - sum(x * single.taubeta[other][p] for x, p in zip(b[i], predictors))
+            near(f"residual covariance {i} {j}", rows[i].split()[-len(outcomes) + j], R, 6e-6)
+    check(df > 200, name)
+    return estimates
+
+
+if __name__ == "__main__":
+    check = Checks()
+    place = Workplace(sys.argv[1])
+    simulate(place)
+    both = "INTRCPT3+W"
+
+    def run(name, roles, first=both, second=both, constrain="N", output="out.txt"):
+        place.write("latent.kdr", MODEL.format(roles=",".join(roles), first=first, second=second, constrain=constrain,
+                                               output=output))
+        done = place.run("latent.mdm", "latent.kdr")
+        check(done.returncode == 0, f"{name}: {done.stdout}")
+
+    run("one outcome", "PPO")
+    found = compare(check, "one outcome", place, "PPO")
+    for label, truth in [("B00", SLOPES[0]), ("B01", SLOPES[1]), *ADJUSTED.items()]:
+        value, error = found[label]
+        check(abs(value - truth) < 3 * error, f"known structure: {label} is {value} ({error}), made with {truth}")
+    check("\tB10 = G100* + G101*(W) + G102*(V) + G103*(B00) + G104*(B01) + u10*\n" in place.read("out.txt"),
+          "the equation")
+    for roles in ("OOP", "POO", "IPO", "OPI"):
+        run(roles, roles)
+        compare(check, roles, place, roles)
+    run("constrained", "PPO", constrain="0,1,0,0,0,1")
+    compare(check, "constrained", place, "PPO", ({"INTRCPT3": 0, "W": 1}, {"INTRCPT3": 2, "V": 3}, {"INTRCPT3": 4, "W": 1}))
+    run("no intercept", "PIO", first="W", second="W")
+    text = place.read("out.txt")
+    check("\tB10 = G100*(W) + G101*(B00) + u10*\n" in text and re.search(r"B10         W,G100\*", text),
+          "no intercept: the first term's name")
+    run("html", "PPO", output="out.html")
+    page = place.read("out.html")
+    check("<h4>Latent Variable Regression Results</h4>" in page and "%13.6f</td>" % found["B00"][0] in page, "html")
+    # before the report there is nothing to regress on, or nothing to regress
+    for roles in ("OOI", "PPI"):
+        place.write("latent.kdr", MODEL.format(roles=",".join(roles), first=both, second=both, constrain="N",
+                                               output="refused.txt"))
+        done = place.run("latent.mdm", "latent.kdr")
+        check(done.returncode == 100 and "latent variable regression needs a" in done.stdout and not (place.folder / "refused.txt").exists(), f"{roles}: {done.stdout}")
+    check.finish()

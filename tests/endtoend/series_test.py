@@ -1,0 +1,321 @@
+"""Series of runs: five imputed data sets, one process each, and five plausible values in one process, against Rubin's
+rules over the single runs of the same models.
+
+    series_test.py <program> [moments of the kill test]
+
+The data are five imputations by mice of a part of the chem97 example (tests/reference/imputed).
+"""
+import pathlib
+import random
+import re
+import shutil
+import subprocess
+import sys
+import time
+
+HERE = pathlib.Path(__file__).resolve().parent
+sys.path.insert(0, str(HERE))
+import report
+import rubin
+from program import ROOT, Checks, Workplace
+
+DATA = ROOT / "tests" / "reference" / "imputed"
+M = 5
+STORE = "mixyzzy.dat"
+
+MDM = """#KDR3 MDM CREATION TEMPLATE
+mdmtype:0
+rawdattype:ascii
+l1fname:{data}
+l2fname:level2.dat
+l3fname:level3.dat
+numl1var:{count}
+numl2var:1
+numl3var:1
+l1format:(A4,1X,A5,{columns})
+l2format:(A4,1X,A5,F8.4)
+l3format:(A4,F8.4)
+l1missing:n
+timeofdeletion:now
+mdmname:{mdm}
+*begin l1vars
+{names}
+*end l1vars
+*begin l2vars
+SCHGCSE
+*end l2vars
+*begin l3vars
+LEAGCSE
+*end l3vars
+"""
+MODEL = """#Score on sex and earlier attainment
+NONLIN:N
+LEVEL1:{outcome}=INTRCPT1+{predictors}+RANDOM
+LEVEL2:INTRCPT1=INTRCPT2+SCHGCSE,2+RANDOM/
+LEVEL3:INTRCPT2=INTRCPT3+LEAGCSE,2+RANDOM/
+LEVEL3:SCHGCSE=INTRCPT3/
+LEVEL2:{first}=INTRCPT2/
+LEVEL3:INTRCPT2=INTRCPT3/
+LEVEL2:{second}=INTRCPT2+RANDOM/
+LEVEL3:INTRCPT2=INTRCPT3/
+{plausvals}LEVEL1DELETION:NONE
+CONSTRAIN:N
+{hypotheses}HYPOTH:N
+LVR-BETA:N
+RESFIL1:N
+RESFIL2:N
+RESFIL3:N
+NUMIT:5000,N
+STOPVAL:0.0000000001
+FULLOUTPUT:N
+TITLE:A series
+OUTPUT:{output}
+{options}"""
+HYPOTHESES = "GAMMA1:0,1,0,0,0\nGAMMA1:0,0,1,0,0\nGAMMA2:0,0,0,1,-1\n"
+CONTRASTS = [[[0, 1, 0, 0, 0], [0, 0, 1, 0, 0]], [[0, 0, 0, 1, -1]]]
+DUMPS = "PRINTVARIANCE-COVARIANCE:Y\n"
+
+
+def model(output="out.txt", options="", outcome="SCORE", predictors="FEMALE+GCSECNT", plausvals="", hypotheses=HYPOTHESES):
+    second = predictors.split("+")[1].split(",")[0]
+    return MODEL.format(outcome=outcome, predictors=predictors, first="FEMALE", second=second, output=output,
+                        plausvals=plausvals, options=options, hypotheses=hypotheses)
+
+
+class Place(Workplace):
+    """A work folder with the MDM files imp1.mdm to imp5.mdm, const.mdm, whose FEMALE is constant, and pv.mdm with all
+    imputations side by side."""
+
+    def __init__(self, program):
+        super().__init__(program)
+        for name in ("level2.dat", "level3.dat"):
+            shutil.copy(DATA / name, self.folder)
+        lines = (DATA / "level1.dat").read_text().splitlines()
+        score = lambda line, m: line[13 + 8 * m:21 + 8 * m]
+        gcse = lambda line, m: line[53 + 8 * m:61 + 8 * m]
+        self.write("all.dat", "\n".join(lines) + "\n")
+        for m in range(M):
+            self.write(f"level1_{m + 1}.dat", "".join(x[:13] + score(x, m) + gcse(x, m) + "\n" for x in lines))
+            self.mdm(f"imp{m + 1}", f"level1_{m + 1}.dat", "F3.0,F8.3,F8.4", ["FEMALE", "SCORE", "GCSECNT"])
+        self.write("const.dat", "".join(x[:12] + "1" + score(x, 0) + gcse(x, 0) + "\n" for x in lines))
+        self.mdm("const", "const.dat", "F3.0,F8.3,F8.4", ["FEMALE", "SCORE", "GCSECNT"])
+        self.mdm("pv", "all.dat", "F3.0,5F8.3,5F8.4",
+                 ["FEMALE"] + [f"SC{m + 1}" for m in range(M)] + [f"GC{m + 1}" for m in range(M)])
+
+    def mdm(self, name, data, columns, names):
+        self.write(name + ".mdmt", MDM.format(data=data, columns=columns, names="\n".join(names), count=len(names),
+                                              mdm=name + ".mdm"))
+        done = self.run("-r", name + ".mdmt")
+        assert done.returncode == 0, done.stdout
+
+    def single(self, mdm, text, fisher=True):
+        """A run of its own, and what it left."""
+        self.write("single.kdr", re.sub("(?m)^OUTPUT:.*", "OUTPUT:single.txt", text) + DUMPS)
+        done = self.run(mdm + ".mdm", "single.kdr")
+        assert done.returncode == 0, done.stdout
+        return rubin.Single(self.folder, "single.txt", fisher)
+
+    def series(self, text, mdms):
+        """All data sets of a multiple imputation; the exit codes."""
+        self.write("series.kdr", text)
+        return [self.run(f"-mi{k}", *(["-e"] if k + 1 == len(mdms) else []), mdm + ".mdm", "series.kdr").returncode
+                for k, mdm in enumerate(mdms)]
+
+    def exists(self, name):
+        return (self.folder / name).exists()
+
+    def averaged(self, name="out.avg"):
+        """The averages, without the header that they share with the first sub-run."""
+        text = self.read(name)
+        return report.Report(text[max(text.find("\fTHE AVERAGED RESULTS"), 0):])
+
+
+IMPUTED = [f"imp{m + 1}" for m in range(M)]
+
+
+def imputations(check, place):
+    """Each kind of model against its single runs."""
+    for name, options, fisher in (("full information", "", True), ("outer products", "FISHERTYPE:1\n", True),
+                                  ("no scoring", "FISHERTYPE:0\n", False), ("fixed sigma2", "FIXSIGMA2:6.0\n", None),
+                                  ("weights", "LEVEL2WEIGHT:SCHGCSE\nLEVEL3WEIGHT:LEAGCSE\n", True)):
+        text = model(options=options)
+        if fisher is None:  # no error of sigma2: the single runs' numbers do for the rest
+            check(place.series(text, IMPUTED) == [0] * M, f"{name}: exit codes")
+            check("sigma^2 =" not in place.averaged().text, f"{name}: a line for a fixed sigma2")
+            continue
+        singles = [place.single(mdm, text, fisher) for mdm in IMPUTED]
+        check(place.series(text, IMPUTED) == [0] * M, f"{name}: exit codes")
+        check(not place.exists(STORE), f"{name}: the store is left")
+        if name == "weights":  # the dumps hold sigma2 vgamma, the tables the weighted covariance
+            weighted(check, name, place.averaged(), singles)
+            continue
+        rubin.compare(check, name, place.averaged(), singles, CONTRASTS, fisher)
+        for k, single in enumerate(singles):
+            part = report.read(place.folder / f"out.{k + 1}")
+            check(part.fixed == single.report.fixed and part.taupi == single.report.taupi
+                  and part.components == single.report.components, f"{name}: sub-run {k + 1} is not its single run")
+        head = place.read("out.avg")
+        head = head[:head.index("\f")]
+        first = place.read("out.1").replace("  Output file name              = out.1", "  Output file name              = out.avg")
+        check(first.startswith(head) and "multiple imputation analysis" in head, f"{name}: the shared header")
+
+
+def weighted(check, name, averaged, singles):
+    """Standard errors from the tables of the single runs: no covariances there, so no hypotheses."""
+    tables = [s.report.fixed["final"].rows for s in singles]
+    sigma2 = rubin.mean([s.sigma2 for s in singles])
+    for i, row in enumerate(averaged.fixed["final"].rows):
+        gammas = [t[i].coefficient for t in tables]
+        within = sigma2 * rubin.mean([t[i].se ** 2 / s.sigma2 for t, s in zip(tables, singles)])
+        V, _ = rubin.total([[within]], [[x] for x in gammas])
+        check(abs(row.coefficient - rubin.mean(gammas)) < 2e-6, f"{name}: {row.label}")
+        check(abs(row.se - V[0][0] ** 0.5) < 4e-6, f"{name}: s.e. of {row.label}: {row.se}, expected {V[0][0] ** 0.5}")
+
+
+def html(check, place):
+    """The same numbers in both modes, in one well-ended page."""
+    place.series(model(), IMPUTED)
+    place.series(model(output="out.html"), IMPUTED)
+    page = place.read("out_avg.html")
+    check(page.count("</body></html>\n") == 1 and page.endswith("</body></html>\n"), "html: the end of the page")
+    check(place.read("out_5.html").endswith("</body></html>\n"), "html: the end of the last sub-run's page")
+    check("<h2>The Averaged Results for this Multiple Imputation Run</h2>\n" in page, "html: the heading")
+    for table in place.averaged().fixed.values():
+        for row in table.rows:
+            check("%13.6f</td>" % row.coefficient in page and "%10.6f</td>" % row.se in page,
+                  f"html: no cell for {row.label}")
+
+
+def failures(check, place):
+    """A data set whose FEMALE is constant fails: it is named, and the others are averaged."""
+    text = model()
+    singles = [place.single(mdm, text) for mdm in IMPUTED]
+    for failing in ((0,), (2,), (M - 1,), (0, 3)):
+        mdms = ["const" if k in failing else mdm for k, mdm in enumerate(IMPUTED)]
+        codes = place.series(text, mdms)
+        check(codes == [11 if k in failing else 0 for k in range(M)], f"failing {failing}: exit codes {codes}")
+        averaged = place.averaged()
+        note = "sub" + ("analysis: " if len(failing) == 1 else "analyses: ") + "".join(f"{k + 1} " for k in failing)
+        check(f"\nThese results do not reflect the failed {note}\n" in averaged.text, f"failing {failing}: the note")
+        rubin.compare(check, f"failing {failing}", averaged, [s for k, s in enumerate(singles) if k not in failing],
+                      CONTRASTS)
+        check(not place.exists(STORE), f"failing {failing}: the store is left")
+    # all but one: its results stand as they are
+    codes = place.series(text, ["const", "const", "imp3"])
+    averaged = place.averaged()
+    check("Only one analysis of the series is usable" in averaged.text, "one usable: the sentence")
+    for table in ("final", "robust"):
+        check([row[4:8] for row in averaged.fixed[table].rows] == [row[4:8] for row in singles[2].report.fixed[table].rows],
+              f"one usable: {table} is not the single run's")
+
+
+def refusals(check, place):
+    """Stores that are not this series', and words of the command line."""
+    words = lambda *w: place.run(*w, "imp1.mdm", "series.kdr")
+    place.write("series.kdr", model())
+    (place.folder / STORE).unlink(missing_ok=True)
+    done = words("-mi1")
+    check(done.returncode == 100 and "There is no result store" in done.stdout, f"no store: {done.stdout}")
+    words("-mi0")
+    place.write("series.kdr", model(options="FISHERTYPE:0\n"))
+    done = words("-mi1", "-e")
+    check(done.returncode == 100 and "another model" in done.stdout, f"another model: {done.stdout}")
+    check("AVERAGED" not in place.read("out.avg") and place.exists(STORE), "another model: something was averaged")
+    place.write("series.kdr", model())
+    whole = (place.folder / STORE).read_bytes()
+    (place.folder / STORE).write_bytes(whole[:-1])
+    done = words("-mi1", "-e")
+    check(done.returncode == 100 and "not whole" in done.stdout, f"cut store: {done.stdout}")
+    (place.folder / STORE).write_bytes(whole)
+    done = words("-mi0", "-e")  # replaces it, and is the whole series
+    check(done.returncode == 0 and "Only one analysis" in place.read("out.avg"), "a series of one")
+    check(words("-e").returncode == 100, "-e alone")
+    done = words("-mi128")
+    check(done.returncode == 100 and "127" in done.stdout, f"data set 129: {done.stdout}")
+
+
+def kills(check, place, moments):
+    """Processes killed at random moments: the averages are those of the data sets that are not named as failed."""
+    text = model(options="NUMIT:30,N\n", hypotheses="")
+    singles = [place.single(mdm, text) for mdm in IMPUTED]
+    place.write("series.kdr", text)
+    start = time.time()
+    place.run("-mi0", "imp1.mdm", "series.kdr")
+    length = time.time() - start
+    rng = random.Random(17)
+    averaged = refused = 0
+    for n in range(moments):
+        (place.folder / STORE).unlink(missing_ok=True)
+        victim = rng.randrange(M)
+        lost = set()
+        for k, mdm in enumerate(IMPUTED):
+            words = ["-q", f"-mi{k}"] + (["-e"] if k == M - 1 else []) + [mdm + ".mdm", "series.kdr"]
+            child = subprocess.Popen([place.program, *words], cwd=place.folder, env=place.environment,
+                                     stdout=subprocess.DEVNULL, stdin=subprocess.DEVNULL)
+            if k == victim:
+                time.sleep(rng.uniform(0, 1.1 * length))
+                child.kill()
+            code = child.wait()
+            if k == victim == M - 1 and code != 0 and place.exists(STORE):  # the last one again
+                code = subprocess.run([place.program, *words], cwd=place.folder, env=place.environment,
+                                      stdout=subprocess.DEVNULL, stdin=subprocess.DEVNULL).returncode
+            lost |= {k} if code != 0 else set()
+        if "AVERAGED" not in place.read("out.avg"):
+            refused += 1
+            check(bool(lost), f"kill {n}: nothing averaged without a kill")
+            continue
+        averages = place.averaged()
+        averaged += 1
+        named = re.search(r"failed sub\w+: ((?:\d+ )+)", averages.text)
+        failed = {int(x) - 1 for x in named[1].split()} if named else set()
+        check(failed <= lost, f"kill {n}: {failed} named, {lost} lost")
+        rubin.compare(check, f"kill {n}", averages, [s for k, s in enumerate(singles) if k not in failed])
+    check(averaged > moments // 2, f"only {averaged} of {moments} killed series were averaged, {refused} refused")
+    (place.folder / STORE).unlink(missing_ok=True)
+
+
+def plausible(check, place):
+    """Outcome and predictor, in one process; every pass is the single run with its variable."""
+    scores, gcses = [f"SC{m + 1}" for m in range(M)], [f"GC{m + 1}" for m in range(M)]
+    for name, values, variant in (("outcome", scores, lambda m: dict(outcome=scores[m], predictors="FEMALE+GC1")),
+                                  ("predictor", gcses, lambda m: dict(outcome="SC1", predictors="FEMALE+" + gcses[m])),
+                                  ("centered predictor", gcses,
+                                   lambda m: dict(outcome="SC1", predictors=f"FEMALE+{gcses[m]},2"))):
+        singles, tables = [], []
+        for m in range(M):
+            singles.append(place.single("pv", model(**variant(m))))
+            tables.append(place.read("single.txt"))
+        place.write("pv.kdr", model(plausvals="PLAUSVALS:" + ",".join(values) + "\n", **variant(0)))
+        done = place.run("pv.mdm", "pv.kdr")
+        check(done.returncode == 0, f"{name}: {done.stdout}")
+        rubin.compare(check, name, place.averaged(), singles, CONTRASTS)
+        text = place.averaged().text
+        what = "outcome" if name == "outcome" else "plausible"
+        check(f" The {what} variables are: " + ",".join("%8s" % v for v in values) + "\n" in text,
+              f"{name}: the line of the variables")
+        check("PLAUSIBLE VALUE RUN" in text, f"{name}: the heading")
+        for m in range(M):
+            check(results(place.read(f"out.{m + 1}")) == results(tables[m]),
+                  f"{name}: pass {m + 1} is not the single run with {values[m]}")
+        place.write("pv.kdr", model(plausvals="PLAUSVALS:" + ",".join(values) + "\n", **variant(0)).replace(
+            "OUTPUT:out.txt", "OUTPUT:page.html"))
+        check(place.run("pv.mdm", "pv.kdr").returncode == 0 and place.read("page_avg.html").endswith("</body></html>\n"),
+              f"{name}: html")
+
+
+def results(text):
+    """A report from its first results on, without the list of the variance-covariance files."""
+    return text[text.index("ITERATION"):].split("\ntauvc.dat")[0].rstrip()
+
+
+if __name__ == "__main__":
+    check = Checks()
+    place = Place(sys.argv[1])
+    moments = int(sys.argv[2]) if len(sys.argv) > 2 else 10
+    imputations(check, place)
+    html(check, place)
+    failures(check, place)
+    refusals(check, place)
+    plausible(check, place)
+    kills(check, place, moments)
+    check.finish()

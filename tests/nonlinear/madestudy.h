@@ -1,0 +1,268 @@
+// Records for the engines that need no MDM file: a model of 1, z (level 3), w (level 2) and x (level 1), with the
+// intercept and, where an order is 2, the slope of x random; and centres and scales of the posterior to start from.
+#pragma once
+
+#include <cmath>
+#include <cstddef>
+#include <fstream>
+#include <random>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "linear/dense.h"
+#include "nonlinear/quadrature.h"
+
+namespace madestudy {
+
+using namespace kdr;
+
+constexpr std::size_t at(int i) { return static_cast<std::size_t>(i); }
+
+struct Record {
+  int k, j;
+  double y, n, x, w, z;
+};
+
+struct Study {
+  int q = 1, r = 1;
+  int npi = 2, nbeta = 3;
+  OutcomeType outcome = OutcomeType::bernoulli;
+  Design design;
+  std::vector<Level3Records> units;
+  std::size_t position = 0, batchsize = 5;
+  int units2 = 0;
+
+  RecordSource source() { return {this, rewind, next}; }
+  static void rewind(void* state) { static_cast<Study*>(state)->position = 0; }
+  static void next(void* state, std::vector<Level3Records>& batch) {
+    Study& study = *static_cast<Study*>(state);
+    batch.clear();
+    for (std::size_t i = 0; i < study.batchsize && study.position < study.units.size(); ++i) {
+      const Level3Records& u = study.units[study.position++];
+      batch.push_back({u.k, u.firstunit, u.firstrecord, u.units, u.start.copy(), u.x.copy(), u.w2.copy(), u.w3.copy(),
+                       u.y.copy(), u.n.copy()});
+    }
+  }
+};
+
+inline Array<int> integers(std::initializer_list<int> values) {
+  Array<int> list(values.size());
+  std::size_t i = 0;
+  for (const int value : values) list[i++] = value;
+  return list;
+}
+
+// Records sorted by k and j, both counted from 0 without gaps within their unit.
+inline Study makestudy(OutcomeType outcome, int q, int r, const std::vector<Record>& records) {
+  Study study;
+  study.q = q;
+  study.r = r;
+  study.outcome = outcome;
+  // Columns of B: intercept, w, x; those random at level 3 first.
+  const int columnw = r == 2 ? 2 : 1, columnx = r == 2 ? 1 : 2;
+  study.design.owner2 = r == 2 ? integers({0, 1, 0}) : integers({0, 0, 1});
+  study.design.owner3 = integers({0, 0, columnw, columnx});
+  study.design.reduced = integers({0, 1, 2, 3});
+  study.design.random1 = q == 2 ? integers({0, 1}) : integers({0});
+  for (std::size_t first = 0; first < records.size();) {
+    std::size_t last = first;
+    while (last < records.size() && records[last].k == records[first].k) ++last;
+    Level3Records unit;
+    unit.k = static_cast<int>(study.units.size());
+    unit.firstunit = at(study.units2);
+    unit.firstrecord = first;
+    unit.units = records[last - 1].j + 1;
+    unit.start.reset(at(unit.units) + 1);
+    unit.w2.reset(at(unit.units) * 3);
+    unit.x.reset((last - first) * 2);
+    unit.y.reset(last - first);
+    if (outcome == OutcomeType::binomial || outcome == OutcomeType::poissonexposure) unit.n.reset(last - first);
+    for (std::size_t i = first; i < last; ++i) {
+      const Record& record = records[i];
+      for (std::size_t j = at(record.j) + 1; j <= at(unit.units); ++j) unit.start[j] = i - first + 1;
+      double* w2 = unit.w2.data() + at(record.j) * 3;
+      w2[0] = w2[columnx] = 1.0;
+      w2[columnw] = record.w;
+      unit.x[(i - first) * 2] = 1.0;
+      unit.x[(i - first) * 2 + 1] = record.x;
+      unit.y[i - first] = record.y;
+      if (!unit.n.empty()) unit.n[i - first] = record.n;
+    }
+    unit.w3.reset(4);
+    unit.w3.fill(1.0);
+    unit.w3[1] = records[first].z;
+    study.units2 += unit.units;
+    study.units.push_back(std::move(unit));
+    first = last;
+  }
+  return study;
+}
+
+inline std::vector<Record> readrecords(const std::string& path) {
+  std::vector<Record> records;
+  std::ifstream file(path);
+  for (Record record{}; file >> record.k >> record.j >> record.y >> record.n >> record.x >> record.w >> record.z;)
+    records.push_back(record);
+  return records;
+}
+
+// From (vech taupi, vech taubeta, gamma).
+inline Parameters makeparameters(int q, int r, const std::vector<double>& theta) {
+  Parameters parameters;
+  parameters.q = q;
+  parameters.r = r;
+  parameters.taupi.reset(at(q) * at(q));
+  parameters.taubeta.reset(at(r) * at(r));
+  parameters.g = static_cast<int>(theta.size() - parameters.ntaupi() - parameters.ntaubeta());
+  parameters.gamma.reset(at(parameters.g));
+  addstep(parameters, theta.data());
+  return parameters;
+}
+inline std::vector<double> elements(const Parameters& parameters) {
+  std::vector<double> theta;
+  for (std::size_t a = 0; a < at(parameters.q); ++a)
+    for (std::size_t b = 0; b <= a; ++b) theta.push_back(parameters.taupi[a * at(parameters.q) + b]);
+  for (std::size_t a = 0; a < at(parameters.r); ++a)
+    for (std::size_t b = 0; b <= a; ++b) theta.push_back(parameters.taubeta[a * at(parameters.r) + b]);
+  theta.insert(theta.end(), parameters.gamma.begin(), parameters.gamma.end());
+  return theta;
+}
+
+// The joint posterior mode of (v, u_1, ..., u_J) of every level-3 unit by Newton's method, and the diagonal blocks of
+// the inverse of the curvature there.
+inline Adaptation posteriormodes(const Study& study, const Parameters& parameters) {
+  const int q = study.q, r = study.r, npi = study.npi, nbeta = study.nbeta;
+  Adaptation adaptation;
+  adaptation.vstar.reset(study.units.size() * at(r));
+  adaptation.C3.reset(study.units.size() * at(r * r));
+  adaptation.ustar.reset(at(study.units2 * q));
+  adaptation.P.reset(at(study.units2 * q * q));
+  dense::Matrix Tp(q, q), Tb(r, r);
+  for (int a = 0; a < q * q; ++a) Tp.cells[at(a)] = parameters.taupi[at(a)];
+  for (int a = 0; a < r * r; ++a) Tb.cells[at(a)] = parameters.taubeta[at(a)];
+  const dense::Matrix Kp = dense::inverse(Tp), Kb = dense::inverse(Tb);
+  for (const Level3Records& unit : study.units) {
+    const int order = r + unit.units * q;
+    std::vector<double> mode(at(order));
+    dense::Matrix H(order, order);
+    // Objective, and at `full` gradient and curvature.
+    const auto objective = [&](const std::vector<double>& effects, std::vector<double>* gradient) {
+      double value = 0.0;
+      if (gradient != nullptr) {
+        gradient->assign(at(order), 0.0);
+        H = dense::Matrix(order, order);
+      }
+      const auto prior = [&](int first, int n, const dense::Matrix& K) {
+        for (int a = 0; a < n; ++a)
+          for (int b = 0; b < n; ++b) {
+            const double product = K(a, b) * effects[at(first + b)];
+            value -= 0.5 * product * effects[at(first + a)];
+            if (gradient == nullptr) continue;
+            (*gradient)[at(first + a)] -= product;
+            H(first + a, first + b) += K(a, b);
+          }
+      };
+      prior(0, r, Kb);
+      for (int j = 0; j < unit.units; ++j) {
+        const int first = r + j * q;
+        prior(first, q, Kp);
+        for (std::size_t i = unit.start[at(j)]; i < unit.start[at(j) + 1]; ++i) {
+          const double* x = unit.x.data() + i * at(npi);
+          std::vector<double> row(at(nbeta)), f(at(r + q));
+          for (int m = 0; m < nbeta; ++m) row[at(m)] = unit.w2[at(j * nbeta + m)] * x[at(study.design.owner2[at(m)])];
+          double eta = 0.0;
+          for (std::size_t m = 0; m < study.design.owner3.size(); ++m)
+            eta += unit.w3[m] * row[at(study.design.owner3[m])] * parameters.gamma[at(study.design.reduced[m])];
+          for (int a = 0; a < r; ++a) f[at(a)] = row[at(a)];
+          for (int a = 0; a < q; ++a) f[at(r + a)] = x[at(study.design.random1[at(a)])];
+          const auto place = [&](int a) { return a < r ? a : first + a - r; };
+          for (int a = 0; a < r + q; ++a) eta += f[at(a)] * effects[at(place(a))];
+          const double y = unit.y[i], n = unit.n.empty() ? 1.0 : unit.n[i];
+          double residual = 0.0, weight = 0.0;
+          if (study.outcome == OutcomeType::bernoulli || study.outcome == OutcomeType::binomial) {
+            const double mu = 1.0 / (1.0 + std::exp(-eta));
+            value += y * eta - n * (eta > 0.0 ? eta + std::log1p(std::exp(-eta)) : std::log1p(std::exp(eta)));
+            residual = y - n * mu;
+            weight = n * mu * (1.0 - mu);
+          } else {
+            const double mu = n * std::exp(eta);
+            value += y * eta - mu;
+            residual = y - mu;
+            weight = mu;
+          }
+          if (gradient == nullptr) continue;
+          for (int a = 0; a < r + q; ++a) {
+            (*gradient)[at(place(a))] += residual * f[at(a)];
+            for (int b = 0; b < r + q; ++b) H(place(a), place(b)) += weight * f[at(a)] * f[at(b)];
+          }
+        }
+      }
+      return value;
+    };
+    dense::Matrix C;
+    for (int pass = 0; pass < 60; ++pass) {
+      std::vector<double> gradient;
+      const double value = objective(mode, &gradient);
+      C = dense::inverse(H);
+      std::vector<double> trial = mode;
+      double scale = 1.0, largest = 0.0;
+      for (int halving = 0; halving < 30; ++halving, scale *= 0.5) {
+        for (int a = 0; a < order; ++a) {
+          double step = 0.0;
+          for (int b = 0; b < order; ++b) step += C(a, b) * gradient[at(b)];
+          trial[at(a)] = mode[at(a)] + scale * step;
+          largest = std::max(largest, std::fabs(step));
+        }
+        if (objective(trial, nullptr) >= value) break;
+      }
+      mode = trial;
+      if (largest < 1e-8) break;
+    }
+    const auto put = [&](int first, int n, double* means, double* covariance) {
+      for (int a = 0; a < n; ++a) {
+        means[a] = mode[at(first + a)];
+        for (int b = 0; b < n; ++b) covariance[a * n + b] = C(first + a, first + b);
+      }
+    };
+    put(0, r, adaptation.vstar.data() + at(unit.k * r), adaptation.C3.data() + at(unit.k * r * r));
+    for (int j = 0; j < unit.units; ++j) {
+      const std::size_t place = unit.firstunit + at(j);
+      put(r + j * q, q, adaptation.ustar.data() + place * at(q), adaptation.P.data() + place * at(q * q));
+    }
+  }
+  return adaptation;
+}
+
+// A study drawn from the model, outcome Bernoulli: `units3` level-3 units of `units2` level-2 units of `records`.
+inline std::vector<Record> drawrecords(unsigned seed, int units3, int units2, int records, const Parameters& truth) {
+  std::mt19937 rng(seed);
+  std::normal_distribution<double> normal;
+  std::uniform_real_distribution<double> uniform;
+  const auto effects = [&](int n, const Array<double>& T) {  // of order 1 or 2
+    std::pair<double, double> drawn{std::sqrt(T[0]) * normal(rng), 0.0};
+    if (n == 2) {
+      const double slope = T[2] / T[0];
+      drawn.second = slope * drawn.first + std::sqrt(T[3] - slope * T[2]) * normal(rng);
+    }
+    return drawn;
+  };
+  std::vector<Record> all;
+  for (int k = 0; k < units3; ++k) {
+    const double z = normal(rng);
+    const auto v = effects(truth.r, truth.taubeta);
+    for (int j = 0; j < units2; ++j) {
+      const double w = normal(rng);
+      const auto u = effects(truth.q, truth.taupi);
+      for (int i = 0; i < records; ++i) {
+        const double x = normal(rng);
+        const double eta = truth.gamma[0] + truth.gamma[1] * z + truth.gamma[2] * w + truth.gamma[3] * x + v.first +
+                           u.first + (v.second + u.second) * x;
+        all.push_back({k, j, uniform(rng) < 1.0 / (1.0 + std::exp(-eta)) ? 1.0 : 0.0, 1.0, x, w, z});
+      }
+    }
+  }
+  return all;
+}
+
+}  // namespace madestudy

@@ -1,0 +1,211 @@
+#include "report/passtables.h"
+
+#include <gtest/gtest.h>
+
+#include "driver/runrecord.h"
+#include "reportfixture.h"
+
+namespace kdr {
+namespace {
+
+Array<double> filled(std::size_t n, double value) {
+  Array<double> values(n);
+  values.fill(value);
+  return values;
+}
+
+// One random intercept: taus of order 1, one fixed effect.
+PassResults resultsof(PassKind kind) {
+  startmodel({"Y"}, {}, {});
+  run.kind.nlrun = kind != PassKind::linear && kind != PassKind::categories;
+  run.kind.mnrun = kind == PassKind::categories;
+  run.kind.nonlin = kind == PassKind::linear ? 0 : kind == PassKind::categories ? 3 : 1;
+  run.kind.ordinal = run.kind.mnrun;
+  setmodel({{0, true, {{0, {0}}}}});
+  PassResults results;
+  results.kind = kind;
+  results.macro = kind == PassKind::linear ? 0 : 4;
+  if (kind == PassKind::identity) results.fixsigma2 = 1.5;
+  results.tausstand = kind == PassKind::populationaverage;
+  results.iteration = 7;
+  results.loglik = -12.5;
+  results.est.gammahat = filled(1, 2.0);
+  results.est.taupi = filled(1, 3.0);
+  results.est.taubeta = filled(1, 4.0);
+  results.est.sigma2 = 1.5;
+  results.errors.asked = results.errors.known = true;
+  results.errors.taupi = filled(1, 0.25);
+  results.errors.taubeta = filled(1, 0.5);
+  results.errors.sigma2 = 0.125;
+  results.reliabilities = {filled(1, 0.75), filled(1, 0.5), 90, 20};
+  results.degrees.df.reset(1);
+  results.degrees.df[0] = 10;
+  results.degrees.rough.reset(1);
+  results.covariance = filled(1, 1.0);
+  results.robust = filled(1, 4.0);
+  results.tests.chisq2 = filled(1, 50.0);
+  results.tests.chisq3 = filled(1, 60.0);
+  results.tests.df2.reset(1);
+  results.tests.df3.reset(1);
+  results.tests.df2[0] = results.tests.df3[0] = 20;
+  results.tests.units2 = 100;
+  results.tests.units3 = 19;
+  return results;
+}
+
+// The pieces in the order in which they stand; none of them a second time, and none of the `absent` ones.
+void expectpieces(const std::string& text, const std::vector<const char*>& pieces,
+                  const std::vector<const char*>& absent) {
+  std::size_t at = 0;
+  for (const char* piece : pieces) {
+    const std::size_t found = text.find(piece, at);
+    ASSERT_NE(found, std::string::npos) << piece << " behind\n" << text.substr(0, at) << "\n~~~\n" << text.substr(at);
+    at = found + std::string_view(piece).size();
+  }
+  for (const char* piece : absent) EXPECT_EQ(text.find(piece), std::string::npos) << piece << text;
+}
+
+std::string printed(const PassResults& results, bool html = false) {
+  return capturedtable(html, [&] { passtables(results); });
+}
+
+constexpr const char* loglik = "function at iteration 7 = -1.250000E+01";
+constexpr const char* standard = "INTRCPT3, G000      2.000000    1.000000";
+constexpr const char* robust = "INTRCPT3, G000      2.000000    2.000000";
+
+TEST(PassTables, OfALinearRunInOrder) {
+  PassResults results = resultsof(PassKind::linear);
+  expectpieces(printed(results),
+               {"\f******* ITERATION 7 *******\n\nIterations stopped due to small change in likelihood function\n",
+                " sigma^2 =      1.50000\n Standard error of sigma^2 =      0.12500\n",
+                "\ntau(pi)\n",
+                "3.00000",
+                "Standard error of tau(pi)\n",
+                "0.25000",
+                "Random level-1",
+                "0.750",
+                "Note: The reliability estimates reported above are based on only 90 of 100",
+                "\ntau(beta)\n",
+                "4.00000",
+                "Standard error of tau(beta)\n",
+                "0.50000",
+                "Random level-2",
+                "0.500",
+                loglik,
+                standard,
+                robust,
+                "level-1 and level-2 variance",
+                "50.00000",
+                "level-3 variance",
+                "60.00000",
+                "Note: The chi-square statistics reported above are based on only 19 of 20"},
+               {"correlations", "moderate to"});
+  expectpieces(printed(results, true), {"<h2>Final Results - Iteration 7</h2>", "&tau;", "<h4>", "<h4>", "&chi;"},
+               {"\f"});
+  // An iteration on the way says nothing of an end and has no fixed effects.
+  results.stopped = false;
+  expectpieces(capturedtable(false, [&] { iterationtables(results); }), {"ITERATION 7", "Random level-2", loglik},
+               {"stopped", "fixed effects"});
+  results.stopped = true;
+
+  results.ending = Ending::limit;
+  results.errors.known = false;
+  results.reliabilities.units2 = 0;
+  results.robust = {};
+  expectpieces(printed(results),
+               {"WARNING: the iterations were stopped prior to convergence.\nYou may want",
+                "Standard errors for sigma^2, tau(pi), and tau(beta) are not computable.\n\n",
+                " sigma^2 = ", " The tau(pi) reliabilities cannot be computed\n", standard,
+                "\nThe robust standard errors cannot be computed for this model.\n", "level-1 and level-2 variance"},
+               {"Standard error of", "Random level-1", "with robust"});
+  results.ending = Ending::keyboard;
+  results.fixsigma2 = run.iter.fixsigma2 = 1.5;
+  expectpieces(printed(results),
+               {" Iterations terminated prematurely from the keyboard.\n", "\n sigma^2 =      1.50000\n"},
+               {"level-1,  "});
+}
+
+TEST(PassTables, OfAHeterogeneousStage) {
+  PassResults results = resultsof(PassKind::linear);
+  results.heterogeneous = true;
+  expectpieces(capturedtable(false,
+                             [&] {
+                               iterationtables(results);
+                               fixedeffectstables(results);
+                             }),
+               {"\nRESULTS FOR HETEROGENEOUS TAU(PI)\n\n", " sigma^2 =", "\ntau(beta)\n", loglik, standard},
+               {"\ntau(pi)\n", "Standard error of tau", "Random level"});
+}
+
+struct KindCase {
+  PassKind kind;
+  std::vector<const char*> pieces, absent;
+};
+
+TEST(PassTables, OfEachPassOfANonlinearRun) {
+  const KindCase cases[] = {
+      {PassKind::identity,
+       {"\fRESULTS FOR LINEAR MODEL WITH THE IDENTITY LINK FUNCTION\n\n sigma^2 =      1.50000\n", "\ntau(pi)\n",
+        "Random level-1", "\ntau(beta)\n", "Random level-2", loglik, "identity link function)", standard},
+       {"Standard error of sigma^2", "Odds", "robust", "variance components"}},
+      {PassKind::pql,
+       {"\fRESULTS FOR NON-LINEAR MODEL WITH THE LOGIT LINK FUNCTION:\n  Unit-Specific Model, PQL Estimation - (macro "
+        "iteration 4)\n sigma^2 =",
+        "\ntau(pi)\n", "Random level-2", loglik, "(Unit-specific model)", standard, "Odds", "(Unit-specific model with",
+        robust, "Odds", "level-3 variance"},
+       {"Iterations stopped"}},
+      {PassKind::categories,
+       {"\fRESULTS FOR ORDINAL ITERATION 4\n\n sigma^2 =", "\ntau(pi)\n", loglik, standard, "Odds", "with robust",
+        "Odds", "level-3 variance"},
+       {"Unit-specific"}},
+      {PassKind::populationaverage,
+       {"\n\nRESULTS FOR POPULATION-AVERAGE MODEL\n\n sigma^2 =", loglik, "(Population-average model)", standard,
+        "Odds", "(Population-average model with", robust, "Odds"},
+       {"tau(pi)", "tau(beta)", "Random level", "variance components"}}};
+  for (const KindCase& c : cases) expectpieces(printed(resultsof(c.kind)), c.pieces, c.absent);
+
+  expectpieces(printed(resultsof(PassKind::identity), true),
+               {"<h2>Final Results for Linear Model with the Identity Link Function</h2>"}, {});
+  expectpieces(printed(resultsof(PassKind::pql), true),
+               {"<h2>Results for Non-linear Model with the Logit Link Function<br><small>Unit-Specific Model, PQL "
+                "Estimation - (macro iteration 4)</small></h2>\n"},
+               {});
+  expectpieces(printed(resultsof(PassKind::categories), true), {"<h2>Final Results for Ordinal Iteration 4</h2>"}, {});
+  expectpieces(printed(resultsof(PassKind::populationaverage), true),
+               {"<h2>Results for Population-Average Model</h2>\n"}, {"Random level"});
+
+  // Without full output the identity pass leaves its likelihood alone; no errors are missed where the taus stand still.
+  const PassResults first = resultsof(PassKind::identity);
+  run.out.fulloutput = false;
+  EXPECT_EQ(printed(first), std::string("The value of the log-likelihood ") + loglik + "\n");
+  PassResults last = resultsof(PassKind::populationaverage);
+  last.errors.known = false;
+  last.fixsigma2 = 1.5;
+  expectpieces(printed(last), {loglik}, {"not computable", "sigma^2"});
+}
+
+TEST(LeastSquaresTables, SayWhatCannotBeComputed) {
+  const PassResults pass = resultsof(PassKind::linear);
+  LeastSquaresResults results;
+  results.gamma = filled(1, 2.0);
+  results.vgamma = filled(1, 0.5);
+  results.sigma2 = 2.0;
+  results.robust = filled(1, 4.0);
+  results.loglik = -100.0;
+  const auto write = [&] { leastsquarestables(results, pass.degrees); };
+  expectpieces(
+      capturedtable(false, write),
+      {"\n Least Squares Estimates\n -----------------------\n\n sigma^2 =      2.00000\n\n", standard, "(with robust",
+       robust, " The least-squares likelihood value = -1.000000E+02\n Deviance =    200.00000\n",
+       " Number of estimated parameters =    2\n"},
+      {"moderate to", "cannot"});
+  results.robust = {};
+  results.loglik = missingcode;
+  expectpieces(capturedtable(true, write),
+               {"<h3>Least Squares Estimates</h3>\n", "The robust standard errors cannot be computed",
+                "likelihood cannot be computed: the model leaves no residual.<br>\n"},
+               {"with robust", "Deviance"});
+}
+
+}  // namespace
+}  // namespace kdr
