@@ -1,6 +1,5 @@
 #include "report/modelrows.h"
 
-
 #include "driver/runrecord.h"
 #include "report/stream.h"
 
