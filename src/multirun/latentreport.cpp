@@ -223,11 +223,11 @@ std::vector<int> reducedeffects(const ModelRows& rows) {
   std::vector<int> reduced, firstofgroup(rows.effects.size() + 1, -1);
   int next = 0;
   for (const EffectRow& effect : rows.effects) {
-    if (effect.constraint < 0) {
-      reduced.push_back(firstofgroup[at(-effect.constraint)]);
+    if (effect.removed) {
+      reduced.push_back(firstofgroup[at(effect.group)]);
       continue;
     }
-    if (effect.constraint > 0) firstofgroup[at(effect.constraint)] = next;
+    if (effect.group > 0) firstofgroup[at(effect.group)] = next;
     reduced.push_back(next++);
   }
   return reduced;

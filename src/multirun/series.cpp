@@ -75,7 +75,7 @@ unsigned long long fingerprint(const ModelRows& rows) {
   }
   for (const EffectRow& row : rows.effects) {
     print.add(row.term);
-    print.add(row.constraint);
+    print.add(row.removed ? -row.group : row.group);
     addvariable(print, run.mdm.names3, model.center3, row.variable);
   }
   return print.value();
@@ -189,7 +189,7 @@ SubrunShape seriesshape() {
   const ModelRows rows = modelrows();
   for (const CoefficientRow& row : rows.coefficients) shape.q += row.random ? 1 : 0;
   for (const TermRow& row : rows.terms) shape.r += row.random ? 1 : 0;
-  for (const EffectRow& row : rows.effects) shape.g += row.constraint < 0 ? 0 : 1;
+  for (const EffectRow& row : rows.effects) shape.g += row.removed ? 0 : 1;
   shape.fisher = run.iter.fishertype != 0;
   shape.popaverage = run.kind.nlrun;
   shape.model = fingerprint(rows);

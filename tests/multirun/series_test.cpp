@@ -135,7 +135,6 @@ class Series : public testing::Test {
     setsymbols();
     makerowlabels();
     setrandomsubscripts();
-    droplabels();
     reportline("  Heading");
     reportline("  Output file name              = %s", run.files.outfile.c_str());
     reportline("  The model");
