@@ -69,6 +69,8 @@ void writenonlineariterations(std::FILE* out) {
   }
   if (kind.nonlin == 1 && !kind.nlcount) std::fprintf(out, "LAPLACE:%s,%d\n", iter.laplace ? "y" : "n", iter.laplaceit);
   if (iter.agqpoints != 0) std::fprintf(out, "agq:y,%d,%d\n", iter.agqit, iter.agqpoints);
+  if (iter.agqderivlevel != 2) std::fprintf(out, "AGQDERIVLEVEL:%d\n", iter.agqderivlevel);
+  if (iter.popavit > 1) std::fprintf(out, "POPAVIT:%d\n", iter.popavit);
   if (iter.taylor != 0) std::fprintf(out, "TAYLOR:%d\n", iter.taylor);
 }
 
@@ -102,9 +104,9 @@ void writelevel1(std::FILE* out, int e, const std::string& outcome) {
     std::fprintf(out, "LEVEL1:%s=%s\n", outcome.c_str(), level1terms(e, true).c_str());
     return;
   }
-  // A non-linear run's line names the working outcome and has no centering marks. The comment before it keeps both, and
-  // the reader takes them from there.
-  std::fprintf(out, "#LEVEL1:%s=%s\n", outcome.c_str(), level1terms(e, true).c_str());
+  // A non-linear run's line names the working outcome and has no centering marks. The line before it, a comment to
+  // everyone else, keeps both, and the reader takes them from there.
+  std::fprintf(out, "#KDR3 LEVEL1:%s=%s\n", outcome.c_str(), level1terms(e, true).c_str());
   std::fprintf(out, "LEVEL1:%s=%s\n", run.kind.nlrun ? "Z" : outcome.c_str(), level1terms(e, false).c_str());
 }
 

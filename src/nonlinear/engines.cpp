@@ -69,8 +69,8 @@ void laplace(Pass& pass, MacroState& state, const PassResults& before, double& l
   settings.threads = threads();
   settings.stopasked = askstop;
   holdinterrupts();
-  const LaplaceResult result = runlaplace(data, settings, currentparameters(pass), posteriormeans2(pass),
-                                          pass.vstar.cells, before.loglik);
+  const LaplaceResult result =
+      runlaplace(data, settings, currentparameters(pass), posteriormeans2(pass), pass.vstar.cells, before.loglik);
   releaseinterrupts();
   if (result.end == LaplaceEnd::failed) {
     laplacefailed();

@@ -93,12 +93,6 @@ void rescaletaus(MacroState& state) {
     for (double& t : *tau) t /= v * v;
 }
 
-Array<double> modelcovariance() {
-  Array<double> covariance = run.est.vgamma.copy();
-  for (double& v : covariance) v *= run.est.sigma2;
-  return covariance;
-}
-
 // The end of the unit-specific phase.
 void closephase(Pass& pass, MacroState& state, const PassResults& results) {
   state.unitspecificgamma = run.est.gammahat.copy();
@@ -107,13 +101,13 @@ void closephase(Pass& pass, MacroState& state, const PassResults& results) {
   const bool engines = run.iter.laplace || run.iter.agqpoints != 0;
   const auto unitspecificfiles = [&] {
     writetaufile(taufile, run.est, results.errors, false);
-    writegammafile(unitspecificfile, run.est.gammahat, modelcovariance());
+    writegammafile(unitspecificfile, run.est.gammahat, modelcovariance(run.est));
   };
   if (engines && run.out.printvc != 0) unitspecificfiles();
   if (engines) maximumlikelihood(pass, state, results);
   if (run.out.printvc == 0) return;
   if (run.iter.laplace) {
-    writegammafile(averagefile, run.est.gammahat, modelcovariance());
+    writegammafile(averagefile, run.est.gammahat, modelcovariance(run.est));
   } else if (!engines || run.out.printvc != 2) {
     unitspecificfiles();
   }
@@ -133,7 +127,7 @@ void averagephase(MacroState& state, void (*store)(const PassResults&)) {
       robust.fill(missingcode);
       writegammafile(robustaveragefile, results.est.gammahat, results.robust.empty() ? robust : results.robust);
     }
-    writegammafile(averagefile, results.est.gammahat, modelcovariance());
+    writegammafile(averagefile, results.est.gammahat, modelcovariance(run.est));
   }
   if (run.out.graph) writegraphdata(pass, state.layout, graphgammas(state));
 }
