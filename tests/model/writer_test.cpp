@@ -252,6 +252,7 @@ struct Answers {
   char* words = nullptr;
   std::size_t nwords = 0;
   std::FILE* console = nullptr;
+  std::string line;  // what of an answer was not taken yet
 
   int below(int n) { return static_cast<int>(random() % static_cast<unsigned>(n)); }
 
@@ -279,8 +280,11 @@ struct Answers {
 };
 
 ssize_t readanswers(void* cookie, char* buffer, std::size_t size) {
-  const std::string line = static_cast<Answers*>(cookie)->answer() + "\n";
-  return static_cast<ssize_t>(line.copy(buffer, size));
+  Answers& answers = *static_cast<Answers*>(cookie);
+  if (answers.line.empty()) answers.line = answers.answer() + "\n";
+  const std::size_t n = answers.line.copy(buffer, size);
+  answers.line.erase(0, n);
+  return static_cast<ssize_t>(n);
 }
 
 // Holds the dialogue with random answers; the written file, run again, restores the record.
