@@ -187,6 +187,13 @@ void seekunit(UnitReader& reader, long long position) {
   reader.at = reader.have = 0;
 }
 
+std::FILE* openworking(const std::string& path) {
+  constexpr std::size_t bytes = std::size_t{256} << 10;
+  std::FILE* stream = openfile(path, "wb");
+  std::setvbuf(stream, nullptr, _IOFBF, bytes);
+  return stream;
+}
+
 void writeunit(std::FILE* stream, const UnitBlock& block, int nvar1, int nvar2, bool withmeans) {
   const std::size_t row = static_cast<std::size_t>(nvar1) * sizeof(double);
   writechk(&block.nj, sizeof block.nj, stream);

@@ -60,7 +60,7 @@ void preparecategoricaldata(const CategoryTable& table, MacroState& state) {
 
   RecordUnits units;
   startrecords(units, mdmlayout(true), run.mdm.stream, run.mdm.firstblock);
-  std::FILE* out = openfile(run.files.tempname2, "wb");
+  std::FILE* out = openworking(run.files.tempname2);
   UnitBlock stacked;
   while (nextblock(units)) {
     checksignals();
@@ -107,7 +107,7 @@ void updatecategoricaldata(Pass& pass, MacroState& state) {
   Array<double> weights(design.owner3.size()), theta(at(pass.nbeta)), thetastar(at(pass.nbeta)), beta(at(pass.npi));
   Array<double> x(at(pass.npi));
   std::FILE* in = openfile(run.files.tempname2, "rb");
-  std::FILE* out = openfile(run.files.tempname3, "wb");
+  std::FILE* out = openworking(run.files.tempname3);
   UnitReader reader;
   startunits(reader, in, 0, layout.width, run.mdm.nvar2, false);
   UnitBlock unit;

@@ -54,7 +54,7 @@ PassPlan planof(const MacroState& state, PassKind kind) {
 PassResults identitypass(Pass& pass, MacroState& state) {
   RecordUnits units;
   startrecords(units, mdmlayout(true), run.mdm.stream, run.mdm.firstblock);
-  units.working = openfile(run.files.tempname2, "wb");
+  units.working = openworking(run.files.tempname2);
   if (run.kind.nlcount) state.counts.reset(at(run.mdm.numl1rec));
   units.counts = run.kind.nlcount ? &state.counts : nullptr;
   double outcomes = 0.0, counts = 0.0;

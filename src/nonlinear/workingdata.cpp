@@ -153,7 +153,7 @@ void prepareworkingdata(Pass& pass, MacroState& state, const WorkingStep& kind) 
   RecordLayout to = workinglayout();
   Step step = makestep(pass, state, kind, to);
   std::FILE* in = openfile(run.files.tempname2, "rb");
-  std::FILE* out = openfile(run.files.tempname3, "wb");
+  std::FILE* out = openworking(run.files.tempname3);
   UnitReader reader;
   startunits(reader, in, 0, state.layout.width, run.mdm.nvar2, false);
   UnitBlock unit, converted;
