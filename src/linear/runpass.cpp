@@ -114,8 +114,9 @@ void startfromestimates(Pass& pass) {
   if (!pass.plan.freshgamma) run.est.gammahat = start.gammahat.copy();
   run.est.taupi = start.taupi.copy();
   run.est.taubeta = start.taubeta.copy();
-  if (run.out.diagtaupi) cleardiagonaloff(run.est.taupi.data(), pass.p);
-  if (run.out.diagtaubeta) cleardiagonaloff(run.est.taubeta.data(), pass.b);
+  // The estimates may have been moved to another scale, which elements that are held do not follow.
+  applytaupi(run.est.taupi.data());
+  applytaubeta(run.est.taubeta.data());
   run.est.sigma2 = pass.fixsigma2 != 0.0 ? pass.fixsigma2 : start.sigma2;
   const long long left = run.mdm.nunits1 - static_cast<long long>(run.mdm.nunits2) * pass.p;
   if (pass.fixsigma2 == 0.0 && left <= 0) fail(16);
