@@ -23,7 +23,7 @@ using namespace kdr;
 namespace {
 
 // Of the dialogue and of command files. Once in a while 1000 of each are worth the time.
-constexpr unsigned sessions = 1000, files = 1000;
+constexpr unsigned sessions = 60, files = 150;
 
 // What the run sequence does between reading and writing.
 void finishrun() {
@@ -92,7 +92,7 @@ std::string recordtext() {
       << i.laplace << ' ' << i.laplaceit << ' ' << i.agqpoints << ' ' << i.agqit << ' ' << i.agqderivlevel << ' '
       << i.popavit << ' ' << i.taylor << ' ' << i.debug << '\n';
   const OutputControl& o = run.out;
-  put(out, "lvr", o.lvrroles);
+  if (o.lvr) put(out, "lvr", o.lvrroles);
   out << o.fulloutput << o.printvc << o.diagtaupi << o.diagtaubeta << o.resfil1 << o.resfil2 << o.resfil3 << ' '
       << o.graph << ' ' << o.wgtvar1 << ' ' << o.wgtvar2 << ' ' << o.wgtvar3 << ' ' << o.autovknown << ' ' << o.deviance
       << ' ' << o.df << ' ' << o.lvr << '\n';
