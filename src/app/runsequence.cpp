@@ -32,6 +32,8 @@
 #include "model/writer.h"
 #include "multirun/latentreport.h"
 #include "multirun/series.h"
+#include "nonlinear/categoryloop.h"
+#include "nonlinear/macroloop.h"
 #include "report/header.h"
 #include "report/specification.h"
 #include "report/stream.h"
@@ -82,18 +84,24 @@ void holdstandardstreams() {
   fail(0);
 }
 
-// A keyword whose engine this version does not have yet ends the run here, before anything is written.
-void refuseabsentengines() {
-  struct Absent {
-    bool wanted;
-    const char* what;
-  };
-  const Absent absent[] = {
-      {run.kind.nonlin != 0, "estimate non-linear models"},
-      {run.iter.agqpoints != 0, "do adaptive quadrature"},
-  };
-  for (const Absent& engine : absent)
-    if (engine.wanted) stopwith("This version of %s cannot %s yet.\n", module, engine.what);
+// The engines know neither design weights nor restricted taus: the model that they fit would be another one.
+void checkengines() {
+  const char* engine = run.iter.laplace ? "Laplace-6" : run.iter.agqpoints != 0 ? "adaptive quadrature" : nullptr;
+  if (engine == nullptr) return;
+  const bool restricted = run.iter.haveesttau2 || run.iter.haveesttau3 || run.iter.havecontau2 || run.iter.havecontau3;
+  const bool diagonal = run.iter.laplace && (run.out.diagtaupi || run.out.diagtaubeta);
+  if (run.kind.weighted) stopwith("A run with design weights cannot go on to %s.\n", engine);
+  if (restricted || diagonal) stopwith("A run with restricted variance components cannot go on to %s.\n", engine);
+}
+
+// What the passes of the run are, once the model stands.
+void choosekind() {
+  ModelKind& kind = run.kind;
+  if (run.iter.macroit == 0) return;
+  kind.nlrun = kind.nonlin == 1 || kind.nonlin == 2;
+  kind.mnrun = kind.nonlin == 3;
+  if (kind.nlrun) run.iter.popavit = std::max(run.iter.popavit, 1);
+  if (kind.mnrun) run.iter.fixsigma2 = 1.0;
 }
 
 // A latent variable regression needs something to explain and something to explain it by.
@@ -137,13 +145,14 @@ void readmodel() {
   if (run.coef.ngamma - run.model.nconstrained < 1) fail(17);
   featurequestions();
   labelrandomeffects();
+  choosekind();
   outputquestions();
   compactlists();
-  refuseabsentengines();
   checkroles();
   checkfiles();
   markdeletion();
   run.kind.weighted = run.out.wgtvar1 != 0 || run.out.wgtvar2 != 0 || run.out.wgtvar3 != 0;
+  checkengines();
   if (run.kind.weighted) normaliseweights();
   if (!run.series.pvmode || run.series.pvfirst)
     run.kind.outname = run.mdm.names1[static_cast<std::size_t>(run.kind.outvar)];
@@ -165,6 +174,15 @@ void openresults() {
   beginseries();
   if (!reportisstdout()) std::printf("Computing . . ., please wait\n");
   writecommandfile(newcommandfile);
+}
+
+// The estimation by the kind of the run; the results of its passes go to the store of a series.
+PassResults estimate(const CategoryTable& table) {
+  if (run.kind.nlrun) return estimatenonlinear(storesubrun);
+  if (run.kind.mnrun) return estimatecategories(table, storesubrun);
+  PassResults results = estimatelinear();
+  storesubrun(results);
+  return results;
 }
 
 // Moves the model to the next plausible value and leaves it as the command file of the next pass; false when there is
@@ -216,11 +234,12 @@ void runjob(int argc, char** argv) {
 
   do {
     readmodel();
+    const CategoryTable table = run.kind.mnrun ? readcategories() : CategoryTable{};
     openresults();
-    const PassResults results = estimatelinear();
-    storesubrun(results);
+    const PassResults results = estimate(table);
     latentvariableregression(results);
-    listlinearfiles(results);
+    if (run.kind.nlrun) listnonlinearfiles();
+    if (run.kind.linear()) listlinearfiles(results);
     if (const Pooled* averages = poolseries()) latentvariableregression(*averages);
     closereport();
   } while (nextplausiblevalue());

@@ -19,6 +19,7 @@ namespace kdr {
 struct RunIdentity {
   std::tm started{};      // local time at program start
   bool inmemory = false;  // -i: the unit store stays in memory, whatever its size
+  int threads = 0;        // -t<n>: threads of the maximum-likelihood engines; 0: one for each core
   int waitseconds = 3;    // length of the wait at every end; below 0 (-q): none at all
   bool respfile = false;  // -r: the answers come from a response file
 };

@@ -197,12 +197,13 @@ void writelevel2(ResultFile& file, Pass& pass, UnitResults& results) {
 
 }  // namespace
 
-void writegraphdata(Pass& pass, const RecordLayout& layout) {
+void writegraphdata(Pass& pass, const RecordLayout& layout, const Array<double>& phases) {
   ResultFile file;
   openresult(file, run.files.graphgammas);
   writeresult(file, "GRKDR3");
   writevalue(file, fileversion);
   writevalue(file, pass.g);
+  put(file, phases);
   put(file, run.est.gammahat);
   writepredictorsections(file);
 
@@ -210,6 +211,7 @@ void writegraphdata(Pass& pass, const RecordLayout& layout) {
   writeflags(file);
   writelevel3(file, pass, results);
   writelevel2(file, pass, results);
+  if (run.kind.mnrun) return finishresult(file);
   writevalue(file, run.mdm.nunits1);
   eachfittedunit(pass, layout,
                  [&](int, const UnitBlock& unit, const double* fitted) { put(file, fitted, at(unit.nj)); });

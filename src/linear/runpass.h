@@ -2,6 +2,8 @@
 // non-linear ones a chain of them.
 #pragma once
 
+#include <functional>
+
 #include "linear/iteration.h"
 #include "linear/pass.h"
 #include "linear/unitsource.h"
@@ -13,6 +15,8 @@ struct PassInput {
   UnitSource next;          // delivers the units
   bool withid = false;      // a later reader of the store needs the identifiers
   bool withlevel2 = false;  // and the level-2 rows
+  // Of an identity pass: what sigma^2 is held at, asked for once all units have been delivered.
+  std::function<double()> impliedvariance;
 };
 
 // Phase 1: takes the plan, and makes the design and the arrays of the pass and of run.est.

@@ -47,23 +47,28 @@ void writetaufile(const char* path, const Estimates& est, const TauErrors& error
 }
 
 void listvariancefiles() {
-  const auto newline = [] { report2("\n\t", "<br>\n&nbsp;&nbsp;&nbsp;&nbsp;"); };
   reportbreak();
   report("%s, containing the taus ", taufile);
   if (run.iter.fishertype != 0) {
     report("and the variance-covariance matrix of the taus");
-    newline();
+    filelistbreak();
   }
   report("has been created.\n");
   reportbreak();
   reportline("%s, containing the variance-covariance matrix of gamma has been created.", gammafile);
   report("%s, containing the robust variance-covariance matrix of gamma has", robustgammafile);
-  newline();
+  filelistbreak();
   reportline("been created.");
+  endfilelist();
+}
+
+void filelistbreak() { report2("\n\t", "<br>\n&nbsp;&nbsp;&nbsp;&nbsp;"); }
+
+void endfilelist() {
   reportline("The above files have been created with a (nF15.7,1X) format.");
   if (run.coef.ngamma > perline) {
     report("Due to the high number of gammas, each line of the gamma matrices have been");
-    newline();
+    filelistbreak();
     reportline("split across %d lines.", (run.coef.ngamma + perline - 1) / perline);
   }
 }

@@ -17,5 +17,8 @@ void writegammafile(const char* path, const Array<double>& gamma, const Array<do
 void writetaufile(const char* path, const Estimates& est, const TauErrors& errors, bool withsigma2);
 // The closing list of the files that a linear run has made.
 void listvariancefiles();
+// The pieces of such a list: a break inside a sentence, and its end.
+void filelistbreak();
+void endfilelist();
 
 }  // namespace kdr

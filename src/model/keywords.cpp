@@ -3,6 +3,7 @@
 #include <string>
 
 #include "driver/failures.h"
+#include "driver/formatted.h"
 #include "driver/runrecord.h"
 #include "model/reader.h"
 #include "model/text.h"
@@ -150,7 +151,7 @@ void readfishertype(CommandReader&, const std::string& value) {
 }
 
 void readtitle(CommandReader&, const std::string& value) {
-  run.files.title = value.substr(0, maxtitle - 1);
+  run.files.title = printable(value.substr(0, maxtitle - 1));
   run.answered.title = true;
 }
 

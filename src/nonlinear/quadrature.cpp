@@ -326,7 +326,8 @@ void countdata(QuadratureData& data) {
       data.units2 += unit.units;
       data.units3 += 1.0;
       for (std::size_t i = 0; i < records; ++i) {
-        if (outcome == OutcomeType::binomial) data.combinations += logcombinations(unit.n[i], unit.y[i]);
+        if (outcome == OutcomeType::binomial && !unit.n.empty())
+          data.combinations += logcombinations(unit.n[i], unit.y[i]);
         if (outcome == OutcomeType::poisson || outcome == OutcomeType::poissonexposure)
           data.counts -= logfactorial(unit.y[i]);
       }

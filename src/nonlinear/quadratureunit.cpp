@@ -246,7 +246,7 @@ void UnitIntegral::callloops(std::size_t j) {
       outcome = OutcomeType::binomial;
   } else if (outcome == OutcomeType::poisson) {
     n = nullptr;
-  } else if (outcome == OutcomeType::poissonexposure) {
+  } else if (outcome == OutcomeType::poissonexposure && n != nullptr) {
     fit(work.n, padded(count));
     std::copy_n(n, count, work.n.data());
     std::fill(work.n.data() + count, work.n.data() + padded(count), 1.0);

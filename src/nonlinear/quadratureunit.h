@@ -73,7 +73,7 @@ struct UnitMoments {
   double* score = nullptr;        // [P] of twice the log-likelihood, in the order of the parameters
   double* information = nullptr;  // P squared, both triangles, or null: of twice the log-likelihood, but for the
                                   // expected second derivatives of the tau blocks, which need only the numbers of units
-  Adaptation* next = nullptr;  // gets the posterior means and covariances of v_k and of its u_j
+  Adaptation* next = nullptr;     // gets the posterior means and covariances of v_k and of its u_j
 };
 
 // The log-likelihood of a unit. `moments` may be null: the integrals alone. Constants of the outcome alone (binomial

@@ -3,15 +3,20 @@
     r = report.read('model.txt')
     r.fixed['final'].rows[0].coefficient        # 'final', 'robust', 'leastsquares', 'leastsquaresrobust'
     r.taupi, r.taubeta, r.setaupi, r.setaubeta  # lists of rows; None when the report has no such table
+    r.ratios['final'].rows[0].ratio             # of a non-linear run
     r.sigma2, r.sesigma2, r.deviance, r.parameters, r.iterations, r.logliks
 
-A table that occurs more than once (start and end of a run) is kept in its last, final form.
+A table that occurs more than once (start and end of a run) is kept in its last, final form. The results of a non-linear
+run come in sections, each a report of its own:
+
+    report.sections('model.txt')['unit-specific']   # 'linear', 'unit-specific', 'population-average', 'categories'
 """
 import re
 from collections import namedtuple
 
 FixedRow = namedtuple('FixedRow', 'label level1 level2 constrained coefficient se t df p rough')
 FixedTable = namedtuple('FixedTable', 'heading rows')
+RatioRow = namedtuple('RatioRow', 'label coefficient ratio low high')  # low and high None: not computed
 ComponentRow = namedtuple('ComponentRow', 'label effect sd variance df chisquare p')  # df None: too few df
 Test = namedtuple('Test', 'rows estimates errors statistic df p')  # p 0.5 stands for ">.500"
 
@@ -20,6 +25,7 @@ FIXEDROW = re.compile(r'^ {6}(.*?)([ *])\s*(%s) +(%s) +(%s) +(?:(\d+) +(\d\.\d{3
                       % (NUMBER, NUMBER, NUMBER))
 COMPONENT = re.compile(r'^\s*(\S.*?)(?:,| slope,)\s*(\w+?\d+) *(%s) +(%s) +(?:(\d+) +(%s) +(>?\d*\.\d{3})|too few df to compute)\s*$'
                        % (NUMBER, NUMBER, NUMBER))
+RATIOROW = re.compile(r'^ {6}(.*?)[ *]\s*(%s) +(%s) +(?:\((%s),(%s)\)|Unable to compute)\s*$' % ((NUMBER,) * 4))
 LEVEL1ROW = re.compile(r'^  level-1, +(\S+) +(%s) +(%s)\s*$' % (NUMBER, NUMBER))
 
 
@@ -27,7 +33,7 @@ class Report:
     def __init__(self, text):
         self.text = text
         self.lines = text.replace('\f', '').split('\n')
-        self.fixed = {}
+        self.fixed, self.ratios, self.heading = {}, {}, None
         self.taupi = self.taubeta = self.setaupi = self.setaubeta = None
         self.starttaupi = self.starttaubeta = self.corrtaupi = self.corrtaubeta = None
         self.taupilabels = []
@@ -48,6 +54,8 @@ class Report:
         elif word.startswith(('Final estimation of fixed effects', 'Estimation of fixed effects',
                               'Least-squares estimates of fixed effects')):
             self.fixedtable(i, word)
+        elif re.match(r'Fixed Effect +Coefficient +Ratio +Interval$', word):
+            self.ratiotable(i)
         elif word.startswith('Final estimation of level-'):
             self.componenttable(i, 3 if 'level-3' in word else 2)
         elif word.startswith('Random level-'):
@@ -110,7 +118,7 @@ class Report:
             ('taupi' if level2 else 'taubeta')
         numbers = r'((?: *%s)+)\s*$' % NUMBER
         if level2 or 'corr' in attribute:
-            rows, labels = self.numericrows(i + 1, r'^ *([A-Za-z_]\S*(?: *[,/] *\S+?)*?) +' + numbers)
+            rows, labels = self.numericrows(i + 1, r'^ *([A-Za-z_]\S*(?: *[,/] *\S+?)*?(?:\([^)]*\))?) +' + numbers)
             if attribute == 'taupi':
                 self.taupilabels = labels
         else:
@@ -133,6 +141,8 @@ class Report:
                 label, mark, coef, se, t, df, p, rough = m.groups()
                 rows.append(FixedRow(' '.join(label.split()), level1, level2, mark == '*', float(coef), float(se),
                                      float(t), int(df) if df else None, float(p) if p else None, rough == '#'))
+            elif line.startswith('For Category'):
+                level1 = level2 = ''
             elif line.startswith('    For '):
                 level2 = ' '.join(line.split()[1:])
             elif line.startswith(' For '):
@@ -147,7 +157,21 @@ class Report:
         text = ' '.join(heading)
         key = ('leastsquares' if least else 'final') if 'robust' not in text else \
             ('leastsquaresrobust' if least else 'robust')
+        self.heading = key
         self.fixed[key] = FixedTable(text, rows)
+
+    def ratiotable(self, i):
+        rows = []
+        for line in self.lines[i + 2:]:
+            m = RATIOROW.match(line)
+            if m:
+                rows.append(RatioRow(' '.join(m[1].split()), float(m[2]), float(m[3]), m[4] and float(m[4]),
+                                     m[5] and float(m[5])))
+            elif re.match(r' ?-{20,}$', line):
+                break
+            elif line.strip() and not re.match(r'(For Category| +For )', line):
+                raise ValueError('a line in a ratio table not understood: %r' % line)
+        self.ratios[self.heading] = rows
 
     def componenttable(self, i, level):
         rows, rules = [], 0
@@ -230,6 +254,28 @@ class Report:
 def read(path):
     with open(path, encoding='latin-1') as f:
         return Report(f.read())
+
+
+SECTION = re.compile(r'(?m)^\f?RESULTS FOR (LINEAR MODEL|NON-LINEAR MODEL|POPULATION-AVERAGE|MULTINOMIAL ITERATION|'
+                     r'ORDINAL ITERATION).*$')
+SECTIONS = {'LINEAR MODEL': 'linear', 'NON-LINEAR MODEL': 'unit-specific', 'POPULATION-AVERAGE': 'population-average'}
+
+
+def sections(path):
+    """The results of a non-linear run by section."""
+    return splitsections(read(path).text)
+
+
+def splitsections(text):
+    """The same of a report's text. A section that stands in it twice is an error."""
+    begins = list(SECTION.finditer(text)) + [None]
+    out = {}
+    for m, after in zip(begins, begins[1:]):
+        name = SECTIONS.get(m[1], 'categories')
+        if name in out:
+            raise ValueError('the section of %s results stands in the report twice' % name)
+        out[name] = Report(text[m.start():after.start() if after else len(text)])
+    return out
 
 
 def masked(text):

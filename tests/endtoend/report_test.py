@@ -183,5 +183,67 @@ class ReaderTest(unittest.TestCase):
         self.assertEqual((r.tests[0].statistic, r.tests[0].df, r.tests[0].rows[1]), (433.123456, 2, (0.955796, [0.0, -1.0])))
 
 
+NONLINEAR = '''
+\fRESULTS FOR LINEAR MODEL WITH THE IDENTITY LINK FUNCTION
+
+ sigma^2 =      0.24000
+
+\fRESULTS FOR NON-LINEAR MODEL WITH THE LOGIT LINK FUNCTION:
+  Unit-Specific Model, PQL Estimation - (macro iteration 9)
+
+ sigma^2 =      1.00000
+
+ Final estimation of fixed effects: (Unit-specific model)
+ ----------------------------------------------------------------------------
+                                       Standard             Approx.
+    Fixed Effect         Coefficient   Error      T-ratio   d.f.     P-value
+ ----------------------------------------------------------------------------
+For Category 1
+ For       INTRCPT1, P0
+    For INTRCPT2, B00
+      INTRCPT3, G000      0.311100    0.211100      1.474       24    0.153
+ For       THOLD2,
+              d(2)        1.500000    0.100000     15.000     1000    0.000
+ ----------------------------------------------------------------------------
+
+ ----------------------------------------------------------------------
+                                         Odds           Confidence
+    Fixed Effect         Coefficient     Ratio          Interval
+ ----------------------------------------------------------------------
+For Category 1
+ For       INTRCPT1, P0
+    For INTRCPT2, B00
+      INTRCPT3, G000       0.311100       1.364925     (0.883,2.110)
+      INTRCPT3, G010      -0.311100       0.732641    Unable to compute
+ ----------------------------------------------------------------------
+
+tau(pi)
+ INTRCPT1,P0(1   )      1.00000      0.10000
+ INTRCPT1,P0(2.5)      0.10000      0.50000
+
+
+RESULTS FOR POPULATION-AVERAGE MODEL
+
+ sigma^2 =      1.00000
+'''
+
+
+class NonlinearTest(unittest.TestCase):
+    def test_sections(self):
+        sections = report.splitsections(NONLINEAR)
+        self.assertEqual([(k, r.sigma2) for k, r in sections.items()],
+                         [('linear', 0.24), ('unit-specific', 1.0), ('population-average', 1.0)])
+        r = sections['unit-specific']
+        self.assertEqual([(x.label, x.level1) for x in r.fixed['final'].rows],
+                         [('INTRCPT3, G000', 'INTRCPT1, P0'), ('d(2)', 'THOLD2,')])
+        self.assertEqual(r.ratios['final'], [report.RatioRow('INTRCPT3, G000', 0.3111, 1.364925, 0.883, 2.11),
+                                             report.RatioRow('INTRCPT3, G010', -0.3111, 0.732641, None, None)])
+        self.assertEqual(r.taupi, [[1.0, 0.1], [0.1, 0.5]])
+
+    def test_twice(self):
+        with self.assertRaises(ValueError):
+            report.splitsections(NONLINEAR + NONLINEAR)
+
+
 if __name__ == '__main__':
     unittest.main(argv=['report_test'])

@@ -22,9 +22,9 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 
 # --- data and design -------------------------------------------------------------------------------------------------
 
-def readlevel(path, ids, n):
-    rows = []
-    for line in open(path):
+def readlevel(directory, level, n):
+    rows, ids = [], 2 if level < 3 else 1
+    for line in open('%s/level%d.dat' % (directory, level)):
         at = 4 if ids == 1 else 11
         rows.append((line[:4].strip(), line[5:11].strip() if ids == 2 else None,
                      [float(line[at + 10 * i:at + 10 * i + 10]) for i in range(n)]))
@@ -38,19 +38,20 @@ def mean(values):
 class Data:
     """The kept records by unit, with the means that centering uses, as the MDM file and the deletion give them."""
 
-    def __init__(self, directory, timing, code, used):
-        raw = readlevel(directory + '/level1.dat', 2, len(NAMES[1]))
+    def __init__(self, directory, timing, code, used, names=NAMES, read=readlevel):
+        self.names = names
+        raw = read(directory, 1, len(names[1]))
         gone = lambda r, which: code is not None and any(r[2][i] == code for i in which)
-        everything = range(len(NAMES[1]))
+        everything = range(len(names[1]))
         infile = [r for r in raw if not (timing == 'now' and gone(r, everything))]
         kept = [r for r in infile if not gone(r, used)]
         self.grand = {}
-        for i, name in enumerate(NAMES[1]):
+        for i, name in enumerate(names[1]):
             self.grand[name] = mean([r[2][i] for r in infile if r[2][i] != code])
-        self.rows3 = readlevel(directory + '/level3.dat', 1, len(NAMES[3]))
-        rows2 = readlevel(directory + '/level2.dat', 2, len(NAMES[2]))
+        self.rows3 = read(directory, 3, len(names[3]))
+        rows2 = read(directory, 2, len(names[2]))
         for level, rows in ((2, rows2), (3, self.rows3)):
-            for i, name in enumerate(NAMES[level]):
+            for i, name in enumerate(names[level]):
                 self.grand[name] = mean([r[2][i] for r in rows])
         self.units = []  # per level-3 unit: (level-3 values, [(level-2 values, records)])
         for id3, _, q in self.rows3:
@@ -62,9 +63,9 @@ class Data:
 def normaliseweights(data, names):
     """Weights per record, level-2 unit and level-3 unit from the three weight variables; each ends with mean 1."""
     v1, v2, v3 = names
-    x1 = [[[r[NAMES[1].index(v1)] if v1 else 1.0 for r in recs] for _, recs in u] for _, u in data.units]
-    x2 = [[z[NAMES[2].index(v2)] if v2 else 1.0 for z, _ in u] for _, u in data.units]
-    w3 = np.array([q[NAMES[3].index(v3)] if v3 else 1.0 for q, _ in data.units])
+    x1 = [[[r[data.names[1].index(v1)] if v1 else 1.0 for r in recs] for _, recs in u] for _, u in data.units]
+    x2 = [[z[data.names[2].index(v2)] if v2 else 1.0 for z, _ in u] for _, u in data.units]
+    w3 = np.array([q[data.names[3].index(v3)] if v3 else 1.0 for q, _ in data.units])
     if v3:
         w3 = w3 / w3.mean()
     elif v2:
@@ -111,7 +112,7 @@ def normaliseweights(data, names):
 
 def build(data, m):
     """The units in estimation form (`work`), the same with only the row factors (`rows`), and what else is needed."""
-    val = lambda level, name, row, center: (1.0 if name.startswith('INTRCPT') else row[NAMES[level].index(name)] - center)
+    val = lambda level, name, row, center: (1.0 if name.startswith('INTRCPT') else row[data.names[level].index(name)] - center)
     full = sum(len(m['level3'].get((c, t), I3)) for c, _ in m['level1'] for t, _ in m['level2'][c])
     groups = m.get('constrain', [0] * full)
     first = {}
@@ -127,7 +128,7 @@ def build(data, m):
     weights = normaliseweights(data, m['weights']) if 'weights' in m else None
     work, plain, factors = [], [], []
     for k, (q, unit2) in enumerate(data.units):
-        groupmean = {n: mean([z[i] for z, _ in unit2]) for i, n in enumerate(NAMES[2])}
+        groupmean = {n: mean([z[i] for z, _ in unit2]) for i, n in enumerate(data.names[2])}
         pos = sum(len(r) for _, r in unit2)
         y, M, Z1, Z2, rows, f = [], [], [], [], [], []
         for j, (z, recs) in enumerate(unit2):
@@ -135,7 +136,7 @@ def build(data, m):
             for i, r in enumerate(recs):
                 mrow, z2row, z1row = [], [], []
                 for c, mark in m['level1']:
-                    idx = None if c == 'INTRCPT1' else NAMES[1].index(c)
+                    idx = None if c == 'INTRCPT1' else data.names[1].index(c)
                     center = {0: 0.0, 1: 0.0 if idx is None else mean([x[idx] for x in recs]),
                               2: data.grand.get(c, 0.0)}[mark]
                     a = val(1, c, r, center)
@@ -147,11 +148,11 @@ def build(data, m):
                             z2row.append(w)
                         for s, mark3 in m['level3'].get((c, t), I3):
                             mrow.append(w * val(3, s, q, {0: 0.0, 2: data.grand.get(s, 0.0)}[mark3]))
-                y.append(r[NAMES[1].index(m['outcome'])])
+                y.append(r[data.names[1].index(m['outcome'])])
                 M.append(mrow)
                 Z1.append(z1row)
                 Z2.append(z2row)
-                v = r[NAMES[1].index(m['vknown'])] if 'vknown' in m else 1.0
+                v = r[data.names[1].index(m['vknown'])] if 'vknown' in m else 1.0
                 f.append(np.sqrt(weights[0][k][j][i] if weights else 1.0) / np.sqrt(v))
             rows.append(slice(start, len(y)))
         assert len(y) == pos
@@ -201,12 +202,14 @@ def legal(theta, p, b):
     return s > 0 and np.linalg.eigvalsh(T)[0] > 0 and np.linalg.eigvalsh(L)[0] > 0
 
 
-def maximise(units, m, p, b):
+def maximise(units, m, p, b, start=None, most=300):
     fixed, E = thetaspace(m, p, b)
-    start = pack(np.eye(p), np.eye(b), 2.0)
+    start = pack(np.eye(p), np.eye(b), 2.0) if start is None else start
     theta = fixed + E @ np.linalg.lstsq(E, start - fixed, rcond=None)[0]
+    if not E.shape[1]:  # nothing is free
+        return fixed, 0.0, 0
     value = -np.inf
-    for it in range(300):
+    for it in range(most):
         T, L, s = unpack(theta, p, b)
         gamma, cov = gls(units, T, L, s)
         value = loglik(units, gamma, T, L, s)

@@ -1,0 +1,176 @@
+#include "nonlinear/engines.h"
+
+#include <cstdio>
+#include <thread>
+
+#include "driver/failures.h"
+#include "driver/reportstream.h"
+#include "kernel/products.h"
+#include "kernel/sizes.h"
+#include "linear/iteration.h"
+#include "linear/variancefiles.h"
+#include "nonlinear/laplacereport.h"
+#include "nonlinear/quadraturereport.h"
+#include "nonlinear/recordbatches.h"
+#include "report/degreesoffreedom.h"
+#include "report/modelstatistics.h"
+
+namespace kdr {
+
+namespace {
+
+int threads() {
+  if (run.id.threads > 0) return run.id.threads;
+  const unsigned cores = std::thread::hardware_concurrency();
+  return cores > 0 ? static_cast<int>(cores) : 1;
+}
+
+bool askstop() { return interrupted() && askinterrupt(); }
+
+Parameters currentparameters(const Pass& pass) {
+  return {pass.p, pass.b, pass.g, run.est.taupi.copy(), run.est.taubeta.copy(), run.est.gammahat.copy()};
+}
+
+// The estimates of an engine become those of the run. vgamma: the covariance of the fixed effects.
+void takeestimates(const Parameters& estimates, const Array<double>& vgamma) {
+  run.est.taupi = estimates.taupi.copy();
+  run.est.taubeta = estimates.taubeta.copy();
+  run.est.gammahat = estimates.gamma.copy();
+  if (vgamma.empty()) return;
+  run.est.vgamma = vgamma.copy();
+  for (double& v : run.est.vgamma) v /= run.est.sigma2;
+}
+
+Array<double> posteriormeans2(Pass& pass) {
+  Array<double> u(at(run.mdm.nunits2) * at(pass.p));
+  sweepunits(
+      pass.n2of, [](int) {},
+      [&](int, std::size_t j, const double* hot) {
+        std::copy_n(hot + pass.store.atustar, pass.p, u.data() + j * at(pass.p));
+      },
+      [](int) {}, reading(pass.store.hot));
+  return u;
+}
+
+void laplace(Pass& pass, MacroState& state, const PassResults& before, double& loglik) {
+  std::printf("\n");
+  RecordBatches batches;
+  LaplaceData data;
+  data.design = &pass.design;
+  data.npi = pass.npi;
+  data.nbeta = pass.nbeta;
+  data.units3 = run.mdm.nunits3;
+  data.units2 = at(run.mdm.nunits2);
+  data.records = at(run.mdm.nunits1);
+  data.source = recordbatches(batches, pass, state);
+  LaplaceSettings settings;
+  settings.stopmacro = run.iter.stopmacro;
+  settings.laplaceit = run.iter.laplaceit;
+  settings.threads = threads();
+  settings.stopasked = askstop;
+  holdinterrupts();
+  const LaplaceResult result =
+      runlaplace(data, settings, currentparameters(pass), posteriormeans2(pass), pass.vstar.cells, before.loglik);
+  releaseinterrupts();
+  if (result.end == LaplaceEnd::failed) {
+    laplacefailed();
+    std::printf("Unable to produce Laplace results.\n");
+    markreport();
+    return;
+  }
+  takeestimates(result.estimates, result.vgamma);
+  loglik = result.loglik;
+  // The modes and the curvature of the last walk are what quadrature starts from.
+  if (!result.u.empty()) {
+    pass.vstar.cells = result.v.copy();
+    sweepunits(
+        pass.n2of, [](int) {},
+        [&](int, std::size_t j, double* hot) {
+          std::copy_n(result.u.data() + j * at(pass.p), pass.p, hot + pass.store.atustar);
+        },
+        [](int) {}, changing(pass.store.hot));
+  }
+  laplacetables(result, before.degrees);
+  modelstatistics(result.loglik, 2);
+  markreport();
+  state.laplacegamma = run.est.gammahat.copy();
+  if (run.out.printvc != 0) writelaplacefiles(result, before);
+}
+
+Adaptation startingadaptation(Pass& pass) {
+  const int q = pass.p, r = pass.b;
+  Adaptation adaptation;
+  adaptation.vstar = pass.vstar.cells.copy();
+  adaptation.C3 = pass.dinv.cells.copy();
+  for (double& c : adaptation.C3) c *= run.est.sigma2;
+  adaptation.ustar = posteriormeans2(pass);
+  adaptation.P.reset(at(run.mdm.nunits2) * square(q));
+  Array<double> C2(square(q));
+  sweepunits(
+      pass.n2of, [](int) {},
+      [&](int k, std::size_t j, const double* hot) {
+        unpack(q, hot + pass.store.atCinv, C2.data());
+        for (double& c : C2) c *= run.est.sigma2;
+        unconditionalcovariance(q, r, C2.data(), hot + pass.store.atBZ1, adaptation.C3.data() + at(k) * square(r),
+                                adaptation.P.data() + j * square(q));
+      },
+      [](int) {}, reading(pass.store.hot));
+  return adaptation;
+}
+
+OutcomeType outcometype() {
+  if (run.kind.nonlin == 2) return run.kind.nlcount ? OutcomeType::poissonexposure : OutcomeType::poisson;
+  return run.kind.nlcount ? OutcomeType::binomial : OutcomeType::bernoulli;
+}
+
+void quadrature(Pass& pass, MacroState& state, const PassResults& before) {
+  std::printf("\n");
+  RecordBatches batches;
+  RecordSource source = recordbatches(batches, pass, state);
+  QuadratureSettings settings;
+  settings.outcome = outcometype();
+  settings.points = run.iter.agqpoints;
+  settings.iterations = run.iter.agqit;
+  settings.derivlevel = run.iter.agqderivlevel;
+  settings.diagonalpi = run.out.diagtaupi;
+  settings.diagonalbeta = run.out.diagtaubeta;
+  settings.threads = threads();
+  settings.interrupted = askstop;
+  settings.console = [](const char* text) {
+    std::printf("%s", text);
+    std::fflush(stdout);
+  };
+  holdinterrupts();
+  const QuadratureResult result = adaptivequadrature(settings, pass.npi, pass.nbeta, pass.design, source,
+                                                     currentparameters(pass), startingadaptation(pass));
+  releaseinterrupts();
+  quadraturereport(result, before.degrees);
+  // Estimates of an estimation that broke off with a warning are none.
+  if (result.code == 0 || (!result.finished && !result.warnings.empty())) {
+    markreport();
+    return;
+  }
+  takeestimates(result.parameters, result.vgamma);
+  if (result.finished) {
+    modelstatistics(result.loglikelihood, 2);
+    std::printf("The marginal log-likelihood is %E\n", result.marginal);
+  }
+  markreport();
+  state.quadraturegamma = run.est.gammahat.copy();
+  if (run.out.printvc == 0 || !result.finished) return;
+  TauErrors errors;
+  errors.order = static_cast<int>(result.parameters.ntaupi() + result.parameters.ntaubeta());
+  errors.covariance = result.vtau.copy();
+  writetaufile("tauvcagq.dat", run.est, errors, false);
+  writegammafile("gamvcagq.dat", run.est.gammahat, result.vgamma);
+}
+
+}  // namespace
+
+void maximumlikelihood(Pass& pass, MacroState& state, const PassResults& before) {
+  double loglik = before.loglik;
+  if (run.iter.laplace) laplace(pass, state, before, loglik);
+  if (run.iter.agqpoints != 0) quadrature(pass, state, before);
+}
+
+}  // namespace kdr

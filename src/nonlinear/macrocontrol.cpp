@@ -1,0 +1,82 @@
+#include "nonlinear/macrocontrol.h"
+
+#include <algorithm>
+#include <cstdio>
+
+#include "driver/questions.h"
+#include "driver/reportstream.h"
+#include "kernel/sizes.h"
+#include "nonlinear/macrotest.h"
+
+namespace kdr {
+
+namespace {
+
+Parameters parametersof(const Estimates& est) {
+  return {run.coef.ntaupi,  run.coef.ntaubeta,  run.coef.ngamma,
+          est.taupi.copy(), est.taubeta.copy(), est.gammahat.copy()};
+}
+
+// The allowance has run out: true to close the phase all the same.
+bool closeatlimit(MacroState& state) {
+  constexpr int farlimit = 10000;
+  const int continuing = run.iter.numitcontinue;
+  if (continuing == 1 ||
+      (continuing == 2 &&
+       askyesno("\nThe maximum number of iterations has been reached, but the analysis has\nnot converged. Do you want "
+                "to continue until convergence?"))) {
+    std::printf("Setting number of macro iterations to %d.\n\n", farlimit);
+    state.left = farlimit;
+    return false;
+  }
+  std::printf("The macro iterations were stopped prior to convergence.\n");
+  if (continuing == 0) {
+    reporthtml("<b>");
+    reportline("WARNING: the macro iterations were stopped prior to convergence.");
+    report("You may want to re-run the analysis with a higher number of macro iterations.");
+    reporthtml("</b>");
+    reportbreak();
+  }
+  return true;
+}
+
+}  // namespace
+
+void beginmacro(MacroState& state) {
+  ++state.macro;
+  std::printf("\n                         MACRO ITERATION %d\n\n", state.macro);
+  std::fflush(stdout);
+}
+
+bool phasecloses(MacroState& state, const PassResults& results, bool first) {
+  const bool converged =
+      !first && macrotest(parametersof(results.est), parametersof(state.previous), run.iter.stopmacro);
+  if (converged) std::printf("The macro iterations have converged at iteration %d.\n", state.macro);
+  if (converged || results.ending == Ending::keyboard) return true;
+  if (state.left <= 1 && closeatlimit(state)) return true;
+  --state.left;
+  return false;
+}
+
+Array<double> modelcovariance(const Estimates& est) {
+  Array<double> covariance = est.vgamma.copy();
+  for (double& v : covariance) v *= est.sigma2;
+  return covariance;
+}
+
+Array<double> graphgammas(const MacroState& state) {
+  const std::size_t g = at(run.coef.ngamma);
+  Array<double> gammas(3 * g);
+  std::size_t first = 0;
+  for (const Array<double>* gamma : {&state.unitspecificgamma, &state.laplacegamma, &state.quadraturegamma}) {
+    if (gamma->empty()) {
+      gammas[first] = missingcode;
+    } else {
+      std::copy(gamma->begin(), gamma->end(), gammas.data() + first);
+    }
+    first += g;
+  }
+  return gammas;
+}
+
+}  // namespace kdr

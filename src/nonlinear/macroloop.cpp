@@ -1,0 +1,196 @@
+#include "nonlinear/macroloop.h"
+
+#include <algorithm>
+#include <cstdio>
+
+#include "data/scratch.h"
+#include "driver/failures.h"
+#include "driver/questions.h"
+#include "driver/reportstream.h"
+#include "kernel/sizes.h"
+#include "linear/graphdata.h"
+#include "linear/residualfiles.h"
+#include "linear/runpass.h"
+#include "linear/startvaluesfile.h"
+#include "linear/variancefiles.h"
+#include "nonlinear/engines.h"
+#include "nonlinear/macrocontrol.h"
+#include "nonlinear/workingdata.h"
+#include "report/passtables.h"
+
+namespace kdr {
+
+namespace {
+
+constexpr const char* unitspecificfile = "gamvcus.dat";
+constexpr const char* averagefile = "gamvcpa.dat";
+constexpr const char* robustaveragefile = "gamvcpar.dat";
+
+bool wantresiduals() { return run.out.resfil1 || run.out.resfil2 || run.out.resfil3; }
+
+// The mean outcome of the identity pass, and the variance that the outcome type implies there.
+double impliedvariance(double mean) {
+  if (run.kind.nonlin == 2) return mean;
+  if (!(mean > 0.0 && mean < 1.0)) {
+    report("\nThe outcome variable must take on values between 0 and 1.\n");
+    std::printf("\nThe outcome variable must take on values between 0 and 1.\n");
+    stoprun(100);
+  }
+  return mean * (1.0 - mean);
+}
+
+PassPlan planof(const MacroState& state, PassKind kind) {
+  PassPlan plan;
+  plan.kind = kind;
+  plan.macro = state.macro;
+  plan.limit = run.iter.numit;
+  plan.stopval = run.iter.stopval;
+  plan.fixsigma2 = run.iter.fixsigma2;
+  if (kind != PassKind::identity) plan.start = &state.previous;
+  return plan;
+}
+
+// A pass over the blocks of the MDM file, which become the first working data file.
+PassResults identitypass(Pass& pass, MacroState& state) {
+  RecordUnits units;
+  startrecords(units, mdmlayout(true), run.mdm.stream, run.mdm.firstblock);
+  units.working = openfile(run.files.tempname2, "wb");
+  if (run.kind.nlcount) state.counts.reset(at(run.mdm.numl1rec));
+  units.counts = run.kind.nlcount ? &state.counts : nullptr;
+  double outcomes = 0.0, counts = 0.0;
+  const PassInput input{[&](UnitProducts& unit) {
+                          if (!nextunit(units, unit)) {
+                            closechk(units.working);
+                            return false;
+                          }
+                          for (std::size_t i = 0; i < at(unit.nj); ++i) {
+                            const double* record = units.unit.records.data() + i * at(units.layout.width);
+                            outcomes += record[units.layout.observed];
+                            counts += run.kind.nlcount ? record[units.layout.count] : 1.0;
+                          }
+                          return true;
+                        },
+                        true, true, [&] { return impliedvariance(state.mean = outcomes / counts); }};
+  state.layout = mdmlayout(false);
+  return runpass(pass, input, state.iterations);
+}
+
+PassResults workingpass(Pass& pass, MacroState& state) {
+  std::FILE* stream = openfile(run.files.tempname2, "rb");
+  RecordUnits units;
+  RecordLayout layout = state.layout.copy();
+  startrecords(units, std::move(layout), stream, 0);
+  const PassInput input{[&](UnitProducts& unit) { return nextunit(units, unit); }, true, true, {}};
+  PassResults results = runpass(pass, input, state.iterations);
+  std::fclose(stream);
+  return results;
+}
+
+// From the scale of the outcome to that of the link: the taus of an identity pass over the square of the derivative.
+void rescaletaus(MacroState& state) {
+  const double v = run.kind.nonlin == 2 ? state.mean : state.mean * (1.0 - state.mean);
+  for (Array<double>* tau : {&state.previous.taupi, &state.previous.taubeta})
+    for (double& t : *tau) t /= v * v;
+}
+
+// The end of the unit-specific phase.
+void closephase(Pass& pass, MacroState& state, const PassResults& results) {
+  state.unitspecificgamma = run.est.gammahat.copy();
+  if (wantresiduals()) writeresidualfiles(pass, state.layout);
+  markreport();
+  const bool engines = run.iter.laplace || run.iter.agqpoints != 0;
+  const auto unitspecificfiles = [&] {
+    writetaufile(taufile, run.est, results.errors, false);
+    writegammafile(unitspecificfile, run.est.gammahat, modelcovariance(run.est));
+  };
+  if (engines && run.out.printvc != 0) unitspecificfiles();
+  if (engines) maximumlikelihood(pass, state, results);
+  if (run.out.printvc == 0) return;
+  if (run.iter.laplace) {
+    writegammafile(averagefile, run.est.gammahat, modelcovariance(run.est));
+  } else if (!engines || run.out.printvc != 2) {
+    unitspecificfiles();
+  }
+}
+
+// The population-average pass and its files.
+void averagephase(MacroState& state, void (*store)(const PassResults&)) {
+  Pass pass;
+  beginmacro(state);
+  beginpass(pass, planof(state, PassKind::populationaverage));
+  const PassResults results = workingpass(pass, state);
+  passtables(results);
+  store(results);
+  if (run.out.printvc != 0) {
+    if (run.iter.popavit <= 1) {
+      Array<double> robust(results.covariance.size());
+      robust.fill(missingcode);
+      writegammafile(robustaveragefile, results.est.gammahat, results.robust.empty() ? robust : results.robust);
+    }
+    writegammafile(averagefile, results.est.gammahat, modelcovariance(run.est));
+  }
+  if (run.out.graph) writegraphdata(pass, state.layout, graphgammas(state));
+}
+
+}  // namespace
+
+PassResults estimatenonlinear(void (*store)(const PassResults&)) {
+  MacroState state;
+  state.left = run.iter.macroit;
+  for (bool first = true;; first = false) {
+    Pass pass;
+    beginmacro(state);
+    PassPlan plan = planof(state, first ? PassKind::identity : PassKind::pql);
+    plan.freshgamma = state.macro == 2;
+    beginpass(pass, plan);
+    PassResults results = first ? identitypass(pass, state) : workingpass(pass, state);
+    passtables(results);
+    if (!first) store(results);
+    if (!run.files.startvals.empty()) writestartvalues();
+    const bool closes = phasecloses(state, results, first);
+    if (closes) closephase(pass, state, results);
+    prepareworkingdata(pass, state, {first, state.macro == 2, closes});
+    if (first) {
+      rescaletaus(state);
+      if (!closes) markreport();
+    }
+    if (!closes) continue;
+    averagephase(state, store);
+    return results;
+  }
+}
+
+void listnonlinearfiles() {
+  if (run.out.printvc == 0) return;
+  const bool errors = run.iter.fishertype != 0;
+  reportbreak();
+  report("%s, containing the taus ", taufile);
+  if (errors) {
+    report("and the variance-covariance matrix of the taus");
+    filelistbreak();
+  }
+  reportline("has been created.");
+  if (run.iter.laplace) {
+    report("tauvcl6, containing the Laplace taus and the variance-covariance matrix of");
+    filelistbreak();
+    reportline("the taus has been created.");
+  }
+  report("%s, containing the unit-specific variance-covariance matrix of gamma", unitspecificfile);
+  filelistbreak();
+  report("has been created.\n");
+  reportbreak();
+  report("%s, containing the population average variance-covariance matrix of", averagefile);
+  filelistbreak();
+  reportline("gamma has been created.");
+  report("%s, containing the robust population average variance-covariance", robustaveragefile);
+  filelistbreak();
+  reportline("matrix of gamma has been created.");
+  if (run.iter.laplace) {
+    report("gamvcl6.dat, containing the Laplace variance-covariance matrix of gamma");
+    filelistbreak();
+    reportline("has been created.");
+  }
+  endfilelist();
+}
+
+}  // namespace kdr

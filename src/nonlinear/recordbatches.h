@@ -1,0 +1,30 @@
+// The working data file as the maximum-likelihood engines read it.
+#pragma once
+
+#include "nonlinear/macrostate.h"
+#include "nonlinear/unitrecords.h"
+
+namespace kdr {
+
+// What a RecordSource over the working data file needs; it must outlive the source.
+struct RecordBatches {
+  const Pass* pass = nullptr;
+  const MacroState* state = nullptr;
+  std::FILE* stream = nullptr;
+  UnitReader reader;
+  UnitBlock unit;                      // buffer
+  int k = 0;                           // the next level-3 unit
+  std::size_t units = 0, records = 0;  // level-2 units and records before it
+
+  RecordBatches() = default;
+  RecordBatches(const RecordBatches&) = delete;
+  RecordBatches& operator=(const RecordBatches&) = delete;
+  ~RecordBatches() {
+    if (stream != nullptr) std::fclose(stream);
+  }
+};
+
+// Opens the file and makes a source of it.
+[[nodiscard]] RecordSource recordbatches(RecordBatches& batches, const Pass& pass, const MacroState& state);
+
+}  // namespace kdr

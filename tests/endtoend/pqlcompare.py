@@ -1,0 +1,169 @@
+"""Runs of models with outcomes that are counts or categories, and their reports against dense computation."""
+import json
+import os
+import re
+import shutil
+import subprocess
+import sys
+import tempfile
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+REFERENCE = os.path.join(HERE, '..', 'reference')
+EXAMPLES = os.path.join(HERE, '..', '..', 'examples')
+sys.path[:0] = [HERE, REFERENCE]
+import report
+from oracle_test import Checks, run, spread
+
+TIGHT = ['STOPMACRO:0.0000001', 'STOPMICRO:0.0000000001', 'MACROIT:500,N', 'MICROIT:5000', 'FULLOUTPUT:Y']
+
+
+class NotYet(Exception):
+    """The program says that it can't estimate this kind of model."""
+
+
+def tight(source, target, settings):
+    """A copy of a command file with some keywords' values replaced."""
+    keys = '|'.join(re.escape(s.split(':')[0]) for s in settings)
+    with open(source) as f:
+        lines = [x for x in f.read().splitlines() if not re.match('(%s):' % keys, x, re.I)]
+    with open(target, 'w') as f:
+        f.write('\n'.join(lines + settings) + '\n')
+
+
+def results(c, program, work, mdm, commands, output):
+    """The sections of the report of one run, or None."""
+    code, out = run(program, work, mdm, commands)
+    if code == 100 and 'This version of KDR3 cannot' in out:
+        raise NotYet(out.strip().splitlines()[-1])
+    if code != 0:
+        c.fail('the run ended with code %d\n%s' % (code, out[-800:]))
+        return None
+    with open(os.path.join(work, output), encoding='latin-1') as f:
+        c.equal('warning of the macro iterations', 'stopped prior to convergence' in f.read(), False)
+    return report.sections(os.path.join(work, output))
+
+
+def fixed(c, what, r, want, model, df, nlrun):
+    """Both tables of fixed effects, their ratios, and the hypothesis tests of one section."""
+    for key, covariance in (('final', want.get('weighted', want['covariance'])), ('robust', want['robust'])):
+        table = r.fixed.get(key)
+        if table is None or len(table.rows) != len(want['gamma']):
+            c.fail('%s: %s table missing or of another length' % (what, key))
+            continue
+        for i, row in enumerate(table.rows):
+            name = '%s %s, %s, row %d' % (what, key, row.label, i)
+            se = covariance[i][i] ** 0.5
+            c.near(name, row.coefficient, want['gamma'][i], 2e-5)
+            c.near(name + ' s.e.', row.se, se, 2e-5, 1e-4)
+            c.near(name + ' t', row.t, want['gamma'][i] / se, 2e-3, 3e-4)
+            c.equal(name + ' d.f.', row.df, df[i])
+        if not nlrun:
+            continue
+        ratios = r.ratios.get(key, [])
+        c.equal('%s %s: ratios' % (what, key), len(ratios), len(want['gamma']))
+        for row, (ratio, low, high) in zip(ratios, want['ratio' + key]):
+            name = '%s %s, ratio of %s' % (what, key, row.label)
+            c.near(name, row.ratio, ratio, 3e-5, 3e-5)
+            c.near(name + ' from', row.low, low, 1e-3, 2e-4)
+            c.near(name + ' to', row.high, high, 1e-3, 2e-4)
+    order = [w for kind in ('model', 'robust') for w in want['wald'] if w['kind'] == kind]
+    c.equal('%s: number of hypothesis tests' % what, len(r.tests), len(order))
+    for i, (got, w) in enumerate(zip(r.tests, order)):
+        c.near('%s: test %d' % (what, i), got.statistic, w['statistic'], 1e-3, 3e-4)
+        c.equal('%s: test %d d.f.' % (what, i), got.df, w['df'])
+        c.near('%s: test %d p' % (what, i), got.p, 0.5 if w['statistic'] < w['df'] else w['p'], 1e-4)
+        for e, f, g, h in zip(got.estimates, w['estimate'], got.errors, w['se']):
+            c.near('%s: test %d estimate' % (what, i), e, f, 4e-5)
+            c.near('%s: test %d error' % (what, i), g, h, 2e-5, 1e-4)
+
+
+def compare(c, sections, want, model):
+    """All that the report of a run gives, against a stored result."""
+    categories = 'categories' in model
+    c.equal('sections', sorted(sections), ['categories'] if categories else ['linear', 'population-average', 'unit-specific'])
+    r = sections.get('categories' if categories else 'unit-specific')
+    if r is None:
+        return
+    fixed(c, 'unit-specific', r, want, model, want['df'], True)
+    p, b = want['order']['p'], want['order']['b']
+    half = p * (p + 1) // 2
+    for name, at, order in (('taupi', 0, p), ('taubeta', half, b)):
+        c.matrix(name, getattr(r, name), want[name], 3e-5, 3e-5)
+        c.matrix('s.e. of ' + name, getattr(r, 'se' + name), spread(want['setau'], at, order), 3e-5, 5e-4)
+    c.near('sigma2', r.sigma2, want['sigma2'], 3e-5)
+    c.equal('deviance', r.deviance, None)
+    for level, order, tau in ((2, p, 'taupi'), (3, b, 'taubeta')):
+        rel = r.reliabilities.get(level, [])
+        c.equal('level-%d reliabilities' % level, len(rel), order)
+        for i, (x, y) in enumerate(zip(rel, want['rel%d' % level])):
+            c.near('level-%d reliability %d' % (level, i), x, y, 6e-4)
+        rows = r.components.get(level, [])
+        c.equal('rows of level-%d components' % level, len(rows), order)
+        for i, row in enumerate(rows):
+            name = 'level-%d chi-square %s' % (level, row.effect)
+            c.near(name + ' variance', row.variance, want[tau][i][i], 3e-5, 3e-5)
+            c.equal(name + ' d.f.', row.df, want['dfstat%d' % level][i] if want['dfstat%d' % level][i] > 0 else None)
+            if row.df:
+                c.near(name, row.chisquare, want['stat%d' % level][i], 2e-3, 2e-4)
+    notes = [(what, want[key + level], total) for what, key in (('reliability estimates', 'nrel'),
+                                                                 ('chi-square statistics', 'nstat'))
+             for level, total in (('2', want['n2']), ('3', want['n3'])) if want[key + level] != total]
+    c.equal('notes on units without enough data', sorted(r.notes), sorted(notes))
+    if not categories and 'population-average' in sections:
+        r = sections['population-average']
+        fixed(c, 'population-average', r, want['populationaverage'], model, want['df'], True)
+        c.equal('tables that the population-average section has not', (r.taupi, r.components, r.reliabilities), (None, {}, {}))
+
+
+def stored(tag):
+    with open('%s/results/%s.json' % (REFERENCE, tag)) as f:
+        return json.load(f)
+
+
+def finish(checks):
+    bad = [x for c in checks for x in c.bad[:12] + ['%s: %d more' % (c.tag, len(c.bad) - 12)] * (len(c.bad) > 12)]
+    done = sum(c.done for c in checks)
+    print('\n'.join(bad) if bad else 'all %d comparisons hold' % done)
+    return 1 if bad else 0
+
+
+def each(program, jobs, pick):
+    """Runs the jobs (tag, function(checks, work folder)), the folders made by `folder`; says what is skipped."""
+    checks = []
+    for tag, job in jobs:
+        if pick and tag not in pick:
+            continue
+        c = Checks(tag)
+        try:
+            job(c)
+            print('%-20s %3d comparisons, %d differ' % (tag, c.done, len(c.bad)), flush=True)
+        except NotYet as said:
+            print('%-20s skipped: %s' % (tag, said), flush=True)
+        except subprocess.TimeoutExpired:
+            c.fail('the run did not end')
+        except (ValueError, OSError, KeyError) as error:
+            c.fail('report not understood: %s' % error)
+        checks.append(c)
+    return finish(checks)
+
+
+def folder(program, source, template):
+    """A temporary folder with the files of a source folder and its MDM file; the holder keeps it alive."""
+    holder = tempfile.TemporaryDirectory()
+    for name in os.listdir(source):
+        shutil.copy(os.path.join(source, name), holder.name)
+    code, out = run(program, holder.name, '-r', template)
+    if code != 0:
+        sys.exit('making the MDM file of %s ended with code %d\n%s' % (template, code, out[-800:]))
+    return holder
+
+
+def madejobs(program, holder, models):
+    """One job for each model of the made data set."""
+    def job(name, model):
+        def go(c):
+            sections = results(c, program, holder.name, 'nonlin.mdm', name + '.kdr', name + '.txt')
+            if sections:
+                compare(c, sections, stored('nonlin-' + name), model)
+        return go
+    return [(name, job(name, model)) for name, model in models.items()]
