@@ -69,8 +69,6 @@ void writenonlineariterations(std::FILE* out) {
   }
   if (kind.nonlin == 1 && !kind.nlcount) std::fprintf(out, "LAPLACE:%s,%d\n", iter.laplace ? "y" : "n", iter.laplaceit);
   if (iter.agqpoints != 0) std::fprintf(out, "agq:y,%d,%d\n", iter.agqit, iter.agqpoints);
-  if (iter.agqderivlevel != 2) std::fprintf(out, "AGQDERIVLEVEL:%d\n", iter.agqderivlevel);
-  if (iter.popavit > 1) std::fprintf(out, "POPAVIT:%d\n", iter.popavit);
   if (iter.taylor != 0) std::fprintf(out, "TAYLOR:%d\n", iter.taylor);
 }
 
@@ -86,8 +84,9 @@ std::string rightside(const int* row, int width, const Array<Name>& names, const
   std::vector<std::string> terms;
   for (int s = 0; s < width && row[s] != noslot; ++s)
     terms.push_back(nameof(names, row[s]) + centermark(marks, row[s]));
-  if (terms.empty()) return random ? "RANDOM" : "";
-  if (random) terms.push_back("RANDOM");
+  const bool any = !terms.empty() || extras[0] != noslot;
+  if (random) terms.emplace_back("RANDOM");
+  if (!any) return joined(terms, "+");
   return joined(terms, "+") + "/" + namelist(names, extras, filledslots(extras, maxextra));
 }
 
@@ -300,6 +299,8 @@ void writecommandfile(const std::string& path) {
   } else {
     writenonlineariterations(out);
   }
+  if (run.iter.agqderivlevel != 2) std::fprintf(out, "AGQDERIVLEVEL:%d\n", run.iter.agqderivlevel);
+  if (run.iter.popavit > 1) std::fprintf(out, "POPAVIT:%d\n", run.iter.popavit);
   writeequations(out, path);
   writeweights(out);
   writedeletion(out);

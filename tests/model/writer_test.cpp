@@ -78,7 +78,7 @@ std::string recordtext() {
   put(out, "res2vars2", m.res2vars2);
   put(out, "res2vars3", m.res2vars3);
   put(out, "res3vars3", m.res3vars3);
-  put(out, "constraints", m.constraints);
+  if (m.nconstrained > 0) put(out, "constraints", m.constraints);  // a group of one constrains nothing
   put(out, "rows", m.hypothesisrows);
   put(out, "contrasts", m.contrasts);
   put(out, "uncut", m.uncutcontrasts);
@@ -92,7 +92,7 @@ std::string recordtext() {
       << i.laplace << ' ' << i.laplaceit << ' ' << i.agqpoints << ' ' << i.agqit << ' ' << i.agqderivlevel << ' '
       << i.popavit << ' ' << i.taylor << ' ' << i.debug << '\n';
   const OutputControl& o = run.out;
-  put(out, "lvr", o.lvrroles);
+  if (o.lvr) put(out, "lvr", o.lvrroles);
   out << o.fulloutput << o.printvc << o.diagtaupi << o.diagtaubeta << o.resfil1 << o.resfil2 << o.resfil3 << ' '
       << o.graph << ' ' << o.wgtvar1 << ' ' << o.wgtvar2 << ' ' << o.wgtvar3 << ' ' << o.autovknown << ' ' << o.deviance
       << ' ' << o.df << ' ' << o.lvr << '\n';
@@ -250,7 +250,7 @@ struct Author {
 struct Answers {
   std::mt19937 random;
   char* words = nullptr;
-  std::size_t nwords = 0;
+  std::size_t nwords = 0, heard = 0;  // all that was printed, and up to the answer before
   std::FILE* console = nullptr;
   std::string line;  // what of an answer was not taken yet
 
@@ -258,16 +258,15 @@ struct Answers {
 
   std::string answer() {
     std::fflush(console);
-    const std::string_view text(words, nwords);
-    const std::string_view prompt = text.substr(text.rfind('\n') + 1);
+    const std::string_view prompt = std::string_view(words, nwords).substr(std::exchange(heard, nwords));
     const auto asks = [&](const char* part) { return prompt.find(part) != std::string_view::npos; };
-    if (asks("type of analysis")) return std::to_string(1 + below(6));
+    if (asks("type of analysis:")) return std::to_string(1 + below(6));
     if (asks("categories does")) return std::to_string(2 + below(3));
     if (asks("outcome variable:")) return "4";
     if (asks("iterations") && !asks("Laplace-6")) return std::to_string(1 + below(90));
     if (asks("which variable indicates")) return std::to_string(1 + below(6));
-    if (asks("level-1 predictor?")) return std::to_string(below(4));
-    if (asks("predictor?")) return std::to_string(below(5) - 1);
+    if (asks("level-1 predictor? (Enter")) return std::to_string(below(4));
+    if (asks("predictor? (Enter")) return std::to_string(below(5) - 1);
     if (asks("variable? (Enter")) return std::to_string(below(4));
     if (asks("How do you want to center")) return std::to_string(below(3));
     if (asks("How do you want to handle")) return std::string(1, "oopPi"[below(5)]);
