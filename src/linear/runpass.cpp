@@ -79,7 +79,7 @@ void settlestart(Array<double>& t, int n, const Array<double>& moments, int& cod
 
 // Starting values, from the file of STARTVALS: when there is one, else from moments.
 void startfromdata(Pass& pass) {
-  StartMoments moments{Array<double>(square(pass.p)), Array<double>(square(pass.b))};
+  StartMoments moments{Array<double>(square(pass.p)), Array<double>(square(pass.b)), false};
   const bool fromfile = havestartvalues();
   if (fromfile) {
     readstartvalues();
@@ -102,13 +102,14 @@ void startfromdata(Pass& pass) {
     tautable(Tau::pi, MatrixTitle::plain, true, pass.p, run.est.taupi.data());
   }
   settlestart(run.est.taupi, pass.p, moments.taupi, run.iter.fixtau2, Tau::pi);
-  if (!fromfile) starttaubeta(pass, moments);
+  if (!fromfile && !moments.shared) starttaubeta(pass, moments);
   if (run.out.fulloutput) tautable(Tau::beta, MatrixTitle::plain, true, pass.b, run.est.taubeta.data());
   settlestart(run.est.taubeta, pass.b, moments.taubeta, run.iter.fixtau3, Tau::beta);
   if (pass.plan.hetit != 0) checkheterogeneous(pass);
 }
 
-// The estimates of the pass before. A first pass of its kind takes the fixed effects from its own data.
+// The estimates of the pass before. Without a record to spare they must be ones that the data tell apart. A first pass
+// of its kind takes the fixed effects from its own data.
 void startfromestimates(Pass& pass) {
   const Estimates& start = *pass.plan.start;
   if (!pass.plan.freshgamma) run.est.gammahat = start.gammahat.copy();
@@ -119,7 +120,7 @@ void startfromestimates(Pass& pass) {
   applytaubeta(run.est.taubeta.data());
   run.est.sigma2 = pass.fixsigma2 != 0.0 ? pass.fixsigma2 : start.sigma2;
   const long long left = run.mdm.nunits1 - static_cast<long long>(run.mdm.nunits2) * pass.p;
-  if (pass.fixsigma2 == 0.0 && left <= 0) fail(16);
+  if (pass.fixsigma2 == 0.0 && left <= 0 && !identified(pass)) fail(16);
 }
 
 void announceiterations() {
