@@ -3,6 +3,7 @@
 #include <strings.h>
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
@@ -78,6 +79,9 @@ void takeoption(char letter, const char* argument, Options& options) {
     case 'i':
       run.id.inmemory = argument[0] != '0';
       break;
+    case 't':
+      run.id.threads = std::max(0, std::atoi(argument));
+      break;
     case 'm':
       imputation(argument);
       break;
@@ -107,8 +111,8 @@ std::string* onefileoption(OneFileOptions& options, const char* word) {
 }  // namespace
 
 Options readoptions(int argc, char** argv) {
-  constexpr const char* letters = "eimnprwvq";
-  constexpr const char* witharguments = "imnpr";
+  constexpr const char* letters = "eimnprtwvq";
+  constexpr const char* witharguments = "imnprt";
   Options options;
   int word = 1;
   OneFileOptions onefile;

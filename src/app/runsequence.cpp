@@ -86,6 +86,7 @@ void holdstandardstreams() {
 
 // The engines know neither design weights nor restricted taus: the model that they fit would be another one.
 void checkengines() {
+  if (run.iter.hetit != 0 && !run.kind.linear()) stopwith("HETIT: is for linear models only.\n");
   const char* engine = run.iter.laplace ? "Laplace-6" : run.iter.agqpoints != 0 ? "adaptive quadrature" : nullptr;
   if (engine == nullptr) return;
   const bool restricted = run.iter.haveesttau2 || run.iter.haveesttau3 || run.iter.havecontau2 || run.iter.havecontau3;

@@ -4,6 +4,7 @@
 
 #include "data/scratch.h"
 #include "driver/reportstream.h"
+#include "linear/exploratory.h"
 #include "linear/graphdata.h"
 #include "linear/residualfiles.h"
 #include "linear/runpass.h"
@@ -28,6 +29,7 @@ PassResults categorypass(Pass& pass, MacroState& state) {
 }
 
 void closephase(Pass& pass, const MacroState& state, const PassResults& results) {
+  if (haveexploratory()) exploratory(pass);
   if (run.out.resfil1 || run.out.resfil2 || run.out.resfil3) writeresidualfiles(pass, state.layout);
   if (run.out.printvc != 0) {
     writetaufile(taufile, results.est, results.errors, false);

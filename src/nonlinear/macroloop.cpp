@@ -8,6 +8,7 @@
 #include "driver/questions.h"
 #include "driver/reportstream.h"
 #include "kernel/sizes.h"
+#include "linear/exploratory.h"
 #include "linear/graphdata.h"
 #include "linear/residualfiles.h"
 #include "linear/runpass.h"
@@ -96,6 +97,7 @@ void rescaletaus(MacroState& state) {
 // The end of the unit-specific phase.
 void closephase(Pass& pass, MacroState& state, const PassResults& results) {
   state.unitspecificgamma = run.est.gammahat.copy();
+  if (haveexploratory()) exploratory(pass);
   if (wantresiduals()) writeresidualfiles(pass, state.layout);
   markreport();
   const bool engines = run.iter.laplace || run.iter.agqpoints != 0;
