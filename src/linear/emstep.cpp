@@ -21,8 +21,7 @@ namespace {
 Array<double> covarianceinverse(const double* t, int n, Tau which, double& logdet) {
   Array<double> S;
   if (scaleinverse(t, n, run.est.sigma2, S, logdet) != 0) fail(12, which == Tau::pi ? "tau(pi)" : "tau(beta)");
-  double condition = 0.0;
-  if (isbadcov(n, t, n, &condition)) {
+  if (!positivecovariance(t, n)) {
     if (hasunitcorrelation(n, t, n)) correlationtable(which, n, t);
     fail(15);
   }

@@ -93,6 +93,8 @@ Products level3products(const Pass& pass) {
   return products;
 }
 
+constexpr int fewunits = 2;  // no more than this many units have no regression
+
 // Residual c on predictor x (from 0). At level 2 the residual variance is that left by the fit; at level 3 it is that
 // of the residuals themselves.
 Regression regress(const Products& products, int level, int c, int x, int units) {
@@ -100,7 +102,7 @@ Regression regress(const Products& products, int level, int c, int x, int units)
   const double ssx = products.ssx[x];
   // What is left of a constant by rounding is no variation.
   constexpr double rounding = 1e-24;
-  if (ssx <= rounding * products.rawx[x] || units <= 2) return fit;
+  if (ssx <= rounding * products.rawx[x] || units <= fewunits) return fit;
   fit.coefficient = products.sxy[c * products.m + x] / ssx;
   const double explained = level == 2 ? fit.coefficient * fit.coefficient * ssx : 0.0;
   const double variance = (products.ssr[c] - explained) / (units - 2) / ssx;
@@ -125,7 +127,8 @@ void heading(int level, int columns) {
   reporthtml("%spossible inclusion in subsequent KDR runs</h4>\n", indent);
   opentable();
   reporthtml("<td align=left %s>Level-%d Coefficient</td>\n", stylerule, level - 1);
-  reporthtml("<td align=center colspan=%d %s>Potential Level-%d Predictors</td>\n<tbody>\n", columns, stylerule, level);
+  reporthtml("<td align=center colspan=%d %s>Potential Level-%d Predictors</td>\n</tr>\n<tbody>\n", columns, stylerule,
+             level);
 }
 
 // One row of a block: a word and a number per candidate.
@@ -183,6 +186,15 @@ void closetable(int columns) {
   reporthtml("</tbody></table>");
 }
 
+// Why there are coefficients of NC.
+void ncnote(int level, int units) {
+  if (units <= fewunits) {
+    reportline("The coefficients of NC cannot be computed: there are too few level-%d units.", level);
+  } else {
+    reportline("For variables with coefficients of NC, there is no variation at level %d.", level);
+  }
+}
+
 int most(const IntTable& counts) { return *std::max_element(counts.cells.begin(), counts.cells.end()); }
 
 void level2analysis(Pass& pass) {
@@ -213,7 +225,7 @@ void level2analysis(Pass& pass) {
   closetable(columns);
   if (missing != 0) {
     reportbreak();
-    reportline("For variables with coefficients of NC, there is no variation at level 2.");
+    ncnote(2, run.mdm.nunits2);
   }
 }
 
@@ -248,7 +260,7 @@ void level3analysis(const Pass& pass) {
   closetable(columns);
   if (missing != 0) {
     reportbreak();
-    reportline("For variables with coefficients of NC, there is no variation at level 3.");
+    ncnote(3, run.mdm.nunits3);
   }
 }
 

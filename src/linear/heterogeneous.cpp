@@ -9,6 +9,7 @@
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
 #include "kernel/sizes.h"
+#include "linear/filecell.h"
 #include "linear/results.h"
 #include "report/matrixtables.h"
 #include "report/passtables.h"
@@ -29,7 +30,7 @@ void writeunittaupi(std::FILE* file, int k, const double* T, int p) {
   for (int i = 0; i < p; ++i)
     for (int j = 0; j <= i; ++j) {
       if (written != 0 && written % perline == 0) std::fprintf(file, "\n");
-      std::fprintf(file, "%15.7f", T[i * p + j]);
+      std::fprintf(file, "%s", filecell(T[i * p + j], 15, 7).c_str());
       ++written;
     }
   std::fprintf(file, "\n");

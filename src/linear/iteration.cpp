@@ -149,7 +149,8 @@ Attempt updateestimates(Pass& pass, IterationState& state, EmSums& em) {
   Attempt attempt;
   for (;;) {
     if (pass.plan.tausstand()) ++attempt.noaccel;
-    const bool accelerate = state.iteration % run.iter.accel == 0 && attempt.noaccel == 0 && state.hetstate == 2;
+    const bool accelerate =
+        state.iteration % run.iter.accel == 0 && attempt.noaccel == 0 && state.hetstate == 2 && !state.confirming;
     Step step = Step::continuewithem;
     SavedEstimates saved{};
     if (accelerate) {
@@ -216,15 +217,22 @@ void reporttail(const Progress& progress, bool earlier) {
   for (int i = 0; earlier && i + 1 < progress.entries; ++i) reportlikelihood(progress.last[i]);
 }
 
-// A stop by the rule: the gain of the log-likelihood, as a percentage, lies within 0.0 and stopval.
-void testconvergence(const Pass& pass, IterationState& state) {
+// A stop by the rule: the gain of the log-likelihood, as a percentage, lies within 0.0 and stopval. An accelerated step
+// can gain that little and yet overshoot, so the gain has to be that of a plain EM step: an Aitken step moves the
+// estimates before the log-likelihood of its iteration is taken, a Fisher step after it.
+void testconvergence(const Pass& pass, IterationState& state, const Attempt& attempt) {
   constexpr double leastgain = 1.0e-10;
+  const bool plain = !attempt.aitkenok && !attempt.fisherok && !state.stepped;
+  state.stepped = attempt.fisherok;
+  state.confirming = false;
   if (state.iteration == 1) return;
   const Likelihood& likelihood = state.likelihood;
   double gain = 100.0 * (likelihood.current - likelihood.previous) / std::fabs(likelihood.previous);
   if (std::fabs(gain) < leastgain) gain = leastgain;
   if (likelihood.current < likelihood.previous) state.fisherfailures = fisheroff;
-  if (0.0 <= gain && gain <= pass.plan.stopval && state.iteration != state.limit) state.converged = true;
+  const bool met = 0.0 <= gain && gain <= pass.plan.stopval && state.iteration != state.limit;
+  state.converged = met && plain;
+  state.confirming = met && !plain;
 }
 
 // At the limit a linear run may go on.
@@ -243,7 +251,7 @@ void asklimit(const Pass& pass, IterationState& state) {
 void endofiteration(Pass& pass, IterationState& state, const Attempt& attempt, const EmSums& em, Progress& progress) {
   checksignals();
   const int iteration = state.iteration;
-  testconvergence(pass, state);
+  testconvergence(pass, state, attempt);
   if (interrupted() && askinterrupt()) state.keyboardstop = true;
   asklimit(pass, state);
   state.s2 = state.s1;
@@ -274,6 +282,7 @@ void startiterations(const Pass& pass, IterationState& state) {
   state.history.L2.reset(bb);
   state.s1 = state.s2 = 0.0;
   state.likelihood = {missingcode, missingcode};
+  state.stepped = state.confirming = false;
 }
 
 void iterate(Pass& pass, IterationState& state) {

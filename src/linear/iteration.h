@@ -19,8 +19,10 @@ struct IterationState {
   Likelihood likelihood{missingcode, missingcode};  // at the end of the last two iterations
   FisherWork fisher;
   TauHistory history;
-  double s1 = 0.0, s2 = 0.0;                                      // sigma2 one and two iterations back
-  UnitTable<double> hettaupi;                                     // a taupi per level-3 unit, heterogeneous stage only
+  double s1 = 0.0, s2 = 0.0;   // sigma2 one and two iterations back
+  UnitTable<double> hettaupi;  // a taupi per level-3 unit, heterogeneous stage only
+  bool stepped = false;        // a Fisher step lies between the last log-likelihood and the next
+  bool confirming = false;     // the rule was met at an accelerated step: the next iteration is a plain one
   bool converged = false, atlimit = false, keyboardstop = false;  // why the stage ended
   Ending ending = Ending::converged;
 

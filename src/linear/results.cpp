@@ -2,11 +2,31 @@
 
 #include "driver/runrecord.h"
 #include "kernel/matrix.h"
+#include "linear/emstep.h"
 #include "linear/inference.h"
+#include "linear/posterior.h"
 #include "linear/weightedcovariance.h"
 #include "report/degreesoffreedom.h"
 
 namespace kdr {
+
+namespace {
+
+// The posterior of the random effects at the estimates as they stand. The last step left that of the estimates before
+// it, and where the random effects are large against sigma, the new fixed effects beside the old posterior means leave
+// residuals that are wrong by a multiple of sigma. A tau without an inverse leaves the posterior as it is.
+void renewposterior(Pass& pass) {
+  Array<double> S, Sb;
+  double logdet = 0.0;
+  if (scaleinverse(run.est.taupi.data(), pass.p, run.est.sigma2, S, logdet) != 0 ||
+      scaleinverse(run.est.taubeta.data(), pass.b, run.est.sigma2, Sb, logdet) != 0)
+    return;
+  PosteriorSums sums;
+  const PosteriorInput input{run.est.sigma2, run.est.gammahat.data(), S.data(), Sb.data(), nullptr, true};
+  [[maybe_unused]] const PosteriorResult result = posteriorsweep(pass, input, sums);
+}
+
+}  // namespace
 
 PassResults iterationresults(Pass& pass, IterationState& state) {
   PassResults results;
@@ -26,6 +46,7 @@ PassResults iterationresults(Pass& pass, IterationState& state) {
 }
 
 PassResults stageresults(Pass& pass, IterationState& state) {
+  if (state.hetstate != 1) renewposterior(pass);
   PassResults results = iterationresults(pass, state);
   degreesoffreedom(results.degrees);
   if (run.kind.weighted && !results.heterogeneous) {

@@ -79,7 +79,7 @@ void settlestart(Array<double>& t, int n, const Array<double>& moments, int& cod
 
 // Starting values, from the file of STARTVALS: when there is one, else from moments.
 void startfromdata(Pass& pass) {
-  StartMoments moments{Array<double>(square(pass.p)), Array<double>(square(pass.b))};
+  StartMoments moments{Array<double>(square(pass.p)), Array<double>(square(pass.b)), false};
   const bool fromfile = havestartvalues();
   if (fromfile) {
     readstartvalues();
@@ -102,23 +102,25 @@ void startfromdata(Pass& pass) {
     tautable(Tau::pi, MatrixTitle::plain, true, pass.p, run.est.taupi.data());
   }
   settlestart(run.est.taupi, pass.p, moments.taupi, run.iter.fixtau2, Tau::pi);
-  if (!fromfile) starttaubeta(pass, moments);
+  if (!fromfile && !moments.shared) starttaubeta(pass, moments);
   if (run.out.fulloutput) tautable(Tau::beta, MatrixTitle::plain, true, pass.b, run.est.taubeta.data());
   settlestart(run.est.taubeta, pass.b, moments.taubeta, run.iter.fixtau3, Tau::beta);
   if (pass.plan.hetit != 0) checkheterogeneous(pass);
 }
 
-// The estimates of the pass before. A first pass of its kind takes the fixed effects from its own data.
+// The estimates of the pass before. Without a record to spare they must be ones that the data tell apart. A first pass
+// of its kind takes the fixed effects from its own data.
 void startfromestimates(Pass& pass) {
   const Estimates& start = *pass.plan.start;
   if (!pass.plan.freshgamma) run.est.gammahat = start.gammahat.copy();
   run.est.taupi = start.taupi.copy();
   run.est.taubeta = start.taubeta.copy();
-  if (run.out.diagtaupi) cleardiagonaloff(run.est.taupi.data(), pass.p);
-  if (run.out.diagtaubeta) cleardiagonaloff(run.est.taubeta.data(), pass.b);
+  // The estimates may have been moved to another scale, which elements that are held do not follow.
+  applytaupi(run.est.taupi.data());
+  applytaubeta(run.est.taubeta.data());
   run.est.sigma2 = pass.fixsigma2 != 0.0 ? pass.fixsigma2 : start.sigma2;
   const long long left = run.mdm.nunits1 - static_cast<long long>(run.mdm.nunits2) * pass.p;
-  if (pass.fixsigma2 == 0.0 && left <= 0) fail(16);
+  if (pass.fixsigma2 == 0.0 && left <= 0 && !identified(pass)) fail(16);
 }
 
 void announceiterations() {
@@ -154,10 +156,8 @@ void beginpass(Pass& pass, const PassPlan& plan) {
 PassResults runpass(Pass& pass, const PassInput& input, IterationState& state) {
   datapass(pass, input.next, input.withid, input.withlevel2);
   if (pass.plan.start == nullptr) reportdeletion();
-  if (pass.plan.kind == PassKind::identity) {
-    pass.fixsigma2 = input.impliedvariance();
-    markreport();
-  }
+  if (pass.plan.kind == PassKind::identity) pass.fixsigma2 = input.impliedvariance();
+  if (pass.plan.kind != PassKind::linear && pass.plan.start == nullptr) markreport();
   const double s = leastsquares(pass);
   if (pass.plan.kind == PassKind::linear && run.out.fulloutput) reportleastsquares(pass, s);
   if (pass.plan.start == nullptr) {

@@ -10,6 +10,7 @@
 #include "kernel/products.h"
 #include "kernel/sizes.h"
 #include "linear/fixtau.h"
+#include "linear/restriction.h"
 #include "linear/usable.h"
 
 namespace kdr {
@@ -153,17 +154,25 @@ FirstMoments firstsweep(Pass& pass, StartWork& w) {
   stoprun(100);
 }
 
+// A residual variance of nearly zero, for itself and against what rounding leaves of the outcome's squares.
+bool vanishes(const Pass& pass, double sigma2) {
+  constexpr double leastsigma2 = 1.0e-8, rounding = 1.0e-11;
+  return sigma2 <= leastsigma2 && sigma2 <= rounding * pass.totalYY / run.mdm.nunits1;
+}
+
+// Records of the usable units beyond one for each of their random effects.
+int sparerecords(const Pass& pass) { return pass.nusable1 - pass.nusable2 * pass.p; }
+
 double startsigma2(const Pass& pass, double S) {
-  constexpr double leastsigma2 = 1.0e-8;
   double sigma2 = pass.fixsigma2;
   if (sigma2 == 0.0) {
     if (pass.nusable2 < 1 || pass.nusable1 < 1) fail(13, "1");
-    const int df = pass.nusable1 - pass.nusable2 * pass.p;
+    const int df = sparerecords(pass);
     if (df < 1) fail(16);
     sigma2 = S / df;
   }
   if (run.kind.weighted) return sigma2 <= 0.0 ? 1.0 : sigma2;
-  if (sigma2 <= leastsigma2) virtuallyzero();
+  if (vanishes(pass, sigma2)) virtuallyzero();
   return sigma2;
 }
 
@@ -295,6 +304,58 @@ void momentsweep(Pass& pass, StartWork& w, const Array<double>& Q) {
       [](int) {}, reading(pass.store.hot), reading(pass.store.cold));
 }
 
+// The product of two derivatives, by element (i, j) of the one and (k, l) of the other; M as of `identified`.
+double derivativeproduct(const double* M, int columns, int i, int j, int k, int l) {
+  const auto at = [&](int row, int column) { return M[row * columns + column]; };
+  const auto term = [&](int x, int y) { return at(x, k) * at(y, l) + (k != l ? at(x, l) * at(y, k) : 0.0); };
+  return term(j, i) + (i != j ? term(i, j) : 0.0);
+}
+
+// Calls use(e, i, j) for the elements of a triangle of order n.
+template <class Use>
+void eachelement(int n, Use use) {
+  int e = 0;
+  for (int i = 0; i < n; ++i)
+    for (int j = 0; j <= i; ++j) use(e++, i, j);
+}
+
+// tau := the share of the variance that one random effect gets, by the mean square of its predictor.
+void sharetau(double variance, const Array<double>& meansquare, Array<double>& tau) {
+  const int n = static_cast<int>(meansquare.size());
+  tau.fill(0.0);
+  for (int i = 0; i < n; ++i) tau[i * n + i] = variance / n / (meansquare[i] > 0.0 ? meansquare[i] : 1.0);
+}
+
+// Half of the residual variance to sigma2, a quarter to the random effects of each level.
+void sharevariance(Pass& pass, StartMoments& moments) {
+  const int p = pass.p, b = pass.b, nb = pass.nbeta;
+  double rss = pass.totalYY;
+  for (int i = 0; i < pass.g; ++i) rss -= run.est.gammahat[i] * pass.gramMY[i];
+  const double variance = rss / run.mdm.nunits1;
+  if (vanishes(pass, variance)) virtuallyzero();
+  run.est.sigma2 = pass.fixsigma2 != 0.0 ? pass.fixsigma2 : 0.5 * variance;
+  Array<double> mean1(at(p)), mean2(at(b));
+  sweepunits(
+      pass.n2of,
+      [&](int k) {
+        for (int i = 0; i < b; ++i)
+          mean2[i] += pass.scale3[k] * pass.scale3[k] * pass.sumBB.row(k)[i * nb + i] / run.mdm.nunits1;
+      },
+      [&](int, std::size_t, const double* hot) {
+        eachelement(p, [&](int e, int i, int j) {
+          if (i == j) mean1[i] += hot[e] / run.mdm.nunits1;
+        });
+      },
+      [](int) {}, reading(pass.store.hot));
+  sharetau(0.25 * variance, mean1, run.est.taupi);
+  sharetau(0.25 * variance, mean2, run.est.taubeta);
+  applytaubeta(run.est.taubeta.data());
+  moments = {run.est.taupi.copy(), run.est.taubeta.copy(), true};
+  reportbreak();
+  reportline(" The units have too few records for fits of their own, so the starting values share out the");
+  reportline(" residual variance.");
+}
+
 // Q = sigma2 T^-1, T of order n.
 Array<double> scaledinverse(const Array<double>& T, int n) {
   Array<double> Q(square(n));
@@ -304,6 +365,41 @@ Array<double> scaledinverse(const Array<double>& T, int n) {
 }
 
 }  // namespace
+
+bool identified(Pass& pass) {
+  const int p = pass.p, b = pass.b, nt = static_cast<int>(packedsize(p)), NT = nt + static_cast<int>(packedsize(b)) + 1;
+  StartWork w = makework(pass);
+  Array<double> gram(square(NT));
+  const auto add = [&](int x, int y, double value) { gram[x * NT + y] += value; };
+  const auto addown = [&](const double* M, int n, int first) {
+    eachelement(n, [&](int x, int i, int j) {
+      eachelement(n, [&](int y, int k, int l) { add(first + x, first + y, derivativeproduct(M, n, i, j, k, l)); });
+      add(NT - 1, first + x, (i == j ? 1.0 : 2.0) * M[i * n + j]);
+    });
+  };
+  sweepunits(
+      pass.n2of,
+      [&](int k) {
+        level3residual(pass, k, w);
+        addown(w.B.data(), b, nt);
+        add(NT - 1, NT - 1, pass.n1of[k]);
+      },
+      [&](int k, std::size_t, const double* hot) {
+        unpack(p, hot, w.Z1Z1.data());
+        addown(w.Z1Z1.data(), p, 0);
+        unitZ2Z1(pass, k, hot, w.R);
+        eachelement(b, [&](int x, int i, int j) {
+          eachelement(p, [&](int y, int m, int l) { add(nt + x, y, derivativeproduct(w.R.data(), p, i, j, m, l)); });
+        });
+      },
+      [](int) {}, reading(pass.store.hot));
+  for (int x = 0; x < NT; ++x)
+    for (int y = 0; y < x; ++y) gram[y * NT + x] = gram[x * NT + y];
+  const Restriction restriction = allrestriction(pass.fixsigma2 == 0.0);
+  Array<double> reduced(square(restriction.nfree));
+  reduceinformation(restriction, gram.data(), NT, reduced.data());
+  return restriction.nfree == 0 || !collinear(reduced.data(), restriction.nfree);
+}
 
 void leastsquarestart(Pass& pass, StartMoments& moments) {
   StartWork w = makework(pass);
@@ -315,6 +411,13 @@ void leastsquarestart(Pass& pass, StartMoments& moments) {
   pass.nusable2 = run.mdm.nunits2;
   pass.nusable3 = run.mdm.nunits3;
   const FirstMoments first = firstsweep(pass, w);
+  const bool nofits = pass.nusable2 < 1 || pass.nusable3 < 1 || (pass.fixsigma2 == 0.0 && sparerecords(pass) < 1);
+  if (nofits && identified(pass)) {
+    pass.nusable1 = run.mdm.nunits1;
+    pass.nusable2 = run.mdm.nunits2;
+    pass.nusable3 = run.mdm.nunits3;
+    return sharevariance(pass, moments);
+  }
   run.est.sigma2 = startsigma2(pass, first.S);
   firsttaupi(pass, w);
   firsttaubeta(pass, w, first);

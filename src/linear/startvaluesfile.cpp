@@ -11,6 +11,7 @@
 #include "driver/constants.h"
 #include "driver/failures.h"
 #include "driver/runrecord.h"
+#include "linear/filecell.h"
 
 namespace kdr {
 
@@ -20,7 +21,9 @@ namespace {
 bool readline(std::FILE* file, std::string& line) {
   char buffer[maxline];
   line.clear();
-  if (std::fgets(buffer, sizeof buffer, file) == nullptr) return false;
+  const bool read = std::fgets(buffer, sizeof buffer, file) != nullptr;
+  checkread(file, run.files.startvals);
+  if (!read) return false;
   line = buffer;
   const bool ended = !line.empty() && line.back() == '\n';
   line.erase(line.find_last_not_of(" \r\n") + 1);
@@ -49,7 +52,7 @@ void readrow(std::FILE* file, Array<double>& t, int order, int row) {
 
 void writetriangle(std::FILE* file, const Array<double>& t, int order) {
   for (int i = 0; i < order; ++i) {
-    for (int j = 0; j <= i; ++j) std::fprintf(file, "%13.5f ", t[i * order + j]);
+    for (int j = 0; j <= i; ++j) std::fprintf(file, "%s ", filecell(t[i * order + j], 13, 5).c_str());
     std::fprintf(file, "\n");
   }
 }
@@ -85,13 +88,13 @@ void readstartvalues() {
 
 void writestartvalues() {
   std::FILE* file = openfile(run.files.startvals, "w");
-  std::fprintf(file, "#SIGMA2\n%12.5f\n", run.est.sigma2);
+  std::fprintf(file, "#SIGMA2\n%s\n", filecell(run.est.sigma2, 12, 5).c_str());
   std::fprintf(file, "#TAUPI\n");
   writetriangle(file, run.est.taupi, run.coef.ntaupi);
   std::fprintf(file, "#TAUBETA\n");
   writetriangle(file, run.est.taubeta, run.coef.ntaubeta);
   std::fprintf(file, "#GAMMA\n");
-  for (int i = 0; i < run.coef.ngamma; ++i) std::fprintf(file, "%13.6f\n", run.est.gammahat[i]);
+  for (int i = 0; i < run.coef.ngamma; ++i) std::fprintf(file, "%s\n", filecell(run.est.gammahat[i], 13, 6).c_str());
   closechk(file);
 }
 

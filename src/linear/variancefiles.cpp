@@ -6,6 +6,7 @@
 #include "data/scratch.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
+#include "linear/filecell.h"
 
 namespace kdr {
 
@@ -20,7 +21,11 @@ enum class Cell { fixed, exponent };
 void writerow(std::FILE* file, const double* values, int n, Cell cell) {
   for (int i = 0; i < n; ++i) {
     if (i != 0 && i % perline == 0) std::fprintf(file, "\n");
-    std::fprintf(file, cell == Cell::fixed ? "%15.7f " : "%15.7E ", values[i]);
+    if (cell == Cell::fixed) {
+      std::fprintf(file, "%s ", filecell(values[i], 15, 7).c_str());
+    } else {
+      std::fprintf(file, "%15.7E ", values[i]);
+    }
   }
   std::fprintf(file, "\n");
 }
@@ -42,7 +47,7 @@ void writetaufile(const char* path, const Estimates& est, const TauErrors& error
   for (int i = 0; i < b; ++i) writerow(file, est.taubeta.data() + i * b, b, Cell::fixed);
   for (int i = 0; i < errors.order; ++i)
     writerow(file, errors.covariance.data() + static_cast<std::ptrdiff_t>(i) * errors.order, errors.order, Cell::fixed);
-  if (withsigma2) std::fprintf(file, "%15.7f\n", est.sigma2);
+  if (withsigma2) std::fprintf(file, "%s\n", filecell(est.sigma2, 15, 7).c_str());
   closechk(file);
 }
 

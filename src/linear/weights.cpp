@@ -14,16 +14,17 @@ namespace kdr {
 
 namespace {
 
-void requirepositive(const Array<double>& weights, std::size_t n, int level) {
-  for (std::size_t i = 0; i < n; ++i)
-    if (!(weights[i] > 0.0)) stopwith("Level-%d Weights must be positive!\n", level);
+// A weight as it was read: means and products of negative ones can be positive.
+double positive(double weight, int level) {
+  if (!(weight > 0.0)) stopwith("Level-%d Weights must be positive!\n", level);
+  return weight;
 }
 
-// Divides the n values from `first` by their mean. Values that sum to 0 stay: the test of positive weights finds them.
+// Divides the n values from `first` by their mean.
 void dividebymean(Array<double>& weights, std::size_t first, std::size_t n) {
   double sum = 0.0;
   for (std::size_t i = first; i < first + n; ++i) sum += weights[i];
-  if (n == 0 || sum == 0.0) return;
+  if (n == 0) return;
   const double mean = sum / static_cast<double>(n);
   for (std::size_t i = first; i < first + n; ++i) weights[i] /= mean;
 }
@@ -38,11 +39,11 @@ struct Remaining {
 // Mean of wgtvar2 over all level-2 rows of the level-3 unit whose first block has just been read.
 double level2mean(UnitReader& reader, const UnitBlock& first, UnitBlock& ahead) {
   const std::size_t variable = at(run.out.wgtvar2) - 1;
-  double sum = first.level2[variable];
+  double sum = positive(first.level2[variable], 2);
   int rows = 1;
   const long long position = unitposition(reader);
   while (skimunit(reader, ahead) && sameid(ahead.id3, first.id3)) {
-    sum += ahead.level2[variable];
+    sum += positive(ahead.level2[variable], 2);
     ++rows;
   }
   seekunit(reader, position);
@@ -62,6 +63,7 @@ void unitweights(const UnitBlock& unit, std::size_t record, double& weight2, dou
   if (set2) weight2 = set3 ? x2 * weight3 : x2;
   if (!set1) return;
   const auto x1 = [&](int i) { return unit.records[at(i) * at(run.mdm.nvar1) + at(run.out.wgtvar1) - 1]; };
+  for (int i = 0; i < unit.nj; ++i) static_cast<void>(positive(x1(i), 1));
   double m1 = 0.0;
   for (int i = 0; i < unit.nj; ++i) m1 += x1(i) / unit.nj;
   // With level-2 weights alone beside them the level-1 weights are taken as they are.
@@ -137,9 +139,7 @@ void normalise(const Remaining& remaining) {
   std::size_t record = 0;
   for (std::size_t j = 0; j < remaining.units; ++j)
     for (int i = 0; i < remaining.recordsin[j]; ++i) weights.weight1[record++] *= weights.weight2[j];
-  requirepositive(weights.weight1, remaining.records, 1);
   dividebymean(weights.weight1, 0, remaining.records);
-  requirepositive(weights.weight2, remaining.units, 2);
   dividebymean(weights.weight2, 0, remaining.units);
 }
 
@@ -153,8 +153,7 @@ void normaliseweights() {
   for (Array<double>* level : {&weights.weight1, &weights.weight2, &weights.weight3}) level->fill(1.0);
   if (run.out.wgtvar3 != 0) {
     for (std::size_t k = 0; k < weights.weight3.size(); ++k)
-      weights.weight3[k] = run.mdm.level3[k * at(run.mdm.nvar3) + at(run.out.wgtvar3) - 1];
-    requirepositive(weights.weight3, weights.weight3.size(), 3);
+      weights.weight3[k] = positive(run.mdm.level3[k * at(run.mdm.nvar3) + at(run.out.wgtvar3) - 1], 3);
     dividebymean(weights.weight3, 0, weights.weight3.size());
   }
   const Remaining remaining = readweights();

@@ -393,8 +393,8 @@ int mixedrandom2(const ModelRows& rows) {
   for (std::size_t i = 0; i < rows.coefficients.size(); ++i) {
     const CoefficientRow& coefficient = rows.coefficients[i];
     if (!coefficient.random) continue;
-    report("+ %s", quantity(run.sym.symr2, std::to_string(coefficient.subscript), run.sym.symsub2).c_str());
     if (i != 0 && i % 4 == 0) mixedbreak(4);
+    report("+ %s", quantity(run.sym.symr2, std::to_string(coefficient.subscript), run.sym.symsub2).c_str());
     if (coefficient.variable == 0) report(" ");
     factor1(coefficient.variable);
     ++written;
@@ -406,8 +406,8 @@ void mixedrandom3(const ModelRows& rows) {
   for (std::size_t i = 0; i < rows.terms.size(); ++i) {
     const TermRow& term = rows.terms[i];
     if (!term.random) continue;
-    report("+ %s", quantity(run.sym.symr3, termdigits(rows, term), run.sym.symsub3).c_str());
     if (i != 0 && i % 4 == 0) mixedbreak(4);
+    report("+ %s", quantity(run.sym.symr3, termdigits(rows, term), run.sym.symsub3).c_str());
     factor1(rows.owner(term).variable);
     factor2(term.variable);
     report(" ");

@@ -35,7 +35,7 @@ Estimate estimateof(const FixedEffects& effects, TableKind kind, int g) {
   row.se = variance > 0.0 && std::isfinite(variance) ? std::sqrt(variance) : 0.0;
   row.t = row.se == 0.0 ? 0.0 : row.coefficient / row.se;
   row.df = isleastsquares(kind) ? run.mdm.nunits1 - run.coef.ngamma : effects.degrees.df[g];
-  row.rough = effects.degrees.rough[g] != 0;
+  row.rough = !isleastsquares(kind) && effects.degrees.rough[g] != 0;  // degrees of least squares are exact
   row.tested = row.df > 1 && row.se != 0.0 && std::isfinite(row.t);
   return row;
 }
@@ -182,7 +182,7 @@ void fixedrow(const Estimate& row, const char* style) {
     numbercell(style, row.se, 10, 6);
     numbercell(style, row.t, 8, 3);
     if (!row.tested) {
-      report("<td %s> colspan=2>Unable to compute</td></tr>", style);
+      report("<td colspan=2 %s>Unable to compute</td></tr>", style);
       return;
     }
     report("<td align=right valign=bottom %s>%d</td>\n", style, row.df);
@@ -226,6 +226,13 @@ void ratiorow(const Estimate& row, const char* style) {
   }
 }
 
+// The page of the text report with the table of the constraints; an HTML report is one page.
+void constrainednote(const char* where) {
+  if (run.model.nconstrained == 0) return;
+  reportline(" The \"*\" gammas have been constrained%s",
+             run.report.html ? ". See the table of the constraints." : where);
+}
+
 void ratioheads() {
   const bool rates = run.kind.nonlin == 2;
   if (run.report.html) {
@@ -267,7 +274,7 @@ void fixedtable(const FixedEffects& effects, TableKind kind, PassKind pass) {
   }
   reportrule(76);
   reporthtml("</tbody></table>\n");
-  if (run.model.nconstrained != 0) reportline(" The \"*\" gammas have been constrained. See the table on page 1.");
+  constrainednote(". See the table on page 1.");
   if (anyrough) reportline(" The p-vals above marked with a \"#\" should regarded as a rough approximation.");
   reportbreak();
 }
@@ -282,8 +289,7 @@ void ratiotable(const FixedEffects& effects, TableKind kind) {
   }
   reportrule(70);
   reporthtml("</tbody></table>\n");
-  if (run.model.nconstrained != 0)
-    reportline(" The \"*\" gammas have been constrained.  See the table on the header page.");
+  constrainednote(".  See the table on the header page.");
   reportbreak();
 }
 

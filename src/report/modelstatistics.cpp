@@ -57,6 +57,8 @@ void modelstatistics(double loglik, int phase) {
   } else {
     reportline(" Deviance                       = Unable to compute");
   }
+  if (run.out.autovknown != 0 && run.kind.linear())
+    reportline(" (a constant of the known variances is left out: compare such deviances only with each other)");
   reportline(" Number of estimated parameters = %lld", parameters);
   if (run.out.deviance != missingcode && std::isfinite(deviance)) comparison(deviance, parameters);
 }

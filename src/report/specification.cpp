@@ -100,7 +100,7 @@ void weightrow(const char* textlabel, const char* htmllabel, const Name* name, b
   if (run.report.html) {
     report("<tr><td align=left %s>%s</td><td align=center %s>%s</td>", style, htmllabel, style, name ? "yes" : "no");
     report("<td align=center %s>%s</td>", style, name ? shown.c_str() : "&nbsp");
-    report("<td align=center %s>%s</td></tr>\n", style, name ? "yes" : "&nbsp");
+    report("<td align=center %s>%s</td></tr>\n", style, name == nullptr ? "&nbsp" : normalised ? "yes" : "no");
     return;
   }
   report("%s", textlabel);

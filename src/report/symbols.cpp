@@ -97,9 +97,9 @@ void makerowlabels() {
       if (effect.term != lastterm && !coefficient.threshold)
         setlabel(coef.gammanames2[g], termlabel(rows, rows.termof(effect)));
       setlabel(coef.gammanames3[g++], effectlabel(rows, effect));
+      lastcoefficient = effect.coefficient;
+      lastterm = effect.term;
     }
-    lastcoefficient = effect.coefficient;
-    lastterm = effect.term;
   }
 }
 
