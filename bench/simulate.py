@@ -1,11 +1,13 @@
 """Simulated three-level studies of stated size, as an MDM file, as fixed-format text, and as raw doubles for R.
 
-usage: simulate.py OUT LEVEL3 LEVEL2-PER-LEVEL3 RECORDS-PER-LEVEL2 [slope|intercept] [text] [scale=S] [seed=N]
+usage: simulate.py OUT LEVEL3 LEVEL2-PER-LEVEL3 RECORDS-PER-LEVEL2 [slope|intercept] [text] [bernoulli] [scale=S]
+       [seed=N]
 
 Y = 1 + 2 X + u0 + v0 + (u1 + v1) X + e with standard deviations 1, 0.7, 0.5, 0.3, 1.5; without the random slopes for
 "intercept". OUT.mdm holds Y and X; OUT.y, OUT.x and OUT.j, OUT.k (int32 unit numbers) hold the same for R. With "text"
 the three raw files and their template are written too, with eight more variables of noise at level 1. The standard
-deviations of levels 2 and 3 are multiplied by S.
+deviations of levels 2 and 3 are multiplied by S. With "bernoulli", Y is 1 where (Y - e) / 2 and a logistic error together are above
+0, else 0.
 """
 import sys
 
@@ -16,7 +18,7 @@ def name(text):
     return text.rjust(8).ljust(12).encode() + b"\0"
 
 
-def study(out, n3, per3, per2, sd2, sd3, seed=20):
+def study(out, n3, per3, per2, sd2, sd3, seed=20, bernoulli=False):
     """OUT.mdm and the files for R; sd2 and sd3 are the standard deviations of intercept and slope at levels 2 and 3."""
     rng = np.random.default_rng(seed)
     n2 = n3 * per3
@@ -33,7 +35,11 @@ def study(out, n3, per3, per2, sd2, sd3, seed=20):
         for k in range(n3):
             x = rng.standard_normal((per3, per2))
             u, v = rng.standard_normal((per3, 2)) * sd2, rng.standard_normal(2) * sd3
-            y = 1 + 2 * x + (u[:, :1] + v[0]) + (u[:, 1:] + v[1]) * x + 1.5 * rng.standard_normal((per3, per2))
+            y = 1 + 2 * x + (u[:, :1] + v[0]) + (u[:, 1:] + v[1]) * x
+            if bernoulli:
+                y = (y / 2 + rng.logistic(size=(per3, per2)) > 0).astype(float)
+            else:
+                y = y + 1.5 * rng.standard_normal((per3, per2))
             b = np.zeros(per3, block)
             b["n"], b["k"] = per2, ids3[k]
             b["m"][:, 0], b["m"][:, 1] = y.mean(1), x.mean(1)
@@ -73,7 +79,7 @@ def main():
     options = dict(word.split("=") for word in words if "=" in word)
     scale, slope = float(options.get("scale", 1)), "intercept" not in words
     rng = study(out, *sizes, scale * np.array([1.0, 0.5 * slope]), scale * np.array([0.7, 0.3 * slope]),
-                int(options.get("seed", 20)))
+                int(options.get("seed", 20)), "bernoulli" in words)
     if "text" in words:
         text(out, *sizes, rng)
 

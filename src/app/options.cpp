@@ -3,12 +3,14 @@
 #include <strings.h>
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
+#include "data/onefile.h"
 #include "data/template.h"
 #include "driver/failures.h"
 #include "driver/runrecord.h"
@@ -27,16 +29,6 @@ void setpriority(int kind) {
   }
   constexpr int idle = 19, high = -10;
   ::setpriority(PRIO_PROCESS, 0, kind == 1 ? idle : high);
-}
-
-bool istemplate(const char* path) {
-  constexpr char head[] = "#KDR3 MDM CREATION TEMPLATE";
-  std::FILE* file = std::fopen(path, "rt");
-  if (file == nullptr) return false;
-  char line[80] = "";
-  const bool read = std::fgets(line, sizeof line, file) != nullptr;
-  std::fclose(file);
-  return read && strncasecmp(line, head, sizeof head - 1) == 0;
 }
 
 void responsefile(const char* path, Options& options) {
@@ -87,6 +79,9 @@ void takeoption(char letter, const char* argument, Options& options) {
     case 'i':
       run.id.inmemory = argument[0] != '0';
       break;
+    case 't':
+      run.id.threads = std::max(0, std::atoi(argument));
+      break;
     case 'm':
       imputation(argument);
       break;
@@ -100,17 +95,39 @@ void takeoption(char letter, const char* argument, Options& options) {
   stopwith("usage: %s [-p priority] [-r respfile] [-v] [-w] [-nowait] [mdm file] [command file]\n", program);
 }
 
+// One long file in the place of a template: three options of whole words.
+struct OneFileOptions {
+  std::string from, level3, level2;
+};
+
+// The place for the argument of the option, or null when it is none of the three.
+std::string* onefileoption(OneFileOptions& options, const char* word) {
+  if (strcasecmp(word, "-from") == 0) return &options.from;
+  if (strcasecmp(word, "-level3") == 0) return &options.level3;
+  if (strcasecmp(word, "-level2") == 0) return &options.level2;
+  return nullptr;
+}
+
 }  // namespace
 
 Options readoptions(int argc, char** argv) {
-  constexpr const char* letters = "eimnprwvq";
-  constexpr const char* witharguments = "imnpr";
+  constexpr const char* letters = "eimnprtwvq";
+  constexpr const char* witharguments = "imnprt";
   Options options;
   int word = 1;
+  OneFileOptions onefile;
   for (; word < argc && argv[word][0] == '-' && argv[word][1] != '\0'; ++word) {
     if (std::strcmp(argv[word], "--") == 0) {
       ++word;
       break;
+    }
+    if (std::string* value = onefileoption(onefile, argv[word])) {
+      if (word + 1 == argc) {
+        std::printf("option requires an argument -- %s\n", argv[word] + 1);
+        usage(argv[0]);
+      }
+      *value = argv[++word];
+      continue;
     }
     for (const char* at = argv[word] + 1; *at != '\0'; ++at) {
       const char letter = static_cast<char>(std::tolower(static_cast<unsigned char>(*at)));
@@ -139,6 +156,13 @@ Options readoptions(int argc, char** argv) {
   const auto path = [](const char* text) { return std::string(text).substr(0, maxpath - 1); };
   if (word < argc) run.files.mdmfile = path(argv[word++]);
   if (word < argc) run.files.cmdshown = run.files.cmdfile = path(argv[word]);
+  const bool wanted = !(onefile.from + onefile.level3 + onefile.level2).empty();
+  if (wanted && (onefile.from.empty() || onefile.level3.empty() || onefile.level2.empty() || options.templatejob))
+    stopwith("-from FILE, -level3 COLUMN and -level2 COLUMN go together, and without a template.\n");
+  if (wanted) {
+    takeonefile(onefile.from, onefile.level3, onefile.level2);
+    options.templatejob = true;
+  }
   return options;
 }
 

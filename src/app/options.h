@@ -7,11 +7,11 @@ namespace kdr {
 
 // What the command line asks of the process beyond the fields of `run` that it sets.
 struct Options {
-  bool templatejob = false;  // -r named an MDM template, which has been read
+  bool templatejob = false;  // an MDM file is to be made: -r named a template, or -from a file, which has been read
 };
 
 // Reads the options into `run`, in order, and the two positional words into run.files.mdmfile and cmdfile. A template
-// given by -r is read at once; another response file replaces standard input. A bad option prints the usage and stops
+// given by -r is read at once, a long file given by -from at the end; another response file replaces standard input. A bad option prints the usage and stops
 // with 100.
 Options readoptions(int argc, char** argv);
 

@@ -32,6 +32,7 @@
 #include "model/writer.h"
 #include "multirun/latentreport.h"
 #include "multirun/series.h"
+#include "nonlinear/categoryloop.h"
 #include "nonlinear/macroloop.h"
 #include "report/header.h"
 #include "report/specification.h"
@@ -83,21 +84,9 @@ void holdstandardstreams() {
   fail(0);
 }
 
-// A keyword whose engine this version does not have yet ends the run here, before anything is written.
-void refuseabsentengines() {
-  struct Absent {
-    bool wanted;
-    const char* what;
-  };
-  const Absent absent[] = {
-      {run.kind.nonlin == 3, "estimate multinomial and ordinal models"},
-  };
-  for (const Absent& engine : absent)
-    if (engine.wanted) stopwith("This version of %s cannot %s yet.\n", module, engine.what);
-}
-
 // The engines know neither design weights nor restricted taus: the model that they fit would be another one.
 void checkengines() {
+  if (run.iter.hetit != 0 && !run.kind.linear()) stopwith("HETIT: is for linear models only.\n");
   const char* engine = run.iter.laplace ? "Laplace-6" : run.iter.agqpoints != 0 ? "adaptive quadrature" : nullptr;
   if (engine == nullptr) return;
   const bool restricted = run.iter.haveesttau2 || run.iter.haveesttau3 || run.iter.havecontau2 || run.iter.havecontau3;
@@ -113,6 +102,7 @@ void choosekind() {
   kind.nlrun = kind.nonlin == 1 || kind.nonlin == 2;
   kind.mnrun = kind.nonlin == 3;
   if (kind.nlrun) run.iter.popavit = std::max(run.iter.popavit, 1);
+  if (kind.mnrun) run.iter.fixsigma2 = 1.0;
 }
 
 // A latent variable regression needs something to explain and something to explain it by.
@@ -159,7 +149,6 @@ void readmodel() {
   choosekind();
   outputquestions();
   compactlists();
-  refuseabsentengines();
   checkroles();
   checkfiles();
   markdeletion();
@@ -186,6 +175,15 @@ void openresults() {
   beginseries();
   if (!reportisstdout()) std::printf("Computing . . ., please wait\n");
   writecommandfile(newcommandfile);
+}
+
+// The estimation by the kind of the run; the results of its passes go to the store of a series.
+PassResults estimate(const CategoryTable& table) {
+  if (run.kind.nlrun) return estimatenonlinear(storesubrun);
+  if (run.kind.mnrun) return estimatecategories(table, storesubrun);
+  PassResults results = estimatelinear();
+  storesubrun(results);
+  return results;
 }
 
 // Moves the model to the next plausible value and leaves it as the command file of the next pass; false when there is
@@ -237,11 +235,12 @@ void runjob(int argc, char** argv) {
 
   do {
     readmodel();
+    const CategoryTable table = run.kind.mnrun ? readcategories() : CategoryTable{};
     openresults();
-    const PassResults results = run.kind.nlrun ? estimatenonlinear(storesubrun) : estimatelinear();
-    if (run.kind.linear()) storesubrun(results);
+    const PassResults results = estimate(table);
     latentvariableregression(results);
-    run.kind.nlrun ? listnonlinearfiles() : listlinearfiles(results);
+    if (run.kind.nlrun) listnonlinearfiles();
+    if (run.kind.linear()) listlinearfiles(results);
     if (const Pooled* averages = poolseries()) latentvariableregression(*averages);
     closereport();
   } while (nextplausiblevalue());

@@ -4,13 +4,19 @@
 #include <climits>
 #include <cstring>
 #include <ctime>
+#include <string>
+#include <vector>
 
 #include "data/buildlog.h"
 #include "data/description.h"
 #include "data/levelsource.h"
+#include "data/readers/ascii.h"
+#include "data/resultfile.h"
 #include "data/scratch.h"
+#include "data/template.h"
 #include "data/unitreader.h"
 #include "driver/failures.h"
+#include "driver/formatted.h"
 #include "driver/runrecord.h"
 
 namespace kdr {
@@ -22,6 +28,13 @@ namespace {
 constexpr std::size_t firstrows = 500;  // capacity of the level-3 table at its start
 constexpr int firstrecords = 50;        // capacity of a unit's records at its start
 
+constexpr std::size_t mostshown = 5;  // units of a file that the log names when nothing matches
+
+// The IDs of a level-1 or level-2 record, or the ID of a level-3 record.
+struct Place {
+  Id id3{}, id2{};
+};
+
 // One raw file of level 1 or 2 on its way through the merge.
 struct RawWalk {
   int level = 0;         // 0 or 1
@@ -30,14 +43,30 @@ struct RawWalk {
   Id last3{}, last2{};   // those of the record before it
   bool any = false;      // a record has been read
   bool ended = false;
-  long long withoutid = 0;  // records that were passed over
+  long long withoutid = 0;    // records that were passed over
+  std::vector<Place> places;  // the first units
+};
+
+// The rows that repeat a unit of level 2 or 3, of which the first one is used.
+struct Repeats {
+  bool any = false;
+  Array<char> differs;  // [nvar]: not 0 where a later row has another value
+  bool folded = false;  // the level's file is that of level 1, so that many rows for a unit are no surprise
+  long long folds = 0;  // rows behind the first one of their unit
 };
 
 // What the merge gathers besides run.mdm.
 struct Construction {
+  ResultFile mdm;
   RawWalk walk1, walk2;
-  bool accepted2 = false;  // the last level-2 record had no missing value
-  UnitBlock unit;          // the unit in hand
+  std::vector<Place> places3;  // the first level-3 rows
+  bool accepted2 = false;      // a level-2 record without a missing value has been read
+  Place place2;                // the IDs of the last one that began a unit, and its values
+  Array<double> values2;
+  Repeats repeats2;
+  long long unmatched = 0;  // level-1 records without a level-2 row
+  Place firstunmatched;
+  UnitBlock unit;  // the unit in hand
   int capacity = firstrecords;
   ScratchFile blocks = nullptr;
   Array<VariableTotals> totals1;
@@ -56,23 +85,101 @@ int misses(const double* values, std::size_t n) {
   return static_cast<int>(std::count(values, values + n, missingcode));
 }
 
+// IDs and names in messages.
+
+std::string shown(const Id& id) {
+  if (run.mdm.numericids) return formatted("%.0f", id.number);
+  const std::string text = printable(id.text.text);
+  return text.substr(std::min(text.find_first_not_of(' '), text.size()));
+}
+
+// The same, in the columns that an ID has.
+std::string wide(const Id& id) { return formatted("%12s", shown(id).c_str()); }
+
+bool sameplace(const Place& a, const Place& b) { return sameid(a.id3, b.id3) && sameid(a.id2, b.id2); }
+
+void keepplace(std::vector<Place>& places, const Place& place) {
+  if (places.size() < mostshown && (places.empty() || !sameplace(places.back(), place))) places.push_back(place);
+}
+
+// Holds a further row of a unit against its first one.
+void noterepeat(Repeats& repeats, const double* first, const double* row, std::size_t nvar) {
+  if (!repeats.any) repeats.differs.reset(nvar);
+  repeats.any = true;
+  ++repeats.folds;
+  for (std::size_t v = 0; v < nvar; ++v) repeats.differs[v] |= first[v] != row[v];
+}
+
+std::string differing(const Repeats& repeats, int level) {
+  std::string names;
+  for (std::size_t v = 0; v < repeats.differs.size(); ++v)
+    if (repeats.differs[v] != 0) names += (names.empty() ? "" : ", ") + leftname(namesof(level - 1)[v + 1]);
+  return names;
+}
+
+// What folding a level-1 file to the units of a higher level leaves out.
+void tellfolds(const Repeats& repeats, int level) {
+  if (!repeats.folded || !repeats.any) return;
+  logextra("%lld rows of the level-%d file were folded into the first one of their unit.\n", repeats.folds, level);
+  const std::string names = differing(repeats, level);
+  if (names.empty()) return;
+  logboth("Level-%d variables that vary within units: %s. The first row of each unit counts.\n", level, names.c_str());
+  if (raw.varyingfirst) return;
+  logboth("That has to be asked for by VARYING:FIRST in the template.\n");
+  stoprun(100);
+}
+
+bool isfolded(int level) { return samefile(raw.level[0].filename, raw.level[level - 1].filename); }
+
+// One line of the log for the unit, whatever the number of its rows.
+void tellrepeats(Repeats& repeats, int level, const Id& id) {
+  if (!repeats.any || repeats.folded) return;
+  repeats.any = false;
+  const std::string names = differing(repeats, level);
+  logextra("Level-%d group %s stands more than once in the level-%d file. Only its first row is used.%s\n", level,
+           wide(id).c_str(), level, names.empty() ? "" : (" Its rows differ in " + names + ".").c_str());
+}
+
 // The order of a level's file.
 
-[[noreturn]] void notsorted(int level, const Id& id) {
+[[noreturn]] void notsorted(int level, const Id& before, const Id& id) {
   logboth("\nThe level-%d file is not sorted!\n", level);
   if (run.mdm.numericids) {
     logboth("ID %lf\n", id.number);
   } else {
     logboth("ID %s\n", id.text.text);
   }
+  const std::string first = shown(before);
+  const std::string second = shown(id);
+  logboth("In %s, ID %s comes before ID %s (record %lld).\n", raw.level[level - 1].filename.c_str(), first.c_str(),
+          second.c_str(), raw.level[level - 1].asked);
+  if (!run.mdm.numericids && first.size() > second.size() && first < second)
+    logboth(
+        "A shorter text ID has to come before a longer one: fill the IDs up with zeros, or sort by their length.\n");
+  if (rawis(rawascii)) tellcrossing(level - 1);
   stoprun(100);
 }
 
 // Records without an ID can belong to no unit, and no package agrees with another where they stand in a sorted file.
-void reportwithoutid(int level, long long count) {
-  if (count == 0) return;
-  countextra();
-  logboth("%lld level-%d records have no ID. They were passed over.\n", count, level);
+bool withoutid(const Id& id) {
+  if (run.mdm.numericids) return id.number == missingcode;
+  return std::all_of(id.text.text, id.text.text + std::strlen(id.text.text),
+                     [](char c) { return static_cast<unsigned char>(c) <= ' '; });
+}
+
+// Tells what was found in the IDs of a level, at the end of its file.
+void reportids(int level, long long withoutid) {
+  if (withoutid != 0) {
+    countextra();
+    logboth("%lld level-%d records have no ID. They were passed over.\n", withoutid, level);
+  }
+  const LevelSource& source = raw.level[level - 1];
+  if (source.fractions != 0) {
+    countextra();
+    logboth(
+        "%lld IDs of the level-%d file have a fraction, which does not count. The first one is %g in record %lld.\n",
+        source.fractions, level, source.firstfraction, source.fractionrecord);
+  }
 }
 
 // Reads the next record that has its IDs and holds them against those of the record before. False at the end of the
@@ -82,42 +189,45 @@ bool nextraw(RawWalk& walk) {
   std::swap(walk.id3, walk.last3);
   std::swap(walk.id2, walk.last2);
   while (readrecord(walk.level, walk.values.data(), &walk.id3, &walk.id2) == 0) {
-    if (run.mdm.numericids && (walk.id3.number == missingcode || walk.id2.number == missingcode)) {
+    if (withoutid(walk.id3) || withoutid(walk.id2)) {
       ++walk.withoutid;
       continue;
     }
     if (walk.any) {
       const int order = compareids(walk.last3, walk.id3);
-      if (order > 0) notsorted(walk.level + 1, walk.id3);
-      if (order == 0 && compareids(walk.last2, walk.id2) > 0) notsorted(walk.level + 1, walk.id2);
+      if (order > 0) notsorted(walk.level + 1, walk.last3, walk.id3);
+      if (order == 0 && compareids(walk.last2, walk.id2) > 0) notsorted(walk.level + 1, walk.last2, walk.id2);
     }
+    if (walk.places.size() < mostshown) keepplace(walk.places, {walk.id3, walk.id2});
     walk.any = true;
     return true;
   }
   walk.ended = true;
-  reportwithoutid(walk.level + 1, walk.withoutid);
+  reportids(walk.level + 1, walk.withoutid);
   return false;
 }
 
-// Reads the next level-2 record that has no missing value.
+// Whether the level-2 record in hand repeats the last unit. Notes how it differs.
+bool repeatsunit(Construction& build) {
+  const RawWalk& walk = build.walk2;
+  if (!build.accepted2 || !sameplace({walk.id3, walk.id2}, build.place2)) return false;
+  if (misses(walk.values.data(), walk.values.size()) == 0)
+    noterepeat(build.repeats2, build.values2.data(), walk.values.data(), walk.values.size());
+  return true;
+}
+
+// Reads the next level-2 record that has no missing value and is the first one of its unit.
 bool nextunitrow(Construction& build) {
   RawWalk& walk = build.walk2;
   while (nextraw(walk)) {
-    if (build.accepted2 && sameid(walk.id3, walk.last3) && sameid(walk.id2, walk.last2)) {
-      if (run.mdm.numericids) {
-        logextra("Level-2 group %12.0f stands more than once in the level-2 file. Only its first row is used.\n",
-                 walk.id2.number);
-      } else {
-        logextra("Level-2 group %s stands more than once in the level-2 file. Only its first row is used.\n",
-                 walk.id2.text.text);
-      }
-    }
-    if (misses(walk.values.data(), walk.values.size()) == 0) {
-      build.accepted2 = true;
-      return true;
-    }
-    build.accepted2 = false;
-    ++deletedrows.level2;
+    const bool missing = misses(walk.values.data(), walk.values.size()) > 0;
+    if (missing) ++deletedrows.level2;
+    if (repeatsunit(build) || missing) continue;
+    tellrepeats(build.repeats2, 2, build.place2.id2);
+    build.accepted2 = true;
+    build.place2 = {walk.id3, walk.id2};
+    std::copy(walk.values.begin(), walk.values.end(), build.values2.begin());
+    return true;
   }
   return false;
 }
@@ -160,7 +270,26 @@ int keeplevel3(Keep keep) {
   return static_cast<int>(rows - kept);
 }
 
-void readlevel3() {
+// Each unit's rows stand one behind the other.
+void tellrepeats3() {
+  const MdmData& mdm = run.mdm;
+  const auto width = static_cast<std::size_t>(mdm.nvar3);
+  Repeats repeats;
+  repeats.folded = isfolded(3);
+  std::size_t first = 0;
+  for (std::size_t row = 1; row <= static_cast<std::size_t>(mdm.nunits3); ++row) {
+    const Id id = level3id(static_cast<int>(first));
+    if (row < static_cast<std::size_t>(mdm.nunits3) && sameid(id, level3id(static_cast<int>(row)))) {
+      noterepeat(repeats, mdm.level3.data() + first * width, mdm.level3.data() + row * width, width);
+    } else {
+      tellrepeats(repeats, 3, id);
+      first = row;
+    }
+  }
+  tellfolds(repeats, 3);
+}
+
+void readlevel3(Construction& build) {
   MdmData& mdm = run.mdm;
   const auto width = static_cast<std::size_t>(mdm.nvar3);
   std::size_t capacity = firstrows;
@@ -171,17 +300,24 @@ void readlevel3() {
   growlevel3(capacity);
   Id id{};
   Id before{};
-  while (readrecord(2, &mdm.level3[row * width], &id, nullptr) == 0) {
-    if (mdm.numericids && id.number == missingcode) continue;
-    if (row > 0 && compareids(before, id) > 0) notsorted(3, id);
+  long long passed = 0;
+  while (readrecord(2, mdm.level3.data() + row * width, &id, nullptr) == 0) {
+    if (withoutid(id)) {
+      ++passed;
+      continue;
+    }
+    if (row > 0 && compareids(before, id) > 0) notsorted(3, before, id);
+    keepplace(build.places3, {id, {}});
     storelevel3id(row, id);
     before = id;
     if (++row == capacity) growlevel3(capacity *= 2);
     if (row == INT_MAX) stopwith("There are too many level-3 records!\n");
   }
   closeraw(2);
+  reportids(3, passed);
   mdm.nunits3 = static_cast<int>(row);
-  deletedrows.level3 = keeplevel3([&](std::size_t r) { return misses(&mdm.level3[r * width], width) == 0; });
+  deletedrows.level3 = keeplevel3([&](std::size_t r) { return misses(mdm.level3.data() + r * width, width) == 0; });
+  tellrepeats3();
 }
 
 // The first row of the level-3 table with this ID, or nunits3. The table is in ascending order.
@@ -250,11 +386,7 @@ void deleterecords(UnitBlock& unit) {
 void reportunknown(Construction& build) {
   const Id& id = build.unit.id3;
   if (sameid(id, build.unknown)) return;
-  if (run.mdm.numericids) {
-    logextra(" Group %12.0f not in level-3 file.\n", id.number);
-  } else {
-    logextra(" Group %s not in level-3 file.\n", id.text.text);
-  }
+  logextra(" Group %s not in level-3 file.\n", wide(id).c_str());
   build.unknown = id;
 }
 
@@ -280,11 +412,7 @@ void processunit(Construction& build) {
   recode(unit);
   deleterecords(unit);
   if (unit.nj == 0) {
-    if (mdm.numericids) {
-      logextra("Level-2 group %12.0f has inadequate data\n", unit.id2.number);
-    } else {
-      logextra("Level-2 group %s has inadequate data\n", unit.id2.text.text);
-    }
+    logextra("Level-2 group %s has inadequate data\n", wide(unit.id2).c_str());
     return;
   }
   const std::size_t row = findlevel3(build.lastrow, unit.id3);
@@ -308,17 +436,23 @@ int compareplace(const RawWalk& a, const RawWalk& b) {
   return order != 0 ? order : compareids(a.id2, b.id2);
 }
 
+void noteunmatched(Construction& build) {
+  if (++build.unmatched == 1) build.firstunmatched = {build.walk1.id3, build.walk1.id2};
+}
+
 // Merges the two files from their first records on. Level-1 records without a level-2 row and level-2 rows without a
-// record are passed over.
+// record are passed over; the former are counted.
 void mergeunits(Construction& build) {
   bool more = true;
   while (more) {
     checksignals();
     const int order = compareplace(build.walk1, build.walk2);
     if (order < 0) {
+      noteunmatched(build);
       more = nextraw(build.walk1);
     } else if (order > 0) {
       more = nextunitrow(build);
+      if (!more) noteunmatched(build);
     } else {
       UnitBlock& unit = build.unit;
       unit.nj = 0;
@@ -333,14 +467,20 @@ void mergeunits(Construction& build) {
     }
   }
   // What is left of either file belongs to no unit, unless its file is out of order.
-  while (nextraw(build.walk1)) continue;
-  while (nextraw(build.walk2)) continue;
+  while (nextraw(build.walk1)) noteunmatched(build);
+  while (nextraw(build.walk2)) (void)repeatsunit(build);
+  tellrepeats(build.repeats2, 2, build.place2.id2);
+  tellfolds(build.repeats2, 2);
+  if (build.unmatched != 0) {
+    countextra();
+    logboth("%lld level-1 records have no level-2 row that counts. The first one is of unit %s in unit %s.\n",
+            build.unmatched, shown(build.firstunmatched.id2).c_str(), shown(build.firstunmatched.id3).c_str());
+  }
 }
 
 // The steps of mkmdm.
 
-void openmdm() {
-  if (run.mdm.stream != nullptr) return;
+void openmdm(Construction& build) {
   const std::string& path = run.files.mdmfile;
   if (path.empty()) stopwith("There is no name for the MDM file!\n");
   for (const LevelSource& source : raw.level)
@@ -348,7 +488,9 @@ void openmdm() {
       stopwith("The MDM file %s must not be one of the raw data files!\n", path.c_str());
   if (samefile(raw.templatename, path)) stopwith("The MDM file %s must not be the template!\n", path.c_str());
   if (path == logname) stopwith("The MDM file must not bear the name of the log, %s!\n", logname);
-  run.mdm.stream = openfile(path, "wb");
+  openresult(build.mdm, path);
+  run.mdm.stream = build.mdm.stream;
+  std::setvbuf(build.mdm.stream, mdmpiece, _IOFBF, piecesize);
 }
 
 // What the construction writes besides the MDM file must not be one of the raw files.
@@ -368,8 +510,6 @@ void takedimensions() {
   mdm.nvar1 = raw.level[0].selected;
   mdm.nvar2 = raw.level[1].selected;
   mdm.nvar3 = raw.level[2].selected;
-  if (mdm.nvar2 == 0) stopwith("You must select at least one level-2 variable!\n");
-  if (mdm.nvar3 == 0) stopwith("You must select at least one level-3 variable!\n");
 }
 
 void readfirstrecords(Construction& build) {
@@ -385,6 +525,7 @@ void startmerge(Construction& build) {
   const auto nvar2 = static_cast<std::size_t>(mdm.nvar2);
   mdm.nunits1 = mdm.nunits2 = mdm.maxnj = 0;
   build.walk2.level = 1;
+  build.repeats2.folded = isfolded(2);
   build.walk1.values.reset(nvar1);
   build.walk2.values.reset(nvar2);
   build.unit.means.reset(nvar1);
@@ -392,9 +533,11 @@ void startmerge(Construction& build) {
   build.unit.records.reset(static_cast<std::size_t>(build.capacity) * nvar1);
   build.totals1 = starttotals(mdm.nvar1);
   build.sums2.reset(nvar2);
+  build.values2.reset(nvar2);
 }
 
 void describe(int level, const Array<Name>& names, const Array<double>& means, const Array<VariableTotals>& totals) {
+  if (totals.empty()) return;
   for (std::FILE* stream : {stdout, logstream()}) printdesc(stream, level, names, means, totals);
 }
 
@@ -421,11 +564,33 @@ Array<VariableTotals> copyunits(Construction& build) {
   UnitReader reader;
   startunits(reader, build.blocks, 0, mdm.nvar1, mdm.nvar2, true);
   for (int j = 0; j < mdm.nunits2; ++j) {
-    if (!readunit(reader, build.unit)) fail(5);
-    writeunit(mdm.stream, build.unit, mdm.nvar1, mdm.nvar2, true);
+    if (!readunit(reader, build.unit)) stopwith("A temporary file is damaged: it is cut off.\n");
+    writeunit(build.mdm.stream, build.unit, mdm.nvar1, mdm.nvar2, true);
     for (std::size_t v = 0; v < totals.size(); ++v) addvalue(totals[v], build.unit.level2[v]);
   }
   return totals;
+}
+
+// The first units of the three files, side by side.
+void logplaces(const Construction& build) {
+  std::FILE* log = logstream();
+  std::fprintf(log, "The first IDs of each file, level-3 ID first:\n  %-25s  %-25s  %s\n", "level 1", "level 2",
+               "level 3");
+  const auto column = [](const std::vector<Place>& places, std::size_t i) {
+    return i < places.size() ? wide(places[i].id3) + " " + wide(places[i].id2) : std::string(25, ' ');
+  };
+  const std::size_t rows = std::max({build.walk1.places.size(), build.walk2.places.size(), build.places3.size()});
+  for (std::size_t i = 0; i < rows; ++i)
+    std::fprintf(log, "  %s  %s  %s\n", column(build.walk1.places, i).c_str(), column(build.walk2.places, i).c_str(),
+                 i < build.places3.size() ? wide(build.places3[i].id3).c_str() : "");
+}
+
+[[noreturn]] void nothingleft(const Construction& build) {
+  std::fprintf(logstream(), "No groups left for analysis\n");
+  if (run.mdm.nvar1 > 0) logplaces(build);
+  std::printf("%s", run.mdm.nvar1 == 0 ? "You have selected no level-1 variable, so that no level-1 record counts!\n"
+                                       : "No level-2 unit is left for the analysis. KDR3MDM.STS tells more.\n");
+  stoprun(100);
 }
 
 void signlog() {
@@ -446,38 +611,31 @@ void mkmdm() {
   Construction build;
   deletedrows = DeletedRows{};
   sparerawfiles();
-  takedimensions();  // before the MDM file that is to be replaced is emptied
-  openmdm();
+  takedimensions();
+  openmdm(build);
   openlog();
-  readlevel3();
+  readlevel3(build);
   startmerge(build);
   readfirstrecords(build);
   build.unitsof.reset(static_cast<std::size_t>(mdm.nunits3));
   build.blocks = scratchopen();
   std::setvbuf(build.blocks, blockpiece, _IOFBF, piecesize);
   mergeunits(build);
-  if (mdm.nunits2 == 0) {
-    std::fprintf(logstream(), "No groups left for analysis\n");
-    std::printf("%s", mdm.nvar1 == 0 ? "You have selected no level-1 variable, so that no level-1 record counts!\n"
-                                     : "No level-2 unit is left for the analysis. KDR3MDM.STS tells more.\n");
-    stoprun(100);
-  }
+  if (mdm.nunits2 == 0) nothingleft(build);
   keeplevel3([&](std::size_t row) { return build.unitsof[row] > 0; });
 
   finishmeans(build);
   describe(1, mdm.names1, mdm.mean1, build.totals1);
   const Array<VariableTotals> totals3 = totallevel3();
   mdm.mean3 = meansof(totals3);
-  std::setvbuf(mdm.stream, mdmpiece, _IOFBF, piecesize);
-  writemdmtables(mdm.stream);
+  writemdmtables(build.mdm.stream);
   closeraw(0);
   closeraw(1);
   describe(2, mdm.names2, mdm.mean2, copyunits(build));
   describe(3, mdm.names3, mdm.mean3, totals3);
   scratchclose(build.blocks);
-  std::FILE* stream = mdm.stream;
   mdm.stream = nullptr;
-  finishmdm(stream);
+  finishmdm(build.mdm);
   signlog();
   closelog();
   if (extramessages() != 0) std::printf("\nThere are extra messages in KDR3MDM.STS.  Please examine this file.\n\n");

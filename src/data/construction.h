@@ -21,8 +21,8 @@ extern DeletedRows deletedrows;
 // level has no variables, when data that were declared complete hold missing values, or when no unit is left; with
 // failure 1 when the level-1 or level-2 file has no record, with failure 5 when something cannot be written.
 //
-// The file gets its magic last, after all else has reached the disk, so one that a stop cut off is no MDM file. Where
-// run.mdm.stream is already open it is taken for the new file.
+// The file takes the place of an older one when it is complete. It gets its magic last, after all else has reached the
+// disk, so what a sudden end leaves is no MDM file.
 void mkmdm();
 
 // The console lines on the records that the construction processed and the rows that it deleted.

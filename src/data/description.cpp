@@ -15,10 +15,11 @@ Array<double> meansof(const Array<VariableTotals>& totals) {
   return means;
 }
 
-double standarddeviation(const VariableTotals& totals, double mean) {
+double standarddeviation(const VariableTotals& totals) {
   const auto n = static_cast<double>(totals.count);
-  const double deviations = totals.squares - n * mean * mean;
-  return totals.count < 2 || !(deviations > 0.0) ? 0.0 : std::sqrt(deviations / (n - 1.0));
+  if (totals.count < 2) return 0.0;
+  const double squares = totals.squares - totals.deviations * totals.deviations / n;
+  return squares > 0.0 ? std::sqrt(squares / (n - 1.0)) : 0.0;
 }
 
 void printdesc(std::FILE* stream, int level, const Array<Name>& names, const Array<double>& means,
@@ -28,7 +29,7 @@ void printdesc(std::FILE* stream, int level, const Array<Name>& names, const Arr
   std::fprintf(stream, "\n\n VARIABLE NAME       N       MEAN         SD         MINIMUM      MAXIMUM\n");
   for (std::size_t v = 0; v < totals.size(); ++v)
     std::fprintf(stream, "  %12s    %6lld    %7.2f    %7.2f    %9.2f    %9.2f\n", names[v + 1].text, totals[v].count,
-                 means[v], standarddeviation(totals[v], means[v]), totals[v].minimum, totals[v].maximum);
+                 means[v], standarddeviation(totals[v]), totals[v].minimum, totals[v].maximum);
   std::fprintf(stream, "\n");
 }
 

@@ -10,10 +10,13 @@
 
 namespace kdr {
 
-// Running totals of the non-missing values of one variable.
+// Running totals of the non-missing values of one variable. Those of the variance are taken from the first value on, so
+// that a large mean costs no digits.
 struct VariableTotals {
   double sum = 0.0;
-  double squares = 0.0;
+  double first = 0.0;
+  double deviations = 0.0;  // sum of value - first
+  double squares = 0.0;     // sum of (value - first)^2
   double minimum = bigvalue;
   double maximum = -bigvalue;
   long long count = 0;
@@ -23,8 +26,11 @@ struct VariableTotals {
 [[nodiscard]] Array<VariableTotals> starttotals(int nvar);
 
 inline void addvalue(VariableTotals& totals, double value) {
+  if (totals.count == 0) totals.first = value;
+  const double deviation = value - totals.first;
   totals.sum += value;
-  totals.squares += value * value;
+  totals.deviations += deviation;
+  totals.squares += deviation * deviation;
   if (value < totals.minimum) totals.minimum = value;
   if (value > totals.maximum) totals.maximum = value;
   ++totals.count;
@@ -33,9 +39,9 @@ inline void addvalue(VariableTotals& totals, double value) {
 // Sum over count; 0 where there is no value.
 [[nodiscard]] Array<double> meansof(const Array<VariableTotals>& totals);
 
-// sqrt((S - N m^2) / (N - 1)), with S the sum of squares, N the count and m the mean; 0 where S - N m^2 is not above 0
-// or N is below 2.
-[[nodiscard]] double standarddeviation(const VariableTotals& totals, double mean);
+// sqrt((S - D^2 / N) / (N - 1)), with D and S the sums of the deviations from the first value and of their squares and
+// N the count; 0 where S - D^2 / N is not above 0 or N is below 2.
+[[nodiscard]] double standarddeviation(const VariableTotals& totals);
 
 // Writes the table of a level (1 to 3): name, count, mean, standard deviation, minimum and maximum of each variable.
 // `names` is the level's name table with its intercept at 0.

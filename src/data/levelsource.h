@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include "data/mdm.h"
 #include "data/rawvariables.h"
@@ -26,10 +27,13 @@ struct LevelSource {
   std::string filetype;  // OTHER only: the word behind the slash of the file's name
 
   // Every format but ASCII.
-  Array<RawVariable> vartable;  // one row for each variable of the file, by open()
-  Array<int> chosen;            // rows marked as variables, in the order of the values of a record
-  int row3 = -1, row2 = -1;     // rows of the ID columns, by settlevariables
-  long long asked = 0;          // records that readrecord was asked for: the number of the one in hand
+  std::vector<RawVariable> vartable;  // one row for each variable of the file, by open()
+  Array<int> chosen;                  // rows marked as variables, in the order of the values of a record
+  int row3 = -1, row2 = -1;           // rows of the ID columns, by settlevariables
+  long long asked = 0;                // records that readrecord was asked for: the number of the one in hand
+  long long fractions = 0;            // numeric IDs that are no whole numbers
+  double firstfraction = 0.0;         // the first of them
+  long long fractionrecord = 0;       // and its record
 };
 
 // What a construction is told about its raw data. The names, the kind of IDs and the head's fields are in run.mdm.
@@ -37,6 +41,7 @@ struct RawData {
   const RawReader* reader = nullptr;  // the format of all three files; null while none is chosen
   LevelSource level[3];               // index 0, 1, 2 for levels 1, 2, 3
   int reading = 0;                    // index of the level that readrecord was asked for last
+  bool varyingfirst = false;          // of a file that serves several levels the first row of each unit counts
   Array<double> missingcodes;         // ASCII only: the value that stands for missing, one for each level-1 variable
   std::string templatename;           // the template that was read, or empty
 };

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <string>
 
+#include "data/resultfile.h"
 #include "data/scratch.h"
 #include "driver/failures.h"
 #include "driver/runrecord.h"
@@ -64,7 +65,7 @@ long long readhead(MdmHeader& head) {
 }
 
 void checkhead(const MdmHeader& head) {
-  if (head.numl1var < 1 || head.numl2var < 1 || head.numl3var < 1) damagedmdm("a level has no variables");
+  if (head.numl1var < 1 || head.numl2var < 0 || head.numl3var < 0) damagedmdm("its numbers of variables cannot be");
   if (head.numl3rec < 1 || head.numl2rec < head.numl3rec || head.numl1rec < head.numl2rec)
     damagedmdm("its numbers of records and units do not agree");
   if (head.maxnj < 1 || head.maxnj > head.numl1rec) damagedmdm("its largest unit has an impossible size");
@@ -253,11 +254,11 @@ void writemdmtables(std::FILE* stream) {
   writechk(mdm.level3.data(), mdm.level3.size() * sizeof(double), stream);
 }
 
-void finishmdm(std::FILE* stream) {
+void finishmdm(ResultFile& file) {
   // Everything else must have reached the file before the magic makes it one.
-  if (std::fflush(stream) != 0 || fseeko(stream, 0, SEEK_SET) != 0) fail(5);
-  writechk(magic, sizeof magic, stream);
-  closechk(stream);
+  if (std::fflush(file.stream) != 0 || fseeko(file.stream, 0, SEEK_SET) != 0) fail(5);
+  writechk(magic, sizeof magic, file.stream);
+  finishresult(file);
 }
 
 }  // namespace kdr

@@ -12,6 +12,8 @@
 
 namespace kdr {
 
+struct ResultFile;
+
 // An ID of a level-2 or level-3 unit. `run.mdm.numericids` tells which of the two holds it.
 struct Id {
   Name text;
@@ -53,7 +55,7 @@ void readmdm();
 // Writes everything up to the blocks to a new file, from run.mdm, with zeros in place of the magic. Failure 5.
 void writemdmtables(std::FILE* stream);
 // Writes the magic and closes the file: from now on it is an MDM file. Failure 5.
-void finishmdm(std::FILE* stream);
+void finishmdm(ResultFile& file);
 
 // "The mdm file ... is damaged: ..." and the stop with code 100.
 [[noreturn]] void damagedmdm(const char* what);

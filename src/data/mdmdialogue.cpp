@@ -101,7 +101,7 @@ void asksource(int level) {
   if (rawis(rawascii)) {
     const std::string prompt =
         formatted("\nInput number of level-%1d variables (not including the character ID):", level + 1);
-    raw.level[level].numvar = asknumber(prompt.c_str(), 1, mostasked);
+    raw.level[level].numvar = asknumber(prompt.c_str(), level == 0 ? 1 : 0, mostasked);
     askformat(level);
   }
   if (rawis(rawother)) {
@@ -119,8 +119,14 @@ Name askname(int level, int variable) {
   for (int empty = 0; empty <= mostempty; ++empty) {
     // A template could not hold a name that begins like a comment or like the end of its block.
     const bool any = readanswer(prompt, line) && line.find_first_not_of(' ') != std::string::npos;
-    if (any && line[0] != '#' && line[0] != '*') return paddedname(line);
-    std::printf(" Invalid response. Try again.\n");
+    const bool usable = any && line[0] != '#' && line[0] != '*';
+    const Name name = paddedname(line);
+    const Array<Name>& names = namesof(level);
+    const bool taken =
+        std::any_of(names.begin(), names.begin() + variable, [&](const Name& other) { return samename(other, name); });
+    if (usable && !taken && !isintercept(name)) return name;
+    std::printf(usable ? " That name is taken: names count by their first 8 characters. Try again.\n"
+                       : " Invalid response. Try again.\n");
   }
   fail(14);
 }
@@ -173,8 +179,8 @@ void askmdmname() {
 // The variable chooser.
 
 // Whether a template can hold the name in a line of its own.
-bool canbelisted(const RawVariable& variable) {
-  const std::string name = shownname(variable);
+bool canbelisted(const LevelSource& source, const RawVariable& variable) {
+  const std::string name = tellingname(source, static_cast<int>(&variable - source.vartable.data()));
   const auto control = [](unsigned char c) { return std::iscntrl(c) != 0; };
   return !name.empty() && name[0] != '#' && std::none_of(name.begin(), name.end(), control);
 }
@@ -183,41 +189,46 @@ bool canbelisted(const RawVariable& variable) {
 std::vector<RawVariable*> visiblerows(LevelSource& source) {
   std::vector<RawVariable*> rows;
   for (RawVariable& variable : source.vartable)
-    if (!variable.hidden && canbelisted(variable)) rows.push_back(&variable);
+    if (!variable.hidden && canbelisted(source, variable)) rows.push_back(&variable);
   return rows;
 }
 
 void showvariables(int level, const std::vector<RawVariable*>& rows) {
   std::printf(" The available level-%1d variables are:\n", level + 1);
-  for (std::size_t i = 0; i < rows.size(); ++i)
-    std::printf(" For %.9s enter %2d%s", rows[i]->name.text, static_cast<int>(i) + 1,
-                i % 3 == 2 || i + 1 == rows.size() ? "\n" : "   ");
-  const Array<RawVariable>& all = raw.level[level].vartable;
-  const auto left =
-      std::count_if(all.begin(), all.end(), [](const RawVariable& row) { return !row.hidden && !canbelisted(row); });
+  const LevelSource& source = raw.level[level];
+  for (std::size_t i = 0; i < rows.size(); ++i) {
+    // Nine columns, but a whole name where fewer characters do not tell the variable.
+    const int width = findvariable(source, shownname(*rows[i])) == severalvariables ? -1 : 9;
+    std::printf(" For %.*s enter %2d%s", width, width < 0 ? rows[i]->fullname.c_str() : rows[i]->name.text,
+                static_cast<int>(i) + 1, i % 3 == 2 || i + 1 == rows.size() ? "\n" : "   ");
+  }
+  const std::vector<RawVariable>& all = source.vartable;
+  const auto left = std::count_if(all.begin(), all.end(),
+                                  [&](const RawVariable& row) { return !row.hidden && !canbelisted(source, row); });
   if (left > 0)
     std::printf(" %d more cannot be chosen, since a template cannot hold their names.\n", static_cast<int>(left));
 }
 
 constexpr const char* alreadychosen = "You have already chosen that variable!\n";
 
-// Asks for the column of an ID and marks it. The first ID of all settles the kind; `kindknown` tells of that.
-void choosecolumn(int level, const char* prompt, int mark, const std::vector<RawVariable*>& rows, bool& kindknown) {
+// Asks for the column of an ID and marks it. The first ID of all settles the kind.
+void choosecolumn(const char* prompt, int mark, const std::vector<RawVariable*>& rows) {
   for (int tries = 0; tries < maxtries; ++tries) {
     RawVariable& row = *rows[static_cast<std::size_t>(asknumber(prompt, 1, static_cast<int>(rows.size()))) - 1];
+    const auto agrees = [&] {
+      row.mark = mark;
+      const bool agree = agreeonids();
+      if (!agree) row.mark = unwanted;
+      return agree;
+    };
     if (row.mark != unwanted) {
       std::printf("%s", alreadychosen);
-    } else if (sharesname(raw.level[level], row)) {
-      std::printf(namesalike, shownname(row).c_str(), level + 1);
-    } else if (kindknown && row.text == run.mdm.numericids) {
-      std::printf("ID's must be both be character or both numeric!\n");
     } else if (row.text && row.width > static_cast<int>(longestid)) {
       std::printf("Your ID variable is longer than 12 characters.\n");
-    } else {
-      row.mark = mark;
-      run.mdm.numericids = !row.text;
-      kindknown = true;
+    } else if (agrees()) {
       return;
+    } else {
+      std::printf("ID's must be both be character or both numeric!\n");
     }
   }
   fail(14);
@@ -244,12 +255,18 @@ void pickvariables(int level, const std::vector<RawVariable*>& rows) {
     const int number = asknumber(prompt.c_str(), 0, static_cast<int>(rows.size()));
     if (number == 0) break;
     RawVariable& row = *rows[static_cast<std::size_t>(number) - 1];
+    const auto alike = [&](int other) {
+      return samename(source.vartable[static_cast<std::size_t>(other)].name, row.name);
+    };
     if (row.text) {
       std::printf(" This is a character variable!\n");
     } else if (row.mark != unwanted) {
       std::printf("%s", alreadychosen);
-    } else if (sharesname(source, row)) {
-      std::printf(namesalike, shownname(row).c_str(), level + 1);
+    } else if (isintercept(row.name)) {
+      std::printf("%s is the name of an intercept!\n", shownname(row).c_str());
+    } else if (std::any_of(picked.begin(), picked.end(), alike)) {
+      std::printf("You have already chosen a variable %s: names count by their first 8 characters!\n",
+                  shownname(row).c_str());
     } else {
       row.mark = variablemark;
       picked.push_back(static_cast<int>(&row - source.vartable.data()));
@@ -264,10 +281,9 @@ void choosevariables(int level) {
   LevelSource& source = raw.level[level];
   clearmarks(level);
   const std::vector<RawVariable*> rows = visiblerows(source);
-  bool kindknown = level > 0;
   showvariables(level, rows);
-  choosecolumn(level, " What variable is the level-3 ID?", level3idmark, rows, kindknown);
-  if (level < 2) choosecolumn(level, " What variable is the level-2 ID?", level2idmark, rows, kindknown);
+  choosecolumn(" What variable is the level-3 ID?", level3idmark, rows);
+  if (level < 2) choosecolumn(" What variable is the level-2 ID?", level2idmark, rows);
   pickvariables(level, rows);
   takenames(level);
 }

@@ -25,22 +25,28 @@ inline constexpr std::size_t longestid = 12;    // a text ID
 
 // One variable of a raw file.
 struct RawVariable {
-  Name name;    // through padname with the format's width: 8, SYSTAT 9 where a $ ends it
-  bool text;    // a character variable, which can be an ID only
-  bool hidden;  // a row that nobody can name: the continuation of a long string
-  int width;    // bytes that a value takes; characters of a character variable
-  int mark;     // unwanted, variablemark, level3idmark or level2idmark
+  Name name{};           // the name in the MDM file, through padname with the format's width: 8, SYSTAT 9 with a $
+  std::string fullname;  // as the file has it
+  bool text = false;     // a character variable, which can be an ID only
+  bool hidden = false;   // a row that nobody can name: the continuation of a long string
+  int width = 0;         // bytes that a value takes; characters of a character variable
+  int mark = unwanted;   // unwanted, variablemark, level3idmark or level2idmark
 };
+// Gives the variable its name, without the blanks and zeros around it.
+void namevariable(RawVariable& variable, std::string_view name, int width = 8);
 
-// The row of the variable, or -1. Names count by their first 8 characters, without regard to case. In SYSTAT data one
-// with a $ counts by 9.
+inline constexpr int novariable = -1;
+inline constexpr int severalvariables = -2;
+// The row of the variable that the name tells, or one of these two. A variable is told by its whole name without regard
+// to case (with regard to it where two differ by nothing else). Where there is none, by the first 8 characters, in
+// SYSTAT data by 9 where one is a $; but what both names have behind them must not differ.
 [[nodiscard]] int findvariable(const LevelSource& source, std::string_view name);
-
-// True when another variable of the file has the same name, as far as names count.
-[[nodiscard]] bool sharesname(const LevelSource& source, const RawVariable& variable);
-// The words for a variable that no name can tell from another one: "%s" for its name, "%d" for its level from 1.
+// The name that a template tells the row by: the one of the MDM file where that is enough, else the whole name; empty
+// when neither does.
+[[nodiscard]] std::string tellingname(const LevelSource& source, int row);
+// The words for a variable that a name does not tell from another one: "%s" for its name, "%d" for its level from 1.
 inline constexpr const char* namesalike =
-    "Variable %s cannot be told from another one of the level-%d file: names count by their first 8 characters!\n";
+    "Variable %s cannot be told from another one of the level-%d file. Give its whole name, or rename one of them!\n";
 
 // Marks a variable of the level (index 0 to 2) as the ID column that `mark` tells, or as a variable of the MDM file.
 // Stops with code 100 when the name is too long, when the file has no such variable or more than one, when it has a
@@ -52,8 +58,10 @@ void markvariable(int level, const std::string& name);
 // Drops all marks of the level.
 void clearmarks(int level);
 
-// Settles run.mdm.numericids from the ID columns that are marked so far. Stops with code 100 when they are of unlike
-// kinds.
+// Settles run.mdm.numericids from the ID columns that are marked so far. Where some are texts, the columns of delimited
+// text become texts too. False when the columns are of unlike kinds.
+[[nodiscard]] bool agreeonids();
+// The same, but stops with code 100.
 void settleidkind();
 
 // The row marked so, or -1.
@@ -64,9 +72,9 @@ void settleidkind();
 // The part of prepare() that all formats share: sets `selected`, `row3` and `row2`.
 void settlevariables(int level);
 
-// The numeric ID of a value: floor(value + 0.2). Stops with code 100 above 9999999999999, and tells the record that
-// readrecord was asked for.
-[[nodiscard]] double numericid(double value);
+// The numeric ID of a value: floor(value + 0.2), or its whole part. Counts values with a fraction. Stops with code 100
+// above 999999999999, and tells the record that readrecord was asked for.
+[[nodiscard]] double numericid(double value, bool truncated = false);
 // A text ID through padname with width 12. Stops with code 100 when characters other than blanks or zeros stand behind
 // the twelfth, and tells the record.
 [[nodiscard]] Name textid(std::string_view text);

@@ -83,6 +83,12 @@ std::FILE* openfile(const std::string& path, const char* mode) {
   stoprun(100);
 }
 
+void checkread(std::FILE* stream, const std::string& name) {
+  if (std::ferror(stream) == 0) return;
+  std::perror("");
+  stopwith("Unable to read %s\n", name.c_str());
+}
+
 int readchk(void* buffer, std::size_t bytes, std::FILE* stream) {
   return bytes == 0 || std::fread(buffer, bytes, 1, stream) == 1;
 }

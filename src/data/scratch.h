@@ -24,6 +24,9 @@ void scratchcloseall();
 // and stops with code 100.
 [[nodiscard]] std::FILE* openfile(const std::string& path, const char* mode);
 
+// Stops with code 100 and "Unable to read" when a read from the stream has failed.
+void checkread(std::FILE* stream, const std::string& name);
+
 // Reads exactly `bytes` bytes: 1 on success or for a count of 0, else 0.
 [[nodiscard]] int readchk(void* buffer, std::size_t bytes, std::FILE* stream);
 // Writes exactly `bytes` bytes; failure 5 otherwise.

@@ -4,12 +4,15 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <set>
 #include <string_view>
 
 #include "data/levelsource.h"
 #include "data/readers/ascii.h"
+#include "data/resultfile.h"
 #include "data/scratch.h"
 #include "driver/failures.h"
+#include "driver/formatted.h"
 #include "driver/runrecord.h"
 
 namespace kdr {
@@ -17,10 +20,13 @@ namespace kdr {
 namespace {
 
 constexpr int mostvariables = 1000000;
+constexpr std::size_t mostshown = 60;  // bytes of a line in a message
 
 // A template on its way through the reader.
 struct TemplateText {
   std::FILE* stream;
+  std::string path;
+  int number = 0;            // of the line in hand, from 1
   bool samemissing = false;  // one missing code stands for all variables
   bool counted[3] = {};      // the level's number of variables was given
   bool named[3] = {};        // its variable block was read
@@ -35,8 +41,11 @@ constexpr const char* badmissing = "Incorrect specification of ASCII missing inf
 bool nextline(TemplateText& text, std::string& line) {
   char buffer[maxline];
   line.clear();
-  if (std::fgets(buffer, sizeof buffer, text.stream) == nullptr) return false;
+  const bool read = std::fgets(buffer, sizeof buffer, text.stream) != nullptr;
+  checkread(text.stream, text.path);
+  if (!read) return false;
   line = buffer;
+  if (text.number++ == 0 && line.starts_with("\xEF\xBB\xBF")) line.erase(0, 3);
   if (!line.empty() && line.back() == '\n') {
     line.pop_back();
     if (!line.empty() && line.back() == '\r') line.pop_back();
@@ -65,10 +74,21 @@ char firstletter(const std::string& value) {
   return value.empty() ? '\0' : static_cast<char>(std::toupper(static_cast<unsigned char>(value[0])));
 }
 
-std::string pathvalue(const std::string& value) {
-  std::string path = withoutlead(value);
-  if (path.size() >= maxpath) stopwith("File name too long: %s\n", path.c_str());
-  return path;
+// A value that its keyword does not have.
+[[noreturn]] void badvalue(const TemplateText& text) {
+  stopwith("Line %d of the template %s has a value that is not valid.\n", text.number, text.path.c_str());
+}
+
+// The first letter of a value, which must be one of `letters`.
+char oneof(const TemplateText& text, const std::string& value, const char* letters) {
+  const char letter = firstletter(value);
+  if (letter == '\0' || std::strchr(letters, letter) == nullptr) badvalue(text);
+  return letter;
+}
+
+const std::string& pathvalue(const std::string& value) {
+  if (value.size() >= maxpath) stopwith("File name too long: %s\n", value.c_str());
+  return value;
 }
 
 double missingvalue(TemplateText& text) {
@@ -76,15 +96,14 @@ double missingvalue(TemplateText& text) {
   if (!nextline(text, line)) stopwith(badmissing);
   char* end = nullptr;
   const double value = std::strtod(line.c_str(), &end);
-  if (end == line.c_str()) stopwith(badmissing);
+  if (end == line.c_str() || *end != '\0') stopwith(badmissing);
   return value;
 }
 
 void takemissing(TemplateText& text, const std::string& value) {
   MdmData& mdm = run.mdm;
-  if (firstletter(value) == 'N') mdm.l1missing = false;
-  if (firstletter(value) != 'Y') return;
-  mdm.l1missing = true;
+  mdm.l1missing = oneof(text, value, "YN") == 'Y';
+  if (!mdm.l1missing) return;
   const std::string list = value.substr(1);
   if (raw.reader == nullptr && beginswith(list, "/")) stopwith(nofile);
   if (!rawis(rawascii)) return;
@@ -110,7 +129,9 @@ void takerawtype(TemplateText&, const std::string& value) {
 }
 
 void takecount(TemplateText& text, int level, const std::string& value) {
-  const long count = std::strtol(value.c_str(), nullptr, 10);
+  char* end = nullptr;
+  const long count = std::strtol(value.c_str(), &end, 10);
+  if (end == value.c_str() || *end != '\0') badvalue(text);
   if (count < 0 || count > mostvariables)
     stopwith("The number of level-%d variables must lie between 0 and %d!\n", level + 1, mostvariables);
   if (raw.reader != nullptr && !rawis(rawascii)) return;  // the file tells it
@@ -122,10 +143,11 @@ void takecount(TemplateText& text, int level, const std::string& value) {
 
 void takeformat(TemplateText&, int level, const std::string& value) {
   if (raw.reader == nullptr) stopwith(noformat);
-  raw.level[level].format = withoutlead(value);
+  raw.level[level].format = value;
   if (raw.level[level].format.size() >= maxformat)
     stopwith("The format of the level-%d file has more than %d characters!\n", level + 1,
              static_cast<int>(maxformat) - 1);
+  if (!checkformat(raw.level[level].format)) stopwith("\nThe format of the level-%d file cannot be used.\n", level + 1);
 }
 
 void takefile(TemplateText& text, int level, const std::string& value) {
@@ -134,7 +156,7 @@ void takefile(TemplateText& text, int level, const std::string& value) {
   closeraw(level);
   source.filename = pathvalue(value);
   source.filetype.clear();
-  source.vartable.reset(0);
+  source.vartable.clear();
   source.chosen.reset(0);
   openraw(level);
   if (!rawis(rawascii)) text.named[level] = false;
@@ -146,6 +168,21 @@ void takeidline(TemplateText& text, int level, const char* word, int mark) {
   if (!nextword(text, line) || !beginswith(line, word))
     stopwith("ID specification must immediately follow *begin line!\n");
   markid(level, mark, withoutlead(line.substr(std::strlen(word))));
+}
+
+// The level's names must tell its variables from each other and from the intercepts.
+void checknames(int level) {
+  const Array<Name>& names = namesof(level);
+  std::set<std::string> seen;
+  for (std::size_t v = 1; v < names.size(); ++v) {
+    const std::string name = leftname(names[v]);
+    if (isintercept(names[v]))
+      stopwith("A level-%d variable must not bear the name of an intercept, %s!\n", level + 1, name.c_str());
+    if (!seen.insert(name).second)
+      stopwith(
+          "Two variables of the level-%d file %s would have the name %s: names count by their first 8 characters!\n",
+          level + 1, raw.level[level].filename.c_str(), name.c_str());
+  }
 }
 
 // The variable block of a format that names its variables itself.
@@ -183,25 +220,29 @@ void takeblock(TemplateText& text, int level) {
   }
   if (given + 1 < names.size())
     stopwith("There are fewer than %d level-%d variable names!\n", raw.level[level].numvar, level + 1);
+  checknames(level);
   text.named[level] = true;
 }
 
-void takegrowth(TemplateText&, const std::string& value) {
-  if (firstletter(value) == 'N') run.mdm.mdmtype = 0;
-  if (firstletter(value) == 'Y') run.mdm.mdmtype = 1;
+void takegrowth(TemplateText& text, const std::string& value) {
+  run.mdm.mdmtype = oneof(text, value, "YN") == 'Y' ? 1 : 0;
 }
 
-void taketype(TemplateText&, const std::string& value) {
-  const int type = std::atoi(value.c_str());
-  run.mdm.mdmtype = type >= 1 && type <= 3 ? type : 0;
+void taketype(TemplateText& text, const std::string& value) {
+  if (value.size() != 1) badvalue(text);
+  run.mdm.mdmtype = oneof(text, value, "0123") - '0';
 }
 
-void takedeletion(TemplateText&, const std::string& value) {
-  if (firstletter(value) == 'N') run.mdm.deletednow = true;
-  if (firstletter(value) == 'A') run.mdm.deletednow = false;
+void takedeletion(TemplateText& text, const std::string& value) {
+  run.mdm.deletednow = oneof(text, value, "NA") == 'N';
 }
 
 void takemdmname(TemplateText&, const std::string& value) { run.files.mdmfile = pathvalue(value); }
+
+void takevarying(TemplateText& text, const std::string& value) {
+  if (strcasecmp(value.c_str(), "FIRST") != 0) badvalue(text);
+  raw.varyingfirst = true;
+}
 
 struct Keyword {
   const char* word;
@@ -210,6 +251,7 @@ struct Keyword {
 constexpr Keyword keywords[] = {
     {"GROWTHMODEL:", takegrowth},      {"MDMTYPE:", taketype},       {"L1MISSING:", takemissing},
     {"TIMEOFDELETION:", takedeletion}, {"RAWDATTYPE:", takerawtype}, {"MDMNAME:", takemdmname},
+    {"VARYING:", takevarying},
 };
 
 // Keywords that name a level. `digit` is the place of its digit.
@@ -225,16 +267,17 @@ constexpr LevelKeyword levelkeywords[] = {
     {"*BEGIN L1VARS", 8, [](TemplateText& text, int level, const std::string&) { takeblock(text, level); }},
 };
 
-// Any line that no keyword begins is passed over.
 void takeline(TemplateText& text, const std::string& line) {
   for (const Keyword& keyword : keywords)
-    if (beginswith(line, keyword.word)) return keyword.take(text, line.substr(std::strlen(keyword.word)));
+    if (beginswith(line, keyword.word)) return keyword.take(text, withoutlead(line.substr(std::strlen(keyword.word))));
   for (const LevelKeyword& keyword : levelkeywords)
     for (int level = 0; level < 3; ++level) {
       std::string word = keyword.word;
       word[keyword.digit] = static_cast<char>('1' + level);
-      if (beginswith(line, word.c_str())) return keyword.take(text, level, line.substr(word.size()));
+      if (beginswith(line, word.c_str())) return keyword.take(text, level, withoutlead(line.substr(word.size())));
     }
+  stopwith("Line %d of the template %s has no keyword of a template: %s\n", text.number, text.path.c_str(),
+           printable(line.substr(0, mostshown)).c_str());
 }
 
 // What a construction cannot do without.
@@ -260,10 +303,9 @@ void checkcomplete(const TemplateText& text) {
 void writevariables(std::FILE* out, const LevelSource& source) {
   const int row3 = idrow(source, level3idmark);
   const int row2 = idrow(source, level2idmark);
-  if (row3 >= 0) std::fprintf(out, "level3id:%s\n", shownname(source.vartable[static_cast<std::size_t>(row3)]).c_str());
-  if (row2 >= 0) std::fprintf(out, "level2id:%s\n", shownname(source.vartable[static_cast<std::size_t>(row2)]).c_str());
-  for (const int row : source.chosen)
-    std::fprintf(out, "%s\n", shownname(source.vartable[static_cast<std::size_t>(row)]).c_str());
+  if (row3 >= 0) std::fprintf(out, "level3id:%s\n", tellingname(source, row3).c_str());
+  if (row2 >= 0) std::fprintf(out, "level2id:%s\n", tellingname(source, row2).c_str());
+  for (const int row : source.chosen) std::fprintf(out, "%s\n", tellingname(source, row).c_str());
 }
 
 }  // namespace
@@ -277,15 +319,36 @@ void startnames(int level, std::size_t count) {
   names[0] = paddedname(level == 0 ? "INTRCPT1" : level == 1 ? "INTRCPT2" : "INTRCPT3");
 }
 
+bool isintercept(const Name& name) {
+  const std::string text = leftname(name);
+  return text == "INTRCPT1" || text == "INTRCPT2" || text == "INTRCPT3";
+}
+
 void takenames(int level) {
   const LevelSource& source = raw.level[level];
   startnames(level, source.chosen.size());
-  for (std::size_t v = 0; v < source.chosen.size(); ++v)
-    namesof(level)[v + 1] = paddedname(shownname(source.vartable[static_cast<std::size_t>(source.chosen[v])]));
+  for (std::size_t v = 0; v < source.chosen.size(); ++v) {
+    const RawVariable& variable = source.vartable[static_cast<std::size_t>(source.chosen[v])];
+    Name& name = namesof(level)[v + 1] = paddedname(shownname(variable));
+    if (!samename(name, paddedname(variable.fullname)))
+      std::printf("Variable %s of the level-%d file has the name %s in the MDM file.\n", variable.fullname.c_str(),
+                  level + 1, leftname(name).c_str());
+  }
+  checknames(level);
+}
+
+bool istemplate(const std::string& path) {
+  std::FILE* stream = std::fopen(path.c_str(), "r");
+  if (stream == nullptr) return false;
+  char line[80] = "";
+  (void)std::fgets(line, sizeof line, stream);
+  checkread(stream, path);
+  std::fclose(stream);
+  return beginswith(line, templatehead) || beginswith(line, (std::string("\xEF\xBB\xBF") + templatehead).c_str());
 }
 
 void readtemplate(const std::string& path) {
-  TemplateText text{openfile(path, "r")};
+  TemplateText text{openfile(path, "r"), path};
   std::string line;
   if (!nextline(text, line) || !beginswith(line, templatehead))
     stopwith("%s does not seem to be a %s mdm template file!\n", path.c_str(), module);
@@ -308,7 +371,9 @@ void writetemplate(bool samemissing) {
     if (samefile(source.filename, templatecopy))
       stopwith("The raw data file %s bears the name of the template's copy. Please rename it.\n",
                source.filename.c_str());
-  std::FILE* out = openfile(templatecopy, "w");
+  ResultFile file;
+  openresult(file, templatecopy);
+  std::FILE* out = file.stream;
   std::fprintf(out, "%s\n", templatehead);
   std::fprintf(out, "mdmtype:%d\n", mdm.mdmtype);
   std::fprintf(out, "rawdattype:%s\n", raw.reader->word);
@@ -331,6 +396,7 @@ void writetemplate(bool samemissing) {
     std::fprintf(out, "\n");
   }
   std::fprintf(out, "timeofdeletion:%s\n", mdm.deletednow ? "now" : "analysis");
+  if (raw.varyingfirst) std::fprintf(out, "varying:first\n");
   std::fprintf(out, "mdmname:%s\n", run.files.mdmfile.c_str());
   for (int level = 0; level < 3; ++level) {
     std::fprintf(out, "*begin l%dvars\n", level + 1);
@@ -342,7 +408,7 @@ void writetemplate(bool samemissing) {
     }
     std::fprintf(out, "*end l%dvars\n", level + 1);
   }
-  closechk(out);
+  finishresult(file);
 }
 
 }  // namespace kdr

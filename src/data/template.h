@@ -16,9 +16,14 @@ inline constexpr const char* templatecopy = "creatmdm.mdmt";
 [[nodiscard]] Array<Name>& namesof(int level);
 // Makes that table anew: the intercept's name and `count` blank names.
 void startnames(int level, std::size_t count);
-// Makes it from the chosen rows of a raw file that names its variables.
+// Whether a name is that of a level's intercept.
+[[nodiscard]] bool isintercept(const Name& name);
+// Makes it from the chosen rows of a raw file that names its variables. Stops with code 100 where two of them would
+// have one name or one that of an intercept.
 void takenames(int level);
 
+// Whether the file can be opened and begins as a template does. Stops with code 100 when it cannot be read.
+[[nodiscard]] bool istemplate(const std::string& path);
 // Reads a template into `raw`, run.mdm (names, kinds) and run.files.mdmfile, opens its raw files, and writes it back by
 // writetemplate. Stops with code 100 and words of its own on anything it cannot use.
 void readtemplate(const std::string& path);

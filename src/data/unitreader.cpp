@@ -16,9 +16,11 @@ namespace {
 
 constexpr std::size_t buffersize = std::size_t{1} << 20;
 
+bool readsmdm(const UnitReader& reader) { return reader.stream == run.mdm.stream; }
+
 [[noreturn]] void damaged(const UnitReader& reader, const char* what) {
-  if (reader.withmeans) damagedmdm(what);
-  stopwith("The working data file is damaged: %s.\n", what);
+  if (readsmdm(reader)) damagedmdm(what);
+  stopwith("%s is damaged: %s.\n", reader.withmeans ? "A temporary file" : "The working data file", what);
 }
 
 // Reads up to `bytes` bytes at a file position. Less only at the end of the file.
@@ -29,7 +31,10 @@ std::size_t readat(const UnitReader& reader, char* destination, std::size_t byte
     const ssize_t got = pread(fileno(reader.stream), destination + done, bytes - done,
                               static_cast<off_t>(position) + static_cast<off_t>(done));
     if (got < 0 && errno == EINTR) continue;
-    if (got < 0) damaged(reader, "it cannot be read");
+    if (got < 0) {
+      std::perror("");
+      stopwith("Unable to read %s\n", readsmdm(reader) ? run.files.mdmfile.c_str() : "a temporary file");
+    }
     if (got == 0) break;
     done += static_cast<std::size_t>(got);
   }
@@ -65,6 +70,7 @@ void takeacross(UnitReader& reader, char* to, std::size_t bytes) {
 
 // Copies the next `bytes` bytes.
 inline void take(UnitReader& reader, void* destination, std::size_t bytes) {
+  if (bytes == 0) return;
   if (bytes > reader.have - reader.at) return takeacross(reader, static_cast<char*>(destination), bytes);
   std::memcpy(destination, reader.buffer.data() + reader.at, bytes);
   reader.at += bytes;
@@ -179,6 +185,13 @@ void seekunit(UnitReader& reader, long long position) {
   }
   reader.start = position;
   reader.at = reader.have = 0;
+}
+
+std::FILE* openworking(const std::string& path) {
+  constexpr std::size_t bytes = std::size_t{256} << 10;
+  std::FILE* stream = openfile(path, "wb");
+  std::setvbuf(stream, nullptr, _IOFBF, bytes);
+  return stream;
 }
 
 void writeunit(std::FILE* stream, const UnitBlock& block, int nvar1, int nvar2, bool withmeans) {

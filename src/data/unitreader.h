@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdio>
+#include <string>
 
 #include "data/mdm.h"
 #include "kernel/array.h"
@@ -52,6 +53,8 @@ void startunits(UnitReader& reader, std::FILE* stream, long long offset, int nva
 [[nodiscard]] long long unitposition(const UnitReader& reader);
 void seekunit(UnitReader& reader, long long position);
 
+// Opens a working copy for writing, with a buffer that keeps the number of writes low. As openfile.
+[[nodiscard]] std::FILE* openworking(const std::string& path);
 // Writes one block. Failure 5.
 void writeunit(std::FILE* stream, const UnitBlock& block, int nvar1, int nvar2, bool withmeans);
 

@@ -166,6 +166,7 @@ struct AnsweredMarks {
   bool deletion = false, plausvals = false, lvr = false, nobase = false, iterations = false;
   bool constrain = false, hypoth = false, gammas = false, deviance = false;
   bool resfiltype = false;
+  bool numit = false, stopval = false, stopmicro = false;
   bool title = false, output = false, resfil1 = false, resfil2 = false, resfil3 = false;
   [[nodiscard]] bool wholemodel() const { return level1 && level2 && level3; }
 };

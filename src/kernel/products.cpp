@@ -146,20 +146,4 @@ void subABt(double* C, const double* A, const double* B, int m, int p, int n) {
   product<Form::ABt, Into::sub>({C, p, A, n, B, n}, m, p, n);
 }
 
-void subAtx(double* c, const double* A, const double* x, int m, int n) {
-  product<Form::AtB, Into::sub>({c, 1, A, m, x, 1}, m, 1, n);
-}
-
-void mulABld(double* C, int ldc, const double* A, int lda, const double* B, int ldb, int m, int p, int n) {
-  product<Form::AB, Into::set>({C, ldc, A, lda, B, ldb}, m, p, n);
-}
-
-void mulAtBld(double* C, int ldc, const double* A, int lda, const double* B, int ldb, int m, int p, int n) {
-  product<Form::AtB, Into::set>({C, ldc, A, lda, B, ldb}, m, p, n);
-}
-
-void mulABtld(double* C, int ldc, const double* A, int lda, const double* B, int ldb, int m, int p, int n) {
-  product<Form::ABt, Into::set>({C, ldc, A, lda, B, ldb}, m, p, n);
-}
-
 }  // namespace kdr

@@ -1,7 +1,7 @@
 // Products of small dense matrices.
 //
-// A matrix is a row-major array of doubles whose row stride equals its number of columns; the members whose names end
-// in `ld` take the strides of C, A and B explicitly. C is m by p and n is the inner index, whatever is transposed.
+// A matrix is a row-major array of doubles whose row stride equals its number of columns. C is m by p and n is the
+// inner index, whatever is transposed.
 //
 // Every element of C is a sum over k = 0, 1, ..., n-1 whose terms are added (or subtracted) one by one, in that order,
 // to 0.0 or, in the add and sub members, to what stands in C. So a result does not depend on the orders for which the
@@ -25,12 +25,5 @@ void addABt(double* C, const double* A, const double* B, int m, int p, int n);
 // C -= A B and A B'.
 void subAB(double* C, const double* A, const double* B, int m, int p, int n);
 void subABt(double* C, const double* A, const double* B, int m, int p, int n);
-// c -= A' x.  A n by m, x of n entries, c of m entries.
-void subAtx(double* c, const double* A, const double* x, int m, int n);
-
-// As mulAB, mulAtB and mulABt, with the row strides ldc, lda and ldb.
-void mulABld(double* C, int ldc, const double* A, int lda, const double* B, int ldb, int m, int p, int n);
-void mulAtBld(double* C, int ldc, const double* A, int lda, const double* B, int ldb, int m, int p, int n);
-void mulABtld(double* C, int ldc, const double* A, int lda, const double* B, int ldb, int m, int p, int n);
 
 }  // namespace kdr

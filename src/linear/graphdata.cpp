@@ -211,6 +211,7 @@ void writegraphdata(Pass& pass, const RecordLayout& layout, const Array<double>&
   writeflags(file);
   writelevel3(file, pass, results);
   writelevel2(file, pass, results);
+  if (run.kind.mnrun) return finishresult(file);
   writevalue(file, run.mdm.nunits1);
   eachfittedunit(pass, layout,
                  [&](int, const UnitBlock& unit, const double* fitted) { put(file, fitted, at(unit.nj)); });

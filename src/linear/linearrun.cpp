@@ -38,7 +38,7 @@ PassPlan linearplan() {
 PassResults linearpass(Pass& pass) {
   RecordUnits units;
   startrecords(units, mdmlayout(true), run.mdm.stream, run.mdm.firstblock);
-  if (run.out.resfil1 || run.out.graph) units.working = openfile(run.files.tempname2, "wb");
+  if (run.out.resfil1 || run.out.graph) units.working = openworking(run.files.tempname2);
   PassInput input;
   input.next = [&units](UnitProducts& unit) {
     if (nextunit(units, unit)) return true;

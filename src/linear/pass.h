@@ -86,6 +86,10 @@ void level3weights(const Pass& pass, int k, double* weights);
 void level2means(const Pass& pass, const double* weights, const double* gamma, double* theta);
 // thetastar = theta + z v (nbeta): what the level-2 units of k vary about, given the level-3 effects v (b).
 void addlevel3effects(const Pass& pass, int k, const double* v, const double* theta, double* thetastar);
+// beta = W2 thetastar (npi) of a level-2 unit, with its row of level-2 variables; and with the random effects ustar (p)
+// of unit number `unit` of the data set, when they are given, beta += d ustar, d the scale of Z1.
+void level2coefficients(const Pass& pass, const double* level2, const double* thetastar, std::size_t unit,
+                        const double* ustar, double* beta);
 // x += W3_k' t, t of nbeta, x of ngamma.
 void addtransposedW3(const Pass& pass, const double* weights, const double* t, double* x);
 // X += W3_k' P W3_k, P nbeta squared symmetric, X ngamma squared.

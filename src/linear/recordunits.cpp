@@ -51,9 +51,8 @@ void level3unitmeans(RecordUnits& units) {
   for (std::size_t v = 0; v < width; ++v) units.mean2[v] = n[v] > 0 ? sum[v] / n[v] : 0.0;
 }
 
-void centerlevel2(const RecordUnits& units, Array<double>& level2) {
-  for (std::size_t v = 0; v < level2.size(); ++v)
-    level2[v] = units.unit.level2[v] - centre(run.model.center2[v + 1], units.mean2[v], run.mdm.mean2[v]);
+double level2centre(const RecordUnits& units, std::size_t v) {
+  return centre(run.model.center2[v + 1], units.mean2[v], run.mdm.mean2[v]);
 }
 
 void centerlevel1(RecordUnits& units) {
@@ -163,20 +162,6 @@ void addunit(RecordUnits& units, UnitProducts& products) {
   }
 }
 
-// The working data file gets the block as the analysis has it, its variables centered. Changes the block.
-void writeworking(RecordUnits& units, const Array<double>& level2) {
-  UnitBlock& unit = units.unit;
-  const auto width = at(run.mdm.nvar1);
-  for (std::size_t v = 0; v < width; ++v) {
-    const int mark = run.model.center1[v + 1];
-    if (mark == 0) continue;
-    const double mean = centre(mark, unit.means[v], run.mdm.mean1[v]);
-    for (std::size_t i = 0; i < at(unit.nj); ++i) unit.records[i * width + v] -= mean;
-  }
-  std::copy(level2.begin(), level2.end(), unit.level2.begin());
-  writeunit(units.working, unit, run.mdm.nvar1, run.mdm.nvar2, false);
-}
-
 }  // namespace
 
 RecordLayout mdmlayout(bool raw) {
@@ -204,7 +189,7 @@ void startrecords(RecordUnits& units, RecordLayout layout, std::FILE* stream, lo
   startunits(units.reader, stream, offset, l.width, run.mdm.nvar2, l.raw);
 }
 
-bool nextunit(RecordUnits& units, UnitProducts& products) {
+bool nextblock(RecordUnits& units) {
   UnitBlock& unit = units.unit;
   do {
     if (!readunit(units.reader, unit)) return false;
@@ -218,17 +203,37 @@ bool nextunit(RecordUnits& units, UnitProducts& products) {
       retakemeans(unit);
     }
   } while (run.kind.weighted && unit.nj == 0);  // the weights have no entry for such a unit
+  return true;
+}
+
+void centerblock(RecordUnits& units) {
+  UnitBlock& unit = units.unit;
+  const auto width = at(run.mdm.nvar1);
+  for (std::size_t v = 0; v < width; ++v) {
+    const int mark = run.model.center1[v + 1];
+    if (mark == 0) continue;
+    const double mean = centre(mark, unit.means[v], run.mdm.mean1[v]);
+    for (std::size_t i = 0; i < at(unit.nj); ++i) unit.records[i * width + v] -= mean;
+  }
+  for (std::size_t v = 0; v < at(run.mdm.nvar2); ++v) unit.level2[v] -= level2centre(units, v);
+}
+
+bool nextunit(RecordUnits& units, UnitProducts& products) {
+  if (!nextblock(units)) return false;
+  const UnitBlock& unit = units.unit;
   products.k = units.k;
   products.nj = unit.nj;
   products.id2 = unit.id2;
+  std::copy_n(unit.level2.data(), products.level2.size(), products.level2.data());
   if (units.layout.raw) {
     centerlevel1(units);
-    centerlevel2(units, products.level2);
-  } else {
-    std::copy_n(unit.level2.data(), products.level2.size(), products.level2.data());
+    for (std::size_t v = 0; v < products.level2.size(); ++v) products.level2[v] -= level2centre(units, v);
   }
   addunit(units, products);
-  if (units.working != nullptr) writeworking(units, products.level2);
+  if (units.working != nullptr) {
+    centerblock(units);
+    writeunit(units.working, unit, run.mdm.nvar1, run.mdm.nvar2, false);
+  }
   units.records += at(unit.nj);
   return true;
 }

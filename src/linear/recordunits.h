@@ -18,11 +18,13 @@ struct RecordLayout {
   int observed = 0;   // place of the outcome as it was read
   int count = -1;     // place of the trials or exposure that divides the outcome, -1: none
   int weight = -1;    // place of the working weight, -1: none
+  int responses = 0;  // working responses of a record with categories, at the places 0, 1, ...; behind them as many
+                      // linear predictors, indicators and fitted probabilities. 0: one outcome
   bool raw = true;    // blocks as the MDM file has them: with means, before deletion and centering
   Array<int> place;   // [nvar1] place of each level-1 variable of the MDM file, -1: not in the records
 
   [[nodiscard]] RecordLayout copy() const {
-    return {width, column.copy(), outcome, observed, count, weight, raw, place.copy()};
+    return {width, column.copy(), outcome, observed, count, weight, responses, raw, place.copy()};
   }
 };
 
@@ -49,6 +51,12 @@ struct RecordUnits {
 // left to the run, centers, and puts the factor sqrt(w)/sqrt(v) of every record into run.weights.factor1 when the run
 // has design weights or a known variance; later walks take it from there.
 void startrecords(RecordUnits& units, RecordLayout layout, std::FILE* stream, long long offset);
+
+// The next block, of a file of raw blocks after deletion, into units.unit, and its level-3 unit into units.k; with
+// design weights, blocks without a record are left out. False behind the last one.
+[[nodiscard]] bool nextblock(RecordUnits& units);
+// Takes off the values of a raw block what centering asks for.
+void centerblock(RecordUnits& units);
 
 // The next unit; with design weights, units without a record are left out. Raises 100 for a known variance that is not
 // positive and for an outcome or count out of range.

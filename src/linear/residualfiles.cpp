@@ -72,12 +72,31 @@ void takegroups(RowSources& from, const Groups& groups) {
   from[ColumnGroup::PV] = groups.PV;
 }
 
+// Residual, fitted value and sigma of record i of a block, or, of a record with categories, every residual, every
+// fitted probability and sigma.
+void fitvalues(const RecordLayout& layout, const Values& record, double fitted, double sigma,
+               std::vector<double>& fit) {
+  fit.clear();
+  const std::size_t M = at(layout.responses);
+  if (M == 0) {
+    const double outcome = record[at(layout.outcome)] / (layout.count < 0 ? 1.0 : record[at(layout.count)]);
+    fit = {outcome - fitted, fitted, sigma};
+    return;
+  }
+  const double* indicator = record.data() + 2 * M;
+  const double* probability = indicator + M;
+  for (std::size_t c = 0; c < M; ++c) fit.push_back(indicator[c] - probability[c]);
+  fit.insert(fit.end(), probability, probability + M);
+  fit.push_back(sigma);
+}
+
 void writelevel1(Pass& pass, const RecordLayout& layout) {
   RowWriter writer;
   openrows(writer, 1, run.files.resfil1name, run.mdm.nunits1, 0);
   for (RowWriter::Place& place : writer.places)
     if (place.source == RowSources::dataof(1)) place.place = at(layout.place[place.place]);
   const double sigma = std::sqrt(run.est.sigma2);
+  std::vector<double> fit;
   eachfittedunit(pass, layout, [&](int k, const UnitBlock& unit, const double* fitted) {
     writer.row.id3 = level3id(k);
     writer.row.id2 = unit.id2;
@@ -85,8 +104,7 @@ void writelevel1(Pass& pass, const RecordLayout& layout) {
     writer.from.data(3) = level3values(k);
     for (int i = 0; i < unit.nj; ++i) {
       const Values record(unit.records.data() + at(i) * at(layout.width), at(layout.width));
-      const double outcome = record[at(layout.outcome)] / (layout.count < 0 ? 1.0 : record[at(layout.count)]);
-      const double fit[] = {outcome - fitted[i], fitted[i], sigma};
+      fitvalues(layout, record, fitted[i], sigma, fit);
       writer.from[ColumnGroup::fit] = fit;
       writer.from.data(1) = record;
       writerow(writer);

@@ -115,8 +115,9 @@ void startfromestimates(Pass& pass) {
   if (!pass.plan.freshgamma) run.est.gammahat = start.gammahat.copy();
   run.est.taupi = start.taupi.copy();
   run.est.taubeta = start.taubeta.copy();
-  if (run.out.diagtaupi) cleardiagonaloff(run.est.taupi.data(), pass.p);
-  if (run.out.diagtaubeta) cleardiagonaloff(run.est.taubeta.data(), pass.b);
+  // The estimates may have been moved to another scale, which elements that are held do not follow.
+  applytaupi(run.est.taupi.data());
+  applytaubeta(run.est.taubeta.data());
   run.est.sigma2 = pass.fixsigma2 != 0.0 ? pass.fixsigma2 : start.sigma2;
   const long long left = run.mdm.nunits1 - static_cast<long long>(run.mdm.nunits2) * pass.p;
   if (pass.fixsigma2 == 0.0 && left <= 0 && !identified(pass)) fail(16);
@@ -155,10 +156,8 @@ void beginpass(Pass& pass, const PassPlan& plan) {
 PassResults runpass(Pass& pass, const PassInput& input, IterationState& state) {
   datapass(pass, input.next, input.withid, input.withlevel2);
   if (pass.plan.start == nullptr) reportdeletion();
-  if (pass.plan.kind == PassKind::identity) {
-    pass.fixsigma2 = input.impliedvariance();
-    markreport();
-  }
+  if (pass.plan.kind == PassKind::identity) pass.fixsigma2 = input.impliedvariance();
+  if (pass.plan.kind != PassKind::linear && pass.plan.start == nullptr) markreport();
   const double s = leastsquares(pass);
   if (pass.plan.kind == PassKind::linear && run.out.fulloutput) reportleastsquares(pass, s);
   if (pass.plan.start == nullptr) {

@@ -21,7 +21,9 @@ namespace {
 bool readline(std::FILE* file, std::string& line) {
   char buffer[maxline];
   line.clear();
-  if (std::fgets(buffer, sizeof buffer, file) == nullptr) return false;
+  const bool read = std::fgets(buffer, sizeof buffer, file) != nullptr;
+  checkread(file, run.files.startvals);
+  if (!read) return false;
   line = buffer;
   const bool ended = !line.empty() && line.back() == '\n';
   line.erase(line.find_last_not_of(" \r\n") + 1);

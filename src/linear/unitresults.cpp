@@ -68,16 +68,9 @@ void level2coefficients(const Pass& pass, std::size_t unit, const double* hot, c
                         UnitResults& results) {
   UnitResults::Level2& out = results.level2;
   std::copy_n(hot + pass.store.atustar, pass.p, out.EB.data());
-  const double* row = cold + pass.store.atlevel2;
-  out.FV.fill(0.0);
-  for (std::size_t column = 0; column < at(pass.nbeta); ++column) {
-    const int variable = pass.design.variable2[column];
-    const double w2 = variable == 0 ? 1.0 : row[variable - 1];
-    out.FV[pass.design.owner2[column]] += w2 * results.thetastar[column];
-  }
-  std::copy(out.FV.begin(), out.FV.end(), out.EC.begin());
-  const double scale2 = run.kind.weighted ? 1.0 / std::sqrt(run.weights.weight2[unit]) : 1.0;
-  for (std::size_t i = 0; i < at(pass.p); ++i) out.EC[pass.design.random1[i]] += scale2 * out.EB[i];
+  const double* level2 = cold + pass.store.atlevel2;
+  level2coefficients(pass, level2, results.thetastar.data(), unit, nullptr, out.FV.data());
+  level2coefficients(pass, level2, results.thetastar.data(), unit, out.EB.data(), out.EC.data());
 }
 
 void level2residuals(const Pass& pass, int k, const double* hot, const double* cold, double missing,

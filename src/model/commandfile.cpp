@@ -12,6 +12,7 @@
 #include "model/constraints.h"
 #include "model/defaults.h"
 #include "model/reader.h"
+#include "model/settle.h"
 #include "model/text.h"
 
 namespace kdr {
@@ -77,79 +78,23 @@ void checkorders() {
     stopwith("Constraints must be specified after complete model\n");
 }
 
-void checknonlinear(const CommandReader& reader) {
+// Every set of equations, and every threshold, that a model of the file must have.
+void checksets(const CommandReader& reader) {
   const ModelKind& kind = run.kind;
-  if (run.iter.macroit != 0) {
-    if (run.series.pvmode) stopwith("You can not do a combination of non-linear and plausible values at this time.\n");
-    if (kind.nonlin == 0) stopwith("If non-linear iterations desired, the type must be specified\n");
-  }
-  if (kind.nonlin == 0) return;
-  if (run.iter.macroit == 0) stopwith(" macroit must be specified if nonlin is specified.\n");
-  if (reader.numit)
-    stopwith(
-        " The numit directive should not be used when specifying a non-linear model.\n"
-        " Use the microit and macroit keywords.\n");
-  if (reader.stopval)
-    stopwith(
-        " The stopval directive should not be used when specifying a non-linear model.\n"
-        " Use the stopmicro and stopmacro keywords.\n");
-}
-
-void settleengines(const CommandReader& reader) {
-  const ModelKind& kind = run.kind;
-  IterationControl& iter = run.iter;
-  if (iter.laplace) {
-    if (kind.nonlin != 1 || kind.nlcount) stopwith("LaPlace iterations may only be done on Bernoulli analyses.");
-    iter.fixsigma2 = 1.0;
-  }
-  if (iter.agqpoints != 0) {
-    iter.fixsigma2 = 1.0;
-    if (kind.nonlin == 3) {
-      std::printf(" The program cannot do adaptive quadrature for multinomial/ordinal runs yet.\n");
-      iter.agqpoints = 0;
-    }
-  }
-  if (kind.nonlin != 0 && iter.agqpoints == 0 && !reader.stopmicro) iter.stopval = 1.0e-5;
-}
-
-void checkfeatures(const CommandReader& reader) {
-  const ModelKind& kind = run.kind;
-  if (run.out.lvr && run.iter.fishertype == 0) stopwith("You cannot do LVR and set fishertype:0!\n");
-  if (run.out.lvr && kind.nonlin == 3 && !kind.ordinal)
-    stopwith(" The program cannot do latent variable regressions in a multinomial run.\n");
-  if (kind.nlcount)
-    for (int e = 0; e < kind.neqsets; ++e)
-      if (run.model.use1.row(e)[kind.nlcntvar] != 0) {
-        std::printf(kind.nonlin == 1 ? " The binomial count " : " The poisson variable exposure ");
-        stopwith("variable is also used in the model!\n");
-      }
-  if (kind.ordinal && run.answered.level1 && reader.nthresholds != kind.ncat - 2)
+  if (!run.answered.level1) return;
+  if (kind.ordinal && reader.nthresholds != kind.ncat - 2)
     stopwith("There are not enough thresholds specified on the level-1 line.\n");
-}
-
-void settleacceleration() {
-  IterationControl& iter = run.iter;
-  if (iter.hetit != 0) iter.fishertype = 0;
-  if (iter.fishertype == 0) {
-    if (iter.accel <= 2) iter.accel = 3;
-  } else if (iter.accel < 1) {
-    iter.accel = 5;
-  }
+  if (reader.set + 1 < kind.neqsets)
+    stopwith("There are %d sets of equations in the command file where %d are needed!\n", reader.set + 1, kind.neqsets);
 }
 
 // What only the whole file can tell.
 void endoffile(const CommandReader& reader) {
   if (run.mdm.deletednow) run.answered.deletion = true;
   setresfilnames();
-  checknonlinear(reader);
-  settleengines(reader);
-  checkfeatures(reader);
-  settleacceleration();
-  if (run.out.autovknown != 0) run.iter.fixsigma2 = 1.0;
+  settlerecord();
+  checksets(reader);
   if (reader.deviance != reader.df) std::printf(" Deviance and df must be specified together\n");
-  if (run.out.graph && run.kind.nonlin == 3) run.out.resfil1 = true;
-  if (run.kind.nonlin != 0 && run.kind.nlcntvar != 0)
-    run.model.wanted1vars1[static_cast<std::size_t>(run.kind.nlcntvar)] = 1;
   checkorders();
   checkconstraints();
 }

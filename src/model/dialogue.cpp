@@ -13,6 +13,7 @@
 #include "model/complete.h"
 #include "model/defaults.h"
 #include "model/modelwalk.h"
+#include "model/settle.h"
 #include "model/text.h"
 
 namespace kdr {
@@ -75,6 +76,7 @@ void askdeviance() {
 void asklvr() {
   if (run.answered.lvr || (run.kind.nonlin == 3 && !run.kind.ordinal)) return;
   if (!askyesno("Do you want to do a latent variable regression on tau(beta)?")) return;
+  if (randomlevel2() == 0) stopwith("There is no tau, so lvr cannot be used!\n");
   if (run.iter.fishertype == 0) stopwith("You cannot do LVR and set fishertype:0!\n");
   std::printf("Enter o for outcome, p for predictor, or i to ignore\n\n");
   run.out.lvrroles.reset(static_cast<std::size_t>(randomlevel2()));
@@ -133,7 +135,7 @@ void askresiduals() {
 void asktitle() {
   if (run.answered.title) return;
   readanswer("Enter a problem title: ", run.files.title);
-  if (run.files.title.size() > maxtitle - 1) run.files.title.resize(maxtitle - 1);
+  run.files.title = printable(run.files.title.substr(0, maxtitle - 1));
 }
 
 }  // namespace
@@ -175,6 +177,7 @@ void outputquestions() {
     run.answered.iterations = true;
   }
   asktitle();
+  settlerecord();
 }
 
 void modeldialogue() {

@@ -35,22 +35,23 @@ std::vector<Term> termsof(std::string_view equation) {
   stopwith("Variable %s stands more than once in an equation of %s!\n", name.c_str(), where);
 }
 
-// The command file of a non-linear run names the working outcome Z and holds no centering marks; the comment directly
-// before the line states the same equation with the outcome and the marks of the model.
+// The written command file of a non-linear run names the working outcome Z and holds no centering marks; the line that
+// the writer puts before it states the same equation with the outcome and the marks of the model.
 std::string statedequation(const std::string& before, const std::string& value) {
-  constexpr std::string_view head = "#LEVEL1:";
-  if (!beginswith(before, head)) return value;
+  constexpr std::string_view head = "#KDR3 LEVEL1:";
+  if (run.kind.nonlin == 0 || !beginswith(before, head)) return value;
   const std::string stated = before.substr(head.size());
   const std::size_t equals = value.find('='), statedequals = stated.find('=');
   if (equals == std::string::npos || statedequals == std::string::npos) return value;
   const std::string outcome(trimmed(std::string_view(value).substr(0, equals)));
-  const std::string statedoutcome(trimmed(std::string_view(stated).substr(0, statedequals)));
-  if (!sameword(outcome, "Z") && !sameword(outcome, statedoutcome)) return value;
+  const std::string working(run.kind.nonlin == 3 ? trimmed(std::string_view(stated).substr(0, statedequals)) : "Z");
+  if (!sameword(outcome, working)) return value;
   const std::vector<Term> terms = termsof(std::string_view(value).substr(equals + 1));
   const std::vector<Term> statedterms = termsof(std::string_view(stated).substr(statedequals + 1));
-  if (terms.size() != statedterms.size()) return value;
-  for (std::size_t i = 0; i < terms.size(); ++i)
-    if (terms[i].option != '\0' || !sameword(terms[i].name, statedterms[i].name)) return value;
+  bool same = terms.size() == statedterms.size();
+  for (std::size_t i = 0; same && i < terms.size(); ++i)
+    same = terms[i].option == '\0' && sameword(terms[i].name, statedterms[i].name);
+  if (!same) stopwith("The line %s and the line LEVEL1: behind it have different terms!\n", std::string(head).c_str());
   return stated;
 }
 
@@ -154,10 +155,14 @@ void readlevel3(CommandReader& reader, int owner) {
 void readlevel2(CommandReader& reader, int owner) {
   ModelSpec& model = run.model;
   const int e = reader.set, c = reader.ncoef1++;
+  const bool threshold = run.kind.ordinal && owner > run.mdm.nvar1;
+  if (threshold) model.fixed1.row(e)[c] = 1;
   if (!nextequation(reader, "LEVEL2:")) return;
   run.answered.level2 = true;
   const Name ownername = run.mdm.names1[static_cast<std::size_t>(owner)];
   const Equation equation = equationof(reader, 2, ownername, model.extra2.row(e, c));
+  if (threshold && (equation.random || !equation.terms.empty() || model.extra2.row(e, c)[0] != noslot))
+    stopwith("The threshold %s can have no equation of its own!\n", leftname(ownername).c_str());
   for (const Term& term : equation.terms) {
     const int v = variable("level2", term.name, run.mdm.names2, run.mdm.nvar2, 0);
     addterm(model.terms2.row(e, c), run.mdm.ncol2, v, term, ownername);
@@ -194,6 +199,8 @@ void readpredictor(CommandReader& reader, const Term& term, int& last) {
   if (v == last || v == run.kind.outvar) repeated(term.name, "level 1");
   last = v;
   run.model.use1.row(reader.set)[v] = 1;
+  if (v > run.mdm.nvar1 && term.option != '\0')
+    stopwith("The threshold %s cannot be centered!\n", leftname(run.mdm.names1[static_cast<std::size_t>(v)]).c_str());
   if (term.option == '1' || term.option == '2') {
     run.model.center1[static_cast<std::size_t>(v)] = term.option - '0';
   } else if (term.option != '\0') {

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "driver/failures.h"
+#include "driver/formatted.h"
 #include "driver/runrecord.h"
 #include "model/reader.h"
 #include "model/text.h"
@@ -41,9 +42,9 @@ void setpath(std::string& path, const std::string& value) {
   path = value;
 }
 
-void readnumit(CommandReader& reader, const std::string& value) {
+void readnumit(CommandReader&, const std::string& value) {
   run.iter.numit = wholenumber(value);
-  run.answered.iterations = reader.numit = true;
+  run.answered.iterations = run.answered.numit = true;
   if (run.iter.numit < 1) stopwith("numit must be greater than 0!\n");
   setcontinue(value);
 }
@@ -94,20 +95,27 @@ void readagq(CommandReader&, const std::string& value) {
     stopwith("\nMaximum number of iterations and quadrature points must be specified.\n");
   run.iter.agqit = wholenumber(fields[1]);
   run.iter.agqpoints = wholenumber(fields[2]);
+  // From 3 points on the nodes are found.
+  if (run.iter.agqpoints < 3) stopwith("\nToo many iterations in gauher!\n");
+}
+
+void readagqderivlevel(CommandReader&, const std::string& value) {
+  run.iter.agqderivlevel = wholenumber(value);
+  if (run.iter.agqderivlevel != 1 && run.iter.agqderivlevel != 2) stopwith("agqderivlevel must be set to 1 or 2!\n");
 }
 
 void readfixsigma2(CommandReader&, const std::string& value) {
   if (firstletter(value) != 'N') run.iter.fixsigma2 = realnumber(value);
 }
 
-void readstopval(CommandReader& reader, const std::string& value) {
+void readstopval(CommandReader&, const std::string& value) {
   run.iter.stopval = realnumber(value);
-  reader.stopval = true;
+  run.answered.stopval = true;
 }
 
-void readstopmicro(CommandReader& reader, const std::string& value) {
+void readstopmicro(CommandReader&, const std::string& value) {
   run.iter.stopval = realnumber(value);
-  reader.stopmicro = true;
+  run.answered.stopmicro = true;
 }
 
 void readstartvals(CommandReader&, const std::string& value) {
@@ -143,7 +151,7 @@ void readfishertype(CommandReader&, const std::string& value) {
 }
 
 void readtitle(CommandReader&, const std::string& value) {
-  run.files.title = value.substr(0, maxtitle - 1);
+  run.files.title = printable(value.substr(0, maxtitle - 1));
   run.answered.title = true;
 }
 
@@ -199,8 +207,7 @@ constexpr Keyword keywords[] = {
     {"POPAVIT:", 0, readpopavit},
     {"LAPLACE:", 0, readlaplace},
     {"AGQ:", 0, readagq},
-    {"AGQDERIVLEVEL:", 0,
-     [](CommandReader&, const std::string& value) { run.iter.agqderivlevel = wholenumber(value); }},
+    {"AGQDERIVLEVEL:", 0, readagqderivlevel},
     {"PLAUSVALS:", 0, readplausvals},
     {"LVR-BETA:", 0, readlvr},
     {"HETIT:", 0, [](CommandReader&, const std::string& value) { run.iter.hetit = wholenumber(value); }},

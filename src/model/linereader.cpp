@@ -2,7 +2,9 @@
 
 #include <utility>
 
+#include "data/scratch.h"
 #include "driver/constants.h"
+#include "driver/runrecord.h"
 
 namespace kdr {
 
@@ -20,6 +22,7 @@ bool nextline(LineReader& lines) {
     lines.line.push_back(static_cast<char>(c));
     if (c == '\n') break;
   }
+  checkread(lines.stream.get(), run.files.cmdfile);
   if (lines.line.empty()) return false;
   ++lines.number;
   if (lines.line.back() == '\n') {

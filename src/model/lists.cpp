@@ -213,6 +213,10 @@ void readcontrast(CommandReader& reader, const std::string& value) {
   if (!run.answered.wholemodel()) stopwith("Gammas must be specified after complete model\n");
   const int hypothesis = wholenumber(reader.lines.line.substr(5));
   if (hypothesis < 1 || hypothesis > maxhypotheses) return;
+  if (hypothesis < reader.hypothesis) stopwith("The lines GAMMA%d: must stand together!\n", hypothesis);
+  if (hypothesis > reader.hypothesis + 1)
+    stopwith("There is no line GAMMA%d: before the line GAMMA%d:!\n", reader.hypothesis + 1, hypothesis);
+  reader.hypothesis = hypothesis;
   short& rows = run.model.hypothesisrows[at(hypothesis) - 1];
   const auto width = at(countfixedeffects());
   if (rows == SHRT_MAX) stopwith("There are too many contrasts in hypothesis %d!\n", hypothesis);
@@ -222,7 +226,10 @@ void readcontrast(CommandReader& reader, const std::string& value) {
   const std::size_t start = contrasts.size();
   contrasts.resize(start + width);
   const std::vector<std::string> values = split(value, ',');
-  for (std::size_t i = 0; i < width && i < values.size(); ++i) contrasts[start + i] = realnumber(values[i]);
+  for (std::size_t i = 0; i < width && i < values.size(); ++i) {
+    if (!iswholereal(values[i])) stopwith("Invalid number in a contrast: %s\n", values[i].c_str());
+    contrasts[start + i] = realnumber(values[i]);
+  }
 }
 
 void readconstrain(CommandReader&, const std::string& value) {

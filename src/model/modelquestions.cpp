@@ -43,7 +43,12 @@ void asknonlinear() {
   kind.ordinal = type == 6;
   iter.macroit = asknumber("Enter maximum number of macro iterations:", 1, 100000);
   iter.numit = asknumber("Enter maximum number of micro iterations:", 1, 100000);
-  run.answered.iterations = true;
+  // The file's keywords of a linear run: its iterations are asked for anew, its criterion is that of the micro ones.
+  AnsweredMarks& read = run.answered;
+  read.iterations = true;
+  read.numit = false;
+  read.stopmicro = read.stopmicro || read.stopval;
+  read.stopval = false;
   if (kind.nonlin != 3) {
     if (!askyesno("Do you wish to allow over-dispersion at level 1?")) iter.fixsigma2 = 1.0;
     iter.popavit = 1;
@@ -69,6 +74,7 @@ void askoutcome() {
     run.model.use1.row(e)[outcome] = -1;
     run.model.use1.row(e)[0] = 1;
   }
+  run.model.wanted1vars1[static_cast<std::size_t>(outcome)] = 1;
 }
 
 void asklevel1() {
@@ -88,6 +94,12 @@ void asklevel1() {
   }
   for (int e = 1; e < run.kind.neqsets; ++e)
     for (int v = 0; v < run.mdm.ncol1; ++v) run.model.use1.row(e)[v] = use[v];
+}
+
+// Once the level-1 coefficients are known.
+void fixthresholds() {
+  for (const CoefficientRow& coefficient : modelrows().coefficients)
+    if (coefficient.threshold) run.model.fixed1.row(coefficient.set)[coefficient.place] = 1;
 }
 
 void askcountvariable() {
@@ -200,8 +212,10 @@ void asklevel2() {
                 coefficient.place == 0 ? "?\n" : " slope?\n");
     const int* before = coefficient.place > 0 ? run.model.terms2.row(coefficient.set, coefficient.place - 1) : nullptr;
     askrow(" Level-2 predictor? (Enter 0 to end)", run.mdm.nvar2, 1, run.mdm.ncol2, before, nullptr, 0, row);
-    for (int s = 1; s < run.mdm.ncol2 && row[s] != noslot; ++s)
-      run.model.wanted2vars2[static_cast<std::size_t>(row[s])] = 1;
+    for (int s = 1; s < run.mdm.ncol2 && row[s] != noslot; ++s) {
+      const auto v = static_cast<std::size_t>(row[s]);
+      run.model.wanted1vars2[v] = run.model.wanted2vars2[v] = 1;
+    }
   }
 
   for (const CoefficientRow& coefficient : rows.coefficients) {
@@ -245,7 +259,7 @@ void asklevel3() {
     askrow(" Level-3 predictor? (Enter 0 to end)", run.mdm.nvar3, 1, run.mdm.ncol3, before, nullptr, 0, row);
     for (int s = 1; s < run.mdm.ncol3 && row[s] != noslot; ++s) {
       const auto v = static_cast<std::size_t>(row[s]);
-      run.model.wanted2vars3[v] = run.model.wanted3vars3[v] = 1;
+      run.model.wanted1vars3[v] = run.model.wanted2vars3[v] = run.model.wanted3vars3[v] = 1;
     }
   }
 }
@@ -327,6 +341,7 @@ void modelquestions() {
   asklevel1();
   askcountvariable();
   askintercept1();
+  fixthresholds();
   countlevel1();
   askcentering1();
   asklevel2();

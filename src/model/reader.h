@@ -11,12 +11,12 @@ namespace kdr {
 
 struct CommandReader {
   LineReader lines;
-  bool numit = false, stopval = false, stopmicro = false;  // that keyword was read
-  bool deviance = false, df = false;
-  int set = -1;         // the equation set of the LEVEL1: line in hand
-  int ncoef1 = 0;       // level-1 coefficients of the set so far
-  int ncoef2 = 0;       // level-2 coefficients of the set so far
-  int nthresholds = 0;  // thresholds on the LEVEL1: line
+  bool deviance = false, df = false;  // that keyword was read
+  int hypothesis = 0;                 // of the last GAMMA line
+  int set = -1;                       // the equation set of the LEVEL1: line in hand
+  int ncoef1 = 0;                     // level-1 coefficients of the set so far
+  int ncoef2 = 0;                     // level-2 coefficients of the set so far
+  int nthresholds = 0;                // thresholds on the LEVEL1: line
 };
 
 // One keyword: `value` is the text behind the line's first colon, never empty except for TITLE:.

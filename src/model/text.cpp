@@ -57,6 +57,13 @@ bool isreal(const std::string& text) {
   return end != text.c_str();
 }
 
+bool iswholereal(const std::string& text) {
+  if (!isreal(text)) return false;
+  char* end = nullptr;
+  std::strtod(text.c_str(), &end);
+  return *end == '\0';
+}
+
 double realnumber(const std::string& text) {
   if (!isreal(text)) return 0.0;
   return std::clamp(std::strtod(text.c_str(), nullptr), -DBL_MAX, DBL_MAX);

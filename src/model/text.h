@@ -25,5 +25,7 @@ namespace kdr {
 [[nodiscard]] double realnumber(const std::string& text);
 // True when the text begins with a real.
 [[nodiscard]] bool isreal(const std::string& text);
+// True when the text is a real and nothing else.
+[[nodiscard]] bool iswholereal(const std::string& text);
 
 }  // namespace kdr

@@ -84,8 +84,9 @@ std::string rightside(const int* row, int width, const Array<Name>& names, const
   std::vector<std::string> terms;
   for (int s = 0; s < width && row[s] != noslot; ++s)
     terms.push_back(nameof(names, row[s]) + centermark(marks, row[s]));
-  if (terms.empty()) return random ? "RANDOM" : "";
-  if (random) terms.push_back("RANDOM");
+  const bool any = !terms.empty() || extras[0] != noslot;
+  if (random) terms.emplace_back("RANDOM");
+  if (!any) return joined(terms, "+");
   return joined(terms, "+") + "/" + namelist(names, extras, filledslots(extras, maxextra));
 }
 
@@ -102,9 +103,9 @@ void writelevel1(std::FILE* out, int e, const std::string& outcome) {
     std::fprintf(out, "LEVEL1:%s=%s\n", outcome.c_str(), level1terms(e, true).c_str());
     return;
   }
-  // A non-linear run's line names the working outcome and has no centering marks. The comment before it keeps both, and
-  // the reader takes them from there.
-  std::fprintf(out, "#LEVEL1:%s=%s\n", outcome.c_str(), level1terms(e, true).c_str());
+  // A non-linear run's line names the working outcome and has no centering marks. The line before it, a comment to
+  // everyone else, keeps both, and the reader takes them from there.
+  std::fprintf(out, "#KDR3 LEVEL1:%s=%s\n", outcome.c_str(), level1terms(e, true).c_str());
   std::fprintf(out, "LEVEL1:%s=%s\n", run.kind.nlrun ? "Z" : outcome.c_str(), level1terms(e, false).c_str());
 }
 
@@ -298,6 +299,8 @@ void writecommandfile(const std::string& path) {
   } else {
     writenonlineariterations(out);
   }
+  if (run.iter.agqderivlevel != 2) std::fprintf(out, "AGQDERIVLEVEL:%d\n", run.iter.agqderivlevel);
+  if (run.iter.popavit > 1) std::fprintf(out, "POPAVIT:%d\n", run.iter.popavit);
   writeequations(out, path);
   writeweights(out);
   writedeletion(out);

@@ -1,5 +1,6 @@
 #include "nonlinear/engines.h"
 
+#include <cmath>
 #include <cstdio>
 #include <thread>
 
@@ -52,7 +53,7 @@ Array<double> posteriormeans2(Pass& pass) {
   return u;
 }
 
-void laplace(Pass& pass, MacroState& state, const PassResults& before, double& loglik) {
+void laplace(Pass& pass, MacroState& state, const PassResults& before) {
   std::printf("\n");
   RecordBatches batches;
   LaplaceData data;
@@ -69,8 +70,8 @@ void laplace(Pass& pass, MacroState& state, const PassResults& before, double& l
   settings.threads = threads();
   settings.stopasked = askstop;
   holdinterrupts();
-  const LaplaceResult result = runlaplace(data, settings, currentparameters(pass), posteriormeans2(pass),
-                                          pass.vstar.cells, before.loglik);
+  const LaplaceResult result =
+      runlaplace(data, settings, currentparameters(pass), posteriormeans2(pass), pass.vstar.cells, before.loglik);
   releaseinterrupts();
   if (result.end == LaplaceEnd::failed) {
     laplacefailed();
@@ -79,7 +80,6 @@ void laplace(Pass& pass, MacroState& state, const PassResults& before, double& l
     return;
   }
   takeestimates(result.estimates, result.vgamma);
-  loglik = result.loglik;
   // The modes and the curvature of the last walk are what quadrature starts from.
   if (!result.u.empty()) {
     pass.vstar.cells = result.v.copy();
@@ -94,6 +94,9 @@ void laplace(Pass& pass, MacroState& state, const PassResults& before, double& l
   modelstatistics(result.loglik, 2);
   markreport();
   state.laplacegamma = run.est.gammahat.copy();
+  // The printed likelihood is lower than the marginal one by this constant.
+  if (result.end == LaplaceEnd::estimated)
+    std::printf("The marginal log-likelihood = %E\n", result.loglik + 0.5 * run.mdm.nunits1 * std::log(2.0 * M_PI));
   if (run.out.printvc != 0) writelaplacefiles(result, before);
 }
 
@@ -145,15 +148,22 @@ void quadrature(Pass& pass, MacroState& state, const PassResults& before) {
                                                      currentparameters(pass), startingadaptation(pass));
   releaseinterrupts();
   quadraturereport(result, before.degrees);
-  // Estimates of an estimation that broke off with a warning are none.
-  if (result.code == 0 || (!result.finished && !result.warnings.empty())) {
+  // Estimates of an estimation that broke off with a warning are none, nor are those that fell far below what was
+  // reached before.
+  constexpr double farbelow = 1.0;
+  const bool fallen = result.finished && result.highest - result.loglikelihood > farbelow;
+  if (result.code == 0 || fallen || (!result.finished && !result.warnings.empty())) {
+    const char* words = "The run goes on with the estimates that quadrature started from.";
+    if (result.code != 0) {
+      reportline("%s", words);
+      std::printf("%s\n", words);
+    }
     markreport();
     return;
   }
   takeestimates(result.parameters, result.vgamma);
   if (result.finished) {
     modelstatistics(result.loglikelihood, 2);
-    std::printf("The marginal log-likelihood is %E\n", result.marginal);
   }
   markreport();
   state.quadraturegamma = run.est.gammahat.copy();
@@ -168,8 +178,7 @@ void quadrature(Pass& pass, MacroState& state, const PassResults& before) {
 }  // namespace
 
 void maximumlikelihood(Pass& pass, MacroState& state, const PassResults& before) {
-  double loglik = before.loglik;
-  if (run.iter.laplace) laplace(pass, state, before, loglik);
+  if (run.iter.laplace) laplace(pass, state, before);
   if (run.iter.agqpoints != 0) quadrature(pass, state, before);
 }
 

@@ -13,7 +13,7 @@ namespace kdr {
 namespace {
 
 Parameters parametersof(const Estimates& est) {
-  return {run.coef.ntaupi,   run.coef.ntaubeta,  run.coef.ngamma,
+  return {run.coef.ntaupi,  run.coef.ntaubeta,  run.coef.ngamma,
           est.taupi.copy(), est.taubeta.copy(), est.gammahat.copy()};
 }
 
@@ -56,6 +56,12 @@ bool phasecloses(MacroState& state, const PassResults& results, bool first) {
   if (state.left <= 1 && closeatlimit(state)) return true;
   --state.left;
   return false;
+}
+
+Array<double> modelcovariance(const Estimates& est) {
+  Array<double> covariance = est.vgamma.copy();
+  for (double& v : covariance) v *= est.sigma2;
+  return covariance;
 }
 
 Array<double> graphgammas(const MacroState& state) {

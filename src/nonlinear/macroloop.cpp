@@ -8,6 +8,7 @@
 #include "driver/questions.h"
 #include "driver/reportstream.h"
 #include "kernel/sizes.h"
+#include "linear/exploratory.h"
 #include "linear/graphdata.h"
 #include "linear/residualfiles.h"
 #include "linear/runpass.h"
@@ -54,7 +55,7 @@ PassPlan planof(const MacroState& state, PassKind kind) {
 PassResults identitypass(Pass& pass, MacroState& state) {
   RecordUnits units;
   startrecords(units, mdmlayout(true), run.mdm.stream, run.mdm.firstblock);
-  units.working = openfile(run.files.tempname2, "wb");
+  units.working = openworking(run.files.tempname2);
   if (run.kind.nlcount) state.counts.reset(at(run.mdm.numl1rec));
   units.counts = run.kind.nlcount ? &state.counts : nullptr;
   double outcomes = 0.0, counts = 0.0;
@@ -93,27 +94,22 @@ void rescaletaus(MacroState& state) {
     for (double& t : *tau) t /= v * v;
 }
 
-Array<double> modelcovariance() {
-  Array<double> covariance = run.est.vgamma.copy();
-  for (double& v : covariance) v *= run.est.sigma2;
-  return covariance;
-}
-
 // The end of the unit-specific phase.
 void closephase(Pass& pass, MacroState& state, const PassResults& results) {
   state.unitspecificgamma = run.est.gammahat.copy();
+  if (haveexploratory()) exploratory(pass);
   if (wantresiduals()) writeresidualfiles(pass, state.layout);
   markreport();
   const bool engines = run.iter.laplace || run.iter.agqpoints != 0;
   const auto unitspecificfiles = [&] {
     writetaufile(taufile, run.est, results.errors, false);
-    writegammafile(unitspecificfile, run.est.gammahat, modelcovariance());
+    writegammafile(unitspecificfile, run.est.gammahat, modelcovariance(run.est));
   };
   if (engines && run.out.printvc != 0) unitspecificfiles();
   if (engines) maximumlikelihood(pass, state, results);
   if (run.out.printvc == 0) return;
   if (run.iter.laplace) {
-    writegammafile(averagefile, run.est.gammahat, modelcovariance());
+    writegammafile(averagefile, run.est.gammahat, modelcovariance(run.est));
   } else if (!engines || run.out.printvc != 2) {
     unitspecificfiles();
   }
@@ -133,7 +129,7 @@ void averagephase(MacroState& state, void (*store)(const PassResults&)) {
       robust.fill(missingcode);
       writegammafile(robustaveragefile, results.est.gammahat, results.robust.empty() ? robust : results.robust);
     }
-    writegammafile(averagefile, results.est.gammahat, modelcovariance());
+    writegammafile(averagefile, results.est.gammahat, modelcovariance(run.est));
   }
   if (run.out.graph) writegraphdata(pass, state.layout, graphgammas(state));
 }

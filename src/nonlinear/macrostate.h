@@ -8,14 +8,14 @@
 namespace kdr {
 
 struct MacroState {
-  int macro = 0;      // macro iteration, from 1: the number of the pass at hand
-  int left = 0;       // passes of the unit-specific phase that are allowed, this one included
-  Estimates previous; // at the end of the last working-data step
-  double mean = 0.0;  // of the outcome, or its sum over that of the trials or exposure
+  int macro = 0;       // macro iteration, from 1: the number of the pass at hand
+  int left = 0;        // passes of the unit-specific phase that are allowed, this one included
+  Estimates previous;  // at the end of the last working-data step
+  double mean = 0.0;   // of the outcome, or its sum over that of the trials or exposure
 
-  RecordLayout layout;          // of the working data file, which lies at run.files.tempname2
-  Array<double> counts;         // trials or exposure of each record; empty when the model has none
-  IterationState iterations;    // the failures of accelerated steps count for the whole run
+  RecordLayout layout;        // of the working data file, which lies at run.files.tempname2
+  Array<double> counts;       // trials or exposure of each record; empty when the model has none
+  IterationState iterations;  // the failures of accelerated steps count for the whole run
 
   // The fixed effects of each phase, for the graph data file; missingcode at the head of one that was not computed.
   Array<double> unitspecificgamma, laplacegamma, quadraturegamma;

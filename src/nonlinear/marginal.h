@@ -9,9 +9,9 @@ namespace kdr {
 // The covariances of the random effects, and the work of the correction.
 struct MarginalCorrection {
   Family family = Family::binomial;
-  int q = 0, r = 0;                // orders of taupi and taubeta
-  const double* taupi = nullptr;   // q squared
-  const double* taubeta = nullptr; // r squared
+  int q = 0, r = 0;                 // orders of taupi and taubeta
+  const double* taupi = nullptr;    // q squared
+  const double* taubeta = nullptr;  // r squared
 };
 
 // The corrected predictor of a record with the random rows d (q, level 2) and e (r, level 3).

@@ -12,8 +12,8 @@ struct RecordBatches {
   const MacroState* state = nullptr;
   std::FILE* stream = nullptr;
   UnitReader reader;
-  UnitBlock unit;            // buffer
-  int k = 0;                 // the next level-3 unit
+  UnitBlock unit;                      // buffer
+  int k = 0;                           // the next level-3 unit
   std::size_t units = 0, records = 0;  // level-2 units and records before it
 
   RecordBatches() = default;

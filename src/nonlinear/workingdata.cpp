@@ -51,9 +51,9 @@ struct Step {
   int macro;
   MarginalCorrection correction;
   std::vector<int> copied;  // for each column of `to` behind the first three, its place in a record of `from`
-  Array<double> weights, theta, thetastar, w2, beta, x, d, e;
-  double cap = -1.0;        // the largest rate met so far
-  std::size_t record = 0;   // of the data set
+  Array<double> weights, theta, thetastar, beta, x, d, e;
+  double cap = -1.0;       // the largest rate met so far
+  std::size_t record = 0;  // of the data set
 };
 
 [[noreturn]] void badoutcome(const char* words) {
@@ -74,23 +74,8 @@ void checkoutcome(Family family, double y) {
   if (family == Family::poisson && !(y >= 0.0)) badoutcome("non-negative");
 }
 
-// The coefficients of the unit: beta = W2 theta, with the random effects W2 theta* + d u.
-void unitcoefficients(const Pass& pass, Step& step, const UnitBlock& unit, std::size_t j, const double* ustar) {
-  const Design& design = pass.design;
-  const Array<double>& theta = step.kind.marginal ? step.theta : step.thetastar;
-  step.beta.fill(0.0);
-  for (std::size_t m = 0; m < at(pass.nbeta); ++m) {
-    const int variable = design.variable2[m];
-    step.w2[m] = variable == 0 ? 1.0 : unit.level2[at(variable) - 1];
-    step.beta[design.owner2[m]] += step.w2[m] * theta[m];
-  }
-  if (step.kind.marginal) return;
-  const double scale = run.kind.weighted ? 1.0 / std::sqrt(run.weights.weight2[j]) : 1.0;
-  for (std::size_t i = 0; i < at(pass.p); ++i) step.beta[design.random1[i]] += scale * ustar[i];
-}
-
 // x and the linear predictor x'beta of a record, corrected for the population average.
-double predictor(const Pass& pass, Step& step, const double* values) {
+double predictor(const Pass& pass, Step& step, const double* values, const double* level2) {
   double eta = 0.0;
   for (std::size_t c = 0; c < step.x.size(); ++c) {
     const int place = step.from.column[c];
@@ -100,7 +85,10 @@ double predictor(const Pass& pass, Step& step, const double* values) {
   if (!step.kind.marginal) return eta;
   const Design& design = pass.design;
   for (std::size_t i = 0; i < step.d.size(); ++i) step.d[i] = step.x[design.random1[i]];
-  for (std::size_t i = 0; i < step.e.size(); ++i) step.e[i] = step.w2[i] * step.x[design.owner2[i]];
+  for (std::size_t i = 0; i < step.e.size(); ++i) {
+    const int variable = design.variable2[i];
+    step.e[i] = (variable == 0 ? 1.0 : level2[variable - 1]) * step.x[design.owner2[i]];
+  }
   return marginalpredictor(step.correction, step.d.data(), step.e.data(), eta);
 }
 
@@ -128,7 +116,7 @@ void convertunit(const Pass& pass, Step& step, const MacroState& state, const Un
   for (int i = 0; i < unit.nj; ++i) {
     const double* values = unit.records.data() + at(i) * width;
     double* row = out.records.data() + at(i) * newwidth;
-    const Linked record = linkedrecord(step, predictor(pass, step, values));
+    const Linked record = linkedrecord(step, predictor(pass, step, values, unit.level2.data()));
     const Working working = workingvalues(record, observed(i), count(i));
     row[0] = working.weight;
     row[1] = observed(i);
@@ -144,13 +132,13 @@ void convertunit(const Pass& pass, Step& step, const MacroState& state, const Un
 }
 
 Step makestep(const Pass& pass, const MacroState& state, const WorkingStep& kind, const RecordLayout& to) {
-  Step step{kind, state.layout, to, familyof(), state.macro, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}};
+  Step step{kind, state.layout, to, familyof(), state.macro, {}, {}, {}, {}, {}, {}, {}, {}, {}};
   step.correction = {step.family, pass.p, pass.b, run.est.taupi.data(), run.est.taubeta.data()};
   step.copied.assign(at(to.width) - workingcolumns, 0);
   for (std::size_t v = 0; v < to.place.size(); ++v)
     if (to.place[v] >= workingcolumns) step.copied[at(to.place[v]) - workingcolumns] = state.layout.place[v];
   step.weights.reset(pass.design.owner3.size());
-  for (Array<double>* values : {&step.theta, &step.thetastar, &step.w2}) values->reset(at(pass.nbeta));
+  for (Array<double>* values : {&step.theta, &step.thetastar}) values->reset(at(pass.nbeta));
   for (Array<double>* values : {&step.beta, &step.x}) values->reset(at(pass.npi));
   step.d.reset(at(pass.p));
   step.e.reset(at(pass.b));
@@ -165,7 +153,7 @@ void prepareworkingdata(Pass& pass, MacroState& state, const WorkingStep& kind) 
   RecordLayout to = workinglayout();
   Step step = makestep(pass, state, kind, to);
   std::FILE* in = openfile(run.files.tempname2, "rb");
-  std::FILE* out = openfile(run.files.tempname3, "wb");
+  std::FILE* out = openworking(run.files.tempname3);
   UnitReader reader;
   startunits(reader, in, 0, state.layout.width, run.mdm.nvar2, false);
   UnitBlock unit, converted;
@@ -178,7 +166,8 @@ void prepareworkingdata(Pass& pass, MacroState& state, const WorkingStep& kind) 
       },
       [&](int, std::size_t j, const double* hot) {
         if (!readunit(reader, unit)) stopwith("The working data file is damaged: it is cut off.\n");
-        unitcoefficients(pass, step, unit, j, hot + pass.store.atustar);
+        level2coefficients(pass, unit.level2.data(), (kind.marginal ? step.theta : step.thetastar).data(), j,
+                           kind.marginal ? nullptr : hot + pass.store.atustar, step.beta.data());
         convertunit(pass, step, state, unit, converted);
         writeunit(out, converted, to.width, run.mdm.nvar2, false);
       },

@@ -1,7 +1,5 @@
 #include "report/modelrows.h"
 
-#include <cstdio>
-
 #include "driver/runrecord.h"
 #include "report/stream.h"
 
@@ -19,9 +17,7 @@ bool multinomialrun() { return run.kind.nonlin == 3 && !run.kind.ordinal; }
 
 std::string categorylabel(int k) {
   if (k < 0 || static_cast<std::size_t>(k) >= run.kind.categorylabel.size()) return {};
-  char text[5];
-  std::snprintf(text, sizeof text, "%.4s", run.kind.categorylabel[k].text);
-  return text;
+  return run.kind.categorylabel[k].text;
 }
 
 std::string categoryof(int k) { return escaped(categorylabel(k)); }

@@ -15,7 +15,7 @@ namespace kdr {
 
 // True when several equation sets stand side by side, one for each category but the last.
 [[nodiscard]] bool multinomialrun();
-// At most 4 characters of the label of category k; empty when it has none.
+// The label of category k; empty when it has none.
 [[nodiscard]] std::string categorylabel(int k);
 // The same as the report shows it.
 [[nodiscard]] std::string categoryof(int k);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <vector>
 
 #include "data/child.h"
@@ -37,7 +38,7 @@ void prepare(int level) {
 Id made(double number) {
   Id id{};
   char text[32];
-  std::snprintf(text, sizeof text, "%.0f", number);
+  std::snprintf(text, sizeof text, number == miss ? "" : "%.0f", number);
   id.text = paddedname(text, 12);
   if (run.mdm.numericids) id.number = number;
   return id;
@@ -128,7 +129,7 @@ struct Made {
 };
 
 Made makefrom(const Job& job) {
-  std::remove("made.mdm");
+  makefile("made.mdm", "an older file");
   std::remove("KDR3MDM.STS");
   Made made;
   made.build = runchild([&] { make(job); });
@@ -145,6 +146,13 @@ const std::string extrawords = "\nThere are extra messages in KDR3MDM.STS.  Plea
 TEST(Construction, Merge) {
   Workplace workplace;
   const std::vector<Row> two = {{1, 0, {10}}, {2, 0, {20}}};
+  const auto repeated = [](int level, int id) {
+    char line[160];
+    std::snprintf(line, sizeof line,
+                  "Level-%d group %12d stands more than once in the level-%d file. Only its first row is used.", level,
+                  id, level);
+    return std::string(line);
+  };
   const struct {
     const char* what;
     Job job;
@@ -158,7 +166,8 @@ TEST(Construction, Merge) {
        {{{1, 1, {1, 1}}, {1, 3, {2, 2}}, {3, 1, {3, 3}}, {9, 9, {4, 4}}},
         {{0, 5, {1}}, {1, 2, {2}}, {1, 3, {3}}, {2, 1, {4}}, {3, 1, {5}}},
         {{1, 0, {10}}, {2, 0, {20}}, {3, 0, {30}}, {4, 0, {40}}}},
-       "1/3 3 [ 2 2 ] 2 2\n3/1 5 [ 3 3 ] 3 3\nrows: 1=10 3=30\nmeans: 2.5 2.5 4 20\n"},
+       "1/3 3 [ 2 2 ] 2 2\n3/1 5 [ 3 3 ] 3 3\nrows: 1=10 3=30\nmeans: 2.5 2.5 4 20\n",
+       "2 level-1 records have no level-2 row that counts. The first one is of unit 1 in unit 1.\n"},
       {"deletion now",
        {{{1, 1, {1, miss}}, {1, 1, {2, 4}}, {1, 2, {miss, 3}}, {2, 1, {6, 8}}},
         {{1, 1, {7}}, {1, 2, {8}}, {2, 1, {9}}},
@@ -193,13 +202,19 @@ TEST(Construction, Merge) {
         {{1, 1, {miss}}, {1, 2, {6}}, {2, 1, {7}}, {3, 1, {8}}},
         {{miss, 0, {99}}, {1, 0, {10}}, {2, 0, {miss}}, {3, 0, {30}}}},
        "1/2 6 [ 2 2 ] 2 2\n3/1 8 [ 4 4 ] 4 4\nrows: 1=10 3=30\nmeans: 3 3 7 20\n",
-       " Group            2 not in level-3 file.\n"},
-      {"a level-2 unit twice, and two rows of one level-3 unit",
-       {{{1, 1, {1, 1}}, {1, 2, {2, 2}}},
-        {{1, 1, {5}}, {1, 1, {6}}, {1, 2, {miss}}, {1, 2, {7}}},
-        {{1, 0, {10}}, {1, 0, {11}}}},
-       "1/1 5 [ 1 1 ] 1 1\n1/2 7 [ 2 2 ] 2 2\nrows: 1=10\nmeans: 1.5 1.5 6 10\n",
-       "Level-2 group            1 stands more than once in the level-2 file. Only its first row is used.\n"},
+       "1 level-3 records have no ID. They were passed over.\n Group            2 not in level-3 file.\n"
+       "1 level-1 records have no level-2 row that counts. The first one is of unit 1 in unit 1.\n"},
+      {"records without one of their text IDs",
+       {{{miss, 1, {9, 9}}, {1, miss, {9, 9}}, {1, 1, {1, 1}}}, {{1, miss, {8}}, {1, 1, {5}}}, two, false},
+       "1/1 5 [ 1 1 ] 1 1\nrows: 1=10\nmeans: 1 1 5 10\n",
+       "2 level-1 records have no ID. They were passed over.\n1 level-2 records have no ID. They were passed over.\n"},
+      {"rows that repeat a unit: one line for each, and the variables that differ",
+       {{{1, 1, {1, 1}}, {1, 2, {2, 2}}, {1, 3, {3, 3}}},
+        {{1, 1, {5}}, {1, 1, {5}}, {1, 1, {6}}, {1, 1, {5}}, {1, 2, {miss}}, {1, 2, {7}}, {1, 3, {8}}, {1, 3, {8}}},
+        {{1, 0, {10}}, {1, 0, {10}}, {1, 0, {11}}, {2, 0, {0}}, {2, 0, {0}}}},
+       "1/1 5 [ 1 1 ] 1 1\n1/2 7 [ 2 2 ] 2 2\n1/3 8 [ 3 3 ] 3 3\nrows: 1=10\nmeans: 2 2 6.66667 10\n",
+       repeated(3, 1) + " Its rows differ in V31.\n" + repeated(3, 2) + "\n" + repeated(2, 1) +
+           " Its rows differ in V21.\n" + repeated(2, 3) + "\n"},
   };
   for (const auto& c : cases) {
     const Made made = makefrom(c.job);
@@ -214,24 +229,32 @@ TEST(Construction, Stops) {
   Workplace workplace;
   const std::vector<Row> one = {{1, 0, {10}}};
   const std::vector<Row> first = {{1, 1, {1, 1}}};
+  const auto unsorted = [](int level, const std::string& id, int before, int behind, int row) {
+    const std::string digit = std::to_string(level);
+    return "\nThe level-" + digit + " file is not sorted!\nID " + id + "\nIn raw" + digit + ", ID " +
+           std::to_string(before) + " comes before ID " + std::to_string(behind) + " (record " + std::to_string(row) +
+           ").\n";
+  };
   const struct {
     Job job;
     int code;
     std::string words;
     bool logged = true;  // the log has the same words
   } cases[] = {
-      {{first, {{1, 1, {1}}}, {{2, 0, {1}}, {1, 0, {2}}}}, 100, "\nThe level-3 file is not sorted!\nID 1.000000\n"},
-      {{first, {{1, 1, {1}}}, {{2, 0, {1}}, {1, 0, {2}}}, false},
+      {{first, {{1, 1, {1}}}, {{2, 0, {1}}, {1, 0, {2}}}}, 100, unsorted(3, "1.000000", 2, 1, 2)},
+      {{first, {{1, 1, {1}}}, {{2, 0, {1}}, {1, 0, {2}}}, false}, 100, unsorted(3, "           1", 2, 1, 2)},
+      {{first, {{1, 1, {1}}}, {{1, 0, {1}}, {10, 0, {1}}, {2, 0, {2}}}, false},
        100,
-       "\nThe level-3 file is not sorted!\nID            1\n"},
-      {{{{2, 1, {1, 1}}, {1, 7, {1, 1}}}, {{2, 1, {1}}}, one}, 100, "\nThe level-1 file is not sorted!\nID 1.000000\n"},
-      {{{{1, 8, {1, 1}}, {1, 7, {1, 1}}}, {{1, 7, {1}}}, one}, 100, "\nThe level-1 file is not sorted!\nID 7.000000\n"},
-      {{first, {{1, 2, {1}}, {1, 1, {1}}}, one}, 100, "\nThe level-2 file is not sorted!\nID 1.000000\n"},
+       unsorted(3, "           2", 10, 2, 3) +
+           "A shorter text ID has to come before a longer one: fill the IDs up with zeros, or sort by their length.\n"},
+      {{{{2, 1, {1, 1}}, {1, 7, {1, 1}}}, {{2, 1, {1}}}, one}, 100, unsorted(1, "1.000000", 2, 1, 2)},
+      {{{{1, 8, {1, 1}}, {1, 7, {1, 1}}}, {{1, 7, {1}}}, one}, 100, unsorted(1, "7.000000", 8, 7, 2)},
+      {{first, {{1, 2, {1}}, {1, 1, {1}}}, one}, 100, unsorted(2, "1.000000", 2, 1, 2)},
       // Out of order only where the merge no longer looks.
       {{{{1, 1, {1, 1}}, {1, 5, {1, 1}}, {1, 6, {1, 1}}, {1, 5, {1, 1}}}, {{1, 1, {1}}}, one},
        100,
-       "\nThe level-1 file is not sorted!\nID 5.000000\n"},
-      {{first, {{1, 1, {1}}, {3, 1, {1}}, {2, 1, {1}}}, one}, 100, "\nThe level-2 file is not sorted!\nID 2.000000\n"},
+       unsorted(1, "5.000000", 6, 5, 4)},
+      {{first, {{1, 1, {1}}, {3, 1, {1}}, {2, 1, {1}}}, one}, 100, unsorted(2, "2.000000", 3, 2, 3)},
       {{{{1, 1, {1, miss}}}, {{1, 1, {1}}}, one}, 100, "\nThere are missing data at level-1. Unable to continue.\n"},
       {{{}, {}, one}, 1, " raw1 is an empty file\n", false},
       {{first, {{1, 1, {miss}}}, one}, 1, " raw2 is an empty file\n", false},
@@ -241,16 +264,17 @@ TEST(Construction, Stops) {
     EXPECT_EQ(made.build.code, c.code) << c.words;
     EXPECT_EQ(made.build.words, c.words);
     EXPECT_EQ(made.log, c.logged ? c.words : "");
-    EXPECT_EQ(runchild(printunits).words, "Not a valid mdm file.\n") << c.words;
+    EXPECT_EQ(contents("made.mdm"), "an older file") << c.words;
   }
   const Made none = makefrom({{{3, 1, {1, 1}}}, {{3, 1, {1}}}, one});
   EXPECT_EQ(none.build.code, 100);
-  EXPECT_EQ(none.log, " Group            3 not in level-3 file.\nNo groups left for analysis\n");
-  const Job job{first, {{1, 1, {1}}}, one};
+  EXPECT_EQ(none.log,
+            " Group            3 not in level-3 file.\nNo groups left for analysis\n"
+            "The first IDs of each file, level-3 ID first:\n"
+            "  level 1                    level 2                    level 3\n"
+            "             3            1             3            1             1\n");
   EXPECT_EQ(runchild([&] { make({{{1, 1, {}}}, {{1, 1, {1}}}, one}, 0); }).code, 100);  // all records are empty
   EXPECT_EQ(contents("KDR3MDM.STS"), "Level-2 group            1 has inadequate data\nNo groups left for analysis\n");
-  EXPECT_EQ(runchild([&] { make(job, 2, 0, 1); }).words, "You must select at least one level-2 variable!\n");
-  EXPECT_EQ(runchild([&] { make(job, 2, 1, 0); }).words, "You must select at least one level-3 variable!\n");
 }
 
 // Units larger than the first capacity, more level-3 rows than the first capacity: nothing is lost, and the tables of
@@ -290,6 +314,17 @@ TEST(Construction, ManyRows) {
   }
 }
 
+// A standard deviation of 1 around 1e9 and around -1e12.
+TEST(Construction, StandardDeviationOfLargeValues) {
+  Workplace workplace;
+  Job job{{}, {{1, 1, {1}}}, {{1, 0, {10}}}};
+  for (const double z : {-1.0, 0.0, 1.0, 1.0, 0.0, -1.0, 1.0, -1.0, std::sqrt(1.5), -std::sqrt(1.5)})
+    job.level1.push_back({1, 1, {1e9 + z, z - 1e12}});
+  const std::string log = makefrom(job).log;
+  EXPECT_NE(log.find(" 1000000000.00       1.00 "), std::string::npos) << log;
+  EXPECT_NE(log.find(" -1000000000000.00       1.00 "), std::string::npos) << log;
+}
+
 TEST(Construction, FilesThatCannotBe) {
   Workplace workplace;
   const Job job{{{1, 1, {1, 1}}}, {{1, 1, {1}}}, {{1, 0, {10}}}};
@@ -316,12 +351,29 @@ TEST(Construction, FilesThatCannotBe) {
 
   if (std::filesystem::exists("/dev/full")) {
     outcome = runchild([&] {
-      run.mdm.stream = openfile("/dev/full", "wb");
+      std::filesystem::remove("made.mdm");
+      std::filesystem::create_symlink("/dev/full", "made.mdm");
       make(job);
     });
     EXPECT_EQ(outcome.code, 5);
     EXPECT_TRUE(outcome.words.ends_with(" Unable to write. Full disk?\n")) << outcome.words;
   }
+}
+
+// Levels 2 and 3 need IDs only.
+TEST(Construction, LevelsWithoutVariables) {
+  Workplace workplace;
+  const Job job{{{1, 1, {1, 5}}, {1, 2, {3, 7}}}, {{1, 1, {}}, {1, 1, {}}, {1, 2, {}}}, {{1, 0, {}}}};
+  const Outcome outcome = runchild([&] {
+    make(job, 2, 0, 0);
+    run.mdm.stream = openfile("made.mdm", "rb");
+    readmdm();
+    UnitReader reader;
+    UnitBlock block;
+    startunits(reader, run.mdm.stream, run.mdm.firstblock, 2, 0, true);
+    while (readunit(reader, block)) std::printf("%g/%g %g\n", block.id3.number, block.id2.number, block.records[1]);
+  });
+  EXPECT_TRUE(outcome.words.ends_with("1/1 5\n1/2 7\n")) << outcome.words;
 }
 
 TEST(Construction, ProcessedLines) {

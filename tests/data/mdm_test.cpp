@@ -250,8 +250,8 @@ TEST_F(MdmFile, RefusesWhatDoesNotAgree) {
     const char* what;
     void (*spoil)(Sample& sample);
   } cases[] = {
-      {"a level has no variables", [](Sample& s) { s.numl2var = 0; }},
-      {"a level has no variables", [](Sample& s) { s.numl1var = -2; }},
+      {"its numbers of variables cannot be", [](Sample& s) { s.numl2var = -1; }},
+      {"its numbers of variables cannot be", [](Sample& s) { s.numl1var = -2; }},
       {"it is cut off", [](Sample& s) { s.numl3var = 2147483647; }},
       {"it has too many variables", [](Sample& s) { s.numl1var = s.numl2var = 2147483647; }},
       {"it is cut off", [](Sample& s) { s.numl1rec = 2147483647; }},

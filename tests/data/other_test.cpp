@@ -12,6 +12,7 @@
 #include "data/rawtest.h"
 #include "data/readers/plainnumber.h"
 #include "data/readers/st.h"
+#include "data/spellings.h"
 #include "data/workbook.h"
 #include "data/workbook97.h"
 #include "driver/constants.h"
@@ -306,6 +307,10 @@ struct Delimited : testing::Test {
     makefile("3.csv", "ID3;Z\na;0.1\nb;+2\n");
     recipe.id2 = "id2";
   }
+  static std::string told(const std::string& name) {
+    return "Variable " + name +
+           " cannot be told from another one of the level-1 file. Give its whole name, or rename one of them!\n";
+  }
   static std::string described(const std::string& level1) {
     makefile("1.csv", level1);
     return kdr::described("1.csv", 18);
@@ -318,17 +323,16 @@ TEST_F(Delimited, Tables) {
     std::string text;
     std::string shown;
   } cases[] = {
-      {one, "0 id3:2:1 id2:1:1 x:1:2 y:1:6 name:2:6\n[a][1][1][2][x, \"y\"]\n[a][1][.][3][]\n[b][2][.][-1500][]\n"},
+      {one, "0 id3:2:1 id2:1:1 x:1:2 y:1:6 name:2:6\n[a][1][1][2][x, \"y\"]\n[a][1][.][3][]\n[b][2][.][-1500][NA]\n"},
       {"\xEF\xBB\xBF\"a b\";c\r\n1;x\r\n\r\n 2 ;\"y\nz\"\r\n", "0 a b:1:1 c:2:3\n[1][x]\n[2][y\nz]\n"},
       {"a\tb\n1\t\n\t2", "0 a:1:1 b:1:1\n[1][.]\n[.][2]\nno line end follows its last line, which counts all the same"},
       {"a,b\r1,2\r", "0 a:1:1 b:1:1\n[1][2]\n"},
       {"\"a,b,c\";d\n1;2\n", "0 a,b,c:1:1 d:1:1\n[1][2]\n"},
-      {"a\n0x10\n", "0 a:2:4\n[0x10]\n"},
-      {"a\ninf\n", "0 a:2:3\n[inf]\n"},
-      {"a\n1e999\n", "0 a:2:5\n[1e999]\n"},
-      {"a\n1 2\n", "0 a:2:3\n[1 2]\n"},
       {"a\nthirteenchars\n", "0 a:2:13\n[thirteenchar+]\n"},
-      {"a\nNA\n", "0 a:1:2\n[.]\n"},
+      {"a,b\nNA,NA\nNaN,x\n.,.\n#N/A,\n3,TRUE\n", "0 a:1:4 b:2:4\n[.][NA]\n[.][x]\n[.][.]\n[.][]\n[3][TRUE]\n"},
+      {"a,b\nTRUE,True\nFALSE,false\n2,NA\n", "0 a:1:5 b:1:5\n[1][1]\n[0][0]\n[2][.]\n"},
+      {"sep=|\r\na|b,c\r\n1|2\r\n", "0 a:1:1 b,c:1:1\n[1][2]\n"},
+      {"\xEF\xBB\xBFSEP=;\na;b\n1,5;2\n3\n", "0\nline 4 has 1 fields, the header line has 2"},
       {"a,b\n", "0 a:1:0 b:1:0\n"},
       {"a,b\n1,2\n3", "0 a:1:1 b:1:1\n[1][2]\nit ends in the middle of line 3, which does not count"},
       {"a,b\n1,2\n3,\"4\n5,6\n",
@@ -396,6 +400,27 @@ TEST_F(Delimited, QuotesChangeNothing) {
       }
 }
 
+TEST_F(Delimited, NumberSpellings) {
+  std::string text = "a\n";
+  for (const Spelling& number : spellings(63)) text += number.text + "\n";
+  makefile("1.csv", text);
+  StHandle handle = ST_OpenEnvironment();
+  ASSERT_EQ(ST_OpenInputFile(handle, 18, "1.csv") + ST_ReadDict(handle), 1);
+  ASSERT_EQ(ST_GetVarType(handle, 0), 1) << ST_WhyText(handle, 0);
+  ST_SelectAllVars(handle);
+  StValue value{};
+  int second = 0;
+  for (const Spelling& number : spellings(63)) {
+    ASSERT_EQ(ST_ReadRecord(handle) + ST_GetVarData(handle, 0, &value, &second), 0);
+    ASSERT_EQ(std::bit_cast<std::uint64_t>(*value.number), std::bit_cast<std::uint64_t>(number.value)) << number.text;
+  }
+  ST_CloseFiles(handle);
+  for (const char* word : notnumbers)
+    EXPECT_EQ(described(std::string("a;b\n1,5;1\n") + "\"" + word + "\";1\n").substr(0, 5),
+              word == std::string("12,50") ? "0 a:1" : "0 a:2")
+        << word;
+}
+
 TEST_F(Delimited, MakesTheFile) {
   makefile("1.csv", "id3,id2,x,y,name\na,s1,1,2,\"x, \"\"y\"\"\"\na,s1,NA,3,\nb,s2,,-1.5e3,NA\n");
   makefile("2.csv", "ID3,ID2,W\na,s1,7\nb,s2,8\n");
@@ -422,35 +447,72 @@ TEST_F(Delimited, NumericIds) {
   makefile("2.csv", "ID3,id2,W\n,7,7\n1,2,7\n999999999999,123456789012,8\n");
   const std::string shown = contents("shown");
   EXPECT_EQ(makemdm(templateof(recipe)).words,
+            "2 level-3 records have no ID. They were passed over.\n"
             "3 level-1 records have no ID. They were passed over.\n"
             "1 level-2 records have no ID. They were passed over.\n" +
                 extrawords);
   EXPECT_EQ(contents("shown"), shown);
   makefile("1.csv", "ID3;id2;X;Y\n1;2;2.5;3,5\n");
+  EXPECT_EQ(
+      makemdm(templateof(recipe)).words,
+      "mdm variables must be numeric!\nVariable X of the level-1 file is a character variable: it has points where "
+      "the file has decimal commas.\n");
+  makefile("1.csv", "ID3,id2,Y,X\n1,2,5,5\n1,2,5,n.a.\n");
   EXPECT_EQ(makemdm(templateof(recipe)).words,
-            "mdm variables must be numeric!\nVariable X of the level-1 file is a character variable.\n");
+            "mdm variables must be numeric!\nVariable X of the level-1 file is a character variable: line 3 holds "
+            "\"n.a.\".\n");
+  // Digits are texts where the other ID is one; NA is an ID too.
+  makefile("1.csv", "ID3,id2,X,Y\nA,01,1,2\nNA,1,3,4\n");
+  makefile("2.csv", "ID3,id2,W\nA,01,7\nNA,1,8\n");
+  makefile("3.csv", "ID3,Z\nA,7\nNA,8\n");
+  EXPECT_EQ(makemdm(templateof(recipe)).words, "");
+  EXPECT_TRUE(contents("shown").ends_with("A 01 0x1.cp+2\n 0x1p+0 0x1p+1\nNA 1 0x1p+3\n 0x1.8p+1 0x1p+2\n"));
 }
 
-// Names count by their first 8 characters; none is cut in two.
+// A variable is told by its whole name, or by its first 8 characters where that is enough; names in the MDM file
+// have 8.
 TEST_F(Delimited, Names) {
   const std::string a = "\xC3\xA4";
   const std::string twelve = a + a + a + a + a + a + "sixmor";
-  makefile("1.csv", "id3,id2,mathscore1,mathscore2," + twelve + ",sevenup" + a + "\na,p,1,2,3,4\n");
+  makefile("1.csv", "id3,id2,mathscore_1,mathscore_2,a name far too long for a table,mathscore_9x," + twelve +
+                        ",Case,CASE\n" + "a,p,1,2,3,4,5,6,7\n");
   makefile("2.csv", "id3,id2,w\na,p,5\n");
   makefile("3.csv", "id3,z\na,6\n");
-  for (const std::string name : {"mathscore1", "mathscore2", "MATHSCOR"}) {
-    recipe.names[0] = name + "\n";
+  const struct {
+    std::string names;
+    std::string words;
+    std::string record;
+  } cases[] = {
+      {"mathscore_1\n", "", "0x1p+0"},
+      {"MATHSCORE_2\n", "", "0x1p+1"},
+      {"a name far too long for a table\n", "", "0x1.8p+1"},
+      {"a name f\n", "", "0x1.8p+1"},
+      {"mathscore_9\n", "", "0x1p+2"},
+      {twelve + "\n", "", "0x1.4p+2"},
+      {a + a + a + a + "\n", "", "0x1.4p+2"},
+      {"CASE\n", "", "0x1.cp+2"},
+      {"Case\n", "", "0x1.8p+2"},
+      {"mathscore_3\n", "Variable mathscore_3 not found!\n", ""},
+      {"mathscore\n", told("mathscore"), ""},
+      {"MATHSCOR\n", told("MATHSCOR"), ""},
+      {"case\n", told("case"), ""},
+      {"thirteenchars\n", "Variable name thirteenchars is too long!\n", ""},
+      {"mathscore_1\nmathscore_2\n",
+       "Two variables of the level-1 file 1.csv would have the name MATHSCOR: names count by their first 8 "
+       "characters!\n",
+       ""},
+  };
+  for (const auto& c : cases) {
+    recipe.names[0] = c.names;
     const Outcome outcome = makemdm(templateof(recipe));
-    EXPECT_EQ(outcome.code, 100);
-    EXPECT_EQ(outcome.words, "Variable " + name +
-                                 " cannot be told from another one of the level-1 file: names count by their first 8 "
-                                 "characters!\n");
+    EXPECT_EQ(outcome.words, c.words);
+    EXPECT_EQ(outcome.code, c.words.empty() ? 0 : 100) << c.names;
+    const std::string shown = contents("shown");
+    EXPECT_TRUE(shown.ends_with(c.record.empty() ? "" : " " + c.record + "\n")) << c.names << shown;
+    if (!c.words.empty()) continue;
+    EXPECT_EQ(makemdm(contents(templatecopy)).code, 0) << c.names;
+    EXPECT_EQ(contents("shown"), shown);
   }
-  recipe.names[0] = twelve + "\nsevenup" + a + "\n";
-  EXPECT_EQ(makemdm(templateof(recipe)).code, 0);
-  EXPECT_EQ(contents("shown").substr(0, 26), "INTRCPT1\n" + a + a + a + a + "\nSEVENUP\n");
-  makefile("1.csv", "id3,id2," + twelve + "t,x\na,p,1,2\n");
-  EXPECT_EQ(makemdm(templateof(recipe)).words, "Variable names limited to 12 characters!\n");
 }
 
 TEST_F(Delimited, Refusals) {
@@ -461,12 +523,16 @@ TEST_F(Delimited, Refusals) {
   };
   Recipe absent = recipe;
   absent.id3 = "NONE";
+  makeworkbook(
+      "unlike.xlsx",
+      {row(cell("t='str'", "<v>id3</v>") + cell("t='str'", "<v>z</v>")) + row(number("1") + number("2")), {}, {}, {}});
+  Recipe unlike = recipe;  // texts in delimited text, numbers in a workbook
+  unlike.file[2] = "unlike.xlsx /excel";
   std::string noids = templateof(recipe);
   noids.erase(noids.find("level2id"), 13);
-  makefile("long.csv", "id3,thirteenchars\n1,2\n");
-  makefile("ids.csv", "id3,id2,x,y\n9999999999999,1,2,3\n9999999999999.5,1,2,3\n");
-  makefile("two.csv", "id3,id2,w\n9999999999999,1,2\n");
-  makefile("three.csv", "id3,z\n9999999999999,1\n");
+  makefile("ids.csv", "id3,id2,x,y\n999999999999,1,2,3\n9999999999999,1,2,3\n");
+  makefile("two.csv", "id3,id2,w\n999999999999,1,2\n");
+  makefile("three.csv", "id3,z\n999999999999,1\n");
   makefile("bad.csv", "id3,id2\n1\n");
   makeworkbook("formula.xlsx", {names("a") + row(cell("", "<f>1</f>")), {}, {}, {}});
   const Recipe ids{
@@ -485,7 +551,6 @@ TEST_F(Delimited, Refusals) {
        "xbase, sas-sun, sas-linux, sasx, spss-hl, spssp, stata, stata/se.\n"},
       {file("none.csv /delim"), 100, "\nnone.csv does not exist!\n"},
       {file(". /delim"), 100, "\n. cannot be opened for reading!\n"},
-      {file("long.csv /delim"), 100, "Variable names limited to 12 characters!\n"},
       {file("bad.csv /delim"), 1,
        "bad.csv cannot be read as delim: line 2 has 1 fields, the header line has 2.\n bad.csv is an empty file\n"},
       {file("1.csv /excel"), 1,
@@ -496,7 +561,7 @@ TEST_F(Delimited, Refusals) {
        "program.\n formula.xlsx is an empty file\n"},
       {templateof(absent), 100, "id variable not found!\n"},
       {noids, 100, "ID specification must immediately follow *begin line!\n"},
-      {templateof(recipe), 100, "ID's must be both be character or both numeric!\n"},
+      {templateof(unlike), 100, "ID's must be both be character or both numeric!\n"},
       {templateof(ids), 100,
        "ID must be no more than 12 digits long\nIt stands in record 2 of the level-1 file ids.csv.\n"},
   };

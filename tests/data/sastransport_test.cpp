@@ -141,7 +141,11 @@ TEST_F(Sas, NarrowFieldsAndNumericIds) {
   EXPECT_EQ(outcome.code, 0);
   // The level-3 rows without an ID and without Z go, with the latter its unit; 1.9 becomes 1.
   EXPECT_NE(contents("shown").find("Z\n1 0x1.8p-1\n1 10"), std::string::npos) << contents("shown");
-  EXPECT_EQ(outcome.words, extrawords);
+  EXPECT_EQ(
+      outcome.words,
+      "1 level-3 records have no ID. They were passed over.\n1 IDs of the level-3 file have a fraction, which does "
+      "not count. The first one is 1.9 in record 2.\n" +
+          extrawords);
 }
 
 TEST_F(Sas, DataThatEndEarly) {
@@ -220,7 +224,8 @@ TEST_F(Sas, Refusals) {
     std::string words;
   } cases[] = {
       {"", recipe, 1, seems + empty},
-      {with(20, "LIBV8  "), recipe, 1, seems + empty},
+      {with(20, "LIBV8  "), recipe, 1,
+       seems + "It is one of version 8, which is read with rawdattype:other and the file type /sasx.\n" + empty},
       {whole.substr(0, 79), recipe, 1, seems + empty},
       {whole.substr(0, 300), recipe, 1, broken + "its heads are not whole.\n" + empty},
       {with(3 * 80 + 75, "141"), recipe, 100, seems},
@@ -299,6 +304,7 @@ TEST(SasConvert, RunsTheJob) {
       "I don't see chem.ssp, but I do see chem.ssd.\nWould you like me to convert it to a transport file? ";
   const auto convert = [](const char* path, const char* answer) {
     makefile("answers", answer);
+    std::remove("xyzzy.log");
     return runchild([path] {
       if (std::freopen("answers", "r", stdin) == nullptr) return;
       std::printf(sasconvert(path) ? "done" : "not done");
@@ -320,6 +326,16 @@ TEST(SasConvert, RunsTheJob) {
             "proc copy in=fileout out=tranfile;\nselect chem;\nrun;\n");
   EXPECT_FALSE(std::filesystem::exists("xyzzy.sas"));
   EXPECT_FALSE(std::filesystem::exists("xyzzy.log"));
+  // Files of the user's own, and names that would be more than a name in a job.
+  makefile("xyzzy.sas", "mine");
+  std::remove("chem.ssp");
+  EXPECT_EQ(convert("chem.ssp", "y\n").words,
+            question + "The SAS job would overwrite xyzzy.sas. Please rename it.\nnot done");
+  EXPECT_EQ(contents("xyzzy.sas"), "mine");
+  std::remove("xyzzy.sas");
+  makefile("x; endsas.ssd", "data set");
+  EXPECT_TRUE(convert("x; endsas.ssp", "y\n")
+                  .words.ends_with("x; endsas is no name that a SAS job can have for a data set.\nnot done"));
   const struct {
     const char* dataset;
     const char* transport;

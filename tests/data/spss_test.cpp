@@ -319,9 +319,39 @@ TEST_F(Spss, Refusals) {
       EXPECT_EQ(runchild([] { readtemplate("t.mdmt"); }).words, words + " file is an empty file\n");
     }
   }
-  const Sav largest{good.dictionary, 4, cells({9999999999999.0, 123456789012.0, 1, 1})};
-  EXPECT_EQ(readraw("spss", largest.bytes(), columns).id3[0], "9999999999999");
+  const Sav largest{good.dictionary, 4, cells({999999999999.0, 123456789012.0, 1, 1})};
+  EXPECT_EQ(readraw("spss", largest.bytes(), columns).id3[0], "999999999999");
   EXPECT_EQ(readraw("spss", largest.bytes(), columns).id2[0], "123456789012");
+}
+
+// Whole names, of ID columns and in other letters too, come before the short ones that the file makes of them.
+TEST_F(Spss, LongNames) {
+  Sav sav{variable("AREA_NUM", 0) + variable("SCH", 0) + variable("MATHSCOR", 0) + variable("V2_A", 0) +
+              variable("\xC3\x84 9", 0),
+          5, cells({1, 2, 3, 4, 5})};
+  sav.records = extension(13, 1,
+                          "AREA_NUM=area_number_of_the_study\tSCH=school\tMATHSCOR=mathscore_1\tV2_A=mathscore_2\t"
+                          "\xC3\x84 9=\xC3\x84lter in Jahren");
+  const Records records =
+      readraw("spss", sav.bytes(),
+              {"area_number_of_the_study", "SCHOOL", {"Mathscore_1", "mathscore_2", "\xC3\x84lter in Jahren"}});
+  EXPECT_EQ(records.values, (std::vector<std::vector<double>>{{3, 4, 5}}));
+  EXPECT_EQ(records.id3[0] + records.id2[0], "12");
+  EXPECT_EQ(readraw("spss", sav.bytes(), {"area_num", "sch", {"v2_a"}}).values[0][0], 4);
+  EXPECT_EQ(refuseraw("spss", sav.bytes(), {"area_num", "sch", {"mathscore_3"}}).words,
+            "Variable mathscore_3 not found!\n");
+  EXPECT_EQ(refuseraw("spss", sav.bytes(), {"area_num", "sch", {"mathscor"}}).words,
+            "Variable mathscor cannot be told from another one of the level-1 file. Give its whole name, or rename one "
+            "of them!\n");
+}
+
+TEST_F(Spss, OtherBias) {
+  Sav sav{ids + variable("X", 0) + variable("Y", 0), 4, "\x02\x03\x04\x01\xfc" + std::string(3, '\0'), 1};
+  std::string bytes = sav.bytes();
+  bytes.replace(84, 8, lowbytes(0.0));
+  const Records records = readraw("spss", bytes, columns);
+  EXPECT_EQ(records.values, (std::vector<std::vector<double>>{{4, 1}}));
+  EXPECT_EQ(records.id3[0] + records.id2[0], "23");
 }
 
 // Some writers leave the number of slots out.

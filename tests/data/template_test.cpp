@@ -63,12 +63,14 @@ TEST_F(Template, WritesBackWhatItRead) {
       {"as written", whole, whole},
       {"line ends of the other kind", crlf, whole},
       {"one missing code", same, same},
-      {"comments, blanks, unknown lines",
-       with(whole, "mdmname:", "# mdmname:no\n mdmname:no\n\nCOLOUR:red\nMDMNAME:   ") + "rest", whole},
-      {"a code is a number with anything behind it", with(whole, "-9.000000", "  -9 x"), whole},
+      {"comments and blanks", with(whole, "mdmname:", "# mdmname:no\n mdmname:no\n\nMDMNAME:   "), whole},
+      {"a byte order mark", "\xEF\xBB\xBF" + whole, whole},
+      {"blanks behind colons",
+       with(with(with(with(whole, "y/DIFF", " y/DIFF"), ":analysis", ": analysis"), "var:2", "var: 2"), "pe:2",
+            "pe: 2"),
+       whole},
       {"the older growth keyword", with(whole, "mdmtype:2", "GROWTHMODEL:y"), with(whole, "mdmtype:2", "mdmtype:1")},
       {"the later type holds", with(whole, "mdmtype:2", "GROWTHMODEL:Y\nMDMTYPE:2"), whole},
-      {"a type that is none", with(whole, "mdmtype:2", "mdmtype:7"), with(whole, "mdmtype:2", "mdmtype:0")},
       {"defaults", with(with(none, "timeofdeletion:analysis\n", ""), "l1missing:n\n", ""),
        with(none, "analysis", "now")},
       {"colons behind block words, longer words",
@@ -87,6 +89,9 @@ TEST_F(Template, WritesBackWhatItRead) {
 TEST_F(Template, Refusals) {
   const std::string nofile = "Must specify raw data type and input file name before variable names!\n";
   const std::string notype = "Must specify raw data type before input file name!\n";
+  const auto invalid = [](int line) {
+    return "Line " + std::to_string(line) + " of the template t.mdmt has a value that is not valid.\n";
+  };
   const std::string badmissing = "Incorrect specification of ASCII missing information!\n";
   const struct {
     std::string text;
@@ -103,7 +108,20 @@ TEST_F(Template, Refusals) {
       {with(whole, "/DIFFERENT", "/OTHER"), badmissing},
       {with(whole, "/DIFFERENT", ""), badmissing},
       {with(whole, "-9.000000", "none"), badmissing},
-      {head + "l1missing:y\n" + with(whole, "l1missing:y/DIFFERENT\n", ""), badmissing},
+      {with(whole, "-9.000000", "-9,5"), badmissing},
+      {with(whole, "mdmtype:2", "mdmtype:7"), invalid(2)},
+      {with(whole, "mdmtype:2", "growthmodel:"), invalid(2)},
+      {with(whole, "y/DIFFERENT", "maybe"), invalid(13)},
+      {with(whole, ":analysis", ":later"), invalid(16)},
+      {with(whole, "numl2var:1", "numl2var:1 2"), invalid(8)},
+      {whole + "COLOUR:\x1Bred\n", "Line 28 of the template t.mdmt has no keyword of a template: COLOUR:?red\n"},
+      {with(whole, "(2A2,F3.0)", "(2A2,T1,F3.0)"),
+       " Unusable format type: T\n\nThe format of the level-2 file cannot be used.\n"},
+      {with(whole, "\nX\nY\n", "\nLONGNAME1\nLONGNAME2\n"),
+       "Two variables of the level-1 file one would have the name LONGNAME: names count by their first 8 "
+       "characters!\n"},
+      {with(whole, "\nW\n", "\nintrcpt1\n"), "A level-2 variable must not bear the name of an intercept, INTRCPT1!\n"},
+      {head + "l1missing:y\n" + with(whole, "l1missing:y/DIFFERENT\n-9.000000\n99.000000\n", ""), badmissing},
       {with(whole, "ascii", "text"), "Invalid raw data type.\n"},
       {with(whole, "\nW\n", "\nabcdefghijklm\n"), "Variable name abcdefghijklm is too long!\n"},
       {with(whole, "*end l2vars", "*end l4vars"), "There are more than 1 level-2 variable names!\n"},

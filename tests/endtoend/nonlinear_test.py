@@ -44,13 +44,24 @@ def flat(program, holder):
     return go
 
 
+def held(program, holder):
+    """Held elements stand on the scale of the link, also behind the first pass, whose estimates change scale."""
+    def go(c):
+        for keyword, name in (('ESTTAU2:0.5', 'taupi'), ('ESTTAU3:0.5', 'taubeta')):
+            pql.tight(holder.name + '/care.kdr', holder.name + '/held.kdr', [keyword, 'OUTPUT:held.txt'])
+            sections = pql.results(c, program, holder.name, 'prenatal.mdm', 'held.kdr', 'held.txt')
+            if sections:
+                c.near(keyword, getattr(sections['unit-specific'], name)[0][0], 0.5, 1e-9)
+    return go
+
+
 def main():
     program, pick = os.path.abspath(sys.argv[1]), sys.argv[2:]
     made = pql.folder(program, pql.REFERENCE + '/nonlinear', 'nonlin.mdmt')
     holders = {name: pql.folder(program, '%s/%s' % (pql.EXAMPLES, name), name + '.mdmt') for name in ('prenatal', 'melanoma')}
     jobs = [(tag, examplejob(program, holders[name], name, command, settings, tag))
             for name, command, settings, tag in EXAMPLES]
-    jobs += pql.madejobs(program, made, COUNTS) + [('flat', flat(program, made))]
+    jobs += pql.madejobs(program, made, COUNTS) + [('flat', flat(program, made)), ('held', held(program, holders['prenatal']))]
     return pql.each(program, jobs, pick)
 
 

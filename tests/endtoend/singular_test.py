@@ -66,7 +66,7 @@ def study(units3, units2, records, sd2=(1, 0.5), sd3=(0.7, 0.3), sde=1.0, y=None
             for _ in range(records(len(rows2)) if callable(records) else records):
                 x = rng.gauss(0, 1)
                 value = 1 + u0 + v0 + (2 + u1 + v1) * x + rng.gauss(0, 1) * sde if y is None else y(x)
-                rows1.append("%4d%4d%12.6f%12.6f%12.6f\n" % (k, j, value, x, 2 * x + 1))
+                rows1.append("%4d%4d%12.5f%12.6f%12.6f\n" % (k, j, value, x, 2 * x + 1))
     work.write("s1.dat", "".join(rows1))
     work.write("s2.dat", "".join(rows2))
     work.write("s3.dat", "".join(rows3))

@@ -468,18 +468,15 @@ def otherpackages():
     ):
         done = work.run(answers="\n".join(["y", "6", *replies]) + "\n")
         check(done.returncode == code and words in done.stdout, f"{replies}: {done.returncode} {done.stdout[-600:]}")
-    # Names that cannot be told apart cannot be chosen.
-    work.write("alike.csv", "mathscore1,id2,mathscore2,x\n1,1,2,3\n")
-    done = work.run(answers="\n".join(["y", "6", "alike.csv /delim", *good[1:], "1", "2", "4", "3", "0"]) + "\n")
-    alike = (
-        "Variable MATHSCOR cannot be told from another one of the level-1 file: "
-        "names count by their first 8 characters!\n"
-    )
-    check(
-        f"level-3 ID? {alike} What variable is the level-3 ID?" in done.stdout
-        and f"(enter 0 to end): {alike}" in done.stdout,
-        f"names alike\n{done.stdout[-900:]}",
-    )
+    # Names that are alike in 8 characters are shown whole, and one of them only can be chosen.
+    work.write("alike.csv", "mathscore1,id2,mathscore2,mathscore3,intrcpt1\n1,1,2,3,4\n")
+    done = work.run(answers="\n".join(["y", "6", "alike.csv /delim", *good[1:], "1", "2", "3", "4", "5", "0"]) + "\n")
+    for words in (
+        " For mathscore1 enter  1 ",
+        "(enter 0 to end): You have already chosen a variable MATHSCOR: names count by their first 8 characters!\n",
+        "(enter 0 to end): INTRCPT1 is the name of an intercept!\n",
+    ):
+        check(words in done.stdout, f"names alike\n{done.stdout[-900:]}")
 
 
 for part in (sessions, choosing, otherpackages, keys, badanswers, missing, converting, startingvalues):

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "data/mdm.h"
+#include "data/resultfile.h"
 #include "data/unitreader.h"
 #include "dense.h"
 #include "driver/runrecord.h"
@@ -124,9 +125,10 @@ struct Study {
     run.files.mdmfile = path;
     run.mdm.numl2rec = run.mdm.nunits2;
     run.mdm.numl3rec = run.mdm.nunits3;
-    std::FILE* file = std::fopen(path.c_str(), "wb");
-    writemdmtables(file);
-    for (const UnitBlock& block : blocks) writeunit(file, block, 4, 2, true);
+    ResultFile file;
+    openresult(file, path);
+    writemdmtables(file.stream);
+    for (const UnitBlock& block : blocks) writeunit(file.stream, block, 4, 2, true);
     finishmdm(file);
     run.mdm.stream = std::fopen(path.c_str(), "rb");
     readmdm();

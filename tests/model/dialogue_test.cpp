@@ -91,7 +91,7 @@ TEST_F(Dialogue, WholeConversation) {
                                    "y\ny\ny\nn\nn\nn\n"        // 1 and 2 equal; the groups are numbered anew
                                    "n\n"
                                    "y\ny\n1\n0\n-1\n0\n0\nn\nn\ny\n100.5\n7\n"  // one contrast, the deviance
-                                   "y\no\n"                                     // latent variable regression
+                                   "n\n"                                        // no latent variable regression
                                    "y\n3\n0\n"                                  // level-2 residual file with W2
                                    "n\n4\n"                                     // Stata
                                    "20\nA title\n");
@@ -109,7 +109,7 @@ TEST_F(Dialogue, WholeConversation) {
       << outcome.words;
   const std::string text = contents("new.kdr");
   for (const char* line : {"NUMIT:20\n", "RESFILTYPE:STATA\n", "RESFIL2:Y/W,W2/P\n", "RESFIL2NAME:resfil2.dta\n",
-                           "CONSTRAIN:1,1,0,2,2,0,0\n", "DEVIANCE:100.500000\nDF:7\n", "LVR-BETA:O\n",
+                           "CONSTRAIN:1,1,0,2,2,0,0\n", "DEVIANCE:100.500000\nDF:7\n", "LVR-BETA:N\n",
                            "TITLE:A title\n", "GAMMA1:1.0000,0.0000,0.0000,-1.0000,0.0000,0.0000,0.0000\n"})
     EXPECT_TRUE(holds(text, line)) << line << text;
   for (const char* words :
@@ -132,7 +132,7 @@ TEST_F(Dialogue, KindsOfOutcome) {
   const Case cases[] = {
       {"y\n1\n20\n10\nn\ny\n30\n4\n" + model,
        {"MACROIT:20\nMICROIT:10\nNONLIN:BERNOULLI\nLAPLACE:y,30\n",
-        "#LEVEL1:Y=INTRCPT1+RANDOM\nLEVEL1:Z=INTRCPT1+RANDOM\n", "FIXSIGMA2:1.000000\n"}},
+        "#KDR3 LEVEL1:Y=INTRCPT1+RANDOM\nLEVEL1:Z=INTRCPT1+RANDOM\n", "FIXSIGMA2:1.000000\n"}},
       {"y\n2\n20\n10\ny\n4\n0\n4\n6\n" + model.substr(2), {"NONLIN:BINOMIAL,T\n"}},
       {"y\n4\n20\n10\ny\n4\n0\n6\n" + model.substr(2), {"NONLIN:POISSON,T\n"}},
       {"y\n6\n20\n10\n4\n3\n" + model,
@@ -140,7 +140,7 @@ TEST_F(Dialogue, KindsOfOutcome) {
       {"y\n5\n20\n10\n4\n3\n3\n0\nn\nn\n1\n0\n0\n0\n0\nn\nn\nn\nn\nn\nn\n0\n0\n0\n0\n0\nn\n0\n0\n0\n0\n0\n0\n0\n0\n0\n",
        {"NONLIN:MULTINOMIAL,3\n",
         "LEVEL2:INTRCPT1=INTRCPT2+V+RANDOM/\nLEVEL3:INTRCPT2=INTRCPT3+RANDOM/\nLEVEL3:V=INTRCPT3+RANDOM/\n"
-        "LEVEL2:X=INTRCPT2+RANDOM/\nLEVEL3:INTRCPT2=INTRCPT3+RANDOM/\n#LEVEL1:Y=INTRCPT1+X+RANDOM\n"}},
+        "LEVEL2:X=INTRCPT2+RANDOM/\nLEVEL3:INTRCPT2=INTRCPT3+RANDOM/\n#KDR3 LEVEL1:Y=INTRCPT1+X+RANDOM\n"}},
   };
   for (const Case& c : cases) {
     const Outcome outcome = converse(rest, c.answers);

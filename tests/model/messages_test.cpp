@@ -14,6 +14,7 @@ struct Case {
 };
 
 const std::string bernoulli = "NONLIN:BERNOULLI\nMACROIT:10\nMICROIT:10\n";
+const std::string ordinal = "NONLIN:ORDINAL,3\nMACROIT:3\n";
 const std::string unknown = "Batch file ";
 
 std::vector<Case> cases() {
@@ -138,12 +139,17 @@ std::vector<Case> cases() {
       {bernoulli + "STOPVAL:0.1\n", 100,
        " The stopval directive should not be used when specifying a non-linear model.\n"
        " Use the stopmicro and stopmacro keywords.\n"},
+      {"NUMIT:5\nAGQ:Y,20,7\n", 100, "Adaptive quadrature may only be done on non-linear analyses.\n"},
+      {bernoulli + "AGQ:Y,20,2\n", 100, "\nToo many iterations in gauher!\n"},
+      {bernoulli + "AGQDERIVLEVEL:3\n", 100, "agqderivlevel must be set to 1 or 2!\n"},
       {"NUMIT:5\nLAPLACE:Y\n", 100, "LaPlace iterations may only be done on Bernoulli analyses."},
       {"NONLIN:BINOMIAL,T\nMACROIT:3\nLAPLACE:Y,20\n", 100,
        "LaPlace iterations may only be done on Bernoulli analyses."},
       {"NONLIN:MULTINOMIAL,3\nMACROIT:3\nAGQ:Y,20,7\n", 0,
        " The program cannot do adaptive quadrature for multinomial/ordinal runs yet.\n"},
       {samplemodel + "LVR-BETA:O,P\nFISHERTYPE:0\n", 100, "You cannot do LVR and set fishertype:0!\n"},
+      {samplemodel + "LVR-BETA:O,I\n", 100,
+       "A latent variable regression needs an outcome and a predictor among its coefficients!\n"},
       {"NONLIN:MULTINOMIAL,2\nMACROIT:3\n" + samplemodel + "LVR-BETA:O,P\n", 100,
        " The program cannot do latent variable regressions in a multinomial run.\n"},
       {samplemodel + "NONLIN:BINOMIAL,X\nMACROIT:3\n", 100,
@@ -152,6 +158,21 @@ std::vector<Case> cases() {
        " The poisson variable exposure variable is also used in the model!\n"},
       {"NONLIN:ORDINAL,4\nMACROIT:3\nLEVEL1:Y=INTRCPT1+THOLD2\n", 100,
        "There are not enough thresholds specified on the level-1 line.\n"},
+      {"NONLIN:MULTINOMIAL,4\nMACROIT:3\n" + samplemodel + samplemodel, 100,
+       "There are 2 sets of equations in the command file where 3 are needed!\n"},
+      {ordinal + "LEVEL1:Y=INTRCPT1+THOLD2,2\n", 100, "The threshold THOLD2 cannot be centered!\n"},
+      {ordinal + "LEVEL1:Y=THOLD2\nLEVEL2:THOLD2=\n", 0, ""},
+      {ordinal + "LEVEL1:Y=THOLD2\nLEVEL2:THOLD2=RANDOM\n", 100,
+       "The threshold THOLD2 can have no equation of its own!\n"},
+      {ordinal + "LEVEL1:Y=THOLD2\nLEVEL2:THOLD2=INTRCPT2/\n", 100,
+       "The threshold THOLD2 can have no equation of its own!\n"},
+      {samplemodel + "GAMMA1:1\nGAMMA2:1\nGAMMA1:0,1\n", 100, "The lines GAMMA1: must stand together!\n"},
+      {samplemodel + "GAMMA1:1\nGAMMA3:1\n", 100, "There is no line GAMMA2: before the line GAMMA3:!\n"},
+      {samplemodel + "GAMMA1:0,nan\n", 100, "Invalid number in a contrast: nan\n"},
+      {samplemodel + "GAMMA1:0,1x\n", 100, "Invalid number in a contrast: 1x\n"},
+      // The line that the writer puts before the equation of a non-linear run, and that nobody else does.
+      {bernoulli + "#KDR3 LEVEL1:Y=INTRCPT1+X,1+RANDOM\nLEVEL1:Z=INTRCPT1+A+RANDOM\n", 100,
+       "The line #KDR3 LEVEL1: and the line LEVEL1: behind it have different terms!\n"},
       {"DEVIANCE:100\n", 0, " Deviance and df must be specified together\n"},
       {"DEVIANCE:100\nDF:5\n", 0, ""},
   };

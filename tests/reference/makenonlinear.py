@@ -1,6 +1,6 @@
 """Makes nonlinear/: one small data set with outcomes of every kind, its template and the command files.
 
-26 level-3 units of unequal size; two categories of YMUL5 and one of YORD5 are rare. Run it again to get
+26 level-3 units of unequal size; one category of YORD5 is rare, two of YMUL5 are, which no model uses yet. Run it again to get
 the same bytes.
 """
 import numpy as np

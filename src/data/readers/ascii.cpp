@@ -4,6 +4,7 @@
 #include <cctype>
 #include <cmath>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 
 #include "data/buildlog.h"
@@ -12,6 +13,7 @@
 #include "data/scratch.h"
 #include "driver/constants.h"
 #include "driver/failures.h"
+#include "driver/formatted.h"
 #include "driver/runrecord.h"
 
 namespace kdr {
@@ -19,35 +21,25 @@ namespace kdr {
 namespace {
 
 constexpr int maxidwidth = 12;
+constexpr std::size_t mostshown = 60;  // bytes of a field in a message
 constexpr int mostcount = 1000000000;  // a longer number in a format counts as this
 
-// The format of one level, read item by item as the records first reach them, and its text.
+// The format of one level, its text, and what the records so far gave cause to tell.
 struct AsciiLevel {
   TextStream text;
   char format[maxformat];
-  std::size_t parsed;            // characters of the format that items have taken
-  std::size_t items;             // items so far
+  std::size_t items;             //
   FormatItem item[maxformat];    //
   std::size_t start[maxformat];  // where each begins in the format text
+  long long crossing;            // records that took bytes of more lines than the format has
+  long long firstcrossing;       // line on which the first of them starts
+  bool firstblank;               // that line is empty
+  long long lettersline;         // first line with letters of several bytes in front of a value
 };
 
 AsciiLevel levels[3];
 
 int addigit(int number, char digit) { return std::min(number, (mostcount - 9) / 10) * 10 + (digit - '0'); }
-
-// Item i of the format, or null when the format text has ended before it.
-const FormatItem* itemat(AsciiLevel& ascii, std::size_t i) {
-  if (i == ascii.items) {
-    if (ascii.format[ascii.parsed] == '\0') return nullptr;
-    ascii.start[i] = ascii.parsed;
-    ascii.item[i] = nextitem(ascii.format + ascii.parsed);
-    ascii.parsed += static_cast<std::size_t>(ascii.item[i].consumed);
-    ++ascii.items;
-  } else if (ascii.item[i].worded) {
-    (void)nextitem(ascii.format + ascii.start[i]);  // an item speaks at each record that uses it
-  }
-  return &ascii.item[i];
-}
 
 bool isblank(const char* bytes, std::size_t width) {
   return std::all_of(bytes, bytes + width, [](char c) { return c == ' ' || (c >= '\t' && c <= '\r'); });
@@ -69,40 +61,76 @@ bool plainnumber(const char* bytes, std::size_t width, double& value) {
   return endsinnumber(bytes, width, value, before) && blankstart(bytes, before);
 }
 
-// Any other field.
+// Any other field: a number in decimal notation with nothing but blanks around it, or blanks alone, which are a missing
+// value. False for any other text, and for a number that no double can hold.
 [[gnu::noinline]] bool othernumber(const char* bytes, std::size_t width, double& value) {
   if (isblank(bytes, width)) {
     value = missingcode;
     return true;
   }
-  char field[maxfield + 1];
-  std::memcpy(field, bytes, width);
-  field[width] = '\0';
-  return std::sscanf(field, "%lf", &value) == 1 && std::isfinite(value);
-}
-
-// Converts a value field as the library's scan conversion does. A blank field is a missing value. False when the text
-// is no number, or none that a double can hold.
-bool convertfield(const char* bytes, std::size_t width, double& value) {
-  return plainnumber(bytes, width, value) || othernumber(bytes, width, value);
-}
-
-[[noreturn]] void mismatch(const AsciiLevel& ascii, std::size_t i) {
-  stopwith("\nData do not match format at %s\n", ascii.format + ascii.start[i]);
+  std::string field(bytes, width);
+  const auto blanks = std::string_view(" \t\n\v\f\r");
+  field.erase(field.find_last_not_of(blanks) + 1);
+  field.erase(0, field.find_first_not_of(blanks));
+  if (field.find_first_not_of("+-.0123456789eE") != field.npos) return false;
+  char* end = nullptr;
+  value = std::strtod(field.c_str(), &end);
+  return *end == '\0' && std::isfinite(value);
 }
 
 // The record in hand, while it is read.
 struct RecordInHand {
   int level;
-  int idfields;        // IDs of this level
-  int wanted;          // values and IDs still to come
-  int openids;         // IDs still to come
-  int stored = 0;      // values so far
-  bool found = false;  // something but blanks was read
+  int idfields;  // IDs of this level
+  int wanted;    // values and IDs still to come
+  int openids;   // IDs still to come
   Id* id3;
   Id* id2;
   double* values;
+  int stored = 0;          // values so far
+  bool found = false;      // something but blanks was read
+  bool crossing = false;   // a field or a skip took the end of a line
+  long long lines = 0;     // line ends so far
+  std::size_t column = 0;  // bytes of the line in hand so far
 };
+
+// Counts the bytes of a field or of a skip.
+void passbytes(RecordInHand& record, const char* bytes, std::size_t width) {
+  const char* end = bytes + width;
+  record.column += width;
+  for (const char* at = bytes;
+       (at = static_cast<const char*>(std::memchr(at, '\n', static_cast<std::size_t>(end - at)))) != nullptr;) {
+    ++at;
+    ++record.lines;
+    record.crossing = true;
+    record.column = static_cast<std::size_t>(end - at);
+  }
+}
+
+// A letter that UTF-8 writes in several bytes, in columns in front of the values, moves them from their place.
+void lookforletters(AsciiLevel& ascii, const RecordInHand& record, const char* bytes, std::size_t width) {
+  if (ascii.lettersline != 0) return;
+  const auto lead = [](char c) {
+    return static_cast<unsigned char>(c) >= 0xC2 && static_cast<unsigned char>(c) <= 0xF4;
+  };
+  for (std::size_t i = 0; i + 1 < width; ++i)
+    if (lead(bytes[i]) && (static_cast<unsigned char>(bytes[i + 1]) & 0xC0U) == 0x80U) {
+      ascii.lettersline = recordline(ascii.text) + record.lines;
+      countextra();
+      logboth(
+          "Line %lld of %s has letters of more than one byte in front of its values. Fields count bytes, not "
+          "letters.\n",
+          ascii.lettersline, raw.level[record.level].filename.c_str());
+      return;
+    }
+}
+
+[[noreturn]] void mismatch(AsciiLevel& ascii, const RecordInHand& record, std::string_view field, std::size_t i) {
+  stopwith("\nData do not match format at %s\nLine %lld of %s holds \"%s\" in columns %zu to %zu.\n",
+           ascii.format + ascii.start[i], recordline(ascii.text) + record.lines,
+           raw.level[record.level].filename.c_str(), printable(field.substr(0, mostshown)).c_str(), record.column + 1,
+           record.column + field.size());
+}
 
 // The record's bytes ran out. Says so when that loses anything.
 int cutrecord(AsciiLevel& ascii, RecordInHand& record, std::size_t width) {
@@ -125,6 +153,8 @@ int takeid(AsciiLevel& ascii, RecordInHand& record, const FormatItem& item) {
   const char* bytes = takebytes(ascii.text, width);
   if (bytes == nullptr) return cutrecord(ascii, record, width);
   record.found = record.found || !isblank(bytes, width);
+  lookforletters(ascii, record, bytes, width);
+  passbytes(record, bytes, width);
   Id* id = record.openids == record.idfields ? record.id3 : record.id2;
   id->text = paddedname(std::string_view(bytes, width), maxidwidth);
   --record.openids;
@@ -139,7 +169,12 @@ int takevalue(AsciiLevel& ascii, RecordInHand& record, const FormatItem& item, s
   const char* bytes = takebytes(ascii.text, width);
   if (bytes == nullptr) return cutrecord(ascii, record, width);
   double value = 0.0;
-  if (!convertfield(bytes, width, value)) mismatch(ascii, i);
+  if (!plainnumber(bytes, width, value)) {
+    if (!othernumber(bytes, width, value)) mismatch(ascii, record, {bytes, width}, i);
+    passbytes(record, bytes, width);  // a plain number has no line end in it
+  } else {
+    record.column += width;
+  }
   record.found = record.found || value != missingcode;
   record.values[record.stored++] = value;
   --record.wanted;
@@ -148,10 +183,6 @@ int takevalue(AsciiLevel& ascii, RecordInHand& record, const FormatItem& item, s
 
 // Takes item i of the format as often as it is to be repeated. -1 at the end of the file.
 int takeitem(AsciiLevel& ascii, RecordInHand& record, const FormatItem& item, std::size_t i) {
-  if (item.kind == FormatKind::none) {
-    std::printf("problem with format\n%s\n", ascii.format);
-    return 0;
-  }
   const bool field = item.kind != FormatKind::slash && item.kind != FormatKind::a;
   if (field && static_cast<std::size_t>(item.width) > maxfield)
     stopwith("\nThe format of the level-%d file has a field of more than %d characters!\n", record.level + 1,
@@ -162,9 +193,17 @@ int takeitem(AsciiLevel& ascii, RecordInHand& record, const FormatItem& item, st
       result = takeid(ascii, record, item);
     } else if (item.kind == FormatKind::slash) {
       if (!skipline(ascii.text, static_cast<std::size_t>(-1))) break;
+      ++record.lines;
+      record.column = 0;
     } else if (item.kind == FormatKind::x) {
       const auto width = static_cast<std::size_t>(item.width);
-      if (takebytes(ascii.text, width) == nullptr) result = cutrecord(ascii, record, width);
+      const char* bytes = takebytes(ascii.text, width);
+      if (bytes == nullptr) {
+        result = cutrecord(ascii, record, width);
+      } else {
+        lookforletters(ascii, record, bytes, width);
+        passbytes(record, bytes, width);
+      }
     } else {
       result = takevalue(ascii, record, item, i);
     }
@@ -173,7 +212,34 @@ int takeitem(AsciiLevel& ascii, RecordInHand& record, const FormatItem& item, st
   return 0;
 }
 
+// A record that takes bytes of a line which its format does not give it, and takes that line from another record.
+void countcrossing(AsciiLevel& ascii, int level) {
+  if (++ascii.crossing == 1) {
+    ascii.firstcrossing = recordline(ascii.text);
+    ascii.firstblank = ascii.text.recordline == 0 && ascii.text.buffer[ascii.text.recordat] == '\n';
+  }
+  if (run.mdm.l1missing) return;
+  tellcrossing(level);
+  logboth("Unable to continue with data that are declared to be complete.\n");
+  stoprun(100);
+}
+
+int endrecords(int level) {
+  tellcrossing(level);
+  return -1;
+}
+
 }  // namespace
+
+void tellcrossing(int level) {
+  AsciiLevel& ascii = levels[level];
+  if (ascii.crossing == 0) return;
+  countextra();
+  logboth("Records of %s that took fields from the next line: %lld. The first one starts in line %lld, which is %s.\n",
+          raw.level[level].filename.c_str(), ascii.crossing, ascii.firstcrossing,
+          ascii.firstblank ? "blank" : "too short");
+  ascii.crossing = 0;
+}
 
 bool checkformat(const std::string& format) {
   if (format.empty() || format.front() != '(') {
@@ -194,6 +260,16 @@ bool checkformat(const std::string& format) {
       std::printf(" Slashes must be surrounded by ,");
       return false;
     }
+  std::string text = format;
+  for (char* at = text.data(); *at != '\0';) {
+    const FormatItem item = nextitem(at);
+    at += item.consumed;
+    if (item.unusable != '\0') std::printf(" Unusable format type: %c\n", item.unusable);
+    if (item.twice) std::printf("Something wrong. 2 format codes\n");
+    if (item.kind == FormatKind::none && item.unusable == '\0')
+      std::printf("problem with format\n%s\n", format.c_str());
+    if (item.kind == FormatKind::none || item.unusable != '\0' || item.twice) return false;
+  }
   return true;
 }
 
@@ -215,10 +291,7 @@ FormatItem nextitem(char* format) {
       number = addigit(number, *p);
     } else if (std::isalpha(static_cast<unsigned char>(*p))) {
       *p = static_cast<char>(std::toupper(static_cast<unsigned char>(*p)));
-      if (letter) {
-        std::printf("Something wrong. 2 format codes\n");
-        item.worded = true;
-      }
+      item.twice = item.twice || letter;
       letter = true;
       switch (*p) {
         case 'A':
@@ -236,12 +309,11 @@ FormatItem nextitem(char* format) {
         case 'X':
           item.kind = FormatKind::x;
           break;
-        default: {
-          const char word[2] = {*p, '\0'};
-          std::printf(" Unusable format type: %s\n", word);
-          item.worded = true;
-        }
+        default:
+          item.unusable = *p;
       }
+    } else if (*p != ' ' && *p != '(') {
+      item.unusable = *p;
     }
     ++p;
   }
@@ -255,25 +327,25 @@ FormatItem nextitem(char* format) {
 int asciirecord(int level, int idfields, Id* id3, Id* id2, double* values) {
   AsciiLevel& ascii = levels[level];
   const int numvar = raw.level[level].numvar;
-  RecordInHand record{level, idfields, numvar + idfields, idfields, 0, false, id3, id2, values};
+  RecordInHand record{level, idfields, numvar + idfields, idfields, id3, id2, values};
   startrecord(ascii.text);
-  for (std::size_t i = 0; record.wanted > 0; ++i) {
-    const FormatItem* item = itemat(ascii, i);
-    if (item == nullptr) break;
-    if (takeitem(ascii, record, *item, i) != 0) return -1;
-  }
+  for (std::size_t i = 0; i < ascii.items && record.wanted > 0; ++i)
+    if (takeitem(ascii, record, ascii.item[i], i) != 0) return endrecords(level);
   if (record.openids > 0) {
     if (record.openids == idfields) id3->text = paddedname("", maxidwidth);
     if (idfields == 2) id2->text = paddedname("", maxidwidth);
   }
   std::fill(values + record.stored, values + numvar, missingcode);
-  if (skipline(ascii.text, maxfield)) return 0;
+  if (skipline(ascii.text, maxfield)) {
+    if (record.crossing && record.found) countcrossing(ascii, level);
+    return 0;
+  }
   if (record.found) {
     countextra();
     logboth("The last record of %s (line %lld) does not count: no line end follows it.\n",
             raw.level[level].filename.c_str(), recordline(ascii.text));
   }
-  return -1;
+  return endrecords(level);
 }
 
 void openascii(int level) {
@@ -288,7 +360,13 @@ void prepareascii(int level) {
   starttext(ascii.text, source.stream, source.filename);
   std::memset(ascii.format, 0, sizeof ascii.format);
   source.format.copy(ascii.format, sizeof ascii.format - 1);
-  ascii.parsed = ascii.items = 0;
+  ascii.items = 0;
+  for (std::size_t at = 0; ascii.format[at] != '\0'; ++ascii.items) {
+    ascii.start[ascii.items] = at;
+    ascii.item[ascii.items] = nextitem(ascii.format + at);
+    at += static_cast<std::size_t>(ascii.item[ascii.items].consumed);
+  }
+  ascii.crossing = ascii.lettersline = 0;
   run.mdm.numericids = false;
 }
 

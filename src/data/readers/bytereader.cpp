@@ -49,7 +49,7 @@ void fillbytes(ByteReader& reader, std::size_t width) {
   reader.at = 0;
   if (width > reader.buffer.size()) reader.buffer.resize(width);
   reader.have += std::fread(reader.buffer.data() + reader.have, 1, reader.buffer.size() - reader.have, reader.stream);
-  if (std::ferror(reader.stream)) stopwith("Unable to read %s\n", reader.name.c_str());
+  checkread(reader.stream, reader.name);
   if (reader.have < width) reader.length = reader.start + static_cast<long long>(reader.have);  // it has shrunk
 }
 

@@ -99,12 +99,10 @@ void openinput(StHandle handle, const FileType& type, const char* path) {
 }
 
 void makerows(LevelSource& source, StHandle handle) {
-  source.vartable.reset(static_cast<std::size_t>(source.numvar));
+  source.vartable.assign(static_cast<std::size_t>(source.numvar), RawVariable{});
   for (int v = 0; v < source.numvar; ++v) {
     RawVariable& variable = source.vartable[static_cast<std::size_t>(v)];
-    const std::string name = ST_GetVarName(handle, v);
-    if (charactersof(name) > longestname) stopwith("Variable names limited to 12 characters!\n");
-    variable.name = paddedname(name);
+    namevariable(variable, ST_GetVarName(handle, v));
     variable.text = ST_GetVarType(handle, v) != 1;
     variable.width = ST_GetVarPrintWidth(handle, v);
   }
@@ -161,6 +159,8 @@ void openother(int level) {
   StHandle handle = handles[level] = ST_OpenEnvironment();
   openinput(handle, *type, path.c_str());
   source.numvar = ST_ReadDict(handle);
+  if (source.numvar < 0 && std::string(ST_Trouble(handle)) == ST_CannotOpen)
+    stopwith("\n%s cannot be opened for reading!\n", path.c_str());
   if (source.numvar < 0) {
     std::printf("%s cannot be read as %s: %s.\n", path.c_str(), type->word, ST_Trouble(handle));
     fail(1, path.c_str());
@@ -172,12 +172,21 @@ bool otherreads(const std::string& path, const char* word) {
   const int format = stformat(word);
   if (!ST_CanRead(format)) return false;
   StHandle handle = ST_OpenEnvironment();
-  const int count = ST_OpenInputFile(handle, format, path.c_str()) == 0 ? ST_ReadDict(handle) : -1;
-  bool reads = count > 0;
-  for (int v = 0; v < count; ++v) reads = reads && charactersof(ST_GetVarName(handle, v)) <= longestname;
+  const bool reads = ST_OpenInputFile(handle, format, path.c_str()) == 0 && ST_ReadDict(handle) > 0;
   ST_CloseFiles(handle);
   return reads;
 }
+
+bool othercanbetext(int level) {
+  return rawis(rawother) && stformat(raw.level[level].filetype) == number(StFormat::delimited);
+}
+
+void otherastext(int level, int row) {
+  ST_ReadAsText(handles[level], row);
+  raw.level[level].vartable[static_cast<std::size_t>(row)].text = true;
+}
+
+std::string otherwhytext(int level, int row) { return ST_WhyText(handles[level], row); }
 
 void prepareother(int level) {
   settlevariables(level);

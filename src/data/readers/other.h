@@ -15,16 +15,21 @@ namespace kdr {
 // it where that makes a type word (stata/se). Stops with code 100 when there is no slash or nothing behind it.
 void splitfiletype(const std::string& value, std::string& path, std::string& word);
 
-// Whether a file of the type could be raw data of this kind: its dictionary can be read and has no name that is too
-// long.
+// Whether a file of the type could be raw data of this kind: its dictionary can be read.
 [[nodiscard]] bool otherreads(const std::string& path, const char* word);
 
 // The operations of RawReader. openother stops with code 100 for a type word that is unknown or has no library behind
-// it, for a file that cannot be opened and for a variable name of more than 12 characters; with failure 1 where the
-// dictionary cannot be read. Data that end before their time are reported on the console and in the log.
+// it and for a file that cannot be opened; with failure 1 where the dictionary cannot be read. Data that end before
+// their time are reported on the console and in the log.
 void openother(int level);
 void prepareother(int level);
 [[nodiscard]] int strecord(int level, double* values, Id* id3, Id* id2);
 void closeother(int level);
+
+// Whether the numeric columns of the level can be read as the texts that the file has; reads one so; why a column is
+// not numeric, where the file tells.
+[[nodiscard]] bool othercanbetext(int level);
+void otherastext(int level, int row);
+[[nodiscard]] std::string otherwhytext(int level, int row);
 
 }  // namespace kdr

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cctype>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
@@ -23,6 +24,7 @@ namespace {
 
 constexpr std::size_t cardlength = 80;
 constexpr const char* libraryhead = "HEADER RECORD*******LIBRARY HEADER RECORD";
+constexpr const char* version8head = "HEADER RECORD*******LIBV8 ";
 constexpr const char* dataheads[] = {"HEADER RECORD*******MEMBER  HEADER RECORD!!!!!!!",
                                      "HEADER RECORD*******LIBRARY HEADER RECORD!!!!!!!"};  // of more data in one file
 constexpr const char* recordshead = "HEADER RECORD*******OBS";
@@ -72,6 +74,8 @@ void takefirstcard(int level) {
   if (got < cardlength && feed == card + got) got = 0;  // not whole
   if (got < std::strlen(libraryhead) || !startswith(card, libraryhead)) {
     notransport(level);
+    if (got >= std::strlen(version8head) && startswith(card, version8head))
+      std::printf("It is one of version 8, which is read with rawdattype:other and the file type /sasx.\n");
     fail(1, raw.level[level].filename.c_str());
   }
   bytes.at += feed == card + got ? got : static_cast<std::size_t>(feed - card) + 1;
@@ -100,7 +104,7 @@ void sasvars(int level) {
   LevelSource& source = raw.level[level];
   SasLevel& sas = levels[level];
   const auto count = static_cast<std::size_t>(source.numvar);
-  source.vartable.reset(count);
+  source.vartable.assign(count, RawVariable{});
   sas.position.reset(count);
   std::size_t reclen = 0;
   for (std::size_t v = 0; v < count; ++v) {
@@ -109,7 +113,7 @@ void sasvars(int level) {
     const int type = highfirst<std::int16_t>(descriptor);
     variable.text = type == 2;
     variable.width = highfirst<std::int16_t>(descriptor + 4);
-    variable.name = paddedname(std::string_view(reinterpret_cast<const char*>(descriptor) + 8, 8));
+    namevariable(variable, std::string_view(reinterpret_cast<const char*>(descriptor) + 8, 8));
     if ((type != 1 && type != 2) || variable.width < 1 || (type == 1 && variable.width > 8))
       damaged(level, "a variable is of no known type or width");
     reclen += static_cast<std::size_t>(variable.width);
@@ -192,7 +196,7 @@ void tellend(int level, bool partial) {
 Id idof(const RawVariable& variable, const unsigned char* field) {
   Id id{};
   if (run.mdm.numericids) {
-    id.number = numericid(std::trunc(ibmdouble(field, variable.width)));
+    id.number = numericid(ibmdouble(field, variable.width), true);
   } else {
     id.text = textid({reinterpret_cast<const char*>(field), static_cast<std::size_t>(variable.width)});
   }
@@ -206,15 +210,27 @@ std::string quoted(const std::string& text) {
   return whole + "'";
 }
 
+// The name of the data set that a transport file is made from.
+std::string datasetof(const std::string& path) {
+  const std::string file = path.substr(path.rfind('/') + 1);
+  return file.substr(0, file.find('.'));
+}
+
+// Whether a SAS job can name it.
+bool issasname(const std::string& name) {
+  const auto fits = [](char c) { return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '_'; };
+  return !name.empty() && name.size() <= 32 && std::isdigit(static_cast<unsigned char>(name[0])) == 0 &&
+         std::all_of(name.begin(), name.end(), fits);
+}
+
 // The job that makes the transport file `path` from the data set of the same name in the same folder.
 void writejob(std::FILE* out, const std::string& path) {
   const std::size_t slash = path.rfind('/');
   const bool local = slash == std::string::npos;
   const std::string folder = local ? "\".\"" : quoted(path.substr(0, std::max<std::size_t>(slash, 1)));
-  const std::string file = local ? path : path.substr(slash + 1);
   std::fprintf(out, "libname tranfile sasv5xpt %s;\n", quoted(path[0] == '/' ? path : "./" + path).c_str());
   std::fprintf(out, "libname fileout %s;\n", folder.c_str());
-  std::fprintf(out, "proc copy in=fileout out=tranfile;\nselect %s;\nrun;\n", file.substr(0, file.find('.')).c_str());
+  std::fprintf(out, "proc copy in=fileout out=tranfile;\nselect %s;\nrun;\n", datasetof(path).c_str());
 }
 
 bool exists(const std::string& path) {
@@ -245,15 +261,25 @@ double ibmdouble(const unsigned char* field, int width) {
 
 bool sasconvert(const std::string& path) {
   constexpr const char* job = "xyzzy.sas";
+  constexpr const char* log = "xyzzy.log";
   const std::size_t at = path.rfind(".ssp");
   if (at == std::string::npos) return false;
   const std::string dataset = std::string(path).replace(at, 4, ".ssd");
   if (!exists(dataset)) return false;
   std::printf("I don't see %s, but I do see %s.\n", path.c_str(), dataset.c_str());
   if (askyesno("Would you like me to convert it to a transport file?") == 0) return false;
+  for (const char* own : {job, log})
+    if (exists(own)) {
+      std::printf("The SAS job would overwrite %s. Please rename it.\n", own);
+      return false;
+    }
+  if (!issasname(datasetof(path))) {
+    std::printf("%s is no name that a SAS job can have for a data set.\n", datasetof(path).c_str());
+    return false;
+  }
   std::printf("Give me a moment to run the SAS job...\n");
   std::fflush(stdout);
-  std::FILE* out = openfile(job, "w");
+  std::FILE* out = openfile(job, "wx");
   writejob(out, path);
   closechk(out);
   // Whether the job succeeded shows in the file that it makes.
@@ -261,7 +287,7 @@ bool sasconvert(const std::string& path) {
   std::remove(job);
   if (!exists(path)) return false;
   std::printf("Please keep %s around if you want to do a non-linear run.\n", path.c_str());
-  std::remove("xyzzy.log");
+  std::remove(log);
   return true;
 }
 

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <map>
+#include <string>
 
 #include "data/buildlog.h"
 #include "data/readers/bytereader.h"
@@ -20,8 +22,8 @@ constexpr std::size_t slotsize = 8;
 constexpr std::size_t variablesize = 32;  // bytes of the shortest variable record
 constexpr int mostlayout = 3;
 constexpr int slotsunknown = -1;  // in the head, by some writers
-constexpr double codebias = 100.0;
 constexpr int codesinblock = 8;
+constexpr int longnames = 13;      // subtype of the extension record on names
 constexpr int longstrings = 14;    // subtype of the extension record on very long strings
 constexpr int segmentwidth = 252;  // bytes of such a string in each of its variables
 
@@ -42,6 +44,7 @@ struct SpssFile {
   ByteReader bytes;
   int numslots = 0;  // of a case
   int compressed = 0;
+  double bias = 100.0;                // of the codes that are values
   int numcases = 0;                   // as the head states it; below 0: not known
   long long data = 0;                 // where the cases begin
   Array<MissingList> missing;         // [numslots]
@@ -112,6 +115,7 @@ void readhead(int level) {
   file.numslots = lowfirst<std::int32_t>(head + 64);
   file.compressed = lowfirst<std::int32_t>(head + 68);
   file.numcases = lowfirst<std::int32_t>(head + 76);
+  file.bias = lowfirst<double>(head + 80);
   if (file.numslots == slotsunknown) file.numslots = countslots(bytes);
   const auto room = bytesleft(bytes) / static_cast<long long>(variablesize);
   if (file.numslots < 0 || file.numslots > room) strangeheader(level);
@@ -129,7 +133,7 @@ int readvariable(int level, std::size_t slot) {
   variable.text = type != 0;
   variable.hidden = type < 0;
   variable.width = type <= 1 ? static_cast<int>(slotsize) : type;
-  variable.name = paddedname(std::string_view(reinterpret_cast<const char*>(record) + 24, 8));
+  namevariable(variable, std::string_view(reinterpret_cast<const char*>(record) + 24, 8));
   if (!skiplabel(bytes, record)) strangeheader(level);
   MissingList& missing = file.missing[slot];
   if (nmissing < -3 || nmissing == -1 || nmissing > 3) strangeheader(level);
@@ -161,7 +165,7 @@ void skipdocument(int level) {
 // The record of very long strings, "NAME=WIDTH" and a zero and a tab for each: hides the variables that only hold the
 // later segments of one. A segment has 252 bytes of the string.
 void hidesegments(int level, std::string_view list) {
-  Array<RawVariable>& rows = raw.level[level].vartable;
+  std::vector<RawVariable>& rows = raw.level[level].vartable;
   std::size_t row = 0;  // the strings stand in the order of the file
   while (!list.empty()) {
     const std::string_view entry = list.substr(0, list.find('\0'));
@@ -179,6 +183,24 @@ void hidesegments(int level, std::string_view list) {
       next.hidden = true;
       --more;
     }
+  }
+}
+
+// The record of long names, "SHORT=long" with a tab between them.
+void takelongnames(int level, std::string_view list) {
+  std::map<std::string, RawVariable*> rows;
+  for (RawVariable& variable : raw.level[level].vartable)
+    if (!variable.hidden) rows.emplace(variable.name.text, &variable);
+  while (!list.empty()) {
+    const std::string_view entry = list.substr(0, list.find('\t'));
+    list.remove_prefix(std::min(list.size(), entry.size() + 1));
+    const std::size_t equals = entry.find('=');
+    if (equals == std::string_view::npos) continue;
+    const auto row = rows.find(paddedname(entry.substr(0, equals)).text);
+    const Name name = row == rows.end() ? Name{} : row->second->name;
+    if (row == rows.end()) continue;
+    namevariable(*row->second, entry.substr(equals + 1));
+    row->second->name = name;
   }
 }
 
@@ -201,11 +223,13 @@ void readextension(int level) {
   std::int32_t count = 0;
   if (!takelow(bytes, size) || !takelow(bytes, count) || size < 0 || count < 0) strangeheader(level);
   const long long length = static_cast<long long>(size) * count;
-  if (subtype == longstrings) {
+  if (subtype == longstrings || subtype == longnames) {
     const unsigned char* list =
         length > bytesleft(bytes) ? nullptr : takebytes(bytes, static_cast<std::size_t>(length));
     if (list == nullptr) strangeheader(level);
-    hidesegments(level, {reinterpret_cast<const char*>(list), static_cast<std::size_t>(length)});
+    const std::string_view text(reinterpret_cast<const char*>(list), static_cast<std::size_t>(length));
+    if (subtype == longstrings) hidesegments(level, text);
+    if (subtype == longnames) takelongnames(level, text);
   } else if (!skipbytes(bytes, length)) {
     strangeheader(level);
   }
@@ -214,7 +238,7 @@ void readextension(int level) {
 // Bytes that each string has room for: its own slot and those that continue it. What a slot holds that is all blanks.
 void settextslots(int level) {
   SpssFile& file = files[level];
-  const Array<RawVariable>& rows = raw.level[level].vartable;
+  const std::vector<RawVariable>& rows = raw.level[level].vartable;
   int room = 0;
   for (std::size_t slot = rows.size(); slot-- > 0;) {
     room += static_cast<int>(slotsize);
@@ -227,7 +251,7 @@ void settextslots(int level) {
 void readdictionary(int level) {
   SpssFile& file = files[level];
   const auto numslots = static_cast<std::size_t>(file.numslots);
-  raw.level[level].vartable.reset(numslots);
+  raw.level[level].vartable.assign(numslots, RawVariable{});
   file.missing.reset(numslots);
   file.textwidth.reset(numslots);
   file.slots.reset(numslots);
@@ -332,7 +356,7 @@ int readcompressed(SpssFile& file) {
     } else if (code == codeblank || file.rows[slot].text) {
       value = file.blank[slot];
     } else {
-      value = std::bit_cast<Slot>(code == codemissing ? missingcode : code - codebias);
+      value = std::bit_cast<Slot>(code == codemissing ? missingcode : code - file.bias);
     }
     ++slot;
   }

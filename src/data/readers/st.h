@@ -53,15 +53,20 @@ void ST_SelectVar(StHandle handle, int v);
 void ST_InitReadOnly(StHandle handle);
 // 1 for a numeric variable, 2 for a text.
 [[nodiscard]] int ST_GetVarType(StHandle handle, int v);
-// Its name, of which 13 characters are kept.
+// Its name, of which 255 bytes are kept.
 [[nodiscard]] const char* ST_GetVarName(StHandle handle, int v);
 [[nodiscard]] int ST_GetVarPrintWidth(StHandle handle, int v);
+// Where the file has the first text of a variable that would be numeric without it, or nothing.
+[[nodiscard]] const char* ST_WhyText(StHandle handle, int v);
+// Makes a numeric variable of delimited text one of the texts that the file has. Before the first record only.
+void ST_ReadAsText(StHandle handle, int v);
 // 0 for a record, 1 at the end of the data.
 [[nodiscard]] int ST_ReadRecord(StHandle handle);
 // 1 if the value is missing, else 0 with `value` set. `second` is always set to 0.
 [[nodiscard]] int ST_GetVarData(StHandle handle, int v, StValue* value, int* second);
 // Why there is no dictionary, or, at the end of the data, how they were cut short. Empty when all is well.
 [[nodiscard]] const char* ST_Trouble(StHandle handle);
+inline constexpr const char* ST_CannotOpen = "it cannot be opened";
 // What else is to be told of the data at their end, or nothing.
 [[nodiscard]] const char* ST_Remark(StHandle handle);
 // Closes the file and frees the handle. Null is ignored.

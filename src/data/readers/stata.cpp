@@ -116,7 +116,7 @@ void readtypes(int level) {
   const unsigned char* types = takebytes(file.bytes, numvar);
   if (types == nullptr) damaged(level);
   file.variables.reset(numvar);
-  raw.level[level].vartable.reset(numvar);
+  raw.level[level].vartable.assign(numvar, RawVariable{});
   for (std::size_t v = 0; v < numvar; ++v) {
     StataVariable& variable = file.variables[v];
     if (!settype(file.release, types[v], variable)) damaged(level);
@@ -135,12 +135,7 @@ void readnames(int level) {
     const unsigned char* bytes = takebytes(file.bytes, width);
     if (bytes == nullptr) damaged(level);
     const char* name = reinterpret_cast<const char*>(bytes);
-    const std::size_t length = strnlen(name, width);
-    if (length > 8) {
-      std::printf("Stata may allow for variable name lengths > 8, but not the KDRs!\n");
-      refuse(level);
-    }
-    variable.name = paddedname(std::string_view(name, length));
+    namevariable(variable, std::string_view(name, strnlen(name, width)));
   }
 }
 

@@ -11,8 +11,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "data/rawvariables.h"
-
 namespace kdr {
 
 namespace {
@@ -57,7 +55,9 @@ void ST_SelectVar(StHandle handle, int v) { variableof(handle, v).selected = tru
 void ST_InitReadOnly(StHandle) {}
 
 int ST_GetVarType(StHandle handle, int v) { return variableof(handle, v).numeric ? 1 : 2; }
-const char* ST_GetVarName(StHandle handle, int v) { return variableof(handle, v).name; }
+const char* ST_GetVarName(StHandle handle, int v) { return variableof(handle, v).name.c_str(); }
+const char* ST_WhyText(StHandle handle, int v) { return variableof(handle, v).why.c_str(); }
+void ST_ReadAsText(StHandle handle, int v) { variableof(handle, v).numeric = false; }
 int ST_GetVarPrintWidth(StHandle handle, int v) { return variableof(handle, v).width; }
 int ST_ReadRecord(StHandle handle) { return handle->backend->record(*handle) ? 0 : 1; }
 
@@ -83,16 +83,14 @@ void ST_CloseFiles(StHandle handle) {
 }
 
 void makevariables(StFile& file, std::size_t count) {
-  file.variables.reset(count);
+  file.variables.assign(count, StVariable{});
   file.numbers.reset(count);
   file.texts.reset(count);
 }
 
 void nameit(StVariable& variable, std::string_view name) {
-  std::size_t length = std::min(name.size(), sizeof variable.name - 1);
-  while (charactersof(name.substr(0, length)) > longestname + 1) --length;
-  std::memcpy(variable.name, name.data(), length);
-  variable.name[length] = '\0';
+  constexpr std::size_t longest = 255;
+  variable.name = name.substr(0, longest);
 }
 
 StText sttext(std::string_view text) {

@@ -4,6 +4,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "data/readers/st.h"
 #include "driver/constants.h"
@@ -14,10 +15,11 @@ namespace kdr {
 inline constexpr std::size_t textwidth = 12;  // characters of a text that count
 
 struct StVariable {
-  char name[4 * 13 + 1];  // 13 characters
-  bool numeric;
-  bool selected;
-  int width;  // characters of a text
+  std::string name;
+  bool numeric = false;
+  bool selected = false;
+  int width = 0;    // characters of a text
+  std::string why;  // where the first text stands that makes the variable one
 };
 
 // A text, zero-terminated. One that has more than 12 characters has 13 here.
@@ -30,7 +32,7 @@ struct StBackend;
 struct StFile {
   const StBackend* backend = nullptr;
   std::string path;
-  Array<StVariable> variables;
+  std::vector<StVariable> variables;
   Array<double> numbers;  // the record in hand, [v]; missingcode for a missing number
   Array<StText> texts;    // likewise
   std::string trouble;

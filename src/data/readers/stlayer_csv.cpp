@@ -6,6 +6,7 @@
 // Where the comma is no delimiter it can be the decimal sign. One sign holds for the whole file: in a file with decimal
 // commas a point may part thousands, so its columns with points are no numbers.
 #include <csv.h>
+#include <strings.h>
 
 #include <algorithm>
 #include <climits>
@@ -13,6 +14,7 @@
 
 #include "data/readers/plainnumber.h"
 #include "data/readers/stlayer.h"
+#include "data/scratch.h"
 #include "driver/failures.h"
 #include "driver/formatted.h"
 
@@ -48,16 +50,31 @@ struct CsvState {
   long long goodrows = 0;   // records that count
   long long given = 0;      // of them
   bool lastopen = false;    // the last of them has no line end
+  std::size_t skipped = 0;  // bytes before the header line: a byte order mark, a line that tells the delimiter
+  bool told = false;        // there is such a line
   std::string cut;          // how the data end before their time
 };
 
 CsvState& stateof(StFile& file) { return *static_cast<CsvState*>(file.state); }
 
+// Fields that hold no number but say so.
+bool missingnumber(std::string_view field) {
+  return missingfield(field) || field == "NaN" || field == "." || field == "#N/A";
+}
+
+bool truthvalue(std::string_view field, double& value) {
+  for (const char* word : {"TRUE", "True", "true"})
+    if (field == word) value = 1.0;
+  for (const char* word : {"FALSE", "False", "false"})
+    if (field == word) value = 0.0;
+  return value != missingcode;
+}
+
 // The number that a field states, with the decimal signs that it has.
 bool numberin(const CsvState& state, std::string_view field, double& value, unsigned& sign) {
   const std::size_t comma = state.delimiter == ',' ? field.npos : field.find(',');
   sign = field.find('.') == field.npos ? 0 : haspoint;
-  if (comma == field.npos) return fieldnumber(field, value);
+  if (comma == field.npos) return fieldnumber(field, value) || truthvalue(field, value = missingcode);
   sign |= hascomma;
   std::string pointed(field.substr(0, longestnumber));
   if (comma < pointed.size()) pointed[comma] = '.';
@@ -75,18 +92,22 @@ void storefield(CsvState& state, std::string_view field, const double* known = n
     nameit(variable, field);
   } else if (state.purpose == Purpose::kinds) {
     variable.width = std::max(variable.width, static_cast<int>(std::min<std::size_t>(field.size(), INT_MAX)));
-    if (!variable.numeric || missingfield(field)) return;
+    if (!variable.numeric || missingnumber(field)) return;
     if (known != nullptr) {
       sign = field.find('.') == field.npos ? 0 : haspoint;
     } else {
       variable.numeric = numberin(state, field, value, sign);
+      constexpr std::size_t mostshown = 40;
+      if (!variable.numeric)
+        variable.why =
+            formatted("line %lld holds \"%s\"", state.fieldline, printable(field.substr(0, mostshown)).c_str());
     }
     state.signs[column] |= sign;
   } else if (variable.selected && variable.numeric) {
-    const bool found = known != nullptr || (!missingfield(field) && numberin(state, field, value, sign));
+    const bool found = known != nullptr || (!missingnumber(field) && numberin(state, field, value, sign));
     state.file->numbers[column] = !found ? missingcode : known != nullptr ? *known : value;
   } else if (variable.selected) {
-    state.file->texts[column] = missingfield(field) ? StText{} : sttext(field);
+    state.file->texts[column] = sttext(field);  // an ID, which NA can be as well
   }
 }
 
@@ -102,7 +123,7 @@ bool fillbuffer(CsvState& state) {
   checksignals();
   state.at = 0;
   state.have = std::fread(state.buffer.data(), 1, state.buffer.size(), state.stream);
-  if (std::ferror(state.stream) != 0) stopwith("Unable to read %s\n", state.file->path.c_str());
+  checkread(state.stream, state.file->path);
   return state.have > 0;
 }
 
@@ -111,16 +132,31 @@ void startparser(CsvState& state) {
   if (csv_init(&state.parser, 0) != 0) fail(3);
   csv_set_delim(&state.parser, static_cast<unsigned char>(state.delimiter));
   csv_set_blk_size(&state.parser, 4096);
-  state.feeds = 0;
+  state.feeds = state.told ? 1 : 0;
   state.ended = state.openline = state.openquote = false;
 }
 
-// Back to the start of the file, behind a byte order mark.
+// Back to the header line.
 void startover(CsvState& state, Purpose purpose) {
   startparser(state);
   state.purpose = purpose;
   std::rewind(state.stream);
-  if (fillbuffer(state) && state.have >= 3 && std::memcmp(state.buffer.data(), "\xEF\xBB\xBF", 3) == 0) state.at = 3;
+  if (fillbuffer(state)) state.at = state.skipped;
+}
+
+// Passes over a byte order mark and a line such as "sep=;", which tells the delimiter.
+void skipforeword(CsvState& state) {
+  std::string_view text(state.buffer.data(), state.have);
+  if (text.starts_with("\xEF\xBB\xBF")) state.skipped = 3;
+  text.remove_prefix(state.skipped);
+  const std::size_t feed = text.find('\n');
+  const std::string_view line = text.substr(0, feed);
+  constexpr std::string_view word = "sep=";
+  const bool told = line.size() == word.size() + 1 || (line.size() == word.size() + 2 && line.ends_with('\r'));
+  if (feed == text.npos || !told || strncasecmp(line.data(), word.data(), word.size()) != 0) return;
+  state.delimiter = line[word.size()];
+  state.told = true;
+  state.skipped += feed + 1;
 }
 
 // The one of comma, semicolon and tab that stands most often in the first line that is not empty, outside quotes.
@@ -161,7 +197,7 @@ bool takeplainline(CsvState& state) {
   if (line.ends_with('\r')) line.remove_suffix(1);
   if (line.find('"') != line.npos || line.find('\r') != line.npos) return false;
   state.at += static_cast<std::size_t>(feed - from) + 1;
-  ++state.feeds;
+  state.fieldline = ++state.feeds;
   const auto blank = [&](char c) { return (c == ' ' || c == '\t') && c != state.delimiter; };
   if (std::all_of(line.begin(), line.end(), blank)) return true;
   const char* end = line.data() + line.size();
@@ -238,7 +274,10 @@ void settlesigns(StFile& file) {
   for (std::size_t v = 0; v < file.variables.size(); ++v)
     commas = commas || (file.variables[v].numeric && state.signs[v] == hascomma);
   for (std::size_t v = 0; v < file.variables.size(); ++v)
-    if ((state.signs[v] & haspoint) != 0 && (commas || state.signs[v] != haspoint)) file.variables[v].numeric = false;
+    if ((state.signs[v] & haspoint) != 0 && (commas || state.signs[v] != haspoint)) {
+      if (file.variables[v].numeric) file.variables[v].why = "it has points where the file has decimal commas";
+      file.variables[v].numeric = false;
+    }
 }
 
 // One pass over all rows: the kinds of the columns and the number of records. False for a file that is no table.
@@ -281,7 +320,7 @@ bool csvdictionary(StFile& file) {
   state->buffer.reset(piecesize);
   state->stream = std::fopen(file.path.c_str(), "rb");
   if (state->stream == nullptr) {
-    file.trouble = "it cannot be opened";
+    file.trouble = ST_CannotOpen;
     return false;
   }
   startover(*state, Purpose::count);
@@ -289,7 +328,9 @@ bool csvdictionary(StFile& file) {
     file.trouble = "its characters have two bytes each (UTF-16); save it as UTF-8";
     return false;
   }
-  state->delimiter = finddelimiter(*state);
+  skipforeword(*state);
+  state->at = state->skipped;
+  if (!state->told) state->delimiter = finddelimiter(*state);
   startover(*state, Purpose::count);
   if (!nextrow(*state)) {
     file.trouble = state->overlong ? toolong(*state) : "it has no header line";

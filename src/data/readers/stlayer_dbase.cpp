@@ -101,7 +101,7 @@ double numberat(StFile& file, std::string_view field, std::size_t v) {
   field = field.substr(first, field.find_last_not_of(blanks) + 1 - first);
   if (fieldnumber(field, value)) return value;
   if (!missingfield(field) && field[0] != '*' && state.strange++ == 0)
-    state.firststrange = formatted("%s of record %d", file.variables[v].name, state.next);
+    state.firststrange = formatted("%s of record %d", file.variables[v].name.c_str(), state.next);
   return missingcode;
 }
 

@@ -46,7 +46,7 @@ StText textof(const SheetCell& cell) {
 }
 
 // Room for `count` variables, doubled as needed; those that are new are numeric until a text shows up.
-void growvariables(Array<StVariable>& variables, std::size_t count) {
+void growvariables(std::vector<StVariable>& variables, std::size_t count) {
   std::size_t at = variables.size();
   if (at >= count) return;
   variables.resize(std::max(count, 2 * at));
@@ -65,16 +65,21 @@ bool exceldictionary(StFile& file) {
     if (file.trouble.empty()) file.trouble = "its first sheet is empty";
     return false;
   }
-  Array<StVariable> variables;
+  std::vector<StVariable> variables;
   std::size_t columns = state->row.count;
   growvariables(variables, columns);
-  for (std::size_t c = 0; c < columns; ++c) nameit(variables[c], textof(state->row.cells[c]).bytes);
+  for (std::size_t c = 0; c < columns; ++c)
+    nameit(variables[c], std::string_view(textof(state->row.cells[c]).bytes).substr(0, textwidth));
+  long long row = 1;
   while (nextrow(file)) {
+    ++row;
     columns = std::max(columns, state->row.count);
     growvariables(variables, columns);
     for (std::size_t c = 0; c < state->row.count; ++c) {
       const SheetCell& cell = state->row.cells[c];
       if (cell.kind != SheetCell::Kind::text) continue;
+      if (variables[c].numeric)
+        variables[c].why = formatted("row %lld of the table holds \"%s\"", row, printable(cell.text.bytes).c_str());
       variables[c].numeric = false;
       variables[c].width = std::max(variables[c].width, cell.width);
     }

@@ -323,7 +323,9 @@ bool readstatdictionary(StFile& file) {
   if (stat(file.path.c_str(), &status) == 0) state->filelength = status.st_size;
   if (file.backend->format == StFormat::sastransport) findmember(*state, file.path);
   const readstat_error_t error = parse(file);
-  if (state->overfull) {
+  if (error == READSTAT_ERROR_OPEN) {
+    file.trouble = ST_CannotOpen;
+  } else if (state->overfull) {
     file.trouble = "its head tells more variables than it can hold";
   } else if (error != READSTAT_OK && !(error == READSTAT_ERROR_USER_ABORT && !file.variables.empty())) {
     file.trouble = wordsof(*state, error);

@@ -97,13 +97,13 @@ void systathead(int level) {
   SystatFile& file = files[level];
   systatcount(level);
   const auto count = static_cast<std::size_t>(source.numvar);
-  source.vartable.reset(count);
+  source.vartable.assign(count, RawVariable{});
   file.place.reset(count);
   std::size_t length = 0;
   for (RawVariable& variable : source.vartable) {
     const std::string name = readname(level);
     variable.text = name.find('$') != std::string::npos;
-    variable.name = paddedname(name, variable.text ? 9 : 8);
+    namevariable(variable, name, variable.text ? 9 : 8);
     variable.width = variable.text ? static_cast<int>(namelength) : file.type == doubles ? 8 : 4;
   }
   for (const bool text : {false, true})

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cstring>
+#include <string_view>
 
+#include "data/scratch.h"
 #include "driver/failures.h"
 
 namespace kdr {
@@ -51,6 +53,7 @@ void starttext(TextStream& text, std::FILE* stream, const std::string& name) {
   text.at = text.have = text.recordat = 0;
   text.ended = text.heldcr = false;
   text.linesbefore = text.recordline = 0;
+  if (filltext(text) && std::string_view(text.buffer.data(), text.have).starts_with("\xEF\xBB\xBF")) text.at = 3;
 }
 
 void startrecord(TextStream& text) {
@@ -87,7 +90,7 @@ bool filltext(TextStream& text) {
     text.heldcr = false;
   }
   const std::size_t got = std::fread(piece + carried, 1, room - carried, text.stream);
-  if (std::ferror(text.stream)) stopwith("Unable to read %s\n", text.name.c_str());
+  checkread(text.stream, text.name);
   text.ended = got == 0;
   if (text.ended) {
     text.have += carried;  // a carriage return at the very end stays

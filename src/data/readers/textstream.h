@@ -25,7 +25,7 @@ struct TextStream {
   long long recordline = 0;   // its line from 1, once it is no longer in the buffer; else 0
 };
 
-// Starts at the stream's position.
+// Starts at the stream's position, behind a byte order mark.
 void starttext(TextStream& text, std::FILE* stream, const std::string& name);
 // Marks the next byte as the start of a record.
 void startrecord(TextStream& text);

@@ -1,0 +1,97 @@
+#include "model/settle.h"
+
+#include <algorithm>
+#include <cstdio>
+
+#include "driver/failures.h"
+#include "driver/runrecord.h"
+
+namespace kdr {
+
+namespace {
+
+bool multinomial() { return run.kind.nonlin == 3 && !run.kind.ordinal; }
+
+void checknonlinear() {
+  const ModelKind& kind = run.kind;
+  if (run.iter.macroit != 0) {
+    if (run.series.pvmode) stopwith("You can not do a combination of non-linear and plausible values at this time.\n");
+    if (kind.nonlin == 0) stopwith("If non-linear iterations desired, the type must be specified\n");
+  }
+  if (kind.nonlin == 0) return;
+  if (run.iter.macroit == 0) stopwith(" macroit must be specified if nonlin is specified.\n");
+  if (run.answered.numit)
+    stopwith(
+        " The numit directive should not be used when specifying a non-linear model.\n"
+        " Use the microit and macroit keywords.\n");
+  if (run.answered.stopval)
+    stopwith(
+        " The stopval directive should not be used when specifying a non-linear model.\n"
+        " Use the stopmicro and stopmacro keywords.\n");
+}
+
+void settleengines() {
+  const ModelKind& kind = run.kind;
+  IterationControl& iter = run.iter;
+  if (iter.laplace) {
+    if (kind.nonlin != 1 || kind.nlcount) stopwith("LaPlace iterations may only be done on Bernoulli analyses.");
+    iter.fixsigma2 = 1.0;
+  }
+  if (iter.agqpoints != 0) {
+    if (kind.nonlin == 0) stopwith("Adaptive quadrature may only be done on non-linear analyses.\n");
+    iter.fixsigma2 = 1.0;
+    if (kind.nonlin == 3) {
+      std::printf(" The program cannot do adaptive quadrature for multinomial/ordinal runs yet.\n");
+      iter.agqpoints = 0;
+    }
+  }
+  if (kind.nonlin == 3) iter.fixsigma2 = 1.0;
+  if (kind.nonlin == 1 || kind.nonlin == 2) iter.popavit = std::max(iter.popavit, 1);
+  if (kind.nonlin != 0 && iter.agqpoints == 0 && !run.answered.stopmicro) iter.stopval = 1.0e-5;
+}
+
+void checklvr() {
+  if (!run.out.lvr) return;
+  if (run.iter.fishertype == 0) stopwith("You cannot do LVR and set fishertype:0!\n");
+  if (multinomial()) stopwith(" The program cannot do latent variable regressions in a multinomial run.\n");
+  const Array<int>& roles = run.out.lvrroles;
+  for (const int role : {1, 2})
+    if (std::find(roles.begin(), roles.end(), role) == roles.end())
+      stopwith("A latent variable regression needs an outcome and a predictor among its coefficients!\n");
+}
+
+void checkcountvariable() {
+  const ModelKind& kind = run.kind;
+  if (!kind.nlcount || kind.nlcntvar == 0) return;
+  for (int e = 0; e < kind.neqsets; ++e)
+    if (run.model.use1.row(e)[kind.nlcntvar] != 0) {
+      std::printf(kind.nonlin == 1 ? " The binomial count " : " The poisson variable exposure ");
+      stopwith("variable is also used in the model!\n");
+    }
+}
+
+void settleacceleration() {
+  IterationControl& iter = run.iter;
+  if (iter.hetit != 0) iter.fishertype = 0;
+  if (iter.fishertype == 0) {
+    if (iter.accel <= 2) iter.accel = 3;
+  } else if (iter.accel < 1) {
+    iter.accel = 5;
+  }
+}
+
+}  // namespace
+
+void settlerecord() {
+  checknonlinear();
+  settleengines();
+  checklvr();
+  checkcountvariable();
+  settleacceleration();
+  if (run.out.autovknown != 0) run.iter.fixsigma2 = 1.0;
+  if (run.out.graph && run.kind.nonlin == 3) run.out.resfil1 = true;
+  if (run.kind.nonlin != 0 && run.kind.nlcntvar != 0)
+    run.model.wanted1vars1[static_cast<std::size_t>(run.kind.nlcntvar)] = 1;
+}
+
+}  // namespace kdr

@@ -1,0 +1,44 @@
+// The categories of a multinomial or ordinal outcome, and the weight matrices of its M = C - 1 working responses.
+//
+// Multinomial: response c stands for category c against the last one, p its probability. Ordinal: response c stands for
+// the cut at category c, p the cumulative probability of a value at or below it. Categories are sorted by value.
+#pragma once
+
+#include <vector>
+
+#include "kernel/array.h"
+
+namespace kdr {
+
+struct CategoryTable {
+  std::vector<double> value;  // C values, ascending
+  std::vector<double> count;  // their records
+};
+
+// Reads the outcome of all records that the analysis keeps and fills the table, and run.kind.categorylabel: the value
+// by
+// "%4.0f", or with as many digits as tell the categories apart. Stops with code 100 when there are more or fewer than
+// the run.kind.ncat categories that were told.
+[[nodiscard]] CategoryTable readcategories();
+
+// The M probabilities of the first working values: the proportions, cumulated in an ordinal run; those of equally
+// frequent categories when one has less than 0.15.
+[[nodiscard]] std::vector<double> startingprobabilities(const CategoryTable& table);
+
+// Probability of every response from its linear predictor eta (M values each).
+void responseprobabilities(const double* eta, int M, double* p);
+
+// z = eta + V^-1 (indicator - p) of a multinomial record, V = diag(p) - p p'; of an ordinal one
+// z_c = eta_c + (indicator_c - p_c) / (p_c (1 - p_c)). False when V is singular.
+[[nodiscard]] bool workingresponses(const double* eta, const double* indicator, const double* p, int M, double* z);
+
+// The weight matrix W of a record, M by M: multinomial V; ordinal the inverse of
+// V_cd = 1 / (p_d (1 - p_c)), c <= d, which is tridiagonal:
+//   W_cc = g_c^2 (1/q_c + 1/q_c+1),  W_c,c+1 = -g_c g_c+1 / q_c+1,  g_c = p_c (1 - p_c),  q_c = p_c - p_c-1
+// False when V is singular.
+[[nodiscard]] bool responseweights(const double* p, int M, double* W);
+
+// The words of a singular weight matrix on console and report; ends the run with code 18.
+[[noreturn]] void nearsingular();
+
+}  // namespace kdr

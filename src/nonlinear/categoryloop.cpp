@@ -1,0 +1,71 @@
+#include "nonlinear/categoryloop.h"
+
+#include <cstdio>
+
+#include "data/scratch.h"
+#include "driver/reportstream.h"
+#include "linear/exploratory.h"
+#include "linear/graphdata.h"
+#include "linear/residualfiles.h"
+#include "linear/runpass.h"
+#include "linear/startvaluesfile.h"
+#include "linear/variancefiles.h"
+#include "nonlinear/categorydata.h"
+#include "nonlinear/macrocontrol.h"
+#include "report/passtables.h"
+
+namespace kdr {
+
+namespace {
+
+PassResults categorypass(Pass& pass, MacroState& state) {
+  std::FILE* stream = openfile(run.files.tempname2, "rb");
+  CategoryUnits units;
+  startcategories(units, state.layout, stream);
+  const PassInput input{[&](UnitProducts& unit) { return nextunit(units, unit); }, true, true, {}};
+  PassResults results = runpass(pass, input, state.iterations);
+  std::fclose(stream);
+  return results;
+}
+
+void closephase(Pass& pass, const MacroState& state, const PassResults& results) {
+  if (haveexploratory()) exploratory(pass);
+  if (run.out.resfil1 || run.out.resfil2 || run.out.resfil3) writeresidualfiles(pass, state.layout);
+  if (run.out.printvc != 0) {
+    writetaufile(taufile, results.est, results.errors, false);
+    writegammafile("gamvcus.dat", results.est.gammahat, modelcovariance(results.est));
+  }
+  if (run.out.graph) writegraphdata(pass, state.layout);
+}
+
+}  // namespace
+
+PassResults estimatecategories(const CategoryTable& table, void (*store)(const PassResults&)) {
+  MacroState state;
+  state.left = run.iter.macroit;
+  preparecategoricaldata(table, state);
+  for (bool first = true;; first = false) {
+    Pass pass;
+    beginmacro(state);
+    PassPlan plan;
+    plan.kind = PassKind::categories;
+    plan.macro = state.macro;
+    plan.limit = run.iter.numit;
+    plan.stopval = run.iter.stopval;
+    plan.fixsigma2 = 1.0;
+    if (!first) plan.start = &state.previous;
+    beginpass(pass, plan);
+    PassResults results = categorypass(pass, state);
+    passtables(results);
+    store(results);
+    if (!run.files.startvals.empty()) writestartvalues();
+    if (phasecloses(state, results, first)) {
+      closephase(pass, state, results);
+      return results;
+    }
+    updatecategoricaldata(pass, state);
+    cutreport();
+  }
+}
+
+}  // namespace kdr
