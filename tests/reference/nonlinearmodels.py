@@ -84,8 +84,6 @@ def commands(name, m):
     cuts = ['THOLD%d' % (c + 2) for c in range(thresholds(m))]
     if cuts:
         equations[0] = equations[0].replace('+RANDOM', ''.join('+' + c for c in cuts) + '+RANDOM')
-        for c in cuts:
-            equations += ['LEVEL2:%s=INTRCPT2/' % c, 'LEVEL3:INTRCPT2=INTRCPT3/']
     if 'categories' not in m:
         head.append('FIXSIGMA2:%.1f' % m['fixsigma2'])
     if m['kind'] != 'multinomial':
