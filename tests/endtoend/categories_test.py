@@ -68,6 +68,8 @@ def main():
     jobs += [(n + ', Bernoulli', two(program, made, n)) for n in ('M2', 'O2')]
     jobs += [('ordinal', chem97(program, chem, 'ordinal', 'chem97.mdm', 7)),
              ('grades', chem97(program, chem, 'grades', 'grades.mdm', 4))]
+    jobs += [('working data of ' + n, pql.workingjob(program, made, n, kind))
+             for n, kind in (('M3W', 'multinomial'), ('O3W', 'ordinal'))]
     return pql.each(program, jobs, pick)
 
 

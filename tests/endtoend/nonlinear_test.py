@@ -62,6 +62,8 @@ def main():
     jobs = [(tag, examplejob(program, holders[name], name, command, settings, tag))
             for name, command, settings, tag in EXAMPLES]
     jobs += pql.madejobs(program, made, COUNTS) + [('flat', flat(program, made)), ('held', held(program, holders['prenatal']))]
+    jobs += [('working data of ' + name, pql.workingjob(program, made, name, 'counts'))
+             for name in ('BERNW', 'POIS', 'EXP', 'EXPW')]
     return pql.each(program, jobs, pick)
 
 

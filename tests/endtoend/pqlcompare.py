@@ -12,6 +12,7 @@ REFERENCE = os.path.join(HERE, '..', 'reference')
 EXAMPLES = os.path.join(HERE, '..', '..', 'examples')
 sys.path[:0] = [HERE, REFERENCE]
 import report
+import residualfiles
 from oracle_test import Checks, run, spread
 
 TIGHT = ['STOPMACRO:0.0000001', 'STOPMICRO:0.0000000001', 'MACROIT:500,N', 'MICROIT:5000', 'FULLOUTPUT:Y']
@@ -180,3 +181,39 @@ def madejobs(program, holder, models):
                 compare(c, sections, stored('nonlin-' + name), model)
         return go
     return [(name, job(name, model)) for name, model in models.items()]
+
+
+def workingjob(program, holder, name, kind):
+    """The working data of the first three macro iterations, record by record, as the level-1 residual file shows those of
+    the last pass: of one outcome the working dependent variable, the residual plus the fitted value; of categories the
+    fitted probabilities, which give the weight matrix."""
+    def go(c):
+        for step, want in enumerate(stored('nonlin-' + name)['workingdata'], 1):
+            tight('%s/%s.kdr' % (holder.name, name), holder.name + '/working.kdr',
+                  TIGHT + ['MACROIT:%d,N' % (step + 1), 'RESFIL1:Y/', 'RESFILTYPE:FREEFORMAT', 'OUTPUT:working.txt'])
+            code, out = run(program, holder.name, 'nonlin.mdm', 'working.kdr')
+            if code != 0:
+                return c.fail('the run ended with code %d\n%s' % (code, out[-800:]))
+            rows = residualfiles.read(holder.name, 'FREEFORMAT', 1).rows
+            c.equal('records', len(rows), len(want['z']))
+            for i, (row, z, w) in enumerate(zip(rows, want['z'], want['w'])):
+                what = 'step %d, record %d' % (step, i)
+                if kind == 'counts':
+                    c.near(what + ', Z', row[2] + row[3], z, 2e-4, 2e-4)
+                    continue
+                M = len(z)
+                p = row[2 + M:2 + 2 * M]
+                for a in range(M):
+                    for b in range(a + 1):
+                        c.near(what + ', W', weight(kind, p, a, b), w[a][b], 2e-5, 1e-3)
+    return go
+
+
+def weight(kind, p, a, b):
+    """Element (a, b), b <= a, of the weight matrix of a record with the probabilities p: of an ordinal one with two cuts
+    the inverse of V_cd = 1 / (p_d (1 - p_c)), c <= d."""
+    if kind == 'multinomial':
+        return p[a] * (1 - p[a]) if a == b else -p[a] * p[b]
+    V = [[1 / (p[max(c, d)] * (1 - p[min(c, d)])) for d in range(2)] for c in range(2)]
+    det = V[0][0] * V[1][1] - V[0][1] ** 2
+    return (V[1 - a][1 - a] if a == b else -V[a][b]) / det
