@@ -53,9 +53,9 @@ OUTPUT:s.txt
 """
 
 
-def study(units3, units2, records, sd2=(1, 0.5), sd3=(0.7, 0.3), sde=1.0, y=None):
+def study(units3, units2, records, sd2=(1, 0.5), sd3=(0.7, 0.3), sde=1.0, y=None, seed=11):
     """Makes s.mdm; `records` is a number or a function of the running number of the level-2 unit."""
-    rng = random.Random(11)
+    rng = random.Random(seed)
     rows1, rows2, rows3 = [], [], []
     for k in range(units3):
         q, v0, v1 = rng.gauss(0, 1), rng.gauss(0, sd3[0]), rng.gauss(0, sd3[1])
@@ -107,9 +107,15 @@ fit("a variance of 0 at level 3", [0, 15])
 study(30, 6, 1)
 fit("units with fewer records than random effects", [13], "Every level-1 predictor matrix is near singular.")
 study(30, 6, lambda unit: 1 if unit % 2 else 2)
-fit("no record to spare for sigma^2", [13, 16])
+fit("no record to spare for sigma^2, which the data tell from the taus", [0], "starting values share out the")
 study(30, 6, lambda unit: 1 if unit % 3 else 9)
 fit("a third of the units has a fit of its own", [0], "are based on only 60 of 180")
+
+# Here a scoring step gains next to nothing and overshoots; the run may not stop at it.
+study(30, 3, 3, sd2=(0.5, 0.3), sd3=(0.2, 0), seed=25)
+text = fit("an overshooting step", [0], "small change", STOPVAL="0.001", NUMIT="6000,N")
+deviance = float(re.findall(r"Deviance += ([\d.]+)", text)[-1])
+check(abs(deviance - 857.188) < 0.1, f"an overshooting step: deviance {deviance}, at the maximum 857.188")
 
 study(1, 20, 8)
 fit("one level-3 unit", [0, 100, 2, 15])
