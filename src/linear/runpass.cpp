@@ -156,9 +156,9 @@ void beginpass(Pass& pass, const PassPlan& plan) {
 PassResults runpass(Pass& pass, const PassInput& input, IterationState& state) {
   datapass(pass, input.next, input.withid, input.withlevel2);
   if (pass.plan.start == nullptr) reportdeletion();
-  if (pass.plan.kind == PassKind::identity) pass.fixsigma2 = input.impliedvariance();
   if (pass.plan.kind != PassKind::linear && pass.plan.start == nullptr) markreport();
   const double s = leastsquares(pass);
+  if (pass.plan.kind == PassKind::identity) pass.fixsigma2 = input.impliedvariance();
   if (pass.plan.kind == PassKind::linear && run.out.fulloutput) reportleastsquares(pass, s);
   if (pass.plan.start == nullptr) {
     startfromdata(pass);

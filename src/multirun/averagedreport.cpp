@@ -154,7 +154,7 @@ void openaveragedreport() {
     run.report.stream = stdout;
     return;
   }
-  std::FILE* file = openfile(name, samefile(name, name) ? "r+" : "w");
+  std::FILE* file = openfile(name, samefile(name, name) ? "r+" : "w+");
   // A first attempt at the averages may have been killed while it wrote.
   const std::string lead = run.report.html ? htmlheading : textheading;
   std::string line;

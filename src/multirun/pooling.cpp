@@ -173,8 +173,13 @@ Pooled pool(const SubrunShape& shape, std::span<const SubrunRecord> records, std
   pooled.chisq3 = meanarray(
       records, [](const SubrunRecord& r) -> auto& { return r.chisq3; });
   if (shape.fisher) {
-    pooled.zerovar = static_cast<int>(
-        std::count_if(records.begin(), records.end(), [](const SubrunRecord& r) { return r.sigma2variance == 0.0; }));
+    // Where sigma^2 is held it has no variance; then an information that could not be inverted leaves no variance at
+    // all.
+    pooled.zerovar = static_cast<int>(std::count_if(records.begin(), records.end(), [&](const SubrunRecord& r) {
+      return shape.sigma2fixed
+                 ? std::all_of(r.taucovariance.begin(), r.taucovariance.end(), [](double v) { return v == 0.0; })
+                 : r.sigma2variance == 0.0;
+    }));
     if (pooled.zerovar == 0) poolerrors(shape, records, pooled);
   }
   pooled.effects = pooleffects(records, &SubrunRecord::effects, pooled.sigma2, dfgamma);

@@ -192,6 +192,7 @@ SubrunShape seriesshape() {
   for (const EffectRow& row : rows.effects) shape.g += row.removed ? 0 : 1;
   shape.fisher = run.iter.fishertype != 0;
   shape.popaverage = run.kind.nlrun;
+  shape.sigma2fixed = run.iter.fixsigma2 != 0.0;
   shape.model = fingerprint(rows);
   return shape;
 }
@@ -223,7 +224,7 @@ void beginseries() {
 }
 
 void storesubrun(const PassResults& results) {
-  if (!inseries() || results.kind == PassKind::identity || results.heterogeneous || results.loglik == missingcode)
+  if (!inseries() || results.heterogeneous || results.loglik == missingcode)
     return;
   const std::size_t place = run.series.mimode ? 0 : at(run.series.pvindex);
   if (results.kind == PassKind::populationaverage) {

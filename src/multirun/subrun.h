@@ -11,6 +11,7 @@ struct SubrunShape {
   bool fisher = false;           // fishertype is not 0: there is a covariance of the variance components
   bool popaverage = false;       // a Bernoulli, binomial or Poisson run: there are population-average fixed effects
   unsigned long long model = 0;  // fingerprint of the model; 0 where nobody asks
+  bool sigma2fixed = false;      // sigma^2 is held, so that it has no variance
 
   // Elements of both taus.
   [[nodiscard]] int tauorder() const { return q * (q + 1) / 2 + r * (r + 1) / 2; }

@@ -6,7 +6,6 @@
 #include <string>
 
 #include "driver/failures.h"
-#include "driver/reportstream.h"
 #include "driver/runrecord.h"
 #include "kernel/sizes.h"
 #include "linear/recordunits.h"
@@ -15,7 +14,7 @@ namespace kdr {
 
 namespace {
 
-std::string outcomename() { return leftname(run.mdm.names1[at(run.kind.outvar)]); }
+const char* outcomename() { return run.mdm.names1[at(run.kind.outvar)].text; }
 
 // The text of every value by "%.<digits>f", without leading blanks; more digits until all differ in the 4 characters
 // that tables show, or more in those 12 that the label holds.
@@ -47,7 +46,7 @@ void addvalue(CategoryTable& table, double y) {
     return;
   }
   if (table.value.size() == at(run.kind.ncat))
-    stopwith("There are more than the specified %d categories of %s!\n", run.kind.ncat, outcomename().c_str());
+    stopwith("There are more than the specified %d categories of %8.8s!\n", run.kind.ncat, outcomename());
   table.value.insert(found, y);
   table.count.insert(table.count.begin() + place, 1.0);
 }
@@ -64,7 +63,7 @@ CategoryTable readcategories() {
       addvalue(table, units.unit.records[i * at(units.layout.width) + at(units.layout.observed)]);
   }
   if (table.value.size() < at(run.kind.ncat))
-    stopwith("There are less than the specified %d categories of %s!\n", run.kind.ncat, outcomename().c_str());
+    stopwith("There are less than the specified %d categories of %8.8s!\n", run.kind.ncat, outcomename());
   const std::vector<std::string> texts = labels(table.value);
   run.kind.categorylabel.reset(texts.size());
   for (std::size_t c = 0; c < texts.size(); ++c)
@@ -141,10 +140,7 @@ bool responseweights(const double* p, int M, double* W) {
 
 void nearsingular() {
   std::printf("The level-1 weight matrix is near singular. Unable to continue.\n");
-  reportline("The level-1 weight matrix is near singular.  You may wish to simplify the model by:");
-  reportline("a) reducing the number of categories;");
-  reportline("b) reducing the number of random effects.");
-  stoprun(18);
+  fail(18);
 }
 
 }  // namespace kdr

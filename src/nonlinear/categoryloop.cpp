@@ -28,14 +28,14 @@ PassResults categorypass(Pass& pass, MacroState& state) {
   return results;
 }
 
-void closephase(Pass& pass, const MacroState& state, const PassResults& results) {
-  if (haveexploratory()) exploratory(pass);
+void closephase(Pass& pass, MacroState& state, const PassResults& results) {
+  state.unitspecificgamma = results.est.gammahat.copy();
   if (run.out.resfil1 || run.out.resfil2 || run.out.resfil3) writeresidualfiles(pass, state.layout);
   if (run.out.printvc != 0) {
     writetaufile(taufile, results.est, results.errors, false);
     writegammafile("gamvcus.dat", results.est.gammahat, modelcovariance(results.est));
   }
-  if (run.out.graph) writegraphdata(pass, state.layout);
+  if (run.out.graph) writegraphdata(pass, state.layout, graphgammas(state));
 }
 
 }  // namespace
@@ -59,8 +59,10 @@ PassResults estimatecategories(const CategoryTable& table, void (*store)(const P
     passtables(results);
     store(results);
     if (!run.files.startvals.empty()) writestartvalues();
+    if (haveexploratory()) exploratory(pass);
     if (phasecloses(state, results, first)) {
       closephase(pass, state, results);
+      std::printf("\n");
       return results;
     }
     updatecategoricaldata(pass, state);

@@ -126,6 +126,15 @@ OutcomeType outcometype() {
   return run.kind.nlcount ? OutcomeType::binomial : OutcomeType::bernoulli;
 }
 
+// Standard errors of the fixed effects that fall far short of those of quasi-likelihood come from integrals with too few
+// points: their information counts what the integration misses.
+bool shorterrors(const QuadratureResult& result, const PassResults& before, int g) {
+  constexpr double share = 0.5;
+  for (int i = 0; i < g; ++i)
+    if (result.vgamma[i * (g + 1)] < share * before.covariance[i * (g + 1)]) return true;
+  return false;
+}
+
 void quadrature(Pass& pass, MacroState& state, const PassResults& before) {
   std::printf("\n");
   RecordBatches batches;
@@ -148,6 +157,11 @@ void quadrature(Pass& pass, MacroState& state, const PassResults& before) {
                                                      currentparameters(pass), startingadaptation(pass));
   releaseinterrupts();
   quadraturereport(result, before.degrees);
+  if (result.finished && shorterrors(result, before, pass.g)) {
+    const char* words = "WARNING: standard errors are far below those of PQL. Use more quadrature points.";
+    reportline("%s", words);
+    std::printf("%s\n", words);
+  }
   // Estimates of an estimation that broke off with a warning are none, nor are those that fell far below what was
   // reached before.
   constexpr double farbelow = 1.0;

@@ -97,7 +97,6 @@ void rescaletaus(MacroState& state) {
 // The end of the unit-specific phase.
 void closephase(Pass& pass, MacroState& state, const PassResults& results) {
   state.unitspecificgamma = run.est.gammahat.copy();
-  if (haveexploratory()) exploratory(pass);
   if (wantresiduals()) writeresidualfiles(pass, state.layout);
   markreport();
   const bool engines = run.iter.laplace || run.iter.agqpoints != 0;
@@ -110,7 +109,7 @@ void closephase(Pass& pass, MacroState& state, const PassResults& results) {
   if (run.out.printvc == 0) return;
   if (run.iter.laplace) {
     writegammafile(averagefile, run.est.gammahat, modelcovariance(run.est));
-  } else if (!engines || run.out.printvc != 2) {
+  } else {
     unitspecificfiles();
   }
 }
@@ -147,8 +146,9 @@ PassResults estimatenonlinear(void (*store)(const PassResults&)) {
     beginpass(pass, plan);
     PassResults results = first ? identitypass(pass, state) : workingpass(pass, state);
     passtables(results);
-    if (!first) store(results);
+    store(results);  // the next pass of the phase takes its place
     if (!run.files.startvals.empty()) writestartvalues();
+    if (!first && haveexploratory()) exploratory(pass);
     const bool closes = phasecloses(state, results, first);
     if (closes) closephase(pass, state, results);
     prepareworkingdata(pass, state, {first, state.macro == 2, closes});

@@ -177,15 +177,15 @@ void leastsquarestables(const LeastSquaresResults& results, const FixedDegrees& 
 
 void iterationtables(const PassResults& results) {
   heading(results);
-  noerrors(results);
   if (shown(results)) {
+    noerrors(results);
     sigma2lines(results);
     if (!results.tausstand) {
       tautables(Tau::pi, results);
       tautables(Tau::beta, results);
     }
   }
-  if (run.out.fulloutput || results.stopped)
+  if (shown(results) && (run.out.fulloutput || results.stopped))
     reportline("The value of the log-likelihood function at iteration %d = %E", results.iteration, results.loglik);
 }
 

@@ -57,7 +57,12 @@ std::string word(int level, int variable) {
 }
 
 // Prefix of the names of a random effect of equation set `set`: its category, where sets stand side by side.
-std::string categoryprefix(int set) { return multinomialrun() ? firstword(categorylabel(set)) : std::string(); }
+std::string categoryprefix(int set) {
+  std::string prefix = multinomialrun() ? firstword(categorylabel(set)) : std::string();
+  for (char& c : prefix)
+    if (std::isalnum(static_cast<unsigned char>(c)) == 0) c = '_';  // a sign or a point is no letter of a name
+  return prefix;
+}
 std::string setprefix(int set) { return multinomialrun() ? number(set + 1) : std::string(); }
 
 void addfit(WantedList& list) {
