@@ -27,10 +27,10 @@ def study(units3, units2, records, y, scalex=1.0, scaley=1.0, x=lambda rng, i: r
     for k in range(units3):
         start2 = y(rng, k)
         rows[2].append("%4d%20.10f\n" % (k, 1.0 + k % 3))
-        for j in range(units2):
+        for j in range(units2(k) if callable(units2) else units2):
             value = start2()
             rows[1].append("%4d%4d%20.10f\n" % (k, j, z(k, j)))
-            for i in range(records):
+            for i in range(records(k + j) if callable(records) else records):
                 x1 = x(rng, i)
                 cells = (scaley * value(x1), scalex * x1, -1.0 - i)
                 rows[0].append("%4d%4d" % (k, j) + "".join(("%20.14f" % c)[:20] for c in cells) + "\n")
@@ -71,17 +71,18 @@ def ratios(text):
     return [float(t) for t in re.findall(r"INTRCPT3, G\S+ +\S+ +\S+ +(\S+)", text.split("Final estimation of fixed")[-2] + text.split("Final estimation of fixed")[-1])]
 
 
-# In a balanced model with intercepts alone gamma is the mean of the units' means, whose squared deviations make up
-# its robust variance, whatever the variance components. Here the random effects are a hundred times sigma.
+# Intercepts alone, random effects a hundred times sigma: with w_j = 1/(tau_pi + sigma^2/n_j) of the level-2 units and
+# W_k their sum, the score of level-3 unit k is sum_j w_j (mean_j - gamma) / (1 + tau_beta W_k).
 means = []
 
 
 def large(rng, k):
-    v, own = rng.gauss(0, 0.5), []
-    means.append(own)
+    v = rng.gauss(0, 0.5)
+    means.append([])
 
     def start2():
-        u = rng.gauss(0, 1)
+        u, own = rng.gauss(0, 1), []
+        means[-1].append(own)
 
         def value(x):
             own.append(3 + u + v + rng.gauss(0, 0.01))
@@ -90,12 +91,18 @@ def large(rng, k):
     return start2
 
 
-study(60, 4, 10, large)
-text = fit("large random effects", x="", more="").split("with robust standard errors")[-1]
-unit = [sum(m) / len(m) for m in means]
-mean = sum(unit) / 60
-wanted = math.sqrt(sum((m - mean) ** 2 for m in unit)) / 60
-near("the robust standard error beside large random effects", number(r"INTRCPT3, G000 +\S+", text), wanted, 1e-3)
+study(60, lambda k: 1 + k % 7, lambda unit: 2 + unit % 9, large)
+text = fit("large random effects", x="", more="", STOPVAL="0.01")
+gamma, sigma2 = number(r"INTRCPT3, G000", text), number(r"\n sigma\^2", text)
+taupi, taubeta = (float(re.findall(row + r" +\S+ +(\S+)", text)[-1]) for row in (r"r0", r"u00"))
+scores, information = 0.0, 0.0
+for unit in means:
+    w = [1 / (taupi + sigma2 / len(own)) for own in unit]
+    e = sum(a * (sum(own) / len(own) - gamma) for a, own in zip(w, unit)) / (1 + taubeta * sum(w))
+    scores += e * e
+    information += sum(w) / (1 + taubeta * sum(w))
+near("the robust standard error beside large random effects", number(r"INTRCPT3, G000 +\S+", text),
+     math.sqrt(scores) / information, 1e-3)
 
 # No unit of measurement decides what can be computed: deviance, t-ratios and standard errors of the variances follow.
 study(20, 6, 8, slopes())
