@@ -4,9 +4,10 @@
 """
 import pathlib
 import re
+import shutil
 import sys
 
-from program import Checks, Workplace
+from program import ROOT, Checks, Workplace
 
 STORED = pathlib.Path(__file__).parent / "reports"
 check = Checks()
@@ -27,12 +28,22 @@ everything = {
                                                                         "+SCHGCSE,2+RANDOM/SCHSIZE\nLEVEL3:INTRCPT2=INTRCPT3+LEAGCSE,2+RANDOM/LEANSCH")
                            .replace("CONSTRAIN:N", "CONSTRAIN:0,0,1,0,0,1\nGAMMA1:0,1,0,0,0\nGAMMA2:0,0,0,1,0\nGAMMA2:0,0,1,0,0\nDEVIANCE:140600\nDF:9\nDIAGONALIZETAUPI:Y")),
 }
+for file in (ROOT / "examples" / "prenatal").iterdir():
+    shutil.copy(file, work.folder)
+work.run("-r", "prenatal.mdmt")
+everything |= {
+    # Every section of a Bernoulli run; the engines follow few macro iterations, so that the report is made fast.
+    "care": work.edited("care-all.kdr", "care.kdr", FULLOUTPUT="Y", LAPLACE="Y,3", **{"PRINTVARIANCE-COVARIANCE": "Y"}),
+    # Thresholds and categories.
+    "ordinal": work.edited("ordinal-few.kdr", "ordinal.kdr", STOPMACRO="0.01"),
+}
+mdm = {"care": "prenatal.mdm"}
 for name, command in everything.items():
     for extension in ("txt", "html"):
         file = f"{name}.{extension}"
         text = work.read(command)
         work.write("run.kdr", re.sub(r"(?m)^OUTPUT:.*$", f"OUTPUT:{file}", text))
-        done = work.run("chem97.mdm", "run.kdr")
+        done = work.run(mdm.get(name, "chem97.mdm"), "run.kdr")
         check(done.returncode == 0, f"{file}: code {done.returncode}: {done.stdout[-200:]}")
         made = masked(work.read(file))
         if "--store" in sys.argv:
