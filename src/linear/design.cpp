@@ -11,20 +11,6 @@
 
 namespace kdr {
 
-namespace {
-
-// The reduced fixed effect of each full one, from the rows of the constraint matrix, which have a single 1.
-void reducedeffects(Array<int>& reduced) {
-  const auto full = reduced.size();
-  for (std::size_t i = 0; i < full; ++i) reduced[i] = static_cast<int>(i);
-  if (run.model.nconstrained == 0) return;
-  for (std::size_t i = 0; i < full; ++i)
-    for (std::size_t j = 0; j < full; ++j)
-      if (run.model.constrainmatrix[i * full + j] != 0.0) reduced[i] = static_cast<int>(j);
-}
-
-}  // namespace
-
 void makedesign(Pass& pass) {
   const ModelSpec& model = run.model;
   pass.npi = run.coef.npi;
@@ -70,7 +56,8 @@ void makedesign(Pass& pass) {
     pass.nfixedterms[pass.p] = coefficient.nterms - static_cast<int>(random);
     design.random1[pass.p++] = static_cast<int>(i);
   }
-  reducedeffects(design.reduced);
+  const std::vector<int> reduced = reducedeffects(rows);
+  std::copy(reduced.begin(), reduced.end(), design.reduced.begin());
 
   if (pass.b == 0) std::printf("Nothing left at beta level.\n");
   if (pass.p == 0) std::printf("Nothing left at pi level.\n");

@@ -26,13 +26,6 @@ namespace kdr {
 
 namespace {
 
-void reportdeletion() {
-  if (run.mdm.nunits1 == run.mdm.numl1rec) return;
-  reportbreak();
-  reportline("Run-time deletion has reduced the number of level-1 records to %d", run.mdm.nunits1);
-  reportbreak();
-}
-
 // The least-squares estimate into gammahat. Returns the residual variance.
 double leastsquares(const Pass& pass) {
   const int g = pass.g;
@@ -155,7 +148,7 @@ void beginpass(Pass& pass, const PassPlan& plan) {
 
 PassResults runpass(Pass& pass, const PassInput& input, IterationState& state) {
   datapass(pass, input.next, input.withid, input.withlevel2);
-  if (pass.plan.start == nullptr) reportdeletion();
+  if (pass.plan.start == nullptr) deletionnote();
   if (pass.plan.kind != PassKind::linear && pass.plan.start == nullptr) markreport();
   const double s = leastsquares(pass);
   if (pass.plan.kind == PassKind::identity) pass.fixsigma2 = input.impliedvariance();

@@ -75,4 +75,18 @@ ModelRows modelrows() {
   return rows;
 }
 
+std::vector<int> reducedeffects(const ModelRows& rows) {
+  std::vector<int> reduced, firstofgroup(rows.effects.size() + 1, -1);
+  int next = 0;
+  for (const EffectRow& effect : rows.effects) {
+    if (effect.removed) {
+      reduced.push_back(firstofgroup[static_cast<std::size_t>(effect.group)]);
+      continue;
+    }
+    if (effect.group > 0) firstofgroup[static_cast<std::size_t>(effect.group)] = next;
+    reduced.push_back(next++);
+  }
+  return reduced;
+}
+
 }  // namespace kdr

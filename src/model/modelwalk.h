@@ -69,6 +69,9 @@ struct ModelRows {
 // The model as the tables stand; a model that the dialogue is still asking for has the rows that are known by then.
 [[nodiscard]] ModelRows modelrows();
 
+// The fixed effect that each effect of the complete model is, once constraints are applied: members of a group share one.
+[[nodiscard]] std::vector<int> reducedeffects(const ModelRows& rows);
+
 // Filled slots of a row of terms.
 [[nodiscard]] int filledslots(const int* row, int width);
 

@@ -218,21 +218,6 @@ void residualcovariance(const LatentRegression& regression) {
   }
 }
 
-// The fixed effect that each effect of the complete model is, once constraints are applied.
-std::vector<int> reducedeffects(const ModelRows& rows) {
-  std::vector<int> reduced, firstofgroup(rows.effects.size() + 1, -1);
-  int next = 0;
-  for (const EffectRow& effect : rows.effects) {
-    if (effect.removed) {
-      reduced.push_back(firstofgroup[at(effect.group)]);
-      continue;
-    }
-    if (effect.group > 0) firstofgroup[at(effect.group)] = next;
-    reduced.push_back(next++);
-  }
-  return reduced;
-}
-
 std::span<const double> view(const Array<double>& values) { return {values.data(), values.size()}; }
 
 // Elements of taupi, behind which those of taubeta stand.

@@ -153,6 +153,13 @@ void sectionheading(const char* text, const char* html, int rule) {
   reportrule(rule);
 }
 
+void deletionnote() {
+  if (run.mdm.nunits1 == run.mdm.numl1rec) return;
+  reportbreak();
+  reportline("Run-time deletion has reduced the number of level-1 records to %d", run.mdm.nunits1);
+  reportbreak();
+}
+
 void leastsquarestables(const LeastSquaresResults& results, const FixedDegrees& degrees) {
   const int g = run.coef.ngamma;
   sectionheading("Least Squares Estimates", "Least Squares Estimates", 23);

@@ -11,6 +11,9 @@ namespace kdr {
 // A section heading: text over a rule of its length, or <h3>.
 void sectionheading(const char* text, const char* html, int rule);
 
+// The number of level-1 records that run-time deletion left, when it left any out.
+void deletionnote();
+
 // The section " Least Squares Estimates" of a linear run.
 void leastsquarestables(const LeastSquaresResults& results, const FixedDegrees& degrees);
 
