@@ -87,17 +87,15 @@ void addlevel3effects(const Pass& pass, int k, const double* v, const double* th
   for (int i = 0; i < pass.b; ++i) thetastar[i] += pass.scale3[k] * v[i];
 }
 
-void level2coefficients(const Pass& pass, const double* level2, const double* thetastar, std::size_t unit,
-                        const double* ustar, double* beta) {
-  const Design& design = pass.design;
+void level2coefficients(const Pass& pass, const double* level2, const double* thetastar, double* beta) {
   std::fill_n(beta, pass.npi, 0.0);
-  for (std::size_t m = 0; m < at(pass.nbeta); ++m) {
-    const int variable = design.variable2[m];
-    beta[design.owner2[m]] += (variable == 0 ? 1.0 : level2[variable - 1]) * thetastar[m];
-  }
-  if (ustar == nullptr) return;
+  for (std::size_t m = 0; m < at(pass.nbeta); ++m)
+    beta[pass.design.owner2[m]] += level2entry(pass, m, level2) * thetastar[m];
+}
+
+void addlevel2effects(const Pass& pass, std::size_t unit, const double* ustar, double* beta) {
   const double scale = run.kind.weighted ? 1.0 / std::sqrt(run.weights.weight2[unit]) : 1.0;
-  for (std::size_t i = 0; i < at(pass.p); ++i) beta[design.random1[i]] += scale * ustar[i];
+  for (std::size_t i = 0; i < at(pass.p); ++i) beta[pass.design.random1[i]] += scale * ustar[i];
 }
 
 void addtransposedW3(const Pass& pass, const double* weights, const double* t, double* x) {

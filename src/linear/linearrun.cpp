@@ -22,8 +22,6 @@ namespace {
 
 constexpr int farlimit = 10000;  // iterations when the user goes on at the limit
 
-bool wantresiduals() { return run.out.resfil1 || run.out.resfil2 || run.out.resfil3; }
-
 PassPlan linearplan() {
   PassPlan plan;
   plan.fixsigma2 = run.iter.fixsigma2;
@@ -65,11 +63,11 @@ void variancefiles(const PassResults& results) {
 
 // Residual files and graph data file. A run without any iteration has no residuals.
 void resultfiles(Pass& pass, bool ordinary) {
-  if (!wantresiduals() && !run.out.graph) return;
+  if (!wantresidualfiles() && !run.out.graph) return;
   // A run without an ordinary stage has made no variance tests, which leave the least-squares residuals of level 3.
   if (!ordinary) static_cast<void>(variancetests(pass));
   const RecordLayout layout = mdmlayout(false);
-  if (wantresiduals()) writeresidualfiles(pass, layout);
+  if (wantresidualfiles()) writeresidualfiles(pass, layout);
   if (run.out.graph) writegraphdata(pass, layout);
 }
 
@@ -93,7 +91,7 @@ PassResults estimatelinear() {
   if (ordinary && haveexploratory()) exploratory(pass);
   if (iterated) {
     resultfiles(pass, ordinary);
-  } else if (wantresiduals() || run.out.graph) {
+  } else if (wantresidualfiles() || run.out.graph) {
     reportline("No iterations were asked for, so there are no residual or graph files.");
   }
   return results;

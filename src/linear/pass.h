@@ -86,10 +86,16 @@ void level3weights(const Pass& pass, int k, double* weights);
 void level2means(const Pass& pass, const double* weights, const double* gamma, double* theta);
 // thetastar = theta + z v (nbeta): what the level-2 units of k vary about, given the level-3 effects v (b).
 void addlevel3effects(const Pass& pass, int k, const double* v, const double* theta, double* thetastar);
-// beta = W2 thetastar (npi) of a level-2 unit, with its row of level-2 variables; and with the random effects ustar (p)
-// of unit number `unit` of the data set, when they are given, beta += d ustar, d the scale of Z1.
-void level2coefficients(const Pass& pass, const double* level2, const double* thetastar, std::size_t unit,
-                        const double* ustar, double* beta);
+// The entry of W2 in column m of B, from a unit's row of level-2 variables.
+[[nodiscard]] inline double level2entry(const Pass& pass, std::size_t m, const double* level2) {
+  const int variable = pass.design.variable2[m];
+  return variable == 0 ? 1.0 : level2[variable - 1];
+}
+// beta = W2 thetastar (npi) of a level-2 unit.
+void level2coefficients(const Pass& pass, const double* level2, const double* thetastar, double* beta);
+// beta += d ustar at the coefficients random at level 2: ustar (p) of unit number `unit` of the data set, d the scale
+// of Z1.
+void addlevel2effects(const Pass& pass, std::size_t unit, const double* ustar, double* beta);
 // x += W3_k' t, t of nbeta, x of ngamma.
 void addtransposedW3(const Pass& pass, const double* weights, const double* t, double* x);
 // X += W3_k' P W3_k, P nbeta squared symmetric, X ngamma squared.

@@ -181,6 +181,8 @@ void eachfittedunit(Pass& pass, const RecordLayout& layout,
   std::fclose(stream);
 }
 
+bool wantresidualfiles() { return run.out.resfil1 || run.out.resfil2 || run.out.resfil3; }
+
 void writeresidualfiles(Pass& pass, const RecordLayout& layout) {
   if (run.out.resfil1) writelevel1(pass, layout);
   if (run.out.resfil2 || run.out.resfil3) writeunitfiles(pass);

@@ -9,6 +9,9 @@
 
 namespace kdr {
 
+// True when the run asks for a residual file.
+[[nodiscard]] bool wantresidualfiles();
+
 // Writes the files of run.out.resfil1, resfil2 and resfil3 from a finished pass after variancetests. The level-1 file
 // comes first, in a walk of its own through the working data file, whose
 // records lie as `layout` tells. A failed write is failure 5 and leaves none of the

@@ -33,14 +33,13 @@ PassResults iterationresults(Pass& pass, IterationState& state) {
   results.kind = pass.plan.kind;
   results.macro = pass.plan.macro;
   results.heterogeneous = state.hetstate == 1;
-  results.tausstand = pass.plan.tausstand();
   results.fixsigma2 = pass.fixsigma2;
   results.stopped = state.stopped();
   results.iteration = state.iteration;
   results.ending = state.ending;
   results.errors = tauerrors(pass, state.fisher, state.likelihood);
   results.loglik = state.likelihood.current;
-  if (!results.heterogeneous && !results.tausstand) results.reliabilities = reliabilities(pass);
+  if (!results.heterogeneous && !results.tausstand()) results.reliabilities = reliabilities(pass);
   results.est = run.est.copy();
   return results;
 }

@@ -68,9 +68,9 @@ void level2coefficients(const Pass& pass, std::size_t unit, const double* hot, c
                         UnitResults& results) {
   UnitResults::Level2& out = results.level2;
   std::copy_n(hot + pass.store.atustar, pass.p, out.EB.data());
-  const double* level2 = cold + pass.store.atlevel2;
-  level2coefficients(pass, level2, results.thetastar.data(), unit, nullptr, out.FV.data());
-  level2coefficients(pass, level2, results.thetastar.data(), unit, out.EB.data(), out.EC.data());
+  level2coefficients(pass, cold + pass.store.atlevel2, results.thetastar.data(), out.FV.data());
+  std::copy(out.FV.begin(), out.FV.end(), out.EC.begin());
+  addlevel2effects(pass, unit, out.EB.data(), out.EC.data());
 }
 
 void level2residuals(const Pass& pass, int k, const double* hot, const double* cold, double missing,

@@ -3,40 +3,18 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <string>
 
 #include "driver/failures.h"
 #include "driver/runrecord.h"
 #include "kernel/sizes.h"
 #include "linear/recordunits.h"
+#include "model/categories.h"
 
 namespace kdr {
 
 namespace {
 
 const char* outcomename() { return run.mdm.names1[at(run.kind.outvar)].text; }
-
-// The text of every value by "%.<digits>f", without leading blanks; more digits until all differ in the 4 characters
-// that tables show, or more in those 12 that the label holds.
-std::vector<std::string> labels(const std::vector<double>& values) {
-  constexpr int mostdigits = 10;
-  std::vector<std::string> texts(values.size());
-  for (const std::size_t shown : {std::size_t{4}, std::size_t{12}})
-    for (int digits = 0; digits <= mostdigits; ++digits) {
-      std::vector<std::string> cut;
-      for (std::size_t c = 0; c < values.size(); ++c) {
-        char text[64];
-        std::snprintf(text, sizeof text, "%4.*f", digits, values[c]);
-        texts[c] = text + std::string(text).find_first_not_of(' ');
-        if (digits > 0) texts[c].erase(texts[c].find_last_not_of('0') + 1);
-        if (!texts[c].empty() && texts[c].back() == '.') texts[c].pop_back();
-        cut.push_back(texts[c].substr(0, shown));
-      }
-      std::sort(cut.begin(), cut.end());
-      if (std::adjacent_find(cut.begin(), cut.end()) == cut.end()) return texts;
-    }
-  return texts;
-}
 
 void addvalue(CategoryTable& table, double y) {
   const auto found = std::lower_bound(table.value.begin(), table.value.end(), y);
@@ -64,10 +42,7 @@ CategoryTable readcategories() {
   }
   if (table.value.size() < at(run.kind.ncat))
     stopwith("There are less than the specified %d categories of %8.8s!\n", run.kind.ncat, outcomename());
-  const std::vector<std::string> texts = labels(table.value);
-  run.kind.categorylabel.reset(texts.size());
-  for (std::size_t c = 0; c < texts.size(); ++c)
-    std::snprintf(run.kind.categorylabel[c].text, sizeof run.kind.categorylabel[c].text, "%.12s", texts[c].c_str());
+  run.kind.categorylabel = categorylabels(table.value.data(), run.kind.ncat);
   return table;
 }
 

@@ -133,7 +133,8 @@ void updatecategoricaldata(Pass& pass, MacroState& state) {
       },
       [&](int, std::size_t j, const double* hot) {
         if (!readunit(reader, unit)) stopwith("The working data file is damaged: it is cut off.\n");
-        level2coefficients(pass, unit.level2.data(), thetastar.data(), j, hot + pass.store.atustar, beta.data());
+        level2coefficients(pass, unit.level2.data(), thetastar.data(), beta.data());
+        addlevel2effects(pass, j, hot + pass.store.atustar, beta.data());
         for (int i = 0; i < unit.nj; ++i) updaterecord(unit.records.data() + at(i) * at(layout.width));
         writeunit(out, unit, layout.width, run.mdm.nvar2, false);
       },

@@ -30,7 +30,7 @@ PassResults categorypass(Pass& pass, MacroState& state) {
 
 void closephase(Pass& pass, MacroState& state, const PassResults& results) {
   state.unitspecificgamma = results.est.gammahat.copy();
-  if (run.out.resfil1 || run.out.resfil2 || run.out.resfil3) writeresidualfiles(pass, state.layout);
+  if (wantresidualfiles()) writeresidualfiles(pass, state.layout);
   if (run.out.printvc != 0) {
     writetaufile(taufile, results.est, results.errors, false);
     writegammafile("gamvcus.dat", results.est.gammahat, modelcovariance(results.est));

@@ -19,7 +19,6 @@ struct LaplaceData {
   int npi = 0, nbeta = 0;               // level-1 and level-2 coefficients
   int units3 = 0;                       // J3
   std::size_t units2 = 0, records = 0;  // J2, N
-  std::size_t largestunits = 0;         // most level-2 units of a level-3 unit
   RecordSource source;
 };
 

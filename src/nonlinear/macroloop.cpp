@@ -27,8 +27,6 @@ constexpr const char* unitspecificfile = "gamvcus.dat";
 constexpr const char* averagefile = "gamvcpa.dat";
 constexpr const char* robustaveragefile = "gamvcpar.dat";
 
-bool wantresiduals() { return run.out.resfil1 || run.out.resfil2 || run.out.resfil3; }
-
 // The mean outcome of the identity pass, and the variance that the outcome type implies there.
 double impliedvariance(double mean) {
   if (run.kind.nonlin == 2) return mean;
@@ -97,7 +95,7 @@ void rescaletaus(MacroState& state) {
 // The end of the unit-specific phase.
 void closephase(Pass& pass, MacroState& state, const PassResults& results) {
   state.unitspecificgamma = run.est.gammahat.copy();
-  if (wantresiduals()) writeresidualfiles(pass, state.layout);
+  if (wantresidualfiles()) writeresidualfiles(pass, state.layout);
   markreport();
   const bool engines = run.iter.laplace || run.iter.agqpoints != 0;
   const auto unitspecificfiles = [&] {

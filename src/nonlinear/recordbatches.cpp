@@ -39,10 +39,7 @@ Level3Records readlevel3(RecordBatches& batches) {
   for (std::size_t j = 0; j < at(unit.units); ++j) {
     if (!readunit(batches.reader, batches.unit)) stopwith("The working data file is damaged: it is cut off.\n");
     const UnitBlock& block = batches.unit;
-    for (std::size_t m = 0; m < nbeta; ++m) {
-      const int variable = pass.design.variable2[m];
-      unit.w2[j * nbeta + m] = variable == 0 ? 1.0 : block.level2[at(variable) - 1];
-    }
+    for (std::size_t m = 0; m < nbeta; ++m) unit.w2[j * nbeta + m] = level2entry(pass, m, block.level2.data());
     for (int i = 0; i < block.nj; ++i, ++record) {
       const double* values = block.records.data() + at(i) * at(layout.width);
       for (std::size_t c = 0; c < npi; ++c)

@@ -85,10 +85,7 @@ double predictor(const Pass& pass, Step& step, const double* values, const doubl
   if (!step.kind.marginal) return eta;
   const Design& design = pass.design;
   for (std::size_t i = 0; i < step.d.size(); ++i) step.d[i] = step.x[design.random1[i]];
-  for (std::size_t i = 0; i < step.e.size(); ++i) {
-    const int variable = design.variable2[i];
-    step.e[i] = (variable == 0 ? 1.0 : level2[variable - 1]) * step.x[design.owner2[i]];
-  }
+  for (std::size_t i = 0; i < step.e.size(); ++i) step.e[i] = level2entry(pass, i, level2) * step.x[design.owner2[i]];
   return marginalpredictor(step.correction, step.d.data(), step.e.data(), eta);
 }
 
@@ -166,8 +163,9 @@ void prepareworkingdata(Pass& pass, MacroState& state, const WorkingStep& kind) 
       },
       [&](int, std::size_t j, const double* hot) {
         if (!readunit(reader, unit)) stopwith("The working data file is damaged: it is cut off.\n");
-        level2coefficients(pass, unit.level2.data(), (kind.marginal ? step.theta : step.thetastar).data(), j,
-                           kind.marginal ? nullptr : hot + pass.store.atustar, step.beta.data());
+        const Array<double>& means = kind.marginal ? step.theta : step.thetastar;
+        level2coefficients(pass, unit.level2.data(), means.data(), step.beta.data());
+        if (!kind.marginal) addlevel2effects(pass, j, hot + pass.store.atustar, step.beta.data());
         convertunit(pass, step, state, unit, converted);
         writeunit(out, converted, to.width, run.mdm.nvar2, false);
       },

@@ -60,7 +60,6 @@ struct PassResults {
   PassKind kind = PassKind::linear;
   int macro = 0;               // macro iteration, from 1; 0 in a linear run
   bool heterogeneous = false;  // of the stage with a taupi per level-3 unit
-  bool tausstand = false;      // the taus were not estimated: their tables are those of an earlier pass
 
   double fixsigma2 = 0.0;  // what sigma^2 was held at; 0.0: it was estimated
   bool stopped = true;     // the iterations are over
@@ -77,6 +76,9 @@ struct PassResults {
   Array<double> robust;      // g squared: the cluster sandwich; empty when it is not usable
   bool fewunits = false;     // too few level-3 units for `robust` to be trusted
   VarianceTests tests;
+
+  // The taus were not estimated: their tables are those of an earlier pass.
+  [[nodiscard]] bool tausstand() const { return kind == PassKind::populationaverage; }
 };
 
 }  // namespace kdr

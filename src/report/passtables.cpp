@@ -48,7 +48,7 @@ void heading(const PassResults& results) {
 }
 
 void noerrors(const PassResults& results) {
-  if (!results.errors.asked || results.errors.known || results.tausstand) return;
+  if (!results.errors.asked || results.errors.known || results.tausstand()) return;
   report("Standard errors for ");
   if (results.fixsigma2 == 0.0) report("%s, ", run.sym.symvar1.c_str());
   report("%s, and %s are not computable.", run.sym.symvar2.c_str(), run.sym.symvar3.c_str());
@@ -187,7 +187,7 @@ void iterationtables(const PassResults& results) {
   if (shown(results)) {
     noerrors(results);
     sigma2lines(results);
-    if (!results.tausstand) {
+    if (!results.tausstand()) {
       tautables(Tau::pi, results);
       tautables(Tau::beta, results);
     }
@@ -206,7 +206,7 @@ void passtables(const PassResults& results) {
   if (shown(results)) fixedeffectstables(results);
   if (results.kind == PassKind::identity) return;
   robusttables(results);
-  if (!results.tausstand) variancetesttables(results);
+  if (!results.tausstand()) variancetesttables(results);
 }
 
 }  // namespace kdr

@@ -26,7 +26,6 @@ PassResults resultsof(PassKind kind) {
   results.kind = kind;
   results.macro = kind == PassKind::linear ? 0 : 4;
   if (kind == PassKind::identity) results.fixsigma2 = 1.5;
-  results.tausstand = kind == PassKind::populationaverage;
   results.iteration = 7;
   results.loglik = -12.5;
   results.est.gammahat = filled(1, 2.0);
