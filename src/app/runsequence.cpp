@@ -237,6 +237,7 @@ void runjob(int argc, char** argv) {
   }
   if (rawjob) constructionjob();
 
+  clearseries();
   do {
     readmodel();
     const CategoryTable table = run.kind.mnrun ? readcategories() : CategoryTable{};

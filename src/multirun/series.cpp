@@ -197,6 +197,10 @@ SubrunShape seriesshape() {
   return shape;
 }
 
+void clearseries() {
+  if (run.series.mimode && run.series.mifirst) removestore();
+}
+
 void beginseries() {
   if (!inseries()) return;
   if (run.series.mimode && run.series.pvmode)
@@ -259,6 +263,10 @@ const Pooled* poolseries() {
 
 void closeseries(int code) {
   if (!run.series.mimode) return;
+  if (!series.begun && run.series.mifirst && code != 0) {
+    std::printf("The first data set of the series failed before its model was known, so the series has not begun.\n");
+    return;
+  }
   if (!run.series.milast) {
     if (!series.begun || code != 0 || !series.whole) return;
     if (const std::string problem = appendrecord(series.shape, run.series.miindex, series.records[0]); !problem.empty())

@@ -2,6 +2,7 @@
 // or plausible values, one pass per value. Without a series every call here does nothing.
 //
 // In the order of a sub-run:
+//   clearseries    before the model is read
 //   beginseries    once the report stands up to the model's summary
 //   storesubrun    with the results of each pass; a data set's record reaches the disk when the process ends well
 //   poolseries     at the end of the sub-run; does something after the last one
@@ -17,6 +18,10 @@ namespace kdr {
 
 // The shape of this run's records, from the complete model.
 [[nodiscard]] SubrunShape seriesshape();
+
+// A first data set removes the store that another series left in this folder: should it fail before it makes its own, the
+// data sets behind it find none.
+void clearseries();
 
 // First sub-run: begins the averaged report and a store. A later data set joins the store of its series; a store that
 // isn't usable stops the run with one sentence and code 100. Failure 5.

@@ -212,7 +212,7 @@ def fixedeffects(check, near, name, part, effects, sigma2, contrasts):
                 ratio = part.ratios[table][i]
                 for which, value, x in (("", ratio.ratio, 0.0), (" low", ratio.low, -1.0), (" high", ratio.high, 1.0)):
                     expected = math.exp(want.gamma[i] + x * tquantile(row.df) * error)
-                    near(what + " ratio" + which, value, expected, (6e-4 if x else 0) + 3e-5 * expected)
+                    near(what + " ratio" + which, value, expected, 3e-5 * expected + abs(x) * (6e-4 + 1.1e-3 * error * expected))
         check(bool(part.ratios) == bool(effects[0].section.ratios), f"{name}: ratios")
         for number, contrast in enumerate(contrasts):
             e, errors, statistic = want.wald(contrast, number)

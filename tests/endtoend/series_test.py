@@ -112,6 +112,7 @@ class Place(Workplace):
         self.write("all.dat", "\n".join(lines) + "\n")
         for m in range(M):
             self.imputed(f"imp{m + 1}", [(x[:13], score(x, m), gcse(x, m)) for x in lines])
+        self.imputed("separated", [(x[:13], "%8d" % (9 if float(gcse(x, 0)) > 0 else 1), gcse(x, 0)) for x in lines])
         self.imputed("const", [(x[:12] + "1", score(x, 0), gcse(x, 0)) for x in lines])
         self.mdm("pv", "all.dat", "F3.0,5F8.3,5F8.4",
                  ["FEMALE"] + [f"SC{m + 1}" for m in range(M)] + [f"GC{m + 1}" for m in range(M)])
@@ -210,26 +211,30 @@ def html(check, place):
 
 
 def failures(check, place):
-    """A data set whose FEMALE is constant fails: it is named, and the others are averaged."""
-    text = model()
-    singles = [place.single(mdm, text) for mdm in IMPUTED]
-    for failing in ((0,), (2,), (M - 1,), (0, 3)):
-        mdms = ["const" if k in failing else mdm for k, mdm in enumerate(IMPUTED)]
-        codes = place.series(text, mdms)
-        check(codes == [11 if k in failing else 0 for k in range(M)], f"failing {failing}: exit codes {codes}")
-        averaged = place.averaged()
-        note = "sub" + ("analysis: " if len(failing) == 1 else "analyses: ") + "".join(f"{k + 1} " for k in failing)
-        check(f"\nThese results do not reflect the failed {note}\n" in averaged.text, f"failing {failing}: the note")
-        rubin.compare(check, f"failing {failing}", averaged, [s for k, s in enumerate(singles) if k not in failing],
-                      CONTRASTS)
-        check(not place.exists(STORE), f"failing {failing}: the store is left")
-    # all but one: its results stand as they are
-    codes = place.series(text, ["const", "const", "imp3"])
-    averaged = place.averaged()
-    check("Only one analysis of the series is usable" in averaged.text, "one usable: the sentence")
-    for table in ("final", "robust"):
-        check([row[4:8] for row in averaged.fixed[table].rows] == [row[4:8] for row in singles[2].report.fixed[table].rows],
-              f"one usable: {table} is not the single run's")
+    """Data sets that fail are named, and the others are averaged: one whose FEMALE is constant, at the start; one whose
+    outcome is separated by GCSECNT, with results of early iterations or without the third category."""
+    late = nonlinear("BERNOULLI", options="FIXSIGMA2:1.0\n").replace("MACROIT:5", "MACROIT:20")
+    ordinal, multinomial = (nonlinear(x, hypotheses="") for x in ("ORDINAL,3", "MULTINOMIAL,3"))
+    for name, text, bad, code, contrasts, patterns in (
+            ("linear", model(), "const", 11, CONTRASTS, ((0,), (2,), (M - 1,), (0, 3), (0, 1, 2, 3), (1, 2, 3, 4))),
+            ("bernoulli", late, "separated", 100, CONTRASTS, ((0,), (2,), (M - 1,), (0, 1, 2, 4))),
+            ("ordinal", ordinal, "const", 11, (), ((0, M - 1),)),
+            ("multinomial", multinomial, "separated", 100, (), ((2,),))):
+        singles = [place.single(mdm, text) for mdm in IMPUTED]
+        for failing in patterns:
+            what = f"{name}, failing {failing}"
+            codes = place.series(text, [bad if k in failing else mdm for k, mdm in enumerate(IMPUTED)])
+            check(codes == [code if k in failing else 0 for k in range(M)], f"{what}: exit codes {codes}")
+            averaged = place.averaged()
+            note = "sub" + ("analysis: " if len(failing) == 1 else "analyses: ") + "".join(f"{k + 1} " for k in failing)
+            check(f"\nThese results do not reflect the failed {note}\n" in averaged.text, f"{what}: the note")
+            check(("Only one analysis of the series is usable; its results are not averages." in averaged.text)
+                  == (len(failing) == M - 1), f"{what}: the sentence on a single one")
+            rubin.compare(check, what, averaged, [s for k, s in enumerate(singles) if k not in failing], contrasts)
+            check(not place.exists(STORE), f"{what}: the store is left")
+    check(place.series(late, ["const", "separated"]) == [11, 100], "none usable: exit codes")
+    check("No analysis of the series is usable" in place.averaged().text and "Final est" not in place.averaged().text,
+          "none usable: the sentence")
 
 
 def refusals(check, place):
@@ -253,6 +258,12 @@ def refusals(check, place):
     done = words("-mi0", "-e")  # replaces it, and is the whole series
     check(done.returncode == 0 and "Only one analysis" in place.read("out.avg"), "a series of one")
     check(words("-e").returncode == 100, "-e alone")
+    place.write("series.kdr", nonlinear("MULTINOMIAL,3", hypotheses=""))
+    words("-mi0")
+    done = place.run("-mi0", "separated.mdm", "series.kdr")  # fails before it makes a store: the old one must not be joined
+    check(done.returncode == 100 and "the series has not begun" in done.stdout, f"a first one that fails: {done.stdout[-200:]}")
+    done = words("-mi1", "-e")
+    check(done.returncode == 100 and "There is no result store" in done.stdout, f"an old store: {done.stdout[-200:]}")
     done = words("-mi128")
     check(done.returncode == 100 and "127" in done.stdout, f"data set 129: {done.stdout}")
 
