@@ -321,30 +321,41 @@ def kills(check, place, moments):
 def plausible(check, place):
     """Outcome and predictor, in one process; every pass is the single run with its variable."""
     scores, gcses = [f"SC{m + 1}" for m in range(M)], [f"GC{m + 1}" for m in range(M)]
-    for name, values, variant in (("outcome", scores, lambda m: dict(outcome=scores[m], predictors="FEMALE+GC1")),
-                                  ("predictor", gcses, lambda m: dict(outcome="SC1", predictors="FEMALE+" + gcses[m])),
-                                  ("centered predictor", gcses,
-                                   lambda m: dict(outcome="SC1", predictors=f"FEMALE+{gcses[m]},2"))):
-        singles, tables = [], []
+    outcome = lambda m: dict(outcome=scores[m], predictors="FEMALE+GC1")
+    predictor = lambda m: dict(outcome="SC1", predictors="FEMALE+" + gcses[m])
+    centered = lambda m: dict(outcome="SC1", predictors=f"FEMALE+{gcses[m]},2")
+    heterogeneous, full = "HETIT:3\nNUMIT:40,N\n", "FULLOUTPUT:Y\n"
+    for name, values, variant, options in (
+            ("outcome", scores, outcome, ""), ("predictor", gcses, predictor, ""), ("centered predictor", gcses, centered, ""),
+            ("outcome, heterogeneous stage", scores, outcome, heterogeneous + full),
+            ("predictor, weights", gcses, centered, WEIGHTS + full),
+            ("predictor, held", gcses, centered, "FIXSIGMA2:5.123456789\nDIAGONALIZETAUPI:Y\nFISHERTYPE:1\n" + full)):
+        fisher, singles, tables = heterogeneous not in options, [], []
+        settings = lambda m: dict(variant(m), options=options)
         for m in range(M):
-            singles.append(place.single("pv", model(**variant(m))))
+            singles.append(place.single("pv", model(**settings(m)), fisher, WEIGHTS in options))
             tables.append(place.read("single.txt"))
-        place.write("pv.kdr", model(plausvals="PLAUSVALS:" + ",".join(values) + "\n", **variant(0)))
+        place.write("pv.kdr", model(plausvals="PLAUSVALS:" + ",".join(values) + "\n", **settings(0)))
         done = place.run("pv.mdm", "pv.kdr")
         check(done.returncode == 0, f"{name}: {done.stdout}")
-        rubin.compare(check, name, place.averaged(), singles, CONTRASTS)
+        rubin.compare(check, name, place.averaged(), singles, CONTRASTS, fisher)
         text = place.averaged().text
-        what = "outcome" if name == "outcome" else "plausible"
+        what = "outcome" if variant is outcome else "plausible"
         check(f" The {what} variables are: " + ",".join("%8s" % v for v in values) + "\n" in text,
               f"{name}: the line of the variables")
         check("PLAUSIBLE VALUE RUN" in text, f"{name}: the heading")
         for m in range(M):
             check(results(place.read(f"out.{m + 1}")) == results(tables[m]),
                   f"{name}: pass {m + 1} is not the single run with {values[m]}")
-        place.write("pv.kdr", model(plausvals="PLAUSVALS:" + ",".join(values) + "\n", **variant(0)).replace(
+        place.write("pv.kdr", model(plausvals="PLAUSVALS:" + ",".join(values) + "\n", **settings(0)).replace(
             "OUTPUT:out.txt", "OUTPUT:page.html"))
         check(place.run("pv.mdm", "pv.kdr").returncode == 0 and place.read("page_avg.html").endswith("</body></html>\n"),
               f"{name}: html")
+    for kind in NONLINEAR:
+        place.write("pv.kdr", nonlinear(kind, plausvals="PLAUSVALS:PASS,GRADE\n", hypotheses="", output="refused.txt"))
+        done = place.run("imp1.mdm", "pv.kdr")
+        check(done.returncode == 100 and "You can not do a combination of non-linear and plausible values" in done.stdout
+              and not place.exists("refused.1"), f"{kind}: plausible values")
 
 
 def results(text):
