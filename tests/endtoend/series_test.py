@@ -280,16 +280,21 @@ def refusals(check, place):
 
 def kills(check, place, moments):
     """Processes killed at random moments: the averages are those of the data sets that are not named as failed."""
-    text = model(options="NUMIT:30,N\n", hypotheses="")
-    singles = [place.single(mdm, text) for mdm in IMPUTED]
-    place.write("series.kdr", text)
-    start = time.time()
-    place.run("-mi0", "imp1.mdm", "series.kdr")
-    length = time.time() - start
     rng = random.Random(17)
     averaged = refused = 0
+    kinds = []
+    for text in (model(options="NUMIT:30,N\n", hypotheses=""),
+                 nonlinear("BERNOULLI", hypotheses="").replace("MICROIT:60", "MICROIT:10")):
+        singles = [place.single(mdm, text) for mdm in IMPUTED]
+        place.write("series.kdr", text)
+        start = time.time()
+        place.run("-mi0", "imp1.mdm", "series.kdr")
+        kinds.append((text, singles, time.time() - start))
     for n in range(moments):
-        (place.folder / STORE).unlink(missing_ok=True)
+        text, singles, length = kinds[n % 2]
+        place.write("series.kdr", text)
+        for name in (STORE, "out.avg"):
+            (place.folder / name).unlink(missing_ok=True)
         victim = rng.randrange(M)
         lost = set()
         for k, mdm in enumerate(IMPUTED):
@@ -304,7 +309,7 @@ def kills(check, place, moments):
                 code = subprocess.run([place.program, *words], cwd=place.folder, env=place.environment,
                                       stdout=subprocess.DEVNULL, stdin=subprocess.DEVNULL).returncode
             lost |= {k} if code != 0 else set()
-        if "AVERAGED" not in place.read("out.avg"):
+        if not place.exists("out.avg") or "AVERAGED" not in place.read("out.avg"):
             refused += 1
             check(bool(lost), f"kill {n}: nothing averaged without a kill")
             continue
