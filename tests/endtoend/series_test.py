@@ -66,7 +66,7 @@ LVR-BETA:N
 RESFIL1:N
 RESFIL2:N
 RESFIL3:N
-NUMIT:5000,N
+NUMIT:60,N
 STOPVAL:0.0000000001
 FULLOUTPUT:N
 TITLE:A series
@@ -329,7 +329,7 @@ def plausible(check, place):
     outcome = lambda m: dict(outcome=scores[m], predictors="FEMALE+GC1")
     predictor = lambda m: dict(outcome="SC1", predictors="FEMALE+" + gcses[m])
     centered = lambda m: dict(outcome="SC1", predictors=f"FEMALE+{gcses[m]},2")
-    heterogeneous, full = "HETIT:3\nNUMIT:40,N\n", "FULLOUTPUT:Y\n"
+    heterogeneous, full = "HETIT:3\n", "FULLOUTPUT:Y\n"
     for name, values, variant, options in (
             ("outcome", scores, outcome, ""), ("predictor", gcses, predictor, ""), ("centered predictor", gcses, centered, ""),
             ("outcome, heterogeneous stage", scores, outcome, heterogeneous + full),
