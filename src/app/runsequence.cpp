@@ -30,10 +30,9 @@
 #include "model/constraints.h"
 #include "model/dialogue.h"
 #include "model/writer.h"
-#include "multirun/latentreport.h"
+#include "multirun/latentregression.h"
 #include "multirun/series.h"
 #include "nonlinear/categoryloop.h"
-#include "nonlinear/laplacereport.h"
 #include "nonlinear/macroloop.h"
 #include "report/header.h"
 #include "report/specification.h"
@@ -125,8 +124,8 @@ void checkfiles() {
   std::vector<std::string> taken{files.mdmfile, files.cmdfile, files.outfile, files.startvals, newcommandfile};
   if (run.out.printvc != 0) taken.insert(taken.end(), {taufile, gammafile, robustgammafile});
   if (run.out.printvc != 0 && !run.kind.linear())
-    taken.insert(taken.end(), {"gamvcus.dat", "gamvcpa.dat", "gamvcpar.dat", laplacetaufile, laplacegammafile,
-                               "tauvcagq.dat", "gamvcagq.dat"});
+    taken.insert(taken.end(), {unitspecificgammafile, populationgammafile, robustpopulationgammafile, laplacetaufile,
+                               laplacegammafile, quadraturetaufile, quadraturegammafile});
   if (run.iter.hetit != 0) taken.push_back(heterogeneousfile);
   std::vector<std::string> results;
   if (run.out.resfil1) results.push_back(files.resfil1name);

@@ -11,7 +11,9 @@
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
 #include "kernel/sizes.h"
+#include "multirun/pooling.h"
 #include "multirun/resultstore.h"
+#include "report/averagedreport.h"
 #include "report/modelrows.h"
 #include "report/stream.h"
 
@@ -228,8 +230,7 @@ void beginseries() {
 }
 
 void storesubrun(const PassResults& results) {
-  if (!inseries() || results.heterogeneous || results.loglik == missingcode)
-    return;
+  if (!inseries() || results.heterogeneous || results.loglik == missingcode) return;
   const std::size_t place = run.series.mimode ? 0 : at(run.series.pvindex);
   if (results.kind == PassKind::populationaverage) {
     if (place >= series.records.size()) return;

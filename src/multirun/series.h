@@ -9,10 +9,9 @@
 //   closeseries    from the stop sequence, with the exit code
 #pragma once
 
-#include "multirun/averagedreport.h"
-#include "multirun/pooling.h"
 #include "multirun/subrun.h"
 #include "report/passresults.h"
+#include "report/pooledresults.h"
 
 namespace kdr {
 

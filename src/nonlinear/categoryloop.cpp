@@ -33,7 +33,7 @@ void closephase(Pass& pass, MacroState& state, const PassResults& results) {
   if (wantresidualfiles()) writeresidualfiles(pass, state.layout);
   if (run.out.printvc != 0) {
     writetaufile(taufile, results.est, results.errors, false);
-    writegammafile("gamvcus.dat", results.est.gammahat, modelcovariance(results.est));
+    writegammafile(unitspecificgammafile, results.est.gammahat, results.est.covariance());
   }
   if (run.out.graph) writegraphdata(pass, state.layout, graphgammas(state));
 }

@@ -58,12 +58,6 @@ bool phasecloses(MacroState& state, const PassResults& results, bool first) {
   return false;
 }
 
-Array<double> modelcovariance(const Estimates& est) {
-  Array<double> covariance = est.vgamma.copy();
-  for (double& v : covariance) v *= est.sigma2;
-  return covariance;
-}
-
 Array<double> graphgammas(const MacroState& state) {
   const std::size_t g = at(run.coef.ngamma);
   Array<double> gammas(3 * g);

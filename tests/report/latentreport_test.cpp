@@ -1,5 +1,5 @@
 // The report of a latent variable regression: its lines in both modes, and the model that it reads.
-#include "multirun/latentreport.h"
+#include "report/latentreport.h"
 
 #include <gtest/gtest.h>
 
