@@ -18,8 +18,8 @@ namespace kdr {
 // The shape of this run's records, from the complete model.
 [[nodiscard]] SubrunShape seriesshape();
 
-// A first data set removes the store that another series left in this folder: should it fail before it makes its own, the
-// data sets behind it find none.
+// A first data set removes the store that another series left in this folder: should it fail before it makes its own,
+// the data sets behind it find none.
 void clearseries();
 
 // First sub-run: begins the averaged report and a store. A later data set joins the store of its series; a store that
