@@ -24,7 +24,8 @@ namespace {
 struct Series {
   bool begun = false;  // the store was created or joined
   bool pooled = false;
-  bool whole = false;  // the record of this sub-run has all its fields
+  bool whole = false;  // the record of this sub-run has all its fields,
+  bool ended = false;  // and its estimation came to its end
   SubrunShape shape;
   std::vector<SubrunRecord> records;  // of this process: one of a data set, all of plausible values
   AveragedFrame frame;
@@ -251,6 +252,7 @@ bool lastsubrun() {
 }
 
 const Pooled* poolseries() {
+  series.ended = series.whole;
   if (!inseries() || !lastsubrun()) return nullptr;
   closereport();
   if (!writeaverages()) {
@@ -269,7 +271,7 @@ void closeseries(int code) {
     return;
   }
   if (!run.series.milast) {
-    if (!series.begun || code != 0 || !series.whole) return;
+    if (!series.begun || code != 0 || !series.ended) return;
     if (const std::string problem = appendrecord(series.shape, run.series.miindex, series.records[0]); !problem.empty())
       std::printf("%s\n", problem.c_str());
     return;

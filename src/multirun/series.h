@@ -34,12 +34,14 @@ void storesubrun(const PassResults& results);
 // True when no further sub-run follows this one.
 [[nodiscard]] bool lastsubrun();
 
-// After the last sub-run: closes its report and writes the averages, which become the run's open report; the store is
-// removed. The result, for who goes on to work with the averages, is null unless a sub-run was usable.
+// The sub-run has ended. After the last one: closes its report and writes the averages, which become the run's open
+// report; the store is removed. The result, for who goes on to work with the averages, is null unless a sub-run was
+// usable.
 const Pooled* poolseries();
 
 // The stop hook of a multiple-imputation series. A data set that isn't the last is marked as finished when the code is
-// 0 and its results are there. A last one that ends without having pooled pools the others and closes that report.
+// 0 and poolseries was reached: a user can leave in the middle with that code. A last one that ends without having
+// pooled pools the others and closes that report.
 void closeseries(int code);
 
 }  // namespace kdr

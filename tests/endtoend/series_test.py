@@ -10,6 +10,7 @@ import pathlib
 import random
 import re
 import shutil
+import signal
 import subprocess
 import sys
 import time
@@ -278,6 +279,27 @@ def refusals(check, place):
     check(done.returncode == 100 and "127" in done.stdout, f"data set 129: {done.stdout}")
 
 
+def leaving(check, place):
+    """A user who leaves in the middle of the macro iterations ends with code 0, and yet leaves no results."""
+    text = nonlinear("ORDINAL,3", hypotheses="").replace("MACROIT:5", "STOPMACRO:0.000000000001\nMACROIT:5000")
+    place.write("series.kdr", text)
+    for wait in range(20):  # between two passes the interrupt ends the run at once
+        child = subprocess.Popen([place.program, "-q", "-mi0", "imp1.mdm", "series.kdr"], cwd=place.folder,
+                                 env=place.environment, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        for line in child.stdout:
+            if "MACRO ITERATION 3" in line:
+                break
+        time.sleep(0.005 * wait)
+        child.send_signal(signal.SIGINT)
+        said, _ = child.communicate("1\n", timeout=60)
+        if "1 to exit now" in said:
+            break
+    check(child.returncode == 0 and "1 to exit now" in said, f"leaving: code {child.returncode}, {said[-200:]}")
+    place.write("series.kdr", nonlinear("ORDINAL,3", hypotheses=""))
+    check(place.run("-mi1", "-e", "imp2.mdm", "series.kdr").returncode == 0, "leaving: the last data set")
+    check("failed subanalysis: 1 \n" in place.read("out.avg"), "leaving: the data set that was left is averaged")
+
+
 def kills(check, place, moments):
     """Processes killed at random moments: the averages are those of the data sets that are not named as failed."""
     rng = random.Random(17)
@@ -376,6 +398,7 @@ if __name__ == "__main__":
     html(check, place)
     failures(check, place)
     refusals(check, place)
+    leaving(check, place)
     plausible(check, place)
     kills(check, place, moments)
     check.finish()
