@@ -1,6 +1,8 @@
 #include "multirun/series.h"
 
+#include <bit>
 #include <cassert>
+#include <concepts>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -36,14 +38,21 @@ Series series;
 bool inseries() { return run.series.mimode || run.series.pvmode; }
 
 // FNV-1a over what makes the estimates of two data sets comparable: kind of model, equations with their variables,
-// random effects, centering, constraints and weights. The data, the iteration limits and the output are not part of it.
+// random effects, centering, restrictions and weights. The data, the iteration limits and the output are not part of
+// it.
 class Fingerprint {
  public:
-  void add(long long value) {
+  void add(std::integral auto value) {
     for (int i = 0; i < 8; ++i) hash = (hash ^ ((static_cast<unsigned long long>(value) >> (8 * i)) & 0xFF)) * prime;
   }
+  void add(double value) { add(std::bit_cast<long long>(value)); }
   void add(const Name& name) {
     for (int i = 0; i < 8; ++i) hash = (hash ^ static_cast<unsigned char>(name.text[i])) * prime;
+  }
+  template <class T>
+  void add(const Array<T>& values) {
+    add(static_cast<long long>(values.size()));
+    for (const T value : values) add(value);
   }
   [[nodiscard]] unsigned long long value() const { return hash; }
 
@@ -60,9 +69,16 @@ void addvariable(Fingerprint& print, const Array<Name>& names, const Array<int>&
 unsigned long long fingerprint(const ModelRows& rows) {
   Fingerprint print;
   const ModelSpec& model = run.model;
+  const IterationControl& iter = run.iter;
   for (const int value : {run.kind.nonlin, run.kind.linear() ? 1 : 0, run.kind.ordinal ? 1 : 0, run.kind.ncat,
-                          run.kind.nointercept1 ? 1 : 0, run.iter.fixsigma2 != 0.0 ? 1 : 0})
+                          run.kind.nointercept1 ? 1 : 0, run.out.diagtaupi ? 1 : 0, run.out.diagtaubeta ? 1 : 0,
+                          iter.laplace ? 1 : 0, iter.agqpoints})
     print.add(value);
+  print.add(iter.fixsigma2);
+  if (iter.haveesttau2) print.add(iter.esttau2);
+  if (iter.haveesttau3) print.add(iter.esttau3);
+  if (iter.havecontau2) print.add(iter.contau2);
+  if (iter.havecontau3) print.add(iter.contau3);
   for (const int variable :
        {run.kind.outvar, run.kind.nlcount ? run.kind.nlcntvar : 0, run.out.autovknown, run.out.wgtvar1})
     print.add(run.mdm.names1[at(variable)]);

@@ -267,6 +267,16 @@ TEST_F(Series, AnotherModelIsRefused) {
   const std::function<void()> changes[] = {[] { run.model.terms3.row(0, 0)[1] = 0; },  // other level-3 variables
                                            [] { run.kind.outvar = 2; },                // another outcome
                                            [] { run.model.center3[1] = 2; },           // another centering
+                                           [] { run.iter.fixsigma2 = 2.0; },
+                                           [] { run.out.diagtaupi = true; },
+                                           [] {
+                                             run.iter.haveesttau2 = true;
+                                             run.iter.esttau2.reset(1);
+                                           },
+                                           [] {
+                                             run.iter.havecontau3 = true;
+                                             run.iter.contau3.reset(1);
+                                           },
                                            [] { run.iter.fishertype = 0; },            // no covariance of the taus
                                            [] {
                                              run.out.wgtvar1 = 3;
