@@ -37,9 +37,9 @@ Series series;
 
 bool inseries() { return run.series.mimode || run.series.pvmode; }
 
-// FNV-1a over what makes the estimates of two data sets comparable: kind of model, equations with their variables,
-// random effects, centering, restrictions and weights. The data, the iteration limits and the output are not part of
-// it.
+// FNV-1a over what makes the estimates of two data sets comparable: kind of model, categories, equations with their
+// variables, random effects, centering, restrictions and weights. The data, the iteration limits and the output are not
+// part of it.
 class Fingerprint {
  public:
   void add(std::integral auto value) {
@@ -84,6 +84,7 @@ unsigned long long fingerprint(const ModelRows& rows) {
     print.add(run.mdm.names1[at(variable)]);
   print.add(run.mdm.names2[at(run.out.wgtvar2)]);
   print.add(run.mdm.names3[at(run.out.wgtvar3)]);
+  for (const Name& label : run.kind.categorylabel) print.add(label);
   for (const CoefficientRow& row : rows.coefficients) {
     print.add(row.random ? 1 : 0);
     addvariable(print, run.mdm.names1, model.center1, row.threshold ? 0 : row.variable);

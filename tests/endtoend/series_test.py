@@ -115,13 +115,14 @@ class Place(Workplace):
         for m in range(M):
             self.imputed(f"imp{m + 1}", [(x[:13], score(x, m), gcse(x, m)) for x in lines])
         self.imputed("separated", [(x[:13], "%8d" % (9 if float(gcse(x, 0)) > 0 else 1), gcse(x, 0)) for x in lines])
+        self.imputed("regraded", [(x[:13], score(x, 0), gcse(x, 0)) for x in lines], top=4)
         self.imputed("const", [(x[:12] + "1", score(x, 0), gcse(x, 0)) for x in lines])
         self.mdm("pv", "all.dat", "F3.0,5F8.3,5F8.4",
                  ["FEMALE"] + [f"SC{m + 1}" for m in range(M)] + [f"GC{m + 1}" for m in range(M)])
 
-    def imputed(self, name, rows):
+    def imputed(self, name, rows, top=3):
         """One imputation, with outcomes of other kinds made of its score."""
-        made = lambda s: "%3d%3d%3d" % (s >= 6, 1 + (s >= 4) + (s >= 8), max(0, round((10 - s) / 2)))
+        made = lambda s: "%3d%3d%3d" % (s >= 6, 1 if s < 4 else 2 if s < 8 else top, max(0, round((10 - s) / 2)))
         self.write(name + ".dat", "".join(a + b + c + made(float(b)) + "\n" for a, b, c in rows))
         self.mdm(name, name + ".dat", "F3.0,F8.3,F8.4,3F3.0", ["FEMALE", "SCORE", "GCSECNT", "PASS", "GRADE", "COUNT"])
 
@@ -230,7 +231,8 @@ def failures(check, place):
             ("linear", model(), "const", 11, CONTRASTS, ((0,), (2,), (M - 1,), (0, 3), (0, 1, 2, 3), (1, 2, 3, 4))),
             ("bernoulli", late, "separated", 100, CONTRASTS, ((0,), (2,), (M - 1,), (0, 1, 2, 4))),
             ("ordinal", ordinal, "const", 11, (), ((0, M - 1),)),
-            ("multinomial", multinomial, "separated", 100, (), ((2,),))):
+            ("multinomial", multinomial, "separated", 100, (), ((2,),)),
+            ("ordinal, another category", ordinal, "regraded", 100, (), ((2,),))):
         singles = [place.single(mdm, text) for mdm in IMPUTED]
         for failing in patterns:
             what = f"{name}, failing {failing}"
