@@ -81,15 +81,16 @@ CONTRASTS = [[[0, 1, 0, 0, 0], [0, 0, 1, 0, 0]], [[0, 0, 0, 1, -1]]]
 DUMPS = "PRINTVARIANCE-COVARIANCE:Y\n"
 
 
-def model(output="out.txt", options="", outcome="SCORE", predictors="FEMALE+GCSECNT", plausvals="", hypotheses=HYPOTHESES):
+def model(output="out.txt", options="", outcome="SCORE", predictors="FEMALE+GCSECNT", plausvals="",
+          hypotheses=HYPOTHESES):
     second = predictors.split("+")[1].split(",")[0]
     return MODEL.format(outcome=outcome, predictors=predictors, first="FEMALE", second=second, output=output,
                         plausvals=plausvals, options=options, hypotheses=hypotheses)
 
 
 def nonlinear(kind, **options):
-    """The same model for another kind of outcome; of a multinomial one, for each of two categories. Few iterations: what
-    is averaged need not have converged."""
+    """The same model for another kind of outcome; of a multinomial one, for each of two categories. Few iterations:
+    what is averaged need not have converged."""
     outcome, thresholds = NONLINEAR[kind]
     text = model(outcome=outcome, predictors="FEMALE+GCSECNT", **options)
     equations = re.search(r"(?ms)^LEVEL1:.*?(?=^LEVEL1DELETION)", text)[0]
@@ -124,7 +125,7 @@ class Place(Workplace):
         """One imputation, with outcomes of other kinds made of its score."""
         made = lambda s: "%3d%3d%3d" % (s >= 6, 1 if s < 4 else 2 if s < 8 else top, max(0, round((10 - s) / 2)))
         self.write(name + ".dat", "".join(a + b + c + made(float(b)) + "\n" for a, b, c in rows))
-        self.mdm(name, name + ".dat", "F3.0,F8.3,F8.4,3F3.0", ["FEMALE", "SCORE", "GCSECNT", "PASS", "GRADE", "COUNT"])
+        self.mdm(name, name + ".dat", *COLUMNS)
 
     def mdm(self, name, data, columns, names):
         self.write(name + ".mdmt", MDM.format(data=data, columns=columns, names="\n".join(names), count=len(names),
@@ -154,6 +155,7 @@ class Place(Workplace):
         return report.Report(text[max(text.find("\fTHE AVERAGED RESULTS"), 0):])
 
 
+COLUMNS = "F3.0,F8.3,F8.4,3F3.0", ["FEMALE", "SCORE", "GCSECNT", "PASS", "GRADE", "COUNT"]
 IMPUTED = [f"imp{m + 1}" for m in range(M)]
 
 
@@ -172,7 +174,8 @@ def imputations(check, place):
     """Each kind of model against its single runs."""
     outer, none, scale = "FISHERTYPE:1\n", "FISHERTYPE:0\n", "FIXSIGMA2:1.0\n"
     for name, make, options, hypotheses in (
-            ("full information", model, "", TWO), ("outer products", model, outer, TWO), ("no scoring", model, none, TWO),
+            ("full information", model, "", TWO), ("outer products", model, outer, TWO),
+            ("no scoring", model, none, TWO),
             ("fixed sigma2", model, "FIXSIGMA2:6.0\n", TWO), ("weights", model, WEIGHTS, TWO),
             ("bernoulli", "BERNOULLI", scale, TWO), ("bernoulli, weights", "BERNOULLI", scale + WEIGHTS, TWO),
             ("bernoulli, dispersion", "BERNOULLI", outer, TWO), ("poisson", "POISSON", scale + outer, TWO),
@@ -186,7 +189,8 @@ def imputations(check, place):
         text = make(**settings) if make is model else nonlinear(make, **settings)
         fisher = none not in options
         singles = runs = [place.single(mdm, text, fisher, WEIGHTS in options) for mdm in IMPUTED]
-        if name in ("laplace", "quadrature"):  # averaged are PQL's effects, and the population's, which start from these
+        if name in ("laplace", "quadrature"):
+            # averaged are PQL's effects, and the population's, which start from these
             singles = [place.single(mdm, text.replace(LAPLACE, "").replace(QUADRATURE, "")) for mdm in IMPUTED]
             check(any(single.effects[1].gamma != run.effects[1].gamma for single, run in zip(singles, runs)),
                   f"{name}: the engine moves nothing")
@@ -202,7 +206,8 @@ def imputations(check, place):
                   f"{name}: sub-run {k + 1} is not its single run")
         head = place.read("out.avg")
         head = head[:head.index("\f")]
-        first = place.read("out.1").replace("  Output file name              = out.1", "  Output file name              = out.avg")
+        line = "  Output file name              = "
+        first = place.read("out.1").replace(line + "out.1", line + "out.avg")
         check(first.startswith(head) and "multiple imputation analysis" in head, f"{name}: the shared header")
 
 
@@ -212,8 +217,9 @@ def html(check, place):
         place.series(make(hypotheses=""), IMPUTED)  # whose tables have other numbers of decimals in HTML
         place.series(make(hypotheses="", output="out.html"), IMPUTED)
         page = place.read("out_avg.html")
-        check(page.count("</body></html>\n") == 1 and page.endswith("</body></html>\n"), f"{name}, html: the end of the page")
-        check(place.read("out_5.html").endswith("</body></html>\n"), f"{name}, html: the end of the last sub-run's page")
+        end = "</body></html>\n"
+        check(page.count(end) == 1 and page.endswith(end), f"{name}, html: the end of the page")
+        check(place.read("out_5.html").endswith(end), f"{name}, html: the end of the last sub-run's page")
         heading = "<h2>The Averaged Results for this Multiple Imputation Run</h2>\n"
         check(heading in page, f"{name}, html: the heading")
         numbers = lambda text: re.findall(r"-?\d+\.\d{3,}", text)
@@ -273,12 +279,26 @@ def refusals(check, place):
     check(words("-e").returncode == 100, "-e alone")
     place.write("series.kdr", nonlinear("MULTINOMIAL,3", hypotheses=""))
     words("-mi0")
-    done = place.run("-mi0", "separated.mdm", "series.kdr")  # fails before it makes a store: the old one must not be joined
-    check(done.returncode == 100 and "the series has not begun" in done.stdout, f"a first one that fails: {done.stdout[-200:]}")
+    done = place.run("-mi0", "separated.mdm", "series.kdr")  # fails before it makes a store
+    check(done.returncode == 100 and "the series has not begun" in done.stdout, f"a failing first: {done.stdout[-200:]}")
     done = words("-mi1", "-e")
     check(done.returncode == 100 and "There is no result store" in done.stdout, f"an old store: {done.stdout[-200:]}")
     done = words("-mi128")
     check(done.returncode == 100 and "127" in done.stdout, f"data set 129: {done.stdout}")
+
+
+def uncomputable(check, place):
+    """Four level-3 units are too few for the outer products of their scores and for robust errors."""
+    for m in (1, 2):
+        lines = place.read(f"imp{m}.dat").splitlines(True)
+        first = sorted({x[:4] for x in lines})[:4]
+        place.write("few.dat", "".join(x for x in lines if x[:4] in first))
+        place.mdm(f"few{m}", "few.dat", *COLUMNS)
+    place.series(nonlinear("BERNOULLI", options="FISHERTYPE:1\n"), ["few1", "few2"])
+    text = place.averaged().text
+    for line, count in (("Standard errors for sigma^2,tau(pi),tau(beta) are not computable.", 1), ("Standard error", 1),
+                        ("\nThe robust standard errors cannot be computed for this model.\n", 2)):
+        check(text.count(line) == count, f"uncomputable: {text.count(line)} times {line}")
 
 
 def leaving(check, place):
@@ -400,6 +420,7 @@ if __name__ == "__main__":
     html(check, place)
     failures(check, place)
     refusals(check, place)
+    uncomputable(check, place)
     leaving(check, place)
     plausible(check, place)
     kills(check, place, moments)
