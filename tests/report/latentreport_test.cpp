@@ -5,6 +5,7 @@
 
 #include "driver/constants.h"
 #include "driver/runrecord.h"
+#include "multirun/latentregression.h"
 #include "report/reportfixture.h"
 
 namespace kdr {
