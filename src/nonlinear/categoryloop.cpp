@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "data/scratch.h"
+#include "driver/failures.h"
 #include "driver/reportstream.h"
 #include "linear/exploratory.h"
 #include "linear/graphdata.h"
@@ -44,6 +45,7 @@ PassResults estimatecategories(const CategoryTable& table, void (*store)(const P
   MacroState state;
   state.left = run.iter.macroit;
   preparecategoricaldata(table, state);
+  holdinterrupts();
   for (bool first = true;; first = false) {
     Pass pass;
     beginmacro(state);
@@ -62,6 +64,7 @@ PassResults estimatecategories(const CategoryTable& table, void (*store)(const P
     if (haveexploratory()) exploratory(pass);
     if (phasecloses(state, results, first)) {
       closephase(pass, state, results);
+      releaseinterrupts();
       std::printf("\n");
       return results;
     }

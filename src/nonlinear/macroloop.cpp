@@ -128,6 +128,7 @@ void averagephase(MacroState& state, void (*store)(const PassResults&)) {
 PassResults estimatenonlinear(void (*store)(const PassResults&)) {
   MacroState state;
   state.left = run.iter.macroit;
+  holdinterrupts();
   for (bool first = true;; first = false) {
     Pass pass;
     beginmacro(state);
@@ -148,6 +149,7 @@ PassResults estimatenonlinear(void (*store)(const PassResults&)) {
     }
     if (!closes) continue;
     averagephase(state, store);
+    releaseinterrupts();
     return results;
   }
 }
