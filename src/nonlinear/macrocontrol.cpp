@@ -30,13 +30,11 @@ bool closeatlimit(MacroState& state) {
     return false;
   }
   std::printf("The macro iterations were stopped prior to convergence.\n");
-  if (continuing == 0) {
-    reporthtml("<b>");
-    reportline("WARNING: the macro iterations were stopped prior to convergence.");
-    report("You may want to re-run the analysis with a higher number of macro iterations.");
-    reporthtml("</b>");
-    reportbreak();
-  }
+  reporthtml("<b>");
+  reportline("WARNING: the macro iterations were stopped prior to convergence.");
+  report("You may want to re-run the analysis with a higher number of macro iterations.");
+  reporthtml("</b>");
+  reportbreak();
   return true;
 }
 
