@@ -6,7 +6,9 @@ import random
 import re
 import sys
 
+import report
 from program import Checks, Workplace, body
+from residualfiles import readgraph
 
 check = Checks()
 work = Workplace(sys.argv[1])
@@ -43,13 +45,7 @@ MODEL = """NONLIN:{kind}
 MACROIT:{macroit}
 MICROIT:50
 FIXSIGMA2:1
-{more}LEVEL1:{y}=INTRCPT1+X{cuts}+RANDOM
-LEVEL2:INTRCPT1=INTRCPT2+Z,2+RANDOM/
-LEVEL3:INTRCPT2=INTRCPT3+RANDOM/
-LEVEL3:Z=INTRCPT3/
-LEVEL2:X=INTRCPT2/
-LEVEL3:INTRCPT2=INTRCPT3/
-LEVEL1DELETION:NONE
+{more}{equations}LEVEL1DELETION:NONE
 RESFIL1:N
 RESFIL2:N
 RESFIL3:N
@@ -59,6 +55,13 @@ LVR-BETA:N
 FULLOUTPUT:N
 TITLE:loop
 OUTPUT:out.{form}
+"""
+EQUATIONS = """LEVEL1:{y}=INTRCPT1+X{cuts}+RANDOM
+LEVEL2:INTRCPT1=INTRCPT2+Z,2+RANDOM/
+LEVEL3:INTRCPT2=INTRCPT3+RANDOM/
+LEVEL3:Z=INTRCPT3/
+LEVEL2:X=INTRCPT2/
+LEVEL3:INTRCPT2=INTRCPT3/
 """
 
 
@@ -88,7 +91,9 @@ def study(change=lambda row, i: row, records=6):
 def fit(kind, y="Y", macroit="30,N", more="", cuts="", answers="", form="txt"):
     """Exit code, console and report."""
     (work.folder / ("out." + form)).unlink(missing_ok=True)
-    work.write("m.kdr", MODEL.format(kind=kind, y=y, macroit=macroit, more=more, cuts=cuts, form=form))
+    sets = int(kind.split(",")[1]) - 1 if kind.startswith("MULTINOMIAL") else 1
+    work.write("m.kdr", MODEL.format(kind=kind, macroit=macroit, more=more, form=form,
+                                     equations=EQUATIONS.format(y=y, cuts=cuts) * sets))
     done = work.run("m.mdm", "m.kdr", answers=answers)
     made = work.folder / ("out." + form)
     return done.returncode, done.stdout, made.read_text() if made.exists() else ""
@@ -104,6 +109,10 @@ def failures():
     least = "\nError: the outcome must be greater than or equal to 0.0, and the\n%s must be greater than 0.0\n"
     data = "\nPlease check your data.  The outcome variable %s must be %s.\n\n"
     single = lambda value: lambda row, i: [value] + row[1:]
+    singular = "The level-1 weight matrix is near singular. Unable to continue.\n"
+    advice = ("The level-1 weight matrix is near singular.  You may wish to simplify the model by:\n"
+              "a) reducing the number of categories;\nb) reducing the number of random effects.\n")
+    separated = lambda row, i: [float(row[4] > 0), row[1], row[2], 1 + (row[4] > -0.4) + (row[4] > 0.4), row[4]]
     rows = [
         ("BERNOULLI,N", "COUNT", put(1, -1.0), 100, least % "number of trials", ""),
         ("BERNOULLI,N", "COUNT", put(2, 0.0), 100, least % "number of trials", ""),
@@ -116,13 +125,17 @@ def failures():
         ("BERNOULLI", "Y", single(1.0), 100, "", "\nThe outcome variable must take on values between 0 and 1.\n"),
         ("BERNOULLI", "Y", put(0, 2.0), 100, "", data % ("Y", "between 0 and 1")),
         ("POISSON", "Y", put(0, -1.0), 100, "", data % ("Y", "non-negative")),
-        ("MULTINOMIAL,2", "GRADE", None, 100, "", ""),
-        ("MULTINOMIAL,4", "GRADE", None, 100, "", ""),
-        ("ORDINAL,2", "GRADE", None, 100, "", ""),
+        ("MULTINOMIAL,2", "GRADE", None, 100, "There are more than the specified 2 categories of    GRADE!\n", ""),
+        ("MULTINOMIAL,4", "GRADE", None, 100, "There are less than the specified 4 categories of    GRADE!\n", ""),
+        ("ORDINAL,2", "GRADE", None, 100, "There are more than the specified 2 categories of    GRADE!\n", ""),
+        ("MULTINOMIAL,3", "GRADE", separated, 18, singular, advice),
+        ("ORDINAL,3", "GRADE", separated, 18, singular, advice),
+        ("BERNOULLI", "Y", separated, 100, "KDR3 cannot estimate the model you have specified.\n",
+         "KDR3 cannot estimate the model you have specified.\n"),
     ]
     for kind, y, change, code, console, report in rows:
         study(change or (lambda row, i: row))
-        cuts = ""
+        cuts = "+THOLD2" if kind == "ORDINAL,3" else ""
         for form in ("txt", "html"):
             got, said, text = fit(kind, y, cuts=cuts, form=form)
             what = f"{kind} of {y}, {console or report}"
@@ -196,7 +209,27 @@ def dialogue():
         check(any("G001" in line for line in text), f"dialogue, {name}: the model")
 
 
+def graph():
+    """The fixed effects of each phase at the head of the graph data file, through both example readers."""
+    study()
+    phases = {"unitspecific": "unit-specific", "laplace": "laplace", "quadrature": "quadrature",
+              "gamma": "population-average"}
+    for engines in ("", "LAPLACE:Y,30\n", "AGQ:Y,30,5\n", "LAPLACE:Y,30\nAGQ:Y,30,5\n"):
+        code, _, _ = fit("BERNOULLI", more=engines + "GRAPHGAMMAS:graph.bin\n")
+        check(code == 0, f"graph data file, {engines!r}: code {code}")
+        tables = readgraph(str(work.folder / "graph.bin"), str(work.folder / "m.mdm"), nonlinear=True)
+        sections = report.sections(str(work.folder / "out.txt"))
+        for phase, section in phases.items():
+            if section not in sections:
+                check(tables[phase][0] == -1e36, f"graph data file, {engines!r}: {phase} of a phase that was not asked for")
+                continue
+            rows = sections[section].fixed["final"].rows
+            check(len(rows) == len(tables[phase]) and all(abs(row.coefficient - x) < 6e-7 for row, x in zip(rows, tables[phase])),
+                  f"graph data file, {engines!r}: {phase} {tables[phase]}")
+
+
 failures()
 limits()
 dialogue()
+graph()
 check.finish()

@@ -38,7 +38,15 @@ everything |= {
     # Thresholds and categories.
     "ordinal": work.edited("ordinal-few.kdr", "ordinal.kdr", STOPMACRO="0.01"),
 }
-mdm = {"care": "prenatal.mdm"}
+for file in (ROOT / "tests" / "reference" / "nonlinear").iterdir():
+    shutil.copy(file, work.folder)
+work.run("-r", "nonlin.mdmt")
+everything |= {
+    # Equations of each category, design weights; Laplace-6 and quadrature behind each other.
+    "multinomial": work.edited("multinomial.kdr", "M3W.kdr", STOPMACRO="0.01"),
+    "engines": work.edited("engines.kdr", "BERNI.kdr", STOPMACRO="0.01", LAPLACE="Y,3", AGQ="Y,3,5"),
+}
+mdm = {"care": "prenatal.mdm", "multinomial": "nonlin.mdm", "engines": "nonlin.mdm"}
 
 
 def compare(file, made):
