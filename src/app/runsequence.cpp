@@ -30,10 +30,9 @@
 #include "model/constraints.h"
 #include "model/dialogue.h"
 #include "model/writer.h"
-#include "multirun/latentreport.h"
+#include "multirun/latentregression.h"
 #include "multirun/series.h"
 #include "nonlinear/categoryloop.h"
-#include "nonlinear/laplacereport.h"
 #include "nonlinear/macroloop.h"
 #include "report/header.h"
 #include "report/specification.h"
@@ -106,16 +105,6 @@ void choosekind() {
   if (kind.mnrun) run.iter.fixsigma2 = 1.0;
 }
 
-// A latent variable regression needs something to explain and something to explain it by.
-void checkroles() {
-  if (!run.out.lvr) return;
-  const Array<int>& roles = run.out.lvrroles;
-  for (const int role : {1, 2})
-    if (std::find(roles.begin(), roles.end(), role) == roles.end())
-      stopwith("A latent variable regression needs %s among the random level-2 coefficients.\n",
-               role == 1 ? "an outcome" : "a predictor");
-}
-
 // Every model run leaves this file behind, so nothing that the run reads or writes may bear its name.
 constexpr const char* newcommandfile = "newcmd.kdr";
 
@@ -125,8 +114,8 @@ void checkfiles() {
   std::vector<std::string> taken{files.mdmfile, files.cmdfile, files.outfile, files.startvals, newcommandfile};
   if (run.out.printvc != 0) taken.insert(taken.end(), {taufile, gammafile, robustgammafile});
   if (run.out.printvc != 0 && !run.kind.linear())
-    taken.insert(taken.end(), {"gamvcus.dat", "gamvcpa.dat", "gamvcpar.dat", laplacetaufile, laplacegammafile,
-                               "tauvcagq.dat", "gamvcagq.dat"});
+    taken.insert(taken.end(), {unitspecificgammafile, populationgammafile, robustpopulationgammafile, laplacetaufile,
+                               laplacegammafile, quadraturetaufile, quadraturegammafile});
   if (run.iter.hetit != 0) taken.push_back(heterogeneousfile);
   std::vector<std::string> results;
   if (run.out.resfil1) results.push_back(files.resfil1name);
@@ -153,7 +142,6 @@ void readmodel() {
   choosekind();
   outputquestions();
   compactlists();
-  checkroles();
   checkfiles();
   markdeletion();
   run.kind.weighted = run.out.wgtvar1 != 0 || run.out.wgtvar2 != 0 || run.out.wgtvar3 != 0;
@@ -237,13 +225,14 @@ void runjob(int argc, char** argv) {
   }
   if (rawjob) constructionjob();
 
+  clearseries();
   do {
     readmodel();
     const CategoryTable table = run.kind.mnrun ? readcategories() : CategoryTable{};
     openresults();
     const PassResults results = estimate(table);
-    latentvariableregression(results);
     if (run.kind.nlrun) listnonlinearfiles();
+    latentvariableregression(results);
     if (run.kind.linear()) listlinearfiles(results);
     if (const Pooled* averages = poolseries()) latentvariableregression(*averages);
     closereport();

@@ -178,6 +178,7 @@ namespace {
 volatile std::sig_atomic_t pendingsignal = 0;
 volatile std::sig_atomic_t holding = 0;
 volatile std::sig_atomic_t interruptmark = 0;
+int holds = 0;  // of holdinterrupts that wait for their releaseinterrupts
 
 void onsignal(int signal) {
   if (signal == SIGINT && holding) {
@@ -243,10 +244,15 @@ void checksignals() {
 }
 
 void holdinterrupts() {
+  if (holds++ == 0) rearminterrupts();
+}
+void releaseinterrupts() {
+  if (--holds == 0) holding = 0;
+}
+void rearminterrupts() {
   interruptmark = 0;
   holding = 1;
 }
-void releaseinterrupts() { holding = 0; }
 bool interrupted() { return interruptmark != 0; }
 
 }  // namespace kdr

@@ -36,9 +36,10 @@ void checksignals();
 [[nodiscard]] bool endrequested();
 
 // While the estimation iterates, the next interrupt key only sets a mark that the loop samples; one after it ends the
-// process.
-void holdinterrupts();             // clears the mark; the next interrupt key sets it
-void releaseinterrupts();          // every interrupt key ends the process
+// process. A macro loop holds interrupts around the loops inside it, so that no moment between two passes is different.
+void holdinterrupts();             // the outermost clears the mark; the next interrupt key sets it
+void releaseinterrupts();          // after the outermost, every interrupt key ends the process
+void rearminterrupts();            // clears the mark, once it has been answered
 [[nodiscard]] bool interrupted();  // the mark
 
 }  // namespace kdr

@@ -6,6 +6,12 @@
 
 namespace kdr {
 
+Array<double> Estimates::covariance() const {
+  Array<double> covariance = vgamma.copy();
+  for (double& v : covariance) v *= sigma2;
+  return covariance;
+}
+
 RunRecord run;
 
 namespace {

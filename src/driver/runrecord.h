@@ -182,8 +182,8 @@ struct Symbols {
 struct ReportStream {
   std::FILE* stream = nullptr;  // null while no report is open
   bool html = false;
-  bool numberedhtml = false;   // mode of the numbered reports of a series, from the name that was given for them
-  long long mark = -1;         // where the results of a later pass go back to, below 0: nowhere (markreport)
+  bool numberedhtml = false;  // mode of the numbered reports of a series, from the name that was given for them
+  long long mark = -1;        // where the results of a later pass go back to, below 0: nowhere (markreport)
 };
 
 // Estimates, row-major. Orders: ngamma, ntaupi and ntaubeta.
@@ -192,11 +192,13 @@ struct Estimates {
   Array<double> taupi;     // order ntaupi, full symmetric
   Array<double> taubeta;   // order ntaubeta, full symmetric
   double sigma2 = 0.0;
-  Array<double> vgamma;    // ngamma squared: sigma2 * vgamma is the covariance of gammahat
+  Array<double> vgamma;  // ngamma squared: sigma2 * vgamma is the covariance of gammahat
 
   [[nodiscard]] Estimates copy() const {
     return {gammahat.copy(), taupi.copy(), taubeta.copy(), sigma2, vgamma.copy()};
   }
+  // Of gammahat, by the model.
+  [[nodiscard]] Array<double> covariance() const;
 };
 
 // Design weights and known variances, one entry per level-1 record, level-2 unit and level-3 unit in file order.

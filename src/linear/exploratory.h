@@ -7,7 +7,8 @@ namespace kdr {
 
 // True when a LEVEL2: or LEVEL3: line lists candidates.
 [[nodiscard]] bool haveexploratory();
-// Prints the analysis of both levels from the residuals of the last iteration. Changes no estimate.
+// Computes the analysis of both levels from the residuals of the last iteration and writes it to the report. Changes no
+// estimate.
 void exploratory(Pass& pass);
 
 }  // namespace kdr

@@ -309,7 +309,7 @@ bool askinterrupt() {
     if (answer == 1) fail(0);
     if (answer == 0) {
       run.iter.laplaceit = run.iter.agqit = 0;
-      holdinterrupts();
+      rearminterrupts();
       return true;
     }
   }

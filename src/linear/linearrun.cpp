@@ -50,15 +50,9 @@ PassResults linearpass(Pass& pass) {
 }
 
 void variancefiles(const PassResults& results) {
-  Array<double> vgamma = results.est.vgamma.copy();
-  for (double& v : vgamma) v *= results.est.sigma2;
-  // Where there is no robust covariance, the file says so in every element.
-  Array<double> robust(vgamma.size());
-  robust.fill(missingcode);
-  if (!results.robust.empty()) robust = results.robust.copy();
-  writegammafile(robustgammafile, results.est.gammahat, robust);
+  writegammafile(robustgammafile, results.est.gammahat, results.robust);
   writetaufile(taufile, results.est, results.errors, true);
-  writegammafile(gammafile, results.est.gammahat, vgamma);
+  writegammafile(gammafile, results.est.gammahat, results.est.covariance());
 }
 
 // Residual files and graph data file. A run without any iteration has no residuals.

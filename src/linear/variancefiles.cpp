@@ -36,7 +36,12 @@ void writegammafile(const char* path, const Array<double>& gamma, const Array<do
   std::FILE* file = openvariancefile(path);
   const int g = static_cast<int>(gamma.size());
   writerow(file, gamma.data(), g, Cell::fixed);
-  for (int i = 0; i < g; ++i) writerow(file, covariance.data() + static_cast<std::ptrdiff_t>(i) * g, g, Cell::exponent);
+  Array<double> unknown(covariance.empty() ? gamma.size() : 0);
+  unknown.fill(missingcode);
+  for (int i = 0; i < g; ++i) {
+    const double* row = covariance.empty() ? unknown.data() : covariance.data() + static_cast<std::ptrdiff_t>(i) * g;
+    writerow(file, row, g, Cell::exponent);
+  }
   closechk(file);
 }
 

@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <string>
 
 #include "driver/failures.h"
+#include "driver/names.h"
 #include "driver/runrecord.h"
 
 namespace kdr {
@@ -60,6 +62,30 @@ void checklvr() {
       stopwith("A latent variable regression needs an outcome and a predictor among its coefficients!\n");
 }
 
+std::string eightof(int v) { return leftname(run.mdm.names1[static_cast<std::size_t>(v)]); }
+
+// Each plausible value takes the place of the first one in the model. A level-1 equation has its predictors in the
+// order of the MDM file, so the place stays the same only when no other predictor stands between the values there.
+void checkplausible() {
+  const SeriesMode& series = run.series;
+  if (!series.pvmode || !series.pvfirst) return;
+  const int* use = run.model.use1.row(0);
+  const int first = series.pvlist[0];
+  if (first == 0 || use[first] == 0)
+    stopwith("The first plausible value, %s, must be the outcome or a predictor of the model!\n",
+             eightof(first).c_str());
+  for (std::size_t i = 1; i < series.pvlist.size(); ++i) {
+    const int value = series.pvlist[i];
+    if (value == 0 || use[value] != 0 || std::count(series.pvlist.begin(), series.pvlist.end(), value) > 1)
+      stopwith("The plausible value %s stands in the model or in its list already!\n", eightof(value).c_str());
+    const auto [from, to] = std::minmax(first, value);
+    for (int v = from + 1; use[first] == 1 && v < to; ++v)
+      if (use[v] == 1)
+        stopwith("The predictor %s stands between the plausible values %s and %s in the MDM file!\n",
+                 eightof(v).c_str(), eightof(first).c_str(), eightof(value).c_str());
+  }
+}
+
 void checkcountvariable() {
   const ModelKind& kind = run.kind;
   if (!kind.nlcount || kind.nlcntvar == 0) return;
@@ -86,6 +112,7 @@ void settlerecord() {
   checknonlinear();
   settleengines();
   checklvr();
+  checkplausible();
   checkcountvariable();
   settleacceleration();
   if (run.out.autovknown != 0) run.iter.fixsigma2 = 1.0;

@@ -131,10 +131,14 @@ void writeset(std::FILE* out, int e, const std::string& outcome) {
   }
 }
 
-void writeequations(std::FILE* out, const std::string& path) {
+// The file from which this process reads the next plausible value's model.
+bool isnextpass(const std::string& path) {
   const std::string& next = run.files.tempname1;
-  const bool nextpass = !next.empty() && beginswith(path, next);
-  const std::string outcome = nextpass ? nameof(run.mdm.names1, run.kind.outvar) : leftname(run.kind.outname);
+  return !next.empty() && beginswith(path, next);
+}
+
+void writeequations(std::FILE* out, const std::string& path) {
+  const std::string outcome = isnextpass(path) ? nameof(run.mdm.names1, run.kind.outvar) : leftname(run.kind.outname);
   const int sets = run.kind.mnrun && !run.kind.ordinal ? run.kind.ncat - 1 : 1;
   for (int e = 0; e < sets; ++e) writeset(out, e, outcome);
 }
@@ -301,6 +305,7 @@ void writecommandfile(const std::string& path) {
   }
   if (run.iter.agqderivlevel != 2) std::fprintf(out, "AGQDERIVLEVEL:%d\n", run.iter.agqderivlevel);
   if (run.iter.popavit > 1) std::fprintf(out, "POPAVIT:%d\n", run.iter.popavit);
+  if (run.iter.hetit != 0 && isnextpass(path)) std::fprintf(out, "HETIT:%d\n", run.iter.hetit);
   writeequations(out, path);
   writeweights(out);
   writedeletion(out);

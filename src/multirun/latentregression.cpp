@@ -5,9 +5,11 @@
 #include <utility>
 
 #include "driver/constants.h"
+#include "driver/runrecord.h"
 #include "kernel/decompositions.h"
 #include "kernel/products.h"
 #include "kernel/sizes.h"
+#include "model/modelwalk.h"
 
 namespace kdr {
 
@@ -126,6 +128,11 @@ void gammapart(const Work& work) {
   addsandwich(result.Vdiff, J2, Vg, size, m);
 }
 
+std::span<const double> view(const Array<double>& values) { return {values.data(), values.size()}; }
+
+// Elements of taupi, behind which those of taubeta stand.
+int firstbeta() { return run.coef.ntaupi * (run.coef.ntaupi + 1) / 2; }
+
 }  // namespace
 
 LatentRegression latentregression(const LatentModel& model, const LatentEstimates& estimates) {
@@ -165,6 +172,49 @@ LatentRegression latentregression(const LatentModel& model, const LatentEstimate
   taupart(work);
   gammapart(work);
   return result;
+}
+
+LatentModel latentmodel() {
+  LatentModel model;
+  model.roles = {run.out.lvrroles.data(), run.out.lvrroles.size()};
+  model.nunits3 = run.mdm.nunits3;
+  const ModelRows rows = modelrows();
+  const std::vector<int> reduced = reducedeffects(rows);
+  for (const TermRow& term : rows.terms) {
+    if (!term.random) continue;
+    std::vector<LatentTerm>& equation = model.equations.emplace_back();
+    for (int e = term.firsteffect; e < term.firsteffect + term.neffects; ++e)
+      equation.push_back({rows.effects[at(e)].variable, reduced[at(e)]});
+  }
+  return model;
+}
+
+void latentvariableregression(const PassResults& results) {
+  if (!run.out.lvr) return;
+  const Estimates& est = results.est;
+  Array<double> vgamma = est.vgamma.copy();
+  for (double& v : vgamma) v *= est.sigma2;
+  LatentEstimates estimates{view(est.taubeta), view(est.gammahat), view(vgamma), {}, 0, firstbeta()};
+  if (results.errors.known) {
+    estimates.taucovariance = view(results.errors.covariance);
+    estimates.tauorder = results.errors.order;
+  }
+  latentreport(latentregression(latentmodel(), estimates));
+}
+
+void latentvariableregression(const Pooled& averages) {
+  if (!run.out.lvr) return;
+  LatentEstimates estimates{view(averages.taubeta),
+                            view(averages.effects.gamma),
+                            view(averages.effects.model.covariance),
+                            {},
+                            0,
+                            firstbeta()};
+  if (averages.errorsknown) {
+    estimates.taucovariance = view(averages.taucovariance);
+    estimates.tauorder = firstbeta() + run.coef.ntaubeta * (run.coef.ntaubeta + 1) / 2;
+  }
+  latentreport(latentregression(latentmodel(), estimates));
 }
 
 }  // namespace kdr

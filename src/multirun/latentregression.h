@@ -10,7 +10,9 @@
 #include <span>
 #include <vector>
 
-#include "kernel/array.h"
+#include "report/latentreport.h"
+#include "report/passresults.h"
+#include "report/pooledresults.h"
 
 namespace kdr {
 
@@ -37,20 +39,15 @@ struct LatentEstimates {
   int firstbeta = 0;  // elements of taupi
 };
 
-struct LatentRegression {
-  std::vector<int> outcomes, predictors;  // places among the random level-2 coefficients
-  std::vector<int> terms;                 // level-3 variables in table order
-  bool computable = false;                // T_PP could be inverted; the rest is empty otherwise
-  Array<double> b;                        // nO by nP
-  Array<double> GO, Gadj;                 // nO by nW
-  Array<double> R;                        // nO squared
-  Array<double> Vb;                       // (nO nP) squared, covariance of the rows of b; these three are missingcode
-  Array<double> Vadj, Vdiff;              // throughout when the covariance of the taus isn't known. (nO nW) squared, of
-                                          // the rows of G_adj and of G_O - G_adj
-  int df = 0;                             // level-3 units - nW - nP
-};
-
 // Changes no estimate. Failure 3.
 [[nodiscard]] LatentRegression latentregression(const LatentModel& model, const LatentEstimates& estimates);
+
+// The model of the run as the regression sees it. The roles stay those of `run`.
+[[nodiscard]] LatentModel latentmodel();
+
+// The regression that run.out.lvrroles asks for, of the results of a pass or of the averages of a series: computes it
+// and writes it to the report. Nothing when run.out.lvr is not set. Failure 3.
+void latentvariableregression(const PassResults& results);
+void latentvariableregression(const Pooled& averages);
 
 }  // namespace kdr

@@ -89,8 +89,8 @@ std::string damaged() {
 }
 std::string foreign() {
   return formatted(
-      "The result store %s was left by a series with another model or of other orders; please begin this "
-      "series with -mi0, or run it in a folder of its own.",
+      "The result store %s was left by a series with another model, other categories or other orders; please "
+      "begin this series with -mi0, or run it in a folder of its own.",
       storename);
 }
 

@@ -1,6 +1,8 @@
 #include "multirun/series.h"
 
+#include <bit>
 #include <cassert>
+#include <concepts>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -11,7 +13,9 @@
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
 #include "kernel/sizes.h"
+#include "multirun/pooling.h"
 #include "multirun/resultstore.h"
+#include "report/averagedreport.h"
 #include "report/modelrows.h"
 #include "report/stream.h"
 
@@ -22,7 +26,8 @@ namespace {
 struct Series {
   bool begun = false;  // the store was created or joined
   bool pooled = false;
-  bool whole = false;  // the record of this sub-run has all its fields
+  bool whole = false;  // the record of this sub-run has all its fields,
+  bool ended = false;  // and its estimation came to its end
   SubrunShape shape;
   std::vector<SubrunRecord> records;  // of this process: one of a data set, all of plausible values
   AveragedFrame frame;
@@ -32,15 +37,22 @@ Series series;
 
 bool inseries() { return run.series.mimode || run.series.pvmode; }
 
-// FNV-1a over what makes the estimates of two data sets comparable: kind of model, equations with their variables,
-// random effects, centering, constraints and weights. The data, the iteration limits and the output are not part of it.
+// FNV-1a over what makes the estimates of two data sets comparable: kind of model, categories, equations with their
+// variables, random effects, centering, restrictions and weights. The data, the iteration limits and the output are not
+// part of it.
 class Fingerprint {
  public:
-  void add(long long value) {
+  void add(std::integral auto value) {
     for (int i = 0; i < 8; ++i) hash = (hash ^ ((static_cast<unsigned long long>(value) >> (8 * i)) & 0xFF)) * prime;
   }
+  void add(double value) { add(std::bit_cast<long long>(value)); }
   void add(const Name& name) {
     for (int i = 0; i < 8; ++i) hash = (hash ^ static_cast<unsigned char>(name.text[i])) * prime;
+  }
+  template <class T>
+  void add(const Array<T>& values) {
+    add(static_cast<long long>(values.size()));
+    for (const T value : values) add(value);
   }
   [[nodiscard]] unsigned long long value() const { return hash; }
 
@@ -57,14 +69,22 @@ void addvariable(Fingerprint& print, const Array<Name>& names, const Array<int>&
 unsigned long long fingerprint(const ModelRows& rows) {
   Fingerprint print;
   const ModelSpec& model = run.model;
+  const IterationControl& iter = run.iter;
   for (const int value : {run.kind.nonlin, run.kind.linear() ? 1 : 0, run.kind.ordinal ? 1 : 0, run.kind.ncat,
-                          run.kind.nointercept1 ? 1 : 0, run.iter.fixsigma2 != 0.0 ? 1 : 0})
+                          run.kind.nointercept1 ? 1 : 0, run.out.diagtaupi ? 1 : 0, run.out.diagtaubeta ? 1 : 0,
+                          iter.laplace ? 1 : 0, iter.agqpoints})
     print.add(value);
+  print.add(iter.fixsigma2);
+  if (iter.haveesttau2) print.add(iter.esttau2);
+  if (iter.haveesttau3) print.add(iter.esttau3);
+  if (iter.havecontau2) print.add(iter.contau2);
+  if (iter.havecontau3) print.add(iter.contau3);
   for (const int variable :
        {run.kind.outvar, run.kind.nlcount ? run.kind.nlcntvar : 0, run.out.autovknown, run.out.wgtvar1})
     print.add(run.mdm.names1[at(variable)]);
   print.add(run.mdm.names2[at(run.out.wgtvar2)]);
   print.add(run.mdm.names3[at(run.out.wgtvar3)]);
+  for (const Name& label : run.kind.categorylabel) print.add(label);
   for (const CoefficientRow& row : rows.coefficients) {
     print.add(row.random ? 1 : 0);
     addvariable(print, run.mdm.names1, model.center1, row.threshold ? 0 : row.variable);
@@ -197,6 +217,10 @@ SubrunShape seriesshape() {
   return shape;
 }
 
+void clearseries() {
+  if (run.series.mimode && run.series.mifirst) removestore();
+}
+
 void beginseries() {
   if (!inseries()) return;
   if (run.series.mimode && run.series.pvmode)
@@ -224,8 +248,7 @@ void beginseries() {
 }
 
 void storesubrun(const PassResults& results) {
-  if (!inseries() || results.heterogeneous || results.loglik == missingcode)
-    return;
+  if (!inseries() || results.heterogeneous || results.loglik == missingcode) return;
   const std::size_t place = run.series.mimode ? 0 : at(run.series.pvindex);
   if (results.kind == PassKind::populationaverage) {
     if (place >= series.records.size()) return;
@@ -246,6 +269,7 @@ bool lastsubrun() {
 }
 
 const Pooled* poolseries() {
+  series.ended = series.whole;
   if (!inseries() || !lastsubrun()) return nullptr;
   closereport();
   if (!writeaverages()) {
@@ -259,8 +283,12 @@ const Pooled* poolseries() {
 
 void closeseries(int code) {
   if (!run.series.mimode) return;
+  if (!series.begun && run.series.mifirst && code != 0) {
+    std::printf("The first data set of the series failed before its model was known, so the series has not begun.\n");
+    return;
+  }
   if (!run.series.milast) {
-    if (!series.begun || code != 0 || !series.whole) return;
+    if (!series.begun || code != 0 || !series.ended) return;
     if (const std::string problem = appendrecord(series.shape, run.series.miindex, series.records[0]); !problem.empty())
       std::printf("%s\n", problem.c_str());
     return;

@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "data/scratch.h"
+#include "driver/failures.h"
 #include "driver/reportstream.h"
 #include "linear/exploratory.h"
 #include "linear/graphdata.h"
@@ -31,7 +32,7 @@ void closephase(Pass& pass, MacroState& state, const PassResults& results) {
   if (wantresidualfiles()) writeresidualfiles(pass, state.layout);
   if (run.out.printvc != 0) {
     writetaufile(taufile, results.est, results.errors, false);
-    writegammafile("gamvcus.dat", results.est.gammahat, modelcovariance(results.est));
+    writegammafile(unitspecificgammafile, results.est.gammahat, results.est.covariance());
   }
   if (run.out.graph) writegraphdata(pass, state.layout, graphgammas(state));
 }
@@ -42,6 +43,7 @@ PassResults estimatecategories(const CategoryTable& table, void (*store)(const P
   MacroState state;
   state.left = run.iter.macroit;
   preparecategoricaldata(table, state);
+  holdinterrupts();
   for (bool first = true;; first = false) {
     Pass pass;
     beginmacro(state);
@@ -60,6 +62,7 @@ PassResults estimatecategories(const CategoryTable& table, void (*store)(const P
     if (haveexploratory()) exploratory(pass);
     if (phasecloses(state, results, first)) {
       closephase(pass, state, results);
+      releaseinterrupts();
       std::printf("\n");
       return results;
     }

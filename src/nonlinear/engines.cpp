@@ -10,10 +10,10 @@
 #include "kernel/sizes.h"
 #include "linear/iteration.h"
 #include "linear/variancefiles.h"
-#include "nonlinear/laplacereport.h"
-#include "nonlinear/quadraturereport.h"
+#include "nonlinear/laplace.h"
+#include "nonlinear/quadrature.h"
 #include "nonlinear/recordbatches.h"
-#include "report/degreesoffreedom.h"
+#include "report/enginetables.h"
 #include "report/modelstatistics.h"
 
 namespace kdr {
@@ -32,14 +32,69 @@ Parameters currentparameters(const Pass& pass) {
   return {pass.p, pass.b, pass.g, run.est.taupi.copy(), run.est.taubeta.copy(), run.est.gammahat.copy()};
 }
 
-// The estimates of an engine become those of the run. vgamma: the covariance of the fixed effects.
-void takeestimates(const Parameters& estimates, const Array<double>& vgamma) {
-  run.est.taupi = estimates.taupi.copy();
-  run.est.taubeta = estimates.taubeta.copy();
-  run.est.gammahat = estimates.gamma.copy();
-  if (vgamma.empty()) return;
-  run.est.vgamma = vgamma.copy();
+// What both engines hand back in the same way; `before` are the results of the last pass.
+PassResults startresults(PassKind kind, const Parameters& estimates, const PassResults& before) {
+  PassResults results;
+  results.kind = kind;
+  results.macro = before.macro;
+  results.est.taupi = estimates.taupi.copy();
+  results.est.taubeta = estimates.taubeta.copy();
+  results.est.gammahat = estimates.gamma.copy();
+  results.degrees = {before.degrees.df.copy(), before.degrees.rough.copy()};
+  results.errors.asked = true;
+  results.errors.order = static_cast<int>(estimates.ntaupi() + estimates.ntaubeta());
+  return results;
+}
+
+PassResults resultsof(const LaplaceResult& laplace, const PassResults& before) {
+  PassResults results = startresults(PassKind::laplace6, laplace.estimates, before);
+  results.iteration = laplace.iteration;
+  results.loglik = laplace.loglik;
+  if (laplace.end == LaplaceEnd::noiterations) {
+    // The estimates are those of the pass, and so are their covariances.
+    results.errors.order = before.errors.order;
+    results.errors.covariance = before.errors.covariance.copy();
+    results.covariance = before.covariance.copy();
+    return results;
+  }
+  if (!laplace.converged) results.ending = Ending::limit;
+  results.errors.known = true;
+  results.errors.taupi = laplace.setaupi.copy();
+  results.errors.taubeta = laplace.setaubeta.copy();
+  results.errors.covariance = laplace.taucovariance.copy();
+  results.covariance = laplace.vgamma.copy();
+  results.reliabilities = {laplace.rel2.copy(), laplace.rel3.copy(), laplace.nrel2, laplace.nrel3};
+  return results;
+}
+
+PassResults resultsof(const QuadratureResult& quadrature, const PassResults& before) {
+  PassResults results = startresults(PassKind::quadrature, quadrature.parameters, before);
+  results.iteration = quadrature.iteration;
+  results.loglik = quadrature.loglikelihood;
+  if (!quadrature.converged) results.ending = Ending::limit;
+  results.errors.known = true;
+  if (quadrature.taupiseusable) results.errors.taupi = quadrature.taupise.copy();
+  if (quadrature.taubetaseusable) results.errors.taubeta = quadrature.taubetase.copy();
+  results.errors.covariance = quadrature.vtau.copy();
+  results.covariance = quadrature.vgamma.copy();
+  results.warnings = quadrature.warnings;
+  return results;
+}
+
+// The estimates of an engine become those of the run, without a covariance where the engine has none.
+void takeestimates(const PassResults& results) {
+  run.est.taupi = results.est.taupi.copy();
+  run.est.taubeta = results.est.taubeta.copy();
+  run.est.gammahat = results.est.gammahat.copy();
+  if (results.covariance.empty()) return;
+  run.est.vgamma = results.covariance.copy();
   for (double& v : run.est.vgamma) v /= run.est.sigma2;
+}
+
+void variancefiles(const char* taus, const char* gammas, const PassResults& results) {
+  if (run.out.printvc == 0) return;
+  writetaufile(taus, results.est, results.errors, false);
+  writegammafile(gammas, results.est.gammahat, results.covariance);
 }
 
 Array<double> posteriormeans2(Pass& pass) {
@@ -79,7 +134,8 @@ void laplace(Pass& pass, MacroState& state, const PassResults& before) {
     markreport();
     return;
   }
-  takeestimates(result.estimates, result.vgamma);
+  const PassResults results = resultsof(result, before);
+  takeestimates(results);
   // The modes and the curvature of the last walk are what quadrature starts from.
   if (!result.u.empty()) {
     pass.vstar.cells = result.v.copy();
@@ -90,14 +146,15 @@ void laplace(Pass& pass, MacroState& state, const PassResults& before) {
         },
         [](int) {}, changing(pass.store.hot));
   }
-  laplacetables(result, before.degrees);
+  const bool estimated = result.end == LaplaceEnd::estimated;
+  if (estimated) laplacetables(results, !result.finalcall);
   modelstatistics(result.loglik, 2);
   markreport();
   state.laplacegamma = run.est.gammahat.copy();
   // The printed likelihood is lower than the marginal one by this constant.
-  if (result.end == LaplaceEnd::estimated)
+  if (estimated)
     std::printf("The marginal log-likelihood = %E\n", result.loglik + 0.5 * run.mdm.nunits1 * std::log(2.0 * M_PI));
-  if (run.out.printvc != 0) writelaplacefiles(result, before);
+  variancefiles(laplacetaufile, laplacegammafile, results);
 }
 
 Adaptation startingadaptation(Pass& pass) {
@@ -126,8 +183,8 @@ OutcomeType outcometype() {
   return run.kind.nlcount ? OutcomeType::binomial : OutcomeType::bernoulli;
 }
 
-// Standard errors of the fixed effects that fall far short of those of quasi-likelihood come from integrals with too few
-// points: their information counts what the integration misses.
+// Standard errors of the fixed effects that fall far short of those of quasi-likelihood come from integrals with too
+// few points: their information counts what the integration misses.
 bool shorterrors(const QuadratureResult& result, const PassResults& before, int g) {
   constexpr double share = 0.5;
   for (int i = 0; i < g; ++i)
@@ -156,7 +213,14 @@ void quadrature(Pass& pass, MacroState& state, const PassResults& before) {
   const QuadratureResult result = adaptivequadrature(settings, pass.npi, pass.nbeta, pass.design, source,
                                                      currentparameters(pass), startingadaptation(pass));
   releaseinterrupts();
-  quadraturereport(result, before.degrees);
+  const PassResults results = resultsof(result, before);
+  if (result.finished) {
+    quadraturetables(results);
+  } else {
+    if (result.failure == QuadratureFailure::nodes) reportbreak();
+    reportline("%s", failureline(result.failure));
+    for (const std::string& warning : result.warnings) reportline("%s", warning.c_str());
+  }
   if (result.finished && shorterrors(result, before, pass.g)) {
     const char* words = "WARNING: standard errors are far below those of PQL. Use more quadrature points.";
     reportline("%s", words);
@@ -175,18 +239,13 @@ void quadrature(Pass& pass, MacroState& state, const PassResults& before) {
     markreport();
     return;
   }
-  takeestimates(result.parameters, result.vgamma);
+  takeestimates(results);
   if (result.finished) {
     modelstatistics(result.loglikelihood, 2);
   }
   markreport();
   state.quadraturegamma = run.est.gammahat.copy();
-  if (run.out.printvc == 0 || !result.finished) return;
-  TauErrors errors;
-  errors.order = static_cast<int>(result.parameters.ntaupi() + result.parameters.ntaubeta());
-  errors.covariance = result.vtau.copy();
-  writetaufile("tauvcagq.dat", run.est, errors, false);
-  writegammafile("gamvcagq.dat", run.est.gammahat, result.vgamma);
+  if (result.finished) variancefiles(quadraturetaufile, quadraturegammafile, results);
 }
 
 }  // namespace

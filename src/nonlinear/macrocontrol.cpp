@@ -30,13 +30,11 @@ bool closeatlimit(MacroState& state) {
     return false;
   }
   std::printf("The macro iterations were stopped prior to convergence.\n");
-  if (continuing == 0) {
-    reporthtml("<b>");
-    reportline("WARNING: the macro iterations were stopped prior to convergence.");
-    report("You may want to re-run the analysis with a higher number of macro iterations.");
-    reporthtml("</b>");
-    reportbreak();
-  }
+  reporthtml("<b>");
+  reportline("WARNING: the macro iterations were stopped prior to convergence.");
+  report("You may want to re-run the analysis with a higher number of macro iterations.");
+  reporthtml("</b>");
+  reportbreak();
   return true;
 }
 
@@ -56,12 +54,6 @@ bool phasecloses(MacroState& state, const PassResults& results, bool first) {
   if (state.left <= 1 && closeatlimit(state)) return true;
   --state.left;
   return false;
-}
-
-Array<double> modelcovariance(const Estimates& est) {
-  Array<double> covariance = est.vgamma.copy();
-  for (double& v : covariance) v *= est.sigma2;
-  return covariance;
 }
 
 Array<double> graphgammas(const MacroState& state) {

@@ -14,8 +14,6 @@ void beginmacro(MacroState& state);
 // numitcontinue tells, or the report gets a warning. Counts the allowance down when the phase goes on.
 [[nodiscard]] bool phasecloses(MacroState& state, const PassResults& results, bool first);
 
-// sigma2 vgamma, ngamma squared.
-[[nodiscard]] Array<double> modelcovariance(const Estimates& est);
 // The fixed effects of the phases for the graph data file, ngamma each, one behind the other.
 [[nodiscard]] Array<double> graphgammas(const MacroState& state);
 

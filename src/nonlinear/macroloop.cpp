@@ -23,10 +23,6 @@ namespace kdr {
 
 namespace {
 
-constexpr const char* unitspecificfile = "gamvcus.dat";
-constexpr const char* averagefile = "gamvcpa.dat";
-constexpr const char* robustaveragefile = "gamvcpar.dat";
-
 // The mean outcome of the identity pass, and the variance that the outcome type implies there.
 double impliedvariance(double mean) {
   if (run.kind.nonlin == 2) return mean;
@@ -97,13 +93,13 @@ void closephase(Pass& pass, MacroState& state, const PassResults& results) {
   const bool engines = run.iter.laplace || run.iter.agqpoints != 0;
   const auto unitspecificfiles = [&] {
     writetaufile(taufile, run.est, results.errors, false);
-    writegammafile(unitspecificfile, run.est.gammahat, modelcovariance(run.est));
+    writegammafile(unitspecificgammafile, run.est.gammahat, run.est.covariance());
   };
   if (engines && run.out.printvc != 0) unitspecificfiles();
   if (engines) maximumlikelihood(pass, state, results);
   if (run.out.printvc == 0) return;
   if (run.iter.laplace) {
-    writegammafile(averagefile, run.est.gammahat, modelcovariance(run.est));
+    writegammafile(populationgammafile, run.est.gammahat, run.est.covariance());
   } else {
     unitspecificfiles();
   }
@@ -118,12 +114,8 @@ void averagephase(MacroState& state, void (*store)(const PassResults&)) {
   passtables(results);
   store(results);
   if (run.out.printvc != 0) {
-    if (run.iter.popavit <= 1) {
-      Array<double> robust(results.covariance.size());
-      robust.fill(missingcode);
-      writegammafile(robustaveragefile, results.est.gammahat, results.robust.empty() ? robust : results.robust);
-    }
-    writegammafile(averagefile, results.est.gammahat, modelcovariance(run.est));
+    if (run.iter.popavit <= 1) writegammafile(robustpopulationgammafile, results.est.gammahat, results.robust);
+    writegammafile(populationgammafile, results.est.gammahat, run.est.covariance());
   }
   if (run.out.graph) writegraphdata(pass, state.layout, graphgammas(state));
 }
@@ -133,6 +125,7 @@ void averagephase(MacroState& state, void (*store)(const PassResults&)) {
 PassResults estimatenonlinear(void (*store)(const PassResults&)) {
   MacroState state;
   state.left = run.iter.macroit;
+  holdinterrupts();
   for (bool first = true;; first = false) {
     Pass pass;
     beginmacro(state);
@@ -153,6 +146,7 @@ PassResults estimatenonlinear(void (*store)(const PassResults&)) {
     }
     if (!closes) continue;
     averagephase(state, store);
+    releaseinterrupts();
     return results;
   }
 }
@@ -172,14 +166,14 @@ void listnonlinearfiles() {
     filelistbreak();
     reportline("the taus has been created.");
   }
-  report("%s, containing the unit-specific variance-covariance matrix of gamma", unitspecificfile);
+  report("%s, containing the unit-specific variance-covariance matrix of gamma", unitspecificgammafile);
   filelistbreak();
   report("has been created.\n");
   reportbreak();
-  report("%s, containing the population average variance-covariance matrix of", averagefile);
+  report("%s, containing the population average variance-covariance matrix of", populationgammafile);
   filelistbreak();
   reportline("gamma has been created.");
-  report("%s, containing the robust population average variance-covariance", robustaveragefile);
+  report("%s, containing the robust population average variance-covariance", robustpopulationgammafile);
   filelistbreak();
   reportline("matrix of gamma has been created.");
   if (run.iter.laplace) {

@@ -1,8 +1,12 @@
-// What a pass of the estimation hands back. The report, the variance files, the result store of a series and the latent
-// variable regression all read it; nothing else of a pass survives but the current estimates in run.est.
+// What a pass of the estimation, or an engine at its end, hands back. The report, the variance files, the result store
+// of a series and the latent variable regression all read it; nothing else of a pass survives but the current estimates
+// in run.est.
 //
 // Orders: p = ntaupi, b = ntaubeta, g = ngamma.
 #pragma once
+
+#include <string>
+#include <vector>
 
 #include "driver/constants.h"
 #include "driver/runrecord.h"
@@ -13,11 +17,13 @@ namespace kdr {
 
 // What model a pass fits.
 enum class PassKind {
-  linear,            // the pass of a linear run
-  identity,          // the first pass of a Bernoulli, binomial or Poisson run: a linear model of the raw outcome
-  pql,               // a linear model of the working outcome
-  categories,        // the same over the stacked categories of a multinomial or ordinal run
-  populationaverage  // the last pass of a run whose identity pass was the first: the taus stand still
+  linear,             // the pass of a linear run
+  identity,           // the first pass of a Bernoulli, binomial or Poisson run: a linear model of the raw outcome
+  pql,                // a linear model of the working outcome
+  categories,         // the same over the stacked categories of a multinomial or ordinal run
+  populationaverage,  // the last pass of a run whose identity pass was the first: the taus stand still
+  laplace6,           // no pass: maximum likelihood by Laplace-6
+  quadrature          // and by quadrature, after the last pql pass
 };
 
 // How the iterations of a stage ended.
@@ -76,6 +82,7 @@ struct PassResults {
   Array<double> robust;      // g squared: the cluster sandwich; empty when it is not usable
   bool fewunits = false;     // too few level-3 units for `robust` to be trusted
   VarianceTests tests;
+  std::vector<std::string> warnings;  // of an engine: whole sentences for the head of its results
 
   // The taus were not estimated: their tables are those of an earlier pass.
   [[nodiscard]] bool tausstand() const { return kind == PassKind::populationaverage; }

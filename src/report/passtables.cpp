@@ -196,8 +196,8 @@ void iterationtables(const PassResults& results) {
     reportline("The value of the log-likelihood function at iteration %d = %E", results.iteration, results.loglik);
 }
 
-void fixedeffectstables(const PassResults& results) {
-  effectstables(results, TableKind::estimates, results.covariance);
+void fixedeffectstables(const PassResults& results, TableKind kind) {
+  effectstables(results, kind, results.covariance);
   hypothesistests(results, results.covariance);
 }
 

@@ -4,6 +4,7 @@
 //   populationaverage         the fixed effects, their robust twin and the hypothesis tests
 #pragma once
 
+#include "report/fixedtable.h"
 #include "report/passresults.h"
 
 namespace kdr {
@@ -21,7 +22,7 @@ void leastsquarestables(const LeastSquaresResults& results, const FixedDegrees& 
 // reliabilities, and the log-likelihood of the iteration.
 void iterationtables(const PassResults& results);
 // The fixed effects with their ratios and hypothesis tests, by the covariance of the model.
-void fixedeffectstables(const PassResults& results);
+void fixedeffectstables(const PassResults& results, TableKind kind = TableKind::estimates);
 // All tables of the results.
 void passtables(const PassResults& results);
 

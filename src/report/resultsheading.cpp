@@ -10,7 +10,9 @@ void resultsheading(PassKind kind, int macro, double sigma2) {
   rewindreport();
   switch (kind) {
     case PassKind::linear:
-      break;
+    case PassKind::laplace6:
+    case PassKind::quadrature:
+      break;  // these have headings of their own
     case PassKind::identity:
       if (!run.out.fulloutput) break;
       report2("\fRESULTS FOR LINEAR MODEL WITH THE IDENTITY LINK FUNCTION\n\n",

@@ -69,7 +69,7 @@ void openreport() {
 
 void closereport() {
   if (run.report.stream == nullptr) return;
-  if (!run.kind.linear() && !run.series.mimode) cutreport();
+  if (!run.kind.linear()) cutreport();
   reporthtml("</body></html>\n");
   if (reportisstdout()) {
     std::fflush(stdout);

@@ -8,6 +8,7 @@ import pathlib
 import random
 import re
 import sys
+import types
 
 HERE = pathlib.Path(__file__).resolve().parent
 sys.path.insert(0, str(HERE))
@@ -20,10 +21,10 @@ rawdattype:ascii
 l1fname:l1.dat
 l2fname:l2.dat
 l3fname:l3.dat
-numl1var:2
+numl1var:6
 numl2var:1
 numl3var:2
-l1format:(A4,1X,A6,2F10.4)
+l1format:(A4,1X,A6,4F10.4,2F3.0)
 l2format:(A4,1X,A6,1F10.4)
 l3format:(A4,2F10.4)
 l1missing:n
@@ -32,6 +33,10 @@ mdmname:latent.mdm
 *begin l1vars
 Y
 X
+Y2
+Y3
+YBERN
+YORD
 *end l1vars
 *begin l2vars
 Z
@@ -42,8 +47,8 @@ V
 *end l3vars
 """
 MODEL = """#Two random slopes and an intercept
-NONLIN:N
-LEVEL1:Y=INTRCPT1+X+RANDOM
+NONLIN:{kind}
+LEVEL1:{outcome}+RANDOM
 LEVEL2:INTRCPT1=INTRCPT2+Z+RANDOM/
 LEVEL3:INTRCPT2={first}+RANDOM/
 LEVEL3:Z=INTRCPT3+V+RANDOM/
@@ -56,11 +61,10 @@ LVR-BETA:{roles}
 RESFIL1:N
 RESFIL2:N
 RESFIL3:N
-NUMIT:5000,N
-STOPVAL:0.0000000001
+{control}
 PRINTVARIANCE-COVARIANCE:Y
 FULLOUTPUT:N
-TITLE:Latent variables
+{options}TITLE:Latent variables
 OUTPUT:{output}
 """
 UNITS = 250
@@ -69,9 +73,17 @@ SLOPES = (0.6, -0.4)
 ADJUSTED = {"INTRCPT3": 0.3 - 0.6 * 1.0 + 0.4 * 0.8, "W": 0.2 - 0.6 * 0.5, "V": 0.4 * 0.4}
 
 
+class Place(Workplace):
+    def mdm(self, k=0):
+        """Makes latent.mdm of data set k: the outcomes YBERN and YORD are drawn anew in each."""
+        self.write("latent.mdmt", TEMPLATE.replace("l1.dat", f"l1_{k}.dat"))
+        assert self.run("-r", "latent.mdmt").returncode == 0
+
+
 def simulate(place):
-    rng = random.Random(11)
-    one, two, three, j = [], [], [], 0
+    rng, more = random.Random(11), random.Random(12)
+    inverse = lambda eta: 1 / (1 + math.exp(-eta))
+    one, two, three, j = ([], [], []), [], [], 0
     for k in range(UNITS):
         w, v = rng.gauss(0, 1), rng.gauss(0, 1)
         u0, u1 = rng.gauss(0, 1), rng.gauss(0, 0.8)
@@ -84,11 +96,17 @@ def simulate(place):
             two.append("%4d %6d%10.4f\n" % (k, j, z))
             for _ in range(5):
                 x = rng.gauss(0, 1)
-                one.append("%4d %6d%10.4f%10.4f\n" % (k, j, p0 + p1 * x + rng.gauss(0, 0.7), x))
-    for name, lines in (("l1.dat", one), ("l2.dat", two), ("l3.dat", three)):
+                y = p0 + p1 * x + rng.gauss(0, 0.7)
+                eta = p0 - 1 + p1 * x
+                noise, u = (more.gauss(0, 0.3), more.gauss(0, 0.3)), more.random()
+                for lines in one:
+                    u = u if more.random() < 0.9 else more.random()
+                    lines.append("%4d %6d%10.4f%10.4f%10.4f%10.4f%3d%3d\n" % (
+                        k, j, y, x, y + noise[0], y + noise[1], u < inverse(eta),
+                        1 + (u > inverse(eta)) + (u > inverse(eta + 1.5))))
+    for name, lines in (*((f"l1_{n}.dat", lines) for n, lines in enumerate(one)), ("l2.dat", two), ("l3.dat", three)):
         place.write(name, "".join(lines))
-    place.write("latent.mdmt", TEMPLATE)
-    assert place.run("-r", "latent.mdmt").returncode == 0
+    place.mdm()
 
 
 NAMES = ("B00", "B01", "B10")
@@ -124,9 +142,19 @@ ROW = re.compile(r"^ .*?([A-Z0-9]+),G\d+\*\s*(\S+) +(\S+) +(\S+) +(\S+)$", re.M)
 COMPARISON = re.compile(r"^.{22}  ([ A-Z0-9]{8}) *(-?\d+\.\d{5}) +(-?\d+\.\d{5}) +(-?\d+\.\d{5}) +(\d+\.\d{5})$", re.M)
 
 
-def compare(check, name, place, roles, equations=EQUATIONS):
-    text = place.read("out.txt")
-    single = rubin.Single(place.folder, "out.txt")
+def pooled(singles):
+    """The averages of single runs in the place of one."""
+    whole = lambda ms, vectors: rubin.total(rubin.meanmatrix(ms), vectors)[0]
+    sigma2 = rubin.mean([s.sigma2 for s in singles])
+    scaled = [[[x * sigma2 / s.sigma2 for x in row] for row in s.covariance] for s in singles]
+    return types.SimpleNamespace(
+        taubeta=rubin.meanmatrix([s.taubeta for s in singles]), gamma=rubin.mean([s.gamma for s in singles], vector=True),
+        taucovariance=whole([s.taucovariance for s in singles], [s.tau() for s in singles]),
+        covariance=whole(scaled, [s.gamma for s in singles]))
+
+
+def compare(check, name, text, single, roles, equations=EQUATIONS):
+    """The regression in a report against that of a single run's estimates, or of averaged ones."""
     r, firstbeta = 3, 3
     outcomes = [i for i in range(r) if roles[i] == "O"]
     predictors = [i for i in range(r) if roles[i] == "P"]
@@ -194,39 +222,73 @@ def compare(check, name, place, roles, equations=EQUATIONS):
 
 if __name__ == "__main__":
     check = Checks()
-    place = Workplace(sys.argv[1])
+    place = Place(sys.argv[1])
     simulate(place)
     both = "INTRCPT3+W"
 
-    def run(name, roles, first=both, second=both, constrain="N", output="out.txt"):
-        place.write("latent.kdr", MODEL.format(roles=",".join(roles), first=first, second=second, constrain=constrain,
-                                               output=output))
-        done = place.run("latent.mdm", "latent.kdr")
-        check(done.returncode == 0, f"{name}: {done.stdout}")
+    linear = dict(kind="N", outcome="Y=INTRCPT1+X", control="NUMIT:5000,N\nSTOPVAL:0.0000000001", options="", first=both,
+                  second=both, constrain="N", output="out.txt")
+    macro = dict(linear, control="MACROIT:50,N\nMICROIT:500\nSTOPMICRO:0.0000001")
+    bernoulli = dict(macro, kind="BERNOULLI", outcome="YBERN=INTRCPT1+X", options="FIXSIGMA2:1.0\n")
+    ordinal = dict(macro, kind="ORDINAL,3", outcome="YORD=INTRCPT1+X+THOLD2")
+    quick = dict(control="MACROIT:4,N\nMICROIT:30\nSTOPMICRO:0.0001")  # what is regressed need not have converged
 
-    run("one outcome", "PPO")
-    found = compare(check, "one outcome", place, "PPO")
-    for label, truth in [("B00", SLOPES[0]), ("B01", SLOPES[1]), *ADJUSTED.items()]:
-        value, error = found[label]
-        check(abs(value - truth) < 3 * error, f"known structure: {label} is {value} ({error}), made with {truth}")
-    check("\tB10 = G100* + G101*(W) + G102*(V) + G103*(B00) + G104*(B01) + u10*\n" in place.read("out.txt"),
-          "the equation")
-    for roles in ("OOP", "POO", "IPO", "OPI"):
-        run(roles, roles)
-        compare(check, roles, place, roles)
-    run("constrained", "PPO", constrain="0,1,0,0,0,1")
-    compare(check, "constrained", place, "PPO", ({"INTRCPT3": 0, "W": 1}, {"INTRCPT3": 2, "V": 3}, {"INTRCPT3": 4, "W": 1}))
+    def run(name, roles, words=(), code=0, **settings):
+        place.write("latent.kdr", MODEL.format(roles=",".join(roles), **dict(linear, **settings)))
+        done = place.run(*words, "latent.mdm", "latent.kdr")
+        check(done.returncode == code, f"{name}: {done.stdout[-500:]}")
+        return done
+
+    def single(name, roles, equations=EQUATIONS, **settings):
+        """A run, its regression compared, and what it left."""
+        run(name, roles, **settings)
+        left = rubin.Single(place.folder, "out.txt")
+        return left, compare(check, name, place.read("out.txt"), left, roles, equations)
+
+    # what it was made with comes back; of the other outcomes the scale differs, and the intercept by 1
+    for name, settings, shift in (("linear", linear, 0), ("bernoulli", bernoulli, 1), ("ordinal", ordinal, 1)):
+        _, found = single(name, "PPO", **settings)
+        truth = dict(ADJUSTED, INTRCPT3=ADJUSTED["INTRCPT3"] + SLOPES[0] * shift)
+        for label, value in [("B00", SLOPES[0]), ("B01", SLOPES[1]), *truth.items()]:
+            estimate, error = found[label]
+            check(abs(estimate - value) < 3 * error, f"{name}: {label} is {estimate} ({error}), made with {value}")
+        check("\tB10 = G100* + G101*(W) + G102*(V) + G103*(B00) + G104*(B01) + u10*\n" in place.read("out.txt"),
+              f"{name}: the equation")
+        run(f"{name}, html", "PPO", **dict(settings, output="out.html"))
+        page = place.read("out.html")
+        check("<h4>Latent Variable Regression Results</h4>" in page and "%13.6f</td>" % found["B00"][0] in page,
+              f"{name}, html")
+    for roles, settings in (("OOP", linear), ("POO", linear), ("IPO", linear), ("OPI", linear), ("OIP", dict(ordinal, **quick)),
+                            ("POO", dict(bernoulli, **quick))):
+        single(roles, roles, **settings)
+    single("constrained", "PPO", ({"INTRCPT3": 0, "W": 1}, {"INTRCPT3": 2, "V": 3}, {"INTRCPT3": 4, "W": 1}),
+           constrain="0,1,0,0,0,1")
     run("no intercept", "PIO", first="W", second="W")
     text = place.read("out.txt")
     check("\tB10 = G100*(W) + G101*(B00) + u10*\n" in text and re.search(r"B10         W,G100\*", text),
           "no intercept: the first term's name")
-    run("html", "PPO", output="out.html")
-    page = place.read("out.html")
-    check("<h4>Latent Variable Regression Results</h4>" in page and "%13.6f</td>" % found["B00"][0] in page, "html")
+
+    # in a series: each sub-run's own, and that of the averages
+    values = ["Y", "Y2", "Y3"]
+    singles = [single(value, "PPO", outcome=value + "=INTRCPT1+X") for value in values]
+    run("plausible values", "PPO", outcome="Y=INTRCPT1+X", options="PLAUSVALS:" + ",".join(values) + "\n")
+    for k, (left, _) in enumerate(singles):
+        compare(check, f"plausible value {k + 1}", place.read(f"out.{k + 1}"), left, "PPO")
+    compare(check, "averages of plausible values", place.read("out.avg"), pooled([left for left, _ in singles]), "PPO")
+    for name, settings in (("bernoulli", dict(bernoulli, **quick)), ("ordinal", dict(ordinal, **quick))):
+        singles = []
+        for k in range(3):
+            place.mdm(k)
+            singles.append(single(f"{name} {k}", "OPP", **settings)[0])
+        for k in range(3):
+            place.mdm(k)
+            run(f"{name}, data set {k}", "OPP", (f"-mi{k}", *(["-e"] if k == 2 else [])), **settings)
+            compare(check, f"{name}, data set {k}", place.read(f"out.{k + 1}"), singles[k], "OPP")
+        compare(check, f"{name}, averages", place.read("out.avg"), pooled(singles), "OPP")
+
     # before the report there is nothing to regress on, or nothing to regress
     for roles in ("OOI", "PPI"):
-        place.write("latent.kdr", MODEL.format(roles=",".join(roles), first=both, second=both, constrain="N",
-                                               output="refused.txt"))
-        done = place.run("latent.mdm", "latent.kdr")
-        check(done.returncode == 100 and "latent variable regression needs a" in done.stdout and not (place.folder / "refused.txt").exists(), f"{roles}: {done.stdout}")
+        done = run(roles, roles, code=100, output="refused.txt")
+        check("latent variable regression needs a" in done.stdout and not (place.folder / "refused.txt").exists(),
+              f"{roles}: {done.stdout}")
     check.finish()

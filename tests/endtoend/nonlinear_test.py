@@ -64,6 +64,8 @@ def main():
     jobs += pql.madejobs(program, made, COUNTS) + [('flat', flat(program, made)), ('held', held(program, holders['prenatal']))]
     jobs += [('working data of ' + name, pql.workingjob(program, made, name, 'counts'))
              for name in ('BERNW', 'POIS', 'EXP', 'EXPW')]
+    jobs += [('residual files of ' + name, pql.residualsjob(program, made, name, COUNTS[name]))
+             for name in ('BINI', 'POIS', 'EXP', 'EXPW')]
     return pql.each(program, jobs, pick)
 
 

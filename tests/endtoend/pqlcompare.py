@@ -1,5 +1,6 @@
 """Runs of models with outcomes that are counts or categories, and their reports against dense computation."""
 import json
+import math
 import os
 import re
 import shutil
@@ -217,3 +218,50 @@ def weight(kind, p, a, b):
     V = [[1 / (p[max(c, d)] * (1 - p[min(c, d)])) for d in range(2)] for c in range(2)]
     det = V[0][0] * V[1][1] - V[0][1] ** 2
     return (V[1 - a][1 - a] if a == b else -V[a][b]) / det
+
+
+def residualsjob(program, holder, name, model):
+    """The residual files in all forms: random effects with their posterior variances and least-squares twins, and the
+    level-1 rows. Of categories the random effects and the fitted probabilities; every name once."""
+    def go(c):
+        want, M = stored('nonlin-' + name), model.get('categories', 2) - 1
+        c.room = 40 if 'stopmacro' in model else 1  # random effects move more than the variances that they come from
+        p, b = want['order']['p'], want['order']['b']
+        source = dict(eb2='u', eb3='v', ol2='ol2', ol3='ol3', pv2='pv2', pv3='pv3')
+        for form, (_, _, digits) in residualfiles.FORMS.items():
+            tight('%s/%s.kdr' % (holder.name, name), holder.name + '/files.kdr',
+                  TIGHT + ['RESFIL%d:Y/' % level for level in (1, 2, 3)] + ['RESFILTYPE:' + form, 'OUTPUT:files.txt'])
+            code, out = run(program, holder.name, 'nonlin.mdm', 'files.kdr')
+            if code != 0:
+                return c.fail('the run ended with code %d\n%s' % (code, out[-800:]))
+            near = lambda what, x, y: c.near('%s, %s' % (form, what), x, y, 4e-5 + 0.6 * 10.0 ** -digits * bool(digits), 4e-5)
+            for level, order in ((2, p), (3, b)):
+                t = residualfiles.read(holder.name, form, level)
+                c.equal('%s: rows' % form, len(t.rows), want['n%d' % level])
+                c.equal('%s: different names' % form, len({n.upper() for n in t.names}), len(t.names))
+                first = 3 if level == 2 else 2
+                places = {'eb': [first + i for i in range(order)], 'ol': [first + order + i for i in range(order)],
+                          'pv': [i for i, n in enumerate(t.names) if n.upper().startswith('PV')]}
+                for kind, at in places.items():
+                    key = source[kind + str(level)]
+                    if key not in want:
+                        continue
+                    for i, (row, ref) in enumerate(zip(t.rows, want[key])):
+                        for x, y in zip([row[a] for a in at], ref or [None] * order):
+                            what = '%s of level %d, unit %d' % (kind, level, i)
+                            c.equal(what, x, y) if x is None or y is None else near(what, x, y)
+            t = residualfiles.read(holder.name, form, 1)
+            c.equal('%s: different names' % form, len({n.upper() for n in t.names}), len(t.names))
+            for i, (row, eta) in enumerate(zip(t.rows, want['eta'])):
+                for x, y in zip(row[2 + M:2 + 2 * M], fittedvalues(model['kind'], eta)):
+                    near('fitted value of record %d' % i, x, y)
+    return go
+
+
+def fittedvalues(kind, eta):
+    """Of the level-1 file: of one outcome the linear predictor, of categories the probabilities, cumulative of an
+    ordinal one."""
+    if kind == 'multinomial':
+        total = 1 + sum(math.exp(x) for x in eta)
+        return [math.exp(x) / total for x in eta]
+    return [1 / (1 + math.exp(-x)) for x in eta] if kind == 'ordinal' else [eta]

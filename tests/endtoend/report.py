@@ -9,7 +9,8 @@
 A table that occurs more than once (start and end of a run) is kept in its last, final form. The results of a non-linear
 run come in sections, each a report of its own:
 
-    report.sections('model.txt')['unit-specific']   # 'linear', 'unit-specific', 'population-average', 'categories'
+    report.sections('model.txt')['unit-specific']   # 'linear', 'unit-specific', 'laplace', 'quadrature',
+                                                    # 'population-average', 'categories'
 """
 import re
 from collections import namedtuple
@@ -256,9 +257,10 @@ def read(path):
         return Report(f.read())
 
 
-SECTION = re.compile(r'(?m)^\f?RESULTS FOR (LINEAR MODEL|NON-LINEAR MODEL|POPULATION-AVERAGE|MULTINOMIAL ITERATION|'
-                     r'ORDINAL ITERATION).*$')
-SECTIONS = {'LINEAR MODEL': 'linear', 'NON-LINEAR MODEL': 'unit-specific', 'POPULATION-AVERAGE': 'population-average'}
+SECTION = re.compile(r'(?m)^\f?RESULTS FOR (LINEAR MODEL|NON-LINEAR MODEL(?:.*: Laplace)?|UNIT-SPECIFIC MODEL|'
+                     r'POPULATION-AVERAGE|MULTINOMIAL ITERATION|ORDINAL ITERATION).*$')
+SECTIONS = {'LINEAR MODEL': 'linear', 'NON-LINEAR MODEL': 'unit-specific', 'UNIT-SPECIFIC MODEL': 'quadrature',
+            'POPULATION-AVERAGE': 'population-average', 'MULTINOMIAL ITERATION': 'categories', 'ORDINAL ITERATION': 'categories'}
 
 
 def sections(path):
@@ -271,7 +273,7 @@ def splitsections(text):
     begins = list(SECTION.finditer(text)) + [None]
     out = {}
     for m, after in zip(begins, begins[1:]):
-        name = SECTIONS.get(m[1], 'categories')
+        name = SECTIONS.get(m[1], 'laplace')
         if name in out:
             raise ValueError('the section of %s results stands in the report twice' % name)
         out[name] = Report(text[m.start():after.start() if after else len(text)])

@@ -7,6 +7,7 @@ import re
 import shutil
 import sys
 
+import series_test
 from program import ROOT, Checks, Workplace
 
 STORED = pathlib.Path(__file__).parent / "reports"
@@ -38,6 +39,21 @@ everything |= {
     "ordinal": work.edited("ordinal-few.kdr", "ordinal.kdr", STOPMACRO="0.01"),
 }
 mdm = {"care": "prenatal.mdm"}
+
+
+def compare(file, made):
+    made = masked(made)
+    if "--store" in sys.argv:
+        STORED.mkdir(exist_ok=True)
+        (STORED / file).write_text(made)
+    stored = (STORED / file).read_text()
+    for line, (a, b) in enumerate(zip(made.splitlines(), stored.splitlines()), 1):
+        if a != b:
+            check(False, f"{file}, line {line}: {a!r}, stored {b!r}")
+            break
+    check(len(made) == len(stored), f"{file}: {len(made)} bytes, stored {len(stored)}")
+
+
 for name, command in everything.items():
     for extension in ("txt", "html"):
         file = f"{name}.{extension}"
@@ -45,14 +61,22 @@ for name, command in everything.items():
         work.write("run.kdr", re.sub(r"(?m)^OUTPUT:.*$", f"OUTPUT:{file}", text))
         done = work.run(mdm.get(name, "chem97.mdm"), "run.kdr")
         check(done.returncode == 0, f"{file}: code {done.returncode}: {done.stdout[-200:]}")
-        made = masked(work.read(file))
-        if "--store" in sys.argv:
-            STORED.mkdir(exist_ok=True)
-            (STORED / file).write_text(made)
-        stored = (STORED / file).read_text()
-        for line, (a, b) in enumerate(zip(made.splitlines(), stored.splitlines()), 1):
-            if a != b:
-                check(False, f"{file}, line {line}: {a!r}, stored {b!r}")
-                break
-        check(len(made) == len(stored), f"{file}: {len(made)} bytes, stored {len(stored)}")
+        compare(file, work.read(file))
+
+# Averages: three data sets of which the second fails, with hypotheses and a latent variable regression; plausible values.
+place = series_test.Place(sys.argv[1])
+latent = series_test.model().replace("LEVEL2:GCSECNT=INTRCPT2+RANDOM/\nLEVEL3:INTRCPT2=INTRCPT3/",
+                                     "LEVEL2:GCSECNT=INTRCPT2+RANDOM/\nLEVEL3:INTRCPT2=INTRCPT3+RANDOM/")
+latent = latent.replace("LVR-BETA:N", "LVR-BETA:O,P")
+bernoulli = series_test.nonlinear("BERNOULLI", options="FIXSIGMA2:1.0\n")
+plausible = series_test.model(outcome="SC1", predictors="FEMALE+GC1", plausvals="PLAUSVALS:SC1,SC2\n")
+for name, text in (("imputed", latent), ("imputedbernoulli", bernoulli), ("plausible", plausible)):
+    for extension, averaged in (("txt", f"{name}.avg"), ("html", f"{name}_avg.html")):
+        text = re.sub(r"(?m)^OUTPUT:.*$", f"OUTPUT:{name}.{extension}", text)
+        if name == "plausible":
+            place.write("run.kdr", text)
+            place.run("pv.mdm", "run.kdr")
+        else:
+            place.series(text, ["imp1", "const", "imp2"])
+        compare(averaged, place.read(averaged))
 check.finish()

@@ -1,5 +1,6 @@
 """Rubin's rules from single runs: reads their reports and variance-covariance files, and averages them by the
 definition. The standard library only."""
+import functools
 import math
 import pathlib
 
@@ -17,28 +18,57 @@ def rows(path, lengths):
     return out
 
 
-class Single:
-    """What a single linear run left in its folder."""
+def sections(path):
+    """The parts of a single run's report that a series averages."""
+    parts = report.sections(path)
+    if not parts:
+        return [report.read(path)]
+    return [parts[x] for x in ("unit-specific", "categories", "population-average") if x in parts]
 
-    def __init__(self, folder, name, fisher=True):
+
+class Effects:
+    """Fixed effects of one section of a single run: what its tables say, and the covariances where a file has them."""
+
+    def __init__(self, section, sigma2, files=None):
+        self.section, self.sigma2 = section, sigma2
+        self.gamma = [row.coefficient for row in section.fixed["final"].rows]
+        self.df = [row.df for row in section.fixed["final"].rows]
+        self.variance = {which: [row.se ** 2 for row in section.fixed[which].rows] for which in ("final", "robust")}
+        half = len(section.tests) // 2
+        self.tests = {"final": section.tests[:half], "robust": section.tests[half:]}
+        self.covariance, g = {}, len(self.gamma)
+        for which, path in (files or {}).items():
+            self.gamma, *self.covariance[which] = rows(path, [g] * (g + 1))
+            self.variance[which] = [self.covariance[which][i][i] for i in range(g)]
+
+
+class Single:
+    """What a single run left in its folder. A file of covariances has sigma2 vgamma, not what a weighted run's tables
+    tell, and none has the robust ones of the unit-specific effects."""
+
+    def __init__(self, folder, name, fisher=True, weighted=False):
         folder = pathlib.Path(folder)
-        self.report = report.read(folder / name)
+        linear = not report.sections(folder / name)
+        self.report, *more = sections(folder / name)
         q, r = len(self.report.taupi), len(self.report.taubeta)
-        g = len(self.report.fixed["final"].rows)
         nt = q * (q + 1) // 2 + r * (r + 1) // 2
-        tau = rows(folder / "tauvc.dat", [q] * q + [r] * r + ([nt] * nt if fisher else []) + [1])
-        self.taupi, self.taubeta, self.sigma2 = tau[:q], tau[q:q + r], tau[-1][0]
-        self.taucovariance = tau[q + r:-1]
-        self.gamma, *self.covariance = rows(folder / "gamvc.dat", [g] * (g + 1))
-        _, *self.robust = rows(folder / "gamvcr.dat", [g] * (g + 1))
-        self.df = [row.df for row in self.report.fixed["final"].rows]
+        tau = rows(folder / "tauvc.dat", [q] * q + [r] * r + ([nt] * nt if fisher else []) + ([1] if linear else []))
+        self.taupi, self.taubeta, self.taucovariance = tau[:q], tau[q:q + r], tau[q + r:q + r + nt]
+        self.sigma2 = tau[-1][0] if linear else self.report.componentsigma2 or 1.0
+        self.fixedsigma2 = self.report.componentsigma2 is None
+        files = lambda **f: {} if weighted else {which: folder / name for which, name in f.items()}
+        self.effects = [Effects(self.report, self.sigma2, files(final="gamvc.dat", robust="gamvcr.dat") if linear else
+                                files(final="gamvcus.dat"))]
+        self.effects += [Effects(section, section.sigma2 or 1.0, files(final="gamvcpa.dat", robust="gamvcpar.dat"))
+                         for section in more]
+        self.gamma, self.covariance = self.effects[0].gamma, self.effects[0].covariance.get("final")
 
     def tau(self):
         return [m[i][j] for m in (self.taupi, self.taubeta) for i in range(len(m)) for j in range(i + 1)]
 
 
-def mean(xs):
-    return math.fsum(xs) / len(xs)
+def mean(xs, vector=False):
+    return [mean(x) for x in zip(*xs)] if vector else math.fsum(xs) / len(xs)
 
 
 def meanmatrix(ms):
@@ -54,19 +84,20 @@ def total(within, vectors):
     return [[within[i][j] + between[i][j] for j in range(n)] for i in range(n)], between
 
 
-class Effects:
-    """Pooled fixed effects under one covariance; nu is None where there is nothing between."""
+class Pooled:
+    """Pooled fixed effects under one covariance, whose mean is brought to the mean of `sigma2`; nu is None where there is
+    nothing between."""
 
-    def __init__(self, singles, which):
-        M = len(singles)
-        sigma2 = mean([s.sigma2 for s in singles])
-        within = meanmatrix([[[x / s.sigma2 for x in row] for row in getattr(s, which)] for s in singles])
-        within = [[sigma2 * x for x in row] for row in within]
-        self.gamma = [mean([s.gamma[i] for s in singles]) for i in range(len(within))]
-        self.covariance, between = total(within, [s.gamma for s in singles])
-        self.nu = [(M - 1) * (within[i][i] / between[i][i] + 1) ** 2 if between[i][i] > 0 else None
-                   for i in range(len(within))]
-        self.complete = singles[0].df
+    def __init__(self, effects, which, sigma2):
+        M, self.effects, self.which = len(effects), effects, which
+        self.scales = [sigma2 / e.sigma2 for e in effects]
+        within = mean([[v * s for v in e.variance[which]] for e, s in zip(effects, self.scales)], vector=True)
+        g = len(within)
+        self.gamma = mean([e.gamma for e in effects], vector=True)
+        _, between = total([[0.0] * g] * g, [e.gamma for e in effects])
+        self.variance = [within[i] + between[i][i] for i in range(g)]
+        self.nu = [(M - 1) * (within[i] / between[i][i] + 1) ** 2 if between[i][i] > 0 else None for i in range(g)]
+        self.complete = effects[0].df
 
     def dfs(self, i):
         """The degrees of freedom that rounding of the inputs allows."""
@@ -74,12 +105,38 @@ class Effects:
             return {self.complete[i]}
         return {min(int(self.nu[i] * x), self.complete[i]) for x in (1 - 1e-4, 1, 1 + 1e-4)}
 
-    def wald(self, contrasts):
-        e = [math.fsum(c * g for c, g in zip(row, self.gamma)) for row in contrasts]
-        n = len(self.gamma)
-        W = [[math.fsum(a[i] * self.covariance[i][j] * b[j] for i in range(n) for j in range(n)) for b in contrasts]
-             for a in contrasts]
-        return e, [math.sqrt(W[i][i]) for i in range(len(e))], math.fsum(x * y for x, y in zip(e, solved(W, e)))
+    def wald(self, contrasts, test):
+        """Estimates, standard errors and the statistic of hypothesis number `test`: from the covariances, or without
+        those from what the single runs say of each contrast; then the statistic of several is None."""
+        dot = lambda a, b: math.fsum(x * y for x, y in zip(a, b))
+        e, n = [dot(row, self.gamma) for row in contrasts], len(contrasts)
+        each = [[dot(row, x.gamma) for row in contrasts] for x in self.effects]
+        known = all(self.which in x.covariance for x in self.effects)
+        if known:
+            C = [[[dot(a, [dot(row, b) for row in x.covariance[self.which]]) * s for b in contrasts] for a in contrasts]
+                 for x, s in zip(self.effects, self.scales)]
+        else:
+            C = [[[x.tests[self.which][test].errors[i] ** 2 * s * (i == j) for j in range(n)] for i in range(n)]
+                 for x, s in zip(self.effects, self.scales)]
+        W, _ = total(meanmatrix(C), each)
+        return e, [math.sqrt(W[i][i]) for i in range(n)], dot(e, solved(W, e)) if known or n == 1 else None
+
+
+def twosided(t, df):
+    """P(|T| <= t), by the finite series in the angle."""
+    angle = math.atan(t / math.sqrt(df))
+    c, s, odd = math.cos(angle), math.sin(angle), df % 2
+    term = total = (c if df > 1 else 0.0) if odd else 1.0
+    for k in range(2 + odd, df - 1, 2):
+        term *= c * c * (k - 1) / k
+        total += term
+    return 2 / math.pi * (angle + s * total) if odd else s * total
+
+
+@functools.lru_cache(None)
+def critical(df):
+    """The first value of 1.960, 1.961, ... that leaves less than 0.05 outside; 1.96 from 2501 degrees of freedom on."""
+    return next(n / 1000 for n in range(1960, 12800) if df > 2500 or 1 - twosided(n / 1000, df) < 0.05)
 
 
 def solved(A, b):
@@ -100,8 +157,14 @@ def compare(check, name, averaged, singles, contrasts=(), fisher=True):
     """An averaged report against the averages of single runs. `contrasts` are its hypotheses."""
     near = lambda what, got, want, tolerance: check(
         got is not None and abs(got - want) <= tolerance, f"{name}: {what} is {got}, expected {want}")
-    r = averaged
-    near("sigma2", r.sigma2, mean([s.sigma2 for s in singles]), 6e-6)
+    # the population-average effects stand behind all others
+    at = averaged.text.find("\f The outcome variable", averaged.text.find(" Final estimation of level-3 variance"))
+    parts = [averaged] if at < 0 else [report.Report(averaged.text[:at]), report.Report(averaged.text[at:])]
+    r, sigma2, held = parts[0], mean([s.sigma2 for s in singles]), singles[0].fixedsigma2
+    if held:
+        check(r.sigma2 is None, f"{name}: sigma2 {r.sigma2}")
+    else:
+        near("sigma2", r.sigma2, sigma2, 6e-6)
     orders = len(singles[0].taupi), len(singles[0].taubeta)
     for what, got in (("taupi", r.taupi), ("taubeta", r.taubeta)):
         want = meanmatrix([getattr(s, what) for s in singles])
@@ -119,34 +182,19 @@ def compare(check, name, averaged, singles, contrasts=(), fisher=True):
                     want = next(errors)
                     # the files round the covariance at the 7th decimal, whose root is far coarser near 0
                     near(f"error of {what} {i} {j}", got and got[i][j], want, 6e-6 + 1e-7 / max(want, 1e-5))
+    if fisher and not held:
         within = mean([s.report.sesigma2 ** 2 for s in singles])
         V, _ = total([[within]], [[s.sigma2] for s in singles])
         line = next((x for x in r.lines if x.startswith(" Standard Error of sigma^2")), "= nan")
         near("error of sigma2", float(line.split("=")[1]), math.sqrt(V[0][0]), 1.2e-5)
     else:
-        check(r.setaupi is None and r.setaubeta is None and "Standard Error of sigma" not in r.text,
-              f"{name}: standard errors without scoring")
-    tests = iter(r.tests)
-    check(len(r.tests) == 2 * len(contrasts), f"{name}: {len(r.tests)} hypothesis tests")
-    for table, which in (("final", "covariance"), ("robust", "robust")):
-        want = Effects(singles, which)
-        got = r.fixed.get(table)
-        check(got is not None and len(got.rows) == len(want.gamma), f"{name}: no {table} table")
-        for i, row in enumerate(got.rows if got else []):
-            near(f"{table} {row.label}", row.coefficient, want.gamma[i], 1.1e-6)
-            error = math.sqrt(want.covariance[i][i])
-            near(f"{table} {row.label} s.e.", row.se, error, 2e-6)
-            near(f"{table} {row.label} t", row.t, want.gamma[i] / error, 1e-3 + 1e-5 * abs(want.gamma[i] / error))
-            check(row.df in want.dfs(i), f"{name}: {table} {row.label} d.f. {row.df}, expected {want.dfs(i)}")
-        for rows_ in contrasts:
-            e, errors, statistic = want.wald(rows_)
-            test = next(tests, None)
-            if test is None:
-                continue
-            for k in range(len(e)):
-                near(f"{table} contrast {k}", test.estimates[k], e[k], 1.1e-5)
-                near(f"{table} contrast {k} s.e.", test.errors[k], errors[k], 1.1e-5)
-            near(f"{table} chi-square", test.statistic, statistic, 1e-4 * max(1.0, statistic))
+        check("Standard Error of sigma" not in r.text, f"{name}: an error of sigma2")
+        check(fisher or r.setaupi is None and r.setaubeta is None, f"{name}: standard errors without scoring")
+    check(len(parts) == len(singles[0].effects), f"{name}: {len(parts)} sets of fixed effects")
+    for n, part in enumerate(parts):
+        fixedeffects(check, near, name + (", population average" if n else ""), part, [s.effects[n] for s in singles],
+                     sigma2, contrasts)
+    check(len(parts) == 1 or parts[1].taupi is None and not parts[1].components, f"{name}: variances at the end")
     for level in (2, 3):
         for i, x in enumerate(r.reliabilities.get(level, [])):
             near(f"level-{level} reliability {i}", x, mean([s.report.reliabilities[level][i] for s in singles]), 1.1e-3)
@@ -156,3 +204,37 @@ def compare(check, name, averaged, singles, contrasts=(), fisher=True):
             near(f"level-{level} variance {i}", row.variance, mean([x.variance for x in of]), 1.1e-5)
             near(f"level-{level} chi-square {i}", row.chisquare, mean([x.chisquare for x in of]), 1.1e-5)
             check(row.df == of[0].df, f"{name}: level-{level} d.f. {row.df}, expected {of[0].df}")
+
+
+def fixedeffects(check, near, name, part, effects, sigma2, contrasts):
+    """The tables, ratios and tests of the fixed effects under both covariances."""
+    tests = iter(part.tests)
+    check(len(part.tests) == 2 * len(contrasts), f"{name}: {len(part.tests)} hypothesis tests")
+    for table in ("final", "robust"):
+        want = Pooled(effects, table, sigma2)
+        got = part.fixed.get(table)
+        check(got is not None and len(got.rows) == len(want.gamma), f"{name}: no {table} table")
+        for i, row in enumerate(got.rows if got else []):
+            what = f"{name}, {table} {row.label}"
+            near(what, row.coefficient, want.gamma[i], 1.1e-6)
+            error = math.sqrt(want.variance[i])
+            near(what + " s.e.", row.se, error, 2e-6)
+            near(what + " t", row.t, want.gamma[i] / error, 1e-3 + 1e-5 * abs(want.gamma[i] / error))
+            check(row.df in want.dfs(i), f"{what} d.f. {row.df}, expected {want.dfs(i)}")
+            if effects[0].section.ratios:
+                ratio = part.ratios[table][i]
+                for which, value, x in (("", ratio.ratio, 0.0), (" low", ratio.low, -1.0), (" high", ratio.high, 1.0)):
+                    expected = math.exp(want.gamma[i] + x * critical(row.df) * error)
+                    step = 1e-3 * error * expected if row.df < 6 else 0.0
+                    near(what + " ratio" + which, value, expected, 3e-5 * expected + abs(x) * (6e-4 + step))
+        check(bool(part.ratios) == bool(effects[0].section.ratios), f"{name}: ratios")
+        for number, contrast in enumerate(contrasts):
+            e, errors, statistic = want.wald(contrast, number)
+            test = next(tests, None)
+            if test is None:
+                continue
+            for k in range(len(e)):
+                near(f"{name}, {table} contrast {k}", test.estimates[k], e[k], 1.1e-5)
+                near(f"{name}, {table} contrast {k} s.e.", test.errors[k], errors[k], 1.1e-5)
+            if statistic is not None:
+                near(f"{name}, {table} chi-square", test.statistic, statistic, 1e-4 * max(1.0, statistic))

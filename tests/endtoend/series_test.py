@@ -5,10 +5,12 @@ rules over the single runs of the same models.
 
 The data are five imputations by mice of a part of the chem97 example (tests/reference/imputed).
 """
+import functools
 import pathlib
 import random
 import re
 import shutil
+import signal
 import subprocess
 import sys
 import time
@@ -65,21 +67,38 @@ LVR-BETA:N
 RESFIL1:N
 RESFIL2:N
 RESFIL3:N
-NUMIT:5000,N
+NUMIT:60,N
 STOPVAL:0.0000000001
 FULLOUTPUT:N
 TITLE:A series
 OUTPUT:{output}
 {options}"""
+# An outcome made of the score: each lists the lines of NONLIN and of the level-1 equation that differ.
+NONLINEAR = {"BERNOULLI": ("PASS", ""), "POISSON": ("COUNT", ""), "MULTINOMIAL,3": ("GRADE", ""),
+             "ORDINAL,3": ("GRADE", "+THOLD2")}
 HYPOTHESES = "GAMMA1:0,1,0,0,0\nGAMMA1:0,0,1,0,0\nGAMMA2:0,0,0,1,-1\n"
 CONTRASTS = [[[0, 1, 0, 0, 0], [0, 0, 1, 0, 0]], [[0, 0, 0, 1, -1]]]
 DUMPS = "PRINTVARIANCE-COVARIANCE:Y\n"
 
 
-def model(output="out.txt", options="", outcome="SCORE", predictors="FEMALE+GCSECNT", plausvals="", hypotheses=HYPOTHESES):
+def model(output="out.txt", options="", outcome="SCORE", predictors="FEMALE+GCSECNT", plausvals="",
+          hypotheses=HYPOTHESES):
     second = predictors.split("+")[1].split(",")[0]
     return MODEL.format(outcome=outcome, predictors=predictors, first="FEMALE", second=second, output=output,
                         plausvals=plausvals, options=options, hypotheses=hypotheses)
+
+
+def nonlinear(kind, **options):
+    """The same model for another kind of outcome; of a multinomial one, for each of two categories. Few iterations:
+    what is averaged need not have converged."""
+    outcome, thresholds = NONLINEAR[kind]
+    text = model(outcome=outcome, predictors="FEMALE+GCSECNT", **options)
+    equations = re.search(r"(?ms)^LEVEL1:.*?(?=^LEVEL1DELETION)", text)[0]
+    text = text.replace(equations, equations.replace("+RANDOM\n", thresholds + "+RANDOM\n", 1))
+    if kind.startswith("MULTI"):
+        text = text.replace(equations, equations * 2).replace("LVR-BETA:N\n", "")
+    text = re.sub("(?m)^NUMIT.*\nSTOPVAL.*", "MACROIT:5,N\nMICROIT:60\nSTOPMICRO:0.00001", text)
+    return text.replace("NONLIN:N", "NONLIN:" + kind)
 
 
 class Place(Workplace):
@@ -95,12 +114,18 @@ class Place(Workplace):
         gcse = lambda line, m: line[53 + 8 * m:61 + 8 * m]
         self.write("all.dat", "\n".join(lines) + "\n")
         for m in range(M):
-            self.write(f"level1_{m + 1}.dat", "".join(x[:13] + score(x, m) + gcse(x, m) + "\n" for x in lines))
-            self.mdm(f"imp{m + 1}", f"level1_{m + 1}.dat", "F3.0,F8.3,F8.4", ["FEMALE", "SCORE", "GCSECNT"])
-        self.write("const.dat", "".join(x[:12] + "1" + score(x, 0) + gcse(x, 0) + "\n" for x in lines))
-        self.mdm("const", "const.dat", "F3.0,F8.3,F8.4", ["FEMALE", "SCORE", "GCSECNT"])
+            self.imputed(f"imp{m + 1}", [(x[:13], score(x, m), gcse(x, m)) for x in lines])
+        self.imputed("separated", [(x[:13], "%8d" % (9 if float(gcse(x, 0)) > 0 else 1), gcse(x, 0)) for x in lines])
+        self.imputed("regraded", [(x[:13], score(x, 0), gcse(x, 0)) for x in lines], top=4)
+        self.imputed("const", [(x[:12] + "1", score(x, 0), gcse(x, 0)) for x in lines])
         self.mdm("pv", "all.dat", "F3.0,5F8.3,5F8.4",
                  ["FEMALE"] + [f"SC{m + 1}" for m in range(M)] + [f"GC{m + 1}" for m in range(M)])
+
+    def imputed(self, name, rows, top=3):
+        """One imputation, with outcomes of other kinds made of its score."""
+        made = lambda s: "%3d%3d%3d" % (s >= 6, 1 if s < 4 else 2 if s < 8 else top, max(0, round((10 - s) / 2)))
+        self.write(name + ".dat", "".join(a + b + c + made(float(b)) + "\n" for a, b, c in rows))
+        self.mdm(name, name + ".dat", *COLUMNS)
 
     def mdm(self, name, data, columns, names):
         self.write(name + ".mdmt", MDM.format(data=data, columns=columns, names="\n".join(names), count=len(names),
@@ -108,12 +133,12 @@ class Place(Workplace):
         done = self.run("-r", name + ".mdmt")
         assert done.returncode == 0, done.stdout
 
-    def single(self, mdm, text, fisher=True):
+    def single(self, mdm, text, fisher=True, weighted=False):
         """A run of its own, and what it left."""
         self.write("single.kdr", re.sub("(?m)^OUTPUT:.*", "OUTPUT:single.txt", text) + DUMPS)
         done = self.run(mdm + ".mdm", "single.kdr")
         assert done.returncode == 0, done.stdout
-        return rubin.Single(self.folder, "single.txt", fisher)
+        return rubin.Single(self.folder, "single.txt", fisher, weighted)
 
     def series(self, text, mdms):
         """All data sets of a multiple imputation; the exit codes."""
@@ -130,83 +155,109 @@ class Place(Workplace):
         return report.Report(text[max(text.find("\fTHE AVERAGED RESULTS"), 0):])
 
 
+COLUMNS = "F3.0,F8.3,F8.4,3F3.0", ["FEMALE", "SCORE", "GCSECNT", "PASS", "GRADE", "COUNT"]
 IMPUTED = [f"imp{m + 1}" for m in range(M)]
+
+
+WEIGHTS = "LEVEL2WEIGHT:SCHGCSE\nLEVEL3WEIGHT:LEAGCSE\n"
+TWO = (HYPOTHESES, CONTRASTS)
+LAPLACE, QUADRATURE = "LAPLACE:Y,3\n", "AGQ:Y,3,3\n"
+
+
+def padded(hypotheses, n):
+    """The hypotheses for a model with n more fixed effects."""
+    lines, contrasts = hypotheses
+    return (re.sub("(?m)$(?=\n)", ",0" * n, lines), [[row + [0] * n for row in rows] for rows in contrasts])
 
 
 def imputations(check, place):
     """Each kind of model against its single runs."""
-    for name, options, fisher in (("full information", "", True), ("outer products", "FISHERTYPE:1\n", True),
-                                  ("no scoring", "FISHERTYPE:0\n", False), ("fixed sigma2", "FIXSIGMA2:6.0\n", None),
-                                  ("weights", "LEVEL2WEIGHT:SCHGCSE\nLEVEL3WEIGHT:LEAGCSE\n", True)):
-        text = model(options=options)
-        if fisher is None:  # no error of sigma2: the single runs' numbers do for the rest
-            check(place.series(text, IMPUTED) == [0] * M, f"{name}: exit codes")
-            check("sigma^2 =" not in place.averaged().text, f"{name}: a line for a fixed sigma2")
-            continue
-        singles = [place.single(mdm, text, fisher) for mdm in IMPUTED]
+    outer, none, scale = "FISHERTYPE:1\n", "FISHERTYPE:0\n", "FIXSIGMA2:1.0\n"
+    for name, make, options, hypotheses in (
+            ("full information", model, "", TWO), ("outer products", model, outer, TWO),
+            ("no scoring", model, none, TWO),
+            ("fixed sigma2", model, "FIXSIGMA2:6.0\n", TWO), ("weights", model, WEIGHTS, TWO),
+            ("bernoulli", "BERNOULLI", scale, TWO), ("bernoulli, weights", "BERNOULLI", scale + WEIGHTS, TWO),
+            ("bernoulli, dispersion", "BERNOULLI", outer, TWO), ("poisson", "POISSON", scale + outer, TWO),
+            ("poisson, dispersion, weights", "POISSON", WEIGHTS, TWO),
+            ("poisson, no scoring", "POISSON", scale + none, TWO), ("multinomial", "MULTINOMIAL,3", "", padded(TWO, 5)),
+            ("multinomial, weights", "MULTINOMIAL,3", WEIGHTS + outer, padded(TWO, 5)),
+            ("laplace", "BERNOULLI", scale + LAPLACE, TWO), ("quadrature", "POISSON", scale + QUADRATURE, TWO),
+            ("ordinal", "ORDINAL,3", none, padded(TWO, 1)), ("ordinal, weights", "ORDINAL,3", WEIGHTS, padded(TWO, 1))):
+        lines, contrasts = hypotheses
+        settings = dict(options=options, hypotheses=lines)
+        text = make(**settings) if make is model else nonlinear(make, **settings)
+        fisher = none not in options
+        singles = runs = [place.single(mdm, text, fisher, WEIGHTS in options) for mdm in IMPUTED]
+        if name in ("laplace", "quadrature"):
+            # averaged are PQL's effects, and the population's, which start from these
+            singles = [place.single(mdm, text.replace(LAPLACE, "").replace(QUADRATURE, "")) for mdm in IMPUTED]
+            check(any(single.effects[1].gamma != run.effects[1].gamma for single, run in zip(singles, runs)),
+                  f"{name}: the engine moves nothing")
+            for single, run in zip(singles, runs):
+                single.effects[1] = run.effects[1]
         check(place.series(text, IMPUTED) == [0] * M, f"{name}: exit codes")
         check(not place.exists(STORE), f"{name}: the store is left")
-        if name == "weights":  # the dumps hold sigma2 vgamma, the tables the weighted covariance
-            weighted(check, name, place.averaged(), singles)
-            continue
-        rubin.compare(check, name, place.averaged(), singles, CONTRASTS, fisher)
-        for k, single in enumerate(singles):
-            part = report.read(place.folder / f"out.{k + 1}")
-            check(part.fixed == single.report.fixed and part.taupi == single.report.taupi
-                  and part.components == single.report.components, f"{name}: sub-run {k + 1} is not its single run")
+        rubin.compare(check, name, place.averaged(), singles, contrasts, fisher)
+        for k, single in enumerate(runs):
+            part = rubin.sections(place.folder / f"out.{k + 1}")
+            check([x.fixed for x in part] == [x.section.fixed for x in single.effects]
+                  and part[0].taupi == single.report.taupi and part[0].components == single.report.components,
+                  f"{name}: sub-run {k + 1} is not its single run")
         head = place.read("out.avg")
         head = head[:head.index("\f")]
-        first = place.read("out.1").replace("  Output file name              = out.1", "  Output file name              = out.avg")
+        line = "  Output file name              = "
+        first = place.read("out.1").replace(line + "out.1", line + "out.avg")
         check(first.startswith(head) and "multiple imputation analysis" in head, f"{name}: the shared header")
-
-
-def weighted(check, name, averaged, singles):
-    """Standard errors from the tables of the single runs: no covariances there, so no hypotheses."""
-    tables = [s.report.fixed["final"].rows for s in singles]
-    sigma2 = rubin.mean([s.sigma2 for s in singles])
-    for i, row in enumerate(averaged.fixed["final"].rows):
-        gammas = [t[i].coefficient for t in tables]
-        within = sigma2 * rubin.mean([t[i].se ** 2 / s.sigma2 for t, s in zip(tables, singles)])
-        V, _ = rubin.total([[within]], [[x] for x in gammas])
-        check(abs(row.coefficient - rubin.mean(gammas)) < 2e-6, f"{name}: {row.label}")
-        check(abs(row.se - V[0][0] ** 0.5) < 4e-6, f"{name}: s.e. of {row.label}: {row.se}, expected {V[0][0] ** 0.5}")
 
 
 def html(check, place):
     """The same numbers in both modes, in one well-ended page."""
-    place.series(model(), IMPUTED)
-    place.series(model(output="out.html"), IMPUTED)
-    page = place.read("out_avg.html")
-    check(page.count("</body></html>\n") == 1 and page.endswith("</body></html>\n"), "html: the end of the page")
-    check(place.read("out_5.html").endswith("</body></html>\n"), "html: the end of the last sub-run's page")
-    check("<h2>The Averaged Results for this Multiple Imputation Run</h2>\n" in page, "html: the heading")
-    for table in place.averaged().fixed.values():
-        for row in table.rows:
-            check("%13.6f</td>" % row.coefficient in page and "%10.6f</td>" % row.se in page,
-                  f"html: no cell for {row.label}")
+    for name, make in (("linear", model), *((kind, functools.partial(nonlinear, kind)) for kind in NONLINEAR)):
+        # hypotheses have other numbers of decimals in HTML; with all iterations a later pass can be the shorter one
+        settings = dict(hypotheses="", options="FULLOUTPUT:Y\n")
+        place.series(make(**settings), IMPUTED)
+        place.series(make(**settings, output="out.html"), IMPUTED)
+        place.single("imp5", make(**settings))
+        check(results(place.read("out.5")) == results(place.read("single.txt")), f"{name}: the last sub-run's report")
+        page = place.read("out_avg.html")
+        end = "</body></html>\n"
+        check(page.count(end) == 1 and page.endswith(end), f"{name}, html: the end of the page")
+        check(place.read("out_5.html").endswith(end), f"{name}, html: the end of the last sub-run's page")
+        heading = "<h2>The Averaged Results for this Multiple Imputation Run</h2>\n"
+        check(heading in page, f"{name}, html: the heading")
+        numbers = lambda text: re.findall(r"-?\d+\.\d{3,}", text)
+        shown = page[page.index(heading):]
+        check(numbers(re.sub("<[^>]*>", " ", shown.replace("<0.001", "0.000")))
+              == numbers(place.averaged().text), f"{name}, html: other numbers")
 
 
 def failures(check, place):
-    """A data set whose FEMALE is constant fails: it is named, and the others are averaged."""
-    text = model()
-    singles = [place.single(mdm, text) for mdm in IMPUTED]
-    for failing in ((0,), (2,), (M - 1,), (0, 3)):
-        mdms = ["const" if k in failing else mdm for k, mdm in enumerate(IMPUTED)]
-        codes = place.series(text, mdms)
-        check(codes == [11 if k in failing else 0 for k in range(M)], f"failing {failing}: exit codes {codes}")
-        averaged = place.averaged()
-        note = "sub" + ("analysis: " if len(failing) == 1 else "analyses: ") + "".join(f"{k + 1} " for k in failing)
-        check(f"\nThese results do not reflect the failed {note}\n" in averaged.text, f"failing {failing}: the note")
-        rubin.compare(check, f"failing {failing}", averaged, [s for k, s in enumerate(singles) if k not in failing],
-                      CONTRASTS)
-        check(not place.exists(STORE), f"failing {failing}: the store is left")
-    # all but one: its results stand as they are
-    codes = place.series(text, ["const", "const", "imp3"])
-    averaged = place.averaged()
-    check("Only one analysis of the series is usable" in averaged.text, "one usable: the sentence")
-    for table in ("final", "robust"):
-        check([row[4:8] for row in averaged.fixed[table].rows] == [row[4:8] for row in singles[2].report.fixed[table].rows],
-              f"one usable: {table} is not the single run's")
+    """Data sets that fail are named, and the others are averaged: one whose FEMALE is constant, at the start; one whose
+    outcome is separated by GCSECNT, with results of early iterations or without the third category."""
+    late = nonlinear("BERNOULLI", options="FIXSIGMA2:1.0\n").replace("MACROIT:5", "MACROIT:20")
+    ordinal, multinomial = (nonlinear(x, hypotheses="") for x in ("ORDINAL,3", "MULTINOMIAL,3"))
+    for name, text, bad, code, contrasts, patterns in (
+            ("linear", model(), "const", 11, CONTRASTS, ((0,), (2,), (M - 1,), (0, 3), (0, 1, 2, 3), (1, 2, 3, 4))),
+            ("bernoulli", late, "separated", 100, CONTRASTS, ((0,), (2,), (M - 1,), (0, 1, 2, 4))),
+            ("ordinal", ordinal, "const", 11, (), ((0, M - 1),)),
+            ("multinomial", multinomial, "separated", 100, (), ((2,),)),
+            ("ordinal, another category", ordinal, "regraded", 100, (), ((2,),))):
+        singles = [place.single(mdm, text) for mdm in IMPUTED]
+        for failing in patterns:
+            what = f"{name}, failing {failing}"
+            codes = place.series(text, [bad if k in failing else mdm for k, mdm in enumerate(IMPUTED)])
+            check(codes == [code if k in failing else 0 for k in range(M)], f"{what}: exit codes {codes}")
+            averaged = place.averaged()
+            note = "sub" + ("analysis: " if len(failing) == 1 else "analyses: ") + "".join(f"{k + 1} " for k in failing)
+            check(f"\nThese results do not reflect the failed {note}\n" in averaged.text, f"{what}: the note")
+            check(("Only one analysis of the series is usable; its results are not averages." in averaged.text)
+                  == (len(failing) == M - 1), f"{what}: the sentence on a single one")
+            rubin.compare(check, what, averaged, [s for k, s in enumerate(singles) if k not in failing], contrasts)
+            check(not place.exists(STORE), f"{what}: the store is left")
+    check(place.series(late, ["const", "separated"]) == [11, 100], "none usable: exit codes")
+    check("No analysis of the series is usable" in place.averaged().text and "Final est" not in place.averaged().text,
+          "none usable: the sentence")
 
 
 def refusals(check, place):
@@ -230,22 +281,64 @@ def refusals(check, place):
     done = words("-mi0", "-e")  # replaces it, and is the whole series
     check(done.returncode == 0 and "Only one analysis" in place.read("out.avg"), "a series of one")
     check(words("-e").returncode == 100, "-e alone")
+    place.write("series.kdr", nonlinear("MULTINOMIAL,3", hypotheses=""))
+    words("-mi0")
+    done = place.run("-mi0", "separated.mdm", "series.kdr")  # fails before it makes a store
+    check(done.returncode == 100 and "the series has not begun" in done.stdout, f"a failing first: {done.stdout[-200:]}")
+    done = words("-mi1", "-e")
+    check(done.returncode == 100 and "There is no result store" in done.stdout, f"an old store: {done.stdout[-200:]}")
     done = words("-mi128")
     check(done.returncode == 100 and "127" in done.stdout, f"data set 129: {done.stdout}")
 
 
+def uncomputable(check, place):
+    """Four level-3 units are too few for the outer products of their scores and for robust errors."""
+    for m in (1, 2):
+        lines = place.read(f"imp{m}.dat").splitlines(True)
+        first = sorted({x[:4] for x in lines})[:4]
+        place.write("few.dat", "".join(x for x in lines if x[:4] in first))
+        place.mdm(f"few{m}", "few.dat", *COLUMNS)
+    place.series(nonlinear("BERNOULLI", options="FISHERTYPE:1\n"), ["few1", "few2"])
+    text = place.averaged().text
+    for line, count in (("Standard errors for sigma^2,tau(pi),tau(beta) are not computable.", 1), ("Standard error", 1),
+                        ("\nThe robust standard errors cannot be computed for this model.\n", 2)):
+        check(text.count(line) == count, f"uncomputable: {text.count(line)} times {line}")
+
+
+def leaving(check, place):
+    """A user who leaves in the middle of the macro iterations ends with code 0, and yet leaves no results."""
+    text = nonlinear("ORDINAL,3", hypotheses="").replace("MACROIT:5", "STOPMACRO:0.000000000001\nMACROIT:5000")
+    place.write("series.kdr", text)
+    child = subprocess.Popen([place.program, "-q", "-mi0", "imp1.mdm", "series.kdr"], cwd=place.folder,
+                             env=place.environment, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+    for line in child.stdout:
+        if "MACRO ITERATION 3" in line:
+            break
+    child.send_signal(signal.SIGINT)
+    said, _ = child.communicate("1\n", timeout=60)
+    check(child.returncode == 0 and "1 to exit now" in said, f"leaving: code {child.returncode}, {said[-200:]}")
+    place.write("series.kdr", nonlinear("ORDINAL,3", hypotheses=""))
+    check(place.run("-mi1", "-e", "imp2.mdm", "series.kdr").returncode == 0, "leaving: the last data set")
+    check("failed subanalysis: 1 \n" in place.read("out.avg"), "leaving: the data set that was left is averaged")
+
+
 def kills(check, place, moments):
     """Processes killed at random moments: the averages are those of the data sets that are not named as failed."""
-    text = model(options="NUMIT:30,N\n", hypotheses="")
-    singles = [place.single(mdm, text) for mdm in IMPUTED]
-    place.write("series.kdr", text)
-    start = time.time()
-    place.run("-mi0", "imp1.mdm", "series.kdr")
-    length = time.time() - start
     rng = random.Random(17)
     averaged = refused = 0
+    kinds = []
+    for text in (model(options="NUMIT:30,N\n", hypotheses=""),
+                 nonlinear("BERNOULLI", hypotheses="").replace("MICROIT:60", "MICROIT:10")):
+        singles = [place.single(mdm, text) for mdm in IMPUTED]
+        place.write("series.kdr", text)
+        start = time.time()
+        place.run("-mi0", "imp1.mdm", "series.kdr")
+        kinds.append((text, singles, time.time() - start))
     for n in range(moments):
-        (place.folder / STORE).unlink(missing_ok=True)
+        text, singles, length = kinds[n % 2]
+        place.write("series.kdr", text)
+        for name in (STORE, "out.avg"):
+            (place.folder / name).unlink(missing_ok=True)
         victim = rng.randrange(M)
         lost = set()
         for k, mdm in enumerate(IMPUTED):
@@ -260,7 +353,7 @@ def kills(check, place, moments):
                 code = subprocess.run([place.program, *words], cwd=place.folder, env=place.environment,
                                       stdout=subprocess.DEVNULL, stdin=subprocess.DEVNULL).returncode
             lost |= {k} if code != 0 else set()
-        if "AVERAGED" not in place.read("out.avg"):
+        if not place.exists("out.avg") or "AVERAGED" not in place.read("out.avg"):
             refused += 1
             check(bool(lost), f"kill {n}: nothing averaged without a kill")
             continue
@@ -277,35 +370,46 @@ def kills(check, place, moments):
 def plausible(check, place):
     """Outcome and predictor, in one process; every pass is the single run with its variable."""
     scores, gcses = [f"SC{m + 1}" for m in range(M)], [f"GC{m + 1}" for m in range(M)]
-    for name, values, variant in (("outcome", scores, lambda m: dict(outcome=scores[m], predictors="FEMALE+GC1")),
-                                  ("predictor", gcses, lambda m: dict(outcome="SC1", predictors="FEMALE+" + gcses[m])),
-                                  ("centered predictor", gcses,
-                                   lambda m: dict(outcome="SC1", predictors=f"FEMALE+{gcses[m]},2"))):
-        singles, tables = [], []
+    outcome = lambda m: dict(outcome=scores[m], predictors="FEMALE+GC1")
+    predictor = lambda m: dict(outcome="SC1", predictors="FEMALE+" + gcses[m])
+    centered = lambda m: dict(outcome="SC1", predictors=f"FEMALE+{gcses[m]},2")
+    heterogeneous, full = "HETIT:3\n", "FULLOUTPUT:Y\n"
+    for name, values, variant, options in (
+            ("outcome", scores, outcome, ""), ("predictor", gcses, predictor, ""), ("centered predictor", gcses, centered, ""),
+            ("outcome, heterogeneous stage", scores, outcome, heterogeneous + full),
+            ("predictor, weights", gcses, centered, WEIGHTS + full),
+            ("predictor, held", gcses, centered, "FIXSIGMA2:5.123456789\nDIAGONALIZETAUPI:Y\nFISHERTYPE:1\n" + full)):
+        fisher, singles, tables = heterogeneous not in options, [], []
+        settings = lambda m: dict(variant(m), options=options)
         for m in range(M):
-            singles.append(place.single("pv", model(**variant(m))))
+            singles.append(place.single("pv", model(**settings(m)), fisher, WEIGHTS in options))
             tables.append(place.read("single.txt"))
-        place.write("pv.kdr", model(plausvals="PLAUSVALS:" + ",".join(values) + "\n", **variant(0)))
+        place.write("pv.kdr", model(plausvals="PLAUSVALS:" + ",".join(values) + "\n", **settings(0)))
         done = place.run("pv.mdm", "pv.kdr")
         check(done.returncode == 0, f"{name}: {done.stdout}")
-        rubin.compare(check, name, place.averaged(), singles, CONTRASTS)
+        rubin.compare(check, name, place.averaged(), singles, CONTRASTS, fisher)
         text = place.averaged().text
-        what = "outcome" if name == "outcome" else "plausible"
+        what = "outcome" if variant is outcome else "plausible"
         check(f" The {what} variables are: " + ",".join("%8s" % v for v in values) + "\n" in text,
               f"{name}: the line of the variables")
         check("PLAUSIBLE VALUE RUN" in text, f"{name}: the heading")
         for m in range(M):
             check(results(place.read(f"out.{m + 1}")) == results(tables[m]),
                   f"{name}: pass {m + 1} is not the single run with {values[m]}")
-        place.write("pv.kdr", model(plausvals="PLAUSVALS:" + ",".join(values) + "\n", **variant(0)).replace(
+        place.write("pv.kdr", model(plausvals="PLAUSVALS:" + ",".join(values) + "\n", **settings(0)).replace(
             "OUTPUT:out.txt", "OUTPUT:page.html"))
         check(place.run("pv.mdm", "pv.kdr").returncode == 0 and place.read("page_avg.html").endswith("</body></html>\n"),
               f"{name}: html")
+    for kind in NONLINEAR:
+        place.write("pv.kdr", nonlinear(kind, plausvals="PLAUSVALS:PASS,GRADE\n", hypotheses="", output="refused.txt"))
+        done = place.run("imp1.mdm", "pv.kdr")
+        check(done.returncode == 100 and "You can not do a combination of non-linear and plausible values" in done.stdout
+              and not place.exists("refused.1"), f"{kind}: plausible values")
 
 
 def results(text):
     """A report from its first results on, without the list of the variance-covariance files."""
-    return text[text.index("ITERATION"):].split("\ntauvc.dat")[0].rstrip()
+    return text[re.search("ITERATION|RESULTS FOR", text).start():].split("\ntauvc.dat")[0].rstrip()
 
 
 if __name__ == "__main__":
@@ -316,6 +420,8 @@ if __name__ == "__main__":
     html(check, place)
     failures(check, place)
     refusals(check, place)
+    uncomputable(check, place)
+    leaving(check, place)
     plausible(check, place)
     kills(check, place, moments)
     check.finish()

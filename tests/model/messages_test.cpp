@@ -102,6 +102,13 @@ std::vector<Case> cases() {
       // What needs the model.
       {"PLAUSVALS:Y,Z\n", 100, "plausvals must be specified after level-1 model\n"},
       {"PLAUSVALS:N\n", 0, ""},
+      {samplemodel + "PLAUSVALS:T,Z\n", 100,
+       "The first plausible value, T, must be the outcome or a predictor of the model!\n"},
+      {samplemodel + "PLAUSVALS:Y,Z,X\n", 100, "The plausible value X stands in the model or in its list already!\n"},
+      {samplemodel + "PLAUSVALS:Y,Z,Z\n", 100, "The plausible value Z stands in the model or in its list already!\n"},
+      {"LEVEL1:Y=INTRCPT1+A+B\nPLAUSVALS:A,X\n", 100,
+       "The predictor B stands between the plausible values A and X in the MDM file!\n"},
+      {samplemodel + "PLAUSVALS:X,X\n", 100, "The plausible value X stands in the model or in its list already!\n"},
       {samplemodel + "PLAUSVALS:Y,NO\n", 9, unknown + "plausvals specification invalid\nNO does not exist\n"},
       {"LVR-BETA:N\n", 0, ""},
       {"LVR-BETA:I\n", 100, "lvr must be specified after complete model\n"},

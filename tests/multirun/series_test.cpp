@@ -66,22 +66,6 @@ PassResults smallresults(double shift) {
   return results;
 }
 
-// The passes of a sub-run. Of a non-linear one: an identity pass, two macro iterations of which the last one counts, a
-// population-average pass.
-void storepasses(double shift) {
-  if (run.kind.linear()) {
-    storesubrun(smallresults(shift));
-    return;
-  }
-  for (const PassKind kind : {PassKind::identity, PassKind::pql, PassKind::pql, PassKind::populationaverage}) {
-    PassResults results = smallresults(shift);
-    results.kind = kind;
-    if (kind == PassKind::populationaverage) results.est.gammahat[0] += 10.0;
-    if (kind == PassKind::identity) results.est.gammahat[0] = 1000.0;
-    storesubrun(results);
-  }
-}
-
 class Series : public testing::Test {
  protected:
   void SetUp() override {
@@ -124,7 +108,7 @@ class Series : public testing::Test {
       report("Results of data set %d.\n", index + 1);
       if (end == End::killed) _exit(7);
       if (end == End::failing) fail(100, "failed");
-      storepasses(shift);
+      storesubrun(smallresults(shift));
       poolseries();
       closereport();
     });
@@ -204,51 +188,6 @@ TEST_F(Series, AveragesOfThreeDataSets) {
                 rule78 + "INTRCPT1/INTRCPT2,  u00     1.00000       1.00000    18      40.00000    0.002\n" + rule78);
 }
 
-TEST_F(Series, FailedAndKilledDataSetsAreNamed) {
-  struct Case {
-    std::vector<End> ends;
-    const char* note;
-    const char* gamma;  // the average of the shifts of the good ones, -1, 0, 1, 2
-  };
-  for (const Case& c : {Case{{End::good, End::failing, End::good, End::good},
-                             "\nThese results do not reflect the failed subanalysis: 2 \n\n",
-                             "10.666667"},
-                        Case{{End::failing, End::good, End::killed, End::good},
-                             "\nThese results do not reflect the failed subanalyses: 1 3 \n\n",
-                             "11.000000"},
-                        Case{{End::good, End::good, End::good, End::failing},
-                             "\nThese results do not reflect the failed subanalysis: 4 \n\n",
-                             "10.000000"}}) {
-    for (int i = 0; i < 4; ++i) {
-      const End end = c.ends[static_cast<std::size_t>(i)];
-      const int code = dataset(i, i == 3, end, i - 1.0);
-      EXPECT_EQ(code, end == End::good ? 0 : end == End::failing ? 100 : 7) << i;
-    }
-    const std::string text = contents("out.avg");
-    EXPECT_NE(text.find(c.note), std::string::npos) << text;
-    EXPECT_NE(line(text, "      INTRCPT3, G000").find(c.gamma), std::string::npos) << text;
-    EXPECT_FALSE(exists(storename));
-  }
-}
-
-TEST_F(Series, OneOrNoUsableDataSet) {
-  dataset(0, false, End::failing, 0.0);
-  dataset(1, true, End::good, 1.0);
-  const std::string one = contents("out.avg");
-  EXPECT_NE(one.find("\nOnly one analysis of the series is usable; its results are not averages.\n"),
-            std::string::npos);
-  EXPECT_NE(line(one, " Standard Error of sigma^2").find("0.50000"), std::string::npos);
-  // its own standard error: sqrt(5 * 0.25)
-  EXPECT_NE(line(one, "      INTRCPT3, G000").find("11.000000    1.118034      9.839       18    0.000"),
-            std::string::npos)
-      << one;
-
-  dataset(0, false, End::failing, 0.0);
-  EXPECT_EQ(dataset(1, true, End::failing, 1.0), 100);
-  EXPECT_NE(contents("out.avg").find("No analysis of the series is usable, so there are no results to average.\n"),
-            std::string::npos);
-}
-
 // A killed process can be repeated, also one that was killed while it wrote the averages.
 TEST_F(Series, KilledProcessesAreRepeated) {
   dataset(0, false, End::good, -1.0);
@@ -267,7 +206,17 @@ TEST_F(Series, AnotherModelIsRefused) {
   const std::function<void()> changes[] = {[] { run.model.terms3.row(0, 0)[1] = 0; },  // other level-3 variables
                                            [] { run.kind.outvar = 2; },                // another outcome
                                            [] { run.model.center3[1] = 2; },           // another centering
-                                           [] { run.iter.fishertype = 0; },            // no covariance of the taus
+                                           [] { run.iter.fixsigma2 = 2.0; },
+                                           [] { run.out.diagtaupi = true; },
+                                           [] {
+                                             run.iter.haveesttau2 = true;
+                                             run.iter.esttau2.reset(1);
+                                           },
+                                           [] {
+                                             run.iter.havecontau3 = true;
+                                             run.iter.contau3.reset(1);
+                                           },
+                                           [] { run.iter.fishertype = 0; },  // no covariance of the taus
                                            [] {
                                              run.out.wgtvar1 = 3;
                                              run.kind.weighted = true;
@@ -282,44 +231,6 @@ TEST_F(Series, AnotherModelIsRefused) {
   }
   EXPECT_EQ(dataset(1, true, End::good, 0.0), 100);
   EXPECT_NE(contents("console").find("There is no result store"), std::string::npos);
-}
-
-TEST_F(Series, HtmlReport) {
-  dataset(0, false, End::failing, -1.0, "out.html");
-  dataset(1, false, End::good, 0.0, "out.html");
-  dataset(2, true, End::good, 1.0, "out.html");
-  const std::string text = contents("out_avg.html");
-  EXPECT_NE(text.find("  Output file name              = out_avg.html<br>\n  The model<br>\n"
-                      "<h2>The Averaged Results for this Multiple Imputation Run</h2>\n<br>\n"
-                      "These results do not reflect the failed subanalysis: 1 <br>\n<br>\n"),
-            std::string::npos)
-      << text;
-  const std::string end = "</body></html>\n";
-  EXPECT_EQ(text.find(end), text.size() - end.size());
-  const std::string last = contents("out_3.html");
-  EXPECT_EQ(last.find(end), last.size() - end.size());
-}
-
-// Unit-specific effects, variances, population-average effects; sigma^2 is fixed, so it has neither line nor error.
-TEST_F(Series, PopulationAverageEffectsComeLast) {
-  const auto bernoulli = [] {
-    run.kind.nonlin = 1;
-    run.kind.nlrun = true;
-    run.iter.fixsigma2 = 1.0;
-    run.iter.fishertype = 0;
-    run.kind.outname = run.mdm.names1[1];
-  };
-  for (int i = 0; i < 2; ++i) ASSERT_EQ(dataset(i, i == 1, End::good, i, "out.txt", bernoulli), 0);
-  std::string text = contents("out.avg");
-  for (const char* next : {"\fTHE AVERAGED RESULTS", " (Unit-specific model)\n", " (Unit-specific model with robust",
-                           "variance components", "level-3 variance components", " (Population-average model)\n",
-                           "G000     20.500000", " (Population-average model with robust"}) {
-    const std::size_t found = text.find(next);
-    ASSERT_NE(found, std::string::npos) << next << " in\n" << contents("out.avg");
-    text = text.substr(found + 1);
-  }
-  EXPECT_EQ(contents("out.avg").find("sigma^2 ="), std::string::npos);
-  EXPECT_EQ(contents("out.avg").find("Standard error of tau"), std::string::npos);
 }
 
 // All passes in one process; a robust matrix that is missing once is missing in the averages.

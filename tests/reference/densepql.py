@@ -25,6 +25,7 @@ from scipy import stats
 from dense import (HERE, Data, build, degreesoffreedom, inference, listed, maximise, normaliseweights, robust, thetaspace,
                    weightedcov)
 from denselikelihood import Unit, gls, posterior, scoreandinformation, unpack
+from denseresiduals import leastsquares, triangle
 from models import I3, INT3, model
 from nonlinearmodels import NAMES, SETS, TRACED, thresholds
 
@@ -289,6 +290,12 @@ def reference(data, m, traced=False):
     out['v'], out['u'] = [x[0].tolist() for x in post], [a.tolist() for x in post for a in x[2]]
     inf = inference(units, gamma, T, L, s)
     out.update(inf)
+    if traced and 'categories' not in m:  # what the residual files hold beside u, v and eta
+        resid = [q.y - q.M @ gamma for q in units]
+        out['pv3'], out['pv2'] = [triangle(x[1]) for x in post], [triangle(a) for x in post for a in x[3]]
+        out['ol2'] = [leastsquares(q.Z1[rows], e[rows] - q.Z2[rows] @ x[0])
+                      for q, e, x in zip(units, resid, post) for rows in q.rows]
+        out['ol3'] = inf['lsq3']
     counts = [([t in [b for a, b in m['random3'] if a == name] for t, _ in m['level2'][name]]) for name, _ in m['level1']
               if name in m['random2']] * copies
     out['dfstat2'] = [inf['nstat2'] - sum(x) * inf['nstat3'] - (len(x) - sum(x)) for x in counts]

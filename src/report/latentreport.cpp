@@ -1,4 +1,4 @@
-#include "multirun/latentreport.h"
+#include "report/latentreport.h"
 
 #include <cmath>
 #include <limits>
@@ -218,27 +218,7 @@ void residualcovariance(const LatentRegression& regression) {
   }
 }
 
-std::span<const double> view(const Array<double>& values) { return {values.data(), values.size()}; }
-
-// Elements of taupi, behind which those of taubeta stand.
-int firstbeta() { return run.coef.ntaupi * (run.coef.ntaupi + 1) / 2; }
-
 }  // namespace
-
-LatentModel latentmodel() {
-  LatentModel model;
-  model.roles = {run.out.lvrroles.data(), run.out.lvrroles.size()};
-  model.nunits3 = run.mdm.nunits3;
-  const ModelRows rows = modelrows();
-  const std::vector<int> reduced = reducedeffects(rows);
-  for (const TermRow& term : rows.terms) {
-    if (!term.random) continue;
-    std::vector<LatentTerm>& equation = model.equations.emplace_back();
-    for (int e = term.firsteffect; e < term.firsteffect + term.neffects; ++e)
-      equation.push_back({rows.effects[at(e)].variable, reduced[at(e)]});
-  }
-  return model;
-}
 
 void latentreport(const LatentRegression& regression) {
   if (!regression.computable) {
@@ -255,34 +235,6 @@ void latentreport(const LatentRegression& regression) {
   for (std::size_t row = 0; row < nO; ++row) comparisonrows(regression, row, row + 1 == nO);
   closetable();
   residualcovariance(regression);
-}
-
-void latentvariableregression(const PassResults& results) {
-  if (!run.out.lvr) return;
-  const Estimates& est = results.est;
-  Array<double> vgamma = est.vgamma.copy();
-  for (double& v : vgamma) v *= est.sigma2;
-  LatentEstimates estimates{view(est.taubeta), view(est.gammahat), view(vgamma), {}, 0, firstbeta()};
-  if (results.errors.known) {
-    estimates.taucovariance = view(results.errors.covariance);
-    estimates.tauorder = results.errors.order;
-  }
-  latentreport(latentregression(latentmodel(), estimates));
-}
-
-void latentvariableregression(const Pooled& averages) {
-  if (!run.out.lvr) return;
-  LatentEstimates estimates{view(averages.taubeta),
-                            view(averages.effects.gamma),
-                            view(averages.effects.model.covariance),
-                            {},
-                            0,
-                            firstbeta()};
-  if (averages.errorsknown) {
-    estimates.taucovariance = view(averages.taucovariance);
-    estimates.tauorder = firstbeta() + run.coef.ntaubeta * (run.coef.ntaubeta + 1) / 2;
-  }
-  latentreport(latentregression(latentmodel(), estimates));
 }
 
 }  // namespace kdr

@@ -1,4 +1,4 @@
-#include "multirun/averagedreport.h"
+#include "report/averagedreport.h"
 
 #include <strings.h>
 #include <unistd.h>

@@ -5,8 +5,8 @@
 #include <string>
 
 #include "kernel/array.h"
-#include "multirun/pooling.h"
 #include "report/degreesoffreedom.h"
+#include "report/pooledresults.h"
 
 namespace kdr {
 

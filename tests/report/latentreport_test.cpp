@@ -1,10 +1,11 @@
 // The report of a latent variable regression: its lines in both modes, and the model that it reads.
-#include "multirun/latentreport.h"
+#include "report/latentreport.h"
 
 #include <gtest/gtest.h>
 
 #include "driver/constants.h"
 #include "driver/runrecord.h"
+#include "multirun/latentregression.h"
 #include "report/reportfixture.h"
 
 namespace kdr {

@@ -1,0 +1,73 @@
+#include "report/enginetables.h"
+
+#include "driver/reportstream.h"
+#include "driver/runrecord.h"
+#include "report/matrixtables.h"
+#include "report/passtables.h"
+#include "report/variancetables.h"
+
+namespace kdr {
+
+namespace {
+
+void laplacereliabilities(Tau which, const Reliabilities& reliabilities) {
+  const bool pi = which == Tau::pi;
+  const Array<double>& values = pi ? reliabilities.level2 : reliabilities.level3;
+  const int used = pi ? reliabilities.units2 : reliabilities.units3;
+  const int total = pi ? run.mdm.nunits2 : run.mdm.nunits3;
+  if (used == 0) {
+    report("\n The Tau(%s) reliabilities cannot be computed\n", pi ? "pi" : "beta");
+    return;
+  }
+  reliabilitytable(which, static_cast<int>(values.size()), values.data());
+  if (used != total) partialdatanote("reliability estimates", used, total);
+}
+
+// The estimates of a matrix, its standard errors or why there are none, its correlations.
+void taublocks(Tau which, const PassResults& results) {
+  const bool pi = which == Tau::pi;
+  const int n = pi ? run.coef.ntaupi : run.coef.ntaubeta;
+  const double* tau = (pi ? results.est.taupi : results.est.taubeta).data();
+  const Array<double>& errors = pi ? results.errors.taupi : results.errors.taubeta;
+  tautable(which, MatrixTitle::plain, false, n, tau);
+  if (!errors.empty()) {
+    tautable(which, MatrixTitle::standarderror, false, n, errors.data());
+  } else {
+    reportline("The standard errors of Tau(%s) cannot be computed.  This is", pi ? "pi" : "beta");
+    reportline("probably due to one or more of the random effects having a zero variance.");
+  }
+  correlationtable(which, n, tau);
+}
+
+}  // namespace
+
+void laplacetables(const PassResults& results, bool withlikelihood) {
+  rewindreport();
+  report2("\fRESULTS FOR NON-LINEAR MODEL WITH THE LOGIT LINK FUNCTION: Laplace Model\n(macro iteration %d)\n",
+          "<h2>Results for Unit-Specific Model, Laplace6 Estimation<br><small>Iteration %d</small></h2>",
+          results.iteration);
+  for (const Tau which : {Tau::pi, Tau::beta}) {
+    taublocks(which, results);
+    laplacereliabilities(which, results.reliabilities);
+  }
+  fixedeffectstables(results, TableKind::laplace);
+  if (withlikelihood) reportline("The likelihood at Laplace iteration %d is %E", results.iteration + 1, results.loglik);
+}
+
+void laplacefailed() {
+  rewindreport();
+  reportline("Fisher scoring is unable to compute a maximum likehihood estimate within");
+  reportline("the parameter space.  Unable to produce Laplace results.");
+  reportbreak();
+}
+
+void quadraturetables(const PassResults& results) {
+  report2("\fRESULTS FOR UNIT-SPECIFIC MODEL, ADAPTIVE GAUSSIAN QUADRATURE\n    Iteration %d\n\n",
+          "<h2>Results For Unit-Specific Model, Adaptive Gaussian Quadrature<br><smaller>iteration %d</smaller></h2>",
+          results.iteration);
+  for (const std::string& warning : results.warnings) reportline("%s", warning.c_str());
+  for (const Tau which : {Tau::pi, Tau::beta}) taublocks(which, results);
+  fixedeffectstables(results, TableKind::quadrature);
+}
+
+}  // namespace kdr

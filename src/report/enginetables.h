@@ -1,0 +1,20 @@
+// The report's sections of the maximum-likelihood engines. The results of an engine come as PassResults of its kind.
+#pragma once
+
+#include "report/passresults.h"
+
+namespace kdr {
+
+// Goes back to the mark of the report and writes the results of Laplace-6: heading, each tau with its standard errors,
+// correlations and reliabilities, the fixed effects with their ratios and hypothesis tests, and the likelihood if
+// `withlikelihood`. Deviance and number of parameters are modelstatistics'.
+void laplacetables(const PassResults& results, bool withlikelihood);
+
+// Goes back to the mark and writes the words of a Laplace-6 estimation without a result.
+void laplacefailed();
+
+// Writes the results of quadrature: heading, warnings, each tau with its standard errors and correlations, the fixed
+// effects with their ratios and hypothesis tests.
+void quadraturetables(const PassResults& results);
+
+}  // namespace kdr

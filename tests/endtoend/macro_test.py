@@ -1,0 +1,202 @@
+"""The loop of passes of a non-linear run: its limits and failures, and the dialogue that starts it.
+
+    macro_test.py <program>
+"""
+import random
+import re
+import sys
+
+from program import Checks, Workplace, body
+
+check = Checks()
+work = Workplace(sys.argv[1])
+
+TEMPLATE = """#KDR3 MDM CREATION TEMPLATE
+rawdattype:ascii
+l1fname:m1.dat
+l2fname:m2.dat
+l3fname:m3.dat
+numl1var:5
+numl2var:1
+numl3var:1
+l1format:(2A4,5F12.4)
+l2format:(2A4,F12.4)
+l3format:(A4,F12.4)
+l1missing:n
+timeofdeletion:now
+mdmname:m.mdm
+*begin l1vars
+Y
+COUNT
+N
+GRADE
+X
+*end l1vars
+*begin l2vars
+Z
+*end l2vars
+*begin l3vars
+Q
+*end l3vars
+"""
+MODEL = """NONLIN:{kind}
+MACROIT:{macroit}
+MICROIT:50
+FIXSIGMA2:1
+{more}LEVEL1:{y}=INTRCPT1+X{cuts}+RANDOM
+LEVEL2:INTRCPT1=INTRCPT2+Z,2+RANDOM/
+LEVEL3:INTRCPT2=INTRCPT3+RANDOM/
+LEVEL3:Z=INTRCPT3/
+LEVEL2:X=INTRCPT2/
+LEVEL3:INTRCPT2=INTRCPT3/
+LEVEL1DELETION:NONE
+RESFIL1:N
+RESFIL2:N
+RESFIL3:N
+CONSTRAIN:N
+HYPOTH:N
+LVR-BETA:N
+FULLOUTPUT:N
+TITLE:loop
+OUTPUT:out.{form}
+"""
+
+
+def study(change=lambda row, i: row, records=6):
+    """12 level-3 units of 5 of `records`; `change` may change a record (Y, COUNT, N, GRADE, X) by its number."""
+    rng = random.Random(3)
+    rows = [[], [], []]
+    for k in range(12):
+        v = rng.gauss(0, 0.7)
+        rows[2].append("%4d%12.4f\n" % (k, rng.gauss(0, 1)))
+        for j in range(5):
+            u = rng.gauss(0, 0.8)
+            rows[1].append("%4d%4d%12.4f\n" % (k, j, rng.gauss(0, 1)))
+            for _ in range(records):
+                x, n = rng.gauss(0, 1), rng.randint(1, 5)
+                eta = -0.2 + 0.6 * x + u + v
+                made = [float(rng.random() < 1 / (1 + 2.718 ** -eta)) for _ in range(n)]
+                row = change([made[0], sum(made), n, 1 + (eta + rng.gauss(0, 1) > -0.8) + (eta + rng.gauss(0, 1) > 0.6), x],
+                             len(rows[0]))
+                rows[0].append("%4d%4d" % (k, j) + "".join("%12.4f" % c for c in row) + "\n")
+    for level in range(3):
+        work.write("m%d.dat" % (level + 1), "".join(rows[level]))
+    done = work.run("-r", work.write("m.mdmt", TEMPLATE))
+    assert done.returncode == 0, done.stdout
+
+
+def fit(kind, y="Y", macroit="30,N", more="", cuts="", answers="", form="txt"):
+    """Exit code, console and report."""
+    (work.folder / ("out." + form)).unlink(missing_ok=True)
+    work.write("m.kdr", MODEL.format(kind=kind, y=y, macroit=macroit, more=more, cuts=cuts, form=form))
+    done = work.run("m.mdm", "m.kdr", answers=answers)
+    made = work.folder / ("out." + form)
+    return done.returncode, done.stdout, made.read_text() if made.exists() else ""
+
+
+def put(place, value):
+    """A change of the tenth record."""
+    return lambda row, i: row[:place] + [value] + row[place + 1:] if i == 10 else row
+
+
+def failures():
+    """Data and estimates that end a run: exit code, words on the console, words in the report."""
+    least = "\nError: the outcome must be greater than or equal to 0.0, and the\n%s must be greater than 0.0\n"
+    data = "\nPlease check your data.  The outcome variable %s must be %s.\n\n"
+    single = lambda value: lambda row, i: [value] + row[1:]
+    rows = [
+        ("BERNOULLI,N", "COUNT", put(1, -1.0), 100, least % "number of trials", ""),
+        ("BERNOULLI,N", "COUNT", put(2, 0.0), 100, least % "number of trials", ""),
+        ("POISSON,N", "COUNT", put(2, 0.0), 100, least % "exposure", ""),
+        ("POISSON,N", "COUNT", put(1, -2.0), 100, least % "exposure", ""),
+        ("BERNOULLI,N", "COUNT", put(1, 9.0), 100,
+         "\nError: the outcome must be less than or equal to the number of trials.\n", ""),
+        ("BERNOULLI", "Y", single(0.0), 100, "", "The outcome variable is all zeros!"),
+        ("POISSON", "Y", single(0.0), 100, "", "The outcome variable is all zeros!"),
+        ("BERNOULLI", "Y", single(1.0), 100, "", "\nThe outcome variable must take on values between 0 and 1.\n"),
+        ("BERNOULLI", "Y", put(0, 2.0), 100, "", data % ("Y", "between 0 and 1")),
+        ("POISSON", "Y", put(0, -1.0), 100, "", data % ("Y", "non-negative")),
+        ("MULTINOMIAL,2", "GRADE", None, 100, "", ""),
+        ("MULTINOMIAL,4", "GRADE", None, 100, "", ""),
+        ("ORDINAL,2", "GRADE", None, 100, "", ""),
+    ]
+    for kind, y, change, code, console, report in rows:
+        study(change or (lambda row, i: row))
+        cuts = ""
+        for form in ("txt", "html"):
+            got, said, text = fit(kind, y, cuts=cuts, form=form)
+            what = f"{kind} of {y}, {console or report}"
+            check(got == code and console in said, f"{what}: code {got}, {said[-300:]!r}")
+            check(form == "html" or report in text, f"{what}: report {text[-300:]!r}")
+            check(form == "txt" or not text or text.endswith("</html>\n"), f"{what}: the page is not closed {text[-200:]!r}")
+
+
+def limits():
+    """MACROIT: of 1 and more; at the limit N stops with a warning, Y goes on, without a letter the user is asked."""
+    study()
+    warning = "WARNING: the macro iterations were stopped prior to convergence.\n"
+    question = "Do you want to continue until convergence?"
+    tight = "STOPMACRO:0.00001\nSTOPMICRO:0.0000000001\n"
+    _, _, whole = fit("BERNOULLI", macroit="500,N", more=tight)
+    fixed = lambda text: re.findall(r"INTRCPT3, G000 .*", text)
+    for macroit, answers, passes, warned, asked in (
+            ("1,N", "", 1, True, False), ("2,N", "", 2, True, False), ("3,N", "", 3, True, False),
+            ("3", "n\n", 3, True, True), ("3", "y\n", None, False, True), ("3,Y", "", None, False, False)):
+        code, said, text = fit("BERNOULLI", macroit=macroit, more=tight, answers=answers)
+        what = f"MACROIT:{macroit}, answer {answers!r}"
+        check(code == 0, f"{what}: code {code}")
+        check(text.count(warning) == warned, f"{what}: warning in the report")
+        check(("stopped prior to convergence" in said) == warned, f"{what}: words on the console")
+        check((question in said) == asked, f"{what}: question")
+        check(warned or "The macro iterations have converged" in said, f"{what}: not converged")
+        if passes:  # the population average comes behind
+            check(said.count("MACRO ITERATION") == passes + 1, f"{what}: {said.count('MACRO ITERATION')} passes")
+            check(f"macro iteration {passes})" in text or passes == 1, f"{what}: heading")
+        else:
+            check(fixed(text) == fixed(whole), f"{what}: {fixed(text)} for {fixed(whole)}")
+    for form in ("txt", "html"):
+        _, _, text = fit("BERNOULLI", form=form)
+        places = [text.lower().find(x) for x in ("summary of the model", "unit-specific model, pql", "population-average model")]
+        check(-1 not in places and places == sorted(places), f"order of sections in {form}: {places}")
+        check(text.lower().count("unit-specific model, pql") == 1, f"one unit-specific section in {form}")
+
+
+def dialogue():
+    """A model typed in answer to the questions gives the report of the command file that the run leaves."""
+    study()
+    kinds = {
+        "Bernoulli": ("1", "1", {"outcome variable": ["1"], "over-dispersion": ["n"], "Laplace-6": ["n"]}),
+        "binomial": ("2", "1", {"outcome variable": ["2"], "over-dispersion": ["y"], "number of trials": ["3"]}),
+        "Poisson with exposure": ("4", "1", {"outcome variable": ["2"], "over-dispersion": ["n"], "exposure": ["3"]}),
+        "multinomial": ("5", "2", {"outcome variable": ["4"], "How many categories": ["3"]}),
+        "ordinal": ("6", "1", {"outcome variable": ["4"], "How many categories": ["3"]}),
+    }
+    for name, (kind, sets, own) in kinds.items():
+        rules = dict({"raw data": ["n"], "name of MDM": ["m.mdm"], "non-linear analysis": ["y"], "type of analysis": [kind],
+                      "macro iterations": ["100"], "micro iterations": ["60"], "level-1 predictor": ["5", "0"],
+                      "Level-2 predictor": ["1"] + ["0"] * 15, "Level-3 predictor": ["1"] + ["0"] * 25,
+                      "title": ["typed", "typed.txt"], "constrain the variances": ["y"] * 2,
+                      "fix +X|fix INTRCPT1/ +Z": ["y"] * 9}, **own)
+        given, said = "", ""
+        for _ in range(90):
+            done = work.run(answers=given)
+            said = done.stdout
+            if done.returncode == 0:
+                break
+            last = re.search(r"(?s)(.{4,500}?)\1{9}Unable to get a proper response", said)  # asked ten times at the end
+            question = last[1] if last else "title"
+            rule = next((r for r in rules if re.search(r, question) and rules[r]), None)
+            given += (rules[rule].pop(0) if rule else "n") + "\n"
+        check("typed.txt" in [p.name for p in work.folder.iterdir()], f"dialogue, {name}: no report\n{said[-600:]}")
+        text = body(work.read("typed.txt"))
+        (work.folder / "typed.txt").unlink()
+        done = work.run("m.mdm", "newcmd.kdr", answers="n\n")  # should it not converge
+        again = body(work.read("typed.txt"))
+        check(done.returncode == 0 and again == text, f"dialogue, {name}: " + f"{len(text)} lines, then {len(again)}; " + "\n".join(sorted(set(again) ^ set(text))))
+        check(any("G001" in line for line in text), f"dialogue, {name}: the model")
+
+
+failures()
+limits()
+dialogue()
+check.finish()
