@@ -9,6 +9,7 @@
 
 #include "data/buildlog.h"
 #include "data/description.h"
+#include "data/fileclashes.h"
 #include "data/levelsource.h"
 #include "data/readers/ascii.h"
 #include "data/resultfile.h"
@@ -487,7 +488,9 @@ void openmdm(Construction& build) {
     if (samefile(source.filename, path))
       stopwith("The MDM file %s must not be one of the raw data files!\n", path.c_str());
   if (samefile(raw.templatename, path)) stopwith("The MDM file %s must not be the template!\n", path.c_str());
-  if (path == logname) stopwith("The MDM file must not bear the name of the log, %s!\n", logname);
+  if (leadtoone(path, logname)) stopwith("The MDM file must not bear the name of the log, %s!\n", logname);
+  if (leadtoone(path, templatecopy))
+    stopwith("The MDM file must not bear the name of the template's copy, %s!\n", templatecopy);
   openresult(build.mdm, path);
   run.mdm.stream = build.mdm.stream;
   std::setvbuf(build.mdm.stream, mdmpiece, _IOFBF, piecesize);
@@ -610,6 +613,7 @@ void mkmdm() {
   MdmData& mdm = run.mdm;
   Construction build;
   deletedrows = DeletedRows{};
+  checkscratch();
   sparerawfiles();
   takedimensions();
   openmdm(build);
