@@ -1,6 +1,6 @@
 // A library that is loaded before the program's own: it counts the calls of the functions below, and the one that
-// KDR3_FAULT names, "<group>:<n>", fails as the system would let it fail. Without KDR3_FAULT the counts of each group go
-// to the file KDR3_COUNTS at the end.
+// KDR3_FAULT names, "<group>:<n>", fails as the system would let it fail. Without KDR3_FAULT the counts of each group
+// go to the file KDR3_COUNTS at the end.
 //
 // Groups: "open" (fopen and its like), "write" (a full disk from the n-th write on), "read" (one read error), "rename",
 // "memory" (the n-th allocation and all that follow).
