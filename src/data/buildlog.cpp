@@ -13,10 +13,12 @@ namespace {
 ResultFile log;
 int extras = 0;
 
-// A construction that stops leaves its log, which tells why, but none that was cut by a full disk or want of memory.
+// A construction that stops leaves its log, which tells why and ends by saying so, but none that was cut by a full disk
+// or want of memory.
 void keeplog(int code) {
   if (log.stream == nullptr) return;
-  if (code != 3 && code != 5) {
+  if (code != 3 && code != 5 && code != 6) {
+    std::fprintf(log.stream, "The construction stopped here. No MDM file was made.\n");
     tryfinish(log);
   } else {
     std::fclose(std::exchange(log.stream, nullptr));

@@ -593,6 +593,7 @@ void logplaces(const Construction& build) {
   if (run.mdm.nvar1 > 0) logplaces(build);
   std::printf("%s", run.mdm.nvar1 == 0 ? "You have selected no level-1 variable, so that no level-1 record counts!\n"
                                        : "No level-2 unit is left for the analysis. KDR3MDM.STS tells more.\n");
+  closelog();
   stoprun(100);
 }
 
