@@ -181,6 +181,11 @@ def lostoutputs():
     ends(done, 6, "Unable to open temp file", "no folder for temporary files")
     check(work.read("kept.txt") == "old report\n", "the old report stays when there is no temporary file")
 
+    for name in ("marked.txt", "marked.html"):
+        done = work.run("chem97.mdm", work.edited("marked.kdr", "model1.kdr", TITLE="a\x1b[31mred\x07", OUTPUT=name))
+        check(done.returncode == 0 and not set("\x1b\x07") & set(done.stdout + work.read(name)), f"{name}: control characters")
+        check("red" in work.read(name), f"{name}: the title's letters")
+
     (work.folder / "link.txt").symlink_to("chem97.mdm")
     (work.folder / "here").symlink_to(".")
     before = (work.folder / "chem97.mdm").read_bytes()
