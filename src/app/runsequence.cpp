@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -31,9 +32,11 @@
 #include "model/dialogue.h"
 #include "model/writer.h"
 #include "multirun/latentregression.h"
+#include "multirun/resultstore.h"
 #include "multirun/series.h"
 #include "nonlinear/categoryloop.h"
 #include "nonlinear/macroloop.h"
+#include "report/averagedreport.h"
 #include "report/header.h"
 #include "report/specification.h"
 #include "report/stream.h"
@@ -108,21 +111,27 @@ void choosekind() {
 // Every model run leaves this file behind, so nothing that the run reads or writes may bear its name.
 constexpr const char* newcommandfile = "newcmd.kdr";
 
-// The files of the run: a result that would stand where another one stands ends the run before anything is written.
+// The files of the run, before one of them is opened for writing. A run of its own newcmd.kdr writes that file again.
 void checkfiles() {
   const RunFiles& files = run.files;
-  std::vector<std::string> taken{files.mdmfile, files.cmdfile, files.outfile, files.startvals, newcommandfile};
-  if (run.out.printvc != 0) taken.insert(taken.end(), {taufile, gammafile, robustgammafile});
+  std::vector<std::string> inputs{files.mdmfile};
+  if (!leadtoone(files.cmdfile, newcommandfile)) inputs.push_back(files.cmdfile);
+  std::vector<std::string> outputs{newcommandfile, files.startvals};
+  if (!reportisstdout()) outputs.push_back(files.outfile);
+  if (run.series.mimode || run.series.pvmode) {
+    outputs.push_back(averagedreportname());
+    outputs.emplace_back(storename);
+  }
+  if (run.out.printvc != 0) outputs.insert(outputs.end(), {taufile, gammafile, robustgammafile});
   if (run.out.printvc != 0 && !run.kind.linear())
-    taken.insert(taken.end(), {unitspecificgammafile, populationgammafile, robustpopulationgammafile, laplacetaufile,
-                               laplacegammafile, quadraturetaufile, quadraturegammafile});
-  if (run.iter.hetit != 0) taken.push_back(heterogeneousfile);
-  std::vector<std::string> results;
-  if (run.out.resfil1) results.push_back(files.resfil1name);
-  if (run.out.resfil2) results.push_back(files.resfil2name);
-  if (run.out.resfil3) results.push_back(files.resfil3name);
-  if (run.out.graph) results.push_back(files.graphgammas);
-  refuseclashes(taken, results);
+    outputs.insert(outputs.end(), {unitspecificgammafile, populationgammafile, robustpopulationgammafile,
+                                   laplacetaufile, laplacegammafile, quadraturetaufile, quadraturegammafile});
+  if (run.iter.hetit != 0) outputs.emplace_back(heterogeneousfile);
+  if (run.out.resfil1) outputs.push_back(files.resfil1name);
+  if (run.out.resfil2) outputs.push_back(files.resfil2name);
+  if (run.out.resfil3) outputs.push_back(files.resfil3name);
+  if (run.out.graph) outputs.push_back(files.graphgammas);
+  refuseclashes(inputs, outputs);
 }
 
 void readmodel() {
@@ -142,7 +151,6 @@ void readmodel() {
   choosekind();
   outputquestions();
   compactlists();
-  checkfiles();
   markdeletion();
   run.kind.weighted = run.out.wgtvar1 != 0 || run.out.wgtvar2 != 0 || run.out.wgtvar3 != 0;
   checkengines();
@@ -153,11 +161,9 @@ void readmodel() {
 }
 
 void openresults() {
-  if (samefile(newcommandfile, run.files.mdmfile) || run.files.outfile == newcommandfile)
-    stopwith("The name %s is that of the command file which every run leaves. Please choose another one.\n",
-             newcommandfile);
+  checkscratch();
   buildsummary();
-  openreport();
+  openreport(checkfiles);
   setsymbols();
   makerowlabels();
   writeheader();
@@ -199,8 +205,8 @@ bool nextplausiblevalue() {
     use[next] = 1;
   }
   use[old] = 0;
-  writecommandfile(run.files.tempname1.c_str());
-  run.files.cmdfile = run.files.tempname1;
+  run.files.nextcommands = scratchopen();
+  writenextcommands(run.files.nextcommands);
   return true;
 }
 
@@ -209,6 +215,7 @@ bool nextplausiblevalue() {
 void runjob(int argc, char** argv) {
   holdstandardstreams();
   outofmemory = [] { fail(3); };
+  std::set_new_handler(outofmemory);
   stophooks.closescratch = scratchcloseall;
   stophooks.closeseries = closeseries;
   installhandlers();

@@ -1,37 +1,52 @@
 #include "data/buildlog.h"
 
 #include <cstdarg>
+#include <utility>
 
-#include "data/scratch.h"
+#include "data/resultfile.h"
+#include "driver/failures.h"
 
 namespace kdr {
 
 namespace {
 
-std::FILE* stream = nullptr;
+ResultFile log;
 int extras = 0;
+
+// A construction that stops leaves its log, which tells why and ends by saying so, but none that was cut by a full disk
+// or want of memory.
+void keeplog(int code) {
+  if (log.stream == nullptr) return;
+  if (code != 3 && code != 5 && code != 6) {
+    std::fprintf(log.stream, "The construction stopped here. No MDM file was made.\n");
+    tryfinish(log);
+  } else {
+    std::fclose(std::exchange(log.stream, nullptr));
+  }
+}
 
 }  // namespace
 
 void openlog() {
-  if (stream != nullptr) std::fclose(stream);
-  stream = openfile(logname, "w");
+  if (log.stream != nullptr) std::fclose(std::exchange(log.stream, nullptr));
+  opentext(log, logname);
+  stophooks.closelog = keeplog;
   extras = 0;
 }
 
-std::FILE* logstream() { return stream; }
+std::FILE* logstream() { return log.stream; }
 
 void logextra(const char* format, ...) {
   countextra();
-  if (stream == nullptr) return;
+  if (log.stream == nullptr) return;
   std::va_list arguments;
   va_start(arguments, format);
-  std::vfprintf(stream, format, arguments);
+  std::vfprintf(log.stream, format, arguments);
   va_end(arguments);
 }
 
 void logboth(const char* format, ...) {
-  for (std::FILE* target : {stdout, stream}) {
+  for (std::FILE* target : {stdout, log.stream}) {
     if (target == nullptr) continue;
     std::va_list arguments;
     va_start(arguments, format);
@@ -44,9 +59,7 @@ void countextra() { ++extras; }
 int extramessages() { return extras; }
 
 void closelog() {
-  std::FILE* log = stream;
-  stream = nullptr;
-  if (log != nullptr) closechk(log);
+  if (log.stream != nullptr) finishresult(log);
 }
 
 }  // namespace kdr

@@ -9,6 +9,7 @@
 
 #include "data/buildlog.h"
 #include "data/description.h"
+#include "data/fileclashes.h"
 #include "data/levelsource.h"
 #include "data/readers/ascii.h"
 #include "data/resultfile.h"
@@ -487,7 +488,9 @@ void openmdm(Construction& build) {
     if (samefile(source.filename, path))
       stopwith("The MDM file %s must not be one of the raw data files!\n", path.c_str());
   if (samefile(raw.templatename, path)) stopwith("The MDM file %s must not be the template!\n", path.c_str());
-  if (path == logname) stopwith("The MDM file must not bear the name of the log, %s!\n", logname);
+  if (leadtoone(path, logname)) stopwith("The MDM file must not bear the name of the log, %s!\n", logname);
+  if (leadtoone(path, templatecopy))
+    stopwith("The MDM file must not bear the name of the template's copy, %s!\n", templatecopy);
   openresult(build.mdm, path);
   run.mdm.stream = build.mdm.stream;
   std::setvbuf(build.mdm.stream, mdmpiece, _IOFBF, piecesize);
@@ -590,6 +593,7 @@ void logplaces(const Construction& build) {
   if (run.mdm.nvar1 > 0) logplaces(build);
   std::printf("%s", run.mdm.nvar1 == 0 ? "You have selected no level-1 variable, so that no level-1 record counts!\n"
                                        : "No level-2 unit is left for the analysis. KDR3MDM.STS tells more.\n");
+  closelog();
   stoprun(100);
 }
 
@@ -610,6 +614,7 @@ void mkmdm() {
   MdmData& mdm = run.mdm;
   Construction build;
   deletedrows = DeletedRows{};
+  checkscratch();
   sparerawfiles();
   takedimensions();
   openmdm(build);

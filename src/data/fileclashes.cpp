@@ -1,7 +1,10 @@
 #include "data/fileclashes.h"
 
+#include <sys/stat.h>
+
 #include <filesystem>
 #include <set>
+#include <string>
 #include <system_error>
 
 #include "driver/failures.h"
@@ -10,24 +13,34 @@ namespace kdr {
 
 namespace {
 
-std::filesystem::path canonical(const std::string& path) {
+// Device and number of a file that exists, the resolved path of one that does not.
+std::string place(const std::string& path) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) == 0) return std::to_string(status.st_dev) + " " + std::to_string(status.st_ino);
   std::error_code problem;
-  std::filesystem::path whole = std::filesystem::weakly_canonical(path, problem);
-  return problem ? std::filesystem::path(path) : std::filesystem::absolute(whole, problem);
+  const std::filesystem::path whole = std::filesystem::weakly_canonical(path, problem);
+  return problem ? path : std::filesystem::absolute(whole, problem).string();
+}
+
+bool isdevice(const std::string& path) {
+  struct stat status {};
+  return stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
 }
 
 }  // namespace
 
-void refuseclashes(const std::vector<std::string>& taken, const std::vector<std::string>& results) {
-  std::set<std::filesystem::path> places;
-  for (const std::string& path : taken)
-    if (!path.empty()) places.insert(canonical(path));
-  for (const std::string& path : results) {
-    std::error_code problem;
-    const bool device = std::filesystem::exists(path, problem) && !std::filesystem::is_regular_file(path, problem);
-    if (!device && !places.insert(canonical(path)).second)
+void refuseclashes(const std::vector<std::string>& inputs, const std::vector<std::string>& outputs) {
+  std::set<std::string> read, written;
+  for (const std::string& path : inputs)
+    if (!path.empty()) read.insert(place(path));
+  for (const std::string& path : outputs) {
+    if (path.empty() || isdevice(path)) continue;
+    if (read.contains(place(path))) stopwith("The output file %s is an input file of this run\n", path.c_str());
+    if (!written.insert(place(path)).second)
       stopwith("The result file %s has the name of another file of this run\n", path.c_str());
   }
 }
+
+bool leadtoone(const std::string& one, const std::string& other) { return place(one) == place(other); }
 
 }  // namespace kdr

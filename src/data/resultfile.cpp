@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "data/scratch.h"
 #include "driver/failures.h"
@@ -19,6 +21,7 @@ namespace {
 
 constexpr std::size_t buffersize = std::size_t{1} << 20;
 constexpr int mosttemporaries = 1000;
+constexpr std::size_t maxsuffix = 10;  // ".part999"
 
 // The file behind a path that may be a symbolic link; the path itself when there is none.
 std::string behindlinks(const std::string& path) {
@@ -52,18 +55,42 @@ std::FILE* opentemporary(ResultFile& file) {
   return nullptr;
 }
 
-}  // namespace
-
-void openresult(ResultFile& file, const std::string& path) {
+void openstream(ResultFile& file, const std::string& path) {
   file.target = behindlinks(path);
   file.temporary.clear();
   file.used = 0;
-  if (file.buffer.empty()) file.buffer.reset(buffersize);
   const bool special = isspecial(file.target);
+  // Room for the name before there is a file, so that no want of memory leaves one that nobody knows.
+  std::string name;
+  name.reserve(file.target.size() + maxsuffix);
+  std::vector<std::string>& unfinished = run.files.unfinished;
+  if (unfinished.size() == unfinished.capacity()) unfinished.reserve(2 * unfinished.size() + 1);
   file.stream = special ? nullptr : opentemporary(file);
   // A device, or a folder that takes no new file: the target as it stands, or the message that it cannot be had.
   if (file.stream == nullptr) file.stream = openfile(path, "wb");
-  if (!special) run.files.unfinished.push_back(file.temporary.empty() ? file.target : file.temporary);
+  if (special) return;
+  name = file.temporary.empty() ? file.target : file.temporary;
+  unfinished.push_back(std::move(name));
+}
+
+}  // namespace
+
+void opentext(ResultFile& file, const std::string& path, bool append) {
+  std::string before;
+  struct stat status {};
+  if (append && stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode)) {
+    std::FILE* old = openfile(path, "rb");
+    for (int c = 0; (c = std::fgetc(old)) != EOF;) before.push_back(static_cast<char>(c));
+    checkread(old, path);
+    std::fclose(old);
+  }
+  openstream(file, path);
+  writechk(before.data(), before.size(), file.stream);
+}
+
+void openresult(ResultFile& file, const std::string& path) {
+  if (file.buffer.empty()) file.buffer.reset(buffersize);
+  openstream(file, path);
   std::setvbuf(file.stream, nullptr, _IONBF, 0);
 }
 
@@ -86,14 +113,20 @@ void writeresult(ResultFile& file, const void* bytes, std::size_t count) {
 
 void writeresult(ResultFile& file, std::string_view text) { writeresult(file, text.data(), text.size()); }
 
-void finishresult(ResultFile& file) {
-  flushresult(file);
+bool tryfinish(ResultFile& file) {
   const bool unwritten = std::ferror(file.stream) != 0;
   const bool unclosed = std::fclose(file.stream) != 0;
   file.stream = nullptr;
   const bool inplace = file.temporary.empty();
-  if (unwritten || unclosed || (!inplace && std::rename(file.temporary.c_str(), file.target.c_str()) != 0)) fail(5);
+  if (unwritten || unclosed || (!inplace && std::rename(file.temporary.c_str(), file.target.c_str()) != 0))
+    return false;
   std::erase(run.files.unfinished, inplace ? file.target : file.temporary);
+  return true;
+}
+
+void finishresult(ResultFile& file) {
+  flushresult(file);
+  if (!tryfinish(file)) fail(5);
 }
 
 }  // namespace kdr

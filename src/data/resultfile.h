@@ -26,6 +26,8 @@ struct ResultFile {
 // Opens the file for writing. Stops with code 100 and the words of openfile when that cannot be done, with failure 5 on
 // a full disk.
 void openresult(ResultFile& file, const std::string& path);
+// The same for small texts, written by fprintf to file.stream. With `append` it begins with what the target holds.
+void opentext(ResultFile& file, const std::string& path, bool append = false);
 // Appends bytes. Failure 5, which removes the file.
 void writeresult(ResultFile& file, const void* bytes, std::size_t count);
 void writeresult(ResultFile& file, std::string_view text);
@@ -45,5 +47,7 @@ void flushresult(ResultFile& file);
 inline void wrote(ResultFile& file, std::size_t count) { file.used += count; }
 // Writes what is left and gives the file its name. Failure 5, which removes it.
 void finishresult(ResultFile& file);
+// The same for the stop sequence: false, and the file is not there, when it could not be written.
+bool tryfinish(ResultFile& file);
 
 }  // namespace kdr

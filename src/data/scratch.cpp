@@ -1,5 +1,6 @@
 #include "data/scratch.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -15,6 +16,21 @@ namespace kdr {
 namespace {
 
 ScratchFile table[maxscratch];
+
+// A new file in the user's temporary directory that nobody else can open: one that never had a name where the system
+// has such files, otherwise one that was new under its name and lost it at once. -1 when there can be none.
+int openunnamed() {
+  const char* directory = std::getenv("TMPDIR");
+  std::string path = directory != nullptr && *directory != '\0' ? directory : "/tmp";
+#ifdef O_TMPFILE
+  if (const int handle = open(path.c_str(), O_TMPFILE | O_RDWR | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR); handle >= 0)
+    return handle;
+#endif
+  path += "/kdr3XXXXXX";
+  const int handle = mkstemp(path.data());
+  if (handle >= 0) unlink(path.c_str());
+  return handle;
+}
 
 [[noreturn]] void notempfile() {
   std::perror("tmpfile");
@@ -32,16 +48,17 @@ ScratchFile scratchopen() {
     }
   if (slot == nullptr) stopwith("Cannot open any more scratch files!\n");
 
-  const char* directory = std::getenv("TMPDIR");
-  std::string path = directory != nullptr && *directory != '\0' ? directory : "/tmp";
-  path += "/kdr3XXXXXX";
-  const int handle = mkstemp(path.data());
+  const int handle = openunnamed();
   if (handle < 0) notempfile();
-  unlink(path.c_str());
   *slot = fdopen(handle, "w+b");
-  if (*slot == nullptr) notempfile();
+  if (*slot == nullptr) {
+    close(handle);
+    notempfile();
+  }
   return *slot;
 }
+
+void checkscratch() { scratchclose(scratchopen()); }
 
 void scratchclose(ScratchFile file) {
   for (ScratchFile& entry : table)

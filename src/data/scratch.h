@@ -15,6 +15,8 @@ inline constexpr int maxscratch = 50;
 // Opens a new temporary file, positioned at 0. The file loses its name as soon as it is open, so that no end of the
 // process, however sudden, leaves it behind. Stops the run when the table is full, or with failure 6.
 [[nodiscard]] ScratchFile scratchopen();
+// Failure 6 when there can be no temporary file, before anything is written that would be lost by it.
+void checkscratch();
 // Closes one scratch file and frees its place in the table. A null handle is ignored.
 void scratchclose(ScratchFile file);
 // Closes every scratch file. The stop sequence calls it.

@@ -372,7 +372,7 @@ void writetemplate(bool samemissing) {
       stopwith("The raw data file %s bears the name of the template's copy. Please rename it.\n",
                source.filename.c_str());
   ResultFile file;
-  openresult(file, templatecopy);
+  opentext(file, templatecopy);
   std::FILE* out = file.stream;
   std::fprintf(out, "%s\n", templatehead);
   std::fprintf(out, "mdmtype:%d\n", mdm.mdmtype);

@@ -187,11 +187,17 @@ void seekunit(UnitReader& reader, long long position) {
   reader.at = reader.have = 0;
 }
 
-std::FILE* openworking(const std::string& path) {
-  constexpr std::size_t bytes = std::size_t{256} << 10;
-  std::FILE* stream = openfile(path, "wb");
+std::FILE* startworking() {
+  constexpr std::size_t bytes = std::size_t{256} << 10;  // keeps the number of writes low
+  std::FILE* stream = scratchopen();
   std::setvbuf(stream, nullptr, _IOFBF, bytes);
   return stream;
+}
+
+void finishworking(std::FILE* stream) {
+  if (std::fflush(stream) != 0 || std::ferror(stream) != 0) fail(5);
+  scratchclose(run.files.working);
+  run.files.working = stream;
 }
 
 void writeunit(std::FILE* stream, const UnitBlock& block, int nvar1, int nvar2, bool withmeans) {

@@ -53,8 +53,10 @@ void startunits(UnitReader& reader, std::FILE* stream, long long offset, int nva
 [[nodiscard]] long long unitposition(const UnitReader& reader);
 void seekunit(UnitReader& reader, long long position);
 
-// Opens a working copy for writing, with a buffer that keeps the number of writes low. As openfile.
-[[nodiscard]] std::FILE* openworking(const std::string& path);
+// The working data file of a run is a scratch file. startworking opens the next one for writing; finishworking makes it
+// the working data file in the place of the one before. All its readers go by positions of their own. Failures 5 and 6.
+[[nodiscard]] std::FILE* startworking();
+void finishworking(std::FILE* stream);
 // Writes one block. Failure 5.
 void writeunit(std::FILE* stream, const UnitBlock& block, int nvar1, int nvar2, bool withmeans);
 

@@ -8,7 +8,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <iterator>
+#include <mutex>
 #include <tuple>
+#include <utility>
 
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
@@ -99,7 +102,9 @@ void printfailure(const Failure& failure, const char* text) {
 }
 #pragma GCC diagnostic pop
 
-bool stopping = false;
+// Threads of an engine may fail at once: the first one ends the process, the others wait for the end.
+std::recursive_mutex stopper;
+std::size_t nextstep = 0;
 
 void waitabit() {
   if (run.id.waitseconds < 0) return;
@@ -124,29 +129,48 @@ void discard(const std::string& path) {
   if (std::remove(path.c_str()) != 0) std::ignore = truncate(path.c_str(), 0);
 }
 
+using Step = void (*)(int code);
+constexpr Step steps[] = {
+    [](int code) {
+      if (code != 0) closefailedreport();
+    },
+    [](int) {
+      std::FILE* report = std::exchange(run.report.stream, nullptr);
+      if (report != nullptr && !reportisstdout()) std::fclose(report);
+    },
+    [](int code) {
+      if (run.series.mimode && stophooks.closeseries != nullptr) stophooks.closeseries(code);
+    },
+    [](int) {
+      if (stophooks.closescratch != nullptr) stophooks.closescratch();
+    },
+    [](int code) {
+      if (stophooks.closelog != nullptr) stophooks.closelog(code);
+    },
+    [](int) {
+      for (const std::string& name : run.files.unfinished) discard(name);
+      run.files.unfinished.clear();
+    },
+    [](int) {
+      if (endprocess == nullptr) waitabit();
+    },
+};
+
 }  // namespace
 
 void stoprun(int code) {
-  // A failure inside the stop sequence does not start it again: it goes on to the process's end.
-  if (!stopping) {
-    stopping = true;
-    if (code != 0) closefailedreport();
-    if (run.report.stream != nullptr && !reportisstdout()) std::fclose(run.report.stream);
-    run.report.stream = nullptr;
-    if (run.series.mimode && stophooks.closeseries != nullptr) stophooks.closeseries(code);
-    if (stophooks.closescratch != nullptr) stophooks.closescratch();
-    for (const std::string* name : {&run.files.tempname1, &run.files.tempname2, &run.files.tempname3})
-      if (!name->empty()) std::remove(name->c_str());
-    for (const std::string& name : run.files.unfinished) discard(name);
-    run.files.unfinished.clear();
-    if (endprocess == nullptr) waitabit();
-  }
+  stopper.lock();
+  // A failure inside the stop sequence does not start it again: it goes on with the step behind.
+  while (nextstep < std::size(steps)) steps[nextstep++](code);
+  const bool told = std::ferror(stdout) == 0 && std::fflush(stdout) == 0;
   std::fflush(nullptr);
   if (endprocess != nullptr) {
-    stopping = false;
+    nextstep = 0;
+    stopper.unlock();
     endprocess(code);
   }
-  std::_Exit(code);
+  // What standard output did not take is lost: the run did not do all that it was asked.
+  std::_Exit(code == 0 && !told ? 5 : code);
 }
 
 void fail(int code, const char* text) {
@@ -221,6 +245,10 @@ void installhandlers() {
   struct sigaction action {};
   action.sa_handler = onsignal;  // no SA_RESTART: a question that waits for its answer returns at once
   sigemptyset(&action.sa_mask);
+  // A write to a pipe that nobody reads any more ends the run quietly; one beyond the size that a file may have fails
+  // as on a full disk.
+  sigaction(SIGPIPE, &action, nullptr);
+  std::signal(SIGXFSZ, SIG_IGN);
   for (const int signal : {SIGINT, SIGQUIT, SIGTERM, SIGHUP}) sigaction(signal, &action, nullptr);
   struct sigaction trap {};
   trap.sa_sigaction = onfloatingpoint;
@@ -236,6 +264,8 @@ void checksignals() {
   switch (pendingsignal) {
     case SIGINT:
       fail(100, "Program interrupted by Ctrl-C");
+    case SIGPIPE:
+      stoprun(5);
     case SIGQUIT:
       fail(100, "Program interrupted by Ctrl-Break");
     default:

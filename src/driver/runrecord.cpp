@@ -1,9 +1,5 @@
 #include "driver/runrecord.h"
 
-#include <unistd.h>
-
-#include <cstdlib>
-
 namespace kdr {
 
 Array<double> Estimates::covariance() const {
@@ -14,28 +10,9 @@ Array<double> Estimates::covariance() const {
 
 RunRecord run;
 
-namespace {
-
-// A path in the user's temporary directory that no file has now.
-std::string temporaryname() {
-  const char* directory = std::getenv("TMPDIR");
-  std::string path = directory != nullptr && *directory != '\0' ? directory : "/tmp";
-  path += "/kdr3XXXXXX";
-  const int handle = mkstemp(path.data());
-  if (handle < 0) return {};
-  close(handle);
-  unlink(path.c_str());
-  return path;
-}
-
-}  // namespace
-
 void startrun() {
   const std::time_t now = std::time(nullptr);
   localtime_r(&now, &run.id.started);
-  run.files.tempname1 = temporaryname();
-  run.files.tempname2 = temporaryname();
-  run.files.tempname3 = temporaryname();
 }
 
 void allocatemodel() {

@@ -52,9 +52,8 @@ struct RunFiles {
   std::string startvals;    // starting-value file
   std::string graphgammas;  // graph data file
   std::string resfil1name, resfil2name, resfil3name;
-  std::string tempname1;                // command file of the next plausible-value pass
-  std::string tempname2;                // working data file
-  std::string tempname3;                // target of a rewrite of the working data file
+  std::FILE* nextcommands = nullptr;    // command file of the next plausible-value pass, without a name
+  std::FILE* working = nullptr;         // working data file, without a name
   std::vector<std::string> unfinished;  // result files that are not complete; a stop removes them
 };
 

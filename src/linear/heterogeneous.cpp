@@ -4,7 +4,7 @@
 #include <cstdio>
 
 #include "data/mdm.h"
-#include "data/scratch.h"
+#include "data/resultfile.h"
 #include "driver/failures.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
@@ -60,16 +60,17 @@ void heterogeneousresults(Pass& pass, IterationState& state) {
   Array<double>& T = run.est.taupi;
   Array<double> mean(T.size());
   T.fill(0.0);
-  std::FILE* file = openfile(heterogeneousfile, "w");
+  ResultFile file;
+  opentext(file, heterogeneousfile);
   for (int k = 0; k < run.mdm.nunits3; ++k) {
     const double* Tk = state.hettaupi.row(k);
-    writeunittaupi(file, k, Tk, p);
+    writeunittaupi(file.stream, k, Tk, p);
     for (std::size_t i = 0; i < T.size(); ++i) {
       mean[i] += Tk[i] / run.mdm.nunits3;
       T[i] += pass.n2of[k] * Tk[i] / run.mdm.nunits2;
     }
   }
-  closechk(file);
+  finishresult(file);
   tautable(Tau::pi, MatrixTitle::average, false, p, mean.data());
   tautable(Tau::pi, MatrixTitle::weightedaverage, false, p, T.data());
   fixedeffectstables(results);

@@ -36,11 +36,11 @@ PassPlan linearplan() {
 PassResults linearpass(Pass& pass) {
   RecordUnits units;
   startrecords(units, mdmlayout(true), run.mdm.stream, run.mdm.firstblock);
-  if (run.out.resfil1 || run.out.graph) units.working = openworking(run.files.tempname2);
+  if (run.out.resfil1 || run.out.graph) units.working = startworking();
   PassInput input;
   input.next = [&units](UnitProducts& unit) {
     if (nextunit(units, unit)) return true;
-    if (units.working != nullptr) closechk(units.working);
+    if (units.working != nullptr) finishworking(units.working);
     return false;
   };
   input.withid = run.out.resfil1 || run.out.resfil2 || run.out.graph;

@@ -155,9 +155,8 @@ void writeunitfiles(Pass& pass) {
 
 void eachfittedunit(Pass& pass, const RecordLayout& layout,
                     const std::function<void(int, const UnitBlock&, const double*)>& use) {
-  std::FILE* stream = openfile(run.files.tempname2, "rb");
   UnitReader reader;
-  startunits(reader, stream, 0, layout.width, run.mdm.nvar2, false);
+  startunits(reader, run.files.working, 0, layout.width, run.mdm.nvar2, false);
   UnitBlock block;
   UnitResults results = makeunitresults(pass);
   Array<double> fitted(at(run.mdm.maxnj));
@@ -178,7 +177,6 @@ void eachfittedunit(Pass& pass, const RecordLayout& layout,
         use(k, block, fitted.data());
       },
       [](int) {}, reading(pass.store.hot), reading(pass.store.cold));
-  std::fclose(stream);
 }
 
 bool wantresidualfiles() { return run.out.resfil1 || run.out.resfil2 || run.out.resfil3; }

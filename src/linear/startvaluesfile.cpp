@@ -7,6 +7,7 @@
 #include <cstring>
 #include <string>
 
+#include "data/resultfile.h"
 #include "data/scratch.h"
 #include "driver/constants.h"
 #include "driver/failures.h"
@@ -87,7 +88,9 @@ void readstartvalues() {
 }
 
 void writestartvalues() {
-  std::FILE* file = openfile(run.files.startvals, "w");
+  ResultFile result;
+  opentext(result, run.files.startvals);
+  std::FILE* file = result.stream;
   std::fprintf(file, "#SIGMA2\n%s\n", filecell(run.est.sigma2, 12, 5).c_str());
   std::fprintf(file, "#TAUPI\n");
   writetriangle(file, run.est.taupi, run.coef.ntaupi);
@@ -95,7 +98,7 @@ void writestartvalues() {
   writetriangle(file, run.est.taubeta, run.coef.ntaubeta);
   std::fprintf(file, "#GAMMA\n");
   for (int i = 0; i < run.coef.ngamma; ++i) std::fprintf(file, "%s\n", filecell(run.est.gammahat[i], 13, 6).c_str());
-  closechk(file);
+  finishresult(result);
 }
 
 }  // namespace kdr

@@ -3,7 +3,7 @@
 #include <cmath>
 #include <cstdio>
 
-#include "data/scratch.h"
+#include "data/resultfile.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
 #include "linear/filecell.h"
@@ -14,7 +14,8 @@ namespace {
 
 constexpr int perline = 60;
 
-std::FILE* openvariancefile(const char* path) { return openfile(path, run.out.printvc == 2 ? "a+" : "w"); }
+// One file for all sub-runs of a series holds a block of each.
+void openvariancefile(ResultFile& file, const char* path) { opentext(file, path, run.out.printvc == 2); }
 
 // A row of cells, a new line after each 60 and at the end.
 enum class Cell { fixed, exponent };
@@ -33,7 +34,9 @@ void writerow(std::FILE* file, const double* values, int n, Cell cell) {
 }  // namespace
 
 void writegammafile(const char* path, const Array<double>& gamma, const Array<double>& covariance) {
-  std::FILE* file = openvariancefile(path);
+  ResultFile result;
+  openvariancefile(result, path);
+  std::FILE* file = result.stream;
   const int g = static_cast<int>(gamma.size());
   writerow(file, gamma.data(), g, Cell::fixed);
   Array<double> unknown(covariance.empty() ? gamma.size() : 0);
@@ -42,18 +45,20 @@ void writegammafile(const char* path, const Array<double>& gamma, const Array<do
     const double* row = covariance.empty() ? unknown.data() : covariance.data() + static_cast<std::ptrdiff_t>(i) * g;
     writerow(file, row, g, Cell::exponent);
   }
-  closechk(file);
+  finishresult(result);
 }
 
 void writetaufile(const char* path, const Estimates& est, const TauErrors& errors, bool withsigma2) {
-  std::FILE* file = openvariancefile(path);
+  ResultFile result;
+  openvariancefile(result, path);
+  std::FILE* file = result.stream;
   const int p = run.coef.ntaupi, b = run.coef.ntaubeta;
   for (int i = 0; i < p; ++i) writerow(file, est.taupi.data() + i * p, p, Cell::fixed);
   for (int i = 0; i < b; ++i) writerow(file, est.taubeta.data() + i * b, b, Cell::fixed);
   for (int i = 0; i < errors.order; ++i)
     writerow(file, errors.covariance.data() + static_cast<std::ptrdiff_t>(i) * errors.order, errors.order, Cell::fixed);
   if (withsigma2) std::fprintf(file, "%s\n", filecell(est.sigma2, 15, 7).c_str());
-  closechk(file);
+  finishresult(result);
 }
 
 void listvariancefiles() {

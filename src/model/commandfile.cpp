@@ -104,15 +104,20 @@ void endoffile(const CommandReader& reader) {
 void readcommandfile() {
   resetkeywords();
   CommandReader reader;
-  if (run.files.cmdfile.empty()) {
+  const bool nextpass = run.files.nextcommands != nullptr;
+  if (run.files.cmdfile.empty() && !nextpass) {
     endoffile(reader);
     return;
   }
-  reader.lines.stream.reset(openfile(run.files.cmdfile, "rb"));
+  reader.lines.stream.reset(nextpass ? run.files.nextcommands : openfile(run.files.cmdfile, "rb"));
   while (nextline(reader.lines)) {
     const std::string& line = reader.lines.line;
     if (line.empty() || line[0] == ' ' || line[0] == '#') continue;
     readkeyword(reader);
+  }
+  if (nextpass) {
+    scratchclose(reader.lines.stream.release());
+    run.files.nextcommands = nullptr;
   }
   reader.lines.stream.reset();
   endoffile(reader);

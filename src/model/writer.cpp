@@ -5,7 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "data/scratch.h"
+#include "data/resultfile.h"
+#include "driver/failures.h"
 #include "driver/runrecord.h"
 #include "model/modelwalk.h"
 #include "model/text.h"
@@ -131,14 +132,8 @@ void writeset(std::FILE* out, int e, const std::string& outcome) {
   }
 }
 
-// The file from which this process reads the next plausible value's model.
-bool isnextpass(const std::string& path) {
-  const std::string& next = run.files.tempname1;
-  return !next.empty() && beginswith(path, next);
-}
-
-void writeequations(std::FILE* out, const std::string& path) {
-  const std::string outcome = isnextpass(path) ? nameof(run.mdm.names1, run.kind.outvar) : leftname(run.kind.outname);
+void writeequations(std::FILE* out, bool nextpass) {
+  const std::string outcome = nextpass ? nameof(run.mdm.names1, run.kind.outvar) : leftname(run.kind.outname);
   const int sets = run.kind.mnrun && !run.kind.ordinal ? run.kind.ncat - 1 : 1;
   for (int e = 0; e < sets; ++e) writeset(out, e, outcome);
 }
@@ -293,10 +288,7 @@ void writeoutput(std::FILE* out) {
   if (!files.startvals.empty()) std::fprintf(out, "STARTVALS:%s\n", files.startvals.c_str());
 }
 
-}  // namespace
-
-void writecommandfile(const std::string& path) {
-  std::FILE* out = openfile(path, "w+");
+void writecommands(std::FILE* out, bool nextpass) {
   std::fprintf(out, "#This command file was run with %s\n", run.files.sourcename.c_str());
   if (linearrun()) {
     writelineariterations(out);
@@ -305,8 +297,8 @@ void writecommandfile(const std::string& path) {
   }
   if (run.iter.agqderivlevel != 2) std::fprintf(out, "AGQDERIVLEVEL:%d\n", run.iter.agqderivlevel);
   if (run.iter.popavit > 1) std::fprintf(out, "POPAVIT:%d\n", run.iter.popavit);
-  if (run.iter.hetit != 0 && isnextpass(path)) std::fprintf(out, "HETIT:%d\n", run.iter.hetit);
-  writeequations(out, path);
+  if (run.iter.hetit != 0 && nextpass) std::fprintf(out, "HETIT:%d\n", run.iter.hetit);
+  writeequations(out, nextpass);
   writeweights(out);
   writedeletion(out);
   writeresiduals(out);
@@ -319,7 +311,21 @@ void writecommandfile(const std::string& path) {
   writecontrol(out);
   writeconstraints(out);
   writeoutput(out);
-  closechk(out);
+}
+
+}  // namespace
+
+void writecommandfile(const std::string& path) {
+  ResultFile file;
+  opentext(file, path);
+  writecommands(file.stream, false);
+  finishresult(file);
+}
+
+void writenextcommands(std::FILE* out) {
+  writecommands(out, true);
+  if (std::fflush(out) != 0 || std::ferror(out) != 0) fail(5);
+  std::rewind(out);
 }
 
 }  // namespace kdr

@@ -60,7 +60,7 @@ void preparecategoricaldata(const CategoryTable& table, MacroState& state) {
 
   RecordUnits units;
   startrecords(units, mdmlayout(true), run.mdm.stream, run.mdm.firstblock);
-  std::FILE* out = openworking(run.files.tempname2);
+  std::FILE* out = startworking();
   UnitBlock stacked;
   while (nextblock(units)) {
     checksignals();
@@ -94,7 +94,7 @@ void preparecategoricaldata(const CategoryTable& table, MacroState& state) {
     std::copy(unit.level2.begin(), unit.level2.end(), stacked.level2.begin());
     writeunit(out, stacked, to.width, run.mdm.nvar2, false);
   }
-  closechk(out);
+  finishworking(out);
 }
 
 void updatecategoricaldata(Pass& pass, MacroState& state) {
@@ -106,10 +106,9 @@ void updatecategoricaldata(Pass& pass, MacroState& state) {
   const Design& design = pass.design;
   Array<double> weights(design.owner3.size()), theta(at(pass.nbeta)), thetastar(at(pass.nbeta)), beta(at(pass.npi));
   Array<double> x(at(pass.npi));
-  std::FILE* in = openfile(run.files.tempname2, "rb");
-  std::FILE* out = openworking(run.files.tempname3);
+  std::FILE* out = startworking();
   UnitReader reader;
-  startunits(reader, in, 0, layout.width, run.mdm.nvar2, false);
+  startunits(reader, run.files.working, 0, layout.width, run.mdm.nvar2, false);
   UnitBlock unit;
   const auto updaterecord = [&](double* record) {
     double *z = record, *eta = record + M, *indicator = record + 2 * M, *p = record + 3 * M;
@@ -139,21 +138,18 @@ void updatecategoricaldata(Pass& pass, MacroState& state) {
         writeunit(out, unit, layout.width, run.mdm.nvar2, false);
       },
       [](int) {}, reading(pass.store.hot));
-  std::fclose(in);
-  closechk(out);
-  std::remove(run.files.tempname2.c_str());
-  if (std::rename(run.files.tempname3.c_str(), run.files.tempname2.c_str()) != 0) fail(5);
+  finishworking(out);
   state.previous = run.est.copy();
 }
 
-void startcategories(CategoryUnits& units, const RecordLayout& layout, std::FILE* stream) {
+void startcategories(CategoryUnits& units, const RecordLayout& layout) {
   units.layout = &layout;
   units.row = responserows();
   units.W.reset(square(layout.responses));
   units.Wz.reset(at(layout.responses));
   units.total.reset(at(layout.responses));
   units.x.reset(units.row.size());
-  startunits(units.reader, stream, 0, layout.width, run.mdm.nvar2, false);
+  startunits(units.reader, run.files.working, 0, layout.width, run.mdm.nvar2, false);
 }
 
 namespace {

@@ -32,7 +32,7 @@ struct CategoryUnits {
   std::vector<int> row;           // [npi] response of each column of D, -1: all of them
   Array<double> W, Wz, x, total;  // M squared, [M], [npi], [M]: W times a vector of ones
 };
-void startcategories(CategoryUnits& units, const RecordLayout& layout, std::FILE* stream);
+void startcategories(CategoryUnits& units, const RecordLayout& layout);
 [[nodiscard]] bool nextunit(CategoryUnits& units, UnitProducts& products);
 
 }  // namespace kdr

@@ -20,12 +20,10 @@ namespace kdr {
 namespace {
 
 PassResults categorypass(Pass& pass, MacroState& state) {
-  std::FILE* stream = openfile(run.files.tempname2, "rb");
   CategoryUnits units;
-  startcategories(units, state.layout, stream);
+  startcategories(units, state.layout);
   const PassInput input{[&](UnitProducts& unit) { return nextunit(units, unit); }, true, true, {}};
   PassResults results = runpass(pass, input, state.iterations);
-  std::fclose(stream);
   return results;
 }
 

@@ -49,13 +49,13 @@ PassPlan planof(const MacroState& state, PassKind kind) {
 PassResults identitypass(Pass& pass, MacroState& state) {
   RecordUnits units;
   startrecords(units, mdmlayout(true), run.mdm.stream, run.mdm.firstblock);
-  units.working = openworking(run.files.tempname2);
+  units.working = startworking();
   if (run.kind.nlcount) state.counts.reset(at(run.mdm.numl1rec));
   units.counts = run.kind.nlcount ? &state.counts : nullptr;
   double outcomes = 0.0, counts = 0.0;
   const PassInput input{[&](UnitProducts& unit) {
                           if (!nextunit(units, unit)) {
-                            closechk(units.working);
+                            finishworking(units.working);
                             return false;
                           }
                           for (std::size_t i = 0; i < at(unit.nj); ++i) {
@@ -71,14 +71,11 @@ PassResults identitypass(Pass& pass, MacroState& state) {
 }
 
 PassResults workingpass(Pass& pass, MacroState& state) {
-  std::FILE* stream = openfile(run.files.tempname2, "rb");
   RecordUnits units;
   RecordLayout layout = state.layout.copy();
-  startrecords(units, std::move(layout), stream, 0);
+  startrecords(units, std::move(layout), run.files.working, 0);
   const PassInput input{[&](UnitProducts& unit) { return nextunit(units, unit); }, true, true, {}};
-  PassResults results = runpass(pass, input, state.iterations);
-  std::fclose(stream);
-  return results;
+  return runpass(pass, input, state.iterations);
 }
 
 // From the scale of the outcome to that of the link: the taus of an identity pass over the square of the derivative.

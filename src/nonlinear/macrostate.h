@@ -13,7 +13,7 @@ struct MacroState {
   Estimates previous;  // at the end of the last working-data step
   double mean = 0.0;   // of the outcome, or its sum over that of the trials or exposure
 
-  RecordLayout layout;        // of the working data file, which lies at run.files.tempname2
+  RecordLayout layout;        // of the working data file, run.files.working
   Array<double> counts;       // trials or exposure of each record; empty when the model has none
   IterationState iterations;  // the failures of accelerated steps count for the whole run
 

@@ -1,6 +1,5 @@
 #include "nonlinear/recordbatches.h"
 
-#include "data/scratch.h"
 #include "driver/failures.h"
 #include "kernel/sizes.h"
 
@@ -12,7 +11,7 @@ constexpr std::size_t batchrecords = 20000;
 
 void rewindbatches(void* state) {
   RecordBatches& batches = *static_cast<RecordBatches*>(state);
-  startunits(batches.reader, batches.stream, 0, batches.state->layout.width, run.mdm.nvar2, false);
+  startunits(batches.reader, run.files.working, 0, batches.state->layout.width, run.mdm.nvar2, false);
   batches.k = 0;
   batches.units = batches.records = 0;
 }
@@ -68,7 +67,6 @@ void nextbatch(void* state, std::vector<Level3Records>& batch) {
 RecordSource recordbatches(RecordBatches& batches, const Pass& pass, const MacroState& state) {
   batches.pass = &pass;
   batches.state = &state;
-  batches.stream = openfile(run.files.tempname2, "rb");
   rewindbatches(&batches);
   return {&batches, rewindbatches, nextbatch};
 }

@@ -10,21 +10,13 @@ namespace kdr {
 struct RecordBatches {
   const Pass* pass = nullptr;
   const MacroState* state = nullptr;
-  std::FILE* stream = nullptr;
   UnitReader reader;
   UnitBlock unit;                      // buffer
   int k = 0;                           // the next level-3 unit
   std::size_t units = 0, records = 0;  // level-2 units and records before it
-
-  RecordBatches() = default;
-  RecordBatches(const RecordBatches&) = delete;
-  RecordBatches& operator=(const RecordBatches&) = delete;
-  ~RecordBatches() {
-    if (stream != nullptr) std::fclose(stream);
-  }
 };
 
-// Opens the file and makes a source of it.
+// Makes a source of the file.
 [[nodiscard]] RecordSource recordbatches(RecordBatches& batches, const Pass& pass, const MacroState& state);
 
 }  // namespace kdr

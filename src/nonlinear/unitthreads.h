@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -33,7 +34,10 @@ void overunits(const RecordSource& source, int threads, Each each, Done done) {
       for (std::size_t i = next++; i < batch.size(); i = next++) each(batch[i], worker);
     };
     std::vector<std::thread> others;
-    for (int worker = 1; worker < workers; ++worker) others.emplace_back(work, worker);
+    try {
+      for (int worker = 1; worker < workers; ++worker) others.emplace_back(work, worker);
+    } catch (const std::system_error&) {  // the system gives no more threads: those that there are do the work
+    }
     work(0);
     for (std::thread& other : others) other.join();
     done(batch);

@@ -149,10 +149,9 @@ Family familyof() { return run.kind.nonlin == 2 ? Family::poisson : Family::bino
 void prepareworkingdata(Pass& pass, MacroState& state, const WorkingStep& kind) {
   RecordLayout to = workinglayout();
   Step step = makestep(pass, state, kind, to);
-  std::FILE* in = openfile(run.files.tempname2, "rb");
-  std::FILE* out = openworking(run.files.tempname3);
+  std::FILE* out = startworking();
   UnitReader reader;
-  startunits(reader, in, 0, state.layout.width, run.mdm.nvar2, false);
+  startunits(reader, run.files.working, 0, state.layout.width, run.mdm.nvar2, false);
   UnitBlock unit, converted;
   sweepunits(
       pass.n2of,
@@ -170,10 +169,7 @@ void prepareworkingdata(Pass& pass, MacroState& state, const WorkingStep& kind) 
         writeunit(out, converted, to.width, run.mdm.nvar2, false);
       },
       [](int) {}, reading(pass.store.hot));
-  std::fclose(in);
-  closechk(out);
-  std::remove(run.files.tempname2.c_str());
-  if (std::rename(run.files.tempname3.c_str(), run.files.tempname2.c_str()) != 0) fail(5);
+  finishworking(out);
   state.layout = std::move(to);
   state.previous = run.est.copy();
 }

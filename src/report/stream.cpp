@@ -47,21 +47,22 @@ void refusetooverwrite(const std::string& input) {
 
 }  // namespace
 
-void openreport() {
+void openreport(void (*check)()) {
   RunFiles& files = run.files;
   const bool laterpass = run.series.pvmode && run.series.pvindex > 0 && !files.outbase.empty();
   if (files.outfile.empty() && !laterpass) readanswer("Enter name of output file: ", files.outfile);
+  const bool series = run.series.pvmode || run.series.mimode;
+  if (!reportisstdout() && series) numberreport();
+  const std::size_t dot = files.outfile.rfind('.');
+  run.report.html = dot != std::string::npos && beginswith(files.outfile.substr(dot), ".htm");
+  if (check != nullptr) check();
   if (reportisstdout()) {
     run.report.stream = stdout;
   } else {
-    const bool series = run.series.pvmode || run.series.mimode;
-    if (series) numberreport();
     refusetooverwrite(files.mdmfile);
     refusetooverwrite(files.cmdfile);
     run.report.stream = openfile(files.outfile, series ? "w+" : "w");
   }
-  const std::size_t dot = files.outfile.rfind('.');
-  run.report.html = dot != std::string::npos && beginswith(files.outfile.substr(dot), ".htm");
   reporthtml(
       "<html lang=en>\n<meta http-equiv=\"content-type\" content=\"text/html;charset=utf-8\" />\n"
       "<body bgcolor=\"FFFFFF\" fgcolor=\"000000\">\n");
@@ -72,8 +73,8 @@ void closereport() {
   if (!run.kind.linear()) cutreport();
   reporthtml("</body></html>\n");
   if (reportisstdout()) {
-    std::fflush(stdout);
     run.report.stream = nullptr;
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) fail(5);
   } else {
     closechk(std::exchange(run.report.stream, nullptr));
   }

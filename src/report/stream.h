@@ -19,8 +19,8 @@ inline constexpr const char* stylebottom =
 // Opens the report of this pass by run.files.outfile (asked for when empty; in a series a numbered name made from it,
 // left in outfile with its stem in outbase) and sets run.report.html by the extension. In HTML mode the page head is
 // written. A report that cannot be opened, or that would overwrite the run's own MDM file or command file, stops the
-// run with code 100.
-void openreport();
+// run with code 100. `check` is called when all names are known and nothing is open yet.
+void openreport(void (*check)() = nullptr);
 
 // Ends the report on a normal end of a pass: cuts what an earlier, longer iteration of a non-linear run left behind,
 // closes the page, closes the file. Nothing is written to standard output.

@@ -263,7 +263,7 @@ TEST(Construction, Stops) {
     const Made made = makefrom(c.job);
     EXPECT_EQ(made.build.code, c.code) << c.words;
     EXPECT_EQ(made.build.words, c.words);
-    EXPECT_EQ(made.log, c.logged ? c.words : "");
+    EXPECT_EQ(made.log, (c.logged ? c.words : "") + "The construction stopped here. No MDM file was made.\n");
     EXPECT_EQ(contents("made.mdm"), "an older file") << c.words;
   }
   const Made none = makefrom({{{3, 1, {1, 1}}}, {{3, 1, {1}}}, one});

@@ -441,12 +441,12 @@ def failures(program, work):
             c.equal('files on a full disk', listed(small), ['file'])
             c.equal('the earlier file', open(path).read(), 'an earlier file')
     own = {n: open('%s/%s' % (work, n), 'rb').read() for n in ('school.mdm', 'A.kdr')}
-    clash = 'has the name of another file of this run'
+    clash, taken = 'has the name of another file of this run', 'is an input file of this run'
     for setting, code, words in (
             ('RESFIL3NAME:/dev/full', 5, 'Unable to write'), ('GRAPHGAMMAS:/dev/full', 5, 'Unable to write'),
             ('RESFIL2NAME:nowhere/x.sav', 100, 'Unable to open nowhere/x.sav for writing'),
-            ('GRAPHGAMMAS:nowhere/x', 100, 'Unable to open nowhere/x for writing'), ('RESFIL2NAME:school.mdm', 100, clash),
-            ('RESFIL2NAME:./r.kdr', 100, clash), ('RESFIL2NAME:run.txt', 100, clash), ('RESFIL2NAME:resfil3.sav', 100, clash),
+            ('GRAPHGAMMAS:nowhere/x', 100, 'Unable to open nowhere/x for writing'), ('RESFIL2NAME:school.mdm', 100, taken),
+            ('RESFIL2NAME:./r.kdr', 100, taken), ('RESFIL2NAME:run.txt', 100, clash), ('RESFIL2NAME:resfil3.sav', 100, clash),
             ('RESFIL3NAME:newcmd.kdr', 100, clash), ('GRAPHGAMMAS:tauvc.dat', 100, clash)):
         commands(work, 'A.kdr', 'r.kdr', 'SPSS', {2: '', 3: ''}, [setting, 'PRINTVARIANCE-COVARIANCE:Y'])
         out = execute(c, program, work, 'r.kdr', 'school.mdm', code)

@@ -162,6 +162,48 @@ def interrupt():
     check(not list(work.scratch.iterdir()), "nothing left after a termination request")
 
 
-for part in (options, construction, fulldisk, models, startingvalues, failures, interrupt):
+def lostoutputs():
+    """A report that cannot reach its place, a missing folder for temporary files, names that collide."""
+    work.edited("stdout.kdr", "model1.kdr", OUTPUT="stdout")
+    run = [work.program, "-q", "chem97.mdm", "stdout.kdr"]
+    with open("/dev/full", "w") as full:
+        done = subprocess.run(run, cwd=work.folder, stdout=full, stderr=subprocess.PIPE, env=work.environment, timeout=60)
+    check(done.returncode == 5, f"report to a full device: code {done.returncode}")
+    child = subprocess.Popen(run, cwd=work.folder, stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=work.environment)
+    child.stdout.read(10)
+    child.stdout.close()
+    words = child.stderr.read()
+    check(child.wait(timeout=60) == 5 and words == b"", f"nobody reads the report: code {child.returncode}, {words}")
+    work.write("kept.txt", "old report\n")
+    work.edited("kept.kdr", "model1.kdr", OUTPUT="kept.txt")
+    done = subprocess.run([work.program, "-q", "chem97.mdm", "kept.kdr"], cwd=work.folder, capture_output=True, text=True,
+                          env=dict(work.environment, TMPDIR=str(work.folder / "none")), timeout=60)
+    ends(done, 6, "Unable to open temp file", "no folder for temporary files")
+    check(work.read("kept.txt") == "old report\n", "the old report stays when there is no temporary file")
+
+    for name in ("marked.txt", "marked.html"):
+        done = work.run("chem97.mdm", work.edited("marked.kdr", "model1.kdr", TITLE="a\x1b[31mred\x07", OUTPUT=name))
+        check(done.returncode == 0 and not set("\x1b\x07") & set(done.stdout + work.read(name)), f"{name}: control characters")
+        check("red" in work.read(name), f"{name}: the title's letters")
+
+    (work.folder / "link.txt").symlink_to("chem97.mdm")
+    (work.folder / "here").symlink_to(".")
+    before = (work.folder / "chem97.mdm").read_bytes()
+    anothers = "has the name of another file of this run"
+    for keywords, words in (({"OUTPUT": "same.txt", "STARTVALS": "same.txt"}, anothers),
+                            ({"OUTPUT": "here/newcmd.kdr"}, anothers),
+                            ({"OUTPUT": "./tauvc.dat", "PRINTVARIANCE-COVARIANCE": "Y"}, anothers),
+                            ({"OUTPUT": "a.txt", "STARTVALS": "here/gamvc.dat", "PRINTVARIANCE-COVARIANCE": "Y"}, anothers),
+                            ({"OUTPUT": "a.txt", "GRAPHGAMMAS": "link.txt"}, "is an input file of this run"),
+                            ({"OUTPUT": "link.txt"}, "is an input file of this run")):
+        ends(work.run("chem97.mdm", work.edited("clash.kdr", "model1.kdr", **keywords)), 100, words, str(keywords))
+    check((work.folder / "chem97.mdm").read_bytes() == before, "the MDM file stays as it was")
+    for name in ("here/KDR3MDM.STS", "here/creatmdm.mdmt"):
+        work.edited("clash.mdmt", "chem97.mdmt", mdmname=name)
+        done = work.run("-r", "clash.mdmt")
+        check(done.returncode == 100 and "must not" in done.stdout, f"MDM file {name}: {done.returncode} {done.stdout}")
+
+
+for part in (options, construction, fulldisk, models, startingvalues, failures, lostoutputs, interrupt):
     part()
 check.finish()

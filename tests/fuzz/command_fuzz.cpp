@@ -45,6 +45,7 @@ bool readandwrite(const char* from, const char* to) {
     readcommandfile();
     completemodel();
     makeconstraints();
+    if (run.coef.ngamma - run.model.nconstrained < 1) return false;  // the run sequence ends with failure 17
     compactlists();
     run.kind.outname = run.mdm.names1[static_cast<std::size_t>(run.kind.outvar)];
     run.kind.nlrun = run.kind.nonlin == 1 || run.kind.nonlin == 2;

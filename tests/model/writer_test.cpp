@@ -398,10 +398,11 @@ TEST(Writer, OutcomeOfTheNextPlausibleValue) {
   const Workplace workplace;
   readtext(samplemodel + "PLAUSVALS:Y,Z\n");
   preparerun();
-  run.files.tempname1 = "next";
   run.mdm.deletednow = true;
   run.kind.outvar = 5;  // the report keeps the name Y
-  writecommandfile("NEXT");
+  std::FILE* next = std::fopen("NEXT", "w+");
+  writenextcommands(next);
+  std::fclose(next);
   EXPECT_NE(contents("NEXT").find("\nLEVEL1:Z=INTRCPT1+X,1+RANDOM\n"), std::string::npos);
   EXPECT_NE(contents("NEXT").find("\nLEVEL1DELETION:NONE\n"), std::string::npos);
   EXPECT_NE(contents("NEXT").find("\nPLAUSVALS:Y,Z\n"), std::string::npos);

@@ -1,0 +1,198 @@
+#!/usr/bin/python3
+"""The program while calls of the system fail: campaign.py PROGRAM INJECTOR [STEP]
+
+A small construction and two small runs with every output on, again and again, each time with another call that fails
+(groups and calls: injector.cpp). Of every group each STEP-th call fails in turn; 1, the default, is the whole campaign.
+After each: no signal, no hang; no temporary file; every result file is as it was before or as the undisturbed job
+leaves it; the exit code is 0 only when all outputs are. Optimised build only: the sanitizers bring an allocator of
+their own, which does not go together with a library that takes its place.
+"""
+import os
+import pathlib
+import random
+import re
+import subprocess
+import sys
+import tempfile
+
+OLD = b"what stood here before\n"
+GROUPS = ("open", "write", "read", "rename", "memory")
+
+TEMPLATE = """#KDR3 MDM CREATION TEMPLATE
+mdmtype:0
+rawdattype:ascii
+l1fname:one.dat
+l2fname:two.dat
+l3fname:three.dat
+numl1var:3
+numl2var:1
+numl3var:1
+l1format:(A4,A4,3F8.3)
+l2format:(A4,A4,F8.3)
+l3format:(A4,F8.3)
+l1missing:n
+timeofdeletion:now
+mdmname:small.mdm
+*begin l1vars
+Y
+X
+B
+*end l1vars
+*begin l2vars
+W
+*end l2vars
+*begin l3vars
+Z
+*end l3vars
+"""
+LINEAR = """NONLIN:N
+LEVEL1:Y=INTRCPT1+X,2+RANDOM
+LEVEL2:INTRCPT1=INTRCPT2+W,2+RANDOM/
+LEVEL3:INTRCPT2=INTRCPT3+Z,2+RANDOM/
+LEVEL3:W=INTRCPT3/
+LEVEL2:X=INTRCPT2/
+LEVEL3:INTRCPT2=INTRCPT3/
+LEVEL1DELETION:NONE
+RESFILTYPE:FREEFORMAT
+RESFIL1:Y/X/W/Z
+RESFIL1NAME:r1.dat
+RESFIL2:Y/W/Z
+RESFIL2NAME:r2.dat
+RESFIL3:Y/Z
+RESFIL3NAME:r3.dat
+PRINTVARIANCE-COVARIANCE:Y
+GRAPHGAMMAS:graph.dat
+STARTVALS:start.val
+NUMIT:20,N
+STOPVAL:0.01
+CONSTRAIN:N
+HYPOTH:N
+LVR-BETA:N
+TITLE:Small study
+FULLOUTPUT:Y
+OUTPUT:report.txt
+"""
+LAPLACE = (LINEAR.replace("NONLIN:N\n", "NONLIN:BERNOULLI\nLAPLACE:y,2\nMACROIT:2,N\nMICROIT:3\n")
+           .replace("LEVEL1:Y=", "LEVEL1:B=").replace("NUMIT:20,N\nSTOPVAL:0.01\n", "").replace("STARTVALS:start.val\n", ""))
+
+RESULTS = ["newcmd.kdr", "r1.dat", "r2.dat", "r3.dat", "graph.dat", "tauvc.dat", "gamvc.dat", "gamvcr.dat"]
+JOBS = {
+    "construction": (["-r", "small.mdmt"], ["small.mdm", "creatmdm.mdmt", "KDR3MDM.STS"], []),
+    "linear run": (["small.mdm", "linear.kdr"], RESULTS + ["start.val"], ["report.txt"]),
+    "Laplace run": (["small.mdm", "laplace.kdr"], RESULTS[:-2] + ["gamvcus.dat", "gamvcpar.dat"],
+                    ["report.txt", "gamvcpa.dat"]),  # that file is written by two stages, whole by each
+}
+
+
+def makestudy(folder):
+    draw = random.Random(5)
+    one, two, three = [], [], []
+    for k in range(6):
+        vk = draw.gauss(0, 0.5)
+        three.append(f"{k:4d}{draw.gauss(0, 1):8.3f}")
+        for j in range(4):
+            uj = draw.gauss(0, 0.7)
+            two.append(f"{k:4d}{10 * k + j:4d}{draw.gauss(0, 1):8.3f}")
+            for _ in range(8):
+                x = draw.gauss(0, 1)
+                y = 1 + 0.5 * x + uj + vk + draw.gauss(0, 1)
+                one.append(f"{k:4d}{10 * k + j:4d}{y:8.3f}{x:8.3f}{float(y > 1):8.3f}")
+    for name, lines in (("one.dat", one), ("two.dat", two), ("three.dat", three)):
+        (folder / name).write_text("\n".join(lines) + "\n")
+    (folder / "small.mdmt").write_text(TEMPLATE)
+    (folder / "linear.kdr").write_text(LINEAR)
+    (folder / "laplace.kdr").write_text(LAPLACE)
+
+
+def masked(data):
+    """Without the lines that tell the time."""
+    return re.sub(rb"(?m)^ *(Date|Time):.*$", b"", data)
+
+
+class Job:
+    def __init__(self, program, injector, holder, name):
+        self.name = name
+        self.words, self.results, self.growing = JOBS[name]
+        self.program, self.folder = program, holder / "work"
+        self.scratch, self.counts = holder / "scratch", holder / "counts"
+        self.environment = {"PATH": os.environ["PATH"], "TMPDIR": str(self.scratch), "LD_PRELOAD": injector}
+
+    def run(self, fault=None):
+        """One run over outputs of old: exit code, standard output, what the outputs hold."""
+        for name in self.results + self.growing:
+            (self.folder / name).write_bytes(OLD)
+        if "start.val" in self.results:  # is read where it stands: without it the run makes one
+            (self.folder / "start.val").unlink()
+        extra = {"KDR3_FAULT": fault} if fault else {"KDR3_COUNTS": str(self.counts)}
+        done = subprocess.run([self.program, "-q", *self.words], cwd=self.folder, stdin=subprocess.DEVNULL,
+                              capture_output=True, env={**self.environment, **extra}, timeout=60)
+        held = {}
+        for name in self.results + self.growing:
+            path = self.folder / name
+            held[name] = masked(path.read_bytes()) if path.exists() else None
+        return done.returncode, masked(done.stdout), held
+
+    def whole(self):
+        self.code, self.told, self.undisturbed = self.run()
+        assert self.code == 0, f"{self.name}: the undisturbed job ends with {self.code}\n{self.told.decode()}"
+        unwritten = [name for name, bytes in self.undisturbed.items() if bytes in (OLD, None)]
+        assert not unwritten, f"{self.name}: the undisturbed job does not write {unwritten}"
+        return {group: int(n) for group, n in (line.split() for line in self.counts.read_text().splitlines())}
+
+    def faulty(self, fault):
+        """What is wrong after the job with one fault."""
+        try:
+            code, told, held = self.run(fault)
+        except subprocess.TimeoutExpired:
+            return ["hangs"]
+        wrong = []
+        if code < 0:
+            wrong.append(f"signal {-code}")
+        left = os.listdir(self.scratch) + [name for name in os.listdir(self.folder) if ".part" in name]
+        if left:
+            wrong.append(f"leaves {left}")
+            for name in left:
+                for place in (self.scratch, self.folder):
+                    (place / name).unlink(missing_ok=True)
+        before = {name: None if name == "start.val" else OLD for name in self.results}
+        for name in self.results:
+            stopped = code == 100 and name == "KDR3MDM.STS" and held[name].endswith(b"No MDM file was made.\n")
+            if held[name] not in (before[name], self.undisturbed[name]) and not stopped:
+                wrong.append(f"{name} is neither old nor whole (code {code})")
+        if code == 0:
+            wrong += [f"code 0 with another {name}" for name in held if held[name] != self.undisturbed[name]]
+            if told != self.told:
+                wrong.append("code 0 with other words")
+        return wrong
+
+
+def main():
+    program, injector = (str(pathlib.Path(word).resolve()) for word in sys.argv[1:3])
+    step = int(sys.argv[3]) if len(sys.argv) > 3 else 1
+    tried, failed = 0, 0
+    with tempfile.TemporaryDirectory() as name:
+        holder = pathlib.Path(name)
+        for folder in ("work", "scratch"):
+            (holder / folder).mkdir()
+        makestudy(holder / "work")
+        for name in JOBS:
+            job = Job(program, injector, holder, name)
+            calls = job.whole()
+            print(f"{name}: {calls}", flush=True)
+            if name == "construction":
+                study = (holder / "work" / "small.mdm").read_bytes()
+            for group in GROUPS:
+                for n in range(1, calls[group] + 1, step):
+                    wrong = job.faulty(f"{group}:{n}")
+                    tried += 1
+                    failed += bool(wrong)
+                    if wrong and failed <= 40:
+                        print(f"{name}, {group}:{n}: {'; '.join(wrong)}", flush=True)
+            if name == "construction":
+                (holder / "work" / "small.mdm").write_bytes(study)
+    print(f"{tried} faults, {failed} of them with a finding")
+    return 1 if failed else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
