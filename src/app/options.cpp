@@ -1,7 +1,9 @@
 #include "app/options.h"
 
 #include <strings.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
@@ -9,6 +11,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
+#include <vector>
 
 #include "data/onefile.h"
 #include "data/template.h"
@@ -95,6 +99,53 @@ void takeoption(char letter, const char* argument, Options& options) {
   stopwith("usage: %s [-p priority] [-r respfile] [-v] [-w] [-nowait] [mdm file] [command file]\n", program);
 }
 
+constexpr const char* help =
+    "usage: kdr3 [options] [mdm file] [command file]\n"
+    "\n"
+    "Estimates the model of the command file from the data of the MDM file; - is a command file on standard input.\n"
+    "Without files the program asks. Options may stand before and behind the files.\n"
+    "\n"
+    "  -r FILE          a template (.mdmt): make an MDM file; another file: answers to the questions\n"
+    "  -from FILE -level3 COLUMN -level2 COLUMN\n"
+    "                   make an MDM file from one long file\n"
+    "  -q               end at once\n"
+    "  -nowait          end when the next second begins\n"
+    "  -w               end after a pause of some seconds\n"
+    "  -strict          end with code 20 when the run did not converge\n"
+    "  -i               keep the data in memory\n"
+    "  -t N             threads of the maximum-likelihood engines\n"
+    "  -p low, -p high  priority of the process\n"
+    "  -mi K, -e        data set K of a multiple imputation; -e: the last one\n"
+    "  -v               print the version and go on\n"
+    "  -h, --help       print this list\n"
+    "  --version        print the version\n";
+
+// Prints what was asked for, and ends the process without a pause.
+[[noreturn]] void answerandend(const char* format, const char* first, const char* second) {
+  std::printf(format, first, second);
+  run.id.waitseconds = -1;
+  fail(0);
+}
+
+// Options of whole words without an argument. False when the word is none of them.
+bool wordoption(const char* word) {
+  if (std::strcmp(word, "--help") == 0 || std::strcmp(word, "-h") == 0) answerandend("%s%s", help, "");
+  if (std::strcmp(word, "--version") == 0) answerandend("%s version %s\n", module, version);
+  if (strcasecmp(word, "-strict") != 0) return false;
+  run.id.strict = true;
+  return true;
+}
+
+// The path of a copy, in memory, of all that stands on standard input: the questions find its end there.
+std::string standardinput() {
+  const int copy = memfd_create("commands", 0);
+  if (copy < 0) fail(6);
+  char bytes[4096];
+  for (ssize_t count; (count = read(STDIN_FILENO, bytes, sizeof bytes)) > 0;)
+    if (write(copy, bytes, static_cast<std::size_t>(count)) != count) fail(3);
+  return "/proc/self/fd/" + std::to_string(copy);
+}
+
 // One long file in the place of a template: three options of whole words.
 struct OneFileOptions {
   std::string from, level3, level2;
@@ -114,13 +165,19 @@ Options readoptions(int argc, char** argv) {
   constexpr const char* letters = "eimnprtwvq";
   constexpr const char* witharguments = "imnprt";
   Options options;
-  int word = 1;
   OneFileOptions onefile;
-  for (; word < argc && argv[word][0] == '-' && argv[word][1] != '\0'; ++word) {
-    if (std::strcmp(argv[word], "--") == 0) {
-      ++word;
-      break;
+  std::vector<std::string> files;
+  bool optionsended = false;
+  for (int word = 1; word < argc; ++word) {
+    if (optionsended || argv[word][0] != '-' || argv[word][1] == '\0') {
+      files.emplace_back(std::string(argv[word]).substr(0, maxpath - 1));
+      continue;
     }
+    if (std::strcmp(argv[word], "--") == 0) {
+      optionsended = true;
+      continue;
+    }
+    if (wordoption(argv[word])) continue;
     if (std::string* value = onefileoption(onefile, argv[word])) {
       if (word + 1 == argc) {
         std::printf("option requires an argument -- %s\n", argv[word] + 1);
@@ -153,9 +210,9 @@ Options readoptions(int argc, char** argv) {
   }
   if (run.series.milast && !run.series.mimode)
     stopwith("-e (last multiple imputation) specified, but -m (multiple imputation) was not!\n");
-  const auto path = [](const char* text) { return std::string(text).substr(0, maxpath - 1); };
-  if (word < argc) run.files.mdmfile = path(argv[word++]);
-  if (word < argc) run.files.cmdshown = run.files.cmdfile = path(argv[word]);
+  if (!files.empty()) run.files.mdmfile = files[0];
+  if (files.size() > 1) run.files.cmdshown = run.files.cmdfile = files[1];
+  if (run.files.cmdfile == "-") run.files.cmdfile = standardinput();
   const bool wanted = !(onefile.from + onefile.level3 + onefile.level2).empty();
   if (wanted && (onefile.from.empty() || onefile.level3.empty() || onefile.level2.empty() || options.templatejob))
     stopwith("-from FILE, -level3 COLUMN and -level2 COLUMN go together, and without a template.\n");

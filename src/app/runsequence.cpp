@@ -244,7 +244,7 @@ void runjob(int argc, char** argv) {
     if (const Pooled* averages = poolseries()) latentvariableregression(*averages);
     closereport();
   } while (nextplausiblevalue());
-  fail(0);
+  endrun();
 }
 
 }  // namespace kdr

@@ -187,6 +187,8 @@ void fail(int code, const char* text) {
   stoprun(code);
 }
 
+void endrun() { stoprun(run.id.strict && run.id.unconverged ? unconvergedcode : 0); }
+
 void stopwith(const char* format, ...) {
   std::va_list arguments;
   va_start(arguments, format);

@@ -12,6 +12,10 @@ namespace kdr {
 // removes every temporary file, waits, and ends the process with `code`.
 [[noreturn]] void stoprun(int code);
 
+// The end of a model run: code 0, or with -strict unconvergedcode when something did not converge.
+inline constexpr int unconvergedcode = 20;
+[[noreturn]] void endrun();
+
 // The words of a stop with code 100: printed to standard output as printf does, then the stop sequence.
 [[noreturn]] void stopwith(const char* format, ...) __attribute__((format(printf, 1, 2)));
 

@@ -170,6 +170,7 @@ PassResults runpass(Pass& pass, const PassInput& input, IterationState& state) {
     PassResults none;
     none.heterogeneous = true;
     none.loglik = state.likelihood.current;
+    none.ending = state.ending;
     return none;
   }
   iteratestage(pass, state, 2, pass.plan.limit);

@@ -288,7 +288,7 @@ void closeseries(int code) {
     return;
   }
   if (!run.series.milast) {
-    if (!series.begun || code != 0 || !series.ended) return;
+    if (!series.begun || (code != 0 && code != unconvergedcode) || !series.ended) return;
     if (const std::string problem = appendrecord(series.shape, run.series.miindex, series.records[0]); !problem.empty())
       std::printf("%s\n", problem.c_str());
     return;

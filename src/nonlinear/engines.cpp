@@ -81,6 +81,13 @@ PassResults resultsof(const QuadratureResult& quadrature, const PassResults& bef
   return results;
 }
 
+// Says on the console that an engine stopped at its limit or from the keyboard.
+void tellunconverged(const char* engine, const PassResults& results) {
+  if (results.ending == Ending::converged) return;
+  run.id.unconverged = true;
+  std::printf("The iterations of %s were stopped prior to convergence.\n", engine);
+}
+
 // The estimates of an engine become those of the run, without a covariance where the engine has none.
 void takeestimates(const PassResults& results) {
   run.est.taupi = results.est.taupi.copy();
@@ -131,10 +138,12 @@ void laplace(Pass& pass, MacroState& state, const PassResults& before) {
   if (result.end == LaplaceEnd::failed) {
     laplacefailed();
     std::printf("Unable to produce Laplace results.\n");
+    run.id.unconverged = true;
     markreport();
     return;
   }
   const PassResults results = resultsof(result, before);
+  tellunconverged("Laplace-6", results);
   takeestimates(results);
   // The modes and the curvature of the last walk are what quadrature starts from.
   if (!result.u.empty()) {
@@ -214,6 +223,7 @@ void quadrature(Pass& pass, MacroState& state, const PassResults& before) {
                                                      currentparameters(pass), startingadaptation(pass));
   releaseinterrupts();
   const PassResults results = resultsof(result, before);
+  tellunconverged("quadrature", results);
   if (result.finished) {
     quadraturetables(results);
   } else {
@@ -231,6 +241,7 @@ void quadrature(Pass& pass, MacroState& state, const PassResults& before) {
   constexpr double farbelow = 1.0;
   const bool fallen = result.finished && result.highest - result.loglikelihood > farbelow;
   if (result.code == 0 || fallen || (!result.finished && !result.warnings.empty())) {
+    run.id.unconverged = true;
     const char* words = "The run goes on with the estimates that quadrature started from.";
     if (result.code != 0) {
       reportline("%s", words);

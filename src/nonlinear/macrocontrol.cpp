@@ -50,8 +50,16 @@ bool phasecloses(MacroState& state, const PassResults& results, bool first) {
   const bool converged =
       !first && macrotest(parametersof(results.est), parametersof(state.previous), run.iter.stopmacro);
   if (converged) std::printf("The macro iterations have converged at iteration %d.\n", state.macro);
-  if (converged || results.ending == Ending::keyboard) return true;
-  if (state.left <= 1 && closeatlimit(state)) return true;
+  if (converged) return true;
+  if (results.ending == Ending::keyboard) {
+    run.id.unconverged = true;
+    std::printf("The macro iterations were stopped from the keyboard, prior to convergence.\n");
+    return true;
+  }
+  if (state.left <= 1 && closeatlimit(state)) {
+    run.id.unconverged = true;
+    return true;
+  }
   --state.left;
   return false;
 }

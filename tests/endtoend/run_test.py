@@ -119,6 +119,7 @@ def failures():
     done = work.run("chem97.mdm", model("f5", "LEVEL1:SCORE=INTRCPT1+RANDOM", plain, NUMIT="2"), answers="n\n")
     check(done.returncode == 0 and "WARNING: the iterations were stopped prior to convergence." in work.read("f5.txt"),
           "the limit with a warning")
+    ends(work.run("chem97.mdm", "f5.kdr", "-strict", answers="n\n"), 20, "stopped prior to convergence.", "-strict at the limit")
     ends(work.run("chem97.mdm", "f5.kdr", answers="y\n"), 0, "Setting number of iterations to 10000.\n\n", "going on at the limit")
     ends(work.run("chem97.mdm", "f5.kdr"), 100, "Unable to get a proper response!", "end of input at the limit")
     done = work.run("chem97.mdm", model("f6", "LEVEL1:SCORE=INTRCPT1+RANDOM", plain, NONLIN="POISSON", MACROIT="5,N"))
