@@ -17,13 +17,13 @@ namespace kdr {
 
 // Identity of the process and how it was called.
 struct RunIdentity {
-  std::tm started{};      // local time at program start
-  bool inmemory = false;  // -i: the unit store stays in memory, whatever its size
-  int threads = 0;        // -t<n>: threads of the maximum-likelihood engines; 0: one for each core
-  int waitseconds = 3;    // length of the wait at every end; below 0 (-q): none at all
+  std::tm started{};         // local time at program start
+  bool inmemory = false;     // -i: the unit store stays in memory, whatever its size
+  int threads = 0;           // -t<n>: threads of the maximum-likelihood engines; 0: one for each core
+  int waitseconds = 3;       // length of the wait at every end; below 0 (-q): none at all
   bool strict = false;       // -strict: a run that did not converge ends with unconvergedcode
   bool unconverged = false;  // a result of the run was stopped before it converged, or given up
-  bool respfile = false;  // -r: the answers come from a response file
+  bool respfile = false;     // -r: the answers come from a response file
 };
 
 // A series of sub-runs: multiple imputation (one process each) or plausible values (one pass each).

@@ -72,7 +72,7 @@ def main():
              ('grades', chem97(program, chem, 'grades', 'grades.mdm', 4))]
     jobs += [('working data of ' + n, pql.workingjob(program, made, n, kind))
              for n, kind in (('M3W', 'multinomial'), ('O3W', 'ordinal'))]
-    jobs += [('residual files of ' + n, pql.residualsjob(program, made, n, THREE[n])) for n in ('M3', 'M3W', 'O3', 'O3W')]
+    jobs += [('residual files of ' + n, pql.residualsjob(program, made, n, THREE[n])) for n in ('M3W', 'O3', 'O3W')]
     return pql.each(program, jobs, pick)
 
 
