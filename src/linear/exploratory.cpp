@@ -1,6 +1,5 @@
 #include "linear/exploratory.h"
 
-#include <algorithm>
 #include <cmath>
 #include <vector>
 
@@ -99,8 +98,6 @@ ExploratoryFit regress(const Products& products, int level, int c, int x, int un
   return fit;
 }
 
-int most(const IntTable& counts) { return *std::max_element(counts.cells.begin(), counts.cells.end()); }
-
 // The candidates of residual c, n of them.
 ExploratoryBlock block(const Products& products, int level, int c, const int* variables, int n, int units) {
   ExploratoryBlock made;
@@ -136,12 +133,12 @@ void level3analysis(const Pass& pass, std::vector<ExploratoryBlock>& blocks) {
 
 }  // namespace
 
-bool haveexploratory() { return most(run.model.nextra2) > 0 || most(run.model.nextra3) > 0; }
+bool haveexploratory() { return mostcandidates(run.model.nextra2) > 0 || mostcandidates(run.model.nextra3) > 0; }
 
 void exploratory(Pass& pass) {
   ExploratoryAnalysis analysis;
-  if (most(run.model.nextra2) > 0) level2analysis(pass, analysis.level2);
-  if (most(run.model.nextra3) > 0) level3analysis(pass, analysis.level3);
+  if (mostcandidates(run.model.nextra2) > 0) level2analysis(pass, analysis.level2);
+  if (mostcandidates(run.model.nextra3) > 0) level3analysis(pass, analysis.level3);
   exploratorytables(analysis);
 }
 

@@ -96,12 +96,6 @@ void ncnote(int level, int units) {
   }
 }
 
-std::size_t mostcandidates(const std::vector<ExploratoryBlock>& blocks) {
-  std::size_t most = 0;
-  for (const ExploratoryBlock& block : blocks) most = std::max(most, block.fits.size());
-  return most;
-}
-
 // The note on coefficients that cannot be computed, if there are any.
 void closelevel(const std::vector<ExploratoryBlock>& blocks, int level, int columns, int units) {
   closetable(columns);
@@ -115,7 +109,7 @@ void closelevel(const std::vector<ExploratoryBlock>& blocks, int level, int colu
 
 void level2tables(const std::vector<ExploratoryBlock>& blocks) {
   constexpr int perblock = 6;
-  const int columns = std::min(perblock, static_cast<int>(mostcandidates(blocks)));
+  const int columns = std::min(perblock, mostcandidates(run.model.nextra2));
   heading(2, columns);
   for (const ExploratoryBlock& candidates : blocks) {
     const int n = static_cast<int>(candidates.fits.size());
@@ -133,7 +127,7 @@ void level2tables(const std::vector<ExploratoryBlock>& blocks) {
 }
 
 void level3tables(const std::vector<ExploratoryBlock>& blocks) {
-  const int columns = static_cast<int>(mostcandidates(blocks));
+  const int columns = mostcandidates(run.model.nextra3);
   heading(3, columns);
   for (const ExploratoryBlock& candidates : blocks) {
     if (candidates.fits.empty()) continue;
@@ -152,6 +146,8 @@ void level3tables(const std::vector<ExploratoryBlock>& blocks) {
 }
 
 }  // namespace
+
+int mostcandidates(const IntTable& counts) { return *std::max_element(counts.cells.begin(), counts.cells.end()); }
 
 void exploratorytables(const ExploratoryAnalysis& analysis) {
   reporttext("\f");

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "driver/constants.h"
+#include "driver/tables.h"
 
 namespace kdr {
 
@@ -27,6 +28,9 @@ struct ExploratoryBlock {
 struct ExploratoryAnalysis {
   std::vector<ExploratoryBlock> level2, level3;
 };
+
+// The largest number of candidates that a line of the command file lists; 0: the level has no analysis.
+[[nodiscard]] int mostcandidates(const IntTable& counts);
 
 void exploratorytables(const ExploratoryAnalysis& analysis);
 

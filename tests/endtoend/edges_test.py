@@ -168,6 +168,11 @@ for name in ("s.txt", "s.html"):
     check(done.returncode == 0 and "there are too few level-3 units" in work.read(name), f"{name}: two units, {done.stdout[-99:]}")
 check(re.search(r"Potential Level-3 Predictors</td>\s*</tr>\s*<tbody>", work.read("s.html")), "the row of the heads is closed")
 
+# The table is as wide as the longest list of candidates, also where the coefficient that has it is not random.
+study(15, 4, 6, slopes())
+text = fit("candidates of a fixed slope", more="LEVEL2:X1=INTRCPT2/Z\nLEVEL3:INTRCPT2=INTRCPT3/\n", output="s.html")
+check("<td align=center colspan=1 " in text, "candidates of a fixed slope: width of the table")
+
 # Known variances: both forms of the report say that they are not normalised, and what the deviance compares with.
 study(15, 4, 6, slopes(), x=lambda rng, i: 1 + rng.random())
 for name, cell in (("s.txt", r"Precision +yes +X1 +no\n"), ("s.html", r"Precision</td>.*> *X1</td><td[^>]*>no</td>")):
