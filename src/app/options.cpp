@@ -120,17 +120,19 @@ constexpr const char* help =
     "  -h, --help       print this list\n"
     "  --version        print the version\n";
 
-// Prints what was asked for, and ends the process without a pause.
-[[noreturn]] void answerandend(const char* format, const char* first, const char* second) {
-  std::printf(format, first, second);
-  run.id.waitseconds = -1;
-  fail(0);
-}
-
-// Options of whole words without an argument. False when the word is none of them.
+// Options of whole words without an argument. False when the word is none of them. The two that ask something end the
+// process without a pause.
 bool wordoption(const char* word) {
-  if (std::strcmp(word, "--help") == 0 || std::strcmp(word, "-h") == 0) answerandend("%s%s", help, "");
-  if (std::strcmp(word, "--version") == 0) answerandend("%s version %s\n", module, version);
+  const bool askhelp = std::strcmp(word, "--help") == 0 || std::strcmp(word, "-h") == 0;
+  if (askhelp || std::strcmp(word, "--version") == 0) {
+    if (askhelp) {
+      std::printf("%s", help);
+    } else {
+      std::printf("%s version %s\n", module, version);
+    }
+    run.id.waitseconds = -1;
+    fail(0);
+  }
   if (strcasecmp(word, "-strict") != 0) return false;
   run.id.strict = true;
   return true;

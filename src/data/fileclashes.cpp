@@ -7,6 +7,7 @@
 #include <string>
 #include <system_error>
 
+#include "data/scratch.h"
 #include "driver/failures.h"
 
 namespace kdr {
@@ -22,11 +23,6 @@ std::string place(const std::string& path) {
   return problem ? path : std::filesystem::absolute(whole, problem).string();
 }
 
-bool isdevice(const std::string& path) {
-  struct stat status {};
-  return stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
-}
-
 }  // namespace
 
 void refuseclashes(const std::vector<std::string>& inputs, const std::vector<std::string>& outputs) {
@@ -34,7 +30,7 @@ void refuseclashes(const std::vector<std::string>& inputs, const std::vector<std
   for (const std::string& path : inputs)
     if (!path.empty()) read.insert(place(path));
   for (const std::string& path : outputs) {
-    if (path.empty() || isdevice(path)) continue;
+    if (path.empty() || isspecial(path)) continue;
     if (read.contains(place(path))) stopwith("The output file %s is an input file of this run\n", path.c_str());
     if (!written.insert(place(path)).second)
       stopwith("The result file %s has the name of another file of this run\n", path.c_str());

@@ -29,11 +29,6 @@ std::string behindlinks(const std::string& path) {
   return realpath(path.c_str(), resolved) != nullptr ? resolved : path;
 }
 
-bool isspecial(const std::string& path) {
-  struct stat status {};
-  return stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
-}
-
 // `target` with `suffix` behind it, its name cut where the whole would be longer than a name may be.
 std::string temporaryname(const std::string& target, const std::string& suffix) {
   const std::size_t slash = target.rfind('/');

@@ -120,6 +120,11 @@ bool samefile(const std::string& one, const std::string& other) {
   return stat(one.c_str(), &a) == 0 && stat(other.c_str(), &b) == 0 && a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
+bool isspecial(const std::string& path) {
+  struct stat status {};
+  return stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
+}
+
 void closechk(std::FILE* stream) {
   const bool unwritten = std::ferror(stream) != 0;
   if (std::fclose(stream) != 0 || unwritten) fail(5);

@@ -187,6 +187,11 @@ void fail(int code, const char* text) {
   stoprun(code);
 }
 
+void notconverged(const std::string& words) {
+  run.id.unconverged = true;
+  std::printf("%s", words.c_str());
+}
+
 void endrun() { stoprun(run.id.strict && run.id.unconverged ? unconvergedcode : 0); }
 
 void stopwith(const char* format, ...) {

@@ -1,6 +1,8 @@
 // How the process ends: the table of numbered failures and the one stop sequence.
 #pragma once
 
+#include <string>
+
 namespace kdr {
 
 // Prints the words of row `code` of the failure table, with `text` for its argument, and runs the stop sequence.
@@ -12,6 +14,8 @@ namespace kdr {
 // removes every temporary file, waits, and ends the process with `code`.
 [[noreturn]] void stoprun(int code);
 
+// Marks the run as one whose results did not all converge, and prints `words`, which may be empty.
+void notconverged(const std::string& words);
 // The end of a model run: code 0, or with -strict unconvergedcode when something did not converge.
 inline constexpr int unconvergedcode = 20;
 [[noreturn]] void endrun();

@@ -197,8 +197,7 @@ Array<double> scoreproducts(Pass& pass, bool leastsquares) {
 Array<double> robustcovariance(Pass& pass, bool leastsquares) {
   const int g = pass.g;
   const Array<double> scores = scoreproducts(pass, leastsquares);
-  Array<double> V = run.est.vgamma.copy(), half(square(g)), robust(square(g));
-  if (!leastsquares) scale(V.data(), g, g, g, run.est.sigma2);
+  Array<double> V = leastsquares ? run.est.vgamma.copy() : run.est.covariance(), half(square(g)), robust(square(g));
   mulAB(half.data(), V.data(), scores.data(), g, g, g);
   mulAB(robust.data(), half.data(), V.data(), g, g, g);
   return positivecovariance(robust.data(), g) ? std::move(robust) : Array<double>();

@@ -1,9 +1,8 @@
 #include "linear/linearrun.h"
 
 #include <algorithm>
-#include <cstdio>
 
-#include "data/scratch.h"
+#include "driver/failures.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
 #include "linear/exploratory.h"
@@ -73,10 +72,8 @@ PassResults estimatelinear() {
   beginpass(pass, linearplan());
   PassResults results = linearpass(pass);
   const bool ordinary = !results.heterogeneous, iterated = results.loglik != missingcode;
-  if (iterated && results.ending != Ending::converged) {
-    run.id.unconverged = true;
-    if (!reportisstdout()) std::printf("\nThe iterations were stopped prior to convergence.\n");
-  }
+  if (iterated && results.ending != Ending::converged)
+    notconverged(reportisstdout() ? "" : "\nThe iterations were stopped prior to convergence.\n");
   if (ordinary) {
     passtables(results);
     if (!run.files.startvals.empty()) writestartvalues();

@@ -8,7 +8,6 @@
 #include <span>
 #include <vector>
 
-#include "data/scratch.h"
 #include "driver/runrecord.h"
 #include "kernel/sizes.h"
 #include "linear/unitresults.h"

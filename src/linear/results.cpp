@@ -1,7 +1,6 @@
 #include "linear/results.h"
 
 #include "driver/runrecord.h"
-#include "kernel/matrix.h"
 #include "linear/emstep.h"
 #include "linear/inference.h"
 #include "linear/posterior.h"
@@ -51,8 +50,7 @@ PassResults stageresults(Pass& pass, IterationState& state) {
   if (run.kind.weighted && !results.heterogeneous) {
     results.covariance = weightedcovariance(pass);
   } else {
-    results.covariance = run.est.vgamma.copy();
-    scale(results.covariance.data(), pass.g, pass.g, pass.g, run.est.sigma2);
+    results.covariance = run.est.covariance();
   }
   if (results.heterogeneous) return results;
   if (pass.plan.kind != PassKind::identity) {

@@ -192,8 +192,7 @@ LatentModel latentmodel() {
 void latentvariableregression(const PassResults& results) {
   if (!run.out.lvr) return;
   const Estimates& est = results.est;
-  Array<double> vgamma = est.vgamma.copy();
-  for (double& v : vgamma) v *= est.sigma2;
+  const Array<double> vgamma = est.covariance();
   LatentEstimates estimates{view(est.taubeta), view(est.gammahat), view(vgamma), {}, 0, firstbeta()};
   if (results.errors.known) {
     estimates.taucovariance = view(results.errors.covariance);

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cmath>
 
-#include "data/scratch.h"
 #include "driver/failures.h"
 #include "kernel/sizes.h"
 #include "model/modelwalk.h"

@@ -2,7 +2,6 @@
 
 #include <cstdio>
 
-#include "data/scratch.h"
 #include "driver/failures.h"
 #include "driver/reportstream.h"
 #include "linear/exploratory.h"
@@ -23,8 +22,7 @@ PassResults categorypass(Pass& pass, MacroState& state) {
   CategoryUnits units;
   startcategories(units, state.layout);
   const PassInput input{[&](UnitProducts& unit) { return nextunit(units, unit); }, true, true, {}};
-  PassResults results = runpass(pass, input, state.iterations);
-  return results;
+  return runpass(pass, input, state.iterations);
 }
 
 void closephase(Pass& pass, MacroState& state, const PassResults& results) {

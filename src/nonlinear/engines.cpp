@@ -84,8 +84,7 @@ PassResults resultsof(const QuadratureResult& quadrature, const PassResults& bef
 // Says on the console that an engine stopped at its limit or from the keyboard.
 void tellunconverged(const char* engine, const PassResults& results) {
   if (results.ending == Ending::converged) return;
-  run.id.unconverged = true;
-  std::printf("The iterations of %s were stopped prior to convergence.\n", engine);
+  notconverged(std::string("The iterations of ") + engine + " were stopped prior to convergence.\n");
 }
 
 // The estimates of an engine become those of the run, without a covariance where the engine has none.
@@ -137,8 +136,7 @@ void laplace(Pass& pass, MacroState& state, const PassResults& before) {
   releaseinterrupts();
   if (result.end == LaplaceEnd::failed) {
     laplacefailed();
-    std::printf("Unable to produce Laplace results.\n");
-    run.id.unconverged = true;
+    notconverged("Unable to produce Laplace results.\n");
     markreport();
     return;
   }
@@ -241,7 +239,7 @@ void quadrature(Pass& pass, MacroState& state, const PassResults& before) {
   constexpr double farbelow = 1.0;
   const bool fallen = result.finished && result.highest - result.loglikelihood > farbelow;
   if (result.code == 0 || fallen || (!result.finished && !result.warnings.empty())) {
-    run.id.unconverged = true;
+    notconverged("");
     const char* words = "The run goes on with the estimates that quadrature started from.";
     if (result.code != 0) {
       reportline("%s", words);

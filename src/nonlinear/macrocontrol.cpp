@@ -29,7 +29,7 @@ bool closeatlimit(MacroState& state) {
     state.left = farlimit;
     return false;
   }
-  std::printf("The macro iterations were stopped prior to convergence.\n");
+  notconverged("The macro iterations were stopped prior to convergence.\n");
   reporthtml("<b>");
   reportline("WARNING: the macro iterations were stopped prior to convergence.");
   report("You may want to re-run the analysis with a higher number of macro iterations.");
@@ -52,14 +52,10 @@ bool phasecloses(MacroState& state, const PassResults& results, bool first) {
   if (converged) std::printf("The macro iterations have converged at iteration %d.\n", state.macro);
   if (converged) return true;
   if (results.ending == Ending::keyboard) {
-    run.id.unconverged = true;
-    std::printf("The macro iterations were stopped from the keyboard, prior to convergence.\n");
+    notconverged("The macro iterations were stopped from the keyboard, prior to convergence.\n");
     return true;
   }
-  if (state.left <= 1 && closeatlimit(state)) {
-    run.id.unconverged = true;
-    return true;
-  }
+  if (state.left <= 1 && closeatlimit(state)) return true;
   --state.left;
   return false;
 }

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "data/scratch.h"
 #include "driver/failures.h"
 #include "driver/questions.h"
 #include "driver/reportstream.h"

@@ -4,7 +4,6 @@
 #include <cmath>
 #include <cstdio>
 
-#include "data/scratch.h"
 #include "driver/failures.h"
 #include "driver/reportstream.h"
 #include "kernel/sizes.h"

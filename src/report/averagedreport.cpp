@@ -130,8 +130,6 @@ std::string averagedreportname() {
 void startaveragedreport() {
   const std::string name = averagedreportname();
   if (name.empty()) return;
-  for (const std::string* input : {&run.files.mdmfile, &run.files.cmdfile})
-    if (samefile(name, *input)) stopwith("The averaged report %s is an input file of this run\n", name.c_str());
   std::FILE* sub = run.report.stream;
   std::fflush(sub);
   const off_t place = ftello(sub);

@@ -24,8 +24,7 @@ struct AveragedFrame {
 [[nodiscard]] std::string averagedreportname();
 
 // Begins the averaged report with what the sub-run's report holds so far, under its own name in the line "Output file
-// name". The sub-run's report goes on where it stood. Failure 5; an input file of the run in its place stops the run
-// with code 100.
+// name". The sub-run's report goes on where it stood. Failure 5.
 void startaveragedreport();
 
 // Opens the averaged report as the run's report, behind what startaveragedreport wrote; averages of an earlier attempt
