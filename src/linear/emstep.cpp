@@ -45,6 +45,11 @@ void updatehettaupi(double* T, const Pass& pass, const Level3Posterior& unit) {
 
 }  // namespace
 
+bool usableestimates(const Pass& pass) {
+  return usablecovariance(run.est.taupi.data(), pass.p) && usablecovariance(run.est.taubeta.data(), pass.b) &&
+         run.est.sigma2 > 0.0;
+}
+
 int scaleinverse(const double* t, int n, double sigma2, Array<double>& S, double& logdet) {
   S.reset(at(n) * at(n));
   const Inversion inversion = invertsymmetric(n, t, S.data());

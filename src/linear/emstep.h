@@ -21,6 +21,9 @@ void emstep(Pass& pass, Likelihood& likelihood, EmSums& sums, UnitTable<double>*
 // A is not usable.
 [[nodiscard]] bool glsupdate(const Pass& pass, const PosteriorSums& sums);
 
+// The variance components are ones that a step can go on from.
+[[nodiscard]] bool usableestimates(const Pass& pass);
+
 // S = sigma2 t^-1 for t of order n; logdet receives log det t. Returns the result of syminverse.
 [[nodiscard]] int scaleinverse(const double* t, int n, double sigma2, Array<double>& S, double& logdet);
 

@@ -242,20 +242,6 @@ void fillinformation(const Pass& pass, InformationSums& sums, FisherWork& fisher
   }
 }
 
-// Inverts the information of the free parameters; rows of fixed ones become 0. With `strict` the information must pass
-// the tests of a covariance matrix too. Returns false when that fails.
-bool invertinformation(FisherWork& fisher, bool strict) {
-  const Restriction& restriction = fisher.restriction;
-  const int n = restriction.nfree;
-  Array<double> reduced(square(n)), inverse(square(n));
-  reduceinformation(restriction, fisher.information.data(), fisher.NT, reduced.data());
-  fisher.invinformation.fill(0.0);
-  if (n == 0) return true;
-  const bool inverted = invertsymmetric(n, reduced.data(), inverse.data()).result == 0;
-  expandinverse(restriction, inverse.data(), fisher.invinformation.data(), fisher.NT);
-  return inverted && (!strict || positivecovariance(reduced.data(), n));
-}
-
 // score += D'vec(inverse X inverse) for the triangle that starts at `first`.
 void addscore(double* score, int first, const double* inverse, const double* X, int n) {
   Array<double> half(square(n)), out(square(n));
@@ -327,12 +313,27 @@ void addouterscore(OuterScores& outer, const Pass& pass, const Level3Posterior& 
 }  // namespace
 
 void makefisher(const Pass& pass, FisherWork& fisher) {
-  if (run.iter.fishertype == 0) return;
+  if (run.iter.fishertype != 0) sizefisher(pass, fisher);
+}
+
+void sizefisher(const Pass& pass, FisherWork& fisher) {
   fisher.NT = static_cast<int>(packedsize(pass.p) + packedsize(pass.b)) + 1;
   fisher.information.reset(square(fisher.NT));
   fisher.invinformation.reset(square(fisher.NT));
   fisher.score.reset(at(fisher.NT));
   fisher.restriction = allrestriction(pass.fixsigma2 == 0.0);
+}
+
+bool invertinformation(FisherWork& fisher, bool strict) {
+  const Restriction& restriction = fisher.restriction;
+  const int n = restriction.nfree;
+  Array<double> reduced(square(n)), inverse(square(n));
+  reduceinformation(restriction, fisher.information.data(), fisher.NT, reduced.data());
+  fisher.invinformation.fill(0.0);
+  if (n == 0) return true;
+  const bool inverted = invertsymmetric(n, reduced.data(), inverse.data()).result == 0;
+  expandinverse(restriction, inverse.data(), fisher.invinformation.data(), fisher.NT);
+  return inverted && (!strict || positivecovariance(reduced.data(), n));
 }
 
 bool fisherfull(Pass& pass, FisherWork& fisher, Likelihood& likelihood, bool closing) {
@@ -349,6 +350,18 @@ bool fisherfull(Pass& pass, FisherWork& fisher, Likelihood& likelihood, bool clo
   const double current = loglikelihood(pass, sums, inv.logdetT, inv.logdetL);
   if (!glsupdate(pass, sums)) return false;
   likelihood = {likelihood.current, current};
+  return true;
+}
+
+bool fisherpoint(Pass& pass, FisherWork& fisher) {
+  const Inverses inv = invert(pass);
+  InformationSums info = makesums(pass, inv);
+  PosteriorSums sums;
+  const PosteriorInput input{run.est.sigma2, run.est.gammahat.data(), inv.S.data(), inv.Sb.data(), nullptr, false};
+  const auto visit = [&](const Level3Posterior& unit) { addlevel3unit(info, pass, unit); };
+  if (posteriorsweep(pass, input, sums, visit) != PosteriorResult::ok) return false;
+  fillinformation(pass, info, fisher);
+  fillscore(pass, inv, sums, fisher);
   return true;
 }
 

@@ -21,6 +21,15 @@ struct FisherWork {
 
 // Sizes the work for a pass; nothing when fishertype is 0.
 void makefisher(const Pass& pass, FisherWork& fisher);
+void sizefisher(const Pass& pass, FisherWork& fisher);  // whatever fishertype is
+
+// Information and score at the estimates at hand, which stay as they are. Returns false when a matrix of a unit cannot
+// be inverted.
+[[nodiscard]] bool fisherpoint(Pass& pass, FisherWork& fisher);
+
+// Inverts the information of the free parameters; rows of fixed ones become 0. With `strict` the information must pass
+// the tests of a covariance matrix too. Returns false when that fails.
+[[nodiscard]] bool invertinformation(FisherWork& fisher, bool strict);
 
 // The log-likelihood before and at the parameters at hand.
 struct Likelihood {

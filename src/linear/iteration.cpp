@@ -6,11 +6,13 @@
 #include <cstdlib>
 
 #include "driver/failures.h"
+#include "driver/formatted.h"
 #include "driver/questions.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
 #include "kernel/decompositions.h"
 #include "kernel/sizes.h"
+#include "linear/edgesearch.h"
 #include "linear/fixtau.h"
 #include "linear/results.h"
 #include "linear/usable.h"
@@ -37,11 +39,6 @@ void restoretaus(const Pass& pass, const SavedEstimates& saved) {
   run.est.taupi = saved.taupi.copy();
   run.est.taubeta = saved.taubeta.copy();
   if (pass.fixsigma2 == 0.0) run.est.sigma2 = saved.sigma2;
-}
-
-bool usableestimates(const Pass& pass) {
-  return usablecovariance(run.est.taupi.data(), pass.p) && usablecovariance(run.est.taubeta.data(), pass.b) &&
-         run.est.sigma2 > 0.0;
 }
 
 // What an iteration number went through; the loop may go round the same number more than once.
@@ -248,6 +245,19 @@ void asklimit(const Pass& pass, IterationState& state) {
   state.limit = pass.plan.farlimit;
 }
 
+// A search for a maximum at the edge, where iterations are slow or stop far below it. True when it moved the estimates.
+bool movetoedge(Pass& pass, const IterationState& state, double least) {
+  if (pass.plan.kind != PassKind::linear || state.hetstate == 1) return false;
+  const double gain = searchedge(pass, least);
+  if (gain == 0.0) return false;
+  const std::string line = formatted(
+      "At iteration %d a search along the edge of the parameter space raised the log-likelihood by %.3E",
+      state.iteration, gain);
+  if (!reportisstdout()) std::printf("%s\n", line.c_str());
+  reportline("%s", line.c_str());
+  return true;
+}
+
 void endofiteration(Pass& pass, IterationState& state, const Attempt& attempt, const EmSums& em, Progress& progress) {
   checksignals();
   const int iteration = state.iteration;
@@ -257,6 +267,7 @@ void endofiteration(Pass& pass, IterationState& state, const Attempt& attempt, c
   state.s2 = state.s1;
   state.s1 = run.est.sigma2;
   if (!attempt.fisherok && pass.fixsigma2 == 0.0) run.est.sigma2 = (em.traceacc + em.rss) / run.mdm.nunits1;
+  if (state.converged && nearedge(pass) && movetoedge(pass, state, leastgainatstop)) state.converged = false;
 
   progress.add(iteration, state.likelihood.current);
   showlikelihood(pass.plan, iteration, state.likelihood.current);
@@ -289,8 +300,13 @@ void iterate(Pass& pass, IterationState& state) {
   Progress progress;
   EmSums em;
   state.converged = state.atlimit = state.keyboardstop = false;
+  state.nextsearch = firstedgesearch;
   holdinterrupts();
   for (state.iteration = 1; state.iteration <= state.limit; ++state.iteration) {
+    if (state.iteration == state.nextsearch) {
+      state.nextsearch *= 2;
+      movetoedge(pass, state, leastgainwhenslow);
+    }
     const Attempt attempt = updateestimates(pass, state, em);
     endofiteration(pass, state, attempt, em, progress);
     if (state.stopped()) break;

@@ -24,6 +24,7 @@ struct IterationState {
   bool stepped = false;        // a Fisher step lies between the last log-likelihood and the next
   bool confirming = false;     // the rule was met at an accelerated step: the next iteration is a plain one
   bool converged = false, atlimit = false, keyboardstop = false;  // why the stage ended
+  int nextsearch = 0;          // the iteration that begins with a search for a maximum at the edge
   Ending ending = Ending::converged;
 
   [[nodiscard]] bool stopped() const { return converged || atlimit || keyboardstop; }
