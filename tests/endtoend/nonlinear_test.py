@@ -6,7 +6,7 @@ import os
 import sys
 
 import pqlcompare as pql
-from nonlinearmodels import COUNTS
+from nonlinearmodels import COUNTS, LARGE
 
 # example, command file, settings, stored result
 EXAMPLES = [('prenatal', 'care', [], 'prenatal-pql1'), ('melanoma', 'deaths', [], 'melanoma-pql1'),
@@ -58,12 +58,15 @@ def held(program, holder):
 def main():
     program, pick = os.path.abspath(sys.argv[1]), sys.argv[2:]
     made = pql.folder(program, pql.REFERENCE + '/nonlinear', 'nonlin.mdmt')
+    large = pql.folder(program, pql.REFERENCE + '/nonlinearlarge', 'large.mdmt')
     holders = {name: pql.folder(program, '%s/%s' % (pql.EXAMPLES, name), name + '.mdmt') for name in ('prenatal', 'melanoma')}
     jobs = [(tag, examplejob(program, holders[name], name, command, settings, tag))
             for name, command, settings, tag in EXAMPLES]
     jobs += pql.madejobs(program, made, COUNTS) + [('flat', flat(program, made)), ('held', held(program, holders['prenatal']))]
     jobs += [('working data of ' + name, pql.workingjob(program, made, name, 'counts'))
              for name in ('BERNW', 'POIS', 'EXP', 'EXPW')]
+    jobs += pql.madejobs(program, large, LARGE, 'large')
+    jobs += [('working data of ' + name, pql.workingjob(program, large, name, 'counts', 'large')) for name in LARGE]
     jobs += [('residual files of ' + name, pql.residualsjob(program, made, name, COUNTS[name]))
              for name in ('BINI', 'POIS', 'EXP', 'EXPW')]
     return pql.each(program, jobs, pick)

@@ -173,26 +173,26 @@ def folder(program, source, template):
     return holder
 
 
-def madejobs(program, holder, models):
-    """One job for each model of the made data set."""
+def madejobs(program, holder, models, data='nonlin'):
+    """One job for each model of a made data set."""
     def job(name, model):
         def go(c):
-            sections = results(c, program, holder.name, 'nonlin.mdm', name + '.kdr', name + '.txt')
+            sections = results(c, program, holder.name, data + '.mdm', name + '.kdr', name + '.txt')
             if sections:
-                compare(c, sections, stored('nonlin-' + name), model)
+                compare(c, sections, stored('%s-%s' % (data, name)), model)
         return go
     return [(name, job(name, model)) for name, model in models.items()]
 
 
-def workingjob(program, holder, name, kind):
+def workingjob(program, holder, name, kind, data='nonlin'):
     """The working data of the first three macro iterations, record by record, as the level-1 residual file shows those of
     the last pass: of one outcome the working dependent variable, the residual plus the fitted value; of categories the
     fitted probabilities, which give the weight matrix."""
     def go(c):
-        for step, want in enumerate(stored('nonlin-' + name)['workingdata'], 1):
+        for step, want in enumerate(stored('%s-%s' % (data, name))['workingdata'], 1):
             tight('%s/%s.kdr' % (holder.name, name), holder.name + '/working.kdr',
                   TIGHT + ['MACROIT:%d,N' % (step + 1), 'RESFIL1:Y/', 'RESFILTYPE:FREEFORMAT', 'OUTPUT:working.txt'])
-            code, out = run(program, holder.name, 'nonlin.mdm', 'working.kdr')
+            code, out = run(program, holder.name, data + '.mdm', 'working.kdr')
             if code != 0:
                 return c.fail('the run ended with code %d\n%s' % (code, out[-800:]))
             rows = residualfiles.read(holder.name, 'FREEFORMAT', 1).rows

@@ -87,20 +87,38 @@ def gls(units, T, L, s):
 
 
 def scoreandinformation(units, gamma, T, L, s):
-    """Score of theta at gamma, expected information of theta, and the scores unit by unit."""
+    """Score of theta at gamma, expected information of theta, and the scores unit by unit.
+
+    With dV the derivatives of V, the information is tr(V^-1 dV_a V^-1 dV_b) / 2. Those by T and L are sums of Z E Z' with E
+    symmetric of one or two ones, so that tr(E_a S E_b S') = vec(E_a)' (S x S) vec(E_b), S being blocks of Z' V^-1 Z.
+    """
     p, b = len(T), len(L)
-    nt = p * (p + 1) // 2 + b * (b + 1) // 2 + 1
-    info, scores = np.zeros((nt, nt)), []
+    E1, E2 = (np.array(list(symbasis(k))).reshape(-1, k * k) for k in (p, b))
+    n1, n2 = len(E1), len(E1) + len(E2)
+    info, scores = np.zeros((n2 + 1, n2 + 1)), []
     for u in units:
         Vi = np.linalg.inv(covariance(u, T, L, s))
-        r = Vi @ (u.y - u.M @ gamma)
-        dV = dcovariance(u, p, b)
-        P = [Vi @ D for D in dV]
-        scores.append(np.array([0.5 * (r @ D @ r - np.trace(Pi)) for D, Pi in zip(dV, P)]))
-        for a in range(nt):
-            for c in range(a + 1):
-                info[a, c] += 0.5 * np.sum(P[a] * P[c].T)
-                info[c, a] = info[a, c]
+        r, J = Vi @ (u.y - u.M @ gamma), len(u.rows)
+        Z = np.zeros((u.n, J * p))
+        for j, rows in enumerate(u.rows):
+            Z[rows, j * p:(j + 1) * p] = u.Z1[rows]
+        VZ, V2 = Vi @ Z, Vi @ u.Z2
+        S11, S12, S22 = (Z.T @ VZ).reshape(J, p, J, p), (Z.T @ V2).reshape(J, p, b), u.Z2.T @ V2
+        a1, a2 = (Z.T @ r).reshape(J, p), u.Z2.T @ r
+        pull1 = np.einsum('ia,ib->ab', a1, a1) - np.einsum('iaib->ab', S11)
+        pull2 = np.outer(a2, a2) - S22
+        scores.append(0.5 * np.concatenate([E1 @ pull1.ravel(), E2 @ pull2.ravel(), [r @ r - np.trace(Vi)]]))
+        flat = S11.transpose(0, 2, 1, 3).reshape(J * J, p * p)
+        K11 = (flat.T @ flat).reshape((p,) * 4).transpose(0, 2, 1, 3).reshape(p * p, p * p)
+        K12 = np.einsum('iab,icd->acbd', S12, S12).reshape(p * p, b * b)
+        one = np.zeros_like(info)
+        one[:n1, :n1] = E1 @ K11 @ E1.T
+        one[:n1, n1:n2] = E1 @ K12 @ E2.T
+        one[n1:n2, n1:n2] = E2 @ np.kron(S22, S22) @ E2.T
+        one[:n1, n2] = E1 @ np.einsum('nia,nib->ab', VZ.reshape(u.n, J, p), VZ.reshape(u.n, J, p)).ravel()
+        one[n1:n2, n2] = E2 @ (V2.T @ V2).ravel()
+        one[n2, n2] = np.sum(Vi * Vi)
+        info += 0.5 * (np.triu(one) + np.triu(one, 1).T)
     return sum(scores), info, scores
 
 

@@ -1,4 +1,4 @@
-"""Penalised quasi-likelihood from its definition, on full covariance matrices; writes results/nonlin-<model>.json.
+"""Penalised quasi-likelihood from its definition, on full covariance matrices; writes results/<data>-<model>.json.
 
 A macro iteration replaces the outcome by working data and fits the weighted linear mixed model by maximum likelihood
 (denselikelihood.py). With eta the linear predictor of a record, effects of both levels included:
@@ -27,7 +27,7 @@ from dense import (HERE, Data, build, degreesoffreedom, inference, listed, maxim
 from denselikelihood import Unit, gls, posterior, scoreandinformation, unpack
 from denseresiduals import leastsquares, triangle
 from models import I3, INT3, model
-from nonlinearmodels import NAMES, SETS, TRACED, thresholds
+from nonlinearmodels import FOLDERS, NAMES, SETS, TRACED, thresholds
 
 TRACES = 3
 
@@ -364,7 +364,8 @@ def rounded(x):
 
 
 def main():
-    runs = [('nonlin', n, m, (HERE + '/nonlinear', None), n in TRACED) for models in SETS.values() for n, m in models.items()]
+    runs = [(data, n, m, ('%s/%s' % (HERE, FOLDERS[data]), (NAMES[data],)), n in TRACED) for data, models in SETS
+            for n, m in models.items()]
     for name in ('prenatal', 'melanoma'):
         directory, names, read, models = example(name)
         runs += [(name, n, m, (directory, (names, read)), False) for n, m in models.items()]
@@ -372,13 +373,13 @@ def main():
         tag = '%s-%s' % (prefix, name)
         if sys.argv[1:] and tag not in sys.argv[1:] and prefix not in sys.argv[1:]:
             continue
-        data = Data(directory, 'now', None, [], *(form or (NAMES,)))
+        data = Data(directory, 'now', None, [], *form)
         r = reference(data, m, traced)
         T, L = np.array(r['taupi']), np.array(r['taubeta'])
         print('%-15s it %d grad %.1e s2 %.4f minev %.3f %.3f gamma %s gray %s n %s' % (
             tag, r['iterations'], r['gradient'], r['sigma2'], np.linalg.eigvalsh(T)[0], np.linalg.eigvalsh(L)[0],
             np.round(r['gamma'], 4), len(r['gray']), (r['nrel2'], r['nrel3'], r['nstat2'], r['nstat3'])), flush=True)
-        for k in ('gray', 'lsq2', 'lsq3') + (() if traced or prefix != 'nonlin' else ('u', 'eta')):
+        for k in ('gray', 'lsq2', 'lsq3') + (() if traced or prefix not in FOLDERS else ('u', 'eta')):
             del r[k]
         with open('%s/results/%s.json' % (HERE, tag), 'w') as f:
             json.dump(rounded(r), f)

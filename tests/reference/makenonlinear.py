@@ -1,11 +1,12 @@
-"""Makes nonlinear/: one small data set with outcomes of every kind, its template and the command files.
+"""Makes nonlinear/ and nonlinearlarge/: data with outcomes that are counts and categories, templates and command files.
 
-26 level-3 units of unequal size; one category of YORD5 is rare, two of YMUL5 are, which no model uses yet. Run it again to get
-the same bytes.
+The first has 26 level-3 units of unequal size and small level-2 units; one category of YORD5 is rare. The second has level-2
+units of mostly some 25 records, for random slopes in each equation; one category of YMUL5 is rare. Run it again to
+get the same bytes.
 """
 import numpy as np
 from makedata import HERE, textid, write
-from nonlinearmodels import NAMES, SETS, commands
+from nonlinearmodels import FOLDERS, NAMES, SETS, commands
 
 NTHREE = 26
 
@@ -50,26 +51,61 @@ def simulate(rng):
     return {level: [(i, j, [round(float(x), 4) for x in vals]) for i, j, vals in r] for level, r in rows.items()}
 
 
-def main():
-    rows = simulate(np.random.default_rng(31))
-    write(HERE + '/nonlinear', rows, textid)
+def simulatelarge(rng):
+    inverse = lambda eta: 1 / (1 + np.exp(-eta))
+    rows, unit2 = {1: [], 2: [], 3: []}, 0
+    mixed = lambda spread: np.linalg.cholesky(spread * (np.eye(4) + 0.3) / 1.3)
+    CI, CS, C3 = mixed(1.4), mixed(1.2), mixed(1.2)
+    for k in range(30):
+        q1, q2 = rng.normal(), rng.normal()
+        rows[3].append((k + 1, None, [q1, q2]))
+        v = C3 @ rng.normal(size=4)
+        for _ in range([1, 8, 2][k] if k < 3 else int(rng.integers(2, 5))):
+            unit2 += 1
+            z1, z2 = rng.normal() + 0.3 * q1, rng.normal()
+            rows[2].append((k + 1, unit2, [z1, z2]))
+            u, slope, center = CI @ rng.normal(size=4), CS @ rng.normal(size=4), rng.normal()
+            for _ in range(int(rng.integers(12, 29)) if unit2 % 11 else int(rng.integers(2, 5))):
+                x1, x2 = center + rng.normal(), 2 + rng.normal()
+                fixed = 0.3 * q1 + 0.4 * z1 + 0.2 * z1 * (x1 - center) - 0.4 * (x2 - 2)
+                eta = np.array([0.2, -0.9, 0.0, 0.1]) + v + (np.array([0.5, 0.0, 0.2, -0.4]) + slope) * (x1 - center)
+                eta += np.array([1.0, 0.2, -0.5, -1.0]) * fixed
+                e5 = np.exp(np.append(eta, 0.2))
+                e3 = np.exp(np.append(eta[:2] + u[:2] + np.array([0.2, 0.8]), 0.0))
+                one = fixed + 0.3 + v[0] + u[0] + (0.5 + slope[0]) * (x1 - center)
+                trials = int(rng.integers(1, 9))
+                rows[1].append((k + 1, unit2, [int(rng.random() < inverse(one)), int(rng.binomial(trials, inverse(one - 0.7))),
+                                               trials, 1 + draw(rng, e3 / e3.sum()), 1 + draw(rng, e5 / e5.sum()),
+                                               x1, x2]))
+    return {level: [(i, j, [round(float(x), 4) for x in vals]) for i, j, vals in r] for level, r in rows.items()}
+
+
+def template(name):
+    names = NAMES[name]
     lines = ['#KDR3 MDM CREATION TEMPLATE', 'mdmtype:0', 'rawdattype:ascii']
-    lines += ['l%dfname:level%d.dat' % (i, i) for i in (1, 2, 3)] + ['numl%dvar:%d' % (i, len(NAMES[i])) for i in (1, 2, 3)]
-    lines += ['l1format:(A4,1X,A6,13F10.4)', 'l2format:(A4,1X,A6,3F10.4)', 'l3format:(A4,3F10.4)', 'l1missing:n',
-              'timeofdeletion:now', 'mdmname:nonlin.mdm']
+    lines += ['l%dfname:level%d.dat' % (i, i) for i in (1, 2, 3)] + ['numl%dvar:%d' % (i, len(names[i])) for i in (1, 2, 3)]
+    lines += ['l1format:(A4,1X,A6,%dF10.4)' % len(names[1]), 'l2format:(A4,1X,A6,%dF10.4)' % len(names[2]),
+              'l3format:(A4,%dF10.4)' % len(names[3]), 'l1missing:n', 'timeofdeletion:now', 'mdmname:%s.mdm' % name]
     for i in (1, 2, 3):
-        lines += ['*begin l%dvars' % i] + NAMES[i] + ['*end l%dvars' % i]
-    with open(HERE + '/nonlinear/nonlin.mdmt', 'w') as f:
-        f.write('\n'.join(lines) + '\n')
-    for models in SETS.values():
-        for name, m in models.items():
-            with open('%s/nonlinear/%s.kdr' % (HERE, name), 'w') as f:
-                f.write(commands(name, m))
-    print(len(rows[3]), len(rows[2]), len(rows[1]))
-    for i, name in enumerate(NAMES[1][:10]):
-        values, counts = np.unique([r[2][i] for r in rows[1]], return_counts=True)
-        if len(values) < 7:
-            print(name, dict(zip(values.tolist(), np.round(counts / len(rows[1]), 3))))
+        lines += ['*begin l%dvars' % i] + names[i] + ['*end l%dvars' % i]
+    return '\n'.join(lines) + '\n'
+
+
+def main():
+    for name, rows in (('nonlin', simulate(np.random.default_rng(31))), ('large', simulatelarge(np.random.default_rng(32)))):
+        directory = '%s/%s' % (HERE, FOLDERS[name])
+        write(directory, rows, textid)
+        with open('%s/%s.mdmt' % (directory, name), 'w') as f:
+            f.write(template(name))
+        for data, models in SETS:
+            for model, m in models.items() if data == name else ():
+                with open('%s/%s.kdr' % (directory, model), 'w') as f:
+                    f.write(commands(model, m))
+        print(name, len(rows[3]), len(rows[2]), len(rows[1]))
+        for i, outcome in enumerate(NAMES[name][1]):
+            values, counts = np.unique([r[2][i] for r in rows[1]], return_counts=True)
+            if len(values) < 7:
+                print(outcome, dict(zip(values.tolist(), np.round(counts / len(rows[1]), 3))))
 
 
 if __name__ == '__main__':

@@ -10,10 +10,12 @@ The order of the fixed effects of an ordinal model ends with the cuts from the s
 """
 from models import I3, INT3, commandfile, model
 
-NAMES = {1: ['YBERN', 'YBIN', 'NTRIAL', 'YPOIS', 'YEXP', 'EXPOS', 'YMUL3', 'YORD3', 'YMUL5', 'YORD5', 'X1', 'X2', 'W1'],
-         2: ['Z1', 'Z2', 'W2'], 3: ['Q1', 'Q2', 'W3']}
+NAMES = {'nonlin': {1: ['YBERN', 'YBIN', 'NTRIAL', 'YPOIS', 'YEXP', 'EXPOS', 'YMUL3', 'YORD3', 'YMUL5', 'YORD5', 'X1', 'X2',
+                        'W1'], 2: ['Z1', 'Z2', 'W2'], 3: ['Q1', 'Q2', 'W3']},
+         'large': {1: ['YBERN', 'YBIN', 'NTRIAL', 'YMUL3', 'YMUL5', 'X1', 'X2'], 2: ['Z1', 'Z2'], 3: ['Q1', 'Q2']}}
+FOLDERS = {'nonlin': 'nonlinear', 'large': 'nonlinearlarge'}
 # what of the working data of the first iterations is stored, and of the residuals
-TRACED = ['BERN', 'BERNW', 'BINI', 'POIS', 'EXP', 'EXPW', 'M3', 'M3W', 'O3', 'O3W']
+TRACED = ['BERN', 'BERNW', 'BINI', 'POIS', 'EXP', 'EXPW', 'M3W', 'O3W', 'BERNL', 'BINL']
 WEIGHTS = ('W1', 'W2', 'W3')
 
 L1 = [('INTRCPT1', 0), ('X1', 1), ('X2', 2)]
@@ -52,7 +54,6 @@ COUNTS = {
 THREE = {
     'M2': categories('multinomial', 'YBERN', 2, random2=['INTRCPT1'], random3=INT3),
     'O2': categories('ordinal', 'YBERN', 2, random2=['INTRCPT1'], random3=INT3),
-    'M3': categories('multinomial', 'YMUL3', 3, random3=INT3, stopmacro=1e-5),
     'M3W': categories('multinomial', 'YMUL3', 3, random2=['INTRCPT1'], random3=INT3, weights=WEIGHTS),
     'O3': categories('ordinal', 'YORD3', 3, hypotheses=[[row + [0] for row in rows] for rows in TESTS]),
     'O3W': categories('ordinal', 'YORD3', 3, random3=INT3, weights=WEIGHTS),
@@ -62,7 +63,16 @@ THREE = {
     'O3FLAT': categories('ordinal', 'YORD3', 3, random2=['INTRCPT1'], random3=INT3, esttau2=[1e-7], esttau3=[1e-7]),
     'O5': categories('ordinal', 'YORD5', 5, random3=INT3),
 }
-SETS = {'counts': COUNTS, 'groups': THREE}  # both on the data of nonlinear/
+# with large level-2 units
+LARGE = {
+    'BERNL': n('bernoulli', 'YBERN', random3=INT3),
+    'BINL': n('binomial', 'YBIN', 'NTRIAL', random3=INT3),
+}
+MORE = {
+    'M3': categories('multinomial', 'YMUL3', 3, random3=INT3),
+    'M5': categories('multinomial', 'YMUL5', 5, random2=['X1'], random3=INT3),
+}
+SETS = [('nonlin', COUNTS), ('nonlin', THREE), ('large', LARGE), ('large', MORE)]  # by the data that they are of
 
 
 def thresholds(m):
