@@ -16,7 +16,7 @@ import sys
 import tempfile
 
 OLD = b"what stood here before\n"
-GROUPS = ("open", "write", "read", "rename", "memory")
+GROUPS = ("open", "write", "cut", "read", "close", "rename", "map", "memory")
 
 TEMPLATE = """#KDR3 MDM CREATION TEMPLATE
 mdmtype:0
