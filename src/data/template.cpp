@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <set>
 #include <string_view>
 
@@ -24,7 +25,7 @@ constexpr std::size_t mostshown = 60;  // bytes of a line in a message
 
 // A template on its way through the reader.
 struct TemplateText {
-  std::FILE* stream;
+  std::unique_ptr<std::FILE, int (*)(std::FILE*)> stream;
   std::string path;
   int number = 0;            // of the line in hand, from 1
   bool samemissing = false;  // one missing code stands for all variables
@@ -41,8 +42,8 @@ constexpr const char* badmissing = "Incorrect specification of ASCII missing inf
 bool nextline(TemplateText& text, std::string& line) {
   char buffer[maxline];
   line.clear();
-  const bool read = std::fgets(buffer, sizeof buffer, text.stream) != nullptr;
-  checkread(text.stream, text.path);
+  const bool read = std::fgets(buffer, sizeof buffer, text.stream.get()) != nullptr;
+  checkread(text.stream.get(), text.path);
   if (!read) return false;
   line = buffer;
   if (text.number++ == 0 && line.starts_with("\xEF\xBB\xBF")) line.erase(0, 3);
@@ -348,7 +349,7 @@ bool istemplate(const std::string& path) {
 }
 
 void readtemplate(const std::string& path) {
-  TemplateText text{openfile(path, "r"), path};
+  TemplateText text{{openfile(path, "r"), std::fclose}, path};
   std::string line;
   if (!nextline(text, line) || !beginswith(line, templatehead))
     stopwith("%s does not seem to be a %s mdm template file!\n", path.c_str(), module);
@@ -359,7 +360,7 @@ void readtemplate(const std::string& path) {
   run.mdm.mdmtype = 0;
   run.mdm.numericids = false;
   while (nextword(text, line)) takeline(text, line);
-  std::fclose(text.stream);
+  text.stream.reset();
   checkcomplete(text);
   writetemplate(text.samemissing);
 }

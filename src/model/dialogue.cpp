@@ -135,7 +135,7 @@ void askresiduals() {
 void asktitle() {
   if (run.answered.title) return;
   readanswer("Enter a problem title: ", run.files.title);
-  run.files.title = printable(run.files.title.substr(0, maxtitle - 1));
+  run.files.title = titlefrom(run.files.title);
 }
 
 }  // namespace

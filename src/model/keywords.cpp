@@ -151,7 +151,7 @@ void readfishertype(CommandReader&, const std::string& value) {
 }
 
 void readtitle(CommandReader&, const std::string& value) {
-  run.files.title = printable(value.substr(0, maxtitle - 1));
+  run.files.title = titlefrom(value);
   run.answered.title = true;
 }
 

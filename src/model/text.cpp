@@ -5,6 +5,9 @@
 #include <climits>
 #include <cstdlib>
 
+#include "driver/constants.h"
+#include "driver/formatted.h"
+
 namespace kdr {
 
 namespace {
@@ -30,6 +33,12 @@ std::string_view trimmed(std::string_view text) {
   const std::size_t first = text.find_first_not_of(" \t");
   if (first == std::string_view::npos) return text.substr(0, 0);
   return text.substr(first, text.find_last_not_of(" \t") - first + 1);
+}
+
+std::string titlefrom(std::string_view text) {
+  std::string title = printable(text.substr(0, maxtitle - 1));
+  title.erase(title.find_last_not_of(' ') + 1);
+  return title;
 }
 
 std::vector<std::string> split(std::string_view text, char separator) {

@@ -19,6 +19,9 @@ namespace kdr {
 // The first character in upper case, zero for an empty text.
 [[nodiscard]] char firstletter(std::string_view text);
 
+// The text as a problem title: cut to its length, fit to be shown, without blanks at its end.
+[[nodiscard]] std::string titlefrom(std::string_view text);
+
 // The decimal value of the text's start, held to the range of an int; 0 when there is none.
 [[nodiscard]] int wholenumber(const std::string& text);
 // The real value of the text's start, held to the finite range; 0 when there is none.

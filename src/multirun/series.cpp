@@ -276,7 +276,8 @@ const Pooled* poolseries() {
     series.pooled = true;  // the stop has nothing to add
     stoprun(100);
   }
-  std::fflush(run.report.stream);  // the store goes only once what it held stands in the report
+  // The store goes only once what it held stands in the report.
+  if (std::fflush(run.report.stream) != 0 || std::ferror(run.report.stream) != 0) fail(5);
   if (run.series.mimode) removestore();
   return series.averages.M > 0 ? &series.averages : nullptr;
 }

@@ -142,6 +142,7 @@ void startaveragedreport() {
       line = line.substr(0, sign + 2) + escaped(name) + (run.report.html ? "<br>\n" : "\n");
     std::fputs(line.c_str(), averaged);
   }
+  checkread(sub, run.files.outfile);
   closechk(averaged);
   fseeko(sub, place, SEEK_SET);
 }
@@ -158,6 +159,7 @@ void openaveragedreport() {
   std::string line;
   off_t end = 0;
   while (readline(file, line) && line.compare(0, lead.size(), lead) != 0) end += static_cast<off_t>(line.size());
+  checkread(file, name);
   if (fseeko(file, end, SEEK_SET) != 0 || ftruncate(fileno(file), end) != 0) fail(5);
   run.report.stream = file;
 }

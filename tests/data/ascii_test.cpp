@@ -70,6 +70,7 @@ TEST(Format, Check) {
       {"(A4,I5,F3)", " Unusable format type: I\n"},
       {"(A4,F9.2,T3,F3)", " Unusable format type: T\n"},
       {"(A6.2,F3)", " Unusable format type: .\n"},
+      {"(A4,3Q8.3)", " Unusable format type: Q\n"},
       {"(A4,2AF3)", "Something wrong. 2 format codes\n"},
       {"(A4,,F3)", "problem with format\n(A4,,F3)\n"},
   };
@@ -130,7 +131,7 @@ TEST(AsciiRecord, Cases) {
        "           \n|           1 1\nRecords of raw that took fields from the next line: 1. The first one starts in "
        "line 1, which is blank.\n"},
       {"a number across two lines", "(2A1,F4)", 1, "A1 2\nA1 3\n", 100, nomatch + "F4)\n" + holds(1, " 2?A", "3 to 6")},
-      {"letters of two bytes in skipped columns", "(2A1,X2,F2)", 1, "A1\xC3\xB6 3\nA1\xC3\xB6 3\n", 0,
+      {"letters of two bytes in skipped columns", "(2A1,2X,F2)", 1, "A1\xC3\xB6 3\nA1\xC3\xB6 3\n", 0,
        "Line 1 of raw has letters of more than one byte in front of its values. Fields count bytes, not letters.\n" +
            ids + " 3\n" + ids + " 3\n"},
       {"a byte order mark", "(2A1,F2)", 1,

@@ -1,7 +1,8 @@
 #!/usr/bin/python3
 """The program while calls of the system fail: campaign.py PROGRAM INJECTOR [STEP]
 
-A small construction and two small runs with every output on, again and again, each time with another call that fails
+A small construction, two small runs with every output on and the last run of a series,
+again and again, each time with another call that fails
 (groups and calls: injector.cpp). Of every group each STEP-th call fails in turn; 1, the default, is the whole campaign.
 After each: no signal, no hang; no temporary file; every result file is as it was before or as the undisturbed job
 leaves it; the exit code is 0 only when all outputs are. Optimised build only: the sanitizers bring an allocator of
@@ -16,7 +17,7 @@ import sys
 import tempfile
 
 OLD = b"what stood here before\n"
-GROUPS = ("open", "write", "read", "rename", "memory")
+GROUPS = ("open", "write", "cut", "read", "close", "rename", "map", "memory")
 
 TEMPLATE = """#KDR3 MDM CREATION TEMPLATE
 mdmtype:0
@@ -74,6 +75,8 @@ OUTPUT:report.txt
 """
 LAPLACE = (LINEAR.replace("NONLIN:N\n", "NONLIN:BERNOULLI\nLAPLACE:y,2\nMACROIT:2,N\nMICROIT:3\n")
            .replace("LEVEL1:Y=", "LEVEL1:B=").replace("NUMIT:20,N\nSTOPVAL:0.01\n", "").replace("STARTVALS:start.val\n", ""))
+SERIES = ("".join(line + "\n" for line in LINEAR.splitlines() if not line.startswith(("RESFIL", "GRAPH", "STARTVALS", "PRINTV")))
+          .replace("OUTPUT:report.txt", "OUTPUT:series.txt") + "RESFIL1:N\nRESFIL2:N\nRESFIL3:N\n")
 
 RESULTS = ["newcmd.kdr", "r1.dat", "r2.dat", "r3.dat", "graph.dat", "tauvc.dat", "gamvc.dat", "gamvcr.dat"]
 JOBS = {
@@ -81,6 +84,7 @@ JOBS = {
     "linear run": (["small.mdm", "linear.kdr"], RESULTS + ["start.val"], ["report.txt"]),
     "Laplace run": (["small.mdm", "laplace.kdr"], RESULTS[:-2] + ["gamvcus.dat", "gamvcpar.dat"],
                     ["report.txt", "gamvcpa.dat"]),  # that file is written by two stages, whole by each
+    "last of a series": (["-mi1", "-e", "small.mdm", "series.kdr"], ["newcmd.kdr"], ["series.2", "series.avg"]),
 }
 
 
@@ -102,11 +106,15 @@ def makestudy(folder):
     (folder / "small.mdmt").write_text(TEMPLATE)
     (folder / "linear.kdr").write_text(LINEAR)
     (folder / "laplace.kdr").write_text(LAPLACE)
+    (folder / "series.kdr").write_text(SERIES)
 
 
 def masked(data):
     """Without the lines that tell the time."""
     return re.sub(rb"(?m)^ *(Date|Time):.*$", b"", data)
+
+
+STORE, AVERAGES = "mixyzzy.dat", "series.avg"
 
 
 class Job:
@@ -115,12 +123,21 @@ class Job:
         self.words, self.results, self.growing = JOBS[name]
         self.program, self.folder = program, holder / "work"
         self.scratch, self.counts = holder / "scratch", holder / "counts"
+        self.before = {name: OLD for name in self.results + self.growing}
+        if name == "last of a series":
+            subprocess.run([program, "-q", "-mi0", *self.words[2:]], cwd=self.folder, stdin=subprocess.DEVNULL,
+                           stdout=subprocess.DEVNULL, check=True)
+            for kept in (STORE, AVERAGES):
+                self.before[kept] = (self.folder / kept).read_bytes()
+            del self.before["series.2"]  # another would be left alone, under its number
         self.environment = {"PATH": os.environ["PATH"], "TMPDIR": str(self.scratch), "LD_PRELOAD": injector}
 
     def run(self, fault=None):
         """One run over outputs of old: exit code, standard output, what the outputs hold."""
         for name in self.results + self.growing:
-            (self.folder / name).write_bytes(OLD)
+            (self.folder / name).unlink(missing_ok=True)
+        for name, bytes in self.before.items():
+            (self.folder / name).write_bytes(bytes)
         if "start.val" in self.results:  # is read where it stands: without it the run makes one
             (self.folder / "start.val").unlink()
         extra = {"KDR3_FAULT": fault} if fault else {"KDR3_COUNTS": str(self.counts)}
@@ -159,6 +176,12 @@ class Job:
             stopped = code == 100 and name == "KDR3MDM.STS" and held[name].endswith(b"No MDM file was made.\n")
             if held[name] not in (before[name], self.undisturbed[name]) and not stopped:
                 wrong.append(f"{name} is neither old nor whole (code {code})")
+        if STORE in self.before and not (self.folder / STORE).exists():
+            # Without the last data set the averages are others, but the report is whole.
+            averages = held[AVERAGES] or b""
+            head, last = masked(self.before[AVERAGES]), self.undisturbed[AVERAGES].splitlines()[-1]
+            if not averages.startswith(head) or averages.splitlines()[-1] != last:
+                wrong.append(f"the store has gone before the averages stand (code {code})")
         if code == 0:
             wrong += [f"code 0 with another {name}" for name in held if held[name] != self.undisturbed[name]]
             if told != self.told:

@@ -1,37 +1,135 @@
-// A library that is loaded before the program's own: it counts the calls of the functions below, and the one that
+// A library that is loaded before the program's own: it counts the calls of the groups below, and the one that
 // KDR3_FAULT names, "<group>:<n>", fails as the system would let it fail. Without KDR3_FAULT the counts of each group
 // go to the file KDR3_COUNTS at the end.
 //
-// Groups: "open" (fopen and its like), "write" (a full disk from the n-th write on), "read" (one read error), "rename",
-// "memory" (the n-th allocation and all that follow).
+// Calls of the system are taken where they enter it, whoever makes them: a seccomp filter turns each into SIGSYS, whose
+// handler lets it fail or makes it again. So what a stream of the C library writes from its buffer fails as well.
+// Allocations are functions that take the place of the library's.
 #include <dlfcn.h>
-#include <fcntl.h>
-#include <sys/uio.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <ucontext.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
-#include <cstdarg>
+#include <csignal>
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 
 namespace {
 
-enum Group { opening, writing, reading, renaming, memory, ngroups };
-constexpr const char* names[ngroups] = {"open", "write", "read", "rename", "memory"};
+struct Group {
+  const char* name;
+  int error;
+  bool lasts;  // the cause does, and so does the fault: from the n-th call on
+  int calls[6];
+};
+
+enum { opening, writing, cutting, reading, closing, renaming, mapping, memory, ngroups };
+constexpr int none = -1;
+constexpr Group groups[ngroups] = {
+    {"open", EACCES, false, {SYS_open, SYS_openat, none, none, none, none}},
+    {"write", ENOSPC, true, {SYS_write, SYS_pwrite64, SYS_writev, SYS_pwritev, SYS_fallocate, none}},
+    {"cut", EIO, false, {SYS_ftruncate, SYS_truncate, SYS_fsync, SYS_fdatasync, none, none}},
+    {"read", EIO, false, {SYS_read, SYS_pread64, SYS_readv, SYS_preadv, none, none}},
+    {"close", EDQUOT, false, {SYS_close, none, none, none, none, none}},
+    {"rename", EIO, false, {SYS_rename, SYS_renameat, SYS_renameat2, none, none, none}},
+    {"map", ENOMEM, true, {SYS_mmap, SYS_mremap, SYS_brk, none, none, none}},
+    {"memory", ENOMEM, true, {none, none, none, none, none, none}},
+};
 
 std::atomic<long> counts[ngroups];
-int faultgroup = -1;
+int faultgroup = none;
 long faultcall = 0;
 bool ready = false;
 
-// True for the call that is to fail. Where the cause lasts, so does the fault.
-bool fails(Group group) {
+// True for a call that is to fail.
+bool fails(int group) {
   if (!ready) return false;
   const long n = ++counts[group];
   if (group != faultgroup) return false;
-  return group == writing || group == memory ? n >= faultcall : n == faultcall;
+  return groups[group].lasts ? n >= faultcall : n == faultcall;
+}
+
+int groupof(int call) {
+  for (int g = 0; g < ngroups; ++g)
+    for (const int one : groups[g].calls)
+      if (one == call) return g;
+  return none;
+}
+
+// The handler's own way into the system: calls from within this function of the library pass the filter.
+constexpr std::uint32_t waylength = 64;
+
+void onsyscall(int, siginfo_t* info, void* context) {
+  greg_t* registers = static_cast<ucontext_t*>(context)->uc_mcontext.gregs;
+  const int before = errno;
+  const int call = info->si_syscall;
+  const int group = groupof(call);
+  const bool fault = fails(group);
+  long result = -groups[group].error;
+  if (fault && call == SYS_brk) {
+    result = syscall(SYS_brk, 0);  // the end of the heap stays where it is
+  } else if (!fault || call == SYS_close) {
+    const long done = syscall(call, registers[REG_RDI], registers[REG_RSI], registers[REG_RDX], registers[REG_R10],
+                              registers[REG_R8], registers[REG_R9]);
+    if (!fault) result = done == -1 ? -errno : done;
+  }
+  registers[REG_RAX] = result;
+  errno = before;
+}
+
+bool filtercalls() {
+  struct sigaction action {};
+  action.sa_sigaction = onsyscall;
+  action.sa_flags = SA_SIGINFO | SA_NODEFER;
+  sigemptyset(&action.sa_mask);
+  sigaction(SIGSYS, &action, nullptr);
+
+  const auto way = reinterpret_cast<std::uintptr_t>(dlsym(RTLD_DEFAULT, "syscall"));
+  const auto low = static_cast<std::uint32_t>(way), high = static_cast<std::uint32_t>(way >> 32);
+  sock_filter filter[64];
+  std::size_t n = 0;
+  const auto load = [&](std::size_t offset) {
+    filter[n++] = BPF_STMT(BPF_LD | BPF_W | BPF_ABS, static_cast<std::uint32_t>(offset));
+  };
+  // From the handler?
+  load(offsetof(seccomp_data, instruction_pointer) + 4);
+  filter[n++] = BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, high, 0, 4);
+  load(offsetof(seccomp_data, instruction_pointer));
+  filter[n++] = BPF_JUMP(BPF_JMP | BPF_JGE | BPF_K, low, 0, 2);
+  filter[n++] = BPF_JUMP(BPF_JMP | BPF_JGE | BPF_K, low + waylength, 1, 0);
+  filter[n++] = BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW);
+  load(offsetof(seccomp_data, nr));
+  for (const Group& group : groups)
+    for (const int call : group.calls)
+      if (call != none) {
+        filter[n++] = BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<std::uint32_t>(call), 0, 1);
+        filter[n++] = BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_TRAP);
+      }
+  filter[n++] = BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW);
+  const sock_fprog program{static_cast<unsigned short>(n), filter};
+  return low + waylength > low && prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+         prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
+}
+
+// Streams with small buffers write and read often, so that files of some hundred bytes have more places to fail.
+constexpr std::size_t buffersize = 256;
+
+std::FILE* smallbuffer(std::FILE* stream) {
+  if (stream == nullptr) return nullptr;
+  static char buffers[512][buffersize];
+  static std::atomic<std::size_t> used = 0;
+  const std::size_t mine = used++;
+  if (mine < std::size(buffers)) std::setvbuf(stream, buffers[mine], _IOFBF, buffersize);
+  return stream;
 }
 
 template <class F>
@@ -42,10 +140,13 @@ F next(const char* name) {
 __attribute__((constructor)) void begin() {
   if (const char* fault = std::getenv("KDR3_FAULT")) {
     const char* colon = std::strchr(fault, ':');
+    const auto length = static_cast<std::size_t>(colon - fault);
     for (int g = 0; g < ngroups; ++g)
-      if (std::strncmp(fault, names[g], static_cast<std::size_t>(colon - fault)) == 0) faultgroup = g;
+      if (std::strlen(groups[g].name) == length && std::strncmp(fault, groups[g].name, length) == 0) faultgroup = g;
     faultcall = std::atol(colon + 1);
   }
+  smallbuffer(stdout);
+  if (!filtercalls()) _exit(99);
   ready = true;
 }
 
@@ -53,16 +154,10 @@ void tell() {
   const char* path = std::getenv("KDR3_COUNTS");
   if (path == nullptr) return;
   ready = false;
-  char text[200];
-  int length = 0;
-  for (int g = 0; g < ngroups; ++g)
-    length += std::snprintf(text + length, sizeof text - static_cast<std::size_t>(length), "%s %ld\n", names[g],
-                            counts[g].load());
-  const int file = open(path, O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  if (file < 0) return;
-  static const auto real = next<ssize_t (*)(int, const void*, size_t)>("write");
-  (void)!real(file, text, static_cast<std::size_t>(length));
-  close(file);
+  std::FILE* file = std::fopen(path, "w");
+  if (file == nullptr) return;
+  for (int g = 0; g < ngroups; ++g) std::fprintf(file, "%s %ld\n", groups[g].name, counts[g].load());
+  std::fclose(file);
 }
 
 }  // namespace
@@ -75,149 +170,18 @@ extern "C" {
   _exit(code);
 }
 
-int open(const char* path, int flags, ...) {
-  static const auto real = next<int (*)(const char*, int, ...)>("open");
-  std::va_list arguments;
-  va_start(arguments, flags);
-  const int mode = va_arg(arguments, int);
-  va_end(arguments);
-  if (fails(opening)) {
-    errno = EACCES;
-    return -1;
-  }
-  return real(path, flags, mode);
-}
-
 std::FILE* fopen(const char* path, const char* mode) {
   static const auto real = next<std::FILE* (*)(const char*, const char*)>("fopen");
-  if (fails(opening)) {
-    errno = EACCES;
-    return nullptr;
-  }
-  return real(path, mode);
+  return smallbuffer(real(path, mode));
 }
 
 std::FILE* fdopen(int handle, const char* mode) {
   static const auto real = next<std::FILE* (*)(int, const char*)>("fdopen");
-  if (fails(opening)) {
-    errno = EMFILE;
-    return nullptr;
-  }
-  return real(handle, mode);
+  return smallbuffer(real(handle, mode));
 }
 
-int mkstemp(char* path) {
-  static const auto real = next<int (*)(char*)>("mkstemp");
-  if (fails(opening)) {
-    errno = ENOSPC;
-    return -1;
-  }
-  return real(path);
-}
-
-ssize_t pread(int handle, void* bytes, size_t count, off_t place) {
-  static const auto real = next<ssize_t (*)(int, void*, size_t, off_t)>("pread");
-  if (fails(reading)) {
-    errno = EIO;
-    return -1;
-  }
-  return real(handle, bytes, count, place);
-}
-
-// The names of the same functions for files of any size.
-int open64(const char* path, int flags, ...) __attribute__((alias("open")));
+// The name of the same function for files of any size.
 std::FILE* fopen64(const char* path, const char* mode) __attribute__((alias("fopen")));
-int mkstemp64(char* path) __attribute__((alias("mkstemp")));
-ssize_t pread64(int handle, void* bytes, size_t count, off_t place) __attribute__((alias("pread")));
-
-int rename(const char* from, const char* to) {
-  static const auto real = next<int (*)(const char*, const char*)>("rename");
-  if (fails(renaming)) {
-    errno = EIO;
-    return -1;
-  }
-  return real(from, to);
-}
-
-// Streams are cut off from the disk by their buffered writes: the library's own calls cannot be taken over, so the
-// functions by which the program writes fail as a write through a full buffer would, with the stream's mark set.
-size_t fwrite(const void* bytes, size_t size, size_t count, std::FILE* stream) {
-  static const auto real = next<size_t (*)(const void*, size_t, size_t, std::FILE*)>("fwrite");
-  if (fails(writing)) {
-    errno = ENOSPC;
-    stream->_flags |= 0x20;
-    return 0;
-  }
-  return real(bytes, size, count, stream);
-}
-
-int vfprintf(std::FILE* stream, const char* format, std::va_list arguments) {
-  static const auto real = next<int (*)(std::FILE*, const char*, std::va_list)>("vfprintf");
-  if (fails(writing)) {
-    errno = ENOSPC;
-    stream->_flags |= 0x20;
-    return -1;
-  }
-  return real(stream, format, arguments);
-}
-
-int fprintf(std::FILE* stream, const char* format, ...) {
-  std::va_list arguments;
-  va_start(arguments, format);
-  const int written = vfprintf(stream, format, arguments);
-  va_end(arguments);
-  return written;
-}
-
-int fflush(std::FILE* stream) {
-  static const auto real = next<int (*)(std::FILE*)>("fflush");
-  if (fails(writing)) {
-    errno = ENOSPC;
-    if (stream != nullptr) stream->_flags |= 0x20;
-    return EOF;
-  }
-  return real(stream);
-}
-
-int fclose(std::FILE* stream) {
-  static const auto real = next<int (*)(std::FILE*)>("fclose");
-  if (fails(writing)) {
-    real(stream);
-    errno = ENOSPC;
-    return EOF;
-  }
-  return real(stream);
-}
-
-size_t fread(void* bytes, size_t size, size_t count, std::FILE* stream) {
-  static const auto real = next<size_t (*)(void*, size_t, size_t, std::FILE*)>("fread");
-  if (fails(reading)) {
-    errno = EIO;
-    stream->_flags |= 0x20;
-    return 0;
-  }
-  return real(bytes, size, count, stream);
-}
-
-int fgetc(std::FILE* stream) {
-  static const auto real = next<int (*)(std::FILE*)>("fgetc");
-  if (fails(reading)) {
-    errno = EIO;
-    stream->_flags |= 0x20;
-    return EOF;
-  }
-  return real(stream);
-}
-
-char* fgets(char* line, int size, std::FILE* stream) {
-  static const auto real = next<char* (*)(char*, int, std::FILE*)>("fgets");
-  if (fails(reading)) {
-    errno = EIO;
-    stream->_flags |= 0x20;
-    return nullptr;
-  }
-  return real(line, size, stream);
-}
 
 void* malloc(size_t bytes) {
   static const auto real = next<void* (*)(size_t)>("malloc");
@@ -226,6 +190,24 @@ void* malloc(size_t bytes) {
     return nullptr;
   }
   return real(bytes);
+}
+
+void* realloc(void* piece, size_t bytes) {
+  static const auto real = next<void* (*)(void*, size_t)>("realloc");
+  if (fails(memory)) {
+    errno = ENOMEM;
+    return nullptr;
+  }
+  return real(piece, bytes);
+}
+
+void* aligned_alloc(size_t alignment, size_t bytes) {
+  static const auto real = next<void* (*)(size_t, size_t)>("aligned_alloc");
+  if (fails(memory)) {
+    errno = ENOMEM;
+    return nullptr;
+  }
+  return real(alignment, bytes);
 }
 
 void* calloc(size_t n, size_t bytes) {

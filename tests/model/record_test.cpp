@@ -187,6 +187,8 @@ TEST_F(Reading, SingleValues) {
       {"HYPOTH:Y", [] { return !run.answered.hypoth; }},
       {"TITLE:0123456789012345678901234567890123456789012345678901234567890123456789",
        [] { return run.files.title.size() == 63; }},
+      {"TITLE:01234567890123456789012345678901234567890123456789012345678901 345",
+       [] { return run.files.title.size() == 62; }},
       {"TITLE: a: b  ", [] { return run.files.title == " a: b"; }},
   };
   for (const Case& c : cases) {

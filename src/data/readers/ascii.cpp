@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "data/buildlog.h"
 #include "data/readers/plainnumber.h"
@@ -92,6 +93,7 @@ struct RecordInHand {
   bool crossing = false;   // a field or a skip took the end of a line
   long long lines = 0;     // line ends so far
   std::size_t column = 0;  // bytes of the line in hand so far
+  char before = 0;         // last byte of the IDs and skips so far
 };
 
 // Counts the bytes of a field or of a skip.
@@ -108,13 +110,15 @@ void passbytes(RecordInHand& record, const char* bytes, std::size_t width) {
 }
 
 // A letter that UTF-8 writes in several bytes, in columns in front of the values, moves them from their place.
-void lookforletters(AsciiLevel& ascii, const RecordInHand& record, const char* bytes, std::size_t width) {
+// One may stand in several pieces: each X of 4X is one.
+void lookforletters(AsciiLevel& ascii, RecordInHand& record, const char* bytes, std::size_t width) {
   if (ascii.lettersline != 0) return;
   const auto lead = [](char c) {
     return static_cast<unsigned char>(c) >= 0xC2 && static_cast<unsigned char>(c) <= 0xF4;
   };
-  for (std::size_t i = 0; i + 1 < width; ++i)
-    if (lead(bytes[i]) && (static_cast<unsigned char>(bytes[i + 1]) & 0xC0U) == 0x80U) {
+  for (std::size_t i = 0; i < width; ++i) {
+    const char before = std::exchange(record.before, bytes[i]);
+    if (lead(before) && (static_cast<unsigned char>(bytes[i]) & 0xC0U) == 0x80U) {
       ascii.lettersline = recordline(ascii.text) + record.lines;
       countextra();
       logboth(
@@ -123,6 +127,7 @@ void lookforletters(AsciiLevel& ascii, const RecordInHand& record, const char* b
           ascii.lettersline, raw.level[record.level].filename.c_str());
       return;
     }
+  }
 }
 
 [[noreturn]] void mismatch(AsciiLevel& ascii, const RecordInHand& record, std::string_view field, std::size_t i) {
@@ -310,10 +315,10 @@ FormatItem nextitem(char* format) {
           item.kind = FormatKind::x;
           break;
         default:
-          item.unusable = *p;
+          if (item.unusable == '\0') item.unusable = *p;
       }
     } else if (*p != ' ' && *p != '(') {
-      item.unusable = *p;
+      if (item.unusable == '\0') item.unusable = *p;
     }
     ++p;
   }
