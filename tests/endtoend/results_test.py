@@ -287,6 +287,10 @@ def series(check, place):
         else:
             Numbers(check, "averages").effects(phases["average_population_average"]["fixed_effects"], place.averaged(),
                                                (("model_based", "final"), ("robust", "robust")))
+    codes = place.series(model() + "RESULTS:broken.json\n", IMPUTED[:2] + ["const"])
+    check(codes[:2] == [0, 0] and codes[2] != 0 and not place.exists("broken_3.json"), f"a last failure: {codes}")
+    whole, phases = document(check, place, "broken.json")
+    check(whole["series"]["failed_subruns"] == [3] and phases["average"]["subruns"] == 2, "a last failure: the averages")
     place.write("pv.kdr", model(outcome="SC1", predictors="FEMALE+GC1", plausvals="PLAUSVALS:SC1,SC2,SC3\n",
                                 output="pv.txt") + "RESULTS:never.json\n")
     done = place.run("-results", "pv.json", "pv.mdm", "pv.kdr")

@@ -62,6 +62,7 @@ RESFIL3:Y/Z
 RESFIL3NAME:r3.dat
 PRINTVARIANCE-COVARIANCE:Y
 GRAPHGAMMAS:graph.dat
+RESULTS:results.json
 STARTVALS:start.val
 NUMIT:20,N
 STOPVAL:0.01
@@ -75,7 +76,7 @@ OUTPUT:report.txt
 LAPLACE = (LINEAR.replace("NONLIN:N\n", "NONLIN:BERNOULLI\nLAPLACE:y,2\nMACROIT:2,N\nMICROIT:3\n")
            .replace("LEVEL1:Y=", "LEVEL1:B=").replace("NUMIT:20,N\nSTOPVAL:0.01\n", "").replace("STARTVALS:start.val\n", ""))
 
-RESULTS = ["newcmd.kdr", "r1.dat", "r2.dat", "r3.dat", "graph.dat", "tauvc.dat", "gamvc.dat", "gamvcr.dat"]
+RESULTS = ["newcmd.kdr", "r1.dat", "r2.dat", "r3.dat", "graph.dat", "results.json", "tauvc.dat", "gamvc.dat", "gamvcr.dat"]
 JOBS = {
     "construction": (["-r", "small.mdmt"], ["small.mdm", "creatmdm.mdmt", "KDR3MDM.STS"], []),
     "linear run": (["small.mdm", "linear.kdr"], RESULTS + ["start.val"], ["report.txt"]),
