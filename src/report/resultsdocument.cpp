@@ -26,10 +26,9 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
+// Nothing is allocated before the run has begun, which is when exhausted memory gets its words.
 struct Document {
-  Json phases = Json::array();
-  Json warnings = Json::array();
-  Json failed = Json::array();
+  Json phases, warnings, failed;
   bool averages = false;
 };
 Document document;
@@ -536,7 +535,7 @@ void writedocument(const std::string& path) {
 }  // namespace
 
 void startdocument() {
-  document = Document();
+  document = {Json::array(), Json::array(), Json::array(), false};
   run.id.passunconverged = false;
   run.files.made.clear();
 }
