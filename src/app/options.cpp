@@ -111,6 +111,7 @@ constexpr const char* help =
     "  -q               end at once\n"
     "  -nowait          end when the next second begins\n"
     "  -w               end after a pause of some seconds\n"
+    "  -results FILE    write the results as a document (.json) or a table (.csv)\n"
     "  -strict          end with code 20 when the run did not converge\n"
     "  -i               keep the data in memory\n"
     "  -t N             threads of the maximum-likelihood engines\n"
@@ -153,11 +154,12 @@ struct OneFileOptions {
   std::string from, level3, level2;
 };
 
-// The place for the argument of the option, or null when it is none of the three.
-std::string* onefileoption(OneFileOptions& options, const char* word) {
+// The place for the argument of an option that is a whole word, or null when it is none.
+std::string* argumentof(OneFileOptions& options, const char* word) {
   if (strcasecmp(word, "-from") == 0) return &options.from;
   if (strcasecmp(word, "-level3") == 0) return &options.level3;
   if (strcasecmp(word, "-level2") == 0) return &options.level2;
+  if (strcasecmp(word, "-results") == 0) return &run.files.results;
   return nullptr;
 }
 
@@ -180,7 +182,7 @@ Options readoptions(int argc, char** argv) {
       continue;
     }
     if (wordoption(argv[word])) continue;
-    if (std::string* value = onefileoption(onefile, argv[word])) {
+    if (std::string* value = argumentof(onefile, argv[word])) {
       if (word + 1 == argc) {
         std::printf("option requires an argument -- %s\n", argv[word] + 1);
         usage(argv[0]);
@@ -212,6 +214,8 @@ Options readoptions(int argc, char** argv) {
   }
   if (run.series.milast && !run.series.mimode)
     stopwith("-e (last multiple imputation) specified, but -m (multiple imputation) was not!\n");
+  run.files.resultsgiven = !run.files.results.empty();
+  if (run.files.results.size() >= maxpath) stopwith("The path is too long: %s\n", run.files.results.c_str());
   if (!files.empty()) run.files.mdmfile = files[0];
   if (files.size() > 1) run.files.cmdshown = run.files.cmdfile = files[1];
   if (run.files.cmdfile == "-") run.files.cmdfile = standardinput();
@@ -222,6 +226,8 @@ Options readoptions(int argc, char** argv) {
     takeonefile(onefile.from, onefile.level3, onefile.level2);
     options.templatejob = true;
   }
+  if (run.files.resultsgiven && options.templatejob)
+    stopwith("-results goes with a model: no results come of making an MDM file.\n");
   return options;
 }
 

@@ -38,6 +38,7 @@
 #include "nonlinear/macroloop.h"
 #include "report/averagedreport.h"
 #include "report/header.h"
+#include "report/resultsdocument.h"
 #include "report/specification.h"
 #include "report/stream.h"
 #include "report/symbols.h"
@@ -116,11 +117,12 @@ void checkfiles() {
   const RunFiles& files = run.files;
   std::vector<std::string> inputs{files.mdmfile};
   if (!leadtoone(files.cmdfile, newcommandfile)) inputs.push_back(files.cmdfile);
-  std::vector<std::string> outputs{newcommandfile, files.startvals};
+  std::vector<std::string> outputs{newcommandfile, files.startvals, resultsname()};
   if (!reportisstdout()) outputs.push_back(files.outfile);
   if (run.series.mimode || run.series.pvmode) {
     outputs.push_back(averagedreportname());
     outputs.emplace_back(storename);
+    outputs.push_back(files.results);
   }
   if (run.out.printvc != 0) outputs.insert(outputs.end(), {taufile, gammafile, robustgammafile});
   if (run.out.printvc != 0 && !run.kind.linear())
@@ -161,6 +163,7 @@ void readmodel() {
 }
 
 void openresults() {
+  startdocument();
   checkscratch();
   buildsummary();
   openreport(checkfiles);
@@ -241,8 +244,13 @@ void runjob(int argc, char** argv) {
     if (run.kind.nlrun) listnonlinearfiles();
     latentvariableregression(results);
     if (run.kind.linear()) listlinearfiles(results);
-    if (const Pooled* averages = poolseries()) latentvariableregression(*averages);
     closereport();
+    writeresults();
+    const Pooled* averages = poolseries();
+    if (averages == nullptr) continue;
+    latentvariableregression(*averages);
+    closereport();
+    writeaveragedresults();
   } while (nextplausiblevalue());
   endrun();
 }

@@ -51,6 +51,7 @@ std::FILE* opentemporary(ResultFile& file) {
 }
 
 void openstream(ResultFile& file, const std::string& path) {
+  file.given = path;
   file.target = behindlinks(path);
   file.temporary.clear();
   file.used = 0;
@@ -116,6 +117,8 @@ bool tryfinish(ResultFile& file) {
   if (unwritten || unclosed || (!inplace && std::rename(file.temporary.c_str(), file.target.c_str()) != 0))
     return false;
   std::erase(run.files.unfinished, inplace ? file.target : file.temporary);
+  std::vector<std::string>& made = run.files.made;
+  if (std::find(made.begin(), made.end(), file.given) == made.end()) made.push_back(file.given);
   return true;
 }
 

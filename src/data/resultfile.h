@@ -17,7 +17,8 @@ namespace kdr {
 
 struct ResultFile {
   std::FILE* stream = nullptr;
-  std::string target;     // the name that the user gave
+  std::string given;      // the name that the user gave
+  std::string target;     // the file behind it
   std::string temporary;  // the name until the end; empty when the target is written in place
   Array<char> buffer;
   std::size_t used = 0;

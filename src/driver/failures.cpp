@@ -188,7 +188,7 @@ void fail(int code, const char* text) {
 }
 
 void notconverged(const std::string& words) {
-  run.id.unconverged = true;
+  run.id.unconverged = run.id.passunconverged = true;
   std::printf("%s", words.c_str());
 }
 

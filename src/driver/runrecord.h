@@ -17,13 +17,14 @@ namespace kdr {
 
 // Identity of the process and how it was called.
 struct RunIdentity {
-  std::tm started{};         // local time at program start
-  bool inmemory = false;     // -i: the unit store stays in memory, whatever its size
-  int threads = 0;           // -t<n>: threads of the maximum-likelihood engines; 0: one for each core
-  int waitseconds = 3;       // length of the wait at every end; below 0 (-q): none at all
-  bool strict = false;       // -strict: a run that did not converge ends with unconvergedcode
-  bool unconverged = false;  // a result of the run was stopped before it converged, or given up
-  bool respfile = false;     // -r: the answers come from a response file
+  std::tm started{};             // local time at program start
+  bool inmemory = false;         // -i: the unit store stays in memory, whatever its size
+  int threads = 0;               // -t<n>: threads of the maximum-likelihood engines; 0: one for each core
+  int waitseconds = 3;           // length of the wait at every end; below 0 (-q): none at all
+  bool strict = false;           // -strict: a run that did not converge ends with unconvergedcode
+  bool unconverged = false;      // a result of the run was stopped before it converged, or given up
+  bool passunconverged = false;  // the same of this pass of a series of plausible values
+  bool respfile = false;         // -r: the answers come from a response file
 };
 
 // A series of sub-runs: multiple imputation (one process each) or plausible values (one pass each).
@@ -44,19 +45,22 @@ struct SeriesMode {
 
 // Paths, at most 259 characters each.
 struct RunFiles {
-  std::string mdmfile;      // MDM file, read or to be written
-  std::string cmdfile;      // command file; empty: the dialogue supplies the model
-  std::string cmdshown;     // the name printed in the report
-  std::string sourcename;   // the data source's name in the report
-  std::string outfile;      // report path, or the word "stdout" in any case
-  std::string outbase;      // outfile without its extension, the stem of numbered reports
-  std::string title;        // problem title, at most 63 characters
-  std::string startvals;    // starting-value file
-  std::string graphgammas;  // graph data file
+  std::string mdmfile;        // MDM file, read or to be written
+  std::string cmdfile;        // command file; empty: the dialogue supplies the model
+  std::string cmdshown;       // the name printed in the report
+  std::string sourcename;     // the data source's name in the report
+  std::string outfile;        // report path, or the word "stdout" in any case
+  std::string outbase;        // outfile without its extension, the stem of numbered reports
+  std::string title;          // problem title, at most 63 characters
+  std::string startvals;      // starting-value file
+  std::string graphgammas;    // graph data file
+  std::string results;        // RESULTS:, -results. Results document; empty: none
+  bool resultsgiven = false;  // by -results, which wins over RESULTS:
   std::string resfil1name, resfil2name, resfil3name;
   std::FILE* nextcommands = nullptr;    // command file of the next plausible-value pass, without a name
   std::FILE* working = nullptr;         // working data file, without a name
   std::vector<std::string> unfinished;  // result files that are not complete; a stop removes them
+  std::vector<std::string> made;        // result files of this pass that are complete, in order
 };
 
 // What the MDM file holds besides its level-2 blocks.

@@ -13,6 +13,7 @@
 #include "linear/results.h"
 #include "report/matrixtables.h"
 #include "report/passtables.h"
+#include "report/resultsdocument.h"
 
 namespace kdr {
 
@@ -71,6 +72,7 @@ void heterogeneousresults(Pass& pass, IterationState& state) {
     }
   }
   finishresult(file);
+  documentheterogeneous(results, mean, T);
   tautable(Tau::pi, MatrixTitle::average, false, p, mean.data());
   tautable(Tau::pi, MatrixTitle::weightedaverage, false, p, T.data());
   fixedeffectstables(results);

@@ -76,6 +76,10 @@ void readgraph(CommandReader&, const std::string& value) {
   run.out.graph = true;
 }
 
+void readresults(CommandReader&, const std::string& value) {
+  if (!run.files.resultsgiven) setpath(run.files.results, value);
+}
+
 void readpopavit(CommandReader&, const std::string& value) {
   const char letter = firstletter(value);
   if (letter == 'N') return;
@@ -247,6 +251,7 @@ constexpr Keyword keywords[] = {
     {"RESFIL2NAME:", 0, [](CommandReader&, const std::string& value) { setpath(run.files.resfil2name, value); }},
     {"RESFIL3NAME:", 0, [](CommandReader&, const std::string& value) { setpath(run.files.resfil3name, value); }},
     {"RESFILTYPE:", 0, readresfiltype},
+    {"RESULTS:", 0, readresults},
     {"DEBUG:", 0, [](CommandReader&, const std::string& value) { run.iter.debug = wholenumber(value); }},
 };
 

@@ -280,6 +280,7 @@ void writelvr(std::FILE* out) {
 void writeoutput(std::FILE* out) {
   const RunFiles& files = run.files;
   if (run.out.graph) std::fprintf(out, "GRAPHGAMMAS:%s\n", files.graphgammas.c_str());
+  if (!files.results.empty()) std::fprintf(out, "RESULTS:%s\n", files.results.c_str());
   if (!files.outfile.empty()) std::fprintf(out, "OUTPUT:%s\n", files.outfile.c_str());
   std::fprintf(out, "FULLOUTPUT:%s\n", run.out.fulloutput ? "Y" : "N");
   std::fprintf(out, "TITLE:%s\n", files.title.c_str());

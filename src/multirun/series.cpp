@@ -17,6 +17,7 @@
 #include "multirun/resultstore.h"
 #include "report/averagedreport.h"
 #include "report/modelrows.h"
+#include "report/resultsdocument.h"
 #include "report/stream.h"
 
 namespace kdr {
@@ -306,6 +307,7 @@ void closeseries(int code) {
   if (!writeaverages()) return;
   closereport();
   removestore();
+  writeaveragedresults();
 }
 
 }  // namespace kdr

@@ -15,6 +15,7 @@
 #include "nonlinear/recordbatches.h"
 #include "report/enginetables.h"
 #include "report/modelstatistics.h"
+#include "report/resultsdocument.h"
 
 namespace kdr {
 
@@ -57,6 +58,8 @@ PassResults resultsof(const LaplaceResult& laplace, const PassResults& before) {
     results.covariance = before.covariance.copy();
     return results;
   }
+  // The printed likelihood is lower than the marginal one by this constant.
+  results.marginal = laplace.loglik + 0.5 * run.mdm.nunits1 * std::log(2.0 * M_PI);
   if (!laplace.converged) results.ending = Ending::limit;
   results.errors.known = true;
   results.errors.taupi = laplace.setaupi.copy();
@@ -71,6 +74,7 @@ PassResults resultsof(const QuadratureResult& quadrature, const PassResults& bef
   PassResults results = startresults(PassKind::quadrature, quadrature.parameters, before);
   results.iteration = quadrature.iteration;
   results.loglik = quadrature.loglikelihood;
+  results.marginal = quadrature.marginal;
   if (!quadrature.converged) results.ending = Ending::limit;
   results.errors.known = true;
   if (quadrature.taupiseusable) results.errors.taupi = quadrature.taupise.copy();
@@ -136,6 +140,7 @@ void laplace(Pass& pass, MacroState& state, const PassResults& before) {
   releaseinterrupts();
   if (result.end == LaplaceEnd::failed) {
     laplacefailed();
+    documentwarning("Fisher scoring is unable to compute a Laplace-6 estimate within the parameter space.");
     notconverged("Unable to produce Laplace results.\n");
     markreport();
     return;
@@ -158,9 +163,7 @@ void laplace(Pass& pass, MacroState& state, const PassResults& before) {
   modelstatistics(result.loglik, 2);
   markreport();
   state.laplacegamma = run.est.gammahat.copy();
-  // The printed likelihood is lower than the marginal one by this constant.
-  if (estimated)
-    std::printf("The marginal log-likelihood = %E\n", result.loglik + 0.5 * run.mdm.nunits1 * std::log(2.0 * M_PI));
+  if (estimated) std::printf("The marginal log-likelihood = %E\n", results.marginal);
   variancefiles(laplacetaufile, laplacegammafile, results);
 }
 
@@ -227,12 +230,17 @@ void quadrature(Pass& pass, MacroState& state, const PassResults& before) {
   } else {
     if (result.failure == QuadratureFailure::nodes) reportbreak();
     reportline("%s", failureline(result.failure));
-    for (const std::string& warning : result.warnings) reportline("%s", warning.c_str());
+    documentwarning(failureline(result.failure));
+    for (const std::string& warning : result.warnings) {
+      reportline("%s", warning.c_str());
+      documentwarning(warning);
+    }
   }
   if (result.finished && shorterrors(result, before, pass.g)) {
     const char* words = "WARNING: standard errors are far below those of PQL. Use more quadrature points.";
     reportline("%s", words);
     std::printf("%s\n", words);
+    documentwarning(words);
   }
   // Estimates of an estimation that broke off with a warning are none, nor are those that fell far below what was
   // reached before.
@@ -240,6 +248,7 @@ void quadrature(Pass& pass, MacroState& state, const PassResults& before) {
   const bool fallen = result.finished && result.highest - result.loglikelihood > farbelow;
   if (result.code == 0 || fallen || (!result.finished && !result.warnings.empty())) {
     notconverged("");
+    if (result.finished) documentending(false);
     const char* words = "The run goes on with the estimates that quadrature started from.";
     if (result.code != 0) {
       reportline("%s", words);

@@ -7,6 +7,7 @@
 #include "driver/reportstream.h"
 #include "kernel/sizes.h"
 #include "nonlinear/macrotest.h"
+#include "report/resultsdocument.h"
 
 namespace kdr {
 
@@ -49,6 +50,7 @@ void beginmacro(MacroState& state) {
 bool phasecloses(MacroState& state, const PassResults& results, bool first) {
   const bool converged =
       !first && macrotest(parametersof(results.est), parametersof(state.previous), run.iter.stopmacro);
+  if (results.kind != PassKind::identity) documentending(converged);
   if (converged) std::printf("The macro iterations have converged at iteration %d.\n", state.macro);
   if (converged) return true;
   if (results.ending == Ending::keyboard) {

@@ -13,6 +13,7 @@
 #include "report/fixedtable.h"
 #include "report/hypotheses.h"
 #include "report/matrixtables.h"
+#include "report/resultsdocument.h"
 #include "report/stream.h"
 #include "report/variancetables.h"
 
@@ -103,10 +104,7 @@ void fixedeffects(const PooledEffects& effects, const AveragedFrame& frame, Pass
 
 void variances(const Pooled& pooled, const AveragedFrame& frame) {
   const std::size_t q = pooled.chisq2.size(), r = pooled.chisq3.size();
-  Array<long long> df2(q), df3(r);
-  for (std::size_t i = 0; i < q; ++i)
-    df2[i] = pooled.testunits2 - static_cast<long long>(frame.nterms2[i]) * pooled.testunits3 - frame.nfixedterms2[i];
-  for (std::size_t i = 0; i < r; ++i) df3[i] = pooled.testunits3 - frame.nterms3[i];
+  const auto [df2, df3] = averageddegrees(pooled, frame);
   variancetable(Tau::pi, {static_cast<int>(q), pooled.taupi.data(), pooled.chisq2.data(), df2.data(), pooled.sigma2});
   partialnote(pooled, "chi-square statistics");
   variancetable(Tau::beta,
@@ -121,6 +119,16 @@ PassKind finalpass() {
 }
 
 }  // namespace
+
+AveragedDegrees averageddegrees(const Pooled& pooled, const AveragedFrame& frame) {
+  const std::size_t q = pooled.chisq2.size(), r = pooled.chisq3.size();
+  AveragedDegrees degrees{Array<long long>(q), Array<long long>(r)};
+  for (std::size_t i = 0; i < q; ++i)
+    degrees.df2[i] =
+        pooled.testunits2 - static_cast<long long>(frame.nterms2[i]) * pooled.testunits3 - frame.nfixedterms2[i];
+  for (std::size_t i = 0; i < r; ++i) degrees.df3[i] = pooled.testunits3 - frame.nterms3[i];
+  return degrees;
+}
 
 std::string averagedreportname() {
   if (reportisstdout()) return {};
@@ -166,12 +174,14 @@ void openaveragedreport() {
 
 void averagedreport(const Pooled* pooled, const AveragedFrame& frame, std::span<const int> failed) {
   heading();
+  startdocument();
   if (run.series.mimode) failednote(failed);
   if (pooled == nullptr) {
     reportline("No analysis of the series is usable, so there are no results to average.");
     return;
   }
   if (pooled->M == 1) reportline("Only one analysis of the series is usable; its results are not averages.");
+  documentaverages(*pooled, frame, failed);
   level1(*pooled, frame);
   tautables(Tau::pi, *pooled);
   tautables(Tau::beta, *pooled);

@@ -19,6 +19,12 @@ struct AveragedFrame {
   bool sigma2fixed = false;
 };
 
+// Degrees of freedom of the averaged variance tests.
+struct AveragedDegrees {
+  Array<long long> df2, df3;  // [q], [r]
+};
+[[nodiscard]] AveragedDegrees averageddegrees(const Pooled& pooled, const AveragedFrame& frame);
+
 // The stem of the sub-runs' numbered reports with ".avg" or "_avg.html"; empty when the reports go to standard output,
 // which the averages follow there.
 [[nodiscard]] std::string averagedreportname();

@@ -1,13 +1,10 @@
 #include "report/fixedtable.h"
 
-#include <cmath>
-#include <cstdint>
 #include <string>
 #include <vector>
 
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
-#include "kernel/distributions.h"
 #include "report/modelrows.h"
 #include "report/stream.h"
 #include "report/symbols.h"
@@ -19,25 +16,6 @@ namespace {
 bool isleastsquares(TableKind kind) { return kind == TableKind::leastsquares || kind == TableKind::leastsquaresrobust; }
 bool isestimates(TableKind kind) {
   return kind == TableKind::estimates || kind == TableKind::averagedpv || kind == TableKind::averagedmi;
-}
-
-// One row of the table. `tested` says whether there is a standard error with degrees of freedom to test with.
-struct Estimate {
-  double coefficient, se, t;
-  int df;
-  bool tested, rough;
-};
-
-Estimate estimateof(const FixedEffects& effects, TableKind kind, int g) {
-  Estimate row{};
-  const double variance = effects.variance[g];
-  row.coefficient = effects.gamma[g];
-  row.se = variance > 0.0 && std::isfinite(variance) ? std::sqrt(variance) : 0.0;
-  row.t = row.se == 0.0 ? 0.0 : row.coefficient / row.se;
-  row.df = isleastsquares(kind) ? run.mdm.nunits1 - run.coef.ngamma : effects.degrees.df[g];
-  row.rough = !isleastsquares(kind) && effects.degrees.rough[g] != 0;  // degrees of least squares are exact
-  row.tested = row.df > 1 && row.se != 0.0 && std::isfinite(row.t);
-  return row;
 }
 
 // For each row that begins an equation set of a multinomial run the number of the set, else -1.
@@ -176,7 +154,6 @@ void columnheads(TableKind kind) {
 
 void fixedrow(const Estimate& row, const char* style) {
   const char* mark = row.rough ? "#" : "";
-  const double p = row.tested ? tprob(row.df, row.t) : 0.0;
   if (run.report.html) {
     numbercell(style, row.coefficient, 13, 6);
     numbercell(style, row.se, 10, 6);
@@ -186,10 +163,10 @@ void fixedrow(const Estimate& row, const char* style) {
       return;
     }
     report("<td align=right valign=bottom %s>%d</td>\n", style, row.df);
-    if (p < 0.001) {
+    if (row.p < 0.001) {
       report("<td align=right valign=bottom %s><0.001", style);
     } else {
-      report("<td align=right valign=bottom %s>%5.3f", style, p);
+      report("<td align=right valign=bottom %s>%5.3f", style, row.p);
     }
     report("%s</td>\n</tr>", mark);
     return;
@@ -197,30 +174,27 @@ void fixedrow(const Estimate& row, const char* style) {
   report("%s  %s   %s ", fixedpoint(row.coefficient, 13, 6).c_str(), fixedpoint(row.se, 10, 6).c_str(),
          fixedpoint(row.t, 8, 3).c_str());
   if (row.tested) {
-    report("%8d    %5.3f%s\n", row.df, p, mark);
+    report("%8d    %5.3f%s\n", row.df, row.p, mark);
   } else {
     report("Unable to compute\n");
   }
 }
 
 void ratiorow(const Estimate& row, const char* style) {
-  const double ratio = std::exp(row.coefficient);
-  const double reach = row.tested ? tcritical(row.df) * row.se : 0.0;
-  const double low = std::exp(row.coefficient - reach), high = std::exp(row.coefficient + reach);
-  const bool bounded = row.tested && std::isfinite(low) && std::isfinite(high);
+  const auto [ratio, interval] = ratioof(row);
   if (run.report.html) {
     numbercell(style, row.coefficient, 13, 6);
     numbercell(style, ratio, 14, 6);
-    if (bounded) {
-      report("<td align=right valign=bottom %s>(%.3f,%.3f)</td>\n</tr>", style, low, high);
+    if (interval.known) {
+      report("<td align=right valign=bottom %s>(%.3f,%.3f)</td>\n</tr>", style, interval.low, interval.high);
     } else {
       report("<td align=right valign=bottom %s>Unable to compute</td>\n</tr>", style);
     }
     return;
   }
   report("  %s %s    ", fixedpoint(row.coefficient, 13, 6).c_str(), fixedpoint(ratio, 14, 6).c_str());
-  if (bounded) {
-    report(" (%.3f,%.3f)\n", low, high);
+  if (interval.known) {
+    report(" (%.3f,%.3f)\n", interval.low, interval.high);
   } else {
     report("Unable to compute\n");
   }
@@ -251,13 +225,6 @@ void ratioheads() {
 
 }  // namespace
 
-Array<double> variancesof(const Array<double>& covariance, int n, double scale) {
-  const auto order = static_cast<std::size_t>(n);
-  Array<double> variances(order);
-  for (std::size_t i = 0; i < order; ++i) variances[i] = covariance[i * (order + 1)] * scale;
-  return variances;
-}
-
 void fixedtable(const FixedEffects& effects, TableKind kind, PassKind pass) {
   const std::vector<int> openings = setopenings();
   reporthtml("<h4>");
@@ -267,7 +234,7 @@ void fixedtable(const FixedEffects& effects, TableKind kind, PassKind pass) {
   columnheads(kind);
   bool anyrough = false;
   for (int g = 0; g < run.coef.ngamma; ++g) {
-    const Estimate row = estimateof(effects, kind, g);
+    const Estimate row = estimateof(effects, isleastsquares(kind), g);
     rowlead(g, openings[static_cast<std::size_t>(g)], rowstyle(g));
     fixedrow(row, rowstyle(g));
     anyrough = anyrough || (row.tested && row.rough);
@@ -285,7 +252,7 @@ void ratiotable(const FixedEffects& effects, TableKind kind) {
   ratioheads();
   for (int g = 0; g < run.coef.ngamma; ++g) {
     rowlead(g, openings[static_cast<std::size_t>(g)], rowstyle(g));
-    ratiorow(estimateof(effects, kind, g), rowstyle(g));
+    ratiorow(estimateof(effects, isleastsquares(kind), g), rowstyle(g));
   }
   reportrule(70);
   reporthtml("</tbody></table>\n");

@@ -7,9 +7,9 @@
 #include "driver/runrecord.h"
 #include "kernel/array.h"
 #include "kernel/decompositions.h"
-#include "kernel/distributions.h"
 #include "report/stream.h"
 #include "report/symbols.h"
+#include "report/teststatistics.h"
 
 namespace kdr {
 
@@ -17,14 +17,7 @@ namespace {
 
 constexpr const char* plaincell = "style='border:none'";
 
-// One hypothesis: r contrast rows of n values, tightly stored.
-struct Hypothesis {
-  int number;  // from 0
-  int r, n;
-  const double* C;
-};
-
-void testheading(const Hypothesis& test) {
+void testheading(const WaldTest& test) {
   if (run.report.html) {
     report("<h5>Results of General Linear Hypothesis Testing - Test %d</h5>", test.number + 1);
     opentable();
@@ -40,7 +33,7 @@ void testheading(const Hypothesis& test) {
   reportrule(77);
 }
 
-void contrastrow(const Hypothesis& test, int g, double gamma) {
+void contrastrow(const WaldTest& test, int g, double gamma) {
   const Coefficients& coef = run.coef;
   reporthtml("<tr>");
   if (const Label& label = coef.gammanames1[g]; !isblank(label)) {
@@ -64,7 +57,7 @@ void contrastrow(const Hypothesis& test, int g, double gamma) {
 }
 
 // e = C gamma (r) and W = C vgamma C' (r x r).
-void contrastestimates(const Hypothesis& test, const double* gamma, const double* vgamma, int stride, Array<double>& e,
+void contrastestimates(const WaldTest& test, const double* gamma, const double* vgamma, int stride, Array<double>& e,
                        Array<double>& W) {
   const auto row = [&](int i) { return test.C + static_cast<std::ptrdiff_t>(i) * test.n; };
   Array<double> Vc(static_cast<std::size_t>(test.n));
@@ -101,7 +94,7 @@ double waldstatistic(int r, const Array<double>& e, const Array<double>& inverse
   return sum;
 }
 
-void estimaterows(int r, const Array<double>& e, const Array<double>& W) {
+void estimaterows(const WaldTest& test) {
   const auto cell = [](double value) {
     reporttext(" %s", fixedpoint(value, 9, 5).c_str());
     reporthtml("<td align=right style='border:none' >%s</td>", fixedpoint(value, 7, 4).c_str());
@@ -109,17 +102,16 @@ void estimaterows(int r, const Array<double>& e, const Array<double>& W) {
   reportrule(77);
   reporttext(" Estimate%31s", "");
   reporthtml("<tr><td %s colspan=2>Estimate</td>", plaincell);
-  for (int i = 0; i < r; ++i) cell(e[i]);
+  for (const double estimate : test.estimates) cell(estimate);
   report2("\n", "</tr>\n<tr>");
   reporttext(" Standard Error of estimate%13s", "");
   reporthtml("<td %s colspan=2>Standard error of estimate</td>", plaincell);
-  for (int i = 0; i < r; ++i) cell(std::sqrt(W[static_cast<std::size_t>(i) * static_cast<std::size_t>(r + 1)]));
+  for (const double error : test.errors) cell(error);
   report2("\n", "</tr>\n</tbody></table>\n");
 }
 
 void statisticlines(int r, double statistic) {
-  const bool small = statistic < r;
-  const double p = small ? 1.0 : chisqprob(r, statistic);
+  const auto [small, p] = chisquaretail(r, statistic);
   if (!run.report.html) {
     report("\nChi-square statistic = %f\nDegrees of freedom   = %d\nP-value              = ", statistic, r);
     if (small) {
@@ -145,42 +137,62 @@ void statisticlines(int r, double statistic) {
   }
 }
 
-void writetest(const Hypothesis& test, const double* gamma, const double* vgamma, int stride) {
+// Fills what follows the contrasts.
+void computetest(WaldTest& test, const double* gamma, const double* vgamma, int stride) {
+  const auto r = static_cast<std::size_t>(test.r);
+  Array<double> W(r * r), inverse(r * r);
+  test.estimates.reset(r);
+  contrastestimates(test, gamma, vgamma, stride, test.estimates, W);
+  test.computed = test.r <= test.n && invertcontrasts(test.r, W, inverse) &&
+                  std::isfinite(test.statistic = waldstatistic(test.r, test.estimates, inverse));
+  if (!test.computed) return;
+  test.errors.reset(r);
+  for (std::size_t i = 0; i < r; ++i) test.errors[i] = std::sqrt(W[i * (r + 1)]);
+}
+
+void writetest(const WaldTest& test, const double* gamma) {
   testheading(test);
   for (int g = 0; g < test.n; ++g) contrastrow(test, g, gamma[g]);
-
-  const auto r = static_cast<std::size_t>(test.r);
-  Array<double> e(r), W(r * r), inverse(r * r);
-  contrastestimates(test, gamma, vgamma, stride, e, W);
-  double statistic = 0.0;
-  const bool independent = test.r <= test.n && invertcontrasts(test.r, W, inverse) &&
-                           std::isfinite(statistic = waldstatistic(test.r, e, inverse));
-  if (!independent) {
+  if (!test.computed) {
     reporthtml("</tbody></table>\n");
     reportline("It appears that the %d constrasts you are testing are not independent.", test.r);
     reportline("The chi-square cannot be computed.");
     return;
   }
-  estimaterows(test.r, e, W);
-  statisticlines(test.r, statistic);
+  estimaterows(test);
+  statisticlines(test.r, test.statistic);
 }
+
+bool toomanycontrasts(int n) { return !run.model.hypothesisrows.empty() && run.model.hypothesisrows[0] > n; }
 
 }  // namespace
 
-void hypothesistest(int n, const double* gamma, const double* vgamma, int stride) {
+std::vector<WaldTest> waldtests(int n, const double* gamma, const double* vgamma, int stride) {
   const ModelSpec& model = run.model;
-  if (!model.hypothesisrows.empty() && model.hypothesisrows[0] > n) {
-    reportline("Sorry, but the number of contrasts cannot exceed the number of gammas.");
-    return;
-  }
+  std::vector<WaldTest> tests;
+  if (toomanycontrasts(n)) return tests;
   std::size_t first = 0;  // in contrasts
   for (std::size_t h = 0; h < model.hypothesisrows.size() && model.hypothesisrows[h] > 0; ++h) {
     const int r = model.hypothesisrows[h];
     const std::size_t next = first + static_cast<std::size_t>(r) * static_cast<std::size_t>(n);
-    if (next > model.contrasts.size()) return;
-    writetest({static_cast<int>(h), r, n, model.contrasts.data() + first}, gamma, vgamma, stride);
+    if (next > model.contrasts.size()) break;
+    WaldTest& test = tests.emplace_back();
+    test.number = static_cast<int>(h);
+    test.r = r;
+    test.n = n;
+    test.C = model.contrasts.data() + first;
+    computetest(test, gamma, vgamma, stride);
     first = next;
   }
+  return tests;
+}
+
+void hypothesistest(int n, const double* gamma, const double* vgamma, int stride) {
+  if (toomanycontrasts(n)) {
+    reportline("Sorry, but the number of contrasts cannot exceed the number of gammas.");
+    return;
+  }
+  for (const WaldTest& test : waldtests(n, gamma, vgamma, stride)) writetest(test, gamma);
 }
 
 }  // namespace kdr

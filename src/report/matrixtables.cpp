@@ -1,7 +1,6 @@
 #include "report/matrixtables.h"
 
 #include <algorithm>
-#include <cmath>
 #include <string>
 #include <vector>
 
@@ -10,6 +9,7 @@
 #include "report/modelrows.h"
 #include "report/stream.h"
 #include "report/symbols.h"
+#include "report/teststatistics.h"
 
 namespace kdr {
 
@@ -141,8 +141,7 @@ void correlationtable(Tau which, int n, const double* matrix) {
   for (int i = 0; i < n; ++i) {
     correlationlabel(which, i, bracketed(categories, i));
     for (int j = 0; j < n; ++j) {
-      const double r = matrix[i * n + j] / std::sqrt(matrix[i * n + i] * matrix[j * n + j]);
-      report2(" %s", "<td>&nbsp;%s</td>", fixedpoint(r, 6, 3).c_str());
+      report2(" %s", "<td>&nbsp;%s</td>", fixedpoint(correlationof(matrix, n, i, j), 6, 3).c_str());
     }
     report2("\n", "</tr>\n");
   }

@@ -1,13 +1,11 @@
 #include "report/modelstatistics.h"
 
-#include <algorithm>
-#include <climits>
 #include <cmath>
 #include <cstdlib>
 
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
-#include "kernel/distributions.h"
+#include "report/teststatistics.h"
 
 namespace kdr {
 
@@ -15,15 +13,8 @@ namespace {
 
 long long triangle(long long n) { return n * (n + 1) / 2; }
 
-long long parametercount(int phase) {
-  const long long taupis = phase == 1 ? run.mdm.nunits3 : 1;
-  return run.coef.ngamma + triangle(run.coef.ntaubeta) + taupis * triangle(run.coef.ntaupi) +
-         (run.iter.fixsigma2 == 0.0 ? 1 : 0);
-}
-
 void comparison(double deviance, long long parameters) {
-  const double statistic = std::fabs(deviance - run.out.deviance);
-  const int df = static_cast<int>(std::min<long long>(std::llabs(parameters - run.out.df), INT_MAX));
+  const auto [statistic, df] = comparisonof(deviance, parameters);
   report2("\n Model comparison test\n", "<h5>&nbsp;&nbsp;&nbsp;&nbsp;Model comparison test</h5>\n");
   reportrule(35);
   report2(" Chi-square statistic   = %12.5f", "&nbsp;&nbsp;&nbsp;&nbsp; &chi;<sup>2</sup> statistic   = %12.5f",
@@ -33,9 +24,8 @@ void comparison(double deviance, long long parameters) {
   reportline(" Degrees of freedom     = %6d", df);
   report2(" P", "&nbsp;&nbsp;&nbsp;&nbsp; <i>p</i>");
   report("-value                =      ");
-  const bool fits = df <= 0 || statistic < df;
-  const double p = fits ? 1.0 : chisqprob(df, statistic);
-  if (fits) {
+  const auto [below, p] = chisquaretail(df, statistic);
+  if (below) {
     report(">.500");
   } else if (p < 0.001) {
     report("<0.001");
@@ -46,6 +36,16 @@ void comparison(double deviance, long long parameters) {
 }
 
 }  // namespace
+
+long long parametercount(int phase) {
+  const long long taupis = phase == 1 ? run.mdm.nunits3 : 1;
+  return run.coef.ngamma + triangle(run.coef.ntaubeta) + taupis * triangle(run.coef.ntaupi) +
+         (run.iter.fixsigma2 == 0.0 ? 1 : 0);
+}
+
+DevianceComparison comparisonof(double deviance, long long parameters) {
+  return {std::fabs(deviance - run.out.deviance), wholedegrees(std::llabs(parameters - run.out.df))};
+}
 
 void modelstatistics(double loglik, int phase) {
   const long long parameters = parametercount(phase);

@@ -73,6 +73,7 @@ struct PassResults {
   int iteration = 0;  // the last one
   Ending ending = Ending::converged;
   double loglik = missingcode;
+  double marginal = missingcode;  // of an engine: the log-likelihood with all its constants
 
   Estimates est;  // at the end
   TauErrors errors;

@@ -5,6 +5,7 @@
 #include "report/fixedtable.h"
 #include "report/hypotheses.h"
 #include "report/matrixtables.h"
+#include "report/resultsdocument.h"
 #include "report/resultsheading.h"
 #include "report/stream.h"
 #include "report/variancetables.h"
@@ -162,6 +163,7 @@ void deletionnote() {
 
 void leastsquarestables(const LeastSquaresResults& results, const FixedDegrees& degrees) {
   const int g = run.coef.ngamma;
+  documentleastsquares(results, degrees);
   sectionheading("Least Squares Estimates", "Least Squares Estimates", 23);
   report("\n %s = %12.5f\n\n", run.sym.symvar1.c_str(), results.sigma2);
   Array<double> variances = variancesof(results.vgamma, g, results.sigma2);
@@ -202,6 +204,7 @@ void fixedeffectstables(const PassResults& results, TableKind kind) {
 }
 
 void passtables(const PassResults& results) {
+  if (shown(results)) documentpass(results);
   iterationtables(results);
   if (shown(results)) fixedeffectstables(results);
   if (results.kind == PassKind::identity) return;

@@ -16,14 +16,6 @@ namespace kdr {
 
 namespace {
 
-// The place of the dot of the last path component, or the length when it has none.
-std::size_t extensionplace(const std::string& path) {
-  const std::size_t slash = path.rfind('/');
-  const std::size_t dot = path.rfind('.');
-  if (dot == std::string::npos || (slash != std::string::npos && dot < slash)) return path.size();
-  return dot;
-}
-
 bool beginswith(const std::string& text, const char* start) {
   return strncasecmp(text.c_str(), start, std::string_view(start).size()) == 0;
 }
@@ -36,7 +28,7 @@ void numberreport() {
     files.outbase = files.outfile.substr(0, dot);
     run.report.numberedhtml = beginswith(files.outfile.substr(dot), ".htm");
   }
-  const std::string number = std::to_string((run.series.pvmode ? run.series.pvindex : run.series.miindex) + 1);
+  const std::string number = std::to_string(subrunnumber());
   files.outfile = run.report.numberedhtml ? files.outbase + "_" + number + ".html" : files.outbase + "." + number;
 }
 
@@ -46,6 +38,15 @@ void refusetooverwrite(const std::string& input) {
 }
 
 }  // namespace
+
+std::size_t extensionplace(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  const std::size_t dot = path.rfind('.');
+  if (dot == std::string::npos || (slash != std::string::npos && dot < slash)) return path.size();
+  return dot;
+}
+
+int subrunnumber() { return (run.series.pvmode ? run.series.pvindex : run.series.miindex) + 1; }
 
 void openreport(void (*check)()) {
   RunFiles& files = run.files;

@@ -16,6 +16,11 @@ inline constexpr const char* stylerule =
 inline constexpr const char* stylebottom =
     "style='border:none;border-bottom:solid windowtext 1.5pt;padding:0in 5.4pt 0in 5.4pt'";
 
+// The place of the dot of the last path component, or the length when it has none.
+[[nodiscard]] std::size_t extensionplace(const std::string& path);
+// The number of the sub-run of a series, from 1.
+[[nodiscard]] int subrunnumber();
+
 // Opens the report of this pass by run.files.outfile (asked for when empty; in a series a numbered name made from it,
 // left in outfile with its stem in outbase) and sets run.report.html by the extension. In HTML mode the page head is
 // written. A report that cannot be opened, or that would overwrite the run's own MDM file or command file, stops the

@@ -1,17 +1,16 @@
 #include "report/variancetables.h"
 
 #include <algorithm>
-#include <climits>
 #include <cmath>
 #include <string>
 #include <vector>
 
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
-#include "kernel/distributions.h"
 #include "report/modelrows.h"
 #include "report/stream.h"
 #include "report/symbols.h"
+#include "report/teststatistics.h"
 
 namespace kdr {
 
@@ -106,16 +105,16 @@ void level3effect(int i, const std::string& category, double variance, const cha
 
 // Degrees of freedom, chi-square and p-value, and the end of the row.
 void chisquare(Tau which, long long degrees, double chisq, const char* style) {
-  const int df = static_cast<int>(std::clamp<long long>(degrees, INT_MIN, INT_MAX));
-  if (df < 1 || !std::isfinite(chisq)) {
+  if (!variancetested(degrees, chisq)) {
     reporttext("  too few df to compute\n");
     reporthtml("<td align=left colspan=3 %s>too few df to compute</td></tr>\n", style);
     return;
   }
-  const double p = chisq < df ? 1.0 : chisqprob(df, chisq);
+  const int df = wholedegrees(degrees);
+  const auto [below, p] = chisquaretail(df, chisq);
   if (!run.report.html) {
     report("%s%4d  %12.5f    ", which == Tau::pi ? "  " : "", df, chisq);
-    if (chisq < df) {
+    if (below) {
       report(">.500\n");
     } else {
       report("%5.3f\n", p);
@@ -123,7 +122,7 @@ void chisquare(Tau which, long long degrees, double chisq, const char* style) {
     return;
   }
   report("<td align=right %s>%d</td><td align=right %s>%12.5f</td>", style, df, style, chisq);
-  if (chisq < df) {
+  if (below) {
     report("<td align=right %s>>.500</td>", style);
   } else if (p < 0.001) {
     report("<td align=right %s><0.001</td>", style);

@@ -73,7 +73,7 @@ class Report:
             self.single(i, word)
 
     def single(self, i, word):
-        m = re.match(r'(Standard error of )?sigma\^2(\(0\))? = +(%s)' % NUMBER, word)
+        m = re.match(r'(Standard [eE]rror of )?sigma\^2(\(0\))? = +(%s)' % NUMBER, word)
         if m:
             name = 'sesigma2' if m[1] else 'startsigma2' if m[2] else 'sigma2'
             setattr(self, name, float(m[3]))

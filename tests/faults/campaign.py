@@ -63,6 +63,7 @@ RESFIL3:Y/Z
 RESFIL3NAME:r3.dat
 PRINTVARIANCE-COVARIANCE:Y
 GRAPHGAMMAS:graph.dat
+RESULTS:results.json
 STARTVALS:start.val
 NUMIT:20,N
 STOPVAL:0.01
@@ -78,7 +79,7 @@ LAPLACE = (LINEAR.replace("NONLIN:N\n", "NONLIN:BERNOULLI\nLAPLACE:y,2\nMACROIT:
 SERIES = ("".join(line + "\n" for line in LINEAR.splitlines() if not line.startswith(("RESFIL", "GRAPH", "STARTVALS", "PRINTV")))
           .replace("OUTPUT:report.txt", "OUTPUT:series.txt") + "RESFIL1:N\nRESFIL2:N\nRESFIL3:N\n")
 
-RESULTS = ["newcmd.kdr", "r1.dat", "r2.dat", "r3.dat", "graph.dat", "tauvc.dat", "gamvc.dat", "gamvcr.dat"]
+RESULTS = ["newcmd.kdr", "r1.dat", "r2.dat", "r3.dat", "graph.dat", "results.json", "tauvc.dat", "gamvc.dat", "gamvcr.dat"]
 JOBS = {
     "construction": (["-r", "small.mdmt"], ["small.mdm", "creatmdm.mdmt", "KDR3MDM.STS"], []),
     "linear run": (["small.mdm", "linear.kdr"], RESULTS + ["start.val"], ["report.txt"]),

@@ -174,6 +174,7 @@ TEST_F(Reading, SingleValues) {
       {"POPAVIT:Y\nPOPAVIT:N", [] { return run.iter.popavit == 1; }},
       {"FIXSIGMA2:N", [] { return run.iter.fixsigma2 == 0.0; }},
       {"STARTVALS:a/b.val/writeonly", [] { return run.files.startvals == "a/b.val"; }},
+      {"RESULTS:a.json\nRESULTS:b/c.csv", [] { return run.files.results == "b/c.csv"; }},
       {"RESFILTYPE:stata\nRESFIL3NAME:u.dta",
        [] { return run.files.resfil1name == "resfil1.dta" && run.files.resfil3name == "u.dta"; }},
       {"RESFIL1:Y/A,B//Q",

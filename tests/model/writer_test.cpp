@@ -98,7 +98,7 @@ std::string recordtext() {
       << ' ' << o.df << ' ' << o.lvr << '\n';
   if (o.resfil1 || o.resfil2 || o.resfil3) out << o.resfiltype << '\n';
   const RunFiles& f = run.files;
-  out << f.outfile << '|' << f.title << '|' << f.startvals << '|' << f.graphgammas << '\n';
+  out << f.outfile << '|' << f.title << '|' << f.startvals << '|' << f.graphgammas << '|' << f.results << '\n';
   const ModelKind& k = run.kind;
   out << k.nonlin << k.ordinal << k.ncat << k.neqsets << k.nlcount << k.nlcntvar << k.outvar << k.nointercept1 << ' '
       << run.coef.npi << ' ' << run.coef.nbeta << ' ' << run.coef.ngamma << '\n';
@@ -212,6 +212,7 @@ struct Author {
     if (maybe()) out << "DIAGONALIZETAUPI:Y\n";
     if (maybe()) out << "DIAGONALIZETAUBETA:Y\n";
     if (maybe()) out << "DEBUG:" << below(4) << "\n";
+    if (maybe()) out << "RESULTS:r.json\n";
     if (maybe()) out << "GRAPHGAMMAS:g.grk\n";
     if (maybe()) out << "FULLOUTPUT:N\n";
     if (maybe()) out << "STARTVALS:start.val/writeonly\n";

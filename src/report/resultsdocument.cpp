@@ -1,0 +1,628 @@
+#include "report/resultsdocument.h"
+
+#include <strings.h>
+
+#include <algorithm>
+#include <cmath>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "data/resultfile.h"
+#include "driver/reportstream.h"
+#include "driver/runrecord.h"
+#include "report/hypotheses.h"
+#include "report/modelrows.h"
+#include "report/modelstatistics.h"
+#include "report/resultstable.h"
+#include "report/stream.h"
+#include "report/symbols.h"
+#include "report/teststatistics.h"
+
+namespace kdr {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+// Nothing is allocated before the run has begun, which is when exhausted memory gets its words.
+struct Document {
+  Json phases, warnings, failed;
+  bool averages = false;
+};
+Document document;
+
+bool wanted() { return !run.files.results.empty(); }
+
+std::size_t at(int i) { return static_cast<std::size_t>(i); }
+
+// Numbers and texts.
+
+// Null for a value that could not be computed.
+Json number(double value) { return std::isfinite(value) && value != missingcode ? Json(value) : Json(); }
+
+Json whenever(bool known, Json value) { return known ? std::move(value) : Json(); }
+
+Json textornull(const std::string& text) { return text.empty() ? Json() : Json(text); }
+
+Json bounds(const Interval& interval) {
+  return interval.known ? Json::array({number(interval.low), number(interval.high)}) : Json();
+}
+
+Json square(int n, const auto& element) {
+  Json rows = Json::array();
+  for (int i = 0; i < n; ++i) {
+    Json row = Json::array();
+    for (int j = 0; j < n; ++j) row.push_back(number(element(i, j)));
+    rows.push_back(std::move(row));
+  }
+  return rows;
+}
+
+Json square(int n, const Array<double>& matrix) {
+  if (matrix.size() != at(n) * at(n)) return {};
+  return square(n, [&](int i, int j) { return matrix[at(i) * at(n) + at(j)]; });
+}
+
+Json numbers(const Array<double>& values) {
+  Json list = Json::array();
+  for (const double value : values) list.push_back(number(value));
+  return list;
+}
+
+// p of a chi-square statistic; below its degrees of freedom the report says ">.500" and no number is known.
+void addtail(Json& test, int df, double statistic) {
+  const auto [below, p] = chisquaretail(df, statistic);
+  test["chi_square"] = number(statistic);
+  test["df"] = df;
+  test["p"] = below ? Json() : number(p);
+  if (below) test["p_note"] = ">.500";
+}
+
+// The model.
+
+Json nameornull(const Array<Name>& names, int v) { return v == 0 ? Json() : Json(leftname(names[v])); }
+
+const char* centering(const Array<int>& marks, int v) {
+  const int mark = at(v) < marks.size() ? marks[v] : 0;
+  return mark == 1 ? "group mean" : mark == 2 ? "grand mean" : "none";
+}
+
+Json categoryornull(int set) { return multinomialrun() ? textornull(categorylabel(set)) : Json(); }
+
+Json equations() {
+  const ModelRows rows = modelrows();
+  const std::vector<int> reduced = reducedeffects(rows);
+  Json list = Json::array();
+  for (const CoefficientRow& coefficient : rows.coefficients) {
+    Json terms = Json::array();
+    for (int t = coefficient.firstterm; t < coefficient.firstterm + coefficient.nterms; ++t) {
+      const TermRow& term = rows.terms[at(t)];
+      Json effects = Json::array();
+      for (int g = term.firsteffect; g < term.firsteffect + term.neffects; ++g) {
+        const EffectRow& effect = rows.effects[at(g)];
+        effects.push_back({{"variable", leftname(run.mdm.names3[effect.variable])},
+                           {"centering", centering(run.model.center3, effect.variable)},
+                           {"subscript", effectdigits(rows, effect)},
+                           {"fixed_effect", reduced[at(g)]},
+                           {"constraint_group", effect.group}});
+      }
+      terms.push_back({{"variable", leftname(run.mdm.names2[term.variable])},
+                       {"centering", centering(run.model.center2, term.variable)},
+                       {"subscript", termdigits(rows, term)},
+                       {"random", term.random},
+                       {"effects", std::move(effects)}});
+    }
+    list.push_back({{"category", categoryornull(coefficient.set)},
+                    {"variable", leftname(run.mdm.names1[coefficient.variable])},
+                    {"centering", coefficient.threshold ? "none" : centering(run.model.center1, coefficient.variable)},
+                    {"subscript", std::to_string(coefficient.subscript)},
+                    {"threshold", coefficient.threshold},
+                    {"random", coefficient.random},
+                    {"terms", std::move(terms)}});
+  }
+  return list;
+}
+
+const char* distribution() {
+  const ModelKind& kind = run.kind;
+  if (kind.mnrun) return kind.ordinal ? "ordinal" : "multinomial";
+  if (!kind.nlrun) return "normal";
+  return kind.nonlin == 2 ? "poisson" : kind.nlcount ? "binomial" : "bernoulli";
+}
+
+Json model() {
+  const OutputControl& out = run.out;
+  Json categories = Json::array();
+  if (run.kind.mnrun)
+    for (int k = 0; k < run.kind.ncat; ++k) categories.push_back(categorylabel(k));
+  const char* links[] = {"logit", "log", run.kind.ordinal ? "cumulative logit" : "multinomial logit"};
+  return {{"outcome", leftname(run.kind.outname)},
+          {"distribution", distribution()},
+          {"link", run.kind.linear() ? "identity" : links[run.kind.nonlin - 1]},
+          {"count_variable", run.kind.nlcount ? nameornull(run.mdm.names1, run.kind.nlcntvar) : Json()},
+          {"categories", std::move(categories)},
+          {"equations", equations()},
+          {"sigma2_held_at", whenever(run.iter.fixsigma2 != 0.0, number(run.iter.fixsigma2))},
+          {"weights",
+           {{"level1", nameornull(run.mdm.names1, out.wgtvar1)},
+            {"level2", nameornull(run.mdm.names2, out.wgtvar2)},
+            {"level3", nameornull(run.mdm.names3, out.wgtvar3)},
+            {"known_variance", nameornull(run.mdm.names1, out.autovknown)}}}};
+}
+
+// Fixed effects.
+
+// A covariance of the fixed effects, with its degrees of freedom; null matrices have no tests.
+struct Covariance {
+  const Array<double>* matrix = nullptr;
+  const FixedDegrees* degrees = nullptr;
+  double scale = 1.0;
+};
+
+bool known(const Covariance& covariance) { return covariance.matrix != nullptr && !covariance.matrix->empty(); }
+
+Json tested(const Estimate& row, bool withratio) {
+  Json test{{"standard_error", whenever(row.se != 0.0, number(row.se))},
+            {"t", whenever(row.se != 0.0, number(row.t))},
+            {"df", row.df},
+            {"p", whenever(row.tested, number(row.p))},
+            {"p_rough", row.rough},
+            {"interval", bounds(intervalof(row))}};
+  if (withratio) test["ratio_interval"] = bounds(ratioof(row).interval);
+  return test;
+}
+
+Json fixedeffects(const Array<double>& gamma, const Covariance& model, const Covariance& robust, bool leastsquares,
+                  bool withratio) {
+  const ModelRows rows = modelrows();
+  const int n = run.coef.ngamma;
+  const FixedDegrees none;
+  const auto variances = [&](const Covariance& covariance) {
+    return known(covariance) ? variancesof(*covariance.matrix, n, covariance.scale) : Array<double>();
+  };
+  const Array<double> modelvariances = variances(model), robustvariances = variances(robust);
+  const auto side = [&](const Covariance& covariance, const Array<double>& variance, int g) {
+    if (variance.empty()) return Json();
+    const FixedDegrees& degrees = covariance.degrees == nullptr ? none : *covariance.degrees;
+    return tested(estimateof({gamma, variance, degrees}, leastsquares, g), withratio);
+  };
+  Json list = Json::array();
+  int g = 0;
+  for (const EffectRow& effect : rows.effects) {
+    if (effect.removed) continue;
+    const CoefficientRow& owner = rows.owner(effect);
+    Json row{{"category", categoryornull(owner.set)},
+             {"level1", leftname(run.mdm.names1[owner.variable])},
+             {"level2", leftname(run.mdm.names2[rows.termof(effect).variable])},
+             {"level3", leftname(run.mdm.names3[effect.variable])},
+             {"subscript", effectdigits(rows, effect)},
+             {"threshold", owner.threshold},
+             {"estimate", number(gamma[g])}};
+    if (withratio) row["ratio"] = number(std::exp(gamma[g]));
+    row["model_based"] = side(model, modelvariances, g);
+    row["robust"] = side(robust, robustvariances, g);
+    list.push_back(std::move(row));
+    ++g;
+  }
+  return list;
+}
+
+void addhypotheses(Json& list, const char* name, const Array<double>& gamma, const Covariance& covariance) {
+  if (!run.model.nhypotheses || !known(covariance)) return;
+  const int n = run.coef.ngamma;
+  for (const WaldTest& test : waldtests(n, gamma.data(), covariance.matrix->data(), n)) {
+    Json contrasts = Json::array();
+    for (int row = 0; row < test.r; ++row) {
+      Json contrast = Json::array();
+      for (int g = 0; g < n; ++g) contrast.push_back(number(test.C[row * n + g]));
+      contrasts.push_back(std::move(contrast));
+    }
+    Json entry{{"number", test.number + 1},
+               {"standard_errors_by", name},
+               {"contrasts", std::move(contrasts)},
+               {"estimates", test.computed ? numbers(test.estimates) : Json()},
+               {"standard_errors", test.computed ? numbers(test.errors) : Json()}};
+    if (test.computed) {
+      addtail(entry, test.r, test.statistic);
+    } else {
+      entry.update({{"chi_square", nullptr}, {"df", test.r}, {"p", nullptr}});
+    }
+    list.push_back(std::move(entry));
+  }
+}
+
+// All that hangs on the fixed effects of a phase.
+void addeffects(Json& phase, const Array<double>& gamma, const Covariance& model, const Covariance& robust,
+                bool leastsquares, bool withratio) {
+  phase["fixed_effects"] = fixedeffects(gamma, model, robust, leastsquares, withratio && !run.kind.linear());
+  Json tests = Json::array();
+  if (!leastsquares) {
+    addhypotheses(tests, "model_based", gamma, model);
+    addhypotheses(tests, "robust", gamma, robust);
+  }
+  phase["hypothesis_tests"] = std::move(tests);
+}
+
+// Variance components.
+
+Json taurows(Tau which, int n) {
+  const Coefficients& coef = run.coef;
+  const ModelRows rows = modelrows();
+  std::vector<int> sets;
+  for (const CoefficientRow& row : rows.coefficients)
+    if (which == Tau::pi && row.random) sets.push_back(row.set);
+  for (const TermRow& row : rows.terms)
+    if (which == Tau::beta && row.random) sets.push_back(rows.owner(row).set);
+  sets.resize(at(n));
+  Json list = Json::array();
+  for (int i = 0; i < n; ++i) {
+    const bool pi = which == Tau::pi;
+    std::string digits = std::to_string(subscriptof(pi ? coef.pisubs : coef.betasubs1, i));
+    if (!pi) digits += std::to_string(subscriptof(coef.betasubs2, i));
+    list.push_back({{"category", categoryornull(sets[at(i)])},
+                    {"level1", leftname(labelof(pi ? coef.pinames : coef.betanames1, i))},
+                    {"level2", pi ? Json() : Json(leftname(labelof(coef.betanames2, i)))},
+                    {"subscript", digits}});
+  }
+  return list;
+}
+
+// What a tau of a phase has; null pointers and empty arrays are not known.
+struct TauParts {
+  int n = 0;
+  const Array<double>* tau = nullptr;
+  const Array<double>* errors = nullptr;
+  const Array<double>* reliabilities = nullptr;
+  int reliabilityunits = 0;
+};
+
+Json taumatrix(Tau which, const TauParts& parts) {
+  const double* tau = parts.tau->data();
+  const auto correlation = [&](int i, int j) { return correlationof(tau, parts.n, i, j); };
+  const bool reliable = parts.reliabilities != nullptr && parts.reliabilityunits > 0;
+  return {{"rows", taurows(which, parts.n)},
+          {"estimate", square(parts.n, *parts.tau)},
+          {"standard_error", parts.errors == nullptr ? Json() : square(parts.n, *parts.errors)},
+          {"correlation", square(parts.n, correlation)},
+          {"reliability", reliable ? numbers(*parts.reliabilities) : Json()},
+          {"reliability_units", whenever(reliable, parts.reliabilityunits)}};
+}
+
+Json sigma2of(double estimate, bool held, bool errorknown, double error) {
+  return {
+      {"estimate", number(estimate)}, {"standard_error", whenever(errorknown && !held, number(error))}, {"held", held}};
+}
+
+// The tests of the variances on a diagonal.
+Json variancetests(const Array<double>& tau, const Array<double>& chisq, const Array<long long>& df) {
+  Json list = Json::array();
+  const int n = static_cast<int>(df.size());
+  for (int i = 0; i < n; ++i) {
+    const double variance = std::max(0.0, tau[at(i) * at(n) + at(i)]);
+    Json row{{"variance", number(variance)}, {"standard_deviation", number(std::sqrt(variance))}};
+    if (variancetested(df[i], chisq[i])) {
+      addtail(row, wholedegrees(df[i]), chisq[i]);
+    } else {
+      row.update({{"chi_square", nullptr}, {"df", nullptr}, {"p", nullptr}});
+    }
+    list.push_back(std::move(row));
+  }
+  return list;
+}
+
+// Likelihood.
+
+// Deviance and criteria; nulls where the likelihood is that of no model of the outcome.
+void addlikelihood(Json& phase, double loglik, bool comparable, long long parameters) {
+  const double deviance = -2.0 * loglik;
+  const bool has = comparable && loglik != missingcode && std::isfinite(deviance);
+  const auto count = static_cast<double>(parameters);
+  phase["log_likelihood"] = number(loglik);
+  phase["deviance"] = whenever(has, deviance);
+  phase["parameters"] = parameters;
+  phase["aic"] = whenever(has, deviance + 2.0 * count);
+  phase["bic"] = whenever(has, deviance + count * std::log(static_cast<double>(run.mdm.nunits1)));
+  phase["bic_sample_size"] = whenever(has, run.mdm.nunits1);
+  Json comparison;
+  if (has && run.out.deviance != missingcode) {
+    const auto [statistic, df] = comparisonof(deviance, parameters);
+    addtail(comparison, df, statistic);
+  }
+  phase["model_comparison"] = std::move(comparison);
+}
+
+// The shares of a linear model with nothing but an intercept that varies at all three levels.
+Json intraclass(double sigma2, const Array<double>& taupi, const Array<double>& taubeta) {
+  const ModelRows rows = modelrows();
+  const bool null = run.kind.linear() && run.out.autovknown == 0 && rows.effects.size() == 1 && taupi.size() == 1 &&
+                    taubeta.size() == 1 && rows.coefficients[0].variable == 0 && rows.terms[0].variable == 0 &&
+                    rows.effects[0].variable == 0;
+  if (!null) return {};
+  const double total = sigma2 + taupi[0] + taubeta[0];
+  return {{"share_level1", number(sigma2 / total)},
+          {"share_level2", number(taupi[0] / total)},
+          {"share_level3", number(taubeta[0] / total)},
+          {"same_level3_unit", number(taubeta[0] / total)},
+          {"same_level2_unit", number((taupi[0] + taubeta[0]) / total)}};
+}
+
+// Phases.
+
+const char* phasename(const PassResults& results) {
+  switch (results.kind) {
+    case PassKind::linear:
+      return results.heterogeneous ? "heterogeneous" : "final";
+    case PassKind::identity:
+      return "identity";
+    case PassKind::pql:
+    case PassKind::categories:
+      return "pql";
+    case PassKind::populationaverage:
+      return "population_average";
+    case PassKind::laplace6:
+      return "laplace6";
+    default:
+      return "quadrature";
+  }
+}
+
+const char* endingname(Ending ending) {
+  return ending == Ending::converged ? "converged" : ending == Ending::limit ? "limit" : "keyboard";
+}
+
+bool isengine(const PassResults& results) {
+  return results.kind == PassKind::laplace6 || results.kind == PassKind::quadrature;
+}
+
+constexpr const char* fewunits = "The robust standard errors are for data with a larger number of level-3 units.";
+constexpr const char* norobust = "The robust standard errors cannot be computed for this model.";
+
+Json warningsof(const PassResults& results) {
+  Json warnings = Json::array();
+  for (const std::string& warning : results.warnings) warnings.push_back(warning);
+  if (results.errors.asked && !results.errors.known && !results.tausstand())
+    warnings.push_back("Standard errors of the variance components are not computable.");
+  const bool hasrobust = results.kind != PassKind::identity && !isengine(results) && !results.heterogeneous;
+  if (hasrobust && results.robust.empty()) warnings.push_back(norobust);
+  if (hasrobust && !results.robust.empty() && results.fewunits) warnings.push_back(fewunits);
+  return warnings;
+}
+
+void addvariances(Json& phase, const PassResults& results) {
+  const bool stand = results.tausstand(), errors = results.errors.known;
+  const Estimates& est = results.est;
+  const int p = run.coef.ntaupi, b = run.coef.ntaubeta;
+  const Reliabilities& rel = results.reliabilities;
+  const bool held = results.fixsigma2 != 0.0;
+  const bool heldbyvariable = run.kind.linear() && run.out.autovknown != 0;
+  phase["sigma2"] = isengine(results)
+                        ? Json()
+                        : sigma2of(heldbyvariable ? missingcode : est.sigma2, held, errors, results.errors.sigma2);
+  phase["tau_pi"] =
+      stand || results.heterogeneous
+          ? Json()
+          : taumatrix(Tau::pi, {p, &est.taupi, errors ? &results.errors.taupi : nullptr, &rel.level2, rel.units2});
+  phase["tau_beta"] =
+      stand
+          ? Json()
+          : taumatrix(Tau::beta, {b, &est.taubeta, errors && !results.heterogeneous ? &results.errors.taubeta : nullptr,
+                                  &rel.level3, rel.units3});
+  const VarianceTests& tests = results.tests;
+  const bool show = !stand && !isengine(results) && results.kind != PassKind::identity && !results.heterogeneous;
+  if (!show) {
+    phase["variance_tests"] = nullptr;
+    return;
+  }
+  phase["variance_tests"] = {{"level2", variancetests(est.taupi, tests.chisq2, tests.df2)},
+                             {"level2_units", tests.units2},
+                             {"level3", variancetests(est.taubeta, tests.chisq3, tests.df3)},
+                             {"level3_units", tests.units3}};
+}
+
+// A phase takes the place of an earlier one of its name.
+void addphase(Json phase) {
+  for (std::size_t i = 0; i < document.phases.size(); ++i)
+    if (document.phases[i]["phase"] == phase["phase"]) document.phases.erase(i--);
+  document.phases.push_back(std::move(phase));
+}
+
+Json phaseof(const PassResults& results) {
+  Json phase{{"phase", phasename(results)},
+             {"macro_iteration", whenever(results.macro != 0, results.macro)},
+             {"iterations", results.iteration},
+             {"ending", endingname(results.ending)},
+             {"converged", results.ending == Ending::converged}};
+  const bool comparable = results.kind == PassKind::linear || isengine(results);
+  addlikelihood(phase, results.loglik, comparable, parametercount(results.heterogeneous ? 1 : 2));
+  phase["marginal_log_likelihood"] = number(results.marginal);
+  addvariances(phase, results);
+  phase["intraclass_correlation"] = results.heterogeneous || results.kind != PassKind::linear
+                                        ? Json()
+                                        : intraclass(results.est.sigma2, results.est.taupi, results.est.taubeta);
+  addeffects(phase, results.est.gammahat, {&results.covariance, &results.degrees},
+             {results.heterogeneous ? nullptr : &results.robust, &results.degrees}, false,
+             results.kind != PassKind::identity);
+  phase["warnings"] = warningsof(results);
+  return phase;
+}
+
+Json averagedphase(const char* name, const PooledEffects& effects, const AveragedFrame& frame) {
+  Json phase{{"phase", name},
+             {"macro_iteration", nullptr},
+             {"iterations", nullptr},
+             {"ending", nullptr},
+             {"converged", nullptr},
+             {"log_likelihood", nullptr},
+             {"deviance", nullptr},
+             {"parameters", nullptr},
+             {"aic", nullptr},
+             {"bic", nullptr},
+             {"bic_sample_size", nullptr},
+             {"model_comparison", nullptr},
+             {"sigma2", nullptr},
+             {"tau_pi", nullptr},
+             {"tau_beta", nullptr},
+             {"marginal_log_likelihood", nullptr},
+             {"variance_tests", nullptr},
+             {"intraclass_correlation", nullptr}};
+  const FixedDegrees model{effects.model.df.copy(), frame.degrees.rough.copy()};
+  const FixedDegrees robust{effects.robust.df.copy(), frame.degrees.rough.copy()};
+  addeffects(phase, effects.gamma, {&effects.model.covariance, &model},
+             {effects.robust.known ? &effects.robust.covariance : nullptr, &robust}, false, true);
+  phase["warnings"] = Json::array();
+  if (!effects.robust.known) phase["warnings"].push_back(norobust);
+  return phase;
+}
+
+// The whole.
+
+Json seriesfacts() {
+  const SeriesMode& series = run.series;
+  if (!series.mimode && !series.pvmode) return {};
+  Json facts{
+      {"kind", series.pvmode ? "plausible values" : "multiple imputation"},
+      {"subrun", document.averages ? Json() : Json(subrunnumber())},
+      {"plausible_value", series.pvmode && !document.averages ? nameornull(run.mdm.names1, series.pvcurrent) : Json()}};
+  facts["failed_subruns"] = document.failed;
+  return facts;
+}
+
+// Of the averages of a multiple imputation nothing is known of how the other processes ended.
+Json converged() {
+  if (!document.averages) return !run.id.passunconverged;
+  return run.series.mimode ? Json() : Json(!run.id.unconverged);
+}
+
+Json filesmade() {
+  Json files = Json::array();
+  if (!reportisstdout()) files.push_back(document.averages ? averagedreportname() : run.files.outfile);
+  if (!document.averages)
+    for (const std::string& name : run.files.made) files.push_back(name);
+  return files;
+}
+
+Json wholedocument() {
+  return {{"format", "kdr3 results"},
+          {"format_version", 1},
+          {"program", module},
+          {"version", version},
+          {"title", run.files.title},
+          {"data", {{"mdm_file", run.files.mdmfile}, {"command_file", textornull(run.files.cmdshown)}}},
+          {"dimensions",
+           {{"records", run.mdm.nunits1}, {"level2_units", run.mdm.nunits2}, {"level3_units", run.mdm.nunits3}}},
+          {"model", model()},
+          {"series", seriesfacts()},
+          {"converged", converged()},
+          {"phases", document.phases},
+          {"warnings", document.warnings},
+          {"files", filesmade()}};
+}
+
+bool istable(const std::string& path) { return strcasecmp(path.substr(extensionplace(path)).c_str(), ".csv") == 0; }
+
+void writedocument(const std::string& path) {
+  const Json whole = wholedocument();
+  const std::string text =
+      istable(path) ? resultstable(whole) : whole.dump(1, ' ', false, Json::error_handler_t::replace) + "\n";
+  ResultFile file;
+  openresult(file, path);
+  writeresult(file, text);
+  finishresult(file);
+}
+
+}  // namespace
+
+void startdocument() {
+  document = {Json::array(), Json::array(), Json::array(), false};
+  run.id.passunconverged = false;
+  run.files.made.clear();
+}
+
+void documentpass(const PassResults& results) {
+  if (wanted()) addphase(phaseof(results));
+}
+
+void documentleastsquares(const LeastSquaresResults& results, const FixedDegrees& degrees) {
+  if (!wanted()) return;
+  Json phase{{"phase", "least_squares"},
+             {"macro_iteration", nullptr},
+             {"iterations", nullptr},
+             {"ending", nullptr},
+             {"converged", true}};
+  addlikelihood(phase, results.loglik, true, run.coef.ngamma + 1);
+  phase["model_comparison"] = nullptr;
+  phase["marginal_log_likelihood"] = nullptr;
+  phase["sigma2"] = sigma2of(results.sigma2, false, false, 0.0);
+  phase["tau_pi"] = phase["tau_beta"] = phase["variance_tests"] = phase["intraclass_correlation"] = nullptr;
+  addeffects(phase, results.gamma, {&results.vgamma, &degrees, results.sigma2}, {&results.robust, &degrees}, true,
+             false);
+  phase["warnings"] = Json::array();
+  if (results.robust.empty()) {
+    phase["warnings"].push_back(norobust);
+  } else if (results.fewunits) {
+    phase["warnings"].push_back(fewunits);
+  }
+  addphase(std::move(phase));
+}
+
+void documentheterogeneous(const PassResults& results, const Array<double>& mean, const Array<double>& weighted) {
+  if (!wanted()) return;
+  Json phase = phaseof(results);
+  const int p = run.coef.ntaupi;
+  phase["tau_pi_average"] = square(p, mean);
+  phase["tau_pi_weighted_average"] = square(p, weighted);
+  addphase(std::move(phase));
+}
+
+void documentaverages(const Pooled& pooled, const AveragedFrame& frame, std::span<const int> failed) {
+  document.averages = true;
+  if (!wanted()) return;
+  for (const int index : failed) document.failed.push_back(index + 1);
+  Json phase = averagedphase("average", pooled.effects, frame);
+  const int q = static_cast<int>(pooled.reliability2.size()), r = static_cast<int>(pooled.reliability3.size());
+  phase["subruns"] = pooled.M;
+  phase["sigma2"] = sigma2of(pooled.sigma2, frame.sigma2fixed, pooled.errorsknown, pooled.sigma2error);
+  phase["tau_pi"] = taumatrix(Tau::pi, {q, &pooled.taupi, pooled.errorsknown ? &pooled.taupierrors : nullptr,
+                                        &pooled.reliability2, pooled.units3});
+  phase["tau_beta"] = taumatrix(Tau::beta, {r, &pooled.taubeta, pooled.errorsknown ? &pooled.taubetaerrors : nullptr,
+                                            &pooled.reliability3, pooled.units3});
+  const auto [df2, df3] = averageddegrees(pooled, frame);
+  phase["variance_tests"] = {{"level2", variancetests(pooled.taupi, pooled.chisq2, df2)},
+                             {"level2_units", pooled.testunits2},
+                             {"level3", variancetests(pooled.taubeta, pooled.chisq3, df3)},
+                             {"level3_units", pooled.testunits3}};
+  phase["intraclass_correlation"] = intraclass(pooled.sigma2, pooled.taupi, pooled.taubeta);
+  addphase(std::move(phase));
+  if (!pooled.popaverage.gamma.empty()) {
+    Json average = averagedphase("average_population_average", pooled.popaverage, frame);
+    average["subruns"] = pooled.M;
+    addphase(std::move(average));
+  }
+}
+
+void documentending(bool converged) {
+  if (wanted() && !document.phases.empty()) document.phases.back()["converged"] = converged;
+}
+
+void documentwarning(const std::string& words) {
+  if (wanted()) document.warnings.push_back(words);
+}
+
+std::string resultsname() {
+  const std::string& name = run.files.results;
+  if (name.empty() || (!run.series.mimode && !run.series.pvmode)) return name;
+  const std::size_t dot = extensionplace(name);
+  return name.substr(0, dot) + "_" + std::to_string(subrunnumber()) + name.substr(dot);
+}
+
+void writeresults() {
+  if (wanted()) writedocument(resultsname());
+}
+
+void writeaveragedresults() {
+  if (wanted() && document.averages && !document.phases.empty()) writedocument(run.files.results);
+}
+
+}  // namespace kdr
