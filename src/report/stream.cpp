@@ -1,7 +1,10 @@
 #include "report/stream.h"
 
 #include <strings.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <utility>
@@ -45,12 +48,53 @@ void refusetooverwrite(const std::string& input) {
     stopwith("The output file %s is an input file of this run\n", run.files.outfile.c_str());
 }
 
+// Whether a report can be written at the path: without touching it, which a reader at the other end of a pipe would
+// see.
+bool writable(const std::string& path) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) == 0) {
+    errno = EISDIR;
+    return !S_ISDIR(status.st_mode) && access(path.c_str(), W_OK) == 0;
+  }
+  if (path.empty() || errno != ENOENT) return false;
+  const std::size_t slash = path.rfind('/');
+  if (slash + 1 == path.size()) return false;
+  const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+  return access(folder.c_str(), W_OK | X_OK) == 0;
+}
+
+// Says so where the answer to the question is none for this run.
+bool usableanswer() {
+  const std::string& path = run.files.outfile;
+  for (const std::string& input : {run.files.mdmfile, run.files.cmdfile})
+    if (samefile(path, input)) {
+      std::printf("The output file %s is an input file of this run\n", path.c_str());
+      return false;
+    }
+  if (writable(path)) return true;
+  std::perror("");
+  std::printf("Unable to open %s for writing\n", path.c_str());
+  return false;
+}
+
+void askreport() {
+  std::string& path = run.files.outfile;
+  for (int tries = 0; tries < maxtries; ++tries) {
+    if (!readanswer("Enter name of output file: ", path, Question::outputfile)) return;
+    if (reportisstdout() || run.series.pvmode || run.series.mimode || usableanswer()) return;
+  }
+  noproperresponse();
+}
+
 }  // namespace
 
-void openreport(void (*check)()) {
+void openreport(void (*check)(), void (*keep)()) {
   RunFiles& files = run.files;
   const bool laterpass = run.series.pvmode && run.series.pvindex > 0 && !files.outbase.empty();
-  if (files.outfile.empty() && !laterpass) readanswer("Enter name of output file: ", files.outfile);
+  if (files.outfile.empty() && !laterpass) {
+    if (keep != nullptr) keep();
+    askreport();
+  }
   const bool series = run.series.pvmode || run.series.mimode;
   if (!reportisstdout() && series) numberreport();
   const std::size_t dot = files.outfile.rfind('.');

@@ -249,7 +249,8 @@ struct Bytes {
 };
 
 // Two rows of the level-1 file of a multinomial run with three categories, in the bytes that each form wants.
-const double values[2][7] = {{0.25, -0.75, 0.75, 0.125, 1.5, 40, 1}, {-0.5, 1234567.5, 0.5, 0.25, 1.5, missingcode, 12}};
+const double values[2][7] = {{0.25, -0.75, 0.75, 0.125, 1.5, 40, 1},
+                             {-0.5, 1234567.5, 0.5, 0.25, 1.5, missingcode, 12}};
 const char* const rowids[2] = {"          A1", "    B, \"2\" c"};
 
 std::string wantedspss() {
@@ -272,7 +273,8 @@ std::string wantedspss() {
 }
 
 std::string wantedstata() {
-  const std::vector<const char*> all = {"L3ID", "L2ID", "L1RES_1", "L1RES_2", "FITVAL_1", "FITVAL_2", "SIGMA", "SIZE", "RECNUM"};
+  const std::vector<const char*> all = {"L3ID",     "L2ID",  "L1RES_1", "L1RES_2", "FITVAL_1",
+                                        "FITVAL_2", "SIGMA", "SIZE",    "RECNUM"};
   Bytes b;
   b.field("\x71\2\1", 4, '\0').field("\x09", 2, '\0').ints({2}).field("", 99, '\0');
   b.field("\x0c\x0c", 9, '\xff');

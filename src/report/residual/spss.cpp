@@ -93,8 +93,8 @@ void writeheadspss(ResidualFile& file, int cases) {
   }
   if (layout.hascount()) putvariable(out, 0, false, formatF8_0, layout.countname());
   for (const ResidualColumn& column : layout.columns)
-    putvariable(out, 0, column.group == ColumnGroup::OL,
-                column.group == ColumnGroup::record ? formatF8_0 : formatF12_3, column.shortname);
+    putvariable(out, 0, column.group == ColumnGroup::OL, column.group == ColumnGroup::record ? formatF8_0 : formatF12_3,
+                column.shortname);
   putlongnames(out, layout);
   putints(out, {999, 0});
 }
