@@ -43,6 +43,15 @@ void numberreport() {
   files.outfile = run.report.numberedhtml ? files.outbase + "_" + number + ".html" : files.outbase + "." + number;
 }
 
+constexpr const char* stylesheet =
+    "<style>\n"
+    "body { margin: 1em 2em; font-family: Georgia, 'Times New Roman', serif; line-height: 1.35; }\n"
+    "h1 { font-size: 100%; }\n"
+    "h1 table { font-weight: normal; }\n"
+    "table { margin: 0.4em 0; }\n"
+    "td { font-variant-numeric: tabular-nums; }\n"
+    "</style>\n";
+
 void refusetooverwrite(const std::string& input) {
   if (samefile(run.files.outfile, input))
     stopwith("The output file %s is an input file of this run\n", run.files.outfile.c_str());
@@ -107,9 +116,13 @@ void openreport(void (*check)(), void (*keep)()) {
     refusetooverwrite(files.cmdfile);
     run.report.stream = openfile(files.outfile, series ? "w+" : "w");
   }
+  const std::string title = escaped(files.title);
   reporthtml(
-      "<html lang=en>\n<meta http-equiv=\"content-type\" content=\"text/html;charset=utf-8\" />\n"
-      "<body bgcolor=\"FFFFFF\" fgcolor=\"000000\">\n");
+      "<!DOCTYPE html>\n<html lang=en>\n<head>\n"
+      "<meta http-equiv=\"content-type\" content=\"text/html;charset=utf-8\" />\n"
+      "<title>%s</title>\n%s</head>\n"
+      "<body bgcolor=\"FFFFFF\" fgcolor=\"000000\">\n",
+      title.find_first_not_of(' ') == std::string::npos ? module : title.c_str(), stylesheet);
 }
 
 void closereport() {

@@ -55,6 +55,10 @@ def compare(file, made):
         STORED.mkdir(exist_ok=True)
         (STORED / file).write_text(made)
     stored = (STORED / file).read_text()
+    if file.endswith("html"):
+        for mark in ("<!DOCTYPE html>", "<head>", "</head>", "<body ", "</body></html>"):
+            check(made.count(mark) == 1, f"{file}: {made.count(mark)} times {mark}")
+        check(re.search(r"<[^a-zA-Z/!]", made) is None, f"{file}: a < that is no tag")
     for line, (a, b) in enumerate(zip(made.splitlines(), stored.splitlines()), 1):
         if a != b:
             check(False, f"{file}, line {line}: {a!r}, stored {b!r}")
