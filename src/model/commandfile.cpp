@@ -96,6 +96,9 @@ void endoffile(const CommandReader& reader) {
   checksets(reader);
   if (reader.deviance != reader.df) std::printf(" Deviance and df must be specified together\n");
   checkorders();
+  if (reader.oddhypothesis != 0)
+    stopwith("The line GAMMA%d: has %d numbers, and the model has %d fixed effects!\n", reader.oddhypothesis,
+             reader.oddnumbers, countfixedeffects());
   checkconstraints();
 }
 

@@ -13,6 +13,8 @@ struct CommandReader {
   LineReader lines;
   bool deviance = false, df = false;  // that keyword was read
   int hypothesis = 0;                 // of the last GAMMA line
+  int oddhypothesis = 0;              // of the first GAMMA line with another count of numbers than of fixed effects
+  int oddnumbers = 0;                 // and its count
   int set = -1;                       // the equation set of the LEVEL1: line in hand
   int ncoef1 = 0;                     // level-1 coefficients of the set so far
   int ncoef2 = 0;                     // level-2 coefficients of the set so far

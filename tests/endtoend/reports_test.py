@@ -27,7 +27,7 @@ everything = {
     # Exploratory lists, hypotheses, a comparison, constraints, a fixed sigma^2, a taupi that is held diagonal.
     "features": work.write("features.kdr", work.read("model2.kdr").replace("+SCHGCSE,2+RANDOM/\nLEVEL3:INTRCPT2=INTRCPT3+LEAGCSE,2+RANDOM/",
                                                                         "+SCHGCSE,2+RANDOM/SCHSIZE\nLEVEL3:INTRCPT2=INTRCPT3+LEAGCSE,2+RANDOM/LEANSCH")
-                           .replace("CONSTRAIN:N", "CONSTRAIN:0,0,1,0,0,1\nGAMMA1:0,1,0,0,0\nGAMMA2:0,0,0,1,0\nGAMMA2:0,0,1,0,0\nDEVIANCE:140600\nDF:9\nDIAGONALIZETAUPI:Y")),
+                           .replace("CONSTRAIN:N", "CONSTRAIN:0,0,1,0,0,1\nGAMMA1:0,1,0,0,0,0\nGAMMA2:0,0,0,1,0,0\nGAMMA2:0,0,1,0,0,0\nDEVIANCE:140600\nDF:9\nDIAGONALIZETAUPI:Y")),
 }
 for file in (ROOT / "examples" / "prenatal").iterdir():
     shutil.copy(file, work.folder)
