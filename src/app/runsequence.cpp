@@ -64,7 +64,7 @@ void untilexists(std::string& path, const char* words) {
 void askmdmfile() {
   std::string& path = run.files.mdmfile;
   for (int tries = 0; tries < maxtries; ++tries) {
-    readanswer("\nEnter name of MDM file: ", path);
+    readanswer("\nEnter name of MDM file: ", path, Question::mdmfile);
     path.resize(std::min<std::size_t>(path.size(), maxpath - 1));
     if (path.empty()) continue;
     if (fileexists(path)) return;
@@ -136,6 +136,12 @@ void checkfiles() {
   refuseclashes(inputs, outputs);
 }
 
+// The answers of the dialogue as a command file, before the question for the report, which may be in vain.
+void keepanswers() {
+  checkfiles();
+  writecommandfile(newcommandfile);
+}
+
 void readmodel() {
   untilexists(run.files.mdmfile, "mdm");
   run.mdm.stream = openfile(run.files.mdmfile, "rb");
@@ -166,7 +172,7 @@ void openresults() {
   startdocument();
   checkscratch();
   buildsummary();
-  openreport(checkfiles);
+  openreport(checkfiles, keepanswers);
   setsymbols();
   makerowlabels();
   writeheader();

@@ -10,6 +10,7 @@
 
 #include "data/levelsource.h"
 #include "data/readers/ascii.h"
+#include "data/readers/other.h"
 #include "data/readers/sastransport.h"
 #include "data/template.h"
 #include "driver/failures.h"
@@ -52,7 +53,7 @@ void askformat(int level) {
   for (int tries = 0; tries < maxtries; ++tries) {
     std::printf("The first A field must be a character level-3 id%s\n",
                 level < 2 ? ", the second, the level-2 id" : "");
-    if (!readanswer(formatted(" Input format of level-%1d file: ", level + 1), format)) continue;
+    if (!readanswer(formatted(" Input format of level-%1d file: ", level + 1), format, Question::format)) continue;
     if (format.size() >= maxformat) {
       std::printf(" A format has at most %d characters.\n", static_cast<int>(maxformat) - 1);
     } else if (checkformat(format)) {
@@ -66,7 +67,7 @@ void askrawfile(int level) {
   std::string& name = raw.level[level].filename;
   const std::string prompt = formatted("\nInput name of level-%1d file: ", level + 1);
   for (int tries = 0; tries < maxtries; ++tries) {
-    if (!readanswer(prompt, name) || name.empty()) continue;
+    if (!readanswer(prompt, name, Question::rawfile) || name.empty()) continue;
     if (name.size() >= maxpath) {
       std::printf("File name too long: %s\n", name.c_str());
     } else if (isfile(name) || (rawis(rawsas) && name.ends_with(".ssp") && sasconvert(name))) {
@@ -84,13 +85,14 @@ void asktypedfile(int level) {
   const std::string prompt =
       formatted("\nEnter Stat/Transfer filename for level-%1d or hit enter to be prompted:", level + 1);
   for (int tries = 0; tries < maxtries; ++tries) {
-    if (!readanswer(prompt, name)) continue;
+    if (!readanswer(prompt, name, Question::typedfile, othertypes())) continue;
     if (name.empty()) {
       std::printf("There are no windows here to choose from. Enter the name, a slash and the type of the file.\n");
     } else if (name.size() >= maxpath) {
       std::printf("File name too long: %s\n", name.c_str());
     } else {
-      if (name.find('/') == std::string::npos) stopwith("\nMust specify Stat/Transfer file type!\n");
+      if (name.find('/') == std::string::npos)
+        stopwith("\nMust specify Stat/Transfer file type!\n%s", othertypes().c_str());
       return;
     }
   }
@@ -118,7 +120,7 @@ Name askname(int level, int variable) {
   std::string line;
   for (int empty = 0; empty <= mostempty; ++empty) {
     // A template could not hold a name that begins like a comment or like the end of its block.
-    const bool any = readanswer(prompt, line) && line.find_first_not_of(' ') != std::string::npos;
+    const bool any = readanswer(prompt, line, Question::name) && line.find_first_not_of(' ') != std::string::npos;
     const bool usable = any && line[0] != '#' && line[0] != '*';
     const Name name = paddedname(line);
     const Array<Name>& names = namesof(level);
@@ -159,7 +161,7 @@ bool askdeletion() {
   std::string line;
   for (int tries = 0; tries < maxtries; ++tries) {
     readanswer("Do you want to delete the missing data now, or at analysis time?\n (Enter \"now\" or \"analysis\")\n",
-               line);
+               line, Question::deletion);
     if (initial(line) == 'N') return true;
     if (initial(line) == 'A') return false;
   }
@@ -169,7 +171,7 @@ bool askdeletion() {
 void askmdmname() {
   std::string& name = run.files.mdmfile;
   for (int tries = 0; tries < maxtries; ++tries) {
-    readanswer("\nEnter name of MDM file: ", name);
+    readanswer("\nEnter name of MDM file: ", name, Question::mdmfile);
     if (name.size() >= maxpath) name.resize(maxpath - 1);
     if (!name.empty()) return;
   }
@@ -211,10 +213,21 @@ void showvariables(int level, const std::vector<RawVariable*>& rows) {
 
 constexpr const char* alreadychosen = "You have already chosen that variable!\n";
 
+int askrow(const char* prompt, int lo, int level, const std::vector<RawVariable*>& rows) {
+  const LevelSource& source = raw.level[level];
+  return askvariable(prompt, lo, static_cast<int>(rows.size()), [&](const std::string& name) {
+    const int row = findvariable(source, name);
+    const auto chosen = std::find_if(rows.begin(), rows.end(), [&](const RawVariable* variable) {
+      return row >= 0 && variable == &source.vartable[static_cast<std::size_t>(row)];
+    });
+    return chosen == rows.end() ? 0 : static_cast<int>(chosen - rows.begin()) + 1;
+  });
+}
+
 // Asks for the column of an ID and marks it. The first ID of all settles the kind.
-void choosecolumn(const char* prompt, int mark, const std::vector<RawVariable*>& rows) {
+void choosecolumn(const char* prompt, int mark, int level, const std::vector<RawVariable*>& rows) {
   for (int tries = 0; tries < maxtries; ++tries) {
-    RawVariable& row = *rows[static_cast<std::size_t>(asknumber(prompt, 1, static_cast<int>(rows.size()))) - 1];
+    RawVariable& row = *rows[static_cast<std::size_t>(askrow(prompt, 1, level, rows)) - 1];
     const auto agrees = [&] {
       row.mark = mark;
       const bool agree = agreeonids();
@@ -252,7 +265,7 @@ void pickvariables(int level, const std::vector<RawVariable*>& rows) {
     if (++tries > mostchoices) fail(14);
     const std::string prompt = formatted(" Please specify level-%d variable #%2d (enter 0 to end):", level + 1,
                                          static_cast<int>(picked.size()) + 1);
-    const int number = asknumber(prompt.c_str(), 0, static_cast<int>(rows.size()));
+    const int number = askrow(prompt.c_str(), 0, level, rows);
     if (number == 0) break;
     RawVariable& row = *rows[static_cast<std::size_t>(number) - 1];
     const auto alike = [&](int other) {
@@ -282,8 +295,8 @@ void choosevariables(int level) {
   clearmarks(level);
   const std::vector<RawVariable*> rows = visiblerows(source);
   showvariables(level, rows);
-  choosecolumn(" What variable is the level-3 ID?", level3idmark, rows);
-  if (level < 2) choosecolumn(" What variable is the level-2 ID?", level2idmark, rows);
+  choosecolumn(" What variable is the level-3 ID?", level3idmark, level, rows);
+  if (level < 2) choosecolumn(" What variable is the level-2 ID?", level2idmark, level, rows);
   pickvariables(level, rows);
   takenames(level);
 }

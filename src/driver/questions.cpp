@@ -2,13 +2,45 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 
 #include "driver/failures.h"
+#include "driver/formatted.h"
 #include "driver/terminal.h"
 
 namespace kdr {
 
 namespace {
+
+// What is printed for a "?", in the order of Question.
+constexpr const char* helptexts[] = {
+    "An answer of one line.\n",
+    "y for yes, n for no.\n",
+    "A whole number.\n",
+    "A number, with a point for its decimals.\n",
+    "The number of a variable in the list above, or its name.\n",
+    "A number, with a point for its decimals. An empty line leaves the value as it is.\n",
+    "The file that the report goes to. A name that ends in .htm or .html makes a web page, any other plain text.\n",
+    "The data file of this program that a model run reads, and that a run with raw data makes (usually .mdm).\n",
+    "The file with the raw data, with its folder if it lies in another one.\n",
+    "The file with the raw data, a slash and the type of the file, as in schools.csv /delim.\n",
+    "The columns of a record in parentheses: A4 text of 4 columns, F7.3 a number in 7 columns, 5F2.0 five of them,\n"
+    "2X two columns to pass over, / the next line. The text fields, the IDs, stand first.\n",
+    "A name of at most 8 characters, as it will stand in the model and in the report.\n",
+    "A line that stands above the report. It may be empty.\n",
+    "0 leaves the variable as it is, 1 takes off the mean of its unit, 2 the mean of all records or units.\n",
+    "o makes the coefficient an outcome of the regression, p a predictor, i leaves it out.\n",
+    "now: records with a missing value never reach the MDM file. analysis: each run deletes those that lack a value "
+    "in\n"
+    "the variables of its model.\n",
+    "0 ends the iterations and prints the results so far, 1 ends the run.\n",
+};
+static_assert(std::size(helptexts) == static_cast<std::size_t>(Question::interrupt) + 1);
+
+bool asksforhelp(const std::string& line) {
+  const std::size_t first = line.find_first_not_of(" \t");
+  return first != std::string::npos && line[first] == '?' && line.find_first_not_of(" \t", first + 1) == line.npos;
+}
 
 // A line of a pipe, a file, or a terminal whose output goes elsewhere.
 bool plainline(const std::string& prompt, std::string& line) {
@@ -27,11 +59,14 @@ bool plainline(const std::string& prompt, std::string& line) {
 
 }  // namespace
 
-bool readanswer(const std::string& prompt, std::string& line) {
-  line.clear();
-  const bool any = atterminal() ? editline(prompt, line) : plainline(prompt, line);
-  checksignals();
-  return any;
+bool readanswer(const std::string& prompt, std::string& line, Question question, const std::string& more) {
+  for (;;) {
+    line.clear();
+    const bool any = atterminal() ? editline(prompt, line) : plainline(prompt, line);
+    checksignals();
+    if (!asksforhelp(line)) return any;
+    std::printf("%s%s", helptexts[static_cast<std::size_t>(question)], more.c_str());
+  }
 }
 
 void noproperresponse() { fail(100, "Unable to get a proper response!\n"); }
@@ -39,7 +74,7 @@ void noproperresponse() { fail(100, "Unable to get a proper response!\n"); }
 int askyesno(const char* prompt) {
   std::string line;
   for (int tries = 0; tries < maxtries; ++tries) {
-    readanswer(std::string(prompt) + " ", line);
+    readanswer(std::string(prompt) + " ", line, Question::yesno);
     const char first = line.empty() ? '\0' : line[0];
     if (first == 'n' || first == 'N') return 0;
     if (first == 'y' || first == 'Y') return 1;
@@ -48,9 +83,10 @@ int askyesno(const char* prompt) {
 }
 
 int asknumber(const char* prompt, int lo, int hi) {
+  const std::string range = formatted("It lies within %d and %d.\n", lo, hi);
   std::string line;
   for (int tries = 0; tries < maxtries; ++tries) {
-    readanswer(std::string(prompt) + " ", line);
+    readanswer(std::string(prompt) + " ", line, Question::number, range);
     char* end = nullptr;
     const long value = std::strtol(line.c_str(), &end, 10);
     if (end != line.c_str() && lo <= value && value <= hi) return static_cast<int>(value);
@@ -58,10 +94,35 @@ int asknumber(const char* prompt, int lo, int hi) {
   noproperresponse();
 }
 
+int askvariable(const char* prompt, int lo, int hi, const Array<Name>& table) {
+  return askvariable(prompt, lo, hi, [&](const std::string& name) { return findname(name, table, hi); });
+}
+
+int askvariable(const char* prompt, int lo, int hi, const std::function<int(const std::string& name)>& find) {
+  const std::string more =
+      lo < 1 ? std::string("0 ends the list") + (lo < 0 ? "; -1 takes that of the question before.\n" : ".\n")
+             : std::string();
+  std::string line;
+  for (int tries = 0; tries < maxtries; ++tries) {
+    readanswer(std::string(prompt) + " ", line, Question::variable, more);
+    char* end = nullptr;
+    const long value = std::strtol(line.c_str(), &end, 10);
+    const bool number = end != line.c_str() && (*end == '\0' || *end == ' ' || *end == '\t');
+    if (number && lo <= value && value <= hi) return static_cast<int>(value);
+    const std::size_t first = line.find_first_not_of(" \t");
+    if (number || first == std::string::npos) continue;
+    const std::string name = line.substr(first, line.find_last_not_of(" \t") + 1 - first);
+    const int found = find(name);
+    if (found > 0) return found;
+    std::printf(" There is no variable %s.\n", name.c_str());
+  }
+  noproperresponse();
+}
+
 double askreal(const char* prompt, double lo, double hi) {
   std::string line;
   for (int tries = 0; tries < maxtries; ++tries) {
-    readanswer(std::string(prompt) + " ", line);
+    readanswer(std::string(prompt) + " ", line, Question::real);
     char* end = nullptr;
     const double value = std::strtod(line.c_str(), &end);
     if (end != line.c_str() && lo <= value && value <= hi) return value;

@@ -1,6 +1,7 @@
 // Questions on the console, each bounded by ten tries.
 #pragma once
 
+#include <functional>
 #include <string>
 
 #include "driver/names.h"
@@ -10,15 +11,43 @@ namespace kdr {
 
 inline constexpr int maxtries = 10;
 
-// Prints the prompt as it is and reads one line from standard input, without its line end. Returns false at the end of
-// input, with an empty line. Where standard input and output are a terminal the line can be edited, and the lines
-// before it can be called back. A signal that came while it waited ends the run.
-bool readanswer(const std::string& prompt, std::string& line);
+// What a question wants; each kind has its lines of help.
+enum class Question {
+  other,
+  yesno,
+  number,
+  real,
+  variable,
+  unchanged,  // a new value, or an empty line for the old one
+  outputfile,
+  mdmfile,
+  rawfile,
+  typedfile,
+  format,
+  name,
+  title,
+  centering,
+  role,
+  deletion,
+  interrupt,
+};
+
+// Prints the prompt as it is and reads one line from standard input, without its line end. An answer of a "?" alone,
+// with or without blanks, is no answer: the lines of help for the question are printed, then `more`, and the question
+// comes again. Returns false at the end of input, with an empty line. Where standard input and output are a terminal
+// the line can be edited, and the lines before it can be called back. A signal that came while it waited ends the run.
+bool readanswer(const std::string& prompt, std::string& line, Question question = Question::other,
+                const std::string& more = {});
 
 // Prints "%s " with the prompt; 1 for an answer that begins with y or Y, 0 for n or N.
 int askyesno(const char* prompt);
 // Prints "%s " with the prompt; a whole number in lo..hi.
 int asknumber(const char* prompt, int lo, int hi);
+// The same for a variable of a name table: its number, or its name, which has a number of 1 or more. A name that
+// begins with digits is a name.
+int askvariable(const char* prompt, int lo, int hi, const Array<Name>& table);
+// The same with the caller's search: `find` gives the number of a name, below 1 when it tells none.
+int askvariable(const char* prompt, int lo, int hi, const std::function<int(const std::string& name)>& find);
 // Prints "%s " with the prompt; a real in lo..hi.
 double askreal(const char* prompt, double lo, double hi);
 

@@ -154,6 +154,7 @@ struct OutputControl {
   int printvc = 0;                              // PRINTVARIANCE-COVARIANCE:. 0 none, 1 Y, 2 A
   bool diagtaupi = false, diagtaubeta = false;  // DIAGONALIZETAUPI:, DIAGONALIZETAUBETA:
   bool resfil1 = false, resfil2 = false, resfil3 = false;
+  bool resfilrecnum = false;                  // RESFILRECNUM:. the level-1 file has the number of each record
   int resfiltype = 6;                         // RESFILTYPE:. 2 free format, 3 SYSTAT, 5 SAS, 6 SPSS, 8 Stata
   bool graph = false;                         // GRAPHGAMMAS:
   int wgtvar1 = 0, wgtvar2 = 0, wgtvar3 = 0;  // LEVEL1WEIGHT: ...: index of the weight variable, 0 none

@@ -69,7 +69,7 @@ int askchoice() {
 bool askvalue(const char* prompt, double& value) {
   std::string line;
   for (int tries = 0; tries < maxtries; ++tries) {
-    if (!readanswer(prompt, line)) continue;  // the end of input is no answer
+    if (!readanswer(prompt, line, Question::unchanged)) continue;  // the end of input is no answer
     if (line.find_first_not_of(" \t") == std::string::npos) return false;
     char* end = nullptr;
     const double number = std::strtod(line.c_str(), &end);

@@ -318,7 +318,7 @@ void iterate(Pass& pass, IterationState& state) {
 bool askinterrupt() {
   std::string line;
   for (int tries = 0; tries < maxtries; ++tries) {
-    readanswer("Enter 0 to stop iterating, 1 to exit now", line);
+    readanswer("Enter 0 to stop iterating, 1 to exit now", line, Question::interrupt);
     char* end = nullptr;
     const long answer = std::strtol(line.c_str(), &end, 10);
     if (end == line.c_str()) continue;

@@ -10,6 +10,7 @@
 
 #include "driver/runrecord.h"
 #include "kernel/sizes.h"
+#include "linear/deletion.h"
 #include "linear/unitresults.h"
 #include "report/residual/residualfile.h"
 
@@ -21,7 +22,7 @@ using Values = std::span<const double>;
 
 // Where the values of a row stand: the results of each group, then the data of each level.
 struct RowSources {
-  std::array<Values, 9> all;
+  std::array<Values, 10> all;
   Values& operator[](ColumnGroup group) { return all[static_cast<std::size_t>(group)]; }
   Values& data(int level) { return all[dataof(level)]; }
   static std::size_t dataof(int level) { return static_cast<std::size_t>(ColumnGroup::chosen) + at(level) - 1; }
@@ -89,6 +90,25 @@ void fitvalues(const RecordLayout& layout, const Values& record, double fitted, 
   fit.push_back(sigma);
 }
 
+// The MDM file beside the working data file: which record of its unit each kept one is.
+struct RecordNumbers {
+  UnitReader reader;
+  UnitBlock unit;
+  std::vector<double> numbers;  // of the kept records of the unit at hand, counted from 1 before deletion
+};
+
+// The numbers of the next unit that kept any record.
+void nextnumbers(RecordNumbers& of, int kept) {
+  do {
+    if (!readunit(of.reader, of.unit)) stopwith("The working data file is damaged: it has too many units.\n");
+    of.numbers.clear();
+    for (int i = 0; i < of.unit.nj; ++i)
+      if (run.mdm.deletednow || !lacksvalue(of.unit.records.data() + at(i) * at(run.mdm.nvar1)))
+        of.numbers.push_back(i + 1);
+  } while (of.numbers.empty());
+  if (of.numbers.size() != at(kept)) stopwith("The working data file is damaged: a unit has another size.\n");
+}
+
 void writelevel1(Pass& pass, const RecordLayout& layout) {
   RowWriter writer;
   openrows(writer, 1, run.files.resfil1name, run.mdm.nunits1, 0);
@@ -96,12 +116,17 @@ void writelevel1(Pass& pass, const RecordLayout& layout) {
     if (place.source == RowSources::dataof(1)) place.place = at(layout.place[place.place]);
   const double sigma = std::sqrt(run.est.sigma2);
   std::vector<double> fit;
+  RecordNumbers numbers;
+  if (run.out.resfilrecnum)
+    startunits(numbers.reader, run.mdm.stream, run.mdm.firstblock, run.mdm.nvar1, run.mdm.nvar2, true);
   eachfittedunit(pass, layout, [&](int k, const UnitBlock& unit, const double* fitted) {
     writer.row.id3 = level3id(k);
     writer.row.id2 = unit.id2;
     writer.from.data(2) = unit.level2;
     writer.from.data(3) = level3values(k);
+    if (run.out.resfilrecnum) nextnumbers(numbers, unit.nj);
     for (int i = 0; i < unit.nj; ++i) {
+      if (run.out.resfilrecnum) writer.from[ColumnGroup::record] = {&numbers.numbers[at(i)], 1};
       const Values record(unit.records.data() + at(i) * at(layout.width), at(layout.width));
       fitvalues(layout, record, fitted[i], sigma, fit);
       writer.from[ColumnGroup::fit] = fit;

@@ -96,6 +96,12 @@ void endoffile(const CommandReader& reader) {
   checksets(reader);
   if (reader.deviance != reader.df) std::printf(" Deviance and df must be specified together\n");
   checkorders();
+  if (reader.toomany)
+    stopwith("The line GAMMA%d: has %d numbers, and the model has %d fixed effects!\n", reader.oddhypothesis,
+             reader.oddnumbers, countfixedeffects());
+  if (reader.oddhypothesis != 0)
+    std::printf(" The line GAMMA%d: has %d numbers for %d fixed effects: those behind are 0\n", reader.oddhypothesis,
+                reader.oddnumbers, countfixedeffects());
   checkconstraints();
 }
 

@@ -91,7 +91,7 @@ void asklvr() {
     std::string line;
     char letter = '\0';
     for (;;) {
-      readanswer(prompt + " ", line);
+      readanswer(prompt + " ", line, Question::role);
       letter = firstletter(line);
       if (letter == 'I' || letter == 'O' || letter == 'P') break;
       std::printf("Invalid response");
@@ -108,7 +108,7 @@ bool askresidualfile(int level, int nvar, const Array<Name>& names, Array<int>& 
   showchoices(formatted("Which level-%d variables do you wish to use?", level).c_str(), nvar, names, 0);
   const std::string prompt = formatted(" Level-%d variable? (Enter 0 to end)", level);
   for (int n = 0; n < nvar; ++n) {
-    const int v = asknumber(prompt.c_str(), 0, nvar);
+    const int v = askvariable(prompt.c_str(), 0, nvar, names);
     if (v == 0) break;
     flags[static_cast<std::size_t>(v)] = 1;
   }
@@ -134,7 +134,7 @@ void askresiduals() {
 
 void asktitle() {
   if (run.answered.title) return;
-  readanswer("Enter a problem title: ", run.files.title);
+  readanswer("Enter a problem title: ", run.files.title, Question::title);
   run.files.title = titlefrom(run.files.title);
 }
 

@@ -251,6 +251,7 @@ constexpr Keyword keywords[] = {
     {"RESFIL2NAME:", 0, [](CommandReader&, const std::string& value) { setpath(run.files.resfil2name, value); }},
     {"RESFIL3NAME:", 0, [](CommandReader&, const std::string& value) { setpath(run.files.resfil3name, value); }},
     {"RESFILTYPE:", 0, readresfiltype},
+    {"RESFILRECNUM:", 0, [](CommandReader&, const std::string& value) { setflag(run.out.resfilrecnum, value); }},
     {"RESULTS:", 0, readresults},
     {"DEBUG:", 0, [](CommandReader&, const std::string& value) { run.iter.debug = wholenumber(value); }},
 };

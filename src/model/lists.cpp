@@ -226,6 +226,12 @@ void readcontrast(CommandReader& reader, const std::string& value) {
   const std::size_t start = contrasts.size();
   contrasts.resize(start + width);
   const std::vector<std::string> values = split(value, ',');
+  const bool toomany = values.size() > width;
+  if ((toomany && !reader.toomany) || (values.size() < width && reader.oddhypothesis == 0)) {
+    reader.toomany = toomany;
+    reader.oddhypothesis = hypothesis;
+    reader.oddnumbers = static_cast<int>(values.size());
+  }
   for (std::size_t i = 0; i < width && i < values.size(); ++i) {
     if (!iswholereal(values[i])) stopwith("Invalid number in a contrast: %s\n", values[i].c_str());
     contrasts[start + i] = realnumber(values[i]);

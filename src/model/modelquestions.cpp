@@ -63,7 +63,7 @@ void askoutcome() {
   if (kind.outvar != 0) return;
   centertitle("SPECIFYING A LEVEL-1 OUTCOME VARIABLE");
   showchoices("Please specify a level-1 outcome variable", run.mdm.nvar1, run.mdm.names1, 0);
-  const int outcome = asknumber("What is the outcome variable:", 1, run.mdm.nvar1);
+  const int outcome = askvariable("What is the outcome variable:", 1, run.mdm.nvar1, run.mdm.names1);
   if (kind.nonlin == 3 && kind.ncat == 0) {
     const std::string name = leftname(run.mdm.names1[static_cast<std::size_t>(outcome)]);
     kind.ncat = asknumber(formatted("How many categories does %s have?", name.c_str()).c_str(), 2, 1000000);
@@ -83,7 +83,7 @@ void asklevel1() {
   showchoices("Which level-1 predictors do you wish to use?", run.mdm.nvar1, run.mdm.names1, run.kind.outvar);
   int* use = run.model.use1.row(0);
   for (int n = 0; n < run.mdm.nvar1;) {
-    const int v = asknumber("level-1 predictor? (Enter 0 to end)", 0, run.mdm.nvar1);
+    const int v = askvariable("level-1 predictor? (Enter 0 to end)", 0, run.mdm.nvar1, run.mdm.names1);
     if (v == 0) break;
     if (use[v] != 0) {
       std::printf("%s", v == run.kind.outvar ? isoutcome : alreadychosen);
@@ -106,11 +106,11 @@ void askcountvariable() {
   if (!run.kind.nlcount || run.answered.nonlin) return;
   const std::string prompt = formatted("\nFor the non-linear analysis, which variable indicates the %s",
                                        run.kind.nonlin == 1 ? "number of trials?" : "exposure?");
-  int v = asknumber(prompt.c_str(), 1, run.mdm.nvar1);
+  int v = askvariable(prompt.c_str(), 1, run.mdm.nvar1, run.mdm.names1);
   for (int tries = 1; run.model.use1.row(0)[v] != 0; ++tries) {
     std::printf("%s", alreadychosen);
     if (tries == maxtries) noproperresponse();
-    v = asknumber(prompt.c_str(), 1, run.mdm.nvar1);
+    v = askvariable(prompt.c_str(), 1, run.mdm.nvar1, run.mdm.names1);
   }
   run.kind.nlcntvar = v;
   run.model.wanted1vars1[static_cast<std::size_t>(v)] = 1;
@@ -167,15 +167,15 @@ void askcentering3() {
 
 // Variables for a row of `width` slots, from slot `first` on; -1 copies the row `before`, if there is one. `taken` is
 // a further row whose variables are no choices. Returns through `row`; noslot fills what stays free.
-void askrow(const char* prompt, int nvar, int first, int width, const int* before, const int* taken, int takenwidth,
-            int* row) {
+void askrow(const char* prompt, int nvar, const Array<Name>& names, int first, int width, const int* before,
+            const int* taken, int takenwidth, int* row) {
   const auto stands = [](const int* list, int n, int v) {
     for (int s = 0; s < n && list[s] != noslot; ++s)
       if (list[s] == v) return true;
     return false;
   };
   for (int s = first; s < width;) {
-    const int v = asknumber(prompt, before != nullptr ? -1 : 0, nvar);
+    const int v = askvariable(prompt, before != nullptr ? -1 : 0, nvar, names);
     if (v == 0) return;
     if (v == -1) {
       int n = 0;
@@ -211,7 +211,8 @@ void asklevel2() {
     std::printf("Which level-2 predictor to model %8.8s, P%d%s", name1(coefficient.variable), coefficient.subscript,
                 coefficient.place == 0 ? "?\n" : " slope?\n");
     const int* before = coefficient.place > 0 ? run.model.terms2.row(coefficient.set, coefficient.place - 1) : nullptr;
-    askrow(" Level-2 predictor? (Enter 0 to end)", run.mdm.nvar2, 1, run.mdm.ncol2, before, nullptr, 0, row);
+    askrow(" Level-2 predictor? (Enter 0 to end)", run.mdm.nvar2, run.mdm.names2, 1, run.mdm.ncol2, before, nullptr, 0,
+           row);
     for (int s = 1; s < run.mdm.ncol2 && row[s] != noslot; ++s) {
       const auto v = static_cast<std::size_t>(row[s]);
       run.model.wanted1vars2[v] = run.model.wanted2vars2[v] = 1;
@@ -256,7 +257,8 @@ void asklevel3() {
     std::printf("Which level-3 predictors to model %8.8s/%8.8s, B%s%s", name1(owner.variable), name2(term.variable),
                 subscripts(owner, term).c_str(), term.number == 0 ? "?\n" : " slope?\n");
     const int* before = term.place > 0 ? run.model.terms3.row(owner.set, term.place - 1) : nullptr;
-    askrow(" Level-3 predictor? (Enter 0 to end)", run.mdm.nvar3, 1, run.mdm.ncol3, before, nullptr, 0, row);
+    askrow(" Level-3 predictor? (Enter 0 to end)", run.mdm.nvar3, run.mdm.names3, 1, run.mdm.ncol3, before, nullptr, 0,
+           row);
     for (int s = 1; s < run.mdm.ncol3 && row[s] != noslot; ++s) {
       const auto v = static_cast<std::size_t>(row[s]);
       run.model.wanted1vars3[v] = run.model.wanted2vars3[v] = run.model.wanted3vars3[v] = 1;
@@ -283,7 +285,7 @@ void askdeletion() {
   if (!askyesno("Do you want to specify a set of level-1 variables as the basis for deletion?")) return;
   showchoices("Which level-1 variables do you wish to use?", run.mdm.nvar1, run.mdm.names1, run.kind.outvar);
   for (int n = 1; n < run.mdm.nvar1;) {
-    const int v = asknumber(" level-1 predictor? (Enter 0 to end)", 0, run.mdm.nvar1);
+    const int v = askvariable(" level-1 predictor? (Enter 0 to end)", 0, run.mdm.nvar1, run.mdm.names1);
     if (v == 0) return;
     if (v == run.kind.outvar) {
       std::printf("%s", isoutcome);
@@ -304,7 +306,7 @@ void askextra2() {
     std::printf("Which level-2 variables to model %8.8s, P%d%s", name1(coefficient.variable), coefficient.subscript,
                 coefficient.place == 0 ? "?\n" : " slope?\n");
     int* row = run.model.extra2.row(coefficient.set, coefficient.place);
-    askrow(" Level-2 predictor? (Enter 0 to end)", run.mdm.nvar2, 0, maxextra, before,
+    askrow(" Level-2 predictor? (Enter 0 to end)", run.mdm.nvar2, run.mdm.names2, 0, maxextra, before,
            run.model.terms2.row(coefficient.set, coefficient.place), run.mdm.ncol2, row);
     before = row;
   }
@@ -324,7 +326,7 @@ void askextra3() {
     std::printf("Which level-3 variables to model %8.8s/%8.8s, B%s%s", name1(owner.variable), name2(term.variable),
                 subscripts(owner, term).c_str(), term.number == 0 ? "?\n" : " slope?\n");
     int* row = run.model.extra3.row(owner.set, term.place);
-    askrow(" Level-3 predictor? (Enter 0 to end)", run.mdm.nvar3, 0, maxextra, before,
+    askrow(" Level-3 predictor? (Enter 0 to end)", run.mdm.nvar3, run.mdm.names3, 0, maxextra, before,
            run.model.terms3.row(owner.set, term.place), run.mdm.ncol3, row);
     before = row;
   }

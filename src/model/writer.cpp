@@ -186,6 +186,7 @@ void writeresiduals(std::FILE* out) {
   const OutputControl& wanted = run.out;
   const RunFiles& files = run.files;
   if (wanted.resfil1 || wanted.resfil2 || wanted.resfil3) std::fprintf(out, "RESFILTYPE:%s\n", resfiltypeword());
+  if (wanted.resfilrecnum) std::fprintf(out, "RESFILRECNUM:Y\n");
   writeresfil(out, 1, wanted.resfil1,
               namelist(mdm.names1, model.res1vars1.data(), model.nres1vars1) + "/" +
                   namelist(mdm.names2, model.res1vars2.data(), model.nres1vars2) + "/" +

@@ -164,7 +164,7 @@ void fixedrow(const Estimate& row, const char* style) {
     }
     report("<td align=right valign=bottom %s>%d</td>\n", style, row.df);
     if (row.p < 0.001) {
-      report("<td align=right valign=bottom %s><0.001", style);
+      report("<td align=right valign=bottom %s>&lt;0.001", style);
     } else {
       report("<td align=right valign=bottom %s>%5.3f", style, row.p);
     }

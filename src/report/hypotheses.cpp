@@ -130,7 +130,7 @@ void statisticlines(int r, double statistic) {
   if (small) {
     report(">.500<br>");
   } else if (p < 0.001) {
-    report("<0.001");
+    report("&lt;0.001");
     reportbreak();
   } else {
     report("%f<br>", p);

@@ -28,7 +28,7 @@ void comparison(double deviance, long long parameters) {
   if (below) {
     report(">.500");
   } else if (p < 0.001) {
-    report("<0.001");
+    report2("<0.001", "&lt;0.001");
   } else {
     report("%5.3f", p);
   }

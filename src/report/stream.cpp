@@ -1,7 +1,10 @@
 #include "report/stream.h"
 
 #include <strings.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <utility>
@@ -32,9 +35,56 @@ void numberreport() {
   files.outfile = run.report.numberedhtml ? files.outbase + "_" + number + ".html" : files.outbase + "." + number;
 }
 
+constexpr const char* stylesheet =
+    "<style>\n"
+    "body { margin: 1em 2em; font-family: Georgia, 'Times New Roman', serif; line-height: 1.35; }\n"
+    "h1 { font-size: 100%; }\n"
+    "h1 table { font-weight: normal; }\n"
+    "table { margin: 0.4em 0; }\n"
+    "td { font-variant-numeric: tabular-nums; }\n"
+    "</style>\n";
+
 void refusetooverwrite(const std::string& input) {
   if (samefile(run.files.outfile, input))
     stopwith("The output file %s is an input file of this run\n", run.files.outfile.c_str());
+}
+
+// Whether a report can be written at the path: without touching it, which a reader at the other end of a pipe would
+// see.
+bool writable(const std::string& path) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) == 0) {
+    errno = EISDIR;
+    return !S_ISDIR(status.st_mode) && access(path.c_str(), W_OK) == 0;
+  }
+  if (path.empty() || errno != ENOENT) return false;
+  const std::size_t slash = path.rfind('/');
+  if (slash + 1 == path.size()) return false;
+  const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+  return access(folder.c_str(), W_OK | X_OK) == 0;
+}
+
+// Says so where the answer to the question is none for this run.
+bool usableanswer() {
+  const std::string& path = run.files.outfile;
+  for (const std::string& input : {run.files.mdmfile, run.files.cmdfile})
+    if (samefile(path, input)) {
+      std::printf("The output file %s is an input file of this run\n", path.c_str());
+      return false;
+    }
+  if (writable(path)) return true;
+  std::perror("");
+  std::printf("Unable to open %s for writing\n", path.c_str());
+  return false;
+}
+
+void askreport() {
+  std::string& path = run.files.outfile;
+  for (int tries = 0; tries < maxtries; ++tries) {
+    if (!readanswer("Enter name of output file: ", path, Question::outputfile)) return;
+    if (reportisstdout() || run.series.pvmode || run.series.mimode || usableanswer()) return;
+  }
+  noproperresponse();
 }
 
 }  // namespace
@@ -48,10 +98,13 @@ std::size_t extensionplace(const std::string& path) {
 
 int subrunnumber() { return (run.series.pvmode ? run.series.pvindex : run.series.miindex) + 1; }
 
-void openreport(void (*check)()) {
+void openreport(void (*check)(), void (*keep)()) {
   RunFiles& files = run.files;
   const bool laterpass = run.series.pvmode && run.series.pvindex > 0 && !files.outbase.empty();
-  if (files.outfile.empty() && !laterpass) readanswer("Enter name of output file: ", files.outfile);
+  if (files.outfile.empty() && !laterpass) {
+    if (keep != nullptr) keep();
+    askreport();
+  }
   const bool series = run.series.pvmode || run.series.mimode;
   if (!reportisstdout() && series) numberreport();
   const std::size_t dot = files.outfile.rfind('.');
@@ -64,9 +117,13 @@ void openreport(void (*check)()) {
     refusetooverwrite(files.cmdfile);
     run.report.stream = openfile(files.outfile, series ? "w+" : "w");
   }
+  const std::string title = escaped(files.title);
   reporthtml(
-      "<html lang=en>\n<meta http-equiv=\"content-type\" content=\"text/html;charset=utf-8\" />\n"
-      "<body bgcolor=\"FFFFFF\" fgcolor=\"000000\">\n");
+      "<!DOCTYPE html>\n<html lang=en>\n<head>\n"
+      "<meta http-equiv=\"content-type\" content=\"text/html;charset=utf-8\" />\n"
+      "<title>%s</title>\n%s</head>\n"
+      "<body bgcolor=\"FFFFFF\" fgcolor=\"000000\">\n",
+      title.find_first_not_of(' ') == std::string::npos ? module : title.c_str(), stylesheet);
 }
 
 void closereport() {

@@ -21,11 +21,12 @@ inline constexpr const char* stylebottom =
 // The number of the sub-run of a series, from 1.
 [[nodiscard]] int subrunnumber();
 
-// Opens the report of this pass by run.files.outfile (asked for when empty; in a series a numbered name made from it,
-// left in outfile with its stem in outbase) and sets run.report.html by the extension. In HTML mode the page head is
-// written. A report that cannot be opened, or that would overwrite the run's own MDM file or command file, stops the
-// run with code 100. `check` is called when all names are known and nothing is open yet.
-void openreport(void (*check)() = nullptr);
+// Opens the report of this pass by run.files.outfile (asked for when empty, and then again while it cannot be opened or
+// is an input of the run; `keep` is called before the first question, for what must not be lost with it; in a series a
+// numbered name made from it, left in outfile with its stem in outbase) and sets run.report.html by the extension. In
+// HTML mode the page head is written. A report that cannot be opened, or that would overwrite the run's own MDM file or
+// command file, stops the run with code 100. `check` is called when all names are known and nothing is open yet.
+void openreport(void (*check)() = nullptr, void (*keep)() = nullptr);
 
 // Ends the report on a normal end of a pass: cuts what an earlier, longer iteration of a non-linear run left behind,
 // closes the page, closes the file. Nothing is written to standard output.

@@ -125,7 +125,7 @@ void chisquare(Tau which, long long degrees, double chisq, const char* style) {
   if (below) {
     report("<td align=right %s>>.500</td>", style);
   } else if (p < 0.001) {
-    report("<td align=right %s><0.001</td>", style);
+    report("<td align=right %s>&lt;0.001</td>", style);
   } else {
     report("<td align=right %s>%5.3f</td>", style, p);
   }

@@ -542,9 +542,9 @@ TEST_F(Delimited, Refusals) {
     int code;
     std::string words;
   } cases[] = {
-      {file("1.csv"), 100, "\nMust specify Stat/Transfer file type!\n"},
-      {file("1.csv /"), 100, "\nMust specify Stat/Transfer file type!\n"},
-      {file("1.csv /csv"), 100, "\nIncorrect Stat/Transfer file type!\n"},
+      {file("1.csv"), 100, "\nMust specify Stat/Transfer file type!\n" + othertypes()},
+      {file("1.csv /"), 100, "\nMust specify Stat/Transfer file type!\n" + othertypes()},
+      {file("1.csv /csv"), 100, "\nIncorrect Stat/Transfer file type!\n" + othertypes()},
       {file("1.csv /gauss"), 100,
        "\nKDR3 has no library for files of type gauss (Gauss). The types that it reads are sas-win, excel, spss, "
        "delim, "

@@ -27,7 +27,7 @@ everything = {
     # Exploratory lists, hypotheses, a comparison, constraints, a fixed sigma^2, a taupi that is held diagonal.
     "features": work.write("features.kdr", work.read("model2.kdr").replace("+SCHGCSE,2+RANDOM/\nLEVEL3:INTRCPT2=INTRCPT3+LEAGCSE,2+RANDOM/",
                                                                         "+SCHGCSE,2+RANDOM/SCHSIZE\nLEVEL3:INTRCPT2=INTRCPT3+LEAGCSE,2+RANDOM/LEANSCH")
-                           .replace("CONSTRAIN:N", "CONSTRAIN:0,0,1,0,0,1\nGAMMA1:0,1,0,0,0\nGAMMA2:0,0,0,1,0\nGAMMA2:0,0,1,0,0\nDEVIANCE:140600\nDF:9\nDIAGONALIZETAUPI:Y")),
+                           .replace("CONSTRAIN:N", "CONSTRAIN:0,0,1,0,0,1\nGAMMA1:0,1,0,0,0,0\nGAMMA2:0,0,0,1,0,0\nGAMMA2:0,0,1,0,0,0\nDEVIANCE:140600\nDF:9\nDIAGONALIZETAUPI:Y")),
 }
 for file in (ROOT / "examples" / "prenatal").iterdir():
     shutil.copy(file, work.folder)
@@ -55,6 +55,10 @@ def compare(file, made):
         STORED.mkdir(exist_ok=True)
         (STORED / file).write_text(made)
     stored = (STORED / file).read_text()
+    if file.endswith("html"):
+        for mark in ("<!DOCTYPE html>", "<head>", "</head>", "<body ", "</body></html>"):
+            check(made.count(mark) == 1, f"{file}: {made.count(mark)} times {mark}")
+        check(re.search(r"<[^a-zA-Z/!]", made) is None, f"{file}: a < that is no tag")
     for line, (a, b) in enumerate(zip(made.splitlines(), stored.splitlines()), 1):
         if a != b:
             check(False, f"{file}, line {line}: {a!r}, stored {b!r}")

@@ -69,7 +69,7 @@ def models():
     check("Statistics for the current model" in done.stdout and "Computing" not in done.stdout, "report to standard output")
     work.run("chem97.mdm", work.edited("html.kdr", "model2.kdr", OUTPUT="r.HTM"))
     page = work.read("r.HTM")
-    check(page.startswith("<html lang=en>") and page.endswith("</body></html>\n"), "an HTML report is closed")
+    check(page.startswith("<!DOCTYPE html>\n<html lang=en>\n<head>\n") and page.endswith("</body></html>\n"), "an HTML report is closed")
 
 
 def startingvalues():

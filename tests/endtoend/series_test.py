@@ -228,7 +228,7 @@ def html(check, place):
         check(heading in page, f"{name}, html: the heading")
         numbers = lambda text: re.findall(r"-?\d+\.\d{3,}", text)
         shown = page[page.index(heading):]
-        check(numbers(re.sub("<[^>]*>", " ", shown.replace("<0.001", "0.000")))
+        check(numbers(re.sub("<[^>]*>", " ", shown.replace("&lt;0.001", "0.000")))
               == numbers(place.averaged().text), f"{name}, html: other numbers")
 
 

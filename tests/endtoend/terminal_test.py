@@ -175,7 +175,7 @@ def choosing():
         for name in ("LEA", "LEAGCSE")
     }
     # Out of file order, with a character variable, an ID, and a repeat on the way.
-    first = ["5", "1", "1", "2", "4", "9", "1", "9", "6", "0"]
+    first = ["averylon", "LEA", "1", "2", "4", "9", "1", "gcse", "6", "0"]
     done = work.run(
         answers="\n".join(
             [
@@ -266,6 +266,10 @@ def badanswers():
     special.update({q: ("1001", "", 100) for q, _ in CREATION if "Input number" in q})
     special.update({q: ("1000000001", "", 100) for q, _ in CODES if "Enter the value for missing" in q})
     special.update({q: ("-1000001", "", 100) for q, _ in HYPOTHESES if "contrast value" in q})
+    variables = ("outcome variable:", "predictor? (", "variable? (", "which variable indicates")
+    for question, _ in MODEL + COUNTED + RESIDUALFILES:
+        if any(word in question for word in variables):
+            special[question] = ("x", " There is no variable x.\n", 100)
     special.update(
         {LEVEL2LINES[0][0]: ("3", "", 100), ITERATIONS[0][0]: ("10001", "", 100), "type of analysis: ": ("7", "", 100)}
     )

@@ -173,10 +173,15 @@ std::vector<Case> cases() {
        "The threshold THOLD2 can have no equation of its own!\n"},
       {ordinal + "LEVEL1:Y=THOLD2\nLEVEL2:THOLD2=INTRCPT2/\n", 100,
        "The threshold THOLD2 can have no equation of its own!\n"},
-      {samplemodel + "GAMMA1:1\nGAMMA2:1\nGAMMA1:0,1\n", 100, "The lines GAMMA1: must stand together!\n"},
-      {samplemodel + "GAMMA1:1\nGAMMA3:1\n", 100, "There is no line GAMMA2: before the line GAMMA3:!\n"},
-      {samplemodel + "GAMMA1:0,nan\n", 100, "Invalid number in a contrast: nan\n"},
-      {samplemodel + "GAMMA1:0,1x\n", 100, "Invalid number in a contrast: 1x\n"},
+      {samplemodel + "GAMMA1:1,0,0,0,0\nGAMMA2:1,0,0,0,0\nGAMMA1:0,1,0,0,0\n", 100,
+       "The lines GAMMA1: must stand together!\n"},
+      {samplemodel + "GAMMA1:1,0,0,0,0\nGAMMA3:1,0,0,0,0\n", 100,
+       "There is no line GAMMA2: before the line GAMMA3:!\n"},
+      {samplemodel + "GAMMA1:0,nan,0,0,0\n", 100, "Invalid number in a contrast: nan\n"},
+      {samplemodel + "GAMMA1:0,1\n", 0, " The line GAMMA1: has 2 numbers for 5 fixed effects: those behind are 0\n"},
+      {samplemodel + "GAMMA1:0,1,0,0,0,0\n", 100,
+       "The line GAMMA1: has 6 numbers, and the model has 5 fixed effects!\n"},
+      {samplemodel + "GAMMA1:0,0,0,0,1x\n", 100, "Invalid number in a contrast: 1x\n"},
       // The line that the writer puts before the equation of a non-linear run, and that nobody else does.
       {bernoulli + "#KDR3 LEVEL1:Y=INTRCPT1+X,1+RANDOM\nLEVEL1:Z=INTRCPT1+A+RANDOM\n", 100,
        "The line #KDR3 LEVEL1: and the line LEVEL1: behind it have different terms!\n"},
@@ -214,7 +219,7 @@ TEST(Messages, ModelLinesBehindListsOfItsLength) {
   // The second set of equations comes after a list whose length the model gives.
   const std::string head = "NONLIN:MULTINOMIAL,3\nMACROIT:3\n" + samplemodel;
   const Case late[] = {
-      {"GAMMA1:1,1\n", 100, "Gammas must be specified after complete model\n"},
+      {"GAMMA1:1,1,0,0,0,0,0,0,0,0\n", 100, "Gammas must be specified after complete model\n"},
       {"CONSTRAIN:1,1\n", 100, "Constraints must be specified after complete model\n"},
       {"ESTTAU2:1,E,E,E,E,E,E,E,E,E\n", 100, "Estimated tau(pi) must be specified after complete model\n"},
       {"CONTAU3:1,2\n", 100, "Constrained tau(beta) must be specified after complete model\n"},

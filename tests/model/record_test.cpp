@@ -200,7 +200,7 @@ TEST_F(Reading, SingleValues) {
 
 TEST_F(Reading, ListsOfTheModel) {
   readtext(samplemodel +
-           "ESTTAU2:E,0.3,e\nESTTAU3:E,0.25,E,7\nCONTAU2:1,3\nGAMMA1:0,1\nGAMMA1:0,0,1\nGAMMA2:1,2,3,4,5,6\n"
+           "ESTTAU2:E,0.3,e\nESTTAU3:E,0.25,E,7\nCONTAU2:1,3\nGAMMA1:0,1,0,0,0\nGAMMA1:0,0,1,0,0\nGAMMA2:1,2,3,4,5\n"
            "CONSTRAIN:0,1,1\nLVR-BETA:O,p\nPLAUSVALS:Y,Z\n");
   EXPECT_EQ(values(run.iter.esttau2), (std::vector<double>{missingcode, 0.3, 0.3, missingcode}));
   EXPECT_EQ(values(run.iter.esttau3), (std::vector<double>{missingcode, 0.25, 0.25, missingcode}));

@@ -110,7 +110,7 @@ std::string recordtext() {
 struct Author {
   std::mt19937 random;
   std::ostringstream out;
-  int nrandom1 = 0, nrandom2 = 0, ngamma = 0;
+  int nrandom1 = 0, nrandom2 = 0, ngamma = 0, nthresholds = 0;
 
   int below(int n) { return static_cast<int>(random() % static_cast<unsigned>(n)); }
   bool maybe() { return below(2) == 0; }
@@ -166,6 +166,7 @@ struct Author {
     }
     // The first term's LEVEL2: line stands before the others are looked at, so thresholds come last.
     out << "LEVEL1:Y=" << terms << (ordinal ? "THOLD2+" : "") << "RANDOM\n";
+    nthresholds += ordinal ? 1 : 0;
     for (const std::string& owner : owners) level2(owner);
   }
 
@@ -190,7 +191,7 @@ struct Author {
     if (nrandom2 > 1 && maybe()) out << "CONTAU3:2,3\n";
     for (int h = 1, n = below(3); h <= n; ++h)
       for (int row = 0, rows = 1 + below(2); row < rows; ++row)
-        out << "GAMMA" << h << ":" << list(ngamma, [this] { return real(); }) << "\n";
+        out << "GAMMA" << h << ":" << list(ngamma + nthresholds, [this] { return real(); }) << "\n";
     if (ngamma > 3 && maybe()) out << "CONSTRAIN:1,0,1,2" << (ngamma > 4 ? ",2" : "") << "\n";
   }
 
@@ -345,7 +346,7 @@ TEST(Writer, RestoresTheRecord) {
 TEST(Writer, LinesOfALinearRun) {
   const Workplace workplace;
   const std::string text = written("NUMIT:50\nOUTPUT:o.txt\nTITLE:t\n" + samplemodel +
-                                   "CONTAU2:1,3\nESTTAU3:E,0.5,E\nGAMMA1:0,1,-1\nCONSTRAIN:0,1,1\n");
+                                   "CONTAU2:1,3\nESTTAU3:E,0.5,E\nGAMMA1:0,1,-1,0,0\nCONSTRAIN:0,1,1\n");
   EXPECT_EQ(text,
             "#This command file was run with s.mdm\n"
             "NUMIT:50\n"

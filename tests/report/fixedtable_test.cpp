@@ -86,7 +86,7 @@ TEST(FixedTable, HtmlShowsSmallPAndClosesWithTheBottomStyle) {
                       style + ">    10.000000</td>\n"),
             std::string::npos)
       << html;
-  EXPECT_NE(html.find(">40</td>\n<td align=right valign=bottom " + style + "><0.001#</td>\n</tr></tbody></table>\n"),
+  EXPECT_NE(html.find(">40</td>\n<td align=right valign=bottom " + style + ">&lt;0.001#</td>\n</tr></tbody></table>\n"),
             std::string::npos)
       << html;
 }

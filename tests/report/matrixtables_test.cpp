@@ -154,7 +154,7 @@ TEST(VarianceTable, DegreesOfFreedomAndEndings) {
   const std::string html = capturedtable(true, [&] { variancetable(Tau::beta, {2, tau, chisq3, df3, 9.0}); });
   const std::string plain = styleplain, bottom = stylebottom;
   EXPECT_NE(html.find("<td align=right " + plain + ">>.500</td></tr>\n"), std::string::npos) << html;
-  EXPECT_NE(html.find("<td align=right " + bottom + "><0.001</td></tr>\n</tbody></table>\n"), std::string::npos);
+  EXPECT_NE(html.find("<td align=right " + bottom + ">&lt;0.001</td></tr>\n</tbody></table>\n"), std::string::npos);
   EXPECT_EQ(capturedtable(false,
                           [&] {
                             variancetable(Tau::pi, {2, tau, broken, df3, 9.0});

@@ -249,12 +249,13 @@ struct Bytes {
 };
 
 // Two rows of the level-1 file of a multinomial run with three categories, in the bytes that each form wants.
-const double values[2][6] = {{0.25, -0.75, 0.75, 0.125, 1.5, 40}, {-0.5, 1234567.5, 0.5, 0.25, 1.5, missingcode}};
-const char* const rowids[2] = {"          A1", "      B, \"2\""};
+const double values[2][7] = {{0.25, -0.75, 0.75, 0.125, 1.5, 40, 1},
+                             {-0.5, 1234567.5, 0.5, 0.25, 1.5, missingcode, 12}};
+const char* const rowids[2] = {"          A1", "    B, \"2\" c"};
 
 std::string wantedspss() {
   Bytes b;
-  b.field("$FL2@(#) SPSS DATA FILE from KDR3 version 7.01", 64, ' ').ints({2, 10, 0, 0, 2}).value(100.0);
+  b.field("$FL2@(#) SPSS DATA FILE from KDR3 version 7.01", 64, ' ').ints({2, 11, 0, 0, 2}).value(100.0);
   b.field("24 Nov 26 9: 5: 7", 84, ' ');
   for (const char* name : {"L3ID", "L2ID"}) {
     b.ints({2, 12, 0, 0, 0x10c00, 0x10c00}).field(name, 8, ' ');
@@ -262,23 +263,25 @@ std::string wantedspss() {
   }
   for (const char* name : {"L1RES_1", "L1RES_2", "FITVAL1", "FITVAL2", "SIGMA", "SIZE"})
     b.ints({2, 0, 0, 0, 0x50c03, 0x50c03}).field(name, 8, ' ');
+  b.ints({2, 0, 0, 0, 0x50800, 0x50800}).field("RECNUM", 8, ' ');
   b.ints({999, 0});
   for (int i = 0; i < 2; ++i) {
-    b.field("A1", 16, ' ').field(i == 0 ? "A1" : "B,", 16, ' ');
+    b.field("A1", 16, ' ').field(i == 0 ? "A1" : "B, \"2\" c", 16, ' ');
     for (const double x : values[i]) b.value(x);
   }
   return b.text;
 }
 
 std::string wantedstata() {
-  const std::vector<const char*> all = {"L3ID", "L2ID", "L1RES_1", "L1RES_2", "FITVAL_1", "FITVAL_2", "SIGMA", "SIZE"};
+  const std::vector<const char*> all = {"L3ID",     "L2ID",  "L1RES_1", "L1RES_2", "FITVAL_1",
+                                        "FITVAL_2", "SIGMA", "SIZE",    "RECNUM"};
   Bytes b;
-  b.field("\x71\2\1", 4, '\0').field("\x08", 2, '\0').ints({2}).field("", 99, '\0');
-  b.field("\x0c\x0c", 8, '\xff');
+  b.field("\x71\2\1", 4, '\0').field("\x09", 2, '\0').ints({2}).field("", 99, '\0');
+  b.field("\x0c\x0c", 9, '\xff');
   for (const char* name : all) b.field(name, 33, '\0');
-  b.field("", 18, '\0');
-  for (std::size_t i = 0; i < 8; ++i) b.field(i < 2 ? "%12s" : "%9.3g", 12, '\0');
-  b.field("", 8 * (33 + 81) + 5, '\0');
+  b.field("", 20, '\0');
+  for (std::size_t i = 0; i < 9; ++i) b.field(i < 2 ? "%12s" : i < 8 ? "%9.3g" : "%9.0f", 12, '\0');
+  b.field("", 9 * (33 + 81) + 5, '\0');
   for (int i = 0; i < 2; ++i) {
     b.field(rowids[0], 12, ' ').field(rowids[i], 12, ' ');
     for (const double x : values[i]) b.value(x == missingcode ? 0x1p1023 : x);
@@ -287,13 +290,14 @@ std::string wantedstata() {
 }
 
 const std::string cardrows =
-    "          A1          A1    0.25000   -0.75000    0.75000    0.12500    1.50000\n   40.00000\n"
-    "          A1      B, \"2\"   -0.500001234567.500    0.50000    0.25000    1.50000\n-1.0000e+36\n";
+    "          A1          A1    0.25000   -0.75000    0.75000    0.12500    1.50000\n   40.00000\n          1\n"
+    "          A1    B, \"2\" c   -0.500001234567.500    0.50000    0.25000    1.50000\n-1.0000e+36\n         12\n";
 
 TEST(ResidualForms, ManyCategories) {
   makemodel(2);
   categories(3, false);
   run.model.wanted1vars2[1] = 1;
+  run.out.resfilrecnum = true;
   compactlists();
   run.id.started.tm_mday = 24;
   run.id.started.tm_mon = 10;
@@ -306,18 +310,18 @@ TEST(ResidualForms, ManyCategories) {
     std::string want;
   } cases[] = {
       {ResidualForm::freeformat,
-       "L3ID,L2ID,L1RES_1,L1RES_2,FITVAL_1,FITVAL_2,SIGMA,    SIZE\n"
-       "          A1,          A1,0.250000,-0.750000,0.750000,0.125000,1.500000,40.000000\n"
-       "          A1,\"      B, \"\"2\"\"\",-0.500000,1234567.500000,0.500000,0.250000,1.500000,"
-       "-1000000000000000042420637374017961984.000000\n"},
+       "L3ID,L2ID,L1RES_1,L1RES_2,FITVAL_1,FITVAL_2,SIGMA,    SIZE,RECNUM\n"
+       "          A1,          A1,0.250000,-0.750000,0.750000,0.125000,1.500000,40.000000,1\n"
+       "          A1,\"    B, \"\"2\"\" c\",-0.500000,1234567.500000,0.500000,0.250000,1.500000,"
+       "-1000000000000000042420637374017961984.000000,12\n"},
       {ResidualForm::systat,
-       "BASIC\nSAVE RESFIL1\nINPUT (L3ID$,L2ID$,L1RES_1,L1RES_2,FITVAL_1,FITVAL_2,SIGMA,\n    SIZE, \n"
-       "),(2*$12,5*#11/,\n 1*#11/,\n)\nRUN\n" +
+       "BASIC\nSAVE RESFIL1\nINPUT (L3ID$,L2ID$,L1RES_1,L1RES_2,FITVAL_1,FITVAL_2,SIGMA,\n    SIZE, \nRECNUM,\n"
+       "),(2*$12,5*#11/,\n 1*#11/,\n 1*#11/,\n)\nRUN\n" +
            cardrows + "~\n"},
       {ResidualForm::sas,
        "libname dir \".\";\ndata dir.resfil1;\ninfile cards;\nINPUT (L3ID L2ID L1RES_1 L1RES_2 FITVAL_1 FITVAL_2 "
        "SIGMA\n"
-       "SIZE\n) ($12. $12. 5*11.5\n#2  1*11.5 \n);\ncards;\n" +
+       "SIZE\nRECNUM\n) ($12. $12. 5*11.5\n#2  1*11.5 \n#3  1*11.0 \n);\ncards;\n" +
            cardrows + ";\n"},
       {ResidualForm::spss, wantedspss()},
       {ResidualForm::stata, wantedstata()},

@@ -41,9 +41,11 @@ class Report : public testing::Test {
   fs::path before, directory;
 };
 
-constexpr const char* pagehead =
-    "<html lang=en>\n<meta http-equiv=\"content-type\" content=\"text/html;charset=utf-8\" />\n"
-    "<body bgcolor=\"FFFFFF\" fgcolor=\"000000\">\n";
+constexpr const char* pagebegin =
+    "<!DOCTYPE html>\n<html lang=en>\n<head>\n"
+    "<meta http-equiv=\"content-type\" content=\"text/html;charset=utf-8\" />\n<title>a &lt; b &amp; "
+    "c</title>\n<style>\n";
+constexpr const char* pagehead = "</style>\n</head>\n<body bgcolor=\"FFFFFF\" fgcolor=\"000000\">\n";
 
 TEST_F(Report, NameDecidesTheMode) {
   struct {
@@ -52,11 +54,15 @@ TEST_F(Report, NameDecidesTheMode) {
   } cases[] = {{"r.txt", false}, {"r.HTM", true}, {"r.html", true}, {"r", false}, {"htm", false}, {"a.htm.txt", false}};
   for (const auto& c : cases) {
     run.files.outfile = c.name;
+    run.files.title = "a < b & c";
     openreport();
     EXPECT_EQ(run.report.html, c.html) << c.name;
     reportline("x");
     closereport();
-    EXPECT_EQ(contents(c.name), c.html ? std::string(pagehead) + "x<br>\n</body></html>\n" : "x\n") << c.name;
+    const std::string text = contents(c.name);
+    EXPECT_EQ(text.starts_with(pagebegin), c.html) << text;
+    EXPECT_TRUE(text.ends_with(c.html ? std::string(pagehead) + "x<br>\n</body></html>\n" : "x\n")) << text;
+    EXPECT_EQ(text == "x\n", !c.html) << text;
   }
 }
 

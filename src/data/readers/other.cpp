@@ -133,6 +133,11 @@ int stformat(const std::string& word) {
   return type == nullptr ? -1 : type->format;
 }
 
+std::string othertypes() {
+  const std::string words = workingwords();
+  return words.empty() ? words : "The types are " + words + ".\n";
+}
+
 void splitfiletype(const std::string& value, std::string& path, std::string& word) {
   std::size_t slash = value.find_last_of('/');
   const std::size_t before = slash == std::string::npos || slash == 0 ? slash : value.find_last_of('/', slash - 1);
@@ -140,7 +145,7 @@ void splitfiletype(const std::string& value, std::string& path, std::string& wor
       stformat(trimmed(value.substr(before + 1))) != -1)
     slash = before;
   word = slash == std::string::npos ? "" : trimmed(value.substr(slash + 1));
-  if (word.empty()) stopwith("\nMust specify Stat/Transfer file type!\n");
+  if (word.empty()) stopwith("\nMust specify Stat/Transfer file type!\n%s", othertypes().c_str());
   path = trimmed(value.substr(0, slash));
 }
 
@@ -151,7 +156,7 @@ void openother(int level) {
   splitfiletype(source.filename, path, source.filetype);
   source.filename = path;
   const FileType* type = findtype(source.filetype);
-  if (type == nullptr) stopwith("\nIncorrect Stat/Transfer file type!\n");
+  if (type == nullptr) stopwith("\nIncorrect Stat/Transfer file type!\n%s", othertypes().c_str());
   if (!ST_CanRead(type->format))
     stopwith("\n%s has no library for files of type %s (%s). The types that it reads are %s.\n", module, type->word,
              type->description, workingwords().c_str());

@@ -15,6 +15,9 @@ namespace kdr {
 // it where that makes a type word (stata/se). Stops with code 100 when there is no slash or nothing behind it.
 void splitfiletype(const std::string& value, std::string& path, std::string& word);
 
+// A line with the type words that a library reads; nothing in a build without any.
+[[nodiscard]] std::string othertypes();
+
 // Whether a file of the type could be raw data of this kind: its dictionary can be read.
 [[nodiscard]] bool otherreads(const std::string& path, const char* word);
 

@@ -28,6 +28,8 @@ std::vector<ColumnGroup> linegroups(const ResidualColumns& columns) {
   return groups;
 }
 
+int decimalsof(ColumnGroup group) { return group == ColumnGroup::record ? 0 : group == ColumnGroup::PV ? 6 : 5; }
+
 std::vector<int> linesof(int n) {
   std::vector<int> lines;
   for (; n > 0; n -= valuesperline) lines.push_back(std::min(n, valuesperline));
@@ -49,7 +51,7 @@ void writerowcards(ResidualFile& file, const ResidualRow& row) {
       group = column.group;
       online = 0;
     }
-    appendfield(out, row.values[i], valuewidth, group == ColumnGroup::PV ? 6 : 5);
+    appendfield(out, row.values[i], valuewidth, decimalsof(group));
     ++online;
   }
   writeresult(out, "\n");

@@ -188,6 +188,7 @@ ResidualColumns residualcolumns(int level) {
     addchosen(list, 1, model.res1vars1, model.nres1vars1);
     addchosen(list, 2, model.res1vars2, model.nres1vars2);
     addchosen(list, 3, model.res1vars3, model.nres1vars3);
+    if (run.out.resfilrecnum) list.push_back({ColumnGroup::record, 0, 0, "RECNUM", "RECNUM", {}});
   } else if (level == 2) {
     addlevel2(list);
     addchosen(list, 2, model.res2vars2, model.nres2vars2);

@@ -11,7 +11,8 @@ namespace kdr {
 // The values of RESFILTYPE:.
 enum class ResidualForm { freeformat = 2, systat = 3, sas = 5, spss = 6, stata = 8 };
 
-// The columns of a group stand together, and the groups of a level stand in this order.
+// The columns of a group stand together, and the groups of a level stand in this order, but for the number of the
+// record, which is the last column.
 enum class ColumnGroup {
   fit,     // level 1: residuals and fitted values, one each or one for each category but the last, and SIGMA
   EB,      // empirical Bayes residuals
@@ -19,6 +20,7 @@ enum class ColumnGroup {
   FV,      // fitted values of the coefficients
   EC,      // empirical Bayes coefficients
   PV,      // posterior variances, lower triangle by rows
+  record,  // level 1: the number of the record in its level-2 unit
   chosen,  // variables of the MDM file
 };
 

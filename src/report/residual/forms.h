@@ -37,6 +37,8 @@ void writerowstata(ResidualFile& file, const ResidualRow& row);
 inline constexpr int valuesperline = 7;
 // The groups that start a line of their own, in order; empty ones are left out.
 [[nodiscard]] std::vector<ColumnGroup> linegroups(const ResidualColumns& columns);
+// Places of the decimal point of the values of a group.
+[[nodiscard]] int decimalsof(ColumnGroup group);
 // How many values stand on each line of a group of n: 7, 7, ..., the rest.
 [[nodiscard]] std::vector<int> linesof(int n);
 

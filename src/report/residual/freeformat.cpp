@@ -55,7 +55,7 @@ void writerowfree(ResidualFile& file, const ResidualRow& row) {
     if (row.values[i] == missing && group != ColumnGroup::fit && group != ColumnGroup::chosen) {
       writeresult(out, ".");
     } else {
-      appendnumber(out, row.values[i], 6);
+      appendnumber(out, row.values[i], group == ColumnGroup::record ? 0 : 6);
     }
     *roomin(out, 1) = i + 1 < layout.columns.size() ? ',' : '\n';
     wrote(out, 1);

@@ -21,7 +21,7 @@ std::string groupformat(const ResidualColumns& layout, ColumnGroup group, int& l
   std::string text;
   char item[32];
   for (const int n : linesof(layout.number(group))) {
-    std::snprintf(item, sizeof item, "#%d %2d*11.%d ", ++line, n, group == ColumnGroup::PV ? 6 : 5);
+    std::snprintf(item, sizeof item, "#%d %2d*11.%d ", ++line, n, decimalsof(group));
     text += item;
   }
   return text + "\n";

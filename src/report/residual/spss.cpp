@@ -70,7 +70,8 @@ void putid(const ResidualFile& file, const Id& id, char* slot) {
     return;
   }
   const char* text = id.text.text + std::strspn(id.text.text, " ");
-  const std::size_t length = std::strcspn(text, " ");
+  std::size_t length = std::strlen(text);
+  while (length > 0 && text[length - 1] == ' ') --length;
   std::memset(slot, ' ', textidwidth);
   std::memcpy(slot, text, length);
 }
@@ -92,7 +93,8 @@ void writeheadspss(ResidualFile& file, int cases) {
   }
   if (layout.hascount()) putvariable(out, 0, false, formatF8_0, layout.countname());
   for (const ResidualColumn& column : layout.columns)
-    putvariable(out, 0, column.group == ColumnGroup::OL, formatF12_3, column.shortname);
+    putvariable(out, 0, column.group == ColumnGroup::OL, column.group == ColumnGroup::record ? formatF8_0 : formatF12_3,
+                column.shortname);
   putlongnames(out, layout);
   putints(out, {999, 0});
 }

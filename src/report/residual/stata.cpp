@@ -27,7 +27,8 @@ std::vector<Variable> variables(const ResidualColumns& layout) {
     list.push_back({i == 0 ? "L3ID" : "L2ID", layout.textids ? static_cast<unsigned char>(textidwidth) : typedouble,
                     layout.textids ? "%12s" : "%12.0f"});
   if (layout.hascount()) list.push_back({layout.countname(), typelong, "%9.0f"});
-  for (const ResidualColumn& column : layout.columns) list.push_back({column.stataname, typedouble, "%9.3g"});
+  for (const ResidualColumn& column : layout.columns)
+    list.push_back({column.stataname, typedouble, column.group == ColumnGroup::record ? "%9.0f" : "%9.3g"});
   return list;
 }
 

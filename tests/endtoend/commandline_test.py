@@ -1,0 +1,94 @@
+"""The command line, and what the dialogue does with answers that are none: help, names, a report that cannot be written.
+
+    commandline_test.py <program>
+"""
+import subprocess
+import sys
+
+from conversations import CREATION, MODEL, OUTPUT
+from program import Checks, Workplace, body
+
+work, check = Workplace(sys.argv[1]), Checks()
+
+
+def commandline():
+    done = work.run("--help")
+    check(done.returncode == 0 and done.stdout.startswith("usage: kdr3 [options]"), "--help")
+    check(work.run("-h").stdout == done.stdout, "-h")
+    done = work.run("--version")
+    check((done.returncode, done.stdout) == (0, "KDR3 version 7.01\n"), f"--version: {done.stdout}")
+    done = work.run("-z")
+    check(done.returncode == 100 and "illegal option -- z" in done.stdout, "an unknown option")
+    check(work.run("-r", "chem97.mdmt").returncode == 0, "the MDM file")
+    check(work.run("chem97.mdm", "model1.kdr").returncode == 0, "files")
+    want = body(work.read("model1.txt"))
+    for words, answers in ((["chem97.mdm", "model1.kdr", "-strict", "-t", "2"], ""),
+                           (["chem97.mdm", "-"], work.read("model1.kdr"))):
+        (work.folder / "model1.txt").unlink()
+        done = work.run(*words, answers=answers)
+        check(done.returncode == 0 and body(work.read("model1.txt")) == want, f"{words}: {done.stdout[-300:]}")
+
+
+def onelongfile():
+    """The MDM file of three raw files and that of one file with the same records give one model."""
+    wide = {"Y": lambda k, j, i: (7 * k + 3 * j + 5 * i) % 11, "X": lambda k, j, i: (i * i + j) % 5}
+    rows = [f"{k},{10 * k + j},{wide['Y'](k, j, i)},{wide['X'](k, j, i)},{k * k % 7}"
+            for k in range(1, 13) for j in range(1, 4) for i in range(6)]
+    work.write("long.csv", "area,school,y,x,q\n" + "\n".join(rows) + "\n")
+    done = work.run("-from", "long.csv", "-level3", "area", "-level2", "school")
+    if "without the libraries" in done.stdout:
+        return
+    check(done.returncode == 0 and (work.folder / "long.mdm").exists(), f"-from: {done.stdout[-500:]}")
+    work.write("long.kdr", "NUMIT:50,N\nNONLIN:N\nLEVEL1:Y=INTRCPT1+X+RANDOM\nLEVEL2:INTRCPT1=INTRCPT2+RANDOM/\n"
+               "LEVEL3:INTRCPT2=INTRCPT3+Q+RANDOM/\nLEVEL2:X=INTRCPT2/\nLEVEL3:INTRCPT2=INTRCPT3/\nCONSTRAIN:N\nHYPOTH:N\n"
+               "LEVEL1DELETION:NONE\nLVR-BETA:N\nRESFIL2:N\nRESFIL3:N\nTITLE:long\nOUTPUT:long.txt\n")
+    done = work.run("long.mdm", "long.kdr")
+    check(done.returncode == 0, f"a run on the file of -from: {done.stdout[-300:]}")
+    check("The maximum number of level-1 units = 216" in work.read("long.txt"), "all its records are there")
+    done = work.run("-from", "long.csv", "-level3", "area")
+    check(done.returncode == 100 and "go together" in done.stdout, "-from without -level2")
+
+
+def answersof(conversation):
+    return "".join(answer + "\n" for _, answer in conversation)
+
+
+def dialogue():
+    """Help at every question, variables by name, and a path that cannot be opened leave the report as it was."""
+    done = work.run(answers=answersof(MODEL))
+    check(done.returncode == 0, "the plain dialogue")
+    want, commands = body(work.read("dialogue.txt")), work.read("newcmd.kdr")
+    done = work.run(answers="".join(f" ?\n{answer}\n" for _, answer in MODEL))
+    check(done.returncode == 0 and body(work.read("dialogue.txt")) == want, f"help everywhere: {done.stdout[-300:]}")
+    for words in ("y for yes, n for no.\nDo you want to do a non-linear analysis? ",
+                  "or its name.\nWhat is the outcome variable: ", "-1 takes that of the question before.\n",
+                  "It lies within 0 and 10000.\nHow many iterations", "may be empty.\nEnter a problem title: "):
+        check(words in done.stdout, f"help: {words}")
+    made = (work.folder / "chem97.mdm").read_bytes()
+    done = work.run(answers="".join(f"?\n{answer}\n" for _, answer in CREATION))
+    check(done.returncode == 0 and (work.folder / "chem97.mdm").read_bytes() == made, "help while a file is made")
+    named = [(q, {"1": "Score", "2": "female", "4": " GCSE "}.get(a, a) if q.startswith(("What is the", "level-1 pred")) else a)
+             for q, a in MODEL]
+    check(named != MODEL, "some variables are named")
+    done = work.run(answers=answersof(named).replace("female\n", "female1\nfemale\n", 1))
+    check(done.returncode == 0 and body(work.read("dialogue.txt")) == want, f"by name: {done.stdout[-300:]}")
+    check("There is no variable female1." in done.stdout, "an unknown name is told")
+
+    (work.folder / "newcmd.kdr").unlink()
+    assert MODEL[-1] == OUTPUT[0]
+    before = answersof(MODEL[:-1])
+    done = work.run(answers=before + "nowhere/report.txt\n.\nchem97.mdm\n\ndialogue.txt\n")
+    check(done.returncode == 0 and done.stdout.count(OUTPUT[0][0]) == 5, f"asked again: {done.stdout[-300:]}")
+    check(body(work.read("dialogue.txt")) == want and work.read("newcmd.kdr") == commands, "and the run is the same")
+    (work.folder / "newcmd.kdr").unlink()
+    done = work.run(answers=before + "nowhere/report.txt\n" * 10)
+    check(done.returncode == 100 and "proper response" in done.stdout, "ten bad answers end the run")
+    check(work.read("newcmd.kdr") == commands.replace("OUTPUT:dialogue.txt\n", ""), "but the model is kept")
+    done = work.run("chem97.mdm", "newcmd.kdr", answers="dialogue.txt\n")
+    check(done.returncode == 0 and body(work.read("dialogue.txt")) == want, "and goes on from there")
+
+
+commandline()
+onelongfile()
+dialogue()
+check.finish()

@@ -1,0 +1,45 @@
+"""The Debian package of a built tree: what it holds, what it depends on, and that its program runs.
+
+    package_test.py <build folder> <cpack>
+"""
+import re
+import subprocess
+import sys
+import tempfile
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parents[1]
+DOC = "usr/share/doc/kdr3/"
+
+
+def output(*words, **options):
+    done = subprocess.run(words, capture_output=True, text=True, timeout=120, **options)
+    if done.returncode != 0:
+        raise SystemExit(f"{words} ended with {done.returncode}:\n{done.stdout}{done.stderr}")
+    return done.stdout
+
+
+with tempfile.TemporaryDirectory() as place:
+    output(sys.argv[2], "-G", "DEB", "-B", place, "--config", sys.argv[1] + "/CPackConfig.cmake")
+    package, = Path(place).glob("kdr3_*.deb")
+    output("dpkg-deb", "-x", str(package), place + "/root")
+    root = Path(place) / "root"
+    held = {str(path.relative_to(root)) for path in root.rglob("*") if path.is_file()}
+    files = subprocess.run(["git", "ls-files", "docs", "examples"], cwd=ROOT, capture_output=True, text=True).stdout.split()
+    files = files or [str(path.relative_to(ROOT)) for path in (ROOT / "docs").glob("*.md")]
+    for name in ["usr/bin/kdr3", "usr/share/man/man1/kdr3.1", DOC + "README.md", DOC + "CHANGELOG.md",
+                 *(DOC + name for name in files)]:
+        assert name in held, f"the package lacks {name}"
+    strange = {name for name in held if not name.startswith((DOC, "usr/bin/kdr3", "usr/share/man/man1/kdr3"))}
+    assert not strange, f"the package holds {strange}"
+    depends = output("dpkg-deb", "-f", str(package), "Depends")
+    assert "libc6" in depends and "libstdc++6" in depends, depends
+    # The page, --help and the program agree on the options.
+    page = (root / "usr/share/man/man1/kdr3.1").read_text().replace("\\-", "-")
+    helped = output(str(root / "usr/bin/kdr3"), "--help")
+    options = set(re.findall(r"(?:^|[ ,])(--?[a-z0-9]+)(?=[ ,]|$)", "\n".join(
+        line[:34] for line in helped.splitlines() if line.startswith("  -")), re.M))
+    assert len(options) > 12, options
+    missing = {option for option in options if not re.search(re.escape(option) + r"\b", page)}
+    assert not missing, f"the man page lacks {missing}"
+print("the package holds what it should")
