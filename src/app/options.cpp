@@ -112,7 +112,7 @@ constexpr const char* help =
     "  -nowait          end when the next second begins\n"
     "  -w               end after a pause of some seconds\n"
     "  -results FILE    write the results as a document (.json) or a table (.csv)\n"
-    "  -strict          end with code 20 when the run did not converge\n"
+    "  -strict          code 8 for an unknown keyword, code 20 when the run did not converge\n"
     "  -i               keep the data in memory\n"
     "  -t N             threads of the maximum-likelihood engines\n"
     "  -p low, -p high  priority of the process\n"

@@ -6,6 +6,9 @@
 
 namespace kdr {
 
+// The type of raw data OTHER that the name's extension tells, or null.
+[[nodiscard]] const char* typeofextension(const std::string& path);
+
 // Reads the file (a type of raw data OTHER, told by its extension) with the columns of this name as IDs, and tells
 // `raw`, run.mdm and, where it is empty, run.files.mdmfile what mkmdm needs. Writes a template by writetemplate: the
 // one that does the same where the file is sorted already and no name had to be changed.
