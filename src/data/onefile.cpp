@@ -45,10 +45,11 @@ bool hasid(const Id& id) {
   return std::string_view(id.text.text).find_first_not_of(' ') != std::string_view::npos;
 }
 
-// Reads all records that have their IDs.
-void readall(LevelSource& source) {
+// Reads all records that have their IDs, with the codes of `missing` as missing values.
+void readall(LevelSource& source, const std::vector<double>& missing) {
   const std::size_t nvar = one.rows.size();
   std::vector<double> record(nvar);
+  std::vector<long long> codes(nvar);
   Id id3{};
   Id id2{};
   long long withoutid = 0;
@@ -57,6 +58,11 @@ void readall(LevelSource& source) {
       ++withoutid;
       continue;
     }
+    for (std::size_t v = 0; v < nvar; ++v)
+      if (std::count(missing.begin(), missing.end(), record[v]) > 0) {
+        record[v] = missingcode;
+        ++codes[v];
+      }
     one.id3.push_back(id3);
     one.id2.push_back(id2);
     one.values.insert(one.values.end(), record.begin(), record.end());
@@ -64,6 +70,10 @@ void readall(LevelSource& source) {
   if (one.id3.empty()) fail(1, source.filename.c_str());
   if (withoutid > 0)
     std::printf("%lld records of %s have no ID. They were left out.\n", withoutid, source.filename.c_str());
+  for (std::size_t v = 0; v < nvar; ++v)
+    if (codes[v] > 0)
+      std::printf("%s: %lld values count as missing.\n",
+                  printable(source.vartable[static_cast<std::size_t>(one.rows[v])].fullname).c_str(), codes[v]);
 }
 
 int compare(std::size_t a, std::size_t b) {
@@ -227,7 +237,8 @@ const char* typeofextension(const std::string& path) {
   return nullptr;
 }
 
-void takeonefile(const std::string& path, const std::string& level3, const std::string& level2) {
+void takeonefile(const std::string& path, const std::string& level3, const std::string& level2,
+                 const std::vector<double>& missing) {
   forgetraw();
   one = OneFile{};
   MdmData& mdm = run.mdm;
@@ -241,7 +252,7 @@ void takeonefile(const std::string& path, const std::string& level3, const std::
   source.chosen.reset(one.rows.size());
   std::copy(one.rows.begin(), one.rows.end(), source.chosen.begin());
   raw.reader->prepare(0);
-  readall(source);
+  readall(source, missing);
   closeraw(0);
   sortrecords(source);
 

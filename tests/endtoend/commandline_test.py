@@ -52,6 +52,10 @@ def onelongfile():
     work.write("slip.csv", work.read("long.csv").replace(rows[0], rows[0] + "0", 1))
     done = work.run("-from", "slip.csv", "-level3", "area", "-level2", "school")
     check("q varies within 1 of 36 level-2 units" in done.stdout and "Level-1 variables: Y X Q" in done.stdout, done.stdout)
+    work.write("codes.csv", work.read("long.csv").replace(rows[0], rows[0][:rows[0].rindex(",")] + ",999", 1))
+    for codes, told in (("-9,1", "y: 19 values count as missing.\n"), ("-9,a", "cannot be -9,a")):
+        done = work.run("-from", "codes.csv", "-level3", "area", "-level2", "school", "-missing", codes)
+        check(told in done.stdout and done.returncode == (100 if "a" in codes else 0), done.stdout[:300])
 
 
 def slips():
