@@ -22,6 +22,6 @@ namespace kdr {
 // ones. Stops with code 100 for a file of no known type, a column that is not there, or a file without a numeric
 // variable that varies within level-2 units.
 void takeonefile(const std::string& path, const std::string& level3, const std::string& level2,
-                 const std::vector<double>& missing);
+                 const std::vector<double>& missing = {});
 
 }  // namespace kdr
