@@ -74,8 +74,10 @@ bool readanswer(const std::string& prompt, std::string& line, Question question,
 }
 
 void noproperresponse() {
+  std::fflush(stdout);
   if (inputended && !run.files.cmdfile.empty())
-    std::printf(
+    std::fprintf(
+        stderr,
         "\nStandard input ended at this question. Lines of the command file answer such questions:\n"
         "LEVEL1DELETION:NONE, CONSTRAIN:N, HYPOTH:N, LVR-BETA:N, RESFIL2:N, RESFIL3:N, NUMIT:500,N, TITLE:, OUTPUT:\n");
   fail(100, "Unable to get a proper response!\n");

@@ -72,7 +72,7 @@ def slips():
             ("raw data", ("long.csv",), model, 100, "long.csv is raw data: kdr3 -from long.csv")):
         work.write("slip.kdr", text)
         done = work.run(*(words if name == "raw data" else (*words, "long.mdm")), "slip.kdr")
-        check(done.returncode == code and told in done.stdout, f"{name}: {done.returncode} {done.stdout[-300:]}")
+        check(done.returncode == code and told in done.stdout + done.stderr, f"{name}: {done.returncode} {done.stdout[-300:]}")
 
 
 def answersof(conversation):
