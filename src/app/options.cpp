@@ -108,11 +108,12 @@ constexpr const char* help =
     "  -r FILE          a template (.mdmt): make an MDM file; another file: answers to the questions\n"
     "  -from FILE -level3 COLUMN -level2 COLUMN\n"
     "                   make an MDM file from one long file\n"
+    "  -missing CODES   with -from: these numbers stand for missing values, as in -missing -9,999\n"
     "  -q               end at once\n"
     "  -nowait          end when the next second begins\n"
     "  -w               end after a pause of some seconds\n"
     "  -results FILE    write the results as a document (.json) or a table (.csv)\n"
-    "  -strict          end with code 20 when the run did not converge\n"
+    "  -strict          code 8 for an unknown keyword, code 20 when the run did not converge\n"
     "  -i               keep the data in memory\n"
     "  -t N             threads of the maximum-likelihood engines\n"
     "  -p low, -p high  priority of the process\n"
@@ -149,16 +150,31 @@ std::string standardinput() {
   return "/proc/self/fd/" + std::to_string(copy);
 }
 
-// One long file in the place of a template: three options of whole words.
+// One long file in the place of a template: options of whole words.
 struct OneFileOptions {
-  std::string from, level3, level2;
+  std::string from, level3, level2, missing;
 };
+
+// The numbers of a list with commas.
+std::vector<double> numbersof(const std::string& list) {
+  std::vector<double> numbers;
+  for (const char* at = list.c_str(); *at != '\0';) {
+    char* end = nullptr;
+    numbers.push_back(std::strtod(at, &end));
+    if (end == at || (*end != ',' && *end != '\0'))
+      stopwith("-missing takes numbers with commas between them, as in -missing -9,999. It cannot be %s\n",
+               list.c_str());
+    at = *end == ',' ? end + 1 : end;
+  }
+  return numbers;
+}
 
 // The place for the argument of an option that is a whole word, or null when it is none.
 std::string* argumentof(OneFileOptions& options, const char* word) {
   if (strcasecmp(word, "-from") == 0) return &options.from;
   if (strcasecmp(word, "-level3") == 0) return &options.level3;
   if (strcasecmp(word, "-level2") == 0) return &options.level2;
+  if (strcasecmp(word, "-missing") == 0) return &options.missing;
   if (strcasecmp(word, "-results") == 0) return &run.files.results;
   return nullptr;
 }
@@ -219,11 +235,11 @@ Options readoptions(int argc, char** argv) {
   if (!files.empty()) run.files.mdmfile = files[0];
   if (files.size() > 1) run.files.cmdshown = run.files.cmdfile = files[1];
   if (run.files.cmdfile == "-") run.files.cmdfile = standardinput();
-  const bool wanted = !(onefile.from + onefile.level3 + onefile.level2).empty();
+  const bool wanted = !(onefile.from + onefile.level3 + onefile.level2 + onefile.missing).empty();
   if (wanted && (onefile.from.empty() || onefile.level3.empty() || onefile.level2.empty() || options.templatejob))
     stopwith("-from FILE, -level3 COLUMN and -level2 COLUMN go together, and without a template.\n");
   if (wanted) {
-    takeonefile(onefile.from, onefile.level3, onefile.level2);
+    takeonefile(onefile.from, onefile.level3, onefile.level2, numbersof(onefile.missing));
     options.templatejob = true;
   }
   if (run.files.resultsgiven && options.templatejob)

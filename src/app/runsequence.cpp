@@ -134,6 +134,7 @@ void checkfiles() {
   if (run.out.resfil3) outputs.push_back(files.resfil3name);
   if (run.out.graph) outputs.push_back(files.graphgammas);
   refuseclashes(inputs, outputs);
+  refuseforeignresults();
 }
 
 // The answers of the dialogue as a command file, before the question for the report, which may be in vain.

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <string>
 
+#include "data/onefile.h"
 #include "data/resultfile.h"
 #include "data/scratch.h"
 #include "driver/failures.h"
@@ -49,11 +50,18 @@ void take(void* destination, std::size_t bytes) {
   if (!readchk(destination, bytes, run.mdm.stream)) damagedmdm("it is cut off");
 }
 
+[[noreturn]] void notmdm() {
+  const std::string& path = run.files.mdmfile;
+  if (typeofextension(path) != nullptr)
+    std::printf("%s is raw data: kdr3 -from %s -level3 COLUMN -level2 COLUMN makes an MDM file of it.\n", path.c_str(),
+                path.c_str());
+  stopwith("Not a valid mdm file.\n");
+}
+
 // Reads magic, version and counts. Returns the head's length.
 long long readhead(MdmHeader& head) {
   char found[sizeof magic];
-  if (!readchk(found, sizeof found, run.mdm.stream) || std::memcmp(found, magic, sizeof magic) != 0)
-    stopwith("Not a valid mdm file.\n");
+  if (!readchk(found, sizeof found, run.mdm.stream) || std::memcmp(found, magic, sizeof magic) != 0) notmdm();
   take(&head.version, sizeof head.version);
   const double version = head.version;
   if (!(version > oldestversion)) stopwith("Sorry, you will have to remake this ssm file.\n");
@@ -197,7 +205,7 @@ void damagedmdm(const char* what) { stopwith("The mdm file %s is damaged: %s.\n"
 void readmdm() {
   MdmData& mdm = run.mdm;
   const long long length = filelength(mdm.stream);
-  if (length < 0 || fseeko(mdm.stream, 0, SEEK_SET) != 0) stopwith("Not a valid mdm file.\n");
+  if (length < 0 || fseeko(mdm.stream, 0, SEEK_SET) != 0) notmdm();
   MdmHeader head{};
   const long long headlength = readhead(head);
   mdm.numericids = head.rawdattype < 0;

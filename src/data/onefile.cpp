@@ -31,15 +31,9 @@ struct OneFile {
 
 OneFile one;
 
-const char* typeofextension(const std::string& path) {
-  static constexpr const char* types[][2] = {
-      {".csv", "delim"},  {".txt", "delim"}, {".tsv", "delim"},        {".xls", "excel"}, {".xlsx", "excel"},
-      {".xlsm", "excel"}, {".dbf", "xbase"}, {".sas7bdat", "sas-win"}, {".xpt", "sasx"},  {".sav", "spss"},
-      {".zsav", "spss"},  {".por", "spssp"}, {".dta", "stata"}};
-  for (const auto& [extension, type] : types)
-    if (path.size() > std::string_view(extension).size() &&
-        strcasecmp(path.c_str() + path.size() - std::string_view(extension).size(), extension) == 0)
-      return type;
+// The type of raw data that the name tells.
+const char* knowntype(const std::string& path) {
+  if (const char* type = typeofextension(path); type != nullptr) return type;
   stopwith(
       "The type of %s cannot be told from its name. Known are .csv, .txt, .tsv, .xls, .xlsx, .xlsm, .dbf, .sas7bdat, "
       ".xpt, .sav, .zsav, .por and .dta.\n",
@@ -51,10 +45,11 @@ bool hasid(const Id& id) {
   return std::string_view(id.text.text).find_first_not_of(' ') != std::string_view::npos;
 }
 
-// Reads all records that have their IDs.
-void readall(LevelSource& source) {
+// Reads all records that have their IDs, with the codes of `missing` as missing values.
+void readall(LevelSource& source, const std::vector<double>& missing) {
   const std::size_t nvar = one.rows.size();
   std::vector<double> record(nvar);
+  std::vector<long long> codes(nvar);
   Id id3{};
   Id id2{};
   long long withoutid = 0;
@@ -63,6 +58,11 @@ void readall(LevelSource& source) {
       ++withoutid;
       continue;
     }
+    for (std::size_t v = 0; v < nvar; ++v)
+      if (std::count(missing.begin(), missing.end(), record[v]) > 0) {
+        record[v] = missingcode;
+        ++codes[v];
+      }
     one.id3.push_back(id3);
     one.id2.push_back(id2);
     one.values.insert(one.values.end(), record.begin(), record.end());
@@ -70,6 +70,10 @@ void readall(LevelSource& source) {
   if (one.id3.empty()) fail(1, source.filename.c_str());
   if (withoutid > 0)
     std::printf("%lld records of %s have no ID. They were left out.\n", withoutid, source.filename.c_str());
+  for (std::size_t v = 0; v < nvar; ++v)
+    if (codes[v] > 0)
+      std::printf("%s: %lld values count as missing.\n",
+                  printable(source.vartable[static_cast<std::size_t>(one.rows[v])].fullname).c_str(), codes[v]);
 }
 
 int compare(std::size_t a, std::size_t b) {
@@ -94,25 +98,39 @@ void sortrecords(const LevelSource& source) {
 
 double valueat(std::size_t place, std::size_t v) { return one.values[one.order[place] * one.rows.size() + v]; }
 
-// Whether the variable has one value in each of the units that begin at these places. `gaps` counts units in which that
-// value is missing.
-bool constant(const std::vector<std::size_t>& first, std::size_t v, long long& gaps) {
+// In how many of the units that begin at these places the variable has more than one value. `gaps` counts the others in
+// which it is missing.
+std::size_t varyingunits(const std::vector<std::size_t>& first, std::size_t v, long long& gaps) {
+  std::size_t varying = 0;
   gaps = 0;
   for (std::size_t unit = 0; unit < first.size(); ++unit) {
     const std::size_t end = unit + 1 < first.size() ? first[unit + 1] : one.order.size();
     const double value = valueat(first[unit], v);
-    gaps += value == missingcode;
-    for (std::size_t i = first[unit] + 1; i < end; ++i)
-      if (valueat(i, v) != value) return false;
+    std::size_t i = first[unit] + 1;
+    while (i < end && valueat(i, v) == value) ++i;
+    varying += i < end;
+    gaps += i == end && value == missingcode;
   }
-  return true;
+  return varying;
+}
+
+// Says so when the variable varies within a twentieth of the units or less, as slips of the data make it.
+void tellslips(const std::string& name, std::size_t varying, std::size_t units, int level) {
+  if (varying > 0 && varying * 20 <= units)
+    std::printf("%s varies within %zu of %zu level-%d units, and is constant in all others.\n", name.c_str(), varying,
+                units, level);
 }
 
 // The highest level at which the variable is constant and never missing.
 int levelof(const std::string& name, std::size_t v) {
   long long gaps = 0;
-  if (constant(one.first3, v, gaps) && gaps == 0) return 2;
-  if (!constant(one.first2, v, gaps)) return 0;
+  const std::size_t varying3 = varyingunits(one.first3, v, gaps);
+  if (varying3 == 0 && gaps == 0) return 2;
+  tellslips(name, varying3, one.first3.size(), 3);
+  if (const std::size_t varying2 = varyingunits(one.first2, v, gaps); varying2 > 0) {
+    if (varying3 * 20 > one.first3.size()) tellslips(name, varying2, one.first2.size(), 2);
+    return 0;
+  }
   if (gaps == 0) return 1;
   std::printf("%s does not vary within level-2 units, but is missing in %lld of them: it stays at level 1.\n",
               name.c_str(), gaps);
@@ -157,20 +175,34 @@ constexpr RawReader memoryreader{rawother, "other", 5, nullptr, preparememory, m
 
 // Marks the IDs and every numeric variable but them.
 void markall(LevelSource& source, const std::string& level3, const std::string& level2) {
+  for (const std::string& id : {level3, level2})
+    if (findvariable(source, id) == -1) {
+      std::string columns;
+      for (const RawVariable& variable : source.vartable)
+        if (!variable.hidden) columns += " " + variable.fullname;
+      stopwith("%s has no column %s. Its columns are:%s\n", source.filename.c_str(), id.c_str(),
+               printable(columns).c_str());
+    }
   markid(0, level3idmark, level3);
   markid(0, level2idmark, level2);
   settleidkind();
   std::string left;
+  int nameless = 0;
   for (std::size_t row = 0; row < source.vartable.size(); ++row) {
     RawVariable& variable = source.vartable[row];
     if (variable.mark != unwanted || variable.hidden) continue;
-    if (variable.text || variable.fullname.empty()) {
-      left += (left.empty() ? "" : ", ") + (variable.fullname.empty() ? "one without a name" : variable.fullname);
+    if (variable.fullname.empty()) {
+      ++nameless;
+      continue;
+    }
+    if (variable.text) {
+      left += (left.empty() ? "" : ", ") + variable.fullname;
       continue;
     }
     variable.mark = variablemark;
     one.rows.push_back(static_cast<int>(row));
   }
+  if (nameless > 0) std::printf("Columns without a name, left out: %d.\n", nameless);
   if (!left.empty()) std::printf("Left out, since they are no numbers: %s.\n", printable(left).c_str());
 }
 
@@ -193,7 +225,20 @@ void telllevel(int level, const std::vector<Name>& names) {
 
 }  // namespace
 
-void takeonefile(const std::string& path, const std::string& level3, const std::string& level2) {
+const char* typeofextension(const std::string& path) {
+  static constexpr const char* types[][2] = {
+      {".csv", "delim"},  {".txt", "delim"}, {".tsv", "delim"},        {".xls", "excel"}, {".xlsx", "excel"},
+      {".xlsm", "excel"}, {".dbf", "xbase"}, {".sas7bdat", "sas-win"}, {".xpt", "sasx"},  {".sav", "spss"},
+      {".zsav", "spss"},  {".por", "spssp"}, {".dta", "stata"}};
+  for (const auto& [extension, type] : types)
+    if (path.size() > std::string_view(extension).size() &&
+        strcasecmp(path.c_str() + path.size() - std::string_view(extension).size(), extension) == 0)
+      return type;
+  return nullptr;
+}
+
+void takeonefile(const std::string& path, const std::string& level3, const std::string& level2,
+                 const std::vector<double>& missing) {
   forgetraw();
   one = OneFile{};
   MdmData& mdm = run.mdm;
@@ -201,13 +246,13 @@ void takeonefile(const std::string& path, const std::string& level3, const std::
   mdm.deletednow = false;
   LevelSource& source = raw.level[0];
   raw.reader = findreader("other");
-  source.filename = path + " /" + typeofextension(path);
+  source.filename = path + " /" + knowntype(path);
   openraw(0);
   markall(source, level3, level2);
   source.chosen.reset(one.rows.size());
   std::copy(one.rows.begin(), one.rows.end(), source.chosen.begin());
   raw.reader->prepare(0);
-  readall(source);
+  readall(source, missing);
   closeraw(0);
   sortrecords(source);
 

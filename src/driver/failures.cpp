@@ -98,7 +98,9 @@ void printfailure(const Failure& failure, const char* text) {
     }
     argument = text;
   }
-  if (failure.target == Target::report) reportbreak();
+  if (failure.target != Target::report) return;
+  reportbreak();
+  if (!reportisstdout()) std::printf("The run has stopped. The end of %s tells why.\n", run.files.outfile.c_str());
 }
 #pragma GCC diagnostic pop
 

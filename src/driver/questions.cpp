@@ -6,6 +6,7 @@
 
 #include "driver/failures.h"
 #include "driver/formatted.h"
+#include "driver/runrecord.h"
 #include "driver/terminal.h"
 
 namespace kdr {
@@ -42,6 +43,8 @@ bool asksforhelp(const std::string& line) {
   return first != std::string::npos && line[first] == '?' && line.find_first_not_of(" \t", first + 1) == line.npos;
 }
 
+bool inputended = false;
+
 // A line of a pipe, a file, or a terminal whose output goes elsewhere.
 bool plainline(const std::string& prompt, std::string& line) {
   std::fputs(prompt.c_str(), stdout);
@@ -51,6 +54,7 @@ bool plainline(const std::string& prompt, std::string& line) {
     if (c == EOF || c == '\n') {
       if (!line.empty() && line.back() == '\r') line.pop_back();
       if (c == EOF) std::clearerr(stdin);
+      inputended = c == EOF;
       return c == '\n' || !line.empty();
     }
     line.push_back(static_cast<char>(c));
@@ -69,7 +73,15 @@ bool readanswer(const std::string& prompt, std::string& line, Question question,
   }
 }
 
-void noproperresponse() { fail(100, "Unable to get a proper response!\n"); }
+void noproperresponse() {
+  std::fflush(stdout);
+  if (inputended && !run.files.cmdfile.empty())
+    std::fprintf(
+        stderr,
+        "\nStandard input ended at this question. Lines of the command file answer such questions:\n"
+        "LEVEL1DELETION:NONE, CONSTRAIN:N, HYPOTH:N, LVR-BETA:N, RESFIL2:N, RESFIL3:N, NUMIT:500,N, TITLE:, OUTPUT:\n");
+  fail(100, "Unable to get a proper response!\n");
+}
 
 int askyesno(const char* prompt) {
   std::string line;

@@ -30,13 +30,23 @@ void badline(const CommandReader& reader) {
 
 int variable(const char* what, const std::string& name, const Array<Name>& table, int highest, int lowest) {
   const int v = findname(name, table, highest);
-  if (v < lowest) badspecification(what, name);
-  return v;
+  if (v >= lowest) return v;
+  const MdmData& mdm = run.mdm;
+  const Array<Name>* tables[] = {&mdm.names1, &mdm.names2, &mdm.names3};
+  const int counts[] = {mdm.nvar1, mdm.nvar2, mdm.nvar3};
+  for (int level = 0; level < 3; ++level)
+    if (tables[level] != &table && findname(name, *tables[level], counts[level]) > 0)
+      std::printf("%s is a variable of level %d.\n", name.c_str(), level + 1);
+  badspecification(what, name);
 }
 
 namespace {
 
 void unrecognized(const std::string& line) {
+  if (run.id.strict) {
+    std::printf("Unrecognized control word: %s\n", line.c_str());
+    fail(8, line.c_str());
+  }
   std::printf("Unrecognized control word, ignored: %s\n", line.c_str());
   std::string answer;
   readanswer("Hit return to continue ", answer);
@@ -88,12 +98,23 @@ void checksets(const CommandReader& reader) {
     stopwith("There are %d sets of equations in the command file where %d are needed!\n", reader.set + 1, kind.neqsets);
 }
 
+// A file in which some coefficients have an equation and another has none has lost a line. Without it the coefficient
+// would be random and have no fixed effect.
+void checkequations(const CommandReader& reader) {
+  const auto lost = [](const std::string& name, int level) {
+    stopwith("%s of level %d has no LEVEL%d: line, while others have one!\n", name.c_str(), level, level + 1);
+  };
+  if (run.answered.level2 && !reader.without2.empty()) lost(reader.without2, 1);
+  if (run.answered.level3 && !reader.without3.empty()) lost(reader.without3, 2);
+}
+
 // What only the whole file can tell.
 void endoffile(const CommandReader& reader) {
   if (run.mdm.deletednow) run.answered.deletion = true;
   setresfilnames();
   settlerecord();
   checksets(reader);
+  checkequations(reader);
   if (reader.deviance != reader.df) std::printf(" Deviance and df must be specified together\n");
   checkorders();
   if (reader.toomany)

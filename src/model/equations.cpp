@@ -103,8 +103,10 @@ Equation equationof(const CommandReader& reader, int level, const Name& owner, i
   text.remove_prefix(text.find(':') + 1);
   const std::size_t equals = text.find('=');
   if (equals == std::string_view::npos ||
-      !samename(paddedname(trimmed(text.substr(0, equals))), paddedname(owner.text)))
+      !samename(paddedname(trimmed(text.substr(0, equals))), paddedname(owner.text))) {
+    std::printf("The equation of %s is due here.\n", leftname(owner).c_str());
     badline(reader);
+  }
 
   Equation equation;
   for (Term& term : termsof(text.substr(equals + 1))) {
@@ -132,9 +134,12 @@ void readlevel3(CommandReader& reader, int owner) {
   ModelSpec& model = run.model;
   const int e = reader.set, b = reader.ncoef2++;
   if (b >= run.mdm.maxbeta) stopwith("There are too many level-2 coefficients!\n");
-  if (!nextequation(reader, "LEVEL3:")) return;
-  run.answered.level3 = true;
   const Name& ownername = run.mdm.names2[static_cast<std::size_t>(owner)];
+  if (!nextequation(reader, "LEVEL3:")) {
+    if (reader.without3.empty()) reader.without3 = leftname(ownername);
+    return;
+  }
+  run.answered.level3 = true;
   const Equation equation = equationof(reader, 3, ownername, model.extra3.row(e, b));
   for (const Term& term : equation.terms) {
     const int v = variable("level3", term.name, run.mdm.names3, run.mdm.nvar3, 0);
@@ -157,9 +162,12 @@ void readlevel2(CommandReader& reader, int owner) {
   const int e = reader.set, c = reader.ncoef1++;
   const bool threshold = run.kind.ordinal && owner > run.mdm.nvar1;
   if (threshold) model.fixed1.row(e)[c] = 1;
-  if (!nextequation(reader, "LEVEL2:")) return;
-  run.answered.level2 = true;
   const Name ownername = run.mdm.names1[static_cast<std::size_t>(owner)];
+  if (!nextequation(reader, "LEVEL2:")) {
+    if (!threshold && reader.without2.empty()) reader.without2 = leftname(ownername);
+    return;
+  }
+  run.answered.level2 = true;
   const Equation equation = equationof(reader, 2, ownername, model.extra2.row(e, c));
   if (threshold && (equation.random || !equation.terms.empty() || model.extra2.row(e, c)[0] != noslot))
     stopwith("The threshold %s can have no equation of its own!\n", leftname(ownername).c_str());
@@ -220,7 +228,7 @@ void readlevel1(CommandReader& reader, const std::string& value) {
   if (equals == std::string::npos) fail(8, equation.c_str());
   readoutcome(reader, std::string(trimmed(std::string_view(equation).substr(0, equals))));
 
-  std::string_view terms = std::string_view(equation).substr(equals + 1);
+  std::string_view terms = trimmed(std::string_view(equation).substr(equals + 1));
   const bool intercept = beginswith(terms, "INTRCPT1");
   run.model.use1.row(reader.set)[0] = intercept ? 1 : 0;
   if (intercept) {

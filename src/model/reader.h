@@ -20,6 +20,7 @@ struct CommandReader {
   int ncoef1 = 0;                     // level-1 coefficients of the set so far
   int ncoef2 = 0;                     // level-2 coefficients of the set so far
   int nthresholds = 0;                // thresholds on the LEVEL1: line
+  std::string without2, without3;     // the first coefficient of level 1, of level 2, that has no equation
 };
 
 // One keyword: `value` is the text behind the line's first colon, never empty except for TITLE:.

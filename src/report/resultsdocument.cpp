@@ -4,12 +4,16 @@
 
 #include <algorithm>
 #include <cmath>
+#include <fstream>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
 #include "data/resultfile.h"
+#include "data/scratch.h"
+#include "driver/failures.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
 #include "report/hypotheses.h"
@@ -32,6 +36,10 @@ struct Document {
   bool averages = false;
 };
 Document document;
+
+// What a document and a table begin with.
+constexpr char documenthead[] = "{\n \"format\": \"kdr3 results\"";
+constexpr char tablehead[] = "phase,part,";
 
 bool wanted() { return !run.files.results.empty(); }
 
@@ -615,6 +623,17 @@ std::string resultsname() {
   if (name.empty() || (!run.series.mimode && !run.series.pvmode)) return name;
   const std::size_t dot = extensionplace(name);
   return name.substr(0, dot) + "_" + std::to_string(subrunnumber()) + name.substr(dot);
+}
+
+void refuseforeignresults() {
+  for (const std::string& name : {resultsname(), run.files.results}) {
+    if (name.empty() || isspecial(name)) continue;
+    char head[sizeof documenthead] = {};
+    std::ifstream(name, std::ios::binary).read(head, sizeof head - 1);
+    if (head[0] != '\0' && std::string_view(head) != documenthead && !std::string_view(head).starts_with(tablehead))
+      stopwith("The file %s holds no results of this program. It would be lost: give the results another name\n",
+               name.c_str());
+  }
 }
 
 void writeresults() {

@@ -31,6 +31,9 @@ void documentwarning(const std::string& words);
 // empty when none is wanted.
 [[nodiscard]] std::string resultsname();
 
+// Stops with code 100 where the document would take the place of a file that is none, as raw data named pupils.csv.
+void refuseforeignresults();
+
 // Writes the document of this pass, or of the averages. It is complete or not there. Failure 5.
 void writeresults();
 void writeaveragedresults();

@@ -47,6 +47,32 @@ def onelongfile():
     check("The maximum number of level-1 units = 216" in work.read("long.txt"), "all its records are there")
     done = work.run("-from", "long.csv", "-level3", "area")
     check(done.returncode == 100 and "go together" in done.stdout, "-from without -level2")
+    done = work.run("-from", "long.csv", "-level3", "region", "-level2", "school")
+    check(done.returncode == 100 and "no column region. Its columns are: area school y x q\n" in done.stdout, done.stdout)
+    work.write("slip.csv", work.read("long.csv").replace(rows[0], rows[0] + "0", 1))
+    done = work.run("-from", "slip.csv", "-level3", "area", "-level2", "school")
+    check("q varies within 1 of 36 level-2 units" in done.stdout and "Level-1 variables: Y X Q" in done.stdout, done.stdout)
+    ones = sum(row.split(",")[2] == "1" for row in rows)
+    for codes, told in (("-9,1", f"y: {ones} values count as missing.\n"), ("-9,a", "cannot be -9,a")):
+        done = work.run("-from", "long.csv", "-level3", "area", "-level2", "school", "-missing", codes)
+        check(told in done.stdout and done.returncode == (100 if "a" in codes else 0), done.stdout[:300])
+
+
+def slips():
+    """What newcomers do wrong is told in the words that mend it."""
+    work.write("long.csv", "".join(f"{line},{2 * int(line.split(',')[3]) if i else 'x2'}\n"
+                                   for i, line in enumerate(work.read("long.csv").splitlines())))
+    work.run("-from", "long.csv", "-level3", "area", "-level2", "school")
+    X2 = "LEVEL2:X2=INTRCPT2/\nLEVEL3:INTRCPT2=INTRCPT3/\n"
+    model = work.read("long.kdr")
+    for name, words, text, code, told in (
+            ("a lost line", (), model.replace("HYPOTH:N\n", ""), 100, "HYPOTH:N"),
+            ("an unknown keyword", ("-strict",), model + "FIXSIGMA:1\n", 8, "line FIXSIGMA:1"),
+            ("a report that ends early", (), model.replace("+X+", "+X+X2+").replace("CONS", X2 + "CONS"), 11, "end of long.txt"),
+            ("raw data", ("long.csv",), model, 100, "long.csv is raw data: kdr3 -from long.csv")):
+        work.write("slip.kdr", text)
+        done = work.run(*(words if name == "raw data" else (*words, "long.mdm")), "slip.kdr")
+        check(done.returncode == code and told in done.stdout + done.stderr, f"{name}: {done.returncode} {done.stdout[-300:]}")
 
 
 def answersof(conversation):
@@ -90,5 +116,6 @@ def dialogue():
 
 commandline()
 onelongfile()
+slips()
 dialogue()
 check.finish()

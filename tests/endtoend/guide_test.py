@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Holds docs/guide.md and the pages on engines, series and results against the program.
+"""Holds README.md, docs/guide.md and the pages on the start, engines, series and results against the program.
 
 A page's blocks are taken in order, in a copy of an example with `kdr3` on the PATH, and the other examples beside it:
 
@@ -20,7 +20,8 @@ from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[2]
 GUIDE = ROOT / "docs" / "guide.md"
-PAGES = {"guide.md": "chem97", "engines.md": "prenatal", "series.md": "chem97", "results.md": "chem97"}  # and the example of each
+PAGES = {"guide.md": "chem97", "../README.md": "growth", "start.md": "growth", "engines.md": "prenatal",
+         "series.md": "chem97", "results.md": "chem97"}  # and the example of each
 SECONDS = 120
 
 
@@ -69,7 +70,7 @@ class Workplace:
 
     def __init__(self, program, example="chem97"):
         self.top = tempfile.TemporaryDirectory()
-        for name in ("chem97", "prenatal", "melanoma"):
+        for name in ("chem97", "growth", "prenatal", "melanoma"):
             shutil.copytree(ROOT / "examples" / name, Path(self.top.name) / name)
         self.directory = Path(self.top.name) / example
         bin_directory = Path(self.top.name) / "bin"

@@ -305,19 +305,22 @@ def series(check, place):
 
 
 def failures(check, place):
-    """An older file stays as it was when the run fails, and no name serves twice."""
-    place.write("old.json", "old")
+    """An older file stays as it was when the run fails, no name serves twice, and only results give way to results."""
+    old = '{\n "format": "kdr3 results"}'
+    place.write("old.json", old)
+    place.write("imp1.csv", "school,score\n1,2\n")
     for name, text, words, told in (
             ("collinear", model().replace("LEVEL2:FEMALE=INTRCPT2", "LEVEL2:FEMALE=INTRCPT2+SCHGCSE"), (), ""),
             ("report", model(output="old.json"), (), "has the name of another file of this run"),
             ("input", model(), ("-results", "imp1.mdm"), "is an input file of this run"),
+            ("raw data", model(), ("-results", "imp1.csv"), "imp1.csv holds no results of this program"),
             ("folder", model(), ("-results", "none/out.json"), "none/out.json"),
             ("template", model(), ("-r", "imp1.mdmt", "-results", "x.json"), "goes with a model")):
         place.write(name + ".kdr", text + "RESULTS:old.json\n")
         mdm = "const.mdm" if name == "collinear" else "imp1.mdm"
         done = place.run(*words, mdm, name + ".kdr")
         check(done.returncode != 0 and told in done.stdout, f"{name}: code {done.returncode} {done.stdout[-300:]}")
-        check(place.read("old.json") == "old", f"{name}: the old file is another")
+        check(place.read("old.json") == old and place.read("imp1.csv")[:6] == "school", f"{name}: a file is another")
         check(not list(place.folder.glob("*.part*")), f"{name}: an unfinished file")
 
 

@@ -16,7 +16,7 @@ import subprocess
 import sys
 import tempfile
 
-OLD = b"what stood here before\n"
+OLD = b'{\n "format": "kdr3 results", what stood here before\n'  # only results give way to results
 GROUPS = ("open", "write", "cut", "read", "close", "rename", "map", "memory")
 
 TEMPLATE = """#KDR3 MDM CREATION TEMPLATE

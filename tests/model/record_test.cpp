@@ -217,7 +217,7 @@ TEST_F(Reading, ListsOfTheModel) {
 }
 
 TEST_F(Reading, SetsAndThresholds) {
-  readtext("NONLIN:MULTINOMIAL,3\nMACROIT:3\n" + samplemodel + "LEVEL1:Y=B\nLEVEL2:B=INTRCPT2\n");
+  readtext("NONLIN:MULTINOMIAL,3\nMACROIT:3\n" + samplemodel + "LEVEL1:Y=B\nLEVEL2:B=INTRCPT2\nLEVEL3:INTRCPT2=INTRCPT3\n");
   EXPECT_EQ(row(run.model.use1, 0), (Ints{1, 0, 0, 1, -1, 0, 0}));
   EXPECT_EQ(row(run.model.use1, 1), (Ints{0, 0, 1, 0, -1, 0, 0}));
   EXPECT_EQ(run.model.terms2.row(1, 0)[0], 0);
