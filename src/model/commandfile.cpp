@@ -5,6 +5,7 @@
 
 #include "data/scratch.h"
 #include "driver/failures.h"
+#include "driver/formatted.h"
 #include "driver/questions.h"
 #include "driver/runrecord.h"
 #include "kernel/sizes.h"
@@ -98,11 +99,15 @@ void checksets(const CommandReader& reader) {
     stopwith("There are %d sets of equations in the command file where %d are needed!\n", reader.set + 1, kind.neqsets);
 }
 
-// A file in which some coefficients have an equation and another has none has lost a line. Without it the coefficient
-// would be random and have no fixed effect.
+// A file in which some coefficients have an equation and another has none has probably lost a line: without it the
+// coefficient is random and has no fixed effect. Such a model can be meant, so it is told, and stops a -strict run.
 void checkequations(const CommandReader& reader) {
   const auto lost = [](const std::string& name, int level) {
-    stopwith("%s of level %d has no LEVEL%d: line, while others have one!\n", name.c_str(), level, level + 1);
+    const std::string words =
+        formatted("%s of level %d has no LEVEL%d: line, while others have one: it is random without a fixed effect!\n",
+                  name.c_str(), level, level + 1);
+    if (run.id.strict) stopwith("%s", words.c_str());
+    std::printf("%s", words.c_str());
   };
   if (run.answered.level2 && !reader.without2.empty()) lost(reader.without2, 1);
   if (run.answered.level3 && !reader.without3.empty()) lost(reader.without3, 2);
