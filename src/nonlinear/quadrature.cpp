@@ -410,8 +410,10 @@ QuadratureResult adaptivequadrature(const QuadratureSettings& settings, int npi,
   int left = std::max(settings.iterations, 1);
   while (left > 0)
     if (const QuadratureFailure failure = iterations.iterate(left); failure != QuadratureFailure::none) {
-      // A ridge beyond bounds leaves nothing usable; a step that cannot be taken leaves the estimates before it.
-      if (failure == QuadratureFailure::ridge) result.code = 0;
+      // A ridge beyond bounds leaves nothing usable, nor does a level-2 centre without a covariance: all weight of its
+      // integral was on one node, which no estimate should rest on. A step that cannot be taken leaves the estimates
+      // before it.
+      if (failure == QuadratureFailure::ridge || failure == QuadratureFailure::centre2) result.code = 0;
       if (failure == QuadratureFailure::step) result.code = 1;
       if (result.iteration > 0 && fallen(result.loglikelihood, result.highest))
         result.warnings.emplace_back(
