@@ -199,8 +199,8 @@ OutcomeType outcometype() {
   return run.kind.nlcount ? OutcomeType::binomial : OutcomeType::bernoulli;
 }
 
-// Standard errors of the fixed effects that fall short of those of quasi-likelihood by a tenth come from integrals with too
-// few points: their information counts what the integration misses.
+// Standard errors of the fixed effects that fall short of those of quasi-likelihood by a tenth come from integrals with
+// too few points: their information counts what the integration misses.
 bool shorterrors(const QuadratureResult& result, const PassResults& before, int g) {
   constexpr double share = 0.8;
   for (int i = 0; i < g; ++i)

@@ -43,8 +43,11 @@ TEST(Ridge, AddsUpAndHasTwoBounds) {
   EXPECT_DOUBLE_EQ(H[0], 13.0);
   EXPECT_DOUBLE_EQ(H[3], 18.0);
   EXPECT_EQ(H[1], 0.5);
-  for (const auto& [value, largest, fits] :
-       {std::tuple(1e6, 1.0, true), {1.1e6, 1.0, false}, {1e20, 1e30, true}, {1.1e20, 1e30, false}, {1.0, 0.0, false}}) {
+  for (const auto& [value, largest, fits] : {std::tuple(1e6, 1.0, true),
+                                             {1.1e6, 1.0, false},
+                                             {1e20, 1e30, true},
+                                             {1.1e20, 1e30, false},
+                                             {1.0, 0.0, false}}) {
     double diagonal[] = {0.0, 0.0, 0.0, largest};
     ridge.value = value;
     EXPECT_EQ(ridge.addto(diagonal, 2), fits) << value;

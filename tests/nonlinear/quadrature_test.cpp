@@ -468,6 +468,29 @@ TEST(Quadrature, Interrupt) {
   EXPECT_TRUE(result.finished && !result.converged);
 }
 
+// With four points the iterations rest near a variance of 0 that they began with. At a maximum there, nothing is said.
+TEST(Quadrature, VarianceThatIsHeldNearZeroIsSaid) {
+  struct Near {
+    unsigned seed;
+    int points;
+    double start;
+    bool said;
+  };
+  for (const Near& one : {Near{3, 4, 1e-4, true}, {4, 3, 1e-3, true}, {3, 7, 0.3, false}, {4, 15, 0.3, false}}) {
+    const double tau = one.seed == 4 && one.said ? 0.8 : 0.3;
+    Parameters start = makeparameters(1, 1, {tau, 0.5, -0.3, 0.5, 0.4, -0.6});
+    Study study = makestudy(OutcomeType::bernoulli, 1, 1, drawrecords(one.seed, 12, 5, 6, start));
+    start.taupi[0] = one.start;
+    const QuadratureResult result = estimate(study, settings(OutcomeType::bernoulli, one.points, 100), start);
+    EXPECT_TRUE(result.converged) << one.seed;
+    EXPECT_EQ(result.parameters.taupi[0] < 0.01, one.said || one.seed == 4) << result.parameters.taupi[0];
+    const bool said = std::any_of(result.warnings.begin(), result.warnings.end(), [](const std::string& warning) {
+      return warning.find("a variance near 0 is not at the maximum") != std::string::npos;
+    });
+    EXPECT_EQ(said, one.said) << one.seed << " " << one.points;
+  }
+}
+
 // Level-3 units of thousands of records: their integrands are far below the smallest double.
 TEST(Quadrature, LargeUnits) {
   const Parameters truth = makeparameters(1, 1, {0.5, 0.3, 0.2, 0.1, 0.1, 0.4});
