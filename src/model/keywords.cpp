@@ -89,7 +89,10 @@ void readpopavit(CommandReader&, const std::string& value) {
 void readlaplace(CommandReader&, const std::string& value) {
   if (firstletter(value) != 'Y') return;
   run.iter.laplace = true;
-  if (value.find(',') != std::string::npos) run.iter.laplaceit = wholenumber(behindcomma(value));
+  if (value.find(',') == std::string::npos) return;
+  const std::string iterations = behindcomma(value);
+  run.iter.laplaceit = wholenumber(iterations);
+  if (!isreal(iterations) || run.iter.laplaceit < 0) stopwith("The number of Laplace iterations must be 0 or more!\n");
 }
 
 void readagq(CommandReader&, const std::string& value) {

@@ -60,7 +60,10 @@ PassResults resultsof(const LaplaceResult& laplace, const PassResults& before) {
   }
   // The printed likelihood is lower than the marginal one by this constant.
   results.marginal = laplace.loglik + 0.5 * run.mdm.nunits1 * std::log(2.0 * M_PI);
-  if (!laplace.converged) results.ending = Ending::limit;
+  if (!laplace.converged) {
+    results.ending = Ending::limit;
+    results.warnings.emplace_back("WARNING: the iterations of Laplace-6 ended before they had converged.");
+  }
   results.errors.known = true;
   results.errors.taupi = laplace.setaupi.copy();
   results.errors.taubeta = laplace.setaubeta.copy();
@@ -119,7 +122,6 @@ Array<double> posteriormeans2(Pass& pass) {
 }
 
 void laplace(Pass& pass, MacroState& state, const PassResults& before) {
-  std::printf("\n");
   RecordBatches batches;
   LaplaceData data;
   data.design = &pass.design;
@@ -159,7 +161,11 @@ void laplace(Pass& pass, MacroState& state, const PassResults& before) {
         [](int) {}, changing(pass.store.hot));
   }
   const bool estimated = result.end == LaplaceEnd::estimated;
-  if (estimated) laplacetables(results, !result.finalcall);
+  if (estimated) {
+    laplacetables(results, !result.finalcall);
+  } else {
+    reportline("Laplace-6 has made no iteration: the likelihood is that of quasi-likelihood.");
+  }
   modelstatistics(result.loglik, 2);
   markreport();
   state.laplacegamma = run.est.gammahat.copy();
@@ -193,8 +199,8 @@ OutcomeType outcometype() {
   return run.kind.nlcount ? OutcomeType::binomial : OutcomeType::bernoulli;
 }
 
-// Standard errors of the fixed effects that fall short of those of quasi-likelihood by a tenth come from integrals with too
-// few points: their information counts what the integration misses.
+// Standard errors of the fixed effects that fall short of those of quasi-likelihood by a tenth come from integrals with
+// too few points: their information counts what the integration misses.
 bool shorterrors(const QuadratureResult& result, const PassResults& before, int g) {
   constexpr double share = 0.8;
   for (int i = 0; i < g; ++i)
@@ -245,21 +251,24 @@ void quadrature(Pass& pass, MacroState& state, const PassResults& before) {
   // Estimates of an estimation that broke off with a warning are none, nor are those that fell far below what was
   // reached before.
   constexpr double farbelow = 1.0;
+  const auto goeson = [](const char* from) {
+    const std::string words = std::string("The run goes on with the estimates ") + from;
+    reportline("%s", words.c_str());
+    std::printf("%s\n", words.c_str());
+  };
   const bool fallen = result.finished && result.highest - result.loglikelihood > farbelow;
   if (result.code == 0 || fallen || (!result.finished && !result.warnings.empty())) {
     notconverged("");
     if (result.finished) documentending(false);
-    const char* words = "The run goes on with the estimates that quadrature started from.";
-    if (result.code != 0) {
-      reportline("%s", words);
-      std::printf("%s\n", words);
-    }
+    goeson("that quadrature started from.");
     markreport();
     return;
   }
   takeestimates(results);
   if (result.finished) {
     modelstatistics(result.loglikelihood, 2);
+  } else {
+    goeson("of the last iteration of quadrature, which are not in this report.");
   }
   markreport();
   state.quadraturegamma = run.est.gammahat.copy();

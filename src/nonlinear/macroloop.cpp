@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <string>
+#include <vector>
 
 #include "driver/failures.h"
 #include "driver/questions.h"
@@ -153,6 +155,8 @@ PassResults estimatenonlinear(void (*store)(const PassResults&)) {
 void listnonlinearfiles() {
   if (run.out.printvc == 0) return;
   const bool errors = run.iter.fishertype != 0;
+  const std::vector<std::string>& made = run.files.made;  // without those of an engine that has failed
+  const bool laplace = std::find(made.begin(), made.end(), laplacetaufile) != made.end();
   reportbreak();
   report("%s, containing the taus ", taufile);
   if (errors) {
@@ -160,7 +164,7 @@ void listnonlinearfiles() {
     filelistbreak();
   }
   reportline("has been created.");
-  if (run.iter.laplace) {
+  if (laplace) {
     report("tauvcl6, containing the Laplace taus and the variance-covariance matrix of");
     filelistbreak();
     reportline("the taus has been created.");
@@ -175,7 +179,7 @@ void listnonlinearfiles() {
   report("%s, containing the robust population average variance-covariance", robustpopulationgammafile);
   filelistbreak();
   reportline("matrix of gamma has been created.");
-  if (run.iter.laplace) {
+  if (laplace) {
     report("gamvcl6.dat, containing the Laplace variance-covariance matrix of gamma");
     filelistbreak();
     reportline("has been created.");

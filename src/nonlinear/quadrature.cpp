@@ -154,6 +154,7 @@ struct Iterations {
     return failed;
   }
   [[nodiscard]] bool lowerthanbest();
+  [[nodiscard]] bool heldnearzero();
   void finish(const QuadratureWalk& last);
 };
 
@@ -244,6 +245,41 @@ bool Iterations::lowerthanbest() {
   return fallen(result.loglikelihood, result.highest);
 }
 
+// Row and column a of n matrices of order `order` by `factor`, its diagonal element by the square.
+void scale(double* matrices, std::size_t n, std::size_t order, std::size_t a, double factor) {
+  for (std::size_t i = 0; i < n; ++i, matrices += order * order)
+    for (std::size_t b = 0; b < order; ++b) {
+      matrices[a * order + b] *= factor;
+      matrices[b * order + a] *= factor;
+    }
+}
+
+// Whether the outcomes would be more likely with a variance ten times as large, where one is of the size of its error.
+// Near 0 the information is the small difference of large sums: with few points it comes out too large, and the steps
+// end short of the maximum.
+bool Iterations::heldnearzero() {
+  const double factor = std::sqrt(10.0);
+  const auto higher = [&](std::size_t order, Array<double> Parameters::*tau, Array<double> Adaptation::*scales,
+                          const Array<double>& errors) {
+    for (std::size_t a = 0; a < order; ++a) {
+      const double error = errors[a * order + a];
+      if (!((result.parameters.*tau)[a * order + a] < 2.0 * error)) continue;
+      Parameters trial = result.parameters.copy();
+      Adaptation around = copy(result.adaptation), own = copy(around);
+      scale((trial.*tau).data(), 1, order, a, factor);
+      scale((around.*scales).data(), (around.*scales).size() / (order * order), order, a, factor);
+      if (walk(data, trial, around, &own).status != UnitStatus::fine) continue;
+      const QuadratureWalk there = walk(data, trial, own, nullptr);
+      if (there.status == UnitStatus::fine &&
+          fallen(result.loglikelihood, there.loglikelihood - 0.5 * data.records * std::log(twopi)))
+        return true;
+    }
+    return false;
+  };
+  return higher(at(result.parameters.q), &Parameters::taupi, &Adaptation::P, result.taupise) ||
+         higher(at(result.parameters.r), &Parameters::taubeta, &Adaptation::C3, result.taubetase);
+}
+
 void Iterations::finish(const QuadratureWalk& last) {
   const Parameters& estimates = result.parameters;
   const std::size_t taus = estimates.ntaupi() + estimates.ntaubeta(), g = at(estimates.g);
@@ -274,10 +310,15 @@ void Iterations::finish(const QuadratureWalk& last) {
   result.finished = true;
   result.marginal = result.loglikelihood + 0.5 * data.records * std::log(twopi) + data.combinations;
   tellline(settings, "The marginal log-likelihood = %E\n", result.marginal);
-  if (lowerthanbest())
+  if (lowerthanbest()) {
     result.warnings.emplace_back(
         "WARNING: the log-likelihood of the last iteration is not the highest that was seen. More quadrature points or "
         "other starting values may be needed.");
+  } else if (result.converged && heldnearzero()) {
+    result.warnings.emplace_back(
+        "WARNING: a variance near 0 is not at the maximum: the log-likelihood is higher with ten times as much. More "
+        "quadrature points are needed.");
+  }
   if (!result.converged) {
     result.warnings.emplace_back("WARNING: the iterations of quadrature ended before they had converged.");
   } else if (result.distance > far) {
@@ -410,8 +451,10 @@ QuadratureResult adaptivequadrature(const QuadratureSettings& settings, int npi,
   int left = std::max(settings.iterations, 1);
   while (left > 0)
     if (const QuadratureFailure failure = iterations.iterate(left); failure != QuadratureFailure::none) {
-      // A ridge beyond bounds leaves nothing usable; a step that cannot be taken leaves the estimates before it.
-      if (failure == QuadratureFailure::ridge) result.code = 0;
+      // A ridge beyond bounds leaves nothing usable, nor does a level-2 centre without a covariance: all weight of its
+      // integral was on one node, which no estimate should rest on. A step that cannot be taken leaves the estimates
+      // before it.
+      if (failure == QuadratureFailure::ridge || failure == QuadratureFailure::centre2) result.code = 0;
       if (failure == QuadratureFailure::step) result.code = 1;
       if (result.iteration > 0 && fallen(result.loglikelihood, result.highest))
         result.warnings.emplace_back(

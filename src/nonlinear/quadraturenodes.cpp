@@ -1,6 +1,7 @@
 #include "nonlinear/quadraturenodes.h"
 
 #include <cmath>
+#include <cstdint>
 
 namespace kdr {
 
@@ -22,12 +23,13 @@ double firstguess(int i, int n, double z, const double* x) {
 bool gauher(int n, double* x, double* w) {
   constexpr double pim4 = 0.7511255444649425;  // pi^(-1/4)
   constexpr double tolerance = 3.0e-14;
-  double z = 0.0;
+  double z = 0.0, sum = 0.0;  // of the weights
   for (int i = 1; i <= (n + 1) / 2; ++i) {
     z = firstguess(i, n, z, x);
     double slope = 0.0;
     bool found = false;
-    for (int pass = 0; pass < n * n && !found; ++pass) {
+    const std::int64_t mostpasses = std::int64_t{n} * n;
+    for (std::int64_t pass = 0; pass < mostpasses && !found; ++pass) {
       double p1 = pim4, p2 = 0.0;
       for (int j = 1; j <= n; ++j) {
         const double p3 = p2;
@@ -37,14 +39,17 @@ bool gauher(int n, double* x, double* w) {
       slope = std::sqrt(2.0 * n) * p2;
       const double before = z;
       z = before - p1 / slope;
+      if (!std::isfinite(z)) return false;
       found = std::fabs(z - before) < tolerance;
     }
-    if (!found) return false;
+    if (!found || (i > 1 && !(z < x[i - 2]))) return false;
     x[i - 1] = z;
     x[n - i] = -z;
     w[i - 1] = w[n - i] = 2.0 / (slope * slope);
+    sum += i - 1 == n - i ? w[i - 1] : 2.0 * w[i - 1];
   }
-  return n > 0;
+  // With too many points searches end at roots that are not theirs.
+  return std::fabs(sum - std::sqrt(M_PI)) < 1.0e-9;
 }
 
 bool makegrid(NodeGrid& grid, int points, int dims) {

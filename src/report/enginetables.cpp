@@ -48,6 +48,7 @@ void laplacetables(const PassResults& results, bool withlikelihood) {
   report2("\fRESULTS FOR NON-LINEAR MODEL WITH THE LOGIT LINK FUNCTION: Laplace Model\n(macro iteration %d)\n",
           "<h2>Results for Unit-Specific Model, Laplace6 Estimation<br><small>Iteration %d</small></h2>",
           results.iteration);
+  for (const std::string& warning : results.warnings) reportline("%s", warning.c_str());
   for (const Tau which : {Tau::pi, Tau::beta}) {
     taublocks(which, results);
     laplacereliabilities(which, results.reliabilities);

@@ -88,12 +88,12 @@ def study(change=lambda row, i: row, records=6):
     assert done.returncode == 0, done.stdout
 
 
-def fit(kind, y="Y", macroit="30,N", more="", cuts="", answers="", form="txt"):
+def fit(kind, y="Y", macroit="30,N", more="", cuts="", answers="", form="txt", equations=EQUATIONS):
     """Exit code, console and report."""
     (work.folder / ("out." + form)).unlink(missing_ok=True)
     sets = int(kind.split(",")[1]) - 1 if kind.startswith("MULTINOMIAL") else 1
     work.write("m.kdr", MODEL.format(kind=kind, macroit=macroit, more=more, form=form,
-                                     equations=EQUATIONS.format(y=y, cuts=cuts) * sets))
+                                     equations=equations.format(y=y, cuts=cuts) * sets))
     done = work.run("m.mdm", "m.kdr", answers=answers)
     made = work.folder / ("out." + form)
     return done.returncode, done.stdout, made.read_text() if made.exists() else ""
@@ -228,8 +228,64 @@ def graph():
                   f"graph data file, {engines!r}: {phase} {tables[phase]}")
 
 
+def engines():
+    """The variance files of the engines; an engine that fails, makes no iteration or meets its limit leaves a word, no
+    false file and the estimates of quasi-likelihood."""
+    study()
+    always = "STOPMICRO:0.00001\nPRINTVARIANCE-COVARIANCE:Y\nGRAPHGAMMAS:graph.bin\n"
+    numbers = lambda name: [float(cell) for cell in work.read(name).split()]
+    near = lambda made, wanted: len(made) == len(wanted) and all(abs(a - b) < 2e-5 for a, b in zip(made, wanted))
+
+    def run(options, equations=EQUATIONS):
+        for file in work.folder.glob("*vc*.dat"):
+            file.unlink()
+        code, said, text = fit("BERNOULLI", more=always + options, equations=equations)
+        check(code == 0, f"{options!r}: code {code}, {said[-200:]}")
+        return said, text, report.splitsections(text)
+
+    said, text, sections = run("LAPLACE:Y,30\nAGQ:Y,30,7\n")
+    for section, name in (("laplace", "l6"), ("quadrature", "agq")):
+        r = sections[section]
+        taus, gammas = numbers(f"tauvc{name}.dat"), numbers(f"gamvc{name}.dat")
+        check(near(taus[:2], [r.taupi[0][0], r.taubeta[0][0]]), f"taus of {section}: {taus}")
+        check(near([taus[2] ** 0.5, taus[5] ** 0.5], [r.setaupi[0][0], r.setaubeta[0][0]]), f"their errors: {taus}")
+        rows = r.fixed["final"].rows
+        check(near(gammas[:3], [row.coefficient for row in rows]), f"fixed effects of {section}: {gammas}")
+        check(near([v ** 0.5 for v in gammas[3::4]], [row.se for row in rows]), f"their errors: {gammas}")
+    check("tauvcl6, containing" in text and "gamvcl6.dat, containing" in text, "list of files")
+
+    said, text, sections = run("LAPLACE:Y,1\n")
+    words = "WARNING: the iterations of Laplace-6 ended before they had converged.\n"
+    check(text.count(words) == 1 and "(macro iteration 1)\n" + words in text, "Laplace-6 at its limit: warning")
+
+    said, text, sections = run("LAPLACE:Y,0\n")
+    quasi = float(re.findall(r"the log-likelihood is = (\S+)", said.split("MACRO ITERATION")[-2])[-1])
+    line = "Laplace-6 has made no iteration: the likelihood is that of quasi-likelihood.\n"
+    check(line in text and "laplace" not in sections, "no iteration of Laplace-6: words")
+    check(abs(sections["unit-specific"].deviance + 2 * quasi) < 1e-3, f"no iteration of Laplace-6: deviance, {quasi}")
+
+    # A slope that hardly varies: Laplace-6 leaves the space. More than a million nodes: no iteration of quadrature.
+    slope = EQUATIONS.replace("LEVEL2:X=INTRCPT2/", "LEVEL2:X=INTRCPT2+RANDOM/")
+    _, _, plain = run("", slope)
+    for options, phase, words in (
+            ("LAPLACE:Y,30\n", "laplace", "Fisher scoring is unable to compute a maximum likehihood estimate within\n"
+             "the parameter space.  Unable to produce Laplace results.\n\n"),
+            ("AGQ:Y,30,1001\n", "quadrature", "There are too many random effects for AGQ!\n"
+             "The run goes on with the estimates that quadrature started from.\n")):
+        said, text, sections = run(options, slope)
+        check(words in text and phase not in sections, f"{phase} fails: words")
+        check(list(sections) == list(plain) and all(
+            sections[s].fixed["final"].rows == plain[s].fixed["final"].rows for s in plain), f"{phase} fails: the rest")
+        check(readgraph(str(work.folder / "graph.bin"), str(work.folder / "m.mdm"), nonlinear=True)[phase][0] == -1e36,
+              f"{phase} fails: graph data file")
+        check(not any((work.folder / f"{part}vc{name}.dat").exists() for part in ("tau", "gam") for name in ("l6", "agq")),
+              f"{phase} fails: variance files")
+        check("vcl6" not in text, f"{phase} fails: list of files")
+
+
 failures()
 limits()
 dialogue()
 graph()
+engines()
 check.finish()

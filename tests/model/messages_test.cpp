@@ -153,6 +153,8 @@ std::vector<Case> cases() {
        " Use the stopmicro and stopmacro keywords.\n"},
       {"NUMIT:5\nAGQ:Y,20,7\n", 100, "Adaptive quadrature may only be done on non-linear analyses.\n"},
       {bernoulli + "AGQ:Y,20,2\n", 100, "\nToo many iterations in gauher!\n"},
+      {bernoulli + "LAPLACE:Y,many\n", 100, "The number of Laplace iterations must be 0 or more!\n"},
+      {bernoulli + "LAPLACE:Y,-1\n", 100, "The number of Laplace iterations must be 0 or more!\n"},
       {bernoulli + "AGQDERIVLEVEL:3\n", 100, "agqderivlevel must be set to 1 or 2!\n"},
       {"NUMIT:5\nLAPLACE:Y\n", 100, "LaPlace iterations may only be done on Bernoulli analyses."},
       {"NONLIN:BINOMIAL,T\nMACROIT:3\nLAPLACE:Y,20\n", 100,

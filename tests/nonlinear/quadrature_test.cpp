@@ -38,7 +38,7 @@ TEST(QuadratureNodes, AreExactForPolynomials) {
   }
 }
 
-TEST(QuadratureNodes, KnownValuesAndTooFewPoints) {
+TEST(QuadratureNodes, KnownValuesAndTooFewOrTooManyPoints) {
   double x[5], w[5];
   ASSERT_TRUE(gauher(5, x, w));
   EXPECT_NEAR(x[0], 2.0201828704560856, 1e-13);
@@ -48,6 +48,10 @@ TEST(QuadratureNodes, KnownValuesAndTooFewPoints) {
   EXPECT_NEAR(w[1], 0.39361932315224116, 1e-14);
   EXPECT_FALSE(gauher(1, x, w));
   EXPECT_FALSE(gauher(2, x, w));
+  // A search that ends at another's root leaves sums that look like integrals; 1000 points overflow the recurrence.
+  std::vector<double> nodes(1000), weights(1000);
+  EXPECT_TRUE(gauher(198, nodes.data(), weights.data()));
+  for (const int n : {199, 224, 258, 344, 460, 589, 1000}) EXPECT_FALSE(gauher(n, nodes.data(), weights.data())) << n;
 }
 
 std::int64_t unitsapart(double a, double b) {
@@ -317,6 +321,52 @@ TEST(Quadrature, OneIterationIsHalfANewtonStep) {
   }
 }
 
+// Variances far too small at the start: the information has no inverse without a ridge. A ridge adds up until it has
+// one, a tenth of the last goes into the next iteration, and the standard errors are from the information without it.
+TEST(Quadrature, RidgeIsRaisedLoweredAndLeftOutOfTheErrors) {
+  Parameters start = makeparameters(1, 1, {4.0, 9.0, 0.5, 0.1, 0.1, 0.4});
+  Study study = makestudy(OutcomeType::bernoulli, 1, 1, drawrecords(1003, 40, 3, 3, start));
+  start.taupi[0] *= 0.2;
+  start.taubeta[0] *= 0.2;
+  const int P = static_cast<int>(start.count());
+  Walker walker(study, 5);
+  Parameters from = start.copy();
+  Adaptation adaptation = posteriormodes(study, start);
+  double ridge = 0.0;  // of the iteration's first trial
+  for (const int iterations : {1, 2}) {
+    const QuadratureResult result = estimate(study, settings(OutcomeType::bernoulli, 5, iterations), start);
+    const std::string marks = console.substr(iterations == 1 ? 0 : console.find("iteration 1 ="));
+    const auto raised = std::count(marks.begin(), marks.end(), '*');
+    double added = ridge, now = ridge;
+    for (std::ptrdiff_t i = 0; i < raised; ++i) added += now = now == 0.0 ? 1.0 : 10.0 * now;
+    EXPECT_GE(raised, iterations == 1 ? 2 : 0) << console;
+    EXPECT_EQ(std::count(marks.begin(), marks.end(), '/'), now > 1.0) << console;
+    ridge = now > 1.0 ? now / 10.0 : now;
+
+    Adaptation next = Walker::like(adaptation);
+    const QuadratureWalk there = walk(walker.data, from, adaptation, &next);
+    dense::Matrix H(P, P), g(P, 1), V(P, P);
+    for (std::size_t i = 0; i < at(P * P); ++i) H.cells[i] = there.information[i];
+    for (std::size_t i = 0; i < at(P * P); ++i) V.cells[i] = result.V[i];
+    for (int i = 0; i < P; ++i) g(i, 0) = there.score[at(i)];
+    const dense::Matrix one = H * V;
+    dense::Matrix ridged = H;
+    for (int i = 0; i < P; ++i) {
+      for (int l = 0; l < P; ++l) EXPECT_NEAR(one(i, l), i == l, 1e-9);
+      ridged(i, i) += added;
+    }
+    const dense::Matrix step = dense::inverse(ridged) * g;
+    const std::vector<double> before = elements(from), after = elements(result.parameters);
+    for (int i = 0; i < P; ++i)
+      EXPECT_NEAR(after[at(i)] - before[at(i)], (iterations == 1 ? 0.5 : 1.0) * step(i, 0), 1e-9) << console;
+    EXPECT_EQ(result.taupiseusable, V(0, 0) > 0.0);
+    EXPECT_EQ(result.taubetaseusable, V(1, 1) > 0.0);
+    EXPECT_FALSE(iterations == 1 && result.taupiseusable && result.taubetaseusable);
+    from = result.parameters.copy();
+    adaptation = std::move(next);
+  }
+}
+
 // The constrained maximum: another start arrives at it, and off the diagonal there is nothing.
 TEST(Quadrature, DiagonalMatrices) {
   const Case& c = cases[2];
@@ -352,9 +402,9 @@ TEST(Quadrature, Failures) {
     console.clear();
     return adaptivequadrature(s, study.npi, study.nbeta, study.design, source, from, adaptation);
   };
-  {
+  for (const bool level2 : {true, false}) {
     Parameters many = start.copy();
-    many.q = 11;
+    (level2 ? many.q : many.r) = 11;
     const QuadratureResult result = run(settings(c.outcome, 5, 5), many, posteriormodes(study, start));
     EXPECT_EQ(result.code, 0);
     EXPECT_EQ(result.failure, QuadratureFailure::toomanyeffects);
@@ -416,6 +466,29 @@ TEST(Quadrature, Interrupt) {
   const QuadratureResult result = estimate(study, s, makeparameters(1, 1, reference("bernoulli11", "start")));
   EXPECT_EQ(result.iteration, 2);
   EXPECT_TRUE(result.finished && !result.converged);
+}
+
+// With four points the iterations rest near a variance of 0 that they began with. At a maximum there, nothing is said.
+TEST(Quadrature, VarianceThatIsHeldNearZeroIsSaid) {
+  struct Near {
+    unsigned seed;
+    int points;
+    double start;
+    bool said;
+  };
+  for (const Near& one : {Near{3, 4, 1e-4, true}, {4, 3, 1e-3, true}, {3, 7, 0.3, false}, {4, 15, 0.3, false}}) {
+    const double tau = one.seed == 4 && one.said ? 0.8 : 0.3;
+    Parameters start = makeparameters(1, 1, {tau, 0.5, -0.3, 0.5, 0.4, -0.6});
+    Study study = makestudy(OutcomeType::bernoulli, 1, 1, drawrecords(one.seed, 12, 5, 6, start));
+    start.taupi[0] = one.start;
+    const QuadratureResult result = estimate(study, settings(OutcomeType::bernoulli, one.points, 100), start);
+    EXPECT_TRUE(result.converged) << one.seed;
+    EXPECT_EQ(result.parameters.taupi[0] < 0.01, one.said || one.seed == 4) << result.parameters.taupi[0];
+    const bool said = std::any_of(result.warnings.begin(), result.warnings.end(), [](const std::string& warning) {
+      return warning.find("a variance near 0 is not at the maximum") != std::string::npos;
+    });
+    EXPECT_EQ(said, one.said) << one.seed << " " << one.points;
+  }
 }
 
 // Level-3 units of thousands of records: their integrands are far below the smallest double.
