@@ -100,10 +100,10 @@ std::vector<Case> cases() {
       {"LEVEL1:Y=INTRCPT1\n\nLEVEL2:INTRCPT1=INTRCPT2\n", 0,
        "Unrecognized control word, ignored: LEVEL2:INTRCPT1=INTRCPT2\nHit return to continue "},
       // A line that was lost would leave a coefficient without a fixed effect, but random.
-      {"LEVEL1:Y=INTRCPT1\nLEVEL2:INTRCPT1=INTRCPT2+W\nLEVEL3:INTRCPT2=INTRCPT3\n", 100,
-       "W of level 2 has no LEVEL3: line, while others have one!\n"},
-      {"LEVEL1:Y = INTRCPT1 + A\nLEVEL2:INTRCPT1 = INTRCPT2 + RANDOM\nLEVEL3:INTRCPT2=INTRCPT3\n", 100,
-       "A of level 1 has no LEVEL2: line, while others have one!\n"},
+      {"LEVEL1:Y=INTRCPT1\nLEVEL2:INTRCPT1=INTRCPT2+W\nLEVEL3:INTRCPT2=INTRCPT3\n", 0,
+       "W of level 2 has no LEVEL3: line, while others have one: it is random without a fixed effect!\n"},
+      {"LEVEL1:Y = INTRCPT1 + A\nLEVEL2:INTRCPT1 = INTRCPT2 + RANDOM\nLEVEL3:INTRCPT2=INTRCPT3\n", 0,
+       "A of level 1 has no LEVEL2: line, while others have one: it is random without a fixed effect!\n"},
       // What needs the model.
       {"PLAUSVALS:Y,Z\n", 100, "plausvals must be specified after level-1 model\n"},
       {"PLAUSVALS:N\n", 0, ""},
