@@ -296,6 +296,11 @@ class Tests:
             (self.folder / name).write_bytes(later[name])
             got, told = self.plot(*draw("plots.json", kind))
             self.check(got == 4 and f"{name} is of another run" in told and part in told, f"{name} of a later run: {got}, {told}")
+            if name == "resfil1.dat":
+                got, told = self.plot("--page", "plots.json", "-o", "mixed.html")
+                page = Page(self.place.read("mixed.html"))
+                self.check(got == 0 and len(page.images) == 1 and page.text.count(f"{name} is of another run") == 5 and
+                           "qq is not drawn" in told, f"the page beside it: {got}, {told}")
             back()
             (self.folder / name).write_bytes(keep[name][:len(keep[name]) // 3 if name != "graph.bin" else 99])
             got, told = self.plot(*draw("plots.json", kind))
