@@ -150,7 +150,7 @@ class Tests:
         female = sum(float(row[3]) for row in raw) / len(raw)
         counts = sorted(zip(table.column("NJK"), table.column("L2ID")), reverse=True)
         for units in (None, ["907", "387"]):
-            predictor, lines, mean, held = plot.lines(run, units)
+            predictor, lines, mean, held, _ = plot.lines(run, units)
             self.check(predictor == "GCSECNT" and near([held["FEMALE"]], [female]), "what lines run over and hold")
             names = [line[0] for line in lines]
             self.check(names == (units or names), "lines of chosen units")
@@ -166,7 +166,7 @@ class Tests:
         self.check(near([y for _, y in mean], [means[0] + means[1] * female + means[2] * x for x, _ in mean], 1e-6),
                    "the mean line")
         # Without the level-1 file the graph data file tells the range, the same for all units.
-        _, lines, _, _ = plot.lines(run, ["387"], "FEMALE")
+        _, lines, _, _, _ = plot.lines(run, ["387"], "FEMALE")
         self.check([x for x, _ in lines[0][1:]] == [0, 1], "range from the graph data file")
 
     def coefficients(self):
@@ -200,11 +200,14 @@ class Tests:
         figure = plot.drawcaterpillar(run, 3)
         names = [t.get_text() for t in figure.axes[0].get_xticklabels()]
         self.check(sorted(names) == list("123456789"), f"names of the few level-3 units: {names}")
-        _, lines, _, held = plot.lines(run)
+        _, lines, _, held, _ = plot.lines(run)
         graph = residualfiles.graphfile.read(self.folder / "deaths.bin", self.folder / "melanoma.mdm", nonlinear=True)
         uvb = graph["predictors1"]
         self.check(len(lines) == 8 and [x for x, _ in lines[0][1:]] == [uvb["p0"][0], uvb["p100"][0]] and held == {},
                    "lines of the Poisson run")
+
+        self.plot("--page", "deaths.json", "-o", "deaths.html")
+        self.check(Page(self.place.read("deaths.html")).text.count(", PQL results") == 5, "what the pictures rest on")
 
         self.estimate("ordinal", "ordinal.kdr", "chem97.mdm", RESFIL1="Y", RESFIL1NAME="cuts.sav", MACROIT="2,N")
         panels = plot.residuals(plot.Run(str(self.folder / "ordinal.json")))
