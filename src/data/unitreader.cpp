@@ -188,9 +188,13 @@ void seekunit(UnitReader& reader, long long position) {
 }
 
 std::FILE* startworking() {
-  constexpr std::size_t bytes = std::size_t{256} << 10;  // keeps the number of writes low
+  // Keep the number of writes low. The library takes the size of a buffer only with the buffer itself, which has to last
+  // as long as the stream: two are open at a time, the one that is written and the one before it, which is read.
+  static char pieces[2][std::size_t{256} << 10];
+  static int turn = 0;
   std::FILE* stream = scratchopen();
-  std::setvbuf(stream, nullptr, _IOFBF, bytes);
+  turn = 1 - turn;
+  std::setvbuf(stream, pieces[turn], _IOFBF, sizeof pieces[turn]);
   return stream;
 }
 

@@ -119,15 +119,17 @@ bool climb(Pass& pass, FisherWork& fisher, double barrier, Height& now) {
 
 }  // namespace
 
-bool nearedge(const Pass& pass) {
-  const auto near = [](const Array<double>& t, int n) {
-    Array<double> inverse(square(n));
-    if (invertsymmetric(n, t.data(), inverse.data()).result != 0) return true;
-    for (int i = 0; i < n; ++i)
-      if (t[i * n + i] * inverse[i * n + i] > 10.0) return true;
-    return false;
-  };
-  return near(run.est.taupi, pass.p) || near(run.est.taubeta, pass.b);
+bool nearedge(Pass& pass) {
+  FisherWork fisher;
+  sizefisher(pass, fisher);
+  Array<double> step(at(fisher.NT));
+  if (fisher.restriction.nfree == 0) return false;
+  if (scoringstep(pass, fisher, 0.0, step) < 0.0) return true;
+  Estimates here = run.est.copy();
+  moveestimates(pass, here, step, 1.0);
+  const bool outside = !usableestimates(pass);
+  run.est = std::move(here);
+  return outside;
 }
 
 double searchedge(Pass& pass, double least) {

@@ -12,8 +12,9 @@ inline constexpr int firstedgesearch = 200;
 // change a deviance by 0.01.
 inline constexpr double leastgainwhenslow = 1.0e-6, leastgainatstop = 0.005;
 
-// True when a tau is near the edge: one random effect of it has less than a tenth of its variance given the others.
-[[nodiscard]] bool nearedge(const Pass& pass);
+// True when the maximum may lie at the edge: a scoring step from the estimates at hand leaves the parameter space, or
+// there is none. Leaves C_j^-1 of the store anywhere.
+[[nodiscard]] bool nearedge(Pass& pass);
 
 // From the estimates at hand, scoring steps on log-likelihood + m (log det taupi + log det taubeta), whose maximum lies
 // inside, for m that goes to 0: at the end the log-likelihood is below its maximum by at most m times the order of the

@@ -245,9 +245,11 @@ void asklimit(const Pass& pass, IterationState& state) {
   state.limit = pass.plan.farlimit;
 }
 
-// A search for a maximum at the edge, where iterations are slow or stop far below it. True when it moved the estimates.
+// A search for a maximum at the edge, where iterations are slow or would stop below it. True when it moved the
+// estimates.
 bool movetoedge(Pass& pass, const IterationState& state, double least) {
   if (pass.plan.kind != PassKind::linear || state.hetstate == 1) return false;
+  if (state.converged && !nearedge(pass)) return false;
   const double gain = searchedge(pass, least);
   if (gain == 0.0) return false;
   const std::string line = formatted(
@@ -267,7 +269,7 @@ void endofiteration(Pass& pass, IterationState& state, const Attempt& attempt, c
   state.s2 = state.s1;
   state.s1 = run.est.sigma2;
   if (!attempt.fisherok && pass.fixsigma2 == 0.0) run.est.sigma2 = (em.traceacc + em.rss) / run.mdm.nunits1;
-  if (state.converged && nearedge(pass) && movetoedge(pass, state, leastgainatstop)) state.converged = false;
+  if (state.converged && movetoedge(pass, state, leastgainatstop)) state.converged = false;
 
   progress.add(iteration, state.likelihood.current);
   showlikelihood(pass.plan, iteration, state.likelihood.current);
