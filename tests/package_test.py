@@ -27,19 +27,21 @@ with tempfile.TemporaryDirectory() as place:
     held = {str(path.relative_to(root)) for path in root.rglob("*") if path.is_file()}
     files = subprocess.run(["git", "ls-files", "docs", "examples"], cwd=ROOT, capture_output=True, text=True).stdout.split()
     files = files or [str(path.relative_to(ROOT)) for path in (ROOT / "docs").glob("*.md")]
-    for name in ["usr/bin/kdr3", "usr/share/man/man1/kdr3.1", DOC + "README.md", DOC + "CHANGELOG.md",
+    for name in ["usr/bin/kdr3", "usr/bin/kdr3-plot", "usr/share/man/man1/kdr3.1", "usr/share/man/man1/kdr3-plot.1", DOC + "README.md", DOC + "CHANGELOG.md",
                  *(DOC + name for name in files)]:
         assert name in held, f"the package lacks {name}"
     strange = {name for name in held if not name.startswith((DOC, "usr/bin/kdr3", "usr/share/man/man1/kdr3"))}
     assert not strange, f"the package holds {strange}"
     depends = output("dpkg-deb", "-f", str(package), "Depends")
     assert "libc6" in depends and "libstdc++6" in depends, depends
-    # The page, --help and the program agree on the options.
-    page = (root / "usr/share/man/man1/kdr3.1").read_text().replace("\\-", "-")
-    helped = output(str(root / "usr/bin/kdr3"), "--help")
-    options = set(re.findall(r"(?:^|[ ,])(--?[a-z0-9]+)(?=[ ,]|$)", "\n".join(
-        line[:34] for line in helped.splitlines() if line.startswith("  -")), re.M))
-    assert len(options) > 12, options
-    missing = {option for option in options if not re.search(re.escape(option) + r"\b", page)}
-    assert not missing, f"the man page lacks {missing}"
+    assert "python3-matplotlib" in output("dpkg-deb", "-f", str(package), "Recommends")
+    # The pages, --help and the programs agree on the options.
+    for program, least in (("kdr3", 13), ("kdr3-plot", 12)):
+        page = (root / f"usr/share/man/man1/{program}.1").read_text().replace("\\-", "-")
+        helped = output(str(root / "usr/bin" / program), "--help")
+        options = set(re.findall(r"(?:^|[ ,])(--?[a-z0-9-]+)(?=[ ,]|$)", "\n".join(
+            line[:34] for line in helped.splitlines() if line.startswith("  -")), re.M))
+        assert len(options) >= least, options
+        missing = {option for option in options if not re.search(re.escape(option) + r"\b", page)}
+        assert not missing, f"the man page of {program} lacks {missing}"
 print("the package holds what it should")

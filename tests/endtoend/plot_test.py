@@ -1,0 +1,322 @@
+"""kdr3-plot: the numbers that it draws against readings of the files that share nothing with it, every kind of picture as
+PNG and SVG, the page, and what it refuses.
+
+    plot_test.py <program>
+"""
+import contextlib
+import html.parser
+import importlib.machinery
+import importlib.util
+import io
+import json
+import os
+import pathlib
+import shutil
+import subprocess
+import sys
+import xml.etree.ElementTree
+
+from scipy import stats
+
+sys.dont_write_bytecode = True
+HERE = pathlib.Path(__file__).resolve().parent
+sys.path.insert(0, str(HERE))
+import residualfiles
+from program import ROOT, Checks, Workplace
+
+PLOT = ROOT / "tools" / "kdr3-plot"
+loader = importlib.machinery.SourceFileLoader("kdr3plot", str(PLOT))
+plot = importlib.util.module_from_spec(importlib.util.spec_from_loader("kdr3plot", loader))
+loader.exec_module(plot)
+
+FILES = dict(RESFIL1="Y/GCSECNT", RESFIL2="Y", RESFIL3="Y", GRAPHGAMMAS="graph.bin")
+VOID = {"meta", "img"}
+
+
+def near(a, b, room=1e-9):
+    return len(a) == len(b) and all(abs(x - y) <= room * (1 + abs(y)) for x, y in zip(a, b))
+
+
+class Page(html.parser.HTMLParser):
+    """Checks that elements close in turn; gathers pictures and text."""
+
+    def __init__(self, text):
+        super().__init__()
+        self.open, self.images, self.text = [], [], ""
+        self.feed(text)
+
+    def handle_starttag(self, tag, attributes):
+        attributes = dict(attributes)
+        if tag == "img":
+            self.images.append(attributes)
+        if tag == "meta" and attributes.get("name") == "viewport":
+            self.viewport = attributes["content"]
+        if tag not in VOID:
+            self.open.append(tag)
+
+    def handle_endtag(self, tag):
+        assert self.open.pop() == tag, f"</{tag}> closes nothing"
+
+    def handle_data(self, data):
+        self.text += data + "\n"
+
+
+class Tests:
+    def __init__(self, program):
+        self.check = Checks()
+        self.place = Workplace(program)
+        self.folder = self.place.folder
+        self.place.run("-r", "chem97.mdmt")
+        self.estimate("plots", "model2.kdr", "chem97.mdm", **FILES, RESFILTYPE="FREEFORMAT")
+
+    def estimate(self, name, source, mdm, **keywords):
+        self.place.edited(name + ".kdr", source, RESULTS=name + ".json", OUTPUT=name + ".txt", **keywords)
+        done = self.place.run(mdm, name + ".kdr")
+        assert done.returncode == 0, done.stdout + done.stderr
+
+    def plot(self, *words):
+        """Exit code and standard error of a call inside this process."""
+        told = io.StringIO()
+        before = os.getcwd()
+        os.chdir(self.folder)
+        try:
+            with contextlib.redirect_stderr(told):
+                code = plot.main(list(words))
+        except SystemExit as end:
+            code = end.code
+        finally:
+            os.chdir(before)
+        return code, told.getvalue()
+
+    def drawn(self, figure, place, panel=0):
+        """Coordinates of a line of a panel, without the gaps between intervals."""
+        x, y = figure.axes[panel].lines[place].get_data()
+        return [float(a) for a, b in zip(x, y) if b == b], [float(b) for b in y if b == b]
+
+    def randomeffects(self):
+        """All forms of residual files give the same intervals, those that their columns tell by name."""
+        for form, (_, pattern, places) in residualfiles.FORMS.items():
+            if form != "FREEFORMAT":
+                (self.folder / form).mkdir()
+                self.place.edited(f"{form}/x.kdr", "model2.kdr", **FILES, RESFILTYPE=form, RESULTS="x.json")
+                command = [self.place.program, "-q", "../chem97.mdm", "x.kdr"]
+                subprocess.run(command, cwd=self.folder / form, capture_output=True, check=True, timeout=60)
+            folder = self.folder / (form if form != "FREEFORMAT" else "")
+            run = plot.Run(str(folder / ("x.json" if form != "FREEFORMAT" else "plots.json")))
+            long = form == "SPSS"
+            for level, effects in ((2, (("Intercept", "EBINTRCPT1" if long else "EBINTRCP", "PV2_0_0" if long else "PV200"),
+                                        ("GCSECNT", "EBGCSECNT" if long else "EBGCSECN", "PV2_2_2" if long else "PV222"))),
+                                   (3, (("Intercept", "EB00", "PV3_0_0_0_0" if long else "PV30000"),))):
+                table = residualfiles.read(folder, form, level)
+                panels = plot.caterpillar(run, level)
+                self.check([name for name, _ in panels] == [e[0] for e in effects], f"{form}, {level}: effects")
+                normal = plot.quantiles(run, [level])
+                figure = plot.drawcaterpillar(run, level)
+                qq = plot.drawqq(run) if level == 3 else None
+                for i, ((_, rows), (name, eb, pv)) in enumerate(zip(panels, effects)):
+                    what = f"{form}, level {level}, {name}"
+                    known = {row[0]: row for row in rows}
+                    ids = [plot.identifier(x) for x in table.column("L3ID" if level == 3 else "L2ID")]
+                    u, v = table.column(eb), table.column(pv)
+                    self.check(set(known) == set(ids), f"units of {what}")
+                    self.check(near([known[unit][1] for unit in ids], u), f"estimates of {what}")
+                    for side, sign in ((2, -1), (3, 1)):
+                        self.check(near([known[unit][side] for unit in ids],
+                                        [a + sign * 1.959963984540054 * b ** 0.5 for a, b in zip(u, v)]), f"intervals of {what}")
+                    ends = [x for row in rows for x in row[2:]]
+                    self.check(self.drawn(figure, 0, i)[1] == ends, f"intervals drawn of {what}")
+                    self.check(self.drawn(figure, 2, i)[1] == sorted(u), f"estimates drawn of {what}")
+                    want = stats.norm.ppf([(k - 0.5) / len(u) for k in range(1, len(u) + 1)]), sorted(u)
+                    got = list(zip(*normal[i][2]))
+                    self.check(near(got[0], want[0]) and near(got[1], want[1]), f"quantiles of {what}")
+                    if qq:
+                        self.check(near(self.drawn(qq, 0, 2)[0], want[0]), f"quantiles drawn of {what}")
+        figure = plot.drawcaterpillar(run, 2, ["387", "907"])
+        self.check([t.get_text() for t in figure.axes[0].texts] == ["907", "387"], "marked units, in the order of the effect")
+
+        twice = plot.Table("x", ["L3ID", "L2ID", "NJK"], [["1", "7", "3"], ["2", "7", "4"]])
+        self.check(twice.units() == ["1/7", "2/7"] and plot.pickunits(twice, ["2/7"]) == [1], "units of one ID")
+
+    def records(self):
+        """Residuals and lines against the raw data."""
+        raw = [line.split() for line in (self.folder / "chem97-1.dat").read_text().splitlines()]
+        run = plot.Run(str(self.folder / "plots.json"))
+        (name, points), = plot.residuals(run)
+        self.check(name == "" and near([f + r for f, r in points], [float(row[2]) for row in raw], 2e-6),
+                   "fitted value and residual are not the score")
+        self.check(self.drawn(plot.drawresiduals(run), 0) == tuple(map(list, zip(*points))), "residuals drawn")
+
+        table = residualfiles.read(self.folder, "FREEFORMAT", 2)
+        female = sum(float(row[3]) for row in raw) / len(raw)
+        counts = sorted(zip(table.column("NJK"), table.column("L2ID")), reverse=True)
+        for units in (None, ["907", "387"]):
+            predictor, lines, mean, held, _ = plot.lines(run, units)
+            self.check(predictor == "GCSECNT" and near([held["FEMALE"]], [female]), "what lines run over and hold")
+            names = [line[0] for line in lines]
+            self.check(names == (units or names), "lines of chosen units")
+            self.check(units or sorted(c for c, unit in counts if unit in names) == sorted(c for c, _ in counts[:8]),
+                       "the largest units")
+            for unit, *ends in lines:
+                at = table.column("L2ID").index(unit)
+                own = [float(row[6]) for row in raw if row[1] == unit]
+                a, b, c = (table.column(name)[at] for name in ("ECINTRCP", "ECFEMALE", "ECGCSECN"))
+                want = [(x, a + b * female + c * x) for x in (min(own), max(own))]
+                self.check(near(sum(ends, ()), sum(want, ()), 1e-6), f"line of unit {unit}: {ends} instead of {want}")
+        means = [sum(table.column(name)) / len(table.rows) for name in ("ECINTRCP", "ECFEMALE", "ECGCSECN")]
+        self.check(near([y for _, y in mean], [means[0] + means[1] * female + means[2] * x for x, _ in mean], 1e-6),
+                   "the mean line")
+        # Without the level-1 file the graph data file tells the range, the same for all units.
+        _, lines, _, _, _ = plot.lines(run, ["387"], "FEMALE")
+        self.check([x for x, _ in lines[0][1:]] == [0, 1], "range from the graph data file")
+
+    def coefficients(self):
+        document = json.loads(self.place.read("plots.json"))
+        final = document["phases"][-1]
+        names = ["Intercept", "LEAGCSE", "SCHGCSE", "FEMALE", "GCSECNT", "GCSECNT × SCHGCSE"]
+        for side in ("model_based", "robust"):
+            want = [(name, e["estimate"], *e[side]["interval"]) for name, e in zip(names, final["fixed_effects"])]
+            rows, by = plot.coefficients(document, plot.choosephase(document), side == "robust")
+            self.check((rows, by) == (want, side), f"coefficients with {side} intervals")
+            run = plot.Run(str(self.folder / "plots.json"))
+            figure = plot.drawcoefficients(run, final, side == "robust")
+            got = [tuple(self.drawn(figure, 2 * i)[0]) for i in range(6)], [self.drawn(figure, 2 * i + 1)[0] for i in range(6)]
+            self.check(got == ([row[2:] for row in want], [[row[1]] for row in want]), f"coefficients drawn, {side}")
+            labels = [t.get_text() for t in figure.axes[0].get_yticklabels()]
+            self.check(labels == names, f"labels of coefficients: {labels}")
+
+    def otheroutcomes(self):
+        """Poisson: PQL before the population average, ratios, scale of the link. Ordinal: a panel for each cut."""
+        for name in (ROOT / "examples" / "melanoma").iterdir():
+            shutil.copy(name, self.folder)
+        self.place.run("-r", "melanoma.mdmt")
+        self.estimate("deaths", "deaths.kdr", "melanoma.mdm", RESFIL1="Y", RESFIL2="Y", RESFIL3="Y",
+                      GRAPHGAMMAS="deaths.bin", RESFIL1NAME="d1.dta", RESFIL2NAME="d2.dta", RESFIL3NAME="d3.dta", RESFILTYPE="STATA")
+        run = plot.Run(str(self.folder / "deaths.json"))
+        phase = plot.choosephase(run.document)
+        self.check(phase["phase"] == "pql", "the phase of a Poisson run")
+        rows, _ = plot.coefficients(run.document, phase, intercept=False, ratio=True)
+        effect = phase["fixed_effects"][1]
+        self.check(rows == [("UVB", effect["ratio"], *effect["model_based"]["ratio_interval"])], f"ratios: {rows}")
+        figure = plot.drawcaterpillar(run, 3)
+        names = [t.get_text() for t in figure.axes[0].get_xticklabels()]
+        self.check(sorted(names) == list("123456789"), f"names of the few level-3 units: {names}")
+        _, lines, _, held, _ = plot.lines(run)
+        graph = residualfiles.graphfile.read(self.folder / "deaths.bin", self.folder / "melanoma.mdm", nonlinear=True)
+        uvb = graph["predictors1"]
+        self.check(len(lines) == 8 and [x for x, _ in lines[0][1:]] == [uvb["p0"][0], uvb["p100"][0]] and held == {},
+                   "lines of the Poisson run")
+
+        self.plot("--page", "deaths.json", "-o", "deaths.html")
+        self.check(Page(self.place.read("deaths.html")).text.count(", PQL results") == 5, "what the pictures rest on")
+
+        self.estimate("ordinal", "ordinal.kdr", "chem97.mdm", RESFIL1="Y", RESFIL1NAME="cuts.sav", MACROIT="2,N")
+        panels = plot.residuals(plot.Run(str(self.folder / "ordinal.json")))
+        self.check([name for name, _ in panels] == [f"SCORE at or below {cut}" for cut in (0, 2, 4, 6, 8)], "cuts")
+        score = [float(line.split()[2]) for line in (self.folder / "chem97-1.dat").read_text().splitlines()]
+        for (name, points), cut in zip(panels, (0, 2, 4, 6, 8)):
+            self.check(near([f + r for f, r in points], [float(s <= cut) for s in score], 1e-6), f"residuals of {name}")
+
+    def pictures(self):
+        for kind in plot.KINDS:
+            for ending in ("png", "svg"):
+                name = f"{kind}.{ending}"
+                code, told = self.plot("plots.json", "--kind", kind, "-o", name)
+                self.check((code, told) == (0, ""), f"{name}: {code}, {told}")
+                data = (self.folder / name).read_bytes()
+                if ending == "svg":
+                    root = xml.etree.ElementTree.fromstring(data)
+                    self.check(root.tag.endswith("}svg") and len(list(root.iter())) > 50, f"{name} is empty")
+                else:
+                    self.check(data.startswith(b"\x89PNG") and b"IEND" in data[-12:] and len(data) > 4000, f"{name} is no PNG")
+        before = (self.folder / "lines.svg").read_bytes()
+        self.plot("plots.json", "--kind", "lines", "-o", "lines.svg")
+        self.check((self.folder / "lines.svg").read_bytes() == before, "the same picture twice differs")
+
+    def page(self):
+        self.place.edited("titled.kdr", "plots.kdr", TITLE="Boys < girls & \"schools\"", RESULTS="titled.json")
+        self.place.run("chem97.mdm", "titled.kdr")
+        code, told = self.plot("--page", "titled.json", "-o", "page.html")
+        text = self.place.read("page.html")
+        page = Page(text)
+        self.check((code, told, page.open) == (0, "", []), f"the page: {code}, {told}, {page.open}")
+        self.check("width=device-width" in page.viewport, "viewport of the page")
+        self.check(len(page.images) == len(plot.KINDS) and all(
+            i["src"].startswith("data:image/svg+xml;base64,") and i["alt"] for i in page.images), "pictures of the page")
+        self.check("http" not in text.split("</style>")[1].replace("http-equiv", ""), "the page refers to something outside")
+        self.check("Boys < girls & \"schools\"" in page.text, "title of the page")
+        final = json.loads(self.place.read("titled.json"))["phases"][-1]
+        for effect in final["fixed_effects"]:
+            for value in (effect["estimate"], *effect["robust"]["interval"], effect["model_based"]["standard_error"]):
+                self.check(f"{value:.4f}".replace("-", "−") in page.text, f"{value} is not on the page")
+        for value in (final["tau_pi"]["estimate"][1][0], final["sigma2"]["estimate"], final["tau_beta"]["standard_error"][0][0]):
+            self.check(f"{value:.4f}".replace("-", "−") in page.text, f"{value} is not on the page")
+
+    def refusals(self):
+        document = json.loads(self.place.read("plots.json"))
+        self.place.write("text.json", "no document")
+        self.place.write("other.json", '{"format": "something else"}')
+        self.place.write("newer.json", json.dumps(dict(document, format_version=2)))
+        self.place.write("averages.json", json.dumps(dict(document, files=[], series={
+            "kind": "multiple imputation", "subrun": None, "plausible_value": None, "failed_subruns": []})))
+        self.estimate("bare", "model1.kdr", "chem97.mdm")
+        (self.folder / "moved").mkdir()
+        shutil.copy(self.folder / "plots.json", self.folder / "moved")
+        draw = lambda file, kind, *more: (file, "--kind", kind, "-o", "refused.png", *more)
+        for words, code, part in (
+                (draw("nowhere.json", "qq"), 3, "nowhere.json cannot be read"),
+                (draw("text.json", "qq"), 4, "text.json is not a results document"),
+                (draw("other.json", "qq"), 4, "other.json is not a results document"),
+                (draw("newer.json", "qq"), 4, "format_version 2"),
+                (draw("bare.json", "caterpillar2"), 5, "no residual file of level 2 (RESFIL2:Y"),
+                (draw("averages.json", "qq"), 5, "take the document of a sub-run"),
+                (draw("moved/plots.json", "residuals"), 3, "moved/resfil1.dat"),
+                (draw("plots.json", "caterpillar3", "--units", "999"), 2, "no unit 999"),
+                (draw("plots.json", "coefficients", "--phase", "pql"), 2, "it has least_squares, final"),
+                (draw("plots.json", "coefficients", "--ratio"), 5, "no odds or event-rate ratios"),
+                (draw("plots.json", "lines", "--predictor", "AGE"), 2, "AGE is no level-1 predictor"),
+                (draw("plots.json", "pie"), 2, "invalid choice"),
+                (("plots.json", "-o", "refused.png"), 2, "either --kind or --page"),
+                (("plots.json", "--kind", "qq", "-o", "refused.pdf"), 2, "ends in .png or .svg"),
+                (("plots.json", "--kind", "lines", "-o", "nowhere/refused.png"), 3, "nowhere/refused.png cannot be written")):
+            got, told = self.plot(*words)
+            self.check(got == code and part in told and not (self.folder / "refused.png").exists(), f"{words}: {got}, {told}")
+        code, told = self.plot("--page", "bare.json", "-o", "bare.html")
+        page = Page(self.place.read("bare.html"))
+        self.check(code == 0 and len(page.images) == 1 and page.text.count("the run made no residual file") == 5,
+                   f"a page without residual files: {code}, {told}")
+        self.check(self.plot("moved/plots.json", "--kind", "qq", "-o", "moved.png", "--folder", ".")[0] == 0, "--folder")
+
+        # Files cut off, and files of a later run of another model under the same names.
+        self.place.edited("later.kdr", "model2.kdr", **FILES, RESFILTYPE="FREEFORMAT", OUTPUT="later.txt")
+        self.place.edited("later.kdr", "later.kdr", LEVEL1DELETION="NONE\nSTOPVAL:1\nNUMIT:1,N")
+        keep = {name: (self.folder / name).read_bytes() for name in ("resfil1.dat", "resfil2.dat", "resfil3.dat", "graph.bin")}
+        assert self.place.run("chem97.mdm", "later.kdr").returncode == 0
+        later = {name: (self.folder / name).read_bytes() for name in keep}
+        back = lambda: [(self.folder / name).write_bytes(data) for name, data in keep.items()]
+        for name, kind, part in (("resfil1.dat", "residuals", "sigma differs"), ("resfil2.dat", "qq", "FVFEMALE differ"),
+                                 ("resfil3.dat", "caterpillar3", "FV01 differ"), ("graph.bin", "lines", "fixed effects differ")):
+            back()
+            (self.folder / name).write_bytes(later[name])
+            got, told = self.plot(*draw("plots.json", kind))
+            self.check(got == 4 and f"{name} is of another run" in told and part in told, f"{name} of a later run: {got}, {told}")
+            if name == "resfil1.dat":
+                got, told = self.plot("--page", "plots.json", "-o", "mixed.html")
+                page = Page(self.place.read("mixed.html"))
+                self.check(got == 0 and len(page.images) == 1 and page.text.count(f"{name} is of another run") == 5 and
+                           "qq is not drawn" in told, f"the page beside it: {got}, {told}")
+            back()
+            (self.folder / name).write_bytes(keep[name][:len(keep[name]) // 3 if name != "graph.bin" else 99])
+            got, told = self.plot(*draw("plots.json", kind))
+            self.check(got == 4 and name in told, f"{name} cut off: {got}, {told}")
+        back()
+        os.utime(self.folder / "resfil3.dat", (2 ** 31 - 1, 2 ** 31 - 1))
+        got, told = self.plot("plots.json", "--kind", "caterpillar3", "-o", "aged.png")
+        self.check(got == 0 and "resfil3.dat is newer than plots.json" in told, f"a newer file: {got}, {told}")
+
+
+if __name__ == "__main__":
+    tests = Tests(sys.argv[1])
+    for part in (tests.randomeffects, tests.records, tests.coefficients, tests.otheroutcomes, tests.pictures, tests.page,
+                 tests.refusals):
+        part()
+    tests.check.finish()
