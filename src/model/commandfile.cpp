@@ -57,7 +57,10 @@ void readkeyword(CommandReader& reader) {
   const std::string line = reader.lines.line;  // the model's lines move the reader on
   const std::size_t colon = line.find(':');
   const std::string value = colon == std::string::npos ? "" : line.substr(colon + 1);
-  if (!beginswith(line, "TITLE") && (value.empty() || value[0] == ' ')) badline(reader);
+  if (!beginswith(line, "TITLE") && (value.empty() || value[0] == ' ')) {
+    std::printf("A line is a keyword, a colon and directly behind it a value, or it begins with #.\n");
+    badline(reader);
+  }
   if (const KeywordHandler handler = findkeyword(line); handler != nullptr) {
     handler(reader, value);
   } else {

@@ -61,6 +61,8 @@ struct Equation {
   bool random = false;
 };
 
+constexpr const char* equationform = "An equation has the form NAME=TERM+TERM.\n";
+
 // The list behind the "/" of an equation: variables for the exploratory analysis, into a row of 12.
 void readextras(const std::string& line, std::string_view list, int level, int* row) {
   if (trimmed(list).empty()) return;
@@ -92,7 +94,10 @@ bool nextequation(CommandReader& reader, std::string_view keyword) {
 // behind "/".
 Equation equationof(const CommandReader& reader, int level, const Name& owner, int* extras) {
   const std::string line = uppercase(reader.lines.line);
-  if (line.find('=') == std::string::npos) badline(reader);
+  if (line.find('=') == std::string::npos) {
+    std::printf("%s", equationform);
+    badline(reader);
+  }
   const std::size_t slash = line.find('/');
   std::string_view text(line);
   if (slash != std::string::npos) {
@@ -225,7 +230,10 @@ void readlevel1(CommandReader& reader, const std::string& value) {
   reader.ncoef1 = reader.ncoef2 = reader.nthresholds = 0;
   const std::string equation = statedequation(reader.lines.before, value);
   const std::size_t equals = equation.find('=');
-  if (equals == std::string::npos) fail(8, equation.c_str());
+  if (equals == std::string::npos) {
+    std::printf("%s", equationform);
+    fail(8, equation.c_str());
+  }
   readoutcome(reader, std::string(trimmed(std::string_view(equation).substr(0, equals))));
 
   std::string_view terms = trimmed(std::string_view(equation).substr(equals + 1));

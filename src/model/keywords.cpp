@@ -153,7 +153,7 @@ void readdofisher(CommandReader&, const std::string& value) {
 }
 
 void readfishertype(CommandReader&, const std::string& value) {
-  if (value[0] < '0' || value[0] > '2') stopwith("\nInvalid type of Fisher acceleration.\n");
+  if (value[0] < '0' || value[0] > '2') stopwith("\nInvalid type of Fisher acceleration.\n Valid are 0, 1 and 2\n");
   run.iter.fishertype = value[0] - '0';
 }
 
@@ -197,7 +197,7 @@ void readresfiltype(CommandReader&, const std::string& value) {
       run.answered.resfiltype = true;
       return;
     }
-  stopwith("Invalid resfiltype.\n");
+  stopwith("Invalid resfiltype.\n Valid are FREEFORMAT, SYSTAT, SAS, SPSS and STATA\n");
 }
 
 // In the order of comparison: the first match wins.

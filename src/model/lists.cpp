@@ -141,7 +141,9 @@ void readnonlin(CommandReader&, const std::string& value) {
   const Type* type = nullptr;
   for (const Type& candidate : types)
     if (beginswith(value, candidate.word)) type = &candidate;
-  if (type == nullptr) stopwith("Incorrect non-linear type: %s\n", value.c_str());
+  if (type == nullptr)
+    stopwith("Incorrect non-linear type: %s\n Valid are N, BERNOULLI, BINOMIAL, POISSON, MULTINOMIAL and ORDINAL\n",
+             value.c_str());
 
   ModelKind& kind = run.kind;
   const bool newtables = type->nonlin == 3 || kind.nonlin == 3;

@@ -18,13 +18,14 @@ const std::string ordinal = "NONLIN:ORDINAL,3\nMACROIT:3\n";
 const std::string unknown = "Batch file ";
 
 std::vector<Case> cases() {
+  const std::string hint = "A line is a keyword, a colon and directly behind it a value, or it begins with #.\n";
   const std::string late = " must be specified after complete model\n";
   return {
       // The line.
-      {"\n# c\n\nNUMIT 5\n", 8, " Error in batch file at line   4\n"},
-      {"NUMIT:\n", 8, " Error in batch file at line   1\n"},
-      {"NUMIT: 5\n", 8, " Error in batch file at line   1\n"},
-      {"NUMIT:   \n", 8, " Error in batch file at line   1\n"},
+      {"\n# c\n\nNUMIT 5\n", 8, hint + " Error in batch file at line   4\n"},
+      {"NUMIT:\n", 8, hint + " Error in batch file at line   1\n"},
+      {"NUMIT: 5\n", 8, hint + " Error in batch file at line   1\n"},
+      {"NUMIT:   \n", 8, hint + " Error in batch file at line   1\n"},
       {" NUMIT 5\n# x\n\r\n", 0, ""},
       {"TITLE:\ntitle: x\n", 0, ""},
       {"TITLES\n", 0, "Unrecognized control word, ignored: TITLES\nHit return to continue "},
@@ -38,8 +39,8 @@ std::vector<Case> cases() {
       {"MICROIT:x\n", 100, "microit must be greater than 0!\n"},
       {"AGQ:N\n", 0, ""},
       {"AGQ:Y,20\n", 100, "\nMaximum number of iterations and quadrature points must be specified.\n"},
-      {"FISHERTYPE:3\n", 100, "\nInvalid type of Fisher acceleration.\n"},
-      {"RESFILTYPE:EXCEL\n", 100, "Invalid resfiltype.\n"},
+      {"FISHERTYPE:3\n", 100, "\nInvalid type of Fisher acceleration.\n Valid are 0, 1 and 2\n"},
+      {"RESFILTYPE:EXCEL\n", 100, "Invalid resfiltype.\n Valid are FREEFORMAT, SYSTAT, SAS, SPSS and STATA\n"},
       {"OUTPUT:" + std::string(260, 'x') + "\n", 100, "The path is too long: " + std::string(260, 'x') + "\n"},
       // Names.
       {"LEVEL1DELETION:A,NO\n", 9, unknown + "level1deletion specification invalid\nNO does not exist\n"},
@@ -53,7 +54,8 @@ std::vector<Case> cases() {
       {"RESFIL3:Y/V\n", 9, unknown + "resfil3 specification invalid\nV does not exist\n"},
       {"RESFIL2:Y//INTRCPT3,P\nRESFIL1:Y///Q\nRESFIL3:Y\n", 0, ""},
       // Kinds of outcome.
-      {"NONLIN:GAMMA\n", 100, "Incorrect non-linear type: GAMMA\n"},
+      {"NONLIN:GAMMA\n", 100, 
+       "Incorrect non-linear type: GAMMA\n Valid are N, BERNOULLI, BINOMIAL, POISSON, MULTINOMIAL and ORDINAL\n"},
       {"NONLIN:BINOMIAL,NO\n", 9, unknown + "nlcntvar specification invalid\nNO does not exist\n"},
       {"NONLIN:POISSON,INTRCPT1\n", 9, unknown + "nlcntvar specification invalid\nINTRCPT1 does not exist\n"},
       {"RESFIL2:Y\nNONLIN:MULTINOMIAL,3\n", 100,
@@ -65,7 +67,7 @@ std::vector<Case> cases() {
       {"NONLIN:ORDINAL,2000000000\n", 100, "The model is too big for 2000000000 categories!\n"},
       {"NONLIN:MULTINOMIAL,99999999999\n", 100, "The model is too big for 2147483647 categories!\n"},
       // The model.
-      {"LEVEL1:Y\n", 8, " Error in batch file at line Y\n"},
+      {"LEVEL1:Y\n", 8, "An equation has the form NAME=TERM+TERM.\n Error in batch file at line Y\n"},
       {"LEVEL1:NO=X\n", 9, unknown + "outvar specification invalid\nNO does not exist\n"},
       {"LEVEL1:INTRCPT1=X\n", 9, unknown + "outvar specification invalid\nINTRCPT1 does not exist\n"},
       {"LEVEL1:Y=INTRCPT1+V\n", 9, "V is a variable of level 2.\n" + unknown + "level1 specification invalid\nV does not exist\n"},
@@ -78,7 +80,8 @@ std::vector<Case> cases() {
       {"NONLIN:MULTINOMIAL,3\nLEVEL1:Y=A\nLEVEL1:X=A\n", 100, "All equations of level 1 must have the same outcome!\n"},
       {"NONLIN:ORDINAL,3\nLEVEL1:Y=THOLD2+THOLD3\n", 100,
        "You have specified more than 1 thresholds in the command file!\n"},
-      {"LEVEL1:Y=INTRCPT1\n#c\nLEVEL2:INTRCPT1 INTRCPT2\n", 8, " Error in batch file at line   3\n"},
+      {"LEVEL1:Y=INTRCPT1\n#c\nLEVEL2:INTRCPT1 INTRCPT2\n", 8,
+       "An equation has the form NAME=TERM+TERM.\n Error in batch file at line   3\n"},
       {"LEVEL1:Y=INTRCPT1\nLEVEL2:=INTRCPT2\n", 8, "The equation of INTRCPT1 is due here.\n Error in batch file at line   2\n"},
       {"LEVEL1:Y=INTRCPT1\nLEVEL2:X=INTRCPT2\n", 8, "The equation of INTRCPT1 is due here.\n Error in batch file at line   2\n"},
       {"LEVEL1:Y=INTRCPT1\nLEVEL2:INTRCPT1=INTRCPT2+X\n", 9,
