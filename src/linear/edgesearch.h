@@ -8,6 +8,8 @@ namespace kdr {
 
 // The iterations that begin with a search: this one, and each that doubles it.
 inline constexpr int firstedgesearch = 200;
+// A stage that converges sooner than this does not creep, and its stop is no place for a search.
+inline constexpr int soonestedgesearch = 10;
 // What a search has to gain: more than rounding, and where the criterion of convergence is met already, what would
 // change a deviance by 0.01.
 inline constexpr double leastgainwhenslow = 1.0e-6, leastgainatstop = 0.005;

@@ -249,7 +249,7 @@ void asklimit(const Pass& pass, IterationState& state) {
 // estimates.
 bool movetoedge(Pass& pass, const IterationState& state, double least) {
   if (pass.plan.kind != PassKind::linear || state.hetstate == 1) return false;
-  if (state.converged && !nearedge(pass)) return false;
+  if (state.converged && (state.iteration < soonestedgesearch || !nearedge(pass))) return false;
   const double gain = searchedge(pass, least);
   if (gain == 0.0) return false;
   const std::string line = formatted(
