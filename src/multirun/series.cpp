@@ -1,5 +1,7 @@
 #include "multirun/series.h"
 
+#include <unistd.h>
+
 #include <bit>
 #include <cassert>
 #include <concepts>
@@ -297,10 +299,9 @@ void closeseries(int code) {
   }
   if (series.pooled) return;
   if (!series.begun) {
-    std::printf(
-        "The last data set of the series failed before its model was known, so nothing was averaged. The "
-        "other results are kept in %s.\n",
-        storename);
+    std::printf("The last data set of the series failed before its model was known, so nothing was averaged.");
+    if (access(storename, F_OK) == 0) std::printf(" The other results are kept in %s.", storename);
+    std::printf("\n");
     return;
   }
   series.whole = false;
