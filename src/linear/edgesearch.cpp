@@ -70,30 +70,25 @@ double scoringstep(Pass& pass, FisherWork& fisher, double barrier, Array<double>
   addbarrier(fisher, 0, run.est.taupi, pass.p, barrier);
   addbarrier(fisher, static_cast<int>(packedsize(pass.p)), run.est.taubeta, pass.b, barrier);
   if (!invertinformation(fisher, false)) return -1.0;
+  step = scoringdirection(fisher);
   double rise = 0.0;
-  step.fill(0.0);
-  for (std::size_t i = 0; i < step.size(); ++i) {
-    for (std::size_t j = 0; j < step.size(); ++j) step[i] += fisher.invinformation[i * step.size() + j] * fisher.score[j];
-    rise += step[i] * fisher.score[i];
-  }
+  for (std::size_t i = 0; i < step.size(); ++i) rise += step[i] * fisher.score[i];
   return rise;
 }
 
 // run.est = start + factor step; the fixed effects stay.
 void moveestimates(const Pass& pass, const Estimates& start, const Array<double>& step, double factor) {
-  std::size_t e = 0;
-  const auto move = [&](Array<double>& t, const Array<double>& from, int n) {
-    for (int i = 0; i < n; ++i)
-      for (int j = 0; j <= i; ++j) t[i * n + j] = t[j * n + i] = from[i * n + j] + factor * step[e++];
-  };
-  move(run.est.taupi, start.taupi, pass.p);
-  move(run.est.taubeta, start.taubeta, pass.b);
-  run.est.sigma2 = start.sigma2 + factor * step[e];
+  const double* d = step.data();
+  run.est.taupi = start.taupi.copy();
+  run.est.taubeta = start.taubeta.copy();
+  addtriangle(run.est.taupi.data(), pass.p, d, factor);
+  addtriangle(run.est.taubeta.data(), pass.b, d + packedsize(pass.p), factor);
+  run.est.sigma2 = start.sigma2 + factor * step[step.size() - 1];
 }
 
 // Climbs to the maximum behind a barrier. False when it got no further.
 bool climb(Pass& pass, FisherWork& fisher, double barrier, Height& now) {
-  Array<double> step(at(fisher.NT));
+  Array<double> step;
   for (int steps = 0; steps < maxsteps && !interrupted(); ++steps) {
     const double rise = scoringstep(pass, fisher, barrier, step);
     if (rise < 0.0) return false;
@@ -122,7 +117,7 @@ bool climb(Pass& pass, FisherWork& fisher, double barrier, Height& now) {
 bool nearedge(Pass& pass) {
   FisherWork fisher;
   sizefisher(pass, fisher);
-  Array<double> step(at(fisher.NT));
+  Array<double> step;
   if (fisher.restriction.nfree == 0) return false;
   if (scoringstep(pass, fisher, 0.0, step) < 0.0) return true;
   Estimates here = run.est.copy();

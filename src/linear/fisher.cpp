@@ -279,6 +279,16 @@ void fillscore(const Pass& pass, const Inverses& inv, const PosteriorSums& sums,
   for (double& x : fisher.score) x *= 0.5;
 }
 
+// One sweep at the estimates at hand, which fills the information.
+bool sweepinformation(Pass& pass, const Inverses& inv, bool keepmeans, PosteriorSums& sums, FisherWork& fisher) {
+  InformationSums info = makesums(pass, inv);
+  const PosteriorInput input{run.est.sigma2, run.est.gammahat.data(), inv.S.data(), inv.Sb.data(), nullptr, keepmeans};
+  const auto visit = [&](const Level3Posterior& unit) { addlevel3unit(info, pass, unit); };
+  if (posteriorsweep(pass, input, sums, visit) != PosteriorResult::ok) return false;
+  fillinformation(pass, info, fisher);
+  return true;
+}
+
 // The score of one level-3 unit and its outer product.
 struct OuterScores {
   const Inverses* inv;
@@ -338,13 +348,8 @@ bool invertinformation(FisherWork& fisher, bool strict) {
 
 bool fisherfull(Pass& pass, FisherWork& fisher, Likelihood& likelihood, bool closing) {
   const Inverses inv = invert(pass);
-  InformationSums info = makesums(pass, inv);
   PosteriorSums sums;
-  const PosteriorInput input{run.est.sigma2, run.est.gammahat.data(), inv.S.data(), inv.Sb.data(), nullptr, !closing};
-  const auto visit = [&](const Level3Posterior& unit) { addlevel3unit(info, pass, unit); };
-  if (posteriorsweep(pass, input, sums, visit) != PosteriorResult::ok) return false;
-  fillinformation(pass, info, fisher);
-  if (!invertinformation(fisher, true)) return false;
+  if (!sweepinformation(pass, inv, !closing, sums, fisher) || !invertinformation(fisher, true)) return false;
   if (closing) return true;
   fillscore(pass, inv, sums, fisher);
   const double current = loglikelihood(pass, sums, inv.logdetT, inv.logdetL);
@@ -353,14 +358,26 @@ bool fisherfull(Pass& pass, FisherWork& fisher, Likelihood& likelihood, bool clo
   return true;
 }
 
+Array<double> scoringdirection(const FisherWork& fisher) {
+  const auto NT = static_cast<std::size_t>(fisher.NT);
+  Array<double> d(NT);
+  for (std::size_t i = 0; i < NT; ++i)
+    for (std::size_t j = 0; j < NT; ++j) d[i] += fisher.invinformation[i * NT + j] * fisher.score[j];
+  return d;
+}
+
+void addtriangle(double* t, int n, const double* d, double factor) {
+  for (int i = 0; i < n; ++i)
+    for (int j = 0; j <= i; ++j, ++d) {
+      t[i * n + j] += factor * *d;
+      if (i != j) t[j * n + i] += factor * *d;
+    }
+}
+
 bool fisherpoint(Pass& pass, FisherWork& fisher) {
   const Inverses inv = invert(pass);
-  InformationSums info = makesums(pass, inv);
   PosteriorSums sums;
-  const PosteriorInput input{run.est.sigma2, run.est.gammahat.data(), inv.S.data(), inv.Sb.data(), nullptr, false};
-  const auto visit = [&](const Level3Posterior& unit) { addlevel3unit(info, pass, unit); };
-  if (posteriorsweep(pass, input, sums, visit) != PosteriorResult::ok) return false;
-  fillinformation(pass, info, fisher);
+  if (!sweepinformation(pass, inv, false, sums, fisher)) return false;
   fillscore(pass, inv, sums, fisher);
   return true;
 }

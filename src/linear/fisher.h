@@ -37,6 +37,11 @@ struct Likelihood {
   double current;
 };
 
+// The step [NT] that inverse information and score make.
+[[nodiscard]] Array<double> scoringdirection(const FisherWork& fisher);
+// Adds the triangle of a step, times the factor, to a tau matrix, in both places.
+void addtriangle(double* t, int n, const double* d, double factor);
+
 // Expected information (fishertype 2). Returns false when a matrix cannot be inverted or the information is not usable.
 // With `closing` it stops after the inverse information and changes only that, dinv and C_j^-1; otherwise it also
 // fills the score, the posterior means and the log-likelihood, and updates gammahat and vgamma.

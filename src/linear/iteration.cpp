@@ -70,15 +70,6 @@ Step tryaitken(Pass& pass, IterationState& state, Attempt& attempt, const SavedE
   return Step::retry;
 }
 
-// Adds the triangle of a step to a tau matrix, in both places.
-void addtriangle(double* t, int n, const double* d) {
-  for (int i = 0; i < n; ++i)
-    for (int j = 0; j <= i; ++j, ++d) {
-      t[i * n + j] += *d;
-      if (i != j) t[j * n + i] += *d;
-    }
-}
-
 bool invertible(const Array<double>& t, int n) {
   Array<double> S;
   double logdet = 0.0;
@@ -91,18 +82,16 @@ Step tryfishersteps(Pass& pass, IterationState& state, Attempt& attempt, const S
   const FisherWork& fisher = state.fisher;
   const auto NT = static_cast<std::size_t>(fisher.NT);
   const std::size_t nt = packedsize(pass.p);
-  Array<double> d(NT);
-  for (std::size_t i = 0; i < NT; ++i)
-    for (std::size_t j = 0; j < NT; ++j) d[i] += fisher.invinformation[i * NT + j] * fisher.score[j];
+  Array<double> d = scoringdirection(fisher);
   const auto halve = [&](std::size_t from, std::size_t to) {
     for (std::size_t i = from; i < to; ++i) d[i] *= 0.5;
   };
   for (int t = 1; t <= tries; ++t) {
     if (pass.fixsigma2 == 0.0) run.est.sigma2 += d[NT - 1];
     if (!pass.plan.tausstand()) {
-      addtriangle(run.est.taupi.data(), pass.p, d.data());
+      addtriangle(run.est.taupi.data(), pass.p, d.data(), 1.0);
       applytaupi(run.est.taupi.data());
-      addtriangle(run.est.taubeta.data(), pass.b, d.data() + nt);
+      addtriangle(run.est.taubeta.data(), pass.b, d.data() + nt, 1.0);
       applytaubeta(run.est.taubeta.data());
     }
     if (usableestimates(pass)) {

@@ -16,6 +16,7 @@
 #include "driver/failures.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
+#include "kernel/sizes.h"
 #include "report/hypotheses.h"
 #include "report/modelrows.h"
 #include "report/modelstatistics.h"
@@ -42,8 +43,6 @@ constexpr char documenthead[] = "{\n \"format\": \"kdr3 results\"";
 constexpr char tablehead[] = "phase,part,";
 
 bool wanted() { return !run.files.results.empty(); }
-
-std::size_t at(int i) { return static_cast<std::size_t>(i); }
 
 // Numbers and texts.
 

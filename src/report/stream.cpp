@@ -44,9 +44,12 @@ constexpr const char* stylesheet =
     "td { font-variant-numeric: tabular-nums; }\n"
     "</style>\n";
 
-void refusetooverwrite(const std::string& input) {
-  if (samefile(run.files.outfile, input))
-    stopwith("The output file %s is an input file of this run\n", run.files.outfile.c_str());
+// What is said of a report that would overwrite an input of the run; empty when it would not.
+std::string overwriting() {
+  const std::string& path = run.files.outfile;
+  for (const std::string& input : {run.files.mdmfile, run.files.cmdfile})
+    if (samefile(path, input)) return "The output file " + path + " is an input file of this run\n";
+  return {};
 }
 
 // Whether a report can be written at the path: without touching it, which a reader at the other end of a pipe would
@@ -67,11 +70,10 @@ bool writable(const std::string& path) {
 // Says so where the answer to the question is none for this run.
 bool usableanswer() {
   const std::string& path = run.files.outfile;
-  for (const std::string& input : {run.files.mdmfile, run.files.cmdfile})
-    if (samefile(path, input)) {
-      std::printf("The output file %s is an input file of this run\n", path.c_str());
-      return false;
-    }
+  if (const std::string words = overwriting(); !words.empty()) {
+    std::printf("%s", words.c_str());
+    return false;
+  }
   if (writable(path)) return true;
   std::perror("");
   std::printf("Unable to open %s for writing\n", path.c_str());
@@ -113,8 +115,7 @@ void openreport(void (*check)(), void (*keep)()) {
   if (reportisstdout()) {
     run.report.stream = stdout;
   } else {
-    refusetooverwrite(files.mdmfile);
-    refusetooverwrite(files.cmdfile);
+    if (const std::string words = overwriting(); !words.empty()) stopwith("%s", words.c_str());
     run.report.stream = openfile(files.outfile, series ? "w+" : "w");
   }
   const std::string title = escaped(files.title);
