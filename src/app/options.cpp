@@ -17,6 +17,7 @@
 #include "data/onefile.h"
 #include "data/template.h"
 #include "driver/failures.h"
+#include "driver/questions.h"
 #include "driver/runrecord.h"
 
 namespace kdr {
@@ -145,8 +146,12 @@ std::string standardinput() {
   const int copy = memfd_create("commands", 0);
   if (copy < 0) fail(6);
   char bytes[4096];
-  for (ssize_t count; (count = read(STDIN_FILENO, bytes, sizeof bytes)) > 0;)
-    if (write(copy, bytes, static_cast<std::size_t>(count)) != count) fail(3);
+  ssize_t count = 0;
+  while ((count = read(STDIN_FILENO, bytes, sizeof bytes)) != 0) {
+    checksignals();
+    if (count < 0 && errno != EINTR) unreadableinput();
+    if (count > 0 && write(copy, bytes, static_cast<std::size_t>(count)) != count) fail(3);
+  }
   return "/proc/self/fd/" + std::to_string(copy);
 }
 

@@ -110,6 +110,12 @@ int readchk(void* buffer, std::size_t bytes, std::FILE* stream) {
   return bytes == 0 || std::fread(buffer, bytes, 1, stream) == 1;
 }
 
+std::size_t readupto(void* buffer, std::size_t bytes, std::FILE* stream, const std::string& name) {
+  const std::size_t got = std::fread(buffer, 1, bytes, stream);
+  if (got < bytes) checkread(stream, name);
+  return got;
+}
+
 void writechk(const void* buffer, std::size_t bytes, std::FILE* stream) {
   if (bytes != 0 && std::fwrite(buffer, bytes, 1, stream) != 1) fail(5);
 }

@@ -31,6 +31,8 @@ void checkread(std::FILE* stream, const std::string& name);
 
 // Reads exactly `bytes` bytes: 1 on success or for a count of 0, else 0.
 [[nodiscard]] int readchk(void* buffer, std::size_t bytes, std::FILE* stream);
+// Reads up to `bytes` bytes and returns how many there were. A read that fails is not the end of the file: checkread.
+[[nodiscard]] std::size_t readupto(void* buffer, std::size_t bytes, std::FILE* stream, const std::string& name);
 // Writes exactly `bytes` bytes; failure 5 otherwise.
 void writechk(const void* buffer, std::size_t bytes, std::FILE* stream);
 // True when both paths lead to one existing file.

@@ -1,5 +1,6 @@
 #include "driver/questions.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <iterator>
@@ -53,7 +54,11 @@ bool plainline(const std::string& prompt, std::string& line) {
     const int c = std::getchar();
     if (c == EOF || c == '\n') {
       if (!line.empty() && line.back() == '\r') line.pop_back();
-      if (c == EOF) std::clearerr(stdin);
+      if (c == EOF) {
+        checksignals();
+        if (std::ferror(stdin) != 0 && errno != EINTR) unreadableinput();
+        std::clearerr(stdin);
+      }
       inputended = c == EOF;
       return c == '\n' || !line.empty();
     }
@@ -71,6 +76,11 @@ bool readanswer(const std::string& prompt, std::string& line, Question question,
     if (!asksforhelp(line)) return any;
     std::printf("%s%s", helptexts[static_cast<std::size_t>(question)], more.c_str());
   }
+}
+
+void unreadableinput() {
+  std::perror("");
+  stopwith("Unable to read standard input\n");
 }
 
 void noproperresponse() {

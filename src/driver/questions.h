@@ -53,6 +53,8 @@ double askreal(const char* prompt, double lo, double hi);
 
 // "Unable to get a proper response!" and the stop with code 100.
 [[noreturn]] void noproperresponse();
+// Code 100 where a read from standard input fails, which is not its end.
+[[noreturn]] void unreadableinput();
 
 // Prints "\n%s\n The choices are: \n" and the slots 1..n of a name table, three to a line; index `skip` stays blank.
 void showchoices(const char* prompt, int n, const Array<Name>& table, int skip);

@@ -1,9 +1,9 @@
 #!/usr/bin/python3
 """The program while calls of the system fail: campaign.py PROGRAM INJECTOR [STEP]
 
-A small construction, two small runs with every output on and the last run of a series,
-again and again, each time with another call that fails
-(groups and calls: injector.cpp). Of every group each STEP-th call fails in turn; 1, the default, is the whole campaign.
+Small constructions, two small runs with every output on and the last run of a series, again and again, each time with
+another call that fails (groups and calls: injector.cpp). Of every group each STEP-th call fails in turn; 1, the default,
+is the whole campaign.
 After each: no signal, no hang; no temporary file; every result file is as it was before or as the undisturbed job
 leaves it; the exit code is 0 only when all outputs are. Optimised build only: the sanitizers bring an allocator of
 their own, which does not go together with a library that takes its place.
@@ -12,6 +12,7 @@ import os
 import pathlib
 import random
 import re
+import shutil
 import subprocess
 import sys
 import tempfile
@@ -89,6 +90,38 @@ JOBS = {
 }
 
 
+FILES = pathlib.Path(__file__).resolve().parents[1] / "data" / "files"  # sample<level>: one study in many formats
+OTHER = """#KDR3 MDM CREATION TEMPLATE
+mdmtype:0
+rawdattype:other
+l1fname:sample1.%s
+l2fname:sample2.%s
+l3fname:sample3.%s
+l1missing:y
+timeofdeletion:analysis
+mdmname:%s
+*begin l1vars
+level3id:LEA
+level2id:SCHOOL
+SCORE
+AGE
+*end l1vars
+*begin l2vars
+level3id:LEA
+level2id:SCHOOL
+SCHSIZE
+*end l2vars
+*begin l3vars
+level3id:LEA
+LEANSCH
+*end l3vars
+"""
+# The libraries for these formats are a choice of the build.
+LIBRARIES = {"sav, xlsx, dbf": ("sav /spss", "xlsx /excel", "dbf /xbase"), "dta, xpt, xls": ("dta /stata", "xpt /sasx", "xls /excel")}
+for job, types in LIBRARIES.items():
+    JOBS[job] = (["-r", job[:3] + ".mdmt"], [job[:3] + ".mdm", "creatmdm.mdmt", "KDR3MDM.STS"], [])
+
+
 def makestudy(folder):
     draw = random.Random(5)
     one, two, three = [], [], []
@@ -108,6 +141,10 @@ def makestudy(folder):
     (folder / "linear.kdr").write_text(LINEAR)
     (folder / "laplace.kdr").write_text(LAPLACE)
     (folder / "series.kdr").write_text(SERIES)
+    for job, types in LIBRARIES.items():
+        (folder / (job[:3] + ".mdmt")).write_text(OTHER % (*types, job[:3] + ".mdm"))
+        for level, type in enumerate(types):
+            shutil.copy(FILES / f"sample{level + 1}.{type.split()[0]}", folder)
 
 
 def masked(data):
@@ -201,11 +238,14 @@ def main():
         makestudy(holder / "work")
         for name in JOBS:
             job = Job(program, injector, holder, name)
+            if name in LIBRARIES and b"without the libraries" in job.run()[1]:
+                continue
             calls = job.whole()
             print(f"{name}: {calls}", flush=True)
             if name == "construction":
                 study = (holder / "work" / "small.mdm").read_bytes()
-            for group in GROUPS:
+            # The libraries only read: what writes is the same for all constructions.
+            for group in ("open", "read", "map", "memory") if name in LIBRARIES else GROUPS:
                 for n in range(1, calls[group] + 1, step):
                     wrong = job.faulty(f"{group}:{n}")
                     tried += 1

@@ -1,10 +1,11 @@
 // A library that is loaded before the program's own: it counts the calls of the groups below, and the one that
-// KDR3_FAULT names, "<group>:<n>", fails as the system would let it fail. Without KDR3_FAULT the counts of each group
+// KDR3_FAULT names, "<group>:<n>", fails as the system would let it fail; with a "+" behind, all calls from the n-th on
+// do, whatever the group. Without KDR3_FAULT the counts of each group
 // go to the file KDR3_COUNTS at the end.
 //
 // Calls of the system are taken where they enter it, whoever makes them: a seccomp filter turns each into SIGSYS, whose
 // handler lets it fail or makes it again. So what a stream of the C library writes from its buffer fails as well.
-// Allocations are functions that take the place of the library's.
+// Allocations are functions that take the place of the library's, those that the program's own allocation stands on.
 #include <dlfcn.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
@@ -48,6 +49,7 @@ constexpr Group groups[ngroups] = {
 std::atomic<long> counts[ngroups];
 int faultgroup = none;
 long faultcall = 0;
+bool lasts = false;  // of the fault, in a group whose faults do not
 bool ready = false;
 
 // True for a call that is to fail.
@@ -55,7 +57,7 @@ bool fails(int group) {
   if (!ready) return false;
   const long n = ++counts[group];
   if (group != faultgroup) return false;
-  return groups[group].lasts ? n >= faultcall : n == faultcall;
+  return lasts || groups[group].lasts ? n >= faultcall : n == faultcall;
 }
 
 int groupof(int call) {
@@ -68,6 +70,9 @@ int groupof(int call) {
 // The handler's own way into the system: calls from within this function of the library pass the filter.
 constexpr std::uint32_t waylength = 64;
 
+// A read gets no more at once, as it may, so that a file of some thousand bytes has more than one place to fail.
+constexpr greg_t shortread = 512;
+
 void onsyscall(int, siginfo_t* info, void* context) {
   greg_t* registers = static_cast<ucontext_t*>(context)->uc_mcontext.gregs;
   const int before = errno;
@@ -75,6 +80,7 @@ void onsyscall(int, siginfo_t* info, void* context) {
   const int group = groupof(call);
   const bool fault = fails(group);
   long result = -groups[group].error;
+  if (call == SYS_read && registers[REG_RDX] > shortread) registers[REG_RDX] = shortread;
   if (fault && call == SYS_brk) {
     result = syscall(SYS_brk, 0);  // the end of the heap stays where it is
   } else if (!fault || call == SYS_close) {
@@ -144,6 +150,7 @@ __attribute__((constructor)) void begin() {
     for (int g = 0; g < ngroups; ++g)
       if (std::strlen(groups[g].name) == length && std::strncmp(fault, groups[g].name, length) == 0) faultgroup = g;
     faultcall = std::atol(colon + 1);
+    lasts = std::strchr(colon, '+') != nullptr;
   }
   smallbuffer(stdout);
   if (!filtercalls()) _exit(99);
@@ -183,8 +190,8 @@ std::FILE* fdopen(int handle, const char* mode) {
 // The name of the same function for files of any size.
 std::FILE* fopen64(const char* path, const char* mode) __attribute__((alias("fopen")));
 
-void* malloc(size_t bytes) {
-  static const auto real = next<void* (*)(size_t)>("malloc");
+void* __libc_malloc(size_t bytes) {
+  static const auto real = next<void* (*)(size_t)>("__libc_malloc");
   if (fails(memory)) {
     errno = ENOMEM;
     return nullptr;
@@ -192,8 +199,8 @@ void* malloc(size_t bytes) {
   return real(bytes);
 }
 
-void* realloc(void* piece, size_t bytes) {
-  static const auto real = next<void* (*)(void*, size_t)>("realloc");
+void* __libc_realloc(void* piece, size_t bytes) {
+  static const auto real = next<void* (*)(void*, size_t)>("__libc_realloc");
   if (fails(memory)) {
     errno = ENOMEM;
     return nullptr;
@@ -210,7 +217,7 @@ void* aligned_alloc(size_t alignment, size_t bytes) {
   return real(alignment, bytes);
 }
 
-void* calloc(size_t n, size_t bytes) {
+void* __libc_calloc(size_t n, size_t bytes) {
   // dlsym itself may ask for memory: until the real one is known, this much is at hand.
   static char early[4096];
   static std::size_t used = 0;
@@ -223,7 +230,7 @@ void* calloc(size_t n, size_t bytes) {
       return piece;
     }
     asking = true;
-    real = next<void* (*)(size_t, size_t)>("calloc");
+    real = next<void* (*)(size_t, size_t)>("__libc_calloc");
   }
   if (fails(memory)) {
     errno = ENOMEM;

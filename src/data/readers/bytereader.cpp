@@ -48,8 +48,8 @@ void fillbytes(ByteReader& reader, std::size_t width) {
   std::memmove(reader.buffer.data(), reader.buffer.data() + reader.at, reader.have);
   reader.at = 0;
   if (width > reader.buffer.size()) reader.buffer.resize(width);
-  reader.have += std::fread(reader.buffer.data() + reader.have, 1, reader.buffer.size() - reader.have, reader.stream);
-  checkread(reader.stream, reader.name);
+  reader.have +=
+      readupto(reader.buffer.data() + reader.have, reader.buffer.size() - reader.have, reader.stream, reader.name);
   if (reader.have < width) reader.length = reader.start + static_cast<long long>(reader.have);  // it has shrunk
 }
 

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <memory>
 
+#include "data/scratch.h"
 #include "driver/failures.h"
 
 namespace kdr {
@@ -98,12 +99,12 @@ bool readcompound(const std::string& path, CompoundFile& file) {
   const std::unique_ptr<std::FILE, int (*)(std::FILE*)> stream(std::fopen(path.c_str(), "rb"), std::fclose);
   static std::array<char, std::size_t{1} << 16> piece;
   if (stream == nullptr) return false;
-  for (std::size_t got = 0; (got = std::fread(piece.data(), 1, piece.size(), stream.get())) > 0;) {
+  for (std::size_t got = 0; (got = readupto(piece.data(), piece.size(), stream.get(), path)) > 0;) {
     checksignals();
     file.bytes.append(piece.data(), got);
     if (file.bytes.compare(0, magic.size(), magic) != 0) return false;
   }
-  if (std::ferror(stream.get()) != 0 || file.bytes.size() < headlength) return false;
+  if (file.bytes.size() < headlength) return false;
   file.sectorshift = static_cast<unsigned>(littlenumber(file.bytes, 30, 2));
   file.smallerthan = word(file.bytes, 56);
   if (file.sectorshift != 9 && file.sectorshift != 12) return false;

@@ -122,8 +122,7 @@ void takeend(int, void* context) { static_cast<CsvState*>(context)->complete = t
 bool fillbuffer(CsvState& state) {
   checksignals();
   state.at = 0;
-  state.have = std::fread(state.buffer.data(), 1, state.buffer.size(), state.stream);
-  checkread(state.stream, state.file->path);
+  state.have = readupto(state.buffer.data(), state.buffer.size(), state.stream, state.file->path);
   return state.have > 0;
 }
 

@@ -8,6 +8,7 @@
 
 #include "data/readers/plainnumber.h"
 #include "data/readers/stlayer.h"
+#include "data/scratch.h"
 #include "driver/formatted.h"
 
 namespace kdr {
@@ -39,15 +40,15 @@ bool checkhead(StFile& file) {
   DbaseState& state = stateof(file);
   const std::unique_ptr<std::FILE, int (*)(std::FILE*)> stream(std::fopen(file.path.c_str(), "rb"), std::fclose);
   unsigned char head[fixedpart];
-  file.trouble = "it is no dBASE table";
-  if (stream == nullptr || std::fread(head, 1, fixedpart, stream.get()) != fixedpart) return false;
+  file.trouble = stream == nullptr ? ST_CannotOpen : "it is no dBASE table";
+  if (stream == nullptr || readupto(head, fixedpart, stream.get(), file.path) != fixedpart) return false;
   const unsigned headlength = number(head + 8, 2);
   const unsigned recordlength = number(head + 10, 2);
   if (headlength <= fixedpart || recordlength < 2) return false;
   unsigned fields = 1;  // the mark of deletion
   unsigned char field[fixedpart];
   for (unsigned at = fixedpart; at + fixedpart <= headlength; at += fixedpart) {
-    if (std::fread(field, 1, fixedpart, stream.get()) != fixedpart) return false;
+    if (readupto(field, fixedpart, stream.get(), file.path) != fixedpart) return false;
     if (field[0] == '\r') break;
     fields += field[16];
     if (fields > recordlength) return false;
@@ -66,8 +67,12 @@ bool checkhead(StFile& file) {
 
 constexpr std::size_t piecesize = std::size_t{1} << 20;
 
-// The file that is being opened: the library would look for one whose name ends in .dbf.
+// The file that the library works on: it would look for one whose name ends in .dbf.
 StFile* opening = nullptr;
+
+SAOffset readit(void* bytes, SAOffset size, SAOffset count, SAFile file) {
+  return readupto(bytes, size * count, reinterpret_cast<std::FILE*>(file), opening->path) / std::max<SAOffset>(size, 1);
+}
 
 SAFile openit(const char* name, const char* mode) {
   const std::size_t length = std::strlen(name);
@@ -114,6 +119,7 @@ bool dbasedictionary(StFile& file) {
   SAHooks hooks;
   SASetupDefaultHooks(&hooks);
   hooks.FOpen = openit;
+  hooks.FRead = readit;
   hooks.FSeek = seekit;
   hooks.Error = [](const char*) {};
   opening = &file;
@@ -136,6 +142,7 @@ bool dbasedictionary(StFile& file) {
 
 bool dbaserecord(StFile& file) {
   DbaseState& state = stateof(file);
+  opening = &file;
   while (state.next < state.records && DBFIsRecordDeleted(state.table, state.next) != 0) ++state.next;
   if (state.next >= state.records) {
     if (state.records < state.announced)

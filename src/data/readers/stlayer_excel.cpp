@@ -9,6 +9,7 @@
 #include <memory>
 
 #include "data/readers/stlayer_sheet.h"
+#include "data/scratch.h"
 #include "driver/formatted.h"
 
 namespace kdr {
@@ -23,12 +24,13 @@ struct ExcelState {
 
 ExcelState& stateof(StFile& file) { return *static_cast<ExcelState*>(file.state); }
 
-// The workbooks of Excel 2007 and later are zip archives.
-const SheetSource& sourceof(const std::string& path) {
+// The workbooks of Excel 2007 and later are zip archives. Null when the file cannot be opened.
+const SheetSource* sourceof(const std::string& path) {
   const std::unique_ptr<std::FILE, int (*)(std::FILE*)> stream(std::fopen(path.c_str(), "rb"), std::fclose);
+  if (stream == nullptr) return nullptr;
   char head[2] = "";
-  const bool whole = stream != nullptr && std::fread(head, 1, sizeof head, stream.get()) == sizeof head;
-  return whole && std::memcmp(head, "PK", sizeof head) == 0 ? xlsxsource : xlssource;
+  const bool whole = readupto(head, sizeof head, stream.get(), path) == sizeof head;
+  return whole && std::memcmp(head, "PK", sizeof head) == 0 ? &xlsxsource : &xlssource;
 }
 
 // The next row that has a cell with a value; false when there is none.
@@ -58,7 +60,9 @@ void growvariables(std::vector<StVariable>& variables, std::size_t count) {
 bool exceldictionary(StFile& file) {
   auto* state = new ExcelState;
   file.state = state;
-  state->source = &sourceof(file.path);
+  state->source = sourceof(file.path);
+  file.trouble = state->source == nullptr ? ST_CannotOpen : "";
+  if (state->source == nullptr) return false;
   state->book = state->source->open(file.path, file.trouble);
   if (state->book == nullptr) return false;
   if (!nextrow(file)) {

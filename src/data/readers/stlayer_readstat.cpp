@@ -31,6 +31,7 @@ constexpr int cardlength = 80;  // of a transport file
 // front of them.
 struct LibraryFile {
   std::FILE* stream = nullptr;
+  std::string name;
   Array<char> piece;  // its buffer
   bool portable = false;
   Array<long long> repeated;  // file positions of further places
@@ -76,6 +77,7 @@ void findrepeated(LibraryFile& library) {
     }
     ++at;
   }
+  checkread(library.stream, library.name);
   library.repeated.resize(found);
   std::rewind(library.stream);
 }
@@ -84,6 +86,7 @@ LibraryFile& libraryof(void* context) { return *static_cast<LibraryFile*>(contex
 
 int openlibrary(const char* path, void* context) {
   LibraryFile& library = libraryof(context);
+  library.name = path;
   library.stream = std::fopen(path, "rb");
   if (library.stream == nullptr) return -1;
   if (library.piece.empty()) library.piece.reset(piecesize);
@@ -112,10 +115,10 @@ ssize_t readlibrary(void* bytes, std::size_t count, void* context) {
   const bool plain = library.repeated.empty() && library.end < 0;
   const long long start = plain ? 0 : ftello(library.stream);
   if (library.end >= 0) count = std::min(count, static_cast<std::size_t>(std::max(library.end - start, 0LL)));
-  const auto got = static_cast<long long>(std::fread(bytes, 1, count, library.stream));
+  const auto got = static_cast<long long>(readupto(bytes, count, library.stream, library.name));
   for (const long long position : library.repeated)
     if (position >= start && position < start + got) static_cast<char*>(bytes)[position - start] = '0';
-  return std::ferror(library.stream) ? -1 : got;
+  return got;
 }
 
 readstat_error_t updatelibrary(long, readstat_progress_handler, void*, void*) { return READSTAT_OK; }
@@ -206,7 +209,7 @@ void takewords(const char* words, void* context) {
 
 readstat_error_t parse(StFile& file) {
   readstat_parser_t* parser = readstat_parser_init();
-  if (parser == nullptr) return READSTAT_ERROR_MALLOC;
+  if (parser == nullptr) fail(3);
   readstat_set_metadata_handler(parser, takehead);
   readstat_set_variable_handler(parser, takevariable);
   readstat_set_value_handler(parser, takevalue);
@@ -238,6 +241,7 @@ readstat_error_t parse(StFile& file) {
   }
   readstat_parser_free(parser);
   closelibrary(&stateof(file).library);
+  if (error == READSTAT_ERROR_MALLOC) fail(3);
   return error;
 }
 
@@ -245,22 +249,23 @@ std::string wordsof(const ReadstatState& state, readstat_error_t error) {
   return state.words.empty() ? readstat_error_message(error) : state.words;
 }
 
-// Where the records of a transport file begin, and where its first data set ends.
-void findmember(ReadstatState& state, const std::string& path) {
+// Where the records of a transport file begin, and where its first data set ends. False when it cannot be opened.
+bool findmember(ReadstatState& state, const std::string& path) {
   const std::unique_ptr<std::FILE, int (*)(std::FILE*)> stream(std::fopen(path.c_str(), "rb"), std::fclose);
+  if (stream == nullptr) return false;
   char card[cardlength];
   const auto begins = [&](std::string_view words) { return std::string_view(card, cardlength).starts_with(words); };
-  for (long long at = 0; stream != nullptr && std::fread(card, 1, cardlength, stream.get()) == cardlength;
-       at += cardlength) {
+  for (long long at = 0; readupto(card, cardlength, stream.get(), path) == cardlength; at += cardlength) {
     if (card[0] != 'H') continue;
     if (state.datastart == 0 && (begins("HEADER RECORD*******OBS ") || begins("HEADER RECORD*******OBSV8 "))) {
       state.datastart = at + cardlength;
     } else if (state.datastart > 0 &&
                (begins("HEADER RECORD*******MEMBER ") || begins("HEADER RECORD*******MEMBV8 "))) {
       state.library.end = at;
-      return;
+      break;
     }
   }
+  return true;
 }
 
 // A transport file tells no number of records. Its last one is whole when nothing but blanks follow it, as many as fill
@@ -271,9 +276,15 @@ void checkmember(StFile& file) {
   if (state.library.end >= 0) file.remark = "it holds more than one data set, and the first one was read";
   if (state.datastart == 0 || state.recordwidth == 0 || end < state.datastart) return;
   const long long over = (end - state.datastart) % state.recordwidth;
-  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> stream(std::fopen(file.path.c_str(), "rb"), std::fclose);
-  bool blank = over < cardlength && stream != nullptr && fseeko(stream.get(), end - over, SEEK_SET) == 0;
-  for (long long i = 0; blank && i < over; ++i) blank = std::getc(stream.get()) == ' ';
+  bool blank = over < cardlength;
+  if (blank) {
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> stream(openfile(file.path, "rb"), std::fclose);
+    char rest[cardlength];
+    const auto count = static_cast<std::size_t>(over);
+    blank = fseeko(stream.get(), end - over, SEEK_SET) == 0 &&
+            readupto(rest, count, stream.get(), file.path) == count &&
+            std::string_view(rest, count).find_first_not_of(' ') == std::string_view::npos;
+  }
   if (!blank) {
     file.trouble = formatted("it ends in the middle of record %lld, which does not count", state.rows + 1);
   } else if (end % cardlength != 0) {
@@ -300,6 +311,7 @@ void spool(StFile& file) {
   state.scratchpiece.reset(piecesize);
   std::setvbuf(state.scratch, state.scratchpiece.data(), _IOFBF, piecesize);
   const readstat_error_t error = parse(file);
+  if (error == READSTAT_ERROR_OPEN) stopwith("Unable to open %s for reading\n", file.path.c_str());
   spoolrow(state);
   if (state.writefailed || std::fflush(state.scratch) != 0) fail(5);
   std::rewind(state.scratch);
@@ -321,8 +333,8 @@ bool readstatdictionary(StFile& file) {
   file.state = state;
   struct stat status {};
   if (stat(file.path.c_str(), &status) == 0) state->filelength = status.st_size;
-  if (file.backend->format == StFormat::sastransport) findmember(*state, file.path);
-  const readstat_error_t error = parse(file);
+  const bool found = file.backend->format != StFormat::sastransport || findmember(*state, file.path);
+  const readstat_error_t error = found ? parse(file) : READSTAT_ERROR_OPEN;
   if (error == READSTAT_ERROR_OPEN) {
     file.trouble = ST_CannotOpen;
   } else if (state->overfull) {
@@ -341,10 +353,8 @@ bool readstatrecord(StFile& file) {
   ReadstatState& state = stateof(file);
   if (state.scratch == nullptr) spool(file);
   if (state.read == state.rows) return false;
-  if (std::fread(state.row.data(), 1, state.row.size(), state.scratch) != state.row.size()) {
-    file.trouble = "its copy cannot be read back";
-    return false;
-  }
+  if (readupto(state.row.data(), state.row.size(), state.scratch, "a temporary file") != state.row.size())
+    stopwith("A temporary file is damaged: it is cut off.\n");
   ++state.read;
   for (std::size_t v = 0; v < file.variables.size(); ++v) {
     if (!file.variables[v].selected) continue;

@@ -3,12 +3,14 @@
 // The parts are found through the relations that each one has to others: the workbook, in it the first sheet, the texts
 // that cells share, and the formats, which alone tell dates from numbers. Those are kept; the sheet is streamed.
 #include <climits>
+#include <cstdio>
 #include <filesystem>
 #include <map>
 #include <vector>
 
 #include "data/readers/stlayer_sheet.h"
 #include "data/readers/stlayer_zipxml.h"
+#include "data/scratch.h"
 #include "driver/failures.h"
 #include "driver/formatted.h"
 
@@ -23,6 +25,7 @@ constexpr std::size_t mosttexts = std::size_t{1} << 26;
 constexpr std::size_t longesttext = 32767;
 
 struct XlsxBook {
+  std::string path;
   unzFile archive = nullptr;
   XmlPart part;
   std::string sheet;  // the part of the first sheet
@@ -321,10 +324,36 @@ bool readbook(XlsxBook& book, std::string& trouble) {
   return trouble.empty();
 }
 
+// The file as minizip sees it: `opaque` is its path. A read that fails stops the job.
+zlib_filefunc64_def filefunctions(const std::string& path) {
+  zlib_filefunc64_def functions{};
+  functions.opaque = const_cast<std::string*>(&path);
+  functions.zopen64_file = [](void*, const void* name, int) -> void* {
+    return std::fopen(static_cast<const char*>(name), "rb");
+  };
+  functions.zread_file = [](void* opaque, void* stream, void* bytes, uLong count) -> uLong {
+    return readupto(bytes, count, static_cast<std::FILE*>(stream), *static_cast<const std::string*>(opaque));
+  };
+  functions.ztell64_file = [](void*, void* stream) {
+    return static_cast<ZPOS64_T>(ftello(static_cast<std::FILE*>(stream)));
+  };
+  functions.zseek64_file = [](void*, void* stream, ZPOS64_T offset, int origin) -> long {
+    const int from = origin == ZLIB_FILEFUNC_SEEK_CUR   ? SEEK_CUR
+                     : origin == ZLIB_FILEFUNC_SEEK_END ? SEEK_END
+                                                        : SEEK_SET;
+    return fseeko(static_cast<std::FILE*>(stream), static_cast<off_t>(offset), from);
+  };
+  functions.zclose_file = [](void*, void* stream) { return std::fclose(static_cast<std::FILE*>(stream)); };
+  functions.zerror_file = [](void*, void* stream) { return std::ferror(static_cast<std::FILE*>(stream)); };
+  return functions;
+}
+
 void* openxlsx(const std::string& path, std::string& trouble) {
   auto* book = new XlsxBook;
+  book->path = path;
   book->trouble = &trouble;
-  book->archive = book->part.archive = unzOpen64(path.c_str());
+  zlib_filefunc64_def functions = filefunctions(book->path);
+  book->archive = book->part.archive = unzOpen2_64(path.c_str(), &functions);
   if (book->archive == nullptr) {
     trouble = "it is no undamaged workbook of Excel: its table of contents is missing";
   } else if (readbook(*book, trouble) && rewindxlsx(book, trouble)) {

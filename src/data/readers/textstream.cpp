@@ -89,8 +89,7 @@ bool filltext(TextStream& text) {
     carried = 1;
     text.heldcr = false;
   }
-  const std::size_t got = std::fread(piece + carried, 1, room - carried, text.stream);
-  checkread(text.stream, text.name);
+  const std::size_t got = readupto(piece + carried, room - carried, text.stream, text.name);
   text.ended = got == 0;
   if (text.ended) {
     text.have += carried;  // a carriage return at the very end stays
