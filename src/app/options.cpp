@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "data/onefile.h"
+#include "data/scratch.h"
 #include "data/template.h"
 #include "driver/failures.h"
 #include "driver/questions.h"
@@ -195,7 +196,8 @@ Options readoptions(int argc, char** argv) {
   bool optionsended = false;
   for (int word = 1; word < argc; ++word) {
     if (optionsended || argv[word][0] != '-' || argv[word][1] == '\0') {
-      files.emplace_back(std::string(argv[word]).substr(0, maxpath - 1));
+      files.emplace_back(argv[word]);
+      if (overlong(files.back())) stopwith("The path is too long: %s\n", argv[word]);
       continue;
     }
     if (std::strcmp(argv[word], "--") == 0) {
@@ -236,7 +238,7 @@ Options readoptions(int argc, char** argv) {
   if (run.series.milast && !run.series.mimode)
     stopwith("-e (last multiple imputation) specified, but -m (multiple imputation) was not!\n");
   run.files.resultsgiven = !run.files.results.empty();
-  if (run.files.results.size() >= maxpath) stopwith("The path is too long: %s\n", run.files.results.c_str());
+  if (overlong(run.files.results)) stopwith("The path is too long: %s\n", run.files.results.c_str());
   if (!files.empty()) run.files.mdmfile = files[0];
   if (files.size() > 1) run.files.cmdshown = run.files.cmdfile = files[1];
   if (run.files.cmdfile == "-") run.files.cmdfile = standardinput();

@@ -49,7 +49,7 @@ namespace {
 
 bool fileexists(const std::string& path) {
   struct stat status {};
-  return !path.empty() && stat(path.c_str(), &status) == 0;
+  return !path.empty() && !overlong(path) && stat(path.c_str(), &status) == 0;
 }
 
 // Asks for a name until it is a file's; the end of input ends the asking.
@@ -57,7 +57,6 @@ void untilexists(std::string& path, const char* words) {
   while (!fileexists(path)) {
     std::printf("%s file %s does not exist.\n", words, path.c_str());
     if (!readanswer(" Enter new file name: ", path)) fail(14);
-    path.resize(std::min<std::size_t>(path.size(), maxpath - 1));
   }
 }
 
@@ -65,7 +64,6 @@ void askmdmfile() {
   std::string& path = run.files.mdmfile;
   for (int tries = 0; tries < maxtries; ++tries) {
     readanswer("\nEnter name of MDM file: ", path, Question::mdmfile);
-    path.resize(std::min<std::size_t>(path.size(), maxpath - 1));
     if (path.empty()) continue;
     if (fileexists(path)) return;
     std::printf(" %s does not exist.", path.c_str());
@@ -171,7 +169,6 @@ void readmodel() {
 
 void openresults() {
   startdocument();
-  checkscratch();
   buildsummary();
   openreport(checkfiles, keepanswers);
   setsymbols();
@@ -231,6 +228,7 @@ void runjob(int argc, char** argv) {
   installhandlers();
   startrun();
   const Options options = readoptions(argc, argv);
+  checkscratch();
   bool rawjob = options.templatejob;
   if (run.files.mdmfile.empty() && !rawjob) {
     if (askyesno("\nWill you be starting with raw data?")) {

@@ -501,6 +501,8 @@ void sparerawfiles() {
   for (const LevelSource& source : raw.level)
     if (samefile(source.filename, logname))
       stopwith("The raw data file %s bears the name of the log. Please rename it.\n", source.filename.c_str());
+  const bool copied = leadtoone(raw.templatename, templatecopy);
+  refuseclashes({copied ? std::string() : raw.templatename}, {templatecopy, logname});
 }
 
 void takedimensions() {
@@ -614,7 +616,6 @@ void mkmdm() {
   MdmData& mdm = run.mdm;
   Construction build;
   deletedrows = DeletedRows{};
-  checkscratch();
   sparerawfiles();
   takedimensions();
   openmdm(build);

@@ -12,6 +12,7 @@
 #include "data/readers/ascii.h"
 #include "data/readers/other.h"
 #include "data/readers/sastransport.h"
+#include "data/scratch.h"
 #include "data/template.h"
 #include "driver/failures.h"
 #include "driver/formatted.h"
@@ -68,7 +69,7 @@ void askrawfile(int level) {
   const std::string prompt = formatted("\nInput name of level-%1d file: ", level + 1);
   for (int tries = 0; tries < maxtries; ++tries) {
     if (!readanswer(prompt, name, Question::rawfile) || name.empty()) continue;
-    if (name.size() >= maxpath) {
+    if (overlong(name)) {
       std::printf("File name too long: %s\n", name.c_str());
     } else if (isfile(name) || (rawis(rawsas) && name.ends_with(".ssp") && sasconvert(name))) {
       return;
@@ -88,7 +89,7 @@ void asktypedfile(int level) {
     if (!readanswer(prompt, name, Question::typedfile, othertypes())) continue;
     if (name.empty()) {
       std::printf("There are no windows here to choose from. Enter the name, a slash and the type of the file.\n");
-    } else if (name.size() >= maxpath) {
+    } else if (overlong(name)) {
       std::printf("File name too long: %s\n", name.c_str());
     } else {
       if (name.find('/') == std::string::npos)
@@ -172,8 +173,11 @@ void askmdmname() {
   std::string& name = run.files.mdmfile;
   for (int tries = 0; tries < maxtries; ++tries) {
     readanswer("\nEnter name of MDM file: ", name, Question::mdmfile);
-    if (name.size() >= maxpath) name.resize(maxpath - 1);
-    if (!name.empty()) return;
+    if (overlong(name)) {
+      std::printf("File name too long: %s\n", name.c_str());
+    } else if (!name.empty()) {
+      return;
+    }
   }
   fail(14);
 }

@@ -1,6 +1,7 @@
 #include "data/resultfile.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -8,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -23,12 +25,6 @@ constexpr std::size_t buffersize = std::size_t{1} << 20;
 constexpr int mosttemporaries = 1000;
 constexpr std::size_t maxsuffix = 10;  // ".part999"
 
-// The file behind a path that may be a symbolic link; the path itself when there is none.
-std::string behindlinks(const std::string& path) {
-  char resolved[PATH_MAX];
-  return realpath(path.c_str(), resolved) != nullptr ? resolved : path;
-}
-
 // `target` with `suffix` behind it, its name cut where the whole would be longer than a name may be.
 std::string temporaryname(const std::string& target, const std::string& suffix) {
   const std::size_t slash = target.rfind('/');
@@ -36,12 +32,26 @@ std::string temporaryname(const std::string& target, const std::string& suffix) 
   return target.substr(0, base + std::min(target.size() - base, NAME_MAX - suffix.size())) + suffix;
 }
 
+// Lets those use the file who may use the one whose place it is going to take.
+void inherit(std::FILE* stream, const struct stat& old) {
+  mode_t rights = old.st_mode & (S_IRWXU | S_IRWXG | S_IRWXO);
+  const int handle = fileno(stream);
+  const bool group = fchown(handle, old.st_uid, old.st_gid) == 0 || fchown(handle, uid_t(-1), old.st_gid) == 0;
+  if (!group) rights &= ~mode_t{S_IRWXG};
+  std::ignore = fchmod(handle, rights);
+}
+
 // Opens a new file beside the target; null when the folder takes none. What stands there already, a link too, is
 // another's and stays. Failure 5 on a full disk.
 std::FILE* opentemporary(ResultFile& file) {
+  struct stat old {};
+  const bool replaces = stat(file.target.c_str(), &old) == 0;
   for (int n = 0; n < mosttemporaries; ++n) {
     file.temporary = temporaryname(file.target, n == 0 ? ".part" : ".part" + std::to_string(n));
+    const mode_t usual = replaces ? umask(S_IRWXG | S_IRWXO) : mode_t{};
     std::FILE* stream = std::fopen(file.temporary.c_str(), "wbx");
+    if (replaces) umask(usual);
+    if (stream != nullptr && replaces) inherit(stream, old);
     if (stream != nullptr) return stream;
     if (errno == ENOSPC || errno == EDQUOT) fail(5);
     if (errno != EEXIST) break;

@@ -4,11 +4,17 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <system_error>
 
+#include "driver/constants.h"
 #include "driver/failures.h"
+#include "driver/formatted.h"
 #include "kernel/sizes.h"
 
 namespace kdr {
@@ -94,7 +100,7 @@ std::FILE* openfile(const std::string& path, const char* mode) {
   }
   if (stream != nullptr) return stream;
   std::perror("");
-  std::printf("Unable to open %s for ", path.c_str());
+  std::printf("Unable to open %s for ", printable(path).c_str());
   if (mode[0] == 'r') std::printf("reading\n");
   if (mode[0] == 'w' || mode[0] == 'a') std::printf("writing\n");
   stoprun(100);
@@ -124,6 +130,31 @@ bool samefile(const std::string& one, const std::string& other) {
   struct stat a {
   }, b{};
   return stat(one.c_str(), &a) == 0 && stat(other.c_str(), &b) == 0 && a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+bool overlong(const std::string& path) {
+  if (path.size() >= maxpath) return true;
+  for (std::size_t at = 0, end = 0; at < path.size(); at = end + 1) {
+    end = std::min(path.find('/', at), path.size());
+    if (end - at > NAME_MAX) return true;
+  }
+  return false;
+}
+
+std::string behindlinks(const std::string& path) {
+  constexpr int mostlinks = 40;
+  char resolved[PATH_MAX];
+  if (realpath(path.c_str(), resolved) != nullptr) return resolved;
+  struct stat status {};
+  if (stat(path.c_str(), &status) == 0) return path;  // a pipe, say, behind /dev/stdout
+  std::filesystem::path target = path;
+  std::error_code none;
+  for (int n = 0; n < mostlinks; ++n) {
+    const std::filesystem::path next = std::filesystem::read_symlink(target, none);
+    if (none) break;
+    target = target.parent_path() / next;
+  }
+  return target;
 }
 
 bool isspecial(const std::string& path) {

@@ -37,6 +37,10 @@ void checkread(std::FILE* stream, const std::string& name);
 void writechk(const void* buffer, std::size_t bytes, std::FILE* stream);
 // True when both paths lead to one existing file.
 [[nodiscard]] bool samefile(const std::string& one, const std::string& other);
+// True for a path, or a name in it, that is longer than the program or the system takes.
+[[nodiscard]] bool overlong(const std::string& path);
+// The file that a path leads to through symbolic links, whether it is there or not.
+[[nodiscard]] std::string behindlinks(const std::string& path);
 // True when the path leads to something that exists and is no ordinary file: a device, a pipe, a folder.
 [[nodiscard]] bool isspecial(const std::string& path);
 // Flushes and closes a file that was written; failure 5 when anything could not be written.

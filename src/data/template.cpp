@@ -88,7 +88,7 @@ char oneof(const TemplateText& text, const std::string& value, const char* lette
 }
 
 const std::string& pathvalue(const std::string& value) {
-  if (value.size() >= maxpath) stopwith("File name too long: %s\n", value.c_str());
+  if (overlong(value)) stopwith("File name too long: %s\n", value.c_str());
   return value;
 }
 
@@ -340,7 +340,7 @@ void takenames(int level) {
 
 bool istemplate(const std::string& path) {
   std::FILE* stream = std::fopen(path.c_str(), "r");
-  if (stream == nullptr) return false;
+  if (stream == nullptr) stopwith("Unable to open %s\n", path.c_str());
   char line[80] = "";
   (void)std::fgets(line, sizeof line, stream);
   checkread(stream, path);

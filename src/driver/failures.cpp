@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
@@ -10,9 +11,12 @@
 #include <ctime>
 #include <iterator>
 #include <mutex>
+#include <string>
+#include <string_view>
 #include <tuple>
 #include <utility>
 
+#include "driver/formatted.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
 
@@ -131,6 +135,14 @@ void discard(const std::string& path) {
   if (std::remove(path.c_str()) != 0) std::ignore = truncate(path.c_str(), 0);
 }
 
+// Texts of the user's files stand in messages: they must not talk to the terminal.
+std::string printablelines(std::string_view text) {
+  std::string shown = printable(text);
+  for (std::size_t i = 0; i < text.size(); ++i)
+    if (text[i] == '\n') shown[i] = '\n';
+  return shown;
+}
+
 using Step = void (*)(int code);
 constexpr Step steps[] = {
     [](int code) {
@@ -176,13 +188,15 @@ void stoprun(int code) {
 }
 
 void fail(int code, const char* text) {
+  // Memory that has run out is told without any.
+  const std::string shown = *text == '\0' ? std::string() : printablelines(text);
   if (code == 0 || code == 100) {
-    if (*text != '\0') std::printf("%s\n", text);
+    if (*text != '\0') std::printf("%s\n", shown.c_str());
     stoprun(code);
   }
   for (const Failure& failure : failures)
     if (failure.code == code) {
-      printfailure(failure, text);
+      printfailure(failure, shown.c_str());
       stoprun(code);
     }
   std::printf("Bad exit code %d\n", code);
@@ -197,10 +211,15 @@ void notconverged(const std::string& words) {
 void endrun() { stoprun(run.id.strict && run.id.unconverged ? unconvergedcode : 0); }
 
 void stopwith(const char* format, ...) {
-  std::va_list arguments;
+  std::va_list arguments, again;
   va_start(arguments, format);
-  std::vprintf(format, arguments);
+  va_copy(again, arguments);
+  std::string words(static_cast<std::size_t>(std::max(0, std::vsnprintf(nullptr, 0, format, arguments))) + 1, '\0');
   va_end(arguments);
+  std::vsnprintf(words.data(), words.size(), format, again);
+  va_end(again);
+  words.pop_back();
+  std::printf("%s", printablelines(words).c_str());
   stoprun(100);
 }
 

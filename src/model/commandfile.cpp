@@ -45,10 +45,10 @@ namespace {
 
 void unrecognized(const std::string& line) {
   if (run.id.strict) {
-    std::printf("Unrecognized control word: %s\n", line.c_str());
+    std::printf("Unrecognized control word: %s\n", printable(line).c_str());
     fail(8, line.c_str());
   }
-  std::printf("Unrecognized control word, ignored: %s\n", line.c_str());
+  std::printf("Unrecognized control word, ignored: %s\n", printable(line).c_str());
   std::string answer;
   readanswer("Hit return to continue ", answer);
 }

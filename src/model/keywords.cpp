@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <string>
 
+#include "data/scratch.h"
 #include "driver/failures.h"
 #include "driver/formatted.h"
 #include "driver/runrecord.h"
@@ -38,7 +39,7 @@ void setcontinue(const std::string& value) {
 }
 
 void setpath(std::string& path, const std::string& value) {
-  if (value.size() >= maxpath) stopwith("The path is too long: %s\n", value.c_str());
+  if (overlong(value)) stopwith("The path is too long: %s\n", value.c_str());
   path = value;
 }
 

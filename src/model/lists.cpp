@@ -102,9 +102,8 @@ void marklist(CommandReader& reader, const char* what, const std::string& list, 
               Array<int>& flags) {
   if (list.empty()) return;
   for (const std::string& name : split(list, ',')) {
-    const int v = findname(name, names, nvar);
-    if (v < 0) badspecification(what, name.empty() ? reader.lines.line : name);
-    flags[at(v)] = 1;
+    if (name.empty()) badspecification(what, reader.lines.line);
+    flags[at(variable(what, name, names, nvar, 0))] = 1;
   }
 }
 

@@ -4,7 +4,8 @@
 
 #include <algorithm>
 #include <cmath>
-#include <fstream>
+#include <cstdio>
+#include <filesystem>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
@@ -626,10 +627,13 @@ std::string resultsname() {
 
 void refuseforeignresults() {
   for (const std::string& name : {resultsname(), run.files.results}) {
-    if (name.empty() || isspecial(name)) continue;
+    std::error_code none;
+    if (name.empty() || isspecial(name) || !std::filesystem::exists(name, none)) continue;
     char head[sizeof documenthead] = {};
-    std::ifstream(name, std::ios::binary).read(head, sizeof head - 1);
-    if (head[0] != '\0' && std::string_view(head) != documenthead && !std::string_view(head).starts_with(tablehead))
+    std::FILE* old = openfile(name, "rb");
+    const std::string_view start(head, readupto(head, sizeof head - 1, old, name));
+    std::fclose(old);
+    if (!start.empty() && start != documenthead && !start.starts_with(tablehead))
       stopwith("The file %s holds no results of this program. It would be lost: give the results another name\n",
                name.c_str());
   }

@@ -9,8 +9,10 @@
 #include <cstdio>
 #include <utility>
 
+#include "data/fileclashes.h"
 #include "data/scratch.h"
 #include "driver/failures.h"
+#include "driver/formatted.h"
 #include "driver/questions.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
@@ -44,13 +46,7 @@ constexpr const char* stylesheet =
     "td { font-variant-numeric: tabular-nums; }\n"
     "</style>\n";
 
-// What is said of a report that would overwrite an input of the run; empty when it would not.
-std::string overwriting() {
-  const std::string& path = run.files.outfile;
-  for (const std::string& input : {run.files.mdmfile, run.files.cmdfile})
-    if (samefile(path, input)) return "The output file " + path + " is an input file of this run\n";
-  return {};
-}
+std::string overwriting() { return lossby(run.files.outfile, {run.files.mdmfile, run.files.cmdfile}); }
 
 // Whether a report can be written at the path: without touching it, which a reader at the other end of a pipe would
 // see.
@@ -70,6 +66,7 @@ bool writable(const std::string& path) {
 // Says so where the answer to the question is none for this run.
 bool usableanswer() {
   const std::string& path = run.files.outfile;
+  if (path.empty()) return false;
   if (const std::string words = overwriting(); !words.empty()) {
     std::printf("%s", words.c_str());
     return false;
@@ -142,9 +139,10 @@ void closereport() {
 void opentable() { reporthtml("<table border=1 cellpadding=3 style='border-collapse:collapse;border:none'>\n<tr>\n"); }
 
 std::string escaped(std::string_view text) {
-  if (!run.report.html) return std::string(text);
+  const std::string shown = printable(text);
+  if (!run.report.html) return shown;
   std::string safe;
-  for (const char c : text) {
+  for (const char c : shown) {
     if (c == '&') {
       safe += "&amp;";
     } else if (c == '<') {

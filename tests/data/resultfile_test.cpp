@@ -51,6 +51,21 @@ TEST(ResultFile, IsThereWhenItIsCompleteAndLeavesOtherFilesAlone) {
   }
   EXPECT_EQ(contents("taken.part"), "another");
   EXPECT_TRUE(std::filesystem::is_symlink("link"));
+  // A file takes over who may read the one that it replaces, from its first byte on.
+  chmod("earlier", 0600);
+  ResultFile file;
+  openresult(file, "earlier");
+  for (const char* name : {"earlier.part", "earlier"}) {
+    struct stat status {};
+    if (std::string(name) == "earlier") finishresult(file);
+    EXPECT_EQ(stat(name, &status), 0);
+    EXPECT_EQ(status.st_mode & 0777U, 0600U) << name;
+  }
+  // A link to what is not there yet stays a link.
+  std::filesystem::create_symlink("ahead", "dangling");
+  writefile("dangling");
+  EXPECT_TRUE(std::filesystem::is_symlink("dangling"));
+  EXPECT_EQ(contents("ahead").size(), 2700000U);
   EXPECT_FALSE(std::filesystem::exists("pointed"));
 }
 

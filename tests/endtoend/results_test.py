@@ -309,11 +309,13 @@ def failures(check, place):
     old = '{\n "format": "kdr3 results"}'
     place.write("old.json", old)
     place.write("imp1.csv", "school,score\n1,2\n")
+    place.write("zeros.csv", "\0\0\0\0")
     for name, text, words, told in (
             ("collinear", model().replace("LEVEL2:FEMALE=INTRCPT2", "LEVEL2:FEMALE=INTRCPT2+SCHGCSE"), (), ""),
             ("report", model(output="old.json"), (), "has the name of another file of this run"),
             ("input", model(), ("-results", "imp1.mdm"), "is an input file of this run"),
             ("raw data", model(), ("-results", "imp1.csv"), "imp1.csv holds no results of this program"),
+            ("other data", model(), ("-results", "zeros.csv"), "zeros.csv holds no results of this program"),
             ("folder", model(), ("-results", "none/out.json"), "none/out.json"),
             ("template", model(), ("-r", "imp1.mdmt", "-results", "x.json"), "goes with a model")):
         place.write(name + ".kdr", text + "RESULTS:old.json\n")

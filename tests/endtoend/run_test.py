@@ -178,28 +178,51 @@ def lostoutputs():
     check(done.returncode == 5 and done.stderr == b"", f"nobody reads the report: code {done.returncode}, {done.stderr}")
     work.write("kept.txt", "old report\n")
     work.edited("kept.kdr", "model1.kdr", OUTPUT="kept.txt")
-    done = subprocess.run([work.program, "-q", "chem97.mdm", "kept.kdr"], cwd=work.folder, capture_output=True, text=True,
-                          env=dict(work.environment, TMPDIR=str(work.folder / "none")), timeout=60)
-    ends(done, 6, "Unable to open temp file", "no folder for temporary files")
+    for words in (["chem97.mdm", "kept.kdr"], []):
+        done = subprocess.run([work.program, "-q", *words], cwd=work.folder, capture_output=True, text=True, input="",
+                              env=dict(work.environment, TMPDIR=str(work.folder / "none")), timeout=60)
+        ends(done, 6, "Unable to open temp file", "no folder for temporary files")
+        check("?" not in done.stdout, "and no question whose answer would be lost")
     check(work.read("kept.txt") == "old report\n", "the old report stays when there is no temporary file")
+    folder = os.open(work.folder, os.O_RDONLY)  # opens, and cannot be read
+    for words in (["chem97.mdm", "-"], []):
+        done = subprocess.run([work.program, "-q", *words], cwd=work.folder, stdin=folder, capture_output=True, text=True,
+                              timeout=60)
+        ends(done, 100, "Unable to read standard input", f"{words} from what cannot be read")
+    os.close(folder)
+    for words in (["x" * 256 + ".mdm", "model1.kdr"], ["chem97.mdm", "/" * 300 + "model1.kdr"]):
+        ends(work.run(*words), 100, "The path is too long", "a path that would be cut")
 
     for name in ("marked.txt", "marked.html"):
-        done = work.run("chem97.mdm", work.edited("marked.kdr", "model1.kdr", TITLE="a\x1b[31mred\x07", OUTPUT=name))
+        marked = work.edited("marked.kdr", "model1.kdr", TITLE="a\x1b[31mred\x07", OUTPUT=name, **{"NO\x1b[31m": "x\x1b"})
+        done = work.run("chem97.mdm", marked, answers="\n")
         check(done.returncode == 0 and not set("\x1b\x07") & set(done.stdout + work.read(name)), f"{name}: control characters")
         check("red" in work.read(name), f"{name}: the title's letters")
 
     (work.folder / "link.txt").symlink_to("chem97.mdm")
     (work.folder / "here").symlink_to(".")
-    before = (work.folder / "chem97.mdm").read_bytes()
+    for name, target in (("ahead.txt", "newcmd.kdr"), ("raw.txt", "chem97-1.dat")):
+        (work.folder / name).unlink(missing_ok=True)
+        (work.folder / name).symlink_to(target)
+    (work.folder / "newcmd.kdr").unlink(missing_ok=True)
+    inputs = ("chem97.mdm", "chem97-1.dat", "chem97.mdmt")
+    before = [(work.folder / name).read_bytes() for name in inputs]
     anothers = "has the name of another file of this run"
     for keywords, words in (({"OUTPUT": "same.txt", "STARTVALS": "same.txt"}, anothers),
                             ({"OUTPUT": "here/newcmd.kdr"}, anothers),
                             ({"OUTPUT": "./tauvc.dat", "PRINTVARIANCE-COVARIANCE": "Y"}, anothers),
                             ({"OUTPUT": "a.txt", "STARTVALS": "here/gamvc.dat", "PRINTVARIANCE-COVARIANCE": "Y"}, anothers),
                             ({"OUTPUT": "a.txt", "GRAPHGAMMAS": "link.txt"}, "is an input file of this run"),
-                            ({"OUTPUT": "link.txt"}, "is an input file of this run")):
+                            ({"OUTPUT": "link.txt"}, "is an input file of this run"),
+                            ({"OUTPUT": "ahead.txt"}, anothers),
+                            ({"OUTPUT": "raw.txt"}, "holds raw data"),
+                            ({"OUTPUT": "a.txt", "STARTVALS": "here/chem97-1.dat"}, "holds raw data")):
         ends(work.run("chem97.mdm", work.edited("clash.kdr", "model1.kdr", **keywords)), 100, words, str(keywords))
-    check((work.folder / "chem97.mdm").read_bytes() == before, "the MDM file stays as it was")
+    (work.folder / "KDR3MDM.STS").unlink()
+    (work.folder / "KDR3MDM.STS").symlink_to("chem97.mdmt")
+    ends(work.run("-r", "chem97.mdmt"), 100, "is an input file of this run", "the log in the template's place")
+    (work.folder / "KDR3MDM.STS").unlink()
+    check([(work.folder / name).read_bytes() for name in inputs] == before, "the inputs stay as they were")
     for name in ("here/KDR3MDM.STS", "here/creatmdm.mdmt"):
         work.edited("clash.mdmt", "chem97.mdmt", mdmname=name)
         done = work.run("-r", "clash.mdmt")

@@ -19,6 +19,7 @@ const std::string unknown = "Batch file ";
 
 std::vector<Case> cases() {
   const std::string hint = "A line is a keyword, a colon and directly behind it a value, or it begins with #.\n";
+  const std::string name256(256, 'x'), path260 = std::string(100, 'x') + "/" + std::string(159, 'x');
   const std::string late = " must be specified after complete model\n";
   return {
       // The line.
@@ -28,7 +29,7 @@ std::vector<Case> cases() {
       {"NUMIT:   \n", 8, hint + " Error in batch file at line   1\n"},
       {" NUMIT 5\n# x\n\r\n", 0, ""},
       {"TITLE:\ntitle: x\n", 0, ""},
-      {"TITLES\n", 0, "Unrecognized control word, ignored: TITLES\nHit return to continue "},
+      {"TITLES\x1b\n", 0, "Unrecognized control word, ignored: TITLES?\nHit return to continue "},
       {"FOO:1\nNUMIT:0\n", 100,
        "Unrecognized control word, ignored: FOO:1\nHit return to continue numit must be greater than 0!\n"},
       {"LEVEL2:X=INTRCPT2\n", 0, "Unrecognized control word, ignored: LEVEL2:X=INTRCPT2\nHit return to continue "},
@@ -41,7 +42,8 @@ std::vector<Case> cases() {
       {"AGQ:Y,20\n", 100, "\nMaximum number of iterations and quadrature points must be specified.\n"},
       {"FISHERTYPE:3\n", 100, "\nInvalid type of Fisher acceleration.\n Valid are 0, 1 and 2\n"},
       {"RESFILTYPE:EXCEL\n", 100, "Invalid resfiltype.\n Valid are FREEFORMAT, SYSTAT, SAS, SPSS and STATA\n"},
-      {"OUTPUT:" + std::string(260, 'x') + "\n", 100, "The path is too long: " + std::string(260, 'x') + "\n"},
+      {"OUTPUT:" + path260 + "\n", 100, "The path is too long: " + path260 + "\n"},
+      {"RESFIL1NAME:a/" + name256 + "\n", 100, "The path is too long: a/" + name256 + "\n"},
       // Names.
       {"LEVEL1DELETION:A,NO\n", 9, unknown + "level1deletion specification invalid\nNO does not exist\n"},
       {"LEVEL1DELETION:INTRCPT1\n", 9, unknown + "level1deletion specification invalid\nINTRCPT1 does not exist\n"},
@@ -51,7 +53,7 @@ std::vector<Case> cases() {
       {"VARIANCEKNOWN:V\n", 9, "V is a variable of level 2.\n" + unknown + "autovknown specification invalid\nV does not exist\n"},
       {"RESFIL1:Y/A,NO\n", 9, unknown + "resfil1 specification invalid\nNO does not exist\n"},
       {"RESFIL2:Y/V,/P\n", 9, unknown + "resfil2 specification invalid\nRESFIL2:Y/V,/P does not exist\n"},
-      {"RESFIL3:Y/V\n", 9, unknown + "resfil3 specification invalid\nV does not exist\n"},
+      {"RESFIL3:Y/V\n", 9, "V is a variable of level 2.\n" + unknown + "resfil3 specification invalid\nV does not exist\n"},
       {"RESFIL2:Y//INTRCPT3,P\nRESFIL1:Y///Q\nRESFIL3:Y\n", 0, ""},
       // Kinds of outcome.
       {"NONLIN:GAMMA\n", 100, 
