@@ -11,6 +11,7 @@
 #include "data/resultfile.h"
 #include "data/scratch.h"
 #include "driver/failures.h"
+#include "driver/formatted.h"
 #include "driver/runrecord.h"
 
 namespace kdr {
@@ -122,8 +123,10 @@ void readnames(Array<Name>& names, int nvar, const char* intercept) {
   names.reset(slots);
   names[0] = paddedname(intercept);
   take(names.data(), slots * sizeof(Name));
-  for (const Name& name : names)
+  for (Name& name : names) {
     if (name.text[sizeof name.text - 1] != '\0') damagedmdm("a variable name has no end");
+    printable(name.text).copy(name.text, sizeof name.text - 1);
+  }
 }
 
 void readfilenames(int width) {

@@ -139,7 +139,7 @@ int levelof(const std::string& name, std::size_t v) {
 
 // The first 8 characters of a name, with a number at their end where another variable has them already.
 Name newname(const std::string& fullname, std::set<std::string>& taken) {
-  Name name = paddedname(fullname);
+  Name name = paddedname(printable(fullname));
   const std::string stem = leftname(name);
   for (int n = 2; isintercept(name) || leftname(name).empty() || !taken.insert(leftname(name)).second; ++n) {
     const std::string digits = std::to_string(n);
@@ -261,10 +261,11 @@ void takeonefile(const std::string& path, const std::string& level3, const std::
   mdm.l1missing = false;
   for (std::size_t v = 0; v < one.rows.size(); ++v) {
     const std::string& fullname = source.vartable[static_cast<std::size_t>(one.rows[v])].fullname;
-    one.level.push_back(levelof(fullname, v));
+    one.level.push_back(levelof(printable(fullname), v));
     names.push_back(newname(fullname, taken));
     if (!samename(names[v], paddedname(fullname)) || charactersof(fullname) > 8)
-      std::printf("Variable %s has the name %s in the MDM file.\n", fullname.c_str(), leftname(names[v]).c_str());
+      std::printf("Variable %s has the name %s in the MDM file.\n", printable(fullname).c_str(),
+                  leftname(names[v]).c_str());
     for (std::size_t i = 0; one.level[v] == 0 && i < one.order.size(); ++i)
       mdm.l1missing = mdm.l1missing || valueat(i, v) == missingcode;
   }

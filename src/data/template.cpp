@@ -217,7 +217,7 @@ void takeblock(TemplateText& text, int level) {
     if (charactersof(line) > longestname) stopwith("Variable name %s is too long!\n", line.c_str());
     if (++given == names.size())
       stopwith("There are more than %d level-%d variable names!\n", raw.level[level].numvar, level + 1);
-    names[given] = paddedname(line);
+    names[given] = paddedname(printable(line));
   }
   if (given + 1 < names.size())
     stopwith("There are fewer than %d level-%d variable names!\n", raw.level[level].numvar, level + 1);
@@ -330,10 +330,10 @@ void takenames(int level) {
   startnames(level, source.chosen.size());
   for (std::size_t v = 0; v < source.chosen.size(); ++v) {
     const RawVariable& variable = source.vartable[static_cast<std::size_t>(source.chosen[v])];
-    Name& name = namesof(level)[v + 1] = paddedname(shownname(variable));
+    Name& name = namesof(level)[v + 1] = paddedname(printable(shownname(variable)));
     if (!samename(name, paddedname(variable.fullname)))
-      std::printf("Variable %s of the level-%d file has the name %s in the MDM file.\n", variable.fullname.c_str(),
-                  level + 1, leftname(name).c_str());
+      std::printf("Variable %s of the level-%d file has the name %s in the MDM file.\n",
+                  printable(variable.fullname).c_str(), level + 1, leftname(name).c_str());
   }
   checknames(level);
 }

@@ -73,13 +73,11 @@ void askdeviance() {
   run.out.df = asknumber("Enter the number of variance-covariance and fixed effect parameters", 1, 10000);
 }
 
-void asklvr() {
-  if (run.answered.lvr || (run.kind.nonlin == 3 && !run.kind.ordinal)) return;
-  if (!askyesno("Do you want to do a latent variable regression on tau(beta)?")) return;
-  if (randomlevel2() == 0) stopwith("There is no tau, so lvr cannot be used!\n");
-  if (run.iter.fishertype == 0) stopwith("You cannot do LVR and set fishertype:0!\n");
+// The part of each random coefficient in the regression.
+void asklvrroles() {
   std::printf("Enter o for outcome, p for predictor, or i to ignore\n\n");
   run.out.lvrroles.reset(static_cast<std::size_t>(randomlevel2()));
+  run.out.lvr = false;
   std::size_t n = 0;
   int wrong = 0;
   const ModelRows rows = modelrows();
@@ -100,6 +98,25 @@ void asklvr() {
     run.out.lvrroles[n++] = letter == 'O' ? 1 : letter == 'P' ? 2 : 0;
     run.out.lvr = run.out.lvr || letter != 'I';
   }
+}
+
+// What cannot be done is told here and asked again, before the answers that follow would be in vain.
+void asklvr() {
+  if (run.answered.lvr || (run.kind.nonlin == 3 && !run.kind.ordinal)) return;
+  for (int tries = 0; tries < maxtries; ++tries) {
+    if (!askyesno("Do you want to do a latent variable regression on tau(beta)?")) return;
+    if (randomlevel2() == 0) {
+      std::printf("There is no tau, so lvr cannot be used!\n");
+    } else if (run.iter.fishertype == 0) {
+      std::printf("You cannot do LVR and set fishertype:0!\n");
+    } else {
+      asklvrroles();
+      if (!run.out.lvr || hasoutcomeandpredictor()) return;
+      std::printf("%s", incompletelvr);
+      run.out.lvr = false;
+    }
+  }
+  noproperresponse();
 }
 
 // One residual file: whether it is wanted, and which variables of its level it is to carry.

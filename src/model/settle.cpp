@@ -56,10 +56,7 @@ void checklvr() {
   if (!run.out.lvr) return;
   if (run.iter.fishertype == 0) stopwith("You cannot do LVR and set fishertype:0!\n");
   if (multinomial()) stopwith(" The program cannot do latent variable regressions in a multinomial run.\n");
-  const Array<int>& roles = run.out.lvrroles;
-  for (const int role : {1, 2})
-    if (std::find(roles.begin(), roles.end(), role) == roles.end())
-      stopwith("A latent variable regression needs an outcome and a predictor among its coefficients!\n");
+  if (!hasoutcomeandpredictor()) stopwith(incompletelvr);
 }
 
 std::string eightof(int v) { return leftname(run.mdm.names1[static_cast<std::size_t>(v)]); }
@@ -107,6 +104,12 @@ void settleacceleration() {
 }
 
 }  // namespace
+
+bool hasoutcomeandpredictor() {
+  const Array<int>& roles = run.out.lvrroles;
+  return std::find(roles.begin(), roles.end(), 1) != roles.end() &&
+         std::find(roles.begin(), roles.end(), 2) != roles.end();
+}
 
 void settlerecord() {
   checknonlinear();

@@ -13,4 +13,9 @@ namespace kdr {
 // second time when nothing was asked.
 void settlerecord();
 
+// What a latent variable regression needs, for the dialogue, which asks again.
+[[nodiscard]] bool hasoutcomeandpredictor();
+inline constexpr const char* incompletelvr =
+    "A latent variable regression needs an outcome and a predictor among its coefficients!\n";
+
 }  // namespace kdr

@@ -49,6 +49,9 @@ def onelongfile():
     check(done.returncode == 100 and "go together" in done.stdout, "-from without -level2")
     done = work.run("-from", "long.csv", "-level3", "region", "-level2", "school")
     check(done.returncode == 100 and "no column region. Its columns are: area school y x q\n" in done.stdout, done.stdout)
+    work.write("coded.csv", work.read("long.csv").replace(",x,", ",x\x1b[31m,", 1))
+    done = work.run("-from", "coded.csv", "-level3", "area", "-level2", "school")
+    check("X?[31M" in done.stdout and "\x1b" not in done.stdout + work.read("KDR3MDM.STS"), f"a coded name: {done.stdout}")
     work.write("slip.csv", work.read("long.csv").replace(rows[0], rows[0] + "0", 1))
     done = work.run("-from", "slip.csv", "-level3", "area", "-level2", "school")
     check("q varies within 1 of 36 level-2 units" in done.stdout and "Level-1 variables: Y X Q" in done.stdout, done.stdout)
@@ -99,6 +102,10 @@ def dialogue():
     done = work.run(answers=answersof(named).replace("female\n", "female1\nfemale\n", 1))
     check(done.returncode == 0 and body(work.read("dialogue.txt")) == want, f"by name: {done.stdout[-300:]}")
     check("There is no variable female1." in done.stdout, "an unknown name is told")
+    again = [(q, "y\no\nn" if "latent variable" in q else a) for q, a in MODEL]
+    done = work.run(answers=answersof(again))
+    check(done.returncode == 0 and body(work.read("dialogue.txt")) == want, f"half a regression: {done.stdout[-300:]}")
+    check("needs an outcome and a predictor" in done.stdout, "half a regression is told")
 
     (work.folder / "newcmd.kdr").unlink()
     assert MODEL[-1] == OUTPUT[0]

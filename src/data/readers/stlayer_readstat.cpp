@@ -241,7 +241,6 @@ readstat_error_t parse(StFile& file) {
   }
   readstat_parser_free(parser);
   closelibrary(&stateof(file).library);
-  if (error == READSTAT_ERROR_MALLOC) fail(3);
   return error;
 }
 
