@@ -47,8 +47,12 @@ long long filelength(std::FILE* stream) {
   return status.st_size;
 }
 
+std::size_t readmost(void* destination, std::size_t bytes) {
+  return readupto(destination, bytes, run.mdm.stream, run.files.mdmfile);
+}
+
 void take(void* destination, std::size_t bytes) {
-  if (!readchk(destination, bytes, run.mdm.stream)) damagedmdm("it is cut off");
+  if (readmost(destination, bytes) != bytes) damagedmdm("it is cut off");
 }
 
 [[noreturn]] void notmdm() {
@@ -62,7 +66,7 @@ void take(void* destination, std::size_t bytes) {
 // Reads magic, version and counts. Returns the head's length.
 long long readhead(MdmHeader& head) {
   char found[sizeof magic];
-  if (!readchk(found, sizeof found, run.mdm.stream) || std::memcmp(found, magic, sizeof magic) != 0) notmdm();
+  if (readmost(found, sizeof found) != sizeof found || std::memcmp(found, magic, sizeof magic) != 0) notmdm();
   take(&head.version, sizeof head.version);
   const double version = head.version;
   if (!(version > oldestversion)) stopwith("Sorry, you will have to remake this ssm file.\n");

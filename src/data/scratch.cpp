@@ -15,7 +15,6 @@
 #include "driver/constants.h"
 #include "driver/failures.h"
 #include "driver/formatted.h"
-#include "kernel/sizes.h"
 
 namespace kdr {
 
@@ -165,24 +164,6 @@ bool isspecial(const std::string& path) {
 void closechk(std::FILE* stream) {
   const bool unwritten = std::ferror(stream) != 0;
   if (std::fclose(stream) != 0 || unwritten) fail(5);
-}
-
-void dwritemat(const double* source, int n, int ld, double* work, std::FILE* stream) {
-  double* packed = work;
-  for (int i = 0; i < n; ++i)
-    for (int j = 0; j <= i; ++j) *packed++ = source[static_cast<std::ptrdiff_t>(i) * ld + j];
-  writechk(work, packedsize(n) * sizeof(double), stream);
-}
-
-void dreadmat(int n, double* work, double* dest, std::FILE* stream, int ld) {
-  if (n == 0) return;
-  if (!readchk(work, packedsize(n) * sizeof(double), stream)) std::printf("bad dreadmat");
-  const double* packed = work;
-  for (int i = 0; i < n; ++i)
-    for (int j = 0; j <= i; ++j) {
-      dest[static_cast<std::ptrdiff_t>(i) * ld + j] = *packed;
-      dest[static_cast<std::ptrdiff_t>(j) * ld + i] = *packed++;
-    }
 }
 
 }  // namespace kdr

@@ -46,11 +46,4 @@ void writechk(const void* buffer, std::size_t bytes, std::FILE* stream);
 // Flushes and closes a file that was written; failure 5 when anything could not be written.
 void closechk(std::FILE* stream);
 
-// Packs the lower triangle of the n by n matrix `source` with row stride `ld` through `work` (packedsize(n) doubles)
-// and writes it. Failure 5 when it cannot be written.
-void dwritemat(const double* source, int n, int ld, double* work, std::FILE* stream);
-// Reads a packed matrix into both triangles of `dest` with row stride `ld`. Nothing for n of 0. A short read prints
-// "bad dreadmat" and expands what stands in `work`.
-void dreadmat(int n, double* work, double* dest, std::FILE* stream, int ld);
-
 }  // namespace kdr

@@ -58,7 +58,9 @@ double* RecordStream::load(std::size_t from, std::size_t count) {
   if (held == count && first == from) return buffer.data();
   if (count * width > buffer.size()) buffer.reset(count * width);
   seek(from);
-  if (!readchk(buffer.data(), count * width * sizeof(double), file)) fail(5);
+  const std::size_t bytes = count * width * sizeof(double);
+  if (readupto(buffer.data(), bytes, file, "a temporary file") != bytes)
+    stopwith("A temporary file is damaged: it is cut off.\n");
   first = from;
   held = count;
   return buffer.data();

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -166,6 +167,7 @@ void createstore(const SubrunShape& shape) {
 
 std::string readstore(const SubrunShape& shape, StoreHead& head, std::vector<SubrunRecord>* records) {
   std::FILE* file = std::fopen(storename, "rb");
+  if (file == nullptr && errno != ENOENT) file = openfile(storename, "rb");
   if (file == nullptr)
     return formatted("There is no result store %s in this folder: a series begins with -mi0.", storename);
   std::string problem = checkhead(file, shape, head);
@@ -178,6 +180,7 @@ std::string readstore(const SubrunShape& shape, StoreHead& head, std::vector<Sub
     }
     if (!whole) problem = damaged();
   }
+  if (!problem.empty()) checkread(file, storename);
   std::fclose(file);
   return problem;
 }
