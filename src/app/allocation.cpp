@@ -1,13 +1,13 @@
 // Memory that runs out inside a library ends the run as it does in the program's own code: with failure 3 and without
 // unfinished files. Some libraries that read raw data do not look at what they are given, and would end by a signal.
 //
-// The functions below take the place of the C library's for the whole process, and do their work through it. The
-// sanitizers bring an allocator of their own; other C libraries have no such names.
+// The functions below take the place of the C library's for the whole process, and do their work through it. Other C
+// libraries have no such names.
 #include <cstdlib>
 
 #include "driver/failures.h"
 
-#if defined(__GLIBC__) && !defined(__SANITIZE_ADDRESS__)
+#ifdef __GLIBC__
 
 #include <atomic>
 
