@@ -284,7 +284,9 @@ class Tests:
         page = Page(self.place.read("bare.html"))
         self.check(code == 0 and len(page.images) == 1 and page.text.count("the run made no residual file") == 5,
                    f"a page without residual files: {code}, {told}")
+        self.place.write("moved.png.part", "another")
         self.check(self.plot("moved/plots.json", "--kind", "qq", "-o", "moved.png", "--folder", ".")[0] == 0, "--folder")
+        self.check(self.place.read("moved.png.part") == "another", "what stands beside a picture stays")
 
         # Files cut off, and files of a later run of another model under the same names.
         self.place.edited("later.kdr", "model2.kdr", **FILES, RESFILTYPE="FREEFORMAT", OUTPUT="later.txt")

@@ -280,11 +280,13 @@ bool sasconvert(const std::string& path) {
   std::printf("Give me a moment to run the SAS job...\n");
   std::fflush(stdout);
   std::FILE* out = openfile(job, "wx");
+  run.files.unfinished.emplace_back(job);
   writejob(out, path);
   closechk(out);
   // Whether the job succeeded shows in the file that it makes.
   [[maybe_unused]] const int status = std::system("sas xyzzy.sas");
   std::remove(job);
+  std::erase(run.files.unfinished, job);
   if (!exists(path)) return false;
   std::printf("Please keep %s around if you want to do a non-linear run.\n", path.c_str());
   std::remove(log);
