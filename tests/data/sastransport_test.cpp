@@ -333,6 +333,13 @@ TEST(SasConvert, RunsTheJob) {
             question + "The SAS job would overwrite xyzzy.sas. Please rename it.\nnot done");
   EXPECT_EQ(contents("xyzzy.sas"), "mine");
   std::remove("xyzzy.sas");
+  std::remove("xyzzy.log");
+  const Outcome full = runchild([] {  // the disk takes none of the job
+    limitfiles(8);
+    if (std::freopen("answers", "r", stdin) != nullptr) (void)sasconvert("chem.ssp");
+  });
+  EXPECT_EQ(full.code, 5);
+  EXPECT_FALSE(std::filesystem::exists("xyzzy.sas"));
   makefile("x; endsas.ssd", "data set");
   EXPECT_TRUE(convert("x; endsas.ssp", "y\n")
                   .words.ends_with("x; endsas is no name that a SAS job can have for a data set.\nnot done"));
