@@ -5,6 +5,7 @@
 #include "driver/failures.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
+#include "linear/datapass.h"
 #include "linear/exploratory.h"
 #include "linear/graphdata.h"
 #include "linear/inference.h"
@@ -37,16 +38,13 @@ PassResults linearpass(Pass& pass) {
   RecordUnits units;
   startrecords(units, mdmlayout(true), run.mdm.stream, run.mdm.firstblock);
   if (run.out.resfil1 || run.out.graph) units.working = startworking();
-  PassInput input;
-  input.next = [&units](UnitProducts& unit) {
+  datapass(pass, [&](UnitProducts& unit) {
     if (nextunit(units, unit)) return true;
     if (units.working != nullptr) finishworking(units.working);
     return false;
-  };
-  input.withid = run.out.resfil1 || run.out.resfil2 || run.out.graph;
-  input.withlevel2 = input.withid || haveexploratory();
+  });
   IterationState state;
-  return runpass(pass, input, state);
+  return runpass(pass, state);
 }
 
 void variancefiles(const PassResults& results) {
