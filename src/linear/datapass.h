@@ -6,8 +6,8 @@
 
 namespace kdr {
 
-// A data pass at work. Its caller fills `unit`, whose arrays have their sizes, and folds it, unit after unit in the order
-// of the data.
+// A data pass at work. Its caller fills `unit`, whose arrays have their sizes, and folds it, unit after unit in the
+// order of the data.
 struct DataFold {
   Pass& pass;
   UnitProducts unit;

@@ -141,6 +141,7 @@ void beginpass(Pass& pass, const PassPlan& plan) {
   run.est.vgamma.reset(square(pass.g));
   const std::size_t units = at(run.mdm.nunits3);
   pass.dinv.reset(units, square(pass.b));
+  pass.within.reset(units, square(pass.b));
   pass.vstar.reset(units, at(pass.b));
   pass.vright.reset(units, at(pass.b));
 }

@@ -47,9 +47,9 @@ struct Stacking {
   DataFold fold;
   const RecordLayout& layout;
   int M;
-  std::vector<int> row;     // [npi] response of each column of D, -1: all of them
-  Array<double> x;          // [npi] the entry of every column of D that is not 0
-  Array<double> eta, p, z;  // [M]
+  std::vector<int> row;        // [npi] response of each column of D, -1: all of them
+  Array<double> x;             // [npi] the entry of every column of D that is not 0
+  Array<double> eta, p, z;     // [M]
   Array<double> W, Wz, total;  // M squared, [M], [M]: W times a vector of ones
   std::FILE* out;              // null, or where the records go
 };

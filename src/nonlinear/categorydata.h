@@ -13,8 +13,8 @@
 
 namespace kdr {
 
-// Begins the pass `first` by its plan, writes the working data file from the MDM file, and makes the pass' data pass over
-// the first working data: the same linear predictor for every record.
+// Begins the pass `first` by its plan, writes the working data file from the MDM file, and makes the pass' data pass
+// over the first working data: the same linear predictor for every record.
 void preparecategoricaldata(const CategoryTable& table, MacroState& state, Pass& first, const PassPlan& plan);
 
 // Takes run.est for state.previous, begins the pass `next` by its plan, and makes its data pass over the working data

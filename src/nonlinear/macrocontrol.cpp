@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "driver/failures.h"
+#include "driver/formatted.h"
 #include "driver/questions.h"
 #include "driver/reportstream.h"
 #include "kernel/sizes.h"
@@ -39,6 +41,23 @@ bool closeatlimit(MacroState& state) {
   return true;
 }
 
+// Micro iterations that stop early can leave the variance components so slow that the macro test takes it for standing
+// still, or that no number of macro iterations is enough.
+void warnunsettled(const PassResults& results) {
+  constexpr double settled = 0.1;
+  if (results.kind == PassKind::identity || results.errors.stepleft <= settled) return;
+  const std::string words = formatted(
+      "WARNING: the variance components have not settled: the next scoring step would move one of them\n"
+      "by %.1f standard errors. You may want to re-run the analysis with a smaller STOPMICRO.",
+      results.errors.stepleft);
+  notconverged(words + "\n");
+  documentwarning(words);
+  reporthtml("<b>");
+  report("%s", words.c_str());
+  reporthtml("</b>");
+  reportbreak();
+}
+
 }  // namespace
 
 void beginmacro(MacroState& state) {
@@ -50,14 +69,15 @@ void beginmacro(MacroState& state) {
 bool phasecloses(MacroState& state, const PassResults& results, bool first) {
   const bool converged =
       !first && macrotest(parametersof(results.est), parametersof(state.previous), run.iter.stopmacro);
+  const bool stopped = results.ending == Ending::keyboard;
   if (results.kind != PassKind::identity) documentending(converged);
   if (converged) std::printf("The macro iterations have converged at iteration %d.\n", state.macro);
-  if (converged) return true;
-  if (results.ending == Ending::keyboard) {
+  if (!converged && stopped)
     notconverged("The macro iterations were stopped from the keyboard, prior to convergence.\n");
+  if (converged || stopped || (state.left <= 1 && closeatlimit(state))) {
+    warnunsettled(results);
     return true;
   }
-  if (state.left <= 1 && closeatlimit(state)) return true;
   --state.left;
   return false;
 }

@@ -18,8 +18,8 @@ namespace kdr {
 
 namespace {
 
-// The layout of the file from the first step on: the outcome, Z where it is wanted, then the columns of A and the wanted
-// variables.
+// The layout of the file from the first step on: the outcome, Z where it is wanted, then the columns of A and the
+// wanted variables.
 RecordLayout workinglayout() {
   RecordLayout layout;
   layout.raw = false;
@@ -119,7 +119,7 @@ void addunit(const Pass& pass, Step& step, double* z, UnitProducts& products) {
   const Array<double>& counts = step.state.counts;
   const int* column = layout.column.data();
   const double* beta = step.beta.data();
-  const bool factors = havefactors();
+  const bool factors = havefactors(), plainlogit = !step.kind.first && step.family == Family::binomial;
   products.AA2.fill(0.0);
   crossproducts(pass.npi + 1, step.unit.nj, products.AA.data(), step.x.data(), [&](auto n, int i, double* x) {
     const double* values = step.unit.records.data() + at(i) * at(layout.width);
@@ -131,7 +131,8 @@ void addunit(const Pass& pass, Step& step, double* z, UnitProducts& products) {
     }
     if (step.kind.marginal) eta = corrected(pass, step, x, eta);
     const double count = counts.empty() ? 1.0 : counts[record];
-    const Working working = workingvalues(linkedrecord(step, eta), values[layout.observed], count);
+    const Linked link = plainlogit && !strayed(eta) ? linked(Family::binomial, eta) : linkedrecord(step, eta);
+    const Working working = workingvalues(link, values[layout.observed], count);
     if (z != nullptr) z[i] = working.z;
     const double root = std::sqrt(working.weight);
     for (int c = 0; c + 1 < n; ++c) x[c] *= root;

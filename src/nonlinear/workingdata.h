@@ -4,8 +4,8 @@
 // Both are made as the data pass of the next pass needs them, and go into its cross-products at once. The working data
 // file holds what they are made from: the level-2 blocks as the analysis has them. A record of the first pass has the
 // variables of the MDM file. From the first step on it has
-//   the outcome as observed, Z if the run has a level-1 residual file, the level-1 predictors of the model, the variables
-//   that this file shows
+//   the outcome as observed, Z if the run has a level-1 residual file, the level-1 predictors of the model, the
+//   variables that this file shows
 // and only a run with such a file writes it anew in every step.
 #pragma once
 

@@ -38,6 +38,7 @@ struct TauErrors {
   int order = 0;             // NT - 1, elements of taupi and taubeta
   Array<double> covariance;  // order squared, of the elements of the taus
   double sigma2variance = 0.0;
+  double stepleft = 0.0;  // the farthest that the next scoring step would move an element, in its standard errors
 };
 
 struct Reliabilities {
