@@ -1,6 +1,6 @@
 #include "linear/linearrun.h"
 
-#include <algorithm>
+#include <string>
 
 #include "driver/failures.h"
 #include "driver/reportstream.h"
@@ -16,6 +16,7 @@
 #include "linear/variancefiles.h"
 #include "report/modelstatistics.h"
 #include "report/passtables.h"
+#include "report/resultsdocument.h"
 
 namespace kdr {
 
@@ -72,6 +73,11 @@ PassResults estimatelinear() {
   const bool ordinary = !results.heterogeneous, iterated = results.loglik != missingcode;
   if (iterated && results.ending != Ending::converged)
     notconverged(reportisstdout() ? "" : "\nThe iterations were stopped prior to convergence.\n");
+  if (iterated && ordinary && results.ending == Ending::converged)
+    if (const std::string words = unsettledwords(results); !words.empty()) {
+      notconverged(reportisstdout() ? "" : words + "\n");
+      documentwarning(words);
+    }
   if (ordinary) {
     passtables(results);
     if (!run.files.startvals.empty()) writestartvalues();

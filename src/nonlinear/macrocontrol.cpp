@@ -4,11 +4,11 @@
 #include <cstdio>
 
 #include "driver/failures.h"
-#include "driver/formatted.h"
 #include "driver/questions.h"
 #include "driver/reportstream.h"
 #include "kernel/sizes.h"
 #include "nonlinear/macrotest.h"
+#include "report/passtables.h"
 #include "report/resultsdocument.h"
 
 namespace kdr {
@@ -33,29 +33,20 @@ bool closeatlimit(MacroState& state) {
     return false;
   }
   notconverged("The macro iterations were stopped prior to convergence.\n");
-  reporthtml("<b>");
-  reportline("WARNING: the macro iterations were stopped prior to convergence.");
-  report("You may want to re-run the analysis with a higher number of macro iterations.");
-  reporthtml("</b>");
-  reportbreak();
+  reportwarning(
+      "WARNING: the macro iterations were stopped prior to convergence.\n"
+      "You may want to re-run the analysis with a higher number of macro iterations.");
   return true;
 }
 
 // Micro iterations that stop early can leave the variance components so slow that the macro test takes it for standing
 // still, or that no number of macro iterations is enough.
 void warnunsettled(const PassResults& results) {
-  constexpr double settled = 0.1;
-  if (results.kind == PassKind::identity || results.errors.stepleft <= settled) return;
-  const std::string words = formatted(
-      "WARNING: the variance components have not settled: the next scoring step would move one of them\n"
-      "by %.1f standard errors. You may want to re-run the analysis with a smaller STOPMICRO.",
-      results.errors.stepleft);
+  const std::string words = unsettledwords(results);
+  if (words.empty()) return;
   notconverged(words + "\n");
   documentwarning(words);
-  reporthtml("<b>");
-  report("%s", words.c_str());
-  reporthtml("</b>");
-  reportbreak();
+  reportwarning(words);
 }
 
 }  // namespace

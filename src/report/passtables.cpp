@@ -1,5 +1,6 @@
 #include "report/passtables.h"
 
+#include "driver/formatted.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
 #include "report/fixedtable.h"
@@ -22,14 +23,13 @@ void endwords(const PassResults& results) {
       reportline(" Iterations terminated prematurely from the keyboard.");
       break;
     case Ending::limit:
-      reporthtml("<b>");
-      reportline("WARNING: the iterations were stopped prior to convergence.");
-      report("You may want to re-run the analysis with a higher number of iterations.");
-      reporthtml("</b>");
-      reportbreak();
+      reportwarning(
+          "WARNING: the iterations were stopped prior to convergence.\n"
+          "You may want to re-run the analysis with a higher number of iterations.");
       break;
     case Ending::converged:
       reportline("Iterations stopped due to small change in likelihood function");
+      if (const std::string words = unsettledwords(results); !words.empty()) reportwarning(words);
       break;
   }
 }
@@ -152,6 +152,27 @@ void sectionheading(const char* text, const char* html, int rule) {
   reporttext("\n %s\n", text);
   reporthtml("<h3>%s</h3>\n", html);
   reportrule(rule);
+}
+
+void reportwarning(const std::string& lines) {
+  reporthtml("<b>");
+  std::size_t from = 0;
+  for (std::size_t end; (end = lines.find('\n', from)) != std::string::npos; from = end + 1)
+    reportline("%s", lines.substr(from, end - from).c_str());
+  report("%s", lines.substr(from).c_str());
+  reporthtml("</b>");
+  reportbreak();
+}
+
+std::string unsettledwords(const PassResults& results) {
+  constexpr double settled = 0.1;
+  const bool fitted =
+      results.kind == PassKind::linear || results.kind == PassKind::pql || results.kind == PassKind::categories;
+  if (!fitted || results.errors.stepleft < settled) return {};
+  return formatted(
+      "WARNING: the variance components have not settled: the next scoring step would move one of them\n"
+      "by %.1f standard errors. You may want to re-run the analysis with a smaller %s.",
+      results.errors.stepleft, results.kind == PassKind::linear ? "STOPVAL" : "STOPMICRO");
 }
 
 void deletionnote() {
