@@ -7,6 +7,7 @@
 #include "driver/reportstream.h"
 #include "kernel/sizes.h"
 #include "nonlinear/macrotest.h"
+#include "report/passtables.h"
 #include "report/resultsdocument.h"
 
 namespace kdr {
@@ -55,11 +56,19 @@ bool phasecloses(MacroState& state, const PassResults& results, bool first) {
   if (converged) return true;
   if (results.ending == Ending::keyboard) {
     notconverged("The macro iterations were stopped from the keyboard, prior to convergence.\n");
+    endingwords(results);
     return true;
   }
   if (state.left <= 1 && closeatlimit(state)) return true;
   --state.left;
   return false;
+}
+
+void averagecloses(const PassResults& results) {
+  const bool unfinished = results.ending == Ending::limit && results.fixsigma2 == 0.0;
+  if (results.ending != Ending::keyboard && !unfinished) return;
+  notconverged("The iterations of the population average were stopped prior to convergence.\n");
+  endingwords(results);
 }
 
 Array<double> graphgammas(const MacroState& state) {

@@ -113,6 +113,7 @@ void averagephase(MacroState& state, void (*store)(const PassResults&)) {
   beginpass(pass, planof(state, PassKind::populationaverage));
   const PassResults results = workingpass(pass, state);
   passtables(results);
+  averagecloses(results);
   store(results);
   if (run.out.printvc != 0) {
     if (run.iter.popavit <= 1) writegammafile(robustpopulationgammafile, results.est.gammahat, results.robust);

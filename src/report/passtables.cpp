@@ -16,24 +16,6 @@ namespace {
 
 bool shown(const PassResults& results) { return run.out.fulloutput || results.kind != PassKind::identity; }
 
-void endwords(const PassResults& results) {
-  switch (results.ending) {
-    case Ending::keyboard:
-      reportline(" Iterations terminated prematurely from the keyboard.");
-      break;
-    case Ending::limit:
-      reporthtml("<b>");
-      reportline("WARNING: the iterations were stopped prior to convergence.");
-      report("You may want to re-run the analysis with a higher number of iterations.");
-      reporthtml("</b>");
-      reportbreak();
-      break;
-    case Ending::converged:
-      reportline("Iterations stopped due to small change in likelihood function");
-      break;
-  }
-}
-
 void heading(const PassResults& results) {
   if (results.kind != PassKind::linear) {
     resultsheading(results.kind, results.macro, results.est.sigma2);
@@ -45,7 +27,7 @@ void heading(const PassResults& results) {
   } else {
     report2("\f******* ITERATION %d *******\n\n", "<h2>Final Results - Iteration %d</h2>", results.iteration);
   }
-  if (results.stopped) endwords(results);
+  if (results.stopped) endingwords(results);
 }
 
 void noerrors(const PassResults& results) {
@@ -182,6 +164,24 @@ void leastsquarestables(const LeastSquaresResults& results, const FixedDegrees& 
     reportline(" The least-squares likelihood cannot be computed: the model leaves no residual.");
   }
   reportline(" Number of estimated parameters = %4d", g + 1);
+}
+
+void endingwords(const PassResults& results) {
+  switch (results.ending) {
+    case Ending::keyboard:
+      reportline(" Iterations terminated prematurely from the keyboard.");
+      break;
+    case Ending::limit:
+      reporthtml("<b>");
+      reportline("WARNING: the iterations were stopped prior to convergence.");
+      report("You may want to re-run the analysis with a higher number of iterations.");
+      reporthtml("</b>");
+      reportbreak();
+      break;
+    case Ending::converged:
+      reportline("Iterations stopped due to small change in likelihood function");
+      break;
+  }
 }
 
 void iterationtables(const PassResults& results) {

@@ -18,6 +18,8 @@ void deletionnote();
 // The section " Least Squares Estimates" of a linear run.
 void leastsquarestables(const LeastSquaresResults& results, const FixedDegrees& degrees);
 
+// How the iterations ended.
+void endingwords(const PassResults& results);
 // What hangs on an iteration: the heading, sigma^2, the taus with their standard errors, correlations and
 // reliabilities, and the log-likelihood of the iteration.
 void iterationtables(const PassResults& results);
