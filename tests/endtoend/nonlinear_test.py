@@ -29,7 +29,7 @@ def flat(program, holder):
     """With taus of nearly nothing, the population-average effects are the unit-specific ones; POPAVIT changes no number."""
     def go(c):
         for popavit in ('N', 'Y', '5'):
-            tau = ['ESTTAU2:0.0000001', 'ESTTAU3:0.0000001']
+            tau = ['ESTTAU2:0.0000001', 'ESTTAU3:0.0000001', 'PRINTVARIANCE-COVARIANCE:Y']
             with open(holder.name + '/BERNI.kdr') as f:
                 lines = f.read().splitlines()
             at = lines.index('CONSTRAIN:N')
@@ -38,6 +38,10 @@ def flat(program, holder):
             sections = pql.results(c, program, holder.name, 'nonlin.mdm', 'flat.kdr', 'flat.txt')
             if not sections:
                 return
+            made = [os.path.exists(holder.name + '/' + name) for name in ('gamvcpa.dat', 'gamvcpar.dat')]
+            c.equal('POPAVIT:%s, variance files' % popavit, made, [True, popavit != '5'])
+            for name in ('gamvcpa.dat', 'gamvcpar.dat')[:sum(made)]:
+                os.remove(holder.name + '/' + name)
             pairs = [(x.coefficient, y.coefficient, x.se, y.se) for key in ('final', 'robust') for x, y in
                      zip(sections['unit-specific'].fixed[key].rows, sections['population-average'].fixed[key].rows)]
             c.equal('rows', len(pairs), 12)
@@ -49,9 +53,10 @@ def flat(program, holder):
 
 def graph(program, holder, name):
     """The graph data file, through both example readers: the fixed effects of both models, and the residuals, posterior
-    variances and fitted values of the population average."""
+    variances and fitted values of the population average. The variance files."""
     def go(c):
-        pql.tight('%s/%s.kdr' % (holder.name, name), holder.name + '/graph.kdr', pql.TIGHT + ['GRAPHGAMMAS:graph.bin', 'OUTPUT:graph.txt'])
+        pql.tight('%s/%s.kdr' % (holder.name, name), holder.name + '/graph.kdr',
+                  pql.TIGHT + ['GRAPHGAMMAS:graph.bin', 'PRINTVARIANCE-COVARIANCE:Y', 'OUTPUT:graph.txt'])
         if not pql.results(c, program, holder.name, 'nonlin.mdm', 'graph.kdr', 'graph.txt'):
             return
         t = readgraph(holder.name + '/graph.bin', holder.name + '/nonlin.mdm', nonlinear=True)
@@ -68,6 +73,18 @@ def graph(program, holder, name):
         c.equal('fitted values', len(t['fitted']['FITVAL']), len(average['eta']))
         for i, (x, y) in enumerate(zip(t['fitted']['FITVAL'], average['eta'])):
             c.near('fitted value %d' % i, x, y, 4e-5, 4e-5)
+        read = lambda file: [[float(x) for x in line.split()] for line in open(holder.name + '/' + file)]
+        taus = want['taupi'] + want['taubeta']
+        elements = sum(n * (n + 1) // 2 for n in (want['order']['p'], want['order']['b']))
+        errors = [row[i] ** 0.5 for i, row in enumerate(read('tauvc.dat')[len(taus):])]  # their covariance; no sigma^2
+        for what, got, table in (('taus', read('tauvc.dat')[:len(taus)], taus),
+                                 ('errors of the taus', [errors], [want['setau'][:elements]]),
+                                 ('gamvcus.dat', read('gamvcus.dat'), [want['gamma']] + want['covariance']),
+                                 ('gamvcpa.dat', read('gamvcpa.dat'), [average['gamma']] + average['covariance']),
+                                 ('gamvcpar.dat', read('gamvcpar.dat'), [average['gamma']] + average['robust'])):
+            c.equal('rows of ' + what, [len(row) for row in got], [len(row) for row in table])
+            for x, y in zip(sum(got, []), sum(table, [])):
+                c.near(what, x, y, 2e-5, 4e-4)
     return go
 
 

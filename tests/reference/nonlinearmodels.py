@@ -15,7 +15,7 @@ NAMES = {'nonlin': {1: ['YBERN', 'YBIN', 'NTRIAL', 'YPOIS', 'YEXP', 'EXPOS', 'YM
          'large': {1: ['YBERN', 'YBIN', 'NTRIAL', 'YMUL3', 'YMUL5', 'X1', 'X2'], 2: ['Z1', 'Z2'], 3: ['Q1', 'Q2']}}
 FOLDERS = {'nonlin': 'nonlinear', 'large': 'nonlinearlarge'}
 # what of the working data of the first iterations is stored, and of the residuals
-TRACED = ['BERN', 'BERNW', 'BINI', 'BINW', 'POIS', 'POISW', 'EXP', 'EXPW', 'M3W', 'O3', 'O3W', 'BERNL', 'BINL', 'M3']
+TRACED = ['BERN', 'BERNW', 'BINW', 'POIS', 'POISW', 'EXP', 'EXPW', 'M3W', 'O3', 'O3W', 'BERNL', 'BINL', 'M3']
 WEIGHTS = ('W1', 'W2', 'W3')
 
 L1 = [('INTRCPT1', 0), ('X1', 1), ('X2', 2)]
