@@ -32,9 +32,8 @@ bool strayed(double eta) { return eta < -60.0 || eta > 60.0; }
 double broughtback(double eta) { return eta < 0.0 ? -2.0 : 2.0; }
 
 Working workingvalues(const Linked& record, double y, double n) {
-  constexpr double largest = 999999.0;
   const double w = record.variance * n;
-  return {std::min(w, largest), record.eta + (y - record.mu * n) / w};
+  return {std::min(w, largestweight), record.eta + (y - record.mu * n) / w};
 }
 
 Density density(Family family, double eta, double y, double n, double constant) {

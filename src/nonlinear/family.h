@@ -54,10 +54,11 @@ struct Linked {
 [[nodiscard]] double broughtback(double eta);
 
 // Working weight and working dependent variable of iteratively reweighted least squares (McCullagh and Nelder, 1989,
-// 2.5), n trials or exposure:  w = n variance,  z = eta + (y - n mu) / w. The weight handed out is held to 999999.
+// 2.5), n trials or exposure:  w = n variance,  z = eta + (y - n mu) / w. The weight handed out is held to largestweight.
 struct Working {
   double weight, z;
 };
+constexpr double largestweight = 999999.0;
 [[nodiscard]] Working workingvalues(const Linked& record, double y, double n);
 
 // Log-density of the count y at the linear predictor eta, which is held to -700 to 700, with the first two derivatives

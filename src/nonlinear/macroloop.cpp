@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "driver/failures.h"
+#include "driver/formatted.h"
 #include "driver/questions.h"
 #include "driver/reportstream.h"
 #include "kernel/sizes.h"
@@ -76,7 +77,11 @@ PassResults workingpass(Pass& pass, MacroState& state) {
   RecordLayout layout = state.layout.copy();
   startrecords(units, std::move(layout), run.files.working, 0);
   const PassInput input{[&](UnitProducts& unit) { return nextunit(units, unit); }, true, true, {}};
-  return runpass(pass, input, state.iterations);
+  PassResults results = runpass(pass, input, state.iterations);
+  if (state.limited > 0)
+    results.warnings.push_back(formatted("WARNING: the working weights of %d records were held at %.0f.", state.limited,
+                                         largestweight));
+  return results;
 }
 
 // From the scale of the outcome to that of the link: the taus of an identity pass over the square of the derivative.
@@ -88,6 +93,7 @@ void rescaletaus(MacroState& state) {
 
 // The end of the unit-specific phase.
 void closephase(Pass& pass, MacroState& state, const PassResults& results) {
+  for (const std::string& warning : results.warnings) std::printf("%s\n", warning.c_str());
   state.unitspecificgamma = run.est.gammahat.copy();
   if (wantresidualfiles()) writeresidualfiles(pass, state.layout);
   markreport();

@@ -53,6 +53,7 @@ struct Step {
   Array<double> weights, theta, thetastar, beta, x, d, e;
   double cap = -1.0;       // the largest rate met so far
   std::size_t record = 0;  // of the data set
+  int limited = 0;         // records whose weight is held at the limit
 };
 
 [[noreturn]] void badoutcome(const char* words) {
@@ -114,6 +115,7 @@ void convertunit(const Pass& pass, Step& step, const MacroState& state, const Un
     double* row = out.records.data() + at(i) * newwidth;
     const Linked record = linkedrecord(step, predictor(pass, step, values, unit.level2.data()));
     const Working working = workingvalues(record, observed(i), count(i));
+    if (working.weight >= largestweight) ++step.limited;
     row[0] = working.weight;
     row[1] = observed(i);
     row[2] = working.z;
@@ -128,7 +130,7 @@ void convertunit(const Pass& pass, Step& step, const MacroState& state, const Un
 }
 
 Step makestep(const Pass& pass, const MacroState& state, const WorkingStep& kind, const RecordLayout& to) {
-  Step step{kind, state.layout, to, familyof(), state.macro, {}, {}, {}, {}, {}, {}, {}, {}, {}};
+  Step step{kind, state.layout, to, familyof(), state.macro, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}};
   step.correction = {step.family, pass.p, pass.b, run.est.taupi.data(), run.est.taubeta.data()};
   step.copied.assign(at(to.width) - workingcolumns, 0);
   for (std::size_t v = 0; v < to.place.size(); ++v)
@@ -170,6 +172,7 @@ void prepareworkingdata(Pass& pass, MacroState& state, const WorkingStep& kind) 
       [](int) {}, reading(pass.store.hot));
   finishworking(out);
   state.layout = std::move(to);
+  state.limited = step.limited;
   state.previous = run.est.copy();
 }
 

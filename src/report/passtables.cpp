@@ -186,6 +186,7 @@ void endingwords(const PassResults& results) {
 
 void iterationtables(const PassResults& results) {
   heading(results);
+  for (const std::string& warning : results.warnings) reportline("%s", warning.c_str());
   if (shown(results)) {
     noerrors(results);
     sigma2lines(results);

@@ -170,6 +170,14 @@ def astray():
         check(abs(row[2] + row[3] - z) < 2e-6, f"astray, outcome 1, Z = {z}: {row}")
 
 
+def heavy():
+    """Counts above a million: the limit of the working weights, with a word on the console and below both headings."""
+    study(lambda row, i: [2.0e6 if i // 6 % 4 else 1.0e5] + row[1:])
+    _, said, text = fit("POISSON", macroit="6,N")
+    numbers = [re.findall("WARNING: the working weights of (.*) records were held at 999999.\n", x) for x in (said, text)]
+    check(numbers == [["270"], ["270", "360"]], f"heavy records: {numbers}")  # all have one population average
+
+
 def stops():
     """The report tells of a stop from the keyboard, and of a population average that its limit cuts off."""
     study()
@@ -333,6 +341,7 @@ def engines():
 
 failures()
 astray()
+heavy()
 stops()
 limits()
 dialogue()
