@@ -20,7 +20,7 @@ void leastsquarestables(const LeastSquaresResults& results, const FixedDegrees& 
 
 // How the iterations ended.
 void endingwords(const PassResults& results);
-// What hangs on an iteration: the heading, sigma^2, the taus with their standard errors, correlations and
+// What hangs on an iteration: the heading, the warnings, sigma^2, the taus with their standard errors, correlations and
 // reliabilities, and the log-likelihood of the iteration.
 void iterationtables(const PassResults& results);
 // The fixed effects with their ratios and hypothesis tests, by the covariance of the model.
