@@ -62,14 +62,15 @@ struct Linked {
 [[nodiscard]] inline double broughtback(double eta) { return eta < 0.0 ? -2.0 : 2.0; }
 
 // Working weight and working dependent variable of iteratively reweighted least squares (McCullagh and Nelder, 1989,
-// 2.5), n trials or exposure:  w = n variance,  z = eta + (y - n mu) / w. The weight handed out is held to 999999.
+// 2.5), n trials or exposure:  w = n variance,  z = eta + (y - n mu) / w. The weight handed out is held to
+// largestweight.
 struct Working {
   double weight, z;
 };
+constexpr double largestweight = 999999.0;
 [[nodiscard]] inline Working workingvalues(const Linked& record, double y, double n) {
-  constexpr double largest = 999999.0;
   const double w = record.variance * n;
-  return {std::min(w, largest), record.eta + (y - record.mu * n) / w};
+  return {std::min(w, largestweight), record.eta + (y - record.mu * n) / w};
 }
 
 // Log-density of the count y at the linear predictor eta, which is held to -700 to 700, with the first two derivatives

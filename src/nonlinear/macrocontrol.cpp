@@ -63,14 +63,23 @@ bool phasecloses(MacroState& state, const PassResults& results, bool first) {
   const bool stopped = results.ending == Ending::keyboard;
   if (results.kind != PassKind::identity) documentending(converged);
   if (converged) std::printf("The macro iterations have converged at iteration %d.\n", state.macro);
-  if (!converged && stopped)
+  if (!converged && stopped) {
     notconverged("The macro iterations were stopped from the keyboard, prior to convergence.\n");
+    endingwords(results);
+  }
   if (converged || stopped || (state.left <= 1 && closeatlimit(state))) {
     warnunsettled(results);
     return true;
   }
   --state.left;
   return false;
+}
+
+void averagecloses(const PassResults& results) {
+  const bool unfinished = results.ending == Ending::limit && results.fixsigma2 == 0.0;
+  if (results.ending != Ending::keyboard && !unfinished) return;
+  notconverged("The iterations of the population average were stopped prior to convergence.\n");
+  endingwords(results);
 }
 
 Array<double> graphgammas(const MacroState& state) {

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "driver/failures.h"
+#include "driver/formatted.h"
 #include "driver/questions.h"
 #include "driver/reportstream.h"
 #include "kernel/sizes.h"
@@ -73,6 +74,15 @@ PassResults identitypass(Pass& pass, MacroState& state) {
   return runpass(pass, state.iterations, [&] { return impliedvariance(state.mean = outcomes / counts); });
 }
 
+// A pass over working data, whose data pass is done.
+PassResults workingpass(Pass& pass, MacroState& state) {
+  PassResults results = runpass(pass, state.iterations);
+  if (state.limited > 0)
+    results.warnings.push_back(
+        formatted("WARNING: the working weights of %d records were held at %.0f.", state.limited, largestweight));
+  return results;
+}
+
 // From the scale of the outcome to that of the link: the taus of an identity pass over the square of the derivative.
 void rescaletaus(MacroState& state) {
   const double v = run.kind.nonlin == 2 ? state.mean : state.mean * (1.0 - state.mean);
@@ -82,6 +92,7 @@ void rescaletaus(MacroState& state) {
 
 // The end of the unit-specific phase.
 void closephase(Pass& pass, MacroState& state, const PassResults& results) {
+  for (const std::string& warning : results.warnings) std::printf("%s\n", warning.c_str());
   state.unitspecificgamma = run.est.gammahat.copy();
   if (wantresidualfiles()) writeresidualfiles(pass, state.layout);
   markreport();
@@ -103,8 +114,9 @@ void closephase(Pass& pass, MacroState& state, const PassResults& results) {
 // The population-average pass, whose data pass is done, and its files.
 void averagephase(Pass& pass, MacroState& state, void (*store)(const PassResults&)) {
   beginmacro(state);
-  const PassResults results = runpass(pass, state.iterations);
+  const PassResults results = workingpass(pass, state);
   passtables(results);
+  averagecloses(results);
   store(results);
   if (run.out.printvc != 0) {
     if (run.iter.popavit <= 1) writegammafile(robustpopulationgammafile, results.est.gammahat, results.robust);
@@ -122,7 +134,7 @@ PassResults estimatenonlinear(void (*store)(const PassResults&)) {
   Pass pass;
   for (bool first = true;; first = false) {
     beginmacro(state);
-    PassResults results = first ? identitypass(pass, state) : runpass(pass, state.iterations);
+    PassResults results = first ? identitypass(pass, state) : workingpass(pass, state);
     passtables(results);
     store(results);  // the next pass of the phase takes its place
     if (!run.files.startvals.empty()) writestartvalues();

@@ -59,6 +59,7 @@ struct Step {
   UnitBlock unit;
   double cap = -1.0;       // the largest rate met so far
   std::size_t record = 0;  // of the data set, the first one of the unit
+  int limited = 0;         // records whose weight is held at the limit
 };
 
 [[noreturn]] void badoutcome(const char* words) {
@@ -133,6 +134,7 @@ void addunit(const Pass& pass, Step& step, double* z, UnitProducts& products) {
     const double count = counts.empty() ? 1.0 : counts[record];
     const Linked link = plainlogit && !strayed(eta) ? linked(Family::binomial, eta) : linkedrecord(step, eta);
     const Working working = workingvalues(link, values[layout.observed], count);
+    if (working.weight >= largestweight) ++step.limited;
     if (z != nullptr) z[i] = working.z;
     const double root = std::sqrt(working.weight);
     for (int c = 0; c + 1 < n; ++c) x[c] *= root;
@@ -218,6 +220,7 @@ void prepareworkingdata(Pass& pass, MacroState& state, const WorkingStep& kind, 
       },
       [](int) {}, reading(pass.store.hot));
   finishfold(fold);
+  state.limited = step.limited;
   if (to.stream == nullptr) return;
   finishworking(to.stream);
   state.layout = std::move(to.layout);

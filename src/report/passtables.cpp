@@ -17,23 +17,6 @@ namespace {
 
 bool shown(const PassResults& results) { return run.out.fulloutput || results.kind != PassKind::identity; }
 
-void endwords(const PassResults& results) {
-  switch (results.ending) {
-    case Ending::keyboard:
-      reportline(" Iterations terminated prematurely from the keyboard.");
-      break;
-    case Ending::limit:
-      reportwarning(
-          "WARNING: the iterations were stopped prior to convergence.\n"
-          "You may want to re-run the analysis with a higher number of iterations.");
-      break;
-    case Ending::converged:
-      reportline("Iterations stopped due to small change in likelihood function");
-      if (const std::string words = unsettledwords(results); !words.empty()) reportwarning(words);
-      break;
-  }
-}
-
 void heading(const PassResults& results) {
   if (results.kind != PassKind::linear) {
     resultsheading(results.kind, results.macro, results.est.sigma2);
@@ -45,7 +28,7 @@ void heading(const PassResults& results) {
   } else {
     report2("\f******* ITERATION %d *******\n\n", "<h2>Final Results - Iteration %d</h2>", results.iteration);
   }
-  if (results.stopped) endwords(results);
+  if (results.stopped) endingwords(results);
 }
 
 void noerrors(const PassResults& results) {
@@ -205,8 +188,26 @@ void leastsquarestables(const LeastSquaresResults& results, const FixedDegrees& 
   reportline(" Number of estimated parameters = %4d", g + 1);
 }
 
+void endingwords(const PassResults& results) {
+  switch (results.ending) {
+    case Ending::keyboard:
+      reportline(" Iterations terminated prematurely from the keyboard.");
+      break;
+    case Ending::limit:
+      reportwarning(
+          "WARNING: the iterations were stopped prior to convergence.\n"
+          "You may want to re-run the analysis with a higher number of iterations.");
+      break;
+    case Ending::converged:
+      reportline("Iterations stopped due to small change in likelihood function");
+      if (const std::string words = unsettledwords(results); !words.empty()) reportwarning(words);
+      break;
+  }
+}
+
 void iterationtables(const PassResults& results) {
   heading(results);
+  for (const std::string& warning : results.warnings) reportline("%s", warning.c_str());
   if (shown(results)) {
     noerrors(results);
     sigma2lines(results);

@@ -26,7 +26,9 @@ void deletionnote();
 // The section " Least Squares Estimates" of a linear run.
 void leastsquarestables(const LeastSquaresResults& results, const FixedDegrees& degrees);
 
-// What hangs on an iteration: the heading, sigma^2, the taus with their standard errors, correlations and
+// How the iterations ended.
+void endingwords(const PassResults& results);
+// What hangs on an iteration: the heading, the warnings, sigma^2, the taus with their standard errors, correlations and
 // reliabilities, and the log-likelihood of the iteration.
 void iterationtables(const PassResults& results);
 // The fixed effects with their ratios and hypothesis tests, by the covariance of the model.
