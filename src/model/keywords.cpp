@@ -51,6 +51,7 @@ void readnumit(CommandReader&, const std::string& value) {
 
 void readmacroit(CommandReader&, const std::string& value) {
   run.iter.macroit = wholenumber(value);
+  if (run.iter.macroit < 0) stopwith("macroit must be greater than 0!\n");
   setcontinue(value);
 }
 
@@ -112,7 +113,9 @@ void readagqderivlevel(CommandReader&, const std::string& value) {
 }
 
 void readfixsigma2(CommandReader&, const std::string& value) {
-  if (firstletter(value) != 'N') run.iter.fixsigma2 = realnumber(value);
+  if (firstletter(value) == 'N') return;
+  run.iter.fixsigma2 = realnumber(value);
+  if (!isreal(value) || run.iter.fixsigma2 < 0.0) stopwith("fixsigma2 must be N or a number of 0 or more!\n");
 }
 
 void readstopval(CommandReader&, const std::string& value) {
