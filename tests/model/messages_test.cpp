@@ -38,6 +38,8 @@ std::vector<Case> cases() {
       {"NUMIT:-1\n", 100, "numit must be greater than 0!\n"},
       {"MICROIT:x\n", 100, "microit must be greater than 0!\n"},
       {"MACROIT:-5,N\n", 100, "macroit must be greater than 0!\n"},
+      {"STOPMACRO:abc\n", 100, "STOPMACRO: wants a number, not abc\n"},
+      {"ACCEL:N\n", 100, "ACCEL: wants a number, not N\n"},
       {"FIXSIGMA2:-1\n", 100, "fixsigma2 must be N or a number of 0 or more!\n"},
       {"FIXSIGMA2:Y\n", 100, "fixsigma2 must be N or a number of 0 or more!\n"},
       {"FIXSIGMA2:n\nFIXSIGMA2:0.5\n", 0, ""},
