@@ -15,13 +15,12 @@ import subprocess
 import sys
 import tempfile
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-REFERENCE = os.path.join(HERE, '..', 'reference')
-sys.path[:0] = [HERE, REFERENCE]
 import report
-from models import I3, SETS
-from oracle_test import Checks, run
-from residualfiles import FORMS, Mdm, read, readgraph
+from mdmfile import Mdm
+from program import REFERENCE, Checks, finish, madefolder, run
+from residualfiles import FORMS, read, readgraph
+sys.path.append(str(REFERENCE))
+from models import SETS
 
 NAMES = {1: ['Y', 'X1', 'X2', 'V', 'W1'], 2: ['Z1', 'Z2', 'W2'], 3: ['Q1', 'Q2', 'W3']}
 CHOSEN = {1: 'Y,X1,V/Z2,W2/Q2', 2: 'W2/Q2', 3: 'W3'}  # beside the variables of the model, which come by themselves
@@ -249,7 +248,7 @@ def numericids(program, work):
     """The same data with numeric identifiers, in all forms."""
     c, model = Checks('numeric identifiers'), SETS['schoolnum'][1]['A']
     Mdm(work + '/schoolnum.mdm').write(work + '/numeric.mdm', numeric=True)
-    with open(REFERENCE + '/results/residuals-schoolnum-A.json') as f:
+    with open(REFERENCE / 'results/residuals-schoolnum-A.json') as f:
         want = json.load(f)
     for form in FORMS:
         commands(work, 'A.kdr', 'r.kdr', form)
@@ -465,7 +464,7 @@ def opened(work, numeric):
     """The files as R and pandas found them (tests/reference/openedfiles.txt) against what they hold now."""
     c, tables = Checks('opened'), {}
     form = dict(sav='SPSS', dta='STATA', free='FREEFORMAT')
-    for line in open(REFERENCE + '/openedfiles.txt'):
+    for line in open(REFERENCE / 'openedfiles.txt'):
         reader, ids, level, name, kind, missing, total = line.split()
         key = ids, int(level), form[reader.split('_')[-1]]
         if key not in tables:
@@ -483,44 +482,35 @@ def opened(work, numeric):
 
 def main():
     program = os.path.abspath(sys.argv[1])
-    made, checks = {}, []
+    made = {}
 
     def folder(name, template):
         if template not in made:
-            made[template] = tempfile.mkdtemp(dir=top)
-            for path in glob.glob('%s/%s/*' % (REFERENCE, name)):
-                shutil.copy(path, made[template])
-            code, out = run(program, made[template], '-r', template + '.mdmt')
-            if code != 0:
-                raise SystemExit('%s: making the MDM file ended with code %d\n%s' % (template, code, out[-800:]))
+            made[template] = madefolder(program, REFERENCE / name, template + '.mdmt', top)
         return made[template]
 
     with tempfile.TemporaryDirectory() as top:
         school = folder('school', 'school')
-        checks.append(oracle(program, school, 'school-A', FORMS, pspp=True))
+        parts = [oracle(program, school, 'school-A', FORMS, pspp=True)]
         for tag in ('school-B', 'school-C', 'school-D', 'school-R5', 'school-R6', 'school-W123'):
-            checks.append(oracle(program, school, tag, ['SPSS']))
-        checks.append(oracle(program, school, 'school-E', FORMS))  # a level-3 unit without a fit
-        checks.append(oracle(program, folder('schoolmissing', 'missinganalysis'), 'missinganalysis-A', FORMS))
-        checks.append(oracle(program, folder('tiny', 'tiny'), 'tiny-T', ['FREEFORMAT']))
+            parts.append(oracle(program, school, tag, ['SPSS']))
+        parts.append(oracle(program, school, 'school-E', FORMS))  # a level-3 unit without a fit
+        missing = folder('schoolmissing', 'missinganalysis')
+        parts.append(oracle(program, missing, 'missinganalysis-A', FORMS))
+        parts.append(oracle(program, folder('tiny', 'tiny'), 'tiny-T', ['FREEFORMAT']))
         numeric = folder('schoolnum', 'schoolnum')
-        checks.append(numericids(program, numeric))
+        parts.append(numericids(program, numeric))
         if len(sys.argv) > 2:
             for kind, place in (('text', school), ('numeric', numeric)):
                 os.makedirs('%s/%s' % (sys.argv[2], kind), exist_ok=True)
                 for path in glob.glob(place + '/resfil*'):
                     shutil.copy(path, '%s/%s' % (sys.argv[2], kind))
-        checks.append(opened(school, numeric))
-        checks.append(missingvalues(program, made['missinganalysis']))
+        parts.append(opened(school, numeric))
+        parts.append(missingvalues(program, missing))
         for test in (defaults, wide, names, emptyunits, failures):
-            checks.append(test(program, school))
-    bad = []
-    for c in checks:
-        print('%-20s %6d comparisons, %d differ' % (c.tag, c.done, len(c.bad)))
-        bad += c.bad[:12] + ['%s: %d more' % (c.tag, len(c.bad) - 12)] * (len(c.bad) > 12)
-    print('\n'.join(bad) if bad else 'all hold')
-    return 1 if bad else 0
+            parts.append(test(program, school))
+    finish(parts)
 
 
 if __name__ == '__main__':
-    sys.exit(main())
+    main()
