@@ -6,7 +6,6 @@ rules over the single runs of the same models.
 The data are five imputations by mice of a part of the chem97 example (tests/reference/imputed).
 """
 import functools
-import pathlib
 import random
 import re
 import shutil
@@ -15,41 +14,14 @@ import subprocess
 import sys
 import time
 
-HERE = pathlib.Path(__file__).resolve().parent
-sys.path.insert(0, str(HERE))
 import report
 import rubin
-from program import ROOT, Checks, Workplace
+from program import NOFILES, REFERENCE, Checks, Workplace, template
 
-DATA = ROOT / "tests" / "reference" / "imputed"
+DATA = REFERENCE / "imputed"
 M = 5
 STORE = "mixyzzy.dat"
 
-MDM = """#KDR3 MDM CREATION TEMPLATE
-mdmtype:0
-rawdattype:ascii
-l1fname:{data}
-l2fname:level2.dat
-l3fname:level3.dat
-numl1var:{count}
-numl2var:1
-numl3var:1
-l1format:(A4,1X,A5,{columns})
-l2format:(A4,1X,A5,F8.4)
-l3format:(A4,F8.4)
-l1missing:n
-timeofdeletion:now
-mdmname:{mdm}
-*begin l1vars
-{names}
-*end l1vars
-*begin l2vars
-SCHGCSE
-*end l2vars
-*begin l3vars
-LEAGCSE
-*end l3vars
-"""
 MODEL = """#Score on sex and earlier attainment
 NONLIN:N
 LEVEL1:{outcome}=INTRCPT1+{predictors}+RANDOM
@@ -64,15 +36,12 @@ LEVEL3:INTRCPT2=INTRCPT3/
 CONSTRAIN:N
 {hypotheses}HYPOTH:N
 LVR-BETA:N
-RESFIL1:N
-RESFIL2:N
-RESFIL3:N
 NUMIT:60,N
 STOPVAL:0.0000000001
 FULLOUTPUT:N
 TITLE:A series
 OUTPUT:{output}
-{options}"""
+{options}""" + NOFILES
 # An outcome made of the score: each lists the lines of NONLIN and of the level-1 equation that differ.
 NONLINEAR = {"BERNOULLI": ("PASS", ""), "POISSON": ("COUNT", ""), "MULTINOMIAL,3": ("GRADE", ""),
              "ORDINAL,3": ("GRADE", "+THOLD2")}
@@ -128,8 +97,9 @@ class Place(Workplace):
         self.mdm(name, name + ".dat", *COLUMNS)
 
     def mdm(self, name, data, columns, names):
-        self.write(name + ".mdmt", MDM.format(data=data, columns=columns, names="\n".join(names), count=len(names),
-                                              mdm=name + ".mdm"))
+        self.write(name + ".mdmt", template(
+            name + ".mdm", (data, "level2.dat", "level3.dat"), (f"(A4,1X,A5,{columns})", "(A4,1X,A5,F8.4)", "(A4,F8.4)"),
+            (names, ["SCHGCSE"], ["LEAGCSE"])))
         done = self.run("-r", name + ".mdmt")
         assert done.returncode == 0, done.stdout
 
