@@ -104,20 +104,6 @@ Names names(int level, Kind kind) {
   return list;
 }
 
-TEST(ResidualColumns, LinearModel) {
-  makemodel(1);
-  EXPECT_EQ(names(1, Kind::text), (Names{"L1RESID", "FITVAL", "SIGMA"}));
-  EXPECT_EQ(names(2, Kind::text), (Names{"EBINTRCP", "EBREADIN", "OLINTRCP", "OLREADIN", "FVINTRCP", "FVREADIN",
-                                         "ECINTRCP", "ECREADIN", "PV200", "PV210", "PV211"}));
-  EXPECT_EQ(names(2, Kind::shortname),
-            (Names{"EB0", "EB1", "OL0", "OL1", "FVINTRCP", "FVREADIN", "ECINTRCP", "ECREADIN", "PV0", "PV1", "PV2"}));
-  EXPECT_EQ(names(2, Kind::full), (Names{"EBINTRCPT1", "EBREADING", "OLINTRCPT1", "OLREADING", "FVINTRCPT1",
-                                         "FVREADING", "ECINTRCPT1", "ECREADING", "PV2_0_0", "PV2_1_0", "PV2_1_1"}));
-  EXPECT_EQ(names(3, Kind::text), (Names{"EB00", "EB11", "OL00", "OL11", "FV00", "FV01", "FV11", "EC00", "EC01", "EC11",
-                                         "PV30000", "PV31100", "PV31111"}));
-  EXPECT_EQ(names(3, Kind::full)[12], "PV3_1_1_1_1");
-}
-
 TEST(ResidualColumns, MultinomialModel) {
   makemodel(2);
   categories(3, false);
@@ -135,18 +121,6 @@ TEST(ResidualColumns, MultinomialModel) {
   EXPECT_EQ(Names(level3.begin(), level3.begin() + 4), (Names{"EB1000", "EB1011", "EB2000", "EB2011"}));
   EXPECT_EQ(Names(level3.begin() + 8, level3.begin() + 14),
             (Names{"FV100", "FV101", "FV111", "FV200", "FV201", "FV211"}));
-}
-
-TEST(ResidualColumns, OrdinalModelLeavesThresholdsOut) {
-  makemodel(1);
-  categories(4, true);
-  run.mdm.ncol1 = 5;  // two thresholds behind the variables
-  run.model.use1.reset(1, 1, 5, 0);
-  for (const int v : {0, 2, 3, 4}) run.model.use1.row(0)[v] = 1;
-  run.model.use1.row(0)[1] = -1;
-  EXPECT_EQ(names(2, Kind::text), (Names{"EBINTRCP", "EBREADIN", "OLINTRCP", "OLREADIN", "FVINTRCP", "FVREADIN",
-                                         "ECINTRCP", "ECREADIN", "PV200", "PV210", "PV211"}));
-  EXPECT_EQ(names(1, Kind::text).size(), 7U);
 }
 
 TEST(ResidualColumns, FullNamesNeverMeetShortOnes) {
@@ -375,33 +349,6 @@ TEST(ResidualForms, LongGroupsAndLargeUnits) {
     writeresidualrow(file, row);
     closeresidualfile(file);
     for (const char* part : test.parts) EXPECT_NE(contents("file").find(part), std::string::npos) << part;
-  }
-}
-
-// The disk fills up in mid-sweep with the files of two levels open.
-TEST(ResidualForms, AFailureLeavesNeitherFile) {
-  makemodel(1);
-  const double zeros[20] = {};
-  for (const ResidualForm form :
-       {ResidualForm::freeformat, ResidualForm::systat, ResidualForm::sas, ResidualForm::spss, ResidualForm::stata}) {
-    Workplace workplace;
-    run.out.resfiltype = static_cast<int>(form);
-    const Outcome outcome = runchild([&] {
-      limitfiles(1500000);
-      ResidualFile file2, file3;
-      openresidualfile(file2, 2, "file2", 100000, 9);
-      openresidualfile(file3, 3, "file3", 100000, 9);
-      ResidualRow row;
-      row.values = zeros;
-      for (int i = 0; i < 100000; ++i) {
-        writeresidualrow(file2, row);
-        writeresidualrow(file3, row);
-      }
-    });
-    EXPECT_EQ(outcome.code, 5) << run.out.resfiltype;
-    EXPECT_NE(outcome.words.find("Unable to write"), std::string::npos) << outcome.words;
-    std::filesystem::remove("words");
-    EXPECT_TRUE(std::filesystem::is_empty(".")) << run.out.resfiltype;
   }
 }
 
