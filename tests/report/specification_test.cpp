@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <tuple>
+
 #include "driver/runrecord.h"
 #include "report/equations.h"
 #include "report/matrixtables.h"
@@ -48,27 +50,19 @@ TEST(Specification, LongEquationsBreakThreeTimes) {
   setmodel(coefficients);
 
   const std::string text = specification(false);
-  const auto line = [](int from, int to, const char* symbol, const char* sub, const char* times) {
-    std::string words;
-    for (int i = from; i <= to; ++i) {
-      if (i > 0) words += "+ ";
-      words += symbol + std::string(sub) + std::to_string(i);
-      if (i > 0) words += times + std::string("(X") + std::to_string(i) + ")";
-      words += " ";
-    }
-    return words;
+  const auto count = [&](const std::string& words) {
+    int found = 0;
+    for (std::size_t at = 0; (at = text.find(words, at)) != std::string::npos; ++at) ++found;
+    return found;
   };
-  const auto equation = [&](const char* left, const char* gap, const char* symbol, const char* sub, const char* times,
-                            const char* end) {
-    std::string words = left + line(0, 4, symbol, sub, times);
-    words.append(gap).append(line(5, 8, symbol, sub, times));
-    words.append(gap).append(line(9, 12, symbol, sub, times));
-    words.append(gap).append(line(13, 15, symbol, sub, times));
-    return words.append(end);
-  };
-  EXPECT_NE(text.find(equation("\tY = ", "\n\t       ", "P", "", "*", "+ e\n")), std::string::npos) << text;
-  EXPECT_NE(text.find(equation("\tP0 = ", "\n\t         ", "B", "0", "*", "+ r0\n")), std::string::npos) << text;
-  EXPECT_NE(text.find(equation("\tB00 = ", "\n\t     ", "G", "00", "", "+ u00\n")), std::string::npos) << text;
+  for (const std::string number : {"5", "9", "13"})
+    for (const auto& [indent, symbol, times] :
+         {std::tuple("\n\t       ", "P", "*"), {"\n\t         ", "B0", "*"}, {"\n\t     ", "G00", ""}})
+      EXPECT_EQ(count(indent + std::string("+ ") + symbol + number + times + "(X" + number + ") "), 1)
+          << symbol << number;
+  EXPECT_EQ(count("\n\t     "), 9) << text;
+  for (const char* end : {"+ P15*(X15) + e\n", "+ B015*(X15) + r0\n", "+ G0015(X15) + u00\n"})
+    EXPECT_EQ(count(end), 1) << end;
 }
 
 TEST(Specification, EquationsWithoutTermsAreTheirRandomEffects) {
