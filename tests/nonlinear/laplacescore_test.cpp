@@ -55,7 +55,7 @@ TEST_P(Laplace, ModesAreTheJointMaximum) {
   const int q = made.x.q, r = made.x.r;
   for (std::size_t k = 0; k < made.study.units.size(); ++k) {
     const Level3Records& unit = made.study.units[k];
-    const DenseFit fit = densemode(DenseUnit(made.study, unit), made.x);
+    const DenseFit fit = densemode(denseunit(made.study, unit), made.x);
     for (int m = 0; m < r; ++m) {
       EXPECT_NEAR(made.state.modes.v[k * at(r) + at(m)], fit.b(m, 0), 1e-10);
       for (int l = 0; l < r; ++l)
@@ -71,7 +71,7 @@ TEST_P(Laplace, LikelihoodIsThatOfTheDenseDefinition) {
   for (const double size : {0.05, 0.6, 1.5}) {
     Fixed made(GetParam(), size);
     double wanted = 0, likelihood = 0;
-    for (const Level3Records& unit : made.study.units) wanted += denselikelihood(DenseUnit(made.study, unit), made.x);
+    for (const Level3Records& unit : made.study.units) wanted += denselikelihood(denseunit(made.study, unit), made.x);
     ASSERT_TRUE(laplace6loglikelihood(made.study.data, made.settings, made.state, likelihood));
     EXPECT_NEAR(likelihood, wanted, 1e-8) << size;
   }
@@ -83,7 +83,7 @@ TEST_P(Laplace, LikelihoodIsThatOfTheDenseDefinition) {
 TEST_P(Laplace, CorrectionIsTheContractionOfTheDerivativeTensors) {
   Fixed made(GetParam());
   for (std::size_t k = 0; k < made.study.units.size(); ++k) {
-    const DenseUnit unit(made.study, made.study.units[k]);
+    const DenseUnit unit = denseunit(made.study, made.study.units[k]);
     const DenseFit fit = densemode(unit, made.x);
     const int d = unit.F.cols;
     if (d > 9) continue;
@@ -133,7 +133,7 @@ TEST_P(Laplace, ScoreIsTheDerivativeOfTheLikelihood) {
   for (const double size : {0.1, 0.6, 1.2}) {
     Fixed made(GetParam(), size);
     for (std::size_t k = 0; k < made.study.units.size(); ++k) {
-      const DenseUnit unit(made.study, made.study.units[k]);
+      const DenseUnit unit = denseunit(made.study, made.study.units[k]);
       const std::vector<double> score = made.score(k);
       for (std::size_t p = 0; p < made.x.count(); ++p) {
         const auto moved = [&](double h) {
@@ -159,7 +159,7 @@ TEST_P(Laplace, ReliabilitiesAreThoseOfTheUnitsInformation) {
   int unusable = 0;
   for (std::size_t k = 0; k < made.study.units.size(); ++k) {
     made.score(k);
-    const DenseUnit unit(made.study, made.study.units[k]);
+    const DenseUnit unit = denseunit(made.study, made.study.units[k]);
     const DenseFit fit = densemode(unit, made.x);
     std::vector<double> rel2(at(q));
     int count2 = 0;
@@ -171,7 +171,7 @@ TEST_P(Laplace, ReliabilitiesAreThoseOfTheUnitsInformation) {
           ++records;
           const double w = softplus(fit.eta[at(i)])[2];
           for (int a = 0; a < q; ++a)
-            for (int b = 0; b < q; ++b) I(a, b) += w * unit.D(i, a) * unit.D(i, b);
+            for (int b = 0; b < q; ++b) I(a, b) += w * unit.F(i, r + q * j + a) * unit.F(i, r + q * j + b);
         }
       if (records < q) continue;  // of lower rank
       ++count2;

@@ -123,6 +123,18 @@ TEST(ResidualColumns, MultinomialModel) {
             (Names{"FV100", "FV101", "FV111", "FV200", "FV201", "FV211"}));
 }
 
+TEST(ResidualColumns, OrdinalModelLeavesThresholdsOut) {
+  makemodel(1);
+  categories(4, true);
+  run.mdm.ncol1 = 5;  // two thresholds behind the variables
+  run.model.use1.reset(1, 1, 5, 0);
+  for (const int v : {0, 2, 3, 4}) run.model.use1.row(0)[v] = 1;
+  run.model.use1.row(0)[1] = -1;
+  EXPECT_EQ(names(2, Kind::text), (Names{"EBINTRCP", "EBREADIN", "OLINTRCP", "OLREADIN", "FVINTRCP", "FVREADIN",
+                                         "ECINTRCP", "ECREADIN", "PV200", "PV210", "PV211"}));
+  EXPECT_EQ(names(1, Kind::text).size(), 7U);
+}
+
 TEST(ResidualColumns, FullNamesNeverMeetShortOnes) {
   makewide();  // EB1 in full is EB10, which is the short name of another column
   Names all = names(3, Kind::full);
