@@ -237,12 +237,25 @@ def refusals(check, place):
     (place.folder / STORE).unlink(missing_ok=True)
     done = words("-mi1")
     check(done.returncode == 100 and "There is no result store" in done.stdout, f"no store: {done.stdout}")
+    same = model(hypotheses="")
+    place.write("series.kdr", same)
     words("-mi0")
-    place.write("series.kdr", model(options="FISHERTYPE:0\n"))
-    done = words("-mi1", "-e")
-    check(done.returncode == 100 and "another model" in done.stdout, f"another model: {done.stdout}")
-    check("AVERAGED" not in place.read("out.avg") and place.exists(STORE), "another model: something was averaged")
-    place.write("series.kdr", model())
+    for other in (model(outcome="COUNT", hypotheses=""), same.replace("LEAGCSE,2", "LEAGCSE"), same.replace("+LEAGCSE,2", ""),
+                  *(same + line + "\n" for line in ("FIXSIGMA2:2.0", "DIAGONALIZETAUPI:Y", "ESTTAU2:E,0.1,E", "ESTTAU3:0.5",
+                                                     "CONTAU2:1,3", "FISHERTYPE:0", "LEVEL2WEIGHT:SCHGCSE"))):
+        place.write("series.kdr", other)
+        done = words("-mi1", "-e")
+        check(done.returncode == 100 and "another model" in done.stdout, f"another model: {done.stdout}\n{other}")
+        check("AVERAGED" not in place.read("out.avg") and place.exists(STORE), "another model: something was averaged")
+    place.write("series.kdr", same)
+    check(words("-mi1").returncode == 0, "the same model")
+    done = words("-mi1")
+    check(done.returncode == 100 and "has finished already" in done.stdout, f"a data set twice: {done.stdout}")
+    heading = "\fTHE AVERAGED RESULTS FOR THIS MULTIPLE IMPUTATION RUN\n"
+    place.write("out.avg", place.read("out.avg") + heading + " sigma")  # as a process leaves it that is killed while it writes
+    words("-mi2", "-e")
+    check(place.read("out.avg").count(heading) == 1, "averages that a killed process began stay")
+    words("-mi0")
     whole = (place.folder / STORE).read_bytes()
     (place.folder / STORE).write_bytes(whole[:-1])
     done = words("-mi1", "-e")
