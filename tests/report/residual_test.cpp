@@ -133,6 +133,8 @@ TEST(ResidualColumns, OrdinalModelLeavesThresholdsOut) {
   EXPECT_EQ(names(2, Kind::text), (Names{"EBINTRCP", "EBREADIN", "OLINTRCP", "OLREADIN", "FVINTRCP", "FVREADIN",
                                          "ECINTRCP", "ECREADIN", "PV200", "PV210", "PV211"}));
   EXPECT_EQ(names(1, Kind::text).size(), 7U);
+  EXPECT_EQ(names(3, Kind::text), (Names{"EB00", "EB11", "OL00", "OL11", "FV00", "FV01", "FV11", "EC00", "EC01", "EC11",
+                                         "PV30000", "PV31100", "PV31111"}));
 }
 
 TEST(ResidualColumns, FullNamesNeverMeetShortOnes) {
