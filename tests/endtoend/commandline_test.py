@@ -2,7 +2,6 @@
 
     commandline_test.py <program>
 """
-import subprocess
 import sys
 
 from conversations import CREATION, MODEL, OUTPUT

@@ -61,6 +61,8 @@ for fishertype in "012":
     fit("FISHERTYPE " + fishertype, [0], "Statistics for the current model", FISHERTYPE=fishertype)
 
 text = fit("a heterogeneous stage", [0], "RESULTS FOR HETEROGENEOUS TAU(PI)", HETIT="8")
+stage = text.split("RESULTS FOR HETEROGENEOUS TAU(PI)")[1].split("******* ITERATION")[0]
+check("\ntau(pi)\n" not in stage and "Reliability" not in stage and "INTRCPT3, G000" in stage, "what the stage shows")
 check(len(work.read("hettau.dat").splitlines()) == 30, "hettau.dat has a line for each level-3 unit")
 check(all(len(line) == 12 + 3 * 15 for line in work.read("hettau.dat").splitlines()), "identifier and triangle of a unit")
 likelihoods = [float(value) for value in re.findall(r"at iteration \d+ = (\S+)", text.split("RESULTS FOR HET")[0])]

@@ -7,7 +7,6 @@ and counts the codes that the program ends with, with a line for each study that
 """
 import collections
 import random
-import re
 import sys
 import pathlib
 

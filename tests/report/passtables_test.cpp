@@ -79,6 +79,9 @@ TEST(PassTables, SayHowAPassEndedAndWhatCannotBeComputed) {
   expectpieces(capturedtable(false, [&] { iterationtables(results); }), {"ITERATION 7", "Random level-2", loglik},
                {"stopped", "fixed effects"});
   results.stopped = true;
+  expectpieces(printed(results), {"(with robust"}, {"moderate to"});
+  results.fewunits = true;
+  expectpieces(printed(results), {"(with robust", "having a moderate to\nlarge number of level 3 units."}, {});
 
   results.ending = Ending::limit;
   results.errors.known = false;
