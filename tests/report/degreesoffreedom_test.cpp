@@ -32,13 +32,14 @@ TEST(Degrees, ByHand) {
        "level-2 effects: 100 - 20 * 1 - 1",
        {predictor2, slope3},
        {19, 79, 19}},
-      {"two level-2 units in each level-3 unit, two random coefficients: 40 - 20 * 2 - 1 is below 1, so roughly 40 - 1",
+      {"two level-2 units in most level-3 units, two random coefficients: 41 - 20 * 2 - 1 is below 1, so roughly 41 - "
+       "1",
        {predictor2, slope},
-       {19, 39, 19},
+       {19, 40, 19},
        1,
        1000,
-       40},
-      {"few records: 115 - 100 - 20 - 1 is below 1, so roughly 115 - 20 - 1", {plain, fixedslope}, {19, 94}, 1, 115},
+       41},
+      {"few records: 121 - 100 - 20 - 1 is below 1, so roughly 121 - 20 - 1", {plain, fixedslope}, {19, 100}, 1, 121},
       // The second gamma of the intercept's only level-2 coefficient is gone: one degree back for the intercept.
       {"a constraint within a coefficient: 20 - 2 + 1", {predictor3, slope}, {19, 19}, -1, 1000, 100, {1, -1, 0}},
       // The removed gamma belongs to B00, but B01 is the last level-2 coefficient of the intercept: nothing comes back.
