@@ -29,6 +29,14 @@ everything = {
     # Thresholds and categories.
     "ordinal": work.edited("ordinal-few.kdr", "ordinal.kdr", STOPMACRO="0.01"),
 }
+for file in (ROOT / "examples" / "melanoma").iterdir():
+    shutil.copy(file, work.folder)
+work.run("-r", "melanoma.mdmt")
+everything |= {
+    # Counts with exposure and over-dispersion, few level-3 units, hypotheses, the list of files.
+    "deaths": work.edited("deaths-all.kdr", "deaths.kdr", FULLOUTPUT="Y", FIXSIGMA2="N", TAYLOR="4", POPAVIT="5", GAMMA1="0,1",
+                          **{"PRINTVARIANCE-COVARIANCE": "Y"}),
+}
 for file in (ROOT / "tests" / "reference" / "nonlinear").iterdir():
     shutil.copy(file, work.folder)
 work.run("-r", "nonlin.mdmt")
@@ -39,7 +47,7 @@ everything |= {
     "engines": work.edited("engines.kdr", "BERNI.kdr", STOPMACRO="0.01", LAPLACE="Y,3", AGQ="Y,3,5", FULLOUTPUT="Y",
                            **{"PRINTVARIANCE-COVARIANCE": "Y"}),
 }
-mdm = {"multinomial": "nonlin.mdm", "engines": "nonlin.mdm"}
+mdm = {"deaths": "melanoma.mdm", "multinomial": "nonlin.mdm", "engines": "nonlin.mdm"}
 
 
 def compare(file, made):

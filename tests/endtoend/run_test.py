@@ -113,6 +113,11 @@ def failures():
     check(done.returncode == 0 and "WARNING: the iterations were stopped prior to convergence." in work.read("f5.txt"),
           "the limit with a warning")
     ends(work.run("chem97.mdm", "f5.kdr", "-strict", answers="n\n"), 20, "stopped prior to convergence.", "-strict at the limit")
+    # A criterion so loose that the second iteration meets it, far from the maximum.
+    work.edited("loose.kdr", "f5.kdr", STOPVAL="50", NUMIT="500,N", OUTPUT="loose.txt")
+    ends(work.run("chem97.mdm", "loose.kdr", "-strict"), 20, "have not settled", "-strict with a criterion that is too loose")
+    check("small change in likelihood function\nWARNING: the variance components have not settled" in work.read("loose.txt"),
+          "no warning under a criterion that is too loose")
     ends(work.run("chem97.mdm", "f5.kdr", answers="y\n"), 0, "Setting number of iterations to 10000.\n\n", "going on at the limit")
     ends(work.run("chem97.mdm", "f5.kdr"), 100, "Unable to get a proper response!", "end of input at the limit")
     ends(work.run("chem97.mdm", work.edited("f7.kdr", "model1.kdr", OUTPUT="nowhere/r.txt")), 100,

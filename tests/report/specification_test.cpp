@@ -108,7 +108,7 @@ INSTANTIATE_TEST_SUITE_P(
                                "\tProb(Y=1|B) = P\n\n\tlog[P/(1-P)] = ", "sigma^2/[P(1-P)]"},
                     FamilyCase{1, true, 1.0, "Binomial",
                                "\tE(Y|B) = N*P\n\tV(Y|B) = N*P(1-P)\n\n\tlog[P/(1-P)] = ", "1/[N*P(1-P)]"},
-                    FamilyCase{2, false, 1.0, "Poisson", "\tE(Y|B) = L\n\tV(Y|B) = L\n\n\tlog[L] = ", "1/L"},
+                    FamilyCase{2, false, 2.5, "Poisson", "\tE(Y|B) = L\n\tV(Y|B) = L\n\n\tlog[L] = ", "2.5/L"},
                     FamilyCase{2, true, 1.0, "Poisson", "\tE(Y|B) = N*L\n\tV(Y|B) = N*L\n\n\tlog[L] = ", "1/(N*L)"}));
 
 TEST(Symbols, OtherKindsOfStudies) {
