@@ -35,10 +35,7 @@ def block(c, what, table, prefix, want):
         got = table['%s%d' % (prefix, i + 1)]
         c.equal('%s %s%d: number' % (what, prefix, i + 1), len(got), len(want))
         for k, (x, row) in enumerate(zip(got, want)):
-            if row is None:
-                c.equal('%s %s%d of unit %d' % (what, prefix, i + 1, k), x, None)
-            else:
-                c.near('%s %s%d of unit %d' % (what, prefix, i + 1, k), x, row[i], 3e-5, 1e-6)
+            c.same('%s %s%d of unit %d' % (what, prefix, i + 1, k), x, row and row[i], 3e-5, 1e-6)
     c.equal('%s: columns %s' % (what, prefix), '%s%d' % (prefix, width + 1) in table, False)
 
 

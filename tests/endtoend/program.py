@@ -111,6 +111,13 @@ class Checks:
         else:
             self(abs(got - want) <= allowed, f"{what} is {got:.8g}, expected {want:.8g} (allowed difference {allowed:.2g})")
 
+    def same(self, what, got, want, absolute, relative=0.0):
+        """Numbers near, texts and missing values equal."""
+        if want is None or isinstance(want, str):
+            self.equal(what, got, want)
+        else:
+            self.near(what, got, want, absolute, relative)
+
     def matrix(self, what, got, want, absolute, relative):
         if got is None or [len(x) for x in got] != [len(x) for x in want]:
             return self(False, f"{what} has another shape or is missing: {got!r}")
