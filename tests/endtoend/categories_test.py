@@ -73,8 +73,8 @@ def main():
              for n, kind in (('M3W', 'multinomial'), ('O3W', 'ordinal'))]
     jobs += [('working data of M3', pql.workingjob(program, large, 'M3', 'multinomial', 'large'))]
     jobs += [('residual files of ' + n, pql.residualsjob(program, made, n, THREE[n])) for n in ('M3W', 'O3', 'O3W')]
-    return pql.each(program, jobs, pick)
+    pql.each(jobs, pick)
 
 
 if __name__ == '__main__':
-    sys.exit(main())
+    main()

@@ -10,55 +10,22 @@ import subprocess
 import sys
 
 import report
-from program import Checks, Workplace, body
+from program import NOFEATURES, NOFILES, Checks, Workplace, body, template
 from residualfiles import read, readgraph
 
 check = Checks()
 work = Workplace(sys.argv[1])
 
-TEMPLATE = """#KDR3 MDM CREATION TEMPLATE
-rawdattype:ascii
-l1fname:m1.dat
-l2fname:m2.dat
-l3fname:m3.dat
-numl1var:5
-numl2var:1
-numl3var:1
-l1format:(2A4,5F12.4)
-l2format:(2A4,F12.4)
-l3format:(A4,F12.4)
-l1missing:n
-timeofdeletion:now
-mdmname:m.mdm
-*begin l1vars
-Y
-COUNT
-N
-GRADE
-X
-*end l1vars
-*begin l2vars
-Z
-*end l2vars
-*begin l3vars
-Q
-*end l3vars
-"""
+TEMPLATE = template("m.mdm", ("m1.dat", "m2.dat", "m3.dat"), ("(2A4,5F12.4)", "(2A4,F12.4)", "(A4,F12.4)"),
+                    (["Y", "COUNT", "N", "GRADE", "X"], ["Z"], ["Q"]))
 MODEL = """NONLIN:{kind}
 MACROIT:{macroit}
 MICROIT:50
 FIXSIGMA2:1
-{more}{equations}LEVEL1DELETION:NONE
-RESFIL1:N
-RESFIL2:N
-RESFIL3:N
-CONSTRAIN:N
-HYPOTH:N
-LVR-BETA:N
-FULLOUTPUT:N
+{more}{equations}FULLOUTPUT:N
 TITLE:loop
 OUTPUT:out.{form}
-"""
+""" + NOFILES + NOFEATURES
 EQUATIONS = """LEVEL1:{y}=INTRCPT1+X{cuts}+RANDOM
 LEVEL2:INTRCPT1=INTRCPT2+Z,2+RANDOM/
 LEVEL3:INTRCPT2=INTRCPT3+RANDOM/

@@ -164,8 +164,8 @@ def main():
     jobs += [('residual files of ' + name, pql.residualsjob(program, made, name, COUNTS[name]))
              for name in ('BINW', 'POIS', 'EXP', 'EXPW')]
     jobs += [('graph file of ' + name, graph(program, made, name)) for name in ('BINW', 'EXP')]
-    return pql.each(program, jobs, pick)
+    pql.each(jobs, pick)
 
 
 if __name__ == '__main__':
-    sys.exit(main())
+    main()
