@@ -350,8 +350,8 @@ bool fisherfull(Pass& pass, FisherWork& fisher, Likelihood& likelihood, bool clo
   const Inverses inv = invert(pass);
   PosteriorSums sums;
   if (!sweepinformation(pass, inv, !closing, sums, fisher) || !invertinformation(fisher, true)) return false;
-  if (closing) return true;
   fillscore(pass, inv, sums, fisher);
+  if (closing) return true;
   const double current = loglikelihood(pass, sums, inv.logdetT, inv.logdetL);
   if (!glsupdate(pass, sums)) return false;
   likelihood = {likelihood.current, current};

@@ -15,30 +15,12 @@ namespace kdr {
 
 namespace {
 
-// Calls use(k, inverse) for each level-3 unit with the inverse of E_k = Z2'Z2 - sum_j Z2'Z1 C_j^-1 Z1'Z2, or with null
-// when it is not usable.
+// Calls use(k, inverse) for each level-3 unit with the inverse of pass.within, or with null when it is not usable.
 template <class Use>
 void eachwithin(Pass& pass, Use use) {
-  const int b = pass.b, p = pass.p, nb = pass.nbeta;
-  Array<double> E(square(b)), inverse(square(b)), C(square(p)), R(at(b) * at(p));
-  sweepunits(
-      pass.n2of,
-      [&](int k) {
-        const double* BB = pass.sumBB.row(k);
-        for (int i = 0; i < b; ++i)
-          for (int j = 0; j < b; ++j) E[i * b + j] = BB[i * nb + j];
-      },
-      [&](int, std::size_t, const double* hot) {
-        const double* Z2Z1 = hot + pass.store.atBZ1;  // its first b rows
-        unpack(p, hot + pass.store.atCinv, C.data());
-        mulAB(R.data(), Z2Z1, C.data(), b, p, p);
-        subABt(E.data(), R.data(), Z2Z1, b, b, p);
-      },
-      [&](int k) {
-        scale(E.data(), b, b, b, pass.scale3[k] * pass.scale3[k]);
-        use(k, invertcovariance(E.data(), b, inverse.data()) ? inverse.data() : nullptr);
-      },
-      reading(pass.store.hot));
+  Array<double> inverse(square(pass.b));
+  for (int k = 0; k < run.mdm.nunits3; ++k)
+    use(k, invertcovariance(pass.within.row(k), pass.b, inverse.data()) ? inverse.data() : nullptr);
 }
 
 // theta* = W3 gamma + z v of level-3 unit k: what the level-2 units of k are compared with.
@@ -70,6 +52,28 @@ Array<double> errormatrix(const FisherWork& fisher, std::size_t first, int n) {
   return matrix;
 }
 
+// What a scoring step from the estimates would move, in standard errors: the largest over its elements. A step that
+// leaves the space of covariance matrices is halved, as the iterations halve it.
+double stepleft(const Pass& pass, const FisherWork& fisher) {
+  constexpr int tries = 6;
+  const Array<double> d = scoringdirection(fisher);
+  double largest = 0.0;
+  for (std::size_t i = 0; i < d.size(); ++i) {
+    const double variance = fisher.invinformation[i * d.size() + i];
+    if (variance > 0.0) largest = std::max(largest, std::fabs(d[i]) / std::sqrt(variance));
+  }
+  double factor = 1.0;
+  for (int t = 1; t < tries; ++t, factor *= 0.5) {
+    Array<double> taupi = run.est.taupi.copy(), taubeta = run.est.taubeta.copy();
+    addtriangle(taupi.data(), pass.p, d.data(), factor);
+    addtriangle(taubeta.data(), pass.b, d.data() + packedsize(pass.p), factor);
+    if (run.est.sigma2 + factor * d[d.size() - 1] > 0.0 && usablecovariance(taupi.data(), pass.p) &&
+        usablecovariance(taubeta.data(), pass.b))
+      break;
+  }
+  return factor * largest;
+}
+
 }  // namespace
 
 TauErrors tauerrors(Pass& pass, FisherWork& fisher, Likelihood& likelihood) {
@@ -87,6 +91,7 @@ TauErrors tauerrors(Pass& pass, FisherWork& fisher, Likelihood& likelihood) {
                 errors.covariance.data() + i * errors.order);
   errors.sigma2variance = std::fabs(fisher.invinformation[square(fisher.NT) - 1]);
   errors.sigma2 = std::sqrt(errors.sigma2variance);
+  errors.stepleft = stepleft(pass, fisher);
   return errors;
 }
 
@@ -137,7 +142,7 @@ VarianceTests variancetests(Pass& pass) {
   });
 
   UnitMeans means = makeunitmeans(pass);
-  Array<double> inverse(square(p)), a(at(p)), ols(at(p));
+  Array<double> inverse(square(p)), a(at(p));
   bool usable3 = false;
   sweepunits(
       pass.n2of,
@@ -150,8 +155,11 @@ VarianceTests variancetests(Pass& pass) {
         ++tests.units2;
         unpack(p, cold + pass.store.atinverse, inverse.data());
         residualproduct(pass.store, hot, means.thetastar.data(), a.data());
-        mulAB(ols.data(), inverse.data(), a.data(), p, 1, p);
-        for (int i = 0; i < p; ++i) tests.chisq2[i] += ols[i] * ols[i] / (s * inverse[i * p + i]);
+        for (int i = 0; i < p; ++i) {
+          double ols = 0.0;
+          for (int l = 0; l < p; ++l) ols += inverse[i * p + l] * a[l];
+          tests.chisq2[i] += ols * ols / (s * inverse[i * p + i]);
+        }
       },
       [](int) {}, reading(pass.store.hot), reading(pass.store.cold));
 

@@ -1,10 +1,11 @@
 #include "linear/linearrun.h"
 
-#include <algorithm>
+#include <string>
 
 #include "driver/failures.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
+#include "linear/datapass.h"
 #include "linear/exploratory.h"
 #include "linear/graphdata.h"
 #include "linear/inference.h"
@@ -15,6 +16,7 @@
 #include "linear/variancefiles.h"
 #include "report/modelstatistics.h"
 #include "report/passtables.h"
+#include "report/resultsdocument.h"
 
 namespace kdr {
 
@@ -37,16 +39,13 @@ PassResults linearpass(Pass& pass) {
   RecordUnits units;
   startrecords(units, mdmlayout(true), run.mdm.stream, run.mdm.firstblock);
   if (run.out.resfil1 || run.out.graph) units.working = startworking();
-  PassInput input;
-  input.next = [&units](UnitProducts& unit) {
+  datapass(pass, [&](UnitProducts& unit) {
     if (nextunit(units, unit)) return true;
     if (units.working != nullptr) finishworking(units.working);
     return false;
-  };
-  input.withid = run.out.resfil1 || run.out.resfil2 || run.out.graph;
-  input.withlevel2 = input.withid || haveexploratory();
+  });
   IterationState state;
-  return runpass(pass, input, state);
+  return runpass(pass, state);
 }
 
 void variancefiles(const PassResults& results) {
@@ -74,6 +73,11 @@ PassResults estimatelinear() {
   const bool ordinary = !results.heterogeneous, iterated = results.loglik != missingcode;
   if (iterated && results.ending != Ending::converged)
     notconverged(reportisstdout() ? "" : "\nThe iterations were stopped prior to convergence.\n");
+  if (iterated && ordinary && results.ending == Ending::converged)
+    if (const std::string words = unsettledwords(results); !words.empty()) {
+      notconverged(reportisstdout() ? "" : words + "\n");
+      documentwarning(words);
+    }
   if (ordinary) {
     passtables(results);
     if (!run.files.startvals.empty()) writestartvalues();

@@ -60,6 +60,7 @@ struct Pass {
 
   // The posterior of level 3 at the last step, per unit k.
   UnitTable<double> dinv;    // b squared: D_k^-1; sigma2 times it is the posterior covariance of v_k
+  UnitTable<double> within;  // b squared: D_k without its share of taubeta, Z2'Z2 - sum_j Z2'Z1 C_j^-1 Z1'Z2
   UnitTable<double> vstar;   // [b]: posterior mean, the empirical Bayes residual of level 3
   UnitTable<double> vright;  // [b]: q_k, what D_k^-1 makes vstar from
   // The least-squares residual of level 3, from the variance tests; missingcode at the head of a unit without one.

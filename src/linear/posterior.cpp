@@ -202,6 +202,8 @@ PosteriorResult posteriorsweep(Pass& pass, const PosteriorInput& input, Posterio
         addgeneralised(pass, unit, sums, reducedP, reducedy);
         addunit(pass, input, unit, sums);
         std::copy(unit.E.begin(), unit.E.end(), pass.dinv.row(k));
+        for (int i = 0; i < b; ++i)
+          for (int j = 0; j < b; ++j) pass.within.row(k)[i * b + j] = unit.z * unit.z * unit.P[i * nb + j];
         if (input.keepmeans) {
           std::copy(unit.v.begin(), unit.v.end(), pass.vstar.row(k));
           std::copy(unit.q.begin(), unit.q.end(), pass.vright.row(k));

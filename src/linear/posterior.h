@@ -72,8 +72,8 @@ enum class PosteriorResult { ok, badC, badD, badT };
 // Called once per level-3 unit with its posterior.
 using Level3Visitor = std::function<void(const Level3Posterior& unit)>;
 
-// One sweep. Writes C_j^-1 to the store and E_k to pass.dinv; with keepmeans also u*, vstar and vright. Anything but
-// `ok` says which matrix could not be inverted, and the sums are then of no use.
+// One sweep. Writes C_j^-1 to the store, E_k to pass.dinv and z^2 P_rr to pass.within; with keepmeans also u*, vstar
+// and vright. Anything but `ok` says which matrix could not be inverted, and the sums are then of no use.
 [[nodiscard]] PosteriorResult posteriorsweep(Pass& pass, const PosteriorInput& input, PosteriorSums& sums,
                                              const Level3Visitor& visit = {});
 

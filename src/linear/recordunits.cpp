@@ -8,14 +8,13 @@
 #include "driver/runrecord.h"
 #include "kernel/sizes.h"
 #include "linear/centering.h"
+#include "linear/crossproducts.h"
 #include "linear/deletion.h"
 #include "model/modelwalk.h"
 
 namespace kdr {
 
 namespace {
-
-bool havefactors() { return run.kind.weighted || run.out.autovknown != 0; }
 
 // Unit means over the non-missing values of the records that remain.
 void retakemeans(UnitBlock& unit) {
@@ -90,79 +89,28 @@ double rawfactor(std::size_t record, const double* values) {
   return run.weights.factor1[record] = factor;
 }
 
-// x = (row of A, y) of one record of n columns, times its factors if it has any.
-inline void takerow(RecordUnits& units, const double* values, std::size_t record, bool factors, int n, double* x,
-                    Array<double>& AA2) {
+// The products of the unit at hand; a record is x = (row of A, y), times its factor if it has one.
+void addunit(RecordUnits& units, UnitProducts& products) {
+  products.AA2.fill(0.0);
   const RecordLayout& layout = units.layout;
   const int* column = layout.column.data();
   const double* shift = units.shift.data();
-  for (int c = 0; c + 1 < n; ++c) x[c] = column[c] < 0 ? 1.0 : values[column[c]] - shift[c];
-  x[n - 1] = layout.count < 0 ? values[layout.outcome] : rateof(units, values, record);
-  if (!factors) return;
-  if (layout.weight >= 0) {
-    const double factor = std::sqrt(values[layout.weight]);
-    for (int c = 0; c < n; ++c) x[c] *= factor;
-  }
-  if (!havefactors()) return;
-  const double factor = layout.raw ? rawfactor(record, values) : run.weights.factor1[record];
-  for (int c = 0; c < n; ++c) x[c] *= factor;
-  if (!run.kind.weighted) return;
-  for (int c = 0; c < n; ++c)
-    for (int d = 0; d <= c; ++d) AA2[at(c * n + d)] += factor * factor * x[c] * x[d];
-}
-
-// AA = sum of x x' over the records of the unit.
-void addrecords(RecordUnits& units, UnitProducts& products, bool factors) {
-  const int n = static_cast<int>(units.x.size());
-  double* x = units.x.data();
-  double* AA = products.AA.data();
-  products.AA.fill(0.0);
-  for (std::size_t i = 0; i < at(units.unit.nj); ++i) {
-    takerow(units, units.unit.records.data() + i * at(units.layout.width), units.records + i, factors, n, x,
-            products.AA2);
-    for (int c = 0; c < n; ++c)
-      for (int d = 0; d <= c; ++d) AA[c * n + d] += x[c] * x[d];
-  }
-}
-
-// The same for n = N columns, with the sums in registers: a row of them two by two, so that one above the triangle may
-// be formed too.
-template <int N>
-void addrecords(RecordUnits& units, UnitProducts& products, bool factors) {
-  using Pair = double __attribute__((vector_size(16)));
-  constexpr int pairs = (N + 1) / 2;
-  Pair sums[N][pairs] = {};
-  for (std::size_t i = 0; i < at(units.unit.nj); ++i) {
-    double x[2 * pairs] = {};
-    takerow(units, units.unit.records.data() + i * at(units.layout.width), units.records + i, factors, N, x,
-            products.AA2);
-    for (int c = 0; c < N; ++c)
-      for (int d = 0; d <= c / 2; ++d) sums[c][d] += Pair{x[c], x[c]} * Pair{x[2 * d], x[2 * d + 1]};
-  }
-  for (int c = 0; c < N; ++c)
-    for (int d = 0; d <= c; ++d) products.AA[at(c * N + d)] = sums[c][d / 2][d % 2];
-}
-
-void addunit(RecordUnits& units, UnitProducts& products) {
-  products.AA2.fill(0.0);
-  const bool factors = havefactors() || units.layout.weight >= 0;
-  switch (units.x.size()) {
-    case 2:
-      return addrecords<2>(units, products, factors);
-    case 3:
-      return addrecords<3>(units, products, factors);
-    case 4:
-      return addrecords<4>(units, products, factors);
-    case 5:
-      return addrecords<5>(units, products, factors);
-    case 6:
-      return addrecords<6>(units, products, factors);
-    default:
-      return addrecords(units, products, factors);
-  }
+  const bool factors = havefactors();
+  crossproducts(static_cast<int>(units.x.size()), units.unit.nj, products.AA.data(), units.x.data(),
+                [&](auto n, int i, double* x) {
+                  const double* values = units.unit.records.data() + at(i) * at(layout.width);
+                  const std::size_t record = units.records + at(i);
+                  for (int c = 0; c + 1 < n; ++c) x[c] = column[c] < 0 ? 1.0 : values[column[c]] - shift[c];
+                  x[n - 1] = layout.count < 0 ? values[layout.outcome] : rateof(units, values, record);
+                  if (!factors) return;
+                  const double factor = layout.raw ? rawfactor(record, values) : run.weights.factor1[record];
+                  applyfactor(n, factor, run.kind.weighted, x, products.AA2);
+                });
 }
 
 }  // namespace
+
+bool havefactors() { return run.kind.weighted || run.out.autovknown != 0; }
 
 RecordLayout mdmlayout(bool raw) {
   RecordLayout layout;

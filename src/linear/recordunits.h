@@ -14,22 +14,24 @@ namespace kdr {
 struct RecordLayout {
   int width = 0;      // values of a record
   Array<int> column;  // [npi] place of the predictor of each column of A, -1 for the constant
-  int outcome = 0;    // place of the outcome
+  int outcome = 0;    // place of the outcome, -1: no reader wants it
   int observed = 0;   // place of the outcome as it was read
   int count = -1;     // place of the trials or exposure that divides the outcome, -1: none
-  int weight = -1;    // place of the working weight, -1: none
-  int responses = 0;  // working responses of a record with categories, at the places 0, 1, ...; behind them as many
-                      // linear predictors, indicators and fitted probabilities. 0: one outcome
+  int responses = 0;  // indicators of a record with categories, at the places 0, 1, ...; behind them, where a residual
+                      // file wants them, as many fitted probabilities. 0: one outcome
   bool raw = true;    // blocks as the MDM file has them: with means, before deletion and centering
   Array<int> place;   // [nvar1] place of each level-1 variable of the MDM file, -1: not in the records
 
   [[nodiscard]] RecordLayout copy() const {
-    return {width, column.copy(), outcome, observed, count, weight, responses, raw, place.copy()};
+    return {width, column.copy(), outcome, observed, count, responses, raw, place.copy()};
   }
 };
 
 // The layout of the records of the MDM file, or, not `raw`, of a working data file with the same variables.
 [[nodiscard]] RecordLayout mdmlayout(bool raw);
+
+// Whether the rows of the run have factors sqrt(w)/sqrt(v), which stand in run.weights.factor1.
+[[nodiscard]] bool havefactors();
 
 struct RecordUnits {
   RecordLayout layout;

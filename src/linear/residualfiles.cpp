@@ -83,7 +83,7 @@ void fitvalues(const RecordLayout& layout, const Values& record, double fitted, 
     fit = {outcome - fitted, fitted, sigma};
     return;
   }
-  const double* indicator = record.data() + 2 * M;
+  const double* indicator = record.data();
   const double* probability = indicator + M;
   for (std::size_t c = 0; c < M; ++c) fit.push_back(indicator[c] - probability[c]);
   fit.insert(fit.end(), probability, probability + M);

@@ -10,7 +10,6 @@
 #include "kernel/decompositions.h"
 #include "kernel/products.h"
 #include "kernel/sizes.h"
-#include "linear/datapass.h"
 #include "linear/fixtau.h"
 #include "linear/heterogeneous.h"
 #include "linear/inference.h"
@@ -142,16 +141,16 @@ void beginpass(Pass& pass, const PassPlan& plan) {
   run.est.vgamma.reset(square(pass.g));
   const std::size_t units = at(run.mdm.nunits3);
   pass.dinv.reset(units, square(pass.b));
+  pass.within.reset(units, square(pass.b));
   pass.vstar.reset(units, at(pass.b));
   pass.vright.reset(units, at(pass.b));
 }
 
-PassResults runpass(Pass& pass, const PassInput& input, IterationState& state) {
-  datapass(pass, input.next, input.withid, input.withlevel2);
+PassResults runpass(Pass& pass, IterationState& state, const std::function<double()>& impliedvariance) {
   if (pass.plan.start == nullptr) deletionnote();
   if (pass.plan.kind != PassKind::linear && pass.plan.start == nullptr) markreport();
   const double s = leastsquares(pass);
-  if (pass.plan.kind == PassKind::identity) pass.fixsigma2 = input.impliedvariance();
+  if (pass.plan.kind == PassKind::identity) pass.fixsigma2 = impliedvariance();
   if (pass.plan.kind == PassKind::linear && run.out.fulloutput) reportleastsquares(pass, s);
   if (pass.plan.start == nullptr) {
     startfromdata(pass);

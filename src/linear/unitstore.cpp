@@ -58,6 +58,4 @@ Id getid(const UnitStore& store, const double* cold) {
   return id;
 }
 
-bool usableunit(const UnitStore& store, const double* cold) { return cold[store.atinverse] != missingcode; }
-
 }  // namespace kdr

@@ -14,6 +14,7 @@
 #include <cstddef>
 
 #include "data/mdm.h"
+#include "driver/constants.h"
 #include "linear/recordstream.h"
 
 namespace kdr {
@@ -54,7 +55,9 @@ void putid(const UnitStore& store, double* cold, const Id& id);
 [[nodiscard]] Id getid(const UnitStore& store, const double* cold);
 
 // Whether the level-2 unit of a cold record has a least-squares fit of its own.
-[[nodiscard]] bool usableunit(const UnitStore& store, const double* cold);
+[[nodiscard]] inline bool usableunit(const UnitStore& store, const double* cold) {
+  return cold[store.atinverse] != missingcode;
+}
 
 // Expands a packed symmetric matrix of order n into both triangles, and the reverse.
 inline void unpack(int n, const double* packed, double* full) {

@@ -43,6 +43,10 @@ bool usablecovariance(const double* m, int n) {
 }
 
 bool invertcrossproduct(const double* m, int n, double* inverse, double worst) {
+  if (n == 1 && std::isnormal(m[0]) && m[0] > 0.0) {
+    inverse[0] = 1.0 / m[0];
+    return true;
+  }
   if (invertsymmetric(n, m, inverse).result != 0) return false;
   // The eigenvalues lie between 1/tr(inverse) and tr(m), of the scaled matrix too: where that settles it with a wide
   // margin, as for most units, none is computed.

@@ -43,6 +43,16 @@ void setpath(std::string& path, const std::string& value) {
   path = value;
 }
 
+// The value begins with a number. A word would else be taken for 0, which some keywords have a use for.
+void wantnumber(const char* keyword, const std::string& value) {
+  if (!isreal(value)) stopwith("%s: wants a number, not %s\n", keyword, value.c_str());
+}
+
+void setwhole(int& field, const char* keyword, const std::string& value) {
+  wantnumber(keyword, value);
+  field = wholenumber(value);
+}
+
 void readnumit(CommandReader&, const std::string& value) {
   run.iter.numit = wholenumber(value);
   run.answered.iterations = run.answered.numit = true;
@@ -51,7 +61,9 @@ void readnumit(CommandReader&, const std::string& value) {
 }
 
 void readmacroit(CommandReader&, const std::string& value) {
+  wantnumber("MACROIT", value);
   run.iter.macroit = wholenumber(value);
+  if (run.iter.macroit < 0) stopwith("macroit must be greater than 0!\n");
   setcontinue(value);
 }
 
@@ -84,6 +96,7 @@ void readresults(CommandReader&, const std::string& value) {
 void readpopavit(CommandReader&, const std::string& value) {
   const char letter = firstletter(value);
   if (letter == 'N') return;
+  if (letter != 'Y') wantnumber("POPAVIT", value);
   run.iter.popavit = letter == 'Y' ? 1 : wholenumber(value);
 }
 
@@ -113,17 +126,26 @@ void readagqderivlevel(CommandReader&, const std::string& value) {
 }
 
 void readfixsigma2(CommandReader&, const std::string& value) {
-  if (firstletter(value) != 'N') run.iter.fixsigma2 = realnumber(value);
+  if (firstletter(value) == 'N') return;
+  run.iter.fixsigma2 = realnumber(value);
+  if (!isreal(value) || run.iter.fixsigma2 < 0.0) stopwith("fixsigma2 must be N or a number of 0 or more!\n");
 }
 
 void readstopval(CommandReader&, const std::string& value) {
+  wantnumber("STOPVAL", value);
   run.iter.stopval = realnumber(value);
   run.answered.stopval = true;
 }
 
 void readstopmicro(CommandReader&, const std::string& value) {
+  wantnumber("STOPMICRO", value);
   run.iter.stopval = realnumber(value);
   run.answered.stopmicro = true;
+}
+
+void readstopmacro(CommandReader&, const std::string& value) {
+  wantnumber("STOPMACRO", value);
+  run.iter.stopmacro = realnumber(value);
 }
 
 void readstartvals(CommandReader&, const std::string& value) {
@@ -134,11 +156,13 @@ void readstartvals(CommandReader&, const std::string& value) {
 }
 
 void readdeviance(CommandReader& reader, const std::string& value) {
+  wantnumber("DEVIANCE", value);
   run.out.deviance = realnumber(value);
   run.answered.deviance = reader.deviance = true;
 }
 
 void readdf(CommandReader& reader, const std::string& value) {
+  wantnumber("DF", value);
   run.out.df = wholenumber(value);
   run.answered.deviance = reader.df = true;
 }
@@ -203,7 +227,7 @@ void readresfiltype(CommandReader&, const std::string& value) {
 
 // In the order of comparison: the first match wins.
 constexpr Keyword keywords[] = {
-    {"ACCEL:", 0, [](CommandReader&, const std::string& value) { run.iter.accel = wholenumber(value); }},
+    {"ACCEL:", 0, [](CommandReader&, const std::string& value) { setwhole(run.iter.accel, "ACCEL", value); }},
     {"TAYLOR:", 0, readtaylor},
     {"PRINTVARIANCE-COVARIANCE:", 0, readprintvc},
     {"GRAPHGAMMAS:", 0, readgraph},
@@ -218,12 +242,12 @@ constexpr Keyword keywords[] = {
     {"AGQDERIVLEVEL:", 0, readagqderivlevel},
     {"PLAUSVALS:", 0, readplausvals},
     {"LVR-BETA:", 0, readlvr},
-    {"HETIT:", 0, [](CommandReader&, const std::string& value) { run.iter.hetit = wholenumber(value); }},
+    {"HETIT:", 0, [](CommandReader&, const std::string& value) { setwhole(run.iter.hetit, "HETIT", value); }},
     {"NOBASE:", 0, [](CommandReader&, const std::string&) { run.answered.nobase = true; }},
     {"FIXSIGMA2:", 0, readfixsigma2},
     {"STOPVAL:", 0, readstopval},
     {"STOPMICRO:", 8, readstopmicro},
-    {"STOPMACRO:", 8, [](CommandReader&, const std::string& value) { run.iter.stopmacro = realnumber(value); }},
+    {"STOPMACRO:", 8, readstopmacro},
     {"STARTVALS:", 0, readstartvals},
     {"ESTTAU2:", 0, readesttau2},
     {"ESTTAU3:", 0, readesttau3},
@@ -245,8 +269,8 @@ constexpr Keyword keywords[] = {
     {"LEVEL2WEIGHT:", 0, readweight2},
     {"LEVEL3WEIGHT:", 0, readweight3},
     {"VARIANCEKNOWN:", 0, readvarianceknown},
-    {"FIXTAU2:", 0, [](CommandReader&, const std::string& value) { run.iter.fixtau2 = wholenumber(value); }},
-    {"FIXTAU3:", 0, [](CommandReader&, const std::string& value) { run.iter.fixtau3 = wholenumber(value); }},
+    {"FIXTAU2:", 0, [](CommandReader&, const std::string& value) { setwhole(run.iter.fixtau2, "FIXTAU2", value); }},
+    {"FIXTAU3:", 0, [](CommandReader&, const std::string& value) { setwhole(run.iter.fixtau3, "FIXTAU3", value); }},
     {"LEVEL1:", 0, readlevel1},
     {"RESFIL1:", 0, readresfil1},
     {"RESFIL2:", 0, readresfil2},
@@ -257,7 +281,7 @@ constexpr Keyword keywords[] = {
     {"RESFILTYPE:", 0, readresfiltype},
     {"RESFILRECNUM:", 0, [](CommandReader&, const std::string& value) { setflag(run.out.resfilrecnum, value); }},
     {"RESULTS:", 0, readresults},
-    {"DEBUG:", 0, [](CommandReader&, const std::string& value) { run.iter.debug = wholenumber(value); }},
+    {"DEBUG:", 0, [](CommandReader&, const std::string& value) { setwhole(run.iter.debug, "DEBUG", value); }},
 };
 
 }  // namespace

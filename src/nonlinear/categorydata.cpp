@@ -5,6 +5,8 @@
 
 #include "driver/failures.h"
 #include "kernel/sizes.h"
+#include "linear/datapass.h"
+#include "linear/runpass.h"
 #include "model/modelwalk.h"
 
 namespace kdr {
@@ -16,7 +18,7 @@ RecordLayout stackedlayout() {
   const int M = run.kind.ncat - 1;
   layout.raw = false;
   layout.responses = M;
-  layout.width = 4 * M;
+  layout.width = run.out.resfil1 ? 2 * M : M;
   layout.place.reset(at(run.mdm.nvar1));
   layout.place.fill(-1);
   const auto carry = [&](int v) {
@@ -40,127 +42,41 @@ std::vector<int> responserows() {
   return rows;
 }
 
-// The entry of every column of D that is not 0.
-void predictors(const RecordLayout& layout, const double* record, Array<double>& x) {
-  for (std::size_t c = 0; c < x.size(); ++c) x[c] = layout.column[c] < 0 ? 1.0 : record[layout.column[c]];
+// A data pass over stacked records: the pass that takes them, the working data of the record at hand, and the file.
+struct Stacking {
+  DataFold fold;
+  const RecordLayout& layout;
+  int M;
+  std::vector<int> row;        // [npi] response of each column of D, -1: all of them
+  Array<double> x;             // [npi] the entry of every column of D that is not 0
+  Array<double> eta, p, z;     // [M]
+  Array<double> W, Wz, total;  // M squared, [M], [M]: W times a vector of ones
+  std::FILE* out;              // null, or where the records go
+};
+
+Stacking startstacking(Pass& pass, const PassPlan& plan, const RecordLayout& layout, bool writes) {
+  beginpass(pass, plan);
+  Stacking s{startfold(pass), layout, layout.responses, responserows(), {}, {}, {}, {}, {}, {}, {}, nullptr};
+  s.x.reset(s.row.size());
+  for (Array<double>* values : {&s.eta, &s.p, &s.z, &s.Wz, &s.total}) values->reset(at(s.M));
+  s.W.reset(square(s.M));
+  if (writes) s.out = startworking();
+  return s;
 }
 
-}  // namespace
-
-void preparecategoricaldata(const CategoryTable& table, MacroState& state) {
-  const int M = run.kind.ncat - 1;
-  state.layout = stackedlayout();
-  const RecordLayout& to = state.layout;
-  const std::vector<double> p = startingprobabilities(table);
-  std::vector<double> eta(p.size());
-  double last = 1.0;
-  for (const double x : p) last -= x;
-  for (std::size_t c = 0; c < p.size(); ++c) eta[c] = std::log(p[c] / (run.kind.ordinal ? 1.0 - p[c] : last));
-
-  RecordUnits units;
-  startrecords(units, mdmlayout(true), run.mdm.stream, run.mdm.firstblock);
-  std::FILE* out = startworking();
-  UnitBlock stacked;
-  while (nextblock(units)) {
-    checksignals();
-    const UnitBlock& unit = units.unit;
-    // The outcome before centering; a centered outcome is no category.
-    std::vector<double> outcomes(at(unit.nj));
-    for (std::size_t i = 0; i < outcomes.size(); ++i)
-      outcomes[i] = unit.records[i * at(units.layout.width) + at(units.layout.observed)];
-    centerblock(units);
-    if (stacked.records.size() < at(unit.nj) * at(to.width)) stacked.records.reset(at(unit.nj) * at(to.width));
-    for (std::size_t i = 0; i < outcomes.size(); ++i) {
-      const double* values = unit.records.data() + i * at(units.layout.width);
-      double* row = stacked.records.data() + i * at(to.width);
-      double* indicator = row + 2 * M;
-      for (int c = 0; c < M; ++c) {
-        const double value = table.value[at(c)];
-        indicator[c] = (run.kind.ordinal ? outcomes[i] <= value : outcomes[i] == value) ? 1.0 : 0.0;
-      }
-      std::copy(eta.begin(), eta.end(), row + M);
-      std::copy(p.begin(), p.end(), row + 3 * M);
-      if (!workingresponses(eta.data(), indicator, p.data(), M, row)) nearsingular();
-      for (std::size_t v = 0; v < to.place.size(); ++v)
-        if (to.place[v] >= 0) row[to.place[v]] = values[v];
-      if (run.kind.weighted) run.weights.factor1[units.records + i] = std::sqrt(run.weights.weight1[units.records + i]);
-    }
-    units.records += outcomes.size();
-    stacked.nj = unit.nj;
-    stacked.id2 = unit.id2;
-    stacked.id3 = unit.id3;
-    if (stacked.level2.size() != unit.level2.size()) stacked.level2.reset(unit.level2.size());
-    std::copy(unit.level2.begin(), unit.level2.end(), stacked.level2.begin());
-    writeunit(out, stacked, to.width, run.mdm.nvar2, false);
-  }
-  finishworking(out);
+void takepredictors(Stacking& s, const double* record) {
+  for (std::size_t c = 0; c < s.x.size(); ++c) s.x[c] = s.layout.column[c] < 0 ? 1.0 : record[s.layout.column[c]];
 }
 
-void updatecategoricaldata(Pass& pass, MacroState& state) {
-  constexpr double limit = 30.0, restart = 2.0;
-  constexpr int lastrestart = 7;
-  const RecordLayout& layout = state.layout;
-  const int M = layout.responses;
-  const std::vector<int> rows = responserows();
-  const Design& design = pass.design;
-  Array<double> weights(design.owner3.size()), theta(at(pass.nbeta)), thetastar(at(pass.nbeta)), beta(at(pass.npi));
-  Array<double> x(at(pass.npi));
-  std::FILE* out = startworking();
-  UnitReader reader;
-  startunits(reader, run.files.working, 0, layout.width, run.mdm.nvar2, false);
-  UnitBlock unit;
-  const auto updaterecord = [&](double* record) {
-    double *z = record, *eta = record + M, *indicator = record + 2 * M, *p = record + 3 * M;
-    predictors(layout, record, x);
-    std::fill_n(eta, M, 0.0);
-    double common = 0.0;  // of the columns that stand in all rows
-    for (std::size_t c = 0; c < x.size(); ++c) (rows[c] < 0 ? common : eta[rows[c]]) += x[c] * beta[c];
-    for (int c = 0; c < M; ++c) {
-      eta[c] += common;
-      if (state.macro <= lastrestart && std::fabs(eta[c]) > limit) eta[c] = eta[c] > 0.0 ? restart : -restart;
-    }
-    responseprobabilities(eta, M, p);
-    if (!workingresponses(eta, indicator, p, M, z)) nearsingular();
-  };
-  sweepunits(
-      pass.n2of,
-      [&](int k) {
-        level3weights(pass, k, weights.data());
-        level2means(pass, weights.data(), run.est.gammahat.data(), theta.data());
-        addlevel3effects(pass, k, pass.vstar.row(k), theta.data(), thetastar.data());
-      },
-      [&](int, std::size_t j, const double* hot) {
-        if (!readunit(reader, unit)) stopwith("The working data file is damaged: it is cut off.\n");
-        level2coefficients(pass, unit.level2.data(), thetastar.data(), beta.data());
-        addlevel2effects(pass, j, hot + pass.store.atustar, beta.data());
-        for (int i = 0; i < unit.nj; ++i) updaterecord(unit.records.data() + at(i) * at(layout.width));
-        writeunit(out, unit, layout.width, run.mdm.nvar2, false);
-      },
-      [](int) {}, reading(pass.store.hot));
-  finishworking(out);
-  state.previous = run.est.copy();
-}
-
-void startcategories(CategoryUnits& units, const RecordLayout& layout) {
-  units.layout = &layout;
-  units.row = responserows();
-  units.W.reset(square(layout.responses));
-  units.Wz.reset(at(layout.responses));
-  units.total.reset(at(layout.responses));
-  units.x.reset(units.row.size());
-  startunits(units.reader, run.files.working, 0, layout.width, run.mdm.nvar2, false);
-}
-
-namespace {
-
-// The products of one record. With the rows r(a), r(b) of the columns a and b of D, (D'WD)_ab = x_a x_b W_r(a)r(b); a
-// column that stands in all rows takes the sums over them.
-void addrecord(CategoryUnits& units, const double* record, double weight, double* AA, double* AA2) {
-  const int M = units.layout->responses, n = static_cast<int>(units.x.size()) + 1;
-  const double* z = record;
-  double* W = units.W.data();
-  predictors(*units.layout, record, units.x);
-  if (!responseweights(record + 3 * M, M, W)) nearsingular();
+// The products of one record whose x, eta and p stand. With the rows r(a), r(b) of the columns a and b of D,
+// (D'WD)_ab = x_a x_b W_r(a)r(b); a column that stands in all rows takes the sums over them.
+void addrecord(Stacking& s, double* record, std::size_t number) {
+  const int M = s.M, n = static_cast<int>(s.x.size()) + 1;
+  double* W = s.W.data();
+  const double* z = s.z.data();
+  if (!workingresponses(s.eta.data(), record, s.p.data(), M, s.z.data()) || !responseweights(s.p.data(), M, W))
+    nearsingular();
+  if (run.out.resfil1) std::copy_n(s.p.data(), M, record + M);
   double all = 0.0, allz = 0.0, zz = 0.0;
   for (int c = 0; c < M; ++c) {
     double sum = 0.0, sumz = 0.0;
@@ -168,50 +84,138 @@ void addrecord(CategoryUnits& units, const double* record, double weight, double
       sum += W[c * M + d];
       sumz += W[c * M + d] * z[d];
     }
-    units.total[c] = sum;
-    units.Wz[c] = sumz;
+    s.total[c] = sum;
+    s.Wz[c] = sumz;
     all += sum;
     allz += sumz;
     zz += z[c] * sumz;
   }
+  const double factor = run.kind.weighted ? run.weights.factor1[number] : 1.0, weight = factor * factor;
+  double* AA = s.fold.unit.AA.data();
+  double* AA2 = run.kind.weighted ? s.fold.unit.AA2.data() : nullptr;
   const auto put = [&](int a, int b, double value) {
     AA[a * n + b] += weight * value;
     if (AA2 != nullptr) AA2[a * n + b] += weight * weight * value;
   };
   for (int a = 0; a + 1 < n; ++a) {
-    const int r = units.row[at(a)];
+    const int r = s.row[at(a)];
     for (int b = 0; b <= a; ++b) {
-      const int s = units.row[at(b)];
-      const double w = r < 0 ? (s < 0 ? all : units.total[s]) : s < 0 ? units.total[r] : W[r * M + s];
-      put(a, b, units.x[a] * units.x[b] * w);
+      const int t = s.row[at(b)];
+      const double w = r < 0 ? (t < 0 ? all : s.total[t]) : t < 0 ? s.total[r] : W[r * M + t];
+      put(a, b, s.x[a] * s.x[b] * w);
     }
-    put(n - 1, a, units.x[a] * (r < 0 ? allz : units.Wz[r]));
+    put(n - 1, a, s.x[a] * (r < 0 ? allz : s.Wz[r]));
   }
   put(n - 1, n - 1, zz);
 }
 
-}  // namespace
-
-bool nextunit(CategoryUnits& units, UnitProducts& products) {
-  UnitBlock& unit = units.unit;
-  if (!readunit(units.reader, unit)) return false;
-  if (units.k < 0 || !sameid(unit.id3, units.current)) {
-    ++units.k;
-    units.current = unit.id3;
-  }
-  products.k = units.k;
+// One level-2 unit of level-3 unit k into the pass and into the file. predict(record) makes eta and p of a record whose
+// x stands.
+template <class Predict>
+void stackunit(Stacking& s, int k, UnitBlock& unit, Predict predict) {
+  UnitProducts& products = s.fold.unit;
+  products.k = k;
   products.nj = unit.nj;
   products.id2 = unit.id2;
   std::copy_n(unit.level2.data(), products.level2.size(), products.level2.data());
   products.AA.fill(0.0);
   products.AA2.fill(0.0);
   for (int i = 0; i < unit.nj; ++i) {
-    const double factor = run.kind.weighted ? run.weights.factor1[units.records + at(i)] : 1.0;
-    addrecord(units, unit.records.data() + at(i) * at(units.layout->width), factor * factor, products.AA.data(),
-              run.kind.weighted ? products.AA2.data() : nullptr);
+    double* record = unit.records.data() + at(i) * at(s.layout.width);
+    takepredictors(s, record);
+    predict();
+    addrecord(s, record, s.fold.records + at(i));
   }
-  units.records += at(unit.nj);
-  return true;
+  foldunit(s.fold);
+  if (s.out != nullptr) writeunit(s.out, unit, s.layout.width, run.mdm.nvar2, false);
+}
+
+void finishstacking(Stacking& s) {
+  finishfold(s.fold);
+  if (s.out != nullptr) finishworking(s.out);
+}
+
+}  // namespace
+
+void preparecategoricaldata(const CategoryTable& table, MacroState& state, Pass& first, const PassPlan& plan) {
+  state.layout = stackedlayout();
+  Stacking s = startstacking(first, plan, state.layout, true);
+  const std::vector<double> p = startingprobabilities(table);
+  double last = 1.0;
+  for (const double x : p) last -= x;
+  for (std::size_t c = 0; c < p.size(); ++c) {
+    s.p[c] = p[c];
+    s.eta[c] = std::log(p[c] / (run.kind.ordinal ? 1.0 - p[c] : last));
+  }
+
+  RecordUnits units;
+  startrecords(units, mdmlayout(true), run.mdm.stream, run.mdm.firstblock);
+  const std::size_t width = at(units.layout.width), newwidth = at(s.layout.width);
+  UnitBlock stacked;
+  stacked.records.reset(at(run.mdm.maxnj) * newwidth);
+  while (nextblock(units)) {
+    const UnitBlock& unit = units.unit;
+    // The outcome before centering; a centered outcome is no category.
+    for (int i = 0; i < unit.nj; ++i) {
+      const double outcome = unit.records[at(i) * width + at(units.layout.observed)];
+      double* indicator = stacked.records.data() + at(i) * newwidth;
+      for (int c = 0; c < s.M; ++c) {
+        const double value = table.value[at(c)];
+        indicator[c] = (run.kind.ordinal ? outcome <= value : outcome == value) ? 1.0 : 0.0;
+      }
+      if (run.kind.weighted) {
+        const std::size_t record = s.fold.records + at(i);
+        run.weights.factor1[record] = std::sqrt(run.weights.weight1[record]);
+      }
+    }
+    centerblock(units);
+    for (int i = 0; i < unit.nj; ++i)
+      for (std::size_t v = 0; v < s.layout.place.size(); ++v)
+        if (s.layout.place[v] >= 0)
+          stacked.records[at(i) * newwidth + at(s.layout.place[v])] = unit.records[at(i) * width + v];
+    stacked.nj = unit.nj;
+    stacked.id2 = unit.id2;
+    stacked.id3 = unit.id3;
+    stacked.level2 = unit.level2.copy();
+    stackunit(s, units.k, stacked, [] {});
+  }
+  finishstacking(s);
+}
+
+void updatecategoricaldata(Pass& pass, MacroState& state, Pass& next, const PassPlan& plan) {
+  constexpr double limit = 30.0, restart = 2.0;
+  constexpr int lastrestart = 7;
+  state.previous = run.est.copy();
+  Stacking s = startstacking(next, plan, state.layout, run.out.resfil1);
+  const Design& design = pass.design;
+  Array<double> weights(design.owner3.size()), theta(at(pass.nbeta)), thetastar(at(pass.nbeta)), beta(at(pass.npi));
+  const auto predict = [&] {
+    s.eta.fill(0.0);
+    double common = 0.0;  // of the columns that stand in all rows
+    for (std::size_t c = 0; c < s.x.size(); ++c) (s.row[c] < 0 ? common : s.eta[s.row[c]]) += s.x[c] * beta[c];
+    for (double& eta : s.eta) {
+      eta += common;
+      if (state.macro <= lastrestart && std::fabs(eta) > limit) eta = eta > 0.0 ? restart : -restart;
+    }
+    responseprobabilities(s.eta.data(), s.M, s.p.data());
+  };
+  startunits(state.reader, run.files.working, 0, s.layout.width, run.mdm.nvar2, false);
+  UnitBlock unit;
+  sweepunits(
+      pass.n2of,
+      [&](int k) {
+        level3weights(pass, k, weights.data());
+        level2means(pass, weights.data(), state.previous.gammahat.data(), theta.data());
+        addlevel3effects(pass, k, pass.vstar.row(k), theta.data(), thetastar.data());
+      },
+      [&](int k, std::size_t j, const double* hot) {
+        if (!readunit(state.reader, unit)) stopwith("The working data file is damaged: it is cut off.\n");
+        level2coefficients(pass, unit.level2.data(), thetastar.data(), beta.data());
+        addlevel2effects(pass, j, hot + pass.store.atustar, beta.data());
+        stackunit(s, k, unit, predict);
+      },
+      [](int) {}, reading(pass.store.hot));
+  finishstacking(s);
 }
 
 }  // namespace kdr

@@ -1,6 +1,7 @@
 #include "nonlinear/categoryloop.h"
 
 #include <cstdio>
+#include <utility>
 
 #include "driver/failures.h"
 #include "driver/reportstream.h"
@@ -18,11 +19,15 @@ namespace kdr {
 
 namespace {
 
-PassResults categorypass(Pass& pass, MacroState& state) {
-  CategoryUnits units;
-  startcategories(units, state.layout);
-  const PassInput input{[&](UnitProducts& unit) { return nextunit(units, unit); }, true, true, {}};
-  return runpass(pass, input, state.iterations);
+PassPlan planof(const MacroState& state, int macro) {
+  PassPlan plan;
+  plan.kind = PassKind::categories;
+  plan.macro = macro;
+  plan.limit = run.iter.numit;
+  plan.stopval = run.iter.stopval;
+  plan.fixsigma2 = 1.0;
+  if (macro > 1) plan.start = &state.previous;
+  return plan;
 }
 
 void closephase(Pass& pass, MacroState& state, const PassResults& results) {
@@ -40,20 +45,12 @@ void closephase(Pass& pass, MacroState& state, const PassResults& results) {
 PassResults estimatecategories(const CategoryTable& table, void (*store)(const PassResults&)) {
   MacroState state;
   state.left = run.iter.macroit;
-  preparecategoricaldata(table, state);
+  Pass pass;
+  preparecategoricaldata(table, state, pass, planof(state, 1));
   holdinterrupts();
   for (bool first = true;; first = false) {
-    Pass pass;
     beginmacro(state);
-    PassPlan plan;
-    plan.kind = PassKind::categories;
-    plan.macro = state.macro;
-    plan.limit = run.iter.numit;
-    plan.stopval = run.iter.stopval;
-    plan.fixsigma2 = 1.0;
-    if (!first) plan.start = &state.previous;
-    beginpass(pass, plan);
-    PassResults results = categorypass(pass, state);
+    PassResults results = runpass(pass, state.iterations);
     passtables(results);
     store(results);
     if (!run.files.startvals.empty()) writestartvalues();
@@ -64,7 +61,9 @@ PassResults estimatecategories(const CategoryTable& table, void (*store)(const P
       std::printf("\n");
       return results;
     }
-    updatecategoricaldata(pass, state);
+    Pass next;
+    updatecategoricaldata(pass, state, next, planof(state, state.macro + 1));
+    pass = std::move(next);
     cutreport();
   }
 }

@@ -13,28 +13,9 @@ Linked linkedfitted(Family family, double fitted) {
   return {std::log(mu), mu, mu};
 }
 
-Linked linked(Family family, double eta) {
-  if (family == Family::binomial) {
-    const LogitMean mean = logitmean(eta);
-    return {eta, mean.mu, mean.variance};
-  }
-  const double mu = std::exp(eta);
-  return {eta, mu, mu};
-}
-
 Linked linkedcapped(double eta, double cap) {
   const Linked record = linked(Family::poisson, eta);
   return record.mu > cap ? Linked{std::log(cap), cap, cap} : record;
-}
-
-bool strayed(double eta) { return eta < -60.0 || eta > 60.0; }
-
-double broughtback(double eta) { return eta < 0.0 ? -2.0 : 2.0; }
-
-Working workingvalues(const Linked& record, double y, double n) {
-  constexpr double largest = 999999.0;
-  const double w = record.variance * n;
-  return {std::min(w, largest), record.eta + (y - record.mu * n) / w};
 }
 
 Density density(Family family, double eta, double y, double n, double constant) {

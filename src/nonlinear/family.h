@@ -2,6 +2,7 @@
 // the logit, and the log-density. Functions of one record.
 #pragma once
 
+#include <algorithm>
 #include <cmath>
 
 namespace kdr {
@@ -45,20 +46,32 @@ struct Linked {
 // for the logit, 0.001 and above for the log.
 [[nodiscard]] Linked linkedfitted(Family family, double fitted);
 // From the linear predictor.
-[[nodiscard]] Linked linked(Family family, double eta);
+[[nodiscard]] inline Linked linked(Family family, double eta) {
+  if (family == Family::binomial) {
+    const LogitMean mean = logitmean(eta);
+    return {eta, mean.mu, mean.variance};
+  }
+  const double mu = std::exp(eta);
+  return {eta, mu, mu};
+}
 // From the logarithm of a Poisson mean that may not exceed `cap`.
 [[nodiscard]] Linked linkedcapped(double eta, double cap);
 
 // Whether a logit lies outside -60 to 60, and the value, -2 or 2, that such a record starts again from.
-[[nodiscard]] bool strayed(double eta);
-[[nodiscard]] double broughtback(double eta);
+[[nodiscard]] inline bool strayed(double eta) { return eta < -60.0 || eta > 60.0; }
+[[nodiscard]] inline double broughtback(double eta) { return eta < 0.0 ? -2.0 : 2.0; }
 
 // Working weight and working dependent variable of iteratively reweighted least squares (McCullagh and Nelder, 1989,
-// 2.5), n trials or exposure:  w = n variance,  z = eta + (y - n mu) / w. The weight handed out is held to 999999.
+// 2.5), n trials or exposure:  w = n variance,  z = eta + (y - n mu) / w. The weight handed out is held to
+// largestweight.
 struct Working {
   double weight, z;
 };
-[[nodiscard]] Working workingvalues(const Linked& record, double y, double n);
+constexpr double largestweight = 999999.0;
+[[nodiscard]] inline Working workingvalues(const Linked& record, double y, double n) {
+  const double w = record.variance * n;
+  return {std::min(w, largestweight), record.eta + (y - record.mu * n) / w};
+}
 
 // Log-density of the count y at the linear predictor eta, which is held to -700 to 700, with the first two derivatives
 // by eta: `residual`, and `weight` with its sign turned.

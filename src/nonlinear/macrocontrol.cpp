@@ -3,10 +3,12 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "driver/failures.h"
 #include "driver/questions.h"
 #include "driver/reportstream.h"
 #include "kernel/sizes.h"
 #include "nonlinear/macrotest.h"
+#include "report/passtables.h"
 #include "report/resultsdocument.h"
 
 namespace kdr {
@@ -31,12 +33,20 @@ bool closeatlimit(MacroState& state) {
     return false;
   }
   notconverged("The macro iterations were stopped prior to convergence.\n");
-  reporthtml("<b>");
-  reportline("WARNING: the macro iterations were stopped prior to convergence.");
-  report("You may want to re-run the analysis with a higher number of macro iterations.");
-  reporthtml("</b>");
-  reportbreak();
+  reportwarning(
+      "WARNING: the macro iterations were stopped prior to convergence.\n"
+      "You may want to re-run the analysis with a higher number of macro iterations.");
   return true;
+}
+
+// Micro iterations that stop early can leave the variance components so slow that the macro test takes it for standing
+// still, or that no number of macro iterations is enough.
+void warnunsettled(const PassResults& results) {
+  const std::string words = unsettledwords(results);
+  if (words.empty()) return;
+  notconverged(words + "\n");
+  documentwarning(words);
+  reportwarning(words);
 }
 
 }  // namespace
@@ -50,16 +60,26 @@ void beginmacro(MacroState& state) {
 bool phasecloses(MacroState& state, const PassResults& results, bool first) {
   const bool converged =
       !first && macrotest(parametersof(results.est), parametersof(state.previous), run.iter.stopmacro);
+  const bool stopped = results.ending == Ending::keyboard;
   if (results.kind != PassKind::identity) documentending(converged);
   if (converged) std::printf("The macro iterations have converged at iteration %d.\n", state.macro);
-  if (converged) return true;
-  if (results.ending == Ending::keyboard) {
+  if (!converged && stopped) {
     notconverged("The macro iterations were stopped from the keyboard, prior to convergence.\n");
+    endingwords(results);
+  }
+  if (converged || stopped || (state.left <= 1 && closeatlimit(state))) {
+    warnunsettled(results);
     return true;
   }
-  if (state.left <= 1 && closeatlimit(state)) return true;
   --state.left;
   return false;
+}
+
+void averagecloses(const PassResults& results) {
+  const bool unfinished = results.ending == Ending::limit && results.fixsigma2 == 0.0;
+  if (results.ending != Ending::keyboard && !unfinished) return;
+  notconverged("The iterations of the population average were stopped prior to convergence.\n");
+  endingwords(results);
 }
 
 Array<double> graphgammas(const MacroState& state) {

@@ -14,6 +14,10 @@ void beginmacro(MacroState& state);
 // numitcontinue tells, or the report gets a warning. Counts the allowance down when the phase goes on.
 [[nodiscard]] bool phasecloses(MacroState& state, const PassResults& results, bool first);
 
+// The end of the population-average pass: words for one that was stopped before it had converged. While sigma^2 is
+// held, its first iteration gives the fixed effects, and the limit cuts off nothing.
+void averagecloses(const PassResults& results);
+
 // The fixed effects of the phases for the graph data file, ngamma each, one behind the other.
 [[nodiscard]] Array<double> graphgammas(const MacroState& state);
 

@@ -6,9 +6,11 @@
 #include <vector>
 
 #include "driver/failures.h"
+#include "driver/formatted.h"
 #include "driver/questions.h"
 #include "driver/reportstream.h"
 #include "kernel/sizes.h"
+#include "linear/datapass.h"
 #include "linear/exploratory.h"
 #include "linear/graphdata.h"
 #include "linear/residualfiles.h"
@@ -35,48 +37,50 @@ double impliedvariance(double mean) {
   return mean * (1.0 - mean);
 }
 
-PassPlan planof(const MacroState& state, PassKind kind) {
+PassPlan planof(const MacroState& state, PassKind kind, int macro) {
   PassPlan plan;
   plan.kind = kind;
-  plan.macro = state.macro;
+  plan.macro = macro;
   plan.limit = run.iter.numit;
   plan.stopval = run.iter.stopval;
   plan.fixsigma2 = run.iter.fixsigma2;
   if (kind != PassKind::identity) plan.start = &state.previous;
+  plan.freshgamma = kind == PassKind::pql && macro == 2;
   return plan;
 }
 
 // A pass over the blocks of the MDM file, which become the first working data file.
 PassResults identitypass(Pass& pass, MacroState& state) {
+  beginpass(pass, planof(state, PassKind::identity, state.macro));
   RecordUnits units;
   startrecords(units, mdmlayout(true), run.mdm.stream, run.mdm.firstblock);
   units.working = startworking();
   if (run.kind.nlcount) state.counts.reset(at(run.mdm.numl1rec));
   units.counts = run.kind.nlcount ? &state.counts : nullptr;
   double outcomes = 0.0, counts = 0.0;
-  const PassInput input{[&](UnitProducts& unit) {
-                          if (!nextunit(units, unit)) {
-                            finishworking(units.working);
-                            return false;
-                          }
-                          for (std::size_t i = 0; i < at(unit.nj); ++i) {
-                            const double* record = units.unit.records.data() + i * at(units.layout.width);
-                            outcomes += record[units.layout.observed];
-                            counts += run.kind.nlcount ? record[units.layout.count] : 1.0;
-                          }
-                          return true;
-                        },
-                        true, true, [&] { return impliedvariance(state.mean = outcomes / counts); }};
+  datapass(pass, [&](UnitProducts& unit) {
+    if (!nextunit(units, unit)) {
+      finishworking(units.working);
+      return false;
+    }
+    for (std::size_t i = 0; i < at(unit.nj); ++i) {
+      const double* record = units.unit.records.data() + i * at(units.layout.width);
+      outcomes += record[units.layout.observed];
+      counts += run.kind.nlcount ? record[units.layout.count] : 1.0;
+    }
+    return true;
+  });
   state.layout = mdmlayout(false);
-  return runpass(pass, input, state.iterations);
+  return runpass(pass, state.iterations, [&] { return impliedvariance(state.mean = outcomes / counts); });
 }
 
+// A pass over working data, whose data pass is done.
 PassResults workingpass(Pass& pass, MacroState& state) {
-  RecordUnits units;
-  RecordLayout layout = state.layout.copy();
-  startrecords(units, std::move(layout), run.files.working, 0);
-  const PassInput input{[&](UnitProducts& unit) { return nextunit(units, unit); }, true, true, {}};
-  return runpass(pass, input, state.iterations);
+  PassResults results = runpass(pass, state.iterations);
+  if (state.limited > 0)
+    results.warnings.push_back(
+        formatted("WARNING: the working weights of %d records were held at %.0f.", state.limited, largestweight));
+  return results;
 }
 
 // From the scale of the outcome to that of the link: the taus of an identity pass over the square of the derivative.
@@ -88,6 +92,7 @@ void rescaletaus(MacroState& state) {
 
 // The end of the unit-specific phase.
 void closephase(Pass& pass, MacroState& state, const PassResults& results) {
+  for (const std::string& warning : results.warnings) std::printf("%s\n", warning.c_str());
   state.unitspecificgamma = run.est.gammahat.copy();
   if (wantresidualfiles()) writeresidualfiles(pass, state.layout);
   markreport();
@@ -106,13 +111,12 @@ void closephase(Pass& pass, MacroState& state, const PassResults& results) {
   }
 }
 
-// The population-average pass and its files.
-void averagephase(MacroState& state, void (*store)(const PassResults&)) {
-  Pass pass;
+// The population-average pass, whose data pass is done, and its files.
+void averagephase(Pass& pass, MacroState& state, void (*store)(const PassResults&)) {
   beginmacro(state);
-  beginpass(pass, planof(state, PassKind::populationaverage));
   const PassResults results = workingpass(pass, state);
   passtables(results);
+  averagecloses(results);
   store(results);
   if (run.out.printvc != 0) {
     if (run.iter.popavit <= 1) writegammafile(robustpopulationgammafile, results.est.gammahat, results.robust);
@@ -127,12 +131,9 @@ PassResults estimatenonlinear(void (*store)(const PassResults&)) {
   MacroState state;
   state.left = run.iter.macroit;
   holdinterrupts();
+  Pass pass;
   for (bool first = true;; first = false) {
-    Pass pass;
     beginmacro(state);
-    PassPlan plan = planof(state, first ? PassKind::identity : PassKind::pql);
-    plan.freshgamma = state.macro == 2;
-    beginpass(pass, plan);
     PassResults results = first ? identitypass(pass, state) : workingpass(pass, state);
     passtables(results);
     store(results);  // the next pass of the phase takes its place
@@ -140,13 +141,16 @@ PassResults estimatenonlinear(void (*store)(const PassResults&)) {
     if (!first && haveexploratory()) exploratory(pass);
     const bool closes = phasecloses(state, results, first);
     if (closes) closephase(pass, state, results);
-    prepareworkingdata(pass, state, {first, state.macro == 2, closes});
+    Pass next;
+    prepareworkingdata(pass, state, {first, state.macro == 2, closes}, next,
+                       planof(state, closes ? PassKind::populationaverage : PassKind::pql, state.macro + 1));
     if (first) {
       rescaletaus(state);
       if (!closes) markreport();
     }
+    pass = std::move(next);
     if (!closes) continue;
-    averagephase(state, store);
+    averagephase(pass, state, store);
     releaseinterrupts();
     return results;
   }

@@ -14,6 +14,8 @@ struct MacroState {
   double mean = 0.0;   // of the outcome, or its sum over that of the trials or exposure
 
   RecordLayout layout;        // of the working data file, run.files.working
+  UnitReader reader;          // of the working-data steps
+  int limited = 0;            // records of the working data at hand whose weight is held at the limit
   Array<double> counts;       // trials or exposure of each record; empty when the model has none
   IterationState iterations;  // the failures of accelerated steps count for the whole run
 

@@ -22,7 +22,10 @@ double marginalpredictor(const MarginalCorrection& correction, const double* d, 
   if (correction.family == Family::poisson) return eta + 0.5 * R + 0.5 * Q;
   const double c3 = c2 - c2squared * Q + c2cubed * Q * Q / (1.0 + c2 * Q);
   const double p = (1.0 + c2 * Q) * (1.0 + c3 * R);
-  return p > 0.0 ? std::pow(p, -0.5 * correction.q) * eta : eta;
+  if (!(p > 0.0)) return eta;
+  const double root = std::sqrt(p);
+  for (int i = 0; i < correction.q; ++i) eta /= root;
+  return eta;
 }
 
 }  // namespace kdr

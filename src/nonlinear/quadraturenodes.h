@@ -7,8 +7,8 @@ namespace kdr {
 
 // The n nodes of Gauss-Hermite quadrature (weight function exp(-x^2)), from the largest down, and their weights, by
 // Newton's method on the orthonormal recurrence (Press et al., Numerical Recipes, 4.5). At most n squared passes are
-// made for a root. False when they don't suffice, as for 1 and 2 points, or when searches have ended at roots that are not
-// theirs, as from 199 points on.
+// made for a root. False when they don't suffice, as for 1 and 2 points, or when searches have ended at roots that are
+// not theirs, as from 199 points on.
 [[nodiscard]] bool gauher(int n, double* x, double* w);
 
 // All combinations of one node for each of `dims` dimensions. The first dimension's node changes fastest.

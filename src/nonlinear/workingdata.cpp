@@ -7,6 +7,9 @@
 #include "driver/failures.h"
 #include "driver/reportstream.h"
 #include "kernel/sizes.h"
+#include "linear/crossproducts.h"
+#include "linear/datapass.h"
+#include "linear/runpass.h"
 #include "model/modelwalk.h"
 #include "nonlinear/marginal.h"
 #include "report/stream.h"
@@ -15,16 +18,13 @@ namespace kdr {
 
 namespace {
 
-constexpr int workingcolumns = 3;  // NONLINWT, the outcome, Z
-
-// The layout of the file after the first step: where the columns of A and the wanted variables stand.
+// The layout of the file from the first step on: the outcome, Z where it is wanted, then the columns of A and the
+// wanted variables.
 RecordLayout workinglayout() {
   RecordLayout layout;
   layout.raw = false;
-  layout.weight = 0;
-  layout.observed = 1;
-  layout.outcome = 2;
-  layout.width = workingcolumns;
+  layout.observed = layout.width++;
+  layout.outcome = run.out.resfil1 ? layout.width++ : -1;
   layout.place.reset(at(run.mdm.nvar1));
   layout.place.fill(-1);
   layout.place[at(run.kind.outvar) - 1] = layout.observed;
@@ -41,18 +41,25 @@ RecordLayout workinglayout() {
   return layout;
 }
 
-// The step at hand: the two files, the coefficients of the unit and the rows of the record.
+// The file that a step writes, when it does.
+struct Rewriting {
+  std::FILE* stream = nullptr;
+  RecordLayout layout;
+  UnitBlock unit;
+  Array<double> z;  // of the unit at hand
+};
+
+// The step at hand: the coefficients of the unit and the rows of the record.
 struct Step {
   const WorkingStep& kind;
-  const RecordLayout& from;
-  const RecordLayout& to;
+  const MacroState& state;
   Family family;
-  int macro;
   MarginalCorrection correction;
-  std::vector<int> copied;  // for each column of `to` behind the first three, its place in a record of `from`
   Array<double> weights, theta, thetastar, beta, x, d, e;
+  UnitBlock unit;
   double cap = -1.0;       // the largest rate met so far
-  std::size_t record = 0;  // of the data set
+  std::size_t record = 0;  // of the data set, the first one of the unit
+  int limited = 0;         // records whose weight is held at the limit
 };
 
 [[noreturn]] void badoutcome(const char* words) {
@@ -73,18 +80,12 @@ void checkoutcome(Family family, double y) {
   if (family == Family::poisson && !(y >= 0.0)) badoutcome("non-negative");
 }
 
-// x and the linear predictor x'beta of a record, corrected for the population average.
-double predictor(const Pass& pass, Step& step, const double* values, const double* level2) {
-  double eta = 0.0;
-  for (std::size_t c = 0; c < step.x.size(); ++c) {
-    const int place = step.from.column[c];
-    step.x[c] = place < 0 ? 1.0 : values[place];
-    eta += step.x[c] * step.beta[c];
-  }
-  if (!step.kind.marginal) return eta;
+// The linear predictor of a record, corrected for the population average.
+double corrected(const Pass& pass, Step& step, const double* x, double eta) {
   const Design& design = pass.design;
-  for (std::size_t i = 0; i < step.d.size(); ++i) step.d[i] = step.x[design.random1[i]];
-  for (std::size_t i = 0; i < step.e.size(); ++i) step.e[i] = level2entry(pass, i, level2) * step.x[design.owner2[i]];
+  for (std::size_t i = 0; i < step.d.size(); ++i) step.d[i] = x[design.random1[i]];
+  for (std::size_t i = 0; i < step.e.size(); ++i)
+    step.e[i] = level2entry(pass, i, step.unit.level2.data()) * x[design.owner2[i]];
   return marginalpredictor(step.correction, step.d.data(), step.e.data(), eta);
 }
 
@@ -92,85 +93,137 @@ Linked linkedrecord(const Step& step, double eta) {
   if (step.kind.first) return linkedfitted(step.family, eta);
   if (step.family == Family::binomial && strayed(eta)) {
     constexpr int lastrestart = 7;
-    if (step.macro > lastrestart) cannotestimate();
+    if (step.state.macro > lastrestart) cannotestimate();
     return linked(step.family, broughtback(eta));
   }
   if (step.family == Family::poisson && step.kind.capped && step.cap > 0.0) return linkedcapped(eta, step.cap);
   return linked(step.family, eta);
 }
 
-// The records of the unit, in the new layout, into `out`.
-void convertunit(const Pass& pass, Step& step, const MacroState& state, const UnitBlock& unit, UnitBlock& out) {
-  const auto width = at(step.from.width), newwidth = at(step.to.width);
-  const auto observed = [&](int i) { return unit.records[at(i) * width + at(step.from.observed)]; };
-  const auto count = [&](int i) { return state.counts.empty() ? 1.0 : state.counts[step.record + at(i)]; };
+// What the whole unit tells before its records are gone through.
+void lookover(Step& step) {
+  const MacroState& state = step.state;
+  const auto observed = [&](int i) {
+    return step.unit.records[at(i) * at(state.layout.width) + at(state.layout.observed)];
+  };
   if (step.kind.first && state.counts.empty())
-    for (int i = 0; i < unit.nj; ++i) checkoutcome(step.family, observed(i));
+    for (int i = 0; i < step.unit.nj; ++i) checkoutcome(step.family, observed(i));
   if (step.kind.capped)
-    for (int i = 0; i < unit.nj; ++i) step.cap = std::max(step.cap, observed(i) / count(i));
-  if (out.records.size() < at(unit.nj) * newwidth) out.records.reset(at(unit.nj) * newwidth);
-  for (int i = 0; i < unit.nj; ++i) {
-    const double* values = unit.records.data() + at(i) * width;
-    double* row = out.records.data() + at(i) * newwidth;
-    const Linked record = linkedrecord(step, predictor(pass, step, values, unit.level2.data()));
-    const Working working = workingvalues(record, observed(i), count(i));
-    row[0] = working.weight;
-    row[1] = observed(i);
-    row[2] = working.z;
-    for (std::size_t c = 0; c < step.copied.size(); ++c) row[workingcolumns + c] = values[step.copied[c]];
-  }
-  step.record += at(unit.nj);
-  out.nj = unit.nj;
-  out.id2 = unit.id2;
-  out.id3 = unit.id3;
-  if (out.level2.size() != unit.level2.size()) out.level2.reset(unit.level2.size());
-  std::copy(unit.level2.begin(), unit.level2.end(), out.level2.begin());
+    for (int i = 0; i < step.unit.nj; ++i)
+      step.cap = std::max(step.cap, observed(i) / (state.counts.empty() ? 1.0 : state.counts[step.record + at(i)]));
 }
 
-Step makestep(const Pass& pass, const MacroState& state, const WorkingStep& kind, const RecordLayout& to) {
-  Step step{kind, state.layout, to, familyof(), state.macro, {}, {}, {}, {}, {}, {}, {}, {}, {}};
-  step.correction = {step.family, pass.p, pass.b, run.est.taupi.data(), run.est.taubeta.data()};
-  step.copied.assign(at(to.width) - workingcolumns, 0);
-  for (std::size_t v = 0; v < to.place.size(); ++v)
-    if (to.place[v] >= workingcolumns) step.copied[at(to.place[v]) - workingcolumns] = state.layout.place[v];
+// The products of the unit's working records: a row is (row of A, Z) times the root of its working weight, and times
+// its factor if it has one. z: null, or where Z goes.
+void addunit(const Pass& pass, Step& step, double* z, UnitProducts& products) {
+  const RecordLayout& layout = step.state.layout;
+  const Array<double>& counts = step.state.counts;
+  const int* column = layout.column.data();
+  const double* beta = step.beta.data();
+  const bool factors = havefactors(), plainlogit = !step.kind.first && step.family == Family::binomial;
+  products.AA2.fill(0.0);
+  crossproducts(pass.npi + 1, step.unit.nj, products.AA.data(), step.x.data(), [&](auto n, int i, double* x) {
+    const double* values = step.unit.records.data() + at(i) * at(layout.width);
+    const std::size_t record = step.record + at(i);
+    double eta = 0.0;
+    for (int c = 0; c + 1 < n; ++c) {
+      x[c] = column[c] < 0 ? 1.0 : values[column[c]];
+      eta += x[c] * beta[c];
+    }
+    if (step.kind.marginal) eta = corrected(pass, step, x, eta);
+    const double count = counts.empty() ? 1.0 : counts[record];
+    const Linked link = plainlogit && !strayed(eta) ? linked(Family::binomial, eta) : linkedrecord(step, eta);
+    const Working working = workingvalues(link, values[layout.observed], count);
+    if (working.weight >= largestweight) ++step.limited;
+    if (z != nullptr) z[i] = working.z;
+    const double root = std::sqrt(working.weight);
+    for (int c = 0; c + 1 < n; ++c) x[c] *= root;
+    x[n - 1] = working.z * root;
+    if (factors) applyfactor(n, run.weights.factor1[record], run.kind.weighted, x, products.AA2);
+  });
+}
+
+// The records of the unit in the layout of the file that is written.
+void rewriteunit(const Step& step, Rewriting& to) {
+  const RecordLayout &from = step.state.layout, &layout = to.layout;
+  UnitBlock& out = to.unit;
+  out.nj = step.unit.nj;
+  out.id2 = step.unit.id2;
+  out.id3 = step.unit.id3;
+  out.level2 = step.unit.level2.copy();
+  for (int i = 0; i < out.nj; ++i) {
+    const double* values = step.unit.records.data() + at(i) * at(from.width);
+    double* row = out.records.data() + at(i) * at(layout.width);
+    for (std::size_t v = 0; v < layout.place.size(); ++v)
+      if (layout.place[v] >= 0) row[layout.place[v]] = values[from.place[v]];
+    if (layout.outcome >= 0) row[layout.outcome] = to.z[i];
+  }
+  writeunit(to.stream, out, layout.width, run.mdm.nvar2, false);
+}
+
+Step makestep(const Pass& pass, const MacroState& state, const WorkingStep& kind) {
+  Step step{kind, state, familyof(), {}, {}, {}, {}, {}, {}, {}, {}, {}};
+  step.correction = {step.family, pass.p, pass.b, state.previous.taupi.data(), state.previous.taubeta.data()};
   step.weights.reset(pass.design.owner3.size());
   for (Array<double>* values : {&step.theta, &step.thetastar}) values->reset(at(pass.nbeta));
-  for (Array<double>* values : {&step.beta, &step.x}) values->reset(at(pass.npi));
+  step.beta.reset(at(pass.npi));
+  step.x.reset(at(pass.npi) + 1);
   step.d.reset(at(pass.p));
   step.e.reset(at(pass.b));
   return step;
+}
+
+// The first step drops the variables that the model has no use for. A later one writes only if Z is wanted.
+Rewriting startrewriting(const MacroState& state, const WorkingStep& kind) {
+  Rewriting to;
+  if (!kind.first && (kind.marginal || state.layout.outcome < 0)) return to;
+  to.stream = startworking();
+  to.layout = workinglayout();
+  to.unit.records.reset(at(run.mdm.maxnj) * at(to.layout.width));
+  to.z.reset(at(run.mdm.maxnj));
+  return to;
 }
 
 }  // namespace
 
 Family familyof() { return run.kind.nonlin == 2 ? Family::poisson : Family::binomial; }
 
-void prepareworkingdata(Pass& pass, MacroState& state, const WorkingStep& kind) {
-  RecordLayout to = workinglayout();
-  Step step = makestep(pass, state, kind, to);
-  std::FILE* out = startworking();
-  UnitReader reader;
-  startunits(reader, run.files.working, 0, state.layout.width, run.mdm.nvar2, false);
-  UnitBlock unit, converted;
+void prepareworkingdata(Pass& pass, MacroState& state, const WorkingStep& kind, Pass& next, const PassPlan& plan) {
+  state.previous = run.est.copy();
+  beginpass(next, plan);
+  Step step = makestep(pass, state, kind);
+  Rewriting to = startrewriting(state, kind);
+  startunits(state.reader, run.files.working, 0, state.layout.width, run.mdm.nvar2, false);
+  DataFold fold = startfold(next);
   sweepunits(
       pass.n2of,
       [&](int k) {
         level3weights(pass, k, step.weights.data());
-        level2means(pass, step.weights.data(), run.est.gammahat.data(), step.theta.data());
+        level2means(pass, step.weights.data(), state.previous.gammahat.data(), step.theta.data());
         addlevel3effects(pass, k, pass.vstar.row(k), step.theta.data(), step.thetastar.data());
       },
-      [&](int, std::size_t j, const double* hot) {
-        if (!readunit(reader, unit)) stopwith("The working data file is damaged: it is cut off.\n");
+      [&](int k, std::size_t j, const double* hot) {
+        if (!readunit(state.reader, step.unit)) stopwith("The working data file is damaged: it is cut off.\n");
+        const UnitBlock& unit = step.unit;
         const Array<double>& means = kind.marginal ? step.theta : step.thetastar;
         level2coefficients(pass, unit.level2.data(), means.data(), step.beta.data());
         if (!kind.marginal) addlevel2effects(pass, j, hot + pass.store.atustar, step.beta.data());
-        convertunit(pass, step, state, unit, converted);
-        writeunit(out, converted, to.width, run.mdm.nvar2, false);
+        lookover(step);
+        addunit(pass, step, to.stream == nullptr ? nullptr : to.z.data(), fold.unit);
+        if (to.stream != nullptr) rewriteunit(step, to);
+        fold.unit.k = k;
+        fold.unit.nj = unit.nj;
+        fold.unit.id2 = unit.id2;
+        std::copy_n(unit.level2.data(), fold.unit.level2.size(), fold.unit.level2.data());
+        foldunit(fold);
+        step.record += at(unit.nj);
       },
       [](int) {}, reading(pass.store.hot));
-  finishworking(out);
-  state.layout = std::move(to);
-  state.previous = run.est.copy();
+  finishfold(fold);
+  state.limited = step.limited;
+  if (to.stream == nullptr) return;
+  finishworking(to.stream);
+  state.layout = std::move(to.layout);
 }
 
 }  // namespace kdr

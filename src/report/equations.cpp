@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "driver/formatted.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
 #include "report/modelrows.h"
@@ -282,7 +283,7 @@ void constraintlines(const ModelRows& rows) {
 
 void level1variance() {
   if (!run.kind.nlrun) return;
-  const std::string scale = run.iter.fixsigma2 == 0.0 ? run.sym.symvar1 : "1";
+  const std::string scale = run.iter.fixsigma2 == 0.0 ? run.sym.symvar1 : formatted("%g", run.iter.fixsigma2);
   const std::string p = run.report.html ? ofrecord("<i>&#981;</i>") : "P";
   const std::string l = run.report.html ? ofrecord("&lambda;") : "L";
   const std::string count = run.kind.nlcount ? variable1(run.kind.nlcntvar) : std::string();

@@ -38,6 +38,7 @@ struct TauErrors {
   int order = 0;             // NT - 1, elements of taupi and taubeta
   Array<double> covariance;  // order squared, of the elements of the taus
   double sigma2variance = 0.0;
+  double stepleft = 0.0;  // the farthest that the next scoring step would move an element, in its standard errors
 };
 
 struct Reliabilities {
@@ -83,7 +84,7 @@ struct PassResults {
   Array<double> robust;      // g squared: the cluster sandwich; empty when it is not usable
   bool fewunits = false;     // too few level-3 units for `robust` to be trusted
   VarianceTests tests;
-  std::vector<std::string> warnings;  // of an engine: whole sentences for the head of its results
+  std::vector<std::string> warnings;  // whole sentences for the head of the results
 
   // The taus were not estimated: their tables are those of an earlier pass.
   [[nodiscard]] bool tausstand() const { return kind == PassKind::populationaverage; }

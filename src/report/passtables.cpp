@@ -1,5 +1,6 @@
 #include "report/passtables.h"
 
+#include "driver/formatted.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
 #include "report/fixedtable.h"
@@ -16,24 +17,6 @@ namespace {
 
 bool shown(const PassResults& results) { return run.out.fulloutput || results.kind != PassKind::identity; }
 
-void endwords(const PassResults& results) {
-  switch (results.ending) {
-    case Ending::keyboard:
-      reportline(" Iterations terminated prematurely from the keyboard.");
-      break;
-    case Ending::limit:
-      reporthtml("<b>");
-      reportline("WARNING: the iterations were stopped prior to convergence.");
-      report("You may want to re-run the analysis with a higher number of iterations.");
-      reporthtml("</b>");
-      reportbreak();
-      break;
-    case Ending::converged:
-      reportline("Iterations stopped due to small change in likelihood function");
-      break;
-  }
-}
-
 void heading(const PassResults& results) {
   if (results.kind != PassKind::linear) {
     resultsheading(results.kind, results.macro, results.est.sigma2);
@@ -45,7 +28,7 @@ void heading(const PassResults& results) {
   } else {
     report2("\f******* ITERATION %d *******\n\n", "<h2>Final Results - Iteration %d</h2>", results.iteration);
   }
-  if (results.stopped) endwords(results);
+  if (results.stopped) endingwords(results);
 }
 
 void noerrors(const PassResults& results) {
@@ -154,6 +137,27 @@ void sectionheading(const char* text, const char* html, int rule) {
   reportrule(rule);
 }
 
+void reportwarning(const std::string& lines) {
+  reporthtml("<b>");
+  std::size_t from = 0;
+  for (std::size_t end; (end = lines.find('\n', from)) != std::string::npos; from = end + 1)
+    reportline("%s", lines.substr(from, end - from).c_str());
+  report("%s", lines.substr(from).c_str());
+  reporthtml("</b>");
+  reportbreak();
+}
+
+std::string unsettledwords(const PassResults& results) {
+  constexpr double settled = 0.1;
+  const bool fitted =
+      results.kind == PassKind::linear || results.kind == PassKind::pql || results.kind == PassKind::categories;
+  if (!fitted || results.errors.stepleft < settled) return {};
+  return formatted(
+      "WARNING: the variance components have not settled: the next scoring step would move one of them\n"
+      "by %.1f standard errors. You may want to re-run the analysis with a smaller %s.",
+      results.errors.stepleft, results.kind == PassKind::linear ? "STOPVAL" : "STOPMICRO");
+}
+
 void deletionnote() {
   if (run.mdm.nunits1 == run.mdm.numl1rec) return;
   reportbreak();
@@ -184,8 +188,26 @@ void leastsquarestables(const LeastSquaresResults& results, const FixedDegrees& 
   reportline(" Number of estimated parameters = %4d", g + 1);
 }
 
+void endingwords(const PassResults& results) {
+  switch (results.ending) {
+    case Ending::keyboard:
+      reportline(" Iterations terminated prematurely from the keyboard.");
+      break;
+    case Ending::limit:
+      reportwarning(
+          "WARNING: the iterations were stopped prior to convergence.\n"
+          "You may want to re-run the analysis with a higher number of iterations.");
+      break;
+    case Ending::converged:
+      reportline("Iterations stopped due to small change in likelihood function");
+      if (const std::string words = unsettledwords(results); !words.empty()) reportwarning(words);
+      break;
+  }
+}
+
 void iterationtables(const PassResults& results) {
   heading(results);
+  for (const std::string& warning : results.warnings) reportline("%s", warning.c_str());
   if (shown(results)) {
     noerrors(results);
     sigma2lines(results);

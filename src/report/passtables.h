@@ -4,6 +4,8 @@
 //   populationaverage         the fixed effects, their robust twin and the hypothesis tests
 #pragma once
 
+#include <string>
+
 #include "report/fixedtable.h"
 #include "report/passresults.h"
 
@@ -12,13 +14,21 @@ namespace kdr {
 // A section heading: text over a rule of its length, or <h3>.
 void sectionheading(const char* text, const char* html, int rule);
 
+// Lines in bold.
+void reportwarning(const std::string& lines);
+// A warning of two lines when a scoring step from the estimates would still move a variance component by a tenth of its
+// standard error or more; else empty.
+[[nodiscard]] std::string unsettledwords(const PassResults& results);
+
 // The number of level-1 records that run-time deletion left, when it left any out.
 void deletionnote();
 
 // The section " Least Squares Estimates" of a linear run.
 void leastsquarestables(const LeastSquaresResults& results, const FixedDegrees& degrees);
 
-// What hangs on an iteration: the heading, sigma^2, the taus with their standard errors, correlations and
+// How the iterations ended.
+void endingwords(const PassResults& results);
+// What hangs on an iteration: the heading, the warnings, sigma^2, the taus with their standard errors, correlations and
 // reliabilities, and the log-likelihood of the iteration.
 void iterationtables(const PassResults& results);
 // The fixed effects with their ratios and hypothesis tests, by the covariance of the model.

@@ -360,22 +360,6 @@ TEST(Construction, FilesThatCannotBe) {
   }
 }
 
-// Levels 2 and 3 need IDs only.
-TEST(Construction, LevelsWithoutVariables) {
-  Workplace workplace;
-  const Job job{{{1, 1, {1, 5}}, {1, 2, {3, 7}}}, {{1, 1, {}}, {1, 1, {}}, {1, 2, {}}}, {{1, 0, {}}}};
-  const Outcome outcome = runchild([&] {
-    make(job, 2, 0, 0);
-    run.mdm.stream = openfile("made.mdm", "rb");
-    readmdm();
-    UnitReader reader;
-    UnitBlock block;
-    startunits(reader, run.mdm.stream, run.mdm.firstblock, 2, 0, true);
-    while (readunit(reader, block)) std::printf("%g/%g %g\n", block.id3.number, block.id2.number, block.records[1]);
-  });
-  EXPECT_TRUE(outcome.words.ends_with("1/1 5\n1/2 7\n")) << outcome.words;
-}
-
 TEST(Construction, ProcessedLines) {
   Workplace workplace;
   const Job job{{{1, 2, {2, 2}}}, {{1, 1, {miss}}, {1, 2, {6}}}, {{1, 0, {10}}, {2, 0, {miss}}}};

@@ -6,23 +6,13 @@
 #include <random>
 
 #include "data/child.h"
+#include "data/numberbytes.h"
 #include "data/scratch.h"
 #include "data/unitreader.h"
 #include "driver/failures.h"
 
 namespace kdr {
 namespace {
-
-template <class T>
-std::string bytes(T value) {
-  return {reinterpret_cast<const char*>(&value), sizeof value};
-}
-
-std::string field(const std::string& text, std::size_t width) {
-  std::string padded = text;
-  padded.resize(width, '\0');
-  return padded;
-}
 
 // An MDM file put together field by field: two level-1, one level-2 and two level-3 variables, three units in two
 // level-3 units with 1, 2 and 1 records.
@@ -36,27 +26,27 @@ struct Sample {
   int nj[3] = {1, 2, 1};
 
   [[nodiscard]] std::string id(int n) const {
-    return numeric ? bytes(100.0 + n) : field("          A" + std::to_string(n), 13);
+    return numeric ? lowbytes(100.0 + n) : fixed("          A" + std::to_string(n), 13, '\0');
   }
   [[nodiscard]] std::string file() const {
-    std::string out = "MXKDR3" + bytes(version) + bytes(numl1var) + bytes(numl2var) + bytes(numl3var) +
-                      bytes(numl1rec) + bytes(numl2rec) + bytes(numl3rec) + bytes(l1missing) + bytes(timeofdeletion);
-    if (version > 6.295) out += bytes(mdmtype);
-    out += bytes(numeric ? -rawdattype : rawdattype) + bytes(maxnj);
-    out += field("INTRCPT1    ", 13) + field(name, 13) + field("       Y    ", 13);
-    out += field("INTRCPT2    ", 13) + field("       W    ", 13);
-    out += field("INTRCPT3    ", 13) + field("      Z1    ", 13) + field("      Z2    ", 13);
-    out += bytes(fnamelen);
+    std::string out = "MXKDR3" + lowbytes(version) + lowbytes(numl1var) + lowbytes(numl2var) + lowbytes(numl3var) +
+                      lowbytes(numl1rec) + lowbytes(numl2rec) + lowbytes(numl3rec) + lowbytes(l1missing) + lowbytes(timeofdeletion);
+    if (version > 6.295) out += lowbytes(mdmtype);
+    out += lowbytes(numeric ? -rawdattype : rawdattype) + lowbytes(maxnj);
+    out += fixed("INTRCPT1    ", 13, '\0') + fixed(name, 13, '\0') + fixed("       Y    ", 13, '\0');
+    out += fixed("INTRCPT2    ", 13, '\0') + fixed("       W    ", 13, '\0');
+    out += fixed("INTRCPT3    ", 13, '\0') + fixed("      Z1    ", 13, '\0') + fixed("      Z2    ", 13, '\0');
+    out += lowbytes(fnamelen);
     for (const char* raw : {"one.dat", "two.dat", "three.dat"})
-      out += field(raw, static_cast<std::size_t>(fnamelen > 0 ? fnamelen : 20));
-    for (const double mean : {1.5, 2.5, 3.5, 4.5, 5.5}) out += bytes(mean);
+      out += fixed(raw, static_cast<std::size_t>(fnamelen > 0 ? fnamelen : 20), '\0');
+    for (const double mean : {1.5, 2.5, 3.5, 4.5, 5.5}) out += lowbytes(mean);
     out += id(1) + id(2);
-    for (const double z : {31.0, 32.0, 33.0, 34.0}) out += bytes(z);
+    for (const double z : {31.0, 32.0, 33.0, 34.0}) out += lowbytes(z);
     double next = 0.0;
     for (int j = 0; j < 3; ++j) {
-      out += bytes(nj[j]) + bytes(-1.0 - j) + bytes(-2.0 - j);
-      for (int i = 0; i < 2 * nj[j]; ++i) out += bytes(next++);
-      out += id(groups[static_cast<std::size_t>(j)] - '0' + 1) + id(5 + j) + bytes(20.0 + j);
+      out += lowbytes(nj[j]) + lowbytes(-1.0 - j) + lowbytes(-2.0 - j);
+      for (int i = 0; i < 2 * nj[j]; ++i) out += lowbytes(next++);
+      out += id(groups[static_cast<std::size_t>(j)] - '0' + 1) + id(5 + j) + lowbytes(20.0 + j);
     }
     return out;
   }

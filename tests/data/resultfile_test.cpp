@@ -96,5 +96,19 @@ TEST(ResultFile, AFailureLeavesNothingThatLooksWhole) {
   EXPECT_EQ(runchild([] { writefile("nowhere/x"); }).code, 100);
 }
 
+TEST(ResultFile, AFailureLeavesNoneOfTwo) {
+  Workplace workplace;
+  const Outcome outcome = runchild([] {
+    limitfiles(1500000);
+    ResultFile one, two;
+    openresult(one, "one");
+    openresult(two, "two");
+    for (int i = 0; i < 9; ++i)
+      for (ResultFile* file : {&one, &two}) writeresult(*file, std::string(300000, 'a'));
+  });
+  EXPECT_EQ(outcome.code, 5);
+  EXPECT_EQ(filesin("."), Files{"words"});
+}
+
 }  // namespace
 }  // namespace kdr

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <map>
-
 #include "data/child.h"
 #include "data/construction.h"
 #include "data/levelsource.h"
@@ -163,73 +161,6 @@ TEST_F(Template, RawFilesThatWouldBeOverwritten) {
               std::string("The raw data file ") + name + " bears the name of the " + role + ". Please rename it.\n");
     EXPECT_EQ(contents(name), contents("one"));
   }
-}
-
-TEST_F(Template, MakesTheFile) {
-  makefile("t.mdmt", whole);
-  const Outcome outcome = runchild([] {
-    readtemplate("t.mdmt");
-    mkmdm();
-    run.mdm.stream = openfile("made.mdm", "rb");
-    readmdm();
-    UnitReader reader;
-    UnitBlock block;
-    startunits(reader, run.mdm.stream, run.mdm.firstblock, run.mdm.nvar1, run.mdm.nvar2, true);
-    std::printf("|%d %d %s\n", run.mdm.mdmtype, run.mdm.deletednow, run.mdm.fnames[1].c_str());
-    while (readunit(reader, block)) {
-      std::printf("%s%s %g:", block.id3.text.text, block.id2.text.text, block.level2[0]);
-      for (std::size_t i = 0; i < 2 * static_cast<std::size_t>(block.nj); ++i) std::printf(" %g", block.records[i]);
-      std::printf("\n");
-    }
-  });
-  // A code counts in its own variable only, a blank in any; level 2 has no codes.
-  EXPECT_EQ(outcome.words.substr(outcome.words.find('|') + 1),
-            "2 0 two\n"
-            "           A           1 7: 1 2 -1e+36 3\n"
-            "           A           2 8: 99 -1e+36\n"
-            "           B           1 99: 5 6 -1e+36 -9\n");
-  EXPECT_NE(contents("KDR3MDM.STS").find("MDM template:  t.mdmt\nMDM file name: made.mdm\n"), std::string::npos);
-}
-
-// The example: counts and means against sums over the columns of its text files.
-TEST(Example, Chem97) {
-  Workplace workplace;
-  std::filesystem::copy(TESTDATA "/examples/chem97", ".");
-  const Outcome outcome = runchild([] {
-    readtemplate("chem97.mdmt");
-    mkmdm();
-    run.mdm.stream = openfile("chem97.mdm", "rb");
-    readmdm();
-  });
-  ASSERT_EQ(outcome.code, 0) << outcome.words;
-  EXPECT_EQ(contents(templatecopy), contents("chem97.mdmt"));
-  run.mdm.stream = openfile("chem97.mdm", "rb");
-  readmdm();
-  double sums[5] = {};
-  std::map<std::string, int> schools;
-  std::ifstream text("chem97-1.dat");
-  int records = 0;
-  for (std::string line; std::getline(text, line); ++records) {
-    ++schools[line.substr(0, 10)];
-    const int columns[] = {10, 15, 18, 22, 29, 37};
-    for (int v = 0; v < 5; ++v) sums[v] += std::stod(line.substr(columns[v], columns[v + 1] - columns[v]));
-  }
-  EXPECT_EQ(run.mdm.numl1rec, records);
-  EXPECT_EQ(run.mdm.numl2rec, static_cast<int>(schools.size()));
-  EXPECT_EQ(run.mdm.numl3rec, 131);
-  for (std::size_t v = 0; v < 5; ++v) EXPECT_NEAR(run.mdm.mean1[v], sums[v] / records, 1e-12);
-
-  UnitReader reader;
-  UnitBlock block;
-  startunits(reader, run.mdm.stream, run.mdm.firstblock, run.mdm.nvar1, run.mdm.nvar2, true);
-  int wrong = 0;
-  while (readunit(reader, block)) {
-    const std::string place = std::string(block.id3.text.text + 8) + " " + (block.id2.text.text + 7);
-    wrong += schools[place] != block.nj;
-  }
-  EXPECT_EQ(wrong, 0);
-  std::fclose(run.mdm.stream);
-  run.mdm = MdmData{};
 }
 
 }  // namespace

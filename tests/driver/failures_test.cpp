@@ -4,10 +4,9 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <sstream>
 #include <string>
 
+#include "data/child.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
 
@@ -36,11 +35,7 @@ class Failures : public testing::Test {
     dup2(STDERR_FILENO, STDOUT_FILENO);
     fail(ending.code, ending.text);
   }
-  [[nodiscard]] std::string reported() const {
-    std::ostringstream text;
-    text << std::ifstream(path).rdbuf();
-    return text.str();
-  }
+  [[nodiscard]] std::string reported() const { return contents(path); }
 };
 
 TEST_F(Failures, EachEndsWithItsWordsAndCode) {

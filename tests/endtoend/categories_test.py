@@ -71,9 +71,10 @@ def main():
     jobs += [('grades', grades(program, chem))]
     jobs += [('working data of ' + n, pql.workingjob(program, made, n, kind))
              for n, kind in (('M3W', 'multinomial'), ('O3W', 'ordinal'))]
-    jobs += [('residual files of ' + n, pql.residualsjob(program, made, n, THREE[n])) for n in ('M3W', 'O3W')]
-    return pql.each(program, jobs, pick)
+    jobs += [('working data of M3', pql.workingjob(program, large, 'M3', 'multinomial', 'large'))]
+    jobs += [('residual files of ' + n, pql.residualsjob(program, made, n, THREE[n])) for n in ('M3W', 'O3', 'O3W')]
+    pql.each(jobs, pick)
 
 
 if __name__ == '__main__':
-    sys.exit(main())
+    main()

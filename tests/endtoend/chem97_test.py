@@ -3,39 +3,31 @@
     chem97_test.py <program>
 """
 import math
-import os
-import re
-import shutil
-import subprocess
 import sys
-import tempfile
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, HERE)
 import report
 import residualfiles
-from oracle_test import Checks, run
+from program import NOFEATURES, NOFILES, REFERENCE, Checks, Workplace, finish
 
-EXAMPLE = os.path.join(HERE, '..', '..', 'examples', 'chem97')
-REFERENCE = os.path.join(HERE, '..', 'reference', 'chem97')
+STORED = REFERENCE / 'chem97'
 
 # names of the stored fixed effects in the order of the report
 ORDER = {'model1': ['(Intercept)', 'gcsecnt'],
          'model2': ['(Intercept)', 'LEAGCSEc', 'SCHGCSEc', 'FEMALE', 'gcsecnt', 'gcsecnt:SCHGCSEc']}
-TIGHT = ['STOPVAL:0.0000000001', 'NUMIT:5000,N']
-RESIDUALS = ['RESFIL%d:Y/' % level for level in (1, 2, 3)] + ['GRAPHGAMMAS:graph.bin']
+TIGHT = {'STOPVAL': '0.0000000001', 'NUMIT': '5000,N'}
+RESIDUALS = {'RESFIL1': 'Y/', 'RESFIL2': 'Y/', 'RESFIL3': 'Y/', 'GRAPHGAMMAS': 'graph.bin'}
 # name, model, settings, options, whether only the deviance is compared, and loosely
 RUNS = [
-    ('default', 'model1', ['NUMIT:5000,N'], [], True),
-    ('default', 'model2', ['NUMIT:5000,N'], [], True),
-    ('scoring', 'model1', TIGHT + RESIDUALS + ['FISHERTYPE:2'], [], False),
-    ('scoring', 'model2', TIGHT + RESIDUALS + ['FISHERTYPE:2'], [], False),
-    ('outer products', 'model1', TIGHT + ['FISHERTYPE:1'], [], False),
-    ('outer products', 'model2', TIGHT + ['FISHERTYPE:1'], [], False),
+    ('default', 'model1', {'NUMIT': '5000,N'}, [], True),
+    ('default', 'model2', {'NUMIT': '5000,N'}, [], True),
+    ('scoring', 'model1', {**TIGHT, **RESIDUALS, 'FISHERTYPE': '2'}, [], False),
+    ('scoring', 'model2', {**TIGHT, **RESIDUALS, 'FISHERTYPE': '2'}, [], False),
+    ('outer products', 'model1', {**TIGHT, 'FISHERTYPE': '1'}, [], False),
+    ('outer products', 'model2', {**TIGHT, 'FISHERTYPE': '1'}, [], False),
     # the level-3 variance is so small that the likelihood is flat long before EM is there: a set number of iterations
-    ('no scoring', 'model1', ['STOPVAL:0.0', 'NUMIT:2000,N', 'FISHERTYPE:0'], [], False),
-    ('no scoring', 'model2', ['STOPVAL:0.0', 'NUMIT:6000,N', 'FISHERTYPE:0'], [], False),
-    ('in memory', 'model2', TIGHT + ['FISHERTYPE:2'], ['-i', '1'], False),
+    ('no scoring', 'model1', {'STOPVAL': '0.0', 'NUMIT': '2000,N', 'FISHERTYPE': '0'}, [], False),
+    ('no scoring', 'model2', {'STOPVAL': '0.0', 'NUMIT': '6000,N', 'FISHERTYPE': '0'}, [], False),
+    ('in memory', 'model2', {**TIGHT, 'FISHERTYPE': '2'}, ['-i', '1'], False),
 ]
 
 
@@ -72,7 +64,7 @@ def residuals(c, work, model):
     """Selected rows and the sums of all columns of the three residual files."""
     values = {level: [row[2 if level < 3 else 1:] for row in residualfiles.read(work, 'SPSS', level).rows]
               for level in (1, 2, 3)}
-    for line in open(REFERENCE + '/residuals.txt'):
+    for line in open(STORED / 'residuals.txt'):
         name, level, what, *want = line.split()
         if name != model:
             continue
@@ -84,7 +76,7 @@ def residuals(c, work, model):
                 c.near('level %s, %s, column %d' % (level, what, i), x, float(w), 1e-4 * (len(rows) if total else 1))
 
 
-def alike(program, work):
+def alike(place, work):
     """A graph file whose length agrees with another layout too: the readers still find the right one."""
     c = Checks('alike')
     long = 'INTRCPT2+SCHGCSE+SCHSIZE'
@@ -92,63 +84,40 @@ def alike(program, work):
     for name, terms, random in (('INTRCPT1', 'INTRCPT2', '+RANDOM'), ('FEMALE', long, '+RANDOM'), ('GCSECNT', long, '')):
         lines.append('LEVEL2:%s=%s%s/' % (name, terms, random))
         lines += ['LEVEL3:%s=INTRCPT3%s/' % (t, '+RANDOM' if t == 'INTRCPT2' else '') for t in terms.split('+')]
-    lines += ['LEVEL1DELETION:NONE', 'RESFIL1:N', 'RESFIL2:N', 'RESFIL3:N', 'CONSTRAIN:N', 'HYPOTH:N', 'LVR-BETA:N',
-              'NUMIT:2,N', 'TITLE:alike', 'OUTPUT:run.txt', 'FULLOUTPUT:Y', 'GRAPHGAMMAS:graph.bin']
-    with open(work + '/run.kdr', 'w') as f:
-        f.write('\n'.join(lines) + '\n')
-    c.equal('exit code', run(program, work, 'chem97.mdm', 'run.kdr')[0], 0)
+    lines += ['NUMIT:2,N', 'TITLE:alike', 'OUTPUT:run.txt', 'FULLOUTPUT:Y', 'GRAPHGAMMAS:graph.bin']
+    place.write('run.kdr', '\n'.join(lines) + '\n' + NOFILES + NOFEATURES)
+    c.equal('exit code', place.run('chem97.mdm', 'run.kdr').returncode, 0)
     t = residualfiles.readgraph(work + '/graph.bin', work + '/chem97.mdm')
     c.equal('flags', (t['fixed1'], t['fixed2']), ([0, 0, 1], [0, 0, 1, 1, 0, 1, 1]))
     return c
 
 
 def main():
-    program, pick = os.path.abspath(sys.argv[1]), sys.argv[2:]
-    bad = []
-    with tempfile.TemporaryDirectory() as work:
-        for name in os.listdir(EXAMPLE):
-            shutil.copy(os.path.join(EXAMPLE, name), work)
-        code, out = run(program, work, '-r', 'chem97.mdmt')
-        if code != 0:
-            print('making the MDM file ended with code %d\n%s' % (code, out[-800:]))
-            return 1
-        for kind, model, settings, options, loose in RUNS:
-            if pick and kind not in pick:
-                continue
-            c = Checks('%s, %s' % (model, kind))
-            keys = '|'.join(s.split(':')[0] for s in settings)
-            with open('%s/%s.kdr' % (work, model)) as f:
-                lines = [x for x in f.read().splitlines() if not re.match('(%s|OUTPUT):' % keys, x, re.I)]
-            with open(work + '/run.kdr', 'w') as f:
-                f.write('\n'.join(lines + settings + ['OUTPUT:run.txt']) + '\n')
-            try:
-                code, out = run(program, work, *options, 'chem97.mdm', 'run.kdr')
-                if code != 0:
-                    c.fail('the run ended with code %d\n%s' % (code, out[-800:]))
-                else:
-                    r = report.read(work + '/run.txt')
-                    compare(c, r, readref('%s/%s.ref' % (REFERENCE, model)), model, loose,
-                            'limit' if 'STOPVAL:0.0' in settings else 'converged')
-                    if 'RESFIL3:Y/' in settings:
-                        residuals(c, work, model)
-                        graph = residualfiles.readgraph(work + '/graph.bin', work + '/chem97.mdm')
-                        if model == 'model2':
-                            residualfiles.predictorsbyr(c, 'chem97', graph)
-                        for level, table in ((2, 'level2'), (3, 'level3')):
-                            rows = residualfiles.read(work, 'SPSS', level)
-                            for i, name in enumerate(n for n in rows.names if n.startswith('EB')):
-                                c.equal('graph file: %s' % name, graph[table]['EB%d' % (i + 1)], rows.column(name))
-                    print('%-24s %5s iterations, %d comparisons, %d differ' % (c.tag, r.iterations, c.done, len(c.bad)))
-            except subprocess.TimeoutExpired:
-                c.fail('the run did not end')
-            except (ValueError, OSError, KeyError) as error:
-                c.fail('report not understood: %s' % error)
-            bad += c.bad
-        if not pick:
-            bad += alike(program, work).bad
-    print('\n'.join(bad) if bad else 'all hold')
-    return 1 if bad else 0
+    place, parts = Workplace(sys.argv[1]), []
+    work = str(place.folder)
+    assert place.run('-r', 'chem97.mdmt').returncode == 0
+    for kind, model, settings, options, loose in RUNS:
+        c = Checks('%s, %s' % (model, kind))
+        parts.append(c)
+        done = place.run(*options, 'chem97.mdm', place.edited('run.kdr', model + '.kdr', OUTPUT='run.txt', **settings))
+        if done.returncode != 0:
+            c.fail('the run ended with code %d\n%s' % (done.returncode, done.stdout[-800:]))
+            continue
+        r = report.read(work + '/run.txt')
+        compare(c, r, readref('%s/%s.ref' % (STORED, model)), model, loose,
+                'limit' if settings.get('STOPVAL') == '0.0' else 'converged')
+        if 'RESFIL3' in settings:
+            residuals(c, work, model)
+            graph = residualfiles.readgraph(work + '/graph.bin', work + '/chem97.mdm')
+            if model == 'model2':
+                residualfiles.predictorsbyr(c, 'chem97', graph)
+            for level, table in ((2, 'level2'), (3, 'level3')):
+                rows = residualfiles.read(work, 'SPSS', level)
+                for i, name in enumerate(n for n in rows.names if n.startswith('EB')):
+                    c.equal('graph file: %s' % name, graph[table]['EB%d' % (i + 1)], rows.column(name))
+    parts.append(alike(place, work))
+    finish(parts)
 
 
 if __name__ == '__main__':
-    sys.exit(main())
+    main()

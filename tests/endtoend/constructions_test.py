@@ -5,13 +5,15 @@
 Units that are absent at other levels, records without an ID, missing values, both times of deletion; as fixed text, CSV
 and Stata files.
 """
+import os
 import random
 import struct
 import sys
 import tempfile
 
-from oracle_test import Checks, run
-from rawfiles_test import MISSING, Mdm, packed
+from mdmfile import Mdm
+from program import Checks, run
+from rawfiles_test import MISSING, packed
 
 NAMES = [['A', 'B', 'C'], ['V', 'W'], ['Z']]
 CODE = -99.0
@@ -96,6 +98,7 @@ def template(form, now):
 
 
 def main():
+    program = os.path.abspath(sys.argv[1])
     draw = random.Random(29)
     c, compared = Checks('constructions'), 0
     with tempfile.TemporaryDirectory() as work:
@@ -117,14 +120,13 @@ def main():
                         continue
                     mdm = Mdm(work + '/made.mdm')
                     decoded = lambda i: float(i[:12].decode()) if isinstance(i, bytes) else i
-                    made = [(decoded(a), decoded(b), r, v) for a, b, r, v in mdm.units]
-                    if ([(decoded(i), v) for i, v in mdm.rows], made) != (rows, units) or not mdm.complete:
+                    made = [(decoded(a), decoded(b), r, v) for a, b, r, v in mdm.units()]
+                    if ([(decoded(i), v) for i, v in mdm.rows()], made) != (rows, units) or not mdm.complete:
                         c.fail('%s: %d units of %d expected' % (what, len(made), len(units)))
                     compared += len(units)
-    print('\n'.join(c.bad) if c.bad else '%d units hold' % compared)
-    return 1 if c.bad or not compared else 0
+    c(compared > 0, 'no unit is compared')
+    c.finish()
 
 
 if __name__ == '__main__':
-    program = sys.argv[1]
-    sys.exit(main())
+    main()

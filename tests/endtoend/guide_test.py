@@ -6,8 +6,8 @@ A page's blocks are taken in order, in a copy of an example with `kdr3` on the P
     ```sh run              the block is executed and must succeed
     ```text output=FILE    its lines must stand in FILE, one after the other, as FILE is at this point
 
-Besides, each keyword that the guide's tables name must be known to the program, each keyword that the program writes to
-newcmd.kdr must be in the guide, and the rerun of newcmd.kdr that the guide makes must give the same report.
+Besides, each keyword that the guide's tables name must be known to the program, and each keyword that the program writes
+to newcmd.kdr must be in the guide.
 """
 import os
 import re
@@ -119,21 +119,13 @@ class Guide(unittest.TestCase):
     def test_1_examples(self):
         self.page("guide.md", self.place)
 
-    def test_5_pages(self):
+    def test_4_pages(self):
         for name, example in PAGES.items():
             if name != "guide.md":
                 with self.subTest(name):
                     place = Workplace(PROGRAM, example)
                     self.page(name, place)
                     place.top.cleanup()
-
-    def test_4_written_command_file_repeats_the_run(self):
-        """again.kdr is the newcmd.kdr of model1.kdr; only names and the time may differ."""
-        def report(name):
-            lines = comparable((self.place.directory / name).read_text().split("\n"))
-            return [line for line in lines if not re.match(r"  (The command file|Output file name)", line)
-                    and not line.startswith(" Time:")]
-        self.assertEqual(report("again.txt"), report("model1.txt"))
 
     def recognised(self, line):
         (self.place.directory / "one.kdr").write_text(line + "\n")

@@ -14,36 +14,12 @@ import subprocess
 import sys
 from pathlib import Path
 
-from program import Checks, ROOT, Workplace
+from program import NOFEATURES, ROOT, Checks, Workplace, template
 from residualfiles import FORMS, read
 
-TEMPLATE = """#KDR3 MDM CREATION TEMPLATE
-mdmtype:0
-rawdattype:ascii
-l1fname:level1.dat
-l2fname:level2.dat
-l3fname:level3.dat
-numl1var:2
-numl2var:1
-numl3var:1
-l1format:(A9,1X,A6,2F9.4)
-l2format:(A9,1X,A6,F9.4)
-l3format:(A9,F9.4)
-l1missing:y/SAME
--99.000000
-timeofdeletion:analysis
-mdmname:clinics.mdm
-*begin l1vars
-Y
-X
-*end l1vars
-*begin l2vars
-Z
-*end l2vars
-*begin l3vars
-Q
-*end l3vars
-"""
+TEMPLATE = template("clinics.mdm", ("level1.dat", "level2.dat", "level3.dat"),
+                    ("(A9,1X,A6,2F9.4)", "(A9,1X,A6,F9.4)", "(A9,F9.4)"), (["Y", "X"], ["Z"], ["Q"]),
+                    missing="y/SAME\n-99.000000", deletion="analysis")
 COMMANDS = """NONLIN:N
 NUMIT:200,N
 LEVEL1:Y=INTRCPT1+X+RANDOM
@@ -51,10 +27,6 @@ LEVEL2:INTRCPT1=INTRCPT2+RANDOM/
 LEVEL3:INTRCPT2=INTRCPT3+RANDOM/
 LEVEL2:X=INTRCPT2/
 LEVEL3:INTRCPT2=INTRCPT3/
-LEVEL1DELETION:NONE
-CONSTRAIN:N
-HYPOTH:N
-LVR-BETA:N
 RESFIL1:Y/Y
 RESFIL2:Y
 RESFIL3:Y
@@ -62,7 +34,7 @@ RESFILTYPE:%s
 RESFILRECNUM:Y
 TITLE:clinics
 OUTPUT:run.txt
-"""
+""" + NOFEATURES
 
 
 def study(place):

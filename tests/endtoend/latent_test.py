@@ -4,48 +4,14 @@ numerical differentiation, from the variance-covariance files of the same run; o
     latent_test.py <program>
 """
 import math
-import pathlib
 import random
 import re
 import sys
 import types
 
-HERE = pathlib.Path(__file__).resolve().parent
-sys.path.insert(0, str(HERE))
 import rubin
-from program import Checks, Workplace
+from program import NOFILES, Checks, Workplace, template
 
-TEMPLATE = """#KDR3 MDM CREATION TEMPLATE
-mdmtype:0
-rawdattype:ascii
-l1fname:l1.dat
-l2fname:l2.dat
-l3fname:l3.dat
-numl1var:6
-numl2var:1
-numl3var:2
-l1format:(A4,1X,A6,4F10.4,2F3.0)
-l2format:(A4,1X,A6,1F10.4)
-l3format:(A4,2F10.4)
-l1missing:n
-timeofdeletion:now
-mdmname:latent.mdm
-*begin l1vars
-Y
-X
-Y2
-Y3
-YBERN
-YORD
-*end l1vars
-*begin l2vars
-Z
-*end l2vars
-*begin l3vars
-W
-V
-*end l3vars
-"""
 MODEL = """#Two random slopes and an intercept
 NONLIN:{kind}
 LEVEL1:{outcome}+RANDOM
@@ -58,15 +24,12 @@ LEVEL1DELETION:NONE
 CONSTRAIN:{constrain}
 HYPOTH:N
 LVR-BETA:{roles}
-RESFIL1:N
-RESFIL2:N
-RESFIL3:N
 {control}
 PRINTVARIANCE-COVARIANCE:Y
 FULLOUTPUT:N
 {options}TITLE:Latent variables
 OUTPUT:{output}
-"""
+""" + NOFILES
 UNITS = 250
 # B00 = 1 + 0.5 W + u0, B01 = 0.8 + 0.4 V + u1, B10 = 0.3 + 0.2 W + u2 with u2 = 0.6 u0 - 0.4 u1 + e
 SLOPES = (0.6, -0.4)
@@ -76,7 +39,10 @@ ADJUSTED = {"INTRCPT3": 0.3 - 0.6 * 1.0 + 0.4 * 0.8, "W": 0.2 - 0.6 * 0.5, "V": 
 class Place(Workplace):
     def mdm(self, k=0):
         """Makes latent.mdm of data set k: the outcomes YBERN and YORD are drawn anew in each."""
-        self.write("latent.mdmt", TEMPLATE.replace("l1.dat", f"l1_{k}.dat"))
+        self.write("latent.mdmt", template(
+            "latent.mdm", (f"l1_{k}.dat", "l2.dat", "l3.dat"),
+            ("(A4,1X,A6,4F10.4,2F3.0)", "(A4,1X,A6,1F10.4)", "(A4,2F10.4)"),
+            (["Y", "X", "Y2", "Y3", "YBERN", "YORD"], ["Z"], ["W", "V"])))
         assert self.run("-r", "latent.mdmt").returncode == 0
 
 

@@ -2,60 +2,30 @@
 
     macro_test.py <program>
 """
+import math
 import random
 import re
+import signal
+import subprocess
 import sys
 
 import report
-from program import Checks, Workplace, body
-from residualfiles import readgraph
+from program import NOFEATURES, NOFILES, Checks, Workplace, body, template
+from residualfiles import read, readgraph
 
 check = Checks()
 work = Workplace(sys.argv[1])
 
-TEMPLATE = """#KDR3 MDM CREATION TEMPLATE
-rawdattype:ascii
-l1fname:m1.dat
-l2fname:m2.dat
-l3fname:m3.dat
-numl1var:5
-numl2var:1
-numl3var:1
-l1format:(2A4,5F12.4)
-l2format:(2A4,F12.4)
-l3format:(A4,F12.4)
-l1missing:n
-timeofdeletion:now
-mdmname:m.mdm
-*begin l1vars
-Y
-COUNT
-N
-GRADE
-X
-*end l1vars
-*begin l2vars
-Z
-*end l2vars
-*begin l3vars
-Q
-*end l3vars
-"""
+TEMPLATE = template("m.mdm", ("m1.dat", "m2.dat", "m3.dat"), ("(2A4,5F12.4)", "(2A4,F12.4)", "(A4,F12.4)"),
+                    (["Y", "COUNT", "N", "GRADE", "X"], ["Z"], ["Q"]))
 MODEL = """NONLIN:{kind}
 MACROIT:{macroit}
 MICROIT:50
 FIXSIGMA2:1
-{more}{equations}LEVEL1DELETION:NONE
-RESFIL1:N
-RESFIL2:N
-RESFIL3:N
-CONSTRAIN:N
-HYPOTH:N
-LVR-BETA:N
-FULLOUTPUT:N
+{more}{equations}FULLOUTPUT:N
 TITLE:loop
 OUTPUT:out.{form}
-"""
+""" + NOFILES + NOFEATURES
 EQUATIONS = """LEVEL1:{y}=INTRCPT1+X{cuts}+RANDOM
 LEVEL2:INTRCPT1=INTRCPT2+Z,2+RANDOM/
 LEVEL3:INTRCPT2=INTRCPT3+RANDOM/
@@ -63,6 +33,7 @@ LEVEL3:Z=INTRCPT3/
 LEVEL2:X=INTRCPT2/
 LEVEL3:INTRCPT2=INTRCPT3/
 """
+NULL = "LEVEL1:{y}=INTRCPT1+RANDOM\nLEVEL2:INTRCPT1=INTRCPT2+RANDOM/\nLEVEL3:INTRCPT2=INTRCPT3+RANDOM/\n"
 
 
 def study(change=lambda row, i: row, records=6):
@@ -144,6 +115,57 @@ def failures():
             check(form == "txt" or not text or text.endswith("</html>\n"), f"{what}: the page is not closed {text[-200:]!r}")
 
 
+    study(lambda row, i: [2.0 + 2 * (i % 2)] + row[1:], records=1)
+    code, _, text = fit("POISSON", more="FIXSIGMA2:0\n", equations=NULL)
+    check(code == 16 and "no degrees of freedom to estimate sigma_squared" in text, f"one record a unit: code {code}")
+
+
+def astray():
+    """Two records with logits beyond 60 from macro iteration 3 on start again from -2 and 2, with the outcome as it is; in
+    one after the seventh they end the run."""
+    options = "STOPMICRO:0.000001\nRESFIL1:Y\nRESFILTYPE:FREEFORMAT\n"
+    for far, last in ((25.0, 8), (40.0, 9)):  # beyond 60 in iterations 4 and 8; 3, 5, 7 and 9
+        side = lambda i: far if i == 41 else -far if i == 40 else 1.0 if i % 2 else -1.0
+        study(lambda row, i: [float(i % 2 or i == 40)] + row[1:4] + [side(i)])
+        code, said, _ = fit("BERNOULLI", more=options)
+        check(code == 100 and said.count("MACRO ITERATION") == last, f"astray, {far}: code {code}, {said[-100:]}")
+    for macroit, beyond in ((7, True), (8, False)):
+        fit("BERNOULLI", macroit=f"{macroit},N", more=options)
+        rows = read(str(work.folder), "FREEFORMAT", 1).rows[40:42]
+        check(all((abs(row[3]) > 60) == beyond for row in rows), f"astray, macro iteration {macroit}: {rows}")
+    for row, z in zip(rows, (math.exp(2) - 1, math.exp(-2) + 3)):
+        check(abs(row[2] + row[3] - z) < 2e-6, f"astray, outcome 1, Z = {z}: {row}")
+
+
+def heavy():
+    """Counts above a million: the limit of the working weights, with a word on the console and below both headings."""
+    study(lambda row, i: [2.0e6 if i // 6 % 4 else 1.0e5] + row[1:])
+    _, said, text = fit("POISSON", macroit="6,N")
+    numbers = [re.findall("WARNING: the working weights of (.*) records were held at 999999.\n", x) for x in (said, text)]
+    check(numbers == [["270"], ["270", "360"]], f"heavy records: {numbers}")  # all have one population average
+
+
+def stops():
+    """The report tells of a stop from the keyboard, and of a population average that its limit cuts off."""
+    study()
+    fit("BERNOULLI", more="STOPMICRO:0\nMICROIT:4000\nFISHERTYPE:0\n", macroit="1,N")
+    commands = work.write("m.kdr", work.read("m.kdr").replace("MACROIT:1,N", "MACROIT:9,N"))
+    for place in ("macro 1/micro iteration 9,", "macro 2/micro iteration 9,"):
+        child = subprocess.Popen([work.program, "-q", "-strict", "m.mdm", commands], cwd=work.folder, stdin=subprocess.PIPE,
+                                 stdout=subprocess.PIPE, text=True, env=work.environment)
+        next(line for line in child.stdout if place in line)
+        child.send_signal(signal.SIGINT)
+        rest, _ = child.communicate("0\n", timeout=60)
+        told = "stopped from the keyboard" in rest and " terminated prematurely from the keyboard.\n" in work.read("out.txt")
+        check(child.returncode == 20 and told, f"a stop at {place} code {child.returncode}, {rest[-300:]}")
+        check(rest.count("MACRO ITERATION") == 1, f"a stop at {place} the population average alone follows")
+    for microit, cut in ((2, True), (50, False)):
+        for scale in (0, 1):
+            _, said, text = fit("POISSON", macroit="500,N", more=f"STOPMACRO:0.01\nMICROIT:{microit}\nFIXSIGMA2:{scale}\n")
+            told = ("population average were stopped" in said, "WARNING: the iterations were stopped" in text)
+            check(told == (cut and scale == 0,) * 2, f"population average, MICROIT:{microit}, FIXSIGMA2:{scale}: {told}")
+
+
 def limits():
     """MACROIT: of 1 and more; at the limit N stops with a warning, Y goes on, without a letter the user is asked."""
     study()
@@ -167,6 +189,11 @@ def limits():
             check(f"macro iteration {passes})" in text or passes == 1, f"{what}: heading")
         else:
             check(fixed(text) == fixed(whole), f"{what}: {fixed(text)} for {fixed(whole)}")
+    # Criteria so loose that the first pass on working data ends the loop, far from where it leads.
+    moving = "WARNING: the variance components have not settled"
+    for more, far in (("STOPMACRO:9\nSTOPMICRO:9\n", True), (tight, False)):
+        _, said, text = fit("BERNOULLI", macroit="500,N", more=more)
+        check("have converged" in said and (moving in said) == (moving in text) == far, f"{more!r}: settled or not")
     for form in ("txt", "html"):
         _, _, text = fit("BERNOULLI", form=form)
         places = [text.lower().find(x) for x in ("summary of the model", "unit-specific model, pql", "population-average model")]
@@ -180,6 +207,7 @@ def dialogue():
     kinds = {
         "Bernoulli": ("1", "1", {"outcome variable": ["1"], "over-dispersion": ["n"], "Laplace-6": ["n"]}),
         "binomial": ("2", "1", {"outcome variable": ["2"], "over-dispersion": ["y"], "number of trials": ["3"]}),
+        "Poisson": ("3", "1", {"outcome variable": ["2"], "over-dispersion": ["y"]}),
         "Poisson with exposure": ("4", "1", {"outcome variable": ["2"], "over-dispersion": ["n"], "exposure": ["3"]}),
         "multinomial": ("5", "2", {"outcome variable": ["4"], "How many categories": ["3"]}),
         "ordinal": ("6", "1", {"outcome variable": ["4"], "How many categories": ["3"]}),
@@ -284,6 +312,9 @@ def engines():
 
 
 failures()
+astray()
+heavy()
+stops()
 limits()
 dialogue()
 graph()

@@ -5,47 +5,17 @@
 import random
 import sys
 
-from program import Checks, Workplace, body
+from program import NOFEATURES, Checks, Workplace, body, template
 from residualfiles import FORMS, graphfile, read
 
 work, check = Workplace(sys.argv[1]), Checks()
 
-TEMPLATE = """#KDR3 MDM CREATION TEMPLATE
-mdmtype:0
-rawdattype:ascii
-l1fname:l1.dat
-l2fname:l2.dat
-l3fname:l3.dat
-numl1var:4
-numl2var:{n2}
-numl3var:{n3}
-l1format:(A4,A6,2F9.4,2F4.0)
-l2format:(A4,A6{f2})
-l3format:(A4{f3})
-l1missing:n
-timeofdeletion:now
-mdmname:{name}.mdm
-*begin l1vars
-Y
-X
-B
-C
-*end l1vars
-*begin l2vars
-{v2}*end l2vars
-*begin l3vars
-{v3}*end l3vars
-"""
 COMMANDS = """NONLIN:%s
 LEVEL1:%s=INTRCPT1+X%s+RANDOM
 LEVEL2:INTRCPT1=INTRCPT2+RANDOM/
 LEVEL3:INTRCPT2=INTRCPT3+RANDOM/
 LEVEL2:X=INTRCPT2/
 LEVEL3:INTRCPT2=INTRCPT3/
-CONSTRAIN:N
-HYPOTH:N
-LEVEL1DELETION:NONE
-LVR-BETA:N
 RESFIL1:Y/X
 RESFIL2:Y
 RESFIL3:Y
@@ -54,7 +24,7 @@ GRAPHGAMMAS:graph.bin
 PRINTVARIANCE-COVARIANCE:A
 TITLE:t
 OUTPUT:out.txt
-"""
+""" + NOFEATURES
 KINDS = {  # head, outcome, thresholds, how the graph file is read
     "linear": ("N\nNUMIT:100,N", "Y", "", {}),
     "Bernoulli": ("BERNOULLI\nMACROIT:50,N\nMICROIT:50,N\nLAPLACE:Y,3", "B", "", dict(nonlinear=True)),
@@ -93,8 +63,10 @@ study()
 want = {}
 for n2, n3 in ((1, 1), (0, 1), (1, 0), (0, 0)):
     name = f"m{n2}{n3}"
-    work.write(name + ".mdmt", TEMPLATE.format(n2=n2, n3=n3, name=name, f2=",F9.4" * n2, f3=",F9.4" * n3, v2="Z\n" * n2,
-                                               v3="Q\n" * n3))
+    work.write(name + ".mdmt", template(
+        name + ".mdm", ("l1.dat", "l2.dat", "l3.dat"),
+        ("(A4,A6,2F9.4,2F4.0)", "(A4,A6%s)" % (",F9.4" * n2), "(A4%s)" % (",F9.4" * n3)),
+        (["Y", "X", "B", "C"], ["Z"] * n2, ["Q"] * n3)))
     done = work.run("-r", name + ".mdmt")
     check(done.returncode == 0, f"making {name}: {done.stdout[-300:]}")
     for kind in KINDS:
@@ -107,7 +79,7 @@ for n2, n3 in ((1, 1), (0, 1), (1, 0), (0, 0)):
                 check(a == b, f"{name}, {kind}, {form}: another {what}")
 
 # The same model by dialogue: nothing to choose from at levels 2 and 3, so no question for a predictor there.
-work.write("rest.kdr", "LEVEL1DELETION:NONE\nCONSTRAIN:N\nHYPOTH:N\nLVR-BETA:N\nNUMIT:100,N\nTITLE:t\n")
+work.write("rest.kdr", NOFEATURES + "NUMIT:100,N\nTITLE:t\n")
 answers = ["n", "Y", "X", "0", "n", "n", "n", "n", "y", "n", "y", "y", "n", "y", "0", "0", "y", "y", "5", "asked.txt"]
 done = work.run("m00.mdm", "rest.kdr", answers="\n".join(answers) + "\n")
 check(done.returncode == 0, f"the dialogue: {done.stdout[-300:]}")

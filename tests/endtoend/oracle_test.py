@@ -2,57 +2,15 @@
 
     oracle_test.py <program> [template-model ...]
 """
-import glob
 import json
 import os
-import shutil
-import subprocess
 import sys
 import tempfile
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-REFERENCE = os.path.join(HERE, '..', 'reference')
-sys.path[:0] = [HERE, REFERENCE]
 import report
+from program import REFERENCE, Checks, finish, madefolder, run
+sys.path.append(str(REFERENCE))
 from models import SETS
-
-
-class Checks:
-    """Collects what differs; every comparison names what it compared."""
-
-    def __init__(self, tag):
-        self.tag, self.bad, self.done, self.worst = tag, [], 0, {}
-
-    def fail(self, what):
-        self.bad.append('%s: %s' % (self.tag, what))
-
-    def near(self, what, got, want, absolute, relative=0.0):
-        self.done += 1
-        if got is None:
-            return self.fail('%s is missing, expected %.8g' % (what, want))
-        # half a unit of the last printed place is already inside `absolute`
-        allowed = max(absolute, relative * abs(want))
-        if not abs(got - want) <= allowed:
-            self.fail('%s is %.8g, expected %.8g (allowed difference %.2g)' % (what, got, want, allowed))
-
-    def equal(self, what, got, want):
-        self.done += 1
-        if got != want:
-            self.fail('%s is %r, expected %r' % (what, got, want))
-
-    def matrix(self, what, got, want, absolute, relative):
-        if got is None or [len(x) for x in got] != [len(x) for x in want]:
-            self.done += 1
-            return self.fail('%s has another shape or is missing: %r' % (what, got))
-        for i, row in enumerate(want):
-            for j, x in enumerate(row):
-                self.near('%s[%d][%d]' % (what, i, j), got[i][j], x, absolute, relative)
-
-
-def run(program, directory, *arguments):
-    p = subprocess.run([program, '-q', *arguments], cwd=directory, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                       stderr=subprocess.STDOUT, timeout=300)
-    return p.returncode, p.stdout.decode('latin-1')
 
 
 def spread(se, at, order):
@@ -146,49 +104,23 @@ def compare(c, r, want, model):
 
 
 def main():
-    program, pick = os.path.abspath(sys.argv[1]), sys.argv[2:]
-    bad, done = [], 0
-    for name, (templates, models) in SETS.items():
-        for template in templates:
-            tags = {m: '%s-%s' % (template, m) for m in models}
-            if pick and not any(t in pick for t in tags.values()):
-                continue
-            with tempfile.TemporaryDirectory() as work:
-                for path in glob.glob('%s/%s/*' % (REFERENCE, name)):
-                    shutil.copy(path, work)
-                code, out = run(program, work, '-r', template + '.mdmt')
-                if code != 0:
-                    bad.append('%s: making the MDM file ended with code %d\n%s' % (template, code, out[-800:]))
-                    continue
-                for m, model in models.items():
-                    if pick and tags[m] not in pick:
+    program, pick, parts = os.path.abspath(sys.argv[1]), sys.argv[2:], []
+    with tempfile.TemporaryDirectory() as top:
+        for name, (templates, models) in SETS.items():
+            for template in templates:
+                chosen = {m: model for m, model in models.items() if not pick or f'{template}-{m}' in pick}
+                work = madefolder(program, REFERENCE / name, template + '.mdmt', top) if chosen else None
+                for m, model in chosen.items():
+                    c = Checks(f'{template}-{m}')
+                    parts.append(c)
+                    code, out = run(program, work, template + '.mdm', m + '.kdr')
+                    if code != 0:
+                        c.fail('the run ended with code %d\n%s' % (code, out[-800:]))
                         continue
-                    c = Checks(tags[m])
-                    try:
-                        code, out = run(program, work, template + '.mdm', m + '.kdr')
-                        if code == 100 and 'This version of KDR3 cannot' in out:
-                            print('%-20s skipped: %s' % (c.tag, out.strip().splitlines()[-1]))
-                            continue
-                        if code != 0:
-                            c.fail('the run ended with code %d\n%s' % (code, out[-800:]))
-                        else:
-                            r = report.read('%s/%s.txt' % (work, m))
-                            with open('%s/results/%s.json' % (REFERENCE, tags[m])) as f:
-                                compare(c, r, json.load(f), model)
-                            if tags[m] == 'school-A':  # the work files in memory change nothing
-                                code, out = run(program, work, '-i', '1', template + '.mdm', m + '.kdr')
-                                c.equal('report with -i', report.masked(report.read('%s/%s.txt' % (work, m)).text),
-                                        report.masked(r.text))
-                    except subprocess.TimeoutExpired:
-                        c.fail('the run did not end')
-                    except (ValueError, OSError) as error:
-                        c.fail(str(error))
-                    print('%-20s %3d comparisons, %d differ' % (c.tag, c.done, len(c.bad)))
-                    bad += c.bad[:12] + ['%s: %d more' % (c.tag, len(c.bad) - 12)] * (len(c.bad) > 12)
-                    done += c.done
-    print('\n'.join(bad) if bad else 'all %d comparisons hold' % done)
-    return 1 if bad or not done else 0
+                    with open(REFERENCE / 'results' / (c.tag + '.json')) as f:
+                        compare(c, report.read(f'{work}/{m}.txt'), json.load(f), model)
+    finish(parts)
 
 
 if __name__ == '__main__':
-    sys.exit(main())
+    main()

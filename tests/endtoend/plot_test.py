@@ -10,7 +10,6 @@ import importlib.util
 import io
 import json
 import os
-import pathlib
 import shutil
 import subprocess
 import sys
@@ -19,8 +18,6 @@ import xml.etree.ElementTree
 from scipy import stats
 
 sys.dont_write_bytecode = True
-HERE = pathlib.Path(__file__).resolve().parent
-sys.path.insert(0, str(HERE))
 import residualfiles
 from program import ROOT, Checks, Workplace
 

@@ -6,6 +6,7 @@ import subprocess
 import tempfile
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
+REFERENCE = ROOT / "tests" / "reference"
 EXAMPLE = ROOT / "examples" / "chem97"
 
 
@@ -45,6 +46,38 @@ class Workplace:
         return self.write(name, "\n".join(lines) + "\n")
 
 
+def run(program, folder, *words):
+    """Exit code and all that the program says, run with -q in a folder of the test's own."""
+    done = subprocess.run([program, "-q", *words], cwd=folder, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                          stderr=subprocess.STDOUT, timeout=300)
+    return done.returncode, done.stdout.decode("latin-1")
+
+
+def madefolder(program, source, template, top=None):
+    """A folder with the files of `source`, and the MDM file made of them by one of its templates."""
+    folder = tempfile.mkdtemp(dir=top)
+    shutil.copytree(source, folder, dirs_exist_ok=True)
+    code, said = run(program, folder, "-r", template)
+    assert code == 0, f"{template}: making the MDM file ended with code {code}\n{said[-800:]}"
+    return folder
+
+
+def template(mdm, files, formats, variables, missing="n", deletion="now"):
+    """The template of a study in fixed text; of each level the file, the format and the names of its variables."""
+    each = lambda line, values: [line % (level, value) for level, value in enumerate(values, 1)]
+    lines = ["#KDR3 MDM CREATION TEMPLATE", "mdmtype:0", "rawdattype:ascii", *each("l%dfname:%s", files),
+             *each("numl%dvar:%d", map(len, variables)), *each("l%dformat:%s", formats), "l1missing:" + missing,
+             "timeofdeletion:" + deletion, "mdmname:" + mdm]
+    for level, names in enumerate(variables, 1):
+        lines += [f"*begin l{level}vars", *names, f"*end l{level}vars"]
+    return "\n".join(lines) + "\n"
+
+
+# What a command file has to say for no question to be asked, behind its equations.
+NOFILES = "RESFIL1:N\nRESFIL2:N\nRESFIL3:N\n"
+NOFEATURES = "LEVEL1DELETION:NONE\nCONSTRAIN:N\nHYPOTH:N\nLVR-BETA:N\n"
+
+
 def body(report):
     """A report without what differs between two runs of one model: date, time, names of files, iteration control."""
     dropped = (" Date:", " Time:", "  The command file", "  Output file", "Date:", "Time:")
@@ -52,18 +85,55 @@ def body(report):
 
 
 class Checks:
-    """Counts checks and keeps the failed ones."""
+    """Keeps what does not hold of what a test, or the part of one that the tag names, has checked."""
 
-    def __init__(self):
-        self.count = 0
-        self.failed = []
+    def __init__(self, tag=""):
+        self.tag, self.done, self.bad = tag, 0, []
 
-    def __call__(self, holds, what):
-        self.count += 1
-        if not holds:
-            self.failed.append(what)
+    def fail(self, what):
+        self.bad.append(f"{self.tag}: {what}" if self.tag else what)
+        if not self.tag:
             print("FAILED:", what)
 
+    def __call__(self, holds, what):
+        self.done += 1
+        if not holds:
+            self.fail(what)
+
+    def equal(self, what, got, want):
+        self(got == want, f"{what} is {got!r}, expected {want!r}")
+
+    def near(self, what, got, want, absolute, relative=0.0):
+        """Half a unit of the last printed place is already inside `absolute`."""
+        allowed = max(absolute, relative * abs(want))
+        if got is None:
+            self(False, f"{what} is missing, expected {want:.8g}")
+        else:
+            self(abs(got - want) <= allowed, f"{what} is {got:.8g}, expected {want:.8g} (allowed difference {allowed:.2g})")
+
+    def same(self, what, got, want, absolute, relative=0.0):
+        """Numbers near, texts and missing values equal."""
+        if want is None or isinstance(want, str):
+            self.equal(what, got, want)
+        else:
+            self.near(what, got, want, absolute, relative)
+
+    def matrix(self, what, got, want, absolute, relative):
+        if got is None or [len(x) for x in got] != [len(x) for x in want]:
+            return self(False, f"{what} has another shape or is missing: {got!r}")
+        for i, row in enumerate(want):
+            for j, x in enumerate(row):
+                self.near(f"{what}[{i}][{j}]", got[i][j], x, absolute, relative)
+
     def finish(self):
-        print(f"{self.count} checks, {len(self.failed)} failed")
-        raise SystemExit(1 if self.failed else 0)
+        finish([self])
+
+
+def finish(parts, most=12):
+    """Ends a test with what its parts have found."""
+    for part in parts:
+        print(f"{part.tag or 'all':26} {part.done:6} checks, {len(part.bad)} failed")
+    for part in parts:
+        for what in part.bad[:most] if part.tag else ():
+            print(what)
+    raise SystemExit(1 if any(part.bad for part in parts) or not any(part.done for part in parts) else 0)

@@ -278,8 +278,3 @@ def splitsections(text):
             raise ValueError('the section of %s results stands in the report twice' % name)
         out[name] = Report(text[m.start():after.start() if after else len(text)])
     return out
-
-
-def masked(text):
-    """The report without what changes from run to run: date, time and program name."""
-    return re.sub(r'(?m)^ (Date|Time|Module): .*$', r' \1:', text)

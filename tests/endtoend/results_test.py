@@ -6,15 +6,12 @@ report to all its digits, and against distributions and criteria computed here.
 import csv
 import json
 import math
-import pathlib
 import re
 import sys
 
 import jsonschema
 from scipy import stats
 
-HERE = pathlib.Path(__file__).resolve().parent
-sys.path.insert(0, str(HERE))
 import report
 from program import ROOT, Checks
 from series_test import HYPOTHESES, IMPUTED, Place, model, nonlinear

@@ -6,7 +6,6 @@ rules over the single runs of the same models.
 The data are five imputations by mice of a part of the chem97 example (tests/reference/imputed).
 """
 import functools
-import pathlib
 import random
 import re
 import shutil
@@ -15,41 +14,14 @@ import subprocess
 import sys
 import time
 
-HERE = pathlib.Path(__file__).resolve().parent
-sys.path.insert(0, str(HERE))
 import report
 import rubin
-from program import ROOT, Checks, Workplace
+from program import NOFILES, REFERENCE, Checks, Workplace, template
 
-DATA = ROOT / "tests" / "reference" / "imputed"
+DATA = REFERENCE / "imputed"
 M = 5
 STORE = "mixyzzy.dat"
 
-MDM = """#KDR3 MDM CREATION TEMPLATE
-mdmtype:0
-rawdattype:ascii
-l1fname:{data}
-l2fname:level2.dat
-l3fname:level3.dat
-numl1var:{count}
-numl2var:1
-numl3var:1
-l1format:(A4,1X,A5,{columns})
-l2format:(A4,1X,A5,F8.4)
-l3format:(A4,F8.4)
-l1missing:n
-timeofdeletion:now
-mdmname:{mdm}
-*begin l1vars
-{names}
-*end l1vars
-*begin l2vars
-SCHGCSE
-*end l2vars
-*begin l3vars
-LEAGCSE
-*end l3vars
-"""
 MODEL = """#Score on sex and earlier attainment
 NONLIN:N
 LEVEL1:{outcome}=INTRCPT1+{predictors}+RANDOM
@@ -64,15 +36,12 @@ LEVEL3:INTRCPT2=INTRCPT3/
 CONSTRAIN:N
 {hypotheses}HYPOTH:N
 LVR-BETA:N
-RESFIL1:N
-RESFIL2:N
-RESFIL3:N
 NUMIT:60,N
 STOPVAL:0.0000000001
 FULLOUTPUT:N
 TITLE:A series
 OUTPUT:{output}
-{options}"""
+{options}""" + NOFILES
 # An outcome made of the score: each lists the lines of NONLIN and of the level-1 equation that differ.
 NONLINEAR = {"BERNOULLI": ("PASS", ""), "POISSON": ("COUNT", ""), "MULTINOMIAL,3": ("GRADE", ""),
              "ORDINAL,3": ("GRADE", "+THOLD2")}
@@ -128,8 +97,9 @@ class Place(Workplace):
         self.mdm(name, name + ".dat", *COLUMNS)
 
     def mdm(self, name, data, columns, names):
-        self.write(name + ".mdmt", MDM.format(data=data, columns=columns, names="\n".join(names), count=len(names),
-                                              mdm=name + ".mdm"))
+        self.write(name + ".mdmt", template(
+            name + ".mdm", (data, "level2.dat", "level3.dat"), (f"(A4,1X,A5,{columns})", "(A4,1X,A5,F8.4)", "(A4,F8.4)"),
+            (names, ["SCHGCSE"], ["LEAGCSE"])))
         done = self.run("-r", name + ".mdmt")
         assert done.returncode == 0, done.stdout
 
@@ -267,12 +237,25 @@ def refusals(check, place):
     (place.folder / STORE).unlink(missing_ok=True)
     done = words("-mi1")
     check(done.returncode == 100 and "There is no result store" in done.stdout, f"no store: {done.stdout}")
+    same = model(hypotheses="")
+    place.write("series.kdr", same)
     words("-mi0")
-    place.write("series.kdr", model(options="FISHERTYPE:0\n"))
-    done = words("-mi1", "-e")
-    check(done.returncode == 100 and "another model" in done.stdout, f"another model: {done.stdout}")
-    check("AVERAGED" not in place.read("out.avg") and place.exists(STORE), "another model: something was averaged")
-    place.write("series.kdr", model())
+    for other in (model(outcome="COUNT", hypotheses=""), same.replace("LEAGCSE,2", "LEAGCSE"), same.replace("+LEAGCSE,2", ""),
+                  *(same + line + "\n" for line in ("FIXSIGMA2:2.0", "DIAGONALIZETAUPI:Y", "ESTTAU2:E,0.1,E", "ESTTAU3:0.5",
+                                                     "CONTAU2:1,3", "FISHERTYPE:0", "LEVEL2WEIGHT:SCHGCSE"))):
+        place.write("series.kdr", other)
+        done = words("-mi1", "-e")
+        check(done.returncode == 100 and "another model" in done.stdout, f"another model: {done.stdout}\n{other}")
+        check("AVERAGED" not in place.read("out.avg") and place.exists(STORE), "another model: something was averaged")
+    place.write("series.kdr", same)
+    check(words("-mi1").returncode == 0, "the same model")
+    done = words("-mi1")
+    check(done.returncode == 100 and "has finished already" in done.stdout, f"a data set twice: {done.stdout}")
+    heading = "\fTHE AVERAGED RESULTS FOR THIS MULTIPLE IMPUTATION RUN\n"
+    place.write("out.avg", place.read("out.avg") + heading + " sigma")  # as a process leaves it that is killed while it writes
+    words("-mi2", "-e")
+    check(place.read("out.avg").count(heading) == 1, "averages that a killed process began stay")
+    words("-mi0")
     whole = (place.folder / STORE).read_bytes()
     (place.folder / STORE).write_bytes(whole[:-1])
     done = words("-mi1", "-e")

@@ -3,54 +3,23 @@ import random
 import re
 import sys
 
-from program import Checks, Workplace
+from program import NOFEATURES, NOFILES, Checks, Workplace, template
 
 check = Checks()
 work = Workplace(sys.argv[1])
 
-TEMPLATE = """#KDR3 MDM CREATION TEMPLATE
-rawdattype:ascii
-l1fname:s1.dat
-l2fname:s2.dat
-l3fname:s3.dat
-numl1var:3
-numl2var:1
-numl3var:1
-l1format:(2A4,3F12.6)
-l2format:(2A4,F12.6)
-l3format:(A4,F12.6)
-l1missing:n
-timeofdeletion:now
-mdmname:s.mdm
-*begin l1vars
-Y
-X
-X2
-*end l1vars
-*begin l2vars
-Z
-*end l2vars
-*begin l3vars
-Q
-*end l3vars
-"""
+TEMPLATE = template("s.mdm", ("s1.dat", "s2.dat", "s3.dat"), ("(2A4,3F12.6)", "(2A4,F12.6)", "(A4,F12.6)"),
+                    (["Y", "X", "X2"], ["Z"], ["Q"]))
 MODEL = """NONLIN:N
 LEVEL1:Y=INTRCPT1+X{more}+RANDOM
 LEVEL2:INTRCPT1=INTRCPT2+RANDOM/
 LEVEL3:INTRCPT2=INTRCPT3{q}+RANDOM/
 LEVEL2:X=INTRCPT2+RANDOM/
 LEVEL3:INTRCPT2=INTRCPT3+RANDOM/
-{moreequations}LEVEL1DELETION:NONE
-RESFIL1:N
-RESFIL2:N
-RESFIL3:N
-CONSTRAIN:N
-HYPOTH:N
-LVR-BETA:N
-NUMIT:300,N
+{moreequations}NUMIT:300,N
 TITLE:singular
 OUTPUT:s.txt
-"""
+""" + NOFILES + NOFEATURES
 
 
 def study(units3, units2, records, sd2=(1, 0.5), sd3=(0.7, 0.3), sde=1.0, y=None, seed=11):
@@ -92,6 +61,8 @@ for fishertype in "012":
     fit("FISHERTYPE " + fishertype, [0], "Statistics for the current model", FISHERTYPE=fishertype)
 
 text = fit("a heterogeneous stage", [0], "RESULTS FOR HETEROGENEOUS TAU(PI)", HETIT="8")
+stage = text.split("RESULTS FOR HETEROGENEOUS TAU(PI)")[1].split("******* ITERATION")[0]
+check("\ntau(pi)\n" not in stage and "Reliability" not in stage and "INTRCPT3, G000" in stage, "what the stage shows")
 check(len(work.read("hettau.dat").splitlines()) == 30, "hettau.dat has a line for each level-3 unit")
 check(all(len(line) == 12 + 3 * 15 for line in work.read("hettau.dat").splitlines()), "identifier and triangle of a unit")
 likelihoods = [float(value) for value in re.findall(r"at iteration \d+ = (\S+)", text.split("RESULTS FOR HET")[0])]

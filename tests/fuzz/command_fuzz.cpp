@@ -1,45 +1,21 @@
 // Command files, for a run on a small MDM in memory. A file that is taken is written again, and the written file must
 // be taken too and be written the same.
 #include <fstream>
-#include <initializer_list>
 #include <iterator>
 
 #include "harness.h"
-#include "model/commandfile.h"
 #include "model/complete.h"
 #include "model/constraints.h"
+#include "model/smallmdm.h"
 #include "model/writer.h"
 
 using namespace kdr;
 
 namespace {
 
-Array<Name> nametable(std::initializer_list<const char*> names) {
-  Array<Name> table(names.size());
-  std::size_t v = 0;
-  for (const char* name : names) table[v++] = paddedname(name);
-  return table;
-}
-
-void freshrun() {
-  run = RunRecord{};
-  run.id.waitseconds = -1;
-  MdmData& mdm = run.mdm;
-  mdm.names1 = nametable({"INTRCPT1", "A", "B", "X", "Y", "Z", "T"});
-  mdm.names2 = nametable({"INTRCPT2", "V", "W", "W2"});
-  mdm.names3 = nametable({"INTRCPT3", "P", "Q"});
-  mdm.nvar1 = 6;
-  mdm.nvar2 = 3;
-  mdm.nvar3 = 2;
-  mdm.ncol1 = 7;
-  mdm.ncol2 = 4;
-  mdm.ncol3 = 3;
-  mdm.maxbeta = 24;
-}
-
 // Reads one file and writes the run as the run sequence does. False when the file was refused.
 bool readandwrite(const char* from, const char* to) {
-  freshrun();
+  smallmdm();
   run.files.cmdfile = from;
   try {
     readcommandfile();

@@ -116,29 +116,6 @@ TEST_P(Engine, FisherInformationAndScoreAreTheDenseOnes) {
   }
 }
 
-// The information of the outer products, from dense scores of one level-3 unit at a time.
-TEST_P(Engine, OuterProductsAreThoseOfTheUnitsScores) {
-  study::Study made(GetParam(), 12);
-  Pass pass;
-  study::prepare(pass);
-  FisherWork fisher;
-  makefisher(pass, fisher);
-  const dense::Parameters x = study::setparameters(points[0].T, points[0].L, points[0].s, points[0].gamma);
-  const dense::Matrix gamma = study::gammamatrix();
-  dense::Matrix outer(7, 7);
-  for (const dense::Unit& u : made.units) {
-    const std::vector<double> score = dense::evaluate({u}, x, gamma).score;
-    for (int i = 0; i < 7; ++i)
-      for (int j = 0; j < 7; ++j)
-        outer(i, j) += score[static_cast<std::size_t>(i)] * score[static_cast<std::size_t>(j)];
-  }
-  Likelihood likelihood{0, 0};
-  ASSERT_TRUE(fisherouter(pass, fisher, likelihood));
-  for (int i = 0; i < 7; ++i)
-    for (int j = 0; j < 7; ++j)
-      expectnear(fisher.information[static_cast<std::size_t>(7 * i + j)], outer(i, j), outer(i, i), "outer product");
-}
-
 TEST_P(Engine, EveryPlainStepRaisesTheLikelihood) {
   study::Study made(GetParam());
   Pass pass;

@@ -166,7 +166,8 @@ inline void fold(Pass& pass, std::FILE* working = nullptr, bool write = false) {
   const bool raw = working == nullptr || write;
   startrecords(units, mdmlayout(raw), raw ? run.mdm.stream : working, raw ? run.mdm.firstblock : 0);
   if (write) units.working = working;
-  datapass(pass, [&](UnitProducts& unit) { return nextunit(units, unit); }, true, true);
+  run.out.resfil2 = true;  // a reader of identifiers and level-2 rows
+  datapass(pass, [&](UnitProducts& unit) { return nextunit(units, unit); });
 }
 
 // The pass over the study, ready to iterate.

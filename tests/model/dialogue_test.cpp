@@ -59,15 +59,6 @@ struct Dialogue : testing::Test {
 
 }  // namespace
 
-TEST_F(Dialogue, FullCommandFileIsSilent) {
-  const Outcome outcome = converse(settled + samplemodel, "");
-  EXPECT_EQ(outcome.code, 0);
-  EXPECT_EQ(outcome.words, "");
-  EXPECT_EQ(equations(), samplemodel);
-  // A wanted residual file does not open the question of its type.
-  EXPECT_EQ(converse("RESFIL2:Y\n" + settled + samplemodel, "").words, "");
-}
-
 TEST_F(Dialogue, WholeConversation) {
   const Outcome outcome = converse("",
                                    "n\n"                       // no non-linear analysis
@@ -157,35 +148,4 @@ TEST_F(Dialogue, NoLevel1Intercept) {
   EXPECT_EQ(outcome.code, 0) << outcome.words;
   EXPECT_TRUE(holds(outcome.words, "Which level-2 predictor to model        X, P1?\n")) << outcome.words;
   EXPECT_TRUE(holds(equations(), "LEVEL1:Y=X+RANDOM\nLEVEL2:X="));
-}
-
-TEST_F(Dialogue, OnlyTheEquations) {
-  // The model is silent; what stands behind it is asked.
-  const Outcome outcome = converse(samplemodel, "n\nn\nn\nn\nn\n5\nt\n");
-  EXPECT_EQ(outcome.code, 0);
-  EXPECT_FALSE(holds(outcome.words, "predictor"));
-  EXPECT_EQ(outcome.words.find("Do you want to constrain any (more) of the gammas? "),
-            outcome.words.find("ADDITIONAL PROGRAM FEATURES\n") + 28);
-}
-
-TEST_F(Dialogue, BadAnswersEnd) {
-  struct Case {
-    std::string text, answers;
-    int code;
-    std::string last;
-  };
-  const std::string stop = "Unable to get a proper response!\n\n";
-  const Case cases[] = {
-      {"", "", 100, stop},
-      {"", "n\n7\n0\n", 100, stop},
-      {"", "n\n4\n3\n0\nn\ny\n", 100, stop},  // centering, at the end of input
-      {settled, "n\n4\n0\nn\n-1\n-1\n-1\n-1\n-1\n-1\n-1\n-1\n-1\n-1\n0\n", 100, stop},
-      {"HYPOTH:N\nCONSTRAIN:N\n" + samplemodel, "y\nx\nx\nx\nx\nx\nx\nx\nx\nx\nx\nx\no\no\n", 14,
-       "Unable to get a proper response\n"},
-  };
-  for (const Case& c : cases) {
-    const Outcome outcome = converse(c.text, c.answers);
-    EXPECT_EQ(outcome.code, c.code) << c.answers << outcome.words;
-    EXPECT_TRUE(outcome.words.ends_with(c.last)) << outcome.words;
-  }
 }

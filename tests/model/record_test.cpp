@@ -57,37 +57,6 @@ TEST_F(Reading, DefaultsWithoutAFile) {
   EXPECT_FALSE(run.answered.wholemodel());
 }
 
-TEST_F(Reading, SampleModel) {
-  readtext(samplemodel);
-  const ModelSpec& model = run.model;
-  EXPECT_EQ(run.kind.outvar, 4);
-  EXPECT_FALSE(run.kind.nointercept1);
-  EXPECT_EQ(row(model.use1, 0), (Ints{1, 0, 0, 1, -1, 0, 0}));
-  EXPECT_EQ(values(model.center1), (Ints{0, 0, 0, 1, 0, 0, 0}));
-  EXPECT_EQ(values(model.center2), (Ints{0, 0, 2, 0}));
-  EXPECT_EQ(values(model.center3), (Ints{0, 2, 0}));
-  EXPECT_EQ(row(model.terms2, 0, 0), (Ints{0, 2, noslot, noslot}));
-  EXPECT_EQ(row(model.terms2, 0, 1), (Ints{0, noslot, noslot, noslot}));
-  EXPECT_EQ(model.extra2.row(0, 0)[0], 3);
-  EXPECT_EQ(model.extra2.row(0, 0)[1], noslot);
-  EXPECT_EQ(row(model.terms3, 0, 0), (Ints{0, 1, 2}));
-  EXPECT_EQ(row(model.terms3, 0, 1), (Ints{0, noslot, noslot}));
-  EXPECT_EQ(model.extra3.row(0, 1)[0], 2);
-  EXPECT_EQ(model.fixed1.row(0)[0], 0);
-  EXPECT_EQ(model.fixed2.row(0)[0], 0);
-  EXPECT_EQ(model.fixed2.row(0)[1], 1);
-  EXPECT_EQ(model.fixed2.row(0)[2], 0);
-  EXPECT_TRUE(run.answered.wholemodel() && run.answered.extra2 && run.answered.extra3);
-
-  compactlists();
-  EXPECT_EQ(model.nres1vars1, 1);
-  EXPECT_EQ(model.res1vars1[0], 4);
-  EXPECT_EQ(model.nres1vars2, 1);
-  EXPECT_EQ(model.res2vars2[0], 2);
-  EXPECT_EQ(model.nres3vars3, 2);
-  EXPECT_EQ(values(model.res1vars3), (Ints{1, 2, 0}));
-}
-
 TEST_F(Reading, CountsAndLabels) {
   readtext(
       "LEVEL1:Y=A+X+RANDOM\n"
@@ -196,24 +165,6 @@ TEST_F(Reading, SingleValues) {
     readtext(c.text);
     EXPECT_TRUE(c.holds()) << c.text;
   }
-}
-
-TEST_F(Reading, ListsOfTheModel) {
-  readtext(samplemodel +
-           "ESTTAU2:E,0.3,e\nESTTAU3:E,0.25,E,7\nCONTAU2:1,3\nGAMMA1:0,1,0,0,0\nGAMMA1:0,0,1,0,0\nGAMMA2:1,2,3,4,5\n"
-           "CONSTRAIN:0,1,1\nLVR-BETA:O,p\nPLAUSVALS:Y,Z\n");
-  EXPECT_EQ(values(run.iter.esttau2), (std::vector<double>{missingcode, 0.3, 0.3, missingcode}));
-  EXPECT_EQ(values(run.iter.esttau3), (std::vector<double>{missingcode, 0.25, 0.25, missingcode}));
-  EXPECT_EQ(values(run.iter.contau2), (Ints{1, 0, -1}));
-  EXPECT_FALSE(run.iter.havecontau3);
-  EXPECT_EQ(run.model.hypothesisrows[0], 2);
-  EXPECT_EQ(run.model.hypothesisrows[1], 1);
-  EXPECT_EQ(values(run.model.contrasts), (std::vector<double>{0, 1, 0, 0, 0, 0, 0, 1, 0, 0, 1, 2, 3, 4, 5}));
-  EXPECT_EQ(values(run.model.constraints), (Ints{0, 1, 1, 0, 0}));
-  EXPECT_EQ(values(run.out.lvrroles), (Ints{1, 2}));
-  EXPECT_TRUE(run.series.pvmode && run.series.pvfirst);
-  EXPECT_EQ(values(run.series.pvlist), (Ints{4, 5}));
-  EXPECT_EQ(run.series.pvcurrent, 4);
 }
 
 TEST_F(Reading, SetsAndThresholds) {

@@ -207,7 +207,7 @@ struct Author {
     if (maybe()) out << "FISHERTYPE:" << below(3) << "\n";
     if (maybe()) out << "ACCEL:" << below(9) << "\n";
     if (maybe()) out << "PRINTVARIANCE-COVARIANCE:" << pick({"Y", "A", "N"}) << "\n";
-    if (maybe()) out << "FIXSIGMA2:" << real() << "\n";
+    if (maybe()) out << "FIXSIGMA2:" << pick({"N", "0", "1", "0.33333333333333331", "1e-7", "12345.678e17"}) << "\n";
     if (maybe()) out << "DEVIANCE:" << real() << "\nDF:" << below(50) << "\n";
     if (maybe()) out << "FIXTAU2:" << below(6) << "\nFIXTAU3:" << below(6) << "\n";
     if (maybe()) out << "DIAGONALIZETAUPI:Y\n";

@@ -4,11 +4,9 @@
 
 #include <cstdint>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 
+#include "data/child.h"
 #include "records.h"
 
 namespace kdr {
@@ -17,21 +15,10 @@ namespace {
 constexpr SubrunShape shape{2, 1, 2, true, true, 77};
 constexpr std::size_t headsize = 132, marksize = 48;
 
-class ResultStore : public testing::Test {
- protected:
-  void SetUp() override {
-    before = std::filesystem::current_path();
-    std::filesystem::current_path(testing::TempDir());
-    std::filesystem::remove(storename);
-  }
-  void TearDown() override { std::filesystem::current_path(before); }
-
-  static std::string contents() {
-    std::ostringstream text;
-    text << std::ifstream(storename, std::ios::binary).rdbuf();
-    return text.str();
-  }
-  static void setcontents(const std::string& bytes) { std::ofstream(storename, std::ios::binary) << bytes; }
+struct ResultStore : testing::Test {
+  Workplace workplace;
+  static std::string stored() { return contents(storename); }
+  static void setcontents(const std::string& bytes) { makefile(storename, bytes); }
 
   // A series whose data sets 0, 1, ... ended: true well, false with a failure.
   static void makeseries(const std::vector<bool>& ended, const SubrunShape& kind = shape) {
@@ -61,22 +48,20 @@ class ResultStore : public testing::Test {
     std::vector<SubrunRecord> records;
     return readstore(kind, head, &records);
   }
-
-  std::filesystem::path before;
 };
 
 TEST_F(ResultStore, RecordsComeBackInEveryShape) {
   for (const SubrunShape& kind : {shape, SubrunShape{1, 3, 4, false, false}, SubrunShape{3, 2, 1, true, false}}) {
     makeseries({true, false, true, true}, kind);
     expectrecords({0, 2, 3}, kind);
-    EXPECT_EQ(contents().size(), headsize + 3 * static_cast<std::size_t>(recordsize(kind)) + marksize);
+    EXPECT_EQ(stored().size(), headsize + 3 * static_cast<std::size_t>(recordsize(kind)) + marksize);
   }
 }
 
 // Offsets and widths of the head and of a record, worked out by hand.
 TEST_F(ResultStore, LayoutOfTheFile) {
   makeseries({true, false, true});
-  const std::string bytes = contents();
+  const std::string bytes = stored();
   const auto word = [&](std::size_t offset) {
     std::int32_t value = 0;
     std::memcpy(&value, bytes.data() + offset, sizeof value);
@@ -111,9 +96,9 @@ TEST_F(ResultStore, LayoutOfTheFile) {
 // Every state in which a kill can leave the file while the third data set appends its record.
 TEST_F(ResultStore, KilledWhileAppending) {
   makeseries({true, true, true});
-  const std::string after = contents();
+  const std::string after = stored();
   makeseries({true, true, false});
-  const std::string begun = contents();
+  const std::string begun = stored();
   const auto size = static_cast<std::size_t>(recordsize(shape)), place = headsize + 2 * size;
   ASSERT_EQ(begun.size(), place + marksize);
   const std::string mark = begun.substr(place);
@@ -150,7 +135,7 @@ TEST_F(ResultStore, KilledWhileAppending) {
 TEST_F(ResultStore, CutAnywhere) {
   const SubrunShape small{1, 1, 1, false, false};
   makeseries({true, true, true}, small);
-  const std::string whole = contents();
+  const std::string whole = stored();
   for (std::size_t size = 0; size < whole.size(); ++size) {
     setcontents(whole.substr(0, size));
     EXPECT_NE(refusal(small).find("not whole"), std::string::npos) << size;
@@ -159,7 +144,7 @@ TEST_F(ResultStore, CutAnywhere) {
 
 TEST_F(ResultStore, DamagedHead) {
   makeseries({true, true});
-  const std::string whole = contents();
+  const std::string whole = stored();
   struct Damage {
     std::size_t offset;
     char value;
@@ -182,12 +167,12 @@ TEST_F(ResultStore, OfAnotherSeries) {
   for (SubrunShape other : {SubrunShape{1, 2, 2, true, true, 77}, SubrunShape{2, 1, 3, true, true, 77},
                             SubrunShape{2, 1, 2, false, true, 77}, SubrunShape{2, 1, 2, true, false, 77},
                             SubrunShape{2, 1, 2, true, true, 78}}) {
-    const std::string bytes = contents();
+    const std::string bytes = stored();
     EXPECT_NE(refusal(other).find("another model"), std::string::npos);
     StoreHead head;
     EXPECT_NE(joinstore(other, 2, head), "");
     EXPECT_NE(appendrecord(other, 2, emptyrecord(other)), "");
-    EXPECT_EQ(contents(), bytes);
+    EXPECT_EQ(stored(), bytes);
   }
   createstore(shape);  // a new series begins in the place of the old one
   expectrecords({});

@@ -66,7 +66,7 @@ TEST(LaplaceRun, EndsAtTheMaximumOfTheLikelihood) {
   EXPECT_TRUE(result.converged);
   double best = 0;
   std::vector<DenseUnit> units;
-  for (const Level3Records& unit : study.units) units.emplace_back(study, unit);
+  for (const Level3Records& unit : study.units) units.push_back(denseunit(study, unit));
   for (const DenseUnit& unit : units) best += denselikelihood(unit, result.estimates);
   EXPECT_NEAR(result.loglik, best, 1e-6);
   const std::size_t P = result.estimates.count();
@@ -119,7 +119,7 @@ TEST(LaplaceRun, SixthOrderIsNearerToTheIntegralThanFirst) {
     const double tau = x.taupi[0] + x.taubeta[0];
     double first = 0, sixth = 0, integral = 0;
     for (const Level3Records& records : study.units) {
-      const DenseUnit unit(study, records);
+      const DenseUnit unit = denseunit(study, records);
       first += denselikelihood(unit, x, 0.0);
       sixth += denselikelihood(unit, x);
       const Matrix fixed = unit.X * matrixof(x.gamma, x.g, 1);

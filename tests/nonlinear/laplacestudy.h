@@ -9,14 +9,13 @@
 #include <utility>
 #include <vector>
 
-#include "kernel/sizes.h"
-#include "linear/dense.h"
+#include "densemodes.h"
 #include "nonlinear/laplace.h"
 
 namespace laplacestudy {
 
 using namespace kdr;
-using dense::Matrix;
+using namespace densemodes;
 
 struct Shape {
   const char* name;
@@ -157,82 +156,8 @@ struct Study {
   }
 };
 
-// The full matrices of a level-3 unit: F has the columns of v, then those of u_j for each j.
-struct DenseUnit {
-  Matrix X, F, E, D;
-  std::vector<double> y;
-  std::vector<int> unit2;
-  int units = 0;
-
-  DenseUnit(const Study& study, const Level3Records& unit) : units(unit.units) {
-    const int n = static_cast<int>(unit.y.size()), nbeta = study.data.nbeta, q = study.q, r = study.r;
-    X = Matrix(n, study.g);
-    E = Matrix(n, r);
-    D = Matrix(n, q);
-    F = Matrix(n, r + q * units);
-    for (int j = 0; j < units; ++j)
-      for (int i = static_cast<int>(unit.start[at(j)]); i < static_cast<int>(unit.start[at(j) + 1]); ++i) {
-        unit2.push_back(j);
-        y.push_back(unit.y[at(i)]);
-        const double* x = unit.x.data() + i * study.data.npi;
-        std::vector<double> B(at(nbeta));
-        for (int m = 0; m < nbeta; ++m) B[at(m)] = unit.w2[at(j * nbeta + m)] * x[study.design.owner2[at(m)]];
-        for (std::size_t f = 0; f < study.design.owner3.size(); ++f)
-          X(i, study.design.reduced[f]) += unit.w3[f] * B[at(study.design.owner3[f])];
-        for (int m = 0; m < r; ++m) E(i, m) = F(i, m) = B[at(m)];
-        for (int a = 0; a < q; ++a) D(i, a) = F(i, r + q * j + a) = x[study.design.random1[at(a)]];
-      }
-  }
-};
-
-inline Matrix matrixof(const Array<double>& a, int rows, int cols) {
-  Matrix m(rows, cols);
-  std::copy(a.begin(), a.end(), m.cells.begin());
-  return m;
-}
-
-// The joint mode of a unit and the covariance of its linear predictors.
-struct DenseFit {
-  Matrix b, H, V, A;  // modes, joint information and its inverse, F V F'
-  std::vector<double> eta;
-  double logH = 0, quadratic = 0, records = 0;
-};
-inline DenseFit densemode(const DenseUnit& unit, const Parameters& x) {
-  const int n = unit.X.rows, d = unit.F.cols;
-  const Matrix Kp = inverse(matrixof(x.taupi, x.q, x.q)), Kb = inverse(matrixof(x.taubeta, x.r, x.r));
-  Matrix K(d, d);
-  for (int a = 0; a < d; ++a)
-    for (int b = 0; b < d; ++b) {
-      if (a < x.r && b < x.r) K(a, b) = Kb(a, b);
-      if (a >= x.r && b >= x.r && (a - x.r) / x.q == (b - x.r) / x.q) K(a, b) = Kp((a - x.r) % x.q, (b - x.r) % x.q);
-    }
-  const Matrix fixed = unit.X * matrixof(x.gamma, x.g, 1);
-  DenseFit fit;
-  fit.b = Matrix(d, 1);
-  for (int step = 0; step < 60; ++step) {
-    const Matrix eta = fixed + unit.F * fit.b;
-    Matrix WF = unit.F, score = -1.0 * (K * fit.b);
-    for (int i = 0; i < n; ++i) {
-      const double mu = 1.0 / (1.0 + std::exp(-eta(i, 0)));
-      for (int a = 0; a < d; ++a) {
-        WF(i, a) *= mu * (1.0 - mu);
-        score(a, 0) += unit.F(i, a) * (unit.y[at(i)] - mu);
-      }
-    }
-    fit.H = K + t(unit.F) * WF;
-    fit.V = inverse(fit.H, &fit.logH);
-    const Matrix move = fit.V * score;
-    fit.b = fit.b + move;
-    fit.eta = eta.cells;
-    if (std::sqrt((t(move) * move)(0, 0)) < 1e-15) break;
-  }
-  fit.quadratic = (t(fit.b) * K * fit.b)(0, 0);
-  fit.A = unit.F * fit.V * t(unit.F);
-  for (int i = 0; i < n; ++i) {
-    const double eta = fit.eta[at(i)];
-    fit.records += unit.y[at(i)] * eta - std::log1p(std::exp(eta));
-  }
-  return fit;
+inline DenseUnit denseunit(const Study& study, const Level3Records& unit) {
+  return {study.design, study.data.npi, study.data.nbeta, study.q, study.r, study.g, unit};
 }
 
 // Derivatives 0 to 7 of log(1 + exp(eta)), from the recurrence of the Taylor coefficients of mu in mu' = mu - mu^2.
@@ -262,14 +187,15 @@ inline double logdet(const Array<double>& tau, int n) {
 // S_k by its double sum.
 inline double denseS(const DenseUnit& unit, const DenseFit& fit) {
   const int n = unit.X.rows;
+  const Matrix A = unit.F * fit.V * t(unit.F);
   double S = 0;
   for (int i = 0; i < n; ++i) {
     const auto k = softplus(fit.eta[at(i)]);
-    const double a = fit.A(i, i);
+    const double a = A(i, i);
     S += k[4] * a * a / 8 + k[6] * a * a * a / 48;
     for (int l = 0; l < n; ++l)
       if (unit.unit2[at(i)] == unit.unit2[at(l)])
-        S -= 5.0 / 24.0 * k[3] * softplus(fit.eta[at(l)])[3] * a * fit.A(l, l) * fit.A(i, l);
+        S -= 5.0 / 24.0 * k[3] * softplus(fit.eta[at(l)])[3] * a * A(l, l) * A(i, l);
   }
   return S;
 }

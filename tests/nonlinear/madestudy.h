@@ -10,14 +10,12 @@
 #include <utility>
 #include <vector>
 
-#include "linear/dense.h"
+#include "nonlinear/densemodes.h"
 #include "nonlinear/quadrature.h"
 
 namespace madestudy {
 
 using namespace kdr;
-
-constexpr std::size_t at(int i) { return static_cast<std::size_t>(i); }
 
 struct Record {
   int k, j;
@@ -132,97 +130,20 @@ inline std::vector<double> elements(const Parameters& parameters) {
 // The joint posterior mode of (v, u_1, ..., u_J) of every level-3 unit by Newton's method, and the diagonal blocks of
 // the inverse of the curvature there.
 inline Adaptation posteriormodes(const Study& study, const Parameters& parameters) {
-  const int q = study.q, r = study.r, npi = study.npi, nbeta = study.nbeta;
+  const int q = study.q, r = study.r;
+  const bool counts = study.outcome == OutcomeType::poisson || study.outcome == OutcomeType::poissonexposure;
   Adaptation adaptation;
   adaptation.vstar.reset(study.units.size() * at(r));
   adaptation.C3.reset(study.units.size() * at(r * r));
   adaptation.ustar.reset(at(study.units2 * q));
   adaptation.P.reset(at(study.units2 * q * q));
-  dense::Matrix Tp(q, q), Tb(r, r);
-  for (int a = 0; a < q * q; ++a) Tp.cells[at(a)] = parameters.taupi[at(a)];
-  for (int a = 0; a < r * r; ++a) Tb.cells[at(a)] = parameters.taubeta[at(a)];
-  const dense::Matrix Kp = dense::inverse(Tp), Kb = dense::inverse(Tb);
   for (const Level3Records& unit : study.units) {
-    const int order = r + unit.units * q;
-    std::vector<double> mode(at(order));
-    dense::Matrix H(order, order);
-    // Objective, and at `full` gradient and curvature.
-    const auto objective = [&](const std::vector<double>& effects, std::vector<double>* gradient) {
-      double value = 0.0;
-      if (gradient != nullptr) {
-        gradient->assign(at(order), 0.0);
-        H = dense::Matrix(order, order);
-      }
-      const auto prior = [&](int first, int n, const dense::Matrix& K) {
-        for (int a = 0; a < n; ++a)
-          for (int b = 0; b < n; ++b) {
-            const double product = K(a, b) * effects[at(first + b)];
-            value -= 0.5 * product * effects[at(first + a)];
-            if (gradient == nullptr) continue;
-            (*gradient)[at(first + a)] -= product;
-            H(first + a, first + b) += K(a, b);
-          }
-      };
-      prior(0, r, Kb);
-      for (int j = 0; j < unit.units; ++j) {
-        const int first = r + j * q;
-        prior(first, q, Kp);
-        for (std::size_t i = unit.start[at(j)]; i < unit.start[at(j) + 1]; ++i) {
-          const double* x = unit.x.data() + i * at(npi);
-          std::vector<double> row(at(nbeta)), f(at(r + q));
-          for (int m = 0; m < nbeta; ++m) row[at(m)] = unit.w2[at(j * nbeta + m)] * x[at(study.design.owner2[at(m)])];
-          double eta = 0.0;
-          for (std::size_t m = 0; m < study.design.owner3.size(); ++m)
-            eta += unit.w3[m] * row[at(study.design.owner3[m])] * parameters.gamma[at(study.design.reduced[m])];
-          for (int a = 0; a < r; ++a) f[at(a)] = row[at(a)];
-          for (int a = 0; a < q; ++a) f[at(r + a)] = x[at(study.design.random1[at(a)])];
-          const auto place = [&](int a) { return a < r ? a : first + a - r; };
-          for (int a = 0; a < r + q; ++a) eta += f[at(a)] * effects[at(place(a))];
-          const double y = unit.y[i], n = unit.n.empty() ? 1.0 : unit.n[i];
-          double residual = 0.0, weight = 0.0;
-          if (study.outcome == OutcomeType::bernoulli || study.outcome == OutcomeType::binomial) {
-            const double mu = 1.0 / (1.0 + std::exp(-eta));
-            value += y * eta - n * (eta > 0.0 ? eta + std::log1p(std::exp(-eta)) : std::log1p(std::exp(eta)));
-            residual = y - n * mu;
-            weight = n * mu * (1.0 - mu);
-          } else {
-            const double mu = n * std::exp(eta);
-            value += y * eta - mu;
-            residual = y - mu;
-            weight = mu;
-          }
-          if (gradient == nullptr) continue;
-          for (int a = 0; a < r + q; ++a) {
-            (*gradient)[at(place(a))] += residual * f[at(a)];
-            for (int b = 0; b < r + q; ++b) H(place(a), place(b)) += weight * f[at(a)] * f[at(b)];
-          }
-        }
-      }
-      return value;
-    };
-    dense::Matrix C;
-    for (int pass = 0; pass < 60; ++pass) {
-      std::vector<double> gradient;
-      const double value = objective(mode, &gradient);
-      C = dense::inverse(H);
-      std::vector<double> trial = mode;
-      double scale = 1.0, largest = 0.0;
-      for (int halving = 0; halving < 30; ++halving, scale *= 0.5) {
-        for (int a = 0; a < order; ++a) {
-          double step = 0.0;
-          for (int b = 0; b < order; ++b) step += C(a, b) * gradient[at(b)];
-          trial[at(a)] = mode[at(a)] + scale * step;
-          largest = std::max(largest, std::fabs(step));
-        }
-        if (objective(trial, nullptr) >= value) break;
-      }
-      mode = trial;
-      if (largest < 1e-8) break;
-    }
+    const densemodes::DenseUnit records(study.design, study.npi, study.nbeta, q, r, parameters.g, unit);
+    const densemodes::DenseFit fit = densemodes::densemode(records, parameters, counts);
     const auto put = [&](int first, int n, double* means, double* covariance) {
       for (int a = 0; a < n; ++a) {
-        means[a] = mode[at(first + a)];
-        for (int b = 0; b < n; ++b) covariance[a * n + b] = C(first + a, first + b);
+        means[a] = fit.b(first + a, 0);
+        for (int b = 0; b < n; ++b) covariance[a * n + b] = fit.V(first + a, first + b);
       }
     };
     put(0, r, adaptation.vstar.data() + at(unit.k * r), adaptation.C3.data() + at(unit.k * r * r));

@@ -4,26 +4,7 @@ boundarysets.py, whose maximum may lie where a tau has no inverse.
 """
 import numpy as np
 from scipy.optimize import minimize
-
-
-def deviance(units, T, L, s):
-    """-2 log-likelihood at the fixed effects that are best for T, L and s; full matrices."""
-    A, c, yy, logdet, n = np.zeros((2, 2)), np.zeros(2), 0.0, 0.0, 0
-    for y, X, sizes in units:
-        V = X @ L @ X.T + s * np.eye(len(y))
-        at = 0
-        for size in sizes:
-            part = slice(at, at + size)
-            V[part, part] += X[part] @ T @ X[part].T
-            at += size
-        root = np.linalg.cholesky(V)
-        z, Z = np.linalg.solve(root, y), np.linalg.solve(root, X)
-        A += Z.T @ Z
-        c += Z.T @ z
-        yy += z @ z
-        logdet += 2 * np.log(np.diag(root)).sum()
-        n += len(y)
-    return yy - c @ np.linalg.solve(A, c) + logdet + n * np.log(2 * np.pi)
+from denselikelihood import Unit, gls, loglik
 
 
 def factors(theta, restriction, scale):
@@ -40,11 +21,16 @@ def factors(theta, restriction, scale):
 
 
 def best(units, restriction, scale):
-    units = [(np.array(y), np.array(X), sizes) for y, X, sizes in units]
+    made = []
+    for y, X, sizes in units:
+        ends = np.cumsum(sizes)
+        X = np.array(X)
+        made.append(Unit(np.array(y), X, X, X, [slice(end - size, end) for end, size in zip(ends, sizes)]))
 
     def value(theta):
+        T, L, s = factors(theta, restriction, scale)
         try:
-            return deviance(units, *factors(theta, restriction, scale))
+            return -2 * loglik(made, gls(made, T, L, s)[0], T, L, s)
         except np.linalg.LinAlgError:
             return 1e10
     starts = []

@@ -313,6 +313,12 @@ def reference(data, m, traced=False):
         gamma, cov = gls(units, T, L, s)
         out['populationaverage'] = dict(fixedpart(m, units, plain, factors, gamma, cov, T, L, s, np.array(out['df'], float)),
                                         sigma2=s)
+        if traced:  # what the graph data file holds
+            post = posterior(units, gamma, T, L, s)
+            out['populationaverage'].update(
+                v=[x[0].tolist() for x in post], u=[a.tolist() for x in post for a in x[2]],
+                pv3=[np.diag(x[1]) for x in post], pv2=[np.diag(a) for x in post for a in x[3]],
+                eta=np.concatenate(predictor(ps, units, gamma, T, L, s)))
     if traces:
         out['workingdata'] = traces
     return out

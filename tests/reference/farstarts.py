@@ -16,32 +16,10 @@ import densequadrature as dense
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "endtoend"))
 import report
+from program import NOFEATURES, NOFILES, template
 
-TEMPLATE = """#KDR3 MDM CREATION TEMPLATE
-rawdattype:ascii
-l1fname:f1.dat
-l2fname:f2.dat
-l3fname:f3.dat
-numl1var:2
-numl2var:1
-numl3var:1
-l1format:(2A4,F4.0,F8.3)
-l2format:(2A4,F8.3)
-l3format:(A4,F8.3)
-l1missing:n
-timeofdeletion:now
-mdmname:f.mdm
-*begin l1vars
-Y
-X
-*end l1vars
-*begin l2vars
-W
-*end l2vars
-*begin l3vars
-Z
-*end l3vars
-"""
+TEMPLATE = template("f.mdm", ("f1.dat", "f2.dat", "f3.dat"), ("(2A4,F4.0,F8.3)", "(2A4,F8.3)", "(A4,F8.3)"),
+                    (["Y", "X"], ["W"], ["Z"]))
 MODEL = """NONLIN:BERNOULLI
 MACROIT:100,N
 MICROIT:200
@@ -51,17 +29,10 @@ LEVEL2:INTRCPT1=INTRCPT2+RANDOM/
 LEVEL3:INTRCPT2=INTRCPT3+RANDOM/
 LEVEL2:X=INTRCPT2%s/
 LEVEL3:INTRCPT2=INTRCPT3/
-LEVEL1DELETION:NONE
-RESFIL1:N
-RESFIL2:N
-RESFIL3:N
-CONSTRAIN:N
-HYPOTH:N
-LVR-BETA:N
 TITLE:far
 OUTPUT:f.txt
 FULLOUTPUT:N
-"""
+""" + NOFILES + NOFEATURES
 
 
 def make(folder, number):

@@ -7,8 +7,13 @@ tiny           5 level-3 units, 12 level-2 units, 60 records
 """
 import csv
 import os
+import pathlib
+import sys
 import numpy as np
 from models import SETS, commandfile
+
+sys.path.append(str(pathlib.Path(__file__).resolve().parent.parent / 'endtoend'))
+from program import template
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 NAMES = {1: ['Y', 'X1', 'X2', 'V', 'W1'], 2: ['Z1', 'Z2', 'W2'], 3: ['Q1', 'Q2', 'W3']}
@@ -65,16 +70,10 @@ def numberid(i, j):
     return '%4d' % (100 + 7 * i) + (' %6d' % (1000 + 3 * j) if j is not None else '')
 
 
-def template(name, timing, code):
-    lines = ['#KDR3 MDM CREATION TEMPLATE', 'mdmtype:0', 'rawdattype:ascii']
-    lines += ['l%dfname:level%d.dat' % (n, n) for n in (1, 2, 3)]
-    lines += ['numl%dvar:%d' % (n, len(NAMES[n])) for n in (1, 2, 3)]
-    lines += ['l1format:(A4,1X,A6,5F10.4)', 'l2format:(A4,1X,A6,3F10.4)', 'l3format:(A4,3F10.4)']
-    lines += ['l1missing:n'] if code is None else ['l1missing:y/SAME', '%f' % code]
-    lines += ['timeofdeletion:%s' % timing, 'mdmname:%s.mdm' % name]
-    for n in (1, 2, 3):
-        lines += ['*begin l%dvars' % n] + NAMES[n] + ['*end l%dvars' % n]
-    return '\n'.join(lines) + '\n'
+def made(name, timing, code):
+    return template(name + '.mdm', ['level%d.dat' % n for n in (1, 2, 3)],
+                    ('(A4,1X,A6,5F10.4)', '(A4,1X,A6,3F10.4)', '(A4,3F10.4)'), NAMES.values(),
+                    'n' if code is None else 'y/SAME\n%f' % code, timing)
 
 
 def write(directory, rows, ids):
@@ -110,7 +109,7 @@ def main():
     for name, (templates, models) in SETS.items():
         for t, (timing, code) in templates.items():
             with open('%s/%s/%s.mdmt' % (HERE, name, t), 'w') as f:
-                f.write(template(t, timing, code))
+                f.write(made(t, timing, code))
         for m, model in models.items():
             with open('%s/%s/%s.kdr' % (HERE, name, m), 'w') as f:
                 f.write(commandfile(m, model))

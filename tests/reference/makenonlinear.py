@@ -5,7 +5,7 @@ units of mostly some 25 records, for random slopes in each equation; one categor
 get the same bytes.
 """
 import numpy as np
-from makedata import HERE, textid, write
+from makedata import HERE, template, textid, write
 from nonlinearmodels import FOLDERS, NAMES, SETS, commands
 
 NTHREE = 26
@@ -80,23 +80,13 @@ def simulatelarge(rng):
     return {level: [(i, j, [round(float(x), 4) for x in vals]) for i, j, vals in r] for level, r in rows.items()}
 
 
-def template(name):
-    names = NAMES[name]
-    lines = ['#KDR3 MDM CREATION TEMPLATE', 'mdmtype:0', 'rawdattype:ascii']
-    lines += ['l%dfname:level%d.dat' % (i, i) for i in (1, 2, 3)] + ['numl%dvar:%d' % (i, len(names[i])) for i in (1, 2, 3)]
-    lines += ['l1format:(A4,1X,A6,%dF10.4)' % len(names[1]), 'l2format:(A4,1X,A6,%dF10.4)' % len(names[2]),
-              'l3format:(A4,%dF10.4)' % len(names[3]), 'l1missing:n', 'timeofdeletion:now', 'mdmname:%s.mdm' % name]
-    for i in (1, 2, 3):
-        lines += ['*begin l%dvars' % i] + names[i] + ['*end l%dvars' % i]
-    return '\n'.join(lines) + '\n'
-
-
 def main():
     for name, rows in (('nonlin', simulate(np.random.default_rng(31))), ('large', simulatelarge(np.random.default_rng(32)))):
-        directory = '%s/%s' % (HERE, FOLDERS[name])
+        directory, names = '%s/%s' % (HERE, FOLDERS[name]), NAMES[name]
         write(directory, rows, textid)
         with open('%s/%s.mdmt' % (directory, name), 'w') as f:
-            f.write(template(name))
+            f.write(template(name + '.mdm', ['level%d.dat' % i for i in (1, 2, 3)],
+                             ['(A4,%s%dF10.4)' % ('1X,A6,' * (i < 3), len(names[i])) for i in (1, 2, 3)], names.values()))
         for data, models in SETS:
             for model, m in models.items() if data == name else ():
                 with open('%s/%s.kdr' % (directory, model), 'w') as f:

@@ -15,7 +15,7 @@ NAMES = {'nonlin': {1: ['YBERN', 'YBIN', 'NTRIAL', 'YPOIS', 'YEXP', 'EXPOS', 'YM
          'large': {1: ['YBERN', 'YBIN', 'NTRIAL', 'YMUL3', 'YMUL5', 'X1', 'X2'], 2: ['Z1', 'Z2'], 3: ['Q1', 'Q2']}}
 FOLDERS = {'nonlin': 'nonlinear', 'large': 'nonlinearlarge'}
 # what of the working data of the first iterations is stored, and of the residuals
-TRACED = ['BERN', 'BERNW', 'BINI', 'POIS', 'EXP', 'EXPW', 'M3W', 'O3W', 'BERNL', 'BINL']
+TRACED = ['BERN', 'BERNW', 'BINW', 'POIS', 'POISW', 'EXP', 'EXPW', 'M3W', 'O3', 'O3W', 'BERNL', 'BINL', 'M3']
 WEIGHTS = ('W1', 'W2', 'W3')
 
 L1 = [('INTRCPT1', 0), ('X1', 1), ('X2', 2)]
@@ -46,6 +46,7 @@ COUNTS = {
     'BINS': n('binomial', 'YBIN', 'NTRIAL', fixsigma2=0.0),
     'BINW': n('binomial', 'YBIN', 'NTRIAL', weights=WEIGHTS),
     'POIS': n('poisson', 'YPOIS', hypotheses=TESTS),
+    'POISW': n('poisson', 'YPOIS', random2=['INTRCPT1'], random3=INT3, weights=WEIGHTS),
     'POISS': n('poisson', 'YPOIS', fixsigma2=0.0),
     'EXP': n('poisson', 'YEXP', 'EXPOS', hypotheses=TESTS),
     'EXPS': n('poisson', 'YEXP', 'EXPOS', fixsigma2=0.0),

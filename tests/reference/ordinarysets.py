@@ -7,49 +7,15 @@ and counts the codes that the program ends with, with a line for each study that
 """
 import collections
 import random
-import re
 import sys
 import pathlib
 
 sys.path.insert(0, str(pathlib.Path(__file__).parent.parent / "endtoend"))
-from program import Workplace
+from program import NOFEATURES, NOFILES, Workplace, template
 
-TEMPLATE = """#KDR3 MDM CREATION TEMPLATE
-rawdattype:ascii
-l1fname:s1.dat
-l2fname:s2.dat
-l3fname:s3.dat
-numl1var:3
-numl2var:1
-numl3var:1
-l1format:(2A4,3F20.10)
-l2format:(2A4,F20.10)
-l3format:(A4,F20.10)
-l1missing:n
-timeofdeletion:now
-mdmname:s.mdm
-*begin l1vars
-Y
-X1
-X2
-*end l1vars
-*begin l2vars
-Z
-*end l2vars
-*begin l3vars
-Q
-*end l3vars
-"""
-END = """LEVEL1DELETION:NONE
-RESFIL1:N
-RESFIL2:N
-RESFIL3:N
-CONSTRAIN:N
-HYPOTH:N
-LVR-BETA:N
-NUMIT:500,N
-OUTPUT:s.txt
-"""
+TEMPLATE = template("s.mdm", ("s1.dat", "s2.dat", "s3.dat"), ("(2A4,3F20.10)", "(2A4,F20.10)", "(A4,F20.10)"),
+                    (["Y", "X1", "X2"], ["Z"], ["Q"]))
+END = NOFILES + NOFEATURES + "NUMIT:500,N\nOUTPUT:s.txt\n"
 
 
 def scale(rng, low, high):

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "driver/runrecord.h"
+#include "report/enginetables.h"
 #include "reportfixture.h"
 
 namespace kdr {
@@ -70,42 +71,17 @@ std::string printed(const PassResults& results, bool html = false) {
 
 constexpr const char* loglik = "function at iteration 7 = -1.250000E+01";
 constexpr const char* standard = "INTRCPT3, G000      2.000000    1.000000";
-constexpr const char* robust = "INTRCPT3, G000      2.000000    2.000000";
 
-TEST(PassTables, OfALinearRunInOrder) {
+TEST(PassTables, SayHowAPassEndedAndWhatCannotBeComputed) {
   PassResults results = resultsof(PassKind::linear);
-  expectpieces(printed(results),
-               {"\f******* ITERATION 7 *******\n\nIterations stopped due to small change in likelihood function\n",
-                " sigma^2 =      1.50000\n Standard error of sigma^2 =      0.12500\n",
-                "\ntau(pi)\n",
-                "3.00000",
-                "Standard error of tau(pi)\n",
-                "0.25000",
-                "Random level-1",
-                "0.750",
-                "Note: The reliability estimates reported above are based on only 90 of 100",
-                "\ntau(beta)\n",
-                "4.00000",
-                "Standard error of tau(beta)\n",
-                "0.50000",
-                "Random level-2",
-                "0.500",
-                loglik,
-                standard,
-                robust,
-                "level-1 and level-2 variance",
-                "50.00000",
-                "level-3 variance",
-                "60.00000",
-                "Note: The chi-square statistics reported above are based on only 19 of 20"},
-               {"correlations", "moderate to"});
-  expectpieces(printed(results, true), {"<h2>Final Results - Iteration 7</h2>", "&tau;", "<h4>", "<h4>", "&chi;"},
-               {"\f"});
   // An iteration on the way says nothing of an end and has no fixed effects.
   results.stopped = false;
   expectpieces(capturedtable(false, [&] { iterationtables(results); }), {"ITERATION 7", "Random level-2", loglik},
                {"stopped", "fixed effects"});
   results.stopped = true;
+  expectpieces(printed(results), {"(with robust"}, {"moderate to"});
+  results.fewunits = true;
+  expectpieces(printed(results), {"(with robust", "having a moderate to\nlarge number of level 3 units."}, {});
 
   results.ending = Ending::limit;
   results.errors.known = false;
@@ -124,56 +100,8 @@ TEST(PassTables, OfALinearRunInOrder) {
                {"level-1,  "});
 }
 
-TEST(PassTables, OfAHeterogeneousStage) {
-  PassResults results = resultsof(PassKind::linear);
-  results.heterogeneous = true;
-  expectpieces(capturedtable(false,
-                             [&] {
-                               iterationtables(results);
-                               fixedeffectstables(results);
-                             }),
-               {"\nRESULTS FOR HETEROGENEOUS TAU(PI)\n\n", " sigma^2 =", "\ntau(beta)\n", loglik, standard},
-               {"\ntau(pi)\n", "Standard error of tau", "Random level"});
-}
-
-struct KindCase {
-  PassKind kind;
-  std::vector<const char*> pieces, absent;
-};
-
-TEST(PassTables, OfEachPassOfANonlinearRun) {
-  const KindCase cases[] = {
-      {PassKind::identity,
-       {"\fRESULTS FOR LINEAR MODEL WITH THE IDENTITY LINK FUNCTION\n\n sigma^2 =      1.50000\n", "\ntau(pi)\n",
-        "Random level-1", "\ntau(beta)\n", "Random level-2", loglik, "identity link function)", standard},
-       {"Standard error of sigma^2", "Odds", "robust", "variance components"}},
-      {PassKind::pql,
-       {"\fRESULTS FOR NON-LINEAR MODEL WITH THE LOGIT LINK FUNCTION:\n  Unit-Specific Model, PQL Estimation - (macro "
-        "iteration 4)\n sigma^2 =",
-        "\ntau(pi)\n", "Random level-2", loglik, "(Unit-specific model)", standard, "Odds", "(Unit-specific model with",
-        robust, "Odds", "level-3 variance"},
-       {"Iterations stopped"}},
-      {PassKind::categories,
-       {"\fRESULTS FOR ORDINAL ITERATION 4\n\n sigma^2 =", "\ntau(pi)\n", loglik, standard, "Odds", "with robust",
-        "Odds", "level-3 variance"},
-       {"Unit-specific"}},
-      {PassKind::populationaverage,
-       {"\n\nRESULTS FOR POPULATION-AVERAGE MODEL\n\n sigma^2 =", loglik, "(Population-average model)", standard,
-        "Odds", "(Population-average model with", robust, "Odds"},
-       {"tau(pi)", "tau(beta)", "Random level", "variance components"}}};
-  for (const KindCase& c : cases) expectpieces(printed(resultsof(c.kind)), c.pieces, c.absent);
-
-  expectpieces(printed(resultsof(PassKind::identity), true),
-               {"<h2>Final Results for Linear Model with the Identity Link Function</h2>"}, {});
-  expectpieces(printed(resultsof(PassKind::pql), true),
-               {"<h2>Results for Non-linear Model with the Logit Link Function<br><small>Unit-Specific Model, PQL "
-                "Estimation - (macro iteration 4)</small></h2>\n"},
-               {});
-  expectpieces(printed(resultsof(PassKind::categories), true), {"<h2>Final Results for Ordinal Iteration 4</h2>"}, {});
-  expectpieces(printed(resultsof(PassKind::populationaverage), true),
-               {"<h2>Results for Population-Average Model</h2>\n"}, {"Random level"});
-
-  // Without full output the identity pass shows nothing; no errors are missed where the taus stand still.
+// Without full output the identity pass shows nothing; no errors are missed where the taus stand still.
+TEST(PassTables, OfPassesOnTheWay) {
   const PassResults first = resultsof(PassKind::identity);
   run.out.fulloutput = false;
   EXPECT_EQ(printed(first), "");
@@ -183,24 +111,33 @@ TEST(PassTables, OfEachPassOfANonlinearRun) {
   expectpieces(printed(last), {loglik}, {"not computable", "sigma^2"});
 }
 
+TEST(EngineTables, SayWhatCannotBeComputed) {
+  PassResults results = resultsof(PassKind::laplace6);
+  run.kind.nonlin = 1;
+  results.reliabilities = {};
+  expectpieces(capturedtable(true, [&] { laplacetables(results, false); }),
+               {" The Tau(pi) reliabilities cannot be computed\n", " The Tau(beta) reliabilities cannot be computed\n"},
+               {"The likelihood at Laplace"});
+  results.kind = PassKind::quadrature;
+  results.warnings = {"WARNING: one.", "WARNING: two."};
+  results.errors.taubeta.reset(0);
+  expectpieces(
+      capturedtable(false, [&] { quadraturetables(results); }),
+      {"QUADRATURE\n    Iteration 7\n\n", "WARNING: one.\nWARNING: two.\n", "Standard error of tau(pi)", "4.00000",
+       "The standard errors of Tau(beta) cannot be computed.  This is\n"
+       "probably due to one or more of the random effects having a zero variance.\n",
+       standard},
+      {"Standard error of tau(beta)"});
+}
+
 TEST(LeastSquaresTables, SayWhatCannotBeComputed) {
   const PassResults pass = resultsof(PassKind::linear);
   LeastSquaresResults results;
   results.gamma = filled(1, 2.0);
   results.vgamma = filled(1, 0.5);
   results.sigma2 = 2.0;
-  results.robust = filled(1, 4.0);
-  results.loglik = -100.0;
-  const auto write = [&] { leastsquarestables(results, pass.degrees); };
-  expectpieces(
-      capturedtable(false, write),
-      {"\n Least Squares Estimates\n -----------------------\n\n sigma^2 =      2.00000\n\n", standard, "(with robust",
-       robust, " The least-squares likelihood value = -1.000000E+02\n Deviance =    200.00000\n",
-       " Number of estimated parameters =    2\n"},
-      {"moderate to", "cannot"});
-  results.robust = {};
   results.loglik = missingcode;
-  expectpieces(capturedtable(true, write),
+  expectpieces(capturedtable(true, [&] { leastsquarestables(results, pass.degrees); }),
                {"<h3>Least Squares Estimates</h3>\n", "The robust standard errors cannot be computed",
                 "likelihood cannot be computed: the model leaves no residual.<br>\n"},
                {"with robust", "Deviance"});

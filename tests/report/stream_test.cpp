@@ -4,9 +4,8 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 
+#include "data/child.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
 #include "report/header.h"
@@ -16,29 +15,13 @@
 namespace kdr {
 namespace {
 
-namespace fs = std::filesystem;
-
-// A directory of its own, the current one while the test runs.
 class Report : public testing::Test {
  protected:
   void SetUp() override {
-    before = fs::current_path();
-    std::string pattern = (fs::temp_directory_path() / "reportXXXXXX").string();
-    directory = mkdtemp(pattern.data());
-    fs::current_path(directory);
     startmodel({"Y"}, {}, {});
     run.id.waitseconds = -1;
   }
-  void TearDown() override {
-    fs::current_path(before);
-    fs::remove_all(directory);
-  }
-  static std::string contents(const std::string& path) {
-    std::ostringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
-  }
-  fs::path before, directory;
+  Workplace workplace;
 };
 
 constexpr const char* pagebegin =
@@ -76,7 +59,7 @@ TEST_F(Report, SeriesNumberTheirReports) {
                {"r", false, 0, "r.1"},
                {"r.html", false, 1, "r_2.html"},
                {"./d.x/r", true, 0, "./d.x/r.1"}};
-  fs::create_directory("d.x");
+  std::filesystem::create_directory("d.x");
   for (const auto& c : cases) {
     run.series = SeriesMode{};
     run.series.pvmode = c.pvmode;
@@ -86,7 +69,7 @@ TEST_F(Report, SeriesNumberTheirReports) {
     openreport();
     closereport();
     EXPECT_EQ(run.files.outfile, c.made);
-    EXPECT_TRUE(fs::exists(c.made));
+    EXPECT_TRUE(std::filesystem::exists(c.made));
   }
   // The passes of one process go on from the first one's name, stem with dots and all.
   run.series = SeriesMode{};
@@ -102,7 +85,7 @@ TEST_F(Report, SeriesNumberTheirReports) {
 }
 
 TEST_F(Report, DoesNotOverwriteItsInput) {
-  std::ofstream("m.kdr") << "LEVEL1:Y=INTRCPT1\n";
+  makefile("m.kdr", "LEVEL1:Y=INTRCPT1\n");
   run.files.cmdfile = "m.kdr";
   run.files.outfile = "./m.kdr";
   EXPECT_EXIT(
