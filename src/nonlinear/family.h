@@ -19,8 +19,8 @@ struct LogitMean {
 inline LogitMean logitmean(double eta) {
   const double small = std::exp(-std::fabs(eta));
   const double larger = 1.0 / (1.0 + small), smaller = small * larger;
-  return eta >= 0.0 ? LogitMean{larger, smaller, smaller * larger, small}
-                    : LogitMean{smaller, larger, smaller * larger, small};
+  const bool up = eta >= 0.0;
+  return {up ? larger : smaller, up ? smaller : larger, smaller * larger, small};
 }
 
 // Cumulants of a Bernoulli outcome, which are the derivatives of log(1 + exp(eta)); k2 is the variance:

@@ -46,7 +46,6 @@ struct Rewriting {
   std::FILE* stream = nullptr;
   RecordLayout layout;
   UnitBlock unit;
-  Array<double> z;  // of the unit at hand
 };
 
 // The step at hand: the coefficients of the unit and the rows of the record.
@@ -57,9 +56,10 @@ struct Step {
   MarginalCorrection correction;
   Array<double> weights, theta, thetastar, beta, x, d, e;
   UnitBlock unit;
-  double cap = -1.0;       // the largest rate met so far
-  std::size_t record = 0;  // of the data set, the first one of the unit
-  int limited = 0;         // records whose weight is held at the limit
+  Array<double> eta, z, root;  // of its records: predictor, Z, root of the working weight
+  double cap = -1.0;           // the largest rate met so far
+  std::size_t record = 0;      // of the data set, the first one of the unit
+  int limited = 0;             // records whose weight is held at the limit
 };
 
 [[noreturn]] void badoutcome(const char* words) {
@@ -113,33 +113,54 @@ void lookover(Step& step) {
       step.cap = std::max(step.cap, observed(i) / (state.counts.empty() ? 1.0 : state.counts[step.record + at(i)]));
 }
 
-// The products of the unit's working records: a row is (row of A, Z) times the root of its working weight, and times
-// its factor if it has one. z: null, or where Z goes.
-void addunit(const Pass& pass, Step& step, double* z, UnitProducts& products) {
+// The linear predictors of the unit's records into step.eta.
+void predict(const Pass& pass, Step& step) {
+  const RecordLayout& layout = step.state.layout;
+  const std::size_t npi = at(pass.npi);
+  for (std::size_t i = 0; i < at(step.unit.nj); ++i) {
+    const double* values = step.unit.records.data() + i * at(layout.width);
+    double eta = 0.0;
+    for (std::size_t c = 0; c < npi; ++c) {
+      const int place = layout.column[c];
+      step.x[c] = place < 0 ? 1.0 : values[place];
+      eta += step.x[c] * step.beta[c];
+    }
+    step.eta[i] = step.kind.marginal ? corrected(pass, step, step.x.data(), eta) : eta;
+  }
+}
+
+// Z and the root of the working weight from the predictors.
+void makeworking(Step& step) {
   const RecordLayout& layout = step.state.layout;
   const Array<double>& counts = step.state.counts;
+  const bool plainlogit = !step.kind.first && step.family == Family::binomial;
+  const double* observed = step.unit.records.data() + layout.observed;
+  for (std::size_t i = 0; i < at(step.unit.nj); ++i, observed += layout.width) {
+    const double eta = step.eta[i];
+    const double count = counts.empty() ? 1.0 : counts[step.record + i];
+    const Linked link = plainlogit && !strayed(eta) ? linked(Family::binomial, eta) : linkedrecord(step, eta);
+    const Working working = workingvalues(link, *observed, count);
+    if (working.weight >= largestweight) ++step.limited;
+    step.z[i] = working.z;
+    step.root[i] = std::sqrt(working.weight);
+  }
+}
+
+// The products of the unit's working records: a row is (row of A, Z) times the root of its working weight, and times
+// its factor if it has one.
+void addunit(const Pass& pass, Step& step, UnitProducts& products) {
+  const RecordLayout& layout = step.state.layout;
   const int* column = layout.column.data();
-  const double* beta = step.beta.data();
-  const bool factors = havefactors(), plainlogit = !step.kind.first && step.family == Family::binomial;
+  const double *records = step.unit.records.data(), *z = step.z.data(), *roots = step.root.data();
+  const std::size_t width = at(layout.width), first = step.record;
+  const bool factors = havefactors();
   products.AA2.fill(0.0);
   crossproducts(pass.npi + 1, step.unit.nj, products.AA.data(), step.x.data(), [&](auto n, int i, double* x) {
-    const double* values = step.unit.records.data() + at(i) * at(layout.width);
-    const std::size_t record = step.record + at(i);
-    double eta = 0.0;
-    for (int c = 0; c + 1 < n; ++c) {
-      x[c] = column[c] < 0 ? 1.0 : values[column[c]];
-      eta += x[c] * beta[c];
-    }
-    if (step.kind.marginal) eta = corrected(pass, step, x, eta);
-    const double count = counts.empty() ? 1.0 : counts[record];
-    const Linked link = plainlogit && !strayed(eta) ? linked(Family::binomial, eta) : linkedrecord(step, eta);
-    const Working working = workingvalues(link, values[layout.observed], count);
-    if (working.weight >= largestweight) ++step.limited;
-    if (z != nullptr) z[i] = working.z;
-    const double root = std::sqrt(working.weight);
-    for (int c = 0; c + 1 < n; ++c) x[c] *= root;
-    x[n - 1] = working.z * root;
-    if (factors) applyfactor(n, run.weights.factor1[record], run.kind.weighted, x, products.AA2);
+    const double* values = records + at(i) * width;
+    const double root = roots[i];
+    for (int c = 0; c + 1 < n; ++c) x[c] = column[c] < 0 ? root : values[column[c]] * root;
+    x[n - 1] = z[i] * root;
+    if (factors) applyfactor(n, run.weights.factor1[first + at(i)], run.kind.weighted, x, products.AA2);
   });
 }
 
@@ -156,13 +177,13 @@ void rewriteunit(const Step& step, Rewriting& to) {
     double* row = out.records.data() + at(i) * at(layout.width);
     for (std::size_t v = 0; v < layout.place.size(); ++v)
       if (layout.place[v] >= 0) row[layout.place[v]] = values[from.place[v]];
-    if (layout.outcome >= 0) row[layout.outcome] = to.z[i];
+    if (layout.outcome >= 0) row[layout.outcome] = step.z[i];
   }
   writeunit(to.stream, out, layout.width, run.mdm.nvar2, false);
 }
 
 Step makestep(const Pass& pass, const MacroState& state, const WorkingStep& kind) {
-  Step step{kind, state, familyof(), {}, {}, {}, {}, {}, {}, {}, {}, {}};
+  Step step{kind, state, familyof(), {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}};
   step.correction = {step.family, pass.p, pass.b, state.previous.taupi.data(), state.previous.taubeta.data()};
   step.weights.reset(pass.design.owner3.size());
   for (Array<double>* values : {&step.theta, &step.thetastar}) values->reset(at(pass.nbeta));
@@ -170,6 +191,7 @@ Step makestep(const Pass& pass, const MacroState& state, const WorkingStep& kind
   step.x.reset(at(pass.npi) + 1);
   step.d.reset(at(pass.p));
   step.e.reset(at(pass.b));
+  for (Array<double>* values : {&step.eta, &step.z, &step.root}) values->reset(at(run.mdm.maxnj));
   return step;
 }
 
@@ -180,7 +202,6 @@ Rewriting startrewriting(const MacroState& state, const WorkingStep& kind) {
   to.stream = startworking();
   to.layout = workinglayout();
   to.unit.records.reset(at(run.mdm.maxnj) * at(to.layout.width));
-  to.z.reset(at(run.mdm.maxnj));
   return to;
 }
 
@@ -209,7 +230,9 @@ void prepareworkingdata(Pass& pass, MacroState& state, const WorkingStep& kind, 
         level2coefficients(pass, unit.level2.data(), means.data(), step.beta.data());
         if (!kind.marginal) addlevel2effects(pass, j, hot + pass.store.atustar, step.beta.data());
         lookover(step);
-        addunit(pass, step, to.stream == nullptr ? nullptr : to.z.data(), fold.unit);
+        predict(pass, step);
+        makeworking(step);
+        addunit(pass, step, fold.unit);
         if (to.stream != nullptr) rewriteunit(step, to);
         fold.unit.k = k;
         fold.unit.nj = unit.nj;
