@@ -68,19 +68,19 @@ bool checkhead(StFile& file) {
 constexpr std::size_t piecesize = std::size_t{1} << 20;
 
 // The file that the library works on: it would look for one whose name ends in .dbf.
-StFile* opening = nullptr;
+StFile* inhand = nullptr;
 
 SAOffset readit(void* bytes, SAOffset size, SAOffset count, SAFile file) {
-  return readupto(bytes, size * count, reinterpret_cast<std::FILE*>(file), opening->path) / std::max<SAOffset>(size, 1);
+  return readupto(bytes, size * count, reinterpret_cast<std::FILE*>(file), inhand->path) / std::max<SAOffset>(size, 1);
 }
 
 SAFile openit(const char* name, const char* mode) {
   const std::size_t length = std::strlen(name);
   if (length > 4 && (std::strcmp(name + length - 4, ".cpg") == 0 || std::strcmp(name + length - 4, ".CPG") == 0))
     return nullptr;
-  std::FILE* stream = std::fopen(opening->path.c_str(), mode);
+  std::FILE* stream = std::fopen(inhand->path.c_str(), mode);
   if (stream == nullptr) return nullptr;
-  Array<char>& piece = stateof(*opening).piece;
+  Array<char>& piece = stateof(*inhand).piece;
   piece.reset(piecesize);
   std::setvbuf(stream, piece.data(), _IOFBF, piecesize);
   std::rewind(stream);  // from now on it keeps account of where it stands
@@ -122,7 +122,7 @@ bool dbasedictionary(StFile& file) {
   hooks.FRead = readit;
   hooks.FSeek = seekit;
   hooks.Error = [](const char*) {};
-  opening = &file;
+  inhand = &file;
   state->table = DBFOpenLL(file.path.c_str(), "rb", &hooks);
   const int count = state->table == nullptr ? 0 : DBFGetFieldCount(state->table);
   if (count <= 0) {
@@ -142,7 +142,7 @@ bool dbasedictionary(StFile& file) {
 
 bool dbaserecord(StFile& file) {
   DbaseState& state = stateof(file);
-  opening = &file;
+  inhand = &file;
   while (state.next < state.records && DBFIsRecordDeleted(state.table, state.next) != 0) ++state.next;
   if (state.next >= state.records) {
     if (state.records < state.announced)
