@@ -81,19 +81,19 @@ void walkscores(const LaplaceData& data, const LaplaceSettings& settings, const 
 bool invertinformation(LaplaceState& state) {
   const std::size_t P = state.score.size();
   const int order = static_cast<int>(P);
-  Array<double> scaled(P * P), work(P * P + 3);
+  Array<double> scaled(P * P);
   const auto deviation = [&](std::size_t i) { return std::sqrt(state.information[i * P + i]); };
   for (std::size_t i = 0; i < P; ++i)
     for (std::size_t l = 0; l < P; ++l)
       scaled[i * P + l] = state.information[i * P + l] / (deviation(i) * deviation(l));
   state.inverse.reset(P * P);
   return ispositivedefinite(order, scaled.data(), order, nullptr) &&
-         syminverse(order, state.information.data(), order, state.inverse.data(), order, work.data()) == 0;
+         invertsymmetric(order, state.information.data(), state.inverse.data()).result == 0;
 }
 
 bool usabletau(int n, const double* tau) {
-  Array<double> inverse(square(n)), work(square(n) + 3);
-  return syminverse(n, tau, n, inverse.data(), n, work.data()) == 0 && ispositivedefinite(n, tau, n, nullptr);
+  Array<double> inverse(square(n));
+  return invertsymmetric(n, tau, inverse.data()).result == 0 && ispositivedefinite(n, tau, n, nullptr);
 }
 
 bool usabletaus(Parameters& parameters) {

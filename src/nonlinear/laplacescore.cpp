@@ -259,7 +259,7 @@ void unitmoments(const Walk& walk, int j, const Parameters& parameters, UnitReli
     for (int b = 0; b < q; ++b)
       work.qq[at(a * q + b)] = work.Sxx[at(work.columns.d[at(a)] * c + work.columns.d[at(b)])];
   if (ispositivedefinite(q, work.qq.data(), q, nullptr) &&
-      syminverse(q, work.qq.data(), q, work.inverse.data(), q, work.work.data()) == 0) {
+      invertsymmetric(q, work.qq.data(), work.inverse.data()).result == 0) {
     addreliabilities(q, parameters.taupi.data(), work.inverse.data(), reliability.level2);
     ++reliability.count2;
   }
@@ -359,7 +359,6 @@ ScoreWork makescorework(const LaplaceData& data, int q, int r) {
   for (Array<double>* matrix : {&work.qr, &work.qr2}) matrix->reset(nq * nr);
   const std::size_t most = std::max(nq, nr);
   work.inverse.reset(most * most);
-  work.work.reset(most * most + 3);
   return work;
 }
 
@@ -432,7 +431,7 @@ bool unitscore(const LaplaceData& data, const Parameters& parameters, const TauI
   // V = (H3 - taubeta^-1)^-1
   const double* H3 = modes.H3.data() + at(unit.k) * square(r);
   for (std::size_t i = 0; i < square(r); ++i) work.rr[i] = H3[i] - inverses.Kb[i];
-  if (syminverse(r, work.rr.data(), r, work.inverse.data(), r, work.work.data()) != 1 &&
+  if (invertsymmetric(r, work.rr.data(), work.inverse.data()).result != 1 &&
       ispositivedefinite(r, work.inverse.data(), r, nullptr)) {
     addreliabilities(r, parameters.taubeta.data(), work.inverse.data(), reliability.level3);
     ++reliability.count3;

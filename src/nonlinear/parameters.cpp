@@ -3,11 +3,11 @@
 #include <algorithm>
 #include <cmath>
 
+#include "kernel/sizes.h"
+
 namespace kdr {
 
 namespace {
-
-std::size_t pairs(int n) { return static_cast<std::size_t>(n) * (static_cast<std::size_t>(n) + 1) / 2; }
 
 void addtriangle(Array<double>& t, int n, const double* d) {
   const auto order = static_cast<std::size_t>(n);
@@ -20,9 +20,9 @@ void addtriangle(Array<double>& t, int n, const double* d) {
 
 }  // namespace
 
-std::size_t Parameters::ntaupi() const { return pairs(q); }
-std::size_t Parameters::ntaubeta() const { return pairs(r); }
-std::size_t Parameters::count() const { return pairs(q) + pairs(r) + static_cast<std::size_t>(g); }
+std::size_t Parameters::ntaupi() const { return packedsize(q); }
+std::size_t Parameters::ntaubeta() const { return packedsize(r); }
+std::size_t Parameters::count() const { return packedsize(q) + packedsize(r) + at(g); }
 Parameters Parameters::copy() const { return {q, r, g, taupi.copy(), taubeta.copy(), gamma.copy()}; }
 
 void addstep(Parameters& parameters, const double* delta) {

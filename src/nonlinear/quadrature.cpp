@@ -10,13 +10,11 @@
 #include "kernel/decompositions.h"
 #include "kernel/distributions.h"
 #include "kernel/matrix.h"
+#include "kernel/sizes.h"
 
 namespace kdr {
 
 namespace {
-
-constexpr std::size_t at(int i) { return static_cast<std::size_t>(i); }
-constexpr std::size_t triangle(std::size_t n) { return n * (n + 1) / 2; }
 
 constexpr int mosteffects = 10;
 constexpr double mostnodes = 1.0e6;  // of one integral: beyond, neither memory nor time would do
@@ -122,8 +120,8 @@ void makediagonal(Array<double>& tau, int n) {
 }
 
 bool usablecovariance(int n, const Array<double>& tau) {
-  Array<double> inverse(at(n) * at(n)), work(std::max<std::size_t>(3, triangle(at(n))));
-  return syminverse(n, tau.data(), n, inverse.data(), n, work.data()) == 0 && isbadcov(n, tau.data(), n, nullptr) == 0;
+  Array<double> inverse(square(n));
+  return invertsymmetric(n, tau.data(), inverse.data()).result == 0 && !isbadcov(n, tau.data(), n, nullptr);
 }
 
 double logcombinations(double n, double y) {
@@ -142,16 +140,14 @@ struct Iterations {
   double previous = missingcode;  // the log-likelihood of the iteration before
   bool halvenext = false;
   Parameters best{};  // those with the highest log-likelihood seen
-  Array<double> H{}, V{}, delta{}, worktriangle{};
+  Array<double> H{}, V{}, delta{};
 
   QuadratureFailure iterate(int& left);
   QuadratureFailure invert(const QuadratureWalk& at);
   QuadratureFailure step(const QuadratureWalk& at, double& loglikelihood);
-  int invertonce() {
+  Inversion invertonce() {
     V.reset(P * P);
-    const int failed = syminverse(static_cast<int>(P), H.data(), static_cast<int>(P), V.data(), static_cast<int>(P),
-                                  worktriangle.data());
-    return failed;
+    return invertsymmetric(static_cast<int>(P), H.data(), V.data());
   }
   [[nodiscard]] bool lowerthanbest();
   [[nodiscard]] bool heldnearzero();
@@ -164,7 +160,7 @@ QuadratureFailure Iterations::invert(const QuadratureWalk& now) {
   H = now.information.copy();
   for (;;) {
     if (!ridge.addto(H.data(), P)) return QuadratureFailure::ridge;
-    if (invertonce() == 0 && worktriangle[2] == 0.0) break;
+    if (const Inversion inversion = invertonce(); inversion.result == 0 && !inversion.negative) break;
     tell(settings, "*");
     ridge.raise(firstridge);
   }
@@ -226,7 +222,7 @@ QuadratureFailure Iterations::iterate(int& left) {
     // The standard errors take the information without a ridge.
     if (ridge.value != -1.0) {
       H = now.information.copy();
-      result.inversion = invertonce();
+      result.inversion = invertonce().result;
     }
     finish(now);
   }
@@ -447,7 +443,6 @@ QuadratureResult adaptivequadrature(const QuadratureSettings& settings, int npi,
 
   const std::size_t P = start.count();
   Iterations iterations{settings, data, result, P, heldelements(settings, start)};
-  iterations.worktriangle.reset(std::max<std::size_t>(3, triangle(P)));
   int left = std::max(settings.iterations, 1);
   while (left > 0)
     if (const QuadratureFailure failure = iterations.iterate(left); failure != QuadratureFailure::none) {
