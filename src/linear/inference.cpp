@@ -193,7 +193,8 @@ Array<double> scoreproducts(Pass& pass, bool leastsquares) {
       [&](int) {
         e.fill(0.0);
         addtransposedW3(pass, means.weights.data(), r.data(), e.data());
-        if (!leastsquares) scale(e.data(), g, 1, 1, 1.0 / run.est.sigma2);
+        if (!leastsquares)
+          for (double& x : e) x *= 1.0 / run.est.sigma2;
         addABt(total.data(), e.data(), e.data(), g, g, 1);
       },
       reading(pass.store.hot));

@@ -11,6 +11,7 @@
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
 #include "kernel/decompositions.h"
+#include "kernel/matrix.h"
 #include "kernel/sizes.h"
 #include "linear/edgesearch.h"
 #include "linear/fixtau.h"
@@ -241,9 +242,9 @@ bool movetoedge(Pass& pass, const IterationState& state, double least) {
   if (state.converged && (state.iteration < soonestedgesearch || !nearedge(pass))) return false;
   const double gain = searchedge(pass, least);
   if (gain == 0.0) return false;
-  const std::string line = formatted(
-      "At iteration %d a search along the edge of the parameter space raised the log-likelihood by %.3E",
-      state.iteration, gain);
+  const std::string line =
+      formatted("At iteration %d a search along the edge of the parameter space raised the log-likelihood by %.3E",
+                state.iteration, gain);
   if (!reportisstdout()) std::printf("%s\n", line.c_str());
   reportline("%s", line.c_str());
   return true;
@@ -276,12 +277,8 @@ void endofiteration(Pass& pass, IterationState& state, const Attempt& attempt, c
 
 void startiterations(const Pass& pass, IterationState& state) {
   makefisher(pass, state.fisher);
-  const std::size_t pp = static_cast<std::size_t>(pass.p) * static_cast<std::size_t>(pass.p);
-  const std::size_t bb = static_cast<std::size_t>(pass.b) * static_cast<std::size_t>(pass.b);
-  state.history.T1.reset(pp);
-  state.history.T2.reset(pp);
-  state.history.L1.reset(bb);
-  state.history.L2.reset(bb);
+  for (Array<double>* T : {&state.history.T1, &state.history.T2}) T->reset(square(pass.p));
+  for (Array<double>* L : {&state.history.L1, &state.history.L2}) L->reset(square(pass.b));
   state.s1 = state.s2 = 0.0;
   state.likelihood = {missingcode, missingcode};
   state.stepped = state.confirming = false;

@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "driver/runrecord.h"
+#include "kernel/matrix.h"
 #include "kernel/products.h"
 #include "kernel/sizes.h"
 
@@ -11,10 +12,10 @@ namespace kdr {
 
 namespace {
 
-// packed = the lower triangle of sigma2 times full, by rows.
-void packscaled(const double* full, int n, double* packed) {
-  for (int i = 0; i < n; ++i)
-    for (int j = 0; j <= i; ++j) *packed++ = run.est.sigma2 * full[i * n + j];
+// packed = sigma2 times full, of order n.
+void packscaled(int n, const double* full, Array<double>& packed) {
+  pack(n, full, packed.data());
+  for (double& x : packed) x *= run.est.sigma2;
 }
 
 }  // namespace
@@ -61,7 +62,7 @@ void level3results(const Pass& pass, int k, double missing, UnitResults& results
     out.FV[i] = results.theta[column];
     out.EC[i] = results.thetastar[column];
   }
-  packscaled(pass.dinv.row(k), b, out.PV.data());
+  packscaled(b, pass.dinv.row(k), out.PV);
 }
 
 void level2coefficients(const Pass& pass, std::size_t unit, const double* hot, const double* cold,
@@ -89,7 +90,7 @@ void level2residuals(const Pass& pass, int k, const double* hot, const double* c
   for (double& a : results.A) a *= pass.scale3[k];
   mulAB(results.AE.data(), results.A.data(), pass.dinv.row(k), p, b, b);
   addABt(results.C.data(), results.AE.data(), results.A.data(), p, p, b);
-  packscaled(results.C.data(), p, out.PV.data());
+  packscaled(p, results.C.data(), out.PV);
 }
 
 }  // namespace kdr

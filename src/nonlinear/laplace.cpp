@@ -6,6 +6,8 @@
 #include <vector>
 
 #include "kernel/decompositions.h"
+#include "kernel/matrix.h"
+#include "kernel/products.h"
 #include "kernel/sizes.h"
 #include "nonlinear/macrotest.h"
 #include "nonlinear/unitthreads.h"
@@ -68,8 +70,7 @@ void walkscores(const LaplaceData& data, const LaplaceSettings& settings, const 
     state.nrel2 += counts[k].count2;
     state.nrel3 += counts[k].count3;
   }
-  for (std::size_t i = 0; i < P; ++i)
-    for (std::size_t l = 0; l < i; ++l) state.information[l * P + i] = state.information[i * P + l];
+  mirror(static_cast<int>(P), state.information.data());
   for (double& sum : state.rel2) sum = state.nrel2 > 0 ? sum / state.nrel2 : 0.0;
   for (double& sum : state.rel3) sum = state.nrel3 > 0 ? sum / state.nrel3 : 0.0;
   if (std::find(defined.begin(), defined.end(), 0) != defined.end())
@@ -124,10 +125,7 @@ LaplaceStep scoringstep(const LaplaceData& data, const LaplaceSettings& settings
     }
     if (final) return LaplaceStep::done;
 
-    for (std::size_t i = 0; i < P; ++i) {
-      delta[i] = 0.0;
-      for (std::size_t l = 0; l < P; ++l) delta[i] += state.inverse[i * P + l] * state.score[l];
-    }
+    mulAB(delta.data(), state.inverse.data(), state.score.data(), static_cast<int>(P), 1, static_cast<int>(P));
     if (!trialstep(state.now, delta.data(), usabletaus, nullptr)) return LaplaceStep::outside;
     double loglik = 0.0;
     const bool defined = laplace6loglikelihood(data, settings, state, loglik);

@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "kernel/decompositions.h"
+#include "kernel/matrix.h"
 #include "kernel/products.h"
 #include "kernel/sizes.h"
 #include "nonlinear/family.h"
@@ -212,11 +213,6 @@ struct Walk {
     return S;
   }
 };
-
-void mirror(int n, double* lower) {
-  for (int a = 0; a < n; ++a)
-    for (int b = 0; b < a; ++b) lower[b * n + a] = lower[a * n + b];
-}
 
 // Adds T_aa / (V + T)_aa to each sum.
 void addreliabilities(int n, const double* T, const double* V, double* sums) {

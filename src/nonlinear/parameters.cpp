@@ -3,22 +3,10 @@
 #include <algorithm>
 #include <cmath>
 
+#include "kernel/matrix.h"
 #include "kernel/sizes.h"
 
 namespace kdr {
-
-namespace {
-
-void addtriangle(Array<double>& t, int n, const double* d) {
-  const auto order = static_cast<std::size_t>(n);
-  for (std::size_t a = 0; a < order; ++a)
-    for (std::size_t b = 0; b <= a; ++b, ++d) {
-      t[a * order + b] += *d;
-      if (a != b) t[b * order + a] += *d;
-    }
-}
-
-}  // namespace
 
 std::size_t Parameters::ntaupi() const { return packedsize(q); }
 std::size_t Parameters::ntaubeta() const { return packedsize(r); }
@@ -26,8 +14,8 @@ std::size_t Parameters::count() const { return packedsize(q) + packedsize(r) + a
 Parameters Parameters::copy() const { return {q, r, g, taupi.copy(), taubeta.copy(), gamma.copy()}; }
 
 void addstep(Parameters& parameters, const double* delta) {
-  addtriangle(parameters.taupi, parameters.q, delta);
-  addtriangle(parameters.taubeta, parameters.r, delta + parameters.ntaupi());
+  addtriangle(parameters.taupi.data(), parameters.q, delta, 1.0);
+  addtriangle(parameters.taubeta.data(), parameters.r, delta + parameters.ntaupi(), 1.0);
   const double* step = delta + parameters.ntaupi() + parameters.ntaubeta();
   for (std::size_t i = 0; i < parameters.gamma.size(); ++i) parameters.gamma[i] += step[i];
 }

@@ -10,6 +10,7 @@
 #include "kernel/decompositions.h"
 #include "kernel/distributions.h"
 #include "kernel/matrix.h"
+#include "kernel/products.h"
 #include "kernel/sizes.h"
 
 namespace kdr {
@@ -113,12 +114,6 @@ void removeheld(const std::vector<std::size_t>& held, std::size_t P, double* g, 
   }
 }
 
-void makediagonal(Array<double>& tau, int n) {
-  for (std::size_t a = 0; a < at(n); ++a)
-    for (std::size_t b = 0; b < at(n); ++b)
-      if (a != b) tau[a * at(n) + b] = 0.0;
-}
-
 bool usablecovariance(int n, const Array<double>& tau) {
   Array<double> inverse(square(n));
   return invertsymmetric(n, tau.data(), inverse.data()).result == 0 && !isbadcov(n, tau.data(), n, nullptr);
@@ -173,15 +168,14 @@ QuadratureFailure Iterations::invert(const QuadratureWalk& now) {
 
 QuadratureFailure Iterations::step(const QuadratureWalk& now, double& loglikelihood) {
   delta.reset(P);
-  for (std::size_t i = 0; i < P; ++i)
-    for (std::size_t l = 0; l < P; ++l) delta[i] += V[i * P + l] * now.score[l];
+  mulAB(delta.data(), V.data(), now.score.data(), static_cast<int>(P), 1, static_cast<int>(P));
   if (previous == missingcode || halvenext)
     for (double& d : delta) d *= 0.5;
   if (halvenext) tell(settings, "The log-likelihood has fallen: the step is halved\n");
   halvenext = false;
   const auto usable = [&](Parameters& trial) {
-    if (settings.diagonalpi) makediagonal(trial.taupi, trial.q);
-    if (settings.diagonalbeta) makediagonal(trial.taubeta, trial.r);
+    if (settings.diagonalpi) cleardiagonaloff(trial.taupi.data(), trial.q);
+    if (settings.diagonalbeta) cleardiagonaloff(trial.taubeta.data(), trial.r);
     if (!usablecovariance(trial.q, trial.taupi) || !usablecovariance(trial.r, trial.taubeta)) return false;
     const QuadratureWalk there = walk(data, trial, result.adaptation, nullptr);
     loglikelihood = there.loglikelihood - 0.5 * data.records * std::log(twopi);
@@ -438,8 +432,8 @@ QuadratureResult adaptivequadrature(const QuadratureSettings& settings, int npi,
   data.threads = settings.threads;
   data.derivlevel = settings.derivlevel;
   countdata(data);
-  if (settings.diagonalpi) makediagonal(result.parameters.taupi, start.q);
-  if (settings.diagonalbeta) makediagonal(result.parameters.taubeta, start.r);
+  if (settings.diagonalpi) cleardiagonaloff(result.parameters.taupi.data(), start.q);
+  if (settings.diagonalbeta) cleardiagonaloff(result.parameters.taubeta.data(), start.r);
 
   const std::size_t P = start.count();
   Iterations iterations{settings, data, result, P, heldelements(settings, start)};
