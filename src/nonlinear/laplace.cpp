@@ -44,15 +44,12 @@ void walkscores(const LaplaceData& data, const LaplaceSettings& settings, const 
   Array<double> rows(at(data.units3) * width);
   std::vector<UnitReliability> counts(at(data.units3));
   std::vector<char> defined(at(data.units3));
-  overunits(
-      data.source, settings.threads,
-      [&](const Level3Records& unit, int worker) {
-        double* row = rows.data() + at(unit.k) * width;
-        counts[at(unit.k)] = {row + P, row + P + q};
-        defined[at(unit.k)] =
-            unitscore(data, state.now, inverses, state.modes, unit, work[at(worker)], row, counts[at(unit.k)]);
-      },
-      [](const std::vector<Level3Records>&) {});
+  overunits(data.source, settings.threads, [&](const Level3Records& unit, int worker) {
+    double* row = rows.data() + at(unit.k) * width;
+    counts[at(unit.k)] = {row + P, row + P + q};
+    defined[at(unit.k)] =
+        unitscore(data, state.now, inverses, state.modes, unit, work[at(worker)], row, counts[at(unit.k)]);
+  });
 
   state.score.reset(P);
   state.information.reset(P * P);
@@ -156,12 +153,9 @@ bool laplace6loglikelihood(const LaplaceData& data, const LaplaceSettings& setti
 
   std::vector<ScoreWork> work = scorework(data, settings, state);
   std::vector<UnitLikelihood> units(at(data.units3));
-  overunits(
-      data.source, settings.threads,
-      [&](const Level3Records& unit, int worker) {
-        units[at(unit.k)] = unitlikelihood(data, state.now, state.modes, unit, work[at(worker)]);
-      },
-      [](const std::vector<Level3Records>&) {});
+  overunits(data.source, settings.threads, [&](const Level3Records& unit, int worker) {
+    units[at(unit.k)] = unitlikelihood(data, state.now, state.modes, unit, work[at(worker)]);
+  });
   double records = 0.0, corrections = 0.0;
   for (const UnitLikelihood& unit : units) {
     if (!(1.0 - unit.S > 0.0)) return false;

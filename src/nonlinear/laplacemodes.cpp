@@ -268,12 +268,9 @@ ModeResult findmodes(const LaplaceData& data, const LaplaceSettings& settings, c
   bool settled2 = false, settled3 = false;
   for (int sweep = 0; sweep < settings.maxsweeps; ++sweep) {
     if (sweep > 0) say(mark);
-    overunits(
-        data.source, settings.threads,
-        [&](const Level3Records& unit, int worker) {
-          sweepunit(data, settings, parameters, inverses, columns, unit, work[at(worker)], modes, units[at(unit.k)]);
-        },
-        [](const std::vector<Level3Records>&) {});
+    overunits(data.source, settings.threads, [&](const Level3Records& unit, int worker) {
+      sweepunit(data, settings, parameters, inverses, columns, unit, work[at(worker)], modes, units[at(unit.k)]);
+    });
     int changed2 = 0, changed3 = 0;
     sums = ModeSums{};
     for (const UnitSweep& unit : units) {

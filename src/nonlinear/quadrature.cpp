@@ -1,17 +1,16 @@
 #include "nonlinear/quadrature.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cmath>
 #include <cstdarg>
 #include <cstdio>
-#include <thread>
 
 #include "kernel/decompositions.h"
 #include "kernel/distributions.h"
 #include "kernel/matrix.h"
 #include "kernel/products.h"
 #include "kernel/sizes.h"
+#include "nonlinear/unitthreads.h"
 
 namespace kdr {
 
@@ -58,22 +57,14 @@ void integratebatch(QuadratureData& data, const QuadraturePoint& point, const Ad
   results.loglikelihood.reset(batch.size());
   if (next != nullptr) results.score.reset(batch.size() * P);
   if (withinformation) results.information.reset(batch.size() * P * P);
-  std::atomic<std::size_t> waiting{0};
-  const auto work = [&](QuadratureWork& buffers) {
-    for (std::size_t i = waiting++; i < batch.size(); i = waiting++) {
-      UnitMoments moments;
-      moments.next = next;
-      if (next != nullptr) moments.score = results.score.data() + i * P;
-      if (withinformation) moments.information = results.information.data() + i * P * P;
-      results.status[i] = integrateunit(*data.model, point, batch[i], adaptation, buffers, results.loglikelihood[i],
-                                        next != nullptr ? &moments : nullptr);
-    }
-  };
-  const std::size_t threads = std::min(data.work.size(), batch.size());
-  std::vector<std::thread> helpers;
-  for (std::size_t t = 1; t < threads; ++t) helpers.emplace_back(work, std::ref(data.work[t]));
-  work(data.work[0]);
-  for (std::thread& helper : helpers) helper.join();
+  overbatch(batch, static_cast<int>(data.work.size()), [&](std::size_t i, int worker) {
+    UnitMoments moments;
+    moments.next = next;
+    if (next != nullptr) moments.score = results.score.data() + i * P;
+    if (withinformation) moments.information = results.information.data() + i * P * P;
+    results.status[i] = integrateunit(*data.model, point, batch[i], adaptation, data.work[at(worker)],
+                                      results.loglikelihood[i], next != nullptr ? &moments : nullptr);
+  });
 }
 
 // Adds 2 wt wt' (K_ac K_bd + K_ad K_bc) n to the block of H (order P) from element `first` on: the expected second
