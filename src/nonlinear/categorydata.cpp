@@ -16,7 +16,6 @@ namespace {
 RecordLayout stackedlayout() {
   RecordLayout layout;
   const int M = run.kind.ncat - 1;
-  layout.raw = false;
   layout.responses = M;
   layout.width = run.out.resfil1 ? 2 * M : M;
   layout.place.reset(at(run.mdm.nvar1));
@@ -149,7 +148,7 @@ void preparecategoricaldata(const CategoryTable& table, MacroState& state, Pass&
   }
 
   RecordUnits units;
-  startrecords(units, mdmlayout(true), run.mdm.stream, run.mdm.firstblock);
+  startrecords(units);
   const std::size_t width = at(units.layout.width), newwidth = at(s.layout.width);
   UnitBlock stacked;
   stacked.records.reset(at(run.mdm.maxnj) * newwidth);

@@ -22,7 +22,6 @@ namespace {
 // wanted variables.
 RecordLayout workinglayout() {
   RecordLayout layout;
-  layout.raw = false;
   layout.observed = layout.width++;
   layout.outcome = run.out.resfil1 ? layout.width++ : -1;
   layout.place.reset(at(run.mdm.nvar1));
