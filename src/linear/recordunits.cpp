@@ -124,6 +124,35 @@ RecordLayout mdmlayout() {
   return layout;
 }
 
+void layvariables(RecordLayout& layout) {
+  layout.place.reset(at(run.mdm.nvar1));
+  layout.place.fill(-1);
+  if (layout.responses == 0) layout.place[at(run.kind.outvar) - 1] = layout.observed;
+  const auto lay = [&](int v) {
+    int& place = layout.place[at(v) - 1];
+    if (place < 0) place = layout.width++;
+    return place;
+  };
+  layout.column.reset(at(run.coef.npi));
+  std::size_t c = 0;
+  for (const CoefficientRow& coefficient : modelrows().coefficients)
+    layout.column[c++] = coefficient.variable == 0 || coefficient.threshold ? -1 : lay(coefficient.variable);
+  for (std::size_t i = 0; i < at(run.model.nres1vars1); ++i) lay(run.model.res1vars1[i]);
+}
+
+void relayunit(const UnitBlock& block, const RecordLayout& given, UnitBlock& to, const RecordLayout& layout) {
+  to.nj = block.nj;
+  to.id2 = block.id2;
+  to.id3 = block.id3;
+  to.level2 = block.level2.copy();
+  for (int i = 0; i < to.nj; ++i) {
+    const double* values = block.records.data() + at(i) * at(given.width);
+    double* row = to.records.data() + at(i) * at(layout.width);
+    for (std::size_t v = 0; v < layout.place.size(); ++v)
+      if (layout.place[v] >= 0) row[layout.place[v]] = values[given.place[v]];
+  }
+}
+
 void startrecords(RecordUnits& units) {
   units.layout = mdmlayout();
   units.mean2.reset(at(run.mdm.nvar2));

@@ -28,6 +28,11 @@ struct RecordLayout {
 
 // The layout of the records of the MDM file, and of a working data file with the same variables.
 [[nodiscard]] RecordLayout mdmlayout();
+// The rest of the layout of a working data file with variables of its own, behind the `width` values that it has
+// already: the level-1 predictors of the model and the variables of the level-1 residual file.
+void layvariables(RecordLayout& layout);
+// The variables of `layout`, and what is told of the unit, from a block with the layout `given`.
+void relayunit(const UnitBlock& block, const RecordLayout& given, UnitBlock& to, const RecordLayout& layout);
 
 // Whether the rows of the run have factors sqrt(w)/sqrt(v), which stand in run.weights.factor1.
 [[nodiscard]] bool havefactors();
