@@ -87,6 +87,16 @@ void addlevel3effects(const Pass& pass, int k, const double* v, const double* th
   for (int i = 0; i < pass.b; ++i) thetastar[i] += pass.scale3[k] * v[i];
 }
 
+UnitMeans makeunitmeans(const Pass& pass) {
+  return {Array<double>(pass.design.owner3.size()), Array<double>(at(pass.nbeta)), Array<double>(at(pass.nbeta))};
+}
+
+void takeunitmeans(const Pass& pass, int k, const double* gamma, const double* v, UnitMeans& means) {
+  level3weights(pass, k, means.weights.data());
+  level2means(pass, means.weights.data(), gamma, means.theta.data());
+  addlevel3effects(pass, k, v, means.theta.data(), means.thetastar.data());
+}
+
 void level2coefficients(const Pass& pass, const double* level2, const double* thetastar, double* beta) {
   std::fill_n(beta, pass.npi, 0.0);
   for (std::size_t m = 0; m < at(pass.nbeta); ++m)

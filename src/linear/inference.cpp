@@ -23,21 +23,6 @@ void eachwithin(Pass& pass, Use use) {
     use(k, invertcovariance(pass.within.row(k), pass.b, inverse.data()) ? inverse.data() : nullptr);
 }
 
-// theta* = W3 gamma + z v of level-3 unit k: what the level-2 units of k are compared with.
-struct UnitMeans {
-  Array<double> weights, theta, thetastar;
-};
-
-UnitMeans makeunitmeans(const Pass& pass) {
-  return {Array<double>(pass.design.owner3.size()), Array<double>(at(pass.nbeta)), Array<double>(at(pass.nbeta))};
-}
-
-void takeunitmeans(const Pass& pass, int k, const double* v, UnitMeans& means) {
-  level3weights(pass, k, means.weights.data());
-  level2means(pass, means.weights.data(), run.est.gammahat.data(), means.theta.data());
-  addlevel3effects(pass, k, v, means.theta.data(), means.thetastar.data());
-}
-
 // 0 for a fixed element, missingcode for one whose variance could not be had.
 double standarderror(const FisherWork& fisher, std::size_t element) {
   if (fisher.restriction.free[element] < 0) return 0.0;
@@ -148,7 +133,7 @@ VarianceTests variancetests(Pass& pass) {
       pass.n2of,
       [&](int k) {
         usable3 = pass.vlsq.row(k)[0] != missingcode;
-        if (usable3) takeunitmeans(pass, k, pass.vlsq.row(k), means);
+        if (usable3) takeunitmeans(pass, k, run.est.gammahat.data(), pass.vlsq.row(k), means);
       },
       [&](int, std::size_t, const double* hot, const double* cold) {
         if (!usable3 || !usableunit(pass.store, cold)) return;
@@ -183,7 +168,7 @@ Array<double> scoreproducts(Pass& pass, bool leastsquares) {
   sweepunits(
       pass.n2of,
       [&](int k) {
-        takeunitmeans(pass, k, leastsquares ? none.data() : pass.vstar.row(k), means);
+        takeunitmeans(pass, k, run.est.gammahat.data(), leastsquares ? none.data() : pass.vstar.row(k), means);
         std::copy_n(pass.sumBY.row(k), nb, r.data());
         subAB(r.data(), pass.sumBB.row(k), means.thetastar.data(), nb, 1, nb);
       },

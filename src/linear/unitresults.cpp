@@ -32,9 +32,7 @@ UnitResults makeunitresults(const Pass& pass) {
   results.level2.FV.reset(at(pass.npi));
   results.level2.EC.reset(at(pass.npi));
   results.level2.PV.reset(packedsize(pass.p));
-  results.theta.reset(at(pass.nbeta));
-  results.thetastar.reset(at(pass.nbeta));
-  results.weights.reset(pass.design.owner3.size());
+  results.means = makeunitmeans(pass);
   results.C.reset(square(pass.p));
   results.AE.reset(at(pass.p) * at(pass.b));
   results.A.reset(at(pass.p) * at(pass.b));
@@ -54,13 +52,11 @@ void level3results(const Pass& pass, int k, double missing, UnitResults& results
   } else {
     std::copy_n(vlsq, b, out.OL.data());
   }
-  level3weights(pass, k, results.weights.data());
-  level2means(pass, results.weights.data(), run.est.gammahat.data(), results.theta.data());
-  addlevel3effects(pass, k, v, results.theta.data(), results.thetastar.data());
+  takeunitmeans(pass, k, run.est.gammahat.data(), v, results.means);
   for (std::size_t i = 0; i < at(pass.nbeta); ++i) {
     const int column = pass.design.column2[i];
-    out.FV[i] = results.theta[column];
-    out.EC[i] = results.thetastar[column];
+    out.FV[i] = results.means.theta[column];
+    out.EC[i] = results.means.thetastar[column];
   }
   packscaled(b, pass.dinv.row(k), out.PV);
 }
@@ -69,7 +65,7 @@ void level2coefficients(const Pass& pass, std::size_t unit, const double* hot, c
                         UnitResults& results) {
   UnitResults::Level2& out = results.level2;
   std::copy_n(hot + pass.store.atustar, pass.p, out.EB.data());
-  level2coefficients(pass, cold + pass.store.atlevel2, results.thetastar.data(), out.FV.data());
+  level2coefficients(pass, cold + pass.store.atlevel2, results.means.thetastar.data(), out.FV.data());
   std::copy(out.FV.begin(), out.FV.end(), out.EC.begin());
   addlevel2effects(pass, unit, out.EB.data(), out.EC.data());
 }
@@ -82,7 +78,7 @@ void level2residuals(const Pass& pass, int k, const double* hot, const double* c
     out.OL.fill(missing);
   } else {
     unpack(p, cold + pass.store.atinverse, results.inverse.data());
-    residualproduct(pass.store, hot, results.thetastar.data(), results.residual.data());
+    residualproduct(pass.store, hot, results.means.thetastar.data(), results.residual.data());
     mulAB(out.OL.data(), results.inverse.data(), results.residual.data(), p, 1, p);
   }
   unpack(p, hot + pass.store.atCinv, results.C.data());

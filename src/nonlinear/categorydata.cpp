@@ -167,8 +167,8 @@ void updatecategoricaldata(Pass& pass, MacroState& state, Pass& next, const Pass
   constexpr int lastrestart = 7;
   state.previous = run.est.copy();
   Stacking s = startstacking(next, plan, state.layout, run.out.resfil1);
-  const Design& design = pass.design;
-  Array<double> weights(design.owner3.size()), theta(at(pass.nbeta)), thetastar(at(pass.nbeta)), beta(at(pass.npi));
+  UnitMeans means = makeunitmeans(pass);
+  Array<double> beta(at(pass.npi));
   const auto predict = [&] {
     s.eta.fill(0.0);
     double common = 0.0;  // of the columns that stand in all rows
@@ -182,15 +182,10 @@ void updatecategoricaldata(Pass& pass, MacroState& state, Pass& next, const Pass
   startunits(state.reader, run.files.working, 0, s.layout.width, run.mdm.nvar2, false);
   UnitBlock unit;
   sweepunits(
-      pass.n2of,
-      [&](int k) {
-        level3weights(pass, k, weights.data());
-        level2means(pass, weights.data(), state.previous.gammahat.data(), theta.data());
-        addlevel3effects(pass, k, pass.vstar.row(k), theta.data(), thetastar.data());
-      },
+      pass.n2of, [&](int k) { takeunitmeans(pass, k, state.previous.gammahat.data(), pass.vstar.row(k), means); },
       [&](int k, std::size_t j, const double* hot) {
         neededunit(state.reader, unit);
-        level2coefficients(pass, unit.level2.data(), thetastar.data(), beta.data());
+        level2coefficients(pass, unit.level2.data(), means.thetastar.data(), beta.data());
         addlevel2effects(pass, j, hot + pass.store.atustar, beta.data());
         stackunit(s, k, unit, predict);
       },

@@ -40,7 +40,8 @@ struct Step {
   const MacroState& state;
   Family family;
   MarginalCorrection correction;
-  Array<double> weights, theta, thetastar, beta, x, d, e;
+  UnitMeans means;
+  Array<double> beta, x, d, e;
   UnitBlock unit;
   Array<double> eta, z, root;  // of its records: predictor, Z, root of the working weight
   double cap = -1.0;           // the largest rate met so far
@@ -161,10 +162,8 @@ void rewriteunit(const Step& step, Rewriting& to) {
 }
 
 Step makestep(const Pass& pass, const MacroState& state, const WorkingStep& kind) {
-  Step step{kind, state, familyof(), {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}};
+  Step step{kind, state, familyof(), {}, makeunitmeans(pass), {}, {}, {}, {}, {}, {}, {}, {}};
   step.correction = {step.family, pass.p, pass.b, state.previous.taupi.data(), state.previous.taubeta.data()};
-  step.weights.reset(pass.design.owner3.size());
-  for (Array<double>* values : {&step.theta, &step.thetastar}) values->reset(at(pass.nbeta));
   step.beta.reset(at(pass.npi));
   step.x.reset(at(pass.npi) + 1);
   step.d.reset(at(pass.p));
@@ -195,16 +194,11 @@ void prepareworkingdata(Pass& pass, MacroState& state, const WorkingStep& kind, 
   startunits(state.reader, run.files.working, 0, state.layout.width, run.mdm.nvar2, false);
   DataFold fold = startfold(next);
   sweepunits(
-      pass.n2of,
-      [&](int k) {
-        level3weights(pass, k, step.weights.data());
-        level2means(pass, step.weights.data(), state.previous.gammahat.data(), step.theta.data());
-        addlevel3effects(pass, k, pass.vstar.row(k), step.theta.data(), step.thetastar.data());
-      },
+      pass.n2of, [&](int k) { takeunitmeans(pass, k, state.previous.gammahat.data(), pass.vstar.row(k), step.means); },
       [&](int k, std::size_t j, const double* hot) {
         neededunit(state.reader, step.unit);
         const UnitBlock& unit = step.unit;
-        const Array<double>& means = kind.marginal ? step.theta : step.thetastar;
+        const Array<double>& means = kind.marginal ? step.means.theta : step.means.thetastar;
         level2coefficients(pass, unit.level2.data(), means.data(), step.beta.data());
         if (!kind.marginal) addlevel2effects(pass, j, hot + pass.store.atustar, step.beta.data());
         lookover(step);
