@@ -62,7 +62,7 @@ bool level3step(const Pass& pass, const PosteriorInput& input, Level3Posterior& 
   std::copy_n(inverse.data(), square(b), unit.E.data());
 
   level3weights(pass, unit.k, unit.weights.data());
-  level2means(pass, unit.weights.data(), input.gamma, unit.theta.data());
+  level2means(pass.design, unit.weights.data(), input.gamma, unit.theta.data());
   for (int i = 0; i < b; ++i) unit.q[i] = z * (unit.y[i] - dot(unit.P.data() + i * nb, unit.theta.data(), at(nb)));
   for (int i = 0; i < b; ++i) unit.v[i] = dot(unit.E.data() + i * b, unit.q.data(), at(b));
   addlevel3effects(pass, unit.k, unit.v.data(), unit.theta.data(), unit.thetastar.data());

@@ -54,7 +54,7 @@ void level3residual(const Pass& pass, int k, StartWork& w) {
   const double* BB = pass.sumBB.row(k);
   const double* BY = pass.sumBY.row(k);
   level3weights(pass, k, w.weights.data());
-  level2means(pass, w.weights.data(), run.est.gammahat.data(), w.theta.data());
+  level2means(pass.design, w.weights.data(), run.est.gammahat.data(), w.theta.data());
   for (int i = 0; i < b; ++i) {
     w.residual[i] = BY[i];
     for (int m = 0; m < nb; ++m) w.residual[i] -= BB[i * nb + m] * w.theta[m];

@@ -129,7 +129,7 @@ void sweepunit(const LaplaceData& data, const LaplaceSettings& settings, const P
   double* C3 = modes.C3.data() + at(unit.k) * square(r);
   std::copy_n(inverses.Kb.data(), square(r), H3);
   work.g.fill(0.0);
-  level2coefficients(data, unit, parameters.gamma.data(), work.theta.data());
+  level2means(*data.design, unit.w3.data(), parameters.gamma.data(), work.theta.data());
   const double* x = randompart(data, unit, columns, work.x);
   const auto sums = momentsof(columns.count);
 
@@ -227,13 +227,6 @@ RandomColumns randomcolumns(const LaplaceData& data, int q, int r) {
   for (int m = 0; m < r; ++m) columns.e[at(m)] = place[at(design.owner2[at(m)])];
   for (int a = 0; a < q; ++a) columns.d[at(a)] = place[at(design.random1[at(a)])];
   return columns;
-}
-
-void level2coefficients(const LaplaceData& data, const Level3Records& unit, const double* gamma, double* theta) {
-  const Design& design = *data.design;
-  std::fill_n(theta, data.nbeta, 0.0);
-  for (std::size_t f = 0; f < design.owner3.size(); ++f)
-    theta[design.owner3[f]] += unit.w3[f] * gamma[design.reduced[f]];
 }
 
 void level1coefficients(const LaplaceData& data, const Level3Records& unit, int j, const double* theta, const double* v,

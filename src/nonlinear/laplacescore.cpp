@@ -160,7 +160,7 @@ struct Walk {
         x(randompart(data, unit, work.columns, work.x)) {
     for (Array<double>* perrecord : {&work.mu, &work.k2, &work.a, &work.b})
       if (perrecord->size() < unit.y.size()) perrecord->reset(unit.y.size());
-    level2coefficients(data, unit, parameters.gamma.data(), work.theta.data());
+    level2means(*data.design, unit.w3.data(), parameters.gamma.data(), work.theta.data());
   }
 
   [[nodiscard]] std::size_t place(int j) const { return unit.firstunit + at(j); }

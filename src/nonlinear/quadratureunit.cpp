@@ -205,11 +205,7 @@ void UnitIntegral::prepare() {
   fit(work.logdensity, pairs);
   fit(work.product, pairs);
   fit(work.sums, block);
-  // theta = W3 gamma
-  const Design& design = *model.design;
-  std::fill_n(work.theta.data(), nbeta, 0.0);
-  for (std::size_t f = 0; f < design.owner3.size(); ++f)
-    work.theta[at(design.owner3[f])] += records.w3[f] * point.gamma[at(design.reduced[f])];
+  level2means(*model.design, records.w3.data(), point.gamma, work.theta.data());
   if (!withmoments) return;
   fit(work.gradient, npi * pairs);
   fit(work.statistics, block * units * shape.size);
