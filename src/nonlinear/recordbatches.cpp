@@ -23,7 +23,6 @@ Level3Records readlevel3(RecordBatches& batches) {
   Level3Records unit;
   unit.k = batches.k;
   unit.firstunit = batches.units;
-  unit.firstrecord = batches.records;
   unit.units = pass.n2of[batches.k];
   const std::size_t records = at(pass.n1of[batches.k]);
   unit.start.reset(at(unit.units) + 1);
