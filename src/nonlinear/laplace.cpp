@@ -187,12 +187,6 @@ LaplaceStep laplace6iterate(const LaplaceData& data, const LaplaceSettings& sett
 
 namespace {
 
-Array<double> diagonalblock(const Array<double>& V, std::size_t P, std::size_t first, std::size_t n) {
-  Array<double> block(n * n);
-  for (std::size_t i = 0; i < n; ++i) std::copy_n(V.data() + (first + i) * P + first, n, block.data() + i * n);
-  return block;
-}
-
 LaplaceResult resultof(LaplaceState& state, bool finalcall) {
   LaplaceResult result;
   const std::size_t P = state.now.count(), n2 = state.now.ntaupi(), n3 = state.now.ntaubeta();
@@ -201,8 +195,8 @@ LaplaceResult resultof(LaplaceState& state, bool finalcall) {
   result.iteration = finalcall ? state.iteration : state.iteration - 1;
   result.finalcall = finalcall;
   result.loglik = state.loglik;
-  result.taucovariance = diagonalblock(state.inverse, P, 0, n2 + n3);
-  result.vgamma = diagonalblock(state.inverse, P, n2 + n3, at(state.now.g));
+  result.taucovariance = diagonalblock(V, P, 0, n2 + n3, 1.0);
+  result.vgamma = diagonalblock(V, P, n2 + n3, at(state.now.g), 1.0);
   standarderrormatrix(V, P, 0, state.now.q, 1.0, result.setaupi);
   standarderrormatrix(V, P, n2, state.now.r, 1.0, result.setaubeta);
   result.inverse = state.inverse.copy();

@@ -25,6 +25,13 @@ void addduplicated(double* dest, const double* R, int n) {
     for (std::ptrdiff_t b = 0; b <= a; ++b) *dest++ += a == b ? R[a * n + a] : R[a * n + b] + R[b * n + a];
 }
 
+Array<double> diagonalblock(const double* V, std::size_t P, std::size_t first, std::size_t n, double scale) {
+  Array<double> block(n * n);
+  for (std::size_t i = 0; i < n; ++i)
+    for (std::size_t l = 0; l < n; ++l) block[i * n + l] = scale * V[(first + i) * P + first + l];
+  return block;
+}
+
 int standarderrormatrix(const double* V, std::size_t P, std::size_t first, int n, double scale, Array<double>& matrix) {
   const auto order = static_cast<std::size_t>(n);
   matrix.reset(order * order);

@@ -263,7 +263,7 @@ bool Iterations::heldnearzero() {
 
 void Iterations::finish(const QuadratureWalk& last) {
   const Parameters& estimates = result.parameters;
-  const std::size_t taus = estimates.ntaupi() + estimates.ntaubeta(), g = at(estimates.g);
+  const std::size_t taus = estimates.ntaupi() + estimates.ntaubeta();
   for (std::size_t i = 0; i < P; ++i) {
     double lacking = -delta[i];
     for (std::size_t l = 0; l < P; ++l) lacking += V[i * P + l] * last.score[l];
@@ -281,12 +281,8 @@ void Iterations::finish(const QuadratureWalk& last) {
   result.taubetaseusable = counted(estimates.ntaupi(), taus, bad3) == 0 && result.inversion != 1;
   if (result.inversion == 1)
     for (std::size_t i = taus; i < P; ++i) V[i * P + i] = 0.0;
-  result.vgamma.reset(g * g);
-  for (std::size_t i = 0; i < g; ++i)
-    for (std::size_t l = 0; l < g; ++l) result.vgamma[i * g + l] = 2.0 * V[(taus + i) * P + taus + l];
-  result.vtau.reset(taus * taus);
-  for (std::size_t i = 0; i < taus; ++i)
-    for (std::size_t l = 0; l < taus; ++l) result.vtau[i * taus + l] = 2.0 * V[i * P + l];
+  result.vgamma = diagonalblock(V.data(), P, taus, at(estimates.g), 2.0);
+  result.vtau = diagonalblock(V.data(), P, 0, taus, 2.0);
   result.V = std::move(V);
   result.finished = true;
   result.marginal = result.loglikelihood + 0.5 * data.records * std::log(twopi) + data.combinations;
