@@ -38,7 +38,8 @@ Array<double> errormatrix(const FisherWork& fisher, std::size_t first, int n) {
 }
 
 // What a scoring step from the estimates would move, in standard errors: the largest over its elements. A step that
-// leaves the space of covariance matrices is halved, as the iterations halve it.
+// leaves the space of covariance matrices is halved, as the iterations halve it; 0 when it leaves it all the same, from
+// estimates at its edge.
 double stepleft(const Pass& pass, const FisherWork& fisher) {
   constexpr int tries = 6;
   const Array<double> d = scoringdirection(fisher);
@@ -48,15 +49,15 @@ double stepleft(const Pass& pass, const FisherWork& fisher) {
     if (variance > 0.0) largest = std::max(largest, std::fabs(d[i]) / std::sqrt(variance));
   }
   double factor = 1.0;
-  for (int t = 1; t < tries; ++t, factor *= 0.5) {
+  for (int t = 0; t < tries; ++t, factor *= 0.5) {
     Array<double> taupi = run.est.taupi.copy(), taubeta = run.est.taubeta.copy();
     addtriangle(taupi.data(), pass.p, d.data(), factor);
     addtriangle(taubeta.data(), pass.b, d.data() + packedsize(pass.p), factor);
     if (run.est.sigma2 + factor * d[d.size() - 1] > 0.0 && usablecovariance(taupi.data(), pass.p) &&
         usablecovariance(taubeta.data(), pass.b))
-      break;
+      return factor * largest;
   }
-  return factor * largest;
+  return 0.0;
 }
 
 }  // namespace
