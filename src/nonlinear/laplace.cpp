@@ -9,6 +9,7 @@
 #include "kernel/matrix.h"
 #include "kernel/products.h"
 #include "kernel/sizes.h"
+#include "linear/usable.h"
 #include "nonlinear/macrotest.h"
 #include "nonlinear/unitthreads.h"
 
@@ -89,13 +90,9 @@ bool invertinformation(LaplaceState& state) {
          invertsymmetric(order, state.information.data(), state.inverse.data()).result == 0;
 }
 
-bool usabletau(int n, const double* tau) {
-  Array<double> inverse(square(n));
-  return invertsymmetric(n, tau, inverse.data()).result == 0 && ispositivedefinite(n, tau, n, nullptr);
-}
-
 bool usabletaus(Parameters& parameters) {
-  return usabletau(parameters.q, parameters.taupi.data()) && usabletau(parameters.r, parameters.taubeta.data());
+  return usablecovariance(parameters.taupi.data(), parameters.q) &&
+         usablecovariance(parameters.taubeta.data(), parameters.r);
 }
 
 constexpr double firstridge = 0.01;

@@ -7,6 +7,7 @@
 #include "kernel/matrix.h"
 #include "kernel/products.h"
 #include "kernel/sizes.h"
+#include "linear/usable.h"
 #include "nonlinear/family.h"
 
 namespace kdr {
@@ -254,8 +255,7 @@ void unitmoments(const Walk& walk, int j, const Parameters& parameters, UnitReli
   for (int a = 0; a < q; ++a)
     for (int b = 0; b < q; ++b)
       work.qq[at(a * q + b)] = work.Sxx[at(work.columns.d[at(a)] * c + work.columns.d[at(b)])];
-  if (ispositivedefinite(q, work.qq.data(), q, nullptr) &&
-      invertsymmetric(q, work.qq.data(), work.inverse.data()).result == 0) {
+  if (invertcovariance(work.qq.data(), q, work.inverse.data())) {
     addreliabilities(q, parameters.taupi.data(), work.inverse.data(), reliability.level2);
     ++reliability.count2;
   }
@@ -428,7 +428,7 @@ bool unitscore(const LaplaceData& data, const Parameters& parameters, const TauI
   const double* H3 = modes.H3.data() + at(unit.k) * square(r);
   for (std::size_t i = 0; i < square(r); ++i) work.rr[i] = H3[i] - inverses.Kb[i];
   if (invertsymmetric(r, work.rr.data(), work.inverse.data()).result != 1 &&
-      ispositivedefinite(r, work.inverse.data(), r, nullptr)) {
+      positivecovariance(work.inverse.data(), r)) {
     addreliabilities(r, parameters.taubeta.data(), work.inverse.data(), reliability.level3);
     ++reliability.count3;
   }

@@ -10,6 +10,7 @@
 #include "kernel/matrix.h"
 #include "kernel/products.h"
 #include "kernel/sizes.h"
+#include "linear/usable.h"
 #include "nonlinear/unitthreads.h"
 
 namespace kdr {
@@ -105,11 +106,6 @@ void removeheld(const std::vector<std::size_t>& held, std::size_t P, double* g, 
   }
 }
 
-bool usablecovariance(int n, const Array<double>& tau) {
-  Array<double> inverse(square(n));
-  return invertsymmetric(n, tau.data(), inverse.data()).result == 0 && !isbadcov(n, tau.data(), n, nullptr);
-}
-
 double logcombinations(double n, double y) {
   return std::lgamma(n + 1.0) - std::lgamma(y + 1.0) - std::lgamma(n - y + 1.0);
 }
@@ -167,7 +163,8 @@ QuadratureFailure Iterations::step(const QuadratureWalk& now, double& loglikelih
   const auto usable = [&](Parameters& trial) {
     if (settings.diagonalpi) cleardiagonaloff(trial.taupi.data(), trial.q);
     if (settings.diagonalbeta) cleardiagonaloff(trial.taubeta.data(), trial.r);
-    if (!usablecovariance(trial.q, trial.taupi) || !usablecovariance(trial.r, trial.taubeta)) return false;
+    if (!usablecovariance(trial.taupi.data(), trial.q) || !usablecovariance(trial.taubeta.data(), trial.r))
+      return false;
     const QuadratureWalk there = walk(data, trial, result.adaptation, nullptr);
     loglikelihood = there.loglikelihood - 0.5 * data.records * std::log(twopi);
     return there.status == UnitStatus::fine && std::isfinite(loglikelihood);
