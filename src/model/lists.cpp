@@ -226,7 +226,11 @@ void readcontau3(CommandReader& reader, const std::string& value) { readcontau(r
 void readcontrast(CommandReader& reader, const std::string& value) {
   if (!run.answered.wholemodel()) stopwith("Gammas must be specified after complete model\n");
   const int hypothesis = wholenumber(reader.lines.line.substr(5));
-  if (hypothesis < 1 || hypothesis > maxhypotheses) return;
+  if (hypothesis < 1 || hypothesis > maxhypotheses) {
+    std::printf(" %s: hypotheses have the numbers 1 to %d: ignored\n",
+                printable(reader.lines.line.substr(0, reader.lines.line.find(':'))).c_str(), maxhypotheses);
+    return;
+  }
   if (hypothesis < reader.hypothesis) stopwith("The lines GAMMA%d: must stand together!\n", hypothesis);
   if (hypothesis > reader.hypothesis + 1)
     stopwith("There is no line GAMMA%d: before the line GAMMA%d:!\n", reader.hypothesis + 1, hypothesis);
