@@ -71,4 +71,5 @@ def main():
                       f"{'yes' if slope else 'no'} | {name} | {seconds:.2f} | {cpu:.2f} | {memory:.0f} | {macro} |", flush=True)
 
 
-main()
+if __name__ == "__main__":
+    main()

@@ -169,7 +169,6 @@ void prenatal(const std::string& folder, int points, int iterations, double leas
     }
     unit.k = static_cast<int>(study.units.size());
     unit.firstunit = at(study.units2);
-    unit.firstrecord = records;
     unit.units = static_cast<int>(owner.size());
     unit.start.reset(owner.size() + 1);
     for (std::size_t j = 0; j < owner.size(); ++j) unit.start[j] = at(owner[j]);

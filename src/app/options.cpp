@@ -44,7 +44,6 @@ void responsefile(const char* path, Options& options) {
     return;
   }
   if (std::freopen(path, "r", stdin) == nullptr) stopwith("Unable to open %s\n", path);
-  run.id.respfile = true;
 }
 
 // -mi<k>

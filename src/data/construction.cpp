@@ -569,7 +569,7 @@ Array<VariableTotals> copyunits(Construction& build) {
   UnitReader reader;
   startunits(reader, build.blocks, 0, mdm.nvar1, mdm.nvar2, true);
   for (int j = 0; j < mdm.nunits2; ++j) {
-    if (!readunit(reader, build.unit)) stopwith("A temporary file is damaged: it is cut off.\n");
+    neededunit(reader, build.unit);
     writeunit(build.mdm.stream, build.unit, mdm.nvar1, mdm.nvar2, true);
     for (std::size_t v = 0; v < totals.size(); ++v) addvalue(totals[v], build.unit.level2[v]);
   }

@@ -168,6 +168,10 @@ bool readunit(UnitReader& reader, UnitBlock& block) {
   return true;
 }
 
+void neededunit(UnitReader& reader, UnitBlock& block) {
+  if (!readunit(reader, block)) damaged(reader, "it is cut off");
+}
+
 bool skimunit(UnitReader& reader, UnitBlock& block) {
   if (!takecount(reader, block)) return false;
   const long long rows = block.nj + (reader.withmeans ? 1LL : 0LL);
@@ -188,8 +192,8 @@ void seekunit(UnitReader& reader, long long position) {
 }
 
 std::FILE* startworking() {
-  // Keep the number of writes low. The library takes the size of a buffer only with the buffer itself, which has to last
-  // as long as the stream: two are open at a time, the one that is written and the one before it, which is read.
+  // Keep the number of writes low. The library takes the size of a buffer only with the buffer itself, which has to
+  // last as long as the stream: two are open at a time, the one that is written and the one before it, which is read.
   static char pieces[2][std::size_t{256} << 10];
   static int turn = 0;
   std::FILE* stream = scratchopen();

@@ -45,7 +45,9 @@ void startunits(UnitReader& reader, std::FILE* stream, long long offset, int nva
 // past the end of the file or has an impossible size, and, for the MDM file, when the blocks do not agree with the
 // counts of its head or with its level-3 table.
 [[nodiscard]] bool readunit(UnitReader& reader, UnitBlock& block);
-// The same, but passes over means and records: fills nj, level2 and the IDs only. For reading ahead; follow it by
+// The same for a block that has to be there: the end of the file is a cut.
+void neededunit(UnitReader& reader, UnitBlock& block);
+// readunit, but passes over means and records: fills nj, level2 and the IDs only. For reading ahead; follow it by
 // seekunit before the next readunit.
 [[nodiscard]] bool skimunit(UnitReader& reader, UnitBlock& block);
 

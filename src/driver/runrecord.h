@@ -24,7 +24,6 @@ struct RunIdentity {
   bool strict = false;           // -strict: a run that did not converge ends with unconvergedcode
   bool unconverged = false;      // a result of the run was stopped before it converged, or given up
   bool passunconverged = false;  // the same of this pass of a series of plausible values
-  bool respfile = false;         // -r: the answers come from a response file
 };
 
 // A series of sub-runs: multiple imputation (one process each) or plausible values (one pass each).
@@ -169,7 +168,7 @@ struct OutputControl {
 struct AnsweredMarks {
   bool nonlin = false, level1 = false, level2 = false, level3 = false;
   bool extra2 = false, extra3 = false;  // a "/" list on a LEVEL2: or LEVEL3: line
-  bool deletion = false, plausvals = false, lvr = false, nobase = false, iterations = false;
+  bool deletion = false, lvr = false, nobase = false, iterations = false;
   bool constrain = false, hypoth = false, gammas = false, deviance = false;
   bool resfiltype = false;
   bool numit = false, stopval = false, stopmicro = false;

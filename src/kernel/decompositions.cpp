@@ -248,7 +248,7 @@ Inversion invertsymmetric(int n, const double* a, double* inverse) {
     work = large.data();
   }
   const int result = syminverse(n, a, n, inverse, n, work);
-  return {result, work[0]};
+  return {result, work[0], work[1], work[2] != 0.0};
 }
 
 bool hasunitcorrelation(int n, const double* a, int ld) {

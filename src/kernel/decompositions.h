@@ -18,6 +18,8 @@ int syminverse(int n, const double* a, int ld, double* inv, int ldinv, double* w
 struct Inversion {
   int result;          // of syminverse
   double determinant;  // of a
+  double logpivots;    // the sum of the logarithms of the positive pivots
+  bool negative;       // a negative pivot was met
 };
 Inversion invertsymmetric(int n, const double* a, double* inverse);
 

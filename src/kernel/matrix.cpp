@@ -46,9 +46,23 @@ void quicksort(double* a, Index n, int budget) {
 
 }  // namespace
 
-void scale(double* m, int rows, int cols, int ld, double s) {
-  for (int i = 0; i < rows; ++i, m += ld)
-    for (int j = 0; j < cols; ++j) m[j] *= s;
+void mirror(int n, double* m) {
+  for (Index i = 0; i < n; ++i)
+    for (Index j = 0; j < i; ++j) m[j * n + i] = m[i * n + j];
+}
+
+void cleardiagonaloff(double* t, int n) {
+  for (Index i = 0; i < n; ++i)
+    for (Index j = 0; j < n; ++j)
+      if (i != j) t[i * n + j] = 0.0;
+}
+
+void addtriangle(double* t, int n, const double* d, double factor) {
+  for (Index i = 0; i < n; ++i)
+    for (Index j = 0; j <= i; ++j, ++d) {
+      t[i * n + j] += factor * *d;
+      if (i != j) t[j * n + i] += factor * *d;
+    }
 }
 
 void sortdoubles(double* a, std::ptrdiff_t n) {

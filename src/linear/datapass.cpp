@@ -5,6 +5,7 @@
 
 #include "driver/failures.h"
 #include "driver/runrecord.h"
+#include "kernel/matrix.h"
 #include "kernel/sizes.h"
 #include "linear/exploratory.h"
 #include "linear/usable.h"
@@ -86,19 +87,11 @@ void fillcold(const Pass& pass, DataFold& fold, const double* hot, double* cold)
   std::copy_n(fold.unit.level2.data(), store.nvar2, cold + store.atlevel2);
 }
 
-void mirrorlevel3(Pass& pass) {
-  const int n = pass.nbeta;
-  for (int k = 0; k < run.mdm.nunits3; ++k) {
-    double* BB = pass.sumBB.row(k);
-    for (int i = 0; i < n; ++i)
-      for (int j = 0; j < i; ++j) BB[j * n + i] = BB[i * n + j];
-  }
-}
-
-// gramMM and gramMY from the sums of the level-3 units.
+// gramMM and gramMY from the sums of the level-3 units, whose B'B becomes full.
 void grandsums(Pass& pass) {
   Array<double> weights(pass.design.owner3.size());
   for (int k = 0; k < run.mdm.nunits3; ++k) {
+    mirror(pass.nbeta, pass.sumBB.row(k));
     level3weights(pass, k, weights.data());
     addsandwichW3(pass, weights.data(), pass.sumBB.row(k), pass.gramMM.data());
     addtransposedW3(pass, weights.data(), pass.sumBY.row(k), pass.gramMY.data());
@@ -160,7 +153,6 @@ void foldunit(DataFold& fold) {
 
 void finishfold(DataFold& fold) {
   Pass& pass = fold.pass;
-  mirrorlevel3(pass);
   grandsums(pass);
   finishstore(pass.store);
   run.mdm.nunits1 = static_cast<int>(fold.records);

@@ -75,9 +75,8 @@ void level3weights(const Pass& pass, int k, double* weights) {
   }
 }
 
-void level2means(const Pass& pass, const double* weights, const double* gamma, double* theta) {
-  std::fill_n(theta, pass.nbeta, 0.0);
-  const Design& design = pass.design;
+void level2means(const Design& design, const double* weights, const double* gamma, double* theta) {
+  std::fill_n(theta, design.owner2.size(), 0.0);
   for (std::size_t i = 0; i < design.owner3.size(); ++i)
     theta[design.owner3[i]] += weights[i] * gamma[design.reduced[i]];
 }
@@ -85,6 +84,16 @@ void level2means(const Pass& pass, const double* weights, const double* gamma, d
 void addlevel3effects(const Pass& pass, int k, const double* v, const double* theta, double* thetastar) {
   std::copy_n(theta, pass.nbeta, thetastar);
   for (int i = 0; i < pass.b; ++i) thetastar[i] += pass.scale3[k] * v[i];
+}
+
+UnitMeans makeunitmeans(const Pass& pass) {
+  return {Array<double>(pass.design.owner3.size()), Array<double>(at(pass.nbeta)), Array<double>(at(pass.nbeta))};
+}
+
+void takeunitmeans(const Pass& pass, int k, const double* gamma, const double* v, UnitMeans& means) {
+  level3weights(pass, k, means.weights.data());
+  level2means(pass.design, means.weights.data(), gamma, means.theta.data());
+  addlevel3effects(pass, k, v, means.theta.data(), means.thetastar.data());
 }
 
 void level2coefficients(const Pass& pass, const double* level2, const double* thetastar, double* beta) {

@@ -5,6 +5,7 @@
 #include "driver/failures.h"
 #include "driver/runrecord.h"
 #include "kernel/decompositions.h"
+#include "kernel/matrix.h"
 #include "kernel/sizes.h"
 #include "linear/emstep.h"
 #include "linear/fisher.h"

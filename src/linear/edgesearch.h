@@ -1,5 +1,6 @@
 // A way to a maximum at the edge of the parameter space, where a tau is singular. EM steps get shorter the nearer they
-// come and may stand far below it after thousands of iterations; scoring steps leave the space.
+// come and may stand far below it after thousands of iterations; scoring steps leave the space. It finds a maximum
+// inside as well.
 #pragma once
 
 #include "linear/pass.h"
@@ -8,6 +9,8 @@ namespace kdr {
 
 // The iterations that begin with a search: this one, and each that doubles it.
 inline constexpr int firstedgesearch = 200;
+// The same in a pass of a macro loop that creeps, where the maximum may lie anywhere.
+inline constexpr int firstsearch = 5;
 // A stage that converges sooner than this does not creep, and its stop is no place for a search.
 inline constexpr int soonestedgesearch = 10;
 // What a search has to gain: more than rounding, and where the criterion of convergence is met already, what would

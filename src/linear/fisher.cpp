@@ -67,7 +67,7 @@ struct InformationSums {
   double ss = 0.0;
   // Work of one level-3 unit.
   Array<double> N22, M, half, Hs, U2;  // b squared; U2: b^2 by p^2, the sum of U_j (x) U_j
-  Array<double> EE, EU, LEU;           // (E (x) E) U2 and its like
+  Array<double> EU, LEU;               // (E (x) E) U2 and its like
   Array<double> FF, temp, temp2;
 };
 
@@ -250,11 +250,8 @@ void addscore(double* score, int first, const double* inverse, const double* X, 
   for (std::size_t e = 0; e < places.size(); ++e) score[at(first) + e] += duplicated(out.data(), n, places[e]);
 }
 
-double tracedot(const Array<double>& x, const double* y) {
-  double s = 0.0;
-  for (std::size_t i = 0; i < x.size(); ++i) s += x[i] * y[i];
-  return s;
-}
+// tr(X Y), both symmetric.
+double tracedot(const Array<double>& X, const double* Y) { return dot(X.data(), Y, X.size()); }
 
 // The score from expected moments: 1/2 T^-1 (sum u u' + s V_j - J2 T) T^-1 and its like, and for sigma2
 // 1/2 [rss/s^2 - (N - J2 p - J3 b)/s - tr(L^-1 sum E) - tr(T^-1 sum V)].
@@ -359,19 +356,9 @@ bool fisherfull(Pass& pass, FisherWork& fisher, Likelihood& likelihood, bool clo
 }
 
 Array<double> scoringdirection(const FisherWork& fisher) {
-  const auto NT = static_cast<std::size_t>(fisher.NT);
-  Array<double> d(NT);
-  for (std::size_t i = 0; i < NT; ++i)
-    for (std::size_t j = 0; j < NT; ++j) d[i] += fisher.invinformation[i * NT + j] * fisher.score[j];
+  Array<double> d(at(fisher.NT));
+  mulAB(d.data(), fisher.invinformation.data(), fisher.score.data(), fisher.NT, 1, fisher.NT);
   return d;
-}
-
-void addtriangle(double* t, int n, const double* d, double factor) {
-  for (int i = 0; i < n; ++i)
-    for (int j = 0; j <= i; ++j, ++d) {
-      t[i * n + j] += factor * *d;
-      if (i != j) t[j * n + i] += factor * *d;
-    }
 }
 
 bool fisherpoint(Pass& pass, FisherWork& fisher) {

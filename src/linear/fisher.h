@@ -39,8 +39,6 @@ struct Likelihood {
 
 // The step [NT] that inverse information and score make.
 [[nodiscard]] Array<double> scoringdirection(const FisherWork& fisher);
-// Adds the triangle of a step, times the factor, to a tau matrix, in both places.
-void addtriangle(double* t, int n, const double* d, double factor);
 
 // Expected information (fishertype 2). Returns false when a matrix cannot be inverted or the information is not usable.
 // With `closing` it stops after inverse information and score and changes only these, dinv and C_j^-1; otherwise it

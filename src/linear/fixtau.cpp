@@ -11,6 +11,7 @@
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
 #include "kernel/decompositions.h"
+#include "kernel/matrix.h"
 #include "kernel/sizes.h"
 #include "linear/startvaluesfile.h"
 #include "linear/usable.h"
@@ -144,12 +145,12 @@ bool automaticfixup(const Repair& repair) {
         if (repair.freeat(i, j) && std::fabs(t[i * n + j]) / std::sqrt(t[i * n + i] * t[j * n + j]) >= 1.0)
           repair.set(i, j, t[i * n + j] * shrink);
   diagonalise(repair);
-  if (usablestart(t, n)) return true;
+  if (usablecovariance(t, n)) return true;
   for (int i = 0; i < n; ++i)
     for (int j = 0; j <= i; ++j)
       if (repair.freeat(i, j)) repair.set(i, j, i == j ? share * repair.moments[i * n + i] : 0.0);
   diagonalise(repair);
-  if (usablestart(t, n)) return true;
+  if (usablecovariance(t, n)) return true;
   if (repair.codes == nullptr) return false;
   // Elements held equal are left alone so far; now they start from their moments too, at their common value.
   for (int i = 0; i < n; ++i)
@@ -157,7 +158,7 @@ bool automaticfixup(const Repair& repair) {
       if (!repair.fixedat(i, j)) repair.set(i, j, i == j ? share * repair.moments[i * n + i] : 0.0);
   applyequal(n, t, *repair.codes);
   diagonalise(repair);
-  return usablestart(t, n);
+  return usablecovariance(t, n);
 }
 
 [[noreturn]] void nofixup(const Repair& repair) {
@@ -177,10 +178,8 @@ void applyfixed(double* t, int n, const Array<double>& est) {
 void applyequal(int n, double* t, const Array<int>& codes) {
   const std::size_t elements = packedsize(n);
   Array<double> packed(elements), level(elements);
-  std::size_t e = 0;
-  for (int i = 0; i < n; ++i)
-    for (int j = 0; j <= i; ++j) packed[e++] = t[i * n + j];
-  for (e = 0; e < elements; ++e) {
+  pack(n, t, packed.data());
+  for (std::size_t e = 0; e < elements; ++e) {
     level[e] = packed[e];
     if (codes[e] == 0) continue;
     double sum = 0.0;
@@ -192,9 +191,7 @@ void applyequal(int n, double* t, const Array<int>& codes) {
       }
     level[e] = sum / members;
   }
-  e = 0;
-  for (int i = 0; i < n; ++i)
-    for (int j = 0; j <= i; ++j) t[i * n + j] = t[j * n + i] = level[e++];
+  unpack(n, level.data(), t);
 }
 
 void applytaupi(double* taupi) {
@@ -211,17 +208,6 @@ void applytaubeta(double* taubeta) {
   if (run.out.diagtaubeta) cleardiagonaloff(taubeta, b);
 }
 
-void cleardiagonaloff(double* t, int n) {
-  for (int i = 0; i < n; ++i)
-    for (int j = 0; j < n; ++j)
-      if (i != j) t[i * n + j] = 0.0;
-}
-
-bool usablestart(const double* t, int n) {
-  Array<double> inverse(square(n));
-  return invertsymmetric(n, t, inverse.data()).result == 0 && positivecovariance(t, n);
-}
-
 void fixtau(double* t, int n, const Array<double>& moments, int code, double& sigma2, Tau which) {
   const bool pi = which == Tau::pi;
   const IterationControl& iter = run.iter;
@@ -236,12 +222,12 @@ void fixtau(double* t, int n, const Array<double>& moments, int code, double& si
     switch (choice) {
       case 1:
         clearfreeoffdiagonals(repair);
-        if (usablestart(t, n)) return;
+        if (usablecovariance(t, n)) return;
         ++repair.rounds;
         break;
       case 2:
         resetelements(repair);
-        if (usablestart(t, n)) return resetgammas(sigma2);
+        if (usablecovariance(t, n)) return resetgammas(sigma2);
         break;
       case 3:
         if (constexpr int maxrounds = 100; repair.rounds >= maxrounds) {

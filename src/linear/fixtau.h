@@ -14,11 +14,6 @@ void applyequal(int n, double* t, const Array<int>& codes);
 // What a run asks of its tau matrices: ESTTAU2:, CONTAU2: and DIAGONALIZETAUPI:, and their level-3 twins.
 void applytaupi(double* taupi);
 void applytaubeta(double* taubeta);
-// Sets every off-diagonal element of an n by n matrix to 0.0.
-void cleardiagonaloff(double* t, int n);
-
-// The test of a starting value: it can be inverted, and is a covariance without a correlation of 1.
-[[nodiscard]] bool usablestart(const double* t, int n);
 
 // Repairs t (n by n), derived from the squared residuals `moments`, by the action `code` (fixtau2 or fixtau3): 1 clears
 // the off-diagonals, 3 is the automatic fix-up, 4 stops the run, others ask at the console. Returns with a usable t, or

@@ -139,7 +139,7 @@ void writeflags(ResultFile& file) {
   for (const TermRow& term : rows.terms) writevalue(file, term.random ? 0 : 1);
 }
 
-// (Z2'Z2)^-1 (Z2'Y - Z2'M gamma) of unit k into `ols`, or the missing mark. results.theta is W3 gamma.
+// (Z2'Z2)^-1 (Z2'Y - Z2'M gamma) of unit k into `ols`, or the missing mark. results.means.theta is W3 gamma.
 struct Level3Fit {
   Array<double> Z2Z2, inverse, right;
 };
@@ -151,7 +151,7 @@ void level3leastsquares(const Pass& pass, int k, const UnitResults& results, Lev
   for (int i = 0; i < b; ++i) {
     for (int j = 0; j < b; ++j) fit.Z2Z2[i * b + j] = z * z * BB[i * nb + j];
     fit.right[i] = BY[i];
-    for (int m = 0; m < nb; ++m) fit.right[i] -= BB[i * nb + m] * results.theta[m];
+    for (int m = 0; m < nb; ++m) fit.right[i] -= BB[i * nb + m] * results.means.theta[m];
     fit.right[i] *= z;
   }
   if (!invertcovariance(fit.Z2Z2.data(), b, fit.inverse.data())) {

@@ -23,21 +23,6 @@ void eachwithin(Pass& pass, Use use) {
     use(k, invertcovariance(pass.within.row(k), pass.b, inverse.data()) ? inverse.data() : nullptr);
 }
 
-// theta* = W3 gamma + z v of level-3 unit k: what the level-2 units of k are compared with.
-struct UnitMeans {
-  Array<double> weights, theta, thetastar;
-};
-
-UnitMeans makeunitmeans(const Pass& pass) {
-  return {Array<double>(pass.design.owner3.size()), Array<double>(at(pass.nbeta)), Array<double>(at(pass.nbeta))};
-}
-
-void takeunitmeans(const Pass& pass, int k, const double* v, UnitMeans& means) {
-  level3weights(pass, k, means.weights.data());
-  level2means(pass, means.weights.data(), run.est.gammahat.data(), means.theta.data());
-  addlevel3effects(pass, k, v, means.theta.data(), means.thetastar.data());
-}
-
 // 0 for a fixed element, missingcode for one whose variance could not be had.
 double standarderror(const FisherWork& fisher, std::size_t element) {
   if (fisher.restriction.free[element] < 0) return 0.0;
@@ -53,7 +38,8 @@ Array<double> errormatrix(const FisherWork& fisher, std::size_t first, int n) {
 }
 
 // What a scoring step from the estimates would move, in standard errors: the largest over its elements. A step that
-// leaves the space of covariance matrices is halved, as the iterations halve it.
+// leaves the space of covariance matrices is halved, as the iterations halve it; 0 when it leaves it all the same, from
+// estimates at its edge.
 double stepleft(const Pass& pass, const FisherWork& fisher) {
   constexpr int tries = 6;
   const Array<double> d = scoringdirection(fisher);
@@ -63,15 +49,15 @@ double stepleft(const Pass& pass, const FisherWork& fisher) {
     if (variance > 0.0) largest = std::max(largest, std::fabs(d[i]) / std::sqrt(variance));
   }
   double factor = 1.0;
-  for (int t = 1; t < tries; ++t, factor *= 0.5) {
+  for (int t = 0; t < tries; ++t, factor *= 0.5) {
     Array<double> taupi = run.est.taupi.copy(), taubeta = run.est.taubeta.copy();
     addtriangle(taupi.data(), pass.p, d.data(), factor);
     addtriangle(taubeta.data(), pass.b, d.data() + packedsize(pass.p), factor);
     if (run.est.sigma2 + factor * d[d.size() - 1] > 0.0 && usablecovariance(taupi.data(), pass.p) &&
         usablecovariance(taubeta.data(), pass.b))
-      break;
+      return factor * largest;
   }
-  return factor * largest;
+  return 0.0;
 }
 
 }  // namespace
@@ -148,7 +134,7 @@ VarianceTests variancetests(Pass& pass) {
       pass.n2of,
       [&](int k) {
         usable3 = pass.vlsq.row(k)[0] != missingcode;
-        if (usable3) takeunitmeans(pass, k, pass.vlsq.row(k), means);
+        if (usable3) takeunitmeans(pass, k, run.est.gammahat.data(), pass.vlsq.row(k), means);
       },
       [&](int, std::size_t, const double* hot, const double* cold) {
         if (!usable3 || !usableunit(pass.store, cold)) return;
@@ -183,7 +169,7 @@ Array<double> scoreproducts(Pass& pass, bool leastsquares) {
   sweepunits(
       pass.n2of,
       [&](int k) {
-        takeunitmeans(pass, k, leastsquares ? none.data() : pass.vstar.row(k), means);
+        takeunitmeans(pass, k, run.est.gammahat.data(), leastsquares ? none.data() : pass.vstar.row(k), means);
         std::copy_n(pass.sumBY.row(k), nb, r.data());
         subAB(r.data(), pass.sumBB.row(k), means.thetastar.data(), nb, 1, nb);
       },
@@ -193,7 +179,8 @@ Array<double> scoreproducts(Pass& pass, bool leastsquares) {
       [&](int) {
         e.fill(0.0);
         addtransposedW3(pass, means.weights.data(), r.data(), e.data());
-        if (!leastsquares) scale(e.data(), g, 1, 1, 1.0 / run.est.sigma2);
+        if (!leastsquares)
+          for (double& x : e) x *= 1.0 / run.est.sigma2;
         addABt(total.data(), e.data(), e.data(), g, g, 1);
       },
       reading(pass.store.hot));

@@ -11,6 +11,7 @@
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
 #include "kernel/decompositions.h"
+#include "kernel/matrix.h"
 #include "kernel/sizes.h"
 #include "linear/edgesearch.h"
 #include "linear/fixtau.h"
@@ -234,18 +235,22 @@ void asklimit(const Pass& pass, IterationState& state) {
   state.limit = pass.plan.farlimit;
 }
 
-// A search for a maximum at the edge, where iterations are slow or would stop below it. True when it moved the
-// estimates.
-bool movetoedge(Pass& pass, const IterationState& state, double least) {
-  if (pass.plan.kind != PassKind::linear || state.hetstate == 1) return false;
-  if (state.converged && (state.iteration < soonestedgesearch || !nearedge(pass))) return false;
-  const double gain = searchedge(pass, least);
+// A search for the maximum where iterations are slow or would stop below it: at the edge, and in passes of a macro loop
+// that creeps. True when it moved the estimates.
+bool movetomaximum(Pass& pass, const IterationState& state, double least) {
+  const bool linear = pass.plan.kind == PassKind::linear;
+  if (state.hetstate == 1 || (!linear && (!state.searching || pass.plan.tausstand()))) return false;
+  if (linear && state.converged && (state.iteration < soonestedgesearch || !nearedge(pass))) return false;
+  const double gain = searchedge(pass, linear ? least : leastgainwhenslow);
   if (gain == 0.0) return false;
-  const std::string line = formatted(
-      "At iteration %d a search along the edge of the parameter space raised the log-likelihood by %.3E",
-      state.iteration, gain);
+  const std::string line =
+      linear ? formatted(
+                   "At iteration %d a search along the edge of the parameter space raised the log-likelihood by %.3E",
+                   state.iteration, gain)
+             : formatted("For macro %d/micro iteration %d, a search raised the log-likelihood by %.3E", pass.plan.macro,
+                         state.iteration, gain);
   if (!reportisstdout()) std::printf("%s\n", line.c_str());
-  reportline("%s", line.c_str());
+  if (linear) reportline("%s", line.c_str());
   return true;
 }
 
@@ -258,7 +263,7 @@ void endofiteration(Pass& pass, IterationState& state, const Attempt& attempt, c
   state.s2 = state.s1;
   state.s1 = run.est.sigma2;
   if (!attempt.fisherok && pass.fixsigma2 == 0.0) run.est.sigma2 = (em.traceacc + em.rss) / run.mdm.nunits1;
-  if (state.converged && movetoedge(pass, state, leastgainatstop)) state.converged = false;
+  if (state.converged && movetomaximum(pass, state, leastgainatstop)) state.converged = false;
 
   progress.add(iteration, state.likelihood.current);
   showlikelihood(pass.plan, iteration, state.likelihood.current);
@@ -276,12 +281,8 @@ void endofiteration(Pass& pass, IterationState& state, const Attempt& attempt, c
 
 void startiterations(const Pass& pass, IterationState& state) {
   makefisher(pass, state.fisher);
-  const std::size_t pp = static_cast<std::size_t>(pass.p) * static_cast<std::size_t>(pass.p);
-  const std::size_t bb = static_cast<std::size_t>(pass.b) * static_cast<std::size_t>(pass.b);
-  state.history.T1.reset(pp);
-  state.history.T2.reset(pp);
-  state.history.L1.reset(bb);
-  state.history.L2.reset(bb);
+  for (Array<double>* T : {&state.history.T1, &state.history.T2}) T->reset(square(pass.p));
+  for (Array<double>* L : {&state.history.L1, &state.history.L2}) L->reset(square(pass.b));
   state.s1 = state.s2 = 0.0;
   state.likelihood = {missingcode, missingcode};
   state.stepped = state.confirming = false;
@@ -291,12 +292,12 @@ void iterate(Pass& pass, IterationState& state) {
   Progress progress;
   EmSums em;
   state.converged = state.atlimit = state.keyboardstop = false;
-  state.nextsearch = firstedgesearch;
+  state.nextsearch = state.searching ? firstsearch : firstedgesearch;
   holdinterrupts();
   for (state.iteration = 1; state.iteration <= state.limit; ++state.iteration) {
     if (state.iteration == state.nextsearch) {
       state.nextsearch *= 2;
-      movetoedge(pass, state, leastgainwhenslow);
+      movetomaximum(pass, state, leastgainwhenslow);
     }
     const Attempt attempt = updateestimates(pass, state, em);
     endofiteration(pass, state, attempt, em, progress);

@@ -16,6 +16,7 @@ struct IterationState {
   int limit = 0;           // iterations of the stage
   int iteration = 0;       // the last one
   int fisherfailures = 0;  // failed accelerated steps of the run; from 4 on Aitken steps are taken
+  bool searching = false;  // passes on working data do not stop before a search for their maximum
   Likelihood likelihood{missingcode, missingcode};  // at the end of the last two iterations
   FisherWork fisher;
   TauHistory history;

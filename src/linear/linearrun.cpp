@@ -37,7 +37,7 @@ PassPlan linearplan() {
 // The pass over the blocks of the MDM file, which become the working data file when a later reader needs the records.
 PassResults linearpass(Pass& pass) {
   RecordUnits units;
-  startrecords(units, mdmlayout(true), run.mdm.stream, run.mdm.firstblock);
+  startrecords(units);
   if (run.out.resfil1 || run.out.graph) units.working = startworking();
   datapass(pass, [&](UnitProducts& unit) {
     if (nextunit(units, unit)) return true;
@@ -59,7 +59,7 @@ void resultfiles(Pass& pass, bool ordinary) {
   if (!wantresidualfiles() && !run.out.graph) return;
   // A run without an ordinary stage has made no variance tests, which leave the least-squares residuals of level 3.
   if (!ordinary) static_cast<void>(variancetests(pass));
-  const RecordLayout layout = mdmlayout(false);
+  const RecordLayout layout = mdmlayout();
   if (wantresidualfiles()) writeresidualfiles(pass, layout);
   if (run.out.graph) writegraphdata(pass, layout);
 }

@@ -83,10 +83,17 @@ void makedesign(Pass& pass);
 // The level-3 design of unit k in a vector: W3[owner3[i]][reduced[i]] has weights[i]. weights: full ngamma.
 void level3weights(const Pass& pass, int k, double* weights);
 
-// theta = W3_k gamma (nbeta).
-void level2means(const Pass& pass, const double* weights, const double* gamma, double* theta);
+// theta = W3_k gamma (nbeta), `weights` as level3weights gives them.
+void level2means(const Design& design, const double* weights, const double* gamma, double* theta);
 // thetastar = theta + z v (nbeta): what the level-2 units of k vary about, given the level-3 effects v (b).
 void addlevel3effects(const Pass& pass, int k, const double* v, const double* theta, double* thetastar);
+// Both for one level-3 unit after the other: what its level-2 units vary about.
+struct UnitMeans {
+  Array<double> weights;           // of level3weights
+  Array<double> theta, thetastar;  // [nbeta]
+};
+[[nodiscard]] UnitMeans makeunitmeans(const Pass& pass);
+void takeunitmeans(const Pass& pass, int k, const double* gamma, const double* v, UnitMeans& means);
 // The entry of W2 in column m of B, from a unit's row of level-2 variables.
 [[nodiscard]] inline double level2entry(const Pass& pass, std::size_t m, const double* level2) {
   const int variable = pass.design.variable2[m];

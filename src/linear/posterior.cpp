@@ -6,6 +6,7 @@
 #include "driver/failures.h"
 #include "driver/runrecord.h"
 #include "kernel/decompositions.h"
+#include "kernel/matrix.h"
 #include "kernel/sizes.h"
 
 namespace kdr {
@@ -43,12 +44,6 @@ double quadratic(const double* M, const double* x, int n) {
   return total;
 }
 
-double dot(const double* x, const double* y, int n) {
-  double s = 0.0;
-  for (int i = 0; i < n; ++i) s += x[i] * y[i];
-  return s;
-}
-
 // P_k, y_k, D_k, E_k, q_k, v_k. False when D_k cannot be inverted.
 bool level3step(const Pass& pass, const PosteriorInput& input, Level3Posterior& unit, Array<double>& inverse) {
   const int nb = pass.nbeta, b = pass.b;
@@ -67,9 +62,9 @@ bool level3step(const Pass& pass, const PosteriorInput& input, Level3Posterior& 
   std::copy_n(inverse.data(), square(b), unit.E.data());
 
   level3weights(pass, unit.k, unit.weights.data());
-  level2means(pass, unit.weights.data(), input.gamma, unit.theta.data());
-  for (int i = 0; i < b; ++i) unit.q[i] = z * (unit.y[i] - dot(unit.P.data() + i * nb, unit.theta.data(), nb));
-  for (int i = 0; i < b; ++i) unit.v[i] = dot(unit.E.data() + i * b, unit.q.data(), b);
+  level2means(pass.design, unit.weights.data(), input.gamma, unit.theta.data());
+  for (int i = 0; i < b; ++i) unit.q[i] = z * (unit.y[i] - dot(unit.P.data() + i * nb, unit.theta.data(), at(nb)));
+  for (int i = 0; i < b; ++i) unit.v[i] = dot(unit.E.data() + i * b, unit.q.data(), at(b));
   addlevel3effects(pass, unit.k, unit.v.data(), unit.theta.data(), unit.thetastar.data());
   return true;
 }
@@ -93,11 +88,12 @@ void unitscalars(const Pass& pass, Level3Posterior& unit, const double* S, doubl
   const double* BY = pass.sumBY.row(unit.k);
   const double YY = pass.sumYY[unit.k];
   const double* thetastar = unit.thetastar.data();
-  unit.rss = YY - 2.0 * dot(thetastar, BY, nb) + quadratic(BB, thetastar, nb) - ua - dot(S, unit.UU.data(), p * p);
-  unit.Q = YY - unit.sums.YCY - 2.0 * dot(unit.theta.data(), unit.y.data(), nb) +
-           quadratic(unit.P.data(), unit.theta.data(), nb) - dot(unit.q.data(), unit.v.data(), b);
+  unit.rss =
+      YY - 2.0 * dot(thetastar, BY, at(nb)) + quadratic(BB, thetastar, nb) - ua - dot(S, unit.UU.data(), square(p));
+  unit.Q = YY - unit.sums.YCY - 2.0 * dot(unit.theta.data(), unit.y.data(), at(nb)) +
+           quadratic(unit.P.data(), unit.theta.data(), nb) - dot(unit.q.data(), unit.v.data(), at(b));
   // tr(Z2'Z2 E) - 2 tr(K E) + sum_j tr(Z1'Z1 V_j), the last by n p + tr(E K) - tr(S sum V_j).
-  double trace = unit.units * p - dot(S, unit.PP.data(), p * p);
+  double trace = unit.units * p - dot(S, unit.PP.data(), square(p));
   for (int i = 0; i < b; ++i)
     for (int j = 0; j < b; ++j) trace += unit.z * unit.z * unit.E[i * b + j] * unit.P[i * nb + j];
   unit.trace = trace;
@@ -121,8 +117,8 @@ void addgeneralised(const Pass& pass, const Level3Posterior& unit, PosteriorSums
       for (int a = 0; a < b; ++a) s += unit.P[i * nb + a] * unit.E[a * b + c];
       row[c] = zz * s;
     }
-    for (int j = 0; j < nb; ++j) reducedP[i * nb + j] = unit.P[i * nb + j] - dot(row, unit.P.data() + j * nb, b);
-    reducedy[i] = unit.y[i] - dot(row, unit.y.data(), b);
+    for (int j = 0; j < nb; ++j) reducedP[i * nb + j] = unit.P[i * nb + j] - dot(row, unit.P.data() + j * nb, at(b));
+    reducedy[i] = unit.y[i] - dot(row, unit.y.data(), at(b));
   }
   addsandwichW3(pass, unit.weights.data(), reducedP.data(), sums.A.data());
   addtransposedW3(pass, unit.weights.data(), reducedy.data(), sums.c.data());

@@ -74,7 +74,7 @@ double rateof(const RecordUnits& units, const double* values, std::size_t record
 }
 
 // The factor sqrt(w)/sqrt(v) of a record, from its design weight and its known variance.
-double rawfactor(std::size_t record, const double* values) {
+double makefactor(std::size_t record, const double* values) {
   double factor = run.kind.weighted ? std::sqrt(run.weights.weight1[record]) : 1.0;
   if (run.out.autovknown != 0) {
     const double variance = values[run.out.autovknown - 1];
@@ -103,8 +103,7 @@ void addunit(RecordUnits& units, UnitProducts& products) {
                   for (int c = 0; c + 1 < n; ++c) x[c] = column[c] < 0 ? 1.0 : values[column[c]] - shift[c];
                   x[n - 1] = layout.count < 0 ? values[layout.outcome] : rateof(units, values, record);
                   if (!factors) return;
-                  const double factor = layout.raw ? rawfactor(record, values) : run.weights.factor1[record];
-                  applyfactor(n, factor, run.kind.weighted, x, products.AA2);
+                  applyfactor(n, makefactor(record, values), run.kind.weighted, x, products.AA2);
                 });
 }
 
@@ -112,12 +111,11 @@ void addunit(RecordUnits& units, UnitProducts& products) {
 
 bool havefactors() { return run.kind.weighted || run.out.autovknown != 0; }
 
-RecordLayout mdmlayout(bool raw) {
+RecordLayout mdmlayout() {
   RecordLayout layout;
   layout.width = run.mdm.nvar1;
   layout.outcome = layout.observed = run.kind.outvar - 1;
   if (run.kind.nlcount) layout.count = run.kind.nlcntvar - 1;
-  layout.raw = raw;
   layout.place.reset(at(run.mdm.nvar1));
   for (std::size_t v = 0; v < layout.place.size(); ++v) layout.place[v] = static_cast<int>(v);
   layout.column.reset(at(run.coef.npi));
@@ -126,15 +124,43 @@ RecordLayout mdmlayout(bool raw) {
   return layout;
 }
 
-void startrecords(RecordUnits& units, RecordLayout layout, std::FILE* stream, long long offset) {
-  units.layout = std::move(layout);
-  const RecordLayout& l = units.layout;
+void layvariables(RecordLayout& layout) {
+  layout.place.reset(at(run.mdm.nvar1));
+  layout.place.fill(-1);
+  if (layout.responses == 0) layout.place[at(run.kind.outvar) - 1] = layout.observed;
+  const auto lay = [&](int v) {
+    int& place = layout.place[at(v) - 1];
+    if (place < 0) place = layout.width++;
+    return place;
+  };
+  layout.column.reset(at(run.coef.npi));
+  std::size_t c = 0;
+  for (const CoefficientRow& coefficient : modelrows().coefficients)
+    layout.column[c++] = coefficient.variable == 0 || coefficient.threshold ? -1 : lay(coefficient.variable);
+  for (std::size_t i = 0; i < at(run.model.nres1vars1); ++i) lay(run.model.res1vars1[i]);
+}
+
+void relayunit(const UnitBlock& block, const RecordLayout& given, UnitBlock& to, const RecordLayout& layout) {
+  to.nj = block.nj;
+  to.id2 = block.id2;
+  to.id3 = block.id3;
+  to.level2 = block.level2.copy();
+  for (int i = 0; i < to.nj; ++i) {
+    const double* values = block.records.data() + at(i) * at(given.width);
+    double* row = to.records.data() + at(i) * at(layout.width);
+    for (std::size_t v = 0; v < layout.place.size(); ++v)
+      if (layout.place[v] >= 0) row[layout.place[v]] = values[given.place[v]];
+  }
+}
+
+void startrecords(RecordUnits& units) {
+  units.layout = mdmlayout();
   units.mean2.reset(at(run.mdm.nvar2));
-  units.shift.reset(l.column.size());
-  units.x.reset(l.column.size() + 1);
-  for (const int mark : run.model.center2) units.group2 = units.group2 || (l.raw && mark == 1);
-  if (l.raw && havefactors()) run.weights.factor1.reset(at(run.mdm.numl1rec));
-  startunits(units.reader, stream, offset, l.width, run.mdm.nvar2, l.raw);
+  units.shift.reset(units.layout.column.size());
+  units.x.reset(units.layout.column.size() + 1);
+  for (const int mark : run.model.center2) units.group2 = units.group2 || mark == 1;
+  if (havefactors()) run.weights.factor1.reset(at(run.mdm.numl1rec));
+  startunits(units.reader, run.mdm.stream, run.mdm.firstblock, run.mdm.nvar1, run.mdm.nvar2, true);
 }
 
 bool nextblock(RecordUnits& units) {
@@ -146,7 +172,7 @@ bool nextblock(RecordUnits& units) {
       units.current = unit.id3;
       if (units.group2) level3unitmeans(units);
     }
-    if (units.layout.raw && !run.mdm.deletednow) {
+    if (!run.mdm.deletednow) {
       deleterecords(unit);
       retakemeans(unit);
     }
@@ -173,10 +199,8 @@ bool nextunit(RecordUnits& units, UnitProducts& products) {
   products.nj = unit.nj;
   products.id2 = unit.id2;
   std::copy_n(unit.level2.data(), products.level2.size(), products.level2.data());
-  if (units.layout.raw) {
-    centerlevel1(units);
-    for (std::size_t v = 0; v < products.level2.size(); ++v) products.level2[v] -= level2centre(units, v);
-  }
+  centerlevel1(units);
+  for (std::size_t v = 0; v < products.level2.size(); ++v) products.level2[v] -= level2centre(units, v);
   addunit(units, products);
   if (units.working != nullptr) {
     centerblock(units);

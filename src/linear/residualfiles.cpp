@@ -187,7 +187,7 @@ void eachfittedunit(Pass& pass, const RecordLayout& layout,
   sweepunits(
       pass.n2of, [&](int k) { level3results(pass, k, 0.0, results); },
       [&](int k, std::size_t unit, const double* hot, const double* cold) {
-        if (!readunit(reader, block)) stopwith("The working data file is damaged: it is cut off.\n");
+        neededunit(reader, block);
         if (block.nj == 0) return;
         level2coefficients(pass, unit, hot, cold, results);
         const double* coefficients = results.level2.EC.data();

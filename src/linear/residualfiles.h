@@ -13,9 +13,8 @@ namespace kdr {
 [[nodiscard]] bool wantresidualfiles();
 
 // Writes the files of run.out.resfil1, resfil2 and resfil3 from a finished pass after variancetests. The level-1 file
-// comes first, in a walk of its own through the working data file, whose
-// records lie as `layout` tells. A failed write is failure 5 and leaves none of the
-// file.
+// comes first, in a walk of its own through the working data file, whose records lie as `layout` tells. A failed write
+// is failure 5 and leaves none of the file.
 void writeresidualfiles(Pass& pass, const RecordLayout& layout);
 
 // Walks the working data file beside the store. Calls use(k, unit, fitted) for every level-2 unit that has records:

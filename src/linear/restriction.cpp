@@ -6,6 +6,7 @@
 
 #include "driver/runrecord.h"
 #include "kernel/decompositions.h"
+#include "kernel/matrix.h"
 #include "kernel/products.h"
 #include "kernel/sizes.h"
 
@@ -21,14 +22,6 @@ bool deviance(const double* T, const double* S, int n, Array<double>& inverse, d
   value = std::log(inversion.determinant);
   for (std::size_t i = 0; i < square(n); ++i) value += inverse[i] * S[i];
   return true;
-}
-
-// Calls use(e, i, j) for each element of the lower triangle by rows.
-template <class Use>
-void eachelement(int n, Use use) {
-  int e = 0;
-  for (int i = 0; i < n; ++i)
-    for (int j = 0; j <= i; ++j) use(e++, i, j);
 }
 
 }  // namespace

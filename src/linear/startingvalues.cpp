@@ -7,6 +7,7 @@
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
 #include "kernel/decompositions.h"
+#include "kernel/matrix.h"
 #include "kernel/products.h"
 #include "kernel/sizes.h"
 #include "linear/fixtau.h"
@@ -26,7 +27,7 @@ struct StartWork {
   Array<double> thetastar;          // [nbeta] theta + z v
   Array<double> Z1Z1, Pj;           // p squared
   Array<double> a, u;               // [p]
-  Array<double> R, RT;              // b by p
+  Array<double> R;                  // b by p
   Array<double> I2, U2;             // p squared: sums of (Z1'Z1)^-1 and of u u'
   // Per level-3 unit: the inverse of Z2'Z2, missingcode at its head for an unusable unit; then K = sum R Pj R' and
   // h = sum R u of the second round.
@@ -42,7 +43,7 @@ StartWork makework(const Pass& pass) {
   for (Array<double>* x : {&w.residual, &w.v, &w.h}) x->reset(b);
   for (Array<double>* x : {&w.Z1Z1, &w.Pj, &w.I2, &w.U2}) x->reset(p * p);
   for (Array<double>* x : {&w.a, &w.u}) x->reset(p);
-  for (Array<double>* x : {&w.R, &w.RT}) x->reset(b * p);
+  w.R.reset(b * p);
   return w;
 }
 
@@ -53,7 +54,7 @@ void level3residual(const Pass& pass, int k, StartWork& w) {
   const double* BB = pass.sumBB.row(k);
   const double* BY = pass.sumBY.row(k);
   level3weights(pass, k, w.weights.data());
-  level2means(pass, w.weights.data(), run.est.gammahat.data(), w.theta.data());
+  level2means(pass.design, w.weights.data(), run.est.gammahat.data(), w.theta.data());
   for (int i = 0; i < b; ++i) {
     w.residual[i] = BY[i];
     for (int m = 0; m < nb; ++m) w.residual[i] -= BB[i * nb + m] * w.theta[m];
@@ -81,12 +82,6 @@ void addouter(Array<double>& sum, const Array<double>& x) {
 
 void addto(Array<double>& sum, const Array<double>& x) {
   for (std::size_t i = 0; i < sum.size(); ++i) sum[i] += x[i];
-}
-
-double dot(const Array<double>& x, const double* y) {
-  double s = 0.0;
-  for (std::size_t i = 0; i < x.size(); ++i) s += x[i] * y[i];
-  return s;
 }
 
 // What the first sweep gives.
@@ -129,7 +124,8 @@ FirstMoments firstsweep(Pass& pass, StartWork& w) {
         addlevel3effect(pass, k, w);
         addouter(first.V2, w.v);
         // v'Z2'Z2 v - 2 v'(Z2'Y - Z2'M g); the part with the level-2 residuals is added unit by unit
-        for (int i = 0; i < b; ++i) first.S += w.v[i] * (dot(w.v, w.B.data() + i * b) - 2.0 * w.residual[i]);
+        for (int i = 0; i < b; ++i)
+          first.S += w.v[i] * (dot(w.v.data(), w.B.data() + i * b, at(b)) - 2.0 * w.residual[i]);
       },
       [&](int, std::size_t, const double* hot, const double* cold) {
         if (!usable3 || !usableunit(pass.store, cold)) {
@@ -143,7 +139,7 @@ FirstMoments firstsweep(Pass& pass, StartWork& w) {
         mulAB(w.u.data(), w.Pj.data(), w.a.data(), p, 1, p);
         addouter(w.U2, w.u);
         // u'Z1'Z1 u - 2 u'(Z1'Y - Z1'M g - Z1'Z2 v), and Z1'Z1 u is the right side
-        first.S -= dot(w.u, w.a.data());
+        first.S -= dot(w.u.data(), w.a.data(), at(p));
       },
       [](int) {}, reading(pass.store.hot), reading(pass.store.cold));
   return first;
@@ -190,7 +186,7 @@ void firsttaupi(const Pass& pass, StartWork& w) {
   if (p == 1 && T[0] < 0.0) T[0] = 1.0;
   if (run.iter.haveesttau2) applyfixed(T, p, run.iter.esttau2);
   for (;;) {
-    if (!usablestart(T, p)) fixtau(T, p, w.U2, 3, run.est.sigma2, Tau::pi);
+    if (!usablecovariance(T, p)) fixtau(T, p, w.U2, 3, run.est.sigma2, Tau::pi);
     if (!run.iter.havecontau2) return;
     applyequal(p, T, run.iter.contau2);
     if (invertsymmetric(p, T, w.Pj.data()).result == 0) return;
@@ -222,7 +218,7 @@ void firsttaubeta(Pass& pass, StartWork& w, const FirstMoments& first) {
   for (std::size_t i = 0; i < R.size(); ++i) L[i] = first.V2[i] / pass.nusable3 - R[i] / pass.nusable3;
   if (run.iter.haveesttau3) applyfixed(L, b, run.iter.esttau3);
   for (;;) {
-    if (!usablestart(L, b)) fixtau(L, b, first.V2, 3, run.est.sigma2, Tau::beta);
+    if (!usablecovariance(L, b)) fixtau(L, b, first.V2, 3, run.est.sigma2, Tau::beta);
     if (!run.iter.havecontau3) return;
     applyequal(b, L, run.iter.contau3);
     if (invertsymmetric(b, L, w.G.data()).result == 0) return;
@@ -311,14 +307,6 @@ double derivativeproduct(const double* M, int columns, int i, int j, int k, int 
   return term(j, i) + (i != j ? term(i, j) : 0.0);
 }
 
-// Calls use(e, i, j) for the elements of a triangle of order n.
-template <class Use>
-void eachelement(int n, Use use) {
-  int e = 0;
-  for (int i = 0; i < n; ++i)
-    for (int j = 0; j <= i; ++j) use(e++, i, j);
-}
-
 // tau := the share of the variance that one random effect gets, by the mean square of its predictor.
 void sharetau(double variance, const Array<double>& meansquare, Array<double>& tau) {
   const int n = static_cast<int>(meansquare.size());
@@ -393,8 +381,7 @@ bool identified(Pass& pass) {
         });
       },
       [](int) {}, reading(pass.store.hot));
-  for (int x = 0; x < NT; ++x)
-    for (int y = 0; y < x; ++y) gram[y * NT + x] = gram[x * NT + y];
+  mirror(NT, gram.data());
   const Restriction restriction = allrestriction(pass.fixsigma2 == 0.0);
   Array<double> reduced(square(restriction.nfree));
   reduceinformation(restriction, gram.data(), NT, reduced.data());

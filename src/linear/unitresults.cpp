@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "driver/runrecord.h"
+#include "kernel/matrix.h"
 #include "kernel/products.h"
 #include "kernel/sizes.h"
 
@@ -11,10 +12,10 @@ namespace kdr {
 
 namespace {
 
-// packed = the lower triangle of sigma2 times full, by rows.
-void packscaled(const double* full, int n, double* packed) {
-  for (int i = 0; i < n; ++i)
-    for (int j = 0; j <= i; ++j) *packed++ = run.est.sigma2 * full[i * n + j];
+// packed = sigma2 times full, of order n.
+void packscaled(int n, const double* full, Array<double>& packed) {
+  pack(n, full, packed.data());
+  for (double& x : packed) x *= run.est.sigma2;
 }
 
 }  // namespace
@@ -31,9 +32,7 @@ UnitResults makeunitresults(const Pass& pass) {
   results.level2.FV.reset(at(pass.npi));
   results.level2.EC.reset(at(pass.npi));
   results.level2.PV.reset(packedsize(pass.p));
-  results.theta.reset(at(pass.nbeta));
-  results.thetastar.reset(at(pass.nbeta));
-  results.weights.reset(pass.design.owner3.size());
+  results.means = makeunitmeans(pass);
   results.C.reset(square(pass.p));
   results.AE.reset(at(pass.p) * at(pass.b));
   results.A.reset(at(pass.p) * at(pass.b));
@@ -53,22 +52,20 @@ void level3results(const Pass& pass, int k, double missing, UnitResults& results
   } else {
     std::copy_n(vlsq, b, out.OL.data());
   }
-  level3weights(pass, k, results.weights.data());
-  level2means(pass, results.weights.data(), run.est.gammahat.data(), results.theta.data());
-  addlevel3effects(pass, k, v, results.theta.data(), results.thetastar.data());
+  takeunitmeans(pass, k, run.est.gammahat.data(), v, results.means);
   for (std::size_t i = 0; i < at(pass.nbeta); ++i) {
     const int column = pass.design.column2[i];
-    out.FV[i] = results.theta[column];
-    out.EC[i] = results.thetastar[column];
+    out.FV[i] = results.means.theta[column];
+    out.EC[i] = results.means.thetastar[column];
   }
-  packscaled(pass.dinv.row(k), b, out.PV.data());
+  packscaled(b, pass.dinv.row(k), out.PV);
 }
 
 void level2coefficients(const Pass& pass, std::size_t unit, const double* hot, const double* cold,
                         UnitResults& results) {
   UnitResults::Level2& out = results.level2;
   std::copy_n(hot + pass.store.atustar, pass.p, out.EB.data());
-  level2coefficients(pass, cold + pass.store.atlevel2, results.thetastar.data(), out.FV.data());
+  level2coefficients(pass, cold + pass.store.atlevel2, results.means.thetastar.data(), out.FV.data());
   std::copy(out.FV.begin(), out.FV.end(), out.EC.begin());
   addlevel2effects(pass, unit, out.EB.data(), out.EC.data());
 }
@@ -81,7 +78,7 @@ void level2residuals(const Pass& pass, int k, const double* hot, const double* c
     out.OL.fill(missing);
   } else {
     unpack(p, cold + pass.store.atinverse, results.inverse.data());
-    residualproduct(pass.store, hot, results.thetastar.data(), results.residual.data());
+    residualproduct(pass.store, hot, results.means.thetastar.data(), results.residual.data());
     mulAB(out.OL.data(), results.inverse.data(), results.residual.data(), p, 1, p);
   }
   unpack(p, hot + pass.store.atCinv, results.C.data());
@@ -89,7 +86,7 @@ void level2residuals(const Pass& pass, int k, const double* hot, const double* c
   for (double& a : results.A) a *= pass.scale3[k];
   mulAB(results.AE.data(), results.A.data(), pass.dinv.row(k), p, b, b);
   addABt(results.C.data(), results.AE.data(), results.A.data(), p, p, b);
-  packscaled(results.C.data(), p, out.PV.data());
+  packscaled(p, results.C.data(), out.PV);
 }
 
 }  // namespace kdr

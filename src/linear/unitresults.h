@@ -26,9 +26,8 @@ struct UnitResults {
     Array<double> PV;      // packed, order p
   } level2;
 
-  // Of the level-3 unit at hand: W3 gamma and W3 gamma + z v, in the order of the columns of B.
-  Array<double> theta, thetastar;
-  Array<double> weights, C, A, AE, inverse, residual;  // buffers
+  UnitMeans means;                            // of the level-3 unit at hand, in the order of the columns of B
+  Array<double> C, A, AE, inverse, residual;  // buffers
 };
 
 [[nodiscard]] UnitResults makeunitresults(const Pass& pass);
@@ -36,7 +35,7 @@ struct UnitResults {
 // In this order: level3results for a level-3 unit, then for each of its level-2 units level2coefficients and
 // level2residuals, which use what the functions before them left.
 
-// Level-3 unit k: all of level3, theta and thetastar. OL is pass.vlsq, or `missing` throughout for a unit without one.
+// Level-3 unit k: all of level3, and means. OL is pass.vlsq, or `missing` throughout for a unit without one.
 void level3results(const Pass& pass, int k, double missing, UnitResults& results);
 // Level-2 unit number `unit` (in the order of the store) of the level-3 unit at hand: EB, FV and EC.
 void level2coefficients(const Pass& pass, std::size_t unit, const double* hot, const double* cold,

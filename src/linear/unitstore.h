@@ -59,16 +59,6 @@ void putid(const UnitStore& store, double* cold, const Id& id);
   return cold[store.atinverse] != missingcode;
 }
 
-// Expands a packed symmetric matrix of order n into both triangles, and the reverse.
-inline void unpack(int n, const double* packed, double* full) {
-  for (int i = 0; i < n; ++i)
-    for (int j = 0; j <= i; ++j) full[i * n + j] = full[j * n + i] = *packed++;
-}
-inline void pack(int n, const double* full, double* packed) {
-  for (int i = 0; i < n; ++i)
-    for (int j = 0; j <= i; ++j) *packed++ = full[i * n + j];
-}
-
 // out = Z1'Y - B'Z1' theta of one hot record.
 inline void residualproduct(const UnitStore& store, const double* hot, const double* theta, double* out) {
   const double* BZ1 = hot + store.atBZ1;

@@ -2,18 +2,10 @@
 
 #include <algorithm>
 
+#include "kernel/matrix.h"
 #include "kernel/sizes.h"
 
 namespace kdr {
-
-namespace {
-
-void mirror(double* m, int n) {
-  for (int i = 0; i < n; ++i)
-    for (int j = 0; j < i; ++j) m[j * n + i] = m[i * n + j];
-}
-
-}  // namespace
 
 std::size_t loopwork(int p, int b, int nb) {
   const std::size_t pp = square(p), bp = at(b) * at(p);
@@ -41,9 +33,9 @@ bool sumunits(const UnitRecords& records, const double* Spacked, Level2Sums& sum
   for (Array<double>* m : {&sums.HB, &sums.HY, &sums.RR, &sums.Cinv}) m->fill(0.0);
   FirstVisit visit{Spacked, sums.HB.data(), sums.HY.data(), sums.RR.data(), sums.Cinv.data(), 0.0, 0.0};
   if (!unitloops().first(records, visit)) return false;
-  mirror(sums.HB.data(), records.nb);
-  mirror(sums.RR.data(), records.b * records.p);
-  mirror(sums.Cinv.data(), records.p);
+  mirror(records.nb, sums.HB.data());
+  mirror(records.b * records.p, sums.RR.data());
+  mirror(records.p, sums.Cinv.data());
   sums.YCY = visit.YCY;
   sums.logdetCinv = -visit.logdetC;
   return true;
@@ -52,7 +44,7 @@ bool sumunits(const UnitRecords& records, const double* Spacked, Level2Sums& sum
 double meanunits(const UnitRecords& records, const double* thetastar, bool keep, double* UU) {
   std::fill_n(UU, square(records.p), 0.0);
   const double ua = unitloops().means(records, thetastar, keep, UU);
-  mirror(UU, records.p);
+  mirror(records.p, UU);
   return ua;
 }
 

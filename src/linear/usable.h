@@ -6,8 +6,8 @@
 namespace kdr {
 
 // A covariance that an estimate can stand on: no negative variance, no correlation of 1, its correlations positive
-// definite. Not
-// inverted: for results that are shown as they are (the robust covariance), and for inverses that are at hand already.
+// definite. Not inverted: for results that are shown as they are (the robust covariance), and for inverses that are at
+// hand already.
 [[nodiscard]] bool positivecovariance(const double* m, int n);
 
 // A covariance matrix that the iterations can go on from: positivecovariance, and its inverse is the inverse of a

@@ -4,6 +4,7 @@
 
 #include "driver/runrecord.h"
 #include "kernel/decompositions.h"
+#include "kernel/matrix.h"
 #include "kernel/products.h"
 #include "kernel/sizes.h"
 

@@ -197,11 +197,4 @@ void outputquestions() {
   settlerecord();
 }
 
-void modeldialogue() {
-  modelquestions();
-  constraintquestions();
-  featurequestions();
-  outputquestions();
-}
-
 }  // namespace kdr

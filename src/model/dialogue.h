@@ -15,7 +15,5 @@ void constraintquestions();
 void featurequestions();
 // Residual files and their type, iterations, title. The report's name is asked for when it is opened.
 void outputquestions();
-// All four, for callers that have nothing to do in between.
-void modeldialogue();
 
 }  // namespace kdr

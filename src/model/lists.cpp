@@ -182,7 +182,6 @@ void readdeletion(CommandReader&, const std::string& value) {
 }
 
 void readplausvals(CommandReader&, const std::string& value) {
-  run.answered.plausvals = true;
   if (sameword(value, "N")) return;
   if (!run.answered.level1) stopwith("plausvals must be specified after level-1 model\n");
   SeriesMode& series = run.series;

@@ -77,9 +77,9 @@ void addsandwich(Array<double>& V, const Array<double>& columns, const Array<dou
 // With b = T_OP T_PP^-1,  db = (dT_OP - b dT_PP) T_PP^-1  and  dG_adj = -db G_P.
 void taupart(const Work& work) {
   LatentRegression& result = work.result;
-  const int nO = work.nO, nP = work.nP, nW = work.nW, n = nO + nP, s = n * (n + 1) / 2;
+  const int nO = work.nO, nP = work.nP, nW = work.nW, n = nO + nP, s = static_cast<int>(packedsize(n));
   Array<double> K1(at(s) * at(nO * nP)), K2(at(s) * at(nO * nW)), Ct(square(s));
-  Array<double> dT(at(nO * nP)), dTPP(square(nP)), db(at(nO * nP));
+  Array<double> dT(at(nO * nP)), dTPP(square(nP));
   std::vector<int> element;  // of the covariance
   for (int a = 0; a < n; ++a)
     for (int c = 0; c <= a; ++c) {
@@ -131,7 +131,7 @@ void gammapart(const Work& work) {
 std::span<const double> view(const Array<double>& values) { return {values.data(), values.size()}; }
 
 // Elements of taupi, behind which those of taubeta stand.
-int firstbeta() { return run.coef.ntaupi * (run.coef.ntaupi + 1) / 2; }
+int firstbeta() { return static_cast<int>(packedsize(run.coef.ntaupi)); }
 
 }  // namespace
 
@@ -148,8 +148,7 @@ LatentRegression latentregression(const LatentModel& model, const LatentEstimate
   const Array<double> TOP = taublock(work, result.outcomes, result.predictors);
   const Array<double> TPP = taublock(work, result.predictors, result.predictors);
   work.TPPinv.reset(square(nP));
-  Array<double> scratch(std::max<std::size_t>(3, at(nP * (nP + 1) / 2)));
-  if (syminverse(nP, TPP.data(), nP, work.TPPinv.data(), nP, scratch.data()) != 0) return result;
+  if (invertsymmetric(nP, TPP.data(), work.TPPinv.data()).result != 0) return result;
   result.computable = true;
   result.df = model.nunits3 - nW - nP;
 
@@ -211,7 +210,7 @@ void latentvariableregression(const Pooled& averages) {
                             firstbeta()};
   if (averages.errorsknown) {
     estimates.taucovariance = view(averages.taucovariance);
-    estimates.tauorder = firstbeta() + run.coef.ntaubeta * (run.coef.ntaubeta + 1) / 2;
+    estimates.tauorder = firstbeta() + static_cast<int>(packedsize(run.coef.ntaubeta));
   }
   latentreport(latentregression(latentmodel(), estimates));
 }

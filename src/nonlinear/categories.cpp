@@ -34,7 +34,7 @@ void addvalue(CategoryTable& table, double y) {
 CategoryTable readcategories() {
   CategoryTable table;
   RecordUnits units;
-  startrecords(units, mdmlayout(true), run.mdm.stream, run.mdm.firstblock);
+  startrecords(units);
   while (nextblock(units)) {
     checksignals();
     for (std::size_t i = 0; i < at(units.unit.nj); ++i)

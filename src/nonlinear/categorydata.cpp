@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cmath>
 
-#include "driver/failures.h"
 #include "kernel/sizes.h"
 #include "linear/datapass.h"
 #include "linear/runpass.h"
@@ -16,21 +15,9 @@ namespace {
 RecordLayout stackedlayout() {
   RecordLayout layout;
   const int M = run.kind.ncat - 1;
-  layout.raw = false;
   layout.responses = M;
   layout.width = run.out.resfil1 ? 2 * M : M;
-  layout.place.reset(at(run.mdm.nvar1));
-  layout.place.fill(-1);
-  const auto carry = [&](int v) {
-    int& place = layout.place[at(v) - 1];
-    if (place < 0) place = layout.width++;
-    return place;
-  };
-  layout.column.reset(at(run.coef.npi));
-  std::size_t c = 0;
-  for (const CoefficientRow& own : modelrows().coefficients)
-    layout.column[c++] = own.variable == 0 || own.threshold ? -1 : carry(own.variable);
-  for (std::size_t i = 0; i < at(run.model.nres1vars1); ++i) carry(run.model.res1vars1[i]);
+  layvariables(layout);
   return layout;
 }
 
@@ -149,7 +136,7 @@ void preparecategoricaldata(const CategoryTable& table, MacroState& state, Pass&
   }
 
   RecordUnits units;
-  startrecords(units, mdmlayout(true), run.mdm.stream, run.mdm.firstblock);
+  startrecords(units);
   const std::size_t width = at(units.layout.width), newwidth = at(s.layout.width);
   UnitBlock stacked;
   stacked.records.reset(at(run.mdm.maxnj) * newwidth);
@@ -169,14 +156,7 @@ void preparecategoricaldata(const CategoryTable& table, MacroState& state, Pass&
       }
     }
     centerblock(units);
-    for (int i = 0; i < unit.nj; ++i)
-      for (std::size_t v = 0; v < s.layout.place.size(); ++v)
-        if (s.layout.place[v] >= 0)
-          stacked.records[at(i) * newwidth + at(s.layout.place[v])] = unit.records[at(i) * width + v];
-    stacked.nj = unit.nj;
-    stacked.id2 = unit.id2;
-    stacked.id3 = unit.id3;
-    stacked.level2 = unit.level2.copy();
+    relayunit(unit, units.layout, stacked, s.layout);
     stackunit(s, units.k, stacked, [] {});
   }
   finishstacking(s);
@@ -187,8 +167,8 @@ void updatecategoricaldata(Pass& pass, MacroState& state, Pass& next, const Pass
   constexpr int lastrestart = 7;
   state.previous = run.est.copy();
   Stacking s = startstacking(next, plan, state.layout, run.out.resfil1);
-  const Design& design = pass.design;
-  Array<double> weights(design.owner3.size()), theta(at(pass.nbeta)), thetastar(at(pass.nbeta)), beta(at(pass.npi));
+  UnitMeans means = makeunitmeans(pass);
+  Array<double> beta(at(pass.npi));
   const auto predict = [&] {
     s.eta.fill(0.0);
     double common = 0.0;  // of the columns that stand in all rows
@@ -202,15 +182,10 @@ void updatecategoricaldata(Pass& pass, MacroState& state, Pass& next, const Pass
   startunits(state.reader, run.files.working, 0, s.layout.width, run.mdm.nvar2, false);
   UnitBlock unit;
   sweepunits(
-      pass.n2of,
-      [&](int k) {
-        level3weights(pass, k, weights.data());
-        level2means(pass, weights.data(), state.previous.gammahat.data(), theta.data());
-        addlevel3effects(pass, k, pass.vstar.row(k), theta.data(), thetastar.data());
-      },
+      pass.n2of, [&](int k) { takeunitmeans(pass, k, state.previous.gammahat.data(), pass.vstar.row(k), means); },
       [&](int k, std::size_t j, const double* hot) {
-        if (!readunit(state.reader, unit)) stopwith("The working data file is damaged: it is cut off.\n");
-        level2coefficients(pass, unit.level2.data(), thetastar.data(), beta.data());
+        neededunit(state.reader, unit);
+        level2coefficients(pass, unit.level2.data(), means.thetastar.data(), beta.data());
         addlevel2effects(pass, j, hot + pass.store.atustar, beta.data());
         stackunit(s, k, unit, predict);
       },

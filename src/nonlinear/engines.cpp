@@ -6,6 +6,7 @@
 
 #include "driver/failures.h"
 #include "driver/reportstream.h"
+#include "kernel/matrix.h"
 #include "kernel/products.h"
 #include "kernel/sizes.h"
 #include "linear/iteration.h"

@@ -1,5 +1,5 @@
-// The outcome types of the non-linear models: mean and variance by the canonical link, their limits, the cumulants of
-// the logit, and the log-density. Functions of one record.
+// The outcome types of the non-linear models: mean and variance by the canonical link, their limits, and the cumulants
+// of the logit. Functions of one record.
 #pragma once
 
 #include <algorithm>
@@ -11,16 +11,15 @@ namespace kdr {
 // poisson: a count y with exposure n, log link; constant exposure is the case n = 1.
 enum class Family { binomial, poisson };
 
-// The mean of a logit, its complement and the variance mu (1 - mu), none of them by cancellation.
+// The mean of a logit and the variance mu (1 - mu), neither of them by cancellation.
 struct LogitMean {
-  double mu, complement, variance;
+  double mu, variance;
   double small;  // exp(-|eta|): log(1 + exp(eta)) = max(eta, 0) + log1p(small)
 };
 inline LogitMean logitmean(double eta) {
   const double small = std::exp(-std::fabs(eta));
   const double larger = 1.0 / (1.0 + small), smaller = small * larger;
-  const bool up = eta >= 0.0;
-  return {up ? larger : smaller, up ? smaller : larger, smaller * larger, small};
+  return {eta >= 0.0 ? larger : smaller, smaller * larger, small};
 }
 
 // Cumulants of a Bernoulli outcome, which are the derivatives of log(1 + exp(eta)); k2 is the variance:
@@ -72,14 +71,5 @@ constexpr double largestweight = 999999.0;
   const double w = record.variance * n;
   return {std::min(w, largestweight), record.eta + (y - record.mu * n) / w};
 }
-
-// Log-density of the count y at the linear predictor eta, which is held to -700 to 700, with the first two derivatives
-// by eta: `residual`, and `weight` with its sign turned.
-//   binomial: y log mu + (n - y) log(1 - mu), both probabilities at least 1e-14; binomial coefficients left out
-//   poisson:  y log m - m - constant, m = n exp(eta), constant the logarithm of y!
-struct Density {
-  double logdensity, residual, weight;
-};
-[[nodiscard]] Density density(Family family, double eta, double y, double n, double constant);
 
 }  // namespace kdr

@@ -6,6 +6,8 @@
 #include <vector>
 
 #include "kernel/decompositions.h"
+#include "kernel/matrix.h"
+#include "kernel/products.h"
 #include "kernel/sizes.h"
 #include "nonlinear/macrotest.h"
 #include "nonlinear/unitthreads.h"
@@ -42,15 +44,12 @@ void walkscores(const LaplaceData& data, const LaplaceSettings& settings, const 
   Array<double> rows(at(data.units3) * width);
   std::vector<UnitReliability> counts(at(data.units3));
   std::vector<char> defined(at(data.units3));
-  overunits(
-      data.source, settings.threads,
-      [&](const Level3Records& unit, int worker) {
-        double* row = rows.data() + at(unit.k) * width;
-        counts[at(unit.k)] = {row + P, row + P + q};
-        defined[at(unit.k)] =
-            unitscore(data, state.now, inverses, state.modes, unit, work[at(worker)], row, counts[at(unit.k)]);
-      },
-      [](const std::vector<Level3Records>&) {});
+  overunits(data.source, settings.threads, [&](const Level3Records& unit, int worker) {
+    double* row = rows.data() + at(unit.k) * width;
+    counts[at(unit.k)] = {row + P, row + P + q};
+    defined[at(unit.k)] =
+        unitscore(data, state.now, inverses, state.modes, unit, work[at(worker)], row, counts[at(unit.k)]);
+  });
 
   state.score.reset(P);
   state.information.reset(P * P);
@@ -68,8 +67,7 @@ void walkscores(const LaplaceData& data, const LaplaceSettings& settings, const 
     state.nrel2 += counts[k].count2;
     state.nrel3 += counts[k].count3;
   }
-  for (std::size_t i = 0; i < P; ++i)
-    for (std::size_t l = 0; l < i; ++l) state.information[l * P + i] = state.information[i * P + l];
+  mirror(static_cast<int>(P), state.information.data());
   for (double& sum : state.rel2) sum = state.nrel2 > 0 ? sum / state.nrel2 : 0.0;
   for (double& sum : state.rel3) sum = state.nrel3 > 0 ? sum / state.nrel3 : 0.0;
   if (std::find(defined.begin(), defined.end(), 0) != defined.end())
@@ -81,19 +79,19 @@ void walkscores(const LaplaceData& data, const LaplaceSettings& settings, const 
 bool invertinformation(LaplaceState& state) {
   const std::size_t P = state.score.size();
   const int order = static_cast<int>(P);
-  Array<double> scaled(P * P), work(P * P + 3);
+  Array<double> scaled(P * P);
   const auto deviation = [&](std::size_t i) { return std::sqrt(state.information[i * P + i]); };
   for (std::size_t i = 0; i < P; ++i)
     for (std::size_t l = 0; l < P; ++l)
       scaled[i * P + l] = state.information[i * P + l] / (deviation(i) * deviation(l));
   state.inverse.reset(P * P);
   return ispositivedefinite(order, scaled.data(), order, nullptr) &&
-         syminverse(order, state.information.data(), order, state.inverse.data(), order, work.data()) == 0;
+         invertsymmetric(order, state.information.data(), state.inverse.data()).result == 0;
 }
 
 bool usabletau(int n, const double* tau) {
-  Array<double> inverse(square(n)), work(square(n) + 3);
-  return syminverse(n, tau, n, inverse.data(), n, work.data()) == 0 && ispositivedefinite(n, tau, n, nullptr);
+  Array<double> inverse(square(n));
+  return invertsymmetric(n, tau, inverse.data()).result == 0 && ispositivedefinite(n, tau, n, nullptr);
 }
 
 bool usabletaus(Parameters& parameters) {
@@ -124,10 +122,7 @@ LaplaceStep scoringstep(const LaplaceData& data, const LaplaceSettings& settings
     }
     if (final) return LaplaceStep::done;
 
-    for (std::size_t i = 0; i < P; ++i) {
-      delta[i] = 0.0;
-      for (std::size_t l = 0; l < P; ++l) delta[i] += state.inverse[i * P + l] * state.score[l];
-    }
+    mulAB(delta.data(), state.inverse.data(), state.score.data(), static_cast<int>(P), 1, static_cast<int>(P));
     if (!trialstep(state.now, delta.data(), usabletaus, nullptr)) return LaplaceStep::outside;
     double loglik = 0.0;
     const bool defined = laplace6loglikelihood(data, settings, state, loglik);
@@ -158,12 +153,9 @@ bool laplace6loglikelihood(const LaplaceData& data, const LaplaceSettings& setti
 
   std::vector<ScoreWork> work = scorework(data, settings, state);
   std::vector<UnitLikelihood> units(at(data.units3));
-  overunits(
-      data.source, settings.threads,
-      [&](const Level3Records& unit, int worker) {
-        units[at(unit.k)] = unitlikelihood(data, state.now, state.modes, unit, work[at(worker)]);
-      },
-      [](const std::vector<Level3Records>&) {});
+  overunits(data.source, settings.threads, [&](const Level3Records& unit, int worker) {
+    units[at(unit.k)] = unitlikelihood(data, state.now, state.modes, unit, work[at(worker)]);
+  });
   double records = 0.0, corrections = 0.0;
   for (const UnitLikelihood& unit : units) {
     if (!(1.0 - unit.S > 0.0)) return false;
@@ -195,12 +187,6 @@ LaplaceStep laplace6iterate(const LaplaceData& data, const LaplaceSettings& sett
 
 namespace {
 
-Array<double> diagonalblock(const Array<double>& V, std::size_t P, std::size_t first, std::size_t n) {
-  Array<double> block(n * n);
-  for (std::size_t i = 0; i < n; ++i) std::copy_n(V.data() + (first + i) * P + first, n, block.data() + i * n);
-  return block;
-}
-
 LaplaceResult resultof(LaplaceState& state, bool finalcall) {
   LaplaceResult result;
   const std::size_t P = state.now.count(), n2 = state.now.ntaupi(), n3 = state.now.ntaubeta();
@@ -209,8 +195,8 @@ LaplaceResult resultof(LaplaceState& state, bool finalcall) {
   result.iteration = finalcall ? state.iteration : state.iteration - 1;
   result.finalcall = finalcall;
   result.loglik = state.loglik;
-  result.taucovariance = diagonalblock(state.inverse, P, 0, n2 + n3);
-  result.vgamma = diagonalblock(state.inverse, P, n2 + n3, at(state.now.g));
+  result.taucovariance = diagonalblock(V, P, 0, n2 + n3, 1.0);
+  result.vgamma = diagonalblock(V, P, n2 + n3, at(state.now.g), 1.0);
   standarderrormatrix(V, P, 0, state.now.q, 1.0, result.setaupi);
   standarderrormatrix(V, P, n2, state.now.r, 1.0, result.setaubeta);
   result.inverse = state.inverse.copy();

@@ -25,13 +25,12 @@ struct UnitSweep {
 // Work space of one thread, made for the orders q and r.
 struct SweepWork {
   Array<double> theta, coefficients, x;
-  Array<double> Sxx, Sxr;                 // sum_i w_i x_i x_i', sum_i x_i r_i over the random columns
-  Array<double> Sdd, Sed, See, tu, tv;    // q squared, r by q, r squared, [q], [r]
-  Array<double> fresh, g, inverse, work;  // [max(q, r)], [r], and those of the inversion
+  Array<double> Sxx, Sxr;               // sum_i w_i x_i x_i', sum_i x_i r_i over the random columns
+  Array<double> Sdd, Sed, See, tu, tv;  // q squared, r by q, r squared, [q], [r]
+  Array<double> fresh, g;               // [max(q, r)], [r]
 };
 
 void makework(const LaplaceData& data, int q, int r, const RandomColumns& columns, SweepWork& work) {
-  const int most = std::max(q, r);
   work.theta.reset(at(data.nbeta));
   work.coefficients.reset(at(data.npi));
   work.Sxx.reset(square(columns.count));
@@ -41,9 +40,8 @@ void makework(const LaplaceData& data, int q, int r, const RandomColumns& column
   work.See.reset(square(r));
   work.tu.reset(at(q));
   work.tv.reset(at(r));
-  work.fresh.reset(at(most));
+  work.fresh.reset(at(std::max(q, r)));
   work.g.reset(at(r));
-  work.work.reset(square(most) + 3);
 }
 
 // Sxx (lower triangle) = sum_i w_i x_i x_i' and Sxr = sum_i x_i r_i over n records. Count is the number of random
@@ -83,10 +81,10 @@ auto momentsof(int count) {
 }
 
 // inverse := matrix^-1, order n. False when it is not to be had; otherwise logdet += log |matrix|.
-bool invert(int n, const double* matrix, double* inverse, double* work, double& logdet) {
-  if (syminverse(n, matrix, n, inverse, n, work) != 0) return false;
-  if (!(work[0] > 0.0) || !std::isfinite(work[0])) return false;
-  logdet += std::log(work[0]);
+bool invert(int n, const double* matrix, double* inverse, double& logdet) {
+  const Inversion inversion = invertsymmetric(n, matrix, inverse);
+  if (inversion.result != 0 || !(inversion.determinant > 0.0) || !std::isfinite(inversion.determinant)) return false;
+  logdet += std::log(inversion.determinant);
   return true;
 }
 
@@ -131,7 +129,7 @@ void sweepunit(const LaplaceData& data, const LaplaceSettings& settings, const P
   double* C3 = modes.C3.data() + at(unit.k) * square(r);
   std::copy_n(inverses.Kb.data(), square(r), H3);
   work.g.fill(0.0);
-  level2coefficients(data, unit, parameters.gamma.data(), work.theta.data());
+  level2means(*data.design, unit.w3.data(), parameters.gamma.data(), work.theta.data());
   const double* x = randompart(data, unit, columns, work.x);
   const auto sums = momentsof(columns.count);
 
@@ -161,7 +159,7 @@ void sweepunit(const LaplaceData& data, const LaplaceSettings& settings, const P
       work.tv[at(m)] = t;
     }
     for (std::size_t i = 0; i < square(q); ++i) work.Sdd[i] += inverses.Kp[i];
-    if (!invert(q, work.Sdd.data(), C2, work.work.data(), out.sums.logH2)) {
+    if (!invert(q, work.Sdd.data(), C2, out.sums.logH2)) {
       out.result = ModeResult::noC2;
       return;
     }
@@ -177,7 +175,7 @@ void sweepunit(const LaplaceData& data, const LaplaceSettings& settings, const P
     for (int m = 0; m < r; ++m) work.g[at(m)] += work.tv[at(m)];
     subAB(work.g.data(), Q, work.tu.data(), r, 1, q);
   }
-  if (!invert(r, H3, C3, work.work.data(), out.sums.logH3)) {
+  if (!invert(r, H3, C3, out.sums.logH3)) {
     out.result = ModeResult::noC3;
     return;
   }
@@ -206,10 +204,9 @@ void startmodes(const LaplaceData& data, int q, int r, const Array<double>& u, c
 bool invertaus(const Parameters& parameters, TauInverses& inverses) {
   inverses.Kp.reset(square(parameters.q));
   inverses.Kb.reset(square(parameters.r));
-  Array<double> work(square(std::max(parameters.q, parameters.r)) + 3);
   inverses.logTp = inverses.logTb = 0.0;
-  return invert(parameters.q, parameters.taupi.data(), inverses.Kp.data(), work.data(), inverses.logTp) &&
-         invert(parameters.r, parameters.taubeta.data(), inverses.Kb.data(), work.data(), inverses.logTb);
+  return invert(parameters.q, parameters.taupi.data(), inverses.Kp.data(), inverses.logTp) &&
+         invert(parameters.r, parameters.taubeta.data(), inverses.Kb.data(), inverses.logTb);
 }
 
 RandomColumns randomcolumns(const LaplaceData& data, int q, int r) {
@@ -230,13 +227,6 @@ RandomColumns randomcolumns(const LaplaceData& data, int q, int r) {
   for (int m = 0; m < r; ++m) columns.e[at(m)] = place[at(design.owner2[at(m)])];
   for (int a = 0; a < q; ++a) columns.d[at(a)] = place[at(design.random1[at(a)])];
   return columns;
-}
-
-void level2coefficients(const LaplaceData& data, const Level3Records& unit, const double* gamma, double* theta) {
-  const Design& design = *data.design;
-  std::fill_n(theta, data.nbeta, 0.0);
-  for (std::size_t f = 0; f < design.owner3.size(); ++f)
-    theta[design.owner3[f]] += unit.w3[f] * gamma[design.reduced[f]];
 }
 
 void level1coefficients(const LaplaceData& data, const Level3Records& unit, int j, const double* theta, const double* v,
@@ -271,12 +261,9 @@ ModeResult findmodes(const LaplaceData& data, const LaplaceSettings& settings, c
   bool settled2 = false, settled3 = false;
   for (int sweep = 0; sweep < settings.maxsweeps; ++sweep) {
     if (sweep > 0) say(mark);
-    overunits(
-        data.source, settings.threads,
-        [&](const Level3Records& unit, int worker) {
-          sweepunit(data, settings, parameters, inverses, columns, unit, work[at(worker)], modes, units[at(unit.k)]);
-        },
-        [](const std::vector<Level3Records>&) {});
+    overunits(data.source, settings.threads, [&](const Level3Records& unit, int worker) {
+      sweepunit(data, settings, parameters, inverses, columns, unit, work[at(worker)], modes, units[at(unit.k)]);
+    });
     int changed2 = 0, changed3 = 0;
     sums = ModeSums{};
     for (const UnitSweep& unit : units) {

@@ -70,8 +70,6 @@ struct RandomColumns {
 // Coefficients (npi) of the level-1 predictors in the linear predictor of unit j of `unit`, theta (nbeta) = W3_k gamma.
 void level1coefficients(const LaplaceData& data, const Level3Records& unit, int j, const double* theta, const double* v,
                         int r, const double* u, int q, double* coefficients);
-// theta (nbeta) = W3_k gamma.
-void level2coefficients(const LaplaceData& data, const Level3Records& unit, const double* gamma, double* theta);
 // The random columns of the unit's records, `records` by count: x itself, or copied into `room`.
 [[nodiscard]] const double* randompart(const LaplaceData& data, const Level3Records& unit, const RandomColumns& columns,
                                        Array<double>& room);

@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "kernel/decompositions.h"
+#include "kernel/matrix.h"
 #include "kernel/products.h"
 #include "kernel/sizes.h"
 #include "nonlinear/family.h"
@@ -159,7 +160,7 @@ struct Walk {
         x(randompart(data, unit, work.columns, work.x)) {
     for (Array<double>* perrecord : {&work.mu, &work.k2, &work.a, &work.b})
       if (perrecord->size() < unit.y.size()) perrecord->reset(unit.y.size());
-    level2coefficients(data, unit, parameters.gamma.data(), work.theta.data());
+    level2means(*data.design, unit.w3.data(), parameters.gamma.data(), work.theta.data());
   }
 
   [[nodiscard]] std::size_t place(int j) const { return unit.firstunit + at(j); }
@@ -213,11 +214,6 @@ struct Walk {
   }
 };
 
-void mirror(int n, double* lower) {
-  for (int a = 0; a < n; ++a)
-    for (int b = 0; b < a; ++b) lower[b * n + a] = lower[a * n + b];
-}
-
 // Adds T_aa / (V + T)_aa to each sum.
 void addreliabilities(int n, const double* T, const double* V, double* sums) {
   for (int a = 0; a < n; ++a) {
@@ -259,7 +255,7 @@ void unitmoments(const Walk& walk, int j, const Parameters& parameters, UnitReli
     for (int b = 0; b < q; ++b)
       work.qq[at(a * q + b)] = work.Sxx[at(work.columns.d[at(a)] * c + work.columns.d[at(b)])];
   if (ispositivedefinite(q, work.qq.data(), q, nullptr) &&
-      syminverse(q, work.qq.data(), q, work.inverse.data(), q, work.work.data()) == 0) {
+      invertsymmetric(q, work.qq.data(), work.inverse.data()).result == 0) {
     addreliabilities(q, parameters.taupi.data(), work.inverse.data(), reliability.level2);
     ++reliability.count2;
   }
@@ -359,7 +355,6 @@ ScoreWork makescorework(const LaplaceData& data, int q, int r) {
   for (Array<double>* matrix : {&work.qr, &work.qr2}) matrix->reset(nq * nr);
   const std::size_t most = std::max(nq, nr);
   work.inverse.reset(most * most);
-  work.work.reset(most * most + 3);
   return work;
 }
 
@@ -432,7 +427,7 @@ bool unitscore(const LaplaceData& data, const Parameters& parameters, const TauI
   // V = (H3 - taubeta^-1)^-1
   const double* H3 = modes.H3.data() + at(unit.k) * square(r);
   for (std::size_t i = 0; i < square(r); ++i) work.rr[i] = H3[i] - inverses.Kb[i];
-  if (syminverse(r, work.rr.data(), r, work.inverse.data(), r, work.work.data()) != 1 &&
+  if (invertsymmetric(r, work.rr.data(), work.inverse.data()).result != 1 &&
       ispositivedefinite(r, work.inverse.data(), r, nullptr)) {
     addreliabilities(r, parameters.taubeta.data(), work.inverse.data(), reliability.level3);
     ++reliability.count3;

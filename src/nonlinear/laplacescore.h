@@ -46,7 +46,7 @@ struct ScoreWork {
   Array<double> W, G, M2, Y;          // of the level-3 unit: r squared, q squared, q squared, q squared
   Array<double> bsum, g, pe, z;       // [nbeta], [r], [r], [r]
   Array<double> rc, rc2, rc3, rr, rr2, rr3, rr4, qr, qr2, qq, qq2;  // products of those shapes
-  Array<double> inverse, work;
+  Array<double> inverse;
 };
 [[nodiscard]] ScoreWork makescorework(const LaplaceData& data, int q, int r);
 

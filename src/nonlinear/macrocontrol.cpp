@@ -39,14 +39,20 @@ bool closeatlimit(MacroState& state) {
   return true;
 }
 
-// Micro iterations that stop early can leave the variance components so slow that the macro test takes it for standing
-// still, or that no number of macro iterations is enough.
 void warnunsettled(const PassResults& results) {
   const std::string words = unsettledwords(results);
   if (words.empty()) return;
   notconverged(words + "\n");
   documentwarning(words);
   reportwarning(words);
+}
+
+// Whether the loop creeps: micro iterations that stop early move the variance components so little that the macro test
+// takes it for standing still, or that it is never met. An element near 0 that changes by a share of itself for ever
+// does not meet it either.
+bool creeps(const MacroState& state, const PassResults& results, bool converged) {
+  constexpr int patience = 20;
+  return converged ? results.errors.stepleft >= settled : state.macro >= patience;
 }
 
 }  // namespace
@@ -58,8 +64,12 @@ void beginmacro(MacroState& state) {
 }
 
 bool phasecloses(MacroState& state, const PassResults& results, bool first) {
-  const bool converged =
-      !first && macrotest(parametersof(results.est), parametersof(state.previous), run.iter.stopmacro);
+  bool converged = !first && macrotest(parametersof(results.est), parametersof(state.previous), run.iter.stopmacro);
+  if (!first && !state.iterations.searching && creeps(state, results, converged)) {
+    std::printf("The macro iterations creep: from here on each searches for the maximum of its log-likelihood.\n");
+    state.iterations.searching = true;
+    converged = false;
+  }
   const bool stopped = results.ending == Ending::keyboard;
   if (results.kind != PassKind::identity) documentending(converged);
   if (converged) std::printf("The macro iterations have converged at iteration %d.\n", state.macro);

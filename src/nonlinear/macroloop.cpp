@@ -53,7 +53,7 @@ PassPlan planof(const MacroState& state, PassKind kind, int macro) {
 PassResults identitypass(Pass& pass, MacroState& state) {
   beginpass(pass, planof(state, PassKind::identity, state.macro));
   RecordUnits units;
-  startrecords(units, mdmlayout(true), run.mdm.stream, run.mdm.firstblock);
+  startrecords(units);
   units.working = startworking();
   if (run.kind.nlcount) state.counts.reset(at(run.mdm.numl1rec));
   units.counts = run.kind.nlcount ? &state.counts : nullptr;
@@ -70,7 +70,7 @@ PassResults identitypass(Pass& pass, MacroState& state) {
     }
     return true;
   });
-  state.layout = mdmlayout(false);
+  state.layout = mdmlayout();
   return runpass(pass, state.iterations, [&] { return impliedvariance(state.mean = outcomes / counts); });
 }
 

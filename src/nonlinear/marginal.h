@@ -6,7 +6,7 @@
 
 namespace kdr {
 
-// The covariances of the random effects, and the work of the correction.
+// The covariances of the random effects.
 struct MarginalCorrection {
   Family family = Family::binomial;
   int q = 0, r = 0;                 // orders of taupi and taubeta

@@ -3,31 +3,19 @@
 #include <algorithm>
 #include <cmath>
 
+#include "kernel/matrix.h"
+#include "kernel/sizes.h"
+
 namespace kdr {
 
-namespace {
-
-std::size_t pairs(int n) { return static_cast<std::size_t>(n) * (static_cast<std::size_t>(n) + 1) / 2; }
-
-void addtriangle(Array<double>& t, int n, const double* d) {
-  const auto order = static_cast<std::size_t>(n);
-  for (std::size_t a = 0; a < order; ++a)
-    for (std::size_t b = 0; b <= a; ++b, ++d) {
-      t[a * order + b] += *d;
-      if (a != b) t[b * order + a] += *d;
-    }
-}
-
-}  // namespace
-
-std::size_t Parameters::ntaupi() const { return pairs(q); }
-std::size_t Parameters::ntaubeta() const { return pairs(r); }
-std::size_t Parameters::count() const { return pairs(q) + pairs(r) + static_cast<std::size_t>(g); }
+std::size_t Parameters::ntaupi() const { return packedsize(q); }
+std::size_t Parameters::ntaubeta() const { return packedsize(r); }
+std::size_t Parameters::count() const { return packedsize(q) + packedsize(r) + at(g); }
 Parameters Parameters::copy() const { return {q, r, g, taupi.copy(), taubeta.copy(), gamma.copy()}; }
 
 void addstep(Parameters& parameters, const double* delta) {
-  addtriangle(parameters.taupi, parameters.q, delta);
-  addtriangle(parameters.taubeta, parameters.r, delta + parameters.ntaupi());
+  addtriangle(parameters.taupi.data(), parameters.q, delta, 1.0);
+  addtriangle(parameters.taubeta.data(), parameters.r, delta + parameters.ntaupi(), 1.0);
   const double* step = delta + parameters.ntaupi() + parameters.ntaubeta();
   for (std::size_t i = 0; i < parameters.gamma.size(); ++i) parameters.gamma[i] += step[i];
 }
@@ -35,6 +23,13 @@ void addstep(Parameters& parameters, const double* delta) {
 void addduplicated(double* dest, const double* R, int n) {
   for (std::ptrdiff_t a = 0; a < n; ++a)
     for (std::ptrdiff_t b = 0; b <= a; ++b) *dest++ += a == b ? R[a * n + a] : R[a * n + b] + R[b * n + a];
+}
+
+Array<double> diagonalblock(const double* V, std::size_t P, std::size_t first, std::size_t n, double scale) {
+  Array<double> block(n * n);
+  for (std::size_t i = 0; i < n; ++i)
+    for (std::size_t l = 0; l < n; ++l) block[i * n + l] = scale * V[(first + i) * P + first + l];
+  return block;
 }
 
 int standarderrormatrix(const double* V, std::size_t P, std::size_t first, int n, double scale, Array<double>& matrix) {

@@ -30,6 +30,10 @@ void addstep(Parameters& parameters, const double* delta);
 // R_ab + R_ba.
 void addduplicated(double* dest, const double* R, int n);
 
+// `scale` times the n by n block of V (order P, row stride P) whose diagonal starts at element `first`.
+[[nodiscard]] Array<double> diagonalblock(const double* V, std::size_t P, std::size_t first, std::size_t n,
+                                          double scale);
+
 // The standard errors sqrt(scale V_ii) of n(n+1)/2 consecutive diagonal elements of V (order P, row stride P) from
 // element `first` on, as a full symmetric matrix; 0.0 for an element that is not above 0.0. Returns how many those are.
 int standarderrormatrix(const double* V, std::size_t P, std::size_t first, int n, double scale, Array<double>& matrix);

@@ -1,22 +1,20 @@
 #include "nonlinear/quadrature.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cmath>
 #include <cstdarg>
 #include <cstdio>
-#include <thread>
 
 #include "kernel/decompositions.h"
 #include "kernel/distributions.h"
 #include "kernel/matrix.h"
+#include "kernel/products.h"
+#include "kernel/sizes.h"
+#include "nonlinear/unitthreads.h"
 
 namespace kdr {
 
 namespace {
-
-constexpr std::size_t at(int i) { return static_cast<std::size_t>(i); }
-constexpr std::size_t triangle(std::size_t n) { return n * (n + 1) / 2; }
 
 constexpr int mosteffects = 10;
 constexpr double mostnodes = 1.0e6;  // of one integral: beyond, neither memory nor time would do
@@ -59,22 +57,14 @@ void integratebatch(QuadratureData& data, const QuadraturePoint& point, const Ad
   results.loglikelihood.reset(batch.size());
   if (next != nullptr) results.score.reset(batch.size() * P);
   if (withinformation) results.information.reset(batch.size() * P * P);
-  std::atomic<std::size_t> waiting{0};
-  const auto work = [&](QuadratureWork& buffers) {
-    for (std::size_t i = waiting++; i < batch.size(); i = waiting++) {
-      UnitMoments moments;
-      moments.next = next;
-      if (next != nullptr) moments.score = results.score.data() + i * P;
-      if (withinformation) moments.information = results.information.data() + i * P * P;
-      results.status[i] = integrateunit(*data.model, point, batch[i], adaptation, buffers, results.loglikelihood[i],
-                                        next != nullptr ? &moments : nullptr);
-    }
-  };
-  const std::size_t threads = std::min(data.work.size(), batch.size());
-  std::vector<std::thread> helpers;
-  for (std::size_t t = 1; t < threads; ++t) helpers.emplace_back(work, std::ref(data.work[t]));
-  work(data.work[0]);
-  for (std::thread& helper : helpers) helper.join();
+  overbatch(batch, static_cast<int>(data.work.size()), [&](std::size_t i, int worker) {
+    UnitMoments moments;
+    moments.next = next;
+    if (next != nullptr) moments.score = results.score.data() + i * P;
+    if (withinformation) moments.information = results.information.data() + i * P * P;
+    results.status[i] = integrateunit(*data.model, point, batch[i], adaptation, data.work[at(worker)],
+                                      results.loglikelihood[i], next != nullptr ? &moments : nullptr);
+  });
 }
 
 // Adds 2 wt wt' (K_ac K_bd + K_ad K_bc) n to the block of H (order P) from element `first` on: the expected second
@@ -115,15 +105,9 @@ void removeheld(const std::vector<std::size_t>& held, std::size_t P, double* g, 
   }
 }
 
-void makediagonal(Array<double>& tau, int n) {
-  for (std::size_t a = 0; a < at(n); ++a)
-    for (std::size_t b = 0; b < at(n); ++b)
-      if (a != b) tau[a * at(n) + b] = 0.0;
-}
-
 bool usablecovariance(int n, const Array<double>& tau) {
-  Array<double> inverse(at(n) * at(n)), work(std::max<std::size_t>(3, triangle(at(n))));
-  return syminverse(n, tau.data(), n, inverse.data(), n, work.data()) == 0 && isbadcov(n, tau.data(), n, nullptr) == 0;
+  Array<double> inverse(square(n));
+  return invertsymmetric(n, tau.data(), inverse.data()).result == 0 && !isbadcov(n, tau.data(), n, nullptr);
 }
 
 double logcombinations(double n, double y) {
@@ -142,16 +126,14 @@ struct Iterations {
   double previous = missingcode;  // the log-likelihood of the iteration before
   bool halvenext = false;
   Parameters best{};  // those with the highest log-likelihood seen
-  Array<double> H{}, V{}, delta{}, worktriangle{};
+  Array<double> H{}, V{}, delta{};
 
   QuadratureFailure iterate(int& left);
   QuadratureFailure invert(const QuadratureWalk& at);
   QuadratureFailure step(const QuadratureWalk& at, double& loglikelihood);
-  int invertonce() {
+  Inversion invertonce() {
     V.reset(P * P);
-    const int failed = syminverse(static_cast<int>(P), H.data(), static_cast<int>(P), V.data(), static_cast<int>(P),
-                                  worktriangle.data());
-    return failed;
+    return invertsymmetric(static_cast<int>(P), H.data(), V.data());
   }
   [[nodiscard]] bool lowerthanbest();
   [[nodiscard]] bool heldnearzero();
@@ -164,7 +146,7 @@ QuadratureFailure Iterations::invert(const QuadratureWalk& now) {
   H = now.information.copy();
   for (;;) {
     if (!ridge.addto(H.data(), P)) return QuadratureFailure::ridge;
-    if (invertonce() == 0 && worktriangle[2] == 0.0) break;
+    if (const Inversion inversion = invertonce(); inversion.result == 0 && !inversion.negative) break;
     tell(settings, "*");
     ridge.raise(firstridge);
   }
@@ -177,15 +159,14 @@ QuadratureFailure Iterations::invert(const QuadratureWalk& now) {
 
 QuadratureFailure Iterations::step(const QuadratureWalk& now, double& loglikelihood) {
   delta.reset(P);
-  for (std::size_t i = 0; i < P; ++i)
-    for (std::size_t l = 0; l < P; ++l) delta[i] += V[i * P + l] * now.score[l];
+  mulAB(delta.data(), V.data(), now.score.data(), static_cast<int>(P), 1, static_cast<int>(P));
   if (previous == missingcode || halvenext)
     for (double& d : delta) d *= 0.5;
   if (halvenext) tell(settings, "The log-likelihood has fallen: the step is halved\n");
   halvenext = false;
   const auto usable = [&](Parameters& trial) {
-    if (settings.diagonalpi) makediagonal(trial.taupi, trial.q);
-    if (settings.diagonalbeta) makediagonal(trial.taubeta, trial.r);
+    if (settings.diagonalpi) cleardiagonaloff(trial.taupi.data(), trial.q);
+    if (settings.diagonalbeta) cleardiagonaloff(trial.taubeta.data(), trial.r);
     if (!usablecovariance(trial.q, trial.taupi) || !usablecovariance(trial.r, trial.taubeta)) return false;
     const QuadratureWalk there = walk(data, trial, result.adaptation, nullptr);
     loglikelihood = there.loglikelihood - 0.5 * data.records * std::log(twopi);
@@ -226,7 +207,7 @@ QuadratureFailure Iterations::iterate(int& left) {
     // The standard errors take the information without a ridge.
     if (ridge.value != -1.0) {
       H = now.information.copy();
-      result.inversion = invertonce();
+      result.inversion = invertonce().result;
     }
     finish(now);
   }
@@ -282,7 +263,7 @@ bool Iterations::heldnearzero() {
 
 void Iterations::finish(const QuadratureWalk& last) {
   const Parameters& estimates = result.parameters;
-  const std::size_t taus = estimates.ntaupi() + estimates.ntaubeta(), g = at(estimates.g);
+  const std::size_t taus = estimates.ntaupi() + estimates.ntaubeta();
   for (std::size_t i = 0; i < P; ++i) {
     double lacking = -delta[i];
     for (std::size_t l = 0; l < P; ++l) lacking += V[i * P + l] * last.score[l];
@@ -300,12 +281,8 @@ void Iterations::finish(const QuadratureWalk& last) {
   result.taubetaseusable = counted(estimates.ntaupi(), taus, bad3) == 0 && result.inversion != 1;
   if (result.inversion == 1)
     for (std::size_t i = taus; i < P; ++i) V[i * P + i] = 0.0;
-  result.vgamma.reset(g * g);
-  for (std::size_t i = 0; i < g; ++i)
-    for (std::size_t l = 0; l < g; ++l) result.vgamma[i * g + l] = 2.0 * V[(taus + i) * P + taus + l];
-  result.vtau.reset(taus * taus);
-  for (std::size_t i = 0; i < taus; ++i)
-    for (std::size_t l = 0; l < taus; ++l) result.vtau[i * taus + l] = 2.0 * V[i * P + l];
+  result.vgamma = diagonalblock(V.data(), P, taus, at(estimates.g), 2.0);
+  result.vtau = diagonalblock(V.data(), P, 0, taus, 2.0);
   result.V = std::move(V);
   result.finished = true;
   result.marginal = result.loglikelihood + 0.5 * data.records * std::log(twopi) + data.combinations;
@@ -442,12 +419,11 @@ QuadratureResult adaptivequadrature(const QuadratureSettings& settings, int npi,
   data.threads = settings.threads;
   data.derivlevel = settings.derivlevel;
   countdata(data);
-  if (settings.diagonalpi) makediagonal(result.parameters.taupi, start.q);
-  if (settings.diagonalbeta) makediagonal(result.parameters.taubeta, start.r);
+  if (settings.diagonalpi) cleardiagonaloff(result.parameters.taupi.data(), start.q);
+  if (settings.diagonalbeta) cleardiagonaloff(result.parameters.taubeta.data(), start.r);
 
   const std::size_t P = start.count();
   Iterations iterations{settings, data, result, P, heldelements(settings, start)};
-  iterations.worktriangle.reset(std::max<std::size_t>(3, triangle(P)));
   int left = std::max(settings.iterations, 1);
   while (left > 0)
     if (const QuadratureFailure failure = iterations.iterate(left); failure != QuadratureFailure::none) {

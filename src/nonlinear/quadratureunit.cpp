@@ -5,12 +5,12 @@
 
 #include "kernel/decompositions.h"
 #include "kernel/products.h"
+#include "kernel/sizes.h"
 
 namespace kdr {
 
 namespace {
 
-constexpr std::size_t at(int i) { return static_cast<std::size_t>(i); }
 constexpr std::size_t triangle(std::size_t n) { return n * (n + 1) / 2; }
 constexpr std::size_t padded(std::size_t n) { return (n + nodestep - 1) / nodestep * nodestep; }
 
@@ -205,11 +205,7 @@ void UnitIntegral::prepare() {
   fit(work.logdensity, pairs);
   fit(work.product, pairs);
   fit(work.sums, block);
-  // theta = W3 gamma
-  const Design& design = *model.design;
-  std::fill_n(work.theta.data(), nbeta, 0.0);
-  for (std::size_t f = 0; f < design.owner3.size(); ++f)
-    work.theta[at(design.owner3[f])] += records.w3[f] * point.gamma[at(design.reduced[f])];
+  level2means(*model.design, records.w3.data(), point.gamma, work.theta.data());
   if (!withmoments) return;
   fit(work.gradient, npi * pairs);
   fit(work.statistics, block * units * shape.size);
@@ -536,17 +532,16 @@ void unconditionalcovariance(int q, int r, const double* C2, const double* Z2Z1,
   mulAB(Q.data(), Z2Z1, C2, r, q, q);
   mulAB(CQ.data(), C3, Q.data(), r, q, r);
   mulAtB(P, Q.data(), CQ.data(), q, q, r);
-  for (std::size_t i = 0; i < at(q) * at(q); ++i) P[i] += C2[i];
+  for (std::size_t i = 0; i < square(q); ++i) P[i] += C2[i];
 }
 
 bool makepoint(QuadraturePoint& point, const Parameters& parameters) {
   constexpr double twopi = 6.283185308;
   const auto invert = [](int n, const Array<double>& tau, Array<double>& K, double& logconstant) {
-    Array<double> work(std::max<std::size_t>(3, triangle(at(n))));
-    K.reset(at(n) * at(n));
-    const bool usable = syminverse(n, tau.data(), n, K.data(), n, work.data()) == 0 && work[2] == 0.0;
-    logconstant = -0.5 * (n * std::log(twopi) + work[1]);
-    return usable;
+    K.reset(square(n));
+    const Inversion inversion = invertsymmetric(n, tau.data(), K.data());
+    logconstant = -0.5 * (n * std::log(twopi) + inversion.logpivots);
+    return inversion.result == 0 && !inversion.negative;
   };
   point.gamma = parameters.gamma.data();
   const bool usable2 = invert(parameters.q, parameters.taupi, point.Kp, point.logc2);

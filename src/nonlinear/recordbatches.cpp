@@ -1,6 +1,5 @@
 #include "nonlinear/recordbatches.h"
 
-#include "driver/failures.h"
 #include "kernel/sizes.h"
 
 namespace kdr {
@@ -24,7 +23,6 @@ Level3Records readlevel3(RecordBatches& batches) {
   Level3Records unit;
   unit.k = batches.k;
   unit.firstunit = batches.units;
-  unit.firstrecord = batches.records;
   unit.units = pass.n2of[batches.k];
   const std::size_t records = at(pass.n1of[batches.k]);
   unit.start.reset(at(unit.units) + 1);
@@ -36,7 +34,7 @@ Level3Records readlevel3(RecordBatches& batches) {
   level3weights(pass, batches.k, unit.w3.data());
   std::size_t record = 0;
   for (std::size_t j = 0; j < at(unit.units); ++j) {
-    if (!readunit(batches.reader, batches.unit)) stopwith("The working data file is damaged: it is cut off.\n");
+    neededunit(batches.reader, batches.unit);
     const UnitBlock& block = batches.unit;
     for (std::size_t m = 0; m < nbeta; ++m) unit.w2[j * nbeta + m] = level2entry(pass, m, block.level2.data());
     for (int i = 0; i < block.nj; ++i, ++record) {

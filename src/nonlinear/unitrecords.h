@@ -17,16 +17,15 @@
 namespace kdr {
 
 struct Level3Records {
-  int k = 0;                    // the level-3 unit, from 0
-  std::size_t firstunit = 0;    // the data set's level-2 units before those of k
-  std::size_t firstrecord = 0;  // the data set's records before those of k
-  int units = 0;                // J_k, its level-2 units; one may have no record
-  Array<std::size_t> start;     // [units + 1] records of k before level-2 unit j; start[units] is the number of records
-  Array<double> x;              // records by npi: all level-1 coefficients, the constant included
-  Array<double> w2;             // units by nbeta: the entry of W2_j in each column of B
-  Array<double> w3;             // [full ngamma] the entry of W3_k in each of its columns
-  Array<double> y;              // [records] the outcome as it was read: 0/1, a count of successes, a count
-  Array<double> n;              // [records] trials or exposure; empty when the model has none
+  int k = 0;                  // the level-3 unit, from 0
+  std::size_t firstunit = 0;  // the data set's level-2 units before those of k
+  int units = 0;              // J_k, its level-2 units; one may have no record
+  Array<std::size_t> start;   // [units + 1] records of k before level-2 unit j; start[units] is the number of records
+  Array<double> x;            // records by npi: all level-1 coefficients, the constant included
+  Array<double> w2;           // units by nbeta: the entry of W2_j in each column of B
+  Array<double> w3;           // [full ngamma] the entry of W3_k in each of its columns
+  Array<double> y;            // [records] the outcome as it was read: 0/1, a count of successes, a count
+  Array<double> n;            // [records] trials or exposure; empty when the model has none
 };
 
 // Delivers the level-3 units of the data set in order, several at a time, as often as it is asked to.

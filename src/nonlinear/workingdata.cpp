@@ -10,7 +10,6 @@
 #include "linear/crossproducts.h"
 #include "linear/datapass.h"
 #include "linear/runpass.h"
-#include "model/modelwalk.h"
 #include "nonlinear/marginal.h"
 #include "report/stream.h"
 
@@ -18,26 +17,13 @@ namespace kdr {
 
 namespace {
 
-// The layout of the file from the first step on: the outcome, Z where it is wanted, then the columns of A and the
-// wanted variables.
+// The layout of the file from the first step on: the outcome, Z where it is wanted, the columns of A and the wanted
+// variables.
 RecordLayout workinglayout() {
   RecordLayout layout;
-  layout.raw = false;
   layout.observed = layout.width++;
   layout.outcome = run.out.resfil1 ? layout.width++ : -1;
-  layout.place.reset(at(run.mdm.nvar1));
-  layout.place.fill(-1);
-  layout.place[at(run.kind.outvar) - 1] = layout.observed;
-  const auto carry = [&](int v) {
-    int& place = layout.place[at(v) - 1];
-    if (place < 0) place = layout.width++;
-    return place;
-  };
-  layout.column.reset(at(run.coef.npi));
-  std::size_t c = 0;
-  for (const CoefficientRow& coefficient : modelrows().coefficients)
-    layout.column[c++] = coefficient.variable == 0 ? -1 : carry(coefficient.variable);
-  for (std::size_t i = 0; i < at(run.model.nres1vars1); ++i) carry(run.model.res1vars1[i]);
+  layvariables(layout);
   return layout;
 }
 
@@ -54,7 +40,8 @@ struct Step {
   const MacroState& state;
   Family family;
   MarginalCorrection correction;
-  Array<double> weights, theta, thetastar, beta, x, d, e;
+  UnitMeans means;
+  Array<double> beta, x, d, e;
   UnitBlock unit;
   Array<double> eta, z, root;  // of its records: predictor, Z, root of the working weight
   double cap = -1.0;           // the largest rate met so far
@@ -166,27 +153,17 @@ void addunit(const Pass& pass, Step& step, UnitProducts& products) {
 
 // The records of the unit in the layout of the file that is written.
 void rewriteunit(const Step& step, Rewriting& to) {
-  const RecordLayout &from = step.state.layout, &layout = to.layout;
-  UnitBlock& out = to.unit;
-  out.nj = step.unit.nj;
-  out.id2 = step.unit.id2;
-  out.id3 = step.unit.id3;
-  out.level2 = step.unit.level2.copy();
-  for (int i = 0; i < out.nj; ++i) {
-    const double* values = step.unit.records.data() + at(i) * at(from.width);
-    double* row = out.records.data() + at(i) * at(layout.width);
-    for (std::size_t v = 0; v < layout.place.size(); ++v)
-      if (layout.place[v] >= 0) row[layout.place[v]] = values[from.place[v]];
-    if (layout.outcome >= 0) row[layout.outcome] = step.z[i];
-  }
-  writeunit(to.stream, out, layout.width, run.mdm.nvar2, false);
+  const RecordLayout& layout = to.layout;
+  relayunit(step.unit, step.state.layout, to.unit, layout);
+  if (layout.outcome >= 0)
+    for (std::size_t i = 0; i < at(to.unit.nj); ++i)
+      to.unit.records[i * at(layout.width) + at(layout.outcome)] = step.z[i];
+  writeunit(to.stream, to.unit, layout.width, run.mdm.nvar2, false);
 }
 
 Step makestep(const Pass& pass, const MacroState& state, const WorkingStep& kind) {
-  Step step{kind, state, familyof(), {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}, {}};
+  Step step{kind, state, familyof(), {}, makeunitmeans(pass), {}, {}, {}, {}, {}, {}, {}, {}};
   step.correction = {step.family, pass.p, pass.b, state.previous.taupi.data(), state.previous.taubeta.data()};
-  step.weights.reset(pass.design.owner3.size());
-  for (Array<double>* values : {&step.theta, &step.thetastar}) values->reset(at(pass.nbeta));
   step.beta.reset(at(pass.npi));
   step.x.reset(at(pass.npi) + 1);
   step.d.reset(at(pass.p));
@@ -217,16 +194,11 @@ void prepareworkingdata(Pass& pass, MacroState& state, const WorkingStep& kind, 
   startunits(state.reader, run.files.working, 0, state.layout.width, run.mdm.nvar2, false);
   DataFold fold = startfold(next);
   sweepunits(
-      pass.n2of,
-      [&](int k) {
-        level3weights(pass, k, step.weights.data());
-        level2means(pass, step.weights.data(), state.previous.gammahat.data(), step.theta.data());
-        addlevel3effects(pass, k, pass.vstar.row(k), step.theta.data(), step.thetastar.data());
-      },
+      pass.n2of, [&](int k) { takeunitmeans(pass, k, state.previous.gammahat.data(), pass.vstar.row(k), step.means); },
       [&](int k, std::size_t j, const double* hot) {
-        if (!readunit(state.reader, step.unit)) stopwith("The working data file is damaged: it is cut off.\n");
+        neededunit(state.reader, step.unit);
         const UnitBlock& unit = step.unit;
-        const Array<double>& means = kind.marginal ? step.theta : step.thetastar;
+        const Array<double>& means = kind.marginal ? step.means.theta : step.means.thetastar;
         level2coefficients(pass, unit.level2.data(), means.data(), step.beta.data());
         if (!kind.marginal) addlevel2effects(pass, j, hot + pass.store.atustar, step.beta.data());
         lookover(step);

@@ -1,6 +1,5 @@
 #include "report/hypotheses.h"
 
-#include <algorithm>
 #include <cmath>
 
 #include "driver/reportstream.h"
@@ -79,9 +78,7 @@ bool invertcontrasts(int r, const Array<double>& W, Array<double>& inverse) {
   for (int i = 0; i < r; ++i)
     if (W[static_cast<std::size_t>(i) * static_cast<std::size_t>(r + 1)] < 0.0) return false;
   if (hasunitcorrelation(r, W.data(), r) || !ispositivedefinite(r, W.data(), r, nullptr)) return false;
-  const auto order = static_cast<std::size_t>(r);
-  Array<double> work(std::max<std::size_t>(3, order * (order + 1) / 2));
-  return syminverse(r, W.data(), r, inverse.data(), r, work.data()) == 0;
+  return invertsymmetric(r, W.data(), inverse.data()).result == 0;
 }
 
 // e' W^-1 e.

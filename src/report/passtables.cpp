@@ -148,7 +148,6 @@ void reportwarning(const std::string& lines) {
 }
 
 std::string unsettledwords(const PassResults& results) {
-  constexpr double settled = 0.1;
   const bool fitted =
       results.kind == PassKind::linear || results.kind == PassKind::pql || results.kind == PassKind::categories;
   if (!fitted || results.errors.stepleft < settled) return {};

@@ -174,6 +174,7 @@ def limits():
     tight = "STOPMACRO:0.00001\nSTOPMICRO:0.0000000001\n"
     _, _, whole = fit("BERNOULLI", macroit="500,N", more=tight)
     fixed = lambda text: re.findall(r"INTRCPT3, G000 .*", text)
+    tau = lambda text: float(re.search(r"(?ms)^tau\(pi\)\n.*?(\d+\.\d+)", text)[1])
     for macroit, answers, passes, warned, asked in (
             ("1,N", "", 1, True, False), ("2,N", "", 2, True, False), ("3,N", "", 3, True, False),
             ("3", "n\n", 3, True, True), ("3", "y\n", None, False, True), ("3,Y", "", None, False, False)):
@@ -189,11 +190,13 @@ def limits():
             check(f"macro iteration {passes})" in text or passes == 1, f"{what}: heading")
         else:
             check(fixed(text) == fixed(whole), f"{what}: {fixed(text)} for {fixed(whole)}")
-    # Criteria so loose that the first pass on working data ends the loop, far from where it leads.
-    moving = "WARNING: the variance components have not settled"
-    for more, far in (("STOPMACRO:9\nSTOPMICRO:9\n", True), (tight, False)):
-        _, said, text = fit("BERNOULLI", macroit="500,N", more=more)
-        check("have converged" in said and (moving in said) == (moving in text) == far, f"{more!r}: settled or not")
+    # Criteria so loose that the first pass on working data ends the loop: it goes on by searches, and says so at a limit.
+    moving, creeping = "WARNING: the variance components have not settled", "The macro iterations creep"
+    loose = "STOPMACRO:9\nSTOPMICRO:9\n"
+    for macroit, more, far, creeps in (("2,N", loose, True, True), ("500,N", loose, False, True), ("500,N", tight, False, False)):
+        _, said, text = fit("BERNOULLI", macroit=macroit, more=more)
+        check((moving in said) == (moving in text) == far and (creeping in said) == creeps, f"{macroit} {more!r}: settled or not")
+        check(far == (abs(tau(text) - tau(whole)) > 0.05), f"{macroit} {more!r}: tau {tau(text)} for {tau(whole)}")
     for form in ("txt", "html"):
         _, _, text = fit("BERNOULLI", form=form)
         places = [text.lower().find(x) for x in ("summary of the model", "unit-specific model, pql", "population-average model")]

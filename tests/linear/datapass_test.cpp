@@ -1,6 +1,7 @@
 // A data pass means the same however often it is made, and whoever makes the units.
 #include <gtest/gtest.h>
 
+#include "linear/crossproducts.h"
 #include "linear/weights.h"
 #include "study.h"
 
@@ -26,6 +27,35 @@ std::vector<double> sums(Pass& pass) {
   records(pass.store.cold);
   records(pass.store.weighted);
   return all;
+}
+
+// The data pass over the blocks of a working data file, whose records are taken as they stand.
+void foldworking(Pass& pass, std::FILE* working) {
+  const RecordLayout layout = mdmlayout();
+  UnitReader reader;
+  startunits(reader, working, 0, run.mdm.nvar1, run.mdm.nvar2, false);
+  UnitBlock block;
+  Id current{};
+  std::size_t record = 0;
+  Array<double> row(layout.column.size() + 1);
+  bool first = true;
+  datapass(pass, [&](UnitProducts& unit) {
+    if (!readunit(reader, block)) return false;
+    unit.k += !first && !sameid(block.id3, current) ? 1 : 0;
+    current = block.id3;
+    first = false;
+    unit.nj = block.nj;
+    unit.id2 = block.id2;
+    std::copy_n(block.level2.data(), unit.level2.size(), unit.level2.data());
+    unit.AA2.fill(0.0);
+    crossproducts(pass.npi + 1, block.nj, unit.AA.data(), row.data(), [&](auto n, int i, double* x) {
+      const double* values = block.records.data() + i * layout.width;
+      for (int c = 0; c + 1 < n; ++c) x[c] = layout.column[c] < 0 ? 1.0 : values[layout.column[c]];
+      x[n - 1] = values[layout.outcome];
+      if (havefactors()) applyfactor(n, run.weights.factor1[record++], run.kind.weighted, x, unit.AA2);
+    });
+    return true;
+  });
 }
 
 TEST(DataPass, IsTheSameEachTimeFromBothFiles) {
@@ -58,12 +88,10 @@ TEST(DataPass, IsTheSameEachTimeFromBothFiles) {
     study::prepare(pass);
     const std::vector<double> first = sums(pass);
     std::FILE* working = std::tmpfile();
-    study::fold(pass, working, true);
+    study::fold(pass, working);
     EXPECT_EQ(sums(pass), first) << "second pass over the MDM file";
-    for (int i = 0; i < 2; ++i) {
-      study::fold(pass, working);
-      EXPECT_EQ(sums(pass), first) << "pass over the working data file";
-    }
+    foldworking(pass, working);
+    EXPECT_EQ(sums(pass), first) << "pass over the working data file";
     std::fclose(working);
   }
 }

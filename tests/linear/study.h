@@ -159,13 +159,11 @@ struct Study {
   }
 };
 
-// The data pass of `pass` over the blocks of the MDM file, or of the working data file at `working`, which a first walk
-// with `write` has made.
-inline void fold(Pass& pass, std::FILE* working = nullptr, bool write = false) {
+// The data pass of `pass` over the blocks of the MDM file, which go to `working` if that is not null.
+inline void fold(Pass& pass, std::FILE* working = nullptr) {
   RecordUnits units;
-  const bool raw = working == nullptr || write;
-  startrecords(units, mdmlayout(raw), raw ? run.mdm.stream : working, raw ? run.mdm.firstblock : 0);
-  if (write) units.working = working;
+  startrecords(units);
+  units.working = working;
   run.out.resfil2 = true;  // a reader of identifiers and level-2 rows
   datapass(pass, [&](UnitProducts& unit) { return nextunit(units, unit); });
 }

@@ -72,7 +72,6 @@ struct Study {
       Level3Records unit;
       unit.k = k;
       unit.firstunit = data.units2;
-      unit.firstrecord = data.records;
       unit.units = ragged ? 1 + static_cast<int>(random() % at(shape.units2)) : shape.units2;
       unit.start.reset(at(unit.units) + 1);
       for (int j = 0; j < unit.units; ++j) {
@@ -118,7 +117,6 @@ struct Study {
     Level3Records copy;
     copy.k = unit.k;
     copy.firstunit = unit.firstunit;
-    copy.firstrecord = unit.firstrecord;
     copy.units = unit.units;
     copy.start = unit.start.copy();
     copy.x = unit.x.copy();

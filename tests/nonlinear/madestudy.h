@@ -38,8 +38,8 @@ struct Study {
     batch.clear();
     for (std::size_t i = 0; i < study.batchsize && study.position < study.units.size(); ++i) {
       const Level3Records& u = study.units[study.position++];
-      batch.push_back({u.k, u.firstunit, u.firstrecord, u.units, u.start.copy(), u.x.copy(), u.w2.copy(), u.w3.copy(),
-                       u.y.copy(), u.n.copy()});
+      batch.push_back(
+          {u.k, u.firstunit, u.units, u.start.copy(), u.x.copy(), u.w2.copy(), u.w3.copy(), u.y.copy(), u.n.copy()});
     }
   }
 };
@@ -69,7 +69,6 @@ inline Study makestudy(OutcomeType outcome, int q, int r, const std::vector<Reco
     Level3Records unit;
     unit.k = static_cast<int>(study.units.size());
     unit.firstunit = at(study.units2);
-    unit.firstrecord = first;
     unit.units = records[last - 1].j + 1;
     unit.start.reset(at(unit.units) + 1);
     unit.w2.reset(at(unit.units) * 3);

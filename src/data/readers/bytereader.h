@@ -79,12 +79,6 @@ template <class Number>
   if (bytes != nullptr) number = lowfirst<Number>(bytes);
   return bytes != nullptr;
 }
-template <class Number>
-[[nodiscard]] bool takehigh(ByteReader& reader, Number& number) {
-  const unsigned char* bytes = takebytes(reader, sizeof(Number));
-  if (bytes != nullptr) number = highfirst<Number>(bytes);
-  return bytes != nullptr;
-}
 
 // Says on the console and in the log that the data of a file end too early: in case `caseread` (from 1), and how many
 // of the `stated` cases are missing; `stated` is below 0 where the file doesn't tell. Counts as an extra message.
