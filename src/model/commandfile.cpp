@@ -125,6 +125,7 @@ void endoffile(const CommandReader& reader) {
   checkequations(reader);
   if (reader.deviance != reader.df) std::printf(" Deviance and df must be specified together\n");
   checkorders();
+  if (!reader.excess.empty()) stopwith("%s", reader.excess.c_str());
   if (reader.toomany)
     stopwith("The line GAMMA%d: has %d numbers, and the model has %d fixed effects!\n", reader.oddhypothesis,
              reader.oddnumbers, countfixedeffects());

@@ -26,10 +26,18 @@ std::string behindcomma(const std::string& value) {
   return first == std::string::npos ? "" : value.substr(first);
 }
 
-// N and Y set a flag, anything else leaves it.
-void setflag(bool& flag, const std::string& value) {
+// The value is a Y. Anything that is no N either is told, since what it asks for is not done.
+bool isyes(const char* keyword, const std::string& value) {
   const char letter = firstletter(value);
-  if (letter == 'N' || letter == 'Y') flag = letter == 'Y';
+  if (letter != 'N' && letter != 'Y')
+    std::printf(" %s:%s is neither Y nor N: ignored\n", keyword, printable(value).c_str());
+  return letter == 'Y';
+}
+
+// N and Y set a flag, anything else leaves it.
+void setflag(bool& flag, const char* keyword, const std::string& value) {
+  const bool yes = isyes(keyword, value);
+  if (yes || firstletter(value) == 'N') flag = yes;
 }
 
 void setcontinue(const std::string& value) {
@@ -44,8 +52,15 @@ void setpath(std::string& path, const std::string& value) {
 }
 
 // The value begins with a number. A word would else be taken for 0, which some keywords have a use for.
-void wantnumber(const char* keyword, const std::string& value) {
+void beginswithnumber(const char* keyword, const std::string& value) {
   if (!isreal(value)) stopwith("%s: wants a number, not %s\n", keyword, value.c_str());
+}
+
+// The same for keywords without a list: a decimal comma would cut the number off.
+void wantnumber(const char* keyword, const std::string& value) {
+  beginswithnumber(keyword, value);
+  if (value.find(',') != std::string::npos)
+    stopwith("%s: wants one number, with a decimal point, not %s\n", keyword, value.c_str());
 }
 
 void setwhole(int& field, const char* keyword, const std::string& value) {
@@ -61,7 +76,7 @@ void readnumit(CommandReader&, const std::string& value) {
 }
 
 void readmacroit(CommandReader&, const std::string& value) {
-  wantnumber("MACROIT", value);
+  beginswithnumber("MACROIT", value);
   run.iter.macroit = wholenumber(value);
   if (run.iter.macroit < 0) stopwith("macroit must be greater than 0!\n");
   setcontinue(value);
@@ -101,7 +116,7 @@ void readpopavit(CommandReader&, const std::string& value) {
 }
 
 void readlaplace(CommandReader&, const std::string& value) {
-  if (firstletter(value) != 'Y') return;
+  if (!isyes("LAPLACE", value)) return;
   run.iter.laplace = true;
   if (value.find(',') == std::string::npos) return;
   const std::string iterations = behindcomma(value);
@@ -110,7 +125,7 @@ void readlaplace(CommandReader&, const std::string& value) {
 }
 
 void readagq(CommandReader&, const std::string& value) {
-  if (firstletter(value) != 'Y') return;
+  if (!isyes("AGQ", value)) return;
   const auto fields = split(value, ',');
   if (fields.size() < 3 || fields[1].empty() || fields[2].empty())
     stopwith("\nMaximum number of iterations and quadrature points must be specified.\n");
@@ -129,6 +144,7 @@ void readfixsigma2(CommandReader&, const std::string& value) {
   if (firstletter(value) == 'N') return;
   run.iter.fixsigma2 = realnumber(value);
   if (!isreal(value) || run.iter.fixsigma2 < 0.0) stopwith("fixsigma2 must be N or a number of 0 or more!\n");
+  wantnumber("FIXSIGMA2", value);
 }
 
 void readstopval(CommandReader&, const std::string& value) {
@@ -172,9 +188,8 @@ void readhypoth(CommandReader&, const std::string& value) {
 }
 
 void readdofisher(CommandReader&, const std::string& value) {
-  const char letter = firstletter(value);
-  if (letter == 'N') run.iter.fishertype = 0;
-  if (letter == 'Y') run.iter.fishertype = 2;
+  if (isyes("DOFISHER", value)) run.iter.fishertype = 2;
+  if (firstletter(value) == 'N') run.iter.fishertype = 0;
 }
 
 void readfishertype(CommandReader&, const std::string& value) {
@@ -262,9 +277,12 @@ constexpr Keyword keywords[] = {
     {"FISHERTYPE:", 0, readfishertype},
     {"TITLE:", 0, readtitle},
     {"OUTPUT:", 0, readoutput},
-    {"FULLOUTPUT:", 0, [](CommandReader&, const std::string& value) { setflag(run.out.fulloutput, value); }},
-    {"DIAGONALIZETAUPI:", 0, [](CommandReader&, const std::string& value) { setflag(run.out.diagtaupi, value); }},
-    {"DIAGONALIZETAUBETA:", 0, [](CommandReader&, const std::string& value) { setflag(run.out.diagtaubeta, value); }},
+    {"FULLOUTPUT:", 0,
+     [](CommandReader&, const std::string& value) { setflag(run.out.fulloutput, "FULLOUTPUT", value); }},
+    {"DIAGONALIZETAUPI:", 0,
+     [](CommandReader&, const std::string& value) { setflag(run.out.diagtaupi, "DIAGONALIZETAUPI", value); }},
+    {"DIAGONALIZETAUBETA:", 0,
+     [](CommandReader&, const std::string& value) { setflag(run.out.diagtaubeta, "DIAGONALIZETAUBETA", value); }},
     {"LEVEL1WEIGHT:", 0, readweight1},
     {"LEVEL2WEIGHT:", 0, readweight2},
     {"LEVEL3WEIGHT:", 0, readweight3},
@@ -279,7 +297,8 @@ constexpr Keyword keywords[] = {
     {"RESFIL2NAME:", 0, [](CommandReader&, const std::string& value) { setpath(run.files.resfil2name, value); }},
     {"RESFIL3NAME:", 0, [](CommandReader&, const std::string& value) { setpath(run.files.resfil3name, value); }},
     {"RESFILTYPE:", 0, readresfiltype},
-    {"RESFILRECNUM:", 0, [](CommandReader&, const std::string& value) { setflag(run.out.resfilrecnum, value); }},
+    {"RESFILRECNUM:", 0,
+     [](CommandReader&, const std::string& value) { setflag(run.out.resfilrecnum, "RESFILRECNUM", value); }},
     {"RESULTS:", 0, readresults},
     {"DEBUG:", 0, [](CommandReader&, const std::string& value) { setwhole(run.iter.debug, "DEBUG", value); }},
 };

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "driver/failures.h"
+#include "driver/formatted.h"
 #include "driver/runrecord.h"
 #include "model/categories.h"
 #include "model/complete.h"
@@ -53,7 +54,16 @@ void needmodel(const char* kind, const TauFields& tau) {
   if (!run.answered.wholemodel()) stopwith("%s tau(%s) must be specified after complete model\n", kind, tau.greek);
 }
 
-void readesttau(const TauFields& tau, const std::string& value) {
+// A list with more entries than the model has a use for. It is told at the end of the file: the rest of the model may
+// stand below the list, which then has another fault.
+void checklength(CommandReader& reader, std::size_t entries, std::size_t places, const char* what) {
+  if (entries <= places || !reader.excess.empty()) return;
+  const std::string& line = reader.lines.line;
+  reader.excess = formatted("The line %s has %zu numbers, and the model has %zu %s!\n",
+                            line.substr(0, line.find(':') + 1).c_str(), entries, places, what);
+}
+
+void readesttau(CommandReader& reader, const TauFields& tau, const std::string& value) {
   needmodel("Estimated", tau);
   const int d = tau.order();
   if (d == 0) return;
@@ -65,6 +75,7 @@ void readesttau(const TauFields& tau, const std::string& value) {
         stopwith("Invalid number in %s specification: %s\n", tau.keyword, element.c_str());
     stopwith("There must be at least %lld elements of esttau%d specified\n", triangle(d), tau.number);
   }
+  checklength(reader, elements.size(), static_cast<std::size_t>(triangle(d)), "such elements");
   Array<double> matrix(at(d) * at(d));
   std::size_t n = 0;
   for (int i = 0; i < d; ++i)
@@ -78,13 +89,14 @@ void readesttau(const TauFields& tau, const std::string& value) {
   run.iter.*tau.haveest = true;
 }
 
-void readcontau(const TauFields& tau, const std::string& value) {
+void readcontau(CommandReader& reader, const TauFields& tau, const std::string& value) {
   needmodel("Constrained", tau);
   const long long places = triangle(tau.order());
   Array<int>& codes = run.iter.*tau.con;
   if (!(run.iter.*tau.havecon)) codes.reset(static_cast<std::size_t>(places));
   run.iter.*tau.havecon = true;
   const std::vector<std::string> elements = split(value, ',');
+  checklength(reader, elements.size(), static_cast<std::size_t>(places), "such elements");
   int first = 0;
   for (std::size_t i = 0; i < elements.size() && static_cast<long long>(i) < std::max(places, 1LL); ++i) {
     const int k = wholenumber(elements[i]);
@@ -191,6 +203,7 @@ void readlvr(CommandReader&, const std::string& value) {
   if (!run.answered.wholemodel()) stopwith("lvr must be specified after complete model\n");
   const int n = randomlevel2();
   if (n == 0) stopwith("There is no tau, so lvr cannot be used!\n");
+  if (value.size() >= 2 * at(n)) stopwith("lvr has letters for more than the %d coefficients random at level 3!\n", n);
   run.out.lvrroles.reset(at(n));
   run.out.lvr = false;
   for (std::size_t i = 0; i < at(n); ++i) {
@@ -204,15 +217,19 @@ void readlvr(CommandReader&, const std::string& value) {
   }
 }
 
-void readesttau2(CommandReader&, const std::string& value) { readesttau(taupi, value); }
-void readesttau3(CommandReader&, const std::string& value) { readesttau(taubeta, value); }
-void readcontau2(CommandReader&, const std::string& value) { readcontau(taupi, value); }
-void readcontau3(CommandReader&, const std::string& value) { readcontau(taubeta, value); }
+void readesttau2(CommandReader& reader, const std::string& value) { readesttau(reader, taupi, value); }
+void readesttau3(CommandReader& reader, const std::string& value) { readesttau(reader, taubeta, value); }
+void readcontau2(CommandReader& reader, const std::string& value) { readcontau(reader, taupi, value); }
+void readcontau3(CommandReader& reader, const std::string& value) { readcontau(reader, taubeta, value); }
 
 void readcontrast(CommandReader& reader, const std::string& value) {
   if (!run.answered.wholemodel()) stopwith("Gammas must be specified after complete model\n");
   const int hypothesis = wholenumber(reader.lines.line.substr(5));
-  if (hypothesis < 1 || hypothesis > maxhypotheses) return;
+  if (hypothesis < 1 || hypothesis > maxhypotheses) {
+    std::printf(" %s: hypotheses have the numbers 1 to %d: ignored\n",
+                printable(reader.lines.line.substr(0, reader.lines.line.find(':'))).c_str(), maxhypotheses);
+    return;
+  }
   if (hypothesis < reader.hypothesis) stopwith("The lines GAMMA%d: must stand together!\n", hypothesis);
   if (hypothesis > reader.hypothesis + 1)
     stopwith("There is no line GAMMA%d: before the line GAMMA%d:!\n", reader.hypothesis + 1, hypothesis);
@@ -238,7 +255,7 @@ void readcontrast(CommandReader& reader, const std::string& value) {
   }
 }
 
-void readconstrain(CommandReader&, const std::string& value) {
+void readconstrain(CommandReader& reader, const std::string& value) {
   const char letter = firstletter(value);
   if (letter == 'Y') return;
   run.answered.constrain = true;
@@ -247,7 +264,11 @@ void readconstrain(CommandReader&, const std::string& value) {
   const auto width = at(countfixedeffects());
   if (run.model.constraints.size() != width) run.model.constraints.reset(width);
   const std::vector<std::string> values = split(value, ',');
-  for (std::size_t i = 0; i < width && i < values.size(); ++i) run.model.constraints[i] = wholenumber(values[i]);
+  checklength(reader, values.size(), width, "fixed effects");
+  for (std::size_t i = 0; i < width && i < values.size(); ++i) {
+    if (!isreal(values[i])) stopwith("Invalid number in a constraint: %s\n", values[i].c_str());
+    run.model.constraints[i] = wholenumber(values[i]);
+  }
 }
 
 void readresfil1(CommandReader& reader, const std::string& value) {

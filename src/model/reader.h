@@ -16,6 +16,7 @@ struct CommandReader {
   int oddhypothesis = 0;              // of the first GAMMA line with more numbers than fixed effects, else with fewer
   int oddnumbers = 0;                 // their count
   bool toomany = false;               // they are more
+  std::string excess;                 // what to say of the first other list that is longer than the model
   int set = -1;                       // the equation set of the LEVEL1: line in hand
   int ncoef1 = 0;                     // level-1 coefficients of the set so far
   int ncoef2 = 0;                     // level-2 coefficients of the set so far

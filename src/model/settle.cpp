@@ -32,22 +32,31 @@ void checknonlinear() {
         " Use the stopmicro and stopmacro keywords.\n");
 }
 
+// Another value that the command file asks for is not passed over in silence.
+void holdsigma2(const char* reason) {
+  double& held = run.iter.fixsigma2;
+  if (held != 0.0 && held != 1.0)
+    std::printf(" FIXSIGMA2:%g has no effect: with %s sigma^2 is held at 1.\n", held, reason);
+  held = 1.0;
+}
+
 void settleengines() {
   const ModelKind& kind = run.kind;
   IterationControl& iter = run.iter;
   if (iter.laplace) {
     if (kind.nonlin != 1 || kind.nlcount) stopwith("LaPlace iterations may only be done on Bernoulli analyses.");
-    iter.fixsigma2 = 1.0;
+    holdsigma2("Laplace-6");
   }
   if (iter.agqpoints != 0) {
     if (kind.nonlin == 0) stopwith("Adaptive quadrature may only be done on non-linear analyses.\n");
-    iter.fixsigma2 = 1.0;
     if (kind.nonlin == 3) {
       std::printf(" The program cannot do adaptive quadrature for multinomial/ordinal runs yet.\n");
       iter.agqpoints = 0;
+    } else {
+      holdsigma2("adaptive quadrature");
     }
   }
-  if (kind.nonlin == 3) iter.fixsigma2 = 1.0;
+  if (kind.nonlin == 3) holdsigma2("categories");
   if (kind.nonlin == 1 || kind.nonlin == 2) iter.popavit = std::max(iter.popavit, 1);
   if (kind.nonlin != 0 && iter.agqpoints == 0 && !run.answered.stopmicro) iter.stopval = 1.0e-5;
 }
@@ -118,7 +127,7 @@ void settlerecord() {
   checkplausible();
   checkcountvariable();
   settleacceleration();
-  if (run.out.autovknown != 0) run.iter.fixsigma2 = 1.0;
+  if (run.out.autovknown != 0) holdsigma2("known variances");
   if (run.out.graph && run.kind.nonlin == 3) run.out.resfil1 = true;
   if (run.kind.nonlin != 0 && run.kind.nlcntvar != 0)
     run.model.wanted1vars1[static_cast<std::size_t>(run.kind.nlcntvar)] = 1;

@@ -124,9 +124,9 @@ AveragedFrame frameof(const ModelRows& rows, const SubrunShape& shape) {
   return frame;
 }
 
-// Fixed effects of a pass in the form of a record.
-SubrunEffects effectsof(const PassResults& results) {
-  const double sigma2 = results.est.sigma2;
+// Fixed effects of a pass in the form of a record, the covariances in units of the record's sigma^2. That of a
+// population-average pass is another one, by which its covariances cannot be brought back.
+SubrunEffects effectsof(const PassResults& results, double sigma2) {
   SubrunEffects effects;
   effects.gammahat = results.est.gammahat.copy();
   effects.vgamma = results.covariance.copy();
@@ -159,7 +159,7 @@ SubrunRecord recordof(const SubrunShape& shape, const PassResults& results) {
   }
   takesame(record.reliability2, results.reliabilities.level2);
   takesame(record.reliability3, results.reliabilities.level3);
-  record.effects = effectsof(results);
+  record.effects = effectsof(results, results.est.sigma2);
   record.testunits2 = results.tests.units2;
   record.testunits3 = results.tests.units3;
   takesame(record.chisq2, results.tests.chisq2);
@@ -255,7 +255,7 @@ void storesubrun(const PassResults& results) {
   const std::size_t place = run.series.mimode ? 0 : at(run.series.pvindex);
   if (results.kind == PassKind::populationaverage) {
     if (place >= series.records.size()) return;
-    series.records[place].popaverage = effectsof(results);
+    series.records[place].popaverage = effectsof(results, series.records[place].sigma2);
     series.whole = true;
     return;
   }

@@ -59,7 +59,7 @@ class Single:
         files = lambda **f: {} if weighted else {which: folder / name for which, name in f.items()}
         self.effects = [Effects(self.report, self.sigma2, files(final="gamvc.dat", robust="gamvcr.dat") if linear else
                                 files(final="gamvcus.dat"))]
-        self.effects += [Effects(section, section.sigma2 or 1.0, files(final="gamvcpa.dat", robust="gamvcpar.dat"))
+        self.effects += [Effects(section, self.sigma2, files(final="gamvcpa.dat", robust="gamvcpar.dat"))
                          for section in more]
         self.gamma, self.covariance = self.effects[0].gamma, self.effects[0].covariance.get("final")
 
