@@ -51,18 +51,14 @@ void addbarrier(FisherWork& fisher, int first, const Array<double>& t, int n, do
   Array<double> inverse(square(n));
   [[maybe_unused]] const Inversion inversion = invertsymmetric(n, t.data(), inverse.data());  // usable, so it exists
   const auto at2 = [&](int i, int j) { return inverse[i * n + j]; };
-  int x = first;
-  for (int i = 0; i < n; ++i)
-    for (int j = 0; j <= i; ++j, ++x) {
-      fisher.score[x] += barrier * (i == j ? 1.0 : 2.0) * at2(i, j);
-      int y = first;
-      for (int k = 0; k < n; ++k)
-        for (int l = 0; l <= k; ++l, ++y) {
-          const double copies = (i == j ? 1.0 : 2.0) * (k == l ? 1.0 : 2.0);
-          fisher.information[x * fisher.NT + y] +=
-              0.5 * barrier * copies * (at2(i, k) * at2(j, l) + at2(i, l) * at2(j, k));
-        }
-    }
+  eachelement(n, [&](int x, int i, int j) {
+    fisher.score[first + x] += barrier * (i == j ? 1.0 : 2.0) * at2(i, j);
+    eachelement(n, [&](int y, int k, int l) {
+      const double copies = (i == j ? 1.0 : 2.0) * (k == l ? 1.0 : 2.0);
+      fisher.information[(first + x) * fisher.NT + first + y] +=
+          0.5 * barrier * copies * (at2(i, k) * at2(j, l) + at2(i, l) * at2(j, k));
+    });
+  });
 }
 
 // The scoring step at the estimates at hand, and the rise that it promises; negative when there is none.
@@ -75,16 +71,6 @@ double scoringstep(Pass& pass, FisherWork& fisher, double barrier, Array<double>
   double rise = 0.0;
   for (std::size_t i = 0; i < step.size(); ++i) rise += step[i] * fisher.score[i];
   return rise;
-}
-
-// run.est = start + factor step; the fixed effects stay.
-void moveestimates(const Pass& pass, const Estimates& start, const Array<double>& step, double factor) {
-  const double* d = step.data();
-  run.est.taupi = start.taupi.copy();
-  run.est.taubeta = start.taubeta.copy();
-  addtriangle(run.est.taupi.data(), pass.p, d, factor);
-  addtriangle(run.est.taubeta.data(), pass.b, d + packedsize(pass.p), factor);
-  run.est.sigma2 = start.sigma2 + factor * step[step.size() - 1];
 }
 
 // Climbs to the maximum behind a barrier. False when it got no further.
@@ -120,12 +106,7 @@ bool nearedge(Pass& pass) {
   sizefisher(pass, fisher);
   Array<double> step;
   if (fisher.restriction.nfree == 0) return false;
-  if (scoringstep(pass, fisher, 0.0, step) < 0.0) return true;
-  Estimates here = run.est.copy();
-  moveestimates(pass, here, step, 1.0);
-  const bool outside = !usableestimates(pass);
-  run.est = std::move(here);
-  return outside;
+  return scoringstep(pass, fisher, 0.0, step) < 0.0 || !stepstays(pass, step, 1.0);
 }
 
 double searchedge(Pass& pass, double least) {

@@ -361,6 +361,23 @@ Array<double> scoringdirection(const FisherWork& fisher) {
   return d;
 }
 
+void moveestimates(const Pass& pass, const Estimates& start, const Array<double>& step, double factor) {
+  const double* d = step.data();
+  run.est.taupi = start.taupi.copy();
+  run.est.taubeta = start.taubeta.copy();
+  addtriangle(run.est.taupi.data(), pass.p, d, factor);
+  addtriangle(run.est.taubeta.data(), pass.b, d + packedsize(pass.p), factor);
+  run.est.sigma2 = start.sigma2 + factor * step[step.size() - 1];
+}
+
+bool stepstays(const Pass& pass, const Array<double>& step, double factor) {
+  Estimates here = run.est.copy();
+  moveestimates(pass, here, step, factor);
+  const bool usable = usableestimates(pass);
+  run.est = std::move(here);
+  return usable;
+}
+
 bool fisherpoint(Pass& pass, FisherWork& fisher) {
   const Inverses inv = invert(pass);
   PosteriorSums sums;

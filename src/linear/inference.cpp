@@ -49,14 +49,8 @@ double stepleft(const Pass& pass, const FisherWork& fisher) {
     if (variance > 0.0) largest = std::max(largest, std::fabs(d[i]) / std::sqrt(variance));
   }
   double factor = 1.0;
-  for (int t = 0; t < tries; ++t, factor *= 0.5) {
-    Array<double> taupi = run.est.taupi.copy(), taubeta = run.est.taubeta.copy();
-    addtriangle(taupi.data(), pass.p, d.data(), factor);
-    addtriangle(taubeta.data(), pass.b, d.data() + packedsize(pass.p), factor);
-    if (run.est.sigma2 + factor * d[d.size() - 1] > 0.0 && usablecovariance(taupi.data(), pass.p) &&
-        usablecovariance(taubeta.data(), pass.b))
-      return factor * largest;
-  }
+  for (int t = 0; t < tries; ++t, factor *= 0.5)
+    if (stepstays(pass, d, factor)) return factor * largest;
   return 0.0;
 }
 

@@ -91,7 +91,6 @@ double makefactor(std::size_t record, const double* values) {
 
 // The products of the unit at hand; a record is x = (row of A, y), times its factor if it has one.
 void addunit(RecordUnits& units, UnitProducts& products) {
-  products.AA2.fill(0.0);
   const RecordLayout& layout = units.layout;
   const int* column = layout.column.data();
   const double* shift = units.shift.data();
@@ -153,6 +152,14 @@ void relayunit(const UnitBlock& block, const RecordLayout& given, UnitBlock& to,
   }
 }
 
+void beginproducts(UnitProducts& products, int k, const UnitBlock& block) {
+  products.k = k;
+  products.nj = block.nj;
+  products.id2 = block.id2;
+  std::copy_n(block.level2.data(), products.level2.size(), products.level2.data());
+  products.AA2.fill(0.0);
+}
+
 void startrecords(RecordUnits& units) {
   units.layout = mdmlayout();
   units.mean2.reset(at(run.mdm.nvar2));
@@ -195,10 +202,7 @@ void centerblock(RecordUnits& units) {
 bool nextunit(RecordUnits& units, UnitProducts& products) {
   if (!nextblock(units)) return false;
   const UnitBlock& unit = units.unit;
-  products.k = units.k;
-  products.nj = unit.nj;
-  products.id2 = unit.id2;
-  std::copy_n(unit.level2.data(), products.level2.size(), products.level2.data());
+  beginproducts(products, units.k, unit);
   centerlevel1(units);
   for (std::size_t v = 0; v < products.level2.size(); ++v) products.level2[v] -= level2centre(units, v);
   addunit(units, products);

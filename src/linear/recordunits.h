@@ -34,6 +34,9 @@ void layvariables(RecordLayout& layout);
 // The variables of `layout`, and what is told of the unit, from a block with the layout `given`.
 void relayunit(const UnitBlock& block, const RecordLayout& given, UnitBlock& to, const RecordLayout& layout);
 
+// Begins the products of a unit: what its block tells of it, and no products by design weights yet.
+void beginproducts(UnitProducts& products, int k, const UnitBlock& block);
+
 // Whether the rows of the run have factors sqrt(w)/sqrt(v), which stand in run.weights.factor1.
 [[nodiscard]] bool havefactors();
 

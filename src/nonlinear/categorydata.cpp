@@ -101,12 +101,8 @@ void addrecord(Stacking& s, double* record, std::size_t number) {
 template <class Predict>
 void stackunit(Stacking& s, int k, UnitBlock& unit, Predict predict) {
   UnitProducts& products = s.fold.unit;
-  products.k = k;
-  products.nj = unit.nj;
-  products.id2 = unit.id2;
-  std::copy_n(unit.level2.data(), products.level2.size(), products.level2.data());
+  beginproducts(products, k, unit);
   products.AA.fill(0.0);
-  products.AA2.fill(0.0);
   for (int i = 0; i < unit.nj; ++i) {
     double* record = unit.records.data() + at(i) * at(s.layout.width);
     takepredictors(s, record);

@@ -141,7 +141,6 @@ void addunit(const Pass& pass, Step& step, UnitProducts& products) {
   const double *records = step.unit.records.data(), *z = step.z.data(), *roots = step.root.data();
   const std::size_t width = at(layout.width), first = step.record;
   const bool factors = havefactors();
-  products.AA2.fill(0.0);
   crossproducts(pass.npi + 1, step.unit.nj, products.AA.data(), step.x.data(), [&](auto n, int i, double* x) {
     const double* values = records + at(i) * width;
     const double root = roots[i];
@@ -204,12 +203,9 @@ void prepareworkingdata(Pass& pass, MacroState& state, const WorkingStep& kind, 
         lookover(step);
         predict(pass, step);
         makeworking(step);
+        beginproducts(fold.unit, k, unit);
         addunit(pass, step, fold.unit);
         if (to.stream != nullptr) rewriteunit(step, to);
-        fold.unit.k = k;
-        fold.unit.nj = unit.nj;
-        fold.unit.id2 = unit.id2;
-        std::copy_n(unit.level2.data(), fold.unit.level2.size(), fold.unit.level2.data());
         foldunit(fold);
         step.record += at(unit.nj);
       },
