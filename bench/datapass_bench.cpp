@@ -11,7 +11,7 @@
 
 #include <cstring>
 
-#include "linear/study.h"
+#include "estimate/linear/study.h"
 
 namespace {
 

@@ -6,9 +6,9 @@
 #include <random>
 
 #include "driver/runrecord.h"
-#include "linear/emstep.h"
-#include "linear/fisher.h"
-#include "linear/posterior.h"
+#include "estimate/linear/emstep.h"
+#include "estimate/linear/fisher.h"
+#include "estimate/linear/posterior.h"
 
 namespace {
 

@@ -12,7 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "nonlinear/madestudy.h"
+#include "estimate/likelihood/madestudy.h"
 
 namespace {
 

@@ -3,17 +3,14 @@ import pathlib
 import re
 import sys
 
-MAY_INCLUDE = {
-    "kernel": [],
-    "driver": ["kernel"],
-    "data": ["kernel", "driver"],
-    "model": ["kernel", "driver", "data"],
-    "report": ["kernel", "driver", "data", "model"],
-    "linear": ["kernel", "driver", "data", "model", "report"],
-    "nonlinear": ["kernel", "driver", "data", "model", "report", "linear"],
-    "multirun": ["kernel", "driver", "data", "model", "report", "linear", "nonlinear"],
-    "app": ["kernel", "driver", "data", "model", "report", "linear", "nonlinear", "multirun"],
-}
+LIBRARY = ["kernel", "core", "data", "estimate", "series"]  # what the estimation is made of, each on those before it
+PROGRAM = ["driver", "construct", "command", "report", "app"]  # the program around it
+
+MAY_INCLUDE = {room: LIBRARY[:i] for i, room in enumerate(LIBRARY)}
+MAY_INCLUDE |= {room: LIBRARY + PROGRAM[:i] for i, room in enumerate(PROGRAM)}
+# What the estimation still takes from the program.
+for room in ["core", "data", "estimate", "series"]:
+    MAY_INCLUDE[room] = MAY_INCLUDE[room] + ["driver", "command", "report", "construct"]
 
 root = pathlib.Path(sys.argv[1])
 wrong = []
@@ -21,7 +18,7 @@ for path in sorted(root.rglob("*.[ch]*")):
     name = path.relative_to(root).as_posix()
     room = name.split("/")[0]
     for line in path.read_text().splitlines():
-        match = re.match(r'\s*#\s*include\s+"([a-z]+)/', line)
+        match = re.match(r'\s*#\s*include\s+"([a-z0-9]+)/', line)
         if match and match[1] != room and match[1] not in MAY_INCLUDE[room]:
             wrong.append(f"{name}: {line.strip()}")
 print("\n".join(wrong) or "every include points the right way")

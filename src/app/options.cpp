@@ -14,9 +14,9 @@
 #include <string>
 #include <vector>
 
-#include "data/onefile.h"
+#include "construct/onefile.h"
+#include "construct/template.h"
 #include "data/scratch.h"
-#include "data/template.h"
 #include "driver/failures.h"
 #include "driver/questions.h"
 #include "driver/runrecord.h"

@@ -7,11 +7,11 @@
 #include <cstring>
 #include <string>
 
-#include "data/onefile.h"
+#include "construct/onefile.h"
+#include "core/formatted.h"
 #include "data/resultfile.h"
 #include "data/scratch.h"
 #include "driver/failures.h"
-#include "driver/formatted.h"
 #include "driver/runrecord.h"
 
 namespace kdr {

@@ -8,7 +8,7 @@
 #include <cstddef>
 #include <cstdio>
 
-#include "driver/names.h"
+#include "core/names.h"
 
 namespace kdr {
 

@@ -12,9 +12,9 @@
 #include <filesystem>
 #include <system_error>
 
-#include "driver/constants.h"
+#include "core/constants.h"
+#include "core/formatted.h"
 #include "driver/failures.h"
-#include "driver/formatted.h"
 
 namespace kdr {
 

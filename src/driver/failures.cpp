@@ -16,7 +16,7 @@
 #include <tuple>
 #include <utility>
 
-#include "driver/formatted.h"
+#include "core/formatted.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
 

@@ -5,8 +5,8 @@
 #include <cstdlib>
 #include <iterator>
 
+#include "core/formatted.h"
 #include "driver/failures.h"
-#include "driver/formatted.h"
 #include "driver/runrecord.h"
 #include "driver/terminal.h"
 

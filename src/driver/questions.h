@@ -4,7 +4,7 @@
 #include <functional>
 #include <string>
 
-#include "driver/names.h"
+#include "core/names.h"
 #include "kernel/array.h"
 
 namespace kdr {

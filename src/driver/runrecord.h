@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "driver/constants.h"
-#include "driver/modelspec.h"
-#include "driver/names.h"
+#include "core/constants.h"
+#include "core/modelspec.h"
+#include "core/names.h"
 #include "kernel/array.h"
 
 namespace kdr {

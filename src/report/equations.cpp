@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "driver/formatted.h"
+#include "core/formatted.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
 #include "report/modelrows.h"

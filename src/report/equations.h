@@ -1,7 +1,7 @@
 // The model as equations of its levels and as one mixed equation.
 #pragma once
 
-#include "driver/names.h"
+#include "core/names.h"
 #include "kernel/array.h"
 
 namespace kdr {

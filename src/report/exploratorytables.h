@@ -3,8 +3,8 @@
 
 #include <vector>
 
-#include "driver/constants.h"
-#include "driver/tables.h"
+#include "core/constants.h"
+#include "core/tables.h"
 
 namespace kdr {
 

@@ -4,11 +4,11 @@
 #include <limits>
 #include <string>
 
-#include "driver/constants.h"
-#include "driver/formatted.h"
+#include "core/constants.h"
+#include "core/formatted.h"
+#include "core/tables.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
-#include "driver/tables.h"
 #include "kernel/distributions.h"
 #include "kernel/sizes.h"
 #include "report/modelrows.h"

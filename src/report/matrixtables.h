@@ -1,7 +1,7 @@
 // The covariance matrices of the random effects, as covariances and as correlations.
 #pragma once
 
-#include "driver/tables.h"
+#include "core/tables.h"
 
 namespace kdr {
 

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "driver/tables.h"
-#include "model/modelwalk.h"
+#include "core/modelwalk.h"
+#include "core/tables.h"
 
 namespace kdr {
 

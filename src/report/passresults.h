@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "driver/constants.h"
+#include "core/constants.h"
 #include "driver/runrecord.h"
 #include "kernel/array.h"
 #include "report/degreesoffreedom.h"

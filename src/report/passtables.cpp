@@ -1,6 +1,6 @@
 #include "report/passtables.h"
 
-#include "driver/formatted.h"
+#include "core/formatted.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
 #include "report/fixedtable.h"

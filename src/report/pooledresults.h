@@ -23,8 +23,9 @@ struct Pooled {
   int M = 0;  // sub-runs
   double sigma2 = 0.0;
   Array<double> taupi, taubeta;  // q squared, r squared
-  // Standard errors of sigma2 and the taus. `zerovar` counts sub-runs whose variance of sigma2, or, where sigma2 is held,
-  // the whole covariance of the taus, is exactly 0.0; with one of them, or without shape.fisher, no errors are known.
+  // Standard errors of sigma2 and the taus. `zerovar` counts sub-runs whose variance of sigma2, or, where sigma2 is
+  // held, the whole covariance of the taus, is exactly 0.0; with one of them, or without shape.fisher, no errors are
+  // known.
   bool errorsknown = false;
   int zerovar = 0;
   double sigma2error = 0.0;

@@ -9,10 +9,10 @@
 #include <cstdio>
 #include <utility>
 
-#include "data/fileclashes.h"
+#include "construct/fileclashes.h"
+#include "core/formatted.h"
 #include "data/scratch.h"
 #include "driver/failures.h"
-#include "driver/formatted.h"
 #include "driver/questions.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"

@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "driver/names.h"
+#include "core/names.h"
 
 namespace kdr {
 

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "driver/names.h"
+#include "core/names.h"
 #include "report/modelrows.h"
 
 namespace kdr {

@@ -1,7 +1,7 @@
 // Reliabilities of the random coefficients, and tests of their variances.
 #pragma once
 
-#include "driver/tables.h"
+#include "core/tables.h"
 
 namespace kdr {
 

@@ -5,8 +5,8 @@
 #include <cstring>
 #include <random>
 
-#include "data/child.h"
-#include "data/numberbytes.h"
+#include "construct/child.h"
+#include "construct/numberbytes.h"
 #include "data/scratch.h"
 #include "data/unitreader.h"
 #include "driver/failures.h"
@@ -30,7 +30,8 @@ struct Sample {
   }
   [[nodiscard]] std::string file() const {
     std::string out = "MXKDR3" + lowbytes(version) + lowbytes(numl1var) + lowbytes(numl2var) + lowbytes(numl3var) +
-                      lowbytes(numl1rec) + lowbytes(numl2rec) + lowbytes(numl3rec) + lowbytes(l1missing) + lowbytes(timeofdeletion);
+                      lowbytes(numl1rec) + lowbytes(numl2rec) + lowbytes(numl3rec) + lowbytes(l1missing) +
+                      lowbytes(timeofdeletion);
     if (version > 6.295) out += lowbytes(mdmtype);
     out += lowbytes(numeric ? -rawdattype : rawdattype) + lowbytes(maxnj);
     out += fixed("INTRCPT1    ", 13, '\0') + fixed(name, 13, '\0') + fixed("       Y    ", 13, '\0');

@@ -5,7 +5,7 @@
 
 #include <set>
 
-#include "data/child.h"
+#include "construct/child.h"
 
 namespace kdr {
 namespace {

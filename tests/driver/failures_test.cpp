@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "data/child.h"
+#include "construct/child.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
 

@@ -2,7 +2,7 @@
 
     rawfiles_test.py <program>
 
-The small files in tests/data/files were written by rawfiles.R and pandasfiles.py of tests/reference; the whole study is
+The small files in tests/construct/files were written by rawfiles.R and pandasfiles.py of tests/reference; the whole study is
 written by PSPP here.
 """
 import os

@@ -112,7 +112,7 @@ def sessions():
 
 def choosing():
     """IDs and variables from the rows of .sav files; the marks are those of a template."""
-    files = [str(ROOT / "tests" / "data" / "files" / f"savbyte-{level}.sav") for level in (1, 2, 3)]
+    files = [str(ROOT / "tests" / "construct" / "files" / f"savbyte-{level}.sav") for level in (1, 2, 3)]
     head = ("#KDR3 MDM CREATION TEMPLATE\nmdmtype:0\nrawdattype:spss\n" +
             "".join(f"l{i + 1}fname:{name}\n" for i, name in enumerate(files)) +
             "l1missing:y\ntimeofdeletion:analysis\nmdmname:sav.mdm\n")
@@ -298,7 +298,7 @@ def startingvalues():
 
 def otherpackages():
     """Stata files, and files with a type word: the file made by questions is the one that the template makes."""
-    folder = ROOT / "tests" / "data" / "files"
+    folder = ROOT / "tests" / "construct" / "files"
     asked = "\nEnter Stat/Transfer filename for level-%d or hit enter to be prompted:"
     # Name of the files, type word, answers at each level: the IDs and the variables.
     cases = (

@@ -90,7 +90,7 @@ JOBS = {
 }
 
 
-FILES = pathlib.Path(__file__).resolve().parents[1] / "data" / "files"  # sample<level>: one study in many formats
+FILES = pathlib.Path(__file__).resolve().parents[1] / "construct" / "files"  # sample<level>: one study in many formats
 OTHER = """#KDR3 MDM CREATION TEMPLATE
 mdmtype:0
 rawdattype:other

@@ -1,8 +1,8 @@
 // Fixed-format text. The first byte of the input is the number of variables, the rest of the first line the format of
 // all three levels, and what follows the data of all three levels.
-#include "data/construction.h"
-#include "data/levelsource.h"
-#include "data/readers/ascii.h"
+#include "construct/construction.h"
+#include "construct/levelsource.h"
+#include "construct/readers/ascii.h"
 #include "data/scratch.h"
 #include "harness.h"
 

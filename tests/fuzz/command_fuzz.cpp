@@ -3,11 +3,11 @@
 #include <fstream>
 #include <iterator>
 
+#include "command/complete.h"
+#include "command/constraints.h"
+#include "command/smallmdm.h"
+#include "command/writer.h"
 #include "harness.h"
-#include "model/complete.h"
-#include "model/constraints.h"
-#include "model/smallmdm.h"
-#include "model/writer.h"
 
 using namespace kdr;
 

@@ -1,8 +1,8 @@
 // What the targets of binary raw files share: one file serves all three levels.
 #pragma once
 
-#include "data/construction.h"
-#include "data/levelsource.h"
+#include "construct/construction.h"
+#include "construct/levelsource.h"
 #include "data/scratch.h"
 #include "harness.h"
 

@@ -1,9 +1,9 @@
 // Templates. The input is the template; the raw files "a", "b" and "c" of fixed columns, and
 // "d", "e" and "f" of delimited text, are there for it to name.
-#include "data/construction.h"
-#include "data/levelsource.h"
+#include "construct/construction.h"
+#include "construct/levelsource.h"
+#include "construct/template.h"
 #include "data/scratch.h"
-#include "data/template.h"
 #include "harness.h"
 
 using namespace kdr;

@@ -1,6 +1,6 @@
 // Workbooks of Excel 97 to 2003. An input that begins like a compound file behind its first byte is one. Any other
 // holds the records of a workbook, which are put into one here.
-#include "../data/workbook97.h"
+#include "../construct/workbook97.h"
 #include "rawfile.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

@@ -1,7 +1,7 @@
 // Workbooks of Excel 2007 and later. An input that starts with PK behind its first byte is an archive. Of any other,
 // zero bytes part the sheet's rows, the shared texts and the formats of an archive that is made here: mutations of a
 // packed one would all end at its checksums.
-#include "../data/workbook.h"
+#include "../construct/workbook.h"
 #include "rawfile.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

@@ -1,6 +1,6 @@
 # From the tables that otherfiles.py made: SAS transport, SAS data sets, Stata, SPSS and dBASE files and workbooks of
 # the same data.
-# Rscript otherfiles.R, in tests/data/files.
+# Rscript otherfiles.R, in tests/construct/files.
 library(haven)
 library(foreign)
 library(openxlsx)

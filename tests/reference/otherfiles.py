@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""Makes the sample of examples/chem97 that the raw readers are held against, in tests/data/files: fixed columns, a plain
+"""Makes the sample of examples/chem97 that the raw readers are held against, in tests/construct/files: fixed columns, a plain
 table for the R script beside this one, delimited text, and Excel workbooks (python3-xlwt, python3-openpyxl). A few level-1 values are
-missing. In tests/data/files, run it first, then otherfiles.R, then otherfiles.sps (through pspp)."""
+missing. In tests/construct/files, run it first, then otherfiles.R, then otherfiles.sps (through pspp)."""
 import csv
 import os
 

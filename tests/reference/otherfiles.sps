@@ -1,4 +1,4 @@
-* SPSS portable files of the same data: pspp otherfiles.sps, in tests/data/files.
+* SPSS portable files of the same data: pspp otherfiles.sps, in tests/construct/files.
 GET FILE='sample1.sav'.
 EXPORT OUTFILE='sample1.por'.
 GET FILE='sample2.sav'.

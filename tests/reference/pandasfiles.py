@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Stata files by pandas (1.5.3, python3-pandas), in tests/data/files: release 10 of the 300 candidates that rawfiles.R
+"""Stata files by pandas (1.5.3, python3-pandas), in tests/construct/files: release 10 of the 300 candidates that rawfiles.R
 tells of, and releases 13 and 14 of the sample that otherfiles.py made, which has to run first."""
 import os
 

@@ -1,4 +1,4 @@
-# The raw data files of tests/data/files: the first 300 candidates of examples/chem97 with their schools and
+# The raw data files of tests/construct/files: the first 300 candidates of examples/chem97 with their schools and
 # authorities, written by the packages foreign and haven. Run from the root of the repository.
 #
 # IDs stand there as numbers (LEA, SCHOOL) and as texts (LEAT, SCHOOLT). GAP is SCORE with holes: records 7, 14, ...
@@ -28,7 +28,7 @@ plain <- as.numeric(replace(l1$SCORE, record %% 7 == 0 | record %% 11 == 0, NA))
 own <- function(code) ifelse(record %% 7 == 0, NA, ifelse(record %% 11 == 0, code, as.numeric(l1$SCORE)))
 
 place <- function(name, level) {
-  sprintf("tests/data/files/%s-%d.%s", name, level, if (grepl("^sav", name)) "sav" else "dta")
+  sprintf("tests/construct/files/%s-%d.%s", name, level, if (grepl("^sav", name)) "sav" else "dta")
 }
 labelled1 <- function(data, gap, form = "%05d") {
   data$GAP <- gap

@@ -3,10 +3,10 @@
 
 #include <gtest/gtest.h>
 
-#include "driver/constants.h"
+#include "core/constants.h"
 #include "driver/runrecord.h"
-#include "multirun/latentregression.h"
 #include "report/reportfixture.h"
+#include "series/latentregression.h"
 
 namespace kdr {
 namespace {

@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "driver/names.h"
+#include "command/complete.h"
+#include "core/names.h"
 #include "driver/runrecord.h"
-#include "model/complete.h"
 #include "report/equations.h"
 #include "report/stream.h"
 #include "report/symbols.h"

@@ -9,10 +9,10 @@
 #include <string>
 #include <vector>
 
-#include "data/child.h"
-#include "driver/constants.h"
+#include "command/complete.h"
+#include "construct/child.h"
+#include "core/constants.h"
 #include "driver/runrecord.h"
-#include "model/complete.h"
 #include "report/residual/numbers.h"
 #include "report/residual/residualfile.h"
 

@@ -5,7 +5,7 @@
 
 #include <filesystem>
 
-#include "data/child.h"
+#include "construct/child.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
 #include "report/header.h"

@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "driver/constants.h"
+#include "core/constants.h"
 #include "report/residual/forms.h"
 
 namespace kdr {

@@ -1,0 +1,93 @@
+#include "command/categories.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <set>
+#include <string>
+
+#include "command/text.h"
+#include "driver/failures.h"
+#include "driver/runrecord.h"
+
+namespace kdr {
+
+namespace {
+
+// Ints that all equation tables may hold together.
+constexpr double mostcells = 1.0e8;
+// From 1000 on the names of thresholds agree in their 8 significant characters.
+constexpr int mostthresholds = 998;
+
+void checkcategories(int thresholds) {
+  const MdmData& mdm = run.mdm;
+  const int ncat = run.kind.ncat;
+  if (ncat < 2) stopwith("The number of categories must be 2 or more!\n");
+  const double width1 = mdm.nvar1 + 1.0 + thresholds;
+  const double cells = width1 * (mdm.ncol2 + maxextra + 4.0) + mdm.ncol2 * width1 * (mdm.ncol3 + maxextra + 3.0);
+  const double sets = run.kind.ordinal ? 1.0 : ncat - 1.0;
+  if (thresholds > mostthresholds || cells * sets > mostcells)
+    stopwith("The model is too big for %d categories!\n", ncat);
+  if (!run.kind.ordinal) return;
+  for (int v = 1; v <= mdm.nvar1; ++v)
+    if (beginswith(leftname(mdm.names1[static_cast<std::size_t>(v)]), "THOLD"))
+      stopwith("Variable names starting with THOLD are reserved for ordinal runs\n");
+}
+
+void addthresholds(int thresholds) {
+  MdmData& mdm = run.mdm;
+  for (int k = 0; k < thresholds; ++k) {
+    char name[20];
+    std::snprintf(name, sizeof name, k + 2 < 10 ? "THOLD%1d" : "THOLD%2d", k + 2);
+    const int v = mdm.nvar1 + 1 + k;
+    mdm.names1[static_cast<std::size_t>(v)] = paddedname(name);
+    run.model.use1.row(0)[v] = 1;
+  }
+}
+
+}  // namespace
+
+Array<Name> categorylabels(const double* values, int n) {
+  Array<Name> labels(static_cast<std::size_t>(n));
+  const auto distinct = [&] {
+    std::set<std::string> texts;
+    for (const Name& label : labels) texts.insert(label.text);
+    return texts.size() == labels.size();
+  };
+  const auto label = [&](const char* format, int digits, int width) {
+    for (int k = 0; k < n; ++k) {
+      char text[400];
+      std::snprintf(text, sizeof text, format, digits, values[k]);
+      Name& name = labels[static_cast<std::size_t>(k)];
+      std::snprintf(name.text, sizeof name.text, "%.*s", width, text);
+    }
+  };
+  label("%.*f", 0, 4);
+  for (int digits = 1; digits <= 12 && !distinct(); ++digits) label("%.*g", digits, 12);
+  return labels;
+}
+
+void makeequationsets() {
+  MdmData& mdm = run.mdm;
+  const bool multi = run.kind.nonlin == 3;
+  const int thresholds = multi && run.kind.ordinal ? std::max(0, run.kind.ncat - 2) : 0;
+  if (multi) checkcategories(thresholds);
+  run.kind.neqsets = multi && !run.kind.ordinal ? run.kind.ncat - 1 : 1;
+  mdm.ncol1 = mdm.nvar1 + 1 + thresholds;
+  mdm.maxbeta = mdm.ncol2 * (mdm.ncol1 - 1);
+  mdm.names1.resize(static_cast<std::size_t>(mdm.nvar1) + 1);
+  mdm.names1.resize(static_cast<std::size_t>(mdm.ncol1));
+
+  ModelSpec earlier = std::move(run.model);
+  run.model = ModelSpec{};
+  allocatemodel();
+  if (earlier.delete1.size() == run.model.delete1.size()) run.model.delete1 = std::move(earlier.delete1);
+  for (Array<int> ModelSpec::*list : {&ModelSpec::wanted1vars1, &ModelSpec::wanted1vars2, &ModelSpec::wanted1vars3,
+                                      &ModelSpec::wanted2vars2, &ModelSpec::wanted2vars3, &ModelSpec::wanted3vars3}) {
+    const Array<int>& old = earlier.*list;
+    Array<int>& now = run.model.*list;
+    std::copy_n(old.begin(), std::min(old.size(), now.size()), now.begin());
+  }
+  addthresholds(thresholds);
+}
+
+}  // namespace kdr

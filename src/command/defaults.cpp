@@ -1,0 +1,60 @@
+#include "command/defaults.h"
+
+#include <string>
+
+#include "command/categories.h"
+#include "driver/runrecord.h"
+
+namespace kdr {
+
+namespace {
+
+struct DefaultNames {
+  int resfiltype;
+  const char* names[3];
+};
+
+constexpr DefaultNames defaultnames[] = {
+    {2, {"resfil1.dat", "resfil2.dat", "resfil3.dat"}}, {3, {"RESFIL1.CMD", "RESFIL2.CMD", "RESFIL3.CMD"}},
+    {5, {"resfil1.sas", "resfil2.sas", "resfil3.sas"}}, {6, {"resfil1.sav", "resfil2.sav", "resfil3.sav"}},
+    {8, {"resfil1.dta", "resfil2.dta", "resfil3.dta"}},
+};
+
+std::string* residualname(int level) {
+  std::string* names[] = {&run.files.resfil1name, &run.files.resfil2name, &run.files.resfil3name};
+  return names[level];
+}
+
+}  // namespace
+
+void setresfilnames() {
+  for (const DefaultNames& row : defaultnames)
+    for (int level = 0; level < 3; ++level)
+      if (row.resfiltype == run.out.resfiltype && residualname(level)->empty()) *residualname(level) = row.names[level];
+}
+
+void changeresfiltype(int resfiltype) {
+  for (const DefaultNames& row : defaultnames)
+    for (int level = 0; level < 3; ++level)
+      if (row.resfiltype == run.out.resfiltype && *residualname(level) == row.names[level])
+        residualname(level)->clear();
+  run.out.resfiltype = resfiltype;
+  setresfilnames();
+}
+
+void resetkeywords() {
+  RunFiles& files = run.files;
+  for (std::string* text : {&files.outfile, &files.title, &files.startvals, &files.graphgammas, &files.resfil1name,
+                            &files.resfil2name, &files.resfil3name})
+    text->clear();
+  run.iter = IterationControl{};
+  run.out = OutputControl{};
+  run.answered = AnsweredMarks{};
+  ModelKind& kind = run.kind;
+  kind.nonlin = kind.ncat = kind.nlcntvar = kind.outvar = 0;
+  kind.ordinal = kind.nlcount = kind.nointercept1 = false;
+  run.model = ModelSpec{};
+  makeequationsets();
+}
+
+}  // namespace kdr

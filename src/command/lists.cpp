@@ -1,0 +1,300 @@
+// Keywords whose values are lists.
+#include <algorithm>
+#include <climits>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "command/categories.h"
+#include "command/complete.h"
+#include "command/reader.h"
+#include "command/text.h"
+#include "core/formatted.h"
+#include "driver/failures.h"
+#include "driver/runrecord.h"
+
+namespace kdr {
+
+namespace {
+
+std::size_t at(int i) { return static_cast<std::size_t>(i); }
+
+// The levels' tau matrices side by side.
+struct TauFields {
+  const char *greek, *keyword;
+  int number;
+  int (*order)();
+  bool IterationControl::*haveest;
+  Array<double> IterationControl::*est;
+  bool IterationControl::*havecon;
+  Array<int> IterationControl::*con;
+};
+
+constexpr TauFields taupi = {"pi",
+                             "esttau2",
+                             1,
+                             randomlevel1,
+                             &IterationControl::haveesttau2,
+                             &IterationControl::esttau2,
+                             &IterationControl::havecontau2,
+                             &IterationControl::contau2};
+constexpr TauFields taubeta = {"beta",
+                               "esttau3",
+                               2,
+                               randomlevel2,
+                               &IterationControl::haveesttau3,
+                               &IterationControl::esttau3,
+                               &IterationControl::havecontau3,
+                               &IterationControl::contau3};
+
+// Elements of the lower triangle of a tau.
+long long triangle(int order) { return static_cast<long long>(order) * (order + 1) / 2; }
+
+void needmodel(const char* kind, const TauFields& tau) {
+  if (!run.answered.wholemodel()) stopwith("%s tau(%s) must be specified after complete model\n", kind, tau.greek);
+}
+
+// A list with more entries than the model has a use for. It is told at the end of the file: the rest of the model may
+// stand below the list, which then has another fault.
+void checklength(CommandReader& reader, std::size_t entries, std::size_t places, const char* what) {
+  if (entries <= places || !reader.excess.empty()) return;
+  const std::string& line = reader.lines.line;
+  reader.excess = formatted("The line %s has %zu numbers, and the model has %zu %s!\n",
+                            line.substr(0, line.find(':') + 1).c_str(), entries, places, what);
+}
+
+void readesttau(CommandReader& reader, const TauFields& tau, const std::string& value) {
+  needmodel("Estimated", tau);
+  const int d = tau.order();
+  if (d == 0) return;
+  const std::vector<std::string> elements = split(value, ',');
+  if (static_cast<long long>(elements.size()) < triangle(d)) {
+    // An element that cannot be read is told first.
+    for (const std::string& element : elements)
+      if (!sameword(element, "E") && !isreal(element))
+        stopwith("Invalid number in %s specification: %s\n", tau.keyword, element.c_str());
+    stopwith("There must be at least %lld elements of esttau%d specified\n", triangle(d), tau.number);
+  }
+  checklength(reader, elements.size(), static_cast<std::size_t>(triangle(d)), "such elements");
+  Array<double> matrix(at(d) * at(d));
+  std::size_t n = 0;
+  for (int i = 0; i < d; ++i)
+    for (int j = 0; j <= i; ++j) {
+      const std::string& element = elements[n++];
+      const bool free = sameword(element, "E");
+      if (!free && !isreal(element)) stopwith("Invalid number in %s specification: %s\n", tau.keyword, element.c_str());
+      matrix[at(i) * at(d) + at(j)] = matrix[at(j) * at(d) + at(i)] = free ? missingcode : realnumber(element);
+    }
+  run.iter.*tau.est = std::move(matrix);
+  run.iter.*tau.haveest = true;
+}
+
+void readcontau(CommandReader& reader, const TauFields& tau, const std::string& value) {
+  needmodel("Constrained", tau);
+  const long long places = triangle(tau.order());
+  Array<int>& codes = run.iter.*tau.con;
+  if (!(run.iter.*tau.havecon)) codes.reset(static_cast<std::size_t>(places));
+  run.iter.*tau.havecon = true;
+  const std::vector<std::string> elements = split(value, ',');
+  checklength(reader, elements.size(), static_cast<std::size_t>(places), "such elements");
+  int first = 0;
+  for (std::size_t i = 0; i < elements.size() && static_cast<long long>(i) < std::max(places, 1LL); ++i) {
+    const int k = wholenumber(elements[i]);
+    if (k < 1 || k > places)
+      stopwith("Element %s of tau(%s) is outside its %lld elements\n", elements[i].c_str(), tau.greek, places);
+    int& code = codes[at(k) - 1];
+    if (code != 0) stopwith("An element of tau(%s) has been constrained more than once\n", tau.greek);
+    if (i == 0) first = k;
+    code = i == 0 ? first : -first;
+  }
+}
+
+// Marks the variables of one list of a residual file.
+void marklist(CommandReader& reader, const char* what, const std::string& list, const Array<Name>& names, int nvar,
+              Array<int>& flags) {
+  if (list.empty()) return;
+  for (const std::string& name : split(list, ',')) {
+    if (name.empty()) badspecification(what, reader.lines.line);
+    flags[at(variable(what, name, names, nvar, 0))] = 1;
+  }
+}
+
+// The lists behind the slashes, `wanted` of them; missing ones are empty.
+std::vector<std::string> slashlists(const std::string& value, std::size_t wanted) {
+  const std::size_t slash = value.find('/');
+  std::vector<std::string> lists;
+  if (slash != std::string::npos) lists = split(std::string_view(value).substr(slash + 1), '/');
+  lists.resize(wanted);
+  return lists;
+}
+
+void refuselatetables() {
+  const AnsweredMarks& read = run.answered;
+  if (read.level1 || read.level2 || read.level3 || read.resfil2 || read.resfil3)
+    stopwith("Nonlin:ordinal/multinomial must be specified before model or residual file\n");
+}
+
+}  // namespace
+
+void readnonlin(CommandReader&, const std::string& value) {
+  struct Type {
+    const char* word;
+    int nonlin;
+    bool ordinal;
+  };
+  constexpr Type types[] = {{"BINOMIAL", 1, false},
+                            {"BERNOULLI", 1, false},
+                            {"POISSON", 2, false},
+                            {"MULTINOMIAL", 3, false},
+                            {"ORDINAL", 3, true}};
+  run.answered.nonlin = true;
+  if (firstletter(value) == 'N') return;
+  const Type* type = nullptr;
+  for (const Type& candidate : types)
+    if (beginswith(value, candidate.word)) type = &candidate;
+  if (type == nullptr)
+    stopwith("Incorrect non-linear type: %s\n Valid are N, BERNOULLI, BINOMIAL, POISSON, MULTINOMIAL and ORDINAL\n",
+             value.c_str());
+
+  ModelKind& kind = run.kind;
+  const bool newtables = type->nonlin == 3 || kind.nonlin == 3;
+  if (newtables) refuselatetables();
+  kind.nonlin = type->nonlin;
+  kind.ordinal = type->ordinal;
+  const std::vector<std::string> fields = split(value, ',');
+  const std::string second = fields.size() > 1 ? fields[1] : "";
+  if (type->nonlin == 3) {
+    if (second.empty()) stopwith("For multinomial/ordinal, you must specify the number of categories\n");
+    kind.ncat = wholenumber(second);
+  } else if (fields.size() > 1) {
+    kind.nlcntvar = variable("nlcntvar", second, run.mdm.names1, run.mdm.nvar1);
+    kind.nlcount = true;
+    run.model.wanted1vars1[at(kind.nlcntvar)] = 1;
+  }
+  if (newtables) makeequationsets();
+}
+
+void readdeletion(CommandReader&, const std::string& value) {
+  run.answered.deletion = true;
+  if (sameword(value, "NONE")) return;
+  for (const std::string& name : split(value, ','))
+    run.model.delete1[at(variable("level1deletion", name, run.mdm.names1, run.mdm.nvar1)) - 1] = 2;
+}
+
+void readplausvals(CommandReader&, const std::string& value) {
+  if (sameword(value, "N")) return;
+  if (!run.answered.level1) stopwith("plausvals must be specified after level-1 model\n");
+  SeriesMode& series = run.series;
+  if (!series.pvfirst && !series.pvmode) {
+    series.pvfirst = series.pvmode = true;
+    series.pvindex = series.pvcurrent = 0;
+  }
+  const std::vector<std::string> names = split(value, ',');
+  series.pvlist.reset(names.size());
+  series.nsets = static_cast<int>(names.size());
+  for (std::size_t i = 0; i < names.size(); ++i)
+    series.pvlist[i] = variable("plausvals", names[i], run.mdm.names1, run.mdm.nvar1);
+  if (series.pvfirst) series.pvcurrent = series.pvlist[0];
+}
+
+void readlvr(CommandReader&, const std::string& value) {
+  run.answered.lvr = true;
+  if (firstletter(value) == 'N') return;
+  if (!run.answered.wholemodel()) stopwith("lvr must be specified after complete model\n");
+  const int n = randomlevel2();
+  if (n == 0) stopwith("There is no tau, so lvr cannot be used!\n");
+  if (value.size() >= 2 * at(n)) stopwith("lvr has letters for more than the %d coefficients random at level 3!\n", n);
+  run.out.lvrroles.reset(at(n));
+  run.out.lvr = false;
+  for (std::size_t i = 0; i < at(n); ++i) {
+    const char letter = 2 * i < value.size() ? firstletter(value.substr(2 * i, 1)) : '\0';
+    if (letter != 'I' && letter != 'O' && letter != 'P') {
+      std::printf("lvr must be specifed as o, p or i");
+      stoprun(8);
+    }
+    run.out.lvrroles[i] = letter == 'O' ? 1 : letter == 'P' ? 2 : 0;
+    run.out.lvr = run.out.lvr || letter != 'I';
+  }
+}
+
+void readesttau2(CommandReader& reader, const std::string& value) { readesttau(reader, taupi, value); }
+void readesttau3(CommandReader& reader, const std::string& value) { readesttau(reader, taubeta, value); }
+void readcontau2(CommandReader& reader, const std::string& value) { readcontau(reader, taupi, value); }
+void readcontau3(CommandReader& reader, const std::string& value) { readcontau(reader, taubeta, value); }
+
+void readcontrast(CommandReader& reader, const std::string& value) {
+  if (!run.answered.wholemodel()) stopwith("Gammas must be specified after complete model\n");
+  const int hypothesis = wholenumber(reader.lines.line.substr(5));
+  if (hypothesis < 1 || hypothesis > maxhypotheses) {
+    std::printf(" %s: hypotheses have the numbers 1 to %d: ignored\n",
+                printable(reader.lines.line.substr(0, reader.lines.line.find(':'))).c_str(), maxhypotheses);
+    return;
+  }
+  if (hypothesis < reader.hypothesis) stopwith("The lines GAMMA%d: must stand together!\n", hypothesis);
+  if (hypothesis > reader.hypothesis + 1)
+    stopwith("There is no line GAMMA%d: before the line GAMMA%d:!\n", reader.hypothesis + 1, hypothesis);
+  reader.hypothesis = hypothesis;
+  short& rows = run.model.hypothesisrows[at(hypothesis) - 1];
+  const auto width = at(countfixedeffects());
+  if (rows == SHRT_MAX) stopwith("There are too many contrasts in hypothesis %d!\n", hypothesis);
+  ++rows;
+  run.answered.gammas = run.model.nhypotheses = true;
+  Array<double>& contrasts = run.model.contrasts;
+  const std::size_t start = contrasts.size();
+  contrasts.resize(start + width);
+  const std::vector<std::string> values = split(value, ',');
+  const bool toomany = values.size() > width;
+  if ((toomany && !reader.toomany) || (values.size() < width && reader.oddhypothesis == 0)) {
+    reader.toomany = toomany;
+    reader.oddhypothesis = hypothesis;
+    reader.oddnumbers = static_cast<int>(values.size());
+  }
+  for (std::size_t i = 0; i < width && i < values.size(); ++i) {
+    if (!iswholereal(values[i])) stopwith("Invalid number in a contrast: %s\n", values[i].c_str());
+    contrasts[start + i] = realnumber(values[i]);
+  }
+}
+
+void readconstrain(CommandReader& reader, const std::string& value) {
+  const char letter = firstletter(value);
+  if (letter == 'Y') return;
+  run.answered.constrain = true;
+  if (letter == 'N') return;
+  if (!run.answered.wholemodel()) stopwith("Constraints must be specified after complete model\n");
+  const auto width = at(countfixedeffects());
+  if (run.model.constraints.size() != width) run.model.constraints.reset(width);
+  const std::vector<std::string> values = split(value, ',');
+  checklength(reader, values.size(), width, "fixed effects");
+  for (std::size_t i = 0; i < width && i < values.size(); ++i) {
+    if (!isreal(values[i])) stopwith("Invalid number in a constraint: %s\n", values[i].c_str());
+    run.model.constraints[i] = wholenumber(values[i]);
+  }
+}
+
+void readresfil1(CommandReader& reader, const std::string& value) {
+  run.answered.resfil1 = true;
+  if (firstletter(value) == 'N') return;
+  run.out.resfil1 = true;
+  const std::vector<std::string> lists = slashlists(value, 3);
+  marklist(reader, "resfil1", lists[0], run.mdm.names1, run.mdm.nvar1, run.model.wanted1vars1);
+  marklist(reader, "resfil1", lists[1], run.mdm.names2, run.mdm.nvar2, run.model.wanted1vars2);
+  marklist(reader, "resfil1", lists[2], run.mdm.names3, run.mdm.nvar3, run.model.wanted1vars3);
+}
+
+void readresfil2(CommandReader& reader, const std::string& value) {
+  run.answered.resfil2 = true;
+  if (firstletter(value) == 'N') return;
+  run.out.resfil2 = true;
+  const std::vector<std::string> lists = slashlists(value, 2);
+  marklist(reader, "resfil2", lists[0], run.mdm.names2, run.mdm.nvar2, run.model.wanted2vars2);
+  marklist(reader, "resfil2", lists[1], run.mdm.names3, run.mdm.nvar3, run.model.wanted2vars3);
+}
+
+void readresfil3(CommandReader& reader, const std::string& value) {
+  run.answered.resfil3 = true;
+  if (firstletter(value) == 'N') return;
+  run.out.resfil3 = true;
+  marklist(reader, "resfil3", slashlists(value, 1)[0], run.mdm.names3, run.mdm.nvar3, run.model.wanted3vars3);
+}
+
+}  // namespace kdr

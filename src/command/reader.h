@@ -1,0 +1,59 @@
+// What the routines of the command file reader share. Internal to the reader.
+#pragma once
+
+#include <string>
+
+#include "command/linereader.h"
+#include "core/names.h"
+#include "kernel/array.h"
+
+namespace kdr {
+
+struct CommandReader {
+  LineReader lines;
+  bool deviance = false, df = false;  // that keyword was read
+  int hypothesis = 0;                 // of the last GAMMA line
+  int oddhypothesis = 0;              // of the first GAMMA line with more numbers than fixed effects, else with fewer
+  int oddnumbers = 0;                 // their count
+  bool toomany = false;               // they are more
+  std::string excess;                 // what to say of the first other list that is longer than the model
+  int set = -1;                       // the equation set of the LEVEL1: line in hand
+  int ncoef1 = 0;                     // level-1 coefficients of the set so far
+  int ncoef2 = 0;                     // level-2 coefficients of the set so far
+  int nthresholds = 0;                // thresholds on the LEVEL1: line
+  std::string without2, without3;     // the first coefficient of level 1, of level 2, that has no equation
+};
+
+// One keyword: `value` is the text behind the line's first colon, never empty except for TITLE:.
+using KeywordHandler = void (*)(CommandReader& reader, const std::string& value);
+
+// The handler of the first keyword that the line begins with, or null.
+[[nodiscard]] KeywordHandler findkeyword(const std::string& line);
+
+// "Batch file ... specification invalid" and failure 9 with the name.
+[[noreturn]] void badspecification(const char* what, const std::string& name);
+// Failure 8 with the number of the line in hand.
+[[noreturn]] void badline(const CommandReader& reader);
+// The index of a variable, from `lowest` to `highest`; badspecification when there is none.
+[[nodiscard]] int variable(const char* what, const std::string& name, const Array<Name>& table, int highest,
+                           int lowest = 1);
+
+// The model: a LEVEL1: line and the LEVEL2: and LEVEL3: lines behind it.
+void readlevel1(CommandReader& reader, const std::string& value);
+
+// Keywords whose values are lists.
+void readnonlin(CommandReader& reader, const std::string& value);
+void readdeletion(CommandReader& reader, const std::string& value);
+void readplausvals(CommandReader& reader, const std::string& value);
+void readlvr(CommandReader& reader, const std::string& value);
+void readesttau2(CommandReader& reader, const std::string& value);
+void readesttau3(CommandReader& reader, const std::string& value);
+void readcontau2(CommandReader& reader, const std::string& value);
+void readcontau3(CommandReader& reader, const std::string& value);
+void readcontrast(CommandReader& reader, const std::string& value);
+void readconstrain(CommandReader& reader, const std::string& value);
+void readresfil1(CommandReader& reader, const std::string& value);
+void readresfil2(CommandReader& reader, const std::string& value);
+void readresfil3(CommandReader& reader, const std::string& value);
+
+}  // namespace kdr

@@ -1,0 +1,136 @@
+#include "command/settle.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <string>
+
+#include "core/names.h"
+#include "driver/failures.h"
+#include "driver/runrecord.h"
+
+namespace kdr {
+
+namespace {
+
+bool multinomial() { return run.kind.nonlin == 3 && !run.kind.ordinal; }
+
+void checknonlinear() {
+  const ModelKind& kind = run.kind;
+  if (run.iter.macroit != 0) {
+    if (run.series.pvmode) stopwith("You can not do a combination of non-linear and plausible values at this time.\n");
+    if (kind.nonlin == 0) stopwith("If non-linear iterations desired, the type must be specified\n");
+  }
+  if (kind.nonlin == 0) return;
+  if (run.iter.macroit == 0) stopwith(" macroit must be specified if nonlin is specified.\n");
+  if (run.answered.numit)
+    stopwith(
+        " The numit directive should not be used when specifying a non-linear model.\n"
+        " Use the microit and macroit keywords.\n");
+  if (run.answered.stopval)
+    stopwith(
+        " The stopval directive should not be used when specifying a non-linear model.\n"
+        " Use the stopmicro and stopmacro keywords.\n");
+}
+
+// Another value that the command file asks for is not passed over in silence.
+void holdsigma2(const char* reason) {
+  double& held = run.iter.fixsigma2;
+  if (held != 0.0 && held != 1.0)
+    std::printf(" FIXSIGMA2:%g has no effect: with %s sigma^2 is held at 1.\n", held, reason);
+  held = 1.0;
+}
+
+void settleengines() {
+  const ModelKind& kind = run.kind;
+  IterationControl& iter = run.iter;
+  if (iter.laplace) {
+    if (kind.nonlin != 1 || kind.nlcount) stopwith("LaPlace iterations may only be done on Bernoulli analyses.");
+    holdsigma2("Laplace-6");
+  }
+  if (iter.agqpoints != 0) {
+    if (kind.nonlin == 0) stopwith("Adaptive quadrature may only be done on non-linear analyses.\n");
+    if (kind.nonlin == 3) {
+      std::printf(" The program cannot do adaptive quadrature for multinomial/ordinal runs yet.\n");
+      iter.agqpoints = 0;
+    } else {
+      holdsigma2("adaptive quadrature");
+    }
+  }
+  if (kind.nonlin == 3) holdsigma2("categories");
+  if (kind.nonlin == 1 || kind.nonlin == 2) iter.popavit = std::max(iter.popavit, 1);
+  if (kind.nonlin != 0 && iter.agqpoints == 0 && !run.answered.stopmicro) iter.stopval = 1.0e-5;
+}
+
+void checklvr() {
+  if (!run.out.lvr) return;
+  if (run.iter.fishertype == 0) stopwith("You cannot do LVR and set fishertype:0!\n");
+  if (multinomial()) stopwith(" The program cannot do latent variable regressions in a multinomial run.\n");
+  if (!hasoutcomeandpredictor()) stopwith(incompletelvr);
+}
+
+std::string eightof(int v) { return leftname(run.mdm.names1[static_cast<std::size_t>(v)]); }
+
+// Each plausible value takes the place of the first one in the model. A level-1 equation has its predictors in the
+// order of the MDM file, so the place stays the same only when no other predictor stands between the values there.
+void checkplausible() {
+  const SeriesMode& series = run.series;
+  if (!series.pvmode || !series.pvfirst) return;
+  const int* use = run.model.use1.row(0);
+  const int first = series.pvlist[0];
+  if (first == 0 || use[first] == 0)
+    stopwith("The first plausible value, %s, must be the outcome or a predictor of the model!\n",
+             eightof(first).c_str());
+  for (std::size_t i = 1; i < series.pvlist.size(); ++i) {
+    const int value = series.pvlist[i];
+    if (value == 0 || use[value] != 0 || std::count(series.pvlist.begin(), series.pvlist.end(), value) > 1)
+      stopwith("The plausible value %s stands in the model or in its list already!\n", eightof(value).c_str());
+    const auto [from, to] = std::minmax(first, value);
+    for (int v = from + 1; use[first] == 1 && v < to; ++v)
+      if (use[v] == 1)
+        stopwith("The predictor %s stands between the plausible values %s and %s in the MDM file!\n",
+                 eightof(v).c_str(), eightof(first).c_str(), eightof(value).c_str());
+  }
+}
+
+void checkcountvariable() {
+  const ModelKind& kind = run.kind;
+  if (!kind.nlcount || kind.nlcntvar == 0) return;
+  for (int e = 0; e < kind.neqsets; ++e)
+    if (run.model.use1.row(e)[kind.nlcntvar] != 0) {
+      std::printf(kind.nonlin == 1 ? " The binomial count " : " The poisson variable exposure ");
+      stopwith("variable is also used in the model!\n");
+    }
+}
+
+void settleacceleration() {
+  IterationControl& iter = run.iter;
+  if (iter.hetit != 0) iter.fishertype = 0;
+  if (iter.fishertype == 0) {
+    if (iter.accel <= 2) iter.accel = 3;
+  } else if (iter.accel < 1) {
+    iter.accel = 5;
+  }
+}
+
+}  // namespace
+
+bool hasoutcomeandpredictor() {
+  const Array<int>& roles = run.out.lvrroles;
+  return std::find(roles.begin(), roles.end(), 1) != roles.end() &&
+         std::find(roles.begin(), roles.end(), 2) != roles.end();
+}
+
+void settlerecord() {
+  checknonlinear();
+  settleengines();
+  checklvr();
+  checkplausible();
+  checkcountvariable();
+  settleacceleration();
+  if (run.out.autovknown != 0) holdsigma2("known variances");
+  if (run.out.graph && run.kind.nonlin == 3) run.out.resfil1 = true;
+  if (run.kind.nonlin != 0 && run.kind.nlcntvar != 0)
+    run.model.wanted1vars1[static_cast<std::size_t>(run.kind.nlcntvar)] = 1;
+}
+
+}  // namespace kdr

@@ -1,0 +1,333 @@
+#include "command/writer.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "command/text.h"
+#include "core/modelwalk.h"
+#include "data/resultfile.h"
+#include "driver/failures.h"
+#include "driver/runrecord.h"
+
+namespace kdr {
+
+namespace {
+
+std::size_t at(int i) { return static_cast<std::size_t>(i); }
+
+std::string joined(const std::vector<std::string>& pieces, const char* separator) {
+  std::string text;
+  for (std::size_t i = 0; i < pieces.size(); ++i) text += (i > 0 ? separator : "") + pieces[i];
+  return text;
+}
+
+// A real with so many decimals, or with as many more digits as it needs to be read back as it is.
+std::string real(double value, int decimals) {
+  std::vector<char> text(400);
+  std::snprintf(text.data(), text.size(), "%.*f", decimals, value);
+  for (int digits = 6; std::strtod(text.data(), nullptr) != value && digits <= 17; ++digits)
+    std::snprintf(text.data(), text.size(), "%.*g", digits, value);
+  return text.data();
+}
+
+std::string nameof(const Array<Name>& names, int v) { return leftname(names[at(v)]); }
+
+std::string nameornone(const Array<Name>& names, int v) { return v == 0 ? "NONE" : nameof(names, v); }
+
+std::string namelist(const Array<Name>& names, const int* list, int n) {
+  std::vector<std::string> pieces;
+  for (int i = 0; i < n; ++i) pieces.push_back(nameof(names, list[i]));
+  return joined(pieces, ",");
+}
+
+bool linearrun() { return run.kind.linear(); }
+
+std::string continuesuffix() { return run.iter.numitcontinue == 0 ? ",N" : run.iter.numitcontinue == 1 ? ",Y" : ""; }
+
+void writelineariterations(std::FILE* out) {
+  // The reader refuses a count of 0; without the line the run asks again.
+  if (run.iter.numit > 0) std::fprintf(out, "NUMIT:%d%s\n", run.iter.numit, continuesuffix().c_str());
+  std::fprintf(out, "STOPVAL:%s\n", real(run.iter.stopval, 10).c_str());
+  std::fprintf(out, "NONLIN:n\n");
+}
+
+void writenonlineariterations(std::FILE* out) {
+  const IterationControl& iter = run.iter;
+  const ModelKind& kind = run.kind;
+  std::fprintf(out, "STOPMICRO:%s\n", real(iter.stopval, 10).c_str());
+  std::fprintf(out, "STOPMACRO:%s\n", real(iter.stopmacro, 10).c_str());
+  std::fprintf(out, "MACROIT:%d%s\n", iter.macroit, continuesuffix().c_str());
+  if (iter.numit > 0) std::fprintf(out, "MICROIT:%d\n", iter.numit);
+  if (kind.nonlin == 3) {
+    std::fprintf(out, "NONLIN:%s,%d\n", kind.ordinal ? "ORDINAL" : "MULTINOMIAL", kind.ncat);
+  } else {
+    const char* type = kind.nonlin == 2 ? "POISSON" : kind.nlcount ? "BINOMIAL" : "BERNOULLI";
+    std::fprintf(out, "NONLIN:%s", type);
+    if (kind.nlcount && kind.nlcntvar != 0) std::fprintf(out, ",%s", nameof(run.mdm.names1, kind.nlcntvar).c_str());
+    std::fprintf(out, "\n");
+  }
+  if (kind.nonlin == 1 && !kind.nlcount) std::fprintf(out, "LAPLACE:%s,%d\n", iter.laplace ? "y" : "n", iter.laplaceit);
+  if (iter.agqpoints != 0) std::fprintf(out, "agq:y,%d,%d\n", iter.agqit, iter.agqpoints);
+  if (iter.taylor != 0) std::fprintf(out, "TAYLOR:%d\n", iter.taylor);
+}
+
+// ",1" or ",2".
+std::string centermark(const Array<int>& marks, int v) {
+  const int mark = marks[at(v)];
+  return mark == 1 ? ",1" : mark == 2 ? ",2" : "";
+}
+
+// What stands behind the "=" of a LEVEL2: or LEVEL3: line.
+std::string rightside(const int* row, int width, const Array<Name>& names, const Array<int>& marks, bool random,
+                      const int* extras) {
+  std::vector<std::string> terms;
+  for (int s = 0; s < width && row[s] != noslot; ++s)
+    terms.push_back(nameof(names, row[s]) + centermark(marks, row[s]));
+  const bool any = !terms.empty() || extras[0] != noslot;
+  if (random) terms.emplace_back("RANDOM");
+  if (!any) return joined(terms, "+");
+  return joined(terms, "+") + "/" + namelist(names, extras, filledslots(extras, maxextra));
+}
+
+std::string level1terms(int e, bool marked) {
+  std::string terms;
+  for (int v = 0; v < run.mdm.ncol1; ++v)
+    if (run.model.use1.row(e)[v] == 1)
+      terms += nameof(run.mdm.names1, v) + (marked ? centermark(run.model.center1, v) : "") + "+";
+  return terms + "RANDOM";
+}
+
+void writelevel1(std::FILE* out, int e, const std::string& outcome) {
+  if (linearrun()) {
+    std::fprintf(out, "LEVEL1:%s=%s\n", outcome.c_str(), level1terms(e, true).c_str());
+    return;
+  }
+  // A non-linear run's line names the working outcome and has no centering marks. The line before it, a comment to
+  // everyone else, keeps both, and the reader takes them from there.
+  std::fprintf(out, "#KDR3 LEVEL1:%s=%s\n", outcome.c_str(), level1terms(e, true).c_str());
+  std::fprintf(out, "LEVEL1:%s=%s\n", run.kind.nlrun ? "Z" : outcome.c_str(), level1terms(e, false).c_str());
+}
+
+void writeset(std::FILE* out, int e, const std::string& outcome) {
+  const ModelSpec& model = run.model;
+  const MdmData& mdm = run.mdm;
+  writelevel1(out, e, outcome);
+  const ModelRows rows = modelrows();
+  for (const CoefficientRow& coefficient : rows.coefficients) {
+    if (coefficient.set != e) continue;
+    std::fprintf(out, "LEVEL2:%s=%s\n", nameof(mdm.names1, coefficient.variable).c_str(),
+                 rightside(model.terms2.row(e, coefficient.place), mdm.ncol2, mdm.names2, model.center2,
+                           coefficient.random, model.extra2.row(e, coefficient.place))
+                     .c_str());
+    if (coefficient.threshold) continue;
+    for (int s = 0; s < coefficient.nterms; ++s) {
+      const TermRow& term = rows.terms[static_cast<std::size_t>(coefficient.firstterm + s)];
+      std::fprintf(out, "LEVEL3:%s=%s\n", nameof(mdm.names2, term.variable).c_str(),
+                   rightside(model.terms3.row(e, term.place), mdm.ncol3, mdm.names3, model.center3, term.random,
+                             model.extra3.row(e, term.place))
+                       .c_str());
+    }
+  }
+}
+
+void writeequations(std::FILE* out, bool nextpass) {
+  const std::string outcome = nextpass ? nameof(run.mdm.names1, run.kind.outvar) : leftname(run.kind.outname);
+  const int sets = run.kind.mnrun && !run.kind.ordinal ? run.kind.ncat - 1 : 1;
+  for (int e = 0; e < sets; ++e) writeset(out, e, outcome);
+}
+
+void writeweights(std::FILE* out) {
+  const MdmData& mdm = run.mdm;
+  std::fprintf(out, "LEVEL1WEIGHT:%s\n", nameornone(mdm.names1, run.out.wgtvar1).c_str());
+  std::fprintf(out, "LEVEL2WEIGHT:%s\n", nameornone(mdm.names2, run.out.wgtvar2).c_str());
+  std::fprintf(out, "LEVEL3WEIGHT:%s\n", nameornone(mdm.names3, run.out.wgtvar3).c_str());
+  std::fprintf(out, "VARIANCEKNOWN:%s\n", nameornone(mdm.names1, run.out.autovknown).c_str());
+}
+
+void writedeletion(std::FILE* out) {
+  const Array<int>& marks = run.model.delete1;
+  if (run.mdm.deletednow && !(run.series.pvmode && !marks.empty())) return;
+  std::vector<std::string> names;
+  for (std::size_t i = 0; i < marks.size(); ++i)
+    if (marks[i] > 1) names.push_back(leftname(run.mdm.names1[i + 1]));
+  std::fprintf(out, "LEVEL1DELETION:%s\n", names.empty() ? "NONE" : joined(names, ",").c_str());
+}
+
+// One residual file: the lists of the levels from its own upward.
+void writeresfil(std::FILE* out, int level, bool wanted, const std::string& lists, const std::string& name) {
+  if (!wanted) {
+    std::fprintf(out, "RESFIL%d:N\n", level);
+    return;
+  }
+  std::fprintf(out, "RESFIL%d:Y/%s\n", level, lists.c_str());
+  if (!name.empty()) std::fprintf(out, "RESFIL%dNAME:%s\n", level, name.c_str());
+}
+
+const char* resfiltypeword() {
+  switch (run.out.resfiltype) {
+    case 2:
+      return "FREEFORMAT";
+    case 3:
+      return "SYSTAT";
+    case 5:
+      return "SAS";
+    case 8:
+      return "STATA";
+    default:
+      return "SPSS";
+  }
+}
+
+void writeresiduals(std::FILE* out) {
+  const ModelSpec& model = run.model;
+  const MdmData& mdm = run.mdm;
+  const OutputControl& wanted = run.out;
+  const RunFiles& files = run.files;
+  if (wanted.resfil1 || wanted.resfil2 || wanted.resfil3) std::fprintf(out, "RESFILTYPE:%s\n", resfiltypeword());
+  if (wanted.resfilrecnum) std::fprintf(out, "RESFILRECNUM:Y\n");
+  writeresfil(out, 1, wanted.resfil1,
+              namelist(mdm.names1, model.res1vars1.data(), model.nres1vars1) + "/" +
+                  namelist(mdm.names2, model.res1vars2.data(), model.nres1vars2) + "/" +
+                  namelist(mdm.names3, model.res1vars3.data(), model.nres1vars3),
+              files.resfil1name);
+  writeresfil(out, 2, wanted.resfil2,
+              namelist(mdm.names2, model.res2vars2.data(), model.nres2vars2) + "/" +
+                  namelist(mdm.names3, model.res2vars3.data(), model.nres2vars3),
+              files.resfil2name);
+  writeresfil(out, 3, wanted.resfil3, namelist(mdm.names3, model.res3vars3.data(), model.nres3vars3),
+              files.resfil3name);
+}
+
+void writehypotheses(std::FILE* out) {
+  const ModelSpec& model = run.model;
+  if (!model.nhypotheses) return;
+  // The rows as they stood before the constraints; the same as `contrasts` while no constraint was applied.
+  const Array<double>& rows = model.uncutcontrasts.empty() ? model.contrasts : model.uncutcontrasts;
+  std::size_t total = 0;
+  for (const short n : model.hypothesisrows) total += static_cast<std::size_t>(n);
+  if (total == 0) return;
+  const std::size_t width = rows.size() / total;
+  std::size_t next = 0;
+  for (std::size_t h = 0; h < maxhypotheses && model.hypothesisrows[h] > 0; ++h)
+    for (short row = 0; row < model.hypothesisrows[h]; ++row) {
+      std::fprintf(out, "GAMMA%d:", static_cast<int>(h) + 1);
+      for (std::size_t i = 0; i < width; ++i, ++next)
+        std::fprintf(out, "%s%s", i > 0 ? "," : "", real(rows[next], 4).c_str());
+      std::fprintf(out, "\n");
+    }
+}
+
+// One line per group of equal elements: the element numbers, the group's first member in front.
+void writecontau(std::FILE* out, const char* keyword, bool have, const Array<int>& codes) {
+  if (!have) return;
+  for (std::size_t i = 0; i < codes.size(); ++i) {
+    if (codes[i] <= 0) continue;
+    std::fprintf(out, "%s:%d", keyword, codes[i]);
+    for (std::size_t j = 0; j < codes.size(); ++j)
+      if (codes[j] == -codes[i]) std::fprintf(out, ",%d", static_cast<int>(j) + 1);
+    std::fprintf(out, "\n");
+  }
+}
+
+void writeesttau(std::FILE* out, const char* keyword, bool have, const Array<double>& matrix) {
+  if (!have) return;
+  std::size_t order = 0;
+  while (order * order < matrix.size()) ++order;
+  std::vector<std::string> elements;
+  for (std::size_t i = 0; i < order; ++i)
+    for (std::size_t j = 0; j <= i; ++j) {
+      const double element = matrix[i * order + j];
+      elements.push_back(element == missingcode ? "E" : real(element, 6));
+    }
+  std::fprintf(out, "%s:%s\n", keyword, joined(elements, ",").c_str());
+}
+
+void writetaus(std::FILE* out) {
+  const IterationControl& iter = run.iter;
+  writecontau(out, "CONTAU2", iter.havecontau2, iter.contau2);
+  writecontau(out, "CONTAU3", iter.havecontau3, iter.contau3);
+  writeesttau(out, "ESTTAU2", iter.haveesttau2, iter.esttau2);
+  writeesttau(out, "ESTTAU3", iter.haveesttau3, iter.esttau3);
+}
+
+void writecontrol(std::FILE* out) {
+  const IterationControl& iter = run.iter;
+  std::fprintf(out, "FISHERTYPE:%d\n", iter.fishertype);
+  if (run.out.printvc != 0) std::fprintf(out, "PRINTVARIANCE-COVARIANCE:%s\n", run.out.printvc == 1 ? "Y" : "A");
+  std::fprintf(out, "HYPOTH:n\n");
+  if (iter.fixsigma2 != 0.0) std::fprintf(out, "FIXSIGMA2:%s\n", real(iter.fixsigma2, 6).c_str());
+  if (run.out.deviance != missingcode)
+    std::fprintf(out, "DEVIANCE:%s\nDF:%d\n", real(run.out.deviance, 6).c_str(), run.out.df);
+  std::fprintf(out, "FIXTAU2:%d\nFIXTAU3:%d\n", iter.fixtau2, iter.fixtau3);
+  if (run.out.diagtaupi) std::fprintf(out, "DIAGONALIZETAUPI:Y\n");
+  if (run.out.diagtaubeta) std::fprintf(out, "DIAGONALIZETAUBETA:Y\n");
+  if (iter.debug != 0) std::fprintf(out, "DEBUG:%d\n", iter.debug);
+}
+
+void writeconstraints(std::FILE* out) {
+  std::vector<std::string> groups;
+  for (const int group : run.model.constraints) groups.push_back(std::to_string(group));
+  std::fprintf(out, "CONSTRAIN:%s\n", run.model.nconstrained == 0 ? "N" : joined(groups, ",").c_str());
+}
+
+void writelvr(std::FILE* out) {
+  std::vector<std::string> letters;
+  for (const int role : run.out.lvrroles) letters.emplace_back(role == 1 ? "O" : role == 2 ? "P" : "I");
+  std::fprintf(out, "LVR-BETA:%s\n", run.out.lvr ? joined(letters, ",").c_str() : "N");
+}
+
+void writeoutput(std::FILE* out) {
+  const RunFiles& files = run.files;
+  if (run.out.graph) std::fprintf(out, "GRAPHGAMMAS:%s\n", files.graphgammas.c_str());
+  if (!files.results.empty()) std::fprintf(out, "RESULTS:%s\n", files.results.c_str());
+  if (!files.outfile.empty()) std::fprintf(out, "OUTPUT:%s\n", files.outfile.c_str());
+  std::fprintf(out, "FULLOUTPUT:%s\n", run.out.fulloutput ? "Y" : "N");
+  std::fprintf(out, "TITLE:%s\n", files.title.c_str());
+  std::fprintf(out, "ACCEL:%d\n", run.iter.accel);
+  writelvr(out);
+  if (!files.startvals.empty()) std::fprintf(out, "STARTVALS:%s\n", files.startvals.c_str());
+}
+
+void writecommands(std::FILE* out, bool nextpass) {
+  std::fprintf(out, "#This command file was run with %s\n", run.files.sourcename.c_str());
+  if (linearrun()) {
+    writelineariterations(out);
+  } else {
+    writenonlineariterations(out);
+  }
+  if (run.iter.agqderivlevel != 2) std::fprintf(out, "AGQDERIVLEVEL:%d\n", run.iter.agqderivlevel);
+  if (run.iter.popavit > 1) std::fprintf(out, "POPAVIT:%d\n", run.iter.popavit);
+  if (run.iter.hetit != 0 && nextpass) std::fprintf(out, "HETIT:%d\n", run.iter.hetit);
+  writeequations(out, nextpass);
+  writeweights(out);
+  writedeletion(out);
+  writeresiduals(out);
+  writehypotheses(out);
+  if (run.series.pvmode)
+    std::fprintf(
+        out, "PLAUSVALS:%s\n",
+        namelist(run.mdm.names1, run.series.pvlist.data(), static_cast<int>(run.series.pvlist.size())).c_str());
+  writetaus(out);
+  writecontrol(out);
+  writeconstraints(out);
+  writeoutput(out);
+}
+
+}  // namespace
+
+void writecommandfile(const std::string& path) {
+  ResultFile file;
+  opentext(file, path);
+  writecommands(file.stream, false);
+  finishresult(file);
+}
+
+void writenextcommands(std::FILE* out) {
+  writecommands(out, true);
+  if (std::fflush(out) != 0 || std::ferror(out) != 0) fail(5);
+  std::rewind(out);
+}
+
+}  // namespace kdr

@@ -1,0 +1,64 @@
+#include "construct/levelsource.h"
+
+#include <strings.h>
+
+#include "construct/readers/ascii.h"
+#include "construct/readers/other.h"
+#include "construct/readers/sastransport.h"
+#include "construct/readers/spss.h"
+#include "construct/readers/stata.h"
+#include "construct/readers/systat.h"
+
+namespace kdr {
+
+RawData raw;
+
+namespace {
+
+constexpr RawReader readers[] = {
+    {rawascii, "ascii", 5, openascii, prepareascii, asciirecordof, closeascii},
+    {rawsystat, "systat", 6, opensystat, settlevariables, systatrecord, closesystat},
+    {rawsas, "sas", 3, opensas, settlevariables, sasrecord, closesas},
+    {rawspss, "spss", 4, openspss, preparespss, spssrecord, closespss},
+    {rawstata, "stata", 4, openstata, preparestata, statarecord, closestata},
+    {rawother, "other", 5, openother, prepareother, strecord, closeother},
+};
+
+}  // namespace
+
+const RawReader* findreader(const std::string& value) {
+  for (const RawReader& reader : readers)
+    if (strncasecmp(value.c_str(), reader.word, reader.match) == 0) return &reader;
+  return nullptr;
+}
+
+int readrecord(int level, double* values, Id* id3, Id* id2) {
+  raw.reading = level;
+  ++raw.level[level].asked;
+  return raw.reader->record(level, values, id3, id2);
+}
+
+bool rawis(RawType type) { return raw.reader != nullptr && raw.reader->rawdattype == type; }
+
+void closestream(int level) {
+  LevelSource& source = raw.level[level];
+  if (source.stream != nullptr) std::fclose(source.stream);
+  source.stream = nullptr;
+}
+
+void openraw(int level) {
+  raw.level[level].opened = true;
+  raw.reader->open(level);
+}
+
+void closeraw(int level) {
+  if (raw.level[level].opened) raw.reader->close(level);
+  raw.level[level].opened = false;
+}
+
+void forgetraw() {
+  for (int level = 0; level < 3; ++level) closeraw(level);
+  raw = RawData{};
+}
+
+}  // namespace kdr

@@ -1,0 +1,291 @@
+#include "construct/onefile.h"
+
+#include <strings.h>
+
+#include <algorithm>
+#include <numeric>
+#include <set>
+#include <vector>
+
+#include "construct/levelsource.h"
+#include "construct/template.h"
+#include "core/constants.h"
+#include "core/formatted.h"
+#include "driver/failures.h"
+#include "driver/runrecord.h"
+
+namespace kdr {
+
+namespace {
+
+// The file in memory, and the rows that each level has of it.
+struct OneFile {
+  std::vector<int> rows;                    // [nvar]: the variable's row of the file's table
+  std::vector<double> values;               // [record][nvar]
+  std::vector<Id> id3, id2;                 // [record]
+  std::vector<std::size_t> order;           // of the records, by their IDs
+  std::vector<std::size_t> first2, first3;  // places in `order` where a unit begins
+  std::vector<int> level;                   // [nvar]: 0 to 2
+  std::size_t next[3] = {};
+};
+
+OneFile one;
+
+// The type of raw data that the name tells.
+const char* knowntype(const std::string& path) {
+  if (const char* type = typeofextension(path); type != nullptr) return type;
+  stopwith(
+      "The type of %s cannot be told from its name. Known are .csv, .txt, .tsv, .xls, .xlsx, .xlsm, .dbf, .sas7bdat, "
+      ".xpt, .sav, .zsav, .por and .dta.\n",
+      path.c_str());
+}
+
+bool hasid(const Id& id) {
+  if (run.mdm.numericids) return id.number != missingcode;
+  return std::string_view(id.text.text).find_first_not_of(' ') != std::string_view::npos;
+}
+
+// Reads all records that have their IDs, with the codes of `missing` as missing values.
+void readall(LevelSource& source, const std::vector<double>& missing) {
+  const std::size_t nvar = one.rows.size();
+  std::vector<double> record(nvar);
+  std::vector<long long> codes(nvar);
+  Id id3{};
+  Id id2{};
+  long long withoutid = 0;
+  while (readrecord(0, record.data(), &id3, &id2) == 0) {
+    if (!hasid(id3) || !hasid(id2)) {
+      ++withoutid;
+      continue;
+    }
+    for (std::size_t v = 0; v < nvar; ++v)
+      if (std::count(missing.begin(), missing.end(), record[v]) > 0) {
+        record[v] = missingcode;
+        ++codes[v];
+      }
+    one.id3.push_back(id3);
+    one.id2.push_back(id2);
+    one.values.insert(one.values.end(), record.begin(), record.end());
+  }
+  if (one.id3.empty()) fail(1, source.filename.c_str());
+  if (withoutid > 0)
+    std::printf("%lld records of %s have no ID. They were left out.\n", withoutid, source.filename.c_str());
+  for (std::size_t v = 0; v < nvar; ++v)
+    if (codes[v] > 0)
+      std::printf("%s: %lld values count as missing.\n",
+                  printable(source.vartable[static_cast<std::size_t>(one.rows[v])].fullname).c_str(), codes[v]);
+}
+
+int compare(std::size_t a, std::size_t b) {
+  const int order = compareids(one.id3[a], one.id3[b]);
+  return order != 0 ? order : compareids(one.id2[a], one.id2[b]);
+}
+
+void sortrecords(const LevelSource& source) {
+  one.order.resize(one.id3.size());
+  std::iota(one.order.begin(), one.order.end(), std::size_t{0});
+  const auto before = [](std::size_t a, std::size_t b) { return compare(a, b) < 0; };
+  if (!std::is_sorted(one.order.begin(), one.order.end(), before)) {
+    std::stable_sort(one.order.begin(), one.order.end(), before);
+    std::printf("%s is not in the order of its IDs. Its %zu records were sorted in memory.\n", source.filename.c_str(),
+                one.order.size());
+  }
+  for (std::size_t i = 0; i < one.order.size(); ++i) {
+    if (i == 0 || compare(one.order[i - 1], one.order[i]) != 0) one.first2.push_back(i);
+    if (i == 0 || compareids(one.id3[one.order[i - 1]], one.id3[one.order[i]]) != 0) one.first3.push_back(i);
+  }
+}
+
+double valueat(std::size_t place, std::size_t v) { return one.values[one.order[place] * one.rows.size() + v]; }
+
+// In how many of the units that begin at these places the variable has more than one value. `gaps` counts the others in
+// which it is missing.
+std::size_t varyingunits(const std::vector<std::size_t>& first, std::size_t v, long long& gaps) {
+  std::size_t varying = 0;
+  gaps = 0;
+  for (std::size_t unit = 0; unit < first.size(); ++unit) {
+    const std::size_t end = unit + 1 < first.size() ? first[unit + 1] : one.order.size();
+    const double value = valueat(first[unit], v);
+    std::size_t i = first[unit] + 1;
+    while (i < end && valueat(i, v) == value) ++i;
+    varying += i < end;
+    gaps += i == end && value == missingcode;
+  }
+  return varying;
+}
+
+// Says so when the variable varies within a twentieth of the units or less, as slips of the data make it.
+void tellslips(const std::string& name, std::size_t varying, std::size_t units, int level) {
+  if (varying > 0 && varying * 20 <= units)
+    std::printf("%s varies within %zu of %zu level-%d units, and is constant in all others.\n", name.c_str(), varying,
+                units, level);
+}
+
+// The highest level at which the variable is constant and never missing.
+int levelof(const std::string& name, std::size_t v) {
+  long long gaps = 0;
+  const std::size_t varying3 = varyingunits(one.first3, v, gaps);
+  if (varying3 == 0 && gaps == 0) return 2;
+  tellslips(name, varying3, one.first3.size(), 3);
+  if (const std::size_t varying2 = varyingunits(one.first2, v, gaps); varying2 > 0) {
+    if (varying3 * 20 > one.first3.size()) tellslips(name, varying2, one.first2.size(), 2);
+    return 0;
+  }
+  if (gaps == 0) return 1;
+  std::printf("%s does not vary within level-2 units, but is missing in %lld of them: it stays at level 1.\n",
+              name.c_str(), gaps);
+  return 0;
+}
+
+// The first 8 characters of a name, with a number at their end where another variable has them already.
+Name newname(const std::string& fullname, std::set<std::string>& taken) {
+  Name name = paddedname(printable(fullname));
+  const std::string stem = leftname(name);
+  for (int n = 2; isintercept(name) || leftname(name).empty() || !taken.insert(leftname(name)).second; ++n) {
+    const std::string digits = std::to_string(n);
+    std::string cut = stem.substr(0, 8 - digits.size());
+    while (!cut.empty() && (static_cast<unsigned char>(cut.back()) & 0xC0U) == 0x80U && stem.size() > cut.size())
+      cut.pop_back();  // no part of a character
+    name = paddedname(cut + digits);
+  }
+  return name;
+}
+
+// The operations of a reader whose records are in memory.
+void preparememory(int level) {
+  raw.level[level].selected = static_cast<int>(raw.level[level].chosen.size());
+  one.next[level] = 0;
+}
+
+int memoryrecord(int level, double* values, Id* id3, Id* id2) {
+  const std::size_t at = one.next[level]++;
+  const std::size_t count = level == 0 ? one.order.size() : level == 1 ? one.first2.size() : one.first3.size();
+  if (at >= count) return 1;
+  const std::size_t place = level == 0 ? at : level == 1 ? one.first2[at] : one.first3[at];
+  for (std::size_t v = 0; v < one.rows.size(); ++v)
+    if (one.level[v] == level) *values++ = valueat(place, v);
+  *id3 = one.id3[one.order[place]];
+  if (id2 != nullptr) *id2 = one.id2[one.order[place]];
+  return 0;
+}
+
+void closememory(int) {}
+
+constexpr RawReader memoryreader{rawother, "other", 5, nullptr, preparememory, memoryrecord, closememory};
+
+// Marks the IDs and every numeric variable but them.
+void markall(LevelSource& source, const std::string& level3, const std::string& level2) {
+  for (const std::string& id : {level3, level2})
+    if (findvariable(source, id) == -1) {
+      std::string columns;
+      for (const RawVariable& variable : source.vartable)
+        if (!variable.hidden) columns += " " + variable.fullname;
+      stopwith("%s has no column %s. Its columns are:%s\n", source.filename.c_str(), id.c_str(),
+               printable(columns).c_str());
+    }
+  markid(0, level3idmark, level3);
+  markid(0, level2idmark, level2);
+  settleidkind();
+  std::string left;
+  int nameless = 0;
+  for (std::size_t row = 0; row < source.vartable.size(); ++row) {
+    RawVariable& variable = source.vartable[row];
+    if (variable.mark != unwanted || variable.hidden) continue;
+    if (variable.fullname.empty()) {
+      ++nameless;
+      continue;
+    }
+    if (variable.text) {
+      left += (left.empty() ? "" : ", ") + variable.fullname;
+      continue;
+    }
+    variable.mark = variablemark;
+    one.rows.push_back(static_cast<int>(row));
+  }
+  if (nameless > 0) std::printf("Columns without a name, left out: %d.\n", nameless);
+  if (!left.empty()) std::printf("Left out, since they are no numbers: %s.\n", printable(left).c_str());
+}
+
+// Tells level `level` its variables.
+void telllevel(int level, const std::vector<Name>& names) {
+  LevelSource& source = raw.level[level];
+  std::vector<std::size_t> mine;
+  for (std::size_t v = 0; v < one.rows.size(); ++v)
+    if (one.level[v] == level) mine.push_back(v);
+  source.chosen.reset(mine.size());
+  startnames(level, mine.size());
+  for (std::size_t i = 0; i < mine.size(); ++i) {
+    source.chosen[i] = one.rows[mine[i]];
+    namesof(level)[i + 1] = names[mine[i]];
+  }
+  std::printf("Level-%d variables:", level + 1);
+  for (const std::size_t v : mine) std::printf(" %s", leftname(names[v]).c_str());
+  std::printf("%s\n", mine.empty() ? " none" : "");
+}
+
+}  // namespace
+
+const char* typeofextension(const std::string& path) {
+  static constexpr const char* types[][2] = {
+      {".csv", "delim"},  {".txt", "delim"}, {".tsv", "delim"},        {".xls", "excel"}, {".xlsx", "excel"},
+      {".xlsm", "excel"}, {".dbf", "xbase"}, {".sas7bdat", "sas-win"}, {".xpt", "sasx"},  {".sav", "spss"},
+      {".zsav", "spss"},  {".por", "spssp"}, {".dta", "stata"}};
+  for (const auto& [extension, type] : types)
+    if (path.size() > std::string_view(extension).size() &&
+        strcasecmp(path.c_str() + path.size() - std::string_view(extension).size(), extension) == 0)
+      return type;
+  return nullptr;
+}
+
+void takeonefile(const std::string& path, const std::string& level3, const std::string& level2,
+                 const std::vector<double>& missing) {
+  forgetraw();
+  one = OneFile{};
+  MdmData& mdm = run.mdm;
+  mdm.mdmtype = 0;
+  mdm.deletednow = false;
+  LevelSource& source = raw.level[0];
+  raw.reader = findreader("other");
+  source.filename = path + " /" + knowntype(path);
+  openraw(0);
+  markall(source, level3, level2);
+  source.chosen.reset(one.rows.size());
+  std::copy(one.rows.begin(), one.rows.end(), source.chosen.begin());
+  raw.reader->prepare(0);
+  readall(source, missing);
+  closeraw(0);
+  sortrecords(source);
+
+  std::set<std::string> taken;
+  std::vector<Name> names;
+  mdm.l1missing = false;
+  for (std::size_t v = 0; v < one.rows.size(); ++v) {
+    const std::string& fullname = source.vartable[static_cast<std::size_t>(one.rows[v])].fullname;
+    one.level.push_back(levelof(printable(fullname), v));
+    names.push_back(newname(fullname, taken));
+    if (!samename(names[v], paddedname(fullname)) || charactersof(fullname) > 8)
+      std::printf("Variable %s has the name %s in the MDM file.\n", printable(fullname).c_str(),
+                  leftname(names[v]).c_str());
+    for (std::size_t i = 0; one.level[v] == 0 && i < one.order.size(); ++i)
+      mdm.l1missing = mdm.l1missing || valueat(i, v) == missingcode;
+  }
+  if (std::count(one.level.begin(), one.level.end(), 0) == 0)
+    stopwith("%s has no numeric variable that varies within level-2 units.\n", path.c_str());
+  source.asked = 0;
+  raw.level[1] = LevelSource{};
+  for (const int level : {1, 2}) {
+    raw.level[level].filename = source.filename;
+    raw.level[level].filetype = source.filetype;
+    raw.level[level].vartable = source.vartable;
+  }
+  raw.level[2].vartable[static_cast<std::size_t>(idrow(source, level2idmark))].mark = unwanted;
+  raw.reader = &memoryreader;
+  for (int level = 0; level < 3; ++level) telllevel(level, names);
+  if (run.files.mdmfile.empty()) {
+    const std::size_t base = path.rfind('/') + 1;
+    run.files.mdmfile = path.substr(base, path.rfind('.') - base) + ".mdm";
+  }
+  writetemplate(false);
+}
+
+}  // namespace kdr

@@ -1,0 +1,92 @@
+#include "core/modelwalk.h"
+
+namespace kdr {
+
+namespace {
+
+// The equation of a threshold at level 2 and at level 3.
+constexpr int interceptonly[] = {0};
+
+// The filled slots of a row of terms, and what its subscripts start from.
+struct Equation {
+  const int* terms;
+  int n, shift;
+};
+
+Equation equationof(const int* row, int width) {
+  const int n = filledslots(row, width);
+  return {row, n, n > 0 && row[0] != 0 ? 1 : 0};
+}
+
+// The fixed effects of the term that stands last in `rows.terms`.
+void addeffects(ModelRows& rows, const Equation& equation) {
+  const ModelSpec& model = run.model;
+  TermRow& term = rows.terms.back();
+  term.firsteffect = static_cast<int>(rows.effects.size());
+  term.neffects = equation.n;
+  for (int u = 0; u < equation.n; ++u) {
+    const std::size_t g = rows.effects.size();
+    rows.effects.push_back({term.owner, static_cast<int>(rows.terms.size()) - 1, equation.terms[u], u,
+                            u + equation.shift, g < model.constraints.size() ? model.constraints[g] : 0,
+                            g < model.removed.size() && model.removed[g] != 0});
+  }
+}
+
+// The terms of the coefficient that stands last in `rows.coefficients`; `place` runs on from coefficient to
+// coefficient.
+void addterms(ModelRows& rows, int& place) {
+  const ModelSpec& model = run.model;
+  CoefficientRow& coefficient = rows.coefficients.back();
+  const int owner = static_cast<int>(rows.coefficients.size()) - 1;
+  const Equation none{interceptonly, 1, 0};
+  const Equation equation =
+      coefficient.threshold ? none : equationof(model.terms2.row(coefficient.set, coefficient.place), run.mdm.ncol2);
+  coefficient.firstterm = static_cast<int>(rows.terms.size());
+  coefficient.nterms = equation.n;
+  for (int s = 0; s < equation.n; ++s, ++place) {
+    const bool random = !coefficient.threshold && model.fixed2.row(coefficient.set)[place] == 0;
+    rows.terms.push_back({owner, place, equation.terms[s], s, s + equation.shift, random, 0, 0});
+    addeffects(rows,
+               coefficient.threshold ? none : equationof(model.terms3.row(coefficient.set, place), run.mdm.ncol3));
+  }
+}
+
+}  // namespace
+
+int filledslots(const int* row, int width) {
+  int n = 0;
+  while (n < width && row[n] != noslot) ++n;
+  return n;
+}
+
+ModelRows modelrows() {
+  ModelRows rows;
+  for (int set = 0; set < run.kind.neqsets; ++set) {
+    int c = 0, place = 0;
+    for (int v = 0; v < run.mdm.ncol1; ++v) {
+      if (run.model.use1.row(set)[v] != 1) continue;
+      const bool threshold = run.kind.ordinal && v > run.mdm.nvar1;
+      const bool random = !threshold && run.model.fixed1.row(set)[c] == 0;
+      rows.coefficients.push_back({set, c, v, run.kind.nointercept1 ? c + 1 : c, threshold, random, 0, 0});
+      addterms(rows, place);
+      ++c;
+    }
+  }
+  return rows;
+}
+
+std::vector<int> reducedeffects(const ModelRows& rows) {
+  std::vector<int> reduced, firstofgroup(rows.effects.size() + 1, -1);
+  int next = 0;
+  for (const EffectRow& effect : rows.effects) {
+    if (effect.removed) {
+      reduced.push_back(firstofgroup[static_cast<std::size_t>(effect.group)]);
+      continue;
+    }
+    if (effect.group > 0) firstofgroup[static_cast<std::size_t>(effect.group)] = next;
+    reduced.push_back(next++);
+  }
+  return reduced;
+}
+
+}  // namespace kdr

@@ -1,0 +1,72 @@
+#include "estimate/likelihood/recordbatches.h"
+
+#include "kernel/sizes.h"
+
+namespace kdr {
+
+namespace {
+
+constexpr std::size_t batchrecords = 20000;
+
+void rewindbatches(void* state) {
+  RecordBatches& batches = *static_cast<RecordBatches*>(state);
+  startunits(batches.reader, run.files.working, 0, batches.state->layout.width, run.mdm.nvar2, false);
+  batches.k = 0;
+  batches.units = batches.records = 0;
+}
+
+// The level-3 unit k, from its blocks.
+Level3Records readlevel3(RecordBatches& batches) {
+  const Pass& pass = *batches.pass;
+  const RecordLayout& layout = batches.state->layout;
+  const std::size_t npi = at(pass.npi), nbeta = at(pass.nbeta);
+  Level3Records unit;
+  unit.k = batches.k;
+  unit.firstunit = batches.units;
+  unit.units = pass.n2of[batches.k];
+  const std::size_t records = at(pass.n1of[batches.k]);
+  unit.start.reset(at(unit.units) + 1);
+  unit.x.reset(records * npi);
+  unit.w2.reset(at(unit.units) * nbeta);
+  unit.w3.reset(pass.design.owner3.size());
+  unit.y.reset(records);
+  if (!batches.state->counts.empty()) unit.n.reset(records);
+  level3weights(pass, batches.k, unit.w3.data());
+  std::size_t record = 0;
+  for (std::size_t j = 0; j < at(unit.units); ++j) {
+    neededunit(batches.reader, batches.unit);
+    const UnitBlock& block = batches.unit;
+    for (std::size_t m = 0; m < nbeta; ++m) unit.w2[j * nbeta + m] = level2entry(pass, m, block.level2.data());
+    for (int i = 0; i < block.nj; ++i, ++record) {
+      const double* values = block.records.data() + at(i) * at(layout.width);
+      for (std::size_t c = 0; c < npi; ++c)
+        unit.x[record * npi + c] = layout.column[c] < 0 ? 1.0 : values[layout.column[c]];
+      unit.y[record] = values[layout.observed];
+      if (!unit.n.empty()) unit.n[record] = batches.state->counts[batches.records + record];
+    }
+    unit.start[j + 1] = record;
+  }
+  ++batches.k;
+  batches.units += at(unit.units);
+  batches.records += record;
+  return unit;
+}
+
+void nextbatch(void* state, std::vector<Level3Records>& batch) {
+  RecordBatches& batches = *static_cast<RecordBatches*>(state);
+  batch.clear();
+  const std::size_t first = batches.records;
+  while (batches.k < run.mdm.nunits3 && (batch.empty() || batches.records - first < batchrecords))
+    batch.push_back(readlevel3(batches));
+}
+
+}  // namespace
+
+RecordSource recordbatches(RecordBatches& batches, const Pass& pass, const MacroState& state) {
+  batches.pass = &pass;
+  batches.state = &state;
+  rewindbatches(&batches);
+  return {&batches, rewindbatches, nextbatch};
+}
+
+}  // namespace kdr

@@ -1,0 +1,22 @@
+// The working data file as the maximum-likelihood engines read it.
+#pragma once
+
+#include "estimate/likelihood/unitrecords.h"
+#include "estimate/quasi/macrostate.h"
+
+namespace kdr {
+
+// What a RecordSource over the working data file needs; it must outlive the source.
+struct RecordBatches {
+  const Pass* pass = nullptr;
+  const MacroState* state = nullptr;
+  UnitReader reader;
+  UnitBlock unit;                      // buffer
+  int k = 0;                           // the next level-3 unit
+  std::size_t units = 0, records = 0;  // level-2 units and records before it
+};
+
+// Makes a source of the file.
+[[nodiscard]] RecordSource recordbatches(RecordBatches& batches, const Pass& pass, const MacroState& state);
+
+}  // namespace kdr

@@ -1,0 +1,53 @@
+// The level-3 units of the data set on several threads. They are independent: each writes places of its own, and sums
+// over units are formed afterwards in the order of the units, so that the number of threads changes no byte.
+#pragma once
+
+#include <algorithm>
+#include <atomic>
+#include <system_error>
+#include <thread>
+#include <vector>
+
+#include "driver/failures.h"
+#include "estimate/likelihood/unitrecords.h"
+
+namespace kdr {
+
+// Calls each(place, worker) for every unit of the batch, worker from 0 to threads - 1; as many threads as there are
+// units at the most.
+template <class Each>
+void overbatch(const std::vector<Level3Records>& batch, int threads, Each each) {
+  std::atomic<std::size_t> next{0};
+  const auto work = [&](int worker) {
+    for (std::size_t i = next++; i < batch.size(); i = next++) each(i, worker);
+  };
+  const int workers = static_cast<int>(std::min(batch.size(), static_cast<std::size_t>(std::max(threads, 1))));
+  std::vector<std::thread> others;
+  try {
+    for (int worker = 1; worker < workers; ++worker) others.emplace_back(work, worker);
+  } catch (const std::system_error&) {  // the system gives no more threads: those that there are do the work
+  }
+  work(0);
+  for (std::thread& other : others) other.join();
+}
+
+// Calls each(unit, worker) for every level-3 unit of the source. Signals that ask for the end are acted on between
+// batches.
+template <class Each>
+void overunits(const RecordSource& source, int threads, Each each) {
+  constexpr std::size_t worthathread = 2000;  // records
+  std::vector<Level3Records> batch;
+  source.rewind(source.state);
+  for (;;) {
+    source.next(source.state, batch);
+    if (batch.empty()) return;
+    checksignals();
+    std::size_t records = 0;
+    for (const Level3Records& unit : batch) records += unit.y.size();
+    overbatch(batch,
+              static_cast<int>(std::min(1 + records / worthathread, static_cast<std::size_t>(std::max(threads, 1)))),
+              [&](std::size_t place, int worker) { each(batch[place], worker); });
+  }
+}
+
+}  // namespace kdr

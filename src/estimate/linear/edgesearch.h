@@ -1,0 +1,33 @@
+// A way to a maximum at the edge of the parameter space, where a tau is singular. EM steps get shorter the nearer they
+// come and may stand far below it after thousands of iterations; scoring steps leave the space. It finds a maximum
+// inside as well.
+#pragma once
+
+#include "estimate/linear/pass.h"
+
+namespace kdr {
+
+// The iterations that begin with a search: this one, and each that doubles it.
+inline constexpr int firstedgesearch = 200;
+// The same in a pass of a macro loop that creeps, where the maximum may lie anywhere.
+inline constexpr int firstsearch = 5;
+// A stage that converges sooner than this does not creep, and its stop is no place for a search.
+inline constexpr int soonestedgesearch = 10;
+// What a search has to gain: more than rounding, and where the criterion of convergence is met already, what would
+// change a deviance by 0.01.
+inline constexpr double leastgainwhenslow = 1.0e-6, leastgainatstop = 0.005;
+
+// True when the maximum may lie at the edge: a scoring step from the estimates at hand leaves the parameter space, or
+// there is none. Leaves C_j^-1 of the store anywhere.
+[[nodiscard]] bool nearedge(Pass& pass);
+
+// From the estimates at hand, scoring steps on log-likelihood + m (log det taupi + log det taubeta), whose maximum lies
+// inside, for m that goes to 0: at the end the log-likelihood is below its maximum by at most m times the order of the
+// taus. Each step is halved until that function has risen, with the fixed effects that are best at the variance
+// components. Restrictions of the taus hold throughout. The estimates that it ends with are taken if their
+// log-likelihood is higher by more than `least`; otherwise the old ones are back. Returns the gain, 0.0 when nothing
+// was taken. The interrupt key ends the search. The posterior means and C_j^-1 of the store are left anywhere.
+// Source: Fiacco and McCormick (1968), Nonlinear Programming: Sequential Unconstrained Minimization Techniques.
+[[nodiscard]] double searchedge(Pass& pass, double least);
+
+}  // namespace kdr

@@ -1,0 +1,145 @@
+#include "estimate/linear/exploratory.h"
+
+#include <cmath>
+#include <vector>
+
+#include "core/modelwalk.h"
+#include "driver/runrecord.h"
+#include "kernel/sizes.h"
+#include "report/exploratorytables.h"
+
+namespace kdr {
+
+namespace {
+
+double squared(double x) { return x * x; }
+
+// Sums of squares and products of n residuals and m predictors about their means.
+struct Products {
+  int n = 0, m = 0;
+  Array<double> ssr, ssx, sxy;  // [n], [m], n rows of m
+  Array<double> rawx;           // [m], sums of squares about 0
+
+  void reset(int residuals, int predictors) {
+    n = residuals;
+    m = predictors;
+    ssr.reset(at(n));
+    ssx.reset(at(m));
+    sxy.reset(at(n) * at(m));
+    rawx.reset(at(m));
+  }
+  // One unit, by its deviations from the means.
+  void add(const double* dr, const double* dx) {
+    for (int x = 0; x < m; ++x) ssx[x] += dx[x] * dx[x];
+    for (int c = 0; c < n; ++c) {
+      ssr[c] += dr[c] * dr[c];
+      for (int x = 0; x < m; ++x) sxy[c * m + x] += dr[c] * dx[x];
+    }
+  }
+};
+
+Products level2products(Pass& pass) {
+  const int p = pass.p, m = run.mdm.nvar2;
+  Products products;
+  products.reset(p, m);
+  Array<double> meanu(at(run.mdm.nunits3) * at(p)), meanx(at(run.mdm.nunits3) * at(m));
+  const auto nothing = [](int) {};
+  sweepunits(
+      pass.n2of, nothing,
+      [&](int k, std::size_t, const double* hot, const double* cold) {
+        const double units = pass.n2of[k];
+        for (int c = 0; c < p; ++c) meanu[k * p + c] += hot[pass.store.atustar + at(c)] / units;
+        for (int x = 0; x < m; ++x) meanx[k * m + x] += cold[pass.store.atlevel2 + at(x)] / units;
+      },
+      nothing, reading(pass.store.hot), reading(pass.store.cold));
+  Array<double> du(at(p)), dx(at(m));
+  sweepunits(
+      pass.n2of, nothing,
+      [&](int k, std::size_t, const double* hot, const double* cold) {
+        for (int c = 0; c < p; ++c) du[c] = hot[pass.store.atustar + at(c)] - meanu[k * p + c];
+        for (int x = 0; x < m; ++x) dx[x] = cold[pass.store.atlevel2 + at(x)] - meanx[k * m + x];
+        products.add(du.data(), dx.data());
+        for (int x = 0; x < m; ++x) products.rawx[x] += squared(cold[pass.store.atlevel2 + x]);
+      },
+      nothing, reading(pass.store.hot), reading(pass.store.cold));
+  return products;
+}
+
+Products level3products(const Pass& pass) {
+  const int b = pass.b, m = run.mdm.nvar3, units = run.mdm.nunits3;
+  Products products;
+  products.reset(b, m);
+  Array<double> meanv(at(b)), meanx(at(m)), dv(at(b)), dx(at(m));
+  for (int k = 0; k < units; ++k) {
+    for (int c = 0; c < b; ++c) meanv[c] += pass.vstar.row(k)[c] / units;
+    for (int x = 0; x < m; ++x) meanx[x] += run.mdm.level3[k * m + x] / units;
+  }
+  for (int k = 0; k < units; ++k) {
+    for (int c = 0; c < b; ++c) dv[c] = pass.vstar.row(k)[c] - meanv[c];
+    for (int x = 0; x < m; ++x) dx[x] = run.mdm.level3[k * m + x] - meanx[x];
+    products.add(dv.data(), dx.data());
+    for (int x = 0; x < m; ++x) products.rawx[x] += squared(run.mdm.level3[k * m + x]);
+  }
+  return products;
+}
+
+// Residual c on predictor x (from 0). At level 2 the residual variance is that left by the fit; at level 3 it is that
+// of the residuals themselves.
+ExploratoryFit regress(const Products& products, int level, int c, int x, int units) {
+  ExploratoryFit fit;
+  const double ssx = products.ssx[x];
+  // What is left of a constant by rounding is no variation.
+  constexpr double rounding = 1e-24;
+  if (ssx <= rounding * products.rawx[x] || units <= fewexploratoryunits) return fit;
+  fit.coefficient = products.sxy[c * products.m + x] / ssx;
+  const double explained = level == 2 ? fit.coefficient * fit.coefficient * ssx : 0.0;
+  const double variance = (products.ssr[c] - explained) / (units - 2) / ssx;
+  fit.error = variance > 0.0 ? std::sqrt(variance) : 0.0;
+  return fit;
+}
+
+// The candidates of residual c, n of them.
+ExploratoryBlock block(const Products& products, int level, int c, const int* variables, int n, int units) {
+  ExploratoryBlock made;
+  made.row = c;
+  for (int i = 0; i < n; ++i) {
+    made.variables.push_back(variables[i]);
+    made.fits.push_back(regress(products, level, c, variables[i] - 1, units));
+  }
+  return made;
+}
+
+void level2analysis(Pass& pass, std::vector<ExploratoryBlock>& blocks) {
+  const Products products = level2products(pass);
+  int c = 0;
+  for (const CoefficientRow& coefficient : modelrows().coefficients) {
+    if (!coefficient.random) continue;
+    blocks.push_back(block(products, 2, c++, run.model.extra2.row(coefficient.set, coefficient.place),
+                           run.model.nextra2.row(coefficient.set)[coefficient.place], run.mdm.nunits2));
+  }
+}
+
+void level3analysis(const Pass& pass, std::vector<ExploratoryBlock>& blocks) {
+  const Products products = level3products(pass);
+  int c = 0;
+  const ModelRows rows = modelrows();
+  for (const TermRow& term : rows.terms) {
+    if (!term.random) continue;
+    const int set = rows.owner(term).set;
+    blocks.push_back(block(products, 3, c++, run.model.extra3.row(set, term.place),
+                           run.model.nextra3.row(set)[term.place], run.mdm.nunits3));
+  }
+}
+
+}  // namespace
+
+bool haveexploratory() { return mostcandidates(run.model.nextra2) > 0 || mostcandidates(run.model.nextra3) > 0; }
+
+void exploratory(Pass& pass) {
+  ExploratoryAnalysis analysis;
+  if (mostcandidates(run.model.nextra2) > 0) level2analysis(pass, analysis.level2);
+  if (mostcandidates(run.model.nextra3) > 0) level3analysis(pass, analysis.level3);
+  exploratorytables(analysis);
+}
+
+}  // namespace kdr

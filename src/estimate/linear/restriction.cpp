@@ -1,0 +1,149 @@
+#include "estimate/linear/restriction.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+
+#include "driver/runrecord.h"
+#include "kernel/decompositions.h"
+#include "kernel/matrix.h"
+#include "kernel/products.h"
+#include "kernel/sizes.h"
+
+namespace kdr {
+
+namespace {
+
+// log det T + tr(T^-1 S), which the update makes small; false when T is not a usable covariance. T^-1 is left in
+// `inverse`.
+bool deviance(const double* T, const double* S, int n, Array<double>& inverse, double& value) {
+  const Inversion inversion = invertsymmetric(n, T, inverse.data());
+  if (inversion.result != 0 || !ispositivedefinite(n, T, n, nullptr)) return false;
+  value = std::log(inversion.determinant);
+  for (std::size_t i = 0; i < square(n); ++i) value += inverse[i] * S[i];
+  return true;
+}
+
+}  // namespace
+
+Restriction taurestriction(Tau which) {
+  const bool pi = which == Tau::pi;
+  const IterationControl& iter = run.iter;
+  const int n = pi ? run.coef.ntaupi : run.coef.ntaubeta;
+  const bool haveest = pi ? iter.haveesttau2 : iter.haveesttau3;
+  const bool havecon = pi ? iter.havecontau2 : iter.havecontau3;
+  const Array<double>& est = pi ? iter.esttau2 : iter.esttau3;
+  const Array<int>& codes = pi ? iter.contau2 : iter.contau3;
+  const bool diagonal = pi ? run.out.diagtaupi : run.out.diagtaubeta;
+
+  Restriction restriction;
+  restriction.free.reset(packedsize(n));
+  Array<int> parameterof(packedsize(n) + 1);  // free parameter of each equality group, from 1; 0 for none yet
+  eachelement(n, [&](int e, int i, int j) {
+    int& free = restriction.free[e];
+    const int group = havecon ? std::abs(codes[e]) : 0;
+    if ((haveest && est[i * n + j] != missingcode) || (diagonal && i != j)) {
+      free = -1;
+    } else if (group == 0) {
+      free = restriction.nfree++;
+    } else {
+      if (parameterof[group] == 0) parameterof[group] = ++restriction.nfree;
+      free = parameterof[group] - 1;
+    }
+  });
+  return restriction;
+}
+
+Restriction allrestriction(bool sigma2free) {
+  Restriction all;
+  const Restriction parts[] = {taurestriction(Tau::pi), taurestriction(Tau::beta)};
+  all.free.reset(parts[0].free.size() + parts[1].free.size() + 1);
+  std::size_t e = 0;
+  for (const Restriction& part : parts) {
+    for (const int free : part.free) all.free[e++] = free < 0 ? -1 : free + all.nfree;
+    all.nfree += part.nfree;
+  }
+  all.free[e] = sigma2free ? all.nfree++ : -1;
+  return all;
+}
+
+void reduceinformation(const Restriction& restriction, const double* I, int ld, double* reduced) {
+  const int n = static_cast<int>(restriction.free.size()), m = restriction.nfree;
+  std::fill_n(reduced, square(m), 0.0);
+  for (int i = 0; i < n; ++i)
+    for (int j = 0; j < n; ++j)
+      if (const int a = restriction.free[i], c = restriction.free[j]; a >= 0 && c >= 0)
+        reduced[a * m + c] += I[i * ld + j];
+}
+
+void reducevector(const Restriction& restriction, const double* s, double* reduced) {
+  std::fill_n(reduced, restriction.nfree, 0.0);
+  for (std::size_t i = 0; i < restriction.free.size(); ++i)
+    if (const int a = restriction.free[i]; a >= 0) reduced[a] += s[i];
+}
+
+void expandinverse(const Restriction& restriction, const double* reduced, double* full, int ld) {
+  const int n = static_cast<int>(restriction.free.size()), m = restriction.nfree;
+  for (int i = 0; i < n; ++i)
+    for (int j = 0; j < n; ++j) {
+      const int a = restriction.free[i], c = restriction.free[j];
+      full[i * ld + j] = a >= 0 && c >= 0 ? reduced[a * m + c] : 0.0;
+    }
+}
+
+void maximisetau(double* T, const double* S, int n, const Restriction& restriction) {
+  if (restriction.none()) {
+    std::copy_n(S, square(n), T);
+    return;
+  }
+  if (restriction.nfree == 0) return;
+  constexpr int maxsteps = 100, maxhalvings = 40;
+  constexpr double leastgain = 1e-14;
+  const int elements = static_cast<int>(packedsize(n)), m = restriction.nfree;
+  Array<double> inverse(square(n)), half(square(n)), A(square(n));
+  Array<double> score(at(elements)), information(square(elements));
+  Array<double> reduced(square(m)), reducedinverse(square(m)), x(at(m)), step(at(m)), tried(square(n));
+  double value = 0.0;
+  if (!deviance(T, S, n, inverse, value)) return;
+  for (int round = 0; round < maxsteps; ++round) {
+    // Score and information of one unit: 1/2 D'vec(T^-1 (S - T) T^-1), 1/2 D'(T^-1 (x) T^-1) D.
+    for (std::size_t i = 0; i < square(n); ++i) half[i] = S[i] - T[i];
+    mulAB(A.data(), inverse.data(), half.data(), n, n, n);
+    mulAB(half.data(), A.data(), inverse.data(), n, n, n);
+    eachelement(n, [&](int e, int i, int j) {
+      score[e] = (i == j ? 0.5 : 1.0) * half[i * n + j];
+      eachelement(n, [&](int f, int k, int l) {
+        const auto P = [&](int a, int b) { return inverse[a * n + b]; };
+        double sum = P(i, k) * P(j, l) + P(i, l) * P(j, k);
+        if (i == j) sum *= 0.5;
+        if (k == l) sum *= 0.5;
+        information[e * elements + f] = sum;
+      });
+    });
+    reduceinformation(restriction, information.data(), elements, reduced.data());
+    reducevector(restriction, score.data(), x.data());
+    if (invertsymmetric(m, reduced.data(), reducedinverse.data()).result != 0) return;
+    mulAB(step.data(), reducedinverse.data(), x.data(), m, 1, m);
+
+    double next = value;
+    bool improved = false;
+    for (int halving = 0; halving < maxhalvings && !improved; ++halving) {
+      std::copy_n(T, square(n), tried.data());
+      eachelement(n, [&](int e, int i, int j) {
+        if (const int a = restriction.free[e]; a >= 0) {
+          tried[i * n + j] += step[a];
+          if (i != j) tried[j * n + i] += step[a];
+        }
+      });
+      improved = deviance(tried.data(), S, n, inverse, next) && next <= value;
+      for (double& s : step) s *= 0.5;
+    }
+    if (!improved) return;
+    std::copy_n(tried.data(), square(n), T);
+    const bool settled = value - next <= leastgain * std::max(1.0, std::fabs(value));
+    value = next;
+    if (settled) return;
+  }
+}
+
+}  // namespace kdr

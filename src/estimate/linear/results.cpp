@@ -1,0 +1,64 @@
+#include "estimate/linear/results.h"
+
+#include "driver/runrecord.h"
+#include "estimate/linear/emstep.h"
+#include "estimate/linear/inference.h"
+#include "estimate/linear/posterior.h"
+#include "estimate/linear/weightedcovariance.h"
+#include "report/degreesoffreedom.h"
+
+namespace kdr {
+
+namespace {
+
+// The posterior of the random effects at the estimates as they stand. The last step left that of the estimates before
+// it, and where the random effects are large against sigma, the new fixed effects beside the old posterior means leave
+// residuals that are wrong by a multiple of sigma. A tau without an inverse leaves the posterior as it is.
+void renewposterior(Pass& pass) {
+  Array<double> S, Sb;
+  double logdet = 0.0;
+  if (scaleinverse(run.est.taupi.data(), pass.p, run.est.sigma2, S, logdet) != 0 ||
+      scaleinverse(run.est.taubeta.data(), pass.b, run.est.sigma2, Sb, logdet) != 0)
+    return;
+  PosteriorSums sums;
+  const PosteriorInput input{run.est.sigma2, run.est.gammahat.data(), S.data(), Sb.data(), nullptr, true};
+  [[maybe_unused]] const PosteriorResult result = posteriorsweep(pass, input, sums);
+}
+
+}  // namespace
+
+PassResults iterationresults(Pass& pass, IterationState& state) {
+  PassResults results;
+  results.kind = pass.plan.kind;
+  results.macro = pass.plan.macro;
+  results.heterogeneous = state.hetstate == 1;
+  results.fixsigma2 = pass.fixsigma2;
+  results.stopped = state.stopped();
+  results.iteration = state.iteration;
+  results.ending = state.ending;
+  results.errors = tauerrors(pass, state.fisher, state.likelihood);
+  results.loglik = state.likelihood.current;
+  if (!results.heterogeneous && !results.tausstand()) results.reliabilities = reliabilities(pass);
+  results.est = run.est.copy();
+  return results;
+}
+
+PassResults stageresults(Pass& pass, IterationState& state) {
+  if (state.hetstate != 1) renewposterior(pass);
+  PassResults results = iterationresults(pass, state);
+  degreesoffreedom(results.degrees);
+  if (run.kind.weighted && !results.heterogeneous) {
+    results.covariance = weightedcovariance(pass);
+  } else {
+    results.covariance = run.est.covariance();
+  }
+  if (results.heterogeneous) return results;
+  if (pass.plan.kind != PassKind::identity) {
+    results.robust = robustcovariance(pass, false);
+    results.fewunits = fewlevel3units();
+  }
+  results.tests = variancetests(pass);
+  return results;
+}
+
+}  // namespace kdr

@@ -1,0 +1,31 @@
+// Moment estimators of the variance components from least-squares residuals, unit by unit.
+#pragma once
+
+#include "estimate/linear/pass.h"
+#include "kernel/array.h"
+
+namespace kdr {
+
+// The squared residuals that the starting tau matrices were derived from, for their repair.
+struct StartMoments {
+  Array<double> taupi, taubeta;  // p squared, b squared
+  bool shared = false;           // the taus are shares of the residual variance: there are no squared residuals
+};
+
+// True when the data tell all free variance parameters apart, whatever single units can: no derivative of the
+// covariance of a level-3 unit's outcomes is a combination of the others over all units. With M = Zx'Zy of two sets of
+// random effects, the product of the derivatives by x_ij and y_kl is a sum of terms M_jk M_il.
+[[nodiscard]] bool identified(Pass& pass);
+
+// Fills run.est.sigma2, taupi and taubeta from the least-squares estimate in run.est.gammahat, and the numbers of
+// usable records and units in `pass`. taubeta is a first value here: `starttaubeta` gives the one that the iterations
+// start from. Where the units' own fits give no moments, because none has records to spare, and the variance parameters
+// are identified all the same, the residual variance is shared out among them, with a line in the report, and taubeta
+// needs no second value. Otherwise raises 13 without usable units, 16 without degrees of freedom for sigma2, 2 without
+// a usable level-3 unit; and 100 for a sigma2 of nearly zero.
+void leastsquarestart(Pass& pass, StartMoments& moments);
+
+// taubeta once more, from the repaired taupi: the value that the iterations start from.
+void starttaubeta(Pass& pass, StartMoments& moments);
+
+}  // namespace kdr

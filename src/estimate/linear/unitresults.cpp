@@ -1,0 +1,92 @@
+#include "estimate/linear/unitresults.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "driver/runrecord.h"
+#include "kernel/matrix.h"
+#include "kernel/products.h"
+#include "kernel/sizes.h"
+
+namespace kdr {
+
+namespace {
+
+// packed = sigma2 times full, of order n.
+void packscaled(int n, const double* full, Array<double>& packed) {
+  pack(n, full, packed.data());
+  for (double& x : packed) x *= run.est.sigma2;
+}
+
+}  // namespace
+
+UnitResults makeunitresults(const Pass& pass) {
+  UnitResults results;
+  results.level3.EB.reset(at(pass.b));
+  results.level3.OL.reset(at(pass.b));
+  results.level3.FV.reset(at(pass.nbeta));
+  results.level3.EC.reset(at(pass.nbeta));
+  results.level3.PV.reset(packedsize(pass.b));
+  results.level2.EB.reset(at(pass.p));
+  results.level2.OL.reset(at(pass.p));
+  results.level2.FV.reset(at(pass.npi));
+  results.level2.EC.reset(at(pass.npi));
+  results.level2.PV.reset(packedsize(pass.p));
+  results.means = makeunitmeans(pass);
+  results.C.reset(square(pass.p));
+  results.AE.reset(at(pass.p) * at(pass.b));
+  results.A.reset(at(pass.p) * at(pass.b));
+  results.residual.reset(at(pass.p));
+  results.inverse.reset(square(pass.p));
+  return results;
+}
+
+void level3results(const Pass& pass, int k, double missing, UnitResults& results) {
+  const int b = pass.b;
+  UnitResults::Level3& out = results.level3;
+  const double* v = pass.vstar.row(k);
+  const double* vlsq = pass.vlsq.row(k);
+  std::copy_n(v, b, out.EB.data());
+  if (vlsq[0] == missingcode) {
+    out.OL.fill(missing);
+  } else {
+    std::copy_n(vlsq, b, out.OL.data());
+  }
+  takeunitmeans(pass, k, run.est.gammahat.data(), v, results.means);
+  for (std::size_t i = 0; i < at(pass.nbeta); ++i) {
+    const int column = pass.design.column2[i];
+    out.FV[i] = results.means.theta[column];
+    out.EC[i] = results.means.thetastar[column];
+  }
+  packscaled(b, pass.dinv.row(k), out.PV);
+}
+
+void level2coefficients(const Pass& pass, std::size_t unit, const double* hot, const double* cold,
+                        UnitResults& results) {
+  UnitResults::Level2& out = results.level2;
+  std::copy_n(hot + pass.store.atustar, pass.p, out.EB.data());
+  level2coefficients(pass, cold + pass.store.atlevel2, results.means.thetastar.data(), out.FV.data());
+  std::copy(out.FV.begin(), out.FV.end(), out.EC.begin());
+  addlevel2effects(pass, unit, out.EB.data(), out.EC.data());
+}
+
+void level2residuals(const Pass& pass, int k, const double* hot, const double* cold, double missing,
+                     UnitResults& results) {
+  const int p = pass.p, b = pass.b;
+  UnitResults::Level2& out = results.level2;
+  if (!usableunit(pass.store, cold)) {
+    out.OL.fill(missing);
+  } else {
+    unpack(p, cold + pass.store.atinverse, results.inverse.data());
+    residualproduct(pass.store, hot, results.means.thetastar.data(), results.residual.data());
+    mulAB(out.OL.data(), results.inverse.data(), results.residual.data(), p, 1, p);
+  }
+  unpack(p, hot + pass.store.atCinv, results.C.data());
+  mulABt(results.A.data(), results.C.data(), hot + pass.store.atBZ1, p, b, p);
+  for (double& a : results.A) a *= pass.scale3[k];
+  mulAB(results.AE.data(), results.A.data(), pass.dinv.row(k), p, b, b);
+  addABt(results.C.data(), results.AE.data(), results.A.data(), p, p, b);
+  packscaled(p, results.C.data(), out.PV);
+}
+
+}  // namespace kdr

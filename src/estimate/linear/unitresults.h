@@ -1,0 +1,47 @@
+// What the residual files and the graph file hold of one unit: its residuals, the values of its coefficients and its
+// posterior covariance, from the sums and the store of a finished pass. All vectors are in the order of the model.
+//
+// Level-3 unit k, z the scale of Z2 (1 without design weights):
+//   FV = W3 gamma,  EC = FV + z v at the coefficients random at level 3,  PV = sigma2 D_k^-1
+// Level-2 unit j of k, d the scale of Z1:
+//   FV = W2 EC_k,  EC = FV + d u at the coefficients random at level 2
+//   OL = (Z1'Z1)^-1 (Z1'Y - Z1'M gamma - Z1'Z2 v)
+//   PV = sigma2 (C + A D_k^-1 A'),  C = C_j^-1, A = C Z1'Z2
+#pragma once
+
+#include "estimate/linear/pass.h"
+#include "kernel/array.h"
+
+namespace kdr {
+
+struct UnitResults {
+  struct Level3 {
+    Array<double> EB, OL;  // [b]
+    Array<double> FV, EC;  // [nbeta]
+    Array<double> PV;      // packed, order b
+  } level3;
+  struct Level2 {
+    Array<double> EB, OL;  // [p]
+    Array<double> FV, EC;  // [npi]
+    Array<double> PV;      // packed, order p
+  } level2;
+
+  UnitMeans means;                            // of the level-3 unit at hand, in the order of the columns of B
+  Array<double> C, A, AE, inverse, residual;  // buffers
+};
+
+[[nodiscard]] UnitResults makeunitresults(const Pass& pass);
+
+// In this order: level3results for a level-3 unit, then for each of its level-2 units level2coefficients and
+// level2residuals, which use what the functions before them left.
+
+// Level-3 unit k: all of level3, and means. OL is pass.vlsq, or `missing` throughout for a unit without one.
+void level3results(const Pass& pass, int k, double missing, UnitResults& results);
+// Level-2 unit number `unit` (in the order of the store) of the level-3 unit at hand: EB, FV and EC.
+void level2coefficients(const Pass& pass, std::size_t unit, const double* hot, const double* cold,
+                        UnitResults& results);
+// The same unit's OL, `missing` throughout where it has no least-squares fit, and PV.
+void level2residuals(const Pass& pass, int k, const double* hot, const double* cold, double missing,
+                     UnitResults& results);
+
+}  // namespace kdr

@@ -1,0 +1,164 @@
+#include "estimate/linear/weights.h"
+
+#include <algorithm>
+#include <cstdio>
+
+#include "data/unitreader.h"
+#include "driver/failures.h"
+#include "driver/runrecord.h"
+#include "estimate/linear/deletion.h"
+#include "kernel/array.h"
+#include "kernel/sizes.h"
+
+namespace kdr {
+
+namespace {
+
+// A weight as it was read: means and products of negative ones can be positive.
+double positive(double weight, int level) {
+  if (!(weight > 0.0)) stopwith("Level-%d Weights must be positive!\n", level);
+  return weight;
+}
+
+// Divides the n values from `first` by their mean.
+void dividebymean(Array<double>& weights, std::size_t first, std::size_t n) {
+  double sum = 0.0;
+  for (std::size_t i = first; i < first + n; ++i) sum += weights[i];
+  if (n == 0) return;
+  const double mean = sum / static_cast<double>(n);
+  for (std::size_t i = first; i < first + n; ++i) weights[i] /= mean;
+}
+
+// Units and records that remain, in file order.
+struct Remaining {
+  Array<int> unitsin;    // level-2 units of each level-3 unit
+  Array<int> recordsin;  // records of each level-2 unit
+  std::size_t units = 0, records = 0;
+};
+
+// Mean of wgtvar2 over all level-2 rows of the level-3 unit whose first block has just been read.
+double level2mean(UnitReader& reader, const UnitBlock& first, UnitBlock& ahead) {
+  const std::size_t variable = at(run.out.wgtvar2) - 1;
+  double sum = positive(first.level2[variable], 2);
+  int rows = 1;
+  const long long position = unitposition(reader);
+  while (skimunit(reader, ahead) && sameid(ahead.id3, first.id3)) {
+    sum += positive(ahead.level2[variable], 2);
+    ++rows;
+  }
+  seekunit(reader, position);
+  return sum / rows;
+}
+
+// The raw weights of one unit: its records from `record` on, and the unit's own.
+void unitweights(const UnitBlock& unit, std::size_t record, double& weight2, double m2, double weight3) {
+  DesignWeights& weights = run.weights;
+  const bool set1 = run.out.wgtvar1 != 0, set2 = run.out.wgtvar2 != 0, set3 = run.out.wgtvar3 != 0;
+  if (set1 && !set2 && set3) {
+    std::printf("\nUnable to do only level-1 and level-3 weights.\n");
+    std::printf("To run the analysis KDR3 must be able to compute W(i|jk), W(j|k) and W(k).\n");
+    stopwith("We cannot compute these three quantities based on the information provided.\n");
+  }
+  const double x2 = set2 ? unit.level2[at(run.out.wgtvar2) - 1] / m2 : 1.0;
+  if (set2) weight2 = set3 ? x2 * weight3 : x2;
+  if (!set1) return;
+  const auto x1 = [&](int i) { return unit.records[at(i) * at(run.mdm.nvar1) + at(run.out.wgtvar1) - 1]; };
+  for (int i = 0; i < unit.nj; ++i) static_cast<void>(positive(x1(i), 1));
+  double m1 = 0.0;
+  for (int i = 0; i < unit.nj; ++i) m1 += x1(i) / unit.nj;
+  // With level-2 weights alone beside them the level-1 weights are taken as they are.
+  const bool plain = set2 && !set3;
+  for (int i = 0; i < unit.nj; ++i) weights.weight1[record + at(i)] = plain ? x1(i) : x1(i) / m1;
+  if (!set2) weight2 = m1;
+}
+
+Remaining readweights() {
+  DesignWeights& weights = run.weights;
+  Remaining remaining{Array<int>(at(run.mdm.nunits3)), Array<int>(at(run.mdm.nunits2))};
+  UnitReader reader;
+  startunits(reader, run.mdm.stream, run.mdm.firstblock, run.mdm.nvar1, run.mdm.nvar2, true);
+  UnitBlock unit, ahead;
+  const bool deleting = !run.mdm.deletednow;
+  int k = -1;
+  double m2 = 1.0;
+  Id current{};
+  while (readunit(reader, unit)) {
+    checksignals();
+    if (k < 0 || !sameid(unit.id3, current)) {
+      if (++k >= run.mdm.nunits3) damagedmdm("it has more level-3 units than its table");
+      current = unit.id3;
+      if (run.out.wgtvar2 != 0) m2 = level2mean(reader, unit, ahead);
+      if (run.out.wgtvar2 != 0 && run.out.wgtvar3 == 0) weights.weight3[k] = m2;
+    }
+    if (deleting) deleterecords(unit);
+    if (unit.nj == 0) continue;
+    unitweights(unit, remaining.records, weights.weight2[remaining.units], m2, weights.weight3[k]);
+    ++remaining.unitsin[k];
+    remaining.recordsin[remaining.units++] = unit.nj;
+    remaining.records += at(unit.nj);
+  }
+  return remaining;
+}
+
+// Each level within the one above it, then times the weight of the one above, each time to a mean of 1.
+void normalise(const Remaining& remaining) {
+  DesignWeights& weights = run.weights;
+  const std::size_t units3 = at(run.mdm.nunits3);
+  const auto eachlevel3 = [&](auto use) {
+    std::size_t unit = 0, record = 0;
+    for (std::size_t k = 0; k < units3; ++k) {
+      const std::size_t firstunit = unit, firstrecord = record;
+      for (; unit < firstunit + at(remaining.unitsin[k]); ++unit) record += at(remaining.recordsin[unit]);
+      use(k, firstunit, unit - firstunit, firstrecord, record - firstrecord);
+    }
+  };
+
+  if (run.out.wgtvar1 != 0 && run.out.wgtvar2 == 0 && run.out.wgtvar3 == 0)
+    eachlevel3([&](std::size_t k, std::size_t first, std::size_t n, std::size_t, std::size_t) {
+      double sum = 0.0;
+      for (std::size_t j = first; j < first + n; ++j) sum += weights.weight2[j];
+      if (n == 0) return;
+      weights.weight3[k] = sum / static_cast<double>(n);
+      dividebymean(weights.weight2, first, n);
+    });
+  dividebymean(weights.weight3, 0, units3);
+
+  eachlevel3([&](std::size_t, std::size_t first, std::size_t n, std::size_t, std::size_t) {
+    dividebymean(weights.weight2, first, n);
+  });
+  dividebymean(weights.weight2, 0, remaining.units);
+  eachlevel3([&](std::size_t k, std::size_t first, std::size_t n, std::size_t, std::size_t) {
+    for (std::size_t j = first; j < first + n; ++j) weights.weight2[j] *= weights.weight3[k];
+  });
+  dividebymean(weights.weight2, 0, remaining.units);
+
+  eachlevel3([&](std::size_t, std::size_t, std::size_t, std::size_t first, std::size_t n) {
+    dividebymean(weights.weight1, first, n);
+  });
+  dividebymean(weights.weight1, 0, remaining.records);
+  std::size_t record = 0;
+  for (std::size_t j = 0; j < remaining.units; ++j)
+    for (int i = 0; i < remaining.recordsin[j]; ++i) weights.weight1[record++] *= weights.weight2[j];
+  dividebymean(weights.weight1, 0, remaining.records);
+  dividebymean(weights.weight2, 0, remaining.units);
+}
+
+}  // namespace
+
+void normaliseweights() {
+  DesignWeights& weights = run.weights;
+  weights.weight1.reset(at(run.mdm.nunits1));
+  weights.weight2.reset(at(run.mdm.nunits2));
+  weights.weight3.reset(at(run.mdm.nunits3));
+  for (Array<double>* level : {&weights.weight1, &weights.weight2, &weights.weight3}) level->fill(1.0);
+  if (run.out.wgtvar3 != 0) {
+    for (std::size_t k = 0; k < weights.weight3.size(); ++k)
+      weights.weight3[k] = positive(run.mdm.level3[k * at(run.mdm.nvar3) + at(run.out.wgtvar3) - 1], 3);
+    dividebymean(weights.weight3, 0, weights.weight3.size());
+  }
+  const Remaining remaining = readweights();
+  normalise(remaining);
+  run.mdm.nunits2 = static_cast<int>(remaining.units);
+}
+
+}  // namespace kdr

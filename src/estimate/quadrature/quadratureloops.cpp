@@ -1,0 +1,187 @@
+// This file is compiled once for each set of vector instructions, into a namespace named after the set. It uses no
+// inline function or template from elsewhere: their one copy in the program could then hold instructions that the
+// machine does not have.
+#include "estimate/quadrature/quadratureloops.h"
+
+namespace kdr::KDR3_INSTRUCTIONS {
+
+namespace {
+
+// Vectors never leave this file, so how they are passed does not matter. A cast between them keeps the bits.
+using Lane = double __attribute__((vector_size(32)));
+using Bits = long long __attribute__((vector_size(32)));
+using Memory = double __attribute__((vector_size(32), aligned(8), may_alias));
+
+inline Lane load(const double* from) { return *reinterpret_cast<const Memory*>(from); }
+inline void store(double* to, Lane value) { *reinterpret_cast<Memory*>(to) = value; }
+inline Lane all(double value) { return Lane{value, value, value, value}; }
+inline Lane larger(Lane a, Lane b) { return a > b ? a : b; }
+inline Lane smaller(Lane a, Lane b) { return a < b ? a : b; }
+
+// exp(x) = 2^k exp(r), k the whole number next to x / log 2 and |r| <= log(2)/2, exp(r) by its Taylor series.
+inline Lane exponential(Lane x) {
+  constexpr double perlog2 = 1.4426950408889634074, shift = 6755399441055744.0;  // 1.5 * 2^52 rounds to whole numbers
+  constexpr double log2high = 6.93147180369123816490e-01, log2low = 1.90821492927058770002e-10;
+  x = larger(smaller(x, all(709.0)), all(-708.0));
+  const Lane shifted = x * perlog2 + shift;
+  const Lane k = shifted - shift;
+  const Lane r = (x - k * log2high) - k * log2low;
+  const Lane r2 = r * r;
+  // sum of r^m / (m + 2)!, in pairs, so that the multiplications do not wait for each other
+  const Lane c0 = 0.5 + r * (1.0 / 6.0), c1 = 1.0 / 24.0 + r * (1.0 / 120.0), c2 = 1.0 / 720.0 + r * (1.0 / 5040.0);
+  const Lane c3 = 1.0 / 40320.0 + r * (1.0 / 362880.0), c4 = 1.0 / 3628800.0 + r * (1.0 / 39916800.0);
+  const Lane c5 = 1.0 / 479001600.0 + r * (1.0 / 6227020800.0);
+  const Lane r4 = r2 * r2;
+  const Lane tail = (c0 + r2 * c1) + r4 * ((c2 + r2 * c3) + r4 * (c4 + r2 * c5));
+  const Lane expr = 1.0 + (r + r2 * tail);
+  const Bits power = (reinterpret_cast<Bits>(shifted) << 52) + 0x3ff0000000000000LL;  // the low bits hold k
+  return expr * reinterpret_cast<Lane>(power);
+}
+
+// log(x) = k log 2 + log(1 + f) with sqrt(1/2) <= 1 + f < sqrt(2), by the rational form of s = f / (2 + f) of the
+// freely distributable mathematical library (Sun Microsystems, 1993).
+inline Lane logarithm(Lane x) {
+  constexpr double log2high = 6.93147180369123816490e-01, log2low = 1.90821492927058770002e-10;
+  Bits bits = reinterpret_cast<Bits>(x);
+  bits += 0x3ff0000000000000LL - 0x3fe6a09e667f3bcdLL;  // raises the exponent where the fraction is sqrt(1/2) or more
+  const Bits exponent = (bits >> 52) & 0x7ff;
+  bits = (bits & 0x000fffffffffffffLL) + 0x3fe6a09e667f3bcdLL;
+  const Lane fraction = reinterpret_cast<Lane>(bits);
+  const Lane k = __builtin_convertvector(exponent, Lane) - 1023.0;
+  const Lane f = fraction - 1.0;
+  const Lane s = f / (2.0 + f);
+  const Lane z = s * s, w = z * z;
+  const Lane t1 = w * (3.999999999940941908e-01 + w * (2.222219843214978396e-01 + w * 1.531383769920937332e-01));
+  const Lane t2 = z * (6.666666666666735130e-01 +
+                       w * (2.857142874366239149e-01 + w * (1.818357216161805012e-01 + w * 1.479819860511658591e-01)));
+  const Lane half = 0.5 * f * f;
+  return k * log2high - ((half - (s * (half + (t1 + t2)) + k * log2low)) - f);
+}
+
+constexpr double leastprobability = 1.0e-14, largesteta = 700.0;
+constexpr double logleast = -32.236191301916641;  // log(1e-14)
+constexpr double largestmean = 1.0e100;           // of a Poisson outcome: its density is 0 long before
+constexpr std::size_t perlogarithm = 20;          // probabilities of 1e-14 or more whose product is a normal number
+
+inline Lane limited(Lane eta) { return larger(smaller(eta, all(largesteta)), all(-largesteta)); }
+
+// f_i + d_i' u + e_i' v at four nodes. D: number of dimensions where the compiler knows it, else 0.
+template <int D>
+inline Lane predictor(const NodePairs& a, std::size_t i, std::size_t p, double fixed) {
+  const std::size_t dims = D > 0 ? D : a.dims;
+  Lane eta = all(fixed);
+  for (std::size_t d = 0; d < dims; ++d) eta += a.rows[i * dims + d] * load(a.nodes + d * a.pairs + p);
+  return eta;
+}
+
+inline void addgradient(const NodePairs& a, std::size_t i, std::size_t p, Lane residual) {
+  for (std::size_t c = 0; c < a.npi; ++c) {
+    double* g = a.gradient + c * a.pairs + p;
+    store(g, load(g) + a.x[i * a.npi + c] * residual);
+  }
+}
+
+template <bool M>
+void clear(const NodePairs& a) {
+  for (std::size_t p = 0; p < a.pairs; ++p) a.logdensity[p] = 0.0;
+  if (M)
+    for (std::size_t p = 0; p < a.npi * a.pairs; ++p) a.gradient[p] = 0.0;
+}
+
+// A binary outcome. With s = 1 for y = 1 and s = -1 for y = 0, pr = 1 / (1 + exp(-s eta)) is the probability of what
+// was observed; l = log pr, r = s (1 - pr), w = pr (1 - pr). The logarithm is taken of products of probabilities.
+template <int D, bool M>
+void bernoulli(const NodePairs& a) {
+  clear<M>(a);
+  for (std::size_t first = 0; first < a.records; first += perlogarithm) {
+    const std::size_t last = first + perlogarithm < a.records ? first + perlogarithm : a.records;
+    for (std::size_t p = 0; p < a.pairs; ++p) a.work[p] = 1.0;
+    for (std::size_t i = first; i < last; ++i) {
+      const double sign = a.y[i] == 1.0 ? 1.0 : -1.0;
+      for (std::size_t p = 0; p < a.pairs; p += nodestep) {
+        const Lane e = exponential(-sign * limited(predictor<D>(a, i, p, a.fixed[i])));
+        const Lane pr = 1.0 / (1.0 + e);
+        store(a.work + p, load(a.work + p) * larger(pr, all(leastprobability)));
+        if constexpr (M) {
+          const Lane rest = e * pr;
+          store(a.weights + i * a.pairs + p, rest * pr);
+          addgradient(a, i, p, sign * rest);
+        }
+      }
+    }
+    for (std::size_t p = 0; p < a.pairs; p += nodestep)
+      store(a.logdensity + p, load(a.logdensity + p) + logarithm(load(a.work + p)));
+  }
+}
+
+// y successes in n trials: l = y log mu + (n - y) log(1 - mu), r = y - n mu, w = n mu (1 - mu).
+template <int D, bool M>
+void binomial(const NodePairs& a) {
+  clear<M>(a);
+  for (std::size_t i = 0; i < a.records; ++i) {
+    const double y = a.y[i], n = a.n == nullptr ? 1.0 : a.n[i];
+    for (std::size_t p = 0; p < a.pairs; p += nodestep) {
+      const Lane eta = limited(predictor<D>(a, i, p, a.fixed[i]));
+      const Lane e = exponential(-eta);
+      const Lane mu = 1.0 / (1.0 + e);
+      const Lane logmu = logarithm(mu);
+      const Lane density = y * larger(logmu, all(logleast)) + (n - y) * larger(logmu - eta, all(logleast));
+      store(a.logdensity + p, load(a.logdensity + p) + density);
+      if constexpr (M) {
+        const Lane mean = n * mu;
+        store(a.weights + i * a.pairs + p, mean * (e * mu));
+        addgradient(a, i, p, y - mean);
+      }
+    }
+  }
+}
+
+// A count: with t = eta, plus the logarithm of the exposure, mu = exp(t), l = y t - mu, r = y - mu, w = mu.
+template <int D, bool M>
+void poisson(const NodePairs& a) {
+  clear<M>(a);
+  for (std::size_t i = 0; i < a.records; ++i) {
+    const double y = a.y[i], logexposure = a.n == nullptr ? 0.0 : a.n[i];
+    for (std::size_t p = 0; p < a.pairs; p += nodestep) {
+      const Lane t = logexposure + limited(predictor<D>(a, i, p, a.fixed[i]));
+      const Lane mu = smaller(exponential(t), all(largestmean));
+      store(a.logdensity + p, load(a.logdensity + p) + (y * t - mu));
+      if constexpr (M) {
+        store(a.weights + i * a.pairs + p, mu);
+        addgradient(a, i, p, y - mu);
+      }
+    }
+  }
+}
+
+// One or two random effects a level are the daily case and have code of their own.
+template <bool M>
+void anybernoulli(const NodePairs& a) {
+  a.dims == 2 ? bernoulli<2, M>(a) : a.dims == 3 ? bernoulli<3, M>(a) : bernoulli<0, M>(a);
+}
+template <bool M>
+void anybinomial(const NodePairs& a) {
+  a.dims == 2 ? binomial<2, M>(a) : a.dims == 3 ? binomial<3, M>(a) : binomial<0, M>(a);
+}
+template <bool M>
+void anypoisson(const NodePairs& a) {
+  a.dims == 2 ? poisson<2, M>(a) : a.dims == 3 ? poisson<3, M>(a) : poisson<0, M>(a);
+}
+
+void exponentials(double* values, std::size_t n) {
+  for (std::size_t i = 0; i < n; i += nodestep) store(values + i, exponential(load(values + i)));
+}
+void logarithms(double* values, std::size_t n) {
+  for (std::size_t i = 0; i < n; i += nodestep) store(values + i, logarithm(load(values + i)));
+}
+
+}  // namespace
+
+extern const QuadratureLoops quadratureloops;
+const QuadratureLoops quadratureloops = {
+    {anybernoulli<false>, anybinomial<false>, anypoisson<false>, anypoisson<false>},
+    {anybernoulli<true>, anybinomial<true>, anypoisson<true>, anypoisson<true>},
+    exponentials,
+    logarithms};
+
+}  // namespace kdr::KDR3_INSTRUCTIONS

@@ -1,0 +1,33 @@
+// The working-data step of penalised quasi-likelihood: from the estimates of a pass, the working weight and the working
+// dependent variable of every record, which the next pass takes for its data.
+//
+// Both are made as the data pass of the next pass needs them, and go into its cross-products at once. The working data
+// file holds what they are made from: the level-2 blocks as the analysis has them. A record of the first pass has the
+// variables of the MDM file. From the first step on it has
+//   the outcome as observed, Z if the run has a level-1 residual file, the level-1 predictors of the model, the
+//   variables that this file shows
+// and only a run with such a file writes it anew in every step.
+#pragma once
+
+#include "estimate/linear/passplan.h"
+#include "estimate/quasi/family.h"
+#include "estimate/quasi/macrostate.h"
+
+namespace kdr {
+
+struct WorkingStep {
+  bool first = false;     // after the identity pass: the fitted value is a mean, the outcome is checked
+  bool capped = false;    // after the first pass on working data: Poisson means stay below the largest rate met
+  bool marginal = false;  // for the population-average pass: no random effects, predictor corrected for them
+};
+
+// Takes run.est for state.previous, begins the pass `next` by its plan, and makes its data pass over the working data
+// that follow from the estimates and from the random effects in `pass`. state.layout becomes that of the file. Raises
+// 100 for an outcome out of range and for a logit beyond 60 in a macro iteration after the seventh, 5 when the file
+// cannot be written.
+void prepareworkingdata(Pass& pass, MacroState& state, const WorkingStep& step, Pass& next, const PassPlan& plan);
+
+// The outcome type of the run.
+[[nodiscard]] Family familyof();
+
+}  // namespace kdr

@@ -1,0 +1,190 @@
+#include "series/pooling.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "core/constants.h"
+#include "kernel/sizes.h"
+
+namespace kdr {
+
+namespace {
+
+using Records = std::span<const SubrunRecord>;
+
+// The mean over the records of what `get` finds in them.
+template <class Get>
+double meanof(Records records, Get get) {
+  double sum = 0.0;
+  for (const SubrunRecord& record : records) sum += get(record);
+  return sum / static_cast<double>(records.size());
+}
+
+template <class Get>
+int wholemean(Records records, Get get) {
+  long long sum = 0;
+  for (const SubrunRecord& record : records) sum += get(record);
+  return static_cast<int>(sum / static_cast<long long>(records.size()));
+}
+
+// The same, element by element, of an array.
+template <class Get>
+Array<double> meanarray(Records records, Get get) {
+  Array<double> mean(get(records[0]).size());
+  for (const SubrunRecord& record : records)
+    for (std::size_t i = 0; i < mean.size(); ++i) mean[i] += get(record)[i];
+  for (double& x : mean) x /= static_cast<double>(records.size());
+  return mean;
+}
+
+// f above; 0 for a single sub-run.
+double betweenfactor(std::size_t M) {
+  const auto m = static_cast<double>(M);
+  return M > 1 ? (1.0 + 1.0 / m) / (m - 1.0) : 0.0;
+}
+
+// C += f sum_m (x_m - xbar)(x_m - xbar)', n by n. get(record, i) is element i of x_m.
+template <class Get>
+void addbetween(Array<double>& C, Records records, const Array<double>& mean, Get get) {
+  const std::size_t n = mean.size();
+  const double f = betweenfactor(records.size());
+  Array<double> d(n);
+  for (const SubrunRecord& record : records) {
+    for (std::size_t i = 0; i < n; ++i) d[i] = get(record, i) - mean[i];
+    for (std::size_t i = 0; i < n; ++i)
+      for (std::size_t j = 0; j < n; ++j) C[i * n + j] += f * d[i] * d[j];
+  }
+}
+
+// Rubin's degrees of freedom.
+int freedom(std::size_t M, double within, double between, int complete) {
+  constexpr double largest = 2147483647.0;
+  const double ratio = within / between + 1.0;
+  const double nu = (static_cast<double>(M) - 1.0) * ratio * ratio;
+  return M > 1 && nu <= largest ? std::min(static_cast<int>(nu), complete) : complete;
+}
+
+using Effects = SubrunEffects SubrunRecord::*;
+
+PooledCovariance poolcovariance(Records records, Effects effects, Array<double> SubrunEffects::*matrix, double sigma2,
+                                const Array<double>& gamma, std::span<const int> dfgamma) {
+  PooledCovariance pooled;
+  const std::size_t g = gamma.size();
+  Array<double> within = meanarray(
+      records, [&](const SubrunRecord& r) -> auto& { return r.*effects.*matrix; });
+  for (double& x : within) x *= sigma2;
+  Array<double> spread(g * g);
+  addbetween(spread, records, gamma, [&](const SubrunRecord& r, std::size_t i) { return (r.*effects).gammahat[i]; });
+  pooled.known = true;
+  pooled.covariance.reset(g * g);
+  for (std::size_t i = 0; i < g * g; ++i) pooled.covariance[i] = within[i] + spread[i];
+  pooled.variance.reset(g);
+  pooled.df.reset(g);
+  for (std::size_t i = 0; i < g; ++i) {
+    const std::size_t ii = i * (g + 1);
+    pooled.variance[i] = pooled.covariance[ii];
+    pooled.df[i] = freedom(records.size(), within[ii], spread[ii], dfgamma[i]);
+  }
+  return pooled;
+}
+
+PooledEffects pooleffects(Records records, Effects effects, double sigma2, std::span<const int> dfgamma) {
+  PooledEffects pooled;
+  pooled.gamma = meanarray(
+      records, [&](const SubrunRecord& r) -> auto& { return (r.*effects).gammahat; });
+  pooled.model = poolcovariance(records, effects, &SubrunEffects::vgamma, sigma2, pooled.gamma, dfgamma);
+  const bool robust = std::none_of(records.begin(), records.end(),
+                                   [&](const SubrunRecord& r) { return (r.*effects).robust[0] == missingcode; });
+  if (robust) pooled.robust = poolcovariance(records, effects, &SubrunEffects::robust, sigma2, pooled.gamma, dfgamma);
+  return pooled;
+}
+
+// Element i of the lower triangles of taupi and then taubeta, by rows.
+struct TauOrder {
+  Array<int> place;       // in the full matrix
+  std::size_t firstbeta;  // the first element of taubeta
+};
+
+TauOrder tauorder(const SubrunShape& shape) {
+  TauOrder order{Array<int>(at(shape.tauorder())), 0};
+  std::size_t next = 0;
+  for (const int n : {shape.q, shape.r}) {
+    if (next != 0) order.firstbeta = next;
+    for (int i = 0; i < n; ++i)
+      for (int j = 0; j <= i; ++j) order.place[next++] = i * n + j;
+  }
+  return order;
+}
+
+// The standard errors of an n by n tau, whose elements begin at `first` of the covariance.
+Array<double> errormatrix(const Array<double>& covariance, std::size_t order, std::size_t first, int n) {
+  Array<double> errors(square(n));
+  for (int i = 0; i < n; ++i)
+    for (int j = 0; j <= i; ++j, ++first) {
+      const double variance = covariance[first * (order + 1)];
+      errors[i * n + j] = errors[j * n + i] = variance >= 0.0 ? std::sqrt(variance) : missingcode;
+    }
+  return errors;
+}
+
+// Covariance and standard errors of the pooled sigma2 and tau elements.
+void poolerrors(const SubrunShape& shape, Records records, Pooled& pooled) {
+  const TauOrder order = tauorder(shape);
+  const std::size_t n = order.place.size();
+  const auto element = [&](const Array<double>& taupi, const Array<double>& taubeta, std::size_t i) {
+    return i < order.firstbeta ? taupi[order.place[i]] : taubeta[order.place[i]];
+  };
+  Array<double> tbar(n);
+  for (std::size_t i = 0; i < n; ++i) tbar[i] = element(pooled.taupi, pooled.taubeta, i);
+  pooled.taucovariance = meanarray(
+      records, [](const SubrunRecord& r) -> auto& { return r.taucovariance; });
+  addbetween(pooled.taucovariance, records, tbar,
+             [&](const SubrunRecord& r, std::size_t i) { return element(r.taupi, r.taubeta, i); });
+  pooled.taupierrors = errormatrix(pooled.taucovariance, n, 0, shape.q);
+  pooled.taubetaerrors = errormatrix(pooled.taucovariance, n, order.firstbeta, shape.r);
+
+  double squares = 0.0;
+  for (const SubrunRecord& record : records)
+    squares += (record.sigma2 - pooled.sigma2) * (record.sigma2 - pooled.sigma2);
+  const double within = meanof(records, [](const SubrunRecord& r) { return r.sigma2variance; });
+  pooled.sigma2error = std::sqrt(within + betweenfactor(records.size()) * squares);
+  pooled.errorsknown = true;
+}
+
+}  // namespace
+
+Pooled pool(const SubrunShape& shape, std::span<const SubrunRecord> records, std::span<const int> dfgamma) {
+  Pooled pooled;
+  pooled.M = static_cast<int>(records.size());
+  pooled.sigma2 = meanof(records, [](const SubrunRecord& r) { return r.sigma2; });
+  pooled.taupi = meanarray(
+      records, [](const SubrunRecord& r) -> auto& { return r.taupi; });
+  pooled.taubeta = meanarray(
+      records, [](const SubrunRecord& r) -> auto& { return r.taubeta; });
+  pooled.reliability2 = meanarray(
+      records, [](const SubrunRecord& r) -> auto& { return r.reliability2; });
+  pooled.reliability3 = meanarray(
+      records, [](const SubrunRecord& r) -> auto& { return r.reliability3; });
+  pooled.units3 = wholemean(records, [](const SubrunRecord& r) { return r.units3; });
+  pooled.testunits2 = wholemean(records, [](const SubrunRecord& r) { return r.testunits2; });
+  pooled.testunits3 = wholemean(records, [](const SubrunRecord& r) { return r.testunits3; });
+  pooled.chisq2 = meanarray(
+      records, [](const SubrunRecord& r) -> auto& { return r.chisq2; });
+  pooled.chisq3 = meanarray(
+      records, [](const SubrunRecord& r) -> auto& { return r.chisq3; });
+  if (shape.fisher) {
+    // Where sigma^2 is held it has no variance; then an information that could not be inverted leaves no variance at
+    // all.
+    pooled.zerovar = static_cast<int>(std::count_if(records.begin(), records.end(), [&](const SubrunRecord& r) {
+      return shape.sigma2fixed
+                 ? std::all_of(r.taucovariance.begin(), r.taucovariance.end(), [](double v) { return v == 0.0; })
+                 : r.sigma2variance == 0.0;
+    }));
+    if (pooled.zerovar == 0) poolerrors(shape, records, pooled);
+  }
+  pooled.effects = pooleffects(records, &SubrunRecord::effects, pooled.sigma2, dfgamma);
+  if (shape.popaverage) pooled.popaverage = pooleffects(records, &SubrunRecord::popaverage, pooled.sigma2, dfgamma);
+  return pooled;
+}
+
+}  // namespace kdr

@@ -1,0 +1,223 @@
+#include "series/resultstore.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <type_traits>
+
+#include "core/formatted.h"
+#include "data/scratch.h"
+#include "driver/failures.h"
+#include "kernel/sizes.h"
+
+namespace kdr {
+
+namespace {
+
+constexpr long long headsize = 4 + maxsets;
+
+struct Mark {
+  char magic[8];
+  std::int32_t q, r, g, fisher, popaverage, reserved;
+  std::uint64_t model;
+  std::uint64_t checksum;  // of what stands before it
+};
+static_assert(sizeof(Mark) == 48);
+
+// FNV-1a.
+std::uint64_t checksum(const void* bytes, std::size_t n) {
+  std::uint64_t hash = 14695981039346656037ULL;
+  for (std::size_t i = 0; i < n; ++i) hash = (hash ^ static_cast<const unsigned char*>(bytes)[i]) * 1099511628211ULL;
+  return hash;
+}
+
+Mark markof(const SubrunShape& shape) {
+  Mark mark{{'K', 'D', 'R', '3', 'S', 'E', 'T', 'S'},
+            shape.q,
+            shape.r,
+            shape.g,
+            shape.fisher ? 1 : 0,
+            shape.popaverage ? 1 : 0,
+            0,
+            shape.model,
+            0};
+  mark.checksum = checksum(&mark, offsetof(Mark, checksum));
+  return mark;
+}
+
+bool iswhole(const Mark& mark) {
+  return std::memcmp(mark.magic, "KDR3SETS", 8) == 0 && mark.checksum == checksum(&mark, offsetof(Mark, checksum));
+}
+
+bool readmark(std::FILE* file, long long place, Mark& mark) {
+  return place >= headsize && fseeko(file, place, SEEK_SET) == 0 && readchk(&mark, sizeof mark, file) && iswhole(mark);
+}
+
+// Calls visit(pointer, bytes) on every field of a record that exists under the shape, in the order of the file.
+template <class Record, class Visitor>
+void walkrecord(const SubrunShape& shape, Record& record, Visitor visit) {
+  const auto value = [&](auto& x) { visit(&x, sizeof x); };
+  const auto array = [&](auto& x) { visit(x.data(), x.size() * sizeof(double)); };
+  const auto effects = [&](auto& x) {
+    array(x.gammahat);
+    array(x.vgamma);
+    array(x.robust);
+  };
+  value(record.units2);
+  value(record.units3);
+  value(record.sigma2);
+  value(record.loglik);
+  if (shape.fisher) value(record.sigma2variance);
+  array(record.taupi);
+  array(record.taubeta);
+  if (shape.fisher) array(record.taucovariance);
+  array(record.reliability2);
+  array(record.reliability3);
+  effects(record.effects);
+  value(record.testunits2);
+  value(record.testunits3);
+  array(record.chisq2);
+  array(record.chisq3);
+  if (shape.popaverage) effects(record.popaverage);
+}
+
+std::string damaged() {
+  return formatted("The result store %s is not whole; please begin the series again with -mi0.", storename);
+}
+std::string foreign() {
+  return formatted(
+      "The result store %s was left by a series with another model, other categories or other orders; please "
+      "begin this series with -mi0, or run it in a folder of its own.",
+      storename);
+}
+
+// Puts what was written on the disk before anything that follows.
+void settle(std::FILE* file) {
+  if (std::fflush(file) != 0 || fsync(fileno(file)) != 0) fail(5);
+}
+
+void writeat(std::FILE* file, long long place, const void* bytes, std::size_t n) {
+  if (fseeko(file, place, SEEK_SET) != 0) fail(5);
+  writechk(bytes, n, file);
+}
+
+std::string checkhead(std::FILE* file, const SubrunShape& shape, StoreHead& head) {
+  std::int32_t nsets = 0;
+  if (!readchk(&nsets, sizeof nsets, file) || !readchk(head.mistatus, sizeof head.mistatus, file)) return damaged();
+  head.nsets = nsets;
+  if (nsets < 1 || nsets > maxsets) return damaged();
+  for (int i = 0; i < maxsets; ++i)
+    if (head.mistatus[i] != 0 && (head.mistatus[i] != 1 || i >= nsets)) return damaged();
+  const Mark ours = markof(shape);
+  const long long place = headsize + head.finished() * recordsize(shape);
+  Mark mark{};
+  for (const long long candidate : {place, place + recordsize(shape)})
+    if (readmark(file, candidate, mark) && mark.checksum == ours.checksum) return {};
+  if (fseeko(file, 0, SEEK_END) != 0) return damaged();
+  const bool closed = readmark(file, ftello(file) - static_cast<long long>(sizeof mark), mark);
+  return closed && mark.checksum != ours.checksum ? foreign() : damaged();
+}
+
+}  // namespace
+
+SubrunRecord emptyrecord(const SubrunShape& shape) {
+  SubrunRecord record;
+  record.taupi.reset(square(shape.q));
+  record.taubeta.reset(square(shape.r));
+  if (shape.fisher) record.taucovariance.reset(square(shape.tauorder()));
+  record.reliability2.reset(at(shape.q));
+  record.reliability3.reset(at(shape.r));
+  record.chisq2.reset(at(shape.q));
+  record.chisq3.reset(at(shape.r));
+  const auto effects = [&](SubrunEffects& x) {
+    x.gammahat.reset(at(shape.g));
+    x.vgamma.reset(square(shape.g));
+    x.robust.reset(square(shape.g));
+  };
+  effects(record.effects);
+  if (shape.popaverage) effects(record.popaverage);
+  return record;
+}
+
+int StoreHead::finished() const { return static_cast<int>(std::count(mistatus, mistatus + maxsets, char{1})); }
+
+long long recordsize(const SubrunShape& shape) {
+  const auto doubles = [](auto n) { return static_cast<long long>(n) * static_cast<long long>(sizeof(double)); };
+  const std::size_t effects = at(shape.g) + 2 * square(shape.g);
+  return 4 * 4 + doubles(2 + (shape.fisher ? 1 + square(shape.tauorder()) : 0)) +
+         doubles(square(shape.q) + square(shape.r) + 2 * at(shape.q) + 2 * at(shape.r)) +
+         doubles(shape.popaverage ? 2 * effects : effects);
+}
+
+void createstore(const SubrunShape& shape) {
+  std::FILE* file = openfile(storename, "wb");
+  const std::int32_t nsets = 1;
+  const StoreHead head;
+  const Mark mark = markof(shape);
+  writechk(&nsets, sizeof nsets, file);
+  writechk(head.mistatus, sizeof head.mistatus, file);
+  writechk(&mark, sizeof mark, file);
+  settle(file);
+  closechk(file);
+}
+
+std::string readstore(const SubrunShape& shape, StoreHead& head, std::vector<SubrunRecord>* records) {
+  std::FILE* file = std::fopen(storename, "rb");
+  if (file == nullptr && errno != ENOENT) file = openfile(storename, "rb");
+  if (file == nullptr)
+    return formatted("There is no result store %s in this folder: a series begins with -mi0.", storename);
+  std::string problem = checkhead(file, shape, head);
+  if (problem.empty() && records != nullptr) {
+    records->clear();
+    bool whole = fseeko(file, headsize, SEEK_SET) == 0;
+    for (int i = head.finished(); whole && i > 0; --i) {
+      records->push_back(emptyrecord(shape));
+      walkrecord(shape, records->back(), [&](void* bytes, std::size_t n) { whole = whole && readchk(bytes, n, file); });
+    }
+    if (!whole) problem = damaged();
+  }
+  if (!problem.empty()) checkread(file, storename);
+  std::fclose(file);
+  return problem;
+}
+
+std::string joinstore(const SubrunShape& shape, int index, StoreHead& head) {
+  if (index < 0 || index >= maxsets)
+    return formatted("A series has at most %d data sets, -mi0 to -mi%d.", maxsets, maxsets - 1);
+  if (std::string problem = readstore(shape, head, nullptr); !problem.empty()) return problem;
+  if (head.mistatus[index] != 0)
+    return formatted("Data set %d of this series (-mi%d) has finished already.", index + 1, index);
+  head.nsets = std::max(head.nsets, index + 1);
+  std::FILE* file = openfile(storename, "r+b");
+  const std::int32_t nsets = head.nsets;
+  writeat(file, 0, &nsets, sizeof nsets);
+  settle(file);
+  closechk(file);
+  return {};
+}
+
+std::string appendrecord(const SubrunShape& shape, int index, const SubrunRecord& record) {
+  StoreHead head;
+  if (std::string problem = readstore(shape, head, nullptr); !problem.empty()) return problem;
+  std::FILE* file = openfile(storename, "r+b");
+  const long long place = headsize + head.finished() * recordsize(shape);
+  const Mark mark = markof(shape);
+  writeat(file, place + recordsize(shape), &mark, sizeof mark);
+  settle(file);
+  if (fseeko(file, place, SEEK_SET) != 0) fail(5);
+  walkrecord(shape, record, [&](const void* bytes, std::size_t n) { writechk(bytes, n, file); });
+  settle(file);
+  const char finished = 1;
+  writeat(file, 4 + index, &finished, sizeof finished);
+  settle(file);
+  closechk(file);
+  return {};
+}
+
+void removestore() { std::remove(storename); }
+
+}  // namespace kdr

@@ -1,0 +1,272 @@
+// Every message of the command file reader, with the code that the process ends with.
+#include <gtest/gtest.h>
+
+#include "command/smallmdm.h"
+
+using namespace kdr;
+
+namespace {
+
+struct Case {
+  std::string text;
+  int code;
+  std::string words;
+};
+
+const std::string bernoulli = "NONLIN:BERNOULLI\nMACROIT:10\nMICROIT:10\n";
+const std::string ordinal = "NONLIN:ORDINAL,3\nMACROIT:3\n";
+const std::string unknown = "Batch file ";
+
+std::vector<Case> cases() {
+  const std::string hint = "A line is a keyword, a colon and directly behind it a value, or it begins with #.\n";
+  const std::string name256(256, 'x'), path260 = std::string(100, 'x') + "/" + std::string(159, 'x');
+  const std::string late = " must be specified after complete model\n";
+  return {
+      // The line.
+      {"\n# c\n\nNUMIT 5\n", 8, hint + " Error in batch file at line   4\n"},
+      {"NUMIT:\n", 8, hint + " Error in batch file at line   1\n"},
+      {"NUMIT: 5\n", 8, hint + " Error in batch file at line   1\n"},
+      {"NUMIT:   \n", 8, hint + " Error in batch file at line   1\n"},
+      {" NUMIT 5\n# x\n\r\n", 0, ""},
+      {"TITLE:\ntitle: x\n", 0, ""},
+      {"TITLES\x1b\n", 0, "Unrecognized control word, ignored: TITLES?\nHit return to continue "},
+      {"FOO:1\nNUMIT:0\n", 100,
+       "Unrecognized control word, ignored: FOO:1\nHit return to continue numit must be greater than 0!\n"},
+      {"LEVEL2:X=INTRCPT2\n", 0, "Unrecognized control word, ignored: LEVEL2:X=INTRCPT2\nHit return to continue "},
+      // Single values.
+      {"TAYLOR:3\n", 100, "taylor must be set to 2 or 4!\n"},
+      {"TAYLOR:4\n", 0, ""},
+      {"NUMIT:-1\n", 100, "numit must be greater than 0!\n"},
+      {"MICROIT:x\n", 100, "microit must be greater than 0!\n"},
+      {"MACROIT:-5,N\n", 100, "macroit must be greater than 0!\n"},
+      {"STOPMACRO:abc\n", 100, "STOPMACRO: wants a number, not abc\n"},
+      {"ACCEL:N\n", 100, "ACCEL: wants a number, not N\n"},
+      {"FIXSIGMA2:-1\n", 100, "fixsigma2 must be N or a number of 0 or more!\n"},
+      {"FIXSIGMA2:Y\n", 100, "fixsigma2 must be N or a number of 0 or more!\n"},
+      {"FIXSIGMA2:n\nFIXSIGMA2:0.5\n", 0, ""},
+      {"FIXSIGMA2:0,5\n", 100, "FIXSIGMA2: wants one number, with a decimal point, not 0,5\n"},
+      {"STOPVAL:0,001\n", 100, "STOPVAL: wants one number, with a decimal point, not 0,001\n"},
+      {"AGQ:N\n", 0, ""},
+      {"AGQ:20,7\n", 0, " AGQ:20,7 is neither Y nor N: ignored\n"},
+      {"DIAGONALIZETAUPI:1\n", 0, " DIAGONALIZETAUPI:1 is neither Y nor N: ignored\n"},
+      {"AGQ:Y,20\n", 100, "\nMaximum number of iterations and quadrature points must be specified.\n"},
+      {"FISHERTYPE:3\n", 100, "\nInvalid type of Fisher acceleration.\n Valid are 0, 1 and 2\n"},
+      {"RESFILTYPE:EXCEL\n", 100, "Invalid resfiltype.\n Valid are FREEFORMAT, SYSTAT, SAS, SPSS and STATA\n"},
+      {"OUTPUT:" + path260 + "\n", 100, "The path is too long: " + path260 + "\n"},
+      {"RESFIL1NAME:a/" + name256 + "\n", 100, "The path is too long: a/" + name256 + "\n"},
+      // Names.
+      {"LEVEL1DELETION:A,NO\n", 9, unknown + "level1deletion specification invalid\nNO does not exist\n"},
+      {"LEVEL1DELETION:INTRCPT1\n", 9, unknown + "level1deletion specification invalid\nINTRCPT1 does not exist\n"},
+      {"LEVEL1WEIGHT:NO,x\n", 9, unknown + "wgtvar1 specification invalid\nNO does not exist\n"},
+      {"LEVEL2WEIGHT:INTRCPT2\n", 9, unknown + "wgtvar2 specification invalid\nINTRCPT2 does not exist\n"},
+      {"LEVEL3WEIGHT:V\n", 9,
+       "V is a variable of level 2.\n" + unknown + "wgtvar3 specification invalid\nV does not exist\n"},
+      {"VARIANCEKNOWN:V\n", 9,
+       "V is a variable of level 2.\n" + unknown + "autovknown specification invalid\nV does not exist\n"},
+      {"RESFIL1:Y/A,NO\n", 9, unknown + "resfil1 specification invalid\nNO does not exist\n"},
+      {"RESFIL2:Y/V,/P\n", 9, unknown + "resfil2 specification invalid\nRESFIL2:Y/V,/P does not exist\n"},
+      {"RESFIL3:Y/V\n", 9,
+       "V is a variable of level 2.\n" + unknown + "resfil3 specification invalid\nV does not exist\n"},
+      {"RESFIL2:Y//INTRCPT3,P\nRESFIL1:Y///Q\nRESFIL3:Y\n", 0, ""},
+      // Kinds of outcome.
+      {"NONLIN:GAMMA\n", 100,
+       "Incorrect non-linear type: GAMMA\n Valid are N, BERNOULLI, BINOMIAL, POISSON, MULTINOMIAL and ORDINAL\n"},
+      {"NONLIN:BINOMIAL,NO\n", 9, unknown + "nlcntvar specification invalid\nNO does not exist\n"},
+      {"NONLIN:POISSON,INTRCPT1\n", 9, unknown + "nlcntvar specification invalid\nINTRCPT1 does not exist\n"},
+      {"RESFIL2:Y\nNONLIN:MULTINOMIAL,3\n", 100,
+       "Nonlin:ordinal/multinomial must be specified before model or residual file\n"},
+      {samplemodel + "NONLIN:ORDINAL,3\n", 100,
+       "Nonlin:ordinal/multinomial must be specified before model or residual file\n"},
+      {"NONLIN:ORDINAL\n", 100, "For multinomial/ordinal, you must specify the number of categories\n"},
+      {"NONLIN:MULTINOMIAL,1\n", 100, "The number of categories must be 2 or more!\n"},
+      {"NONLIN:ORDINAL,2000000000\n", 100, "The model is too big for 2000000000 categories!\n"},
+      {"NONLIN:MULTINOMIAL,99999999999\n", 100, "The model is too big for 2147483647 categories!\n"},
+      // The model.
+      {"LEVEL1:Y\n", 8, "An equation has the form NAME=TERM+TERM.\n Error in batch file at line Y\n"},
+      {"LEVEL1:NO=X\n", 9, unknown + "outvar specification invalid\nNO does not exist\n"},
+      {"LEVEL1:INTRCPT1=X\n", 9, unknown + "outvar specification invalid\nINTRCPT1 does not exist\n"},
+      {"LEVEL1:Y=INTRCPT1+V\n", 9,
+       "V is a variable of level 2.\n" + unknown + "level1 specification invalid\nV does not exist\n"},
+      {"LEVEL1:Y=A+INTRCPT1\n", 9, unknown + "level1 specification invalid\nINTRCPT1 does not exist\n"},
+      {"LEVEL1:Y=INTRCPT1+B+A\n", 10, "Level 1 variables must be specified in the order given in the mdm file\n"},
+      {"LEVEL1:Y=INTRCPT1+A,3\n", 100, "invalid option on level-1 variable, 3\n"},
+      {"LEVEL1:Y=A+A\n", 100, "Variable A stands more than once in an equation of level 1!\n"},
+      {"LEVEL1:Y=A+Y\n", 100, "Variable Y stands more than once in an equation of level 1!\n"},
+      {"LEVEL1:Y=A\nLEVEL1:Y=A\n", 100, "You have too many sets of equations!\n"},
+      {"NONLIN:MULTINOMIAL,3\nLEVEL1:Y=A\nLEVEL1:X=A\n", 100, "All equations of level 1 must have the same outcome!\n"},
+      {"NONLIN:ORDINAL,3\nLEVEL1:Y=THOLD2+THOLD3\n", 100,
+       "You have specified more than 1 thresholds in the command file!\n"},
+      {"LEVEL1:Y=INTRCPT1\n#c\nLEVEL2:INTRCPT1 INTRCPT2\n", 8,
+       "An equation has the form NAME=TERM+TERM.\n Error in batch file at line   3\n"},
+      {"LEVEL1:Y=INTRCPT1\nLEVEL2:=INTRCPT2\n", 8,
+       "The equation of INTRCPT1 is due here.\n Error in batch file at line   2\n"},
+      {"LEVEL1:Y=INTRCPT1\nLEVEL2:X=INTRCPT2\n", 8,
+       "The equation of INTRCPT1 is due here.\n Error in batch file at line   2\n"},
+      {"LEVEL1:Y=INTRCPT1\nLEVEL2:INTRCPT1=INTRCPT2+X\n", 9,
+       "X is a variable of level 1.\n" + unknown + "level2 specification invalid\nX does not exist\n"},
+      {"LEVEL1:Y=INTRCPT1\nlevel2:INTRCPT1=INTRCPT2/v,no\n", 8,
+       "bad level-2 extra variables\n Error in batch file at line LEVEL2:INTRCPT1=INTRCPT2/V,NO\n"},
+      {"LEVEL1:Y=INTRCPT1\nLEVEL2:INTRCPT1=V,3+INTRCPT2\n", 0,
+       "Problem at this point: V,3\ninvalid option on level-2 variable, 3\n"},
+      {"LEVEL1:Y=INTRCPT1\nLEVEL2:INTRCPT1=V+W+V\n", 100,
+       "Variable V stands more than once in an equation of INTRCPT1!\n"},
+      {"LEVEL1:Y=INTRCPT1\nLEVEL2:INTRCPT1=INTRCPT2\nLEVEL3:V=INTRCPT3\n", 8,
+       "The equation of INTRCPT2 is due here.\n Error in batch file at line   3\n"},
+      {"LEVEL1:Y=INTRCPT1\nLEVEL2:INTRCPT1=INTRCPT2\nLEVEL3:INTRCPT2=NO\n", 9,
+       unknown + "level3 specification invalid\nNO does not exist\n"},
+      {"LEVEL1:Y=INTRCPT1\nLEVEL2:INTRCPT1=INTRCPT2\nLEVEL3:INTRCPT2=INTRCPT3/P,W\n", 8,
+       "bad level-3 extra variables\n Error in batch file at line LEVEL3:INTRCPT2=INTRCPT3/P,W\n"},
+      {"LEVEL1:Y=INTRCPT1\nLEVEL2:INTRCPT1=INTRCPT2\nLEVEL3:INTRCPT2=P,1\n", 0,
+       "Problem at this point: P,1\ninvlaid option on level-3 variable, 1\n"},
+      // A line between the equations ends the model.
+      {"LEVEL1:Y=INTRCPT1\n\nLEVEL2:INTRCPT1=INTRCPT2\n", 0,
+       "Unrecognized control word, ignored: LEVEL2:INTRCPT1=INTRCPT2\nHit return to continue "},
+      // A line that was lost would leave a coefficient without a fixed effect, but random.
+      {"LEVEL1:Y=INTRCPT1\nLEVEL2:INTRCPT1=INTRCPT2+W\nLEVEL3:INTRCPT2=INTRCPT3\n", 0,
+       "W of level 2 has no LEVEL3: line, while others have one: it is random without a fixed effect!\n"},
+      {"LEVEL1:Y = INTRCPT1 + A\nLEVEL2:INTRCPT1 = INTRCPT2 + RANDOM\nLEVEL3:INTRCPT2=INTRCPT3\n", 0,
+       "A of level 1 has no LEVEL2: line, while others have one: it is random without a fixed effect!\n"},
+      // What needs the model.
+      {"PLAUSVALS:Y,Z\n", 100, "plausvals must be specified after level-1 model\n"},
+      {"PLAUSVALS:N\n", 0, ""},
+      {samplemodel + "PLAUSVALS:T,Z\n", 100,
+       "The first plausible value, T, must be the outcome or a predictor of the model!\n"},
+      {samplemodel + "PLAUSVALS:Y,Z,X\n", 100, "The plausible value X stands in the model or in its list already!\n"},
+      {samplemodel + "PLAUSVALS:Y,Z,Z\n", 100, "The plausible value Z stands in the model or in its list already!\n"},
+      {"LEVEL1:Y=INTRCPT1+A+B\nPLAUSVALS:A,X\n", 100,
+       "The predictor B stands between the plausible values A and X in the MDM file!\n"},
+      {samplemodel + "PLAUSVALS:X,X\n", 100, "The plausible value X stands in the model or in its list already!\n"},
+      {samplemodel + "PLAUSVALS:Y,NO\n", 9, unknown + "plausvals specification invalid\nNO does not exist\n"},
+      {"LVR-BETA:N\n", 0, ""},
+      {"LVR-BETA:I\n", 100, "lvr must be specified after complete model\n"},
+      {samplemodel + "LVR-BETA:O,X\n", 8, "lvr must be specifed as o, p or i"},
+      {samplemodel + "LVR-BETA:O\n", 8, "lvr must be specifed as o, p or i"},
+      {samplemodel + "LVR-BETA:O,P,P\n", 100, "lvr has letters for more than the 2 coefficients random at level 3!\n"},
+      {"LEVEL1:Y=INTRCPT1\nLEVEL2:INTRCPT1=INTRCPT2\nLEVEL3:INTRCPT2=INTRCPT3\nLVR-BETA:I\n", 100,
+       "There is no tau, so lvr cannot be used!\n"},
+      {"ESTTAU2:1\n", 100, "Estimated tau(pi)" + late},
+      {"ESTTAU3:1\n", 100, "Estimated tau(beta)" + late},
+      {samplemodel + "ESTTAU2:1,x,E\n", 100, "Invalid number in esttau2 specification: x\n"},
+      {samplemodel + "ESTTAU3:1,,E\n", 100, "Invalid number in esttau3 specification: \n"},
+      {samplemodel + "ESTTAU2:1,nan,E\n", 100, "Invalid number in esttau2 specification: nan\n"},
+      {samplemodel + "ESTTAU2:1,E\n", 100, "There must be at least 3 elements of esttau1 specified\n"},
+      {samplemodel + "ESTTAU3:1,E\n", 100, "There must be at least 3 elements of esttau2 specified\n"},
+      {samplemodel + "ESTTAU2:E,0,E,1\n", 100, "The line ESTTAU2: has 4 numbers, and the model has 3 such elements!\n"},
+      {"CONTAU2:1\n", 100, "Constrained tau(pi)" + late},
+      {samplemodel + "CONTAU3:1,2\nCONTAU3:2,3\n", 100,
+       "An element of tau(beta) has been constrained more than once\n"},
+      {samplemodel + "CONTAU2:1,4\n", 100, "Element 4 of tau(pi) is outside its 3 elements\n"},
+      {samplemodel + "CONTAU2:1,2,3,4\n", 100, "The line CONTAU2: has 4 numbers, and the model has 3 such elements!\n"},
+      {samplemodel + "CONTAU2:0\n", 100, "Element 0 of tau(pi) is outside its 3 elements\n"},
+      {"GAMMA1:1\n", 100, "Gammas must be specified after complete model\n"},
+      {samplemodel + "GAMMA129:1\n", 0, " GAMMA129: hypotheses have the numbers 1 to 128: ignored\n"},
+      {"CONSTRAIN:1,1\n", 100, "Constraints must be specified after complete model\n"},
+      {samplemodel + "CONSTRAIN:1,1,3,3\n", 100,
+       "Groups of constrained gammas must be numbered from 1 upward, in the order of their first gammas!\n"},
+      {samplemodel + "CONSTRAIN:0,-1\n", 100,
+       "Groups of constrained gammas must be numbered from 1 upward, in the order of their first gammas!\n"},
+      {samplemodel + "CONSTRAIN:0,1,1,0,0,0\n", 100,
+       "The line CONSTRAIN: has 6 numbers, and the model has 5 fixed effects!\n"},
+      {samplemodel + "CONSTRAIN:0,x\n", 100, "Invalid number in a constraint: x\n"},
+      // The whole file.
+      {samplemodel + "PLAUSVALS:Y,Z\n" + bernoulli, 100,
+       "You can not do a combination of non-linear and plausible values at this time.\n"},
+      {samplemodel + "VARIANCEKNOWN:A\nFIXSIGMA2:0.5\n", 0,
+       " FIXSIGMA2:0.5 has no effect: with known variances sigma^2 is held at 1.\n"},
+      {samplemodel + bernoulli + "LAPLACE:Y\nFIXSIGMA2:2\n", 0,
+       " FIXSIGMA2:2 has no effect: with Laplace-6 sigma^2 is held at 1.\n"},
+      {"MACROIT:5\n", 100, "If non-linear iterations desired, the type must be specified\n"},
+      {"NONLIN:POISSON\n", 100, " macroit must be specified if nonlin is specified.\n"},
+      {bernoulli + "NUMIT:5\n", 100,
+       " The numit directive should not be used when specifying a non-linear model.\n"
+       " Use the microit and macroit keywords.\n"},
+      {bernoulli + "STOPVAL:0.1\n", 100,
+       " The stopval directive should not be used when specifying a non-linear model.\n"
+       " Use the stopmicro and stopmacro keywords.\n"},
+      {"NUMIT:5\nAGQ:Y,20,7\n", 100, "Adaptive quadrature may only be done on non-linear analyses.\n"},
+      {bernoulli + "AGQ:Y,20,2\n", 100, "\nToo many iterations in gauher!\n"},
+      {bernoulli + "LAPLACE:Y,many\n", 100, "The number of Laplace iterations must be 0 or more!\n"},
+      {bernoulli + "LAPLACE:Y,-1\n", 100, "The number of Laplace iterations must be 0 or more!\n"},
+      {bernoulli + "AGQDERIVLEVEL:3\n", 100, "agqderivlevel must be set to 1 or 2!\n"},
+      {"NUMIT:5\nLAPLACE:Y\n", 100, "LaPlace iterations may only be done on Bernoulli analyses."},
+      {"NONLIN:BINOMIAL,T\nMACROIT:3\nLAPLACE:Y,20\n", 100,
+       "LaPlace iterations may only be done on Bernoulli analyses."},
+      {"NONLIN:MULTINOMIAL,3\nMACROIT:3\nAGQ:Y,20,7\n", 0,
+       " The program cannot do adaptive quadrature for multinomial/ordinal runs yet.\n"},
+      {samplemodel + "LVR-BETA:O,P\nFISHERTYPE:0\n", 100, "You cannot do LVR and set fishertype:0!\n"},
+      {samplemodel + "LVR-BETA:O,I\n", 100,
+       "A latent variable regression needs an outcome and a predictor among its coefficients!\n"},
+      {"NONLIN:MULTINOMIAL,2\nMACROIT:3\n" + samplemodel + "LVR-BETA:O,P\n", 100,
+       " The program cannot do latent variable regressions in a multinomial run.\n"},
+      {samplemodel + "NONLIN:BINOMIAL,X\nMACROIT:3\n", 100,
+       " The binomial count variable is also used in the model!\n"},
+      {samplemodel + "NONLIN:POISSON,Y\nMACROIT:3\n", 100,
+       " The poisson variable exposure variable is also used in the model!\n"},
+      {"NONLIN:ORDINAL,4\nMACROIT:3\nLEVEL1:Y=INTRCPT1+THOLD2\n", 100,
+       "There are not enough thresholds specified on the level-1 line.\n"},
+      {"NONLIN:MULTINOMIAL,4\nMACROIT:3\n" + samplemodel + samplemodel, 100,
+       "There are 2 sets of equations in the command file where 3 are needed!\n"},
+      {ordinal + "LEVEL1:Y=INTRCPT1+THOLD2,2\n", 100, "The threshold THOLD2 cannot be centered!\n"},
+      {ordinal + "LEVEL1:Y=THOLD2\nLEVEL2:THOLD2=\n", 0, ""},
+      {ordinal + "LEVEL1:Y=THOLD2\nLEVEL2:THOLD2=RANDOM\n", 100,
+       "The threshold THOLD2 can have no equation of its own!\n"},
+      {ordinal + "LEVEL1:Y=THOLD2\nLEVEL2:THOLD2=INTRCPT2/\n", 100,
+       "The threshold THOLD2 can have no equation of its own!\n"},
+      {samplemodel + "GAMMA1:1,0,0,0,0\nGAMMA2:1,0,0,0,0\nGAMMA1:0,1,0,0,0\n", 100,
+       "The lines GAMMA1: must stand together!\n"},
+      {samplemodel + "GAMMA1:1,0,0,0,0\nGAMMA3:1,0,0,0,0\n", 100,
+       "There is no line GAMMA2: before the line GAMMA3:!\n"},
+      {samplemodel + "GAMMA1:0,nan,0,0,0\n", 100, "Invalid number in a contrast: nan\n"},
+      {samplemodel + "GAMMA1:0,1\n", 0, " The line GAMMA1: has 2 numbers for 5 fixed effects: those behind are 0\n"},
+      {samplemodel + "GAMMA1:0,1,0,0,0,0\n", 100,
+       "The line GAMMA1: has 6 numbers, and the model has 5 fixed effects!\n"},
+      {samplemodel + "GAMMA1:0,0,0,0,1x\n", 100, "Invalid number in a contrast: 1x\n"},
+      // The line that the writer puts before the equation of a non-linear run, and that nobody else does.
+      {bernoulli + "#KDR3 LEVEL1:Y=INTRCPT1+X,1+RANDOM\nLEVEL1:Z=INTRCPT1+A+RANDOM\n", 100,
+       "The line #KDR3 LEVEL1: and the line LEVEL1: behind it have different terms!\n"},
+      {"DEVIANCE:100\n", 0, " Deviance and df must be specified together\n"},
+      {"DEVIANCE:100\nDF:5\n", 0, ""},
+  };
+}
+
+}  // namespace
+
+TEST(Messages, WordsAndCode) {
+  const Workplace workplace;
+  for (const Case& c : cases()) {
+    const Outcome outcome = readinchild(c.text);
+    EXPECT_EQ(outcome.code, c.code) << c.text;
+    EXPECT_EQ(outcome.words, c.words) << c.text;
+  }
+}
+
+TEST(Messages, ThresholdNamesAreReserved) {
+  const Workplace workplace;
+  const Outcome outcome = runchild([] {
+    smallmdm();
+    run.mdm.names1[2] = paddedname("Thold");
+    makefile("model.kdr", "NONLIN:ORDINAL,3\n");
+    run.files.cmdfile = "model.kdr";
+    readcommandfile();
+  });
+  EXPECT_EQ(outcome.code, 100);
+  EXPECT_EQ(outcome.words, "Variable names starting with THOLD are reserved for ordinal runs\n");
+}
+
+TEST(Messages, ModelLinesBehindListsOfItsLength) {
+  const Workplace workplace;
+  // The second set of equations comes after a list whose length the model gives.
+  const std::string head = "NONLIN:MULTINOMIAL,3\nMACROIT:3\n" + samplemodel;
+  const Case late[] = {
+      {"GAMMA1:1,1,0,0,0,0,0,0,0,0\n", 100, "Gammas must be specified after complete model\n"},
+      {"CONSTRAIN:1,1\n", 100, "Constraints must be specified after complete model\n"},
+      {"ESTTAU2:1,E,E,E,E,E,E,E,E,E\n", 100, "Estimated tau(pi) must be specified after complete model\n"},
+      {"CONTAU3:1,2\n", 100, "Constrained tau(beta) must be specified after complete model\n"},
+  };
+  for (const Case& c : late) {
+    const Outcome outcome = readinchild(head + c.text + samplemodel);
+    EXPECT_EQ(outcome.code, c.code) << c.text;
+    EXPECT_EQ(outcome.words, c.words) << c.text;
+    EXPECT_EQ(readinchild(head + samplemodel + c.text).words, "") << c.text;
+  }
+}

@@ -1,0 +1,245 @@
+// What the command file reader leaves in the record.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "command/complete.h"
+#include "command/constraints.h"
+#include "command/smallmdm.h"
+
+using namespace kdr;
+
+namespace {
+
+template <class T>
+std::vector<T> values(const Array<T>& array) {
+  return {array.begin(), array.end()};
+}
+
+std::vector<int> row(const IntTable& table, int e, int r = 0) {
+  return {table.row(e, r), table.row(e, r) + table.width};
+}
+
+std::vector<std::string> words(const Array<Name>& names) {
+  std::vector<std::string> all;
+  for (const Name& name : names) all.push_back(leftname(name));
+  return all;
+}
+
+using Ints = std::vector<int>;
+using Words = std::vector<std::string>;
+
+struct Reading : testing::Test {
+  Workplace workplace;
+};
+
+}  // namespace
+
+TEST_F(Reading, DefaultsWithoutAFile) {
+  smallmdm();
+  run.iter.numit = 7;
+  run.out.graph = true;
+  run.files.title = "old";
+  run.kind.nointercept1 = true;
+  readcommandfile();
+  EXPECT_EQ(run.iter.numit, 0);
+  EXPECT_FALSE(run.out.graph);
+  EXPECT_EQ(run.files.title, "");
+  EXPECT_FALSE(run.kind.nointercept1);
+  EXPECT_EQ(run.iter.accel, 5);
+  EXPECT_EQ(run.iter.fishertype, 2);
+  EXPECT_EQ(run.out.deviance, missingcode);
+  EXPECT_EQ(run.files.resfil2name, "resfil2.sav");
+  EXPECT_EQ(row(run.model.terms2, 0), (Ints{noslot, noslot, noslot, noslot}));
+  EXPECT_FALSE(run.answered.wholemodel());
+}
+
+TEST_F(Reading, CountsAndLabels) {
+  readtext(
+      "LEVEL1:Y=A+X+RANDOM\n"
+      "LEVEL2:A=V+W+RANDOM\n"
+      "LEVEL3:V=INTRCPT3+Q\n"
+      "LEVEL3:W=P+RANDOM\n"
+      "LEVEL2:X=INTRCPT2\n"
+      "LEVEL3:INTRCPT2=INTRCPT3+RANDOM\n");
+  EXPECT_TRUE(run.kind.nointercept1);
+  completemodel();
+  EXPECT_EQ(run.coef.npi, 2);
+  EXPECT_EQ(run.coef.nbeta, 3);
+  EXPECT_EQ(run.coef.ngamma, 4);
+  // No INTRCPT1: the first digit counts from 1; no INTRCPT2 in A's row: the second too; no INTRCPT3 in W's row.
+  EXPECT_EQ(words(run.coef.gammasubs), (Words{"110", "111", "121", "200"}));
+  EXPECT_EQ(run.model.nterms2.row(0)[0], 2);
+  EXPECT_EQ(run.model.nterms3.row(0)[0], 2);
+  EXPECT_EQ(run.model.nterms3.row(0)[1], 1);
+  EXPECT_EQ(randomlevel1(), 1);
+  EXPECT_EQ(randomlevel2(), 2);
+  labelrandomeffects();
+  EXPECT_EQ(words(run.coef.pinames), (Words{"A"}));
+  EXPECT_EQ(words(run.coef.betanames1), (Words{"A", "X"}));
+  EXPECT_EQ(words(run.coef.betanames2), (Words{"W", "INTRCPT2"}));
+}
+
+TEST_F(Reading, EmptyRowAddsNothing) {
+  readtext(
+      "LEVEL1:Y=INTRCPT1+X\n"
+      "LEVEL2:INTRCPT1=RANDOM\n"
+      "LEVEL2:X=INTRCPT2/\n"
+      "LEVEL3:INTRCPT2=INTRCPT3/\n");
+  completemodel();
+  EXPECT_EQ(run.coef.npi, 2);
+  EXPECT_EQ(run.coef.nbeta, 1);
+  EXPECT_EQ(run.coef.ngamma, 1);
+  EXPECT_EQ(words(run.coef.gammasubs), (Words{"100"}));
+  EXPECT_EQ(run.model.terms2.row(0, 0)[0], noslot);
+  EXPECT_EQ(run.model.fixed1.row(0)[0], 0);
+}
+
+TEST_F(Reading, SingleValues) {
+  struct Case {
+    const char* text;
+    bool (*holds)();
+  };
+  const Case cases[] = {
+      {"numit:50\r\n", [] { return run.iter.numit == 50 && run.iter.numitcontinue == 2 && run.answered.iterations; }},
+      {"NUMIT:50,n", [] { return run.iter.numitcontinue == 0; }},
+      {"NUMIT:99999999999,Y", [] { return run.iter.numit == 2147483647 && run.iter.numitcontinue == 1; }},
+      {"STOPVAL:1e-3junk", [] { return run.iter.stopval == 1e-3; }},
+      {"STOPVAL:1e999", [] { return run.iter.stopval == std::numeric_limits<double>::max(); }},
+      {"stopmicro:1e-4", [] { return run.iter.stopval == 1e-4; }},
+      {"STOPMICROS:1e-4", [] { return run.iter.stopval == 1e-4; }},
+      {"STOPMACRO:1e-2", [] { return run.iter.stopmacro == 1e-2 && run.iter.stopval == 1e-6; }},
+      {"NONLIN:bernoulli\nMACROIT:10,Y\nMICROIT:14",
+       [] {
+         return run.kind.nonlin == 1 && !run.kind.nlcount && run.iter.macroit == 10 && run.iter.numitcontinue == 1 &&
+                run.iter.numit == 14 && run.iter.stopval == 1e-5;
+       }},
+      {"NONLIN:POISSON,T\nMACROIT:10\nSTOPMICRO:1e-9",
+       [] {
+         return run.kind.nonlin == 2 && run.kind.nlcount && run.kind.nlcntvar == 6 && run.iter.stopval == 1e-9 &&
+                run.model.wanted1vars1[6] == 1;
+       }},
+      {"NONLIN:BERNOULLI\nMACROIT:2\nAGQ:Y,30,7", [] { return run.iter.stopval == 1e-6 && run.iter.fixsigma2 == 1; }},
+      {"NONLIN:BERNOULLI\nMACROIT:2\nLAPLACE:y,20",
+       [] { return run.iter.laplace && run.iter.laplaceit == 20 && run.iter.fixsigma2 == 1.0; }},
+      {"LAPLACE:n,20", [] { return !run.iter.laplace && run.iter.laplaceit == 50; }},
+      {"NONLIN:POISSON\nMACROIT:2\nAGQ:y,30,7\nAGQDERIVLEVEL:1",
+       [] { return run.iter.agqit == 30 && run.iter.agqpoints == 7; }},
+      {"NONLIN:NONE", [] { return run.kind.nonlin == 0 && run.answered.nonlin; }},
+      {"ACCEL:0", [] { return run.iter.accel == 5; }},
+      {"ACCEL:2", [] { return run.iter.accel == 2; }},
+      {"ACCEL:2\nDOFISHER:N", [] { return run.iter.accel == 3 && run.iter.fishertype == 0; }},
+      {"HETIT:10\nFISHERTYPE:1\nACCEL:-4", [] { return run.iter.fishertype == 0 && run.iter.accel == 3; }},
+      {"FISHERTYPE:1", [] { return run.iter.fishertype == 1; }},
+      {"VARIANCEKNOWN:t,x", [] { return run.out.autovknown == 6 && run.iter.fixsigma2 == 1.0; }},
+      {"LEVEL2WEIGHT:w\nLEVEL1WEIGHT:NONE", [] { return run.out.wgtvar2 == 2 && run.out.wgtvar1 == 0; }},
+      {"LEVEL1DELETION:A,T",
+       [] { return values(run.model.delete1) == Ints{2, 0, 0, 0, 0, 2} && run.answered.deletion; }},
+      {"PRINTVARIANCE-COVARIANCE:all", [] { return run.out.printvc == 2; }},
+      {"FULLOUTPUT:No", [] { return !run.out.fulloutput; }},
+      {"POPAVIT:Y\nPOPAVIT:N", [] { return run.iter.popavit == 1; }},
+      {"FIXSIGMA2:N", [] { return run.iter.fixsigma2 == 0.0; }},
+      {"STARTVALS:a/b.val/writeonly", [] { return run.files.startvals == "a/b.val"; }},
+      {"RESULTS:a.json\nRESULTS:b/c.csv", [] { return run.files.results == "b/c.csv"; }},
+      {"RESFILTYPE:stata\nRESFIL3NAME:u.dta",
+       [] { return run.files.resfil1name == "resfil1.dta" && run.files.resfil3name == "u.dta"; }},
+      {"RESFIL1:Y/A,B//Q",
+       [] {
+         return run.out.resfil1 && run.model.wanted1vars1[1] == 1 && run.model.wanted1vars1[2] == 1 &&
+                run.model.wanted1vars3[2] == 1 && run.model.wanted1vars2[1] == 0;
+       }},
+      {"NONLIN:MULTINOMIAL,3\nRESFIL2:Y\nMACROIT:3", [] { return run.kind.neqsets == 2 && run.out.resfil2; }},
+      {"RESFIL1:Y/A\nNONLIN:ORDINAL,4\nMACROIT:3", [] { return run.model.wanted1vars1[1] == 1; }},
+      {"GRAPHGAMMAS:g.grk\nNONLIN:MULTINOMIAL,3\nMACROIT:3", [] { return run.out.graph && run.out.resfil1; }},
+      {"HYPOTH:Y", [] { return !run.answered.hypoth; }},
+      {"TITLE:0123456789012345678901234567890123456789012345678901234567890123456789",
+       [] { return run.files.title.size() == 63; }},
+      {"TITLE:01234567890123456789012345678901234567890123456789012345678901 345",
+       [] { return run.files.title.size() == 62; }},
+      {"TITLE: a: b  ", [] { return run.files.title == " a: b"; }},
+  };
+  for (const Case& c : cases) {
+    readtext(c.text);
+    EXPECT_TRUE(c.holds()) << c.text;
+  }
+}
+
+TEST_F(Reading, SetsAndThresholds) {
+  readtext("NONLIN:MULTINOMIAL,3\nMACROIT:3\n" + samplemodel +
+           "LEVEL1:Y=B\nLEVEL2:B=INTRCPT2\nLEVEL3:INTRCPT2=INTRCPT3\n");
+  EXPECT_EQ(row(run.model.use1, 0), (Ints{1, 0, 0, 1, -1, 0, 0}));
+  EXPECT_EQ(row(run.model.use1, 1), (Ints{0, 0, 1, 0, -1, 0, 0}));
+  EXPECT_EQ(run.model.terms2.row(1, 0)[0], 0);
+  EXPECT_EQ(run.model.terms2.row(1, 1)[0], noslot);
+
+  readtext(
+      "NONLIN:ORDINAL,12\nMACROIT:3\n"
+      "LEVEL1:Y=INTRCPT1+A+THOLD2+THOLD3+THOLD4+THOLD5+THOLD6+THOLD7+THOLD8+THOLD9+THOLD10+THOLD11+RANDOM\n");
+  EXPECT_EQ(run.mdm.ncol1, 17);
+  EXPECT_EQ(run.mdm.maxbeta, 4 * 16);
+  EXPECT_EQ(leftname(run.mdm.names1[7]), "THOLD2");
+  EXPECT_EQ(leftname(run.mdm.names1[16]), "THOLD11");
+  EXPECT_EQ(run.model.use1.row(0)[16], 1);
+  // Nothing is known of the intercept's equation and of A's; a threshold has one fixed effect and no random one.
+  completemodel();
+  EXPECT_EQ(run.coef.npi, 12);
+  EXPECT_EQ(run.coef.nbeta, 10);
+  EXPECT_EQ(run.coef.ngamma, 10);
+  EXPECT_EQ(randomlevel1(), 2);
+  EXPECT_EQ(randomlevel2(), 0);
+}
+
+TEST_F(Reading, LongLinesComeInPieces) {
+  // A comment of 16383 characters and more: what follows is a line of its own.
+  readtext("#" + std::string(maxline - 2, 'x') + "NUMIT:4\nSTOPVAL:0.5\n");
+  EXPECT_EQ(run.iter.numit, 4);
+  EXPECT_EQ(run.iter.stopval, 0.5);
+}
+
+TEST(Constraints, MatrixMakesFullGammasFromReducedOnes) {
+  struct Case {
+    Ints groups;
+    int nconstrained;
+    std::vector<double> matrix;
+  };
+  const Case cases[] = {
+      {{0, 1, 1}, 1, {1, 0, 0, 0, 1, 0, 0, 1, 0}},
+      {{0, 0}, 0, {1, 0, 0, 1}},
+      {{1, 2, 1, 2}, 2, {1, 0, 0, 0, 0, 1, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0}},
+      {{1, 1, 0}, 1, {1, 0, 0, 1, 0, 0, 0, 1, 0}},
+      {{1, 1, 1}, 2, {1, 0, 0, 1, 0, 0, 1, 0, 0}},
+  };
+  for (const Case& c : cases) {
+    smallmdm();
+    run.coef.ngamma = static_cast<int>(c.groups.size());
+    run.model.constraints.reset(c.groups.size());
+    std::copy(c.groups.begin(), c.groups.end(), run.model.constraints.begin());
+    run.model.contrasts.reset(2 * c.groups.size());
+    for (std::size_t i = 0; i < run.model.contrasts.size(); ++i) run.model.contrasts[i] = static_cast<double>(i) + 1.0;
+    makeconstraints();
+    EXPECT_EQ(run.model.nconstrained, c.nconstrained);
+    EXPECT_EQ(values(run.model.constrainmatrix), c.matrix);
+
+    applyconstraints();
+    const std::size_t full = c.groups.size(), width = full - static_cast<std::size_t>(c.nconstrained);
+    ASSERT_EQ(run.model.contrasts.size(), 2 * width);
+    EXPECT_EQ(run.model.uncutcontrasts.size(), 2 * full);
+    // Whatever the reduced gammas are, a contrast has the value of its full form with the members of a group equal.
+    for (std::size_t row = 0; row < 2; ++row) {
+      double whole = 0.0, reduced = 0.0;
+      std::vector<double> gamma;  // of the gammas that stay
+      for (std::size_t g = 0; g < full; ++g) {
+        const auto first = static_cast<std::size_t>(
+            c.groups[g] == 0 ? g : std::find(c.groups.begin(), c.groups.end(), c.groups[g]) - c.groups.begin());
+        const double value = 10.0 + static_cast<double>(first * first);
+        if (first == g) gamma.push_back(value);
+        whole += static_cast<double>(row * full + g + 1) * value;
+      }
+      for (std::size_t g = 0; g < width; ++g) reduced += run.model.contrasts[row * width + g] * gamma[g];
+      EXPECT_EQ(reduced, whole);
+    }
+  }
+}

@@ -1,0 +1,207 @@
+// A small made study: three levels, unequal unit sizes, random intercept and slope at both levels, one fixed slope. It
+// is written to an MDM file for the program and kept as full matrices for the oracle.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "data/mdm.h"
+#include "data/resultfile.h"
+#include "data/unitreader.h"
+#include "dense.h"
+#include "driver/runrecord.h"
+#include "estimate/linear/datapass.h"
+#include "estimate/linear/recordunits.h"
+#include "estimate/linear/runpass.h"
+
+namespace study {
+
+using namespace kdr;
+
+// Level-1 variables Y X1 X2 W1 (a weight), level-2 Z W2, level-3 Q W3. Model:
+//   Y = P0 + P1 X1 + P2 X2 + e;  P0 = B00 + B01 Z + r0, P1 = B10 + r1, P2 = B20;
+//   B00 = G000 + G001 Q + u00, B01 = G010, B10 = G100 + G101 Q + u10, B20 = G200
+// so that a fixed level-2 coefficient stands between two random ones.
+struct Study {
+  std::vector<dense::Unit> units;
+  std::string path;
+
+  explicit Study(unsigned seed, int units3 = 6, int mostunits2 = 5, int mostrecords = 7) {
+    run = RunRecord{};
+    run.id.waitseconds = -1;
+    run.files.outfile = "report.txt";
+    std::mt19937 rng(seed);
+    std::normal_distribution<double> normal;
+    const auto among = [&](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); };
+    MdmData& mdm = run.mdm;
+    mdm.nvar1 = 4;
+    mdm.nvar2 = mdm.nvar3 = 2;
+    mdm.deletednow = true;
+    mdm.rawdattype = 2;
+    names(mdm.names1, {"INTRCPT1", "Y", "X1", "X2", "W1"});
+    names(mdm.names2, {"INTRCPT2", "Z", "W2"});
+    names(mdm.names3, {"INTRCPT3", "Q", "W3"});
+    mdm.mean1.reset(4);
+    mdm.mean2.reset(2);
+    mdm.mean3.reset(2);
+    mdm.nunits3 = units3;
+    mdm.textid3.reset(static_cast<std::size_t>(units3));
+    mdm.level3.reset(static_cast<std::size_t>(2 * units3));
+
+    std::vector<UnitBlock> blocks;
+    for (int k = 0; k < units3; ++k) {
+      const double q = normal(rng), v0 = 1.3 * normal(rng), v1 = 1.0 * normal(rng);
+      mdm.textid3[static_cast<std::size_t>(k)] = paddedname(std::to_string(k), 12);
+      mdm.level3[static_cast<std::size_t>(2 * k)] = q;
+      mdm.level3[static_cast<std::size_t>(2 * k + 1)] = among(1, 4);
+      const int n2 = k == 1 ? 1 : among(2, mostunits2);
+      std::vector<std::vector<double>> rows;  // y, M (6), x1, unit
+      for (int j = 0; j < n2; ++j) {
+        UnitBlock block;
+        block.nj = j == 1 ? 1 : among(2, mostrecords);
+        mdm.maxnj = std::max(mdm.maxnj, block.nj);
+        block.means.reset(4);
+        block.records.reset(static_cast<std::size_t>(4 * block.nj));
+        block.level2.reset(2);
+        const double z = normal(rng), r0 = normal(rng), r1 = 0.9 * normal(rng);
+        block.level2[0] = z;
+        block.level2[1] = among(1, 3);
+        block.id3.text = paddedname(std::to_string(k), 12);
+        block.id2.text = paddedname(std::to_string(j), 12);
+        for (int i = 0; i < block.nj; ++i) {
+          const double x1 = normal(rng), x2 = normal(rng);
+          const double y = 1 + 0.5 * z + 0.3 * q + v0 + r0 + (2 + 0.2 * q + v1 + r1) * x1 - x2 + 1.2 * normal(rng);
+          double* record = block.records.data() + 4 * i;
+          record[0] = y;
+          record[1] = x1;
+          record[2] = x2;
+          record[3] = among(1, 3);
+          rows.push_back({y, 1, q, z, x1, x1 * q, x2, static_cast<double>(j)});
+        }
+        mdm.numl1rec += block.nj;
+        blocks.push_back(std::move(block));
+      }
+      units.push_back(denseunit(rows, n2));
+    }
+    mdm.nunits1 = mdm.numl1rec;
+    mdm.nunits2 = static_cast<int>(blocks.size());
+    writefile(blocks);
+    makemodel();
+  }
+  ~Study() {
+    if (run.mdm.stream != nullptr) std::fclose(run.mdm.stream);
+    std::remove(path.c_str());
+  }
+  Study(const Study&) = delete;
+  Study& operator=(const Study&) = delete;
+
+ private:
+  static void names(Array<Name>& table, const std::vector<const char*>& list) {
+    table.reset(list.size());
+    for (std::size_t i = 0; i < list.size(); ++i) table[i] = paddedname(list[i]);
+  }
+
+  static dense::Unit denseunit(const std::vector<std::vector<double>>& rows, int n2) {
+    const int n = static_cast<int>(rows.size());
+    dense::Unit u{dense::Matrix(n, 1), dense::Matrix(n, 6), dense::Matrix(n, 2), dense::Matrix(n, 2), {}, n2};
+    for (int i = 0; i < n; ++i) {
+      const std::vector<double>& row = rows[static_cast<std::size_t>(i)];
+      u.Y(i, 0) = row[0];
+      for (int c = 0; c < 6; ++c) u.M(i, c) = row[static_cast<std::size_t>(c) + 1];
+      u.Z1(i, 0) = u.Z2(i, 0) = 1;
+      u.Z1(i, 1) = u.Z2(i, 1) = row[4];
+      u.unit2.push_back(static_cast<int>(row[7]));
+    }
+    return u;
+  }
+
+  void writefile(const std::vector<UnitBlock>& blocks) {
+    path = testing::TempDir() + "study.mdm";
+    run.files.mdmfile = path;
+    run.mdm.numl2rec = run.mdm.nunits2;
+    run.mdm.numl3rec = run.mdm.nunits3;
+    ResultFile file;
+    openresult(file, path);
+    writemdmtables(file.stream);
+    for (const UnitBlock& block : blocks) writeunit(file.stream, block, 4, 2, true);
+    finishmdm(file);
+    run.mdm.stream = std::fopen(path.c_str(), "rb");
+    readmdm();
+  }
+
+  static void makemodel() {
+    allocatemodel();
+    ModelSpec& model = run.model;
+    run.kind.outvar = 1;
+    int* use = model.use1.row(0);
+    use[0] = use[2] = use[3] = 1;
+    use[1] = -1;
+    model.fixed1.row(0)[2] = 1;
+    for (const auto& [c, n] : {std::pair{0, 2}, {1, 1}, {2, 1}}) {
+      model.nterms2.row(0)[c] = n;
+      for (int s = 0; s < n; ++s) model.terms2.row(0, c)[s] = s;
+    }
+    for (const auto& [b, n] : {std::pair{0, 2}, {1, 1}, {2, 2}, {3, 1}}) {
+      model.nterms3.row(0)[b] = n;
+      for (int s = 0; s < n; ++s) model.terms3.row(0, b)[s] = s;
+      model.fixed2.row(0)[b] = b == 1 || b == 3;
+    }
+    run.coef.npi = 3;
+    run.coef.nbeta = 4;
+    run.coef.ngamma = 6;
+    run.iter.numit = 500;
+    run.iter.numitcontinue = 0;
+  }
+};
+
+// The data pass of `pass` over the blocks of the MDM file, which go to `working` if that is not null.
+inline void fold(Pass& pass, std::FILE* working = nullptr) {
+  RecordUnits units;
+  startrecords(units);
+  units.working = working;
+  run.out.resfil2 = true;  // a reader of identifiers and level-2 rows
+  datapass(pass, [&](UnitProducts& unit) { return nextunit(units, unit); });
+}
+
+// The pass over the study, ready to iterate.
+inline void prepare(Pass& pass) {
+  PassPlan plan;
+  plan.limit = run.iter.numit;
+  plan.stopval = run.iter.stopval;
+  beginpass(pass, plan);
+  fold(pass);
+}
+
+// Sets the parameters of run.est and returns them for the oracle.
+inline dense::Parameters setparameters(const std::vector<double>& T, const std::vector<double>& L, double s,
+                                       const std::vector<double>& gamma) {
+  std::copy(T.begin(), T.end(), run.est.taupi.data());
+  std::copy(L.begin(), L.end(), run.est.taubeta.data());
+  std::copy(gamma.begin(), gamma.end(), run.est.gammahat.data());
+  run.est.sigma2 = s;
+  dense::Parameters x{dense::Matrix(2, 2), dense::Matrix(2, 2), s};
+  x.T.cells = T;
+  x.L.cells = L;
+  return x;
+}
+
+inline dense::Matrix gammamatrix() {
+  dense::Matrix gamma(6, 1);
+  std::copy(run.est.gammahat.begin(), run.est.gammahat.end(), gamma.cells.begin());
+  return gamma;
+}
+
+inline dense::Parameters currentparameters() {
+  const Estimates& est = run.est;
+  dense::Parameters x{dense::Matrix(2, 2), dense::Matrix(2, 2), est.sigma2};
+  std::copy(est.taupi.begin(), est.taupi.end(), x.T.cells.begin());
+  std::copy(est.taubeta.begin(), est.taubeta.end(), x.L.cells.begin());
+  return x;
+}
+
+}  // namespace study

@@ -1,0 +1,37 @@
+// Design weights that cannot be; their normalisation and the weighted covariance are held against dense computation by
+// the end-to-end tests.
+#include "estimate/linear/weights.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "study.h"
+
+namespace {
+
+using namespace kdr;
+
+TEST(Weights, RefusesWhatItCannotCompute) {
+  struct Case {
+    int wgtvar1, wgtvar3;
+    double level3weight;
+    const char* words;
+  };
+  const Case cases[] = {{4, 2, 1.0, "Unable to do only level-1 and level-3 weights"},
+                        {0, 2, 0.0, "Level-3 Weights must be positive!"},
+                        {2, 0, 1.0, "Weights must be positive!"}};  // X1 has both signs
+  for (const Case& refused : cases) {
+    study::Study made(4);
+    run.kind.weighted = true;
+    run.out.wgtvar1 = refused.wgtvar1;
+    run.out.wgtvar3 = refused.wgtvar3;
+    run.mdm.level3[1] = refused.level3weight;
+    const auto stops = [] {
+      dup2(STDERR_FILENO, STDOUT_FILENO);
+      normaliseweights();
+    };
+    EXPECT_EXIT(stops(), testing::ExitedWithCode(100), refused.words);
+  }
+}
+
+}  // namespace

@@ -1,0 +1,504 @@
+#include "estimate/quadrature/quadrature.h"
+
+#include <gtest/gtest.h>
+
+#include <bit>
+#include <cmath>
+#include <cstdint>
+#include <fstream>
+#include <random>
+#include <sstream>
+
+#include "estimate/likelihood/madestudy.h"
+#include "estimate/quadrature/quadraturenodes.h"
+
+namespace {
+
+using namespace kdr;
+using namespace madestudy;
+
+const std::string folder = std::string(TESTDATA) + "/tests/reference/quadrature/";
+
+TEST(QuadratureNodes, AreExactForPolynomials) {
+  for (int n = 3; n <= 40; ++n) {
+    std::vector<double> x(at(n)), w(at(n));
+    ASSERT_TRUE(gauher(n, x.data(), w.data())) << n;
+    double moment = std::sqrt(M_PI);  // int x^d exp(-x^2), even d
+    for (int d = 0; d < std::min(2 * n, 20); d += 2) {
+      double sum = 0.0, odd = 0.0;
+      for (std::size_t i = 0; i < at(n); ++i) {
+        sum += w[i] * std::pow(x[i], d);
+        odd += w[i] * std::pow(x[i], d + 1);
+      }
+      EXPECT_NEAR(sum / moment, 1.0, 1e-11) << n << " " << d;
+      EXPECT_NEAR(odd / moment, 0.0, 1e-10) << n << " " << d;
+      moment *= (d + 1) / 2.0;
+    }
+    EXPECT_TRUE(std::is_sorted(x.rbegin(), x.rend()));
+  }
+}
+
+TEST(QuadratureNodes, KnownValuesAndTooFewOrTooManyPoints) {
+  double x[5], w[5];
+  ASSERT_TRUE(gauher(5, x, w));
+  EXPECT_NEAR(x[0], 2.0201828704560856, 1e-13);
+  EXPECT_NEAR(x[1], 0.9585724646138185, 1e-13);
+  EXPECT_NEAR(x[2], 0.0, 1e-13);
+  EXPECT_NEAR(w[0], 0.019953242059045913, 1e-14);
+  EXPECT_NEAR(w[1], 0.39361932315224116, 1e-14);
+  EXPECT_FALSE(gauher(1, x, w));
+  EXPECT_FALSE(gauher(2, x, w));
+  // A search that ends at another's root leaves sums that look like integrals; 1000 points overflow the recurrence.
+  std::vector<double> nodes(1000), weights(1000);
+  EXPECT_TRUE(gauher(198, nodes.data(), weights.data()));
+  for (const int n : {199, 224, 258, 344, 460, 589, 1000}) EXPECT_FALSE(gauher(n, nodes.data(), weights.data())) << n;
+}
+
+std::int64_t unitsapart(double a, double b) {
+  return std::abs(std::bit_cast<std::int64_t>(a) - std::bit_cast<std::int64_t>(b));
+}
+
+TEST(QuadratureLoops, ExponentialsAndLogarithmsOfTheLibrary) {
+  std::mt19937 rng(3);
+  std::uniform_real_distribution<double> wide(-708.0, 708.0), narrow(-2.0, 2.0);
+  std::int64_t worstexp = 0, worstlog = 0;
+  for (int i = 0; i < 200000; ++i) {
+    const double given[4] = {wide(rng), narrow(rng), 0.0, narrow(rng) * 1e-9};
+    double values[4] = {given[0], given[1], given[2], given[3]};
+    fastestquadratureloops().exponentials(values, 4);
+    for (int l = 0; l < 4; ++l) worstexp = std::max(worstexp, unitsapart(values[l], std::exp(given[l])));
+    double logs[4] = {values[0], values[1], 1.0 + 1e-3 * given[1], values[3]};
+    const double arguments[4] = {logs[0], logs[1], logs[2], logs[3]};
+    fastestquadratureloops().logarithms(logs, 4);
+    for (int l = 0; l < 4; ++l) worstlog = std::max(worstlog, unitsapart(logs[l], std::log(arguments[l])));
+  }
+  EXPECT_LE(worstexp, 2);
+  EXPECT_LE(worstlog, 2);
+  double limits[4] = {-1e300, 1e300, -708.0, 709.0};
+  fastestquadratureloops().exponentials(limits, 4);
+  EXPECT_EQ(limits[0], limits[2]);
+  EXPECT_EQ(limits[1], limits[3]);
+}
+
+// The report of a run must not depend on the machine.
+TEST(QuadratureLoops, EverySetOfInstructionsGivesTheSameBits) {
+  if (&fastestquadratureloops() == &baseline::quadratureloops) GTEST_SKIP() << "this machine has no other set";
+  std::mt19937 rng(5);
+  std::normal_distribution<double> normal(0.0, 3.0);
+  constexpr std::size_t records = 45, npi = 3, pairs = 28;
+  for (const std::size_t dims : {2U, 3U, 5U}) {
+    std::vector<double> x(records * npi), rows(records * dims), fixed(records), y(records), n(records),
+        nodes(dims * pairs);
+    for (std::vector<double>* list : {&x, &rows, &fixed, &nodes})
+      for (double& value : *list) value = normal(rng);
+    for (int type = 0; type < 4; ++type) {
+      for (std::size_t i = 0; i < records; ++i) {
+        n[i] = type == 1 ? 3.0 : 0.4;
+        y[i] = type == 0 ? static_cast<double>(i % 2) : static_cast<double>(i % 4);
+      }
+      const auto written = [&](const QuadratureLoops& loops) {
+        std::vector<double> density(pairs), gradient(npi * pairs), weights(records * pairs), work(pairs);
+        loops.moments[type]({records, npi, dims, pairs, x.data(), rows.data(), fixed.data(), y.data(), n.data(),
+                             nodes.data(), density.data(), gradient.data(), weights.data(), work.data()});
+        std::vector<double> alone(pairs);
+        loops.density[type]({records, npi, dims, pairs, x.data(), rows.data(), fixed.data(), y.data(), n.data(),
+                             nodes.data(), alone.data(), nullptr, nullptr, work.data()});
+        EXPECT_EQ(alone, density);
+        density.insert(density.end(), gradient.begin(), gradient.end());
+        density.insert(density.end(), weights.begin(), weights.end());
+        return density;
+      };
+      EXPECT_EQ(written(baseline::quadratureloops), written(fastestquadratureloops())) << dims << " " << type;
+    }
+  }
+}
+
+// The centres of level 2 stay where they are whatever v is, so more points are needed the more a level-2 unit says
+// about its effect: its integrand is narrower than the nodes are spread, and wanders with v.
+struct Case {
+  const char* name;
+  OutcomeType outcome;
+  int q, r;
+  int points;
+};
+const Case cases[] = {
+    {"bernoulli11", OutcomeType::bernoulli, 1, 1, 7}, {"bernoulli21", OutcomeType::bernoulli, 2, 1, 7},
+    {"bernoulli22", OutcomeType::bernoulli, 2, 2, 7}, {"binomial12", OutcomeType::binomial, 1, 2, 9},
+    {"poisson11", OutcomeType::poisson, 1, 1, 11},    {"exposure21", OutcomeType::poissonexposure, 2, 1, 9}};
+
+// What densequadrature.py found, by name of the line.
+std::vector<double> reference(const std::string& name, const std::string& wanted) {
+  std::ifstream file(folder + name + ".ref");
+  for (std::string line; std::getline(file, line);) {
+    std::istringstream words(line);
+    std::string word;
+    words >> word;
+    std::vector<double> values;
+    for (double value = 0.0; words >> value;) values.push_back(value);
+    if (word == wanted) return values;
+  }
+  ADD_FAILURE() << name << " has no " << wanted;
+  return std::vector<double>(20);
+}
+
+Study readcase(const Case& c) { return makestudy(c.outcome, c.q, c.r, readrecords(folder + c.name + ".dat")); }
+
+// The walks over a study at any place.
+struct Walker {
+  Study& study;
+  RecordSource source;
+  QuadratureModel model;
+  QuadratureData data;
+  Walker(Study& made, int points) : study(made), source(made.source()) {
+    model.outcome = made.outcome;
+    model.npi = made.npi;
+    model.nbeta = made.nbeta;
+    model.q = made.q;
+    model.r = made.r;
+    model.g = 4;
+    model.design = &made.design;
+    EXPECT_TRUE(makegrid(model.grid2, points, made.q) && makegrid(model.grid3, points, made.r));
+    data.model = &model;
+    data.source = &source;
+    countdata(data);
+  }
+  static Adaptation like(const Adaptation& a) { return {a.vstar.copy(), a.C3.copy(), a.ustar.copy(), a.P.copy()}; }
+};
+
+TEST(Quadrature, LogLikelihoodOfAnotherAdaptation) {
+  for (const Case& c : cases) {
+    Study study = readcase(c);
+    const Parameters start = makeparameters(c.q, c.r, reference(c.name, "start"));
+    Walker walker(study, c.points);
+    const Adaptation modes = posteriormodes(study, start);
+    Adaptation means = Walker::like(modes);
+    walk(walker.data, start, modes, &means);
+    const QuadratureWalk there = walk(walker.data, start, means, nullptr);
+    ASSERT_EQ(there.status, UnitStatus::fine);
+    EXPECT_NEAR(there.loglikelihood + walker.data.combinations, reference(c.name, "atstart")[0], 0.02) << c.name;
+  }
+}
+
+// At a fixed adaptation the score is the gradient of twice the log-likelihood. So is the information its curvature,
+// once the expected second derivatives of the random effects' densities are replaced by those at the posterior moments.
+TEST(Quadrature, ScoreAndInformationAreDerivatives) {
+  for (const Case& c : cases) {
+    Study study = readcase(c);
+    study.units.resize(6);
+    std::vector<double> theta = reference(c.name, "start");
+    for (std::size_t i = 0; i < theta.size(); ++i) theta[i] += 0.02 * static_cast<double>(i + 1);
+    const Parameters place = makeparameters(c.q, c.r, theta);
+    Walker walker(study, 4);
+    const Adaptation adaptation = posteriormodes(study, place);
+    Adaptation next = Walker::like(adaptation);
+    const QuadratureWalk centre = walk(walker.data, place, adaptation, &next);
+    const std::size_t P = theta.size();
+
+    // 2 wt_ab (K E K D K + K D K E K)_ab with D = sum_j E[u u'] - J T, E the direction of element (c, d).
+    std::vector<double> correction(P * P);
+    const auto correct = [&](std::size_t first, std::size_t n, const Array<double>& T, const Array<double>& means,
+                             const Array<double>& covariances, std::size_t units) {
+      dense::Matrix Tau(static_cast<int>(n), static_cast<int>(n)), D = Tau;
+      for (std::size_t a = 0; a < n * n; ++a) Tau.cells[a] = T[a];
+      for (std::size_t j = 0; j < units; ++j)
+        for (std::size_t a = 0; a < n; ++a)
+          for (std::size_t b = 0; b < n; ++b)
+            D.cells[a * n + b] +=
+                covariances[j * n * n + a * n + b] + means[j * n + a] * means[j * n + b] - T[a * n + b];
+      const dense::Matrix K = dense::inverse(Tau);
+      std::size_t column = first;
+      for (int e = 0; e < static_cast<int>(n); ++e)
+        for (int d = 0; d <= e; ++d, ++column) {
+          dense::Matrix E(static_cast<int>(n), static_cast<int>(n));
+          E(e, d) = E(d, e) = 1.0;
+          const dense::Matrix R = K * E * K * D * K + K * D * K * E * K;
+          std::size_t row = first;
+          for (int a = 0; a < static_cast<int>(n); ++a)
+            for (int b = 0; b <= a; ++b, ++row) correction[row * P + column] = 2.0 * (a == b ? 0.5 : 1.0) * R(a, b);
+        }
+    };
+    const std::size_t units2 = study.units.back().firstunit + at(study.units.back().units);
+    correct(0, at(c.q), place.taupi, next.ustar, next.P, units2);
+    correct(place.ntaupi(), at(c.r), place.taubeta, next.vstar, next.C3, study.units.size());
+
+    for (std::size_t i = 0; i < P; ++i) {
+      constexpr double h = 1e-5;
+      std::vector<double> up = theta, down = theta;
+      up[i] += h;
+      down[i] -= h;
+      Adaptation scratch = Walker::like(adaptation);
+      const QuadratureWalk above = walk(walker.data, makeparameters(c.q, c.r, up), adaptation, &scratch);
+      const QuadratureWalk below = walk(walker.data, makeparameters(c.q, c.r, down), adaptation, &scratch);
+      const double slope = 2.0 * (above.loglikelihood - below.loglikelihood) / (2.0 * h);
+      EXPECT_NEAR(centre.score[i], slope, 1e-5 * std::max(1.0, std::fabs(slope))) << c.name << " " << i;
+      for (std::size_t l = 0; l < P; ++l) {
+        const double curvature = -(above.score[l] - below.score[l]) / (2.0 * h);
+        EXPECT_NEAR(centre.information[l * P + i] + correction[l * P + i], curvature,
+                    1e-5 * std::max(1.0, std::fabs(curvature)))
+            << c.name << " " << l << " " << i;
+      }
+    }
+  }
+}
+
+std::string console;
+
+QuadratureSettings settings(OutcomeType outcome, int points, int iterations) {
+  QuadratureSettings s;
+  s.outcome = outcome;
+  s.points = points;
+  s.iterations = iterations;
+  s.console = [](const char* text) { console += text; };
+  console.clear();
+  return s;
+}
+
+QuadratureResult estimate(Study& study, const QuadratureSettings& s, const Parameters& start) {
+  RecordSource source = study.source();
+  return adaptivequadrature(s, study.npi, study.nbeta, study.design, source, start, posteriormodes(study, start));
+}
+
+TEST(Quadrature, EstimatesOfAnotherAdaptationAndOptimiser) {
+  for (const Case& c : cases) {
+    Study study = readcase(c);
+    const QuadratureResult result =
+        estimate(study, settings(c.outcome, c.points, 50), makeparameters(c.q, c.r, reference(c.name, "start")));
+    EXPECT_TRUE(result.converged && result.finished && result.warnings.empty()) << c.name;
+    EXPECT_EQ(result.code, 1);
+    EXPECT_NEAR(result.marginal, reference(c.name, "maximum")[0], 0.02) << c.name;
+    const std::vector<double> found = elements(result.parameters), wanted = reference(c.name, "estimate"),
+                              se = reference(c.name, "se");
+    const std::size_t P = found.size();
+    for (std::size_t i = 0; i < P; ++i) {
+      EXPECT_NEAR(found[i], wanted[i], 0.02 * se[i]) << c.name << " " << i;
+      EXPECT_NEAR(std::sqrt(2.0 * result.V[i * P + i]), se[i], 0.02 * se[i]) << c.name << " " << i;
+    }
+    EXPECT_TRUE(result.taupiseusable && result.taubetaseusable);
+    EXPECT_NEAR(result.taupise[0], se[0], 0.02 * se[0]);
+    EXPECT_NEAR(std::sqrt(result.vgamma[15]), se[P - 1], 0.02 * se[P - 1]);
+  }
+}
+
+TEST(Quadrature, TheSameBytesForAnyNumberOfThreads) {
+  const auto bytes = [](int threads, std::size_t batchsize) {
+    Study study = readcase(cases[1]);
+    study.batchsize = batchsize;
+    QuadratureSettings s = settings(OutcomeType::bernoulli, 5, 3);
+    s.threads = threads;
+    const QuadratureResult result = estimate(study, s, makeparameters(2, 1, reference("bernoulli21", "start")));
+    std::vector<double> all = elements(result.parameters);
+    all.push_back(result.loglikelihood);
+    all.insert(all.end(), result.V.begin(), result.V.end());
+    all.insert(all.end(), result.adaptation.P.begin(), result.adaptation.P.end());
+    return all;
+  };
+  const std::vector<double> one = bytes(1, 5);
+  EXPECT_EQ(one, bytes(2, 5));
+  EXPECT_EQ(one, bytes(3, 7));
+}
+
+TEST(Quadrature, OneIterationIsHalfANewtonStep) {
+  const Case& c = cases[0];
+  for (const int iterations : {0, 1}) {
+    Study study = readcase(c);
+    const std::vector<double> theta = reference(c.name, "start");
+    const Parameters start = makeparameters(1, 1, theta);
+    const QuadratureResult result = estimate(study, settings(c.outcome, 5, iterations), start);
+    EXPECT_EQ(result.iteration, 1);
+    EXPECT_TRUE(result.finished && !result.converged);
+    ASSERT_EQ(result.warnings.size(), 1U);
+    EXPECT_NE(result.warnings[0].find("before they had converged"), std::string::npos);
+    Walker walker(study, 5);
+    const Adaptation modes = posteriormodes(study, start);
+    Adaptation next = Walker::like(modes);
+    const QuadratureWalk there = walk(walker.data, start, modes, &next);
+    const std::vector<double> found = elements(result.parameters);
+    for (std::size_t i = 0; i < theta.size(); ++i) {
+      double step = 0.0;
+      for (std::size_t l = 0; l < theta.size(); ++l) step += result.V[i * theta.size() + l] * there.score[l];
+      EXPECT_NEAR(found[i] - theta[i], 0.5 * step, 1e-12);
+    }
+  }
+}
+
+// Variances far too small at the start: the information has no inverse without a ridge. A ridge adds up until it has
+// one, a tenth of the last goes into the next iteration, and the standard errors are from the information without it.
+TEST(Quadrature, RidgeIsRaisedLoweredAndLeftOutOfTheErrors) {
+  Parameters start = makeparameters(1, 1, {4.0, 9.0, 0.5, 0.1, 0.1, 0.4});
+  Study study = makestudy(OutcomeType::bernoulli, 1, 1, drawrecords(1003, 40, 3, 3, start));
+  start.taupi[0] *= 0.2;
+  start.taubeta[0] *= 0.2;
+  const int P = static_cast<int>(start.count());
+  Walker walker(study, 5);
+  Parameters from = start.copy();
+  Adaptation adaptation = posteriormodes(study, start);
+  double ridge = 0.0;  // of the iteration's first trial
+  for (const int iterations : {1, 2}) {
+    const QuadratureResult result = estimate(study, settings(OutcomeType::bernoulli, 5, iterations), start);
+    const std::string marks = console.substr(iterations == 1 ? 0 : console.find("iteration 1 ="));
+    const auto raised = std::count(marks.begin(), marks.end(), '*');
+    double added = ridge, now = ridge;
+    for (std::ptrdiff_t i = 0; i < raised; ++i) added += now = now == 0.0 ? 1.0 : 10.0 * now;
+    EXPECT_GE(raised, iterations == 1 ? 2 : 0) << console;
+    EXPECT_EQ(std::count(marks.begin(), marks.end(), '/'), now > 1.0) << console;
+    ridge = now > 1.0 ? now / 10.0 : now;
+
+    Adaptation next = Walker::like(adaptation);
+    const QuadratureWalk there = walk(walker.data, from, adaptation, &next);
+    dense::Matrix H(P, P), g(P, 1), V(P, P);
+    for (std::size_t i = 0; i < at(P * P); ++i) H.cells[i] = there.information[i];
+    for (std::size_t i = 0; i < at(P * P); ++i) V.cells[i] = result.V[i];
+    for (int i = 0; i < P; ++i) g(i, 0) = there.score[at(i)];
+    const dense::Matrix one = H * V;
+    dense::Matrix ridged = H;
+    for (int i = 0; i < P; ++i) {
+      for (int l = 0; l < P; ++l) EXPECT_NEAR(one(i, l), i == l, 1e-9);
+      ridged(i, i) += added;
+    }
+    const dense::Matrix step = dense::inverse(ridged) * g;
+    const std::vector<double> before = elements(from), after = elements(result.parameters);
+    for (int i = 0; i < P; ++i)
+      EXPECT_NEAR(after[at(i)] - before[at(i)], (iterations == 1 ? 0.5 : 1.0) * step(i, 0), 1e-9) << console;
+    EXPECT_EQ(result.taupiseusable, V(0, 0) > 0.0);
+    EXPECT_EQ(result.taubetaseusable, V(1, 1) > 0.0);
+    EXPECT_FALSE(iterations == 1 && result.taupiseusable && result.taubetaseusable);
+    from = result.parameters.copy();
+    adaptation = std::move(next);
+  }
+}
+
+// The constrained maximum: another start arrives at it, and off the diagonal there is nothing.
+TEST(Quadrature, DiagonalMatrices) {
+  const Case& c = cases[2];
+  Study study = readcase(c);
+  QuadratureSettings s = settings(c.outcome, 5, 50);
+  s.diagonalpi = s.diagonalbeta = true;
+  const QuadratureResult result = estimate(study, s, makeparameters(2, 2, reference(c.name, "start")));
+  EXPECT_TRUE(result.converged && result.warnings.empty());
+  EXPECT_EQ(result.parameters.taupi[1], 0.0);
+  EXPECT_EQ(result.parameters.taubeta[2], 0.0);
+  EXPECT_TRUE(result.taupiseusable && result.taubetaseusable);
+  EXPECT_EQ(result.taupise[1], 0.0);
+  // No free element can be moved to a higher log-likelihood.
+  Walker walker(study, 5);
+  const std::vector<double> top = elements(result.parameters);
+  const double highest = walk(walker.data, result.parameters, result.adaptation, nullptr).loglikelihood;
+  const std::size_t P = top.size();
+  for (std::size_t i = 0; i < P; ++i)
+    for (const double sign : {-1.0, 1.0}) {
+      if (i == 1 || i == 4) continue;
+      std::vector<double> moved = top;
+      moved[i] += sign * 0.1 * std::sqrt(2.0 * result.V[i * P + i]);
+      EXPECT_LT(walk(walker.data, makeparameters(2, 2, moved), result.adaptation, nullptr).loglikelihood, highest) << i;
+    }
+}
+
+TEST(Quadrature, Failures) {
+  const Case& c = cases[0];
+  const Parameters start = makeparameters(1, 1, reference(c.name, "start"));
+  Study study = readcase(c);
+  RecordSource source = study.source();
+  const auto run = [&](const QuadratureSettings& s, const Parameters& from, const Adaptation& adaptation) {
+    console.clear();
+    return adaptivequadrature(s, study.npi, study.nbeta, study.design, source, from, adaptation);
+  };
+  for (const bool level2 : {true, false}) {
+    Parameters many = start.copy();
+    (level2 ? many.q : many.r) = 11;
+    const QuadratureResult result = run(settings(c.outcome, 5, 5), many, posteriormodes(study, start));
+    EXPECT_EQ(result.code, 0);
+    EXPECT_EQ(result.failure, QuadratureFailure::toomanyeffects);
+    EXPECT_EQ(console, "There are too many random effects for AGQ!\n");
+  }
+  {
+    const QuadratureResult result = run(settings(c.outcome, 2, 5), start, posteriormodes(study, start));
+    EXPECT_EQ(result.code, 0);
+    EXPECT_EQ(result.failure, QuadratureFailure::nodes);
+    EXPECT_EQ(console, "");  // this one is for the report alone
+  }
+  {
+    Adaptation bad = posteriormodes(study, start);
+    bad.C3[3] = 0.0;
+    const QuadratureResult result = run(settings(c.outcome, 5, 5), start, bad);
+    EXPECT_EQ(result.code, 0);
+    EXPECT_FALSE(result.finished);
+    EXPECT_EQ(console, "Unable to compute AGQ T(hat)(beta)\n");
+  }
+  {
+    Adaptation bad = posteriormodes(study, start);
+    bad.P[7] = std::nan("");
+    const QuadratureResult result = run(settings(c.outcome, 5, 5), start, bad);
+    EXPECT_EQ(result.code, 0);
+    EXPECT_EQ(console, "Unable to compute AGQ T(hat)(pi)\n");
+  }
+  {
+    // Records that say nothing: an information matrix near 0 with a row of zeros. The ridge is too large at once.
+    Study empty = readcase(c);
+    for (Level3Records& unit : empty.units)
+      for (std::size_t i = 0; i < unit.x.size(); ++i) unit.x[i] = i % 2 == 0 ? 1e-7 : 0.0;
+    const QuadratureResult result =
+        estimate(empty, settings(c.outcome, 5, 5), makeparameters(1, 1, {1e6, 1e6, 0.0, 0.0, 0.0, 0.0}));
+    EXPECT_EQ(result.code, 0);
+    EXPECT_EQ(result.failure, QuadratureFailure::ridge);
+    EXPECT_EQ(console, "*Unable to compute adaptive Gaussian Hessian\n");
+  }
+  {
+    // Outcomes that are more alike across units than chance allows, three of six in each: both taus belong below 0, and
+    // all steps lead there.
+    std::vector<Record> records = drawrecords(4, 20, 5, 6, makeparameters(1, 1, {1.0, 1.0, 0.0, 0.0, 0.0, 0.0}));
+    for (std::size_t i = 0; i < records.size(); ++i) records[i].y = static_cast<double>(i % 2);
+    Study even = makestudy(c.outcome, 1, 1, records);
+    const std::vector<double> theta{1e-5, 1e-5, 0.2, 0.1, 0.1, 0.1};
+    QuadratureSettings s = settings(c.outcome, 5, 5);
+    s.derivlevel = 1;
+    const QuadratureResult result = estimate(even, s, makeparameters(1, 1, theta));
+    EXPECT_EQ(result.code, 1);
+    EXPECT_FALSE(result.finished);
+    EXPECT_EQ(console, "hhhhhhhhUnable to compute adaptive Gaussian Tau\n");
+    EXPECT_EQ(elements(result.parameters), theta);
+  }
+}
+
+TEST(Quadrature, Interrupt) {
+  Study study = readcase(cases[0]);
+  QuadratureSettings s = settings(OutcomeType::bernoulli, 5, 50);
+  s.interrupted = [] { return console.find("iteration 2 =") != std::string::npos; };
+  const QuadratureResult result = estimate(study, s, makeparameters(1, 1, reference("bernoulli11", "start")));
+  EXPECT_EQ(result.iteration, 2);
+  EXPECT_TRUE(result.finished && !result.converged);
+}
+
+// With four points the iterations rest near a variance of 0 that they began with. At a maximum there, nothing is said.
+TEST(Quadrature, VarianceThatIsHeldNearZeroIsSaid) {
+  struct Near {
+    unsigned seed;
+    int points;
+    double start;
+    bool said;
+  };
+  for (const Near& one : {Near{3, 4, 1e-4, true}, {4, 3, 1e-3, true}, {3, 7, 0.3, false}, {4, 15, 0.3, false}}) {
+    const double tau = one.seed == 4 && one.said ? 0.8 : 0.3;
+    Parameters start = makeparameters(1, 1, {tau, 0.5, -0.3, 0.5, 0.4, -0.6});
+    Study study = makestudy(OutcomeType::bernoulli, 1, 1, drawrecords(one.seed, 12, 5, 6, start));
+    start.taupi[0] = one.start;
+    const QuadratureResult result = estimate(study, settings(OutcomeType::bernoulli, one.points, 100), start);
+    EXPECT_TRUE(result.converged) << one.seed;
+    EXPECT_EQ(result.parameters.taupi[0] < 0.01, one.said || one.seed == 4) << result.parameters.taupi[0];
+    const bool said = std::any_of(result.warnings.begin(), result.warnings.end(), [](const std::string& warning) {
+      return warning.find("a variance near 0 is not at the maximum") != std::string::npos;
+    });
+    EXPECT_EQ(said, one.said) << one.seed << " " << one.points;
+  }
+}
+
+// Level-3 units of thousands of records: their integrands are far below the smallest double.
+TEST(Quadrature, LargeUnits) {
+  const Parameters truth = makeparameters(1, 1, {0.5, 0.3, 0.2, 0.1, 0.1, 0.4});
+  Study study = makestudy(OutcomeType::bernoulli, 1, 1, drawrecords(2, 12, 4, 1500, truth));
+  const QuadratureResult result = estimate(study, settings(OutcomeType::bernoulli, 5, 30), truth);
+  EXPECT_TRUE(result.converged);
+  EXPECT_NEAR(result.parameters.gamma[3], 0.4, 0.05);
+  EXPECT_GT(result.parameters.taubeta[0], 0.05);
+}
+
+}  // namespace

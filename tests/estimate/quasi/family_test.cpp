@@ -1,0 +1,94 @@
+// The outcome types by their definitions, and the test of the macro iterations.
+#include "estimate/quasi/family.h"
+
+#include <gtest/gtest.h>
+
+#include "estimate/laplace/laplacestudy.h"
+#include "estimate/quasi/macrotest.h"
+
+namespace {
+
+using namespace kdr;
+
+TEST(Family, CumulantsAreTheDerivativesOfTheLogPartition) {
+  for (const double eta : {-6.0, -1.3, 0.0, 0.4, 2.0, 9.0}) {
+    const LogitMean mean = logitmean(eta);
+    const LogitCumulants k = logitcumulants(mean.mu, mean.variance);
+    const auto wanted = laplacestudy::softplus(eta);
+    EXPECT_NEAR(std::max(eta, 0.0) + std::log1p(mean.small), wanted[0], 1e-15 * std::max(1.0, wanted[0]));
+    const double found[] = {mean.mu, k.k2, k.k3, k.k4, k.k5, k.k6, k.k7};
+    for (int order = 1; order <= 7; ++order)
+      EXPECT_NEAR(found[order - 1], wanted[kdr::at(order)], 1e-13) << "order " << order << " at " << eta;
+  }
+  const LogitMean half = logitmean(0.0);
+  EXPECT_EQ(logitcumulants(half.mu, half.variance).k3, 0.0);
+  for (const double eta : {-800.0, 800.0}) EXPECT_TRUE(std::isfinite(logitmean(eta).variance));
+  EXPECT_DOUBLE_EQ(logitmean(-50.0).mu, 1.9287498479639178e-22);  // exp(-50)
+}
+
+TEST(Family, WorkingValuesKeepTheLimits) {
+  struct Case {
+    const char* what;
+    Linked record;
+    double y, n, weight, z;
+  };
+  const Case cases[] = {
+      {"fitted mean above 1", linkedfitted(Family::binomial, 1.2), 1, 1, 0.0099, std::log(99.0) + 0.01 / 0.0099},
+      {"fitted mean below 0", linkedfitted(Family::binomial, -3), 0, 1, 0.0099, -std::log(99.0) - 0.01 / 0.0099},
+      {"fitted mean, trials", linkedfitted(Family::binomial, 0.5), 3, 4, 1.0, 1.0},
+      {"fitted count below 0", linkedfitted(Family::poisson, -1), 2, 1, 0.001, std::log(0.001) + 1.999 / 0.001},
+      {"logit", linked(Family::binomial, 0.0), 1, 1, 0.25, 2.0},
+      {"log, exposure", linked(Family::poisson, std::log(2.0)), 5, 3, 6.0, std::log(2.0) - 1.0 / 6},
+      {"capped", linkedcapped(10.0, 4.0), 2, 1, 4.0, std::log(4.0) - 0.5},
+      {"not capped", linkedcapped(0.0, 4.0), 2, 1, 1.0, 1.0},
+      {"heavy", linked(Family::poisson, std::log(2e6)), 1e6, 1, 999999.0, std::log(2e6) - 0.5},
+  };
+  for (const Case& one : cases) {
+    const Working working = workingvalues(one.record, one.y, one.n);
+    EXPECT_NEAR(working.weight, one.weight, 1e-9 * one.weight) << one.what;
+    EXPECT_NEAR(working.z, one.z, 1e-9 * std::max(1.0, std::fabs(one.z))) << one.what;
+  }
+  EXPECT_TRUE(strayed(60.1) && strayed(-60.1) && !strayed(60.0) && !strayed(-60.0));
+  EXPECT_EQ(broughtback(61.0), 2.0);
+  EXPECT_EQ(broughtback(-61.0), -2.0);
+}
+
+TEST(MacroTest, CountsWhatHasChanged) {
+  const auto made = [](double taupi, double taubeta, double gamma) {
+    Parameters x{1, 1, 1, Array<double>(1), Array<double>(1), Array<double>(1)};
+    x.taupi[0] = taupi;
+    x.taubeta[0] = taubeta;
+    x.gamma[0] = gamma;
+    return x;
+  };
+  struct Case {
+    const char* what;
+    double now[3], previous[3], stop;
+    bool settled;
+  };
+  const Case cases[] = {
+      {"nothing moved", {1, 1, 1}, {1, 1, 1}, 1e-4, true},
+      {"at the limit", {1, 1, 1.5}, {1, 1, 1}, 0.5, true},
+      {"gamma moved", {1, 1, 1.001}, {1, 1, 1}, 1e-4, false},
+      {"gamma moved down, negative", {1, 1, -1.001}, {1, 1, -1}, 1e-4, false},
+      {"gamma left 0", {1, 1, 5}, {1, 1, 0}, 1e-4, true},
+      {"gamma came to 0", {1, 1, 0}, {1, 1, 5}, 1e-4, false},
+      {"taupi came to 0", {0, 1, 1}, {5, 1, 1}, 1e-4, true},
+      {"taupi left 0", {5, 1, 1}, {0, 1, 1}, 1e-4, false},
+      {"taubeta moved", {1, 1.001, 1}, {1, 1, 1}, 1e-4, false},
+      {"below the least change", {1, 1, 1}, {1, 1, 1}, 1e-9, false},
+      {"not a number", {1, 1, NAN}, {1, 1, 1}, 1e-4, false},
+  };
+  for (const Case& one : cases)
+    EXPECT_EQ(macrotest(made(one.now[0], one.now[1], one.now[2]),
+                        made(one.previous[0], one.previous[1], one.previous[2]), one.stop),
+              one.settled)
+        << one.what;
+  // Both triangles hold the same; the lower one is looked at.
+  Parameters a{2, 1, 1, Array<double>(4), Array<double>(1), Array<double>(1)}, b = a.copy();
+  a.taupi[2] = a.taupi[1] = 1.1;
+  b.taupi[2] = b.taupi[1] = 1.0;
+  EXPECT_FALSE(macrotest(a, b, 1e-4));
+}
+
+}  // namespace

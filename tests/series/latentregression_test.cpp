@@ -1,0 +1,50 @@
+// What a regression cannot compute; its numbers are held against their definition by the end-to-end test.
+#include "series/latentregression.h"
+
+#include <gtest/gtest.h>
+
+#include "core/constants.h"
+
+namespace kdr {
+namespace {
+
+// Three random coefficients, of which the last two are the predictors; two level-3 variables.
+struct Example {
+  std::vector<int> roles = {1, 2, 2};
+  LatentModel model;
+  std::vector<double> taubeta = {2, 0.5, 0.3, 0.5, 1, 0.2, 0.3, 0.2, 1}, gamma = {1, 2, 3, 4},
+                      vgamma = std::vector<double>(16), taucovariance = std::vector<double>(49);
+  Example() {
+    model.equations = {{{0, 0}, {1, 1}}, {{0, 2}}, {{1, 3}}};
+    model.nunits3 = 50;
+    for (std::size_t i = 0; i < 4; ++i) vgamma[5 * i] = 0.1;
+    for (std::size_t i = 0; i < 7; ++i) taucovariance[8 * i] = 0.2;
+  }
+  [[nodiscard]] LatentRegression regress() const {
+    LatentModel whole = model;
+    whole.roles = roles;
+    return latentregression(whole, {taubeta, gamma, vgamma, taucovariance, 7, 1});
+  }
+};
+
+TEST(LatentRegression, WhatCannotBeComputed) {
+  EXPECT_TRUE(Example().regress().computable);
+  EXPECT_NE(Example().regress().Vb[0], missingcode);
+
+  Example unknown;
+  unknown.taucovariance.clear();
+  const LatentRegression without = unknown.regress();
+  EXPECT_TRUE(without.computable);
+  for (const Array<double>* V : {&without.Vb, &without.Vadj, &without.Vdiff}) EXPECT_EQ((*V)[0], missingcode);
+
+  Example flat;  // a predictor without variance
+  for (std::size_t i = 0; i < 3; ++i) flat.taubeta[3 * i + 2] = flat.taubeta[6 + i] = 0.0;
+  EXPECT_FALSE(flat.regress().computable);
+
+  Example none;
+  none.roles = {1, 1, 0};
+  EXPECT_FALSE(none.regress().computable);
+}
+
+}  // namespace
+}  // namespace kdr
