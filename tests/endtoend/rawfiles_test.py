@@ -15,7 +15,7 @@ import tempfile
 from mdmfile import Mdm
 from program import EXAMPLE, ROOT, Checks, finish, run
 
-FILES = ROOT / 'tests' / 'data' / 'files'
+FILES = ROOT / 'tests' / 'construct' / 'files'
 RAWTYPES = {'systat': 3, 'sas': 5, 'spss': 6, 'stata': 8, 'other': 9}
 MISSING = -1.0e36
 NAMES = [['SCORE', 'FEMALE', 'AGE', 'GCSE', 'GCSECNT'], ['SCHGCSE', 'SCHSIZE'], ['LEAGCSE', 'LEANSCH']]
