@@ -63,7 +63,11 @@ PassResults linearjob(const Analysis& analysis) {
   } else {
     reportline("No iterations were asked for, so there is no likelihood to report.");
   }
-  if (ordinary && haveexploratory(run.model)) exploratorytables(exploratory(fit.pass));
+  if (ordinary && haveexploratory(run.model)) {
+    const ExploratoryAnalysis analysed = exploratory(fit.pass);
+    stopif(storefailure(fit.pass.store));
+    exploratorytables(analysed);
+  }
   if (iterated) {
     resultfiles(fit, ordinary);
   } else if (wantresidualfiles() || run.out.graph) {

@@ -9,10 +9,10 @@
 #include <thread>
 
 #include "core/formatted.h"
-#include "data/resultfile.h"
 #include "driver/failures.h"
 #include "driver/questions.h"
 #include "driver/reportstream.h"
+#include "driver/resultfile.h"
 #include "driver/runrecord.h"
 #include "estimate/linear/fixtau.h"
 #include "estimate/linear/heterogeneous.h"
@@ -222,7 +222,7 @@ void tellbadtau(const BadTau& bad) {
 
 void writeunittaupi(std::FILE* file, int k, const double* T, int p) {
   constexpr int perline = 60;
-  const Id id = level3id(k);
+  const Id id = level3id(run.mdm, k);
   if (run.mdm.numericids) {
     std::fprintf(file, "%12.0f", id.number);
   } else {

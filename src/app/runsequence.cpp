@@ -21,9 +21,10 @@
 #include "construct/construction.h"
 #include "construct/fileclashes.h"
 #include "construct/mdmdialogue.h"
+#include "construct/onefile.h"
 #include "data/mdm.h"
-#include "data/scratch.h"
 #include "driver/failures.h"
+#include "driver/files.h"
 #include "driver/questions.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
@@ -146,7 +147,12 @@ void readmodel() {
   run.mdm.stream = openfile(run.files.mdmfile, "rb");
   if (run.files.sourcename.empty()) run.files.sourcename = run.files.mdmfile;
   if (!run.files.cmdfile.empty()) untilexists(run.files.cmdfile, "Batch");
-  readmdm();
+  run.mdm.path = run.files.mdmfile;
+  const Failure unread = readmdm(run.mdm);
+  if (unread.consolewords == notmdmwords && typeofextension(run.mdm.path) != nullptr)
+    std::printf("%s is raw data: kdr3 -from %s -level3 COLUMN -level2 COLUMN makes an MDM file of it.\n",
+                run.mdm.path.c_str(), run.mdm.path.c_str());
+  stopif(unread);
   allocatemodel();
   readcommandfile();
   modelquestions();
@@ -217,8 +223,8 @@ bool nextplausiblevalue() {
     use[next] = 1;
   }
   use[old] = 0;
-  run.files.nextcommands = scratchopen();
-  writenextcommands(run.files.nextcommands);
+  run.files.nextcommands = neededscratch();
+  writenextcommands(run.files.nextcommands.get());
   return true;
 }
 
@@ -228,12 +234,11 @@ void runjob(int argc, char** argv) {
   holdstandardstreams();
   outofmemory = [] { fail(3); };
   std::set_new_handler(outofmemory);
-  stophooks.closescratch = scratchcloseall;
   stophooks.closeseries = closeseries;
   installhandlers();
   startrun();
   const Options options = readoptions(argc, argv);
-  checkscratch();
+  static_cast<void>(neededscratch());  // before anything is written that would be lost for want of one
   bool rawjob = options.templatejob;
   if (run.files.mdmfile.empty() && !rawjob) {
     if (askyesno("\nWill you be starting with raw data?")) {

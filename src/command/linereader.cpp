@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "core/constants.h"
-#include "data/scratch.h"
+#include "driver/files.h"
 #include "driver/runrecord.h"
 
 namespace kdr {

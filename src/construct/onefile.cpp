@@ -77,8 +77,8 @@ void readall(LevelSource& source, const std::vector<double>& missing) {
 }
 
 int compare(std::size_t a, std::size_t b) {
-  const int order = compareids(one.id3[a], one.id3[b]);
-  return order != 0 ? order : compareids(one.id2[a], one.id2[b]);
+  const int order = compareids(one.id3[a], one.id3[b], run.mdm.numericids);
+  return order != 0 ? order : compareids(one.id2[a], one.id2[b], run.mdm.numericids);
 }
 
 void sortrecords(const LevelSource& source) {
@@ -92,7 +92,8 @@ void sortrecords(const LevelSource& source) {
   }
   for (std::size_t i = 0; i < one.order.size(); ++i) {
     if (i == 0 || compare(one.order[i - 1], one.order[i]) != 0) one.first2.push_back(i);
-    if (i == 0 || compareids(one.id3[one.order[i - 1]], one.id3[one.order[i]]) != 0) one.first3.push_back(i);
+    if (i == 0 || compareids(one.id3[one.order[i - 1]], one.id3[one.order[i]], run.mdm.numericids) != 0)
+      one.first3.push_back(i);
   }
 }
 

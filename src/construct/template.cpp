@@ -11,9 +11,9 @@
 #include "construct/levelsource.h"
 #include "construct/readers/ascii.h"
 #include "core/formatted.h"
-#include "data/resultfile.h"
-#include "data/scratch.h"
 #include "driver/failures.h"
+#include "driver/files.h"
+#include "driver/resultfile.h"
 #include "driver/runrecord.h"
 
 namespace kdr {

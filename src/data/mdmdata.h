@@ -11,7 +11,8 @@ namespace kdr {
 
 // What the MDM file holds besides its level-2 blocks.
 struct MdmData {
-  std::FILE* stream = nullptr;                // the open MDM file of a model run
+  std::FILE* stream = nullptr;                // the open MDM file
+  std::string path;                           // its name, for messages
   int nvar1 = 0, nvar2 = 0, nvar3 = 0;        // variables of each level, the intercept not counted
   Array<Name> names1, names2, names3;         // nvarL + 1 slots; slot 0 is the intercept
   int nunits1 = 0, nunits2 = 0, nunits3 = 0;  // level-1 records, level-2 units, level-3 units in the analysis

@@ -155,9 +155,6 @@ constexpr Step steps[] = {
     [](int code) {
       if (run.series.mimode && stophooks.closeseries != nullptr) stophooks.closeseries(code);
     },
-    [](int) {
-      if (stophooks.closescratch != nullptr) stophooks.closescratch();
-    },
     [](int code) {
       if (stophooks.closelog != nullptr) stophooks.closelog(code);
     },

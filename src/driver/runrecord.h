@@ -13,6 +13,7 @@
 #include "core/model.h"
 #include "core/names.h"
 #include "data/mdmdata.h"
+#include "data/scratch.h"
 #include "kernel/array.h"
 
 namespace kdr {
@@ -58,7 +59,7 @@ struct RunFiles {
   std::string results;        // RESULTS:, -results. Results document; empty: none
   bool resultsgiven = false;  // by -results, which wins over RESULTS:
   std::string resfil1name, resfil2name, resfil3name;
-  std::FILE* nextcommands = nullptr;    // command file of the next plausible-value pass, without a name
+  ScratchFile nextcommands;             // command file of the next plausible-value pass, without a name
   std::vector<std::string> unfinished;  // result files that are not complete; a stop removes them
   std::vector<std::string> made;        // result files of this pass that are complete, in order
 };

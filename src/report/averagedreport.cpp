@@ -6,8 +6,8 @@
 #include <cstdio>
 #include <utility>
 
-#include "data/scratch.h"
 #include "driver/failures.h"
+#include "driver/files.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
 #include "report/fixedtable.h"

@@ -12,10 +12,10 @@
 #include <utility>
 #include <vector>
 
-#include "data/resultfile.h"
-#include "data/scratch.h"
 #include "driver/failures.h"
+#include "driver/files.h"
 #include "driver/reportstream.h"
+#include "driver/resultfile.h"
 #include "driver/runrecord.h"
 #include "kernel/sizes.h"
 #include "report/hypotheses.h"

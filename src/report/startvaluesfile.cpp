@@ -8,9 +8,9 @@
 #include <string>
 
 #include "core/constants.h"
-#include "data/resultfile.h"
-#include "data/scratch.h"
 #include "driver/failures.h"
+#include "driver/files.h"
+#include "driver/resultfile.h"
 #include "driver/runrecord.h"
 #include "kernel/sizes.h"
 #include "report/filecell.h"

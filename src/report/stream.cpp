@@ -11,8 +11,8 @@
 
 #include "construct/fileclashes.h"
 #include "core/formatted.h"
-#include "data/scratch.h"
 #include "driver/failures.h"
+#include "driver/files.h"
 #include "driver/questions.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"

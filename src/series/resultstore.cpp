@@ -10,8 +10,8 @@
 #include <type_traits>
 
 #include "core/formatted.h"
-#include "data/scratch.h"
 #include "driver/failures.h"
+#include "driver/files.h"
 #include "kernel/sizes.h"
 
 namespace kdr {

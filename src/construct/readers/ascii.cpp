@@ -13,7 +13,7 @@
 #include "construct/readers/textstream.h"
 #include "core/constants.h"
 #include "core/formatted.h"
-#include "data/scratch.h"
+#include "driver/files.h"
 #include "driver/failures.h"
 #include "driver/runrecord.h"
 

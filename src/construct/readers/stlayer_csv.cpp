@@ -15,7 +15,7 @@
 #include "construct/readers/plainnumber.h"
 #include "construct/readers/stlayer.h"
 #include "core/formatted.h"
-#include "data/scratch.h"
+#include "driver/files.h"
 #include "driver/failures.h"
 
 namespace kdr {

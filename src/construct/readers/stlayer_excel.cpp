@@ -10,7 +10,7 @@
 
 #include "construct/readers/stlayer_sheet.h"
 #include "core/formatted.h"
-#include "data/scratch.h"
+#include "driver/files.h"
 
 namespace kdr {
 

@@ -13,8 +13,8 @@
 
 #include "construct/readers/stlayer.h"
 #include "core/formatted.h"
-#include "data/scratch.h"
 #include "driver/failures.h"
+#include "driver/files.h"
 
 namespace kdr {
 
@@ -54,9 +54,9 @@ struct ReadstatState {
   long long rows = 0;         // on the scratch file
   long long read = 0;         // of them
   bool writefailed = false;
-  ScratchFile scratch = nullptr;
-  Array<char> scratchpiece;  // its buffer
-  std::string words;         // the library's last
+  Array<char> scratchpiece;  // the buffer of
+  ScratchFile scratch;
+  std::string words;  // the library's last
 };
 
 ReadstatState& stateof(StFile& file) { return *static_cast<ReadstatState*>(file.state); }
@@ -164,7 +164,8 @@ int takevariable(int index, readstat_variable_t* variable, const char*, void* co
 void spoolrow(ReadstatState& state) {
   if (state.observation < 0 || state.filled < state.wanted) return;
   if (state.rows % 1024 == 0) checksignals();
-  if (std::fwrite(state.row.data(), 1, state.row.size(), state.scratch) != state.row.size()) state.writefailed = true;
+  if (std::fwrite(state.row.data(), 1, state.row.size(), state.scratch.get()) != state.row.size())
+    state.writefailed = true;
   ++state.rows;
   state.filled = 0;
 }
@@ -306,14 +307,14 @@ void spool(StFile& file) {
     ++state.wanted;
   }
   state.row.reset(width);
-  state.scratch = scratchopen();
+  state.scratch = neededscratch();
   state.scratchpiece.reset(piecesize);
-  std::setvbuf(state.scratch, state.scratchpiece.data(), _IOFBF, piecesize);
+  std::setvbuf(state.scratch.get(), state.scratchpiece.data(), _IOFBF, piecesize);
   const readstat_error_t error = parse(file);
   if (error == READSTAT_ERROR_OPEN) stopwith("Unable to open %s for reading\n", file.path.c_str());
   spoolrow(state);
-  if (state.writefailed || std::fflush(state.scratch) != 0) fail(5);
-  std::rewind(state.scratch);
+  if (state.writefailed || std::fflush(state.scratch.get()) != 0) fail(5);
+  std::rewind(state.scratch.get());
   if (error != READSTAT_OK) {
     const std::string of = state.announced > state.rows ? formatted(" of %lld", state.announced) : "";
     file.trouble =
@@ -352,7 +353,7 @@ bool readstatrecord(StFile& file) {
   ReadstatState& state = stateof(file);
   if (state.scratch == nullptr) spool(file);
   if (state.read == state.rows) return false;
-  if (readupto(state.row.data(), state.row.size(), state.scratch, "a temporary file") != state.row.size())
+  if (readupto(state.row.data(), state.row.size(), state.scratch.get(), "a temporary file") != state.row.size())
     stopwith("A temporary file is damaged: it is cut off.\n");
   ++state.read;
   for (std::size_t v = 0; v < file.variables.size(); ++v) {
@@ -368,9 +369,7 @@ bool readstatrecord(StFile& file) {
 }
 
 void readstatclose(StFile& file) {
-  ReadstatState* state = &stateof(file);
-  scratchclose(state->scratch);
-  delete state;
+  delete &stateof(file);
   file.state = nullptr;
 }
 

@@ -11,7 +11,7 @@
 #include "construct/readers/stlayer_sheet.h"
 #include "construct/readers/stlayer_zipxml.h"
 #include "core/formatted.h"
-#include "data/scratch.h"
+#include "driver/files.h"
 #include "driver/failures.h"
 
 namespace kdr {

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "data/scratch.h"
+#include "driver/files.h"
 #include "driver/failures.h"
 
 namespace kdr {

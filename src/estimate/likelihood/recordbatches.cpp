@@ -1,5 +1,7 @@
 #include "estimate/likelihood/recordbatches.h"
 
+#include "driver/failures.h"
+#include "driver/runrecord.h"
 #include "kernel/sizes.h"
 
 namespace kdr {
@@ -10,7 +12,7 @@ constexpr std::size_t batchrecords = 20000;
 
 void rewindbatches(void* state) {
   RecordBatches& batches = *static_cast<RecordBatches*>(state);
-  startunits(batches.reader, run.mdm, batches.state->working.stream, 0, batches.state->layout.width, run.mdm.nvar2,
+  startunits(batches.reader, run.mdm, batches.state->working.file(), 0, batches.state->layout.width, run.mdm.nvar2,
              false);
   batches.k = 0;
   batches.units = batches.records = 0;
@@ -35,7 +37,7 @@ Level3Records readlevel3(RecordBatches& batches) {
   level3weights(pass, batches.k, unit.w3.data());
   std::size_t record = 0;
   for (std::size_t j = 0; j < at(unit.units); ++j) {
-    neededunit(batches.reader, batches.unit);
+    if (!neededunit(batches.reader, batches.unit)) tell(batches.reader.failure);
     const UnitBlock& block = batches.unit;
     for (std::size_t m = 0; m < nbeta; ++m) unit.w2[j * nbeta + m] = level2entry(pass, m, block.level2.data());
     for (int i = 0; i < block.nj; ++i, ++record) {
@@ -66,6 +68,7 @@ void nextbatch(void* state, std::vector<Level3Records>& batch) {
 RecordSource recordbatches(RecordBatches& batches, const Pass& pass, const MacroState& state) {
   batches.pass = &pass;
   batches.state = &state;
+  batches.reader.observer = &pass.observer();
   rewindbatches(&batches);
   return {&batches, rewindbatches, nextbatch};
 }

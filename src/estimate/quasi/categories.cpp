@@ -41,6 +41,7 @@ CategoryTable readcategories(const Analysis& analysis) {
     for (std::size_t i = 0; i < at(units.unit.nj); ++i)
       addvalue(table, units.unit.records[i * at(units.layout.width) + at(units.layout.observed)]);
   }
+  stopif(units.failure);
   if (table.value.size() < at(run.model.outcome.categories))
     stopwith("There are less than the specified %d categories of %8.8s!\n", run.model.outcome.categories,
              outcomename());

@@ -52,7 +52,7 @@ Stacking startstacking(Pass& pass, const PassPlan& plan, MacroState& state, bool
   s.x.reset(s.row.size());
   for (Array<double>* values : {&s.eta, &s.p, &s.z, &s.Wz, &s.total}) values->reset(at(s.M));
   s.W.reset(square(s.M));
-  if (writes) s.out = startworking();
+  if (writes) stopif(startworking(s.out));
   return s;
 }
 
@@ -115,12 +115,12 @@ void stackunit(Stacking& s, int k, UnitBlock& unit, Predict predict) {
     addrecord(s, record, s.fold.records + at(i));
   }
   foldunit(s.fold);
-  if (s.out.isopen()) writeunit(s.out.stream, unit, s.layout.width, run.mdm.nvar2, false);
+  if (s.out.isopen()) writeunit(s.out.file(), unit, s.layout.width, run.mdm.nvar2, false, run.mdm.numericids);
 }
 
 void finishstacking(Stacking& s) {
-  finishfold(s.fold);
-  if (s.out.isopen()) finishworking(std::move(s.out), s.state.working);
+  stopif(finishfold(s.fold));
+  if (s.out.isopen()) stopif(finishworking(std::move(s.out), s.state.working));
 }
 
 }  // namespace
@@ -161,6 +161,7 @@ void preparecategoricaldata(const CategoryTable& table, MacroState& state, Pass&
     relayunit(unit, units.layout, stacked, s.layout);
     stackunit(s, units.k, stacked, [] {});
   }
+  stopif(units.failure);
   finishstacking(s);
 }
 
@@ -181,12 +182,12 @@ void updatecategoricaldata(Pass& pass, MacroState& state, Pass& next, const Pass
     }
     responseprobabilities(s.eta.data(), s.M, s.p.data());
   };
-  startunits(state.reader, run.mdm, state.working.stream, 0, s.layout.width, run.mdm.nvar2, false);
+  startunits(state.reader, run.mdm, state.working.file(), 0, s.layout.width, run.mdm.nvar2, false);
   UnitBlock unit;
   sweepunits(
       pass.n2of, [&](int k) { takeunitmeans(pass, k, state.previous.gammahat.data(), pass.vstar.row(k), means); },
       [&](int k, std::size_t j, const double* hot) {
-        neededunit(state.reader, unit);
+        if (!neededunit(state.reader, unit)) tell(state.reader.failure);
         level2coefficients(pass, unit.level2.data(), means.thetastar.data(), beta.data());
         addlevel2effects(pass, j, hot + pass.store.atustar, beta.data());
         stackunit(s, k, unit, predict);

@@ -54,14 +54,15 @@ PassResults identitypass(Pass& pass, MacroState& state) {
   stopif(beginpass(pass, state.analysis, planof(state, PassKind::identity, state.macro)));
   RecordUnits units;
   startrecords(units, state.analysis);
-  WorkingFile working = startworking();
-  units.working = working.stream;
+  WorkingFile working;
+  stopif(startworking(working));
+  units.working = working.file();
   if (run.model.outcome.counted) state.counts.reset(at(run.mdm.numl1rec));
   units.counts = run.model.outcome.counted ? &state.counts : nullptr;
   if (havefactors(run.model)) state.factors.reset(at(run.mdm.numl1rec));
   units.factors = havefactors(run.model) ? &state.factors : nullptr;
   double outcomes = 0.0, counts = 0.0;
-  datapass(pass, [&](UnitProducts& unit) {
+  const Failure failure = datapass(pass, [&](UnitProducts& unit) {
     if (!nextunit(units, unit)) return false;
     for (std::size_t i = 0; i < at(unit.nj); ++i) {
       const double* record = units.unit.records.data() + i * at(units.layout.width);
@@ -71,7 +72,8 @@ PassResults identitypass(Pass& pass, MacroState& state) {
     return true;
   });
   stopif(units.failure);
-  finishworking(std::move(working), state.working);
+  stopif(failure);
+  stopif(finishworking(std::move(working), state.working));
   state.layout = mdmlayout(run.model, run.mdm);
   PassResults results;
   state.mean = outcomes / counts;

@@ -7,7 +7,7 @@
 namespace kdr {
 
 struct MacroState {
-  explicit MacroState(const Analysis& given) : analysis(given) {}
+  explicit MacroState(const Analysis& given) : analysis(given) { reader.observer = &given.observer; }
 
   const Analysis& analysis;
   int macro = 0;       // macro iteration, from 1: the number of the pass at hand

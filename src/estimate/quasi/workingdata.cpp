@@ -159,7 +159,7 @@ void rewriteunit(const Step& step, Rewriting& to) {
   if (layout.outcome >= 0)
     for (std::size_t i = 0; i < at(to.unit.nj); ++i)
       to.unit.records[i * at(layout.width) + at(layout.outcome)] = step.z[i];
-  writeunit(to.file.stream, to.unit, layout.width, run.mdm.nvar2, false);
+  writeunit(to.file.file(), to.unit, layout.width, run.mdm.nvar2, false, run.mdm.numericids);
 }
 
 Step makestep(const Pass& pass, const MacroState& state, const WorkingStep& kind) {
@@ -177,7 +177,7 @@ Step makestep(const Pass& pass, const MacroState& state, const WorkingStep& kind
 Rewriting startrewriting(const MacroState& state, const WorkingStep& kind) {
   Rewriting to;
   if (!kind.first && (kind.marginal || state.layout.outcome < 0)) return to;
-  to.file = startworking();
+  stopif(startworking(to.file));
   to.layout = workinglayout(state.analysis);
   to.unit.records.reset(at(run.mdm.maxnj) * at(to.layout.width));
   return to;
@@ -190,12 +190,12 @@ void prepareworkingdata(Pass& pass, MacroState& state, const WorkingStep& kind, 
   stopif(beginpass(next, state.analysis, plan));
   Step step = makestep(pass, state, kind);
   Rewriting to = startrewriting(state, kind);
-  startunits(state.reader, run.mdm, state.working.stream, 0, state.layout.width, run.mdm.nvar2, false);
+  startunits(state.reader, run.mdm, state.working.file(), 0, state.layout.width, run.mdm.nvar2, false);
   DataFold fold = startfold(next);
   sweepunits(
       pass.n2of, [&](int k) { takeunitmeans(pass, k, state.previous.gammahat.data(), pass.vstar.row(k), step.means); },
       [&](int k, std::size_t j, const double* hot) {
-        neededunit(state.reader, step.unit);
+        if (!neededunit(state.reader, step.unit)) tell(state.reader.failure);
         const UnitBlock& unit = step.unit;
         const Array<double>& means = kind.marginal ? step.means.theta : step.means.thetastar;
         level2coefficients(pass, unit.level2.data(), means.data(), step.beta.data());
@@ -210,10 +210,10 @@ void prepareworkingdata(Pass& pass, MacroState& state, const WorkingStep& kind, 
         step.record += at(unit.nj);
       },
       [](int) {}, reading(pass.store.hot));
-  finishfold(fold);
+  stopif(finishfold(fold));
   state.limited = step.limited;
   if (!to.file.isopen()) return;
-  finishworking(std::move(to.file), state.working);
+  stopif(finishworking(std::move(to.file), state.working));
   state.layout = std::move(to.layout);
 }
 

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "data/mdm.h"
-#include "data/resultfile.h"
+#include "driver/resultfile.h"
 #include "report/residual/columns.h"
 
 namespace kdr {

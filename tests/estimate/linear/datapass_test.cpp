@@ -39,9 +39,9 @@ void foldworking(Pass& pass, std::FILE* working, const Array<double>& factors) {
   std::size_t record = 0;
   Array<double> row(layout.column.size() + 1);
   bool first = true;
-  datapass(pass, [&](UnitProducts& unit) {
+  const Failure failure = datapass(pass, [&](UnitProducts& unit) {
     if (!readunit(reader, block)) return false;
-    unit.k += !first && !sameid(block.id3, current) ? 1 : 0;
+    unit.k += !first && !sameid(block.id3, current, false) ? 1 : 0;
     current = block.id3;
     first = false;
     unit.nj = block.nj;
@@ -56,6 +56,7 @@ void foldworking(Pass& pass, std::FILE* working, const Array<double>& factors) {
     });
     return true;
   });
+  EXPECT_FALSE(failure);
 }
 
 TEST(DataPass, IsTheSameEachTimeFromBothFiles) {

@@ -10,14 +10,16 @@
 #include <string>
 #include <vector>
 
+#include "construct/mdmwriter.h"
 #include "data/mdm.h"
-#include "data/resultfile.h"
 #include "data/unitreader.h"
 #include "dense.h"
+#include "driver/resultfile.h"
 #include "driver/runrecord.h"
 #include "estimate/linear/datapass.h"
 #include "estimate/linear/recordunits.h"
 #include "estimate/linear/runpass.h"
+#include "runmdm.h"
 
 namespace study {
 
@@ -131,10 +133,10 @@ struct Study {
     ResultFile file;
     openresult(file, path);
     writemdmtables(file.stream);
-    for (const UnitBlock& block : blocks) writeunit(file.stream, block, 4, 2, true);
+    for (const UnitBlock& block : blocks) writeunit(file.stream, block, 4, 2, true, false);
     finishmdm(file);
     run.mdm.stream = std::fopen(path.c_str(), "rb");
-    readmdm();
+    readrunmdm();
   }
 
   static void makemodel() {
@@ -169,7 +171,8 @@ inline void fold(Pass& pass, std::FILE* working = nullptr, Array<double>* factor
   startrecords(units, *pass.analysis);
   units.working = working;
   units.factors = factors;
-  datapass(pass, [&](UnitProducts& unit) { return nextunit(units, unit); });
+  EXPECT_FALSE(datapass(pass, [&](UnitProducts& unit) { return nextunit(units, unit); }));
+  EXPECT_FALSE(units.failure);
 }
 
 // The pass over the study, ready to iterate.

@@ -1,4 +1,4 @@
-#include "data/resultfile.h"
+#include "driver/resultfile.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,8 +13,8 @@
 #include <utility>
 #include <vector>
 
-#include "data/scratch.h"
 #include "driver/failures.h"
+#include "driver/files.h"
 #include "driver/runrecord.h"
 
 namespace kdr {
