@@ -64,7 +64,7 @@ ModelRows modelrows() {
   for (int set = 0; set < run.model.neqsets; ++set) {
     int c = 0, place = 0;
     for (int v = 0; v < run.mdm.ncol1; ++v) {
-      if (run.model.use1.row(set)[v] != 1) continue;
+      if (run.model.use1.row(set)[v] != Use::predictor) continue;
       const bool threshold = run.model.outcome.ordinal() && v > run.mdm.nvar1;
       const bool random = !threshold && run.model.fixed1.row(set)[c] == 0;
       rows.coefficients.push_back({set, c, v, run.model.nointercept1 ? c + 1 : c, threshold, random, 0, 0});

@@ -106,7 +106,7 @@ void takeestimates(const PassResults& results) {
 }
 
 void variancefiles(const char* taus, const char* gammas, const PassResults& results) {
-  if (run.out.printvc == 0) return;
+  if (run.out.printvc == VarianceFiles::none) return;
   writetaufile(taus, results.est, results.errors, false);
   writegammafile(gammas, results.est.gammahat, results.covariance);
 }

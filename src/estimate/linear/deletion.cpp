@@ -9,7 +9,7 @@ namespace kdr {
 bool lacksvalue(const double* record) {
   bool missing = false;
   for (std::size_t v = 0; v < static_cast<std::size_t>(run.mdm.nvar1); ++v)
-    missing = missing || (run.model.delete1[v] && record[v] == missingcode);
+    missing = missing || (run.model.delete1[v] != Deletion::none && record[v] == missingcode);
   return missing;
 }
 

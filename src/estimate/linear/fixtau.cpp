@@ -57,13 +57,13 @@ void showtau(const Repair& repair) {
   std::printf("\n");
 }
 
-int askchoice() {
-  return asknumber(
+TauRepair askchoice() {
+  return static_cast<TauRepair>(asknumber(
       "Do you wish to:\n   Set all off diagonal elements to 0?  Enter 1.\n   Manually reset values?               "
       "Enter "
       "2.\n   Automatic fixup?                     Enter 3.\n   Quit?                                Enter 4.\n   Your "
       "choice = ",
-      1, 4);
+      1, 4));
 }
 
 // Reads a new value into `value`: an empty line leaves it, a line that does not start a number is asked again.
@@ -208,28 +208,28 @@ void applytaubeta(double* taubeta) {
   if (run.model.restrictions.diagtaubeta) cleardiagonaloff(taubeta, b);
 }
 
-void fixtau(double* t, int n, const Array<double>& moments, int code, double& sigma2, Tau which) {
+void fixtau(double* t, int n, const Array<double>& moments, TauRepair code, double& sigma2, Tau which) {
   const bool pi = which == Tau::pi;
   const Restrictions& held = run.model.restrictions;
   Repair repair{t, n, moments, which, nullptr, nullptr};
   if (pi ? held.haveesttau2 : held.haveesttau3) repair.est = pi ? &held.esttau2 : &held.esttau3;
   if (pi ? held.havecontau2 : held.havecontau3) repair.codes = pi ? &held.contau2 : &held.contau3;
 
-  const bool standing = code == 1 || code == 3 || code == 4;
+  const bool standing = code == TauRepair::diagonal || code == TauRepair::automatic || code == TauRepair::quit;
   if (!standing) showtau(repair);
-  int choice = standing ? code : askchoice();
+  TauRepair choice = standing ? code : askchoice();
   for (;;) {
     switch (choice) {
-      case 1:
+      case TauRepair::diagonal:
         clearfreeoffdiagonals(repair);
         if (usablecovariance(t, n)) return;
         ++repair.rounds;
         break;
-      case 2:
+      case TauRepair::byhand:
         resetelements(repair);
         if (usablecovariance(t, n)) return resetgammas(sigma2);
         break;
-      case 3:
+      case TauRepair::automatic:
         if (constexpr int maxrounds = 100; repair.rounds >= maxrounds) {
           report("Unable to generate a good tau(%s", pi ? "pi)\n" : "beta)\n");
           stoprun(100);

@@ -1,6 +1,7 @@
 // The tau matrices between their updates: fixed and equal elements, and the repair of an unusable starting value.
 #pragma once
 
+#include "core/control.h"
 #include "core/tables.h"
 #include "kernel/array.h"
 
@@ -18,6 +19,6 @@ void applytaubeta(double* taubeta);
 // Repairs t (n by n), derived from the squared residuals `moments`, by the action `code` (fixtau2 or fixtau3): 1 clears
 // the off-diagonals, 3 is the automatic fix-up, 4 stops the run, others ask at the console. Returns with a usable t, or
 // stops with code 100. The dialogue may change run.est.gammahat and sigma2.
-void fixtau(double* t, int n, const Array<double>& moments, int code, double& sigma2, Tau which);
+void fixtau(double* t, int n, const Array<double>& moments, TauRepair code, double& sigma2, Tau which);
 
 }  // namespace kdr

@@ -225,8 +225,8 @@ void testconvergence(const Pass& pass, IterationState& state, const Attempt& att
 // At the limit a linear run may go on.
 void asklimit(const Pass& pass, IterationState& state) {
   if (state.stopped() || pass.plan.farlimit == 0 || state.iteration != pass.plan.limit) return;
-  bool goon = run.control.numitcontinue == 1;
-  if (run.control.numitcontinue == 2)
+  bool goon = run.control.numitcontinue == AtLimit::goon;
+  if (run.control.numitcontinue == AtLimit::ask)
     goon = askyesno(
         "\nThe maximum number of iterations has been reached, but the analysis has\nnot converged. Do you want to "
         "continue until convergence?");

@@ -26,7 +26,7 @@ constexpr int farlimit = 10000;  // iterations when the user goes on at the limi
 
 PassPlan linearplan() {
   PassPlan plan;
-  plan.fixsigma2 = run.model.restrictions.fixsigma2;
+  plan.fixsigma2 = run.model.restrictions.fixsigma2.value_or(0.0);
   plan.hetit = run.control.hetit;
   plan.limit = run.control.numit;
   plan.stopval = run.control.stopval;
@@ -81,7 +81,7 @@ PassResults estimatelinear() {
   if (ordinary) {
     passtables(results);
     if (!run.files.startvals.empty()) writestartvalues();
-    if (run.out.printvc != 0) variancefiles(results);
+    if (run.out.printvc != VarianceFiles::none) variancefiles(results);
   }
   if (iterated) {
     modelstatistics(results.loglik, ordinary ? 2 : 1);
@@ -98,7 +98,7 @@ PassResults estimatelinear() {
 }
 
 void listlinearfiles(const PassResults& results) {
-  if (!results.heterogeneous && run.out.printvc != 0) listvariancefiles();
+  if (!results.heterogeneous && run.out.printvc != VarianceFiles::none) listvariancefiles();
 }
 
 }  // namespace kdr

@@ -114,7 +114,7 @@ RecordLayout mdmlayout() {
   RecordLayout layout;
   layout.width = run.mdm.nvar1;
   layout.outcome = layout.observed = run.model.outvar - 1;
-  if (run.model.outcome.counted) layout.count = run.model.outcome.countvariable - 1;
+  if (run.model.outcome.counted) layout.count = run.model.outcome.countvariable.value_or(0) - 1;
   layout.place.reset(at(run.mdm.nvar1));
   for (std::size_t v = 0; v < layout.place.size(); ++v) layout.place[v] = static_cast<int>(v);
   layout.column.reset(at(run.model.coef.npi));
@@ -165,7 +165,7 @@ void startrecords(RecordUnits& units) {
   units.mean2.reset(at(run.mdm.nvar2));
   units.shift.reset(units.layout.column.size());
   units.x.reset(units.layout.column.size() + 1);
-  for (const int mark : run.model.center2) units.group2 = units.group2 || mark == 1;
+  for (const Centering mark : run.model.center2) units.group2 = units.group2 || mark == Centering::groupmean;
   if (havefactors()) run.weights.factor1.reset(at(run.mdm.numl1rec));
   startunits(units.reader, run.mdm.stream, run.mdm.firstblock, run.mdm.nvar1, run.mdm.nvar2, true);
 }
@@ -191,8 +191,8 @@ void centerblock(RecordUnits& units) {
   UnitBlock& unit = units.unit;
   const auto width = at(run.mdm.nvar1);
   for (std::size_t v = 0; v < width; ++v) {
-    const int mark = run.model.center1[v + 1];
-    if (mark == 0) continue;
+    const Centering mark = run.model.center1[v + 1];
+    if (mark == Centering::none) continue;
     const double mean = centre(mark, unit.means[v], run.mdm.mean1[v]);
     for (std::size_t i = 0; i < at(unit.nj); ++i) unit.records[i * width + v] -= mean;
   }

@@ -61,9 +61,9 @@ void reportleastsquares(Pass& pass, double s) {
 }
 
 // A tau that the iterations cannot start from is repaired, and shown again.
-void settlestart(Array<double>& t, int n, const Array<double>& moments, int& code, Tau which) {
-  const bool always = code == 5;
-  if (always) code = 0;
+void settlestart(Array<double>& t, int n, const Array<double>& moments, TauRepair& code, Tau which) {
+  const bool always = code == TauRepair::askatanyrate;
+  if (always) code = TauRepair::ask;
   if (usablecovariance(t.data(), n) && !always) return;
   fixtau(t.data(), n, moments, code, run.est.sigma2, which);
   if (run.out.fulloutput) tautable(which, MatrixTitle::renewed, true, n, t.data());

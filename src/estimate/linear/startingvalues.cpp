@@ -186,7 +186,7 @@ void firsttaupi(const Pass& pass, StartWork& w) {
   if (p == 1 && T[0] < 0.0) T[0] = 1.0;
   if (run.model.restrictions.haveesttau2) applyfixed(T, p, run.model.restrictions.esttau2);
   for (;;) {
-    if (!usablecovariance(T, p)) fixtau(T, p, w.U2, 3, run.est.sigma2, Tau::pi);
+    if (!usablecovariance(T, p)) fixtau(T, p, w.U2, TauRepair::automatic, run.est.sigma2, Tau::pi);
     if (!run.model.restrictions.havecontau2) return;
     applyequal(p, T, run.model.restrictions.contau2);
     if (invertsymmetric(p, T, w.Pj.data()).result == 0) return;
@@ -218,7 +218,7 @@ void firsttaubeta(Pass& pass, StartWork& w, const FirstMoments& first) {
   for (std::size_t i = 0; i < R.size(); ++i) L[i] = first.V2[i] / pass.nusable3 - R[i] / pass.nusable3;
   if (run.model.restrictions.haveesttau3) applyfixed(L, b, run.model.restrictions.esttau3);
   for (;;) {
-    if (!usablecovariance(L, b)) fixtau(L, b, first.V2, 3, run.est.sigma2, Tau::beta);
+    if (!usablecovariance(L, b)) fixtau(L, b, first.V2, TauRepair::automatic, run.est.sigma2, Tau::beta);
     if (!run.model.restrictions.havecontau3) return;
     applyequal(b, L, run.model.restrictions.contau3);
     if (invertsymmetric(b, L, w.G.data()).result == 0) return;

@@ -43,7 +43,7 @@ PassPlan planof(const MacroState& state, PassKind kind, int macro) {
   plan.macro = macro;
   plan.limit = run.control.numit;
   plan.stopval = run.control.stopval;
-  plan.fixsigma2 = run.model.restrictions.fixsigma2;
+  plan.fixsigma2 = run.model.restrictions.fixsigma2.value_or(0.0);
   if (kind != PassKind::identity) plan.start = &state.previous;
   plan.freshgamma = kind == PassKind::pql && macro == 2;
   return plan;
@@ -101,9 +101,9 @@ void closephase(Pass& pass, MacroState& state, const PassResults& results) {
     writetaufile(taufile, run.est, results.errors, false);
     writegammafile(unitspecificgammafile, run.est.gammahat, run.est.covariance());
   };
-  if (engines && run.out.printvc != 0) unitspecificfiles();
+  if (engines && run.out.printvc != VarianceFiles::none) unitspecificfiles();
   if (engines) maximumlikelihood(pass, state, results);
-  if (run.out.printvc == 0) return;
+  if (run.out.printvc == VarianceFiles::none) return;
   if (run.control.laplace) {
     writegammafile(populationgammafile, run.est.gammahat, run.est.covariance());
   } else {
@@ -118,7 +118,7 @@ void averagephase(Pass& pass, MacroState& state, void (*store)(const PassResults
   passtables(results);
   averagecloses(results);
   store(results);
-  if (run.out.printvc != 0) {
+  if (run.out.printvc != VarianceFiles::none) {
     if (run.control.popavit <= 1) writegammafile(robustpopulationgammafile, results.est.gammahat, results.robust);
     writegammafile(populationgammafile, results.est.gammahat, run.est.covariance());
   }
@@ -157,7 +157,7 @@ PassResults estimatenonlinear(void (*store)(const PassResults&)) {
 }
 
 void listnonlinearfiles() {
-  if (run.out.printvc == 0) return;
+  if (run.out.printvc == VarianceFiles::none) return;
   const bool errors = run.control.fishertype != 0;
   const std::vector<std::string>& made = run.files.made;  // without those of an engine that has failed
   const bool laplace = std::find(made.begin(), made.end(), laplacetaufile) != made.end();
