@@ -67,10 +67,10 @@ void setwhole(int& field, const char* keyword, const std::string& value) {
   field = wholenumber(value);
 }
 
-void setrepair(TauRepair& repair, const char* keyword, const std::string& value) {
+void setrepair(FixTau& repair, const char* keyword, const std::string& value) {
   int code = 0;
   setwhole(code, keyword, value);
-  repair = static_cast<TauRepair>(code);
+  repair = static_cast<FixTau>(code);
 }
 
 void readnumit(CommandReader&, const std::string& value) {

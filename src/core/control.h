@@ -9,18 +9,12 @@ namespace kdr {
 enum class AtLimit { stop, goon, ask };
 inline constexpr CodeWord<AtLimit> limitletters[] = {{AtLimit::stop, "N"}, {AtLimit::goon, "Y"}};
 
-// What is done with a starting tau that the iterations cannot start from.
-enum class TauRepair {
-  ask,          // by the user's choice of what follows
-  diagonal,     // off-diagonals become 0
-  byhand,       // the user gives the elements
-  automatic,    //
-  quit,         // the run ends
-  askatanyrate  // `ask`, even where the tau can be used
-};
-
 // Order of the Taylor series that TAYLOR: asks for.
 enum class Taylor { none = 0, second = 2, fourth = 4 };
+
+// What is done about a starting tau that is no covariance matrix, by its code in FIXTAU2: and FIXTAU3:. Any other code
+// asks.
+enum class FixTau { ask = 0, clear = 1, byhand = 2, automatic = 3, quit = 4, always = 5 };
 
 // How the iterations run. The field of a keyword bears the keyword's name.
 struct Control {
@@ -31,7 +25,7 @@ struct Control {
   double stopmacro = 1.0e-4;  // STOPMACRO:
   int accel = 5;              // ACCEL:. Iterations between accelerations
   int fishertype = 2;         // FISHERTYPE:, DOFISHER:. 0 none, 1 outer products, 2 expected information
-  TauRepair fixtau2 = TauRepair::automatic, fixtau3 = TauRepair::automatic;  // FIXTAU2:, FIXTAU3:
+  FixTau fixtau2 = FixTau::automatic, fixtau3 = FixTau::automatic;  // FIXTAU2:, FIXTAU3:
   int hetit = 0;         // HETIT:. Iterations of the stage with a taupi per level-3 unit
   bool laplace = false;  // LAPLACE:
   int laplaceit = 50;

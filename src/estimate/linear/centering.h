@@ -2,7 +2,7 @@
 #pragma once
 
 #include "core/model.h"
-#include "kernel/array.h"
+#include "data/mdmdata.h"
 
 namespace kdr {
 
@@ -11,7 +11,7 @@ inline double centre(Centering mark, double groupmean, double grandmean) {
 }
 
 // Takes the grand means off the level-3 variables with a mark, which are held in memory. Once for a run.
-void centerlevel3();
+void centerlevel3(const Model& model, MdmData& mdm);
 
 // n values of a variable, less what `mark` asks for with the grand mean in the place of any group's.
 void centeraround(Centering mark, double grandmean, double* values, std::size_t n);
