@@ -19,8 +19,8 @@ void writemdmtables(std::FILE* stream) {
                        mdm.nunits3,
                        mdm.l1missing ? 1 : 0,
                        mdm.deletednow,
-                       mdm.mdmtype,
-                       mdm.numericids ? -mdm.rawdattype : mdm.rawdattype,
+                       static_cast<int>(mdm.mdmtype),
+                       (mdm.numericids ? -1 : 1) * static_cast<int>(mdm.rawdattype),
                        mdm.maxnj};
   const char nomagic[sizeof mdmmagic] = {};
   writechk(nomagic, sizeof nomagic, stream);

@@ -85,6 +85,11 @@ long long readhead(Reading& reading, MdmHeader& head) {
   return version > mdmtypesince ? 54 : 50;
 }
 
+// Of a negated code, too.
+RawType rawtypeof(const MdmHeader& head) {
+  return static_cast<RawType>(head.rawdattype > 0 ? head.rawdattype : -static_cast<long long>(head.rawdattype));
+}
+
 void checkhead(Reading& reading, const MdmHeader& head) {
   if (head.numl1var < 1 || head.numl2var < 0 || head.numl3var < 0)
     reading.damaged("its numbers of variables cannot be");
@@ -92,19 +97,13 @@ void checkhead(Reading& reading, const MdmHeader& head) {
     reading.damaged("its numbers of records and units do not agree");
   if (head.maxnj < 1 || head.maxnj > head.numl1rec) reading.damaged("its largest unit has an impossible size");
   if (head.mdmtype < 0 || head.mdmtype > 3) reading.damaged("its type is unknown");
-  switch (head.rawdattype) {
-    case 2:
-    case 3:
-    case 5:
-    case 6:
-    case 8:
-    case 9:
-    case -2:
-    case -3:
-    case -5:
-    case -6:
-    case -8:
-    case -9:
+  switch (rawtypeof(head)) {
+    case RawType::ascii:
+    case RawType::systat:
+    case RawType::sas:
+    case RawType::spss:
+    case RawType::stata:
+    case RawType::other:
       break;
     default:
       reading.damaged("its raw data type is unknown");
@@ -179,8 +178,8 @@ void takehead(MdmData& mdm, const MdmHeader& head) {
   mdm.l1missing = head.l1missing != 0;
   // Complete data leave nothing to delete at analysis time, whatever the field says.
   mdm.deletednow = head.timeofdeletion != 0 || !mdm.l1missing;
-  mdm.mdmtype = head.mdmtype;
-  mdm.rawdattype = head.rawdattype < 0 ? -head.rawdattype : head.rawdattype;
+  mdm.mdmtype = static_cast<MdmType>(head.mdmtype);
+  mdm.rawdattype = rawtypeof(head);
   mdm.maxnj = head.maxnj;
   mdm.ncol1 = mdm.nvar1 + 1;
   mdm.ncol2 = mdm.nvar2 + 1;

@@ -2,6 +2,7 @@
 // written.
 #pragma once
 
+#include "core/codes.h"
 #include "data/mdm.h"
 #include "driver/resultfile.h"
 #include "report/residual/columns.h"
