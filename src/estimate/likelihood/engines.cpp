@@ -4,10 +4,12 @@
 #include <cstdio>
 #include <thread>
 
+#include "core/formatted.h"
 #include "driver/failures.h"
 #include "driver/reportstream.h"
 #include "estimate/laplace/laplace.h"
 #include "estimate/likelihood/recordbatches.h"
+#include "estimate/likelihood/unconditional.h"
 #include "estimate/linear/iteration.h"
 #include "estimate/quadrature/quadrature.h"
 #include "kernel/matrix.h"
@@ -34,58 +36,121 @@ Parameters currentparameters(const Pass& pass) {
   return {pass.p, pass.b, pass.g, run.est.taupi.copy(), run.est.taubeta.copy(), run.est.gammahat.copy()};
 }
 
-// What both engines hand back in the same way; `before` are the results of the last pass.
-PassResults startresults(PassKind kind, const Parameters& estimates, const PassResults& before) {
+void say(const char* words) {
+  std::printf("%s", words);
+  std::fflush(stdout);
+}
+
+// The lines of a failure; empty for none, and for one that has no words of its own.
+const char* laplaceproblem(EngineFailure failure) {
+  switch (failure) {
+    case EngineFailure::centre2:
+      return "Cannot compute Laplace6 inv[C]";
+    case EngineFailure::centre3:
+      return "Cannot compute Laplace6 V22";
+    case EngineFailure::notdefinite:
+      return "Unable to invert H in Laplace";
+    default:
+      return "";
+  }
+}
+const char* quadratureproblem(EngineFailure failure) {
+  switch (failure) {
+    case EngineFailure::toomanyeffects:
+      return "There are too many random effects for AGQ!";
+    case EngineFailure::nodes:
+      return "Too many iterations in gauher!";
+    case EngineFailure::centre3:
+      return "Unable to compute AGQ T(hat)(beta)";
+    case EngineFailure::centre2:
+      return "Unable to compute AGQ T(hat)(pi)";
+    case EngineFailure::notdefinite:
+      return "Unable to compute adaptive Gaussian Hessian";
+    case EngineFailure::nostep:
+      return "Unable to compute adaptive Gaussian Tau";
+    default:
+      return "";
+  }
+}
+
+// The console's line of an engine on its way.
+void tellengine(Engine engine, const EngineEvent& event) {
+  using Kind = EngineEvent::Kind;
+  const bool laplace = engine == Engine::laplace6;
+  switch (event.kind) {
+    case Kind::begun:
+      return say("\n");
+    case Kind::scoresweep:
+      return say(">");
+    case Kind::valuesweep:
+      return say(".");
+    case Kind::ridgeraised:
+      return say("*");
+    case Kind::ridgelowered:
+      return say("/");
+    case Kind::stephalved:
+      return laplace ? void() : say("h");
+    case Kind::fallen:
+      return say("The log-likelihood has fallen: the step is halved\n");
+    case Kind::iteration:
+      return say(formatted(laplace ? "The likelihood at Laplace iteration %d is %E\n"
+                                   : "The value of the log-likelihood function at AGQ iteration %d = %E\n",
+                           event.number, event.loglik)
+                     .c_str());
+    case Kind::undefined:
+      return say(
+          "The Laplace6 likelihood is not defined at these values: the step is that of the first-order Laplace\n");
+    case Kind::limit:
+      return say("The Laplace6 iterations were stopped at their limit, before the estimates had settled\n");
+    case Kind::marginal:
+      return say(formatted("The marginal log-likelihood = %E\n", event.loglik).c_str());
+    case Kind::problem:
+      break;
+  }
+  if (event.failure == EngineFailure::unsettled)
+    say(formatted("The modes of the random effects have not settled after %d sweeps of Laplace6\n", event.number)
+            .c_str());
+  const char* words = laplace ? laplaceproblem(event.failure) : quadratureproblem(event.failure);
+  if (*words != 0 && event.failure != EngineFailure::nodes) say(formatted("%s\n", words).c_str());
+}
+
+EngineData enginedata(const Pass& pass, RecordSource source) {
+  return {run.model.outcome.family, &pass.design,        pass.npi, pass.nbeta, run.mdm.nunits3,
+          at(run.mdm.nunits2),      at(run.mdm.nunits1), source};
+}
+
+EngineSettings enginesettings(Engine engine, int iterations) {
+  return {iterations, threads(), askstop, [engine](const EngineEvent& event) { tellengine(engine, event); }};
+}
+
+// `before` are the results of the last pass.
+PassResults resultsof(PassKind kind, const EngineResult& fit, const PassResults& before) {
   PassResults results;
   results.kind = kind;
   results.macro = before.macro;
-  results.est.taupi = estimates.taupi.copy();
-  results.est.taubeta = estimates.taubeta.copy();
-  results.est.gammahat = estimates.gamma.copy();
+  results.est.taupi = fit.estimates.taupi.copy();
+  results.est.taubeta = fit.estimates.taubeta.copy();
+  results.est.gammahat = fit.estimates.gamma.copy();
   results.degrees = {before.degrees.df.copy(), before.degrees.rough.copy()};
+  results.iteration = fit.iteration;
+  results.loglik = fit.loglik;
   results.errors.asked = true;
-  results.errors.order = static_cast<int>(estimates.ntaupi() + estimates.ntaubeta());
-  return results;
-}
-
-PassResults resultsof(const LaplaceResult& laplace, const PassResults& before) {
-  PassResults results = startresults(PassKind::laplace6, laplace.estimates, before);
-  results.iteration = laplace.iteration;
-  results.loglik = laplace.loglik;
-  if (laplace.end == LaplaceEnd::noiterations) {
+  if (fit.end == EngineEnd::noiterations) {
     // The estimates are those of the pass, and so are their covariances.
     results.errors.order = before.errors.order;
     results.errors.covariance = before.errors.covariance.copy();
     results.covariance = before.covariance.copy();
     return results;
   }
-  // The printed likelihood is lower than the marginal one by this constant.
-  results.marginal = laplace.loglik + 0.5 * run.mdm.nunits1 * std::log(2.0 * M_PI);
-  if (!laplace.converged) {
-    results.ending = Ending::limit;
-    results.warnings.emplace_back("WARNING: the iterations of Laplace-6 ended before they had converged.");
-  }
+  if (!fit.converged) results.ending = Ending::limit;
+  results.marginal = fit.marginal;
+  results.errors.order = static_cast<int>(fit.estimates.ntaupi() + fit.estimates.ntaubeta());
   results.errors.known = true;
-  results.errors.taupi = laplace.setaupi.copy();
-  results.errors.taubeta = laplace.setaubeta.copy();
-  results.errors.covariance = laplace.taucovariance.copy();
-  results.covariance = laplace.vgamma.copy();
-  results.reliabilities = {laplace.rel2.copy(), laplace.rel3.copy(), laplace.nrel2, laplace.nrel3};
-  return results;
-}
-
-PassResults resultsof(const QuadratureResult& quadrature, const PassResults& before) {
-  PassResults results = startresults(PassKind::quadrature, quadrature.parameters, before);
-  results.iteration = quadrature.iteration;
-  results.loglik = quadrature.loglikelihood;
-  results.marginal = quadrature.marginal;
-  if (!quadrature.converged) results.ending = Ending::limit;
-  results.errors.known = true;
-  if (quadrature.taupiseusable) results.errors.taupi = quadrature.taupise.copy();
-  if (quadrature.taubetaseusable) results.errors.taubeta = quadrature.taubetase.copy();
-  results.errors.covariance = quadrature.vtau.copy();
-  results.covariance = quadrature.vgamma.copy();
-  results.warnings = quadrature.warnings;
+  if (fit.completepi) results.errors.taupi = fit.setaupi.copy();
+  if (fit.completebeta) results.errors.taubeta = fit.setaubeta.copy();
+  results.errors.covariance = fit.taucovariance.copy();
+  results.covariance = fit.vgamma.copy();
+  results.warnings = fit.warnings;
   return results;
 }
 
@@ -124,31 +189,24 @@ Array<double> posteriormeans2(Pass& pass) {
 
 void laplace(Pass& pass, MacroState& state, const PassResults& before) {
   RecordBatches batches;
-  LaplaceData data;
-  data.design = &pass.design;
-  data.npi = pass.npi;
-  data.nbeta = pass.nbeta;
-  data.units3 = run.mdm.nunits3;
-  data.units2 = at(run.mdm.nunits2);
-  data.records = at(run.mdm.nunits1);
-  data.source = recordbatches(batches, pass, state);
+  const EngineData data = enginedata(pass, recordbatches(batches, pass, state));
   LaplaceSettings settings;
+  settings.engine = enginesettings(Engine::laplace6, run.control.laplaceit);
   settings.stopmacro = run.control.stopmacro;
-  settings.laplaceit = run.control.laplaceit;
-  settings.threads = threads();
-  settings.stopasked = askstop;
   holdinterrupts();
   const LaplaceResult result =
       runlaplace(data, settings, currentparameters(pass), posteriormeans2(pass), pass.vstar.cells, before.loglik);
   releaseinterrupts();
-  if (result.end == LaplaceEnd::failed) {
+  if (result.fit.end == EngineEnd::failed) {
     laplacefailed();
     documentwarning("Fisher scoring is unable to compute a Laplace-6 estimate within the parameter space.");
     notconverged("Unable to produce Laplace results.\n");
     markreport();
     return;
   }
-  const PassResults results = resultsof(result, before);
+  PassResults results = resultsof(PassKind::laplace6, result.fit, before);
+  if (result.fit.end == EngineEnd::estimated)
+    results.reliabilities = {result.rel2.copy(), result.rel3.copy(), result.nrel2, result.nrel3};
   tellunconverged("Laplace-6", results);
   takeestimates(results);
   // The modes and the curvature of the last walk are what quadrature starts from.
@@ -161,13 +219,13 @@ void laplace(Pass& pass, MacroState& state, const PassResults& before) {
         },
         [](int) {}, changing(pass.store.hot));
   }
-  const bool estimated = result.end == LaplaceEnd::estimated;
+  const bool estimated = result.fit.end == EngineEnd::estimated;
   if (estimated) {
     laplacetables(results, !result.finalcall);
   } else {
     reportline("Laplace-6 has made no iteration: the likelihood is that of quasi-likelihood.");
   }
-  modelstatistics(result.loglik, 2);
+  modelstatistics(result.fit.loglik, 2);
   markreport();
   state.laplacegamma = run.est.gammahat.copy();
   if (estimated) std::printf("The marginal log-likelihood = %E\n", results.marginal);
@@ -182,14 +240,15 @@ Adaptation startingadaptation(Pass& pass) {
   for (double& c : adaptation.C3) c *= run.est.sigma2;
   adaptation.ustar = posteriormeans2(pass);
   adaptation.P.reset(at(run.mdm.nunits2) * square(q));
-  Array<double> C2(square(q));
+  Array<double> C2(square(q)), Q(at(r) * at(q)), room(at(r) * at(q));
   sweepunits(
       pass.n2of, [](int) {},
       [&](int k, std::size_t j, const double* hot) {
         unpack(q, hot + pass.store.atCinv, C2.data());
         for (double& c : C2) c *= run.est.sigma2;
-        unconditionalcovariance(q, r, C2.data(), hot + pass.store.atBZ1, adaptation.C3.data() + at(k) * square(r),
-                                adaptation.P.data() + j * square(q));
+        mulAB(Q.data(), hot + pass.store.atBZ1, C2.data(), r, q, q);
+        addunconditional(adaptation.P.data() + j * square(q), q, r, C2.data(), Q.data(),
+                         adaptation.C3.data() + at(k) * square(r), room.data());
       },
       [](int) {}, reading(pass.store.hot));
   return adaptation;
@@ -200,75 +259,64 @@ Adaptation startingadaptation(Pass& pass) {
 bool shorterrors(const QuadratureResult& result, const PassResults& before, int g) {
   constexpr double share = 0.8;
   for (int i = 0; i < g; ++i)
-    if (result.vgamma[i * (g + 1)] < share * before.covariance[i * (g + 1)]) return true;
+    if (result.fit.vgamma[i * (g + 1)] < share * before.covariance[i * (g + 1)]) return true;
   return false;
 }
 
 void quadrature(Pass& pass, MacroState& state, const PassResults& before) {
-  std::printf("\n");
   RecordBatches batches;
-  RecordSource source = recordbatches(batches, pass, state);
+  const EngineData data = enginedata(pass, recordbatches(batches, pass, state));
   QuadratureSettings settings;
-  settings.outcome = run.model.outcome.family;
+  settings.engine = enginesettings(Engine::quadrature, run.control.agqit);
   settings.points = run.control.agqpoints;
-  settings.iterations = run.control.agqit;
   settings.derivlevel = run.control.agqderivlevel;
   settings.diagonalpi = run.model.restrictions.diagtaupi;
   settings.diagonalbeta = run.model.restrictions.diagtaubeta;
-  settings.threads = threads();
-  settings.interrupted = askstop;
-  settings.console = [](const char* text) {
-    std::printf("%s", text);
-    std::fflush(stdout);
-  };
   holdinterrupts();
-  const QuadratureResult result = adaptivequadrature(settings, pass.npi, pass.nbeta, pass.design, source,
-                                                     currentparameters(pass), startingadaptation(pass));
+  const QuadratureResult result = adaptivequadrature(data, settings, currentparameters(pass), startingadaptation(pass));
   releaseinterrupts();
-  const PassResults results = resultsof(result, before);
+  const EngineResult& fit = result.fit;
+  const bool estimated = fit.end == EngineEnd::estimated;
+  const PassResults results = resultsof(PassKind::quadrature, fit, before);
   tellunconverged("quadrature", results);
-  if (result.finished) {
+  if (estimated) {
     quadraturetables(results);
   } else {
-    if (result.failure == QuadratureFailure::nodes) reportbreak();
-    reportline("%s", failureline(result.failure));
-    documentwarning(failureline(result.failure));
-    for (const std::string& warning : result.warnings) {
+    if (fit.failure == EngineFailure::nodes) reportbreak();
+    reportline("%s", quadratureproblem(fit.failure));
+    documentwarning(quadratureproblem(fit.failure));
+    for (const std::string& warning : fit.warnings) {
       reportline("%s", warning.c_str());
       documentwarning(warning);
     }
   }
-  if (result.finished && shorterrors(result, before, pass.g)) {
+  if (estimated && shorterrors(result, before, pass.g)) {
     const char* words = "WARNING: standard errors are far below those of PQL. Use more quadrature points.";
     reportline("%s", words);
     std::printf("%s\n", words);
     documentwarning(words);
   }
-  // Estimates of an estimation that broke off with a warning are none, nor are those that fell far below what was
-  // reached before.
-  constexpr double farbelow = 1.0;
   const auto goeson = [](const char* from) {
     const std::string words = std::string("The run goes on with the estimates ") + from;
     reportline("%s", words.c_str());
     std::printf("%s\n", words.c_str());
   };
-  const bool fallen = result.finished && result.highest - result.loglikelihood > farbelow;
-  if (result.code == 0 || fallen || (!result.finished && !result.warnings.empty())) {
+  if (fit.end == EngineEnd::failed || fit.farbelow) {
     notconverged("");
-    if (result.finished) documentending(false);
+    if (estimated) documentending(false);
     goeson("that quadrature started from.");
     markreport();
     return;
   }
   takeestimates(results);
-  if (result.finished) {
-    modelstatistics(result.loglikelihood, 2);
+  if (estimated) {
+    modelstatistics(fit.loglik, 2);
   } else {
     goeson("of the last iteration of quadrature, which are not in this report.");
   }
   markreport();
   state.quadraturegamma = run.est.gammahat.copy();
-  if (result.finished) variancefiles(quadraturetaufile, quadraturegammafile, results);
+  if (estimated) variancefiles(quadraturetaufile, quadraturegammafile, results);
 }
 
 }  // namespace
