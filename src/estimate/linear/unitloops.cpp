@@ -9,8 +9,9 @@ namespace kdr::KDR3_INSTRUCTIONS {
 
 namespace {
 
-// Four level-2 units side by side, worked by the vector instructions that the machine has.
-using Lane = double __attribute__((vector_size(32), aligned(8)));
+// Four level-2 units side by side, worked by the vector instructions that the machine has. Lanes are values only, never
+// places of an array of doubles, which has not their alignment.
+using Lane = double __attribute__((vector_size(32)));
 
 // Element `at` of the record of one unit, or of four records in a row.
 template <class Real>
