@@ -226,6 +226,7 @@ LaplaceResult runlaplace(const EngineData& data, const LaplaceSettings& settings
   tell(settings.engine, {Kind::begun});
   const AscentEnd end = climb(ascent, settings.engine.iterations);
   fit.converged = end == AscentEnd::converged;
+  fit.stopped = likelihood.stopped;
   fit.failure = failureof(end, likelihood);
   if (end == AscentEnd::notdefinite) tell(settings.engine, {Kind::problem, 0, 0.0, EngineFailure::notdefinite});
   if (end == AscentEnd::limit && ascent.iterations > 0) tell(settings.engine, {Kind::limit});

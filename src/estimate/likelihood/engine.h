@@ -84,6 +84,7 @@ struct EngineResult {
   Parameters estimates;
   int iteration = 0;       // finished iterations; in the heading of the report
   bool converged = false;  // no limit and no user ended the iterations
+  bool stopped = false;    // the user did
   double loglik = 0.0;     // without constants of the outcome alone, less N/2 log(2 pi)
   double marginal = 0.0;   // the marginal log-likelihood with all its constants
   // An earlier iteration has seen a log-likelihood so much higher that these estimates are not to be gone on with.

@@ -418,6 +418,7 @@ QuadratureResult adaptivequadrature(const EngineData& data, const QuadratureSett
   const AscentEnd end = climb(ascent, std::max(settings.engine.iterations, 1));
   result.fit.estimates = likelihood.at(ascent.now);
   result.fit.converged = end == AscentEnd::converged;
+  result.fit.stopped = ascent.stopped;
   if (result.fit.converged || end == AscentEnd::limit || end == AscentEnd::stopped) {
     finish(likelihood, ascent);
   } else {

@@ -45,7 +45,7 @@ struct QuadratureResult {
                           // integrated again around its own centres
   double distance = 0.0;  // of the estimates from the maximum in standard errors, the farthest of them, by what the
                           // last step lacked of a whole Newton step
-  int inversion = 0;  // of the last information matrix: the result of syminverse
+  int inversion = 0;      // of the last information matrix: the result of syminverse
 };
 
 // Estimates from `start`, with `adaptation` for the first iteration. Reads the data twice per iteration, and once at
