@@ -101,7 +101,7 @@ void printunits() {
   readmdm();
   UnitReader reader;
   UnitBlock block;
-  startunits(reader, run.mdm.stream, run.mdm.firstblock, run.mdm.nvar1, run.mdm.nvar2, true);
+  startunits(reader, run.mdm, run.mdm.stream, run.mdm.firstblock, run.mdm.nvar1, run.mdm.nvar2, true);
   const auto idtext = [](const Id& id) {
     return run.mdm.numericids ? std::to_string(static_cast<long>(id.number)) : leftname(id.text);
   };

@@ -59,7 +59,7 @@ void readall() {
   readmdm();
   UnitReader reader;
   UnitBlock block;
-  startunits(reader, run.mdm.stream, run.mdm.firstblock, run.mdm.nvar1, run.mdm.nvar2, true);
+  startunits(reader, run.mdm, run.mdm.stream, run.mdm.firstblock, run.mdm.nvar1, run.mdm.nvar2, true);
   while (readunit(reader, block)) continue;
 }
 
@@ -132,7 +132,7 @@ TEST_F(MdmFile, UnitsInOrderAheadAndBack) {
     open(sample.file());
     UnitReader reader;
     UnitBlock block;
-    startunits(reader, run.mdm.stream, run.mdm.firstblock, 2, 1, true);
+    startunits(reader, run.mdm, run.mdm.stream, run.mdm.firstblock, 2, 1, true);
     ASSERT_TRUE(readunit(reader, block));
     EXPECT_EQ(block.nj, 1);
     EXPECT_EQ(block.records[1], 1.0);
@@ -177,7 +177,7 @@ TEST_F(MdmFile, BlocksOfAllSizes) {
     }
     UnitReader reader;
     UnitBlock block;
-    startunits(reader, file, 0, 3, 2, withmeans);
+    startunits(reader, run.mdm, file, 0, 3, 2, withmeans);
     for (const int nj : sizes) {
       if (random() % 3 == 0) {
         const long long here = unitposition(reader);
