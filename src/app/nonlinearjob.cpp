@@ -83,7 +83,7 @@ void tellaverage(const ChainPass& pass) {
   passtables(results);
   averageends(results);
   storesubrun(results);
-  if (run.out.printvc != 0) {
+  if (run.out.printvc != VarianceFiles::none) {
     if (run.control.popavit <= 1) writegammafile(robustpopulationgammafile, results.est.gammahat, results.robust);
     writegammafile(populationgammafile, results.est.gammahat, pass.pass.est.covariance());
   }
@@ -129,7 +129,7 @@ void tellmacroend(const MacroEvent& event) {
 void closephase(const ChainPass& pass) {
   if (categorical(pass)) {
     residualfiles(pass);
-    if (run.out.printvc != 0) unitspecificfiles(pass, pass.results.est);
+    if (run.out.printvc != VarianceFiles::none) unitspecificfiles(pass, pass.results.est);
     graphfile(pass);
     return;
   }
@@ -137,11 +137,11 @@ void closephase(const ChainPass& pass) {
   residualfiles(pass);
   markreport();
   const bool engines = run.control.laplace || run.control.agqpoints != 0;
-  if (engines && run.out.printvc != 0) unitspecificfiles(pass, pass.pass.est);
+  if (engines && run.out.printvc != VarianceFiles::none) unitspecificfiles(pass, pass.pass.est);
 }
 
 void enginefiles(const ChainPass& pass) {
-  if (run.out.printvc == 0) return;
+  if (run.out.printvc == VarianceFiles::none) return;
   const Estimates& est = pass.pass.est;
   if (run.control.laplace) {
     writegammafile(populationgammafile, est.gammahat, est.covariance());
@@ -190,7 +190,7 @@ PassResults nonlinearjob(const Analysis& analysis, const CategoryTable& table) {
 }
 
 void listnonlinearfiles() {
-  if (run.out.printvc == 0) return;
+  if (run.out.printvc == VarianceFiles::none) return;
   const bool errors = run.control.fishertype != 0;
   const std::vector<std::string>& made = run.files.made;  // without those of an engine that has failed
   const bool laplace = std::find(made.begin(), made.end(), laplacetaufile) != made.end();

@@ -55,7 +55,7 @@ int record(int level, double* values, Id* id3, Id* id2) {
 
 void close(int) {}
 
-constexpr RawReader memoryreader{rawspss, "spss", 4, nullptr, prepare, record, close};
+constexpr RawReader memoryreader{RawType::spss, "spss", 4, nullptr, prepare, record, close};
 
 struct Job {
   std::vector<Row> level1, level2, level3;

@@ -95,8 +95,8 @@ TEST_F(MdmFile, HeadAndTables) {
     EXPECT_EQ(mdm.nunits3, 2);
     EXPECT_TRUE(mdm.l1missing);
     EXPECT_FALSE(mdm.deletednow);
-    EXPECT_EQ(mdm.mdmtype, 2);
-    EXPECT_EQ(mdm.rawdattype, 2);
+    EXPECT_EQ(mdm.mdmtype, MdmType::growth);
+    EXPECT_EQ(mdm.rawdattype, RawType::ascii);
     EXPECT_EQ(mdm.numericids, numeric);
     EXPECT_EQ(mdm.maxnj, 2);
     EXPECT_STREQ(mdm.names1[2].text, "       Y    ");
@@ -119,7 +119,7 @@ TEST_F(MdmFile, OlderVersionHasNoType) {
   sample.version = 6.0F;
   sample.l1missing = 0;
   open(sample.file());
-  EXPECT_EQ(run.mdm.mdmtype, 0);
+  EXPECT_EQ(run.mdm.mdmtype, MdmType::ordinary);
   EXPECT_EQ(run.mdm.maxnj, 2);
   EXPECT_EQ(run.mdm.fnames[0], "one.dat");
   EXPECT_TRUE(run.mdm.deletednow);  // complete data: nothing left to delete

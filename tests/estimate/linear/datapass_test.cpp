@@ -62,13 +62,14 @@ TEST(DataPass, IsTheSameEachTimeFromBothFiles) {
   struct Case {
     const char* name;
     bool weighted, known, deleting;
-    int center1, center2;
+    Centering center1, center2;
   };
-  const Case cases[] = {{"plain", false, false, false, 0, 0},
-                        {"centered on group means", false, false, false, 1, 1},
-                        {"centered on grand means, weighted", true, false, false, 2, 2},
-                        {"weighted and with known variances", true, true, false, 1, 2},
-                        {"known variances, deletion at analysis time", false, true, true, 1, 1}};
+  const Case cases[] = {
+      {"plain", false, false, false, Centering::none, Centering::none},
+      {"centered on group means", false, false, false, Centering::groupmean, Centering::groupmean},
+      {"centered on grand means, weighted", true, false, false, Centering::grandmean, Centering::grandmean},
+      {"weighted and with known variances", true, true, false, Centering::groupmean, Centering::grandmean},
+      {"known variances, deletion at analysis time", false, true, true, Centering::groupmean, Centering::groupmean}};
   for (const Case& one : cases) {
     SCOPED_TRACE(one.name);
     study::Study made(4, 8);

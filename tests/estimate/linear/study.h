@@ -44,7 +44,7 @@ struct Study {
     mdm.nvar1 = 4;
     mdm.nvar2 = mdm.nvar3 = 2;
     mdm.deletednow = true;
-    mdm.rawdattype = 2;
+    mdm.rawdattype = RawType::ascii;
     names(mdm.names1, {"INTRCPT1", "Y", "X1", "X2", "W1"});
     names(mdm.names2, {"INTRCPT2", "Z", "W2"});
     names(mdm.names3, {"INTRCPT3", "Q", "W3"});
@@ -141,9 +141,9 @@ struct Study {
     allocatemodel();
     Model& model = run.model;
     run.model.outvar = 1;
-    int* use = model.use1.row(0);
-    use[0] = use[2] = use[3] = 1;
-    use[1] = -1;
+    Use* use = model.use1.row(0);
+    use[0] = use[2] = use[3] = Use::predictor;
+    use[1] = Use::outcome;
     model.fixed1.row(0)[2] = 1;
     for (const auto& [c, n] : {std::pair{0, 2}, {1, 1}, {2, 1}}) {
       model.nterms2.row(0)[c] = n;
@@ -159,7 +159,7 @@ struct Study {
     run.model.coef.nbeta = 4;
     run.model.coef.ngamma = 6;
     run.control.numit = 500;
-    run.control.numitcontinue = 0;
+    run.control.numitcontinue = AtLimit::stop;
   }
 };
 
