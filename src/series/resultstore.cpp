@@ -12,6 +12,7 @@
 #include "core/formatted.h"
 #include "data/scratch.h"
 #include "driver/failures.h"
+#include "kernel/hash.h"
 #include "kernel/sizes.h"
 
 namespace kdr {
@@ -24,15 +25,15 @@ struct Mark {
   char magic[8];
   std::int32_t q, r, g, fisher, popaverage, reserved;
   std::uint64_t model;
-  std::uint64_t checksum;  // of what stands before it
+  std::uint64_t checksum;
 };
 static_assert(sizeof(Mark) == 48);
 
-// FNV-1a.
-std::uint64_t checksum(const void* bytes, std::size_t n) {
-  std::uint64_t hash = 14695981039346656037ULL;
-  for (std::size_t i = 0; i < n; ++i) hash = (hash ^ static_cast<const unsigned char*>(bytes)[i]) * 1099511628211ULL;
-  return hash;
+// Of what stands before it.
+std::uint64_t checksum(const Mark& mark) {
+  Hash hash;
+  hash.add(&mark, offsetof(Mark, checksum));
+  return hash.value();
 }
 
 Mark markof(const SubrunShape& shape) {
@@ -45,12 +46,12 @@ Mark markof(const SubrunShape& shape) {
             0,
             shape.model,
             0};
-  mark.checksum = checksum(&mark, offsetof(Mark, checksum));
+  mark.checksum = checksum(mark);
   return mark;
 }
 
 bool iswhole(const Mark& mark) {
-  return std::memcmp(mark.magic, "KDR3SETS", 8) == 0 && mark.checksum == checksum(&mark, offsetof(Mark, checksum));
+  return std::memcmp(mark.magic, "KDR3SETS", 8) == 0 && mark.checksum == checksum(mark);
 }
 
 bool readmark(std::FILE* file, long long place, Mark& mark) {
@@ -123,25 +124,6 @@ std::string checkhead(std::FILE* file, const SubrunShape& shape, StoreHead& head
 }
 
 }  // namespace
-
-SubrunRecord emptyrecord(const SubrunShape& shape) {
-  SubrunRecord record;
-  record.taupi.reset(square(shape.q));
-  record.taubeta.reset(square(shape.r));
-  if (shape.fisher) record.taucovariance.reset(square(shape.tauorder()));
-  record.reliability2.reset(at(shape.q));
-  record.reliability3.reset(at(shape.r));
-  record.chisq2.reset(at(shape.q));
-  record.chisq3.reset(at(shape.r));
-  const auto effects = [&](SubrunEffects& x) {
-    x.gammahat.reset(at(shape.g));
-    x.vgamma.reset(square(shape.g));
-    x.robust.reset(square(shape.g));
-  };
-  effects(record.effects);
-  if (shape.popaverage) effects(record.popaverage);
-  return record;
-}
 
 int StoreHead::finished() const { return static_cast<int>(std::count(mistatus, mistatus + maxsets, char{1})); }
 

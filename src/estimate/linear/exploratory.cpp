@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "core/modelwalk.h"
+#include "core/results.h"
 #include "driver/runrecord.h"
 #include "kernel/sizes.h"
 #include "report/exploratorytables.h"

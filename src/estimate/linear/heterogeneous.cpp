@@ -56,10 +56,11 @@ void startheterogeneous(IterationState& state) {
 
 void heterogeneousresults(Pass& pass, IterationState& state) {
   const int p = pass.p;
-  const PassResults results = stageresults(pass, state);
+  PassResults results = stageresults(pass, state);
   iterationtables(results);
   Array<double>& T = run.est.taupi;
-  Array<double> mean(T.size());
+  Array<double>& mean = results.meantaupi;
+  mean.reset(T.size());
   T.fill(0.0);
   ResultFile file;
   opentext(file, heterogeneousfile);
@@ -72,7 +73,8 @@ void heterogeneousresults(Pass& pass, IterationState& state) {
     }
   }
   finishresult(file);
-  documentheterogeneous(results, mean, T);
+  results.weightedtaupi = T.copy();
+  documentpass(results);
   tautable(Tau::pi, MatrixTitle::average, false, p, mean.data());
   tautable(Tau::pi, MatrixTitle::weightedaverage, false, p, T.data());
   fixedeffectstables(results);

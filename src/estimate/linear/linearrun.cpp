@@ -79,12 +79,13 @@ PassResults estimatelinear() {
       documentwarning(words);
     }
   if (ordinary) {
+    documentpass(results);
     passtables(results);
     if (!run.files.startvals.empty()) writestartvalues();
     if (run.out.printvc != 0) variancefiles(results);
   }
   if (iterated) {
-    modelstatistics(results.loglik, ordinary ? 2 : 1);
+    modelstatistics(results);
   } else {
     reportline("No iterations were asked for, so there is no likelihood to report.");
   }

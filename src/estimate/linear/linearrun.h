@@ -1,7 +1,7 @@
 // A linear run, from the MDM file to the last result file.
 #pragma once
 
-#include "report/passresults.h"
+#include "core/results.h"
 
 namespace kdr {
 

@@ -1,8 +1,8 @@
 // What a pass of the estimation is told. Phases read the plan, nothing else decides what they do.
 #pragma once
 
+#include "core/results.h"
 #include "driver/runrecord.h"
-#include "report/passresults.h"
 
 namespace kdr {
 

@@ -1,11 +1,11 @@
 #include "estimate/linear/results.h"
 
 #include "driver/runrecord.h"
+#include "estimate/inference/modelstatistics.h"
 #include "estimate/linear/emstep.h"
 #include "estimate/linear/inference.h"
 #include "estimate/linear/posterior.h"
 #include "estimate/linear/weightedcovariance.h"
-#include "report/degreesoffreedom.h"
 
 namespace kdr {
 
@@ -46,18 +46,17 @@ PassResults iterationresults(Pass& pass, IterationState& state) {
 PassResults stageresults(Pass& pass, IterationState& state) {
   if (state.hetstate != 1) renewposterior(pass);
   PassResults results = iterationresults(pass, state);
-  degreesoffreedom(results.degrees);
   if (run.model.weighted && !results.heterogeneous) {
     results.covariance = weightedcovariance(pass);
   } else {
     results.covariance = run.est.covariance();
   }
-  if (results.heterogeneous) return results;
-  if (pass.plan.kind != PassKind::identity) {
+  if (!results.heterogeneous && pass.plan.kind != PassKind::identity) {
     results.robust = robustcovariance(pass, false);
     results.fewunits = fewlevel3units();
   }
-  results.tests = variancetests(pass);
+  complete(results, run.model, countsof(run.mdm));
+  if (!results.heterogeneous) results.tests = variancetests(pass);
   return results;
 }
 

@@ -7,6 +7,7 @@
 #include "driver/failures.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
+#include "estimate/inference/modelstatistics.h"
 #include "estimate/linear/fixtau.h"
 #include "estimate/linear/heterogeneous.h"
 #include "estimate/linear/inference.h"
@@ -16,9 +17,9 @@
 #include "kernel/decompositions.h"
 #include "kernel/products.h"
 #include "kernel/sizes.h"
-#include "report/degreesoffreedom.h"
 #include "report/matrixtables.h"
 #include "report/passtables.h"
+#include "report/resultsdocument.h"
 #include "report/startvaluesfile.h"
 
 namespace kdr {
@@ -55,9 +56,9 @@ void reportleastsquares(Pass& pass, double s) {
   results.robust = robustcovariance(pass, true);
   results.fewunits = fewlevel3units();
   if (s > 0.0) results.loglik = -(n + n * std::log(twopi * s)) / 2.0;
-  FixedDegrees degrees;
-  degreesoffreedom(degrees);
-  leastsquarestables(results, degrees);
+  complete(results, countsof(run.mdm));
+  documentleastsquares(results);
+  leastsquarestables(results);
 }
 
 // A tau that the iterations cannot start from is repaired, and shown again.
@@ -168,6 +169,7 @@ PassResults runpass(Pass& pass, IterationState& state, const std::function<doubl
   if (pass.plan.limit == 0) {
     PassResults none;
     none.heterogeneous = true;
+    none.parameters = parametercount(run.model, run.mdm.nunits3);
     none.loglik = state.likelihood.current;
     none.ending = state.ending;
     return none;

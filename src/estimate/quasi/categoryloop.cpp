@@ -12,6 +12,7 @@
 #include "report/graphdata.h"
 #include "report/passtables.h"
 #include "report/residual/residualfiles.h"
+#include "report/resultsdocument.h"
 #include "report/startvaluesfile.h"
 #include "report/variancefiles.h"
 
@@ -51,6 +52,7 @@ PassResults estimatecategories(const CategoryTable& table, void (*store)(const P
   for (bool first = true;; first = false) {
     beginmacro(state);
     PassResults results = runpass(pass, state.iterations);
+    documentpass(results);
     passtables(results);
     store(results);
     if (!run.files.startvals.empty()) writestartvalues();

@@ -8,7 +8,7 @@
 // Source: Breslow and Clayton (1993), JASA 88, 9-25; Zeger, Liang and Albert (1988), Biometrics 44, 1049-1060.
 #pragma once
 
-#include "report/passresults.h"
+#include "core/results.h"
 
 namespace kdr {
 
