@@ -2,9 +2,7 @@
 
 #include <unistd.h>
 
-#include <bit>
-#include <cassert>
-#include <concepts>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -40,7 +38,20 @@ Series series;
 
 bool inseries() { return run.series.mimode || run.series.pvmode; }
 
-void stopunusable(const std::string& problem) { stopwith("%s\n", problem.c_str()); }
+[[noreturn]] void stopat(const Failure& failure) {
+  if (failure.row != ownwords) fail(failure.row, failure.argument.c_str());
+  if (failure.systemerror != 0) {
+    errno = failure.systemerror;
+    std::perror("");
+  }
+  stopwith("%s", failure.consolewords.c_str());
+}
+
+// Why the store isn't usable, on the console; a system that refuses it stops the run.
+void sayunusable(const Failure& failure) {
+  if (!unusable(failure)) stopat(failure);
+  std::printf("%s", failure.consolewords.c_str());
+}
 
 // All usable sub-runs; `failed` gets the indices of the others. False, with the sentence on the console, when the store
 // isn't usable.
@@ -50,8 +61,8 @@ bool gather(std::vector<SubrunRecord>& records, std::vector<int>& failed) {
     return true;
   }
   StoreHead head;
-  if (const std::string problem = readstore(series.shape, head, &records); !problem.empty()) {
-    std::printf("%s\n", problem.c_str());
+  if (const Failure failure = readstore(series.shape, head, &records)) {
+    sayunusable(failure);
     return false;
   }
   if (series.whole) {
@@ -90,13 +101,13 @@ void beginseries() {
   SeriesMode& mode = run.series;
   if (mode.mimode && !mode.mifirst) {
     StoreHead head;
-    if (const std::string problem = joinstore(shape, mode.miindex, head); !problem.empty()) stopunusable(problem);
+    if (const Failure failure = joinstore(shape, mode.miindex, head)) stopat(failure);
     mode.nsets = head.nsets;
     std::memcpy(mode.mistatus, head.mistatus, sizeof mode.mistatus);
   } else if (mode.mimode || mode.pvfirst) {
     startaveragedreport();
     if (mode.mimode) {
-      createstore(shape);
+      if (const Failure failure = createstore(shape)) stopat(failure);
       mode.nsets = 1;
       mode.mifirst = false;
     }
@@ -151,8 +162,7 @@ void closeseries(int code) {
   }
   if (!run.series.milast) {
     if (!series.begun || (code != 0 && code != unconvergedcode) || !series.ended) return;
-    if (const std::string problem = appendrecord(series.shape, run.series.miindex, series.records[0]); !problem.empty())
-      std::printf("%s\n", problem.c_str());
+    if (const Failure failure = appendrecord(series.shape, run.series.miindex, series.records[0])) sayunusable(failure);
     return;
   }
   if (series.pooled) return;
