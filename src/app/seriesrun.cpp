@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -38,18 +37,9 @@ Series series;
 
 bool inseries() { return run.series.mimode || run.series.pvmode; }
 
-[[noreturn]] void stopat(const Failure& failure) {
-  if (failure.row != ownwords) fail(failure.row, failure.argument.c_str());
-  if (failure.systemerror != 0) {
-    errno = failure.systemerror;
-    std::perror("");
-  }
-  stopwith("%s", failure.consolewords.c_str());
-}
-
 // Why the store isn't usable, on the console; a system that refuses it stops the run.
 void sayunusable(const Failure& failure) {
-  if (!unusable(failure)) stopat(failure);
+  if (!unusable(failure)) tell(failure);
   std::printf("%s", failure.consolewords.c_str());
 }
 
@@ -96,18 +86,18 @@ void beginseries() {
   if (!inseries()) return;
   if (run.series.mimode && run.series.pvmode)
     stopwith("A run cannot be a data set of a multiple imputation and a series of plausible values at once.\n");
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   const SubrunShape shape = seriesshape(run.model, rows, run.mdm, run.control);
   SeriesMode& mode = run.series;
   if (mode.mimode && !mode.mifirst) {
     StoreHead head;
-    if (const Failure failure = joinstore(shape, mode.miindex, head)) stopat(failure);
+    if (const Failure failure = joinstore(shape, mode.miindex, head)) tell(failure);
     mode.nsets = head.nsets;
     std::memcpy(mode.mistatus, head.mistatus, sizeof mode.mistatus);
   } else if (mode.mimode || mode.pvfirst) {
     startaveragedreport();
     if (mode.mimode) {
-      if (const Failure failure = createstore(shape)) stopat(failure);
+      if (const Failure failure = createstore(shape)) tell(failure);
       mode.nsets = 1;
       mode.mifirst = false;
     }

@@ -150,9 +150,7 @@ struct PassResults {
   EffectTable effects;        // by `covariance`
   EffectTable robusteffects;  // by `robust`
   VarianceTests tests;
-  Array<double> meantaupi, weightedtaupi;  // heterogeneous: the averages over the level-3 units, plain and by their
-                                           // level-2 units
-  std::vector<std::string> warnings;       // whole sentences for the head of the results
+  std::vector<std::string> warnings;  // whole sentences for the head of the results
 
   // The taus were not estimated: their tables are those of an earlier pass.
   [[nodiscard]] bool tausstand() const { return kind == PassKind::populationaverage; }

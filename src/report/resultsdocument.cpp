@@ -99,7 +99,7 @@ const char* centering(const Array<int>& marks, int v) {
 Json categoryornull(int set) { return multinomialrun() ? textornull(categorylabel(set)) : Json(); }
 
 Json equations() {
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   const std::vector<int> reduced = reducedeffects(rows);
   Json list = Json::array();
   for (const CoefficientRow& coefficient : rows.coefficients) {
@@ -172,7 +172,7 @@ Json tested(const EffectTest& row, bool withratio) {
 }
 
 Json fixedeffects(const Array<double>& gamma, const EffectTable& model, const EffectTable& robust, bool withratio) {
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   const auto side = [&](const EffectTable& table, std::size_t g) {
     return table.rows.empty() ? Json() : tested(table.rows[g], withratio);
   };
@@ -233,7 +233,7 @@ void addeffects(Json& phase, const Array<double>& gamma, const EffectTable& mode
 
 Json taurows(Tau which, int n) {
   const Coefficients& coef = run.model.coef;
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   std::vector<int> sets;
   for (const CoefficientRow& row : rows.coefficients)
     if (which == Tau::pi && row.random) sets.push_back(row.set);
@@ -319,7 +319,7 @@ void addlikelihood(Json& phase, double loglik, bool comparable, long long parame
 
 // The shares of a linear model with nothing but an intercept that varies at all three levels.
 Json intraclass(double sigma2, const Array<double>& taupi, const Array<double>& taubeta) {
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   const bool null = run.model.outcome.linear() && run.model.autovknown == 0 && rows.effects.size() == 1 &&
                     taupi.size() == 1 && taubeta.size() == 1 && rows.coefficients[0].variable == 0 &&
                     rows.terms[0].variable == 0 && rows.effects[0].variable == 0;
@@ -437,9 +437,6 @@ Json phaseof(const PassResults& results) {
     phase["intraclass_correlation"] = intraclass(results.est.sigma2, results.est.taupi, results.est.taubeta);
   addeffects(phase, results.est.gammahat, results.effects, results.robusteffects, results.kind != PassKind::identity);
   phase["warnings"] = warningsof(results);
-  if (results.meantaupi.empty()) return phase;
-  phase["tau_pi_average"] = square(run.model.coef.ntaupi, results.meantaupi);
-  phase["tau_pi_weighted_average"] = square(run.model.coef.ntaupi, results.weightedtaupi);
   return phase;
 }
 
@@ -517,6 +514,14 @@ void startdocument() {
 
 void documentpass(const PassResults& results) {
   if (wanted() && (run.out.fulloutput || results.kind != PassKind::identity)) addphase(phaseof(results));
+}
+
+void documentheterogeneous(const PassResults& results, const Array<double>& mean, const Array<double>& weighted) {
+  if (!wanted()) return;
+  Json phase = phaseof(results);
+  phase["tau_pi_average"] = square(run.model.coef.ntaupi, mean);
+  phase["tau_pi_weighted_average"] = square(run.model.coef.ntaupi, weighted);
+  addphase(std::move(phase));
 }
 
 void documentleastsquares(const LeastSquaresResults& results) {

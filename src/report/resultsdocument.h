@@ -17,6 +17,8 @@ void startdocument();
 // The phase of a pass or of an engine. An identity pass has none without full output.
 void documentpass(const PassResults& results);
 void documentleastsquares(const LeastSquaresResults& results);
+// `mean` and `weighted` are the averages of taupi over the level-3 units.
+void documentheterogeneous(const PassResults& results, const Array<double>& mean, const Array<double>& weighted);
 // The phases of the averages of a series; `failed` are the indices of the data sets that failed.
 void documentaverages(const Pooled& pooled, std::span<const int> failed);
 

@@ -30,7 +30,7 @@ DevianceComparison comparisonof(double deviance, long long parameters, const Alt
 }
 
 void complete(PassResults& results, const Model& model, const UnitCounts& counts) {
-  if (results.degrees.df.empty()) results.degrees = degreesoffreedom(modelrows(), counts);
+  if (results.degrees.df.empty()) results.degrees = degreesoffreedom(modelrows(model), counts);
   results.parameters = parametercount(model, results.heterogeneous ? counts.units3 : 1);
   const Array<double>& gamma = results.est.gammahat;
   results.effects = effecttable(gamma, results.covariance, results.degrees);

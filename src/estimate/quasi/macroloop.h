@@ -9,13 +9,14 @@
 #pragma once
 
 #include "core/results.h"
+#include "estimate/analysis.h"
 
 namespace kdr {
 
 // Runs the chain for the model of the run record. `store` gets the results of every pass of phases 2 and 4, for a
 // series of runs. Returns the results of the last unit-specific pass. The variance files are listed by
 // listnonlinearfiles.
-[[nodiscard]] PassResults estimatenonlinear(void (*store)(const PassResults&));
+[[nodiscard]] PassResults estimatenonlinear(const Analysis& analysis, void (*store)(const PassResults&));
 
 // The closing list of the variance files in the report.
 void listnonlinearfiles();
