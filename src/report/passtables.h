@@ -6,8 +6,8 @@
 
 #include <string>
 
+#include "core/results.h"
 #include "report/fixedtable.h"
-#include "report/passresults.h"
 
 namespace kdr {
 
@@ -26,7 +26,7 @@ inline constexpr double settled = 0.1;
 void deletionnote();
 
 // The section " Least Squares Estimates" of a linear run.
-void leastsquarestables(const LeastSquaresResults& results, const FixedDegrees& degrees);
+void leastsquarestables(const LeastSquaresResults& results);
 
 // How the iterations ended.
 void endingwords(const PassResults& results);

@@ -5,6 +5,7 @@
 
 #include "driver/failures.h"
 #include "driver/reportstream.h"
+#include "estimate/inference/modelstatistics.h"
 #include "estimate/laplace/laplace.h"
 #include "estimate/likelihood/recordbatches.h"
 #include "estimate/linear/iteration.h"
@@ -33,7 +34,7 @@ PassResults startresults(PassKind kind, const Parameters& estimates, const PassR
   results.est.taupi = estimates.taupi.copy();
   results.est.taubeta = estimates.taubeta.copy();
   results.est.gammahat = estimates.gamma.copy();
-  results.degrees = {before.degrees.df.copy(), before.degrees.rough.copy()};
+  results.degrees = before.degrees.copy();
   results.errors.asked = true;
   results.errors.order = static_cast<int>(estimates.ntaupi() + estimates.ntaubeta());
   return results;
@@ -48,6 +49,7 @@ PassResults resultsof(const LaplaceResult& laplace, const PassResults& before) {
     results.errors.order = before.errors.order;
     results.errors.covariance = before.errors.covariance.copy();
     results.covariance = before.covariance.copy();
+    complete(results, run.model, countsof(run.mdm));
     return results;
   }
   // The printed likelihood is lower than the marginal one by this constant.
@@ -62,6 +64,7 @@ PassResults resultsof(const LaplaceResult& laplace, const PassResults& before) {
   results.errors.covariance = laplace.taucovariance.copy();
   results.covariance = laplace.vgamma.copy();
   results.reliabilities = {laplace.rel2.copy(), laplace.rel3.copy(), laplace.nrel2, laplace.nrel3};
+  complete(results, run.model, countsof(run.mdm));
   return results;
 }
 
@@ -77,6 +80,7 @@ PassResults resultsof(const QuadratureResult& quadrature, const PassResults& bef
   results.errors.covariance = quadrature.vtau.copy();
   results.covariance = quadrature.vgamma.copy();
   results.warnings = quadrature.warnings;
+  complete(results, run.model, countsof(run.mdm));
   return results;
 }
 
@@ -154,11 +158,12 @@ void laplace(Pass& pass, MacroState& state, const PassResults& before) {
   }
   const bool estimated = result.end == LaplaceEnd::estimated;
   if (estimated) {
+    documentpass(results);
     laplacetables(results, !result.finalcall);
   } else {
     reportline("Laplace-6 has made no iteration: the likelihood is that of quasi-likelihood.");
   }
-  modelstatistics(result.loglik, 2);
+  modelstatistics(results);
   markreport();
   state.laplacegamma = pass.est.gammahat.copy();
   if (estimated) std::printf("The marginal log-likelihood = %E\n", results.marginal);
@@ -219,6 +224,7 @@ void quadrature(Pass& pass, MacroState& state, const PassResults& before) {
   const PassResults results = resultsof(result, before);
   tellunconverged("quadrature", results);
   if (result.finished) {
+    documentpass(results);
     quadraturetables(results);
   } else {
     if (result.failure == QuadratureFailure::nodes) reportbreak();
@@ -253,7 +259,7 @@ void quadrature(Pass& pass, MacroState& state, const PassResults& before) {
   }
   takeestimates(pass, results);
   if (result.finished) {
-    modelstatistics(result.loglikelihood, 2);
+    modelstatistics(results);
   } else {
     goeson("of the last iteration of quadrature, which are not in this report.");
   }

@@ -1,8 +1,8 @@
 // The maximum-likelihood engines at the close of the unit-specific phase, each on a copy of the estimates.
 #pragma once
 
+#include "core/results.h"
 #include "estimate/quasi/macrostate.h"
-#include "report/passresults.h"
 
 namespace kdr {
 

@@ -13,6 +13,7 @@
 #include "report/graphdata.h"
 #include "report/passtables.h"
 #include "report/residual/residualfiles.h"
+#include "report/resultsdocument.h"
 #include "report/startvaluesfile.h"
 #include "report/variancefiles.h"
 
@@ -54,6 +55,7 @@ PassResults estimatecategories(const Analysis& analysis, const CategoryTable& ta
     beginmacro(state);
     PassResults results;
     stopif(runpass(pass, state.iterations, results));
+    documentpass(results);
     passtables(results);
     store(results);
     if (!run.files.startvals.empty()) writestartvalues(pass.est);

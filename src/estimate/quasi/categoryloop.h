@@ -3,8 +3,8 @@
 // 45-51, for the working data.
 #pragma once
 
+#include "core/results.h"
 #include "estimate/quasi/categories.h"
-#include "report/passresults.h"
 
 namespace kdr {
 

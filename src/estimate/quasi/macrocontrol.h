@@ -1,8 +1,8 @@
 // When the macro iterations go on and when they end: for the outcomes with one working response, and for categories.
 #pragma once
 
+#include "core/results.h"
 #include "estimate/quasi/macrostate.h"
-#include "report/passresults.h"
 
 namespace kdr {
 

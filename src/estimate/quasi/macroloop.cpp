@@ -21,6 +21,7 @@
 #include "report/graphdata.h"
 #include "report/passtables.h"
 #include "report/residual/residualfiles.h"
+#include "report/resultsdocument.h"
 #include "report/startvaluesfile.h"
 #include "report/variancefiles.h"
 
@@ -122,6 +123,7 @@ void closephase(Pass& pass, MacroState& state, const PassResults& results) {
 void averagephase(Pass& pass, MacroState& state, void (*store)(const PassResults&)) {
   beginmacro(state);
   const PassResults results = workingpass(pass, state);
+  documentpass(results);
   passtables(results);
   averagecloses(results);
   store(results);
@@ -142,6 +144,7 @@ PassResults estimatenonlinear(const Analysis& analysis, void (*store)(const Pass
   for (bool first = true;; first = false) {
     beginmacro(state);
     PassResults results = first ? identitypass(pass, state) : workingpass(pass, state);
+    documentpass(results);
     passtables(results);
     store(results);  // the next pass of the phase takes its place
     if (!run.files.startvals.empty()) writestartvalues(pass.est);

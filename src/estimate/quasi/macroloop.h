@@ -8,8 +8,8 @@
 // Source: Breslow and Clayton (1993), JASA 88, 9-25; Zeger, Liang and Albert (1988), Biometrics 44, 1049-1060.
 #pragma once
 
+#include "core/results.h"
 #include "estimate/analysis.h"
-#include "report/passresults.h"
 
 namespace kdr {
 
