@@ -131,11 +131,12 @@ void telllaplace(const EngineStage& stage) {
   const bool estimated = stage.fit.end == EngineEnd::estimated;
   tellunconverged("Laplace-6", stage);
   if (estimated) {
+    documentpass(results);
     laplacetables(results, !stage.finalcall);
   } else {
     reportline("Laplace-6 has made no iteration: the likelihood is that of quasi-likelihood.");
   }
-  modelstatistics(results.loglik, 2);
+  modelstatistics(results);
   markreport();
   if (estimated) std::printf("The marginal log-likelihood = %E\n", results.marginal);
   variancefiles(laplacetaufile, laplacegammafile, results);
@@ -146,6 +147,7 @@ void tellquadrature(const EngineStage& stage) {
   const bool estimated = stage.fit.end == EngineEnd::estimated;
   tellunconverged("quadrature", stage);
   if (estimated) {
+    documentpass(results);
     quadraturetables(results);
   } else {
     if (stage.fit.failure == EngineFailure::nodes) reportbreak();
@@ -164,7 +166,7 @@ void tellquadrature(const EngineStage& stage) {
     return;
   }
   if (estimated) {
-    modelstatistics(results.loglik, 2);
+    modelstatistics(results);
   } else {
     tellboth("The run goes on with the estimates of the last iteration of quadrature, which are not in this report.");
   }

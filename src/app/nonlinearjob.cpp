@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "app/enginelines.h"
+#include "app/seriesrun.h"
 #include "command/categories.h"
 #include "driver/failures.h"
 #include "driver/reportstream.h"
@@ -23,7 +24,6 @@
 #include "report/startvaluesfile.h"
 #include "report/stream.h"
 #include "report/variancefiles.h"
-#include "series/series.h"
 
 namespace kdr {
 
@@ -80,6 +80,7 @@ void averageends(const PassResults& results) {
 // The population-average pass and the files that hang on it.
 void tellaverage(const ChainPass& pass) {
   const PassResults& results = pass.results;
+  documentpass(results);
   passtables(results);
   averageends(results);
   storesubrun(results);
@@ -92,6 +93,7 @@ void tellaverage(const ChainPass& pass) {
 
 void tellpass(const ChainPass& pass) {
   if (pass.results.kind == PassKind::populationaverage) return tellaverage(pass);
+  documentpass(pass.results);
   passtables(pass.results);
   storesubrun(pass.results);  // the next pass of the phase takes its place
   if (!run.files.startvals.empty()) writestartvalues(pass.pass.est);

@@ -2,9 +2,9 @@
 #pragma once
 
 #include "core/observer.h"
+#include "core/results.h"
 #include "estimate/analysis.h"
 #include "estimate/quasi/categories.h"
-#include "report/passresults.h"
 
 namespace kdr {
 

@@ -286,8 +286,9 @@ Observer runobserver() {
     deletionnote();
     if (kind != PassKind::linear) markreport();
   };
-  observer.leastsquares = [](const LeastSquaresResults& results, const FixedDegrees& degrees) {
-    leastsquarestables(results, degrees);
+  observer.leastsquares = [](const LeastSquaresResults& results) {
+    documentleastsquares(results);
+    leastsquarestables(results);
   };
   observer.starting = tellstart;
   observer.iterationsbegin = tellbeginning;

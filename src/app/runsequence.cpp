@@ -14,6 +14,7 @@
 #include "app/nonlinearjob.h"
 #include "app/options.h"
 #include "app/runobserver.h"
+#include "app/seriesrun.h"
 #include "command/commandfile.h"
 #include "command/complete.h"
 #include "command/constraints.h"
@@ -34,6 +35,7 @@
 #include "kernel/array.h"
 #include "report/averagedreport.h"
 #include "report/header.h"
+#include "report/latentreport.h"
 #include "report/resultsdocument.h"
 #include "report/specification.h"
 #include "report/startvaluesfile.h"
@@ -42,7 +44,6 @@
 #include "report/variancefiles.h"
 #include "series/latentregression.h"
 #include "series/resultstore.h"
-#include "series/series.h"
 
 namespace kdr {
 
@@ -195,6 +196,15 @@ PassResults estimate(const CategoryTable& table) {
   return results;
 }
 
+// The regression that LVR-BETA: asks for, of a pass or of the averages, into the report.
+template <class Results>
+void latentvariables(const Results& results) {
+  if (!run.out.lvr) return;
+  const LatentModel model =
+      latentmodel(modelrows(run.model), {run.out.lvrroles.data(), run.out.lvrroles.size()}, run.mdm.nunits3);
+  latentreport(latentregression(model, results));
+}
+
 // Moves the model to the next plausible value and leaves it as the command file of the next pass; false when there is
 // none.
 bool nextplausiblevalue() {
@@ -252,13 +262,13 @@ void runjob(int argc, char** argv) {
     openresults();
     const PassResults results = estimate(table);
     if (run.model.outcome.single()) listnonlinearfiles();
-    latentvariableregression(results);
+    latentvariables(results);
     if (run.model.outcome.linear()) listlinearfiles(results);
     closereport();
     writeresults();
     const Pooled* averages = poolseries();
     if (averages == nullptr) continue;
-    latentvariableregression(*averages);
+    latentvariables(*averages);
     closereport();
     writeaveragedresults();
   } while (nextplausiblevalue());

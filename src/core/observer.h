@@ -15,7 +15,6 @@ namespace kdr {
 enum class PassKind;
 struct PassResults;
 struct LeastSquaresResults;
-struct FixedDegrees;
 struct HeterogeneousResults;
 struct ChainPass;
 struct MacroEvent;
@@ -72,7 +71,7 @@ enum class RepairChoice { clear = 1, byhand = 2, automatic = 3, quit = 4 };
 struct Observer {
   // Progress.
   std::function<void(PassKind kind, int records)> dataread;  // the first data pass of a fit is over
-  std::function<void(const LeastSquaresResults& results, const FixedDegrees& degrees)> leastsquares;
+  std::function<void(const LeastSquaresResults& results)> leastsquares;
   std::function<void(const StartingEvent& event)> starting;
   std::function<void()> iterationsbegin;
   std::function<void()> stagebegins, stageends;

@@ -6,8 +6,8 @@
 
 #include <string>
 
+#include "core/results.h"
 #include "report/fixedtable.h"
-#include "report/passresults.h"
 
 namespace kdr {
 
@@ -24,7 +24,7 @@ void reportwarning(const std::string& lines);
 void deletionnote();
 
 // The section " Least Squares Estimates" of a linear run.
-void leastsquarestables(const LeastSquaresResults& results, const FixedDegrees& degrees);
+void leastsquarestables(const LeastSquaresResults& results);
 
 // How the iterations ended.
 void endingwords(const PassResults& results);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "estimate/inference/modelstatistics.h"
 #include "estimate/laplace/laplace.h"
 #include "estimate/likelihood/recordbatches.h"
 #include "estimate/likelihood/unconditional.h"
@@ -32,14 +33,14 @@ EngineSettings enginesettings(const Pass& pass, Engine engine, int iterations) {
 }
 
 // `before` are the results of the last pass.
-PassResults resultsof(PassKind kind, const EngineResult& fit, const PassResults& before) {
+PassResults resultsof(const Pass& pass, PassKind kind, const EngineResult& fit, const PassResults& before) {
   PassResults results;
   results.kind = kind;
   results.macro = before.macro;
   results.est.taupi = fit.estimates.taupi.copy();
   results.est.taubeta = fit.estimates.taubeta.copy();
   results.est.gammahat = fit.estimates.gamma.copy();
-  results.degrees = {before.degrees.df.copy(), before.degrees.rough.copy()};
+  results.degrees = before.degrees.copy();
   results.iteration = fit.iteration;
   results.loglik = fit.loglik;
   results.errors.asked = true;
@@ -48,6 +49,7 @@ PassResults resultsof(PassKind kind, const EngineResult& fit, const PassResults&
     results.errors.order = before.errors.order;
     results.errors.covariance = before.errors.covariance.copy();
     results.covariance = before.covariance.copy();
+    complete(results, pass.model(), countsof(pass));
     return results;
   }
   if (!fit.converged) results.ending = Ending::limit;
@@ -59,6 +61,7 @@ PassResults resultsof(PassKind kind, const EngineResult& fit, const PassResults&
   results.errors.covariance = fit.taucovariance.copy();
   results.covariance = fit.vgamma.copy();
   results.warnings = fit.warnings;
+  complete(results, pass.model(), countsof(pass));
   return results;
 }
 
@@ -107,7 +110,7 @@ Failure laplace(Pass& pass, MacroState& state, const PassResults& before, bool& 
   if (batches.failure) return std::move(batches.failure);
   const EngineResult& fit = result.fit;
   stopped = stopped || fit.stopped;
-  PassResults results = resultsof(PassKind::laplace6, fit, before);
+  PassResults results = resultsof(pass, PassKind::laplace6, fit, before);
   const bool usable = fit.end != EngineEnd::failed;
   if (fit.end == EngineEnd::estimated)
     results.reliabilities = {result.rel2.copy(), result.rel3.copy(), result.nrel2, result.nrel3};
@@ -164,7 +167,7 @@ Failure quadrature(Pass& pass, MacroState& state, const PassResults& before, boo
   const QuadratureResult result = adaptivequadrature(data, settings, currentparameters(pass), startingadaptation(pass));
   if (batches.failure) return std::move(batches.failure);
   const EngineResult& fit = result.fit;
-  PassResults results = resultsof(PassKind::quadrature, fit, before);
+  PassResults results = resultsof(pass, PassKind::quadrature, fit, before);
   const bool estimated = fit.end == EngineEnd::estimated;
   const bool takenover = fit.end != EngineEnd::failed && !fit.farbelow;
   if (takenover) {

@@ -1,5 +1,6 @@
 #include "estimate/likelihood/recordbatches.h"
 
+#include "driver/runrecord.h"
 #include "kernel/sizes.h"
 
 namespace kdr {

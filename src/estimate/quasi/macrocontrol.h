@@ -1,6 +1,7 @@
 // When the macro iterations go on and when they end: for the outcomes with one working response, and for categories.
 #pragma once
 
+#include "core/results.h"
 #include "estimate/quasi/macrostate.h"
 
 namespace kdr {
