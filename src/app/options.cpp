@@ -109,6 +109,7 @@ constexpr const char* help =
     "  -r FILE          a template (.mdmt): make an MDM file; another file: answers to the questions\n"
     "  -from FILE -level3 COLUMN -level2 COLUMN\n"
     "                   make an MDM file from one long file\n"
+    "  -level1 NAMES    with -from: variables that stay at level 1 though they do not vary within units\n"
     "  -missing CODES   with -from: these numbers stand for missing values, as in -missing -9,999\n"
     "  -q               end at once\n"
     "  -nowait          end when the next second begins\n"
@@ -157,7 +158,7 @@ std::string standardinput() {
 
 // One long file in the place of a template: options of whole words.
 struct OneFileOptions {
-  std::string from, level3, level2, missing;
+  std::string from, level3, level2, level1, missing;
 };
 
 // The numbers of a list with commas.
@@ -174,11 +175,22 @@ std::vector<double> numbersof(const std::string& list) {
   return numbers;
 }
 
+// The names of a list with commas.
+std::vector<std::string> wordsof(const std::string& list) {
+  std::vector<std::string> names;
+  for (std::size_t at = 0, end = 0; at < list.size(); at = end + 1) {
+    end = std::min(list.find(',', at), list.size());
+    if (end > at) names.push_back(list.substr(at, end - at));
+  }
+  return names;
+}
+
 // The place for the argument of an option that is a whole word, or null when it is none.
 std::string* argumentof(OneFileOptions& options, const char* word) {
   if (strcasecmp(word, "-from") == 0) return &options.from;
   if (strcasecmp(word, "-level3") == 0) return &options.level3;
   if (strcasecmp(word, "-level2") == 0) return &options.level2;
+  if (strcasecmp(word, "-level1") == 0) return &options.level1;
   if (strcasecmp(word, "-missing") == 0) return &options.missing;
   if (strcasecmp(word, "-results") == 0) return &run.files.results;
   return nullptr;
@@ -209,7 +221,8 @@ Options readoptions(int argc, char** argv) {
         std::printf("option requires an argument -- %s\n", argv[word] + 1);
         usage(argv[0]);
       }
-      *value = argv[++word];
+      const bool more = value == &onefile.level1 && !value->empty();
+      *value = (more ? *value + "," : "") + argv[++word];
       continue;
     }
     for (const char* at = argv[word] + 1; *at != '\0'; ++at) {
@@ -241,11 +254,11 @@ Options readoptions(int argc, char** argv) {
   if (!files.empty()) run.files.mdmfile = files[0];
   if (files.size() > 1) run.files.cmdshown = run.files.cmdfile = files[1];
   if (run.files.cmdfile == "-") run.files.cmdfile = standardinput();
-  const bool wanted = !(onefile.from + onefile.level3 + onefile.level2 + onefile.missing).empty();
+  const bool wanted = !(onefile.from + onefile.level3 + onefile.level2 + onefile.level1 + onefile.missing).empty();
   if (wanted && (onefile.from.empty() || onefile.level3.empty() || onefile.level2.empty() || options.templatejob))
     stopwith("-from FILE, -level3 COLUMN and -level2 COLUMN go together, and without a template.\n");
   if (wanted) {
-    takeonefile(onefile.from, onefile.level3, onefile.level2, numbersof(onefile.missing));
+    takeonefile({onefile.from, onefile.level3, onefile.level2, wordsof(onefile.level1), numbersof(onefile.missing)});
     options.templatejob = true;
   }
   if (run.files.resultsgiven && options.templatejob)

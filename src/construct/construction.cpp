@@ -491,6 +491,8 @@ void openmdm(Construction& build) {
   if (leadtoone(path, logname)) stopwith("The MDM file must not bear the name of the log, %s!\n", logname);
   if (leadtoone(path, templatecopy))
     stopwith("The MDM file must not bear the name of the template's copy, %s!\n", templatecopy);
+  refuseinput(path, InputKind::mdmfile);
+  refuseunwritable(path);
   openresult(build.mdm, path);
   run.mdm.stream = build.mdm.stream;
   std::setvbuf(build.mdm.stream, mdmpiece, _IOFBF, piecesize);
@@ -503,6 +505,7 @@ void sparerawfiles() {
       stopwith("The raw data file %s bears the name of the log. Please rename it.\n", source.filename.c_str());
   const bool copied = leadtoone(raw.templatename, templatecopy);
   refuseclashes({copied ? std::string() : raw.templatename}, {templatecopy, logname});
+  refuseinput(logname);
 }
 
 void takedimensions() {

@@ -105,6 +105,7 @@ void makerows(LevelSource& source, StHandle handle) {
     namevariable(variable, ST_GetVarName(handle, v));
     variable.text = ST_GetVarType(handle, v) != 1;
     variable.width = ST_GetVarPrintWidth(handle, v);
+    variable.labels = ST_Labels(handle, v);
   }
 }
 
@@ -113,13 +114,18 @@ std::string trimmed(const std::string& text) {
   return first == std::string::npos ? "" : text.substr(first, text.find_last_not_of(' ') + 1 - first);
 }
 
-Id idof(StHandle handle, int v) {
+Id idof(StHandle handle, int v, int which) {
   Id id{};
   StValue value{};
   int second = 0;
   const bool missing = ST_GetVarData(handle, v, &value, &second) == 1;
   if (!run.mdm.numericids) {
-    id.text = textid(value.text);
+    if (raw.wholeids) {
+      raw.wholeid[which] = wholeid(*value.text);
+      id.text = paddedname(*value.text, longestid);
+    } else {
+      id.text = textid(*value.text);
+    }
   } else {
     id.number = missing ? missingcode : numericid(*value.number);
   }
@@ -202,9 +208,11 @@ void prepareother(int level) {
 }
 
 int strecord(int level, double* values, Id* id3, Id* id2) {
-  const LevelSource& source = raw.level[level];
+  LevelSource& source = raw.level[level];
   StHandle handle = handles[level];
   if (ST_ReadRecord(handle) != 0) {
+    for (int v = 0; v < source.numvar; ++v)  // some files tell them behind the data
+      source.vartable[static_cast<std::size_t>(v)].labels = ST_Labels(handle, v);
     if (const std::string trouble = ST_Trouble(handle); !trouble.empty()) {
       countextra();
       logboth("%s may be cut short: %s.\n", source.filename.c_str(), trouble.c_str());
@@ -219,9 +227,9 @@ int strecord(int level, double* values, Id* id3, Id* id2) {
     const int mark = source.vartable[static_cast<std::size_t>(v)].mark;
     if (mark == unwanted) continue;
     if (mark == level3idmark) {
-      *id3 = idof(handle, v);
+      *id3 = idof(handle, v, 0);
     } else if (mark == level2idmark) {
-      if (id2 != nullptr) *id2 = idof(handle, v);
+      if (id2 != nullptr) *id2 = idof(handle, v, 1);
     } else {
       StValue value{};
       int second = 0;

@@ -136,7 +136,7 @@ void startover(CsvState& state, Purpose purpose) {
 // Passes over a byte order mark and a line such as "sep=;", which tells the delimiter.
 void skipforeword(CsvState& state) {
   std::string_view text(state.buffer.data(), state.have);
-  if (text.starts_with("\xEF\xBB\xBF")) state.skipped = 3;
+  if (text.starts_with(bytemark)) state.skipped = bytemark.size();
   text.remove_prefix(state.skipped);
   const std::size_t feed = text.find('\n');
   const std::string_view line = text.substr(0, feed);
@@ -167,12 +167,6 @@ char finddelimiter(CsvState& state) {
     for (int k = 0; k < 3; ++k) found[k] += c == candidates[k];
   }
   return candidates[std::max_element(found, found + 3) - found];
-}
-
-// Told by the mark at its start or by the zero byte of a first letter.
-bool isutf16(const CsvState& state) {
-  const std::string_view head(state.buffer.data(), std::min<std::size_t>(state.have, 2));
-  return head == "\xFF\xFE" || head == "\xFE\xFF" || head.find('\0') != head.npos;
 }
 
 bool isblank(const CsvState& state, char c) { return (c == ' ' || c == '\t') && c != state.delimiter; }
@@ -379,7 +373,7 @@ bool csvdictionary(StFile& file) {
     return false;
   }
   startover(*state, Purpose::count);
-  if (isutf16(*state)) {
+  if (isutf16({state->buffer.data(), state->have})) {
     file.trouble = "its characters have two bytes each (UTF-16); save it as UTF-8";
     return false;
   }

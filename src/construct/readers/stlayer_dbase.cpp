@@ -159,7 +159,7 @@ bool dbaserecord(StFile& file) {
     const int f = static_cast<int>(v);
     if (bytes == nullptr) {
       file.numbers[v] = missingcode;
-      file.texts[v] = StText{};
+      file.texts[v].clear();
     } else if (file.variables[v].numeric) {
       file.numbers[v] = numberat(
           file, {bytes + state.table->panFieldOffset[f], static_cast<std::size_t>(state.table->panFieldSize[f])}, v);
