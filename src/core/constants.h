@@ -5,7 +5,7 @@
 
 namespace kdr {
 
-// The unused slot in the term tables of ModelSpec.
+// The unused slot in the term tables of Model.
 inline constexpr int noslot = -99;
 
 inline constexpr int maxhypotheses = 128;
