@@ -20,6 +20,7 @@
 #include "driver/failures.h"
 #include "driver/questions.h"
 #include "driver/runrecord.h"
+#include "driver/textmark.h"
 
 namespace kdr {
 
@@ -44,6 +45,9 @@ void responsefile(const char* path, Options& options) {
     return;
   }
   if (std::freopen(path, "r", stdin) == nullptr) stopwith("Unable to open %s\n", path);
+  char mark[bytemark.size()];
+  if (std::fread(mark, 1, sizeof mark, stdin) != sizeof mark || std::string_view(mark, sizeof mark) != bytemark)
+    std::rewind(stdin);
 }
 
 // -mi<k>

@@ -21,12 +21,14 @@
 #include "construct/fileclashes.h"
 #include "construct/mdmdialogue.h"
 #include "construct/onefile.h"
+#include "construct/singleunits.h"
 #include "data/mdm.h"
 #include "data/scratch.h"
 #include "driver/failures.h"
 #include "driver/questions.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
+#include "driver/warnings.h"
 #include "estimate/linear/centering.h"
 #include "estimate/linear/heterogeneous.h"
 #include "estimate/linear/linearrun.h"
@@ -173,6 +175,7 @@ void readmodel() {
   if (run.files.sourcename.empty()) run.files.sourcename = run.files.mdmfile;
   if (!run.files.cmdfile.empty()) untilexists(run.files.cmdfile, "Batch");
   readmdm();
+  for (const std::string& words : singleunits()) warn(words);
   allocatemodel();
   readcommandfile();
   modelquestions();
@@ -200,6 +203,10 @@ void openresults() {
   setsymbols();
   makerowlabels();
   writeheader();
+  for (const std::string& words : run.warnings) {
+    report2(" Warning: %s\n\n", "<p>Warning: %s</p>\n", escaped(words).c_str());
+    documentwarning(words);
+  }
   writespecification();
   applyconstraints();
   run.model.coef.ngamma -= run.model.nconstrained;

@@ -5,6 +5,7 @@
 #include "core/constants.h"
 #include "data/scratch.h"
 #include "driver/runrecord.h"
+#include "driver/textmark.h"
 
 namespace kdr {
 

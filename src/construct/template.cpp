@@ -16,6 +16,7 @@
 #include "data/scratch.h"
 #include "driver/failures.h"
 #include "driver/runrecord.h"
+#include "driver/textmark.h"
 
 namespace kdr {
 

@@ -4,7 +4,6 @@
 #include <cstddef>
 #include <cstdio>
 #include <string>
-#include <string_view>
 
 namespace kdr {
 
@@ -36,11 +35,6 @@ void checkread(std::FILE* stream, const std::string& name);
 [[nodiscard]] std::size_t readupto(void* buffer, std::size_t bytes, std::FILE* stream, const std::string& name);
 // Writes exactly `bytes` bytes; failure 5 otherwise.
 void writechk(const void* buffer, std::size_t bytes, std::FILE* stream);
-inline constexpr std::string_view bytemark = "\xEF\xBB\xBF";  // before a text in UTF-8
-// Whether a text has two bytes for each character: told by the mark at its start or by the zero byte of a first letter.
-[[nodiscard]] bool isutf16(std::string_view head);
-// Takes the mark off the first line of a text file. Stops with code 100 and the file's name where it is UTF-16.
-void dropmark(std::string& line, const std::string& path);
 // True when both paths lead to one existing file.
 [[nodiscard]] bool samefile(const std::string& one, const std::string& other);
 // True for a path, or a name in it, that is longer than the program or the system takes.

@@ -12,6 +12,7 @@
 #include "data/scratch.h"
 #include "driver/failures.h"
 #include "driver/runrecord.h"
+#include "driver/textmark.h"
 #include "report/filecell.h"
 
 namespace kdr {

@@ -20,6 +20,7 @@
 #include "core/formatted.h"
 #include "data/scratch.h"
 #include "driver/failures.h"
+#include "driver/textmark.h"
 
 namespace kdr {
 
@@ -48,7 +49,6 @@ struct CsvState {
   long long fieldline = 1;     // on which the field in hand begins
   std::string field;           // the field in hand
   bool openline = false;       // the row in hand has no line end
-  bool openquote = false;      // nor does its last field have its closing quote
   std::size_t columns = 0;     // fields of the row in hand
   long long goodrows = 0;      // records that count
   long long given = 0;         // of them
@@ -128,7 +128,7 @@ bool fillbuffer(CsvState& state) {
 void startover(CsvState& state, Purpose purpose) {
   state.purpose = purpose;
   state.lines = state.told ? 1 : 0;
-  state.openline = state.openquote = false;
+  state.openline = false;
   std::rewind(state.stream);
   if (fillbuffer(state)) state.at = state.skipped;
 }
@@ -251,11 +251,7 @@ int takequoted(CsvState& state, const FieldStart& start, bool afterblank) {
         return c;
       }
     }
-    if (c < 0) {
-      state.openquote = true;
-      if (broken) refusefield(state, start, "a quote opens a field that never ends");
-      return c;
-    }
+    if (c < 0) refusefield(state, start, "a quote opens a field that never ends");
     if (afterblank && (lineend || c == '"' || c == static_cast<unsigned char>(state.delimiter)))
       refusefield(state, start, "blanks stand before the quote that opens the field");
     if (state.field.size() >= longestfield) refusefield(state, start, toolong);
@@ -292,7 +288,7 @@ void takerow(CsvState& state) {
     any = any || quoted || !state.field.empty() || c == static_cast<unsigned char>(state.delimiter);
     state.openline = c < 0;
     state.fieldline = start.line;
-    if (state.openquote || !any || !state.fault.empty()) return;
+    if (!any || !state.fault.empty()) return;
     storefield(state, trimmed(state, state.field));
     if (c < 0) return;
   }
@@ -303,7 +299,7 @@ bool nextrow(CsvState& state) {
   state.columns = 0;
   while (state.columns == 0 && !state.openline && state.fault.empty())
     if ((state.at == state.have && !fillbuffer(state)) || !takeplainline(state)) takerow(state);
-  return state.columns > 0 && !state.openquote && state.fault.empty();
+  return state.columns > 0 && state.fault.empty();
 }
 
 // The line on which the row in hand ended, from 1.
@@ -353,9 +349,6 @@ bool settlekinds(StFile& file) {
     return false;
   }
   settlesigns(file);
-  if (state.openquote)
-    state.cut = formatted("a quote in line %lld opens a field that never ends; record %lld is the last one that counts",
-                          state.fieldline, state.goodrows);
   if (state.cut.empty() && state.lastopen) state.cut = "no line end follows its last line, which counts all the same";
   return true;
 }

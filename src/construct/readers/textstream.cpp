@@ -6,6 +6,7 @@
 
 #include "data/scratch.h"
 #include "driver/failures.h"
+#include "driver/textmark.h"
 
 namespace kdr {
 
