@@ -191,11 +191,15 @@ double numericid(double value, bool truncated) {
   return truncated ? std::trunc(value) : std::floor(value + 0.2);
 }
 
+void refusezeros(std::string_view text) {
+  if (text.find('\0') != text.npos) refuseid("An ID has a zero byte in it.\n");
+}
+
 std::string wholeid(std::string_view text) {
   constexpr std::size_t longest = 1000;
   text = text.substr(0, text.find_last_not_of(std::string_view(" \0", 2)) + 1);
   text.remove_prefix(std::min(text.find_first_not_of(' '), text.size()));
-  if (text.find('\0') != text.npos) refuseid("An ID has a zero byte in it.\n");
+  refusezeros(text);
   if (text.size() > longest) refuseid("An ID has more than 1000 characters.\n");
   return std::string(text);
 }
@@ -203,7 +207,7 @@ std::string wholeid(std::string_view text) {
 Name textid(std::string_view text) {
   text = text.substr(0, text.find_last_not_of(std::string_view(" \0", 2)) + 1);
   if (text.size() > longestid) refuseid("Your ID variable is longer than 12 characters.\n");
-  if (text.find('\0') != text.npos) refuseid("An ID has a zero byte in it.\n");
+  refusezeros(text);
   return paddedname(text, static_cast<int>(longestid));
 }
 

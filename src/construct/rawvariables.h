@@ -84,6 +84,8 @@ void settlevariables(int level);
 // A text ID of any length, without the blanks around it. Stops with code 100 when a zero byte stands in it, which would
 // end it in many places, and for one of more than 1000 bytes; tells the record.
 [[nodiscard]] std::string wholeid(std::string_view text);
+// Stops for a zero byte anywhere in a text ID, for formats that do not fill texts up with them.
+void refusezeros(std::string_view text);
 // A text ID through padname with width 12. Stops with code 100 when characters other than blanks or zeros stand behind
 // the twelfth, or a zero within the text, and tells the record.
 [[nodiscard]] Name textid(std::string_view text);

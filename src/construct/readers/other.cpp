@@ -120,6 +120,7 @@ Id idof(StHandle handle, int v, int which) {
   int second = 0;
   const bool missing = ST_GetVarData(handle, v, &value, &second) == 1;
   if (!run.mdm.numericids) {
+    refusezeros(*value.text);
     if (raw.wholeids) {
       raw.wholeid[which] = wholeid(*value.text);
       id.text = paddedname(*value.text, longestid);

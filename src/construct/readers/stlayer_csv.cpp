@@ -113,7 +113,7 @@ void storefield(CsvState& state, std::string_view field, const double* known = n
     const bool found = known != nullptr || (!missingnumber(field) && numberin(state, field, value, sign));
     state.file->numbers[column] = !found ? missingcode : known != nullptr ? *known : value;
   } else if (variable.selected) {
-    state.file->texts[column] = sttext(field);  // an ID, which NA can be as well
+    state.file->texts[column] = field.substr(0, ST_LongestText + 1);  // an ID, which NA can be as well
   }
 }
 
