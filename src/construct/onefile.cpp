@@ -73,9 +73,10 @@ void keepid(WholeIds& ids, const std::string& text) {
   ids.longer = ids.longer || text.size() > longestid;
 }
 
-// Puts numbers in the place of the IDs of a column where one of them is too long for the MDM file.
+// Puts numbers in the place of the text IDs of a column where one of them is too long for the MDM file, or where the
+// other column has numbers.
 void numberids(WholeIds& ids, std::vector<Id>& column, int level) {
-  if (!ids.longer) return;
+  if (!ids.longer && (!run.mdm.numericids || ids.texts.empty())) return;
   std::vector<std::pair<std::string, int>> sorted(ids.codes.begin(), ids.codes.end());
   std::sort(sorted.begin(), sorted.end());
   std::vector<int> number(sorted.size());
@@ -83,9 +84,12 @@ void numberids(WholeIds& ids, std::vector<Id>& column, int level) {
     ids.numbered.push_back(ids.texts[static_cast<std::size_t>(code)]);
     number[static_cast<std::size_t>(code)] = static_cast<int>(ids.numbered.size());
   }
-  for (std::size_t i = 0; i < column.size(); ++i)
-    column[i].text = paddedname(std::to_string(number[static_cast<std::size_t>(ids.ofrecord[i])]), longestid);
-  std::printf("Level-%d IDs of more than 12 characters: the units are numbered from 1 to %zu.\n", level, sorted.size());
+  for (std::size_t i = 0; i < column.size(); ++i) {
+    column[i].number = number[static_cast<std::size_t>(ids.ofrecord[i])];
+    column[i].text = paddedname(formatted("%.0f", column[i].number), longestid);
+  }
+  std::printf("Level-%d IDs %s: the units are numbered from 1 to %zu.\n", level,
+              ids.longer ? "of more than 12 characters" : "are texts where the others are numbers", sorted.size());
 }
 
 // Reads all records that have their IDs, with the codes of `missing` as missing values.
@@ -108,7 +112,8 @@ void readall(LevelSource& source, const std::vector<double>& missing) {
       }
     one.id3.push_back(id3);
     one.id2.push_back(id2);
-    for (int which = 0; which < 2 && !run.mdm.numericids; ++which) keepid(one.whole[which], raw.wholeid[which]);
+    for (const int which : {0, 1})
+      if (!raw.wholeid[which].empty()) keepid(one.whole[which], raw.wholeid[which]);
     one.values.insert(one.values.end(), record.begin(), record.end());
   }
   if (one.id3.empty()) fail(1, source.filename.c_str());
@@ -234,7 +239,7 @@ void markall(LevelSource& source, const OneFileJob& job) {
     }
   markid(0, level3idmark, job.level3);
   markid(0, level2idmark, job.level2);
-  settleidkind();
+  if (!agreeonids()) run.mdm.numericids = true;  // texts get numbers
   std::string left;
   int nameless = 0;
   for (std::size_t row = 0; row < source.vartable.size(); ++row) {

@@ -119,14 +119,14 @@ Id idof(StHandle handle, int v, int which) {
   StValue value{};
   int second = 0;
   const bool missing = ST_GetVarData(handle, v, &value, &second) == 1;
-  if (!run.mdm.numericids) {
+  if (raw.wholeids && ST_GetVarType(handle, v) != 1) {
     refusezeros(*value.text);
-    if (raw.wholeids) {
-      raw.wholeid[which] = wholeid(*value.text);
-      id.text = paddedname(*value.text, longestid);
-    } else {
-      id.text = textid(*value.text);
-    }
+    raw.wholeid[which] = wholeid(*value.text);
+    id.text = paddedname(*value.text, longestid);
+    id.number = raw.wholeid[which].empty() ? missingcode : 0.0;
+  } else if (!run.mdm.numericids) {
+    refusezeros(*value.text);
+    id.text = textid(*value.text);
   } else {
     id.number = missing ? missingcode : numericid(*value.number);
   }
