@@ -554,14 +554,11 @@ TEST_F(Delimited, Refusals) {
        "xbase, sas-sun, sas-linux, sasx, spss-hl, spssp, stata, stata/se.\n"},
       {file("none.csv /delim"), 100, "\nnone.csv does not exist!\n"},
       {file(". /delim"), 100, "\n. cannot be opened for reading!\n"},
-      {file("bad.csv /delim"), 1,
-       "bad.csv cannot be read as delim: line 2 has 1 fields, the header line has 2.\n bad.csv is an empty file\n"},
-      {file("1.csv /excel"), 1,
-       "1.csv cannot be read as excel: it is no undamaged workbook of Excel.\n"
-       " 1.csv is an empty file\n"},
+      {file("bad.csv /delim"), 1, "bad.csv cannot be read as delim: line 2 has 1 fields, the header line has 2.\n"},
+      {file("1.csv /excel"), 1, "1.csv cannot be read as excel: it is no undamaged workbook of Excel.\n"},
       {file("formula.xlsx /excel"), 1,
        "formula.xlsx cannot be read as excel: the formula in A2 has no stored result; save it from a spreadsheet "
-       "program.\n formula.xlsx is an empty file\n"},
+       "program.\n"},
       {templateof(absent), 100, "id variable not found!\n"},
       {noids, 100, "ID specification must immediately follow *begin line!\n"},
       {templateof(unlike), 100, "ID's must be both be character or both numeric!\n"},

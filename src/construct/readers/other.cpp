@@ -175,7 +175,7 @@ void openother(int level) {
     stopwith("\n%s cannot be opened for reading!\n", path.c_str());
   if (source.numvar < 0) {
     std::printf("%s cannot be read as %s: %s.\n", path.c_str(), type->word, ST_Trouble(handle));
-    fail(1, path.c_str());
+    stoprun(1);
   }
   makerows(source, handle);
 }
