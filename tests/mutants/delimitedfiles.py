@@ -1,6 +1,7 @@
+#!/usr/bin/python3
 """Damaged delimited files: the program has the same records as the csv module of Python, or it refuses the file.
 
-usage: mutants.py PROGRAM [COUNT [FIRST]]
+usage: delimitedfiles.py PROGRAM [COUNT [FIRST]]
 
 Each number from FIRST on makes one file, and has it read as one long file or through a template. A mutant that fails is
 written to the working folder's mutant-<number>.csv.
@@ -16,7 +17,7 @@ import re
 import sys
 import tempfile
 
-sys.path.append(str(pathlib.Path(__file__).resolve().parents[1] / "endtoend"))
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "endtoend"))
 import mdmfile
 import program
 
