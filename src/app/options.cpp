@@ -162,7 +162,8 @@ std::string standardinput() {
 
 // One long file in the place of a template: options of whole words.
 struct OneFileOptions {
-  std::string from, level3, level2, level1, missing;
+  std::string from, level3, level2, missing;
+  std::vector<std::string> level1;  // of each -level1
 };
 
 // The numbers of a list with commas.
@@ -179,13 +180,14 @@ std::vector<double> numbersof(const std::string& list) {
   return numbers;
 }
 
-// The names of a list with commas.
-std::vector<std::string> wordsof(const std::string& list) {
+// The names of lists with commas.
+std::vector<std::string> wordsof(const std::vector<std::string>& lists) {
   std::vector<std::string> names;
-  for (std::size_t at = 0, end = 0; at < list.size(); at = end + 1) {
-    end = std::min(list.find(',', at), list.size());
-    if (end > at) names.push_back(list.substr(at, end - at));
-  }
+  for (const std::string& list : lists)
+    for (std::size_t at = 0, end = 0; at < list.size(); at = end + 1) {
+      end = std::min(list.find(',', at), list.size());
+      if (end > at) names.push_back(list.substr(at, end - at));
+    }
   return names;
 }
 
@@ -194,7 +196,7 @@ std::string* argumentof(OneFileOptions& options, const char* word) {
   if (strcasecmp(word, "-from") == 0) return &options.from;
   if (strcasecmp(word, "-level3") == 0) return &options.level3;
   if (strcasecmp(word, "-level2") == 0) return &options.level2;
-  if (strcasecmp(word, "-level1") == 0) return &options.level1;
+  if (strcasecmp(word, "-level1") == 0) return &options.level1.emplace_back();
   if (strcasecmp(word, "-missing") == 0) return &options.missing;
   if (strcasecmp(word, "-results") == 0) return &run.files.results;
   return nullptr;
@@ -225,8 +227,7 @@ Options readoptions(int argc, char** argv) {
         std::printf("option requires an argument -- %s\n", argv[word] + 1);
         usage(argv[0]);
       }
-      const bool more = value == &onefile.level1 && !value->empty();
-      *value = (more ? *value + "," : "") + argv[++word];
+      *value = argv[++word];
       continue;
     }
     for (const char* at = argv[word] + 1; *at != '\0'; ++at) {
@@ -258,7 +259,8 @@ Options readoptions(int argc, char** argv) {
   if (!files.empty()) run.files.mdmfile = files[0];
   if (files.size() > 1) run.files.cmdshown = run.files.cmdfile = files[1];
   if (run.files.cmdfile == "-") run.files.cmdfile = standardinput();
-  const bool wanted = !(onefile.from + onefile.level3 + onefile.level2 + onefile.level1 + onefile.missing).empty();
+  const bool wanted =
+      !(onefile.from + onefile.level3 + onefile.level2 + onefile.missing).empty() || !onefile.level1.empty();
   if (wanted && (onefile.from.empty() || onefile.level3.empty() || onefile.level2.empty() || options.templatejob))
     stopwith("-from FILE, -level3 COLUMN and -level2 COLUMN go together, and without a template.\n");
   if (wanted) {

@@ -38,6 +38,7 @@
 #include "kernel/array.h"
 #include "report/averagedreport.h"
 #include "report/header.h"
+#include "report/passtables.h"
 #include "report/resultsdocument.h"
 #include "report/specification.h"
 #include "report/startvaluesfile.h"
@@ -205,7 +206,7 @@ void openresults() {
   makerowlabels();
   writeheader();
   for (const std::string& words : run.warnings) {
-    report2(" Warning: %s\n\n", "<p>Warning: %s</p>\n", escaped(words).c_str());
+    reportwarning("WARNING: " + escaped(words));
     documentwarning(words);
   }
   writespecification();
