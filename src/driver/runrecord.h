@@ -129,6 +129,7 @@ struct ReportStream {
 };
 
 struct RunRecord {
+  std::vector<std::string> warnings;  // sentences about the run as a whole (driver/warnings.h)
   RunIdentity id;
   SeriesMode series;
   RunFiles files;
