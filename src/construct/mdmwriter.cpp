@@ -22,7 +22,7 @@ void writemdmtables(std::FILE* stream) {
                        static_cast<int>(mdm.mdmtype),
                        (mdm.numericids ? -1 : 1) * static_cast<int>(mdm.rawdattype),
                        mdm.maxnj};
-  const char nomagic[sizeof mdmmagic] = {};
+  const char nomagic[mdmmagic.size()] = {};
   writechk(nomagic, sizeof nomagic, stream);
   writechk(&head, sizeof head, stream);
   for (const Array<Name>* names : {&mdm.names1, &mdm.names2, &mdm.names3})
@@ -44,7 +44,7 @@ void writemdmtables(std::FILE* stream) {
 void finishmdm(ResultFile& file) {
   // Everything else must have reached the file before the magic makes it one.
   if (std::fflush(file.stream) != 0 || fseeko(file.stream, 0, SEEK_SET) != 0) fail(5);
-  writechk(mdmmagic, sizeof mdmmagic, file.stream);
+  writechk(mdmmagic.data(), mdmmagic.size(), file.stream);
   finishresult(file);
 }
 

@@ -69,8 +69,8 @@ struct Reading {
 
 // Reads magic, version and counts. Returns the head's length.
 long long readhead(Reading& reading, MdmHeader& head) {
-  char found[sizeof mdmmagic];
-  if (reading.most(found, sizeof found) != sizeof found || std::memcmp(found, mdmmagic, sizeof found) != 0) {
+  char found[mdmmagic.size()];
+  if (reading.most(found, sizeof found) != sizeof found || std::string_view(found, sizeof found) != mdmmagic) {
     if (!reading.failure) reading.failure = failedwith(notmdmwords);
     return 0;
   }

@@ -6,12 +6,15 @@
 #pragma once
 
 #include <cstddef>
+#include <string_view>
 
 #include "core/failure.h"
 #include "core/names.h"
 #include "data/mdmdata.h"
 
 namespace kdr {
+
+inline constexpr std::string_view mdmmagic = "MXKDR3";  // the file's first bytes
 
 // An ID of a level-2 or level-3 unit. MdmData::numericids tells which of the two holds it.
 struct Id {
@@ -29,9 +32,6 @@ struct Id {
 [[nodiscard]] const void* idbytes(const Id& id, bool numeric);
 // Row k (from 0) of the level-3 ID table.
 [[nodiscard]] Id level3id(const MdmData& mdm, int k);
-
-// What an MDM file begins with.
-inline constexpr char mdmmagic[] = {'M', 'X', 'K', 'D', 'R', '3'};
 
 // The head's fields behind the magic, in file order.
 struct MdmHeader {
