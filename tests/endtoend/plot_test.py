@@ -252,7 +252,7 @@ class Tests:
         document = json.loads(self.place.read("plots.json"))
         self.place.write("text.json", "no document")
         self.place.write("other.json", '{"format": "something else"}')
-        self.place.write("newer.json", json.dumps(dict(document, format_version=2)))
+        self.place.write("newer.json", json.dumps(dict(document, format_version=3)))
         self.place.write("averages.json", json.dumps(dict(document, files=[], series={
             "kind": "multiple imputation", "subrun": None, "plausible_value": None, "failed_subruns": []})))
         self.estimate("bare", "model1.kdr", "chem97.mdm")
@@ -263,7 +263,7 @@ class Tests:
                 (draw("nowhere.json", "qq"), 3, "nowhere.json cannot be read"),
                 (draw("text.json", "qq"), 4, "text.json is not a results document"),
                 (draw("other.json", "qq"), 4, "other.json is not a results document"),
-                (draw("newer.json", "qq"), 4, "format_version 2"),
+                (draw("newer.json", "qq"), 4, "format_version 3"),
                 (draw("bare.json", "caterpillar2"), 5, "no residual file of level 2 (RESFIL2:Y"),
                 (draw("averages.json", "qq"), 5, "take the document of a sub-run"),
                 (draw("moved/plots.json", "residuals"), 3, "moved/resfil1.dat"),
