@@ -8,6 +8,7 @@
 #include <string>
 #include <thread>
 
+#include "app/nonlinearjob.h"
 #include "core/formatted.h"
 #include "data/resultfile.h"
 #include "driver/failures.h"
@@ -314,6 +315,7 @@ Observer runobserver() {
   };
   observer.interrupted = interrupted;
   observer.confirmstop = askinterrupt;
+  observechain(observer);
   return observer;
 }
 

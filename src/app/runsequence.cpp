@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "app/linearjob.h"
+#include "app/nonlinearjob.h"
 #include "app/options.h"
 #include "app/runobserver.h"
 #include "app/seriesrun.h"
@@ -30,8 +31,7 @@
 #include "driver/runrecord.h"
 #include "estimate/linear/centering.h"
 #include "estimate/linear/weights.h"
-#include "estimate/quasi/categoryloop.h"
-#include "estimate/quasi/macroloop.h"
+#include "estimate/quasi/categories.h"
 #include "kernel/array.h"
 #include "report/averagedreport.h"
 #include "report/header.h"
@@ -190,8 +190,7 @@ PassResults estimate(const CategoryTable& table) {
   if (given) start = readstartvalues();
   const Observer observer = runobserver();
   const Analysis analysis = analysisofrun(observer, given ? &start : nullptr);
-  if (run.model.outcome.single()) return estimatenonlinear(analysis, storesubrun);
-  if (run.model.outcome.categorical()) return estimatecategories(analysis, table, storesubrun);
+  if (!run.model.outcome.linear()) return nonlinearjob(analysis, table);
   PassResults results = linearjob(analysis);
   storesubrun(results);
   return results;
@@ -259,7 +258,7 @@ void runjob(int argc, char** argv) {
   do {
     readmodel();
     const CategoryTable table =
-        run.model.outcome.categorical() ? readcategories(analysisofrun(runobserver(), nullptr)) : CategoryTable{};
+        run.model.outcome.categorical() ? categoriesofrun(analysisofrun(runobserver(), nullptr)) : CategoryTable{};
     openresults();
     const PassResults results = estimate(table);
     if (run.model.outcome.single()) listnonlinearfiles();

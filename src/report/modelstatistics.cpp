@@ -10,10 +10,7 @@
 
 namespace kdr {
 
-namespace {
-
-// Sentences in lines of the report's width.
-void wrapped(const std::string& text) {
+void sentences(const std::string& text) {
   constexpr std::size_t width = 76;
   for (std::size_t from = 0; from < text.size();) {
     std::size_t end = text.size() - from <= width ? text.size() : text.rfind(' ', from + width);
@@ -22,6 +19,8 @@ void wrapped(const std::string& text) {
     from = end + 1;
   }
 }
+
+namespace {
 
 void comparison(double deviance, long long parameters) {
   const DevianceComparison made = comparisonof(deviance, parameters, {run.out.deviance, run.out.df}, run.model);
@@ -37,9 +36,9 @@ void comparison(double deviance, long long parameters) {
   report("-value                =      ");
   report("%s", made.impossible.empty() ? pvalue(p, 3, true).c_str() : "Unable to compute");
   reportbreak();
-  if (!made.impossible.empty()) return wrapped("The models cannot be compared. " + made.impossible);
+  if (!made.impossible.empty()) return sentences("The models cannot be compared. " + made.impossible);
   if (!made.mixture) return;
-  wrapped(
+  sentences(
       "If the models differ by one random effect, this p-value is conservative: the variance is 0 in the smaller one. "
       "By the mixture of chi-squares with " +
       std::to_string(df - 1) + " and " + std::to_string(df) + " degrees of freedom it is " +

@@ -3,6 +3,7 @@
 #include "core/formatted.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
+#include "estimate/quasi/macrotest.h"
 #include "report/fixedtable.h"
 #include "report/hypotheses.h"
 #include "report/matrixtables.h"

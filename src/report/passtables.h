@@ -16,8 +16,6 @@ void sectionheading(const char* text, const char* html, int rule);
 
 // Lines in bold.
 void reportwarning(const std::string& lines);
-// What a scoring step moves at the least, in standard errors, while variance components have not settled.
-inline constexpr double settled = 0.1;
 // A warning of two lines when a scoring step from the estimates would still move a variance component by a tenth of its
 // standard error or more; else empty.
 [[nodiscard]] std::string unsettledwords(const PassResults& results);
