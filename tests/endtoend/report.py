@@ -244,7 +244,7 @@ class Report:
     def compare(self, i):
         p = self.after(i, 'P-value                =')
         self.comparison = (float(self.after(i, 'Chi-square statistic   =')), int(self.after(i, 'Degrees of freedom     =')),
-                           0.5 if p == '>.500' else float(p.replace('<', '')))
+                           0.5 if p == '>.500' else None if p == 'Unable' else float(p.replace('<', '')))
 
     def test(self, i):
         rows, est, err = [], [], []

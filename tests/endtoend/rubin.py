@@ -43,10 +43,9 @@ class Effects:
 
 
 class Single:
-    """What a single run left in its folder. A file of covariances has sigma2 vgamma, not what a weighted run's tables
-    tell, and none has the robust ones of the unit-specific effects."""
+    """What a single run left in its folder. No file has the robust covariances of the unit-specific effects."""
 
-    def __init__(self, folder, name, fisher=True, weighted=False):
+    def __init__(self, folder, name, fisher=True):
         folder = pathlib.Path(folder)
         linear = not report.sections(folder / name)
         self.report, *more = sections(folder / name)
@@ -56,7 +55,7 @@ class Single:
         self.taupi, self.taubeta, self.taucovariance = tau[:q], tau[q:q + r], tau[q + r:q + r + nt]
         self.sigma2 = tau[-1][0] if linear else self.report.componentsigma2 or 1.0
         self.fixedsigma2 = self.report.componentsigma2 is None
-        files = lambda **f: {} if weighted else {which: folder / name for which, name in f.items()}
+        files = lambda **f: {which: folder / name for which, name in f.items()}
         self.effects = [Effects(self.report, self.sigma2, files(final="gamvc.dat", robust="gamvcr.dat") if linear else
                                 files(final="gamvcus.dat"))]
         self.effects += [Effects(section, self.sigma2, files(final="gamvcpa.dat", robust="gamvcpar.dat"))

@@ -5,6 +5,7 @@
 #include <limits>
 
 #include "driver/runrecord.h"
+#include "estimate/inference/teststatistics.h"
 #include "report/variancetables.h"
 #include "reportfixture.h"
 
@@ -72,9 +73,8 @@ TEST(CorrelationTable, NoneWithACoefficientWithoutVariance) {
 
 TEST(VarianceTable, TooFewDegreesOfFreedomAndNoNumber) {
   twobytwo();
-  const double tau[4] = {4, 1, 1, 0.25}, chisq[2] = {std::numeric_limits<double>::quiet_NaN(), 50};
-  const long long df[2] = {20, 0};
-  const std::string text = capturedtable(false, [&] { variancetable(Tau::pi, {2, tau, chisq, df, 9.0}); });
+  const VarianceTest tests[2] = {variancetest(20, std::numeric_limits<double>::quiet_NaN()), variancetest(0, 50)};
+  const std::string text = capturedtable(false, [&] { variancetable(Tau::pi, arrayof({4, 1, 1, 0.25}), tests, 9.0); });
   EXPECT_NE(text.find("      SES slope,  r1      0.50000       0.25000    too few df to compute\n"), std::string::npos)
       << text;
   EXPECT_EQ(text.find("nan"), std::string::npos) << text;
