@@ -87,7 +87,7 @@ void tellaverage(const ChainPass& pass) {
   passtables(results);
   averageends(results);
   storesubrun(results);
-  if (run.out.printvc != 0) {
+  if (run.out.printvc != VarianceFiles::none) {
     if (run.control.popavit <= 1) writegammafile(robustpopulationgammafile, results.est.gammahat, results.robust);
     writegammafile(populationgammafile, results.est.gammahat, results.covariance);
   }
@@ -134,18 +134,19 @@ void tellmacroend(const MacroEvent& event) {
 void closephase(const ChainPass& pass) {
   if (categorical(pass)) {
     residualfiles(pass);
-    if (run.out.printvc != 0) unitspecificfiles(pass, pass.results.est, pass.results.covariance);
+    if (run.out.printvc != VarianceFiles::none) unitspecificfiles(pass, pass.results.est, pass.results.covariance);
     graphfile(pass);
     return;
   }
   for (const std::string& warning : pass.results.warnings) std::printf("%s\n", warning.c_str());
   residualfiles(pass);
   markreport();
-  if (wantsengine() && run.out.printvc != 0) unitspecificfiles(pass, pass.pass.est, pass.results.covariance);
+  if (wantsengine() && run.out.printvc != VarianceFiles::none)
+    unitspecificfiles(pass, pass.pass.est, pass.results.covariance);
 }
 
 void enginefiles(const ChainPass& pass) {
-  if (run.out.printvc == 0) return;
+  if (run.out.printvc == VarianceFiles::none) return;
   const Estimates& est = pass.pass.est;
   if (run.control.laplace) {
     writegammafile(populationgammafile, est.gammahat, est.covariance());
@@ -157,7 +158,13 @@ void enginefiles(const ChainPass& pass) {
 // A name in the words of a report in HTML.
 void tellfailure(Failure failure) {
   if (!failure) return;
-  failure.reportwords = escaped(failure.reportwords);
+  std::string words;
+  for (std::size_t from = 0, end = 0; end != std::string::npos; from = end + 1) {
+    end = failure.reportwords.find('\n', from);
+    if (from > 0) words += '\n';
+    words += escaped(failure.reportwords.substr(from, end - from));
+  }
+  failure.reportwords = words;
   tell(failure);
 }
 
@@ -190,7 +197,7 @@ PassResults nonlinearjob(const Analysis& analysis, const CategoryTable& table) {
   tellfailure(categories ? fitcategories(table, fit) : fitnonlinear(fit));
   releaseinterrupts();
   if (categories) std::printf("\n");
-  if (run.out.deviance != missingcode && !wantsengine()) {
+  if (run.out.deviance && !wantsengine()) {
     constexpr const char* words =
         "DEVIANCE: has no effect: quasi-likelihood (PQL) is no likelihood of the data and has no deviance to compare.";
     documentwarning(words);
@@ -200,7 +207,7 @@ PassResults nonlinearjob(const Analysis& analysis, const CategoryTable& table) {
 }
 
 void listnonlinearfiles() {
-  if (run.out.printvc == 0) return;
+  if (run.out.printvc == VarianceFiles::none) return;
   const bool errors = run.control.fishertype != 0;
   const std::vector<std::string>& made = run.files.made;  // without those of an engine that has failed
   const bool laplace = std::find(made.begin(), made.end(), laplacetaufile) != made.end();

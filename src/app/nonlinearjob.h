@@ -2,9 +2,9 @@
 #pragma once
 
 #include "core/observer.h"
+#include "core/results.h"
 #include "estimate/analysis.h"
 #include "estimate/quasi/categories.h"
-#include "core/results.h"
 
 namespace kdr {
 

@@ -21,7 +21,6 @@ namespace {
 static_assert(std::endian::native == std::endian::little, "the file's numbers are copied as they stand in memory");
 static_assert(sizeof(MdmHeader) == 48 && sizeof(Name) == 13);
 
-constexpr char magic[] = {'M', 'X', 'K', 'D', 'R', '3'};
 constexpr double oldestversion = 5.309;  // at or below it a file has another layout
 constexpr double mdmtypesince = 6.295;   // above it the head has the field mdmtype
 constexpr int fnamelen = maxpath;
@@ -65,8 +64,8 @@ void take(void* destination, std::size_t bytes) {
 
 // Reads magic, version and counts. Returns the head's length.
 long long readhead(MdmHeader& head) {
-  char found[sizeof magic];
-  if (readmost(found, sizeof found) != sizeof found || std::memcmp(found, magic, sizeof magic) != 0) notmdm();
+  char found[mdmmagic.size()];
+  if (readmost(found, sizeof found) != sizeof found || std::string_view(found, sizeof found) != mdmmagic) notmdm();
   take(&head.version, sizeof head.version);
   const double version = head.version;
   if (!(version > oldestversion)) stopwith("Sorry, you will have to remake this ssm file.\n");
@@ -77,25 +76,24 @@ long long readhead(MdmHeader& head) {
   return version > mdmtypesince ? 54 : 50;
 }
 
+// Of a negated code, too.
+RawType rawtypeof(const MdmHeader& head) {
+  return static_cast<RawType>(head.rawdattype > 0 ? head.rawdattype : -static_cast<long long>(head.rawdattype));
+}
+
 void checkhead(const MdmHeader& head) {
   if (head.numl1var < 1 || head.numl2var < 0 || head.numl3var < 0) damagedmdm("its numbers of variables cannot be");
   if (head.numl3rec < 1 || head.numl2rec < head.numl3rec || head.numl1rec < head.numl2rec)
     damagedmdm("its numbers of records and units do not agree");
   if (head.maxnj < 1 || head.maxnj > head.numl1rec) damagedmdm("its largest unit has an impossible size");
   if (head.mdmtype < 0 || head.mdmtype > 3) damagedmdm("its type is unknown");
-  switch (head.rawdattype) {
-    case 2:
-    case 3:
-    case 5:
-    case 6:
-    case 8:
-    case 9:
-    case -2:
-    case -3:
-    case -5:
-    case -6:
-    case -8:
-    case -9:
+  switch (rawtypeof(head)) {
+    case RawType::ascii:
+    case RawType::systat:
+    case RawType::sas:
+    case RawType::spss:
+    case RawType::stata:
+    case RawType::other:
       break;
     default:
       damagedmdm("its raw data type is unknown");
@@ -170,8 +168,8 @@ void takehead(const MdmHeader& head) {
   mdm.l1missing = head.l1missing != 0;
   // Complete data leave nothing to delete at analysis time, whatever the field says.
   mdm.deletednow = head.timeofdeletion != 0 || !mdm.l1missing;
-  mdm.mdmtype = head.mdmtype;
-  mdm.rawdattype = head.rawdattype < 0 ? -head.rawdattype : head.rawdattype;
+  mdm.mdmtype = static_cast<MdmType>(head.mdmtype);
+  mdm.rawdattype = rawtypeof(head);
   mdm.maxnj = head.maxnj;
   mdm.ncol1 = mdm.nvar1 + 1;
   mdm.ncol2 = mdm.nvar2 + 1;
@@ -248,10 +246,10 @@ void writemdmtables(std::FILE* stream) {
                        mdm.nunits3,
                        mdm.l1missing ? 1 : 0,
                        mdm.deletednow,
-                       mdm.mdmtype,
-                       mdm.numericids ? -mdm.rawdattype : mdm.rawdattype,
+                       static_cast<int>(mdm.mdmtype),
+                       (mdm.numericids ? -1 : 1) * static_cast<int>(mdm.rawdattype),
                        mdm.maxnj};
-  const char nomagic[sizeof magic] = {};
+  const char nomagic[mdmmagic.size()] = {};
   writechk(nomagic, sizeof nomagic, stream);
   writechk(&head, sizeof head, stream);
   for (const Array<Name>* names : {&mdm.names1, &mdm.names2, &mdm.names3})
@@ -272,7 +270,7 @@ void writemdmtables(std::FILE* stream) {
 void finishmdm(ResultFile& file) {
   // Everything else must have reached the file before the magic makes it one.
   if (std::fflush(file.stream) != 0 || fseeko(file.stream, 0, SEEK_SET) != 0) fail(5);
-  writechk(magic, sizeof magic, file.stream);
+  writechk(mdmmagic.data(), mdmmagic.size(), file.stream);
   finishresult(file);
 }
 

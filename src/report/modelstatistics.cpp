@@ -23,7 +23,7 @@ void sentences(const std::string& text) {
 namespace {
 
 void comparison(double deviance, long long parameters) {
-  const DevianceComparison made = comparisonof(deviance, parameters, {run.out.deviance, run.out.df}, run.model);
+  const DevianceComparison made = comparisonof(deviance, parameters, {*run.out.deviance, run.out.df}, run.model);
   const auto& [statistic, df, df2, p] = made.chisquare;
   report2("\n Model comparison test\n", "<h5>&nbsp;&nbsp;&nbsp;&nbsp;Model comparison test</h5>\n");
   reportrule(35);
@@ -60,7 +60,7 @@ void modelstatistics(const PassResults& results) {
   if (run.model.autovknown != 0 && run.model.outcome.linear())
     reportline(" (a constant of the known variances is left out: compare such deviances only with each other)");
   reportline(" Number of estimated parameters = %lld", parameters);
-  if (run.out.deviance != missingcode && std::isfinite(deviance)) comparison(deviance, parameters);
+  if (run.out.deviance && std::isfinite(deviance)) comparison(deviance, parameters);
 }
 
 }  // namespace kdr

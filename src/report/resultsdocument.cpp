@@ -91,9 +91,9 @@ void addtest(Json& to, const ChiSquareTest& test) {
 
 Json nameornull(const Array<Name>& names, int v) { return v == 0 ? Json() : Json(leftname(names[v])); }
 
-const char* centering(const Array<int>& marks, int v) {
-  const int mark = at(v) < marks.size() ? marks[v] : 0;
-  return mark == 1 ? "group mean" : mark == 2 ? "grand mean" : "none";
+const char* centering(const Array<Centering>& marks, int v) {
+  constexpr const char* words[] = {"none", "group mean", "grand mean"};
+  return words[static_cast<int>(at(v) < marks.size() ? marks[v] : Centering::none)];
 }
 
 Json categoryornull(int set) { return multinomialrun() ? textornull(categorylabel(set)) : Json(); }
@@ -132,9 +132,10 @@ Json equations() {
   return list;
 }
 
-const char* distribution() {
-  constexpr const char* names[] = {"normal", "bernoulli", "binomial", "poisson", "multinomial", "ordinal"};
-  return names[static_cast<int>(run.model.outcome.family)];
+std::string distribution() {
+  std::string name = nameof(run.model.outcome.family);
+  name[0] = static_cast<char>(name[0] - 'A' + 'a');
+  return name;
 }
 
 Json model() {
@@ -147,10 +148,11 @@ Json model() {
       {"distribution", distribution()},
       {"link", links[static_cast<int>(run.model.outcome.link())]},
       {"count_variable",
-       run.model.outcome.counted ? nameornull(run.mdm.names1, run.model.outcome.countvariable) : Json()},
+       run.model.outcome.counted ? nameornull(run.mdm.names1, run.model.outcome.countvariable.value_or(0)) : Json()},
       {"categories", std::move(categories)},
       {"equations", equations()},
-      {"sigma2_held_at", whenever(run.model.restrictions.fixsigma2 != 0.0, number(run.model.restrictions.fixsigma2))},
+      {"sigma2_held_at",
+       whenever(run.model.restrictions.fixsigma2.has_value(), number(run.model.restrictions.fixsigma2.value_or(0.0)))},
       {"weights",
        {{"level1", nameornull(run.mdm.names1, run.model.wgtvar1)},
         {"level2", nameornull(run.mdm.names2, run.model.wgtvar2)},
@@ -314,8 +316,8 @@ void addlikelihood(Json& phase, double loglik, bool comparable, long long parame
   phase["bic"] = whenever(has, deviance + count * std::log(static_cast<double>(run.mdm.nunits1)));
   phase["bic_sample_size"] = whenever(has, run.mdm.nunits1);
   Json comparison;
-  if (has && run.out.deviance != missingcode) {
-    const DevianceComparison made = comparisonof(deviance, parameters, {run.out.deviance, run.out.df}, run.model);
+  if (has && run.out.deviance) {
+    const DevianceComparison made = comparisonof(deviance, parameters, {*run.out.deviance, run.out.df}, run.model);
     const bool possible = made.impossible.empty();
     addtest(comparison, made.chisquare);
     comparison["p"] = whenever(possible, comparison["p"]);
@@ -492,9 +494,18 @@ Json allwarnings() {
   return warnings;
 }
 
+// What tells the files that pictures are drawn from.
+Json checksums() {
+  Json list = Json::array();
+  if (!document.averages)
+    for (const FileMark& mark : run.files.marks)
+      list.push_back({{"file", mark.name}, {"bytes", mark.bytes}, {"crc32", mark.crc}});
+  return list;
+}
+
 Json wholedocument() {
   return {{"format", "kdr3 results"},
-          {"format_version", 2},
+          {"format_version", 3},
           {"program", module},
           {"version", version},
           {"title", run.files.title},
@@ -506,7 +517,8 @@ Json wholedocument() {
           {"converged", converged()},
           {"phases", document.phases},
           {"warnings", allwarnings()},
-          {"files", filesmade()}};
+          {"files", filesmade()},
+          {"checksums", checksums()}};
 }
 
 bool istable(const std::string& path) { return strcasecmp(path.substr(extensionplace(path)).c_str(), ".csv") == 0; }
@@ -527,6 +539,7 @@ void startdocument() {
   document = {Json::array(), Json::array(), Json::array(), false};
   run.id.passunconverged = false;
   run.files.made.clear();
+  run.files.marks.clear();
 }
 
 void documentpass(const PassResults& results) {

@@ -170,7 +170,7 @@ void variancetable(Tau which, const Array<double>& tau, std::span<const Variance
     }
     chisquare(which, tests[static_cast<std::size_t>(i)], style);
   }
-  if (which == Tau::pi && run.model.restrictions.fixsigma2 == 0.0) level1effect(sigma2);
+  if (which == Tau::pi && !run.model.restrictions.fixsigma2) level1effect(sigma2);
   reportrule(78);
   reporthtml("</tbody></table>\n");
 }

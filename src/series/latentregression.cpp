@@ -30,7 +30,7 @@ void makelists(Work& work) {
   LatentRegression& result = work.result;
   std::set<int> variables;
   for (int i = 0; i < work.r; ++i) {
-    const auto role = static_cast<LatentRole>(work.model.roles[at(i)]);
+    const LatentRole role = work.model.roles[at(i)];
     if (role == LatentRole::ignore) continue;
     (role == LatentRole::outcome ? result.outcomes : result.predictors).push_back(i);
     for (const LatentTerm& term : work.model.equations[at(i)]) variables.insert(term.variable);
@@ -192,7 +192,7 @@ LatentRegression latentregression(const LatentModel& model, const LatentEstimate
   return result;
 }
 
-LatentModel latentmodel(const ModelRows& rows, std::span<const int> roles, int nunits3) {
+LatentModel latentmodel(const ModelRows& rows, std::span<const LatentRole> roles, int nunits3) {
   LatentModel model;
   model.roles = roles;
   model.nunits3 = nunits3;

@@ -12,13 +12,12 @@
 #include <span>
 #include <vector>
 
+#include "core/codes.h"
 #include "core/modelwalk.h"
 #include "core/results.h"
 #include "series/pooledresults.h"
 
 namespace kdr {
-
-enum class LatentRole { ignore = 0, outcome = 1, predictor = 2 };
 
 // A term of a level-2 coefficient's equation.
 struct LatentTerm {
@@ -27,7 +26,7 @@ struct LatentTerm {
 };
 
 struct LatentModel {
-  std::span<const int> roles;                      // one LatentRole per random level-2 coefficient
+  std::span<const LatentRole> roles;               // one per random level-2 coefficient
   std::vector<std::vector<LatentTerm>> equations;  // of the same coefficients
   int nunits3 = 0;
   int ntaupi = 0;  // order of taupi
@@ -69,7 +68,7 @@ struct LatentRegression {
 [[nodiscard]] LatentRegression latentregression(const LatentModel& model, const LatentEstimates& estimates);
 
 // The regression's view of the rows of a model; `roles` has to stay where it is.
-[[nodiscard]] LatentModel latentmodel(const ModelRows& rows, std::span<const int> roles, int nunits3);
+[[nodiscard]] LatentModel latentmodel(const ModelRows& rows, std::span<const LatentRole> roles, int nunits3);
 
 // The regression of the results of a pass or of the averages of a series. Failure 3.
 [[nodiscard]] LatentRegression latentregression(const LatentModel& model, const PassResults& results);

@@ -19,9 +19,9 @@ void addarray(Hash& print, const Array<T>& values) {
   for (const T value : values) print.add(value);
 }
 
-void addvariable(Hash& print, const Array<Name>& names, const Array<int>& center, int variable) {
+void addvariable(Hash& print, const Array<Name>& names, const Array<Centering>& center, int variable) {
   if (at(variable) < names.size()) addname(print, names[at(variable)]);
-  print.add(at(variable) < center.size() ? center[at(variable)] : 0);
+  print.add(at(variable) < center.size() ? static_cast<int>(center[at(variable)]) : 0);
 }
 
 // Over what makes the estimates of two data sets comparable: kind of model, categories, equations with their variables,
@@ -36,13 +36,13 @@ unsigned long long fingerprint(const Model& model, const ModelRows& rows, const 
                           outcome.categories, model.nointercept1 ? 1 : 0, restrictions.diagtaupi ? 1 : 0,
                           restrictions.diagtaubeta ? 1 : 0, control.laplace ? 1 : 0, control.agqpoints})
     print.add(value);
-  print.add(restrictions.fixsigma2);
+  print.add(restrictions.fixsigma2.value_or(0.0));
   if (restrictions.haveesttau2) addarray(print, restrictions.esttau2);
   if (restrictions.haveesttau3) addarray(print, restrictions.esttau3);
   if (restrictions.havecontau2) addarray(print, restrictions.contau2);
   if (restrictions.havecontau3) addarray(print, restrictions.contau3);
-  for (const int variable :
-       {model.outvar, model.outcome.counted ? model.outcome.countvariable : 0, model.autovknown, model.wgtvar1})
+  for (const int variable : {model.outvar, model.outcome.counted ? model.outcome.countvariable.value_or(0) : 0,
+                             model.autovknown, model.wgtvar1})
     addname(print, data.names1[at(variable)]);
   addname(print, data.names2[at(model.wgtvar2)]);
   addname(print, data.names3[at(model.wgtvar3)]);
@@ -101,7 +101,7 @@ SubrunShape seriesshape(const Model& model, const ModelRows& rows, const MdmData
   for (const EffectRow& row : rows.effects) shape.g += row.removed ? 0 : 1;
   shape.fisher = control.fishertype != 0;
   shape.popaverage = model.outcome.single();
-  shape.sigma2fixed = model.restrictions.fixsigma2 != 0.0;
+  shape.sigma2fixed = model.restrictions.fixsigma2.has_value();
   shape.model = fingerprint(model, rows, data, control);
   return shape;
 }

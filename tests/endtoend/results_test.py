@@ -281,6 +281,8 @@ def others(check, place):
         table(check, place, text, name)
     text, phases, _ = run(check, place, "given up", nonlinear("BERNOULLI", options=scale + "LAPLACE:Y,60\n"))
     check("laplace6" not in phases and not text["converged"] and "Laplace-6" in text["warnings"][0], "given up: not told")
+    text, _, r = run(check, place, "compared", nonlinear("BERNOULLI", options=scale + "DEVIANCE:900\nDF:3\n"))
+    check("has no deviance to compare" in text["warnings"][0] and "DEVIANCE: has no effect" in r.text, "compared: not told")
 
 
 def series(check, place):

@@ -154,23 +154,23 @@ TEST(HypothesisTest, RefusesMoreContrastsThanGammas) {
 // The 5% points of chi-square: 18.307 on 10, 5.9915 on 2, 3.8415 on 1, whose mixture is 0.5 (0.0500 + 0.0143).
 TEST(ModelStatistics, ParametersAndTheAlternative) {
   const struct {
-    double deviance;
+    std::optional<double> deviance;
     int parameters, phase;
-    double fixsigma2;
+    std::optional<double> fixsigma2;
     bool diagonal;
     const char* words;  // number of parameters, degrees of freedom and p-value of the comparison
     const char* more;   // what else is said of it
-  } cases[] = {{missingcode, 0, 1, 0.0, false, "69", ""},
-               {missingcode, 0, 2, 1.0, false, "11", ""},
-               {missingcode, 0, 2, 0.0, true, "10", ""},
-               {1018.307, 2, 2, 0.0, false, "12 10 0.050", ""},
-               {1005.9915, 10, 2, 0.0, false, "12 2 0.050", "1 and 2 degrees of freedom it is 0.032."},
-               {1003.8415, 9, 2, 0.0, true, "10 1 0.050", "0 and 1 degrees of freedom it is 0.025."},
-               {994.0085, 15, 2, 0.0, false, "12 3 0.112", "2 and 3 degrees of freedom it is 0.081."},
-               {995.0, 22, 2, 0.0, false, "12 10 >.500", ""},
-               {1000.00001, 22, 2, 0.0, false, "12 10 >.500", ""},  // equal, but for what was typed
-               {937.6, 11, 2, 0.0, false, "12 1 Unable", "The model with more parameters fits worse"},
-               {1000.0, 12, 2, 0.0, false, "12 0 Unable", "the same number of parameters"}};
+  } cases[] = {{{}, 0, 1, {}, false, "69", ""},
+               {{}, 0, 2, 1.0, false, "11", ""},
+               {{}, 0, 2, {}, true, "10", ""},
+               {1018.307, 2, 2, {}, false, "12 10 0.050", ""},
+               {1005.9915, 10, 2, {}, false, "12 2 0.050", "1 and 2 degrees of freedom it is 0.032."},
+               {1003.8415, 9, 2, {}, true, "10 1 0.050", "0 and 1 degrees of freedom it is 0.025."},
+               {994.0085, 15, 2, {}, false, "12 3 0.112", "2 and 3 degrees of freedom it is 0.081."},
+               {995.0, 22, 2, {}, false, "12 10 >.500", ""},
+               {1000.00001, 22, 2, {}, false, "12 10 >.500", ""},  // equal, but for what was typed
+               {937.6, 11, 2, {}, false, "12 1 Unable", "The model with more parameters fits worse"},
+               {1000.0, 12, 2, {}, false, "12 0 Unable", "the same number of parameters"}};
   for (const auto& c : cases) {
     fivegammas();
     run.out.deviance = c.deviance;

@@ -40,7 +40,7 @@ long long parametercount(const Model& model, long long taupis) {
                                     r.havecontau2 ? &r.contau2 : nullptr);
   const long long beta = freeelements(model.coef.ntaubeta, r.diagtaubeta, r.haveesttau3 ? &r.esttau3 : nullptr,
                                       r.havecontau3 ? &r.contau3 : nullptr);
-  return model.coef.ngamma + beta + taupis * pi + (r.fixsigma2 == 0.0 ? 1 : 0);
+  return model.coef.ngamma + beta + taupis * pi + (r.fixsigma2 ? 0 : 1);
 }
 
 DevianceComparison comparisonof(double deviance, long long parameters, const Alternative& alternative,

@@ -1,5 +1,5 @@
 // The likelihood of a Bernoulli model under the sixth-order Laplace approximation, and its score, one level-3 unit at a
-// time (Raudenbush, Yang and Yosef, 2000, Journal of Computational and Graphical Statistics 9, 141-157).
+// time. Its derivation is that of docs/numerics.md, "Laplace-6".
 //
 // At the modes, for records i and l of level-2 unit j of level-3 unit k, with e*_i = e_i - Q_j d_i:
 //   A_il = e*_i' C3_k e*_l + d_i' C2_j d_l,  a_i = A_ii     posterior covariance of the linear predictors

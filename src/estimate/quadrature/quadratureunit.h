@@ -1,5 +1,5 @@
-// The nested integrals of one level-3 unit by adaptive Gauss-Hermite quadrature, and their moments (Pinheiro and Bates
-// 1995 for the adaptation; Louis 1982 for the information).
+// The nested integrals of one level-3 unit by adaptive Gauss-Hermite quadrature, and their moments. Derived in
+// docs/numerics.md, "Adaptive quadrature (fixed nodes)".
 //
 // For level-3 unit k with effects v ~ N(0, taubeta) and its level-2 units j with effects u_j ~ N(0, taupi):
 //   L_k = log int phi(v) prod_j int phi(u) prod_i f(y_i | eta_i) du dv.

@@ -1,6 +1,5 @@
 // A multinomial or ordinal fit: the macro loop over stacked working responses. There is no population-average phase.
-// Source: Hedeker and Gibbons (1994), Biometrics 50, 933-944, for the ordinal model; Goldstein (1991), Biometrika 78,
-// 45-51, for the working data.
+// The working data are derived in docs/numerics.md, "Quasi-likelihood for categories".
 #pragma once
 
 #include "core/failure.h"

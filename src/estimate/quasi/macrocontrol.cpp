@@ -15,8 +15,8 @@ Parameters parametersof(const Coefficients& coef, const Estimates& est) {
 bool closeatlimit(MacroState& state) {
   constexpr int farlimit = 10000;
   const Observer& observer = state.analysis.observer;
-  const int continuing = state.analysis.control.numitcontinue;
-  if (continuing != 1 && !(continuing == 2 && observer.goon && observer.goon())) return true;
+  const AtLimit limit = state.analysis.control.numitcontinue;
+  if (limit != AtLimit::goon && !(limit == AtLimit::ask && observer.goon && observer.goon())) return true;
   tellobserver(observer.macrolimitraised, farlimit);
   state.left = farlimit;
   return false;

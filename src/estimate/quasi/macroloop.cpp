@@ -31,7 +31,7 @@ PassPlan planof(const MacroState& state, PassKind kind, int macro) {
   plan.macro = macro;
   plan.limit = analysis.control.numit;
   plan.stopval = analysis.control.stopval;
-  plan.fixsigma2 = analysis.model.restrictions.fixsigma2;
+  plan.fixsigma2 = analysis.model.restrictions.fixsigma2.value_or(0.0);
   if (kind != PassKind::identity) plan.start = &state.previous;
   plan.freshgamma = kind == PassKind::pql && macro == 2;
   return plan;

@@ -6,7 +6,7 @@
 //   3  its close            the maximum-likelihood engines
 //   4  population average   one pass over working data without random effects, the taus held
 //
-// Source: Breslow and Clayton (1993), JASA 88, 9-25; Zeger, Liang and Albert (1988), Biometrics 44, 1049-1060.
+// Derived in docs/numerics.md, "Quasi-likelihood, one working response" and "The population average".
 #pragma once
 
 #include "core/failure.h"
