@@ -477,9 +477,18 @@ Json filesmade() {
   return files;
 }
 
+// What tells the files that pictures are drawn from.
+Json checksums() {
+  Json list = Json::array();
+  if (!document.averages)
+    for (const FileMark& mark : run.files.marks)
+      list.push_back({{"file", mark.name}, {"bytes", mark.bytes}, {"crc32", mark.crc}});
+  return list;
+}
+
 Json wholedocument() {
   return {{"format", "kdr3 results"},
-          {"format_version", 1},
+          {"format_version", 2},
           {"program", module},
           {"version", version},
           {"title", run.files.title},
@@ -491,7 +500,8 @@ Json wholedocument() {
           {"converged", converged()},
           {"phases", document.phases},
           {"warnings", document.warnings},
-          {"files", filesmade()}};
+          {"files", filesmade()},
+          {"checksums", checksums()}};
 }
 
 bool istable(const std::string& path) { return strcasecmp(path.substr(extensionplace(path)).c_str(), ".csv") == 0; }
@@ -512,6 +522,7 @@ void startdocument() {
   document = {Json::array(), Json::array(), Json::array(), false};
   run.id.passunconverged = false;
   run.files.made.clear();
+  run.files.marks.clear();
 }
 
 void documentpass(const PassResults& results) {
