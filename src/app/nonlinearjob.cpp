@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -152,10 +153,17 @@ void enginefiles(const ChainPass& pass) {
   }
 }
 
-// A name in the words of a report in HTML.
+// The words may hold a name of the user's: it must not talk to a report in HTML.
 void tellfailure(Failure failure) {
   if (!failure) return;
-  failure.reportwords = escaped(failure.reportwords);
+  std::string shown;
+  for (std::size_t first = 0; first < failure.reportwords.size();) {
+    const std::size_t end = failure.reportwords.find('\n', first), last = std::min(end, failure.reportwords.size());
+    shown += escaped(std::string_view(failure.reportwords).substr(first, last - first));
+    if (end != std::string::npos) shown += '\n';
+    first = last + 1;
+  }
+  failure.reportwords = std::move(shown);
   tell(failure);
 }
 
