@@ -34,6 +34,7 @@
 #include "driver/runrecord.h"
 #include "driver/warnings.h"
 #include "estimate/linear/centering.h"
+#include "estimate/linear/deletion.h"
 #include "estimate/linear/weights.h"
 #include "estimate/quasi/categories.h"
 #include "kernel/array.h"
@@ -195,7 +196,7 @@ void readmodel() {
   choosekind();
   outputquestions();
   compactlists();
-  markdeletion();
+  markdeletion(run.model, run.mdm);
   run.model.weighted = run.model.wgtvar1 != 0 || run.model.wgtvar2 != 0 || run.model.wgtvar3 != 0;
   checkengines();
   if (run.model.weighted) stopif(normaliseweights(run.model, run.mdm, runobserver(), run.weights));
@@ -275,8 +276,7 @@ bool nextplausiblevalue() {
 
 void runjob(int argc, char** argv) {
   holdstandardstreams();
-  outofmemory = [] { fail(3); };
-  std::set_new_handler(outofmemory);
+  std::set_new_handler([] { fail(3); });
   stophooks.closeseries = closeseries;
   iscommandtext = begincommands;
   installhandlers();

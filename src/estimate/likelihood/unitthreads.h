@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <new>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -17,8 +18,14 @@ namespace kdr {
 template <class Each>
 void overbatch(const std::vector<Level3Records>& batch, int threads, Each each) {
   std::atomic<std::size_t> next{0};
+  std::atomic<bool> exhausted{false};
   const auto work = [&](int worker) {
-    for (std::size_t i = next++; i < batch.size(); i = next++) each(i, worker);
+    try {
+      for (std::size_t i = next++; i < batch.size(); i = next++) each(i, worker);
+    } catch (const std::bad_alloc&) {  // goes on in the thread that called, once the others have ended
+      exhausted = true;
+      next = batch.size();
+    }
   };
   const int workers = static_cast<int>(std::min(batch.size(), static_cast<std::size_t>(std::max(threads, 1))));
   std::vector<std::thread> others;
@@ -28,6 +35,7 @@ void overbatch(const std::vector<Level3Records>& batch, int threads, Each each) 
   }
   work(0);
   for (std::thread& other : others) other.join();
+  if (exhausted) throw std::bad_alloc();
 }
 
 // Calls each(unit, worker) for every level-3 unit of the source. False when the source has ended before its last unit.
