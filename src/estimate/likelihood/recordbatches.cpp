@@ -1,6 +1,5 @@
 #include "estimate/likelihood/recordbatches.h"
 
-#include "driver/runrecord.h"
 #include "kernel/sizes.h"
 
 namespace kdr {
