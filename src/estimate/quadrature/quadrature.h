@@ -1,8 +1,8 @@
 // Maximum likelihood by adaptive Gauss-Hermite quadrature for Bernoulli, binomial and Poisson outcomes.
 //
-// Newton steps on taupi, taubeta and gamma (ridgedascent.h) with the observed information: that of the complete data less
-// the posterior variance of their score. Each iteration integrates around centres and scales that the iteration before
-// has found (quadratureunit.h).
+// Newton steps on taupi, taubeta and gamma (ridgedascent.h) with the observed information: that of the complete data
+// less the posterior variance of their score. Each iteration integrates around centres and scales that the iteration
+// before has found (quadratureunit.h).
 #pragma once
 
 #include <limits>
