@@ -3,7 +3,7 @@
 
 # What the program is built with and stands on.
 build_packages="g++ cmake ninja-build libedit-dev libreadstat-dev libminizip-dev
- zlib1g-dev libexpat1-dev libshp-dev nlohmann-json3-dev"
+ zlib1g-dev libexpat1-dev libshp-dev nlohmann-json3-dev libboost-math-dev"
 
 need() {
   missing=""

@@ -26,7 +26,7 @@ namespace {
 void variancefiles(const PassResults& results) {
   writegammafile(robustgammafile, results.est.gammahat, results.robust);
   writetaufile(taufile, results.est, results.errors, true);
-  writegammafile(gammafile, results.est.gammahat, results.est.covariance());
+  writegammafile(gammafile, results.est.gammahat, results.covariance);
 }
 
 // Residual files and graph data file. A run without any iteration has no residuals.

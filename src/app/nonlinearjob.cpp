@@ -18,6 +18,7 @@
 #include "kernel/sizes.h"
 #include "report/exploratorytables.h"
 #include "report/graphdata.h"
+#include "report/modelstatistics.h"
 #include "report/passtables.h"
 #include "report/residual/residualfiles.h"
 #include "report/resultsdocument.h"
@@ -28,6 +29,8 @@
 namespace kdr {
 
 namespace {
+
+bool wantsengine() { return run.control.laplace || run.control.agqpoints != 0; }
 
 bool categorical(const ChainPass& pass) { return pass.results.kind == PassKind::categories; }
 
@@ -56,9 +59,9 @@ void graphfile(const ChainPass& pass) {
   if (run.out.graph) writegraphdata(pass.pass, pass.state.working, pass.state.layout, graphgammas(pass.state));
 }
 
-void unitspecificfiles(const ChainPass& pass, const Estimates& est) {
+void unitspecificfiles(const ChainPass& pass, const Estimates& est, const Array<double>& covariance) {
   writetaufile(taufile, est, pass.results.errors, false);
-  writegammafile(unitspecificgammafile, est.gammahat, est.covariance());
+  writegammafile(unitspecificgammafile, est.gammahat, covariance);
 }
 
 void tellmacro(int macro) {
@@ -86,7 +89,7 @@ void tellaverage(const ChainPass& pass) {
   storesubrun(results);
   if (run.out.printvc != VarianceFiles::none) {
     if (run.control.popavit <= 1) writegammafile(robustpopulationgammafile, results.est.gammahat, results.robust);
-    writegammafile(populationgammafile, results.est.gammahat, pass.pass.est.covariance());
+    writegammafile(populationgammafile, results.est.gammahat, results.covariance);
   }
   graphfile(pass);
 }
@@ -131,15 +134,15 @@ void tellmacroend(const MacroEvent& event) {
 void closephase(const ChainPass& pass) {
   if (categorical(pass)) {
     residualfiles(pass);
-    if (run.out.printvc != VarianceFiles::none) unitspecificfiles(pass, pass.results.est);
+    if (run.out.printvc != VarianceFiles::none) unitspecificfiles(pass, pass.results.est, pass.results.covariance);
     graphfile(pass);
     return;
   }
   for (const std::string& warning : pass.results.warnings) std::printf("%s\n", warning.c_str());
   residualfiles(pass);
   markreport();
-  const bool engines = run.control.laplace || run.control.agqpoints != 0;
-  if (engines && run.out.printvc != VarianceFiles::none) unitspecificfiles(pass, pass.pass.est);
+  if (wantsengine() && run.out.printvc != VarianceFiles::none)
+    unitspecificfiles(pass, pass.pass.est, pass.results.covariance);
 }
 
 void enginefiles(const ChainPass& pass) {
@@ -148,14 +151,20 @@ void enginefiles(const ChainPass& pass) {
   if (run.control.laplace) {
     writegammafile(populationgammafile, est.gammahat, est.covariance());
   } else {
-    unitspecificfiles(pass, est);
+    unitspecificfiles(pass, est, wantsengine() ? est.covariance() : pass.results.covariance.copy());
   }
 }
 
 // A name in the words of a report in HTML.
 void tellfailure(Failure failure) {
   if (!failure) return;
-  failure.reportwords = escaped(failure.reportwords);
+  std::string words;
+  for (std::size_t from = 0, end = 0; end != std::string::npos; from = end + 1) {
+    end = failure.reportwords.find('\n', from);
+    if (from > 0) words += '\n';
+    words += escaped(failure.reportwords.substr(from, end - from));
+  }
+  failure.reportwords = words;
   tell(failure);
 }
 
@@ -188,6 +197,12 @@ PassResults nonlinearjob(const Analysis& analysis, const CategoryTable& table) {
   tellfailure(categories ? fitcategories(table, fit) : fitnonlinear(fit));
   releaseinterrupts();
   if (categories) std::printf("\n");
+  if (run.out.deviance && !wantsengine()) {
+    constexpr const char* words =
+        "DEVIANCE: has no effect: quasi-likelihood (PQL) is no likelihood of the data and has no deviance to compare.";
+    documentwarning(words);
+    sentences(words);
+  }
   return std::move(fit.state.unitspecific);
 }
 

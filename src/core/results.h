@@ -42,12 +42,6 @@ struct FixedDegrees {
   [[nodiscard]] FixedDegrees copy() const { return {df.copy(), rough.copy()}; }
 };
 
-// The upper tail of a chi-square statistic. Below its degrees of freedom the report says ">.500" and p is 1.0.
-struct ChiSquareTail {
-  bool below = true;
-  double p = 1.0;
-};
-
 // A 95% interval, by the critical value of the t distribution to three decimals.
 struct Interval {
   bool known = false;  // the bounds are not of use otherwise
@@ -65,15 +59,30 @@ struct EffectTest {
   Interval ratiointerval;
 };
 
+// A chi-square test. Of an average of a series it is `df` times an F statistic whose denominator has df2 degrees of
+// freedom, and p is that of F.
+struct ChiSquareTest {
+  double statistic = 0.0;
+  int df = 0;
+  double df2 = 0.0;  // 0.0: there is no denominator, p is the tail of chi-square
+  double p = 1.0;
+};
+
 // The test of one hypothesis: r contrasts of n fixed effects.
 struct WaldTest {
   int number = 0;  // from 0
   int r = 0, n = 0;
-  Array<double> C;        // r rows of n values
-  bool computed = false;  // the contrasts are independent; estimates, errors and statistic are of no use otherwise
+  Array<double> C;                  // r rows of n values
+  bool computed = false;            // the contrasts are independent; what follows is of no use otherwise
   Array<double> estimates, errors;  // [r]
-  double statistic = 0.0;           // chi-square with r degrees of freedom
-  ChiSquareTail tail;
+  ChiSquareTest chisquare;
+};
+
+// How much of what could be known of an averaged fixed effect the missing values hide, and how efficient the average of
+// so many sub-runs is beside one of very many.
+struct MissingShare {
+  double fraction = 0.0;
+  double efficiency = 1.0;
 };
 
 // The fixed effects under one covariance.
@@ -81,6 +90,7 @@ struct EffectTable {
   std::vector<EffectTest> rows;      // [g]; none: the covariance is not known
   bool toomanycontrasts = false;     // a hypothesis has more contrasts than there are fixed effects: none is tested
   std::vector<WaldTest> hypotheses;  // one for each hypothesis of the model
+  std::vector<MissingShare> shares;  // of averages of several sub-runs: [g]
 };
 
 // Standard errors of the variance components.
@@ -102,10 +112,8 @@ struct Reliabilities {
 
 // The chi-square test of one variance.
 struct VarianceTest {
-  bool known = false;  // there are degrees of freedom; df and tail are of no use otherwise
-  double chisq = 0.0;
-  int df = 0;
-  ChiSquareTail tail;
+  bool known = false;  // there are degrees of freedom; of the test nothing but the statistic is of use otherwise
+  ChiSquareTest chisquare;
 };
 
 // Chi-square tests of the variances on the diagonals.

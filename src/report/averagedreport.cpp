@@ -3,8 +3,9 @@
 #include <strings.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
-#include <utility>
+#include <vector>
 
 #include "driver/failures.h"
 #include "driver/files.h"
@@ -61,8 +62,10 @@ void level1(const Pooled& pooled) {
   }
 }
 
-void partialnote(const Pooled& pooled, const char* what) {
-  if (pooled.units3 != run.mdm.nunits3) partialdatanote(what, pooled.units3, run.mdm.nunits3);
+// Of the units of a tau's level some were of no use.
+void partialnote(Tau which, const char* what, int units2, int units3) {
+  const int used = which == Tau::pi ? units2 : units3, total = which == Tau::pi ? run.mdm.nunits2 : run.mdm.nunits3;
+  if (used != total) partialdatanote(what, used, total);
 }
 
 // A tau with its standard errors, correlations and reliabilities.
@@ -76,12 +79,13 @@ void tautables(Tau which, const Pooled& pooled) {
     tautable(which, MatrixTitle::standarderror, false, n, (pi ? pooled.taupierrors : pooled.taubetaerrors).data());
   correlationtable(which, n, tau.data());
   reliabilitytable(which, n, reliabilities.data());
-  partialnote(pooled, "reliability estimates");
+  partialnote(which, "reliability estimates", pooled.units2, pooled.units3);
 }
 
 // The tables and tests of the pooled fixed effects under one covariance.
 void effecttables(const EffectTable& effects, TableKind kind, PassKind pass) {
   fixedtable(effects.rows, kind, pass);
+  missingtable(effects.shares);
   ratiotable(effects.rows);
   hypothesistests(effects);
 }
@@ -98,10 +102,19 @@ void fixedeffects(const PooledEffects& effects, PassKind pass) {
 }
 
 void variances(const Pooled& pooled) {
-  variancetable(Tau::pi, pooled.taupi, pooled.tests.level2, pooled.sigma2);
-  partialnote(pooled, "chi-square statistics");
-  variancetable(Tau::beta, pooled.taubeta, pooled.tests.level3, pooled.sigma2);
-  partialnote(pooled, "chi-square statistics");
+  for (const Tau which : {Tau::pi, Tau::beta}) {
+    const bool pi = which == Tau::pi;
+    const std::vector<VarianceTest>& tests = pi ? pooled.tests.level2 : pooled.tests.level3;
+    variancetable(which, pi ? pooled.taupi : pooled.taubeta, tests, pooled.sigma2);
+    const auto ratio = [](const VarianceTest& test) { return test.known && test.chisquare.df2 > 0.0; };
+    if (std::any_of(tests.begin(), tests.end(), ratio)) {
+      report("Chi-square over its df is pooled, and the p-value that of F. Degrees of freedom of\nthe denominator:");
+      for (const VarianceTest& test : tests)
+        report(" %s", ratio(test) ? fixedpoint(test.chisquare.df2, 1, 1).c_str() : "none");
+      reportbreak();
+    }
+    partialnote(which, "chi-square statistics", pooled.tests.units2, pooled.tests.units3);
+  }
 }
 
 // The pass whose estimates the averages stand for.

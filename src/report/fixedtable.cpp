@@ -247,6 +247,37 @@ void fixedtable(std::span<const EffectTest> effects, TableKind kind, PassKind pa
   reportbreak();
 }
 
+void missingtable(std::span<const MissingShare> shares) {
+  if (shares.empty()) return;
+  const std::vector<int> openings = setopenings();
+  if (run.report.html) {
+    opentable();
+    report("<td align=left %s>Fixed Effect</td>\n", stylerule);
+    report("<td align=right %s>&nbsp;Missing<br>Information</td>\n", stylerule);
+    report("<td align=right %s>&nbsp;Relative<br>Efficiency</td>\n</tr>\n<tbody>\n", stylerule);
+  } else {
+    reportrule(60);
+    report("                           Fraction of      Relative\n");
+    report("    Fixed Effect         missing inform.   efficiency\n");
+    reportrule(60);
+  }
+  for (std::size_t g = 0; g < shares.size(); ++g) {
+    const auto& [fraction, efficiency] = shares[g];
+    const int row = static_cast<int>(g);
+    rowlead(row, openings[g], rowstyle(row));
+    if (run.report.html) {
+      numbercell(rowstyle(row), fraction, 8, 3);
+      numbercell(rowstyle(row), efficiency, 8, 3);
+      report("</tr>");
+    } else {
+      report("   %s        %s\n", fixedpoint(fraction, 8, 3).c_str(), fixedpoint(efficiency, 8, 3).c_str());
+    }
+  }
+  reportrule(60);
+  reporthtml("</tbody></table>\n");
+  reportbreak();
+}
+
 void ratiotable(std::span<const EffectTest> effects) {
   if (run.model.outcome.linear()) return;
   const std::vector<int> openings = setopenings();

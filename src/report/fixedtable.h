@@ -25,6 +25,9 @@ enum class TableKind {
 // estimates come from.
 void fixedtable(std::span<const EffectTest> effects, TableKind kind, PassKind pass);
 
+// Writes the fraction of missing information and the relative efficiency of each averaged effect. Nothing for none.
+void missingtable(std::span<const MissingShare> shares);
+
 // Writes odds ratios (event-rate ratios of a Poisson run) with 95% intervals. Nothing in a linear run.
 void ratiotable(std::span<const EffectTest> effects);
 

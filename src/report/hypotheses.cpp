@@ -69,33 +69,22 @@ void estimaterows(const WaldTest& test) {
   report2("\n", "</tr>\n</tbody></table>\n");
 }
 
-void statisticlines(const WaldTest& test) {
-  const auto [small, p] = test.tail;
-  const double statistic = test.statistic;
-  const int r = test.r;
-  if (!run.report.html) {
-    report("\nChi-square statistic = %f\nDegrees of freedom   = %d\nP-value              = ", statistic, r);
-    if (small) {
-      report(">.500\n");
-    } else {
-      report("%f\n", p);
-    }
-    return;
-  }
-  reportblank(4);
-  report("&chi;<sup><small>2</small></sup>&nbsp;statistic = %f<br>", statistic);
-  reportblank(4);
-  report("Degrees of freedom   = %d<br>", r);
-  reportblank(4);
-  report("<i>p</i>-value              = ");
-  if (small) {
-    report(">.500<br>");
-  } else if (p < 0.001) {
-    report("&lt;0.001");
-    reportbreak();
+void statisticlines(const ChiSquareTest& test) {
+  const std::string p = pvalue(test.p, 6);
+  if (run.report.html) {
+    reportblank(4);
+    report("&chi;<sup><small>2</small></sup>&nbsp;statistic = %f<br>", test.statistic);
+    reportblank(4);
+    report("Degrees of freedom   = %d<br>", test.df);
+    reportblank(4);
+    report("<i>p</i>-value              = %s<br>", p.c_str());
   } else {
-    report("%f<br>", p);
+    report("\nChi-square statistic = %f\nDegrees of freedom   = %d\nP-value              = %s\n", test.statistic,
+           test.df, p.c_str());
   }
+  if (test.df2 == 0.0) return;
+  reportline("The p-value is that of F = %f with %d and %.1f degrees of freedom.", test.statistic / test.df, test.df,
+             test.df2);
 }
 
 void writetest(const WaldTest& test, std::span<const EffectTest> effects) {
@@ -108,7 +97,7 @@ void writetest(const WaldTest& test, std::span<const EffectTest> effects) {
     return;
   }
   estimaterows(test);
-  statisticlines(test);
+  statisticlines(test.chisquare);
 }
 
 }  // namespace

@@ -79,12 +79,12 @@ Json numbers(const Array<double>& values) {
   return list;
 }
 
-// p of a chi-square statistic; below its degrees of freedom the report says ">.500" and no number is known.
-void addtail(Json& test, int df, double statistic, const ChiSquareTail& tail) {
-  test["chi_square"] = number(statistic);
-  test["df"] = df;
-  test["p"] = tail.below ? Json() : number(tail.p);
-  if (tail.below) test["p_note"] = ">.500";
+// A chi-square test; of averages p is that of F, whose denominator has df2 degrees of freedom.
+void addtest(Json& to, const ChiSquareTest& test) {
+  to["chi_square"] = number(test.statistic);
+  to["df"] = test.df;
+  if (test.df2 > 0.0) to["df2"] = number(test.df2);
+  to["p"] = number(test.p);
 }
 
 // The model.
@@ -162,7 +162,7 @@ Json model() {
 
 // Fixed effects.
 
-Json tested(const EffectTest& row, bool withratio) {
+Json tested(const EffectTest& row, const MissingShare* share, bool withratio) {
   Json test{{"standard_error", whenever(row.se != 0.0, number(row.se))},
             {"t", whenever(row.se != 0.0, number(row.t))},
             {"df", row.df},
@@ -170,13 +170,17 @@ Json tested(const EffectTest& row, bool withratio) {
             {"p_rough", row.rough},
             {"interval", bounds(row.interval)}};
   if (withratio) test["ratio_interval"] = bounds(row.ratiointerval);
+  if (share == nullptr) return test;
+  test["missing_information"] = number(share->fraction);
+  test["relative_efficiency"] = number(share->efficiency);
   return test;
 }
 
 Json fixedeffects(const Array<double>& gamma, const EffectTable& model, const EffectTable& robust, bool withratio) {
   const ModelRows rows = modelrows(run.model);
   const auto side = [&](const EffectTable& table, std::size_t g) {
-    return table.rows.empty() ? Json() : tested(table.rows[g], withratio);
+    if (table.rows.empty()) return Json();
+    return tested(table.rows[g], table.shares.empty() ? nullptr : &table.shares[g], withratio);
   };
   Json list = Json::array();
   std::size_t g = 0;
@@ -213,7 +217,7 @@ void addhypotheses(Json& list, const char* name, const EffectTable& table) {
                {"estimates", test.computed ? numbers(test.estimates) : Json()},
                {"standard_errors", test.computed ? numbers(test.errors) : Json()}};
     if (test.computed) {
-      addtail(entry, test.r, test.statistic, test.tail);
+      addtest(entry, test.chisquare);
     } else {
       entry.update({{"chi_square", nullptr}, {"df", test.r}, {"p", nullptr}});
     }
@@ -289,7 +293,7 @@ Json variancetests(const Array<double>& tau, std::span<const VarianceTest> tests
     const double variance = std::max(0.0, tau[i * (n + 1)]);
     Json row{{"variance", number(variance)}, {"standard_deviation", number(std::sqrt(variance))}};
     if (tests[i].known) {
-      addtail(row, tests[i].df, tests[i].chisq, tests[i].tail);
+      addtest(row, tests[i].chisquare);
     } else {
       row.update({{"chi_square", nullptr}, {"df", nullptr}, {"p", nullptr}});
     }
@@ -313,8 +317,12 @@ void addlikelihood(Json& phase, double loglik, bool comparable, long long parame
   phase["bic_sample_size"] = whenever(has, run.mdm.nunits1);
   Json comparison;
   if (has && run.out.deviance) {
-    const auto [statistic, df, tail] = comparisonof(deviance, parameters, {*run.out.deviance, run.out.df});
-    addtail(comparison, df, statistic, tail);
+    const DevianceComparison made = comparisonof(deviance, parameters, {*run.out.deviance, run.out.df}, run.model);
+    const bool possible = made.impossible.empty();
+    addtest(comparison, made.chisquare);
+    comparison["p"] = whenever(possible, comparison["p"]);
+    comparison["mixture_p"] = whenever(possible && made.mixture, number(made.mixturep));
+    comparison["impossible"] = textornull(made.impossible);
   }
   phase["model_comparison"] = std::move(comparison);
 }
@@ -477,6 +485,15 @@ Json filesmade() {
   return files;
 }
 
+// The sentences about the run, and those on comparisons that are none.
+Json allwarnings() {
+  Json warnings = document.warnings;
+  for (const Json& phase : document.phases)
+    if (const Json& compared = phase["model_comparison"]; !compared.is_null() && !compared["impossible"].is_null())
+      warnings.push_back("The models of DEVIANCE: cannot be compared. " + compared["impossible"].get<std::string>());
+  return warnings;
+}
+
 // What tells the files that pictures are drawn from.
 Json checksums() {
   Json list = Json::array();
@@ -488,7 +505,7 @@ Json checksums() {
 
 Json wholedocument() {
   return {{"format", "kdr3 results"},
-          {"format_version", 2},
+          {"format_version", 3},
           {"program", module},
           {"version", version},
           {"title", run.files.title},
@@ -499,7 +516,7 @@ Json wholedocument() {
           {"series", seriesfacts()},
           {"converged", converged()},
           {"phases", document.phases},
-          {"warnings", document.warnings},
+          {"warnings", allwarnings()},
           {"files", filesmade()},
           {"checksums", checksums()}};
 }
@@ -562,7 +579,7 @@ void documentaverages(const Pooled& pooled, std::span<const int> failed) {
   phase["subruns"] = pooled.M;
   phase["sigma2"] = sigma2of(pooled.sigma2, pooled.sigma2fixed, pooled.errorsknown, pooled.sigma2error);
   phase["tau_pi"] = taumatrix(Tau::pi, {q, &pooled.taupi, pooled.errorsknown ? &pooled.taupierrors : nullptr,
-                                        &pooled.reliability2, pooled.units3});
+                                        &pooled.reliability2, pooled.units2});
   phase["tau_beta"] = taumatrix(Tau::beta, {r, &pooled.taubeta, pooled.errorsknown ? &pooled.taubetaerrors : nullptr,
                                             &pooled.reliability3, pooled.units3});
   phase["variance_tests"] = {{"level2", variancetests(pooled.taupi, pooled.tests.level2)},

@@ -181,6 +181,12 @@ std::string bareword(const Name& name) {
   return escaped(std::string_view(left).substr(0, left.find(' ')));
 }
 
+std::string pvalue(double p, int decimals, bool least) {
+  if (p > 0.5) return ">.500";
+  if (p < 0.001 && (least || run.report.html)) return run.report.html ? "&lt;0.001" : "<0.001";
+  return formatted("%.*f", decimals, p);
+}
+
 std::string fixedpoint(double value, int width, int decimals) {
   char text[400];  // the largest double takes 309 digits
   if (!std::isfinite(value) || value == missingcode) {

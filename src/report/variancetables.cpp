@@ -109,26 +109,13 @@ void chisquare(Tau which, const VarianceTest& test, const char* style) {
     reporthtml("<td align=left colspan=3 %s>too few df to compute</td></tr>\n", style);
     return;
   }
-  const auto& [known, chisq, df, tail] = test;
-  const auto [below, p] = tail;
-  if (!run.report.html) {
-    report("%s%4d  %12.5f    ", which == Tau::pi ? "  " : "", df, chisq);
-    if (below) {
-      report(">.500\n");
-    } else {
-      report("%5.3f\n", p);
-    }
-    return;
-  }
-  report("<td align=right %s>%d</td><td align=right %s>%12.5f</td>", style, df, style, chisq);
-  if (below) {
-    report("<td align=right %s>>.500</td>", style);
-  } else if (p < 0.001) {
-    report("<td align=right %s>&lt;0.001</td>", style);
+  const auto& [statistic, df, df2, p] = test.chisquare;
+  if (run.report.html) {
+    report("<td align=right %s>%d</td><td align=right %s>%12.5f</td>", style, df, style, statistic);
+    report("<td align=right %s>%s</td></tr>\n", style, pvalue(p, 3).c_str());
   } else {
-    report("<td align=right %s>%5.3f</td>", style, p);
+    report("%s%4d  %12.5f    %s\n", which == Tau::pi ? "  " : "", df, statistic, pvalue(p, 3).c_str());
   }
-  report("</tr>\n");
 }
 
 void level1effect(double sigma2) {

@@ -208,10 +208,9 @@ LatentModel latentmodel(const ModelRows& rows, std::span<const LatentRole> roles
 }
 
 LatentRegression latentregression(const LatentModel& model, const PassResults& results) {
-  const Array<double> vgamma = results.est.covariance();
   LatentEstimates estimates{view(results.est.taubeta),
                             view(results.est.gammahat),
-                            view(vgamma),
+                            view(results.covariance),
                             {},
                             0,
                             static_cast<int>(packedsize(model.ntaupi))};

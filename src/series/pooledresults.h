@@ -33,7 +33,7 @@ struct Pooled {
   Array<double> taucovariance;               // tauorder squared
   Array<double> taupierrors, taubetaerrors;  // full matrices; missingcode for a negative variance
   Array<double> reliability2, reliability3;  // [q], [r]
-  int units3 = 0;                            // mean usable level-3 units of the reliabilities, a fraction dropped
+  int units2 = 0, units3 = 0;                // mean usable units of the reliabilities, a fraction dropped
   VarianceTests tests;                       // their units are means, too
   PooledEffects effects;
   PooledEffects popaverage;  // with shape.popaverage

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <utility>
+#include <vector>
 
 #include "core/constants.h"
 #include "estimate/inference/teststatistics.h"
@@ -58,47 +59,64 @@ void addbetween(Array<double>& C, Records records, const Array<double>& mean, Ge
   }
 }
 
-// Rubin's degrees of freedom.
-int freedom(std::size_t M, double within, double between, int complete) {
+// Of one effect, r = between / within.
+struct Freedom {
+  int df;
+  MissingShare share;
+};
+Freedom freedom(std::size_t M, double within, double between, int complete) {
   constexpr double largest = 2147483647.0;
-  const double ratio = within / between + 1.0;
-  const double nu = (static_cast<double>(M) - 1.0) * ratio * ratio;
-  return M > 1 && nu <= largest ? std::min(static_cast<int>(nu), complete) : complete;
+  const auto m = static_cast<double>(M);
+  const double r = between / within, ratio = 1.0 / r + 1.0;
+  const double nu = (m - 1.0) * ratio * ratio;
+  Freedom made{complete, {}};
+  if (M == 1 || !(nu <= largest)) return made;
+  made.df = std::min(static_cast<int>(nu), complete);
+  made.share.fraction = (r + 2.0 / (nu + 3.0)) / (r + 1.0);
+  made.share.efficiency = 1.0 / (1.0 + made.share.fraction / m);
+  return made;
 }
 
 using Effects = SubrunEffects SubrunRecord::*;
 
-PooledCovariance poolcovariance(Records records, Effects effects, Array<double> SubrunEffects::*matrix, double sigma2,
+PooledCovariance poolcovariance(Records records, Effects effects, Array<double> SubrunEffects::*matrix,
                                 const Array<double>& gamma, const PoolFrame& frame, const Model& model) {
   PooledCovariance pooled;
   const std::size_t g = gamma.size();
-  Array<double> within = meanarray(
-      records, [&](const SubrunRecord& r) -> auto& { return r.*effects.*matrix; });
-  for (double& x : within) x *= sigma2;
+  // Each matrix is in units of the sigma^2 of its own record.
+  Array<double> within(g * g);
+  for (const SubrunRecord& record : records)
+    for (std::size_t i = 0; i < within.size(); ++i)
+      within[i] += record.sigma2 * (record.*effects.*matrix)[i] / static_cast<double>(records.size());
   Array<double> spread(g * g);
   addbetween(spread, records, gamma, [&](const SubrunRecord& r, std::size_t i) { return (r.*effects).gammahat[i]; });
   pooled.known = true;
   pooled.covariance.reset(g * g);
   for (std::size_t i = 0; i < g * g; ++i) pooled.covariance[i] = within[i] + spread[i];
   FixedDegrees degrees = frame.degrees.copy();
+  std::vector<MissingShare> shares;
   for (std::size_t i = 0; i < g; ++i) {
     const std::size_t ii = i * (g + 1);
-    degrees.df[i] = freedom(records.size(), within[ii], spread[ii], degrees.df[i]);
+    const Freedom made = freedom(records.size(), within[ii], spread[ii], degrees.df[i]);
+    degrees.df[i] = made.df;
+    shares.push_back(made.share);
   }
   pooled.effects = effecttable(gamma, pooled.covariance, degrees);
-  addhypotheses(pooled.effects, model, gamma, pooled.covariance);
+  const bool several = records.size() > 1;
+  if (several) pooled.effects.shares = std::move(shares);
+  const Between between{within, spread, static_cast<int>(records.size())};
+  addhypotheses(pooled.effects, model, gamma, pooled.covariance, several ? &between : nullptr);
   return pooled;
 }
 
-PooledEffects pooleffects(Records records, Effects effects, double sigma2, const PoolFrame& frame, const Model& model) {
+PooledEffects pooleffects(Records records, Effects effects, const PoolFrame& frame, const Model& model) {
   PooledEffects pooled;
   pooled.gamma = meanarray(
       records, [&](const SubrunRecord& r) -> auto& { return (r.*effects).gammahat; });
-  pooled.model = poolcovariance(records, effects, &SubrunEffects::vgamma, sigma2, pooled.gamma, frame, model);
+  pooled.model = poolcovariance(records, effects, &SubrunEffects::vgamma, pooled.gamma, frame, model);
   const bool robust = std::none_of(records.begin(), records.end(),
                                    [&](const SubrunRecord& r) { return (r.*effects).robust[0] == missingcode; });
-  if (robust)
-    pooled.robust = poolcovariance(records, effects, &SubrunEffects::robust, sigma2, pooled.gamma, frame, model);
+  if (robust) pooled.robust = poolcovariance(records, effects, &SubrunEffects::robust, pooled.gamma, frame, model);
   return pooled;
 }
 
@@ -143,19 +161,35 @@ void poolerrors(const SubrunShape& shape, Records records, Pooled& pooled) {
   pooled.errorsknown = true;
 }
 
-VarianceTests pooltests(Records records, const PoolFrame& frame) {
+// The statistic of the sub-runs' chi-squares with k degrees of freedom each (Li, Meng, Raghunathan and Rubin, 1991):
+// with r = (1 + 1/M) times the variance of their roots,
+//   D = (mean / k - (M + 1) / (M - 1) r) / (1 + r)  is F with k and k^(-3/M) (M - 1) (1 + 1/r)^2 degrees of freedom.
+template <class Get>
+VarianceTest pooledvariancetest(Records records, long long degrees, Get get) {
+  const double mean = meanof(records, get), M = static_cast<double>(records.size());
+  VarianceTest test = variancetest(degrees, mean);
+  if (!test.known || records.size() == 1) return test;
+  const double root = meanof(records, [&](const SubrunRecord& r) { return std::sqrt(get(r)); });
+  double squares = 0.0;
+  for (const SubrunRecord& record : records) squares += std::pow(std::sqrt(get(record)) - root, 2);
+  const double r = betweenfactor(records.size()) * squares, k = test.chisquare.df;
+  const double D = std::max(0.0, (mean / k - (M + 1.0) / (M - 1.0) * r) / (1.0 + r));
+  const double nu = std::pow(k, -3.0 / M) * (M - 1.0) * std::pow(1.0 + 1.0 / r, 2);
+  test.chisquare = chisquaretest(test.chisquare.df, k * D, nu);
+  return test;
+}
+
+VarianceTests pooltests(const SubrunShape& shape, Records records, const PoolFrame& frame) {
   VarianceTests tests;
   tests.units2 = wholemean(records, [](const SubrunRecord& r) { return r.testunits2; });
   tests.units3 = wholemean(records, [](const SubrunRecord& r) { return r.testunits3; });
-  const Array<double> chisq2 = meanarray(
-      records, [](const SubrunRecord& r) -> auto& { return r.chisq2; });
-  const Array<double> chisq3 = meanarray(
-      records, [](const SubrunRecord& r) -> auto& { return r.chisq3; });
-  for (std::size_t i = 0; i < chisq2.size(); ++i)
-    tests.level2.push_back(variancetest(
-        tests.units2 - static_cast<long long>(frame.nterms2[i]) * tests.units3 - frame.nfixedterms2[i], chisq2[i]));
-  for (std::size_t i = 0; i < chisq3.size(); ++i)
-    tests.level3.push_back(variancetest(tests.units3 - frame.nterms3[i], chisq3[i]));
+  for (std::size_t i = 0; i < at(shape.q); ++i)
+    tests.level2.push_back(pooledvariancetest(
+        records, tests.units2 - static_cast<long long>(frame.nterms2[i]) * tests.units3 - frame.nfixedterms2[i],
+        [i](const SubrunRecord& r) { return r.chisq2[i]; }));
+  for (std::size_t i = 0; i < at(shape.r); ++i)
+    tests.level3.push_back(pooledvariancetest(records, tests.units3 - frame.nterms3[i],
+                                              [i](const SubrunRecord& r) { return r.chisq3[i]; }));
   return tests;
 }
 
@@ -189,8 +223,9 @@ Pooled pool(const SubrunShape& shape, std::span<const SubrunRecord> records, con
       records, [](const SubrunRecord& r) -> auto& { return r.reliability2; });
   pooled.reliability3 = meanarray(
       records, [](const SubrunRecord& r) -> auto& { return r.reliability3; });
+  pooled.units2 = wholemean(records, [](const SubrunRecord& r) { return r.units2; });
   pooled.units3 = wholemean(records, [](const SubrunRecord& r) { return r.units3; });
-  pooled.tests = pooltests(records, frame);
+  pooled.tests = pooltests(shape, records, frame);
   if (shape.fisher) {
     // Where sigma^2 is held it has no variance; then an information that could not be inverted leaves no variance at
     // all.
@@ -201,9 +236,8 @@ Pooled pool(const SubrunShape& shape, std::span<const SubrunRecord> records, con
     }));
     if (pooled.zerovar == 0) poolerrors(shape, records, pooled);
   }
-  pooled.effects = pooleffects(records, &SubrunRecord::effects, pooled.sigma2, frame, model);
-  if (shape.popaverage)
-    pooled.popaverage = pooleffects(records, &SubrunRecord::popaverage, pooled.sigma2, frame, model);
+  pooled.effects = pooleffects(records, &SubrunRecord::effects, frame, model);
+  if (shape.popaverage) pooled.popaverage = pooleffects(records, &SubrunRecord::popaverage, frame, model);
   return pooled;
 }
 

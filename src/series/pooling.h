@@ -25,8 +25,9 @@ struct PoolFrame {
 [[nodiscard]] PoolFrame poolframe(const ModelRows& rows, const SubrunShape& shape, FixedDegrees degrees);
 
 // Pools one or more records of the shape, with the tests of the model's hypotheses. The complete-data degrees of
-// freedom bound those of the pooled effects:
-//   nu = (M - 1) (within_ii / between_ii + 1)^2,  df_i = min(trunc(nu), df_i), df_i where nu has no value.
+// freedom bound those of the pooled effects, with r = between_ii / within_ii:
+//   nu = (M - 1) (1 + 1/r)^2,  df_i = min(trunc(nu), df_i), df_i where nu has no value;
+//   fraction of missing information (r + 2 / (nu + 3)) / (r + 1), relative efficiency 1 / (1 + fraction / M).
 // Failure 3.
 [[nodiscard]] Pooled pool(const SubrunShape& shape, std::span<const SubrunRecord> records, const PoolFrame& frame,
                           const Model& model);

@@ -70,7 +70,7 @@ void takesame(Array<double>& to, const Array<double>& from) {
 
 void takestatistics(Array<double>& to, const std::vector<VarianceTest>& from) {
   if (from.size() != to.size()) return;
-  for (std::size_t i = 0; i < to.size(); ++i) to[i] = from[i].chisq;
+  for (std::size_t i = 0; i < to.size(); ++i) to[i] = from[i].chisquare.statistic;
 }
 
 }  // namespace

@@ -101,9 +101,7 @@ EffectTable tested(const Array<double>& gamma, const Array<double>& covariance) 
 }
 
 // Two hypotheses over 3 gammas. The first, of rows (0 1 0) and (0 2 0), depends on itself; the second, (1 -1 0) with
-// variances 3 and 1 and no covariance, has estimate 4 - 2 = 2, variance 4, statistic 1. The cube-root transform of 1
-// with one degree of freedom is z = (2/9) sqrt(4.5) = 0.4714, whose tail is 0.5 / 1.119397^4 = 0.318444 (exactly:
-// 0.3173).
+// variances 3 and 1 and no covariance, has estimate 4 - 2 = 2, variance 4, statistic 1, whose tail is 0.317311.
 TEST(HypothesisTest, GoesOnBehindDependentContrasts) {
   startmodel({"Y", "X"}, {}, {"POOR"});
   setmodel({{0, true, {{0, {0, 1}}}}, {2, true, {{0, {0}}}}});
@@ -138,7 +136,7 @@ TEST(HypothesisTest, GoesOnBehindDependentContrasts) {
                       "         INTRCPT3, G100        9.000000      0.000\n" +
                       rule + " Estimate                                  2.00000\n" +
                       " Standard Error of estimate                2.00000\n"
-                      "\nChi-square statistic = 1.000000\nDegrees of freedom   = 1\nP-value              = 0.318444\n");
+                      "\nChi-square statistic = 1.000000\nDegrees of freedom   = 1\nP-value              = 0.317311\n");
 }
 
 TEST(HypothesisTest, RefusesMoreContrastsThanGammas) {
@@ -152,24 +150,33 @@ TEST(HypothesisTest, RefusesMoreContrastsThanGammas) {
 }
 
 // Log-likelihood -500, so deviance 1000. 5 gammas, taupi of order 2 (3 elements), taubeta of order 2 (3), sigma^2: 12
-// parameters; 11 with sigma^2 fixed; 9 + 20 * 3 = 69 with a taupi for each of 20 level-3 units.
+// parameters; 11 with sigma^2 fixed; 9 + 20 * 3 = 69 with a taupi for each of 20 level-3 units; 10 with both diagonal.
+// The 5% points of chi-square: 18.307 on 10, 5.9915 on 2, 3.8415 on 1, whose mixture is 0.5 (0.0500 + 0.0143).
 TEST(ModelStatistics, ParametersAndTheAlternative) {
   const struct {
     std::optional<double> deviance;
     int parameters, phase;
     std::optional<double> fixsigma2;
+    bool diagonal;
     const char* words;  // number of parameters, degrees of freedom and p-value of the comparison
-  } cases[] = {{{}, 0, 1, {}, "69"},
-               {{}, 0, 2, 1.0, "11"},
-               {1018.307, 2, 2, {}, "12 10 0.050"},  // the 5% point of chi-square with 10 degrees of freedom is 18.307
-               {995.0, 22, 2, {}, "12 10 >.500"},    // below its degrees of freedom
-               {1000.0, 12, 2, {}, "12 0 >.500"},    // the same model
-               {900.0, 12, 2, {}, "12 0 >.500"}};    // no degrees of freedom
+    const char* more;   // what else is said of it
+  } cases[] = {{{}, 0, 1, {}, false, "69", ""},
+               {{}, 0, 2, 1.0, false, "11", ""},
+               {{}, 0, 2, {}, true, "10", ""},
+               {1018.307, 2, 2, {}, false, "12 10 0.050", ""},
+               {1005.9915, 10, 2, {}, false, "12 2 0.050", "1 and 2 degrees of freedom it is 0.032."},
+               {1003.8415, 9, 2, {}, true, "10 1 0.050", "0 and 1 degrees of freedom it is 0.025."},
+               {994.0085, 15, 2, {}, false, "12 3 0.112", "2 and 3 degrees of freedom it is 0.081."},
+               {995.0, 22, 2, {}, false, "12 10 >.500", ""},
+               {1000.00001, 22, 2, {}, false, "12 10 >.500", ""},  // equal, but for what was typed
+               {937.6, 11, 2, {}, false, "12 1 Unable", "The model with more parameters fits worse"},
+               {1000.0, 12, 2, {}, false, "12 0 Unable", "the same number of parameters"}};
   for (const auto& c : cases) {
     fivegammas();
     run.out.deviance = c.deviance;
     run.out.df = c.parameters;
     run.model.restrictions.fixsigma2 = c.fixsigma2;
+    run.model.restrictions.diagtaupi = run.model.restrictions.diagtaubeta = c.diagonal;
     PassResults results;
     results.loglik = -500.0;
     results.heterogeneous = c.phase == 1;
@@ -186,6 +193,12 @@ TEST(ModelStatistics, ParametersAndTheAlternative) {
         words += (words.empty() ? "" : " ") + value;
       }
     EXPECT_EQ(words, c.words) << text;
+    std::string joined = text;
+    for (std::size_t at; (at = joined.find("\n ")) != std::string::npos;) joined.erase(at, 1);
+    EXPECT_NE(joined.find(c.more), std::string::npos) << text;
+    if (*c.more == 0) {
+      EXPECT_EQ(joined.find("degrees of freedom it is"), std::string::npos) << text;
+    }
   }
 }
 

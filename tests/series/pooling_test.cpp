@@ -53,6 +53,34 @@ TEST(Pooling, EqualGammasKeepTheCompleteDegreesOfFreedom) {
   for (std::size_t i = 0; i < 3; ++i) EXPECT_EQ(pooled.effects.model.effects.rows[i].df, dfgamma[i]) << i;
 }
 
+// By tests/reference/pooledtests.py: sub-runs of their own sigma^2, chi-squares alone.
+TEST(Pooling, WithinVarianceSharesAndChiSquares) {
+  const SubrunShape plain{1, 1, 1, false, false};
+  const double sigma2[] = {2.0, 1.0, 4.0, 3.0}, vgamma[] = {0.1, 0.3, 0.05, 0.1}, gamma[] = {1.0, 1.2, 0.9, 1.3},
+               chisq[] = {20.5, 30.25, 17.0, 22.0};
+  std::vector<SubrunRecord> series;
+  for (int m = 0; m < 4; ++m) {
+    SubrunRecord& record = series.emplace_back(emptyrecord(plain));
+    record.sigma2 = sigma2[m];
+    record.effects.vgamma[0] = record.effects.robust[0] = vgamma[m];
+    record.effects.gammahat[0] = gamma[m];
+    record.chisq3[0] = chisq[m];
+    record.testunits3 = 12;
+  }
+  const Pooled pooled = pooledof(plain, series);
+  const EffectTable& effects = pooled.effects.model.effects;
+  // U = (0.2 + 0.3 + 0.2 + 0.3) / 4 = 0.25, B = 5/4 (0.01 + 0.01 + 0.04 + 0.04) / 3 = 1/24, r = 1/6, nu = 3 49 = 147
+  EXPECT_NEAR(pooled.effects.model.covariance[0], 0.25 + 1.0 / 24.0, 1e-12);
+  EXPECT_EQ(effects.rows[0].df, 27);
+  EXPECT_NEAR(effects.shares[0].fraction, (1.0 / 6.0 + 2.0 / 150.0) / (7.0 / 6.0), 1e-12);
+  EXPECT_NEAR(effects.shares[0].efficiency, 1.0 / (1.0 + effects.shares[0].fraction / 4.0), 1e-12);
+  const ChiSquareTest& test = pooled.tests.level3[0].chisquare;
+  EXPECT_EQ(test.df, 12);
+  EXPECT_NEAR(test.statistic, 9.936826857402504, 1e-9);
+  EXPECT_NEAR(test.df2, 5.362509862604115, 1e-9);
+  EXPECT_NEAR(test.p, 0.6356861394929765, 1e-9);
+}
+
 TEST(Pooling, WithoutScoringNoErrors) {
   const SubrunShape plain{1, 1, 1, false, false};
   std::vector<SubrunRecord> series;

@@ -2,65 +2,137 @@
 #include <cmath>
 
 #include "estimate/inference/teststatistics.h"
-#include "kernel/decompositions.h"
+#include "kernel/products.h"
 #include "kernel/sizes.h"
 
 namespace kdr {
 
 namespace {
 
-// e = C gamma (r) and W = C vgamma C' (r x r).
-void contrastestimates(const WaldTest& test, const double* gamma, const double* vgamma, Array<double>& e,
-                       Array<double>& W) {
-  const auto row = [&](int i) { return test.C.data() + static_cast<std::ptrdiff_t>(i) * test.n; };
-  Array<double> Vc(at(test.n));
-  for (int j = 0; j < test.r; ++j) {
-    for (int g = 0; g < test.n; ++g) {
-      e[j] += row(j)[g] * gamma[g];
-      Vc[g] = 0.0;
-      for (int h = 0; h < test.n; ++h) Vc[g] += vgamma[static_cast<std::ptrdiff_t>(g) * test.n + h] * row(j)[h];
+// L with L L' = V (n by n), row by row; a variance that nothing is left of has a column of zeros. The remainder of a
+// pivot is held against the variance itself, so that no unit matters.
+Array<double> factorof(const Array<double>& V, int n) {
+  constexpr double nothing = 1.0e-13;
+  Array<double> L(square(n));
+  for (int j = 0; j < n; ++j) {
+    double pivot = V[j * n + j];
+    for (int k = 0; k < j; ++k) pivot -= L[j * n + k] * L[j * n + k];
+    if (!(pivot > nothing * V[j * n + j])) continue;
+    L[j * n + j] = std::sqrt(pivot);
+    for (int i = j + 1; i < n; ++i) {
+      double x = V[i * n + j];
+      for (int k = 0; k < j; ++k) x -= L[i * n + k] * L[j * n + k];
+      L[i * n + j] = x / L[j * n + j];
     }
-    for (int i = 0; i < test.r; ++i) {
-      double& w = W[at(i) * at(test.r) + at(j)];
-      for (int g = 0; g < test.n; ++g) w += row(i)[g] * Vc[g];
-    }
+  }
+  return L;
+}
+
+// The rows of A = C L (r by n), orthogonal with the lengths on the diagonal of R: A = R Q, R lower triangular with
+// W = A A' = R R'. Rows are scaled to unit length first; `scale` has their lengths, which are the standard errors of
+// the contrasts. False when a row lies in the space of those before it.
+bool orthogonalise(Array<double>& A, int r, int n, Array<double>& R, Array<double>& scale) {
+  constexpr double dependent = 1.0e-9;
+  const auto row = [&](int i) { return A.data() + static_cast<std::ptrdiff_t>(i) * n; };
+  const auto dot = [&](const double* a, const double* b) {
+    double sum = 0.0;
+    for (int k = 0; k < n; ++k) sum += a[k] * b[k];
+    return sum;
+  };
+  for (int i = 0; i < r; ++i) {
+    scale[i] = std::sqrt(dot(row(i), row(i)));
+    if (!(scale[i] > 0.0) || !std::isfinite(scale[i])) return false;
+    for (int k = 0; k < n; ++k) row(i)[k] /= scale[i];
+    // Twice is enough: what the first round leaves of the rows before goes in the second.
+    for (int round = 0; round < 2; ++round)
+      for (int j = 0; j < i; ++j) {
+        const double part = dot(row(i), row(j));
+        R[i * r + j] += part;
+        for (int k = 0; k < n; ++k) row(i)[k] -= part * row(j)[k];
+      }
+    const double left = std::sqrt(dot(row(i), row(i)));
+    if (!(left > dependent)) return false;
+    R[i * r + i] = left;
+    for (int k = 0; k < n; ++k) row(i)[k] /= left;
+  }
+  return true;
+}
+
+// R^-1 x, R lower triangular.
+void solvelower(const Array<double>& R, int r, double* x) {
+  for (int i = 0; i < r; ++i) {
+    for (int j = 0; j < i; ++j) x[i] -= R[i * r + j] * x[j];
+    x[i] /= R[i * r + i];
   }
 }
 
-// Inverts W; false when the contrasts are not independent.
-bool invertcontrasts(int r, const Array<double>& W, Array<double>& inverse) {
-  for (int i = 0; i < r; ++i)
-    if (W[at(i) * at(r + 1)] < 0.0) return false;
-  if (hasunitcorrelation(r, W.data(), r) || !ispositivedefinite(r, W.data(), r, nullptr)) return false;
-  return invertsymmetric(r, W.data(), inverse.data()).result == 0;
+// A test under one covariance: e and its standard errors, and the factor of W.
+struct Contrasts {
+  Array<double> e, errors;  // [r]
+  Array<double> R;          // r squared, of W scaled to a unit diagonal
+  double statistic = 0.0;   // e' W^-1 e
+};
+
+// False when the contrasts are not independent under the covariance.
+bool computecontrasts(const WaldTest& test, const Array<double>& gamma, const Array<double>& covariance,
+                      Contrasts& made) {
+  const int r = test.r, n = test.n;
+  made = {Array<double>(at(r)), Array<double>(at(r)), Array<double>(square(r))};
+  mulAB(made.e.data(), test.C.data(), gamma.data(), r, 1, n);
+  if (r > n) return false;
+  const Array<double> L = factorof(covariance, n);
+  Array<double> A(at(r) * at(n));
+  mulAB(A.data(), test.C.data(), L.data(), r, n, n);
+  if (!orthogonalise(A, r, n, made.R, made.errors)) return false;
+  Array<double> x(at(r));
+  for (int i = 0; i < r; ++i) x[i] = made.e[i] / made.errors[i];
+  solvelower(made.R, r, x.data());
+  for (const double value : x) made.statistic += value * value;
+  return std::isfinite(made.statistic);
 }
 
-// e' W^-1 e.
-double waldstatistic(int r, const Array<double>& e, const Array<double>& inverse) {
-  double sum = 0.0;
+// tr(B U^-1) of the contrasts, from the factor of U.
+double relativespread(const WaldTest& test, const Array<double>& spread, const Contrasts& within) {
+  const int r = test.r, n = test.n;
+  Array<double> CB(at(r) * at(n)), B(square(r)), column(at(r));
+  mulAB(CB.data(), test.C.data(), spread.data(), r, n, n);
+  mulABt(B.data(), CB.data(), test.C.data(), r, r, n);
   for (int i = 0; i < r; ++i)
-    for (int j = 0; j < r; ++j) sum += e[i] * inverse[at(i) * at(r) + at(j)] * e[j];
-  return sum;
+    for (int j = 0; j < r; ++j) B[i * r + j] /= within.errors[i] * within.errors[j];
+  // R^-1 B R'^-1: its trace. First every column, then every row of what that makes.
+  double trace = 0.0;
+  for (int pass = 0; pass < 2; ++pass)
+    for (int j = 0; j < r; ++j) {
+      for (int i = 0; i < r; ++i) column[i] = pass == 0 ? B[i * r + j] : B[j * r + i];
+      solvelower(within.R, r, column.data());
+      for (int i = 0; i < r; ++i) (pass == 0 ? B[i * r + j] : B[j * r + i]) = column[i];
+      if (pass == 1) trace += column[j];
+    }
+  return trace;
+}
+
+ChiSquareTest pooledtest(const WaldTest& test, const Between& between, const Contrasts& within) {
+  const double r = test.r, t = r * (between.M - 1), s = relativespread(test, between.spread, within) / r;
+  const double nu = t > 4.0 ? 4.0 + (t - 4.0) * std::pow(1.0 + (1.0 - 2.0 / t) / s, 2)
+                            : t * (1.0 + 1.0 / r) * std::pow(1.0 + 1.0 / s, 2) / 2.0;
+  return chisquaretest(test.r, within.statistic / (1.0 + s), nu);
 }
 
 // Fills what follows the contrasts.
-void computetest(WaldTest& test, const double* gamma, const double* vgamma) {
-  const std::size_t r = at(test.r);
-  Array<double> W(r * r), inverse(r * r);
-  test.estimates.reset(r);
-  contrastestimates(test, gamma, vgamma, test.estimates, W);
-  test.computed = test.r <= test.n && invertcontrasts(test.r, W, inverse) &&
-                  std::isfinite(test.statistic = waldstatistic(test.r, test.estimates, inverse));
+void computetest(WaldTest& test, const Array<double>& gamma, const Array<double>& covariance, const Between* between) {
+  Contrasts total, within;
+  test.computed = computecontrasts(test, gamma, covariance, total);
+  if (test.computed && between != nullptr) test.computed = computecontrasts(test, gamma, between->within, within);
+  test.estimates = std::move(total.e);
   if (!test.computed) return;
-  test.tail = chisquaretail(test.r, test.statistic);
-  test.errors.reset(r);
-  for (std::size_t i = 0; i < r; ++i) test.errors[i] = std::sqrt(W[i * (r + 1)]);
+  test.errors = std::move(total.errors);
+  test.chisquare = between == nullptr ? chisquaretest(test.r, total.statistic) : pooledtest(test, *between, within);
 }
 
 }  // namespace
 
-void addhypotheses(EffectTable& table, const Model& model, const Array<double>& gamma,
-                   const Array<double>& covariance) {
+void addhypotheses(EffectTable& table, const Model& model, const Array<double>& gamma, const Array<double>& covariance,
+                   const Between* between) {
   if (!model.nhypotheses || covariance.empty()) return;
   const auto n = static_cast<int>(gamma.size());
   table.toomanycontrasts = !model.hypothesisrows.empty() && model.hypothesisrows[0] > n;
@@ -76,7 +148,7 @@ void addhypotheses(EffectTable& table, const Model& model, const Array<double>& 
     test.n = n;
     test.C.reset(size);
     for (std::size_t i = 0; i < size; ++i) test.C[i] = model.contrasts[first + i];
-    computetest(test, gamma.data(), covariance.data());
+    computetest(test, gamma, covariance, between);
     first += size;
   }
 }

@@ -52,15 +52,14 @@ EffectTable effecttable(const Array<double>& gamma, const Array<double>& covaria
   return table;
 }
 
-ChiSquareTail chisquaretail(int df, double statistic) {
-  if (df <= 0 || statistic < df) return {};
-  return {false, chisqprob(df, statistic)};
+ChiSquareTest chisquaretest(int df, double statistic, double df2) {
+  const bool ratio = df2 > 0.0 && std::isfinite(df2);
+  return {statistic, df, ratio ? df2 : 0.0, ratio ? fprob(df, df2, statistic / df) : chisqprob(df, statistic)};
 }
 
 VarianceTest variancetest(long long degrees, double chisq) {
-  if (degrees < 1 || !std::isfinite(chisq)) return {false, chisq, 0, {}};
-  const int df = static_cast<int>(std::min<long long>(degrees, INT_MAX));
-  return {true, chisq, df, chisquaretail(df, chisq)};
+  if (degrees < 1 || !std::isfinite(chisq)) return {false, {chisq}};
+  return {true, chisquaretest(static_cast<int>(std::min<long long>(degrees, INT_MAX)), chisq)};
 }
 
 double correlationof(const double* matrix, int n, int i, int j) {

@@ -14,12 +14,27 @@ namespace kdr {
 [[nodiscard]] EffectTable effecttable(const Array<double>& gamma, const Array<double>& covariance,
                                       const FixedDegrees& degrees, double scale = 1.0);
 
-// The multivariate Wald tests of the model's hypotheses into the table, if there are any and the covariance (g squared)
-// is not empty. Failure 3.
-void addhypotheses(EffectTable& table, const Model& model, const Array<double>& gamma, const Array<double>& covariance);
+// What lies between the sub-runs of a series: the covariance of gamma is then the mean of theirs, `within`, and this.
+struct Between {
+  const Array<double>& within;  // g squared
+  const Array<double>& spread;  // (1 + 1/M) times the covariance of the sub-runs' estimates
+  int M;                        // sub-runs, more than one
+};
 
-// The p-value of a chi-square statistic.
-[[nodiscard]] ChiSquareTail chisquaretail(int df, double statistic);
+// The multivariate Wald tests of the model's hypotheses into the table, if there are any and the covariance (g squared)
+// is not empty. With r contrasts C, e = C gamma and W = C covariance C' the statistic is e' W^-1 e, computed on a
+// factor of W, whose rows are scaled: neither the unit of a predictor nor that of a contrast changes it.
+//
+// Of a series it is the pooled test of Li, Raghunathan and Rubin (1991): with U = C within C', B = C spread C',
+// s = tr(B U^-1) / r, the statistic D = e' U^-1 e / (r (1 + s)) is F with r and nu degrees of freedom, with t = r (M -
+// 1)
+//   nu = 4 + (t - 4) (1 + (1 - 2/t) / s)^2 for t > 4, else t (1 + 1/r) (1 + 1/s)^2 / 2. Failure 3.
+void addhypotheses(EffectTable& table, const Model& model, const Array<double>& gamma, const Array<double>& covariance,
+                   const Between* between = nullptr);
+
+// The test of a statistic by chi-square; by F with df2 degrees of freedom of the denominator where df2 is above 0 and
+// finite.
+[[nodiscard]] ChiSquareTest chisquaretest(int df, double statistic, double df2 = 0.0);
 
 // The test of a variance by a chi-square statistic: known with at least one degree of freedom.
 [[nodiscard]] VarianceTest variancetest(long long degrees, double chisq);
