@@ -110,8 +110,8 @@ Failure startfromestimates(Pass& pass) {
   return known ? Failure{} : failed(16);
 }
 
-Failure iteratestage(Pass& pass, IterationState& state, int hetstate, int limit) {
-  state.hetstate = hetstate;
+Failure iteratestage(Pass& pass, IterationState& state, Stage stage, int limit) {
+  state.stage = stage;
   state.limit = limit;
   return iterate(pass, state);
 }
@@ -149,7 +149,7 @@ Failure runpass(Pass& pass, IterationState& state, PassResults& results, const I
   startiterations(pass, state);
   if (pass.plan.hetit != 0) {
     startheterogeneous(pass, state);
-    if (Failure failure = iteratestage(pass, state, 1, pass.plan.hetit)) return failure;
+    if (Failure failure = iteratestage(pass, state, Stage::heterogeneous, pass.plan.hetit)) return failure;
     if (Failure failure = heterogeneousresults(pass, state)) return failure;
   }
   if (pass.plan.limit == 0) {
@@ -159,7 +159,7 @@ Failure runpass(Pass& pass, IterationState& state, PassResults& results, const I
     results.ending = state.ending;
     return {};
   }
-  if (Failure failure = iteratestage(pass, state, 2, pass.plan.limit)) return failure;
+  if (Failure failure = iteratestage(pass, state, Stage::ordinary, pass.plan.limit)) return failure;
   results = stageresults(pass, state);
   return storefailure(pass.store);
 }
