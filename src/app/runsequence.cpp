@@ -179,7 +179,8 @@ void openresults() {
   run.model.coef.ngamma -= run.model.nconstrained;
   beginseries();
   if (!reportisstdout()) std::printf("Computing . . ., please wait\n");
-  writecommandfile(newcommandfile);
+  // The model that the user gave, with the first of the plausible values.
+  if (!run.series.pvmode || run.series.pvfirst) writecommandfile(newcommandfile);
 }
 
 // The estimation by the kind of the run; the results of its passes go to the store of a series.

@@ -128,6 +128,7 @@ struct RunRecord {
   Control control;
   OutputControl out;
   AnsweredMarks answered;
+  std::vector<std::string> odd;  // sentences on what the command file says in vain: oddcommand
   Symbols sym;
   ReportStream report;
   DesignWeights weights;

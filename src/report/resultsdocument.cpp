@@ -512,6 +512,18 @@ Json filesmade() {
   return files;
 }
 
+// Of the run as a whole, those of phases that ended too soon among them.
+Json runwarnings() {
+  Json warnings = document.warnings;
+  if (converged() != false) return warnings;
+  for (const Json& phase : document.phases)
+    if (phase["converged"] == false && phase["phase"] != "identity" &&
+        !(phase["phase"] == "population_average" && run.model.restrictions.fixsigma2))
+      warnings.push_back("The iterations of the phase " + phase["phase"].get<std::string>() +
+                         " were stopped prior to convergence.");
+  return warnings;
+}
+
 Json wholedocument() {
   return {{"format", "kdr3 results"},
           {"format_version", 1},
@@ -525,7 +537,7 @@ Json wholedocument() {
           {"series", seriesfacts()},
           {"converged", converged()},
           {"phases", document.phases},
-          {"warnings", document.warnings},
+          {"warnings", runwarnings()},
           {"files", filesmade()}};
 }
 
@@ -545,6 +557,7 @@ void writedocument(const std::string& path) {
 
 void startdocument() {
   document = {Json::array(), Json::array(), Json::array(), false};
+  for (const std::string& words : run.odd) document.warnings.push_back("Command file: " + words);
   run.id.passunconverged = false;
   run.files.made.clear();
 }
@@ -612,7 +625,11 @@ void documentaverages(const Pooled& pooled, const AveragedFrame& frame, std::spa
 }
 
 void documentending(bool converged) {
-  if (wanted() && !document.phases.empty()) document.phases.back()["converged"] = converged;
+  if (!wanted() || document.phases.empty()) return;
+  Json& phase = document.phases.back();
+  phase["converged"] = converged;
+  if (converged || phase["ending"] == endingname(Ending::converged))
+    phase["ending"] = endingname(converged ? Ending::converged : Ending::limit);
 }
 
 void documentwarning(const std::string& words) {
