@@ -42,11 +42,11 @@ constexpr const char* help =
     "  -nowait          end when the next second begins\n"
     "  -w               end after a pause of some seconds\n"
     "  -results FILE    write the results as a document (.json) or a table (.csv)\n"
-    "  -strict          stop at an unknown keyword (code 8) or a lost equation (100); code 20 when not converged\n"
+    "  -strict          stop at what the command file says in vain (code 8 or 100); code 20 when not converged\n"
     "  -i 1             keep the data in memory\n"
     "  -t N             threads of the maximum-likelihood engines\n"
     "  -p low, -p high  priority of the process\n"
-    "  -mi K, -e        data set K of a multiple imputation; -e: the last one\n"
+    "  -mi K, -e        data set K of a multiple imputation; -e: the last one; -e alone: average the series\n"
     "  -v               print the version and go on\n"
     "  -h, --help       print this list\n"
     "  --version        print the version\n";
@@ -156,6 +156,7 @@ std::string standardinput() {
   if (copy < 0) fail(6);
   char bytes[4096];
   ssize_t count = 0;
+  const BreakableReads breakable;
   while ((count = read(STDIN_FILENO, bytes, sizeof bytes)) != 0) {
     checksignals();
     if (count < 0 && errno != EINTR) unreadableinput();
@@ -249,7 +250,9 @@ Options readoptions(int argc, char** argv) {
       break;
     }
   }
-  if (run.series.milast && !run.series.mimode)
+  run.series.closing = run.series.milast && !run.series.mimode && files.empty() && argc > 1 && !options.templatejob &&
+                       onefile.from.empty();
+  if (run.series.milast && !run.series.mimode && !run.series.closing)
     stopwith("-e (last multiple imputation) specified, but -m (multiple imputation) was not!\n");
   run.files.resultsgiven = !run.files.results.empty();
   if (overlong(run.files.results)) stopwith("The path is too long: %s\n", run.files.results.c_str());

@@ -214,6 +214,7 @@ void readcommandfile() {
     return;
   }
   reader.lines.stream.reset(nextpass ? run.files.nextcommands : openfile(run.files.cmdfile, "rb"));
+  const BreakableReads breakable;  // a pipe may wait
   while (nextline(reader.lines)) {
     const std::string& line = reader.lines.line;
     if (line.empty() || line[0] == '#') continue;

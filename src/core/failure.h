@@ -35,5 +35,7 @@ inline constexpr int fulldisk = 5, notemporary = 6;  // rows that whoever writes
   failure.reportwords = std::move(reportwords);
   return failure;
 }
+// The same words on both.
+[[nodiscard]] inline Failure failedboth(const std::string& words) { return failedwith(words, words); }
 
 }  // namespace kdr

@@ -636,12 +636,7 @@ void documentwarning(const std::string& words) {
   if (wanted()) document.warnings.push_back(words);
 }
 
-std::string resultsname() {
-  const std::string& name = run.files.results;
-  if (name.empty() || (!run.series.mimode && !run.series.pvmode)) return name;
-  const std::size_t dot = extensionplace(name);
-  return name.substr(0, dot) + "_" + std::to_string(subrunnumber()) + name.substr(dot);
-}
+std::string resultsname() { return subrunname(run.files.results); }
 
 void refuseforeignresults() {
   for (const std::string& name : {resultsname(), run.files.results}) {

@@ -172,7 +172,18 @@ SubrunRecord recordof(const SubrunShape& shape, const PassResults& results) {
   return record;
 }
 
-void stopunusable(const std::string& problem) { stopwith("%s\n", problem.c_str()); }
+void takeshape(const SubrunShape& shape) {
+  series.shape = shape;
+  run.model.coef.ntaupi = shape.q;  // a pass finds the same; a last data set may fail before it has one
+  run.model.coef.ntaubeta = shape.r;
+  series.frame = frameof(modelrows(run.model), shape);
+  series.begun = true;
+}
+
+void stopunusable(const std::string& problem) {
+  series.pooled = true;  // the stop has nothing to add
+  stopwith("%s\n", problem.c_str());
+}
 
 // All usable sub-runs; `failed` gets the indices of the others. False, with the sentence on the console, when the store
 // isn't usable.
@@ -246,11 +257,15 @@ void beginseries() {
       mode.mifirst = false;
     }
   }
-  series.shape = shape;
-  run.model.coef.ntaupi = shape.q;  // a pass finds the same; a last data set may fail before it has one
-  run.model.coef.ntaubeta = shape.r;
-  series.frame = frameof(modelrows(run.model), shape);
-  series.begun = true;
+  takeshape(shape);
+}
+
+void resumeseries() {
+  const SubrunShape shape = seriesshape();
+  StoreHead head;
+  if (const std::string problem = readstore(shape, head, nullptr); !problem.empty()) stopunusable(problem);
+  run.series.nsets = head.nsets;
+  takeshape(shape);
 }
 
 void storesubrun(const PassResults& results) {
@@ -290,14 +305,18 @@ const Pooled* poolseries() {
 
 void closeseries(int code) {
   if (!run.series.mimode) return;
+  if (run.series.closing && !series.begun) return;
   if (!series.begun && run.series.mifirst && code != 0) {
     std::printf("The first data set of the series failed before its model was known, so the series has not begun.\n");
     return;
   }
   if (!run.series.milast) {
     if (!series.begun || (code != 0 && code != unconvergedcode) || !series.ended) return;
-    if (const std::string problem = appendrecord(series.shape, run.series.miindex, series.records[0]); !problem.empty())
+    if (const std::string problem = appendrecord(series.shape, run.series.miindex, series.records[0]);
+        !problem.empty()) {
       std::printf("%s\n", problem.c_str());
+      stoprun(100);
+    }
     return;
   }
   if (series.pooled) return;
