@@ -94,7 +94,7 @@ void readprintvc(CommandReader&, const std::string& value) {
   if (!isyes(value) && !isno(value) && !sameword(value, "A") && !sameword(value, "ALL"))
     refusevalue("PRINTVARIANCE-COVARIANCE", "Y, A or N", value);
   const auto* row = rownamed(varianceletters, value.substr(0, 1));
-  run.out.printvc = row == nullptr ? VarianceFiles::none : row->code;
+  if (row != nullptr) run.out.printvc = row->code;
 }
 
 void readhetit(CommandReader&, const std::string& value) {
@@ -115,7 +115,7 @@ void readpopavit(CommandReader&, const std::string& value) {
   const std::optional<int> number = wholeof(value);
   if (!isyes(value) && !isno(value) && (!number || *number < 0))
     refusevalue("POPAVIT", "Y, N or a whole number of 0 or more", value);
-  run.control.popavit = number ? *number : isyes(value) ? 1 : 0;
+  if (!isno(value)) run.control.popavit = number.value_or(1);
 }
 
 void readlaplace(CommandReader&, const std::string& value) {
@@ -123,12 +123,12 @@ void readlaplace(CommandReader&, const std::string& value) {
   const int iterations = fields.size() == 2 ? wholeof(fields[1]).value_or(-1) : -1;
   if ((!isyes(fields[0]) && !isno(fields[0])) || (fields.size() > 1 && iterations < 0))
     refusevalue("LAPLACE", "N, or Y and behind a comma a whole number of iterations of 0 or more", value);
-  run.control.laplace = isyes(fields[0]);
-  if (run.control.laplace && iterations >= 0) run.control.laplaceit = iterations;
+  if (isno(fields[0])) return;
+  run.control.laplace = true;
+  if (iterations >= 0) run.control.laplaceit = iterations;
 }
 
 void readagq(CommandReader&, const std::string& value) {
-  run.control.agqpoints = 0;
   if (isno(split(value, ',')[0])) return;
   const auto fields = split(value, ',');
   if (!isyes(fields[0]))
@@ -151,11 +151,11 @@ void readagqderivlevel(CommandReader&, const std::string& value) {
 }
 
 void readfixsigma2(CommandReader&, const std::string& value) {
-  run.model.restrictions.fixsigma2.reset();
   if (isno(value)) return;
   if (value.find(',') != std::string::npos) refusevalue("FIXSIGMA2", onenumber, value);
   const std::optional<double> held = realof(value);
   if (!held || *held < 0.0) stopwith("fixsigma2 must be N or a number of 0 or more!\n");
+  run.model.restrictions.fixsigma2.reset();
   if (*held != 0.0) run.model.restrictions.fixsigma2 = held;
 }
 
@@ -188,7 +188,9 @@ void readdf(CommandReader& reader, const std::string& value) {
   run.answered.deviance = reader.df = true;
 }
 
-void readhypoth(CommandReader&, const std::string& value) { run.answered.hypoth = !flagof("HYPOTH", value); }
+void readhypoth(CommandReader&, const std::string& value) {
+  if (!flagof("HYPOTH", value)) run.answered.hypoth = true;
+}
 
 void readdofisher(CommandReader&, const std::string& value) {
   run.control.fishertype = flagof("DOFISHER", value) ? 2 : 0;

@@ -205,7 +205,6 @@ void readplausvals(CommandReader& reader, const std::string& value) {
 
 void readlvr(CommandReader&, const std::string& value) {
   run.answered.lvr = true;
-  run.out.lvr = false;
   if (isno(value)) return;
   if (!run.answered.wholemodel()) stopwith("lvr must be specified after complete model\n");
   const int n = randomlevel2();
@@ -213,6 +212,7 @@ void readlvr(CommandReader&, const std::string& value) {
   const std::vector<std::string> letters = split(value, ',');
   if (letters.size() > at(n)) stopwith("lvr has letters for more than the %d coefficients random at level 3!\n", n);
   run.out.lvrroles.reset(at(n));
+  run.out.lvr = false;
   for (std::size_t i = 0; i < at(n); ++i) {
     const auto* role = rownamed(roleletters, i < letters.size() ? letters[i] : std::string());
     if (role == nullptr) {
@@ -267,7 +267,6 @@ void readcontrast(CommandReader& reader, const std::string& value) {
 void readconstrain(CommandReader& reader, const std::string& value) {
   run.answered.constrain = !isyes(value);
   if (isyes(value)) return;
-  run.model.constraints = {};
   if (isno(value)) return;
   if (!run.answered.wholemodel()) stopwith("Constraints must be specified after complete model\n");
   const auto width = at(countfixedeffects());
@@ -284,8 +283,8 @@ void readconstrain(CommandReader& reader, const std::string& value) {
 void readresfil1(CommandReader& reader, const std::string& value) {
   run.answered.resfil1 = true;
   const std::vector<std::string> lists = slashlists("RESFIL1", value, 3);
-  run.out.resfil1 = !lists.empty();
   if (lists.empty()) return;
+  run.out.resfil1 = true;
   marklist(reader, "resfil1", lists[0], run.mdm.names1, run.mdm.nvar1, run.out.wanted1vars1);
   marklist(reader, "resfil1", lists[1], run.mdm.names2, run.mdm.nvar2, run.out.wanted1vars2);
   marklist(reader, "resfil1", lists[2], run.mdm.names3, run.mdm.nvar3, run.out.wanted1vars3);
@@ -294,8 +293,8 @@ void readresfil1(CommandReader& reader, const std::string& value) {
 void readresfil2(CommandReader& reader, const std::string& value) {
   run.answered.resfil2 = true;
   const std::vector<std::string> lists = slashlists("RESFIL2", value, 2);
-  run.out.resfil2 = !lists.empty();
   if (lists.empty()) return;
+  run.out.resfil2 = true;
   marklist(reader, "resfil2", lists[0], run.mdm.names2, run.mdm.nvar2, run.out.wanted2vars2);
   marklist(reader, "resfil2", lists[1], run.mdm.names3, run.mdm.nvar3, run.out.wanted2vars3);
 }
@@ -303,8 +302,8 @@ void readresfil2(CommandReader& reader, const std::string& value) {
 void readresfil3(CommandReader& reader, const std::string& value) {
   run.answered.resfil3 = true;
   const std::vector<std::string> lists = slashlists("RESFIL3", value, 1);
-  run.out.resfil3 = !lists.empty();
   if (lists.empty()) return;
+  run.out.resfil3 = true;
   marklist(reader, "resfil3", lists[0], run.mdm.names3, run.mdm.nvar3, run.out.wanted3vars3);
 }
 

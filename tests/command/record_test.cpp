@@ -146,7 +146,7 @@ TEST_F(Reading, SingleValues) {
        }},
       {"PRINTVARIANCE-COVARIANCE:all", [] { return run.out.printvc == VarianceFiles::append; }},
       {"FULLOUTPUT:No", [] { return !run.out.fulloutput; }},
-      {"POPAVIT:Y\nPOPAVIT:N", [] { return run.control.popavit == 0; }},
+      {"POPAVIT:Y\nPOPAVIT:N", [] { return run.control.popavit == 1; }},
       {"FIXSIGMA2:N", [] { return !run.model.restrictions.fixsigma2; }},
       {"STARTVALS:a/b.val/writeonly", [] { return run.files.startvals == "a/b.val"; }},
       {"RESULTS:a.json\nRESULTS:b/c.csv", [] { return run.files.results == "b/c.csv"; }},
