@@ -26,7 +26,7 @@ namespace {
 void variancefiles(const PassResults& results) {
   writegammafile(robustgammafile, results.est.gammahat, results.robust);
   writetaufile(taufile, results.est, results.errors, true);
-  writegammafile(gammafile, results.est.gammahat, results.est.covariance());
+  writegammafile(gammafile, results.est.gammahat, results.covariance);
 }
 
 // Residual files and graph data file. A run without any iteration has no residuals.
@@ -54,16 +54,21 @@ PassResults linearjob(const Analysis& analysis) {
       documentwarning(words);
     }
   if (ordinary) {
+    documentpass(results);
     passtables(results);
     if (!run.files.startvals.empty()) writestartvalues(results.est);
     if (run.out.printvc != VarianceFiles::none) variancefiles(results);
   }
   if (iterated) {
-    modelstatistics(results.loglik, ordinary ? 2 : 1);
+    modelstatistics(results);
   } else {
     reportline("No iterations were asked for, so there is no likelihood to report.");
   }
-  if (ordinary && haveexploratory(run.model)) exploratorytables(exploratory(fit.pass));
+  if (ordinary && haveexploratory(run.model)) {
+    const ExploratoryAnalysis analysed = exploratory(fit.pass);
+    stopif(storefailure(fit.pass.store));
+    exploratorytables(analysed);
+  }
   if (iterated) {
     resultfiles(fit, ordinary);
   } else if (wantresidualfiles() || run.out.graph) {

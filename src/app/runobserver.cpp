@@ -8,11 +8,12 @@
 #include <string>
 #include <thread>
 
+#include "app/nonlinearjob.h"
 #include "core/formatted.h"
-#include "data/resultfile.h"
 #include "driver/failures.h"
 #include "driver/questions.h"
 #include "driver/reportstream.h"
+#include "driver/resultfile.h"
 #include "driver/runrecord.h"
 #include "estimate/linear/fixtau.h"
 #include "estimate/linear/heterogeneous.h"
@@ -222,7 +223,7 @@ void tellbadtau(const BadTau& bad) {
 
 void writeunittaupi(std::FILE* file, int k, const double* T, int p) {
   constexpr int perline = 60;
-  const Id id = level3id(k);
+  const Id id = level3id(run.mdm, k);
   if (run.mdm.numericids) {
     std::fprintf(file, "%12.0f", id.number);
   } else {
@@ -285,8 +286,9 @@ Observer runobserver() {
     deletionnote();
     if (kind != PassKind::linear) markreport();
   };
-  observer.leastsquares = [](const LeastSquaresResults& results, const FixedDegrees& degrees) {
-    leastsquarestables(results, degrees);
+  observer.leastsquares = [](const LeastSquaresResults& results) {
+    documentleastsquares(results);
+    leastsquarestables(results);
   };
   observer.starting = tellstart;
   observer.iterationsbegin = tellbeginning;
@@ -313,6 +315,7 @@ Observer runobserver() {
   };
   observer.interrupted = interrupted;
   observer.confirmstop = askinterrupt;
+  observechain(observer);
   return observer;
 }
 

@@ -14,30 +14,37 @@
 #include <vector>
 
 #include "app/linearjob.h"
+#include "app/nonlinearjob.h"
 #include "app/options.h"
 #include "app/runobserver.h"
+#include "app/seriesrun.h"
 #include "command/commandfile.h"
 #include "command/complete.h"
 #include "command/constraints.h"
 #include "command/dialogue.h"
+#include "command/reader.h"
 #include "command/writer.h"
 #include "construct/construction.h"
 #include "construct/fileclashes.h"
 #include "construct/mdmdialogue.h"
+#include "construct/onefile.h"
+#include "construct/singleunits.h"
 #include "core/formatted.h"
 #include "data/mdm.h"
-#include "data/scratch.h"
 #include "driver/failures.h"
+#include "driver/files.h"
 #include "driver/questions.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
+#include "driver/warnings.h"
 #include "estimate/linear/centering.h"
 #include "estimate/linear/weights.h"
-#include "estimate/quasi/categoryloop.h"
-#include "estimate/quasi/macroloop.h"
+#include "estimate/quasi/categories.h"
 #include "kernel/array.h"
 #include "report/averagedreport.h"
 #include "report/header.h"
+#include "report/latentreport.h"
+#include "report/passtables.h"
 #include "report/resultsdocument.h"
 #include "report/specification.h"
 #include "report/startvaluesfile.h"
@@ -46,7 +53,6 @@
 #include "report/variancefiles.h"
 #include "series/latentregression.h"
 #include "series/resultstore.h"
-#include "series/series.h"
 
 namespace kdr {
 
@@ -87,6 +93,7 @@ void holdstandardstreams() {
 
 [[noreturn]] void constructionjob() {
   mkmdm();
+  writekeys();
   printprocessed();
   fail(0);
 }
@@ -114,6 +121,26 @@ void choosekind() {
 // Every model run leaves this file behind, so nothing that the run reads or writes may bear its name.
 constexpr const char* newcommandfile = "newcmd.kdr";
 
+// What an output may write over although it could be read.
+InputKind ownkind(const std::string& output) {
+  if (output == newcommandfile) return InputKind::commandfile;
+  if (output == run.files.startvals) return InputKind::startingvalues;
+  for (const std::string* name : {&run.files.resfil1name, &run.files.resfil2name, &run.files.resfil3name})
+    if (output == *name) return InputKind::rawdata;
+  return InputKind::none;
+}
+
+// Whether the first line that is neither empty nor a comment has a keyword.
+bool begincommands(std::string_view text) {
+  while (!text.empty()) {
+    const std::string line(text.substr(0, text.find('\n')));
+    if (!line.empty() && line[0] != '#' && line[0] != ' ' && line[0] != '\r')
+      return line.find(':') != std::string::npos && findkeyword(line) != nullptr;
+    text.remove_prefix(std::min(text.size(), line.size() + 1));
+  }
+  return false;
+}
+
 // The files of the run, before one of them is opened for writing. A run of its own newcmd.kdr writes that file again.
 void checkfiles() {
   const RunFiles& files = run.files;
@@ -136,6 +163,10 @@ void checkfiles() {
   if (run.out.resfil3) outputs.push_back(subrunname(files.resfil3name));
   if (run.out.graph) outputs.push_back(files.graphgammas);
   refuseclashes(inputs, outputs);
+  for (const std::string& path : outputs) {
+    refuseinput(path, ownkind(path));
+    refuseunwritable(path);
+  }
   refuseforeignresults();
 }
 
@@ -150,7 +181,13 @@ void readmodel() {
   run.mdm.stream = openfile(run.files.mdmfile, "rb");
   if (run.files.sourcename.empty()) run.files.sourcename = run.files.mdmfile;
   if (!run.files.cmdfile.empty()) untilexists(run.files.cmdfile, "Batch");
-  readmdm();
+  run.mdm.path = run.files.mdmfile;
+  const Failure unread = readmdm(run.mdm);
+  if (unread.consolewords == notmdmwords && typeofextension(run.mdm.path) != nullptr)
+    std::printf("%s is raw data: kdr3 -from %s -level3 COLUMN -level2 COLUMN makes an MDM file of it.\n",
+                run.mdm.path.c_str(), run.mdm.path.c_str());
+  stopif(unread);
+  for (const std::string& words : singleunits()) warn(words);
   allocatemodel();
   readcommandfile();
   modelquestions();
@@ -178,6 +215,10 @@ void openresults() {
   setsymbols();
   makerowlabels();
   writeheader();
+  for (const std::string& words : run.warnings) {
+    reportwarning("WARNING: " + escaped(words));
+    documentwarning(words);
+  }
   writespecification();
   applyconstraints();
   run.model.coef.ngamma -= run.model.nconstrained;
@@ -194,11 +235,19 @@ PassResults estimate(const CategoryTable& table) {
   if (given) start = readstartvalues();
   const Observer observer = runobserver();
   const Analysis analysis = analysisofrun(observer, given ? &start : nullptr);
-  if (run.model.outcome.single()) return estimatenonlinear(analysis, storesubrun);
-  if (run.model.outcome.categorical()) return estimatecategories(analysis, table, storesubrun);
+  if (!run.model.outcome.linear()) return nonlinearjob(analysis, table);
   PassResults results = linearjob(analysis);
   storesubrun(results);
   return results;
+}
+
+// The regression that LVR-BETA: asks for, of a pass or of the averages, into the report.
+template <class Results>
+void latentvariables(const Results& results) {
+  if (!run.out.lvr) return;
+  const LatentModel model =
+      latentmodel(modelrows(run.model), {run.out.lvrroles.data(), run.out.lvrroles.size()}, run.mdm.nunits3);
+  latentreport(latentregression(model, results));
 }
 
 // Moves the model to the next plausible value and leaves it as the command file of the next pass; false when there is
@@ -222,8 +271,8 @@ bool nextplausiblevalue() {
     use[next] = Use::predictor;
   }
   use[old] = Use::none;
-  run.files.nextcommands = scratchopen();
-  writenextcommands(run.files.nextcommands);
+  run.files.nextcommands = neededscratch();
+  writenextcommands(run.files.nextcommands.get());
   return true;
 }
 
@@ -250,7 +299,7 @@ void tellfiles() {
   run.files.mdmfile = first.substr(head.size());
   run.files.cmdshown = run.files.cmdfile = newcommandfile;
   readmodel();
-  if (run.model.outcome.categorical()) std::ignore = readcategories(analysisofrun(runobserver(), nullptr));
+  if (run.model.outcome.categorical()) std::ignore = categoriesofrun(analysisofrun(runobserver(), nullptr));
   // The file has the name of the last sub-run's report, with its number.
   std::string& name = run.files.outfile;
   const std::size_t dot = extensionplace(name), stem = name.find_last_not_of("0123456789", dot - 1);
@@ -264,7 +313,7 @@ void tellfiles() {
   applyconstraints();
   run.model.coef.ngamma -= run.model.nconstrained;
   resumeseries();
-  if (const Pooled* averages = poolseries()) latentvariableregression(*averages);
+  if (const Pooled* averages = poolseries()) latentvariables(*averages);
   closereport();
   writeaveragedresults();
   tellfiles();
@@ -277,13 +326,13 @@ void runjob(int argc, char** argv) {
   holdstandardstreams();
   outofmemory = [] { fail(3); };
   std::set_new_handler(outofmemory);
-  stophooks.closescratch = scratchcloseall;
   stophooks.closeseries = closeseries;
+  iscommandtext = begincommands;
   installhandlers();
   startrun();
   const Options options = readoptions(argc, argv);
-  checkscratch();
   if (run.series.closing) closingjob();
+  static_cast<void>(neededscratch());  // before anything is written that would be lost for want of one
   bool rawjob = options.templatejob;
   if (run.files.mdmfile.empty() && !rawjob) {
     if (askyesno("\nWill you be starting with raw data?")) {
@@ -295,21 +344,22 @@ void runjob(int argc, char** argv) {
   }
   if (rawjob) constructionjob();
 
+  if (run.series.mimode && run.series.mifirst) refuseinput(storename);
   clearseries();
   do {
     readmodel();
     const CategoryTable table =
-        run.model.outcome.categorical() ? readcategories(analysisofrun(runobserver(), nullptr)) : CategoryTable{};
+        run.model.outcome.categorical() ? categoriesofrun(analysisofrun(runobserver(), nullptr)) : CategoryTable{};
     openresults();
     const PassResults results = estimate(table);
     if (run.model.outcome.single()) listnonlinearfiles();
-    latentvariableregression(results);
+    latentvariables(results);
     if (run.model.outcome.linear()) listlinearfiles(results);
     closereport();
     writeresults();
     const Pooled* averages = poolseries();
     if (averages == nullptr) continue;
-    latentvariableregression(*averages);
+    latentvariables(*averages);
     closereport();
     writeaveragedresults();
   } while (nextplausiblevalue());

@@ -8,8 +8,8 @@
 #include "command/text.h"
 #include "core/formatted.h"
 #include "core/modelwalk.h"
-#include "data/resultfile.h"
 #include "driver/failures.h"
+#include "driver/resultfile.h"
 #include "driver/runrecord.h"
 
 namespace kdr {

@@ -6,13 +6,15 @@
 
 #include "core/codes.h"
 #include "core/names.h"
+#include "core/results.h"
 #include "kernel/array.h"
 
 namespace kdr {
 
 // What the MDM file holds besides its level-2 blocks.
 struct MdmData {
-  std::FILE* stream = nullptr;                // the open MDM file of a model run
+  std::FILE* stream = nullptr;                // the open MDM file
+  std::string path;                           // its name, for messages
   int nvar1 = 0, nvar2 = 0, nvar3 = 0;        // variables of each level, the intercept not counted
   Array<Name> names1, names2, names3;         // nvarL + 1 slots; slot 0 is the intercept
   int nunits1 = 0, nunits2 = 0, nunits3 = 0;  // level-1 records, level-2 units, level-3 units in the analysis
@@ -34,6 +36,10 @@ struct MdmData {
   int ncol1 = 0, ncol2 = 0, ncol3 = 0;  // widths of the equation tables: nvarL + 1 (ordinal: with thresholds)
   int maxbeta = 0;                      // ncol2 * nvar1: level-2 coefficients that an equation set can have
 };
+
+[[nodiscard]] inline UnitCounts countsof(const MdmData& data) {
+  return {data.nunits1, data.nunits2, data.nunits3, data.numl1rec};
+}
 
 // Design weights, one entry per level-1 record, level-2 unit and level-3 unit in file order.
 struct DesignWeights {

@@ -6,8 +6,11 @@
 #include <cstdio>
 #include <utility>
 
+#include "core/failure.h"
+#include "core/observer.h"
 #include "data/mdm.h"
 #include "data/mdmdata.h"
+#include "data/scratch.h"
 #include "kernel/array.h"
 
 namespace kdr {
@@ -24,6 +27,8 @@ struct UnitBlock {
 // A walk over the blocks of one file, through a buffer of its own.
 struct UnitReader {
   const MdmData* mdm = nullptr;
+  const Observer* observer = nullptr;  // may be null; asked whether to give up between reads
+  Failure failure;                     // the first thing that went wrong: nothing more is delivered
   std::FILE* stream = nullptr;
   int nvar1 = 0, nvar2 = 0;
   bool withmeans = false;
@@ -44,12 +49,12 @@ struct UnitReader {
 void startunits(UnitReader& reader, const MdmData& mdm, std::FILE* stream, long long offset, int nvar1, int nvar2,
                 bool withmeans);
 
-// Reads the next block; false at the end of the file. Stops with code 100 and a line of its own when the block runs
-// past the end of the file or has an impossible size, and, for the MDM file, when the blocks do not agree with the
-// counts of its head or with its level-3 table.
+// Reads the next block; false at the end of the file, and with reader.failure when the block runs past the end of the
+// file or has an impossible size, and, for the MDM file, when the blocks do not agree with the counts of its head or
+// with its level-3 table.
 [[nodiscard]] bool readunit(UnitReader& reader, UnitBlock& block);
 // The same for a block that has to be there: the end of the file is a cut.
-void neededunit(UnitReader& reader, UnitBlock& block);
+[[nodiscard]] bool neededunit(UnitReader& reader, UnitBlock& block);
 // readunit, but passes over means and records: fills nj, level2 and the IDs only. For reading ahead; follow it by
 // seekunit before the next readunit.
 [[nodiscard]] bool skimunit(UnitReader& reader, UnitBlock& block);
@@ -63,17 +68,21 @@ void seekunit(UnitReader& reader, long long position);
 // own. Failures 5 and 6.
 struct WorkingFile {
   Array<char> buffer;
-  std::FILE* stream = nullptr;
+  ScratchFile stream;
 
   WorkingFile() = default;
   WorkingFile(WorkingFile&& other) noexcept { *this = std::move(other); }
-  WorkingFile& operator=(WorkingFile&& other) noexcept;
-  ~WorkingFile();
+  WorkingFile& operator=(WorkingFile&& other) noexcept {
+    std::swap(buffer, other.buffer);
+    std::swap(stream, other.stream);
+    return *this;
+  }
   [[nodiscard]] bool isopen() const { return stream != nullptr; }
+  [[nodiscard]] std::FILE* file() const { return stream.get(); }
 };
-[[nodiscard]] WorkingFile startworking();
-void finishworking(WorkingFile made, WorkingFile& current);
-// Writes one block. Failure 5.
-void writeunit(std::FILE* stream, const UnitBlock& block, int nvar1, int nvar2, bool withmeans);
+[[nodiscard]] Failure startworking(WorkingFile& made);
+[[nodiscard]] Failure finishworking(WorkingFile made, WorkingFile& current);
+// Writes one block. What cannot be written stays with the stream, for ferror.
+void writeunit(std::FILE* stream, const UnitBlock& block, int nvar1, int nvar2, bool withmeans, bool numericids);
 
 }  // namespace kdr

@@ -155,9 +155,6 @@ constexpr Step steps[] = {
     [](int code) {
       if (run.series.mimode && stophooks.closeseries != nullptr) stophooks.closeseries(code);
     },
-    [](int) {
-      if (stophooks.closescratch != nullptr) stophooks.closescratch();
-    },
     [](int code) {
       if (stophooks.closelog != nullptr) stophooks.closelog(code);
     },
@@ -211,8 +208,8 @@ void tell(const Failure& failure) {
   report("%s", failure.reportwords.c_str());
   for (const std::string& line : failure.reportlines) reportline("%s", line.c_str());
   if (failure.row == abandoned) checksignals();
-  if (failure.row != ownwords) fail(failure.row, failure.argument.c_str());
   std::printf("%s", printablelines(failure.consolewords).c_str());
+  if (failure.row != ownwords) fail(failure.row, failure.argument.c_str());
   stoprun(ownwords);
 }
 

@@ -32,7 +32,6 @@ inline constexpr int unconvergedcode = 20;
 
 // What higher rooms do at a stop; null while they have nothing to do.
 struct StopHooks {
-  void (*closescratch)() = nullptr;         // closes and deletes every scratch file
   void (*closelog)(int code) = nullptr;     // keeps or discards the log of a construction
   void (*closeseries)(int code) = nullptr;  // marks or pools the series of a multiple-imputation data set
 };

@@ -5,9 +5,10 @@
 #include <vector>
 
 #include "core/modelwalk.h"
-#include "data/resultfile.h"
-#include "data/scratch.h"
 #include "data/unitreader.h"
+#include "driver/failures.h"
+#include "driver/files.h"
+#include "driver/resultfile.h"
 #include "driver/runrecord.h"
 #include "estimate/linear/centering.h"
 #include "estimate/linear/deletion.h"
@@ -87,6 +88,7 @@ void readpredictors(Predictors& list1, Predictors& list2) {
     for (int i = 0; i < unit.nj; ++i) take(list1, unit.records.data() + at(i) * at(run.mdm.nvar1));
     take(list2, unit.level2.data());
   }
+  stopif(reader.failure);
   std::fclose(stream);
   center(list1, run.model.center1, run.mdm.mean1);
   center(list2, run.model.center2, run.mdm.mean2);
@@ -193,6 +195,7 @@ void writelevel2(ResultFile& file, Pass& pass, UnitResults& results) {
         for (std::size_t i = 0; i < at(pass.p); ++i) writevalue(file, results.level2.PV[i * (i + 3) / 2]);
       },
       [](int) {}, reading(pass.store.hot), reading(pass.store.cold));
+  stopif(storefailure(pass.store));
 }
 
 }  // namespace

@@ -3,8 +3,8 @@
 #include <cmath>
 #include <cstdio>
 
-#include "data/resultfile.h"
 #include "driver/reportstream.h"
+#include "driver/resultfile.h"
 #include "driver/runrecord.h"
 #include "report/filecell.h"
 

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cmath>
 
-#include "driver/failures.h"
 #include "estimate/linear/exploratory.h"
 #include "estimate/linear/usable.h"
 #include "kernel/matrix.h"
@@ -116,7 +115,7 @@ void allocatesums(Pass& pass) {
   const bool withid = pass.analysis->wanted.unitrows;
   const bool withlevel2 = withid || haveexploratory(pass.model());
   openstore(pass.store, {pass.p, pass.nbeta, at(pass.mdm().nunits2), withid, withlevel2 ? pass.mdm().nvar2 : 0,
-                         pass.model().weighted, pass.mdm().numericids, pass.analysis->store});
+                         pass.model().weighted, pass.mdm().numericids, pass.analysis->store, &pass.observer()});
 }
 
 }  // namespace
@@ -134,8 +133,8 @@ DataFold startfold(Pass& pass) {
 }
 
 void foldunit(DataFold& fold) {
-  checksignals();
   Pass& pass = fold.pass;
+  fold.givenup = fold.givenup || pass.observer().givesup();
   const UnitProducts& unit = fold.unit;
   ++pass.n2of[unit.k];
   pass.n1of[unit.k] += unit.nj;
@@ -150,18 +149,19 @@ void foldunit(DataFold& fold) {
   ++fold.units;
 }
 
-void finishfold(DataFold& fold) {
+Failure finishfold(DataFold& fold) {
   Pass& pass = fold.pass;
   grandsums(pass);
   finishstore(pass.store);
   pass.nunits1 = static_cast<int>(fold.records);
   pass.likeconstant = pass.nunits1 * (0.5 * std::log(6.2831853));
+  return fold.givenup ? failed(abandoned) : storefailure(pass.store);
 }
 
-void datapass(Pass& pass, const UnitSource& next) {
+Failure datapass(Pass& pass, const UnitSource& next) {
   DataFold fold = startfold(pass);
-  while (next(fold.unit)) foldunit(fold);
-  finishfold(fold);
+  while (!fold.givenup && next(fold.unit)) foldunit(fold);
+  return finishfold(fold);
 }
 
 }  // namespace kdr

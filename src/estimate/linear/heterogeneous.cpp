@@ -22,9 +22,10 @@ void startheterogeneous(const Pass& pass, IterationState& state) {
     std::copy(pass.est.taupi.begin(), pass.est.taupi.end(), state.hettaupi.row(k));
 }
 
-void heterogeneousresults(Pass& pass, IterationState& state) {
+Failure heterogeneousresults(Pass& pass, IterationState& state) {
   HeterogeneousResults results;
   results.stage = stageresults(pass, state);
+  if (storefailure(pass.store)) return storefailure(pass.store);
   Array<double>& T = pass.est.taupi;
   results.mean.reset(T.size());
   T.fill(0.0);
@@ -38,6 +39,7 @@ void heterogeneousresults(Pass& pass, IterationState& state) {
   results.weightedmean = T.copy();
   results.taupi = std::move(state.hettaupi);
   tellobserver(pass.observer().heterogeneous, results);
+  return {};
 }
 
 }  // namespace kdr

@@ -19,6 +19,6 @@ struct HeterogeneousResults {
 // Prepares the stage from the repaired starting value: every level-3 unit begins with taupi.
 void startheterogeneous(const Pass& pass, IterationState& state);
 // Hands the results of the stage to the observer and leaves the mean weighted by level-2 units in pass.est.taupi.
-void heterogeneousresults(Pass& pass, IterationState& state);
+[[nodiscard]] Failure heterogeneousresults(Pass& pass, IterationState& state);
 
 }  // namespace kdr

@@ -237,7 +237,9 @@ Failure iterate(Pass& pass, IterationState& state) {
       movetomaximum(pass, state, leastgainwhenslow);
     }
     Attempt attempt;
-    if (Failure failure = updateestimates(pass, state, em, attempt)) return failure;
+    Failure failure = updateestimates(pass, state, em, attempt);
+    if (storefailure(pass.store)) return storefailure(pass.store);  // which may be why the step failed
+    if (failure) return failure;
     if (pass.observer().givesup()) return failed(abandoned);
     endofiteration(pass, state, attempt, em);
     if (state.stopped()) break;

@@ -29,12 +29,13 @@ Failure readrecords(const Analysis& analysis, LinearFit& fit) {
   RecordUnits units;
   startrecords(units, analysis);
   WorkingFile working;
-  if (analysis.wanted.records) working = startworking();
-  units.working = working.stream;
-  datapass(fit.pass, [&](UnitProducts& unit) { return nextunit(units, unit); });
+  if (analysis.wanted.records)
+    if (Failure failure = startworking(working)) return failure;
+  units.working = working.file();
+  Failure failure = datapass(fit.pass, [&](UnitProducts& unit) { return nextunit(units, unit); });
   if (units.failure) return units.failure;
-  if (working.isopen()) finishworking(std::move(working), fit.working);
-  return {};
+  if (failure || !working.isopen()) return failure;
+  return finishworking(std::move(working), fit.working);
 }
 
 }  // namespace

@@ -6,7 +6,6 @@
 
 #include "core/formatted.h"
 #include "core/modelwalk.h"
-#include "driver/failures.h"
 #include "estimate/linear/centering.h"
 #include "estimate/linear/crossproducts.h"
 #include "estimate/linear/deletion.h"
@@ -45,7 +44,8 @@ void level3unitmeans(RecordUnits& units) {
   };
   take(units.unit);
   const long long position = unitposition(units.reader);
-  while (skimunit(units.reader, units.ahead) && sameid(units.ahead.id3, units.unit.id3)) take(units.ahead);
+  while (skimunit(units.reader, units.ahead) && sameid(units.ahead.id3, units.unit.id3, units.analysis->mdm.numericids))
+    take(units.ahead);
   seekunit(units.reader, position);
   for (std::size_t v = 0; v < width; ++v) units.mean2[v] = n[v] > 0 ? sum[v] / n[v] : 0.0;
 }
@@ -180,6 +180,7 @@ void startrecords(RecordUnits& units, const Analysis& analysis) {
   units.shift.reset(units.layout.column.size());
   units.x.reset(units.layout.column.size() + 1);
   for (const Centering mark : model.center2) units.group2 = units.group2 || mark == Centering::groupmean;
+  units.reader.observer = &analysis.observer;
   startunits(units.reader, mdm, mdm.stream, mdm.firstblock, mdm.nvar1, mdm.nvar2, true);
 }
 
@@ -188,9 +189,15 @@ bool nextblock(RecordUnits& units) {
   const MdmData& mdm = units.analysis->mdm;
   UnitBlock& unit = units.unit;
   do {
-    if (!readunit(units.reader, unit)) return false;
-    if (units.k < 0 || !sameid(unit.id3, units.current)) {
-      if (++units.k >= mdm.nunits3) damagedmdm("it has more level-3 units than its table");
+    if (!readunit(units.reader, unit)) {
+      units.failure = units.reader.failure;
+      return false;
+    }
+    if (units.k < 0 || !sameid(unit.id3, units.current, mdm.numericids)) {
+      if (++units.k >= mdm.nunits3) {
+        units.failure = damagedmdm(mdm, "it has more level-3 units than its table");
+        return false;
+      }
       units.current = unit.id3;
       if (units.group2) level3unitmeans(units);
     }
@@ -226,7 +233,8 @@ bool nextunit(RecordUnits& units, UnitProducts& products) {
   if (units.failure) return false;
   if (units.working != nullptr) {
     centerblock(units);
-    writeunit(units.working, unit, units.analysis->mdm.nvar1, units.analysis->mdm.nvar2, false);
+    writeunit(units.working, unit, units.analysis->mdm.nvar1, units.analysis->mdm.nvar2, false,
+              units.analysis->mdm.numericids);
   }
   units.records += at(unit.nj);
   return true;

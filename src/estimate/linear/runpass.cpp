@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "estimate/inference/modelstatistics.h"
 #include "estimate/linear/fixtau.h"
 #include "estimate/linear/heterogeneous.h"
 #include "estimate/linear/inference.h"
@@ -12,7 +13,6 @@
 #include "kernel/decompositions.h"
 #include "kernel/products.h"
 #include "kernel/sizes.h"
-#include "report/degreesoffreedom.h"
 
 namespace kdr {
 
@@ -38,7 +38,7 @@ Failure leastsquares(Pass& pass, double& variance) {
 }
 
 // The results of least squares, before a linear run's iterations.
-void tellleastsquares(Pass& pass, double s) {
+Failure tellleastsquares(Pass& pass, double s) {
   constexpr double twopi = 6.283185307;
   const double n = pass.nunits1;
   LeastSquaresResults results;
@@ -48,9 +48,10 @@ void tellleastsquares(Pass& pass, double s) {
   results.robust = robustcovariance(pass, true);
   results.fewunits = fewlevel3units(pass);
   if (s > 0.0) results.loglik = -(n + n * std::log(twopi * s)) / 2.0;
-  FixedDegrees degrees;
-  degreesoffreedom(degrees);
-  tellobserver(pass.observer().leastsquares, results, degrees);
+  complete(results, countsof(pass));
+  if (storefailure(pass.store)) return storefailure(pass.store);
+  tellobserver(pass.observer().leastsquares, results);
+  return {};
 }
 
 // A tau that the iterations cannot start from is repaired, and shown again.
@@ -86,7 +87,8 @@ Failure startfromdata(Pass& pass) {
       StartingEvent::Part::taupi, given == nullptr, moments.shared, pass.nusable1, pass.nusable2, pass.est};
   tellobserver(pass.observer().starting, event);
   if (Failure failure = settlestart(pass, Tau::pi, moments, event)) return failure;
-  if (given == nullptr && !moments.shared) starttaubeta(pass, moments);
+  if (given == nullptr && !moments.shared)
+    if (Failure failure = starttaubeta(pass, moments)) return failure;
   event.part = StartingEvent::Part::taubeta;
   tellobserver(pass.observer().starting, event);
   if (Failure failure = settlestart(pass, Tau::beta, moments, event)) return failure;
@@ -105,8 +107,9 @@ Failure startfromestimates(Pass& pass) {
   applytaubeta(pass.model(), pass.est.taubeta.data());
   pass.est.sigma2 = pass.fixsigma2 != 0.0 ? pass.fixsigma2 : start.sigma2;
   const long long left = pass.nunits1 - static_cast<long long>(pass.mdm().nunits2) * pass.p;
-  if (pass.fixsigma2 == 0.0 && left <= 0 && !identified(pass)) return failed(16);
-  return {};
+  const bool known = pass.fixsigma2 != 0.0 || left > 0 || identified(pass);
+  if (storefailure(pass.store)) return storefailure(pass.store);
+  return known ? Failure{} : failed(16);
 }
 
 Failure iteratestage(Pass& pass, IterationState& state, int hetstate, int limit) {
@@ -141,24 +144,26 @@ Failure runpass(Pass& pass, IterationState& state, PassResults& results, const I
   if (Failure failure = leastsquares(pass, s)) return failure;
   if (pass.plan.kind == PassKind::identity)
     if (Failure failure = impliedvariance(pass.fixsigma2)) return failure;
-  if (linear && pass.analysis->wanted.leastsquares) tellleastsquares(pass, s);
+  if (linear && pass.analysis->wanted.leastsquares)
+    if (Failure failure = tellleastsquares(pass, s)) return failure;
   if (Failure failure = first ? startfromdata(pass) : startfromestimates(pass)) return failure;
   tellobserver(pass.observer().iterationsbegin);
   startiterations(pass, state);
   if (pass.plan.hetit != 0) {
     startheterogeneous(pass, state);
     if (Failure failure = iteratestage(pass, state, 1, pass.plan.hetit)) return failure;
-    heterogeneousresults(pass, state);
+    if (Failure failure = heterogeneousresults(pass, state)) return failure;
   }
   if (pass.plan.limit == 0) {
     results.heterogeneous = true;
+    results.parameters = parametercount(pass.model(), pass.mdm().nunits3);
     results.loglik = state.likelihood.current;
     results.ending = state.ending;
     return {};
   }
   if (Failure failure = iteratestage(pass, state, 2, pass.plan.limit)) return failure;
   results = stageresults(pass, state);
-  return {};
+  return storefailure(pass.store);
 }
 
 }  // namespace kdr

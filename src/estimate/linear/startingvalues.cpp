@@ -222,6 +222,7 @@ Failure firsttaubeta(Pass& pass, StartWork& w, const FirstMoments& first) {
         addABt(R.data(), ERT.data(), ER.data(), b, b, p);
       },
       [](int) {}, reading(pass.store.hot));
+  if (storefailure(pass.store)) return storefailure(pass.store);
   if (pass.nusable3 < 1) return failed(2, "2");
   double* L = pass.est.taubeta.data();
   for (std::size_t i = 0; i < R.size(); ++i) L[i] = first.V2[i] / pass.nusable3 - R[i] / pass.nusable3;
@@ -399,6 +400,7 @@ Failure leastsquarestart(Pass& pass, StartMoments& moments) {
   pass.nusable2 = pass.mdm().nunits2;
   pass.nusable3 = pass.mdm().nunits3;
   const FirstMoments first = firstsweep(pass, w);
+  if (storefailure(pass.store)) return storefailure(pass.store);
   const bool nofits = pass.nusable2 < 1 || pass.nusable3 < 1 || (pass.fixsigma2 == 0.0 && sparerecords(pass) < 1);
   if (nofits && identified(pass)) {
     pass.nusable1 = pass.nunits1;
@@ -415,10 +417,10 @@ Failure leastsquarestart(Pass& pass, StartMoments& moments) {
   momenttaupi(pass, w, pass.est.taupi.data());
   moments.taupi = std::move(w.U2);
   moments.taubeta = first.V2.copy();
-  return {};
+  return storefailure(pass.store);
 }
 
-void starttaubeta(Pass& pass, StartMoments& moments) {
+Failure starttaubeta(Pass& pass, StartMoments& moments) {
   const int b = pass.b, p = pass.p;
   StartWork w = makework(pass);
   const Array<double> Q = scaledinverse(pass.est.taupi, p, pass.est.sigma2);
@@ -451,6 +453,7 @@ void starttaubeta(Pass& pass, StartMoments& moments) {
     applytaubeta(pass.model(), L);
   }
   moments.taubeta = std::move(V2);
+  return storefailure(pass.store);
 }
 
 }  // namespace kdr

@@ -26,6 +26,6 @@ struct StartMoments {
 [[nodiscard]] Failure leastsquarestart(Pass& pass, StartMoments& moments);
 
 // taubeta once more, from the repaired taupi: the value that the iterations start from.
-void starttaubeta(Pass& pass, StartMoments& moments);
+[[nodiscard]] Failure starttaubeta(Pass& pass, StartMoments& moments);
 
 }  // namespace kdr

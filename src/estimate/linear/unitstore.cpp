@@ -26,16 +26,22 @@ void openstore(UnitStore& store, const StoreLayout& layout) {
   const std::size_t weighted = layout.weighted ? 1 + triangle + nb * p : 0;
   const std::size_t bytes = layout.nunits * (hot + cold + weighted) * sizeof(double);
   const bool inmemory = layout.settings.inmemory || bytes <= layout.settings.budget;
-  const std::size_t window = layout.settings.window;
-  store.hot.open(hot, layout.nunits, inmemory, window);
-  store.cold.open(cold, layout.nunits, inmemory, window);
-  if (layout.weighted) store.weighted.open(weighted, layout.nunits, inmemory, window);
+  const StreamSettings settings{inmemory, layout.settings.window, layout.observer};
+  store.hot.open(hot, layout.nunits, settings);
+  store.cold.open(cold, layout.nunits, settings);
+  if (layout.weighted) store.weighted.open(weighted, layout.nunits, settings);
 }
 
 void finishstore(UnitStore& store) {
   store.hot.finish();
   store.cold.finish();
   if (store.weighted.isopen()) store.weighted.finish();
+}
+
+const Failure& storefailure(const UnitStore& store) {
+  for (const RecordStream* stream : {&store.hot, &store.cold})
+    if (stream->failure()) return stream->failure();
+  return store.weighted.failure();
 }
 
 void putid(const UnitStore& store, double* cold, const Id& id) {

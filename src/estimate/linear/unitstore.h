@@ -30,6 +30,7 @@ struct StoreLayout {
   bool weighted = false;
   bool numericids = false;
   StoreSettings settings;
+  const Observer* observer = nullptr;  // of the streams
 };
 
 struct UnitStore {
@@ -49,6 +50,8 @@ struct UnitStore {
 void openstore(UnitStore& store, const StoreLayout& layout);
 // Ends the appending.
 void finishstore(UnitStore& store);
+// The first thing that went wrong with one of its streams.
+[[nodiscard]] const Failure& storefailure(const UnitStore& store);
 
 // The level-2 identifier of a cold record.
 void putid(const UnitStore& store, double* cold, const Id& id);

@@ -4,7 +4,6 @@
 
 #include "core/formatted.h"
 #include "data/unitreader.h"
-#include "driver/failures.h"
 #include "estimate/linear/deletion.h"
 #include "kernel/array.h"
 #include "kernel/sizes.h"
@@ -51,7 +50,7 @@ double level2mean(Making& making, UnitReader& reader, const UnitBlock& first, Un
   double sum = positive(making, first.level2[variable], 2);
   int rows = 1;
   const long long position = unitposition(reader);
-  while (skimunit(reader, ahead) && sameid(ahead.id3, first.id3)) {
+  while (skimunit(reader, ahead) && sameid(ahead.id3, first.id3, making.mdm.numericids)) {
     sum += positive(making, ahead.level2[variable], 2);
     ++rows;
   }
@@ -91,6 +90,7 @@ Remaining readweights(Making& making) {
   DesignWeights& weights = making.weights;
   Remaining remaining{Array<int>(at(mdm.nunits3)), Array<int>(at(mdm.nunits2))};
   UnitReader reader;
+  reader.observer = &making.observer;
   startunits(reader, mdm, mdm.stream, mdm.firstblock, mdm.nvar1, mdm.nvar2, true);
   UnitBlock unit, ahead;
   const bool deleting = !mdm.deletednow;
@@ -98,9 +98,12 @@ Remaining readweights(Making& making) {
   double m2 = 1.0;
   Id current{};
   while (!making.failure && readunit(reader, unit)) {
-    checksignals();
-    if (k < 0 || !sameid(unit.id3, current)) {
-      if (++k >= mdm.nunits3) damagedmdm("it has more level-3 units than its table");
+    if (making.observer.givesup()) making.failure = failed(abandoned);
+    if (k < 0 || !sameid(unit.id3, current, mdm.numericids)) {
+      if (++k >= mdm.nunits3) {
+        making.failure = damagedmdm(mdm, "it has more level-3 units than its table");
+        break;
+      }
       current = unit.id3;
       if (model.wgtvar2 != 0) m2 = level2mean(making, reader, unit, ahead);
       if (model.wgtvar2 != 0 && model.wgtvar3 == 0) weights.weight3[k] = m2;
@@ -112,6 +115,7 @@ Remaining readweights(Making& making) {
     remaining.recordsin[remaining.units++] = unit.nj;
     remaining.records += at(unit.nj);
   }
+  if (!making.failure) making.failure = reader.failure;
   return remaining;
 }
 

@@ -4,7 +4,7 @@
 
 #include "core/codes.h"
 #include "data/mdm.h"
-#include "data/resultfile.h"
+#include "driver/resultfile.h"
 #include "report/residual/columns.h"
 
 namespace kdr {
