@@ -182,6 +182,7 @@ void stopwith(const char* format, ...) {
 
 namespace {
 
+constexpr int ending[] = {SIGINT, SIGQUIT, SIGTERM, SIGHUP};
 volatile std::sig_atomic_t pendingsignal = 0;
 volatile std::sig_atomic_t holding = 0;
 volatile std::sig_atomic_t interruptmark = 0;
@@ -226,19 +227,38 @@ void onfloatingpoint(int, siginfo_t* info, void*) {
 
 void installhandlers() {
   struct sigaction action {};
-  action.sa_handler = onsignal;  // no SA_RESTART: a question that waits for its answer returns at once
+  action.sa_handler = onsignal;
+  // A write that waits, as for a pager, goes on behind the signal: what it was to write would be lost. Only a read that
+  // waits is broken (BreakableReads).
+  action.sa_flags = SA_RESTART;
   sigemptyset(&action.sa_mask);
   // A write to a pipe that nobody reads any more ends the run quietly; one beyond the size that a file may have fails
   // as on a full disk.
   sigaction(SIGPIPE, &action, nullptr);
   std::signal(SIGXFSZ, SIG_IGN);
-  for (const int signal : {SIGINT, SIGQUIT, SIGTERM, SIGHUP}) sigaction(signal, &action, nullptr);
+  for (const int signal : ending) sigaction(signal, &action, nullptr);
   struct sigaction trap {};
   trap.sa_sigaction = onfloatingpoint;
   trap.sa_flags = SA_SIGINFO;
   sigemptyset(&trap.sa_mask);
   sigaction(SIGFPE, &trap, nullptr);
 }
+
+namespace {
+
+void setrestart(int flag) {
+  for (const int signal : ending) {
+    struct sigaction action {};
+    if (sigaction(signal, nullptr, &action) != 0 || action.sa_handler != onsignal) continue;
+    action.sa_flags = flag;
+    sigaction(signal, &action, nullptr);
+  }
+}
+
+}  // namespace
+
+BreakableReads::BreakableReads() { setrestart(0); }
+BreakableReads::~BreakableReads() { setrestart(SA_RESTART); }
 
 bool endrequested() { return pendingsignal != 0; }
 

@@ -134,7 +134,7 @@ void startaveragedreport() {
   const std::string name = averagedreportname();
   if (name.empty()) return;
   std::FILE* sub = run.report.stream;
-  std::fflush(sub);
+  if (std::fflush(sub) != 0 || std::ferror(sub) != 0) fail(5);  // what rewinds clears the mark
   const off_t place = ftello(sub);
   std::rewind(sub);
   std::FILE* averaged = openfile(name, "w");

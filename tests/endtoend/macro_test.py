@@ -149,7 +149,7 @@ def stops():
     """The report tells of a stop from the keyboard, and of a population average that its limit cuts off."""
     study()
     fit("BERNOULLI", more="STOPMICRO:0\nMICROIT:4000\nFISHERTYPE:0\n", macroit="1,N")
-    commands = work.write("m.kdr", work.read("m.kdr").replace("MACROIT:1,N", "MACROIT:9,N"))
+    commands = work.write("m.kdr", work.read("m.kdr").replace("MACROIT:1,N", "MACROIT:9,N").replace("MICROIT:50\n", ""))
     for place in ("macro 1/micro iteration 9,", "macro 2/micro iteration 9,"):
         child = subprocess.Popen([work.program, "-q", "-strict", "m.mdm", commands], cwd=work.folder, stdin=subprocess.PIPE,
                                  stdout=subprocess.PIPE, text=True, env=work.environment)

@@ -16,7 +16,7 @@ import time
 
 import report
 import rubin
-from program import NOFILES, REFERENCE, Checks, Workplace, template
+from program import NOFILES, REFERENCE, Checks, Workplace, body, template
 
 DATA = REFERENCE / "imputed"
 M = 5
@@ -263,7 +263,20 @@ def refusals(check, place):
     (place.folder / STORE).write_bytes(whole)
     done = words("-mi0", "-e")  # replaces it, and is the whole series
     check(done.returncode == 0 and "Only one analysis" in place.read("out.avg"), "a series of one")
-    check(words("-e").returncode == 100, "-e alone")
+    check(words("-e").returncode == 100, "-e with files and without a number")
+    want = body(place.read("out.avg"))
+    words("-mi0")
+    check(place.run("-mi", "x", "imp1.mdm", "series.kdr").returncode == 100 and place.exists(STORE), "-mi x")
+    words("-mi", "1")
+    check(place.exists(STORE) and place.exists("out.2"), "-mi 1 is not 0")
+    done = place.run("-e")
+    check(done.returncode == 0 and "The report is out.avg" in done.stdout and not place.exists(STORE), f"-e alone: {done.stdout}")
+    two = body(place.read("out.avg"))
+    words("-mi0")
+    words("-mi1", "-e")
+    check(body(place.read("out.avg")) == two and two != want, "-e alone averages as the last data set does")
+    done = place.run("-e")
+    check(done.returncode == 100 and "There is no result store" in done.stdout, f"-e without a series: {done.stdout}")
     place.write("series.kdr", nonlinear("MULTINOMIAL,3", hypotheses=""))
     words("-mi0")
     done = place.run("-mi0", "separated.mdm", "series.kdr")  # fails before it makes a store

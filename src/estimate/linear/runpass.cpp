@@ -21,6 +21,8 @@ namespace {
 // The least-squares estimate into gammahat, and the residual variance.
 Failure leastsquares(Pass& pass, double& variance) {
   const int g = pass.g;
+  if (pass.nunits1 == 0)
+    return failedboth("No level-1 record is left: each lacks a value in a variable of the model.\n");
   if (pass.totalYY == 0.0)
     return failedwith("The outcome variable is all zeros!\n", "The outcome variable is all zeros!");
   if (collinear(pass.gramMM.data(), g) || invertsymmetric(g, pass.gramMM.data(), pass.est.vgamma.data()).result != 0)
