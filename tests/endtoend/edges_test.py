@@ -192,6 +192,15 @@ for name, cell in (("s.txt", r"Precision +yes +X1 +no\n"), ("s.html", r"Precisio
     check(re.search(cell, text), f"{name}: a precision is not normalised")
     check("compare such deviances only with each other" in text, f"{name}: deviances of known variances")
 
+# A record that lacks one of them, or its weight, is deleted.
+work.write("s.mdmt", ordinarysets.TEMPLATE.replace("l1missing:n\ntimeofdeletion:now",
+                                                   "l1missing:y/SAME\n-99.000000\ntimeofdeletion:analysis"))
+study(15, 4, 6, slopes(), x=lambda rng, i: 1 + rng.random() if i else -99.0)
+for keyword in ("VARIANCEKNOWN", "LEVEL1WEIGHT"):
+    text = fit(keyword + " with missing values", x="", more="", **{keyword: "X1"})
+    check("level-1 records to 300" in text, f"{keyword} with missing values: {text[-200:]}")
+work.write("s.mdmt", ordinarysets.TEMPLATE)
+
 # Weights are tested as they were read: a mean of negative ones would make them positive.
 study(15, 4, 6, slopes(), z=lambda k, j: -1.0 - j)
 for level, name in ((1, "X2"), (2, "Z")):

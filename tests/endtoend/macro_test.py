@@ -135,6 +135,10 @@ def astray():
         check(all((abs(row[3]) > 60) == beyond for row in rows), f"astray, macro iteration {macroit}: {rows}")
     for row, z in zip(rows, (math.exp(2) - 1, math.exp(-2) + 3)):
         check(abs(row[2] + row[3] - z) < 2e-6, f"astray, outcome 1, Z = {z}: {row}")
+    study(lambda row, i: row[:4] + [{40: -60.0, 41: 60.0}.get(i, row[4])])  # of categories, beyond 30
+    for macroit, ends in ((7, 0), (20, 18)):
+        code, said, _ = fit("MULTINOMIAL,3", "GRADE", macroit=f"{macroit},N", more=options)
+        check(code == ends, f"astray, categories, {macroit}: code {code}, {said[-100:]}")
 
 
 def heavy():
@@ -284,6 +288,13 @@ def engines():
         check(near(gammas[:3], [row.coefficient for row in rows]), f"fixed effects of {section}: {gammas}")
         check(near([v ** 0.5 for v in gammas[3::4]], [row.se for row in rows]), f"their errors: {gammas}")
     check("tauvcl6, containing" in text and "gamvcl6.dat, containing" in text, "list of files")
+
+    short = "WARNING: standard errors are far below those of PQL. Use more quadrature points.\n"
+    check(short not in text + said, "enough points: a warning")
+    study(lambda row, i: [50.0 * row[1] + i % 7] + row[1:])
+    _, said, text = fit("POISSON", more="AGQ:Y,30,3\n")
+    check(short in text and short in said, "too few points: no warning")
+    study()
 
     said, text, sections = run("LAPLACE:Y,1\n")
     words = "WARNING: the iterations of Laplace-6 ended before they had converged.\n"
