@@ -39,15 +39,6 @@ LaplaceState copyof(const LaplaceState& state) {
   copy.left = state.left;
   return copy;
 }
-std::vector<double> elements(const Parameters& x) {
-  std::vector<double> all;
-  for (int a = 0; a < x.q; ++a)
-    for (int b = 0; b <= a; ++b) all.push_back(x.taupi[at(a * x.q + b)]);
-  for (int a = 0; a < x.r; ++a)
-    for (int b = 0; b <= a; ++b) all.push_back(x.taubeta[at(a * x.r + b)]);
-  all.insert(all.end(), x.gamma.begin(), x.gamma.end());
-  return all;
-}
 LaplaceResult fit(const Study& study, const LaplaceSettings& settings, double size = 0.6, double quasi = -1e5) {
   const auto [u, v] = study.modes();
   return runlaplace(study.data, settings, study.parameters(size), u, v, quasi);
@@ -93,7 +84,7 @@ TEST(LaplaceRun, ThreadsAndBatchesChangeNoByte) {
   shape.records = 40;
   for (const auto& [threads, batch] : {std::pair(1, 80), {3, 80}, {2, 7}}) {
     Study study(shape);
-    study.batch = at(batch);
+    study.batchsize = at(batch);
     LaplaceSettings settings;
     settings.threads = threads;
     settings.laplaceit = 3;
