@@ -108,6 +108,8 @@ near("the robust standard error beside large random effects", number(r"INTRCPT3,
 # No unit of measurement decides what can be computed: deviance, t-ratios and standard errors of the variances follow.
 study(20, 6, 8, slopes())
 base = fit("units of measurement 1 1")
+few = "large number of level 3 units.  These data do not meet this criterion."
+check(few in base, "20 level-3 units less one effect are few")
 for scalex, scaley in ((1e5, 1), (1e-4, 1), (2e5, 1e4), (1, 1e5), (1e-3, 1e-4)):
     study(20, 6, 8, slopes(), scalex, scaley)
     what = f"units of measurement {scalex:g} {scaley:g}"
@@ -141,6 +143,13 @@ check("share out the\n" in text, "shared starting values are announced")
 near("sigma^2 from two records a unit", number(r"\n sigma\^2", text), 1.0, 0.5)
 study(60, 4, 2, slopes(), x=lambda rng, i: i)
 text = fit("two records a unit at the same two places", 16, more=SLOPE.format(random=""))
+
+# 21 less one are enough. With two level-2 units in a level-3 unit there are too few for covariances of its own.
+for units2, code in ((3, 0), (2, 100)):
+    study(21, units2, 6, slopes())
+    text = fit(f"heterogeneous, {units2} units", code, more=SLOPE.format(random=""), HETIT="2")
+    check(("ratio is too small" in text) == (code == 100), f"heterogeneous, {units2} units: {text[-200:]}")
+    check(code == 100 or few not in text, "21 level-3 units less one effect are few")
 
 # Ordinary studies end with estimates.
 for seed in range(40):

@@ -291,9 +291,14 @@ def engines():
 
     short = "WARNING: standard errors are far below those of PQL. Use more quadrature points.\n"
     check(short not in text + said, "enough points: a warning")
-    study(lambda row, i: [50.0 * row[1] + i % 7] + row[1:])
-    _, said, text = fit("POISSON", more="AGQ:Y,30,3\n")
-    check(short in text and short in said, "too few points: no warning")
+    started = "The run goes on with the estimates that quadrature started from.\n"
+    for factor, points, words in ((5.0, 3, short), (1.0, 5, "have a lower log-likelihood than those of an earlier iteration.\n")):
+        study(lambda row, i: [factor * row[1] + i % 7] + row[1:])
+        (_, plain), (said, text) = (fit("POISSON", macroit="10,N", more=x)[1:] for x in ("", f"AGQ:Y,30,{points}\n"))
+        check(words in text and started in text and started in said, f"too few points, {factor}: words")
+        averages = [[row.coefficient for row in report.splitsections(x)["population-average"].fixed["final"].rows]
+                    for x in (plain, text)]
+        check(near(*averages), f"too few points, {factor}: estimates {averages}")
     study()
 
     said, text, sections = run("LAPLACE:Y,1\n")

@@ -294,13 +294,34 @@ TEST(LaplaceRun, RaisedRidgeGoesOnAndSingularFinalInformationFails) {
   EXPECT_EQ(count(shown, '/'), 1);
 }
 
-// Many level-2 units of one record and a rare outcome: the sum of their corrections exceeds 1.
+// Level-2 units of one record with a rare outcome: the sum of their corrections exceeds 1. The score is then that of
+// the first-order approximation.
 TEST(LaplaceRun, LikelihoodWithoutALogarithmIsAFailedTrial) {
-  const Study study({"rare", 1, {0}, {{0, false}}, 6, 600, 1, 51, -2.0}, false);
-  LaplaceState state = study.state(study.parameters(2.0, -2.0));
-  double loglik = 0;
-  std::string shown = console([&] { EXPECT_FALSE(laplace6loglikelihood(study.data, {}, state, loglik)); });
+  const Study study({"rare", 1, {0}, {{0, false}}, 3, 10, 1, 51, -4.0}, false);
+  const Parameters x = study.parameters(8.0, -4.0);
+  LaplaceState state = study.state(x);
+  LaplaceSettings settings;
+  settings.stopmodes = 1e-9;
+  double loglik = 0, rel2 = 0, rel3 = 0;
+  const auto defined = [&] { return laplace6loglikelihood(study.data, settings, state, loglik); };
+  const std::string shown = console([&] { EXPECT_FALSE(defined()); });
   EXPECT_EQ(count(shown, '\n'), 0);
+  ScoreWork work = makescorework(study.data, study.q, study.r);
+  TauInverses inverses;
+  ASSERT_TRUE(invertaus(x, inverses));
+  UnitReliability reliability{&rel2, &rel3};
+  std::vector<double> score(x.count());
+  EXPECT_FALSE(unitscore(study.data, x, inverses, state.modes, study.units[0], work, score.data(), reliability));
+  for (std::size_t p = 0; p < score.size(); ++p) {
+    const auto moved = [&](double h) {
+      std::vector<double> delta(score.size());
+      delta[p] = h;
+      Parameters there = x.copy();
+      addstep(there, delta.data());
+      return denselikelihood(denseunit(study, study.units[0]), there, 0.0);
+    };
+    EXPECT_NEAR(score[p], (moved(1e-3) - moved(-1e-3)) / 2e-3, 1e-6) << p;
+  }
 }
 
 TEST(LaplaceRun, LimitAndKeyboardEndTheIterations) {

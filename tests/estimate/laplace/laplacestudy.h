@@ -182,7 +182,8 @@ inline double denseS(const DenseUnit& unit, const DenseFit& fit) {
 inline double denselikelihood(const DenseUnit& unit, const Parameters& x, double correction = 1.0) {
   const DenseFit fit = densemode(unit, x);
   return fit.records - 0.5 * (fit.quadratic + fit.logH + logdet(x.taubeta, x.r) + unit.units * logdet(x.taupi, x.q)) +
-         correction * std::log(1.0 - denseS(unit, fit)) - 0.5 * unit.X.rows * std::log(6.2831853);
+         (correction == 0.0 ? 0.0 : correction * std::log(1.0 - denseS(unit, fit))) -
+         0.5 * unit.X.rows * std::log(6.2831853);
 }
 
 }  // namespace laplacestudy
