@@ -10,7 +10,9 @@
 #include <string>
 #include <vector>
 
+#include "app/linearjob.h"
 #include "app/options.h"
+#include "app/runobserver.h"
 #include "command/commandfile.h"
 #include "command/complete.h"
 #include "command/constraints.h"
@@ -26,8 +28,6 @@
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
 #include "estimate/linear/centering.h"
-#include "estimate/linear/heterogeneous.h"
-#include "estimate/linear/linearrun.h"
 #include "estimate/linear/weights.h"
 #include "estimate/quasi/categoryloop.h"
 #include "estimate/quasi/macroloop.h"
@@ -36,6 +36,7 @@
 #include "report/header.h"
 #include "report/resultsdocument.h"
 #include "report/specification.h"
+#include "report/startvaluesfile.h"
 #include "report/stream.h"
 #include "report/symbols.h"
 #include "report/variancefiles.h"
@@ -160,10 +161,10 @@ void readmodel() {
   markdeletion();
   run.model.weighted = run.model.wgtvar1 != 0 || run.model.wgtvar2 != 0 || run.model.wgtvar3 != 0;
   checkengines();
-  if (run.model.weighted) normaliseweights();
+  if (run.model.weighted) stopif(normaliseweights(run.model, run.mdm, runobserver(), run.weights));
   if (!run.series.pvmode || run.series.pvfirst)
     run.model.outname = run.mdm.names1[static_cast<std::size_t>(run.model.outvar)];
-  centerlevel3();
+  centerlevel3(run.model, run.mdm);
 }
 
 void openresults() {
@@ -183,9 +184,14 @@ void openresults() {
 
 // The estimation by the kind of the run; the results of its passes go to the store of a series.
 PassResults estimate(const CategoryTable& table) {
-  if (run.model.outcome.single()) return estimatenonlinear(storesubrun);
-  if (run.model.outcome.categorical()) return estimatecategories(table, storesubrun);
-  PassResults results = estimatelinear();
+  Estimates start;
+  const bool given = havestartvalues();
+  if (given) start = readstartvalues();
+  const Observer observer = runobserver();
+  const Analysis analysis = analysisofrun(observer, given ? &start : nullptr);
+  if (run.model.outcome.single()) return estimatenonlinear(analysis, storesubrun);
+  if (run.model.outcome.categorical()) return estimatecategories(analysis, table, storesubrun);
+  PassResults results = linearjob(analysis);
   storesubrun(results);
   return results;
 }
@@ -242,7 +248,8 @@ void runjob(int argc, char** argv) {
   clearseries();
   do {
     readmodel();
-    const CategoryTable table = run.model.outcome.categorical() ? readcategories() : CategoryTable{};
+    const CategoryTable table =
+        run.model.outcome.categorical() ? readcategories(analysisofrun(runobserver(), nullptr)) : CategoryTable{};
     openresults();
     const PassResults results = estimate(table);
     if (run.model.outcome.single()) listnonlinearfiles();

@@ -38,7 +38,7 @@ void askcontrast(int h) {
   const std::size_t start = model.contrasts.size();
   model.contrasts.resize(start + static_cast<std::size_t>(run.model.coef.ngamma));
   ++model.hypothesisrows[static_cast<std::size_t>(h)];
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   for (std::size_t g = 0; g < rows.effects.size(); ++g) {
     const EffectRow& effect = rows.effects[g];
     if (effect.removed || rows.owner(effect).threshold) continue;
@@ -80,7 +80,7 @@ void asklvrroles() {
   run.out.lvr = false;
   std::size_t n = 0;
   int wrong = 0;
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   for (const TermRow& term : rows.terms) {
     if (!term.random) continue;
     const std::string prompt = formatted("How do you want to handle %8.8s/%8.8s?",
@@ -161,7 +161,7 @@ void constraintquestions() {
   if (run.answered.constrain) return;
   Array<int>& constraints = run.model.constraints;
   constraints.reset(static_cast<std::size_t>(run.model.coef.ngamma));
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   int groups = 0;
   while (askyesno("Do you want to constrain any (more) of the gammas?")) {
     bool chosen = false;

@@ -99,7 +99,7 @@ void asklevel1() {
 
 // Once the level-1 coefficients are known.
 void fixthresholds() {
-  for (const CoefficientRow& coefficient : modelrows().coefficients)
+  for (const CoefficientRow& coefficient : modelrows(run.model).coefficients)
     if (coefficient.threshold) run.model.fixed1.row(coefficient.set)[coefficient.place] = 1;
 }
 
@@ -153,7 +153,7 @@ void askcentering1() {
 void askcentering2() {
   if (run.answered.level2) return;
   Array<int> used(static_cast<std::size_t>(run.mdm.ncol2));
-  for (const TermRow& term : modelrows().terms) used[static_cast<std::size_t>(term.variable)] = 1;
+  for (const TermRow& term : modelrows(run.model).terms) used[static_cast<std::size_t>(term.variable)] = 1;
   askcentering(anyvariable(used), "\nDo you want to center any level-2 predictors?", threechoices, "012", used,
                run.mdm.names2, run.model.center2);
 }
@@ -161,7 +161,7 @@ void askcentering2() {
 void askcentering3() {
   if (run.answered.level3) return;
   Array<int> used(static_cast<std::size_t>(run.mdm.ncol3));
-  for (const EffectRow& effect : modelrows().effects) used[static_cast<std::size_t>(effect.variable)] = 1;
+  for (const EffectRow& effect : modelrows(run.model).effects) used[static_cast<std::size_t>(effect.variable)] = 1;
   askcentering(anyvariable(used), "Do you want to center any level-3 predictors?", twochoices, "02", used,
                run.mdm.names3, run.model.center3);
 }
@@ -203,7 +203,7 @@ void asklevel2() {
   std::printf("\n\nLevel-2 predictor variable specification\n");
   showchoices("Which level-2 variables do you wish to use?\n", run.mdm.nvar2, run.mdm.names2, 0);
   int set = -1;
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   for (const CoefficientRow& coefficient : rows.coefficients) {
     if (coefficient.threshold) continue;
     saycategory(set, coefficient.set);
@@ -235,7 +235,7 @@ void asklevel2() {
 void askrandom2() {
   if (run.answered.level1) return;
   if (!askyesno("\n\nDo you want to constrain the variances in any of the level-2 random\n effect to zero?")) return;
-  for (const CoefficientRow& coefficient : modelrows().coefficients) {
+  for (const CoefficientRow& coefficient : modelrows(run.model).coefficients) {
     if (coefficient.threshold) continue;
     const std::string prompt = formatted("Do you want to fix %8.8s,P%d%s", name1(coefficient.variable),
                                          coefficient.subscript, coefficient.place == 0 ? "?" : " slope?");
@@ -248,7 +248,7 @@ void asklevel3() {
   std::printf("\n\nLevel-3 predictor variable specification\n");
   showchoices("Which level-3 predictors do you wish to use?\n", run.mdm.nvar3, run.mdm.names3, 0);
   int set = -1;
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   for (const TermRow& term : rows.terms) {
     const CoefficientRow& owner = rows.owner(term);
     if (owner.threshold) continue;
@@ -270,7 +270,7 @@ void asklevel3() {
 void askrandom3() {
   if (run.answered.level2) return;
   if (!askyesno("\nDo you want to constrain the variances in any of the level-3 random\n effect to zero?")) return;
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   for (const TermRow& term : rows.terms) {
     const CoefficientRow& owner = rows.owner(term);
     if (owner.threshold) continue;
@@ -302,7 +302,7 @@ void askextra2() {
   showchoices("Select the level-2 variables that you might consider for\ninclusion as predictors in subsequent models.",
               run.mdm.nvar2, run.mdm.names2, 0);
   const int* before = nullptr;
-  for (const CoefficientRow& coefficient : modelrows().coefficients) {
+  for (const CoefficientRow& coefficient : modelrows(run.model).coefficients) {
     if (!coefficient.random) continue;
     std::printf("Which level-2 variables to model %8.8s, P%d%s", name1(coefficient.variable), coefficient.subscript,
                 coefficient.place == 0 ? "?\n" : " slope?\n");
@@ -320,7 +320,7 @@ void askextra3() {
       "inclusion as predictors in subsequent models.\n",
       run.mdm.nvar3, run.mdm.names3, 0);
   const int* before = nullptr;
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   for (const TermRow& term : rows.terms) {
     if (!term.random) continue;
     const CoefficientRow& owner = rows.owner(term);

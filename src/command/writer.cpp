@@ -121,7 +121,7 @@ void writeset(std::FILE* out, int e, const std::string& outcome) {
   const Model& model = run.model;
   const MdmData& mdm = run.mdm;
   writelevel1(out, e, outcome);
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   for (const CoefficientRow& coefficient : rows.coefficients) {
     if (coefficient.set != e) continue;
     std::fprintf(out, "LEVEL2:%s=%s\n", nameof(mdm.names1, coefficient.variable).c_str(),

@@ -567,7 +567,7 @@ Array<VariableTotals> copyunits(Construction& build) {
   const MdmData& mdm = run.mdm;
   Array<VariableTotals> totals = starttotals(mdm.nvar2);
   UnitReader reader;
-  startunits(reader, build.blocks, 0, mdm.nvar1, mdm.nvar2, true);
+  startunits(reader, mdm, build.blocks, 0, mdm.nvar1, mdm.nvar2, true);
   for (int j = 0; j < mdm.nunits2; ++j) {
     neededunit(reader, build.unit);
     writeunit(build.mdm.stream, build.unit, mdm.nvar1, mdm.nvar2, true);

@@ -3,6 +3,10 @@
 
 namespace kdr {
 
+// What is done about a starting tau that is no covariance matrix, by its code in FIXTAU2: and FIXTAU3:. Any other code
+// asks.
+enum class FixTau { ask = 0, clear = 1, byhand = 2, automatic = 3, quit = 4, always = 5 };
+
 // How the iterations run. The field of a keyword bears the keyword's name.
 struct Control {
   int numit = 0;                 // NUMIT:, MICROIT:. Most iterations; 0: the dialogue asks
@@ -12,7 +16,7 @@ struct Control {
   double stopmacro = 1.0e-4;     // STOPMACRO:
   int accel = 5;                 // ACCEL:. Iterations between accelerations
   int fishertype = 2;            // FISHERTYPE:, DOFISHER:. 0 none, 1 outer products, 2 expected information
-  int fixtau2 = 3, fixtau3 = 3;  // FIXTAU2:, FIXTAU3:. 1 off-diagonals 0, 2 by hand, 3 automatic, 4 quit, 5 always ask
+  int fixtau2 = 3, fixtau3 = 3;  // FIXTAU2:, FIXTAU3:. See FixTau
   int hetit = 0;                 // HETIT:. Iterations of the stage with a taupi per level-3 unit
   bool laplace = false;          // LAPLACE:
   int laplaceit = 50;

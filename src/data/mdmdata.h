@@ -34,10 +34,9 @@ struct MdmData {
   int maxbeta = 0;                      // ncol2 * nvar1: level-2 coefficients that an equation set can have
 };
 
-// Design weights and known variances, one entry per level-1 record, level-2 unit and level-3 unit in file order.
+// Design weights, one entry per level-1 record, level-2 unit and level-3 unit in file order.
 struct DesignWeights {
   Array<double> weight1;  // empty unless the run is weighted
-  Array<double> factor1;  // sqrt(weight1) over the root of the known variance; empty without either
   Array<double> weight2;
   Array<double> weight3;
 };

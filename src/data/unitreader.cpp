@@ -16,7 +16,7 @@ namespace {
 
 constexpr std::size_t buffersize = std::size_t{1} << 20;
 
-bool readsmdm(const UnitReader& reader) { return reader.stream == run.mdm.stream; }
+bool readsmdm(const UnitReader& reader) { return reader.stream == reader.mdm->stream; }
 
 [[noreturn]] void damaged(const UnitReader& reader, const char* what) {
   if (readsmdm(reader)) damagedmdm(what);
@@ -77,7 +77,7 @@ inline void take(UnitReader& reader, void* destination, std::size_t bytes) {
 }
 
 void takeid(UnitReader& reader, Id& id) {
-  if (run.mdm.numericids) {
+  if (reader.mdm->numericids) {
     take(reader, &id.number, sizeof id.number);
     return;
   }
@@ -91,7 +91,7 @@ void sizeblock(const UnitReader& reader, UnitBlock& block) {
   const auto nvar2 = static_cast<std::size_t>(reader.nvar2);
   if (block.means.size() < nvar1) block.means.reset(nvar1);
   if (block.level2.size() < nvar2) block.level2.reset(nvar2);
-  const std::size_t most = static_cast<std::size_t>(run.mdm.maxnj) * nvar1;
+  const std::size_t most = static_cast<std::size_t>(reader.mdm->maxnj) * nvar1;
   if (block.records.size() < most) block.records.reset(most);
 }
 
@@ -104,7 +104,7 @@ bool takecount(UnitReader& reader, UnitBlock& block) {
   const std::size_t room = block.records.size() / std::max<std::size_t>(static_cast<std::size_t>(reader.nvar1), 1);
   // A working copy keeps the units that deletion left without a record.
   if (block.nj < (reader.withmeans ? 1 : 0) || static_cast<std::size_t>(block.nj) > room ||
-      (reader.withmeans && block.nj > run.mdm.maxnj))
+      (reader.withmeans && block.nj > reader.mdm->maxnj))
     damaged(reader, "a level-2 unit has an impossible size");
   return true;
 }
@@ -117,7 +117,7 @@ void taketail(UnitReader& reader, UnitBlock& block) {
 
 // Counts a delivered block of the MDM file, and holds the counts against the head once all blocks have been seen.
 void tally(UnitReader& reader, const UnitBlock& block) {
-  const MdmData& mdm = run.mdm;
+  const MdmData& mdm = *reader.mdm;
   reader.tallyposition = unitposition(reader);
   ++reader.units;
   reader.records += block.nj;
@@ -138,8 +138,10 @@ void tally(UnitReader& reader, const UnitBlock& block) {
 
 }  // namespace
 
-void startunits(UnitReader& reader, std::FILE* stream, long long offset, int nvar1, int nvar2, bool withmeans) {
+void startunits(UnitReader& reader, const MdmData& mdm, std::FILE* stream, long long offset, int nvar1, int nvar2,
+                bool withmeans) {
   if (std::fflush(stream) != 0) fail(5);
+  reader.mdm = &mdm;
   reader.stream = stream;
   reader.nvar1 = nvar1;
   reader.nvar2 = nvar2;
@@ -147,7 +149,7 @@ void startunits(UnitReader& reader, std::FILE* stream, long long offset, int nva
   if (reader.buffer.empty()) reader.buffer.reset(buffersize);
   reader.start = reader.tallyposition = offset;
   reader.have = reader.at = 0;
-  reader.tallied = withmeans && stream == run.mdm.stream && offset == run.mdm.firstblock;
+  reader.tallied = withmeans && stream == mdm.stream && offset == mdm.firstblock;
   reader.units = 0;
   reader.records = 0;
   reader.group = -1;
@@ -157,7 +159,7 @@ bool readunit(UnitReader& reader, UnitBlock& block) {
   // A jump that did not lead back to where the last block ended ends the tally.
   if (unitposition(reader) != reader.tallyposition) reader.tallied = false;
   if (!takecount(reader, block)) {
-    if (reader.tallied && reader.units != run.mdm.numl2rec) damagedmdm("it is cut off");
+    if (reader.tallied && reader.units != reader.mdm->numl2rec) damagedmdm("it is cut off");
     return false;
   }
   const std::size_t row = static_cast<std::size_t>(reader.nvar1) * sizeof(double);
@@ -191,21 +193,27 @@ void seekunit(UnitReader& reader, long long position) {
   reader.at = reader.have = 0;
 }
 
-std::FILE* startworking() {
-  // Keep the number of writes low. The library takes the size of a buffer only with the buffer itself, which has to
-  // last as long as the stream: two are open at a time, the one that is written and the one before it, which is read.
-  static char pieces[2][std::size_t{256} << 10];
-  static int turn = 0;
-  std::FILE* stream = scratchopen();
-  turn = 1 - turn;
-  std::setvbuf(stream, pieces[turn], _IOFBF, sizeof pieces[turn]);
-  return stream;
+WorkingFile& WorkingFile::operator=(WorkingFile&& other) noexcept {
+  std::swap(buffer, other.buffer);
+  std::swap(stream, other.stream);
+  return *this;
 }
 
-void finishworking(std::FILE* stream) {
-  if (std::fflush(stream) != 0 || std::ferror(stream) != 0) fail(5);
-  scratchclose(run.files.working);
-  run.files.working = stream;
+WorkingFile::~WorkingFile() { scratchclose(stream); }
+
+WorkingFile startworking() {
+  // Keep the number of writes low. The library takes the size of a buffer only with the buffer itself.
+  constexpr std::size_t piece = std::size_t{256} << 10;
+  WorkingFile made;
+  made.buffer.reset(piece);
+  made.stream = scratchopen();
+  std::setvbuf(made.stream, made.buffer.data(), _IOFBF, piece);
+  return made;
+}
+
+void finishworking(WorkingFile made, WorkingFile& current) {
+  if (std::fflush(made.stream) != 0 || std::ferror(made.stream) != 0) fail(5);
+  current = std::move(made);
 }
 
 void writeunit(std::FILE* stream, const UnitBlock& block, int nvar1, int nvar2, bool withmeans) {

@@ -4,9 +4,10 @@
 
 #include <cstddef>
 #include <cstdio>
-#include <string>
+#include <utility>
 
 #include "data/mdm.h"
+#include "data/mdmdata.h"
 #include "kernel/array.h"
 
 namespace kdr {
@@ -22,6 +23,7 @@ struct UnitBlock {
 
 // A walk over the blocks of one file, through a buffer of its own.
 struct UnitReader {
+  const MdmData* mdm = nullptr;
   std::FILE* stream = nullptr;
   int nvar1 = 0, nvar2 = 0;
   bool withmeans = false;
@@ -36,10 +38,11 @@ struct UnitReader {
   long long tallyposition = 0;  // where readunit left off
 };
 
-// Starts a walk at file position `offset`. `withmeans` is true for an MDM file, false for a working copy. What has been
-// written to the stream so far reaches the file first; failure 5 if it cannot. Between startunits and the last readunit
-// nothing may be written to the stream.
-void startunits(UnitReader& reader, std::FILE* stream, long long offset, int nvar1, int nvar2, bool withmeans);
+// Starts a walk at file position `offset` of a file with units of `mdm`. `withmeans` is true for an MDM file, false for
+// a working copy. What has been written to the stream so far reaches the file first; failure 5 if it cannot. Between
+// startunits and the last readunit nothing may be written to the stream.
+void startunits(UnitReader& reader, const MdmData& mdm, std::FILE* stream, long long offset, int nvar1, int nvar2,
+                bool withmeans);
 
 // Reads the next block; false at the end of the file. Stops with code 100 and a line of its own when the block runs
 // past the end of the file or has an impossible size, and, for the MDM file, when the blocks do not agree with the
@@ -55,10 +58,21 @@ void neededunit(UnitReader& reader, UnitBlock& block);
 [[nodiscard]] long long unitposition(const UnitReader& reader);
 void seekunit(UnitReader& reader, long long position);
 
-// The working data file of a run is a scratch file. startworking opens the next one for writing; finishworking makes it
-// the working data file in the place of the one before. All its readers go by positions of their own. Failures 5 and 6.
-[[nodiscard]] std::FILE* startworking();
-void finishworking(std::FILE* stream);
+// The working data file of a fit, a scratch file with a large buffer. startworking opens the next one for writing;
+// finishworking makes it the working data file in the place of the one before. All its readers go by positions of their
+// own. Failures 5 and 6.
+struct WorkingFile {
+  Array<char> buffer;
+  std::FILE* stream = nullptr;
+
+  WorkingFile() = default;
+  WorkingFile(WorkingFile&& other) noexcept { *this = std::move(other); }
+  WorkingFile& operator=(WorkingFile&& other) noexcept;
+  ~WorkingFile();
+  [[nodiscard]] bool isopen() const { return stream != nullptr; }
+};
+[[nodiscard]] WorkingFile startworking();
+void finishworking(WorkingFile made, WorkingFile& current);
 // Writes one block. Failure 5.
 void writeunit(std::FILE* stream, const UnitBlock& block, int nvar1, int nvar2, bool withmeans);
 

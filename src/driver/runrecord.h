@@ -10,7 +10,6 @@
 
 #include "core/constants.h"
 #include "core/control.h"
-#include "core/estimates.h"
 #include "core/model.h"
 #include "core/names.h"
 #include "data/mdmdata.h"
@@ -60,7 +59,6 @@ struct RunFiles {
   bool resultsgiven = false;  // by -results, which wins over RESULTS:
   std::string resfil1name, resfil2name, resfil3name;
   std::FILE* nextcommands = nullptr;    // command file of the next plausible-value pass, without a name
-  std::FILE* working = nullptr;         // working data file, without a name
   std::vector<std::string> unfinished;  // result files that are not complete; a stop removes them
   std::vector<std::string> made;        // result files of this pass that are complete, in order
 };
@@ -130,7 +128,6 @@ struct RunRecord {
   AnsweredMarks answered;
   Symbols sym;
   ReportStream report;
-  Estimates est;
   DesignWeights weights;
 };
 

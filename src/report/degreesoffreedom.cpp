@@ -58,7 +58,7 @@ int whole(long long value) { return static_cast<int>(std::clamp<long long>(value
 }  // namespace
 
 void degreesoffreedom(FixedDegrees& degrees) {
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   const Costs costs = modelcosts(rows);
   const std::size_t n = rows.effects.size();
   degrees.df.reset(n);

@@ -306,7 +306,7 @@ void level1variance() {
 }  // namespace
 
 void setrandomsubscripts() {
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   std::vector<int> pi, beta1, beta2;
   for (const CoefficientRow& coefficient : rows.coefficients)
     if (coefficient.random) pi.push_back(coefficient.subscript);
@@ -338,7 +338,7 @@ void centernotes(int n, const Array<int>& marks, const Array<Name>& names) {
 }
 
 void writeequations() {
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   report2("\n\n Summary of the model specified (in equation format)\n", "<h3>Summary of the model specified</h3>\n");
   reportrule(51);
   level1model(rows);
@@ -422,7 +422,7 @@ void mixedrandom3(const ModelRows& rows) {
 
 void writemixedmodel() {
   if (run.model.outcome.categorical()) return;
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   report2("\n\nMixed Model\n", "<h4>Mixed Model</h4>\n");
   reportblank(4);
   report("%s = ", (!run.model.outcome.single() ? variable(run.model.outname, run.sym.symsub)

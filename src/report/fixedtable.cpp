@@ -22,7 +22,7 @@ bool isestimates(TableKind kind) {
 std::vector<int> setopenings() {
   std::vector<int> openings;
   if (multinomialrun()) {
-    const ModelRows rows = modelrows();
+    const ModelRows rows = modelrows(run.model);
     int last = -1;
     for (const EffectRow& effect : rows.effects) {
       if (effect.removed) continue;

@@ -78,11 +78,11 @@ void readpredictors(Predictors& list1, Predictors& list2) {
   reserve(list2, run.mdm.numl2rec);
   std::FILE* stream = openfile(run.files.mdmfile, "rb");
   UnitReader reader;
-  startunits(reader, stream, run.mdm.firstblock, run.mdm.nvar1, run.mdm.nvar2, true);
+  startunits(reader, run.mdm, stream, run.mdm.firstblock, run.mdm.nvar1, run.mdm.nvar2, true);
   UnitBlock unit;
   for (int j = 0; j < run.mdm.numl2rec && readunit(reader, unit); ++j) {
     checksignals();
-    if (!run.mdm.deletednow) deleterecords(unit);
+    if (!run.mdm.deletednow) deleterecords(run.model, unit);
     if (unit.nj == 0) continue;
     for (int i = 0; i < unit.nj; ++i) take(list1, unit.records.data() + at(i) * at(run.mdm.nvar1));
     take(list2, unit.level2.data());
@@ -134,7 +134,7 @@ void writepredictorsections(ResultFile& file) {
 
 // The flag of every level-1 coefficient, then of every level-2 coefficient.
 void writeflags(ResultFile& file) {
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   for (const CoefficientRow& coefficient : rows.coefficients) writevalue(file, coefficient.random ? 0 : 1);
   for (const TermRow& term : rows.terms) writevalue(file, term.random ? 0 : 1);
 }
@@ -197,14 +197,14 @@ void writelevel2(ResultFile& file, Pass& pass, UnitResults& results) {
 
 }  // namespace
 
-void writegraphdata(Pass& pass, const RecordLayout& layout, const Array<double>& phases) {
+void writegraphdata(Pass& pass, const WorkingFile& working, const RecordLayout& layout, const Array<double>& phases) {
   ResultFile file;
   openresult(file, run.files.graphgammas);
   writeresult(file, "GRKDR3");
   writevalue(file, fileversion);
   writevalue(file, pass.g);
   put(file, phases);
-  put(file, run.est.gammahat);
+  put(file, pass.est.gammahat);
   writepredictorsections(file);
 
   UnitResults results = makeunitresults(pass);
@@ -213,7 +213,7 @@ void writegraphdata(Pass& pass, const RecordLayout& layout, const Array<double>&
   writelevel2(file, pass, results);
   if (run.model.outcome.categorical()) return finishresult(file);
   writevalue(file, run.mdm.nunits1);
-  eachfittedunit(pass, layout,
+  eachfittedunit(pass, working, layout,
                  [&](int, const UnitBlock& unit, const double* fitted) { put(file, fitted, at(unit.nj)); });
   finishresult(file);
 }

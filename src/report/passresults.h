@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "core/constants.h"
+#include "core/estimates.h"
 #include "driver/runrecord.h"
 #include "kernel/array.h"
 #include "report/degreesoffreedom.h"

@@ -100,7 +100,7 @@ const char* centering(const Array<int>& marks, int v) {
 Json categoryornull(int set) { return multinomialrun() ? textornull(categorylabel(set)) : Json(); }
 
 Json equations() {
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   const std::vector<int> reduced = reducedeffects(rows);
   Json list = Json::array();
   for (const CoefficientRow& coefficient : rows.coefficients) {
@@ -183,7 +183,7 @@ Json tested(const Estimate& row, bool withratio) {
 
 Json fixedeffects(const Array<double>& gamma, const Covariance& model, const Covariance& robust, bool leastsquares,
                   bool withratio) {
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   const int n = run.model.coef.ngamma;
   const FixedDegrees none;
   const auto variances = [&](const Covariance& covariance) {
@@ -256,7 +256,7 @@ void addeffects(Json& phase, const Array<double>& gamma, const Covariance& model
 
 Json taurows(Tau which, int n) {
   const Coefficients& coef = run.model.coef;
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   std::vector<int> sets;
   for (const CoefficientRow& row : rows.coefficients)
     if (which == Tau::pi && row.random) sets.push_back(row.set);
@@ -342,7 +342,7 @@ void addlikelihood(Json& phase, double loglik, bool comparable, long long parame
 
 // The shares of a linear model with nothing but an intercept that varies at all three levels.
 Json intraclass(double sigma2, const Array<double>& taupi, const Array<double>& taubeta) {
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   const bool null = run.model.outcome.linear() && run.model.autovknown == 0 && rows.effects.size() == 1 &&
                     taupi.size() == 1 && taubeta.size() == 1 && rows.coefficients[0].variable == 0 &&
                     rows.terms[0].variable == 0 && rows.effects[0].variable == 0;

@@ -215,7 +215,7 @@ void modeltable(const ModelRows& rows) {
 
 void buildsummary() {
   int level1 = 0, level2 = 0, fixed = 0;
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   for (const CoefficientRow& coefficient : rows.coefficients) level1 += coefficient.set == 0 ? 1 : 0;
   for (const TermRow& term : rows.terms) {
     if (rows.owner(term).set != 0) continue;
@@ -230,7 +230,7 @@ void writespecification() {
   facts();
   weightingtable();
   report("\n  The outcome variable is %s\n", escaped(run.model.outname.text).c_str());
-  if (!run.report.html) modeltable(modelrows());
+  if (!run.report.html) modeltable(modelrows(run.model));
   writeequations();
   writemixedmodel();
 }

@@ -80,7 +80,7 @@ std::string effectlabel(const ModelRows& rows, const EffectRow& effect) {
 }
 
 void makerowlabels() {
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   Coefficients& coef = run.model.coef;
   const auto kept =
       std::count_if(rows.effects.begin(), rows.effects.end(), [](const EffectRow& e) { return !e.removed; });

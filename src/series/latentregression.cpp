@@ -177,7 +177,7 @@ LatentModel latentmodel() {
   LatentModel model;
   model.roles = {run.out.lvrroles.data(), run.out.lvrroles.size()};
   model.nunits3 = run.mdm.nunits3;
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   const std::vector<int> reduced = reducedeffects(rows);
   for (const TermRow& term : rows.terms) {
     if (!term.random) continue;

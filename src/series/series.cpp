@@ -211,7 +211,7 @@ bool writeaverages() {
 
 SubrunShape seriesshape() {
   SubrunShape shape;
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   for (const CoefficientRow& row : rows.coefficients) shape.q += row.random ? 1 : 0;
   for (const TermRow& row : rows.terms) shape.r += row.random ? 1 : 0;
   for (const EffectRow& row : rows.effects) shape.g += row.removed ? 0 : 1;
@@ -248,7 +248,7 @@ void beginseries() {
   series.shape = shape;
   run.model.coef.ntaupi = shape.q;  // a pass finds the same; a last data set may fail before it has one
   run.model.coef.ntaubeta = shape.r;
-  series.frame = frameof(modelrows(), shape);
+  series.frame = frameof(modelrows(run.model), shape);
   series.begun = true;
 }
 

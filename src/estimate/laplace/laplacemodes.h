@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 
 #include "estimate/likelihood/parameters.h"
 #include "estimate/likelihood/unitrecords.h"
@@ -32,7 +33,7 @@ struct LaplaceSettings {
   int threads = 1;
   // Asked at the end of the mode sweeps and of each iteration; true when the user has ended the iterations. May be
   // null.
-  bool (*stopasked)() = nullptr;
+  std::function<bool()> stopasked;
 };
 
 // Modes, and what the last sweep left of the second derivatives, one place per unit.

@@ -2,7 +2,6 @@
 
 #include <cmath>
 #include <cstdio>
-#include <thread>
 
 #include "driver/failures.h"
 #include "driver/reportstream.h"
@@ -22,16 +21,8 @@ namespace kdr {
 
 namespace {
 
-int threads() {
-  if (run.id.threads > 0) return run.id.threads;
-  const unsigned cores = std::thread::hardware_concurrency();
-  return cores > 0 ? static_cast<int>(cores) : 1;
-}
-
-bool askstop() { return interrupted() && askinterrupt(); }
-
 Parameters currentparameters(const Pass& pass) {
-  return {pass.p, pass.b, pass.g, run.est.taupi.copy(), run.est.taubeta.copy(), run.est.gammahat.copy()};
+  return {pass.p, pass.b, pass.g, pass.est.taupi.copy(), pass.est.taubeta.copy(), pass.est.gammahat.copy()};
 }
 
 // What both engines hand back in the same way; `before` are the results of the last pass.
@@ -96,13 +87,13 @@ void tellunconverged(const char* engine, const PassResults& results) {
 }
 
 // The estimates of an engine become those of the run, without a covariance where the engine has none.
-void takeestimates(const PassResults& results) {
-  run.est.taupi = results.est.taupi.copy();
-  run.est.taubeta = results.est.taubeta.copy();
-  run.est.gammahat = results.est.gammahat.copy();
+void takeestimates(Pass& pass, const PassResults& results) {
+  pass.est.taupi = results.est.taupi.copy();
+  pass.est.taubeta = results.est.taubeta.copy();
+  pass.est.gammahat = results.est.gammahat.copy();
   if (results.covariance.empty()) return;
-  run.est.vgamma = results.covariance.copy();
-  for (double& v : run.est.vgamma) v /= run.est.sigma2;
+  pass.est.vgamma = results.covariance.copy();
+  for (double& v : pass.est.vgamma) v /= pass.est.sigma2;
 }
 
 void variancefiles(const char* taus, const char* gammas, const PassResults& results) {
@@ -135,8 +126,8 @@ void laplace(Pass& pass, MacroState& state, const PassResults& before) {
   LaplaceSettings settings;
   settings.stopmacro = run.control.stopmacro;
   settings.laplaceit = run.control.laplaceit;
-  settings.threads = threads();
-  settings.stopasked = askstop;
+  settings.threads = pass.analysis->threads;
+  settings.stopasked = [&] { return pass.observer().stops(); };
   holdinterrupts();
   const LaplaceResult result =
       runlaplace(data, settings, currentparameters(pass), posteriormeans2(pass), pass.vstar.cells, before.loglik);
@@ -150,7 +141,7 @@ void laplace(Pass& pass, MacroState& state, const PassResults& before) {
   }
   const PassResults results = resultsof(result, before);
   tellunconverged("Laplace-6", results);
-  takeestimates(results);
+  takeestimates(pass, results);
   // The modes and the curvature of the last walk are what quadrature starts from.
   if (!result.u.empty()) {
     pass.vstar.cells = result.v.copy();
@@ -169,7 +160,7 @@ void laplace(Pass& pass, MacroState& state, const PassResults& before) {
   }
   modelstatistics(result.loglik, 2);
   markreport();
-  state.laplacegamma = run.est.gammahat.copy();
+  state.laplacegamma = pass.est.gammahat.copy();
   if (estimated) std::printf("The marginal log-likelihood = %E\n", results.marginal);
   variancefiles(laplacetaufile, laplacegammafile, results);
 }
@@ -179,7 +170,7 @@ Adaptation startingadaptation(Pass& pass) {
   Adaptation adaptation;
   adaptation.vstar = pass.vstar.cells.copy();
   adaptation.C3 = pass.dinv.cells.copy();
-  for (double& c : adaptation.C3) c *= run.est.sigma2;
+  for (double& c : adaptation.C3) c *= pass.est.sigma2;
   adaptation.ustar = posteriormeans2(pass);
   adaptation.P.reset(at(run.mdm.nunits2) * square(q));
   Array<double> C2(square(q));
@@ -187,7 +178,7 @@ Adaptation startingadaptation(Pass& pass) {
       pass.n2of, [](int) {},
       [&](int k, std::size_t j, const double* hot) {
         unpack(q, hot + pass.store.atCinv, C2.data());
-        for (double& c : C2) c *= run.est.sigma2;
+        for (double& c : C2) c *= pass.est.sigma2;
         unconditionalcovariance(q, r, C2.data(), hot + pass.store.atBZ1, adaptation.C3.data() + at(k) * square(r),
                                 adaptation.P.data() + j * square(q));
       },
@@ -215,8 +206,8 @@ void quadrature(Pass& pass, MacroState& state, const PassResults& before) {
   settings.derivlevel = run.control.agqderivlevel;
   settings.diagonalpi = run.model.restrictions.diagtaupi;
   settings.diagonalbeta = run.model.restrictions.diagtaubeta;
-  settings.threads = threads();
-  settings.interrupted = askstop;
+  settings.threads = pass.analysis->threads;
+  settings.interrupted = [&] { return pass.observer().stops(); };
   settings.console = [](const char* text) {
     std::printf("%s", text);
     std::fflush(stdout);
@@ -260,14 +251,14 @@ void quadrature(Pass& pass, MacroState& state, const PassResults& before) {
     markreport();
     return;
   }
-  takeestimates(results);
+  takeestimates(pass, results);
   if (result.finished) {
     modelstatistics(result.loglikelihood, 2);
   } else {
     goeson("of the last iteration of quadrature, which are not in this report.");
   }
   markreport();
-  state.quadraturegamma = run.est.gammahat.copy();
+  state.quadraturegamma = pass.est.gammahat.copy();
   if (result.finished) variancefiles(quadraturetaufile, quadraturegammafile, results);
 }
 

@@ -10,7 +10,8 @@ constexpr std::size_t batchrecords = 20000;
 
 void rewindbatches(void* state) {
   RecordBatches& batches = *static_cast<RecordBatches*>(state);
-  startunits(batches.reader, run.files.working, 0, batches.state->layout.width, run.mdm.nvar2, false);
+  startunits(batches.reader, run.mdm, batches.state->working.stream, 0, batches.state->layout.width, run.mdm.nvar2,
+             false);
   batches.k = 0;
   batches.units = batches.records = 0;
 }

@@ -1,16 +1,15 @@
 #include "estimate/linear/centering.h"
 
-#include "driver/runrecord.h"
 #include "kernel/sizes.h"
 
 namespace kdr {
 
-void centerlevel3() {
-  const int width = run.mdm.nvar3;
+void centerlevel3(const Model& model, MdmData& mdm) {
+  const int width = mdm.nvar3;
   for (int v = 1; v <= width; ++v) {
-    if (run.model.center3[at(v)] == 0) continue;
-    const double mean = run.mdm.mean3[at(v) - 1];
-    for (int k = 0; k < run.mdm.nunits3; ++k) run.mdm.level3[at(k) * at(width) + at(v) - 1] -= mean;
+    if (model.center3[at(v)] == 0) continue;
+    const double mean = mdm.mean3[at(v) - 1];
+    for (int k = 0; k < mdm.nunits3; ++k) mdm.level3[at(k) * at(width) + at(v) - 1] -= mean;
   }
 }
 

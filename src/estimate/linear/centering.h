@@ -1,7 +1,8 @@
 // What centering takes off a value: mark 0 nothing, 1 the mean of its group, 2 the grand mean.
 #pragma once
 
-#include "kernel/array.h"
+#include "core/model.h"
+#include "data/mdmdata.h"
 
 namespace kdr {
 
@@ -10,7 +11,7 @@ inline double centre(int mark, double groupmean, double grandmean) {
 }
 
 // Takes the grand means off the level-3 variables with a mark, which are held in memory. Once for a run.
-void centerlevel3();
+void centerlevel3(const Model& model, MdmData& mdm);
 
 // n values of a variable, less what `mark` asks for with the grand mean in the place of any group's.
 void centeraround(int mark, double grandmean, double* values, std::size_t n);

@@ -16,12 +16,12 @@ struct DataFold {
   std::size_t units = 0, records = 0;
 };
 
-// Begins the sums and the store of `pass`, whose design stands. The store keeps identifiers and level-2 rows if the run
-// has a reader for them.
+// Begins the sums and the store of `pass`, whose design stands. The store keeps identifiers and level-2 rows for whom
+// they are wanted.
 [[nodiscard]] DataFold startfold(Pass& pass);
 // Takes fold.unit into the pass.
 void foldunit(DataFold& fold);
-// Ends the pass: sets run.mdm.nunits1 to the number of records and the constant of the likelihood.
+// Ends the pass: sets its number of records and the constant of its likelihood.
 void finishfold(DataFold& fold);
 
 // All of it, over the units of `next`.

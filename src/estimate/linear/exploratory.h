@@ -2,13 +2,13 @@
 #pragma once
 
 #include "estimate/linear/pass.h"
+#include "report/exploratorytables.h"
 
 namespace kdr {
 
 // True when a LEVEL2: or LEVEL3: line lists candidates.
-[[nodiscard]] bool haveexploratory();
-// Computes the analysis of both levels from the residuals of the last iteration and writes it to the report. Changes no
-// estimate.
-void exploratory(Pass& pass);
+[[nodiscard]] bool haveexploratory(const Model& model);
+// The analysis of both levels from the residuals of the last iteration. Changes no estimate.
+[[nodiscard]] ExploratoryAnalysis exploratory(Pass& pass);
 
 }  // namespace kdr

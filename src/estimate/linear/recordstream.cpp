@@ -4,10 +4,9 @@
 
 namespace kdr {
 
-std::size_t streamwindowbytes = std::size_t{16} << 20;
-
 RecordStream& RecordStream::operator=(RecordStream&& other) noexcept {
   std::swap(width, other.width);
+  std::swap(windowbytes, other.windowbytes);
   std::swap(resident, other.resident);
   std::swap(buffer, other.buffer);
   std::swap(first, other.first);
@@ -16,16 +15,17 @@ RecordStream& RecordStream::operator=(RecordStream&& other) noexcept {
   return *this;
 }
 
-void RecordStream::open(std::size_t doubles, std::size_t records, bool inmemory) {
+void RecordStream::open(std::size_t doubles, std::size_t records, bool inmemory, std::size_t window) {
   *this = RecordStream{};
   width = doubles;
+  windowbytes = window;
   resident = inmemory;
   if (!resident) file = scratchopen();
   buffer.reset((resident ? records : std::max<std::size_t>(1, windowrecords())) * width);
 }
 
 std::size_t RecordStream::windowrecords() const {
-  return resident ? std::numeric_limits<std::size_t>::max() : streamwindowbytes / (width * sizeof(double));
+  return resident ? std::numeric_limits<std::size_t>::max() : windowbytes / (width * sizeof(double));
 }
 
 void RecordStream::seek(std::size_t record) {

@@ -16,9 +16,6 @@
 
 namespace kdr {
 
-// Bytes of one window of a stream that lies in a scratch file; a level-3 unit that needs more gets it.
-extern std::size_t streamwindowbytes;
-
 class RecordStream {
  public:
   RecordStream() = default;
@@ -26,8 +23,9 @@ class RecordStream {
   RecordStream& operator=(RecordStream&& other) noexcept;
   ~RecordStream() { scratchclose(file); }
 
-  // Opens the stream for appending `records` records of `doubles` values each. Drops what it held. Failure 6.
-  void open(std::size_t doubles, std::size_t records, bool inmemory);
+  // Opens the stream for appending `records` records of `doubles` values each. Drops what it held. `window`: bytes of
+  // one window of a stream that lies in a scratch file; a level-3 unit that needs more gets it. Failure 6.
+  void open(std::size_t doubles, std::size_t records, bool inmemory, std::size_t window);
   // The next record to fill, zeroed. Failure 5.
   [[nodiscard]] double* append();
   // Ends the appending. Failure 5.
@@ -48,6 +46,7 @@ class RecordStream {
   void seek(std::size_t record);
 
   std::size_t width = 0;  // doubles of a record
+  std::size_t windowbytes = 0;
   bool resident = true;   // all records are in `buffer`
   Array<double> buffer;   // every record, or those of the window at hand
   std::size_t first = 0;  // number of the record at the head of `buffer`

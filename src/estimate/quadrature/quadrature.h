@@ -5,6 +5,7 @@
 // around centres and scales that the iteration before has found (quadratureunit.h).
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -28,7 +29,7 @@ struct QuadratureSettings {
   int threads = 1;
   // May be null. `interrupted` is asked at the end of each iteration: true stops behind it. `console` gets marks and
   // whole lines as they come.
-  bool (*interrupted)() = nullptr;
+  std::function<bool()> interrupted;
   void (*console)(const char* text) = nullptr;
 };
 

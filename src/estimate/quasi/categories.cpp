@@ -32,10 +32,10 @@ void addvalue(CategoryTable& table, double y) {
 
 }  // namespace
 
-CategoryTable readcategories() {
+CategoryTable readcategories(const Analysis& analysis) {
   CategoryTable table;
   RecordUnits units;
-  startrecords(units);
+  startrecords(units, analysis);
   while (nextblock(units)) {
     checksignals();
     for (std::size_t i = 0; i < at(units.unit.nj); ++i)

@@ -6,6 +6,7 @@
 
 #include <vector>
 
+#include "estimate/analysis.h"
 #include "kernel/array.h"
 
 namespace kdr {
@@ -17,7 +18,7 @@ struct CategoryTable {
 
 // Reads the outcome of all records that the analysis keeps and fills the table and run.model.categorylabel. Stops with
 // code 100 when there are more or fewer than the run.model.outcome.categories categories that were told.
-[[nodiscard]] CategoryTable readcategories();
+[[nodiscard]] CategoryTable readcategories(const Analysis& analysis);
 
 // The M probabilities of the first working values: the proportions, cumulated in an ordinal run; those of equally
 // frequent categories when one has less than 0.15.

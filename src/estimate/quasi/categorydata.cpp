@@ -2,8 +2,11 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 #include "core/modelwalk.h"
+#include "driver/failures.h"
+#include "driver/runrecord.h"
 #include "estimate/linear/datapass.h"
 #include "estimate/linear/runpass.h"
 #include "kernel/sizes.h"
@@ -12,19 +15,19 @@ namespace kdr {
 
 namespace {
 
-RecordLayout stackedlayout() {
+RecordLayout stackedlayout(const Analysis& analysis) {
   RecordLayout layout;
   const int M = run.model.outcome.categories - 1;
   layout.responses = M;
   layout.width = run.out.resfil1 ? 2 * M : M;
-  layvariables(layout);
+  layvariables(analysis, layout);
   return layout;
 }
 
 // The response of each column of D: the equation set of a multinomial coefficient, the cut of a threshold, or all.
 std::vector<int> responserows() {
   std::vector<int> rows;
-  for (const CoefficientRow& own : modelrows().coefficients)
+  for (const CoefficientRow& own : modelrows(run.model).coefficients)
     rows.push_back(!run.model.outcome.ordinal() ? own.set : own.threshold ? own.variable - run.mdm.nvar1 : -1);
   return rows;
 }
@@ -32,18 +35,20 @@ std::vector<int> responserows() {
 // A data pass over stacked records: the pass that takes them, the working data of the record at hand, and the file.
 struct Stacking {
   DataFold fold;
+  MacroState& state;
   const RecordLayout& layout;
   int M;
   std::vector<int> row;        // [npi] response of each column of D, -1: all of them
   Array<double> x;             // [npi] the entry of every column of D that is not 0
   Array<double> eta, p, z;     // [M]
   Array<double> W, Wz, total;  // M squared, [M], [M]: W times a vector of ones
-  std::FILE* out;              // null, or where the records go
+  WorkingFile out;             // where the records go, if it is open
 };
 
-Stacking startstacking(Pass& pass, const PassPlan& plan, const RecordLayout& layout, bool writes) {
-  beginpass(pass, plan);
-  Stacking s{startfold(pass), layout, layout.responses, responserows(), {}, {}, {}, {}, {}, {}, {}, nullptr};
+Stacking startstacking(Pass& pass, const PassPlan& plan, MacroState& state, bool writes) {
+  stopif(beginpass(pass, state.analysis, plan));
+  const RecordLayout& layout = state.layout;
+  Stacking s{startfold(pass), state, layout, layout.responses, responserows(), {}, {}, {}, {}, {}, {}, {}, {}};
   s.x.reset(s.row.size());
   for (Array<double>* values : {&s.eta, &s.p, &s.z, &s.Wz, &s.total}) values->reset(at(s.M));
   s.W.reset(square(s.M));
@@ -77,7 +82,7 @@ void addrecord(Stacking& s, double* record, std::size_t number) {
     allz += sumz;
     zz += z[c] * sumz;
   }
-  const double factor = run.model.weighted ? run.weights.factor1[number] : 1.0, weight = factor * factor;
+  const double factor = run.model.weighted ? s.state.factors[number] : 1.0, weight = factor * factor;
   double* AA = s.fold.unit.AA.data();
   double* AA2 = run.model.weighted ? s.fold.unit.AA2.data() : nullptr;
   const auto put = [&](int a, int b, double value) {
@@ -110,19 +115,19 @@ void stackunit(Stacking& s, int k, UnitBlock& unit, Predict predict) {
     addrecord(s, record, s.fold.records + at(i));
   }
   foldunit(s.fold);
-  if (s.out != nullptr) writeunit(s.out, unit, s.layout.width, run.mdm.nvar2, false);
+  if (s.out.isopen()) writeunit(s.out.stream, unit, s.layout.width, run.mdm.nvar2, false);
 }
 
 void finishstacking(Stacking& s) {
   finishfold(s.fold);
-  if (s.out != nullptr) finishworking(s.out);
+  if (s.out.isopen()) finishworking(std::move(s.out), s.state.working);
 }
 
 }  // namespace
 
 void preparecategoricaldata(const CategoryTable& table, MacroState& state, Pass& first, const PassPlan& plan) {
-  state.layout = stackedlayout();
-  Stacking s = startstacking(first, plan, state.layout, true);
+  state.layout = stackedlayout(state.analysis);
+  Stacking s = startstacking(first, plan, state, true);
   const std::vector<double> p = startingprobabilities(table);
   double last = 1.0;
   for (const double x : p) last -= x;
@@ -132,7 +137,8 @@ void preparecategoricaldata(const CategoryTable& table, MacroState& state, Pass&
   }
 
   RecordUnits units;
-  startrecords(units);
+  startrecords(units, state.analysis);
+  if (run.model.weighted) state.factors.reset(at(run.mdm.numl1rec));
   const std::size_t width = at(units.layout.width), newwidth = at(s.layout.width);
   UnitBlock stacked;
   stacked.records.reset(at(run.mdm.maxnj) * newwidth);
@@ -148,7 +154,7 @@ void preparecategoricaldata(const CategoryTable& table, MacroState& state, Pass&
       }
       if (run.model.weighted) {
         const std::size_t record = s.fold.records + at(i);
-        run.weights.factor1[record] = std::sqrt(run.weights.weight1[record]);
+        state.factors[record] = std::sqrt(run.weights.weight1[record]);
       }
     }
     centerblock(units);
@@ -161,8 +167,8 @@ void preparecategoricaldata(const CategoryTable& table, MacroState& state, Pass&
 void updatecategoricaldata(Pass& pass, MacroState& state, Pass& next, const PassPlan& plan) {
   constexpr double limit = 30.0, restart = 2.0;
   constexpr int lastrestart = 7;
-  state.previous = run.est.copy();
-  Stacking s = startstacking(next, plan, state.layout, run.out.resfil1);
+  state.previous = pass.est.copy();
+  Stacking s = startstacking(next, plan, state, run.out.resfil1);
   UnitMeans means = makeunitmeans(pass);
   Array<double> beta(at(pass.npi));
   const auto predict = [&] {
@@ -175,7 +181,7 @@ void updatecategoricaldata(Pass& pass, MacroState& state, Pass& next, const Pass
     }
     responseprobabilities(s.eta.data(), s.M, s.p.data());
   };
-  startunits(state.reader, run.files.working, 0, s.layout.width, run.mdm.nvar2, false);
+  startunits(state.reader, run.mdm, state.working.stream, 0, s.layout.width, run.mdm.nvar2, false);
   UnitBlock unit;
   sweepunits(
       pass.n2of, [&](int k) { takeunitmeans(pass, k, state.previous.gammahat.data(), pass.vstar.row(k), means); },

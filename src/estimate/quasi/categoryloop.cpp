@@ -9,6 +9,7 @@
 #include "estimate/linear/runpass.h"
 #include "estimate/quasi/categorydata.h"
 #include "estimate/quasi/macrocontrol.h"
+#include "report/exploratorytables.h"
 #include "report/graphdata.h"
 #include "report/passtables.h"
 #include "report/residual/residualfiles.h"
@@ -32,29 +33,31 @@ PassPlan planof(const MacroState& state, int macro) {
 
 void closephase(Pass& pass, MacroState& state, const PassResults& results) {
   state.unitspecificgamma = results.est.gammahat.copy();
-  if (wantresidualfiles()) writeresidualfiles(pass, state.layout);
+  if (wantresidualfiles()) writeresidualfiles(pass, state.working, state.layout);
   if (run.out.printvc != 0) {
     writetaufile(taufile, results.est, results.errors, false);
     writegammafile(unitspecificgammafile, results.est.gammahat, results.est.covariance());
   }
-  if (run.out.graph) writegraphdata(pass, state.layout, graphgammas(state));
+  if (run.out.graph) writegraphdata(pass, state.working, state.layout, graphgammas(state));
 }
 
 }  // namespace
 
-PassResults estimatecategories(const CategoryTable& table, void (*store)(const PassResults&)) {
-  MacroState state;
+PassResults estimatecategories(const Analysis& analysis, const CategoryTable& table,
+                               void (*store)(const PassResults&)) {
+  MacroState state{analysis};
   state.left = run.control.macroit;
   Pass pass;
   preparecategoricaldata(table, state, pass, planof(state, 1));
   holdinterrupts();
   for (bool first = true;; first = false) {
     beginmacro(state);
-    PassResults results = runpass(pass, state.iterations);
+    PassResults results;
+    stopif(runpass(pass, state.iterations, results));
     passtables(results);
     store(results);
-    if (!run.files.startvals.empty()) writestartvalues();
-    if (haveexploratory()) exploratory(pass);
+    if (!run.files.startvals.empty()) writestartvalues(pass.est);
+    if (haveexploratory(run.model)) exploratorytables(exploratory(pass));
     if (phasecloses(state, results, first)) {
       closephase(pass, state, results);
       releaseinterrupts();

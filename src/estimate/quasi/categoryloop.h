@@ -10,6 +10,7 @@ namespace kdr {
 
 // Runs the loop for the model of the run record. `store` gets the results of every pass, for a series of runs. Returns
 // those of the last pass.
-[[nodiscard]] PassResults estimatecategories(const CategoryTable& table, void (*store)(const PassResults&));
+[[nodiscard]] PassResults estimatecategories(const Analysis& analysis, const CategoryTable& table,
+                                             void (*store)(const PassResults&));
 
 }  // namespace kdr

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "core/formatted.h"
@@ -16,6 +17,7 @@
 #include "estimate/quasi/macrocontrol.h"
 #include "estimate/quasi/workingdata.h"
 #include "kernel/sizes.h"
+#include "report/exploratorytables.h"
 #include "report/graphdata.h"
 #include "report/passtables.h"
 #include "report/residual/residualfiles.h"
@@ -27,14 +29,12 @@ namespace kdr {
 namespace {
 
 // The mean outcome of the identity pass, and the variance that the outcome type implies there.
-double impliedvariance(double mean) {
-  if (run.model.outcome.family == Family::poisson) return mean;
-  if (!(mean > 0.0 && mean < 1.0)) {
-    report("\nThe outcome variable must take on values between 0 and 1.\n");
-    std::printf("\nThe outcome variable must take on values between 0 and 1.\n");
-    stoprun(100);
-  }
-  return mean * (1.0 - mean);
+Failure impliedvariance(double mean, double& variance) {
+  const bool poisson = run.model.outcome.family == Family::poisson;
+  const char* words = "\nThe outcome variable must take on values between 0 and 1.\n";
+  if (!poisson && !(mean > 0.0 && mean < 1.0)) return failedwith(words, words);
+  variance = poisson ? mean : mean * (1.0 - mean);
+  return {};
 }
 
 PassPlan planof(const MacroState& state, PassKind kind, int macro) {
@@ -51,18 +51,18 @@ PassPlan planof(const MacroState& state, PassKind kind, int macro) {
 
 // A pass over the blocks of the MDM file, which become the first working data file.
 PassResults identitypass(Pass& pass, MacroState& state) {
-  beginpass(pass, planof(state, PassKind::identity, state.macro));
+  stopif(beginpass(pass, state.analysis, planof(state, PassKind::identity, state.macro)));
   RecordUnits units;
-  startrecords(units);
-  units.working = startworking();
+  startrecords(units, state.analysis);
+  WorkingFile working = startworking();
+  units.working = working.stream;
   if (run.model.outcome.counted) state.counts.reset(at(run.mdm.numl1rec));
   units.counts = run.model.outcome.counted ? &state.counts : nullptr;
+  if (havefactors(run.model)) state.factors.reset(at(run.mdm.numl1rec));
+  units.factors = havefactors(run.model) ? &state.factors : nullptr;
   double outcomes = 0.0, counts = 0.0;
   datapass(pass, [&](UnitProducts& unit) {
-    if (!nextunit(units, unit)) {
-      finishworking(units.working);
-      return false;
-    }
+    if (!nextunit(units, unit)) return false;
     for (std::size_t i = 0; i < at(unit.nj); ++i) {
       const double* record = units.unit.records.data() + i * at(units.layout.width);
       outcomes += record[units.layout.observed];
@@ -70,13 +70,20 @@ PassResults identitypass(Pass& pass, MacroState& state) {
     }
     return true;
   });
-  state.layout = mdmlayout();
-  return runpass(pass, state.iterations, [&] { return impliedvariance(state.mean = outcomes / counts); });
+  stopif(units.failure);
+  finishworking(std::move(working), state.working);
+  state.layout = mdmlayout(run.model, run.mdm);
+  PassResults results;
+  state.mean = outcomes / counts;
+  stopif(runpass(pass, state.iterations, results,
+                 [&](double& variance) { return impliedvariance(state.mean, variance); }));
+  return results;
 }
 
 // A pass over working data, whose data pass is done.
 PassResults workingpass(Pass& pass, MacroState& state) {
-  PassResults results = runpass(pass, state.iterations);
+  PassResults results;
+  stopif(runpass(pass, state.iterations, results));
   if (state.limited > 0)
     results.warnings.push_back(
         formatted("WARNING: the working weights of %d records were held at %.0f.", state.limited, largestweight));
@@ -93,19 +100,19 @@ void rescaletaus(MacroState& state) {
 // The end of the unit-specific phase.
 void closephase(Pass& pass, MacroState& state, const PassResults& results) {
   for (const std::string& warning : results.warnings) std::printf("%s\n", warning.c_str());
-  state.unitspecificgamma = run.est.gammahat.copy();
-  if (wantresidualfiles()) writeresidualfiles(pass, state.layout);
+  state.unitspecificgamma = pass.est.gammahat.copy();
+  if (wantresidualfiles()) writeresidualfiles(pass, state.working, state.layout);
   markreport();
   const bool engines = run.control.laplace || run.control.agqpoints != 0;
   const auto unitspecificfiles = [&] {
-    writetaufile(taufile, run.est, results.errors, false);
-    writegammafile(unitspecificgammafile, run.est.gammahat, run.est.covariance());
+    writetaufile(taufile, pass.est, results.errors, false);
+    writegammafile(unitspecificgammafile, pass.est.gammahat, pass.est.covariance());
   };
   if (engines && run.out.printvc != 0) unitspecificfiles();
   if (engines) maximumlikelihood(pass, state, results);
   if (run.out.printvc == 0) return;
   if (run.control.laplace) {
-    writegammafile(populationgammafile, run.est.gammahat, run.est.covariance());
+    writegammafile(populationgammafile, pass.est.gammahat, pass.est.covariance());
   } else {
     unitspecificfiles();
   }
@@ -120,15 +127,15 @@ void averagephase(Pass& pass, MacroState& state, void (*store)(const PassResults
   store(results);
   if (run.out.printvc != 0) {
     if (run.control.popavit <= 1) writegammafile(robustpopulationgammafile, results.est.gammahat, results.robust);
-    writegammafile(populationgammafile, results.est.gammahat, run.est.covariance());
+    writegammafile(populationgammafile, results.est.gammahat, pass.est.covariance());
   }
-  if (run.out.graph) writegraphdata(pass, state.layout, graphgammas(state));
+  if (run.out.graph) writegraphdata(pass, state.working, state.layout, graphgammas(state));
 }
 
 }  // namespace
 
-PassResults estimatenonlinear(void (*store)(const PassResults&)) {
-  MacroState state;
+PassResults estimatenonlinear(const Analysis& analysis, void (*store)(const PassResults&)) {
+  MacroState state{analysis};
   state.left = run.control.macroit;
   holdinterrupts();
   Pass pass;
@@ -137,8 +144,8 @@ PassResults estimatenonlinear(void (*store)(const PassResults&)) {
     PassResults results = first ? identitypass(pass, state) : workingpass(pass, state);
     passtables(results);
     store(results);  // the next pass of the phase takes its place
-    if (!run.files.startvals.empty()) writestartvalues();
-    if (!first && haveexploratory()) exploratory(pass);
+    if (!run.files.startvals.empty()) writestartvalues(pass.est);
+    if (!first && haveexploratory(run.model)) exploratorytables(exploratory(pass));
     const bool closes = phasecloses(state, results, first);
     if (closes) closephase(pass, state, results);
     Pass next;

@@ -8,6 +8,7 @@
 // Source: Breslow and Clayton (1993), JASA 88, 9-25; Zeger, Liang and Albert (1988), Biometrics 44, 1049-1060.
 #pragma once
 
+#include "estimate/analysis.h"
 #include "report/passresults.h"
 
 namespace kdr {
@@ -15,7 +16,7 @@ namespace kdr {
 // Runs the chain for the model of the run record. `store` gets the results of every pass of phases 2 and 4, for a
 // series of runs. Returns the results of the last unit-specific pass. The variance files are listed by
 // listnonlinearfiles.
-[[nodiscard]] PassResults estimatenonlinear(void (*store)(const PassResults&));
+[[nodiscard]] PassResults estimatenonlinear(const Analysis& analysis, void (*store)(const PassResults&));
 
 // The closing list of the variance files in the report.
 void listnonlinearfiles();

@@ -3,9 +3,11 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <utility>
 
 #include "driver/failures.h"
 #include "driver/reportstream.h"
+#include "driver/runrecord.h"
 #include "estimate/linear/crossproducts.h"
 #include "estimate/linear/datapass.h"
 #include "estimate/linear/runpass.h"
@@ -19,17 +21,17 @@ namespace {
 
 // The layout of the file from the first step on: the outcome, Z where it is wanted, the columns of A and the wanted
 // variables.
-RecordLayout workinglayout() {
+RecordLayout workinglayout(const Analysis& analysis) {
   RecordLayout layout;
   layout.observed = layout.width++;
   layout.outcome = run.out.resfil1 ? layout.width++ : -1;
-  layvariables(layout);
+  layvariables(analysis, layout);
   return layout;
 }
 
 // The file that a step writes, when it does.
 struct Rewriting {
-  std::FILE* stream = nullptr;
+  WorkingFile file;  // open when there is one
   RecordLayout layout;
   UnitBlock unit;
 };
@@ -140,13 +142,13 @@ void addunit(const Pass& pass, Step& step, UnitProducts& products) {
   const int* column = layout.column.data();
   const double *records = step.unit.records.data(), *z = step.z.data(), *roots = step.root.data();
   const std::size_t width = at(layout.width), first = step.record;
-  const bool factors = havefactors();
+  const bool factors = havefactors(run.model);
   crossproducts(pass.npi + 1, step.unit.nj, products.AA.data(), step.x.data(), [&](auto n, int i, double* x) {
     const double* values = records + at(i) * width;
     const double root = roots[i];
     for (int c = 0; c + 1 < n; ++c) x[c] = column[c] < 0 ? root : values[column[c]] * root;
     x[n - 1] = z[i] * root;
-    if (factors) applyfactor(n, run.weights.factor1[first + at(i)], run.model.weighted, x, products.AA2);
+    if (factors) applyfactor(n, step.state.factors[first + at(i)], run.model.weighted, x, products.AA2);
   });
 }
 
@@ -157,7 +159,7 @@ void rewriteunit(const Step& step, Rewriting& to) {
   if (layout.outcome >= 0)
     for (std::size_t i = 0; i < at(to.unit.nj); ++i)
       to.unit.records[i * at(layout.width) + at(layout.outcome)] = step.z[i];
-  writeunit(to.stream, to.unit, layout.width, run.mdm.nvar2, false);
+  writeunit(to.file.stream, to.unit, layout.width, run.mdm.nvar2, false);
 }
 
 Step makestep(const Pass& pass, const MacroState& state, const WorkingStep& kind) {
@@ -175,8 +177,8 @@ Step makestep(const Pass& pass, const MacroState& state, const WorkingStep& kind
 Rewriting startrewriting(const MacroState& state, const WorkingStep& kind) {
   Rewriting to;
   if (!kind.first && (kind.marginal || state.layout.outcome < 0)) return to;
-  to.stream = startworking();
-  to.layout = workinglayout();
+  to.file = startworking();
+  to.layout = workinglayout(state.analysis);
   to.unit.records.reset(at(run.mdm.maxnj) * at(to.layout.width));
   return to;
 }
@@ -184,11 +186,11 @@ Rewriting startrewriting(const MacroState& state, const WorkingStep& kind) {
 }  // namespace
 
 void prepareworkingdata(Pass& pass, MacroState& state, const WorkingStep& kind, Pass& next, const PassPlan& plan) {
-  state.previous = run.est.copy();
-  beginpass(next, plan);
+  state.previous = pass.est.copy();
+  stopif(beginpass(next, state.analysis, plan));
   Step step = makestep(pass, state, kind);
   Rewriting to = startrewriting(state, kind);
-  startunits(state.reader, run.files.working, 0, state.layout.width, run.mdm.nvar2, false);
+  startunits(state.reader, run.mdm, state.working.stream, 0, state.layout.width, run.mdm.nvar2, false);
   DataFold fold = startfold(next);
   sweepunits(
       pass.n2of, [&](int k) { takeunitmeans(pass, k, state.previous.gammahat.data(), pass.vstar.row(k), step.means); },
@@ -203,15 +205,15 @@ void prepareworkingdata(Pass& pass, MacroState& state, const WorkingStep& kind, 
         makeworking(step);
         beginproducts(fold.unit, k, unit);
         addunit(pass, step, fold.unit);
-        if (to.stream != nullptr) rewriteunit(step, to);
+        if (to.file.isopen()) rewriteunit(step, to);
         foldunit(fold);
         step.record += at(unit.nj);
       },
       [](int) {}, reading(pass.store.hot));
   finishfold(fold);
   state.limited = step.limited;
-  if (to.stream == nullptr) return;
-  finishworking(to.stream);
+  if (!to.file.isopen()) return;
+  finishworking(std::move(to.file), state.working);
   state.layout = std::move(to.layout);
 }
 

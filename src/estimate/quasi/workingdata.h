@@ -21,10 +21,10 @@ struct WorkingStep {
   bool marginal = false;  // for the population-average pass: no random effects, predictor corrected for them
 };
 
-// Takes run.est for state.previous, begins the pass `next` by its plan, and makes its data pass over the working data
-// that follow from the estimates and from the random effects in `pass`. state.layout becomes that of the file. Raises
-// 100 for an outcome out of range and for a logit beyond 60 in a macro iteration after the seventh, 5 when the file
-// cannot be written.
+// Takes the estimates of `pass` for state.previous, begins the pass `next` by its plan, and makes its data pass over
+// the working data that follow from the estimates and from the random effects in `pass`. state.layout becomes that of
+// the file. Raises 100 for an outcome out of range and for a logit beyond 60 in a macro iteration after the seventh, 5
+// when the file cannot be written.
 void prepareworkingdata(Pass& pass, MacroState& state, const WorkingStep& step, Pass& next, const PassPlan& plan);
 
 }  // namespace kdr

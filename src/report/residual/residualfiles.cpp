@@ -103,23 +103,23 @@ void nextnumbers(RecordNumbers& of, int kept) {
     if (!readunit(of.reader, of.unit)) stopwith("The working data file is damaged: it has too many units.\n");
     of.numbers.clear();
     for (int i = 0; i < of.unit.nj; ++i)
-      if (run.mdm.deletednow || !lacksvalue(of.unit.records.data() + at(i) * at(run.mdm.nvar1)))
+      if (run.mdm.deletednow || !lacksvalue(run.model, of.unit.records.data() + at(i) * at(run.mdm.nvar1)))
         of.numbers.push_back(i + 1);
   } while (of.numbers.empty());
   if (of.numbers.size() != at(kept)) stopwith("The working data file is damaged: a unit has another size.\n");
 }
 
-void writelevel1(Pass& pass, const RecordLayout& layout) {
+void writelevel1(Pass& pass, const WorkingFile& working, const RecordLayout& layout) {
   RowWriter writer;
   openrows(writer, 1, run.files.resfil1name, run.mdm.nunits1, 0);
   for (RowWriter::Place& place : writer.places)
     if (place.source == RowSources::dataof(1)) place.place = at(layout.place[place.place]);
-  const double sigma = std::sqrt(run.est.sigma2);
+  const double sigma = std::sqrt(pass.est.sigma2);
   std::vector<double> fit;
   RecordNumbers numbers;
   if (run.out.resfilrecnum)
-    startunits(numbers.reader, run.mdm.stream, run.mdm.firstblock, run.mdm.nvar1, run.mdm.nvar2, true);
-  eachfittedunit(pass, layout, [&](int k, const UnitBlock& unit, const double* fitted) {
+    startunits(numbers.reader, run.mdm, run.mdm.stream, run.mdm.firstblock, run.mdm.nvar1, run.mdm.nvar2, true);
+  eachfittedunit(pass, working, layout, [&](int k, const UnitBlock& unit, const double* fitted) {
     writer.row.id3 = level3id(k);
     writer.row.id2 = unit.id2;
     writer.from.data(2) = unit.level2;
@@ -177,10 +177,10 @@ void writeunitfiles(Pass& pass) {
 
 }  // namespace
 
-void eachfittedunit(Pass& pass, const RecordLayout& layout,
+void eachfittedunit(Pass& pass, const WorkingFile& working, const RecordLayout& layout,
                     const std::function<void(int, const UnitBlock&, const double*)>& use) {
   UnitReader reader;
-  startunits(reader, run.files.working, 0, layout.width, run.mdm.nvar2, false);
+  startunits(reader, run.mdm, working.stream, 0, layout.width, run.mdm.nvar2, false);
   UnitBlock block;
   UnitResults results = makeunitresults(pass);
   Array<double> fitted(at(run.mdm.maxnj));
@@ -205,8 +205,8 @@ void eachfittedunit(Pass& pass, const RecordLayout& layout,
 
 bool wantresidualfiles() { return run.out.resfil1 || run.out.resfil2 || run.out.resfil3; }
 
-void writeresidualfiles(Pass& pass, const RecordLayout& layout) {
-  if (run.out.resfil1) writelevel1(pass, layout);
+void writeresidualfiles(Pass& pass, const WorkingFile& working, const RecordLayout& layout) {
+  if (run.out.resfil1) writelevel1(pass, working, layout);
   if (run.out.resfil2 || run.out.resfil3) writeunitfiles(pass);
 }
 
