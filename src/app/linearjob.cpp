@@ -56,7 +56,7 @@ PassResults linearjob(const Analysis& analysis) {
   if (ordinary) {
     passtables(results);
     if (!run.files.startvals.empty()) writestartvalues(results.est);
-    if (run.out.printvc != 0) variancefiles(results);
+    if (run.out.printvc != VarianceFiles::none) variancefiles(results);
   }
   if (iterated) {
     modelstatistics(results.loglik, ordinary ? 2 : 1);
@@ -73,7 +73,7 @@ PassResults linearjob(const Analysis& analysis) {
 }
 
 void listlinearfiles(const PassResults& results) {
-  if (!results.heterogeneous && run.out.printvc != 0) listvariancefiles();
+  if (!results.heterogeneous && run.out.printvc != VarianceFiles::none) listvariancefiles();
 }
 
 }  // namespace kdr

@@ -144,8 +144,8 @@ void showtau(const TauRepair& repair) {
   }
   std::printf("\n");
   // Who asks for it once more in the next data set of a series asks only where it is needed.
-  int& code = pi ? run.control.fixtau2 : run.control.fixtau3;
-  if (static_cast<FixTau>(code) == FixTau::always) code = static_cast<int>(FixTau::ask);
+  FixTau& code = pi ? run.control.fixtau2 : run.control.fixtau3;
+  if (code == FixTau::always) code = FixTau::ask;
 }
 
 RepairChoice askchoice() {

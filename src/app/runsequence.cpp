@@ -122,8 +122,8 @@ void checkfiles() {
     outputs.emplace_back(storename);
     outputs.push_back(files.results);
   }
-  if (run.out.printvc != 0) outputs.insert(outputs.end(), {taufile, gammafile, robustgammafile});
-  if (run.out.printvc != 0 && !run.model.outcome.linear())
+  if (run.out.printvc != VarianceFiles::none) outputs.insert(outputs.end(), {taufile, gammafile, robustgammafile});
+  if (run.out.printvc != VarianceFiles::none && !run.model.outcome.linear())
     outputs.insert(outputs.end(), {unitspecificgammafile, populationgammafile, robustpopulationgammafile,
                                    laplacetaufile, laplacegammafile, quadraturetaufile, quadraturegammafile});
   if (run.control.hetit != 0) outputs.emplace_back(heterogeneousfile);
@@ -206,17 +206,17 @@ bool nextplausiblevalue() {
   const auto old = static_cast<std::size_t>(series.pvcurrent);
   series.pvcurrent = series.pvlist[static_cast<std::size_t>(series.pvindex)];
   const auto next = static_cast<std::size_t>(series.pvcurrent);
-  int* use = run.model.use1.row(0);
-  if (use[old] == -1) {
+  Use* use = run.model.use1.row(0);
+  if (use[old] == Use::outcome) {
     run.model.outvar = series.pvcurrent;
-    use[next] = -1;
+    use[next] = Use::outcome;
   } else {
     ++series.pvpredictor;
     run.model.center1[next] = run.model.center1[old];
-    run.model.center1[old] = 0;
-    use[next] = 1;
+    run.model.center1[old] = Centering::none;
+    use[next] = Use::predictor;
   }
-  use[old] = 0;
+  use[old] = Use::none;
   run.files.nextcommands = scratchopen();
   writenextcommands(run.files.nextcommands);
   return true;

@@ -78,12 +78,12 @@ void labelrandomeffects() {
 void markdeletion() {
   if (run.mdm.deletednow) return;
   for (int v = 1; v <= run.mdm.nvar1; ++v) {
-    int& mark = run.model.delete1[static_cast<std::size_t>(v) - 1];
-    if (mark == 2) continue;
+    Deletion& mark = run.model.delete1[static_cast<std::size_t>(v) - 1];
+    if (mark == Deletion::named) continue;
     bool used = v == run.model.wgtvar1 || v == run.model.autovknown ||
-                (run.model.outcome.counted && v == run.model.outcome.countvariable);
-    for (int e = 0; e < run.model.neqsets; ++e) used = used || run.model.use1.row(e)[v] != 0;
-    mark = used ? 1 : 0;
+                (run.model.outcome.counted && run.model.outcome.countvariable == v);
+    for (int e = 0; e < run.model.neqsets; ++e) used = used || run.model.use1.row(e)[v] != Use::none;
+    mark = used ? Deletion::ofmodel : Deletion::none;
   }
 }
 

@@ -87,16 +87,16 @@ void asklvrroles() {
                                          run.mdm.names1[static_cast<std::size_t>(rows.owner(term).variable)].text,
                                          run.mdm.names2[static_cast<std::size_t>(term.variable)].text);
     std::string line;
-    char letter = '\0';
+    const CodeWord<LatentRole>* role = nullptr;
     for (;;) {
       readanswer(prompt + " ", line, Question::role);
-      letter = firstletter(line);
-      if (letter == 'I' || letter == 'O' || letter == 'P') break;
+      role = rownamed(roleletters, line.substr(0, 1));
+      if (role != nullptr) break;
       std::printf("Invalid response");
       if (++wrong > maxtries) fail(14);
     }
-    run.out.lvrroles[n++] = letter == 'O' ? 1 : letter == 'P' ? 2 : 0;
-    run.out.lvr = run.out.lvr || letter != 'I';
+    run.out.lvrroles[n++] = role->code;
+    run.out.lvr = run.out.lvr || role->code != LatentRole::ignore;
   }
 }
 
@@ -145,7 +145,8 @@ void askresiduals() {
   std::printf(
       "Enter type of stat package you will use:\n   for SYSTAT      enter 1\n   for SAS         enter 2\n"
       "   for SPSS        enter 3\n   for Stata       enter 4\n   for Free Format enter 5\n");
-  constexpr int types[] = {3, 5, 6, 8, 2};
+  constexpr ResidualForm types[] = {ResidualForm::systat, ResidualForm::sas, ResidualForm::spss, ResidualForm::stata,
+                                    ResidualForm::freeformat};
   changeresfiltype(types[asknumber("Type?", 1, 5) - 1]);
 }
 

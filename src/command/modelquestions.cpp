@@ -7,6 +7,7 @@
 #include "command/categories.h"
 #include "command/complete.h"
 #include "command/dialogue.h"
+#include "command/text.h"
 #include "core/formatted.h"
 #include "core/modelwalk.h"
 #include "driver/questions.h"
@@ -72,8 +73,8 @@ void askoutcome() {
   }
   kind.outvar = outcome;
   for (int e = 0; e < kind.neqsets; ++e) {
-    run.model.use1.row(e)[outcome] = -1;
-    run.model.use1.row(e)[0] = 1;
+    run.model.use1.row(e)[outcome] = Use::outcome;
+    run.model.use1.row(e)[0] = Use::predictor;
   }
   run.out.wanted1vars1[static_cast<std::size_t>(outcome)] = 1;
 }
@@ -82,15 +83,15 @@ void asklevel1() {
   if (run.answered.level1) return;
   std::printf("Level-1 predictor variable specification\n");
   showchoices("Which level-1 predictors do you wish to use?", run.mdm.nvar1, run.mdm.names1, run.model.outvar);
-  int* use = run.model.use1.row(0);
+  Use* use = run.model.use1.row(0);
   for (int n = 0; n < run.mdm.nvar1;) {
     const int v = askvariable("level-1 predictor? (Enter 0 to end)", 0, run.mdm.nvar1, run.mdm.names1);
     if (v == 0) break;
-    if (use[v] != 0) {
+    if (use[v] != Use::none) {
       std::printf("%s", v == run.model.outvar ? isoutcome : alreadychosen);
       continue;
     }
-    use[v] = 1;
+    use[v] = Use::predictor;
     ++n;
   }
   for (int e = 1; e < run.model.neqsets; ++e)
@@ -108,7 +109,7 @@ void askcountvariable() {
   const std::string prompt = formatted("\nFor the non-linear analysis, which variable indicates the %s",
                                        run.model.outcome.link() == Link::logit ? "number of trials?" : "exposure?");
   int v = askvariable(prompt.c_str(), 1, run.mdm.nvar1, run.mdm.names1);
-  for (int tries = 1; run.model.use1.row(0)[v] != 0; ++tries) {
+  for (int tries = 1; run.model.use1.row(0)[v] != Use::none; ++tries) {
     std::printf("%s", alreadychosen);
     if (tries == maxtries) noproperresponse();
     v = askvariable(prompt.c_str(), 1, run.mdm.nvar1, run.mdm.names1);
@@ -121,17 +122,18 @@ void askintercept1() {
   if (run.answered.level1 || run.answered.nobase) return;
   if (!askyesno("\nDo you want to set the level-1 intercept to zero in this analysis?")) return;
   run.model.nointercept1 = true;
-  for (int e = 0; e < run.model.neqsets; ++e) run.model.use1.row(e)[0] = 0;
+  for (int e = 0; e < run.model.neqsets; ++e) run.model.use1.row(e)[0] = Use::none;
 }
 
 // How each variable of a level that `used` marks is to be centered. `choices` are the digits that are answers; `asked`
 // says whether there is anything to ask about.
 void askcentering(bool asked, const char* question, const char* explanation, const char* choices,
-                  const Array<int>& used, const Array<Name>& names, Array<int>& marks) {
+                  const Array<int>& used, const Array<Name>& names, Array<Centering>& marks) {
   if (!asked || !askyesno(question)) return;
   std::printf("%s", explanation);
   for (std::size_t v = 1; v < used.size(); ++v)
-    if (used[v] != 0) marks[v] = askletter(formatted("How do you want to center %8.8s?", names[v].text), choices) - '0';
+    if (used[v] != 0)
+      marks[v] = centeringof(askletter(formatted("How do you want to center %8.8s?", names[v].text), choices));
 }
 
 // True when a variable besides the intercept is used.
@@ -145,7 +147,8 @@ constexpr const char* twochoices = " Enter 0 for no centering, 2 for grand-mean\
 void askcentering1() {
   if (run.answered.level1) return;
   Array<int> used(static_cast<std::size_t>(run.mdm.nvar1) + 1);
-  for (int v = 1; v <= run.mdm.nvar1; ++v) used[static_cast<std::size_t>(v)] = run.model.use1.row(0)[v] == 1;
+  for (int v = 1; v <= run.mdm.nvar1; ++v)
+    used[static_cast<std::size_t>(v)] = run.model.use1.row(0)[v] == Use::predictor;
   askcentering(run.model.coef.npi > 0, "\nDo you want to center any level-1 predictors?", threechoices, "012", used,
                run.mdm.names1, run.model.center1);
 }
@@ -292,7 +295,7 @@ void askdeletion() {
       std::printf("%s", isoutcome);
       continue;
     }
-    run.model.delete1[static_cast<std::size_t>(v) - 1] = 2;
+    run.model.delete1[static_cast<std::size_t>(v) - 1] = Deletion::named;
     ++n;
   }
 }

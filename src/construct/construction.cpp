@@ -157,7 +157,7 @@ void tellrepeats(Repeats& repeats, int level, const Id& id) {
   if (!run.mdm.numericids && first.size() > second.size() && first < second)
     logboth(
         "A shorter text ID has to come before a longer one: fill the IDs up with zeros, or sort by their length.\n");
-  if (rawis(rawascii)) tellcrossing(level - 1);
+  if (rawis(RawType::ascii)) tellcrossing(level - 1);
   stoprun(100);
 }
 

@@ -6,15 +6,13 @@
 #include <vector>
 
 #include "construct/rawvariables.h"
+#include "core/codes.h"
 #include "data/mdm.h"
 #include "kernel/array.h"
 
 namespace kdr {
 
 struct RawReader;
-
-// The raw formats by their code in the MDM head.
-enum RawType : int { rawascii = 2, rawsystat = 3, rawsas = 5, rawspss = 6, rawstata = 8, rawother = 9 };
 
 // The raw file of one level.
 struct LevelSource {

@@ -171,7 +171,7 @@ int memoryrecord(int level, double* values, Id* id3, Id* id2) {
 
 void closememory(int) {}
 
-constexpr RawReader memoryreader{rawother, "other", 5, nullptr, preparememory, memoryrecord, closememory};
+constexpr RawReader memoryreader{RawType::other, "other", 5, nullptr, preparememory, memoryrecord, closememory};
 
 // Marks the IDs and every numeric variable but them.
 void markall(LevelSource& source, const std::string& level3, const std::string& level2) {
@@ -242,7 +242,7 @@ void takeonefile(const std::string& path, const std::string& level3, const std::
   forgetraw();
   one = OneFile{};
   MdmData& mdm = run.mdm;
-  mdm.mdmtype = 0;
+  mdm.mdmtype = MdmType::ordinary;
   mdm.deletednow = false;
   LevelSource& source = raw.level[0];
   raw.reader = findreader("other");

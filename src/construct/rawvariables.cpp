@@ -19,7 +19,9 @@ namespace {
 constexpr double largestid = 999999999999.0;
 constexpr const char* unlikeids = "ID's must be both be character or both numeric!\n";
 
-int namewidth(std::string_view name) { return rawis(rawsystat) && name.find('$') != std::string_view::npos ? 9 : 8; }
+int namewidth(std::string_view name) {
+  return rawis(RawType::systat) && name.find('$') != std::string_view::npos ? 9 : 8;
+}
 
 bool samecase(std::string_view a, std::string_view b, std::size_t n) {
   return a.size() >= n && b.size() >= n && strncasecmp(a.data(), b.data(), n) == 0;
@@ -99,12 +101,12 @@ void markvariable(int level, const std::string& name) {
   LevelSource& source = raw.level[level];
   const std::size_t row = rowtomark(level, name, "Variable %s not found!\n");
   if (source.vartable[row].text) {
-    const std::string why = rawis(rawother) ? otherwhytext(level, static_cast<int>(row)) : "";
+    const std::string why = rawis(RawType::other) ? otherwhytext(level, static_cast<int>(row)) : "";
     stopwith("mdm variables must be numeric!\nVariable %s of the level-%d file is a character variable%s%s.\n",
              tellingname(source, static_cast<int>(row)).c_str(), level + 1, why.empty() ? "" : ": ", why.c_str());
   }
   const bool late = !source.chosen.empty() && source.chosen[source.chosen.size() - 1] > static_cast<int>(row);
-  if (late && !rawis(rawsystat))
+  if (late && !rawis(RawType::systat))
     stopwith("The level-%d variables must be listed in the order of the raw file: %s comes too late!\n", level + 1,
              name.c_str());
   source.vartable[row].mark = variablemark;

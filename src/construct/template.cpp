@@ -107,7 +107,7 @@ void takemissing(TemplateText& text, const std::string& value) {
   if (!mdm.l1missing) return;
   const std::string list = value.substr(1);
   if (raw.reader == nullptr && beginswith(list, "/")) stopwith(nofile);
-  if (!rawis(rawascii)) return;
+  if (!rawis(RawType::ascii)) return;
   if (!text.counted[0]) stopwith(nofile);
   raw.missingcodes.reset(static_cast<std::size_t>(raw.level[0].numvar));
   if (beginswith(list, "/SAME")) {
@@ -135,7 +135,7 @@ void takecount(TemplateText& text, int level, const std::string& value) {
   if (end == value.c_str() || *end != '\0') badvalue(text);
   if (count < 0 || count > mostvariables)
     stopwith("The number of level-%d variables must lie between 0 and %d!\n", level + 1, mostvariables);
-  if (raw.reader != nullptr && !rawis(rawascii)) return;  // the file tells it
+  if (raw.reader != nullptr && !rawis(RawType::ascii)) return;  // the file tells it
   raw.level[level].numvar = static_cast<int>(count);
   startnames(level, static_cast<std::size_t>(count));
   text.counted[level] = true;
@@ -160,7 +160,7 @@ void takefile(TemplateText& text, int level, const std::string& value) {
   source.vartable.clear();
   source.chosen.reset(0);
   openraw(level);
-  if (!rawis(rawascii)) text.named[level] = false;
+  if (!rawis(RawType::ascii)) text.named[level] = false;
 }
 
 // The ID line of a variable block: `word` and the name of the column.
@@ -206,7 +206,7 @@ void takeblock(TemplateText& text, int level) {
   if (raw.reader == nullptr || !raw.level[level].opened) stopwith(nofile);
   char ending[] = "*END L1VARS";
   ending[6] = static_cast<char>('1' + level);
-  if (!rawis(rawascii)) return takevariables(text, level, ending);
+  if (!rawis(RawType::ascii)) return takevariables(text, level, ending);
   if (!text.counted[level]) stopwith("Must specify the number of level-%d variables before their names!\n", level + 1);
   Array<Name>& names = namesof(level);
   std::size_t given = 0;
@@ -226,12 +226,12 @@ void takeblock(TemplateText& text, int level) {
 }
 
 void takegrowth(TemplateText& text, const std::string& value) {
-  run.mdm.mdmtype = oneof(text, value, "YN") == 'Y' ? 1 : 0;
+  run.mdm.mdmtype = oneof(text, value, "YN") == 'Y' ? MdmType::measurement : MdmType::ordinary;
 }
 
 void taketype(TemplateText& text, const std::string& value) {
   if (value.size() != 1) badvalue(text);
-  run.mdm.mdmtype = oneof(text, value, "0123") - '0';
+  run.mdm.mdmtype = static_cast<MdmType>(oneof(text, value, "0123") - '0');
 }
 
 void takedeletion(TemplateText& text, const std::string& value) {
@@ -287,7 +287,7 @@ void checkcomplete(const TemplateText& text) {
   for (int level = 0; level < 3; ++level) {
     const LevelSource& source = raw.level[level];
     if (!source.opened) stopwith("The template names no level-%d file!\n", level + 1);
-    if (!rawis(rawascii)) {
+    if (!rawis(RawType::ascii)) {
       if (!text.named[level]) stopwith("The template names no level-%d variables!\n", level + 1);
       continue;
     }
@@ -295,7 +295,8 @@ void checkcomplete(const TemplateText& text) {
     if (source.format.empty()) stopwith("The template tells no format of the level-%d file!\n", level + 1);
     if (!text.named[level] && source.numvar > 0) stopwith("The template names no level-%d variables!\n", level + 1);
   }
-  if (rawis(rawascii) && run.mdm.l1missing && raw.missingcodes.size() != static_cast<std::size_t>(raw.level[0].numvar))
+  if (rawis(RawType::ascii) && run.mdm.l1missing &&
+      raw.missingcodes.size() != static_cast<std::size_t>(raw.level[0].numvar))
     stopwith(badmissing);
 }
 
@@ -357,7 +358,7 @@ void readtemplate(const std::string& path) {
   raw.templatename = path;
   run.mdm.l1missing = false;
   run.mdm.deletednow = true;
-  run.mdm.mdmtype = 0;
+  run.mdm.mdmtype = MdmType::ordinary;
   run.mdm.numericids = false;
   while (nextword(text, line)) takeline(text, line);
   text.stream.reset();
@@ -367,7 +368,7 @@ void readtemplate(const std::string& path) {
 
 void writetemplate(bool samemissing) {
   const MdmData& mdm = run.mdm;
-  const bool ascii = rawis(rawascii);
+  const bool ascii = rawis(RawType::ascii);
   for (const LevelSource& source : raw.level)
     if (samefile(source.filename, templatecopy))
       stopwith("The raw data file %s bears the name of the template's copy. Please rename it.\n",
@@ -376,7 +377,7 @@ void writetemplate(bool samemissing) {
   opentext(file, templatecopy);
   std::FILE* out = file.stream;
   std::fprintf(out, "%s\n", templatehead);
-  std::fprintf(out, "mdmtype:%d\n", mdm.mdmtype);
+  std::fprintf(out, "mdmtype:%d\n", static_cast<int>(mdm.mdmtype));
   std::fprintf(out, "rawdattype:%s\n", raw.reader->word);
   for (int level = 0; level < 3; ++level) {
     const LevelSource& source = raw.level[level];

@@ -66,7 +66,7 @@ ModelRows modelrows(const Model& model) {
   for (int set = 0; set < model.neqsets; ++set) {
     int c = 0, place = 0;
     for (int v = 0; v < model.use1.width; ++v) {
-      if (model.use1.row(set)[v] != 1) continue;
+      if (model.use1.row(set)[v] != Use::predictor) continue;
       const bool threshold = model.outcome.ordinal() && v > nvar1;
       const bool random = !threshold && model.fixed1.row(set)[c] == 0;
       rows.coefficients.push_back({set, c, v, model.nointercept1 ? c + 1 : c, threshold, random, 0, 0});

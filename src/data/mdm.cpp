@@ -77,25 +77,24 @@ long long readhead(MdmHeader& head) {
   return version > mdmtypesince ? 54 : 50;
 }
 
+// Of a negated code, too.
+RawType rawtypeof(const MdmHeader& head) {
+  return static_cast<RawType>(head.rawdattype > 0 ? head.rawdattype : -static_cast<long long>(head.rawdattype));
+}
+
 void checkhead(const MdmHeader& head) {
   if (head.numl1var < 1 || head.numl2var < 0 || head.numl3var < 0) damagedmdm("its numbers of variables cannot be");
   if (head.numl3rec < 1 || head.numl2rec < head.numl3rec || head.numl1rec < head.numl2rec)
     damagedmdm("its numbers of records and units do not agree");
   if (head.maxnj < 1 || head.maxnj > head.numl1rec) damagedmdm("its largest unit has an impossible size");
   if (head.mdmtype < 0 || head.mdmtype > 3) damagedmdm("its type is unknown");
-  switch (head.rawdattype) {
-    case 2:
-    case 3:
-    case 5:
-    case 6:
-    case 8:
-    case 9:
-    case -2:
-    case -3:
-    case -5:
-    case -6:
-    case -8:
-    case -9:
+  switch (rawtypeof(head)) {
+    case RawType::ascii:
+    case RawType::systat:
+    case RawType::sas:
+    case RawType::spss:
+    case RawType::stata:
+    case RawType::other:
       break;
     default:
       damagedmdm("its raw data type is unknown");
@@ -170,8 +169,8 @@ void takehead(const MdmHeader& head) {
   mdm.l1missing = head.l1missing != 0;
   // Complete data leave nothing to delete at analysis time, whatever the field says.
   mdm.deletednow = head.timeofdeletion != 0 || !mdm.l1missing;
-  mdm.mdmtype = head.mdmtype;
-  mdm.rawdattype = head.rawdattype < 0 ? -head.rawdattype : head.rawdattype;
+  mdm.mdmtype = static_cast<MdmType>(head.mdmtype);
+  mdm.rawdattype = rawtypeof(head);
   mdm.maxnj = head.maxnj;
   mdm.ncol1 = mdm.nvar1 + 1;
   mdm.ncol2 = mdm.nvar2 + 1;
@@ -248,8 +247,8 @@ void writemdmtables(std::FILE* stream) {
                        mdm.nunits3,
                        mdm.l1missing ? 1 : 0,
                        mdm.deletednow,
-                       mdm.mdmtype,
-                       mdm.numericids ? -mdm.rawdattype : mdm.rawdattype,
+                       static_cast<int>(mdm.mdmtype),
+                       (mdm.numericids ? -1 : 1) * static_cast<int>(mdm.rawdattype),
                        mdm.maxnj};
   const char nomagic[sizeof magic] = {};
   writechk(nomagic, sizeof nomagic, stream);

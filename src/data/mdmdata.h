@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <string>
 
+#include "core/codes.h"
 #include "core/names.h"
 #include "kernel/array.h"
 
@@ -17,8 +18,8 @@ struct MdmData {
   int nunits1 = 0, nunits2 = 0, nunits3 = 0;  // level-1 records, level-2 units, level-3 units in the analysis
   int numl1rec = 0;                           // level-1 records that the file holds
   int numl2rec = 0, numl3rec = 0;             // level-2 blocks and level-3 rows that the file holds
-  int mdmtype = 0;          // 0 ordinary, 1 and 3 measurement model at level 1, 2 growth: picks the report's symbols
-  int rawdattype = 0;       // 2 ASCII, 3 SYSTAT, 5 SAS transport, 6 SPSS, 8 Stata, 9 other
+  MdmType mdmtype = MdmType::ordinary;
+  RawType rawdattype = RawType::ascii;
   bool numericids = false;  // IDs are doubles, else 13-byte texts
   bool l1missing = false;   // the level-1 data were declared to hold missing values
   bool deletednow = false;  // missing level-1 data were deleted when the file was made; else the data pass does it

@@ -5,9 +5,11 @@
 
 #include <cstdio>
 #include <ctime>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "core/codes.h"
 #include "core/constants.h"
 #include "core/control.h"
 #include "core/model.h"
@@ -65,16 +67,16 @@ struct RunFiles {
 
 // What the run writes.
 struct OutputControl {
-  bool fulloutput = true;  // FULLOUTPUT:
-  int printvc = 0;         // PRINTVARIANCE-COVARIANCE:. 0 none, 1 Y, 2 A
+  bool fulloutput = true;                       // FULLOUTPUT:
+  VarianceFiles printvc = VarianceFiles::none;  // PRINTVARIANCE-COVARIANCE:
   bool resfil1 = false, resfil2 = false, resfil3 = false;
-  bool resfilrecnum = false;      // RESFILRECNUM:. the level-1 file has the number of each record
-  int resfiltype = 6;             // RESFILTYPE:. 2 free format, 3 SYSTAT, 5 SAS, 6 SPSS, 8 Stata
-  bool graph = false;             // GRAPHGAMMAS:
-  double deviance = missingcode;  // DEVIANCE:. Of the alternative model
-  int df = 0;                     // DF:. Its number of parameters
-  bool lvr = false;               // LVR-BETA:
-  Array<int> lvrroles;            // one per random level-2 coefficient: 0 ignore, 1 outcome, 2 predictor
+  bool resfilrecnum = false;                     // RESFILRECNUM:. the level-1 file has the number of each record
+  ResidualForm resfiltype = ResidualForm::spss;  // RESFILTYPE:
+  bool graph = false;                            // GRAPHGAMMAS:
+  std::optional<double> deviance;                // DEVIANCE:. Of the alternative model
+  int df = 0;                                    // DF:. Its number of parameters
+  bool lvr = false;                              // LVR-BETA:
+  Array<LatentRole> lvrroles;                    // one per random level-2 coefficient
 
   // Variables that the residual files are to carry: marks by variable (1 wanted) ...
   Array<int> wanted1vars1, wanted1vars2, wanted1vars3;  // widths ncol1, ncol2, ncol3

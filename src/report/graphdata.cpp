@@ -40,7 +40,7 @@ Predictors level1predictors() {
   Predictors list;
   for (int v = 1; v <= run.mdm.nvar1; ++v)
     for (int e = 0; e < run.model.neqsets; ++e)
-      if (run.model.use1.row(e)[v] == 1) {
+      if (run.model.use1.row(e)[v] == Use::predictor) {
         list.variables.push_back(v);
         break;
       }
@@ -65,7 +65,7 @@ void take(Predictors& list, const double* row) {
 }
 
 // Both kinds of centering take off the grand mean.
-void center(Predictors& list, const Array<int>& marks, const Array<double>& means) {
+void center(Predictors& list, const Array<Centering>& marks, const Array<double>& means) {
   for (std::size_t i = 0; i < list.variables.size(); ++i) {
     const auto v = at(list.variables[i]);
     centeraround(marks[v], means[v - 1], list.values[i].data(), list.count);

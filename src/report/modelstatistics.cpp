@@ -40,11 +40,11 @@ void comparison(double deviance, long long parameters) {
 long long parametercount(int phase) {
   const long long taupis = phase == 1 ? run.mdm.nunits3 : 1;
   return run.model.coef.ngamma + triangle(run.model.coef.ntaubeta) + taupis * triangle(run.model.coef.ntaupi) +
-         (run.model.restrictions.fixsigma2 == 0.0 ? 1 : 0);
+         (run.model.restrictions.fixsigma2 ? 0 : 1);
 }
 
 DevianceComparison comparisonof(double deviance, long long parameters) {
-  return {std::fabs(deviance - run.out.deviance), wholedegrees(std::llabs(parameters - run.out.df))};
+  return {std::fabs(deviance - run.out.deviance.value_or(0.0)), wholedegrees(std::llabs(parameters - run.out.df))};
 }
 
 void modelstatistics(double loglik, int phase) {
@@ -60,7 +60,7 @@ void modelstatistics(double loglik, int phase) {
   if (run.model.autovknown != 0 && run.model.outcome.linear())
     reportline(" (a constant of the known variances is left out: compare such deviances only with each other)");
   reportline(" Number of estimated parameters = %lld", parameters);
-  if (run.out.deviance != missingcode && std::isfinite(deviance)) comparison(deviance, parameters);
+  if (run.out.deviance && std::isfinite(deviance)) comparison(deviance, parameters);
 }
 
 }  // namespace kdr

@@ -92,9 +92,9 @@ void addtail(Json& test, int df, double statistic) {
 
 Json nameornull(const Array<Name>& names, int v) { return v == 0 ? Json() : Json(leftname(names[v])); }
 
-const char* centering(const Array<int>& marks, int v) {
-  const int mark = at(v) < marks.size() ? marks[v] : 0;
-  return mark == 1 ? "group mean" : mark == 2 ? "grand mean" : "none";
+const char* centering(const Array<Centering>& marks, int v) {
+  constexpr const char* words[] = {"none", "group mean", "grand mean"};
+  return words[static_cast<int>(at(v) < marks.size() ? marks[v] : Centering::none)];
 }
 
 Json categoryornull(int set) { return multinomialrun() ? textornull(categorylabel(set)) : Json(); }
@@ -133,9 +133,10 @@ Json equations() {
   return list;
 }
 
-const char* distribution() {
-  constexpr const char* names[] = {"normal", "bernoulli", "binomial", "poisson", "multinomial", "ordinal"};
-  return names[static_cast<int>(run.model.outcome.family)];
+std::string distribution() {
+  std::string name = nameof(run.model.outcome.family);
+  name[0] = static_cast<char>(name[0] - 'A' + 'a');
+  return name;
 }
 
 Json model() {
@@ -148,10 +149,11 @@ Json model() {
       {"distribution", distribution()},
       {"link", links[static_cast<int>(run.model.outcome.link())]},
       {"count_variable",
-       run.model.outcome.counted ? nameornull(run.mdm.names1, run.model.outcome.countvariable) : Json()},
+       run.model.outcome.counted ? nameornull(run.mdm.names1, run.model.outcome.countvariable.value_or(0)) : Json()},
       {"categories", std::move(categories)},
       {"equations", equations()},
-      {"sigma2_held_at", whenever(run.model.restrictions.fixsigma2 != 0.0, number(run.model.restrictions.fixsigma2))},
+      {"sigma2_held_at",
+       whenever(run.model.restrictions.fixsigma2.has_value(), number(run.model.restrictions.fixsigma2.value_or(0.0)))},
       {"weights",
        {{"level1", nameornull(run.mdm.names1, run.model.wgtvar1)},
         {"level2", nameornull(run.mdm.names2, run.model.wgtvar2)},
@@ -333,7 +335,7 @@ void addlikelihood(Json& phase, double loglik, bool comparable, long long parame
   phase["bic"] = whenever(has, deviance + count * std::log(static_cast<double>(run.mdm.nunits1)));
   phase["bic_sample_size"] = whenever(has, run.mdm.nunits1);
   Json comparison;
-  if (has && run.out.deviance != missingcode) {
+  if (has && run.out.deviance) {
     const auto [statistic, df] = comparisonof(deviance, parameters);
     addtail(comparison, df, statistic);
   }

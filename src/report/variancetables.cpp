@@ -183,7 +183,7 @@ void variancetable(Tau which, const VarianceRows& rows) {
     }
     chisquare(which, rows.df[i], rows.chisq[i], style);
   }
-  if (which == Tau::pi && run.model.restrictions.fixsigma2 == 0.0) level1effect(rows.sigma2);
+  if (which == Tau::pi && !run.model.restrictions.fixsigma2) level1effect(rows.sigma2);
   reportrule(78);
   reporthtml("</tbody></table>\n");
 }

@@ -29,7 +29,7 @@ void makelists(Work& work) {
   LatentRegression& result = work.result;
   std::set<int> variables;
   for (int i = 0; i < work.r; ++i) {
-    const auto role = static_cast<LatentRole>(work.model.roles[at(i)]);
+    const LatentRole role = work.model.roles[at(i)];
     if (role == LatentRole::ignore) continue;
     (role == LatentRole::outcome ? result.outcomes : result.predictors).push_back(i);
     for (const LatentTerm& term : work.model.equations[at(i)]) variables.insert(term.variable);

@@ -10,13 +10,12 @@
 #include <span>
 #include <vector>
 
+#include "core/codes.h"
 #include "report/latentreport.h"
 #include "report/passresults.h"
 #include "report/pooledresults.h"
 
 namespace kdr {
-
-enum class LatentRole { ignore = 0, outcome = 1, predictor = 2 };
 
 // A term of a level-2 coefficient's equation.
 struct LatentTerm {
@@ -25,7 +24,7 @@ struct LatentTerm {
 };
 
 struct LatentModel {
-  std::span<const int> roles;                      // one LatentRole per random level-2 coefficient
+  std::span<const LatentRole> roles;               // one per random level-2 coefficient
   std::vector<std::vector<LatentTerm>> equations;  // of the same coefficients
   int nunits3 = 0;
 };

@@ -64,9 +64,9 @@ class Fingerprint {
   unsigned long long hash = 14695981039346656037ULL;
 };
 
-void addvariable(Fingerprint& print, const Array<Name>& names, const Array<int>& center, int variable) {
+void addvariable(Fingerprint& print, const Array<Name>& names, const Array<Centering>& center, int variable) {
   if (at(variable) < names.size()) print.add(names[at(variable)]);
-  print.add(at(variable) < center.size() ? center[at(variable)] : 0);
+  print.add(at(variable) < center.size() ? static_cast<int>(center[at(variable)]) : 0);
 }
 
 unsigned long long fingerprint(const ModelRows& rows) {
@@ -79,13 +79,14 @@ unsigned long long fingerprint(const ModelRows& rows) {
                           outcome.categories, run.model.nointercept1 ? 1 : 0, run.model.restrictions.diagtaupi ? 1 : 0,
                           run.model.restrictions.diagtaubeta ? 1 : 0, iter.laplace ? 1 : 0, iter.agqpoints})
     print.add(value);
-  print.add(run.model.restrictions.fixsigma2);
+  print.add(run.model.restrictions.fixsigma2.value_or(0.0));
   if (run.model.restrictions.haveesttau2) print.add(run.model.restrictions.esttau2);
   if (run.model.restrictions.haveesttau3) print.add(run.model.restrictions.esttau3);
   if (run.model.restrictions.havecontau2) print.add(run.model.restrictions.contau2);
   if (run.model.restrictions.havecontau3) print.add(run.model.restrictions.contau3);
-  for (const int variable : {run.model.outvar, run.model.outcome.counted ? run.model.outcome.countvariable : 0,
-                             run.model.autovknown, run.model.wgtvar1})
+  for (const int variable :
+       {run.model.outvar, run.model.outcome.counted ? run.model.outcome.countvariable.value_or(0) : 0,
+        run.model.autovknown, run.model.wgtvar1})
     print.add(run.mdm.names1[at(variable)]);
   print.add(run.mdm.names2[at(run.model.wgtvar2)]);
   print.add(run.mdm.names3[at(run.model.wgtvar3)]);
@@ -110,7 +111,7 @@ unsigned long long fingerprint(const ModelRows& rows) {
 AveragedFrame frameof(const ModelRows& rows, const SubrunShape& shape) {
   AveragedFrame frame;
   degreesoffreedom(frame.degrees);
-  frame.sigma2fixed = run.model.restrictions.fixsigma2 != 0.0;
+  frame.sigma2fixed = run.model.restrictions.fixsigma2.has_value();
   frame.nterms2.reset(at(shape.q));
   frame.nfixedterms2.reset(at(shape.q));
   frame.nterms3.reset(at(shape.r));
@@ -217,7 +218,7 @@ SubrunShape seriesshape() {
   for (const EffectRow& row : rows.effects) shape.g += row.removed ? 0 : 1;
   shape.fisher = run.control.fishertype != 0;
   shape.popaverage = run.model.outcome.single();
-  shape.sigma2fixed = run.model.restrictions.fixsigma2 != 0.0;
+  shape.sigma2fixed = run.model.restrictions.fixsigma2.has_value();
   shape.model = fingerprint(rows);
   return shape;
 }

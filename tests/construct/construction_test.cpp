@@ -55,7 +55,7 @@ int record(int level, double* values, Id* id3, Id* id2) {
 
 void close(int) {}
 
-constexpr RawReader memoryreader{rawspss, "spss", 4, nullptr, prepare, record, close};
+constexpr RawReader memoryreader{RawType::spss, "spss", 4, nullptr, prepare, record, close};
 
 struct Job {
   std::vector<Row> level1, level2, level3;
@@ -101,7 +101,7 @@ void printunits() {
   readmdm();
   UnitReader reader;
   UnitBlock block;
-  startunits(reader, run.mdm.stream, run.mdm.firstblock, run.mdm.nvar1, run.mdm.nvar2, true);
+  startunits(reader, run.mdm, run.mdm.stream, run.mdm.firstblock, run.mdm.nvar1, run.mdm.nvar2, true);
   const auto idtext = [](const Id& id) {
     return run.mdm.numericids ? std::to_string(static_cast<long>(id.number)) : leftname(id.text);
   };

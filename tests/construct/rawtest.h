@@ -100,7 +100,7 @@ inline std::string mdmshown() {
     text += idshown(level3id(k)) + valuesshown(&mdm.level3[static_cast<std::size_t>(k * mdm.nvar3)], mdm.nvar3);
   UnitReader reader;
   UnitBlock block;
-  startunits(reader, mdm.stream, mdm.firstblock, mdm.nvar1, mdm.nvar2, true);
+  startunits(reader, mdm, mdm.stream, mdm.firstblock, mdm.nvar1, mdm.nvar2, true);
   while (readunit(reader, block)) {
     text += idshown(block.id3) + " " + idshown(block.id2) + valuesshown(block.level2.data(), mdm.nvar2);
     for (int i = 0; i < block.nj; ++i)

@@ -59,7 +59,7 @@ void readall() {
   readmdm();
   UnitReader reader;
   UnitBlock block;
-  startunits(reader, run.mdm.stream, run.mdm.firstblock, run.mdm.nvar1, run.mdm.nvar2, true);
+  startunits(reader, run.mdm, run.mdm.stream, run.mdm.firstblock, run.mdm.nvar1, run.mdm.nvar2, true);
   while (readunit(reader, block)) continue;
 }
 
@@ -95,8 +95,8 @@ TEST_F(MdmFile, HeadAndTables) {
     EXPECT_EQ(mdm.nunits3, 2);
     EXPECT_TRUE(mdm.l1missing);
     EXPECT_FALSE(mdm.deletednow);
-    EXPECT_EQ(mdm.mdmtype, 2);
-    EXPECT_EQ(mdm.rawdattype, 2);
+    EXPECT_EQ(mdm.mdmtype, MdmType::growth);
+    EXPECT_EQ(mdm.rawdattype, RawType::ascii);
     EXPECT_EQ(mdm.numericids, numeric);
     EXPECT_EQ(mdm.maxnj, 2);
     EXPECT_STREQ(mdm.names1[2].text, "       Y    ");
@@ -119,7 +119,7 @@ TEST_F(MdmFile, OlderVersionHasNoType) {
   sample.version = 6.0F;
   sample.l1missing = 0;
   open(sample.file());
-  EXPECT_EQ(run.mdm.mdmtype, 0);
+  EXPECT_EQ(run.mdm.mdmtype, MdmType::ordinary);
   EXPECT_EQ(run.mdm.maxnj, 2);
   EXPECT_EQ(run.mdm.fnames[0], "one.dat");
   EXPECT_TRUE(run.mdm.deletednow);  // complete data: nothing left to delete
@@ -132,7 +132,7 @@ TEST_F(MdmFile, UnitsInOrderAheadAndBack) {
     open(sample.file());
     UnitReader reader;
     UnitBlock block;
-    startunits(reader, run.mdm.stream, run.mdm.firstblock, 2, 1, true);
+    startunits(reader, run.mdm, run.mdm.stream, run.mdm.firstblock, 2, 1, true);
     ASSERT_TRUE(readunit(reader, block));
     EXPECT_EQ(block.nj, 1);
     EXPECT_EQ(block.records[1], 1.0);
@@ -177,7 +177,7 @@ TEST_F(MdmFile, BlocksOfAllSizes) {
     }
     UnitReader reader;
     UnitBlock block;
-    startunits(reader, file, 0, 3, 2, withmeans);
+    startunits(reader, run.mdm, file, 0, 3, 2, withmeans);
     for (const int nj : sizes) {
       if (random() % 3 == 0) {
         const long long here = unitposition(reader);

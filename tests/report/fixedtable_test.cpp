@@ -154,15 +154,16 @@ TEST(HypothesisTest, RefusesMoreContrastsThanGammas) {
 // parameters; 11 with sigma^2 fixed; 9 + 20 * 3 = 69 with a taupi for each of 20 level-3 units.
 TEST(ModelStatistics, ParametersAndTheAlternative) {
   const struct {
-    double deviance;
+    std::optional<double> deviance;
     int parameters, phase;
-    double fixsigma2;
+    std::optional<double> fixsigma2;
     const char* words;  // number of parameters, degrees of freedom and p-value of the comparison
-  } cases[] = {{missingcode, 0, 1, 0.0, "69"},       {missingcode, 0, 2, 1.0, "11"},
-               {1018.307, 2, 2, 0.0, "12 10 0.050"},  // the 5% point of chi-square with 10 degrees of freedom is 18.307
-               {995.0, 22, 2, 0.0, "12 10 >.500"},    // below its degrees of freedom
-               {1000.0, 12, 2, 0.0, "12 0 >.500"},    // the same model
-               {900.0, 12, 2, 0.0, "12 0 >.500"}};    // no degrees of freedom
+  } cases[] = {{{}, 0, 1, {}, "69"},
+               {{}, 0, 2, 1.0, "11"},
+               {1018.307, 2, 2, {}, "12 10 0.050"},  // the 5% point of chi-square with 10 degrees of freedom is 18.307
+               {995.0, 22, 2, {}, "12 10 >.500"},    // below its degrees of freedom
+               {1000.0, 12, 2, {}, "12 0 >.500"},    // the same model
+               {900.0, 12, 2, {}, "12 0 >.500"}};    // no degrees of freedom
   for (const auto& c : cases) {
     fivegammas();
     run.out.deviance = c.deviance;

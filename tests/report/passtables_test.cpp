@@ -93,7 +93,7 @@ TEST(PassTables, SayHowAPassEndedAndWhatCannotBeComputed) {
                 "\nThe robust standard errors cannot be computed for this model.\n", "level-1 and level-2 variance"},
                {"Standard error of", "Random level-1", "with robust"});
   results.ending = Ending::keyboard;
-  results.fixsigma2 = run.model.restrictions.fixsigma2 = 1.5;
+  run.model.restrictions.fixsigma2 = results.fixsigma2 = 1.5;
   expectpieces(printed(results),
                {" Iterations terminated prematurely from the keyboard.\n", "\n sigma^2 =      1.50000\n"},
                {"level-1,  "});

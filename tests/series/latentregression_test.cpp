@@ -10,7 +10,7 @@ namespace {
 
 // Three random coefficients, of which the last two are the predictors; two level-3 variables.
 struct Example {
-  std::vector<int> roles = {1, 2, 2};
+  std::vector<LatentRole> roles = {LatentRole::outcome, LatentRole::predictor, LatentRole::predictor};
   LatentModel model;
   std::vector<double> taubeta = {2, 0.5, 0.3, 0.5, 1, 0.2, 0.3, 0.2, 1}, gamma = {1, 2, 3, 4},
                       vgamma = std::vector<double>(16), taucovariance = std::vector<double>(49);
@@ -43,7 +43,7 @@ TEST(LatentRegression, WhatCannotBeComputed) {
   EXPECT_FALSE(flat.regress().computable);
 
   Example none;
-  none.roles = {1, 1, 0};
+  none.roles = {LatentRole::outcome, LatentRole::outcome, LatentRole::ignore};
   EXPECT_FALSE(none.regress().computable);
 }
 

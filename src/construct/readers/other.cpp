@@ -183,7 +183,7 @@ bool otherreads(const std::string& path, const char* word) {
 }
 
 bool othercanbetext(int level) {
-  return rawis(rawother) && stformat(raw.level[level].filetype) == number(StFormat::delimited);
+  return rawis(RawType::other) && stformat(raw.level[level].filetype) == number(StFormat::delimited);
 }
 
 void otherastext(int level, int row) {

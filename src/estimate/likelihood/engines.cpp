@@ -97,7 +97,7 @@ void takeestimates(Pass& pass, const PassResults& results) {
 }
 
 void variancefiles(const char* taus, const char* gammas, const PassResults& results) {
-  if (run.out.printvc == 0) return;
+  if (run.out.printvc == VarianceFiles::none) return;
   writetaufile(taus, results.est, results.errors, false);
   writegammafile(gammas, results.est.gammahat, results.covariance);
 }

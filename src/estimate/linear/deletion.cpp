@@ -7,7 +7,7 @@ namespace kdr {
 bool lacksvalue(const Model& model, const double* record) {
   bool missing = false;
   for (std::size_t v = 0; v < model.delete1.size(); ++v)
-    missing = missing || (model.delete1[v] && record[v] == missingcode);
+    missing = missing || (model.delete1[v] != Deletion::none && record[v] == missingcode);
   return missing;
 }
 

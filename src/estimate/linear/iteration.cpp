@@ -177,8 +177,8 @@ void testconvergence(const Pass& pass, IterationState& state, const Attempt& att
 void asklimit(const Pass& pass, IterationState& state) {
   if (state.stopped() || pass.plan.farlimit == 0 || state.iteration != pass.plan.limit) return;
   const Observer& observer = pass.observer();
-  const int code = pass.control().numitcontinue;
-  if (code != 1 && !(code == 2 && observer.goon && observer.goon())) return;
+  const AtLimit code = pass.control().numitcontinue;
+  if (code != AtLimit::goon && !(code == AtLimit::ask && observer.goon && observer.goon())) return;
   tellobserver(observer.limitraised, pass.plan.farlimit);
   state.limit = pass.plan.farlimit;
 }

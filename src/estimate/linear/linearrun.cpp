@@ -15,7 +15,7 @@ constexpr int farlimit = 10000;  // iterations when the user goes on at the limi
 
 PassPlan linearplan(const Analysis& analysis) {
   PassPlan plan;
-  plan.fixsigma2 = analysis.model.restrictions.fixsigma2;
+  plan.fixsigma2 = analysis.model.restrictions.fixsigma2.value_or(0.0);
   plan.hetit = analysis.control.hetit;
   plan.limit = analysis.control.numit;
   plan.stopval = analysis.control.stopval;

@@ -123,7 +123,7 @@ RecordLayout mdmlayout(const Model& model, const MdmData& mdm) {
   RecordLayout layout;
   layout.width = mdm.nvar1;
   layout.outcome = layout.observed = model.outvar - 1;
-  if (model.outcome.counted) layout.count = model.outcome.countvariable - 1;
+  if (model.outcome.counted) layout.count = model.outcome.countvariable.value_or(0) - 1;
   layout.place.reset(at(mdm.nvar1));
   for (std::size_t v = 0; v < layout.place.size(); ++v) layout.place[v] = static_cast<int>(v);
   layout.column.reset(at(model.coef.npi));
@@ -179,7 +179,7 @@ void startrecords(RecordUnits& units, const Analysis& analysis) {
   units.mean2.reset(at(mdm.nvar2));
   units.shift.reset(units.layout.column.size());
   units.x.reset(units.layout.column.size() + 1);
-  for (const int mark : model.center2) units.group2 = units.group2 || mark == 1;
+  for (const Centering mark : model.center2) units.group2 = units.group2 || mark == Centering::groupmean;
   startunits(units.reader, mdm, mdm.stream, mdm.firstblock, mdm.nvar1, mdm.nvar2, true);
 }
 
@@ -208,8 +208,8 @@ void centerblock(RecordUnits& units) {
   UnitBlock& unit = units.unit;
   const auto width = at(mdm.nvar1);
   for (std::size_t v = 0; v < width; ++v) {
-    const int mark = model.center1[v + 1];
-    if (mark == 0) continue;
+    const Centering mark = model.center1[v + 1];
+    if (mark == Centering::none) continue;
     const double mean = centre(mark, unit.means[v], mdm.mean1[v]);
     for (std::size_t i = 0; i < at(unit.nj); ++i) unit.records[i * width + v] -= mean;
   }

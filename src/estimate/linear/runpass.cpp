@@ -54,7 +54,7 @@ void tellleastsquares(Pass& pass, double s) {
 // A tau that the iterations cannot start from is repaired, and shown again.
 Failure settlestart(Pass& pass, Tau which, const StartMoments& moments, StartingEvent event) {
   const bool pi = which == Tau::pi;
-  const FixTau code = static_cast<FixTau>(pi ? pass.control().fixtau2 : pass.control().fixtau3);
+  const FixTau code = pi ? pass.control().fixtau2 : pass.control().fixtau3;
   const Array<double>& t = pi ? pass.est.taupi : pass.est.taubeta;
   if (usablecovariance(t.data(), pi ? pass.p : pass.b) && code != FixTau::always) return {};
   if (Failure failure = fixtau(pass, which, pi ? moments.taupi : moments.taubeta, code)) return failure;

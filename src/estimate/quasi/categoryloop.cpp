@@ -34,7 +34,7 @@ PassPlan planof(const MacroState& state, int macro) {
 void closephase(Pass& pass, MacroState& state, const PassResults& results) {
   state.unitspecificgamma = results.est.gammahat.copy();
   if (wantresidualfiles()) writeresidualfiles(pass, state.working, state.layout);
-  if (run.out.printvc != 0) {
+  if (run.out.printvc != VarianceFiles::none) {
     writetaufile(taufile, results.est, results.errors, false);
     writegammafile(unitspecificgammafile, results.est.gammahat, results.est.covariance());
   }

@@ -23,9 +23,9 @@ Parameters parametersof(const Estimates& est) {
 // The allowance has run out: true to close the phase all the same.
 bool closeatlimit(MacroState& state) {
   constexpr int farlimit = 10000;
-  const int continuing = run.control.numitcontinue;
-  if (continuing == 1 ||
-      (continuing == 2 &&
+  const AtLimit continuing = run.control.numitcontinue;
+  if (continuing == AtLimit::goon ||
+      (continuing == AtLimit::ask &&
        askyesno("\nThe maximum number of iterations has been reached, but the analysis has\nnot converged. Do you want "
                 "to continue until convergence?"))) {
     std::printf("Setting number of macro iterations to %d.\n\n", farlimit);

@@ -43,7 +43,7 @@ PassPlan planof(const MacroState& state, PassKind kind, int macro) {
   plan.macro = macro;
   plan.limit = run.control.numit;
   plan.stopval = run.control.stopval;
-  plan.fixsigma2 = run.model.restrictions.fixsigma2;
+  plan.fixsigma2 = run.model.restrictions.fixsigma2.value_or(0.0);
   if (kind != PassKind::identity) plan.start = &state.previous;
   plan.freshgamma = kind == PassKind::pql && macro == 2;
   return plan;
@@ -108,9 +108,9 @@ void closephase(Pass& pass, MacroState& state, const PassResults& results) {
     writetaufile(taufile, pass.est, results.errors, false);
     writegammafile(unitspecificgammafile, pass.est.gammahat, pass.est.covariance());
   };
-  if (engines && run.out.printvc != 0) unitspecificfiles();
+  if (engines && run.out.printvc != VarianceFiles::none) unitspecificfiles();
   if (engines) maximumlikelihood(pass, state, results);
-  if (run.out.printvc == 0) return;
+  if (run.out.printvc == VarianceFiles::none) return;
   if (run.control.laplace) {
     writegammafile(populationgammafile, pass.est.gammahat, pass.est.covariance());
   } else {
@@ -125,7 +125,7 @@ void averagephase(Pass& pass, MacroState& state, void (*store)(const PassResults
   passtables(results);
   averagecloses(results);
   store(results);
-  if (run.out.printvc != 0) {
+  if (run.out.printvc != VarianceFiles::none) {
     if (run.control.popavit <= 1) writegammafile(robustpopulationgammafile, results.est.gammahat, results.robust);
     writegammafile(populationgammafile, results.est.gammahat, pass.est.covariance());
   }
@@ -164,7 +164,7 @@ PassResults estimatenonlinear(const Analysis& analysis, void (*store)(const Pass
 }
 
 void listnonlinearfiles() {
-  if (run.out.printvc == 0) return;
+  if (run.out.printvc == VarianceFiles::none) return;
   const bool errors = run.control.fishertype != 0;
   const std::vector<std::string>& made = run.files.made;  // without those of an engine that has failed
   const bool laplace = std::find(made.begin(), made.end(), laplacetaufile) != made.end();

@@ -2,6 +2,7 @@
 // written.
 #pragma once
 
+#include "core/codes.h"
 #include "data/mdm.h"
 #include "data/resultfile.h"
 #include "report/residual/columns.h"

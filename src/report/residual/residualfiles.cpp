@@ -140,7 +140,7 @@ void writelevel1(Pass& pass, const WorkingFile& working, const RecordLayout& lay
 // The files of levels 2 and 3, in one sweep.
 void writeunitfiles(Pass& pass) {
   const bool want2 = run.out.resfil2, want3 = run.out.resfil3;
-  const double missing = missingmark(static_cast<ResidualForm>(run.out.resfiltype));
+  const double missing = missingmark(run.out.resfiltype);
   const int units2 = std::accumulate(pass.n2of.begin(), pass.n2of.end(), 0);
   const int mostunits2 = *std::max_element(pass.n2of.begin(), pass.n2of.end());
   RowWriter writer2, writer3;
