@@ -54,12 +54,13 @@ PassResults linearjob(const Analysis& analysis) {
       documentwarning(words);
     }
   if (ordinary) {
+    documentpass(results);
     passtables(results);
     if (!run.files.startvals.empty()) writestartvalues(results.est);
     if (run.out.printvc != VarianceFiles::none) variancefiles(results);
   }
   if (iterated) {
-    modelstatistics(results.loglik, ordinary ? 2 : 1);
+    modelstatistics(results);
   } else {
     reportline("No iterations were asked for, so there is no likelihood to report.");
   }

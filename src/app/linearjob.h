@@ -1,8 +1,8 @@
 // A linear run, from the MDM file to the last result file.
 #pragma once
 
+#include "core/results.h"
 #include "estimate/analysis.h"
-#include "report/passresults.h"
 
 namespace kdr {
 

@@ -8,6 +8,7 @@
 #include <string>
 #include <thread>
 
+#include "app/nonlinearjob.h"
 #include "core/formatted.h"
 #include "data/resultfile.h"
 #include "driver/failures.h"
@@ -285,8 +286,9 @@ Observer runobserver() {
     deletionnote();
     if (kind != PassKind::linear) markreport();
   };
-  observer.leastsquares = [](const LeastSquaresResults& results, const FixedDegrees& degrees) {
-    leastsquarestables(results, degrees);
+  observer.leastsquares = [](const LeastSquaresResults& results) {
+    documentleastsquares(results);
+    leastsquarestables(results);
   };
   observer.starting = tellstart;
   observer.iterationsbegin = tellbeginning;
@@ -313,6 +315,7 @@ Observer runobserver() {
   };
   observer.interrupted = interrupted;
   observer.confirmstop = askinterrupt;
+  observechain(observer);
   return observer;
 }
 

@@ -11,29 +11,36 @@
 #include <vector>
 
 #include "app/linearjob.h"
+#include "app/nonlinearjob.h"
 #include "app/options.h"
 #include "app/runobserver.h"
+#include "app/seriesrun.h"
 #include "command/commandfile.h"
 #include "command/complete.h"
 #include "command/constraints.h"
 #include "command/dialogue.h"
+#include "command/reader.h"
 #include "command/writer.h"
 #include "construct/construction.h"
 #include "construct/fileclashes.h"
 #include "construct/mdmdialogue.h"
+#include "construct/onefile.h"
+#include "construct/singleunits.h"
 #include "data/mdm.h"
 #include "data/scratch.h"
 #include "driver/failures.h"
 #include "driver/questions.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
+#include "driver/warnings.h"
 #include "estimate/linear/centering.h"
 #include "estimate/linear/weights.h"
-#include "estimate/quasi/categoryloop.h"
-#include "estimate/quasi/macroloop.h"
+#include "estimate/quasi/categories.h"
 #include "kernel/array.h"
 #include "report/averagedreport.h"
 #include "report/header.h"
+#include "report/latentreport.h"
+#include "report/passtables.h"
 #include "report/resultsdocument.h"
 #include "report/specification.h"
 #include "report/startvaluesfile.h"
@@ -42,7 +49,6 @@
 #include "report/variancefiles.h"
 #include "series/latentregression.h"
 #include "series/resultstore.h"
-#include "series/series.h"
 
 namespace kdr {
 
@@ -83,6 +89,7 @@ void holdstandardstreams() {
 
 [[noreturn]] void constructionjob() {
   mkmdm();
+  writekeys();
   printprocessed();
   fail(0);
 }
@@ -110,6 +117,26 @@ void choosekind() {
 // Every model run leaves this file behind, so nothing that the run reads or writes may bear its name.
 constexpr const char* newcommandfile = "newcmd.kdr";
 
+// What an output may write over although it could be read.
+InputKind ownkind(const std::string& output) {
+  if (output == newcommandfile) return InputKind::commandfile;
+  if (output == run.files.startvals) return InputKind::startingvalues;
+  for (const std::string* name : {&run.files.resfil1name, &run.files.resfil2name, &run.files.resfil3name})
+    if (output == *name) return InputKind::rawdata;
+  return InputKind::none;
+}
+
+// Whether the first line that is neither empty nor a comment has a keyword.
+bool begincommands(std::string_view text) {
+  while (!text.empty()) {
+    const std::string line(text.substr(0, text.find('\n')));
+    if (!line.empty() && line[0] != '#' && line[0] != ' ' && line[0] != '\r')
+      return line.find(':') != std::string::npos && findkeyword(line) != nullptr;
+    text.remove_prefix(std::min(text.size(), line.size() + 1));
+  }
+  return false;
+}
+
 // The files of the run, before one of them is opened for writing. A run of its own newcmd.kdr writes that file again.
 void checkfiles() {
   const RunFiles& files = run.files;
@@ -132,6 +159,10 @@ void checkfiles() {
   if (run.out.resfil3) outputs.push_back(files.resfil3name);
   if (run.out.graph) outputs.push_back(files.graphgammas);
   refuseclashes(inputs, outputs);
+  for (const std::string& path : outputs) {
+    refuseinput(path, ownkind(path));
+    refuseunwritable(path);
+  }
   refuseforeignresults();
 }
 
@@ -147,6 +178,7 @@ void readmodel() {
   if (run.files.sourcename.empty()) run.files.sourcename = run.files.mdmfile;
   if (!run.files.cmdfile.empty()) untilexists(run.files.cmdfile, "Batch");
   readmdm();
+  for (const std::string& words : singleunits()) warn(words);
   allocatemodel();
   readcommandfile();
   modelquestions();
@@ -174,6 +206,10 @@ void openresults() {
   setsymbols();
   makerowlabels();
   writeheader();
+  for (const std::string& words : run.warnings) {
+    reportwarning("WARNING: " + escaped(words));
+    documentwarning(words);
+  }
   writespecification();
   applyconstraints();
   run.model.coef.ngamma -= run.model.nconstrained;
@@ -189,11 +225,19 @@ PassResults estimate(const CategoryTable& table) {
   if (given) start = readstartvalues();
   const Observer observer = runobserver();
   const Analysis analysis = analysisofrun(observer, given ? &start : nullptr);
-  if (run.model.outcome.single()) return estimatenonlinear(analysis, storesubrun);
-  if (run.model.outcome.categorical()) return estimatecategories(analysis, table, storesubrun);
+  if (!run.model.outcome.linear()) return nonlinearjob(analysis, table);
   PassResults results = linearjob(analysis);
   storesubrun(results);
   return results;
+}
+
+// The regression that LVR-BETA: asks for, of a pass or of the averages, into the report.
+template <class Results>
+void latentvariables(const Results& results) {
+  if (!run.out.lvr) return;
+  const LatentModel model =
+      latentmodel(modelrows(run.model), {run.out.lvrroles.data(), run.out.lvrroles.size()}, run.mdm.nunits3);
+  latentreport(latentregression(model, results));
 }
 
 // Moves the model to the next plausible value and leaves it as the command file of the next pass; false when there is
@@ -230,6 +274,7 @@ void runjob(int argc, char** argv) {
   std::set_new_handler(outofmemory);
   stophooks.closescratch = scratchcloseall;
   stophooks.closeseries = closeseries;
+  iscommandtext = begincommands;
   installhandlers();
   startrun();
   const Options options = readoptions(argc, argv);
@@ -245,21 +290,22 @@ void runjob(int argc, char** argv) {
   }
   if (rawjob) constructionjob();
 
+  if (run.series.mimode && run.series.mifirst) refuseinput(storename);
   clearseries();
   do {
     readmodel();
     const CategoryTable table =
-        run.model.outcome.categorical() ? readcategories(analysisofrun(runobserver(), nullptr)) : CategoryTable{};
+        run.model.outcome.categorical() ? categoriesofrun(analysisofrun(runobserver(), nullptr)) : CategoryTable{};
     openresults();
     const PassResults results = estimate(table);
     if (run.model.outcome.single()) listnonlinearfiles();
-    latentvariableregression(results);
+    latentvariables(results);
     if (run.model.outcome.linear()) listlinearfiles(results);
     closereport();
     writeresults();
     const Pooled* averages = poolseries();
     if (averages == nullptr) continue;
-    latentvariableregression(*averages);
+    latentvariables(*averages);
     closereport();
     writeaveragedresults();
   } while (nextplausiblevalue());

@@ -12,6 +12,7 @@
 #include "construct/fileclashes.h"
 #include "construct/levelsource.h"
 #include "construct/readers/ascii.h"
+#include "construct/singleunits.h"
 #include "construct/template.h"
 #include "core/formatted.h"
 #include "data/resultfile.h"
@@ -491,6 +492,8 @@ void openmdm(Construction& build) {
   if (leadtoone(path, logname)) stopwith("The MDM file must not bear the name of the log, %s!\n", logname);
   if (leadtoone(path, templatecopy))
     stopwith("The MDM file must not bear the name of the template's copy, %s!\n", templatecopy);
+  refuseinput(path, InputKind::mdmfile);
+  refuseunwritable(path);
   openresult(build.mdm, path);
   run.mdm.stream = build.mdm.stream;
   std::setvbuf(build.mdm.stream, mdmpiece, _IOFBF, piecesize);
@@ -503,6 +506,7 @@ void sparerawfiles() {
       stopwith("The raw data file %s bears the name of the log. Please rename it.\n", source.filename.c_str());
   const bool copied = leadtoone(raw.templatename, templatecopy);
   refuseclashes({copied ? std::string() : raw.templatename}, {templatecopy, logname});
+  refuseinput(logname);
 }
 
 void takedimensions() {
@@ -515,6 +519,20 @@ void takedimensions() {
   mdm.nvar1 = raw.level[0].selected;
   mdm.nvar2 = raw.level[1].selected;
   mdm.nvar3 = raw.level[2].selected;
+}
+
+// Variables that count by codes which stand for something.
+void telllabels(int level) {
+  const LevelSource& source = raw.level[level];
+  std::string list;
+  for (const int row : source.chosen) {
+    const RawVariable& variable = source.vartable[static_cast<std::size_t>(row)];
+    if (variable.labels.empty()) continue;
+    list += (list.empty() ? "" : ", ") + shownname(variable);
+    if (variable.labels != "yes") list += " (" + variable.labels + ")";
+  }
+  if (!list.empty())
+    logboth("Level-%d variables with value labels, which count by their codes: %s.\n", level + 1, list.c_str());
 }
 
 void readfirstrecords(Construction& build) {
@@ -620,6 +638,7 @@ void mkmdm() {
   takedimensions();
   openmdm(build);
   openlog();
+  for (int level = 0; level < 3; ++level) telllabels(level);
   readlevel3(build);
   startmerge(build);
   readfirstrecords(build);
@@ -642,6 +661,10 @@ void mkmdm() {
   scratchclose(build.blocks);
   mdm.stream = nullptr;
   finishmdm(build.mdm);
+  mdm.numl1rec = mdm.nunits1;
+  mdm.numl2rec = mdm.nunits2;
+  mdm.numl3rec = mdm.nunits3;
+  for (const std::string& words : singleunits()) logboth("\n%s\n", words.c_str());
   signlog();
   closelog();
   if (extramessages() != 0) std::printf("\nThere are extra messages in KDR3MDM.STS.  Please examine this file.\n\n");

@@ -123,7 +123,7 @@ Name askname(int level, int variable) {
     // A template could not hold a name that begins like a comment or like the end of its block.
     const bool any = readanswer(prompt, line, Question::name) && line.find_first_not_of(' ') != std::string::npos;
     const bool usable = any && line[0] != '#' && line[0] != '*';
-    const Name name = paddedname(printable(line));
+    const Name name = paddedname(usablename(line));
     const Array<Name>& names = namesof(level);
     const bool taken =
         std::any_of(names.begin(), names.begin() + variable, [&](const Name& other) { return samename(other, name); });

@@ -9,6 +9,7 @@
 #include "construct/levelsource.h"
 #include "construct/readers/other.h"
 #include "core/constants.h"
+#include "core/formatted.h"
 #include "driver/failures.h"
 #include "driver/runrecord.h"
 
@@ -69,6 +70,20 @@ void namevariable(RawVariable& variable, std::string_view name, int width) {
   name.remove_prefix(std::min(name.find_first_not_of(blanks), name.size()));
   variable.fullname = name;
   variable.name = paddedname(name, width);
+}
+
+std::string usablename(const std::string& fullname) {
+  std::string name = printable(fullname);
+  for (char& c : name)
+    if (c == '+' || c == '=' || c == '/' || c == ',') c = '_';
+  return name;
+}
+
+void addlabel(std::string& labels, double value, std::string_view label) {
+  constexpr std::size_t most = 60;
+  if (labels.ends_with("...")) return;
+  labels += labels.empty() ? "" : ", ";
+  labels += labels.size() < most ? formatted("%.15g = ", value) + printable(label.substr(0, most)) : "...";
 }
 
 int findvariable(const LevelSource& source, std::string_view name) {
@@ -178,10 +193,23 @@ double numericid(double value, bool truncated) {
   return truncated ? std::trunc(value) : std::floor(value + 0.2);
 }
 
+void refusezeros(std::string_view text) {
+  if (text.find('\0') != text.npos) refuseid("An ID has a zero byte in it.\n");
+}
+
+std::string wholeid(std::string_view text) {
+  constexpr std::size_t longest = 1000;
+  text = text.substr(0, text.find_last_not_of(std::string_view(" \0", 2)) + 1);
+  text.remove_prefix(std::min(text.find_first_not_of(' '), text.size()));
+  refusezeros(text);
+  if (text.size() > longest) refuseid("An ID has more than 1000 characters.\n");
+  return std::string(text);
+}
+
 Name textid(std::string_view text) {
-  if (text.size() > longestid &&
-      text.find_first_not_of(std::string_view(" \0", 2), longestid) != std::string_view::npos)
-    refuseid("Your ID variable is longer than 12 characters.\n");
+  text = text.substr(0, text.find_last_not_of(std::string_view(" \0", 2)) + 1);
+  if (text.size() > longestid) refuseid("Your ID variable is longer than 12 characters.\n");
+  refusezeros(text);
   return paddedname(text, static_cast<int>(longestid));
 }
 

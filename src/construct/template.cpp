@@ -8,6 +8,7 @@
 #include <set>
 #include <string_view>
 
+#include "construct/fileclashes.h"
 #include "construct/levelsource.h"
 #include "construct/readers/ascii.h"
 #include "core/formatted.h"
@@ -15,6 +16,7 @@
 #include "data/scratch.h"
 #include "driver/failures.h"
 #include "driver/runrecord.h"
+#include "driver/textmark.h"
 
 namespace kdr {
 
@@ -46,7 +48,7 @@ bool nextline(TemplateText& text, std::string& line) {
   checkread(text.stream.get(), text.path);
   if (!read) return false;
   line = buffer;
-  if (text.number++ == 0 && line.starts_with("\xEF\xBB\xBF")) line.erase(0, 3);
+  if (text.number++ == 0) dropmark(line, text.path);
   if (!line.empty() && line.back() == '\n') {
     line.pop_back();
     if (!line.empty() && line.back() == '\r') line.pop_back();
@@ -217,7 +219,10 @@ void takeblock(TemplateText& text, int level) {
     if (charactersof(line) > longestname) stopwith("Variable name %s is too long!\n", line.c_str());
     if (++given == names.size())
       stopwith("There are more than %d level-%d variable names!\n", raw.level[level].numvar, level + 1);
-    names[given] = paddedname(printable(line));
+    names[given] = paddedname(usablename(line));
+    if (!samename(names[given], paddedname(printable(line))))
+      std::printf("Variable %s of the level-%d file has the name %s in the MDM file.\n", printable(line).c_str(),
+                  level + 1, leftname(names[given]).c_str());
   }
   if (given + 1 < names.size())
     stopwith("There are fewer than %d level-%d variable names!\n", raw.level[level].numvar, level + 1);
@@ -331,7 +336,7 @@ void takenames(int level) {
   startnames(level, source.chosen.size());
   for (std::size_t v = 0; v < source.chosen.size(); ++v) {
     const RawVariable& variable = source.vartable[static_cast<std::size_t>(source.chosen[v])];
-    Name& name = namesof(level)[v + 1] = paddedname(printable(shownname(variable)));
+    Name& name = namesof(level)[v + 1] = paddedname(usablename(shownname(variable)));
     if (!samename(name, paddedname(variable.fullname)))
       std::printf("Variable %s of the level-%d file has the name %s in the MDM file.\n",
                   printable(variable.fullname).c_str(), level + 1, leftname(name).c_str());
@@ -342,11 +347,12 @@ void takenames(int level) {
 bool istemplate(const std::string& path) {
   std::FILE* stream = std::fopen(path.c_str(), "r");
   if (stream == nullptr) stopwith("Unable to open %s\n", path.c_str());
-  char line[80] = "";
-  (void)std::fgets(line, sizeof line, stream);
+  char bytes[80];
+  std::string line(bytes, std::fread(bytes, 1, sizeof bytes, stream));
   checkread(stream, path);
   std::fclose(stream);
-  return beginswith(line, templatehead) || beginswith(line, (std::string("\xEF\xBB\xBF") + templatehead).c_str());
+  dropmark(line, path);
+  return beginswith(line, templatehead);
 }
 
 void readtemplate(const std::string& path) {
@@ -373,6 +379,7 @@ void writetemplate(bool samemissing) {
     if (samefile(source.filename, templatecopy))
       stopwith("The raw data file %s bears the name of the template's copy. Please rename it.\n",
                source.filename.c_str());
+  refuseinput(templatecopy, InputKind::mdmtemplate);
   ResultFile file;
   opentext(file, templatecopy);
   std::FILE* out = file.stream;

@@ -13,7 +13,7 @@ struct [[nodiscard]] Failure {
   std::string argument;                  // of the row's words
   std::string reportwords;               // for the report, before the row's words
   std::vector<std::string> reportlines;  // lines of the report behind these
-  std::string consolewords;              // for the console, with their new lines
+  std::string consolewords;              // for the console, with their new lines, before the row's words
   int systemerror = 0;                   // errno of the call that failed, 0: none
   [[nodiscard]] explicit operator bool() const { return row != 0; }
 };

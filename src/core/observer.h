@@ -15,8 +15,12 @@ namespace kdr {
 enum class PassKind;
 struct PassResults;
 struct LeastSquaresResults;
-struct FixedDegrees;
 struct HeterogeneousResults;
+struct ChainPass;
+struct MacroEvent;
+enum class Engine;
+struct EngineEvent;
+struct EngineStage;
 
 // An iteration of a stage is over.
 struct IterationEvent {
@@ -67,7 +71,7 @@ enum class RepairChoice { clear = 1, byhand = 2, automatic = 3, quit = 4 };
 struct Observer {
   // Progress.
   std::function<void(PassKind kind, int records)> dataread;  // the first data pass of a fit is over
-  std::function<void(const LeastSquaresResults& results, const FixedDegrees& degrees)> leastsquares;
+  std::function<void(const LeastSquaresResults& results)> leastsquares;
   std::function<void(const StartingEvent& event)> starting;
   std::function<void()> iterationsbegin;
   std::function<void()> stagebegins, stageends;
@@ -76,12 +80,20 @@ struct Observer {
   std::function<void(const SearchEvent& event)> searched;
   std::function<void(const HeterogeneousResults& results)> heterogeneous;
   std::function<void(const BadTau& bad)> badtau;
+  // A fit with another outcome, as a chain of passes (estimate/quasi).
   std::function<void(int macro)> macrobegins;
-  std::function<void(const std::string& sentence)> warning;
+  std::function<void(const ChainPass& pass)> passstands;   // a pass is over
+  std::function<void(int macro)> macrocreeps;              // from here on each pass searches for its maximum
+  std::function<void(const MacroEvent& event)> macroends;  // whether the macro iterations go on behind a pass
+  std::function<void(const ChainPass& pass)> phasecloses;  // the unit-specific phase is over, but for its engines
+  std::function<void(const ChainPass& pass)> enginesover;  // told when no engine is asked for, too
+  std::function<void(Engine engine, const EngineEvent& event)> engine;
+  std::function<void(const EngineStage& stage)> enginestands;  // an engine has ended
 
   // Questions.
   std::function<bool()> goon;                                         // at the limit of the iterations; empty: no
   std::function<void(int limit)> limitraised;                         // and the new limit
+  std::function<void(int limit)> macrolimitraised;                    // and that of the macro iterations
   std::function<void(const TauRepair& repair)> unusabletau;           // the first question about it follows
   std::function<RepairChoice(const TauRepair& repair)> chooserepair;  // empty: automatic
   std::function<void(const TauRepair& repair)> changetau;             // RepairChoice::byhand

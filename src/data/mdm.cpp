@@ -21,7 +21,6 @@ namespace {
 static_assert(std::endian::native == std::endian::little, "the file's numbers are copied as they stand in memory");
 static_assert(sizeof(MdmHeader) == 48 && sizeof(Name) == 13);
 
-constexpr char magic[] = {'M', 'X', 'K', 'D', 'R', '3'};
 constexpr double oldestversion = 5.309;  // at or below it a file has another layout
 constexpr double mdmtypesince = 6.295;   // above it the head has the field mdmtype
 constexpr int fnamelen = maxpath;
@@ -65,8 +64,8 @@ void take(void* destination, std::size_t bytes) {
 
 // Reads magic, version and counts. Returns the head's length.
 long long readhead(MdmHeader& head) {
-  char found[sizeof magic];
-  if (readmost(found, sizeof found) != sizeof found || std::memcmp(found, magic, sizeof magic) != 0) notmdm();
+  char found[mdmmagic.size()];
+  if (readmost(found, sizeof found) != sizeof found || std::string_view(found, sizeof found) != mdmmagic) notmdm();
   take(&head.version, sizeof head.version);
   const double version = head.version;
   if (!(version > oldestversion)) stopwith("Sorry, you will have to remake this ssm file.\n");
@@ -250,7 +249,7 @@ void writemdmtables(std::FILE* stream) {
                        static_cast<int>(mdm.mdmtype),
                        (mdm.numericids ? -1 : 1) * static_cast<int>(mdm.rawdattype),
                        mdm.maxnj};
-  const char nomagic[sizeof magic] = {};
+  const char nomagic[mdmmagic.size()] = {};
   writechk(nomagic, sizeof nomagic, stream);
   writechk(&head, sizeof head, stream);
   for (const Array<Name>* names : {&mdm.names1, &mdm.names2, &mdm.names3})
@@ -271,7 +270,7 @@ void writemdmtables(std::FILE* stream) {
 void finishmdm(ResultFile& file) {
   // Everything else must have reached the file before the magic makes it one.
   if (std::fflush(file.stream) != 0 || fseeko(file.stream, 0, SEEK_SET) != 0) fail(5);
-  writechk(magic, sizeof magic, file.stream);
+  writechk(mdmmagic.data(), mdmmagic.size(), file.stream);
   finishresult(file);
 }
 

@@ -7,12 +7,15 @@
 
 #include <cstddef>
 #include <cstdio>
+#include <string_view>
 
 #include "core/names.h"
 
 namespace kdr {
 
 struct ResultFile;
+
+inline constexpr std::string_view mdmmagic = "MXKDR3";  // the file's first bytes
 
 // An ID of a level-2 or level-3 unit. `run.mdm.numericids` tells which of the two holds it.
 struct Id {

@@ -6,6 +6,7 @@
 
 #include "core/codes.h"
 #include "core/names.h"
+#include "core/results.h"
 #include "kernel/array.h"
 
 namespace kdr {
@@ -34,6 +35,10 @@ struct MdmData {
   int ncol1 = 0, ncol2 = 0, ncol3 = 0;  // widths of the equation tables: nvarL + 1 (ordinal: with thresholds)
   int maxbeta = 0;                      // ncol2 * nvar1: level-2 coefficients that an equation set can have
 };
+
+[[nodiscard]] inline UnitCounts countsof(const MdmData& data) {
+  return {data.nunits1, data.nunits2, data.nunits3, data.numl1rec};
+}
 
 // Design weights, one entry per level-1 record, level-2 unit and level-3 unit in file order.
 struct DesignWeights {

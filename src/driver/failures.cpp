@@ -211,8 +211,8 @@ void tell(const Failure& failure) {
   report("%s", failure.reportwords.c_str());
   for (const std::string& line : failure.reportlines) reportline("%s", line.c_str());
   if (failure.row == abandoned) checksignals();
-  if (failure.row != ownwords) fail(failure.row, failure.argument.c_str());
   std::printf("%s", printablelines(failure.consolewords).c_str());
+  if (failure.row != ownwords) fail(failure.row, failure.argument.c_str());
   stoprun(ownwords);
 }
 

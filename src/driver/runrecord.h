@@ -3,6 +3,7 @@
 // Every field is zero, empty or false from program start unless a default stands beside it.
 #pragma once
 
+#include <cstdint>
 #include <cstdio>
 #include <ctime>
 #include <optional>
@@ -46,6 +47,13 @@ struct SeriesMode {
   int nsets = 0;            // listed plausible values; under mimode, data sets stored so far
 };
 
+// What tells a file that this run has made from one that took its place later.
+struct FileMark {
+  std::string name;
+  long long bytes = 0;
+  std::uint32_t crc = 0;  // CRC-32
+};
+
 // Paths, at most 259 characters each.
 struct RunFiles {
   std::string mdmfile;        // MDM file, read or to be written
@@ -63,6 +71,7 @@ struct RunFiles {
   std::FILE* nextcommands = nullptr;    // command file of the next plausible-value pass, without a name
   std::vector<std::string> unfinished;  // result files that are not complete; a stop removes them
   std::vector<std::string> made;        // result files of this pass that are complete, in order
+  std::vector<FileMark> marks;          // of its residual files and its graph data file
 };
 
 // What the run writes.
@@ -120,6 +129,7 @@ struct ReportStream {
 };
 
 struct RunRecord {
+  std::vector<std::string> warnings;  // sentences about the run as a whole (driver/warnings.h)
   RunIdentity id;
   SeriesMode series;
   RunFiles files;

@@ -152,7 +152,7 @@ void columnheads(TableKind kind) {
   reportrule(76);
 }
 
-void fixedrow(const Estimate& row, const char* style) {
+void fixedrow(const EffectTest& row, const char* style) {
   const char* mark = row.rough ? "#" : "";
   if (run.report.html) {
     numbercell(style, row.coefficient, 13, 6);
@@ -180,8 +180,9 @@ void fixedrow(const Estimate& row, const char* style) {
   }
 }
 
-void ratiorow(const Estimate& row, const char* style) {
-  const auto [ratio, interval] = ratioof(row);
+void ratiorow(const EffectTest& row, const char* style) {
+  const double ratio = row.ratio;
+  const Interval& interval = row.ratiointerval;
   if (run.report.html) {
     numbercell(style, row.coefficient, 13, 6);
     numbercell(style, ratio, 14, 6);
@@ -225,7 +226,7 @@ void ratioheads() {
 
 }  // namespace
 
-void fixedtable(const FixedEffects& effects, TableKind kind, PassKind pass) {
+void fixedtable(std::span<const EffectTest> effects, TableKind kind, PassKind pass) {
   const std::vector<int> openings = setopenings();
   reporthtml("<h4>");
   if (isestimates(kind)) reporttext("\f");
@@ -234,7 +235,7 @@ void fixedtable(const FixedEffects& effects, TableKind kind, PassKind pass) {
   columnheads(kind);
   bool anyrough = false;
   for (int g = 0; g < run.model.coef.ngamma; ++g) {
-    const Estimate row = estimateof(effects, isleastsquares(kind), g);
+    const EffectTest& row = effects[static_cast<std::size_t>(g)];
     rowlead(g, openings[static_cast<std::size_t>(g)], rowstyle(g));
     fixedrow(row, rowstyle(g));
     anyrough = anyrough || (row.tested && row.rough);
@@ -246,13 +247,13 @@ void fixedtable(const FixedEffects& effects, TableKind kind, PassKind pass) {
   reportbreak();
 }
 
-void ratiotable(const FixedEffects& effects, TableKind kind) {
+void ratiotable(std::span<const EffectTest> effects) {
   if (run.model.outcome.linear()) return;
   const std::vector<int> openings = setopenings();
   ratioheads();
   for (int g = 0; g < run.model.coef.ngamma; ++g) {
     rowlead(g, openings[static_cast<std::size_t>(g)], rowstyle(g));
-    ratiorow(estimateof(effects, isleastsquares(kind), g), rowstyle(g));
+    ratiorow(effects[static_cast<std::size_t>(g)], rowstyle(g));
   }
   reportrule(70);
   reporthtml("</tbody></table>\n");

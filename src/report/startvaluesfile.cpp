@@ -12,6 +12,7 @@
 #include "data/scratch.h"
 #include "driver/failures.h"
 #include "driver/runrecord.h"
+#include "driver/textmark.h"
 #include "kernel/sizes.h"
 #include "report/filecell.h"
 
@@ -32,9 +33,12 @@ bool readline(std::FILE* file, std::string& line) {
   return ended;
 }
 
+constexpr const char* firstmarker = "#SIGMA2";
+
 void expectmarker(std::FILE* file, const char* marker, const char* words) {
   std::string line;
   readline(file, line);
+  if (marker == firstmarker) dropmark(line, run.files.startvals);
   if (strncasecmp(line.c_str(), marker, std::strlen(marker)) != 0) stopwith("%s", words);
 }
 
@@ -73,7 +77,7 @@ Estimates readstartvalues() {
   est.taupi.reset(square(coef.ntaupi));
   est.taubeta.reset(square(coef.ntaubeta));
   std::FILE* file = openfile(run.files.startvals, "rt");
-  expectmarker(file, "#SIGMA2", "sigma2 value must be preceded with a line #SIGMA2\n");
+  expectmarker(file, firstmarker, "sigma2 value must be preceded with a line #SIGMA2\n");
   std::string line;
   readline(file, line);
   est.sigma2 = std::atof(line.c_str());

@@ -10,7 +10,6 @@
 #include "report/modelrows.h"
 #include "report/stream.h"
 #include "report/symbols.h"
-#include "report/teststatistics.h"
 
 namespace kdr {
 
@@ -104,14 +103,14 @@ void level3effect(int i, const std::string& category, double variance, const cha
 }
 
 // Degrees of freedom, chi-square and p-value, and the end of the row.
-void chisquare(Tau which, long long degrees, double chisq, const char* style) {
-  if (!variancetested(degrees, chisq)) {
+void chisquare(Tau which, const VarianceTest& test, const char* style) {
+  if (!test.known) {
     reporttext("  too few df to compute\n");
     reporthtml("<td align=left colspan=3 %s>too few df to compute</td></tr>\n", style);
     return;
   }
-  const int df = wholedegrees(degrees);
-  const auto [below, p] = chisquaretail(df, chisq);
+  const auto& [known, chisq, df, tail] = test;
+  const auto [below, p] = tail;
   if (!run.report.html) {
     report("%s%4d  %12.5f    ", which == Tau::pi ? "  " : "", df, chisq);
     if (below) {
@@ -168,22 +167,23 @@ void reliabilitytable(Tau which, int n, const double* values) {
   reporthtml("</tbody></table>\n");
 }
 
-void variancetable(Tau which, const VarianceRows& rows) {
-  const Categories categories = randomcategories(which, rows.n);
+void variancetable(Tau which, const Array<double>& tau, std::span<const VarianceTest> tests, double sigma2) {
+  const int n = static_cast<int>(tests.size());
+  const Categories categories = randomcategories(which, n);
   varianceheads(which);
-  for (int i = 0; i < rows.n; ++i) {
+  for (int i = 0; i < n; ++i) {
     // Of tau(pi) the row of the level-1 variance closes the table.
-    const char* style = which == Tau::beta && i + 1 == rows.n ? stylebottom : styleplain;
-    const double variance = std::max(0.0, rows.tau[i * rows.n + i]);
+    const char* style = which == Tau::beta && i + 1 == n ? stylebottom : styleplain;
+    const double variance = std::max(0.0, tau[i * n + i]);
     const std::string& category = categories[static_cast<std::size_t>(i)];
     if (which == Tau::pi) {
       level2effect(i, category, variance, style);
     } else {
       level3effect(i, category, variance, style);
     }
-    chisquare(which, rows.df[i], rows.chisq[i], style);
+    chisquare(which, tests[static_cast<std::size_t>(i)], style);
   }
-  if (which == Tau::pi && !run.model.restrictions.fixsigma2) level1effect(rows.sigma2);
+  if (which == Tau::pi && !run.model.restrictions.fixsigma2) level1effect(sigma2);
   reportrule(78);
   reporthtml("</tbody></table>\n");
 }

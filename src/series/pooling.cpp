@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 #include "core/constants.h"
+#include "estimate/inference/teststatistics.h"
 #include "kernel/sizes.h"
 
 namespace kdr {
@@ -67,7 +69,7 @@ int freedom(std::size_t M, double within, double between, int complete) {
 using Effects = SubrunEffects SubrunRecord::*;
 
 PooledCovariance poolcovariance(Records records, Effects effects, Array<double> SubrunEffects::*matrix, double sigma2,
-                                const Array<double>& gamma, std::span<const int> dfgamma) {
+                                const Array<double>& gamma, const PoolFrame& frame, const Model& model) {
   PooledCovariance pooled;
   const std::size_t g = gamma.size();
   Array<double> within = meanarray(
@@ -78,24 +80,25 @@ PooledCovariance poolcovariance(Records records, Effects effects, Array<double> 
   pooled.known = true;
   pooled.covariance.reset(g * g);
   for (std::size_t i = 0; i < g * g; ++i) pooled.covariance[i] = within[i] + spread[i];
-  pooled.variance.reset(g);
-  pooled.df.reset(g);
+  FixedDegrees degrees = frame.degrees.copy();
   for (std::size_t i = 0; i < g; ++i) {
     const std::size_t ii = i * (g + 1);
-    pooled.variance[i] = pooled.covariance[ii];
-    pooled.df[i] = freedom(records.size(), within[ii], spread[ii], dfgamma[i]);
+    degrees.df[i] = freedom(records.size(), within[ii], spread[ii], degrees.df[i]);
   }
+  pooled.effects = effecttable(gamma, pooled.covariance, degrees);
+  addhypotheses(pooled.effects, model, gamma, pooled.covariance);
   return pooled;
 }
 
-PooledEffects pooleffects(Records records, Effects effects, double sigma2, std::span<const int> dfgamma) {
+PooledEffects pooleffects(Records records, Effects effects, double sigma2, const PoolFrame& frame, const Model& model) {
   PooledEffects pooled;
   pooled.gamma = meanarray(
       records, [&](const SubrunRecord& r) -> auto& { return (r.*effects).gammahat; });
-  pooled.model = poolcovariance(records, effects, &SubrunEffects::vgamma, sigma2, pooled.gamma, dfgamma);
+  pooled.model = poolcovariance(records, effects, &SubrunEffects::vgamma, sigma2, pooled.gamma, frame, model);
   const bool robust = std::none_of(records.begin(), records.end(),
                                    [&](const SubrunRecord& r) { return (r.*effects).robust[0] == missingcode; });
-  if (robust) pooled.robust = poolcovariance(records, effects, &SubrunEffects::robust, sigma2, pooled.gamma, dfgamma);
+  if (robust)
+    pooled.robust = poolcovariance(records, effects, &SubrunEffects::robust, sigma2, pooled.gamma, frame, model);
   return pooled;
 }
 
@@ -116,17 +119,6 @@ TauOrder tauorder(const SubrunShape& shape) {
   return order;
 }
 
-// The standard errors of an n by n tau, whose elements begin at `first` of the covariance.
-Array<double> errormatrix(const Array<double>& covariance, std::size_t order, std::size_t first, int n) {
-  Array<double> errors(square(n));
-  for (int i = 0; i < n; ++i)
-    for (int j = 0; j <= i; ++j, ++first) {
-      const double variance = covariance[first * (order + 1)];
-      errors[i * n + j] = errors[j * n + i] = variance >= 0.0 ? std::sqrt(variance) : missingcode;
-    }
-  return errors;
-}
-
 // Covariance and standard errors of the pooled sigma2 and tau elements.
 void poolerrors(const SubrunShape& shape, Records records, Pooled& pooled) {
   const TauOrder order = tauorder(shape);
@@ -140,8 +132,8 @@ void poolerrors(const SubrunShape& shape, Records records, Pooled& pooled) {
       records, [](const SubrunRecord& r) -> auto& { return r.taucovariance; });
   addbetween(pooled.taucovariance, records, tbar,
              [&](const SubrunRecord& r, std::size_t i) { return element(r.taupi, r.taubeta, i); });
-  pooled.taupierrors = errormatrix(pooled.taucovariance, n, 0, shape.q);
-  pooled.taubetaerrors = errormatrix(pooled.taucovariance, n, order.firstbeta, shape.r);
+  pooled.taupierrors = standarderrors(pooled.taucovariance, shape.tauorder(), 0, shape.q);
+  pooled.taubetaerrors = standarderrors(pooled.taucovariance, shape.tauorder(), order.firstbeta, shape.r);
 
   double squares = 0.0;
   for (const SubrunRecord& record : records)
@@ -151,10 +143,42 @@ void poolerrors(const SubrunShape& shape, Records records, Pooled& pooled) {
   pooled.errorsknown = true;
 }
 
+VarianceTests pooltests(Records records, const PoolFrame& frame) {
+  VarianceTests tests;
+  tests.units2 = wholemean(records, [](const SubrunRecord& r) { return r.testunits2; });
+  tests.units3 = wholemean(records, [](const SubrunRecord& r) { return r.testunits3; });
+  const Array<double> chisq2 = meanarray(
+      records, [](const SubrunRecord& r) -> auto& { return r.chisq2; });
+  const Array<double> chisq3 = meanarray(
+      records, [](const SubrunRecord& r) -> auto& { return r.chisq3; });
+  for (std::size_t i = 0; i < chisq2.size(); ++i)
+    tests.level2.push_back(variancetest(
+        tests.units2 - static_cast<long long>(frame.nterms2[i]) * tests.units3 - frame.nfixedterms2[i], chisq2[i]));
+  for (std::size_t i = 0; i < chisq3.size(); ++i)
+    tests.level3.push_back(variancetest(tests.units3 - frame.nterms3[i], chisq3[i]));
+  return tests;
+}
+
 }  // namespace
 
-Pooled pool(const SubrunShape& shape, std::span<const SubrunRecord> records, std::span<const int> dfgamma) {
+PoolFrame poolframe(const ModelRows& rows, const SubrunShape& shape, FixedDegrees degrees) {
+  PoolFrame frame{std::move(degrees), Array<int>(at(shape.q)), Array<int>(at(shape.q)), Array<int>(at(shape.r))};
+  std::size_t nextpi = 0, nextbeta = 0;
+  for (const CoefficientRow& coefficient : rows.coefficients) {
+    for (int t = coefficient.firstterm; t < coefficient.firstterm + coefficient.nterms; ++t) {
+      const TermRow& term = rows.terms[at(t)];
+      if (term.random) frame.nterms3[nextbeta++] = term.neffects;
+      if (coefficient.random) ++(term.random ? frame.nterms2 : frame.nfixedterms2)[nextpi];
+    }
+    nextpi += coefficient.random ? 1 : 0;
+  }
+  return frame;
+}
+
+Pooled pool(const SubrunShape& shape, std::span<const SubrunRecord> records, const PoolFrame& frame,
+            const Model& model) {
   Pooled pooled;
+  pooled.sigma2fixed = shape.sigma2fixed;
   pooled.M = static_cast<int>(records.size());
   pooled.sigma2 = meanof(records, [](const SubrunRecord& r) { return r.sigma2; });
   pooled.taupi = meanarray(
@@ -166,12 +190,7 @@ Pooled pool(const SubrunShape& shape, std::span<const SubrunRecord> records, std
   pooled.reliability3 = meanarray(
       records, [](const SubrunRecord& r) -> auto& { return r.reliability3; });
   pooled.units3 = wholemean(records, [](const SubrunRecord& r) { return r.units3; });
-  pooled.testunits2 = wholemean(records, [](const SubrunRecord& r) { return r.testunits2; });
-  pooled.testunits3 = wholemean(records, [](const SubrunRecord& r) { return r.testunits3; });
-  pooled.chisq2 = meanarray(
-      records, [](const SubrunRecord& r) -> auto& { return r.chisq2; });
-  pooled.chisq3 = meanarray(
-      records, [](const SubrunRecord& r) -> auto& { return r.chisq3; });
+  pooled.tests = pooltests(records, frame);
   if (shape.fisher) {
     // Where sigma^2 is held it has no variance; then an information that could not be inverted leaves no variance at
     // all.
@@ -182,8 +201,9 @@ Pooled pool(const SubrunShape& shape, std::span<const SubrunRecord> records, std
     }));
     if (pooled.zerovar == 0) poolerrors(shape, records, pooled);
   }
-  pooled.effects = pooleffects(records, &SubrunRecord::effects, pooled.sigma2, dfgamma);
-  if (shape.popaverage) pooled.popaverage = pooleffects(records, &SubrunRecord::popaverage, pooled.sigma2, dfgamma);
+  pooled.effects = pooleffects(records, &SubrunRecord::effects, pooled.sigma2, frame, model);
+  if (shape.popaverage)
+    pooled.popaverage = pooleffects(records, &SubrunRecord::popaverage, pooled.sigma2, frame, model);
   return pooled;
 }
 

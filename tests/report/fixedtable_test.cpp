@@ -8,6 +8,8 @@
 #include <sstream>
 
 #include "driver/runrecord.h"
+#include "estimate/inference/modelstatistics.h"
+#include "estimate/inference/teststatistics.h"
 #include "report/hypotheses.h"
 #include "report/modelstatistics.h"
 #include "reportfixture.h"
@@ -21,15 +23,13 @@ void fivegammas() {
   setmodel({{0, true, {{0, {0, 1}}, {1, {0}, false}}}, {2, true, {{0, {0}}}}, {3, false, {{0, {0}, false}}}});
 }
 
-FixedDegrees degreesare(const std::vector<int>& df, const std::vector<int>& rough) {
-  FixedDegrees degrees;
-  degrees.df.reset(df.size());
-  degrees.rough.reset(df.size());
-  for (std::size_t i = 0; i < df.size(); ++i) {
-    degrees.df[i] = df[i];
-    degrees.rough[i] = static_cast<char>(rough[i]);
-  }
-  return degrees;
+// The fixed effects of `gamma` with these variances.
+std::vector<EffectTest> effectsof(const std::vector<double>& gamma, const std::vector<double>& variance,
+                                  const std::vector<int>& df, const std::vector<int>& rough) {
+  std::vector<EffectTest> rows;
+  for (std::size_t g = 0; g < gamma.size(); ++g)
+    rows.push_back(effecttest(gamma[g], variance[g], df[g], rough[g] != 0));
+  return rows;
 }
 
 // Textbook points of t: 2.228 and 3.169 at 10 degrees of freedom are 5% and 1%. Every standard error is 1, so that
@@ -37,12 +37,10 @@ FixedDegrees degreesare(const std::vector<int>& df, const std::vector<int>& roug
 // isn't a number.
 TEST(FixedTable, TextRowsWithEveryKindOfEnding) {
   fivegammas();
-  const FixedDegrees degrees = degreesare({10, 10, 1, 500, 10}, {0, 1, 0, 0, 1});
-  const Array<double> gamma = arrayof({2.228, -3.169, 7.0, 1.0, 1.0});
-  const Array<double> variance = arrayof({1, 1, 1, 0, std::numeric_limits<double>::quiet_NaN()});
-  const std::string text = capturedtable(false, [&] {
-    fixedtable({gamma, variance, degrees}, TableKind::estimates, PassKind::linear);
-  });
+  const std::vector<EffectTest> effects =
+      effectsof({2.228, -3.169, 7.0, 1.0, 1.0}, {1, 1, 1, 0, std::numeric_limits<double>::quiet_NaN()},
+                {10, 10, 1, 500, 10}, {0, 1, 0, 0, 1});
+  const std::string text = capturedtable(false, [&] { fixedtable(effects, TableKind::estimates, PassKind::linear); });
   EXPECT_EQ(text,
             "\f The outcome variable is     MATH\n\n"
             " Final estimation of fixed effects:\n"
@@ -70,22 +68,18 @@ TEST(FixedTable, TextRowsWithEveryKindOfEnding) {
 TEST(FixedTable, HtmlEscapesNames) {
   startmodel({"A<B&C"}, {}, {});
   setmodel({{0, true, {{0, {0}}}}});
-  const FixedDegrees degrees = degreesare({40}, {1});
-  const Array<double> gamma = arrayof({10}), variance = arrayof({1});
-  const std::string html = capturedtable(true, [&] {
-    fixedtable({gamma, variance, degrees}, TableKind::laplace, PassKind::pql);
-  });
+  const std::string html =
+      capturedtable(true, [&] { fixedtable(effectsof({10}, {1}, {40}, {1}), TableKind::laplace, PassKind::pql); });
   EXPECT_NE(html.find("<h4> The outcome variable is    A&lt;B&amp;C\n"), std::string::npos) << html;
   EXPECT_NE(html.find(">&lt;0.001#</td>\n</tr></tbody></table>\n"), std::string::npos) << html;
 }
 
 TEST(RatioTable, WritesIntervalsInANonlinearRunOnly) {
   fivegammas();
-  const FixedDegrees degrees = degreesare({10, 1, 10, 10, 10}, {0, 0, 0, 0, 0});
   // The 5% point of t with 10 degrees of freedom is 2.2281, taken as 2.229: exp(2.229) is 9.2906.
-  const Array<double> gamma = arrayof({0.0, 0.0, std::log(2.0), 1000.0, 0.0});
-  const Array<double> variance = arrayof({1, 1, 1, 1, 1});
-  const auto write = [&] { ratiotable({gamma, variance, degrees}, TableKind::estimates); };
+  const auto effects =
+      effectsof({0.0, 0.0, std::log(2.0), 1000.0, 0.0}, {1, 1, 1, 1, 1}, {10, 1, 10, 10, 10}, {0, 0, 0, 0, 0});
+  const auto write = [&] { ratiotable(effects); };
   EXPECT_EQ(capturedtable(false, write), "");
   run.model.outcome.family = Family::poisson;
   const std::string text = capturedtable(false, write);
@@ -97,6 +91,13 @@ TEST(RatioTable, WritesIntervalsInANonlinearRunOnly) {
       << text;
   EXPECT_NE(text.find("      INTRCPT3, G100     1000.000000             NC    Unable to compute\n"), std::string::npos);
   EXPECT_EQ(text.find("inf"), std::string::npos);
+}
+
+EffectTable tested(const Array<double>& gamma, const Array<double>& covariance) {
+  const FixedDegrees degrees{Array<int>(gamma.size()), Array<char>(gamma.size())};
+  EffectTable table = effecttable(gamma, covariance, degrees);
+  addhypotheses(table, run.model, gamma, covariance);
+  return table;
 }
 
 // Two hypotheses over 3 gammas. The first, of rows (0 1 0) and (0 2 0), depends on itself; the second, (1 -1 0) with
@@ -111,10 +112,10 @@ TEST(HypothesisTest, GoesOnBehindDependentContrasts) {
   run.model.hypothesisrows[1] = 1;
   run.model.contrasts.reset(9);
   for (std::size_t i = 0; i < 9; ++i) run.model.contrasts[i] = rows[i];
-  const double gamma[3] = {4, 2, 9};
-  const double V[12] = {3, 0, 0, 0, 0, 1, 0, 0, 0, 0, 5, 0};  // rows of 4
+  run.model.nhypotheses = true;
+  const Array<double> gamma = arrayof({4, 2, 9}), V = arrayof({3, 0, 0, 0, 1, 0, 0, 0, 5});
   const std::string rule = ruleof(77);
-  const std::string text = capturedtable(false, [&] { hypothesistest(3, gamma, V, 4); });
+  const std::string text = capturedtable(false, [&] { hypothesistests(tested(gamma, V)); });
   EXPECT_EQ(text, "\f                Results of General Linear Hypothesis Testing\n" + rule +
                       "                            Coefficients      Contrast\n" + rule +
                       " For       INTRCPT1, P0\n"
@@ -145,8 +146,8 @@ TEST(HypothesisTest, RefusesMoreContrastsThanGammas) {
   setmodel({{0, true, {{0, {0}}}}});
   run.model.hypothesisrows[0] = 2;
   run.model.contrasts.reset(2);
-  const double gamma = 1, V = 1;
-  EXPECT_EQ(capturedtable(false, [&] { hypothesistest(1, &gamma, &V, 1); }),
+  run.model.nhypotheses = true;
+  EXPECT_EQ(capturedtable(false, [&] { hypothesistests(tested(arrayof({1}), arrayof({1}))); }),
             "Sorry, but the number of contrasts cannot exceed the number of gammas.\n");
 }
 
@@ -169,7 +170,12 @@ TEST(ModelStatistics, ParametersAndTheAlternative) {
     run.out.deviance = c.deviance;
     run.out.df = c.parameters;
     run.model.restrictions.fixsigma2 = c.fixsigma2;
-    const std::string text = captured(false, [&] { modelstatistics(-500.0, c.phase); });
+    PassResults results;
+    results.loglik = -500.0;
+    results.heterogeneous = c.phase == 1;
+    results.est.gammahat.reset(5);
+    complete(results, run.model, countsof(run.mdm));
+    const std::string text = captured(false, [&] { modelstatistics(results); });
     std::string words;
     for (const char* name :
          {"Number of estimated parameters =", "Degrees of freedom     =", "P-value                ="})

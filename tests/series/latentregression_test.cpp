@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+
 #include "core/constants.h"
 
 namespace kdr {
@@ -37,6 +39,10 @@ TEST(LatentRegression, WhatCannotBeComputed) {
   const LatentRegression without = unknown.regress();
   EXPECT_TRUE(without.computable);
   for (const Array<double>* V : {&without.Vb, &without.Vadj, &without.Vdiff}) EXPECT_EQ((*V)[0], missingcode);
+  EXPECT_TRUE(std::isnan(without.slopes[0].error) && std::isnan(without.adjusted[0].p));
+  Example few;  // level-3 units: as many as coefficients
+  few.model.nunits3 = 4;
+  EXPECT_TRUE(std::isnan(few.regress().adjusted[0].p) && few.regress().adjusted[0].error > 0.0);
 
   Example flat;  // a predictor without variance
   for (std::size_t i = 0; i < 3; ++i) flat.taubeta[3 * i + 2] = flat.taubeta[6 + i] = 0.0;

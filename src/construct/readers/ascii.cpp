@@ -161,6 +161,7 @@ int takeid(AsciiLevel& ascii, RecordInHand& record, const FormatItem& item) {
   lookforletters(ascii, record, bytes, width);
   passbytes(record, bytes, width);
   Id* id = record.openids == record.idfields ? record.id3 : record.id2;
+  if (std::memchr(bytes, '\0', width) != nullptr) refusezeros({bytes, width});
   id->text = paddedname(std::string_view(bytes, width), maxidwidth);
   --record.openids;
   --record.wanted;

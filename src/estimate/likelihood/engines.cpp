@@ -1,21 +1,17 @@
 #include "estimate/likelihood/engines.h"
 
-#include <cmath>
-#include <cstdio>
+#include <algorithm>
+#include <utility>
 
-#include "driver/failures.h"
-#include "driver/reportstream.h"
+#include "estimate/inference/modelstatistics.h"
 #include "estimate/laplace/laplace.h"
 #include "estimate/likelihood/recordbatches.h"
+#include "estimate/likelihood/unconditional.h"
 #include "estimate/linear/iteration.h"
 #include "estimate/quadrature/quadrature.h"
 #include "kernel/matrix.h"
 #include "kernel/products.h"
 #include "kernel/sizes.h"
-#include "report/enginetables.h"
-#include "report/modelstatistics.h"
-#include "report/resultsdocument.h"
-#include "report/variancefiles.h"
 
 namespace kdr {
 
@@ -25,68 +21,51 @@ Parameters currentparameters(const Pass& pass) {
   return {pass.p, pass.b, pass.g, pass.est.taupi.copy(), pass.est.taubeta.copy(), pass.est.gammahat.copy()};
 }
 
-// What both engines hand back in the same way; `before` are the results of the last pass.
-PassResults startresults(PassKind kind, const Parameters& estimates, const PassResults& before) {
+EngineData enginedata(const Pass& pass, RecordSource source) {
+  return {pass.model().outcome.family, &pass.design,           pass.npi,         pass.nbeta,
+          pass.mdm().nunits3,          at(pass.mdm().nunits2), at(pass.nunits1), source};
+}
+
+EngineSettings enginesettings(const Pass& pass, Engine engine, int iterations) {
+  const Observer& observer = pass.observer();
+  return {iterations, pass.analysis->threads, [&observer] { return observer.stops(); },
+          [&observer, engine](const EngineEvent& event) { tellobserver(observer.engine, engine, event); }};
+}
+
+// `before` are the results of the last pass.
+PassResults resultsof(const Pass& pass, PassKind kind, const EngineResult& fit, const PassResults& before) {
   PassResults results;
   results.kind = kind;
   results.macro = before.macro;
-  results.est.taupi = estimates.taupi.copy();
-  results.est.taubeta = estimates.taubeta.copy();
-  results.est.gammahat = estimates.gamma.copy();
-  results.degrees = {before.degrees.df.copy(), before.degrees.rough.copy()};
+  results.est.taupi = fit.estimates.taupi.copy();
+  results.est.taubeta = fit.estimates.taubeta.copy();
+  results.est.gammahat = fit.estimates.gamma.copy();
+  results.degrees = before.degrees.copy();
+  results.iteration = fit.iteration;
+  results.loglik = fit.loglik;
   results.errors.asked = true;
-  results.errors.order = static_cast<int>(estimates.ntaupi() + estimates.ntaubeta());
-  return results;
-}
-
-PassResults resultsof(const LaplaceResult& laplace, const PassResults& before) {
-  PassResults results = startresults(PassKind::laplace6, laplace.estimates, before);
-  results.iteration = laplace.iteration;
-  results.loglik = laplace.loglik;
-  if (laplace.end == LaplaceEnd::noiterations) {
+  if (fit.end == EngineEnd::noiterations) {
     // The estimates are those of the pass, and so are their covariances.
     results.errors.order = before.errors.order;
     results.errors.covariance = before.errors.covariance.copy();
     results.covariance = before.covariance.copy();
+    complete(results, pass.model(), countsof(pass));
     return results;
   }
-  // The printed likelihood is lower than the marginal one by this constant.
-  results.marginal = laplace.loglik + 0.5 * run.mdm.nunits1 * std::log(2.0 * M_PI);
-  if (!laplace.converged) {
-    results.ending = Ending::limit;
-    results.warnings.emplace_back("WARNING: the iterations of Laplace-6 ended before they had converged.");
-  }
+  if (!fit.converged) results.ending = Ending::limit;
+  results.marginal = fit.marginal;
+  results.errors.order = static_cast<int>(fit.estimates.ntaupi() + fit.estimates.ntaubeta());
   results.errors.known = true;
-  results.errors.taupi = laplace.setaupi.copy();
-  results.errors.taubeta = laplace.setaubeta.copy();
-  results.errors.covariance = laplace.taucovariance.copy();
-  results.covariance = laplace.vgamma.copy();
-  results.reliabilities = {laplace.rel2.copy(), laplace.rel3.copy(), laplace.nrel2, laplace.nrel3};
+  if (fit.completepi) results.errors.taupi = fit.setaupi.copy();
+  if (fit.completebeta) results.errors.taubeta = fit.setaubeta.copy();
+  results.errors.covariance = fit.taucovariance.copy();
+  results.covariance = fit.vgamma.copy();
+  results.warnings = fit.warnings;
+  complete(results, pass.model(), countsof(pass));
   return results;
 }
 
-PassResults resultsof(const QuadratureResult& quadrature, const PassResults& before) {
-  PassResults results = startresults(PassKind::quadrature, quadrature.parameters, before);
-  results.iteration = quadrature.iteration;
-  results.loglik = quadrature.loglikelihood;
-  results.marginal = quadrature.marginal;
-  if (!quadrature.converged) results.ending = Ending::limit;
-  results.errors.known = true;
-  if (quadrature.taupiseusable) results.errors.taupi = quadrature.taupise.copy();
-  if (quadrature.taubetaseusable) results.errors.taubeta = quadrature.taubetase.copy();
-  results.errors.covariance = quadrature.vtau.copy();
-  results.covariance = quadrature.vgamma.copy();
-  results.warnings = quadrature.warnings;
-  return results;
-}
-
-// Says on the console that an engine stopped at its limit or from the keyboard.
-void tellunconverged(const char* engine, const PassResults& results) {
-  if (results.ending == Ending::converged) return;
-  notconverged(std::string("The iterations of ") + engine + " were stopped prior to convergence.\n");
-}
-
-// The estimates of an engine become those of the run, without a covariance where the engine has none.
+// The estimates of an engine become those of the pass, without a covariance where the engine has none.
 void takeestimates(Pass& pass, const PassResults& results) {
   pass.est.taupi = results.est.taupi.copy();
   pass.est.taubeta = results.est.taubeta.copy();
@@ -96,14 +75,8 @@ void takeestimates(Pass& pass, const PassResults& results) {
   for (double& v : pass.est.vgamma) v /= pass.est.sigma2;
 }
 
-void variancefiles(const char* taus, const char* gammas, const PassResults& results) {
-  if (run.out.printvc == VarianceFiles::none) return;
-  writetaufile(taus, results.est, results.errors, false);
-  writegammafile(gammas, results.est.gammahat, results.covariance);
-}
-
 Array<double> posteriormeans2(Pass& pass) {
-  Array<double> u(at(run.mdm.nunits2) * at(pass.p));
+  Array<double> u(at(pass.mdm().nunits2) * at(pass.p));
   sweepunits(
       pass.n2of, [](int) {},
       [&](int, std::size_t j, const double* hot) {
@@ -113,56 +86,42 @@ Array<double> posteriormeans2(Pass& pass) {
   return u;
 }
 
-void laplace(Pass& pass, MacroState& state, const PassResults& before) {
+// The modes and the curvature of the last walk are what quadrature starts from.
+void takemodes(Pass& pass, const LaplaceResult& result) {
+  if (result.u.empty()) return;
+  pass.vstar.cells = result.v.copy();
+  sweepunits(
+      pass.n2of, [](int) {},
+      [&](int, std::size_t j, double* hot) {
+        std::copy_n(result.u.data() + j * at(pass.p), pass.p, hot + pass.store.atustar);
+      },
+      [](int) {}, changing(pass.store.hot));
+}
+
+// `stopped`: the user has ended the iterations before.
+Failure laplace(Pass& pass, MacroState& state, const PassResults& before, bool& stopped) {
   RecordBatches batches;
-  LaplaceData data;
-  data.design = &pass.design;
-  data.npi = pass.npi;
-  data.nbeta = pass.nbeta;
-  data.units3 = run.mdm.nunits3;
-  data.units2 = at(run.mdm.nunits2);
-  data.records = at(run.mdm.nunits1);
-  data.source = recordbatches(batches, pass, state);
+  const EngineData data = enginedata(pass, recordbatches(batches, pass, state));
   LaplaceSettings settings;
-  settings.stopmacro = run.control.stopmacro;
-  settings.laplaceit = run.control.laplaceit;
-  settings.threads = pass.analysis->threads;
-  settings.stopasked = [&] { return pass.observer().stops(); };
-  holdinterrupts();
+  settings.engine = enginesettings(pass, Engine::laplace6, stopped ? 0 : pass.control().laplaceit);
+  settings.stopmacro = pass.control().stopmacro;
   const LaplaceResult result =
       runlaplace(data, settings, currentparameters(pass), posteriormeans2(pass), pass.vstar.cells, before.loglik);
-  releaseinterrupts();
-  if (result.end == LaplaceEnd::failed) {
-    laplacefailed();
-    documentwarning("Fisher scoring is unable to compute a Laplace-6 estimate within the parameter space.");
-    notconverged("Unable to produce Laplace results.\n");
-    markreport();
-    return;
+  if (batches.failure) return std::move(batches.failure);
+  const EngineResult& fit = result.fit;
+  stopped = stopped || fit.stopped;
+  PassResults results = resultsof(pass, PassKind::laplace6, fit, before);
+  const bool usable = fit.end != EngineEnd::failed;
+  if (fit.end == EngineEnd::estimated)
+    results.reliabilities = {result.rel2.copy(), result.rel3.copy(), result.nrel2, result.nrel3};
+  if (usable) {
+    takeestimates(pass, results);
+    takemodes(pass, result);
+    state.laplacegamma = pass.est.gammahat.copy();
   }
-  const PassResults results = resultsof(result, before);
-  tellunconverged("Laplace-6", results);
-  takeestimates(pass, results);
-  // The modes and the curvature of the last walk are what quadrature starts from.
-  if (!result.u.empty()) {
-    pass.vstar.cells = result.v.copy();
-    sweepunits(
-        pass.n2of, [](int) {},
-        [&](int, std::size_t j, double* hot) {
-          std::copy_n(result.u.data() + j * at(pass.p), pass.p, hot + pass.store.atustar);
-        },
-        [](int) {}, changing(pass.store.hot));
-  }
-  const bool estimated = result.end == LaplaceEnd::estimated;
-  if (estimated) {
-    laplacetables(results, !result.finalcall);
-  } else {
-    reportline("Laplace-6 has made no iteration: the likelihood is that of quasi-likelihood.");
-  }
-  modelstatistics(result.loglik, 2);
-  markreport();
-  state.laplacegamma = pass.est.gammahat.copy();
-  if (estimated) std::printf("The marginal log-likelihood = %E\n", results.marginal);
-  variancefiles(laplacetaufile, laplacegammafile, results);
+  tellobserver(pass.observer().enginestands, EngineStage{Engine::laplace6, fit, results, result.finalcall, usable, {}});
+  if (usable) state.laplace6 = std::move(results);
+  return {};
 }
 
 Adaptation startingadaptation(Pass& pass) {
@@ -172,15 +131,16 @@ Adaptation startingadaptation(Pass& pass) {
   adaptation.C3 = pass.dinv.cells.copy();
   for (double& c : adaptation.C3) c *= pass.est.sigma2;
   adaptation.ustar = posteriormeans2(pass);
-  adaptation.P.reset(at(run.mdm.nunits2) * square(q));
-  Array<double> C2(square(q));
+  adaptation.P.reset(at(pass.mdm().nunits2) * square(q));
+  Array<double> C2(square(q)), Q(at(r) * at(q)), room(at(r) * at(q));
   sweepunits(
       pass.n2of, [](int) {},
       [&](int k, std::size_t j, const double* hot) {
         unpack(q, hot + pass.store.atCinv, C2.data());
         for (double& c : C2) c *= pass.est.sigma2;
-        unconditionalcovariance(q, r, C2.data(), hot + pass.store.atBZ1, adaptation.C3.data() + at(k) * square(r),
-                                adaptation.P.data() + j * square(q));
+        mulAB(Q.data(), hot + pass.store.atBZ1, C2.data(), r, q, q);
+        addunconditional(adaptation.P.data() + j * square(q), q, r, C2.data(), Q.data(),
+                         adaptation.C3.data() + at(k) * square(r), room.data());
       },
       [](int) {}, reading(pass.store.hot));
   return adaptation;
@@ -188,85 +148,47 @@ Adaptation startingadaptation(Pass& pass) {
 
 // Standard errors of the fixed effects that fall short of those of quasi-likelihood by a tenth come from integrals with
 // too few points: their information counts what the integration misses.
-bool shorterrors(const QuadratureResult& result, const PassResults& before, int g) {
+bool shorterrors(const EngineResult& fit, const PassResults& before, int g) {
   constexpr double share = 0.8;
   for (int i = 0; i < g; ++i)
-    if (result.vgamma[i * (g + 1)] < share * before.covariance[i * (g + 1)]) return true;
+    if (fit.vgamma[i * (g + 1)] < share * before.covariance[i * (g + 1)]) return true;
   return false;
 }
 
-void quadrature(Pass& pass, MacroState& state, const PassResults& before) {
-  std::printf("\n");
+Failure quadrature(Pass& pass, MacroState& state, const PassResults& before, bool stopped) {
   RecordBatches batches;
-  RecordSource source = recordbatches(batches, pass, state);
+  const EngineData data = enginedata(pass, recordbatches(batches, pass, state));
   QuadratureSettings settings;
-  settings.outcome = run.model.outcome.family;
-  settings.points = run.control.agqpoints;
-  settings.iterations = run.control.agqit;
-  settings.derivlevel = run.control.agqderivlevel;
-  settings.diagonalpi = run.model.restrictions.diagtaupi;
-  settings.diagonalbeta = run.model.restrictions.diagtaubeta;
-  settings.threads = pass.analysis->threads;
-  settings.interrupted = [&] { return pass.observer().stops(); };
-  settings.console = [](const char* text) {
-    std::printf("%s", text);
-    std::fflush(stdout);
-  };
-  holdinterrupts();
-  const QuadratureResult result = adaptivequadrature(settings, pass.npi, pass.nbeta, pass.design, source,
-                                                     currentparameters(pass), startingadaptation(pass));
-  releaseinterrupts();
-  const PassResults results = resultsof(result, before);
-  tellunconverged("quadrature", results);
-  if (result.finished) {
-    quadraturetables(results);
-  } else {
-    if (result.failure == QuadratureFailure::nodes) reportbreak();
-    reportline("%s", failureline(result.failure));
-    documentwarning(failureline(result.failure));
-    for (const std::string& warning : result.warnings) {
-      reportline("%s", warning.c_str());
-      documentwarning(warning);
-    }
+  settings.engine = enginesettings(pass, Engine::quadrature, stopped ? 0 : pass.control().agqit);
+  settings.points = pass.control().agqpoints;
+  settings.derivlevel = pass.control().agqderivlevel;
+  settings.diagonalpi = pass.model().restrictions.diagtaupi;
+  settings.diagonalbeta = pass.model().restrictions.diagtaubeta;
+  const QuadratureResult result = adaptivequadrature(data, settings, currentparameters(pass), startingadaptation(pass));
+  if (batches.failure) return std::move(batches.failure);
+  const EngineResult& fit = result.fit;
+  PassResults results = resultsof(pass, PassKind::quadrature, fit, before);
+  const bool estimated = fit.end == EngineEnd::estimated;
+  const bool takenover = fit.end != EngineEnd::failed && !fit.farbelow;
+  if (takenover) {
+    takeestimates(pass, results);
+    state.quadraturegamma = pass.est.gammahat.copy();
   }
-  if (result.finished && shorterrors(result, before, pass.g)) {
-    const char* words = "WARNING: standard errors are far below those of PQL. Use more quadrature points.";
-    reportline("%s", words);
-    std::printf("%s\n", words);
-    documentwarning(words);
-  }
-  // Estimates of an estimation that broke off with a warning are none, nor are those that fell far below what was
-  // reached before.
-  constexpr double farbelow = 1.0;
-  const auto goeson = [](const char* from) {
-    const std::string words = std::string("The run goes on with the estimates ") + from;
-    reportline("%s", words.c_str());
-    std::printf("%s\n", words.c_str());
-  };
-  const bool fallen = result.finished && result.highest - result.loglikelihood > farbelow;
-  if (result.code == 0 || fallen || (!result.finished && !result.warnings.empty())) {
-    notconverged("");
-    if (result.finished) documentending(false);
-    goeson("that quadrature started from.");
-    markreport();
-    return;
-  }
-  takeestimates(pass, results);
-  if (result.finished) {
-    modelstatistics(result.loglikelihood, 2);
-  } else {
-    goeson("of the last iteration of quadrature, which are not in this report.");
-  }
-  markreport();
-  state.quadraturegamma = pass.est.gammahat.copy();
-  if (result.finished) variancefiles(quadraturetaufile, quadraturegammafile, results);
+  EngineStage stage{Engine::quadrature, fit, results, false, takenover, {}};
+  if (estimated && shorterrors(fit, before, pass.g))
+    stage.behind.emplace_back("WARNING: standard errors are far below those of PQL. Use more quadrature points.");
+  tellobserver(pass.observer().enginestands, stage);
+  if (estimated) state.quadrature = std::move(results);
+  return {};
 }
 
 }  // namespace
 
-void maximumlikelihood(Pass& pass, MacroState& state, const PassResults& before) {
-  if (run.control.laplace) laplace(pass, state, before);
-  if (run.control.agqpoints != 0) quadrature(pass, state, before);
+Failure maximumlikelihood(Pass& pass, MacroState& state, const PassResults& before) {
+  bool stopped = before.ending == Ending::keyboard;
+  if (pass.control().laplace)
+    if (Failure failure = laplace(pass, state, before, stopped)) return failure;
+  return pass.control().agqpoints != 0 ? quadrature(pass, state, before, stopped) : Failure{};
 }
 
 }  // namespace kdr

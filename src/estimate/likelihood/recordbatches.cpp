@@ -1,5 +1,6 @@
 #include "estimate/likelihood/recordbatches.h"
 
+#include "driver/runrecord.h"
 #include "kernel/sizes.h"
 
 namespace kdr {
@@ -10,8 +11,8 @@ constexpr std::size_t batchrecords = 20000;
 
 void rewindbatches(void* state) {
   RecordBatches& batches = *static_cast<RecordBatches*>(state);
-  startunits(batches.reader, run.mdm, batches.state->working.stream, 0, batches.state->layout.width, run.mdm.nvar2,
-             false);
+  const MdmData& mdm = batches.pass->mdm();
+  startunits(batches.reader, mdm, batches.state->working.stream, 0, batches.state->layout.width, mdm.nvar2, false);
   batches.k = 0;
   batches.units = batches.records = 0;
 }
@@ -56,10 +57,14 @@ Level3Records readlevel3(RecordBatches& batches) {
 void nextbatch(void* state, std::vector<Level3Records>& batch) {
   RecordBatches& batches = *static_cast<RecordBatches*>(state);
   batch.clear();
+  if (batches.pass->observer().givesup()) batches.failure = failed(abandoned);
   const std::size_t first = batches.records;
-  while (batches.k < run.mdm.nunits3 && (batch.empty() || batches.records - first < batchrecords))
+  while (!batches.failure && batches.k < batches.pass->mdm().nunits3 &&
+         (batch.empty() || batches.records - first < batchrecords))
     batch.push_back(readlevel3(batches));
 }
+
+bool brokenbatches(void* state) { return static_cast<bool>(static_cast<RecordBatches*>(state)->failure); }
 
 }  // namespace
 
@@ -67,7 +72,7 @@ RecordSource recordbatches(RecordBatches& batches, const Pass& pass, const Macro
   batches.pass = &pass;
   batches.state = &state;
   rewindbatches(&batches);
-  return {&batches, rewindbatches, nextbatch};
+  return {&batches, rewindbatches, nextbatch, brokenbatches};
 }
 
 }  // namespace kdr

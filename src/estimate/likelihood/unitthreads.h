@@ -8,7 +8,6 @@
 #include <thread>
 #include <vector>
 
-#include "driver/failures.h"
 #include "estimate/likelihood/unitrecords.h"
 
 namespace kdr {
@@ -31,17 +30,15 @@ void overbatch(const std::vector<Level3Records>& batch, int threads, Each each) 
   for (std::thread& other : others) other.join();
 }
 
-// Calls each(unit, worker) for every level-3 unit of the source. Signals that ask for the end are acted on between
-// batches.
+// Calls each(unit, worker) for every level-3 unit of the source. False when the source has ended before its last unit.
 template <class Each>
-void overunits(const RecordSource& source, int threads, Each each) {
+[[nodiscard]] bool overunits(const RecordSource& source, int threads, Each each) {
   constexpr std::size_t worthathread = 2000;  // records
   std::vector<Level3Records> batch;
   source.rewind(source.state);
   for (;;) {
     source.next(source.state, batch);
-    if (batch.empty()) return;
-    checksignals();
+    if (batch.empty()) return !brokensource(source);
     std::size_t records = 0;
     for (const Level3Records& unit : batch) records += unit.y.size();
     overbatch(batch,

@@ -1,5 +1,6 @@
 #include "estimate/linear/exploratory.h"
 
+#include <algorithm>
 #include <cmath>
 #include <vector>
 
@@ -130,6 +131,8 @@ void level3analysis(const Pass& pass, std::vector<ExploratoryBlock>& blocks) {
 }
 
 }  // namespace
+
+int mostcandidates(const IntTable& counts) { return *std::max_element(counts.cells.begin(), counts.cells.end()); }
 
 bool haveexploratory(const Model& model) {
   return mostcandidates(model.nextra2) > 0 || mostcandidates(model.nextra3) > 0;

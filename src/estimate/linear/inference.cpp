@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "core/modelwalk.h"
+#include "estimate/inference/teststatistics.h"
 #include "estimate/linear/usable.h"
 #include "kernel/matrix.h"
 #include "kernel/products.h"
@@ -20,20 +21,6 @@ void eachwithin(Pass& pass, Use use) {
   Array<double> inverse(square(pass.b));
   for (int k = 0; k < pass.mdm().nunits3; ++k)
     use(k, invertcovariance(pass.within.row(k), pass.b, inverse.data()) ? inverse.data() : nullptr);
-}
-
-// 0 for a fixed element, missingcode for one whose variance could not be had.
-double standarderror(const FisherWork& fisher, std::size_t element) {
-  if (fisher.restriction.free[element] < 0) return 0.0;
-  const double variance = fisher.invinformation[element * at(fisher.NT) + element];
-  return variance > 0.0 ? std::sqrt(variance) : missingcode;
-}
-
-Array<double> errormatrix(const FisherWork& fisher, std::size_t first, int n) {
-  Array<double> matrix(square(n));
-  for (int i = 0; i < n; ++i)
-    for (int j = 0; j <= i; ++j) matrix[i * n + j] = matrix[j * n + i] = standarderror(fisher, first++);
-  return matrix;
 }
 
 // What a scoring step from the estimates would move, in standard errors: the largest over its elements. A step that
@@ -61,8 +48,8 @@ TauErrors tauerrors(Pass& pass, FisherWork& fisher, Likelihood& likelihood) {
   if (!errors.asked) return errors;
   errors.known = fisherstep(pass, fisher, likelihood, true);
   if (!errors.known) return errors;
-  errors.taupi = errormatrix(fisher, 0, pass.p);
-  errors.taubeta = errormatrix(fisher, packedsize(pass.p), pass.b);
+  errors.taupi = standarderrors(fisher.invinformation, fisher.NT, 0, pass.p);
+  errors.taubeta = standarderrors(fisher.invinformation, fisher.NT, packedsize(pass.p), pass.b);
   errors.order = fisher.NT - 1;
   errors.covariance.reset(square(errors.order));
   for (int i = 0; i < errors.order; ++i)
@@ -106,8 +93,7 @@ VarianceTests variancetests(Pass& pass) {
   const int p = pass.p, b = pass.b;
   const double s = pass.est.sigma2;
   VarianceTests tests;
-  tests.chisq2.reset(at(p));
-  tests.chisq3.reset(at(b));
+  Array<double> chisq2(at(p)), chisq3(at(b));
   pass.vlsq.reset(pass.n2of.size(), at(b));
   eachwithin(pass, [&](int k, const double* inverse) {
     double* vlsq = pass.vlsq.row(k);
@@ -117,7 +103,7 @@ VarianceTests variancetests(Pass& pass) {
     }
     ++tests.units3;
     mulAB(vlsq, inverse, pass.vright.row(k), b, 1, b);
-    for (int i = 0; i < b; ++i) tests.chisq3[i] += vlsq[i] * vlsq[i] / (s * inverse[i * b + i]);
+    for (int i = 0; i < b; ++i) chisq3[i] += vlsq[i] * vlsq[i] / (s * inverse[i * b + i]);
   });
 
   UnitMeans means = makeunitmeans(pass);
@@ -137,16 +123,15 @@ VarianceTests variancetests(Pass& pass) {
         for (int i = 0; i < p; ++i) {
           double ols = 0.0;
           for (int l = 0; l < p; ++l) ols += inverse[i * p + l] * a[l];
-          tests.chisq2[i] += ols * ols / (s * inverse[i * p + i]);
+          chisq2[i] += ols * ols / (s * inverse[i * p + i]);
         }
       },
       [](int) {}, reading(pass.store.hot), reading(pass.store.cold));
 
-  tests.df2.reset(at(p));
-  tests.df3.reset(at(b));
   for (int i = 0; i < p; ++i)
-    tests.df2[i] = tests.units2 - static_cast<long long>(pass.nrandomterms[i]) * tests.units3 - pass.nfixedterms[i];
-  for (int i = 0; i < b; ++i) tests.df3[i] = tests.units3 - pass.nterms3reduced[i];
+    tests.level2.push_back(variancetest(
+        tests.units2 - static_cast<long long>(pass.nrandomterms[i]) * tests.units3 - pass.nfixedterms[i], chisq2[i]));
+  for (int i = 0; i < b; ++i) tests.level3.push_back(variancetest(tests.units3 - pass.nterms3reduced[i], chisq3[i]));
   return tests;
 }
 

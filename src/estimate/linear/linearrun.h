@@ -2,9 +2,9 @@
 #pragma once
 
 #include "core/failure.h"
+#include "core/results.h"
 #include "data/unitreader.h"
 #include "estimate/linear/pass.h"
-#include "report/passresults.h"
 
 namespace kdr {
 

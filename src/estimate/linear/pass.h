@@ -86,6 +86,13 @@ struct Pass {
   [[nodiscard]] const Observer& observer() const { return analysis->observer; }
 };
 
+// Records and units of the pass.
+[[nodiscard]] inline UnitCounts countsof(const Pass& pass) {
+  UnitCounts counts = countsof(pass.mdm());
+  counts.records = pass.nunits1;
+  return counts;
+}
+
 // Fills the dimensions, the design and the term counts of the reduced model. Fails for a model with nothing random at a
 // level.
 [[nodiscard]] Failure makedesign(Pass& pass);

@@ -1,7 +1,7 @@
 // What a pass of the estimation is told. Phases read the plan, nothing else decides what they do.
 #pragma once
 
-#include "report/passresults.h"
+#include "core/results.h"
 
 namespace kdr {
 

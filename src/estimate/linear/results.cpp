@@ -1,10 +1,10 @@
 #include "estimate/linear/results.h"
 
+#include "estimate/inference/modelstatistics.h"
 #include "estimate/linear/emstep.h"
 #include "estimate/linear/inference.h"
 #include "estimate/linear/posterior.h"
 #include "estimate/linear/weightedcovariance.h"
-#include "report/degreesoffreedom.h"
 
 namespace kdr {
 
@@ -45,18 +45,17 @@ PassResults iterationresults(Pass& pass, IterationState& state) {
 PassResults stageresults(Pass& pass, IterationState& state) {
   if (state.hetstate != 1) renewposterior(pass);
   PassResults results = iterationresults(pass, state);
-  degreesoffreedom(results.degrees);
   if (pass.model().weighted && !results.heterogeneous) {
     results.covariance = weightedcovariance(pass);
   } else {
     results.covariance = pass.est.covariance();
   }
-  if (results.heterogeneous) return results;
-  if (pass.plan.kind != PassKind::identity) {
+  if (!results.heterogeneous && pass.plan.kind != PassKind::identity) {
     results.robust = robustcovariance(pass, false);
     results.fewunits = fewlevel3units(pass);
   }
-  results.tests = variancetests(pass);
+  complete(results, pass.model(), countsof(pass));
+  if (!results.heterogeneous) results.tests = variancetests(pass);
   return results;
 }
 

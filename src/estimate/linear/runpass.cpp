@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "estimate/inference/modelstatistics.h"
 #include "estimate/linear/fixtau.h"
 #include "estimate/linear/heterogeneous.h"
 #include "estimate/linear/inference.h"
@@ -12,7 +13,6 @@
 #include "kernel/decompositions.h"
 #include "kernel/products.h"
 #include "kernel/sizes.h"
-#include "report/degreesoffreedom.h"
 
 namespace kdr {
 
@@ -46,9 +46,8 @@ void tellleastsquares(Pass& pass, double s) {
   results.robust = robustcovariance(pass, true);
   results.fewunits = fewlevel3units(pass);
   if (s > 0.0) results.loglik = -(n + n * std::log(twopi * s)) / 2.0;
-  FixedDegrees degrees;
-  degreesoffreedom(degrees);
-  tellobserver(pass.observer().leastsquares, results, degrees);
+  complete(results, countsof(pass));
+  tellobserver(pass.observer().leastsquares, results);
 }
 
 // A tau that the iterations cannot start from is repaired, and shown again.
@@ -150,6 +149,7 @@ Failure runpass(Pass& pass, IterationState& state, PassResults& results, const I
   }
   if (pass.plan.limit == 0) {
     results.heterogeneous = true;
+    results.parameters = parametercount(pass.model(), pass.mdm().nunits3);
     results.loglik = state.likelihood.current;
     results.ending = state.ending;
     return {};

@@ -27,12 +27,8 @@ inline Matrix matrixof(const Array<double>& a, int rows, int cols) {
 
 // In the order of the parameters: (vech taupi, vech taubeta, gamma).
 inline std::vector<double> elements(const Parameters& x) {
-  std::vector<double> all;
-  for (const auto& [n, tau] : {std::pair(x.q, &x.taupi), {x.r, &x.taubeta}})
-    for (int a = 0; a < n; ++a)
-      for (int b = 0; b <= a; ++b) all.push_back((*tau)[at(a * n + b)]);
-  all.insert(all.end(), x.gamma.begin(), x.gamma.end());
-  return all;
+  const Array<double> all = elementsof(x);
+  return {all.begin(), all.end()};
 }
 
 // The units of a study, `batchsize` at a time from `position` on.

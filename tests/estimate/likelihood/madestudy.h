@@ -37,6 +37,11 @@ struct Study {
   int units2 = 0;
 
   RecordSource source() { return sourceof(*this); }
+  EngineData data() {
+    std::size_t records = 0;
+    for (const Level3Records& unit : units) records += unit.y.size();
+    return {outcome.family, &design, npi, nbeta, static_cast<int>(units.size()), at(units2), records, source()};
+  }
 };
 
 inline Array<int> integers(std::initializer_list<int> values) {
@@ -101,15 +106,9 @@ inline std::vector<Record> readrecords(const std::string& path) {
 
 // From (vech taupi, vech taubeta, gamma).
 inline Parameters makeparameters(int q, int r, const std::vector<double>& theta) {
-  Parameters parameters;
-  parameters.q = q;
-  parameters.r = r;
-  parameters.taupi.reset(at(q) * at(q));
-  parameters.taubeta.reset(at(r) * at(r));
-  parameters.g = static_cast<int>(theta.size() - parameters.ntaupi() - parameters.ntaubeta());
-  parameters.gamma.reset(at(parameters.g));
-  addstep(parameters, theta.data());
-  return parameters;
+  Array<double> elements(theta.size());
+  std::copy(theta.begin(), theta.end(), elements.begin());
+  return parametersof(q, r, static_cast<int>(theta.size() - packedsize(q) - packedsize(r)), elements);
 }
 
 // The joint posterior mode of (v, u_1, ..., u_J) of every level-3 unit by Newton's method, and the diagonal blocks of

@@ -33,7 +33,8 @@ struct Study {
   Observer observer;
   Analysis analysis{run.model, run.mdm, run.weights, run.control, observer, {}, {}, 1, nullptr};
 
-  explicit Study(unsigned seed, int units3 = 6, int mostunits2 = 5, int mostrecords = 7) {
+  // With `binary` the outcome is 1 where Y is above 1, else 0; the oracle is of Y all the same.
+  explicit Study(unsigned seed, int units3 = 6, int mostunits2 = 5, int mostrecords = 7, bool binary = false) {
     run = RunRecord{};
     run.id.waitseconds = -1;
     run.files.outfile = "report.txt";
@@ -79,7 +80,7 @@ struct Study {
           const double x1 = normal(rng), x2 = normal(rng);
           const double y = 1 + 0.5 * z + 0.3 * q + v0 + r0 + (2 + 0.2 * q + v1 + r1) * x1 - x2 + 1.2 * normal(rng);
           double* record = block.records.data() + 4 * i;
-          record[0] = y;
+          record[0] = binary ? (y > 1 ? 1.0 : 0.0) : y;
           record[1] = x1;
           record[2] = x2;
           record[3] = among(1, 3);
