@@ -27,7 +27,7 @@ inline constexpr double leastgainwhenslow = 1.0e-6, leastgainatstop = 0.005;
 // components. Restrictions of the taus hold throughout. The estimates that it ends with are taken if their
 // log-likelihood is higher by more than `least`; otherwise the old ones are back. Returns the gain, 0.0 when nothing
 // was taken. The interrupt key ends the search. The posterior means and C_j^-1 of the store are left anywhere.
-// Source: Fiacco and McCormick (1968), Nonlinear Programming: Sequential Unconstrained Minimization Techniques.
+// Derived in docs/numerics.md, "The search along the edge".
 [[nodiscard]] double searchedge(Pass& pass, double least);
 
 }  // namespace kdr
