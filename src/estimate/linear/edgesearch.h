@@ -33,7 +33,7 @@ struct HigherPoint {
 // components. Restrictions of the taus hold throughout. The point that it ends with counts if its log-likelihood is
 // higher by more than `least`. An interrupt ends the search. The estimates at hand stay; C_j^-1 of the store is left
 // anywhere.
-// Source: Fiacco and McCormick (1968), Nonlinear Programming: Sequential Unconstrained Minimization Techniques.
+// Derived in docs/numerics.md, "The search along the edge".
 [[nodiscard]] HigherPoint searchedge(Pass& pass, double least);
 
 }  // namespace kdr

@@ -36,22 +36,9 @@ void sandwich(const double* left, const double* M, const double* right, int n, d
   mulAB(out, half, right, n, n, n);
 }
 
-// What the information needs of the data, summed over the level-3 units. With N22 = Z2'V^-1 Z2, N21_j = Z2'V^-1 Z1_j
-// and N_jl = Z1_j'V^-1 Z1_l of a unit, and W = V^-1 (all computed at sigma2 = s, T, L):
-//   I_LL = 1/2 D'(sum N22 (x) N22)D         I_LT = 1/2 D'(sum_j N21_j (x) N21_j)D
-//   I_TT = 1/2 D'(sum_jl N_jl (x) N_jl)D    I_Ls = 1/2 D'vec(sum Z2'W W Z2)
-//   I_Ts = 1/2 D'vec(sum_j Z1_j'W W Z1_j)   I_ss = 1/2 tr(W W)
-// where D copies the elements of a triangle to both places. The blocks of V^-1 follow from the posterior of the unit:
-//   N22 = L^-1 - s L^-1 E L^-1,  N21_j = s L^-1 E U_j,  U_j = R_j T^-1
-//   N_jj = T^-1 - s T^-1 V_j T^-1,  B_jl = U_j' E U_l,  N_jl = -s B_jl for j other than l
-// The sum over pairs is never run: with Y = sum_j U_j (x) U_j,
-//   sum_jl B_jl (x) B_jl = Y'(E (x) E)Y,
-// so sum_jl N_jl (x) N_jl = sum_j [N_jj (x) N_jj - s^2 B_jj (x) B_jj] + s^2 Y'(E (x) E)Y.
-// W W comes from the derivative of V^-1 by s. With F the posterior covariance of all random effects over s and G their
-// prior covariance, Z'W W Z = G^-1 F G^-1 - s G^-1 F G^-1 F G^-1 and tr(W W) = (n - q)/s^2 + tr(F G^-1 F G^-1), whose
-// blocks are, with Hs = sum_j R_j T^-1 R_j':
-//   [F G^-1 F]_22 = E (Hs + L^-1) E
-//   [F G^-1 F]_jj = C T^-1 C + C T^-1 G_j + G_j T^-1 C + R_j' E (Hs + L^-1) E R_j,  C = C_j^-1, G_j = R_j' E R_j
+// What the information needs of the data, summed over the level-3 units: derived in docs/numerics.md, "Score and
+// information". The sum over pairs of units is never run: with U_j = R_j T^-1 and Y = sum_j U_j (x) U_j,
+//   sum_jl N_jl (x) N_jl = sum_j [N_jj (x) N_jj - s^2 B_jj (x) B_jj] + s^2 Y'(E (x) E)Y,  B_jl = U_j' E U_l
 struct InformationSums {
   const Pass* pass;
   const Estimates* est;

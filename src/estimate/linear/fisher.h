@@ -45,8 +45,7 @@ enum class Scoring { asks, steps };
 // Expected information (fishertype 2). Returns false when a matrix cannot be inverted or the information is not usable.
 // A scoring that asks stops after inverse information and score and changes only these, dinv and C_j^-1; one that steps
 // also fills the posterior means and the log-likelihood, and updates gammahat and vgamma. The cost is linear in the
-// number of level-2 units: the sum over all pairs of units of a level-3 unit is a product of sums over units. Source:
-// Longford (1987); the factorised pair sum is our own.
+// number of level-2 units: the sum over all pairs of units of a level-3 unit is a product of sums over units.
 [[nodiscard]] bool fisherfull(Pass& pass, FisherWork& fisher, Likelihood& likelihood, Scoring scoring);
 
 // Sum of the outer products of the level-3 units' scores (fishertype 1). Returns true when its inverse exists; a
