@@ -11,6 +11,7 @@
 #include <unordered_map>
 
 #include "core/constants.h"
+#include "core/formatted.h"
 #include "data/mdm.h"
 #include "data/unitreader.h"
 #include "library/handles.h"
@@ -55,7 +56,7 @@ double valueof(const kdr3_column& column, std::size_t row) {
   }
 }
 
-std::string ordinal(std::size_t row) { return "row " + std::to_string(row + 1); }
+std::string ordinal(std::size_t row) { return formatted("row %zu", row + 1); }
 
 // Numbers the IDs of a column in the order in which they appear, each one apart within its `owner`.
 struct Numbering {
@@ -165,7 +166,7 @@ std::string onevalue(const kdr3_column& column, const Order& order, std::size_t 
   return "";
 }
 
-Name inside(std::size_t number) { return paddedname("V" + std::to_string(number)); }
+Name inside(std::size_t number) { return paddedname(formatted("V%zu", number)); }
 
 void takenames(kdr3_data& data, const Columns (&columns)[3]) {
   Array<Name>* names[] = {&data.mdm.names1, &data.mdm.names2, &data.mdm.names3};

@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "core/failure.h"
+#include "core/formatted.h"
 #include "core/modelcounts.h"
 #include "core/modelwalk.h"
 #include "core/results.h"
@@ -154,7 +155,7 @@ std::string makevalues(const kdr3_model& model, Values& values) {
     setequations(equations, set, made);
     for (int t = 0; t < thresholds; ++t) made.use1.row(set)[mdm.nvar1 + 1 + t] = Use::predictor;
   }
-  for (int t = 0; t < thresholds; ++t) mdm.names1[at(mdm.nvar1 + 1 + t)] = paddedname("THOLD" + std::to_string(t + 2));
+  for (int t = 0; t < thresholds; ++t) mdm.names1[at(mdm.nvar1 + 1 + t)] = paddedname(formatted("THOLD%d", t + 2));
   made.nointercept1 = equations.front().term->variable != 0;
   made.wgtvar1 = model.weights[0];
   made.wgtvar2 = model.weights[1];
@@ -182,10 +183,8 @@ void listen(const kdr3_observer* observer, Observer& listener) {
   auto* progress = observer->progress;
   if (progress == nullptr) return;
   listener.iteration = [progress, state](const IterationEvent& event) {
-    const std::string macro = event.macro > 0 ? "macro iteration " + std::to_string(event.macro) + ", " : "";
-    progress(state, (macro + "iteration " + std::to_string(event.iteration) + ", log-likelihood " +
-                     std::to_string(event.loglik))
-                        .c_str());
+    const std::string macro = event.macro > 0 ? formatted("macro iteration %d, ", event.macro) : "";
+    progress(state, formatted("%siteration %d, log-likelihood %.6f", macro.c_str(), event.iteration, event.loglik).c_str());
   };
 }
 
@@ -249,14 +248,14 @@ std::vector<std::string> namesof(const kdr3_model& model, const Model& made) {
     std::string name;
     const auto add = [&](const std::string& part) { name += (name.empty() ? "" : ":") + part; };
     if (coefficient.threshold) {
-      add("threshold" + std::to_string(coefficient.variable - static_cast<int>(names[0].size()) + 2));
+      add(formatted("threshold%d", coefficient.variable - static_cast<int>(names[0].size()) + 2));
     } else if (coefficient.variable != 0) {
       add(names[0][at(coefficient.variable)]);
     }
     if (term.variable != 0) add(names[1][at(term.variable)]);
     if (effect.variable != 0) add(names[2][at(effect.variable)]);
     if (name.empty()) name = "(intercept)";
-    if (made.neqsets > 1) name += "[" + std::to_string(coefficient.set + 1) + "]";
+    if (made.neqsets > 1) name += formatted("[%d]", coefficient.set + 1);
     list.push_back(name);
   }
   return list;

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <memory>
 
+#include "core/formatted.h"
 #include "library/handles.h"
 
 namespace kdr::library {
@@ -11,7 +12,7 @@ namespace kdr::library {
 namespace {
 
 std::string unknownname(int level, const char* name) {
-  return "The data have no level-" + std::to_string(level) + " column " + std::string(name) + ".";
+  return formatted("The data have no level-%d column %s.", level, name);
 }
 
 bool centeringknown(kdr3_centering centering) { return centering >= KDR3_RAW && centering <= KDR3_GRANDMEAN; }
@@ -147,8 +148,8 @@ kdr3_status kdr3_model_set(kdr3_model* model, const char* name, double value) {
     for (const Setting& setting : settings) {
       if (strcasecmp(setting.name, name) != 0) continue;
       if (!(value >= setting.least && value <= setting.most) || (setting.whole && value != std::floor(value)))
-        return error(std::string(setting.name) + " takes " + (setting.whole ? "a whole number" : "a number") + " from " +
-                     std::to_string(setting.least) + " to " + std::to_string(setting.most) + ".");
+        return error(formatted("%s takes a%s number from %g to %g.", setting.name, setting.whole ? " whole" : "",
+                               setting.least, setting.most));
       setting.set(*model, value);
       return KDR3_OK;
     }
