@@ -170,6 +170,8 @@ Array<double> scoreproducts(Pass& pass, bool leastsquares) {
 
 Array<double> robustcovariance(Pass& pass, bool leastsquares) {
   const int g = pass.g;
+  // The scores sum to 0, so those of as few units as this are singular, whatever rounding makes of their determinant.
+  if (pass.mdm().nunits3 <= g) return {};
   const Array<double> scores = scoreproducts(pass, leastsquares);
   Array<double> V = leastsquares ? pass.est.vgamma.copy() : pass.est.covariance(), half(square(g)), robust(square(g));
   mulAB(half.data(), V.data(), scores.data(), g, g, g);
