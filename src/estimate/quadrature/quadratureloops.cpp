@@ -154,6 +154,56 @@ void poisson(const NodePairs& a) {
   }
 }
 
+// A binary outcome whose density has no floor. With t = s eta and e = exp(-|t|), which is never above 1:
+// l = min(t, 0) - log(1 + e). The logarithm is taken of products of 1 + e, which lie between 1 and 2.
+template <int D, bool M>
+void exactbernoulli(const NodePairs& a) {
+  constexpr std::size_t perproduct = 1000;
+  clear<M>(a);
+  for (std::size_t first = 0; first < a.records; first += perproduct) {
+    const std::size_t last = first + perproduct < a.records ? first + perproduct : a.records;
+    for (std::size_t p = 0; p < a.pairs; ++p) a.work[p] = 1.0;
+    for (std::size_t i = first; i < last; ++i) {
+      const double sign = a.y[i] == 1.0 ? 1.0 : -1.0;
+      for (std::size_t p = 0; p < a.pairs; p += nodestep) {
+        const Lane t = sign * limited(predictor<D>(a, i, p, a.fixed[i]));
+        const Lane e = exponential(-larger(t, -t));
+        const Lane sum = 1.0 + e, inverse = 1.0 / sum;
+        store(a.work + p, load(a.work + p) * sum);
+        store(a.logdensity + p, load(a.logdensity + p) + smaller(t, all(0.0)));
+        if constexpr (M) {
+          const Lane rest = (t < 0.0 ? all(1.0) : e) * inverse;
+          store(a.weights + i * a.pairs + p, e * inverse * inverse);
+          addgradient(a, i, p, sign * rest);
+        }
+      }
+    }
+    for (std::size_t p = 0; p < a.pairs; p += nodestep)
+      store(a.logdensity + p, load(a.logdensity + p) - logarithm(load(a.work + p)));
+  }
+}
+
+// y successes in n trials, in the same way: l = y eta - n (max(eta, 0) + log(1 + e)).
+template <int D, bool M>
+void exactbinomial(const NodePairs& a) {
+  clear<M>(a);
+  for (std::size_t i = 0; i < a.records; ++i) {
+    const double y = a.y[i], n = a.n == nullptr ? 1.0 : a.n[i];
+    for (std::size_t p = 0; p < a.pairs; p += nodestep) {
+      const Lane eta = limited(predictor<D>(a, i, p, a.fixed[i]));
+      const Lane e = exponential(-larger(eta, -eta));
+      const Lane sum = 1.0 + e, inverse = 1.0 / sum;
+      const Lane density = y * eta - n * (larger(eta, all(0.0)) + logarithm(sum));
+      store(a.logdensity + p, load(a.logdensity + p) + density);
+      if constexpr (M) {
+        const Lane mu = (eta < 0.0 ? e : all(1.0)) * inverse;
+        store(a.weights + i * a.pairs + p, n * (e * inverse * inverse));
+        addgradient(a, i, p, y - n * mu);
+      }
+    }
+  }
+}
+
 // One or two random effects a level are the daily case and have code of their own.
 template <bool M>
 void anybernoulli(const NodePairs& a) {
@@ -166,6 +216,36 @@ void anybinomial(const NodePairs& a) {
 template <bool M>
 void anypoisson(const NodePairs& a) {
   a.dims == 2 ? poisson<2, M>(a) : a.dims == 3 ? poisson<3, M>(a) : poisson<0, M>(a);
+}
+
+template <bool M>
+void anyexactbernoulli(const NodePairs& a) {
+  a.dims == 2 ? exactbernoulli<2, M>(a) : a.dims == 3 ? exactbernoulli<3, M>(a) : exactbernoulli<0, M>(a);
+}
+template <bool M>
+void anyexactbinomial(const NodePairs& a) {
+  a.dims == 2 ? exactbinomial<2, M>(a) : a.dims == 3 ? exactbinomial<3, M>(a) : exactbinomial<0, M>(a);
+}
+
+inline double segmentdot(const double* x, const double* y, std::size_t n) {
+  Lane sum = all(0.0);
+  std::size_t l = 0;
+  for (; l + nodestep <= n; l += nodestep) sum += load(x + l) * load(y + l);
+  double rest = 0.0;
+  for (; l < n; ++l) rest += x[l] * y[l];
+  return ((sum[0] + sum[1]) + (sum[2] + sum[3])) + rest;
+}
+
+void segmentsums(const SegmentSums& a) {
+  for (std::size_t i = 0; i < a.rows; ++i) {
+    const double* values = a.values + i * a.pairs;
+    const std::size_t sets = a.lower && i + 2 < a.sets ? i + 2 : a.sets;
+    for (std::size_t m = 0; m < a.segments; ++m) {
+      double* sums = a.sums + m * a.stride + i * a.sets;
+      for (std::size_t s = 0; s < sets; ++s)
+        sums[s] = segmentdot(values + m * a.length, a.weights + s * a.pairs + m * a.length, a.length);
+    }
+  }
 }
 
 void exponentials(double* values, std::size_t n) {
@@ -181,6 +261,8 @@ extern const QuadratureLoops quadratureloops;
 const QuadratureLoops quadratureloops = {
     {anybernoulli<false>, anybinomial<false>, anypoisson<false>, anypoisson<false>},
     {anybernoulli<true>, anybinomial<true>, anypoisson<true>, anypoisson<true>},
+    {anyexactbernoulli<true>, anyexactbinomial<true>, anypoisson<true>, anypoisson<true>},
+    segmentsums,
     exponentials,
     logarithms};
 

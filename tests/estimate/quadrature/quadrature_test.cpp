@@ -10,14 +10,14 @@
 #include <sstream>
 
 #include "estimate/likelihood/madestudy.h"
+#include "estimate/quadrature/densecases.h"
 #include "estimate/quadrature/quadraturenodes.h"
 
 namespace {
 
 using namespace kdr;
 using namespace madestudy;
-
-const std::string folder = std::string(TESTDATA) + "/tests/reference/quadrature/";
+using namespace densecases;
 
 TEST(QuadratureNodes, AreExactForPolynomials) {
   for (int n = 3; n <= 40; ++n) {
@@ -112,36 +112,6 @@ TEST(QuadratureLoops, EverySetOfInstructionsGivesTheSameBits) {
     }
   }
 }
-
-// The centres of level 2 stay where they are whatever v is, so more points are needed the more a level-2 unit says
-// about its effect: its integrand is narrower than the nodes are spread, and wanders with v.
-struct Case {
-  const char* name;
-  OutcomeType outcome;
-  int q, r;
-  int points;
-};
-const Case cases[] = {
-    {"bernoulli11", OutcomeType::bernoulli, 1, 1, 7}, {"bernoulli21", OutcomeType::bernoulli, 2, 1, 7},
-    {"bernoulli22", OutcomeType::bernoulli, 2, 2, 7}, {"binomial12", OutcomeType::binomial, 1, 2, 9},
-    {"poisson11", OutcomeType::poisson, 1, 1, 11},    {"exposure21", OutcomeType::poissonexposure, 2, 1, 9}};
-
-// What densequadrature.py found, by name of the line.
-std::vector<double> reference(const std::string& name, const std::string& wanted) {
-  std::ifstream file(folder + name + ".ref");
-  for (std::string line; std::getline(file, line);) {
-    std::istringstream words(line);
-    std::string word;
-    words >> word;
-    std::vector<double> values;
-    for (double value = 0.0; words >> value;) values.push_back(value);
-    if (word == wanted) return values;
-  }
-  ADD_FAILURE() << name << " has no " << wanted;
-  return std::vector<double>(20);
-}
-
-Study readcase(const Case& c) { return makestudy(c.outcome, c.q, c.r, readrecords(folder + c.name + ".dat")); }
 
 // The walks over a study at any place.
 struct Walker {
