@@ -12,8 +12,9 @@ namespace kdr {
 namespace {
 
 constexpr int moststeps = 60, mosthalvings = 30;
-// Twice the gain that a Newton step promises: the modes are then exact to 1e-7 of their standard errors.
-constexpr double decrement = 1.0e-14;
+// Twice the gain that a Newton step promises: the modes are then exact to 1e-10 of their standard errors. The curvature
+// at them has a slope, so that a difference of two values needs that much.
+constexpr double decrement = 1.0e-20;
 
 void fit(Array<double>& array, std::size_t n) {
   if (array.size() < n) array.reset(n);

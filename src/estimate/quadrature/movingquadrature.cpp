@@ -6,6 +6,7 @@
 #include <cstdarg>
 #include <cstdio>
 
+#include "estimate/quadrature/onepoint.h"
 #include "estimate/quadrature/spherical.h"
 #include "kernel/matrix.h"
 #include "kernel/products.h"
@@ -135,7 +136,9 @@ struct Engine {
   SphericalLikelihood likelihood{};
   int iterations = 0, evaluations = 0;
 
-  Run run(int points, const Array<double>& start, Approach approach, bool last);
+  Run run(int points, const Array<double>& start, Approach approach, int limit, bool last);
+  AscentProblem watched(Run& run, AscentProblem problem);
+  Run runlaplace(const Array<double>& start);
   void fill(const Run& run, int points, MovingResult& result) const;
   PointsCheck compare(const Run& before, const Run& after, int next) const;
   void check(const Run& before, int points, MovingResult& result);
@@ -143,31 +146,70 @@ struct Engine {
   void automatic(const Array<double>& start, MovingResult& result);
 };
 
-Run Engine::run(int points, const Array<double>& start, Approach approach, bool last) {
-  Run run;
-  const Frame& frame = likelihood.frame;
-  if (!makegrids(likelihood.grids, points, frame.q, frame.r)) return run;
-  AscentProblem problem = ascentof(likelihood);
-  double before = -INFINITY;
-  const int earlier = iterations;
-  problem.iterated = [&](int iteration, double value) {
+// The problem with progress lines, and with an end where a variance grows for ever.
+AscentProblem Engine::watched(Run& run, AscentProblem problem) {
+  problem.iterated = [this, &run, before = -INFINITY, earlier = iterations](int iteration, double value) mutable {
     iterations = earlier + iteration;
     if (observer.line)
       observer.line(formatted("The value of the log-likelihood function at AGQ iteration %d = %E", iterations, value));
     run.nomaximum = std::fabs(value - before) < settings.nogain &&
-                    largestdeviation(frame, likelihood.current.point) > settings.nomaximum;
+                    largestdeviation(likelihood.frame, likelihood.current.point) > settings.nomaximum;
     before = value;
     return run.nomaximum || (observer.stop && observer.stop());
   };
+  return problem;
+}
+
+Run Engine::run(int points, const Array<double>& start, Approach approach, int limit, bool last) {
+  Run run;
+  const Frame& frame = likelihood.frame;
+  if (!makegrids(likelihood.grids, points, frame.q, frame.r)) return run;
   AscentSettings ascent = settings.ascent;
-  ascent.iterations = std::max(settings.iterations, 1);
+  ascent.iterations = std::max(std::min(settings.iterations, limit), 1);
   if (!last) ascent.finals = 1;
-  run.ascent = climb(problem, ascent, start, approach);
+  run.ascent = climb(watched(run, ascentof(likelihood)), ascent, start, approach);
   evaluations += run.ascent.evaluations;
   run.converged = run.ascent.end == AscentEnd::converged;
   if (run.ascent.end != AscentEnd::unusable)
     run.errors = errorsof(frame, run.ascent.point,
                           settings.outerproducts ? likelihood.current.outer : run.ascent.there.information);
+  return run;
+}
+
+Run Engine::runlaplace(const Array<double>& start) {
+  constexpr int steppoints = 5, steppointsmanyeffects = 3;  // of the information that steps take
+  Run run;
+  const Frame& frame = likelihood.frame;
+  if (!makegrids(likelihood.grids, frame.q + frame.r > 2 ? steppointsmanyeffects : steppoints, frame.q, frame.r))
+    return run;
+  AscentSettings ascent = settings.ascent;
+  ascent.iterations = std::max(settings.iterations, 1);
+  ascent.fall = settings.laplacefall;
+  const AscentProblem problem = watched(run, laplaceascentof(likelihood));
+  run.ascent = climb(problem, ascent, start, Approach::modes);
+  evaluations += run.ascent.evaluations;
+  if (run.ascent.end == AscentEnd::unusable) return run;
+  std::vector<bool> used = heldelements(frame), edge = edgeelements(frame, run.ascent.point);
+  for (std::size_t i = 0; i < used.size(); ++i) used[i] = !used[i] && !edge[i];
+  Array<double> information = laplaceinformation(likelihood, used, run.ascent.there.scale, evaluations);
+  if (!information.empty()) {
+    // The step that is left, by these second derivatives.
+    Evaluation there;
+    AscentProblem free;
+    free.count = problem.count;
+    for (const bool u : used) free.held.push_back(!u);
+    there.score = run.ascent.there.score.copy();
+    there.information = information.copy();
+    there.scale = run.ascent.there.scale.copy();
+    there.reach = run.ascent.there.reach.copy();
+    there.turn = run.ascent.there.turn.copy();
+    const NewtonStep left = newtonstep(free, ascent, there);
+    run.ascent.decrement = left.decrement;
+    if (run.ascent.end == AscentEnd::converged && !(left.least > ascent.definite))
+      run.ascent.end = AscentEnd::notdefinite;
+    run.errors = errorsof(frame, run.ascent.point, settings.outerproducts ? likelihood.current.outer : information);
+  }
+  run.converged = run.ascent.end == AscentEnd::converged;
   return run;
 }
 
@@ -245,7 +287,8 @@ void Engine::check(const Run& before, int points, MovingResult& result) {
                   next, likelihood.frame.q + likelihood.frame.r));
     return;
   }
-  const Run after = run(next, before.ascent.point, Approach::renewed, false);
+  constexpr int mostiterations = 10;  // a maximum that is farther away is another one
+  const Run after = run(next, before.ascent.point, Approach::renewed, mostiterations, false);
   result.evaluations = evaluations;
   result.check = compare(before, after, next);
   if (result.check.agrees) return;
@@ -264,7 +307,16 @@ void Engine::check(const Run& before, int points, MovingResult& result) {
 
 void Engine::given(const Array<double>& start, MovingResult& result) {
   const int points = settings.points;
-  const Run first = run(points, start, Approach::modes, true);
+  if (points == 1) {
+    fill(runlaplace(start), points, result);
+    if (result.end == MovingEnd::toofewpoints)
+      result.warnings.emplace_back(
+          "WARNING: the Laplace approximation has no maximum that steps could find. Use more quadrature points, or "
+          "AUTO "
+          "in their place.");
+    return;
+  }
+  const Run first = run(points, start, Approach::modes, settings.iterations, true);
   fill(first, points, result);
   if (result.end == MovingEnd::toofewpoints) {
     const int next = nextpoints(points);
@@ -292,7 +344,8 @@ void Engine::automatic(const Array<double>& start, MovingResult& result) {
     const bool begun = any && before.ascent.end != AscentEnd::unusable;
     // The run before ended at its own moments; from a run that failed the nodes begin at the modes again.
     Run now = run(points, begun ? likelihood.current.point : start,
-                  begun && before.converged ? Approach::renewed : Approach::modes, true);
+                  begun && before.converged ? Approach::renewed : Approach::modes,
+                  i + 1 < ladder.size() ? settings.steppediterations : settings.iterations, true);
     const bool stopped = now.ascent.end == AscentEnd::stopped;
     const PointsCheck check = any ? compare(before, now, points) : PointsCheck{};
     before = std::move(now);

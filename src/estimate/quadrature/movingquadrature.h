@@ -34,9 +34,11 @@ struct MovingSettings {
   double valueagrees = 0.01;  // two numbers of points agree when the log-likelihood differs by less: 1% of its standard
                               // error in LR tests
   double errorsagree = 0.01;  // and no standard error by more than this share
-  double mostnodes = 1.0e6;   // points^(q + r): beyond, neither memory nor time would do
-  double nomaximum = 20.0;    // a standard deviation of an effect, of columns with mean square 1, that no outcome bears
-  double nogain = 0.02;       // with a log-likelihood that gains less
+  int steppediterations = 15;   // of one number of points on the way of AUTO: those that are enough need 10 at most
+  double laplacefall = 1.0e-7;  // of the Laplace approximation in a step: rounding of its modes
+  double mostnodes = 1.0e6;     // points^(q + r): beyond, neither memory nor time would do
+  double nomaximum = 20.0;  // a standard deviation of an effect, of columns with mean square 1, that no outcome bears
+  double nogain = 0.02;     // with a log-likelihood that gains less
 };
 
 enum class MovingEnd {
