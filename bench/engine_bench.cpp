@@ -24,8 +24,8 @@ void makepass(Pass& pass, int p, int b) {
   run.mdm.nunits1 = run.mdm.nunits2 * 20;
   run.mdm.nvar3 = 1;
   run.mdm.level3.reset(units3);
-  run.coef.npi = run.coef.ntaupi = p;
-  run.coef.nbeta = run.coef.ntaubeta = run.coef.ngamma = b;
+  run.model.coef.npi = run.model.coef.ntaupi = p;
+  run.model.coef.nbeta = run.model.coef.ntaubeta = run.model.coef.ngamma = b;
   pass.p = p;
   pass.npi = p;
   pass.b = pass.nbeta = pass.g = b;

@@ -46,7 +46,7 @@ QuadratureResult estimate(Study& study, const QuadratureSettings& settings, cons
 
 void speed(int units3, int units2, int records, int q, int points, int threads) {
   const Parameters truth = maketruth(q, 0.8, 0.5);
-  Study study = makestudy(OutcomeType::bernoulli, q, 1, drawrecords(1, units3, units2, records, truth));
+  Study study = makestudy(bernoulli, q, 1, drawrecords(1, units3, units2, records, truth));
   study.batchsize = 20;
   Parameters start = truth.copy();  // about where quasi-likelihood would arrive
   for (double& tau : start.taupi) tau *= 0.7;
@@ -81,8 +81,8 @@ void starts(int sets, int points, double leastridge) {
     const int units2 = 3 + set % 6, records = 2 + set % 5, q = 1 + (set % 10 == 9);
     const double sigma2 = 2.0 + 0.02 * set, sigma3 = 2.0 + 0.02 * (sets - set);
     const Parameters truth = maketruth(q, sigma2 * sigma2, sigma3 * sigma3);
-    Study study = makestudy(OutcomeType::bernoulli, q, 1,
-                            drawrecords(static_cast<unsigned>(1000 + set), 40, units2, records, truth));
+    Study study =
+        makestudy(bernoulli, q, 1, drawrecords(static_cast<unsigned>(1000 + set), 40, units2, records, truth));
     Parameters far = truth.copy();
     for (double& tau : far.taupi) tau *= 0.2;
     far.taubeta[0] *= 0.2;

@@ -11,8 +11,8 @@ struct Options {
 };
 
 // Reads the options into `run`, in order, and the two positional words into run.files.mdmfile and cmdfile. A template
-// given by -r is read at once, a long file given by -from at the end; another response file replaces standard input. A bad option prints the usage and stops
-// with 100.
+// given by -r is read at once, a long file given by -from at the end; another response file replaces standard input. A
+// bad option prints the usage and stops with 100.
 Options readoptions(int argc, char** argv);
 
 }  // namespace kdr

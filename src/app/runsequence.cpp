@@ -88,23 +88,22 @@ void holdstandardstreams() {
 
 // The engines know neither design weights nor restricted taus: the model that they fit would be another one.
 void checkengines() {
-  if (run.iter.hetit != 0 && !run.kind.linear()) stopwith("HETIT: is for linear models only.\n");
-  const char* engine = run.iter.laplace ? "Laplace-6" : run.iter.agqpoints != 0 ? "adaptive quadrature" : nullptr;
+  if (run.control.hetit != 0 && !run.model.outcome.linear()) stopwith("HETIT: is for linear models only.\n");
+  const char* engine = run.control.laplace ? "Laplace-6" : run.control.agqpoints != 0 ? "adaptive quadrature" : nullptr;
   if (engine == nullptr) return;
-  const bool restricted = run.iter.haveesttau2 || run.iter.haveesttau3 || run.iter.havecontau2 || run.iter.havecontau3;
-  const bool diagonal = run.iter.laplace && (run.out.diagtaupi || run.out.diagtaubeta);
-  if (run.kind.weighted) stopwith("A run with design weights cannot go on to %s.\n", engine);
+  const bool restricted = run.model.restrictions.haveesttau2 || run.model.restrictions.haveesttau3 ||
+                          run.model.restrictions.havecontau2 || run.model.restrictions.havecontau3;
+  const bool diagonal = run.control.laplace && (run.model.restrictions.diagtaupi || run.model.restrictions.diagtaubeta);
+  if (run.model.weighted) stopwith("A run with design weights cannot go on to %s.\n", engine);
   if (restricted || diagonal) stopwith("A run with restricted variance components cannot go on to %s.\n", engine);
 }
 
 // What the passes of the run are, once the model stands.
 void choosekind() {
-  ModelKind& kind = run.kind;
-  if (run.iter.macroit == 0) return;
-  kind.nlrun = kind.nonlin == 1 || kind.nonlin == 2;
-  kind.mnrun = kind.nonlin == 3;
-  if (kind.nlrun) run.iter.popavit = std::max(run.iter.popavit, 1);
-  if (kind.mnrun) run.iter.fixsigma2 = 1.0;
+  Model& kind = run.model;
+  if (run.control.macroit == 0) return;
+  if (kind.outcome.single()) run.control.popavit = std::max(run.control.popavit, 1);
+  if (kind.outcome.categorical()) kind.restrictions.fixsigma2 = 1.0;
 }
 
 // Every model run leaves this file behind, so nothing that the run reads or writes may bear its name.
@@ -123,10 +122,10 @@ void checkfiles() {
     outputs.push_back(files.results);
   }
   if (run.out.printvc != 0) outputs.insert(outputs.end(), {taufile, gammafile, robustgammafile});
-  if (run.out.printvc != 0 && !run.kind.linear())
+  if (run.out.printvc != 0 && !run.model.outcome.linear())
     outputs.insert(outputs.end(), {unitspecificgammafile, populationgammafile, robustpopulationgammafile,
                                    laplacetaufile, laplacegammafile, quadraturetaufile, quadraturegammafile});
-  if (run.iter.hetit != 0) outputs.emplace_back(heterogeneousfile);
+  if (run.control.hetit != 0) outputs.emplace_back(heterogeneousfile);
   if (run.out.resfil1) outputs.push_back(files.resfil1name);
   if (run.out.resfil2) outputs.push_back(files.resfil2name);
   if (run.out.resfil3) outputs.push_back(files.resfil3name);
@@ -152,18 +151,18 @@ void readmodel() {
   modelquestions();
   constraintquestions();
   makeconstraints();
-  if (run.coef.ngamma - run.model.nconstrained < 1) fail(17);
+  if (run.model.coef.ngamma - run.model.nconstrained < 1) fail(17);
   featurequestions();
   labelrandomeffects();
   choosekind();
   outputquestions();
   compactlists();
   markdeletion();
-  run.kind.weighted = run.out.wgtvar1 != 0 || run.out.wgtvar2 != 0 || run.out.wgtvar3 != 0;
+  run.model.weighted = run.model.wgtvar1 != 0 || run.model.wgtvar2 != 0 || run.model.wgtvar3 != 0;
   checkengines();
-  if (run.kind.weighted) normaliseweights();
+  if (run.model.weighted) normaliseweights();
   if (!run.series.pvmode || run.series.pvfirst)
-    run.kind.outname = run.mdm.names1[static_cast<std::size_t>(run.kind.outvar)];
+    run.model.outname = run.mdm.names1[static_cast<std::size_t>(run.model.outvar)];
   centerlevel3();
 }
 
@@ -176,7 +175,7 @@ void openresults() {
   writeheader();
   writespecification();
   applyconstraints();
-  run.coef.ngamma -= run.model.nconstrained;
+  run.model.coef.ngamma -= run.model.nconstrained;
   beginseries();
   if (!reportisstdout()) std::printf("Computing . . ., please wait\n");
   writecommandfile(newcommandfile);
@@ -184,8 +183,8 @@ void openresults() {
 
 // The estimation by the kind of the run; the results of its passes go to the store of a series.
 PassResults estimate(const CategoryTable& table) {
-  if (run.kind.nlrun) return estimatenonlinear(storesubrun);
-  if (run.kind.mnrun) return estimatecategories(table, storesubrun);
+  if (run.model.outcome.single()) return estimatenonlinear(storesubrun);
+  if (run.model.outcome.categorical()) return estimatecategories(table, storesubrun);
   PassResults results = estimatelinear();
   storesubrun(results);
   return results;
@@ -203,7 +202,7 @@ bool nextplausiblevalue() {
   const auto next = static_cast<std::size_t>(series.pvcurrent);
   int* use = run.model.use1.row(0);
   if (use[old] == -1) {
-    run.kind.outvar = series.pvcurrent;
+    run.model.outvar = series.pvcurrent;
     use[next] = -1;
   } else {
     ++series.pvpredictor;
@@ -243,12 +242,12 @@ void runjob(int argc, char** argv) {
   clearseries();
   do {
     readmodel();
-    const CategoryTable table = run.kind.mnrun ? readcategories() : CategoryTable{};
+    const CategoryTable table = run.model.outcome.categorical() ? readcategories() : CategoryTable{};
     openresults();
     const PassResults results = estimate(table);
-    if (run.kind.nlrun) listnonlinearfiles();
+    if (run.model.outcome.single()) listnonlinearfiles();
     latentvariableregression(results);
-    if (run.kind.linear()) listlinearfiles(results);
+    if (run.model.outcome.linear()) listlinearfiles(results);
     closereport();
     writeresults();
     const Pooled* averages = poolseries();

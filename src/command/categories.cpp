@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "command/text.h"
 #include "driver/failures.h"
@@ -20,14 +21,14 @@ constexpr int mostthresholds = 998;
 
 void checkcategories(int thresholds) {
   const MdmData& mdm = run.mdm;
-  const int ncat = run.kind.ncat;
+  const int ncat = run.model.outcome.categories;
   if (ncat < 2) stopwith("The number of categories must be 2 or more!\n");
   const double width1 = mdm.nvar1 + 1.0 + thresholds;
   const double cells = width1 * (mdm.ncol2 + maxextra + 4.0) + mdm.ncol2 * width1 * (mdm.ncol3 + maxextra + 3.0);
-  const double sets = run.kind.ordinal ? 1.0 : ncat - 1.0;
+  const double sets = run.model.outcome.ordinal() ? 1.0 : ncat - 1.0;
   if (thresholds > mostthresholds || cells * sets > mostcells)
     stopwith("The model is too big for %d categories!\n", ncat);
-  if (!run.kind.ordinal) return;
+  if (!run.model.outcome.ordinal()) return;
   for (int v = 1; v <= mdm.nvar1; ++v)
     if (beginswith(leftname(mdm.names1[static_cast<std::size_t>(v)]), "THOLD"))
       stopwith("Variable names starting with THOLD are reserved for ordinal runs\n");
@@ -68,25 +69,25 @@ Array<Name> categorylabels(const double* values, int n) {
 
 void makeequationsets() {
   MdmData& mdm = run.mdm;
-  const bool multi = run.kind.nonlin == 3;
-  const int thresholds = multi && run.kind.ordinal ? std::max(0, run.kind.ncat - 2) : 0;
+  const bool multi = run.model.outcome.categorical();
+  const int thresholds = multi && run.model.outcome.ordinal() ? std::max(0, run.model.outcome.categories - 2) : 0;
   if (multi) checkcategories(thresholds);
-  run.kind.neqsets = multi && !run.kind.ordinal ? run.kind.ncat - 1 : 1;
+  run.model.neqsets = multi && !run.model.outcome.ordinal() ? run.model.outcome.categories - 1 : 1;
   mdm.ncol1 = mdm.nvar1 + 1 + thresholds;
   mdm.maxbeta = mdm.ncol2 * (mdm.ncol1 - 1);
   mdm.names1.resize(static_cast<std::size_t>(mdm.nvar1) + 1);
   mdm.names1.resize(static_cast<std::size_t>(mdm.ncol1));
 
-  ModelSpec earlier = std::move(run.model);
-  run.model = ModelSpec{};
+  Array<int> deletion = std::move(run.model.delete1);
+  OutputControl& out = run.out;
+  Array<int>* const wanted[] = {&out.wanted1vars1, &out.wanted1vars2, &out.wanted1vars3,
+                                &out.wanted2vars2, &out.wanted2vars3, &out.wanted3vars3};
+  std::vector<Array<int>> earlier;
+  for (Array<int>* list : wanted) earlier.push_back(std::move(*list));
   allocatemodel();
-  if (earlier.delete1.size() == run.model.delete1.size()) run.model.delete1 = std::move(earlier.delete1);
-  for (Array<int> ModelSpec::*list : {&ModelSpec::wanted1vars1, &ModelSpec::wanted1vars2, &ModelSpec::wanted1vars3,
-                                      &ModelSpec::wanted2vars2, &ModelSpec::wanted2vars3, &ModelSpec::wanted3vars3}) {
-    const Array<int>& old = earlier.*list;
-    Array<int>& now = run.model.*list;
-    std::copy_n(old.begin(), std::min(old.size(), now.size()), now.begin());
-  }
+  if (deletion.size() == run.model.delete1.size()) run.model.delete1 = std::move(deletion);
+  for (std::size_t i = 0; i < earlier.size(); ++i)
+    std::copy_n(earlier[i].begin(), std::min(earlier[i].size(), wanted[i]->size()), wanted[i]->begin());
   addthresholds(thresholds);
 }
 

@@ -72,15 +72,15 @@ void readkeyword(CommandReader& reader) {
 // would leave them with the wrong length.
 void checkorders() {
   const auto square = [](int n) { return static_cast<std::size_t>(n) * static_cast<std::size_t>(n); };
-  const IterationControl& iter = run.iter;
+  const Restrictions& held = run.model.restrictions;
   const int n2 = randomlevel1(), n3 = randomlevel2();
   const auto late = [](bool wrong, const char* kind, const char* greek) {
     if (wrong) stopwith("%s tau(%s) must be specified after complete model\n", kind, greek);
   };
-  late(iter.haveesttau2 && iter.esttau2.size() != square(n2), "Estimated", "pi");
-  late(iter.haveesttau3 && iter.esttau3.size() != square(n3), "Estimated", "beta");
-  late(iter.havecontau2 && iter.contau2.size() != packedsize(n2), "Constrained", "pi");
-  late(iter.havecontau3 && iter.contau3.size() != packedsize(n3), "Constrained", "beta");
+  late(held.haveesttau2 && held.esttau2.size() != square(n2), "Estimated", "pi");
+  late(held.haveesttau3 && held.esttau3.size() != square(n3), "Estimated", "beta");
+  late(held.havecontau2 && held.contau2.size() != packedsize(n2), "Constrained", "pi");
+  late(held.havecontau3 && held.contau3.size() != packedsize(n3), "Constrained", "beta");
   if (run.out.lvr && run.out.lvrroles.size() != static_cast<std::size_t>(n3))
     stopwith("lvr must be specified after complete model\n");
 
@@ -94,9 +94,9 @@ void checkorders() {
 
 // Every set of equations, and every threshold, that a model of the file must have.
 void checksets(const CommandReader& reader) {
-  const ModelKind& kind = run.kind;
+  const Model& kind = run.model;
   if (!run.answered.level1) return;
-  if (kind.ordinal && reader.nthresholds != kind.ncat - 2)
+  if (kind.outcome.ordinal() && reader.nthresholds != kind.outcome.categories - 2)
     stopwith("There are not enough thresholds specified on the level-1 line.\n");
   if (reader.set + 1 < kind.neqsets)
     stopwith("There are %d sets of equations in the command file where %d are needed!\n", reader.set + 1, kind.neqsets);

@@ -8,38 +8,38 @@
 
 namespace kdr {
 
-void countlevel1() { run.coef.npi = static_cast<int>(modelrows().coefficients.size()); }
+void countlevel1() { run.model.coef.npi = static_cast<int>(modelrows().coefficients.size()); }
 
 void countlevel2() {
   const ModelRows rows = modelrows();
   for (int& count : run.model.nterms2.cells) count = 0;
   for (const CoefficientRow& coefficient : rows.coefficients)
     run.model.nterms2.row(coefficient.set)[coefficient.place] = coefficient.nterms;
-  run.coef.nbeta = static_cast<int>(rows.terms.size());
+  run.model.coef.nbeta = static_cast<int>(rows.terms.size());
 }
 
 void countlevel3() {
   const ModelRows rows = modelrows();
   for (int& count : run.model.nterms3.cells) count = 0;
   for (const TermRow& term : rows.terms) run.model.nterms3.row(rows.owner(term).set)[term.place] = term.neffects;
-  run.coef.ngamma = static_cast<int>(rows.effects.size());
+  run.model.coef.ngamma = static_cast<int>(rows.effects.size());
 }
 
 void countextras() {
-  ModelSpec& model = run.model;
-  for (int e = 0; e < run.kind.neqsets; ++e) {
+  Model& model = run.model;
+  for (int e = 0; e < run.model.neqsets; ++e) {
     for (int c = 0; c < run.mdm.ncol1; ++c) model.nextra2.row(e)[c] = filledslots(model.extra2.row(e, c), maxextra);
     for (int b = 0; b < run.mdm.maxbeta; ++b) model.nextra3.row(e)[b] = filledslots(model.extra3.row(e, b), maxextra);
   }
 
   const ModelRows rows = modelrows();
-  run.coef.gammasubs.reset(rows.effects.size());
+  run.model.coef.gammasubs.reset(rows.effects.size());
   for (std::size_t g = 0; g < rows.effects.size(); ++g) {
     const EffectRow& effect = rows.effects[g];
     char digits[40];
     std::snprintf(digits, sizeof digits, "%1.1d%1.1d%1.1d", rows.owner(effect).subscript, rows.termof(effect).subscript,
                   effect.subscript);
-    std::snprintf(run.coef.gammasubs[g].text, sizeof run.coef.gammasubs[g].text, "%.12s", digits);
+    std::snprintf(run.model.coef.gammasubs[g].text, sizeof run.model.coef.gammasubs[g].text, "%.12s", digits);
   }
 }
 
@@ -65,7 +65,7 @@ int countfixedeffects() { return static_cast<int>(modelrows().effects.size()); }
 
 void labelrandomeffects() {
   const ModelRows rows = modelrows();
-  Coefficients& coef = run.coef;
+  Coefficients& coef = run.model.coef;
   coef.pinames.reset(static_cast<std::size_t>(randomlevel1()));
   coef.betanames1.reset(static_cast<std::size_t>(randomlevel2()));
   coef.betanames2.reset(coef.betanames1.size());
@@ -85,26 +85,26 @@ void markdeletion() {
   for (int v = 1; v <= run.mdm.nvar1; ++v) {
     int& mark = run.model.delete1[static_cast<std::size_t>(v) - 1];
     if (mark == 2) continue;
-    bool used = v == run.out.wgtvar1 || v == run.out.autovknown || (run.kind.nlcount && v == run.kind.nlcntvar);
-    for (int e = 0; e < run.kind.neqsets; ++e) used = used || run.model.use1.row(e)[v] != 0;
+    bool used = v == run.model.wgtvar1 || v == run.model.autovknown ||
+                (run.model.outcome.counted && v == run.model.outcome.countvariable);
+    for (int e = 0; e < run.model.neqsets; ++e) used = used || run.model.use1.row(e)[v] != 0;
     mark = used ? 1 : 0;
   }
 }
 
 void compactlists() {
-  ModelSpec& model = run.model;
   const auto compact = [](const Array<int>& marks, Array<int>& list, int& count) {
     list.reset(marks.size());
     count = 0;
     for (std::size_t v = 1; v < marks.size(); ++v)
       if (marks[v] != 0) list[static_cast<std::size_t>(count++)] = static_cast<int>(v);
   };
-  compact(model.wanted1vars1, model.res1vars1, model.nres1vars1);
-  compact(model.wanted1vars2, model.res1vars2, model.nres1vars2);
-  compact(model.wanted1vars3, model.res1vars3, model.nres1vars3);
-  compact(model.wanted2vars2, model.res2vars2, model.nres2vars2);
-  compact(model.wanted2vars3, model.res2vars3, model.nres2vars3);
-  compact(model.wanted3vars3, model.res3vars3, model.nres3vars3);
+  compact(run.out.wanted1vars1, run.out.res1vars1, run.out.nres1vars1);
+  compact(run.out.wanted1vars2, run.out.res1vars2, run.out.nres1vars2);
+  compact(run.out.wanted1vars3, run.out.res1vars3, run.out.nres1vars3);
+  compact(run.out.wanted2vars2, run.out.res2vars2, run.out.nres2vars2);
+  compact(run.out.wanted2vars3, run.out.res2vars3, run.out.nres2vars3);
+  compact(run.out.wanted3vars3, run.out.res3vars3, run.out.nres3vars3);
 }
 
 }  // namespace kdr

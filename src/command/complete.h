@@ -3,13 +3,13 @@
 
 namespace kdr {
 
-// run.coef.npi.
+// run.model.coef.npi.
 void countlevel1();
-// run.coef.nbeta and run.model.nterms2.
+// run.model.coef.nbeta and run.model.nterms2.
 void countlevel2();
-// run.coef.ngamma and run.model.nterms3.
+// run.model.coef.ngamma and run.model.nterms3.
 void countlevel3();
-// run.model.nextra2, nextra3 and run.coef.gammasubs.
+// run.model.nextra2, nextra3 and run.model.coef.gammasubs.
 void countextras();
 // All of these.
 void completemodel();
@@ -20,7 +20,7 @@ void completemodel();
 // Fixed effects over all sets, as the tables stand, the thresholds of an ordinal model among them.
 [[nodiscard]] int countfixedeffects();
 
-// The labels of the rows of taupi and taubeta: run.coef.pinames, betanames1 and betanames2.
+// The labels of the rows of taupi and taubeta: run.model.coef.pinames, betanames1 and betanames2.
 void labelrandomeffects();
 
 // Marks every variable of the model as one without which a level-1 record cannot be used, when records with missing

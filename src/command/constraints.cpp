@@ -27,8 +27,8 @@ void checkconstraints() {
 }
 
 void makeconstraints() {
-  ModelSpec& model = run.model;
-  const auto n = static_cast<std::size_t>(run.coef.ngamma);
+  Model& model = run.model;
+  const auto n = static_cast<std::size_t>(run.model.coef.ngamma);
   if (model.constraints.size() != n) model.constraints.resize(n);
   checkconstraints();
 
@@ -59,9 +59,9 @@ void makeconstraints() {
 }
 
 void applyconstraints() {
-  ModelSpec& model = run.model;
+  Model& model = run.model;
   model.uncutcontrasts = model.contrasts.copy();
-  const auto full = static_cast<std::size_t>(run.coef.ngamma);
+  const auto full = static_cast<std::size_t>(run.model.coef.ngamma);
   if (full == 0 || model.contrasts.empty()) return;
   const std::size_t rows = model.contrasts.size() / full;
   const std::size_t width = full - static_cast<std::size_t>(model.nconstrained);

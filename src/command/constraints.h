@@ -14,7 +14,7 @@ void makeconstraints();
 
 // Keeps a copy of run.model.contrasts as uncutcontrasts and states contrasts in the reduced gammas: the column of a
 // removed gamma is added to that of the first member of its group, and a row then has ngamma - nconstrained values.
-// Expects run.coef.ngamma as it was before the reduction, and leaves it so.
+// Expects run.model.coef.ngamma as it was before the reduction, and leaves it so.
 void applyconstraints();
 
 }  // namespace kdr

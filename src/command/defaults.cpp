@@ -47,13 +47,10 @@ void resetkeywords() {
   for (std::string* text : {&files.outfile, &files.title, &files.startvals, &files.graphgammas, &files.resfil1name,
                             &files.resfil2name, &files.resfil3name})
     text->clear();
-  run.iter = IterationControl{};
+  run.control = Control{};
   run.out = OutputControl{};
   run.answered = AnsweredMarks{};
-  ModelKind& kind = run.kind;
-  kind.nonlin = kind.ncat = kind.nlcntvar = kind.outvar = 0;
-  kind.ordinal = kind.nlcount = kind.nointercept1 = false;
-  run.model = ModelSpec{};
+  run.model = Model{};
   makeequationsets();
 }
 

@@ -34,9 +34,9 @@ void ordergroups(int groups) {
 
 // A contrast row of hypothesis h behind the rows that stand.
 void askcontrast(int h) {
-  ModelSpec& model = run.model;
+  Model& model = run.model;
   const std::size_t start = model.contrasts.size();
-  model.contrasts.resize(start + static_cast<std::size_t>(run.coef.ngamma));
+  model.contrasts.resize(start + static_cast<std::size_t>(run.model.coef.ngamma));
   ++model.hypothesisrows[static_cast<std::size_t>(h)];
   const ModelRows rows = modelrows();
   for (std::size_t g = 0; g < rows.effects.size(); ++g) {
@@ -46,7 +46,7 @@ void askcontrast(int h) {
         formatted(" Enter contrast value for %8.8s/%8.8s/%8.8s, G%s (0 to ignore)",
                   run.mdm.names1[static_cast<std::size_t>(rows.owner(effect).variable)].text,
                   run.mdm.names2[static_cast<std::size_t>(rows.termof(effect).variable)].text,
-                  run.mdm.names3[static_cast<std::size_t>(effect.variable)].text, run.coef.gammasubs[g].text);
+                  run.mdm.names3[static_cast<std::size_t>(effect.variable)].text, run.model.coef.gammasubs[g].text);
     model.contrasts[start + g] = askreal(prompt.c_str(), -1000000.0, 1000000.0);
   }
 }
@@ -102,12 +102,12 @@ void asklvrroles() {
 
 // What cannot be done is told here and asked again, before the answers that follow would be in vain.
 void asklvr() {
-  if (run.answered.lvr || (run.kind.nonlin == 3 && !run.kind.ordinal)) return;
+  if (run.answered.lvr || (run.model.outcome.family == Family::multinomial)) return;
   for (int tries = 0; tries < maxtries; ++tries) {
     if (!askyesno("Do you want to do a latent variable regression on tau(beta)?")) return;
     if (randomlevel2() == 0) {
       std::printf("There is no tau, so lvr cannot be used!\n");
-    } else if (run.iter.fishertype == 0) {
+    } else if (run.control.fishertype == 0) {
       std::printf("You cannot do LVR and set fishertype:0!\n");
     } else {
       asklvrroles();
@@ -135,9 +135,9 @@ bool askresidualfile(int level, int nvar, const Array<Name>& names, Array<int>& 
 void askresiduals() {
   bool wanted = false;
   if (!run.answered.resfil2)
-    wanted = run.out.resfil2 = askresidualfile(2, run.mdm.nvar2, run.mdm.names2, run.model.wanted2vars2);
+    wanted = run.out.resfil2 = askresidualfile(2, run.mdm.nvar2, run.mdm.names2, run.out.wanted2vars2);
   if (!run.answered.resfil3) {
-    run.out.resfil3 = askresidualfile(3, run.mdm.nvar3, run.mdm.names3, run.model.wanted3vars3);
+    run.out.resfil3 = askresidualfile(3, run.mdm.nvar3, run.mdm.names3, run.out.wanted3vars3);
     wanted = wanted || run.out.resfil3;
   }
   // A residual file of the command file has its type from there, or the usual one.
@@ -160,14 +160,14 @@ void asktitle() {
 void constraintquestions() {
   if (run.answered.constrain) return;
   Array<int>& constraints = run.model.constraints;
-  constraints.reset(static_cast<std::size_t>(run.coef.ngamma));
+  constraints.reset(static_cast<std::size_t>(run.model.coef.ngamma));
   const ModelRows rows = modelrows();
   int groups = 0;
   while (askyesno("Do you want to constrain any (more) of the gammas?")) {
     bool chosen = false;
     for (std::size_t g = 0; g < constraints.size(); ++g) {
       if (constraints[g] != 0 || rows.owner(rows.effects[g]).threshold) continue;
-      if (!askyesno(formatted(" Do you want to constrain G%s?", run.coef.gammasubs[g].text).c_str())) continue;
+      if (!askyesno(formatted(" Do you want to constrain G%s?", run.model.coef.gammasubs[g].text).c_str())) continue;
       constraints[g] = groups + 1;
       chosen = true;
     }
@@ -190,7 +190,7 @@ void outputquestions() {
     centertitle("OUTPUT SPECIFICATION\n");
   askresiduals();
   if (!read.iterations) {
-    run.iter.numit = asknumber("How many iterations do you want to do?", 0, 10000);
+    run.control.numit = asknumber("How many iterations do you want to do?", 0, 10000);
     run.answered.iterations = true;
   }
   asktitle();

@@ -7,7 +7,7 @@
 namespace kdr {
 
 // Kind of outcome, outcome, the equations of the three levels, centering, random effects, basis for deletion and
-// exploratory variables. Fills run.model and run.kind, and counts and labels as completemodel does.
+// exploratory variables. Fills run.model and run.model, and counts and labels as completemodel does.
 void modelquestions();
 // Groups of gammas that are to be equal, into run.model.constraints. Before makeconstraints.
 void constraintquestions();

@@ -39,12 +39,13 @@ std::vector<Term> termsof(std::string_view equation) {
 // the writer puts before it states the same equation with the outcome and the marks of the model.
 std::string statedequation(const std::string& before, const std::string& value) {
   constexpr std::string_view head = "#KDR3 LEVEL1:";
-  if (run.kind.nonlin == 0 || !beginswith(before, head)) return value;
+  if (run.model.outcome.linear() || !beginswith(before, head)) return value;
   const std::string stated = before.substr(head.size());
   const std::size_t equals = value.find('='), statedequals = stated.find('=');
   if (equals == std::string::npos || statedequals == std::string::npos) return value;
   const std::string outcome(trimmed(std::string_view(value).substr(0, equals)));
-  const std::string working(run.kind.nonlin == 3 ? trimmed(std::string_view(stated).substr(0, statedequals)) : "Z");
+  const std::string working(run.model.outcome.categorical() ? trimmed(std::string_view(stated).substr(0, statedequals))
+                                                            : "Z");
   if (!sameword(outcome, working)) return value;
   const std::vector<Term> terms = termsof(std::string_view(value).substr(equals + 1));
   const std::vector<Term> statedterms = termsof(std::string_view(stated).substr(statedequals + 1));
@@ -136,7 +137,7 @@ void addterm(int* row, int width, int v, const Term& term, const Name& owner) {
 
 // The LEVEL3: line of the level-2 coefficient whose variable is `owner`, if it stands next.
 void readlevel3(CommandReader& reader, int owner) {
-  ModelSpec& model = run.model;
+  Model& model = run.model;
   const int e = reader.set, b = reader.ncoef2++;
   if (b >= run.mdm.maxbeta) stopwith("There are too many level-2 coefficients!\n");
   const Name& ownername = run.mdm.names2[static_cast<std::size_t>(owner)];
@@ -156,16 +157,16 @@ void readlevel3(CommandReader& reader, int owner) {
     if (v == 0) continue;
     const auto at = static_cast<std::size_t>(v);
     if (term.option == '2') model.center3[at] = 2;
-    model.wanted1vars3[at] = model.wanted2vars3[at] = model.wanted3vars3[at] = 1;
+    run.out.wanted1vars3[at] = run.out.wanted2vars3[at] = run.out.wanted3vars3[at] = 1;
   }
   if (!equation.random) model.fixed2.row(e)[b] = 1;
 }
 
 // The LEVEL2: line of the level-1 coefficient whose variable is `owner`, if it stands next.
 void readlevel2(CommandReader& reader, int owner) {
-  ModelSpec& model = run.model;
+  Model& model = run.model;
   const int e = reader.set, c = reader.ncoef1++;
-  const bool threshold = run.kind.ordinal && owner > run.mdm.nvar1;
+  const bool threshold = run.model.outcome.ordinal() && owner > run.mdm.nvar1;
   if (threshold) model.fixed1.row(e)[c] = 1;
   const Name ownername = run.mdm.names1[static_cast<std::size_t>(owner)];
   if (!nextequation(reader, "LEVEL2:")) {
@@ -186,7 +187,7 @@ void readlevel2(CommandReader& reader, int owner) {
     if (v > 0) {
       const auto at = static_cast<std::size_t>(v);
       if (term.option == '1' || term.option == '2') model.center2[at] = term.option - '0';
-      model.wanted1vars2[at] = model.wanted2vars2[at] = 1;
+      run.out.wanted1vars2[at] = run.out.wanted2vars2[at] = 1;
     }
     readlevel3(reader, v);
   }
@@ -195,21 +196,21 @@ void readlevel2(CommandReader& reader, int owner) {
 
 void readoutcome(const CommandReader& reader, const std::string& name) {
   const int v = variable("outvar", name, run.mdm.names1, run.mdm.ncol1 - 1);
-  if (reader.set > 0 && v != run.kind.outvar) stopwith("All equations of level 1 must have the same outcome!\n");
-  run.kind.outvar = v;
+  if (reader.set > 0 && v != run.model.outvar) stopwith("All equations of level 1 must have the same outcome!\n");
+  run.model.outvar = v;
   run.model.use1.row(reader.set)[v] = -1;
-  run.model.wanted1vars1[static_cast<std::size_t>(v)] = 1;
+  run.out.wanted1vars1[static_cast<std::size_t>(v)] = 1;
 }
 
 void readpredictor(CommandReader& reader, const Term& term, int& last) {
   if (beginswith(term.name, "THOLD")) {
     ++reader.nthresholds;
-    if (run.kind.ordinal && reader.nthresholds > run.kind.ncat - 2)
-      stopwith("You have specified more than %d thresholds in the command file!\n", run.kind.ncat - 2);
+    if (run.model.outcome.ordinal() && reader.nthresholds > run.model.outcome.categories - 2)
+      stopwith("You have specified more than %d thresholds in the command file!\n", run.model.outcome.categories - 2);
   }
   const int v = variable("level1", term.name, run.mdm.names1, run.mdm.ncol1 - 1);
   if (v < last) fail(10);
-  if (v == last || v == run.kind.outvar) repeated(term.name, "level 1");
+  if (v == last || v == run.model.outvar) repeated(term.name, "level 1");
   last = v;
   run.model.use1.row(reader.set)[v] = 1;
   if (v > run.mdm.nvar1 && term.option != '\0')
@@ -225,7 +226,7 @@ void readpredictor(CommandReader& reader, const Term& term, int& last) {
 }  // namespace
 
 void readlevel1(CommandReader& reader, const std::string& value) {
-  if (++reader.set >= run.kind.neqsets) stopwith("You have too many sets of equations!\n");
+  if (++reader.set >= run.model.neqsets) stopwith("You have too many sets of equations!\n");
   run.answered.level1 = true;
   reader.ncoef1 = reader.ncoef2 = reader.nthresholds = 0;
   const std::string equation = statedequation(reader.lines.before, value);
@@ -244,7 +245,7 @@ void readlevel1(CommandReader& reader, const std::string& value) {
     const std::size_t plus = terms.find('+');
     terms = plus == std::string_view::npos ? std::string_view() : terms.substr(plus + 1);
   } else {
-    run.kind.nointercept1 = true;
+    run.model.nointercept1 = true;
   }
   int last = 0;
   for (const Term& term : termsof(terms))

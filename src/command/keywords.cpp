@@ -42,8 +42,8 @@ void setflag(bool& flag, const char* keyword, const std::string& value) {
 
 void setcontinue(const std::string& value) {
   const char letter = firstletter(behindcomma(value));
-  if (letter == 'N') run.iter.numitcontinue = 0;
-  if (letter == 'Y') run.iter.numitcontinue = 1;
+  if (letter == 'N') run.control.numitcontinue = 0;
+  if (letter == 'Y') run.control.numitcontinue = 1;
 }
 
 void setpath(std::string& path, const std::string& value) {
@@ -69,28 +69,28 @@ void setwhole(int& field, const char* keyword, const std::string& value) {
 }
 
 void readnumit(CommandReader&, const std::string& value) {
-  run.iter.numit = wholenumber(value);
+  run.control.numit = wholenumber(value);
   run.answered.iterations = run.answered.numit = true;
-  if (run.iter.numit < 1) stopwith("numit must be greater than 0!\n");
+  if (run.control.numit < 1) stopwith("numit must be greater than 0!\n");
   setcontinue(value);
 }
 
 void readmacroit(CommandReader&, const std::string& value) {
   beginswithnumber("MACROIT", value);
-  run.iter.macroit = wholenumber(value);
-  if (run.iter.macroit < 0) stopwith("macroit must be greater than 0!\n");
+  run.control.macroit = wholenumber(value);
+  if (run.control.macroit < 0) stopwith("macroit must be greater than 0!\n");
   setcontinue(value);
 }
 
 void readmicroit(CommandReader&, const std::string& value) {
-  run.iter.numit = wholenumber(value);
+  run.control.numit = wholenumber(value);
   run.answered.iterations = true;
-  if (run.iter.numit < 1) stopwith("microit must be greater than 0!\n");
+  if (run.control.numit < 1) stopwith("microit must be greater than 0!\n");
 }
 
 void readtaylor(CommandReader&, const std::string& value) {
-  run.iter.taylor = wholenumber(value);
-  if (run.iter.taylor != 2 && run.iter.taylor != 4) stopwith("taylor must be set to 2 or 4!\n");
+  run.control.taylor = wholenumber(value);
+  if (run.control.taylor != 2 && run.control.taylor != 4) stopwith("taylor must be set to 2 or 4!\n");
 }
 
 void readprintvc(CommandReader&, const std::string& value) {
@@ -112,16 +112,17 @@ void readpopavit(CommandReader&, const std::string& value) {
   const char letter = firstletter(value);
   if (letter == 'N') return;
   if (letter != 'Y') wantnumber("POPAVIT", value);
-  run.iter.popavit = letter == 'Y' ? 1 : wholenumber(value);
+  run.control.popavit = letter == 'Y' ? 1 : wholenumber(value);
 }
 
 void readlaplace(CommandReader&, const std::string& value) {
   if (!isyes("LAPLACE", value)) return;
-  run.iter.laplace = true;
+  run.control.laplace = true;
   if (value.find(',') == std::string::npos) return;
   const std::string iterations = behindcomma(value);
-  run.iter.laplaceit = wholenumber(iterations);
-  if (!isreal(iterations) || run.iter.laplaceit < 0) stopwith("The number of Laplace iterations must be 0 or more!\n");
+  run.control.laplaceit = wholenumber(iterations);
+  if (!isreal(iterations) || run.control.laplaceit < 0)
+    stopwith("The number of Laplace iterations must be 0 or more!\n");
 }
 
 void readagq(CommandReader&, const std::string& value) {
@@ -129,39 +130,41 @@ void readagq(CommandReader&, const std::string& value) {
   const auto fields = split(value, ',');
   if (fields.size() < 3 || fields[1].empty() || fields[2].empty())
     stopwith("\nMaximum number of iterations and quadrature points must be specified.\n");
-  run.iter.agqit = wholenumber(fields[1]);
-  run.iter.agqpoints = wholenumber(fields[2]);
+  run.control.agqit = wholenumber(fields[1]);
+  run.control.agqpoints = wholenumber(fields[2]);
   // From 3 points on the nodes are found.
-  if (run.iter.agqpoints < 3) stopwith("\nToo many iterations in gauher!\n");
+  if (run.control.agqpoints < 3) stopwith("\nToo many iterations in gauher!\n");
 }
 
 void readagqderivlevel(CommandReader&, const std::string& value) {
-  run.iter.agqderivlevel = wholenumber(value);
-  if (run.iter.agqderivlevel != 1 && run.iter.agqderivlevel != 2) stopwith("agqderivlevel must be set to 1 or 2!\n");
+  run.control.agqderivlevel = wholenumber(value);
+  if (run.control.agqderivlevel != 1 && run.control.agqderivlevel != 2)
+    stopwith("agqderivlevel must be set to 1 or 2!\n");
 }
 
 void readfixsigma2(CommandReader&, const std::string& value) {
   if (firstletter(value) == 'N') return;
-  run.iter.fixsigma2 = realnumber(value);
-  if (!isreal(value) || run.iter.fixsigma2 < 0.0) stopwith("fixsigma2 must be N or a number of 0 or more!\n");
+  run.model.restrictions.fixsigma2 = realnumber(value);
+  if (!isreal(value) || run.model.restrictions.fixsigma2 < 0.0)
+    stopwith("fixsigma2 must be N or a number of 0 or more!\n");
   wantnumber("FIXSIGMA2", value);
 }
 
 void readstopval(CommandReader&, const std::string& value) {
   wantnumber("STOPVAL", value);
-  run.iter.stopval = realnumber(value);
+  run.control.stopval = realnumber(value);
   run.answered.stopval = true;
 }
 
 void readstopmicro(CommandReader&, const std::string& value) {
   wantnumber("STOPMICRO", value);
-  run.iter.stopval = realnumber(value);
+  run.control.stopval = realnumber(value);
   run.answered.stopmicro = true;
 }
 
 void readstopmacro(CommandReader&, const std::string& value) {
   wantnumber("STOPMACRO", value);
-  run.iter.stopmacro = realnumber(value);
+  run.control.stopmacro = realnumber(value);
 }
 
 void readstartvals(CommandReader&, const std::string& value) {
@@ -188,13 +191,13 @@ void readhypoth(CommandReader&, const std::string& value) {
 }
 
 void readdofisher(CommandReader&, const std::string& value) {
-  if (isyes("DOFISHER", value)) run.iter.fishertype = 2;
-  if (firstletter(value) == 'N') run.iter.fishertype = 0;
+  if (isyes("DOFISHER", value)) run.control.fishertype = 2;
+  if (firstletter(value) == 'N') run.control.fishertype = 0;
 }
 
 void readfishertype(CommandReader&, const std::string& value) {
   if (value[0] < '0' || value[0] > '2') stopwith("\nInvalid type of Fisher acceleration.\n Valid are 0, 1 and 2\n");
-  run.iter.fishertype = value[0] - '0';
+  run.control.fishertype = value[0] - '0';
 }
 
 void readtitle(CommandReader&, const std::string& value) {
@@ -214,16 +217,16 @@ int weightvariable(const char* what, const std::string& value, const Array<Name>
 }
 
 void readweight1(CommandReader&, const std::string& value) {
-  run.out.wgtvar1 = weightvariable("wgtvar1", value, run.mdm.names1, run.mdm.nvar1);
+  run.model.wgtvar1 = weightvariable("wgtvar1", value, run.mdm.names1, run.mdm.nvar1);
 }
 void readweight2(CommandReader&, const std::string& value) {
-  run.out.wgtvar2 = weightvariable("wgtvar2", value, run.mdm.names2, run.mdm.nvar2);
+  run.model.wgtvar2 = weightvariable("wgtvar2", value, run.mdm.names2, run.mdm.nvar2);
 }
 void readweight3(CommandReader&, const std::string& value) {
-  run.out.wgtvar3 = weightvariable("wgtvar3", value, run.mdm.names3, run.mdm.nvar3);
+  run.model.wgtvar3 = weightvariable("wgtvar3", value, run.mdm.names3, run.mdm.nvar3);
 }
 void readvarianceknown(CommandReader&, const std::string& value) {
-  run.out.autovknown = weightvariable("autovknown", value, run.mdm.names1, run.mdm.nvar1);
+  run.model.autovknown = weightvariable("autovknown", value, run.mdm.names1, run.mdm.nvar1);
 }
 
 void readresfiltype(CommandReader&, const std::string& value) {
@@ -242,7 +245,7 @@ void readresfiltype(CommandReader&, const std::string& value) {
 
 // In the order of comparison: the first match wins.
 constexpr Keyword keywords[] = {
-    {"ACCEL:", 0, [](CommandReader&, const std::string& value) { setwhole(run.iter.accel, "ACCEL", value); }},
+    {"ACCEL:", 0, [](CommandReader&, const std::string& value) { setwhole(run.control.accel, "ACCEL", value); }},
     {"TAYLOR:", 0, readtaylor},
     {"PRINTVARIANCE-COVARIANCE:", 0, readprintvc},
     {"GRAPHGAMMAS:", 0, readgraph},
@@ -257,7 +260,7 @@ constexpr Keyword keywords[] = {
     {"AGQDERIVLEVEL:", 0, readagqderivlevel},
     {"PLAUSVALS:", 0, readplausvals},
     {"LVR-BETA:", 0, readlvr},
-    {"HETIT:", 0, [](CommandReader&, const std::string& value) { setwhole(run.iter.hetit, "HETIT", value); }},
+    {"HETIT:", 0, [](CommandReader&, const std::string& value) { setwhole(run.control.hetit, "HETIT", value); }},
     {"NOBASE:", 0, [](CommandReader&, const std::string&) { run.answered.nobase = true; }},
     {"FIXSIGMA2:", 0, readfixsigma2},
     {"STOPVAL:", 0, readstopval},
@@ -280,15 +283,19 @@ constexpr Keyword keywords[] = {
     {"FULLOUTPUT:", 0,
      [](CommandReader&, const std::string& value) { setflag(run.out.fulloutput, "FULLOUTPUT", value); }},
     {"DIAGONALIZETAUPI:", 0,
-     [](CommandReader&, const std::string& value) { setflag(run.out.diagtaupi, "DIAGONALIZETAUPI", value); }},
+     [](CommandReader&, const std::string& value) {
+       setflag(run.model.restrictions.diagtaupi, "DIAGONALIZETAUPI", value);
+     }},
     {"DIAGONALIZETAUBETA:", 0,
-     [](CommandReader&, const std::string& value) { setflag(run.out.diagtaubeta, "DIAGONALIZETAUBETA", value); }},
+     [](CommandReader&, const std::string& value) {
+       setflag(run.model.restrictions.diagtaubeta, "DIAGONALIZETAUBETA", value);
+     }},
     {"LEVEL1WEIGHT:", 0, readweight1},
     {"LEVEL2WEIGHT:", 0, readweight2},
     {"LEVEL3WEIGHT:", 0, readweight3},
     {"VARIANCEKNOWN:", 0, readvarianceknown},
-    {"FIXTAU2:", 0, [](CommandReader&, const std::string& value) { setwhole(run.iter.fixtau2, "FIXTAU2", value); }},
-    {"FIXTAU3:", 0, [](CommandReader&, const std::string& value) { setwhole(run.iter.fixtau3, "FIXTAU3", value); }},
+    {"FIXTAU2:", 0, [](CommandReader&, const std::string& value) { setwhole(run.control.fixtau2, "FIXTAU2", value); }},
+    {"FIXTAU3:", 0, [](CommandReader&, const std::string& value) { setwhole(run.control.fixtau3, "FIXTAU3", value); }},
     {"LEVEL1:", 0, readlevel1},
     {"RESFIL1:", 0, readresfil1},
     {"RESFIL2:", 0, readresfil2},
@@ -300,7 +307,7 @@ constexpr Keyword keywords[] = {
     {"RESFILRECNUM:", 0,
      [](CommandReader&, const std::string& value) { setflag(run.out.resfilrecnum, "RESFILRECNUM", value); }},
     {"RESULTS:", 0, readresults},
-    {"DEBUG:", 0, [](CommandReader&, const std::string& value) { setwhole(run.iter.debug, "DEBUG", value); }},
+    {"DEBUG:", 0, [](CommandReader&, const std::string& value) { setwhole(run.control.debug, "DEBUG", value); }},
 };
 
 }  // namespace

@@ -24,28 +24,28 @@ struct TauFields {
   const char *greek, *keyword;
   int number;
   int (*order)();
-  bool IterationControl::*haveest;
-  Array<double> IterationControl::*est;
-  bool IterationControl::*havecon;
-  Array<int> IterationControl::*con;
+  bool Restrictions::*haveest;
+  Array<double> Restrictions::*est;
+  bool Restrictions::*havecon;
+  Array<int> Restrictions::*con;
 };
 
 constexpr TauFields taupi = {"pi",
                              "esttau2",
                              1,
                              randomlevel1,
-                             &IterationControl::haveesttau2,
-                             &IterationControl::esttau2,
-                             &IterationControl::havecontau2,
-                             &IterationControl::contau2};
+                             &Restrictions::haveesttau2,
+                             &Restrictions::esttau2,
+                             &Restrictions::havecontau2,
+                             &Restrictions::contau2};
 constexpr TauFields taubeta = {"beta",
                                "esttau3",
                                2,
                                randomlevel2,
-                               &IterationControl::haveesttau3,
-                               &IterationControl::esttau3,
-                               &IterationControl::havecontau3,
-                               &IterationControl::contau3};
+                               &Restrictions::haveesttau3,
+                               &Restrictions::esttau3,
+                               &Restrictions::havecontau3,
+                               &Restrictions::contau3};
 
 // Elements of the lower triangle of a tau.
 long long triangle(int order) { return static_cast<long long>(order) * (order + 1) / 2; }
@@ -85,16 +85,16 @@ void readesttau(CommandReader& reader, const TauFields& tau, const std::string& 
       if (!free && !isreal(element)) stopwith("Invalid number in %s specification: %s\n", tau.keyword, element.c_str());
       matrix[at(i) * at(d) + at(j)] = matrix[at(j) * at(d) + at(i)] = free ? missingcode : realnumber(element);
     }
-  run.iter.*tau.est = std::move(matrix);
-  run.iter.*tau.haveest = true;
+  run.model.restrictions.*tau.est = std::move(matrix);
+  run.model.restrictions.*tau.haveest = true;
 }
 
 void readcontau(CommandReader& reader, const TauFields& tau, const std::string& value) {
   needmodel("Constrained", tau);
   const long long places = triangle(tau.order());
-  Array<int>& codes = run.iter.*tau.con;
-  if (!(run.iter.*tau.havecon)) codes.reset(static_cast<std::size_t>(places));
-  run.iter.*tau.havecon = true;
+  Array<int>& codes = run.model.restrictions.*tau.con;
+  if (!(run.model.restrictions.*tau.havecon)) codes.reset(static_cast<std::size_t>(places));
+  run.model.restrictions.*tau.havecon = true;
   const std::vector<std::string> elements = split(value, ',');
   checklength(reader, elements.size(), static_cast<std::size_t>(places), "such elements");
   int first = 0;
@@ -139,14 +139,13 @@ void refuselatetables() {
 void readnonlin(CommandReader&, const std::string& value) {
   struct Type {
     const char* word;
-    int nonlin;
-    bool ordinal;
+    Family family;
   };
-  constexpr Type types[] = {{"BINOMIAL", 1, false},
-                            {"BERNOULLI", 1, false},
-                            {"POISSON", 2, false},
-                            {"MULTINOMIAL", 3, false},
-                            {"ORDINAL", 3, true}};
+  constexpr Type types[] = {{"BINOMIAL", Family::binomial},
+                            {"BERNOULLI", Family::binomial},
+                            {"POISSON", Family::poisson},
+                            {"MULTINOMIAL", Family::multinomial},
+                            {"ORDINAL", Family::ordinal}};
   run.answered.nonlin = true;
   if (firstletter(value) == 'N') return;
   const Type* type = nullptr;
@@ -156,21 +155,23 @@ void readnonlin(CommandReader&, const std::string& value) {
     stopwith("Incorrect non-linear type: %s\n Valid are N, BERNOULLI, BINOMIAL, POISSON, MULTINOMIAL and ORDINAL\n",
              value.c_str());
 
-  ModelKind& kind = run.kind;
-  const bool newtables = type->nonlin == 3 || kind.nonlin == 3;
+  Model& kind = run.model;
+  const bool newtables = Outcome{type->family}.categorical() || kind.outcome.categorical();
   if (newtables) refuselatetables();
-  kind.nonlin = type->nonlin;
-  kind.ordinal = type->ordinal;
+  kind.outcome.family = type->family;
   const std::vector<std::string> fields = split(value, ',');
   const std::string second = fields.size() > 1 ? fields[1] : "";
-  if (type->nonlin == 3) {
+  if (kind.outcome.categorical()) {
     if (second.empty()) stopwith("For multinomial/ordinal, you must specify the number of categories\n");
-    kind.ncat = wholenumber(second);
+    kind.outcome.categories = wholenumber(second);
   } else if (fields.size() > 1) {
-    kind.nlcntvar = variable("nlcntvar", second, run.mdm.names1, run.mdm.nvar1);
-    kind.nlcount = true;
-    run.model.wanted1vars1[at(kind.nlcntvar)] = 1;
+    kind.outcome.countvariable = variable("nlcntvar", second, run.mdm.names1, run.mdm.nvar1);
+    kind.outcome.counted = true;
+    run.out.wanted1vars1[at(kind.outcome.countvariable)] = 1;
   }
+  // One trial each: a Bernoulli outcome.
+  if (kind.outcome.link() == Link::logit)
+    kind.outcome.family = kind.outcome.counted ? Family::binomial : Family::bernoulli;
   if (newtables) makeequationsets();
 }
 
@@ -276,9 +277,9 @@ void readresfil1(CommandReader& reader, const std::string& value) {
   if (firstletter(value) == 'N') return;
   run.out.resfil1 = true;
   const std::vector<std::string> lists = slashlists(value, 3);
-  marklist(reader, "resfil1", lists[0], run.mdm.names1, run.mdm.nvar1, run.model.wanted1vars1);
-  marklist(reader, "resfil1", lists[1], run.mdm.names2, run.mdm.nvar2, run.model.wanted1vars2);
-  marklist(reader, "resfil1", lists[2], run.mdm.names3, run.mdm.nvar3, run.model.wanted1vars3);
+  marklist(reader, "resfil1", lists[0], run.mdm.names1, run.mdm.nvar1, run.out.wanted1vars1);
+  marklist(reader, "resfil1", lists[1], run.mdm.names2, run.mdm.nvar2, run.out.wanted1vars2);
+  marklist(reader, "resfil1", lists[2], run.mdm.names3, run.mdm.nvar3, run.out.wanted1vars3);
 }
 
 void readresfil2(CommandReader& reader, const std::string& value) {
@@ -286,15 +287,15 @@ void readresfil2(CommandReader& reader, const std::string& value) {
   if (firstletter(value) == 'N') return;
   run.out.resfil2 = true;
   const std::vector<std::string> lists = slashlists(value, 2);
-  marklist(reader, "resfil2", lists[0], run.mdm.names2, run.mdm.nvar2, run.model.wanted2vars2);
-  marklist(reader, "resfil2", lists[1], run.mdm.names3, run.mdm.nvar3, run.model.wanted2vars3);
+  marklist(reader, "resfil2", lists[0], run.mdm.names2, run.mdm.nvar2, run.out.wanted2vars2);
+  marklist(reader, "resfil2", lists[1], run.mdm.names3, run.mdm.nvar3, run.out.wanted2vars3);
 }
 
 void readresfil3(CommandReader& reader, const std::string& value) {
   run.answered.resfil3 = true;
   if (firstletter(value) == 'N') return;
   run.out.resfil3 = true;
-  marklist(reader, "resfil3", slashlists(value, 1)[0], run.mdm.names3, run.mdm.nvar3, run.model.wanted3vars3);
+  marklist(reader, "resfil3", slashlists(value, 1)[0], run.mdm.names3, run.mdm.nvar3, run.out.wanted3vars3);
 }
 
 }  // namespace kdr

@@ -27,7 +27,7 @@ std::string subscripts(const CoefficientRow& owner, const TermRow& term) {
   return formatted("%1.1d%1.1d", owner.subscript, term.subscript);
 }
 
-bool multinomial() { return run.kind.nonlin == 3 && !run.kind.ordinal; }
+bool multinomial() { return run.model.outcome.family == Family::multinomial; }
 
 void asknonlinear() {
   if (run.answered.nonlin || run.answered.level1) return;
@@ -36,11 +36,11 @@ void asknonlinear() {
       "Enter type of non-linear analysis:\n\n\t1) Bernoulli (0 or 1)\n\t2) Binomial (count)\n"
       "\t3) Poisson  (constant exposure)\n\t4) Poisson  (variable exposure)\n\t5) Multinomial\n\t6) Ordinal\n\n");
   const int type = asknumber("type of analysis:", 1, 6);
-  ModelKind& kind = run.kind;
-  IterationControl& iter = run.iter;
-  kind.nonlin = (type + 1) / 2;
-  kind.nlcount = type == 2 || type == 4;
-  kind.ordinal = type == 6;
+  Model& kind = run.model;
+  Control& iter = run.control;
+  constexpr Outcome outcomes[] = {{Family::bernoulli},        {Family::binomial, 0, true}, {Family::poisson},
+                                  {Family::poisson, 0, true}, {Family::multinomial},       {Family::ordinal}};
+  kind.outcome = outcomes[type - 1];
   iter.macroit = asknumber("Enter maximum number of macro iterations:", 1, 100000);
   iter.numit = asknumber("Enter maximum number of micro iterations:", 1, 100000);
   // The file's keywords of a linear run: its iterations are asked for anew, its criterion is that of the micro ones.
@@ -49,8 +49,8 @@ void asknonlinear() {
   read.numit = false;
   read.stopmicro = read.stopmicro || read.stopval;
   read.stopval = false;
-  if (kind.nonlin != 3) {
-    if (!askyesno("Do you wish to allow over-dispersion at level 1?")) iter.fixsigma2 = 1.0;
+  if (!kind.outcome.categorical()) {
+    if (!askyesno("Do you wish to allow over-dispersion at level 1?")) kind.restrictions.fixsigma2 = 1.0;
     iter.popavit = 1;
   }
   if (type != 1 || !askyesno("Do you want to do the Laplace-6 iterations?")) return;
@@ -59,14 +59,15 @@ void asknonlinear() {
 }
 
 void askoutcome() {
-  ModelKind& kind = run.kind;
+  Model& kind = run.model;
   if (kind.outvar != 0) return;
   centertitle("SPECIFYING A LEVEL-1 OUTCOME VARIABLE");
   showchoices("Please specify a level-1 outcome variable", run.mdm.nvar1, run.mdm.names1, 0);
   const int outcome = askvariable("What is the outcome variable:", 1, run.mdm.nvar1, run.mdm.names1);
-  if (kind.nonlin == 3 && kind.ncat == 0) {
+  if (kind.outcome.categorical() && kind.outcome.categories == 0) {
     const std::string name = leftname(run.mdm.names1[static_cast<std::size_t>(outcome)]);
-    kind.ncat = asknumber(formatted("How many categories does %s have?", name.c_str()).c_str(), 2, 1000000);
+    kind.outcome.categories =
+        asknumber(formatted("How many categories does %s have?", name.c_str()).c_str(), 2, 1000000);
     makeequationsets();
   }
   kind.outvar = outcome;
@@ -74,25 +75,25 @@ void askoutcome() {
     run.model.use1.row(e)[outcome] = -1;
     run.model.use1.row(e)[0] = 1;
   }
-  run.model.wanted1vars1[static_cast<std::size_t>(outcome)] = 1;
+  run.out.wanted1vars1[static_cast<std::size_t>(outcome)] = 1;
 }
 
 void asklevel1() {
   if (run.answered.level1) return;
   std::printf("Level-1 predictor variable specification\n");
-  showchoices("Which level-1 predictors do you wish to use?", run.mdm.nvar1, run.mdm.names1, run.kind.outvar);
+  showchoices("Which level-1 predictors do you wish to use?", run.mdm.nvar1, run.mdm.names1, run.model.outvar);
   int* use = run.model.use1.row(0);
   for (int n = 0; n < run.mdm.nvar1;) {
     const int v = askvariable("level-1 predictor? (Enter 0 to end)", 0, run.mdm.nvar1, run.mdm.names1);
     if (v == 0) break;
     if (use[v] != 0) {
-      std::printf("%s", v == run.kind.outvar ? isoutcome : alreadychosen);
+      std::printf("%s", v == run.model.outvar ? isoutcome : alreadychosen);
       continue;
     }
     use[v] = 1;
     ++n;
   }
-  for (int e = 1; e < run.kind.neqsets; ++e)
+  for (int e = 1; e < run.model.neqsets; ++e)
     for (int v = 0; v < run.mdm.ncol1; ++v) run.model.use1.row(e)[v] = use[v];
 }
 
@@ -103,24 +104,24 @@ void fixthresholds() {
 }
 
 void askcountvariable() {
-  if (!run.kind.nlcount || run.answered.nonlin) return;
+  if (!run.model.outcome.counted || run.answered.nonlin) return;
   const std::string prompt = formatted("\nFor the non-linear analysis, which variable indicates the %s",
-                                       run.kind.nonlin == 1 ? "number of trials?" : "exposure?");
+                                       run.model.outcome.link() == Link::logit ? "number of trials?" : "exposure?");
   int v = askvariable(prompt.c_str(), 1, run.mdm.nvar1, run.mdm.names1);
   for (int tries = 1; run.model.use1.row(0)[v] != 0; ++tries) {
     std::printf("%s", alreadychosen);
     if (tries == maxtries) noproperresponse();
     v = askvariable(prompt.c_str(), 1, run.mdm.nvar1, run.mdm.names1);
   }
-  run.kind.nlcntvar = v;
-  run.model.wanted1vars1[static_cast<std::size_t>(v)] = 1;
+  run.model.outcome.countvariable = v;
+  run.out.wanted1vars1[static_cast<std::size_t>(v)] = 1;
 }
 
 void askintercept1() {
   if (run.answered.level1 || run.answered.nobase) return;
   if (!askyesno("\nDo you want to set the level-1 intercept to zero in this analysis?")) return;
-  run.kind.nointercept1 = true;
-  for (int e = 0; e < run.kind.neqsets; ++e) run.model.use1.row(e)[0] = 0;
+  run.model.nointercept1 = true;
+  for (int e = 0; e < run.model.neqsets; ++e) run.model.use1.row(e)[0] = 0;
 }
 
 // How each variable of a level that `used` marks is to be centered. `choices` are the digits that are answers; `asked`
@@ -145,7 +146,7 @@ void askcentering1() {
   if (run.answered.level1) return;
   Array<int> used(static_cast<std::size_t>(run.mdm.nvar1) + 1);
   for (int v = 1; v <= run.mdm.nvar1; ++v) used[static_cast<std::size_t>(v)] = run.model.use1.row(0)[v] == 1;
-  askcentering(run.coef.npi > 0, "\nDo you want to center any level-1 predictors?", threechoices, "012", used,
+  askcentering(run.model.coef.npi > 0, "\nDo you want to center any level-1 predictors?", threechoices, "012", used,
                run.mdm.names1, run.model.center1);
 }
 
@@ -215,7 +216,7 @@ void asklevel2() {
            row);
     for (int s = 1; s < run.mdm.ncol2 && row[s] != noslot; ++s) {
       const auto v = static_cast<std::size_t>(row[s]);
-      run.model.wanted1vars2[v] = run.model.wanted2vars2[v] = 1;
+      run.out.wanted1vars2[v] = run.out.wanted2vars2[v] = 1;
     }
   }
 
@@ -261,7 +262,7 @@ void asklevel3() {
            row);
     for (int s = 1; s < run.mdm.ncol3 && row[s] != noslot; ++s) {
       const auto v = static_cast<std::size_t>(row[s]);
-      run.model.wanted1vars3[v] = run.model.wanted2vars3[v] = run.model.wanted3vars3[v] = 1;
+      run.out.wanted1vars3[v] = run.out.wanted2vars3[v] = run.out.wanted3vars3[v] = 1;
     }
   }
 }
@@ -283,11 +284,11 @@ void askrandom3() {
 void askdeletion() {
   if (run.answered.deletion || run.mdm.deletednow) return;
   if (!askyesno("Do you want to specify a set of level-1 variables as the basis for deletion?")) return;
-  showchoices("Which level-1 variables do you wish to use?", run.mdm.nvar1, run.mdm.names1, run.kind.outvar);
+  showchoices("Which level-1 variables do you wish to use?", run.mdm.nvar1, run.mdm.names1, run.model.outvar);
   for (int n = 1; n < run.mdm.nvar1;) {
     const int v = askvariable(" level-1 predictor? (Enter 0 to end)", 0, run.mdm.nvar1, run.mdm.names1);
     if (v == 0) return;
-    if (v == run.kind.outvar) {
+    if (v == run.model.outvar) {
       std::printf("%s", isoutcome);
       continue;
     }

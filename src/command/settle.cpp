@@ -12,16 +12,16 @@ namespace kdr {
 
 namespace {
 
-bool multinomial() { return run.kind.nonlin == 3 && !run.kind.ordinal; }
+bool multinomial() { return run.model.outcome.family == Family::multinomial; }
 
 void checknonlinear() {
-  const ModelKind& kind = run.kind;
-  if (run.iter.macroit != 0) {
+  const Model& kind = run.model;
+  if (run.control.macroit != 0) {
     if (run.series.pvmode) stopwith("You can not do a combination of non-linear and plausible values at this time.\n");
-    if (kind.nonlin == 0) stopwith("If non-linear iterations desired, the type must be specified\n");
+    if (kind.outcome.linear()) stopwith("If non-linear iterations desired, the type must be specified\n");
   }
-  if (kind.nonlin == 0) return;
-  if (run.iter.macroit == 0) stopwith(" macroit must be specified if nonlin is specified.\n");
+  if (kind.outcome.linear()) return;
+  if (run.control.macroit == 0) stopwith(" macroit must be specified if nonlin is specified.\n");
   if (run.answered.numit)
     stopwith(
         " The numit directive should not be used when specifying a non-linear model.\n"
@@ -34,36 +34,37 @@ void checknonlinear() {
 
 // Another value that the command file asks for is not passed over in silence.
 void holdsigma2(const char* reason) {
-  double& held = run.iter.fixsigma2;
+  double& held = run.model.restrictions.fixsigma2;
   if (held != 0.0 && held != 1.0)
     std::printf(" FIXSIGMA2:%g has no effect: with %s sigma^2 is held at 1.\n", held, reason);
   held = 1.0;
 }
 
 void settleengines() {
-  const ModelKind& kind = run.kind;
-  IterationControl& iter = run.iter;
+  const Model& kind = run.model;
+  Control& iter = run.control;
   if (iter.laplace) {
-    if (kind.nonlin != 1 || kind.nlcount) stopwith("LaPlace iterations may only be done on Bernoulli analyses.");
+    if (kind.outcome.family != Family::bernoulli)
+      stopwith("LaPlace iterations may only be done on Bernoulli analyses.");
     holdsigma2("Laplace-6");
   }
   if (iter.agqpoints != 0) {
-    if (kind.nonlin == 0) stopwith("Adaptive quadrature may only be done on non-linear analyses.\n");
-    if (kind.nonlin == 3) {
+    if (kind.outcome.linear()) stopwith("Adaptive quadrature may only be done on non-linear analyses.\n");
+    if (kind.outcome.categorical()) {
       std::printf(" The program cannot do adaptive quadrature for multinomial/ordinal runs yet.\n");
       iter.agqpoints = 0;
     } else {
       holdsigma2("adaptive quadrature");
     }
   }
-  if (kind.nonlin == 3) holdsigma2("categories");
-  if (kind.nonlin == 1 || kind.nonlin == 2) iter.popavit = std::max(iter.popavit, 1);
-  if (kind.nonlin != 0 && iter.agqpoints == 0 && !run.answered.stopmicro) iter.stopval = 1.0e-5;
+  if (kind.outcome.categorical()) holdsigma2("categories");
+  if (kind.outcome.single()) iter.popavit = std::max(iter.popavit, 1);
+  if (!kind.outcome.linear() && iter.agqpoints == 0 && !run.answered.stopmicro) iter.stopval = 1.0e-5;
 }
 
 void checklvr() {
   if (!run.out.lvr) return;
-  if (run.iter.fishertype == 0) stopwith("You cannot do LVR and set fishertype:0!\n");
+  if (run.control.fishertype == 0) stopwith("You cannot do LVR and set fishertype:0!\n");
   if (multinomial()) stopwith(" The program cannot do latent variable regressions in a multinomial run.\n");
   if (!hasoutcomeandpredictor()) stopwith(incompletelvr);
 }
@@ -93,17 +94,17 @@ void checkplausible() {
 }
 
 void checkcountvariable() {
-  const ModelKind& kind = run.kind;
-  if (!kind.nlcount || kind.nlcntvar == 0) return;
+  const Model& kind = run.model;
+  if (!kind.outcome.counted || kind.outcome.countvariable == 0) return;
   for (int e = 0; e < kind.neqsets; ++e)
-    if (run.model.use1.row(e)[kind.nlcntvar] != 0) {
-      std::printf(kind.nonlin == 1 ? " The binomial count " : " The poisson variable exposure ");
+    if (run.model.use1.row(e)[kind.outcome.countvariable] != 0) {
+      std::printf(kind.outcome.link() == Link::logit ? " The binomial count " : " The poisson variable exposure ");
       stopwith("variable is also used in the model!\n");
     }
 }
 
 void settleacceleration() {
-  IterationControl& iter = run.iter;
+  Control& iter = run.control;
   if (iter.hetit != 0) iter.fishertype = 0;
   if (iter.fishertype == 0) {
     if (iter.accel <= 2) iter.accel = 3;
@@ -127,10 +128,10 @@ void settlerecord() {
   checkplausible();
   checkcountvariable();
   settleacceleration();
-  if (run.out.autovknown != 0) holdsigma2("known variances");
-  if (run.out.graph && run.kind.nonlin == 3) run.out.resfil1 = true;
-  if (run.kind.nonlin != 0 && run.kind.nlcntvar != 0)
-    run.model.wanted1vars1[static_cast<std::size_t>(run.kind.nlcntvar)] = 1;
+  if (run.model.autovknown != 0) holdsigma2("known variances");
+  if (run.out.graph && run.model.outcome.categorical()) run.out.resfil1 = true;
+  if (!run.model.outcome.linear() && run.model.outcome.countvariable != 0)
+    run.out.wanted1vars1[static_cast<std::size_t>(run.model.outcome.countvariable)] = 1;
 }
 
 }  // namespace kdr

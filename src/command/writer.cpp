@@ -42,33 +42,39 @@ std::string namelist(const Array<Name>& names, const int* list, int n) {
   return joined(pieces, ",");
 }
 
-bool linearrun() { return run.kind.linear(); }
+bool linearrun() { return run.model.outcome.linear(); }
 
-std::string continuesuffix() { return run.iter.numitcontinue == 0 ? ",N" : run.iter.numitcontinue == 1 ? ",Y" : ""; }
+std::string continuesuffix() {
+  return run.control.numitcontinue == 0 ? ",N" : run.control.numitcontinue == 1 ? ",Y" : "";
+}
 
 void writelineariterations(std::FILE* out) {
   // The reader refuses a count of 0; without the line the run asks again.
-  if (run.iter.numit > 0) std::fprintf(out, "NUMIT:%d%s\n", run.iter.numit, continuesuffix().c_str());
-  std::fprintf(out, "STOPVAL:%s\n", real(run.iter.stopval, 10).c_str());
+  if (run.control.numit > 0) std::fprintf(out, "NUMIT:%d%s\n", run.control.numit, continuesuffix().c_str());
+  std::fprintf(out, "STOPVAL:%s\n", real(run.control.stopval, 10).c_str());
   std::fprintf(out, "NONLIN:n\n");
 }
 
 void writenonlineariterations(std::FILE* out) {
-  const IterationControl& iter = run.iter;
-  const ModelKind& kind = run.kind;
+  const Control& iter = run.control;
+  const Model& kind = run.model;
   std::fprintf(out, "STOPMICRO:%s\n", real(iter.stopval, 10).c_str());
   std::fprintf(out, "STOPMACRO:%s\n", real(iter.stopmacro, 10).c_str());
   std::fprintf(out, "MACROIT:%d%s\n", iter.macroit, continuesuffix().c_str());
   if (iter.numit > 0) std::fprintf(out, "MICROIT:%d\n", iter.numit);
-  if (kind.nonlin == 3) {
-    std::fprintf(out, "NONLIN:%s,%d\n", kind.ordinal ? "ORDINAL" : "MULTINOMIAL", kind.ncat);
+  if (kind.outcome.categorical()) {
+    std::fprintf(out, "NONLIN:%s,%d\n", kind.outcome.ordinal() ? "ORDINAL" : "MULTINOMIAL", kind.outcome.categories);
   } else {
-    const char* type = kind.nonlin == 2 ? "POISSON" : kind.nlcount ? "BINOMIAL" : "BERNOULLI";
+    const char* type = kind.outcome.family == Family::poisson ? "POISSON"
+                       : kind.outcome.counted                 ? "BINOMIAL"
+                                                              : "BERNOULLI";
     std::fprintf(out, "NONLIN:%s", type);
-    if (kind.nlcount && kind.nlcntvar != 0) std::fprintf(out, ",%s", nameof(run.mdm.names1, kind.nlcntvar).c_str());
+    if (kind.outcome.counted && kind.outcome.countvariable != 0)
+      std::fprintf(out, ",%s", nameof(run.mdm.names1, kind.outcome.countvariable).c_str());
     std::fprintf(out, "\n");
   }
-  if (kind.nonlin == 1 && !kind.nlcount) std::fprintf(out, "LAPLACE:%s,%d\n", iter.laplace ? "y" : "n", iter.laplaceit);
+  if (kind.outcome.family == Family::bernoulli)
+    std::fprintf(out, "LAPLACE:%s,%d\n", iter.laplace ? "y" : "n", iter.laplaceit);
   if (iter.agqpoints != 0) std::fprintf(out, "agq:y,%d,%d\n", iter.agqit, iter.agqpoints);
   if (iter.taylor != 0) std::fprintf(out, "TAYLOR:%d\n", iter.taylor);
 }
@@ -107,11 +113,12 @@ void writelevel1(std::FILE* out, int e, const std::string& outcome) {
   // A non-linear run's line names the working outcome and has no centering marks. The line before it, a comment to
   // everyone else, keeps both, and the reader takes them from there.
   std::fprintf(out, "#KDR3 LEVEL1:%s=%s\n", outcome.c_str(), level1terms(e, true).c_str());
-  std::fprintf(out, "LEVEL1:%s=%s\n", run.kind.nlrun ? "Z" : outcome.c_str(), level1terms(e, false).c_str());
+  std::fprintf(out, "LEVEL1:%s=%s\n", run.model.outcome.single() ? "Z" : outcome.c_str(),
+               level1terms(e, false).c_str());
 }
 
 void writeset(std::FILE* out, int e, const std::string& outcome) {
-  const ModelSpec& model = run.model;
+  const Model& model = run.model;
   const MdmData& mdm = run.mdm;
   writelevel1(out, e, outcome);
   const ModelRows rows = modelrows();
@@ -133,17 +140,18 @@ void writeset(std::FILE* out, int e, const std::string& outcome) {
 }
 
 void writeequations(std::FILE* out, bool nextpass) {
-  const std::string outcome = nextpass ? nameof(run.mdm.names1, run.kind.outvar) : leftname(run.kind.outname);
-  const int sets = run.kind.mnrun && !run.kind.ordinal ? run.kind.ncat - 1 : 1;
+  const std::string outcome = nextpass ? nameof(run.mdm.names1, run.model.outvar) : leftname(run.model.outname);
+  const int sets =
+      run.model.outcome.categorical() && !run.model.outcome.ordinal() ? run.model.outcome.categories - 1 : 1;
   for (int e = 0; e < sets; ++e) writeset(out, e, outcome);
 }
 
 void writeweights(std::FILE* out) {
   const MdmData& mdm = run.mdm;
-  std::fprintf(out, "LEVEL1WEIGHT:%s\n", nameornone(mdm.names1, run.out.wgtvar1).c_str());
-  std::fprintf(out, "LEVEL2WEIGHT:%s\n", nameornone(mdm.names2, run.out.wgtvar2).c_str());
-  std::fprintf(out, "LEVEL3WEIGHT:%s\n", nameornone(mdm.names3, run.out.wgtvar3).c_str());
-  std::fprintf(out, "VARIANCEKNOWN:%s\n", nameornone(mdm.names1, run.out.autovknown).c_str());
+  std::fprintf(out, "LEVEL1WEIGHT:%s\n", nameornone(mdm.names1, run.model.wgtvar1).c_str());
+  std::fprintf(out, "LEVEL2WEIGHT:%s\n", nameornone(mdm.names2, run.model.wgtvar2).c_str());
+  std::fprintf(out, "LEVEL3WEIGHT:%s\n", nameornone(mdm.names3, run.model.wgtvar3).c_str());
+  std::fprintf(out, "VARIANCEKNOWN:%s\n", nameornone(mdm.names1, run.model.autovknown).c_str());
 }
 
 void writedeletion(std::FILE* out) {
@@ -181,27 +189,26 @@ const char* resfiltypeword() {
 }
 
 void writeresiduals(std::FILE* out) {
-  const ModelSpec& model = run.model;
   const MdmData& mdm = run.mdm;
   const OutputControl& wanted = run.out;
   const RunFiles& files = run.files;
   if (wanted.resfil1 || wanted.resfil2 || wanted.resfil3) std::fprintf(out, "RESFILTYPE:%s\n", resfiltypeword());
   if (wanted.resfilrecnum) std::fprintf(out, "RESFILRECNUM:Y\n");
   writeresfil(out, 1, wanted.resfil1,
-              namelist(mdm.names1, model.res1vars1.data(), model.nres1vars1) + "/" +
-                  namelist(mdm.names2, model.res1vars2.data(), model.nres1vars2) + "/" +
-                  namelist(mdm.names3, model.res1vars3.data(), model.nres1vars3),
+              namelist(mdm.names1, run.out.res1vars1.data(), run.out.nres1vars1) + "/" +
+                  namelist(mdm.names2, run.out.res1vars2.data(), run.out.nres1vars2) + "/" +
+                  namelist(mdm.names3, run.out.res1vars3.data(), run.out.nres1vars3),
               files.resfil1name);
   writeresfil(out, 2, wanted.resfil2,
-              namelist(mdm.names2, model.res2vars2.data(), model.nres2vars2) + "/" +
-                  namelist(mdm.names3, model.res2vars3.data(), model.nres2vars3),
+              namelist(mdm.names2, run.out.res2vars2.data(), run.out.nres2vars2) + "/" +
+                  namelist(mdm.names3, run.out.res2vars3.data(), run.out.nres2vars3),
               files.resfil2name);
-  writeresfil(out, 3, wanted.resfil3, namelist(mdm.names3, model.res3vars3.data(), model.nres3vars3),
+  writeresfil(out, 3, wanted.resfil3, namelist(mdm.names3, run.out.res3vars3.data(), run.out.nres3vars3),
               files.resfil3name);
 }
 
 void writehypotheses(std::FILE* out) {
-  const ModelSpec& model = run.model;
+  const Model& model = run.model;
   if (!model.nhypotheses) return;
   // The rows as they stood before the constraints; the same as `contrasts` while no constraint was applied.
   const Array<double>& rows = model.uncutcontrasts.empty() ? model.contrasts : model.uncutcontrasts;
@@ -245,24 +252,25 @@ void writeesttau(std::FILE* out, const char* keyword, bool have, const Array<dou
 }
 
 void writetaus(std::FILE* out) {
-  const IterationControl& iter = run.iter;
-  writecontau(out, "CONTAU2", iter.havecontau2, iter.contau2);
-  writecontau(out, "CONTAU3", iter.havecontau3, iter.contau3);
-  writeesttau(out, "ESTTAU2", iter.haveesttau2, iter.esttau2);
-  writeesttau(out, "ESTTAU3", iter.haveesttau3, iter.esttau3);
+  const Restrictions& held = run.model.restrictions;
+  writecontau(out, "CONTAU2", held.havecontau2, held.contau2);
+  writecontau(out, "CONTAU3", held.havecontau3, held.contau3);
+  writeesttau(out, "ESTTAU2", held.haveesttau2, held.esttau2);
+  writeesttau(out, "ESTTAU3", held.haveesttau3, held.esttau3);
 }
 
 void writecontrol(std::FILE* out) {
-  const IterationControl& iter = run.iter;
+  const Control& iter = run.control;
   std::fprintf(out, "FISHERTYPE:%d\n", iter.fishertype);
   if (run.out.printvc != 0) std::fprintf(out, "PRINTVARIANCE-COVARIANCE:%s\n", run.out.printvc == 1 ? "Y" : "A");
   std::fprintf(out, "HYPOTH:n\n");
-  if (iter.fixsigma2 != 0.0) std::fprintf(out, "FIXSIGMA2:%s\n", real(iter.fixsigma2, 6).c_str());
+  if (run.model.restrictions.fixsigma2 != 0.0)
+    std::fprintf(out, "FIXSIGMA2:%s\n", real(run.model.restrictions.fixsigma2, 6).c_str());
   if (run.out.deviance != missingcode)
     std::fprintf(out, "DEVIANCE:%s\nDF:%d\n", real(run.out.deviance, 6).c_str(), run.out.df);
   std::fprintf(out, "FIXTAU2:%d\nFIXTAU3:%d\n", iter.fixtau2, iter.fixtau3);
-  if (run.out.diagtaupi) std::fprintf(out, "DIAGONALIZETAUPI:Y\n");
-  if (run.out.diagtaubeta) std::fprintf(out, "DIAGONALIZETAUBETA:Y\n");
+  if (run.model.restrictions.diagtaupi) std::fprintf(out, "DIAGONALIZETAUPI:Y\n");
+  if (run.model.restrictions.diagtaubeta) std::fprintf(out, "DIAGONALIZETAUBETA:Y\n");
   if (iter.debug != 0) std::fprintf(out, "DEBUG:%d\n", iter.debug);
 }
 
@@ -285,7 +293,7 @@ void writeoutput(std::FILE* out) {
   if (!files.outfile.empty()) std::fprintf(out, "OUTPUT:%s\n", files.outfile.c_str());
   std::fprintf(out, "FULLOUTPUT:%s\n", run.out.fulloutput ? "Y" : "N");
   std::fprintf(out, "TITLE:%s\n", files.title.c_str());
-  std::fprintf(out, "ACCEL:%d\n", run.iter.accel);
+  std::fprintf(out, "ACCEL:%d\n", run.control.accel);
   writelvr(out);
   if (!files.startvals.empty()) std::fprintf(out, "STARTVALS:%s\n", files.startvals.c_str());
 }
@@ -297,9 +305,9 @@ void writecommands(std::FILE* out, bool nextpass) {
   } else {
     writenonlineariterations(out);
   }
-  if (run.iter.agqderivlevel != 2) std::fprintf(out, "AGQDERIVLEVEL:%d\n", run.iter.agqderivlevel);
-  if (run.iter.popavit > 1) std::fprintf(out, "POPAVIT:%d\n", run.iter.popavit);
-  if (run.iter.hetit != 0 && nextpass) std::fprintf(out, "HETIT:%d\n", run.iter.hetit);
+  if (run.control.agqderivlevel != 2) std::fprintf(out, "AGQDERIVLEVEL:%d\n", run.control.agqderivlevel);
+  if (run.control.popavit > 1) std::fprintf(out, "POPAVIT:%d\n", run.control.popavit);
+  if (run.control.hetit != 0 && nextpass) std::fprintf(out, "HETIT:%d\n", run.control.hetit);
   writeequations(out, nextpass);
   writeweights(out);
   writedeletion(out);

@@ -20,7 +20,7 @@ Equation equationof(const int* row, int width) {
 
 // The fixed effects of the term that stands last in `rows.terms`.
 void addeffects(ModelRows& rows, const Equation& equation) {
-  const ModelSpec& model = run.model;
+  const Model& model = run.model;
   TermRow& term = rows.terms.back();
   term.firsteffect = static_cast<int>(rows.effects.size());
   term.neffects = equation.n;
@@ -35,7 +35,7 @@ void addeffects(ModelRows& rows, const Equation& equation) {
 // The terms of the coefficient that stands last in `rows.coefficients`; `place` runs on from coefficient to
 // coefficient.
 void addterms(ModelRows& rows, int& place) {
-  const ModelSpec& model = run.model;
+  const Model& model = run.model;
   CoefficientRow& coefficient = rows.coefficients.back();
   const int owner = static_cast<int>(rows.coefficients.size()) - 1;
   const Equation none{interceptonly, 1, 0};
@@ -61,13 +61,13 @@ int filledslots(const int* row, int width) {
 
 ModelRows modelrows() {
   ModelRows rows;
-  for (int set = 0; set < run.kind.neqsets; ++set) {
+  for (int set = 0; set < run.model.neqsets; ++set) {
     int c = 0, place = 0;
     for (int v = 0; v < run.mdm.ncol1; ++v) {
       if (run.model.use1.row(set)[v] != 1) continue;
-      const bool threshold = run.kind.ordinal && v > run.mdm.nvar1;
+      const bool threshold = run.model.outcome.ordinal() && v > run.mdm.nvar1;
       const bool random = !threshold && run.model.fixed1.row(set)[c] == 0;
-      rows.coefficients.push_back({set, c, v, run.kind.nointercept1 ? c + 1 : c, threshold, random, 0, 0});
+      rows.coefficients.push_back({set, c, v, run.model.nointercept1 ? c + 1 : c, threshold, random, 0, 0});
       addterms(rows, place);
       ++c;
     }

@@ -125,7 +125,7 @@ void waitabit() {
 }
 
 void closefailedreport() {
-  if (run.report.stream == nullptr || run.kind.linear()) return;
+  if (run.report.stream == nullptr || run.model.outcome.linear()) return;
   cutreport();
   reporthtml("</body></html>\n");
 }

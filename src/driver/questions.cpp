@@ -89,7 +89,7 @@ void noproperresponse() {
     std::fprintf(stderr,
                  "\nStandard input ended at this question. Lines of the command file answer such questions:\n"
                  "LEVEL1DELETION:NONE, CONSTRAIN:N, HYPOTH:N, LVR-BETA:N, RESFIL2:N, RESFIL3:N, %s, TITLE:, OUTPUT:\n",
-                 run.kind.nonlin == 0 ? "NUMIT:500,N" : "MACROIT:100,N, MICROIT:200");
+                 run.model.outcome.linear() ? "NUMIT:500,N" : "MACROIT:100,N, MICROIT:200");
   fail(100, "Unable to get a proper response!\n");
 }
 

@@ -2,12 +2,6 @@
 
 namespace kdr {
 
-Array<double> Estimates::covariance() const {
-  Array<double> covariance = vgamma.copy();
-  for (double& v : covariance) v *= sigma2;
-  return covariance;
-}
-
 RunRecord run;
 
 void startrun() {
@@ -17,8 +11,8 @@ void startrun() {
 
 void allocatemodel() {
   const MdmData& mdm = run.mdm;
-  const int sets = run.kind.neqsets;
-  ModelSpec& model = run.model;
+  const int sets = run.model.neqsets;
+  Model& model = run.model;
   model.use1.reset(sets, 1, mdm.ncol1, 0);
   model.fixed1.reset(sets, 1, mdm.ncol1, 0);
   model.terms2.reset(sets, mdm.ncol1, mdm.ncol2, noslot);
@@ -38,13 +32,20 @@ void allocatemodel() {
   model.center2.reset(width2);
   model.center3.reset(width3);
   model.delete1.reset(static_cast<std::size_t>(mdm.nvar1));
-  model.wanted1vars1.reset(width1);
-  model.wanted1vars2.reset(width2);
-  model.wanted1vars3.reset(width3);
-  model.wanted2vars2.reset(width2);
-  model.wanted2vars3.reset(width3);
-  model.wanted3vars3.reset(width3);
+  run.out.wanted1vars1.reset(width1);
+  run.out.wanted1vars2.reset(width2);
+  run.out.wanted1vars3.reset(width3);
+  run.out.wanted2vars2.reset(width2);
+  run.out.wanted2vars3.reset(width3);
+  run.out.wanted3vars3.reset(width3);
   model.hypothesisrows.reset(maxhypotheses);
+  model.nhypotheses = false;
+  model.contrasts = {};
+  model.uncutcontrasts = {};
+  model.nconstrained = 0;
+  model.constraints = {};
+  model.removed = {};
+  model.constrainmatrix = {};
 }
 
 }  // namespace kdr

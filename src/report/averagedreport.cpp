@@ -114,8 +114,8 @@ void variances(const Pooled& pooled, const AveragedFrame& frame) {
 
 // The pass whose estimates the averages stand for.
 PassKind finalpass() {
-  if (run.kind.mnrun) return PassKind::categories;
-  return run.kind.nlrun ? PassKind::pql : PassKind::linear;
+  if (run.model.outcome.categorical()) return PassKind::categories;
+  return run.model.outcome.single() ? PassKind::pql : PassKind::linear;
 }
 
 }  // namespace

@@ -47,8 +47,8 @@ Degrees degreesof(const ModelRows& rows, const EffectRow& effect, const Costs& c
     const long long df = J - K * costs.randompairs - costs.level2;
     return df < 1 ? Degrees{J - costs.level2, true} : Degrees{df, false};
   }
-  const long long upper = run.coef.ntaubeta * K + costs.level1;
-  const long long df = N - run.coef.ntaupi * J - upper;
+  const long long upper = run.model.coef.ntaubeta * K + costs.level1;
+  const long long df = N - run.model.coef.ntaupi * J - upper;
   if (df > 0) return {df, false};
   return {(upper < N ? N : run.mdm.numl1rec) - upper, true};
 }

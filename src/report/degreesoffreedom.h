@@ -11,7 +11,7 @@ struct FixedDegrees {
   Array<char> rough;  // 1: the p-value is a rough approximation
 };
 
-// Fills `degrees` from the model, the unit counts in run.mdm, and run.coef.ntaupi and ntaubeta.
+// Fills `degrees` from the model, the unit counts in run.mdm, and run.model.coef.ntaupi and ntaubeta.
 // Failure 3.
 void degreesoffreedom(FixedDegrees& degrees);
 

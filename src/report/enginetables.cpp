@@ -27,7 +27,7 @@ void laplacereliabilities(Tau which, const Reliabilities& reliabilities) {
 // The estimates of a matrix, its standard errors or why there are none, its correlations.
 void taublocks(Tau which, const PassResults& results) {
   const bool pi = which == Tau::pi;
-  const int n = pi ? run.coef.ntaupi : run.coef.ntaubeta;
+  const int n = pi ? run.model.coef.ntaupi : run.model.coef.ntaubeta;
   const double* tau = (pi ? results.est.taupi : results.est.taubeta).data();
   const Array<double>& errors = pi ? results.errors.taupi : results.errors.taubeta;
   tautable(which, MatrixTitle::plain, false, n, tau);

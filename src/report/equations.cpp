@@ -43,7 +43,7 @@ std::string variable3(int v) { return variable(run.mdm.names3[v], run.sym.symsub
 
 std::string coefficient1(int subscript) { return quantity(run.sym.sym1, std::to_string(subscript), run.sym.symsub2); }
 
-std::string fixedeffect(std::size_t g) { return quantity(run.sym.sym3, run.coef.gammasubs[g].text, ""); }
+std::string fixedeffect(std::size_t g) { return quantity(run.sym.sym3, run.model.coef.gammasubs[g].text, ""); }
 
 // Level 1.
 
@@ -53,11 +53,11 @@ std::string ofrecord(const char* symbol) { return quantity(symbol, "", run.sym.s
 void bernoullifamily() {
   const std::string y = ofrecord("<i>Y</i>"), p = ofrecord("<i>&#981;</i>"), eta = ofrecord("&eta;");
   const std::string b = quantity(run.sym.sym1, "", run.sym.symsub2);
-  if (!run.kind.nlcount) {
+  if (!run.model.outcome.counted) {
     reporttext("\tProb(Y=1|B) = P\n\n");
     reporthtml("&nbsp;&nbsp;&nbsp;&nbsp;Prob(%s=1|%s) = %s<br>\n", y.c_str(), b.c_str(), p.c_str());
   } else {
-    const Name& trials = run.mdm.names1[run.kind.nlcntvar];
+    const Name& trials = run.mdm.names1[run.model.outcome.countvariable];
     reporttext("\tE(Y|B) = %s*P\n\tV(Y|B) = %s*P(1-P)\n\n", bareword(trials).c_str(), bareword(trials).c_str());
     const std::string n = variable(trials, run.sym.symsub);
     reporthtml("&nbsp;&nbsp;&nbsp;&nbsp;E(%s|%s) = %s*%s<br>\n", y.c_str(), b.c_str(), n.c_str(), p.c_str());
@@ -73,8 +73,8 @@ void poissonfamily() {
   const std::string y = ofrecord("<i>Y</i>"), l = ofrecord("&lambda;"), eta = ofrecord("&eta;");
   const std::string b = quantity(run.sym.sym1, "", run.sym.symsub2);
   std::string exposure;  // with its product sign, or nothing where it is constant
-  if (run.kind.nlcount) {
-    const Name& name = run.mdm.names1[run.kind.nlcntvar];
+  if (run.model.outcome.counted) {
+    const Name& name = run.mdm.names1[run.model.outcome.countvariable];
     exposure = (run.report.html ? variable(name, run.sym.symsub) : bareword(name)) + "*";
   }
   reporttext("\tE(Y|B) = %sL\n\tV(Y|B) = %sL\n\n", exposure.c_str(), exposure.c_str());
@@ -87,15 +87,15 @@ void poissonfamily() {
 }
 
 void singlelevel1(const ModelRows& rows) {
-  if (run.kind.nlrun && run.kind.nonlin == 2) {
+  if (run.model.outcome.family == Family::poisson) {
     poissonfamily();
-  } else if (run.kind.nlrun) {
+  } else if (run.model.outcome.single()) {
     bernoullifamily();
   } else {
     linelead();
-    report("%s = ", variable(run.kind.outname, run.sym.symsub).c_str());
+    report("%s = ", variable(run.model.outname, run.sym.symsub).c_str());
   }
-  const char* indent = run.kind.nointercept1 ? "\t    " : "\t       ";
+  const char* indent = run.model.nointercept1 ? "\t    " : "\t       ";
   bool first = true;
   for (const CoefficientRow& coefficient : rows.coefficients) {
     breakbefore(coefficient.subscript, indent);
@@ -105,7 +105,7 @@ void singlelevel1(const ModelRows& rows) {
     report(" ");
     first = false;
   }
-  if (run.kind.linear() && !run.kind.nlcount) report("+ %s", ofrecord(run.sym.syme.c_str()).c_str());
+  if (run.model.outcome.linear() && !run.model.outcome.counted) report("+ %s", ofrecord(run.sym.syme.c_str()).c_str());
   reportbreak();
 }
 
@@ -121,7 +121,7 @@ std::string probability(int k, bool cumulative) {
 }
 
 void multinomiallevel1(const ModelRows& rows) {
-  const int last = run.kind.ncat - 1;
+  const int last = run.model.outcome.categories - 1;
   const char* given = run.report.html ? run.sym.sym1.c_str() : "B";
   const char* y = run.report.html ? "<i>Y</i>" : "Y";
   for (int k = 0; k <= last; ++k) {
@@ -133,7 +133,7 @@ void multinomiallevel1(const ModelRows& rows) {
     }
     reportbreak();
   }
-  for (int set = 0; set < run.kind.neqsets; ++set) {
+  for (int set = 0; set < run.model.neqsets; ++set) {
     const std::string category = categoryof(set);
     reportbreak();
     linelead();
@@ -141,7 +141,7 @@ void multinomiallevel1(const ModelRows& rows) {
     bool first = true;
     for (const CoefficientRow& coefficient : rows.coefficients) {
       if (coefficient.set != set) continue;
-      breakbefore(coefficient.subscript, run.kind.nointercept1 ? "\t    " : "\t       ");
+      breakbefore(coefficient.subscript, run.model.nointercept1 ? "\t    " : "\t       ");
       if (!first) report("+ ");
       const std::string digits = std::to_string(coefficient.subscript) + "(" + category + ")";
       report("%s", quantity(given, digits, run.sym.symsub2).c_str());
@@ -154,7 +154,7 @@ void multinomiallevel1(const ModelRows& rows) {
 }
 
 void ordinallevel1(const ModelRows& rows) {
-  const int last = run.kind.ncat - 1;
+  const int last = run.model.outcome.categories - 1;
   const char* given = run.report.html ? run.sym.sym1.c_str() : "B";
   const char* r = run.report.html ? "<i>R</i>" : "R";
   for (int k = 0; k < last; ++k) {
@@ -180,7 +180,7 @@ void ordinallevel1(const ModelRows& rows) {
     bool first = true;
     for (const CoefficientRow& coefficient : rows.coefficients) {
       if (coefficient.threshold) continue;
-      breakbefore(coefficient.subscript, run.kind.nointercept1 ? "\t    " : "\t       ");
+      breakbefore(coefficient.subscript, run.model.nointercept1 ? "\t    " : "\t       ");
       if (!first) report("+ ");
       report("%s", quantity(given, std::to_string(coefficient.subscript), run.sym.symsub2).c_str());
       if (coefficient.variable != 0) report("*(%s)", variable1(coefficient.variable).c_str());
@@ -194,9 +194,9 @@ void ordinallevel1(const ModelRows& rows) {
 
 void level1model(const ModelRows& rows) {
   report2("\nLevel-1 Model\n\n", "<h4>Level-1 Model</h4>\n");
-  if (!run.kind.mnrun) {
+  if (!run.model.outcome.categorical()) {
     singlelevel1(rows);
-  } else if (run.kind.ordinal) {
+  } else if (run.model.outcome.ordinal()) {
     ordinallevel1(rows);
   } else {
     multinomiallevel1(rows);
@@ -208,7 +208,7 @@ void level1model(const ModelRows& rows) {
 // "(category)" behind the subscripts of a multinomial run.
 std::string categorymark(int set) {
   std::string mark;
-  if (run.kind.mnrun && multinomialrun()) mark.append("(").append(categoryof(set)).append(")");
+  if (run.model.outcome.categorical() && multinomialrun()) mark.append("(").append(categoryof(set)).append(")");
   return mark;
 }
 
@@ -233,7 +233,9 @@ void level2equation(const ModelRows& rows, const CoefficientRow& coefficient, co
 
 void level2model(const ModelRows& rows) {
   report2("\nLevel-2 Model\n\n", "<h4>Level-2 Model</h4>\n");
-  const char* indent = run.kind.mnrun ? "         " : run.kind.nointercept1 ? "\t     " : "\t         ";
+  const char* indent = run.model.outcome.categorical() ? "         "
+                       : run.model.nointercept1        ? "\t     "
+                                                       : "\t         ";
   int set = 0;
   for (const CoefficientRow& coefficient : rows.coefficients) {
     if (coefficient.threshold) continue;
@@ -282,18 +284,19 @@ void constraintlines(const ModelRows& rows) {
 }
 
 void level1variance() {
-  if (!run.kind.nlrun) return;
-  const std::string scale = run.iter.fixsigma2 == 0.0 ? run.sym.symvar1 : formatted("%g", run.iter.fixsigma2);
+  if (!run.model.outcome.single()) return;
+  const std::string scale =
+      run.model.restrictions.fixsigma2 == 0.0 ? run.sym.symvar1 : formatted("%g", run.model.restrictions.fixsigma2);
   const std::string p = run.report.html ? ofrecord("<i>&#981;</i>") : "P";
   const std::string l = run.report.html ? ofrecord("&lambda;") : "L";
-  const std::string count = run.kind.nlcount ? variable1(run.kind.nlcntvar) : std::string();
+  const std::string count = run.model.outcome.counted ? variable1(run.model.outcome.countvariable) : std::string();
   reportbreak();
   report("Level-1 variance = ");
-  if (run.kind.nonlin == 1 && !run.kind.nlcount) {
+  if (run.model.outcome.family == Family::bernoulli) {
     report2("%s/[%s(1-%s)]\n", "%s/[%s(1-%s)]<br>\n", scale.c_str(), p.c_str(), p.c_str());
-  } else if (run.kind.nonlin == 1) {
+  } else if (run.model.outcome.link() == Link::logit) {
     report2("%s/[%s*%s(1-%s)]\n", "%s/[%s*%s(1-%s)]<br>\n", scale.c_str(), count.c_str(), p.c_str(), p.c_str());
-  } else if (!run.kind.nlcount) {
+  } else if (!run.model.outcome.counted) {
     report2("%s/%s\n", "%s/%s<br>\n", scale.c_str(), l.c_str());
   } else {
     report2("%s/(%s*%s)\n", "%s/(%s*%s)<br>\n", scale.c_str(), count.c_str(), l.c_str());
@@ -316,9 +319,9 @@ void setrandomsubscripts() {
     to.reset(from.size());
     for (std::size_t i = 0; i < from.size(); ++i) to[i] = from[i];
   };
-  store(run.coef.pisubs, pi);
-  store(run.coef.betasubs1, beta1);
-  store(run.coef.betasubs2, beta2);
+  store(run.model.coef.pisubs, pi);
+  store(run.model.coef.betasubs1, beta1);
+  store(run.model.coef.betasubs2, beta2);
 }
 
 void centernotes(int n, const Array<int>& marks, const Array<Name>& names) {
@@ -418,19 +421,19 @@ void mixedrandom3(const ModelRows& rows) {
 }  // namespace
 
 void writemixedmodel() {
-  if (run.kind.mnrun) return;
+  if (run.model.outcome.categorical()) return;
   const ModelRows rows = modelrows();
   report2("\n\nMixed Model\n", "<h4>Mixed Model</h4>\n");
   reportblank(4);
-  report("%s = ", (!run.kind.nlrun   ? variable(run.kind.outname, run.sym.symsub)
-                   : run.report.html ? ofrecord("&eta;")
-                                     : std::string("eta"))
+  report("%s = ", (!run.model.outcome.single() ? variable(run.model.outname, run.sym.symsub)
+                   : run.report.html           ? ofrecord("&eta;")
+                                               : std::string("eta"))
                       .c_str());
   mixedfixed(rows);
   if (rows.effects.size() > 4) mixedbreak(4);
   if (mixedrandom2(rows) > 3) mixedbreak(4);
   mixedrandom3(rows);
-  if (run.kind.linear() && run.iter.fixsigma2 == 0.0 && !run.kind.nlcount)
+  if (run.model.outcome.linear() && run.model.restrictions.fixsigma2 == 0.0 && !run.model.outcome.counted)
     report("+ %s", ofrecord(run.sym.syme.c_str()).c_str());
   reportbreak();
 }

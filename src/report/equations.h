@@ -7,7 +7,7 @@
 namespace kdr {
 
 // Writes the level-1, level-2 and level-3 equations, the centering sentences, the constraints and the level-1 variance.
-// Fills pisubs, betasubs1 and betasubs2 of run.coef. Needs the symbols and the row labels.
+// Fills pisubs, betasubs1 and betasubs2 of run.model.coef. Needs the symbols and the row labels.
 void writeequations();
 
 // Fills pisubs, betasubs1 and betasubs2 alone.

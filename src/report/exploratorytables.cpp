@@ -116,8 +116,8 @@ void level2tables(const std::vector<ExploratoryBlock>& blocks) {
     for (int from = 0; from < n; from += perblock)
       block(candidates.variables.data() + from, candidates.fits.data() + from, std::min(perblock, n - from), columns,
             run.mdm.names2, [&] {
-              const std::string name = eightcolumns(run.coef.pinames[candidates.row]);
-              const int subscript = run.coef.pisubs[candidates.row];
+              const std::string name = eightcolumns(run.model.coef.pinames[candidates.row]);
+              const int subscript = run.model.coef.pisubs[candidates.row];
               reporttext(" %s, %s%1d\n", name.c_str(), run.sym.sym1.c_str(), subscript);
               reporthtml("<tr><td align=right %s>%s,%s<sub><small><i>%d</i></small></sub></td></tr>", styleplain,
                          name.c_str(), run.sym.sym1.c_str(), subscript);
@@ -134,12 +134,13 @@ void level3tables(const std::vector<ExploratoryBlock>& blocks) {
     const int row = candidates.row;
     block(candidates.variables.data(), candidates.fits.data(), static_cast<int>(candidates.fits.size()), columns,
           run.mdm.names3, [&] {
-            const std::string first = eightcolumns(run.coef.betanames1[row]);
-            const std::string second = eightcolumns(run.coef.betanames2[row]);
-            reporttext("%s/%s, %s%d%d\n", first.c_str(), second.c_str(), run.sym.sym2.c_str(), run.coef.betasubs1[row],
-                       run.coef.betasubs2[row]);
+            const std::string first = eightcolumns(run.model.coef.betanames1[row]);
+            const std::string second = eightcolumns(run.model.coef.betanames2[row]);
+            reporttext("%s/%s, %s%d%d\n", first.c_str(), second.c_str(), run.sym.sym2.c_str(),
+                       run.model.coef.betasubs1[row], run.model.coef.betasubs2[row]);
             reporthtml("<tr><td %s>%s/%s,%s<sub><small><i>%d%d</i></small></sub></td></tr>", styleplain, first.c_str(),
-                       second.c_str(), run.sym.sym2.c_str(), run.coef.betasubs1[row], run.coef.betasubs2[row]);
+                       second.c_str(), run.sym.sym2.c_str(), run.model.coef.betasubs1[row],
+                       run.model.coef.betasubs2[row]);
           });
   }
   closelevel(blocks, 3, columns, run.mdm.nunits3);

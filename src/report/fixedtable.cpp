@@ -31,13 +31,13 @@ std::vector<int> setopenings() {
       last = set;
     }
   }
-  openings.resize(static_cast<std::size_t>(run.coef.ngamma), -1);
+  openings.resize(static_cast<std::size_t>(run.model.coef.ngamma), -1);
   return openings;
 }
 
 // True when several gammas of the full model are made from this one.
 bool isshared(int g) {
-  const ModelSpec& model = run.model;
+  const Model& model = run.model;
   const std::size_t full = model.constraints.size();
   if (model.nconstrained == 0 || static_cast<std::size_t>(g) >= full || model.constrainmatrix.size() < full * full)
     return false;
@@ -58,30 +58,30 @@ void rowlead(int g, int setopened, const char* style) {  // the groups are never
       report("For Category %s\n", category.c_str());
     }
   }
-  if (const Label& label = run.coef.gammanames1[g]; !isblank(label)) {
+  if (const Label& label = run.model.coef.gammanames1[g]; !isblank(label)) {
     reporttext(" For %s\n", label.text);
     reporthtml("<tr><td align=left colspan=6 %s> For %s</td></tr>\n", styleplain, label.text);
   }
-  if (const Label& label = run.coef.gammanames2[g]; !isblank(label)) {
+  if (const Label& label = run.model.coef.gammanames2[g]; !isblank(label)) {
     reporttext("    For %s\n", label.text);
     reporthtml("<tr><td align=left colspan=6 %s>&nbsp;&nbsp;&nbsp;For %s</td></tr>\n", styleplain, label.text);
   }
-  reporttext("      %s", run.coef.gammanames3[g].text);
+  reporttext("      %s", run.model.coef.gammanames3[g].text);
   reporthtml("<tr><td %s>&nbsp;&nbsp;&nbsp;&nbsp;&nbsp;&nbsp;&nbsp;&nbsp;&nbsp;&nbsp;&nbsp;%s", style,
-             run.coef.gammanames3[g].text);
+             run.model.coef.gammanames3[g].text);
   report(isshared(g) ? "*" : " ");
   reporthtml("</td>");
 }
 
-const char* rowstyle(int g) { return g + 1 == run.coef.ngamma ? stylebottom : styleplain; }
+const char* rowstyle(int g) { return g + 1 == run.model.coef.ngamma ? stylebottom : styleplain; }
 
 void numbercell(const char* style, double value, int width, int decimals) {
   reporthtml("<td align=right valign=bottom %s>%s</td>\n", style, fixedpoint(value, width, decimals).c_str());
 }
 
 void outcomeline(TableKind kind) {
-  if (run.kind.nlrun) {
-    report(" The outcome variable is %s\n\n", eightcolumns(run.kind.outname).c_str());
+  if (run.model.outcome.single()) {
+    report(" The outcome variable is %s\n\n", eightcolumns(run.model.outname).c_str());
   } else if (kind == TableKind::averagedpv || kind == TableKind::averagedrobustpv) {
     report(" The %s variables are: ", run.series.pvpredictor != 0 ? "plausible" : "outcome");
     const char* separator = "";
@@ -90,19 +90,19 @@ void outcomeline(TableKind kind) {
       separator = ",";
     }
     report("\n\n");
-  } else if (const Name& outcome = run.mdm.names1[run.kind.outvar]; !leftname(outcome).empty()) {
+  } else if (const Name& outcome = run.mdm.names1[run.model.outvar]; !leftname(outcome).empty()) {
     report(" The outcome variable is %s\n\n", eightcolumns(outcome).c_str());
   }
 }
 
 // The words that tell which of the models of a non-linear run a table belongs to.
 const char* modelsuffix(PassKind pass) {
-  if (!run.kind.nlrun) return "";
+  if (!run.model.outcome.single()) return "";
   if (pass == PassKind::identity) return " (linear model with identity link function)";
   return pass == PassKind::populationaverage ? " (Population-average model)" : " (Unit-specific model)";
 }
 const char* robustlead(PassKind pass) {
-  if (!run.kind.nlrun || pass == PassKind::identity) return " (";
+  if (!run.model.outcome.single() || pass == PassKind::identity) return " (";
   return pass == PassKind::populationaverage ? " (Population-average model " : " (Unit-specific model ";
 }
 
@@ -208,7 +208,7 @@ void constrainednote(const char* where) {
 }
 
 void ratioheads() {
-  const bool rates = run.kind.nonlin == 2;
+  const bool rates = run.model.outcome.family == Family::poisson;
   if (run.report.html) {
     opentable();
     report("<td align=left %s>Fixed Effect</td>\n", stylerule);
@@ -233,7 +233,7 @@ void fixedtable(const FixedEffects& effects, TableKind kind, PassKind pass) {
   heading(kind, pass);
   columnheads(kind);
   bool anyrough = false;
-  for (int g = 0; g < run.coef.ngamma; ++g) {
+  for (int g = 0; g < run.model.coef.ngamma; ++g) {
     const Estimate row = estimateof(effects, isleastsquares(kind), g);
     rowlead(g, openings[static_cast<std::size_t>(g)], rowstyle(g));
     fixedrow(row, rowstyle(g));
@@ -247,10 +247,10 @@ void fixedtable(const FixedEffects& effects, TableKind kind, PassKind pass) {
 }
 
 void ratiotable(const FixedEffects& effects, TableKind kind) {
-  if (run.kind.linear()) return;
+  if (run.model.outcome.linear()) return;
   const std::vector<int> openings = setopenings();
   ratioheads();
-  for (int g = 0; g < run.coef.ngamma; ++g) {
+  for (int g = 0; g < run.model.coef.ngamma; ++g) {
     rowlead(g, openings[static_cast<std::size_t>(g)], rowstyle(g));
     ratiorow(estimateof(effects, isleastsquares(kind), g), rowstyle(g));
   }

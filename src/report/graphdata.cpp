@@ -39,7 +39,7 @@ struct Predictors {
 Predictors level1predictors() {
   Predictors list;
   for (int v = 1; v <= run.mdm.nvar1; ++v)
-    for (int e = 0; e < run.kind.neqsets; ++e)
+    for (int e = 0; e < run.model.neqsets; ++e)
       if (run.model.use1.row(e)[v] == 1) {
         list.variables.push_back(v);
         break;
@@ -211,7 +211,7 @@ void writegraphdata(Pass& pass, const RecordLayout& layout, const Array<double>&
   writeflags(file);
   writelevel3(file, pass, results);
   writelevel2(file, pass, results);
-  if (run.kind.mnrun) return finishresult(file);
+  if (run.model.outcome.categorical()) return finishresult(file);
   writevalue(file, run.mdm.nunits1);
   eachfittedunit(pass, layout,
                  [&](int, const UnitBlock& unit, const double* fitted) { put(file, fitted, at(unit.nj)); });

@@ -33,7 +33,7 @@ void testheading(const WaldTest& test) {
 }
 
 void contrastrow(const WaldTest& test, int g, double gamma) {
-  const Coefficients& coef = run.coef;
+  const Coefficients& coef = run.model.coef;
   reporthtml("<tr>");
   if (const Label& label = coef.gammanames1[g]; !isblank(label)) {
     reporttext(" For %s\n", label.text);
@@ -165,7 +165,7 @@ bool toomanycontrasts(int n) { return !run.model.hypothesisrows.empty() && run.m
 }  // namespace
 
 std::vector<WaldTest> waldtests(int n, const double* gamma, const double* vgamma, int stride) {
-  const ModelSpec& model = run.model;
+  const Model& model = run.model;
   std::vector<WaldTest> tests;
   if (toomanycontrasts(n)) return tests;
   std::size_t first = 0;  // in contrasts

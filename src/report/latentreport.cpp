@@ -28,7 +28,7 @@ struct CoefficientName {
 };
 
 CoefficientName nameof(int i) {
-  const Coefficients& coef = run.coef;
+  const Coefficients& coef = run.model.coef;
   return {eightcolumns(labelof(coef.betanames1, i)), eightcolumns(labelof(coef.betanames2, i)),
           std::to_string(subscriptof(coef.betasubs1, i)) + std::to_string(subscriptof(coef.betasubs2, i))};
 }
@@ -203,7 +203,7 @@ void closetable() {
 void residualcovariance(const LatentRegression& regression) {
   report2("\n Var(%s*)\n", "<br>Var(%s<sup>*</sup>)<br>", run.sym.symr3.c_str());
   const std::size_t nO = regression.outcomes.size();
-  const std::vector<std::string> categories = randomcategories(Tau::beta, run.coef.ntaubeta);
+  const std::vector<std::string> categories = randomcategories(Tau::beta, run.model.coef.ntaubeta);
   for (std::size_t i = 0; i < nO; ++i) {
     const int coefficient = regression.outcomes[i];
     const CoefficientName name = nameof(coefficient);

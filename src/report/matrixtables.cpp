@@ -53,15 +53,15 @@ void closematrix() { report2("\n", "</tbody></table>\n"); }
 
 // The label of row i of taupi.
 void pilabel(int i, const std::string& category) {
-  const std::string name = eightcolumns(labelof(run.coef.pinames, i));
+  const std::string name = eightcolumns(labelof(run.model.coef.pinames, i));
   report2(" %s,%s%d", "<tr><td>%s,%s<sub><small><i>%d</i></small></sub>", name.c_str(), run.sym.sym1.c_str(),
-          subscriptof(run.coef.pisubs, i));
+          subscriptof(run.model.coef.pisubs, i));
   if (!category.empty()) report2("%s", "<sub><small><i>%s</i></small></sub>", category.c_str());
   reporthtml("</td>");
 }
 
 void betaheads(int first, int last, const Categories& categories) {
-  const Coefficients& coef = run.coef;
+  const Coefficients& coef = run.model.coef;
   const char* wider = multinomialrun() ? "    " : "";
   reporthtml("<tr>");
   for (int j = first; j < last; ++j) {
@@ -79,7 +79,7 @@ void betaheads(int first, int last, const Categories& categories) {
 }
 
 void correlationlabel(Tau which, int i, const std::string& category) {
-  const Coefficients& coef = run.coef;
+  const Coefficients& coef = run.model.coef;
   if (which == Tau::pi) {
     const std::string name = eightcolumns(labelof(coef.pinames, i));
     report2(" %s,%s%d%s", "<tr><td>%s,%s<sub><small><i>%d%s</i></small></sub>", name.c_str(), run.sym.sym1.c_str(),

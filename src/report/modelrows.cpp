@@ -13,11 +13,11 @@ std::string effectdigits(const ModelRows& rows, const EffectRow& effect) {
   return termdigits(rows, rows.termof(effect)) + std::to_string(effect.subscript);
 }
 
-bool multinomialrun() { return run.kind.nonlin == 3 && !run.kind.ordinal; }
+bool multinomialrun() { return run.model.outcome.family == Family::multinomial; }
 
 std::string categorylabel(int k) {
-  if (k < 0 || static_cast<std::size_t>(k) >= run.kind.categorylabel.size()) return {};
-  return run.kind.categorylabel[k].text;
+  if (k < 0 || static_cast<std::size_t>(k) >= run.model.categorylabel.size()) return {};
+  return run.model.categorylabel[k].text;
 }
 
 std::string categoryof(int k) { return escaped(categorylabel(k)); }

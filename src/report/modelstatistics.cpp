@@ -39,8 +39,8 @@ void comparison(double deviance, long long parameters) {
 
 long long parametercount(int phase) {
   const long long taupis = phase == 1 ? run.mdm.nunits3 : 1;
-  return run.coef.ngamma + triangle(run.coef.ntaubeta) + taupis * triangle(run.coef.ntaupi) +
-         (run.iter.fixsigma2 == 0.0 ? 1 : 0);
+  return run.model.coef.ngamma + triangle(run.model.coef.ntaubeta) + taupis * triangle(run.model.coef.ntaupi) +
+         (run.model.restrictions.fixsigma2 == 0.0 ? 1 : 0);
 }
 
 DevianceComparison comparisonof(double deviance, long long parameters) {
@@ -57,7 +57,7 @@ void modelstatistics(double loglik, int phase) {
   } else {
     reportline(" Deviance                       = Unable to compute");
   }
-  if (run.out.autovknown != 0 && run.kind.linear())
+  if (run.model.autovknown != 0 && run.model.outcome.linear())
     reportline(" (a constant of the known variances is left out: compare such deviances only with each other)");
   reportline(" Number of estimated parameters = %lld", parameters);
   if (run.out.deviance != missingcode && std::isfinite(deviance)) comparison(deviance, parameters);

@@ -3,8 +3,8 @@
 
 namespace kdr {
 
-// Parameters of the model: fixed effects, all elements of both taus, sigma^2 unless it is held. `phase` 1: every level-3
-// unit has a taupi of its own.
+// Parameters of the model: fixed effects, all elements of both taus, sigma^2 unless it is held. `phase` 1: every
+// level-3 unit has a taupi of its own.
 [[nodiscard]] long long parametercount(int phase);
 
 // The likelihood-ratio test against the alternative model of DEVIANCE: and DF:.

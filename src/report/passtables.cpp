@@ -45,10 +45,10 @@ void sigma2lines(const PassResults& results) {
   if (results.fixsigma2 == 0.0) {
     reportline(" %s = %12.5f", symbol, results.est.sigma2);
     if (results.errors.known) reportline(" Standard error of %s = %12.5f", symbol, results.errors.sigma2);
-  } else if (!run.kind.nlrun) {
+  } else if (!run.model.outcome.single()) {
     reportbreak();
-    if (run.out.autovknown != 0) {
-      reportline(" %s = %s (Known)", symbol, bareword(run.mdm.names1[run.out.autovknown]).c_str());
+    if (run.model.autovknown != 0) {
+      reportline(" %s = %s (Known)", symbol, bareword(run.mdm.names1[run.model.autovknown]).c_str());
     } else {
       reportline(" %s = %12.5f", symbol, results.fixsigma2);
     }
@@ -80,7 +80,7 @@ void reliabilitytables(Tau which, const PassResults& results) {
 // the level-3 units.
 void tautables(Tau which, const PassResults& results) {
   const bool pi = which == Tau::pi;
-  const int n = pi ? run.coef.ntaupi : run.coef.ntaubeta;
+  const int n = pi ? run.model.coef.ntaupi : run.model.coef.ntaubeta;
   const double* tau = (pi ? results.est.taupi : results.est.taubeta).data();
   if (pi && results.heterogeneous) return;
   tautable(which, MatrixTitle::plain, false, n, tau);
@@ -93,7 +93,7 @@ void tautables(Tau which, const PassResults& results) {
 
 // A table of the fixed effects, its ratios and the hypothesis tests that go with its covariance.
 void effectstables(const PassResults& results, TableKind kind, const Array<double>& covariance) {
-  const int g = run.coef.ngamma;
+  const int g = run.model.coef.ngamma;
   const Array<double> variances = variancesof(covariance, g);
   const FixedEffects effects{results.est.gammahat, variances, results.degrees};
   fixedtable(effects, kind, results.kind);
@@ -101,7 +101,7 @@ void effectstables(const PassResults& results, TableKind kind, const Array<doubl
 }
 
 void hypothesistests(const PassResults& results, const Array<double>& covariance) {
-  const int g = run.coef.ngamma;
+  const int g = run.model.coef.ngamma;
   if (run.model.nhypotheses) hypothesistest(g, results.est.gammahat.data(), covariance.data(), g);
 }
 
@@ -123,9 +123,10 @@ void robusttables(const PassResults& results) {
 void variancetesttables(const PassResults& results) {
   const VarianceTests& tests = results.tests;
   const Estimates& est = results.est;
-  variancetable(Tau::pi, {run.coef.ntaupi, est.taupi.data(), tests.chisq2.data(), tests.df2.data(), est.sigma2});
+  variancetable(Tau::pi, {run.model.coef.ntaupi, est.taupi.data(), tests.chisq2.data(), tests.df2.data(), est.sigma2});
   partnote("chi-square statistics", tests.units2, run.mdm.nunits2);
-  variancetable(Tau::beta, {run.coef.ntaubeta, est.taubeta.data(), tests.chisq3.data(), tests.df3.data(), est.sigma2});
+  variancetable(Tau::beta,
+                {run.model.coef.ntaubeta, est.taubeta.data(), tests.chisq3.data(), tests.df3.data(), est.sigma2});
   partnote("chi-square statistics", tests.units3, run.mdm.nunits3);
 }
 
@@ -165,7 +166,7 @@ void deletionnote() {
 }
 
 void leastsquarestables(const LeastSquaresResults& results, const FixedDegrees& degrees) {
-  const int g = run.coef.ngamma;
+  const int g = run.model.coef.ngamma;
   documentleastsquares(results, degrees);
   sectionheading("Least Squares Estimates", "Least Squares Estimates", 23);
   report("\n %s = %12.5f\n\n", run.sym.symvar1.c_str(), results.sigma2);

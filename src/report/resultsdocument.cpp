@@ -134,30 +134,29 @@ Json equations() {
 }
 
 const char* distribution() {
-  const ModelKind& kind = run.kind;
-  if (kind.mnrun) return kind.ordinal ? "ordinal" : "multinomial";
-  if (!kind.nlrun) return "normal";
-  return kind.nonlin == 2 ? "poisson" : kind.nlcount ? "binomial" : "bernoulli";
+  constexpr const char* names[] = {"normal", "bernoulli", "binomial", "poisson", "multinomial", "ordinal"};
+  return names[static_cast<int>(run.model.outcome.family)];
 }
 
 Json model() {
-  const OutputControl& out = run.out;
   Json categories = Json::array();
-  if (run.kind.mnrun)
-    for (int k = 0; k < run.kind.ncat; ++k) categories.push_back(categorylabel(k));
-  const char* links[] = {"logit", "log", run.kind.ordinal ? "cumulative logit" : "multinomial logit"};
-  return {{"outcome", leftname(run.kind.outname)},
-          {"distribution", distribution()},
-          {"link", run.kind.linear() ? "identity" : links[run.kind.nonlin - 1]},
-          {"count_variable", run.kind.nlcount ? nameornull(run.mdm.names1, run.kind.nlcntvar) : Json()},
-          {"categories", std::move(categories)},
-          {"equations", equations()},
-          {"sigma2_held_at", whenever(run.iter.fixsigma2 != 0.0, number(run.iter.fixsigma2))},
-          {"weights",
-           {{"level1", nameornull(run.mdm.names1, out.wgtvar1)},
-            {"level2", nameornull(run.mdm.names2, out.wgtvar2)},
-            {"level3", nameornull(run.mdm.names3, out.wgtvar3)},
-            {"known_variance", nameornull(run.mdm.names1, out.autovknown)}}}};
+  if (run.model.outcome.categorical())
+    for (int k = 0; k < run.model.outcome.categories; ++k) categories.push_back(categorylabel(k));
+  constexpr const char* links[] = {"identity", "logit", "log", "multinomial logit", "cumulative logit"};
+  return {
+      {"outcome", leftname(run.model.outname)},
+      {"distribution", distribution()},
+      {"link", links[static_cast<int>(run.model.outcome.link())]},
+      {"count_variable",
+       run.model.outcome.counted ? nameornull(run.mdm.names1, run.model.outcome.countvariable) : Json()},
+      {"categories", std::move(categories)},
+      {"equations", equations()},
+      {"sigma2_held_at", whenever(run.model.restrictions.fixsigma2 != 0.0, number(run.model.restrictions.fixsigma2))},
+      {"weights",
+       {{"level1", nameornull(run.mdm.names1, run.model.wgtvar1)},
+        {"level2", nameornull(run.mdm.names2, run.model.wgtvar2)},
+        {"level3", nameornull(run.mdm.names3, run.model.wgtvar3)},
+        {"known_variance", nameornull(run.mdm.names1, run.model.autovknown)}}}};
 }
 
 // Fixed effects.
@@ -185,7 +184,7 @@ Json tested(const Estimate& row, bool withratio) {
 Json fixedeffects(const Array<double>& gamma, const Covariance& model, const Covariance& robust, bool leastsquares,
                   bool withratio) {
   const ModelRows rows = modelrows();
-  const int n = run.coef.ngamma;
+  const int n = run.model.coef.ngamma;
   const FixedDegrees none;
   const auto variances = [&](const Covariance& covariance) {
     return known(covariance) ? variancesof(*covariance.matrix, n, covariance.scale) : Array<double>();
@@ -219,7 +218,7 @@ Json fixedeffects(const Array<double>& gamma, const Covariance& model, const Cov
 
 void addhypotheses(Json& list, const char* name, const Array<double>& gamma, const Covariance& covariance) {
   if (!run.model.nhypotheses || !known(covariance)) return;
-  const int n = run.coef.ngamma;
+  const int n = run.model.coef.ngamma;
   for (const WaldTest& test : waldtests(n, gamma.data(), covariance.matrix->data(), n)) {
     Json contrasts = Json::array();
     for (int row = 0; row < test.r; ++row) {
@@ -244,7 +243,7 @@ void addhypotheses(Json& list, const char* name, const Array<double>& gamma, con
 // All that hangs on the fixed effects of a phase.
 void addeffects(Json& phase, const Array<double>& gamma, const Covariance& model, const Covariance& robust,
                 bool leastsquares, bool withratio) {
-  phase["fixed_effects"] = fixedeffects(gamma, model, robust, leastsquares, withratio && !run.kind.linear());
+  phase["fixed_effects"] = fixedeffects(gamma, model, robust, leastsquares, withratio && !run.model.outcome.linear());
   Json tests = Json::array();
   if (!leastsquares) {
     addhypotheses(tests, "model_based", gamma, model);
@@ -256,7 +255,7 @@ void addeffects(Json& phase, const Array<double>& gamma, const Covariance& model
 // Variance components.
 
 Json taurows(Tau which, int n) {
-  const Coefficients& coef = run.coef;
+  const Coefficients& coef = run.model.coef;
   const ModelRows rows = modelrows();
   std::vector<int> sets;
   for (const CoefficientRow& row : rows.coefficients)
@@ -344,9 +343,9 @@ void addlikelihood(Json& phase, double loglik, bool comparable, long long parame
 // The shares of a linear model with nothing but an intercept that varies at all three levels.
 Json intraclass(double sigma2, const Array<double>& taupi, const Array<double>& taubeta) {
   const ModelRows rows = modelrows();
-  const bool null = run.kind.linear() && run.out.autovknown == 0 && rows.effects.size() == 1 && taupi.size() == 1 &&
-                    taubeta.size() == 1 && rows.coefficients[0].variable == 0 && rows.terms[0].variable == 0 &&
-                    rows.effects[0].variable == 0;
+  const bool null = run.model.outcome.linear() && run.model.autovknown == 0 && rows.effects.size() == 1 &&
+                    taupi.size() == 1 && taubeta.size() == 1 && rows.coefficients[0].variable == 0 &&
+                    rows.terms[0].variable == 0 && rows.effects[0].variable == 0;
   if (!null) return {};
   const double total = sigma2 + taupi[0] + taubeta[0];
   return {{"share_level1", number(sigma2 / total)},
@@ -401,10 +400,10 @@ Json warningsof(const PassResults& results) {
 void addvariances(Json& phase, const PassResults& results) {
   const bool stand = results.tausstand(), errors = results.errors.known;
   const Estimates& est = results.est;
-  const int p = run.coef.ntaupi, b = run.coef.ntaubeta;
+  const int p = run.model.coef.ntaupi, b = run.model.coef.ntaubeta;
   const Reliabilities& rel = results.reliabilities;
   const bool held = results.fixsigma2 != 0.0;
-  const bool heldbyvariable = run.kind.linear() && run.out.autovknown != 0;
+  const bool heldbyvariable = run.model.outcome.linear() && run.model.autovknown != 0;
   phase["sigma2"] = isengine(results)
                         ? Json()
                         : sigma2of(heldbyvariable ? missingcode : est.sigma2, held, errors, results.errors.sigma2);
@@ -559,7 +558,7 @@ void documentleastsquares(const LeastSquaresResults& results, const FixedDegrees
              {"iterations", nullptr},
              {"ending", nullptr},
              {"converged", true}};
-  addlikelihood(phase, results.loglik, true, run.coef.ngamma + 1);
+  addlikelihood(phase, results.loglik, true, run.model.coef.ngamma + 1);
   phase["model_comparison"] = nullptr;
   phase["marginal_log_likelihood"] = nullptr;
   phase["sigma2"] = sigma2of(results.sigma2, false, false, 0.0);
@@ -578,7 +577,7 @@ void documentleastsquares(const LeastSquaresResults& results, const FixedDegrees
 void documentheterogeneous(const PassResults& results, const Array<double>& mean, const Array<double>& weighted) {
   if (!wanted()) return;
   Json phase = phaseof(results);
-  const int p = run.coef.ntaupi;
+  const int p = run.model.coef.ntaupi;
   phase["tau_pi_average"] = square(p, mean);
   phase["tau_pi_weighted_average"] = square(p, weighted);
   addphase(std::move(phase));

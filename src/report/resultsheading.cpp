@@ -21,15 +21,15 @@ void resultsheading(PassKind kind, int macro, double sigma2) {
       break;
     case PassKind::pql:
       report2("\fRESULTS FOR NON-LINEAR MODEL WITH THE LOG", "<h2>Results for Non-linear Model with the Log");
-      if (run.kind.nonlin == 1) report2("IT", "it");
+      if (run.model.outcome.link() == Link::logit) report2("IT", "it");
       report2(" LINK FUNCTION:\n  ", " Link Function<br><small>");
       report("Unit-Specific Model, PQL Estimation - (macro iteration %d)", macro);
       report2("\n", "</small></h2>\n");
       break;
     case PassKind::categories:
       report2("\fRESULTS FOR %s", "<h2>Final Results for %s",
-              run.kind.ordinal ? (run.report.html ? "Ordinal" : "ORDINAL")
-                               : (run.report.html ? "Multinomial" : "MULTINOMIAL"));
+              run.model.outcome.ordinal() ? (run.report.html ? "Ordinal" : "ORDINAL")
+                                          : (run.report.html ? "Multinomial" : "MULTINOMIAL"));
       report2(" ITERATION %d\n\n", " Iteration %d</h2>", macro);
       break;
     case PassKind::populationaverage:

@@ -21,31 +21,31 @@ constexpr int maxgammasummary = 1500;
 // The block of facts.
 
 const char* distribution() {
-  if (run.kind.nonlin == 3) return run.kind.ordinal ? "Ordinal" : "Multinomial";
-  if (run.kind.nonlin == 2) return "Poisson";
-  return run.kind.nlcount ? "Binomial" : "Bernoulli";
+  if (run.model.outcome.categorical()) return run.model.outcome.ordinal() ? "Ordinal" : "Multinomial";
+  if (run.model.outcome.family == Family::poisson) return "Poisson";
+  return run.model.outcome.counted ? "Binomial" : "Bernoulli";
 }
 
 void runheading() {
   reportbreak();
   report2(" Specifications for this ", "<h2>Specifications for this ");
-  if (run.kind.nlrun && run.iter.fixsigma2 == 0.0) report("Overdispersed ");
-  if (!run.kind.linear()) report("%s ", distribution());
+  if (run.model.outcome.single() && run.model.restrictions.fixsigma2 == 0.0) report("Overdispersed ");
+  if (!run.model.outcome.linear()) report("%s ", distribution());
   report("%s run", module);
   report2("\n\n\n", "</h2>");
 }
 
 void estimationmethod() {
-  const bool likelihood = run.iter.laplace || run.iter.agqpoints != 0;
+  const bool likelihood = run.control.laplace || run.control.agqpoints != 0;
   report("  Method of estimation: full");
-  if (run.kind.linear()) {
+  if (run.model.outcome.linear()) {
     report(" maximum likelihood");
-  } else if (run.kind.mnrun || !likelihood) {
+  } else if (run.model.outcome.categorical() || !likelihood) {
     report(" PQL");
   } else {
     report(" maximum likelihood");
-    if (run.iter.laplace) report(" via EM-Laplace 2");
-    if (run.iter.agqpoints != 0) report(" via adaptive Gaussian quadrature");
+    if (run.control.laplace) report(" via EM-Laplace 2");
+    if (run.control.agqpoints != 0) report(" via adaptive Gaussian quadrature");
   }
   reportbreak();
 }
@@ -64,14 +64,16 @@ void seriesfacts() {
 }
 
 void nonlinearfacts() {
-  if (run.kind.linear()) return;
-  report("  Maximum number of macro iterations = %d\n", run.iter.macroit);
+  if (run.model.outcome.linear()) return;
+  report("  Maximum number of macro iterations = %d\n", run.control.macroit);
   reportbreak();
-  if (run.iter.agqpoints != 0) reportline("  Number of adaptive Gaussian quadrature points = %d", run.iter.agqpoints);
-  if (run.iter.popavit > 1) reportline("  Maximum number of population average iterations = %d", run.iter.popavit);
+  if (run.control.agqpoints != 0)
+    reportline("  Number of adaptive Gaussian quadrature points = %d", run.control.agqpoints);
+  if (run.control.popavit > 1)
+    reportline("  Maximum number of population average iterations = %d", run.control.popavit);
   reportbreak();
   reportline("  Distribution at Level-1: %s", distribution());
-  if (run.iter.taylor != 0) reportline("Taylor series at order %d selected", run.iter.taylor);
+  if (run.control.taylor != 0) reportline("Taylor series at order %d selected", run.control.taylor);
 }
 
 void facts() {
@@ -85,9 +87,9 @@ void facts() {
   reportline("  The maximum number of level-1 units = %d", run.mdm.nunits1);
   reportline("  The maximum number of level-2 units = %d", run.mdm.nunits2);
   reportline("  The maximum number of level-3 units = %d", run.mdm.nunits3);
-  report("  The maximum number of %siterations = %d\n", run.kind.linear() ? "" : "micro ", run.iter.numit);
+  report("  The maximum number of %siterations = %d\n", run.model.outcome.linear() ? "" : "micro ", run.control.numit);
   reportbreak();
-  if (run.kind.mnrun) reportline("  Number of categories = %d", run.kind.ncat);
+  if (run.model.outcome.categorical()) reportline("  Number of categories = %d", run.model.outcome.categories);
   estimationmethod();
   seriesfacts();
   nonlinearfacts();
@@ -114,9 +116,8 @@ void weightrow(const char* textlabel, const char* htmllabel, const Name* name, b
 }
 
 void weightingtable() {
-  const OutputControl& out = run.out;
   const MdmData& mdm = run.mdm;
-  if (out.wgtvar1 == 0 && out.wgtvar2 == 0 && out.wgtvar3 == 0 && out.autovknown == 0) return;
+  if (run.model.wgtvar1 == 0 && run.model.wgtvar2 == 0 && run.model.wgtvar3 == 0 && run.model.autovknown == 0) return;
   report2("\n Weighting Specification\n", "<h4> Weighting Specification</h4>\n");
   reportrule(23);
   reporttext("                         Weight\n");
@@ -129,10 +130,10 @@ void weightingtable() {
     report("</tr>\n<tbody>\n");
   }
   const auto named = [](const Array<Name>& names, int v) { return v == 0 ? nullptr : &names[v]; };
-  weightrow(" Level 1       ", "Level 1", named(mdm.names1, out.wgtvar1), true, styleplain);
-  weightrow(" Level 2       ", "Level 2", named(mdm.names2, out.wgtvar2), true, styleplain);
-  weightrow(" Level 3       ", "Level 3", named(mdm.names3, out.wgtvar3), true, styleplain);
-  weightrow(" Precision     ", "Precision", named(mdm.names1, out.autovknown), false, stylebottom);
+  weightrow(" Level 1       ", "Level 1", named(mdm.names1, run.model.wgtvar1), true, styleplain);
+  weightrow(" Level 2       ", "Level 2", named(mdm.names2, run.model.wgtvar2), true, styleplain);
+  weightrow(" Level 3       ", "Level 3", named(mdm.names3, run.model.wgtvar3), true, styleplain);
+  weightrow(" Precision     ", "Precision", named(mdm.names1, run.model.autovknown), false, stylebottom);
   reporthtml("</tbody></table>\n");
 }
 
@@ -228,7 +229,7 @@ void buildsummary() {
 void writespecification() {
   facts();
   weightingtable();
-  report("\n  The outcome variable is %s\n", escaped(run.kind.outname.text).c_str());
+  report("\n  The outcome variable is %s\n", escaped(run.model.outname.text).c_str());
   if (!run.report.html) modeltable(modelrows());
   writeequations();
   writemixedmodel();

@@ -9,7 +9,7 @@ namespace kdr {
 void buildsummary();
 
 // Writes the block of facts, the weighting table, the table of the fixed effects (text mode) and the equations. Needs
-// the symbols and the row labels; fills pisubs, betasubs1 and betasubs2 of run.coef.
+// the symbols and the row labels; fills pisubs, betasubs1 and betasubs2 of run.model.coef.
 void writespecification();
 
 }  // namespace kdr

@@ -72,16 +72,16 @@ void readstartvalues() {
   readline(file, line);
   run.est.sigma2 = std::atof(line.c_str());
   expectmarker(file, "#TAUPI", "Tau(pi) values must be preceded with a line #TAUPI\n");
-  for (int i = 0; i < run.coef.ntaupi; ++i) readrow(file, run.est.taupi, run.coef.ntaupi, i);
+  for (int i = 0; i < run.model.coef.ntaupi; ++i) readrow(file, run.est.taupi, run.model.coef.ntaupi, i);
   expectmarker(file, "#TAUBETA", "Tau(beta) values must be preceded with a line #TAUBETA\n");
-  for (int i = 0; i < run.coef.ntaubeta; ++i) readrow(file, run.est.taubeta, run.coef.ntaubeta, i);
+  for (int i = 0; i < run.model.coef.ntaubeta; ++i) readrow(file, run.est.taubeta, run.model.coef.ntaubeta, i);
   expectmarker(file, "#GAMMA", "gamma values must be preceded with a line #GAMMA\n");
-  for (int i = 0; i < run.coef.ngamma; ++i) {
+  for (int i = 0; i < run.model.coef.ngamma; ++i) {
     if (!readline(file, line))
       stopwith(
           "There are not enough lines in the starting value file: %s\nThere should be %d lines after the #GAMMA "
           "line.\n",
-          run.files.startvals.c_str(), run.coef.ngamma);
+          run.files.startvals.c_str(), run.model.coef.ngamma);
     run.est.gammahat[i] = std::atof(line.c_str());
   }
   std::fclose(file);
@@ -93,11 +93,12 @@ void writestartvalues() {
   std::FILE* file = result.stream;
   std::fprintf(file, "#SIGMA2\n%s\n", filecell(run.est.sigma2, 12, 5).c_str());
   std::fprintf(file, "#TAUPI\n");
-  writetriangle(file, run.est.taupi, run.coef.ntaupi);
+  writetriangle(file, run.est.taupi, run.model.coef.ntaupi);
   std::fprintf(file, "#TAUBETA\n");
-  writetriangle(file, run.est.taubeta, run.coef.ntaubeta);
+  writetriangle(file, run.est.taubeta, run.model.coef.ntaubeta);
   std::fprintf(file, "#GAMMA\n");
-  for (int i = 0; i < run.coef.ngamma; ++i) std::fprintf(file, "%s\n", filecell(run.est.gammahat[i], 13, 6).c_str());
+  for (int i = 0; i < run.model.coef.ngamma; ++i)
+    std::fprintf(file, "%s\n", filecell(run.est.gammahat[i], 13, 6).c_str());
   finishresult(result);
 }
 

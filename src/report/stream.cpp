@@ -126,7 +126,7 @@ void openreport(void (*check)(), void (*keep)()) {
 
 void closereport() {
   if (run.report.stream == nullptr) return;
-  if (!run.kind.linear()) cutreport();
+  if (!run.model.outcome.linear()) cutreport();
   reporthtml("</body></html>\n");
   if (reportisstdout()) {
     run.report.stream = nullptr;

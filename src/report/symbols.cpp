@@ -81,7 +81,7 @@ std::string effectlabel(const ModelRows& rows, const EffectRow& effect) {
 
 void makerowlabels() {
   const ModelRows rows = modelrows();
-  Coefficients& coef = run.coef;
+  Coefficients& coef = run.model.coef;
   const auto kept =
       std::count_if(rows.effects.begin(), rows.effects.end(), [](const EffectRow& e) { return !e.removed; });
   for (Array<Label>* table : {&coef.gammanames1, &coef.gammanames2, &coef.gammanames3}) {

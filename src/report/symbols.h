@@ -11,9 +11,9 @@ namespace kdr {
 // Fills run.sym for run.mdm.mdmtype in the report's mode. Called once the mode is known.
 void setsymbols();
 
-// Fills gammanames1, gammanames2 and gammanames3 of run.coef, a row per fixed effect that the constraints left. The
-// label of a coefficient stands in the row of its first fixed effect, and is gone with it. Needs the symbols, and in an
-// ordinal run the category labels. Failure 3.
+// Fills gammanames1, gammanames2 and gammanames3 of run.model.coef, a row per fixed effect that the constraints left.
+// The label of a coefficient stands in the row of its first fixed effect, and is gone with it. Needs the symbols, and
+// in an ordinal run the category labels. Failure 3.
 void makerowlabels();
 
 // The labels of single coefficients, as they stand in the row labels.

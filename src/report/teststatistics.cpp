@@ -15,7 +15,7 @@ Estimate estimateof(const FixedEffects& effects, bool leastsquares, int g) {
   row.coefficient = effects.gamma[g];
   row.se = variance > 0.0 && std::isfinite(variance) ? std::sqrt(variance) : 0.0;
   row.t = row.se == 0.0 ? 0.0 : row.coefficient / row.se;
-  row.df = leastsquares ? run.mdm.nunits1 - run.coef.ngamma : effects.degrees.df[g];
+  row.df = leastsquares ? run.mdm.nunits1 - run.model.coef.ngamma : effects.degrees.df[g];
   row.rough = !leastsquares && effects.degrees.rough[g] != 0;  // degrees of least squares are exact
   row.tested = row.df > 1 && row.se != 0.0 && std::isfinite(row.t);
   row.p = row.tested ? tprob(row.df, row.t) : 0.0;

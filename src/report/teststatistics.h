@@ -7,7 +7,7 @@
 
 namespace kdr {
 
-// The fixed effects of a table, run.coef.ngamma of them.
+// The fixed effects of a table, run.model.coef.ngamma of them.
 struct FixedEffects {
   const Array<double>& gamma;     // estimates
   const Array<double>& variance;  // their variances, one each

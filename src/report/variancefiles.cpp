@@ -52,7 +52,7 @@ void writetaufile(const char* path, const Estimates& est, const TauErrors& error
   ResultFile result;
   openvariancefile(result, path);
   std::FILE* file = result.stream;
-  const int p = run.coef.ntaupi, b = run.coef.ntaubeta;
+  const int p = run.model.coef.ntaupi, b = run.model.coef.ntaubeta;
   for (int i = 0; i < p; ++i) writerow(file, est.taupi.data() + i * p, p, Cell::fixed);
   for (int i = 0; i < b; ++i) writerow(file, est.taubeta.data() + i * b, b, Cell::fixed);
   for (int i = 0; i < errors.order; ++i)
@@ -64,7 +64,7 @@ void writetaufile(const char* path, const Estimates& est, const TauErrors& error
 void listvariancefiles() {
   reportbreak();
   report("%s, containing the taus ", taufile);
-  if (run.iter.fishertype != 0) {
+  if (run.control.fishertype != 0) {
     report("and the variance-covariance matrix of the taus");
     filelistbreak();
   }
@@ -81,10 +81,10 @@ void filelistbreak() { report2("\n\t", "<br>\n&nbsp;&nbsp;&nbsp;&nbsp;"); }
 
 void endfilelist() {
   reportline("The above files have been created with a (nF15.7,1X) format.");
-  if (run.coef.ngamma > perline) {
+  if (run.model.coef.ngamma > perline) {
     report("Due to the high number of gammas, each line of the gamma matrices have been");
     filelistbreak();
-    reportline("split across %d lines.", (run.coef.ngamma + perline - 1) / perline);
+    reportline("split across %d lines.", (run.model.coef.ngamma + perline - 1) / perline);
   }
 }
 

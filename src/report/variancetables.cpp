@@ -24,7 +24,7 @@ std::string bracketed(const std::string& category, const char* otherwise) {
 }
 
 void reliabilitylabel(Tau which, int i, const std::string& category, const char* style) {
-  const Coefficients& coef = run.coef;
+  const Coefficients& coef = run.model.coef;
   const bool pi = which == Tau::pi;
   std::string name = pi ? eightcolumns(labelof(coef.pinames, i))
                         : eightcolumns(labelof(coef.betanames1, i)) + "/" + eightcolumns(labelof(coef.betanames2, i));
@@ -70,9 +70,9 @@ void varianceheads(Tau which) {
 
 // Label, standard deviation and variance of a row of taupi.
 void level2effect(int i, const std::string& category, double variance, const char* style) {
-  const std::string name = eightcolumns(labelof(run.coef.pinames, i));
-  const int subscript = subscriptof(run.coef.pisubs, i);
-  const bool intercept = i == 0 && subscript == 0 && !run.kind.nointercept1;
+  const std::string name = eightcolumns(labelof(run.model.coef.pinames, i));
+  const int subscript = subscriptof(run.model.coef.pisubs, i);
+  const bool intercept = i == 0 && subscript == 0 && !run.model.nointercept1;
   const std::string deviation = fixedpoint(std::sqrt(variance), 12, 5), value = fixedpoint(variance, 12, 5);
   if (run.report.html) {
     const std::string kind = !category.empty() ? "(" + category + ")," : intercept ? "," : " slope,";
@@ -88,7 +88,7 @@ void level2effect(int i, const std::string& category, double variance, const cha
 
 // The same for a row of taubeta.
 void level3effect(int i, const std::string& category, double variance, const char* style) {
-  const Coefficients& coef = run.coef;
+  const Coefficients& coef = run.model.coef;
   const std::string name1 = eightcolumns(labelof(coef.betanames1, i));
   const std::string name2 = eightcolumns(labelof(coef.betanames2, i));
   const int s = subscriptof(coef.betasubs1, i), t = subscriptof(coef.betasubs2, i);
@@ -183,7 +183,7 @@ void variancetable(Tau which, const VarianceRows& rows) {
     }
     chisquare(which, rows.df[i], rows.chisq[i], style);
   }
-  if (which == Tau::pi && run.iter.fixsigma2 == 0.0) level1effect(rows.sigma2);
+  if (which == Tau::pi && run.model.restrictions.fixsigma2 == 0.0) level1effect(rows.sigma2);
   reportrule(78);
   reporthtml("</tbody></table>\n");
 }

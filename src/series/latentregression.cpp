@@ -131,7 +131,7 @@ void gammapart(const Work& work) {
 std::span<const double> view(const Array<double>& values) { return {values.data(), values.size()}; }
 
 // Elements of taupi, behind which those of taubeta stand.
-int firstbeta() { return static_cast<int>(packedsize(run.coef.ntaupi)); }
+int firstbeta() { return static_cast<int>(packedsize(run.model.coef.ntaupi)); }
 
 }  // namespace
 
@@ -210,7 +210,7 @@ void latentvariableregression(const Pooled& averages) {
                             firstbeta()};
   if (averages.errorsknown) {
     estimates.taucovariance = view(averages.taucovariance);
-    estimates.tauorder = firstbeta() + static_cast<int>(packedsize(run.coef.ntaubeta));
+    estimates.tauorder = firstbeta() + static_cast<int>(packedsize(run.model.coef.ntaubeta));
   }
   latentreport(latentregression(latentmodel(), estimates));
 }

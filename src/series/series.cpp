@@ -71,23 +71,25 @@ void addvariable(Fingerprint& print, const Array<Name>& names, const Array<int>&
 
 unsigned long long fingerprint(const ModelRows& rows) {
   Fingerprint print;
-  const ModelSpec& model = run.model;
-  const IterationControl& iter = run.iter;
-  for (const int value : {run.kind.nonlin, run.kind.linear() ? 1 : 0, run.kind.ordinal ? 1 : 0, run.kind.ncat,
-                          run.kind.nointercept1 ? 1 : 0, run.out.diagtaupi ? 1 : 0, run.out.diagtaubeta ? 1 : 0,
-                          iter.laplace ? 1 : 0, iter.agqpoints})
+  const Model& model = run.model;
+  const Control& iter = run.control;
+  const Outcome& outcome = model.outcome;
+  constexpr int kinds[] = {0, 1, 1, 2, 3, 3};  // by family
+  for (const int value : {kinds[static_cast<int>(outcome.family)], outcome.linear() ? 1 : 0, outcome.ordinal() ? 1 : 0,
+                          outcome.categories, run.model.nointercept1 ? 1 : 0, run.model.restrictions.diagtaupi ? 1 : 0,
+                          run.model.restrictions.diagtaubeta ? 1 : 0, iter.laplace ? 1 : 0, iter.agqpoints})
     print.add(value);
-  print.add(iter.fixsigma2);
-  if (iter.haveesttau2) print.add(iter.esttau2);
-  if (iter.haveesttau3) print.add(iter.esttau3);
-  if (iter.havecontau2) print.add(iter.contau2);
-  if (iter.havecontau3) print.add(iter.contau3);
-  for (const int variable :
-       {run.kind.outvar, run.kind.nlcount ? run.kind.nlcntvar : 0, run.out.autovknown, run.out.wgtvar1})
+  print.add(run.model.restrictions.fixsigma2);
+  if (run.model.restrictions.haveesttau2) print.add(run.model.restrictions.esttau2);
+  if (run.model.restrictions.haveesttau3) print.add(run.model.restrictions.esttau3);
+  if (run.model.restrictions.havecontau2) print.add(run.model.restrictions.contau2);
+  if (run.model.restrictions.havecontau3) print.add(run.model.restrictions.contau3);
+  for (const int variable : {run.model.outvar, run.model.outcome.counted ? run.model.outcome.countvariable : 0,
+                             run.model.autovknown, run.model.wgtvar1})
     print.add(run.mdm.names1[at(variable)]);
-  print.add(run.mdm.names2[at(run.out.wgtvar2)]);
-  print.add(run.mdm.names3[at(run.out.wgtvar3)]);
-  for (const Name& label : run.kind.categorylabel) print.add(label);
+  print.add(run.mdm.names2[at(run.model.wgtvar2)]);
+  print.add(run.mdm.names3[at(run.model.wgtvar3)]);
+  for (const Name& label : run.model.categorylabel) print.add(label);
   for (const CoefficientRow& row : rows.coefficients) {
     print.add(row.random ? 1 : 0);
     addvariable(print, run.mdm.names1, model.center1, row.threshold ? 0 : row.variable);
@@ -108,7 +110,7 @@ unsigned long long fingerprint(const ModelRows& rows) {
 AveragedFrame frameof(const ModelRows& rows, const SubrunShape& shape) {
   AveragedFrame frame;
   degreesoffreedom(frame.degrees);
-  frame.sigma2fixed = run.iter.fixsigma2 != 0.0;
+  frame.sigma2fixed = run.model.restrictions.fixsigma2 != 0.0;
   frame.nterms2.reset(at(shape.q));
   frame.nfixedterms2.reset(at(shape.q));
   frame.nterms3.reset(at(shape.r));
@@ -213,9 +215,9 @@ SubrunShape seriesshape() {
   for (const CoefficientRow& row : rows.coefficients) shape.q += row.random ? 1 : 0;
   for (const TermRow& row : rows.terms) shape.r += row.random ? 1 : 0;
   for (const EffectRow& row : rows.effects) shape.g += row.removed ? 0 : 1;
-  shape.fisher = run.iter.fishertype != 0;
-  shape.popaverage = run.kind.nlrun;
-  shape.sigma2fixed = run.iter.fixsigma2 != 0.0;
+  shape.fisher = run.control.fishertype != 0;
+  shape.popaverage = run.model.outcome.single();
+  shape.sigma2fixed = run.model.restrictions.fixsigma2 != 0.0;
   shape.model = fingerprint(rows);
   return shape;
 }
@@ -244,8 +246,8 @@ void beginseries() {
     }
   }
   series.shape = shape;
-  run.coef.ntaupi = shape.q;  // a pass finds the same; a last data set may fail before it has one
-  run.coef.ntaubeta = shape.r;
+  run.model.coef.ntaupi = shape.q;  // a pass finds the same; a last data set may fail before it has one
+  run.model.coef.ntaubeta = shape.r;
   series.frame = frameof(modelrows(), shape);
   series.begun = true;
 }

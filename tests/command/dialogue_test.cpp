@@ -17,7 +17,7 @@ namespace {
 
 // Reads a command file and holds the dialogue with the given lines of answers. On a normal end the run is written to
 // "new.kdr".
-Outcome converse(const std::string& text, const std::string& answers) {
+ChildEnd converse(const std::string& text, const std::string& answers) {
   makefile("answers", answers);
   return runchild([&] {
     if (std::freopen("answers", "r", stdin) == nullptr) _exit(99);
@@ -34,9 +34,7 @@ Outcome converse(const std::string& text, const std::string& answers) {
     featurequestions();
     outputquestions();
     compactlists();
-    run.kind.outname = run.mdm.names1[static_cast<std::size_t>(run.kind.outvar)];
-    run.kind.nlrun = run.kind.nonlin == 1 || run.kind.nonlin == 2;
-    run.kind.mnrun = run.kind.nonlin == 3;
+    run.model.outname = run.mdm.names1[static_cast<std::size_t>(run.model.outvar)];
     applyconstraints();
     writecommandfile("new.kdr");
   });
@@ -60,32 +58,32 @@ struct Dialogue : testing::Test {
 }  // namespace
 
 TEST_F(Dialogue, WholeConversation) {
-  const Outcome outcome = converse("",
-                                   "n\n"                       // no non-linear analysis
-                                   "4\n"                       // outcome Y
-                                   "4\n3\n3\n1\n0\n"           // that is the outcome; X; again; A
-                                   "n\n"                       // intercept stays
-                                   "y\n9\n1\n2\n"              // A: a bad digit, group mean; X: grand mean
-                                   "-1\n2\n2\n0\n"             // nothing before the first coefficient; W; again
-                                   "-1\n"                      // A: as the intercept
-                                   "3\n0\n"                    // X: W2
-                                   "n\nn\ny\n"                 // X without INTRCPT2
-                                   "y\nn\ny\nn\n"              // A is fixed at level 2
-                                   "y\n2\n0\n"                 // W grand mean, W2 not centered
-                                   "1\n0\n-1\n0\n0\n0\n"       // P for INTRCPT2, copied to W, the rest none
-                                   "y\n1\n2\n"                 // P: no group mean at level 3
-                                   "y\nn\ny\ny\ny\ny\n"        // only the first is random at level 3
-                                   "2\n1\n0\n"                 // exploratory at level 2: W stands in the model; V; end
-                                   "-1\n"                      // X: as the intercept
-                                   "2\n0\n"                    // exploratory at level 3: Q
-                                   "y\nn\nn\nn\ny\ny\nn\nn\n"  // gammas 4 and 5 equal
-                                   "y\ny\ny\nn\nn\nn\n"        // 1 and 2 equal; the groups are numbered anew
-                                   "n\n"
-                                   "y\ny\n1\n0\n-1\n0\n0\nn\nn\ny\n100.5\n7\n"  // one contrast, the deviance
-                                   "n\n"                                        // no latent variable regression
-                                   "y\n3\n0\n"                                  // level-2 residual file with W2
-                                   "n\n4\n"                                     // Stata
-                                   "20\nA title\n");
+  const ChildEnd outcome = converse("",
+                                    "n\n"                       // no non-linear analysis
+                                    "4\n"                       // outcome Y
+                                    "4\n3\n3\n1\n0\n"           // that is the outcome; X; again; A
+                                    "n\n"                       // intercept stays
+                                    "y\n9\n1\n2\n"              // A: a bad digit, group mean; X: grand mean
+                                    "-1\n2\n2\n0\n"             // nothing before the first coefficient; W; again
+                                    "-1\n"                      // A: as the intercept
+                                    "3\n0\n"                    // X: W2
+                                    "n\nn\ny\n"                 // X without INTRCPT2
+                                    "y\nn\ny\nn\n"              // A is fixed at level 2
+                                    "y\n2\n0\n"                 // W grand mean, W2 not centered
+                                    "1\n0\n-1\n0\n0\n0\n"       // P for INTRCPT2, copied to W, the rest none
+                                    "y\n1\n2\n"                 // P: no group mean at level 3
+                                    "y\nn\ny\ny\ny\ny\n"        // only the first is random at level 3
+                                    "2\n1\n0\n"                 // exploratory at level 2: W stands in the model; V; end
+                                    "-1\n"                      // X: as the intercept
+                                    "2\n0\n"                    // exploratory at level 3: Q
+                                    "y\nn\nn\nn\ny\ny\nn\nn\n"  // gammas 4 and 5 equal
+                                    "y\ny\ny\nn\nn\nn\n"        // 1 and 2 equal; the groups are numbered anew
+                                    "n\n"
+                                    "y\ny\n1\n0\n-1\n0\n0\nn\nn\ny\n100.5\n7\n"  // one contrast, the deviance
+                                    "n\n"                                        // no latent variable regression
+                                    "y\n3\n0\n"                                  // level-2 residual file with W2
+                                    "n\n4\n"                                     // Stata
+                                    "20\nA title\n");
   EXPECT_EQ(outcome.code, 0) << outcome.words;
   EXPECT_EQ(equations(),
             "LEVEL1:Y=INTRCPT1+A,1+X,2+RANDOM\n"
@@ -134,7 +132,7 @@ TEST_F(Dialogue, KindsOfOutcome) {
         "LEVEL2:X=INTRCPT2+RANDOM/\nLEVEL3:INTRCPT2=INTRCPT3+RANDOM/\n#KDR3 LEVEL1:Y=INTRCPT1+X+RANDOM\n"}},
   };
   for (const Case& c : cases) {
-    const Outcome outcome = converse(rest, c.answers);
+    const ChildEnd outcome = converse(rest, c.answers);
     EXPECT_EQ(outcome.code, 0) << c.answers << outcome.words;
     const std::string text = contents("new.kdr");
     for (const std::string& line : c.lines) EXPECT_TRUE(holds(text, line)) << line << text << outcome.words;
@@ -144,7 +142,7 @@ TEST_F(Dialogue, KindsOfOutcome) {
 }
 
 TEST_F(Dialogue, NoLevel1Intercept) {
-  const Outcome outcome = converse(settled, "n\n4\n3\n0\ny\nn\n0\nn\nn\n0\nn\n0\n0\n");
+  const ChildEnd outcome = converse(settled, "n\n4\n3\n0\ny\nn\n0\nn\nn\n0\nn\n0\n0\n");
   EXPECT_EQ(outcome.code, 0) << outcome.words;
   EXPECT_TRUE(holds(outcome.words, "Which level-2 predictor to model        X, P1?\n")) << outcome.words;
   EXPECT_TRUE(holds(equations(), "LEVEL1:Y=X+RANDOM\nLEVEL2:X="));

@@ -234,7 +234,7 @@ std::vector<Case> cases() {
 TEST(Messages, WordsAndCode) {
   const Workplace workplace;
   for (const Case& c : cases()) {
-    const Outcome outcome = readinchild(c.text);
+    const ChildEnd outcome = readinchild(c.text);
     EXPECT_EQ(outcome.code, c.code) << c.text;
     EXPECT_EQ(outcome.words, c.words) << c.text;
   }
@@ -242,7 +242,7 @@ TEST(Messages, WordsAndCode) {
 
 TEST(Messages, ThresholdNamesAreReserved) {
   const Workplace workplace;
-  const Outcome outcome = runchild([] {
+  const ChildEnd outcome = runchild([] {
     smallmdm();
     run.mdm.names1[2] = paddedname("Thold");
     makefile("model.kdr", "NONLIN:ORDINAL,3\n");
@@ -264,7 +264,7 @@ TEST(Messages, ModelLinesBehindListsOfItsLength) {
       {"CONTAU3:1,2\n", 100, "Constrained tau(beta) must be specified after complete model\n"},
   };
   for (const Case& c : late) {
-    const Outcome outcome = readinchild(head + c.text + samplemodel);
+    const ChildEnd outcome = readinchild(head + c.text + samplemodel);
     EXPECT_EQ(outcome.code, c.code) << c.text;
     EXPECT_EQ(outcome.words, c.words) << c.text;
     EXPECT_EQ(readinchild(head + samplemodel + c.text).words, "") << c.text;

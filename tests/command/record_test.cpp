@@ -40,17 +40,17 @@ struct Reading : testing::Test {
 
 TEST_F(Reading, DefaultsWithoutAFile) {
   smallmdm();
-  run.iter.numit = 7;
+  run.control.numit = 7;
   run.out.graph = true;
   run.files.title = "old";
-  run.kind.nointercept1 = true;
+  run.model.nointercept1 = true;
   readcommandfile();
-  EXPECT_EQ(run.iter.numit, 0);
+  EXPECT_EQ(run.control.numit, 0);
   EXPECT_FALSE(run.out.graph);
   EXPECT_EQ(run.files.title, "");
-  EXPECT_FALSE(run.kind.nointercept1);
-  EXPECT_EQ(run.iter.accel, 5);
-  EXPECT_EQ(run.iter.fishertype, 2);
+  EXPECT_FALSE(run.model.nointercept1);
+  EXPECT_EQ(run.control.accel, 5);
+  EXPECT_EQ(run.control.fishertype, 2);
   EXPECT_EQ(run.out.deviance, missingcode);
   EXPECT_EQ(run.files.resfil2name, "resfil2.sav");
   EXPECT_EQ(row(run.model.terms2, 0), (Ints{noslot, noslot, noslot, noslot}));
@@ -65,22 +65,22 @@ TEST_F(Reading, CountsAndLabels) {
       "LEVEL3:W=P+RANDOM\n"
       "LEVEL2:X=INTRCPT2\n"
       "LEVEL3:INTRCPT2=INTRCPT3+RANDOM\n");
-  EXPECT_TRUE(run.kind.nointercept1);
+  EXPECT_TRUE(run.model.nointercept1);
   completemodel();
-  EXPECT_EQ(run.coef.npi, 2);
-  EXPECT_EQ(run.coef.nbeta, 3);
-  EXPECT_EQ(run.coef.ngamma, 4);
+  EXPECT_EQ(run.model.coef.npi, 2);
+  EXPECT_EQ(run.model.coef.nbeta, 3);
+  EXPECT_EQ(run.model.coef.ngamma, 4);
   // No INTRCPT1: the first digit counts from 1; no INTRCPT2 in A's row: the second too; no INTRCPT3 in W's row.
-  EXPECT_EQ(words(run.coef.gammasubs), (Words{"110", "111", "121", "200"}));
+  EXPECT_EQ(words(run.model.coef.gammasubs), (Words{"110", "111", "121", "200"}));
   EXPECT_EQ(run.model.nterms2.row(0)[0], 2);
   EXPECT_EQ(run.model.nterms3.row(0)[0], 2);
   EXPECT_EQ(run.model.nterms3.row(0)[1], 1);
   EXPECT_EQ(randomlevel1(), 1);
   EXPECT_EQ(randomlevel2(), 2);
   labelrandomeffects();
-  EXPECT_EQ(words(run.coef.pinames), (Words{"A"}));
-  EXPECT_EQ(words(run.coef.betanames1), (Words{"A", "X"}));
-  EXPECT_EQ(words(run.coef.betanames2), (Words{"W", "INTRCPT2"}));
+  EXPECT_EQ(words(run.model.coef.pinames), (Words{"A"}));
+  EXPECT_EQ(words(run.model.coef.betanames1), (Words{"A", "X"}));
+  EXPECT_EQ(words(run.model.coef.betanames2), (Words{"W", "INTRCPT2"}));
 }
 
 TEST_F(Reading, EmptyRowAddsNothing) {
@@ -90,10 +90,10 @@ TEST_F(Reading, EmptyRowAddsNothing) {
       "LEVEL2:X=INTRCPT2/\n"
       "LEVEL3:INTRCPT2=INTRCPT3/\n");
   completemodel();
-  EXPECT_EQ(run.coef.npi, 2);
-  EXPECT_EQ(run.coef.nbeta, 1);
-  EXPECT_EQ(run.coef.ngamma, 1);
-  EXPECT_EQ(words(run.coef.gammasubs), (Words{"100"}));
+  EXPECT_EQ(run.model.coef.npi, 2);
+  EXPECT_EQ(run.model.coef.nbeta, 1);
+  EXPECT_EQ(run.model.coef.ngamma, 1);
+  EXPECT_EQ(words(run.model.coef.gammasubs), (Words{"100"}));
   EXPECT_EQ(run.model.terms2.row(0, 0)[0], noslot);
   EXPECT_EQ(run.model.fixed1.row(0)[0], 0);
 }
@@ -104,55 +104,57 @@ TEST_F(Reading, SingleValues) {
     bool (*holds)();
   };
   const Case cases[] = {
-      {"numit:50\r\n", [] { return run.iter.numit == 50 && run.iter.numitcontinue == 2 && run.answered.iterations; }},
-      {"NUMIT:50,n", [] { return run.iter.numitcontinue == 0; }},
-      {"NUMIT:99999999999,Y", [] { return run.iter.numit == 2147483647 && run.iter.numitcontinue == 1; }},
-      {"STOPVAL:1e-3junk", [] { return run.iter.stopval == 1e-3; }},
-      {"STOPVAL:1e999", [] { return run.iter.stopval == std::numeric_limits<double>::max(); }},
-      {"stopmicro:1e-4", [] { return run.iter.stopval == 1e-4; }},
-      {"STOPMICROS:1e-4", [] { return run.iter.stopval == 1e-4; }},
-      {"STOPMACRO:1e-2", [] { return run.iter.stopmacro == 1e-2 && run.iter.stopval == 1e-6; }},
+      {"numit:50\r\n",
+       [] { return run.control.numit == 50 && run.control.numitcontinue == 2 && run.answered.iterations; }},
+      {"NUMIT:50,n", [] { return run.control.numitcontinue == 0; }},
+      {"NUMIT:99999999999,Y", [] { return run.control.numit == 2147483647 && run.control.numitcontinue == 1; }},
+      {"STOPVAL:1e-3junk", [] { return run.control.stopval == 1e-3; }},
+      {"STOPVAL:1e999", [] { return run.control.stopval == std::numeric_limits<double>::max(); }},
+      {"stopmicro:1e-4", [] { return run.control.stopval == 1e-4; }},
+      {"STOPMICROS:1e-4", [] { return run.control.stopval == 1e-4; }},
+      {"STOPMACRO:1e-2", [] { return run.control.stopmacro == 1e-2 && run.control.stopval == 1e-6; }},
       {"NONLIN:bernoulli\nMACROIT:10,Y\nMICROIT:14",
        [] {
-         return run.kind.nonlin == 1 && !run.kind.nlcount && run.iter.macroit == 10 && run.iter.numitcontinue == 1 &&
-                run.iter.numit == 14 && run.iter.stopval == 1e-5;
+         return run.model.outcome.family == Family::bernoulli && run.control.macroit == 10 &&
+                run.control.numitcontinue == 1 && run.control.numit == 14 && run.control.stopval == 1e-5;
        }},
       {"NONLIN:POISSON,T\nMACROIT:10\nSTOPMICRO:1e-9",
        [] {
-         return run.kind.nonlin == 2 && run.kind.nlcount && run.kind.nlcntvar == 6 && run.iter.stopval == 1e-9 &&
-                run.model.wanted1vars1[6] == 1;
+         return run.model.outcome.family == Family::poisson && run.model.outcome.counted &&
+                run.model.outcome.countvariable == 6 && run.control.stopval == 1e-9 && run.out.wanted1vars1[6] == 1;
        }},
-      {"NONLIN:BERNOULLI\nMACROIT:2\nAGQ:Y,30,7", [] { return run.iter.stopval == 1e-6 && run.iter.fixsigma2 == 1; }},
+      {"NONLIN:BERNOULLI\nMACROIT:2\nAGQ:Y,30,7",
+       [] { return run.control.stopval == 1e-6 && run.model.restrictions.fixsigma2 == 1; }},
       {"NONLIN:BERNOULLI\nMACROIT:2\nLAPLACE:y,20",
-       [] { return run.iter.laplace && run.iter.laplaceit == 20 && run.iter.fixsigma2 == 1.0; }},
-      {"LAPLACE:n,20", [] { return !run.iter.laplace && run.iter.laplaceit == 50; }},
+       [] { return run.control.laplace && run.control.laplaceit == 20 && run.model.restrictions.fixsigma2 == 1.0; }},
+      {"LAPLACE:n,20", [] { return !run.control.laplace && run.control.laplaceit == 50; }},
       {"NONLIN:POISSON\nMACROIT:2\nAGQ:y,30,7\nAGQDERIVLEVEL:1",
-       [] { return run.iter.agqit == 30 && run.iter.agqpoints == 7; }},
-      {"NONLIN:NONE", [] { return run.kind.nonlin == 0 && run.answered.nonlin; }},
-      {"ACCEL:0", [] { return run.iter.accel == 5; }},
-      {"ACCEL:2", [] { return run.iter.accel == 2; }},
-      {"ACCEL:2\nDOFISHER:N", [] { return run.iter.accel == 3 && run.iter.fishertype == 0; }},
-      {"HETIT:10\nFISHERTYPE:1\nACCEL:-4", [] { return run.iter.fishertype == 0 && run.iter.accel == 3; }},
-      {"FISHERTYPE:1", [] { return run.iter.fishertype == 1; }},
-      {"VARIANCEKNOWN:t,x", [] { return run.out.autovknown == 6 && run.iter.fixsigma2 == 1.0; }},
-      {"LEVEL2WEIGHT:w\nLEVEL1WEIGHT:NONE", [] { return run.out.wgtvar2 == 2 && run.out.wgtvar1 == 0; }},
+       [] { return run.control.agqit == 30 && run.control.agqpoints == 7; }},
+      {"NONLIN:NONE", [] { return run.model.outcome.linear() && run.answered.nonlin; }},
+      {"ACCEL:0", [] { return run.control.accel == 5; }},
+      {"ACCEL:2", [] { return run.control.accel == 2; }},
+      {"ACCEL:2\nDOFISHER:N", [] { return run.control.accel == 3 && run.control.fishertype == 0; }},
+      {"HETIT:10\nFISHERTYPE:1\nACCEL:-4", [] { return run.control.fishertype == 0 && run.control.accel == 3; }},
+      {"FISHERTYPE:1", [] { return run.control.fishertype == 1; }},
+      {"VARIANCEKNOWN:t,x", [] { return run.model.autovknown == 6 && run.model.restrictions.fixsigma2 == 1.0; }},
+      {"LEVEL2WEIGHT:w\nLEVEL1WEIGHT:NONE", [] { return run.model.wgtvar2 == 2 && run.model.wgtvar1 == 0; }},
       {"LEVEL1DELETION:A,T",
        [] { return values(run.model.delete1) == Ints{2, 0, 0, 0, 0, 2} && run.answered.deletion; }},
       {"PRINTVARIANCE-COVARIANCE:all", [] { return run.out.printvc == 2; }},
       {"FULLOUTPUT:No", [] { return !run.out.fulloutput; }},
-      {"POPAVIT:Y\nPOPAVIT:N", [] { return run.iter.popavit == 1; }},
-      {"FIXSIGMA2:N", [] { return run.iter.fixsigma2 == 0.0; }},
+      {"POPAVIT:Y\nPOPAVIT:N", [] { return run.control.popavit == 1; }},
+      {"FIXSIGMA2:N", [] { return run.model.restrictions.fixsigma2 == 0.0; }},
       {"STARTVALS:a/b.val/writeonly", [] { return run.files.startvals == "a/b.val"; }},
       {"RESULTS:a.json\nRESULTS:b/c.csv", [] { return run.files.results == "b/c.csv"; }},
       {"RESFILTYPE:stata\nRESFIL3NAME:u.dta",
        [] { return run.files.resfil1name == "resfil1.dta" && run.files.resfil3name == "u.dta"; }},
       {"RESFIL1:Y/A,B//Q",
        [] {
-         return run.out.resfil1 && run.model.wanted1vars1[1] == 1 && run.model.wanted1vars1[2] == 1 &&
-                run.model.wanted1vars3[2] == 1 && run.model.wanted1vars2[1] == 0;
+         return run.out.resfil1 && run.out.wanted1vars1[1] == 1 && run.out.wanted1vars1[2] == 1 &&
+                run.out.wanted1vars3[2] == 1 && run.out.wanted1vars2[1] == 0;
        }},
-      {"NONLIN:MULTINOMIAL,3\nRESFIL2:Y\nMACROIT:3", [] { return run.kind.neqsets == 2 && run.out.resfil2; }},
-      {"RESFIL1:Y/A\nNONLIN:ORDINAL,4\nMACROIT:3", [] { return run.model.wanted1vars1[1] == 1; }},
+      {"NONLIN:MULTINOMIAL,3\nRESFIL2:Y\nMACROIT:3", [] { return run.model.neqsets == 2 && run.out.resfil2; }},
+      {"RESFIL1:Y/A\nNONLIN:ORDINAL,4\nMACROIT:3", [] { return run.out.wanted1vars1[1] == 1; }},
       {"GRAPHGAMMAS:g.grk\nNONLIN:MULTINOMIAL,3\nMACROIT:3", [] { return run.out.graph && run.out.resfil1; }},
       {"HYPOTH:Y", [] { return !run.answered.hypoth; }},
       {"TITLE:0123456789012345678901234567890123456789012345678901234567890123456789",
@@ -185,9 +187,9 @@ TEST_F(Reading, SetsAndThresholds) {
   EXPECT_EQ(run.model.use1.row(0)[16], 1);
   // Nothing is known of the intercept's equation and of A's; a threshold has one fixed effect and no random one.
   completemodel();
-  EXPECT_EQ(run.coef.npi, 12);
-  EXPECT_EQ(run.coef.nbeta, 10);
-  EXPECT_EQ(run.coef.ngamma, 10);
+  EXPECT_EQ(run.model.coef.npi, 12);
+  EXPECT_EQ(run.model.coef.nbeta, 10);
+  EXPECT_EQ(run.model.coef.ngamma, 10);
   EXPECT_EQ(randomlevel1(), 2);
   EXPECT_EQ(randomlevel2(), 0);
 }
@@ -195,8 +197,8 @@ TEST_F(Reading, SetsAndThresholds) {
 TEST_F(Reading, LongLinesComeInPieces) {
   // A comment of 16383 characters and more: what follows is a line of its own.
   readtext("#" + std::string(maxline - 2, 'x') + "NUMIT:4\nSTOPVAL:0.5\n");
-  EXPECT_EQ(run.iter.numit, 4);
-  EXPECT_EQ(run.iter.stopval, 0.5);
+  EXPECT_EQ(run.control.numit, 4);
+  EXPECT_EQ(run.control.stopval, 0.5);
 }
 
 TEST(Constraints, MatrixMakesFullGammasFromReducedOnes) {
@@ -214,7 +216,7 @@ TEST(Constraints, MatrixMakesFullGammasFromReducedOnes) {
   };
   for (const Case& c : cases) {
     smallmdm();
-    run.coef.ngamma = static_cast<int>(c.groups.size());
+    run.model.coef.ngamma = static_cast<int>(c.groups.size());
     run.model.constraints.reset(c.groups.size());
     std::copy(c.groups.begin(), c.groups.end(), run.model.constraints.begin());
     run.model.contrasts.reset(2 * c.groups.size());

@@ -42,7 +42,7 @@ inline void readtext(const std::string& text) {
 }
 
 // What a command file makes a process print, and the code it ends with: 0 when the whole file is taken.
-inline Outcome readinchild(const std::string& text) {
+inline ChildEnd readinchild(const std::string& text) {
   return runchild([&] {
     if (std::freopen("/dev/null", "r", stdin) == nullptr) _exit(99);
     readtext(text);

@@ -28,8 +28,7 @@ constexpr unsigned sessions = 60, files = 150;
 // What the run sequence does between reading and writing.
 void finishrun() {
   compactlists();
-  run.kind.outname = run.mdm.names1[static_cast<std::size_t>(run.kind.outvar)];
-  if (run.iter.macroit != 0 && run.kind.nonlin != 0) (run.kind.nonlin == 3 ? run.kind.mnrun : run.kind.nlrun) = true;
+  run.model.outname = run.mdm.names1[static_cast<std::size_t>(run.model.outvar)];
   applyconstraints();
   run.files.sourcename = "s.mdm";
 }
@@ -58,7 +57,7 @@ void put(std::ostream& out, const char* name, const Array<T>& array) {
 std::string recordtext() {
   std::ostringstream out;
   out.precision(17);
-  const ModelSpec& m = run.model;
+  const Model& m = run.model;
   put(out, "use1", m.use1.cells);
   put(out, "center1", m.center1);
   put(out, "fixed1", m.fixed1.cells);
@@ -71,37 +70,39 @@ std::string recordtext() {
   put(out, "center3", m.center3);
   put(out, "delete1", m.delete1);
   if (run.out.resfil1) {
-    put(out, "res1vars1", m.res1vars1);
-    put(out, "res1vars2", m.res1vars2);
-    put(out, "res1vars3", m.res1vars3);
+    put(out, "res1vars1", run.out.res1vars1);
+    put(out, "res1vars2", run.out.res1vars2);
+    put(out, "res1vars3", run.out.res1vars3);
   }
-  put(out, "res2vars2", m.res2vars2);
-  put(out, "res2vars3", m.res2vars3);
-  put(out, "res3vars3", m.res3vars3);
+  put(out, "res2vars2", run.out.res2vars2);
+  put(out, "res2vars3", run.out.res2vars3);
+  put(out, "res3vars3", run.out.res3vars3);
   if (m.nconstrained > 0) put(out, "constraints", m.constraints);  // a group of one constrains nothing
   put(out, "rows", m.hypothesisrows);
   put(out, "contrasts", m.contrasts);
   put(out, "uncut", m.uncutcontrasts);
-  const IterationControl& i = run.iter;
-  put(out, "est2", i.esttau2);
-  put(out, "est3", i.esttau3);
-  put(out, "con2", i.contau2);
-  put(out, "con3", i.contau3);
+  const Control& i = run.control;
+  put(out, "est2", run.model.restrictions.esttau2);
+  put(out, "est3", run.model.restrictions.esttau3);
+  put(out, "con2", run.model.restrictions.contau2);
+  put(out, "con3", run.model.restrictions.contau3);
   out << i.numit << ' ' << i.numitcontinue << ' ' << i.macroit << ' ' << i.stopval << ' ' << i.stopmacro << ' '
-      << i.accel << ' ' << i.fishertype << ' ' << i.fixsigma2 << ' ' << i.fixtau2 << ' ' << i.fixtau3 << ' '
-      << i.laplace << ' ' << i.laplaceit << ' ' << i.agqpoints << ' ' << i.agqit << ' ' << i.agqderivlevel << ' '
-      << i.popavit << ' ' << i.taylor << ' ' << i.debug << '\n';
+      << i.accel << ' ' << i.fishertype << ' ' << run.model.restrictions.fixsigma2 << ' ' << i.fixtau2 << ' '
+      << i.fixtau3 << ' ' << i.laplace << ' ' << i.laplaceit << ' ' << i.agqpoints << ' ' << i.agqit << ' '
+      << i.agqderivlevel << ' ' << i.popavit << ' ' << i.taylor << ' ' << i.debug << '\n';
   const OutputControl& o = run.out;
   if (o.lvr) put(out, "lvr", o.lvrroles);
-  out << o.fulloutput << o.printvc << o.diagtaupi << o.diagtaubeta << o.resfil1 << o.resfil2 << o.resfil3 << ' '
-      << o.graph << ' ' << o.wgtvar1 << ' ' << o.wgtvar2 << ' ' << o.wgtvar3 << ' ' << o.autovknown << ' ' << o.deviance
-      << ' ' << o.df << ' ' << o.lvr << '\n';
+  out << o.fulloutput << o.printvc << run.model.restrictions.diagtaupi << run.model.restrictions.diagtaubeta
+      << o.resfil1 << o.resfil2 << o.resfil3 << ' ' << o.graph << ' ' << run.model.wgtvar1 << ' ' << run.model.wgtvar2
+      << ' ' << run.model.wgtvar3 << ' ' << run.model.autovknown << ' ' << o.deviance << ' ' << o.df << ' ' << o.lvr
+      << '\n';
   if (o.resfil1 || o.resfil2 || o.resfil3) out << o.resfiltype << '\n';
   const RunFiles& f = run.files;
   out << f.outfile << '|' << f.title << '|' << f.startvals << '|' << f.graphgammas << '|' << f.results << '\n';
-  const ModelKind& k = run.kind;
-  out << k.nonlin << k.ordinal << k.ncat << k.neqsets << k.nlcount << k.nlcntvar << k.outvar << k.nointercept1 << ' '
-      << run.coef.npi << ' ' << run.coef.nbeta << ' ' << run.coef.ngamma << '\n';
+  const Model& k = run.model;
+  out << static_cast<int>(k.outcome.family) << k.outcome.categories << k.neqsets << k.outcome.counted
+      << k.outcome.countvariable << k.outvar << k.nointercept1 << ' ' << run.model.coef.npi << ' '
+      << run.model.coef.nbeta << ' ' << run.model.coef.ngamma << '\n';
   put(out, "pv", run.series.pvlist);
   return out.str();
 }
@@ -319,7 +320,7 @@ TEST(Writer, RestoresTheRecordOfADialogue) {
   const Workplace workplace;
   int complete = 0;
   for (unsigned seed = 1; seed <= sessions; ++seed) {
-    const Outcome outcome = runchild([&] { randomsession(seed); });
+    const ChildEnd outcome = runchild([&] { randomsession(seed); });
     ASSERT_NE(outcome.code, 99) << seed << outcome.words;
     complete += outcome.code == 0 ? 1 : 0;
   }
@@ -385,7 +386,7 @@ TEST(Writer, NonLinearRunStatesItsOutcomeInAComment) {
   // nothing, and nothing is taken from either in a linear run.
   const auto level1 = [&](const std::string& lines) {
     readtext(lines);
-    return std::pair{run.kind.outvar, run.model.center1[3]};
+    return std::pair{run.model.outvar, run.model.center1[3]};
   };
   using Found = std::pair<int, int>;
   const std::string stated = "LEVEL1:Y=INTRCPT1+X,1+RANDOM\n", working = "LEVEL1:Z=INTRCPT1+X+RANDOM\n";
@@ -401,7 +402,7 @@ TEST(Writer, OutcomeOfTheNextPlausibleValue) {
   readtext(samplemodel + "PLAUSVALS:Y,Z\n");
   preparerun();
   run.mdm.deletednow = true;
-  run.kind.outvar = 5;  // the report keeps the name Y
+  run.model.outvar = 5;  // the report keeps the name Y
   std::FILE* next = std::fopen("NEXT", "w+");
   writenextcommands(next);
   std::fclose(next);

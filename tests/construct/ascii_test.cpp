@@ -167,7 +167,7 @@ TEST(AsciiRecord, Cases) {
   };
   Workplace workplace;
   for (const auto& c : cases) {
-    const Outcome outcome = runchild([&] { printrecords(c.format, c.numvar, c.data); });
+    const ChildEnd outcome = runchild([&] { printrecords(c.format, c.numvar, c.data); });
     EXPECT_EQ(outcome.code, c.code) << c.what;
     EXPECT_EQ(outcome.words, c.words) << c.what;
   }
@@ -176,7 +176,7 @@ TEST(AsciiRecord, Cases) {
 // Where the level-1 data are declared to be complete, a record that takes from the next line stops the job.
 TEST(AsciiRecord, CompleteDataInShortLines) {
   Workplace workplace;
-  const Outcome outcome = runchild([] {
+  const ChildEnd outcome = runchild([] {
     raw.level[0].numvar = 1;
     makefile("raw", "11 2\n11\n11 4\n");
     raw.level[0].filename = "raw";
@@ -213,7 +213,7 @@ TEST(AsciiRecord, NumberSpellings) {
   EXPECT_EQ(asciirecord(0, 2, &id, &id, &value), -1);
   closeascii(0);
   for (const char* text : notnumbers) {
-    const Outcome outcome = runchild([&] { printrecords("(2A1,F8)", 1, "A1" + fixed(text, 8) + "\n"); });
+    const ChildEnd outcome = runchild([&] { printrecords("(2A1,F8)", 1, "A1" + fixed(text, 8) + "\n"); });
     EXPECT_EQ(outcome.code, 100) << text;
   }
 }

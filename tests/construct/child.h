@@ -18,7 +18,7 @@
 
 namespace kdr {
 
-struct Outcome {
+struct ChildEnd {
   int code;           // exit code, -1 for a crash
   std::string words;  // all that the job printed to standard output
 };
@@ -34,7 +34,7 @@ inline void makefile(const std::string& path, const std::string& text) {
 }
 
 // A job that returns ends with code 0.
-inline Outcome runchild(const std::function<void()>& job) {
+inline ChildEnd runchild(const std::function<void()>& job) {
   std::fflush(nullptr);
   const pid_t child = fork();
   if (child == 0) {

@@ -123,7 +123,7 @@ void printunits() {
 }
 
 struct Made {
-  Outcome build;
+  ChildEnd build;
   std::string log;
   std::string units;
 };
@@ -293,7 +293,7 @@ TEST(Construction, ManyRows) {
     }
     const Made made = makefrom(job);
     ASSERT_EQ(made.build.code, 0);
-    const Outcome counts = runchild([&] {
+    const ChildEnd counts = runchild([&] {
       run.mdm.stream = openfile("made.mdm", "rb");
       readmdm();
       std::printf("%d %d %d %d", run.mdm.numl1rec, run.mdm.numl2rec, run.mdm.numl3rec, run.mdm.maxnj);
@@ -329,7 +329,7 @@ TEST(Construction, FilesThatCannotBe) {
   Workplace workplace;
   const Job job{{{1, 1, {1, 1}}}, {{1, 1, {1}}}, {{1, 0, {10}}}};
   std::filesystem::create_directory("made.mdm");
-  Outcome outcome = runchild([&] { make(job); });
+  ChildEnd outcome = runchild([&] { make(job); });
   EXPECT_EQ(outcome.code, 100);
   EXPECT_EQ(outcome.words, "Unable to open made.mdm for writing\n");
   std::filesystem::remove("made.mdm");
@@ -363,7 +363,7 @@ TEST(Construction, FilesThatCannotBe) {
 TEST(Construction, ProcessedLines) {
   Workplace workplace;
   const Job job{{{1, 2, {2, 2}}}, {{1, 1, {miss}}, {1, 2, {6}}}, {{1, 0, {10}}, {2, 0, {miss}}}};
-  const Outcome outcome = runchild([&] {
+  const ChildEnd outcome = runchild([&] {
     make(job);
     printprocessed();
   });

@@ -9,7 +9,7 @@ namespace {
 
 struct One : testing::Test {
   Workplace workplace;
-  static Outcome take(const std::string& path = "pupils.csv") {
+  static ChildEnd take(const std::string& path = "pupils.csv") {
     return makemdmof([&] {
       run.files.mdmfile = "made.mdm";
       takeonefile(path, "area", "School");
@@ -22,7 +22,7 @@ TEST_F(One, EachVariableOnItsLevel) {
   makefile("pupils.csv",
            "school,area,score_maths,score_music,size,money,rate,sex,intrcpt1\n"
            "s2,b,1,2,30,7,1,f,0\ns1,a,3,4,10,9,,m,1\n,a,0,0,0,0,0,m,0\ns10,a,5,NA,20,9,3,f,0\ns1,a,7,8,10,9,,f,1\n");
-  const Outcome outcome = take();
+  const ChildEnd outcome = take();
   EXPECT_EQ(outcome.code, 0);
   EXPECT_EQ(outcome.words,
             "Left out, since they are no numbers: sex.\n"

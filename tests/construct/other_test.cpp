@@ -118,7 +118,7 @@ TEST(OtherFiles, HoldTheSameData) {
   for (const auto& c : cases)
     for (const bool texts : {false, true}) {
       const Recipe recipe = sample(c.file, c.type, texts);
-      const Outcome outcome = makemdm(templateof(recipe));
+      const ChildEnd outcome = makemdm(templateof(recipe));
       EXPECT_EQ(outcome.code, 0) << c.file;
       EXPECT_EQ(outcome.words, "") << c.file;
       // Portable files hold numbers to the base 30, not doubles.
@@ -194,7 +194,7 @@ TEST(OtherFiles, CutShort) {
     makefile("cut", contents(files + c.file).substr(0, c.kept));
     Recipe recipe = sample("sample#.csv", " /delim", false);
     recipe.file[0] = std::string("cut /") + c.type;
-    const Outcome outcome = makemdm(templateof(recipe));
+    const ChildEnd outcome = makemdm(templateof(recipe));
     EXPECT_EQ(outcome.code, c.words == nullptr ? 1 : 0) << c.file << c.kept << outcome.words;
     const std::string begins = c.words != nullptr ? std::string("cut may be cut short: ") + c.words
                                                   : std::string("cut cannot be read as ") + c.type + ": ";
@@ -204,7 +204,7 @@ TEST(OtherFiles, CutShort) {
 
 // All that the layer tells of a file.
 std::string described(const char* path, int format) {
-  const Outcome outcome = runchild([=] {
+  const ChildEnd outcome = runchild([=] {
     StHandle handle = ST_OpenEnvironment();
     std::printf("%d", ST_OpenInputFile(handle, format, path));
     const int count = ST_ReadDict(handle);
@@ -424,7 +424,7 @@ TEST_F(Delimited, NumberSpellings) {
 TEST_F(Delimited, MakesTheFile) {
   makefile("1.csv", "id3,id2,x,y,name\na,s1,1,2,\"x, \"\"y\"\"\"\na,s1,NA,3,\nb,s2,,-1.5e3,NA\n");
   makefile("2.csv", "ID3,ID2,W\na,s1,7\nb,s2,8\n");
-  const Outcome outcome = makemdm(templateof(recipe));
+  const ChildEnd outcome = makemdm(templateof(recipe));
   EXPECT_EQ(outcome.words, "");
   EXPECT_EQ(contents("shown"),
             "INTRCPT1\nX\nY\nINTRCPT2\nW\nINTRCPT3\nZ\nA 0x1.999999999999ap-4\nB 0x1p+1\n"
@@ -504,7 +504,7 @@ TEST_F(Delimited, Names) {
   };
   for (const auto& c : cases) {
     recipe.names[0] = c.names;
-    const Outcome outcome = makemdm(templateof(recipe));
+    const ChildEnd outcome = makemdm(templateof(recipe));
     EXPECT_EQ(outcome.words, c.words);
     EXPECT_EQ(outcome.code, c.words.empty() ? 0 : 100) << c.names;
     const std::string shown = contents("shown");
@@ -566,7 +566,7 @@ TEST_F(Delimited, Refusals) {
        "ID must be no more than 12 digits long\nIt stands in record 2 of the level-1 file ids.csv.\n"},
   };
   for (const auto& c : cases) {
-    const Outcome outcome = makemdm(c.text);
+    const ChildEnd outcome = makemdm(c.text);
     EXPECT_EQ(outcome.code, c.code) << c.words;
     EXPECT_EQ(outcome.words, c.words);
   }
@@ -704,7 +704,7 @@ TEST(Workbooks, HostileArchives) {
   EXPECT_EQ(described("1", 7), "0\nit is no undamaged workbook of Excel: its table of contents is missing");
   makefile("1", "PK");
   EXPECT_EQ(described("1", 7), "0\nit is no undamaged workbook of Excel: its table of contents is missing");
-  const Outcome all = runchild([&] {
+  const ChildEnd all = runchild([&] {
     for (std::size_t at = 0; at < whole.size(); at += 3) {
       std::string bytes = whole;
       bytes[at] = static_cast<char>(~bytes[at]);
@@ -809,7 +809,7 @@ TEST(Workbooks97, Cells) {
 TEST(Workbooks97, HostileBytes) {
   Workplace workplace;
   const std::string whole = contents(files + "sample1.xls");
-  const Outcome all = runchild([&] {
+  const ChildEnd all = runchild([&] {
     for (std::size_t at = 0; at < whole.size(); at += at < 512 ? 1 : 11)
       for (const char mask : {'\xFF', '\x01', '\x80'}) {
         std::string bytes = whole;

@@ -54,7 +54,7 @@ inline Records readraw(const char* word, const std::string& bytes, const Columns
 }
 
 // The end of a process that reads the file so.
-inline Outcome refuseraw(const char* word, const std::string& bytes, const Columns& columns) {
+inline ChildEnd refuseraw(const char* word, const std::string& bytes, const Columns& columns) {
   return runchild([&] { (void)readraw(word, bytes, columns); });
 }
 

@@ -111,9 +111,9 @@ inline std::string mdmshown() {
 
 // Makes the MDM file that `tell` fills in what is needed for. Its contents go to the file "shown", the words without
 // the descriptive statistics are the outcome's.
-inline Outcome makemdmof(const std::function<void()>& tell) {
+inline ChildEnd makemdmof(const std::function<void()>& tell) {
   for (const char* path : {"shown", "made.mdm", templatecopy}) std::remove(path);
-  Outcome outcome = runchild([&] {
+  ChildEnd outcome = runchild([&] {
     tell();
     mkmdm();
     makefile("shown", mdmshown());
@@ -127,11 +127,11 @@ inline Outcome makemdmof(const std::function<void()>& tell) {
 }
 
 // The same from a template, and from the answers to the dialogue.
-inline Outcome makemdm(const std::string& text) {
+inline ChildEnd makemdm(const std::string& text) {
   makefile("t.mdmt", text);
   return makemdmof([] { readtemplate("t.mdmt"); });
 }
-inline Outcome answermdm(const std::string& answers) {
+inline ChildEnd answermdm(const std::string& answers) {
   makefile("answers", answers);
   return makemdmof([] {
     if (std::freopen("answers", "r", stdin) == nullptr) _exit(99);

@@ -118,7 +118,7 @@ TEST_F(Sas, MakesTheFile) {
   texts.id3 = "t3";
   texts.id2 = "T2";
   for (const Recipe& r : {recipe, texts}) {
-    const Outcome outcome = makemdm(templateof(r));
+    const ChildEnd outcome = makemdm(templateof(r));
     EXPECT_EQ(outcome.code, 0);
     EXPECT_EQ(outcome.words, "");
     EXPECT_EQ(contents("shown"), studyshown(study, r.id3 == "t3"));
@@ -133,7 +133,7 @@ TEST_F(Sas, NarrowFieldsAndNumericIds) {
   narrow.level[2].columns[2].width = 3;  // Z
   narrow.level[2].rows = {{missingcode, "", 3.0}, {1.9, "a", 0.75}, {2.0, "b", missingcode}};
   makefile("3.xpt", sasfile(narrow.level[2]));
-  const Outcome outcome = makemdm(templateof(recipe));
+  const ChildEnd outcome = makemdm(templateof(recipe));
   EXPECT_EQ(outcome.code, 0);
   // The level-3 rows without an ID and without Z go, with the latter its unit; 1.9 becomes 1.
   EXPECT_NE(contents("shown").find("Z\n1 0x1.8p-1\n1 10"), std::string::npos) << contents("shown");
@@ -174,10 +174,10 @@ TEST_F(Sas, DataThatEndEarly) {
   };
   for (const auto& c : cases) {
     makefile(name, c.text);
-    const Outcome outcome = makemdm(templateof(recipe));
+    const ChildEnd outcome = makemdm(templateof(recipe));
     EXPECT_EQ(outcome.code, 0) << c.what;
     EXPECT_EQ(outcome.words, c.words) << c.what;
-    const Outcome counted = runchild([] {
+    const ChildEnd counted = runchild([] {
       run.mdm.stream = openfile("made.mdm", "rb");
       readmdm();
       std::printf("%d", run.mdm.nunits1);
@@ -236,7 +236,7 @@ TEST_F(Sas, Refusals) {
   };
   for (const auto& c : cases) {
     makefile("1.xpt", c.text);
-    const Outcome outcome = makemdm(templateof(c.recipe));
+    const ChildEnd outcome = makemdm(templateof(c.recipe));
     EXPECT_EQ(outcome.code, c.code) << c.words;
     EXPECT_EQ(outcome.words, c.words);
   }
@@ -244,7 +244,7 @@ TEST_F(Sas, Refusals) {
 
 TEST_F(Sas, Dialogue) {
   const std::string files = "3\n1.xpt\n2.xpt\n3.xpt\n";
-  const Outcome outcome = answermdm(files + "1\n2\n7\n6\n5\n1\n2\n5\n1\n3\ny\na\nmade.mdm\n");
+  const ChildEnd outcome = answermdm(files + "1\n2\n7\n6\n5\n1\n2\n5\n1\n3\ny\na\nmade.mdm\n");
   EXPECT_EQ(outcome.code, 0) << outcome.words;
   EXPECT_EQ(contents("shown"), studyshown(study, false));
   Table wide = study.level[0];
@@ -266,7 +266,7 @@ TEST_F(Sas, Dialogue) {
       {"3\n" + repeated("4\n", 10), " What variable is the level-2 ID? ", longid, 10},
       {"1\n2\n5\n" + repeated("5\n", 500), " Please specify level-1 variable # 2 (enter 0 to end): ", again, 499}};
   for (const auto& c : cases) {
-    const Outcome refused = answermdm(files + c.answers);
+    const ChildEnd refused = answermdm(files + c.answers);
     EXPECT_EQ(refused.code, 14);
     std::size_t times = 0;
     for (std::size_t at = 0; (at = refused.words.find(c.prompt + c.words, at)) != std::string::npos; ++at) ++times;
@@ -317,7 +317,7 @@ TEST(SasConvert, RunsTheJob) {
   EXPECT_EQ(contents("xyzzy.sas"), "mine");
   std::remove("xyzzy.sas");
   std::remove("xyzzy.log");
-  const Outcome full = runchild([] {  // the disk takes none of the job
+  const ChildEnd full = runchild([] {  // the disk takes none of the job
     limitfiles(8);
     if (std::freopen("answers", "r", stdin) != nullptr) (void)sasconvert("chem.ssp");
   });

@@ -231,7 +231,7 @@ TEST_F(Spss, DictionaryRecords) {
   };
   for (const auto& c : cases) {
     sav.records = c.records;
-    const Outcome outcome = refuseraw("spss", sav.bytes(), columns);
+    const ChildEnd outcome = refuseraw("spss", sav.bytes(), columns);
     const bool read = *c.words == '\0';
     EXPECT_EQ(outcome.code, read ? 0 : 1) << c.what << outcome.words;
     EXPECT_EQ(outcome.words.substr(0, std::strlen(c.words)), c.words) << c.what;
@@ -300,7 +300,7 @@ TEST_F(Spss, Refusals) {
        "ID must be no more than 12 digits long\nIt stands in record 1 of the level-1 file file.\n", columns, 100},
   };
   for (const auto& c : cases) {
-    const Outcome outcome = refuseraw("spss", c.bytes, c.columns);
+    const ChildEnd outcome = refuseraw("spss", c.bytes, c.columns);
     EXPECT_EQ(outcome.code, c.code) << c.what;
     const std::string empty = c.code == 1 && c.words[0] != ' ' ? " file is an empty file\n" : "";
     EXPECT_EQ(outcome.words, c.words + empty) << c.what;

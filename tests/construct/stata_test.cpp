@@ -146,7 +146,7 @@ TEST_F(Stata, Ids) {
         {one("a", "b", 1), {"n", "a", {"x"}}, "ID's must be both be character or both numeric!\n"},
     };
     for (const auto& c : refused) {
-      const Outcome outcome = refuseraw("stata", Dta{format, variables, 1, c.rows}.bytes(), c.columns);
+      const ChildEnd outcome = refuseraw("stata", Dta{format, variables, 1, c.rows}.bytes(), c.columns);
       EXPECT_EQ(outcome.code, 100) << c.words;
       EXPECT_EQ(outcome.words, c.words);
     }
@@ -196,7 +196,7 @@ TEST_F(Stata, Heads) {
       {"observations without a byte", Dta{113, {{"a", 's', 0}, {"b", 's', 0}}, 2000000000, ""}.bytes(), damaged},
   };
   for (const auto& c : cases) {
-    const Outcome outcome = refuseraw("stata", c.bytes, columns);
+    const ChildEnd outcome = refuseraw("stata", c.bytes, columns);
     EXPECT_EQ(outcome.code, 1) << c.what;
     EXPECT_EQ(outcome.words.substr(0, c.words.size()), c.words) << c.what;
     EXPECT_NE(outcome.words.find("file", c.words.size()), std::string::npos) << c.what;
@@ -256,7 +256,7 @@ struct RawTemplate : Stata {
     EXPECT_NE(at, std::string::npos) << from;
     return made.replace(at, from.size(), to);
   }
-  static Outcome read(const std::string& made) {
+  static ChildEnd read(const std::string& made) {
     makefile("t.mdmt", made);
     std::remove(templatecopy);
     return runchild([] {
@@ -280,7 +280,7 @@ TEST_F(RawTemplate, IsWrittenBack) {
       {with(text, "mdmname:", "numl1var:7\nl1format:(A3)\nmdmname:"), text},
   };
   for (const auto& c : cases) {
-    const Outcome outcome = read(c.made);
+    const ChildEnd outcome = read(c.made);
     EXPECT_EQ(outcome.code, 0) << outcome.words;
     EXPECT_EQ(contents(templatecopy), c.copy);
     // X is missing in the second record, which goes, and the unit with it
@@ -309,7 +309,7 @@ TEST_F(RawTemplate, ExtendedMissingCodes) {
     if (other) recipe = with(recipe, "rawdattype:stata", "rawdattype:other");
     for (const std::string name : {"l1fname:one", "l2fname:two", "l3fname:two"})
       if (other) recipe = with(recipe, name, name + " /stata");
-    const Outcome outcome = read(recipe);
+    const ChildEnd outcome = read(recipe);
     EXPECT_EQ(outcome.code, 0) << outcome.words;
     EXPECT_NE(outcome.words.find("3 level-1 records have no ID."), std::string::npos) << outcome.words;
     EXPECT_NE(outcome.words.find("3 level-2 records have no ID."), std::string::npos) << outcome.words;
@@ -355,7 +355,7 @@ TEST_F(RawTemplate, Refusals) {
       {text.substr(0, text.find("*begin l2vars")), "The template names no level-2 variables!\n"},
   };
   for (const auto& c : cases) {
-    const Outcome outcome = read(c.made);
+    const ChildEnd outcome = read(c.made);
     EXPECT_EQ(outcome.code, 100) << c.words;
     EXPECT_EQ(outcome.words, c.words);
   }

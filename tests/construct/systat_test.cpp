@@ -95,7 +95,7 @@ TEST_F(Systat, MakesTheFile) {
   for (const int more : {0, 4, 11, 12, 17, 30}) {
     makefile("1.sys", systatfile(widened(study.level[0], more)));
     for (const Recipe& r : {recipe, withtexts()}) {
-      const Outcome outcome = makemdm(templateof(r));
+      const ChildEnd outcome = makemdm(templateof(r));
       EXPECT_EQ(outcome.code, 0) << more;
       EXPECT_EQ(outcome.words, "") << more;
       EXPECT_EQ(contents("shown"), studyshown(study, r.id3 == "t3$")) << more;
@@ -120,7 +120,7 @@ TEST_F(Systat, SinglePrecision) {
         if (!table.columns[c].text && std::get<double>(row[c]) != missingcode)
           row[c] = static_cast<double>(static_cast<float>(std::get<double>(row[c])));
   for (int i = 0; i < 3; ++i) makefile(recipe.file[i], systatfile(study.level[i], 1));
-  const Outcome outcome = makemdm(templateof(withtexts()));
+  const ChildEnd outcome = makemdm(templateof(withtexts()));
   EXPECT_EQ(outcome.code, 0);
   // 1e60 is infinite as a single, and so missing.
   single.level[0].rows[1][6] = missingcode;
@@ -250,7 +250,7 @@ TEST_F(Systat, DataThatEndEarly) {
   };
   for (const auto& c : cases) {
     makefile("1.sys", c.text);
-    const Outcome outcome = makemdm(templateof(recipe));
+    const ChildEnd outcome = makemdm(templateof(recipe));
     EXPECT_EQ(outcome.code, 0);
     EXPECT_EQ(outcome.words, c.words);
     Study left = study;
@@ -268,7 +268,7 @@ TEST_F(Systat, Dialogue) {
   for (auto& row : table.rows) row.insert(row.end(), {1.0, 2.0, 3.0});
   makefile("1.sys", systatfile(table));
   const std::string answers = "2\n1.sys\n2.sys\n3.sys\n3\n3\n4\n7\n5\n6\n0\n3\n4\n5\n0\n2\n3\n0\ny\na\nmade.mdm\n";
-  const Outcome outcome = answermdm(answers);
+  const ChildEnd outcome = answermdm(answers);
   EXPECT_EQ(outcome.code, 0) << outcome.words;
   const std::string first = contents("made.mdm");
   const std::string shown = contents("shown");
@@ -289,7 +289,7 @@ TEST_F(Systat, ChoicesThatSpareTheFile) {
   character.names[0] = "T2$\nX\n";
   makefile("t.mdmt", templateof(character));
   makefile("made.mdm", "old");
-  const Outcome refused = runchild([] {
+  const ChildEnd refused = runchild([] {
     readtemplate("t.mdmt");
     mkmdm();
   });
@@ -299,7 +299,7 @@ TEST_F(Systat, ChoicesThatSpareTheFile) {
   EXPECT_EQ(contents("made.mdm"), "old");
   Recipe none1 = recipe;
   none1.names[0] = "";
-  const Outcome outcome = makemdm(templateof(none1));
+  const ChildEnd outcome = makemdm(templateof(none1));
   EXPECT_EQ(outcome.code, 100);
   EXPECT_EQ(outcome.words, "You have selected no level-1 variable, so that no level-1 record counts!\n");
 }
@@ -353,7 +353,7 @@ TEST_F(Systat, Refusals) {
   };
   for (const auto& c : cases) {
     makefile("1.sys", c.text);
-    const Outcome outcome = makemdm(templateof(c.recipe));
+    const ChildEnd outcome = makemdm(templateof(c.recipe));
     EXPECT_EQ(outcome.code, c.code) << c.words;
     EXPECT_EQ(outcome.words, c.words);
   }

@@ -40,7 +40,7 @@ struct Template : testing::Test {
     makefile("two", "a 1   7\na 2   8\nb 1  99\n");
     makefile("three", "a  10\nb  20\n");
   }
-  static Outcome readback(const std::string& text) {
+  static ChildEnd readback(const std::string& text) {
     makefile("t.mdmt", text);
     std::remove(templatecopy);
     return runchild([] { readtemplate("t.mdmt"); });
@@ -78,7 +78,7 @@ TEST_F(Template, WritesBackWhatItRead) {
       {"a name of 12 characters", with(whole, "\nW\n", "\nabcdefghijkl\n"), with(whole, "\nW\n", "\nABCDEFGH\n")},
   };
   for (const auto& c : cases) {
-    const Outcome outcome = readback(c.text);
+    const ChildEnd outcome = readback(c.text);
     EXPECT_EQ(outcome.code, 0) << c.what << outcome.words;
     EXPECT_EQ(contents(templatecopy), c.copy) << c.what;
   }
@@ -140,7 +140,7 @@ TEST_F(Template, Refusals) {
       {with(whole, "l1fname:one", "l1fname:."), "Unable to open . for reading\n"},
   };
   for (const auto& c : cases) {
-    const Outcome outcome = readback(c.text);
+    const ChildEnd outcome = readback(c.text);
     EXPECT_EQ(outcome.code, 100) << c.words;
     EXPECT_EQ(outcome.words, c.words);
     EXPECT_FALSE(std::filesystem::exists(templatecopy)) << c.words;
@@ -152,7 +152,7 @@ TEST_F(Template, RawFilesThatWouldBeOverwritten) {
   for (const auto& [name, role] : {std::pair("creatmdm.mdmt", "template's copy"), std::pair("KDR3MDM.STS", "log")}) {
     std::filesystem::copy_file("one", name);
     makefile("t.mdmt", with(whole, "l1fname:one", std::string("l1fname:") + name));
-    const Outcome outcome = runchild([] {
+    const ChildEnd outcome = runchild([] {
       readtemplate("t.mdmt");
       mkmdm();
     });

@@ -63,7 +63,7 @@ void readall() {
   while (readunit(reader, block)) continue;
 }
 
-Outcome readfile(const std::string& file) {
+ChildEnd readfile(const std::string& file) {
   makefile("a.mdm", file);
   return runchild(readall);
 }
@@ -216,7 +216,7 @@ TEST_F(MdmFile, RefusesWhatIsNone) {
       {Sample{}.file() + "x", 100, "The mdm file a.mdm is damaged: it is longer than its head tells.\n"},
   };
   for (const auto& c : cases) {
-    const Outcome outcome = readfile(c.file);
+    const ChildEnd outcome = readfile(c.file);
     EXPECT_EQ(outcome.code, c.code) << c.words;
     EXPECT_EQ(outcome.words, c.words);
   }
@@ -228,7 +228,7 @@ TEST_F(MdmFile, RefusesEveryTruncation) {
     sample.numeric = numeric;
     const std::string whole = sample.file();
     for (std::size_t length = 0; length < whole.size(); ++length) {
-      const Outcome outcome = readfile(whole.substr(0, length));
+      const ChildEnd outcome = readfile(whole.substr(0, length));
       ASSERT_EQ(outcome.code, 100) << length;
       ASSERT_EQ(std::count(outcome.words.begin(), outcome.words.end(), '\n'), 1) << length << outcome.words;
       ASSERT_NE(outcome.words.find("mdm file"), std::string::npos) << length << outcome.words;
@@ -266,7 +266,7 @@ TEST_F(MdmFile, RefusesWhatDoesNotAgree) {
   for (const auto& c : cases) {
     Sample sample;
     c.spoil(sample);
-    const Outcome outcome = readfile(sample.file());
+    const ChildEnd outcome = readfile(sample.file());
     EXPECT_EQ(outcome.code, 100) << c.what;
     EXPECT_EQ(outcome.words, std::string("The mdm file a.mdm is damaged: ") + c.what + ".\n");
   }

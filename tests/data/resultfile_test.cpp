@@ -81,7 +81,7 @@ TEST(ResultFile, AFailureLeavesNothingThatLooksWhole) {
       makefile(name, "earlier");
       chmod(name.c_str(), 0666);
       chmod(folder, closed ? 0555 : 0777);
-      const Outcome outcome = runchild([&] {
+      const ChildEnd outcome = runchild([&] {
         if (closed && geteuid() == 0 && setuid(65534) != 0) _exit(98);
         limitfiles(limit);
         writefile(name);
@@ -98,7 +98,7 @@ TEST(ResultFile, AFailureLeavesNothingThatLooksWhole) {
 
 TEST(ResultFile, AFailureLeavesNoneOfTwo) {
   Workplace workplace;
-  const Outcome outcome = runchild([] {
+  const ChildEnd outcome = runchild([] {
     limitfiles(1500000);
     ResultFile one, two;
     openresult(one, "one");

@@ -21,11 +21,9 @@ bool readandwrite(const char* from, const char* to) {
     readcommandfile();
     completemodel();
     makeconstraints();
-    if (run.coef.ngamma - run.model.nconstrained < 1) return false;  // the run sequence ends with failure 17
+    if (run.model.coef.ngamma - run.model.nconstrained < 1) return false;  // the run sequence ends with failure 17
     compactlists();
-    run.kind.outname = run.mdm.names1[static_cast<std::size_t>(run.kind.outvar)];
-    run.kind.nlrun = run.kind.nonlin == 1 || run.kind.nonlin == 2;
-    run.kind.mnrun = run.kind.nonlin == 3;
+    run.model.outname = run.mdm.names1[static_cast<std::size_t>(run.model.outvar)];
     applyconstraints();
   } catch (const Stopped& stopped) {
     if (stopped.code < 8 || (stopped.code > 10 && stopped.code != 100)) std::abort();
@@ -42,8 +40,8 @@ std::string contents(const char* path) {
 
 // A run can be repeated from its file when the file states all of the model and fits into lines.
 bool repeatable(const std::string& text) {
-  if (run.iter.hetit != 0) return false;  // has no line in the written file, but changes others
-  if (!run.answered.level1 || run.answered.level2 != (run.coef.npi > 0)) return false;
+  if (run.control.hetit != 0) return false;  // has no line in the written file, but changes others
+  if (!run.answered.level1 || run.answered.level2 != (run.model.coef.npi > 0)) return false;
   std::size_t start = 0;
   for (std::size_t end; (end = text.find('\n', start)) != std::string::npos; start = end + 1)
     if (end - start > maxline - 2) return false;

@@ -59,7 +59,7 @@ TEST(Degrees, ByHand) {
     run.mdm.nunits2 = c.units2;
     FixedDegrees degrees;
     degreesoffreedom(degrees);
-    const auto n = static_cast<std::size_t>(run.coef.ngamma);
+    const auto n = static_cast<std::size_t>(run.model.coef.ngamma);
     ASSERT_EQ(n, c.df.size());
     ASSERT_EQ(degrees.df.size(), n + static_cast<std::size_t>(run.model.nconstrained));
     for (std::size_t g = 0; g < n; ++g) {

@@ -87,8 +87,7 @@ TEST(RatioTable, WritesIntervalsInANonlinearRunOnly) {
   const Array<double> variance = arrayof({1, 1, 1, 1, 1});
   const auto write = [&] { ratiotable({gamma, variance, degrees}, TableKind::estimates); };
   EXPECT_EQ(capturedtable(false, write), "");
-  run.kind.nlrun = true;
-  run.kind.nonlin = 2;
+  run.model.outcome.family = Family::poisson;
   const std::string text = capturedtable(false, write);
   EXPECT_NE(text.find("                                         Event Rate     Confidence\n"), std::string::npos);
   EXPECT_NE(text.find("      INTRCPT3, G000        0.000000       1.000000     (0.108,9.291)\n"), std::string::npos)
@@ -168,7 +167,7 @@ TEST(ModelStatistics, ParametersAndTheAlternative) {
     fivegammas();
     run.out.deviance = c.deviance;
     run.out.df = c.parameters;
-    run.iter.fixsigma2 = c.fixsigma2;
+    run.model.restrictions.fixsigma2 = c.fixsigma2;
     const std::string text = captured(false, [&] { modelstatistics(-500.0, c.phase); });
     std::string words;
     for (const char* name :

@@ -15,8 +15,8 @@ TEST(LatentReport, WithoutVariancesOrDegreesOfFreedom) {
   // P0 = B00 + r0, P1 = B10 + r1; B00 on W, B10 on W and LONGNAME, both random at level 3; B10 is the outcome.
   startmodel({"MATH", "TIME"}, {}, {"W", "LONGNAME"});
   setmodel({{0, true, {{0, {1}}}}, {2, true, {{0, {1, 2}}}}});
-  run.coef.pinames.reset(2);
-  for (std::size_t i = 0; i < 2; ++i) run.coef.pinames[i] = run.coef.betanames1[i];
+  run.model.coef.pinames.reset(2);
+  for (std::size_t i = 0; i < 2; ++i) run.model.coef.pinames[i] = run.model.coef.betanames1[i];
   LatentRegression regression;
   regression.computable = true;
   regression.outcomes = {1};

@@ -18,10 +18,9 @@ Array<double> filled(std::size_t n, double value) {
 // One random intercept: taus of order 1, one fixed effect.
 PassResults resultsof(PassKind kind) {
   startmodel({"Y"}, {}, {});
-  run.kind.nlrun = kind != PassKind::linear && kind != PassKind::categories;
-  run.kind.mnrun = kind == PassKind::categories;
-  run.kind.nonlin = kind == PassKind::linear ? 0 : kind == PassKind::categories ? 3 : 1;
-  run.kind.ordinal = run.kind.mnrun;
+  run.model.outcome.family = kind == PassKind::linear       ? Family::normal
+                             : kind == PassKind::categories ? Family::ordinal
+                                                            : Family::bernoulli;
   setmodel({{0, true, {{0, {0}}}}});
   PassResults results;
   results.kind = kind;
@@ -94,7 +93,7 @@ TEST(PassTables, SayHowAPassEndedAndWhatCannotBeComputed) {
                 "\nThe robust standard errors cannot be computed for this model.\n", "level-1 and level-2 variance"},
                {"Standard error of", "Random level-1", "with robust"});
   results.ending = Ending::keyboard;
-  results.fixsigma2 = run.iter.fixsigma2 = 1.5;
+  results.fixsigma2 = run.model.restrictions.fixsigma2 = 1.5;
   expectpieces(printed(results),
                {" Iterations terminated prematurely from the keyboard.\n", "\n sigma^2 =      1.50000\n"},
                {"level-1,  "});
@@ -113,7 +112,7 @@ TEST(PassTables, OfPassesOnTheWay) {
 
 TEST(EngineTables, SayWhatCannotBeComputed) {
   PassResults results = resultsof(PassKind::laplace6);
-  run.kind.nonlin = 1;
+  run.model.outcome.family = Family::bernoulli;
   results.reliabilities = {};
   expectpieces(capturedtable(true, [&] { laplacetables(results, false); }),
                {" The Tau(pi) reliabilities cannot be computed\n", " The Tau(beta) reliabilities cannot be computed\n"},

@@ -59,19 +59,19 @@ inline void startmodel(const std::vector<std::string>& names1, const std::vector
   mdm.nunits1 = mdm.numl1rec = 1000;
   mdm.nunits2 = 100;
   mdm.nunits3 = 20;
-  run.kind.outvar = 1;
-  run.kind.outname = mdm.names1[1];
+  run.model.outvar = 1;
+  run.model.outname = mdm.names1[1];
 }
 
 // Fills the equations, the same in every equation set, and the counts and labels that go with them.
 inline void setmodel(const std::vector<TestCoefficient>& coefficients) {
   allocatemodel();
-  ModelSpec& model = run.model;
-  Coefficients& coef = run.coef;
-  run.kind.nointercept1 = coefficients.empty() || coefficients[0].variable != 0;
+  Model& model = run.model;
+  Coefficients& coef = run.model.coef;
+  run.model.nointercept1 = coefficients.empty() || coefficients[0].variable != 0;
   int nbeta = 0;
-  for (int set = 0; set < run.kind.neqsets; ++set) {
-    model.use1.row(set)[run.kind.outvar] = -1;
+  for (int set = 0; set < run.model.neqsets; ++set) {
+    model.use1.row(set)[run.model.outvar] = -1;
     int c = 0, b = 0;
     for (const TestCoefficient& coefficient : coefficients) {
       model.use1.row(set)[coefficient.variable] = 1;
@@ -99,7 +99,7 @@ inline void setmodel(const std::vector<TestCoefficient>& coefficients) {
 // Constraints as prepared: +k the first of group k, -k the others, which are removed. The reduced gammas' columns
 // of the matrix are the first ones.
 inline void setconstraints(const std::vector<int>& entries) {
-  ModelSpec& model = run.model;
+  Model& model = run.model;
   const std::size_t n = entries.size();
   model.constraints.reset(n);
   model.removed.reset(n);
@@ -117,7 +117,7 @@ inline void setconstraints(const std::vector<int>& entries) {
       model.constrainmatrix[i * n + column++] = 1.0;
     }
   }
-  run.coef.ngamma -= model.nconstrained;
+  run.model.coef.ngamma -= model.nconstrained;
 }
 
 // A rule of the text mode.

@@ -37,10 +37,10 @@ void makemodel(int sets) {
   table(run.mdm.names1, {"INTRCPT1", "Y", "READING"});
   table(run.mdm.names2, {"INTRCPT2", "SIZE"});
   table(run.mdm.names3, {"INTRCPT3", "URBAN"});
-  run.kind.neqsets = sets;
-  run.kind.outvar = 1;
+  run.model.neqsets = sets;
+  run.model.outvar = 1;
   allocatemodel();
-  ModelSpec& model = run.model;
+  Model& model = run.model;
   for (int e = 0; e < sets; ++e) {
     int* use = model.use1.row(e);
     use[0] = use[2] = 1;
@@ -80,12 +80,11 @@ void makewide() {
 }
 
 void categories(int n, bool ordinal) {
-  run.kind.nonlin = 3;
-  run.kind.ordinal = ordinal;
-  run.kind.ncat = n;
-  run.kind.categorylabel.reset(static_cast<std::size_t>(n));
+  run.model.outcome.family = ordinal ? Family::ordinal : Family::multinomial;
+  run.model.outcome.categories = n;
+  run.model.categorylabel.reset(static_cast<std::size_t>(n));
   for (int c = 0; c < n; ++c) {
-    Name& label = run.kind.categorylabel[static_cast<std::size_t>(c)];
+    Name& label = run.model.categorylabel[static_cast<std::size_t>(c)];
     std::snprintf(label.text, sizeof label.text, "%4d", 10 * (c + 1));
   }
 }
@@ -284,7 +283,7 @@ const std::string cardrows =
 TEST(ResidualForms, ManyCategories) {
   makemodel(2);
   categories(3, false);
-  run.model.wanted1vars2[1] = 1;
+  run.out.wanted1vars2[1] = 1;
   run.out.resfilrecnum = true;
   compactlists();
   run.id.started.tm_mday = 24;

@@ -31,7 +31,7 @@ TEST(Specification, SubscriptsWithoutIntercepts) {
             std::string::npos)
       << text;
   EXPECT_NE(text.find("    MATH = G111*SES*SIZE*POOR+ r1*SES+ u11*SES*SIZE + e\n"), std::string::npos) << text;
-  EXPECT_STREQ(run.coef.gammanames1[0].text, "     SES slope, P1");
+  EXPECT_STREQ(run.model.coef.gammanames1[0].text, "     SES slope, P1");
 }
 
 // Coefficients 0 to 15: new lines before 5, 9 and 13 alone, at every level.
@@ -75,7 +75,7 @@ TEST(Specification, EquationsWithoutTermsAreTheirRandomEffects) {
 }
 
 struct FamilyCase {
-  int nonlin;
+  Family family;
   bool count;
   double fixsigma2;
   const char* heading;
@@ -89,11 +89,8 @@ TEST_P(Families, HeadingEquationAndVariance) {
   const FamilyCase& c = GetParam();
   startmodel({"Y", "N"}, {}, {});
   setmodel({{0, true, {{0, {0}}}}});
-  run.kind.nlrun = true;
-  run.kind.nonlin = c.nonlin;
-  run.kind.nlcount = c.count;
-  run.kind.nlcntvar = 2;
-  run.iter.fixsigma2 = c.fixsigma2;
+  run.model.outcome = {c.family, 0, c.count, 2};
+  run.model.restrictions.fixsigma2 = c.fixsigma2;
   const std::string text = specification(false);
   EXPECT_NE(text.find(std::string("\n Specifications for this ") + c.heading + " KDR3 run\n"), std::string::npos);
   EXPECT_NE(text.find(std::string("\nLevel-1 Model\n\n") + c.equation + "P0 \n\nLevel-2"), std::string::npos) << text;
@@ -102,14 +99,16 @@ TEST_P(Families, HeadingEquationAndVariance) {
   EXPECT_NE(text.find("  Method of estimation: full PQL\n"), std::string::npos);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    All, Families,
-    testing::Values(FamilyCase{1, false, 0.0, "Overdispersed Bernoulli",
-                               "\tProb(Y=1|B) = P\n\n\tlog[P/(1-P)] = ", "sigma^2/[P(1-P)]"},
-                    FamilyCase{1, true, 1.0, "Binomial",
-                               "\tE(Y|B) = N*P\n\tV(Y|B) = N*P(1-P)\n\n\tlog[P/(1-P)] = ", "1/[N*P(1-P)]"},
-                    FamilyCase{2, false, 2.5, "Poisson", "\tE(Y|B) = L\n\tV(Y|B) = L\n\n\tlog[L] = ", "2.5/L"},
-                    FamilyCase{2, true, 1.0, "Poisson", "\tE(Y|B) = N*L\n\tV(Y|B) = N*L\n\n\tlog[L] = ", "1/(N*L)"}));
+INSTANTIATE_TEST_SUITE_P(All, Families,
+                         testing::Values(FamilyCase{Family::bernoulli, false, 0.0, "Overdispersed Bernoulli",
+                                                    "\tProb(Y=1|B) = P\n\n\tlog[P/(1-P)] = ", "sigma^2/[P(1-P)]"},
+                                         FamilyCase{Family::binomial, true, 1.0, "Binomial",
+                                                    "\tE(Y|B) = N*P\n\tV(Y|B) = N*P(1-P)\n\n\tlog[P/(1-P)] = ",
+                                                    "1/[N*P(1-P)]"},
+                                         FamilyCase{Family::poisson, false, 2.5, "Poisson",
+                                                    "\tE(Y|B) = L\n\tV(Y|B) = L\n\n\tlog[L] = ", "2.5/L"},
+                                         FamilyCase{Family::poisson, true, 1.0, "Poisson",
+                                                    "\tE(Y|B) = N*L\n\tV(Y|B) = N*L\n\n\tlog[L] = ", "1/(N*L)"}));
 
 TEST(Symbols, OtherKindsOfStudies) {
   startmodel({"Y"}, {}, {});

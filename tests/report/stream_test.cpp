@@ -101,8 +101,7 @@ TEST_F(Report, DoesNotOverwriteItsInput) {
 TEST_F(Report, ShorterIterationLeavesNothingOfTheLongerOne) {
   setsymbols();
   run.files.outfile = "r.txt";
-  run.kind.nlrun = true;
-  run.kind.nonlin = 1;
+  run.model.outcome.family = Family::bernoulli;
   openreport();
   rewindreport();  // no mark yet
   report("head\n");

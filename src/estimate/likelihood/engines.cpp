@@ -133,8 +133,8 @@ void laplace(Pass& pass, MacroState& state, const PassResults& before) {
   data.records = at(run.mdm.nunits1);
   data.source = recordbatches(batches, pass, state);
   LaplaceSettings settings;
-  settings.stopmacro = run.iter.stopmacro;
-  settings.laplaceit = run.iter.laplaceit;
+  settings.stopmacro = run.control.stopmacro;
+  settings.laplaceit = run.control.laplaceit;
   settings.threads = threads();
   settings.stopasked = askstop;
   holdinterrupts();
@@ -195,11 +195,6 @@ Adaptation startingadaptation(Pass& pass) {
   return adaptation;
 }
 
-OutcomeType outcometype() {
-  if (run.kind.nonlin == 2) return run.kind.nlcount ? OutcomeType::poissonexposure : OutcomeType::poisson;
-  return run.kind.nlcount ? OutcomeType::binomial : OutcomeType::bernoulli;
-}
-
 // Standard errors of the fixed effects that fall short of those of quasi-likelihood by a tenth come from integrals with
 // too few points: their information counts what the integration misses.
 bool shorterrors(const QuadratureResult& result, const PassResults& before, int g) {
@@ -214,12 +209,12 @@ void quadrature(Pass& pass, MacroState& state, const PassResults& before) {
   RecordBatches batches;
   RecordSource source = recordbatches(batches, pass, state);
   QuadratureSettings settings;
-  settings.outcome = outcometype();
-  settings.points = run.iter.agqpoints;
-  settings.iterations = run.iter.agqit;
-  settings.derivlevel = run.iter.agqderivlevel;
-  settings.diagonalpi = run.out.diagtaupi;
-  settings.diagonalbeta = run.out.diagtaubeta;
+  settings.outcome = run.model.outcome.family;
+  settings.points = run.control.agqpoints;
+  settings.iterations = run.control.agqit;
+  settings.derivlevel = run.control.agqderivlevel;
+  settings.diagonalpi = run.model.restrictions.diagtaupi;
+  settings.diagonalbeta = run.model.restrictions.diagtaubeta;
   settings.threads = threads();
   settings.interrupted = askstop;
   settings.console = [](const char* text) {
@@ -279,8 +274,8 @@ void quadrature(Pass& pass, MacroState& state, const PassResults& before) {
 }  // namespace
 
 void maximumlikelihood(Pass& pass, MacroState& state, const PassResults& before) {
-  if (run.iter.laplace) laplace(pass, state, before);
-  if (run.iter.agqpoints != 0) quadrature(pass, state, before);
+  if (run.control.laplace) laplace(pass, state, before);
+  if (run.control.agqpoints != 0) quadrature(pass, state, before);
 }
 
 }  // namespace kdr

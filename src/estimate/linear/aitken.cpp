@@ -29,8 +29,9 @@ bool takespart(const Series& s, std::ptrdiff_t at) { return (s.diagonal || s.x1[
 }  // namespace
 
 bool aitkenstep(const Pass& pass, double& ratio, const TauHistory& history) {
-  const Series series[] = {{run.est.taupi.data(), history.T1.data(), history.T2.data(), pass.p, run.out.diagtaupi},
-                           {run.est.taubeta.data(), history.L1.data(), history.L2.data(), pass.b, run.out.diagtaubeta}};
+  const Series series[] = {
+      {run.est.taupi.data(), history.T1.data(), history.T2.data(), pass.p, run.model.restrictions.diagtaupi},
+      {run.est.taubeta.data(), history.L1.data(), history.L2.data(), pass.b, run.model.restrictions.diagtaubeta}};
   int count = ratio != 0.0 ? 1 : 0;
   for (const Series& s : series)
     s.each([&](int, int, std::ptrdiff_t at) {

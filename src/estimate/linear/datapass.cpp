@@ -110,14 +110,14 @@ void allocatesums(Pass& pass) {
   pass.sumYY.reset(units);
   pass.sumBB.reset(units, square(pass.nbeta));
   pass.sumBY.reset(units, at(pass.nbeta));
-  if (run.kind.weighted) pass.sumBB2.reset(units, square(pass.nbeta));
+  if (run.model.weighted) pass.sumBB2.reset(units, square(pass.nbeta));
   pass.scale3.reset(units);
   for (std::size_t k = 0; k < units; ++k)
-    pass.scale3[k] = run.kind.weighted ? 1.0 / std::sqrt(run.weights.weight3[k]) : 1.0;
+    pass.scale3[k] = run.model.weighted ? 1.0 / std::sqrt(run.weights.weight3[k]) : 1.0;
   const bool withid = run.out.resfil1 || run.out.resfil2 || run.out.graph;
   const bool withlevel2 = withid || haveexploratory();
   openstore(pass.store,
-            {pass.p, pass.nbeta, at(run.mdm.nunits2), withid, withlevel2 ? run.mdm.nvar2 : 0, run.kind.weighted});
+            {pass.p, pass.nbeta, at(run.mdm.nunits2), withid, withlevel2 ? run.mdm.nvar2 : 0, run.model.weighted});
 }
 
 }  // namespace
@@ -126,7 +126,7 @@ DataFold startfold(Pass& pass) {
   allocatesums(pass);
   DataFold fold{pass, {}, {}, {}, {}};
   fold.unit.AA.reset(productssize(pass.npi));
-  if (run.kind.weighted) fold.unit.AA2.reset(productssize(pass.npi));
+  if (run.model.weighted) fold.unit.AA2.reset(productssize(pass.npi));
   fold.unit.level2.reset(at(run.mdm.nvar2));
   fold.w2.reset(at(pass.nbeta));
   fold.Z1Z1.reset(square(pass.p));
@@ -143,9 +143,9 @@ void foldunit(DataFold& fold) {
   for (int m = 0; m < pass.nbeta; ++m) fold.w2[m] = level2entry(pass, at(m), unit.level2.data());
   addtolevel3(pass, fold, unit.k);
   double* hot = pass.store.hot.append();
-  fillhot(pass, fold, run.kind.weighted ? 1.0 / std::sqrt(run.weights.weight2[fold.units]) : 1.0, hot);
+  fillhot(pass, fold, run.model.weighted ? 1.0 / std::sqrt(run.weights.weight2[fold.units]) : 1.0, hot);
   fillcold(pass, fold, hot, pass.store.cold.append());
-  if (run.kind.weighted) fillweighted(pass, fold, unit.k, run.weights.weight2[fold.units]);
+  if (run.model.weighted) fillweighted(pass, fold, unit.k, run.weights.weight2[fold.units]);
   pass.emptyunits += unit.nj == 0;
   fold.records += at(unit.nj);
   ++fold.units;

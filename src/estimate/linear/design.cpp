@@ -12,10 +12,10 @@
 namespace kdr {
 
 void makedesign(Pass& pass) {
-  const ModelSpec& model = run.model;
-  pass.npi = run.coef.npi;
-  pass.nbeta = run.coef.nbeta;
-  pass.g = run.coef.ngamma;
+  const Model& model = run.model;
+  pass.npi = run.model.coef.npi;
+  pass.nbeta = run.model.coef.nbeta;
+  pass.g = run.model.coef.ngamma;
   const int fullgamma = pass.g + model.nconstrained;
 
   Design& design = pass.design;
@@ -62,8 +62,8 @@ void makedesign(Pass& pass) {
   if (pass.b == 0) std::printf("Nothing left at beta level.\n");
   if (pass.p == 0) std::printf("Nothing left at pi level.\n");
   if (pass.b == 0 || pass.p == 0) stopwith("Some variables must be specified as random.\n");
-  run.coef.ntaupi = pass.p;
-  run.coef.ntaubeta = pass.b;
+  run.model.coef.ntaupi = pass.p;
+  run.model.coef.ntaubeta = pass.b;
 }
 
 void level3weights(const Pass& pass, int k, double* weights) {
@@ -103,7 +103,7 @@ void level2coefficients(const Pass& pass, const double* level2, const double* th
 }
 
 void addlevel2effects(const Pass& pass, std::size_t unit, const double* ustar, double* beta) {
-  const double scale = run.kind.weighted ? 1.0 / std::sqrt(run.weights.weight2[unit]) : 1.0;
+  const double scale = run.model.weighted ? 1.0 / std::sqrt(run.weights.weight2[unit]) : 1.0;
   for (std::size_t i = 0; i < at(pass.p); ++i) beta[pass.design.random1[i]] += scale * ustar[i];
 }
 

@@ -320,7 +320,7 @@ void addouterscore(OuterScores& outer, const Pass& pass, const Level3Posterior& 
 }  // namespace
 
 void makefisher(const Pass& pass, FisherWork& fisher) {
-  if (run.iter.fishertype != 0) sizefisher(pass, fisher);
+  if (run.control.fishertype != 0) sizefisher(pass, fisher);
 }
 
 void sizefisher(const Pass& pass, FisherWork& fisher) {
@@ -404,8 +404,8 @@ bool fisherouter(Pass& pass, FisherWork& fisher, Likelihood& likelihood) {
 }
 
 bool fisherstep(Pass& pass, FisherWork& fisher, Likelihood& likelihood, bool closing) {
-  return run.iter.fishertype == 2 ? fisherfull(pass, fisher, likelihood, closing)
-                                  : fisherouter(pass, fisher, likelihood);
+  return run.control.fishertype == 2 ? fisherfull(pass, fisher, likelihood, closing)
+                                     : fisherouter(pass, fisher, likelihood);
 }
 
 }  // namespace kdr

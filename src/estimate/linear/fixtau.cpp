@@ -49,7 +49,7 @@ struct Repair {
 void showtau(const Repair& repair) {
   if (!reportisstdout()) std::printf(repair.pi() ? "\n Tau(pi)(0)\n" : "\n Tau(beta)(0)\n");
   for (int i = 0; i < repair.n; ++i) {
-    const Name& label = repair.pi() ? run.coef.pinames[i] : run.coef.betanames1[i];
+    const Name& label = repair.pi() ? run.model.coef.pinames[i] : run.model.coef.betanames1[i];
     std::printf(" %.9s ", label.text);
     for (int j = 0; j < repair.n; ++j) std::printf("%12.5f ", repair.t[i * repair.n + j]);
     std::printf("\n");
@@ -101,16 +101,16 @@ void resetelements(const Repair& repair) {
 
 void resetgammas(double& sigma2) {
   if (askyesno("Do you want to change the gammas?")) {
-    for (int i = 0; i < run.coef.ngamma; ++i) {
+    for (int i = 0; i < run.model.coef.ngamma; ++i) {
       const auto show = [](const char* format, const Label& label) {
         std::string text = label.text;
         text.erase(text.find_last_not_of(' ') + 1);
         if (!text.empty()) std::printf("%s%s\n", format, text.c_str());
         return text;
       };
-      show(" For ", run.coef.gammanames1[i]);
-      show("    For ", run.coef.gammanames2[i]);
-      std::printf("The current value of %s is %f\n", run.coef.gammanames3[i].text, run.est.gammahat[i]);
+      show(" For ", run.model.coef.gammanames1[i]);
+      show("    For ", run.model.coef.gammanames2[i]);
+      std::printf("The current value of %s is %f\n", run.model.coef.gammanames3[i].text, run.est.gammahat[i]);
       askvalue("Reset gamma to (hit return to leave unchanged) ", run.est.gammahat[i]);
     }
   }
@@ -126,7 +126,7 @@ void clearfreeoffdiagonals(const Repair& repair) {
 }
 
 void diagonalise(const Repair& repair) {
-  if (run.out.diagtaupi || run.out.diagtaubeta) cleardiagonaloff(repair.t, repair.n);
+  if (run.model.restrictions.diagtaupi || run.model.restrictions.diagtaubeta) cleardiagonaloff(repair.t, repair.n);
 }
 
 // The automatic fix-up: lifts non-positive variances, shrinks unit correlations, and as a last resort takes a fifth of
@@ -195,25 +195,25 @@ void applyequal(int n, double* t, const Array<int>& codes) {
 }
 
 void applytaupi(double* taupi) {
-  const int p = run.coef.ntaupi;
-  if (run.iter.haveesttau2) applyfixed(taupi, p, run.iter.esttau2);
-  if (run.iter.havecontau2) applyequal(p, taupi, run.iter.contau2);
-  if (run.out.diagtaupi) cleardiagonaloff(taupi, p);
+  const int p = run.model.coef.ntaupi;
+  if (run.model.restrictions.haveesttau2) applyfixed(taupi, p, run.model.restrictions.esttau2);
+  if (run.model.restrictions.havecontau2) applyequal(p, taupi, run.model.restrictions.contau2);
+  if (run.model.restrictions.diagtaupi) cleardiagonaloff(taupi, p);
 }
 
 void applytaubeta(double* taubeta) {
-  const int b = run.coef.ntaubeta;
-  if (run.iter.haveesttau3) applyfixed(taubeta, b, run.iter.esttau3);
-  if (run.iter.havecontau3) applyequal(b, taubeta, run.iter.contau3);
-  if (run.out.diagtaubeta) cleardiagonaloff(taubeta, b);
+  const int b = run.model.coef.ntaubeta;
+  if (run.model.restrictions.haveesttau3) applyfixed(taubeta, b, run.model.restrictions.esttau3);
+  if (run.model.restrictions.havecontau3) applyequal(b, taubeta, run.model.restrictions.contau3);
+  if (run.model.restrictions.diagtaubeta) cleardiagonaloff(taubeta, b);
 }
 
 void fixtau(double* t, int n, const Array<double>& moments, int code, double& sigma2, Tau which) {
   const bool pi = which == Tau::pi;
-  const IterationControl& iter = run.iter;
+  const Restrictions& held = run.model.restrictions;
   Repair repair{t, n, moments, which, nullptr, nullptr};
-  if (pi ? iter.haveesttau2 : iter.haveesttau3) repair.est = pi ? &iter.esttau2 : &iter.esttau3;
-  if (pi ? iter.havecontau2 : iter.havecontau3) repair.codes = pi ? &iter.contau2 : &iter.contau3;
+  if (pi ? held.haveesttau2 : held.haveesttau3) repair.est = pi ? &held.esttau2 : &held.esttau3;
+  if (pi ? held.havecontau2 : held.havecontau3) repair.codes = pi ? &held.contau2 : &held.contau3;
 
   const bool standing = code == 1 || code == 3 || code == 4;
   if (!standing) showtau(repair);

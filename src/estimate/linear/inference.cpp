@@ -58,7 +58,7 @@ double stepleft(const Pass& pass, const FisherWork& fisher) {
 
 TauErrors tauerrors(Pass& pass, FisherWork& fisher, Likelihood& likelihood) {
   TauErrors errors;
-  errors.asked = run.iter.fishertype != 0;
+  errors.asked = run.control.fishertype != 0;
   if (!errors.asked) return errors;
   errors.known = fisherstep(pass, fisher, likelihood, true);
   if (!errors.known) return errors;

@@ -137,12 +137,12 @@ Attempt updateestimates(Pass& pass, IterationState& state, EmSums& em) {
   for (;;) {
     if (pass.plan.tausstand()) ++attempt.noaccel;
     const bool accelerate =
-        state.iteration % run.iter.accel == 0 && attempt.noaccel == 0 && state.hetstate == 2 && !state.confirming;
+        state.iteration % run.control.accel == 0 && attempt.noaccel == 0 && state.hetstate == 2 && !state.confirming;
     Step step = Step::continuewithem;
     SavedEstimates saved{};
     if (accelerate) {
       saved = saveestimates();
-      const bool aitken = run.iter.fishertype == 0 || state.fisherfailures >= maxfisherfailures;
+      const bool aitken = run.control.fishertype == 0 || state.fisherfailures >= maxfisherfailures;
       step = aitken ? tryaitken(pass, state, attempt, saved) : tryfisher(pass, state, attempt, saved);
       if (step == Step::retry) continue;
     } else {
@@ -225,8 +225,8 @@ void testconvergence(const Pass& pass, IterationState& state, const Attempt& att
 // At the limit a linear run may go on.
 void asklimit(const Pass& pass, IterationState& state) {
   if (state.stopped() || pass.plan.farlimit == 0 || state.iteration != pass.plan.limit) return;
-  bool goon = run.iter.numitcontinue == 1;
-  if (run.iter.numitcontinue == 2)
+  bool goon = run.control.numitcontinue == 1;
+  if (run.control.numitcontinue == 2)
     goon = askyesno(
         "\nThe maximum number of iterations has been reached, but the analysis has\nnot converged. Do you want to "
         "continue until convergence?");
@@ -268,11 +268,11 @@ void endofiteration(Pass& pass, IterationState& state, const Attempt& attempt, c
   progress.add(iteration, state.likelihood.current);
   showlikelihood(pass.plan, iteration, state.likelihood.current);
   const bool atlimit = iteration == state.limit;
-  if ((atlimit || (run.iter.debug == 0 && iteration > 5 && state.stopped())) && run.out.fulloutput)
+  if ((atlimit || (run.control.debug == 0 && iteration > 5 && state.stopped())) && run.out.fulloutput)
     reporttail(progress, iteration > 5);
   if (atlimit) state.atlimit = true;
   if (state.stopped()) return;  // the last iteration's results and its log-likelihood come with those of the stage
-  if (run.iter.debug != 0) return iterationtables(iterationresults(pass, state));
+  if (run.control.debug != 0) return iterationtables(iterationresults(pass, state));
   if ((pass.plan.kind != PassKind::linear || iteration < 6) && run.out.fulloutput)
     reportlikelihood({iteration, state.likelihood.current});
 }
@@ -316,7 +316,7 @@ bool askinterrupt() {
     if (end == line.c_str()) continue;
     if (answer == 1) fail(0);
     if (answer == 0) {
-      run.iter.laplaceit = run.iter.agqit = 0;
+      run.control.laplaceit = run.control.agqit = 0;
       rearminterrupts();
       return true;
     }

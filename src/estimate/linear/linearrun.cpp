@@ -26,10 +26,10 @@ constexpr int farlimit = 10000;  // iterations when the user goes on at the limi
 
 PassPlan linearplan() {
   PassPlan plan;
-  plan.fixsigma2 = run.iter.fixsigma2;
-  plan.hetit = run.iter.hetit;
-  plan.limit = run.iter.numit;
-  plan.stopval = run.iter.stopval;
+  plan.fixsigma2 = run.model.restrictions.fixsigma2;
+  plan.hetit = run.control.hetit;
+  plan.limit = run.control.numit;
+  plan.stopval = run.control.stopval;
   plan.farlimit = farlimit;
   return plan;
 }

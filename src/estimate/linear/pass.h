@@ -75,9 +75,9 @@ struct Pass {
   int nusable1 = 0, nusable2 = 0, nusable3 = 0;  // records and units that entered the moments of the starting values
 };
 
-// Fills the dimensions, which are kept in run.coef too, and the design from run.model and run.coef, and the term counts
-// of the reduced model. A pass with nothing random at a level prints "Nothing left at ... level." and stops with code
-// 100.
+// Fills the dimensions, which are kept in run.model.coef too, and the design from run.model and run.model.coef, and the
+// term counts of the reduced model. A pass with nothing random at a level prints "Nothing left at ... level." and stops
+// with code 100.
 void makedesign(Pass& pass);
 
 // The level-3 design of unit k in a vector: W3[owner3[i]][reduced[i]] has weights[i]. weights: full ngamma.

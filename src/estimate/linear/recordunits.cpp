@@ -64,7 +64,7 @@ void centerlevel1(RecordUnits& units) {
 // The outcome of a record of counts as a rate.
 double rateof(const RecordUnits& units, const double* values, std::size_t record) {
   const double y = values[units.layout.outcome], n = values[units.layout.count];
-  const bool trials = run.kind.nonlin == 1;
+  const bool trials = run.model.outcome.link() == Link::logit;
   if (y < 0.0 || n <= 0.0)
     stopwith("\nError: the outcome must be greater than or equal to 0.0, and the\n%s must be greater than 0.0\n",
              trials ? "number of trials" : "exposure");
@@ -75,9 +75,9 @@ double rateof(const RecordUnits& units, const double* values, std::size_t record
 
 // The factor sqrt(w)/sqrt(v) of a record, from its design weight and its known variance.
 double makefactor(std::size_t record, const double* values) {
-  double factor = run.kind.weighted ? std::sqrt(run.weights.weight1[record]) : 1.0;
-  if (run.out.autovknown != 0) {
-    const double variance = values[run.out.autovknown - 1];
+  double factor = run.model.weighted ? std::sqrt(run.weights.weight1[record]) : 1.0;
+  if (run.model.autovknown != 0) {
+    const double variance = values[run.model.autovknown - 1];
     if (!(variance > 0.0)) {
       report("Variance known");
       report("Weights must be positive!\n");
@@ -102,22 +102,22 @@ void addunit(RecordUnits& units, UnitProducts& products) {
                   for (int c = 0; c + 1 < n; ++c) x[c] = column[c] < 0 ? 1.0 : values[column[c]] - shift[c];
                   x[n - 1] = layout.count < 0 ? values[layout.outcome] : rateof(units, values, record);
                   if (!factors) return;
-                  applyfactor(n, makefactor(record, values), run.kind.weighted, x, products.AA2);
+                  applyfactor(n, makefactor(record, values), run.model.weighted, x, products.AA2);
                 });
 }
 
 }  // namespace
 
-bool havefactors() { return run.kind.weighted || run.out.autovknown != 0; }
+bool havefactors() { return run.model.weighted || run.model.autovknown != 0; }
 
 RecordLayout mdmlayout() {
   RecordLayout layout;
   layout.width = run.mdm.nvar1;
-  layout.outcome = layout.observed = run.kind.outvar - 1;
-  if (run.kind.nlcount) layout.count = run.kind.nlcntvar - 1;
+  layout.outcome = layout.observed = run.model.outvar - 1;
+  if (run.model.outcome.counted) layout.count = run.model.outcome.countvariable - 1;
   layout.place.reset(at(run.mdm.nvar1));
   for (std::size_t v = 0; v < layout.place.size(); ++v) layout.place[v] = static_cast<int>(v);
-  layout.column.reset(at(run.coef.npi));
+  layout.column.reset(at(run.model.coef.npi));
   std::size_t i = 0;
   for (const CoefficientRow& coefficient : modelrows().coefficients) layout.column[i++] = coefficient.variable - 1;
   return layout;
@@ -126,17 +126,17 @@ RecordLayout mdmlayout() {
 void layvariables(RecordLayout& layout) {
   layout.place.reset(at(run.mdm.nvar1));
   layout.place.fill(-1);
-  if (layout.responses == 0) layout.place[at(run.kind.outvar) - 1] = layout.observed;
+  if (layout.responses == 0) layout.place[at(run.model.outvar) - 1] = layout.observed;
   const auto lay = [&](int v) {
     int& place = layout.place[at(v) - 1];
     if (place < 0) place = layout.width++;
     return place;
   };
-  layout.column.reset(at(run.coef.npi));
+  layout.column.reset(at(run.model.coef.npi));
   std::size_t c = 0;
   for (const CoefficientRow& coefficient : modelrows().coefficients)
     layout.column[c++] = coefficient.variable == 0 || coefficient.threshold ? -1 : lay(coefficient.variable);
-  for (std::size_t i = 0; i < at(run.model.nres1vars1); ++i) lay(run.model.res1vars1[i]);
+  for (std::size_t i = 0; i < at(run.out.nres1vars1); ++i) lay(run.out.res1vars1[i]);
 }
 
 void relayunit(const UnitBlock& block, const RecordLayout& given, UnitBlock& to, const RecordLayout& layout) {
@@ -183,7 +183,7 @@ bool nextblock(RecordUnits& units) {
       deleterecords(unit);
       retakemeans(unit);
     }
-  } while (run.kind.weighted && unit.nj == 0);  // the weights have no entry for such a unit
+  } while (run.model.weighted && unit.nj == 0);  // the weights have no entry for such a unit
   return true;
 }
 

@@ -28,13 +28,13 @@ bool deviance(const double* T, const double* S, int n, Array<double>& inverse, d
 
 Restriction taurestriction(Tau which) {
   const bool pi = which == Tau::pi;
-  const IterationControl& iter = run.iter;
-  const int n = pi ? run.coef.ntaupi : run.coef.ntaubeta;
-  const bool haveest = pi ? iter.haveesttau2 : iter.haveesttau3;
-  const bool havecon = pi ? iter.havecontau2 : iter.havecontau3;
-  const Array<double>& est = pi ? iter.esttau2 : iter.esttau3;
-  const Array<int>& codes = pi ? iter.contau2 : iter.contau3;
-  const bool diagonal = pi ? run.out.diagtaupi : run.out.diagtaubeta;
+  const Restrictions& held = run.model.restrictions;
+  const int n = pi ? run.model.coef.ntaupi : run.model.coef.ntaubeta;
+  const bool haveest = pi ? held.haveesttau2 : held.haveesttau3;
+  const bool havecon = pi ? held.havecontau2 : held.havecontau3;
+  const Array<double>& est = pi ? held.esttau2 : held.esttau3;
+  const Array<int>& codes = pi ? held.contau2 : held.contau3;
+  const bool diagonal = pi ? held.diagtaupi : held.diagtaubeta;
 
   Restriction restriction;
   restriction.free.reset(packedsize(n));

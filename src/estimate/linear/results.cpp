@@ -47,7 +47,7 @@ PassResults stageresults(Pass& pass, IterationState& state) {
   if (state.hetstate != 1) renewposterior(pass);
   PassResults results = iterationresults(pass, state);
   degreesoffreedom(results.degrees);
-  if (run.kind.weighted && !results.heterogeneous) {
+  if (run.model.weighted && !results.heterogeneous) {
     results.covariance = weightedcovariance(pass);
   } else {
     results.covariance = run.est.covariance();

@@ -93,10 +93,10 @@ void startfromdata(Pass& pass) {
     report(" %s(0) = %12.5f\n\n", run.sym.symvar1.c_str(), run.est.sigma2);
     tautable(Tau::pi, MatrixTitle::plain, true, pass.p, run.est.taupi.data());
   }
-  settlestart(run.est.taupi, pass.p, moments.taupi, run.iter.fixtau2, Tau::pi);
+  settlestart(run.est.taupi, pass.p, moments.taupi, run.control.fixtau2, Tau::pi);
   if (!fromfile && !moments.shared) starttaubeta(pass, moments);
   if (run.out.fulloutput) tautable(Tau::beta, MatrixTitle::plain, true, pass.b, run.est.taubeta.data());
-  settlestart(run.est.taubeta, pass.b, moments.taubeta, run.iter.fixtau3, Tau::beta);
+  settlestart(run.est.taubeta, pass.b, moments.taubeta, run.control.fixtau3, Tau::beta);
   if (pass.plan.hetit != 0) checkheterogeneous(pass);
 }
 

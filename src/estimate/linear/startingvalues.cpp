@@ -167,7 +167,7 @@ double startsigma2(const Pass& pass, double S) {
     if (df < 1) fail(16);
     sigma2 = S / df;
   }
-  if (run.kind.weighted) return sigma2 <= 0.0 ? 1.0 : sigma2;
+  if (run.model.weighted) return sigma2 <= 0.0 ? 1.0 : sigma2;
   if (vanishes(pass, sigma2)) virtuallyzero();
   return sigma2;
 }
@@ -184,11 +184,11 @@ void firsttaupi(const Pass& pass, StartWork& w) {
   if (pass.nusable2 < 1 || pass.nusable3 < 1) fail(13, "1");
   momenttaupi(pass, w, T);
   if (p == 1 && T[0] < 0.0) T[0] = 1.0;
-  if (run.iter.haveesttau2) applyfixed(T, p, run.iter.esttau2);
+  if (run.model.restrictions.haveesttau2) applyfixed(T, p, run.model.restrictions.esttau2);
   for (;;) {
     if (!usablecovariance(T, p)) fixtau(T, p, w.U2, 3, run.est.sigma2, Tau::pi);
-    if (!run.iter.havecontau2) return;
-    applyequal(p, T, run.iter.contau2);
+    if (!run.model.restrictions.havecontau2) return;
+    applyequal(p, T, run.model.restrictions.contau2);
     if (invertsymmetric(p, T, w.Pj.data()).result == 0) return;
   }
 }
@@ -216,11 +216,11 @@ void firsttaubeta(Pass& pass, StartWork& w, const FirstMoments& first) {
   if (pass.nusable3 < 1) fail(2, "2");
   double* L = run.est.taubeta.data();
   for (std::size_t i = 0; i < R.size(); ++i) L[i] = first.V2[i] / pass.nusable3 - R[i] / pass.nusable3;
-  if (run.iter.haveesttau3) applyfixed(L, b, run.iter.esttau3);
+  if (run.model.restrictions.haveesttau3) applyfixed(L, b, run.model.restrictions.esttau3);
   for (;;) {
     if (!usablecovariance(L, b)) fixtau(L, b, first.V2, 3, run.est.sigma2, Tau::beta);
-    if (!run.iter.havecontau3) return;
-    applyequal(b, L, run.iter.contau3);
+    if (!run.model.restrictions.havecontau3) return;
+    applyequal(b, L, run.model.restrictions.contau3);
     if (invertsymmetric(b, L, w.G.data()).result == 0) return;
   }
 }

@@ -38,7 +38,7 @@ struct Remaining {
 
 // Mean of wgtvar2 over all level-2 rows of the level-3 unit whose first block has just been read.
 double level2mean(UnitReader& reader, const UnitBlock& first, UnitBlock& ahead) {
-  const std::size_t variable = at(run.out.wgtvar2) - 1;
+  const std::size_t variable = at(run.model.wgtvar2) - 1;
   double sum = positive(first.level2[variable], 2);
   int rows = 1;
   const long long position = unitposition(reader);
@@ -53,16 +53,16 @@ double level2mean(UnitReader& reader, const UnitBlock& first, UnitBlock& ahead) 
 // The raw weights of one unit: its records from `record` on, and the unit's own.
 void unitweights(const UnitBlock& unit, std::size_t record, double& weight2, double m2, double weight3) {
   DesignWeights& weights = run.weights;
-  const bool set1 = run.out.wgtvar1 != 0, set2 = run.out.wgtvar2 != 0, set3 = run.out.wgtvar3 != 0;
+  const bool set1 = run.model.wgtvar1 != 0, set2 = run.model.wgtvar2 != 0, set3 = run.model.wgtvar3 != 0;
   if (set1 && !set2 && set3) {
     std::printf("\nUnable to do only level-1 and level-3 weights.\n");
     std::printf("To run the analysis KDR3 must be able to compute W(i|jk), W(j|k) and W(k).\n");
     stopwith("We cannot compute these three quantities based on the information provided.\n");
   }
-  const double x2 = set2 ? unit.level2[at(run.out.wgtvar2) - 1] / m2 : 1.0;
+  const double x2 = set2 ? unit.level2[at(run.model.wgtvar2) - 1] / m2 : 1.0;
   if (set2) weight2 = set3 ? x2 * weight3 : x2;
   if (!set1) return;
-  const auto x1 = [&](int i) { return unit.records[at(i) * at(run.mdm.nvar1) + at(run.out.wgtvar1) - 1]; };
+  const auto x1 = [&](int i) { return unit.records[at(i) * at(run.mdm.nvar1) + at(run.model.wgtvar1) - 1]; };
   for (int i = 0; i < unit.nj; ++i) static_cast<void>(positive(x1(i), 1));
   double m1 = 0.0;
   for (int i = 0; i < unit.nj; ++i) m1 += x1(i) / unit.nj;
@@ -87,8 +87,8 @@ Remaining readweights() {
     if (k < 0 || !sameid(unit.id3, current)) {
       if (++k >= run.mdm.nunits3) damagedmdm("it has more level-3 units than its table");
       current = unit.id3;
-      if (run.out.wgtvar2 != 0) m2 = level2mean(reader, unit, ahead);
-      if (run.out.wgtvar2 != 0 && run.out.wgtvar3 == 0) weights.weight3[k] = m2;
+      if (run.model.wgtvar2 != 0) m2 = level2mean(reader, unit, ahead);
+      if (run.model.wgtvar2 != 0 && run.model.wgtvar3 == 0) weights.weight3[k] = m2;
     }
     if (deleting) deleterecords(unit);
     if (unit.nj == 0) continue;
@@ -113,7 +113,7 @@ void normalise(const Remaining& remaining) {
     }
   };
 
-  if (run.out.wgtvar1 != 0 && run.out.wgtvar2 == 0 && run.out.wgtvar3 == 0)
+  if (run.model.wgtvar1 != 0 && run.model.wgtvar2 == 0 && run.model.wgtvar3 == 0)
     eachlevel3([&](std::size_t k, std::size_t first, std::size_t n, std::size_t, std::size_t) {
       double sum = 0.0;
       for (std::size_t j = first; j < first + n; ++j) sum += weights.weight2[j];
@@ -151,9 +151,9 @@ void normaliseweights() {
   weights.weight2.reset(at(run.mdm.nunits2));
   weights.weight3.reset(at(run.mdm.nunits3));
   for (Array<double>* level : {&weights.weight1, &weights.weight2, &weights.weight3}) level->fill(1.0);
-  if (run.out.wgtvar3 != 0) {
+  if (run.model.wgtvar3 != 0) {
     for (std::size_t k = 0; k < weights.weight3.size(); ++k)
-      weights.weight3[k] = positive(run.mdm.level3[k * at(run.mdm.nvar3) + at(run.out.wgtvar3) - 1], 3);
+      weights.weight3[k] = positive(run.mdm.level3[k * at(run.mdm.nvar3) + at(run.model.wgtvar3) - 1], 3);
     dividebymean(weights.weight3, 0, weights.weight3.size());
   }
   const Remaining remaining = readweights();

@@ -89,10 +89,9 @@ double logcombinations(double n, double y) {
 
 void addconstants(Frame& frame, const Level3Records& unit) {
   for (std::size_t i = 0; i < unit.y.size(); ++i) {
-    if (frame.outcome == OutcomeType::binomial && !unit.n.empty())
+    if (frame.outcome == Family::binomial && !unit.n.empty())
       frame.combinations += logcombinations(unit.n[i], unit.y[i]);
-    if (frame.outcome == OutcomeType::poisson || frame.outcome == OutcomeType::poissonexposure)
-      frame.counts -= logfactorial(unit.y[i]);
+    if (frame.outcome == Family::poisson) frame.counts -= logfactorial(unit.y[i]);
   }
 }
 
@@ -229,8 +228,8 @@ bool pivotlevel(std::size_t n, bool diagonal, Array<double>& R, Array<double>& i
 
 std::size_t Frame::count() const { return packedsize(q) + packedsize(r) + at(g); }
 
-Frame makeframe(OutcomeType outcome, int npi, int nbeta, const Design& design, RecordSource& source,
-                const Parameters& shape, bool diagonalpi, bool diagonalbeta) {
+Frame makeframe(Family outcome, int npi, int nbeta, const Design& design, RecordSource& source, const Parameters& shape,
+                bool diagonalpi, bool diagonalbeta) {
   Frame frame;
   frame.outcome = outcome;
   frame.npi = npi;

@@ -12,6 +12,7 @@
 #include <cstddef>
 #include <vector>
 
+#include "core/outcome.h"
 #include "estimate/likelihood/parameters.h"
 #include "estimate/likelihood/unitrecords.h"
 #include "estimate/linear/pass.h"
@@ -28,7 +29,7 @@ struct UnitDesigns {
 };
 
 struct Frame {
-  OutcomeType outcome = OutcomeType::bernoulli;
+  Family outcome = Family::bernoulli;
   int npi = 0, nbeta = 0, q = 0, r = 0, g = 0;
   bool diagonalpi = false, diagonalbeta = false;
   const Design* design = nullptr;
@@ -49,8 +50,8 @@ struct Frame {
 };
 
 // Reads the data once.
-Frame makeframe(OutcomeType outcome, int npi, int nbeta, const Design& design, RecordSource& source,
-                const Parameters& shape, bool diagonalpi, bool diagonalbeta);
+Frame makeframe(Family outcome, int npi, int nbeta, const Design& design, RecordSource& source, const Parameters& shape,
+                bool diagonalpi, bool diagonalbeta);
 
 // A point in matrices.
 struct SphericalPoint {

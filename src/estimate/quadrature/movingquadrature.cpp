@@ -148,7 +148,8 @@ struct Engine {
 
 // The problem with progress lines, and with an end where a variance grows for ever.
 AscentProblem Engine::watched(Run& run, AscentProblem problem) {
-  problem.iterated = [this, &run, before = -INFINITY, earlier = iterations](int iteration, double value) mutable {
+  problem.iterated = [this, &run, before = static_cast<double>(-INFINITY), earlier = iterations](int iteration,
+                                                                                                 double value) mutable {
     iterations = earlier + iteration;
     if (observer.line)
       observer.line(formatted("The value of the log-likelihood function at AGQ iteration %d = %E", iterations, value));

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "core/outcome.h"
 #include "estimate/ascent/ascent.h"
 #include "estimate/likelihood/parameters.h"
 #include "estimate/likelihood/unitrecords.h"
@@ -23,7 +24,7 @@ struct QuadratureObserver {
 };
 
 struct MovingSettings {
-  OutcomeType outcome = OutcomeType::bernoulli;
+  Family outcome = Family::bernoulli;
   int points = 0;              // nodes per dimension: 1 (Laplace), 3 to 198, or 0: as many as the data need
   int iterations = 100;        // upper bound of those of one number of points
   bool outerproducts = false;  // standard errors from the units' scores; steps and points are the same

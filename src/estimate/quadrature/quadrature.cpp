@@ -329,7 +329,7 @@ const char* failureline(QuadratureFailure failure) {
 
 void countdata(QuadratureData& data) {
   data.records = data.units2 = data.units3 = data.counts = data.combinations = 0.0;
-  const OutcomeType outcome = data.model->outcome;
+  const Family outcome = data.model->outcome;
   data.source->rewind(data.source->state);
   std::vector<Level3Records> batch;
   for (;;) {
@@ -341,10 +341,8 @@ void countdata(QuadratureData& data) {
       data.units2 += unit.units;
       data.units3 += 1.0;
       for (std::size_t i = 0; i < records; ++i) {
-        if (outcome == OutcomeType::binomial && !unit.n.empty())
-          data.combinations += logcombinations(unit.n[i], unit.y[i]);
-        if (outcome == OutcomeType::poisson || outcome == OutcomeType::poissonexposure)
-          data.counts -= logfactorial(unit.y[i]);
+        if (outcome == Family::binomial && !unit.n.empty()) data.combinations += logcombinations(unit.n[i], unit.y[i]);
+        if (outcome == Family::poisson) data.counts -= logfactorial(unit.y[i]);
       }
     }
   }

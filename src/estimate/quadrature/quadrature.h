@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "core/outcome.h"
 #include "estimate/likelihood/parameters.h"
 #include "estimate/likelihood/unitrecords.h"
 #include "estimate/quadrature/quadratureunit.h"
@@ -17,7 +18,7 @@
 namespace kdr {
 
 struct QuadratureSettings {
-  OutcomeType outcome = OutcomeType::bernoulli;
+  Family outcome = Family::bernoulli;
   int points = 0;           // nodes per dimension, 3 or more
   int iterations = 0;       // upper bound; one is made whatever it holds
   int derivlevel = 2;       // 2: observed information; 1: half the sum of the outer products of the units' scores

@@ -8,7 +8,8 @@
 
 namespace kdr {
 
-enum class OutcomeType { bernoulli, binomial, poisson, poissonexposure };
+// The log-densities that the loops know: those of no trials or exposure need less arithmetic.
+enum class RecordDensity { bernoulli, binomial, poisson, exposure };
 
 // The records of one level-2 unit at `pairs` pairs of a level-3 and a level-2 node.
 struct NodePairs {
@@ -39,7 +40,7 @@ struct SegmentSums {
 };
 
 struct QuadratureLoops {
-  // The log-densities alone, by outcome type.
+  // The log-densities alone, by RecordDensity.
   void (*density[4])(const NodePairs&);
   // Log-densities, gradient and weights.
   void (*moments[4])(const NodePairs&);

@@ -232,17 +232,20 @@ void UnitIntegral::placepairs(std::size_t firstnode, std::size_t nodes) {
 
 void UnitIntegral::callloops(std::size_t j) {
   const std::size_t first = records.start[j], count = records.start[j + 1] - first;
-  OutcomeType outcome = model.outcome;
+  RecordDensity density = RecordDensity::bernoulli;
   const double* y = records.y.data() + first;
   const double* n = records.n.empty() ? nullptr : records.n.data() + first;
-  if (outcome == OutcomeType::bernoulli) {
+  if (model.outcome == Family::bernoulli) {
     n = nullptr;
     // A share of successes is a binomial outcome of one trial.
     if (!std::all_of(y, y + count, [](double value) { return value == 0.0 || value == 1.0; }))
-      outcome = OutcomeType::binomial;
-  } else if (outcome == OutcomeType::poisson) {
-    n = nullptr;
-  } else if (outcome == OutcomeType::poissonexposure && n != nullptr) {
+      density = RecordDensity::binomial;
+  } else if (model.outcome == Family::binomial) {
+    density = RecordDensity::binomial;
+  } else if (n == nullptr) {
+    density = RecordDensity::poisson;
+  } else {
+    density = RecordDensity::exposure;
     fit(work.n, padded(count));
     std::copy_n(n, count, work.n.data());
     std::fill(work.n.data() + count, work.n.data() + padded(count), 1.0);
@@ -264,7 +267,7 @@ void UnitIntegral::callloops(std::size_t j) {
                         work.gradient.data(),
                         work.weights.data(),
                         work.product.data()};
-  (withmoments ? loops.moments : loops.density)[static_cast<int>(outcome)](pairs);
+  (withmoments ? loops.moments : loops.density)[static_cast<int>(density)](pairs);
 }
 
 // Turns the logarithms of the integrand at the level-2 nodes of one level-3 node into normalised weights, in place, and

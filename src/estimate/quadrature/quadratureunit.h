@@ -13,6 +13,7 @@
 
 #include <cstddef>
 
+#include "core/outcome.h"
 #include "estimate/likelihood/parameters.h"
 #include "estimate/likelihood/unitrecords.h"
 #include "estimate/linear/pass.h"
@@ -36,7 +37,7 @@ void unconditionalcovariance(int q, int r, const double* C2, const double* Z2Z1,
 
 // What stays the same for a run of the estimator.
 struct QuadratureModel {
-  OutcomeType outcome = OutcomeType::bernoulli;
+  Family outcome = Family::bernoulli;
   int npi = 0, nbeta = 0;
   int q = 0, r = 0, g = 0;
   const Design* design = nullptr;

@@ -19,12 +19,12 @@ void RecordDensities::fit(std::size_t records) {
 }
 
 // With e = exp(-|eta|): 1/(1 + e) is the probability of the likelier side, W/n = e/(1 + e)^2, dW/deta = W (1 - 2 mu).
-double recorddensities(OutcomeType outcome, std::size_t first, std::size_t count, const double* y, const double* n,
+double recorddensities(RecordDensity outcome, std::size_t first, std::size_t count, const double* y, const double* n,
                        RecordDensities& a) {
   const QuadratureLoops& loops = fastestquadratureloops();
   double *eta = a.eta.data() + first, *r = a.r.data() + first, *W = a.W.data() + first, *D = a.D.data() + first;
   double* e = a.work.data();
-  const bool counts = outcome == OutcomeType::poisson || outcome == OutcomeType::poissonexposure;
+  const bool counts = outcome == RecordDensity::poisson || outcome == RecordDensity::exposure;
   double sum = 0.0;
   if (counts) {
     for (std::size_t i = 0; i < count; ++i)
@@ -47,7 +47,7 @@ double recorddensities(OutcomeType outcome, std::size_t first, std::size_t count
   std::fill(e + count, e + padded(count), 0.0);
   loops.exponentials(e, padded(count));
   for (std::size_t i = 0; i < count; ++i) {
-    const double trials = outcome == OutcomeType::bernoulli || n == nullptr ? 1.0 : n[i];
+    const double trials = outcome == RecordDensity::bernoulli || n == nullptr ? 1.0 : n[i];
     const double inverse = 1.0 / (1.0 + e[i]), mu = (eta[i] < 0.0 ? e[i] : 1.0) * inverse;
     sum += y[i] * eta[i] - trials * std::max(eta[i], 0.0);
     r[i] = y[i] - trials * mu;
@@ -58,7 +58,7 @@ double recorddensities(OutcomeType outcome, std::size_t first, std::size_t count
   std::fill(e + count, e + padded(count), 1.0);
   loops.logarithms(e, padded(count));
   for (std::size_t i = 0; i < count; ++i)
-    sum -= (outcome == OutcomeType::bernoulli || n == nullptr ? 1.0 : n[i]) * e[i];
+    sum -= (outcome == RecordDensity::bernoulli || n == nullptr ? 1.0 : n[i]) * e[i];
   return sum;
 }
 

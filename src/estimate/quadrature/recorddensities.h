@@ -18,7 +18,7 @@ struct RecordDensities {
 
 // The sum of the log-densities of `count` records from place `first` on, without the terms of the outcome alone; r, W
 // and D at the same places. y and n are those of the records: trials, logarithms of the exposures, or null.
-double recorddensities(OutcomeType outcome, std::size_t first, std::size_t count, const double* y, const double* n,
+double recorddensities(RecordDensity outcome, std::size_t first, std::size_t count, const double* y, const double* n,
                        RecordDensities& densities);
 
 }  // namespace kdr

@@ -29,7 +29,7 @@ struct BatchSums {
 
 }  // namespace
 
-SphericalLikelihood makespherical(OutcomeType outcome, int npi, int nbeta, const Design& design, RecordSource& source,
+SphericalLikelihood makespherical(Family outcome, int npi, int nbeta, const Design& design, RecordSource& source,
                                   const Parameters& shape, bool diagonalpi, bool diagonalbeta, int threads) {
   SphericalLikelihood likelihood;
   likelihood.frame = makeframe(outcome, npi, nbeta, design, source, shape, diagonalpi, diagonalbeta);

@@ -27,7 +27,7 @@ struct SphericalLikelihood {
 };
 
 // Frame, states and the start's point. `source` and `design` must outlive it.
-SphericalLikelihood makespherical(OutcomeType outcome, int npi, int nbeta, const Design& design, RecordSource& source,
+SphericalLikelihood makespherical(Family outcome, int npi, int nbeta, const Design& design, RecordSource& source,
                                   const Parameters& shape, bool diagonalpi, bool diagonalbeta, int threads);
 
 // Nodes at the joint modes of a point; the search begins at `nodes`. `curvature`, when not null, gets i_a there. False

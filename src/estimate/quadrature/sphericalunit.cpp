@@ -616,7 +616,7 @@ void makeunitrows(const Frame& frame, const Level3Records& records, UnitRows& ro
       to[c] = sum;
     }
   }
-  if (frame.outcome == OutcomeType::poissonexposure && !records.n.empty()) {
+  if (frame.outcome == Family::poisson && !records.n.empty()) {
     fit(rows.logn, padded(total));
     std::copy_n(records.n.data(), total, rows.logn.data());
     std::fill(rows.logn.data() + total, rows.logn.data() + padded(total), 1.0);
@@ -628,20 +628,13 @@ UnitOutcome unitoutcome(const Frame& frame, const Level3Records& records, const 
   const std::size_t first = records.start[j], count = records.start[j + 1] - first;
   const double* y = records.y.data() + first;
   const double* n = records.n.empty() ? nullptr : records.n.data() + first;
-  switch (frame.outcome) {
-    case OutcomeType::bernoulli:
-      // A share of successes is a binomial outcome of one trial.
-      if (!std::all_of(y, y + count, [](double value) { return value == 0.0 || value == 1.0; }))
-        return {OutcomeType::binomial, y, nullptr};
-      return {OutcomeType::bernoulli, y, nullptr};
-    case OutcomeType::poisson:
-      return {OutcomeType::poisson, y, nullptr};
-    case OutcomeType::poissonexposure:
-      return {OutcomeType::poissonexposure, y, n == nullptr ? nullptr : rows.logn.data() + first};
-    case OutcomeType::binomial:
-      break;
-  }
-  return {OutcomeType::binomial, y, n};
+  if (frame.outcome == Family::poisson)
+    return n == nullptr ? UnitOutcome{RecordDensity::poisson, y, nullptr}
+                        : UnitOutcome{RecordDensity::exposure, y, rows.logn.data() + first};
+  if (frame.outcome == Family::binomial) return {RecordDensity::binomial, y, n};
+  // A share of successes is a binomial outcome of one trial.
+  const bool whole = std::all_of(y, y + count, [](double value) { return value == 0.0 || value == 1.0; });
+  return {whole ? RecordDensity::bernoulli : RecordDensity::binomial, y, nullptr};
 }
 
 bool integratespherical(const Frame& frame, const SphericalGrids& grids, const SphericalPoint& point,

@@ -37,7 +37,7 @@ struct UnitRows {
 void makeunitrows(const Frame& frame, const Level3Records& records, UnitRows& rows);
 // What the loops of the outcome take for level-2 unit j: y, and n or null.
 struct UnitOutcome {
-  OutcomeType outcome;
+  RecordDensity outcome;
   const double *y, *n;
 };
 [[nodiscard]] UnitOutcome unitoutcome(const Frame& frame, const Level3Records& records, const UnitRows& rows,

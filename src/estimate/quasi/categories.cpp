@@ -14,7 +14,7 @@ namespace kdr {
 
 namespace {
 
-const char* outcomename() { return run.mdm.names1[at(run.kind.outvar)].text; }
+const char* outcomename() { return run.mdm.names1[at(run.model.outvar)].text; }
 
 void addvalue(CategoryTable& table, double y) {
   const auto found = std::lower_bound(table.value.begin(), table.value.end(), y);
@@ -23,8 +23,9 @@ void addvalue(CategoryTable& table, double y) {
     ++table.count[static_cast<std::size_t>(place)];
     return;
   }
-  if (table.value.size() == at(run.kind.ncat))
-    stopwith("There are more than the specified %d categories of %8.8s!\n", run.kind.ncat, outcomename());
+  if (table.value.size() == at(run.model.outcome.categories))
+    stopwith("There are more than the specified %d categories of %8.8s!\n", run.model.outcome.categories,
+             outcomename());
   table.value.insert(found, y);
   table.count.insert(table.count.begin() + place, 1.0);
 }
@@ -40,9 +41,10 @@ CategoryTable readcategories() {
     for (std::size_t i = 0; i < at(units.unit.nj); ++i)
       addvalue(table, units.unit.records[i * at(units.layout.width) + at(units.layout.observed)]);
   }
-  if (table.value.size() < at(run.kind.ncat))
-    stopwith("There are less than the specified %d categories of %8.8s!\n", run.kind.ncat, outcomename());
-  run.kind.categorylabel = categorylabels(table.value.data(), run.kind.ncat);
+  if (table.value.size() < at(run.model.outcome.categories))
+    stopwith("There are less than the specified %d categories of %8.8s!\n", run.model.outcome.categories,
+             outcomename());
+  run.model.categorylabel = categorylabels(table.value.data(), run.model.outcome.categories);
   return table;
 }
 
@@ -53,14 +55,14 @@ std::vector<double> startingprobabilities(const CategoryTable& table) {
   for (const double n : p) total += n;
   for (double& x : p) x /= total;
   if (*std::min_element(p.begin(), p.end()) < rare) std::fill(p.begin(), p.end(), 1.0 / static_cast<double>(p.size()));
-  if (run.kind.ordinal)
+  if (run.model.outcome.ordinal())
     for (std::size_t c = 1; c < p.size(); ++c) p[c] += p[c - 1];
   p.pop_back();
   return p;
 }
 
 void responseprobabilities(const double* eta, int M, double* p) {
-  if (run.kind.ordinal) {
+  if (run.model.outcome.ordinal()) {
     for (int c = 0; c < M; ++c) p[c] = 1.0 / (1.0 + std::exp(-eta[c]));
     return;
   }
@@ -73,7 +75,7 @@ void responseprobabilities(const double* eta, int M, double* p) {
 }
 
 bool workingresponses(const double* eta, const double* indicator, const double* p, int M, double* z) {
-  if (run.kind.ordinal) {
+  if (run.model.outcome.ordinal()) {
     for (int c = 0; c < M; ++c) {
       const double g = (1.0 - p[c]) * p[c];
       if (!(g > 0.0)) return false;
@@ -97,7 +99,7 @@ bool workingresponses(const double* eta, const double* indicator, const double* 
 
 bool responseweights(const double* p, int M, double* W) {
   std::fill_n(W, square(M), 0.0);
-  if (!run.kind.ordinal) {
+  if (!run.model.outcome.ordinal()) {
     for (int c = 0; c < M; ++c)
       for (int d = 0; d < M; ++d) W[c * M + d] = c == d ? p[c] * (1.0 - p[c]) : -p[c] * p[d];
     return true;

@@ -15,8 +15,8 @@ struct CategoryTable {
   std::vector<double> count;  // their records
 };
 
-// Reads the outcome of all records that the analysis keeps and fills the table and run.kind.categorylabel. Stops with
-// code 100 when there are more or fewer than the run.kind.ncat categories that were told.
+// Reads the outcome of all records that the analysis keeps and fills the table and run.model.categorylabel. Stops with
+// code 100 when there are more or fewer than the run.model.outcome.categories categories that were told.
 [[nodiscard]] CategoryTable readcategories();
 
 // The M probabilities of the first working values: the proportions, cumulated in an ordinal run; those of equally

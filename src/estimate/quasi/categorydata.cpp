@@ -14,7 +14,7 @@ namespace {
 
 RecordLayout stackedlayout() {
   RecordLayout layout;
-  const int M = run.kind.ncat - 1;
+  const int M = run.model.outcome.categories - 1;
   layout.responses = M;
   layout.width = run.out.resfil1 ? 2 * M : M;
   layvariables(layout);
@@ -25,7 +25,7 @@ RecordLayout stackedlayout() {
 std::vector<int> responserows() {
   std::vector<int> rows;
   for (const CoefficientRow& own : modelrows().coefficients)
-    rows.push_back(!run.kind.ordinal ? own.set : own.threshold ? own.variable - run.mdm.nvar1 : -1);
+    rows.push_back(!run.model.outcome.ordinal() ? own.set : own.threshold ? own.variable - run.mdm.nvar1 : -1);
   return rows;
 }
 
@@ -77,9 +77,9 @@ void addrecord(Stacking& s, double* record, std::size_t number) {
     allz += sumz;
     zz += z[c] * sumz;
   }
-  const double factor = run.kind.weighted ? run.weights.factor1[number] : 1.0, weight = factor * factor;
+  const double factor = run.model.weighted ? run.weights.factor1[number] : 1.0, weight = factor * factor;
   double* AA = s.fold.unit.AA.data();
-  double* AA2 = run.kind.weighted ? s.fold.unit.AA2.data() : nullptr;
+  double* AA2 = run.model.weighted ? s.fold.unit.AA2.data() : nullptr;
   const auto put = [&](int a, int b, double value) {
     AA[a * n + b] += weight * value;
     if (AA2 != nullptr) AA2[a * n + b] += weight * weight * value;
@@ -128,7 +128,7 @@ void preparecategoricaldata(const CategoryTable& table, MacroState& state, Pass&
   for (const double x : p) last -= x;
   for (std::size_t c = 0; c < p.size(); ++c) {
     s.p[c] = p[c];
-    s.eta[c] = std::log(p[c] / (run.kind.ordinal ? 1.0 - p[c] : last));
+    s.eta[c] = std::log(p[c] / (run.model.outcome.ordinal() ? 1.0 - p[c] : last));
   }
 
   RecordUnits units;
@@ -144,9 +144,9 @@ void preparecategoricaldata(const CategoryTable& table, MacroState& state, Pass&
       double* indicator = stacked.records.data() + at(i) * newwidth;
       for (int c = 0; c < s.M; ++c) {
         const double value = table.value[at(c)];
-        indicator[c] = (run.kind.ordinal ? outcome <= value : outcome == value) ? 1.0 : 0.0;
+        indicator[c] = (run.model.outcome.ordinal() ? outcome <= value : outcome == value) ? 1.0 : 0.0;
       }
-      if (run.kind.weighted) {
+      if (run.model.weighted) {
         const std::size_t record = s.fold.records + at(i);
         run.weights.factor1[record] = std::sqrt(run.weights.weight1[record]);
       }

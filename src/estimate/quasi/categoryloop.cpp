@@ -23,8 +23,8 @@ PassPlan planof(const MacroState& state, int macro) {
   PassPlan plan;
   plan.kind = PassKind::categories;
   plan.macro = macro;
-  plan.limit = run.iter.numit;
-  plan.stopval = run.iter.stopval;
+  plan.limit = run.control.numit;
+  plan.stopval = run.control.stopval;
   plan.fixsigma2 = 1.0;
   if (macro > 1) plan.start = &state.previous;
   return plan;
@@ -44,7 +44,7 @@ void closephase(Pass& pass, MacroState& state, const PassResults& results) {
 
 PassResults estimatecategories(const CategoryTable& table, void (*store)(const PassResults&)) {
   MacroState state;
-  state.left = run.iter.macroit;
+  state.left = run.control.macroit;
   Pass pass;
   preparecategoricaldata(table, state, pass, planof(state, 1));
   holdinterrupts();

@@ -4,8 +4,8 @@
 
 namespace kdr {
 
-Linked linkedfitted(Family family, double fitted) {
-  if (family == Family::binomial) {
+Linked linkedfitted(Link link, double fitted) {
+  if (link == Link::logit) {
     const double mu = std::clamp(fitted, 0.01, 0.99);
     return {std::log(mu / (1.0 - mu)), mu, mu * (1.0 - mu)};
   }
@@ -14,7 +14,7 @@ Linked linkedfitted(Family family, double fitted) {
 }
 
 Linked linkedcapped(double eta, double cap) {
-  const Linked record = linked(Family::poisson, eta);
+  const Linked record = linked(Link::log, eta);
   return record.mu > cap ? Linked{std::log(cap), cap, cap} : record;
 }
 

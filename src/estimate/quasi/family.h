@@ -5,11 +5,12 @@
 #include <algorithm>
 #include <cmath>
 
+#include "core/outcome.h"
+
 namespace kdr {
 
 // binomial: y successes in n trials, logit link; Bernoulli is the case n = 1.
 // poisson: a count y with exposure n, log link; constant exposure is the case n = 1.
-enum class Family { binomial, poisson };
 
 // The mean of a logit and the variance mu (1 - mu), neither of them by cancellation.
 struct LogitMean {
@@ -43,10 +44,10 @@ struct Linked {
 
 // From the fitted value of a linear model of y / n, taken as a mean and held to where the link is defined: 0.01 to 0.99
 // for the logit, 0.001 and above for the log.
-[[nodiscard]] Linked linkedfitted(Family family, double fitted);
+[[nodiscard]] Linked linkedfitted(Link link, double fitted);
 // From the linear predictor.
-[[nodiscard]] inline Linked linked(Family family, double eta) {
-  if (family == Family::binomial) {
+[[nodiscard]] inline Linked linked(Link link, double eta) {
+  if (link == Link::logit) {
     const LogitMean mean = logitmean(eta);
     return {eta, mean.mu, mean.variance};
   }

@@ -16,14 +16,14 @@ namespace kdr {
 namespace {
 
 Parameters parametersof(const Estimates& est) {
-  return {run.coef.ntaupi,  run.coef.ntaubeta,  run.coef.ngamma,
-          est.taupi.copy(), est.taubeta.copy(), est.gammahat.copy()};
+  return {run.model.coef.ntaupi, run.model.coef.ntaubeta, run.model.coef.ngamma,
+          est.taupi.copy(),      est.taubeta.copy(),      est.gammahat.copy()};
 }
 
 // The allowance has run out: true to close the phase all the same.
 bool closeatlimit(MacroState& state) {
   constexpr int farlimit = 10000;
-  const int continuing = run.iter.numitcontinue;
+  const int continuing = run.control.numitcontinue;
   if (continuing == 1 ||
       (continuing == 2 &&
        askyesno("\nThe maximum number of iterations has been reached, but the analysis has\nnot converged. Do you want "
@@ -64,7 +64,7 @@ void beginmacro(MacroState& state) {
 }
 
 bool phasecloses(MacroState& state, const PassResults& results, bool first) {
-  bool converged = !first && macrotest(parametersof(results.est), parametersof(state.previous), run.iter.stopmacro);
+  bool converged = !first && macrotest(parametersof(results.est), parametersof(state.previous), run.control.stopmacro);
   if (!first && !state.iterations.searching && creeps(state, results, converged)) {
     std::printf("The macro iterations creep: from here on each searches for the maximum of its log-likelihood.\n");
     state.iterations.searching = true;
@@ -93,7 +93,7 @@ void averagecloses(const PassResults& results) {
 }
 
 Array<double> graphgammas(const MacroState& state) {
-  const std::size_t g = at(run.coef.ngamma);
+  const std::size_t g = at(run.model.coef.ngamma);
   Array<double> gammas(3 * g);
   std::size_t first = 0;
   for (const Array<double>* gamma : {&state.unitspecificgamma, &state.laplacegamma, &state.quadraturegamma}) {

@@ -28,7 +28,7 @@ namespace {
 
 // The mean outcome of the identity pass, and the variance that the outcome type implies there.
 double impliedvariance(double mean) {
-  if (run.kind.nonlin == 2) return mean;
+  if (run.model.outcome.family == Family::poisson) return mean;
   if (!(mean > 0.0 && mean < 1.0)) {
     report("\nThe outcome variable must take on values between 0 and 1.\n");
     std::printf("\nThe outcome variable must take on values between 0 and 1.\n");
@@ -41,9 +41,9 @@ PassPlan planof(const MacroState& state, PassKind kind, int macro) {
   PassPlan plan;
   plan.kind = kind;
   plan.macro = macro;
-  plan.limit = run.iter.numit;
-  plan.stopval = run.iter.stopval;
-  plan.fixsigma2 = run.iter.fixsigma2;
+  plan.limit = run.control.numit;
+  plan.stopval = run.control.stopval;
+  plan.fixsigma2 = run.model.restrictions.fixsigma2;
   if (kind != PassKind::identity) plan.start = &state.previous;
   plan.freshgamma = kind == PassKind::pql && macro == 2;
   return plan;
@@ -55,8 +55,8 @@ PassResults identitypass(Pass& pass, MacroState& state) {
   RecordUnits units;
   startrecords(units);
   units.working = startworking();
-  if (run.kind.nlcount) state.counts.reset(at(run.mdm.numl1rec));
-  units.counts = run.kind.nlcount ? &state.counts : nullptr;
+  if (run.model.outcome.counted) state.counts.reset(at(run.mdm.numl1rec));
+  units.counts = run.model.outcome.counted ? &state.counts : nullptr;
   double outcomes = 0.0, counts = 0.0;
   datapass(pass, [&](UnitProducts& unit) {
     if (!nextunit(units, unit)) {
@@ -66,7 +66,7 @@ PassResults identitypass(Pass& pass, MacroState& state) {
     for (std::size_t i = 0; i < at(unit.nj); ++i) {
       const double* record = units.unit.records.data() + i * at(units.layout.width);
       outcomes += record[units.layout.observed];
-      counts += run.kind.nlcount ? record[units.layout.count] : 1.0;
+      counts += run.model.outcome.counted ? record[units.layout.count] : 1.0;
     }
     return true;
   });
@@ -85,7 +85,7 @@ PassResults workingpass(Pass& pass, MacroState& state) {
 
 // From the scale of the outcome to that of the link: the taus of an identity pass over the square of the derivative.
 void rescaletaus(MacroState& state) {
-  const double v = run.kind.nonlin == 2 ? state.mean : state.mean * (1.0 - state.mean);
+  const double v = run.model.outcome.family == Family::poisson ? state.mean : state.mean * (1.0 - state.mean);
   for (Array<double>* tau : {&state.previous.taupi, &state.previous.taubeta})
     for (double& t : *tau) t /= v * v;
 }
@@ -96,7 +96,7 @@ void closephase(Pass& pass, MacroState& state, const PassResults& results) {
   state.unitspecificgamma = run.est.gammahat.copy();
   if (wantresidualfiles()) writeresidualfiles(pass, state.layout);
   markreport();
-  const bool engines = run.iter.laplace || run.iter.agqpoints != 0;
+  const bool engines = run.control.laplace || run.control.agqpoints != 0;
   const auto unitspecificfiles = [&] {
     writetaufile(taufile, run.est, results.errors, false);
     writegammafile(unitspecificgammafile, run.est.gammahat, run.est.covariance());
@@ -104,7 +104,7 @@ void closephase(Pass& pass, MacroState& state, const PassResults& results) {
   if (engines && run.out.printvc != 0) unitspecificfiles();
   if (engines) maximumlikelihood(pass, state, results);
   if (run.out.printvc == 0) return;
-  if (run.iter.laplace) {
+  if (run.control.laplace) {
     writegammafile(populationgammafile, run.est.gammahat, run.est.covariance());
   } else {
     unitspecificfiles();
@@ -119,7 +119,7 @@ void averagephase(Pass& pass, MacroState& state, void (*store)(const PassResults
   averagecloses(results);
   store(results);
   if (run.out.printvc != 0) {
-    if (run.iter.popavit <= 1) writegammafile(robustpopulationgammafile, results.est.gammahat, results.robust);
+    if (run.control.popavit <= 1) writegammafile(robustpopulationgammafile, results.est.gammahat, results.robust);
     writegammafile(populationgammafile, results.est.gammahat, run.est.covariance());
   }
   if (run.out.graph) writegraphdata(pass, state.layout, graphgammas(state));
@@ -129,7 +129,7 @@ void averagephase(Pass& pass, MacroState& state, void (*store)(const PassResults
 
 PassResults estimatenonlinear(void (*store)(const PassResults&)) {
   MacroState state;
-  state.left = run.iter.macroit;
+  state.left = run.control.macroit;
   holdinterrupts();
   Pass pass;
   for (bool first = true;; first = false) {
@@ -158,7 +158,7 @@ PassResults estimatenonlinear(void (*store)(const PassResults&)) {
 
 void listnonlinearfiles() {
   if (run.out.printvc == 0) return;
-  const bool errors = run.iter.fishertype != 0;
+  const bool errors = run.control.fishertype != 0;
   const std::vector<std::string>& made = run.files.made;  // without those of an engine that has failed
   const bool laplace = std::find(made.begin(), made.end(), laplacetaufile) != made.end();
   reportbreak();

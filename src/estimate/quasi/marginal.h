@@ -1,6 +1,7 @@
 // The correction that turns the linear predictor at the fixed part alone into that of the mean over the random effects.
 #pragma once
 
+#include "core/outcome.h"
 #include "estimate/quasi/family.h"
 #include "kernel/array.h"
 
@@ -8,7 +9,7 @@ namespace kdr {
 
 // The covariances of the random effects.
 struct MarginalCorrection {
-  Family family = Family::binomial;
+  Link link = Link::logit;
   int q = 0, r = 0;                 // orders of taupi and taubeta
   const double* taupi = nullptr;    // q squared
   const double* taubeta = nullptr;  // r squared

@@ -38,7 +38,7 @@ struct Rewriting {
 struct Step {
   const WorkingStep& kind;
   const MacroState& state;
-  Family family;
+  Link link;
   MarginalCorrection correction;
   UnitMeans means;
   Array<double> beta, x, d, e;
@@ -50,9 +50,9 @@ struct Step {
 };
 
 [[noreturn]] void badoutcome(const char* words) {
-  report("\nPlease check your data.  The outcome variable %s must be ", bareword(run.kind.outname).c_str());
+  report("\nPlease check your data.  The outcome variable %s must be ", bareword(run.model.outname).c_str());
   report("%s.\n\n", words);
-  std::printf("\nPlease check your data.  The outcome variable %s must be %s.\n\n", leftname(run.kind.outname).c_str(),
+  std::printf("\nPlease check your data.  The outcome variable %s must be %s.\n\n", leftname(run.model.outname).c_str(),
               words);
   stoprun(100);
 }
@@ -62,9 +62,9 @@ struct Step {
   stopwith("%s cannot estimate the model you have specified.\n", module);
 }
 
-void checkoutcome(Family family, double y) {
-  if (family == Family::binomial && !(y >= 0.0 && y <= 1.0)) badoutcome("between 0 and 1");
-  if (family == Family::poisson && !(y >= 0.0)) badoutcome("non-negative");
+void checkoutcome(Link link, double y) {
+  if (link == Link::logit && !(y >= 0.0 && y <= 1.0)) badoutcome("between 0 and 1");
+  if (link == Link::log && !(y >= 0.0)) badoutcome("non-negative");
 }
 
 // The linear predictor of a record, corrected for the population average.
@@ -77,14 +77,14 @@ double corrected(const Pass& pass, Step& step, const double* x, double eta) {
 }
 
 Linked linkedrecord(const Step& step, double eta) {
-  if (step.kind.first) return linkedfitted(step.family, eta);
-  if (step.family == Family::binomial && strayed(eta)) {
+  if (step.kind.first) return linkedfitted(step.link, eta);
+  if (step.link == Link::logit && strayed(eta)) {
     constexpr int lastrestart = 7;
     if (step.state.macro > lastrestart) cannotestimate();
-    return linked(step.family, broughtback(eta));
+    return linked(step.link, broughtback(eta));
   }
-  if (step.family == Family::poisson && step.kind.capped && step.cap > 0.0) return linkedcapped(eta, step.cap);
-  return linked(step.family, eta);
+  if (step.link == Link::log && step.kind.capped && step.cap > 0.0) return linkedcapped(eta, step.cap);
+  return linked(step.link, eta);
 }
 
 // What the whole unit tells before its records are gone through.
@@ -94,7 +94,7 @@ void lookover(Step& step) {
     return step.unit.records[at(i) * at(state.layout.width) + at(state.layout.observed)];
   };
   if (step.kind.first && state.counts.empty())
-    for (int i = 0; i < step.unit.nj; ++i) checkoutcome(step.family, observed(i));
+    for (int i = 0; i < step.unit.nj; ++i) checkoutcome(step.link, observed(i));
   if (step.kind.capped)
     for (int i = 0; i < step.unit.nj; ++i)
       step.cap = std::max(step.cap, observed(i) / (state.counts.empty() ? 1.0 : state.counts[step.record + at(i)]));
@@ -120,12 +120,12 @@ void predict(const Pass& pass, Step& step) {
 void makeworking(Step& step) {
   const RecordLayout& layout = step.state.layout;
   const Array<double>& counts = step.state.counts;
-  const bool plainlogit = !step.kind.first && step.family == Family::binomial;
+  const bool plainlogit = !step.kind.first && step.link == Link::logit;
   const double* observed = step.unit.records.data() + layout.observed;
   for (std::size_t i = 0; i < at(step.unit.nj); ++i, observed += layout.width) {
     const double eta = step.eta[i];
     const double count = counts.empty() ? 1.0 : counts[step.record + i];
-    const Linked link = plainlogit && !strayed(eta) ? linked(Family::binomial, eta) : linkedrecord(step, eta);
+    const Linked link = plainlogit && !strayed(eta) ? linked(Link::logit, eta) : linkedrecord(step, eta);
     const Working working = workingvalues(link, *observed, count);
     if (working.weight >= largestweight) ++step.limited;
     step.z[i] = working.z;
@@ -146,7 +146,7 @@ void addunit(const Pass& pass, Step& step, UnitProducts& products) {
     const double root = roots[i];
     for (int c = 0; c + 1 < n; ++c) x[c] = column[c] < 0 ? root : values[column[c]] * root;
     x[n - 1] = z[i] * root;
-    if (factors) applyfactor(n, run.weights.factor1[first + at(i)], run.kind.weighted, x, products.AA2);
+    if (factors) applyfactor(n, run.weights.factor1[first + at(i)], run.model.weighted, x, products.AA2);
   });
 }
 
@@ -161,8 +161,8 @@ void rewriteunit(const Step& step, Rewriting& to) {
 }
 
 Step makestep(const Pass& pass, const MacroState& state, const WorkingStep& kind) {
-  Step step{kind, state, familyof(), {}, makeunitmeans(pass), {}, {}, {}, {}, {}, {}, {}, {}};
-  step.correction = {step.family, pass.p, pass.b, state.previous.taupi.data(), state.previous.taubeta.data()};
+  Step step{kind, state, run.model.outcome.link(), {}, makeunitmeans(pass), {}, {}, {}, {}, {}, {}, {}, {}};
+  step.correction = {step.link, pass.p, pass.b, state.previous.taupi.data(), state.previous.taubeta.data()};
   step.beta.reset(at(pass.npi));
   step.x.reset(at(pass.npi) + 1);
   step.d.reset(at(pass.p));
@@ -182,8 +182,6 @@ Rewriting startrewriting(const MacroState& state, const WorkingStep& kind) {
 }
 
 }  // namespace
-
-Family familyof() { return run.kind.nonlin == 2 ? Family::poisson : Family::binomial; }
 
 void prepareworkingdata(Pass& pass, MacroState& state, const WorkingStep& kind, Pass& next, const PassPlan& plan) {
   state.previous = run.est.copy();

@@ -27,7 +27,4 @@ struct WorkingStep {
 // cannot be written.
 void prepareworkingdata(Pass& pass, MacroState& state, const WorkingStep& step, Pass& next, const PassPlan& plan);
 
-// The outcome type of the run.
-[[nodiscard]] Family familyof();
-
 }  // namespace kdr

@@ -69,12 +69,12 @@ void addfit(WantedList& list) {
   const auto add = [&](const std::string& text, const std::string& shortname) {
     list.push_back({ColumnGroup::fit, static_cast<int>(list.size()), 0, text, shortname, {}});
   };
-  if (run.kind.nonlin != 3) {
+  if (!run.model.outcome.categorical()) {
     add("L1RESID", "L1RESID");
     add("FITVAL", "FITVAL");
   } else {
-    for (int c = 1; c < run.kind.ncat; ++c) add("L1RES_" + number(c), "L1RES_" + number(c));
-    for (int c = 1; c < run.kind.ncat; ++c) add("FITVAL_" + number(c), "FITVAL" + number(c));
+    for (int c = 1; c < run.model.outcome.categories; ++c) add("L1RES_" + number(c), "L1RES_" + number(c));
+    for (int c = 1; c < run.model.outcome.categories; ++c) add("FITVAL_" + number(c), "FITVAL" + number(c));
   }
   add("SIGMA", "SIGMA");
 }
@@ -181,21 +181,20 @@ std::vector<const ResidualColumn*> ResidualColumns::of(ColumnGroup group) const 
 int ResidualColumns::number(ColumnGroup group) const { return static_cast<int>(of(group).size()); }
 
 ResidualColumns residualcolumns(int level) {
-  const ModelSpec& model = run.model;
   WantedList list;
   if (level == 1) {
     addfit(list);
-    addchosen(list, 1, model.res1vars1, model.nres1vars1);
-    addchosen(list, 2, model.res1vars2, model.nres1vars2);
-    addchosen(list, 3, model.res1vars3, model.nres1vars3);
+    addchosen(list, 1, run.out.res1vars1, run.out.nres1vars1);
+    addchosen(list, 2, run.out.res1vars2, run.out.nres1vars2);
+    addchosen(list, 3, run.out.res1vars3, run.out.nres1vars3);
     if (run.out.resfilrecnum) list.push_back({ColumnGroup::record, 0, 0, "RECNUM", "RECNUM", {}});
   } else if (level == 2) {
     addlevel2(list);
-    addchosen(list, 2, model.res2vars2, model.nres2vars2);
-    addchosen(list, 3, model.res2vars3, model.nres2vars3);
+    addchosen(list, 2, run.out.res2vars2, run.out.nres2vars2);
+    addchosen(list, 3, run.out.res2vars3, run.out.nres2vars3);
   } else {
     addlevel3(list);
-    addchosen(list, 3, model.res3vars3, model.nres3vars3);
+    addchosen(list, 3, run.out.res3vars3, run.out.nres3vars3);
   }
 
   ResidualColumns columns;

@@ -17,6 +17,9 @@ namespace madestudy {
 
 using namespace kdr;
 
+constexpr Outcome bernoulli{Family::bernoulli}, binomial{Family::binomial, 0, true}, poisson{Family::poisson},
+    exposure{Family::poisson, 0, true};
+
 struct Record {
   int k, j;
   double y, n, x, w, z;
@@ -25,7 +28,7 @@ struct Record {
 struct Study {
   int q = 1, r = 1;
   int npi = 2, nbeta = 3;
-  OutcomeType outcome = OutcomeType::bernoulli;
+  Outcome outcome = bernoulli;
   Design design;
   std::vector<Level3Records> units;
   std::size_t position = 0, batchsize = 5;
@@ -52,7 +55,7 @@ inline Array<int> integers(std::initializer_list<int> values) {
 }
 
 // Records sorted by k and j, both counted from 0 without gaps within their unit.
-inline Study makestudy(OutcomeType outcome, int q, int r, const std::vector<Record>& records) {
+inline Study makestudy(const Outcome& outcome, int q, int r, const std::vector<Record>& records) {
   Study study;
   study.q = q;
   study.r = r;
@@ -74,7 +77,7 @@ inline Study makestudy(OutcomeType outcome, int q, int r, const std::vector<Reco
     unit.w2.reset(at(unit.units) * 3);
     unit.x.reset((last - first) * 2);
     unit.y.reset(last - first);
-    if (outcome == OutcomeType::binomial || outcome == OutcomeType::poissonexposure) unit.n.reset(last - first);
+    if (outcome.counted) unit.n.reset(last - first);
     for (std::size_t i = first; i < last; ++i) {
       const Record& record = records[i];
       for (std::size_t j = at(record.j) + 1; j <= at(unit.units); ++j) unit.start[j] = i - first + 1;
@@ -130,7 +133,7 @@ inline std::vector<double> elements(const Parameters& parameters) {
 // the inverse of the curvature there.
 inline Adaptation posteriormodes(const Study& study, const Parameters& parameters) {
   const int q = study.q, r = study.r;
-  const bool counts = study.outcome == OutcomeType::poisson || study.outcome == OutcomeType::poissonexposure;
+  const bool counts = study.outcome.family == Family::poisson;
   Adaptation adaptation;
   adaptation.vstar.reset(study.units.size() * at(r));
   adaptation.C3.reset(study.units.size() * at(r * r));

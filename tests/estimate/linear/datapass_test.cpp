@@ -52,7 +52,7 @@ void foldworking(Pass& pass, std::FILE* working) {
       const double* values = block.records.data() + i * layout.width;
       for (int c = 0; c + 1 < n; ++c) x[c] = layout.column[c] < 0 ? 1.0 : values[layout.column[c]];
       x[n - 1] = values[layout.outcome];
-      if (havefactors()) applyfactor(n, run.weights.factor1[record++], run.kind.weighted, x, unit.AA2);
+      if (havefactors()) applyfactor(n, run.weights.factor1[record++], run.model.weighted, x, unit.AA2);
     });
     return true;
   });
@@ -76,12 +76,12 @@ TEST(DataPass, IsTheSameEachTimeFromBothFiles) {
     run.model.center2[1] = one.center2;
     run.mdm.mean1[1] = 0.3;
     run.mdm.mean2[0] = -0.2;
-    run.out.autovknown = one.known ? 4 : 0;
+    run.model.autovknown = one.known ? 4 : 0;
     run.mdm.deletednow = !one.deleting;
     if (one.weighted) {
-      run.out.wgtvar1 = 4;
-      run.out.wgtvar2 = run.out.wgtvar3 = 2;
-      run.kind.weighted = true;
+      run.model.wgtvar1 = 4;
+      run.model.wgtvar2 = run.model.wgtvar3 = 2;
+      run.model.weighted = true;
       normaliseweights();
     }
     Pass pass;

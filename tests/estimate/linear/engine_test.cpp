@@ -134,9 +134,9 @@ TEST_P(Engine, EveryPlainStepRaisesTheLikelihood) {
 
 // Iterates a study to the end and returns what the definition says of its estimates.
 dense::Fit fitted(const study::Study& made) {
-  run.iter.accel = 3;
-  run.iter.numit = 20000;
-  run.iter.stopval = 1e-10;
+  run.control.accel = 3;
+  run.control.numit = 20000;
+  run.control.stopval = 1e-10;
   run.report.stream = std::fopen("/dev/null", "w");
   run.files.outfile = "stdout";
   Pass pass;
@@ -147,7 +147,7 @@ dense::Fit fitted(const study::Study& made) {
   IterationState state;
   startiterations(pass, state);
   state.hetstate = 2;
-  state.limit = run.iter.numit;
+  state.limit = run.control.numit;
   iterate(pass, state);
   std::fclose(run.report.stream);
   run.report.stream = nullptr;
@@ -170,7 +170,7 @@ void expectvanishing(const dense::Fit& fit, const std::vector<std::vector<int>>&
 TEST_P(Engine, TheScoreVanishesAtTheEstimates) {
   for (const int fishertype : {0, 1, 2}) {
     study::Study made(GetParam(), 24, 6, 7);
-    run.iter.fishertype = fishertype;
+    run.control.fishertype = fishertype;
     expectvanishing(fitted(made), {{0}, {1}, {2}, {3}, {4}, {5}, {6}}, fishertype);
   }
 }
@@ -181,23 +181,23 @@ TEST_P(Engine, TheRestrictedScoreVanishesUnderRestrictions) {
   for (const int fishertype : {0, 2}) {
     {
       study::Study made(GetParam(), 24, 6, 7);
-      run.iter.fishertype = fishertype;
-      run.iter.haveesttau2 = true;
-      run.iter.esttau2.reset(4);
-      run.iter.esttau2.fill(missingcode);
-      run.iter.esttau2[1] = run.iter.esttau2[2] = 0.15;
-      run.out.diagtaubeta = true;
+      run.control.fishertype = fishertype;
+      run.model.restrictions.haveesttau2 = true;
+      run.model.restrictions.esttau2.reset(4);
+      run.model.restrictions.esttau2.fill(missingcode);
+      run.model.restrictions.esttau2[1] = run.model.restrictions.esttau2[2] = 0.15;
+      run.model.restrictions.diagtaubeta = true;
       expectvanishing(fitted(made), {{0}, {2}, {3}, {5}, {6}}, fishertype);
       EXPECT_EQ(run.est.taupi[1], 0.15);
       EXPECT_EQ(run.est.taubeta[1], 0.0);
     }
     {
       study::Study made(GetParam(), 24, 6, 7);
-      run.iter.fishertype = fishertype;
-      run.iter.havecontau2 = true;
-      run.iter.contau2.reset(3);
-      run.iter.contau2[0] = 1;
-      run.iter.contau2[2] = -1;
+      run.control.fishertype = fishertype;
+      run.model.restrictions.havecontau2 = true;
+      run.model.restrictions.contau2.reset(3);
+      run.model.restrictions.contau2[0] = 1;
+      run.model.restrictions.contau2[2] = -1;
       expectvanishing(fitted(made), {{0, 2}, {1}, {3}, {4}, {5}, {6}}, fishertype);
       EXPECT_EQ(run.est.taupi[0], run.est.taupi[3]);
     }
@@ -297,7 +297,7 @@ TEST(Store, FilesGiveTheSameBitsAsMemory) {
       startiterations(pass, state);
       state.hetstate = 2;
       state.limit = 12;
-      run.iter.numit = 12;
+      run.control.numit = 12;
       iterate(pass, state);
       std::vector<double> result(run.est.gammahat.begin(), run.est.gammahat.end());
       result.insert(result.end(), run.est.taupi.begin(), run.est.taupi.end());

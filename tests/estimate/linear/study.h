@@ -136,8 +136,8 @@ struct Study {
 
   static void makemodel() {
     allocatemodel();
-    ModelSpec& model = run.model;
-    run.kind.outvar = 1;
+    Model& model = run.model;
+    run.model.outvar = 1;
     int* use = model.use1.row(0);
     use[0] = use[2] = use[3] = 1;
     use[1] = -1;
@@ -151,11 +151,11 @@ struct Study {
       for (int s = 0; s < n; ++s) model.terms3.row(0, b)[s] = s;
       model.fixed2.row(0)[b] = b == 1 || b == 3;
     }
-    run.coef.npi = 3;
-    run.coef.nbeta = 4;
-    run.coef.ngamma = 6;
-    run.iter.numit = 500;
-    run.iter.numitcontinue = 0;
+    run.model.coef.npi = 3;
+    run.model.coef.nbeta = 4;
+    run.model.coef.ngamma = 6;
+    run.control.numit = 500;
+    run.control.numitcontinue = 0;
   }
 };
 
@@ -171,8 +171,8 @@ inline void fold(Pass& pass, std::FILE* working = nullptr) {
 // The pass over the study, ready to iterate.
 inline void prepare(Pass& pass) {
   PassPlan plan;
-  plan.limit = run.iter.numit;
-  plan.stopval = run.iter.stopval;
+  plan.limit = run.control.numit;
+  plan.stopval = run.control.stopval;
   beginpass(pass, plan);
   fold(pass);
 }

@@ -22,9 +22,9 @@ TEST(Weights, RefusesWhatItCannotCompute) {
                         {2, 0, 1.0, "Weights must be positive!"}};  // X1 has both signs
   for (const Case& refused : cases) {
     study::Study made(4);
-    run.kind.weighted = true;
-    run.out.wgtvar1 = refused.wgtvar1;
-    run.out.wgtvar3 = refused.wgtvar3;
+    run.model.weighted = true;
+    run.model.wgtvar1 = refused.wgtvar1;
+    run.model.wgtvar3 = refused.wgtvar3;
     run.mdm.level3[1] = refused.level3weight;
     const auto stops = [] {
       dup2(STDERR_FILENO, STDOUT_FILENO);

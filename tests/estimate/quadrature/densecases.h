@@ -19,15 +19,14 @@ inline const std::string folder = std::string(TESTDATA) + "/tests/reference/quad
 
 struct Case {
   const char* name;
-  OutcomeType outcome;
+  Outcome outcome;
   int q, r;
   int points;  // that nodes need which stand still: a level-2 integrand wanders with v, and is narrower than they are
                // spread
 };
-inline const Case cases[] = {
-    {"bernoulli11", OutcomeType::bernoulli, 1, 1, 7}, {"bernoulli21", OutcomeType::bernoulli, 2, 1, 7},
-    {"bernoulli22", OutcomeType::bernoulli, 2, 2, 7}, {"binomial12", OutcomeType::binomial, 1, 2, 9},
-    {"poisson11", OutcomeType::poisson, 1, 1, 11},    {"exposure21", OutcomeType::poissonexposure, 2, 1, 9}};
+inline const Case cases[] = {{"bernoulli11", bernoulli, 1, 1, 7}, {"bernoulli21", bernoulli, 2, 1, 7},
+                             {"bernoulli22", bernoulli, 2, 2, 7}, {"binomial12", binomial, 1, 2, 9},
+                             {"poisson11", poisson, 1, 1, 11},    {"exposure21", exposure, 2, 1, 9}};
 
 // What densequadrature.py found, by name of the line.
 inline std::vector<double> reference(const std::string& name, const std::string& wanted) {

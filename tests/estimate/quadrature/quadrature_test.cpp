@@ -120,7 +120,7 @@ struct Walker {
   QuadratureModel model;
   QuadratureData data;
   Walker(Study& made, int points) : study(made), source(made.source()) {
-    model.outcome = made.outcome;
+    model.outcome = made.outcome.family;
     model.npi = made.npi;
     model.nbeta = made.nbeta;
     model.q = made.q;
@@ -213,9 +213,9 @@ TEST(Quadrature, ScoreAndInformationAreDerivatives) {
 
 std::string console;
 
-QuadratureSettings settings(OutcomeType outcome, int points, int iterations) {
+QuadratureSettings settings(const Outcome& outcome, int points, int iterations) {
   QuadratureSettings s;
-  s.outcome = outcome;
+  s.outcome = outcome.family;
   s.points = points;
   s.iterations = iterations;
   s.console = [](const char* text) { console += text; };
@@ -253,7 +253,7 @@ TEST(Quadrature, TheSameBytesForAnyNumberOfThreads) {
   const auto bytes = [](int threads, std::size_t batchsize) {
     Study study = readcase(cases[1]);
     study.batchsize = batchsize;
-    QuadratureSettings s = settings(OutcomeType::bernoulli, 5, 3);
+    QuadratureSettings s = settings(bernoulli, 5, 3);
     s.threads = threads;
     const QuadratureResult result = estimate(study, s, makeparameters(2, 1, reference("bernoulli21", "start")));
     std::vector<double> all = elements(result.parameters);
@@ -295,7 +295,7 @@ TEST(Quadrature, OneIterationIsHalfANewtonStep) {
 // one, a tenth of the last goes into the next iteration, and the standard errors are from the information without it.
 TEST(Quadrature, RidgeIsRaisedLoweredAndLeftOutOfTheErrors) {
   Parameters start = makeparameters(1, 1, {4.0, 9.0, 0.5, 0.1, 0.1, 0.4});
-  Study study = makestudy(OutcomeType::bernoulli, 1, 1, drawrecords(1003, 40, 3, 3, start));
+  Study study = makestudy(bernoulli, 1, 1, drawrecords(1003, 40, 3, 3, start));
   start.taupi[0] *= 0.2;
   start.taubeta[0] *= 0.2;
   const int P = static_cast<int>(start.count());
@@ -304,7 +304,7 @@ TEST(Quadrature, RidgeIsRaisedLoweredAndLeftOutOfTheErrors) {
   Adaptation adaptation = posteriormodes(study, start);
   double ridge = 0.0;  // of the iteration's first trial
   for (const int iterations : {1, 2}) {
-    const QuadratureResult result = estimate(study, settings(OutcomeType::bernoulli, 5, iterations), start);
+    const QuadratureResult result = estimate(study, settings(bernoulli, 5, iterations), start);
     const std::string marks = console.substr(iterations == 1 ? 0 : console.find("iteration 1 ="));
     const auto raised = std::count(marks.begin(), marks.end(), '*');
     double added = ridge, now = ridge;
@@ -431,7 +431,7 @@ TEST(Quadrature, Failures) {
 
 TEST(Quadrature, Interrupt) {
   Study study = readcase(cases[0]);
-  QuadratureSettings s = settings(OutcomeType::bernoulli, 5, 50);
+  QuadratureSettings s = settings(bernoulli, 5, 50);
   s.interrupted = [] { return console.find("iteration 2 =") != std::string::npos; };
   const QuadratureResult result = estimate(study, s, makeparameters(1, 1, reference("bernoulli11", "start")));
   EXPECT_EQ(result.iteration, 2);
@@ -449,9 +449,9 @@ TEST(Quadrature, VarianceThatIsHeldNearZeroIsSaid) {
   for (const Near& one : {Near{3, 4, 1e-4, true}, {4, 3, 1e-3, true}, {3, 7, 0.3, false}, {4, 15, 0.3, false}}) {
     const double tau = one.seed == 4 && one.said ? 0.8 : 0.3;
     Parameters start = makeparameters(1, 1, {tau, 0.5, -0.3, 0.5, 0.4, -0.6});
-    Study study = makestudy(OutcomeType::bernoulli, 1, 1, drawrecords(one.seed, 12, 5, 6, start));
+    Study study = makestudy(bernoulli, 1, 1, drawrecords(one.seed, 12, 5, 6, start));
     start.taupi[0] = one.start;
-    const QuadratureResult result = estimate(study, settings(OutcomeType::bernoulli, one.points, 100), start);
+    const QuadratureResult result = estimate(study, settings(bernoulli, one.points, 100), start);
     EXPECT_TRUE(result.converged) << one.seed;
     EXPECT_EQ(result.parameters.taupi[0] < 0.01, one.said || one.seed == 4) << result.parameters.taupi[0];
     const bool said = std::any_of(result.warnings.begin(), result.warnings.end(), [](const std::string& warning) {
@@ -464,8 +464,8 @@ TEST(Quadrature, VarianceThatIsHeldNearZeroIsSaid) {
 // Level-3 units of thousands of records: their integrands are far below the smallest double.
 TEST(Quadrature, LargeUnits) {
   const Parameters truth = makeparameters(1, 1, {0.5, 0.3, 0.2, 0.1, 0.1, 0.4});
-  Study study = makestudy(OutcomeType::bernoulli, 1, 1, drawrecords(2, 12, 4, 1500, truth));
-  const QuadratureResult result = estimate(study, settings(OutcomeType::bernoulli, 5, 30), truth);
+  Study study = makestudy(bernoulli, 1, 1, drawrecords(2, 12, 4, 1500, truth));
+  const QuadratureResult result = estimate(study, settings(bernoulli, 5, 30), truth);
   EXPECT_TRUE(result.converged);
   EXPECT_NEAR(result.parameters.gamma[3], 0.4, 0.05);
   EXPECT_GT(result.parameters.taubeta[0], 0.05);

@@ -19,7 +19,7 @@ using namespace densecases;
 
 SphericalLikelihood likelihoodof(Study& study, RecordSource& source, const Parameters& shape, int points) {
   SphericalLikelihood likelihood =
-      makespherical(study.outcome, study.npi, study.nbeta, study.design, source, shape, false, false, 2);
+      makespherical(study.outcome.family, study.npi, study.nbeta, study.design, source, shape, false, false, 2);
   EXPECT_TRUE(makegrids(likelihood.grids, points, study.q, study.r));
   return likelihood;
 }
@@ -87,7 +87,7 @@ TEST(MovingQuadrature, MaximaOfDenseIntegrals) {
     Study study = readcase(c);
     RecordSource source = study.source();
     MovingSettings settings;
-    settings.outcome = c.outcome;
+    settings.outcome = c.outcome.family;
     settings.points = c.q + c.r > 3 ? 7 : 11;
     settings.check = false;
     settings.threads = 2;

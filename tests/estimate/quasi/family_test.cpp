@@ -33,15 +33,15 @@ TEST(Family, WorkingValuesKeepTheLimits) {
     double y, n, weight, z;
   };
   const Case cases[] = {
-      {"fitted mean above 1", linkedfitted(Family::binomial, 1.2), 1, 1, 0.0099, std::log(99.0) + 0.01 / 0.0099},
-      {"fitted mean below 0", linkedfitted(Family::binomial, -3), 0, 1, 0.0099, -std::log(99.0) - 0.01 / 0.0099},
-      {"fitted mean, trials", linkedfitted(Family::binomial, 0.5), 3, 4, 1.0, 1.0},
-      {"fitted count below 0", linkedfitted(Family::poisson, -1), 2, 1, 0.001, std::log(0.001) + 1.999 / 0.001},
-      {"logit", linked(Family::binomial, 0.0), 1, 1, 0.25, 2.0},
-      {"log, exposure", linked(Family::poisson, std::log(2.0)), 5, 3, 6.0, std::log(2.0) - 1.0 / 6},
+      {"fitted mean above 1", linkedfitted(Link::logit, 1.2), 1, 1, 0.0099, std::log(99.0) + 0.01 / 0.0099},
+      {"fitted mean below 0", linkedfitted(Link::logit, -3), 0, 1, 0.0099, -std::log(99.0) - 0.01 / 0.0099},
+      {"fitted mean, trials", linkedfitted(Link::logit, 0.5), 3, 4, 1.0, 1.0},
+      {"fitted count below 0", linkedfitted(Link::log, -1), 2, 1, 0.001, std::log(0.001) + 1.999 / 0.001},
+      {"logit", linked(Link::logit, 0.0), 1, 1, 0.25, 2.0},
+      {"log, exposure", linked(Link::log, std::log(2.0)), 5, 3, 6.0, std::log(2.0) - 1.0 / 6},
       {"capped", linkedcapped(10.0, 4.0), 2, 1, 4.0, std::log(4.0) - 0.5},
       {"not capped", linkedcapped(0.0, 4.0), 2, 1, 1.0, 1.0},
-      {"heavy", linked(Family::poisson, std::log(2e6)), 1e6, 1, 999999.0, std::log(2e6) - 0.5},
+      {"heavy", linked(Link::log, std::log(2e6)), 1e6, 1, 999999.0, std::log(2e6) - 0.5},
   };
   for (const Case& one : cases) {
     const Working working = workingvalues(one.record, one.y, one.n);

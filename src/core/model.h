@@ -7,12 +7,51 @@
 #pragma once
 
 #include "core/constants.h"
+#include "core/names.h"
+#include "core/outcome.h"
 #include "core/tables.h"
 #include "kernel/array.h"
 
 namespace kdr {
 
-struct ModelSpec {
+// Numbers and labels of the coefficients, counted once the model is complete.
+struct Coefficients {
+  int npi = 0;          // level-1 coefficients of all sets, thresholds of an ordinal model among them
+  int nbeta = 0;        // level-2 coefficients of all sets
+  int ntaupi = 0;       // those random at level 2: the order of taupi
+  int ntaubeta = 0;     // those random at level 3: the order of taubeta
+  int ngamma = 0;       // fixed effects of all sets; without the constrained ones once the constraints are applied
+  Array<Name> pinames;  // the level-1 variable of each row of taupi
+  Array<Name> betanames1, betanames2;                  // the level-1 and the level-2 variable of each row of taubeta
+  Array<Label> gammanames1, gammanames2, gammanames3;  // row labels of the fixed effects of the reduced model
+  Array<Name> gammasubs;            // the digits of each fixed effect's subscript, full ngamma entries
+  Array<int> pisubs;                // subscript of each random level-1 coefficient
+  Array<int> betasubs1, betasubs2;  // the two subscripts of each random level-2 coefficient
+};
+
+// What is not free in the variances. The field of a keyword bears the keyword's name.
+struct Restrictions {
+  double fixsigma2 = 0.0;                       // FIXSIGMA2:. 0.0: sigma^2 is estimated
+  bool diagtaupi = false, diagtaubeta = false;  // DIAGONALIZETAUPI:, DIAGONALIZETAUBETA:
+  bool haveesttau2 = false, haveesttau3 = false;
+  Array<double> esttau2, esttau3;  // ESTTAU2:, ESTTAU3:. Square, of the order of the tau; missingcode is free
+  bool havecontau2 = false, havecontau3 = false;
+  Array<int> contau2, contau3;  // CONTAU2:, CONTAU3:. Packed lower triangle: 0 free; the first member of a group has
+                                // its own 1-based place, the others minus that
+};
+
+struct Model {
+  Outcome outcome;
+  int outvar = 0;             // level-1 index of the outcome
+  Name outname{};             // the outcome as reported
+  Array<Name> categorylabel;  // a label for each category of a multinomial or ordinal outcome
+  int neqsets = 1;            // sets of equations: categories - 1 for a multinomial outcome
+  bool nointercept1 = false;  // the level-1 equation has no INTRCPT1: level-1 subscripts start at 1
+
+  int wgtvar1 = 0, wgtvar2 = 0, wgtvar3 = 0;  // LEVEL1WEIGHT: ...: index of the weight variable, 0 none
+  bool weighted = false;                      // a design weight is in force
+  int autovknown = 0;                         // VARIANCEKNOWN:. Level-1 index of the known variance, 0 none
+
   IntTable use1;       // [e][v], ncol1: -1 the outcome, 1 a level-1 predictor (v 0: the intercept is in), 0 neither
   Array<int> center1;  // [v], ncol1: 0 none, 1 group mean, 2 grand mean
   IntTable fixed1;     // [e][c], ncol1: not 0: coefficient c has no level-2 random effect
@@ -31,18 +70,6 @@ struct ModelSpec {
   Array<int> delete1;  // [v - 1], nvar1: 2 named by LEVEL1DELETION:, 1 of the model, 0 not looked at. A missing value
                        // in a variable with an entry not 0 removes the level-1 record at analysis time
 
-  // Variables that the residual files are to carry: marks by variable (1 wanted) ...
-  Array<int> wanted1vars1, wanted1vars2, wanted1vars3;  // widths ncol1, ncol2, ncol3
-  Array<int> wanted2vars2, wanted2vars3;                // widths ncol2, ncol3
-  Array<int> wanted3vars3;                              // width ncol3
-  // ... and the lists of `n...` variable indices that `compactlists` makes of them.
-  Array<int> res1vars1, res1vars2, res1vars3;
-  Array<int> res2vars2, res2vars3;
-  Array<int> res3vars3;
-  int nres1vars1 = 0, nres1vars2 = 0, nres1vars3 = 0;
-  int nres2vars2 = 0, nres2vars3 = 0;
-  int nres3vars3 = 0;
-
   // Constraints among the fixed effects.
   Array<int> constraints;         // [full ngamma]: group of each gamma, 0 free
   Array<int> removed;             // [full ngamma]: 1 for every member of a group but the first
@@ -54,6 +81,9 @@ struct ModelSpec {
   Array<short> hypothesisrows;   // [128]: contrast rows of hypothesis n + 1
   Array<double> contrasts;       // rows of ngamma values, in order of arrival
   Array<double> uncutcontrasts;  // the rows as they stood before the constraints, for the command file
+
+  Coefficients coef;
+  Restrictions restrictions;
 };
 
 }  // namespace kdr
