@@ -1,4 +1,7 @@
 // The table of keywords.
+#include <strings.h>
+
+#include <algorithm>
 #include <cstdio>
 #include <string>
 
@@ -131,9 +134,19 @@ void readagq(CommandReader&, const std::string& value) {
   if (fields.size() < 3 || fields[1].empty() || fields[2].empty())
     stopwith("\nMaximum number of iterations and quadrature points must be specified.\n");
   run.control.agqit = wholenumber(fields[1]);
-  run.control.agqpoints = wholenumber(fields[2]);
-  // From 3 points on the nodes are found.
-  if (run.control.agqpoints < 3) stopwith("\nToo many iterations in gauher!\n");
+  run.control.agqit = std::max(run.control.agqit, 1);
+  constexpr int mostpoints = 198;  // beyond, some nodes would share a place
+  run.control.agqauto = strcasecmp(fields[2].c_str(), "AUTO") == 0;
+  run.control.agqpoints = run.control.agqauto ? 1 : wholenumber(fields[2]);
+  const int points = run.control.agqpoints;
+  if (points < 1 || points == 2 || points > mostpoints || !(run.control.agqauto || isreal(fields[2])))
+    stopwith("\nThe number of quadrature points must be 1, 3 to 198, or AUTO!\n");
+}
+
+void readagqnodes(CommandReader&, const std::string& value) {
+  run.control.agqfixed = strcasecmp(value.c_str(), "FIXED") == 0;
+  if (!run.control.agqfixed && strcasecmp(value.c_str(), "MOVING") != 0)
+    stopwith("AGQNODES must be FIXED or MOVING!\n");
 }
 
 void readagqderivlevel(CommandReader&, const std::string& value) {
@@ -258,6 +271,7 @@ constexpr Keyword keywords[] = {
     {"LAPLACE:", 0, readlaplace},
     {"AGQ:", 0, readagq},
     {"AGQDERIVLEVEL:", 0, readagqderivlevel},
+    {"AGQNODES:", 0, readagqnodes},
     {"PLAUSVALS:", 0, readplausvals},
     {"LVR-BETA:", 0, readlvr},
     {"HETIT:", 0, [](CommandReader&, const std::string& value) { setwhole(run.control.hetit, "HETIT", value); }},

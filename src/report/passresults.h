@@ -38,6 +38,7 @@ struct TauErrors {
   int order = 0;             // NT - 1, elements of taupi and taubeta
   Array<double> covariance;  // order squared, of the elements of the taus
   double sigma2variance = 0.0;
+  std::vector<bool> edgepi, edgebeta;  // of an engine, full matrices: at the edge of its range, so without an error
   double stepleft = 0.0;  // the farthest that the next scoring step would move an element, in its standard errors
 };
 
@@ -63,6 +64,15 @@ struct LeastSquaresResults {
   double loglik = missingcode;  // missingcode when the model leaves no residual
 };
 
+// What quadrature says of its number of points.
+struct QuadraturePoints {
+  int points = 0;            // for each effect; 0: not of quadrature
+  int next = 0;              // another number that was tried; 0: none
+  double change = 0.0;       // of the log-likelihood with that
+  double errorchange = 0.0;  // the largest relative change of a standard error
+  bool agrees = false;       // both are small
+};
+
 struct PassResults {
   PassKind kind = PassKind::linear;
   int macro = 0;               // macro iteration, from 1; 0 in a linear run
@@ -85,6 +95,8 @@ struct PassResults {
   bool fewunits = false;     // too few level-3 units for `robust` to be trusted
   VarianceTests tests;
   std::vector<std::string> warnings;  // whole sentences for the head of the results
+  std::vector<std::string> notes;     // the same, of what is no fault
+  QuadraturePoints quadrature;
 
   // The taus were not estimated: their tables are those of an earlier pass.
   [[nodiscard]] bool tausstand() const { return kind == PassKind::populationaverage; }

@@ -77,7 +77,8 @@ unsigned long long fingerprint(const ModelRows& rows) {
   constexpr int kinds[] = {0, 1, 1, 2, 3, 3};  // by family
   for (const int value : {kinds[static_cast<int>(outcome.family)], outcome.linear() ? 1 : 0, outcome.ordinal() ? 1 : 0,
                           outcome.categories, run.model.nointercept1 ? 1 : 0, run.model.restrictions.diagtaupi ? 1 : 0,
-                          run.model.restrictions.diagtaubeta ? 1 : 0, iter.laplace ? 1 : 0, iter.agqpoints})
+                          run.model.restrictions.diagtaubeta ? 1 : 0, iter.laplace ? 1 : 0, iter.agqpoints,
+                          iter.agqauto ? 1 : 0, iter.agqfixed ? 1 : 0})
     print.add(value);
   print.add(run.model.restrictions.fixsigma2);
   if (run.model.restrictions.haveesttau2) print.add(run.model.restrictions.esttau2);

@@ -301,7 +301,8 @@ def engines():
     for options, phase, words in (
             ("LAPLACE:Y,30\n", "laplace", "Fisher scoring is unable to compute a maximum likehihood estimate within\n"
              "the parameter space.  Unable to produce Laplace results.\n\n"),
-            ("AGQ:Y,30,1001\n", "quadrature", "There are too many random effects for AGQ!\n"
+            ("AGQ:Y,30,101\n", "quadrature", "Quadrature has no results.\n"
+             "WARNING: 101 quadrature points for 3 effects are more than this program integrates with.\n"
              "The run goes on with the estimates that quadrature started from.\n")):
         said, text, sections = run(options, slope)
         check(words in text and phase not in sections, f"{phase} fails: words")

@@ -1,14 +1,17 @@
 #include "estimate/likelihood/engines.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <thread>
 
+#include "core/formatted.h"
 #include "driver/failures.h"
 #include "driver/reportstream.h"
 #include "estimate/laplace/laplace.h"
 #include "estimate/likelihood/recordbatches.h"
 #include "estimate/linear/iteration.h"
+#include "estimate/quadrature/movingquadrature.h"
 #include "estimate/quadrature/quadrature.h"
 #include "kernel/matrix.h"
 #include "kernel/products.h"
@@ -271,11 +274,112 @@ void quadrature(Pass& pass, MacroState& state, const PassResults& before) {
   if (result.finished) variancefiles(quadraturetaufile, quadraturegammafile, results);
 }
 
+// The square matrix of n(n+1)/2 consecutive elements.
+template <class Matrix, class Element>
+Matrix symmetric(int n, Element element) {
+  Matrix matrix(square(n));
+  eachelement(
+      n, [&](int e, int i, int j) { matrix[at(i) * at(n) + at(j)] = matrix[at(j) * at(n) + at(i)] = element(at(e)); });
+  return matrix;
+}
+
+PassResults resultsof(const MovingResult& fit, const PassResults& before) {
+  const Parameters& estimates = fit.parameters;
+  PassResults results;
+  results.kind = PassKind::quadrature;
+  results.macro = before.macro;
+  results.iteration = fit.iterations;
+  results.est.taupi = estimates.taupi.copy();
+  results.est.taubeta = estimates.taubeta.copy();
+  results.est.gammahat = estimates.gamma.copy();
+  results.degrees = {before.degrees.df.copy(), before.degrees.rough.copy()};
+  results.marginal = fit.loglikelihood;
+  // The printed likelihood is without binomial coefficients, and lower by a constant.
+  results.loglik = fit.loglikelihood - fit.combinations - 0.5 * fit.records * std::log(2.0 * M_PI);
+  if (fit.end == MovingEnd::stopped) results.ending = Ending::keyboard;
+  if (fit.end == MovingEnd::limit || fit.end == MovingEnd::nomaximum) results.ending = Ending::limit;
+  const std::size_t P = estimates.count(), P2 = estimates.ntaupi(), taus = P2 + estimates.ntaubeta();
+  const auto errors = [&](int n, std::size_t first) {
+    return symmetric<Array<double>>(n, [&](std::size_t e) {
+      const std::size_t i = first + e;
+      return fit.edge[i] ? missingcode : std::sqrt(std::max(fit.covariance[i * P + i], 0.0));
+    });
+  };
+  const auto edges = [&](int n, std::size_t first) {
+    return symmetric<std::vector<bool>>(n, [&](std::size_t e) -> bool { return fit.edge[first + e]; });
+  };
+  results.errors.asked = results.errors.known = true;
+  results.errors.order = static_cast<int>(taus);
+  results.errors.taupi = errors(estimates.q, 0);
+  results.errors.taubeta = errors(estimates.r, P2);
+  results.errors.edgepi = edges(estimates.q, 0);
+  results.errors.edgebeta = edges(estimates.r, P2);
+  results.errors.covariance = diagonalblock(fit.covariance.data(), P, 0, taus, 1.0);
+  results.covariance = diagonalblock(fit.covariance.data(), P, taus, at(estimates.g), 1.0);
+  results.warnings = fit.warnings;
+  results.notes = fit.notes;
+  results.quadrature = {fit.points, fit.check.made ? fit.check.next : 0, fit.check.change, fit.check.errorchange,
+                        fit.check.agrees};
+  return results;
+}
+
+// Quadrature whose nodes go with the data.
+void movingnodes(Pass& pass, MacroState& state, const PassResults& before) {
+  std::printf("\n");
+  RecordBatches batches;
+  RecordSource source = recordbatches(batches, pass, state);
+  MovingSettings settings;
+  settings.outcome = run.model.outcome.family;
+  settings.points = run.control.agqauto ? 0 : run.control.agqpoints;
+  settings.iterations = run.control.agqit;
+  settings.outerproducts = run.control.agqderivlevel == 1;
+  settings.diagonalpi = run.model.restrictions.diagtaupi;
+  settings.diagonalbeta = run.model.restrictions.diagtaubeta;
+  settings.threads = threads();
+  QuadratureObserver observer;
+  observer.line = [](const std::string& line) {
+    std::printf("%s\n", line.c_str());
+    std::fflush(stdout);
+  };
+  observer.stop = askstop;
+  holdinterrupts();
+  const MovingResult fit =
+      movingquadrature(settings, pass.npi, pass.nbeta, pass.design, source, currentparameters(pass), observer);
+  releaseinterrupts();
+  for (const std::string& warning : fit.warnings) std::printf("%s\n", warning.c_str());
+  if (!fit.usable) {
+    reportline("Quadrature has no results.");
+    for (const std::string& warning : fit.warnings) {
+      reportline("%s", warning.c_str());
+      documentwarning(warning);
+    }
+    const char* words = "The run goes on with the estimates that quadrature started from.";
+    reportline("%s", words);
+    notconverged(formatted("%s\n", words));
+    markreport();
+    return;
+  }
+  PassResults results = resultsof(fit, before);
+  tellunconverged("quadrature", results);
+  // A check that fails is a result that did not converge to the one that is wanted.
+  const bool failedcheck = results.ending == Ending::converged && !fit.warnings.empty();
+  if (failedcheck) notconverged("");
+  std::printf("%s\nThe marginal log-likelihood = %E\n", pointsline(results.quadrature).c_str(), results.marginal);
+  takeestimates(results);
+  quadraturetables(results);
+  if (failedcheck) documentending(false);
+  modelstatistics(results.loglik, 2);
+  markreport();
+  state.quadraturegamma = run.est.gammahat.copy();
+  variancefiles(quadraturetaufile, quadraturegammafile, results);
+}
+
 }  // namespace
 
 void maximumlikelihood(Pass& pass, MacroState& state, const PassResults& before) {
   if (run.control.laplace) laplace(pass, state, before);
-  if (run.control.agqpoints != 0) quadrature(pass, state, before);
+  if (run.control.agqpoints == 0 || run.control.agqit == 0) return;
+  (run.control.agqfixed ? quadrature : movingnodes)(pass, state, before);
 }
 
 }  // namespace kdr

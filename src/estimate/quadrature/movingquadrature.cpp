@@ -3,9 +3,8 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <cstdarg>
-#include <cstdio>
 
+#include "core/formatted.h"
 #include "estimate/quadrature/onepoint.h"
 #include "estimate/quadrature/spherical.h"
 #include "kernel/matrix.h"
@@ -21,15 +20,6 @@ constexpr std::array<int, 7> ladder = {5, 7, 11, 15, 21, 31, 41};
 constexpr int mosteffects = 10, mostpoints = 198;
 // Of the first standard deviation of an effect, in units of its error from one level-2 or level-3 unit.
 constexpr double leaststart = 0.1;
-
-[[gnu::format(printf, 1, 2)]] std::string formatted(const char* format, ...) {
-  char line[400];
-  va_list arguments;
-  va_start(arguments, format);
-  std::vsnprintf(line, sizeof line, format, arguments);
-  va_end(arguments);
-  return line;
-}
 
 bool toomany(const MovingSettings& settings, int points, int q, int r) {
   return std::pow(points, q + r) > settings.mostnodes;
@@ -348,15 +338,12 @@ void Engine::automatic(const Array<double>& start, MovingResult& result) {
                   begun && before.converged ? Approach::renewed : Approach::modes,
                   i + 1 < ladder.size() ? settings.steppediterations : settings.iterations, true);
     const bool stopped = now.ascent.end == AscentEnd::stopped;
-    const PointsCheck check = any ? compare(before, now, points) : PointsCheck{};
+    const PointsCheck check = any ? compare(before, now, pointsbefore) : PointsCheck{};
     before = std::move(now);
+    fill(before, points, result);
+    if (check.made) result.check = check;
     pointsbefore = points;
     any = true;
-    fill(before, points, result);
-    if (check.made) {
-      result.check = check;
-      result.check.next = points;
-    }
     if (stopped || check.agrees) return;
   }
   if (!result.check.made || !result.check.agrees)

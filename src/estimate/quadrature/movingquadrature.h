@@ -56,7 +56,7 @@ enum class MovingEnd {
 // What another number of points said.
 struct PointsCheck {
   bool made = false;
-  int next = 0;              // the number of points
+  int next = 0;              // the other number: the next one, of AUTO the one before
   double change = 0.0;       // of the log-likelihood
   double errorchange = 0.0;  // the largest relative change of a standard error
   bool agrees = false;
