@@ -208,7 +208,7 @@ PointsCheck Engine::compare(const Run& before, const Run& after, int next) const
   PointsCheck check;
   check.made = true;
   check.next = next;
-  if (!after.errors.usable || !after.ascent.there.usable) {
+  if (!before.errors.usable || !after.errors.usable) {
     check.change = check.errorchange = INFINITY;
     return check;
   }
