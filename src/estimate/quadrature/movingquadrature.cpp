@@ -226,6 +226,7 @@ PointsCheck Engine::compare(const Run& before, const Run& after, int next) const
 
 void Engine::fill(const Run& run, int points, MovingResult& result) const {
   const Frame& frame = likelihood.frame;
+  result.usable = false;
   result.points = points;
   result.iterations = iterations;
   result.evaluations = evaluations;
@@ -255,7 +256,7 @@ void Engine::fill(const Run& run, int points, MovingResult& result) const {
   result.distance = std::sqrt(run.ascent.decrement);
   result.usable = run.errors.usable && result.end != MovingEnd::toofewpoints;
   if (!result.usable) {
-    result.end = MovingEnd::toofewpoints;
+    if (!run.nomaximum) result.end = MovingEnd::toofewpoints;
     return;
   }
   result.covariance = run.errors.covariance.copy();

@@ -35,8 +35,8 @@ struct SegmentSums {
   std::size_t segments, length;
   const double* values;   // rows by pairs
   const double* weights;  // sets by pairs
-  double* sums;           // out: that of segment m, row i and set s at m * stride + i * sets + s
-  std::size_t stride;
+  double* sums;           // out: that of segment m, row i and set s at m * stride + i * rowstride + s * setstride
+  std::size_t stride, rowstride, setstride;
 };
 
 struct QuadratureLoops {

@@ -297,13 +297,15 @@ void SphericalIntegral::level2statistics(std::size_t j, std::size_t nodes) {
     double* to = set + (1 + a) * pairs;
     for (std::size_t p = 0; p < used; ++p) to[p] = weight[p] * offset[p];
   }
-  loops.segmentsums({q, 1 + q, true, pairs, nodes, nodes2, work.offsets.data(), set, statistic + atz, stride});
+  loops.segmentsums(
+      {q, 1 + q, true, pairs, nodes, nodes2, work.offsets.data(), set, statistic + atz, stride, 1 + q, 1});
   for (std::size_t c = 0; c < Y; ++c) {
     const double* y = row(work.gradient, c);
     double* to = set + (1 + c) * pairs;
     for (std::size_t p = 0; p < used; ++p) to[p] = weight[p] * y[p];
   }
-  loops.segmentsums({Y, 1 + Y, true, pairs, nodes, nodes2, work.gradient.data(), set, statistic + aty, stride});
+  loops.segmentsums(
+      {Y, 1 + Y, true, pairs, nodes, nodes2, work.gradient.data(), set, statistic + aty, stride, 1 + Y, 1});
   // The records' weights times (1, z, zz').
   double* zset = work.zsets.data();
   std::copy_n(weight, used, zset);
@@ -318,7 +320,7 @@ void SphericalIntegral::level2statistics(std::size_t j, std::size_t nodes) {
     }
   }
   loops.segmentsums({count, 1 + q + P2, false, pairs, nodes, nodes2, work.weights.data(), zset,
-                     work.recordweights.data() + first * nz, total * nz});
+                     work.recordweights.data() + first, total * nz, 1, total});
   // What the unit adds to a of each node.
   const double *Sx = work.frames.Sx.data() + j * npi * g, *Se = work.frames.Se.data() + j * npi * r;
   for (std::size_t node = 0; node < nodes; ++node) {
@@ -371,21 +373,18 @@ void SphericalIntegral::average(std::size_t node, double weight, const double* w
       for (std::size_t d = 0; d <= e; ++d) average[ofyy + triangle(e) + d] += weight * covariance(npi + e, npi + d);
     }
   }
-  // s = (1, z, w): the products of (1, z) stand first in the packed triangle, as they come.
+  // s = (1, z, w), packed; of each element a row of the records.
   const double* from = work.recordweights.data() + node * total * nz;
-  double* to = work.recordaverages.data();
-  for (std::size_t i = 0; i < total; ++i, from += nz, to += nrecord) {
-    to[0] += weight * from[0];
-    for (std::size_t a = 0; a < q; ++a) {
-      to[triangle(1 + a)] += weight * from[1 + a];
-      for (std::size_t b = 0; b <= a; ++b) to[triangle(1 + a) + 1 + b] += weight * from[1 + q + triangle(a) + b];
-    }
-    for (std::size_t b = 0; b < r; ++b) {
-      double* wrow = to + triangle(1 + q + b);
-      const double weighted = weight * w[b];
-      for (std::size_t a = 0; a <= q; ++a) wrow[a] += weighted * from[a];
-      for (std::size_t c = 0; c <= b; ++c) wrow[1 + q + c] += weighted * w[c] * from[0];
-    }
+  const auto add = [&](std::size_t s, std::size_t t, std::size_t z, double factor) {
+    addmultiple(work.recordaverages.data() + (triangle(s) + t) * total, from + z * total, total, factor);
+  };
+  for (std::size_t a = 0; a <= q; ++a) {
+    add(a, 0, a, weight);
+    for (std::size_t b = 0; a > 0 && b < a; ++b) add(a, 1 + b, 1 + q + triangle(a - 1) + b, weight);
+  }
+  for (std::size_t b = 0; b < r; ++b) {
+    for (std::size_t a = 0; a <= q; ++a) add(1 + q + b, a, a, weight * w[b]);
+    for (std::size_t c = 0; c <= b; ++c) add(1 + q + b, 1 + q + c, 0, weight * w[b] * w[c]);
   }
 }
 
@@ -469,11 +468,11 @@ void SphericalIntegral::unitinformation(std::size_t j, UnitSums& result) {
   double* full = through + npi * std::max({g, r, q});
   std::fill_n(M, nrecord * T, 0.0);
   for (std::size_t i = records.start[j]; i < records.start[j + 1]; ++i) {
-    const double *x = work.rows.x.data() + i * npi, *W = work.recordaverages.data() + i * nrecord;
+    const double *x = work.rows.x.data() + i * npi, *W = work.recordaverages.data() + i;
     for (std::size_t c = 0, e = 0; c < npi; ++c)
       for (std::size_t d = 0; d <= c; ++d, ++e) {
         const double product = x[c] * x[d];
-        for (std::size_t s = 0; s < nrecord; ++s) M[s * T + e] += W[s] * product;
+        for (std::size_t s = 0; s < nrecord; ++s) M[s * T + e] += W[s * total] * product;
       }
   }
   std::copy_n(M, T, sums.M.data() + unit * T);
