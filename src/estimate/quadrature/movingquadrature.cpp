@@ -384,6 +384,7 @@ MovingResult movingquadrature(const MovingSettings& settings, int npi, int nbeta
   Array<double> curvature;
   if (!placemodes(likelihood, point, likelihood.current.nodes, &curvature)) {
     result.end = MovingEnd::nonumbers;
+    result.warnings.emplace_back("WARNING: the random effects have no finite modes at the estimates to begin with.");
     return result;
   }
   raisestart(likelihood.frame, curvature, point);
@@ -398,8 +399,11 @@ MovingResult movingquadrature(const MovingSettings& settings, int npi, int nbeta
   if (result.end == MovingEnd::nomaximum)
     result.warnings.insert(
         result.warnings.begin(),
-        "WARNING: the likelihood has no finite maximum: it rises as a variance grows without end. The "
-        "estimates are where its rise had all but ended.");
+        std::string("WARNING: the likelihood has no finite maximum: it rises as a variance grows without end.") +
+            (result.usable ? " The estimates are where its rise had all but ended." : ""));
+  if (!result.usable && result.warnings.empty())
+    result.warnings.emplace_back(
+        "WARNING: the likelihood is not a finite number where quadrature begins, or its information has no inverse.");
   return result;
 }
 
