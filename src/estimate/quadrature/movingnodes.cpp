@@ -14,9 +14,8 @@ namespace kdr {
 
 namespace {
 
-// Moments of few nodes: how far their eigenvalues may lie from the sweep's, and how strong the canonical correlation of
-// the effects of two levels may be.
-constexpr double leastratio = 0.05, largestratio = 20.0, largestcorrelation = 0.995;
+// Moments of few nodes: how far the eigenvalues of their covariances, of z at a given w, may lie from the sweep's.
+constexpr double leastratio = 0.05, largestratio = 20.0;
 
 void fit(Array<double>& array, std::size_t n) {
   if (array.size() < n) array.reset(n);
@@ -63,12 +62,12 @@ void turnmatrix(std::size_t n, const double* Q, double* M, double* work) {
   mulAtB(M, Q, work, order, order, order);
 }
 
-// Keeps the eigenvalues of L^-1 M L^-T within the guards.
-void guardcovariance(std::size_t n, const double* L, double* M) {
+// Keeps the eigenvalues of L^-1 M L^-T within the guards. True when they were.
+bool guardcovariance(std::size_t n, const double* L, double* M) {
   if (n == 1) {
-    const double unit = L[0] * L[0];
+    const double unit = L[0] * L[0], given = M[0];
     M[0] = std::clamp(std::isfinite(M[0]) ? M[0] : unit, leastratio * unit, largestratio * unit);
-    return;
+    return M[0] == given;
   }
   Array<double> X(n * n), E(n * n), work(n * n), values(n), Q(n * n);
   const int order = static_cast<int>(n);
@@ -78,50 +77,24 @@ void guardcovariance(std::size_t n, const double* L, double* M) {
   for (const double value : E)
     if (!std::isfinite(value)) {
       mulABt(M, L, L, order, order, order);
-      return;
+      return false;
     }
   spectrum(n, E.data(), values.data(), Q.data());
-  if (values[0] >= leastratio && values[n - 1] <= largestratio) return;
+  if (values[0] >= leastratio && values[n - 1] <= largestratio) return true;
   mulAB(work.data(), L, Q.data(), order, order, order);
   std::fill_n(M, n * n, 0.0);
   for (std::size_t i = 0; i < n; ++i)
     for (std::size_t l = 0; l < n; ++l)
       for (std::size_t c = 0; c < n; ++c)
         M[i * n + l] += work[i * n + c] * std::clamp(values[c], leastratio, largestratio) * work[l * n + c];
-}
-
-// Keeps the canonical correlation of z and w below the guard by shrinking K (q by r).
-void guardcorrelation(std::size_t q, std::size_t r, const double* P, const double* C3, double* K) {
-  if (q == 1 && r == 1) {
-    const double most = largestcorrelation * std::sqrt(P[0] * C3[0]);
-    K[0] = std::isfinite(K[0]) ? std::clamp(K[0], -most, most) : 0.0;
-    return;
-  }
-  Array<double> L2(q * q), X2(q * q), L3(r * r), X3(r * r), S(q * r), R(q * r), C(r * r), values(r), Q(r * r);
-  if (!choleskyfactor(q, P, L2.data()) || !choleskyfactor(r, C3, L3.data())) {
-    std::fill_n(K, q * r, 0.0);
-    return;
-  }
-  invertlower(q, L2.data(), X2.data());
-  invertlower(r, L3.data(), X3.data());
-  const int orderq = static_cast<int>(q), orderr = static_cast<int>(r);
-  mulAB(S.data(), X2.data(), K, orderq, orderr, orderq);
-  mulABt(R.data(), S.data(), X3.data(), orderq, orderr, orderr);
-  mulAtB(C.data(), R.data(), R.data(), orderr, orderr, orderq);
-  spectrum(r, C.data(), values.data(), Q.data());
-  const double most = std::sqrt(std::max(values[r - 1], 0.0));
-  if (!std::isfinite(most)) {
-    std::fill_n(K, q * r, 0.0);
-  } else if (most > largestcorrelation) {
-    for (std::size_t i = 0; i < q * r; ++i) K[i] *= largestcorrelation / most;
-  }
+  return false;
 }
 
 // Buffers of one thread.
 struct CarryWork {
   UnitFrames frames;
   Sweep from, to;
-  Array<double> zero, res, G2, G3, G23, C3, P, K, a, b;
+  Array<double> res, G2, G3, G23, C3, inverse3, P, K, S, a, b;
 };
 
 // The residual sums at `to`: h - M (coefficients there less those at `from`), the coefficients of x~ at the moments.
@@ -173,13 +146,19 @@ bool carryunit(const Frame& frame, const SphericalPoint& from, const SphericalPo
   const int oq = frame.q, orr = frame.r;
   for (Array<double>* array : {&work.G3, &work.C3}) fit(*array, r * r);
   for (Array<double>* array : {&work.G2, &work.P}) fit(*array, q * q);
-  for (Array<double>* array : {&work.G23, &work.K}) fit(*array, q * r);
+  for (Array<double>* array : {&work.G23, &work.K, &work.S}) fit(*array, q * r);
   fit(work.a, (q + r) * (q + r));
   fit(work.b, (q + r) * (q + r));
+  fit(work.inverse3, r * r);
 
   double* C3 = work.C3.data();
   std::copy_n(moments.C3.data() + k * r * r, r * r, C3);
-  guardcovariance(r, s0.L3.data(), C3);
+  // The slope of z on w is that of the moments, unless they know nothing of w.
+  const bool own = guardcovariance(r, s0.L3.data(), C3) && choleskyfactor(r, C3, work.a.data());
+  if (own) {
+    invertlower(r, work.a.data(), work.b.data());
+    inversefromfactor(r, work.b.data(), work.inverse3.data());
+  }
   double* wto = nodes.w.data() + k * r;
   std::copy_n(w, r, wto);
   if (!still) {
@@ -196,10 +175,20 @@ bool carryunit(const Frame& frame, const SphericalPoint& from, const SphericalPo
     double *P = work.P.data(), *K = work.K.data();
     std::copy_n(moments.P.data() + unit * q * q, q * q, P);
     std::copy_n(moments.K.data() + unit * q * r, q * r, K);
-    // P of the sweep has the factor that the guards need.
-    if (!choleskyfactor(q, s0.P.data() + j * q * q, work.a.data())) return false;
-    guardcovariance(q, work.a.data(), P);
-    guardcorrelation(q, r, P, C3, K);
+    // S = K C3^-1; P less S K', of z at a given w, within the guards; P and K made anew.
+    double *S = work.S.data(), *R = work.b.data();
+    if (own) {
+      mulAB(S, K, work.inverse3.data(), oq, orr, orr);
+    } else {
+      std::copy_n(s0.slope.data() + j * q * r, q * r, S);
+    }
+    mulAB(K, S, C3, oq, orr, orr);
+    std::copy_n(P, q * q, R);
+    subABt(R, S, K, oq, oq, orr);
+    if (std::any_of(S, S + q * r, [](double value) { return !std::isfinite(value); })) return false;
+    guardcovariance(q, s0.L2.data() + j * q * q, R);
+    std::copy_n(R, q * q, P);
+    addABt(P, S, K, oq, oq, orr);
     double *zto = nodes.z.data() + unit * q, *Pto = nodes.P.data() + unit * q * q, *Kto = nodes.K.data() + unit * q * r;
     std::copy_n(z + j * q, q, zto);
     if (still) {

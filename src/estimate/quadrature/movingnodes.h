@@ -52,7 +52,8 @@ struct Sweep {
 
 // The nodes at another point, from the posterior moments `moments` and the sums of the evaluation at `from`: centres go
 // along by the difference of the sweeps' moves, covariances by that of their factors. At the same point only the guards
-// are at work: moments that came from too few nodes keep within [1/20, 20] of the sweep's. False on failure.
+// are at work: covariances that came from too few nodes, of w and of z at a given w, keep within [1/20, 20] of the
+// sweep's. False on failure.
 [[nodiscard]] bool carrynodes(const Frame& frame, const Array<double>& from, const Nodes& moments,
                               const RecordSums& sums, const Array<double>& to, int threads, Nodes& nodes);
 
