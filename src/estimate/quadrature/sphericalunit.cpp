@@ -63,6 +63,19 @@ struct SphericalIntegral {
   // Sums over level-3 nodes: 1, w - w*, its second moments, a - a of the first node, its second moments.
   const std::size_t atmean = 1, atsecond = atmean + r, ata = atsecond + P3, atcross = ata + P,
                     nmoments = atcross + triangle(P);
+  // A unit of fewer records than columns is worked in the residuals of its records: its x~ is an identity, and its Sx,
+  // Se and Sd are the rows of its records.
+  [[nodiscard]] std::size_t count(std::size_t j) const { return records.start[j + 1] - records.start[j]; }
+  [[nodiscard]] bool narrow(std::size_t j) const { return count(j) < npi; }
+  [[nodiscard]] std::size_t width(std::size_t j) const { return std::min(count(j), npi); }
+  [[nodiscard]] const double* xof(std::size_t j) const {
+    return narrow(j) ? work.identity.data() + count(j) * npi * npi : work.rows.x.data() + records.start[j] * npi;
+  }
+  [[nodiscard]] double* Sxof(std::size_t j) const { return work.frames.Sx.data() + j * npi * g; }
+  [[nodiscard]] double* Seof(std::size_t j) const { return work.frames.Se.data() + j * npi * r; }
+  [[nodiscard]] const double* Sdof(std::size_t j) const {
+    return narrow(j) ? work.narrowSd.data() + j * npi * q : frame.Sd.data();
+  }
   double shift = 0.0;  // of the running sums
   bool empty = true;
 
@@ -81,6 +94,7 @@ struct SphericalIntegral {
   }
 
   bool prepare();
+  void preparenarrow();
   bool placelevel2(std::size_t j);
   void placepairs(std::size_t j, std::size_t firstnode, std::size_t nodes);
   void makerows(std::size_t j);
@@ -97,15 +111,10 @@ struct SphericalIntegral {
 bool SphericalIntegral::prepare() {
   makeunitframes(frame, at(records.k), work.frames);
   makeunitrows(frame, records, work.rows);
-  fit(work.cx, units * npi);
+  preparenarrow();
+  fit(work.cx, npi);
   fit(work.cD, npi * q);
-  fit(work.cE, units * npi * r);
-  mulAB(work.cD.data(), frame.Sd.data(), point.A.data(), frame.npi, frame.q, frame.q);
-  for (std::size_t j = 0; j < units; ++j) {
-    mulAB(work.cx.data() + j * npi, work.frames.Sx.data() + j * npi * g, point.g, frame.npi, 1, frame.g);
-    mulAB(work.cE.data() + j * npi * r, work.frames.Se.data() + j * npi * r, point.B.data(), frame.npi, frame.r,
-          frame.r);
-  }
+  fit(work.cE, npi * r);
   fit(work.w, r * nodes3);
   fit(work.quad3, nodes3);
   fit(work.shift, units * q * r);
@@ -149,6 +158,25 @@ bool SphericalIntegral::prepare() {
   for (std::size_t j = 0; j < units; ++j)
     if (!placelevel2(j)) return false;
   return true;
+}
+
+void SphericalIntegral::preparenarrow() {
+  fit(work.identity, npi * npi * npi);
+  fit(work.narrowSd, units * npi * q);
+  fit(work.product, npi * std::max({g, r, q}));
+  for (std::size_t n = 0; n < npi; ++n)
+    for (std::size_t i = 0; i < n; ++i)
+      for (std::size_t l = 0; l < n; ++l) work.identity[n * npi * npi + i * n + l] = i == l ? 1.0 : 0.0;
+  for (std::size_t j = 0; j < units; ++j) {
+    if (!narrow(j)) continue;
+    const double* rows = work.rows.x.data() + records.start[j] * npi;
+    const int n = static_cast<int>(count(j));
+    mulAB(work.product.data(), rows, Sxof(j), n, frame.g, frame.npi);
+    std::copy_n(work.product.data(), count(j) * g, Sxof(j));
+    mulAB(work.product.data(), rows, Seof(j), n, frame.r, frame.npi);
+    std::copy_n(work.product.data(), count(j) * r, Seof(j));
+    mulAB(work.narrowSd.data() + j * npi * q, rows, frame.Sd.data(), n, frame.q, frame.npi);
+  }
 }
 
 // kappa S, L2 and the constant of level-2 unit j. scratch: L3, X3 stand first.
@@ -212,20 +240,24 @@ void SphericalIntegral::placepairs(std::size_t j, std::size_t firstnode, std::si
 }
 
 void SphericalIntegral::makerows(std::size_t j) {
-  const std::size_t first = records.start[j], count = records.start[j + 1] - first, dims = q + r;
-  fit(work.fixed, count);
-  fit(work.effects, count * dims);
-  fit(work.weights, count * pairs);
-  const double *cx = work.cx.data() + j * npi, *cE = work.cE.data() + j * npi * r;
-  for (std::size_t i = 0; i < count; ++i) {
-    const double* x = work.rows.x.data() + (first + i) * npi;
-    double* row = work.effects.data() + i * dims;
-    std::fill_n(row, dims, 0.0);
+  const std::size_t n = width(j), dims = q + r;
+  const int order = static_cast<int>(n);
+  fit(work.fixed, count(j));
+  fit(work.effects, count(j) * dims);
+  fit(work.weights, count(j) * pairs);
+  double *cx = work.cx.data(), *cD = work.cD.data(), *cE = work.cE.data();
+  mulAB(cx, Sxof(j), point.g, order, 1, frame.g);
+  mulAB(cD, Sdof(j), point.A.data(), order, frame.q, frame.q);
+  mulAB(cE, Seof(j), point.B.data(), order, frame.r, frame.r);
+  const double* row = xof(j);
+  for (std::size_t i = 0; i < count(j); ++i, row += n) {
+    double* effects = work.effects.data() + i * dims;
+    std::fill_n(effects, dims, 0.0);
     double sum = 0.0;
-    for (std::size_t c = 0; c < npi; ++c) {
-      sum += x[c] * cx[c];
-      for (std::size_t b = 0; b < r; ++b) row[b] += x[c] * cE[c * r + b];
-      for (std::size_t a = 0; a < q; ++a) row[r + a] += x[c] * work.cD[c * q + a];
+    for (std::size_t c = 0; c < n; ++c) {
+      sum += row[c] * cx[c];
+      for (std::size_t b = 0; b < r; ++b) effects[b] += row[c] * cE[c * r + b];
+      for (std::size_t a = 0; a < q; ++a) effects[r + a] += row[c] * cD[c * q + a];
     }
     work.fixed[i] = sum;
   }
@@ -237,11 +269,9 @@ bool SphericalIntegral::level2(std::size_t j, std::size_t firstnode, std::size_t
   placepairs(j, firstnode, nodes);
   makerows(j);
   const UnitOutcome outcome = unitoutcome(frame, records, work.rows, j);
-  const std::size_t first = records.start[j], count = records.start[j + 1] - first;
-  loops.exact[static_cast<int>(outcome.outcome)]({count, npi, q + r, pairs, work.rows.x.data() + first * npi,
-                                                  work.effects.data(), work.fixed.data(), outcome.y, outcome.n,
-                                                  work.nodes.data(), work.logdensity.data(), work.gradient.data(),
-                                                  work.weights.data(), work.product.data()});
+  loops.exact[static_cast<int>(outcome.outcome)](
+      {count(j), width(j), q + r, pairs, xof(j), work.effects.data(), work.fixed.data(), outcome.y, outcome.n,
+       work.nodes.data(), work.logdensity.data(), work.gradient.data(), work.weights.data(), work.product.data()});
   double* logs = work.logdensity.data();
   for (std::size_t a = 0; a < q; ++a) {
     const double* z = work.nodes.data() + (r + a) * pairs;
@@ -272,16 +302,16 @@ bool SphericalIntegral::level2(std::size_t j, std::size_t firstnode, std::size_t
 }
 
 void SphericalIntegral::level2statistics(std::size_t j, std::size_t nodes) {
-  const std::size_t first = records.start[j], count = records.start[j + 1] - first, used = nodes * nodes2;
+  const std::size_t first = records.start[j], n = width(j), used = nodes * nodes2, Yj = n + P2;
+  const double* Sd = Sdof(j);
   const double* weight = work.logdensity.data();
   const auto row = [this](Array<double>& array, std::size_t i) { return array.data() + i * pairs; };
   // y: behind the gradient h the rows h_d[a] z_b.
-  for (std::size_t a = 0, e = npi; a < q; ++a) {
+  for (std::size_t a = 0, e = n; a < q; ++a) {
     double* hd = work.product.data();
     std::fill_n(hd, used, 0.0);
-    for (std::size_t c = 0; c < npi; ++c)
-      if (const double factor = frame.Sd[c * q + a]; factor != 0.0)
-        addmultiple(hd, row(work.gradient, c), used, factor);
+    for (std::size_t c = 0; c < n; ++c)
+      if (const double factor = Sd[c * q + a]; factor != 0.0) addmultiple(hd, row(work.gradient, c), used, factor);
     for (std::size_t b = 0; b <= a; ++b, ++e) {
       const double* z = row(work.nodes, r + b);
       double* y = row(work.gradient, e);
@@ -299,13 +329,13 @@ void SphericalIntegral::level2statistics(std::size_t j, std::size_t nodes) {
   }
   loops.segmentsums(
       {q, 1 + q, true, pairs, nodes, nodes2, work.offsets.data(), set, statistic + atz, stride, 1 + q, 1});
-  for (std::size_t c = 0; c < Y; ++c) {
+  for (std::size_t c = 0; c < Yj; ++c) {
     const double* y = row(work.gradient, c);
     double* to = set + (1 + c) * pairs;
     for (std::size_t p = 0; p < used; ++p) to[p] = weight[p] * y[p];
   }
   loops.segmentsums(
-      {Y, 1 + Y, true, pairs, nodes, nodes2, work.gradient.data(), set, statistic + aty, stride, 1 + Y, 1});
+      {Yj, 1 + Yj, true, pairs, nodes, nodes2, work.gradient.data(), set, statistic + aty, stride, 1 + Yj, 1});
   // The records' weights times (1, z, zz').
   double* zset = work.zsets.data();
   std::copy_n(weight, used, zset);
@@ -319,17 +349,17 @@ void SphericalIntegral::level2statistics(std::size_t j, std::size_t nodes) {
       for (std::size_t p = 0; p < used; ++p) product[p] = to[p] * other[p];
     }
   }
-  loops.segmentsums({count, 1 + q + P2, false, pairs, nodes, nodes2, work.weights.data(), zset,
+  loops.segmentsums({count(j), 1 + q + P2, false, pairs, nodes, nodes2, work.weights.data(), zset,
                      work.recordweights.data() + first, total * nz, 1, total});
   // What the unit adds to a of each node.
-  const double *Sx = work.frames.Sx.data() + j * npi * g, *Se = work.frames.Se.data() + j * npi * r;
+  const double *Sx = Sxof(j), *Se = Seof(j);
   for (std::size_t node = 0; node < nodes; ++node) {
     const double* y = statistic + node * stride + aty;
     double* a = work.level3.data() + node * P;
-    for (std::size_t e = 0; e < P2; ++e) a[e] += y[(npi + e) * (1 + Y)];
+    for (std::size_t e = 0; e < P2; ++e) a[e] += y[(n + e) * (1 + Yj)];
     // h_e goes to the first places of B; its products with w are taken when the unit's sums are whole.
-    for (std::size_t c = 0; c < npi; ++c) {
-      const double h = y[c * (1 + Y)];
+    for (std::size_t c = 0; c < n; ++c) {
+      const double h = y[c * (1 + Yj)];
       for (std::size_t b = 0; b < r; ++b) a[P2 + b] += Se[c * r + b] * h;
       for (std::size_t l = 0; l < g; ++l) a[P2 + P3 + l] += Sx[c * g + l] * h;
     }
@@ -353,24 +383,25 @@ void SphericalIntegral::average(std::size_t node, double weight, const double* w
       for (std::size_t b = 0; b < r; ++b) average[ofzw + a * r + b] += weight * mean * (w[b] - centre3()[b]);
     }
     const double* y = statistic + aty;
+    const std::size_t n = width(j), Yj = n + P2;
     const auto covariance = [&](std::size_t c, std::size_t d) {
-      return y[c * (1 + Y) + 1 + d] - y[c * (1 + Y)] * y[d * (1 + Y)];
+      return y[c * (1 + Yj) + 1 + d] - y[c * (1 + Yj)] * y[d * (1 + Yj)];
     };
-    for (std::size_t c = 0; c < npi; ++c) {
-      average[ofh + c] += weight * y[c * (1 + Y)];
+    for (std::size_t c = 0; c < n; ++c) {
+      average[ofh + c] += weight * y[c * (1 + Yj)];
       for (std::size_t d = 0; d <= c; ++d) {
         const double value = covariance(c, d);
         addmultiple(average + ofhh + (triangle(c) + d) * nw, products, nw, value);
       }
     }
     for (std::size_t e = 0; e < P2; ++e) {
-      for (std::size_t c = 0; c < npi; ++c) {
-        const double value = covariance(npi + e, c);
-        double* to = average + ofyh + (e * npi + c) * (1 + r);
+      for (std::size_t c = 0; c < n; ++c) {
+        const double value = covariance(n + e, c);
+        double* to = average + ofyh + (e * n + c) * (1 + r);
         to[0] += weight * value;
         for (std::size_t b = 0; b < r; ++b) to[1 + b] += weight * w[b] * value;
       }
-      for (std::size_t d = 0; d <= e; ++d) average[ofyy + triangle(e) + d] += weight * covariance(npi + e, npi + d);
+      for (std::size_t d = 0; d <= e; ++d) average[ofyy + triangle(e) + d] += weight * covariance(n + e, n + d);
     }
   }
   // s = (1, z, w), packed; of each element a row of the records.
@@ -453,45 +484,61 @@ void SphericalIntegral::renew(std::size_t j) {
     for (std::size_t b = 0; b < r; ++b) K[a * r + b] = average[ofzw + a * r + b] - average[ofz + a] * wmean[b];
   }
   for (std::size_t a = 0; a < q; ++a) z[a] += average[ofz + a];
-  std::copy_n(average + ofh, npi, sums.h.data() + unit * npi);
+  double* h = sums.h.data() + unit * npi;
+  if (narrow(j)) {
+    mulAtB(h, work.rows.x.data() + records.start[j] * npi, average + ofh, frame.npi, 1, static_cast<int>(count(j)));
+  } else {
+    std::copy_n(average + ofh, npi, h);
+  }
 }
 
 // Adds what level-2 unit j gives to the information: sandwiches of N_st = sum_i E[W s t] x~x~' - E[s t Cov(h, h | w)]
 // and of the like for z.
 void SphericalIntegral::unitinformation(std::size_t j, UnitSums& result) {
-  const std::size_t unit = records.firstunit + j, T = triangle(npi);
+  const std::size_t unit = records.firstunit + j, n = width(j), T = triangle(n), whole = triangle(npi);
   const double* average = work.averages.data() + j * naverages;
-  const double *Sx = work.frames.Sx.data() + j * npi * g, *Se = work.frames.Se.data() + j * npi * r;
-  fit(work.information, nrecord * T + npi * std::max({g, r, q}) + npi * npi);
+  const double *Sx = Sxof(j), *Se = Seof(j), *Sd = Sdof(j);
+  fit(work.information, nrecord * whole + npi * std::max({g, r, q}) + npi * npi);
   double* M = work.information.data();  // nrecord by T
   double* through = M + nrecord * T;
   double* full = through + npi * std::max({g, r, q});
   std::fill_n(M, nrecord * T, 0.0);
-  for (std::size_t i = records.start[j]; i < records.start[j + 1]; ++i) {
-    const double *x = work.rows.x.data() + i * npi, *W = work.recordaverages.data() + i;
-    for (std::size_t c = 0, e = 0; c < npi; ++c)
+  const double* row = xof(j);
+  for (std::size_t i = 0; i < count(j); ++i, row += n) {
+    const double* W = work.recordaverages.data() + records.start[j] + i;
+    for (std::size_t c = 0, e = 0; c < n; ++c)
       for (std::size_t d = 0; d <= c; ++d, ++e) {
-        const double product = x[c] * x[d];
+        const double product = row[c] * row[d];
+        if (product == 0.0) continue;
         for (std::size_t s = 0; s < nrecord; ++s) M[s * T + e] += W[s * total] * product;
       }
   }
-  std::copy_n(M, T, sums.M.data() + unit * T);
+  double* kept = sums.M.data() + unit * whole;
+  if (narrow(j)) {
+    std::fill_n(kept, whole, 0.0);
+    for (std::size_t i = records.start[j]; i < records.start[j + 1]; ++i) {
+      const double* x = work.rows.x.data() + i * npi;
+      for (std::size_t c = 0, e = 0; c < npi; ++c)
+        for (std::size_t d = 0; d <= c; ++d, ++e) kept[e] += work.recordaverages[i] * x[c] * x[d];
+    }
+  } else {
+    std::copy_n(M, T, kept);
+  }
   double* H = result.information;
   const auto packed = [&](std::size_t s, std::size_t t) { return M + pairplace(s, t) * T; };
   // value of u' M v for columns u of X (stride n) and v of Y (stride m).
-  const auto form = [&](const double* N, const double* X, std::size_t n, std::size_t u, const double* Z, std::size_t m,
-                        std::size_t v) {
+  const auto form = [&](const double* N, const double* X, std::size_t stride, std::size_t u, const double* Z,
+                        std::size_t m, std::size_t v) {
     double sum = 0.0;
-    for (std::size_t c = 0, e = 0; c < npi; ++c)
+    for (std::size_t c = 0, e = 0; c < n; ++c)
       for (std::size_t d = 0; d <= c; ++d, ++e) {
-        const double product =
-            c == d ? X[c * n + u] * Z[c * m + v] : X[c * n + u] * Z[d * m + v] + X[d * n + u] * Z[c * m + v];
+        const double product = c == d ? X[c * stride + u] * Z[c * m + v]
+                                      : X[c * stride + u] * Z[d * m + v] + X[d * stride + u] * Z[c * m + v];
         sum += N[e] * product;
       }
     return sum;
   };
   // Complete parts, and the curvatures.
-  const double* Sd = frame.Sd.data();
   for (std::size_t a = 0; a < q; ++a) {
     result.curvature[a] += form(M, Sd, q, a, Sd, q, a);
     for (std::size_t b = 0; b <= a; ++b)
@@ -512,20 +559,20 @@ void SphericalIntegral::unitinformation(std::size_t j, UnitSums& result) {
       // The rows Sd_a' M_(z_b, s) - Cov(y_e, h s)' of x~ for s of (1, w), through Sx and Se.
       for (std::size_t s = 0; s <= r; ++s) {
         const double* N = packed(1 + b, s == 0 ? 0 : q + s);
-        std::fill_n(full, npi, 0.0);
-        for (std::size_t c = 0, p = 0; c < npi; ++c)
+        std::fill_n(full, n, 0.0);
+        for (std::size_t c = 0, p = 0; c < n; ++c)
           for (std::size_t d = 0; d <= c; ++d, ++p) {
             full[c] += N[p] * Sd[d * q + a];
             if (d != c) full[d] += N[p] * Sd[c * q + a];
           }
-        for (std::size_t c = 0; c < npi; ++c) full[c] -= average[ofyh + (e * npi + c) * (1 + r) + s];
+        for (std::size_t c = 0; c < n; ++c) full[c] -= average[ofyh + (e * n + c) * (1 + r) + s];
         if (s == 0) {
-          for (std::size_t c = 0; c < npi; ++c)
+          for (std::size_t c = 0; c < n; ++c)
             for (std::size_t l = 0; l < g; ++l) H[(P2 + P3 + l) * P + e] += full[c] * Sx[c * g + l];
         } else {
           for (std::size_t c = s - 1; c < r; ++c) {
             double sum = 0.0;
-            for (std::size_t l = 0; l < npi; ++l) sum += full[l] * Se[l * r + c];
+            for (std::size_t l = 0; l < n; ++l) sum += full[l] * Se[l * r + c];
             H[(P2 + triangle(c) + s - 1) * P + e] += sum;
           }
         }
@@ -546,14 +593,14 @@ void SphericalIntegral::unitinformation(std::size_t j, UnitSums& result) {
     }
   // g by g through npi by g.
   const double* N = packed(0, 0);
-  std::fill_n(through, npi * g, 0.0);
-  for (std::size_t c = 0, p = 0; c < npi; ++c)
+  std::fill_n(through, n * g, 0.0);
+  for (std::size_t c = 0, p = 0; c < n; ++c)
     for (std::size_t d = 0; d <= c; ++d, ++p) {
       for (std::size_t l = 0; l < g; ++l) through[c * g + l] += N[p] * Sx[d * g + l];
       if (d != c)
         for (std::size_t l = 0; l < g; ++l) through[d * g + l] += N[p] * Sx[c * g + l];
     }
-  for (std::size_t c = 0; c < npi; ++c)
+  for (std::size_t c = 0; c < n; ++c)
     for (std::size_t l = 0; l < g; ++l)
       for (std::size_t m = 0; m <= l; ++m) H[(P2 + P3 + l) * P + P2 + P3 + m] += Sx[c * g + l] * through[c * g + m];
 }

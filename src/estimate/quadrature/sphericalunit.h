@@ -57,6 +57,7 @@ struct SphericalWork {
   UnitFrames frames;
   UnitRows rows;
   Array<double> fixed, effects;       // of the records of a level-2 unit: x~'Sx g; (Se B, Sd A) rows
+  Array<double> identity, narrowSd;   // of units with fewer records than columns
   Array<double> cx, cD, cE;           // coefficients of x~
   Array<double> w, quad3;             // r by nodes of level 3; [nodes]
   Array<double> shift, L2, constant;  // per level-2 unit: kappa S, L2, log|L2|

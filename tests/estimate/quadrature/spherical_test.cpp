@@ -25,11 +25,13 @@ SphericalLikelihood likelihoodof(Study& study, RecordSource& source, const Param
 }
 
 TEST(Spherical, ScoreAndInformationAreDerivatives) {
-  for (const Case& c : cases) {
-    Study study = readcase(c);
+  std::vector<Case> all(std::begin(cases), std::end(cases));
+  all.push_back({"onerecord", bernoulli, 2, 1, 5});  // fewer records than columns
+  for (const Case& c : all) {
+    const bool one = c.name == std::string("onerecord");
+    const Parameters place = makeparameters(c.q, c.r, reference(one ? "bernoulli21" : c.name, "start"));
+    Study study = one ? makestudy(bernoulli, 2, 1, drawrecords(9, 6, 4, 1, place)) : readcase(c);
     study.units.resize(6);
-    std::vector<double> theta = reference(c.name, "start");
-    const Parameters place = makeparameters(c.q, c.r, theta);
     RecordSource source = study.source();
     SphericalLikelihood likelihood = likelihoodof(study, source, place, 4);
     Array<double> point = pointof(likelihood.frame, place);
