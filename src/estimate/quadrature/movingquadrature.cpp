@@ -157,8 +157,17 @@ Run Engine::run(int points, const Array<double>& start, Approach approach, int l
   if (!makegrids(likelihood.grids, points, frame.q, frame.r)) return run;
   AscentSettings ascent = settings.ascent;
   ascent.iterations = std::max(std::min(settings.iterations, limit), 1);
-  if (!last) ascent.finals = 1;
-  run.ascent = climb(watched(run, ascentof(likelihood)), ascent, start, approach);
+  if (!last) {
+    ascent.finals = 0;
+    ascent.decrement = settings.checkdecrement;
+    ascent.settled = settings.valueagrees;
+  }
+  AscentProblem problem = watched(run, ascentof(likelihood));
+  if (!last) {
+    if (observer.line) observer.line(formatted("The number of points is checked with %d", points));
+    problem.iterated = [this](int, double) { return observer.stop && observer.stop(); };
+  }
+  run.ascent = climb(problem, ascent, start, approach);
   evaluations += run.ascent.evaluations;
   run.converged = run.ascent.end == AscentEnd::converged;
   if (run.ascent.end != AscentEnd::unusable)

@@ -32,6 +32,7 @@ struct MovingSettings {
   bool check = true;  // evaluate with the next number of points when the number is given
   int threads = 1;
   AscentSettings ascent{};
+  double checkdecrement = 1.0e-4;  // of a check: as near as its comparison needs
   double valueagrees = 0.01;  // two numbers of points agree when the log-likelihood differs by less: 1% of its standard
                               // error in LR tests
   double errorsagree = 0.01;  // and no standard error by more than this share
