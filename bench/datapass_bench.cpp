@@ -77,7 +77,7 @@ void thedatapass(benchmark::State& state) {
   made();
   for (auto _ : state) {
     Pass pass;
-    study::prepare(pass);
+    study::prepare(pass, made());
   }
   report(state);
 }

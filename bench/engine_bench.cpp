@@ -17,11 +17,14 @@ using namespace kdr;
 constexpr int units3 = 500, perunit = 100;
 
 // A pass over a made store: p random level-1 and b random level-2 coefficients, one fixed effect for each of the b.
+const Observer observer;
+const Analysis analysis{run.model, run.mdm, run.weights, run.control, observer, {}, {}, 1, nullptr};
 void makepass(Pass& pass, int p, int b) {
   run = RunRecord{};
+  pass.analysis = &analysis;
   run.mdm.nunits3 = units3;
   run.mdm.nunits2 = units3 * perunit;
-  run.mdm.nunits1 = run.mdm.nunits2 * 20;
+  pass.nunits1 = run.mdm.nunits2 * 20;
   run.mdm.nvar3 = 1;
   run.mdm.level3.reset(units3);
   run.model.coef.npi = run.model.coef.ntaupi = p;
@@ -71,13 +74,13 @@ void makepass(Pass& pass, int p, int b) {
     }
   finishstore(pass.store);
 
-  run.est.sigma2 = 1.0;
-  run.est.gammahat.reset(static_cast<std::size_t>(b));
-  run.est.vgamma.reset(size(b, b));
-  run.est.taupi.reset(size(p, p));
-  run.est.taubeta.reset(size(b, b));
-  for (int i = 0; i < p; ++i) run.est.taupi[i * p + i] = 0.5;
-  for (int i = 0; i < b; ++i) run.est.taubeta[i * b + i] = 0.3;
+  pass.est.sigma2 = 1.0;
+  pass.est.gammahat.reset(static_cast<std::size_t>(b));
+  pass.est.vgamma.reset(size(b, b));
+  pass.est.taupi.reset(size(p, p));
+  pass.est.taubeta.reset(size(b, b));
+  for (int i = 0; i < p; ++i) pass.est.taupi[i * p + i] = 0.5;
+  for (int i = 0; i < b; ++i) pass.est.taubeta[i * b + i] = 0.3;
 }
 
 // C^-1 by bordering, H, H Z1'B and H Z1'Y, Y'Z1 C^-1 Z1'Y, the moments of R; then a, u, u'a and u u'.
@@ -105,9 +108,10 @@ void emsweep(benchmark::State& state) {
   makepass(pass, p, b);
   Array<double> S, Sb;
   double logdet = 0;
-  if (scaleinverse(run.est.taupi.data(), p, 1.0, S, logdet) + scaleinverse(run.est.taubeta.data(), b, 1.0, Sb, logdet))
+  if (scaleinverse(pass.est.taupi.data(), p, 1.0, S, logdet) +
+      scaleinverse(pass.est.taubeta.data(), b, 1.0, Sb, logdet))
     return state.SkipWithError("no inverse");
-  const PosteriorInput input{1.0, run.est.gammahat.data(), S.data(), Sb.data(), nullptr, true};
+  const PosteriorInput input{1.0, pass.est.gammahat.data(), S.data(), Sb.data(), nullptr, true};
   PosteriorSums sums;
   for (auto _ : state)
     if (posteriorsweep(pass, input, sums) != PosteriorResult::ok) state.SkipWithError("sweep");

@@ -13,11 +13,13 @@
 #include <cstring>
 
 #include "estimate/likelihood/madestudy.h"
+#include "estimate/likelihood/marks.h"
 
 namespace {
 
 using namespace kdr;
 using namespace madestudy;
+using marks::Marks;
 
 double seconds() { return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count(); }
 double cpuseconds() {
@@ -40,8 +42,7 @@ Parameters maketruth(int q, double tau2, double tau3) {
 
 QuadratureResult estimate(Study& study, const QuadratureSettings& settings, const Parameters& start,
                           const Adaptation& adaptation) {
-  RecordSource source = study.source();
-  return adaptivequadrature(settings, study.npi, study.nbeta, study.design, source, start, adaptation);
+  return adaptivequadrature(study.data(), settings, start, adaptation);
 }
 
 void speed(int units3, int units2, int records, int q, int points, int threads) {
@@ -55,23 +56,21 @@ void speed(int units3, int units2, int records, int q, int points, int threads) 
   const double before = megabytes();
   QuadratureSettings settings;
   settings.points = points;
-  settings.iterations = 50;
-  settings.threads = threads;
+  settings.engine.iterations = 50;
+  settings.engine.threads = threads;
   const double begin = seconds(), cpubegin = cpuseconds();
   const QuadratureResult result = estimate(study, settings, start, adaptation);
   const double taken = seconds() - begin, cpu = cpuseconds() - cpubegin;
-  const double pairs = std::pow(points, q + 1) * units3 * units2 * records * result.iteration;
+  const double pairs = std::pow(points, q + 1) * units3 * units2 * records * result.fit.iteration;
   std::printf(
       "%d in %d in %d, q %d, %d points, %d threads: %.2f s (%.2f s of processor time), %d iterations (%s), %.1f ns of "
       "it per record and pair of nodes, peak memory %.0f MB (%.0f before)\n",
-      units3 * units2 * records, units3 * units2, units3, q, points, threads, taken, cpu, result.iteration,
-      result.converged ? "converged" : "not converged", 1e9 * cpu / pairs, megabytes(), before);
-  std::printf("  log-likelihood %.4f, estimates", result.marginal);
-  for (const double value : elements(result.parameters)) std::printf(" %.4f", value);
+      units3 * units2 * records, units3 * units2, units3, q, points, threads, taken, cpu, result.fit.iteration,
+      result.fit.converged ? "converged" : "not converged", 1e9 * cpu / pairs, megabytes(), before);
+  std::printf("  log-likelihood %.4f, estimates", result.fit.marginal);
+  for (const double value : elements(result.fit.estimates)) std::printf(" %.4f", value);
   std::printf("\n");
 }
-
-std::string marks;
 
 // Small units and large variances, from starts at a fifth of the variances, as quasi-likelihood leaves them at worst.
 // The same maximum must be found from the values that made the data.
@@ -89,30 +88,27 @@ void starts(int sets, int points, double leastridge) {
     for (double& gamma : far.gamma) gamma *= 0.5;
     QuadratureSettings settings;
     settings.points = points;
-    settings.iterations = 100;
-    settings.threads = 2;
-    settings.leastridge = leastridge;
-    settings.console = [](const char* text) {
-      if (std::strchr("*/h", text[0]) != nullptr && text[1] == 0) marks += text;
-      if (std::strstr(text, "fallen") != nullptr) marks += "f";
-      if (std::strncmp(text, "Unable", 6) == 0) marks += "!";
-    };
+    settings.engine.iterations = 100;
+    settings.engine.threads = 2;
+    settings.ascent.leastridge = leastridge;
+    Marks told;
+    told.listen(settings.engine);
     const QuadratureResult near = estimate(study, settings, truth, posteriormodes(study, truth));
-    marks.clear();
+    told.clear();
     const QuadratureResult result = estimate(study, settings, far, posteriormodes(study, far));
     double apart = 0.0;  // in standard errors
-    const std::vector<double> a = elements(result.parameters), b = elements(near.parameters);
-    if (result.finished && near.finished)
+    const std::vector<double> a = elements(result.fit.estimates), b = elements(near.fit.estimates);
+    if (result.fit.end == EngineEnd::estimated && near.fit.end == EngineEnd::estimated)
       for (std::size_t i = 0; i < a.size(); ++i)
-        apart = std::max(apart, std::fabs(a[i] - b[i]) / std::sqrt(2.0 * std::fabs(near.V[i * a.size() + i])));
+        apart = std::max(apart, std::fabs(a[i] - b[i]) / std::sqrt(std::fabs(near.fit.covariance[i * a.size() + i])));
     const char* outcome = "same maximum";
-    if (!result.finished) {
-      outcome = failureline(result.failure);
+    if (result.fit.end != EngineEnd::estimated) {
+      outcome = "failed";
       ++failed;
-    } else if (!result.warnings.empty()) {
+    } else if (!result.fit.warnings.empty()) {
       outcome = "warned";
       ++warned;
-    } else if (!near.converged || apart > 0.02) {
+    } else if (!near.fit.converged || apart > 0.02) {
       outcome = "elsewhere";
       ++other;
     } else {
@@ -121,9 +117,10 @@ void starts(int sets, int points, double leastridge) {
     std::printf(
         "%2d  q %d, %d units of %d, sigma %.2f %.2f: %-14s %3d iterations, log-likelihood %.4f (%.4f), %.4f se "
         "apart, taus %.3f %.3f, fall %.5f, marks %s\n",
-        set, q, units2, records, sigma2, sigma3, outcome, result.iteration, result.marginal, near.marginal, apart,
-        result.parameters.taupi[0], result.parameters.taubeta[0], result.highest - result.loglikelihood, marks.c_str());
-    for (const std::string& warning : result.warnings) std::printf("    %s\n", warning.c_str());
+        set, q, units2, records, sigma2, sigma3, outcome, result.fit.iteration, result.fit.marginal, near.fit.marginal,
+        apart, result.fit.estimates.taupi[0], result.fit.estimates.taubeta[0], result.highest - result.fit.loglik,
+        told.steps().c_str());
+    for (const std::string& warning : result.fit.warnings) std::printf("    %s\n", warning.c_str());
   }
   std::printf("%d sets: %d the same maximum, %d warned, %d failed with a message, %d elsewhere\n", sets, same, warned,
               failed, other);
@@ -194,19 +191,22 @@ void prenatal(const std::string& folder, int points, int iterations, double leas
                       -0.734717, 0.521075, 1.536147, -0.712886, -1.116331, -0.016384});
   QuadratureSettings settings;
   settings.points = points;
-  settings.iterations = iterations;
-  settings.threads = 2;
-  settings.leastridge = leastridge;
-  settings.console = [](const char* text) { std::fputs(text, stdout); };
+  settings.engine.iterations = iterations;
+  settings.engine.threads = 2;
+  settings.ascent.leastridge = leastridge;
+  settings.engine.tell = [](const EngineEvent& event) {
+    if (event.kind == EngineEvent::Kind::iteration) std::printf("%d %E\n", event.number, event.loglik);
+  };
   const double begin = cpuseconds();
   const QuadratureResult result = estimate(study, settings, start, posteriormodes(study, start));
   std::printf("%zu births, %d mothers, %zu communities, %d points: %d iterations, %.2f s of processor time\n", records,
-              study.units2, study.units.size(), points, result.iteration, cpuseconds() - begin);
-  for (const std::string& warning : result.warnings) std::printf("%s\n", warning.c_str());
-  const std::vector<double> found = elements(result.parameters);
-  std::printf("marginal log-likelihood %.4f\n", result.marginal);
+              study.units2, study.units.size(), points, result.fit.iteration, cpuseconds() - begin);
+  for (const std::string& warning : result.fit.warnings) std::printf("%s\n", warning.c_str());
+  const std::vector<double> found = elements(result.fit.estimates);
+  std::printf("marginal log-likelihood %.4f\n", result.fit.marginal);
   for (std::size_t i = 0; i < found.size(); ++i)
-    std::printf("%.4f (%.4f) ", found[i], result.finished ? std::sqrt(2.0 * result.V[i * found.size() + i]) : 0.0);
+    std::printf("%.4f (%.4f) ", found[i],
+                result.fit.end == EngineEnd::estimated ? std::sqrt(result.fit.covariance[i * found.size() + i]) : 0.0);
   std::printf("\n");
 }
 

@@ -9,7 +9,7 @@ PROGRAM = ["driver", "construct", "command", "report", "app"]  # the program aro
 MAY_INCLUDE = {room: LIBRARY[:i] for i, room in enumerate(LIBRARY)}
 MAY_INCLUDE |= {room: LIBRARY + PROGRAM[:i] for i, room in enumerate(PROGRAM)}
 # What the estimation still takes from the program.
-for room in ["core", "data", "estimate", "series"]:
+for room in ["core", "data", "estimate"]:
     MAY_INCLUDE[room] = MAY_INCLUDE[room] + ["driver", "command", "report", "construct"]
 
 root = pathlib.Path(sys.argv[1])

@@ -2,8 +2,8 @@
 # usage: need PACKAGE...
 
 # What the program is built with and stands on.
-build_packages="g++ cmake ninja-build libedit-dev libreadstat-dev libcsv-dev libminizip-dev
- zlib1g-dev libexpat1-dev libshp-dev nlohmann-json3-dev"
+build_packages="g++ cmake ninja-build libedit-dev libreadstat-dev libminizip-dev
+ zlib1g-dev libexpat1-dev libshp-dev nlohmann-json3-dev libboost-math-dev"
 
 need() {
   missing=""

@@ -20,6 +20,7 @@
 #include "driver/failures.h"
 #include "driver/questions.h"
 #include "driver/runrecord.h"
+#include "driver/textmark.h"
 
 namespace kdr {
 
@@ -44,6 +45,9 @@ void responsefile(const char* path, Options& options) {
     return;
   }
   if (std::freopen(path, "r", stdin) == nullptr) stopwith("Unable to open %s\n", path);
+  char mark[bytemark.size()];
+  if (std::fread(mark, 1, sizeof mark, stdin) != sizeof mark || std::string_view(mark, sizeof mark) != bytemark)
+    std::rewind(stdin);
 }
 
 // -mi<k>
@@ -109,6 +113,7 @@ constexpr const char* help =
     "  -r FILE          a template (.mdmt): make an MDM file; another file: answers to the questions\n"
     "  -from FILE -level3 COLUMN -level2 COLUMN\n"
     "                   make an MDM file from one long file\n"
+    "  -level1 NAMES    with -from: variables that stay at level 1 though they do not vary within units\n"
     "  -missing CODES   with -from: these numbers stand for missing values, as in -missing -9,999\n"
     "  -q               end at once\n"
     "  -nowait          end when the next second begins\n"
@@ -158,6 +163,7 @@ std::string standardinput() {
 // One long file in the place of a template: options of whole words.
 struct OneFileOptions {
   std::string from, level3, level2, missing;
+  std::vector<std::string> level1;  // of each -level1
 };
 
 // The numbers of a list with commas.
@@ -174,11 +180,23 @@ std::vector<double> numbersof(const std::string& list) {
   return numbers;
 }
 
+// The names of lists with commas.
+std::vector<std::string> wordsof(const std::vector<std::string>& lists) {
+  std::vector<std::string> names;
+  for (const std::string& list : lists)
+    for (std::size_t at = 0, end = 0; at < list.size(); at = end + 1) {
+      end = std::min(list.find(',', at), list.size());
+      if (end > at) names.push_back(list.substr(at, end - at));
+    }
+  return names;
+}
+
 // The place for the argument of an option that is a whole word, or null when it is none.
 std::string* argumentof(OneFileOptions& options, const char* word) {
   if (strcasecmp(word, "-from") == 0) return &options.from;
   if (strcasecmp(word, "-level3") == 0) return &options.level3;
   if (strcasecmp(word, "-level2") == 0) return &options.level2;
+  if (strcasecmp(word, "-level1") == 0) return &options.level1.emplace_back();
   if (strcasecmp(word, "-missing") == 0) return &options.missing;
   if (strcasecmp(word, "-results") == 0) return &run.files.results;
   return nullptr;
@@ -241,11 +259,12 @@ Options readoptions(int argc, char** argv) {
   if (!files.empty()) run.files.mdmfile = files[0];
   if (files.size() > 1) run.files.cmdshown = run.files.cmdfile = files[1];
   if (run.files.cmdfile == "-") run.files.cmdfile = standardinput();
-  const bool wanted = !(onefile.from + onefile.level3 + onefile.level2 + onefile.missing).empty();
+  const bool wanted =
+      !(onefile.from + onefile.level3 + onefile.level2 + onefile.missing).empty() || !onefile.level1.empty();
   if (wanted && (onefile.from.empty() || onefile.level3.empty() || onefile.level2.empty() || options.templatejob))
     stopwith("-from FILE, -level3 COLUMN and -level2 COLUMN go together, and without a template.\n");
   if (wanted) {
-    takeonefile(onefile.from, onefile.level3, onefile.level2, numbersof(onefile.missing));
+    takeonefile({onefile.from, onefile.level3, onefile.level2, wordsof(onefile.level1), numbersof(onefile.missing)});
     options.templatejob = true;
   }
   if (run.files.resultsgiven && options.templatejob)

@@ -10,38 +10,45 @@
 #include <string>
 #include <vector>
 
+#include "app/linearjob.h"
+#include "app/nonlinearjob.h"
 #include "app/options.h"
+#include "app/runobserver.h"
+#include "app/seriesrun.h"
 #include "command/commandfile.h"
 #include "command/complete.h"
 #include "command/constraints.h"
 #include "command/dialogue.h"
+#include "command/reader.h"
 #include "command/writer.h"
 #include "construct/construction.h"
 #include "construct/fileclashes.h"
 #include "construct/mdmdialogue.h"
+#include "construct/onefile.h"
+#include "construct/singleunits.h"
 #include "data/mdm.h"
-#include "data/scratch.h"
 #include "driver/failures.h"
+#include "driver/files.h"
 #include "driver/questions.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
+#include "driver/warnings.h"
 #include "estimate/linear/centering.h"
-#include "estimate/linear/heterogeneous.h"
-#include "estimate/linear/linearrun.h"
 #include "estimate/linear/weights.h"
-#include "estimate/quasi/categoryloop.h"
-#include "estimate/quasi/macroloop.h"
+#include "estimate/quasi/categories.h"
 #include "kernel/array.h"
 #include "report/averagedreport.h"
 #include "report/header.h"
+#include "report/latentreport.h"
+#include "report/passtables.h"
 #include "report/resultsdocument.h"
 #include "report/specification.h"
+#include "report/startvaluesfile.h"
 #include "report/stream.h"
 #include "report/symbols.h"
 #include "report/variancefiles.h"
 #include "series/latentregression.h"
 #include "series/resultstore.h"
-#include "series/series.h"
 
 namespace kdr {
 
@@ -82,6 +89,7 @@ void holdstandardstreams() {
 
 [[noreturn]] void constructionjob() {
   mkmdm();
+  writekeys();
   printprocessed();
   fail(0);
 }
@@ -109,6 +117,26 @@ void choosekind() {
 // Every model run leaves this file behind, so nothing that the run reads or writes may bear its name.
 constexpr const char* newcommandfile = "newcmd.kdr";
 
+// What an output may write over although it could be read.
+InputKind ownkind(const std::string& output) {
+  if (output == newcommandfile) return InputKind::commandfile;
+  if (output == run.files.startvals) return InputKind::startingvalues;
+  for (const std::string* name : {&run.files.resfil1name, &run.files.resfil2name, &run.files.resfil3name})
+    if (output == *name) return InputKind::rawdata;
+  return InputKind::none;
+}
+
+// Whether the first line that is neither empty nor a comment has a keyword.
+bool begincommands(std::string_view text) {
+  while (!text.empty()) {
+    const std::string line(text.substr(0, text.find('\n')));
+    if (!line.empty() && line[0] != '#' && line[0] != ' ' && line[0] != '\r')
+      return line.find(':') != std::string::npos && findkeyword(line) != nullptr;
+    text.remove_prefix(std::min(text.size(), line.size() + 1));
+  }
+  return false;
+}
+
 // The files of the run, before one of them is opened for writing. A run of its own newcmd.kdr writes that file again.
 void checkfiles() {
   const RunFiles& files = run.files;
@@ -121,8 +149,8 @@ void checkfiles() {
     outputs.emplace_back(storename);
     outputs.push_back(files.results);
   }
-  if (run.out.printvc != 0) outputs.insert(outputs.end(), {taufile, gammafile, robustgammafile});
-  if (run.out.printvc != 0 && !run.model.outcome.linear())
+  if (run.out.printvc != VarianceFiles::none) outputs.insert(outputs.end(), {taufile, gammafile, robustgammafile});
+  if (run.out.printvc != VarianceFiles::none && !run.model.outcome.linear())
     outputs.insert(outputs.end(), {unitspecificgammafile, populationgammafile, robustpopulationgammafile,
                                    laplacetaufile, laplacegammafile, quadraturetaufile, quadraturegammafile});
   if (run.control.hetit != 0) outputs.emplace_back(heterogeneousfile);
@@ -131,6 +159,10 @@ void checkfiles() {
   if (run.out.resfil3) outputs.push_back(files.resfil3name);
   if (run.out.graph) outputs.push_back(files.graphgammas);
   refuseclashes(inputs, outputs);
+  for (const std::string& path : outputs) {
+    refuseinput(path, ownkind(path));
+    refuseunwritable(path);
+  }
   refuseforeignresults();
 }
 
@@ -145,7 +177,13 @@ void readmodel() {
   run.mdm.stream = openfile(run.files.mdmfile, "rb");
   if (run.files.sourcename.empty()) run.files.sourcename = run.files.mdmfile;
   if (!run.files.cmdfile.empty()) untilexists(run.files.cmdfile, "Batch");
-  readmdm();
+  run.mdm.path = run.files.mdmfile;
+  const Failure unread = readmdm(run.mdm);
+  if (unread.consolewords == notmdmwords && typeofextension(run.mdm.path) != nullptr)
+    std::printf("%s is raw data: kdr3 -from %s -level3 COLUMN -level2 COLUMN makes an MDM file of it.\n",
+                run.mdm.path.c_str(), run.mdm.path.c_str());
+  stopif(unread);
+  for (const std::string& words : singleunits()) warn(words);
   allocatemodel();
   readcommandfile();
   modelquestions();
@@ -160,10 +198,10 @@ void readmodel() {
   markdeletion();
   run.model.weighted = run.model.wgtvar1 != 0 || run.model.wgtvar2 != 0 || run.model.wgtvar3 != 0;
   checkengines();
-  if (run.model.weighted) normaliseweights();
+  if (run.model.weighted) stopif(normaliseweights(run.model, run.mdm, runobserver(), run.weights));
   if (!run.series.pvmode || run.series.pvfirst)
     run.model.outname = run.mdm.names1[static_cast<std::size_t>(run.model.outvar)];
-  centerlevel3();
+  centerlevel3(run.model, run.mdm);
 }
 
 void openresults() {
@@ -173,6 +211,10 @@ void openresults() {
   setsymbols();
   makerowlabels();
   writeheader();
+  for (const std::string& words : run.warnings) {
+    reportwarning("WARNING: " + escaped(words));
+    documentwarning(words);
+  }
   writespecification();
   applyconstraints();
   run.model.coef.ngamma -= run.model.nconstrained;
@@ -183,11 +225,24 @@ void openresults() {
 
 // The estimation by the kind of the run; the results of its passes go to the store of a series.
 PassResults estimate(const CategoryTable& table) {
-  if (run.model.outcome.single()) return estimatenonlinear(storesubrun);
-  if (run.model.outcome.categorical()) return estimatecategories(table, storesubrun);
-  PassResults results = estimatelinear();
+  Estimates start;
+  const bool given = havestartvalues();
+  if (given) start = readstartvalues();
+  const Observer observer = runobserver();
+  const Analysis analysis = analysisofrun(observer, given ? &start : nullptr);
+  if (!run.model.outcome.linear()) return nonlinearjob(analysis, table);
+  PassResults results = linearjob(analysis);
   storesubrun(results);
   return results;
+}
+
+// The regression that LVR-BETA: asks for, of a pass or of the averages, into the report.
+template <class Results>
+void latentvariables(const Results& results) {
+  if (!run.out.lvr) return;
+  const LatentModel model =
+      latentmodel(modelrows(run.model), {run.out.lvrroles.data(), run.out.lvrroles.size()}, run.mdm.nunits3);
+  latentreport(latentregression(model, results));
 }
 
 // Moves the model to the next plausible value and leaves it as the command file of the next pass; false when there is
@@ -200,19 +255,19 @@ bool nextplausiblevalue() {
   const auto old = static_cast<std::size_t>(series.pvcurrent);
   series.pvcurrent = series.pvlist[static_cast<std::size_t>(series.pvindex)];
   const auto next = static_cast<std::size_t>(series.pvcurrent);
-  int* use = run.model.use1.row(0);
-  if (use[old] == -1) {
+  Use* use = run.model.use1.row(0);
+  if (use[old] == Use::outcome) {
     run.model.outvar = series.pvcurrent;
-    use[next] = -1;
+    use[next] = Use::outcome;
   } else {
     ++series.pvpredictor;
     run.model.center1[next] = run.model.center1[old];
-    run.model.center1[old] = 0;
-    use[next] = 1;
+    run.model.center1[old] = Centering::none;
+    use[next] = Use::predictor;
   }
-  use[old] = 0;
-  run.files.nextcommands = scratchopen();
-  writenextcommands(run.files.nextcommands);
+  use[old] = Use::none;
+  run.files.nextcommands = neededscratch();
+  writenextcommands(run.files.nextcommands.get());
   return true;
 }
 
@@ -222,12 +277,12 @@ void runjob(int argc, char** argv) {
   holdstandardstreams();
   outofmemory = [] { fail(3); };
   std::set_new_handler(outofmemory);
-  stophooks.closescratch = scratchcloseall;
   stophooks.closeseries = closeseries;
+  iscommandtext = begincommands;
   installhandlers();
   startrun();
   const Options options = readoptions(argc, argv);
-  checkscratch();
+  static_cast<void>(neededscratch());  // before anything is written that would be lost for want of one
   bool rawjob = options.templatejob;
   if (run.files.mdmfile.empty() && !rawjob) {
     if (askyesno("\nWill you be starting with raw data?")) {
@@ -239,20 +294,22 @@ void runjob(int argc, char** argv) {
   }
   if (rawjob) constructionjob();
 
+  if (run.series.mimode && run.series.mifirst) refuseinput(storename);
   clearseries();
   do {
     readmodel();
-    const CategoryTable table = run.model.outcome.categorical() ? readcategories() : CategoryTable{};
+    const CategoryTable table =
+        run.model.outcome.categorical() ? categoriesofrun(analysisofrun(runobserver(), nullptr)) : CategoryTable{};
     openresults();
     const PassResults results = estimate(table);
     if (run.model.outcome.single()) listnonlinearfiles();
-    latentvariableregression(results);
+    latentvariables(results);
     if (run.model.outcome.linear()) listlinearfiles(results);
     closereport();
     writeresults();
     const Pooled* averages = poolseries();
     if (averages == nullptr) continue;
-    latentvariableregression(*averages);
+    latentvariables(*averages);
     closereport();
     writeaveragedresults();
   } while (nextplausiblevalue());

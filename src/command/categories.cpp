@@ -41,7 +41,7 @@ void addthresholds(int thresholds) {
     std::snprintf(name, sizeof name, k + 2 < 10 ? "THOLD%1d" : "THOLD%2d", k + 2);
     const int v = mdm.nvar1 + 1 + k;
     mdm.names1[static_cast<std::size_t>(v)] = paddedname(name);
-    run.model.use1.row(0)[v] = 1;
+    run.model.use1.row(0)[v] = Use::predictor;
   }
 }
 
@@ -78,7 +78,7 @@ void makeequationsets() {
   mdm.names1.resize(static_cast<std::size_t>(mdm.nvar1) + 1);
   mdm.names1.resize(static_cast<std::size_t>(mdm.ncol1));
 
-  Array<int> deletion = std::move(run.model.delete1);
+  Array<Deletion> deletion = std::move(run.model.delete1);
   OutputControl& out = run.out;
   Array<int>* const wanted[] = {&out.wanted1vars1, &out.wanted1vars2, &out.wanted1vars3,
                                 &out.wanted2vars2, &out.wanted2vars3, &out.wanted3vars3};

@@ -10,8 +10,8 @@
 #include "command/settle.h"
 #include "command/text.h"
 #include "core/formatted.h"
-#include "data/scratch.h"
 #include "driver/failures.h"
+#include "driver/files.h"
 #include "driver/questions.h"
 #include "driver/runrecord.h"
 #include "kernel/sizes.h"
@@ -145,15 +145,11 @@ void readcommandfile() {
     endoffile(reader);
     return;
   }
-  reader.lines.stream.reset(nextpass ? run.files.nextcommands : openfile(run.files.cmdfile, "rb"));
+  reader.lines.stream.reset(nextpass ? run.files.nextcommands.release() : openfile(run.files.cmdfile, "rb"));
   while (nextline(reader.lines)) {
     const std::string& line = reader.lines.line;
     if (line.empty() || line[0] == ' ' || line[0] == '#') continue;
     readkeyword(reader);
-  }
-  if (nextpass) {
-    scratchclose(reader.lines.stream.release());
-    run.files.nextcommands = nullptr;
   }
   reader.lines.stream.reset();
   endoffile(reader);

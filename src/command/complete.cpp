@@ -1,17 +1,17 @@
 #include "command/complete.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <vector>
 
 #include "core/modelwalk.h"
+#include "driver/runrecord.h"
 
 namespace kdr {
 
-void countlevel1() { run.model.coef.npi = static_cast<int>(modelrows().coefficients.size()); }
+void countlevel1() { run.model.coef.npi = static_cast<int>(modelrows(run.model).coefficients.size()); }
 
 void countlevel2() {
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   for (int& count : run.model.nterms2.cells) count = 0;
   for (const CoefficientRow& coefficient : rows.coefficients)
     run.model.nterms2.row(coefficient.set)[coefficient.place] = coefficient.nterms;
@@ -19,7 +19,7 @@ void countlevel2() {
 }
 
 void countlevel3() {
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   for (int& count : run.model.nterms3.cells) count = 0;
   for (const TermRow& term : rows.terms) run.model.nterms3.row(rows.owner(term).set)[term.place] = term.neffects;
   run.model.coef.ngamma = static_cast<int>(rows.effects.size());
@@ -32,7 +32,7 @@ void countextras() {
     for (int b = 0; b < run.mdm.maxbeta; ++b) model.nextra3.row(e)[b] = filledslots(model.extra3.row(e, b), maxextra);
   }
 
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   run.model.coef.gammasubs.reset(rows.effects.size());
   for (std::size_t g = 0; g < rows.effects.size(); ++g) {
     const EffectRow& effect = rows.effects[g];
@@ -50,24 +50,19 @@ void completemodel() {
   countextras();
 }
 
-int randomlevel1() {
-  const std::vector<CoefficientRow> list = modelrows().coefficients;
-  return static_cast<int>(
-      std::count_if(list.begin(), list.end(), [](const CoefficientRow& row) { return row.random; }));
-}
+int randomlevel1() { return randomatlevel2(modelrows(run.model)); }
 
-int randomlevel2() {
-  const std::vector<TermRow> list = modelrows().terms;
-  return static_cast<int>(std::count_if(list.begin(), list.end(), [](const TermRow& row) { return row.random; }));
-}
+int randomlevel2() { return randomatlevel3(modelrows(run.model)); }
 
-int countfixedeffects() { return static_cast<int>(modelrows().effects.size()); }
+int countfixedeffects() { return static_cast<int>(modelrows(run.model).effects.size()); }
 
 void labelrandomeffects() {
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   Coefficients& coef = run.model.coef;
-  coef.pinames.reset(static_cast<std::size_t>(randomlevel1()));
-  coef.betanames1.reset(static_cast<std::size_t>(randomlevel2()));
+  coef.ntaupi = randomatlevel2(rows);
+  coef.ntaubeta = randomatlevel3(rows);
+  coef.pinames.reset(static_cast<std::size_t>(coef.ntaupi));
+  coef.betanames1.reset(static_cast<std::size_t>(coef.ntaubeta));
   coef.betanames2.reset(coef.betanames1.size());
   std::size_t i = 0;
   for (const CoefficientRow& coefficient : rows.coefficients)
@@ -83,12 +78,12 @@ void labelrandomeffects() {
 void markdeletion() {
   if (run.mdm.deletednow) return;
   for (int v = 1; v <= run.mdm.nvar1; ++v) {
-    int& mark = run.model.delete1[static_cast<std::size_t>(v) - 1];
-    if (mark == 2) continue;
+    Deletion& mark = run.model.delete1[static_cast<std::size_t>(v) - 1];
+    if (mark == Deletion::named) continue;
     bool used = v == run.model.wgtvar1 || v == run.model.autovknown ||
-                (run.model.outcome.counted && v == run.model.outcome.countvariable);
-    for (int e = 0; e < run.model.neqsets; ++e) used = used || run.model.use1.row(e)[v] != 0;
-    mark = used ? 1 : 0;
+                (run.model.outcome.counted && run.model.outcome.countvariable == v);
+    for (int e = 0; e < run.model.neqsets; ++e) used = used || run.model.use1.row(e)[v] != Use::none;
+    mark = used ? Deletion::ofmodel : Deletion::none;
   }
 }
 

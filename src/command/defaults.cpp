@@ -10,14 +10,16 @@ namespace kdr {
 namespace {
 
 struct DefaultNames {
-  int resfiltype;
+  ResidualForm resfiltype;
   const char* names[3];
 };
 
 constexpr DefaultNames defaultnames[] = {
-    {2, {"resfil1.dat", "resfil2.dat", "resfil3.dat"}}, {3, {"RESFIL1.CMD", "RESFIL2.CMD", "RESFIL3.CMD"}},
-    {5, {"resfil1.sas", "resfil2.sas", "resfil3.sas"}}, {6, {"resfil1.sav", "resfil2.sav", "resfil3.sav"}},
-    {8, {"resfil1.dta", "resfil2.dta", "resfil3.dta"}},
+    {ResidualForm::freeformat, {"resfil1.dat", "resfil2.dat", "resfil3.dat"}},
+    {ResidualForm::systat, {"RESFIL1.CMD", "RESFIL2.CMD", "RESFIL3.CMD"}},
+    {ResidualForm::sas, {"resfil1.sas", "resfil2.sas", "resfil3.sas"}},
+    {ResidualForm::spss, {"resfil1.sav", "resfil2.sav", "resfil3.sav"}},
+    {ResidualForm::stata, {"resfil1.dta", "resfil2.dta", "resfil3.dta"}},
 };
 
 std::string* residualname(int level) {
@@ -33,7 +35,7 @@ void setresfilnames() {
       if (row.resfiltype == run.out.resfiltype && residualname(level)->empty()) *residualname(level) = row.names[level];
 }
 
-void changeresfiltype(int resfiltype) {
+void changeresfiltype(ResidualForm resfiltype) {
   for (const DefaultNames& row : defaultnames)
     for (int level = 0; level < 3; ++level)
       if (row.resfiltype == run.out.resfiltype && *residualname(level) == row.names[level])

@@ -38,7 +38,7 @@ void askcontrast(int h) {
   const std::size_t start = model.contrasts.size();
   model.contrasts.resize(start + static_cast<std::size_t>(run.model.coef.ngamma));
   ++model.hypothesisrows[static_cast<std::size_t>(h)];
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   for (std::size_t g = 0; g < rows.effects.size(); ++g) {
     const EffectRow& effect = rows.effects[g];
     if (effect.removed || rows.owner(effect).threshold) continue;
@@ -80,23 +80,23 @@ void asklvrroles() {
   run.out.lvr = false;
   std::size_t n = 0;
   int wrong = 0;
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   for (const TermRow& term : rows.terms) {
     if (!term.random) continue;
     const std::string prompt = formatted("How do you want to handle %8.8s/%8.8s?",
                                          run.mdm.names1[static_cast<std::size_t>(rows.owner(term).variable)].text,
                                          run.mdm.names2[static_cast<std::size_t>(term.variable)].text);
     std::string line;
-    char letter = '\0';
+    const CodeWord<LatentRole>* role = nullptr;
     for (;;) {
       readanswer(prompt + " ", line, Question::role);
-      letter = firstletter(line);
-      if (letter == 'I' || letter == 'O' || letter == 'P') break;
+      role = rownamed(roleletters, line.substr(0, 1));
+      if (role != nullptr) break;
       std::printf("Invalid response");
       if (++wrong > maxtries) fail(14);
     }
-    run.out.lvrroles[n++] = letter == 'O' ? 1 : letter == 'P' ? 2 : 0;
-    run.out.lvr = run.out.lvr || letter != 'I';
+    run.out.lvrroles[n++] = role->code;
+    run.out.lvr = run.out.lvr || role->code != LatentRole::ignore;
   }
 }
 
@@ -145,7 +145,8 @@ void askresiduals() {
   std::printf(
       "Enter type of stat package you will use:\n   for SYSTAT      enter 1\n   for SAS         enter 2\n"
       "   for SPSS        enter 3\n   for Stata       enter 4\n   for Free Format enter 5\n");
-  constexpr int types[] = {3, 5, 6, 8, 2};
+  constexpr ResidualForm types[] = {ResidualForm::systat, ResidualForm::sas, ResidualForm::spss, ResidualForm::stata,
+                                    ResidualForm::freeformat};
   changeresfiltype(types[asknumber("Type?", 1, 5) - 1]);
 }
 
@@ -161,7 +162,7 @@ void constraintquestions() {
   if (run.answered.constrain) return;
   Array<int>& constraints = run.model.constraints;
   constraints.reset(static_cast<std::size_t>(run.model.coef.ngamma));
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   int groups = 0;
   while (askyesno("Do you want to constrain any (more) of the gammas?")) {
     bool chosen = false;

@@ -156,7 +156,7 @@ void readlevel3(CommandReader& reader, int owner) {
     }
     if (v == 0) continue;
     const auto at = static_cast<std::size_t>(v);
-    if (term.option == '2') model.center3[at] = 2;
+    if (term.option == '2') model.center3[at] = Centering::grandmean;
     run.out.wanted1vars3[at] = run.out.wanted2vars3[at] = run.out.wanted3vars3[at] = 1;
   }
   if (!equation.random) model.fixed2.row(e)[b] = 1;
@@ -186,7 +186,7 @@ void readlevel2(CommandReader& reader, int owner) {
     }
     if (v > 0) {
       const auto at = static_cast<std::size_t>(v);
-      if (term.option == '1' || term.option == '2') model.center2[at] = term.option - '0';
+      if (term.option == '1' || term.option == '2') model.center2[at] = centeringof(term.option);
       run.out.wanted1vars2[at] = run.out.wanted2vars2[at] = 1;
     }
     readlevel3(reader, v);
@@ -198,7 +198,7 @@ void readoutcome(const CommandReader& reader, const std::string& name) {
   const int v = variable("outvar", name, run.mdm.names1, run.mdm.ncol1 - 1);
   if (reader.set > 0 && v != run.model.outvar) stopwith("All equations of level 1 must have the same outcome!\n");
   run.model.outvar = v;
-  run.model.use1.row(reader.set)[v] = -1;
+  run.model.use1.row(reader.set)[v] = Use::outcome;
   run.out.wanted1vars1[static_cast<std::size_t>(v)] = 1;
 }
 
@@ -212,11 +212,11 @@ void readpredictor(CommandReader& reader, const Term& term, int& last) {
   if (v < last) fail(10);
   if (v == last || v == run.model.outvar) repeated(term.name, "level 1");
   last = v;
-  run.model.use1.row(reader.set)[v] = 1;
+  run.model.use1.row(reader.set)[v] = Use::predictor;
   if (v > run.mdm.nvar1 && term.option != '\0')
     stopwith("The threshold %s cannot be centered!\n", leftname(run.mdm.names1[static_cast<std::size_t>(v)]).c_str());
   if (term.option == '1' || term.option == '2') {
-    run.model.center1[static_cast<std::size_t>(v)] = term.option - '0';
+    run.model.center1[static_cast<std::size_t>(v)] = centeringof(term.option);
   } else if (term.option != '\0') {
     stopwith("invalid option on level-1 variable, %c\n", term.option);
   }
@@ -239,7 +239,7 @@ void readlevel1(CommandReader& reader, const std::string& value) {
 
   std::string_view terms = trimmed(std::string_view(equation).substr(equals + 1));
   const bool intercept = beginswith(terms, "INTRCPT1");
-  run.model.use1.row(reader.set)[0] = intercept ? 1 : 0;
+  run.model.use1.row(reader.set)[0] = intercept ? Use::predictor : Use::none;
   if (intercept) {
     readlevel2(reader, 0);
     const std::size_t plus = terms.find('+');

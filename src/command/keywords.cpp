@@ -45,8 +45,7 @@ void setflag(bool& flag, const char* keyword, const std::string& value) {
 
 void setcontinue(const std::string& value) {
   const char letter = firstletter(behindcomma(value));
-  if (letter == 'N') run.control.numitcontinue = 0;
-  if (letter == 'Y') run.control.numitcontinue = 1;
+  if (const auto* row = rownamed(limitletters, std::string(1, letter))) run.control.numitcontinue = row->code;
 }
 
 void setpath(std::string& path, const std::string& value) {
@@ -71,6 +70,12 @@ void setwhole(int& field, const char* keyword, const std::string& value) {
   field = wholenumber(value);
 }
 
+void setrepair(FixTau& repair, const char* keyword, const std::string& value) {
+  int code = 0;
+  setwhole(code, keyword, value);
+  repair = static_cast<FixTau>(code);
+}
+
 void readnumit(CommandReader&, const std::string& value) {
   run.control.numit = wholenumber(value);
   run.answered.iterations = run.answered.numit = true;
@@ -92,14 +97,14 @@ void readmicroit(CommandReader&, const std::string& value) {
 }
 
 void readtaylor(CommandReader&, const std::string& value) {
-  run.control.taylor = wholenumber(value);
-  if (run.control.taylor != 2 && run.control.taylor != 4) stopwith("taylor must be set to 2 or 4!\n");
+  run.control.taylor = static_cast<Taylor>(wholenumber(value));
+  if (run.control.taylor != Taylor::second && run.control.taylor != Taylor::fourth)
+    stopwith("taylor must be set to 2 or 4!\n");
 }
 
 void readprintvc(CommandReader&, const std::string& value) {
   const char letter = firstletter(value);
-  if (letter == 'Y') run.out.printvc = 1;
-  if (letter == 'A') run.out.printvc = 2;
+  if (const auto* row = rownamed(varianceletters, std::string(1, letter))) run.out.printvc = row->code;
 }
 
 void readgraph(CommandReader&, const std::string& value) {
@@ -157,10 +162,11 @@ void readagqderivlevel(CommandReader&, const std::string& value) {
 
 void readfixsigma2(CommandReader&, const std::string& value) {
   if (firstletter(value) == 'N') return;
-  run.model.restrictions.fixsigma2 = realnumber(value);
-  if (!isreal(value) || run.model.restrictions.fixsigma2 < 0.0)
-    stopwith("fixsigma2 must be N or a number of 0 or more!\n");
+  const double held = realnumber(value);
+  if (!isreal(value) || held < 0.0) stopwith("fixsigma2 must be N or a number of 0 or more!\n");
   wantnumber("FIXSIGMA2", value);
+  run.model.restrictions.fixsigma2.reset();
+  if (held != 0.0) run.model.restrictions.fixsigma2 = held;
 }
 
 void readstopval(CommandReader&, const std::string& value) {
@@ -243,17 +249,10 @@ void readvarianceknown(CommandReader&, const std::string& value) {
 }
 
 void readresfiltype(CommandReader&, const std::string& value) {
-  struct Type {
-    const char* word;
-    int resfiltype;
-  };
-  for (const Type& type : {Type{"FREEFORMAT", 2}, {"SYSTAT", 3}, {"SAS", 5}, {"SPSS", 6}, {"STATA", 8}})
-    if (sameword(value, type.word)) {
-      run.out.resfiltype = type.resfiltype;
-      run.answered.resfiltype = true;
-      return;
-    }
-  stopwith("Invalid resfiltype.\n Valid are FREEFORMAT, SYSTAT, SAS, SPSS and STATA\n");
+  const auto* form = rownamed(residualforms, value);
+  if (form == nullptr) stopwith("Invalid resfiltype.\n Valid are FREEFORMAT, SYSTAT, SAS, SPSS and STATA\n");
+  run.out.resfiltype = form->code;
+  run.answered.resfiltype = true;
 }
 
 // In the order of comparison: the first match wins.
@@ -308,8 +307,8 @@ constexpr Keyword keywords[] = {
     {"LEVEL2WEIGHT:", 0, readweight2},
     {"LEVEL3WEIGHT:", 0, readweight3},
     {"VARIANCEKNOWN:", 0, readvarianceknown},
-    {"FIXTAU2:", 0, [](CommandReader&, const std::string& value) { setwhole(run.control.fixtau2, "FIXTAU2", value); }},
-    {"FIXTAU3:", 0, [](CommandReader&, const std::string& value) { setwhole(run.control.fixtau3, "FIXTAU3", value); }},
+    {"FIXTAU2:", 0, [](CommandReader&, const std::string& value) { setrepair(run.control.fixtau2, "FIXTAU2", value); }},
+    {"FIXTAU3:", 0, [](CommandReader&, const std::string& value) { setrepair(run.control.fixtau3, "FIXTAU3", value); }},
     {"LEVEL1:", 0, readlevel1},
     {"RESFIL1:", 0, readresfil1},
     {"RESFIL2:", 0, readresfil2},

@@ -3,8 +3,9 @@
 #include <utility>
 
 #include "core/constants.h"
-#include "data/scratch.h"
+#include "driver/files.h"
 #include "driver/runrecord.h"
+#include "driver/textmark.h"
 
 namespace kdr {
 
@@ -24,8 +25,8 @@ bool nextline(LineReader& lines) {
   }
   checkread(lines.stream.get(), run.files.cmdfile);
   if (lines.line.empty()) return false;
-  ++lines.number;
-  if (lines.line.back() == '\n') {
+  if (lines.number++ == 0) dropmark(lines.line, run.files.cmdfile);
+  if (!lines.line.empty() && lines.line.back() == '\n') {
     ended = true;
     lines.line.pop_back();
   }

@@ -137,37 +137,29 @@ void refuselatetables() {
 }  // namespace
 
 void readnonlin(CommandReader&, const std::string& value) {
-  struct Type {
-    const char* word;
-    Family family;
-  };
-  constexpr Type types[] = {{"BINOMIAL", Family::binomial},
-                            {"BERNOULLI", Family::binomial},
-                            {"POISSON", Family::poisson},
-                            {"MULTINOMIAL", Family::multinomial},
-                            {"ORDINAL", Family::ordinal}};
   run.answered.nonlin = true;
   if (firstletter(value) == 'N') return;
-  const Type* type = nullptr;
-  for (const Type& candidate : types)
-    if (beginswith(value, candidate.word)) type = &candidate;
-  if (type == nullptr)
+  const auto* const family =
+      std::find_if(std::begin(familynames), std::end(familynames), [&](const char* n) { return beginswith(value, n); });
+  if (family == std::end(familynames))
     stopwith("Incorrect non-linear type: %s\n Valid are N, BERNOULLI, BINOMIAL, POISSON, MULTINOMIAL and ORDINAL\n",
              value.c_str());
 
   Model& kind = run.model;
-  const bool newtables = Outcome{type->family}.categorical() || kind.outcome.categorical();
+  const bool before = kind.outcome.categorical();
+  const auto type = static_cast<Family>(family - std::begin(familynames));
+  const bool newtables = Outcome{type}.categorical() || before;
   if (newtables) refuselatetables();
-  kind.outcome.family = type->family;
+  kind.outcome.family = type;
   const std::vector<std::string> fields = split(value, ',');
   const std::string second = fields.size() > 1 ? fields[1] : "";
   if (kind.outcome.categorical()) {
     if (second.empty()) stopwith("For multinomial/ordinal, you must specify the number of categories\n");
     kind.outcome.categories = wholenumber(second);
   } else if (fields.size() > 1) {
-    kind.outcome.countvariable = variable("nlcntvar", second, run.mdm.names1, run.mdm.nvar1);
+    const int v = kind.outcome.countvariable.emplace(variable("nlcntvar", second, run.mdm.names1, run.mdm.nvar1));
     kind.outcome.counted = true;
-    run.out.wanted1vars1[at(kind.outcome.countvariable)] = 1;
+    run.out.wanted1vars1[at(v)] = 1;
   }
   // One trial each: a Bernoulli outcome.
   if (kind.outcome.link() == Link::logit)
@@ -179,7 +171,7 @@ void readdeletion(CommandReader&, const std::string& value) {
   run.answered.deletion = true;
   if (sameword(value, "NONE")) return;
   for (const std::string& name : split(value, ','))
-    run.model.delete1[at(variable("level1deletion", name, run.mdm.names1, run.mdm.nvar1)) - 1] = 2;
+    run.model.delete1[at(variable("level1deletion", name, run.mdm.names1, run.mdm.nvar1)) - 1] = Deletion::named;
 }
 
 void readplausvals(CommandReader&, const std::string& value) {
@@ -208,13 +200,13 @@ void readlvr(CommandReader&, const std::string& value) {
   run.out.lvrroles.reset(at(n));
   run.out.lvr = false;
   for (std::size_t i = 0; i < at(n); ++i) {
-    const char letter = 2 * i < value.size() ? firstletter(value.substr(2 * i, 1)) : '\0';
-    if (letter != 'I' && letter != 'O' && letter != 'P') {
+    const auto* role = rownamed(roleletters, 2 * i < value.size() ? value.substr(2 * i, 1) : std::string());
+    if (role == nullptr) {
       std::printf("lvr must be specifed as o, p or i");
       stoprun(8);
     }
-    run.out.lvrroles[i] = letter == 'O' ? 1 : letter == 'P' ? 2 : 0;
-    run.out.lvr = run.out.lvr || letter != 'I';
+    run.out.lvrroles[i] = role->code;
+    run.out.lvr = run.out.lvr || role->code != LatentRole::ignore;
   }
 }
 

@@ -7,6 +7,7 @@
 #include "command/categories.h"
 #include "command/complete.h"
 #include "command/dialogue.h"
+#include "command/text.h"
 #include "core/formatted.h"
 #include "core/modelwalk.h"
 #include "driver/questions.h"
@@ -72,8 +73,8 @@ void askoutcome() {
   }
   kind.outvar = outcome;
   for (int e = 0; e < kind.neqsets; ++e) {
-    run.model.use1.row(e)[outcome] = -1;
-    run.model.use1.row(e)[0] = 1;
+    run.model.use1.row(e)[outcome] = Use::outcome;
+    run.model.use1.row(e)[0] = Use::predictor;
   }
   run.out.wanted1vars1[static_cast<std::size_t>(outcome)] = 1;
 }
@@ -82,15 +83,15 @@ void asklevel1() {
   if (run.answered.level1) return;
   std::printf("Level-1 predictor variable specification\n");
   showchoices("Which level-1 predictors do you wish to use?", run.mdm.nvar1, run.mdm.names1, run.model.outvar);
-  int* use = run.model.use1.row(0);
+  Use* use = run.model.use1.row(0);
   for (int n = 0; n < run.mdm.nvar1;) {
     const int v = askvariable("level-1 predictor? (Enter 0 to end)", 0, run.mdm.nvar1, run.mdm.names1);
     if (v == 0) break;
-    if (use[v] != 0) {
+    if (use[v] != Use::none) {
       std::printf("%s", v == run.model.outvar ? isoutcome : alreadychosen);
       continue;
     }
-    use[v] = 1;
+    use[v] = Use::predictor;
     ++n;
   }
   for (int e = 1; e < run.model.neqsets; ++e)
@@ -99,7 +100,7 @@ void asklevel1() {
 
 // Once the level-1 coefficients are known.
 void fixthresholds() {
-  for (const CoefficientRow& coefficient : modelrows().coefficients)
+  for (const CoefficientRow& coefficient : modelrows(run.model).coefficients)
     if (coefficient.threshold) run.model.fixed1.row(coefficient.set)[coefficient.place] = 1;
 }
 
@@ -108,7 +109,7 @@ void askcountvariable() {
   const std::string prompt = formatted("\nFor the non-linear analysis, which variable indicates the %s",
                                        run.model.outcome.link() == Link::logit ? "number of trials?" : "exposure?");
   int v = askvariable(prompt.c_str(), 1, run.mdm.nvar1, run.mdm.names1);
-  for (int tries = 1; run.model.use1.row(0)[v] != 0; ++tries) {
+  for (int tries = 1; run.model.use1.row(0)[v] != Use::none; ++tries) {
     std::printf("%s", alreadychosen);
     if (tries == maxtries) noproperresponse();
     v = askvariable(prompt.c_str(), 1, run.mdm.nvar1, run.mdm.names1);
@@ -121,17 +122,18 @@ void askintercept1() {
   if (run.answered.level1 || run.answered.nobase) return;
   if (!askyesno("\nDo you want to set the level-1 intercept to zero in this analysis?")) return;
   run.model.nointercept1 = true;
-  for (int e = 0; e < run.model.neqsets; ++e) run.model.use1.row(e)[0] = 0;
+  for (int e = 0; e < run.model.neqsets; ++e) run.model.use1.row(e)[0] = Use::none;
 }
 
 // How each variable of a level that `used` marks is to be centered. `choices` are the digits that are answers; `asked`
 // says whether there is anything to ask about.
 void askcentering(bool asked, const char* question, const char* explanation, const char* choices,
-                  const Array<int>& used, const Array<Name>& names, Array<int>& marks) {
+                  const Array<int>& used, const Array<Name>& names, Array<Centering>& marks) {
   if (!asked || !askyesno(question)) return;
   std::printf("%s", explanation);
   for (std::size_t v = 1; v < used.size(); ++v)
-    if (used[v] != 0) marks[v] = askletter(formatted("How do you want to center %8.8s?", names[v].text), choices) - '0';
+    if (used[v] != 0)
+      marks[v] = centeringof(askletter(formatted("How do you want to center %8.8s?", names[v].text), choices));
 }
 
 // True when a variable besides the intercept is used.
@@ -145,7 +147,8 @@ constexpr const char* twochoices = " Enter 0 for no centering, 2 for grand-mean\
 void askcentering1() {
   if (run.answered.level1) return;
   Array<int> used(static_cast<std::size_t>(run.mdm.nvar1) + 1);
-  for (int v = 1; v <= run.mdm.nvar1; ++v) used[static_cast<std::size_t>(v)] = run.model.use1.row(0)[v] == 1;
+  for (int v = 1; v <= run.mdm.nvar1; ++v)
+    used[static_cast<std::size_t>(v)] = run.model.use1.row(0)[v] == Use::predictor;
   askcentering(run.model.coef.npi > 0, "\nDo you want to center any level-1 predictors?", threechoices, "012", used,
                run.mdm.names1, run.model.center1);
 }
@@ -153,7 +156,7 @@ void askcentering1() {
 void askcentering2() {
   if (run.answered.level2) return;
   Array<int> used(static_cast<std::size_t>(run.mdm.ncol2));
-  for (const TermRow& term : modelrows().terms) used[static_cast<std::size_t>(term.variable)] = 1;
+  for (const TermRow& term : modelrows(run.model).terms) used[static_cast<std::size_t>(term.variable)] = 1;
   askcentering(anyvariable(used), "\nDo you want to center any level-2 predictors?", threechoices, "012", used,
                run.mdm.names2, run.model.center2);
 }
@@ -161,7 +164,7 @@ void askcentering2() {
 void askcentering3() {
   if (run.answered.level3) return;
   Array<int> used(static_cast<std::size_t>(run.mdm.ncol3));
-  for (const EffectRow& effect : modelrows().effects) used[static_cast<std::size_t>(effect.variable)] = 1;
+  for (const EffectRow& effect : modelrows(run.model).effects) used[static_cast<std::size_t>(effect.variable)] = 1;
   askcentering(anyvariable(used), "Do you want to center any level-3 predictors?", twochoices, "02", used,
                run.mdm.names3, run.model.center3);
 }
@@ -203,7 +206,7 @@ void asklevel2() {
   std::printf("\n\nLevel-2 predictor variable specification\n");
   showchoices("Which level-2 variables do you wish to use?\n", run.mdm.nvar2, run.mdm.names2, 0);
   int set = -1;
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   for (const CoefficientRow& coefficient : rows.coefficients) {
     if (coefficient.threshold) continue;
     saycategory(set, coefficient.set);
@@ -235,7 +238,7 @@ void asklevel2() {
 void askrandom2() {
   if (run.answered.level1) return;
   if (!askyesno("\n\nDo you want to constrain the variances in any of the level-2 random\n effect to zero?")) return;
-  for (const CoefficientRow& coefficient : modelrows().coefficients) {
+  for (const CoefficientRow& coefficient : modelrows(run.model).coefficients) {
     if (coefficient.threshold) continue;
     const std::string prompt = formatted("Do you want to fix %8.8s,P%d%s", name1(coefficient.variable),
                                          coefficient.subscript, coefficient.place == 0 ? "?" : " slope?");
@@ -248,7 +251,7 @@ void asklevel3() {
   std::printf("\n\nLevel-3 predictor variable specification\n");
   showchoices("Which level-3 predictors do you wish to use?\n", run.mdm.nvar3, run.mdm.names3, 0);
   int set = -1;
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   for (const TermRow& term : rows.terms) {
     const CoefficientRow& owner = rows.owner(term);
     if (owner.threshold) continue;
@@ -270,7 +273,7 @@ void asklevel3() {
 void askrandom3() {
   if (run.answered.level2) return;
   if (!askyesno("\nDo you want to constrain the variances in any of the level-3 random\n effect to zero?")) return;
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   for (const TermRow& term : rows.terms) {
     const CoefficientRow& owner = rows.owner(term);
     if (owner.threshold) continue;
@@ -292,7 +295,7 @@ void askdeletion() {
       std::printf("%s", isoutcome);
       continue;
     }
-    run.model.delete1[static_cast<std::size_t>(v) - 1] = 2;
+    run.model.delete1[static_cast<std::size_t>(v) - 1] = Deletion::named;
     ++n;
   }
 }
@@ -302,7 +305,7 @@ void askextra2() {
   showchoices("Select the level-2 variables that you might consider for\ninclusion as predictors in subsequent models.",
               run.mdm.nvar2, run.mdm.names2, 0);
   const int* before = nullptr;
-  for (const CoefficientRow& coefficient : modelrows().coefficients) {
+  for (const CoefficientRow& coefficient : modelrows(run.model).coefficients) {
     if (!coefficient.random) continue;
     std::printf("Which level-2 variables to model %8.8s, P%d%s", name1(coefficient.variable), coefficient.subscript,
                 coefficient.place == 0 ? "?\n" : " slope?\n");
@@ -320,7 +323,7 @@ void askextra3() {
       "inclusion as predictors in subsequent models.\n",
       run.mdm.nvar3, run.mdm.names3, 0);
   const int* before = nullptr;
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   for (const TermRow& term : rows.terms) {
     if (!term.random) continue;
     const CoefficientRow& owner = rows.owner(term);

@@ -34,9 +34,8 @@ void checknonlinear() {
 
 // Another value that the command file asks for is not passed over in silence.
 void holdsigma2(const char* reason) {
-  double& held = run.model.restrictions.fixsigma2;
-  if (held != 0.0 && held != 1.0)
-    std::printf(" FIXSIGMA2:%g has no effect: with %s sigma^2 is held at 1.\n", held, reason);
+  std::optional<double>& held = run.model.restrictions.fixsigma2;
+  if (held && *held != 1.0) std::printf(" FIXSIGMA2:%g has no effect: with %s sigma^2 is held at 1.\n", *held, reason);
   held = 1.0;
 }
 
@@ -78,18 +77,18 @@ std::string eightof(int v) { return leftname(run.mdm.names1[static_cast<std::siz
 void checkplausible() {
   const SeriesMode& series = run.series;
   if (!series.pvmode || !series.pvfirst) return;
-  const int* use = run.model.use1.row(0);
+  const Use* use = run.model.use1.row(0);
   const int first = series.pvlist[0];
-  if (first == 0 || use[first] == 0)
+  if (first == 0 || use[first] == Use::none)
     stopwith("The first plausible value, %s, must be the outcome or a predictor of the model!\n",
              eightof(first).c_str());
   for (std::size_t i = 1; i < series.pvlist.size(); ++i) {
     const int value = series.pvlist[i];
-    if (value == 0 || use[value] != 0 || std::count(series.pvlist.begin(), series.pvlist.end(), value) > 1)
+    if (value == 0 || use[value] != Use::none || std::count(series.pvlist.begin(), series.pvlist.end(), value) > 1)
       stopwith("The plausible value %s stands in the model or in its list already!\n", eightof(value).c_str());
     const auto [from, to] = std::minmax(first, value);
-    for (int v = from + 1; use[first] == 1 && v < to; ++v)
-      if (use[v] == 1)
+    for (int v = from + 1; use[first] == Use::predictor && v < to; ++v)
+      if (use[v] == Use::predictor)
         stopwith("The predictor %s stands between the plausible values %s and %s in the MDM file!\n",
                  eightof(v).c_str(), eightof(first).c_str(), eightof(value).c_str());
   }
@@ -97,9 +96,9 @@ void checkplausible() {
 
 void checkcountvariable() {
   const Model& kind = run.model;
-  if (!kind.outcome.counted || kind.outcome.countvariable == 0) return;
+  if (!kind.outcome.counted || !kind.outcome.countvariable) return;
   for (int e = 0; e < kind.neqsets; ++e)
-    if (run.model.use1.row(e)[kind.outcome.countvariable] != 0) {
+    if (run.model.use1.row(e)[*kind.outcome.countvariable] != Use::none) {
       std::printf(kind.outcome.link() == Link::logit ? " The binomial count " : " The poisson variable exposure ");
       stopwith("variable is also used in the model!\n");
     }
@@ -118,9 +117,9 @@ void settleacceleration() {
 }  // namespace
 
 bool hasoutcomeandpredictor() {
-  const Array<int>& roles = run.out.lvrroles;
-  return std::find(roles.begin(), roles.end(), 1) != roles.end() &&
-         std::find(roles.begin(), roles.end(), 2) != roles.end();
+  const Array<LatentRole>& roles = run.out.lvrroles;
+  return std::find(roles.begin(), roles.end(), LatentRole::outcome) != roles.end() &&
+         std::find(roles.begin(), roles.end(), LatentRole::predictor) != roles.end();
 }
 
 void settlerecord() {
@@ -132,8 +131,8 @@ void settlerecord() {
   settleacceleration();
   if (run.model.autovknown != 0) holdsigma2("known variances");
   if (run.out.graph && run.model.outcome.categorical()) run.out.resfil1 = true;
-  if (!run.model.outcome.linear() && run.model.outcome.countvariable != 0)
-    run.out.wanted1vars1[static_cast<std::size_t>(run.model.outcome.countvariable)] = 1;
+  if (!run.model.outcome.linear() && run.model.outcome.countvariable)
+    run.out.wanted1vars1[static_cast<std::size_t>(*run.model.outcome.countvariable)] = 1;
 }
 
 }  // namespace kdr

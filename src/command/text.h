@@ -5,6 +5,9 @@
 #include <string_view>
 #include <vector>
 
+#include "core/codes.h"
+#include "core/model.h"
+
 namespace kdr {
 
 // ASCII letters in upper case, everything else as it is.
@@ -16,6 +19,13 @@ namespace kdr {
 [[nodiscard]] std::string_view trimmed(std::string_view text);
 // The pieces between the separators, blanks at their ends removed; an empty text is one empty piece.
 [[nodiscard]] std::vector<std::string> split(std::string_view text, char separator);
+// The row of a table of words that the text is, or begins with; null when there is none.
+template <class Table>
+[[nodiscard]] constexpr auto* rownamed(const Table& table, std::string_view text) {
+  return rowof(table, [&](const char* word) { return sameword(text, word); });
+}
+// The centering of the digit 0, 1 or 2.
+[[nodiscard]] inline Centering centeringof(char digit) { return static_cast<Centering>(digit - '0'); }
 // The first character in upper case, zero for an empty text.
 [[nodiscard]] char firstletter(std::string_view text);
 

@@ -6,9 +6,10 @@
 #include <vector>
 
 #include "command/text.h"
+#include "core/formatted.h"
 #include "core/modelwalk.h"
-#include "data/resultfile.h"
 #include "driver/failures.h"
+#include "driver/resultfile.h"
 #include "driver/runrecord.h"
 
 namespace kdr {
@@ -45,7 +46,8 @@ std::string namelist(const Array<Name>& names, const int* list, int n) {
 bool linearrun() { return run.model.outcome.linear(); }
 
 std::string continuesuffix() {
-  return run.control.numitcontinue == 0 ? ",N" : run.control.numitcontinue == 1 ? ",Y" : "";
+  const std::string letter = wordof(limitletters, run.control.numitcontinue);
+  return letter.empty() ? letter : "," + letter;
 }
 
 void writelineariterations(std::FILE* out) {
@@ -62,32 +64,30 @@ void writenonlineariterations(std::FILE* out) {
   std::fprintf(out, "STOPMACRO:%s\n", real(iter.stopmacro, 10).c_str());
   std::fprintf(out, "MACROIT:%d%s\n", iter.macroit, continuesuffix().c_str());
   if (iter.numit > 0) std::fprintf(out, "MICROIT:%d\n", iter.numit);
+  const std::string type = uppercase(nameof(kind.outcome.family));
   if (kind.outcome.categorical()) {
-    std::fprintf(out, "NONLIN:%s,%d\n", kind.outcome.ordinal() ? "ORDINAL" : "MULTINOMIAL", kind.outcome.categories);
+    std::fprintf(out, "NONLIN:%s,%d\n", type.c_str(), kind.outcome.categories);
   } else {
-    const char* type = kind.outcome.family == Family::poisson ? "POISSON"
-                       : kind.outcome.counted                 ? "BINOMIAL"
-                                                              : "BERNOULLI";
-    std::fprintf(out, "NONLIN:%s", type);
-    if (kind.outcome.counted && kind.outcome.countvariable != 0)
-      std::fprintf(out, ",%s", nameof(run.mdm.names1, kind.outcome.countvariable).c_str());
+    std::fprintf(out, "NONLIN:%s", type.c_str());
+    if (kind.outcome.counted && kind.outcome.countvariable)
+      std::fprintf(out, ",%s", nameof(run.mdm.names1, *kind.outcome.countvariable).c_str());
     std::fprintf(out, "\n");
   }
   if (kind.outcome.family == Family::bernoulli)
     std::fprintf(out, "LAPLACE:%s,%d\n", iter.laplace ? "y" : "n", iter.laplaceit);
   if (iter.agqpoints != 0)
     std::fprintf(out, "agq:y,%d,%s\n", iter.agqit, iter.agqauto ? "AUTO" : std::to_string(iter.agqpoints).c_str());
-  if (iter.taylor != 0) std::fprintf(out, "TAYLOR:%d\n", iter.taylor);
+  if (iter.taylor != Taylor::none) std::fprintf(out, "TAYLOR:%d\n", static_cast<int>(iter.taylor));
 }
 
 // ",1" or ",2".
-std::string centermark(const Array<int>& marks, int v) {
-  const int mark = marks[at(v)];
-  return mark == 1 ? ",1" : mark == 2 ? ",2" : "";
+std::string centermark(const Array<Centering>& marks, int v) {
+  const Centering mark = marks[at(v)];
+  return mark == Centering::none ? "" : formatted(",%d", static_cast<int>(mark));
 }
 
 // What stands behind the "=" of a LEVEL2: or LEVEL3: line.
-std::string rightside(const int* row, int width, const Array<Name>& names, const Array<int>& marks, bool random,
+std::string rightside(const int* row, int width, const Array<Name>& names, const Array<Centering>& marks, bool random,
                       const int* extras) {
   std::vector<std::string> terms;
   for (int s = 0; s < width && row[s] != noslot; ++s)
@@ -101,7 +101,7 @@ std::string rightside(const int* row, int width, const Array<Name>& names, const
 std::string level1terms(int e, bool marked) {
   std::string terms;
   for (int v = 0; v < run.mdm.ncol1; ++v)
-    if (run.model.use1.row(e)[v] == 1)
+    if (run.model.use1.row(e)[v] == Use::predictor)
       terms += nameof(run.mdm.names1, v) + (marked ? centermark(run.model.center1, v) : "") + "+";
   return terms + "RANDOM";
 }
@@ -122,7 +122,7 @@ void writeset(std::FILE* out, int e, const std::string& outcome) {
   const Model& model = run.model;
   const MdmData& mdm = run.mdm;
   writelevel1(out, e, outcome);
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   for (const CoefficientRow& coefficient : rows.coefficients) {
     if (coefficient.set != e) continue;
     std::fprintf(out, "LEVEL2:%s=%s\n", nameof(mdm.names1, coefficient.variable).c_str(),
@@ -156,11 +156,11 @@ void writeweights(std::FILE* out) {
 }
 
 void writedeletion(std::FILE* out) {
-  const Array<int>& marks = run.model.delete1;
+  const Array<Deletion>& marks = run.model.delete1;
   if (run.mdm.deletednow && !(run.series.pvmode && !marks.empty())) return;
   std::vector<std::string> names;
   for (std::size_t i = 0; i < marks.size(); ++i)
-    if (marks[i] > 1) names.push_back(leftname(run.mdm.names1[i + 1]));
+    if (marks[i] == Deletion::named) names.push_back(leftname(run.mdm.names1[i + 1]));
   std::fprintf(out, "LEVEL1DELETION:%s\n", names.empty() ? "NONE" : joined(names, ",").c_str());
 }
 
@@ -174,26 +174,12 @@ void writeresfil(std::FILE* out, int level, bool wanted, const std::string& list
   if (!name.empty()) std::fprintf(out, "RESFIL%dNAME:%s\n", level, name.c_str());
 }
 
-const char* resfiltypeword() {
-  switch (run.out.resfiltype) {
-    case 2:
-      return "FREEFORMAT";
-    case 3:
-      return "SYSTAT";
-    case 5:
-      return "SAS";
-    case 8:
-      return "STATA";
-    default:
-      return "SPSS";
-  }
-}
-
 void writeresiduals(std::FILE* out) {
   const MdmData& mdm = run.mdm;
   const OutputControl& wanted = run.out;
   const RunFiles& files = run.files;
-  if (wanted.resfil1 || wanted.resfil2 || wanted.resfil3) std::fprintf(out, "RESFILTYPE:%s\n", resfiltypeword());
+  if (wanted.resfil1 || wanted.resfil2 || wanted.resfil3)
+    std::fprintf(out, "RESFILTYPE:%s\n", wordof(residualforms, wanted.resfiltype));
   if (wanted.resfilrecnum) std::fprintf(out, "RESFILRECNUM:Y\n");
   writeresfil(out, 1, wanted.resfil1,
               namelist(mdm.names1, run.out.res1vars1.data(), run.out.nres1vars1) + "/" +
@@ -263,13 +249,13 @@ void writetaus(std::FILE* out) {
 void writecontrol(std::FILE* out) {
   const Control& iter = run.control;
   std::fprintf(out, "FISHERTYPE:%d\n", iter.fishertype);
-  if (run.out.printvc != 0) std::fprintf(out, "PRINTVARIANCE-COVARIANCE:%s\n", run.out.printvc == 1 ? "Y" : "A");
+  if (run.out.printvc != VarianceFiles::none)
+    std::fprintf(out, "PRINTVARIANCE-COVARIANCE:%s\n", wordof(varianceletters, run.out.printvc));
   std::fprintf(out, "HYPOTH:n\n");
-  if (run.model.restrictions.fixsigma2 != 0.0)
-    std::fprintf(out, "FIXSIGMA2:%s\n", real(run.model.restrictions.fixsigma2, 6).c_str());
-  if (run.out.deviance != missingcode)
-    std::fprintf(out, "DEVIANCE:%s\nDF:%d\n", real(run.out.deviance, 6).c_str(), run.out.df);
-  std::fprintf(out, "FIXTAU2:%d\nFIXTAU3:%d\n", iter.fixtau2, iter.fixtau3);
+  if (run.model.restrictions.fixsigma2)
+    std::fprintf(out, "FIXSIGMA2:%s\n", real(*run.model.restrictions.fixsigma2, 6).c_str());
+  if (run.out.deviance) std::fprintf(out, "DEVIANCE:%s\nDF:%d\n", real(*run.out.deviance, 6).c_str(), run.out.df);
+  std::fprintf(out, "FIXTAU2:%d\nFIXTAU3:%d\n", static_cast<int>(iter.fixtau2), static_cast<int>(iter.fixtau3));
   if (run.model.restrictions.diagtaupi) std::fprintf(out, "DIAGONALIZETAUPI:Y\n");
   if (run.model.restrictions.diagtaubeta) std::fprintf(out, "DIAGONALIZETAUBETA:Y\n");
   if (iter.debug != 0) std::fprintf(out, "DEBUG:%d\n", iter.debug);
@@ -283,7 +269,7 @@ void writeconstraints(std::FILE* out) {
 
 void writelvr(std::FILE* out) {
   std::vector<std::string> letters;
-  for (const int role : run.out.lvrroles) letters.emplace_back(role == 1 ? "O" : role == 2 ? "P" : "I");
+  for (const LatentRole role : run.out.lvrroles) letters.emplace_back(wordof(roleletters, role));
   std::fprintf(out, "LVR-BETA:%s\n", run.out.lvr ? joined(letters, ",").c_str() : "N");
 }
 

@@ -3,8 +3,8 @@
 #include <cstdarg>
 #include <utility>
 
-#include "data/resultfile.h"
 #include "driver/failures.h"
+#include "driver/resultfile.h"
 
 namespace kdr {
 

@@ -11,13 +11,15 @@
 #include "construct/description.h"
 #include "construct/fileclashes.h"
 #include "construct/levelsource.h"
+#include "construct/mdmwriter.h"
 #include "construct/readers/ascii.h"
+#include "construct/singleunits.h"
 #include "construct/template.h"
 #include "core/formatted.h"
-#include "data/resultfile.h"
-#include "data/scratch.h"
 #include "data/unitreader.h"
 #include "driver/failures.h"
+#include "driver/files.h"
+#include "driver/resultfile.h"
 #include "driver/runrecord.h"
 
 namespace kdr {
@@ -69,7 +71,7 @@ struct Construction {
   Place firstunmatched;
   UnitBlock unit;  // the unit in hand
   int capacity = firstrecords;
-  ScratchFile blocks = nullptr;
+  ScratchFile blocks;
   Array<VariableTotals> totals1;
   Array<double> sums2;
   Array<int> unitsof;       // written units of each level-3 row
@@ -97,7 +99,16 @@ std::string shown(const Id& id) {
 // The same, in the columns that an ID has.
 std::string wide(const Id& id) { return formatted("%12s", shown(id).c_str()); }
 
-bool sameplace(const Place& a, const Place& b) { return sameid(a.id3, b.id3) && sameid(a.id2, b.id2); }
+bool same(const Id& a, const Id& b) { return sameid(a, b, run.mdm.numericids); }
+int orderof(const Id& a, const Id& b) { return compareids(a, b, run.mdm.numericids); }
+
+// Writes one block.
+void putunit(std::FILE* stream, const UnitBlock& unit) {
+  writeunit(stream, unit, run.mdm.nvar1, run.mdm.nvar2, true, run.mdm.numericids);
+  checkwritten(stream);
+}
+
+bool sameplace(const Place& a, const Place& b) { return same(a.id3, b.id3) && same(a.id2, b.id2); }
 
 void keepplace(std::vector<Place>& places, const Place& place) {
   if (places.size() < mostshown && (places.empty() || !sameplace(places.back(), place))) places.push_back(place);
@@ -157,7 +168,7 @@ void tellrepeats(Repeats& repeats, int level, const Id& id) {
   if (!run.mdm.numericids && first.size() > second.size() && first < second)
     logboth(
         "A shorter text ID has to come before a longer one: fill the IDs up with zeros, or sort by their length.\n");
-  if (rawis(rawascii)) tellcrossing(level - 1);
+  if (rawis(RawType::ascii)) tellcrossing(level - 1);
   stoprun(100);
 }
 
@@ -195,9 +206,9 @@ bool nextraw(RawWalk& walk) {
       continue;
     }
     if (walk.any) {
-      const int order = compareids(walk.last3, walk.id3);
+      const int order = orderof(walk.last3, walk.id3);
       if (order > 0) notsorted(walk.level + 1, walk.last3, walk.id3);
-      if (order == 0 && compareids(walk.last2, walk.id2) > 0) notsorted(walk.level + 1, walk.last2, walk.id2);
+      if (order == 0 && orderof(walk.last2, walk.id2) > 0) notsorted(walk.level + 1, walk.last2, walk.id2);
     }
     if (walk.places.size() < mostshown) keepplace(walk.places, {walk.id3, walk.id2});
     walk.any = true;
@@ -262,7 +273,7 @@ int keeplevel3(Keep keep) {
   const auto rows = static_cast<std::size_t>(mdm.nunits3);
   for (std::size_t row = 0; row < rows; ++row) {
     if (!keep(row)) continue;
-    storelevel3id(kept, level3id(static_cast<int>(row)));
+    storelevel3id(kept, level3id(run.mdm, static_cast<int>(row)));
     if (width > 0) std::memmove(&mdm.level3[kept * width], &mdm.level3[row * width], width * sizeof(double));
     ++kept;
   }
@@ -279,8 +290,8 @@ void tellrepeats3() {
   repeats.folded = isfolded(3);
   std::size_t first = 0;
   for (std::size_t row = 1; row <= static_cast<std::size_t>(mdm.nunits3); ++row) {
-    const Id id = level3id(static_cast<int>(first));
-    if (row < static_cast<std::size_t>(mdm.nunits3) && sameid(id, level3id(static_cast<int>(row)))) {
+    const Id id = level3id(run.mdm, static_cast<int>(first));
+    if (row < static_cast<std::size_t>(mdm.nunits3) && same(id, level3id(run.mdm, static_cast<int>(row)))) {
       noterepeat(repeats, mdm.level3.data() + first * width, mdm.level3.data() + row * width, width);
     } else {
       tellrepeats(repeats, 3, id);
@@ -307,7 +318,7 @@ void readlevel3(Construction& build) {
       ++passed;
       continue;
     }
-    if (row > 0 && compareids(before, id) > 0) notsorted(3, before, id);
+    if (row > 0 && orderof(before, id) > 0) notsorted(3, before, id);
     keepplace(build.places3, {id, {}});
     storelevel3id(row, id);
     before = id;
@@ -324,18 +335,18 @@ void readlevel3(Construction& build) {
 // The first row of the level-3 table with this ID, or nunits3. The table is in ascending order.
 std::size_t findlevel3(std::size_t lastrow, const Id& id) {
   const auto rows = static_cast<std::size_t>(run.mdm.nunits3);
-  if (lastrow < rows && sameid(level3id(static_cast<int>(lastrow)), id)) return lastrow;
+  if (lastrow < rows && same(level3id(run.mdm, static_cast<int>(lastrow)), id)) return lastrow;
   std::size_t low = 0;
   std::size_t high = rows;
   while (low < high) {
     const std::size_t middle = low + (high - low) / 2;
-    if (compareids(level3id(static_cast<int>(middle)), id) < 0) {
+    if (orderof(level3id(run.mdm, static_cast<int>(middle)), id) < 0) {
       low = middle + 1;
     } else {
       high = middle;
     }
   }
-  return low < rows && sameid(level3id(static_cast<int>(low)), id) ? low : rows;
+  return low < rows && same(level3id(run.mdm, static_cast<int>(low)), id) ? low : rows;
 }
 
 // The units.
@@ -386,7 +397,7 @@ void deleterecords(UnitBlock& unit) {
 
 void reportunknown(Construction& build) {
   const Id& id = build.unit.id3;
-  if (sameid(id, build.unknown)) return;
+  if (same(id, build.unknown)) return;
   logextra(" Group %s not in level-3 file.\n", wide(id).c_str());
   build.unknown = id;
 }
@@ -426,15 +437,15 @@ void processunit(Construction& build) {
   addrecords(build);
   for (std::size_t v = 0; v < build.sums2.size(); ++v) build.sums2[v] += unit.level2[v];
   mdm.maxnj = std::max(mdm.maxnj, unit.nj);
-  writeunit(build.blocks, unit, mdm.nvar1, mdm.nvar2, true);
+  putunit(build.blocks.get(), unit);
   if (mdm.nunits1 > INT_MAX - unit.nj) stopwith("There are too many level-1 records!\n");
   mdm.nunits1 += unit.nj;
   ++mdm.nunits2;
 }
 
 int compareplace(const RawWalk& a, const RawWalk& b) {
-  const int order = compareids(a.id3, b.id3);
-  return order != 0 ? order : compareids(a.id2, b.id2);
+  const int order = orderof(a.id3, b.id3);
+  return order != 0 ? order : orderof(a.id2, b.id2);
 }
 
 void noteunmatched(Construction& build) {
@@ -491,6 +502,8 @@ void openmdm(Construction& build) {
   if (leadtoone(path, logname)) stopwith("The MDM file must not bear the name of the log, %s!\n", logname);
   if (leadtoone(path, templatecopy))
     stopwith("The MDM file must not bear the name of the template's copy, %s!\n", templatecopy);
+  refuseinput(path, InputKind::mdmfile);
+  refuseunwritable(path);
   openresult(build.mdm, path);
   run.mdm.stream = build.mdm.stream;
   std::setvbuf(build.mdm.stream, mdmpiece, _IOFBF, piecesize);
@@ -503,6 +516,7 @@ void sparerawfiles() {
       stopwith("The raw data file %s bears the name of the log. Please rename it.\n", source.filename.c_str());
   const bool copied = leadtoone(raw.templatename, templatecopy);
   refuseclashes({copied ? std::string() : raw.templatename}, {templatecopy, logname});
+  refuseinput(logname);
 }
 
 void takedimensions() {
@@ -515,6 +529,20 @@ void takedimensions() {
   mdm.nvar1 = raw.level[0].selected;
   mdm.nvar2 = raw.level[1].selected;
   mdm.nvar3 = raw.level[2].selected;
+}
+
+// Variables that count by codes which stand for something.
+void telllabels(int level) {
+  const LevelSource& source = raw.level[level];
+  std::string list;
+  for (const int row : source.chosen) {
+    const RawVariable& variable = source.vartable[static_cast<std::size_t>(row)];
+    if (variable.labels.empty()) continue;
+    list += (list.empty() ? "" : ", ") + shownname(variable);
+    if (variable.labels != "yes") list += " (" + variable.labels + ")";
+  }
+  if (!list.empty())
+    logboth("Level-%d variables with value labels, which count by their codes: %s.\n", level + 1, list.c_str());
 }
 
 void readfirstrecords(Construction& build) {
@@ -567,10 +595,11 @@ Array<VariableTotals> copyunits(Construction& build) {
   const MdmData& mdm = run.mdm;
   Array<VariableTotals> totals = starttotals(mdm.nvar2);
   UnitReader reader;
-  startunits(reader, build.blocks, 0, mdm.nvar1, mdm.nvar2, true);
+  startunits(reader, mdm, build.blocks.get(), 0, mdm.nvar1, mdm.nvar2, true);
   for (int j = 0; j < mdm.nunits2; ++j) {
-    neededunit(reader, build.unit);
-    writeunit(build.mdm.stream, build.unit, mdm.nvar1, mdm.nvar2, true);
+    checksignals();
+    if (!neededunit(reader, build.unit)) tell(reader.failure);
+    putunit(build.mdm.stream, build.unit);
     for (std::size_t v = 0; v < totals.size(); ++v) addvalue(totals[v], build.unit.level2[v]);
   }
   return totals;
@@ -620,12 +649,13 @@ void mkmdm() {
   takedimensions();
   openmdm(build);
   openlog();
+  for (int level = 0; level < 3; ++level) telllabels(level);
   readlevel3(build);
   startmerge(build);
   readfirstrecords(build);
   build.unitsof.reset(static_cast<std::size_t>(mdm.nunits3));
-  build.blocks = scratchopen();
-  std::setvbuf(build.blocks, blockpiece, _IOFBF, piecesize);
+  build.blocks = neededscratch();
+  std::setvbuf(build.blocks.get(), blockpiece, _IOFBF, piecesize);
   mergeunits(build);
   if (mdm.nunits2 == 0) nothingleft(build);
   keeplevel3([&](std::size_t row) { return build.unitsof[row] > 0; });
@@ -639,9 +669,13 @@ void mkmdm() {
   closeraw(1);
   describe(2, mdm.names2, mdm.mean2, copyunits(build));
   describe(3, mdm.names3, mdm.mean3, totals3);
-  scratchclose(build.blocks);
+  build.blocks.reset();
   mdm.stream = nullptr;
   finishmdm(build.mdm);
+  mdm.numl1rec = mdm.nunits1;
+  mdm.numl2rec = mdm.nunits2;
+  mdm.numl3rec = mdm.nunits3;
+  for (const std::string& words : singleunits()) logboth("\n%s\n", words.c_str());
   signlog();
   closelog();
   if (extramessages() != 0) std::printf("\nThere are extra messages in KDR3MDM.STS.  Please examine this file.\n\n");

@@ -1,15 +1,21 @@
 #include "construct/fileclashes.h"
 
+#include <strings.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <set>
 #include <string>
 #include <system_error>
 
+#include "construct/template.h"
+#include "data/mdm.h"
 #include "data/scratch.h"
 #include "driver/failures.h"
 #include "driver/runrecord.h"
+#include "driver/textmark.h"
 
 namespace kdr {
 
@@ -25,6 +31,48 @@ std::string place(const std::string& path) {
 }
 
 }  // namespace
+
+bool (*iscommandtext)(std::string_view head) = nullptr;
+
+InputKind inputkind(const std::string& path) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return InputKind::none;
+  std::FILE* file = std::fopen(path.c_str(), "rb");
+  if (file == nullptr) return InputKind::none;
+  char bytes[4096];
+  std::string_view head(bytes, std::fread(bytes, 1, sizeof bytes, file));
+  std::fclose(file);
+  if (head.starts_with(mdmmagic)) return InputKind::mdmfile;
+  constexpr std::string_view rawheads[] = {
+      "$FL2", "$FL3", "PK\3\4", "<stata_dta>", "\xD0\xCF\x11\xE0", "HEADER RECORD*******"};
+  for (const std::string_view raw : rawheads)
+    if (head.starts_with(raw)) return InputKind::rawdata;
+  if (head.starts_with(bytemark)) head.remove_prefix(bytemark.size());
+  const auto begins = [&](std::string_view words) {
+    return head.size() >= words.size() && strncasecmp(head.data(), words.data(), words.size()) == 0;
+  };
+  if (begins(templatehead)) return InputKind::mdmtemplate;
+  if (begins("#SIGMA2")) return InputKind::startingvalues;
+  return iscommandtext != nullptr && iscommandtext(head) ? InputKind::commandfile : InputKind::none;
+}
+
+void refuseinput(const std::string& output, InputKind own) {
+  static constexpr const char* kinds[] = {"",        "an MDM file", "a template", "a command file", "starting values",
+                                          "raw data"};
+  const InputKind kind = output.empty() ? InputKind::none : inputkind(output);
+  if (kind == InputKind::none || kind == own) return;
+  stopwith("The output file %s holds %s, which would be lost. Give the output another name, or remove the file\n",
+           output.c_str(), kinds[static_cast<int>(kind)]);
+}
+
+void refuseunwritable(const std::string& output) {
+  if (output.empty() || isspecial(output)) return;
+  const std::string target = behindlinks(output);
+  const std::filesystem::path folder = std::filesystem::path(target).parent_path();
+  if (access(folder.empty() ? "." : folder.c_str(), W_OK | X_OK) == 0 || access(target.c_str(), W_OK) == 0) return;
+  std::perror("");
+  stopwith("Unable to open %s for writing\n", output.c_str());
+}
 
 std::string lossby(const std::string& output, const std::vector<std::string>& inputs) {
   for (const std::string& path : inputs)

@@ -16,12 +16,12 @@ RawData raw;
 namespace {
 
 constexpr RawReader readers[] = {
-    {rawascii, "ascii", 5, openascii, prepareascii, asciirecordof, closeascii},
-    {rawsystat, "systat", 6, opensystat, settlevariables, systatrecord, closesystat},
-    {rawsas, "sas", 3, opensas, settlevariables, sasrecord, closesas},
-    {rawspss, "spss", 4, openspss, preparespss, spssrecord, closespss},
-    {rawstata, "stata", 4, openstata, preparestata, statarecord, closestata},
-    {rawother, "other", 5, openother, prepareother, strecord, closeother},
+    {RawType::ascii, "ascii", 5, openascii, prepareascii, asciirecordof, closeascii},
+    {RawType::systat, "systat", 6, opensystat, settlevariables, systatrecord, closesystat},
+    {RawType::sas, "sas", 3, opensas, settlevariables, sasrecord, closesas},
+    {RawType::spss, "spss", 4, openspss, preparespss, spssrecord, closespss},
+    {RawType::stata, "stata", 4, openstata, preparestata, statarecord, closestata},
+    {RawType::other, "other", 5, openother, prepareother, strecord, closeother},
 };
 
 }  // namespace

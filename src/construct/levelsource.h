@@ -6,15 +6,13 @@
 #include <vector>
 
 #include "construct/rawvariables.h"
+#include "core/codes.h"
 #include "data/mdm.h"
 #include "kernel/array.h"
 
 namespace kdr {
 
 struct RawReader;
-
-// The raw formats by their code in the MDM head.
-enum RawType : int { rawascii = 2, rawsystat = 3, rawsas = 5, rawspss = 6, rawstata = 8, rawother = 9 };
 
 // The raw file of one level.
 struct LevelSource {
@@ -42,6 +40,8 @@ struct RawData {
   LevelSource level[3];               // index 0, 1, 2 for levels 1, 2, 3
   int reading = 0;                    // index of the level that readrecord was asked for last
   bool varyingfirst = false;          // of a file that serves several levels the first row of each unit counts
+  bool wholeids = false;              // text IDs may have any length: `wholeid` has those of the record in hand
+  std::string wholeid[2];             // of level 3 and level 2
   Array<double> missingcodes;         // ASCII only: the value that stands for missing, one for each level-1 variable
   std::string templatename;           // the template that was read, or empty
 };

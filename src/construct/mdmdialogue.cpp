@@ -71,7 +71,7 @@ void askrawfile(int level) {
     if (!readanswer(prompt, name, Question::rawfile) || name.empty()) continue;
     if (overlong(name)) {
       std::printf("File name too long: %s\n", name.c_str());
-    } else if (isfile(name) || (rawis(rawsas) && name.ends_with(".ssp") && sasconvert(name))) {
+    } else if (isfile(name) || (rawis(RawType::sas) && name.ends_with(".ssp") && sasconvert(name))) {
       return;
     } else {
       std::printf("\n%s does not exist!\n", name.c_str());
@@ -101,13 +101,13 @@ void asktypedfile(int level) {
 }
 
 void asksource(int level) {
-  if (rawis(rawascii)) {
+  if (rawis(RawType::ascii)) {
     const std::string prompt =
         formatted("\nInput number of level-%1d variables (not including the character ID):", level + 1);
     raw.level[level].numvar = asknumber(prompt.c_str(), level == 0 ? 1 : 0, mostasked);
     askformat(level);
   }
-  if (rawis(rawother)) {
+  if (rawis(RawType::other)) {
     asktypedfile(level);
   } else {
     askrawfile(level);
@@ -123,7 +123,7 @@ Name askname(int level, int variable) {
     // A template could not hold a name that begins like a comment or like the end of its block.
     const bool any = readanswer(prompt, line, Question::name) && line.find_first_not_of(' ') != std::string::npos;
     const bool usable = any && line[0] != '#' && line[0] != '*';
-    const Name name = paddedname(printable(line));
+    const Name name = paddedname(usablename(line));
     const Array<Name>& names = namesof(level);
     const bool taken =
         std::any_of(names.begin(), names.begin() + variable, [&](const Name& other) { return samename(other, name); });
@@ -255,7 +255,7 @@ void choosecolumn(const char* prompt, int mark, int level, const std::vector<Raw
 // order of the file.
 void takechosen(LevelSource& source, const std::vector<int>& picked) {
   std::vector<int> order = picked;
-  if (!rawis(rawsystat)) std::sort(order.begin(), order.end());
+  if (!rawis(RawType::systat)) std::sort(order.begin(), order.end());
   source.chosen.reset(order.size());
   std::copy(order.begin(), order.end(), source.chosen.begin());
 }
@@ -308,14 +308,14 @@ void choosevariables(int level) {
 void mdmdialogue() {
   forgetraw();
   MdmData& mdm = run.mdm;
-  mdm.mdmtype = 0;
+  mdm.mdmtype = MdmType::ordinary;
   mdm.numericids = false;
   mdm.deletednow = true;
   askrawtype();
   for (int level = 0; level < 3; ++level) asksource(level);
   for (int level = 0; level < 3; ++level) openraw(level);
   for (int level = 0; level < 3; ++level) {
-    if (rawis(rawascii)) {
+    if (rawis(RawType::ascii)) {
       asknames(level);
     } else {
       choosevariables(level);
@@ -324,7 +324,7 @@ void mdmdialogue() {
   bool samemissing = false;
   mdm.l1missing = askyesno("Are there missing data in the level-1 file?") != 0;
   if (mdm.l1missing) {
-    if (rawis(rawascii)) samemissing = askcodes();
+    if (rawis(RawType::ascii)) samemissing = askcodes();
     mdm.deletednow = askdeletion();
   }
   askmdmname();

@@ -9,6 +9,7 @@
 #include "construct/levelsource.h"
 #include "construct/readers/other.h"
 #include "core/constants.h"
+#include "core/formatted.h"
 #include "driver/failures.h"
 #include "driver/runrecord.h"
 
@@ -19,7 +20,9 @@ namespace {
 constexpr double largestid = 999999999999.0;
 constexpr const char* unlikeids = "ID's must be both be character or both numeric!\n";
 
-int namewidth(std::string_view name) { return rawis(rawsystat) && name.find('$') != std::string_view::npos ? 9 : 8; }
+int namewidth(std::string_view name) {
+  return rawis(RawType::systat) && name.find('$') != std::string_view::npos ? 9 : 8;
+}
 
 bool samecase(std::string_view a, std::string_view b, std::size_t n) {
   return a.size() >= n && b.size() >= n && strncasecmp(a.data(), b.data(), n) == 0;
@@ -69,6 +72,20 @@ void namevariable(RawVariable& variable, std::string_view name, int width) {
   variable.name = paddedname(name, width);
 }
 
+std::string usablename(const std::string& fullname) {
+  std::string name = printable(fullname);
+  for (char& c : name)
+    if (c == '+' || c == '=' || c == '/' || c == ',') c = '_';
+  return name;
+}
+
+void addlabel(std::string& labels, double value, std::string_view label) {
+  constexpr std::size_t most = 60;
+  if (labels.ends_with("...")) return;
+  labels += labels.empty() ? "" : ", ";
+  labels += labels.size() < most ? formatted("%.15g = ", value) + printable(label.substr(0, most)) : "...";
+}
+
 int findvariable(const LevelSource& source, std::string_view name) {
   int row = onlyrow(source, [&](const RawVariable& variable) { return wholename(variable, name); });
   if (row == severalvariables)
@@ -99,12 +116,12 @@ void markvariable(int level, const std::string& name) {
   LevelSource& source = raw.level[level];
   const std::size_t row = rowtomark(level, name, "Variable %s not found!\n");
   if (source.vartable[row].text) {
-    const std::string why = rawis(rawother) ? otherwhytext(level, static_cast<int>(row)) : "";
+    const std::string why = rawis(RawType::other) ? otherwhytext(level, static_cast<int>(row)) : "";
     stopwith("mdm variables must be numeric!\nVariable %s of the level-%d file is a character variable%s%s.\n",
              tellingname(source, static_cast<int>(row)).c_str(), level + 1, why.empty() ? "" : ": ", why.c_str());
   }
   const bool late = !source.chosen.empty() && source.chosen[source.chosen.size() - 1] > static_cast<int>(row);
-  if (late && !rawis(rawsystat))
+  if (late && !rawis(RawType::systat))
     stopwith("The level-%d variables must be listed in the order of the raw file: %s comes too late!\n", level + 1,
              name.c_str());
   source.vartable[row].mark = variablemark;
@@ -176,10 +193,23 @@ double numericid(double value, bool truncated) {
   return truncated ? std::trunc(value) : std::floor(value + 0.2);
 }
 
+void refusezeros(std::string_view text) {
+  if (text.find('\0') != text.npos) refuseid("An ID has a zero byte in it.\n");
+}
+
+std::string wholeid(std::string_view text) {
+  constexpr std::size_t longest = 1000;
+  text = text.substr(0, text.find_last_not_of(std::string_view(" \0", 2)) + 1);
+  text.remove_prefix(std::min(text.find_first_not_of(' '), text.size()));
+  refusezeros(text);
+  if (text.size() > longest) refuseid("An ID has more than 1000 characters.\n");
+  return std::string(text);
+}
+
 Name textid(std::string_view text) {
-  if (text.size() > longestid &&
-      text.find_first_not_of(std::string_view(" \0", 2), longestid) != std::string_view::npos)
-    refuseid("Your ID variable is longer than 12 characters.\n");
+  text = text.substr(0, text.find_last_not_of(std::string_view(" \0", 2)) + 1);
+  if (text.size() > longestid) refuseid("Your ID variable is longer than 12 characters.\n");
+  refusezeros(text);
   return paddedname(text, static_cast<int>(longestid));
 }
 

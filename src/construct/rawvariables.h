@@ -31,7 +31,13 @@ struct RawVariable {
   bool hidden = false;   // a row that nobody can name: the continuation of a long string
   int width = 0;         // bytes that a value takes; characters of a character variable
   int mark = unwanted;   // unwanted, variablemark, level3idmark or level2idmark
+  std::string labels;    // what its values stand for ("1 = low, 2 = high"), or, where that is not known, the word "yes"
 };
+// A name as the MDM file may have it: without the signs that part names in a command file, and control characters.
+[[nodiscard]] std::string usablename(const std::string& fullname);
+// Appends a label to such a list, the later ones of a long list not.
+void addlabel(std::string& labels, double value, std::string_view label);
+
 // Gives the variable its name, without the blanks and zeros around it.
 void namevariable(RawVariable& variable, std::string_view name, int width = 8);
 
@@ -75,8 +81,13 @@ void settlevariables(int level);
 // The numeric ID of a value: floor(value + 0.2), or its whole part. Counts values with a fraction. Stops with code 100
 // above 999999999999, and tells the record that readrecord was asked for.
 [[nodiscard]] double numericid(double value, bool truncated = false);
+// A text ID of any length, without the blanks around it. Stops with code 100 when a zero byte stands in it, which would
+// end it in many places, and for one of more than 1000 bytes; tells the record.
+[[nodiscard]] std::string wholeid(std::string_view text);
+// Stops for a zero byte anywhere in a text ID, for formats that do not fill texts up with them.
+void refusezeros(std::string_view text);
 // A text ID through padname with width 12. Stops with code 100 when characters other than blanks or zeros stand behind
-// the twelfth, and tells the record.
+// the twelfth, or a zero within the text, and tells the record.
 [[nodiscard]] Name textid(std::string_view text);
 
 }  // namespace kdr

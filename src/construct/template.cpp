@@ -8,13 +8,15 @@
 #include <set>
 #include <string_view>
 
+#include "construct/fileclashes.h"
 #include "construct/levelsource.h"
 #include "construct/readers/ascii.h"
 #include "core/formatted.h"
-#include "data/resultfile.h"
-#include "data/scratch.h"
 #include "driver/failures.h"
+#include "driver/files.h"
+#include "driver/resultfile.h"
 #include "driver/runrecord.h"
+#include "driver/textmark.h"
 
 namespace kdr {
 
@@ -46,7 +48,7 @@ bool nextline(TemplateText& text, std::string& line) {
   checkread(text.stream.get(), text.path);
   if (!read) return false;
   line = buffer;
-  if (text.number++ == 0 && line.starts_with("\xEF\xBB\xBF")) line.erase(0, 3);
+  if (text.number++ == 0) dropmark(line, text.path);
   if (!line.empty() && line.back() == '\n') {
     line.pop_back();
     if (!line.empty() && line.back() == '\r') line.pop_back();
@@ -107,7 +109,7 @@ void takemissing(TemplateText& text, const std::string& value) {
   if (!mdm.l1missing) return;
   const std::string list = value.substr(1);
   if (raw.reader == nullptr && beginswith(list, "/")) stopwith(nofile);
-  if (!rawis(rawascii)) return;
+  if (!rawis(RawType::ascii)) return;
   if (!text.counted[0]) stopwith(nofile);
   raw.missingcodes.reset(static_cast<std::size_t>(raw.level[0].numvar));
   if (beginswith(list, "/SAME")) {
@@ -135,7 +137,7 @@ void takecount(TemplateText& text, int level, const std::string& value) {
   if (end == value.c_str() || *end != '\0') badvalue(text);
   if (count < 0 || count > mostvariables)
     stopwith("The number of level-%d variables must lie between 0 and %d!\n", level + 1, mostvariables);
-  if (raw.reader != nullptr && !rawis(rawascii)) return;  // the file tells it
+  if (raw.reader != nullptr && !rawis(RawType::ascii)) return;  // the file tells it
   raw.level[level].numvar = static_cast<int>(count);
   startnames(level, static_cast<std::size_t>(count));
   text.counted[level] = true;
@@ -160,7 +162,7 @@ void takefile(TemplateText& text, int level, const std::string& value) {
   source.vartable.clear();
   source.chosen.reset(0);
   openraw(level);
-  if (!rawis(rawascii)) text.named[level] = false;
+  if (!rawis(RawType::ascii)) text.named[level] = false;
 }
 
 // The ID line of a variable block: `word` and the name of the column.
@@ -206,7 +208,7 @@ void takeblock(TemplateText& text, int level) {
   if (raw.reader == nullptr || !raw.level[level].opened) stopwith(nofile);
   char ending[] = "*END L1VARS";
   ending[6] = static_cast<char>('1' + level);
-  if (!rawis(rawascii)) return takevariables(text, level, ending);
+  if (!rawis(RawType::ascii)) return takevariables(text, level, ending);
   if (!text.counted[level]) stopwith("Must specify the number of level-%d variables before their names!\n", level + 1);
   Array<Name>& names = namesof(level);
   std::size_t given = 0;
@@ -217,7 +219,10 @@ void takeblock(TemplateText& text, int level) {
     if (charactersof(line) > longestname) stopwith("Variable name %s is too long!\n", line.c_str());
     if (++given == names.size())
       stopwith("There are more than %d level-%d variable names!\n", raw.level[level].numvar, level + 1);
-    names[given] = paddedname(printable(line));
+    names[given] = paddedname(usablename(line));
+    if (!samename(names[given], paddedname(printable(line))))
+      std::printf("Variable %s of the level-%d file has the name %s in the MDM file.\n", printable(line).c_str(),
+                  level + 1, leftname(names[given]).c_str());
   }
   if (given + 1 < names.size())
     stopwith("There are fewer than %d level-%d variable names!\n", raw.level[level].numvar, level + 1);
@@ -226,12 +231,12 @@ void takeblock(TemplateText& text, int level) {
 }
 
 void takegrowth(TemplateText& text, const std::string& value) {
-  run.mdm.mdmtype = oneof(text, value, "YN") == 'Y' ? 1 : 0;
+  run.mdm.mdmtype = oneof(text, value, "YN") == 'Y' ? MdmType::measurement : MdmType::ordinary;
 }
 
 void taketype(TemplateText& text, const std::string& value) {
   if (value.size() != 1) badvalue(text);
-  run.mdm.mdmtype = oneof(text, value, "0123") - '0';
+  run.mdm.mdmtype = static_cast<MdmType>(oneof(text, value, "0123") - '0');
 }
 
 void takedeletion(TemplateText& text, const std::string& value) {
@@ -287,7 +292,7 @@ void checkcomplete(const TemplateText& text) {
   for (int level = 0; level < 3; ++level) {
     const LevelSource& source = raw.level[level];
     if (!source.opened) stopwith("The template names no level-%d file!\n", level + 1);
-    if (!rawis(rawascii)) {
+    if (!rawis(RawType::ascii)) {
       if (!text.named[level]) stopwith("The template names no level-%d variables!\n", level + 1);
       continue;
     }
@@ -295,7 +300,8 @@ void checkcomplete(const TemplateText& text) {
     if (source.format.empty()) stopwith("The template tells no format of the level-%d file!\n", level + 1);
     if (!text.named[level] && source.numvar > 0) stopwith("The template names no level-%d variables!\n", level + 1);
   }
-  if (rawis(rawascii) && run.mdm.l1missing && raw.missingcodes.size() != static_cast<std::size_t>(raw.level[0].numvar))
+  if (rawis(RawType::ascii) && run.mdm.l1missing &&
+      raw.missingcodes.size() != static_cast<std::size_t>(raw.level[0].numvar))
     stopwith(badmissing);
 }
 
@@ -330,7 +336,7 @@ void takenames(int level) {
   startnames(level, source.chosen.size());
   for (std::size_t v = 0; v < source.chosen.size(); ++v) {
     const RawVariable& variable = source.vartable[static_cast<std::size_t>(source.chosen[v])];
-    Name& name = namesof(level)[v + 1] = paddedname(printable(shownname(variable)));
+    Name& name = namesof(level)[v + 1] = paddedname(usablename(shownname(variable)));
     if (!samename(name, paddedname(variable.fullname)))
       std::printf("Variable %s of the level-%d file has the name %s in the MDM file.\n",
                   printable(variable.fullname).c_str(), level + 1, leftname(name).c_str());
@@ -341,11 +347,12 @@ void takenames(int level) {
 bool istemplate(const std::string& path) {
   std::FILE* stream = std::fopen(path.c_str(), "r");
   if (stream == nullptr) stopwith("Unable to open %s\n", path.c_str());
-  char line[80] = "";
-  (void)std::fgets(line, sizeof line, stream);
+  char bytes[80];
+  std::string line(bytes, std::fread(bytes, 1, sizeof bytes, stream));
   checkread(stream, path);
   std::fclose(stream);
-  return beginswith(line, templatehead) || beginswith(line, (std::string("\xEF\xBB\xBF") + templatehead).c_str());
+  dropmark(line, path);
+  return beginswith(line, templatehead);
 }
 
 void readtemplate(const std::string& path) {
@@ -357,7 +364,7 @@ void readtemplate(const std::string& path) {
   raw.templatename = path;
   run.mdm.l1missing = false;
   run.mdm.deletednow = true;
-  run.mdm.mdmtype = 0;
+  run.mdm.mdmtype = MdmType::ordinary;
   run.mdm.numericids = false;
   while (nextword(text, line)) takeline(text, line);
   text.stream.reset();
@@ -367,16 +374,17 @@ void readtemplate(const std::string& path) {
 
 void writetemplate(bool samemissing) {
   const MdmData& mdm = run.mdm;
-  const bool ascii = rawis(rawascii);
+  const bool ascii = rawis(RawType::ascii);
   for (const LevelSource& source : raw.level)
     if (samefile(source.filename, templatecopy))
       stopwith("The raw data file %s bears the name of the template's copy. Please rename it.\n",
                source.filename.c_str());
+  refuseinput(templatecopy, InputKind::mdmtemplate);
   ResultFile file;
   opentext(file, templatecopy);
   std::FILE* out = file.stream;
   std::fprintf(out, "%s\n", templatehead);
-  std::fprintf(out, "mdmtype:%d\n", mdm.mdmtype);
+  std::fprintf(out, "mdmtype:%d\n", static_cast<int>(mdm.mdmtype));
   std::fprintf(out, "rawdattype:%s\n", raw.reader->word);
   for (int level = 0; level < 3; ++level) {
     const LevelSource& source = raw.level[level];

@@ -6,6 +6,8 @@
 // `noslot` and ends the row. All tables are allocated by `allocatemodel`.
 #pragma once
 
+#include <optional>
+
 #include "core/constants.h"
 #include "core/names.h"
 #include "core/outcome.h"
@@ -13,6 +15,15 @@
 #include "kernel/array.h"
 
 namespace kdr {
+
+// What is taken off a variable.
+enum class Centering { none, groupmean, grandmean };
+
+// The part of a level-1 variable in a set of equations; that of variable 0 tells whether the intercept is in.
+enum class Use { none, outcome, predictor };
+
+// Whether a missing value in a level-1 variable removes its record at analysis time.
+enum class Deletion { none, ofmodel, named };  // named: by LEVEL1DELETION:
 
 // Numbers and labels of the coefficients, counted once the model is complete.
 struct Coefficients {
@@ -31,7 +42,7 @@ struct Coefficients {
 
 // What is not free in the variances. The field of a keyword bears the keyword's name.
 struct Restrictions {
-  double fixsigma2 = 0.0;                       // FIXSIGMA2:. 0.0: sigma^2 is estimated
+  std::optional<double> fixsigma2;              // FIXSIGMA2:. Without one sigma^2 is estimated
   bool diagtaupi = false, diagtaubeta = false;  // DIAGONALIZETAUPI:, DIAGONALIZETAUBETA:
   bool haveesttau2 = false, haveesttau3 = false;
   Array<double> esttau2, esttau3;  // ESTTAU2:, ESTTAU3:. Square, of the order of the tau; missingcode is free
@@ -52,23 +63,22 @@ struct Model {
   bool weighted = false;                      // a design weight is in force
   int autovknown = 0;                         // VARIANCEKNOWN:. Level-1 index of the known variance, 0 none
 
-  IntTable use1;       // [e][v], ncol1: -1 the outcome, 1 a level-1 predictor (v 0: the intercept is in), 0 neither
-  Array<int> center1;  // [v], ncol1: 0 none, 1 group mean, 2 grand mean
-  IntTable fixed1;     // [e][c], ncol1: not 0: coefficient c has no level-2 random effect
-  IntTable terms2;     // [e][c][s], ncol1 rows of ncol2: level-2 variable of term s; 0 is INTRCPT2
-  IntTable nterms2;    // [e][c], ncol1: filled terms of the row
-  IntTable extra2;     // [e][c][12]: level-2 variables listed for exploratory analysis, noslot in free slots
-  IntTable nextra2;    // [e][c], ncol1
-  Array<int> center2;  // [v], ncol2
-  IntTable fixed2;     // [e][b], maxbeta: not 0: coefficient b has no level-3 random effect
-  IntTable terms3;     // [e][b][s], maxbeta rows of ncol3: level-3 variable of term s; 0 is INTRCPT3
-  IntTable nterms3;    // [e][b], maxbeta
-  IntTable extra3;     // [e][b][12]: level-3 variables listed for exploratory analysis
-  IntTable nextra3;    // [e][b], maxbeta
-  Array<int> center3;  // [v], ncol3: 0 or 2
+  EquationTable<Use> use1;   // [e][v], ncol1
+  Array<Centering> center1;  // [v], ncol1
+  IntTable fixed1;           // [e][c], ncol1: not 0: coefficient c has no level-2 random effect
+  IntTable terms2;           // [e][c][s], ncol1 rows of ncol2: level-2 variable of term s; 0 is INTRCPT2
+  IntTable nterms2;          // [e][c], ncol1: filled terms of the row
+  IntTable extra2;           // [e][c][12]: level-2 variables listed for exploratory analysis, noslot in free slots
+  IntTable nextra2;          // [e][c], ncol1
+  Array<Centering> center2;  // [v], ncol2
+  IntTable fixed2;           // [e][b], maxbeta: not 0: coefficient b has no level-3 random effect
+  IntTable terms3;           // [e][b][s], maxbeta rows of ncol3: level-3 variable of term s; 0 is INTRCPT3
+  IntTable nterms3;          // [e][b], maxbeta
+  IntTable extra3;           // [e][b][12]: level-3 variables listed for exploratory analysis
+  IntTable nextra3;          // [e][b], maxbeta
+  Array<Centering> center3;  // [v], ncol3: none or grandmean
 
-  Array<int> delete1;  // [v - 1], nvar1: 2 named by LEVEL1DELETION:, 1 of the model, 0 not looked at. A missing value
-                       // in a variable with an entry not 0 removes the level-1 record at analysis time
+  Array<Deletion> delete1;  // [v - 1], nvar1
 
   // Constraints among the fixed effects.
   Array<int> constraints;         // [full ngamma]: group of each gamma, 0 free

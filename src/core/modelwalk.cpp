@@ -1,5 +1,7 @@
 #include "core/modelwalk.h"
 
+#include <algorithm>
+
 namespace kdr {
 
 namespace {
@@ -19,8 +21,7 @@ Equation equationof(const int* row, int width) {
 }
 
 // The fixed effects of the term that stands last in `rows.terms`.
-void addeffects(ModelRows& rows, const Equation& equation) {
-  const Model& model = run.model;
+void addeffects(const Model& model, ModelRows& rows, const Equation& equation) {
   TermRow& term = rows.terms.back();
   term.firsteffect = static_cast<int>(rows.effects.size());
   term.neffects = equation.n;
@@ -34,20 +35,20 @@ void addeffects(ModelRows& rows, const Equation& equation) {
 
 // The terms of the coefficient that stands last in `rows.coefficients`; `place` runs on from coefficient to
 // coefficient.
-void addterms(ModelRows& rows, int& place) {
-  const Model& model = run.model;
+void addterms(const Model& model, ModelRows& rows, int& place) {
   CoefficientRow& coefficient = rows.coefficients.back();
   const int owner = static_cast<int>(rows.coefficients.size()) - 1;
   const Equation none{interceptonly, 1, 0};
-  const Equation equation =
-      coefficient.threshold ? none : equationof(model.terms2.row(coefficient.set, coefficient.place), run.mdm.ncol2);
+  const Equation equation = coefficient.threshold
+                                ? none
+                                : equationof(model.terms2.row(coefficient.set, coefficient.place), model.terms2.width);
   coefficient.firstterm = static_cast<int>(rows.terms.size());
   coefficient.nterms = equation.n;
   for (int s = 0; s < equation.n; ++s, ++place) {
     const bool random = !coefficient.threshold && model.fixed2.row(coefficient.set)[place] == 0;
     rows.terms.push_back({owner, place, equation.terms[s], s, s + equation.shift, random, 0, 0});
-    addeffects(rows,
-               coefficient.threshold ? none : equationof(model.terms3.row(coefficient.set, place), run.mdm.ncol3));
+    addeffects(model, rows,
+               coefficient.threshold ? none : equationof(model.terms3.row(coefficient.set, place), model.terms3.width));
   }
 }
 
@@ -59,20 +60,31 @@ int filledslots(const int* row, int width) {
   return n;
 }
 
-ModelRows modelrows() {
+ModelRows modelrows(const Model& model) {
   ModelRows rows;
-  for (int set = 0; set < run.model.neqsets; ++set) {
+  const int nvar1 = static_cast<int>(model.delete1.size());  // the columns behind them are thresholds
+  for (int set = 0; set < model.neqsets; ++set) {
     int c = 0, place = 0;
-    for (int v = 0; v < run.mdm.ncol1; ++v) {
-      if (run.model.use1.row(set)[v] != 1) continue;
-      const bool threshold = run.model.outcome.ordinal() && v > run.mdm.nvar1;
-      const bool random = !threshold && run.model.fixed1.row(set)[c] == 0;
-      rows.coefficients.push_back({set, c, v, run.model.nointercept1 ? c + 1 : c, threshold, random, 0, 0});
-      addterms(rows, place);
+    for (int v = 0; v < model.use1.width; ++v) {
+      if (model.use1.row(set)[v] != Use::predictor) continue;
+      const bool threshold = model.outcome.ordinal() && v > nvar1;
+      const bool random = !threshold && model.fixed1.row(set)[c] == 0;
+      rows.coefficients.push_back({set, c, v, model.nointercept1 ? c + 1 : c, threshold, random, 0, 0});
+      addterms(model, rows, place);
       ++c;
     }
   }
   return rows;
+}
+
+int randomatlevel2(const ModelRows& rows) {
+  const auto random = [](const CoefficientRow& row) { return row.random; };
+  return static_cast<int>(std::count_if(rows.coefficients.begin(), rows.coefficients.end(), random));
+}
+
+int randomatlevel3(const ModelRows& rows) {
+  const auto random = [](const TermRow& row) { return row.random; };
+  return static_cast<int>(std::count_if(rows.terms.begin(), rows.terms.end(), random));
 }
 
 std::vector<int> reducedeffects(const ModelRows& rows) {

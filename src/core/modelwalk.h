@@ -1,16 +1,16 @@
-// The one walk over run.model: its coefficients of the three levels as lists, in the order in which the design, the
+// The one walk over a model: its coefficients of the three levels as lists, in the order in which the design, the
 // counts, the labels, the start values and the tables take them.
 //
 // The order: equation set by set; in a set the level-1 coefficients by variable, the intercept first and the thresholds
 // of an ordinal model last; then the level-2 terms of each coefficient, and the level-3 terms of each of these.
 //
 // A threshold is a level-1 coefficient that is fixed at both levels: its equation of level 2 is INTRCPT2 alone, and
-// that of level 3 INTRCPT3 alone, so it has one fixed effect. The tables of run.model hold nothing of these equations.
+// that of level 3 INTRCPT3 alone, so it has one fixed effect. The tables of the model hold nothing of these equations.
 #pragma once
 
 #include <vector>
 
-#include "driver/runrecord.h"
+#include "core/model.h"
 
 namespace kdr {
 
@@ -67,11 +67,15 @@ struct ModelRows {
 };
 
 // The model as the tables stand; a model that the dialogue is still asking for has the rows that are known by then.
-[[nodiscard]] ModelRows modelrows();
+[[nodiscard]] ModelRows modelrows(const Model& model);
 
 // The fixed effect that each effect of the complete model is, once constraints are applied: members of a group share
 // one.
 [[nodiscard]] std::vector<int> reducedeffects(const ModelRows& rows);
+
+// Coefficients random at level 2, and at level 3: the orders of taupi and taubeta.
+[[nodiscard]] int randomatlevel2(const ModelRows& rows);
+[[nodiscard]] int randomatlevel3(const ModelRows& rows);
 
 // Filled slots of a row of terms.
 [[nodiscard]] int filledslots(const int* row, int width);

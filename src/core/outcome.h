@@ -1,6 +1,8 @@
 // What kind of variable the outcome is, and how its mean hangs on the linear predictor.
 #pragma once
 
+#include <optional>
+
 namespace kdr {
 
 enum class Family {
@@ -11,6 +13,8 @@ enum class Family {
   multinomial,
   ordinal,
 };
+inline constexpr const char* familynames[] = {"Normal", "Bernoulli", "Binomial", "Poisson", "Multinomial", "Ordinal"};
+[[nodiscard]] constexpr const char* nameof(Family family) { return familynames[static_cast<int>(family)]; }
 
 enum class Link { identity, logit, log, baselinelogit, cumulativelogit };
 
@@ -18,9 +22,9 @@ enum class Link { identity, logit, log, baselinelogit, cumulativelogit };
 // binomial ones always.
 struct Outcome {
   Family family = Family::normal;
-  int categories = 0;     // of a multinomial or ordinal outcome
-  bool counted = false;   // a level-1 column holds trials or exposure
-  int countvariable = 0;  // its level-1 index, 0 while the dialogue has not asked for it
+  int categories = 0;                               // of a multinomial or ordinal outcome
+  bool counted = false;                             // a level-1 column holds trials or exposure
+  std::optional<int> countvariable = std::nullopt;  // its level-1 index, once it is known
 
   [[nodiscard]] bool linear() const { return family == Family::normal; }
   [[nodiscard]] bool ordinal() const { return family == Family::ordinal; }

@@ -11,23 +11,25 @@ namespace kdr {
 enum class Tau { pi, beta };
 
 // cells[(set * rows + r) * width + i]. A table with one row per set is addressed by row(set).
-struct IntTable {
-  Array<int> cells;
+template <class T>
+struct EquationTable {
+  Array<T> cells;
   int rows = 0;   // rows of one equation set
-  int width = 0;  // ints of one row
+  int width = 0;  // cells of one row
 
-  void reset(int sets, int rowsperset, int rowwidth, int value) {
+  void reset(int sets, int rowsperset, int rowwidth, T value) {
     rows = rowsperset;
     width = rowwidth;
     cells.reset(static_cast<std::size_t>(sets) * static_cast<std::size_t>(rows) * static_cast<std::size_t>(width));
-    if (value != 0) cells.fill(value);
+    if (value != T{}) cells.fill(value);
   }
-  [[nodiscard]] int* row(int set, int r = 0) {
+  [[nodiscard]] T* row(int set, int r = 0) {
     return cells.data() +
            (static_cast<std::size_t>(set) * static_cast<std::size_t>(rows) + static_cast<std::size_t>(r)) *
                static_cast<std::size_t>(width);
   }
-  [[nodiscard]] const int* row(int set, int r = 0) const { return const_cast<IntTable*>(this)->row(set, r); }
+  [[nodiscard]] const T* row(int set, int r = 0) const { return const_cast<EquationTable*>(this)->row(set, r); }
 };
+using IntTable = EquationTable<int>;
 
 }  // namespace kdr

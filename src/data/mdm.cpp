@@ -3,16 +3,13 @@
 #include <sys/stat.h>
 
 #include <bit>
+#include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstring>
 #include <string>
 
-#include "construct/onefile.h"
 #include "core/formatted.h"
-#include "data/resultfile.h"
-#include "data/scratch.h"
-#include "driver/failures.h"
-#include "driver/runrecord.h"
 
 namespace kdr {
 
@@ -21,10 +18,8 @@ namespace {
 static_assert(std::endian::native == std::endian::little, "the file's numbers are copied as they stand in memory");
 static_assert(sizeof(MdmHeader) == 48 && sizeof(Name) == 13);
 
-constexpr char magic[] = {'M', 'X', 'K', 'D', 'R', '3'};
 constexpr double oldestversion = 5.309;  // at or below it a file has another layout
 constexpr double mdmtypesince = 6.295;   // above it the head has the field mdmtype
-constexpr int fnamelen = maxpath;
 
 // A sum of products that stays within the length of a file. No product is formed before it is known to fit.
 struct Extent {
@@ -47,66 +42,80 @@ long long filelength(std::FILE* stream) {
   return status.st_size;
 }
 
-std::size_t readmost(void* destination, std::size_t bytes) {
-  return readupto(destination, bytes, run.mdm.stream, run.files.mdmfile);
-}
+// A reading of the file up to the first thing that is wrong with it. What is read behind that is zero.
+struct Reading {
+  MdmData& mdm;
+  Failure failure;
 
-void take(void* destination, std::size_t bytes) {
-  if (readmost(destination, bytes) != bytes) damagedmdm("it is cut off");
-}
-
-[[noreturn]] void notmdm() {
-  const std::string& path = run.files.mdmfile;
-  if (typeofextension(path) != nullptr)
-    std::printf("%s is raw data: kdr3 -from %s -level3 COLUMN -level2 COLUMN makes an MDM file of it.\n", path.c_str(),
-                path.c_str());
-  stopwith("Not a valid mdm file.\n");
-}
+  void damaged(const char* what) {
+    if (!failure) failure = damagedmdm(mdm, what);
+  }
+  // Up to `bytes` bytes; how many there were.
+  std::size_t most(void* destination, std::size_t bytes) {
+    const std::size_t got = failure ? 0 : std::fread(destination, 1, bytes, mdm.stream);
+    if (got < bytes && !failure && std::ferror(mdm.stream) != 0) {
+      failure = failedwith("Unable to read " + mdm.path + "\n");
+      failure.systemerror = errno;
+    }
+    return got;
+  }
+  void take(void* destination, std::size_t bytes) {
+    const std::size_t got = most(destination, bytes);
+    if (got == bytes) return;
+    std::memset(static_cast<char*>(destination) + got, 0, bytes - got);
+    damaged("it is cut off");
+  }
+};
 
 // Reads magic, version and counts. Returns the head's length.
-long long readhead(MdmHeader& head) {
-  char found[sizeof magic];
-  if (readmost(found, sizeof found) != sizeof found || std::memcmp(found, magic, sizeof magic) != 0) notmdm();
-  take(&head.version, sizeof head.version);
+long long readhead(Reading& reading, MdmHeader& head) {
+  char found[mdmmagic.size()];
+  if (reading.most(found, sizeof found) != sizeof found || std::string_view(found, sizeof found) != mdmmagic) {
+    if (!reading.failure) reading.failure = failedwith(notmdmwords);
+    return 0;
+  }
+  reading.take(&head.version, sizeof head.version);
   const double version = head.version;
-  if (!(version > oldestversion)) stopwith("Sorry, you will have to remake this ssm file.\n");
-  take(&head.numl1var, 8 * sizeof(int));
+  if (!(version > oldestversion) && !reading.failure)
+    reading.failure = failedwith("Sorry, you will have to remake this ssm file.\n");
+  reading.take(&head.numl1var, 8 * sizeof(int));
   head.mdmtype = 0;
-  if (version > mdmtypesince) take(&head.mdmtype, sizeof head.mdmtype);
-  take(&head.rawdattype, 2 * sizeof(int));
+  if (version > mdmtypesince) reading.take(&head.mdmtype, sizeof head.mdmtype);
+  reading.take(&head.rawdattype, 2 * sizeof(int));
   return version > mdmtypesince ? 54 : 50;
 }
 
-void checkhead(const MdmHeader& head) {
-  if (head.numl1var < 1 || head.numl2var < 0 || head.numl3var < 0) damagedmdm("its numbers of variables cannot be");
+// Of a negated code, too.
+RawType rawtypeof(const MdmHeader& head) {
+  return static_cast<RawType>(head.rawdattype > 0 ? head.rawdattype : -static_cast<long long>(head.rawdattype));
+}
+
+void checkhead(Reading& reading, const MdmHeader& head) {
+  if (head.numl1var < 1 || head.numl2var < 0 || head.numl3var < 0)
+    reading.damaged("its numbers of variables cannot be");
   if (head.numl3rec < 1 || head.numl2rec < head.numl3rec || head.numl1rec < head.numl2rec)
-    damagedmdm("its numbers of records and units do not agree");
-  if (head.maxnj < 1 || head.maxnj > head.numl1rec) damagedmdm("its largest unit has an impossible size");
-  if (head.mdmtype < 0 || head.mdmtype > 3) damagedmdm("its type is unknown");
-  switch (head.rawdattype) {
-    case 2:
-    case 3:
-    case 5:
-    case 6:
-    case 8:
-    case 9:
-    case -2:
-    case -3:
-    case -5:
-    case -6:
-    case -8:
-    case -9:
+    reading.damaged("its numbers of records and units do not agree");
+  if (head.maxnj < 1 || head.maxnj > head.numl1rec) reading.damaged("its largest unit has an impossible size");
+  if (head.mdmtype < 0 || head.mdmtype > 3) reading.damaged("its type is unknown");
+  switch (rawtypeof(head)) {
+    case RawType::ascii:
+    case RawType::systat:
+    case RawType::sas:
+    case RawType::spss:
+    case RawType::stata:
+    case RawType::other:
       break;
     default:
-      damagedmdm("its raw data type is unknown");
+      reading.damaged("its raw data type is unknown");
   }
-  if (static_cast<long long>(head.numl2var + 1LL) * head.numl1var > INT_MAX) damagedmdm("it has too many variables");
+  if (static_cast<long long>(head.numl2var + 1LL) * head.numl1var > INT_MAX)
+    reading.damaged("it has too many variables");
 }
 
 // Holds the counts against the file's length. The file must have exactly the bytes that its head tells; before the
 // width of the file names is known, `namewidth` of -1 asks for no more than room.
-void checklength(const MdmHeader& head, long long headlength, long long length, long long namewidth) {
-  const long long ids = static_cast<long long>(idwidth());
+void checklength(Reading& reading, const MdmHeader& head, long long headlength, long long length, long long namewidth) {
+  const long long ids = static_cast<long long>(idwidth(reading.mdm.numericids));
   Extent extent{headlength, length};
   if (headlength > length) extent.fits = false;
   for (const int nvar : {head.numl1var, head.numl2var, head.numl3var}) {
@@ -118,49 +127,48 @@ void checklength(const MdmHeader& head, long long headlength, long long length, 
   extent.add(head.numl3rec, ids + 8LL * head.numl3var);
   extent.add(head.numl2rec, 4 + 2 * ids + 8LL * head.numl1var + 8LL * head.numl2var);
   extent.add(head.numl1rec, 8LL * head.numl1var);
-  if (!extent.fits) damagedmdm("it is cut off");
-  if (namewidth >= 0 && extent.used != length) damagedmdm("it is longer than its head tells");
+  if (!extent.fits) reading.damaged("it is cut off");
+  if (namewidth >= 0 && extent.used != length) reading.damaged("it is longer than its head tells");
 }
 
-void readnames(Array<Name>& names, int nvar, const char* intercept) {
+void readnames(Reading& reading, Array<Name>& names, int nvar, const char* intercept) {
   const std::size_t slots = static_cast<std::size_t>(nvar) + 1;
   names.reset(slots);
   names[0] = paddedname(intercept);
-  take(names.data(), slots * sizeof(Name));
+  reading.take(names.data(), slots * sizeof(Name));
   for (Name& name : names) {
-    if (name.text[sizeof name.text - 1] != '\0') damagedmdm("a variable name has no end");
+    if (name.text[sizeof name.text - 1] != '\0') reading.damaged("a variable name has no end");
     printable(name.text).copy(name.text, sizeof name.text - 1);
   }
 }
 
-void readfilenames(int width) {
+void readfilenames(Reading& reading, int width) {
   std::string field(static_cast<std::size_t>(width), '\0');
-  for (std::string& fname : run.mdm.fnames) {
-    take(field.data(), field.size());
+  for (std::string& fname : reading.mdm.fnames) {
+    reading.take(field.data(), field.size());
     const std::size_t end = field.find('\0');
-    if (end == std::string::npos) damagedmdm("a file name has no end");
+    if (end == std::string::npos) return reading.damaged("a file name has no end");
     fname = field.substr(0, end);
   }
 }
 
-void readlevel3table() {
-  MdmData& mdm = run.mdm;
+void readlevel3table(Reading& reading) {
+  MdmData& mdm = reading.mdm;
   const auto rows = static_cast<std::size_t>(mdm.nunits3);
   mdm.textid3.reset(mdm.numericids ? 0 : rows);
   mdm.numericid3.reset(mdm.numericids ? rows : 0);
   if (mdm.numericids) {
-    take(mdm.numericid3.data(), rows * sizeof(double));
+    reading.take(mdm.numericid3.data(), rows * sizeof(double));
   } else {
-    take(mdm.textid3.data(), rows * sizeof(Name));
+    reading.take(mdm.textid3.data(), rows * sizeof(Name));
     for (const Name& id : mdm.textid3)
-      if (std::memchr(id.text, '\0', sizeof id.text) == nullptr) damagedmdm("a level-3 ID has no end");
+      if (std::memchr(id.text, '\0', sizeof id.text) == nullptr) reading.damaged("a level-3 ID has no end");
   }
   mdm.level3.reset(rows * static_cast<std::size_t>(mdm.nvar3));
-  take(mdm.level3.data(), mdm.level3.size() * sizeof(double));
+  reading.take(mdm.level3.data(), mdm.level3.size() * sizeof(double));
 }
 
-void takehead(const MdmHeader& head) {
-  MdmData& mdm = run.mdm;
+void takehead(MdmData& mdm, const MdmHeader& head) {
   mdm.nvar1 = head.numl1var;
   mdm.nvar2 = head.numl2var;
   mdm.nvar3 = head.numl3var;
@@ -170,8 +178,8 @@ void takehead(const MdmHeader& head) {
   mdm.l1missing = head.l1missing != 0;
   // Complete data leave nothing to delete at analysis time, whatever the field says.
   mdm.deletednow = head.timeofdeletion != 0 || !mdm.l1missing;
-  mdm.mdmtype = head.mdmtype;
-  mdm.rawdattype = head.rawdattype < 0 ? -head.rawdattype : head.rawdattype;
+  mdm.mdmtype = static_cast<MdmType>(head.mdmtype);
+  mdm.rawdattype = rawtypeof(head);
   mdm.maxnj = head.maxnj;
   mdm.ncol1 = mdm.nvar1 + 1;
   mdm.ncol2 = mdm.nvar2 + 1;
@@ -181,99 +189,70 @@ void takehead(const MdmHeader& head) {
 
 }  // namespace
 
-bool sameid(const Id& a, const Id& b) { return run.mdm.numericids ? a.number == b.number : compareids(a, b) == 0; }
+bool sameid(const Id& a, const Id& b, bool numeric) {
+  return numeric ? a.number == b.number : compareids(a, b, false) == 0;
+}
 
-int compareids(const Id& a, const Id& b) {
-  if (run.mdm.numericids) return a.number < b.number ? -1 : a.number > b.number ? 1 : 0;
+int compareids(const Id& a, const Id& b, bool numeric) {
+  if (numeric) return a.number < b.number ? -1 : a.number > b.number ? 1 : 0;
   if (std::memcmp(a.text.text, b.text.text, sizeof a.text.text) == 0) return 0;
   return comparename(a.text, b.text);
 }
 
-std::size_t idwidth() { return run.mdm.numericids ? sizeof(double) : sizeof(Name); }
+std::size_t idwidth(bool numeric) { return numeric ? sizeof(double) : sizeof(Name); }
 
-const void* idbytes(const Id& id) {
-  if (run.mdm.numericids) return &id.number;
+const void* idbytes(const Id& id, bool numeric) {
+  if (numeric) return &id.number;
   return id.text.text;
 }
 
-Id level3id(int k) {
+Id level3id(const MdmData& mdm, int k) {
   const auto row = static_cast<std::size_t>(k);
   Id id{};
-  if (run.mdm.numericids) {
-    id.number = run.mdm.numericid3[row];
+  if (mdm.numericids) {
+    id.number = mdm.numericid3[row];
   } else {
-    id.text = run.mdm.textid3[row];
+    id.text = mdm.textid3[row];
   }
   return id;
 }
 
-void damagedmdm(const char* what) { stopwith("The mdm file %s is damaged: %s.\n", run.files.mdmfile.c_str(), what); }
+Failure damagedmdm(const MdmData& mdm, const char* what) {
+  return failedwith("The mdm file " + mdm.path + " is damaged: " + what + ".\n");
+}
 
-void readmdm() {
-  MdmData& mdm = run.mdm;
+Failure readmdm(MdmData& mdm) {
+  Reading reading{mdm, {}};
   const long long length = filelength(mdm.stream);
-  if (length < 0 || fseeko(mdm.stream, 0, SEEK_SET) != 0) notmdm();
+  if (length < 0 || fseeko(mdm.stream, 0, SEEK_SET) != 0) return failedwith(notmdmwords);
   MdmHeader head{};
-  const long long headlength = readhead(head);
+  const long long headlength = readhead(reading, head);
+  if (reading.failure) return reading.failure;
   mdm.numericids = head.rawdattype < 0;
-  checkhead(head);
-  checklength(head, headlength, length, -1);
-  takehead(head);
+  checkhead(reading, head);
+  if (reading.failure) return reading.failure;
+  checklength(reading, head, headlength, length, -1);
+  if (reading.failure) return reading.failure;
+  takehead(mdm, head);
 
-  readnames(mdm.names1, mdm.nvar1, "INTRCPT1");
-  readnames(mdm.names2, mdm.nvar2, "INTRCPT2");
-  readnames(mdm.names3, mdm.nvar3, "INTRCPT3");
+  readnames(reading, mdm.names1, mdm.nvar1, "INTRCPT1");
+  readnames(reading, mdm.names2, mdm.nvar2, "INTRCPT2");
+  readnames(reading, mdm.names3, mdm.nvar3, "INTRCPT3");
   int namewidth = 0;
-  take(&namewidth, sizeof namewidth);
-  if (namewidth < 1) damagedmdm("its file names have no room");
-  checklength(head, headlength, length, namewidth);
-  readfilenames(namewidth);
+  reading.take(&namewidth, sizeof namewidth);
+  if (namewidth < 1) reading.damaged("its file names have no room");
+  if (reading.failure) return reading.failure;
+  checklength(reading, head, headlength, length, namewidth);
+  if (reading.failure) return reading.failure;
+  readfilenames(reading, namewidth);
 
   for (auto [means, nvar] : {std::pair{&mdm.mean1, mdm.nvar1}, {&mdm.mean2, mdm.nvar2}, {&mdm.mean3, mdm.nvar3}}) {
     means->reset(static_cast<std::size_t>(nvar));
-    take(means->data(), means->size() * sizeof(double));
+    reading.take(means->data(), means->size() * sizeof(double));
   }
-  readlevel3table();
+  readlevel3table(reading);
   mdm.firstblock = ftello(mdm.stream);
-}
-
-void writemdmtables(std::FILE* stream) {
-  const MdmData& mdm = run.mdm;
-  const MdmHeader head{fileversion,
-                       mdm.nvar1,
-                       mdm.nvar2,
-                       mdm.nvar3,
-                       mdm.nunits1,
-                       mdm.nunits2,
-                       mdm.nunits3,
-                       mdm.l1missing ? 1 : 0,
-                       mdm.deletednow,
-                       mdm.mdmtype,
-                       mdm.numericids ? -mdm.rawdattype : mdm.rawdattype,
-                       mdm.maxnj};
-  const char nomagic[sizeof magic] = {};
-  writechk(nomagic, sizeof nomagic, stream);
-  writechk(&head, sizeof head, stream);
-  for (const Array<Name>* names : {&mdm.names1, &mdm.names2, &mdm.names3})
-    writechk(names->data(), names->size() * sizeof(Name), stream);
-  writechk(&fnamelen, sizeof fnamelen, stream);
-  for (const std::string& fname : mdm.fnames) {
-    char field[fnamelen] = {};
-    fname.copy(field, sizeof field - 1);
-    writechk(field, sizeof field, stream);
-  }
-  for (const Array<double>* means : {&mdm.mean1, &mdm.mean2, &mdm.mean3})
-    writechk(means->data(), means->size() * sizeof(double), stream);
-  writechk(mdm.textid3.data(), mdm.textid3.size() * sizeof(Name), stream);
-  writechk(mdm.numericid3.data(), mdm.numericid3.size() * sizeof(double), stream);
-  writechk(mdm.level3.data(), mdm.level3.size() * sizeof(double), stream);
-}
-
-void finishmdm(ResultFile& file) {
-  // Everything else must have reached the file before the magic makes it one.
-  if (std::fflush(file.stream) != 0 || fseeko(file.stream, 0, SEEK_SET) != 0) fail(5);
-  writechk(magic, sizeof magic, file.stream);
-  finishresult(file);
+  return reading.failure;
 }
 
 }  // namespace kdr

@@ -6,30 +6,32 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdio>
+#include <string_view>
 
+#include "core/failure.h"
 #include "core/names.h"
+#include "data/mdmdata.h"
 
 namespace kdr {
 
-struct ResultFile;
+inline constexpr std::string_view mdmmagic = "MXKDR3";  // the file's first bytes
 
-// An ID of a level-2 or level-3 unit. `run.mdm.numericids` tells which of the two holds it.
+// An ID of a level-2 or level-3 unit. MdmData::numericids tells which of the two holds it.
 struct Id {
   Name text;
   double number;
 };
 
 // True when the two are the same ID: texts without regard to case, numbers exactly.
-[[nodiscard]] bool sameid(const Id& a, const Id& b);
+[[nodiscard]] bool sameid(const Id& a, const Id& b, bool numeric);
 // Order of two IDs: below 0, 0 or above 0.
-[[nodiscard]] int compareids(const Id& a, const Id& b);
+[[nodiscard]] int compareids(const Id& a, const Id& b, bool numeric);
 // Bytes of an ID in a file: 13 or 8.
-[[nodiscard]] std::size_t idwidth();
+[[nodiscard]] std::size_t idwidth(bool numeric);
 // The bytes of an ID, idwidth() of them, as they stand in a file.
-[[nodiscard]] const void* idbytes(const Id& id);
-// Row k (from 0) of the level-3 ID table of run.mdm.
-[[nodiscard]] Id level3id(int k);
+[[nodiscard]] const void* idbytes(const Id& id, bool numeric);
+// Row k (from 0) of the level-3 ID table.
+[[nodiscard]] Id level3id(const MdmData& mdm, int k);
 
 // The head's fields behind the magic, in file order.
 struct MdmHeader {
@@ -47,17 +49,13 @@ struct MdmHeader {
   int maxnj;           // largest nj of any block
 };
 
-// Reads run.mdm.stream from its start up to and including the level-3 matrix into run.mdm, and derives ncol1, ncol2,
-// ncol3 and maxbeta. Stops with code 100 and words of its own for a file that is no MDM file, too old, or damaged:
-// every count is held against the file's length before it is used.
-void readmdm();
+// Reads mdm.stream, whose name is mdm.path, from its start up to and including the level-3 matrix into `mdm`, and
+// derives ncol1, ncol2, ncol3 and maxbeta. Fails with words of its own for a file that is no MDM file (notmdmwords),
+// too old, or damaged: every count is held against the file's length before it is used.
+[[nodiscard]] Failure readmdm(MdmData& mdm);
+inline constexpr const char* notmdmwords = "Not a valid mdm file.\n";
 
-// Writes everything up to the blocks to a new file, from run.mdm, with zeros in place of the magic. Failure 5.
-void writemdmtables(std::FILE* stream);
-// Writes the magic and closes the file: from now on it is an MDM file. Failure 5.
-void finishmdm(ResultFile& file);
-
-// "The mdm file ... is damaged: ..." and the stop with code 100.
-[[noreturn]] void damagedmdm(const char* what);
+// "The mdm file ... is damaged: ...".
+[[nodiscard]] Failure damagedmdm(const MdmData& mdm, const char* what);
 
 }  // namespace kdr

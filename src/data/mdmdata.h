@@ -4,21 +4,24 @@
 #include <cstdio>
 #include <string>
 
+#include "core/codes.h"
 #include "core/names.h"
+#include "core/results.h"
 #include "kernel/array.h"
 
 namespace kdr {
 
 // What the MDM file holds besides its level-2 blocks.
 struct MdmData {
-  std::FILE* stream = nullptr;                // the open MDM file of a model run
+  std::FILE* stream = nullptr;                // the open MDM file
+  std::string path;                           // its name, for messages
   int nvar1 = 0, nvar2 = 0, nvar3 = 0;        // variables of each level, the intercept not counted
   Array<Name> names1, names2, names3;         // nvarL + 1 slots; slot 0 is the intercept
   int nunits1 = 0, nunits2 = 0, nunits3 = 0;  // level-1 records, level-2 units, level-3 units in the analysis
   int numl1rec = 0;                           // level-1 records that the file holds
   int numl2rec = 0, numl3rec = 0;             // level-2 blocks and level-3 rows that the file holds
-  int mdmtype = 0;          // 0 ordinary, 1 and 3 measurement model at level 1, 2 growth: picks the report's symbols
-  int rawdattype = 0;       // 2 ASCII, 3 SYSTAT, 5 SAS transport, 6 SPSS, 8 Stata, 9 other
+  MdmType mdmtype = MdmType::ordinary;
+  RawType rawdattype = RawType::ascii;
   bool numericids = false;  // IDs are doubles, else 13-byte texts
   bool l1missing = false;   // the level-1 data were declared to hold missing values
   bool deletednow = false;  // missing level-1 data were deleted when the file was made; else the data pass does it
@@ -34,10 +37,13 @@ struct MdmData {
   int maxbeta = 0;                      // ncol2 * nvar1: level-2 coefficients that an equation set can have
 };
 
-// Design weights and known variances, one entry per level-1 record, level-2 unit and level-3 unit in file order.
+[[nodiscard]] inline UnitCounts countsof(const MdmData& data) {
+  return {data.nunits1, data.nunits2, data.nunits3, data.numl1rec};
+}
+
+// Design weights, one entry per level-1 record, level-2 unit and level-3 unit in file order.
 struct DesignWeights {
   Array<double> weight1;  // empty unless the run is weighted
-  Array<double> factor1;  // sqrt(weight1) over the root of the known variance; empty without either
   Array<double> weight2;
   Array<double> weight3;
 };

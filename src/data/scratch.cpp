@@ -13,14 +13,10 @@
 #include <system_error>
 
 #include "core/constants.h"
-#include "core/formatted.h"
-#include "driver/failures.h"
 
 namespace kdr {
 
 namespace {
-
-ScratchFile table[maxscratch];
 
 // A new file in the user's temporary directory that nobody else can open: one that never had a name where the system
 // has such files, otherwise one that was new under its name and lost it at once. -1 when there can be none.
@@ -37,92 +33,28 @@ int openunnamed() {
   return handle;
 }
 
-[[noreturn]] void notempfile() {
-  std::perror("tmpfile");
-  fail(6);
-}
-
 }  // namespace
 
+Failure notemporaryfile() {
+  Failure failure = failed(notemporary);
+  failure.systemerror = errno;
+  return failure;
+}
+
 ScratchFile scratchopen() {
-  ScratchFile* slot = nullptr;
-  for (ScratchFile& entry : table)
-    if (entry == nullptr) {
-      slot = &entry;
-      break;
-    }
-  if (slot == nullptr) stopwith("Cannot open any more scratch files!\n");
-
   const int handle = openunnamed();
-  if (handle < 0) notempfile();
-  *slot = fdopen(handle, "w+b");
-  if (*slot == nullptr) {
+  if (handle < 0) return nullptr;
+  ScratchFile file(fdopen(handle, "w+b"));
+  if (file == nullptr) {
+    const int problem = errno;
     close(handle);
-    notempfile();
+    errno = problem;
   }
-  return *slot;
-}
-
-void checkscratch() { scratchclose(scratchopen()); }
-
-void scratchclose(ScratchFile file) {
-  for (ScratchFile& entry : table)
-    if (file != nullptr && entry == file) {
-      std::fclose(entry);
-      entry = nullptr;
-    }
-}
-
-void scratchcloseall() {
-  for (ScratchFile& entry : table)
-    if (entry != nullptr) {
-      std::fclose(entry);
-      entry = nullptr;
-    }
-}
-
-std::FILE* openfile(const std::string& path, const char* mode) {
-  std::FILE* stream = std::fopen(path.c_str(), mode);
-  if (stream != nullptr && mode[0] == 'r') {
-    // A directory opens for reading but cannot be read.
-    const int c = std::fgetc(stream);
-    if (c == EOF && std::ferror(stream)) {
-      const int problem = errno;
-      std::fclose(stream);
-      stream = nullptr;
-      errno = problem;
-    } else if (c != EOF) {
-      std::ungetc(c, stream);
-    } else {
-      std::clearerr(stream);
-    }
-  }
-  if (stream != nullptr) return stream;
-  std::perror("");
-  std::printf("Unable to open %s for ", printable(path).c_str());
-  if (mode[0] == 'r') std::printf("reading\n");
-  if (mode[0] == 'w' || mode[0] == 'a') std::printf("writing\n");
-  stoprun(100);
-}
-
-void checkread(std::FILE* stream, const std::string& name) {
-  if (std::ferror(stream) == 0) return;
-  std::perror("");
-  stopwith("Unable to read %s\n", name.c_str());
+  return file;
 }
 
 int readchk(void* buffer, std::size_t bytes, std::FILE* stream) {
   return bytes == 0 || std::fread(buffer, bytes, 1, stream) == 1;
-}
-
-std::size_t readupto(void* buffer, std::size_t bytes, std::FILE* stream, const std::string& name) {
-  const std::size_t got = std::fread(buffer, 1, bytes, stream);
-  if (got < bytes) checkread(stream, name);
-  return got;
-}
-
-void writechk(const void* buffer, std::size_t bytes, std::FILE* stream) {
-  if (bytes != 0 && std::fwrite(buffer, bytes, 1, stream) != 1) fail(5);
 }
 
 bool samefile(const std::string& one, const std::string& other) {
@@ -159,11 +91,6 @@ std::string behindlinks(const std::string& path) {
 bool isspecial(const std::string& path) {
   struct stat status {};
   return stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
-}
-
-void closechk(std::FILE* stream) {
-  const bool unwritten = std::ferror(stream) != 0;
-  if (std::fclose(stream) != 0 || unwritten) fail(5);
 }
 
 }  // namespace kdr

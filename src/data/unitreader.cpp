@@ -5,10 +5,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "data/scratch.h"
-#include "driver/failures.h"
-#include "driver/runrecord.h"
 
 namespace kdr {
 
@@ -16,24 +15,35 @@ namespace {
 
 constexpr std::size_t buffersize = std::size_t{1} << 20;
 
-bool readsmdm(const UnitReader& reader) { return reader.stream == run.mdm.stream; }
+bool readsmdm(const UnitReader& reader) { return reader.stream == reader.mdm->stream; }
 
-[[noreturn]] void damaged(const UnitReader& reader, const char* what) {
-  if (readsmdm(reader)) damagedmdm(what);
-  stopwith("%s is damaged: %s.\n", reader.withmeans ? "A temporary file" : "The working data file", what);
+void stopreading(UnitReader& reader, Failure failure) {
+  if (!reader.failure) reader.failure = std::move(failure);
 }
 
-// Reads up to `bytes` bytes at a file position. Less only at the end of the file.
-std::size_t readat(const UnitReader& reader, char* destination, std::size_t bytes, long long position) {
+void damaged(UnitReader& reader, const char* what) {
+  if (readsmdm(reader)) return stopreading(reader, damagedmdm(*reader.mdm, what));
+  const char* file = reader.withmeans ? "A temporary file" : "The working data file";
+  stopreading(reader, failedwith(std::string(file) + " is damaged: " + what + ".\n"));
+}
+
+// Reads up to `bytes` bytes at a file position. Less only at the end of the file, and when the reading has failed.
+std::size_t readat(UnitReader& reader, char* destination, std::size_t bytes, long long position) {
   std::size_t done = 0;
-  while (done < bytes) {
-    checksignals();
+  while (done < bytes && !reader.failure) {
+    if (reader.observer != nullptr && reader.observer->givesup()) {
+      stopreading(reader, failed(abandoned));
+      break;
+    }
     const ssize_t got = pread(fileno(reader.stream), destination + done, bytes - done,
                               static_cast<off_t>(position) + static_cast<off_t>(done));
     if (got < 0 && errno == EINTR) continue;
     if (got < 0) {
-      std::perror("");
-      stopwith("Unable to read %s\n", readsmdm(reader) ? run.files.mdmfile.c_str() : "a temporary file");
+      Failure failure = failedwith("Unable to read " +
+                                   (readsmdm(reader) ? reader.mdm->path : std::string("a temporary file")) + "\n");
+      failure.systemerror = errno;
+      stopreading(reader, std::move(failure));
+      break;
     }
     if (got == 0) break;
     done += static_cast<std::size_t>(got);
@@ -58,17 +68,20 @@ void takeacross(UnitReader& reader, char* to, std::size_t bytes) {
   if (rest >= reader.buffer.size()) {
     reader.start += static_cast<long long>(reader.at);
     reader.at = reader.have = 0;
-    if (readat(reader, to + buffered, rest, reader.start) != rest) damaged(reader, "it is cut off");
+    if (readat(reader, to + buffered, rest, reader.start) != rest) return damaged(reader, "it is cut off");
     reader.start += static_cast<long long>(rest);
     return;
   }
   refill(reader);
-  if (reader.have < rest) damaged(reader, "it is cut off");
+  if (reader.have < rest) {
+    reader.have = 0;
+    return damaged(reader, "it is cut off");
+  }
   std::memcpy(to + buffered, reader.buffer.data(), rest);
   reader.at = rest;
 }
 
-// Copies the next `bytes` bytes.
+// Copies the next `bytes` bytes. What a reader that has failed leaves of them is of no use.
 inline void take(UnitReader& reader, void* destination, std::size_t bytes) {
   if (bytes == 0) return;
   if (bytes > reader.have - reader.at) return takeacross(reader, static_cast<char*>(destination), bytes);
@@ -77,7 +90,7 @@ inline void take(UnitReader& reader, void* destination, std::size_t bytes) {
 }
 
 void takeid(UnitReader& reader, Id& id) {
-  if (run.mdm.numericids) {
+  if (reader.mdm->numericids) {
     take(reader, &id.number, sizeof id.number);
     return;
   }
@@ -91,12 +104,13 @@ void sizeblock(const UnitReader& reader, UnitBlock& block) {
   const auto nvar2 = static_cast<std::size_t>(reader.nvar2);
   if (block.means.size() < nvar1) block.means.reset(nvar1);
   if (block.level2.size() < nvar2) block.level2.reset(nvar2);
-  const std::size_t most = static_cast<std::size_t>(run.mdm.maxnj) * nvar1;
+  const std::size_t most = static_cast<std::size_t>(reader.mdm->maxnj) * nvar1;
   if (block.records.size() < most) block.records.reset(most);
 }
 
 // Reads nj; false at the end of the file.
 bool takecount(UnitReader& reader, UnitBlock& block) {
+  if (reader.failure) return false;
   if (reader.at == reader.have) refill(reader);
   if (reader.have == 0) return false;
   sizeblock(reader, block);
@@ -104,9 +118,9 @@ bool takecount(UnitReader& reader, UnitBlock& block) {
   const std::size_t room = block.records.size() / std::max<std::size_t>(static_cast<std::size_t>(reader.nvar1), 1);
   // A working copy keeps the units that deletion left without a record.
   if (block.nj < (reader.withmeans ? 1 : 0) || static_cast<std::size_t>(block.nj) > room ||
-      (reader.withmeans && block.nj > run.mdm.maxnj))
+      (reader.withmeans && block.nj > reader.mdm->maxnj))
     damaged(reader, "a level-2 unit has an impossible size");
-  return true;
+  return !reader.failure;
 }
 
 void taketail(UnitReader& reader, UnitBlock& block) {
@@ -117,29 +131,33 @@ void taketail(UnitReader& reader, UnitBlock& block) {
 
 // Counts a delivered block of the MDM file, and holds the counts against the head once all blocks have been seen.
 void tally(UnitReader& reader, const UnitBlock& block) {
-  const MdmData& mdm = run.mdm;
+  const MdmData& mdm = *reader.mdm;
   reader.tallyposition = unitposition(reader);
   ++reader.units;
   reader.records += block.nj;
-  if (reader.units > mdm.numl2rec || reader.records > mdm.numl1rec) damagedmdm("it holds more than its head tells");
+  if (reader.units > mdm.numl2rec || reader.records > mdm.numl1rec)
+    return damaged(reader, "it holds more than its head tells");
   // A run may have shortened its level-3 table since the file was read.
   if (mdm.nunits3 == mdm.numl3rec) {
-    if (reader.group < 0 || !sameid(block.id3, level3id(reader.group))) {
+    if (reader.group < 0 || !sameid(block.id3, level3id(mdm, reader.group), mdm.numericids)) {
       ++reader.group;
-      if (reader.group >= mdm.nunits3 || !sameid(block.id3, level3id(reader.group)))
-        damagedmdm("its level-2 units do not follow its level-3 table");
+      if (reader.group >= mdm.nunits3 || !sameid(block.id3, level3id(mdm, reader.group), mdm.numericids))
+        return damaged(reader, "its level-2 units do not follow its level-3 table");
     }
     if (reader.units == mdm.numl2rec && reader.group + 1 != mdm.nunits3)
-      damagedmdm("its level-2 units do not follow its level-3 table");
+      return damaged(reader, "its level-2 units do not follow its level-3 table");
   }
   if (reader.units == mdm.numl2rec && reader.records != mdm.numl1rec)
-    damagedmdm("it holds fewer level-1 records than its head tells");
+    return damaged(reader, "it holds fewer level-1 records than its head tells");
 }
 
 }  // namespace
 
-void startunits(UnitReader& reader, std::FILE* stream, long long offset, int nvar1, int nvar2, bool withmeans) {
-  if (std::fflush(stream) != 0) fail(5);
+void startunits(UnitReader& reader, const MdmData& mdm, std::FILE* stream, long long offset, int nvar1, int nvar2,
+                bool withmeans) {
+  reader.failure = {};
+  if (std::fflush(stream) != 0 || std::ferror(stream) != 0) stopreading(reader, failed(fulldisk));
+  reader.mdm = &mdm;
   reader.stream = stream;
   reader.nvar1 = nvar1;
   reader.nvar2 = nvar2;
@@ -147,7 +165,7 @@ void startunits(UnitReader& reader, std::FILE* stream, long long offset, int nva
   if (reader.buffer.empty()) reader.buffer.reset(buffersize);
   reader.start = reader.tallyposition = offset;
   reader.have = reader.at = 0;
-  reader.tallied = withmeans && stream == run.mdm.stream && offset == run.mdm.firstblock;
+  reader.tallied = withmeans && stream == mdm.stream && offset == mdm.firstblock;
   reader.units = 0;
   reader.records = 0;
   reader.group = -1;
@@ -157,19 +175,21 @@ bool readunit(UnitReader& reader, UnitBlock& block) {
   // A jump that did not lead back to where the last block ended ends the tally.
   if (unitposition(reader) != reader.tallyposition) reader.tallied = false;
   if (!takecount(reader, block)) {
-    if (reader.tallied && reader.units != run.mdm.numl2rec) damagedmdm("it is cut off");
+    if (!reader.failure && reader.tallied && reader.units != reader.mdm->numl2rec) damaged(reader, "it is cut off");
     return false;
   }
   const std::size_t row = static_cast<std::size_t>(reader.nvar1) * sizeof(double);
   if (reader.withmeans) take(reader, block.means.data(), row);
   take(reader, block.records.data(), static_cast<std::size_t>(block.nj) * row);
   taketail(reader, block);
-  if (reader.tallied) tally(reader, block);
-  return true;
+  if (reader.tallied && !reader.failure) tally(reader, block);
+  return !reader.failure;
 }
 
-void neededunit(UnitReader& reader, UnitBlock& block) {
-  if (!readunit(reader, block)) damaged(reader, "it is cut off");
+bool neededunit(UnitReader& reader, UnitBlock& block) {
+  if (readunit(reader, block)) return true;
+  damaged(reader, "it is cut off");
+  return false;
 }
 
 bool skimunit(UnitReader& reader, UnitBlock& block) {
@@ -177,7 +197,7 @@ bool skimunit(UnitReader& reader, UnitBlock& block) {
   const long long rows = block.nj + (reader.withmeans ? 1LL : 0LL);
   seekunit(reader, unitposition(reader) + rows * reader.nvar1 * static_cast<long long>(sizeof(double)));
   taketail(reader, block);
-  return true;
+  return !reader.failure;
 }
 
 long long unitposition(const UnitReader& reader) { return reader.start + static_cast<long long>(reader.at); }
@@ -191,31 +211,32 @@ void seekunit(UnitReader& reader, long long position) {
   reader.at = reader.have = 0;
 }
 
-std::FILE* startworking() {
-  // Keep the number of writes low. The library takes the size of a buffer only with the buffer itself, which has to
-  // last as long as the stream: two are open at a time, the one that is written and the one before it, which is read.
-  static char pieces[2][std::size_t{256} << 10];
-  static int turn = 0;
-  std::FILE* stream = scratchopen();
-  turn = 1 - turn;
-  std::setvbuf(stream, pieces[turn], _IOFBF, sizeof pieces[turn]);
-  return stream;
+Failure startworking(WorkingFile& made) {
+  // Keep the number of writes low. The library takes the size of a buffer only with the buffer itself.
+  constexpr std::size_t piece = std::size_t{256} << 10;
+  made = WorkingFile{};
+  made.buffer.reset(piece);
+  made.stream = scratchopen();
+  if (!made.isopen()) return notemporaryfile();
+  std::setvbuf(made.file(), made.buffer.data(), _IOFBF, piece);
+  return {};
 }
 
-void finishworking(std::FILE* stream) {
-  if (std::fflush(stream) != 0 || std::ferror(stream) != 0) fail(5);
-  scratchclose(run.files.working);
-  run.files.working = stream;
+Failure finishworking(WorkingFile made, WorkingFile& current) {
+  if (std::fflush(made.file()) != 0 || std::ferror(made.file()) != 0) return failed(fulldisk);
+  current = std::move(made);
+  return {};
 }
 
-void writeunit(std::FILE* stream, const UnitBlock& block, int nvar1, int nvar2, bool withmeans) {
+void writeunit(std::FILE* stream, const UnitBlock& block, int nvar1, int nvar2, bool withmeans, bool numericids) {
   const std::size_t row = static_cast<std::size_t>(nvar1) * sizeof(double);
-  writechk(&block.nj, sizeof block.nj, stream);
-  if (withmeans) writechk(block.means.data(), row, stream);
-  writechk(block.records.data(), static_cast<std::size_t>(block.nj) * row, stream);
-  writechk(idbytes(block.id3), idwidth(), stream);
-  writechk(idbytes(block.id2), idwidth(), stream);
-  writechk(block.level2.data(), static_cast<std::size_t>(nvar2) * sizeof(double), stream);
+  const auto write = [&](const void* bytes, std::size_t count) { std::fwrite(bytes, 1, count, stream); };
+  write(&block.nj, sizeof block.nj);
+  if (withmeans) write(block.means.data(), row);
+  write(block.records.data(), static_cast<std::size_t>(block.nj) * row);
+  write(idbytes(block.id3, numericids), idwidth(numericids));
+  write(idbytes(block.id2, numericids), idwidth(numericids));
+  write(block.level2.data(), static_cast<std::size_t>(nvar2) * sizeof(double));
 }
 
 }  // namespace kdr

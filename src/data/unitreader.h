@@ -4,9 +4,13 @@
 
 #include <cstddef>
 #include <cstdio>
-#include <string>
+#include <utility>
 
+#include "core/failure.h"
+#include "core/observer.h"
 #include "data/mdm.h"
+#include "data/mdmdata.h"
+#include "data/scratch.h"
 #include "kernel/array.h"
 
 namespace kdr {
@@ -22,6 +26,9 @@ struct UnitBlock {
 
 // A walk over the blocks of one file, through a buffer of its own.
 struct UnitReader {
+  const MdmData* mdm = nullptr;
+  const Observer* observer = nullptr;  // may be null; asked whether to give up between reads
+  Failure failure;                     // the first thing that went wrong: nothing more is delivered
   std::FILE* stream = nullptr;
   int nvar1 = 0, nvar2 = 0;
   bool withmeans = false;
@@ -36,17 +43,18 @@ struct UnitReader {
   long long tallyposition = 0;  // where readunit left off
 };
 
-// Starts a walk at file position `offset`. `withmeans` is true for an MDM file, false for a working copy. What has been
-// written to the stream so far reaches the file first; failure 5 if it cannot. Between startunits and the last readunit
-// nothing may be written to the stream.
-void startunits(UnitReader& reader, std::FILE* stream, long long offset, int nvar1, int nvar2, bool withmeans);
+// Starts a walk at file position `offset` of a file with units of `mdm`. `withmeans` is true for an MDM file, false for
+// a working copy. What has been written to the stream so far reaches the file first; failure 5 if it cannot. Between
+// startunits and the last readunit nothing may be written to the stream.
+void startunits(UnitReader& reader, const MdmData& mdm, std::FILE* stream, long long offset, int nvar1, int nvar2,
+                bool withmeans);
 
-// Reads the next block; false at the end of the file. Stops with code 100 and a line of its own when the block runs
-// past the end of the file or has an impossible size, and, for the MDM file, when the blocks do not agree with the
-// counts of its head or with its level-3 table.
+// Reads the next block; false at the end of the file, and with reader.failure when the block runs past the end of the
+// file or has an impossible size, and, for the MDM file, when the blocks do not agree with the counts of its head or
+// with its level-3 table.
 [[nodiscard]] bool readunit(UnitReader& reader, UnitBlock& block);
 // The same for a block that has to be there: the end of the file is a cut.
-void neededunit(UnitReader& reader, UnitBlock& block);
+[[nodiscard]] bool neededunit(UnitReader& reader, UnitBlock& block);
 // readunit, but passes over means and records: fills nj, level2 and the IDs only. For reading ahead; follow it by
 // seekunit before the next readunit.
 [[nodiscard]] bool skimunit(UnitReader& reader, UnitBlock& block);
@@ -55,11 +63,26 @@ void neededunit(UnitReader& reader, UnitBlock& block);
 [[nodiscard]] long long unitposition(const UnitReader& reader);
 void seekunit(UnitReader& reader, long long position);
 
-// The working data file of a run is a scratch file. startworking opens the next one for writing; finishworking makes it
-// the working data file in the place of the one before. All its readers go by positions of their own. Failures 5 and 6.
-[[nodiscard]] std::FILE* startworking();
-void finishworking(std::FILE* stream);
-// Writes one block. Failure 5.
-void writeunit(std::FILE* stream, const UnitBlock& block, int nvar1, int nvar2, bool withmeans);
+// The working data file of a fit, a scratch file with a large buffer. startworking opens the next one for writing;
+// finishworking makes it the working data file in the place of the one before. All its readers go by positions of their
+// own. Failures 5 and 6.
+struct WorkingFile {
+  Array<char> buffer;
+  ScratchFile stream;
+
+  WorkingFile() = default;
+  WorkingFile(WorkingFile&& other) noexcept { *this = std::move(other); }
+  WorkingFile& operator=(WorkingFile&& other) noexcept {
+    std::swap(buffer, other.buffer);
+    std::swap(stream, other.stream);
+    return *this;
+  }
+  [[nodiscard]] bool isopen() const { return stream != nullptr; }
+  [[nodiscard]] std::FILE* file() const { return stream.get(); }
+};
+[[nodiscard]] Failure startworking(WorkingFile& made);
+[[nodiscard]] Failure finishworking(WorkingFile made, WorkingFile& current);
+// Writes one block. What cannot be written stays with the stream, for ferror.
+void writeunit(std::FILE* stream, const UnitBlock& block, int nvar1, int nvar2, bool withmeans, bool numericids);
 
 }  // namespace kdr

@@ -32,14 +32,14 @@ enum class Target { console, report };
 // One row of the failure table. `lines` are printed in order; a console line carries its own newlines, a report line
 // is led by a reportbreak. The one "%s" of a row takes the text argument, or the module name where `namesmodule` is set
 // and the line is the first.
-struct Failure {
+struct FailureRow {
   int code;
   Target target;
   bool namesmodule;
   const char* lines[12];
 };
 
-constexpr Failure failures[] = {
+constexpr FailureRow failures[] = {
     {1, Target::console, false, {" %s is an empty file\n"}},
     {2, Target::report, false, {" No more level-%s groups left for analysis"}},
     {3, Target::console, false, {" Out of memory. Please run a smaller problem\n"}},
@@ -90,7 +90,7 @@ constexpr Failure failures[] = {
 // The words of the table hold at most one "%s" a line, so this is the one place that formats by a table entry.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
-void printfailure(const Failure& failure, const char* text) {
+void printfailure(const FailureRow& failure, const char* text) {
   const char* argument = failure.namesmodule ? module : text;
   for (const char* line : failure.lines) {
     if (line == nullptr) break;
@@ -155,9 +155,6 @@ constexpr Step steps[] = {
     [](int code) {
       if (run.series.mimode && stophooks.closeseries != nullptr) stophooks.closeseries(code);
     },
-    [](int) {
-      if (stophooks.closescratch != nullptr) stophooks.closescratch();
-    },
     [](int code) {
       if (stophooks.closelog != nullptr) stophooks.closelog(code);
     },
@@ -194,13 +191,30 @@ void fail(int code, const char* text) {
     if (*text != '\0') std::printf("%s\n", shown.c_str());
     stoprun(code);
   }
-  for (const Failure& failure : failures)
+  for (const FailureRow& failure : failures)
     if (failure.code == code) {
       printfailure(failure, shown.c_str());
       stoprun(code);
     }
   std::printf("Bad exit code %d\n", code);
   stoprun(code);
+}
+
+void tell(const Failure& failure) {
+  if (failure.systemerror != 0) {
+    errno = failure.systemerror;
+    std::perror(failure.row == notemporary ? "tmpfile" : "");
+  }
+  report("%s", failure.reportwords.c_str());
+  for (const std::string& line : failure.reportlines) reportline("%s", line.c_str());
+  if (failure.row == abandoned) checksignals();
+  std::printf("%s", printablelines(failure.consolewords).c_str());
+  if (failure.row != ownwords) fail(failure.row, failure.argument.c_str());
+  stoprun(ownwords);
+}
+
+void stopif(const Failure& failure) {
+  if (failure) tell(failure);
 }
 
 void notconverged(const std::string& words) {

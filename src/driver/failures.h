@@ -3,12 +3,19 @@
 
 #include <string>
 
+#include "core/failure.h"
+
 namespace kdr {
 
 // Prints the words of row `code` of the failure table, with `text` for its argument, and runs the stop sequence.
 // Codes 2, 11 to 13, 15, 16 and 18 write to the report, the others to standard output. Code 0 is the normal end and
 // code 100 every stop with words of its own: both print `text`, if not empty, and a newline.
 [[noreturn]] void fail(int code, const char* text = "");
+
+// Tells a failure that was handed up, and runs the stop sequence. One that the observer asked for has nothing to tell.
+[[noreturn]] void tell(const Failure& failure);
+// tell, if there is one.
+void stopif(const Failure& failure);
 
 // The stop sequence alone, for callers that print their own words: closes the report, keeps a series consistent,
 // removes every temporary file, waits, and ends the process with `code`.
@@ -25,7 +32,6 @@ inline constexpr int unconvergedcode = 20;
 
 // What higher rooms do at a stop; null while they have nothing to do.
 struct StopHooks {
-  void (*closescratch)() = nullptr;         // closes and deletes every scratch file
   void (*closelog)(int code) = nullptr;     // keeps or discards the log of a construction
   void (*closeseries)(int code) = nullptr;  // marks or pools the series of a multiple-imputation data set
 };

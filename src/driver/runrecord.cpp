@@ -13,7 +13,7 @@ void allocatemodel() {
   const MdmData& mdm = run.mdm;
   const int sets = run.model.neqsets;
   Model& model = run.model;
-  model.use1.reset(sets, 1, mdm.ncol1, 0);
+  model.use1.reset(sets, 1, mdm.ncol1, Use::none);
   model.fixed1.reset(sets, 1, mdm.ncol1, 0);
   model.terms2.reset(sets, mdm.ncol1, mdm.ncol2, noslot);
   model.nterms2.reset(sets, 1, mdm.ncol1, 0);

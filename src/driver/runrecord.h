@@ -3,17 +3,20 @@
 // Every field is zero, empty or false from program start unless a default stands beside it.
 #pragma once
 
+#include <cstdint>
 #include <cstdio>
 #include <ctime>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "core/codes.h"
 #include "core/constants.h"
 #include "core/control.h"
-#include "core/estimates.h"
 #include "core/model.h"
 #include "core/names.h"
 #include "data/mdmdata.h"
+#include "data/scratch.h"
 #include "kernel/array.h"
 
 namespace kdr {
@@ -45,6 +48,13 @@ struct SeriesMode {
   int nsets = 0;            // listed plausible values; under mimode, data sets stored so far
 };
 
+// What tells a file that this run has made from one that took its place later.
+struct FileMark {
+  std::string name;
+  long long bytes = 0;
+  std::uint32_t crc = 0;  // CRC-32
+};
+
 // Paths, at most 259 characters each.
 struct RunFiles {
   std::string mdmfile;        // MDM file, read or to be written
@@ -59,24 +69,24 @@ struct RunFiles {
   std::string results;        // RESULTS:, -results. Results document; empty: none
   bool resultsgiven = false;  // by -results, which wins over RESULTS:
   std::string resfil1name, resfil2name, resfil3name;
-  std::FILE* nextcommands = nullptr;    // command file of the next plausible-value pass, without a name
-  std::FILE* working = nullptr;         // working data file, without a name
+  ScratchFile nextcommands;             // command file of the next plausible-value pass, without a name
   std::vector<std::string> unfinished;  // result files that are not complete; a stop removes them
   std::vector<std::string> made;        // result files of this pass that are complete, in order
+  std::vector<FileMark> marks;          // of its residual files and its graph data file
 };
 
 // What the run writes.
 struct OutputControl {
-  bool fulloutput = true;  // FULLOUTPUT:
-  int printvc = 0;         // PRINTVARIANCE-COVARIANCE:. 0 none, 1 Y, 2 A
+  bool fulloutput = true;                       // FULLOUTPUT:
+  VarianceFiles printvc = VarianceFiles::none;  // PRINTVARIANCE-COVARIANCE:
   bool resfil1 = false, resfil2 = false, resfil3 = false;
-  bool resfilrecnum = false;      // RESFILRECNUM:. the level-1 file has the number of each record
-  int resfiltype = 6;             // RESFILTYPE:. 2 free format, 3 SYSTAT, 5 SAS, 6 SPSS, 8 Stata
-  bool graph = false;             // GRAPHGAMMAS:
-  double deviance = missingcode;  // DEVIANCE:. Of the alternative model
-  int df = 0;                     // DF:. Its number of parameters
-  bool lvr = false;               // LVR-BETA:
-  Array<int> lvrroles;            // one per random level-2 coefficient: 0 ignore, 1 outcome, 2 predictor
+  bool resfilrecnum = false;                     // RESFILRECNUM:. the level-1 file has the number of each record
+  ResidualForm resfiltype = ResidualForm::spss;  // RESFILTYPE:
+  bool graph = false;                            // GRAPHGAMMAS:
+  std::optional<double> deviance;                // DEVIANCE:. Of the alternative model
+  int df = 0;                                    // DF:. Its number of parameters
+  bool lvr = false;                              // LVR-BETA:
+  Array<LatentRole> lvrroles;                    // one per random level-2 coefficient
 
   // Variables that the residual files are to carry: marks by variable (1 wanted) ...
   Array<int> wanted1vars1, wanted1vars2, wanted1vars3;  // widths ncol1, ncol2, ncol3
@@ -120,6 +130,7 @@ struct ReportStream {
 };
 
 struct RunRecord {
+  std::vector<std::string> warnings;  // sentences about the run as a whole (driver/warnings.h)
   RunIdentity id;
   SeriesMode series;
   RunFiles files;
@@ -130,7 +141,6 @@ struct RunRecord {
   AnsweredMarks answered;
   Symbols sym;
   ReportStream report;
-  Estimates est;
   DesignWeights weights;
 };
 

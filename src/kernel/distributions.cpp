@@ -1,54 +1,52 @@
 #include "kernel/distributions.h"
 
 #include <algorithm>
+#include <boost/math/distributions/chi_squared.hpp>
+#include <boost/math/distributions/fisher_f.hpp>
+#include <boost/math/distributions/students_t.hpp>
 #include <cmath>
 
 namespace kdr {
 
 namespace {
 
-constexpr double pi = 3.1415926535;
-constexpr double halfpi = 1.57079632675;
-
-// 1 + (k0/(k0+1)) x + (k0 (k0+2))/((k0+1)(k0+3)) x^2 + ..., the last factor of a numerator being `last`; 0 <= x <= 1.
-double tseries(double x, int k0, int last) {
-  double term = 1.0, sum = 1.0;
-  for (int k = k0; k <= last; k += 2) {
-    term = k * term * x / (k + 1);
-    const double next = sum + term;
-    if (next == sum) break;  // the terms decrease, so none of those that follow would change the sum either
-    sum = next;
-  }
-  return sum;
-}
+// What has no value is not a number and what is too small 0.0; nothing is thrown.
+namespace rules = boost::math::policies;
+using Quiet = rules::policy<rules::domain_error<rules::ignore_error>, rules::pole_error<rules::ignore_error>,
+                            rules::overflow_error<rules::ignore_error>, rules::underflow_error<rules::ignore_error>,
+                            rules::denorm_error<rules::ignore_error>, rules::rounding_error<rules::ignore_error>,
+                            rules::evaluation_error<rules::ignore_error>,
+                            rules::indeterminate_result_error<rules::ignore_error>, rules::promote_double<false>>;
 
 }  // namespace
 
-double tprob(int df, double t) {
-  t = std::fabs(t);
-  if (df == 1) return 2.0 * (1.0 - (std::atan(t) / pi + 0.5));
-  if (df == 2) return 2.0 * (1.0 - (t / std::sqrt(t * t + 2.0) + 1.0) * 0.5);
-  const double theta = std::atan(t / std::sqrt(static_cast<double>(df)));
-  const double s = std::sin(theta), c = std::cos(theta);
-  if (df % 2 != 0) return std::fabs(1.0 - (c * s * tseries(c * c, 2, df - 3) + theta) / halfpi);
-  return std::fabs(1.0 - s * tseries(c * c, 1, df - 3));
+double tprob(double df, double t) {
+  if (std::isinf(t)) return 0.0;
+  return 2.0 * cdf(complement(boost::math::students_t_distribution<double, Quiet>(df), std::fabs(t)));
 }
 
 double tcritical(int df) {
   constexpr double table[] = {12.7062, 4.303, 3.182, 2.776, 2.571};
   if (df > 2500) return 1.96;
   if (df >= 1 && df <= 5) return table[df - 1];
-  int point = 1960;
-  while (point < 2499 && !(tprob(df, point / 1000.0) < 0.05)) ++point;
-  return point / 1000.0;
+  if (df < 1) return 1.96;
+  const boost::math::students_t_distribution<double, Quiet> distribution(df);
+  return std::ceil(1000.0 * quantile(distribution, 0.975)) / 1000.0;
 }
 
-double chisqprob(int df, double x) {
-  const double ninedf = 9.0 * df;
-  const double z = std::fabs((std::pow(x / df, 0.3333) - 1.0 + 2.0 / ninedf) * std::sqrt(ninedf / 2.0));
-  const double q = 1.0 + z * (0.196854 + z * (0.115194 + z * (0.000344 + z * 0.019527)));
-  return 1.0 - (1.0 - 0.5 / (q * q * q * q));
+double chisqprob(double df, double x) {
+  if (!(x > 0.0)) return std::isnan(x) ? x : 1.0;
+  if (std::isinf(x)) return 0.0;
+  return cdf(complement(boost::math::chi_squared_distribution<double, Quiet>(df), x));
 }
+
+double fprob(double df1, double df2, double f) {
+  if (!(f > 0.0)) return std::isnan(f) ? f : 1.0;
+  if (std::isinf(f)) return 0.0;
+  return cdf(complement(boost::math::fisher_f_distribution<double, Quiet>(df1, df2), f));
+}
+
+double normalprob(double z) { return std::erfc(std::fabs(z) / std::sqrt(2.0)); }
 
 double factorial(int n) {
   double product = 1.0;

@@ -1,21 +1,23 @@
-// Tail probabilities of the t and chi-square distributions as the reports show them, and factorials.
+// Tail probabilities, and factorials.
 #pragma once
 
 namespace kdr {
 
-// The two-sided p-value of Student's t with df degrees of freedom, by the finite series of Abramowitz and Stegun 26.7.3
-// and 26.7.4 with a ten-digit pi: within 3e-11 of the exact value for df of 1 to 200.
-[[nodiscard]] double tprob(int df, double t);
+// Tail probabilities, exact to some twelve digits of their own, down to the smallest double, for degrees of freedom
+// from 1 to 1e6 and beyond: incomplete gamma and beta functions of Boost.Math. A value that is not a number has none.
 
-// The two-sided 5% point of Student's t, to three decimals (df 1: four). Above 2500 degrees of freedom it is 1.96.
-// A df below 1 has no such point and gives an end of the searched grid.
+// The two-sided p-value of Student's t.
+[[nodiscard]] double tprob(double df, double t);
+// The upper tail of chi-square; 1.0 at or below 0.0.
+[[nodiscard]] double chisqprob(double df, double x);
+// The upper tail of F; 1.0 at or below 0.0.
+[[nodiscard]] double fprob(double df1, double df2, double f);
+// The two-sided p-value of a standard normal.
+[[nodiscard]] double normalprob(double z);
+
+// The two-sided 5% point of Student's t, rounded up to three decimals (df 1: four). Above 2500 degrees of freedom it is
+// 1.96, and for a df below 1, which has no such point.
 [[nodiscard]] double tcritical(int df);
-
-// The upper tail of chi-square with df degrees of freedom at x >= 0, by the cube-root transform of Wilson and Hilferty
-// and Abramowitz and Stegun 26.2.19. Above df, and down to p-values of 0.001, it is within 0.0042 of the exact value at
-// df 1, where the distance is largest, and within 0.0011 from df 5 on. The result never exceeds 0.5: a statistic below
-// its degrees of freedom gets the value of its mirror image.
-[[nodiscard]] double chisqprob(int df, double x);
 
 // n! as a floating-point value: 1 for n below 2, infinite above 170.
 [[nodiscard]] double factorial(int n);

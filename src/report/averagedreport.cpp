@@ -3,11 +3,12 @@
 #include <strings.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
-#include <utility>
+#include <vector>
 
-#include "data/scratch.h"
 #include "driver/failures.h"
+#include "driver/files.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
 #include "report/fixedtable.h"
@@ -48,21 +49,23 @@ void failednote(std::span<const int> failed) {
   reportbreak();
 }
 
-void level1(const Pooled& pooled, const AveragedFrame& frame) {
+void level1(const Pooled& pooled) {
   const Symbols& sym = run.sym;
-  if (!frame.sigma2fixed) reportline(" %s = %s", sym.symvar1.c_str(), fixedpoint(pooled.sigma2, 12, 5).c_str());
+  if (!pooled.sigma2fixed) reportline(" %s = %s", sym.symvar1.c_str(), fixedpoint(pooled.sigma2, 12, 5).c_str());
   if (pooled.zerovar != 0) {
     reportbreak();
     reportline("Standard errors for %s,%s,%s are not computable.", sym.symvar1.c_str(), sym.symvar2.c_str(),
                sym.symvar3.c_str());
-  } else if (pooled.errorsknown && !frame.sigma2fixed) {
+  } else if (pooled.errorsknown && !pooled.sigma2fixed) {
     reportbreak();
     reportline(" Standard Error of %s = %s", sym.symvar1.c_str(), fixedpoint(pooled.sigma2error, 12, 5).c_str());
   }
 }
 
-void partialnote(const Pooled& pooled, const char* what) {
-  if (pooled.units3 != run.mdm.nunits3) partialdatanote(what, pooled.units3, run.mdm.nunits3);
+// Of the units of a tau's level some were of no use.
+void partialnote(Tau which, const char* what, int units2, int units3) {
+  const int used = which == Tau::pi ? units2 : units3, total = which == Tau::pi ? run.mdm.nunits2 : run.mdm.nunits3;
+  if (used != total) partialdatanote(what, used, total);
 }
 
 // A tau with its standard errors, correlations and reliabilities.
@@ -76,40 +79,42 @@ void tautables(Tau which, const Pooled& pooled) {
     tautable(which, MatrixTitle::standarderror, false, n, (pi ? pooled.taupierrors : pooled.taubetaerrors).data());
   correlationtable(which, n, tau.data());
   reliabilitytable(which, n, reliabilities.data());
-  partialnote(pooled, "reliability estimates");
+  partialnote(which, "reliability estimates", pooled.units2, pooled.units3);
 }
 
 // The tables and tests of the pooled fixed effects under one covariance.
-void effecttables(const Array<double>& gamma, const PooledCovariance& covariance, const AveragedFrame& frame,
-                  TableKind kind, PassKind pass) {
-  const FixedDegrees degrees{covariance.df.copy(), frame.degrees.rough.copy()};
-  const FixedEffects effects{gamma, covariance.variance, degrees};
-  const int g = static_cast<int>(gamma.size());
-  fixedtable(effects, kind, pass);
-  ratiotable(effects, kind);
-  if (run.model.nhypotheses) hypothesistest(g, gamma.data(), covariance.covariance.data(), g);
+void effecttables(const EffectTable& effects, TableKind kind, PassKind pass) {
+  fixedtable(effects.rows, kind, pass);
+  missingtable(effects.shares);
+  ratiotable(effects.rows);
+  hypothesistests(effects);
 }
 
-void fixedeffects(const PooledEffects& effects, const AveragedFrame& frame, PassKind pass) {
+void fixedeffects(const PooledEffects& effects, PassKind pass) {
   const bool plausible = run.series.pvmode;
-  effecttables(effects.gamma, effects.model, frame, plausible ? TableKind::averagedpv : TableKind::averagedmi, pass);
+  effecttables(effects.model.effects, plausible ? TableKind::averagedpv : TableKind::averagedmi, pass);
   if (effects.robust.known) {
-    effecttables(effects.gamma, effects.robust, frame,
-                 plausible ? TableKind::averagedrobustpv : TableKind::averagedrobustmi, pass);
+    effecttables(effects.robust.effects, plausible ? TableKind::averagedrobustpv : TableKind::averagedrobustmi, pass);
   } else if (!plausible) {
     report2("\nThe robust standard errors cannot be computed for this model.\n",
             "<br>\nThe robust standard errors cannot be computed for this model.<br>\n");
   }
 }
 
-void variances(const Pooled& pooled, const AveragedFrame& frame) {
-  const std::size_t q = pooled.chisq2.size(), r = pooled.chisq3.size();
-  const auto [df2, df3] = averageddegrees(pooled, frame);
-  variancetable(Tau::pi, {static_cast<int>(q), pooled.taupi.data(), pooled.chisq2.data(), df2.data(), pooled.sigma2});
-  partialnote(pooled, "chi-square statistics");
-  variancetable(Tau::beta,
-                {static_cast<int>(r), pooled.taubeta.data(), pooled.chisq3.data(), df3.data(), pooled.sigma2});
-  partialnote(pooled, "chi-square statistics");
+void variances(const Pooled& pooled) {
+  for (const Tau which : {Tau::pi, Tau::beta}) {
+    const bool pi = which == Tau::pi;
+    const std::vector<VarianceTest>& tests = pi ? pooled.tests.level2 : pooled.tests.level3;
+    variancetable(which, pi ? pooled.taupi : pooled.taubeta, tests, pooled.sigma2);
+    const auto ratio = [](const VarianceTest& test) { return test.known && test.chisquare.df2 > 0.0; };
+    if (std::any_of(tests.begin(), tests.end(), ratio)) {
+      report("Chi-square over its df is pooled, and the p-value that of F. Degrees of freedom of\nthe denominator:");
+      for (const VarianceTest& test : tests)
+        report(" %s", ratio(test) ? fixedpoint(test.chisquare.df2, 1, 1).c_str() : "none");
+      reportbreak();
+    }
+    partialnote(which, "chi-square statistics", pooled.tests.units2, pooled.tests.units3);
+  }
 }
 
 // The pass whose estimates the averages stand for.
@@ -119,16 +124,6 @@ PassKind finalpass() {
 }
 
 }  // namespace
-
-AveragedDegrees averageddegrees(const Pooled& pooled, const AveragedFrame& frame) {
-  const std::size_t q = pooled.chisq2.size(), r = pooled.chisq3.size();
-  AveragedDegrees degrees{Array<long long>(q), Array<long long>(r)};
-  for (std::size_t i = 0; i < q; ++i)
-    degrees.df2[i] =
-        pooled.testunits2 - static_cast<long long>(frame.nterms2[i]) * pooled.testunits3 - frame.nfixedterms2[i];
-  for (std::size_t i = 0; i < r; ++i) degrees.df3[i] = pooled.testunits3 - frame.nterms3[i];
-  return degrees;
-}
 
 std::string averagedreportname() {
   if (reportisstdout()) return {};
@@ -172,7 +167,7 @@ void openaveragedreport() {
   run.report.stream = file;
 }
 
-void averagedreport(const Pooled* pooled, const AveragedFrame& frame, std::span<const int> failed) {
+void averagedreport(const Pooled* pooled, std::span<const int> failed) {
   heading();
   startdocument();
   if (run.series.mimode) failednote(failed);
@@ -181,13 +176,13 @@ void averagedreport(const Pooled* pooled, const AveragedFrame& frame, std::span<
     return;
   }
   if (pooled->M == 1) reportline("Only one analysis of the series is usable; its results are not averages.");
-  documentaverages(*pooled, frame, failed);
-  level1(*pooled, frame);
+  documentaverages(*pooled, failed);
+  level1(*pooled);
   tautables(Tau::pi, *pooled);
   tautables(Tau::beta, *pooled);
-  fixedeffects(pooled->effects, frame, finalpass());
-  variances(*pooled, frame);
-  if (!pooled->popaverage.gamma.empty()) fixedeffects(pooled->popaverage, frame, PassKind::populationaverage);
+  fixedeffects(pooled->effects, finalpass());
+  variances(*pooled);
+  if (!pooled->popaverage.gamma.empty()) fixedeffects(pooled->popaverage, PassKind::populationaverage);
 }
 
 }  // namespace kdr

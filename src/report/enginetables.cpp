@@ -8,7 +8,6 @@
 #include "driver/runrecord.h"
 #include "report/matrixtables.h"
 #include "report/passtables.h"
-#include "report/resultsdocument.h"
 #include "report/variancetables.h"
 
 namespace kdr {
@@ -50,7 +49,6 @@ void taublocks(Tau which, const PassResults& results) {
 }  // namespace
 
 void laplacetables(const PassResults& results, bool withlikelihood) {
-  documentpass(results);
   rewindreport();
   report2("\fRESULTS FOR NON-LINEAR MODEL WITH THE LOGIT LINK FUNCTION: Laplace Model\n(macro iteration %d)\n",
           "<h2>Results for Unit-Specific Model, Laplace6 Estimation<br><small>Iteration %d</small></h2>",
@@ -81,7 +79,6 @@ std::string pointsline(const QuadraturePoints& made) {
 }
 
 void quadraturetables(const PassResults& results) {
-  documentpass(results);
   report2("\fRESULTS FOR UNIT-SPECIFIC MODEL, ADAPTIVE GAUSSIAN QUADRATURE\n    Iteration %d\n\n",
           "<h2>Results For Unit-Specific Model, Adaptive Gaussian Quadrature<br><smaller>iteration %d</smaller></h2>",
           results.iteration);

@@ -1,7 +1,7 @@
 // The report's sections of the maximum-likelihood engines. The results of an engine come as PassResults of its kind.
 #pragma once
 
-#include "report/passresults.h"
+#include "core/results.h"
 
 namespace kdr {
 

@@ -57,7 +57,7 @@ void bernoullifamily() {
     reporttext("\tProb(Y=1|B) = P\n\n");
     reporthtml("&nbsp;&nbsp;&nbsp;&nbsp;Prob(%s=1|%s) = %s<br>\n", y.c_str(), b.c_str(), p.c_str());
   } else {
-    const Name& trials = run.mdm.names1[run.model.outcome.countvariable];
+    const Name& trials = run.mdm.names1[run.model.outcome.countvariable.value_or(0)];
     reporttext("\tE(Y|B) = %s*P\n\tV(Y|B) = %s*P(1-P)\n\n", bareword(trials).c_str(), bareword(trials).c_str());
     const std::string n = variable(trials, run.sym.symsub);
     reporthtml("&nbsp;&nbsp;&nbsp;&nbsp;E(%s|%s) = %s*%s<br>\n", y.c_str(), b.c_str(), n.c_str(), p.c_str());
@@ -74,7 +74,7 @@ void poissonfamily() {
   const std::string b = quantity(run.sym.sym1, "", run.sym.symsub2);
   std::string exposure;  // with its product sign, or nothing where it is constant
   if (run.model.outcome.counted) {
-    const Name& name = run.mdm.names1[run.model.outcome.countvariable];
+    const Name& name = run.mdm.names1[run.model.outcome.countvariable.value_or(0)];
     exposure = (run.report.html ? variable(name, run.sym.symsub) : bareword(name)) + "*";
   }
   reporttext("\tE(Y|B) = %sL\n\tV(Y|B) = %sL\n\n", exposure.c_str(), exposure.c_str());
@@ -286,10 +286,11 @@ void constraintlines(const ModelRows& rows) {
 void level1variance() {
   if (!run.model.outcome.single()) return;
   const std::string scale =
-      run.model.restrictions.fixsigma2 == 0.0 ? run.sym.symvar1 : formatted("%g", run.model.restrictions.fixsigma2);
+      run.model.restrictions.fixsigma2 ? formatted("%g", *run.model.restrictions.fixsigma2) : run.sym.symvar1;
   const std::string p = run.report.html ? ofrecord("<i>&#981;</i>") : "P";
   const std::string l = run.report.html ? ofrecord("&lambda;") : "L";
-  const std::string count = run.model.outcome.counted ? variable1(run.model.outcome.countvariable) : std::string();
+  const std::string count =
+      run.model.outcome.counted ? variable1(run.model.outcome.countvariable.value_or(0)) : std::string();
   reportbreak();
   report("Level-1 variance = ");
   if (run.model.outcome.family == Family::bernoulli) {
@@ -306,7 +307,7 @@ void level1variance() {
 }  // namespace
 
 void setrandomsubscripts() {
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   std::vector<int> pi, beta1, beta2;
   for (const CoefficientRow& coefficient : rows.coefficients)
     if (coefficient.random) pi.push_back(coefficient.subscript);
@@ -324,21 +325,22 @@ void setrandomsubscripts() {
   store(run.model.coef.betasubs2, beta2);
 }
 
-void centernotes(int n, const Array<int>& marks, const Array<Name>& names) {
-  for (const int mark : {1, 2}) {
+void centernotes(int n, const Array<Centering>& marks, const Array<Name>& names) {
+  for (const Centering mark : {Centering::groupmean, Centering::grandmean}) {
     int found = 0;
     for (int v = 1; v <= n; ++v) found += marks[v] == mark ? 1 : 0;
     if (found == 0) continue;
     reportbreak();
     for (int v = 1; v <= n; ++v)
       if (marks[v] == mark) report("%s ", bareword(names[v]).c_str());
-    report("%s been centered around the %s mean.", found == 1 ? "has" : "have", mark == 1 ? "group" : "grand");
+    report("%s been centered around the %s mean.", found == 1 ? "has" : "have",
+           mark == Centering::groupmean ? "group" : "grand");
     reportbreak();
   }
 }
 
 void writeequations() {
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   report2("\n\n Summary of the model specified (in equation format)\n", "<h3>Summary of the model specified</h3>\n");
   reportrule(51);
   level1model(rows);
@@ -422,7 +424,7 @@ void mixedrandom3(const ModelRows& rows) {
 
 void writemixedmodel() {
   if (run.model.outcome.categorical()) return;
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   report2("\n\nMixed Model\n", "<h4>Mixed Model</h4>\n");
   reportblank(4);
   report("%s = ", (!run.model.outcome.single() ? variable(run.model.outname, run.sym.symsub)
@@ -433,7 +435,7 @@ void writemixedmodel() {
   if (rows.effects.size() > 4) mixedbreak(4);
   if (mixedrandom2(rows) > 3) mixedbreak(4);
   mixedrandom3(rows);
-  if (run.model.outcome.linear() && run.model.restrictions.fixsigma2 == 0.0 && !run.model.outcome.counted)
+  if (run.model.outcome.linear() && !run.model.restrictions.fixsigma2 && !run.model.outcome.counted)
     report("+ %s", ofrecord(run.sym.syme.c_str()).c_str());
   reportbreak();
 }

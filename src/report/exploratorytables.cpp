@@ -5,6 +5,7 @@
 
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
+#include "estimate/linear/exploratory.h"
 #include "report/stream.h"
 
 namespace kdr {
@@ -147,8 +148,6 @@ void level3tables(const std::vector<ExploratoryBlock>& blocks) {
 }
 
 }  // namespace
-
-int mostcandidates(const IntTable& counts) { return *std::max_element(counts.cells.begin(), counts.cells.end()); }
 
 void exploratorytables(const ExploratoryAnalysis& analysis) {
   reporttext("\f");

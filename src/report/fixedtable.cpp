@@ -22,7 +22,7 @@ bool isestimates(TableKind kind) {
 std::vector<int> setopenings() {
   std::vector<int> openings;
   if (multinomialrun()) {
-    const ModelRows rows = modelrows();
+    const ModelRows rows = modelrows(run.model);
     int last = -1;
     for (const EffectRow& effect : rows.effects) {
       if (effect.removed) continue;
@@ -152,7 +152,7 @@ void columnheads(TableKind kind) {
   reportrule(76);
 }
 
-void fixedrow(const Estimate& row, const char* style) {
+void fixedrow(const EffectTest& row, const char* style) {
   const char* mark = row.rough ? "#" : "";
   if (run.report.html) {
     numbercell(style, row.coefficient, 13, 6);
@@ -180,8 +180,9 @@ void fixedrow(const Estimate& row, const char* style) {
   }
 }
 
-void ratiorow(const Estimate& row, const char* style) {
-  const auto [ratio, interval] = ratioof(row);
+void ratiorow(const EffectTest& row, const char* style) {
+  const double ratio = row.ratio;
+  const Interval& interval = row.ratiointerval;
   if (run.report.html) {
     numbercell(style, row.coefficient, 13, 6);
     numbercell(style, ratio, 14, 6);
@@ -225,7 +226,7 @@ void ratioheads() {
 
 }  // namespace
 
-void fixedtable(const FixedEffects& effects, TableKind kind, PassKind pass) {
+void fixedtable(std::span<const EffectTest> effects, TableKind kind, PassKind pass) {
   const std::vector<int> openings = setopenings();
   reporthtml("<h4>");
   if (isestimates(kind)) reporttext("\f");
@@ -234,7 +235,7 @@ void fixedtable(const FixedEffects& effects, TableKind kind, PassKind pass) {
   columnheads(kind);
   bool anyrough = false;
   for (int g = 0; g < run.model.coef.ngamma; ++g) {
-    const Estimate row = estimateof(effects, isleastsquares(kind), g);
+    const EffectTest& row = effects[static_cast<std::size_t>(g)];
     rowlead(g, openings[static_cast<std::size_t>(g)], rowstyle(g));
     fixedrow(row, rowstyle(g));
     anyrough = anyrough || (row.tested && row.rough);
@@ -246,13 +247,44 @@ void fixedtable(const FixedEffects& effects, TableKind kind, PassKind pass) {
   reportbreak();
 }
 
-void ratiotable(const FixedEffects& effects, TableKind kind) {
+void missingtable(std::span<const MissingShare> shares) {
+  if (shares.empty()) return;
+  const std::vector<int> openings = setopenings();
+  if (run.report.html) {
+    opentable();
+    report("<td align=left %s>Fixed Effect</td>\n", stylerule);
+    report("<td align=right %s>&nbsp;Missing<br>Information</td>\n", stylerule);
+    report("<td align=right %s>&nbsp;Relative<br>Efficiency</td>\n</tr>\n<tbody>\n", stylerule);
+  } else {
+    reportrule(60);
+    report("                           Fraction of      Relative\n");
+    report("    Fixed Effect         missing inform.   efficiency\n");
+    reportrule(60);
+  }
+  for (std::size_t g = 0; g < shares.size(); ++g) {
+    const auto& [fraction, efficiency] = shares[g];
+    const int row = static_cast<int>(g);
+    rowlead(row, openings[g], rowstyle(row));
+    if (run.report.html) {
+      numbercell(rowstyle(row), fraction, 8, 3);
+      numbercell(rowstyle(row), efficiency, 8, 3);
+      report("</tr>");
+    } else {
+      report("   %s        %s\n", fixedpoint(fraction, 8, 3).c_str(), fixedpoint(efficiency, 8, 3).c_str());
+    }
+  }
+  reportrule(60);
+  reporthtml("</tbody></table>\n");
+  reportbreak();
+}
+
+void ratiotable(std::span<const EffectTest> effects) {
   if (run.model.outcome.linear()) return;
   const std::vector<int> openings = setopenings();
   ratioheads();
   for (int g = 0; g < run.model.coef.ngamma; ++g) {
     rowlead(g, openings[static_cast<std::size_t>(g)], rowstyle(g));
-    ratiorow(estimateof(effects, isleastsquares(kind), g), rowstyle(g));
+    ratiorow(effects[static_cast<std::size_t>(g)], rowstyle(g));
   }
   reportrule(70);
   reporthtml("</tbody></table>\n");

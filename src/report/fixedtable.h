@@ -1,8 +1,9 @@
 // The tables of the fixed effects: coefficients with their tests, and ratios with confidence intervals.
 #pragma once
 
-#include "report/passresults.h"
-#include "report/teststatistics.h"
+#include <span>
+
+#include "core/results.h"
 
 namespace kdr {
 
@@ -22,9 +23,12 @@ enum class TableKind {
 
 // Writes the table: coefficient, standard error, t-ratio, degrees of freedom, p-value. `pass` is the pass that the
 // estimates come from.
-void fixedtable(const FixedEffects& effects, TableKind kind, PassKind pass);
+void fixedtable(std::span<const EffectTest> effects, TableKind kind, PassKind pass);
+
+// Writes the fraction of missing information and the relative efficiency of each averaged effect. Nothing for none.
+void missingtable(std::span<const MissingShare> shares);
 
 // Writes odds ratios (event-rate ratios of a Poisson run) with 95% intervals. Nothing in a linear run.
-void ratiotable(const FixedEffects& effects, TableKind kind);
+void ratiotable(std::span<const EffectTest> effects);
 
 }  // namespace kdr

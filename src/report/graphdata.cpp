@@ -5,9 +5,10 @@
 #include <vector>
 
 #include "core/modelwalk.h"
-#include "data/resultfile.h"
-#include "data/scratch.h"
 #include "data/unitreader.h"
+#include "driver/failures.h"
+#include "driver/files.h"
+#include "driver/resultfile.h"
 #include "driver/runrecord.h"
 #include "estimate/linear/centering.h"
 #include "estimate/linear/deletion.h"
@@ -40,7 +41,7 @@ Predictors level1predictors() {
   Predictors list;
   for (int v = 1; v <= run.mdm.nvar1; ++v)
     for (int e = 0; e < run.model.neqsets; ++e)
-      if (run.model.use1.row(e)[v] == 1) {
+      if (run.model.use1.row(e)[v] == Use::predictor) {
         list.variables.push_back(v);
         break;
       }
@@ -65,7 +66,7 @@ void take(Predictors& list, const double* row) {
 }
 
 // Both kinds of centering take off the grand mean.
-void center(Predictors& list, const Array<int>& marks, const Array<double>& means) {
+void center(Predictors& list, const Array<Centering>& marks, const Array<double>& means) {
   for (std::size_t i = 0; i < list.variables.size(); ++i) {
     const auto v = at(list.variables[i]);
     centeraround(marks[v], means[v - 1], list.values[i].data(), list.count);
@@ -78,15 +79,16 @@ void readpredictors(Predictors& list1, Predictors& list2) {
   reserve(list2, run.mdm.numl2rec);
   std::FILE* stream = openfile(run.files.mdmfile, "rb");
   UnitReader reader;
-  startunits(reader, stream, run.mdm.firstblock, run.mdm.nvar1, run.mdm.nvar2, true);
+  startunits(reader, run.mdm, stream, run.mdm.firstblock, run.mdm.nvar1, run.mdm.nvar2, true);
   UnitBlock unit;
   for (int j = 0; j < run.mdm.numl2rec && readunit(reader, unit); ++j) {
     checksignals();
-    if (!run.mdm.deletednow) deleterecords(unit);
+    if (!run.mdm.deletednow) deleterecords(run.model, unit);
     if (unit.nj == 0) continue;
     for (int i = 0; i < unit.nj; ++i) take(list1, unit.records.data() + at(i) * at(run.mdm.nvar1));
     take(list2, unit.level2.data());
   }
+  stopif(reader.failure);
   std::fclose(stream);
   center(list1, run.model.center1, run.mdm.mean1);
   center(list2, run.model.center2, run.mdm.mean2);
@@ -134,7 +136,7 @@ void writepredictorsections(ResultFile& file) {
 
 // The flag of every level-1 coefficient, then of every level-2 coefficient.
 void writeflags(ResultFile& file) {
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   for (const CoefficientRow& coefficient : rows.coefficients) writevalue(file, coefficient.random ? 0 : 1);
   for (const TermRow& term : rows.terms) writevalue(file, term.random ? 0 : 1);
 }
@@ -193,18 +195,19 @@ void writelevel2(ResultFile& file, Pass& pass, UnitResults& results) {
         for (std::size_t i = 0; i < at(pass.p); ++i) writevalue(file, results.level2.PV[i * (i + 3) / 2]);
       },
       [](int) {}, reading(pass.store.hot), reading(pass.store.cold));
+  stopif(storefailure(pass.store));
 }
 
 }  // namespace
 
-void writegraphdata(Pass& pass, const RecordLayout& layout, const Array<double>& phases) {
+void writegraphdata(Pass& pass, const WorkingFile& working, const RecordLayout& layout, const Array<double>& phases) {
   ResultFile file;
   openresult(file, run.files.graphgammas);
   writeresult(file, "GRKDR3");
   writevalue(file, fileversion);
   writevalue(file, pass.g);
   put(file, phases);
-  put(file, run.est.gammahat);
+  put(file, pass.est.gammahat);
   writepredictorsections(file);
 
   UnitResults results = makeunitresults(pass);
@@ -213,7 +216,7 @@ void writegraphdata(Pass& pass, const RecordLayout& layout, const Array<double>&
   writelevel2(file, pass, results);
   if (run.model.outcome.categorical()) return finishresult(file);
   writevalue(file, run.mdm.nunits1);
-  eachfittedunit(pass, layout,
+  eachfittedunit(pass, working, layout,
                  [&](int, const UnitBlock& unit, const double* fitted) { put(file, fitted, at(unit.nj)); });
   finishresult(file);
 }

@@ -1,14 +1,12 @@
 #include "report/hypotheses.h"
 
-#include <cmath>
+#include <span>
 
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
-#include "kernel/array.h"
-#include "kernel/decompositions.h"
+#include "kernel/sizes.h"
 #include "report/stream.h"
 #include "report/symbols.h"
-#include "report/teststatistics.h"
 
 namespace kdr {
 
@@ -48,47 +46,11 @@ void contrastrow(const WaldTest& test, int g, double gamma) {
   reporthtml("<td %s>&nbsp;&nbsp;&nbsp;&nbsp;&nbsp;&nbsp;&nbsp;&nbsp;%s</td><td align=right %s>%s</td>", styleplain,
              coef.gammanames3[g].text, styleplain, value.c_str());
   for (int row = 0; row < test.r; ++row) {
-    const double contrast = test.C[static_cast<std::ptrdiff_t>(row) * test.n + g];
+    const double contrast = test.C[row * test.n + g];
     reporttext("   %s", fixedpoint(contrast, 7, 3).c_str());
     reporthtml("<td align=right %s>%s</td>", styleplain, fixedpoint(contrast, 7, 4).c_str());
   }
   report2("\n", "</tr>\n");
-}
-
-// e = C gamma (r) and W = C vgamma C' (r x r).
-void contrastestimates(const WaldTest& test, const double* gamma, const double* vgamma, int stride, Array<double>& e,
-                       Array<double>& W) {
-  const auto row = [&](int i) { return test.C + static_cast<std::ptrdiff_t>(i) * test.n; };
-  Array<double> Vc(static_cast<std::size_t>(test.n));
-  for (int j = 0; j < test.r; ++j) {
-    for (int g = 0; g < test.n; ++g) {
-      e[j] += row(j)[g] * gamma[g];
-      Vc[g] = 0.0;
-      for (int h = 0; h < test.n; ++h) Vc[g] += vgamma[static_cast<std::ptrdiff_t>(g) * stride + h] * row(j)[h];
-    }
-    for (int i = 0; i < test.r; ++i) {
-      double& w = W[static_cast<std::size_t>(i) * static_cast<std::size_t>(test.r) + static_cast<std::size_t>(j)];
-      for (int g = 0; g < test.n; ++g) w += row(i)[g] * Vc[g];
-    }
-  }
-}
-
-// Inverts W; false when the contrasts are not independent.
-bool invertcontrasts(int r, const Array<double>& W, Array<double>& inverse) {
-  for (int i = 0; i < r; ++i)
-    if (W[static_cast<std::size_t>(i) * static_cast<std::size_t>(r + 1)] < 0.0) return false;
-  if (hasunitcorrelation(r, W.data(), r) || !ispositivedefinite(r, W.data(), r, nullptr)) return false;
-  return invertsymmetric(r, W.data(), inverse.data()).result == 0;
-}
-
-// e' W^-1 e.
-double waldstatistic(int r, const Array<double>& e, const Array<double>& inverse) {
-  double sum = 0.0;
-  for (int i = 0; i < r; ++i)
-    for (int j = 0; j < r; ++j)
-      sum += e[i] * inverse[static_cast<std::size_t>(i) * static_cast<std::size_t>(r) + static_cast<std::size_t>(j)] *
-             e[j];
-  return sum;
 }
 
 void estimaterows(const WaldTest& test) {
@@ -107,49 +69,27 @@ void estimaterows(const WaldTest& test) {
   report2("\n", "</tr>\n</tbody></table>\n");
 }
 
-void statisticlines(int r, double statistic) {
-  const auto [small, p] = chisquaretail(r, statistic);
-  if (!run.report.html) {
-    report("\nChi-square statistic = %f\nDegrees of freedom   = %d\nP-value              = ", statistic, r);
-    if (small) {
-      report(">.500\n");
-    } else {
-      report("%f\n", p);
-    }
-    return;
-  }
-  reportblank(4);
-  report("&chi;<sup><small>2</small></sup>&nbsp;statistic = %f<br>", statistic);
-  reportblank(4);
-  report("Degrees of freedom   = %d<br>", r);
-  reportblank(4);
-  report("<i>p</i>-value              = ");
-  if (small) {
-    report(">.500<br>");
-  } else if (p < 0.001) {
-    report("&lt;0.001");
-    reportbreak();
+void statisticlines(const ChiSquareTest& test) {
+  const std::string p = pvalue(test.p, 6);
+  if (run.report.html) {
+    reportblank(4);
+    report("&chi;<sup><small>2</small></sup>&nbsp;statistic = %f<br>", test.statistic);
+    reportblank(4);
+    report("Degrees of freedom   = %d<br>", test.df);
+    reportblank(4);
+    report("<i>p</i>-value              = %s<br>", p.c_str());
   } else {
-    report("%f<br>", p);
+    report("\nChi-square statistic = %f\nDegrees of freedom   = %d\nP-value              = %s\n", test.statistic,
+           test.df, p.c_str());
   }
+  if (test.df2 == 0.0) return;
+  reportline("The p-value is that of F = %f with %d and %.1f degrees of freedom.", test.statistic / test.df, test.df,
+             test.df2);
 }
 
-// Fills what follows the contrasts.
-void computetest(WaldTest& test, const double* gamma, const double* vgamma, int stride) {
-  const auto r = static_cast<std::size_t>(test.r);
-  Array<double> W(r * r), inverse(r * r);
-  test.estimates.reset(r);
-  contrastestimates(test, gamma, vgamma, stride, test.estimates, W);
-  test.computed = test.r <= test.n && invertcontrasts(test.r, W, inverse) &&
-                  std::isfinite(test.statistic = waldstatistic(test.r, test.estimates, inverse));
-  if (!test.computed) return;
-  test.errors.reset(r);
-  for (std::size_t i = 0; i < r; ++i) test.errors[i] = std::sqrt(W[i * (r + 1)]);
-}
-
-void writetest(const WaldTest& test, const double* gamma) {
+void writetest(const WaldTest& test, std::span<const EffectTest> effects) {
   testheading(test);
-  for (int g = 0; g < test.n; ++g) contrastrow(test, g, gamma[g]);
+  for (int g = 0; g < test.n; ++g) contrastrow(test, g, effects[at(g)].coefficient);
   if (!test.computed) {
     reporthtml("</tbody></table>\n");
     reportline("It appears that the %d constrasts you are testing are not independent.", test.r);
@@ -157,39 +97,14 @@ void writetest(const WaldTest& test, const double* gamma) {
     return;
   }
   estimaterows(test);
-  statisticlines(test.r, test.statistic);
+  statisticlines(test.chisquare);
 }
-
-bool toomanycontrasts(int n) { return !run.model.hypothesisrows.empty() && run.model.hypothesisrows[0] > n; }
 
 }  // namespace
 
-std::vector<WaldTest> waldtests(int n, const double* gamma, const double* vgamma, int stride) {
-  const Model& model = run.model;
-  std::vector<WaldTest> tests;
-  if (toomanycontrasts(n)) return tests;
-  std::size_t first = 0;  // in contrasts
-  for (std::size_t h = 0; h < model.hypothesisrows.size() && model.hypothesisrows[h] > 0; ++h) {
-    const int r = model.hypothesisrows[h];
-    const std::size_t next = first + static_cast<std::size_t>(r) * static_cast<std::size_t>(n);
-    if (next > model.contrasts.size()) break;
-    WaldTest& test = tests.emplace_back();
-    test.number = static_cast<int>(h);
-    test.r = r;
-    test.n = n;
-    test.C = model.contrasts.data() + first;
-    computetest(test, gamma, vgamma, stride);
-    first = next;
-  }
-  return tests;
-}
-
-void hypothesistest(int n, const double* gamma, const double* vgamma, int stride) {
-  if (toomanycontrasts(n)) {
-    reportline("Sorry, but the number of contrasts cannot exceed the number of gammas.");
-    return;
-  }
-  for (const WaldTest& test : waldtests(n, gamma, vgamma, stride)) writetest(test, gamma);
+void hypothesistests(const EffectTable& effects) {
+  if (effects.toomanycontrasts) reportline("Sorry, but the number of contrasts cannot exceed the number of gammas.");
+  for (const WaldTest& test : effects.hypotheses) writetest(test, effects.rows);
 }
 
 }  // namespace kdr

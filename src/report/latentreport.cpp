@@ -1,15 +1,11 @@
 #include "report/latentreport.h"
 
-#include <cmath>
-#include <limits>
 #include <string>
 
-#include "core/constants.h"
 #include "core/formatted.h"
 #include "core/tables.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
-#include "kernel/distributions.h"
 #include "kernel/sizes.h"
 #include "report/modelrows.h"
 #include "report/stream.h"
@@ -69,22 +65,8 @@ void equation(const LatentRegression& regression, int outcome) {
   reportbreak();
 }
 
-struct Test {
-  double estimate, error, t, p;
-};
-
-Test testof(double estimate, double variance, int df) {
-  constexpr double none = std::numeric_limits<double>::quiet_NaN();
-  Test test{estimate, none, none, none};
-  if (variance == missingcode || !(variance >= 0.0)) return test;
-  test.error = std::sqrt(variance);
-  test.t = estimate / test.error;
-  if (df > 0 && std::isfinite(test.t)) test.p = tprob(df, test.t);
-  return test;
-}
-
 // The four numbers of a row, and its end.
-void numbers(const Test& test, const char* style) {
+void numbers(const LatentTest& test, const char* style) {
   const auto cell = [&](double value, int width, int decimals, const char* end) {
     report("<td align=right valign=bottom %s>%s</td>%s\n", style, fixedpoint(value, width, decimals).c_str(), end);
   };
@@ -121,7 +103,7 @@ std::string outcomecell(const CoefficientName& name) {
 
 void coefficientrows(const LatentRegression& regression, std::size_t row, bool lasttable) {
   const CoefficientName name = nameof(regression.outcomes[row]);
-  const std::size_t nW = regression.terms.size(), nP = regression.predictors.size(), nO = regression.outcomes.size();
+  const std::size_t nW = regression.terms.size(), nP = regression.predictors.size();
   for (std::size_t k = 0; k < nW + nP; ++k) {
     const char* style = lasttable && k + 1 == nW + nP ? stylebottom : styleplain;
     const std::string gamma = subscripted(run.sym.sym3, numbered(name, k), true);
@@ -139,11 +121,9 @@ void coefficientrows(const LatentRegression& regression, std::size_t row, bool l
       reporttext("%*s%s", k < nW ? 24 : 29, "", predictor.c_str());
     }
     if (k < nW) {
-      const std::size_t i = row * nW + k;
-      numbers(testof(regression.Gadj[i], regression.Vadj[i * (nO * nW + 1)], regression.df), style);
+      numbers(regression.adjusted[row * nW + k], style);
     } else {
-      const std::size_t i = row * nP + k - nW;
-      numbers(testof(regression.b[i], regression.Vb[i * (nO * nP + 1)], regression.df), style);
+      numbers(regression.slopes[row * nP + k - nW], style);
     }
   }
 }
@@ -169,12 +149,11 @@ void comparisonheads() {
 
 void comparisonrows(const LatentRegression& regression, std::size_t row, bool lasttable) {
   const CoefficientName name = nameof(regression.outcomes[row]);
-  const std::size_t nW = regression.terms.size(), size = nW * regression.outcomes.size();
+  const std::size_t nW = regression.terms.size();
   for (std::size_t k = 0; k < nW; ++k) {
     const char* style = lasttable && k + 1 == nW ? stylebottom : styleplain;
     const std::size_t i = row * nW + k;
-    const double difference = regression.GO[i] - regression.Gadj[i];
-    const double error = testof(difference, regression.Vdiff[i * (size + 1)], regression.df).error;
+    const auto& [difference, error, t, p] = regression.differences[i];
     const std::string term = eightcolumns(termname(regression.terms[k]));
     if (run.report.html) {
       report("<tr><td %s>%s</td>\n<td %s>%s</td>\n", style, k == 0 ? outcomecell(name).c_str() : "&nbsp;", style,

@@ -6,10 +6,10 @@
 
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
+#include "estimate/inference/teststatistics.h"
 #include "report/modelrows.h"
 #include "report/stream.h"
 #include "report/symbols.h"
-#include "report/teststatistics.h"
 
 namespace kdr {
 

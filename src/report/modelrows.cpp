@@ -25,7 +25,7 @@ std::string categoryof(int k) { return escaped(categorylabel(k)); }
 std::vector<std::string> randomcategories(Tau which, int n) {
   std::vector<std::string> categories;
   if (multinomialrun()) {
-    const ModelRows rows = modelrows();
+    const ModelRows rows = modelrows(run.model);
     if (which == Tau::pi) {
       for (const CoefficientRow& coefficient : rows.coefficients)
         if (coefficient.random) categories.push_back(categoryof(coefficient.set));

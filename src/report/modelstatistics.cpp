@@ -1,20 +1,30 @@
 #include "report/modelstatistics.h"
 
 #include <cmath>
-#include <cstdlib>
+#include <string>
 
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
-#include "report/teststatistics.h"
+#include "estimate/inference/modelstatistics.h"
+#include "report/stream.h"
 
 namespace kdr {
 
+void sentences(const std::string& text) {
+  constexpr std::size_t width = 76;
+  for (std::size_t from = 0; from < text.size();) {
+    std::size_t end = text.size() - from <= width ? text.size() : text.rfind(' ', from + width);
+    if (end == std::string::npos || end <= from) end = text.size();
+    reportline(" %s", text.substr(from, end - from).c_str());
+    from = end + 1;
+  }
+}
+
 namespace {
 
-long long triangle(long long n) { return n * (n + 1) / 2; }
-
 void comparison(double deviance, long long parameters) {
-  const auto [statistic, df] = comparisonof(deviance, parameters);
+  const DevianceComparison made = comparisonof(deviance, parameters, {*run.out.deviance, run.out.df}, run.model);
+  const auto& [statistic, df, df2, p] = made.chisquare;
   report2("\n Model comparison test\n", "<h5>&nbsp;&nbsp;&nbsp;&nbsp;Model comparison test</h5>\n");
   reportrule(35);
   report2(" Chi-square statistic   = %12.5f", "&nbsp;&nbsp;&nbsp;&nbsp; &chi;<sup>2</sup> statistic   = %12.5f",
@@ -24,32 +34,22 @@ void comparison(double deviance, long long parameters) {
   reportline(" Degrees of freedom     = %6d", df);
   report2(" P", "&nbsp;&nbsp;&nbsp;&nbsp; <i>p</i>");
   report("-value                =      ");
-  const auto [below, p] = chisquaretail(df, statistic);
-  if (below) {
-    report(">.500");
-  } else if (p < 0.001) {
-    report2("<0.001", "&lt;0.001");
-  } else {
-    report("%5.3f", p);
-  }
+  report("%s", made.impossible.empty() ? pvalue(p, 3, true).c_str() : "Unable to compute");
   reportbreak();
+  if (!made.impossible.empty()) return sentences("The models cannot be compared. " + made.impossible);
+  if (!made.mixture) return;
+  sentences(
+      "If the models differ by one random effect, this p-value is conservative: the variance is 0 in the smaller one. "
+      "By the mixture of chi-squares with " +
+      std::to_string(df - 1) + " and " + std::to_string(df) + " degrees of freedom it is " +
+      pvalue(made.mixturep, 3, true) + ".");
 }
 
 }  // namespace
 
-long long parametercount(int phase) {
-  const long long taupis = phase == 1 ? run.mdm.nunits3 : 1;
-  return run.model.coef.ngamma + triangle(run.model.coef.ntaubeta) + taupis * triangle(run.model.coef.ntaupi) +
-         (run.model.restrictions.fixsigma2 == 0.0 ? 1 : 0);
-}
-
-DevianceComparison comparisonof(double deviance, long long parameters) {
-  return {std::fabs(deviance - run.out.deviance), wholedegrees(std::llabs(parameters - run.out.df))};
-}
-
-void modelstatistics(double loglik, int phase) {
-  const long long parameters = parametercount(phase);
-  const double deviance = -2.0 * loglik;
+void modelstatistics(const PassResults& results) {
+  const long long parameters = results.parameters;
+  const double deviance = -2.0 * results.loglik;
   report2("\n\n Statistics for the current model\n", "<h4>Statistics for the current model</h4>\n");
   reportrule(50);
   if (std::isfinite(deviance)) {
@@ -60,7 +60,7 @@ void modelstatistics(double loglik, int phase) {
   if (run.model.autovknown != 0 && run.model.outcome.linear())
     reportline(" (a constant of the known variances is left out: compare such deviances only with each other)");
   reportline(" Number of estimated parameters = %lld", parameters);
-  if (run.out.deviance != missingcode && std::isfinite(deviance)) comparison(deviance, parameters);
+  if (run.out.deviance && std::isfinite(deviance)) comparison(deviance, parameters);
 }
 
 }  // namespace kdr

@@ -3,10 +3,10 @@
 #include "core/formatted.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
+#include "estimate/quasi/macrotest.h"
 #include "report/fixedtable.h"
 #include "report/hypotheses.h"
 #include "report/matrixtables.h"
-#include "report/resultsdocument.h"
 #include "report/resultsheading.h"
 #include "report/stream.h"
 #include "report/variancetables.h"
@@ -91,18 +91,10 @@ void tautables(Tau which, const PassResults& results) {
   reliabilitytables(which, results);
 }
 
-// A table of the fixed effects, its ratios and the hypothesis tests that go with its covariance.
-void effectstables(const PassResults& results, TableKind kind, const Array<double>& covariance) {
-  const int g = run.model.coef.ngamma;
-  const Array<double> variances = variancesof(covariance, g);
-  const FixedEffects effects{results.est.gammahat, variances, results.degrees};
-  fixedtable(effects, kind, results.kind);
-  if (results.kind != PassKind::identity) ratiotable(effects, kind);
-}
-
-void hypothesistests(const PassResults& results, const Array<double>& covariance) {
-  const int g = run.model.coef.ngamma;
-  if (run.model.nhypotheses) hypothesistest(g, results.est.gammahat.data(), covariance.data(), g);
+// A table of the fixed effects and its ratios.
+void effectstables(const PassResults& results, TableKind kind, const EffectTable& effects) {
+  fixedtable(effects.rows, kind, results.kind);
+  if (results.kind != PassKind::identity) ratiotable(effects.rows);
 }
 
 void fewunitsnote() {
@@ -115,18 +107,17 @@ void norobust() { report("\nThe robust standard errors cannot be computed for th
 
 void robusttables(const PassResults& results) {
   if (results.robust.empty()) return norobust();
-  effectstables(results, TableKind::robust, results.robust);
+  effectstables(results, TableKind::robust, results.robusteffects);
   if (results.fewunits) fewunitsnote();
-  hypothesistests(results, results.robust);
+  hypothesistests(results.robusteffects);
 }
 
 void variancetesttables(const PassResults& results) {
   const VarianceTests& tests = results.tests;
   const Estimates& est = results.est;
-  variancetable(Tau::pi, {run.model.coef.ntaupi, est.taupi.data(), tests.chisq2.data(), tests.df2.data(), est.sigma2});
+  variancetable(Tau::pi, est.taupi, tests.level2, est.sigma2);
   partnote("chi-square statistics", tests.units2, run.mdm.nunits2);
-  variancetable(Tau::beta,
-                {run.model.coef.ntaubeta, est.taubeta.data(), tests.chisq3.data(), tests.df3.data(), est.sigma2});
+  variancetable(Tau::beta, est.taubeta, tests.level3, est.sigma2);
   partnote("chi-square statistics", tests.units3, run.mdm.nunits3);
 }
 
@@ -165,18 +156,14 @@ void deletionnote() {
   reportbreak();
 }
 
-void leastsquarestables(const LeastSquaresResults& results, const FixedDegrees& degrees) {
-  const int g = run.model.coef.ngamma;
-  documentleastsquares(results, degrees);
+void leastsquarestables(const LeastSquaresResults& results) {
   sectionheading("Least Squares Estimates", "Least Squares Estimates", 23);
   report("\n %s = %12.5f\n\n", run.sym.symvar1.c_str(), results.sigma2);
-  Array<double> variances = variancesof(results.vgamma, g, results.sigma2);
-  fixedtable({results.gamma, variances, degrees}, TableKind::leastsquares, PassKind::linear);
+  fixedtable(results.effects.rows, TableKind::leastsquares, PassKind::linear);
   if (results.robust.empty()) {
     norobust();
   } else {
-    variances = variancesof(results.robust, g);
-    fixedtable({results.gamma, variances, degrees}, TableKind::leastsquaresrobust, PassKind::linear);
+    fixedtable(results.robusteffects.rows, TableKind::leastsquaresrobust, PassKind::linear);
     if (results.fewunits) fewunitsnote();
   }
   if (results.loglik != missingcode) {
@@ -185,7 +172,7 @@ void leastsquarestables(const LeastSquaresResults& results, const FixedDegrees& 
   } else {
     reportline(" The least-squares likelihood cannot be computed: the model leaves no residual.");
   }
-  reportline(" Number of estimated parameters = %4d", g + 1);
+  reportline(" Number of estimated parameters = %4d", results.parameters);
 }
 
 void endingwords(const PassResults& results) {
@@ -221,12 +208,11 @@ void iterationtables(const PassResults& results) {
 }
 
 void fixedeffectstables(const PassResults& results, TableKind kind) {
-  effectstables(results, kind, results.covariance);
-  hypothesistests(results, results.covariance);
+  effectstables(results, kind, results.effects);
+  hypothesistests(results.effects);
 }
 
 void passtables(const PassResults& results) {
-  if (shown(results)) documentpass(results);
   iterationtables(results);
   if (shown(results)) fixedeffectstables(results);
   if (results.kind == PassKind::identity) return;

@@ -6,8 +6,8 @@
 
 #include <string>
 
+#include "core/results.h"
 #include "report/fixedtable.h"
-#include "report/passresults.h"
 
 namespace kdr {
 
@@ -16,8 +16,6 @@ void sectionheading(const char* text, const char* html, int rule);
 
 // Lines in bold.
 void reportwarning(const std::string& lines);
-// What a scoring step moves at the least, in standard errors, while variance components have not settled.
-inline constexpr double settled = 0.1;
 // A warning of two lines when a scoring step from the estimates would still move a variance component by a tenth of its
 // standard error or more; else empty.
 [[nodiscard]] std::string unsettledwords(const PassResults& results);
@@ -26,7 +24,7 @@ inline constexpr double settled = 0.1;
 void deletionnote();
 
 // The section " Least Squares Estimates" of a linear run.
-void leastsquarestables(const LeastSquaresResults& results, const FixedDegrees& degrees);
+void leastsquarestables(const LeastSquaresResults& results);
 
 // How the iterations ended.
 void endingwords(const PassResults& results);

@@ -12,19 +12,19 @@
 #include <utility>
 #include <vector>
 
-#include "data/resultfile.h"
-#include "data/scratch.h"
 #include "driver/failures.h"
+#include "driver/files.h"
 #include "driver/reportstream.h"
+#include "driver/resultfile.h"
 #include "driver/runrecord.h"
+#include "estimate/inference/modelstatistics.h"
+#include "estimate/inference/teststatistics.h"
 #include "kernel/sizes.h"
-#include "report/hypotheses.h"
+#include "report/averagedreport.h"
 #include "report/modelrows.h"
-#include "report/modelstatistics.h"
 #include "report/resultstable.h"
 #include "report/stream.h"
 #include "report/symbols.h"
-#include "report/teststatistics.h"
 
 namespace kdr {
 
@@ -79,28 +79,27 @@ Json numbers(const Array<double>& values) {
   return list;
 }
 
-// p of a chi-square statistic; below its degrees of freedom the report says ">.500" and no number is known.
-void addtail(Json& test, int df, double statistic) {
-  const auto [below, p] = chisquaretail(df, statistic);
-  test["chi_square"] = number(statistic);
-  test["df"] = df;
-  test["p"] = below ? Json() : number(p);
-  if (below) test["p_note"] = ">.500";
+// A chi-square test; of averages p is that of F, whose denominator has df2 degrees of freedom.
+void addtest(Json& to, const ChiSquareTest& test) {
+  to["chi_square"] = number(test.statistic);
+  to["df"] = test.df;
+  if (test.df2 > 0.0) to["df2"] = number(test.df2);
+  to["p"] = number(test.p);
 }
 
 // The model.
 
 Json nameornull(const Array<Name>& names, int v) { return v == 0 ? Json() : Json(leftname(names[v])); }
 
-const char* centering(const Array<int>& marks, int v) {
-  const int mark = at(v) < marks.size() ? marks[v] : 0;
-  return mark == 1 ? "group mean" : mark == 2 ? "grand mean" : "none";
+const char* centering(const Array<Centering>& marks, int v) {
+  constexpr const char* words[] = {"none", "group mean", "grand mean"};
+  return words[static_cast<int>(at(v) < marks.size() ? marks[v] : Centering::none)];
 }
 
 Json categoryornull(int set) { return multinomialrun() ? textornull(categorylabel(set)) : Json(); }
 
 Json equations() {
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   const std::vector<int> reduced = reducedeffects(rows);
   Json list = Json::array();
   for (const CoefficientRow& coefficient : rows.coefficients) {
@@ -133,9 +132,10 @@ Json equations() {
   return list;
 }
 
-const char* distribution() {
-  constexpr const char* names[] = {"normal", "bernoulli", "binomial", "poisson", "multinomial", "ordinal"};
-  return names[static_cast<int>(run.model.outcome.family)];
+std::string distribution() {
+  std::string name = nameof(run.model.outcome.family);
+  name[0] = static_cast<char>(name[0] - 'A' + 'a');
+  return name;
 }
 
 Json model() {
@@ -148,10 +148,11 @@ Json model() {
       {"distribution", distribution()},
       {"link", links[static_cast<int>(run.model.outcome.link())]},
       {"count_variable",
-       run.model.outcome.counted ? nameornull(run.mdm.names1, run.model.outcome.countvariable) : Json()},
+       run.model.outcome.counted ? nameornull(run.mdm.names1, run.model.outcome.countvariable.value_or(0)) : Json()},
       {"categories", std::move(categories)},
       {"equations", equations()},
-      {"sigma2_held_at", whenever(run.model.restrictions.fixsigma2 != 0.0, number(run.model.restrictions.fixsigma2))},
+      {"sigma2_held_at",
+       whenever(run.model.restrictions.fixsigma2.has_value(), number(run.model.restrictions.fixsigma2.value_or(0.0)))},
       {"weights",
        {{"level1", nameornull(run.mdm.names1, run.model.wgtvar1)},
         {"level2", nameornull(run.mdm.names2, run.model.wgtvar2)},
@@ -161,42 +162,28 @@ Json model() {
 
 // Fixed effects.
 
-// A covariance of the fixed effects, with its degrees of freedom; null matrices have no tests.
-struct Covariance {
-  const Array<double>* matrix = nullptr;
-  const FixedDegrees* degrees = nullptr;
-  double scale = 1.0;
-};
-
-bool known(const Covariance& covariance) { return covariance.matrix != nullptr && !covariance.matrix->empty(); }
-
-Json tested(const Estimate& row, bool withratio) {
+Json tested(const EffectTest& row, const MissingShare* share, bool withratio) {
   Json test{{"standard_error", whenever(row.se != 0.0, number(row.se))},
             {"t", whenever(row.se != 0.0, number(row.t))},
             {"df", row.df},
             {"p", whenever(row.tested, number(row.p))},
             {"p_rough", row.rough},
-            {"interval", bounds(intervalof(row))}};
-  if (withratio) test["ratio_interval"] = bounds(ratioof(row).interval);
+            {"interval", bounds(row.interval)}};
+  if (withratio) test["ratio_interval"] = bounds(row.ratiointerval);
+  if (share == nullptr) return test;
+  test["missing_information"] = number(share->fraction);
+  test["relative_efficiency"] = number(share->efficiency);
   return test;
 }
 
-Json fixedeffects(const Array<double>& gamma, const Covariance& model, const Covariance& robust, bool leastsquares,
-                  bool withratio) {
-  const ModelRows rows = modelrows();
-  const int n = run.model.coef.ngamma;
-  const FixedDegrees none;
-  const auto variances = [&](const Covariance& covariance) {
-    return known(covariance) ? variancesof(*covariance.matrix, n, covariance.scale) : Array<double>();
-  };
-  const Array<double> modelvariances = variances(model), robustvariances = variances(robust);
-  const auto side = [&](const Covariance& covariance, const Array<double>& variance, int g) {
-    if (variance.empty()) return Json();
-    const FixedDegrees& degrees = covariance.degrees == nullptr ? none : *covariance.degrees;
-    return tested(estimateof({gamma, variance, degrees}, leastsquares, g), withratio);
+Json fixedeffects(const Array<double>& gamma, const EffectTable& model, const EffectTable& robust, bool withratio) {
+  const ModelRows rows = modelrows(run.model);
+  const auto side = [&](const EffectTable& table, std::size_t g) {
+    if (table.rows.empty()) return Json();
+    return tested(table.rows[g], table.shares.empty() ? nullptr : &table.shares[g], withratio);
   };
   Json list = Json::array();
-  int g = 0;
+  std::size_t g = 0;
   for (const EffectRow& effect : rows.effects) {
     if (effect.removed) continue;
     const CoefficientRow& owner = rows.owner(effect);
@@ -208,22 +195,20 @@ Json fixedeffects(const Array<double>& gamma, const Covariance& model, const Cov
              {"threshold", owner.threshold},
              {"estimate", number(gamma[g])}};
     if (withratio) row["ratio"] = number(std::exp(gamma[g]));
-    row["model_based"] = side(model, modelvariances, g);
-    row["robust"] = side(robust, robustvariances, g);
+    row["model_based"] = side(model, g);
+    row["robust"] = side(robust, g);
     list.push_back(std::move(row));
     ++g;
   }
   return list;
 }
 
-void addhypotheses(Json& list, const char* name, const Array<double>& gamma, const Covariance& covariance) {
-  if (!run.model.nhypotheses || !known(covariance)) return;
-  const int n = run.model.coef.ngamma;
-  for (const WaldTest& test : waldtests(n, gamma.data(), covariance.matrix->data(), n)) {
+void addhypotheses(Json& list, const char* name, const EffectTable& table) {
+  for (const WaldTest& test : table.hypotheses) {
     Json contrasts = Json::array();
     for (int row = 0; row < test.r; ++row) {
       Json contrast = Json::array();
-      for (int g = 0; g < n; ++g) contrast.push_back(number(test.C[row * n + g]));
+      for (int g = 0; g < test.n; ++g) contrast.push_back(number(test.C[row * test.n + g]));
       contrasts.push_back(std::move(contrast));
     }
     Json entry{{"number", test.number + 1},
@@ -232,7 +217,7 @@ void addhypotheses(Json& list, const char* name, const Array<double>& gamma, con
                {"estimates", test.computed ? numbers(test.estimates) : Json()},
                {"standard_errors", test.computed ? numbers(test.errors) : Json()}};
     if (test.computed) {
-      addtail(entry, test.r, test.statistic);
+      addtest(entry, test.chisquare);
     } else {
       entry.update({{"chi_square", nullptr}, {"df", test.r}, {"p", nullptr}});
     }
@@ -241,14 +226,12 @@ void addhypotheses(Json& list, const char* name, const Array<double>& gamma, con
 }
 
 // All that hangs on the fixed effects of a phase.
-void addeffects(Json& phase, const Array<double>& gamma, const Covariance& model, const Covariance& robust,
-                bool leastsquares, bool withratio) {
-  phase["fixed_effects"] = fixedeffects(gamma, model, robust, leastsquares, withratio && !run.model.outcome.linear());
+void addeffects(Json& phase, const Array<double>& gamma, const EffectTable& model, const EffectTable& robust,
+                bool withratio) {
+  phase["fixed_effects"] = fixedeffects(gamma, model, robust, withratio && !run.model.outcome.linear());
   Json tests = Json::array();
-  if (!leastsquares) {
-    addhypotheses(tests, "model_based", gamma, model);
-    addhypotheses(tests, "robust", gamma, robust);
-  }
+  addhypotheses(tests, "model_based", model);
+  addhypotheses(tests, "robust", robust);
   phase["hypothesis_tests"] = std::move(tests);
 }
 
@@ -256,7 +239,7 @@ void addeffects(Json& phase, const Array<double>& gamma, const Covariance& model
 
 Json taurows(Tau which, int n) {
   const Coefficients& coef = run.model.coef;
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   std::vector<int> sets;
   for (const CoefficientRow& row : rows.coefficients)
     if (which == Tau::pi && row.random) sets.push_back(row.set);
@@ -303,14 +286,14 @@ Json sigma2of(double estimate, bool held, bool errorknown, double error) {
 }
 
 // The tests of the variances on a diagonal.
-Json variancetests(const Array<double>& tau, const Array<double>& chisq, const Array<long long>& df) {
+Json variancetests(const Array<double>& tau, std::span<const VarianceTest> tests) {
   Json list = Json::array();
-  const int n = static_cast<int>(df.size());
-  for (int i = 0; i < n; ++i) {
-    const double variance = std::max(0.0, tau[at(i) * at(n) + at(i)]);
+  const std::size_t n = tests.size();
+  for (std::size_t i = 0; i < n; ++i) {
+    const double variance = std::max(0.0, tau[i * (n + 1)]);
     Json row{{"variance", number(variance)}, {"standard_deviation", number(std::sqrt(variance))}};
-    if (variancetested(df[i], chisq[i])) {
-      addtail(row, wholedegrees(df[i]), chisq[i]);
+    if (tests[i].known) {
+      addtest(row, tests[i].chisquare);
     } else {
       row.update({{"chi_square", nullptr}, {"df", nullptr}, {"p", nullptr}});
     }
@@ -334,16 +317,20 @@ void addlikelihood(Json& phase, double loglik, bool comparable, long long parame
   phase["bic"] = whenever(has, criterion + count * std::log(static_cast<double>(run.mdm.nunits1)));
   phase["bic_sample_size"] = whenever(has, run.mdm.nunits1);
   Json comparison;
-  if (has && run.out.deviance != missingcode) {
-    const auto [statistic, df] = comparisonof(deviance, parameters);
-    addtail(comparison, df, statistic);
+  if (has && run.out.deviance) {
+    const DevianceComparison made = comparisonof(deviance, parameters, {*run.out.deviance, run.out.df}, run.model);
+    const bool possible = made.impossible.empty();
+    addtest(comparison, made.chisquare);
+    comparison["p"] = whenever(possible, comparison["p"]);
+    comparison["mixture_p"] = whenever(possible && made.mixture, number(made.mixturep));
+    comparison["impossible"] = textornull(made.impossible);
   }
   phase["model_comparison"] = std::move(comparison);
 }
 
 // The shares of a linear model with nothing but an intercept that varies at all three levels.
 Json intraclass(double sigma2, const Array<double>& taupi, const Array<double>& taubeta) {
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   const bool null = run.model.outcome.linear() && run.model.autovknown == 0 && rows.effects.size() == 1 &&
                     taupi.size() == 1 && taubeta.size() == 1 && rows.coefficients[0].variable == 0 &&
                     rows.terms[0].variable == 0 && rows.effects[0].variable == 0;
@@ -446,9 +433,9 @@ void addvariances(Json& phase, const PassResults& results) {
     phase["variance_tests"] = nullptr;
     return;
   }
-  phase["variance_tests"] = {{"level2", variancetests(est.taupi, tests.chisq2, tests.df2)},
+  phase["variance_tests"] = {{"level2", variancetests(est.taupi, tests.level2)},
                              {"level2_units", tests.units2},
-                             {"level3", variancetests(est.taubeta, tests.chisq3, tests.df3)},
+                             {"level3", variancetests(est.taubeta, tests.level3)},
                              {"level3_units", tests.units3}};
 }
 
@@ -459,51 +446,40 @@ void addphase(Json phase) {
   document.phases.push_back(std::move(phase));
 }
 
+// A phase with all its keys, nulls but for these.
+Json emptyphase(const char* name, Json ending, Json converged) {
+  Json phase{{"phase", name},
+             {"macro_iteration", nullptr},
+             {"iterations", nullptr},
+             {"ending", std::move(ending)},
+             {"converged", std::move(converged)}};
+  for (const char* key :
+       {"log_likelihood", "deviance", "parameters", "aic", "bic", "bic_sample_size", "model_comparison",
+        "marginal_log_likelihood", "sigma2", "tau_pi", "tau_beta", "variance_tests", "intraclass_correlation"})
+    phase[key] = nullptr;
+  return phase;
+}
+
 Json phaseof(const PassResults& results) {
-  Json phase{{"phase", phasename(results)},
-             {"macro_iteration", whenever(results.macro != 0, results.macro)},
-             {"iterations", results.iteration},
-             {"ending", endingname(results.ending)},
-             {"converged", results.ending == Ending::converged}};
-  const bool comparable = results.kind == PassKind::linear || isengine(results);
-  addlikelihood(phase, results.loglik, comparable, parametercount(results.heterogeneous ? 1 : 2), results.marginal);
+  Json phase = emptyphase(phasename(results), endingname(results.ending), results.ending == Ending::converged);
+  phase["macro_iteration"] = whenever(results.macro != 0, results.macro);
+  phase["iterations"] = results.iteration;
+  addlikelihood(phase, results.loglik, results.kind == PassKind::linear || isengine(results), results.parameters,
+                results.marginal);
   phase["marginal_log_likelihood"] = number(results.marginal);
   addvariances(phase, results);
-  phase["intraclass_correlation"] = results.heterogeneous || results.kind != PassKind::linear
-                                        ? Json()
-                                        : intraclass(results.est.sigma2, results.est.taupi, results.est.taubeta);
-  addeffects(phase, results.est.gammahat, {&results.covariance, &results.degrees},
-             {results.heterogeneous ? nullptr : &results.robust, &results.degrees}, false,
-             results.kind != PassKind::identity);
+  if (!results.heterogeneous && results.kind == PassKind::linear)
+    phase["intraclass_correlation"] = intraclass(results.est.sigma2, results.est.taupi, results.est.taubeta);
+  addeffects(phase, results.est.gammahat, results.effects, results.robusteffects, results.kind != PassKind::identity);
   phase["warnings"] = warningsof(results);
   for (const std::string& note : results.notes) phase["warnings"].push_back(note);
   if (results.kind == PassKind::quadrature) addpoints(phase, results);
   return phase;
 }
 
-Json averagedphase(const char* name, const PooledEffects& effects, const AveragedFrame& frame) {
-  Json phase{{"phase", name},
-             {"macro_iteration", nullptr},
-             {"iterations", nullptr},
-             {"ending", nullptr},
-             {"converged", nullptr},
-             {"log_likelihood", nullptr},
-             {"deviance", nullptr},
-             {"parameters", nullptr},
-             {"aic", nullptr},
-             {"bic", nullptr},
-             {"bic_sample_size", nullptr},
-             {"model_comparison", nullptr},
-             {"sigma2", nullptr},
-             {"tau_pi", nullptr},
-             {"tau_beta", nullptr},
-             {"marginal_log_likelihood", nullptr},
-             {"variance_tests", nullptr},
-             {"intraclass_correlation", nullptr}};
-  const FixedDegrees model{effects.model.df.copy(), frame.degrees.rough.copy()};
-  const FixedDegrees robust{effects.robust.df.copy(), frame.degrees.rough.copy()};
-  addeffects(phase, effects.gamma, {&effects.model.covariance, &model},
-             {effects.robust.known ? &effects.robust.covariance : nullptr, &robust}, false, true);
+Json averagedphase(const char* name, const PooledEffects& effects) {
+  Json phase = emptyphase(name, nullptr, nullptr);
+  addeffects(phase, effects.gamma, effects.model.effects, effects.robust.effects, true);
   phase["warnings"] = Json::array();
   if (!effects.robust.known) phase["warnings"].push_back(norobust);
   return phase;
@@ -536,9 +512,27 @@ Json filesmade() {
   return files;
 }
 
+// The sentences about the run, and those on comparisons that are none.
+Json allwarnings() {
+  Json warnings = document.warnings;
+  for (const Json& phase : document.phases)
+    if (const Json& compared = phase["model_comparison"]; !compared.is_null() && !compared["impossible"].is_null())
+      warnings.push_back("The models of DEVIANCE: cannot be compared. " + compared["impossible"].get<std::string>());
+  return warnings;
+}
+
+// What tells the files that pictures are drawn from.
+Json checksums() {
+  Json list = Json::array();
+  if (!document.averages)
+    for (const FileMark& mark : run.files.marks)
+      list.push_back({{"file", mark.name}, {"bytes", mark.bytes}, {"crc32", mark.crc}});
+  return list;
+}
+
 Json wholedocument() {
   return {{"format", "kdr3 results"},
-          {"format_version", 1},
+          {"format_version", 3},
           {"program", module},
           {"version", version},
           {"title", run.files.title},
@@ -549,8 +543,9 @@ Json wholedocument() {
           {"series", seriesfacts()},
           {"converged", converged()},
           {"phases", document.phases},
-          {"warnings", document.warnings},
-          {"files", filesmade()}};
+          {"warnings", allwarnings()},
+          {"files", filesmade()},
+          {"checksums", checksums()}};
 }
 
 bool istable(const std::string& path) { return strcasecmp(path.substr(extensionplace(path)).c_str(), ".csv") == 0; }
@@ -571,26 +566,28 @@ void startdocument() {
   document = {Json::array(), Json::array(), Json::array(), false};
   run.id.passunconverged = false;
   run.files.made.clear();
+  run.files.marks.clear();
 }
 
 void documentpass(const PassResults& results) {
-  if (wanted()) addphase(phaseof(results));
+  if (wanted() && (run.out.fulloutput || results.kind != PassKind::identity)) addphase(phaseof(results));
 }
 
-void documentleastsquares(const LeastSquaresResults& results, const FixedDegrees& degrees) {
+void documentheterogeneous(const PassResults& results, const Array<double>& mean, const Array<double>& weighted) {
   if (!wanted()) return;
-  Json phase{{"phase", "least_squares"},
-             {"macro_iteration", nullptr},
-             {"iterations", nullptr},
-             {"ending", nullptr},
-             {"converged", true}};
-  addlikelihood(phase, results.loglik, true, run.model.coef.ngamma + 1);
+  Json phase = phaseof(results);
+  phase["tau_pi_average"] = square(run.model.coef.ntaupi, mean);
+  phase["tau_pi_weighted_average"] = square(run.model.coef.ntaupi, weighted);
+  addphase(std::move(phase));
+}
+
+void documentleastsquares(const LeastSquaresResults& results) {
+  if (!wanted()) return;
+  Json phase = emptyphase("least_squares", nullptr, true);
+  addlikelihood(phase, results.loglik, true, results.parameters);
   phase["model_comparison"] = nullptr;
-  phase["marginal_log_likelihood"] = nullptr;
   phase["sigma2"] = sigma2of(results.sigma2, false, false, 0.0);
-  phase["tau_pi"] = phase["tau_beta"] = phase["variance_tests"] = phase["intraclass_correlation"] = nullptr;
-  addeffects(phase, results.gamma, {&results.vgamma, &degrees, results.sigma2}, {&results.robust, &degrees}, true,
-             false);
+  addeffects(phase, results.gamma, results.effects, results.robusteffects, false);
   phase["warnings"] = Json::array();
   if (results.robust.empty()) {
     phase["warnings"].push_back(norobust);
@@ -600,36 +597,26 @@ void documentleastsquares(const LeastSquaresResults& results, const FixedDegrees
   addphase(std::move(phase));
 }
 
-void documentheterogeneous(const PassResults& results, const Array<double>& mean, const Array<double>& weighted) {
-  if (!wanted()) return;
-  Json phase = phaseof(results);
-  const int p = run.model.coef.ntaupi;
-  phase["tau_pi_average"] = square(p, mean);
-  phase["tau_pi_weighted_average"] = square(p, weighted);
-  addphase(std::move(phase));
-}
-
-void documentaverages(const Pooled& pooled, const AveragedFrame& frame, std::span<const int> failed) {
+void documentaverages(const Pooled& pooled, std::span<const int> failed) {
   document.averages = true;
   if (!wanted()) return;
   for (const int index : failed) document.failed.push_back(index + 1);
-  Json phase = averagedphase("average", pooled.effects, frame);
+  Json phase = averagedphase("average", pooled.effects);
   const int q = static_cast<int>(pooled.reliability2.size()), r = static_cast<int>(pooled.reliability3.size());
   phase["subruns"] = pooled.M;
-  phase["sigma2"] = sigma2of(pooled.sigma2, frame.sigma2fixed, pooled.errorsknown, pooled.sigma2error);
+  phase["sigma2"] = sigma2of(pooled.sigma2, pooled.sigma2fixed, pooled.errorsknown, pooled.sigma2error);
   phase["tau_pi"] = taumatrix(Tau::pi, {q, &pooled.taupi, pooled.errorsknown ? &pooled.taupierrors : nullptr,
-                                        &pooled.reliability2, pooled.units3});
+                                        &pooled.reliability2, pooled.units2});
   phase["tau_beta"] = taumatrix(Tau::beta, {r, &pooled.taubeta, pooled.errorsknown ? &pooled.taubetaerrors : nullptr,
                                             &pooled.reliability3, pooled.units3});
-  const auto [df2, df3] = averageddegrees(pooled, frame);
-  phase["variance_tests"] = {{"level2", variancetests(pooled.taupi, pooled.chisq2, df2)},
-                             {"level2_units", pooled.testunits2},
-                             {"level3", variancetests(pooled.taubeta, pooled.chisq3, df3)},
-                             {"level3_units", pooled.testunits3}};
+  phase["variance_tests"] = {{"level2", variancetests(pooled.taupi, pooled.tests.level2)},
+                             {"level2_units", pooled.tests.units2},
+                             {"level3", variancetests(pooled.taubeta, pooled.tests.level3)},
+                             {"level3_units", pooled.tests.units3}};
   phase["intraclass_correlation"] = intraclass(pooled.sigma2, pooled.taupi, pooled.taubeta);
   addphase(std::move(phase));
   if (!pooled.popaverage.gamma.empty()) {
-    Json average = averagedphase("average_population_average", pooled.popaverage, frame);
+    Json average = averagedphase("average_population_average", pooled.popaverage);
     average["subruns"] = pooled.M;
     addphase(std::move(average));
   }

@@ -1,26 +1,26 @@
 // The results of a run as one document for other programs: JSON, or a table of comma-separated values where the name
-// ends in ".csv" (docs/results.md, docs/results.schema.json). The phases are collected as their tables are printed; a
-// phase takes the place of an earlier one of its kind, as in the report. Nothing is kept unless the run asks for it.
+// ends in ".csv" (docs/results.md, docs/results.schema.json). The phases are collected as their results stand; a phase
+// takes the place of an earlier one of its kind, as in the report. Nothing is kept unless the run asks for it.
 #pragma once
 
 #include <span>
 #include <string>
 
-#include "report/averagedreport.h"
-#include "report/passresults.h"
+#include "core/results.h"
+#include "series/pooledresults.h"
 
 namespace kdr {
 
 // Forgets what was collected: a pass of the series begins, or its averages.
 void startdocument();
 
-// The phase of a pass or of an engine.
+// The phase of a pass or of an engine. An identity pass has none without full output.
 void documentpass(const PassResults& results);
-void documentleastsquares(const LeastSquaresResults& results, const FixedDegrees& degrees);
+void documentleastsquares(const LeastSquaresResults& results);
 // `mean` and `weighted` are the averages of taupi over the level-3 units.
 void documentheterogeneous(const PassResults& results, const Array<double>& mean, const Array<double>& weighted);
 // The phases of the averages of a series; `failed` are the indices of the data sets that failed.
-void documentaverages(const Pooled& pooled, const AveragedFrame& frame, std::span<const int> failed);
+void documentaverages(const Pooled& pooled, std::span<const int> failed);
 
 // Whether the phase that was added last has converged, where its pass alone does not tell.
 void documentending(bool converged);

@@ -1,7 +1,7 @@
 // The heading of the results of a non-linear pass.
 #pragma once
 
-#include "report/passresults.h"
+#include "core/results.h"
 
 namespace kdr {
 

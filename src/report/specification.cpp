@@ -20,16 +20,12 @@ constexpr int maxgammasummary = 1500;
 
 // The block of facts.
 
-const char* distribution() {
-  if (run.model.outcome.categorical()) return run.model.outcome.ordinal() ? "Ordinal" : "Multinomial";
-  if (run.model.outcome.family == Family::poisson) return "Poisson";
-  return run.model.outcome.counted ? "Binomial" : "Bernoulli";
-}
+const char* distribution() { return nameof(run.model.outcome.family); }
 
 void runheading() {
   reportbreak();
   report2(" Specifications for this ", "<h2>Specifications for this ");
-  if (run.model.outcome.single() && run.model.restrictions.fixsigma2 == 0.0) report("Overdispersed ");
+  if (run.model.outcome.single() && !run.model.restrictions.fixsigma2) report("Overdispersed ");
   if (!run.model.outcome.linear()) report("%s ", distribution());
   report("%s run", module);
   report2("\n\n\n", "</h2>");
@@ -79,7 +75,8 @@ void nonlinearfacts() {
     reportline("  Maximum number of population average iterations = %d", run.control.popavit);
   reportbreak();
   reportline("  Distribution at Level-1: %s", distribution());
-  if (run.control.taylor != 0) reportline("Taylor series at order %d selected", run.control.taylor);
+  if (run.control.taylor != Taylor::none)
+    reportline("Taylor series at order %d selected", static_cast<int>(run.control.taylor));
 }
 
 void facts() {
@@ -155,10 +152,10 @@ char fixedmark(bool fixed, MarksShown& shown) {
   return fixed ? '#' : ' ';
 }
 
-char centeringmark(int mark, MarksShown& shown) {
-  shown.group = shown.group || mark == 1;
-  shown.grand = shown.grand || mark == 2;
-  return mark == 1 ? '*' : mark == 2 ? '%' : ' ';
+char centeringmark(Centering mark, MarksShown& shown) {
+  shown.group = shown.group || mark == Centering::groupmean;
+  shown.grand = shown.grand || mark == Centering::grandmean;
+  return mark == Centering::groupmean ? '*' : mark == Centering::grandmean ? '%' : ' ';
 }
 
 void modelheading(bool constrained) {
@@ -170,8 +167,7 @@ void modelheading(bool constrained) {
 }
 
 void effectcolumns(const ModelRows& rows, const EffectRow& effect, bool constrained, MarksShown& shown) {
-  const int mark = run.model.center3[effect.variable] == 2 ? 2 : 0;
-  report("   %c%s", centeringmark(mark, shown), effectlabel(rows, effect).c_str());
+  report("   %c%s", centeringmark(run.model.center3[effect.variable], shown), effectlabel(rows, effect).c_str());
   if (constrained) report("        %1.1d", effect.group);
   reportbreak();
 }
@@ -188,7 +184,7 @@ void termrows(const ModelRows& rows, const TermRow& term, bool constrained, Mark
 
 void coefficientlead(const CoefficientRow& coefficient, MarksShown& shown) {
   report("%c%c%s ", fixedmark(!coefficient.random && !coefficient.threshold, shown),
-         centeringmark(coefficient.threshold ? 0 : run.model.center1[coefficient.variable], shown),
+         centeringmark(coefficient.threshold ? Centering::none : run.model.center1[coefficient.variable], shown),
          coefficientlabel(coefficient).c_str());
   if (!coefficient.threshold) report("   ");
 }
@@ -221,7 +217,7 @@ void modeltable(const ModelRows& rows) {
 
 void buildsummary() {
   int level1 = 0, level2 = 0, fixed = 0;
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   for (const CoefficientRow& coefficient : rows.coefficients) level1 += coefficient.set == 0 ? 1 : 0;
   for (const TermRow& term : rows.terms) {
     if (rows.owner(term).set != 0) continue;
@@ -236,7 +232,7 @@ void writespecification() {
   facts();
   weightingtable();
   report("\n  The outcome variable is %s\n", escaped(run.model.outname.text).c_str());
-  if (!run.report.html) modeltable(modelrows());
+  if (!run.report.html) modeltable(modelrows(run.model));
   writeequations();
   writemixedmodel();
 }

@@ -8,10 +8,12 @@
 #include <string>
 
 #include "core/constants.h"
-#include "data/resultfile.h"
-#include "data/scratch.h"
 #include "driver/failures.h"
+#include "driver/files.h"
+#include "driver/resultfile.h"
 #include "driver/runrecord.h"
+#include "driver/textmark.h"
+#include "kernel/sizes.h"
 #include "report/filecell.h"
 
 namespace kdr {
@@ -31,9 +33,12 @@ bool readline(std::FILE* file, std::string& line) {
   return ended;
 }
 
+constexpr const char* firstmarker = "#SIGMA2";
+
 void expectmarker(std::FILE* file, const char* marker, const char* words) {
   std::string line;
   readline(file, line);
+  if (marker == firstmarker) dropmark(line, run.files.startvals);
   if (strncasecmp(line.c_str(), marker, std::strlen(marker)) != 0) stopwith("%s", words);
 }
 
@@ -65,16 +70,21 @@ bool havestartvalues() {
   return !run.files.startvals.empty() && stat(run.files.startvals.c_str(), &status) == 0;
 }
 
-void readstartvalues() {
+Estimates readstartvalues() {
+  Estimates est;
+  const Coefficients& coef = run.model.coef;
+  est.gammahat.reset(at(coef.ngamma));
+  est.taupi.reset(square(coef.ntaupi));
+  est.taubeta.reset(square(coef.ntaubeta));
   std::FILE* file = openfile(run.files.startvals, "rt");
-  expectmarker(file, "#SIGMA2", "sigma2 value must be preceded with a line #SIGMA2\n");
+  expectmarker(file, firstmarker, "sigma2 value must be preceded with a line #SIGMA2\n");
   std::string line;
   readline(file, line);
-  run.est.sigma2 = std::atof(line.c_str());
+  est.sigma2 = std::atof(line.c_str());
   expectmarker(file, "#TAUPI", "Tau(pi) values must be preceded with a line #TAUPI\n");
-  for (int i = 0; i < run.model.coef.ntaupi; ++i) readrow(file, run.est.taupi, run.model.coef.ntaupi, i);
+  for (int i = 0; i < run.model.coef.ntaupi; ++i) readrow(file, est.taupi, run.model.coef.ntaupi, i);
   expectmarker(file, "#TAUBETA", "Tau(beta) values must be preceded with a line #TAUBETA\n");
-  for (int i = 0; i < run.model.coef.ntaubeta; ++i) readrow(file, run.est.taubeta, run.model.coef.ntaubeta, i);
+  for (int i = 0; i < run.model.coef.ntaubeta; ++i) readrow(file, est.taubeta, run.model.coef.ntaubeta, i);
   expectmarker(file, "#GAMMA", "gamma values must be preceded with a line #GAMMA\n");
   for (int i = 0; i < run.model.coef.ngamma; ++i) {
     if (!readline(file, line))
@@ -82,23 +92,23 @@ void readstartvalues() {
           "There are not enough lines in the starting value file: %s\nThere should be %d lines after the #GAMMA "
           "line.\n",
           run.files.startvals.c_str(), run.model.coef.ngamma);
-    run.est.gammahat[i] = std::atof(line.c_str());
+    est.gammahat[i] = std::atof(line.c_str());
   }
   std::fclose(file);
+  return est;
 }
 
-void writestartvalues() {
+void writestartvalues(const Estimates& est) {
   ResultFile result;
   opentext(result, run.files.startvals);
   std::FILE* file = result.stream;
-  std::fprintf(file, "#SIGMA2\n%s\n", filecell(run.est.sigma2, 12, 5).c_str());
+  std::fprintf(file, "#SIGMA2\n%s\n", filecell(est.sigma2, 12, 5).c_str());
   std::fprintf(file, "#TAUPI\n");
-  writetriangle(file, run.est.taupi, run.model.coef.ntaupi);
+  writetriangle(file, est.taupi, run.model.coef.ntaupi);
   std::fprintf(file, "#TAUBETA\n");
-  writetriangle(file, run.est.taubeta, run.model.coef.ntaubeta);
+  writetriangle(file, est.taubeta, run.model.coef.ntaubeta);
   std::fprintf(file, "#GAMMA\n");
-  for (int i = 0; i < run.model.coef.ngamma; ++i)
-    std::fprintf(file, "%s\n", filecell(run.est.gammahat[i], 13, 6).c_str());
+  for (int i = 0; i < run.model.coef.ngamma; ++i) std::fprintf(file, "%s\n", filecell(est.gammahat[i], 13, 6).c_str());
   finishresult(result);
 }
 

@@ -11,8 +11,8 @@
 
 #include "construct/fileclashes.h"
 #include "core/formatted.h"
-#include "data/scratch.h"
 #include "driver/failures.h"
+#include "driver/files.h"
 #include "driver/questions.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
@@ -37,13 +37,27 @@ void numberreport() {
   files.outfile = run.report.numberedhtml ? files.outbase + "_" + number + ".html" : files.outbase + "." + number;
 }
 
+// The line ends of a caption stand in its text. A table wider than the window scrolls by itself. windowtext, in the
+// styles of the cells, goes with the reader's choice of light or dark.
 constexpr const char* stylesheet =
     "<style>\n"
-    "body { margin: 1em 2em; font-family: Georgia, 'Times New Roman', serif; line-height: 1.35; }\n"
+    ":root { color-scheme: light dark; }\n"
+    "body { margin: 1em 2em; font-family: Georgia, 'Times New Roman', serif; line-height: 1.35; background: Canvas;\n"
+    "  color: CanvasText; overflow-wrap: anywhere; }\n"
     "h1 { font-size: 100%; }\n"
     "h1 table { font-weight: normal; }\n"
+    "h4 { white-space: pre-line; }\n"
+    "h4 br { display: none; }\n"
     "table { margin: 0.4em 0; }\n"
+    "table[border] { display: block; width: fit-content; max-width: 100%; overflow-x: auto; white-space: nowrap; }\n"
     "td { font-variant-numeric: tabular-nums; }\n"
+    "@media (max-width: 640px) {\n"
+    "  body { margin: 0.5em; }\n"
+    "  h2 { font-size: 125%; }\n"
+    "  h2 table { width: 100%; font-size: 80%; }\n"
+    "  table[border] { font-size: 76%; }\n"
+    "  table[border] td { padding: 0 0.2em !important; word-spacing: -0.07em; }\n"
+    "}\n"
     "</style>\n";
 
 std::string overwriting() { return lossby(run.files.outfile, {run.files.mdmfile, run.files.cmdfile}); }
@@ -165,6 +179,12 @@ std::string eightcolumns(const Name& name) {
 std::string bareword(const Name& name) {
   const std::string left = leftname(name);
   return escaped(std::string_view(left).substr(0, left.find(' ')));
+}
+
+std::string pvalue(double p, int decimals, bool least) {
+  if (p > 0.5) return ">.500";
+  if (p < 0.001 && (least || run.report.html)) return run.report.html ? "&lt;0.001" : "<0.001";
+  return formatted("%.*f", decimals, p);
 }
 
 std::string fixedpoint(double value, int width, int decimals) {

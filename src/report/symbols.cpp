@@ -25,7 +25,11 @@ constexpr Letters measurement[2] = {
      "&sigma;<sup><small>2</small></sup><sub><small>&epsilon;</small></sub>",
      "&sigma;<sup><small>2</small></sup><sub><small>e</small></sub>", "&tau;<sub><small>&pi;</small></sub>"}};
 
-constexpr const char* subscriptletters[] = {"ijk", "mij", "tij", "mti"};  // by mdmtype
+struct TypeLetters {
+  bool measured;  // level 1 is a measurement model
+  const char* subscripts;
+};
+constexpr TypeLetters typeletters[] = {{false, "ijk"}, {true, "mij"}, {false, "tij"}, {true, "mti"}};  // by MdmType
 
 // Digits as they follow a symbol.
 std::string subscripted(const std::string& digits) {
@@ -52,9 +56,9 @@ std::string thresholdcategory(const CoefficientRow& coefficient) {
 }  // namespace
 
 void setsymbols() {
-  const int type = run.mdm.mdmtype >= 0 && run.mdm.mdmtype <= 3 ? run.mdm.mdmtype : 0;
-  const Letters& letters = (type % 2 == 1 ? measurement : ordinary)[run.report.html ? 1 : 0];
-  const std::string sub = subscriptletters[type];
+  const TypeLetters& type = typeletters[static_cast<int>(run.mdm.mdmtype)];
+  const Letters& letters = (type.measured ? measurement : ordinary)[run.report.html ? 1 : 0];
+  const std::string sub = type.subscripts;
   run.sym = {letters.sym1,    letters.sym2,    letters.sym3,    letters.syme, letters.symr2, letters.symr3,
              letters.symvar1, letters.symvar2, letters.symvar3, sub,          sub.substr(1), sub.substr(2)};
 }
@@ -80,7 +84,7 @@ std::string effectlabel(const ModelRows& rows, const EffectRow& effect) {
 }
 
 void makerowlabels() {
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   Coefficients& coef = run.model.coef;
   const auto kept =
       std::count_if(rows.effects.begin(), rows.effects.end(), [](const EffectRow& e) { return !e.removed; });

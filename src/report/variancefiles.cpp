@@ -3,8 +3,8 @@
 #include <cmath>
 #include <cstdio>
 
-#include "data/resultfile.h"
 #include "driver/reportstream.h"
+#include "driver/resultfile.h"
 #include "driver/runrecord.h"
 #include "report/filecell.h"
 
@@ -15,7 +15,9 @@ namespace {
 constexpr int perline = 60;
 
 // One file for all sub-runs of a series holds a block of each.
-void openvariancefile(ResultFile& file, const char* path) { opentext(file, path, run.out.printvc == 2); }
+void openvariancefile(ResultFile& file, const char* path) {
+  opentext(file, path, run.out.printvc == VarianceFiles::append);
+}
 
 // A row of cells, a new line after each 60 and at the end.
 enum class Cell { fixed, exponent };

@@ -1,7 +1,7 @@
 // The variance-covariance files of PRINTVARIANCE-COVARIANCE:.
 #pragma once
 
-#include "report/passresults.h"
+#include "core/results.h"
 
 namespace kdr {
 

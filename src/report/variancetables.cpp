@@ -10,7 +10,6 @@
 #include "report/modelrows.h"
 #include "report/stream.h"
 #include "report/symbols.h"
-#include "report/teststatistics.h"
 
 namespace kdr {
 
@@ -104,32 +103,19 @@ void level3effect(int i, const std::string& category, double variance, const cha
 }
 
 // Degrees of freedom, chi-square and p-value, and the end of the row.
-void chisquare(Tau which, long long degrees, double chisq, const char* style) {
-  if (!variancetested(degrees, chisq)) {
+void chisquare(Tau which, const VarianceTest& test, const char* style) {
+  if (!test.known) {
     reporttext("  too few df to compute\n");
     reporthtml("<td align=left colspan=3 %s>too few df to compute</td></tr>\n", style);
     return;
   }
-  const int df = wholedegrees(degrees);
-  const auto [below, p] = chisquaretail(df, chisq);
-  if (!run.report.html) {
-    report("%s%4d  %12.5f    ", which == Tau::pi ? "  " : "", df, chisq);
-    if (below) {
-      report(">.500\n");
-    } else {
-      report("%5.3f\n", p);
-    }
-    return;
-  }
-  report("<td align=right %s>%d</td><td align=right %s>%12.5f</td>", style, df, style, chisq);
-  if (below) {
-    report("<td align=right %s>>.500</td>", style);
-  } else if (p < 0.001) {
-    report("<td align=right %s>&lt;0.001</td>", style);
+  const auto& [statistic, df, df2, p] = test.chisquare;
+  if (run.report.html) {
+    report("<td align=right %s>%d</td><td align=right %s>%12.5f</td>", style, df, style, statistic);
+    report("<td align=right %s>%s</td></tr>\n", style, pvalue(p, 3).c_str());
   } else {
-    report("<td align=right %s>%5.3f</td>", style, p);
+    report("%s%4d  %12.5f    %s\n", which == Tau::pi ? "  " : "", df, statistic, pvalue(p, 3).c_str());
   }
-  report("</tr>\n");
 }
 
 void level1effect(double sigma2) {
@@ -168,22 +154,23 @@ void reliabilitytable(Tau which, int n, const double* values) {
   reporthtml("</tbody></table>\n");
 }
 
-void variancetable(Tau which, const VarianceRows& rows) {
-  const Categories categories = randomcategories(which, rows.n);
+void variancetable(Tau which, const Array<double>& tau, std::span<const VarianceTest> tests, double sigma2) {
+  const int n = static_cast<int>(tests.size());
+  const Categories categories = randomcategories(which, n);
   varianceheads(which);
-  for (int i = 0; i < rows.n; ++i) {
+  for (int i = 0; i < n; ++i) {
     // Of tau(pi) the row of the level-1 variance closes the table.
-    const char* style = which == Tau::beta && i + 1 == rows.n ? stylebottom : styleplain;
-    const double variance = std::max(0.0, rows.tau[i * rows.n + i]);
+    const char* style = which == Tau::beta && i + 1 == n ? stylebottom : styleplain;
+    const double variance = std::max(0.0, tau[i * n + i]);
     const std::string& category = categories[static_cast<std::size_t>(i)];
     if (which == Tau::pi) {
       level2effect(i, category, variance, style);
     } else {
       level3effect(i, category, variance, style);
     }
-    chisquare(which, rows.df[i], rows.chisq[i], style);
+    chisquare(which, tests[static_cast<std::size_t>(i)], style);
   }
-  if (which == Tau::pi && run.model.restrictions.fixsigma2 == 0.0) level1effect(rows.sigma2);
+  if (which == Tau::pi && !run.model.restrictions.fixsigma2) level1effect(sigma2);
   reportrule(78);
   reporthtml("</tbody></table>\n");
 }

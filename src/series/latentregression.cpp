@@ -1,13 +1,14 @@
 #include "series/latentregression.h"
 
 #include <algorithm>
+#include <cmath>
+#include <limits>
 #include <set>
 #include <utility>
 
 #include "core/constants.h"
-#include "core/modelwalk.h"
-#include "driver/runrecord.h"
 #include "kernel/decompositions.h"
+#include "kernel/distributions.h"
 #include "kernel/products.h"
 #include "kernel/sizes.h"
 
@@ -29,7 +30,7 @@ void makelists(Work& work) {
   LatentRegression& result = work.result;
   std::set<int> variables;
   for (int i = 0; i < work.r; ++i) {
-    const auto role = static_cast<LatentRole>(work.model.roles[at(i)]);
+    const LatentRole role = work.model.roles[at(i)];
     if (role == LatentRole::ignore) continue;
     (role == LatentRole::outcome ? result.outcomes : result.predictors).push_back(i);
     for (const LatentTerm& term : work.model.equations[at(i)]) variables.insert(term.variable);
@@ -130,8 +131,25 @@ void gammapart(const Work& work) {
 
 std::span<const double> view(const Array<double>& values) { return {values.data(), values.size()}; }
 
-// Elements of taupi, behind which those of taubeta stand.
-int firstbeta() { return static_cast<int>(packedsize(run.model.coef.ntaupi)); }
+LatentTest testof(double estimate, double variance, int df) {
+  constexpr double none = std::numeric_limits<double>::quiet_NaN();
+  LatentTest test{estimate, none, none, none};
+  if (variance == missingcode || !(variance >= 0.0)) return test;
+  test.error = std::sqrt(variance);
+  test.t = estimate / test.error;
+  if (df > 0 && std::isfinite(test.t)) test.p = tprob(df, test.t);
+  return test;
+}
+
+void maketests(LatentRegression& result) {
+  const auto list = [&](std::vector<LatentTest>& tests, const Array<double>& V, std::size_t n, auto estimate) {
+    for (std::size_t i = 0; i < n; ++i) tests.push_back(testof(estimate(i), V[i * (n + 1)], result.df));
+  };
+  list(result.adjusted, result.Vadj, result.Gadj.size(), [&](std::size_t i) { return result.Gadj[i]; });
+  list(result.slopes, result.Vb, result.b.size(), [&](std::size_t i) { return result.b[i]; });
+  list(result.differences, result.Vdiff, result.Gadj.size(),
+       [&](std::size_t i) { return result.GO[i] - result.Gadj[i]; });
+}
 
 }  // namespace
 
@@ -166,18 +184,19 @@ LatentRegression latentregression(const LatentModel& model, const LatentEstimate
   result.Vdiff.reset(square(nO * nW));
   if (estimates.taucovariance.empty()) {
     for (Array<double>* V : {&result.Vb, &result.Vadj, &result.Vdiff}) V->fill(missingcode);
-    return result;
+  } else {
+    taupart(work);
+    gammapart(work);
   }
-  taupart(work);
-  gammapart(work);
+  maketests(result);
   return result;
 }
 
-LatentModel latentmodel() {
+LatentModel latentmodel(const ModelRows& rows, std::span<const LatentRole> roles, int nunits3) {
   LatentModel model;
-  model.roles = {run.out.lvrroles.data(), run.out.lvrroles.size()};
-  model.nunits3 = run.mdm.nunits3;
-  const ModelRows rows = modelrows();
+  model.roles = roles;
+  model.nunits3 = nunits3;
+  for (const CoefficientRow& coefficient : rows.coefficients) model.ntaupi += coefficient.random ? 1 : 0;
   const std::vector<int> reduced = reducedeffects(rows);
   for (const TermRow& term : rows.terms) {
     if (!term.random) continue;
@@ -188,31 +207,32 @@ LatentModel latentmodel() {
   return model;
 }
 
-void latentvariableregression(const PassResults& results) {
-  if (!run.out.lvr) return;
-  const Estimates& est = results.est;
-  const Array<double> vgamma = est.covariance();
-  LatentEstimates estimates{view(est.taubeta), view(est.gammahat), view(vgamma), {}, 0, firstbeta()};
+LatentRegression latentregression(const LatentModel& model, const PassResults& results) {
+  LatentEstimates estimates{view(results.est.taubeta),
+                            view(results.est.gammahat),
+                            view(results.covariance),
+                            {},
+                            0,
+                            static_cast<int>(packedsize(model.ntaupi))};
   if (results.errors.known) {
     estimates.taucovariance = view(results.errors.covariance);
     estimates.tauorder = results.errors.order;
   }
-  latentreport(latentregression(latentmodel(), estimates));
+  return latentregression(model, estimates);
 }
 
-void latentvariableregression(const Pooled& averages) {
-  if (!run.out.lvr) return;
+LatentRegression latentregression(const LatentModel& model, const Pooled& averages) {
   LatentEstimates estimates{view(averages.taubeta),
                             view(averages.effects.gamma),
                             view(averages.effects.model.covariance),
                             {},
                             0,
-                            firstbeta()};
+                            static_cast<int>(packedsize(model.ntaupi))};
   if (averages.errorsknown) {
     estimates.taucovariance = view(averages.taucovariance);
-    estimates.tauorder = firstbeta() + static_cast<int>(packedsize(run.model.coef.ntaubeta));
+    estimates.tauorder = estimates.firstbeta + static_cast<int>(packedsize(static_cast<int>(model.equations.size())));
   }
-  latentreport(latentregression(latentmodel(), estimates));
+  return latentregression(model, estimates);
 }
 
 }  // namespace kdr

@@ -1,5 +1,7 @@
-// Latent variable regression (Raudenbush and Sampson, 1999): some random level-2 coefficients of a level-3 unit
-// regressed on others and on the level-3 variables of the model, from the estimates of the model alone.
+// Latent variable regression: some random level-2 coefficients of a level-3 unit regressed on others and on the level-3
+// variables of the model, from the estimates of the model alone. The coefficients of a unit are normal about their
+// level-3 equations with covariance Tb; the regression is their conditional mean and R their conditional covariance, as
+// of any normal vector.
 //
 // With the outcome coefficients O (nO) and the predictor coefficients P (nP), Tb = taubeta, and G the level-3
 // coefficients on the nW terms:
@@ -10,13 +12,12 @@
 #include <span>
 #include <vector>
 
-#include "report/latentreport.h"
-#include "report/passresults.h"
-#include "report/pooledresults.h"
+#include "core/codes.h"
+#include "core/modelwalk.h"
+#include "core/results.h"
+#include "series/pooledresults.h"
 
 namespace kdr {
-
-enum class LatentRole { ignore = 0, outcome = 1, predictor = 2 };
 
 // A term of a level-2 coefficient's equation.
 struct LatentTerm {
@@ -25,9 +26,10 @@ struct LatentTerm {
 };
 
 struct LatentModel {
-  std::span<const int> roles;                      // one LatentRole per random level-2 coefficient
+  std::span<const LatentRole> roles;               // one per random level-2 coefficient
   std::vector<std::vector<LatentTerm>> equations;  // of the same coefficients
   int nunits3 = 0;
+  int ntaupi = 0;  // order of taupi
 };
 
 struct LatentEstimates {
@@ -39,15 +41,37 @@ struct LatentEstimates {
   int firstbeta = 0;  // elements of taupi
 };
 
+// A coefficient with its test; what cannot be computed is not finite.
+struct LatentTest {
+  double estimate, error, t, p;
+};
+
+// The results of a regression of random level-2 coefficients on others and on level-3 variables: nO outcomes, nP
+// predictors, nW terms.
+struct LatentRegression {
+  std::vector<int> outcomes, predictors;  // places among the random level-2 coefficients
+  std::vector<int> terms;                 // level-3 variables in table order
+  bool computable = false;                // T_PP could be inverted; the rest is empty otherwise
+  Array<double> b;                        // nO by nP
+  Array<double> GO, Gadj;                 // nO by nW
+  Array<double> R;                        // nO squared
+  Array<double> Vb;                       // (nO nP) squared, covariance of the rows of b; these three are missingcode
+  Array<double> Vadj, Vdiff;              // throughout when the covariance of the taus isn't known. (nO nW) squared, of
+                                          // the rows of G_adj and of G_O - G_adj
+  int df = 0;                             // level-3 units - nW - nP
+  std::vector<LatentTest> adjusted;       // [nO nW], of G_adj
+  std::vector<LatentTest> slopes;         // [nO nP], of b
+  std::vector<LatentTest> differences;    // [nO nW], of G_O - G_adj
+};
+
 // Changes no estimate. Failure 3.
 [[nodiscard]] LatentRegression latentregression(const LatentModel& model, const LatentEstimates& estimates);
 
-// The model of the run as the regression sees it. The roles stay those of `run`.
-[[nodiscard]] LatentModel latentmodel();
+// The regression's view of the rows of a model; `roles` has to stay where it is.
+[[nodiscard]] LatentModel latentmodel(const ModelRows& rows, std::span<const LatentRole> roles, int nunits3);
 
-// The regression that run.out.lvrroles asks for, of the results of a pass or of the averages of a series: computes it
-// and writes it to the report. Nothing when run.out.lvr is not set. Failure 3.
-void latentvariableregression(const PassResults& results);
-void latentvariableregression(const Pooled& averages);
+// The regression of the results of a pass or of the averages of a series. Failure 3.
+[[nodiscard]] LatentRegression latentregression(const LatentModel& model, const PassResults& results);
+[[nodiscard]] LatentRegression latentregression(const LatentModel& model, const Pooled& averages);
 
 }  // namespace kdr

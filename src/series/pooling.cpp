@@ -2,8 +2,11 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
+#include <vector>
 
 #include "core/constants.h"
+#include "estimate/inference/teststatistics.h"
 #include "kernel/sizes.h"
 
 namespace kdr {
@@ -56,46 +59,64 @@ void addbetween(Array<double>& C, Records records, const Array<double>& mean, Ge
   }
 }
 
-// Rubin's degrees of freedom.
-int freedom(std::size_t M, double within, double between, int complete) {
+// Of one effect, r = between / within.
+struct Freedom {
+  int df;
+  MissingShare share;
+};
+Freedom freedom(std::size_t M, double within, double between, int complete) {
   constexpr double largest = 2147483647.0;
-  const double ratio = within / between + 1.0;
-  const double nu = (static_cast<double>(M) - 1.0) * ratio * ratio;
-  return M > 1 && nu <= largest ? std::min(static_cast<int>(nu), complete) : complete;
+  const auto m = static_cast<double>(M);
+  const double r = between / within, ratio = 1.0 / r + 1.0;
+  const double nu = (m - 1.0) * ratio * ratio;
+  Freedom made{complete, {}};
+  if (M == 1 || !(nu <= largest)) return made;
+  made.df = std::min(static_cast<int>(nu), complete);
+  made.share.fraction = (r + 2.0 / (nu + 3.0)) / (r + 1.0);
+  made.share.efficiency = 1.0 / (1.0 + made.share.fraction / m);
+  return made;
 }
 
 using Effects = SubrunEffects SubrunRecord::*;
 
-PooledCovariance poolcovariance(Records records, Effects effects, Array<double> SubrunEffects::*matrix, double sigma2,
-                                const Array<double>& gamma, std::span<const int> dfgamma) {
+PooledCovariance poolcovariance(Records records, Effects effects, Array<double> SubrunEffects::*matrix,
+                                const Array<double>& gamma, const PoolFrame& frame, const Model& model) {
   PooledCovariance pooled;
   const std::size_t g = gamma.size();
-  Array<double> within = meanarray(
-      records, [&](const SubrunRecord& r) -> auto& { return r.*effects.*matrix; });
-  for (double& x : within) x *= sigma2;
+  // Each matrix is in units of the sigma^2 of its own record.
+  Array<double> within(g * g);
+  for (const SubrunRecord& record : records)
+    for (std::size_t i = 0; i < within.size(); ++i)
+      within[i] += record.sigma2 * (record.*effects.*matrix)[i] / static_cast<double>(records.size());
   Array<double> spread(g * g);
   addbetween(spread, records, gamma, [&](const SubrunRecord& r, std::size_t i) { return (r.*effects).gammahat[i]; });
   pooled.known = true;
   pooled.covariance.reset(g * g);
   for (std::size_t i = 0; i < g * g; ++i) pooled.covariance[i] = within[i] + spread[i];
-  pooled.variance.reset(g);
-  pooled.df.reset(g);
+  FixedDegrees degrees = frame.degrees.copy();
+  std::vector<MissingShare> shares;
   for (std::size_t i = 0; i < g; ++i) {
     const std::size_t ii = i * (g + 1);
-    pooled.variance[i] = pooled.covariance[ii];
-    pooled.df[i] = freedom(records.size(), within[ii], spread[ii], dfgamma[i]);
+    const Freedom made = freedom(records.size(), within[ii], spread[ii], degrees.df[i]);
+    degrees.df[i] = made.df;
+    shares.push_back(made.share);
   }
+  pooled.effects = effecttable(gamma, pooled.covariance, degrees);
+  const bool several = records.size() > 1;
+  if (several) pooled.effects.shares = std::move(shares);
+  const Between between{within, spread, static_cast<int>(records.size())};
+  addhypotheses(pooled.effects, model, gamma, pooled.covariance, several ? &between : nullptr);
   return pooled;
 }
 
-PooledEffects pooleffects(Records records, Effects effects, double sigma2, std::span<const int> dfgamma) {
+PooledEffects pooleffects(Records records, Effects effects, const PoolFrame& frame, const Model& model) {
   PooledEffects pooled;
   pooled.gamma = meanarray(
       records, [&](const SubrunRecord& r) -> auto& { return (r.*effects).gammahat; });
-  pooled.model = poolcovariance(records, effects, &SubrunEffects::vgamma, sigma2, pooled.gamma, dfgamma);
+  pooled.model = poolcovariance(records, effects, &SubrunEffects::vgamma, pooled.gamma, frame, model);
   const bool robust = std::none_of(records.begin(), records.end(),
                                    [&](const SubrunRecord& r) { return (r.*effects).robust[0] == missingcode; });
-  if (robust) pooled.robust = poolcovariance(records, effects, &SubrunEffects::robust, sigma2, pooled.gamma, dfgamma);
+  if (robust) pooled.robust = poolcovariance(records, effects, &SubrunEffects::robust, pooled.gamma, frame, model);
   return pooled;
 }
 
@@ -116,17 +137,6 @@ TauOrder tauorder(const SubrunShape& shape) {
   return order;
 }
 
-// The standard errors of an n by n tau, whose elements begin at `first` of the covariance.
-Array<double> errormatrix(const Array<double>& covariance, std::size_t order, std::size_t first, int n) {
-  Array<double> errors(square(n));
-  for (int i = 0; i < n; ++i)
-    for (int j = 0; j <= i; ++j, ++first) {
-      const double variance = covariance[first * (order + 1)];
-      errors[i * n + j] = errors[j * n + i] = variance >= 0.0 ? std::sqrt(variance) : missingcode;
-    }
-  return errors;
-}
-
 // Covariance and standard errors of the pooled sigma2 and tau elements.
 void poolerrors(const SubrunShape& shape, Records records, Pooled& pooled) {
   const TauOrder order = tauorder(shape);
@@ -140,8 +150,8 @@ void poolerrors(const SubrunShape& shape, Records records, Pooled& pooled) {
       records, [](const SubrunRecord& r) -> auto& { return r.taucovariance; });
   addbetween(pooled.taucovariance, records, tbar,
              [&](const SubrunRecord& r, std::size_t i) { return element(r.taupi, r.taubeta, i); });
-  pooled.taupierrors = errormatrix(pooled.taucovariance, n, 0, shape.q);
-  pooled.taubetaerrors = errormatrix(pooled.taucovariance, n, order.firstbeta, shape.r);
+  pooled.taupierrors = standarderrors(pooled.taucovariance, shape.tauorder(), 0, shape.q);
+  pooled.taubetaerrors = standarderrors(pooled.taucovariance, shape.tauorder(), order.firstbeta, shape.r);
 
   double squares = 0.0;
   for (const SubrunRecord& record : records)
@@ -151,10 +161,58 @@ void poolerrors(const SubrunShape& shape, Records records, Pooled& pooled) {
   pooled.errorsknown = true;
 }
 
+// The statistic of the sub-runs' chi-squares with k degrees of freedom each (Li, Meng, Raghunathan and Rubin, 1991):
+// with r = (1 + 1/M) times the variance of their roots,
+//   D = (mean / k - (M + 1) / (M - 1) r) / (1 + r)  is F with k and k^(-3/M) (M - 1) (1 + 1/r)^2 degrees of freedom.
+template <class Get>
+VarianceTest pooledvariancetest(Records records, long long degrees, Get get) {
+  const double mean = meanof(records, get), M = static_cast<double>(records.size());
+  VarianceTest test = variancetest(degrees, mean);
+  if (!test.known || records.size() == 1) return test;
+  const double root = meanof(records, [&](const SubrunRecord& r) { return std::sqrt(get(r)); });
+  double squares = 0.0;
+  for (const SubrunRecord& record : records) squares += std::pow(std::sqrt(get(record)) - root, 2);
+  const double r = betweenfactor(records.size()) * squares, k = test.chisquare.df;
+  const double D = std::max(0.0, (mean / k - (M + 1.0) / (M - 1.0) * r) / (1.0 + r));
+  const double nu = std::pow(k, -3.0 / M) * (M - 1.0) * std::pow(1.0 + 1.0 / r, 2);
+  test.chisquare = chisquaretest(test.chisquare.df, k * D, nu);
+  return test;
+}
+
+VarianceTests pooltests(const SubrunShape& shape, Records records, const PoolFrame& frame) {
+  VarianceTests tests;
+  tests.units2 = wholemean(records, [](const SubrunRecord& r) { return r.testunits2; });
+  tests.units3 = wholemean(records, [](const SubrunRecord& r) { return r.testunits3; });
+  for (std::size_t i = 0; i < at(shape.q); ++i)
+    tests.level2.push_back(pooledvariancetest(
+        records, tests.units2 - static_cast<long long>(frame.nterms2[i]) * tests.units3 - frame.nfixedterms2[i],
+        [i](const SubrunRecord& r) { return r.chisq2[i]; }));
+  for (std::size_t i = 0; i < at(shape.r); ++i)
+    tests.level3.push_back(pooledvariancetest(records, tests.units3 - frame.nterms3[i],
+                                              [i](const SubrunRecord& r) { return r.chisq3[i]; }));
+  return tests;
+}
+
 }  // namespace
 
-Pooled pool(const SubrunShape& shape, std::span<const SubrunRecord> records, std::span<const int> dfgamma) {
+PoolFrame poolframe(const ModelRows& rows, const SubrunShape& shape, FixedDegrees degrees) {
+  PoolFrame frame{std::move(degrees), Array<int>(at(shape.q)), Array<int>(at(shape.q)), Array<int>(at(shape.r))};
+  std::size_t nextpi = 0, nextbeta = 0;
+  for (const CoefficientRow& coefficient : rows.coefficients) {
+    for (int t = coefficient.firstterm; t < coefficient.firstterm + coefficient.nterms; ++t) {
+      const TermRow& term = rows.terms[at(t)];
+      if (term.random) frame.nterms3[nextbeta++] = term.neffects;
+      if (coefficient.random) ++(term.random ? frame.nterms2 : frame.nfixedterms2)[nextpi];
+    }
+    nextpi += coefficient.random ? 1 : 0;
+  }
+  return frame;
+}
+
+Pooled pool(const SubrunShape& shape, std::span<const SubrunRecord> records, const PoolFrame& frame,
+            const Model& model) {
   Pooled pooled;
+  pooled.sigma2fixed = shape.sigma2fixed;
   pooled.M = static_cast<int>(records.size());
   pooled.sigma2 = meanof(records, [](const SubrunRecord& r) { return r.sigma2; });
   pooled.taupi = meanarray(
@@ -165,13 +223,9 @@ Pooled pool(const SubrunShape& shape, std::span<const SubrunRecord> records, std
       records, [](const SubrunRecord& r) -> auto& { return r.reliability2; });
   pooled.reliability3 = meanarray(
       records, [](const SubrunRecord& r) -> auto& { return r.reliability3; });
+  pooled.units2 = wholemean(records, [](const SubrunRecord& r) { return r.units2; });
   pooled.units3 = wholemean(records, [](const SubrunRecord& r) { return r.units3; });
-  pooled.testunits2 = wholemean(records, [](const SubrunRecord& r) { return r.testunits2; });
-  pooled.testunits3 = wholemean(records, [](const SubrunRecord& r) { return r.testunits3; });
-  pooled.chisq2 = meanarray(
-      records, [](const SubrunRecord& r) -> auto& { return r.chisq2; });
-  pooled.chisq3 = meanarray(
-      records, [](const SubrunRecord& r) -> auto& { return r.chisq3; });
+  pooled.tests = pooltests(shape, records, frame);
   if (shape.fisher) {
     // Where sigma^2 is held it has no variance; then an information that could not be inverted leaves no variance at
     // all.
@@ -182,8 +236,8 @@ Pooled pool(const SubrunShape& shape, std::span<const SubrunRecord> records, std
     }));
     if (pooled.zerovar == 0) poolerrors(shape, records, pooled);
   }
-  pooled.effects = pooleffects(records, &SubrunRecord::effects, pooled.sigma2, dfgamma);
-  if (shape.popaverage) pooled.popaverage = pooleffects(records, &SubrunRecord::popaverage, pooled.sigma2, dfgamma);
+  pooled.effects = pooleffects(records, &SubrunRecord::effects, frame, model);
+  if (shape.popaverage) pooled.popaverage = pooleffects(records, &SubrunRecord::popaverage, frame, model);
   return pooled;
 }
 

@@ -7,16 +7,29 @@
 
 #include <span>
 
-#include "report/pooledresults.h"
+#include "core/model.h"
+#include "core/modelwalk.h"
+#include "core/results.h"
+#include "series/pooledresults.h"
 #include "series/subrun.h"
 
 namespace kdr {
 
-// Pools one or more records of the shape. dfgamma has the g complete-data degrees of freedom, which bound those of the
-// pooled effects:
-//   nu = (M - 1) (within_ii / between_ii + 1)^2,  df_i = min(trunc(nu), dfgamma_i), dfgamma_i where nu has no value.
+// What the averages take from the model beside its shape.
+struct PoolFrame {
+  FixedDegrees degrees;     // complete-data degrees of freedom
+  Array<int> nterms2;       // [q], level-2 terms random at level 3, and
+  Array<int> nfixedterms2;  // [q], fixed there, of each coefficient random at level 2
+  Array<int> nterms3;       // [r], level-3 terms of each coefficient random at level 3
+};
+[[nodiscard]] PoolFrame poolframe(const ModelRows& rows, const SubrunShape& shape, FixedDegrees degrees);
+
+// Pools one or more records of the shape, with the tests of the model's hypotheses. The complete-data degrees of
+// freedom bound those of the pooled effects, with r = between_ii / within_ii:
+//   nu = (M - 1) (1 + 1/r)^2,  df_i = min(trunc(nu), df_i), df_i where nu has no value;
+//   fraction of missing information (r + 2 / (nu + 3)) / (r + 1), relative efficiency 1 / (1 + fraction / M).
 // Failure 3.
-[[nodiscard]] Pooled pool(const SubrunShape& shape, std::span<const SubrunRecord> records,
-                          std::span<const int> dfgamma);
+[[nodiscard]] Pooled pool(const SubrunShape& shape, std::span<const SubrunRecord> records, const PoolFrame& frame,
+                          const Model& model);
 
 }  // namespace kdr

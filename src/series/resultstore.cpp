@@ -11,7 +11,7 @@
 
 #include "core/formatted.h"
 #include "data/scratch.h"
-#include "driver/failures.h"
+#include "kernel/hash.h"
 #include "kernel/sizes.h"
 
 namespace kdr {
@@ -24,15 +24,15 @@ struct Mark {
   char magic[8];
   std::int32_t q, r, g, fisher, popaverage, reserved;
   std::uint64_t model;
-  std::uint64_t checksum;  // of what stands before it
+  std::uint64_t checksum;
 };
 static_assert(sizeof(Mark) == 48);
 
-// FNV-1a.
-std::uint64_t checksum(const void* bytes, std::size_t n) {
-  std::uint64_t hash = 14695981039346656037ULL;
-  for (std::size_t i = 0; i < n; ++i) hash = (hash ^ static_cast<const unsigned char*>(bytes)[i]) * 1099511628211ULL;
-  return hash;
+// Of what stands before it.
+std::uint64_t checksum(const Mark& mark) {
+  Hash hash;
+  hash.add(&mark, offsetof(Mark, checksum));
+  return hash.value();
 }
 
 Mark markof(const SubrunShape& shape) {
@@ -45,12 +45,12 @@ Mark markof(const SubrunShape& shape) {
             0,
             shape.model,
             0};
-  mark.checksum = checksum(&mark, offsetof(Mark, checksum));
+  mark.checksum = checksum(mark);
   return mark;
 }
 
 bool iswhole(const Mark& mark) {
-  return std::memcmp(mark.magic, "KDR3SETS", 8) == 0 && mark.checksum == checksum(&mark, offsetof(Mark, checksum));
+  return std::memcmp(mark.magic, "KDR3SETS", 8) == 0 && mark.checksum == checksum(mark);
 }
 
 bool readmark(std::FILE* file, long long place, Mark& mark) {
@@ -95,14 +95,33 @@ std::string foreign() {
       storename);
 }
 
-// Puts what was written on the disk before anything that follows.
-void settle(std::FILE* file) {
-  if (std::fflush(file) != 0 || fsync(fileno(file)) != 0) fail(5);
+// The store, open for writing. What cannot be written is remembered until it is closed.
+struct OpenStore {
+  std::FILE* file = nullptr;
+  bool full = false;
+
+  void write(const void* bytes, std::size_t n) { full = full || (n != 0 && std::fwrite(bytes, n, 1, file) != 1); }
+  void writeat(long long place, const void* bytes, std::size_t n) {
+    full = full || fseeko(file, place, SEEK_SET) != 0;
+    write(bytes, n);
+  }
+  // Puts what was written on the disk before anything that follows.
+  void settle() { full = full || std::fflush(file) != 0 || fsync(fileno(file)) != 0; }
+  [[nodiscard]] Failure close() {
+    full = std::fclose(file) != 0 || full;
+    return full ? failed(fulldisk) : Failure{};
+  }
+};
+
+Failure cannotopen(const char* what) {
+  Failure failure = failedwith(formatted("Unable to open %s for %s\n", storename, what));
+  failure.systemerror = errno;
+  return failure;
 }
 
-void writeat(std::FILE* file, long long place, const void* bytes, std::size_t n) {
-  if (fseeko(file, place, SEEK_SET) != 0) fail(5);
-  writechk(bytes, n, file);
+Failure open(OpenStore& store, const char* mode) {
+  store.file = std::fopen(storename, mode);
+  return store.file == nullptr ? cannotopen(mode[0] == 'w' ? "writing" : "reading") : Failure{};
 }
 
 std::string checkhead(std::FILE* file, const SubrunShape& shape, StoreHead& head) {
@@ -124,25 +143,6 @@ std::string checkhead(std::FILE* file, const SubrunShape& shape, StoreHead& head
 
 }  // namespace
 
-SubrunRecord emptyrecord(const SubrunShape& shape) {
-  SubrunRecord record;
-  record.taupi.reset(square(shape.q));
-  record.taubeta.reset(square(shape.r));
-  if (shape.fisher) record.taucovariance.reset(square(shape.tauorder()));
-  record.reliability2.reset(at(shape.q));
-  record.reliability3.reset(at(shape.r));
-  record.chisq2.reset(at(shape.q));
-  record.chisq3.reset(at(shape.r));
-  const auto effects = [&](SubrunEffects& x) {
-    x.gammahat.reset(at(shape.g));
-    x.vgamma.reset(square(shape.g));
-    x.robust.reset(square(shape.g));
-  };
-  effects(record.effects);
-  if (shape.popaverage) effects(record.popaverage);
-  return record;
-}
-
 int StoreHead::finished() const { return static_cast<int>(std::count(mistatus, mistatus + maxsets, char{1})); }
 
 long long recordsize(const SubrunShape& shape) {
@@ -153,23 +153,26 @@ long long recordsize(const SubrunShape& shape) {
          doubles(shape.popaverage ? 2 * effects : effects);
 }
 
-void createstore(const SubrunShape& shape) {
-  std::FILE* file = openfile(storename, "wb");
+bool unusable(const Failure& failure) { return failure.row == ownwords && failure.systemerror == 0; }
+
+Failure createstore(const SubrunShape& shape) {
+  OpenStore store;
+  if (Failure failure = open(store, "wb")) return failure;
   const std::int32_t nsets = 1;
   const StoreHead head;
   const Mark mark = markof(shape);
-  writechk(&nsets, sizeof nsets, file);
-  writechk(head.mistatus, sizeof head.mistatus, file);
-  writechk(&mark, sizeof mark, file);
-  settle(file);
-  closechk(file);
+  store.write(&nsets, sizeof nsets);
+  store.write(head.mistatus, sizeof head.mistatus);
+  store.write(&mark, sizeof mark);
+  store.settle();
+  return store.close();
 }
 
-std::string readstore(const SubrunShape& shape, StoreHead& head, std::vector<SubrunRecord>* records) {
+Failure readstore(const SubrunShape& shape, StoreHead& head, std::vector<SubrunRecord>* records) {
   std::FILE* file = std::fopen(storename, "rb");
-  if (file == nullptr && errno != ENOENT) file = openfile(storename, "rb");
+  if (file == nullptr && errno != ENOENT) return cannotopen("reading");
   if (file == nullptr)
-    return formatted("There is no result store %s in this folder: a series begins with -mi0.", storename);
+    return failedwith(formatted("There is no result store %s in this folder: a series begins with -mi0.\n", storename));
   std::string problem = checkhead(file, shape, head);
   if (problem.empty() && records != nullptr) {
     records->clear();
@@ -180,42 +183,49 @@ std::string readstore(const SubrunShape& shape, StoreHead& head, std::vector<Sub
     }
     if (!whole) problem = damaged();
   }
-  if (!problem.empty()) checkread(file, storename);
+  Failure failure;
+  if (!problem.empty()) {
+    failure = failedwith(problem + "\n");
+    if (std::ferror(file) != 0) {
+      failure.systemerror = errno;
+      failure.consolewords = formatted("Unable to read %s\n", storename);
+    }
+  }
   std::fclose(file);
-  return problem;
+  return failure;
 }
 
-std::string joinstore(const SubrunShape& shape, int index, StoreHead& head) {
+Failure joinstore(const SubrunShape& shape, int index, StoreHead& head) {
   if (index < 0 || index >= maxsets)
-    return formatted("A series has at most %d data sets, -mi0 to -mi%d.", maxsets, maxsets - 1);
-  if (std::string problem = readstore(shape, head, nullptr); !problem.empty()) return problem;
+    return failedwith(formatted("A series has at most %d data sets, -mi0 to -mi%d.\n", maxsets, maxsets - 1));
+  if (Failure failure = readstore(shape, head, nullptr)) return failure;
   if (head.mistatus[index] != 0)
-    return formatted("Data set %d of this series (-mi%d) has finished already.", index + 1, index);
+    return failedwith(formatted("Data set %d of this series (-mi%d) has finished already.\n", index + 1, index));
   head.nsets = std::max(head.nsets, index + 1);
-  std::FILE* file = openfile(storename, "r+b");
+  OpenStore store;
+  if (Failure failure = open(store, "r+b")) return failure;
   const std::int32_t nsets = head.nsets;
-  writeat(file, 0, &nsets, sizeof nsets);
-  settle(file);
-  closechk(file);
-  return {};
+  store.writeat(0, &nsets, sizeof nsets);
+  store.settle();
+  return store.close();
 }
 
-std::string appendrecord(const SubrunShape& shape, int index, const SubrunRecord& record) {
+Failure appendrecord(const SubrunShape& shape, int index, const SubrunRecord& record) {
   StoreHead head;
-  if (std::string problem = readstore(shape, head, nullptr); !problem.empty()) return problem;
-  std::FILE* file = openfile(storename, "r+b");
+  if (Failure failure = readstore(shape, head, nullptr)) return failure;
+  OpenStore store;
+  if (Failure failure = open(store, "r+b")) return failure;
   const long long place = headsize + head.finished() * recordsize(shape);
   const Mark mark = markof(shape);
-  writeat(file, place + recordsize(shape), &mark, sizeof mark);
-  settle(file);
-  if (fseeko(file, place, SEEK_SET) != 0) fail(5);
-  walkrecord(shape, record, [&](const void* bytes, std::size_t n) { writechk(bytes, n, file); });
-  settle(file);
+  store.writeat(place + recordsize(shape), &mark, sizeof mark);
+  store.settle();
+  store.full = store.full || fseeko(store.file, place, SEEK_SET) != 0;
+  walkrecord(shape, record, [&](const void* bytes, std::size_t n) { store.write(bytes, n); });
+  store.settle();
   const char finished = 1;
-  writeat(file, 4 + index, &finished, sizeof finished);
-  settle(file);
-  closechk(file);
-  return {};
+  if (!store.full) store.writeat(4 + index, &finished, sizeof finished);
+  store.settle();
+  return store.close();
 }
 
 void removestore() { std::remove(storename); }

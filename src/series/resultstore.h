@@ -15,9 +15,9 @@
 // it wrote, behind record n + 1. Whatever else follows is overwritten by the next data set.
 #pragma once
 
-#include <string>
 #include <vector>
 
+#include "core/failure.h"
 #include "series/subrun.h"
 
 namespace kdr {
@@ -31,19 +31,23 @@ struct StoreHead {
   [[nodiscard]] int finished() const;
 };
 
-// Makes a store for the first data set of a series; one that is left over is replaced. Failure 5.
-void createstore(const SubrunShape& shape);
+// Makes a store for the first data set of a series; one that is left over is replaced. Fails as the system refuses to
+// open or write it.
+Failure createstore(const SubrunShape& shape);
 
-// The store as it stands, of which `records` (may be null) gets the finished sub-runs. The result is empty, or one
-// sentence that says why there is no usable store: none exists, it is of another series, it isn't whole.
-[[nodiscard]] std::string readstore(const SubrunShape& shape, StoreHead& head, std::vector<SubrunRecord>* records);
+// The store as it stands, of which `records` (may be null) gets the finished sub-runs. Fails with one sentence that
+// says why there is no usable store: none exists, it is of another series, it isn't whole; or as the system refuses it.
+Failure readstore(const SubrunShape& shape, StoreHead& head, std::vector<SubrunRecord>* records);
 
-// Data set `index`, which is not the first, begins: it and all before it count as begun. The result is that of
-// readstore, or the sentence that refuses an index that has finished already or is too large. Failure 5.
-[[nodiscard]] std::string joinstore(const SubrunShape& shape, int index, StoreHead& head);
+// Data set `index`, which is not the first, begins: it and all before it count as begun. Fails as readstore, or with
+// the sentence that refuses an index that has finished already or is too large.
+Failure joinstore(const SubrunShape& shape, int index, StoreHead& head);
 
-// Data set `index` has finished: appends its record and then marks it. Failure 5, and nothing is marked.
-[[nodiscard]] std::string appendrecord(const SubrunShape& shape, int index, const SubrunRecord& record);
+// Data set `index` has finished: appends its record and then marks it. Fails as readstore, and nothing is marked.
+Failure appendrecord(const SubrunShape& shape, int index, const SubrunRecord& record);
+
+// The failure is no more than that there is no usable store.
+[[nodiscard]] bool unusable(const Failure& failure);
 
 void removestore();
 

@@ -1,6 +1,11 @@
 // What one sub-run of a series leaves behind for the averages.
 #pragma once
 
+#include "core/control.h"
+#include "core/model.h"
+#include "core/modelwalk.h"
+#include "core/results.h"
+#include "data/mdmdata.h"
 #include "kernel/array.h"
 
 namespace kdr {
@@ -41,5 +46,15 @@ struct SubrunRecord {
 
 // A record of this shape with all arrays zeroed.
 [[nodiscard]] SubrunRecord emptyrecord(const SubrunShape& shape);
+
+// The shape of the records of a series, from the complete model with its rows.
+[[nodiscard]] SubrunShape seriesshape(const Model& model, const ModelRows& rows, const MdmData& data,
+                                      const Control& control);
+
+// The record of the results of a pass, without population-average effects.
+[[nodiscard]] SubrunRecord subrunrecord(const SubrunShape& shape, const PassResults& results);
+
+// Fixed effects of a pass in the form of a record, the covariances in units of the record's sigma^2.
+[[nodiscard]] SubrunEffects subruneffects(const PassResults& results, double sigma2);
 
 }  // namespace kdr

@@ -19,8 +19,11 @@ std::vector<T> values(const Array<T>& array) {
   return {array.begin(), array.end()};
 }
 
-std::vector<int> row(const IntTable& table, int e, int r = 0) {
-  return {table.row(e, r), table.row(e, r) + table.width};
+template <class T>
+std::vector<int> row(const EquationTable<T>& table, int e, int r = 0) {
+  std::vector<int> cells;
+  for (int i = 0; i < table.width; ++i) cells.push_back(static_cast<int>(table.row(e, r)[i]));
+  return cells;
 }
 
 std::vector<std::string> words(const Array<Name>& names) {
@@ -51,7 +54,7 @@ TEST_F(Reading, DefaultsWithoutAFile) {
   EXPECT_FALSE(run.model.nointercept1);
   EXPECT_EQ(run.control.accel, 5);
   EXPECT_EQ(run.control.fishertype, 2);
-  EXPECT_EQ(run.out.deviance, missingcode);
+  EXPECT_FALSE(run.out.deviance);
   EXPECT_EQ(run.files.resfil2name, "resfil2.sav");
   EXPECT_EQ(row(run.model.terms2, 0), (Ints{noslot, noslot, noslot, noslot}));
   EXPECT_FALSE(run.answered.wholemodel());
@@ -105,9 +108,10 @@ TEST_F(Reading, SingleValues) {
   };
   const Case cases[] = {
       {"numit:50\r\n",
-       [] { return run.control.numit == 50 && run.control.numitcontinue == 2 && run.answered.iterations; }},
-      {"NUMIT:50,n", [] { return run.control.numitcontinue == 0; }},
-      {"NUMIT:99999999999,Y", [] { return run.control.numit == 2147483647 && run.control.numitcontinue == 1; }},
+       [] { return run.control.numit == 50 && run.control.numitcontinue == AtLimit::ask && run.answered.iterations; }},
+      {"NUMIT:50,n", [] { return run.control.numitcontinue == AtLimit::stop; }},
+      {"NUMIT:99999999999,Y",
+       [] { return run.control.numit == 2147483647 && run.control.numitcontinue == AtLimit::goon; }},
       {"STOPVAL:1e-3junk", [] { return run.control.stopval == 1e-3; }},
       {"STOPVAL:1e999", [] { return run.control.stopval == std::numeric_limits<double>::max(); }},
       {"stopmicro:1e-4", [] { return run.control.stopval == 1e-4; }},
@@ -116,7 +120,7 @@ TEST_F(Reading, SingleValues) {
       {"NONLIN:bernoulli\nMACROIT:10,Y\nMICROIT:14",
        [] {
          return run.model.outcome.family == Family::bernoulli && run.control.macroit == 10 &&
-                run.control.numitcontinue == 1 && run.control.numit == 14 && run.control.stopval == 1e-5;
+                run.control.numitcontinue == AtLimit::goon && run.control.numit == 14 && run.control.stopval == 1e-5;
        }},
       {"NONLIN:POISSON,T\nMACROIT:10\nSTOPMICRO:1e-9",
        [] {
@@ -139,11 +143,14 @@ TEST_F(Reading, SingleValues) {
       {"VARIANCEKNOWN:t,x", [] { return run.model.autovknown == 6 && run.model.restrictions.fixsigma2 == 1.0; }},
       {"LEVEL2WEIGHT:w\nLEVEL1WEIGHT:NONE", [] { return run.model.wgtvar2 == 2 && run.model.wgtvar1 == 0; }},
       {"LEVEL1DELETION:A,T",
-       [] { return values(run.model.delete1) == Ints{2, 0, 0, 0, 0, 2} && run.answered.deletion; }},
-      {"PRINTVARIANCE-COVARIANCE:all", [] { return run.out.printvc == 2; }},
+       [] {
+         return run.model.delete1[0] == Deletion::named && run.model.delete1[1] == Deletion::none &&
+                run.model.delete1[5] == Deletion::named && run.answered.deletion;
+       }},
+      {"PRINTVARIANCE-COVARIANCE:all", [] { return run.out.printvc == VarianceFiles::append; }},
       {"FULLOUTPUT:No", [] { return !run.out.fulloutput; }},
       {"POPAVIT:Y\nPOPAVIT:N", [] { return run.control.popavit == 1; }},
-      {"FIXSIGMA2:N", [] { return run.model.restrictions.fixsigma2 == 0.0; }},
+      {"FIXSIGMA2:N", [] { return !run.model.restrictions.fixsigma2; }},
       {"STARTVALS:a/b.val/writeonly", [] { return run.files.startvals == "a/b.val"; }},
       {"RESULTS:a.json\nRESULTS:b/c.csv", [] { return run.files.results == "b/c.csv"; }},
       {"RESFILTYPE:stata\nRESFIL3NAME:u.dta",
@@ -172,8 +179,8 @@ TEST_F(Reading, SingleValues) {
 TEST_F(Reading, SetsAndThresholds) {
   readtext("NONLIN:MULTINOMIAL,3\nMACROIT:3\n" + samplemodel +
            "LEVEL1:Y=B\nLEVEL2:B=INTRCPT2\nLEVEL3:INTRCPT2=INTRCPT3\n");
-  EXPECT_EQ(row(run.model.use1, 0), (Ints{1, 0, 0, 1, -1, 0, 0}));
-  EXPECT_EQ(row(run.model.use1, 1), (Ints{0, 0, 1, 0, -1, 0, 0}));
+  EXPECT_EQ(row(run.model.use1, 0), (Ints{2, 0, 0, 2, 1, 0, 0}));
+  EXPECT_EQ(row(run.model.use1, 1), (Ints{0, 0, 2, 0, 1, 0, 0}));
   EXPECT_EQ(run.model.terms2.row(1, 0)[0], 0);
   EXPECT_EQ(run.model.terms2.row(1, 1)[0], noslot);
 
@@ -184,7 +191,7 @@ TEST_F(Reading, SetsAndThresholds) {
   EXPECT_EQ(run.mdm.maxbeta, 4 * 16);
   EXPECT_EQ(leftname(run.mdm.names1[7]), "THOLD2");
   EXPECT_EQ(leftname(run.mdm.names1[16]), "THOLD11");
-  EXPECT_EQ(run.model.use1.row(0)[16], 1);
+  EXPECT_EQ(run.model.use1.row(0)[16], Use::predictor);
   // Nothing is known of the intercept's equation and of A's; a threshold has one fixed effect and no random one.
   completemodel();
   EXPECT_EQ(run.model.coef.npi, 12);

@@ -49,7 +49,13 @@ std::string written(const std::string& text) {
 template <class T>
 void put(std::ostream& out, const char* name, const Array<T>& array) {
   out << name;
-  for (const T& value : array) out << ' ' << value;
+  for (const T& value : array) {
+    if constexpr (std::is_enum_v<T>) {
+      out << ' ' << static_cast<int>(value);
+    } else {
+      out << ' ' << value;
+    }
+  }
   out << '\n';
 }
 
@@ -86,22 +92,23 @@ std::string recordtext() {
   put(out, "est3", run.model.restrictions.esttau3);
   put(out, "con2", run.model.restrictions.contau2);
   put(out, "con3", run.model.restrictions.contau3);
-  out << i.numit << ' ' << i.numitcontinue << ' ' << i.macroit << ' ' << i.stopval << ' ' << i.stopmacro << ' '
-      << i.accel << ' ' << i.fishertype << ' ' << run.model.restrictions.fixsigma2 << ' ' << i.fixtau2 << ' '
-      << i.fixtau3 << ' ' << i.laplace << ' ' << i.laplaceit << ' ' << i.agqpoints << i.agqauto << i.agqfixed << ' ' << i.agqit << ' '
-      << i.agqderivlevel << ' ' << i.popavit << ' ' << i.taylor << ' ' << i.debug << '\n';
+  out << i.numit << ' ' << static_cast<int>(i.numitcontinue) << ' ' << i.macroit << ' ' << i.stopval << ' '
+      << i.stopmacro << ' ' << i.accel << ' ' << i.fishertype << ' ' << run.model.restrictions.fixsigma2.value_or(0.0)
+      << ' ' << static_cast<int>(i.fixtau2) << ' ' << static_cast<int>(i.fixtau3) << ' ' << i.laplace << ' '
+      << i.laplaceit << ' ' << i.agqpoints << i.agqauto << i.agqfixed << ' ' << i.agqit << ' ' << i.agqderivlevel << ' ' << i.popavit << ' '
+      << static_cast<int>(i.taylor) << ' ' << i.debug << '\n';
   const OutputControl& o = run.out;
   if (o.lvr) put(out, "lvr", o.lvrroles);
-  out << o.fulloutput << o.printvc << run.model.restrictions.diagtaupi << run.model.restrictions.diagtaubeta
-      << o.resfil1 << o.resfil2 << o.resfil3 << ' ' << o.graph << ' ' << run.model.wgtvar1 << ' ' << run.model.wgtvar2
-      << ' ' << run.model.wgtvar3 << ' ' << run.model.autovknown << ' ' << o.deviance << ' ' << o.df << ' ' << o.lvr
-      << '\n';
-  if (o.resfil1 || o.resfil2 || o.resfil3) out << o.resfiltype << '\n';
+  out << o.fulloutput << static_cast<int>(o.printvc) << run.model.restrictions.diagtaupi
+      << run.model.restrictions.diagtaubeta << o.resfil1 << o.resfil2 << o.resfil3 << ' ' << o.graph << ' '
+      << run.model.wgtvar1 << ' ' << run.model.wgtvar2 << ' ' << run.model.wgtvar3 << ' ' << run.model.autovknown << ' '
+      << o.deviance.value_or(missingcode) << ' ' << o.df << ' ' << o.lvr << '\n';
+  if (o.resfil1 || o.resfil2 || o.resfil3) out << static_cast<int>(o.resfiltype) << '\n';
   const RunFiles& f = run.files;
   out << f.outfile << '|' << f.title << '|' << f.startvals << '|' << f.graphgammas << '|' << f.results << '\n';
   const Model& k = run.model;
   out << static_cast<int>(k.outcome.family) << k.outcome.categories << k.neqsets << k.outcome.counted
-      << k.outcome.countvariable << k.outvar << k.nointercept1 << ' ' << run.model.coef.npi << ' '
+      << k.outcome.countvariable.value_or(0) << k.outvar << k.nointercept1 << ' ' << run.model.coef.npi << ' '
       << run.model.coef.nbeta << ' ' << run.model.coef.ngamma << '\n';
   put(out, "pv", run.series.pvlist);
   return out.str();
@@ -386,7 +393,7 @@ TEST(Writer, NonLinearRunStatesItsOutcomeInAComment) {
   // nothing, and nothing is taken from either in a linear run.
   const auto level1 = [&](const std::string& lines) {
     readtext(lines);
-    return std::pair{run.model.outvar, run.model.center1[3]};
+    return std::pair{run.model.outvar, static_cast<int>(run.model.center1[3])};
   };
   using Found = std::pair<int, int>;
   const std::string stated = "LEVEL1:Y=INTRCPT1+X,1+RANDOM\n", working = "LEVEL1:Z=INTRCPT1+X+RANDOM\n";

@@ -9,9 +9,10 @@
 #include "construct/child.h"
 #include "construct/levelsource.h"
 #include "core/constants.h"
-#include "data/scratch.h"
 #include "data/unitreader.h"
 #include "driver/failures.h"
+#include "driver/files.h"
+#include "runmdm.h"
 
 namespace kdr {
 namespace {
@@ -55,7 +56,7 @@ int record(int level, double* values, Id* id3, Id* id2) {
 
 void close(int) {}
 
-constexpr RawReader memoryreader{rawspss, "spss", 4, nullptr, prepare, record, close};
+constexpr RawReader memoryreader{RawType::spss, "spss", 4, nullptr, prepare, record, close};
 
 struct Job {
   std::vector<Row> level1, level2, level3;
@@ -98,10 +99,10 @@ void make(const Job& job, std::size_t nvar1 = 2, std::size_t nvar2 = 1, std::siz
 // The blocks of a finished file, one line each: level-3 ID, level-2 ID, level-2 value, means, records.
 void printunits() {
   run.mdm.stream = openfile("made.mdm", "rb");
-  readmdm();
+  readrunmdm();
   UnitReader reader;
   UnitBlock block;
-  startunits(reader, run.mdm.stream, run.mdm.firstblock, run.mdm.nvar1, run.mdm.nvar2, true);
+  startunits(reader, run.mdm, run.mdm.stream, run.mdm.firstblock, run.mdm.nvar1, run.mdm.nvar2, true);
   const auto idtext = [](const Id& id) {
     return run.mdm.numericids ? std::to_string(static_cast<long>(id.number)) : leftname(id.text);
   };
@@ -115,7 +116,7 @@ void printunits() {
   }
   std::printf("rows:");
   for (int k = 0; k < run.mdm.nunits3; ++k)
-    std::printf(" %s=%g", idtext(level3id(k)).c_str(), run.mdm.level3[static_cast<std::size_t>(k)]);
+    std::printf(" %s=%g", idtext(level3id(run.mdm, k)).c_str(), run.mdm.level3[static_cast<std::size_t>(k)]);
   std::printf("\nmeans:");
   for (const Array<double>* means : {&run.mdm.mean1, &run.mdm.mean2, &run.mdm.mean3})
     for (const double mean : *means) std::printf(" %g", mean);
@@ -295,7 +296,7 @@ TEST(Construction, ManyRows) {
     ASSERT_EQ(made.build.code, 0);
     const ChildEnd counts = runchild([&] {
       run.mdm.stream = openfile("made.mdm", "rb");
-      readmdm();
+      readrunmdm();
       std::printf("%d %d %d %d", run.mdm.numl1rec, run.mdm.numl2rec, run.mdm.numl3rec, run.mdm.maxnj);
     });
     EXPECT_EQ(counts.words, std::to_string(records) + " 1203 1203 201");

@@ -12,8 +12,9 @@
 #include "construct/mdmdialogue.h"
 #include "construct/template.h"
 #include "data/mdm.h"
-#include "data/scratch.h"
 #include "data/unitreader.h"
+#include "driver/files.h"
+#include "runmdm.h"
 
 namespace kdr {
 
@@ -91,16 +92,17 @@ inline std::string valuesshown(const double* values, int count) {
 // All that made.mdm holds but names of files and kinds: names, level-3 rows, units. Values to the last bit.
 inline std::string mdmshown() {
   run.mdm.stream = openfile("made.mdm", "rb");
-  readmdm();
+  readrunmdm();
   const MdmData& mdm = run.mdm;
   std::string text;
   for (const Array<Name>* names : {&mdm.names1, &mdm.names2, &mdm.names3})
     for (const Name& name : *names) text += leftname(name) + "\n";
   for (int k = 0; k < mdm.nunits3; ++k)
-    text += idshown(level3id(k)) + valuesshown(&mdm.level3[static_cast<std::size_t>(k * mdm.nvar3)], mdm.nvar3);
+    text +=
+        idshown(level3id(run.mdm, k)) + valuesshown(&mdm.level3[static_cast<std::size_t>(k * mdm.nvar3)], mdm.nvar3);
   UnitReader reader;
   UnitBlock block;
-  startunits(reader, mdm.stream, mdm.firstblock, mdm.nvar1, mdm.nvar2, true);
+  startunits(reader, mdm, mdm.stream, mdm.firstblock, mdm.nvar1, mdm.nvar2, true);
   while (readunit(reader, block)) {
     text += idshown(block.id3) + " " + idshown(block.id2) + valuesshown(block.level2.data(), mdm.nvar2);
     for (int i = 0; i < block.nj; ++i)

@@ -8,6 +8,7 @@
 #include "construct/numberbytes.h"
 #include "construct/rawtest.h"
 #include "core/constants.h"
+#include "runmdm.h"
 
 namespace kdr {
 namespace {
@@ -179,7 +180,7 @@ TEST_F(Sas, DataThatEndEarly) {
     EXPECT_EQ(outcome.words, c.words) << c.what;
     const ChildEnd counted = runchild([] {
       run.mdm.stream = openfile("made.mdm", "rb");
-      readmdm();
+      readrunmdm();
       std::printf("%d", run.mdm.nunits1);
     });
     EXPECT_EQ(counted.words, std::to_string(c.records)) << c.what;

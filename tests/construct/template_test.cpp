@@ -5,7 +5,6 @@
 #include "construct/child.h"
 #include "construct/construction.h"
 #include "construct/levelsource.h"
-#include "data/scratch.h"
 #include "data/unitreader.h"
 
 namespace kdr {

@@ -7,9 +7,10 @@
 
 #include "construct/child.h"
 #include "construct/numberbytes.h"
-#include "data/scratch.h"
 #include "data/unitreader.h"
 #include "driver/failures.h"
+#include "driver/files.h"
+#include "runmdm.h"
 
 namespace kdr {
 namespace {
@@ -56,11 +57,12 @@ struct Sample {
 void readall() {
   run.files.mdmfile = "a.mdm";
   run.mdm.stream = openfile("a.mdm", "rb");
-  readmdm();
+  readrunmdm();
   UnitReader reader;
   UnitBlock block;
-  startunits(reader, run.mdm.stream, run.mdm.firstblock, run.mdm.nvar1, run.mdm.nvar2, true);
+  startunits(reader, run.mdm, run.mdm.stream, run.mdm.firstblock, run.mdm.nvar1, run.mdm.nvar2, true);
   while (readunit(reader, block)) continue;
+  stopif(reader.failure);
 }
 
 ChildEnd readfile(const std::string& file) {
@@ -77,7 +79,7 @@ struct MdmFile : testing::Test {
   void open(const std::string& file) {
     makefile("a.mdm", file);
     run.mdm.stream = openfile("a.mdm", "rb");
-    readmdm();
+    readrunmdm();
   }
 };
 
@@ -95,8 +97,8 @@ TEST_F(MdmFile, HeadAndTables) {
     EXPECT_EQ(mdm.nunits3, 2);
     EXPECT_TRUE(mdm.l1missing);
     EXPECT_FALSE(mdm.deletednow);
-    EXPECT_EQ(mdm.mdmtype, 2);
-    EXPECT_EQ(mdm.rawdattype, 2);
+    EXPECT_EQ(mdm.mdmtype, MdmType::growth);
+    EXPECT_EQ(mdm.rawdattype, RawType::ascii);
     EXPECT_EQ(mdm.numericids, numeric);
     EXPECT_EQ(mdm.maxnj, 2);
     EXPECT_STREQ(mdm.names1[2].text, "       Y    ");
@@ -108,9 +110,9 @@ TEST_F(MdmFile, HeadAndTables) {
     EXPECT_EQ(mdm.level3[3], 34.0);
     EXPECT_EQ(mdm.ncol1, 3);
     EXPECT_EQ(mdm.maxbeta, 4);
-    EXPECT_EQ(level3id(1).number, numeric ? 102.0 : 0.0);
-    EXPECT_STREQ(level3id(1).text.text, numeric ? "" : "          A2");
-    EXPECT_EQ(sameid(level3id(0), level3id(1)), false);
+    EXPECT_EQ(level3id(run.mdm, 1).number, numeric ? 102.0 : 0.0);
+    EXPECT_STREQ(level3id(run.mdm, 1).text.text, numeric ? "" : "          A2");
+    EXPECT_EQ(sameid(level3id(run.mdm, 0), level3id(run.mdm, 1), run.mdm.numericids), false);
   }
 }
 
@@ -119,7 +121,7 @@ TEST_F(MdmFile, OlderVersionHasNoType) {
   sample.version = 6.0F;
   sample.l1missing = 0;
   open(sample.file());
-  EXPECT_EQ(run.mdm.mdmtype, 0);
+  EXPECT_EQ(run.mdm.mdmtype, MdmType::ordinary);
   EXPECT_EQ(run.mdm.maxnj, 2);
   EXPECT_EQ(run.mdm.fnames[0], "one.dat");
   EXPECT_TRUE(run.mdm.deletednow);  // complete data: nothing left to delete
@@ -132,7 +134,7 @@ TEST_F(MdmFile, UnitsInOrderAheadAndBack) {
     open(sample.file());
     UnitReader reader;
     UnitBlock block;
-    startunits(reader, run.mdm.stream, run.mdm.firstblock, 2, 1, true);
+    startunits(reader, run.mdm, run.mdm.stream, run.mdm.firstblock, 2, 1, true);
     ASSERT_TRUE(readunit(reader, block));
     EXPECT_EQ(block.nj, 1);
     EXPECT_EQ(block.records[1], 1.0);
@@ -140,7 +142,7 @@ TEST_F(MdmFile, UnitsInOrderAheadAndBack) {
     ASSERT_TRUE(skimunit(reader, block));
     ASSERT_TRUE(skimunit(reader, block));
     EXPECT_EQ(block.level2[0], 22.0);
-    EXPECT_TRUE(sameid(block.id3, level3id(1)));
+    EXPECT_TRUE(sameid(block.id3, level3id(run.mdm, 1), run.mdm.numericids));
     EXPECT_FALSE(skimunit(reader, block));
     seekunit(reader, here);
     ASSERT_TRUE(readunit(reader, block));
@@ -149,7 +151,7 @@ TEST_F(MdmFile, UnitsInOrderAheadAndBack) {
     EXPECT_EQ(block.records[0], 2.0);
     EXPECT_EQ(block.records[3], 5.0);
     EXPECT_EQ(block.level2[0], 21.0);
-    EXPECT_TRUE(sameid(block.id3, level3id(0)));
+    EXPECT_TRUE(sameid(block.id3, level3id(run.mdm, 0), run.mdm.numericids));
     ASSERT_TRUE(readunit(reader, block));
     EXPECT_EQ(block.records[1], 7.0);
     EXPECT_FALSE(readunit(reader, block));
@@ -173,11 +175,11 @@ TEST_F(MdmFile, BlocksOfAllSizes) {
       unit.means[2] = nj;
       unit.level2[1] = -nj;
       unit.id2.text = paddedname(std::to_string(nj), 12);
-      writeunit(file, unit, 3, 2, withmeans);
+      writeunit(file.get(), unit, 3, 2, withmeans, false);
     }
     UnitReader reader;
     UnitBlock block;
-    startunits(reader, file, 0, 3, 2, withmeans);
+    startunits(reader, run.mdm, file.get(), 0, 3, 2, withmeans);
     for (const int nj : sizes) {
       if (random() % 3 == 0) {
         const long long here = unitposition(reader);
@@ -194,7 +196,6 @@ TEST_F(MdmFile, BlocksOfAllSizes) {
       EXPECT_EQ(leftname(block.id2.text), std::to_string(nj));
     }
     EXPECT_FALSE(readunit(reader, block));
-    scratchclose(file);
   }
 }
 

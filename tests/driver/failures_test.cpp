@@ -88,9 +88,9 @@ TEST_F(Failures, SingularComponentsAreExplainedInBothModes) {
 
 // A failure while the stop sequence runs must not start it again.
 TEST_F(Failures, AFailureWithinTheStopGoesOnToTheEnd) {
-  stophooks.closescratch = [] { fail(5); };
+  stophooks.closelog = [](int) { fail(5); };
   EXPECT_EXIT(endrun({100, "", "", ""}, false), testing::ExitedWithCode(5), "Unable to write");
-  stophooks.closescratch = nullptr;
+  stophooks.closelog = nullptr;
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
     commandline_test.py <program>
 """
+import json
 import sys
 
 from conversations import CREATION, MODEL, OUTPUT
@@ -58,6 +59,17 @@ def onelongfile():
     for codes, told in (("-9,1", f"y: {ones} values count as missing.\n"), ("-9,a", "cannot be -9,a")):
         done = work.run("-from", "long.csv", "-level3", "area", "-level2", "school", "-missing", codes)
         check(told in done.stdout and done.returncode == (100 if "a" in codes else 0), done.stdout[:300])
+
+
+def interchanged():
+    """Levels in each other's place: asked by construction, run, report and document."""
+    question = "Each of the 36 level-3 units holds one level-2 unit. Are the levels interchanged?"
+    said = work.run("-from", "long.csv", "-level3", "school", "-level2", "area", "swapped.mdm").stdout + work.read("KDR3MDM.STS")
+    check(said.count(question) == 2, f"construction: {said[-400:]}")
+    done = work.run("swapped.mdm", "long.kdr", "-results", "swapped.json")
+    check(done.returncode == 0 and question in done.stdout, f"run: {done.returncode} {done.stdout[:400]}")
+    check(question in work.read("long.txt"), "report")
+    check(json.loads(work.read("swapped.json"))["warnings"] == [question], "document")
 
 
 def slips():
@@ -122,6 +134,7 @@ def dialogue():
 
 commandline()
 onelongfile()
+interchanged()
 slips()
 dialogue()
 check.finish()

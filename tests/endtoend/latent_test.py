@@ -41,8 +41,8 @@ class Place(Workplace):
         """Makes latent.mdm of data set k: the outcomes YBERN and YORD are drawn anew in each."""
         self.write("latent.mdmt", template(
             "latent.mdm", (f"l1_{k}.dat", "l2.dat", "l3.dat"),
-            ("(A4,1X,A6,4F10.4,2F3.0)", "(A4,1X,A6,1F10.4)", "(A4,2F10.4)"),
-            (["Y", "X", "Y2", "Y3", "YBERN", "YORD"], ["Z"], ["W", "V"])))
+            ("(A4,1X,A6,4F10.4,2F3.0)", "(A4,1X,A6,1F10.4)", "(A4,3F10.4)"),
+            (["Y", "X", "Y2", "Y3", "YBERN", "YORD"], ["Z"], ["W", "V", "SIZE"])))
         assert self.run("-r", "latent.mdmt").returncode == 0
 
 
@@ -54,7 +54,7 @@ def simulate(place):
         w, v = rng.gauss(0, 1), rng.gauss(0, 1)
         u0, u1 = rng.gauss(0, 1), rng.gauss(0, 0.8)
         b = (1 + 0.5 * w + u0, 0.8 + 0.4 * v + u1, 0.3 + 0.2 * w + SLOPES[0] * u0 + SLOPES[1] * u1 + rng.gauss(0, 0.5))
-        three.append("%4d%10.4f%10.4f\n" % (k, w, v))
+        three.append("%4d%10.4f%10.4f%10.4f\n" % (k, w, v, 1 + k % 7))
         for _ in range(6):
             j += 1
             z = rng.gauss(0, 1)
@@ -111,12 +111,10 @@ COMPARISON = re.compile(r"^.{22}  ([ A-Z0-9]{8}) *(-?\d+\.\d{5}) +(-?\d+\.\d{5})
 def pooled(singles):
     """The averages of single runs in the place of one."""
     whole = lambda ms, vectors: rubin.total(rubin.meanmatrix(ms), vectors)[0]
-    sigma2 = rubin.mean([s.sigma2 for s in singles])
-    scaled = [[[x * sigma2 / s.sigma2 for x in row] for row in s.covariance] for s in singles]
     return types.SimpleNamespace(
         taubeta=rubin.meanmatrix([s.taubeta for s in singles]), gamma=rubin.mean([s.gamma for s in singles], vector=True),
         taucovariance=whole([s.taucovariance for s in singles], [s.tau() for s in singles]),
-        covariance=whole(scaled, [s.gamma for s in singles]))
+        covariance=whole([s.covariance for s in singles], [s.gamma for s in singles]))
 
 
 def compare(check, name, text, single, roles, equations=EQUATIONS):
@@ -227,6 +225,12 @@ if __name__ == "__main__":
     for roles, settings in (("OOP", linear), ("POO", linear), ("IPO", linear), ("OPI", linear), ("OIP", dict(ordinal, **quick)),
                             ("POO", dict(bernoulli, **quick))):
         single(roles, roles, **settings)
+    # the covariance of a weighted run is the one of its table, in the file and here
+    for kind, settings in (("linear", dict(options="LEVEL3WEIGHT:SIZE\n")),
+                           ("bernoulli", dict(bernoulli, options="FIXSIGMA2:1.0\nLEVEL3WEIGHT:SIZE\n", **quick))):
+        left, _ = single(f"weighted {kind}", "PPO", **settings)
+        for i, row in enumerate(left.report.fixed["final"].rows):
+            check(abs(left.covariance[i][i] / row.se ** 2 - 1) < 1e-3, f"weighted {kind}: file {left.covariance[i][i]}, {row}")
     single("constrained", "PPO", ({"INTRCPT3": 0, "W": 1}, {"INTRCPT3": 2, "V": 3}, {"INTRCPT3": 4, "W": 1}),
            constrain="0,1,0,0,0,1")
     run("no intercept", "PIO", first="W", second="W")

@@ -79,8 +79,8 @@ def graph(program, holder, name):
         errors = [row[i] ** 0.5 for i, row in enumerate(read('tauvc.dat')[len(taus):])]  # their covariance; no sigma^2
         for what, got, table in (('taus', read('tauvc.dat')[:len(taus)], taus),
                                  ('errors of the taus', [errors], [want['setau'][:elements]]),
-                                 ('gamvcus.dat', read('gamvcus.dat'), [want['gamma']] + want['covariance']),
-                                 ('gamvcpa.dat', read('gamvcpa.dat'), [average['gamma']] + average['covariance']),
+                                 ('gamvcus.dat', read('gamvcus.dat'), [want['gamma']] + want.get('weighted', want['covariance'])),
+                                 ('gamvcpa.dat', read('gamvcpa.dat'), [average['gamma']] + average.get('weighted', average['covariance'])),
                                  ('gamvcpar.dat', read('gamvcpar.dat'), [average['gamma']] + average['robust'])):
             c.equal('rows of ' + what, [len(row) for row in got], [len(row) for row in table])
             for x, y in zip(sum(got, []), sum(table, [])):

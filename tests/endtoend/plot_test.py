@@ -252,8 +252,13 @@ class Tests:
         document = json.loads(self.place.read("plots.json"))
         self.place.write("text.json", "no document")
         self.place.write("other.json", '{"format": "something else"}')
-        self.place.write("newer.json", json.dumps(dict(document, format_version=2)))
-        self.place.write("averages.json", json.dumps(dict(document, files=[], series={
+        self.place.write("newer.json", json.dumps(dict(document, format_version=99)))
+        inner, sizes = (json.loads(json.dumps(document)) for _ in range(2))
+        inner["phases"][1]["fixed_effects"][2]["estimate"] = "0.4"
+        self.place.write("inner.json", json.dumps(inner))
+        del sizes["phases"][1]["tau_pi"]["rows"][0]
+        self.place.write("sizes.json", json.dumps(sizes))
+        self.place.write("averages.json", json.dumps(dict(document, checksums=[], series={
             "kind": "multiple imputation", "subrun": None, "plausible_value": None, "failed_subruns": []})))
         self.estimate("bare", "model1.kdr", "chem97.mdm")
         (self.folder / "moved").mkdir()
@@ -263,7 +268,9 @@ class Tests:
                 (draw("nowhere.json", "qq"), 3, "nowhere.json cannot be read"),
                 (draw("text.json", "qq"), 4, "text.json is not a results document"),
                 (draw("other.json", "qq"), 4, "other.json is not a results document"),
-                (draw("newer.json", "qq"), 4, "format_version 2"),
+                (draw("newer.json", "qq"), 4, "format_version 99"),
+                (draw("inner.json", "qq"), 4, "inner.json is damaged: phases[1].fixed_effects[2].estimate is not of the type"),
+                (draw("sizes.json", "qq"), 4, "sizes.json is damaged: the parts of tau_pi of the phase final"),
                 (draw("bare.json", "caterpillar2"), 5, "no residual file of level 2 (RESFIL2:Y"),
                 (draw("averages.json", "qq"), 5, "take the document of a sub-run"),
                 (draw("moved/plots.json", "residuals"), 3, "moved/resfil1.dat"),
@@ -285,37 +292,63 @@ class Tests:
         self.check(self.plot("moved/plots.json", "--kind", "qq", "-o", "moved.png", "--folder", ".")[0] == 0, "--folder")
         self.check(self.place.read("moved.png.part") == "another", "what stands beside a picture stays")
 
-        # Files cut off, and files of a later run of another model under the same names.
-        self.place.edited("later.kdr", "model2.kdr", **FILES, RESFILTYPE="FREEFORMAT", OUTPUT="later.txt")
-        self.place.edited("later.kdr", "later.kdr", LEVEL1DELETION="NONE\nSTOPVAL:1\nNUMIT:1,N")
-        keep = {name: (self.folder / name).read_bytes() for name in ("resfil1.dat", "resfil2.dat", "resfil3.dat", "graph.bin")}
+        # Files cut off, and files of a later run under the same names: of the same model, with as many records.
+        self.place.edited("later.kdr", "plots.kdr", OUTPUT="later.txt", RESULTS="later.json", STOPVAL="1")
+        names = ("resfil1.dat", "resfil2.dat", "resfil3.dat", "graph.bin")
+        keep = {name: (self.folder / name).read_bytes() for name in names}
         assert self.place.run("chem97.mdm", "later.kdr").returncode == 0
         later = {name: (self.folder / name).read_bytes() for name in keep}
-        back = lambda: [(self.folder / name).write_bytes(data) for name, data in keep.items()]
-        for name, kind, part in (("resfil1.dat", "residuals", "sigma differs"), ("resfil2.dat", "qq", "FVFEMALE differ"),
-                                 ("resfil3.dat", "caterpillar3", "FV01 differ"), ("graph.bin", "lines", "fixed effects differ")):
-            back()
-            (self.folder / name).write_bytes(later[name])
-            got, told = self.plot(*draw("plots.json", kind))
-            self.check(got == 4 and f"{name} is of another run" in told and part in told, f"{name} of a later run: {got}, {told}")
-            if name == "resfil1.dat":
-                got, told = self.plot("--page", "plots.json", "-o", "mixed.html")
-                page = Page(self.place.read("mixed.html"))
-                self.check(got == 0 and len(page.images) == 1 and page.text.count(f"{name} is of another run") == 5 and
-                           "qq is not drawn" in told, f"the page beside it: {got}, {told}")
-            back()
-            (self.folder / name).write_bytes(keep[name][:len(keep[name]) // 3 if name != "graph.bin" else 99])
-            got, told = self.plot(*draw("plots.json", kind))
-            self.check(got == 4 and name in told, f"{name} cut off: {got}, {told}")
-        back()
-        os.utime(self.folder / "resfil3.dat", (2 ** 31 - 1, 2 ** 31 - 1))
-        got, told = self.plot("plots.json", "--kind", "caterpillar3", "-o", "aged.png")
-        self.check(got == 0 and "resfil3.dat is newer than plots.json" in told, f"a newer file: {got}, {told}")
+        for name, kind in zip(names, ("residuals", "qq", "caterpillar3", "lines")):
+            for data in (later[name], keep[name][:len(keep[name]) // 3]):
+                for other in names:
+                    (self.folder / other).write_bytes(data if other == name else keep[other])
+                got, told = self.plot(*draw("plots.json", kind))
+                self.check(got == 4 and f"{name} is not the one that the run of plots.json made" in told, f"{name}: {got}, {told}")
+        got, told = self.plot("--page", "plots.json", "-o", "mixed.html")
+        page = Page(self.place.read("mixed.html"))
+        self.check(got == 0 and len(page.images) == 1 and page.text.count("graph.bin is not the one") == 5 and
+                   "qq is not drawn" in told, f"the page beside it: {got}, {told}")
+        (self.folder / "graph.bin").write_bytes(keep["graph.bin"])
+
+    def losses(self):
+        """What -o may name: nothing of the run, no other file's contents; a picture and a page give way to their like."""
+        self.estimate("lost", "plots.kdr", "chem97.mdm", RESFIL2NAME="r2.html", GRAPHGAMMAS="graph.svg")
+        self.place.edited("lost.kdr", "lost.kdr", OUTPUT="lost.html")
+        assert self.place.run("chem97.mdm", "lost.kdr").returncode == 0
+        os.symlink("lost.json", self.folder / "link.html")
+        self.place.write("mine.html", "<!DOCTYPE html> a page of my own")
+        self.place.write("notes.svg", "no picture")
+        for name in ("lost.html", "r2.html", "link.html", "mine.html", "graph.svg", "notes.svg"):
+            before = (self.folder / name).read_bytes()
+            words = ["--page"] if name.endswith("html") else ["--kind", "coefficients"]
+            got, told = self.plot("lost.json", *words, "-o", name)
+            self.check(got == 3 and "would be lost" in told and (self.folder / name).read_bytes() == before, f"{name}: {got}, {told}")
+        for words in (["--page", "-o", "again.html"], ["--kind", "qq", "-o", "again.svg"], ["--kind", "qq", "-o", "again.png"]):
+            self.check([self.plot("lost.json", *words)[0] for _ in range(2)] == [0, 0], f"{words} twice")
+
+    def emptyunit(self):
+        """A level-2 unit that run-time deletion leaves without records has no row, and the others are drawn."""
+        lines = (self.folder / "chem97-1.dat").read_text().splitlines(True)
+        unit = lines[0].split()[1]
+        missing = [line[:10] + "  -99" + line[15:] if line.split()[1] == unit else line for line in lines]
+        self.place.write("gaps.dat", "".join(missing))
+        template = self.place.read("chem97.mdmt")
+        for old, new in (("chem97-1.dat", "gaps.dat"), ("l1missing:n", "l1missing:y/SAME\n-99"), ("deletion:now", "deletion:analysis"),
+                         ("chem97.mdm", "gaps.mdm")):
+            template = template.replace(old, new)
+        self.place.write("gaps.mdmt", template)
+        done = self.place.run("-r", "gaps.mdmt")
+        assert done.returncode == 0, done.stdout
+        self.estimate("gaps", "model2.kdr", "gaps.mdm", **FILES)
+        run = plot.Run(str(self.folder / "gaps.json"))
+        units = run.document["dimensions"]["level2_units"]
+        drawn = [row[0] for row in plot.caterpillar(run, 2)[0][1]]
+        self.check(len(drawn) == units - 1 and unit not in drawn, f"{len(drawn)} of {units} units drawn")
 
 
 if __name__ == "__main__":
     tests = Tests(sys.argv[1])
     for part in (tests.randomeffects, tests.records, tests.coefficients, tests.otheroutcomes, tests.pictures, tests.page,
-                 tests.refusals):
+                 tests.refusals, tests.losses, tests.emptyunit):
         part()
     tests.check.finish()

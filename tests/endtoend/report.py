@@ -19,7 +19,7 @@ FixedRow = namedtuple('FixedRow', 'label level1 level2 constrained coefficient s
 FixedTable = namedtuple('FixedTable', 'heading rows')
 RatioRow = namedtuple('RatioRow', 'label coefficient ratio low high')  # low and high None: not computed
 ComponentRow = namedtuple('ComponentRow', 'label effect sd variance df chisquare p')  # df None: too few df
-Test = namedtuple('Test', 'rows estimates errors statistic df p')  # p 0.5 stands for ">.500"
+Test = namedtuple('Test', 'rows estimates errors statistic df p df2')  # p 0.5 stands for ">.500"
 
 NUMBER = r'-?(?:\d+\.\d+|nan|inf)'
 FIXEDROW = re.compile(r'^ {6}(.*?)([ *])\s*(%s) +(%s) +(%s) +(?:(\d+) +(\d\.\d{3})(#?)|Unable to compute)\s*$'
@@ -27,6 +27,7 @@ FIXEDROW = re.compile(r'^ {6}(.*?)([ *])\s*(%s) +(%s) +(%s) +(?:(\d+) +(\d\.\d{3
 COMPONENT = re.compile(r'^\s*(\S.*?)(?:,| slope,)\s*(\w+?\d+) *(%s) +(%s) +(?:(\d+) +(%s) +(>?\d*\.\d{3})|too few df to compute)\s*$'
                        % (NUMBER, NUMBER, NUMBER))
 RATIOROW = re.compile(r'^ {6}(.*?)[ *]\s*(%s) +(%s) +(?:\((%s),(%s)\)|Unable to compute)\s*$' % ((NUMBER,) * 4))
+MISSINGROW = re.compile(r'^ {6}.*?[ *]\s*(%s) +(%s)\s*$' % (NUMBER, NUMBER))
 LEVEL1ROW = re.compile(r'^  level-1, +(\S+) +(%s) +(%s)\s*$' % (NUMBER, NUMBER))
 
 
@@ -34,7 +35,7 @@ class Report:
     def __init__(self, text):
         self.text = text
         self.lines = text.replace('\f', '').split('\n')
-        self.fixed, self.ratios, self.heading = {}, {}, None
+        self.fixed, self.ratios, self.missing, self.heading = {}, {}, {}, None
         self.taupi = self.taubeta = self.setaupi = self.setaubeta = None
         self.starttaupi = self.starttaubeta = self.corrtaupi = self.corrtaubeta = None
         self.taupilabels = []
@@ -67,6 +68,8 @@ class Report:
             self.test(i)
         elif word.startswith('Exploratory Analysis: estimated level-'):
             self.candidates(i, int(word.split('level-')[1][0]))
+        elif word.startswith('Fraction of      Relative'):
+            self.missingtable(i)
         elif word == 'Model comparison test':
             self.compare(i)
         else:
@@ -174,6 +177,17 @@ class Report:
                 raise ValueError('a line in a ratio table not understood: %r' % line)
         self.ratios[self.heading] = rows
 
+    def missingtable(self, i):
+        rows, rules = [], 0
+        for line in self.lines[i:]:
+            m = MISSINGROW.match(line)
+            rules += re.match(r' -{20,}$', line) is not None
+            if rules == 2:
+                break
+            if m:
+                rows.append((float(m[1]), float(m[2])))
+        self.missing[self.heading] = rows
+
     def componenttable(self, i, level):
         rows, rules = [], 0
         for n, line in enumerate(self.lines[i + 1:], i + 2):
@@ -230,7 +244,7 @@ class Report:
     def compare(self, i):
         p = self.after(i, 'P-value                =')
         self.comparison = (float(self.after(i, 'Chi-square statistic   =')), int(self.after(i, 'Degrees of freedom     =')),
-                           0.5 if p == '>.500' else float(p.replace('<', '')))
+                           0.5 if p == '>.500' else None if p == 'Unable' else float(p.replace('<', '')))
 
     def test(self, i):
         rows, est, err = [], [], []
@@ -245,11 +259,15 @@ class Report:
             elif line.startswith('Chi-square statistic ='):
                 p = self.after(n, 'P-value              =')
                 self.tests.append(Test(rows, est, err, float(line.split()[3]),
-                                       int(self.after(n, 'Degrees of freedom   =')), 0.5 if p == '>.500' else float(p)))
+                                       int(self.after(n, 'Degrees of freedom   =')), 0.5 if p == '>.500' else float(p), self.denominator(n + 3)))
                 return
             elif 'cannot be computed' in line or 'Hypothesis Testing' in line:
                 break
-        self.tests.append(Test(rows, est, err, None, None, None))
+        self.tests.append(Test(rows, est, err, None, None, None, None))
+
+    def denominator(self, i):
+        m = re.match(r'The p-value is that of F = .* and (%s) degrees' % NUMBER, self.lines[i]) if i < len(self.lines) else None
+        return float(m[1]) if m else None
 
 
 def read(path):

@@ -1,4 +1,4 @@
-"""Whole reports, text and HTML, against the stored ones; date, time and version of the moment are masked.
+"""Whole reports, text and HTML, against the stored ones; date, time and style sheet are masked.
 
     reports_test.py PROGRAM [--store]      --store writes the reports that the program makes now
 """
@@ -17,6 +17,7 @@ work = Workplace(sys.argv[1])
 
 def masked(text):
     text = re.sub(r"\d+ \w+ \d{4}, \w+day", "DATE", text)
+    text = re.sub(r"(?s)<style>.*</style>", "STYLE", text)
     return re.sub(r"[ \d]\d:[ \d]\d:[ \d]\d", "TIME", text)
 
 

@@ -69,7 +69,8 @@ class Numbers:
                 room = 1.1e-3 * test["standard_error"]
                 self.check(abs(e["estimate"] - reach - low) < room and abs(e["estimate"] + reach - high) < room,
                            f"{self.name}: interval {what}")
-                self.check(abs(test["p"] - 2 * stats.t.sf(abs(test["t"]), row.df)) < 1e-8, f"{self.name}: p {what}")
+                tail = 2 * stats.t.sf(abs(test["t"]), row.df)
+                self.check(abs(test["p"] - tail) <= 1e-9 * tail, f"{self.name}: p {what}")
             ratios = r.ratios.get(key, [])
             self.equal(f"ratios of {key}", sum("ratio_interval" in e[side] for e in tested), len(ratios))
             for e, row in zip(effects, ratios):
@@ -82,11 +83,14 @@ class Numbers:
     def tails(self, what, test, row):
         self.same(f"chi-square {what}", test["chi_square"], row[1], 5)
         self.equal(f"df {what}", test["df"], row[0])
-        if test["p"] is not None:
+        if test["p"] is None or test["p"] > 0.5:
+            self.equal(f"p {what}", row[2], None if test["p"] is None else 0.5)
+        elif row[2] != 0.001:  # less than that, without digits
             self.same(f"p {what}", test["p"], row[2], 3)
-            self.check(abs(test["p"] - stats.chi2.sf(test["chi_square"], test["df"])) < 0.005, f"{self.name}: p {what}")
-        else:
-            self.equal(f"p {what}", test.get("p_note"), None if row[2] is None else ">.500")
+        if test["p"] is not None:
+            tail = stats.f.sf(test["chi_square"] / test["df"], test["df"], test["df2"]) if "df2" in test else \
+                stats.chi2.sf(test["chi_square"], test["df"])
+            self.check(abs(test["p"] - tail) <= 1e-9 * tail, f"{self.name}: p {what}")
 
     def phase(self, phase, r, effects=(("model_based", "final"), ("robust", "robust"))):
         """All of a phase against its section of the report."""
@@ -210,10 +214,21 @@ def linear(check, place):
     check(text["converged"] and final["converged"] and final["ending"] == "converged", "null: converged")
     test = final["model_comparison"]
     compare.tails("of the deviances", test, (r.comparison[1], r.comparison[0], r.comparison[2]))
+    check(test["impossible"] is None and test["mixture_p"] is None and text["warnings"] == [], f"null: {test}")
     s, p, b = r.sigma2, r.taupi[0][0], r.taubeta[0][0]
     for key, share in (("share_level1", s), ("share_level2", p), ("share_level3", b), ("same_level3_unit", b),
                        ("same_level2_unit", p + b)):
         compare.same(key, final["intraclass_correlation"][key], share / (s + p + b), 5)
+
+    # One parameter less: a variance, perhaps, half of whose statistics are 0. Then a larger model that fits worse.
+    for deviance, df, impossible in ((final["deviance"] + 2.7055, 3, False), (final["deviance"] - 2.0, 3, True),
+                                     (final["deviance"] + 2.0, 4, True)):
+        text, phases, _ = run(check, place, "compared", EMPTY + f"DEVIANCE:{deviance}\nDF:{df}\n")
+        test = phases["final"]["model_comparison"]
+        check((test["p"] is None) == impossible == (test["impossible"] is not None) == (len(text["warnings"]) == 1),
+              f"compared: {test}, {text['warnings']}")
+        if not impossible:
+            check(abs(test["p"] - 0.1) < 1e-5 and abs(test["mixture_p"] - 0.05) < 1e-5, f"compared: {test}")
 
     text, phases, r = run(check, place, "linear", model(options="FISHERTYPE:2\n"))
     compare = Numbers(check, "linear")
@@ -271,6 +286,8 @@ def others(check, place):
         table(check, place, text, name)
     text, phases, _ = run(check, place, "given up", nonlinear("BERNOULLI", options=scale + "LAPLACE:Y,60\n"))
     check("laplace6" not in phases and not text["converged"] and "Laplace-6" in text["warnings"][0], "given up: not told")
+    text, _, r = run(check, place, "compared", nonlinear("BERNOULLI", options=scale + "DEVIANCE:900\nDF:3\n"))
+    check("has no deviance to compare" in text["warnings"][0] and "DEVIANCE: has no effect" in r.text, "compared: not told")
 
 
 def series(check, place):

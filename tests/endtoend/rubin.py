@@ -43,10 +43,9 @@ class Effects:
 
 
 class Single:
-    """What a single run left in its folder. A file of covariances has sigma2 vgamma, not what a weighted run's tables
-    tell, and none has the robust ones of the unit-specific effects."""
+    """What a single run left in its folder. No file has the robust covariances of the unit-specific effects."""
 
-    def __init__(self, folder, name, fisher=True, weighted=False):
+    def __init__(self, folder, name, fisher=True):
         folder = pathlib.Path(folder)
         linear = not report.sections(folder / name)
         self.report, *more = sections(folder / name)
@@ -56,7 +55,7 @@ class Single:
         self.taupi, self.taubeta, self.taucovariance = tau[:q], tau[q:q + r], tau[q + r:q + r + nt]
         self.sigma2 = tau[-1][0] if linear else self.report.componentsigma2 or 1.0
         self.fixedsigma2 = self.report.componentsigma2 is None
-        files = lambda **f: {} if weighted else {which: folder / name for which, name in f.items()}
+        files = lambda **f: {which: folder / name for which, name in f.items()}
         self.effects = [Effects(self.report, self.sigma2, files(final="gamvc.dat", robust="gamvcr.dat") if linear else
                                 files(final="gamvcus.dat"))]
         self.effects += [Effects(section, self.sigma2, files(final="gamvcpa.dat", robust="gamvcpar.dat"))
@@ -85,19 +84,20 @@ def total(within, vectors):
 
 
 class Pooled:
-    """Pooled fixed effects under one covariance, whose mean is brought to the mean of `sigma2`; nu is None where there is
-    nothing between."""
+    """Pooled fixed effects under one covariance; nu is None where there is nothing between."""
 
-    def __init__(self, effects, which, sigma2):
+    def __init__(self, effects, which):
         M, self.effects, self.which = len(effects), effects, which
-        self.scales = [sigma2 / e.sigma2 for e in effects]
-        within = mean([[v * s for v in e.variance[which]] for e, s in zip(effects, self.scales)], vector=True)
+        within = mean([e.variance[which] for e in effects], vector=True)
         g = len(within)
         self.gamma = mean([e.gamma for e in effects], vector=True)
         _, between = total([[0.0] * g] * g, [e.gamma for e in effects])
         self.variance = [within[i] + between[i][i] for i in range(g)]
         self.nu = [(M - 1) * (within[i] / between[i][i] + 1) ** 2 if between[i][i] > 0 else None for i in range(g)]
         self.complete = effects[0].df
+        ratio = [between[i][i] / within[i] for i in range(g)]
+        self.missing = [(r + 2 / (n + 3)) / (r + 1) if n else 0.0 for r, n in zip(ratio, self.nu)]
+        self.efficiency = [1 / (1 + x / M) for x in self.missing]
 
     def dfs(self, i):
         """The degrees of freedom that rounding of the inputs allows."""
@@ -106,20 +106,29 @@ class Pooled:
         return {min(int(self.nu[i] * x), self.complete[i]) for x in (1 - 1e-4, 1, 1 + 1e-4)}
 
     def wald(self, contrasts, test):
-        """Estimates, standard errors and the statistic of hypothesis number `test`: from the covariances, or without
-        those from what the single runs say of each contrast; then the statistic of several is None."""
+        """Estimates, standard errors and the statistic of hypothesis number `test` (Li, Raghunathan and Rubin, 1991) with
+        the degrees of freedom of its denominator: from the covariances, or without those from what the single runs say
+        of each contrast; then the statistic of several is None."""
         dot = lambda a, b: math.fsum(x * y for x, y in zip(a, b))
         e, n = [dot(row, self.gamma) for row in contrasts], len(contrasts)
         each = [[dot(row, x.gamma) for row in contrasts] for x in self.effects]
         known = all(self.which in x.covariance for x in self.effects)
         if known:
-            C = [[[dot(a, [dot(row, b) for row in x.covariance[self.which]]) * s for b in contrasts] for a in contrasts]
-                 for x, s in zip(self.effects, self.scales)]
+            C = [[[dot(a, [dot(row, b) for row in x.covariance[self.which]]) for b in contrasts] for a in contrasts]
+                 for x in self.effects]
         else:
-            C = [[[x.tests[self.which][test].errors[i] ** 2 * s * (i == j) for j in range(n)] for i in range(n)]
-                 for x, s in zip(self.effects, self.scales)]
-        W, _ = total(meanmatrix(C), each)
-        return e, [math.sqrt(W[i][i]) for i in range(n)], dot(e, solved(W, e)) if known or n == 1 else None
+            C = [[[x.tests[self.which][test].errors[i] ** 2 * (i == j) for j in range(n)] for i in range(n)]
+                 for x in self.effects]
+        U, M = meanmatrix(C), len(self.effects)
+        W, between = total(U, each)
+        errors = [math.sqrt(W[i][i]) for i in range(n)]
+        if not known and n > 1:
+            return e, errors, None, None
+        if M == 1:
+            return e, errors, dot(e, solved(U, e)), None
+        s, t = math.fsum(solved(U, [row[i] for row in between])[i] for i in range(n)) / n, n * (M - 1)
+        nu = 4 + (t - 4) * (1 + (1 - 2 / t) / s) ** 2 if t > 4 else t * (1 + 1 / n) * (1 + 1 / s) ** 2 / 2
+        return e, errors, dot(e, solved(U, e)) / (1 + s), nu
 
 
 def twosided(t, df):
@@ -193,7 +202,7 @@ def compare(check, name, averaged, singles, contrasts=(), fisher=True):
     check(len(parts) == len(singles[0].effects), f"{name}: {len(parts)} sets of fixed effects")
     for n, part in enumerate(parts):
         fixedeffects(check, near, name + (", population average" if n else ""), part, [s.effects[n] for s in singles],
-                     sigma2, contrasts)
+                     contrasts)
     check(len(parts) == 1 or parts[1].taupi is None and not parts[1].components, f"{name}: variances at the end")
     for level in (2, 3):
         for i, x in enumerate(r.reliabilities.get(level, [])):
@@ -202,16 +211,27 @@ def compare(check, name, averaged, singles, contrasts=(), fisher=True):
         for i, row in enumerate(r.components.get(level, [])):
             of = [s.report.components[level][i] for s in singles]
             near(f"level-{level} variance {i}", row.variance, mean([x.variance for x in of]), 1.1e-5)
-            near(f"level-{level} chi-square {i}", row.chisquare, mean([x.chisquare for x in of]), 1.1e-5)
+            chisquare = pooledchisquare([x.chisquare for x in of], row.df)
+            near(f"level-{level} chi-square {i}", row.chisquare, chisquare, 3e-5 + 1e-6 * chisquare)
             check(row.df == of[0].df, f"{name}: level-{level} d.f. {row.df}, expected {of[0].df}")
 
 
-def fixedeffects(check, near, name, part, effects, sigma2, contrasts):
+def pooledchisquare(values, k):
+    """Of Li, Meng, Raghunathan and Rubin (1991), times its degrees of freedom."""
+    M = len(values)
+    if M == 1:
+        return values[0]
+    roots = [math.sqrt(x) for x in values]
+    r = (1 + 1 / M) / (M - 1) * math.fsum((x - mean(roots)) ** 2 for x in roots)
+    return k * max(0.0, (mean(values) / k - (M + 1) / (M - 1) * r) / (1 + r))
+
+
+def fixedeffects(check, near, name, part, effects, contrasts):
     """The tables, ratios and tests of the fixed effects under both covariances."""
     tests = iter(part.tests)
     check(len(part.tests) == 2 * len(contrasts), f"{name}: {len(part.tests)} hypothesis tests")
     for table in ("final", "robust"):
-        want = Pooled(effects, table, sigma2)
+        want = Pooled(effects, table)
         got = part.fixed.get(table)
         check(got is not None and len(got.rows) == len(want.gamma), f"{name}: no {table} table")
         for i, row in enumerate(got.rows if got else []):
@@ -221,6 +241,9 @@ def fixedeffects(check, near, name, part, effects, sigma2, contrasts):
             near(what + " s.e.", row.se, error, 2e-6)
             near(what + " t", row.t, want.gamma[i] / error, 1e-3 + 1e-5 * abs(want.gamma[i] / error))
             check(row.df in want.dfs(i), f"{what} d.f. {row.df}, expected {want.dfs(i)}")
+            if len(effects) > 1:
+                near(what + " missing information", part.missing[table][i][0], want.missing[i], 1.1e-3)
+                near(what + " efficiency", part.missing[table][i][1], want.efficiency[i], 6e-4)
             if effects[0].section.ratios:
                 ratio = part.ratios[table][i]
                 for which, value, x in (("", ratio.ratio, 0.0), (" low", ratio.low, -1.0), (" high", ratio.high, 1.0)):
@@ -229,7 +252,7 @@ def fixedeffects(check, near, name, part, effects, sigma2, contrasts):
                     near(what + " ratio" + which, value, expected, 3e-5 * expected + abs(x) * (6e-4 + step))
         check(bool(part.ratios) == bool(effects[0].section.ratios), f"{name}: ratios")
         for number, contrast in enumerate(contrasts):
-            e, errors, statistic = want.wald(contrast, number)
+            e, errors, statistic, nu = want.wald(contrast, number)
             test = next(tests, None)
             if test is None:
                 continue
@@ -238,3 +261,6 @@ def fixedeffects(check, near, name, part, effects, sigma2, contrasts):
                 near(f"{name}, {table} contrast {k} s.e.", test.errors[k], errors[k], 1.1e-5)
             if statistic is not None:
                 near(f"{name}, {table} chi-square", test.statistic, statistic, 1e-4 * max(1.0, statistic))
+                check((test.df2 is None) == (nu is None), f"{name}, {table}: {test.df2} degrees of the denominator")
+                if nu is not None:
+                    near(f"{name}, {table} denominator", test.df2, nu, 0.1 + 1e-3 * nu)

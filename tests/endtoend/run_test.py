@@ -219,6 +219,43 @@ def lostoutputs():
         check(done.returncode == 100 and "must not" in done.stdout, f"MDM file {name}: {done.returncode} {done.stdout}")
 
 
-for part in (options, construction, fulldisk, models, startingvalues, failures, lostoutputs, interrupt):
+def keptinputs():
+    """Nothing that the program could read is written over, and no result's folder is missed after the estimation."""
+    mdm, commands = (work.folder / "chem97.mdm").read_bytes(), (work.folder / "model2.kdr").read_bytes()
+    kept = {"imp.1": mdm, "other.mdm": mdm, "mixyzzy.dat": mdm, "other.kdr": commands, "marked.kdr": b"\xef\xbb\xbf\n" + commands,
+            "other.mdmt": (work.folder / "chem97.mdmt").read_bytes(), "starts.txt": b"#SIGMA2\n1\n", "x.sav": b"$FL2"}
+    for name, content in kept.items():
+        (work.folder / name).write_bytes(content)
+    for keywords, words in (({"OUTPUT": "imp.txt"}, ("-mi0",)), ({"OUTPUT": "new.txt"}, ("-mi0",)), ({"OUTPUT": "other.kdr"}, ()),
+                            ({"OUTPUT": "marked.kdr"}, ()), ({"OUTPUT": "other.mdmt"}, ()), ({"OUTPUT": "starts.txt"}, ()),
+                            ({"OUTPUT": "x.sav"}, ()), ({"STARTVALS": "other.kdr"}, ()), ({"RESULTS": "other.mdm"}, ()),
+                            ({"GRAPHGAMMAS": "other.mdm"}, ()), ({"RESFIL1": "Y", "RESFIL1NAME": "other.mdm"}, ())):
+        done = work.run(*words, "chem97.mdm", work.edited("lossy.kdr", "model1.kdr", **keywords))
+        ends(done, 100, "which would be lost", f"{words} {keywords}")
+    for place in ("other.kdr", "other.mdmt", "starts.txt"):
+        done = work.run("-r", work.edited("lossy.mdmt", "chem97.mdmt", mdmname=place))
+        ends(done, 100, "which would be lost", f"MDM file {place}")
+    for name, content in kept.items():
+        check((work.folder / name).read_bytes() == content, f"{name} is not what it was")
+        (work.folder / name).unlink()
+    for keywords in ({"RESULTS": "none/r.json"}, {"RESFIL1": "Y", "RESFIL1NAME": "none/r.sav"}, {"GRAPHGAMMAS": "none/g"}):
+        done = work.run("chem97.mdm", work.edited("lossy.kdr", "model1.kdr", **keywords))
+        ends(done, 100, "Unable to open none/", str(keywords))
+        check("iteration" not in done.stdout, f"{keywords}: told after the estimation")
+
+
+def marks():
+    """What an editor puts before a text is passed over, or the file refused by its name."""
+    for source, words in (("model1.kdr", ["chem97.mdm"]), ("chem97.mdmt", ["-r"])):
+        text = work.read(source)
+        for name, content, code in (("bom", "\ufeff" + text, 0), ("wide", text, 100)):
+            for coding in ("utf-8",) if code == 0 else ("utf-16", "utf-16-le", "utf-16-be"):
+                (work.folder / name).write_bytes(content.encode(coding))
+                done = work.run(*words, name)
+                check(done.returncode == code, f"{source} as {name} {coding}: {done.returncode} {done.stdout[-200:]}")
+                check(code == 0 or "wide have two bytes each" in done.stdout, f"{source} as {coding}: {done.stdout[-200:]}")
+
+
+for part in (options, construction, fulldisk, models, startingvalues, failures, lostoutputs, keptinputs, marks, interrupt):
     part()
 check.finish()

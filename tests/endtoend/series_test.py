@@ -103,12 +103,12 @@ class Place(Workplace):
         done = self.run("-r", name + ".mdmt")
         assert done.returncode == 0, done.stdout
 
-    def single(self, mdm, text, fisher=True, weighted=False):
+    def single(self, mdm, text, fisher=True):
         """A run of its own, and what it left."""
         self.write("single.kdr", re.sub("(?m)^OUTPUT:.*", "OUTPUT:single.txt", text) + DUMPS)
         done = self.run(mdm + ".mdm", "single.kdr")
         assert done.returncode == 0, done.stdout
-        return rubin.Single(self.folder, "single.txt", fisher, weighted)
+        return rubin.Single(self.folder, "single.txt", fisher)
 
     def series(self, text, mdms):
         """All data sets of a multiple imputation; the exit codes."""
@@ -158,7 +158,7 @@ def imputations(check, place):
         settings = dict(options=options, hypotheses=lines)
         text = make(**settings) if make is model else nonlinear(make, **settings)
         fisher = none not in options
-        singles = runs = [place.single(mdm, text, fisher, WEIGHTS in options) for mdm in IMPUTED]
+        singles = runs = [place.single(mdm, text, fisher) for mdm in IMPUTED]
         if name in ("laplace", "quadrature"):
             # averaged are PQL's effects, and the population's, which start from these
             singles = [place.single(mdm, text.replace(LAPLACE, "").replace(QUADRATURE, "")) for mdm in IMPUTED]
@@ -365,7 +365,7 @@ def plausible(check, place):
         fisher, singles, tables = heterogeneous not in options, [], []
         settings = lambda m: dict(variant(m), options=options)
         for m in range(M):
-            singles.append(place.single("pv", model(**settings(m)), fisher, WEIGHTS in options))
+            singles.append(place.single("pv", model(**settings(m)), fisher))
             tables.append(place.read("single.txt"))
         place.write("pv.kdr", model(plausvals="PLAUSVALS:" + ",".join(values) + "\n", **settings(0)))
         done = place.run("pv.mdm", "pv.kdr")

@@ -3,7 +3,6 @@
 #include "construct/construction.h"
 #include "construct/levelsource.h"
 #include "construct/readers/ascii.h"
-#include "data/scratch.h"
 #include "harness.h"
 
 using namespace kdr;
@@ -34,7 +33,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     mkmdm();
   });
   if (run.mdm.stream != nullptr) std::fclose(run.mdm.stream);
-  scratchcloseall();
   forgetraw();
   return 0;
 }

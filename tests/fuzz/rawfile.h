@@ -3,7 +3,6 @@
 
 #include "construct/construction.h"
 #include "construct/levelsource.h"
-#include "data/scratch.h"
 #include "harness.h"
 
 namespace kdr {
@@ -52,7 +51,6 @@ inline int fuzzfile(const char* word, std::uint8_t choices, const std::string& t
     mkmdm();
   });
   if (run.mdm.stream != nullptr) std::fclose(run.mdm.stream);
-  scratchcloseall();
   forgetraw();
   return 0;
 }

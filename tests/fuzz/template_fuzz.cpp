@@ -3,7 +3,6 @@
 #include "construct/construction.h"
 #include "construct/levelsource.h"
 #include "construct/template.h"
-#include "data/scratch.h"
 #include "harness.h"
 
 using namespace kdr;
@@ -27,7 +26,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     mkmdm();
   });
   if (run.mdm.stream != nullptr) std::fclose(run.mdm.stream);
-  scratchcloseall();
   forgetraw();
   return 0;
 }

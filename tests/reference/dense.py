@@ -397,7 +397,7 @@ def reference(directory, timing, code, m):
     T, L, s = unpack(theta, p, b)
     gamma, cov = gls(units, T, L, s)
     score, info, _ = scoreandinformation(units, gamma, T, L, s)
-    nfree = ng + len(theta) - (1 if 'vknown' in m or 'fixsigma2' in m else 0)
+    nfree = ng + E.shape[1]
     out.update(loglik=loglik(units, gamma, T, L, s), parameters=nfree, gamma=gamma, covariance=cov, taupi=T, taubeta=L,
                sigma2=s, score=score, information=info)
     out['deviance'] = -2 * out['loglik']

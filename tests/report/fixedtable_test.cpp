@@ -8,6 +8,8 @@
 #include <sstream>
 
 #include "driver/runrecord.h"
+#include "estimate/inference/modelstatistics.h"
+#include "estimate/inference/teststatistics.h"
 #include "report/hypotheses.h"
 #include "report/modelstatistics.h"
 #include "reportfixture.h"
@@ -21,15 +23,13 @@ void fivegammas() {
   setmodel({{0, true, {{0, {0, 1}}, {1, {0}, false}}}, {2, true, {{0, {0}}}}, {3, false, {{0, {0}, false}}}});
 }
 
-FixedDegrees degreesare(const std::vector<int>& df, const std::vector<int>& rough) {
-  FixedDegrees degrees;
-  degrees.df.reset(df.size());
-  degrees.rough.reset(df.size());
-  for (std::size_t i = 0; i < df.size(); ++i) {
-    degrees.df[i] = df[i];
-    degrees.rough[i] = static_cast<char>(rough[i]);
-  }
-  return degrees;
+// The fixed effects of `gamma` with these variances.
+std::vector<EffectTest> effectsof(const std::vector<double>& gamma, const std::vector<double>& variance,
+                                  const std::vector<int>& df, const std::vector<int>& rough) {
+  std::vector<EffectTest> rows;
+  for (std::size_t g = 0; g < gamma.size(); ++g)
+    rows.push_back(effecttest(gamma[g], variance[g], df[g], rough[g] != 0));
+  return rows;
 }
 
 // Textbook points of t: 2.228 and 3.169 at 10 degrees of freedom are 5% and 1%. Every standard error is 1, so that
@@ -37,12 +37,10 @@ FixedDegrees degreesare(const std::vector<int>& df, const std::vector<int>& roug
 // isn't a number.
 TEST(FixedTable, TextRowsWithEveryKindOfEnding) {
   fivegammas();
-  const FixedDegrees degrees = degreesare({10, 10, 1, 500, 10}, {0, 1, 0, 0, 1});
-  const Array<double> gamma = arrayof({2.228, -3.169, 7.0, 1.0, 1.0});
-  const Array<double> variance = arrayof({1, 1, 1, 0, std::numeric_limits<double>::quiet_NaN()});
-  const std::string text = capturedtable(false, [&] {
-    fixedtable({gamma, variance, degrees}, TableKind::estimates, PassKind::linear);
-  });
+  const std::vector<EffectTest> effects =
+      effectsof({2.228, -3.169, 7.0, 1.0, 1.0}, {1, 1, 1, 0, std::numeric_limits<double>::quiet_NaN()},
+                {10, 10, 1, 500, 10}, {0, 1, 0, 0, 1});
+  const std::string text = capturedtable(false, [&] { fixedtable(effects, TableKind::estimates, PassKind::linear); });
   EXPECT_EQ(text,
             "\f The outcome variable is     MATH\n\n"
             " Final estimation of fixed effects:\n"
@@ -70,22 +68,18 @@ TEST(FixedTable, TextRowsWithEveryKindOfEnding) {
 TEST(FixedTable, HtmlEscapesNames) {
   startmodel({"A<B&C"}, {}, {});
   setmodel({{0, true, {{0, {0}}}}});
-  const FixedDegrees degrees = degreesare({40}, {1});
-  const Array<double> gamma = arrayof({10}), variance = arrayof({1});
-  const std::string html = capturedtable(true, [&] {
-    fixedtable({gamma, variance, degrees}, TableKind::laplace, PassKind::pql);
-  });
+  const std::string html =
+      capturedtable(true, [&] { fixedtable(effectsof({10}, {1}, {40}, {1}), TableKind::laplace, PassKind::pql); });
   EXPECT_NE(html.find("<h4> The outcome variable is    A&lt;B&amp;C\n"), std::string::npos) << html;
   EXPECT_NE(html.find(">&lt;0.001#</td>\n</tr></tbody></table>\n"), std::string::npos) << html;
 }
 
 TEST(RatioTable, WritesIntervalsInANonlinearRunOnly) {
   fivegammas();
-  const FixedDegrees degrees = degreesare({10, 1, 10, 10, 10}, {0, 0, 0, 0, 0});
   // The 5% point of t with 10 degrees of freedom is 2.2281, taken as 2.229: exp(2.229) is 9.2906.
-  const Array<double> gamma = arrayof({0.0, 0.0, std::log(2.0), 1000.0, 0.0});
-  const Array<double> variance = arrayof({1, 1, 1, 1, 1});
-  const auto write = [&] { ratiotable({gamma, variance, degrees}, TableKind::estimates); };
+  const auto effects =
+      effectsof({0.0, 0.0, std::log(2.0), 1000.0, 0.0}, {1, 1, 1, 1, 1}, {10, 1, 10, 10, 10}, {0, 0, 0, 0, 0});
+  const auto write = [&] { ratiotable(effects); };
   EXPECT_EQ(capturedtable(false, write), "");
   run.model.outcome.family = Family::poisson;
   const std::string text = capturedtable(false, write);
@@ -99,10 +93,15 @@ TEST(RatioTable, WritesIntervalsInANonlinearRunOnly) {
   EXPECT_EQ(text.find("inf"), std::string::npos);
 }
 
+EffectTable tested(const Array<double>& gamma, const Array<double>& covariance) {
+  const FixedDegrees degrees{Array<int>(gamma.size()), Array<char>(gamma.size())};
+  EffectTable table = effecttable(gamma, covariance, degrees);
+  addhypotheses(table, run.model, gamma, covariance);
+  return table;
+}
+
 // Two hypotheses over 3 gammas. The first, of rows (0 1 0) and (0 2 0), depends on itself; the second, (1 -1 0) with
-// variances 3 and 1 and no covariance, has estimate 4 - 2 = 2, variance 4, statistic 1. The cube-root transform of 1
-// with one degree of freedom is z = (2/9) sqrt(4.5) = 0.4714, whose tail is 0.5 / 1.119397^4 = 0.318444 (exactly:
-// 0.3173).
+// variances 3 and 1 and no covariance, has estimate 4 - 2 = 2, variance 4, statistic 1, whose tail is 0.317311.
 TEST(HypothesisTest, GoesOnBehindDependentContrasts) {
   startmodel({"Y", "X"}, {}, {"POOR"});
   setmodel({{0, true, {{0, {0, 1}}}}, {2, true, {{0, {0}}}}});
@@ -111,10 +110,10 @@ TEST(HypothesisTest, GoesOnBehindDependentContrasts) {
   run.model.hypothesisrows[1] = 1;
   run.model.contrasts.reset(9);
   for (std::size_t i = 0; i < 9; ++i) run.model.contrasts[i] = rows[i];
-  const double gamma[3] = {4, 2, 9};
-  const double V[12] = {3, 0, 0, 0, 0, 1, 0, 0, 0, 0, 5, 0};  // rows of 4
+  run.model.nhypotheses = true;
+  const Array<double> gamma = arrayof({4, 2, 9}), V = arrayof({3, 0, 0, 0, 1, 0, 0, 0, 5});
   const std::string rule = ruleof(77);
-  const std::string text = capturedtable(false, [&] { hypothesistest(3, gamma, V, 4); });
+  const std::string text = capturedtable(false, [&] { hypothesistests(tested(gamma, V)); });
   EXPECT_EQ(text, "\f                Results of General Linear Hypothesis Testing\n" + rule +
                       "                            Coefficients      Contrast\n" + rule +
                       " For       INTRCPT1, P0\n"
@@ -137,7 +136,7 @@ TEST(HypothesisTest, GoesOnBehindDependentContrasts) {
                       "         INTRCPT3, G100        9.000000      0.000\n" +
                       rule + " Estimate                                  2.00000\n" +
                       " Standard Error of estimate                2.00000\n"
-                      "\nChi-square statistic = 1.000000\nDegrees of freedom   = 1\nP-value              = 0.318444\n");
+                      "\nChi-square statistic = 1.000000\nDegrees of freedom   = 1\nP-value              = 0.317311\n");
 }
 
 TEST(HypothesisTest, RefusesMoreContrastsThanGammas) {
@@ -145,30 +144,45 @@ TEST(HypothesisTest, RefusesMoreContrastsThanGammas) {
   setmodel({{0, true, {{0, {0}}}}});
   run.model.hypothesisrows[0] = 2;
   run.model.contrasts.reset(2);
-  const double gamma = 1, V = 1;
-  EXPECT_EQ(capturedtable(false, [&] { hypothesistest(1, &gamma, &V, 1); }),
+  run.model.nhypotheses = true;
+  EXPECT_EQ(capturedtable(false, [&] { hypothesistests(tested(arrayof({1}), arrayof({1}))); }),
             "Sorry, but the number of contrasts cannot exceed the number of gammas.\n");
 }
 
 // Log-likelihood -500, so deviance 1000. 5 gammas, taupi of order 2 (3 elements), taubeta of order 2 (3), sigma^2: 12
-// parameters; 11 with sigma^2 fixed; 9 + 20 * 3 = 69 with a taupi for each of 20 level-3 units.
+// parameters; 11 with sigma^2 fixed; 9 + 20 * 3 = 69 with a taupi for each of 20 level-3 units; 10 with both diagonal.
+// The 5% points of chi-square: 18.307 on 10, 5.9915 on 2, 3.8415 on 1, whose mixture is 0.5 (0.0500 + 0.0143).
 TEST(ModelStatistics, ParametersAndTheAlternative) {
   const struct {
-    double deviance;
+    std::optional<double> deviance;
     int parameters, phase;
-    double fixsigma2;
+    std::optional<double> fixsigma2;
+    bool diagonal;
     const char* words;  // number of parameters, degrees of freedom and p-value of the comparison
-  } cases[] = {{missingcode, 0, 1, 0.0, "69"},       {missingcode, 0, 2, 1.0, "11"},
-               {1018.307, 2, 2, 0.0, "12 10 0.050"},  // the 5% point of chi-square with 10 degrees of freedom is 18.307
-               {995.0, 22, 2, 0.0, "12 10 >.500"},    // below its degrees of freedom
-               {1000.0, 12, 2, 0.0, "12 0 >.500"},    // the same model
-               {900.0, 12, 2, 0.0, "12 0 >.500"}};    // no degrees of freedom
+    const char* more;   // what else is said of it
+  } cases[] = {{{}, 0, 1, {}, false, "69", ""},
+               {{}, 0, 2, 1.0, false, "11", ""},
+               {{}, 0, 2, {}, true, "10", ""},
+               {1018.307, 2, 2, {}, false, "12 10 0.050", ""},
+               {1005.9915, 10, 2, {}, false, "12 2 0.050", "1 and 2 degrees of freedom it is 0.032."},
+               {1003.8415, 9, 2, {}, true, "10 1 0.050", "0 and 1 degrees of freedom it is 0.025."},
+               {994.0085, 15, 2, {}, false, "12 3 0.112", "2 and 3 degrees of freedom it is 0.081."},
+               {995.0, 22, 2, {}, false, "12 10 >.500", ""},
+               {1000.00001, 22, 2, {}, false, "12 10 >.500", ""},  // equal, but for what was typed
+               {937.6, 11, 2, {}, false, "12 1 Unable", "The model with more parameters fits worse"},
+               {1000.0, 12, 2, {}, false, "12 0 Unable", "the same number of parameters"}};
   for (const auto& c : cases) {
     fivegammas();
     run.out.deviance = c.deviance;
     run.out.df = c.parameters;
     run.model.restrictions.fixsigma2 = c.fixsigma2;
-    const std::string text = captured(false, [&] { modelstatistics(-500.0, c.phase); });
+    run.model.restrictions.diagtaupi = run.model.restrictions.diagtaubeta = c.diagonal;
+    PassResults results;
+    results.loglik = -500.0;
+    results.heterogeneous = c.phase == 1;
+    results.est.gammahat.reset(5);
+    complete(results, run.model, countsof(run.mdm));
+    const std::string text = captured(false, [&] { modelstatistics(results); });
     std::string words;
     for (const char* name :
          {"Number of estimated parameters =", "Degrees of freedom     =", "P-value                ="})
@@ -179,6 +193,12 @@ TEST(ModelStatistics, ParametersAndTheAlternative) {
         words += (words.empty() ? "" : " ") + value;
       }
     EXPECT_EQ(words, c.words) << text;
+    std::string joined = text;
+    for (std::size_t at; (at = joined.find("\n ")) != std::string::npos;) joined.erase(at, 1);
+    EXPECT_NE(joined.find(c.more), std::string::npos) << text;
+    if (*c.more == 0) {
+      EXPECT_EQ(joined.find("degrees of freedom it is"), std::string::npos) << text;
+    }
   }
 }
 

@@ -3,7 +3,8 @@
 
 #include <gtest/gtest.h>
 
-#include "core/constants.h"
+#include <limits>
+
 #include "driver/runrecord.h"
 #include "report/reportfixture.h"
 #include "series/latentregression.h"
@@ -22,21 +23,16 @@ TEST(LatentReport, WithoutVariancesOrDegreesOfFreedom) {
   regression.outcomes = {1};
   regression.predictors = {0};
   regression.terms = {1, 2};
-  regression.df = 0;
-  regression.b = arrayof({0.5});
   regression.GO = arrayof({3.0, 4.0});
   regression.Gadj = arrayof({1.0, 1.0});
-  regression.Vadj = arrayof({0.25, 0.0, 0.0, 0.25});
-  regression.Vdiff = arrayof({0.01, 0.0, 0.0, 0.01});
   regression.R = arrayof({2.25});
-  regression.Vb = arrayof({0.04});
+  constexpr double none = std::numeric_limits<double>::quiet_NaN();
+  regression.adjusted = {{1.0, 0.5, 2.0, none}, {1.0, none, none, none}};
+  regression.slopes = {{0.5, 0.2, 2.5, none}};
+  regression.differences = {{2.0, 0.1, 20.0, none}, {3.0, 0.1, 30.0, none}};
   const auto printed = [&] { return capturedtable(false, [&] { latentreport(regression); }); };
   EXPECT_NE(printed().find("W,G100*     1.000000    0.50000    2.000     NC\n"), std::string::npos) << printed();
-  regression.df = 17;
-  regression.Vb[0] = regression.Vadj[0] = missingcode;
-  regression.Vadj[3] = 0.0;
-  EXPECT_NE(printed().find("W,G100*     1.000000         NC       NC     NC\n"), std::string::npos) << printed();
-  EXPECT_NE(printed().find("LONGNAME,G101*     1.000000    0.00000       NC     NC\n"), std::string::npos);
+  EXPECT_NE(printed().find("LONGNAME,G101*     1.000000         NC       NC     NC\n"), std::string::npos);
   regression = {};
   EXPECT_EQ(printed(), "Unable to compute latent variable regression.\n");
 }

@@ -2,9 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <limits>
 
 #include "driver/runrecord.h"
+#include "estimate/inference/teststatistics.h"
 #include "report/variancetables.h"
 #include "reportfixture.h"
 
@@ -72,9 +75,10 @@ TEST(CorrelationTable, NoneWithACoefficientWithoutVariance) {
 
 TEST(VarianceTable, TooFewDegreesOfFreedomAndNoNumber) {
   twobytwo();
-  const double tau[4] = {4, 1, 1, 0.25}, chisq[2] = {std::numeric_limits<double>::quiet_NaN(), 50};
-  const long long df[2] = {20, 0};
-  const std::string text = capturedtable(false, [&] { variancetable(Tau::pi, {2, tau, chisq, df, 9.0}); });
+  const VarianceTest tests[] = {variancetest(20, std::numeric_limits<double>::quiet_NaN()), variancetest(0, 50)};
+  Array<double> tau(4);
+  std::copy_n(std::array{4.0, 1.0, 1.0, 0.25}.begin(), 4, tau.begin());
+  const std::string text = capturedtable(false, [&] { variancetable(Tau::pi, tau, tests, 9.0); });
   EXPECT_NE(text.find("      SES slope,  r1      0.50000       0.25000    too few df to compute\n"), std::string::npos)
       << text;
   EXPECT_EQ(text.find("nan"), std::string::npos) << text;

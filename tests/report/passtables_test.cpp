@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include "driver/runrecord.h"
+#include "estimate/inference/modelstatistics.h"
+#include "estimate/inference/teststatistics.h"
 #include "report/enginetables.h"
 #include "reportfixture.h"
 
@@ -42,13 +44,11 @@ PassResults resultsof(PassKind kind) {
   results.degrees.rough.reset(1);
   results.covariance = filled(1, 1.0);
   results.robust = filled(1, 4.0);
-  results.tests.chisq2 = filled(1, 50.0);
-  results.tests.chisq3 = filled(1, 60.0);
-  results.tests.df2.reset(1);
-  results.tests.df3.reset(1);
-  results.tests.df2[0] = results.tests.df3[0] = 20;
+  results.tests.level2 = {variancetest(20, 50.0)};
+  results.tests.level3 = {variancetest(20, 60.0)};
   results.tests.units2 = 100;
   results.tests.units3 = 19;
+  complete(results, run.model, countsof(run.mdm));
   return results;
 }
 
@@ -93,7 +93,7 @@ TEST(PassTables, SayHowAPassEndedAndWhatCannotBeComputed) {
                 "\nThe robust standard errors cannot be computed for this model.\n", "level-1 and level-2 variance"},
                {"Standard error of", "Random level-1", "with robust"});
   results.ending = Ending::keyboard;
-  results.fixsigma2 = run.model.restrictions.fixsigma2 = 1.5;
+  run.model.restrictions.fixsigma2 = results.fixsigma2 = 1.5;
   expectpieces(printed(results),
                {" Iterations terminated prematurely from the keyboard.\n", "\n sigma^2 =      1.50000\n"},
                {"level-1,  "});
@@ -130,13 +130,14 @@ TEST(EngineTables, SayWhatCannotBeComputed) {
 }
 
 TEST(LeastSquaresTables, SayWhatCannotBeComputed) {
-  const PassResults pass = resultsof(PassKind::linear);
+  resultsof(PassKind::linear);
   LeastSquaresResults results;
   results.gamma = filled(1, 2.0);
   results.vgamma = filled(1, 0.5);
   results.sigma2 = 2.0;
   results.loglik = missingcode;
-  expectpieces(capturedtable(true, [&] { leastsquarestables(results, pass.degrees); }),
+  complete(results, countsof(run.mdm));
+  expectpieces(capturedtable(true, [&] { leastsquarestables(results); }),
                {"<h3>Least Squares Estimates</h3>\n", "The robust standard errors cannot be computed",
                 "likelihood cannot be computed: the model leaves no residual.<br>\n"},
                {"with robust", "Deviance"});

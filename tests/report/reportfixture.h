@@ -71,10 +71,10 @@ inline void setmodel(const std::vector<TestCoefficient>& coefficients) {
   run.model.nointercept1 = coefficients.empty() || coefficients[0].variable != 0;
   int nbeta = 0;
   for (int set = 0; set < run.model.neqsets; ++set) {
-    model.use1.row(set)[run.model.outvar] = -1;
+    model.use1.row(set)[run.model.outvar] = Use::outcome;
     int c = 0, b = 0;
     for (const TestCoefficient& coefficient : coefficients) {
-      model.use1.row(set)[coefficient.variable] = 1;
+      model.use1.row(set)[coefficient.variable] = Use::predictor;
       model.fixed1.row(set)[c] = coefficient.random ? 0 : 1;
       model.nterms2.row(set)[c] = static_cast<int>(coefficient.terms.size());
       int t = 0;

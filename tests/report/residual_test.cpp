@@ -42,9 +42,9 @@ void makemodel(int sets) {
   allocatemodel();
   Model& model = run.model;
   for (int e = 0; e < sets; ++e) {
-    int* use = model.use1.row(e);
-    use[0] = use[2] = 1;
-    use[1] = -1;
+    Use* use = model.use1.row(e);
+    use[0] = use[2] = Use::predictor;
+    use[1] = Use::outcome;
     model.nterms2.row(e)[0] = 2;
     model.nterms2.row(e)[1] = 1;
     model.terms2.row(e, 0)[0] = 0;
@@ -67,8 +67,8 @@ void makewide() {
   run.mdm.names2.reset(13);
   for (int v = 0; v < 13; ++v) run.mdm.names2[static_cast<std::size_t>(v)] = paddedname(std::to_string(100 + v));
   allocatemodel();
-  int* use = run.model.use1.row(0);
-  use[0] = use[2] = 1;
+  Use* use = run.model.use1.row(0);
+  use[0] = use[2] = Use::predictor;
   for (const auto& [c, n] : {std::pair{0, 1}, {1, 13}}) {
     run.model.nterms2.row(0)[c] = n;
     for (int s = 0; s < n; ++s) run.model.terms2.row(0, c)[s] = s;
@@ -126,9 +126,9 @@ TEST(ResidualColumns, OrdinalModelLeavesThresholdsOut) {
   makemodel(1);
   categories(4, true);
   run.mdm.ncol1 = 5;  // two thresholds behind the variables
-  run.model.use1.reset(1, 1, 5, 0);
-  for (const int v : {0, 2, 3, 4}) run.model.use1.row(0)[v] = 1;
-  run.model.use1.row(0)[1] = -1;
+  run.model.use1.reset(1, 1, 5, Use::none);
+  for (const int v : {0, 2, 3, 4}) run.model.use1.row(0)[v] = Use::predictor;
+  run.model.use1.row(0)[1] = Use::outcome;
   EXPECT_EQ(names(2, Kind::text), (Names{"EBINTRCP", "EBREADIN", "OLINTRCP", "OLREADIN", "FVINTRCP", "FVREADIN",
                                          "ECINTRCP", "ECREADIN", "PV200", "PV210", "PV211"}));
   EXPECT_EQ(names(1, Kind::text).size(), 7U);
@@ -315,7 +315,7 @@ TEST(ResidualForms, ManyCategories) {
   };
   Workplace workplace;
   for (const auto& test : cases) {
-    run.out.resfiltype = static_cast<int>(test.form);
+    run.out.resfiltype = test.form;
     ResidualFile file;
     openresidualfile(file, 1, "file", 2, 0);
     ResidualRow row;
@@ -326,7 +326,7 @@ TEST(ResidualForms, ManyCategories) {
       writeresidualrow(file, row);
     }
     closeresidualfile(file);
-    EXPECT_EQ(contents("file"), test.want) << run.out.resfiltype;
+    EXPECT_EQ(contents("file"), test.want) << static_cast<int>(run.out.resfiltype);
   }
   categories(12, false);
   EXPECT_EQ(names(1, Kind::stata)[20], "FITVA_10");  // FITVAL_10 cut to 8 characters is taken
@@ -342,7 +342,7 @@ TEST(ResidualForms, LargeUnits) {
                {ResidualForm::sas, ") ($12. 6.\n#2  7*11.5 #3 "}};
   Workplace workplace;
   for (const auto& test : cases) {
-    run.out.resfiltype = static_cast<int>(test.form);
+    run.out.resfiltype = test.form;
     ResidualFile file;
     openresidualfile(file, 3, "file", 1, 100000);
     const Array<double> zeros(file.columns.columns.size());

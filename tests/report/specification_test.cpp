@@ -77,7 +77,7 @@ TEST(Specification, EquationsWithoutTermsAreTheirRandomEffects) {
 struct FamilyCase {
   Family family;
   bool count;
-  double fixsigma2;
+  std::optional<double> fixsigma2;
   const char* heading;
   const char* equation;
   const char* variance;
@@ -100,8 +100,12 @@ TEST_P(Families, HeadingEquationAndVariance) {
 }
 
 INSTANTIATE_TEST_SUITE_P(All, Families,
-                         testing::Values(FamilyCase{Family::bernoulli, false, 0.0, "Overdispersed Bernoulli",
-                                                    "\tProb(Y=1|B) = P\n\n\tlog[P/(1-P)] = ", "sigma^2/[P(1-P)]"},
+                         testing::Values(FamilyCase{Family::bernoulli,
+                                                    false,
+                                                    {},
+                                                    "Overdispersed Bernoulli",
+                                                    "\tProb(Y=1|B) = P\n\n\tlog[P/(1-P)] = ",
+                                                    "sigma^2/[P(1-P)]"},
                                          FamilyCase{Family::binomial, true, 1.0, "Binomial",
                                                     "\tE(Y|B) = N*P\n\tV(Y|B) = N*P(1-P)\n\n\tlog[P/(1-P)] = ",
                                                     "1/[N*P(1-P)]"},
@@ -113,14 +117,14 @@ INSTANTIATE_TEST_SUITE_P(All, Families,
 TEST(Symbols, OtherKindsOfStudies) {
   startmodel({"Y"}, {}, {});
   setmodel({{0, true, {{0, {0}}}}});
-  run.mdm.mdmtype = 3;
+  run.mdm.mdmtype = MdmType::measuredgrowth;
   const double tau = 2;
   EXPECT_EQ(capturedtable(false, [&] { tautable(Tau::pi, MatrixTitle::plain, false, 1, &tau); }),
             "\nsigma^2(e)\n INTRCPT1,Psi0      2.00000 \n\n");
   EXPECT_EQ(run.sym.symsub, "mti");
   EXPECT_EQ(run.sym.symsub2, "ti");
   EXPECT_EQ(run.sym.symsub3, "i");
-  run.mdm.mdmtype = 2;
+  run.mdm.mdmtype = MdmType::growth;
   EXPECT_NE(specification(true).find("<i>&pi;</i><sub><small><i>0ij</i></small></sub> = "), std::string::npos);
 }
 

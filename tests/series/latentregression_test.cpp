@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+
 #include "core/constants.h"
 
 namespace kdr {
@@ -10,7 +12,7 @@ namespace {
 
 // Three random coefficients, of which the last two are the predictors; two level-3 variables.
 struct Example {
-  std::vector<int> roles = {1, 2, 2};
+  std::vector<LatentRole> roles = {LatentRole::outcome, LatentRole::predictor, LatentRole::predictor};
   LatentModel model;
   std::vector<double> taubeta = {2, 0.5, 0.3, 0.5, 1, 0.2, 0.3, 0.2, 1}, gamma = {1, 2, 3, 4},
                       vgamma = std::vector<double>(16), taucovariance = std::vector<double>(49);
@@ -36,13 +38,17 @@ TEST(LatentRegression, WhatCannotBeComputed) {
   const LatentRegression without = unknown.regress();
   EXPECT_TRUE(without.computable);
   for (const Array<double>* V : {&without.Vb, &without.Vadj, &without.Vdiff}) EXPECT_EQ((*V)[0], missingcode);
+  EXPECT_TRUE(std::isnan(without.slopes[0].error) && std::isnan(without.adjusted[0].p));
+  Example few;  // level-3 units: as many as coefficients
+  few.model.nunits3 = 4;
+  EXPECT_TRUE(std::isnan(few.regress().adjusted[0].p) && few.regress().adjusted[0].error > 0.0);
 
   Example flat;  // a predictor without variance
   for (std::size_t i = 0; i < 3; ++i) flat.taubeta[3 * i + 2] = flat.taubeta[6 + i] = 0.0;
   EXPECT_FALSE(flat.regress().computable);
 
   Example none;
-  none.roles = {1, 1, 0};
+  none.roles = {LatentRole::outcome, LatentRole::outcome, LatentRole::ignore};
   EXPECT_FALSE(none.regress().computable);
 }
 

@@ -22,15 +22,15 @@ struct ResultStore : testing::Test {
 
   // A series whose data sets 0, 1, ... ended: true well, false with a failure.
   static void makeseries(const std::vector<bool>& ended, const SubrunShape& kind = shape) {
-    createstore(kind);
+    ASSERT_FALSE(createstore(kind));
     for (std::size_t i = 0; i < ended.size(); ++i) {
       StoreHead head;
       const int index = static_cast<int>(i);
       if (i > 0) {
-        ASSERT_EQ(joinstore(kind, index, head), "");
+        ASSERT_EQ(joinstore(kind, index, head).consolewords, "");
       }
       if (ended[i]) {
-        ASSERT_EQ(appendrecord(kind, index, numberedrecord(kind, index)), "");
+        ASSERT_EQ(appendrecord(kind, index, numberedrecord(kind, index)).consolewords, "");
       }
     }
   }
@@ -38,7 +38,7 @@ struct ResultStore : testing::Test {
   static void expectrecords(const std::vector<int>& sets, const SubrunShape& kind = shape) {
     StoreHead head;
     std::vector<SubrunRecord> records;
-    ASSERT_EQ(readstore(kind, head, &records), "");
+    ASSERT_EQ(readstore(kind, head, &records).consolewords, "");
     ASSERT_EQ(records.size(), sets.size());
     for (std::size_t i = 0; i < sets.size(); ++i)
       EXPECT_EQ(flattened(records[i]), flattened(numberedrecord(kind, sets[i]))) << i;
@@ -46,7 +46,7 @@ struct ResultStore : testing::Test {
   static std::string refusal(const SubrunShape& kind = shape) {
     StoreHead head;
     std::vector<SubrunRecord> records;
-    return readstore(kind, head, &records);
+    return readstore(kind, head, &records).consolewords;
   }
 };
 
@@ -125,9 +125,9 @@ TEST_F(ResultStore, KilledWhileAppending) {
   half.resize(place + size);
   setcontents(half + mark);
   StoreHead head;
-  EXPECT_EQ(joinstore(shape, 3, head), "");
+  EXPECT_EQ(joinstore(shape, 3, head).consolewords, "");
   EXPECT_EQ(head.nsets, 4);
-  EXPECT_EQ(appendrecord(shape, 3, numberedrecord(shape, 3)), "");
+  EXPECT_EQ(appendrecord(shape, 3, numberedrecord(shape, 3)).consolewords, "");
   expectrecords({0, 1, 3});
 }
 
@@ -157,7 +157,7 @@ TEST_F(ResultStore, DamagedHead) {
     StoreHead head;
     const bool forgotten = damage.offset == 5;  // as if the second record had half been written
     EXPECT_EQ(refusal().empty(), forgotten) << damage.offset;
-    EXPECT_EQ(joinstore(shape, 2, head).empty(), forgotten) << damage.offset;
+    EXPECT_EQ(!joinstore(shape, 2, head), forgotten) << damage.offset;
   }
 }
 
@@ -170,22 +170,22 @@ TEST_F(ResultStore, OfAnotherSeries) {
     const std::string bytes = stored();
     EXPECT_NE(refusal(other).find("another model"), std::string::npos);
     StoreHead head;
-    EXPECT_NE(joinstore(other, 2, head), "");
-    EXPECT_NE(appendrecord(other, 2, emptyrecord(other)), "");
+    EXPECT_NE(joinstore(other, 2, head).consolewords, "");
+    EXPECT_NE(appendrecord(other, 2, emptyrecord(other)).consolewords, "");
     EXPECT_EQ(stored(), bytes);
   }
-  createstore(shape);  // a new series begins in the place of the old one
+  ASSERT_FALSE(createstore(shape));  // a new series begins in the place of the old one
   expectrecords({});
 }
 
 TEST_F(ResultStore, IndicesThatAreRefused) {
   makeseries({true, false});
   StoreHead head;
-  EXPECT_NE(joinstore(shape, 128, head).find("at most 128 data sets"), std::string::npos);
-  EXPECT_NE(joinstore(shape, 0, head).find("has finished already"), std::string::npos);
-  EXPECT_EQ(joinstore(shape, 1, head), "");  // it failed, so it may try again
+  EXPECT_NE(joinstore(shape, 128, head).consolewords.find("at most 128 data sets"), std::string::npos);
+  EXPECT_NE(joinstore(shape, 0, head).consolewords.find("has finished already"), std::string::npos);
+  EXPECT_EQ(joinstore(shape, 1, head).consolewords, "");  // it failed, so it may try again
   EXPECT_EQ(head.nsets, 2);
-  EXPECT_EQ(joinstore(shape, 127, head), "");  // those between never began
+  EXPECT_EQ(joinstore(shape, 127, head).consolewords, "");  // those between never began
   EXPECT_EQ(head.nsets, 128);
 }
 

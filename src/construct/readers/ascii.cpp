@@ -13,7 +13,7 @@
 #include "construct/readers/textstream.h"
 #include "core/constants.h"
 #include "core/formatted.h"
-#include "data/scratch.h"
+#include "driver/files.h"
 #include "driver/failures.h"
 #include "driver/runrecord.h"
 
@@ -161,6 +161,7 @@ int takeid(AsciiLevel& ascii, RecordInHand& record, const FormatItem& item) {
   lookforletters(ascii, record, bytes, width);
   passbytes(record, bytes, width);
   Id* id = record.openids == record.idfields ? record.id3 : record.id2;
+  if (std::memchr(bytes, '\0', width) != nullptr) refusezeros({bytes, width});
   id->text = paddedname(std::string_view(bytes, width), maxidwidth);
   --record.openids;
   --record.wanted;

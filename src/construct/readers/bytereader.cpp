@@ -3,7 +3,7 @@
 #include <sys/stat.h>
 
 #include "construct/buildlog.h"
-#include "data/scratch.h"
+#include "driver/files.h"
 #include "driver/failures.h"
 
 namespace kdr {

@@ -105,6 +105,7 @@ void makerows(LevelSource& source, StHandle handle) {
     namevariable(variable, ST_GetVarName(handle, v));
     variable.text = ST_GetVarType(handle, v) != 1;
     variable.width = ST_GetVarPrintWidth(handle, v);
+    variable.labels = ST_Labels(handle, v);
   }
 }
 
@@ -113,13 +114,19 @@ std::string trimmed(const std::string& text) {
   return first == std::string::npos ? "" : text.substr(first, text.find_last_not_of(' ') + 1 - first);
 }
 
-Id idof(StHandle handle, int v) {
+Id idof(StHandle handle, int v, int which) {
   Id id{};
   StValue value{};
   int second = 0;
   const bool missing = ST_GetVarData(handle, v, &value, &second) == 1;
-  if (!run.mdm.numericids) {
-    id.text = textid(value.text);
+  if (raw.wholeids && ST_GetVarType(handle, v) != 1) {
+    refusezeros(*value.text);
+    raw.wholeid[which] = wholeid(*value.text);
+    id.text = paddedname(*value.text, longestid);
+    id.number = raw.wholeid[which].empty() ? missingcode : 0.0;
+  } else if (!run.mdm.numericids) {
+    refusezeros(*value.text);
+    id.text = textid(*value.text);
   } else {
     id.number = missing ? missingcode : numericid(*value.number);
   }
@@ -168,7 +175,7 @@ void openother(int level) {
     stopwith("\n%s cannot be opened for reading!\n", path.c_str());
   if (source.numvar < 0) {
     std::printf("%s cannot be read as %s: %s.\n", path.c_str(), type->word, ST_Trouble(handle));
-    fail(1, path.c_str());
+    stoprun(1);
   }
   makerows(source, handle);
 }
@@ -183,7 +190,7 @@ bool otherreads(const std::string& path, const char* word) {
 }
 
 bool othercanbetext(int level) {
-  return rawis(rawother) && stformat(raw.level[level].filetype) == number(StFormat::delimited);
+  return rawis(RawType::other) && stformat(raw.level[level].filetype) == number(StFormat::delimited);
 }
 
 void otherastext(int level, int row) {
@@ -202,9 +209,11 @@ void prepareother(int level) {
 }
 
 int strecord(int level, double* values, Id* id3, Id* id2) {
-  const LevelSource& source = raw.level[level];
+  LevelSource& source = raw.level[level];
   StHandle handle = handles[level];
   if (ST_ReadRecord(handle) != 0) {
+    for (int v = 0; v < source.numvar; ++v)  // some files tell them behind the data
+      source.vartable[static_cast<std::size_t>(v)].labels = ST_Labels(handle, v);
     if (const std::string trouble = ST_Trouble(handle); !trouble.empty()) {
       countextra();
       logboth("%s may be cut short: %s.\n", source.filename.c_str(), trouble.c_str());
@@ -219,9 +228,9 @@ int strecord(int level, double* values, Id* id3, Id* id2) {
     const int mark = source.vartable[static_cast<std::size_t>(v)].mark;
     if (mark == unwanted) continue;
     if (mark == level3idmark) {
-      *id3 = idof(handle, v);
+      *id3 = idof(handle, v, 0);
     } else if (mark == level2idmark) {
-      if (id2 != nullptr) *id2 = idof(handle, v);
+      if (id2 != nullptr) *id2 = idof(handle, v, 1);
     } else {
       StValue value{};
       int second = 0;

@@ -13,7 +13,7 @@
 #include "construct/buildlog.h"
 #include "construct/readers/bytereader.h"
 #include "core/constants.h"
-#include "data/scratch.h"
+#include "driver/files.h"
 #include "driver/failures.h"
 #include "driver/questions.h"
 #include "driver/runrecord.h"

@@ -143,18 +143,29 @@ int readvariable(int level, std::size_t slot) {
   return type == -1 ? 0 : 1;
 }
 
-void skiplabels(int level) {
+// A list of labels, and the slots of the variables that it belongs to.
+void takelabels(int level) {
   ByteReader& bytes = files[level].bytes;
   std::int32_t count = 0;
+  std::string labels;
   if (!takelow(bytes, count)) strangeheader(level);
   for (std::int32_t i = 0; i < count; ++i) {
+    double value = 0.0;
     unsigned char length = 0;
-    if (!skipbytes(bytes, 8) || !takelow(bytes, length)) strangeheader(level);
-    if (!skipbytes(bytes, (length + 8) / 8 * 8 - 1)) strangeheader(level);
+    if (!takelow(bytes, value) || !takelow(bytes, length)) strangeheader(level);
+    const unsigned char* label = takebytes(bytes, static_cast<std::size_t>((length + 8) / 8 * 8 - 1));
+    if (label == nullptr) strangeheader(level);
+    addlabel(labels, value, {reinterpret_cast<const char*>(label), length});
   }
   std::int32_t type = 0;
-  if (!takelow(bytes, type) || type != 4 || !takelow(bytes, count) || !skipbytes(bytes, 4LL * count))
-    strangeheader(level);
+  if (!takelow(bytes, type) || type != 4 || !takelow(bytes, count)) strangeheader(level);
+  std::vector<RawVariable>& rows = raw.level[level].vartable;
+  for (std::int32_t i = 0; i < count; ++i) {
+    std::int32_t slot = 0;
+    if (!takelow(bytes, slot)) strangeheader(level);
+    if (slot >= 1 && static_cast<std::size_t>(slot) <= rows.size())
+      rows[static_cast<std::size_t>(slot) - 1].labels = labels;
+  }
 }
 
 void skipdocument(int level) {
@@ -263,7 +274,7 @@ void readdictionary(int level) {
     if (!takelow(file.bytes, type)) strangeheader(level);
     if (type == 999) break;
     if (type == 3) {
-      skiplabels(level);
+      takelabels(level);
     } else if (type == 6) {
       skipdocument(level);
     } else if (type == 7) {

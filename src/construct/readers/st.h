@@ -12,6 +12,9 @@
 // where it would end in any reader: by a signal, without memory, on a full disk, at a file that the system cannot read.
 #pragma once
 
+#include <cstddef>
+#include <string>
+
 namespace kdr {
 
 struct StFile;
@@ -30,11 +33,12 @@ enum class StFormat {
 };
 
 // The value of a variable in the record in hand: the one of the two that the variable's type tells. A text is
-// zero-terminated, its trailing blanks dropped; of a longer one there are 12 characters and one that shows it.
+// without the blanks behind it; of one that is longer than ST_LongestText there is one byte more than that.
 union StValue {
   const double* number;
-  const char* text;
+  const std::string* text;
 };
+inline constexpr std::size_t ST_LongestText = 1000;
 
 // True when a library stands behind the format number.
 [[nodiscard]] bool ST_CanRead(int format);
@@ -58,6 +62,9 @@ void ST_InitReadOnly(StHandle handle);
 [[nodiscard]] int ST_GetVarPrintWidth(StHandle handle, int v);
 // Where the file has the first text of a variable that would be numeric without it, or nothing.
 [[nodiscard]] const char* ST_WhyText(StHandle handle, int v);
+// The labels that its values have ("1 = low, 2 = high"), or nothing. Some files tell them at the end of the data only:
+// until then they are the word "yes".
+[[nodiscard]] std::string ST_Labels(StHandle handle, int v);
 // Makes a numeric variable of delimited text one of the texts that the file has. Before the first record only.
 void ST_ReadAsText(StHandle handle, int v);
 // 0 for a record, 1 at the end of the data.

@@ -139,14 +139,20 @@ void readnames(int level) {
   }
 }
 
-// Passes over the rest of the head.
+// Passes over the rest of the head but for the names of lists of labels: these stand behind the data.
 void skiprest(int level) {
   StataFile& file = files[level];
   const long long numvar = file.numvar;
   const int formatwidth = file.release < 10 ? 12 : 49;
   const int labelname = file.release < 7 ? 9 : 33;
   constexpr int labelwidth = 81;
-  if (!skipbytes(file.bytes, 2 * (numvar + 1) + numvar * (formatwidth + labelname + labelwidth))) damaged(level);
+  if (!skipbytes(file.bytes, 2 * (numvar + 1) + numvar * formatwidth)) damaged(level);
+  for (RawVariable& variable : raw.level[level].vartable) {
+    const unsigned char* name = takebytes(file.bytes, static_cast<std::size_t>(labelname));
+    if (name == nullptr) damaged(level);
+    if (*name != 0) variable.labels = "yes";
+  }
+  if (!skipbytes(file.bytes, numvar * labelwidth)) damaged(level);
   for (;;) {
     unsigned char type = 0;
     std::int32_t length = 0;

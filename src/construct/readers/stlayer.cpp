@@ -65,12 +65,19 @@ int ST_GetVarData(StHandle handle, int v, StValue* value, int* second) {
   const auto i = static_cast<std::size_t>(v);
   *second = 0;
   if (!variableof(handle, v).numeric) {
-    value->text = handle->texts[i].bytes;
+    value->text = &handle->texts[i];
     return 0;
   }
   if (handle->numbers[i] == missingcode) return 1;
   value->number = &handle->numbers[i];
   return 0;
+}
+
+std::string ST_Labels(StHandle handle, int v) {
+  const std::string& name = variableof(handle, v).labels;
+  for (const StLabels& list : handle->labels)
+    if (!name.empty() && list.name == name) return list.text;
+  return name.empty() ? "" : "yes";
 }
 
 const char* ST_Trouble(StHandle handle) { return handle->trouble.c_str(); }
@@ -85,7 +92,7 @@ void ST_CloseFiles(StHandle handle) {
 void makevariables(StFile& file, std::size_t count) {
   file.variables.assign(count, StVariable{});
   file.numbers.reset(count);
-  file.texts.reset(count);
+  file.texts.assign(count, std::string());
 }
 
 void nameit(StVariable& variable, std::string_view name) {
@@ -93,12 +100,9 @@ void nameit(StVariable& variable, std::string_view name) {
   variable.name = name.substr(0, longest);
 }
 
-StText sttext(std::string_view text) {
-  StText slot{};
+std::string_view sttext(std::string_view text) {
   text = text.substr(0, text.find_last_not_of(std::string_view(" \0", 2)) + 1);
-  text.copy(slot.bytes, textwidth);
-  if (text.size() > textwidth) slot.bytes[textwidth] = '+';
-  return slot;
+  return text.substr(0, ST_LongestText + 1);
 }
 
 double stnumber(double value) { return std::isfinite(value) ? value : missingcode; }

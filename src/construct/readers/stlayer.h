@@ -12,19 +12,18 @@
 
 namespace kdr {
 
-inline constexpr std::size_t textwidth = 12;  // characters of a text that count
-
 struct StVariable {
   std::string name;
   bool numeric = false;
   bool selected = false;
-  int width = 0;    // characters of a text
-  std::string why;  // where the first text stands that makes the variable one
+  int width = 0;       // characters of a text
+  std::string why;     // where the first text stands that makes the variable one
+  std::string labels;  // name of the list of labels that its values have, or nothing
 };
 
-// A text, zero-terminated. One that has more than 12 characters has 13 here.
-struct StText {
-  char bytes[14];
+struct StLabels {
+  std::string name;  // of the list
+  std::string text;  // "1 = low, 2 = high"
 };
 
 struct StBackend;
@@ -33,8 +32,9 @@ struct StFile {
   const StBackend* backend = nullptr;
   std::string path;
   std::vector<StVariable> variables;
-  Array<double> numbers;  // the record in hand, [v]; missingcode for a missing number
-  Array<StText> texts;    // likewise
+  Array<double> numbers;           // the record in hand, [v]; missingcode for a missing number
+  std::vector<std::string> texts;  // likewise
+  std::vector<StLabels> labels;
   std::string trouble;
   std::string remark;
   void* state = nullptr;  // the backend's own
@@ -72,7 +72,8 @@ void dbaseclose(StFile& file);
 // Room for `count` variables and their values.
 void makevariables(StFile& file, std::size_t count);
 void nameit(StVariable& variable, std::string_view name);
-[[nodiscard]] StText sttext(std::string_view text);
+// The text as the layer gives it: without the blanks and zeros behind it, and cut where it is too long.
+[[nodiscard]] std::string_view sttext(std::string_view text);
 // An infinite number or none at all is a missing value.
 [[nodiscard]] double stnumber(double value);
 

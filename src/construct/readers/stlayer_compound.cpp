@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <memory>
 
-#include "data/scratch.h"
+#include "driver/files.h"
 #include "driver/failures.h"
 
 namespace kdr {

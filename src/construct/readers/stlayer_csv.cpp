@@ -1,11 +1,14 @@
-// Delimited text through libcsv: a header line with the names, then one line for each record.
+// Delimited text: a header line with the names, then one line for each record.
+//
+// A field that begins with a quote goes on to the next quote that is not doubled; behind it only blanks may stand. A
+// quote within any other field is a character like others. Quotes that could be read in two ways are refused, since the
+// wrong one would take the next rows for a part of the field.
 //
 // The dictionary takes one pass over the file, which settles the kind of each column: numeric when every field that is
 // not missing is a number. The records then come line by line.
 //
 // Where the comma is no delimiter it can be the decimal sign. One sign holds for the whole file: in a file with decimal
 // commas a point may part thousands, so its columns with points are no numbers.
-#include <csv.h>
 #include <strings.h>
 
 #include <algorithm>
@@ -15,8 +18,9 @@
 #include "construct/readers/plainnumber.h"
 #include "construct/readers/stlayer.h"
 #include "core/formatted.h"
-#include "data/scratch.h"
+#include "driver/files.h"
 #include "driver/failures.h"
+#include "driver/textmark.h"
 
 namespace kdr {
 
@@ -25,6 +29,8 @@ namespace {
 constexpr std::size_t piecesize = std::size_t{1} << 16;
 constexpr std::size_t longestfield = std::size_t{1} << 20;
 
+constexpr const char* toolong = "the field is longer than any that makes sense";
+
 constexpr unsigned haspoint = 1, hascomma = 2;
 
 enum class Purpose { count, names, kinds, values };
@@ -32,27 +38,27 @@ enum class Purpose { count, names, kinds, values };
 struct CsvState {
   StFile* file = nullptr;
   std::FILE* stream = nullptr;
-  csv_parser parser{};
   char delimiter = ',';
   Purpose purpose = Purpose::count;
   Array<char> buffer;
   Array<unsigned> signs;  // decimal signs in each column's numbers: haspoint, hascomma
   std::size_t at = 0, have = 0;
-  long long feeds = 0;      // line feeds so far
-  long long line = 1;       // of what the library is given
-  long long fieldline = 1;  // on which the field in hand begins
-  bool ended = false;       // the parser was told that the file has ended
-  bool openline = false;    // the row in hand has no line end
-  bool openquote = false;   // nor does its last field have its closing quote
-  bool overlong = false;    // a field is longer than any that makes sense
-  std::size_t columns = 0;  // fields of the row in hand
-  bool complete = false;    // its end was seen
-  long long goodrows = 0;   // records that count
-  long long given = 0;      // of them
-  bool lastopen = false;    // the last of them has no line end
-  std::size_t skipped = 0;  // bytes before the header line: a byte order mark, a line that tells the delimiter
-  bool told = false;        // there is such a line
-  std::string cut;          // how the data end before their time
+  long long lines = 0;         // that have ended
+  long long column = 0;        // bytes of the line in hand so far, while its row is read byte by byte
+  bool afterreturn = false;    // the last of them was a carriage return
+  long long fieldline = 1;     // on which the field in hand begins
+  std::string field;           // the field in hand
+  bool openline = false;       // the row in hand has no line end
+  std::size_t columns = 0;     // fields of the row in hand
+  long long goodrows = 0;      // records that count
+  long long given = 0;         // of them
+  bool lastopen = false;       // it has no line end
+  long long brokenfields = 0;  // fields that hold line ends
+  long long firstbroken = 0;   // line on which the first of them begins
+  std::size_t skipped = 0;     // bytes before the header line: a byte order mark, a line that tells the delimiter
+  bool told = false;           // there is such a line
+  std::string fault;           // why the file cannot be read
+  std::string cut;             // how the data end before their time
 };
 
 CsvState& stateof(StFile& file) { return *static_cast<CsvState*>(file.state); }
@@ -107,17 +113,9 @@ void storefield(CsvState& state, std::string_view field, const double* known = n
     const bool found = known != nullptr || (!missingnumber(field) && numberin(state, field, value, sign));
     state.file->numbers[column] = !found ? missingcode : known != nullptr ? *known : value;
   } else if (variable.selected) {
-    state.file->texts[column] = sttext(field);  // an ID, which NA can be as well
+    state.file->texts[column] = field.substr(0, ST_LongestText + 1);  // an ID, which NA can be as well
   }
 }
-
-void takefield(void* bytes, std::size_t length, void* context) {
-  CsvState& state = *static_cast<CsvState*>(context);
-  state.fieldline = state.line;
-  storefield(state, {static_cast<const char*>(bytes), bytes == nullptr ? 0 : length});
-}
-
-void takeend(int, void* context) { static_cast<CsvState*>(context)->complete = true; }
 
 bool fillbuffer(CsvState& state) {
   checksignals();
@@ -126,19 +124,11 @@ bool fillbuffer(CsvState& state) {
   return state.have > 0;
 }
 
-void startparser(CsvState& state) {
-  csv_free(&state.parser);
-  if (csv_init(&state.parser, 0) != 0) fail(3);
-  csv_set_delim(&state.parser, static_cast<unsigned char>(state.delimiter));
-  csv_set_blk_size(&state.parser, 4096);
-  state.feeds = state.told ? 1 : 0;
-  state.ended = state.openline = state.openquote = false;
-}
-
 // Back to the header line.
 void startover(CsvState& state, Purpose purpose) {
-  startparser(state);
   state.purpose = purpose;
+  state.lines = state.told ? 1 : 0;
+  state.openline = false;
   std::rewind(state.stream);
   if (fillbuffer(state)) state.at = state.skipped;
 }
@@ -146,7 +136,7 @@ void startover(CsvState& state, Purpose purpose) {
 // Passes over a byte order mark and a line such as "sep=;", which tells the delimiter.
 void skipforeword(CsvState& state) {
   std::string_view text(state.buffer.data(), state.have);
-  if (text.starts_with("\xEF\xBB\xBF")) state.skipped = 3;
+  if (text.starts_with(bytemark)) state.skipped = bytemark.size();
   text.remove_prefix(state.skipped);
   const std::size_t feed = text.find('\n');
   const std::string_view line = text.substr(0, feed);
@@ -179,15 +169,16 @@ char finddelimiter(CsvState& state) {
   return candidates[std::max_element(found, found + 3) - found];
 }
 
-// Told by the mark at its start or by the zero byte of a first letter.
-bool isutf16(const CsvState& state) {
-  const std::string_view head(state.buffer.data(), std::min<std::size_t>(state.have, 2));
-  return head == "\xFF\xFE" || head == "\xFE\xFF" || head.find('\0') != head.npos;
+bool isblank(const CsvState& state, char c) { return (c == ' ' || c == '\t') && c != state.delimiter; }
+
+std::string_view trimmed(const CsvState& state, std::string_view field) {
+  while (!field.empty() && isblank(state, field.front())) field.remove_prefix(1);
+  while (!field.empty() && isblank(state, field.back())) field.remove_suffix(1);
+  return field;
 }
 
-// Takes a line that is whole in the buffer and has no quote or stray carriage return in it, with the same outcome as
-// the library but in less time: blanks and tabs around a field are dropped, a line of nothing else is passed over.
-// False when the library has to take it.
+// Takes a line that is whole in the buffer and has no quote or stray carriage return in it. A line of nothing but
+// blanks is passed over. False when the line has to be read byte by byte.
 bool takeplainline(CsvState& state) {
   const char* from = state.buffer.data() + state.at;
   const char* feed = static_cast<const char*>(std::memchr(from, '\n', state.have - state.at));
@@ -196,9 +187,10 @@ bool takeplainline(CsvState& state) {
   if (line.ends_with('\r')) line.remove_suffix(1);
   if (line.find('"') != line.npos || line.find('\r') != line.npos) return false;
   state.at += static_cast<std::size_t>(feed - from) + 1;
-  state.fieldline = ++state.feeds;
-  const auto blank = [&](char c) { return (c == ' ' || c == '\t') && c != state.delimiter; };
-  if (std::all_of(line.begin(), line.end(), blank)) return true;
+  if (!(state.afterreturn && line.empty())) ++state.lines;
+  state.afterreturn = false;
+  state.fieldline = state.lines;
+  if (trimmed(state, line).empty()) return true;
   const char* end = line.data() + line.size();
   for (const char* field = line.data();; ++field) {
     double value = 0.0;
@@ -207,57 +199,111 @@ bool takeplainline(CsvState& state) {
       storefield(state, {field, static_cast<std::size_t>(stop - field)}, &value);
     } else {
       stop = std::find(field, end, state.delimiter);
-      const char* first = std::find_if_not(field, stop, blank);
-      const char* last = stop;
-      while (last > first && blank(last[-1])) --last;
-      storefield(state, {first, static_cast<std::size_t>(last - first)});
+      storefield(state, trimmed(state, {field, static_cast<std::size_t>(stop - field)}));
     }
     if (stop == end) break;
     field = stop;
   }
-  state.complete = true;
   return true;
 }
 
-// The next row that is not empty; false when there is none.
+// The next byte, counted, or -1 at the end of the file.
+int nextbyte(CsvState& state) {
+  if (state.at == state.have && !fillbuffer(state)) return -1;
+  const char c = state.buffer[state.at++];
+  const bool ends = c == '\r' || (c == '\n' && !state.afterreturn);  // both together end one line
+  state.lines += ends;
+  state.column = c == '\r' || c == '\n' ? 0 : state.column + 1;
+  state.afterreturn = c == '\r';
+  return static_cast<unsigned char>(c);
+}
+
+// Where the field in hand begins, for the words on one that is refused.
+struct FieldStart {
+  long long line, column;
+};
+
+void refusefield(CsvState& state, const FieldStart& start, const char* words) {
+  state.fault = formatted("line %lld, column %lld: %s", start.line, start.column, words);
+}
+
+// The rest of a field behind its opening quote. Returns what stands behind the field: the delimiter, a line end or -1.
+int takequoted(CsvState& state, const FieldStart& start, bool afterblank) {
+  bool broken = false;
+  int c = 0;
+  for (;; state.field += static_cast<char>(c)) {
+    const long long column = state.column;
+    c = nextbyte(state);
+    const bool lineend = c == '\r' || c == '\n';
+    if (c == '"') {
+      const FieldStart closing{state.lines + 1, column + 1};
+      c = nextbyte(state);
+      if (c != '"') {
+        while (c >= 0 && isblank(state, static_cast<char>(c))) c = nextbyte(state);
+        if (c >= 0 && c != static_cast<unsigned char>(state.delimiter) && c != '\r' && c != '\n')
+          refusefield(state, closing,
+                      formatted("a quote closes the field that begins in line %lld, column %lld, and neither the "
+                                "delimiter nor a line end follows it",
+                                start.line, start.column)
+                          .c_str());
+        state.brokenfields += broken && state.purpose == Purpose::kinds;
+        if (broken && state.firstbroken == 0) state.firstbroken = start.line;
+        return c;
+      }
+    }
+    if (c < 0) refusefield(state, start, "a quote opens a field that never ends");
+    if (afterblank && (lineend || c == '"' || c == static_cast<unsigned char>(state.delimiter)))
+      refusefield(state, start, "blanks stand before the quote that opens the field");
+    if (state.field.size() >= longestfield) refusefield(state, start, toolong);
+    if (!state.fault.empty()) return c;
+    broken = broken || lineend;
+  }
+}
+
+// Takes a row byte by byte, and passes over an empty one.
+void takerow(CsvState& state) {
+  state.column = 0;
+  bool any = false;  // not an empty row
+  for (int c = 0; c != '\r' && c != '\n' && state.fault.empty();) {
+    FieldStart start{state.lines + 1, 1};
+    bool quoted = false;
+    bool blanks = false;
+    state.field.clear();
+    for (;;) {
+      start.column = state.column + 1;
+      c = nextbyte(state);
+      if (c < 0 || !isblank(state, static_cast<char>(c))) break;
+      blanks = true;
+    }
+    if (c == '"') {
+      quoted = true;
+      c = takequoted(state, start, blanks);
+    } else {
+      for (; c >= 0 && c != static_cast<unsigned char>(state.delimiter) && c != '\r' && c != '\n';
+           c = nextbyte(state)) {
+        state.field += static_cast<char>(c);
+        if (state.field.size() > longestfield) return refusefield(state, start, toolong);
+      }
+    }
+    any = any || quoted || !state.field.empty() || c == static_cast<unsigned char>(state.delimiter);
+    state.openline = c < 0;
+    state.fieldline = start.line;
+    if (!any || !state.fault.empty()) return;
+    storefield(state, trimmed(state, state.field));
+    if (c < 0) return;
+  }
+}
+
+// The next row that is not empty; false when there is none, or at a fault.
 bool nextrow(CsvState& state) {
   state.columns = 0;
-  state.complete = false;
-  bool begun = false;  // the library may hold a part of the row
-  while (!state.complete && !state.ended && !state.overlong) {
-    if (state.at == state.have && !fillbuffer(state)) {
-      state.ended = true;
-      state.openline = true;
-      // A last field whose quotes are still open is refused, and its row with it.
-      csv_set_opts(&state.parser, CSV_STRICT | CSV_STRICT_FINI);
-      state.openquote = csv_fini(&state.parser, takefield, takeend, &state) != 0;
-      break;
-    }
-    if (!begun && takeplainline(state)) continue;
-    state.line = state.feeds + 1;
-    if (!begun) state.fieldline = state.line;
-    begun = true;
-    const char* from = state.buffer.data() + state.at;
-    const char* end = state.buffer.data() + state.have;
-    const char* to = std::find_if(from, end, [](char c) { return c == '\n' || c == '\r'; });
-    if (to != end) state.feeds += *to++ == '\n';
-    const auto length = static_cast<std::size_t>(to - from);
-    if (csv_parse(&state.parser, from, length, takefield, takeend, &state) != length) fail(3);
-    state.at += length;
-    state.overlong = state.parser.entry_pos > longestfield;
-  }
-  return state.complete && !state.overlong;
+  while (state.columns == 0 && !state.openline && state.fault.empty())
+    if ((state.at == state.have && !fillbuffer(state)) || !takeplainline(state)) takerow(state);
+  return state.columns > 0 && state.fault.empty();
 }
 
 // The line on which the row in hand ended, from 1.
-long long lineof(const CsvState& state) {
-  const bool afterfeed = state.at > 0 && state.at <= state.have && state.buffer[state.at - 1] == '\n';
-  return state.feeds + (afterfeed && !state.openline ? 0 : 1);
-}
-
-std::string toolong(const CsvState& state) {
-  return formatted("line %lld has a field of more than %zu bytes", lineof(state), longestfield);
-}
+long long lineof(const CsvState& state) { return state.lines + (state.openline ? 1 : 0); }
 
 // To the first record, the header line being passed over.
 void startrecords(CsvState& state, Purpose purpose) {
@@ -298,14 +344,11 @@ bool settlekinds(StFile& file) {
     ++state.goodrows;
     state.lastopen = state.openline;
   }
-  if (state.overlong) {
-    file.trouble = toolong(state);
+  if (!state.fault.empty()) {
+    file.trouble = state.fault;
     return false;
   }
   settlesigns(file);
-  if (state.openquote)
-    state.cut = formatted("a quote in line %lld opens a field that never ends; record %lld is the last one that counts",
-                          state.fieldline, state.goodrows);
   if (state.cut.empty() && state.lastopen) state.cut = "no line end follows its last line, which counts all the same";
   return true;
 }
@@ -323,7 +366,7 @@ bool csvdictionary(StFile& file) {
     return false;
   }
   startover(*state, Purpose::count);
-  if (isutf16(*state)) {
+  if (isutf16({state->buffer.data(), state->have})) {
     file.trouble = "its characters have two bytes each (UTF-16); save it as UTF-8";
     return false;
   }
@@ -332,7 +375,7 @@ bool csvdictionary(StFile& file) {
   if (!state->told) state->delimiter = finddelimiter(*state);
   startover(*state, Purpose::count);
   if (!nextrow(*state)) {
-    file.trouble = state->overlong ? toolong(*state) : "it has no header line";
+    file.trouble = state->fault.empty() ? "it has no header line" : state->fault;
     return false;
   }
   makevariables(file, state->columns);
@@ -347,6 +390,9 @@ bool csvrecord(StFile& file) {
   CsvState& state = stateof(file);
   if (state.given == state.goodrows || !nextrow(state)) {
     file.trouble = state.cut;
+    if (state.brokenfields > 0)
+      file.remark = formatted("fields that hold line ends: %lld, the first one in line %lld", state.brokenfields,
+                              state.firstbroken);
     return false;
   }
   ++state.given;
@@ -355,7 +401,6 @@ bool csvrecord(StFile& file) {
 
 void csvclose(StFile& file) {
   CsvState* state = &stateof(file);
-  csv_free(&state->parser);
   if (state->stream != nullptr) std::fclose(state->stream);
   delete state;
   file.state = nullptr;

@@ -9,7 +9,7 @@
 #include "construct/readers/plainnumber.h"
 #include "construct/readers/stlayer.h"
 #include "core/formatted.h"
-#include "data/scratch.h"
+#include "driver/files.h"
 
 namespace kdr {
 
@@ -159,13 +159,15 @@ bool dbaserecord(StFile& file) {
     const int f = static_cast<int>(v);
     if (bytes == nullptr) {
       file.numbers[v] = missingcode;
-      file.texts[v] = StText{};
-    } else if (file.variables[v].numeric) {
-      file.numbers[v] = numberat(
-          file, {bytes + state.table->panFieldOffset[f], static_cast<std::size_t>(state.table->panFieldSize[f])}, v);
+      file.texts[v].clear();
+      continue;
+    }
+    const std::string_view field(bytes + state.table->panFieldOffset[f],
+                                 static_cast<std::size_t>(state.table->panFieldSize[f]));
+    if (file.variables[v].numeric) {
+      file.numbers[v] = numberat(file, field, v);
     } else {
-      const char* text = DBFReadStringAttribute(state.table, record, f);
-      file.texts[v] = sttext(text == nullptr ? "" : text);
+      file.texts[v] = sttext(field.substr(std::min(field.find_first_not_of(' '), field.size())));
     }
   }
   return true;

@@ -10,11 +10,13 @@
 
 #include "construct/readers/stlayer_sheet.h"
 #include "core/formatted.h"
-#include "data/scratch.h"
+#include "driver/files.h"
 
 namespace kdr {
 
 namespace {
+
+constexpr std::size_t mostshown = 40;  // bytes of a text in a message
 
 struct ExcelState {
   const SheetSource* source = nullptr;
@@ -42,9 +44,9 @@ bool nextrow(StFile& file) {
   return false;
 }
 
-StText textof(const SheetCell& cell) {
+std::string textof(const SheetCell& cell) {
   if (cell.kind == SheetCell::Kind::text) return cell.text;
-  return cell.kind == SheetCell::Kind::number ? sttext(formatted("%.15g", cell.number)) : StText{};
+  return cell.kind == SheetCell::Kind::number ? formatted("%.15g", cell.number) : std::string();
 }
 
 // Room for `count` variables, doubled as needed; those that are new are numeric until a text shows up.
@@ -72,8 +74,7 @@ bool exceldictionary(StFile& file) {
   std::vector<StVariable> variables;
   std::size_t columns = state->row.count;
   growvariables(variables, columns);
-  for (std::size_t c = 0; c < columns; ++c)
-    nameit(variables[c], std::string_view(textof(state->row.cells[c]).bytes).substr(0, textwidth));
+  for (std::size_t c = 0; c < columns; ++c) nameit(variables[c], textof(state->row.cells[c]));
   long long row = 1;
   while (nextrow(file)) {
     ++row;
@@ -83,7 +84,8 @@ bool exceldictionary(StFile& file) {
       const SheetCell& cell = state->row.cells[c];
       if (cell.kind != SheetCell::Kind::text) continue;
       if (variables[c].numeric)
-        variables[c].why = formatted("row %lld of the table holds \"%s\"", row, printable(cell.text.bytes).c_str());
+        variables[c].why =
+            formatted("row %lld of the table holds \"%s\"", row, printable(cell.text.substr(0, mostshown)).c_str());
       variables[c].numeric = false;
       variables[c].width = std::max(variables[c].width, cell.width);
     }

@@ -7,14 +7,16 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 
+#include "construct/rawvariables.h"
 #include "construct/readers/stlayer.h"
 #include "core/formatted.h"
-#include "data/scratch.h"
 #include "driver/failures.h"
+#include "driver/files.h"
 
 namespace kdr {
 
@@ -45,7 +47,9 @@ struct ReadstatState {
   bool firstpass = true;      // the dictionary is wanted, not the values
   bool overfull = false;      // the head tells more variables than the file could hold
   Array<char> row;            // the row in hand, and its bytes while it is read back
-  Array<std::size_t> place;   // of a selected variable in the row
+  Array<std::size_t> place;   // of a selected variable in the row: a number, or the length of a text and its bytes
+  Array<std::size_t> room;    // bytes that a text may have there
+  Array<std::size_t> stored;  // bytes of each variable in the file
   long long recordwidth = 0;  // bytes of a record, of all variables
   long long datastart = 0;    // where the records begin, in a transport file
   std::size_t wanted = 0;     // selected variables
@@ -54,9 +58,9 @@ struct ReadstatState {
   long long rows = 0;         // on the scratch file
   long long read = 0;         // of them
   bool writefailed = false;
-  ScratchFile scratch = nullptr;
-  Array<char> scratchpiece;  // its buffer
-  std::string words;         // the library's last
+  Array<char> scratchpiece;  // the buffer of
+  ScratchFile scratch;
+  std::string words;  // the library's last
 };
 
 ReadstatState& stateof(StFile& file) { return *static_cast<ReadstatState*>(file.state); }
@@ -132,6 +136,7 @@ int takehead(readstat_metadata_t* metadata, void* context) {
   state.overfull = count < 0 || count > state.filelength;
   if (state.overfull) return READSTAT_HANDLER_ABORT;
   makevariables(file, static_cast<std::size_t>(count));
+  state.stored.reset(static_cast<std::size_t>(count));
   return READSTAT_HANDLER_OK;
 }
 
@@ -145,7 +150,7 @@ int textwidthof(const StFile& file, const readstat_variable_t* variable, int wid
   return stated > 0 ? std::min(stated, width) : width;
 }
 
-int takevariable(int index, readstat_variable_t* variable, const char*, void* context) {
+int takevariable(int index, readstat_variable_t* variable, const char* labels, void* context) {
   StFile& file = *static_cast<StFile*>(context);
   const auto i = static_cast<std::size_t>(index);
   if (index < 0 || i >= file.variables.size()) return READSTAT_HANDLER_ABORT;
@@ -156,7 +161,19 @@ int takevariable(int index, readstat_variable_t* variable, const char*, void* co
   ours.numeric = readstat_variable_get_type_class(variable) == READSTAT_TYPE_CLASS_NUMERIC;
   const std::size_t width = readstat_variable_get_storage_width(variable);
   ours.width = width < INT_MAX ? textwidthof(file, variable, static_cast<int>(width)) : INT_MAX;
+  ours.labels = labels == nullptr ? "" : labels;
+  stateof(file).stored[i] = readstat_variable_get_type(variable) == READSTAT_TYPE_STRING_REF ? ST_LongestText : width;
   stateof(file).recordwidth += static_cast<long long>(width);
+  return READSTAT_HANDLER_OK;
+}
+
+// One label of a list.
+int takelabel(const char* list, readstat_value_t value, const char* label, void* context) {
+  StFile& file = *static_cast<StFile*>(context);
+  if (list == nullptr || label == nullptr || readstat_value_type_class(value) != READSTAT_TYPE_CLASS_NUMERIC)
+    return READSTAT_HANDLER_OK;
+  if (file.labels.empty() || file.labels.back().name != list) file.labels.push_back({list, ""});
+  addlabel(file.labels.back().text, readstat_double_value(value), label);
   return READSTAT_HANDLER_OK;
 }
 
@@ -164,7 +181,8 @@ int takevariable(int index, readstat_variable_t* variable, const char*, void* co
 void spoolrow(ReadstatState& state) {
   if (state.observation < 0 || state.filled < state.wanted) return;
   if (state.rows % 1024 == 0) checksignals();
-  if (std::fwrite(state.row.data(), 1, state.row.size(), state.scratch) != state.row.size()) state.writefailed = true;
+  if (std::fwrite(state.row.data(), 1, state.row.size(), state.scratch.get()) != state.row.size())
+    state.writefailed = true;
   ++state.rows;
   state.filled = 0;
 }
@@ -194,8 +212,11 @@ int takevalue(int observation, readstat_variable_t* variable, readstat_value_t v
     std::memcpy(place, &number, sizeof number);
   } else {
     const char* text = readstat_string_value(value);
-    const StText slot = sttext(text == nullptr ? "" : text);
-    std::memcpy(place, &slot, sizeof slot);
+    const std::string_view kept = sttext(text == nullptr ? "" : text);
+    if (kept.size() > state.room[i]) return READSTAT_HANDLER_ABORT;
+    const auto length = static_cast<std::uint16_t>(kept.size());
+    std::memcpy(place, &length, sizeof length);
+    kept.copy(place + sizeof length, kept.size());
   }
   ++state.filled;
   return READSTAT_HANDLER_OK;
@@ -213,6 +234,7 @@ readstat_error_t parse(StFile& file) {
   readstat_set_metadata_handler(parser, takehead);
   readstat_set_variable_handler(parser, takevariable);
   readstat_set_value_handler(parser, takevalue);
+  readstat_set_value_label_handler(parser, takelabel);
   readstat_set_error_handler(parser, takewords);
   readstat_set_open_handler(parser, openlibrary);
   readstat_set_close_handler(parser, closelibrary);
@@ -295,25 +317,29 @@ void checkmember(StFile& file) {
 void spool(StFile& file) {
   ReadstatState& state = stateof(file);
   state.firstpass = false;
+  file.labels.clear();
   state.words.clear();
   state.place.reset(file.variables.size());
+  state.room.reset(file.variables.size());
   std::size_t width = 0;
   for (std::size_t v = 0; v < file.variables.size(); ++v) {
     const StVariable& variable = file.variables[v];
     if (!variable.selected) continue;
     state.place[v] = width;
-    width += variable.numeric ? sizeof(double) : sizeof(StText);
+    // In UTF-8 a character that had one byte has three at most.
+    if (!variable.numeric) state.room[v] = std::min(std::size_t{3} * state.stored[v], ST_LongestText + 1);
+    width += variable.numeric ? sizeof(double) : sizeof(std::uint16_t) + state.room[v];
     ++state.wanted;
   }
   state.row.reset(width);
-  state.scratch = scratchopen();
+  state.scratch = neededscratch();
   state.scratchpiece.reset(piecesize);
-  std::setvbuf(state.scratch, state.scratchpiece.data(), _IOFBF, piecesize);
+  std::setvbuf(state.scratch.get(), state.scratchpiece.data(), _IOFBF, piecesize);
   const readstat_error_t error = parse(file);
   if (error == READSTAT_ERROR_OPEN) stopwith("Unable to open %s for reading\n", file.path.c_str());
   spoolrow(state);
-  if (state.writefailed || std::fflush(state.scratch) != 0) fail(5);
-  std::rewind(state.scratch);
+  if (state.writefailed || std::fflush(state.scratch.get()) != 0) fail(5);
+  std::rewind(state.scratch.get());
   if (error != READSTAT_OK) {
     const std::string of = state.announced > state.rows ? formatted(" of %lld", state.announced) : "";
     file.trouble =
@@ -352,7 +378,7 @@ bool readstatrecord(StFile& file) {
   ReadstatState& state = stateof(file);
   if (state.scratch == nullptr) spool(file);
   if (state.read == state.rows) return false;
-  if (readupto(state.row.data(), state.row.size(), state.scratch, "a temporary file") != state.row.size())
+  if (readupto(state.row.data(), state.row.size(), state.scratch.get(), "a temporary file") != state.row.size())
     stopwith("A temporary file is damaged: it is cut off.\n");
   ++state.read;
   for (std::size_t v = 0; v < file.variables.size(); ++v) {
@@ -361,16 +387,16 @@ bool readstatrecord(StFile& file) {
     if (file.variables[v].numeric) {
       std::memcpy(&file.numbers[v], place, sizeof(double));
     } else {
-      std::memcpy(&file.texts[v], place, sizeof(StText));
+      std::uint16_t length = 0;
+      std::memcpy(&length, place, sizeof length);
+      file.texts[v].assign(place + sizeof length, length);
     }
   }
   return true;
 }
 
 void readstatclose(StFile& file) {
-  ReadstatState* state = &stateof(file);
-  scratchclose(state->scratch);
-  delete state;
+  delete &stateof(file);
   file.state = nullptr;
 }
 

@@ -42,15 +42,15 @@ SheetCell& cellat(SheetRow& row, std::size_t column) {
 }
 
 void settext(SheetCell& cell, std::string_view text) {
-  cell = SheetCell{SheetCell::Kind::text, 0.0, sttext(text),
+  cell = SheetCell{SheetCell::Kind::text, 0.0, std::string(sttext(text)),
                    static_cast<int>(std::min<std::size_t>(text.size(), INT_MAX))};
-  if (missingfield(cell.text.bytes)) cell = SheetCell{};
+  if (missingfield(cell.text)) cell = SheetCell{};
 }
 
 void setnumber(SheetCell& cell, double number) { cell = SheetCell{SheetCell::Kind::number, number, {}, 0}; }
 
 void setshared(SheetCell& cell, const SharedText& shared) {
-  settext(cell, shared.text.bytes);
+  settext(cell, shared.text);
   if (cell.kind == SheetCell::Kind::text) cell.width = shared.width;
 }
 

@@ -8,19 +8,19 @@ namespace kdr {
 struct SheetCell {
   enum class Kind { empty, number, text } kind;
   double number;
-  StText text;
+  std::string text;
   int width;  // characters of the text
 };
 
 // A text that cells share.
 struct SharedText {
-  StText text;
+  std::string text;
   int width;
 };
 
 // The cells of a row from column A on. Those behind `count` are left from rows before.
 struct SheetRow {
-  Array<SheetCell> cells;
+  std::vector<SheetCell> cells;
   std::size_t count = 0;
 };
 

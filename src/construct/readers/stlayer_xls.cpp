@@ -153,7 +153,7 @@ bool taketext(const XlsBook& book, Record& record, std::string& text) {
 }
 
 void keeptext(XlsBook& book, const std::string& text) {
-  book.texts.push_back({sttext(text), static_cast<int>(text.size())});
+  book.texts.push_back({std::string(sttext(text)), static_cast<int>(text.size())});
 }
 
 // --- The workbook ---

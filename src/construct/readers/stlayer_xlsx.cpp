@@ -11,7 +11,7 @@
 #include "construct/readers/stlayer_sheet.h"
 #include "construct/readers/stlayer_zipxml.h"
 #include "core/formatted.h"
-#include "data/scratch.h"
+#include "driver/files.h"
 #include "driver/failures.h"
 
 namespace kdr {
@@ -145,7 +145,7 @@ void endtext(void* context, const XML_Char* element) {
   if (name == "rPh") book.phonetic = false;
   if (name != "si") return;
   if (book.texts.size() == mosttexts) return refuse(book, "it has too many texts");
-  book.texts.push_back({sttext(book.text), static_cast<int>(std::min(book.text.size(), longesttext))});
+  book.texts.push_back({std::string(sttext(book.text)), static_cast<int>(std::min(book.text.size(), longesttext))});
 }
 
 void startstyle(void* context, const XML_Char* element, const XML_Char** attributes) {

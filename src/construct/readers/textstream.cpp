@@ -4,8 +4,9 @@
 #include <cstring>
 #include <string_view>
 
-#include "data/scratch.h"
+#include "driver/files.h"
 #include "driver/failures.h"
+#include "driver/textmark.h"
 
 namespace kdr {
 
@@ -53,7 +54,8 @@ void starttext(TextStream& text, std::FILE* stream, const std::string& name) {
   text.at = text.have = text.recordat = 0;
   text.ended = text.heldcr = false;
   text.linesbefore = text.recordline = 0;
-  if (filltext(text) && std::string_view(text.buffer.data(), text.have).starts_with("\xEF\xBB\xBF")) text.at = 3;
+  if (filltext(text) && std::string_view(text.buffer.data(), text.have).starts_with(bytemark))
+    text.at = bytemark.size();
 }
 
 void startrecord(TextStream& text) {

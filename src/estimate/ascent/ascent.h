@@ -8,20 +8,10 @@
 #include <string>
 #include <vector>
 
+#include "estimate/ascent/evaluation.h"
 #include "kernel/array.h"
 
 namespace kdr {
-
-// A point's evaluation. An element that is held gets score 0 and plays no part.
-struct Evaluation {
-  bool usable = false;  // all numbers are finite
-  double value = 0.0;
-  Array<double> score;        // [P]
-  Array<double> information;  // P squared, both triangles: minus the second derivatives
-  Array<double> scale;        // [P] above 0: the size of an element's own information, which makes elements comparable
-  Array<double> reach;        // [P] the longest step of an element that its neighbourhood vouches for
-  Array<double> turn;         // [P] the first step along an element at a saddle
-};
 
 // How an approximation reaches a trial point.
 enum class Approach {
@@ -32,7 +22,7 @@ enum class Approach {
 
 struct AscentProblem {
   std::size_t count = 0;   // P
-  std::vector<bool> held;  // [P]
+  std::vector<bool> held;  // [P] an element that is held gets score 0 and plays no part
   // Evaluates a point; `accepted`, called next, makes it the one that others are carried from.
   std::function<Evaluation(const Array<double>& point, Approach approach)> evaluate;
   std::function<void()> accepted;
@@ -63,8 +53,6 @@ struct AscentSettings {
   double finaldecrement = 1.0e-4;  // of the last of them: above, the ascent goes on
   int reopenings = 5;              // how often it may
 };
-
-enum class AscentEnd { converged, limit, stopped, nostep, notdefinite, unusable };
 
 struct AscentResult {
   AscentEnd end = AscentEnd::unusable;

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <vector>
 
 #include "estimate/likelihood/unitthreads.h"
@@ -18,7 +17,7 @@ namespace {
 // What a level-3 unit leaves behind in a sweep.
 struct UnitSweep {
   int changed2 = 0, changed3 = 0;
-  ModeResult result = ModeResult::found;
+  EngineFailure failure = EngineFailure::none;
   ModeSums sums;
 };
 
@@ -30,7 +29,7 @@ struct SweepWork {
   Array<double> fresh, g;               // [max(q, r)], [r]
 };
 
-void makework(const LaplaceData& data, int q, int r, const RandomColumns& columns, SweepWork& work) {
+void makework(const EngineData& data, int q, int r, const RandomColumns& columns, SweepWork& work) {
   work.theta.reset(at(data.nbeta));
   work.coefficients.reset(at(data.npi));
   work.Sxx.reset(square(columns.count));
@@ -119,7 +118,7 @@ void blocks(const RandomColumns& columns, int q, int r, const double* w2, SweepW
   }
 }
 
-void sweepunit(const LaplaceData& data, const LaplaceSettings& settings, const Parameters& parameters,
+void sweepunit(const EngineData& data, const LaplaceSettings& settings, const Parameters& parameters,
                const TauInverses& inverses, const RandomColumns& columns, const Level3Records& unit, SweepWork& work,
                LaplaceModes& modes, UnitSweep& out) {
   const int q = parameters.q, r = parameters.r;
@@ -160,7 +159,7 @@ void sweepunit(const LaplaceData& data, const LaplaceSettings& settings, const P
     }
     for (std::size_t i = 0; i < square(q); ++i) work.Sdd[i] += inverses.Kp[i];
     if (!invert(q, work.Sdd.data(), C2, out.sums.logH2)) {
-      out.result = ModeResult::noC2;
+      out.failure = EngineFailure::centre2;
       return;
     }
     mulAB(work.fresh.data(), C2, work.tu.data(), q, 1, q);
@@ -176,7 +175,7 @@ void sweepunit(const LaplaceData& data, const LaplaceSettings& settings, const P
     subAB(work.g.data(), Q, work.tu.data(), r, 1, q);
   }
   if (!invert(r, H3, C3, out.sums.logH3)) {
-    out.result = ModeResult::noC3;
+    out.failure = EngineFailure::centre3;
     return;
   }
   mulAB(work.fresh.data(), C3, work.g.data(), r, 1, r);
@@ -184,14 +183,9 @@ void sweepunit(const LaplaceData& data, const LaplaceSettings& settings, const P
   out.sums.vKv = quadratic(r, inverses.Kb.data(), v);
 }
 
-void say(const char* words) {
-  std::printf("%s", words);
-  std::fflush(stdout);
-}
-
 }  // namespace
 
-void startmodes(const LaplaceData& data, int q, int r, const Array<double>& u, const Array<double>& v,
+void startmodes(const EngineData& data, int q, int r, const Array<double>& u, const Array<double>& v,
                 LaplaceModes& modes) {
   modes.u = u.copy();
   modes.v = v.copy();
@@ -209,7 +203,7 @@ bool invertaus(const Parameters& parameters, TauInverses& inverses) {
          invert(parameters.r, parameters.taubeta.data(), inverses.Kb.data(), inverses.logTb);
 }
 
-RandomColumns randomcolumns(const LaplaceData& data, int q, int r) {
+RandomColumns randomcolumns(const EngineData& data, int q, int r) {
   const Design& design = *data.design;
   RandomColumns columns;
   Array<int> place(at(data.npi));
@@ -229,7 +223,7 @@ RandomColumns randomcolumns(const LaplaceData& data, int q, int r) {
   return columns;
 }
 
-void level1coefficients(const LaplaceData& data, const Level3Records& unit, int j, const double* theta, const double* v,
+void level1coefficients(const EngineData& data, const Level3Records& unit, int j, const double* theta, const double* v,
                         int r, const double* u, int q, double* coefficients) {
   const Design& design = *data.design;
   const double* w2 = unit.w2.data() + at(j) * at(data.nbeta);
@@ -239,7 +233,7 @@ void level1coefficients(const LaplaceData& data, const Level3Records& unit, int 
   for (int a = 0; a < q; ++a) coefficients[design.random1[at(a)]] += u[a];
 }
 
-const double* randompart(const LaplaceData& data, const Level3Records& unit, const RandomColumns& columns,
+const double* randompart(const EngineData& data, const Level3Records& unit, const RandomColumns& columns,
                          Array<double>& room) {
   if (columns.all) return unit.x.data();
   const std::size_t records = unit.y.size(), width = at(columns.count);
@@ -251,25 +245,28 @@ const double* randompart(const LaplaceData& data, const Level3Records& unit, con
   return room.data();
 }
 
-ModeResult findmodes(const LaplaceData& data, const LaplaceSettings& settings, const Parameters& parameters,
-                     const TauInverses& inverses, const char* mark, LaplaceModes& modes, ModeSums& sums) {
+EngineFailure findmodes(const EngineData& data, const LaplaceSettings& settings, const Parameters& parameters,
+                        const TauInverses& inverses, EngineEvent::Kind sweep, LaplaceModes& modes, ModeSums& sums) {
+  const auto fail = [&](EngineFailure failure) {
+    tell(settings.engine, {EngineEvent::Kind::problem, settings.maxsweeps, 0.0, failure});
+    return failure;
+  };
   const RandomColumns columns = randomcolumns(data, parameters.q, parameters.r);
-  std::vector<SweepWork> work(at(std::max(settings.threads, 1)));
+  std::vector<SweepWork> work(at(std::max(settings.engine.threads, 1)));
   for (SweepWork& one : work) makework(data, parameters.q, parameters.r, columns, one);
   std::vector<UnitSweep> units(at(data.units3));
 
   bool settled2 = false, settled3 = false;
-  for (int sweep = 0; sweep < settings.maxsweeps; ++sweep) {
-    if (sweep > 0) say(mark);
-    overunits(data.source, settings.threads, [&](const Level3Records& unit, int worker) {
+  for (int number = 0; number < settings.maxsweeps; ++number) {
+    if (number > 0) tell(settings.engine, {sweep});
+    const bool whole = overunits(data.source, settings.engine.threads, [&](const Level3Records& unit, int worker) {
       sweepunit(data, settings, parameters, inverses, columns, unit, work[at(worker)], modes, units[at(unit.k)]);
     });
+    if (!whole) return EngineFailure::data;
     int changed2 = 0, changed3 = 0;
     sums = ModeSums{};
     for (const UnitSweep& unit : units) {
-      if (unit.result == ModeResult::noC2) say("Cannot compute Laplace6 inv[C]\n");
-      if (unit.result == ModeResult::noC3) say("Cannot compute Laplace6 V22\n");
-      if (unit.result != ModeResult::found) return unit.result;
+      if (unit.failure != EngineFailure::none) return fail(unit.failure);
       changed2 += unit.changed2;
       changed3 += unit.changed3;
       sums.logH2 += unit.sums.logH2;
@@ -279,10 +276,9 @@ ModeResult findmodes(const LaplaceData& data, const LaplaceSettings& settings, c
     }
     settled2 = settled2 || changed2 == 0;
     settled3 = settled3 || changed3 == 0;
-    if (settled2 && settled3) return ModeResult::found;
+    if (settled2 && settled3) return EngineFailure::none;
   }
-  std::printf("The modes of the random effects have not settled after %d sweeps of Laplace6\n", settings.maxsweeps);
-  return ModeResult::unsettled;
+  return fail(EngineFailure::unsettled);
 }
 
 }  // namespace kdr

@@ -6,33 +6,22 @@
 
 #include <cstddef>
 
-#include "estimate/likelihood/parameters.h"
-#include "estimate/likelihood/unitrecords.h"
-#include "estimate/linear/pass.h"
+#include "estimate/ascent/ridgedascent.h"
+#include "estimate/likelihood/engine.h"
 #include "kernel/array.h"
 
 namespace kdr {
 
-// What the engine is told of the data. The design outlives the engine.
-struct LaplaceData {
-  const Design* design = nullptr;
-  int npi = 0, nbeta = 0;               // level-1 and level-2 coefficients
-  int units3 = 0;                       // J3
-  std::size_t units2 = 0, records = 0;  // J2, N
-  RecordSource source;
-};
-
 struct LaplaceSettings {
-  double stopmacro = 1.0e-4;  // relative change of an estimate that is too large to stop at
+  EngineSettings engine;
+  double stopmacro =
+      1.0e-4;  // relative change of an estimate that is too large to stop at: that of the macro iterations
   // The same of a mode. Modes found to stopmacro only leave a noise in the likelihood that hides the small gains of the
   // last iterations: no step then seems to climb, and the run fails at its maximum.
   double stopmodes = 1.0e-7;
-  int laplaceit = 50;   // most iterations
-  int maxsweeps = 200;  // most sweeps for the modes
-  int threads = 1;
-  // Asked at the end of the mode sweeps and of each iteration; true when the user has ended the iterations. May be
-  // null.
-  bool (*stopasked)() = nullptr;
+  int maxsweeps = 200;  // most sweeps for the modes: those that settle take tens
+  // The first two steps may lower the likelihood, which begins as that of another approximation.
+  RidgedPolicy ascent{.firstridge = 0.01, .freesteps = 2};
 };
 
 // Modes, and what the last sweep left of the second derivatives, one place per unit.
@@ -46,7 +35,7 @@ struct LaplaceModes {
 };
 
 // Makes room for q by r modes of the data, at the starting values u (J2 by q) and v (J3 by r).
-void startmodes(const LaplaceData& data, int q, int r, const Array<double>& u, const Array<double>& v,
+void startmodes(const EngineData& data, int q, int r, const Array<double>& u, const Array<double>& v,
                 LaplaceModes& modes);
 
 // The inverses of the two taus and the logarithms of their determinants.
@@ -65,16 +54,14 @@ struct RandomColumns {
   int count = 0;
   bool all = false;  // every level-1 coefficient is among them
 };
-[[nodiscard]] RandomColumns randomcolumns(const LaplaceData& data, int q, int r);
+[[nodiscard]] RandomColumns randomcolumns(const EngineData& data, int q, int r);
 
 // Coefficients (npi) of the level-1 predictors in the linear predictor of unit j of `unit`, theta (nbeta) = W3_k gamma.
-void level1coefficients(const LaplaceData& data, const Level3Records& unit, int j, const double* theta, const double* v,
+void level1coefficients(const EngineData& data, const Level3Records& unit, int j, const double* theta, const double* v,
                         int r, const double* u, int q, double* coefficients);
 // The random columns of the unit's records, `records` by count: x itself, or copied into `room`.
-[[nodiscard]] const double* randompart(const LaplaceData& data, const Level3Records& unit, const RandomColumns& columns,
+[[nodiscard]] const double* randompart(const EngineData& data, const Level3Records& unit, const RandomColumns& columns,
                                        Array<double>& room);
-
-enum class ModeResult { found, noC2, noC3, unsettled };
 
 // Sums of the last sweep over the units, for the likelihood.
 struct ModeSums {
@@ -88,10 +75,10 @@ struct ModeSums {
 //   u_j := C2_j [sum_i d_i r_i + (sum_i w_i d_i d_i') u_j]
 //   v_k := C3_k sum_j [sum_i e_i t_i - Q_j sum_i d_i t_i],  t_i = r_i + w_i (e_i' v_k + d_i' u_j)
 // which are the reweighted least squares u_j = C2_j sum_i w_i d_i (z_i - xg_i' gamma - e_i' v_k) and so on with the
-// division by w_i left out. `mark` goes to the console between sweeps. A failed inversion, or modes that have not
-// settled after settings.maxsweeps sweeps, has its line on the console.
-[[nodiscard]] ModeResult findmodes(const LaplaceData& data, const LaplaceSettings& settings,
-                                   const Parameters& parameters, const TauInverses& inverses, const char* mark,
-                                   LaplaceModes& modes, ModeSums& sums);
+// division by w_i left out. `sweep` is told between sweeps, and so is a failure: `data`, `centre2`, `centre3` or,
+// behind settings.maxsweeps sweeps, `unsettled`.
+[[nodiscard]] EngineFailure findmodes(const EngineData& data, const LaplaceSettings& settings,
+                                      const Parameters& parameters, const TauInverses& inverses,
+                                      EngineEvent::Kind sweep, LaplaceModes& modes, ModeSums& sums);
 
 }  // namespace kdr

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "estimate/likelihood/unconditional.h"
 #include "estimate/linear/usable.h"
 #include "estimate/quasi/family.h"
 #include "kernel/decompositions.h"
@@ -140,7 +141,7 @@ const LoopSet& loopsof(int c) {
 
 // A level-3 unit and what is known of it, by the places of its level-2 units.
 struct Walk {
-  const LaplaceData& data;
+  const EngineData& data;
   const LaplaceModes& modes;
   const Level3Records& unit;
   ScoreWork& work;
@@ -148,7 +149,7 @@ struct Walk {
   const LoopSet& loops;
   const double* x;
 
-  Walk(const LaplaceData& alldata, const Parameters& parameters, const LaplaceModes& allmodes,
+  Walk(const EngineData& alldata, const Parameters& parameters, const LaplaceModes& allmodes,
        const Level3Records& theunit, ScoreWork& thework)
       : data(alldata),
         modes(allmodes),
@@ -248,9 +249,7 @@ void unitmoments(const Walk& walk, int j, const Parameters& parameters, UnitReli
 
   // G += u_j u_j' + P_j, P_j = C2_j + Q_j' C3_k Q_j
   addABt(work.G.data(), walk.u(j), walk.u(j), q, q, 1);
-  mulAB(work.qr.data(), walk.C3(), walk.Q(j), r, q, r);
-  addAtB(work.G.data(), walk.Q(j), work.qr.data(), q, q, r);
-  for (std::size_t i = 0; i < square(q); ++i) work.G[i] += walk.C2(j)[i];
+  addunconditional(work.G.data(), q, r, walk.C2(j), walk.Q(j), walk.C3(), work.qr.data());
 
   for (int a = 0; a < q; ++a)
     for (int b = 0; b < q; ++b)
@@ -338,7 +337,7 @@ void tauscore(int n, const double* K, const double* T, const double* G, double J
 
 }  // namespace
 
-ScoreWork makescorework(const LaplaceData& data, int q, int r) {
+ScoreWork makescorework(const EngineData& data, int q, int r) {
   ScoreWork work;
   work.columns = randomcolumns(data, q, r);
   const std::size_t c = at(work.columns.count), nq = at(q), nr = at(r);
@@ -358,7 +357,7 @@ ScoreWork makescorework(const LaplaceData& data, int q, int r) {
   return work;
 }
 
-UnitLikelihood unitlikelihood(const LaplaceData& data, const Parameters& parameters, const LaplaceModes& modes,
+UnitLikelihood unitlikelihood(const EngineData& data, const Parameters& parameters, const LaplaceModes& modes,
                               const Level3Records& unit, ScoreWork& work) {
   const Walk walk(data, parameters, modes, unit, work);
   if (work.L.empty()) {
@@ -374,7 +373,7 @@ UnitLikelihood unitlikelihood(const LaplaceData& data, const Parameters& paramet
   return sums;
 }
 
-bool unitscore(const LaplaceData& data, const Parameters& parameters, const TauInverses& inverses,
+bool unitscore(const EngineData& data, const Parameters& parameters, const TauInverses& inverses,
                const LaplaceModes& modes, const Level3Records& unit, ScoreWork& work, double* score,
                UnitReliability& reliability) {
   const Walk walk(data, parameters, modes, unit, work);

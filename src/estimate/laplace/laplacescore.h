@@ -1,5 +1,5 @@
 // The likelihood of a Bernoulli model under the sixth-order Laplace approximation, and its score, one level-3 unit at a
-// time (Raudenbush, Yang and Yosef, 2000, Journal of Computational and Graphical Statistics 9, 141-157).
+// time. Its derivation is that of docs/numerics.md, "Laplace-6".
 //
 // At the modes, for records i and l of level-2 unit j of level-3 unit k, with e*_i = e_i - Q_j d_i:
 //   A_il = e*_i' C3_k e*_l + d_i' C2_j d_l,  a_i = A_ii     posterior covariance of the linear predictors
@@ -48,14 +48,14 @@ struct ScoreWork {
   Array<double> rc, rc2, rc3, rr, rr2, rr3, rr4, qr, qr2, qq, qq2;  // products of those shapes
   Array<double> inverse;
 };
-[[nodiscard]] ScoreWork makescorework(const LaplaceData& data, int q, int r);
+[[nodiscard]] ScoreWork makescorework(const EngineData& data, int q, int r);
 
-[[nodiscard]] UnitLikelihood unitlikelihood(const LaplaceData& data, const Parameters& parameters,
+[[nodiscard]] UnitLikelihood unitlikelihood(const EngineData& data, const Parameters& parameters,
                                             const LaplaceModes& modes, const Level3Records& unit, ScoreWork& work);
 
 // score (P) = the derivatives of the log-likelihood of unit k by the parameters, modes moving along; and its share in
 // the reliabilities. False when 1 - S_k is not above 0: the score then leaves log(1 - S_k) out.
-bool unitscore(const LaplaceData& data, const Parameters& parameters, const TauInverses& inverses,
+bool unitscore(const EngineData& data, const Parameters& parameters, const TauInverses& inverses,
                const LaplaceModes& modes, const Level3Records& unit, ScoreWork& work, double* score,
                UnitReliability& reliability);
 

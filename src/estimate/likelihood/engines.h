@@ -1,14 +1,28 @@
 // The maximum-likelihood engines at the close of the unit-specific phase, each on a copy of the estimates.
 #pragma once
 
+#include <string>
+#include <vector>
+
+#include "core/failure.h"
+#include "estimate/likelihood/engine.h"
 #include "estimate/quasi/macrostate.h"
-#include "report/passresults.h"
 
 namespace kdr {
 
-// Laplace-6 and then adaptive quadrature, as far as the run asks for them, from run.est and the random effects in
-// `pass`; `before` are the results of the last pass. An engine that succeeds leaves its estimates in run.est and its
-// fixed effects in `state`, reports, marks the report and writes its variance files; one that fails says so.
-void maximumlikelihood(Pass& pass, MacroState& state, const PassResults& before);
+// What the observer is told of an engine that has ended.
+struct EngineStage {
+  Engine engine;
+  const EngineResult& fit;
+  const PassResults& results;       // those that `fit` has; of no use when it has failed
+  bool finalcall = false;           // of Laplace-6
+  bool takenover = false;           // the fit goes on with the engine's estimates
+  std::vector<std::string> behind;  // warnings that stand behind the tables
+};
+
+// Laplace-6 and then adaptive quadrature, as far as the analysis asks for them, from the estimates and the random
+// effects in `pass`; `before` are the results of the last pass. An engine that succeeds leaves its estimates in `pass`,
+// its results and its fixed effects in `state`; one that doesn't leaves the pass as it is.
+[[nodiscard]] Failure maximumlikelihood(Pass& pass, MacroState& state, const PassResults& before);
 
 }  // namespace kdr

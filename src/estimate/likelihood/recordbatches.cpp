@@ -10,7 +10,8 @@ constexpr std::size_t batchrecords = 20000;
 
 void rewindbatches(void* state) {
   RecordBatches& batches = *static_cast<RecordBatches*>(state);
-  startunits(batches.reader, run.files.working, 0, batches.state->layout.width, run.mdm.nvar2, false);
+  const MdmData& mdm = batches.pass->mdm();
+  startunits(batches.reader, mdm, batches.state->working.file(), 0, batches.state->layout.width, mdm.nvar2, false);
   batches.k = 0;
   batches.units = batches.records = 0;
 }
@@ -34,7 +35,10 @@ Level3Records readlevel3(RecordBatches& batches) {
   level3weights(pass, batches.k, unit.w3.data());
   std::size_t record = 0;
   for (std::size_t j = 0; j < at(unit.units); ++j) {
-    neededunit(batches.reader, batches.unit);
+    if (!neededunit(batches.reader, batches.unit)) {
+      batches.failure = batches.reader.failure;
+      return unit;
+    }
     const UnitBlock& block = batches.unit;
     for (std::size_t m = 0; m < nbeta; ++m) unit.w2[j * nbeta + m] = level2entry(pass, m, block.level2.data());
     for (int i = 0; i < block.nj; ++i, ++record) {
@@ -55,18 +59,24 @@ Level3Records readlevel3(RecordBatches& batches) {
 void nextbatch(void* state, std::vector<Level3Records>& batch) {
   RecordBatches& batches = *static_cast<RecordBatches*>(state);
   batch.clear();
+  if (batches.pass->observer().givesup()) batches.failure = failed(abandoned);
   const std::size_t first = batches.records;
-  while (batches.k < run.mdm.nunits3 && (batch.empty() || batches.records - first < batchrecords))
+  while (!batches.failure && batches.k < batches.pass->mdm().nunits3 &&
+         (batch.empty() || batches.records - first < batchrecords))
     batch.push_back(readlevel3(batches));
+  if (batches.failure) batch.clear();
 }
+
+bool brokenbatches(void* state) { return static_cast<bool>(static_cast<RecordBatches*>(state)->failure); }
 
 }  // namespace
 
 RecordSource recordbatches(RecordBatches& batches, const Pass& pass, const MacroState& state) {
   batches.pass = &pass;
   batches.state = &state;
+  batches.reader.observer = &pass.observer();
   rewindbatches(&batches);
-  return {&batches, rewindbatches, nextbatch};
+  return {&batches, rewindbatches, nextbatch, brokenbatches};
 }
 
 }  // namespace kdr

@@ -1,6 +1,7 @@
 // The working data file as the maximum-likelihood engines read it.
 #pragma once
 
+#include "core/failure.h"
 #include "estimate/likelihood/unitrecords.h"
 #include "estimate/quasi/macrostate.h"
 
@@ -14,6 +15,7 @@ struct RecordBatches {
   UnitBlock unit;                      // buffer
   int k = 0;                           // the next level-3 unit
   std::size_t units = 0, records = 0;  // level-2 units and records before it
+  Failure failure;                     // why it can go no further
 };
 
 // Makes a source of the file.

@@ -34,8 +34,14 @@ struct RecordSource {
   // Goes back to the first unit.
   void (*rewind)(void* state) = nullptr;
   // Fills `batch` with the next units, at least one and about as many records as the source finds convenient; leaves it
-  // empty behind the last unit.
+  // empty behind the last unit, and where it can go no further.
   void (*next)(void* state, std::vector<Level3Records>& batch) = nullptr;
+  // Whether it could go no further, and never will; null for a source that always can.
+  bool (*broken)(void* state) = nullptr;
 };
+
+[[nodiscard]] inline bool brokensource(const RecordSource& source) {
+  return source.broken != nullptr && source.broken(source.state);
+}
 
 }  // namespace kdr

@@ -8,7 +8,6 @@
 #include <thread>
 #include <vector>
 
-#include "driver/failures.h"
 #include "estimate/likelihood/unitrecords.h"
 
 namespace kdr {
@@ -36,30 +35,29 @@ void overbatch(const std::vector<Level3Records>& batch, int threads, Each each) 
 }
 
 // Calls, for one batch of the source after the other, before(batch), each(batch, place, worker) for every unit of it,
-// and after(batch), which may end the walk by false. Signals that ask for the end are acted on between batches.
+// and after(batch), which may end the walk by false. False when the source has ended before its last unit.
 template <class Before, class Each, class After>
-void overbatches(const RecordSource& source, int threads, Before before, Each each, After after) {
+[[nodiscard]] bool overbatches(const RecordSource& source, int threads, Before before, Each each, After after) {
   constexpr std::size_t worthathread = 2000;  // records
   std::vector<Level3Records> batch;
   source.rewind(source.state);
   for (;;) {
     source.next(source.state, batch);
-    if (batch.empty()) return;
-    checksignals();
+    if (batch.empty()) return !brokensource(source);
     std::size_t records = 0;
     for (const Level3Records& unit : batch) records += unit.y.size();
     before(batch);
     overbatch(batch,
               static_cast<int>(std::min(1 + records / worthathread, static_cast<std::size_t>(std::max(threads, 1)))),
               [&](std::size_t place, int worker) { each(batch, place, worker); });
-    if (!after(batch)) return;
+    if (!after(batch)) return true;
   }
 }
 
-// Calls each(unit, worker) for every level-3 unit of the source.
+// Calls each(unit, worker) for every level-3 unit of the source. False when the source has ended before its last unit.
 template <class Each>
-void overunits(const RecordSource& source, int threads, Each each) {
-  overbatches(
+[[nodiscard]] bool overunits(const RecordSource& source, int threads, Each each) {
+  return overbatches(
       source, threads, [](const auto&) {},
       [&](const std::vector<Level3Records>& batch, std::size_t place, int worker) { each(batch[place], worker); },
       [](const auto&) { return true; });

@@ -1,8 +1,5 @@
 #include "estimate/linear/aitken.h"
 
-#include "data/scratch.h"
-#include "driver/runrecord.h"
-
 namespace kdr {
 
 namespace {
@@ -28,10 +25,10 @@ bool takespart(const Series& s, std::ptrdiff_t at) { return (s.diagonal || s.x1[
 
 }  // namespace
 
-bool aitkenstep(const Pass& pass, double& ratio, const TauHistory& history) {
+bool aitkenstep(Pass& pass, double& ratio, const TauHistory& history) {
   const Series series[] = {
-      {run.est.taupi.data(), history.T1.data(), history.T2.data(), pass.p, run.model.restrictions.diagtaupi},
-      {run.est.taubeta.data(), history.L1.data(), history.L2.data(), pass.b, run.model.restrictions.diagtaubeta}};
+      {pass.est.taupi.data(), history.T1.data(), history.T2.data(), pass.p, pass.model().restrictions.diagtaupi},
+      {pass.est.taubeta.data(), history.L1.data(), history.L2.data(), pass.b, pass.model().restrictions.diagtaubeta}};
   int count = ratio != 0.0 ? 1 : 0;
   for (const Series& s : series)
     s.each([&](int, int, std::ptrdiff_t at) {

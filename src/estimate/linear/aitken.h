@@ -12,9 +12,9 @@ struct TauHistory {
   Array<double> L1, L2;  // b squared
 };
 
-// Extrapolates run.est.taupi and taubeta in place. `ratio` goes in as the ratio of successive changes of sigma2, 0.0
+// Extrapolates pass.est.taupi and taubeta in place. `ratio` goes in as the ratio of successive changes of sigma2, 0.0
 // when sigma2 is fixed, and comes back as lambda, the mean ratio over all elements that take part. Returns false, with
 // nothing changed, unless 0.01 < lambda <= 0.985.
-[[nodiscard]] bool aitkenstep(const Pass& pass, double& ratio, const TauHistory& history);
+[[nodiscard]] bool aitkenstep(Pass& pass, double& ratio, const TauHistory& history);
 
 }  // namespace kdr

@@ -1,21 +1,20 @@
 #include "estimate/linear/centering.h"
 
-#include "driver/runrecord.h"
 #include "kernel/sizes.h"
 
 namespace kdr {
 
-void centerlevel3() {
-  const int width = run.mdm.nvar3;
+void centerlevel3(const Model& model, MdmData& mdm) {
+  const int width = mdm.nvar3;
   for (int v = 1; v <= width; ++v) {
-    if (run.model.center3[at(v)] == 0) continue;
-    const double mean = run.mdm.mean3[at(v) - 1];
-    for (int k = 0; k < run.mdm.nunits3; ++k) run.mdm.level3[at(k) * at(width) + at(v) - 1] -= mean;
+    if (model.center3[at(v)] == Centering::none) continue;
+    const double mean = mdm.mean3[at(v) - 1];
+    for (int k = 0; k < mdm.nunits3; ++k) mdm.level3[at(k) * at(width) + at(v) - 1] -= mean;
   }
 }
 
-void centeraround(int mark, double grandmean, double* values, std::size_t n) {
-  if (mark == 0) return;
+void centeraround(Centering mark, double grandmean, double* values, std::size_t n) {
+  if (mark == Centering::none) return;
   for (std::size_t i = 0; i < n; ++i) values[i] -= grandmean;
 }
 

@@ -1,18 +1,19 @@
-// What centering takes off a value: mark 0 nothing, 1 the mean of its group, 2 the grand mean.
+// What centering takes off a value: nothing, the mean of its group, or the grand mean.
 #pragma once
 
-#include "kernel/array.h"
+#include "core/model.h"
+#include "data/mdmdata.h"
 
 namespace kdr {
 
-inline double centre(int mark, double groupmean, double grandmean) {
-  return mark == 1 ? groupmean : mark == 2 ? grandmean : 0.0;
+inline double centre(Centering mark, double groupmean, double grandmean) {
+  return mark == Centering::groupmean ? groupmean : mark == Centering::grandmean ? grandmean : 0.0;
 }
 
 // Takes the grand means off the level-3 variables with a mark, which are held in memory. Once for a run.
-void centerlevel3();
+void centerlevel3(const Model& model, MdmData& mdm);
 
 // n values of a variable, less what `mark` asks for with the grand mean in the place of any group's.
-void centeraround(int mark, double grandmean, double* values, std::size_t n);
+void centeraround(Centering mark, double grandmean, double* values, std::size_t n);
 
 }  // namespace kdr

@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <cmath>
 
-#include "driver/failures.h"
-#include "driver/runrecord.h"
 #include "estimate/linear/exploratory.h"
 #include "estimate/linear/usable.h"
 #include "kernel/matrix.h"
@@ -90,7 +88,7 @@ void fillcold(const Pass& pass, DataFold& fold, const double* hot, double* cold)
 // gramMM and gramMY from the sums of the level-3 units, whose B'B becomes full.
 void grandsums(Pass& pass) {
   Array<double> weights(pass.design.owner3.size());
-  for (int k = 0; k < run.mdm.nunits3; ++k) {
+  for (int k = 0; k < pass.mdm().nunits3; ++k) {
     mirror(pass.nbeta, pass.sumBB.row(k));
     level3weights(pass, k, weights.data());
     addsandwichW3(pass, weights.data(), pass.sumBB.row(k), pass.gramMM.data());
@@ -100,7 +98,7 @@ void grandsums(Pass& pass) {
 }
 
 void allocatesums(Pass& pass) {
-  const auto units = at(run.mdm.nunits3);
+  const auto units = at(pass.mdm().nunits3);
   pass.totalYY = 0.0;
   pass.emptyunits = 0;
   pass.gramMM.reset(square(pass.g));
@@ -110,14 +108,14 @@ void allocatesums(Pass& pass) {
   pass.sumYY.reset(units);
   pass.sumBB.reset(units, square(pass.nbeta));
   pass.sumBY.reset(units, at(pass.nbeta));
-  if (run.model.weighted) pass.sumBB2.reset(units, square(pass.nbeta));
+  if (pass.model().weighted) pass.sumBB2.reset(units, square(pass.nbeta));
   pass.scale3.reset(units);
   for (std::size_t k = 0; k < units; ++k)
-    pass.scale3[k] = run.model.weighted ? 1.0 / std::sqrt(run.weights.weight3[k]) : 1.0;
-  const bool withid = run.out.resfil1 || run.out.resfil2 || run.out.graph;
-  const bool withlevel2 = withid || haveexploratory();
-  openstore(pass.store,
-            {pass.p, pass.nbeta, at(run.mdm.nunits2), withid, withlevel2 ? run.mdm.nvar2 : 0, run.model.weighted});
+    pass.scale3[k] = pass.model().weighted ? 1.0 / std::sqrt(pass.weights().weight3[k]) : 1.0;
+  const bool withid = pass.analysis->wanted.unitrows;
+  const bool withlevel2 = withid || haveexploratory(pass.model());
+  openstore(pass.store, {pass.p, pass.nbeta, at(pass.mdm().nunits2), withid, withlevel2 ? pass.mdm().nvar2 : 0,
+                         pass.model().weighted, pass.mdm().numericids, pass.analysis->store, &pass.observer()});
 }
 
 }  // namespace
@@ -126,8 +124,8 @@ DataFold startfold(Pass& pass) {
   allocatesums(pass);
   DataFold fold{pass, {}, {}, {}, {}};
   fold.unit.AA.reset(productssize(pass.npi));
-  if (run.model.weighted) fold.unit.AA2.reset(productssize(pass.npi));
-  fold.unit.level2.reset(at(run.mdm.nvar2));
+  if (pass.model().weighted) fold.unit.AA2.reset(productssize(pass.npi));
+  fold.unit.level2.reset(at(pass.mdm().nvar2));
   fold.w2.reset(at(pass.nbeta));
   fold.Z1Z1.reset(square(pass.p));
   fold.inverse.reset(square(pass.p));
@@ -135,34 +133,35 @@ DataFold startfold(Pass& pass) {
 }
 
 void foldunit(DataFold& fold) {
-  checksignals();
   Pass& pass = fold.pass;
+  fold.givenup = fold.givenup || pass.observer().givesup();
   const UnitProducts& unit = fold.unit;
   ++pass.n2of[unit.k];
   pass.n1of[unit.k] += unit.nj;
   for (int m = 0; m < pass.nbeta; ++m) fold.w2[m] = level2entry(pass, at(m), unit.level2.data());
   addtolevel3(pass, fold, unit.k);
   double* hot = pass.store.hot.append();
-  fillhot(pass, fold, run.model.weighted ? 1.0 / std::sqrt(run.weights.weight2[fold.units]) : 1.0, hot);
+  fillhot(pass, fold, pass.model().weighted ? 1.0 / std::sqrt(pass.weights().weight2[fold.units]) : 1.0, hot);
   fillcold(pass, fold, hot, pass.store.cold.append());
-  if (run.model.weighted) fillweighted(pass, fold, unit.k, run.weights.weight2[fold.units]);
+  if (pass.model().weighted) fillweighted(pass, fold, unit.k, pass.weights().weight2[fold.units]);
   pass.emptyunits += unit.nj == 0;
   fold.records += at(unit.nj);
   ++fold.units;
 }
 
-void finishfold(DataFold& fold) {
+Failure finishfold(DataFold& fold) {
   Pass& pass = fold.pass;
   grandsums(pass);
   finishstore(pass.store);
-  run.mdm.nunits1 = static_cast<int>(fold.records);
-  pass.likeconstant = run.mdm.nunits1 * (0.5 * std::log(6.2831853));
+  pass.nunits1 = static_cast<int>(fold.records);
+  pass.likeconstant = pass.nunits1 * (0.5 * std::log(6.2831853));
+  return fold.givenup ? failed(abandoned) : storefailure(pass.store);
 }
 
-void datapass(Pass& pass, const UnitSource& next) {
+Failure datapass(Pass& pass, const UnitSource& next) {
   DataFold fold = startfold(pass);
-  while (next(fold.unit)) foldunit(fold);
-  finishfold(fold);
+  while (!fold.givenup && next(fold.unit)) foldunit(fold);
+  return finishfold(fold);
 }
 
 }  // namespace kdr

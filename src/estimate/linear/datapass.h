@@ -14,17 +14,18 @@ struct DataFold {
   Array<double> w2;  // [nbeta] the numbers in W2: column b of B is w2[b] times column owner2[b] of A
   Array<double> Z1Z1, inverse;
   std::size_t units = 0, records = 0;
+  bool givenup = false;  // by the observer
 };
 
-// Begins the sums and the store of `pass`, whose design stands. The store keeps identifiers and level-2 rows if the run
-// has a reader for them.
+// Begins the sums and the store of `pass`, whose design stands. The store keeps identifiers and level-2 rows for whom
+// they are wanted.
 [[nodiscard]] DataFold startfold(Pass& pass);
 // Takes fold.unit into the pass.
 void foldunit(DataFold& fold);
-// Ends the pass: sets run.mdm.nunits1 to the number of records and the constant of the likelihood.
-void finishfold(DataFold& fold);
+// Ends the pass: sets its number of records and the constant of its likelihood.
+[[nodiscard]] Failure finishfold(DataFold& fold);
 
-// All of it, over the units of `next`.
-void datapass(Pass& pass, const UnitSource& next);
+// All of it, over the units of `next`. Whether these ended before their time is for the caller to ask.
+[[nodiscard]] Failure datapass(Pass& pass, const UnitSource& next);
 
 }  // namespace kdr

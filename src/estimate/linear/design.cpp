@@ -1,21 +1,18 @@
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
+#include <string>
 
-#include "command/complete.h"
 #include "core/modelwalk.h"
-#include "driver/failures.h"
-#include "driver/runrecord.h"
 #include "estimate/linear/pass.h"
 #include "kernel/sizes.h"
 
 namespace kdr {
 
-void makedesign(Pass& pass) {
-  const Model& model = run.model;
-  pass.npi = run.model.coef.npi;
-  pass.nbeta = run.model.coef.nbeta;
-  pass.g = run.model.coef.ngamma;
+Failure makedesign(Pass& pass) {
+  const Model& model = pass.model();
+  pass.npi = model.coef.npi;
+  pass.nbeta = model.coef.nbeta;
+  pass.g = model.coef.ngamma;
   const int fullgamma = pass.g + model.nconstrained;
 
   Design& design = pass.design;
@@ -30,9 +27,9 @@ void makedesign(Pass& pass) {
   pass.nfixedterms.reset(at(pass.npi));
   pass.nterms3reduced.reset(at(pass.nbeta));
 
-  pass.b = randomlevel2();
+  const ModelRows rows = modelrows(model);
+  pass.b = randomatlevel3(rows);
   pass.p = 0;
-  const ModelRows rows = modelrows();
   int nextrandom = 0, nextfixed = pass.b;  // next column of B of either group
   for (std::size_t i = 0; i < rows.terms.size(); ++i) {
     const TermRow& term = rows.terms[i];
@@ -59,15 +56,15 @@ void makedesign(Pass& pass) {
   const std::vector<int> reduced = reducedeffects(rows);
   std::copy(reduced.begin(), reduced.end(), design.reduced.begin());
 
-  if (pass.b == 0) std::printf("Nothing left at beta level.\n");
-  if (pass.p == 0) std::printf("Nothing left at pi level.\n");
-  if (pass.b == 0 || pass.p == 0) stopwith("Some variables must be specified as random.\n");
-  run.model.coef.ntaupi = pass.p;
-  run.model.coef.ntaubeta = pass.b;
+  if (pass.b != 0 && pass.p != 0) return {};
+  std::string words;
+  if (pass.b == 0) words += "Nothing left at beta level.\n";
+  if (pass.p == 0) words += "Nothing left at pi level.\n";
+  return failedwith(words + "Some variables must be specified as random.\n");
 }
 
 void level3weights(const Pass& pass, int k, double* weights) {
-  const double* row = run.mdm.level3.data() + at(k) * at(run.mdm.nvar3);
+  const double* row = pass.mdm().level3.data() + at(k) * at(pass.mdm().nvar3);
   const Design& design = pass.design;
   for (std::size_t i = 0; i < design.variable3.size(); ++i) {
     const int variable = design.variable3[i];
@@ -103,7 +100,7 @@ void level2coefficients(const Pass& pass, const double* level2, const double* th
 }
 
 void addlevel2effects(const Pass& pass, std::size_t unit, const double* ustar, double* beta) {
-  const double scale = run.model.weighted ? 1.0 / std::sqrt(run.weights.weight2[unit]) : 1.0;
+  const double scale = pass.model().weighted ? 1.0 / std::sqrt(pass.weights().weight2[unit]) : 1.0;
   for (std::size_t i = 0; i < at(pass.p); ++i) beta[pass.design.random1[i]] += scale * ustar[i];
 }
 

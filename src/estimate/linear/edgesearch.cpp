@@ -2,8 +2,6 @@
 
 #include <cmath>
 
-#include "driver/failures.h"
-#include "driver/runrecord.h"
 #include "estimate/linear/emstep.h"
 #include "estimate/linear/fisher.h"
 #include "kernel/decompositions.h"
@@ -19,7 +17,7 @@ constexpr int maxsteps = 30;     // for one height of the barrier
 constexpr int maxhalvings = 30;  // of one step
 
 // The log-likelihood at the variance components at hand, with the fixed effects that are best there, and the
-// log-determinants of the taus. Those effects are left in run.est.
+// log-determinants of the taus. Those effects are left in pass.est.
 struct Height {
   bool known = false;
   double loglik = 0.0, logdets = 0.0;
@@ -30,14 +28,14 @@ Height height(Pass& pass) {
   Height result;
   Array<double> S, Sb;
   double logdetT = 0.0, logdetL = 0.0;
-  if (!usableestimates(pass) || scaleinverse(run.est.taupi.data(), pass.p, run.est.sigma2, S, logdetT) != 0 ||
-      scaleinverse(run.est.taubeta.data(), pass.b, run.est.sigma2, Sb, logdetL) != 0)
+  if (!usableestimates(pass) || scaleinverse(pass.est.taupi.data(), pass.p, pass.est.sigma2, S, logdetT) != 0 ||
+      scaleinverse(pass.est.taubeta.data(), pass.b, pass.est.sigma2, Sb, logdetL) != 0)
     return result;
   for (const bool last : {false, true}) {  // the fixed effects, then the log-likelihood at them
     PosteriorSums sums;
-    const PosteriorInput input{run.est.sigma2, run.est.gammahat.data(), S.data(), Sb.data(), nullptr, false};
+    const PosteriorInput input{pass.est.sigma2, pass.est.gammahat.data(), S.data(), Sb.data(), nullptr, false};
     if (posteriorsweep(pass, input, sums) != PosteriorResult::ok) return result;
-    if (last) result.loglik = loglikelihood(pass, sums, run.mdm.nunits2 * logdetT, run.mdm.nunits3 * logdetL);
+    if (last) result.loglik = loglikelihood(pass, sums, pass.mdm().nunits2 * logdetT, pass.mdm().nunits3 * logdetL);
     if (!last && !glsupdate(pass, sums)) return result;
   }
   result.logdets = logdetT + logdetL;
@@ -64,8 +62,8 @@ void addbarrier(FisherWork& fisher, int first, const Array<double>& t, int n, do
 // The scoring step at the estimates at hand, and the rise that it promises; negative when there is none.
 double scoringstep(Pass& pass, FisherWork& fisher, double barrier, Array<double>& step) {
   if (!fisherpoint(pass, fisher)) return -1.0;
-  addbarrier(fisher, 0, run.est.taupi, pass.p, barrier);
-  addbarrier(fisher, static_cast<int>(packedsize(pass.p)), run.est.taubeta, pass.b, barrier);
+  addbarrier(fisher, 0, pass.est.taupi, pass.p, barrier);
+  addbarrier(fisher, static_cast<int>(packedsize(pass.p)), pass.est.taubeta, pass.b, barrier);
   if (!invertinformation(fisher, false)) return -1.0;
   step = scoringdirection(fisher);
   double rise = 0.0;
@@ -76,11 +74,11 @@ double scoringstep(Pass& pass, FisherWork& fisher, double barrier, Array<double>
 // Climbs to the maximum behind a barrier. False when it got no further.
 bool climb(Pass& pass, FisherWork& fisher, double barrier, Height& now) {
   Array<double> step;
-  for (int steps = 0; steps < maxsteps && !interrupted(); ++steps) {
+  for (int steps = 0; steps < maxsteps && !pass.observer().wantsstop(); ++steps) {
     const double rise = scoringstep(pass, fisher, barrier, step);
     if (rise < 0.0) return false;
     if (rise < 0.1 * barrier) return true;
-    const Estimates start = run.est.copy();
+    const Estimates start = pass.est.copy();
     Height next;
     double factor = 1.0;
     int halvings = 0;
@@ -88,10 +86,10 @@ bool climb(Pass& pass, FisherWork& fisher, double barrier, Height& now) {
       moveestimates(pass, start, step, factor);
       next = height(pass);
       if (next.known && next.with(barrier) >= now.with(barrier) + 1.0e-4 * factor * rise) break;
-      run.est.gammahat = start.gammahat.copy();
+      pass.est.gammahat = start.gammahat.copy();
     }
     if (halvings == maxhalvings) {
-      run.est = start.copy();
+      pass.est = start.copy();
       return false;
     }
     now = next;
@@ -110,7 +108,7 @@ bool nearedge(Pass& pass) {
 }
 
 double searchedge(Pass& pass, double least) {
-  Estimates before = run.est.copy();
+  Estimates before = pass.est.copy();
   FisherWork fisher;
   sizefisher(pass, fisher);
   const Height start = height(pass);
@@ -120,7 +118,7 @@ double searchedge(Pass& pass, double least) {
       if (!climb(pass, fisher, barrier, now)) break;
     if (now.loglik > start.loglik + least) return now.loglik - start.loglik;
   }
-  run.est = std::move(before);
+  pass.est = std::move(before);
   return 0.0;
 }
 

@@ -13,13 +13,13 @@ struct EmSums {
 };
 
 // Updates gammahat, vgamma, taupi, taubeta (the per-unit `hettaupi` in the heterogeneous stage, null otherwise) and the
-// log-likelihood, which belongs to the parameters that the step began with. Raises 11, 12 and 15 for what cannot be
+// log-likelihood, which belongs to the parameters that the step began with. Failures 11, 12 and 15 for what cannot be
 // inverted.
-void emstep(Pass& pass, Likelihood& likelihood, EmSums& sums, UnitTable<double>* hettaupi);
+[[nodiscard]] Failure emstep(Pass& pass, Likelihood& likelihood, EmSums& sums, UnitTable<double>* hettaupi);
 
 // The generalised least-squares update: vgamma = A^-1, gammahat = vgamma c. Returns false, with both as they were, when
 // A is not usable.
-[[nodiscard]] bool glsupdate(const Pass& pass, const PosteriorSums& sums);
+[[nodiscard]] bool glsupdate(Pass& pass, const PosteriorSums& sums);
 
 // The variance components are ones that a step can go on from.
 [[nodiscard]] bool usableestimates(const Pass& pass);

@@ -1,12 +1,11 @@
 #include "estimate/linear/exploratory.h"
 
+#include <algorithm>
 #include <cmath>
 #include <vector>
 
 #include "core/modelwalk.h"
-#include "driver/runrecord.h"
 #include "kernel/sizes.h"
-#include "report/exploratorytables.h"
 
 namespace kdr {
 
@@ -39,10 +38,10 @@ struct Products {
 };
 
 Products level2products(Pass& pass) {
-  const int p = pass.p, m = run.mdm.nvar2;
+  const int p = pass.p, m = pass.mdm().nvar2;
   Products products;
   products.reset(p, m);
-  Array<double> meanu(at(run.mdm.nunits3) * at(p)), meanx(at(run.mdm.nunits3) * at(m));
+  Array<double> meanu(at(pass.mdm().nunits3) * at(p)), meanx(at(pass.mdm().nunits3) * at(m));
   const auto nothing = [](int) {};
   sweepunits(
       pass.n2of, nothing,
@@ -66,19 +65,19 @@ Products level2products(Pass& pass) {
 }
 
 Products level3products(const Pass& pass) {
-  const int b = pass.b, m = run.mdm.nvar3, units = run.mdm.nunits3;
+  const int b = pass.b, m = pass.mdm().nvar3, units = pass.mdm().nunits3;
   Products products;
   products.reset(b, m);
   Array<double> meanv(at(b)), meanx(at(m)), dv(at(b)), dx(at(m));
   for (int k = 0; k < units; ++k) {
     for (int c = 0; c < b; ++c) meanv[c] += pass.vstar.row(k)[c] / units;
-    for (int x = 0; x < m; ++x) meanx[x] += run.mdm.level3[k * m + x] / units;
+    for (int x = 0; x < m; ++x) meanx[x] += pass.mdm().level3[k * m + x] / units;
   }
   for (int k = 0; k < units; ++k) {
     for (int c = 0; c < b; ++c) dv[c] = pass.vstar.row(k)[c] - meanv[c];
-    for (int x = 0; x < m; ++x) dx[x] = run.mdm.level3[k * m + x] - meanx[x];
+    for (int x = 0; x < m; ++x) dx[x] = pass.mdm().level3[k * m + x] - meanx[x];
     products.add(dv.data(), dx.data());
-    for (int x = 0; x < m; ++x) products.rawx[x] += squared(run.mdm.level3[k * m + x]);
+    for (int x = 0; x < m; ++x) products.rawx[x] += squared(pass.mdm().level3[k * m + x]);
   }
   return products;
 }
@@ -112,34 +111,38 @@ ExploratoryBlock block(const Products& products, int level, int c, const int* va
 void level2analysis(Pass& pass, std::vector<ExploratoryBlock>& blocks) {
   const Products products = level2products(pass);
   int c = 0;
-  for (const CoefficientRow& coefficient : modelrows().coefficients) {
+  for (const CoefficientRow& coefficient : modelrows(pass.model()).coefficients) {
     if (!coefficient.random) continue;
-    blocks.push_back(block(products, 2, c++, run.model.extra2.row(coefficient.set, coefficient.place),
-                           run.model.nextra2.row(coefficient.set)[coefficient.place], run.mdm.nunits2));
+    blocks.push_back(block(products, 2, c++, pass.model().extra2.row(coefficient.set, coefficient.place),
+                           pass.model().nextra2.row(coefficient.set)[coefficient.place], pass.mdm().nunits2));
   }
 }
 
 void level3analysis(const Pass& pass, std::vector<ExploratoryBlock>& blocks) {
   const Products products = level3products(pass);
   int c = 0;
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(pass.model());
   for (const TermRow& term : rows.terms) {
     if (!term.random) continue;
     const int set = rows.owner(term).set;
-    blocks.push_back(block(products, 3, c++, run.model.extra3.row(set, term.place),
-                           run.model.nextra3.row(set)[term.place], run.mdm.nunits3));
+    blocks.push_back(block(products, 3, c++, pass.model().extra3.row(set, term.place),
+                           pass.model().nextra3.row(set)[term.place], pass.mdm().nunits3));
   }
 }
 
 }  // namespace
 
-bool haveexploratory() { return mostcandidates(run.model.nextra2) > 0 || mostcandidates(run.model.nextra3) > 0; }
+int mostcandidates(const IntTable& counts) { return *std::max_element(counts.cells.begin(), counts.cells.end()); }
 
-void exploratory(Pass& pass) {
+bool haveexploratory(const Model& model) {
+  return mostcandidates(model.nextra2) > 0 || mostcandidates(model.nextra3) > 0;
+}
+
+ExploratoryAnalysis exploratory(Pass& pass) {
   ExploratoryAnalysis analysis;
-  if (mostcandidates(run.model.nextra2) > 0) level2analysis(pass, analysis.level2);
-  if (mostcandidates(run.model.nextra3) > 0) level3analysis(pass, analysis.level3);
-  exploratorytables(analysis);
+  if (mostcandidates(pass.model().nextra2) > 0) level2analysis(pass, analysis.level2);
+  if (mostcandidates(pass.model().nextra3) > 0) level3analysis(pass, analysis.level3);
+  return analysis;
 }
 
 }  // namespace kdr

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cmath>
 
-#include "driver/runrecord.h"
 #include "estimate/linear/emstep.h"
 #include "estimate/linear/posterior.h"
 #include "estimate/linear/usable.h"
@@ -24,14 +23,14 @@ struct Inverses {
 
 Inverses invert(const Pass& pass) {
   Inverses inv;
-  [[maybe_unused]] const int t = scaleinverse(run.est.taupi.data(), pass.p, run.est.sigma2, inv.S, inv.logdetT);
-  [[maybe_unused]] const int l = scaleinverse(run.est.taubeta.data(), pass.b, run.est.sigma2, inv.Sb, inv.logdetL);
-  inv.logdetT *= run.mdm.nunits2;
-  inv.logdetL *= run.mdm.nunits3;
+  [[maybe_unused]] const int t = scaleinverse(pass.est.taupi.data(), pass.p, pass.est.sigma2, inv.S, inv.logdetT);
+  [[maybe_unused]] const int l = scaleinverse(pass.est.taubeta.data(), pass.b, pass.est.sigma2, inv.Sb, inv.logdetL);
+  inv.logdetT *= pass.mdm().nunits2;
+  inv.logdetL *= pass.mdm().nunits3;
   inv.Ti = inv.S.copy();
   inv.Li = inv.Sb.copy();
-  for (double& x : inv.Ti) x /= run.est.sigma2;
-  for (double& x : inv.Li) x /= run.est.sigma2;
+  for (double& x : inv.Ti) x /= pass.est.sigma2;
+  for (double& x : inv.Li) x /= pass.est.sigma2;
   return inv;
 }
 
@@ -136,7 +135,7 @@ void addunits(InformationSums& sums, const Level3Posterior& unit, const double* 
   FF.fill(0.0);
   // The pairs with j = l are in Y'(E (x) E)Y already, so B_jj (x) B_jj is taken off again.
   unitloops().scoring(unit.records,
-                      {sums.inv->Ti.data(), unit.E.data(), run.est.sigma2, unit.z, sums.TT.data(), FF.data()});
+                      {sums.inv->Ti.data(), unit.E.data(), sums.pass->est.sigma2, unit.z, sums.TT.data(), FF.data()});
   for (int i = 0; i < p; ++i)  // the sum of R_j' FE R_j, from the moments of R_j
     for (int l = 0; l < p; ++l)
       for (int a = 0; a < b; ++a)
@@ -145,13 +144,13 @@ void addunits(InformationSums& sums, const Level3Posterior& unit, const double* 
   for (std::size_t i = 0; i < FF.size(); ++i) {
     sums.ss += FF[i] * sums.inv->Ti[i];
     // T^-1 (sum V_j - s FF) T^-1 is formed once, at the end.
-    sums.Ts[i] += unit.PP[i] - run.est.sigma2 * FF[i];
+    sums.Ts[i] += unit.PP[i] - sums.pass->est.sigma2 * FF[i];
   }
 }
 
 void addlevel3unit(InformationSums& sums, const Pass& pass, const Level3Posterior& unit) {
   const int p = pass.p, b = pass.b, pp = p * p, bb = b * b;
-  const double s = run.est.sigma2;
+  const double s = pass.est.sigma2;
   const double* Ti = sums.inv->Ti.data();
   const double* Li = sums.inv->Li.data();
   const double* E = unit.E.data();
@@ -256,22 +255,22 @@ double tracedot(const Array<double>& X, const double* Y) { return dot(X.data(), 
 // The score from expected moments: 1/2 T^-1 (sum u u' + s V_j - J2 T) T^-1 and its like, and for sigma2
 // 1/2 [rss/s^2 - (N - J2 p - J3 b)/s - tr(L^-1 sum E) - tr(T^-1 sum V)].
 void fillscore(const Pass& pass, const Inverses& inv, const PosteriorSums& sums, FisherWork& fisher) {
-  const double s = run.est.sigma2;
+  const double s = pass.est.sigma2;
   fisher.score.fill(0.0);
   if (pass.fixsigma2 == 0.0)
     fisher.score[at(fisher.NT) - 1] =
         sums.rss / (s * s) -
-        (static_cast<double>(run.mdm.nunits1) - static_cast<double>(run.mdm.nunits2) * pass.p -
-         static_cast<double>(run.mdm.nunits3) * pass.b) /
+        (static_cast<double>(pass.nunits1) - static_cast<double>(pass.mdm().nunits2) * pass.p -
+         static_cast<double>(pass.mdm().nunits3) * pass.b) /
             s -
         tracedot(inv.Li, sums.sumDinv.data()) - tracedot(inv.Ti, sums.PP.data());
   Array<double> X(square(pass.b));
   for (std::size_t i = 0; i < X.size(); ++i) X[i] = sums.VV[i] + s * sums.sumDinv[i];
-  for (std::size_t i = 0; i < X.size(); ++i) X[i] -= run.mdm.nunits3 * run.est.taubeta[i];
+  for (std::size_t i = 0; i < X.size(); ++i) X[i] -= pass.mdm().nunits3 * pass.est.taubeta[i];
   addscore(fisher.score.data(), static_cast<int>(packedsize(pass.p)), inv.Li.data(), X.data(), pass.b);
   X.reset(square(pass.p));
   for (std::size_t i = 0; i < X.size(); ++i) X[i] = sums.UU[i] + s * sums.PP[i];
-  for (std::size_t i = 0; i < X.size(); ++i) X[i] -= run.mdm.nunits2 * run.est.taupi[i];
+  for (std::size_t i = 0; i < X.size(); ++i) X[i] -= pass.mdm().nunits2 * pass.est.taupi[i];
   addscore(fisher.score.data(), 0, inv.Ti.data(), X.data(), pass.p);
   for (double& x : fisher.score) x *= 0.5;
 }
@@ -279,7 +278,8 @@ void fillscore(const Pass& pass, const Inverses& inv, const PosteriorSums& sums,
 // One sweep at the estimates at hand, which fills the information.
 bool sweepinformation(Pass& pass, const Inverses& inv, bool keepmeans, PosteriorSums& sums, FisherWork& fisher) {
   InformationSums info = makesums(pass, inv);
-  const PosteriorInput input{run.est.sigma2, run.est.gammahat.data(), inv.S.data(), inv.Sb.data(), nullptr, keepmeans};
+  const PosteriorInput input{pass.est.sigma2, pass.est.gammahat.data(), inv.S.data(), inv.Sb.data(), nullptr,
+                             keepmeans};
   const auto visit = [&](const Level3Posterior& unit) { addlevel3unit(info, pass, unit); };
   if (posteriorsweep(pass, input, sums, visit) != PosteriorResult::ok) return false;
   fillinformation(pass, info, fisher);
@@ -294,17 +294,17 @@ struct OuterScores {
 };
 
 void addouterscore(OuterScores& outer, const Pass& pass, const Level3Posterior& unit) {
-  const double s = run.est.sigma2;
+  const double s = pass.est.sigma2;
   const int NT = outer.fisher->NT, p = pass.p, b = pass.b;
   Array<double>& score = outer.score;
   score.fill(0.0);
   Array<double> X(square(b));
   for (int i = 0; i < b; ++i)
     for (int j = 0; j < b; ++j)
-      X[i * b + j] = unit.v[i] * unit.v[j] + s * unit.E[i * b + j] - run.est.taubeta[i * b + j];
+      X[i * b + j] = unit.v[i] * unit.v[j] + s * unit.E[i * b + j] - pass.est.taubeta[i * b + j];
   addscore(score.data(), static_cast<int>(packedsize(p)), outer.inv->Li.data(), X.data(), b);
   X.reset(square(p));
-  for (std::size_t i = 0; i < X.size(); ++i) X[i] = unit.UU[i] + s * unit.PP[i] - unit.units * run.est.taupi[i];
+  for (std::size_t i = 0; i < X.size(); ++i) X[i] = unit.UU[i] + s * unit.PP[i] - unit.units * pass.est.taupi[i];
   addscore(score.data(), 0, outer.inv->Ti.data(), X.data(), p);
   if (pass.fixsigma2 == 0.0)
     score[at(NT) - 1] = unit.rss / (s * s) -
@@ -320,7 +320,7 @@ void addouterscore(OuterScores& outer, const Pass& pass, const Level3Posterior& 
 }  // namespace
 
 void makefisher(const Pass& pass, FisherWork& fisher) {
-  if (run.control.fishertype != 0) sizefisher(pass, fisher);
+  if (pass.control().fishertype != 0) sizefisher(pass, fisher);
 }
 
 void sizefisher(const Pass& pass, FisherWork& fisher) {
@@ -328,7 +328,7 @@ void sizefisher(const Pass& pass, FisherWork& fisher) {
   fisher.information.reset(square(fisher.NT));
   fisher.invinformation.reset(square(fisher.NT));
   fisher.score.reset(at(fisher.NT));
-  fisher.restriction = allrestriction(pass.fixsigma2 == 0.0);
+  fisher.restriction = allrestriction(pass.model(), pass.fixsigma2 == 0.0);
 }
 
 bool invertinformation(FisherWork& fisher, bool strict) {
@@ -361,20 +361,20 @@ Array<double> scoringdirection(const FisherWork& fisher) {
   return d;
 }
 
-void moveestimates(const Pass& pass, const Estimates& start, const Array<double>& step, double factor) {
+void moveestimates(Pass& pass, const Estimates& start, const Array<double>& step, double factor) {
   const double* d = step.data();
-  run.est.taupi = start.taupi.copy();
-  run.est.taubeta = start.taubeta.copy();
-  addtriangle(run.est.taupi.data(), pass.p, d, factor);
-  addtriangle(run.est.taubeta.data(), pass.b, d + packedsize(pass.p), factor);
-  run.est.sigma2 = start.sigma2 + factor * step[step.size() - 1];
+  pass.est.taupi = start.taupi.copy();
+  pass.est.taubeta = start.taubeta.copy();
+  addtriangle(pass.est.taupi.data(), pass.p, d, factor);
+  addtriangle(pass.est.taubeta.data(), pass.b, d + packedsize(pass.p), factor);
+  pass.est.sigma2 = start.sigma2 + factor * step[step.size() - 1];
 }
 
-bool stepstays(const Pass& pass, const Array<double>& step, double factor) {
-  Estimates here = run.est.copy();
+bool stepstays(Pass& pass, const Array<double>& step, double factor) {
+  Estimates here = pass.est.copy();
   moveestimates(pass, here, step, factor);
   const bool usable = usableestimates(pass);
-  run.est = std::move(here);
+  pass.est = std::move(here);
   return usable;
 }
 
@@ -392,11 +392,11 @@ bool fisherouter(Pass& pass, FisherWork& fisher, Likelihood& likelihood) {
   fisher.score.fill(0.0);
   OuterScores outer{&inv, &fisher, Array<double>(at(fisher.NT))};
   PosteriorSums sums;
-  const PosteriorInput input{run.est.sigma2, run.est.gammahat.data(), inv.S.data(), inv.Sb.data(), nullptr, true};
+  const PosteriorInput input{pass.est.sigma2, pass.est.gammahat.data(), inv.S.data(), inv.Sb.data(), nullptr, true};
   const auto visit = [&](const Level3Posterior& unit) { addouterscore(outer, pass, unit); };
   if (posteriorsweep(pass, input, sums, visit) != PosteriorResult::ok) return false;
   // Outer products of fewer units than parameters are singular, whatever rounding makes of their determinant.
-  const bool inverted = run.mdm.nunits3 >= fisher.restriction.nfree && invertinformation(fisher, false);
+  const bool inverted = pass.mdm().nunits3 >= fisher.restriction.nfree && invertinformation(fisher, false);
   likelihood = {likelihood.current, loglikelihood(pass, sums, inv.logdetT, inv.logdetL)};
   // An unusable generalised cross-product leaves gammahat as it was; the step stands on the variance components.
   [[maybe_unused]] const bool updated = glsupdate(pass, sums);
@@ -404,8 +404,8 @@ bool fisherouter(Pass& pass, FisherWork& fisher, Likelihood& likelihood) {
 }
 
 bool fisherstep(Pass& pass, FisherWork& fisher, Likelihood& likelihood, bool closing) {
-  return run.control.fishertype == 2 ? fisherfull(pass, fisher, likelihood, closing)
-                                     : fisherouter(pass, fisher, likelihood);
+  return pass.control().fishertype == 2 ? fisherfull(pass, fisher, likelihood, closing)
+                                        : fisherouter(pass, fisher, likelihood);
 }
 
 }  // namespace kdr

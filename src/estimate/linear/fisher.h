@@ -39,10 +39,10 @@ struct Likelihood {
 
 // The step [NT] that inverse information and score make.
 [[nodiscard]] Array<double> scoringdirection(const FisherWork& fisher);
-// run.est = start + factor step; the fixed effects stay.
-void moveestimates(const Pass& pass, const Estimates& start, const Array<double>& step, double factor);
+// pass.est = start + factor step; the fixed effects stay.
+void moveestimates(Pass& pass, const Estimates& start, const Array<double>& step, double factor);
 // Whether the variance components would be usable ones after factor times the step; they stay where they are.
-[[nodiscard]] bool stepstays(const Pass& pass, const Array<double>& step, double factor);
+[[nodiscard]] bool stepstays(Pass& pass, const Array<double>& step, double factor);
 
 // Expected information (fishertype 2). Returns false when a matrix cannot be inverted or the information is not usable.
 // With `closing` it stops after inverse information and score and changes only these, dinv and C_j^-1; otherwise it

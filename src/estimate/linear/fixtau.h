@@ -1,7 +1,9 @@
 // The tau matrices between their updates: fixed and equal elements, and the repair of an unusable starting value.
 #pragma once
 
-#include "core/tables.h"
+#include "core/failure.h"
+#include "core/model.h"
+#include "estimate/linear/pass.h"
 #include "kernel/array.h"
 
 namespace kdr {
@@ -11,13 +13,17 @@ void applyfixed(double* t, int n, const Array<double>& est);
 // The elements of each equality group of the packed codes take the group's mean.
 void applyequal(int n, double* t, const Array<int>& codes);
 
-// What a run asks of its tau matrices: ESTTAU2:, CONTAU2: and DIAGONALIZETAUPI:, and their level-3 twins.
-void applytaupi(double* taupi);
-void applytaubeta(double* taubeta);
+// What a model asks of its tau matrices: ESTTAU2:, CONTAU2: and DIAGONALIZETAUPI:, and their level-3 twins.
+void applytaupi(const Model& model, double* taupi);
+void applytaubeta(const Model& model, double* taubeta);
 
-// Repairs t (n by n), derived from the squared residuals `moments`, by the action `code` (fixtau2 or fixtau3): 1 clears
-// the off-diagonals, 3 is the automatic fix-up, 4 stops the run, others ask at the console. Returns with a usable t, or
-// stops with code 100. The dialogue may change run.est.gammahat and sigma2.
-void fixtau(double* t, int n, const Array<double>& moments, int code, double& sigma2, Tau which);
+// What holds element (i, j) of a tau of order n: `est` and `codes` are null where nothing does.
+[[nodiscard]] bool fixedelement(const Array<double>* est, int n, int i, int j);
+[[nodiscard]] bool equalelement(const Array<int>* codes, int i, int j);
+[[nodiscard]] bool freeelement(const Array<double>* est, const Array<int>* codes, int n, int i, int j);
+
+// Repairs a tau of the pass, derived from the squared residuals `moments`, by the action `code`; what is no standing
+// action asks the observer, who may change gammahat and sigma2 as well. Fails where no repair helps.
+[[nodiscard]] Failure fixtau(Pass& pass, Tau which, const Array<double>& moments, FixTau code);
 
 }  // namespace kdr

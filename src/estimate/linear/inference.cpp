@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "core/modelwalk.h"
-#include "driver/runrecord.h"
+#include "estimate/inference/teststatistics.h"
 #include "estimate/linear/usable.h"
 #include "kernel/matrix.h"
 #include "kernel/products.h"
@@ -19,28 +19,14 @@ namespace {
 template <class Use>
 void eachwithin(Pass& pass, Use use) {
   Array<double> inverse(square(pass.b));
-  for (int k = 0; k < run.mdm.nunits3; ++k)
+  for (int k = 0; k < pass.mdm().nunits3; ++k)
     use(k, invertcovariance(pass.within.row(k), pass.b, inverse.data()) ? inverse.data() : nullptr);
-}
-
-// 0 for a fixed element, missingcode for one whose variance could not be had.
-double standarderror(const FisherWork& fisher, std::size_t element) {
-  if (fisher.restriction.free[element] < 0) return 0.0;
-  const double variance = fisher.invinformation[element * at(fisher.NT) + element];
-  return variance > 0.0 ? std::sqrt(variance) : missingcode;
-}
-
-Array<double> errormatrix(const FisherWork& fisher, std::size_t first, int n) {
-  Array<double> matrix(square(n));
-  for (int i = 0; i < n; ++i)
-    for (int j = 0; j <= i; ++j) matrix[i * n + j] = matrix[j * n + i] = standarderror(fisher, first++);
-  return matrix;
 }
 
 // What a scoring step from the estimates would move, in standard errors: the largest over its elements. A step that
 // leaves the space of covariance matrices is halved, as the iterations halve it; 0 when it leaves it all the same, from
 // estimates at its edge.
-double stepleft(const Pass& pass, const FisherWork& fisher) {
+double stepleft(Pass& pass, const FisherWork& fisher) {
   constexpr int tries = 6;
   const Array<double> d = scoringdirection(fisher);
   double largest = 0.0;
@@ -58,12 +44,12 @@ double stepleft(const Pass& pass, const FisherWork& fisher) {
 
 TauErrors tauerrors(Pass& pass, FisherWork& fisher, Likelihood& likelihood) {
   TauErrors errors;
-  errors.asked = run.control.fishertype != 0;
+  errors.asked = pass.control().fishertype != 0;
   if (!errors.asked) return errors;
   errors.known = fisherstep(pass, fisher, likelihood, true);
   if (!errors.known) return errors;
-  errors.taupi = errormatrix(fisher, 0, pass.p);
-  errors.taubeta = errormatrix(fisher, packedsize(pass.p), pass.b);
+  errors.taupi = standarderrors(fisher.invinformation, fisher.NT, 0, pass.p);
+  errors.taubeta = standarderrors(fisher.invinformation, fisher.NT, packedsize(pass.p), pass.b);
   errors.order = fisher.NT - 1;
   errors.covariance.reset(square(errors.order));
   for (int i = 0; i < errors.order; ++i)
@@ -80,8 +66,8 @@ Reliabilities reliabilities(Pass& pass) {
   Reliabilities rel{Array<double>(at(p)), Array<double>(at(b)), 0, 0};
   Array<double> inverse(square(p));
   // rel += tau[i][i] / (s variance[i][i] + tau[i][i])
-  const auto add = [](Array<double>& sum, const Array<double>& tau, const double* variance, int n) {
-    for (int i = 0; i < n; ++i) sum[i] += tau[i * n + i] / (run.est.sigma2 * variance[i * n + i] + tau[i * n + i]);
+  const auto add = [&](Array<double>& sum, const Array<double>& tau, const double* variance, int n) {
+    for (int i = 0; i < n; ++i) sum[i] += tau[i * n + i] / (pass.est.sigma2 * variance[i * n + i] + tau[i * n + i]);
   };
   const auto nothing = [](int) {};
   sweepunits(
@@ -90,13 +76,13 @@ Reliabilities reliabilities(Pass& pass) {
         if (!usableunit(pass.store, cold)) return;
         ++rel.units2;
         unpack(p, cold + pass.store.atinverse, inverse.data());
-        add(rel.level2, run.est.taupi, inverse.data(), p);
+        add(rel.level2, pass.est.taupi, inverse.data(), p);
       },
       nothing, reading(pass.store.cold));
   eachwithin(pass, [&](int, const double* within) {
     if (within == nullptr) return;
     ++rel.units3;
-    add(rel.level3, run.est.taubeta, within, b);
+    add(rel.level3, pass.est.taubeta, within, b);
   });
   for (double& r : rel.level2) r /= rel.units2;
   for (double& r : rel.level3) r /= rel.units3;
@@ -105,10 +91,9 @@ Reliabilities reliabilities(Pass& pass) {
 
 VarianceTests variancetests(Pass& pass) {
   const int p = pass.p, b = pass.b;
-  const double s = run.est.sigma2;
+  const double s = pass.est.sigma2;
   VarianceTests tests;
-  tests.chisq2.reset(at(p));
-  tests.chisq3.reset(at(b));
+  Array<double> chisq2(at(p)), chisq3(at(b));
   pass.vlsq.reset(pass.n2of.size(), at(b));
   eachwithin(pass, [&](int k, const double* inverse) {
     double* vlsq = pass.vlsq.row(k);
@@ -118,7 +103,7 @@ VarianceTests variancetests(Pass& pass) {
     }
     ++tests.units3;
     mulAB(vlsq, inverse, pass.vright.row(k), b, 1, b);
-    for (int i = 0; i < b; ++i) tests.chisq3[i] += vlsq[i] * vlsq[i] / (s * inverse[i * b + i]);
+    for (int i = 0; i < b; ++i) chisq3[i] += vlsq[i] * vlsq[i] / (s * inverse[i * b + i]);
   });
 
   UnitMeans means = makeunitmeans(pass);
@@ -128,7 +113,7 @@ VarianceTests variancetests(Pass& pass) {
       pass.n2of,
       [&](int k) {
         usable3 = pass.vlsq.row(k)[0] != missingcode;
-        if (usable3) takeunitmeans(pass, k, run.est.gammahat.data(), pass.vlsq.row(k), means);
+        if (usable3) takeunitmeans(pass, k, pass.est.gammahat.data(), pass.vlsq.row(k), means);
       },
       [&](int, std::size_t, const double* hot, const double* cold) {
         if (!usable3 || !usableunit(pass.store, cold)) return;
@@ -138,16 +123,15 @@ VarianceTests variancetests(Pass& pass) {
         for (int i = 0; i < p; ++i) {
           double ols = 0.0;
           for (int l = 0; l < p; ++l) ols += inverse[i * p + l] * a[l];
-          tests.chisq2[i] += ols * ols / (s * inverse[i * p + i]);
+          chisq2[i] += ols * ols / (s * inverse[i * p + i]);
         }
       },
       [](int) {}, reading(pass.store.hot), reading(pass.store.cold));
 
-  tests.df2.reset(at(p));
-  tests.df3.reset(at(b));
   for (int i = 0; i < p; ++i)
-    tests.df2[i] = tests.units2 - static_cast<long long>(pass.nrandomterms[i]) * tests.units3 - pass.nfixedterms[i];
-  for (int i = 0; i < b; ++i) tests.df3[i] = tests.units3 - pass.nterms3reduced[i];
+    tests.level2.push_back(variancetest(
+        tests.units2 - static_cast<long long>(pass.nrandomterms[i]) * tests.units3 - pass.nfixedterms[i], chisq2[i]));
+  for (int i = 0; i < b; ++i) tests.level3.push_back(variancetest(tests.units3 - pass.nterms3reduced[i], chisq3[i]));
   return tests;
 }
 
@@ -163,7 +147,7 @@ Array<double> scoreproducts(Pass& pass, bool leastsquares) {
   sweepunits(
       pass.n2of,
       [&](int k) {
-        takeunitmeans(pass, k, run.est.gammahat.data(), leastsquares ? none.data() : pass.vstar.row(k), means);
+        takeunitmeans(pass, k, pass.est.gammahat.data(), leastsquares ? none.data() : pass.vstar.row(k), means);
         std::copy_n(pass.sumBY.row(k), nb, r.data());
         subAB(r.data(), pass.sumBB.row(k), means.thetastar.data(), nb, 1, nb);
       },
@@ -174,7 +158,7 @@ Array<double> scoreproducts(Pass& pass, bool leastsquares) {
         e.fill(0.0);
         addtransposedW3(pass, means.weights.data(), r.data(), e.data());
         if (!leastsquares)
-          for (double& x : e) x *= 1.0 / run.est.sigma2;
+          for (double& x : e) x *= 1.0 / pass.est.sigma2;
         addABt(total.data(), e.data(), e.data(), g, g, 1);
       },
       reading(pass.store.hot));
@@ -186,17 +170,17 @@ Array<double> scoreproducts(Pass& pass, bool leastsquares) {
 Array<double> robustcovariance(Pass& pass, bool leastsquares) {
   const int g = pass.g;
   const Array<double> scores = scoreproducts(pass, leastsquares);
-  Array<double> V = leastsquares ? run.est.vgamma.copy() : run.est.covariance(), half(square(g)), robust(square(g));
+  Array<double> V = leastsquares ? pass.est.vgamma.copy() : pass.est.covariance(), half(square(g)), robust(square(g));
   mulAB(half.data(), V.data(), scores.data(), g, g, g);
   mulAB(robust.data(), half.data(), V.data(), g, g, g);
   return positivecovariance(robust.data(), g) ? std::move(robust) : Array<double>();
 }
 
-bool fewlevel3units() {
+bool fewlevel3units(const Pass& pass) {
   constexpr int enough = 20;
-  const std::vector<TermRow> terms = modelrows().terms;
+  const std::vector<TermRow> terms = modelrows(pass.model()).terms;
   return std::any_of(terms.begin(), terms.end(),
-                     [](const TermRow& term) { return run.mdm.nunits3 - term.neffects < enough; });
+                     [&](const TermRow& term) { return pass.mdm().nunits3 - term.neffects < enough; });
 }
 
 }  // namespace kdr

@@ -6,7 +6,7 @@
 
 namespace kdr {
 
-// The standard errors of the variance components at the estimates in run.est, from the information there (fishertype).
+// The standard errors of the variance components at the estimates of the pass, from the information there (fishertype).
 // Its sweep leaves D_k^-1 and C_j^-1 of these estimates in the pass.
 [[nodiscard]] TauErrors tauerrors(Pass& pass, FisherWork& fisher, Likelihood& likelihood);
 
@@ -23,6 +23,6 @@ namespace kdr {
 // ordinary least squares.
 [[nodiscard]] Array<double> robustcovariance(Pass& pass, bool leastsquares);
 // Some level-2 coefficient has fewer than 20 level-3 units left after its level-3 terms.
-[[nodiscard]] bool fewlevel3units();
+[[nodiscard]] bool fewlevel3units(const Pass& pass);
 
 }  // namespace kdr

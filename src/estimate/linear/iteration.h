@@ -1,5 +1,5 @@
 // The iterations of a stage: EM steps, an accelerated step every `accel` iterations, the convergence rule, the
-// questions at the limit and at the interrupt key, and the results that hang on the last iteration.
+// questions at the limit and at an interrupt, and the results that hang on the last iteration.
 #pragma once
 
 #include "estimate/linear/aitken.h"
@@ -34,12 +34,8 @@ struct IterationState {
 // Prepares the state for the stages of a pass.
 void startiterations(const Pass& pass, IterationState& state);
 
-// Runs one stage of at most state.limit iterations, with their lines on the console and in the report. The interrupt
-// key is held for its time.
-void iterate(Pass& pass, IterationState& state);
-
-// Asks what the interrupt key was pressed for: true to stop iterating. Answer 1 ends the run, failure 0. Laplace-6 and
-// quadrature are not begun, or end, after a stop.
-[[nodiscard]] bool askinterrupt();
+// Runs one stage of at most state.limit iterations. The observer hears of each, and is asked at the limit and for an
+// interrupt.
+[[nodiscard]] Failure iterate(Pass& pass, IterationState& state);
 
 }  // namespace kdr

@@ -1,16 +1,20 @@
-// A linear run, from the MDM file to the last result file.
+// A linear fit: one pass over the records of a data set.
 #pragma once
 
-#include "report/passresults.h"
+#include "core/failure.h"
+#include "core/results.h"
+#include "data/unitreader.h"
+#include "estimate/linear/pass.h"
 
 namespace kdr {
 
-// Estimates the linear model of the run record: one pass over the MDM file, then the statistics of the model, the
-// exploratory analysis, and the residual, graph and variance files that the run asks for. Hands back the pass's
-// results.
-[[nodiscard]] PassResults estimatelinear();
+struct LinearFit {
+  Pass pass;            // finished, for residuals and graphs
+  WorkingFile working;  // the records as the analysis had them, where they are wanted
+  PassResults results;
+};
 
-// The last lines of the report: the variance files that were made.
-void listlinearfiles(const PassResults& results);
+// Fits the linear model of the analysis. The fit has to stay where it is as long as the analysis.
+[[nodiscard]] Failure fitlinear(const Analysis& analysis, LinearFit& fit);
 
 }  // namespace kdr

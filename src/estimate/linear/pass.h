@@ -16,6 +16,8 @@
 // scaling.
 #pragma once
 
+#include "core/failure.h"
+#include "estimate/analysis.h"
 #include "estimate/linear/passplan.h"
 #include "estimate/linear/unitstore.h"
 #include "kernel/array.h"
@@ -35,7 +37,9 @@ struct Design {
 };
 
 struct Pass {
+  const Analysis* analysis = nullptr;  // of the fit that the pass belongs to
   PassPlan plan;
+  Estimates est;            // at hand
   int npi = 0, nbeta = 0;   // all level-1 and level-2 coefficients
   int p = 0, b = 0, g = 0;  // ntaupi, ntaubeta, ngamma
   Design design;
@@ -68,17 +72,30 @@ struct Pass {
 
   UnitStore store;
 
+  int nunits1 = 0;     // level-1 records of the analysis
   int emptyunits = 0;  // level-2 units that run-time deletion left without a record
 
   double fixsigma2 = 0.0;                        // what sigma^2 is held at; 0.0: it is estimated
   double likeconstant = 0.0;                     // nunits1 times half the logarithm of 2 pi
   int nusable1 = 0, nusable2 = 0, nusable3 = 0;  // records and units that entered the moments of the starting values
+
+  [[nodiscard]] const Model& model() const { return analysis->model; }
+  [[nodiscard]] const MdmData& mdm() const { return analysis->mdm; }
+  [[nodiscard]] const DesignWeights& weights() const { return analysis->weights; }
+  [[nodiscard]] const Control& control() const { return analysis->control; }
+  [[nodiscard]] const Observer& observer() const { return analysis->observer; }
 };
 
-// Fills the dimensions, which are kept in run.model.coef too, and the design from run.model and run.model.coef, and the
-// term counts of the reduced model. A pass with nothing random at a level prints "Nothing left at ... level." and stops
-// with code 100.
-void makedesign(Pass& pass);
+// Records and units of the pass.
+[[nodiscard]] inline UnitCounts countsof(const Pass& pass) {
+  UnitCounts counts = countsof(pass.mdm());
+  counts.records = pass.nunits1;
+  return counts;
+}
+
+// Fills the dimensions, the design and the term counts of the reduced model. Fails for a model with nothing random at a
+// level.
+[[nodiscard]] Failure makedesign(Pass& pass);
 
 // The level-3 design of unit k in a vector: W3[owner3[i]][reduced[i]] has weights[i]. weights: full ngamma.
 void level3weights(const Pass& pass, int k, double* weights);

@@ -1,15 +1,14 @@
 // What a pass of the estimation is told. Phases read the plan, nothing else decides what they do.
 #pragma once
 
-#include "driver/runrecord.h"
-#include "report/passresults.h"
+#include "core/results.h"
 
 namespace kdr {
 
 struct PassPlan {
   PassKind kind = PassKind::linear;
   int macro = 0;                     // macro iteration, from 1; 0 in a linear run
-  const Estimates* start = nullptr;  // estimates to start from; null: the file of STARTVALS: or moments
+  const Estimates* start = nullptr;  // estimates to start from; null: those of the analysis, or moments
   bool freshgamma = false;           // but for gammahat, which the data of the pass give by least squares
   double fixsigma2 = 0.0;            // what sigma^2 is held at; 0.0: estimated. An identity pass finds its own value
   int hetit = 0;         // iterations of a stage with a taupi for every level-3 unit before the ordinary one
@@ -19,8 +18,6 @@ struct PassPlan {
 
   // tau(pi) and tau(beta) stand still, and with them the accelerated steps.
   [[nodiscard]] bool tausstand() const { return kind == PassKind::populationaverage; }
-  // Tables of the iterations' results are wanted.
-  [[nodiscard]] bool shown() const { return run.out.fulloutput || kind != PassKind::identity; }
 };
 
 }  // namespace kdr

@@ -4,7 +4,6 @@
 #include <cmath>
 
 #include "driver/failures.h"
-#include "driver/runrecord.h"
 #include "kernel/decompositions.h"
 #include "kernel/matrix.h"
 #include "kernel/sizes.h"

@@ -1,47 +1,58 @@
 #include "estimate/linear/recordstream.h"
 
+#include <cerrno>
 #include <cstdio>
 
 namespace kdr {
 
-std::size_t streamwindowbytes = std::size_t{16} << 20;
-
 RecordStream& RecordStream::operator=(RecordStream&& other) noexcept {
+  std::swap(settings, other.settings);
   std::swap(width, other.width);
-  std::swap(resident, other.resident);
   std::swap(buffer, other.buffer);
   std::swap(first, other.first);
   std::swap(held, other.held);
   std::swap(file, other.file);
+  std::swap(problem, other.problem);
   return *this;
 }
 
-void RecordStream::open(std::size_t doubles, std::size_t records, bool inmemory) {
+void RecordStream::fail(Failure failure) {
+  if (!problem) problem = std::move(failure);
+}
+
+void RecordStream::open(std::size_t doubles, std::size_t records, const StreamSettings& given) {
   *this = RecordStream{};
   width = doubles;
-  resident = inmemory;
-  if (!resident) file = scratchopen();
-  buffer.reset((resident ? records : std::max<std::size_t>(1, windowrecords())) * width);
+  settings = given;
+  if (!settings.inmemory) file = scratchopen();
+  if (!settings.inmemory && file == nullptr) fail(notemporaryfile());
+  buffer.reset((settings.inmemory ? records : std::max<std::size_t>(1, windowrecords())) * width);
 }
 
 std::size_t RecordStream::windowrecords() const {
-  return resident ? std::numeric_limits<std::size_t>::max() : streamwindowbytes / (width * sizeof(double));
+  return settings.inmemory ? std::numeric_limits<std::size_t>::max() : settings.window / (width * sizeof(double));
+}
+
+void RecordStream::goeson() {
+  if (!problem && settings.observer != nullptr && settings.observer->givesup()) fail(failed(abandoned));
 }
 
 void RecordStream::seek(std::size_t record) {
-  if (fseeko(file, static_cast<off_t>(record * width * sizeof(double)), SEEK_SET) != 0) fail(5);
+  if (!problem && fseeko(file.get(), static_cast<off_t>(record * width * sizeof(double)), SEEK_SET) != 0)
+    fail(failed(fulldisk));
 }
 
 void RecordStream::flush() {
-  writechk(buffer.data(), held * width * sizeof(double), file);
+  if (!problem && std::fwrite(buffer.data(), width * sizeof(double), held, file.get()) != held) fail(failed(fulldisk));
   first += held;
   held = 0;
 }
 
 double* RecordStream::append() {
   if ((held + 1) * width > buffer.size()) {
-    if (resident) fail(5);
+    if (settings.inmemory) fail(failed(fulldisk));
     flush();
+    if (buffer.size() < width) buffer.reset(width);
   }
   double* record = buffer.data() + held++ * width;
   std::fill_n(record, width, 0.0);
@@ -49,27 +60,34 @@ double* RecordStream::append() {
 }
 
 void RecordStream::finish() {
-  if (!resident) flush();
+  if (!settings.inmemory) flush();
   first = held = 0;
 }
 
 double* RecordStream::load(std::size_t from, std::size_t count) {
-  if (resident) return buffer.data() + from * width;
+  if (problem) return nullptr;
+  if (settings.inmemory) return buffer.data() + from * width;
   if (held == count && first == from) return buffer.data();
   if (count * width > buffer.size()) buffer.reset(count * width);
   seek(from);
   const std::size_t bytes = count * width * sizeof(double);
-  if (readupto(buffer.data(), bytes, file, "a temporary file") != bytes)
-    stopwith("A temporary file is damaged: it is cut off.\n");
+  if (!problem && std::fread(buffer.data(), 1, bytes, file.get()) != bytes) {
+    const bool unread = std::ferror(file.get()) != 0;
+    Failure failure =
+        failedwith(unread ? "Unable to read a temporary file\n" : "A temporary file is damaged: it is cut off.\n");
+    if (unread) failure.systemerror = errno;
+    fail(std::move(failure));
+  }
+  if (problem) return nullptr;
   first = from;
   held = count;
   return buffer.data();
 }
 
 void RecordStream::save() {
-  if (resident) return;
+  if (settings.inmemory) return;
   seek(first);
-  writechk(buffer.data(), held * width * sizeof(double), file);
+  if (!problem && std::fwrite(buffer.data(), width * sizeof(double), held, file.get()) != held) fail(failed(fulldisk));
 }
 
 }  // namespace kdr

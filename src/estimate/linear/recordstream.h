@@ -10,49 +10,62 @@
 #include <limits>
 #include <utility>
 
+#include "core/failure.h"
+#include "core/observer.h"
 #include "data/scratch.h"
-#include "driver/failures.h"
 #include "kernel/array.h"
 
 namespace kdr {
 
-// Bytes of one window of a stream that lies in a scratch file; a level-3 unit that needs more gets it.
-extern std::size_t streamwindowbytes;
+// How a stream is opened.
+struct StreamSettings {
+  bool inmemory = true;
+  std::size_t window = 0;  // bytes of one window of a stream that lies in a scratch file; a level-3 unit that
+                           // needs more gets it
+  const Observer* observer = nullptr;  // may be null; asked before each window whether to give up
+};
 
+// A stream that has failed (disk full, no temporary file, given up) says so until it is opened anew. It takes records
+// all the same, and keeps none; a sweep over it ends at once. Whoever uses it asks when a phase is over.
 class RecordStream {
  public:
   RecordStream() = default;
   RecordStream(RecordStream&& other) noexcept { *this = std::move(other); }
   RecordStream& operator=(RecordStream&& other) noexcept;
-  ~RecordStream() { scratchclose(file); }
 
-  // Opens the stream for appending `records` records of `doubles` values each. Drops what it held. Failure 6.
-  void open(std::size_t doubles, std::size_t records, bool inmemory);
-  // The next record to fill, zeroed. Failure 5.
+  // Opens the stream for appending `records` records of `doubles` values each. Drops what it held.
+  void open(std::size_t doubles, std::size_t records, const StreamSettings& settings);
+  // The next record to fill, zeroed.
   [[nodiscard]] double* append();
-  // Ends the appending. Failure 5.
+  // Ends the appending.
   void finish();
 
-  // The `count` records from `first` on, in order; read unless they are at hand. Failure 5.
+  // The `count` records from `first` on, in order; read unless they are at hand. Null when they cannot be had.
   [[nodiscard]] double* load(std::size_t first, std::size_t count);
-  // Keeps what was changed in the records that were loaded last. Failure 5.
+  // Keeps what was changed in the records that were loaded last.
   void save();
 
   [[nodiscard]] std::size_t stride() const { return width; }
   [[nodiscard]] bool isopen() const { return width != 0; }
+  // Asks the observer whether to give up.
+  void goeson();
   // Records that one window may hold: all of them when the stream is in memory.
   [[nodiscard]] std::size_t windowrecords() const;
+  // The first thing that went wrong.
+  [[nodiscard]] const Failure& failure() const { return problem; }
 
  private:
   void flush();
   void seek(std::size_t record);
+  void fail(Failure failure);
 
+  StreamSettings settings;
   std::size_t width = 0;  // doubles of a record
-  bool resident = true;   // all records are in `buffer`
   Array<double> buffer;   // every record, or those of the window at hand
   std::size_t first = 0;  // number of the record at the head of `buffer`
   std::size_t held = 0;   // records in `buffer`
-  ScratchFile file = nullptr;
+  ScratchFile file;
+  Failure problem;
 };
 
 // How a sweep uses a stream.
@@ -73,7 +86,6 @@ void sweeplevel3(const Array<int>& n2of, Visit visit, Use... uses) {
   const std::size_t units3 = n2of.size();
   std::size_t first = 0;
   for (std::size_t k0 = 0; k0 < units3;) {
-    checksignals();
     // Whole level-3 units, as many as fit, at least one.
     std::size_t k1 = k0, count = 0;
     do {
@@ -87,6 +99,9 @@ void sweeplevel3(const Array<int>& n2of, Visit visit, Use... uses) {
         ((records += units * uses.stream.stride()), ...);
       }
     };
+    const bool loaded =
+        ((uses.stream.goeson(), static_cast<void>(uses.stream.load(first, count)), !uses.stream.failure()) && ...);
+    if (!loaded) return;
     sweepwindow(uses.stream.load(first, count)...);
     ((uses.changes ? uses.stream.save() : void()), ...);
     first += count;

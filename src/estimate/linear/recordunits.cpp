@@ -2,11 +2,10 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
+#include "core/formatted.h"
 #include "core/modelwalk.h"
-#include "driver/failures.h"
-#include "driver/reportstream.h"
-#include "driver/runrecord.h"
 #include "estimate/linear/centering.h"
 #include "estimate/linear/crossproducts.h"
 #include "estimate/linear/deletion.h"
@@ -17,8 +16,8 @@ namespace kdr {
 namespace {
 
 // Unit means over the non-missing values of the records that remain.
-void retakemeans(UnitBlock& unit) {
-  const auto width = at(run.mdm.nvar1);
+void retakemeans(const MdmData& mdm, UnitBlock& unit) {
+  const auto width = at(mdm.nvar1);
   for (std::size_t v = 0; v < width; ++v) {
     double sum = 0.0;
     int n = 0;
@@ -33,7 +32,7 @@ void retakemeans(UnitBlock& unit) {
 
 // Means of the raw level-2 values over the level-3 unit whose first block has just been read.
 void level3unitmeans(RecordUnits& units) {
-  const auto width = at(run.mdm.nvar2);
+  const auto width = at(units.analysis->mdm.nvar2);
   Array<double> sum(width);
   Array<int> n(width);
   const auto take = [&](const UnitBlock& unit) {
@@ -45,48 +44,57 @@ void level3unitmeans(RecordUnits& units) {
   };
   take(units.unit);
   const long long position = unitposition(units.reader);
-  while (skimunit(units.reader, units.ahead) && sameid(units.ahead.id3, units.unit.id3)) take(units.ahead);
+  while (skimunit(units.reader, units.ahead) && sameid(units.ahead.id3, units.unit.id3, units.analysis->mdm.numericids))
+    take(units.ahead);
   seekunit(units.reader, position);
   for (std::size_t v = 0; v < width; ++v) units.mean2[v] = n[v] > 0 ? sum[v] / n[v] : 0.0;
 }
 
 double level2centre(const RecordUnits& units, std::size_t v) {
-  return centre(run.model.center2[v + 1], units.mean2[v], run.mdm.mean2[v]);
+  return centre(units.analysis->model.center2[v + 1], units.mean2[v], units.analysis->mdm.mean2[v]);
 }
 
 void centerlevel1(RecordUnits& units) {
+  const Model& model = units.analysis->model;
+  const MdmData& mdm = units.analysis->mdm;
   for (std::size_t c = 0; c < units.shift.size(); ++c) {
     const int v = units.layout.column[c];
-    if (v >= 0) units.shift[c] = centre(run.model.center1[at(v) + 1], units.unit.means[at(v)], run.mdm.mean1[at(v)]);
+    if (v >= 0) units.shift[c] = centre(model.center1[at(v) + 1], units.unit.means[at(v)], mdm.mean1[at(v)]);
   }
 }
 
+void stopwalk(RecordUnits& units, Failure failure) {
+  if (!units.failure) units.failure = std::move(failure);
+}
+
 // The outcome of a record of counts as a rate.
-double rateof(const RecordUnits& units, const double* values, std::size_t record) {
+double rateof(RecordUnits& units, const double* values, std::size_t record) {
   const double y = values[units.layout.outcome], n = values[units.layout.count];
-  const bool trials = run.model.outcome.link() == Link::logit;
+  const bool trials = units.analysis->model.outcome.link() == Link::logit;
   if (y < 0.0 || n <= 0.0)
-    stopwith("\nError: the outcome must be greater than or equal to 0.0, and the\n%s must be greater than 0.0\n",
-             trials ? "number of trials" : "exposure");
-  if (trials && y > n) stopwith("\nError: the outcome must be less than or equal to the number of trials.\n");
+    stopwalk(units,
+             failedwith(formatted("\nError: the outcome must be greater than or equal to 0.0, and the\n%s must be "
+                                  "greater than 0.0\n",
+                                  trials ? "number of trials" : "exposure")));
+  if (trials && y > n)
+    stopwalk(units, failedwith("\nError: the outcome must be less than or equal to the number of trials.\n"));
   if (units.counts != nullptr) (*units.counts)[record] = n;
   return y / n;
 }
 
 // The factor sqrt(w)/sqrt(v) of a record, from its design weight and its known variance.
-double makefactor(std::size_t record, const double* values) {
-  double factor = run.model.weighted ? std::sqrt(run.weights.weight1[record]) : 1.0;
-  if (run.model.autovknown != 0) {
-    const double variance = values[run.model.autovknown - 1];
-    if (!(variance > 0.0)) {
-      report("Variance known");
-      report("Weights must be positive!\n");
-      std::printf("Variance known");
-      stopwith("Weights must be positive!\n");
-    }
+double makefactor(RecordUnits& units, std::size_t record, const double* values) {
+  const Model& model = units.analysis->model;
+  double factor = model.weighted ? std::sqrt(units.analysis->weights.weight1[record]) : 1.0;
+  if (model.autovknown != 0) {
+    const double variance = values[model.autovknown - 1];
+    if (!(variance > 0.0))
+      stopwalk(units,
+               failedwith("Variance knownWeights must be positive!\n", "Variance knownWeights must be positive!\n"));
     factor /= std::sqrt(variance);
   }
-  return run.weights.factor1[record] = factor;
+  if (units.factors != nullptr) (*units.factors)[record] = factor;
+  return factor;
 }
 
 // The products of the unit at hand; a record is x = (row of A, y), times its factor if it has one.
@@ -94,7 +102,8 @@ void addunit(RecordUnits& units, UnitProducts& products) {
   const RecordLayout& layout = units.layout;
   const int* column = layout.column.data();
   const double* shift = units.shift.data();
-  const bool factors = havefactors();
+  const Model& model = units.analysis->model;
+  const bool factors = havefactors(model);
   crossproducts(static_cast<int>(units.x.size()), units.unit.nj, products.AA.data(), units.x.data(),
                 [&](auto n, int i, double* x) {
                   const double* values = units.unit.records.data() + at(i) * at(layout.width);
@@ -102,41 +111,43 @@ void addunit(RecordUnits& units, UnitProducts& products) {
                   for (int c = 0; c + 1 < n; ++c) x[c] = column[c] < 0 ? 1.0 : values[column[c]] - shift[c];
                   x[n - 1] = layout.count < 0 ? values[layout.outcome] : rateof(units, values, record);
                   if (!factors) return;
-                  applyfactor(n, makefactor(record, values), run.model.weighted, x, products.AA2);
+                  applyfactor(n, makefactor(units, record, values), model.weighted, x, products.AA2);
                 });
 }
 
 }  // namespace
 
-bool havefactors() { return run.model.weighted || run.model.autovknown != 0; }
+bool havefactors(const Model& model) { return model.weighted || model.autovknown != 0; }
 
-RecordLayout mdmlayout() {
+RecordLayout mdmlayout(const Model& model, const MdmData& mdm) {
   RecordLayout layout;
-  layout.width = run.mdm.nvar1;
-  layout.outcome = layout.observed = run.model.outvar - 1;
-  if (run.model.outcome.counted) layout.count = run.model.outcome.countvariable - 1;
-  layout.place.reset(at(run.mdm.nvar1));
+  layout.width = mdm.nvar1;
+  layout.outcome = layout.observed = model.outvar - 1;
+  if (model.outcome.counted) layout.count = model.outcome.countvariable.value_or(0) - 1;
+  layout.place.reset(at(mdm.nvar1));
   for (std::size_t v = 0; v < layout.place.size(); ++v) layout.place[v] = static_cast<int>(v);
-  layout.column.reset(at(run.model.coef.npi));
+  layout.column.reset(at(model.coef.npi));
   std::size_t i = 0;
-  for (const CoefficientRow& coefficient : modelrows().coefficients) layout.column[i++] = coefficient.variable - 1;
+  for (const CoefficientRow& coefficient : modelrows(model).coefficients) layout.column[i++] = coefficient.variable - 1;
   return layout;
 }
 
-void layvariables(RecordLayout& layout) {
-  layout.place.reset(at(run.mdm.nvar1));
+void layvariables(const Analysis& analysis, RecordLayout& layout) {
+  const Model& model = analysis.model;
+  const MdmData& mdm = analysis.mdm;
+  layout.place.reset(at(mdm.nvar1));
   layout.place.fill(-1);
-  if (layout.responses == 0) layout.place[at(run.model.outvar) - 1] = layout.observed;
+  if (layout.responses == 0) layout.place[at(model.outvar) - 1] = layout.observed;
   const auto lay = [&](int v) {
     int& place = layout.place[at(v) - 1];
     if (place < 0) place = layout.width++;
     return place;
   };
-  layout.column.reset(at(run.model.coef.npi));
+  layout.column.reset(at(model.coef.npi));
   std::size_t c = 0;
-  for (const CoefficientRow& coefficient : modelrows().coefficients)
+  for (const CoefficientRow& coefficient : modelrows(model).coefficients)
     layout.column[c++] = coefficient.variable == 0 || coefficient.threshold ? -1 : lay(coefficient.variable);
-  for (std::size_t i = 0; i < at(run.out.nres1vars1); ++i) lay(run.out.res1vars1[i]);
+  for (const int v : analysis.wanted.variables1) lay(v);
 }
 
 void relayunit(const UnitBlock& block, const RecordLayout& given, UnitBlock& to, const RecordLayout& layout) {
@@ -160,43 +171,56 @@ void beginproducts(UnitProducts& products, int k, const UnitBlock& block) {
   products.AA2.fill(0.0);
 }
 
-void startrecords(RecordUnits& units) {
-  units.layout = mdmlayout();
-  units.mean2.reset(at(run.mdm.nvar2));
+void startrecords(RecordUnits& units, const Analysis& analysis) {
+  const Model& model = analysis.model;
+  const MdmData& mdm = analysis.mdm;
+  units.analysis = &analysis;
+  units.layout = mdmlayout(model, mdm);
+  units.mean2.reset(at(mdm.nvar2));
   units.shift.reset(units.layout.column.size());
   units.x.reset(units.layout.column.size() + 1);
-  for (const int mark : run.model.center2) units.group2 = units.group2 || mark == 1;
-  if (havefactors()) run.weights.factor1.reset(at(run.mdm.numl1rec));
-  startunits(units.reader, run.mdm.stream, run.mdm.firstblock, run.mdm.nvar1, run.mdm.nvar2, true);
+  for (const Centering mark : model.center2) units.group2 = units.group2 || mark == Centering::groupmean;
+  units.reader.observer = &analysis.observer;
+  startunits(units.reader, mdm, mdm.stream, mdm.firstblock, mdm.nvar1, mdm.nvar2, true);
 }
 
 bool nextblock(RecordUnits& units) {
+  const Model& model = units.analysis->model;
+  const MdmData& mdm = units.analysis->mdm;
   UnitBlock& unit = units.unit;
   do {
-    if (!readunit(units.reader, unit)) return false;
-    if (units.k < 0 || !sameid(unit.id3, units.current)) {
-      if (++units.k >= run.mdm.nunits3) damagedmdm("it has more level-3 units than its table");
+    if (!readunit(units.reader, unit)) {
+      units.failure = units.reader.failure;
+      return false;
+    }
+    if (units.k < 0 || !sameid(unit.id3, units.current, mdm.numericids)) {
+      if (++units.k >= mdm.nunits3) {
+        units.failure = damagedmdm(mdm, "it has more level-3 units than its table");
+        return false;
+      }
       units.current = unit.id3;
       if (units.group2) level3unitmeans(units);
     }
-    if (!run.mdm.deletednow) {
-      deleterecords(unit);
-      retakemeans(unit);
+    if (!mdm.deletednow) {
+      deleterecords(model, unit);
+      retakemeans(mdm, unit);
     }
-  } while (run.model.weighted && unit.nj == 0);  // the weights have no entry for such a unit
+  } while (model.weighted && unit.nj == 0);  // the weights have no entry for such a unit
   return true;
 }
 
 void centerblock(RecordUnits& units) {
+  const Model& model = units.analysis->model;
+  const MdmData& mdm = units.analysis->mdm;
   UnitBlock& unit = units.unit;
-  const auto width = at(run.mdm.nvar1);
+  const auto width = at(mdm.nvar1);
   for (std::size_t v = 0; v < width; ++v) {
-    const int mark = run.model.center1[v + 1];
-    if (mark == 0) continue;
-    const double mean = centre(mark, unit.means[v], run.mdm.mean1[v]);
+    const Centering mark = model.center1[v + 1];
+    if (mark == Centering::none) continue;
+    const double mean = centre(mark, unit.means[v], mdm.mean1[v]);
     for (std::size_t i = 0; i < at(unit.nj); ++i) unit.records[i * width + v] -= mean;
   }
-  for (std::size_t v = 0; v < at(run.mdm.nvar2); ++v) unit.level2[v] -= level2centre(units, v);
+  for (std::size_t v = 0; v < at(mdm.nvar2); ++v) unit.level2[v] -= level2centre(units, v);
 }
 
 bool nextunit(RecordUnits& units, UnitProducts& products) {
@@ -206,9 +230,11 @@ bool nextunit(RecordUnits& units, UnitProducts& products) {
   centerlevel1(units);
   for (std::size_t v = 0; v < products.level2.size(); ++v) products.level2[v] -= level2centre(units, v);
   addunit(units, products);
+  if (units.failure) return false;
   if (units.working != nullptr) {
     centerblock(units);
-    writeunit(units.working, unit, run.mdm.nvar1, run.mdm.nvar2, false);
+    writeunit(units.working, unit, units.analysis->mdm.nvar1, units.analysis->mdm.nvar2, false,
+              units.analysis->mdm.numericids);
   }
   units.records += at(unit.nj);
   return true;

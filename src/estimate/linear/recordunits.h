@@ -4,7 +4,9 @@
 
 #include <cstdio>
 
+#include "core/failure.h"
 #include "data/unitreader.h"
+#include "estimate/analysis.h"
 #include "estimate/linear/pass.h"
 #include "estimate/linear/unitsource.h"
 
@@ -27,23 +29,26 @@ struct RecordLayout {
 };
 
 // The layout of the records of the MDM file, and of a working data file with the same variables.
-[[nodiscard]] RecordLayout mdmlayout();
+[[nodiscard]] RecordLayout mdmlayout(const Model& model, const MdmData& mdm);
 // The rest of the layout of a working data file with variables of its own, behind the `width` values that it has
-// already: the level-1 predictors of the model and the variables of the level-1 residual file.
-void layvariables(RecordLayout& layout);
+// already: the level-1 predictors of the model and the variables that a later reader wants.
+void layvariables(const Analysis& analysis, RecordLayout& layout);
 // The variables of `layout`, and what is told of the unit, from a block with the layout `given`.
 void relayunit(const UnitBlock& block, const RecordLayout& given, UnitBlock& to, const RecordLayout& layout);
 
 // Begins the products of a unit: what its block tells of it, and no products by design weights yet.
 void beginproducts(UnitProducts& products, int k, const UnitBlock& block);
 
-// Whether the rows of the run have factors sqrt(w)/sqrt(v), which stand in run.weights.factor1.
-[[nodiscard]] bool havefactors();
+// Whether the rows have factors sqrt(w)/sqrt(v).
+[[nodiscard]] bool havefactors(const Model& model);
 
 struct RecordUnits {
+  const Analysis* analysis = nullptr;
   RecordLayout layout;
-  std::FILE* working = nullptr;     // null, or where the blocks go as the analysis has them
-  Array<double>* counts = nullptr;  // null, or where the trials or exposure of each record go
+  std::FILE* working = nullptr;      // null, or where the blocks go as the analysis has them
+  Array<double>* counts = nullptr;   // null, or where the trials or exposure of each record go
+  Array<double>* factors = nullptr;  // null, or where the factor of each record goes
+  Failure failure;                   // why the walk has ended before its time
 
   UnitReader reader;
   UnitBlock unit, ahead;
@@ -56,18 +61,18 @@ struct RecordUnits {
   bool group2 = false;      // some level-2 variable is centered on its level-3 mean
 };
 
-// Starts a walk through the MDM file, which deletes records with missing values when that was left to the run.
-void startrecords(RecordUnits& units);
+// Starts a walk through the MDM file, which deletes records with missing values when that was left to the analysis.
+void startrecords(RecordUnits& units, const Analysis& analysis);
 
 // The next block, after deletion, into units.unit, and its level-3 unit into units.k; with design weights, blocks
-// without a record are left out. False behind the last one.
+// without a record are left out. False behind the last one, and with units.failure.
 [[nodiscard]] bool nextblock(RecordUnits& units);
 // Takes off its values what centering asks for.
 void centerblock(RecordUnits& units);
 
-// The next unit, centered; with design weights, units without a record are left out. Puts the factor sqrt(w)/sqrt(v) of
-// every record into run.weights.factor1 when the run has design weights or a known variance; later passes take it from
-// there. Raises 100 for a known variance that is not positive and for an outcome or count out of range.
+// The next unit, centered; with design weights, units without a record are left out. False
+// behind the last one, and with units.failure for a known variance that is not positive and for an outcome or count out
+// of range.
 [[nodiscard]] bool nextunit(RecordUnits& units, UnitProducts& products);
 
 }  // namespace kdr

@@ -4,7 +4,6 @@
 #include <cmath>
 #include <cstdlib>
 
-#include "driver/runrecord.h"
 #include "kernel/decompositions.h"
 #include "kernel/matrix.h"
 #include "kernel/products.h"
@@ -26,10 +25,10 @@ bool deviance(const double* T, const double* S, int n, Array<double>& inverse, d
 
 }  // namespace
 
-Restriction taurestriction(Tau which) {
+Restriction taurestriction(const Model& model, Tau which) {
   const bool pi = which == Tau::pi;
-  const Restrictions& held = run.model.restrictions;
-  const int n = pi ? run.model.coef.ntaupi : run.model.coef.ntaubeta;
+  const Restrictions& held = model.restrictions;
+  const int n = pi ? model.coef.ntaupi : model.coef.ntaubeta;
   const bool haveest = pi ? held.haveesttau2 : held.haveesttau3;
   const bool havecon = pi ? held.havecontau2 : held.havecontau3;
   const Array<double>& est = pi ? held.esttau2 : held.esttau3;
@@ -54,9 +53,9 @@ Restriction taurestriction(Tau which) {
   return restriction;
 }
 
-Restriction allrestriction(bool sigma2free) {
+Restriction allrestriction(const Model& model, bool sigma2free) {
   Restriction all;
-  const Restriction parts[] = {taurestriction(Tau::pi), taurestriction(Tau::beta)};
+  const Restriction parts[] = {taurestriction(model, Tau::pi), taurestriction(model, Tau::beta)};
   all.free.reset(parts[0].free.size() + parts[1].free.size() + 1);
   std::size_t e = 0;
   for (const Restriction& part : parts) {

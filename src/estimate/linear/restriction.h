@@ -1,4 +1,4 @@
-// What a run holds fixed or equal among the variance parameters, and the updates that respect it.
+// What a model holds fixed or equal among the variance parameters, and the updates that respect it.
 //
 // ESTTAU2: and its twin fix elements, CONTAU2: and its twin make groups equal, DIAGONALIZETAUPI: fixes the
 // off-diagonals at 0. Every parameter thus either is fixed or has the value of one free parameter. With K the matrix
@@ -7,7 +7,7 @@
 // patterns: not for a covariance that is fixed at a value other than 0.
 #pragma once
 
-#include "core/tables.h"
+#include "core/model.h"
 #include "kernel/array.h"
 
 namespace kdr {
@@ -19,9 +19,9 @@ struct Restriction {
 };
 
 // The restriction of the lower triangle of a tau, by rows.
-[[nodiscard]] Restriction taurestriction(Tau which);
+[[nodiscard]] Restriction taurestriction(const Model& model, Tau which);
 // That of all variance parameters: both triangles, then sigma2.
-[[nodiscard]] Restriction allrestriction(bool sigma2free);
+[[nodiscard]] Restriction allrestriction(const Model& model, bool sigma2free);
 
 // The maximum over the free elements of -log det T - tr(T^-1 S), the expected complete-data likelihood of a covariance
 // matrix with second moment S. T (order n) goes in with a value that satisfies the restriction. Without a restriction

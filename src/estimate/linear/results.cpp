@@ -1,11 +1,10 @@
 #include "estimate/linear/results.h"
 
-#include "driver/runrecord.h"
+#include "estimate/inference/modelstatistics.h"
 #include "estimate/linear/emstep.h"
 #include "estimate/linear/inference.h"
 #include "estimate/linear/posterior.h"
 #include "estimate/linear/weightedcovariance.h"
-#include "report/degreesoffreedom.h"
 
 namespace kdr {
 
@@ -17,11 +16,11 @@ namespace {
 void renewposterior(Pass& pass) {
   Array<double> S, Sb;
   double logdet = 0.0;
-  if (scaleinverse(run.est.taupi.data(), pass.p, run.est.sigma2, S, logdet) != 0 ||
-      scaleinverse(run.est.taubeta.data(), pass.b, run.est.sigma2, Sb, logdet) != 0)
+  if (scaleinverse(pass.est.taupi.data(), pass.p, pass.est.sigma2, S, logdet) != 0 ||
+      scaleinverse(pass.est.taubeta.data(), pass.b, pass.est.sigma2, Sb, logdet) != 0)
     return;
   PosteriorSums sums;
-  const PosteriorInput input{run.est.sigma2, run.est.gammahat.data(), S.data(), Sb.data(), nullptr, true};
+  const PosteriorInput input{pass.est.sigma2, pass.est.gammahat.data(), S.data(), Sb.data(), nullptr, true};
   [[maybe_unused]] const PosteriorResult result = posteriorsweep(pass, input, sums);
 }
 
@@ -39,25 +38,24 @@ PassResults iterationresults(Pass& pass, IterationState& state) {
   results.errors = tauerrors(pass, state.fisher, state.likelihood);
   results.loglik = state.likelihood.current;
   if (!results.heterogeneous && !results.tausstand()) results.reliabilities = reliabilities(pass);
-  results.est = run.est.copy();
+  results.est = pass.est.copy();
   return results;
 }
 
 PassResults stageresults(Pass& pass, IterationState& state) {
   if (state.hetstate != 1) renewposterior(pass);
   PassResults results = iterationresults(pass, state);
-  degreesoffreedom(results.degrees);
-  if (run.model.weighted && !results.heterogeneous) {
+  if (pass.model().weighted && !results.heterogeneous) {
     results.covariance = weightedcovariance(pass);
   } else {
-    results.covariance = run.est.covariance();
+    results.covariance = pass.est.covariance();
   }
-  if (results.heterogeneous) return results;
-  if (pass.plan.kind != PassKind::identity) {
+  if (!results.heterogeneous && pass.plan.kind != PassKind::identity) {
     results.robust = robustcovariance(pass, false);
-    results.fewunits = fewlevel3units();
+    results.fewunits = fewlevel3units(pass);
   }
-  results.tests = variancetests(pass);
+  complete(results, pass.model(), countsof(pass));
+  if (!results.heterogeneous) results.tests = variancetests(pass);
   return results;
 }
 

@@ -2,11 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 
-#include "driver/failures.h"
-#include "driver/reportstream.h"
-#include "driver/runrecord.h"
+#include "estimate/inference/modelstatistics.h"
 #include "estimate/linear/fixtau.h"
 #include "estimate/linear/heterogeneous.h"
 #include "estimate/linear/inference.h"
@@ -16,164 +13,155 @@
 #include "kernel/decompositions.h"
 #include "kernel/products.h"
 #include "kernel/sizes.h"
-#include "report/degreesoffreedom.h"
-#include "report/matrixtables.h"
-#include "report/passtables.h"
-#include "report/startvaluesfile.h"
 
 namespace kdr {
 
 namespace {
 
-// The least-squares estimate into gammahat. Returns the residual variance.
-double leastsquares(const Pass& pass) {
+// The least-squares estimate into gammahat, and the residual variance.
+Failure leastsquares(Pass& pass, double& variance) {
   const int g = pass.g;
-  if (pass.totalYY == 0.0) {
-    report("The outcome variable is all zeros!");
-    std::printf("The outcome variable is all zeros!\n");
-    stoprun(100);
-  }
-  if (collinear(pass.gramMM.data(), g) || invertsymmetric(g, pass.gramMM.data(), run.est.vgamma.data()).result != 0)
-    fail(11);
-  mulAB(run.est.gammahat.data(), run.est.vgamma.data(), pass.gramMY.data(), g, 1, g);
+  if (pass.totalYY == 0.0)
+    return failedwith("The outcome variable is all zeros!\n", "The outcome variable is all zeros!");
+  if (collinear(pass.gramMM.data(), g) || invertsymmetric(g, pass.gramMM.data(), pass.est.vgamma.data()).result != 0)
+    return failed(11);
+  mulAB(pass.est.gammahat.data(), pass.est.vgamma.data(), pass.gramMY.data(), g, 1, g);
 
   Array<double> MMg(at(g));
-  mulAB(MMg.data(), pass.gramMM.data(), run.est.gammahat.data(), g, 1, g);
+  mulAB(MMg.data(), pass.gramMM.data(), pass.est.gammahat.data(), g, 1, g);
   double rss = pass.totalYY;
-  for (int i = 0; i < g; ++i) rss -= run.est.gammahat[i] * MMg[i];
-  return std::max(rss, 0.0) / run.mdm.nunits1;
+  for (int i = 0; i < g; ++i) rss -= pass.est.gammahat[i] * MMg[i];
+  variance = std::max(rss, 0.0) / pass.nunits1;
+  return {};
 }
 
-// The section on least squares, before a linear run's iterations.
-void reportleastsquares(Pass& pass, double s) {
+// The results of least squares, before a linear run's iterations.
+Failure tellleastsquares(Pass& pass, double s) {
   constexpr double twopi = 6.283185307;
-  const double n = run.mdm.nunits1;
+  const double n = pass.nunits1;
   LeastSquaresResults results;
-  results.gamma = run.est.gammahat.copy();
-  results.vgamma = run.est.vgamma.copy();
+  results.gamma = pass.est.gammahat.copy();
+  results.vgamma = pass.est.vgamma.copy();
   results.sigma2 = s;
   results.robust = robustcovariance(pass, true);
-  results.fewunits = fewlevel3units();
+  results.fewunits = fewlevel3units(pass);
   if (s > 0.0) results.loglik = -(n + n * std::log(twopi * s)) / 2.0;
-  FixedDegrees degrees;
-  degreesoffreedom(degrees);
-  leastsquarestables(results, degrees);
+  complete(results, countsof(pass));
+  if (storefailure(pass.store)) return storefailure(pass.store);
+  tellobserver(pass.observer().leastsquares, results);
+  return {};
 }
 
 // A tau that the iterations cannot start from is repaired, and shown again.
-void settlestart(Array<double>& t, int n, const Array<double>& moments, int& code, Tau which) {
-  const bool always = code == 5;
-  if (always) code = 0;
-  if (usablecovariance(t.data(), n) && !always) return;
-  fixtau(t.data(), n, moments, code, run.est.sigma2, which);
-  if (run.out.fulloutput) tautable(which, MatrixTitle::renewed, true, n, t.data());
+Failure settlestart(Pass& pass, Tau which, const StartMoments& moments, StartingEvent event) {
+  const bool pi = which == Tau::pi;
+  const FixTau code = pi ? pass.control().fixtau2 : pass.control().fixtau3;
+  const Array<double>& t = pi ? pass.est.taupi : pass.est.taubeta;
+  if (usablecovariance(t.data(), pi ? pass.p : pass.b) && code != FixTau::always) return {};
+  if (Failure failure = fixtau(pass, which, pi ? moments.taupi : moments.taubeta, code)) return failure;
+  event.part = pi ? StartingEvent::Part::repairedtaupi : StartingEvent::Part::repairedtaubeta;
+  tellobserver(pass.observer().starting, event);
+  return {};
 }
 
-// Starting values, from the file of STARTVALS: when there is one, else from moments.
-void startfromdata(Pass& pass) {
+// Starting values, from outside when there are any, else from moments.
+Failure startfromdata(Pass& pass) {
   StartMoments moments{Array<double>(square(pass.p)), Array<double>(square(pass.b)), false};
-  const bool fromfile = havestartvalues();
-  if (fromfile) {
-    readstartvalues();
-    if (pass.fixsigma2 != 0.0) run.est.sigma2 = pass.fixsigma2;
-    pass.nusable1 = run.mdm.nunits1;
-    pass.nusable2 = run.mdm.nunits2;
-    pass.nusable3 = run.mdm.nunits3;
-  } else {
-    leastsquarestart(pass, moments);
+  const Estimates* given = pass.analysis->start;
+  if (given != nullptr) {
+    pass.est.gammahat = given->gammahat.copy();
+    pass.est.taupi = given->taupi.copy();
+    pass.est.taubeta = given->taubeta.copy();
+    pass.est.sigma2 = pass.fixsigma2 != 0.0 ? pass.fixsigma2 : given->sigma2;
+    pass.nusable1 = pass.nunits1;
+    pass.nusable2 = pass.mdm().nunits2;
+    pass.nusable3 = pass.mdm().nunits3;
+  } else if (Failure failure = leastsquarestart(pass, moments)) {
+    return failure;
   }
-  applytaupi(run.est.taupi.data());
-  if (fromfile) applytaubeta(run.est.taubeta.data());
-  if (!fromfile)
-    report2(" For starting values, data from %d level-1 and %d level-2 records were used\n",
-            "For starting values, data from %d level-1 and %d level-2 records were used<br>\n", pass.nusable1,
-            pass.nusable2);
-  if (run.out.fulloutput) {
-    sectionheading("STARTING VALUES", "Starting Values", 15);
-    report(" %s(0) = %12.5f\n\n", run.sym.symvar1.c_str(), run.est.sigma2);
-    tautable(Tau::pi, MatrixTitle::plain, true, pass.p, run.est.taupi.data());
-  }
-  settlestart(run.est.taupi, pass.p, moments.taupi, run.control.fixtau2, Tau::pi);
-  if (!fromfile && !moments.shared) starttaubeta(pass, moments);
-  if (run.out.fulloutput) tautable(Tau::beta, MatrixTitle::plain, true, pass.b, run.est.taubeta.data());
-  settlestart(run.est.taubeta, pass.b, moments.taubeta, run.control.fixtau3, Tau::beta);
-  if (pass.plan.hetit != 0) checkheterogeneous(pass);
+  applytaupi(pass.model(), pass.est.taupi.data());
+  if (given != nullptr) applytaubeta(pass.model(), pass.est.taubeta.data());
+  StartingEvent event{
+      StartingEvent::Part::taupi, given == nullptr, moments.shared, pass.nusable1, pass.nusable2, pass.est};
+  tellobserver(pass.observer().starting, event);
+  if (Failure failure = settlestart(pass, Tau::pi, moments, event)) return failure;
+  if (given == nullptr && !moments.shared)
+    if (Failure failure = starttaubeta(pass, moments)) return failure;
+  event.part = StartingEvent::Part::taubeta;
+  tellobserver(pass.observer().starting, event);
+  if (Failure failure = settlestart(pass, Tau::beta, moments, event)) return failure;
+  return pass.plan.hetit != 0 ? checkheterogeneous(pass) : Failure{};
 }
 
 // The estimates of the pass before. Without a record to spare they must be ones that the data tell apart. A first pass
 // of its kind takes the fixed effects from its own data.
-void startfromestimates(Pass& pass) {
+Failure startfromestimates(Pass& pass) {
   const Estimates& start = *pass.plan.start;
-  if (!pass.plan.freshgamma) run.est.gammahat = start.gammahat.copy();
-  run.est.taupi = start.taupi.copy();
-  run.est.taubeta = start.taubeta.copy();
+  if (!pass.plan.freshgamma) pass.est.gammahat = start.gammahat.copy();
+  pass.est.taupi = start.taupi.copy();
+  pass.est.taubeta = start.taubeta.copy();
   // The estimates may have been moved to another scale, which elements that are held do not follow.
-  applytaupi(run.est.taupi.data());
-  applytaubeta(run.est.taubeta.data());
-  run.est.sigma2 = pass.fixsigma2 != 0.0 ? pass.fixsigma2 : start.sigma2;
-  const long long left = run.mdm.nunits1 - static_cast<long long>(run.mdm.nunits2) * pass.p;
-  if (pass.fixsigma2 == 0.0 && left <= 0 && !identified(pass)) fail(16);
+  applytaupi(pass.model(), pass.est.taupi.data());
+  applytaubeta(pass.model(), pass.est.taubeta.data());
+  pass.est.sigma2 = pass.fixsigma2 != 0.0 ? pass.fixsigma2 : start.sigma2;
+  const long long left = pass.nunits1 - static_cast<long long>(pass.mdm().nunits2) * pass.p;
+  const bool known = pass.fixsigma2 != 0.0 || left > 0 || identified(pass);
+  if (storefailure(pass.store)) return storefailure(pass.store);
+  return known ? Failure{} : failed(16);
 }
 
-void announceiterations() {
-  if (run.report.stream != nullptr) std::fflush(run.report.stream);
-  if (reportisstdout()) return;
-  std::printf("Starting values computed.  Iterations begun.\n");
-  std::printf("Should you wish to terminate the iterations prior to convergence, enter cntl-c\n");
-  std::fflush(stdout);
-}
-
-void iteratestage(Pass& pass, IterationState& state, int hetstate, int limit) {
+Failure iteratestage(Pass& pass, IterationState& state, int hetstate, int limit) {
   state.hetstate = hetstate;
   state.limit = limit;
-  iterate(pass, state);
+  return iterate(pass, state);
 }
 
 }  // namespace
 
-void beginpass(Pass& pass, const PassPlan& plan) {
+Failure beginpass(Pass& pass, const Analysis& analysis, const PassPlan& plan) {
+  pass.analysis = &analysis;
   pass.plan = plan;
   pass.fixsigma2 = plan.fixsigma2;
-  makedesign(pass);
-  run.est.gammahat.reset(at(pass.g));
-  run.est.taupi.reset(square(pass.p));
-  run.est.taubeta.reset(square(pass.b));
-  run.est.vgamma.reset(square(pass.g));
-  const std::size_t units = at(run.mdm.nunits3);
+  if (Failure failure = makedesign(pass)) return failure;
+  pass.est.gammahat.reset(at(pass.g));
+  pass.est.taupi.reset(square(pass.p));
+  pass.est.taubeta.reset(square(pass.b));
+  pass.est.vgamma.reset(square(pass.g));
+  const std::size_t units = at(pass.mdm().nunits3);
   pass.dinv.reset(units, square(pass.b));
   pass.within.reset(units, square(pass.b));
   pass.vstar.reset(units, at(pass.b));
   pass.vright.reset(units, at(pass.b));
+  return {};
 }
 
-PassResults runpass(Pass& pass, IterationState& state, const std::function<double()>& impliedvariance) {
-  if (pass.plan.start == nullptr) deletionnote();
-  if (pass.plan.kind != PassKind::linear && pass.plan.start == nullptr) markreport();
-  const double s = leastsquares(pass);
-  if (pass.plan.kind == PassKind::identity) pass.fixsigma2 = impliedvariance();
-  if (pass.plan.kind == PassKind::linear && run.out.fulloutput) reportleastsquares(pass, s);
-  if (pass.plan.start == nullptr) {
-    startfromdata(pass);
-  } else {
-    startfromestimates(pass);
-  }
-  announceiterations();
+Failure runpass(Pass& pass, IterationState& state, PassResults& results, const ImpliedVariance& impliedvariance) {
+  const bool first = pass.plan.start == nullptr, linear = pass.plan.kind == PassKind::linear;
+  if (first) tellobserver(pass.observer().dataread, pass.plan.kind, pass.nunits1);
+  double s = 0.0;
+  if (Failure failure = leastsquares(pass, s)) return failure;
+  if (pass.plan.kind == PassKind::identity)
+    if (Failure failure = impliedvariance(pass.fixsigma2)) return failure;
+  if (linear && pass.analysis->wanted.leastsquares)
+    if (Failure failure = tellleastsquares(pass, s)) return failure;
+  if (Failure failure = first ? startfromdata(pass) : startfromestimates(pass)) return failure;
+  tellobserver(pass.observer().iterationsbegin);
   startiterations(pass, state);
   if (pass.plan.hetit != 0) {
-    startheterogeneous(state);
-    iteratestage(pass, state, 1, pass.plan.hetit);
-    heterogeneousresults(pass, state);
-    state.hettaupi = {};
+    startheterogeneous(pass, state);
+    if (Failure failure = iteratestage(pass, state, 1, pass.plan.hetit)) return failure;
+    if (Failure failure = heterogeneousresults(pass, state)) return failure;
   }
   if (pass.plan.limit == 0) {
-    PassResults none;
-    none.heterogeneous = true;
-    none.loglik = state.likelihood.current;
-    none.ending = state.ending;
-    return none;
+    results.heterogeneous = true;
+    results.parameters = parametercount(pass.model(), pass.mdm().nunits3);
+    results.loglik = state.likelihood.current;
+    results.ending = state.ending;
+    return {};
   }
-  iteratestage(pass, state, 2, pass.plan.limit);
-  return stageresults(pass, state);
+  if (Failure failure = iteratestage(pass, state, 2, pass.plan.limit)) return failure;
+  results = stageresults(pass, state);
+  return storefailure(pass.store);
 }
 
 }  // namespace kdr

@@ -9,15 +9,18 @@
 
 namespace kdr {
 
-// Phase 1: takes the plan, and makes the design and the arrays of the pass and of run.est.
-void beginpass(Pass& pass, const PassPlan& plan);
+// Phase 1: takes the plan, and makes the design and the arrays of the pass and of its estimates.
+[[nodiscard]] Failure beginpass(Pass& pass, const Analysis& analysis, const PassPlan& plan);
+
+// The variance of the outcome that its type implies, for an identity pass.
+using ImpliedVariance = std::function<Failure(double& sigma2)>;
 
 // Runs a pass whose data pass is done, up to the end of its ordinary stage: least squares, starting values, iterations.
-// Prints what stands before the results of the stage, which are handed back; those of a heterogeneous stage before it
-// are printed. `state` is carried from pass to pass: the failures of accelerated steps count for the whole run. Without
-// an iteration the results have no likelihood and nothing else. An identity pass holds sigma^2 at impliedvariance(),
-// which is asked once the least squares stand. Raises the failures of its phases.
-[[nodiscard]] PassResults runpass(Pass& pass, IterationState& state,
-                                  const std::function<double()>& impliedvariance = {});
+// The observer hears of all of these and gets the results of a heterogeneous stage; those of the ordinary one go to
+// `results`. `state` is carried from pass to pass: the failures of accelerated steps count for all of them. Without an
+// iteration the results have no likelihood and nothing else. An identity pass holds sigma^2 at `impliedvariance`, which
+// is asked once the least squares stand.
+[[nodiscard]] Failure runpass(Pass& pass, IterationState& state, PassResults& results,
+                              const ImpliedVariance& impliedvariance = {});
 
 }  // namespace kdr

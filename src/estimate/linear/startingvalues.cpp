@@ -3,9 +3,6 @@
 #include <algorithm>
 #include <cmath>
 
-#include "driver/failures.h"
-#include "driver/reportstream.h"
-#include "driver/runrecord.h"
 #include "estimate/linear/fixtau.h"
 #include "estimate/linear/restriction.h"
 #include "estimate/linear/usable.h"
@@ -54,7 +51,7 @@ void level3residual(const Pass& pass, int k, StartWork& w) {
   const double* BB = pass.sumBB.row(k);
   const double* BY = pass.sumBY.row(k);
   level3weights(pass, k, w.weights.data());
-  level2means(pass.design, w.weights.data(), run.est.gammahat.data(), w.theta.data());
+  level2means(pass.design, w.weights.data(), pass.est.gammahat.data(), w.theta.data());
   for (int i = 0; i < b; ++i) {
     w.residual[i] = BY[i];
     for (int m = 0; m < nb; ++m) w.residual[i] -= BB[i * nb + m] * w.theta[m];
@@ -145,56 +142,68 @@ FirstMoments firstsweep(Pass& pass, StartWork& w) {
   return first;
 }
 
-[[noreturn]] void virtuallyzero() {
-  report("Sigma_squared(0) is virtually zero. Please examine your level-1 model\n");
-  stoprun(100);
+Failure virtuallyzero() {
+  return failedwith("", "Sigma_squared(0) is virtually zero. Please examine your level-1 model\n");
 }
 
 // A residual variance of nearly zero, for itself and against what rounding leaves of the outcome's squares.
 bool vanishes(const Pass& pass, double sigma2) {
   constexpr double leastsigma2 = 1.0e-8, rounding = 1.0e-11;
-  return sigma2 <= leastsigma2 && sigma2 <= rounding * pass.totalYY / run.mdm.nunits1;
+  return sigma2 <= leastsigma2 && sigma2 <= rounding * pass.totalYY / pass.nunits1;
 }
 
 // Records of the usable units beyond one for each of their random effects.
 int sparerecords(const Pass& pass) { return pass.nusable1 - pass.nusable2 * pass.p; }
 
-double startsigma2(const Pass& pass, double S) {
-  double sigma2 = pass.fixsigma2;
+Failure startsigma2(const Pass& pass, double S, double& sigma2) {
+  sigma2 = pass.fixsigma2;
   if (sigma2 == 0.0) {
-    if (pass.nusable2 < 1 || pass.nusable1 < 1) fail(13, "1");
+    if (pass.nusable2 < 1 || pass.nusable1 < 1) return failed(13, "1");
     const int df = sparerecords(pass);
-    if (df < 1) fail(16);
+    if (df < 1) return failed(16);
     sigma2 = S / df;
   }
-  if (run.model.weighted) return sigma2 <= 0.0 ? 1.0 : sigma2;
-  if (vanishes(pass, sigma2)) virtuallyzero();
-  return sigma2;
+  if (pass.model().weighted) {
+    if (sigma2 <= 0.0) sigma2 = 1.0;
+    return {};
+  }
+  return vanishes(pass, sigma2) ? virtuallyzero() : Failure{};
 }
 
 // T = U2/n - sigma2 I2/n.
 void momenttaupi(const Pass& pass, const StartWork& w, double* T) {
   for (std::size_t i = 0; i < w.U2.size(); ++i)
-    T[i] = w.U2[i] / pass.nusable2 - run.est.sigma2 * w.I2[i] / pass.nusable2;
+    T[i] = w.U2[i] / pass.nusable2 - pass.est.sigma2 * w.I2[i] / pass.nusable2;
 }
 
-void firsttaupi(const Pass& pass, StartWork& w) {
-  const int p = pass.p;
-  double* T = run.est.taupi.data();
-  if (pass.nusable2 < 1 || pass.nusable3 < 1) fail(13, "1");
-  momenttaupi(pass, w, T);
-  if (p == 1 && T[0] < 0.0) T[0] = 1.0;
-  if (run.model.restrictions.haveesttau2) applyfixed(T, p, run.model.restrictions.esttau2);
+// A first value of a tau: held and equal elements, and the automatic repair.
+Failure settlefirst(Pass& pass, Tau which, const Array<double>& moments) {
+  const bool pi = which == Tau::pi;
+  const Restrictions& held = pass.model().restrictions;
+  const int n = pi ? pass.p : pass.b;
+  double* t = (pi ? pass.est.taupi : pass.est.taubeta).data();
+  Array<double> inverse(square(n));
+  if (pi ? held.haveesttau2 : held.haveesttau3) applyfixed(t, n, pi ? held.esttau2 : held.esttau3);
   for (;;) {
-    if (!usablecovariance(T, p)) fixtau(T, p, w.U2, 3, run.est.sigma2, Tau::pi);
-    if (!run.model.restrictions.havecontau2) return;
-    applyequal(p, T, run.model.restrictions.contau2);
-    if (invertsymmetric(p, T, w.Pj.data()).result == 0) return;
+    if (!usablecovariance(t, n))
+      if (Failure failure = fixtau(pass, which, moments, FixTau::automatic)) return failure;
+    if (!(pi ? held.havecontau2 : held.havecontau3)) return {};
+    applyequal(n, t, pi ? held.contau2 : held.contau3);
+    if (invertsymmetric(n, t, inverse.data()).result == 0) return {};
   }
 }
 
+Failure firsttaupi(Pass& pass, StartWork& w) {
+  const int p = pass.p;
+  double* T = pass.est.taupi.data();
+  if (pass.nusable2 < 1 || pass.nusable3 < 1) return failed(13, "1");
+  momenttaupi(pass, w, T);
+  if (p == 1 && T[0] < 0.0) T[0] = 1.0;
+  return settlefirst(pass, Tau::pi, w.U2);
+}
+
 // taubeta from the residuals of the first sweep, less what tau(pi) and sigma2 put into them.
-void firsttaubeta(Pass& pass, StartWork& w, const FirstMoments& first) {
+Failure firsttaubeta(Pass& pass, StartWork& w, const FirstMoments& first) {
   const int b = pass.b, p = pass.p;
   Array<double> R(at(b) * at(b)), ER(at(b) * at(p)), ERT(at(b) * at(p));
   const auto usable3 = [&](int k) { return w.Z2Z2inv.row(k)[0] != missingcode; };
@@ -203,26 +212,21 @@ void firsttaubeta(Pass& pass, StartWork& w, const FirstMoments& first) {
       [&](int k) {
         if (!usable3(k)) return;
         const double* E = w.Z2Z2inv.row(k);
-        for (std::size_t i = 0; i < R.size(); ++i) R[i] += run.est.sigma2 * E[i];
+        for (std::size_t i = 0; i < R.size(); ++i) R[i] += pass.est.sigma2 * E[i];
       },
       [&](int k, std::size_t, const double* hot) {
         if (!usable3(k)) return;
         unitZ2Z1(pass, k, hot, w.R);
         mulAB(ER.data(), w.Z2Z2inv.row(k), w.R.data(), b, p, b);
-        mulAB(ERT.data(), ER.data(), run.est.taupi.data(), b, p, p);
+        mulAB(ERT.data(), ER.data(), pass.est.taupi.data(), b, p, p);
         addABt(R.data(), ERT.data(), ER.data(), b, b, p);
       },
       [](int) {}, reading(pass.store.hot));
-  if (pass.nusable3 < 1) fail(2, "2");
-  double* L = run.est.taubeta.data();
+  if (storefailure(pass.store)) return storefailure(pass.store);
+  if (pass.nusable3 < 1) return failed(2, "2");
+  double* L = pass.est.taubeta.data();
   for (std::size_t i = 0; i < R.size(); ++i) L[i] = first.V2[i] / pass.nusable3 - R[i] / pass.nusable3;
-  if (run.model.restrictions.haveesttau3) applyfixed(L, b, run.model.restrictions.esttau3);
-  for (;;) {
-    if (!usablecovariance(L, b)) fixtau(L, b, first.V2, 3, run.est.sigma2, Tau::beta);
-    if (!run.model.restrictions.havecontau3) return;
-    applyequal(b, L, run.model.restrictions.contau3);
-    if (invertsymmetric(b, L, w.G.data()).result == 0) return;
-  }
+  return settlefirst(pass, Tau::beta, first.V2);
 }
 
 // Second round, first sweep: level-2 residuals given the shrunken level-3 ones. Fills K and h3 and leaves the residuals
@@ -315,40 +319,38 @@ void sharetau(double variance, const Array<double>& meansquare, Array<double>& t
 }
 
 // Half of the residual variance to sigma2, a quarter to the random effects of each level.
-void sharevariance(Pass& pass, StartMoments& moments) {
+Failure sharevariance(Pass& pass, StartMoments& moments) {
   const int p = pass.p, b = pass.b, nb = pass.nbeta;
   double rss = pass.totalYY;
-  for (int i = 0; i < pass.g; ++i) rss -= run.est.gammahat[i] * pass.gramMY[i];
-  const double variance = rss / run.mdm.nunits1;
-  if (vanishes(pass, variance)) virtuallyzero();
-  run.est.sigma2 = pass.fixsigma2 != 0.0 ? pass.fixsigma2 : 0.5 * variance;
+  for (int i = 0; i < pass.g; ++i) rss -= pass.est.gammahat[i] * pass.gramMY[i];
+  const double variance = rss / pass.nunits1;
+  if (vanishes(pass, variance)) return virtuallyzero();
+  pass.est.sigma2 = pass.fixsigma2 != 0.0 ? pass.fixsigma2 : 0.5 * variance;
   Array<double> mean1(at(p)), mean2(at(b));
   sweepunits(
       pass.n2of,
       [&](int k) {
         for (int i = 0; i < b; ++i)
-          mean2[i] += pass.scale3[k] * pass.scale3[k] * pass.sumBB.row(k)[i * nb + i] / run.mdm.nunits1;
+          mean2[i] += pass.scale3[k] * pass.scale3[k] * pass.sumBB.row(k)[i * nb + i] / pass.nunits1;
       },
       [&](int, std::size_t, const double* hot) {
         eachelement(p, [&](int e, int i, int j) {
-          if (i == j) mean1[i] += hot[e] / run.mdm.nunits1;
+          if (i == j) mean1[i] += hot[e] / pass.nunits1;
         });
       },
       [](int) {}, reading(pass.store.hot));
-  sharetau(0.25 * variance, mean1, run.est.taupi);
-  sharetau(0.25 * variance, mean2, run.est.taubeta);
-  applytaubeta(run.est.taubeta.data());
-  moments = {run.est.taupi.copy(), run.est.taubeta.copy(), true};
-  reportbreak();
-  reportline(" The units have too few records for fits of their own, so the starting values share out the");
-  reportline(" residual variance.");
+  sharetau(0.25 * variance, mean1, pass.est.taupi);
+  sharetau(0.25 * variance, mean2, pass.est.taubeta);
+  applytaubeta(pass.model(), pass.est.taubeta.data());
+  moments = {pass.est.taupi.copy(), pass.est.taubeta.copy(), true};
+  return {};
 }
 
 // Q = sigma2 T^-1, T of order n.
-Array<double> scaledinverse(const Array<double>& T, int n) {
+Array<double> scaledinverse(const Array<double>& T, int n, double sigma2) {
   Array<double> Q(square(n));
   invertsymmetric(n, T.data(), Q.data());
-  for (double& q : Q) q *= run.est.sigma2;
+  for (double& q : Q) q *= sigma2;
   return Q;
 }
 
@@ -382,44 +384,46 @@ bool identified(Pass& pass) {
       },
       [](int) {}, reading(pass.store.hot));
   mirror(NT, gram.data());
-  const Restriction restriction = allrestriction(pass.fixsigma2 == 0.0);
+  const Restriction restriction = allrestriction(pass.model(), pass.fixsigma2 == 0.0);
   Array<double> reduced(square(restriction.nfree));
   reduceinformation(restriction, gram.data(), NT, reduced.data());
   return restriction.nfree == 0 || !collinear(reduced.data(), restriction.nfree);
 }
 
-void leastsquarestart(Pass& pass, StartMoments& moments) {
+Failure leastsquarestart(Pass& pass, StartMoments& moments) {
   StartWork w = makework(pass);
   const std::size_t units3 = pass.n2of.size();
   w.Z2Z2inv.reset(units3, square(pass.b));
   w.K.reset(units3, square(pass.b));
   w.h3.reset(units3, at(pass.b));
-  pass.nusable1 = run.mdm.nunits1;
-  pass.nusable2 = run.mdm.nunits2;
-  pass.nusable3 = run.mdm.nunits3;
+  pass.nusable1 = pass.nunits1;
+  pass.nusable2 = pass.mdm().nunits2;
+  pass.nusable3 = pass.mdm().nunits3;
   const FirstMoments first = firstsweep(pass, w);
+  if (storefailure(pass.store)) return storefailure(pass.store);
   const bool nofits = pass.nusable2 < 1 || pass.nusable3 < 1 || (pass.fixsigma2 == 0.0 && sparerecords(pass) < 1);
   if (nofits && identified(pass)) {
-    pass.nusable1 = run.mdm.nunits1;
-    pass.nusable2 = run.mdm.nunits2;
-    pass.nusable3 = run.mdm.nunits3;
+    pass.nusable1 = pass.nunits1;
+    pass.nusable2 = pass.mdm().nunits2;
+    pass.nusable3 = pass.mdm().nunits3;
     return sharevariance(pass, moments);
   }
-  run.est.sigma2 = startsigma2(pass, first.S);
-  firsttaupi(pass, w);
-  firsttaubeta(pass, w, first);
-  const Array<double> Q = scaledinverse(run.est.taubeta, pass.b);
+  if (Failure failure = startsigma2(pass, first.S, pass.est.sigma2)) return failure;
+  if (Failure failure = firsttaupi(pass, w)) return failure;
+  if (Failure failure = firsttaubeta(pass, w, first)) return failure;
+  const Array<double> Q = scaledinverse(pass.est.taubeta, pass.b, pass.est.sigma2);
   residualsweep(pass, w, Q);
   momentsweep(pass, w, Q);
-  momenttaupi(pass, w, run.est.taupi.data());
+  momenttaupi(pass, w, pass.est.taupi.data());
   moments.taupi = std::move(w.U2);
   moments.taubeta = first.V2.copy();
+  return storefailure(pass.store);
 }
 
-void starttaubeta(Pass& pass, StartMoments& moments) {
+Failure starttaubeta(Pass& pass, StartMoments& moments) {
   const int b = pass.b, p = pass.p;
   StartWork w = makework(pass);
-  const Array<double> Q = scaledinverse(run.est.taupi, p);
+  const Array<double> Q = scaledinverse(pass.est.taupi, p, pass.est.sigma2);
   Array<double> R(at(b) * at(b)), V2(at(b) * at(b)), RC(at(b) * at(p));
   sweepunits(
       pass.n2of,
@@ -444,11 +448,12 @@ void starttaubeta(Pass& pass, StartMoments& moments) {
       },
       reading(pass.store.hot));
   if (!pass.plan.tausstand()) {
-    double* L = run.est.taubeta.data();
-    for (std::size_t i = 0; i < R.size(); ++i) L[i] = V2[i] / pass.nusable3 - run.est.sigma2 * R[i] / pass.nusable3;
-    applytaubeta(L);
+    double* L = pass.est.taubeta.data();
+    for (std::size_t i = 0; i < R.size(); ++i) L[i] = V2[i] / pass.nusable3 - pass.est.sigma2 * R[i] / pass.nusable3;
+    applytaubeta(pass.model(), L);
   }
   moments.taubeta = std::move(V2);
+  return storefailure(pass.store);
 }
 
 }  // namespace kdr

@@ -17,15 +17,15 @@ struct StartMoments {
 // random effects, the product of the derivatives by x_ij and y_kl is a sum of terms M_jk M_il.
 [[nodiscard]] bool identified(Pass& pass);
 
-// Fills run.est.sigma2, taupi and taubeta from the least-squares estimate in run.est.gammahat, and the numbers of
+// Fills pass.est.sigma2, taupi and taubeta from the least-squares estimate in pass.est.gammahat, and the numbers of
 // usable records and units in `pass`. taubeta is a first value here: `starttaubeta` gives the one that the iterations
 // start from. Where the units' own fits give no moments, because none has records to spare, and the variance parameters
-// are identified all the same, the residual variance is shared out among them, with a line in the report, and taubeta
-// needs no second value. Otherwise raises 13 without usable units, 16 without degrees of freedom for sigma2, 2 without
-// a usable level-3 unit; and 100 for a sigma2 of nearly zero.
-void leastsquarestart(Pass& pass, StartMoments& moments);
+// are identified all the same, the residual variance is shared out among them, and taubeta needs no second value.
+// Failures otherwise: 13 without usable units, 16 without degrees of freedom for sigma2, 2 without a usable level-3
+// unit; words of its own for a sigma2 of nearly zero.
+[[nodiscard]] Failure leastsquarestart(Pass& pass, StartMoments& moments);
 
 // taubeta once more, from the repaired taupi: the value that the iterations start from.
-void starttaubeta(Pass& pass, StartMoments& moments);
+[[nodiscard]] Failure starttaubeta(Pass& pass, StartMoments& moments);
 
 }  // namespace kdr

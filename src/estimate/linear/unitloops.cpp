@@ -5,12 +5,14 @@
 
 #include <math.h>
 
+#include <cstdint>
+
 namespace kdr::KDR3_INSTRUCTIONS {
 
 namespace {
 
 // Four level-2 units side by side, worked by the vector instructions that the machine has.
-using Lane = double __attribute__((vector_size(32), aligned(8)));
+using Lane = double __attribute__((vector_size(32)));
 
 // Element `at` of the record of one unit, or of four records in a row.
 template <class Real>
@@ -76,11 +78,14 @@ struct LogProduct {
   }
 };
 
-// Pieces of one buffer, one behind the other.
+// Pieces of one buffer, one behind the other, from the first place on that has the alignment of a Real.
 template <class Real>
 struct Buffer {
   Real* next;
-  explicit Buffer(double* work) : next(reinterpret_cast<Real*>(work)) {}
+  explicit Buffer(double* work) {
+    while (reinterpret_cast<std::uintptr_t>(work) % alignof(Real) != 0) ++work;
+    next = reinterpret_cast<Real*>(work);
+  }
 };
 
 // n values: where the compiler knows their number they are its own, in registers as far as they go.

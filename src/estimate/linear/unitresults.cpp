@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cmath>
 
-#include "driver/runrecord.h"
 #include "kernel/matrix.h"
 #include "kernel/products.h"
 #include "kernel/sizes.h"
@@ -13,9 +12,9 @@ namespace kdr {
 namespace {
 
 // packed = sigma2 times full, of order n.
-void packscaled(int n, const double* full, Array<double>& packed) {
+void packscaled(int n, const double* full, double sigma2, Array<double>& packed) {
   pack(n, full, packed.data());
-  for (double& x : packed) x *= run.est.sigma2;
+  for (double& x : packed) x *= sigma2;
 }
 
 }  // namespace
@@ -52,13 +51,13 @@ void level3results(const Pass& pass, int k, double missing, UnitResults& results
   } else {
     std::copy_n(vlsq, b, out.OL.data());
   }
-  takeunitmeans(pass, k, run.est.gammahat.data(), v, results.means);
+  takeunitmeans(pass, k, pass.est.gammahat.data(), v, results.means);
   for (std::size_t i = 0; i < at(pass.nbeta); ++i) {
     const int column = pass.design.column2[i];
     out.FV[i] = results.means.theta[column];
     out.EC[i] = results.means.thetastar[column];
   }
-  packscaled(b, pass.dinv.row(k), out.PV);
+  packscaled(b, pass.dinv.row(k), pass.est.sigma2, out.PV);
 }
 
 void level2coefficients(const Pass& pass, std::size_t unit, const double* hot, const double* cold,
@@ -86,7 +85,7 @@ void level2residuals(const Pass& pass, int k, const double* hot, const double* c
   for (double& a : results.A) a *= pass.scale3[k];
   mulAB(results.AE.data(), results.A.data(), pass.dinv.row(k), p, b, b);
   addABt(results.C.data(), results.AE.data(), results.A.data(), p, p, b);
-  packscaled(p, results.C.data(), out.PV);
+  packscaled(p, results.C.data(), pass.est.sigma2, out.PV);
 }
 
 }  // namespace kdr

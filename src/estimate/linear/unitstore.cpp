@@ -2,12 +2,9 @@
 
 #include <cstring>
 
-#include "driver/runrecord.h"
 #include "kernel/sizes.h"
 
 namespace kdr {
-
-std::size_t unitstorebudget = std::size_t{256} << 20;
 
 void openstore(UnitStore& store, const StoreLayout& layout) {
   const std::size_t triangle = packedsize(layout.p), p = at(layout.p), nb = at(layout.nb);
@@ -19,6 +16,7 @@ void openstore(UnitStore& store, const StoreLayout& layout) {
   store.atustar = store.atCinv + triangle;
 
   store.hasid = layout.withid;
+  store.numericids = layout.numericids;
   store.nvar2 = layout.nvar2;
   store.atinverse = 1;
   store.atid = store.atinverse + triangle;
@@ -27,10 +25,11 @@ void openstore(UnitStore& store, const StoreLayout& layout) {
   const std::size_t hot = store.atustar + p, cold = store.atlevel2 + at(layout.nvar2);
   const std::size_t weighted = layout.weighted ? 1 + triangle + nb * p : 0;
   const std::size_t bytes = layout.nunits * (hot + cold + weighted) * sizeof(double);
-  const bool inmemory = run.id.inmemory || bytes <= unitstorebudget;
-  store.hot.open(hot, layout.nunits, inmemory);
-  store.cold.open(cold, layout.nunits, inmemory);
-  if (layout.weighted) store.weighted.open(weighted, layout.nunits, inmemory);
+  const bool inmemory = layout.settings.inmemory || bytes <= layout.settings.budget;
+  const StreamSettings settings{inmemory, layout.settings.window, layout.observer};
+  store.hot.open(hot, layout.nunits, settings);
+  store.cold.open(cold, layout.nunits, settings);
+  if (layout.weighted) store.weighted.open(weighted, layout.nunits, settings);
 }
 
 void finishstore(UnitStore& store) {
@@ -39,9 +38,15 @@ void finishstore(UnitStore& store) {
   if (store.weighted.isopen()) store.weighted.finish();
 }
 
+const Failure& storefailure(const UnitStore& store) {
+  for (const RecordStream* stream : {&store.hot, &store.cold})
+    if (stream->failure()) return stream->failure();
+  return store.weighted.failure();
+}
+
 void putid(const UnitStore& store, double* cold, const Id& id) {
   if (!store.hasid) return;
-  if (run.mdm.numericids) {
+  if (store.numericids) {
     cold[store.atid] = id.number;
   } else {
     std::memcpy(cold + store.atid, id.text.text, sizeof id.text.text);
@@ -50,7 +55,7 @@ void putid(const UnitStore& store, double* cold, const Id& id) {
 
 Id getid(const UnitStore& store, const double* cold) {
   Id id{};
-  if (run.mdm.numericids) {
+  if (store.numericids) {
     id.number = cold[store.atid];
   } else {
     std::memcpy(id.text.text, cold + store.atid, sizeof id.text.text);

@@ -15,12 +15,10 @@
 
 #include "core/constants.h"
 #include "data/mdm.h"
+#include "estimate/analysis.h"
 #include "estimate/linear/recordstream.h"
 
 namespace kdr {
-
-// Bytes that the streams of a pass may hold in memory without -i.
-extern std::size_t unitstorebudget;
 
 // What a store has to hold.
 struct StoreLayout {
@@ -30,6 +28,9 @@ struct StoreLayout {
   bool withid = false;     // a later reader needs the identifiers
   int nvar2 = 0;           // width of the level-2 rows that a later reader needs, 0: none does
   bool weighted = false;
+  bool numericids = false;
+  StoreSettings settings;
+  const Observer* observer = nullptr;  // of the streams
 };
 
 struct UnitStore {
@@ -40,7 +41,7 @@ struct UnitStore {
   // Offsets into a cold record: n_j stands at 0.
   std::size_t atinverse = 0, atid = 0, atlevel2 = 0;
   int nvar2 = 0;
-  bool hasid = false;
+  bool hasid = false, numericids = false;
 
   RecordStream hot, cold, weighted;
 };
@@ -49,6 +50,8 @@ struct UnitStore {
 void openstore(UnitStore& store, const StoreLayout& layout);
 // Ends the appending.
 void finishstore(UnitStore& store);
+// The first thing that went wrong with one of its streams.
+[[nodiscard]] const Failure& storefailure(const UnitStore& store);
 
 // The level-2 identifier of a cold record.
 void putid(const UnitStore& store, double* cold, const Id& id);

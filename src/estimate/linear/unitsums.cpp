@@ -12,7 +12,7 @@ std::size_t loopwork(int p, int b, int nb) {
   const std::size_t visits =
       2 * packedsize(p) + 2 * at(p) + 2 * at(nb) * at(p) + packedsize(nb) + at(nb) + packedsize(b * p);
   const std::size_t scoring = 7 * pp + 2 * bp + pp * pp;
-  return loopstep * std::max(visits, scoring);
+  return loopstep * std::max(visits, scoring) + loopstep;  // and what its alignment may pass over
 }
 
 const UnitLoops& unitloops() {

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 
-#include "driver/runrecord.h"
 #include "kernel/decompositions.h"
 #include "kernel/matrix.h"
 #include "kernel/products.h"
@@ -24,10 +23,10 @@ struct UnitVariance {
 
 Array<double> weightedcovariance(Pass& pass) {
   const int p = pass.p, b = pass.b, nb = pass.nbeta, g = pass.g;
-  const double s = run.est.sigma2;
+  const double s = pass.est.sigma2;
   Array<double> Ti(square(p)), Li(square(b));
-  invertsymmetric(p, run.est.taupi.data(), Ti.data());
-  invertsymmetric(b, run.est.taubeta.data(), Li.data());
+  invertsymmetric(p, pass.est.taupi.data(), Ti.data());
+  invertsymmetric(b, pass.est.taubeta.data(), Li.data());
   UnitVariance unit{Array<double>(square(nb)), Array<double>(square(nb)), Array<double>(square(nb))};
   Array<double> X(square(g)), C(square(p)), W11(square(p)), H(at(nb * p)), half(at(nb * p)), N(square(nb));
   Array<double> PE(at(nb * b)), PEL(at(nb * b)), J(square(nb)), JM(square(nb)), total(square(nb));
@@ -42,7 +41,7 @@ Array<double> weightedcovariance(Pass& pass) {
 
   double W3 = 1.0;
   const auto begin = [&](int k) {
-    W3 = run.weights.weight3[k];
+    W3 = pass.weights().weight3[k];
     unit.HB.fill(0.0);
     unit.F.fill(0.0);
     std::copy_n(pass.sumBB2.row(k), square(nb), unit.G.data());
@@ -87,8 +86,8 @@ Array<double> weightedcovariance(Pass& pass) {
   };
   sweepunits(pass.n2of, begin, each, end, reading(pass.store.hot), reading(pass.store.weighted));
   Array<double> V(square(g)), covariance(square(g));
-  mulAB(V.data(), run.est.vgamma.data(), X.data(), g, g, g);
-  mulAB(covariance.data(), V.data(), run.est.vgamma.data(), g, g, g);
+  mulAB(V.data(), pass.est.vgamma.data(), X.data(), g, g, g);
+  mulAB(covariance.data(), V.data(), pass.est.vgamma.data(), g, g, g);
   return covariance;
 }
 

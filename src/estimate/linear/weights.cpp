@@ -1,11 +1,9 @@
 #include "estimate/linear/weights.h"
 
 #include <algorithm>
-#include <cstdio>
 
+#include "core/formatted.h"
 #include "data/unitreader.h"
-#include "driver/failures.h"
-#include "driver/runrecord.h"
 #include "estimate/linear/deletion.h"
 #include "kernel/array.h"
 #include "kernel/sizes.h"
@@ -14,9 +12,19 @@ namespace kdr {
 
 namespace {
 
+// The making of the weights, and the first thing that went wrong.
+struct Making {
+  const Model& model;
+  const MdmData& mdm;
+  const Observer& observer;
+  DesignWeights& weights;
+  Failure failure;
+};
+
 // A weight as it was read: means and products of negative ones can be positive.
-double positive(double weight, int level) {
-  if (!(weight > 0.0)) stopwith("Level-%d Weights must be positive!\n", level);
+double positive(Making& making, double weight, int level) {
+  if (!(weight > 0.0) && !making.failure)
+    making.failure = failedwith(formatted("Level-%d Weights must be positive!\n", level));
   return weight;
 }
 
@@ -37,13 +45,13 @@ struct Remaining {
 };
 
 // Mean of wgtvar2 over all level-2 rows of the level-3 unit whose first block has just been read.
-double level2mean(UnitReader& reader, const UnitBlock& first, UnitBlock& ahead) {
-  const std::size_t variable = at(run.model.wgtvar2) - 1;
-  double sum = positive(first.level2[variable], 2);
+double level2mean(Making& making, UnitReader& reader, const UnitBlock& first, UnitBlock& ahead) {
+  const std::size_t variable = at(making.model.wgtvar2) - 1;
+  double sum = positive(making, first.level2[variable], 2);
   int rows = 1;
   const long long position = unitposition(reader);
-  while (skimunit(reader, ahead) && sameid(ahead.id3, first.id3)) {
-    sum += positive(ahead.level2[variable], 2);
+  while (skimunit(reader, ahead) && sameid(ahead.id3, first.id3, making.mdm.numericids)) {
+    sum += positive(making, ahead.level2[variable], 2);
     ++rows;
   }
   seekunit(reader, position);
@@ -51,19 +59,23 @@ double level2mean(UnitReader& reader, const UnitBlock& first, UnitBlock& ahead) 
 }
 
 // The raw weights of one unit: its records from `record` on, and the unit's own.
-void unitweights(const UnitBlock& unit, std::size_t record, double& weight2, double m2, double weight3) {
-  DesignWeights& weights = run.weights;
-  const bool set1 = run.model.wgtvar1 != 0, set2 = run.model.wgtvar2 != 0, set3 = run.model.wgtvar3 != 0;
+void unitweights(Making& making, const UnitBlock& unit, std::size_t record, double& weight2, double m2,
+                 double weight3) {
+  const Model& model = making.model;
+  DesignWeights& weights = making.weights;
+  const bool set1 = model.wgtvar1 != 0, set2 = model.wgtvar2 != 0, set3 = model.wgtvar3 != 0;
   if (set1 && !set2 && set3) {
-    std::printf("\nUnable to do only level-1 and level-3 weights.\n");
-    std::printf("To run the analysis KDR3 must be able to compute W(i|jk), W(j|k) and W(k).\n");
-    stopwith("We cannot compute these three quantities based on the information provided.\n");
+    making.failure = failedwith(
+        "\nUnable to do only level-1 and level-3 weights.\n"
+        "To run the analysis KDR3 must be able to compute W(i|jk), W(j|k) and W(k).\n"
+        "We cannot compute these three quantities based on the information provided.\n");
+    return;
   }
-  const double x2 = set2 ? unit.level2[at(run.model.wgtvar2) - 1] / m2 : 1.0;
+  const double x2 = set2 ? unit.level2[at(model.wgtvar2) - 1] / m2 : 1.0;
   if (set2) weight2 = set3 ? x2 * weight3 : x2;
   if (!set1) return;
-  const auto x1 = [&](int i) { return unit.records[at(i) * at(run.mdm.nvar1) + at(run.model.wgtvar1) - 1]; };
-  for (int i = 0; i < unit.nj; ++i) static_cast<void>(positive(x1(i), 1));
+  const auto x1 = [&](int i) { return unit.records[at(i) * at(making.mdm.nvar1) + at(model.wgtvar1) - 1]; };
+  for (int i = 0; i < unit.nj; ++i) positive(making, x1(i), 1);
   double m1 = 0.0;
   for (int i = 0; i < unit.nj; ++i) m1 += x1(i) / unit.nj;
   // With level-2 weights alone beside them the level-1 weights are taken as they are.
@@ -72,38 +84,47 @@ void unitweights(const UnitBlock& unit, std::size_t record, double& weight2, dou
   if (!set2) weight2 = m1;
 }
 
-Remaining readweights() {
-  DesignWeights& weights = run.weights;
-  Remaining remaining{Array<int>(at(run.mdm.nunits3)), Array<int>(at(run.mdm.nunits2))};
+Remaining readweights(Making& making) {
+  const Model& model = making.model;
+  const MdmData& mdm = making.mdm;
+  DesignWeights& weights = making.weights;
+  Remaining remaining{Array<int>(at(mdm.nunits3)), Array<int>(at(mdm.nunits2))};
   UnitReader reader;
-  startunits(reader, run.mdm.stream, run.mdm.firstblock, run.mdm.nvar1, run.mdm.nvar2, true);
+  reader.observer = &making.observer;
+  startunits(reader, mdm, mdm.stream, mdm.firstblock, mdm.nvar1, mdm.nvar2, true);
   UnitBlock unit, ahead;
-  const bool deleting = !run.mdm.deletednow;
+  const bool deleting = !mdm.deletednow;
   int k = -1;
   double m2 = 1.0;
   Id current{};
-  while (readunit(reader, unit)) {
-    checksignals();
-    if (k < 0 || !sameid(unit.id3, current)) {
-      if (++k >= run.mdm.nunits3) damagedmdm("it has more level-3 units than its table");
+  while (!making.failure && readunit(reader, unit)) {
+    if (making.observer.givesup()) making.failure = failed(abandoned);
+    if (k < 0 || !sameid(unit.id3, current, mdm.numericids)) {
+      if (++k >= mdm.nunits3) {
+        making.failure = damagedmdm(mdm, "it has more level-3 units than its table");
+        break;
+      }
       current = unit.id3;
-      if (run.model.wgtvar2 != 0) m2 = level2mean(reader, unit, ahead);
-      if (run.model.wgtvar2 != 0 && run.model.wgtvar3 == 0) weights.weight3[k] = m2;
+      if (model.wgtvar2 != 0) m2 = level2mean(making, reader, unit, ahead);
+      if (model.wgtvar2 != 0 && model.wgtvar3 == 0) weights.weight3[k] = m2;
     }
-    if (deleting) deleterecords(unit);
+    if (deleting) deleterecords(model, unit);
     if (unit.nj == 0) continue;
-    unitweights(unit, remaining.records, weights.weight2[remaining.units], m2, weights.weight3[k]);
+    unitweights(making, unit, remaining.records, weights.weight2[remaining.units], m2, weights.weight3[k]);
     ++remaining.unitsin[k];
     remaining.recordsin[remaining.units++] = unit.nj;
     remaining.records += at(unit.nj);
   }
+  if (!making.failure) making.failure = reader.failure;
   return remaining;
 }
 
 // Each level within the one above it, then times the weight of the one above, each time to a mean of 1.
-void normalise(const Remaining& remaining) {
-  DesignWeights& weights = run.weights;
-  const std::size_t units3 = at(run.mdm.nunits3);
+void normalise(const Making& making, const Remaining& remaining) {
+  const Model& model = making.model;
+  const MdmData& mdm = making.mdm;
+  DesignWeights& weights = making.weights;
+  const std::size_t units3 = at(mdm.nunits3);
   const auto eachlevel3 = [&](auto use) {
     std::size_t unit = 0, record = 0;
     for (std::size_t k = 0; k < units3; ++k) {
@@ -113,7 +134,7 @@ void normalise(const Remaining& remaining) {
     }
   };
 
-  if (run.model.wgtvar1 != 0 && run.model.wgtvar2 == 0 && run.model.wgtvar3 == 0)
+  if (model.wgtvar1 != 0 && model.wgtvar2 == 0 && model.wgtvar3 == 0)
     eachlevel3([&](std::size_t k, std::size_t first, std::size_t n, std::size_t, std::size_t) {
       double sum = 0.0;
       for (std::size_t j = first; j < first + n; ++j) sum += weights.weight2[j];
@@ -145,20 +166,22 @@ void normalise(const Remaining& remaining) {
 
 }  // namespace
 
-void normaliseweights() {
-  DesignWeights& weights = run.weights;
-  weights.weight1.reset(at(run.mdm.nunits1));
-  weights.weight2.reset(at(run.mdm.nunits2));
-  weights.weight3.reset(at(run.mdm.nunits3));
+Failure normaliseweights(const Model& model, MdmData& mdm, const Observer& observer, DesignWeights& weights) {
+  Making making{model, mdm, observer, weights, {}};
+  weights.weight1.reset(at(mdm.nunits1));
+  weights.weight2.reset(at(mdm.nunits2));
+  weights.weight3.reset(at(mdm.nunits3));
   for (Array<double>* level : {&weights.weight1, &weights.weight2, &weights.weight3}) level->fill(1.0);
-  if (run.model.wgtvar3 != 0) {
+  if (model.wgtvar3 != 0) {
     for (std::size_t k = 0; k < weights.weight3.size(); ++k)
-      weights.weight3[k] = positive(run.mdm.level3[k * at(run.mdm.nvar3) + at(run.model.wgtvar3) - 1], 3);
+      weights.weight3[k] = positive(making, mdm.level3[k * at(mdm.nvar3) + at(model.wgtvar3) - 1], 3);
     dividebymean(weights.weight3, 0, weights.weight3.size());
   }
-  const Remaining remaining = readweights();
-  normalise(remaining);
-  run.mdm.nunits2 = static_cast<int>(remaining.units);
+  const Remaining remaining = making.failure ? Remaining{} : readweights(making);
+  if (making.failure) return making.failure;
+  normalise(making, remaining);
+  mdm.nunits2 = static_cast<int>(remaining.units);
+  return {};
 }
 
 }  // namespace kdr

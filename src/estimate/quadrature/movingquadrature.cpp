@@ -17,7 +17,7 @@ namespace kdr {
 namespace {
 
 constexpr std::array<int, 7> ladder = {5, 7, 11, 15, 21, 31, 41};
-constexpr int mosteffects = 10, mostpoints = 198;
+constexpr int mosteffectsofalevel = 10, mostpoints = 198;
 // Of the first standard deviation of an effect, in units of its error from one level-2 or level-3 unit.
 constexpr double leaststart = 0.1;
 
@@ -120,7 +120,7 @@ struct Run {
   Errors errors;
 };
 
-struct Engine {
+struct Search {
   const MovingSettings& settings;
   const QuadratureObserver& observer;
   SphericalLikelihood likelihood{};
@@ -137,12 +137,11 @@ struct Engine {
 };
 
 // The problem with progress lines, and with an end where a variance grows for ever.
-AscentProblem Engine::watched(Run& run, AscentProblem problem) {
+AscentProblem Search::watched(Run& run, AscentProblem problem) {
   problem.iterated = [this, &run, before = static_cast<double>(-INFINITY), earlier = iterations](int iteration,
                                                                                                  double value) mutable {
     iterations = earlier + iteration;
-    if (observer.line)
-      observer.line(formatted("The value of the log-likelihood function at AGQ iteration %d = %E", iterations, value));
+    if (observer.iteration) observer.iteration(iterations, value);
     run.nomaximum = std::fabs(value - before) < settings.nogain &&
                     largestdeviation(likelihood.frame, likelihood.current.point) > settings.nomaximum;
     before = value;
@@ -151,7 +150,7 @@ AscentProblem Engine::watched(Run& run, AscentProblem problem) {
   return problem;
 }
 
-Run Engine::run(int points, const Array<double>& start, Approach approach, int limit, bool last) {
+Run Search::run(int points, const Array<double>& start, Approach approach, int limit, bool last) {
   Run run;
   const Frame& frame = likelihood.frame;
   if (!makegrids(likelihood.grids, points, frame.q, frame.r)) return run;
@@ -164,7 +163,7 @@ Run Engine::run(int points, const Array<double>& start, Approach approach, int l
   }
   AscentProblem problem = watched(run, ascentof(likelihood));
   if (!last) {
-    if (observer.line) observer.line(formatted("The number of points is checked with %d", points));
+    if (observer.checks) observer.checks(points);
     problem.iterated = [this](int, double) { return observer.stop && observer.stop(); };
   }
   run.ascent = climb(problem, ascent, start, approach);
@@ -176,7 +175,7 @@ Run Engine::run(int points, const Array<double>& start, Approach approach, int l
   return run;
 }
 
-Run Engine::runlaplace(const Array<double>& start) {
+Run Search::runlaplace(const Array<double>& start) {
   constexpr int steppoints = 5, steppointsmanyeffects = 3;  // of the information that steps take
   Run run;
   const Frame& frame = likelihood.frame;
@@ -213,7 +212,7 @@ Run Engine::runlaplace(const Array<double>& start) {
   return run;
 }
 
-PointsCheck Engine::compare(const Run& before, const Run& after, int next) const {
+PointsCheck Search::compare(const Run& before, const Run& after, int next) const {
   PointsCheck check;
   check.made = true;
   check.next = next;
@@ -233,7 +232,7 @@ PointsCheck Engine::compare(const Run& before, const Run& after, int next) const
   return check;
 }
 
-void Engine::fill(const Run& run, int points, MovingResult& result) const {
+void Search::fill(const Run& run, int points, MovingResult& result) const {
   const Frame& frame = likelihood.frame;
   result.usable = false;
   result.points = points;
@@ -279,7 +278,7 @@ void Engine::fill(const Run& run, int points, MovingResult& result) const {
                 true) != zero.begin() + static_cast<std::ptrdiff_t>(P2 + P3);
 }
 
-void Engine::check(const Run& before, int points, MovingResult& result) {
+void Search::check(const Run& before, int points, MovingResult& result) {
   const int next = nextpoints(points);
   if (next > mostpoints || toomany(settings, next, likelihood.frame.q, likelihood.frame.r)) {
     result.notes.push_back(
@@ -306,7 +305,7 @@ void Engine::check(const Run& before, int points, MovingResult& result) {
                 points, next, result.check.change, 100.0 * result.check.errorchange));
 }
 
-void Engine::given(const Array<double>& start, MovingResult& result) {
+void Search::given(const Array<double>& start, MovingResult& result) {
   const int points = settings.points;
   if (points == 1) {
     fill(runlaplace(start), points, result);
@@ -329,7 +328,7 @@ void Engine::given(const Array<double>& start, MovingResult& result) {
   if (result.end == MovingEnd::converged && settings.check) check(first, points, result);
 }
 
-void Engine::automatic(const Array<double>& start, MovingResult& result) {
+void Search::automatic(const Array<double>& start, MovingResult& result) {
   Run before;
   bool any = false;
   int pointsbefore = 0;
@@ -377,7 +376,7 @@ MovingResult movingquadrature(const MovingSettings& settings, int npi, int nbeta
   MovingResult result;
   const int lowest = settings.points == 0 ? ladder[0] : settings.points;
   result.points = lowest;
-  if (std::max(start.q, start.r) > mosteffects || toomany(settings, lowest, start.q, start.r)) {
+  if (std::max(start.q, start.r) > mosteffectsofalevel || toomany(settings, lowest, start.q, start.r)) {
     result.end = MovingEnd::toomanynodes;
     result.warnings.push_back(
         formatted("WARNING: %d quadrature points for %d effects are more than this program "
@@ -385,10 +384,14 @@ MovingResult movingquadrature(const MovingSettings& settings, int npi, int nbeta
                   lowest, start.q + start.r));
     return result;
   }
-  Engine engine{settings, observer};
-  engine.likelihood = makespherical(settings.outcome, npi, nbeta, design, source, start, settings.diagonalpi,
+  Search search{settings, observer};
+  search.likelihood = makespherical(settings.outcome, npi, nbeta, design, source, start, settings.diagonalpi,
                                     settings.diagonalbeta, settings.threads);
-  SphericalLikelihood& likelihood = engine.likelihood;
+  SphericalLikelihood& likelihood = search.likelihood;
+  if (brokensource(source)) {
+    result.end = MovingEnd::nonumbers;
+    return result;
+  }
   Array<double> point = pointof(likelihood.frame, start);
   Array<double> curvature;
   if (!placemodes(likelihood, point, likelihood.current.nodes, &curvature)) {
@@ -398,9 +401,9 @@ MovingResult movingquadrature(const MovingSettings& settings, int npi, int nbeta
   }
   raisestart(likelihood.frame, curvature, point);
   if (settings.points == 0) {
-    engine.automatic(point, result);
+    search.automatic(point, result);
   } else {
-    engine.given(point, result);
+    search.given(point, result);
   }
   if (result.end == MovingEnd::limit || result.end == MovingEnd::stopped)
     result.warnings.insert(result.warnings.begin(),

@@ -17,10 +17,11 @@
 
 namespace kdr {
 
-// Who watches. Both may be empty.
+// Who watches. Any may be empty.
 struct QuadratureObserver {
-  std::function<void(const std::string&)> line;  // a line of progress, without its end
-  std::function<bool()> stop;                    // asked behind each iteration: true stops there
+  std::function<void(int iteration, double loglikelihood)> iteration;  // one is over
+  std::function<void(int points)> checks;                              // the results are tried with so many points
+  std::function<bool()> stop;                                          // asked behind each iteration: true stops there
 };
 
 struct MovingSettings {

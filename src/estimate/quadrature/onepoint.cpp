@@ -115,7 +115,7 @@ Evaluation evaluatelaplace(SphericalLikelihood& likelihood, const Array<double>&
   Array<double> values;  // of a batch: score and value of each unit
   bool fine = true;
   std::atomic<bool> found{true};
-  overbatches(
+  const bool whole = overbatches(
       *likelihood.source, likelihood.threads,
       [&](const std::vector<Level3Records>& batch) { values.reset(batch.size() * (P + 1)); },
       [&](const std::vector<Level3Records>& batch, std::size_t i, int worker) {
@@ -149,7 +149,7 @@ Evaluation evaluatelaplace(SphericalLikelihood& likelihood, const Array<double>&
         return fine;
       });
   evaluation.usable =
-      fine && std::isfinite(evaluation.value) &&
+      whole && fine && std::isfinite(evaluation.value) &&
       std::all_of(evaluation.score.begin(), evaluation.score.end(), [](double s) { return std::isfinite(s); });
   const std::vector<bool> held = heldelements(frame);
   for (std::size_t c = 0; c < P; ++c)

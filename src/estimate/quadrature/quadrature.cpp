@@ -2,9 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdarg>
-#include <cstdio>
 
+#include "core/formatted.h"
 #include "estimate/likelihood/unitthreads.h"
 #include "estimate/linear/usable.h"
 #include "kernel/decompositions.h"
@@ -17,36 +16,16 @@ namespace kdr {
 
 namespace {
 
-constexpr int mosteffects = 10;
-constexpr double mostnodes = 1.0e6;  // of one integral: beyond, neither memory nor time would do
-constexpr double firstridge = 0.1;
+using Kind = EngineEvent::Kind;
+
 constexpr double twopi = 6.2831853;
-// A fall of the log-likelihood that is more than rounding and more than what another centring does.
-constexpr double noticeable = 1.0e-3;
-// Farther than this from the maximum, in standard errors, the estimates come with a warning.
-constexpr double far = 0.02;
-
-bool fallen(double now, double before) { return now < before - noticeable; }
-
-void tell(const QuadratureSettings& settings, const char* text) {
-  if (settings.console != nullptr) settings.console(text);
-}
-
-[[gnu::format(printf, 2, 3)]] void tellline(const QuadratureSettings& settings, const char* format, ...) {
-  char line[200];
-  va_list arguments;
-  va_start(arguments, format);
-  std::vsnprintf(line, sizeof line, format, arguments);
-  va_end(arguments);
-  tell(settings, line);
-}
 
 Adaptation copy(const Adaptation& a) { return {a.vstar.copy(), a.C3.copy(), a.ustar.copy(), a.P.copy()}; }
 
 // What the units of a batch give back, in their order.
 struct BatchResults {
   std::size_t P;
-  std::vector<UnitStatus> status;
+  std::vector<EngineFailure> failure;
   Array<double> loglikelihood, score, information;
 };
 
@@ -54,7 +33,7 @@ void integratebatch(QuadratureData& data, const QuadraturePoint& point, const Ad
                     const std::vector<Level3Records>& batch, BatchResults& results) {
   const std::size_t P = results.P;
   const bool withinformation = next != nullptr && data.derivlevel == 2;
-  results.status.assign(batch.size(), UnitStatus::fine);
+  results.failure.assign(batch.size(), EngineFailure::none);
   results.loglikelihood.reset(batch.size());
   if (next != nullptr) results.score.reset(batch.size() * P);
   if (withinformation) results.information.reset(batch.size() * P * P);
@@ -63,8 +42,8 @@ void integratebatch(QuadratureData& data, const QuadraturePoint& point, const Ad
     moments.next = next;
     if (next != nullptr) moments.score = results.score.data() + i * P;
     if (withinformation) moments.information = results.information.data() + i * P * P;
-    results.status[i] = integrateunit(*data.model, point, batch[i], adaptation, data.work[at(worker)],
-                                      results.loglikelihood[i], next != nullptr ? &moments : nullptr);
+    results.failure[i] = integrateunit(*data.model, point, batch[i], adaptation, data.work[at(worker)],
+                                       results.loglikelihood[i], next != nullptr ? &moments : nullptr);
   });
 }
 
@@ -110,117 +89,85 @@ double logcombinations(double n, double y) {
   return std::lgamma(n + 1.0) - std::lgamma(y + 1.0) - std::lgamma(n - y + 1.0);
 }
 
-// The iterations.
-struct Iterations {
+// The log-likelihood as a function of a point, around the adaptation that stands.
+struct QuadratureLikelihood {
   const QuadratureSettings& settings;
   QuadratureData& data;
   QuadratureResult& result;
-  std::size_t P;
+  int q, r, g;
   std::vector<std::size_t> held;
 
-  Ridge ridge{};
-  double previous = missingcode;  // the log-likelihood of the iteration before
-  bool halvenext = false;
-  Parameters best{};  // those with the highest log-likelihood seen
-  Array<double> H{}, V{}, delta{};
+  Adaptation next{};                            // what the last evaluation with score has found
+  Array<double> best{};                         // the point with the highest log-likelihood seen
+  EngineFailure failure = EngineFailure::none;  // of the last evaluation
 
-  QuadratureFailure iterate(int& left);
-  QuadratureFailure invert(const QuadratureWalk& at);
-  QuadratureFailure step(const QuadratureWalk& at, double& loglikelihood);
-  Inversion invertonce() {
-    V.reset(P * P);
-    return invertsymmetric(static_cast<int>(P), H.data(), V.data());
+  [[nodiscard]] Parameters at(const Array<double>& point) const { return parametersof(q, r, g, point); }
+  [[nodiscard]] double lessconstant(double loglikelihood) const {
+    return loglikelihood - 0.5 * data.records * std::log(twopi);
   }
+  [[nodiscard]] bool fallen(double now, double before) const { return now < before - settings.noticeable; }
+
+  Evaluation score(const Array<double>& point);
+  Evaluation value(const Array<double>& point);
+  bool inside(Array<double>& point) const;
+  bool settled(const RidgedAscent& ascent);
   [[nodiscard]] bool lowerthanbest();
   [[nodiscard]] bool heldnearzero();
-  void finish(const QuadratureWalk& last);
+  [[nodiscard]] bool higherwith(std::size_t order, Array<double> Parameters::*tau, Array<double> Adaptation::*scales,
+                                const Array<double>& errors);
 };
 
-// V := the inverse of H and its ridge, which grows until there is one. A negative pivot is no inverse to step with: the
-// step would lead away from the maximum.
-QuadratureFailure Iterations::invert(const QuadratureWalk& now) {
-  H = now.information.copy();
-  for (;;) {
-    if (!ridge.addto(H.data(), P)) return QuadratureFailure::ridge;
-    if (const Inversion inversion = invertonce(); inversion.result == 0 && !inversion.negative) break;
-    tell(settings, "*");
-    ridge.raise(firstridge);
-  }
-  if (ridge.value > settings.leastridge) {
-    tell(settings, "/");
-    ridge.value /= 10.0;
-  }
-  return QuadratureFailure::none;
+Evaluation QuadratureLikelihood::score(const Array<double>& point) {
+  Evaluation there;
+  next = copy(result.adaptation);
+  QuadratureWalk now = walk(data, at(point), result.adaptation, &next);
+  failure = now.failure;
+  if (failure != EngineFailure::none) return there;
+  removeheld(held, point.size(), now.score.data(), now.information.data());
+  there.usable = true;
+  there.score = std::move(now.score);
+  there.information = std::move(now.information);
+  return there;
 }
 
-QuadratureFailure Iterations::step(const QuadratureWalk& now, double& loglikelihood) {
-  delta.reset(P);
-  mulAB(delta.data(), V.data(), now.score.data(), static_cast<int>(P), 1, static_cast<int>(P));
-  if (previous == missingcode || halvenext)
-    for (double& d : delta) d *= 0.5;
-  if (halvenext) tell(settings, "The log-likelihood has fallen: the step is halved\n");
-  halvenext = false;
-  const auto usable = [&](Parameters& trial) {
-    if (settings.diagonalpi) cleardiagonaloff(trial.taupi.data(), trial.q);
-    if (settings.diagonalbeta) cleardiagonaloff(trial.taubeta.data(), trial.r);
-    if (!usablecovariance(trial.taupi.data(), trial.q) || !usablecovariance(trial.taubeta.data(), trial.r))
-      return false;
-    const QuadratureWalk there = walk(data, trial, result.adaptation, nullptr);
-    loglikelihood = there.loglikelihood - 0.5 * data.records * std::log(twopi);
-    return there.status == UnitStatus::fine && std::isfinite(loglikelihood);
-  };
-  return trialstep(result.parameters, delta.data(), usable, [&] { tell(settings, "h"); }) ? QuadratureFailure::none
-                                                                                          : QuadratureFailure::step;
+Evaluation QuadratureLikelihood::value(const Array<double>& point) {
+  const QuadratureWalk walked = walk(data, at(point), result.adaptation, nullptr);
+  failure = walked.failure;
+  Evaluation there;
+  there.value = lessconstant(walked.loglikelihood);
+  there.usable = failure == EngineFailure::none && std::isfinite(there.value);
+  return there;
 }
 
-// One iteration; `left` is how many there may be, this one counted, and 0 behind the last.
-QuadratureFailure Iterations::iterate(int& left) {
-  Adaptation next = copy(result.adaptation);
-  QuadratureWalk now = walk(data, result.parameters, result.adaptation, &next);
-  if (now.status == UnitStatus::badC3) return QuadratureFailure::centre3;
-  if (now.status == UnitStatus::badP) return QuadratureFailure::centre2;
-  removeheld(held, P, now.score.data(), now.information.data());
-  if (const QuadratureFailure failure = invert(now); failure != QuadratureFailure::none) return failure;
-  double loglikelihood = missingcode;
-  if (const QuadratureFailure failure = step(now, loglikelihood); failure != QuadratureFailure::none) return failure;
+bool QuadratureLikelihood::inside(Array<double>& point) const {
+  for (const std::size_t i : held) point[i] = 0.0;
+  const Parameters parameters = at(point);
+  return usablecovariance(parameters.taupi.data(), q) && usablecovariance(parameters.taubeta.data(), r);
+}
 
-  result.adaptation = std::move(next);
-  result.iteration += 1;
-  tellline(settings, "The value of the log-likelihood function at AGQ iteration %d = %E\n", result.iteration,
-           loglikelihood);
-  result.loglikelihood = loglikelihood;
-  if (result.iteration == 1 || loglikelihood > result.highest) {
-    result.highest = loglikelihood;
-    best = result.parameters.copy();
+// The score is small beside the information and the log-likelihood.
+bool QuadratureLikelihood::settled(const RidgedAscent& ascent) {
+  result.fit.iteration = ascent.iterations;
+  result.fit.loglik = ascent.value;
+  if (ascent.iterations == 1 || ascent.value > result.highest) {
+    result.highest = ascent.value;
+    best = ascent.now.copy();
   }
-  if (countsignificant(static_cast<int>(P), loglikelihood, H.data(), now.score.data()) == 0) result.converged = true;
-  result.code = 1;
-  left = std::max(left - 1, 0);
-  if (settings.interrupted != nullptr && settings.interrupted()) left = 0;
-  if (result.converged) left = 0;
-  halvenext = previous != missingcode && fallen(loglikelihood, previous);
-  previous = loglikelihood;
-  if (left == 0) {
-    // The standard errors take the information without a ridge.
-    if (ridge.value != -1.0) {
-      H = now.information.copy();
-      result.inversion = invertonce().result;
-    }
-    finish(now);
-  }
-  return QuadratureFailure::none;
+  return countsignificant(static_cast<int>(ascent.now.size()), ascent.value, ascent.H.data(), ascent.at.score.data()) ==
+         0;
 }
 
 // Whether an earlier iteration ended with better estimates. A log-likelihood that was integrated around the centres of
 // other estimates may be too high, so it is taken again around its own.
-bool Iterations::lowerthanbest() {
-  if (!fallen(result.loglikelihood, result.highest)) return false;
+bool QuadratureLikelihood::lowerthanbest() {
+  if (!fallen(result.fit.loglik, result.highest)) return false;
   Adaptation own = copy(result.adaptation);
-  if (walk(data, best, result.adaptation, &own).status != UnitStatus::fine) return true;
-  const QuadratureWalk there = walk(data, best, own, nullptr);
-  if (there.status != UnitStatus::fine) return true;
-  result.highest = there.loglikelihood - 0.5 * data.records * std::log(twopi);
-  return fallen(result.loglikelihood, result.highest);
+  const Parameters parameters = at(best);
+  if (walk(data, parameters, result.adaptation, &own).failure != EngineFailure::none) return true;
+  const QuadratureWalk there = walk(data, parameters, own, nullptr);
+  if (there.failure != EngineFailure::none) return true;
+  result.highest = lessconstant(there.loglikelihood);
+  return fallen(result.fit.loglik, result.highest);
 }
 
 // Row and column a of n matrices of order `order` by `factor`, its diagonal element by the square.
@@ -232,109 +179,153 @@ void scale(double* matrices, std::size_t n, std::size_t order, std::size_t a, do
     }
 }
 
+bool QuadratureLikelihood::higherwith(std::size_t order, Array<double> Parameters::*tau,
+                                      Array<double> Adaptation::*scales, const Array<double>& errors) {
+  const double factor = std::sqrt(settings.larger);
+  const Parameters& estimates = result.fit.estimates;
+  for (std::size_t a = 0; a < order; ++a) {
+    const double error = errors[a * order + a];
+    if (!((estimates.*tau)[a * order + a] < settings.nearzero * error)) continue;
+    Parameters trial = estimates.copy();
+    Adaptation around = copy(result.adaptation), own = copy(around);
+    scale((trial.*tau).data(), 1, order, a, factor);
+    scale((around.*scales).data(), (around.*scales).size() / (order * order), order, a, factor);
+    if (walk(data, trial, around, &own).failure != EngineFailure::none) continue;
+    const QuadratureWalk there = walk(data, trial, own, nullptr);
+    if (there.failure == EngineFailure::none && fallen(result.fit.loglik, lessconstant(there.loglikelihood)))
+      return true;
+  }
+  return false;
+}
+
 // Whether the outcomes would be more likely with a variance ten times as large, where one is of the size of its error.
 // Near 0 the information is the small difference of large sums: with few points it comes out too large, and the steps
 // end short of the maximum.
-bool Iterations::heldnearzero() {
-  const double factor = std::sqrt(10.0);
-  const auto higher = [&](std::size_t order, Array<double> Parameters::*tau, Array<double> Adaptation::*scales,
-                          const Array<double>& errors) {
-    for (std::size_t a = 0; a < order; ++a) {
-      const double error = errors[a * order + a];
-      if (!((result.parameters.*tau)[a * order + a] < 2.0 * error)) continue;
-      Parameters trial = result.parameters.copy();
-      Adaptation around = copy(result.adaptation), own = copy(around);
-      scale((trial.*tau).data(), 1, order, a, factor);
-      scale((around.*scales).data(), (around.*scales).size() / (order * order), order, a, factor);
-      if (walk(data, trial, around, &own).status != UnitStatus::fine) continue;
-      const QuadratureWalk there = walk(data, trial, own, nullptr);
-      if (there.status == UnitStatus::fine &&
-          fallen(result.loglikelihood, there.loglikelihood - 0.5 * data.records * std::log(twopi)))
-        return true;
-    }
-    return false;
-  };
-  return higher(at(result.parameters.q), &Parameters::taupi, &Adaptation::P, result.taupise) ||
-         higher(at(result.parameters.r), &Parameters::taubeta, &Adaptation::C3, result.taubetase);
+bool QuadratureLikelihood::heldnearzero() {
+  return higherwith(kdr::at(q), &Parameters::taupi, &Adaptation::P, result.fit.setaupi) ||
+         higherwith(kdr::at(r), &Parameters::taubeta, &Adaptation::C3, result.fit.setaubeta);
 }
 
-void Iterations::finish(const QuadratureWalk& last) {
-  const Parameters& estimates = result.parameters;
-  const std::size_t taus = estimates.ntaupi() + estimates.ntaubeta();
+RidgedProblem problemof(QuadratureLikelihood& likelihood) {
+  const EngineSettings& engine = likelihood.settings.engine;
+  RidgedProblem problem;
+  problem.evaluate = [&likelihood](const Array<double>& point) { return likelihood.score(point); };
+  problem.test = [&likelihood](const Array<double>& point) { return likelihood.value(point); };
+  problem.inside = [&likelihood](Array<double>& point) { return likelihood.inside(point); };
+  problem.accepted = [&likelihood] { likelihood.result.adaptation = std::move(likelihood.next); };
+  problem.settled = [&likelihood](const RidgedAscent& ascent) { return likelihood.settled(ascent); };
+  problem.stop = engine.stopasked;
+  problem.abandoned = [&likelihood] { return likelihood.failure == EngineFailure::data; };
+  problem.tell = [&engine](AscentEvent event, const RidgedAscent& ascent) { tellstep(engine, event, ascent); };
+  return problem;
+}
+
+// How far the maximum is, in standard errors: by what the last step lacked of a whole Newton step, `inverse` without a
+// ridge.
+double distanceof(const RidgedAscent& ascent) {
+  const std::size_t P = ascent.now.size();
+  const double* V = ascent.inverse.data();
+  double distance = 0.0;
   for (std::size_t i = 0; i < P; ++i) {
-    double lacking = -delta[i];
-    for (std::size_t l = 0; l < P; ++l) lacking += V[i * P + l] * last.score[l];
-    if (V[i * P + i] > 0.0)
-      result.distance = std::max(result.distance, std::fabs(lacking) / std::sqrt(2.0 * V[i * P + i]));
+    double lacking = -ascent.step[i];
+    for (std::size_t l = 0; l < P; ++l) lacking += V[i * P + l] * ascent.at.score[l];
+    if (V[i * P + i] > 0.0) distance = std::max(distance, std::fabs(lacking) / std::sqrt(2.0 * V[i * P + i]));
   }
-  for (const std::size_t i : held) V[i * P + i] = 0.0;
-  const auto counted = [&](std::size_t first, std::size_t end, int bad) {  // without elements that are held at 0
-    return bad - static_cast<int>(
-                     std::count_if(held.begin(), held.end(), [&](std::size_t i) { return i >= first && i < end; }));
+  return distance;
+}
+
+// The covariance of the estimates, 2 V, V the inverse of the information of twice the log-likelihood. Without an
+// inverse the fixed effects have no variances; a tau has no standard errors then, nor when one of its free elements has
+// none.
+void takeerrors(const RidgedAscent& ascent, const std::vector<std::size_t>& held, QuadratureResult& result) {
+  EngineResult& fit = result.fit;
+  const std::size_t P = ascent.now.size(), n2 = fit.estimates.ntaupi(), taus = n2 + fit.estimates.ntaubeta();
+  const bool none = result.inversion == 1;
+  fit.covariance = ascent.inverse.copy();
+  for (double& v : fit.covariance) v *= 2.0;
+  for (const std::size_t i : held) fit.covariance[i * P + i] = 0.0;
+  const auto complete = [&](std::size_t first, std::size_t end) {
+    for (std::size_t i = first; i < end; ++i)
+      if (!(fit.covariance[i * P + i] > 0.0) && std::find(held.begin(), held.end(), i) == held.end()) return false;
+    return !none;
   };
-  const int bad2 = standarderrormatrix(V.data(), P, 0, estimates.q, 2.0, result.taupise);
-  const int bad3 = standarderrormatrix(V.data(), P, estimates.ntaupi(), estimates.r, 2.0, result.taubetase);
-  result.taupiseusable = counted(0, estimates.ntaupi(), bad2) == 0 && result.inversion != 1;
-  result.taubetaseusable = counted(estimates.ntaupi(), taus, bad3) == 0 && result.inversion != 1;
-  if (result.inversion == 1)
-    for (std::size_t i = taus; i < P; ++i) V[i * P + i] = 0.0;
-  result.vgamma = diagonalblock(V.data(), P, taus, at(estimates.g), 2.0);
-  result.vtau = diagonalblock(V.data(), P, 0, taus, 2.0);
-  result.V = std::move(V);
-  result.finished = true;
-  result.marginal = result.loglikelihood + 0.5 * data.records * std::log(twopi) + data.combinations;
-  tellline(settings, "The marginal log-likelihood = %E\n", result.marginal);
-  if (lowerthanbest()) {
-    result.warnings.emplace_back(
+  if (none)
+    for (std::size_t i = taus; i < P; ++i) fit.covariance[i * P + i] = 0.0;
+  takecovariance(fit);
+  fit.completepi = complete(0, n2);
+  fit.completebeta = complete(n2, taus);
+}
+
+void warn(QuadratureLikelihood& likelihood) {
+  QuadratureResult& result = likelihood.result;
+  std::vector<std::string>& warnings = result.fit.warnings;
+  if (likelihood.lowerthanbest()) {
+    warnings.emplace_back(
         "WARNING: the log-likelihood of the last iteration is not the highest that was seen. More quadrature points or "
         "other starting values may be needed.");
-  } else if (result.converged && heldnearzero()) {
-    result.warnings.emplace_back(
+  } else if (result.fit.converged && likelihood.heldnearzero()) {
+    warnings.emplace_back(
         "WARNING: a variance near 0 is not at the maximum: the log-likelihood is higher with ten times as much. More "
         "quadrature points are needed.");
   }
-  if (!result.converged) {
-    result.warnings.emplace_back("WARNING: the iterations of quadrature ended before they had converged.");
-  } else if (result.distance > far) {
-    char line[200];
-    std::snprintf(line, sizeof line,
-                  "WARNING: the ridge has kept the steps short. The estimates are about %.2f standard errors from the "
-                  "maximum.",
-                  result.distance);
-    result.warnings.emplace_back(line);
+  if (!result.fit.converged) {
+    warnings.emplace_back("WARNING: the iterations of quadrature ended before they had converged.");
+  } else if (result.distance > likelihood.settings.far) {
+    warnings.push_back(formatted(
+        "WARNING: the ridge has kept the steps short. The estimates are about %.2f standard errors from the maximum.",
+        result.distance));
   }
+}
+
+// The results at the end of the iterations.
+void finish(QuadratureLikelihood& likelihood, RidgedAscent& ascent) {
+  QuadratureResult& result = likelihood.result;
+  EngineResult& fit = result.fit;
+  // The standard errors take the information without a ridge.
+  if (ascent.ridge.value > 0.0) {
+    ascent.inverse.reset(ascent.H.size());
+    result.inversion =
+        invertsymmetric(static_cast<int>(ascent.now.size()), ascent.at.information.data(), ascent.inverse.data())
+            .result;
+  }
+  fit.end = EngineEnd::estimated;
+  result.distance = distanceof(ascent);
+  takeerrors(ascent, likelihood.held, result);
+  fit.marginal = fit.loglik + 0.5 * likelihood.data.records * std::log(twopi) + likelihood.data.combinations;
+  tell(likelihood.settings.engine, {Kind::marginal, 0, fit.marginal});
+  warn(likelihood);
+  fit.farbelow = result.highest - fit.loglik > likelihood.settings.farbelow;
+}
+
+// An iteration has failed. A ridge beyond bounds leaves nothing usable, nor does a level-2 centre without a covariance:
+// all weight of its integral was on one node, which no estimate should rest on. A step that cannot be taken leaves the
+// estimates before it, and so does a level-3 centre once there has been an iteration.
+void breakoff(QuadratureLikelihood& likelihood, AscentEnd end, int iterations) {
+  QuadratureResult& result = likelihood.result;
+  EngineResult& fit = result.fit;
+  fit.failure = end == AscentEnd::notdefinite ? EngineFailure::notdefinite
+                : end == AscentEnd::nostep    ? EngineFailure::nostep
+                                              : likelihood.failure;
+  const bool left = end == AscentEnd::nostep || (fit.failure == EngineFailure::centre3 && iterations > 0);
+  fit.end = left ? EngineEnd::brokenoff : EngineEnd::failed;
+  fit.farbelow = iterations > 0 && likelihood.fallen(fit.loglik, result.highest);
+  if (fit.farbelow)
+    fit.warnings.emplace_back(
+        "WARNING: the estimates that quadrature has left have a lower log-likelihood than those of an earlier "
+        "iteration.");
+  tell(likelihood.settings.engine, {Kind::problem, 0, 0.0, fit.failure});
 }
 
 }  // namespace
 
-const char* failureline(QuadratureFailure failure) {
-  switch (failure) {
-    case QuadratureFailure::none:
-      return "";
-    case QuadratureFailure::toomanyeffects:
-      return "There are too many random effects for AGQ!";
-    case QuadratureFailure::nodes:
-      return "Too many iterations in gauher!";
-    case QuadratureFailure::centre3:
-      return "Unable to compute AGQ T(hat)(beta)";
-    case QuadratureFailure::centre2:
-      return "Unable to compute AGQ T(hat)(pi)";
-    case QuadratureFailure::ridge:
-      return "Unable to compute adaptive Gaussian Hessian";
-    case QuadratureFailure::step:
-      return "Unable to compute adaptive Gaussian Tau";
-  }
-  return "";
-}
-
-void countdata(QuadratureData& data) {
+bool countdata(QuadratureData& data) {
   data.records = data.units2 = data.units3 = data.counts = data.combinations = 0.0;
   const Family outcome = data.model->outcome;
   data.source->rewind(data.source->state);
   std::vector<Level3Records> batch;
   for (;;) {
     data.source->next(data.source->state, batch);
-    if (batch.empty()) return;
+    if (batch.empty()) return !brokensource(*data.source);
     for (const Level3Records& unit : batch) {
       const std::size_t records = unit.start[at(unit.units)];
       data.records += static_cast<double>(records);
@@ -354,7 +345,7 @@ QuadratureWalk walk(QuadratureData& data, const Parameters& parameters, const Ad
   QuadratureWalk sums;
   QuadraturePoint point;
   if (!makepoint(point, parameters)) {
-    sums.status = UnitStatus::badP;
+    sums.failure = EngineFailure::centre2;
     return sums;
   }
   sums.loglikelihood = data.counts;
@@ -368,11 +359,15 @@ QuadratureWalk walk(QuadratureData& data, const Parameters& parameters, const Ad
   data.source->rewind(data.source->state);
   for (;;) {
     data.source->next(data.source->state, batch);
+    if (batch.empty() && brokensource(*data.source)) {
+      sums.failure = EngineFailure::data;
+      return sums;
+    }
     if (batch.empty()) break;
     integratebatch(data, point, adaptation, next, batch, results);
     for (std::size_t k = 0; k < batch.size(); ++k) {
-      if (results.status[k] != UnitStatus::fine) {
-        sums.status = results.status[k];
+      if (results.failure[k] != EngineFailure::none) {
+        sums.failure = results.failure[k];
         return sums;
       }
       sums.loglikelihood += results.loglikelihood[k];
@@ -392,47 +387,43 @@ QuadratureWalk walk(QuadratureData& data, const Parameters& parameters, const Ad
   return sums;
 }
 
-QuadratureResult adaptivequadrature(const QuadratureSettings& settings, int npi, int nbeta, const Design& design,
-                                    RecordSource& source, const Parameters& start, const Adaptation& adaptation) {
+QuadratureResult adaptivequadrature(const EngineData& data, const QuadratureSettings& settings, const Parameters& start,
+                                    const Adaptation& adaptation) {
   QuadratureResult result;
-  result.parameters = start.copy();
+  result.fit.estimates = start.copy();
   result.adaptation = copy(adaptation);
-  const auto fail = [&](QuadratureFailure failure) {
-    result.failure = failure;
-    if (failure != QuadratureFailure::nodes) tellline(settings, "%s\n", failureline(failure));
+  const auto fail = [&](EngineFailure failure) {
+    result.fit.failure = failure;
+    tell(settings.engine, {Kind::problem, 0, 0.0, failure});
     return std::move(result);
   };
+  tell(settings.engine, {Kind::begun});
   const int effects = std::max(start.q, start.r);
-  if (effects > mosteffects || std::pow(settings.points, effects) > mostnodes)
-    return fail(QuadratureFailure::toomanyeffects);
-  QuadratureModel model{settings.outcome, npi, nbeta, start.q, start.r, start.g, &design, {}, {}};
+  if (effects > mosteffects || std::pow(settings.points, effects) > settings.mostnodes)
+    return fail(EngineFailure::toomanyeffects);
+  QuadratureModel model{data.family, data.npi, data.nbeta, start.q, start.r, start.g, data.design, {}, {}};
   if (!makegrid(model.grid2, settings.points, start.q) || !makegrid(model.grid3, settings.points, start.r))
-    return fail(QuadratureFailure::nodes);
-  QuadratureData data;
-  data.model = &model;
-  data.source = &source;
-  data.threads = settings.threads;
-  data.derivlevel = settings.derivlevel;
-  countdata(data);
-  if (settings.diagonalpi) cleardiagonaloff(result.parameters.taupi.data(), start.q);
-  if (settings.diagonalbeta) cleardiagonaloff(result.parameters.taubeta.data(), start.r);
+    return fail(EngineFailure::nodes);
+  QuadratureData walked;
+  walked.model = &model;
+  walked.source = &data.source;
+  walked.threads = settings.engine.threads;
+  walked.derivlevel = settings.derivlevel;
+  if (!countdata(walked)) return fail(EngineFailure::data);
 
-  const std::size_t P = start.count();
-  Iterations iterations{settings, data, result, P, heldelements(settings, start)};
-  int left = std::max(settings.iterations, 1);
-  while (left > 0)
-    if (const QuadratureFailure failure = iterations.iterate(left); failure != QuadratureFailure::none) {
-      // A ridge beyond bounds leaves nothing usable, nor does a level-2 centre without a covariance: all weight of its
-      // integral was on one node, which no estimate should rest on. A step that cannot be taken leaves the estimates
-      // before it.
-      if (failure == QuadratureFailure::ridge || failure == QuadratureFailure::centre2) result.code = 0;
-      if (failure == QuadratureFailure::step) result.code = 1;
-      if (result.iteration > 0 && fallen(result.loglikelihood, result.highest))
-        result.warnings.emplace_back(
-            "WARNING: the estimates that quadrature has left have a lower log-likelihood than those of an earlier "
-            "iteration.");
-      return fail(failure);
-    }
+  QuadratureLikelihood likelihood{settings, walked, result, start.q, start.r, start.g, heldelements(settings, start)};
+  const RidgedProblem problem = problemof(likelihood);
+  RidgedAscent ascent{settings.ascent, problem, elementsof(start)};
+  for (const std::size_t i : likelihood.held) ascent.now[i] = 0.0;
+  const AscentEnd end = climb(ascent, std::max(settings.engine.iterations, 1));
+  result.fit.estimates = likelihood.at(ascent.now);
+  result.fit.converged = end == AscentEnd::converged;
+  result.fit.stopped = ascent.stopped;
+  if (result.fit.converged || end == AscentEnd::limit || end == AscentEnd::stopped) {
+    finish(likelihood, ascent);
+  } else {
+    breakoff(likelihood, end, ascent.iterations);
+  }
   return result;
 }
 

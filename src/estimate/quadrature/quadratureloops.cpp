@@ -10,10 +10,14 @@ namespace {
 // Vectors never leave this file, so how they are passed does not matter. A cast between them keeps the bits.
 using Lane = double __attribute__((vector_size(32)));
 using Bits = long long __attribute__((vector_size(32)));
-using Memory = double __attribute__((vector_size(32), aligned(8), may_alias));
 
-inline Lane load(const double* from) { return *reinterpret_cast<const Memory*>(from); }
-inline void store(double* to, Lane value) { *reinterpret_cast<Memory*>(to) = value; }
+// Arrays of doubles have not the alignment of lanes.
+inline Lane load(const double* from) {
+  Lane value;
+  __builtin_memcpy(&value, from, sizeof value);
+  return value;
+}
+inline void store(double* to, Lane value) { __builtin_memcpy(to, &value, sizeof value); }
 inline Lane all(double value) { return Lane{value, value, value, value}; }
 inline Lane larger(Lane a, Lane b) { return a > b ? a : b; }
 inline Lane smaller(Lane a, Lane b) { return a < b ? a : b; }

@@ -3,11 +3,11 @@
 #include <cmath>
 #include <cstdint>
 
+#include "kernel/sizes.h"
+
 namespace kdr {
 
 namespace {
-
-constexpr std::size_t at(int i) { return static_cast<std::size_t>(i); }
 
 // The starting value of root i (from 1) for n points; z is the root before it.
 double firstguess(int i, int n, double z, const double* x) {
@@ -53,7 +53,7 @@ bool gauher(int n, double* x, double* w) {
 }
 
 bool makegrid(NodeGrid& grid, int points, int dims) {
-  if (points < 1) return false;
+  if (points < 1 || dims > mosteffects) return false;
   Array<double> x(at(points)), w(at(points));
   if (!gauher(points, x.data(), w.data())) return false;
   for (int i = 0; i < points; ++i) w[at(i)] *= std::exp(x[at(i)] * x[at(i)]);

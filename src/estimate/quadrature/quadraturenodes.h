@@ -11,6 +11,8 @@ namespace kdr {
 // not theirs, as from 199 points on.
 [[nodiscard]] bool gauher(int n, double* x, double* w);
 
+inline constexpr int mosteffects = 10;  // dimensions of a grid
+
 // All combinations of one node for each of `dims` dimensions. The first dimension's node changes fastest.
 struct NodeGrid {
   int dims = 0;
@@ -19,7 +21,7 @@ struct NodeGrid {
   Array<double> weight;  // [count] product of the weights w_m exp(x_m^2)
 };
 
-// False when the nodes cannot be found.
+// False when the nodes cannot be found, or there are more than mosteffects dimensions.
 [[nodiscard]] bool makegrid(NodeGrid& grid, int points, int dims);
 
 }  // namespace kdr

@@ -74,7 +74,7 @@ void placenodes(const NodeGrid& grid, const double* centre, const double* L, con
       for (std::size_t m = 0; m < count; ++m) x[a * count + m] += L[a * n + b] * grid.x[b * count + m];
   }
   for (std::size_t m = 0; m < count; ++m) {
-    double Kx[10];
+    double Kx[mosteffects];
     double form = 0.0;
     for (std::size_t a = 0; a < n; ++a) {
       double sum = 0.0;
@@ -175,12 +175,12 @@ struct UnitIntegral {
   [[nodiscard]] std::size_t paircount() const { return padded(blocksize() * nodes2); }
 
   void prepare();
-  UnitStatus level2(std::size_t j, std::size_t firstnode, std::size_t nodes);
+  EngineFailure level2(std::size_t j, std::size_t firstnode, std::size_t nodes);
   void placepairs(std::size_t firstnode, std::size_t nodes);
   void callloops(std::size_t j);
   double normalise(std::size_t node);
   void level2moments(std::size_t j, std::size_t node);
-  UnitStatus integrate(double& loglikelihood);
+  EngineFailure integrate(double& loglikelihood);
   void addnode(Scale& scale, std::size_t m, std::size_t node, double logweight);
   void finish(const UnitMoments& moments);
   void renew(Adaptation& next, double sum);
@@ -286,8 +286,8 @@ double UnitIntegral::normalise(std::size_t node) {
 
 // Level-2 unit j at the level-3 nodes of a block: adds the logarithm of its integral to the sums and leaves its
 // statistics.
-UnitStatus UnitIntegral::level2(std::size_t j, std::size_t firstnode, std::size_t nodes) {
-  if (!factor(q, adaptation.P.data() + (records.firstunit + j) * q * q, work.L2.data())) return UnitStatus::badP;
+EngineFailure UnitIntegral::level2(std::size_t j, std::size_t firstnode, std::size_t nodes) {
+  if (!factor(q, adaptation.P.data() + (records.firstunit + j) * q * q, work.L2.data())) return EngineFailure::centre2;
   const double constant = logdiagonal(loops, q, work.L2.data()) + point.logc2;
   placenodes(model.grid2, centre2(j), work.L2.data(), point.Kp.data(), work.u.data(), work.quad2.data(),
              withmoments ? work.t2.data() : nullptr);
@@ -309,7 +309,7 @@ UnitStatus UnitIntegral::level2(std::size_t j, std::size_t firstnode, std::size_
     work.sums[node] += normalise(node);
     if (withmoments) level2moments(j, node);
   }
-  return UnitStatus::fine;
+  return EngineFailure::none;
 }
 
 // The statistics of unit j at one level-3 node, and what it adds to the level-3 sums t2 and beta of the node.
@@ -394,11 +394,11 @@ void UnitIntegral::addnode(Scale& scale, std::size_t m, std::size_t node, double
   addmultiple(work.averageweights.data(), work.recordweights.data() + node * total, total, weight);
 }
 
-UnitStatus UnitIntegral::integrate(double& loglikelihood) {
+EngineFailure UnitIntegral::integrate(double& loglikelihood) {
   prepare();
   fit(work.moments, 1);
   work.moments[0] = 0.0;
-  if (!factor(r, adaptation.C3.data() + at(records.k) * r * r, work.L3.data())) return UnitStatus::badC3;
+  if (!factor(r, adaptation.C3.data() + at(records.k) * r * r, work.L3.data())) return EngineFailure::centre3;
   placenodes(model.grid3, centre3(), work.L3.data(), point.Kb.data(), work.v.data(), work.quad3.data(), work.t3.data());
   const std::size_t block = blocksize();
   Scale scale;
@@ -407,12 +407,12 @@ UnitStatus UnitIntegral::integrate(double& loglikelihood) {
     std::fill_n(work.sums.data(), block, 0.0);
     if (withmoments) std::fill_n(work.level3.data(), block * A, 0.0);
     for (std::size_t j = 0; j < units; ++j)
-      if (const UnitStatus status = level2(j, first, nodes); status != UnitStatus::fine) return status;
+      if (const EngineFailure failure = level2(j, first, nodes); failure != EngineFailure::none) return failure;
     for (std::size_t node = 0; node < nodes; ++node)
       addnode(scale, first + node, node, work.quad3[first + node] + work.sums[node]);
   }
   loglikelihood = scale.shift + logarithm(loops, work.moments[0]) + point.logc3 + logdiagonal(loops, r, work.L3.data());
-  return UnitStatus::fine;
+  return EngineFailure::none;
 }
 
 // The new adaptation: posterior means and covariances.
@@ -530,14 +530,6 @@ const QuadratureLoops& fastestquadratureloops() {
 #endif
 }
 
-void unconditionalcovariance(int q, int r, const double* C2, const double* Z2Z1, const double* C3, double* P) {
-  Array<double> Q(at(r) * at(q)), CQ(at(r) * at(q));
-  mulAB(Q.data(), Z2Z1, C2, r, q, q);
-  mulAB(CQ.data(), C3, Q.data(), r, q, r);
-  mulAtB(P, Q.data(), CQ.data(), q, q, r);
-  for (std::size_t i = 0; i < square(q); ++i) P[i] += C2[i];
-}
-
 bool makepoint(QuadraturePoint& point, const Parameters& parameters) {
   constexpr double twopi = 6.283185308;
   const auto invert = [](int n, const Array<double>& tau, Array<double>& K, double& logconstant) {
@@ -551,14 +543,14 @@ bool makepoint(QuadraturePoint& point, const Parameters& parameters) {
   return invert(parameters.r, parameters.taubeta, point.Kb, point.logc3) && usable2;
 }
 
-UnitStatus integrateunit(const QuadratureModel& model, const QuadraturePoint& point, const Level3Records& records,
-                         const Adaptation& adaptation, QuadratureWork& work, double& loglikelihood,
-                         const UnitMoments* moments) {
+EngineFailure integrateunit(const QuadratureModel& model, const QuadraturePoint& point, const Level3Records& records,
+                            const Adaptation& adaptation, QuadratureWork& work, double& loglikelihood,
+                            const UnitMoments* moments) {
   const bool withinformation = moments != nullptr && moments->information != nullptr;
   UnitIntegral unit{model, point, records, adaptation, work, moments != nullptr, withinformation};
-  const UnitStatus status = unit.integrate(loglikelihood);
-  if (status == UnitStatus::fine && moments != nullptr) unit.finish(*moments);
-  return status;
+  const EngineFailure failure = unit.integrate(loglikelihood);
+  if (failure == EngineFailure::none && moments != nullptr) unit.finish(*moments);
+  return failure;
 }
 
 }  // namespace kdr

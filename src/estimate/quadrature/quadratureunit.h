@@ -1,5 +1,5 @@
-// The nested integrals of one level-3 unit by adaptive Gauss-Hermite quadrature, and their moments (Pinheiro and Bates
-// 1995 for the adaptation; Louis 1982 for the information).
+// The nested integrals of one level-3 unit by adaptive Gauss-Hermite quadrature, and their moments. Derived in
+// docs/numerics.md, "Adaptive quadrature (fixed nodes)".
 //
 // For level-3 unit k with effects v ~ N(0, taubeta) and its level-2 units j with effects u_j ~ N(0, taupi):
 //   L_k = log int phi(v) prod_j int phi(u) prod_i f(y_i | eta_i) du dv.
@@ -13,10 +13,7 @@
 
 #include <cstddef>
 
-#include "core/outcome.h"
-#include "estimate/likelihood/parameters.h"
-#include "estimate/likelihood/unitrecords.h"
-#include "estimate/linear/pass.h"
+#include "estimate/likelihood/engine.h"
 #include "estimate/quadrature/quadratureloops.h"
 #include "estimate/quadrature/quadraturenodes.h"
 #include "kernel/array.h"
@@ -30,10 +27,6 @@ struct Adaptation {
   Array<double> ustar;  // J2 by q
   Array<double> P;      // J2 by q squared
 };
-
-// P = C2 + Q' C3 Q with Q = (Z2'Z1) C2: the covariance of u_j whatever v_k is. C2, P q squared; Z2Z1 r by q; C3 r
-// squared.
-void unconditionalcovariance(int q, int r, const double* C2, const double* Z2Z1, const double* C3, double* P);
 
 // What stays the same for a run of the estimator.
 struct QuadratureModel {
@@ -67,8 +60,6 @@ struct QuadratureWork {
   Array<double> moments, information;
 };
 
-enum class UnitStatus { fine, badC3, badP };
-
 // The moments of a level-3 unit.
 struct UnitMoments {
   double* score = nullptr;        // [P] of twice the log-likelihood, in the order of the parameters
@@ -78,9 +69,9 @@ struct UnitMoments {
 };
 
 // The log-likelihood of a unit. `moments` may be null: the integrals alone. Constants of the outcome alone (binomial
-// coefficients, log y!) are left out.
-UnitStatus integrateunit(const QuadratureModel& model, const QuadraturePoint& point, const Level3Records& records,
-                         const Adaptation& adaptation, QuadratureWork& work, double& loglikelihood,
-                         const UnitMoments* moments);
+// coefficients, log y!) are left out. `centre3` or `centre2` where an integral has no scale.
+[[nodiscard]] EngineFailure integrateunit(const QuadratureModel& model, const QuadraturePoint& point,
+                                          const Level3Records& records, const Adaptation& adaptation,
+                                          QuadratureWork& work, double& loglikelihood, const UnitMoments* moments);
 
 }  // namespace kdr

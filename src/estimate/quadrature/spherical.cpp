@@ -50,7 +50,7 @@ bool placemodes(SphericalLikelihood& likelihood, const Array<double>& point, Nod
   const SphericalPoint there = sphericalpoint(frame, point);
   std::atomic<bool> fine{true};
   Array<double> parts(curvature != nullptr ? frame.units3() * (q + r) : 0);
-  overunits(*likelihood.source, likelihood.threads, [&](const Level3Records& records, int worker) {
+  const bool whole = overunits(*likelihood.source, likelihood.threads, [&](const Level3Records& records, int worker) {
     ModeWork& work = likelihood.modework[at(worker)];
     const std::size_t k = at(records.k), first = records.firstunit, units = at(records.units);
     if (!jointmodes(frame, there, records, nodes.z.data() + first * q, nodes.w.data() + k * r, work)) {
@@ -80,7 +80,7 @@ bool placemodes(SphericalLikelihood& likelihood, const Array<double>& point, Nod
       for (std::size_t a = 0; a < q + r; ++a)
         (*curvature)[a] += parts[k * (q + r) + a] / static_cast<double>(a < q ? frame.units2() : frame.units3());
   }
-  return fine;
+  return whole && fine;
 }
 
 void setreach(const Frame& frame, const Array<double>& point, const Array<double>& curvature, Evaluation& evaluation) {
@@ -120,7 +120,7 @@ Evaluation evaluatespherical(SphericalLikelihood& likelihood, const Array<double
   state.curvature.reset(q + r);
   BatchSums batchsums;
   bool fine = true;
-  overbatches(
+  const bool whole = overbatches(
       *likelihood.source, likelihood.threads,
       [&](const std::vector<Level3Records>& batch) {
         batchsums.values.reset(batch.size() * width);
@@ -154,7 +154,7 @@ Evaluation evaluatespherical(SphericalLikelihood& likelihood, const Array<double
         return fine;
       });
   const std::vector<bool> held = heldelements(frame);
-  evaluation.usable = fine && std::isfinite(evaluation.value);
+  evaluation.usable = whole && fine && std::isfinite(evaluation.value);
   for (std::size_t c = 0; c < P && evaluation.usable; ++c) {
     if (held[c]) {
       evaluation.score[c] = 0.0;

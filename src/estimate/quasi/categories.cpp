@@ -2,11 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 
-#include "command/categories.h"
-#include "driver/failures.h"
-#include "driver/runrecord.h"
+#include "core/formatted.h"
 #include "estimate/linear/recordunits.h"
 #include "kernel/sizes.h"
 
@@ -14,55 +11,57 @@ namespace kdr {
 
 namespace {
 
-const char* outcomename() { return run.mdm.names1[at(run.model.outvar)].text; }
+Failure wrongcount(const Analysis& analysis, const char* than) {
+  const Model& model = analysis.model;
+  return failedwith(formatted("There are %s than the specified %d categories of %8.8s!\n", than,
+                              model.outcome.categories, analysis.mdm.names1[at(model.outvar)].text));
+}
 
-void addvalue(CategoryTable& table, double y) {
+// False when a value has no place in the table.
+bool addvalue(CategoryTable& table, int most, double y) {
   const auto found = std::lower_bound(table.value.begin(), table.value.end(), y);
   const auto place = found - table.value.begin();
   if (found != table.value.end() && *found == y) {
     ++table.count[static_cast<std::size_t>(place)];
-    return;
+    return true;
   }
-  if (table.value.size() == at(run.model.outcome.categories))
-    stopwith("There are more than the specified %d categories of %8.8s!\n", run.model.outcome.categories,
-             outcomename());
+  if (table.value.size() == at(most)) return false;
   table.value.insert(found, y);
   table.count.insert(table.count.begin() + place, 1.0);
+  return true;
 }
 
 }  // namespace
 
-CategoryTable readcategories() {
-  CategoryTable table;
+Failure readcategories(const Analysis& analysis, CategoryTable& table) {
+  const int categories = analysis.model.outcome.categories;
   RecordUnits units;
-  startrecords(units);
+  startrecords(units, analysis);
   while (nextblock(units)) {
-    checksignals();
+    if (analysis.observer.givesup()) return failed(abandoned);
     for (std::size_t i = 0; i < at(units.unit.nj); ++i)
-      addvalue(table, units.unit.records[i * at(units.layout.width) + at(units.layout.observed)]);
+      if (!addvalue(table, categories, units.unit.records[i * at(units.layout.width) + at(units.layout.observed)]))
+        return wrongcount(analysis, "more");
   }
-  if (table.value.size() < at(run.model.outcome.categories))
-    stopwith("There are less than the specified %d categories of %8.8s!\n", run.model.outcome.categories,
-             outcomename());
-  run.model.categorylabel = categorylabels(table.value.data(), run.model.outcome.categories);
-  return table;
+  if (units.failure) return units.failure;
+  return table.value.size() < at(categories) ? wrongcount(analysis, "less") : Failure{};
 }
 
-std::vector<double> startingprobabilities(const CategoryTable& table) {
+std::vector<double> startingprobabilities(const Outcome& outcome, const CategoryTable& table) {
   constexpr double rare = 0.15;
   std::vector<double> p = table.count;
   double total = 0.0;
   for (const double n : p) total += n;
   for (double& x : p) x /= total;
   if (*std::min_element(p.begin(), p.end()) < rare) std::fill(p.begin(), p.end(), 1.0 / static_cast<double>(p.size()));
-  if (run.model.outcome.ordinal())
+  if (outcome.ordinal())
     for (std::size_t c = 1; c < p.size(); ++c) p[c] += p[c - 1];
   p.pop_back();
   return p;
 }
 
-void responseprobabilities(const double* eta, int M, double* p) {
-  if (run.model.outcome.ordinal()) {
+void responseprobabilities(const Outcome& outcome, const double* eta, int M, double* p) {
+  if (outcome.ordinal()) {
     for (int c = 0; c < M; ++c) p[c] = 1.0 / (1.0 + std::exp(-eta[c]));
     return;
   }
@@ -74,8 +73,9 @@ void responseprobabilities(const double* eta, int M, double* p) {
   for (int c = 0; c < M; ++c) p[c] /= total;
 }
 
-bool workingresponses(const double* eta, const double* indicator, const double* p, int M, double* z) {
-  if (run.model.outcome.ordinal()) {
+bool workingresponses(const Outcome& outcome, const double* eta, const double* indicator, const double* p, int M,
+                      double* z) {
+  if (outcome.ordinal()) {
     for (int c = 0; c < M; ++c) {
       const double g = (1.0 - p[c]) * p[c];
       if (!(g > 0.0)) return false;
@@ -97,9 +97,9 @@ bool workingresponses(const double* eta, const double* indicator, const double* 
   return true;
 }
 
-bool responseweights(const double* p, int M, double* W) {
+bool responseweights(const Outcome& outcome, const double* p, int M, double* W) {
   std::fill_n(W, square(M), 0.0);
-  if (!run.model.outcome.ordinal()) {
+  if (!outcome.ordinal()) {
     for (int c = 0; c < M; ++c)
       for (int d = 0; d < M; ++d) W[c * M + d] = c == d ? p[c] * (1.0 - p[c]) : -p[c] * p[d];
     return true;
@@ -115,9 +115,10 @@ bool responseweights(const double* p, int M, double* W) {
   return true;
 }
 
-void nearsingular() {
-  std::printf("The level-1 weight matrix is near singular. Unable to continue.\n");
-  fail(18);
+Failure nearsingular() {
+  Failure failure = failed(18);
+  failure.consolewords = "The level-1 weight matrix is near singular. Unable to continue.\n";
+  return failure;
 }
 
 }  // namespace kdr

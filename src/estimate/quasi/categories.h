@@ -6,6 +6,9 @@
 
 #include <vector>
 
+#include "core/failure.h"
+#include "core/outcome.h"
+#include "estimate/analysis.h"
 #include "kernel/array.h"
 
 namespace kdr {
@@ -15,28 +18,29 @@ struct CategoryTable {
   std::vector<double> count;  // their records
 };
 
-// Reads the outcome of all records that the analysis keeps and fills the table and run.model.categorylabel. Stops with
-// code 100 when there are more or fewer than the run.model.outcome.categories categories that were told.
-[[nodiscard]] CategoryTable readcategories();
+// Reads the outcome of all records that the analysis keeps and fills the table. Fails when there are more or fewer than
+// the categories that the model tells.
+[[nodiscard]] Failure readcategories(const Analysis& analysis, CategoryTable& table);
 
 // The M probabilities of the first working values: the proportions, cumulated in an ordinal run; those of equally
 // frequent categories when one has less than 0.15.
-[[nodiscard]] std::vector<double> startingprobabilities(const CategoryTable& table);
+[[nodiscard]] std::vector<double> startingprobabilities(const Outcome& outcome, const CategoryTable& table);
 
 // Probability of every response from its linear predictor eta (M values each).
-void responseprobabilities(const double* eta, int M, double* p);
+void responseprobabilities(const Outcome& outcome, const double* eta, int M, double* p);
 
 // z = eta + V^-1 (indicator - p) of a multinomial record, V = diag(p) - p p'; of an ordinal one
 // z_c = eta_c + (indicator_c - p_c) / (p_c (1 - p_c)). False when V is singular.
-[[nodiscard]] bool workingresponses(const double* eta, const double* indicator, const double* p, int M, double* z);
+[[nodiscard]] bool workingresponses(const Outcome& outcome, const double* eta, const double* indicator, const double* p,
+                                    int M, double* z);
 
 // The weight matrix W of a record, M by M: multinomial V; ordinal the inverse of
 // V_cd = 1 / (p_d (1 - p_c)), c <= d, which is tridiagonal:
 //   W_cc = g_c^2 (1/q_c + 1/q_c+1),  W_c,c+1 = -g_c g_c+1 / q_c+1,  g_c = p_c (1 - p_c),  q_c = p_c - p_c-1
 // False when V is singular.
-[[nodiscard]] bool responseweights(const double* p, int M, double* W);
+[[nodiscard]] bool responseweights(const Outcome& outcome, const double* p, int M, double* W);
 
-// The words of a singular weight matrix on console and report; ends the run with code 18.
-[[noreturn]] void nearsingular();
+// The failure of a singular weight matrix.
+[[nodiscard]] Failure nearsingular();
 
 }  // namespace kdr

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 #include "core/modelwalk.h"
 #include "estimate/linear/datapass.h"
@@ -12,42 +13,47 @@ namespace kdr {
 
 namespace {
 
-RecordLayout stackedlayout() {
+RecordLayout stackedlayout(const Analysis& analysis) {
   RecordLayout layout;
-  const int M = run.model.outcome.categories - 1;
+  const int M = analysis.model.outcome.categories - 1;
   layout.responses = M;
-  layout.width = run.out.resfil1 ? 2 * M : M;
-  layvariables(layout);
+  layout.width = analysis.wanted.fitted ? 2 * M : M;
+  layvariables(analysis, layout);
   return layout;
 }
 
 // The response of each column of D: the equation set of a multinomial coefficient, the cut of a threshold, or all.
-std::vector<int> responserows() {
+std::vector<int> responserows(const Analysis& analysis) {
+  const bool ordinal = analysis.model.outcome.ordinal();
   std::vector<int> rows;
-  for (const CoefficientRow& own : modelrows().coefficients)
-    rows.push_back(!run.model.outcome.ordinal() ? own.set : own.threshold ? own.variable - run.mdm.nvar1 : -1);
+  for (const CoefficientRow& own : modelrows(analysis.model).coefficients)
+    rows.push_back(!ordinal ? own.set : own.threshold ? own.variable - analysis.mdm.nvar1 : -1);
   return rows;
 }
 
 // A data pass over stacked records: the pass that takes them, the working data of the record at hand, and the file.
 struct Stacking {
   DataFold fold;
+  MacroState& state;
   const RecordLayout& layout;
   int M;
   std::vector<int> row;        // [npi] response of each column of D, -1: all of them
   Array<double> x;             // [npi] the entry of every column of D that is not 0
   Array<double> eta, p, z;     // [M]
   Array<double> W, Wz, total;  // M squared, [M], [M]: W times a vector of ones
-  std::FILE* out;              // null, or where the records go
+  WorkingFile out{};           // where the records go, if it is open
+  Failure failure{};           // the first; units behind it are passed over
 };
 
-Stacking startstacking(Pass& pass, const PassPlan& plan, const RecordLayout& layout, bool writes) {
-  beginpass(pass, plan);
-  Stacking s{startfold(pass), layout, layout.responses, responserows(), {}, {}, {}, {}, {}, {}, {}, nullptr};
+// Of a pass that has begun.
+Stacking startstacking(Pass& pass, MacroState& state, bool writes) {
+  const RecordLayout& layout = state.layout;
+  Stacking s{
+      startfold(pass), state, layout, layout.responses, responserows(state.analysis), {}, {}, {}, {}, {}, {}, {}};
   s.x.reset(s.row.size());
   for (Array<double>* values : {&s.eta, &s.p, &s.z, &s.Wz, &s.total}) values->reset(at(s.M));
   s.W.reset(square(s.M));
-  if (writes) s.out = startworking();
+  if (writes) s.failure = startworking(s.out);
   return s;
 }
 
@@ -58,12 +64,17 @@ void takepredictors(Stacking& s, const double* record) {
 // The products of one record whose x, eta and p stand. With the rows r(a), r(b) of the columns a and b of D,
 // (D'WD)_ab = x_a x_b W_r(a)r(b); a column that stands in all rows takes the sums over them.
 void addrecord(Stacking& s, double* record, std::size_t number) {
+  const Analysis& analysis = s.state.analysis;
+  const Outcome& outcome = analysis.model.outcome;
   const int M = s.M, n = static_cast<int>(s.x.size()) + 1;
   double* W = s.W.data();
   const double* z = s.z.data();
-  if (!workingresponses(s.eta.data(), record, s.p.data(), M, s.z.data()) || !responseweights(s.p.data(), M, W))
-    nearsingular();
-  if (run.out.resfil1) std::copy_n(s.p.data(), M, record + M);
+  if (!workingresponses(outcome, s.eta.data(), record, s.p.data(), M, s.z.data()) ||
+      !responseweights(outcome, s.p.data(), M, W)) {
+    s.failure = nearsingular();
+    return;
+  }
+  if (analysis.wanted.fitted) std::copy_n(s.p.data(), M, record + M);
   double all = 0.0, allz = 0.0, zz = 0.0;
   for (int c = 0; c < M; ++c) {
     double sum = 0.0, sumz = 0.0;
@@ -77,9 +88,10 @@ void addrecord(Stacking& s, double* record, std::size_t number) {
     allz += sumz;
     zz += z[c] * sumz;
   }
-  const double factor = run.model.weighted ? run.weights.factor1[number] : 1.0, weight = factor * factor;
+  const bool weighted = analysis.model.weighted;
+  const double factor = weighted ? s.state.factors[number] : 1.0, weight = factor * factor;
   double* AA = s.fold.unit.AA.data();
-  double* AA2 = run.model.weighted ? s.fold.unit.AA2.data() : nullptr;
+  double* AA2 = weighted ? s.fold.unit.AA2.data() : nullptr;
   const auto put = [&](int a, int b, double value) {
     AA[a * n + b] += weight * value;
     if (AA2 != nullptr) AA2[a * n + b] += weight * weight * value;
@@ -103,40 +115,47 @@ void stackunit(Stacking& s, int k, UnitBlock& unit, Predict predict) {
   UnitProducts& products = s.fold.unit;
   beginproducts(products, k, unit);
   products.AA.fill(0.0);
-  for (int i = 0; i < unit.nj; ++i) {
+  for (int i = 0; i < unit.nj && !s.failure; ++i) {
     double* record = unit.records.data() + at(i) * at(s.layout.width);
     takepredictors(s, record);
     predict();
     addrecord(s, record, s.fold.records + at(i));
   }
+  if (s.failure) return;
   foldunit(s.fold);
-  if (s.out != nullptr) writeunit(s.out, unit, s.layout.width, run.mdm.nvar2, false);
+  if (s.out.isopen())
+    writeunit(s.out.file(), unit, s.layout.width, s.state.analysis.mdm.nvar2, false, s.state.analysis.mdm.numericids);
 }
 
-void finishstacking(Stacking& s) {
-  finishfold(s.fold);
-  if (s.out != nullptr) finishworking(s.out);
+Failure finishstacking(Stacking& s) {
+  if (s.failure) return std::move(s.failure);
+  if (Failure failure = finishfold(s.fold)) return failure;
+  return s.out.isopen() ? finishworking(std::move(s.out), s.state.working) : Failure{};
 }
 
 }  // namespace
 
-void preparecategoricaldata(const CategoryTable& table, MacroState& state, Pass& first, const PassPlan& plan) {
-  state.layout = stackedlayout();
-  Stacking s = startstacking(first, plan, state.layout, true);
-  const std::vector<double> p = startingprobabilities(table);
+Failure preparecategoricaldata(const CategoryTable& table, MacroState& state, Pass& first, const PassPlan& plan) {
+  const Analysis& analysis = state.analysis;
+  const bool ordinal = analysis.model.outcome.ordinal(), weighted = analysis.model.weighted;
+  state.layout = stackedlayout(analysis);
+  if (Failure failure = beginpass(first, analysis, plan)) return failure;
+  Stacking s = startstacking(first, state, true);
+  const std::vector<double> p = startingprobabilities(analysis.model.outcome, table);
   double last = 1.0;
   for (const double x : p) last -= x;
   for (std::size_t c = 0; c < p.size(); ++c) {
     s.p[c] = p[c];
-    s.eta[c] = std::log(p[c] / (run.model.outcome.ordinal() ? 1.0 - p[c] : last));
+    s.eta[c] = std::log(p[c] / (ordinal ? 1.0 - p[c] : last));
   }
 
   RecordUnits units;
-  startrecords(units);
+  startrecords(units, analysis);
+  if (weighted) state.factors.reset(at(analysis.mdm.numl1rec));
   const std::size_t width = at(units.layout.width), newwidth = at(s.layout.width);
   UnitBlock stacked;
-  stacked.records.reset(at(run.mdm.maxnj) * newwidth);
-  while (nextblock(units)) {
+  stacked.records.reset(at(analysis.mdm.maxnj) * newwidth);
+  while (!s.failure && nextblock(units)) {
     const UnitBlock& unit = units.unit;
     // The outcome before centering; a centered outcome is no category.
     for (int i = 0; i < unit.nj; ++i) {
@@ -144,25 +163,28 @@ void preparecategoricaldata(const CategoryTable& table, MacroState& state, Pass&
       double* indicator = stacked.records.data() + at(i) * newwidth;
       for (int c = 0; c < s.M; ++c) {
         const double value = table.value[at(c)];
-        indicator[c] = (run.model.outcome.ordinal() ? outcome <= value : outcome == value) ? 1.0 : 0.0;
+        indicator[c] = (ordinal ? outcome <= value : outcome == value) ? 1.0 : 0.0;
       }
-      if (run.model.weighted) {
+      if (weighted) {
         const std::size_t record = s.fold.records + at(i);
-        run.weights.factor1[record] = std::sqrt(run.weights.weight1[record]);
+        state.factors[record] = std::sqrt(analysis.weights.weight1[record]);
       }
     }
     centerblock(units);
     relayunit(unit, units.layout, stacked, s.layout);
     stackunit(s, units.k, stacked, [] {});
   }
-  finishstacking(s);
+  if (units.failure) return units.failure;
+  return finishstacking(s);
 }
 
-void updatecategoricaldata(Pass& pass, MacroState& state, Pass& next, const PassPlan& plan) {
+Failure updatecategoricaldata(Pass& pass, MacroState& state, Pass& next, const PassPlan& plan) {
+  const Analysis& analysis = state.analysis;
   constexpr double limit = 30.0, restart = 2.0;
   constexpr int lastrestart = 7;
-  state.previous = run.est.copy();
-  Stacking s = startstacking(next, plan, state.layout, run.out.resfil1);
+  state.previous = pass.est.copy();
+  if (Failure failure = beginpass(next, analysis, plan)) return failure;
+  Stacking s = startstacking(next, state, analysis.wanted.fitted);
   UnitMeans means = makeunitmeans(pass);
   Array<double> beta(at(pass.npi));
   const auto predict = [&] {
@@ -173,20 +195,23 @@ void updatecategoricaldata(Pass& pass, MacroState& state, Pass& next, const Pass
       eta += common;
       if (state.macro <= lastrestart && std::fabs(eta) > limit) eta = eta > 0.0 ? restart : -restart;
     }
-    responseprobabilities(s.eta.data(), s.M, s.p.data());
+    responseprobabilities(analysis.model.outcome, s.eta.data(), s.M, s.p.data());
   };
-  startunits(state.reader, run.files.working, 0, s.layout.width, run.mdm.nvar2, false);
+  startunits(state.reader, analysis.mdm, state.working.file(), 0, s.layout.width, analysis.mdm.nvar2, false);
   UnitBlock unit;
   sweepunits(
       pass.n2of, [&](int k) { takeunitmeans(pass, k, state.previous.gammahat.data(), pass.vstar.row(k), means); },
       [&](int k, std::size_t j, const double* hot) {
-        neededunit(state.reader, unit);
+        if (s.failure) return;
+        if (!neededunit(state.reader, unit)) s.failure = state.reader.failure;
+        if (s.failure) return;
         level2coefficients(pass, unit.level2.data(), means.thetastar.data(), beta.data());
         addlevel2effects(pass, j, hot + pass.store.atustar, beta.data());
         stackunit(s, k, unit, predict);
       },
       [](int) {}, reading(pass.store.hot));
-  finishstacking(s);
+  if (!s.failure) s.failure = storefailure(pass.store);
+  return finishstacking(s);
 }
 
 }  // namespace kdr

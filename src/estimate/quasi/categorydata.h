@@ -15,11 +15,12 @@ namespace kdr {
 
 // Begins the pass `first` by its plan, writes the working data file from the MDM file, and makes the pass' data pass
 // over the first working data: the same linear predictor for every record.
-void preparecategoricaldata(const CategoryTable& table, MacroState& state, Pass& first, const PassPlan& plan);
+[[nodiscard]] Failure preparecategoricaldata(const CategoryTable& table, MacroState& state, Pass& first,
+                                             const PassPlan& plan);
 
-// Takes run.est for state.previous, begins the pass `next` by its plan, and makes its data pass over the working data
-// that follow from the estimates and from the random effects in `pass`. In the first seven macro iterations a predictor
-// beyond 30 starts again from 2.
-void updatecategoricaldata(Pass& pass, MacroState& state, Pass& next, const PassPlan& plan);
+// Takes the estimates of `pass` for state.previous, begins the pass `next` by its plan, and makes its data pass over
+// the working data that follow from the estimates and from the random effects in `pass`. In the first seven macro
+// iterations a predictor beyond 30 starts again from 2.
+[[nodiscard]] Failure updatecategoricaldata(Pass& pass, MacroState& state, Pass& next, const PassPlan& plan);
 
 }  // namespace kdr

@@ -1,194 +1,138 @@
 #include "estimate/quasi/macroloop.h"
 
-#include <algorithm>
-#include <cstdio>
 #include <string>
-#include <vector>
+#include <utility>
 
 #include "core/formatted.h"
-#include "driver/failures.h"
-#include "driver/questions.h"
-#include "driver/reportstream.h"
 #include "estimate/likelihood/engines.h"
 #include "estimate/linear/datapass.h"
-#include "estimate/linear/exploratory.h"
 #include "estimate/linear/runpass.h"
 #include "estimate/quasi/macrocontrol.h"
 #include "estimate/quasi/workingdata.h"
 #include "kernel/sizes.h"
-#include "report/graphdata.h"
-#include "report/passtables.h"
-#include "report/residual/residualfiles.h"
-#include "report/startvaluesfile.h"
-#include "report/variancefiles.h"
 
 namespace kdr {
 
 namespace {
 
-// The mean outcome of the identity pass, and the variance that the outcome type implies there.
-double impliedvariance(double mean) {
-  if (run.model.outcome.family == Family::poisson) return mean;
-  if (!(mean > 0.0 && mean < 1.0)) {
-    report("\nThe outcome variable must take on values between 0 and 1.\n");
-    std::printf("\nThe outcome variable must take on values between 0 and 1.\n");
-    stoprun(100);
-  }
-  return mean * (1.0 - mean);
+// The variance that the outcome type implies at the mean outcome of the identity pass.
+Failure impliedvariance(Family family, double mean, double& variance) {
+  const bool poisson = family == Family::poisson;
+  const char* words = "\nThe outcome variable must take on values between 0 and 1.\n";
+  if (!poisson && !(mean > 0.0 && mean < 1.0)) return failedwith(words, words);
+  variance = poisson ? mean : mean * (1.0 - mean);
+  return {};
 }
 
 PassPlan planof(const MacroState& state, PassKind kind, int macro) {
+  const Analysis& analysis = state.analysis;
   PassPlan plan;
   plan.kind = kind;
   plan.macro = macro;
-  plan.limit = run.control.numit;
-  plan.stopval = run.control.stopval;
-  plan.fixsigma2 = run.model.restrictions.fixsigma2;
+  plan.limit = analysis.control.numit;
+  plan.stopval = analysis.control.stopval;
+  plan.fixsigma2 = analysis.model.restrictions.fixsigma2.value_or(0.0);
   if (kind != PassKind::identity) plan.start = &state.previous;
   plan.freshgamma = kind == PassKind::pql && macro == 2;
   return plan;
 }
 
 // A pass over the blocks of the MDM file, which become the first working data file.
-PassResults identitypass(Pass& pass, MacroState& state) {
-  beginpass(pass, planof(state, PassKind::identity, state.macro));
+Failure identitypass(Pass& pass, MacroState& state, PassResults& results) {
+  const Analysis& analysis = state.analysis;
+  const bool counted = analysis.model.outcome.counted, factored = havefactors(analysis.model);
+  const std::size_t records = at(analysis.mdm.numl1rec);
+  if (Failure failure = beginpass(pass, analysis, planof(state, PassKind::identity, state.macro))) return failure;
   RecordUnits units;
-  startrecords(units);
-  units.working = startworking();
-  if (run.model.outcome.counted) state.counts.reset(at(run.mdm.numl1rec));
-  units.counts = run.model.outcome.counted ? &state.counts : nullptr;
+  startrecords(units, analysis);
+  WorkingFile working;
+  if (Failure failure = startworking(working)) return failure;
+  units.working = working.file();
+  if (counted) state.counts.reset(records);
+  units.counts = counted ? &state.counts : nullptr;
+  if (factored) state.factors.reset(records);
+  units.factors = factored ? &state.factors : nullptr;
   double outcomes = 0.0, counts = 0.0;
-  datapass(pass, [&](UnitProducts& unit) {
-    if (!nextunit(units, unit)) {
-      finishworking(units.working);
-      return false;
-    }
+  Failure failure = datapass(pass, [&](UnitProducts& unit) {
+    if (!nextunit(units, unit)) return false;
     for (std::size_t i = 0; i < at(unit.nj); ++i) {
       const double* record = units.unit.records.data() + i * at(units.layout.width);
       outcomes += record[units.layout.observed];
-      counts += run.model.outcome.counted ? record[units.layout.count] : 1.0;
+      counts += counted ? record[units.layout.count] : 1.0;
     }
     return true;
   });
-  state.layout = mdmlayout();
-  return runpass(pass, state.iterations, [&] { return impliedvariance(state.mean = outcomes / counts); });
+  if (units.failure) return units.failure;
+  if (failure) return failure;
+  if (Failure unwritten = finishworking(std::move(working), state.working)) return unwritten;
+  state.layout = mdmlayout(analysis.model, analysis.mdm);
+  state.mean = outcomes / counts;
+  return runpass(pass, state.iterations, results, [&](double& variance) {
+    return impliedvariance(analysis.model.outcome.family, state.mean, variance);
+  });
 }
 
 // A pass over working data, whose data pass is done.
-PassResults workingpass(Pass& pass, MacroState& state) {
-  PassResults results = runpass(pass, state.iterations);
+Failure workingpass(Pass& pass, MacroState& state, PassResults& results) {
+  if (Failure failure = runpass(pass, state.iterations, results)) return failure;
   if (state.limited > 0)
     results.warnings.push_back(
         formatted("WARNING: the working weights of %d records were held at %.0f.", state.limited, largestweight));
-  return results;
+  return {};
 }
 
 // From the scale of the outcome to that of the link: the taus of an identity pass over the square of the derivative.
 void rescaletaus(MacroState& state) {
-  const double v = run.model.outcome.family == Family::poisson ? state.mean : state.mean * (1.0 - state.mean);
+  const bool poisson = state.analysis.model.outcome.family == Family::poisson;
+  const double v = poisson ? state.mean : state.mean * (1.0 - state.mean);
   for (Array<double>* tau : {&state.previous.taupi, &state.previous.taubeta})
     for (double& t : *tau) t /= v * v;
 }
 
 // The end of the unit-specific phase.
-void closephase(Pass& pass, MacroState& state, const PassResults& results) {
-  for (const std::string& warning : results.warnings) std::printf("%s\n", warning.c_str());
-  state.unitspecificgamma = run.est.gammahat.copy();
-  if (wantresidualfiles()) writeresidualfiles(pass, state.layout);
-  markreport();
-  const bool engines = run.control.laplace || run.control.agqpoints != 0;
-  const auto unitspecificfiles = [&] {
-    writetaufile(taufile, run.est, results.errors, false);
-    writegammafile(unitspecificgammafile, run.est.gammahat, run.est.covariance());
-  };
-  if (engines && run.out.printvc != 0) unitspecificfiles();
-  if (engines) maximumlikelihood(pass, state, results);
-  if (run.out.printvc == 0) return;
-  if (run.control.laplace) {
-    writegammafile(populationgammafile, run.est.gammahat, run.est.covariance());
-  } else {
-    unitspecificfiles();
-  }
+Failure closephase(Pass& pass, MacroState& state, const PassResults& results) {
+  const Observer& observer = state.analysis.observer;
+  state.unitspecificgamma = pass.est.gammahat.copy();
+  tellobserver(observer.phasecloses, ChainPass{state, pass, results});
+  if (Failure failure = maximumlikelihood(pass, state, results)) return failure;
+  tellobserver(observer.enginesover, ChainPass{state, pass, results});
+  return {};
 }
 
-// The population-average pass, whose data pass is done, and its files.
-void averagephase(Pass& pass, MacroState& state, void (*store)(const PassResults&)) {
+// The population-average pass, whose data pass is done.
+Failure averagephase(Pass& pass, MacroState& state) {
   beginmacro(state);
-  const PassResults results = workingpass(pass, state);
-  passtables(results);
-  averagecloses(results);
-  store(results);
-  if (run.out.printvc != 0) {
-    if (run.control.popavit <= 1) writegammafile(robustpopulationgammafile, results.est.gammahat, results.robust);
-    writegammafile(populationgammafile, results.est.gammahat, run.est.covariance());
-  }
-  if (run.out.graph) writegraphdata(pass, state.layout, graphgammas(state));
+  PassResults& results = state.average.emplace();
+  if (Failure failure = workingpass(pass, state, results)) return failure;
+  tellobserver(state.analysis.observer.passstands, ChainPass{state, pass, results});
+  return {};
 }
 
 }  // namespace
 
-PassResults estimatenonlinear(void (*store)(const PassResults&)) {
-  MacroState state;
-  state.left = run.control.macroit;
-  holdinterrupts();
-  Pass pass;
+Failure fitnonlinear(ChainFit& fit) {
+  MacroState& state = fit.state;
+  Pass& pass = fit.pass;
+  state.left = state.analysis.control.macroit;
   for (bool first = true;; first = false) {
     beginmacro(state);
-    PassResults results = first ? identitypass(pass, state) : workingpass(pass, state);
-    passtables(results);
-    store(results);  // the next pass of the phase takes its place
-    if (!run.files.startvals.empty()) writestartvalues();
-    if (!first && haveexploratory()) exploratory(pass);
-    const bool closes = phasecloses(state, results, first);
-    if (closes) closephase(pass, state, results);
+    PassResults& results = state.unitspecific;
+    results = {};
+    if (Failure failure = first ? identitypass(pass, state, results) : workingpass(pass, state, results))
+      return failure;
+    tellobserver(state.analysis.observer.passstands, ChainPass{state, pass, results});
+    const bool closes = macroend(state, results, first) != MacroEnd::goeson;
+    if (closes)
+      if (Failure failure = closephase(pass, state, results)) return failure;
     Pass next;
-    prepareworkingdata(pass, state, {first, state.macro == 2, closes}, next,
-                       planof(state, closes ? PassKind::populationaverage : PassKind::pql, state.macro + 1));
-    if (first) {
-      rescaletaus(state);
-      if (!closes) markreport();
-    }
+    if (Failure failure =
+            prepareworkingdata(pass, state, {first, state.macro == 2, closes}, next,
+                               planof(state, closes ? PassKind::populationaverage : PassKind::pql, state.macro + 1)))
+      return failure;
+    if (first) rescaletaus(state);
     pass = std::move(next);
-    if (!closes) continue;
-    averagephase(pass, state, store);
-    releaseinterrupts();
-    return results;
+    if (closes) return averagephase(pass, state);
   }
-}
-
-void listnonlinearfiles() {
-  if (run.out.printvc == 0) return;
-  const bool errors = run.control.fishertype != 0;
-  const std::vector<std::string>& made = run.files.made;  // without those of an engine that has failed
-  const bool laplace = std::find(made.begin(), made.end(), laplacetaufile) != made.end();
-  reportbreak();
-  report("%s, containing the taus ", taufile);
-  if (errors) {
-    report("and the variance-covariance matrix of the taus");
-    filelistbreak();
-  }
-  reportline("has been created.");
-  if (laplace) {
-    report("tauvcl6, containing the Laplace taus and the variance-covariance matrix of");
-    filelistbreak();
-    reportline("the taus has been created.");
-  }
-  report("%s, containing the unit-specific variance-covariance matrix of gamma", unitspecificgammafile);
-  filelistbreak();
-  report("has been created.\n");
-  reportbreak();
-  report("%s, containing the population average variance-covariance matrix of", populationgammafile);
-  filelistbreak();
-  reportline("gamma has been created.");
-  report("%s, containing the robust population average variance-covariance", robustpopulationgammafile);
-  filelistbreak();
-  reportline("matrix of gamma has been created.");
-  if (laplace) {
-    report("gamvcl6.dat, containing the Laplace variance-covariance matrix of gamma");
-    filelistbreak();
-    reportline("has been created.");
-  }
-  endfilelist();
 }
 
 }  // namespace kdr

@@ -2,16 +2,14 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
+#include <string>
+#include <utility>
 
-#include "driver/failures.h"
-#include "driver/reportstream.h"
 #include "estimate/linear/crossproducts.h"
 #include "estimate/linear/datapass.h"
 #include "estimate/linear/runpass.h"
 #include "estimate/quasi/marginal.h"
 #include "kernel/sizes.h"
-#include "report/stream.h"
 
 namespace kdr {
 
@@ -19,17 +17,17 @@ namespace {
 
 // The layout of the file from the first step on: the outcome, Z where it is wanted, the columns of A and the wanted
 // variables.
-RecordLayout workinglayout() {
+RecordLayout workinglayout(const Analysis& analysis) {
   RecordLayout layout;
   layout.observed = layout.width++;
-  layout.outcome = run.out.resfil1 ? layout.width++ : -1;
-  layvariables(layout);
+  layout.outcome = analysis.wanted.fitted ? layout.width++ : -1;
+  layvariables(analysis, layout);
   return layout;
 }
 
 // The file that a step writes, when it does.
 struct Rewriting {
-  std::FILE* stream = nullptr;
+  WorkingFile file;  // open when there is one
   RecordLayout layout;
   UnitBlock unit;
 };
@@ -47,24 +45,26 @@ struct Step {
   double cap = -1.0;           // the largest rate met so far
   std::size_t record = 0;      // of the data set, the first one of the unit
   int limited = 0;             // records whose weight is held at the limit
+  Failure failure{};           // the first; units behind it are passed over
 };
 
-[[noreturn]] void badoutcome(const char* words) {
-  report("\nPlease check your data.  The outcome variable %s must be ", bareword(run.model.outname).c_str());
-  report("%s.\n\n", words);
-  std::printf("\nPlease check your data.  The outcome variable %s must be %s.\n\n", leftname(run.model.outname).c_str(),
-              words);
-  stoprun(100);
+Failure badoutcome(const Name& outcome, const char* must) {
+  const std::string name = leftname(outcome), bare = name.substr(0, name.find(' '));
+  const auto words = [must](const std::string& shown) {
+    return "\nPlease check your data.  The outcome variable " + shown + " must be " + must + ".\n\n";
+  };
+  return failedwith(words(name), words(bare));
 }
 
-[[noreturn]] void cannotestimate() {
-  report("%s cannot estimate the model you have specified.\n", module);
-  stopwith("%s cannot estimate the model you have specified.\n", module);
+Failure cannotestimate() {
+  const std::string words = std::string(module) + " cannot estimate the model you have specified.\n";
+  return failedwith(words, words);
 }
 
-void checkoutcome(Link link, double y) {
-  if (link == Link::logit && !(y >= 0.0 && y <= 1.0)) badoutcome("between 0 and 1");
-  if (link == Link::log && !(y >= 0.0)) badoutcome("non-negative");
+Failure checkoutcome(const Name& outcome, Link link, double y) {
+  if (link == Link::logit && !(y >= 0.0 && y <= 1.0)) return badoutcome(outcome, "between 0 and 1");
+  if (link == Link::log && !(y >= 0.0)) return badoutcome(outcome, "non-negative");
+  return {};
 }
 
 // The linear predictor of a record, corrected for the population average.
@@ -76,11 +76,11 @@ double corrected(const Pass& pass, Step& step, const double* x, double eta) {
   return marginalpredictor(step.correction, step.d.data(), step.e.data(), eta);
 }
 
-Linked linkedrecord(const Step& step, double eta) {
+Linked linkedrecord(Step& step, double eta) {
   if (step.kind.first) return linkedfitted(step.link, eta);
   if (step.link == Link::logit && strayed(eta)) {
     constexpr int lastrestart = 7;
-    if (step.state.macro > lastrestart) cannotestimate();
+    if (step.state.macro > lastrestart && !step.failure) step.failure = cannotestimate();
     return linked(step.link, broughtback(eta));
   }
   if (step.link == Link::log && step.kind.capped && step.cap > 0.0) return linkedcapped(eta, step.cap);
@@ -94,7 +94,8 @@ void lookover(Step& step) {
     return step.unit.records[at(i) * at(state.layout.width) + at(state.layout.observed)];
   };
   if (step.kind.first && state.counts.empty())
-    for (int i = 0; i < step.unit.nj; ++i) checkoutcome(step.link, observed(i));
+    for (int i = 0; i < step.unit.nj && !step.failure; ++i)
+      step.failure = checkoutcome(state.analysis.model.outname, step.link, observed(i));
   if (step.kind.capped)
     for (int i = 0; i < step.unit.nj; ++i)
       step.cap = std::max(step.cap, observed(i) / (state.counts.empty() ? 1.0 : state.counts[step.record + at(i)]));
@@ -140,13 +141,14 @@ void addunit(const Pass& pass, Step& step, UnitProducts& products) {
   const int* column = layout.column.data();
   const double *records = step.unit.records.data(), *z = step.z.data(), *roots = step.root.data();
   const std::size_t width = at(layout.width), first = step.record;
-  const bool factors = havefactors();
+  const Model& model = pass.model();
+  const bool factors = havefactors(model);
   crossproducts(pass.npi + 1, step.unit.nj, products.AA.data(), step.x.data(), [&](auto n, int i, double* x) {
     const double* values = records + at(i) * width;
     const double root = roots[i];
     for (int c = 0; c + 1 < n; ++c) x[c] = column[c] < 0 ? root : values[column[c]] * root;
     x[n - 1] = z[i] * root;
-    if (factors) applyfactor(n, run.weights.factor1[first + at(i)], run.model.weighted, x, products.AA2);
+    if (factors) applyfactor(n, step.state.factors[first + at(i)], model.weighted, x, products.AA2);
   });
 }
 
@@ -157,43 +159,47 @@ void rewriteunit(const Step& step, Rewriting& to) {
   if (layout.outcome >= 0)
     for (std::size_t i = 0; i < at(to.unit.nj); ++i)
       to.unit.records[i * at(layout.width) + at(layout.outcome)] = step.z[i];
-  writeunit(to.stream, to.unit, layout.width, run.mdm.nvar2, false);
+  writeunit(to.file.file(), to.unit, layout.width, step.state.analysis.mdm.nvar2, false,
+            step.state.analysis.mdm.numericids);
 }
 
 Step makestep(const Pass& pass, const MacroState& state, const WorkingStep& kind) {
-  Step step{kind, state, run.model.outcome.link(), {}, makeunitmeans(pass), {}, {}, {}, {}, {}, {}, {}, {}};
+  Step step{kind, state, pass.model().outcome.link(), {}, makeunitmeans(pass), {}, {}, {}, {}, {}, {}, {}, {}};
   step.correction = {step.link, pass.p, pass.b, state.previous.taupi.data(), state.previous.taubeta.data()};
   step.beta.reset(at(pass.npi));
   step.x.reset(at(pass.npi) + 1);
   step.d.reset(at(pass.p));
   step.e.reset(at(pass.b));
-  for (Array<double>* values : {&step.eta, &step.z, &step.root}) values->reset(at(run.mdm.maxnj));
+  for (Array<double>* values : {&step.eta, &step.z, &step.root}) values->reset(at(pass.mdm().maxnj));
   return step;
 }
 
 // The first step drops the variables that the model has no use for. A later one writes only if Z is wanted.
-Rewriting startrewriting(const MacroState& state, const WorkingStep& kind) {
-  Rewriting to;
-  if (!kind.first && (kind.marginal || state.layout.outcome < 0)) return to;
-  to.stream = startworking();
-  to.layout = workinglayout();
-  to.unit.records.reset(at(run.mdm.maxnj) * at(to.layout.width));
-  return to;
+Failure startrewriting(const MacroState& state, const WorkingStep& kind, Rewriting& to) {
+  if (!kind.first && (kind.marginal || state.layout.outcome < 0)) return {};
+  if (Failure failure = startworking(to.file)) return failure;
+  to.layout = workinglayout(state.analysis);
+  to.unit.records.reset(at(state.analysis.mdm.maxnj) * at(to.layout.width));
+  return {};
 }
 
 }  // namespace
 
-void prepareworkingdata(Pass& pass, MacroState& state, const WorkingStep& kind, Pass& next, const PassPlan& plan) {
-  state.previous = run.est.copy();
-  beginpass(next, plan);
+Failure prepareworkingdata(Pass& pass, MacroState& state, const WorkingStep& kind, Pass& next, const PassPlan& plan) {
+  const MdmData& mdm = state.analysis.mdm;
+  state.previous = pass.est.copy();
+  if (Failure failure = beginpass(next, state.analysis, plan)) return failure;
   Step step = makestep(pass, state, kind);
-  Rewriting to = startrewriting(state, kind);
-  startunits(state.reader, run.files.working, 0, state.layout.width, run.mdm.nvar2, false);
+  Rewriting to;
+  if (Failure failure = startrewriting(state, kind, to)) return failure;
+  startunits(state.reader, mdm, state.working.file(), 0, state.layout.width, mdm.nvar2, false);
   DataFold fold = startfold(next);
   sweepunits(
       pass.n2of, [&](int k) { takeunitmeans(pass, k, state.previous.gammahat.data(), pass.vstar.row(k), step.means); },
       [&](int k, std::size_t j, const double* hot) {
-        neededunit(state.reader, step.unit);
+        if (step.failure) return;
+        if (!neededunit(state.reader, step.unit)) step.failure = state.reader.failure;
+        if (step.failure) return;
         const UnitBlock& unit = step.unit;
         const Array<double>& means = kind.marginal ? step.means.theta : step.means.thetastar;
         level2coefficients(pass, unit.level2.data(), means.data(), step.beta.data());
@@ -201,18 +207,22 @@ void prepareworkingdata(Pass& pass, MacroState& state, const WorkingStep& kind, 
         lookover(step);
         predict(pass, step);
         makeworking(step);
+        if (step.failure) return;
         beginproducts(fold.unit, k, unit);
         addunit(pass, step, fold.unit);
-        if (to.stream != nullptr) rewriteunit(step, to);
+        if (to.file.isopen()) rewriteunit(step, to);
         foldunit(fold);
         step.record += at(unit.nj);
       },
       [](int) {}, reading(pass.store.hot));
-  finishfold(fold);
+  if (step.failure) return std::move(step.failure);
+  if (storefailure(pass.store)) return storefailure(pass.store);
+  if (Failure failure = finishfold(fold)) return failure;
   state.limited = step.limited;
-  if (to.stream == nullptr) return;
-  finishworking(to.stream);
+  if (!to.file.isopen()) return {};
+  if (Failure failure = finishworking(std::move(to.file), state.working)) return failure;
   state.layout = std::move(to.layout);
+  return {};
 }
 
 }  // namespace kdr

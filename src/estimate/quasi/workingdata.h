@@ -9,6 +9,7 @@
 // and only a run with such a file writes it anew in every step.
 #pragma once
 
+#include "core/failure.h"
 #include "estimate/linear/passplan.h"
 #include "estimate/quasi/family.h"
 #include "estimate/quasi/macrostate.h"
@@ -21,10 +22,10 @@ struct WorkingStep {
   bool marginal = false;  // for the population-average pass: no random effects, predictor corrected for them
 };
 
-// Takes run.est for state.previous, begins the pass `next` by its plan, and makes its data pass over the working data
-// that follow from the estimates and from the random effects in `pass`. state.layout becomes that of the file. Raises
-// 100 for an outcome out of range and for a logit beyond 60 in a macro iteration after the seventh, 5 when the file
-// cannot be written.
-void prepareworkingdata(Pass& pass, MacroState& state, const WorkingStep& step, Pass& next, const PassPlan& plan);
+// Takes the estimates of `pass` for state.previous, begins the pass `next` by its plan, and makes its data pass over
+// the working data that follow from the estimates and from the random effects in `pass`. state.layout becomes that of
+// the file. Fails for an outcome out of range and for a logit beyond 60 in a macro iteration after the seventh.
+[[nodiscard]] Failure prepareworkingdata(Pass& pass, MacroState& state, const WorkingStep& step, Pass& next,
+                                         const PassPlan& plan);
 
 }  // namespace kdr

@@ -138,7 +138,7 @@ void addunitgroups(WantedList& list, int level, const std::vector<Effect>& rando
 void addlevel2(WantedList& list) {
   std::vector<Effect> random, all;
   int place = -1;
-  for (const CoefficientRow& coefficient : modelrows().coefficients) {
+  for (const CoefficientRow& coefficient : modelrows(run.model).coefficients) {
     ++place;
     if (coefficient.threshold) continue;
     const std::string name = word(1, coefficient.variable), category = categoryprefix(coefficient.set);
@@ -154,7 +154,7 @@ void addlevel2(WantedList& list) {
 
 void addlevel3(WantedList& list) {
   std::vector<Effect> random, all;
-  const ModelRows rows = modelrows();
+  const ModelRows rows = modelrows(run.model);
   int place = -1;
   for (const TermRow& term : rows.terms) {
     ++place;

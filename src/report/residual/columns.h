@@ -9,7 +9,6 @@
 namespace kdr {
 
 // The values of RESFILTYPE:.
-enum class ResidualForm { freeformat = 2, systat = 3, sas = 5, spss = 6, stata = 8 };
 
 // The columns of a group stand together, and the groups of a level stand in this order, but for the number of the
 // record, which is the last column.

@@ -1,7 +1,7 @@
 // Numbers as text, appended to a result file: the digits of printf, several times as fast.
 #pragma once
 
-#include "data/resultfile.h"
+#include "driver/resultfile.h"
 
 namespace kdr {
 

@@ -33,7 +33,7 @@ const Form& formof(const ResidualFile& file) {
 double missingmark(ResidualForm form) { return form == ResidualForm::stata ? 0x1p1023 : nosuchvalue; }
 
 void openresidualfile(ResidualFile& file, int level, const std::string& path, int cases, int largestcount) {
-  file.form = static_cast<ResidualForm>(run.out.resfiltype);
+  file.form = run.out.resfiltype;
   file.columns = residualcolumns(level);
   file.countwidth = std::max(file.countwidth, static_cast<int>(std::to_string(largestcount).size()));
   openresult(file.out, path);

@@ -2,8 +2,9 @@
 // written.
 #pragma once
 
+#include "core/codes.h"
 #include "data/mdm.h"
-#include "data/resultfile.h"
+#include "driver/resultfile.h"
 #include "report/residual/columns.h"
 
 namespace kdr {

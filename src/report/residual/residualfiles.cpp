@@ -8,6 +8,7 @@
 #include <span>
 #include <vector>
 
+#include "driver/failures.h"
 #include "driver/runrecord.h"
 #include "estimate/linear/deletion.h"
 #include "estimate/linear/unitresults.h"
@@ -100,27 +101,30 @@ struct RecordNumbers {
 // The numbers of the next unit that kept any record.
 void nextnumbers(RecordNumbers& of, int kept) {
   do {
-    if (!readunit(of.reader, of.unit)) stopwith("The working data file is damaged: it has too many units.\n");
+    if (!readunit(of.reader, of.unit)) {
+      stopif(of.reader.failure);
+      stopwith("The working data file is damaged: it has too many units.\n");
+    }
     of.numbers.clear();
     for (int i = 0; i < of.unit.nj; ++i)
-      if (run.mdm.deletednow || !lacksvalue(of.unit.records.data() + at(i) * at(run.mdm.nvar1)))
+      if (run.mdm.deletednow || !lacksvalue(run.model, of.unit.records.data() + at(i) * at(run.mdm.nvar1)))
         of.numbers.push_back(i + 1);
   } while (of.numbers.empty());
   if (of.numbers.size() != at(kept)) stopwith("The working data file is damaged: a unit has another size.\n");
 }
 
-void writelevel1(Pass& pass, const RecordLayout& layout) {
+void writelevel1(Pass& pass, const WorkingFile& working, const RecordLayout& layout) {
   RowWriter writer;
   openrows(writer, 1, run.files.resfil1name, run.mdm.nunits1, 0);
   for (RowWriter::Place& place : writer.places)
     if (place.source == RowSources::dataof(1)) place.place = at(layout.place[place.place]);
-  const double sigma = std::sqrt(run.est.sigma2);
+  const double sigma = std::sqrt(pass.est.sigma2);
   std::vector<double> fit;
   RecordNumbers numbers;
   if (run.out.resfilrecnum)
-    startunits(numbers.reader, run.mdm.stream, run.mdm.firstblock, run.mdm.nvar1, run.mdm.nvar2, true);
-  eachfittedunit(pass, layout, [&](int k, const UnitBlock& unit, const double* fitted) {
-    writer.row.id3 = level3id(k);
+    startunits(numbers.reader, run.mdm, run.mdm.stream, run.mdm.firstblock, run.mdm.nvar1, run.mdm.nvar2, true);
+  eachfittedunit(pass, working, layout, [&](int k, const UnitBlock& unit, const double* fitted) {
+    writer.row.id3 = level3id(run.mdm, k);
     writer.row.id2 = unit.id2;
     writer.from.data(2) = unit.level2;
     writer.from.data(3) = level3values(k);
@@ -140,7 +144,7 @@ void writelevel1(Pass& pass, const RecordLayout& layout) {
 // The files of levels 2 and 3, in one sweep.
 void writeunitfiles(Pass& pass) {
   const bool want2 = run.out.resfil2, want3 = run.out.resfil3;
-  const double missing = missingmark(static_cast<ResidualForm>(run.out.resfiltype));
+  const double missing = missingmark(run.out.resfiltype);
   const int units2 = std::accumulate(pass.n2of.begin(), pass.n2of.end(), 0);
   const int mostunits2 = *std::max_element(pass.n2of.begin(), pass.n2of.end());
   RowWriter writer2, writer3;
@@ -153,7 +157,7 @@ void writeunitfiles(Pass& pass) {
       pass.n2of,
       [&](int k) {
         level3results(pass, k, missing, results);
-        writer2.row.id3 = writer3.row.id3 = level3id(k);
+        writer2.row.id3 = writer3.row.id3 = level3id(run.mdm, k);
         writer2.from.data(3) = writer3.from.data(3) = level3values(k);
       },
       [&](int k, std::size_t unit, const double* hot, const double* cold) {
@@ -171,23 +175,25 @@ void writeunitfiles(Pass& pass) {
         writerow(writer3);
       },
       reading(pass.store.hot), reading(pass.store.cold));
+  stopif(storefailure(pass.store));
   if (want2) closeresidualfile(writer2.file);
   if (want3) closeresidualfile(writer3.file);
 }
 
 }  // namespace
 
-void eachfittedunit(Pass& pass, const RecordLayout& layout,
+void eachfittedunit(Pass& pass, const WorkingFile& working, const RecordLayout& layout,
                     const std::function<void(int, const UnitBlock&, const double*)>& use) {
   UnitReader reader;
-  startunits(reader, run.files.working, 0, layout.width, run.mdm.nvar2, false);
+  reader.observer = &pass.observer();
+  startunits(reader, run.mdm, working.file(), 0, layout.width, run.mdm.nvar2, false);
   UnitBlock block;
   UnitResults results = makeunitresults(pass);
   Array<double> fitted(at(run.mdm.maxnj));
   sweepunits(
       pass.n2of, [&](int k) { level3results(pass, k, 0.0, results); },
       [&](int k, std::size_t unit, const double* hot, const double* cold) {
-        neededunit(reader, block);
+        if (!neededunit(reader, block)) tell(reader.failure);
         if (block.nj == 0) return;
         level2coefficients(pass, unit, hot, cold, results);
         const double* coefficients = results.level2.EC.data();
@@ -201,12 +207,13 @@ void eachfittedunit(Pass& pass, const RecordLayout& layout,
         use(k, block, fitted.data());
       },
       [](int) {}, reading(pass.store.hot), reading(pass.store.cold));
+  stopif(storefailure(pass.store));
 }
 
 bool wantresidualfiles() { return run.out.resfil1 || run.out.resfil2 || run.out.resfil3; }
 
-void writeresidualfiles(Pass& pass, const RecordLayout& layout) {
-  if (run.out.resfil1) writelevel1(pass, layout);
+void writeresidualfiles(Pass& pass, const WorkingFile& working, const RecordLayout& layout) {
+  if (run.out.resfil1) writelevel1(pass, working, layout);
   if (run.out.resfil2 || run.out.resfil3) writeunitfiles(pass);
 }
 

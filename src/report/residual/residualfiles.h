@@ -13,15 +13,15 @@ namespace kdr {
 [[nodiscard]] bool wantresidualfiles();
 
 // Writes the files of run.out.resfil1, resfil2 and resfil3 from a finished pass after variancetests. The level-1 file
-// comes first, in a walk of its own through the working data file, whose records lie as `layout` tells. A failed write
+// comes first, in a walk of its own through the file `working`, whose records lie as `layout` tells. A failed write
 // is failure 5 and leaves none of the file.
-void writeresidualfiles(Pass& pass, const RecordLayout& layout);
+void writeresidualfiles(Pass& pass, const WorkingFile& working, const RecordLayout& layout);
 
 // Walks the working data file beside the store. Calls use(k, unit, fitted) for every level-2 unit that has records:
 // k its level-3 unit, `unit` its block as the analysis had it, fitted[i] the fitted value of record i,
 //   M gamma + z Z2 v + d Z1 u.
 // For a run with one equation set.
-void eachfittedunit(Pass& pass, const RecordLayout& layout,
+void eachfittedunit(Pass& pass, const WorkingFile& working, const RecordLayout& layout,
                     const std::function<void(int k, const UnitBlock& unit, const double* fitted)>& use);
 
 }  // namespace kdr

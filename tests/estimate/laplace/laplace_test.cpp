@@ -8,46 +8,20 @@
 #include <string>
 
 #include "estimate/laplace/laplacestudy.h"
+#include "estimate/likelihood/marks.h"
 
 namespace {
 
 using namespace laplacestudy;
+using marks::Marks;
 
 const Shape wide{"wide", 2, {0, 1}, {{0, false}}, 80, 6, 8, 21};
 
-// What `work` puts on the console.
-template <class Work>
-std::string console(Work work) {
-  testing::internal::CaptureStdout();
-  work();
-  return testing::internal::GetCapturedStdout();
-}
-std::ptrdiff_t count(const std::string& text, char c) { return std::count(text.begin(), text.end(), c); }
-
-LaplaceState copyof(const LaplaceState& state) {
-  LaplaceState copy;
-  copy.now = state.now.copy();
-  copy.modes.u = state.modes.u.copy();
-  copy.modes.v = state.modes.v.copy();
-  copy.modes.C2 = state.modes.C2.copy();
-  copy.modes.Q = state.modes.Q.copy();
-  copy.modes.H3 = state.modes.H3.copy();
-  copy.modes.C3 = state.modes.C3.copy();
-  copy.ridge = state.ridge;
-  copy.iteration = state.iteration;
-  copy.loglik = state.loglik;
-  copy.left = state.left;
-  return copy;
-}
 std::vector<double> elements(const Parameters& x) {
-  std::vector<double> all;
-  for (int a = 0; a < x.q; ++a)
-    for (int b = 0; b <= a; ++b) all.push_back(x.taupi[at(a * x.q + b)]);
-  for (int a = 0; a < x.r; ++a)
-    for (int b = 0; b <= a; ++b) all.push_back(x.taubeta[at(a * x.r + b)]);
-  all.insert(all.end(), x.gamma.begin(), x.gamma.end());
-  return all;
+  const Array<double> all = elementsof(x);
+  return {all.begin(), all.end()};
 }
+std::vector<double> listof(const Array<double>& values) { return {values.begin(), values.end()}; }
 LaplaceResult fit(const Study& study, const LaplaceSettings& settings, double size = 0.6, double quasi = -1e5) {
   const auto [u, v] = study.modes();
   return runlaplace(study.data, settings, study.parameters(size), u, v, quasi);
@@ -59,32 +33,32 @@ TEST(LaplaceRun, EndsAtTheMaximumOfTheLikelihood) {
   const Study study(shape);
   LaplaceSettings settings;
   settings.stopmodes = 1e-9;
-  LaplaceResult result;
-  const std::string shown = console([&] { result = fit(study, settings); });
-  ASSERT_EQ(result.end, LaplaceEnd::estimated) << shown;
-  EXPECT_NE(shown.find("The likelihood at Laplace iteration 1 is -"), std::string::npos);
-  EXPECT_TRUE(result.converged);
+  Marks told;
+  told.listen(settings.engine);
+  const LaplaceResult result = fit(study, settings);
+  ASSERT_EQ(result.fit.end, EngineEnd::estimated) << told.letters;
+  EXPECT_EQ(told.count('i'), result.fit.iteration);
+  EXPECT_TRUE(result.fit.converged);
   double best = 0;
   std::vector<DenseUnit> units;
   for (const Level3Records& unit : study.units) units.push_back(denseunit(study, unit));
-  for (const DenseUnit& unit : units) best += denselikelihood(unit, result.estimates);
-  EXPECT_NEAR(result.loglik, best, 1e-6);
-  const std::size_t P = result.estimates.count();
+  for (const DenseUnit& unit : units) best += denselikelihood(unit, result.fit.estimates);
+  EXPECT_NEAR(result.fit.loglik, best, 1e-6);
+  const std::size_t P = result.fit.estimates.count();
+  const Array<double>& V = result.fit.covariance;
   for (std::size_t p = 0; p < P; ++p)
     for (const double side : {-1.0, 1.0}) {
-      std::vector<double> delta(P);
-      delta[p] = side * 0.2 * std::sqrt(result.inverse[p * P + p]);
-      Parameters there = result.estimates.copy();
-      addstep(there, delta.data());
+      Array<double> moved = elementsof(result.fit.estimates);
+      moved[p] += side * 0.2 * std::sqrt(V[p * P + p]);
       double L = 0;
-      for (const DenseUnit& unit : units) L += denselikelihood(unit, there);
+      for (const DenseUnit& unit : units) L += denselikelihood(unit, parametersof(study.q, study.r, study.g, moved));
       EXPECT_LT(L, best) << "element " << p;
     }
   EXPECT_EQ(result.nrel3, 200);
   EXPECT_LT(result.nrel2, static_cast<int>(study.data.units2));  // units of one record have no slope
   for (const double value : result.rel2) EXPECT_TRUE(value > 0 && value < 1);
-  EXPECT_NEAR(result.vgamma[0], std::pow(std::sqrt(result.inverse[(P - at(study.g)) * (P + 1)]), 2), 1e-12);
-  EXPECT_NEAR(result.setaubeta[0], std::sqrt(result.taucovariance[15]), 1e-12);
+  EXPECT_EQ(result.fit.vgamma[0], V[(P - at(study.g)) * (P + 1)]);
+  EXPECT_EQ(result.fit.setaubeta[0], std::sqrt(result.fit.taucovariance[15]));
 }
 
 TEST(LaplaceRun, ThreadsAndBatchesChangeNoByte) {
@@ -95,14 +69,13 @@ TEST(LaplaceRun, ThreadsAndBatchesChangeNoByte) {
     Study study(shape);
     study.batch = at(batch);
     LaplaceSettings settings;
-    settings.threads = threads;
-    settings.laplaceit = 3;
-    LaplaceResult result;
-    console([&] { result = fit(study, settings); });
-    ASSERT_EQ(result.end, LaplaceEnd::estimated);
-    std::vector<double> all = elements(result.estimates);
-    all.push_back(result.loglik);
-    for (const Array<double>* values : {&result.inverse, &result.rel2, &result.rel3, &result.u, &result.v})
+    settings.engine.threads = threads;
+    settings.engine.iterations = 3;
+    const LaplaceResult result = fit(study, settings);
+    ASSERT_EQ(result.fit.end, EngineEnd::estimated);
+    std::vector<double> all = elements(result.fit.estimates);
+    all.push_back(result.fit.loglik);
+    for (const Array<double>* values : {&result.fit.covariance, &result.rel2, &result.rel3, &result.u, &result.v})
       all.insert(all.end(), values->begin(), values->end());
     found.push_back(std::move(all));
   }
@@ -141,103 +114,86 @@ TEST(LaplaceRun, SixthOrderIsNearerToTheIntegralThanFirst) {
 class LaplaceIteration : public testing::Test {
  protected:
   Study study{wide};
+  Marks told;
   LaplaceSettings settings;
-  LaplaceState state = study.state(study.parameters());
-  LaplaceStep step(LaplaceState& from, std::string* shown = nullptr, bool final = false) {
-    LaplaceStep result{};
-    const std::string text = console([&] { result = laplace6iterate(study.data, settings, from, final); });
-    if (shown != nullptr) *shown = text;
-    return result;
+  LaplaceLikelihood likelihood = study.likelihood(settings);
+  RidgedProblem problem = laplaceproblem(likelihood);
+  RidgedAscent ascent{settings.ascent, problem, elementsof(study.parameters()), -1e9};
+  LaplaceIteration() { told.listen(settings.engine); }
+  // One iteration; `limit` when it has made a step.
+  AscentEnd step() {
+    told.clear();
+    return climb(ascent, ascent.iterations + 1);
   }
 };
 
 TEST_F(LaplaceIteration, TwoMayLowerTheLikelihoodAndTheThirdMayNot) {
-  state.loglik = 1e9;
+  ascent.value = 1e9;
   for (int iteration = 1; iteration <= 2; ++iteration) {
-    ASSERT_EQ(step(state), LaplaceStep::done);
-    EXPECT_LT(state.loglik, 0);
-    EXPECT_EQ(state.iteration, iteration + 1);
-    EXPECT_EQ(state.ridge.value, -1.0);
-    state.loglik = 1e9;
+    ASSERT_EQ(step(), AscentEnd::limit);
+    EXPECT_LT(ascent.value, 0);
+    EXPECT_EQ(ascent.iterations, iteration);
+    EXPECT_EQ(ascent.ridge.value, 0.0);
+    ascent.value = 1e9;
   }
-  const std::vector<double> before = elements(state.now);
-  const LaplaceState kept = copyof(state);
-  std::string shown;
-  EXPECT_EQ(step(state, &shown), LaplaceStep::notinverted);
-  EXPECT_NE(shown.find("*Unable to invert H in Laplace\n"), std::string::npos);
-  EXPECT_EQ(elements(state.now), before);
-  EXPECT_EQ(state.iteration, 3);
-  EXPECT_DOUBLE_EQ(state.ridge.value, 0.01 * std::pow(10, count(shown, '*')));
-  EXPECT_GT(state.ridge.value, 1e20);  // the ratio cannot grow: the ridges that were added are in the diagonal
-  for (std::size_t i = 0; i < kept.modes.u.size(); ++i) EXPECT_NEAR(state.modes.u[i], kept.modes.u[i], 1e-3);
+  const std::vector<double> before = listof(ascent.now);
+  const Array<double> u = likelihood.u.copy();
+  EXPECT_EQ(step(), AscentEnd::notdefinite);
+  EXPECT_EQ(listof(ascent.now), before);
+  EXPECT_EQ(ascent.iterations, 2);
+  EXPECT_DOUBLE_EQ(ascent.ridge.value, 0.01 * std::pow(10, told.count('*')));
+  EXPECT_GT(ascent.ridge.value, 1e20);  // the ratio cannot grow: the ridges that were added are in the diagonal
+  for (std::size_t i = 0; i < u.size(); ++i) EXPECT_NEAR(likelihood.u[i], u[i], 1e-3);
 }
 
 // On these outcomes the plain step of the fifth iteration goes too far.
 TEST_F(LaplaceIteration, RidgeIsRaisedUntilTheLikelihoodDoesNotFallAndLoweredAfterwards) {
-  std::string shown;
   double before = 0;
   do {
-    ASSERT_LT(state.iteration, 10);
-    before = state.loglik;
-    ASSERT_EQ(step(state, &shown), LaplaceStep::done);
-    EXPECT_EQ(count(shown, '/'), 0);
-  } while (count(shown, '*') == 0);
-  EXPECT_GT(state.iteration, 3);
-  EXPECT_GE(state.loglik, before);
-  EXPECT_DOUBLE_EQ(state.ridge.value, 0.01 * std::pow(10, count(shown, '*')));
-  const std::size_t P = state.now.count();
-  const std::vector<double> from = elements(state.previous), to = elements(state.now);
+    ASSERT_LT(ascent.iterations, 9);
+    before = ascent.value;
+    ASSERT_EQ(step(), AscentEnd::limit);
+    EXPECT_EQ(told.count('/'), 0);
+  } while (told.count('*') == 0);
+  EXPECT_GT(ascent.iterations, 2);
+  EXPECT_GE(ascent.value, before);
+  EXPECT_DOUBLE_EQ(ascent.ridge.value, 0.01 * std::pow(10, told.count('*')));
+  const std::size_t P = ascent.now.size();
   for (std::size_t i = 0; i < P; ++i) {
     double delta = 0;
-    for (std::size_t l = 0; l < P; ++l) delta += state.inverse[i * P + l] * state.score[l];
-    EXPECT_NEAR(to[i] - from[i], delta, 1e-12) << "one whole step from where the iteration began";
+    for (std::size_t l = 0; l < P; ++l) delta += ascent.inverse[i * P + l] * ascent.at.score[l];
+    EXPECT_NEAR(ascent.now[i] - ascent.before[i], delta, 1e-12) << "one whole step from where the iteration began";
   }
-  const double ridge = state.ridge.value;
-  ASSERT_EQ(step(state, &shown), LaplaceStep::done);
-  EXPECT_EQ(count(shown, '*'), 0);
-  EXPECT_EQ(count(shown, '/'), 1);
-  EXPECT_DOUBLE_EQ(state.ridge.value, ridge / 10.0);
-}
-
-TEST_F(LaplaceIteration, FinalCallReportsWithoutRidgeAndMovesNothing) {
-  ASSERT_EQ(step(state), LaplaceStep::done);
-  LaplaceState final = copyof(state);
-  final.ridge.value = 5.0;
-  std::string shown;
-  ASSERT_EQ(step(final, &shown, true), LaplaceStep::done);
-  EXPECT_EQ(shown.find("The likelihood"), std::string::npos);
-  EXPECT_EQ(elements(final.now), elements(state.now));
-  EXPECT_EQ(final.iteration, 2);
-  // The inverse is that of the information without a ridge: the sum of the outer products of the units' scores.
-  const int P = static_cast<int>(final.now.count());
-  Matrix H(P, P);
-  TauInverses inverses;
-  ASSERT_TRUE(invertaus(final.now, inverses));
-  ScoreWork work = makescorework(study.data, study.q, study.r);
-  for (const Level3Records& unit : study.units) {
-    Matrix s(P, 1);
-    Array<double> rel2(at(study.q)), rel3(at(study.r));
-    UnitReliability reliability{rel2.data(), rel3.data()};
-    unitscore(study.data, final.now, inverses, final.modes, unit, work, s.cells.data(), reliability);
-    H = H + s * t(s);
-  }
-  const Matrix product = H * matrixof(final.inverse, P, P);
-  for (int i = 0; i < P; ++i)
-    for (int l = 0; l < P; ++l) EXPECT_NEAR(product(i, l), i == l, 1e-8);
+  const double ridge = ascent.ridge.value;
+  ASSERT_EQ(step(), AscentEnd::limit);
+  EXPECT_EQ(told.count('*'), 0);
+  EXPECT_EQ(told.count('/'), 1);
+  EXPECT_DOUBLE_EQ(ascent.ridge.value, ridge / 10.0);
 }
 
 TEST_F(LaplaceIteration, FailedModesFailTheIterationAndTheTrial) {
   settings.maxsweeps = 1;
-  std::string shown;
-  EXPECT_EQ(step(state, &shown), LaplaceStep::notinverted);
-  EXPECT_EQ(shown, "The modes of the random effects have not settled after 1 sweeps of Laplace6\n");
-  double loglik = 0;
-  console([&] { EXPECT_FALSE(laplace6loglikelihood(study.data, settings, state, loglik)); });
-  state.now.taupi[0] = 1.0;  // singular with what stands beside it
-  state.now.taupi[1] = state.now.taupi[2] = 2.0;
-  state.now.taupi[3] = 4.0;
+  EXPECT_EQ(step(), AscentEnd::unusable);
+  EXPECT_EQ(likelihood.failure, EngineFailure::unsettled);
+  EXPECT_EQ(told.letters, "p");
+  EXPECT_EQ(told.events[0].number, 1);
+  EXPECT_FALSE(laplacevalue(likelihood, ascent.now).usable);
+  Array<double> singular = ascent.now.copy();
+  singular[0] = 1.0;
+  singular[1] = 2.0;
+  singular[2] = 4.0;
   settings.maxsweeps = 200;
-  console([&] { EXPECT_FALSE(laplace6loglikelihood(study.data, settings, state, loglik)); });
+  EXPECT_FALSE(laplacevalue(likelihood, singular).usable);
+}
+
+// A source that breaks off ends the iterations at once, not by another ridge.
+TEST_F(LaplaceIteration, DataThatBreakOffFailIt) {
+  ASSERT_EQ(step(), AscentEnd::limit);
+  study.data.source.broken = [](void*) { return true; };
+  EXPECT_EQ(step(), AscentEnd::unusable);
+  EXPECT_EQ(likelihood.failure, EngineFailure::data);
+  EXPECT_EQ(fit(study, settings).fit.failure, EngineFailure::data);
+  EXPECT_EQ(told.count('*'), 0);
 }
 
 // Outcomes without any variation between units: the steps for the variances point out of the parameter space.
@@ -245,48 +201,56 @@ TEST(LaplaceStep, IsHalvedToStayInsideAndEightTrialsAreTheLimit) {
   Shape flat = wide;
   flat.spread = 0.0;
   const Study study(flat);
-  struct Case {
-    double size;
-    LaplaceStep wanted;
-  };
-  for (const Case& one : {Case{0.05, LaplaceStep::done}, Case{1e-5, LaplaceStep::outside}}) {
-    LaplaceState state = study.state(study.parameters(one.size));
-    LaplaceStep step{};
-    console([&] { step = laplace6iterate(study.data, {}, state, false); });
-    EXPECT_EQ(step, one.wanted) << one.size;
-    if (step != LaplaceStep::done) continue;
-    const std::size_t P = state.now.count();
-    const std::vector<double> before = elements(state.previous), after = elements(state.now);
+  const LaplaceSettings settings;
+  for (const auto& [size, wanted] : {std::pair(0.05, AscentEnd::limit), {1e-5, AscentEnd::nostep}}) {
+    LaplaceLikelihood likelihood = study.likelihood(settings);
+    const RidgedProblem problem = laplaceproblem(likelihood);
+    RidgedAscent ascent{settings.ascent, problem, elementsof(study.parameters(size))};
+    EXPECT_EQ(climb(ascent, 1), wanted) << size;
+    if (wanted != AscentEnd::limit) continue;
+    const std::size_t P = ascent.now.size();
     std::vector<double> delta(P);
     for (std::size_t i = 0; i < P; ++i)
-      for (std::size_t l = 0; l < P; ++l) delta[i] += state.inverse[i * P + l] * state.score[l];
-    const double share = (after[P - 1] - before[P - 1]) / delta[P - 1];
+      for (std::size_t l = 0; l < P; ++l) delta[i] += ascent.inverse[i * P + l] * ascent.at.score[l];
+    const double share = (ascent.now[P - 1] - ascent.before[P - 1]) / delta[P - 1];
     EXPECT_LT(share, 0.6);
-    for (std::size_t i = 0; i < P; ++i) EXPECT_NEAR(after[i] - before[i], share * delta[i], 1e-9);
+    for (std::size_t i = 0; i < P; ++i) EXPECT_NEAR(ascent.now[i] - ascent.before[i], share * delta[i], 1e-9);
     EXPECT_NEAR(std::log2(share), std::round(std::log2(share)), 1e-6);
   }
-  const auto [u, v] = study.modes();
-  LaplaceResult result;
-  console([&] { result = runlaplace(study.data, {}, study.parameters(1e-5), u, v, -1.0); });
-  EXPECT_EQ(result.end, LaplaceEnd::failed);
-  EXPECT_EQ(elements(result.estimates), elements(study.parameters(1e-5)));
+  const LaplaceResult result = fit(study, settings, 1e-5, -1.0);
+  EXPECT_EQ(result.fit.end, EngineEnd::failed);
+  EXPECT_EQ(result.fit.failure, EngineFailure::nostep);
+  EXPECT_EQ(elements(result.fit.estimates), elements(study.parameters(1e-5)));
 }
 
-// A run that ends with a ridge in use: the last call moves nothing and leaves the ridge out of the standard errors.
+// A run that ends with a ridge in use: the last evaluation moves nothing, and the standard errors are those of the
+// information without a ridge, the sum of the outer products of the units' scores.
 TEST(LaplaceRun, RidgeAtTheEndCallsForAFinalCall) {
   const Study study({"ridged", 1, {0}, {{0, false}}, 40, 6, 8, 9});
-  LaplaceResult result;
-  const std::string shown = console([&] { result = fit(study, {}); });
-  ASSERT_EQ(result.end, LaplaceEnd::estimated);
+  LaplaceSettings settings;
+  Marks told;
+  told.listen(settings.engine);
+  const LaplaceResult result = fit(study, settings);
+  ASSERT_EQ(result.fit.end, EngineEnd::estimated);
   EXPECT_TRUE(result.finalcall);
-  EXPECT_NE(shown.find("Laplace iteration " + std::to_string(result.iteration - 1)), std::string::npos);
-  EXPECT_EQ(shown.find("Laplace iteration " + std::to_string(result.iteration)), std::string::npos);
-  LaplaceState state;
-  state.now = result.estimates.copy();
-  startmodes(study.data, study.q, study.r, result.u, result.v, state.modes);
-  console([&] { ASSERT_EQ(laplace6iterate(study.data, {}, state, true), LaplaceStep::done); });
-  for (std::size_t i = 0; i < result.inverse.size(); ++i)
-    EXPECT_NEAR(state.inverse[i], result.inverse[i], 1e-5 * std::fabs(result.inverse[0]));
+  EXPECT_EQ(told.count('i'), result.fit.iteration - 1);
+  const int P = static_cast<int>(result.fit.estimates.count());
+  LaplaceLikelihood likelihood = laplacelikelihood(study.data, settings, result.fit.estimates, result.u, result.v);
+  ASSERT_TRUE(laplacescore(likelihood, elementsof(result.fit.estimates)).usable);
+  Matrix H(P, P);
+  TauInverses inverses;
+  ASSERT_TRUE(invertaus(result.fit.estimates, inverses));
+  ScoreWork work = makescorework(study.data, study.q, study.r);
+  for (const Level3Records& unit : study.units) {
+    Matrix s(P, 1);
+    Array<double> rel2(at(study.q)), rel3(at(study.r));
+    UnitReliability reliability{rel2.data(), rel3.data()};
+    unitscore(study.data, result.fit.estimates, inverses, likelihood.modes, unit, work, s.cells.data(), reliability);
+    H = H + s * t(s);
+  }
+  const Matrix product = H * matrixof(result.fit.covariance, P, P);
+  for (int i = 0; i < P; ++i)
+    for (int l = 0; l < P; ++l) EXPECT_NEAR(product(i, l), i == l, 1e-4);
 }
 
 // With fewer level-3 units than parameters the information is singular: a ridge is needed, the final call fails.
@@ -294,53 +258,58 @@ TEST(LaplaceRun, RaisedRidgeGoesOnAndSingularFinalInformationFails) {
   const Study study({"few", 1, {0}, {{0, false}}, 4, 6, 8, 41});
   LaplaceSettings settings;
   settings.stopmacro = 1e30;  // every test of convergence passes
-  LaplaceResult result;
-  const std::string shown = console([&] { result = fit(study, settings); });
-  EXPECT_EQ(result.end, LaplaceEnd::failed);
-  EXPECT_NE(shown.find("Laplace iteration 2"), std::string::npos);  // the first raised the ridge
-  EXPECT_EQ(shown.find("Laplace iteration 3"), std::string::npos);  // the second lowered it
-  EXPECT_EQ(count(shown, '*'), 1);
-  EXPECT_EQ(count(shown, '/'), 1);
+  Marks told;
+  told.listen(settings.engine);
+  const LaplaceResult result = fit(study, settings);
+  EXPECT_EQ(result.fit.end, EngineEnd::failed);
+  std::string steps = told.steps();
+  std::erase(steps, 'h');
+  EXPECT_EQ(steps, "*i/i");  // the first raised the ridge, the second lowered it
 }
 
 // Many level-2 units of one record and a rare outcome: the sum of their corrections exceeds 1.
 TEST(LaplaceRun, LikelihoodWithoutALogarithmIsAFailedTrial) {
   const Study study({"rare", 1, {0}, {{0, false}}, 6, 600, 1, 51, -2.0}, false);
-  LaplaceState state = study.state(study.parameters(2.0, -2.0));
-  double loglik = 0;
-  std::string shown = console([&] { EXPECT_FALSE(laplace6loglikelihood(study.data, {}, state, loglik)); });
-  EXPECT_EQ(count(shown, '\n'), 0);
+  LaplaceSettings settings;
+  Marks told;
+  told.listen(settings.engine);
+  LaplaceLikelihood likelihood = study.likelihood(settings);
+  EXPECT_FALSE(laplacevalue(likelihood, elementsof(study.parameters(2.0, -2.0))).usable);
+  EXPECT_EQ(told.count('p'), 0);
 }
 
 TEST(LaplaceRun, LimitAndKeyboardEndTheIterations) {
   const Study study(wide);
   LaplaceSettings settings;
-  settings.laplaceit = 0;
-  LaplaceResult result;
-  EXPECT_EQ(console([&] { result = fit(study, settings, 0.6, -123.0); }), "\n");
-  EXPECT_EQ(result.end, LaplaceEnd::noiterations);
-  EXPECT_EQ(result.loglik, -123.0);
-  EXPECT_EQ(elements(result.estimates), elements(study.parameters()));
+  Marks told;
+  told.listen(settings.engine);
+  settings.engine.iterations = 0;
+  LaplaceResult result = fit(study, settings, 0.6, -123.0);
+  EXPECT_EQ(told.letters, "b");
+  EXPECT_EQ(result.fit.end, EngineEnd::noiterations);
+  EXPECT_EQ(result.fit.loglik, -123.0);
+  EXPECT_EQ(elements(result.fit.estimates), elements(study.parameters()));
 
-  settings.laplaceit = 1;
-  std::string shown = console([&] { result = fit(study, settings); });
-  EXPECT_EQ(result.end, LaplaceEnd::estimated);
-  EXPECT_EQ(result.iteration, 1);
-  EXPECT_EQ(shown.find("iteration 2"), std::string::npos);
-  EXPECT_NE(shown.find("stopped at their limit"), std::string::npos);
-  EXPECT_FALSE(result.converged);
-  EXPECT_EQ(result.vgamma.size(), square(study.g));
+  settings.engine.iterations = 1;
+  told.clear();
+  result = fit(study, settings);
+  EXPECT_EQ(result.fit.end, EngineEnd::estimated);
+  EXPECT_EQ(result.fit.iteration, 1);
+  EXPECT_EQ(told.count('i'), 1);
+  EXPECT_EQ(told.count('l'), 1);
+  EXPECT_FALSE(result.fit.converged);
+  EXPECT_EQ(result.fit.vgamma.size(), square(study.g));
 
   // Asked at the end of the mode sweeps and of the iteration; the iteration under way is finished.
-  static int asked;
-  asked = 0;
-  settings.laplaceit = 50;
-  settings.stopasked = [] { return ++asked == 4; };
-  shown = console([&] { result = fit(study, settings); });
-  EXPECT_EQ(result.end, LaplaceEnd::estimated);
-  EXPECT_EQ(result.iteration, 2);
+  int asked = 0;
+  settings.engine.iterations = 50;
+  settings.engine.stopasked = [&] { return ++asked == 4; };
+  told.clear();
+  result = fit(study, settings);
+  EXPECT_EQ(result.fit.end, EngineEnd::estimated);
+  EXPECT_EQ(result.fit.iteration, 2);
   EXPECT_EQ(asked, 6);
-  EXPECT_EQ(shown.find("stopped at their limit"), std::string::npos);
+  EXPECT_EQ(told.count('l'), 0);
 }
 
 }  // namespace

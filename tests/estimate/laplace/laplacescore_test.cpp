@@ -19,19 +19,19 @@ const Shape shapes[] = {
     {"fivecolumns", 6, {0, 1, 2}, {{3, false}, {5, false}}, 6, 3, 8, 17},
 };
 
-// A tight state at the modes.
+// The likelihood at tight modes.
 struct Fixed {
   Study study;
   Parameters x;
-  LaplaceState state;
   LaplaceSettings settings;
+  LaplaceLikelihood likelihood;
   TauInverses inverses;
-  explicit Fixed(const Shape& shape, double size = 0.6) : study(shape), x(study.parameters(size)) {
-    state = study.state(x);
+  explicit Fixed(const Shape& shape, double size = 0.6)
+      : study(shape), x(study.parameters(size)), likelihood(study.likelihood(settings)) {
     settings.stopmodes = 1e-9;
     ModeSums sums;
     EXPECT_TRUE(invertaus(x, inverses));
-    EXPECT_EQ(findmodes(study.data, settings, x, inverses, "", state.modes, sums), ModeResult::found);
+    EXPECT_EQ(findmodes(study.data, settings, x, inverses, {}, likelihood.modes, sums), EngineFailure::none);
   }
   Array<double> rel2, rel3;  // of the unit that was scored last
   UnitReliability reliability;
@@ -41,7 +41,7 @@ struct Fixed {
     rel2.reset(at(x.q));
     rel3.reset(at(x.r));
     reliability = {rel2.data(), rel3.data()};
-    EXPECT_TRUE(unitscore(study.data, x, inverses, state.modes, study.units[k], work, s.data(), reliability));
+    EXPECT_TRUE(unitscore(study.data, x, inverses, likelihood.modes, study.units[k], work, s.data(), reliability));
     return s;
   }
 };
@@ -57,23 +57,24 @@ TEST_P(Laplace, ModesAreTheJointMaximum) {
     const Level3Records& unit = made.study.units[k];
     const DenseFit fit = densemode(denseunit(made.study, unit), made.x);
     for (int m = 0; m < r; ++m) {
-      EXPECT_NEAR(made.state.modes.v[k * at(r) + at(m)], fit.b(m, 0), 1e-10);
+      EXPECT_NEAR(made.likelihood.modes.v[k * at(r) + at(m)], fit.b(m, 0), 1e-10);
       for (int l = 0; l < r; ++l)
-        EXPECT_NEAR(made.state.modes.C3[k * square(r) + at(m * r + l)], fit.V(m, l), 1e-9) << "cov v";
+        EXPECT_NEAR(made.likelihood.modes.C3[k * square(r) + at(m * r + l)], fit.V(m, l), 1e-9) << "cov v";
     }
     for (int j = 0; j < unit.units; ++j)
       for (int a = 0; a < q; ++a)
-        EXPECT_NEAR(made.state.modes.u[(unit.firstunit + at(j)) * at(q) + at(a)], fit.b(r + j * q + a, 0), 1e-10);
+        EXPECT_NEAR(made.likelihood.modes.u[(unit.firstunit + at(j)) * at(q) + at(a)], fit.b(r + j * q + a, 0), 1e-10);
   }
 }
 
 TEST_P(Laplace, LikelihoodIsThatOfTheDenseDefinition) {
   for (const double size : {0.05, 0.6, 1.5}) {
     Fixed made(GetParam(), size);
-    double wanted = 0, likelihood = 0;
+    double wanted = 0;
     for (const Level3Records& unit : made.study.units) wanted += denselikelihood(denseunit(made.study, unit), made.x);
-    ASSERT_TRUE(laplace6loglikelihood(made.study.data, made.settings, made.state, likelihood));
-    EXPECT_NEAR(likelihood, wanted, 1e-8) << size;
+    const Evaluation there = laplacevalue(made.likelihood, elementsof(made.x));
+    ASSERT_TRUE(there.usable);
+    EXPECT_NEAR(there.value, wanted, 1e-8) << size;
   }
 }
 
@@ -121,7 +122,8 @@ TEST_P(Laplace, CorrectionIsTheContractionOfTheDerivativeTensors) {
         for (int b = 0; b < d; ++b) S -= 5.0 / 24.0 * t[at(a)] * fit.V(a, b) * t[at(b)];
     }
     ScoreWork work = makescorework(made.study.data, made.x.q, made.x.r);
-    const UnitLikelihood sums = unitlikelihood(made.study.data, made.x, made.state.modes, made.study.units[k], work);
+    const UnitLikelihood sums =
+        unitlikelihood(made.study.data, made.x, made.likelihood.modes, made.study.units[k], work);
     EXPECT_NEAR(sums.S, S, 1e-10) << "unit " << k;
     EXPECT_NEAR(sums.loglik, fit.records, 1e-10);
   }
@@ -137,11 +139,9 @@ TEST_P(Laplace, ScoreIsTheDerivativeOfTheLikelihood) {
       const std::vector<double> score = made.score(k);
       for (std::size_t p = 0; p < made.x.count(); ++p) {
         const auto moved = [&](double h) {
-          std::vector<double> delta(made.x.count());
-          delta[p] = h;
-          Parameters there = made.x.copy();
-          addstep(there, delta.data());
-          return denselikelihood(unit, there);
+          Array<double> there = elementsof(made.x);
+          there[p] += h;
+          return denselikelihood(unit, parametersof(made.x.q, made.x.r, made.x.g, there));
         };
         const auto difference = [&](double h) { return (moved(h) - moved(-h)) / (2 * h); };
         const double h = 2e-3 * size, slope = (4 * difference(h / 2) - difference(h)) / 3;

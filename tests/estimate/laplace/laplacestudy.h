@@ -32,7 +32,7 @@ struct Shape {
 // first two level-2 coefficients, and two fixed effects held equal. One level-2 unit has no record.
 struct Study {
   Design design;
-  LaplaceData data;
+  EngineData data;
   std::vector<Level3Records> units;
   int q = 0, r = 0, g = 0;
   std::size_t batch = 3, at3 = 0;  // units of a batch, the next unit
@@ -145,12 +145,9 @@ struct Study {
     made.second.fill(value);
     return made;
   }
-  [[nodiscard]] LaplaceState state(const Parameters& at) const {
-    LaplaceState made;
-    made.now = at.copy();
+  [[nodiscard]] LaplaceLikelihood likelihood(const LaplaceSettings& settings) const {
     const auto [u, v] = modes();
-    startmodes(data, q, r, u, v, made.modes);
-    return made;
+    return laplacelikelihood(data, settings, parameters(), u, v);
   }
 };
 

@@ -35,6 +35,11 @@ struct Study {
   int units2 = 0;
 
   RecordSource source() { return {this, rewind, next}; }
+  EngineData data() {
+    std::size_t records = 0;
+    for (const Level3Records& unit : units) records += unit.y.size();
+    return {outcome.family, &design, npi, nbeta, static_cast<int>(units.size()), at(units2), records, source()};
+  }
   static void rewind(void* state) { static_cast<Study*>(state)->position = 0; }
   static void next(void* state, std::vector<Level3Records>& batch) {
     Study& study = *static_cast<Study*>(state);
@@ -109,15 +114,9 @@ inline std::vector<Record> readrecords(const std::string& path) {
 
 // From (vech taupi, vech taubeta, gamma).
 inline Parameters makeparameters(int q, int r, const std::vector<double>& theta) {
-  Parameters parameters;
-  parameters.q = q;
-  parameters.r = r;
-  parameters.taupi.reset(at(q) * at(q));
-  parameters.taubeta.reset(at(r) * at(r));
-  parameters.g = static_cast<int>(theta.size() - parameters.ntaupi() - parameters.ntaubeta());
-  parameters.gamma.reset(at(parameters.g));
-  addstep(parameters, theta.data());
-  return parameters;
+  Array<double> elements(theta.size());
+  std::copy(theta.begin(), theta.end(), elements.begin());
+  return parametersof(q, r, static_cast<int>(theta.size() - packedsize(q) - packedsize(r)), elements);
 }
 inline std::vector<double> elements(const Parameters& parameters) {
   std::vector<double> theta;

@@ -35,18 +35,18 @@ class Engine : public testing::TestWithParam<unsigned> {};
 TEST_P(Engine, SweepGivesLikelihoodPosteriorAndGeneralisedCrossProduct) {
   study::Study made(GetParam());
   Pass pass;
-  study::prepare(pass);
+  study::prepare(pass, made);
   for (const Point& point : points) {
-    const dense::Parameters x = study::setparameters(point.T, point.L, point.s, point.gamma);
-    const dense::Matrix gamma = study::gammamatrix();
+    const dense::Parameters x = study::setparameters(pass, point.T, point.L, point.s, point.gamma);
+    const dense::Matrix gamma = study::gammamatrix(pass);
     const dense::Fit fit = dense::evaluate(made.units, x, gamma);
 
     Array<double> S, Sb;
     double logdetT = 0, logdetL = 0;
-    ASSERT_EQ(scaleinverse(run.est.taupi.data(), 2, x.s, S, logdetT), 0);
-    ASSERT_EQ(scaleinverse(run.est.taubeta.data(), 2, x.s, Sb, logdetL), 0);
+    ASSERT_EQ(scaleinverse(pass.est.taupi.data(), 2, x.s, S, logdetT), 0);
+    ASSERT_EQ(scaleinverse(pass.est.taubeta.data(), 2, x.s, Sb, logdetL), 0);
     PosteriorSums sums;
-    const PosteriorInput input{x.s, run.est.gammahat.data(), S.data(), Sb.data(), nullptr, true};
+    const PosteriorInput input{x.s, pass.est.gammahat.data(), S.data(), Sb.data(), nullptr, true};
     ASSERT_EQ(posteriorsweep(pass, input, sums), PosteriorResult::ok);
     expectnear(loglikelihood(pass, sums, run.mdm.nunits2 * logdetT, run.mdm.nunits3 * logdetL), fit.loglik, fit.loglik,
                "log-likelihood");
@@ -54,7 +54,7 @@ TEST_P(Engine, SweepGivesLikelihoodPosteriorAndGeneralisedCrossProduct) {
       for (int j = 0; j < 6; ++j)
         expectnear(sums.A[static_cast<std::size_t>(6 * i + j)] / x.s, fit.A(i, j), fit.A(0, 0), "M'V^-1 M");
     ASSERT_TRUE(glsupdate(pass, sums));
-    for (int i = 0; i < 6; ++i) expectnear(run.est.gammahat[static_cast<std::size_t>(i)], fit.gls(i, 0), 1, "gamma");
+    for (int i = 0; i < 6; ++i) expectnear(pass.est.gammahat[static_cast<std::size_t>(i)], fit.gls(i, 0), 1, "gamma");
 
     // Posterior means and covariances from the joint normal of all random effects and the data.
     dense::Matrix UU(2, 2), PP(2, 2), VV(2, 2);
@@ -94,12 +94,12 @@ TEST_P(Engine, SweepGivesLikelihoodPosteriorAndGeneralisedCrossProduct) {
 TEST_P(Engine, FisherInformationAndScoreAreTheDenseOnes) {
   study::Study made(GetParam());
   Pass pass;
-  study::prepare(pass);
+  study::prepare(pass, made);
   FisherWork fisher;
   makefisher(pass, fisher);
   for (const Point& point : points) {
-    const dense::Parameters x = study::setparameters(point.T, point.L, point.s, point.gamma);
-    const dense::Fit fit = dense::evaluate(made.units, x, study::gammamatrix());
+    const dense::Parameters x = study::setparameters(pass, point.T, point.L, point.s, point.gamma);
+    const dense::Fit fit = dense::evaluate(made.units, x, study::gammamatrix(pass));
     Likelihood likelihood{0, 0};
     ASSERT_TRUE(fisherfull(pass, fisher, likelihood, false));
     expectnear(likelihood.current, fit.loglik, fit.loglik, "log-likelihood");
@@ -119,39 +119,34 @@ TEST_P(Engine, FisherInformationAndScoreAreTheDenseOnes) {
 TEST_P(Engine, EveryPlainStepRaisesTheLikelihood) {
   study::Study made(GetParam());
   Pass pass;
-  study::prepare(pass);
+  study::prepare(pass, made);
   for (const Point& point : points) {
-    study::setparameters(point.T, point.L, point.s, point.gamma);
+    study::setparameters(pass, point.T, point.L, point.s, point.gamma);
     Likelihood likelihood{-1e36, -1e36};
     for (int step = 0; step < 40; ++step) {
       EmSums em;
-      emstep(pass, likelihood, em, nullptr);
-      run.est.sigma2 = (em.traceacc + em.rss) / run.mdm.nunits1;
+      ASSERT_FALSE(emstep(pass, likelihood, em, nullptr));
+      pass.est.sigma2 = (em.traceacc + em.rss) / pass.nunits1;
       EXPECT_GE(likelihood.current, likelihood.previous - 1e-9) << "step " << step;
     }
   }
 }
 
 // Iterates a study to the end and returns what the definition says of its estimates.
-dense::Fit fitted(const study::Study& made) {
+dense::Fit fitted(const study::Study& made, Pass& pass) {
   run.control.accel = 3;
   run.control.numit = 20000;
   run.control.stopval = 1e-10;
-  run.report.stream = std::fopen("/dev/null", "w");
-  run.files.outfile = "stdout";
-  Pass pass;
-  study::prepare(pass);
-  study::setparameters(points[0].T, points[0].L, points[0].s, points[0].gamma);
-  applytaupi(run.est.taupi.data());
-  applytaubeta(run.est.taubeta.data());
+  study::prepare(pass, made);
+  study::setparameters(pass, points[0].T, points[0].L, points[0].s, points[0].gamma);
+  applytaupi(run.model, pass.est.taupi.data());
+  applytaubeta(run.model, pass.est.taubeta.data());
   IterationState state;
   startiterations(pass, state);
   state.hetstate = 2;
   state.limit = run.control.numit;
-  iterate(pass, state);
-  std::fclose(run.report.stream);
-  run.report.stream = nullptr;
-  return dense::evaluate(made.units, study::currentparameters(), study::gammamatrix());
+  EXPECT_FALSE(iterate(pass, state));
+  return dense::evaluate(made.units, study::currentparameters(pass), study::gammamatrix(pass));
 }
 
 // `combinations` holds, for each free parameter, the parameters that share its value.
@@ -171,7 +166,8 @@ TEST_P(Engine, TheScoreVanishesAtTheEstimates) {
   for (const int fishertype : {0, 1, 2}) {
     study::Study made(GetParam(), 24, 6, 7);
     run.control.fishertype = fishertype;
-    expectvanishing(fitted(made), {{0}, {1}, {2}, {3}, {4}, {5}, {6}}, fishertype);
+    Pass pass;
+    expectvanishing(fitted(made, pass), {{0}, {1}, {2}, {3}, {4}, {5}, {6}}, fishertype);
   }
 }
 
@@ -187,9 +183,10 @@ TEST_P(Engine, TheRestrictedScoreVanishesUnderRestrictions) {
       run.model.restrictions.esttau2.fill(missingcode);
       run.model.restrictions.esttau2[1] = run.model.restrictions.esttau2[2] = 0.15;
       run.model.restrictions.diagtaubeta = true;
-      expectvanishing(fitted(made), {{0}, {2}, {3}, {5}, {6}}, fishertype);
-      EXPECT_EQ(run.est.taupi[1], 0.15);
-      EXPECT_EQ(run.est.taubeta[1], 0.0);
+      Pass pass;
+      expectvanishing(fitted(made, pass), {{0}, {2}, {3}, {5}, {6}}, fishertype);
+      EXPECT_EQ(pass.est.taupi[1], 0.15);
+      EXPECT_EQ(pass.est.taubeta[1], 0.0);
     }
     {
       study::Study made(GetParam(), 24, 6, 7);
@@ -198,8 +195,9 @@ TEST_P(Engine, TheRestrictedScoreVanishesUnderRestrictions) {
       run.model.restrictions.contau2.reset(3);
       run.model.restrictions.contau2[0] = 1;
       run.model.restrictions.contau2[2] = -1;
-      expectvanishing(fitted(made), {{0, 2}, {1}, {3}, {4}, {5}, {6}}, fishertype);
-      EXPECT_EQ(run.est.taupi[0], run.est.taupi[3]);
+      Pass pass;
+      expectvanishing(fitted(made, pass), {{0, 2}, {1}, {3}, {4}, {5}, {6}}, fishertype);
+      EXPECT_EQ(pass.est.taupi[0], pass.est.taupi[3]);
     }
   }
 }
@@ -209,9 +207,9 @@ TEST_P(Engine, TheRestrictedScoreVanishesUnderRestrictions) {
 TEST_P(Engine, HeterogeneousStepsGiveEachUnitItsOwnMoment) {
   study::Study made(GetParam());
   Pass pass;
-  study::prepare(pass);
-  const dense::Parameters start = study::setparameters(points[0].T, points[0].L, points[0].s, points[0].gamma);
-  const dense::Matrix gamma = study::gammamatrix();
+  study::prepare(pass, made);
+  const dense::Parameters start = study::setparameters(pass, points[0].T, points[0].L, points[0].s, points[0].gamma);
+  const dense::Matrix gamma = study::gammamatrix(pass);
   const std::size_t units = made.units.size();
   UnitTable<double> table;
   table.reset(units, 4);
@@ -225,7 +223,7 @@ TEST_P(Engine, HeterogeneousStepsGiveEachUnitItsOwnMoment) {
   }
   Likelihood likelihood{-1e36, -1e36};
   EmSums em;
-  emstep(pass, likelihood, em, &table);
+  ASSERT_FALSE(emstep(pass, likelihood, em, &table));
   expectnear(likelihood.current, loglik, loglik, "log-likelihood");
   for (std::size_t k = 0; k < units; ++k) {
     const dense::Unit& u = made.units[k];
@@ -241,40 +239,35 @@ TEST_P(Engine, HeterogeneousStepsGiveEachUnitItsOwnMoment) {
     for (std::size_t i = 0; i < 4; ++i) expectnear(T[4 * k + i], sum.cells[i] / u.units2, 1, "taupi of a unit");
   }
   for (int step = 0; step < 30; ++step) {
-    run.est.sigma2 = (em.traceacc + em.rss) / run.mdm.nunits1;
-    emstep(pass, likelihood, em, &table);
+    pass.est.sigma2 = (em.traceacc + em.rss) / pass.nunits1;
+    ASSERT_FALSE(emstep(pass, likelihood, em, &table));
     EXPECT_GE(likelihood.current, likelihood.previous - 1e-9) << "step " << step;
   }
 }
 
-// What an iteration cannot go on with ends the run by number, with the words in the report.
-TEST(Step, UnusableCovariancesEndTheRun) {
+// What an iteration cannot go on with is a failure by number.
+TEST(Step, UnusableCovariancesAreFailures) {
   struct Case {
     std::vector<double> T, L;
     double s;
-    int code;
-    const char* words;
+    int row;
+    const char* argument;
   };
   const Case cases[] = {
-      {{1, 1, 1, 1}, {1, 0, 0, 1}, 1, 12, "Matrix tau\\(pi\\) is not invertible"},
-      {{1, 0, 0, 1}, {1, 2, 2, 1}, 1, 12, "Matrix tau\\(beta\\) is not invertible"},
-      {{1, 0, 0, 1}, {-1, 0, 0, -1}, 1, 15, "unable to estimate covariance components"},
-      {{-1, 0, 0, -1}, {1, 0, 0, 1}, 1, 15, "unable to estimate covariance components"},
-      {{1, 0, 0, 1}, {1, 0, 0, 1}, -1, 15, "unable to estimate covariance components"},
+      {{1, 1, 1, 1}, {1, 0, 0, 1}, 1, 12, "tau(pi)"}, {{1, 0, 0, 1}, {1, 2, 2, 1}, 1, 12, "tau(beta)"},
+      {{1, 0, 0, 1}, {-1, 0, 0, -1}, 1, 15, ""},      {{-1, 0, 0, -1}, {1, 0, 0, 1}, 1, 15, ""},
+      {{1, 0, 0, 1}, {1, 0, 0, 1}, -1, 15, ""},
   };
   for (const Case& bad : cases) {
     study::Study made(1);
     Pass pass;
-    study::prepare(pass);
-    study::setparameters(bad.T, bad.L, bad.s, points[0].gamma);
-    run.files.outfile = "stdout";
-    const auto step = [&] {
-      run.report.stream = stderr;
-      Likelihood likelihood{0, 0};
-      EmSums em;
-      emstep(pass, likelihood, em, nullptr);
-    };
-    EXPECT_EXIT(step(), testing::ExitedWithCode(bad.code), bad.words);
+    study::prepare(pass, made);
+    study::setparameters(pass, bad.T, bad.L, bad.s, points[0].gamma);
+    Likelihood likelihood{0, 0};
+    EmSums em;
+    const Failure failure = emstep(pass, likelihood, em, nullptr);
+    EXPECT_EQ(failure.row, bad.row);
+    EXPECT_EQ(failure.argument, bad.argument);
   }
 }
 
@@ -284,32 +277,25 @@ TEST(Store, FilesGiveTheSameBitsAsMemory) {
   std::vector<double> inmemory;
   for (const std::size_t budget : {std::size_t{1} << 30, std::size_t{0}})
     for (const std::size_t window : {std::size_t{1} << 20, std::size_t{2000}, std::size_t{1}}) {
-      unitstorebudget = budget;
-      streamwindowbytes = window;
       study::Study made(3, 20);
-      run.report.stream = std::fopen("/dev/null", "w");
-      run.files.outfile = "stdout";
+      made.analysis.store = {false, budget, window};
       Pass pass;
-      study::prepare(pass);
+      study::prepare(pass, made);
       EXPECT_EQ(pass.store.hot.windowrecords() > 1000000, budget != 0);
-      study::setparameters(points[0].T, points[0].L, points[0].s, points[0].gamma);
+      study::setparameters(pass, points[0].T, points[0].L, points[0].s, points[0].gamma);
       IterationState state;
       startiterations(pass, state);
       state.hetstate = 2;
       state.limit = 12;
       run.control.numit = 12;
-      iterate(pass, state);
-      std::vector<double> result(run.est.gammahat.begin(), run.est.gammahat.end());
-      result.insert(result.end(), run.est.taupi.begin(), run.est.taupi.end());
-      result.push_back(run.est.sigma2);
+      ASSERT_FALSE(iterate(pass, state));
+      std::vector<double> result(pass.est.gammahat.begin(), pass.est.gammahat.end());
+      result.insert(result.end(), pass.est.taupi.begin(), pass.est.taupi.end());
+      result.push_back(pass.est.sigma2);
       result.push_back(reliabilities(pass).level3[1]);
       if (inmemory.empty()) inmemory = result;
       EXPECT_EQ(result, inmemory);
-      std::fclose(run.report.stream);
-      run.report.stream = nullptr;
     }
-  unitstorebudget = std::size_t{256} << 20;
-  streamwindowbytes = std::size_t{16} << 20;
 }
 
 INSTANTIATE_TEST_SUITE_P(Seeds, Engine, testing::Values(1U, 2U, 3U));

@@ -10,14 +10,16 @@
 #include <string>
 #include <vector>
 
+#include "construct/mdmwriter.h"
 #include "data/mdm.h"
-#include "data/resultfile.h"
 #include "data/unitreader.h"
 #include "dense.h"
+#include "driver/resultfile.h"
 #include "driver/runrecord.h"
 #include "estimate/linear/datapass.h"
 #include "estimate/linear/recordunits.h"
 #include "estimate/linear/runpass.h"
+#include "runmdm.h"
 
 namespace study {
 
@@ -30,8 +32,11 @@ using namespace kdr;
 struct Study {
   std::vector<dense::Unit> units;
   std::string path;
+  Observer observer;
+  Analysis analysis{run.model, run.mdm, run.weights, run.control, observer, {}, {}, 1, nullptr};
 
-  explicit Study(unsigned seed, int units3 = 6, int mostunits2 = 5, int mostrecords = 7) {
+  // With `binary` the outcome is 1 where Y is above 1, else 0; the oracle is of Y all the same.
+  explicit Study(unsigned seed, int units3 = 6, int mostunits2 = 5, int mostrecords = 7, bool binary = false) {
     run = RunRecord{};
     run.id.waitseconds = -1;
     run.files.outfile = "report.txt";
@@ -42,7 +47,7 @@ struct Study {
     mdm.nvar1 = 4;
     mdm.nvar2 = mdm.nvar3 = 2;
     mdm.deletednow = true;
-    mdm.rawdattype = 2;
+    mdm.rawdattype = RawType::ascii;
     names(mdm.names1, {"INTRCPT1", "Y", "X1", "X2", "W1"});
     names(mdm.names2, {"INTRCPT2", "Z", "W2"});
     names(mdm.names3, {"INTRCPT3", "Q", "W3"});
@@ -77,7 +82,7 @@ struct Study {
           const double x1 = normal(rng), x2 = normal(rng);
           const double y = 1 + 0.5 * z + 0.3 * q + v0 + r0 + (2 + 0.2 * q + v1 + r1) * x1 - x2 + 1.2 * normal(rng);
           double* record = block.records.data() + 4 * i;
-          record[0] = y;
+          record[0] = binary ? (y > 1 ? 1.0 : 0.0) : y;
           record[1] = x1;
           record[2] = x2;
           record[3] = among(1, 3);
@@ -92,6 +97,7 @@ struct Study {
     mdm.nunits2 = static_cast<int>(blocks.size());
     writefile(blocks);
     makemodel();
+    analysis.wanted.unitrows = true;
   }
   ~Study() {
     if (run.mdm.stream != nullptr) std::fclose(run.mdm.stream);
@@ -128,19 +134,19 @@ struct Study {
     ResultFile file;
     openresult(file, path);
     writemdmtables(file.stream);
-    for (const UnitBlock& block : blocks) writeunit(file.stream, block, 4, 2, true);
+    for (const UnitBlock& block : blocks) writeunit(file.stream, block, 4, 2, true, false);
     finishmdm(file);
     run.mdm.stream = std::fopen(path.c_str(), "rb");
-    readmdm();
+    readrunmdm();
   }
 
   static void makemodel() {
     allocatemodel();
     Model& model = run.model;
     run.model.outvar = 1;
-    int* use = model.use1.row(0);
-    use[0] = use[2] = use[3] = 1;
-    use[1] = -1;
+    Use* use = model.use1.row(0);
+    use[0] = use[2] = use[3] = Use::predictor;
+    use[1] = Use::outcome;
     model.fixed1.row(0)[2] = 1;
     for (const auto& [c, n] : {std::pair{0, 2}, {1, 1}, {2, 1}}) {
       model.nterms2.row(0)[c] = n;
@@ -152,52 +158,54 @@ struct Study {
       model.fixed2.row(0)[b] = b == 1 || b == 3;
     }
     run.model.coef.npi = 3;
+    run.model.coef.ntaupi = run.model.coef.ntaubeta = 2;
     run.model.coef.nbeta = 4;
     run.model.coef.ngamma = 6;
     run.control.numit = 500;
-    run.control.numitcontinue = 0;
+    run.control.numitcontinue = AtLimit::stop;
   }
 };
 
 // The data pass of `pass` over the blocks of the MDM file, which go to `working` if that is not null.
-inline void fold(Pass& pass, std::FILE* working = nullptr) {
+inline void fold(Pass& pass, std::FILE* working = nullptr, Array<double>* factors = nullptr) {
   RecordUnits units;
-  startrecords(units);
+  startrecords(units, *pass.analysis);
   units.working = working;
-  run.out.resfil2 = true;  // a reader of identifiers and level-2 rows
-  datapass(pass, [&](UnitProducts& unit) { return nextunit(units, unit); });
+  units.factors = factors;
+  EXPECT_FALSE(datapass(pass, [&](UnitProducts& unit) { return nextunit(units, unit); }));
+  EXPECT_FALSE(units.failure);
 }
 
 // The pass over the study, ready to iterate.
-inline void prepare(Pass& pass) {
+inline void prepare(Pass& pass, const Study& made) {
   PassPlan plan;
   plan.limit = run.control.numit;
   plan.stopval = run.control.stopval;
-  beginpass(pass, plan);
+  ASSERT_FALSE(beginpass(pass, made.analysis, plan));
   fold(pass);
 }
 
-// Sets the parameters of run.est and returns them for the oracle.
-inline dense::Parameters setparameters(const std::vector<double>& T, const std::vector<double>& L, double s,
+// Sets the estimates of the pass and returns them for the oracle.
+inline dense::Parameters setparameters(Pass& pass, const std::vector<double>& T, const std::vector<double>& L, double s,
                                        const std::vector<double>& gamma) {
-  std::copy(T.begin(), T.end(), run.est.taupi.data());
-  std::copy(L.begin(), L.end(), run.est.taubeta.data());
-  std::copy(gamma.begin(), gamma.end(), run.est.gammahat.data());
-  run.est.sigma2 = s;
+  std::copy(T.begin(), T.end(), pass.est.taupi.data());
+  std::copy(L.begin(), L.end(), pass.est.taubeta.data());
+  std::copy(gamma.begin(), gamma.end(), pass.est.gammahat.data());
+  pass.est.sigma2 = s;
   dense::Parameters x{dense::Matrix(2, 2), dense::Matrix(2, 2), s};
   x.T.cells = T;
   x.L.cells = L;
   return x;
 }
 
-inline dense::Matrix gammamatrix() {
+inline dense::Matrix gammamatrix(const Pass& pass) {
   dense::Matrix gamma(6, 1);
-  std::copy(run.est.gammahat.begin(), run.est.gammahat.end(), gamma.cells.begin());
+  std::copy(pass.est.gammahat.begin(), pass.est.gammahat.end(), gamma.cells.begin());
   return gamma;
 }
 
-inline dense::Parameters currentparameters() {
-  const Estimates& est = run.est;
+inline dense::Parameters currentparameters(const Pass& pass) {
+  const Estimates& est = pass.est;
   dense::Parameters x{dense::Matrix(2, 2), dense::Matrix(2, 2), est.sigma2};
   std::copy(est.taupi.begin(), est.taupi.end(), x.T.cells.begin());
   std::copy(est.taubeta.begin(), est.taubeta.end(), x.L.cells.begin());

@@ -10,6 +10,7 @@
 #include <sstream>
 
 #include "estimate/likelihood/madestudy.h"
+#include "estimate/likelihood/marks.h"
 #include "estimate/quadrature/densecases.h"
 #include "estimate/quadrature/quadraturenodes.h"
 
@@ -18,6 +19,7 @@ namespace {
 using namespace kdr;
 using namespace madestudy;
 using namespace densecases;
+using marks::Marks;
 
 TEST(QuadratureNodes, AreExactForPolynomials) {
   for (int n = 3; n <= 40; ++n) {
@@ -130,7 +132,7 @@ struct Walker {
     EXPECT_TRUE(makegrid(model.grid2, points, made.q) && makegrid(model.grid3, points, made.r));
     data.model = &model;
     data.source = &source;
-    countdata(data);
+    EXPECT_TRUE(countdata(data));
   }
   static Adaptation like(const Adaptation& a) { return {a.vstar.copy(), a.C3.copy(), a.ustar.copy(), a.P.copy()}; }
 };
@@ -144,7 +146,7 @@ TEST(Quadrature, LogLikelihoodOfAnotherAdaptation) {
     Adaptation means = Walker::like(modes);
     walk(walker.data, start, modes, &means);
     const QuadratureWalk there = walk(walker.data, start, means, nullptr);
-    ASSERT_EQ(there.status, UnitStatus::fine);
+    ASSERT_EQ(there.failure, EngineFailure::none);
     EXPECT_NEAR(there.loglikelihood + walker.data.combinations, reference(c.name, "atstart")[0], 0.02) << c.name;
   }
 }
@@ -211,41 +213,39 @@ TEST(Quadrature, ScoreAndInformationAreDerivatives) {
   }
 }
 
-std::string console;
+Marks told;
 
-QuadratureSettings settings(const Outcome& outcome, int points, int iterations) {
+QuadratureSettings settings(int points, int iterations) {
   QuadratureSettings s;
-  s.outcome = outcome.family;
   s.points = points;
-  s.iterations = iterations;
-  s.console = [](const char* text) { console += text; };
-  console.clear();
+  s.engine.iterations = iterations;
+  told.clear();
+  told.listen(s.engine);
   return s;
 }
 
 QuadratureResult estimate(Study& study, const QuadratureSettings& s, const Parameters& start) {
-  RecordSource source = study.source();
-  return adaptivequadrature(s, study.npi, study.nbeta, study.design, source, start, posteriormodes(study, start));
+  return adaptivequadrature(study.data(), s, start, posteriormodes(study, start));
 }
 
 TEST(Quadrature, EstimatesOfAnotherAdaptationAndOptimiser) {
   for (const Case& c : cases) {
     Study study = readcase(c);
     const QuadratureResult result =
-        estimate(study, settings(c.outcome, c.points, 50), makeparameters(c.q, c.r, reference(c.name, "start")));
-    EXPECT_TRUE(result.converged && result.finished && result.warnings.empty()) << c.name;
-    EXPECT_EQ(result.code, 1);
-    EXPECT_NEAR(result.marginal, reference(c.name, "maximum")[0], 0.02) << c.name;
-    const std::vector<double> found = elements(result.parameters), wanted = reference(c.name, "estimate"),
+        estimate(study, settings(c.points, 50), makeparameters(c.q, c.r, reference(c.name, "start")));
+    EXPECT_TRUE(result.fit.converged && result.fit.end == EngineEnd::estimated && result.fit.warnings.empty())
+        << c.name;
+    EXPECT_NEAR(result.fit.marginal, reference(c.name, "maximum")[0], 0.02) << c.name;
+    const std::vector<double> found = elements(result.fit.estimates), wanted = reference(c.name, "estimate"),
                               se = reference(c.name, "se");
     const std::size_t P = found.size();
     for (std::size_t i = 0; i < P; ++i) {
       EXPECT_NEAR(found[i], wanted[i], 0.02 * se[i]) << c.name << " " << i;
-      EXPECT_NEAR(std::sqrt(2.0 * result.V[i * P + i]), se[i], 0.02 * se[i]) << c.name << " " << i;
+      EXPECT_NEAR(std::sqrt(result.fit.covariance[i * P + i]), se[i], 0.02 * se[i]) << c.name << " " << i;
     }
-    EXPECT_TRUE(result.taupiseusable && result.taubetaseusable);
-    EXPECT_NEAR(result.taupise[0], se[0], 0.02 * se[0]);
-    EXPECT_NEAR(std::sqrt(result.vgamma[15]), se[P - 1], 0.02 * se[P - 1]);
+    EXPECT_TRUE(result.fit.completepi && result.fit.completebeta);
+    EXPECT_NEAR(result.fit.setaupi[0], se[0], 0.02 * se[0]);
+    EXPECT_NEAR(std::sqrt(result.fit.vgamma[15]), se[P - 1], 0.02 * se[P - 1]);
   }
 }
 
@@ -253,12 +253,12 @@ TEST(Quadrature, TheSameBytesForAnyNumberOfThreads) {
   const auto bytes = [](int threads, std::size_t batchsize) {
     Study study = readcase(cases[1]);
     study.batchsize = batchsize;
-    QuadratureSettings s = settings(bernoulli, 5, 3);
-    s.threads = threads;
+    QuadratureSettings s = settings(5, 3);
+    s.engine.threads = threads;
     const QuadratureResult result = estimate(study, s, makeparameters(2, 1, reference("bernoulli21", "start")));
-    std::vector<double> all = elements(result.parameters);
-    all.push_back(result.loglikelihood);
-    all.insert(all.end(), result.V.begin(), result.V.end());
+    std::vector<double> all = elements(result.fit.estimates);
+    all.push_back(result.fit.loglik);
+    all.insert(all.end(), result.fit.covariance.begin(), result.fit.covariance.end());
     all.insert(all.end(), result.adaptation.P.begin(), result.adaptation.P.end());
     return all;
   };
@@ -273,19 +273,20 @@ TEST(Quadrature, OneIterationIsHalfANewtonStep) {
     Study study = readcase(c);
     const std::vector<double> theta = reference(c.name, "start");
     const Parameters start = makeparameters(1, 1, theta);
-    const QuadratureResult result = estimate(study, settings(c.outcome, 5, iterations), start);
-    EXPECT_EQ(result.iteration, 1);
-    EXPECT_TRUE(result.finished && !result.converged);
-    ASSERT_EQ(result.warnings.size(), 1U);
-    EXPECT_NE(result.warnings[0].find("before they had converged"), std::string::npos);
+    const QuadratureResult result = estimate(study, settings(5, iterations), start);
+    EXPECT_EQ(result.fit.iteration, 1);
+    EXPECT_TRUE(result.fit.end == EngineEnd::estimated && !result.fit.converged);
+    ASSERT_EQ(result.fit.warnings.size(), 1U);
+    EXPECT_NE(result.fit.warnings[0].find("before they had converged"), std::string::npos);
     Walker walker(study, 5);
     const Adaptation modes = posteriormodes(study, start);
     Adaptation next = Walker::like(modes);
     const QuadratureWalk there = walk(walker.data, start, modes, &next);
-    const std::vector<double> found = elements(result.parameters);
+    const std::vector<double> found = elements(result.fit.estimates);
     for (std::size_t i = 0; i < theta.size(); ++i) {
       double step = 0.0;
-      for (std::size_t l = 0; l < theta.size(); ++l) step += result.V[i * theta.size() + l] * there.score[l];
+      for (std::size_t l = 0; l < theta.size(); ++l)
+        step += 0.5 * result.fit.covariance[i * theta.size() + l] * there.score[l];
       EXPECT_NEAR(found[i] - theta[i], 0.5 * step, 1e-12);
     }
   }
@@ -304,20 +305,20 @@ TEST(Quadrature, RidgeIsRaisedLoweredAndLeftOutOfTheErrors) {
   Adaptation adaptation = posteriormodes(study, start);
   double ridge = 0.0;  // of the iteration's first trial
   for (const int iterations : {1, 2}) {
-    const QuadratureResult result = estimate(study, settings(bernoulli, 5, iterations), start);
-    const std::string marks = console.substr(iterations == 1 ? 0 : console.find("iteration 1 ="));
-    const auto raised = std::count(marks.begin(), marks.end(), '*');
+    const QuadratureResult result = estimate(study, settings(5, iterations), start);
+    const std::string letters = told.letters.substr(iterations == 1 ? 0 : told.letters.find('i'));
+    const auto raised = std::count(letters.begin(), letters.end(), '*');
     double added = ridge, now = ridge;
     for (std::ptrdiff_t i = 0; i < raised; ++i) added += now = now == 0.0 ? 1.0 : 10.0 * now;
-    EXPECT_GE(raised, iterations == 1 ? 2 : 0) << console;
-    EXPECT_EQ(std::count(marks.begin(), marks.end(), '/'), now > 1.0) << console;
+    EXPECT_GE(raised, iterations == 1 ? 2 : 0) << letters;
+    EXPECT_EQ(std::count(letters.begin(), letters.end(), '/'), now > 1.0) << letters;
     ridge = now > 1.0 ? now / 10.0 : now;
 
     Adaptation next = Walker::like(adaptation);
     const QuadratureWalk there = walk(walker.data, from, adaptation, &next);
     dense::Matrix H(P, P), g(P, 1), V(P, P);
     for (std::size_t i = 0; i < at(P * P); ++i) H.cells[i] = there.information[i];
-    for (std::size_t i = 0; i < at(P * P); ++i) V.cells[i] = result.V[i];
+    for (std::size_t i = 0; i < at(P * P); ++i) V.cells[i] = 0.5 * result.fit.covariance[i];
     for (int i = 0; i < P; ++i) g(i, 0) = there.score[at(i)];
     const dense::Matrix one = H * V;
     dense::Matrix ridged = H;
@@ -326,13 +327,13 @@ TEST(Quadrature, RidgeIsRaisedLoweredAndLeftOutOfTheErrors) {
       ridged(i, i) += added;
     }
     const dense::Matrix step = dense::inverse(ridged) * g;
-    const std::vector<double> before = elements(from), after = elements(result.parameters);
+    const std::vector<double> before = elements(from), after = elements(result.fit.estimates);
     for (int i = 0; i < P; ++i)
-      EXPECT_NEAR(after[at(i)] - before[at(i)], (iterations == 1 ? 0.5 : 1.0) * step(i, 0), 1e-9) << console;
-    EXPECT_EQ(result.taupiseusable, V(0, 0) > 0.0);
-    EXPECT_EQ(result.taubetaseusable, V(1, 1) > 0.0);
-    EXPECT_FALSE(iterations == 1 && result.taupiseusable && result.taubetaseusable);
-    from = result.parameters.copy();
+      EXPECT_NEAR(after[at(i)] - before[at(i)], (iterations == 1 ? 0.5 : 1.0) * step(i, 0), 1e-9) << letters;
+    EXPECT_EQ(result.fit.completepi, V(0, 0) > 0.0);
+    EXPECT_EQ(result.fit.completebeta, V(1, 1) > 0.0);
+    EXPECT_FALSE(iterations == 1 && result.fit.completepi && result.fit.completebeta);
+    from = result.fit.estimates.copy();
     adaptation = std::move(next);
   }
 }
@@ -341,24 +342,24 @@ TEST(Quadrature, RidgeIsRaisedLoweredAndLeftOutOfTheErrors) {
 TEST(Quadrature, DiagonalMatrices) {
   const Case& c = cases[2];
   Study study = readcase(c);
-  QuadratureSettings s = settings(c.outcome, 5, 50);
+  QuadratureSettings s = settings(5, 50);
   s.diagonalpi = s.diagonalbeta = true;
   const QuadratureResult result = estimate(study, s, makeparameters(2, 2, reference(c.name, "start")));
-  EXPECT_TRUE(result.converged && result.warnings.empty());
-  EXPECT_EQ(result.parameters.taupi[1], 0.0);
-  EXPECT_EQ(result.parameters.taubeta[2], 0.0);
-  EXPECT_TRUE(result.taupiseusable && result.taubetaseusable);
-  EXPECT_EQ(result.taupise[1], 0.0);
+  EXPECT_TRUE(result.fit.converged && result.fit.warnings.empty());
+  EXPECT_EQ(result.fit.estimates.taupi[1], 0.0);
+  EXPECT_EQ(result.fit.estimates.taubeta[2], 0.0);
+  EXPECT_TRUE(result.fit.completepi && result.fit.completebeta);
+  EXPECT_EQ(result.fit.setaupi[1], 0.0);
   // No free element can be moved to a higher log-likelihood.
   Walker walker(study, 5);
-  const std::vector<double> top = elements(result.parameters);
-  const double highest = walk(walker.data, result.parameters, result.adaptation, nullptr).loglikelihood;
+  const std::vector<double> top = elements(result.fit.estimates);
+  const double highest = walk(walker.data, result.fit.estimates, result.adaptation, nullptr).loglikelihood;
   const std::size_t P = top.size();
   for (std::size_t i = 0; i < P; ++i)
     for (const double sign : {-1.0, 1.0}) {
       if (i == 1 || i == 4) continue;
       std::vector<double> moved = top;
-      moved[i] += sign * 0.1 * std::sqrt(2.0 * result.V[i * P + i]);
+      moved[i] += sign * 0.1 * std::sqrt(result.fit.covariance[i * P + i]);
       EXPECT_LT(walk(walker.data, makeparameters(2, 2, moved), result.adaptation, nullptr).loglikelihood, highest) << i;
     }
 }
@@ -367,39 +368,36 @@ TEST(Quadrature, Failures) {
   const Case& c = cases[0];
   const Parameters start = makeparameters(1, 1, reference(c.name, "start"));
   Study study = readcase(c);
-  RecordSource source = study.source();
   const auto run = [&](const QuadratureSettings& s, const Parameters& from, const Adaptation& adaptation) {
-    console.clear();
-    return adaptivequadrature(s, study.npi, study.nbeta, study.design, source, from, adaptation);
+    return adaptivequadrature(study.data(), s, from, adaptation);
   };
   for (const bool level2 : {true, false}) {
     Parameters many = start.copy();
     (level2 ? many.q : many.r) = 11;
-    const QuadratureResult result = run(settings(c.outcome, 5, 5), many, posteriormodes(study, start));
-    EXPECT_EQ(result.code, 0);
-    EXPECT_EQ(result.failure, QuadratureFailure::toomanyeffects);
-    EXPECT_EQ(console, "There are too many random effects for AGQ!\n");
+    const QuadratureResult result = run(settings(5, 5), many, posteriormodes(study, start));
+    EXPECT_EQ(result.fit.end, EngineEnd::failed);
+    EXPECT_EQ(result.fit.failure, EngineFailure::toomanyeffects);
+    EXPECT_EQ(told.letters, "bp");
   }
   {
-    const QuadratureResult result = run(settings(c.outcome, 2, 5), start, posteriormodes(study, start));
-    EXPECT_EQ(result.code, 0);
-    EXPECT_EQ(result.failure, QuadratureFailure::nodes);
-    EXPECT_EQ(console, "");  // this one is for the report alone
+    const QuadratureResult result = run(settings(2, 5), start, posteriormodes(study, start));
+    EXPECT_EQ(result.fit.end, EngineEnd::failed);
+    EXPECT_EQ(result.fit.failure, EngineFailure::nodes);
+    EXPECT_EQ(told.letters, "bp");
   }
   {
     Adaptation bad = posteriormodes(study, start);
     bad.C3[3] = 0.0;
-    const QuadratureResult result = run(settings(c.outcome, 5, 5), start, bad);
-    EXPECT_EQ(result.code, 0);
-    EXPECT_FALSE(result.finished);
-    EXPECT_EQ(console, "Unable to compute AGQ T(hat)(beta)\n");
+    const QuadratureResult result = run(settings(5, 5), start, bad);
+    EXPECT_EQ(result.fit.end, EngineEnd::failed);
+    EXPECT_EQ(result.fit.failure, EngineFailure::centre3);
   }
   {
     Adaptation bad = posteriormodes(study, start);
     bad.P[7] = std::nan("");
-    const QuadratureResult result = run(settings(c.outcome, 5, 5), start, bad);
-    EXPECT_EQ(result.code, 0);
-    EXPECT_EQ(console, "Unable to compute AGQ T(hat)(pi)\n");
+    const QuadratureResult result = run(settings(5, 5), start, bad);
+    EXPECT_EQ(result.fit.end, EngineEnd::failed);
+    EXPECT_EQ(result.fit.failure, EngineFailure::centre2);
   }
   {
     // Records that say nothing: an information matrix near 0 with a row of zeros. The ridge is too large at once.
@@ -407,10 +405,10 @@ TEST(Quadrature, Failures) {
     for (Level3Records& unit : empty.units)
       for (std::size_t i = 0; i < unit.x.size(); ++i) unit.x[i] = i % 2 == 0 ? 1e-7 : 0.0;
     const QuadratureResult result =
-        estimate(empty, settings(c.outcome, 5, 5), makeparameters(1, 1, {1e6, 1e6, 0.0, 0.0, 0.0, 0.0}));
-    EXPECT_EQ(result.code, 0);
-    EXPECT_EQ(result.failure, QuadratureFailure::ridge);
-    EXPECT_EQ(console, "*Unable to compute adaptive Gaussian Hessian\n");
+        estimate(empty, settings(5, 5), makeparameters(1, 1, {1e6, 1e6, 0.0, 0.0, 0.0, 0.0}));
+    EXPECT_EQ(result.fit.end, EngineEnd::failed);
+    EXPECT_EQ(result.fit.failure, EngineFailure::notdefinite);
+    EXPECT_EQ(told.letters, "b*p");
   }
   {
     // Outcomes that are more alike across units than chance allows, three of six in each: both taus belong below 0, and
@@ -419,23 +417,23 @@ TEST(Quadrature, Failures) {
     for (std::size_t i = 0; i < records.size(); ++i) records[i].y = static_cast<double>(i % 2);
     Study even = makestudy(c.outcome, 1, 1, records);
     const std::vector<double> theta{1e-5, 1e-5, 0.2, 0.1, 0.1, 0.1};
-    QuadratureSettings s = settings(c.outcome, 5, 5);
+    QuadratureSettings s = settings(5, 5);
     s.derivlevel = 1;
     const QuadratureResult result = estimate(even, s, makeparameters(1, 1, theta));
-    EXPECT_EQ(result.code, 1);
-    EXPECT_FALSE(result.finished);
-    EXPECT_EQ(console, "hhhhhhhhUnable to compute adaptive Gaussian Tau\n");
-    EXPECT_EQ(elements(result.parameters), theta);
+    EXPECT_EQ(result.fit.end, EngineEnd::brokenoff);
+    EXPECT_EQ(result.fit.failure, EngineFailure::nostep);
+    EXPECT_EQ(told.letters, "bhhhhhhhhp");
+    EXPECT_EQ(elements(result.fit.estimates), theta);
   }
 }
 
 TEST(Quadrature, Interrupt) {
   Study study = readcase(cases[0]);
-  QuadratureSettings s = settings(bernoulli, 5, 50);
-  s.interrupted = [] { return console.find("iteration 2 =") != std::string::npos; };
+  QuadratureSettings s = settings(5, 50);
+  s.engine.stopasked = [] { return told.count('i') == 2; };
   const QuadratureResult result = estimate(study, s, makeparameters(1, 1, reference("bernoulli11", "start")));
-  EXPECT_EQ(result.iteration, 2);
-  EXPECT_TRUE(result.finished && !result.converged);
+  EXPECT_EQ(result.fit.iteration, 2);
+  EXPECT_TRUE(result.fit.end == EngineEnd::estimated && !result.fit.converged);
 }
 
 // With four points the iterations rest near a variance of 0 that they began with. At a maximum there, nothing is said.
@@ -451,12 +449,13 @@ TEST(Quadrature, VarianceThatIsHeldNearZeroIsSaid) {
     Parameters start = makeparameters(1, 1, {tau, 0.5, -0.3, 0.5, 0.4, -0.6});
     Study study = makestudy(bernoulli, 1, 1, drawrecords(one.seed, 12, 5, 6, start));
     start.taupi[0] = one.start;
-    const QuadratureResult result = estimate(study, settings(bernoulli, one.points, 100), start);
-    EXPECT_TRUE(result.converged) << one.seed;
-    EXPECT_EQ(result.parameters.taupi[0] < 0.01, one.said || one.seed == 4) << result.parameters.taupi[0];
-    const bool said = std::any_of(result.warnings.begin(), result.warnings.end(), [](const std::string& warning) {
-      return warning.find("a variance near 0 is not at the maximum") != std::string::npos;
-    });
+    const QuadratureResult result = estimate(study, settings(one.points, 100), start);
+    EXPECT_TRUE(result.fit.converged) << one.seed;
+    EXPECT_EQ(result.fit.estimates.taupi[0] < 0.01, one.said || one.seed == 4) << result.fit.estimates.taupi[0];
+    const bool said =
+        std::any_of(result.fit.warnings.begin(), result.fit.warnings.end(), [](const std::string& warning) {
+          return warning.find("a variance near 0 is not at the maximum") != std::string::npos;
+        });
     EXPECT_EQ(said, one.said) << one.seed << " " << one.points;
   }
 }
@@ -465,10 +464,10 @@ TEST(Quadrature, VarianceThatIsHeldNearZeroIsSaid) {
 TEST(Quadrature, LargeUnits) {
   const Parameters truth = makeparameters(1, 1, {0.5, 0.3, 0.2, 0.1, 0.1, 0.4});
   Study study = makestudy(bernoulli, 1, 1, drawrecords(2, 12, 4, 1500, truth));
-  const QuadratureResult result = estimate(study, settings(bernoulli, 5, 30), truth);
-  EXPECT_TRUE(result.converged);
-  EXPECT_NEAR(result.parameters.gamma[3], 0.4, 0.05);
-  EXPECT_GT(result.parameters.taubeta[0], 0.05);
+  const QuadratureResult result = estimate(study, settings(5, 30), truth);
+  EXPECT_TRUE(result.fit.converged);
+  EXPECT_NEAR(result.fit.estimates.gamma[3], 0.4, 0.05);
+  EXPECT_GT(result.fit.estimates.taubeta[0], 0.05);
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <string>
 #include <string_view>
@@ -22,6 +23,8 @@ struct ResultFile {
   std::string temporary;  // the name until the end; empty when the target is written in place
   Array<char> buffer;
   std::size_t used = 0;
+  long long bytes = 0;  // of those that came through the buffer: how many, and their CRC-32
+  std::uint32_t crc = 0;
 };
 
 // Opens the file for writing. Stops with code 100 and the words of openfile when that cannot be done, with failure 5 on

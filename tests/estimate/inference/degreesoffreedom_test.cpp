@@ -1,9 +1,9 @@
-#include "report/degreesoffreedom.h"
+#include "estimate/inference/degreesoffreedom.h"
 
 #include <gtest/gtest.h>
 
 #include "driver/runrecord.h"
-#include "reportfixture.h"
+#include "report/reportfixture.h"
 
 namespace kdr {
 namespace {
@@ -57,8 +57,7 @@ TEST(Degrees, ByHand) {
     if (!c.constraints.empty()) setconstraints(c.constraints);
     run.mdm.nunits1 = run.mdm.numl1rec = c.records;
     run.mdm.nunits2 = c.units2;
-    FixedDegrees degrees;
-    degreesoffreedom(degrees);
+    const FixedDegrees degrees = degreesoffreedom(modelrows(run.model), countsof(run.mdm));
     const auto n = static_cast<std::size_t>(run.model.coef.ngamma);
     ASSERT_EQ(n, c.df.size());
     ASSERT_EQ(degrees.df.size(), n + static_cast<std::size_t>(run.model.nconstrained));
@@ -75,8 +74,7 @@ TEST(DegreesAfterDeletion, FallBackOnTheFileCount) {
   setmodel({{0, true, {{0, {0}}}}, {2, false, {{0, {0}, false}}}});
   run.mdm.nunits1 = 21;
   run.mdm.numl1rec = 300;
-  FixedDegrees degrees;
-  degreesoffreedom(degrees);
+  const FixedDegrees degrees = degreesoffreedom(modelrows(run.model), countsof(run.mdm));
   EXPECT_EQ(degrees.df[1], 300 - 20 - 1);
   EXPECT_EQ(degrees.rough[1], 1);
 }

@@ -1,10 +1,7 @@
-#include "report/degreesoffreedom.h"
+#include "estimate/inference/degreesoffreedom.h"
 
 #include <algorithm>
 #include <climits>
-
-#include "driver/runrecord.h"
-#include "report/modelrows.h"
 
 namespace kdr {
 
@@ -15,13 +12,17 @@ struct Costs {
   long long level2 = 0;       // A: level-3 terms of coefficients fixed at level 3 whose level-1 coefficient is random
   long long level1 = 0;       // B: the same where the level-1 coefficient is fixed
   long long randompairs = 0;  // C: coefficients random at level 3 whose level-1 coefficient is random
+  long long random1 = 0;      // coefficients random at level 2, and
+  long long random2 = 0;      // at level 3
 };
 
 Costs modelcosts(const ModelRows& rows) {
   Costs costs;
+  for (const CoefficientRow& coefficient : rows.coefficients) costs.random1 += coefficient.random ? 1 : 0;
   for (const TermRow& term : rows.terms) {
     const bool random1 = rows.owner(term).random;
     if (term.random) {
+      ++costs.random2;
       costs.randompairs += random1 ? 1 : 0;
     } else {
       (random1 ? costs.level2 : costs.level1) += term.neffects;
@@ -39,26 +40,26 @@ struct Degrees {
 //   random at level 3               K - terms
 //   random at level 2 only          J - K C - A, roughly J - A where that leaves none
 //   fixed at both                   N - ntaupi J - ntaubeta K - B, roughly N - ntaubeta K - B
-Degrees degreesof(const ModelRows& rows, const EffectRow& effect, const Costs& costs) {
-  const long long J = run.mdm.nunits2, K = run.mdm.nunits3, N = run.mdm.nunits1;
+Degrees degreesof(const ModelRows& rows, const UnitCounts& counts, const EffectRow& effect, const Costs& costs) {
+  const long long J = counts.units2, K = counts.units3, N = counts.records;
   const TermRow& term = rows.termof(effect);
   if (term.random) return {K - term.neffects, false};
   if (rows.owner(effect).random) {
     const long long df = J - K * costs.randompairs - costs.level2;
     return df < 1 ? Degrees{J - costs.level2, true} : Degrees{df, false};
   }
-  const long long upper = run.model.coef.ntaubeta * K + costs.level1;
-  const long long df = N - run.model.coef.ntaupi * J - upper;
+  const long long upper = costs.random2 * K + costs.level1;
+  const long long df = N - costs.random1 * J - upper;
   if (df > 0) return {df, false};
-  return {(upper < N ? N : run.mdm.numl1rec) - upper, true};
+  return {(upper < N ? N : counts.filerecords) - upper, true};
 }
 
 int whole(long long value) { return static_cast<int>(std::clamp<long long>(value, INT_MIN, INT_MAX)); }
 
 }  // namespace
 
-void degreesoffreedom(FixedDegrees& degrees) {
-  const ModelRows rows = modelrows();
+FixedDegrees degreesoffreedom(const ModelRows& rows, const UnitCounts& counts) {
+  FixedDegrees degrees;
   const Costs costs = modelcosts(rows);
   const std::size_t n = rows.effects.size();
   degrees.df.reset(n);
@@ -74,7 +75,7 @@ void degreesoffreedom(FixedDegrees& degrees) {
     if (effect.removed) {
       ++removed;
     } else {
-      const Degrees own = degreesof(rows, effect, costs);
+      const Degrees own = degreesof(rows, counts, effect, costs);
       degrees.df[kept] = whole(own.df);
       degrees.rough[kept] = own.rough ? 1 : 0;
       ++kept;
@@ -83,6 +84,7 @@ void degreesoffreedom(FixedDegrees& degrees) {
       for (; first < kept; ++first) degrees.df[first] = whole(static_cast<long long>(degrees.df[first]) + removed);
     }
   }
+  return degrees;
 }
 
 }  // namespace kdr

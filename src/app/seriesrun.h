@@ -1,4 +1,4 @@
-// A series of sub-runs as the run sequence and the estimation see it: multiple imputation, one process per data set,
+// A series of sub-runs as the run sequence sees it: multiple imputation, one process per data set,
 // or plausible values, one pass per value. Without a series every call here does nothing.
 //
 // In the order of a sub-run:
@@ -9,14 +9,10 @@
 //   closeseries    from the stop sequence, with the exit code
 #pragma once
 
-#include "report/passresults.h"
-#include "report/pooledresults.h"
-#include "series/subrun.h"
+#include "core/results.h"
+#include "series/pooledresults.h"
 
 namespace kdr {
-
-// The shape of this run's records, from the complete model.
-[[nodiscard]] SubrunShape seriesshape();
 
 // A first data set removes the store that another series left in this folder: should it fail before it makes its own,
 // the data sets behind it find none.

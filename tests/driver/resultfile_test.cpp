@@ -1,4 +1,4 @@
-#include "data/resultfile.h"
+#include "driver/resultfile.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>

@@ -1,11 +1,13 @@
-#include "data/resultfile.h"
+#include "driver/resultfile.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <climits>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -13,8 +15,8 @@
 #include <utility>
 #include <vector>
 
-#include "data/scratch.h"
 #include "driver/failures.h"
+#include "driver/files.h"
 #include "driver/runrecord.h"
 
 namespace kdr {
@@ -24,6 +26,36 @@ namespace {
 constexpr std::size_t buffersize = std::size_t{1} << 20;
 constexpr int mosttemporaries = 1000;
 constexpr std::size_t maxsuffix = 10;  // ".part999"
+
+// CRC-32 of bytes behind others whose CRC is `crc`: the reflected polynomial 0xEDB88320, eight bytes a step. Table k
+// holds the CRC of a byte with k zero bytes behind it.
+constexpr auto crctables = [] {
+  std::array<std::array<std::uint32_t, 256>, 8> tables{};
+  for (std::uint32_t byte = 0; byte < 256; ++byte) {
+    std::uint32_t crc = byte;
+    for (int bit = 0; bit < 8; ++bit) crc = (crc >> 1) ^ (crc & 1 ? 0xEDB88320U : 0U);
+    tables[0][byte] = crc;
+  }
+  for (std::size_t k = 1; k < 8; ++k)
+    for (std::size_t byte = 0; byte < 256; ++byte) {
+      const std::uint32_t before = tables[k - 1][byte];
+      tables[k][byte] = (before >> 8) ^ tables[0][before & 255];
+    }
+  return tables;
+}();
+
+std::uint32_t crc32(std::uint32_t crc, const char* from, std::size_t count) {
+  crc = ~crc;
+  for (; count >= 8; from += 8, count -= 8) {
+    std::uint64_t eight = 0;
+    std::memcpy(&eight, from, 8);
+    eight ^= crc;
+    crc = 0;
+    for (std::size_t k = 0; k < 8; ++k) crc ^= crctables[7 - k][(eight >> (8 * k)) & 255];
+  }
+  for (; count > 0; ++from, --count) crc = (crc >> 8) ^ crctables[0][(crc ^ static_cast<unsigned char>(*from)) & 255];
+  return ~crc;
+}
 
 // `target` with `suffix` behind it, its name cut where the whole would be longer than a name may be.
 std::string temporaryname(const std::string& target, const std::string& suffix) {
@@ -65,6 +97,8 @@ void openstream(ResultFile& file, const std::string& path) {
   file.target = behindlinks(path);
   file.temporary.clear();
   file.used = 0;
+  file.bytes = 0;
+  file.crc = 0;
   const bool special = isspecial(file.target);
   // Room for the name before there is a file, so that no want of memory leaves one that nobody knows.
   std::string name;
@@ -102,6 +136,8 @@ void openresult(ResultFile& file, const std::string& path) {
 
 void flushresult(ResultFile& file) {
   if (file.used != 0 && std::fwrite(file.buffer.data(), 1, file.used, file.stream) != file.used) fail(5);
+  if (!run.files.results.empty()) file.crc = crc32(file.crc, file.buffer.data(), file.used);
+  file.bytes += static_cast<long long>(file.used);
   file.used = 0;
 }
 
@@ -129,6 +165,8 @@ bool tryfinish(ResultFile& file) {
   std::erase(run.files.unfinished, inplace ? file.target : file.temporary);
   std::vector<std::string>& made = run.files.made;
   if (std::find(made.begin(), made.end(), file.given) == made.end()) made.push_back(file.given);
+  std::erase_if(run.files.marks, [&](const FileMark& mark) { return mark.name == file.given; });
+  if (file.bytes > 0) run.files.marks.push_back({file.given, file.bytes, file.crc});
   return true;
 }
 

@@ -1,6 +1,7 @@
-// The averages of a series of sub-runs, as the report shows them.
+// The averages of a series of sub-runs.
 #pragma once
 
+#include "core/results.h"
 #include "kernel/array.h"
 
 namespace kdr {
@@ -9,8 +10,7 @@ namespace kdr {
 struct PooledCovariance {
   bool known = false;        // the rest is empty otherwise
   Array<double> covariance;  // g squared: within plus between
-  Array<double> variance;    // [g], its diagonal
-  Array<int> df;             // [g]
+  EffectTable effects;       // the fixed effects by it
 };
 
 struct PooledEffects {
@@ -22,6 +22,7 @@ struct PooledEffects {
 struct Pooled {
   int M = 0;  // sub-runs
   double sigma2 = 0.0;
+  bool sigma2fixed = false;      // it is held
   Array<double> taupi, taubeta;  // q squared, r squared
   // Standard errors of sigma2 and the taus. `zerovar` counts sub-runs whose variance of sigma2, or, where sigma2 is
   // held, the whole covariance of the taus, is exactly 0.0; with one of them, or without shape.fisher, no errors are
@@ -32,9 +33,8 @@ struct Pooled {
   Array<double> taucovariance;               // tauorder squared
   Array<double> taupierrors, taubetaerrors;  // full matrices; missingcode for a negative variance
   Array<double> reliability2, reliability3;  // [q], [r]
-  int units3 = 0;                            // mean usable level-3 units of the reliabilities, a fraction dropped
-  int testunits2 = 0, testunits3 = 0;        // the same of the chi-square tests
-  Array<double> chisq2, chisq3;              // [q], [r]
+  int units2 = 0, units3 = 0;                // mean usable units of the reliabilities, a fraction dropped
+  VarianceTests tests;                       // their units are means, too
   PooledEffects effects;
   PooledEffects popaverage;  // with shape.popaverage
 };

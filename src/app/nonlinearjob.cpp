@@ -1,0 +1,244 @@
+#include "app/nonlinearjob.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "app/enginelines.h"
+#include "app/seriesrun.h"
+#include "command/categories.h"
+#include "driver/failures.h"
+#include "driver/reportstream.h"
+#include "driver/runrecord.h"
+#include "estimate/linear/exploratory.h"
+#include "estimate/quasi/categoryloop.h"
+#include "estimate/quasi/macroloop.h"
+#include "kernel/sizes.h"
+#include "report/exploratorytables.h"
+#include "report/graphdata.h"
+#include "report/modelstatistics.h"
+#include "report/passtables.h"
+#include "report/residual/residualfiles.h"
+#include "report/resultsdocument.h"
+#include "report/startvaluesfile.h"
+#include "report/stream.h"
+#include "report/variancefiles.h"
+
+namespace kdr {
+
+namespace {
+
+bool wantsengine() { return run.control.laplace || run.control.agqpoints != 0; }
+
+bool categorical(const ChainPass& pass) { return pass.results.kind == PassKind::categories; }
+
+// The fixed effects of the phases for the graph data file, ngamma each, one behind the other; missingcode at the head
+// of one that has none.
+Array<double> graphgammas(const MacroState& state) {
+  const std::size_t g = at(run.model.coef.ngamma);
+  Array<double> gammas(3 * g);
+  std::size_t first = 0;
+  for (const Array<double>* gamma : {&state.unitspecificgamma, &state.laplacegamma, &state.quadraturegamma}) {
+    if (gamma->empty()) {
+      gammas[first] = missingcode;
+    } else {
+      std::copy(gamma->begin(), gamma->end(), gammas.data() + first);
+    }
+    first += g;
+  }
+  return gammas;
+}
+
+void residualfiles(const ChainPass& pass) {
+  if (wantresidualfiles()) writeresidualfiles(pass.pass, pass.state.working, pass.state.layout);
+}
+
+void graphfile(const ChainPass& pass) {
+  if (run.out.graph) writegraphdata(pass.pass, pass.state.working, pass.state.layout, graphgammas(pass.state));
+}
+
+void unitspecificfiles(const ChainPass& pass, const Estimates& est, const Array<double>& covariance) {
+  writetaufile(taufile, est, pass.results.errors, false);
+  writegammafile(unitspecificgammafile, est.gammahat, covariance);
+}
+
+void tellmacro(int macro) {
+  if (macro == 1) holdinterrupts();
+  if (macro > 1 && run.model.outcome.categorical()) cutreport();
+  std::printf("\n                         MACRO ITERATION %d\n\n", macro);
+  std::fflush(stdout);
+}
+
+// The end of the population-average pass: words for one that was stopped before it had converged. While sigma^2 is
+// held, its first iteration gives the fixed effects, and the limit cuts off nothing.
+void averageends(const PassResults& results) {
+  const bool unfinished = results.ending == Ending::limit && results.fixsigma2 == 0.0;
+  if (results.ending != Ending::keyboard && !unfinished) return;
+  notconverged("The iterations of the population average were stopped prior to convergence.\n");
+  endingwords(results);
+}
+
+// The population-average pass and the files that hang on it.
+void tellaverage(const ChainPass& pass) {
+  const PassResults& results = pass.results;
+  documentpass(results);
+  passtables(results);
+  averageends(results);
+  storesubrun(results);
+  if (run.out.printvc != VarianceFiles::none) {
+    if (run.control.popavit <= 1) writegammafile(robustpopulationgammafile, results.est.gammahat, results.robust);
+    writegammafile(populationgammafile, results.est.gammahat, results.covariance);
+  }
+  graphfile(pass);
+}
+
+void tellpass(const ChainPass& pass) {
+  if (pass.results.kind == PassKind::populationaverage) return tellaverage(pass);
+  documentpass(pass.results);
+  passtables(pass.results);
+  storesubrun(pass.results);  // the next pass of the phase takes its place
+  if (!run.files.startvals.empty()) writestartvalues(pass.pass.est);
+  if (pass.results.kind != PassKind::identity && haveexploratory(run.model)) exploratorytables(exploratory(pass.pass));
+}
+
+void tellmacroend(const MacroEvent& event) {
+  const PassResults& results = event.results;
+  if (results.kind != PassKind::identity) documentending(event.end == MacroEnd::converged);
+  switch (event.end) {
+    case MacroEnd::goeson:
+      if (results.kind == PassKind::identity) markreport();
+      return;
+    case MacroEnd::converged:
+      std::printf("The macro iterations have converged at iteration %d.\n", event.macro);
+      break;
+    case MacroEnd::keyboard:
+      notconverged("The macro iterations were stopped from the keyboard, prior to convergence.\n");
+      endingwords(results);
+      break;
+    case MacroEnd::limit:
+      notconverged("The macro iterations were stopped prior to convergence.\n");
+      reportwarning(
+          "WARNING: the macro iterations were stopped prior to convergence.\n"
+          "You may want to re-run the analysis with a higher number of macro iterations.");
+      break;
+  }
+  const std::string words = unsettledwords(results);
+  if (words.empty()) return;
+  notconverged(words + "\n");
+  documentwarning(words);
+  reportwarning(words);
+}
+
+void closephase(const ChainPass& pass) {
+  if (categorical(pass)) {
+    residualfiles(pass);
+    if (run.out.printvc != VarianceFiles::none) unitspecificfiles(pass, pass.results.est, pass.results.covariance);
+    graphfile(pass);
+    return;
+  }
+  for (const std::string& warning : pass.results.warnings) std::printf("%s\n", warning.c_str());
+  residualfiles(pass);
+  markreport();
+  if (wantsengine() && run.out.printvc != VarianceFiles::none)
+    unitspecificfiles(pass, pass.pass.est, pass.results.covariance);
+}
+
+void enginefiles(const ChainPass& pass) {
+  if (run.out.printvc == VarianceFiles::none) return;
+  const Estimates& est = pass.pass.est;
+  if (run.control.laplace) {
+    writegammafile(populationgammafile, est.gammahat, est.covariance());
+  } else {
+    unitspecificfiles(pass, est, wantsengine() ? est.covariance() : pass.results.covariance.copy());
+  }
+}
+
+// A name in the words of a report in HTML.
+void tellfailure(Failure failure) {
+  if (!failure) return;
+  std::string words;
+  for (std::size_t from = 0, end = 0; end != std::string::npos; from = end + 1) {
+    end = failure.reportwords.find('\n', from);
+    if (from > 0) words += '\n';
+    words += escaped(failure.reportwords.substr(from, end - from));
+  }
+  failure.reportwords = words;
+  tell(failure);
+}
+
+}  // namespace
+
+void observechain(Observer& observer) {
+  observer.macrobegins = tellmacro;
+  observer.passstands = tellpass;
+  observer.macrocreeps = [](int) {
+    std::printf("The macro iterations creep: from here on each searches for the maximum of its log-likelihood.\n");
+  };
+  observer.macroends = tellmacroend;
+  observer.macrolimitraised = [](int limit) { std::printf("Setting number of macro iterations to %d.\n\n", limit); };
+  observer.phasecloses = closephase;
+  observer.enginesover = enginefiles;
+  observer.engine = tellengine;
+  observer.enginestands = tellenginestage;
+}
+
+CategoryTable categoriesofrun(const Analysis& analysis) {
+  CategoryTable table;
+  tellfailure(readcategories(analysis, table));
+  run.model.categorylabel = categorylabels(table.value.data(), run.model.outcome.categories);
+  return table;
+}
+
+PassResults nonlinearjob(const Analysis& analysis, const CategoryTable& table) {
+  const bool categories = analysis.model.outcome.categorical();
+  ChainFit fit{analysis};
+  tellfailure(categories ? fitcategories(table, fit) : fitnonlinear(fit));
+  releaseinterrupts();
+  if (categories) std::printf("\n");
+  if (run.out.deviance && !wantsengine()) {
+    constexpr const char* words =
+        "DEVIANCE: has no effect: quasi-likelihood (PQL) is no likelihood of the data and has no deviance to compare.";
+    documentwarning(words);
+    sentences(words);
+  }
+  return std::move(fit.state.unitspecific);
+}
+
+void listnonlinearfiles() {
+  if (run.out.printvc == VarianceFiles::none) return;
+  const bool errors = run.control.fishertype != 0;
+  const std::vector<std::string>& made = run.files.made;  // without those of an engine that has failed
+  const bool laplace = std::find(made.begin(), made.end(), laplacetaufile) != made.end();
+  reportbreak();
+  report("%s, containing the taus ", taufile);
+  if (errors) {
+    report("and the variance-covariance matrix of the taus");
+    filelistbreak();
+  }
+  reportline("has been created.");
+  if (laplace) {
+    report("tauvcl6, containing the Laplace taus and the variance-covariance matrix of");
+    filelistbreak();
+    reportline("the taus has been created.");
+  }
+  report("%s, containing the unit-specific variance-covariance matrix of gamma", unitspecificgammafile);
+  filelistbreak();
+  report("has been created.\n");
+  reportbreak();
+  report("%s, containing the population average variance-covariance matrix of", populationgammafile);
+  filelistbreak();
+  reportline("gamma has been created.");
+  report("%s, containing the robust population average variance-covariance", robustpopulationgammafile);
+  filelistbreak();
+  reportline("matrix of gamma has been created.");
+  if (laplace) {
+    report("gamvcl6.dat, containing the Laplace variance-covariance matrix of gamma");
+    filelistbreak();
+    reportline("has been created.");
+  }
+  endfilelist();
+}
+
+}  // namespace kdr

@@ -1,0 +1,200 @@
+// Results of an estimation as values: of a pass or an engine, with all tests and counts that a report, a results
+// document or another client shows of them. Nothing else of a pass survives.
+//
+// Orders: p = ntaupi, b = ntaubeta, g = ngamma.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "core/constants.h"
+#include "core/estimates.h"
+#include "kernel/array.h"
+
+namespace kdr {
+
+// What model a pass fits.
+enum class PassKind {
+  linear,             // the pass of a linear run
+  identity,           // the first pass of a Bernoulli, binomial or Poisson run: a linear model of the raw outcome
+  pql,                // a linear model of the working outcome
+  categories,         // the same over the stacked categories of a multinomial or ordinal run
+  populationaverage,  // the last pass of a run whose identity pass was the first: the taus stand still
+  laplace6,           // no pass: maximum likelihood by Laplace-6
+  quadrature          // and by quadrature, after the last pql pass
+};
+
+// How the iterations of a stage ended.
+enum class Ending { converged, limit, keyboard };
+
+// Records and units of the analysis.
+struct UnitCounts {
+  int records = 0, units2 = 0, units3 = 0;
+  int filerecords = 0;  // level-1 records before run-time deletion
+};
+
+// Approximate degrees of freedom of the fixed effects. One entry for each that the constraints left, in order; the
+// arrays may be longer.
+struct FixedDegrees {
+  Array<int> df;
+  Array<char> rough;  // 1: the p-value is a rough approximation
+
+  [[nodiscard]] FixedDegrees copy() const { return {df.copy(), rough.copy()}; }
+};
+
+// A 95% interval, by the critical value of the t distribution to three decimals.
+struct Interval {
+  bool known = false;  // the bounds are not of use otherwise
+  double low = 0.0, high = 0.0;
+};
+
+// One fixed effect with its test. `tested` says whether there is a standard error with degrees of freedom to test with.
+struct EffectTest {
+  double coefficient = 0.0, se = 0.0, t = 0.0;  // se and t 0.0: there is no standard error
+  double p = 0.0;                               // 0.0 unless tested
+  int df = 0;
+  bool tested = false, rough = false;  // rough: p is an approximation
+  Interval interval;
+  double ratio = 0.0;  // odds or event-rate ratio, of use where the outcome has one
+  Interval ratiointerval;
+};
+
+// A chi-square test. Of an average of a series it is `df` times an F statistic whose denominator has df2 degrees of
+// freedom, and p is that of F.
+struct ChiSquareTest {
+  double statistic = 0.0;
+  int df = 0;
+  double df2 = 0.0;  // 0.0: there is no denominator, p is the tail of chi-square
+  double p = 1.0;
+};
+
+// The test of one hypothesis: r contrasts of n fixed effects.
+struct WaldTest {
+  int number = 0;  // from 0
+  int r = 0, n = 0;
+  Array<double> C;                  // r rows of n values
+  bool computed = false;            // the contrasts are independent; what follows is of no use otherwise
+  Array<double> estimates, errors;  // [r]
+  ChiSquareTest chisquare;
+};
+
+// How much of what could be known of an averaged fixed effect the missing values hide, and how efficient the average of
+// so many sub-runs is beside one of very many.
+struct MissingShare {
+  double fraction = 0.0;
+  double efficiency = 1.0;
+};
+
+// The fixed effects under one covariance.
+struct EffectTable {
+  std::vector<EffectTest> rows;      // [g]; none: the covariance is not known
+  bool toomanycontrasts = false;     // a hypothesis has more contrasts than there are fixed effects: none is tested
+  std::vector<WaldTest> hypotheses;  // one for each hypothesis of the model
+  std::vector<MissingShare> shares;  // of averages of several sub-runs: [g]
+};
+
+// Standard errors of the variance components.
+struct TauErrors {
+  bool asked = false;            // fishertype is not 0
+  bool known = false;            // the information could be inverted; the rest is empty otherwise
+  Array<double> taupi, taubeta;  // full matrices; 0.0 for a fixed element, missingcode for one not computable
+  double sigma2 = 0.0;
+  int order = 0;             // NT - 1, elements of taupi and taubeta
+  Array<double> covariance;  // order squared, of the elements of the taus
+  double sigma2variance = 0.0;
+  std::vector<bool> edgepi, edgebeta;  // of an engine, full matrices: at the edge of its range, so without an error
+  double stepleft = 0.0;  // the farthest that the next scoring step would move an element, in its standard errors
+};
+
+struct Reliabilities {
+  Array<double> level2, level3;  // [p], [b]; of no use when no unit entered
+  int units2 = 0, units3 = 0;    // units that entered
+};
+
+// The chi-square test of one variance.
+struct VarianceTest {
+  bool known = false;  // there are degrees of freedom; of the test nothing but the statistic is of use otherwise
+  ChiSquareTest chisquare;
+};
+
+// Chi-square tests of the variances on the diagonals.
+struct VarianceTests {
+  std::vector<VarianceTest> level2, level3;  // [p], [b]
+  int units2 = 0, units3 = 0;                // units that entered
+};
+
+// Fixed effects by ordinary least squares, before a linear run's iterations.
+struct LeastSquaresResults {
+  Array<double> gamma;   // [g]
+  Array<double> vgamma;  // g squared; its covariance is sigma2 times it
+  double sigma2 = 0.0;
+  Array<double> robust;         // g squared, covariance by the cluster sandwich; empty when it is not usable
+  bool fewunits = false;        // too few level-3 units for `robust` to be trusted
+  double loglik = missingcode;  // missingcode when the model leaves no residual
+  EffectTable effects, robusteffects;
+  int parameters = 0;
+};
+
+// What quadrature says of its number of points.
+struct QuadraturePoints {
+  int points = 0;            // for each effect; 0: not of quadrature
+  int next = 0;              // another number that was tried; 0: none
+  double change = 0.0;       // of the log-likelihood with that
+  double errorchange = 0.0;  // the largest relative change of a standard error
+  bool agrees = false;       // both are small
+};
+
+struct PassResults {
+  PassKind kind = PassKind::linear;
+  int macro = 0;               // macro iteration, from 1; 0 in a linear run
+  bool heterogeneous = false;  // of the stage with a taupi per level-3 unit
+
+  double fixsigma2 = 0.0;  // what sigma^2 was held at; 0.0: it was estimated
+  bool stopped = true;     // the iterations are over
+
+  int iteration = 0;  // the last one
+  Ending ending = Ending::converged;
+  double loglik = missingcode;
+  double marginal = missingcode;  // of an engine: the log-likelihood with all its constants
+  long long parameters = 0;       // that the model estimates
+
+  Estimates est;  // at the end
+  TauErrors errors;
+  Reliabilities reliabilities;
+  FixedDegrees degrees;       // of the fixed effects
+  Array<double> covariance;   // g squared: the covariance of gammahat, by design weights in a weighted run
+  Array<double> robust;       // g squared: the cluster sandwich; empty when it is not usable
+  bool fewunits = false;      // too few level-3 units for `robust` to be trusted
+  EffectTable effects;        // by `covariance`
+  EffectTable robusteffects;  // by `robust`
+  VarianceTests tests;
+  std::vector<std::string> warnings;  // whole sentences for the head of the results
+  std::vector<std::string> notes;     // the same, of what is no fault
+  QuadraturePoints quadrature;
+
+  // The taus were not estimated: their tables are those of an earlier pass.
+  [[nodiscard]] bool tausstand() const { return kind == PassKind::populationaverage; }
+};
+
+inline constexpr int fewexploratoryunits = 2;  // no more than this many units have no regression
+
+// One candidate's regression. A coefficient of missingcode cannot be computed and prints as NC.
+struct ExploratoryFit {
+  double coefficient = missingcode;
+  double error = 0.0;
+  [[nodiscard]] double t() const { return error == 0.0 ? 0.0 : coefficient / error; }
+};
+
+// The candidates of one random effect.
+struct ExploratoryBlock {
+  int row = 0;                 // among the random effects of its level
+  std::vector<int> variables;  // of the level, 0 the intercept
+  std::vector<ExploratoryFit> fits;
+};
+
+// Blocks of all random effects of a level; none at a level without candidates.
+struct ExploratoryAnalysis {
+  std::vector<ExploratoryBlock> level2, level3;
+};
+
+}  // namespace kdr

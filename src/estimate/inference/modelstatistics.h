@@ -1,0 +1,41 @@
+// Number of parameters of a model, and the comparison of its deviance with that of an alternative one.
+#pragma once
+
+#include <string>
+
+#include "core/model.h"
+#include "core/results.h"
+
+namespace kdr {
+
+// Parameters that the model estimates: fixed effects, the free elements of both taus (all but those that DIAGONALIZE...
+// or ESTTAU... hold, and one for each group of CONTAU...), sigma^2 unless it is held. `taupis`: matrices taupi, one, or
+// one for every level-3 unit.
+[[nodiscard]] long long parametercount(const Model& model, long long taupis);
+
+// An alternative model, fitted elsewhere to the same records.
+struct Alternative {
+  double deviance = 0.0;
+  int parameters = 0;
+};
+
+// The likelihood-ratio test against an alternative model: what the larger one gains. `impossible` says in a sentence
+// why there is none: as many parameters in both, or a larger model that fits worse, whose statistic is below 0.
+struct DevianceComparison {
+  ChiSquareTest chisquare;
+  std::string impossible;
+  // The numbers of parameters are those of one more random effect at a level: a variance that is 0 in the smaller
+  // model, with its covariances. Its statistic is then a mixture, half and half, of chi-squares with df - 1 and df
+  // degrees of freedom (Self and Liang, 1987), which p overstates.
+  bool mixture = false;
+  double mixturep = 1.0;
+};
+[[nodiscard]] DevianceComparison comparisonof(double deviance, long long parameters, const Alternative& alternative,
+                                              const Model& model);
+
+// Fills what follows from the estimates, covariances and the kind of a pass or an engine: degrees of freedom unless
+// they stand already, tests of the fixed effects, number of parameters. Failure 3.
+void complete(PassResults& results, const Model& model, const UnitCounts& counts);
+void complete(LeastSquaresResults& results, const UnitCounts& counts);
+
+}  // namespace kdr
