@@ -83,6 +83,8 @@ void tellengine(Engine engine, const EngineEvent& event) {
           "The Laplace6 likelihood is not defined at these values: the step is that of the first-order Laplace\n");
     case Kind::limit:
       return say("The Laplace6 iterations were stopped at their limit, before the estimates had settled\n");
+    case Kind::checked:
+      return say(formatted("The number of points is checked with %d\n", event.number).c_str());
     case Kind::marginal:
       return say(formatted("The marginal log-likelihood = %E\n", event.loglik).c_str());
     case Kind::problem:
@@ -144,14 +146,23 @@ void telllaplace(const EngineStage& stage) {
 
 void tellquadrature(const EngineStage& stage) {
   const PassResults& results = stage.results;
-  const bool estimated = stage.fit.end == EngineEnd::estimated;
+  const bool estimated = stage.fit.end == EngineEnd::estimated, moving = !run.control.agqfixed;
+  if (moving) {
+    for (const std::string& warning : stage.fit.warnings) std::printf("%s\n", warning.c_str());
+    if (estimated)
+      std::printf("%s\nThe marginal log-likelihood = %E\n", pointsline(results.quadrature).c_str(), results.marginal);
+  }
   tellunconverged("quadrature", stage);
   if (estimated) {
     documentpass(results);
     quadraturetables(results);
   } else {
     if (stage.fit.failure == EngineFailure::nodes) reportbreak();
-    tellwarning(quadratureproblem(stage.fit.failure));
+    if (stage.fit.failure == EngineFailure::none) {
+      reportline("Quadrature has no results.");
+    } else {
+      tellwarning(quadratureproblem(stage.fit.failure));
+    }
     for (const std::string& warning : stage.fit.warnings) tellwarning(warning);
   }
   for (const std::string& warning : stage.behind) {
@@ -164,6 +175,11 @@ void tellquadrature(const EngineStage& stage) {
     tellboth("The run goes on with the estimates that quadrature started from.");
     markreport();
     return;
+  }
+  // Points that fail their check are no end that was asked for.
+  if (moving && results.ending == Ending::converged && !results.warnings.empty()) {
+    notconverged("");
+    documentending(false);
   }
   if (estimated) {
     modelstatistics(results);

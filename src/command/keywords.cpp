@@ -1,4 +1,7 @@
 // The table of keywords.
+#include <strings.h>
+
+#include <algorithm>
 #include <cstdio>
 #include <optional>
 #include <string>
@@ -136,12 +139,19 @@ void readagq(CommandReader&, const std::string& value) {
   if (fields.size() < 3 || fields[1].empty() || fields[2].empty())
     stopwith("\nMaximum number of iterations and quadrature points must be specified.\n");
   const std::optional<int> iterations = wholeof(fields[1]), points = wholeof(fields[2]);
-  if (fields.size() > 3 || !iterations || *iterations < 0 || !points)
-    refusevalue("AGQ", "Y, a number of iterations and a number of points with commas between them", value);
-  run.control.agqit = *iterations;
-  run.control.agqpoints = *points;
-  // From 3 points on the nodes are found.
-  if (run.control.agqpoints < 3) stopwith("\nToo many iterations in gauher!\n");
+  run.control.agqauto = strcasecmp(fields[2].c_str(), "AUTO") == 0;
+  if (fields.size() > 3 || !iterations || *iterations < 0 || !(points || run.control.agqauto))
+    refusevalue("AGQ", "Y, a number of iterations and a number of points (or AUTO) with commas between them", value);
+  run.control.agqit = std::max(*iterations, 1);
+  run.control.agqpoints = run.control.agqauto ? 1 : *points;
+  constexpr int mostpoints = 198;  // beyond, some nodes would share a place
+  if (run.control.agqpoints < 1 || run.control.agqpoints == 2 || run.control.agqpoints > mostpoints)
+    stopwith("\nThe number of quadrature points must be 1, 3 to 198, or AUTO!\n");
+}
+
+void readagqnodes(CommandReader&, const std::string& value) {
+  run.control.agqfixed = sameword(value, "FIXED");
+  if (!run.control.agqfixed && !sameword(value, "MOVING")) refusevalue("AGQNODES", "FIXED or MOVING", value);
 }
 
 void readagqderivlevel(CommandReader&, const std::string& value) {
@@ -256,6 +266,7 @@ constexpr Keyword keywords[] = {
     {"LAPLACE:", 0, readlaplace},
     {"AGQ:", 0, readagq},
     {"AGQDERIVLEVEL:", 0, readagqderivlevel},
+    {"AGQNODES:", 0, readagqnodes},
     {"PLAUSVALS:", 0, readplausvals},
     {"LVR-BETA:", 0, readlvr},
     {"HETIT:", 0, readhetit},

@@ -56,6 +56,8 @@ void settleengines() {
       oddcommand(" The program cannot do adaptive quadrature for multinomial/ordinal runs yet.\n");
       iter.agqpoints = 0;
     } else {
+      if (iter.agqfixed && (iter.agqauto || iter.agqpoints < 3))
+        stopwith("With AGQNODES:FIXED the number of quadrature points must be 3 to 198!\n");
       holdsigma2("adaptive quadrature");
     }
   }

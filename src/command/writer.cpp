@@ -75,7 +75,8 @@ void writenonlineariterations(std::FILE* out) {
   }
   if (kind.outcome.family == Family::bernoulli)
     std::fprintf(out, "LAPLACE:%s,%d\n", iter.laplace ? "y" : "n", iter.laplaceit);
-  if (iter.agqpoints != 0) std::fprintf(out, "agq:y,%d,%d\n", iter.agqit, iter.agqpoints);
+  if (iter.agqpoints != 0)
+    std::fprintf(out, "agq:y,%d,%s\n", iter.agqit, iter.agqauto ? "AUTO" : std::to_string(iter.agqpoints).c_str());
   if (iter.taylor != Taylor::none) std::fprintf(out, "TAYLOR:%d\n", static_cast<int>(iter.taylor));
 }
 
@@ -283,6 +284,7 @@ void writecommands(std::FILE* out, bool nextpass) {
   } else {
     writenonlineariterations(out);
   }
+  if (run.control.agqfixed) std::fprintf(out, "AGQNODES:FIXED\n");
   if (run.control.agqderivlevel != 2) std::fprintf(out, "AGQDERIVLEVEL:%d\n", run.control.agqderivlevel);
   if (run.control.popavit > 1) std::fprintf(out, "POPAVIT:%d\n", run.control.popavit);
   if (run.control.hetit != 0 && nextpass) std::fprintf(out, "HETIT:%d\n", run.control.hetit);

@@ -102,6 +102,7 @@ struct TauErrors {
   int order = 0;             // NT - 1, elements of taupi and taubeta
   Array<double> covariance;  // order squared, of the elements of the taus
   double sigma2variance = 0.0;
+  std::vector<bool> edgepi, edgebeta;  // of an engine, full matrices: at the edge of its range, so without an error
   double stepleft = 0.0;  // the farthest that the next scoring step would move an element, in its standard errors
 };
 
@@ -134,6 +135,15 @@ struct LeastSquaresResults {
   int parameters = 0;
 };
 
+// What quadrature says of its number of points.
+struct QuadraturePoints {
+  int points = 0;            // for each effect; 0: not of quadrature
+  int next = 0;              // another number that was tried; 0: none
+  double change = 0.0;       // of the log-likelihood with that
+  double errorchange = 0.0;  // the largest relative change of a standard error
+  bool agrees = false;       // both are small
+};
+
 struct PassResults {
   PassKind kind = PassKind::linear;
   int macro = 0;               // macro iteration, from 1; 0 in a linear run
@@ -159,6 +169,8 @@ struct PassResults {
   EffectTable robusteffects;  // by `robust`
   VarianceTests tests;
   std::vector<std::string> warnings;  // whole sentences for the head of the results
+  std::vector<std::string> notes;     // the same, of what is no fault
+  QuadraturePoints quadrature;
 
   // The taus were not estimated: their tables are those of an earlier pass.
   [[nodiscard]] bool tausstand() const { return kind == PassKind::populationaverage; }

@@ -1,5 +1,9 @@
 #include "report/enginetables.h"
 
+#include <algorithm>
+#include <cmath>
+
+#include "core/formatted.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
 #include "report/matrixtables.h"
@@ -32,6 +36,9 @@ void taublocks(Tau which, const PassResults& results) {
   tautable(which, MatrixTitle::plain, false, n, tau);
   if (!errors.empty()) {
     tautable(which, MatrixTitle::standarderror, false, n, errors.data());
+    const std::vector<bool>& edge = pi ? results.errors.edgepi : results.errors.edgebeta;
+    if (std::find(edge.begin(), edge.end(), true) != edge.end())
+      reportline("NC: at the edge, a variance of 0 or a covariance with it. It has no standard error.");
   } else {
     reportline("The standard errors of Tau(%s) cannot be computed.  This is", pi ? "pi" : "beta");
     reportline("probably due to one or more of the random effects having a zero variance.");
@@ -62,11 +69,22 @@ void laplacefailed() {
   reportbreak();
 }
 
+std::string pointsline(const QuadraturePoints& made) {
+  if (made.points == 1) return "One point: the first-order Laplace approximation.";
+  std::string words = formatted("%d points for each effect", made.points);
+  if (made.agrees)
+    words += formatted("; with %d the log-likelihood differs by %.4f, a standard error by %.2f%% at most", made.next,
+                       std::fabs(made.change), 100.0 * made.errorchange);
+  return words + ".";
+}
+
 void quadraturetables(const PassResults& results) {
   report2("\fRESULTS FOR UNIT-SPECIFIC MODEL, ADAPTIVE GAUSSIAN QUADRATURE\n    Iteration %d\n\n",
           "<h2>Results For Unit-Specific Model, Adaptive Gaussian Quadrature<br><smaller>iteration %d</smaller></h2>",
           results.iteration);
   for (const std::string& warning : results.warnings) reportline("%s", warning.c_str());
+  if (results.quadrature.points != 0) reportline("%s", pointsline(results.quadrature).c_str());
+  for (const std::string& note : results.notes) reportline("%s", note.c_str());
   for (const Tau which : {Tau::pi, Tau::beta}) taublocks(which, results);
   fixedeffectstables(results, TableKind::quadrature);
 }

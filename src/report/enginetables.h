@@ -16,5 +16,7 @@ void laplacefailed();
 // Writes the results of quadrature: heading, warnings, each tau with its standard errors and correlations, the fixed
 // effects with their ratios and hypothesis tests.
 void quadraturetables(const PassResults& results);
+// What the head of those tables, and the console, say of the number of points.
+[[nodiscard]] std::string pointsline(const QuadraturePoints& made);
 
 }  // namespace kdr

@@ -305,15 +305,16 @@ Json variancetests(const Array<double>& tau, std::span<const VarianceTest> tests
 // Likelihood.
 
 // Deviance and criteria; nulls where the likelihood is that of no model of the outcome.
-void addlikelihood(Json& phase, double loglik, bool comparable, long long parameters) {
-  const double deviance = -2.0 * loglik;
+// The criteria are made of the marginal log-likelihood where there is one.
+void addlikelihood(Json& phase, double loglik, bool comparable, long long parameters, double marginal = missingcode) {
+  const double deviance = -2.0 * loglik, criterion = marginal == missingcode ? deviance : -2.0 * marginal;
   const bool has = comparable && loglik != missingcode && std::isfinite(deviance);
   const auto count = static_cast<double>(parameters);
   phase["log_likelihood"] = number(loglik);
   phase["deviance"] = whenever(has, deviance);
   phase["parameters"] = parameters;
-  phase["aic"] = whenever(has, deviance + 2.0 * count);
-  phase["bic"] = whenever(has, deviance + count * std::log(static_cast<double>(run.mdm.nunits1)));
+  phase["aic"] = whenever(has, criterion + 2.0 * count);
+  phase["bic"] = whenever(has, criterion + count * std::log(static_cast<double>(run.mdm.nunits1)));
   phase["bic_sample_size"] = whenever(has, run.mdm.nunits1);
   Json comparison;
   if (has && run.out.deviance) {
@@ -384,6 +385,29 @@ Json warningsof(const PassResults& results) {
   return warnings;
 }
 
+// Which elements of a tau have no standard error because they are at the edge of their range.
+Json edges(int n, const std::vector<bool>& edge) {
+  if (edge.empty()) return {};
+  Json rows = Json::array();
+  for (int i = 0; i < n; ++i) {
+    Json row = Json::array();
+    for (int j = 0; j < n; ++j) row.push_back(static_cast<bool>(edge[at(i) * at(n) + at(j)]));
+    rows.push_back(std::move(row));
+  }
+  return rows;
+}
+
+void addpoints(Json& phase, const PassResults& results) {
+  const QuadraturePoints& made = results.quadrature;
+  phase["points"] = made.points;
+  phase["check"] = made.next == 0 ? Json()
+                                  : Json{{"points", made.next},
+                                         {"log_likelihood_change", number(made.change)},
+                                         {"largest_standard_error_change", number(made.errorchange)}};
+  phase["tau_pi"]["at_edge"] = edges(run.model.coef.ntaupi, results.errors.edgepi);
+  phase["tau_beta"]["at_edge"] = edges(run.model.coef.ntaubeta, results.errors.edgebeta);
+}
+
 void addvariances(Json& phase, const PassResults& results) {
   const bool stand = results.tausstand(), errors = results.errors.known;
   const Estimates& est = results.est;
@@ -440,13 +464,16 @@ Json phaseof(const PassResults& results) {
   Json phase = emptyphase(phasename(results), endingname(results.ending), results.ending == Ending::converged);
   phase["macro_iteration"] = whenever(results.macro != 0, results.macro);
   phase["iterations"] = results.iteration;
-  addlikelihood(phase, results.loglik, results.kind == PassKind::linear || isengine(results), results.parameters);
+  addlikelihood(phase, results.loglik, results.kind == PassKind::linear || isengine(results), results.parameters,
+                results.marginal);
   phase["marginal_log_likelihood"] = number(results.marginal);
   addvariances(phase, results);
   if (!results.heterogeneous && results.kind == PassKind::linear)
     phase["intraclass_correlation"] = intraclass(results.est.sigma2, results.est.taupi, results.est.taubeta);
   addeffects(phase, results.est.gammahat, results.effects, results.robusteffects, results.kind != PassKind::identity);
   phase["warnings"] = warningsof(results);
+  for (const std::string& note : results.notes) phase["warnings"].push_back(note);
+  if (results.kind == PassKind::quadrature) addpoints(phase, results);
   return phase;
 }
 

@@ -31,6 +31,8 @@ void runheading() {
   report2("\n\n\n", "</h2>");
 }
 
+bool onepoint() { return run.control.agqpoints == 1 && !run.control.agqauto; }
+
 void estimationmethod() {
   const bool likelihood = run.control.laplace || run.control.agqpoints != 0;
   report("  Method of estimation: full");
@@ -41,7 +43,8 @@ void estimationmethod() {
   } else {
     report(" maximum likelihood");
     if (run.control.laplace) report(" via EM-Laplace 2");
-    if (run.control.agqpoints != 0) report(" via adaptive Gaussian quadrature");
+    if (onepoint()) report(" via first-order Laplace");
+    if (run.control.agqpoints != 0 && !onepoint()) report(" via adaptive Gaussian quadrature");
   }
   reportbreak();
 }
@@ -63,8 +66,11 @@ void nonlinearfacts() {
   if (run.model.outcome.linear()) return;
   report("  Maximum number of macro iterations = %d\n", run.control.macroit);
   reportbreak();
-  if (run.control.agqpoints != 0)
+  if (run.control.agqauto) {
+    reportline("  Number of adaptive Gaussian quadrature points: as many as the data need");
+  } else if (run.control.agqpoints != 0) {
     reportline("  Number of adaptive Gaussian quadrature points = %d", run.control.agqpoints);
+  }
   if (run.control.popavit > 1)
     reportline("  Maximum number of population average iterations = %d", run.control.popavit);
   reportbreak();

@@ -7,6 +7,8 @@ using namespace kdr;
 
 namespace {
 
+constexpr const char* agqpoints = "\nThe number of quadrature points must be 1, 3 to 198, or AUTO!\n";
+
 struct Case {
   std::string text;
   int code;
@@ -219,7 +221,13 @@ std::vector<Case> cases() {
        " The stopval directive should not be used when specifying a non-linear model.\n"
        " Use the stopmicro and stopmacro keywords.\n"},
       {"NUMIT:5\nAGQ:Y,20,7\n", 100, "Adaptive quadrature may only be done on non-linear analyses.\n"},
-      {bernoulli + "AGQ:Y,20,2\n", 100, "\nToo many iterations in gauher!\n"},
+      {bernoulli + "AGQ:Y,20,2\n", 100, agqpoints},
+      {bernoulli + "AGQ:Y,20,199\n", 100, agqpoints},
+      {bernoulli + "AGQ:Y,20,many\n", 100,
+       "AGQ: wants Y, a number of iterations and a number of points (or AUTO) with commas between them, not Y,20,many\n"},
+      {bernoulli + "AGQ:Y,20,1\nAGQNODES:FIXED\n", 100,
+       "With AGQNODES:FIXED the number of quadrature points must be 3 to 198!\n"},
+      {bernoulli + "AGQNODES:Y\n", 100, "AGQNODES: wants FIXED or MOVING, not Y\n"},
       {bernoulli + "LAPLACE:Y,many\n", 100,
        "LAPLACE: wants N, or Y and behind a comma a whole number of iterations of 0 or more, not Y,many\n"},
       {bernoulli + "LAPLACE:Y,-1\n", 100,

@@ -95,7 +95,7 @@ std::string recordtext() {
   out << i.numit << ' ' << static_cast<int>(i.numitcontinue) << ' ' << i.macroit << ' ' << i.stopval << ' '
       << i.stopmacro << ' ' << i.accel << ' ' << i.fishertype << ' ' << run.model.restrictions.fixsigma2.value_or(0.0)
       << ' ' << static_cast<int>(i.fixtau2) << ' ' << static_cast<int>(i.fixtau3) << ' ' << i.laplace << ' '
-      << i.laplaceit << ' ' << i.agqpoints << ' ' << i.agqit << ' ' << i.agqderivlevel << ' ' << i.popavit << ' '
+      << i.laplaceit << ' ' << i.agqpoints << i.agqauto << i.agqfixed << ' ' << i.agqit << ' ' << i.agqderivlevel << ' ' << i.popavit << ' '
       << static_cast<int>(i.taylor) << ' ' << i.debug << '\n';
   const OutputControl& o = run.out;
   if (o.lvr) put(out, "lvr", o.lvrroles);
@@ -243,7 +243,7 @@ struct Author {
     if (maybe()) out << (linear ? "STOPVAL:" : "STOPMICRO:") << pick({"1e-12", "0.25", "1e-7", "3e-5"}) << "\n";
     if (!linear && maybe()) out << "STOPMACRO:" << pick({"1e-12", "0.001"}) << "\n";
     if (kind == 1 && maybe()) out << "LAPLACE:Y,30\n";
-    if (kind != 0 && kind < 4 && maybe()) out << "AGQ:Y,20,7\n";
+    if (kind != 0 && kind < 4 && maybe()) out << (maybe() ? "AGQ:Y,20,7\nAGQNODES:FIXED\n" : "AGQ:Y,20,AUTO\n");
     if (kind != 0 && kind < 4 && maybe()) out << "AGQDERIVLEVEL:1\n";
     if (kind != 0 && kind < 4 && maybe()) out << "POPAVIT:" << pick({"N", "Y", "5"}) << "\n";
     if (!linear && maybe()) out << "TAYLOR:4\n";

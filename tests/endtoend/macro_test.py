@@ -2,6 +2,7 @@
 
     macro_test.py <program>
 """
+import json
 import math
 import random
 import re
@@ -317,7 +318,8 @@ def engines():
     for options, phase, words in (
             ("LAPLACE:Y,30\n", "laplace", "Fisher scoring is unable to compute a maximum likehihood estimate within\n"
              "the parameter space.  Unable to produce Laplace results.\n\n"),
-            ("AGQ:Y,30,1001\n", "quadrature", "There are too many random effects for AGQ!\n"
+            ("AGQ:Y,30,101\n", "quadrature", "Quadrature has no results.\n"
+             "WARNING: 101 quadrature points for 3 effects are more than this program integrates with.\n"
              "The run goes on with the estimates that quadrature started from.\n")):
         said, text, sections = run(options, slope)
         check(words in text and phase not in sections, f"{phase} fails: words")
@@ -330,6 +332,25 @@ def engines():
         check("vcl6" not in text, f"{phase} fails: list of files")
 
 
+def points():
+    """What quadrature says of its points: on the console, in the report, the results document and the exit code."""
+    study()
+    for asked, made, other, code in (("1", 1, None, 0), ("AUTO", 7, 5, 0), ("11", 11, 15, 0), ("3", 3, 5, 20)):
+        work.write("m.kdr", MODEL.format(kind="BERNOULLI", macroit="60,N", more=f"AGQ:Y,30,{asked}\n", form="txt",
+                                         equations=EQUATIONS.format(y="Y", cuts="")))
+        done = work.run("m.mdm", "m.kdr", "-strict", "-results", "r.json")
+        document = json.loads(work.read("r.json"))
+        phase = [p for p in document["phases"] if p["phase"] == "quadrature"][0]
+        check(done.returncode == code and phase["points"] == made and (phase["check"] or {}).get("points") == other,
+              f"{asked} points: code {done.returncode}, {phase['points']}, {phase['check']}")
+        check((document["converged"], phase["converged"], len(phase["warnings"])) == ((code == 0,) * 2 + (int(code > 0),)),
+              f"{asked} points: {document['converged']}, {phase['warnings']}")
+        for words in phase["warnings"] or [f"{made} point" if made > 1 else "One point: the first-order Laplace"]:
+            check(words in work.read("out.txt") and words in done.stdout, f"{asked} points: {words}")
+        again = work.read("newcmd.kdr")
+        check(f"agq:y,30,{asked}\n" in again, f"{asked} points: newcmd.kdr")
+
+
 failures()
 astray()
 heavy()
@@ -338,4 +359,5 @@ limits()
 dialogue()
 graph()
 engines()
+points()
 check.finish()

@@ -45,7 +45,7 @@ everything |= {
     # Equations of each category, design weights; every section of a Bernoulli run. The engines follow few macro iterations,
     # so that the report is made fast.
     "multinomial": work.edited("multinomial.kdr", "M3W.kdr", STOPMACRO="0.01"),
-    "engines": work.edited("engines.kdr", "BERNI.kdr", STOPMACRO="0.01", LAPLACE="Y,3", AGQ="Y,3,5", FULLOUTPUT="Y",
+    "engines": work.edited("engines.kdr", "BERNI.kdr", STOPMACRO="0.01", LAPLACE="Y,3", AGQ="Y,3,5", AGQNODES="FIXED", FULLOUTPUT="Y",
                            **{"PRINTVARIANCE-COVARIANCE": "Y"}),
 }
 mdm = {"deaths": "melanoma.mdm", "multinomial": "nonlin.mdm", "engines": "nonlin.mdm"}

@@ -53,6 +53,7 @@ struct EngineEvent {
     undefined,  // the likelihood has no sixth-order term here: the step is that of the first-order Laplace
     problem,    // an evaluation has failed, not necessarily the engine; `number` sweeps for `unsettled`
     limit,      // the iterations ended at their limit
+    checked,    // quadrature tries its results with `number` points
     marginal,   // the marginal log-likelihood at the end: `loglik`
   };
   Kind kind = Kind::begun;

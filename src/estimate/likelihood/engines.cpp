@@ -1,6 +1,7 @@
 #include "estimate/likelihood/engines.h"
 
 #include <algorithm>
+#include <cmath>
 #include <utility>
 
 #include "estimate/inference/modelstatistics.h"
@@ -8,6 +9,7 @@
 #include "estimate/likelihood/recordbatches.h"
 #include "estimate/likelihood/unconditional.h"
 #include "estimate/linear/iteration.h"
+#include "estimate/quadrature/movingquadrature.h"
 #include "estimate/quadrature/quadrature.h"
 #include "kernel/matrix.h"
 #include "kernel/products.h"
@@ -155,11 +157,11 @@ bool shorterrors(const EngineResult& fit, const PassResults& before, int g) {
   return false;
 }
 
-Failure quadrature(Pass& pass, MacroState& state, const PassResults& before, bool stopped) {
+Failure quadrature(Pass& pass, MacroState& state, const PassResults& before) {
   RecordBatches batches;
   const EngineData data = enginedata(pass, recordbatches(batches, pass, state));
   QuadratureSettings settings;
-  settings.engine = enginesettings(pass, Engine::quadrature, stopped ? 0 : pass.control().agqit);
+  settings.engine = enginesettings(pass, Engine::quadrature, pass.control().agqit);
   settings.points = pass.control().agqpoints;
   settings.derivlevel = pass.control().agqderivlevel;
   settings.diagonalpi = pass.model().restrictions.diagtaupi;
@@ -182,13 +184,99 @@ Failure quadrature(Pass& pass, MacroState& state, const PassResults& before, boo
   return {};
 }
 
+// The symmetric matrix of n(n+1)/2 elements.
+template <class Matrix, class Element>
+Matrix symmetric(int n, Element element) {
+  Matrix matrix(square(n));
+  eachelement(
+      n, [&](int e, int i, int j) { matrix[at(i) * at(n) + at(j)] = matrix[at(j) * at(n) + at(i)] = element(at(e)); });
+  return matrix;
+}
+
+EngineResult engineresult(const MovingResult& moving) {
+  EngineResult fit;
+  fit.warnings = moving.warnings;
+  fit.stopped = moving.end == MovingEnd::stopped;
+  if (!moving.usable) return fit;
+  fit.end = EngineEnd::estimated;
+  fit.estimates = moving.parameters.copy();
+  fit.iteration = moving.iterations;
+  fit.converged = moving.end == MovingEnd::converged;
+  fit.marginal = moving.loglikelihood;
+  // The printed likelihood is without binomial coefficients, and lower by a constant.
+  fit.loglik = moving.loglikelihood - moving.combinations - 0.5 * moving.records * std::log(2.0 * M_PI);
+  fit.covariance = moving.covariance.copy();
+  takecovariance(fit);
+  // What is at its edge is not incomplete.
+  const std::size_t P2 = fit.estimates.ntaupi();
+  const auto mark = [&](int n, std::size_t first, Array<double>& errors) {
+    eachelement(n, [&](int e, int i, int j) {
+      if (moving.edge[first + at(e)]) errors[at(i) * at(n) + at(j)] = errors[at(j) * at(n) + at(i)] = missingcode;
+    });
+  };
+  mark(fit.estimates.q, 0, fit.setaupi);
+  mark(fit.estimates.r, P2, fit.setaubeta);
+  fit.completepi = fit.completebeta = true;
+  return fit;
+}
+
+// Quadrature whose nodes go with the data, or first-order Laplace.
+Failure movingnodes(Pass& pass, MacroState& state, const PassResults& before) {
+  RecordBatches batches;
+  RecordSource source = recordbatches(batches, pass, state);
+  const Observer& observer = pass.observer();
+  MovingSettings settings;
+  settings.outcome = pass.model().outcome.family;
+  settings.points = pass.control().agqauto ? 0 : pass.control().agqpoints;
+  settings.iterations = pass.control().agqit;
+  settings.outerproducts = pass.control().agqderivlevel == 1;
+  settings.diagonalpi = pass.model().restrictions.diagtaupi;
+  settings.diagonalbeta = pass.model().restrictions.diagtaubeta;
+  settings.threads = pass.analysis->threads;
+  const auto tellevent = [&observer](const EngineEvent& event) {
+    tellobserver(observer.engine, Engine::quadrature, event);
+  };
+  QuadratureObserver watch;
+  watch.iteration = [&](int number, double marginal) {
+    tellevent({EngineEvent::Kind::iteration, number, marginal, EngineFailure::none});
+  };
+  watch.checks = [&](int points) { tellevent({EngineEvent::Kind::checked, points, 0.0, EngineFailure::none}); };
+  watch.stop = [&] { return observer.stops(); };
+  tellevent({EngineEvent::Kind::begun, 0, 0.0, EngineFailure::none});
+  const MovingResult moving =
+      movingquadrature(settings, pass.npi, pass.nbeta, pass.design, source, currentparameters(pass), watch);
+  if (batches.failure) return std::move(batches.failure);
+  const EngineResult fit = engineresult(moving);
+  if (!moving.usable) {
+    const PassResults none;
+    tellobserver(observer.enginestands, EngineStage{Engine::quadrature, fit, none, false, false, {}});
+    return {};
+  }
+  PassResults results = resultsof(pass, PassKind::quadrature, fit, before);
+  if (moving.end == MovingEnd::stopped) results.ending = Ending::keyboard;
+  results.notes = moving.notes;
+  results.quadrature = {moving.points, moving.check.made ? moving.check.next : 0, moving.check.change,
+                        moving.check.errorchange, moving.check.agrees};
+  const auto edges = [&](int n, std::size_t first) {
+    return symmetric<std::vector<bool>>(n, [&](std::size_t e) -> bool { return moving.edge[first + e]; });
+  };
+  results.errors.edgepi = edges(fit.estimates.q, 0);
+  results.errors.edgebeta = edges(fit.estimates.r, fit.estimates.ntaupi());
+  takeestimates(pass, results);
+  state.quadraturegamma = pass.est.gammahat.copy();
+  tellobserver(observer.enginestands, EngineStage{Engine::quadrature, fit, results, false, true, {}});
+  state.quadrature = std::move(results);
+  return {};
+}
+
 }  // namespace
 
 Failure maximumlikelihood(Pass& pass, MacroState& state, const PassResults& before) {
   bool stopped = before.ending == Ending::keyboard;
   if (pass.control().laplace)
     if (Failure failure = laplace(pass, state, before, stopped)) return failure;
-  return pass.control().agqpoints != 0 ? quadrature(pass, state, before, stopped) : Failure{};
+  if (pass.control().agqpoints == 0 || stopped) return {};
+  return (pass.control().agqfixed ? quadrature : movingnodes)(pass, state, before);
 }
 
 }  // namespace kdr

@@ -13,21 +13,21 @@
 
 namespace kdr {
 
-// Calls each(place, worker) for every unit of the batch, worker from 0 to threads - 1; as many threads as there are
-// units at the most.
+// Calls each(place, worker) for every place below `count`, worker from 0 to threads - 1; as many threads as there are
+// places at the most.
 template <class Each>
-void overbatch(const std::vector<Level3Records>& batch, int threads, Each each) {
+void overplaces(std::size_t count, int threads, Each each) {
   std::atomic<std::size_t> next{0};
   std::atomic<bool> exhausted{false};
   const auto work = [&](int worker) {
     try {
-      for (std::size_t i = next++; i < batch.size(); i = next++) each(i, worker);
+      for (std::size_t i = next++; i < count; i = next++) each(i, worker);
     } catch (const std::bad_alloc&) {  // goes on in the thread that called, once the others have ended
       exhausted = true;
-      next = batch.size();
+      next = count;
     }
   };
-  const int workers = static_cast<int>(std::min(batch.size(), static_cast<std::size_t>(std::max(threads, 1))));
+  const int workers = static_cast<int>(std::min(count, static_cast<std::size_t>(std::max(threads, 1))));
   std::vector<std::thread> others;
   try {
     for (int worker = 1; worker < workers; ++worker) others.emplace_back(work, worker);
@@ -37,10 +37,15 @@ void overbatch(const std::vector<Level3Records>& batch, int threads, Each each) 
   for (std::thread& other : others) other.join();
   if (exhausted) throw std::bad_alloc();
 }
-
-// Calls each(unit, worker) for every level-3 unit of the source. False when the source has ended before its last unit.
 template <class Each>
-[[nodiscard]] bool overunits(const RecordSource& source, int threads, Each each) {
+void overbatch(const std::vector<Level3Records>& batch, int threads, Each each) {
+  overplaces(batch.size(), threads, each);
+}
+
+// Calls, for one batch of the source after the other, before(batch), each(batch, place, worker) for every unit of it,
+// and after(batch), which may end the walk by false. False when the source has ended before its last unit.
+template <class Before, class Each, class After>
+[[nodiscard]] bool overbatches(const RecordSource& source, int threads, Before before, Each each, After after) {
   constexpr std::size_t worthathread = 2000;  // records
   std::vector<Level3Records> batch;
   source.rewind(source.state);
@@ -49,10 +54,21 @@ template <class Each>
     if (batch.empty()) return !brokensource(source);
     std::size_t records = 0;
     for (const Level3Records& unit : batch) records += unit.y.size();
+    before(batch);
     overbatch(batch,
               static_cast<int>(std::min(1 + records / worthathread, static_cast<std::size_t>(std::max(threads, 1)))),
-              [&](std::size_t place, int worker) { each(batch[place], worker); });
+              [&](std::size_t place, int worker) { each(batch, place, worker); });
+    if (!after(batch)) return true;
   }
+}
+
+// Calls each(unit, worker) for every level-3 unit of the source. False when the source has ended before its last unit.
+template <class Each>
+[[nodiscard]] bool overunits(const RecordSource& source, int threads, Each each) {
+  return overbatches(
+      source, threads, [](const auto&) {},
+      [&](const std::vector<Level3Records>& batch, std::size_t place, int worker) { each(batch[place], worker); },
+      [](const auto&) { return true; });
 }
 
 }  // namespace kdr

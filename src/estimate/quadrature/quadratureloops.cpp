@@ -158,6 +158,104 @@ void poisson(const NodePairs& a) {
   }
 }
 
+// Densities that have no floor, and their moments. Each takes its four nodes through all records, with the sums in
+// registers: N columns of x where the compiler knows their number, else 0 and the gradient in memory.
+template <int D, int N>
+struct NodeSums {
+  const NodePairs& a;
+  const std::size_t p;
+  Lane node[D > 0 ? D : 1];
+  Lane gradient[N > 0 ? N : 1];
+
+  NodeSums(const NodePairs& pairs, std::size_t first) : a(pairs), p(first) {
+    for (int d = 0; d < D; ++d) node[d] = load(a.nodes + static_cast<std::size_t>(d) * a.pairs + p);
+    for (int c = 0; c < N; ++c) gradient[c] = all(0.0);
+    if constexpr (N == 0)
+      for (std::size_t c = 0; c < a.npi; ++c) store(a.gradient + c * a.pairs + p, all(0.0));
+  }
+  Lane eta(std::size_t i) const {
+    if constexpr (D == 0) {
+      return limited(predictor<0>(a, i, p, a.fixed[i]));
+    } else {
+      Lane sum = all(a.fixed[i]);
+      for (int d = 0; d < D; ++d) sum += a.rows[i * D + static_cast<std::size_t>(d)] * node[d];
+      return limited(sum);
+    }
+  }
+  void add(std::size_t i, Lane weight, Lane residual) {
+    store(a.weights + i * a.pairs + p, weight);
+    if constexpr (N == 0) {
+      addgradient(a, i, p, residual);
+    } else {
+      for (int c = 0; c < N; ++c) gradient[c] += a.x[i * N + static_cast<std::size_t>(c)] * residual;
+    }
+  }
+  void finish(Lane logdensity) {
+    store(a.logdensity + p, logdensity);
+    for (int c = 0; c < N; ++c) store(a.gradient + static_cast<std::size_t>(c) * a.pairs + p, gradient[c]);
+  }
+};
+
+// A binary outcome. With t = s eta and e = exp(-|t|), which is never above 1: l = min(t, 0) - log(1 + e). The logarithm
+// is taken of products of 1 + e, which lie between 1 and 2.
+template <int D, int N>
+void exactbernoulli(const NodePairs& a) {
+  constexpr std::size_t perproduct = 1000;
+  for (std::size_t p = 0; p < a.pairs; p += nodestep) {
+    NodeSums<D, N> sums(a, p);
+    Lane logdensity = all(0.0);
+    for (std::size_t first = 0; first < a.records; first += perproduct) {
+      const std::size_t last = first + perproduct < a.records ? first + perproduct : a.records;
+      Lane product = all(1.0);
+      for (std::size_t i = first; i < last; ++i) {
+        const double sign = a.y[i] == 1.0 ? 1.0 : -1.0;
+        const Lane t = sign * sums.eta(i);
+        const Lane e = exponential(-larger(t, -t));
+        const Lane sum = 1.0 + e, inverse = 1.0 / sum;
+        product *= sum;
+        logdensity += smaller(t, all(0.0));
+        sums.add(i, e * inverse * inverse, sign * ((t < 0.0 ? all(1.0) : e) * inverse));
+      }
+      logdensity -= logarithm(product);
+    }
+    sums.finish(logdensity);
+  }
+}
+
+// y successes in n trials, in the same way: l = y eta - n (max(eta, 0) + log(1 + e)).
+template <int D, int N>
+void exactbinomial(const NodePairs& a) {
+  for (std::size_t p = 0; p < a.pairs; p += nodestep) {
+    NodeSums<D, N> sums(a, p);
+    Lane logdensity = all(0.0);
+    for (std::size_t i = 0; i < a.records; ++i) {
+      const double y = a.y[i], n = a.n == nullptr ? 1.0 : a.n[i];
+      const Lane eta = sums.eta(i);
+      const Lane e = exponential(-larger(eta, -eta));
+      const Lane sum = 1.0 + e, inverse = 1.0 / sum;
+      logdensity += y * eta - n * (larger(eta, all(0.0)) + logarithm(sum));
+      sums.add(i, n * (e * inverse * inverse), y - n * ((eta < 0.0 ? e : all(1.0)) * inverse));
+    }
+    sums.finish(logdensity);
+  }
+}
+
+template <int D, int N>
+void exactpoisson(const NodePairs& a) {
+  for (std::size_t p = 0; p < a.pairs; p += nodestep) {
+    NodeSums<D, N> sums(a, p);
+    Lane logdensity = all(0.0);
+    for (std::size_t i = 0; i < a.records; ++i) {
+      const double y = a.y[i];
+      const Lane t = (a.n == nullptr ? 0.0 : a.n[i]) + sums.eta(i);
+      const Lane mu = smaller(exponential(t), all(largestmean));
+      logdensity += y * t - mu;
+      sums.add(i, mu, y - mu);
+    }
+    sums.finish(logdensity);
+  }
+}
+
 // One or two random effects a level are the daily case and have code of their own.
 template <bool M>
 void anybernoulli(const NodePairs& a) {
@@ -170,6 +268,60 @@ void anybinomial(const NodePairs& a) {
 template <bool M>
 void anypoisson(const NodePairs& a) {
   a.dims == 2 ? poisson<2, M>(a) : a.dims == 3 ? poisson<3, M>(a) : poisson<0, M>(a);
+}
+
+// The code for the dimensions and columns at hand: two to four effects and up to four columns have their own.
+using Exact = void (*)(const NodePairs&);
+template <int D>
+struct ExactTable {
+  static constexpr Exact of[3][5] = {
+      {exactbernoulli<D, 0>, exactbernoulli<D, 1>, exactbernoulli<D, 2>, exactbernoulli<D, 3>, exactbernoulli<D, 4>},
+      {exactbinomial<D, 0>, exactbinomial<D, 1>, exactbinomial<D, 2>, exactbinomial<D, 3>, exactbinomial<D, 4>},
+      {exactpoisson<D, 0>, exactpoisson<D, 1>, exactpoisson<D, 2>, exactpoisson<D, 3>, exactpoisson<D, 4>}};
+};
+template <int kind>
+void exact(const NodePairs& a) {
+  const std::size_t n = a.npi <= 4 ? a.npi : 0;
+  switch (a.dims) {
+    case 2:
+      return ExactTable<2>::of[kind][n](a);
+    case 3:
+      return ExactTable<3>::of[kind][n](a);
+    case 4:
+      return ExactTable<4>::of[kind][n](a);
+    default:
+      return ExactTable<0>::of[kind][n](a);
+  }
+}
+
+// The last places of a segment of four or more are taken with those before them, which the mask leaves out.
+inline Lane tailmask(std::size_t rest) {
+  return Lane{rest > 3 ? 1.0 : 0.0, rest > 2 ? 1.0 : 0.0, rest > 1 ? 1.0 : 0.0, rest > 0 ? 1.0 : 0.0};
+}
+
+inline double segmentdot(const double* x, const double* y, std::size_t n, Lane mask) {
+  if (n < nodestep) {
+    double sum = 0.0;
+    for (std::size_t l = 0; l < n; ++l) sum += x[l] * y[l];
+    return sum;
+  }
+  Lane sum = mask * load(x + n - nodestep) * load(y + n - nodestep);
+  for (std::size_t l = 0; l + nodestep <= n; l += nodestep) sum += load(x + l) * load(y + l);
+  return (sum[0] + sum[1]) + (sum[2] + sum[3]);
+}
+
+void segmentsums(const SegmentSums& a) {
+  const Lane mask = tailmask(a.length % nodestep);
+  for (std::size_t i = 0; i < a.rows; ++i) {
+    const double* values = a.values + i * a.pairs;
+    const std::size_t sets = a.lower && i + 2 < a.sets ? i + 2 : a.sets;
+    for (std::size_t m = 0; m < a.segments; ++m) {
+      double* sums = a.sums + m * a.stride + i * a.rowstride;
+      for (std::size_t s = 0; s < sets; ++s)
+        sums[s * a.setstride] =
+            segmentdot(values + m * a.length, a.weights + s * a.pairs + m * a.length, a.length, mask);
+    }
+  }
 }
 
 void exponentials(double* values, std::size_t n) {
@@ -185,6 +337,8 @@ extern const QuadratureLoops quadratureloops;
 const QuadratureLoops quadratureloops = {
     {anybernoulli<false>, anybinomial<false>, anypoisson<false>, anypoisson<false>},
     {anybernoulli<true>, anybinomial<true>, anypoisson<true>, anypoisson<true>},
+    {exact<0>, exact<1>, exact<2>, exact<2>},
+    segmentsums,
     exponentials,
     logarithms};
 

@@ -27,11 +27,26 @@ struct NodePairs {
   double* work;         // [pairs]
 };
 
+// Weighted sums of rows over segments of equal length, the level-2 nodes of one level-3 node after the other.
+struct SegmentSums {
+  std::size_t rows, sets;
+  bool lower;         // only the first row + 2 sets of each row: those of a triangle behind the set of the means
+  std::size_t pairs;  // stride of rows and sets
+  std::size_t segments, length;
+  const double* values;   // rows by pairs
+  const double* weights;  // sets by pairs
+  double* sums;           // out: that of segment m, row i and set s at m * stride + i * rowstride + s * setstride
+  std::size_t stride, rowstride, setstride;
+};
+
 struct QuadratureLoops {
   // The log-densities alone, by RecordDensity.
   void (*density[4])(const NodePairs&);
   // Log-densities, gradient and weights.
   void (*moments[4])(const NodePairs&);
+  // The same, of densities that are not held at a least probability: exact wherever eta lies within 700.
+  void (*exact[4])(const NodePairs&);
+  void (*segmentsums)(const SegmentSums&);
   // In place, for a multiple of nodestep values. The exponent is held to [-708, 709]; logarithms are of positive normal
   // numbers. Both are within a few units in the last place.
   void (*exponentials)(double* values, std::size_t n);

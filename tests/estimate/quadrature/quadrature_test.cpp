@@ -11,15 +11,15 @@
 
 #include "estimate/likelihood/madestudy.h"
 #include "estimate/likelihood/marks.h"
+#include "estimate/quadrature/densecases.h"
 #include "estimate/quadrature/quadraturenodes.h"
 
 namespace {
 
 using namespace kdr;
 using namespace madestudy;
+using namespace densecases;
 using marks::Marks;
-
-const std::string folder = std::string(TESTDATA) + "/tests/reference/quadrature/";
 
 TEST(QuadratureNodes, AreExactForPolynomials) {
   for (int n = 3; n <= 40; ++n) {
@@ -114,35 +114,6 @@ TEST(QuadratureLoops, EverySetOfInstructionsGivesTheSameBits) {
     }
   }
 }
-
-// The centres of level 2 stay where they are whatever v is, so more points are needed the more a level-2 unit says
-// about its effect: its integrand is narrower than the nodes are spread, and wanders with v.
-struct Case {
-  const char* name;
-  Outcome outcome;
-  int q, r;
-  int points;
-};
-const Case cases[] = {{"bernoulli11", bernoulli, 1, 1, 7}, {"bernoulli21", bernoulli, 2, 1, 7},
-                      {"bernoulli22", bernoulli, 2, 2, 7}, {"binomial12", binomial, 1, 2, 9},
-                      {"poisson11", poisson, 1, 1, 11},    {"exposure21", exposure, 2, 1, 9}};
-
-// What densequadrature.py found, by name of the line.
-std::vector<double> reference(const std::string& name, const std::string& wanted) {
-  std::ifstream file(folder + name + ".ref");
-  for (std::string line; std::getline(file, line);) {
-    std::istringstream words(line);
-    std::string word;
-    words >> word;
-    std::vector<double> values;
-    for (double value = 0.0; words >> value;) values.push_back(value);
-    if (word == wanted) return values;
-  }
-  ADD_FAILURE() << name << " has no " << wanted;
-  return std::vector<double>(20);
-}
-
-Study readcase(const Case& c) { return makestudy(c.outcome, c.q, c.r, readrecords(folder + c.name + ".dat")); }
 
 // The walks over a study at any place.
 struct Walker {

@@ -99,7 +99,7 @@ TEST_F(Chain, AStoppedPassClosesThePhase) {
   ASSERT_FALSE(fit());
   EXPECT_EQ(told.substr(0, 3), "igp");
   EXPECT_EQ(told[3], 'k');
-  EXPECT_EQ(iterations, std::vector<int>{1});  // quadrature makes one whatever its limit
+  EXPECT_TRUE(iterations.empty());
 }
 
 // At the limit the observer is asked; without an answer the phase closes.

@@ -1,0 +1,87 @@
+// The coordinates in which maximum likelihood by quadrature climbs.
+//
+// Predictors: with x = R1' x~, d = Rd' d~, e = Re' e~, xg = Rx' xg~ the columns of x~, d~, e~ and xg~ are orthogonal
+// with a mean square of 1 over the records, so that no predictor's unit or origin can matter. Where a covariance matrix
+// is diagonal its columns are divided by their root mean square only.
+//
+// Effects: u = toD A z, v = toE B w with standard normal z and w, A and B lower triangular with diagonals of any sign.
+// No covariance matrix is inverted, so that a variance of 0 is a point like any other. A is kept pivoted: the first
+// effect has the largest variance but for a factor of 2, the second that of what the first leaves, and so on.
+#pragma once
+
+#include <cstddef>
+#include <vector>
+
+#include "core/outcome.h"
+#include "estimate/likelihood/parameters.h"
+#include "estimate/likelihood/unitrecords.h"
+#include "estimate/linear/pass.h"
+#include "estimate/quadrature/quadratureloops.h"
+#include "kernel/array.h"
+
+namespace kdr {
+
+// The design of every unit, kept so that sweeps over the units need no records.
+struct UnitDesigns {
+  std::vector<std::size_t> first;  // [J3 + 1] level-2 units before each level-3 unit
+  std::vector<double> w2;          // J2 by nbeta
+  std::vector<double> w3;          // J3 by full ngamma
+};
+
+struct Frame {
+  Family outcome = Family::bernoulli;
+  int npi = 0, nbeta = 0, q = 0, r = 0, g = 0;
+  bool diagonalpi = false, diagonalbeta = false;
+  const Design* design = nullptr;
+  Array<double> R1, toX;  // npi squared; x~' = x' toX
+  Array<double> Rx, toG;  // g squared; gamma = toG gamma~
+  Array<double> Rd, toD;  // q squared; d~' = d' toD
+  Array<double> Re, toE;  // r squared
+  Array<double> Sd;       // npi by q: d~ = Sd' x~
+  UnitDesigns units;
+  double records = 0.0;
+  double counts = 0.0;        // Poisson: -sum of log y!
+  double combinations = 0.0;  // binomial: the logarithms of the binomial coefficients
+
+  [[nodiscard]] std::size_t units2() const { return units.first.back(); }
+  [[nodiscard]] std::size_t units3() const { return units.first.size() - 1; }
+  // Elements of a point: the pairs (a, b), a >= b, of A row by row, those of B, gamma~.
+  [[nodiscard]] std::size_t count() const;
+};
+
+// Reads the data once.
+Frame makeframe(Family outcome, int npi, int nbeta, const Design& design, RecordSource& source, const Parameters& shape,
+                bool diagonalpi, bool diagonalbeta);
+
+// A point in matrices.
+struct SphericalPoint {
+  Array<double> A, B;         // q squared, r squared, lower triangular
+  const double* g = nullptr;  // gamma~, those of the vector
+};
+SphericalPoint sphericalpoint(const Frame& frame, const Array<double>& point);
+
+// The point of parameters, pivoting the frame. Covariance matrices may be singular.
+Array<double> pointof(Frame& frame, const Parameters& parameters);
+Parameters parametersof(const Frame& frame, const Array<double>& point);
+// The derivatives of (vech taupi, vech taubeta, gamma), rows, by the point, columns.
+Array<double> parameterderivatives(const Frame& frame, const Array<double>& point);
+// Whether an element of a point is held at 0: those off a diagonal matrix's diagonal.
+std::vector<bool> heldelements(const Frame& frame);
+
+// How the effects turn when the frame is pivoted anew: z := Q2' z, w := Q3' w.
+struct Turn {
+  bool turned = false;
+  Array<double> Q2, Q3;
+};
+// Pivots frame and point anew where an effect has less than half the largest variance that is left.
+Turn pivot(Frame& frame, Array<double>& point);
+
+// xg~ = Sx' x~ and e~ = Se' x~ in each level-2 unit of one level-3 unit.
+struct UnitFrames {
+  Array<double> Sx;  // units by npi by g
+  Array<double> Se;  // units by npi by r
+  Array<double> T, work;
+};
+void makeunitframes(const Frame& frame, std::size_t k, UnitFrames& frames);
+
+}  // namespace kdr

@@ -1,0 +1,343 @@
+#include "estimate/quadrature/movingnodes.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+
+#include "estimate/likelihood/unitthreads.h"
+#include "kernel/matrix.h"
+#include "kernel/products.h"
+#include "kernel/sizes.h"
+#include "kernel/spectrum.h"
+
+namespace kdr {
+
+namespace {
+
+// Moments of few nodes: how far the eigenvalues of their covariances, of z at a given w, may lie from the sweep's.
+constexpr double leastratio = 0.05, largestratio = 20.0;
+
+void fit(Array<double>& array, std::size_t n) {
+  if (array.size() < n) array.reset(n);
+}
+
+// C (m by n) := X' M Y with M packed of order p, X p by m, Y p by n. work: p n.
+void sandwich(std::size_t p, const double* M, const double* X, std::size_t m, const double* Y, std::size_t n,
+              double* work, double* C) {
+  std::fill_n(work, p * n, 0.0);
+  for (std::size_t i = 0, e = 0; i < p; ++i)
+    for (std::size_t l = 0; l <= i; ++l, ++e) {
+      for (std::size_t c = 0; c < n; ++c) work[i * n + c] += M[e] * Y[l * n + c];
+      if (l != i)
+        for (std::size_t c = 0; c < n; ++c) work[l * n + c] += M[e] * Y[i * n + c];
+    }
+  std::fill_n(C, m * n, 0.0);
+  for (std::size_t i = 0; i < p; ++i)
+    for (std::size_t a = 0; a < m; ++a)
+      for (std::size_t c = 0; c < n; ++c) C[a * n + c] += X[i * m + a] * work[i * n + c];
+}
+
+// inverse := M^-1, factor := chol(M^-1), adding log|M|. work: 2 n squared.
+bool invertinformation(std::size_t n, const double* M, double* inverse, double* factor, double& logdeterminant,
+                       double* work) {
+  if (n == 1) {
+    if (!(M[0] > 0.0) || !std::isfinite(M[0])) return false;
+    inverse[0] = 1.0 / M[0];
+    factor[0] = std::sqrt(inverse[0]);
+    logdeterminant += std::log(M[0]);
+    return true;
+  }
+  double *L = work, *X = work + n * n;
+  if (!choleskyfactor(n, M, L)) return false;
+  for (std::size_t i = 0; i < n; ++i) logdeterminant += 2.0 * std::log(L[i * n + i]);
+  invertlower(n, L, X);
+  inversefromfactor(n, X, inverse);
+  return choleskyfactor(n, inverse, factor);
+}
+
+// M := Q' M Q, n squared.
+void turnmatrix(std::size_t n, const double* Q, double* M, double* work) {
+  const int order = static_cast<int>(n);
+  mulAB(work, M, Q, order, order, order);
+  mulAtB(M, Q, work, order, order, order);
+}
+
+// Keeps the eigenvalues of L^-1 M L^-T within the guards. True when they were.
+bool guardcovariance(std::size_t n, const double* L, double* M) {
+  if (n == 1) {
+    const double unit = L[0] * L[0], given = M[0];
+    M[0] = std::clamp(std::isfinite(M[0]) ? M[0] : unit, leastratio * unit, largestratio * unit);
+    return M[0] == given;
+  }
+  Array<double> X(n * n), E(n * n), work(n * n), values(n), Q(n * n);
+  const int order = static_cast<int>(n);
+  invertlower(n, L, X.data());
+  mulAB(work.data(), X.data(), M, order, order, order);
+  mulABt(E.data(), work.data(), X.data(), order, order, order);
+  for (const double value : E)
+    if (!std::isfinite(value)) {
+      mulABt(M, L, L, order, order, order);
+      return false;
+    }
+  spectrum(n, E.data(), values.data(), Q.data());
+  if (values[0] >= leastratio && values[n - 1] <= largestratio) return true;
+  mulAB(work.data(), L, Q.data(), order, order, order);
+  std::fill_n(M, n * n, 0.0);
+  for (std::size_t i = 0; i < n; ++i)
+    for (std::size_t l = 0; l < n; ++l)
+      for (std::size_t c = 0; c < n; ++c)
+        M[i * n + l] += work[i * n + c] * std::clamp(values[c], leastratio, largestratio) * work[l * n + c];
+  return false;
+}
+
+// Buffers of one thread.
+struct CarryWork {
+  UnitFrames frames;
+  Sweep from, to;
+  Array<double> res, G2, G3, G23, C3, inverse3, P, K, S, a, b;
+};
+
+// The residual sums at `to`: h - M (coefficients there less those at `from`), the coefficients of x~ at the moments.
+void carriedresiduals(const Frame& frame, const SphericalPoint& from, const SphericalPoint& to,
+                      const UnitFrames& frames, std::size_t units, const double* M, const double* h, const double* z,
+                      const double* w, CarryWork& work) {
+  const std::size_t npi = at(frame.npi), q = at(frame.q), r = at(frame.r), g = at(frame.g),
+                    packed = packedsize(frame.npi);
+  fit(work.a, q + r + g);
+  fit(work.b, npi);
+  double *dz = work.a.data(), *dw = dz + q, *dg = dw + r;
+  std::fill_n(dw, r, 0.0);
+  for (std::size_t a = 0; a < r; ++a)
+    for (std::size_t b = 0; b <= a; ++b) dw[a] += (to.B[a * r + b] - from.B[a * r + b]) * w[b];
+  for (std::size_t c = 0; c < g; ++c) dg[c] = to.g[c] - from.g[c];
+  for (std::size_t j = 0; j < units; ++j) {
+    std::fill_n(dz, q, 0.0);
+    for (std::size_t a = 0; a < q; ++a)
+      for (std::size_t b = 0; b <= a; ++b) dz[a] += (to.A[a * q + b] - from.A[a * q + b]) * z[j * q + b];
+    const double *Sx = frames.Sx.data() + j * npi * g, *Se = frames.Se.data() + j * npi * r;
+    double* res = work.res.data() + j * npi;
+    for (std::size_t c = 0; c < npi; ++c) {
+      work.b[c] = dot(Sx + c * g, dg, g) + dot(Se + c * r, dw, r) + dot(frame.Sd.data() + c * q, dz, q);
+      res[c] = h[j * npi + c];
+    }
+    const double* W = M + j * packed;
+    for (std::size_t c = 0, e = 0; c < npi; ++c)
+      for (std::size_t l = 0; l <= c; ++l, ++e) {
+        res[c] -= W[e] * work.b[l];
+        if (l != c) res[l] -= W[e] * work.b[c];
+      }
+  }
+}
+
+bool carryunit(const Frame& frame, const SphericalPoint& from, const SphericalPoint& to, bool still,
+               const Nodes& moments, const RecordSums& sums, std::size_t k, CarryWork& work, Nodes& nodes) {
+  const std::size_t q = at(frame.q), r = at(frame.r), npi = at(frame.npi), first = frame.units.first[k],
+                    units = frame.units.first[k + 1] - first;
+  const double *M = sums.M.data() + first * packedsize(frame.npi), *h = sums.h.data() + first * npi;
+  const double *z = moments.z.data() + first * q, *w = moments.w.data() + k * r;
+  makeunitframes(frame, k, work.frames);
+  if (!sweepunit(frame, from, work.frames, units, M, h, z, w, work.from)) return false;
+  if (!still) {
+    fit(work.res, units * npi);
+    carriedresiduals(frame, from, to, work.frames, units, M, h, z, w, work);
+    if (!sweepunit(frame, to, work.frames, units, M, work.res.data(), z, w, work.to)) return false;
+  }
+  const Sweep &s0 = work.from, &s1 = still ? work.from : work.to;
+  const int oq = frame.q, orr = frame.r;
+  for (Array<double>* array : {&work.G3, &work.C3}) fit(*array, r * r);
+  for (Array<double>* array : {&work.G2, &work.P}) fit(*array, q * q);
+  for (Array<double>* array : {&work.G23, &work.K, &work.S}) fit(*array, q * r);
+  fit(work.a, (q + r) * (q + r));
+  fit(work.b, (q + r) * (q + r));
+  fit(work.inverse3, r * r);
+
+  double* C3 = work.C3.data();
+  std::copy_n(moments.C3.data() + k * r * r, r * r, C3);
+  // The slope of z on w is that of the moments, unless they know nothing of w.
+  const bool own = guardcovariance(r, s0.L3.data(), C3) && choleskyfactor(r, C3, work.a.data());
+  if (own) {
+    invertlower(r, work.a.data(), work.b.data());
+    inversefromfactor(r, work.b.data(), work.inverse3.data());
+  }
+  double* wto = nodes.w.data() + k * r;
+  std::copy_n(w, r, wto);
+  if (!still) {
+    for (std::size_t b = 0; b < r; ++b) wto[b] += s1.dw[b] - s0.dw[b];
+    invertlower(r, s0.L3.data(), work.a.data());
+    mulAB(work.G3.data(), s1.L3.data(), work.a.data(), orr, orr, orr);
+    mulAB(work.a.data(), work.G3.data(), C3, orr, orr, orr);
+    mulABt(nodes.C3.data() + k * r * r, work.a.data(), work.G3.data(), orr, orr, orr);
+  } else {
+    std::copy_n(C3, r * r, nodes.C3.data() + k * r * r);
+  }
+  for (std::size_t j = 0; j < units; ++j) {
+    const std::size_t unit = first + j;
+    double *P = work.P.data(), *K = work.K.data();
+    std::copy_n(moments.P.data() + unit * q * q, q * q, P);
+    std::copy_n(moments.K.data() + unit * q * r, q * r, K);
+    // S = K C3^-1; P less S K', of z at a given w, within the guards; P and K made anew.
+    double *S = work.S.data(), *R = work.b.data();
+    if (own) {
+      mulAB(S, K, work.inverse3.data(), oq, orr, orr);
+    } else {
+      std::copy_n(s0.slope.data() + j * q * r, q * r, S);
+    }
+    mulAB(K, S, C3, oq, orr, orr);
+    std::copy_n(P, q * q, R);
+    subABt(R, S, K, oq, oq, orr);
+    if (std::any_of(S, S + q * r, [](double value) { return !std::isfinite(value); })) return false;
+    guardcovariance(q, s0.L2.data() + j * q * q, R);
+    std::copy_n(R, q * q, P);
+    addABt(P, S, K, oq, oq, orr);
+    double *zto = nodes.z.data() + unit * q, *Pto = nodes.P.data() + unit * q * q, *Kto = nodes.K.data() + unit * q * r;
+    std::copy_n(z + j * q, q, zto);
+    if (still) {
+      std::copy_n(P, q * q, Pto);
+      std::copy_n(K, q * r, Kto);
+      continue;
+    }
+    for (std::size_t a = 0; a < q; ++a) zto[a] += s1.dz[j * q + a] - s0.dz[j * q + a];
+    // G of (w, z): lower triangular in blocks, G3, G2 and G23 = slope1 G3 - G2 slope0.
+    double *G2 = work.G2.data(), *G23 = work.G23.data(), *a = work.a.data(), *b = work.b.data();
+    invertlower(q, s0.L2.data() + j * q * q, a);
+    mulAB(G2, s1.L2.data() + j * q * q, a, oq, oq, oq);
+    mulAB(G23, s1.slope.data() + j * q * r, work.G3.data(), oq, orr, orr);
+    subAB(G23, G2, s0.slope.data() + j * q * r, oq, orr, oq);
+    // T = G23 C3 + G2 K (q by r);  K := T G3'.
+    mulAB(a, G23, C3, oq, orr, orr);
+    addAB(a, G2, K, oq, orr, oq);
+    mulABt(Kto, a, work.G3.data(), oq, orr, orr);
+    // P := T G23' + (G23 K' + G2 P) G2'.
+    mulABt(b, G23, K, oq, oq, orr);
+    addAB(b, G2, P, oq, oq, oq);
+    mulABt(Pto, a, G23, oq, oq, orr);
+    addABt(Pto, b, G2, oq, oq, oq);
+    for (std::size_t i = 0; i < q; ++i)
+      for (std::size_t l = 0; l < i; ++l) Pto[i * q + l] = Pto[l * q + i] = 0.5 * (Pto[i * q + l] + Pto[l * q + i]);
+  }
+  return true;
+}
+
+}  // namespace
+
+Nodes Nodes::copy() const { return {w.copy(), C3.copy(), z.copy(), P.copy(), K.copy()}; }
+
+Nodes makenodes(const Frame& frame) {
+  const std::size_t J2 = frame.units2(), J3 = frame.units3();
+  Nodes nodes;
+  nodes.w.reset(J3 * at(frame.r));
+  nodes.C3.reset(J3 * square(frame.r));
+  nodes.z.reset(J2 * at(frame.q));
+  nodes.P.reset(J2 * square(frame.q));
+  nodes.K.reset(J2 * at(frame.q) * at(frame.r));
+  return nodes;
+}
+
+RecordSums makesums(const Frame& frame) {
+  return {Array<double>(frame.units2() * packedsize(frame.npi)), Array<double>(frame.units2() * at(frame.npi))};
+}
+
+void turnnodes(const Frame& frame, const Turn& turn, Nodes& nodes) {
+  const std::size_t q = at(frame.q), r = at(frame.r);
+  Array<double> work(std::max(q, r) * std::max(q, r));
+  const auto turnvector = [&](std::size_t n, const double* Q, double* v) {
+    std::copy_n(v, n, work.data());
+    for (std::size_t a = 0; a < n; ++a) {
+      v[a] = 0.0;
+      for (std::size_t b = 0; b < n; ++b) v[a] += Q[b * n + a] * work[b];
+    }
+  };
+  for (std::size_t k = 0; k < frame.units3(); ++k) {
+    turnvector(r, turn.Q3.data(), nodes.w.data() + k * r);
+    turnmatrix(r, turn.Q3.data(), nodes.C3.data() + k * r * r, work.data());
+  }
+  for (std::size_t j = 0; j < frame.units2(); ++j) {
+    turnvector(q, turn.Q2.data(), nodes.z.data() + j * q);
+    turnmatrix(q, turn.Q2.data(), nodes.P.data() + j * q * q, work.data());
+    double* K = nodes.K.data() + j * q * r;  // Q2' K Q3
+    mulAB(work.data(), K, turn.Q3.data(), frame.q, frame.r, frame.r);
+    mulAtB(K, turn.Q2.data(), work.data(), frame.q, frame.r, frame.q);
+  }
+}
+
+bool sweepunit(const Frame& frame, const SphericalPoint& point, const UnitFrames& frames, std::size_t units,
+               const double* M, const double* res, const double* z, const double* w, Sweep& sweep) {
+  const std::size_t npi = at(frame.npi), q = at(frame.q), r = at(frame.r), packed = packedsize(frame.npi);
+  const int oq = frame.q, orr = frame.r, op = frame.npi;
+  for (Array<double>* array : {&sweep.C2, &sweep.L2, &sweep.P}) fit(*array, units * q * q);
+  for (Array<double>* array : {&sweep.slope, &sweep.K}) fit(*array, units * q * r);
+  fit(sweep.dz, units * q);
+  for (Array<double>* array : {&sweep.C3, &sweep.L3}) fit(*array, r * r);
+  fit(sweep.dw, r);
+  const std::size_t n = std::max(q, r);
+  fit(sweep.work, npi * (q + r + n) + 3 * n * n + 4 * n * n + n);
+  fit(sweep.right, units * q + r);
+  double* cD = sweep.work.data();  // Sd A, npi by q
+  double* cE = cD + npi * q;       // Se B, npi by r
+  double* through = cE + npi * r;
+  double* H = through + npi * n;
+  double* H3 = H + n * n;
+  double* X23 = H3 + n * n;
+  double* scratch = X23 + n * n;
+  double* H3cross = scratch + 2 * n * n;
+  double *g2 = sweep.right.data(), *g3 = g2 + units * q;
+  sweep.logdeterminant = 0.0;
+  mulAB(cD, frame.Sd.data(), point.A.data(), op, oq, oq);
+  std::fill_n(H3, r * r, 0.0);
+  for (std::size_t b = 0; b < r; ++b) {
+    H3[b * r + b] = 1.0;
+    g3[b] = -w[b];
+  }
+  for (std::size_t j = 0; j < units; ++j) {
+    mulAB(cE, frames.Se.data() + j * npi * r, point.B.data(), op, orr, orr);
+    sandwich(npi, M + j * packed, cD, q, cD, q, through, H);
+    for (std::size_t a = 0; a < q; ++a) H[a * q + a] += 1.0;
+    double *C2 = sweep.C2.data() + j * q * q, *slope = sweep.slope.data() + j * q * r;
+    if (!invertinformation(q, H, C2, sweep.L2.data() + j * q * q, sweep.logdeterminant, scratch)) return false;
+    sandwich(npi, M + j * packed, cD, q, cE, r, through, X23);
+    sandwich(npi, M + j * packed, cE, r, cE, r, through, H3cross);
+    for (std::size_t i = 0; i < r * r; ++i) H3[i] += H3cross[i];
+    std::fill_n(slope, q * r, 0.0);
+    subAB(slope, C2, X23, oq, orr, oq);
+    addAtB(H3, X23, slope, orr, orr, oq);
+    for (std::size_t a = 0; a < q; ++a) {
+      double sum = -z[j * q + a];
+      for (std::size_t c = 0; c < npi; ++c) sum += cD[c * q + a] * res[j * npi + c];
+      g2[j * q + a] = sum;
+    }
+    for (std::size_t b = 0; b < r; ++b) {
+      double sum = 0.0;
+      for (std::size_t c = 0; c < npi; ++c) sum += cE[c * r + b] * res[j * npi + c];
+      for (std::size_t a = 0; a < q; ++a) sum += slope[a * r + b] * g2[j * q + a];
+      g3[b] += sum;
+    }
+  }
+  for (std::size_t a = 0; a < r; ++a)
+    for (std::size_t b = 0; b < a; ++b) H3[a * r + b] = H3[b * r + a] = 0.5 * (H3[a * r + b] + H3[b * r + a]);
+  if (!invertinformation(r, H3, sweep.C3.data(), sweep.L3.data(), sweep.logdeterminant, scratch)) return false;
+  mulAB(sweep.dw.data(), sweep.C3.data(), g3, orr, 1, orr);
+  for (std::size_t j = 0; j < units; ++j) {
+    const double *C2 = sweep.C2.data() + j * q * q, *slope = sweep.slope.data() + j * q * r;
+    double *dz = sweep.dz.data() + j * q, *K = sweep.K.data() + j * q * r, *P = sweep.P.data() + j * q * q;
+    mulAB(dz, C2, g2 + j * q, oq, 1, oq);
+    addAB(dz, slope, sweep.dw.data(), oq, 1, orr);
+    mulAB(K, slope, sweep.C3.data(), oq, orr, orr);
+    std::copy_n(C2, q * q, P);
+    addABt(P, K, slope, oq, oq, orr);
+  }
+  return true;
+}
+
+bool carrynodes(const Frame& frame, const Array<double>& from, const Nodes& moments, const RecordSums& sums,
+                const Array<double>& to, int threads, Nodes& nodes) {
+  const SphericalPoint pointfrom = sphericalpoint(frame, from), pointto = sphericalpoint(frame, to);
+  const bool still = std::equal(from.begin(), from.end(), to.begin());
+  std::vector<CarryWork> work(at(std::max(threads, 1)));
+  std::atomic<bool> fine{true};
+  overplaces(frame.units3(), frame.records > 20000.0 ? threads : 1, [&](std::size_t k, int worker) {
+    if (!carryunit(frame, pointfrom, pointto, still, moments, sums, k, work[at(worker)], nodes)) fine = false;
+  });
+  return fine;
+}
+
+}  // namespace kdr

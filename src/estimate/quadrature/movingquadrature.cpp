@@ -1,0 +1,422 @@
+#include "estimate/quadrature/movingquadrature.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+
+#include "core/formatted.h"
+#include "estimate/quadrature/onepoint.h"
+#include "estimate/quadrature/spherical.h"
+#include "kernel/matrix.h"
+#include "kernel/products.h"
+#include "kernel/sizes.h"
+#include "kernel/spectrum.h"
+
+namespace kdr {
+
+namespace {
+
+constexpr std::array<int, 7> ladder = {5, 7, 11, 15, 21, 31, 41};
+constexpr int mosteffectsofalevel = 10, mostpoints = 198;
+// Of the first standard deviation of an effect, in units of its error from one level-2 or level-3 unit.
+constexpr double leaststart = 0.1;
+
+bool toomany(const MovingSettings& settings, int points, int q, int r) {
+  return std::pow(points, q + r) > settings.mostnodes;
+}
+
+// Raises standard deviations that are too near 0 to start from.
+bool raisestart(const Frame& frame, const Array<double>& curvature, Array<double>& point) {
+  bool raised = false;
+  const auto level = [&](int n, std::size_t first, const double* information) {
+    for (std::size_t a = 0, e = first; a < at(n); ++a, e += a + 1) {
+      const double least = leaststart / std::sqrt(std::max(information[a], 1.0e-200));
+      if (std::fabs(point[e]) >= least) continue;
+      point[e] = point[e] < 0.0 ? -least : least;
+      raised = true;
+    }
+  };
+  level(frame.q, 0, curvature.data());
+  level(frame.r, packedsize(frame.q), curvature.data() + frame.q);
+  return raised;
+}
+
+double largestdeviation(const Frame& frame, const Array<double>& point) {
+  const SphericalPoint there = sphericalpoint(frame, point);
+  double most = 0.0;
+  const auto level = [&most](int order, const Array<double>& A) {
+    const std::size_t n = at(order);
+    for (std::size_t a = 0; a < n; ++a) most = std::max(most, std::sqrt(dot(A.data() + a * n, A.data() + a * n, n)));
+  };
+  level(frame.q, there.A);
+  level(frame.r, there.B);
+  return most;
+}
+
+// Elements of a point without which the information is taken: those of columns of A or B that are 0, at the edge.
+std::vector<bool> edgeelements(const Frame& frame, const Array<double>& point) {
+  std::vector<bool> edge(frame.count());
+  const auto level = [&](int n, bool diagonal, std::size_t first) {
+    std::vector<bool> zero(at(n), true);
+    eachelement(n, [&](int e, int, int b) {
+      if (point[first + at(e)] != 0.0) zero[at(b)] = false;
+    });
+    eachelement(n, [&](int e, int a, int b) { edge[first + at(e)] = zero[at(b)] && (a == b || !diagonal); });
+  };
+  level(frame.q, frame.diagonalpi, 0);
+  level(frame.r, frame.diagonalbeta, packedsize(frame.q));
+  return edge;
+}
+
+struct Errors {
+  bool usable = false;
+  Array<double> covariance;  // of the parameters
+  std::vector<bool> edge;    // of the parameters
+};
+
+// J M^-1 J' over the elements that are free.
+Errors errorsof(const Frame& frame, const Array<double>& point, const Array<double>& information) {
+  const std::size_t P = frame.count(), taus = P - at(frame.g);
+  const std::vector<bool> held = heldelements(frame), edge = edgeelements(frame, point);
+  std::vector<std::size_t> used;
+  for (std::size_t i = 0; i < P; ++i)
+    if (!held[i] && !edge[i]) used.push_back(i);
+  const std::size_t n = used.size();
+  Errors errors;
+  Array<double> M(n * n), L(n * n), X(n * n), d(n), inverse(n * n);
+  for (std::size_t i = 0; i < n; ++i) {
+    if (!(information[used[i] * P + used[i]] > 0.0)) return errors;
+    d[i] = std::sqrt(information[used[i] * P + used[i]]);
+  }
+  for (std::size_t i = 0; i < n; ++i)
+    for (std::size_t l = 0; l < n; ++l) M[i * n + l] = information[used[i] * P + used[l]] / (d[i] * d[l]);
+  if (!choleskyfactor(n, M.data(), L.data())) return errors;
+  invertlower(n, L.data(), X.data());
+  inversefromfactor(n, X.data(), inverse.data());
+  const Array<double> J = parameterderivatives(frame, point);
+  Array<double> Jused(P * n), through(P * n);
+  for (std::size_t i = 0; i < P; ++i)
+    for (std::size_t l = 0; l < n; ++l) Jused[i * n + l] = J[i * P + used[l]] / d[l];
+  const int order = static_cast<int>(n), all = static_cast<int>(P);
+  mulAB(through.data(), Jused.data(), inverse.data(), all, order, order);
+  errors.covariance.reset(P * P);
+  mulABt(errors.covariance.data(), through.data(), Jused.data(), all, all, order);
+  errors.edge.assign(P, false);
+  for (std::size_t i = 0; i < taus; ++i)
+    if (!held[i] && !(errors.covariance[i * P + i] > 0.0)) errors.edge[i] = true;
+  // An off-diagonal element of raw parameters stays held with its frame's.
+  for (std::size_t i = 0; i < P; ++i)
+    if (i < taus && held[i])
+      for (std::size_t l = 0; l < P; ++l) errors.covariance[i * P + l] = errors.covariance[l * P + i] = 0.0;
+  errors.usable = true;
+  return errors;
+}
+
+// One run of the ascent with one number of points.
+struct Run {
+  bool converged = false;
+  bool nomaximum = false;
+  AscentResult ascent;
+  Errors errors;
+};
+
+struct Search {
+  const MovingSettings& settings;
+  const QuadratureObserver& observer;
+  SphericalLikelihood likelihood{};
+  int iterations = 0, evaluations = 0;
+
+  Run run(int points, const Array<double>& start, Approach approach, int limit, bool last);
+  AscentProblem watched(Run& run, AscentProblem problem);
+  Run runlaplace(const Array<double>& start);
+  void fill(const Run& run, int points, MovingResult& result) const;
+  PointsCheck compare(const Run& before, const Run& after, int next) const;
+  void check(const Run& before, int points, MovingResult& result);
+  void given(const Array<double>& start, MovingResult& result);
+  void automatic(const Array<double>& start, MovingResult& result);
+};
+
+// The problem with progress lines, and with an end where a variance grows for ever.
+AscentProblem Search::watched(Run& run, AscentProblem problem) {
+  problem.iterated = [this, &run, before = static_cast<double>(-INFINITY), earlier = iterations](int iteration,
+                                                                                                 double value) mutable {
+    iterations = earlier + iteration;
+    if (observer.iteration) observer.iteration(iterations, value);
+    run.nomaximum = std::fabs(value - before) < settings.nogain &&
+                    largestdeviation(likelihood.frame, likelihood.current.point) > settings.nomaximum;
+    before = value;
+    return run.nomaximum || (observer.stop && observer.stop());
+  };
+  return problem;
+}
+
+Run Search::run(int points, const Array<double>& start, Approach approach, int limit, bool last) {
+  Run run;
+  const Frame& frame = likelihood.frame;
+  if (!makegrids(likelihood.grids, points, frame.q, frame.r)) return run;
+  AscentSettings ascent = settings.ascent;
+  ascent.iterations = std::max(std::min(settings.iterations, limit), 1);
+  if (!last) {
+    ascent.finals = 0;
+    ascent.decrement = settings.checkdecrement;
+    ascent.settled = settings.valueagrees;
+  }
+  AscentProblem problem = watched(run, ascentof(likelihood));
+  if (!last) {
+    if (observer.checks) observer.checks(points);
+    problem.iterated = [this](int, double) { return observer.stop && observer.stop(); };
+  }
+  run.ascent = climb(problem, ascent, start, approach);
+  evaluations += run.ascent.evaluations;
+  run.converged = run.ascent.end == AscentEnd::converged;
+  if (run.ascent.end != AscentEnd::unusable)
+    run.errors = errorsof(frame, run.ascent.point,
+                          settings.outerproducts ? likelihood.current.outer : run.ascent.there.information);
+  return run;
+}
+
+Run Search::runlaplace(const Array<double>& start) {
+  constexpr int steppoints = 5, steppointsmanyeffects = 3;  // of the information that steps take
+  Run run;
+  const Frame& frame = likelihood.frame;
+  if (!makegrids(likelihood.grids, frame.q + frame.r > 2 ? steppointsmanyeffects : steppoints, frame.q, frame.r))
+    return run;
+  AscentSettings ascent = settings.ascent;
+  ascent.iterations = std::max(settings.iterations, 1);
+  ascent.fall = settings.laplacefall;
+  const AscentProblem problem = watched(run, laplaceascentof(likelihood));
+  run.ascent = climb(problem, ascent, start, Approach::modes);
+  evaluations += run.ascent.evaluations;
+  if (run.ascent.end == AscentEnd::unusable) return run;
+  std::vector<bool> used = heldelements(frame), edge = edgeelements(frame, run.ascent.point);
+  for (std::size_t i = 0; i < used.size(); ++i) used[i] = !used[i] && !edge[i];
+  Array<double> information = laplaceinformation(likelihood, used, run.ascent.there.scale, evaluations);
+  if (!information.empty()) {
+    // The step that is left, by these second derivatives.
+    Evaluation there;
+    AscentProblem free;
+    free.count = problem.count;
+    for (const bool u : used) free.held.push_back(!u);
+    there.score = run.ascent.there.score.copy();
+    there.information = information.copy();
+    there.scale = run.ascent.there.scale.copy();
+    there.reach = run.ascent.there.reach.copy();
+    there.turn = run.ascent.there.turn.copy();
+    const NewtonStep left = newtonstep(free, ascent, there);
+    run.ascent.decrement = left.decrement;
+    if (run.ascent.end == AscentEnd::converged && !(left.least > ascent.definite))
+      run.ascent.end = AscentEnd::notdefinite;
+    run.errors = errorsof(frame, run.ascent.point, settings.outerproducts ? likelihood.current.outer : information);
+  }
+  run.converged = run.ascent.end == AscentEnd::converged;
+  return run;
+}
+
+PointsCheck Search::compare(const Run& before, const Run& after, int next) const {
+  PointsCheck check;
+  check.made = true;
+  check.next = next;
+  if (!before.errors.usable || !after.errors.usable) {
+    check.change = check.errorchange = INFINITY;
+    return check;
+  }
+  check.change = after.ascent.there.value - before.ascent.there.value;
+  const std::size_t P = likelihood.frame.count();
+  for (std::size_t i = 0; i < P; ++i) {
+    const double first = before.errors.covariance[i * P + i], second = after.errors.covariance[i * P + i];
+    if (!(first > 0.0) || !(second > 0.0)) continue;
+    check.errorchange = std::max(check.errorchange, std::fabs(std::sqrt(second / first) - 1.0));
+  }
+  check.agrees = after.converged && before.converged && std::fabs(check.change) < settings.valueagrees &&
+                 check.errorchange < settings.errorsagree;
+  return check;
+}
+
+void Search::fill(const Run& run, int points, MovingResult& result) const {
+  const Frame& frame = likelihood.frame;
+  result.usable = false;
+  result.points = points;
+  result.iterations = iterations;
+  result.evaluations = evaluations;
+  result.combinations = frame.combinations;
+  result.records = frame.records;
+  switch (run.ascent.end) {
+    case AscentEnd::converged:
+      result.end = MovingEnd::converged;
+      break;
+    case AscentEnd::limit:
+      result.end = MovingEnd::limit;
+      break;
+    case AscentEnd::stopped:
+      result.end = run.nomaximum ? MovingEnd::nomaximum : MovingEnd::stopped;
+      break;
+    case AscentEnd::nostep:
+    case AscentEnd::notdefinite:
+      result.end = MovingEnd::toofewpoints;
+      break;
+    case AscentEnd::unusable:
+      result.end = MovingEnd::nonumbers;
+      break;
+  }
+  if (run.ascent.end == AscentEnd::unusable) return;
+  result.parameters = parametersof(frame, run.ascent.point);
+  result.loglikelihood = run.ascent.there.value;
+  result.distance = std::sqrt(run.ascent.decrement);
+  result.usable = run.errors.usable && result.end != MovingEnd::toofewpoints;
+  if (!result.usable) {
+    if (!run.nomaximum) result.end = MovingEnd::toofewpoints;
+    return;
+  }
+  result.covariance = run.errors.covariance.copy();
+  result.edge = run.errors.edge;
+  const std::vector<bool> zero = edgeelements(frame, run.ascent.point);
+  const std::size_t P2 = packedsize(frame.q), P3 = packedsize(frame.r);
+  result.singularpi = std::find(zero.begin(), zero.begin() + static_cast<std::ptrdiff_t>(P2), true) !=
+                      zero.begin() + static_cast<std::ptrdiff_t>(P2);
+  result.singularbeta =
+      std::find(zero.begin() + static_cast<std::ptrdiff_t>(P2), zero.begin() + static_cast<std::ptrdiff_t>(P2 + P3),
+                true) != zero.begin() + static_cast<std::ptrdiff_t>(P2 + P3);
+}
+
+void Search::check(const Run& before, int points, MovingResult& result) {
+  const int next = nextpoints(points);
+  if (next > mostpoints || toomany(settings, next, likelihood.frame.q, likelihood.frame.r)) {
+    result.notes.push_back(
+        formatted("The number of quadrature points was not checked: %d points for %d effects are more "
+                  "than this program integrates with.",
+                  next, likelihood.frame.q + likelihood.frame.r));
+    return;
+  }
+  constexpr int mostiterations = 10;  // a maximum that is farther away is another one
+  const Run after = run(next, before.ascent.point, Approach::renewed, mostiterations, false);
+  result.evaluations = evaluations;
+  result.check = compare(before, after, next);
+  if (result.check.agrees) return;
+  if (!after.converged) {
+    result.warnings.push_back(
+        formatted("WARNING: %d quadrature points could not be checked: with %d the iterations have "
+                  "not converged. AUTO in the place of the points finds how many are needed.",
+                  points, next));
+    return;
+  }
+  result.warnings.push_back(
+      formatted("WARNING: %d quadrature points are too few: with %d the log-likelihood changes by %.4f and a standard "
+                "error by %.1f%%. AUTO in the place of the points finds how many are needed.",
+                points, next, result.check.change, 100.0 * result.check.errorchange));
+}
+
+void Search::given(const Array<double>& start, MovingResult& result) {
+  const int points = settings.points;
+  if (points == 1) {
+    fill(runlaplace(start), points, result);
+    if (result.end == MovingEnd::toofewpoints)
+      result.warnings.emplace_back(
+          "WARNING: the Laplace approximation has no maximum that steps could find. Use more quadrature points, or "
+          "AUTO "
+          "in their place.");
+    return;
+  }
+  const Run first = run(points, start, Approach::modes, settings.iterations, true);
+  fill(first, points, result);
+  if (result.end == MovingEnd::toofewpoints) {
+    const int next = nextpoints(points);
+    result.warnings.push_back(
+        formatted("WARNING: %d quadrature points are too few: their log-likelihood has no maximum "
+                  "that steps could find. Use %d, or AUTO in the place of the points.",
+                  points, next));
+  }
+  if (result.end == MovingEnd::converged && settings.check) check(first, points, result);
+}
+
+void Search::automatic(const Array<double>& start, MovingResult& result) {
+  Run before;
+  bool any = false;
+  int pointsbefore = 0;
+  for (std::size_t i = 0; i < ladder.size(); ++i) {
+    const int points = ladder[i];
+    if (toomany(settings, points, likelihood.frame.q, likelihood.frame.r)) {
+      result.warnings.push_back(formatted(
+          "WARNING: the search for enough quadrature points ended at %d: %d points for %d effects are more than this "
+          "program integrates with.",
+          pointsbefore, points, likelihood.frame.q + likelihood.frame.r));
+      break;
+    }
+    const bool begun = any && before.ascent.end != AscentEnd::unusable;
+    // The run before ended at its own moments; from a run that failed the nodes begin at the modes again.
+    Run now = run(points, begun ? likelihood.current.point : start,
+                  begun && before.converged ? Approach::renewed : Approach::modes,
+                  i + 1 < ladder.size() ? settings.steppediterations : settings.iterations, true);
+    const bool stopped = now.ascent.end == AscentEnd::stopped;
+    const PointsCheck check = any ? compare(before, now, pointsbefore) : PointsCheck{};
+    before = std::move(now);
+    fill(before, points, result);
+    if (check.made) result.check = check;
+    pointsbefore = points;
+    any = true;
+    if (stopped || check.agrees) return;
+  }
+  if (!result.check.made || !result.check.agrees)
+    result.warnings.push_back(
+        formatted("WARNING: no number of quadrature points up to %d was enough: the last two differ by %.4f in the "
+                  "log-likelihood "
+                  "and by %.1f%% in a standard error.",
+                  pointsbefore, result.check.change, 100.0 * result.check.errorchange));
+}
+
+}  // namespace
+
+int nextpoints(int points) {
+  for (const int next : ladder)
+    if (next > points) return next;
+  return points + (points + 1) / 2;
+}
+
+MovingResult movingquadrature(const MovingSettings& settings, int npi, int nbeta, const Design& design,
+                              RecordSource& source, const Parameters& start, const QuadratureObserver& observer) {
+  MovingResult result;
+  const int lowest = settings.points == 0 ? ladder[0] : settings.points;
+  result.points = lowest;
+  if (std::max(start.q, start.r) > mosteffectsofalevel || toomany(settings, lowest, start.q, start.r)) {
+    result.end = MovingEnd::toomanynodes;
+    result.warnings.push_back(
+        formatted("WARNING: %d quadrature points for %d effects are more than this program "
+                  "integrates with.",
+                  lowest, start.q + start.r));
+    return result;
+  }
+  Search search{settings, observer};
+  search.likelihood = makespherical(settings.outcome, npi, nbeta, design, source, start, settings.diagonalpi,
+                                    settings.diagonalbeta, settings.threads);
+  SphericalLikelihood& likelihood = search.likelihood;
+  if (brokensource(source)) {
+    result.end = MovingEnd::nonumbers;
+    return result;
+  }
+  Array<double> point = pointof(likelihood.frame, start);
+  Array<double> curvature;
+  if (!placemodes(likelihood, point, likelihood.current.nodes, &curvature)) {
+    result.end = MovingEnd::nonumbers;
+    result.warnings.emplace_back("WARNING: the random effects have no finite modes at the estimates to begin with.");
+    return result;
+  }
+  raisestart(likelihood.frame, curvature, point);
+  if (settings.points == 0) {
+    search.automatic(point, result);
+  } else {
+    search.given(point, result);
+  }
+  if (result.end == MovingEnd::limit || result.end == MovingEnd::stopped)
+    result.warnings.insert(result.warnings.begin(),
+                           "WARNING: the iterations of quadrature ended before they had converged.");
+  if (result.end == MovingEnd::nomaximum)
+    result.warnings.insert(
+        result.warnings.begin(),
+        std::string("WARNING: the likelihood has no finite maximum: it rises as a variance grows without end.") +
+            (result.usable ? " The estimates are where its rise had all but ended." : ""));
+  if (!result.usable && result.warnings.empty())
+    result.warnings.emplace_back(
+        "WARNING: the likelihood is not a finite number where quadrature begins, or its information has no inverse.");
+  return result;
+}
+
+}  // namespace kdr

@@ -1,0 +1,92 @@
+// Maximum likelihood for Bernoulli, binomial and Poisson outcomes: by quadrature whose nodes go with the data, or with
+// one point by the first-order Laplace approximation. Values in, values out: nothing is printed, and no run is known
+// here.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "core/outcome.h"
+#include "estimate/ascent/ascent.h"
+#include "estimate/likelihood/parameters.h"
+#include "estimate/likelihood/unitrecords.h"
+#include "estimate/linear/pass.h"
+#include "estimate/quadrature/quadratureloops.h"
+#include "kernel/array.h"
+
+namespace kdr {
+
+// Who watches. Any may be empty.
+struct QuadratureObserver {
+  std::function<void(int iteration, double loglikelihood)> iteration;  // one is over
+  std::function<void(int points)> checks;                              // the results are tried with so many points
+  std::function<bool()> stop;                                          // asked behind each iteration: true stops there
+};
+
+struct MovingSettings {
+  Family outcome = Family::bernoulli;
+  int points = 0;              // nodes per dimension: 1 (Laplace), 3 to 198, or 0: as many as the data need
+  int iterations = 100;        // upper bound of those of one number of points
+  bool outerproducts = false;  // standard errors from the units' scores; steps and points are the same
+  bool diagonalpi = false, diagonalbeta = false;
+  bool check = true;  // evaluate with the next number of points when the number is given
+  int threads = 1;
+  AscentSettings ascent{};
+  double checkdecrement = 1.0e-4;  // of a check: as near as its comparison needs
+  double valueagrees = 0.01;  // two numbers of points agree when the log-likelihood differs by less: 1% of its standard
+                              // error in LR tests
+  double errorsagree = 0.01;  // and no standard error by more than this share
+  int steppediterations = 15;   // of one number of points on the way of AUTO: those that are enough need 10 at most
+  double laplacefall = 1.0e-7;  // of the Laplace approximation in a step: rounding of its modes
+  double mostnodes = 1.0e6;     // points^(q + r): beyond, neither memory nor time would do
+  double nomaximum = 20.0;  // a standard deviation of an effect, of columns with mean square 1, that no outcome bears
+  double nogain = 0.02;     // with a log-likelihood that gains less
+};
+
+enum class MovingEnd {
+  converged,
+  limit,         // the iterations met their bound: the estimates are the last
+  stopped,       // by the observer
+  nomaximum,     // the log-likelihood rises for ever: the estimates are where it has all but ended to
+  toofewpoints,  // no step rises, or the information is not positive definite: no estimates
+  toomanynodes,  // points^(q + r) is beyond the bound
+  nonodes,       // the nodes cannot be found
+  nonumbers      // the start has no finite likelihood
+};
+
+// What another number of points said.
+struct PointsCheck {
+  bool made = false;
+  int next = 0;              // the other number: the next one, of AUTO the one before
+  double change = 0.0;       // of the log-likelihood
+  double errorchange = 0.0;  // the largest relative change of a standard error
+  bool agrees = false;
+};
+
+struct MovingResult {
+  MovingEnd end = MovingEnd::nonumbers;
+  bool usable = false;  // the estimates are; all that follows exists
+  Parameters parameters;
+  double loglikelihood = 0.0;  // with all constants
+  double combinations = 0.0;   // its share of the logarithms of binomial coefficients
+  double records = 0.0;
+  int points = 0;
+  int iterations = 0, evaluations = 0;
+  double distance = 0.0;     // of the estimates from the maximum in standard errors, the farthest of them
+  Array<double> covariance;  // P squared, of (vech taupi, vech taubeta, gamma); 0 in the rows of what has none
+  std::vector<bool> edge;    // [P] a variance of 0, and its covariances: at the edge, without a standard error
+  bool singularpi = false, singularbeta = false;  // a correlation of 1, or a variance of 0
+  PointsCheck check;
+  std::vector<std::string> warnings;  // whole sentences
+  std::vector<std::string> notes;     // the same, of what is no fault
+};
+
+[[nodiscard]] MovingResult movingquadrature(const MovingSettings& settings, int npi, int nbeta, const Design& design,
+                                            RecordSource& source, const Parameters& start,
+                                            const QuadratureObserver& observer);
+
+// The number of points behind `points`: 5, 7, 11, 15, 21, 31, 41, then half as many again.
+[[nodiscard]] int nextpoints(int points);
+
+}  // namespace kdr

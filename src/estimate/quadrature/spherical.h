@@ -1,0 +1,47 @@
+// The log-likelihood of all units at a point, as the ascent asks for it.
+#pragma once
+
+#include "estimate/ascent/ascent.h"
+#include "estimate/quadrature/jointmodes.h"
+#include "estimate/quadrature/sphericalunit.h"
+
+namespace kdr {
+
+// A point with what its evaluation left.
+struct SphericalState {
+  Array<double> point;
+  Nodes nodes;  // posterior moments
+  RecordSums sums;
+  Array<double> outer;      // P squared: sum of the outer products of the units' scores
+  Array<double> curvature;  // [q + r]: i_a, the mean information of a unit about a column
+};
+
+struct SphericalLikelihood {
+  Frame frame;
+  SphericalGrids grids;
+  RecordSource* source = nullptr;
+  int threads = 1;
+  SphericalState current, trial;
+  std::vector<SphericalWork> work;  // of each thread
+  std::vector<ModeWork> modework;
+};
+
+// Frame, states and the start's point. `source` and `design` must outlive it.
+SphericalLikelihood makespherical(Family outcome, int npi, int nbeta, const Design& design, RecordSource& source,
+                                  const Parameters& shape, bool diagonalpi, bool diagonalbeta, int threads);
+
+// Nodes at the joint modes of a point; the search begins at `nodes`. `curvature`, when not null, gets i_a there. False
+// when there are none.
+[[nodiscard]] bool placemodes(SphericalLikelihood& likelihood, const Array<double>& point, Nodes& nodes,
+                              Array<double>* curvature);
+
+// Integrates around trial.nodes at `point` into `trial`.
+Evaluation evaluatespherical(SphericalLikelihood& likelihood, const Array<double>& point);
+
+// Reach and first steps at saddles from i_a.
+void setreach(const Frame& frame, const Array<double>& point, const Array<double>& curvature, Evaluation& evaluation);
+
+// The problem of an ascent; `likelihood` must outlive it.
+AscentProblem ascentof(SphericalLikelihood& likelihood);
+
+}  // namespace kdr

@@ -1,0 +1,693 @@
+#include "estimate/quadrature/sphericalunit.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "kernel/matrix.h"
+#include "kernel/products.h"
+#include "kernel/sizes.h"
+#include "kernel/spectrum.h"
+
+namespace kdr {
+
+namespace {
+
+// The share of a level-2 unit's variance that goes with w, below which its nodes stand still, and above which they go
+// with w wholly.
+constexpr double sharestill = 0.15, sharemoving = 0.30;
+// Nodes of level 3 are worked in blocks of about this many pairs of a level-3 and a level-2 node.
+constexpr std::size_t pairsofblock = 256;
+// How far a logarithm may exceed the one that scales its sum.
+constexpr double largestexcess = 300.0;
+
+constexpr std::size_t triangle(std::size_t n) { return n * (n + 1) / 2; }
+constexpr std::size_t padded(std::size_t n) { return (n + nodestep - 1) / nodestep * nodestep; }
+constexpr std::size_t pairplace(std::size_t a, std::size_t b) { return a < b ? triangle(b) + a : triangle(a) + b; }
+
+void fit(Array<double>& array, std::size_t n) {
+  if (array.size() < n) array.reset(n);
+}
+void multiply(double* values, std::size_t n, double factor) {
+  for (std::size_t i = 0; i < n; ++i) values[i] *= factor;
+}
+void addmultiple(double* sum, const double* values, std::size_t n, double factor) {
+  for (std::size_t i = 0; i < n; ++i) sum[i] += factor * values[i];
+}
+
+// One level-3 unit under way. Statistics of a level-2 unit at one level-3 node, given w: means and second moments about
+// z* of z, means of y = (h, h_d[a] z_b), lower triangle of their covariance.
+struct SphericalIntegral {
+  const Frame& frame;
+  const SphericalGrids& grids;
+  const SphericalPoint& point;
+  const Level3Records& records;
+  Nodes& place;
+  RecordSums& sums;
+  SphericalWork& work;
+
+  const QuadratureLoops& loops = fastestquadratureloops();
+  const std::size_t npi = at(frame.npi), q = at(frame.q), r = at(frame.r), g = at(frame.g);
+  const std::size_t P2 = triangle(q), P3 = triangle(r), Y = npi + P2, P = P2 + P3 + g;
+  const std::size_t units = at(records.units), total = records.start[units];
+  const std::size_t nodes2 = at(grids.level2.count), nodes3 = at(grids.level3.count);
+  const std::size_t block = std::clamp<std::size_t>(pairsofblock / nodes2, 1, nodes3), pairs = padded(block * nodes2);
+  // In a record of statistics: sets of z: (mean, second moments) q rows of q + 1; y: (mean, second moments), Y rows of
+  // Y + 1.
+  const std::size_t atz = 0, aty = q * (q + 1), statistics = aty + Y * (Y + 1);
+  // In a record of averages.
+  const std::size_t nw = triangle(1 + r), nz = triangle(1 + q);
+  const std::size_t ofz = 0, ofzz = q, ofzw = ofzz + P2, ofh = ofzw + q * r, ofhh = ofh + npi,
+                    ofyh = ofhh + triangle(npi) * nw, ofyy = ofyh + P2 * npi * (1 + r), naverages = ofyy + triangle(P2);
+  // Of a record: E[W s s'] for s = (1, z, w).
+  const std::size_t S = 1 + q + r, nrecord = triangle(S);
+  // Sums over level-3 nodes: 1, w - w*, its second moments, a - a of the first node, its second moments.
+  const std::size_t atmean = 1, atsecond = atmean + r, ata = atsecond + P3, atcross = ata + P,
+                    nmoments = atcross + triangle(P);
+  // A unit of fewer records than columns is worked in the residuals of its records: its x~ is an identity, and its Sx,
+  // Se and Sd are the rows of its records.
+  [[nodiscard]] std::size_t count(std::size_t j) const { return records.start[j + 1] - records.start[j]; }
+  [[nodiscard]] bool narrow(std::size_t j) const { return count(j) < npi; }
+  [[nodiscard]] std::size_t width(std::size_t j) const { return std::min(count(j), npi); }
+  [[nodiscard]] const double* xof(std::size_t j) const {
+    return narrow(j) ? work.identity.data() + count(j) * npi * npi : work.rows.x.data() + records.start[j] * npi;
+  }
+  [[nodiscard]] double* Sxof(std::size_t j) const { return work.frames.Sx.data() + j * npi * g; }
+  [[nodiscard]] double* Seof(std::size_t j) const { return work.frames.Se.data() + j * npi * r; }
+  [[nodiscard]] const double* Sdof(std::size_t j) const {
+    return narrow(j) ? work.narrowSd.data() + j * npi * q : frame.Sd.data();
+  }
+  double shift = 0.0;  // of the running sums
+  bool empty = true;
+
+  const double* centre3() const { return place.w.data() + at(records.k) * r; }
+  const double* centre2(std::size_t j) const { return place.z.data() + (records.firstunit + j) * q; }
+
+  double logarithm(double value) const {
+    double values[nodestep] = {value, 1.0, 1.0, 1.0};
+    loops.logarithms(values, nodestep);
+    return values[0];
+  }
+  double exponential(double value) const {
+    double values[nodestep] = {value, 0.0, 0.0, 0.0};
+    loops.exponentials(values, nodestep);
+    return values[0];
+  }
+
+  bool prepare();
+  void preparenarrow();
+  bool placelevel2(std::size_t j);
+  void placepairs(std::size_t j, std::size_t firstnode, std::size_t nodes);
+  void makerows(std::size_t j);
+  bool level2(std::size_t j, std::size_t firstnode, std::size_t nodes);
+  void level2statistics(std::size_t j, std::size_t nodes);
+  void addnode(std::size_t m, std::size_t node, double logweight);
+  void average(std::size_t node, double weight, const double* w);
+  bool integrate(UnitSums& result);
+  void finish(UnitSums& result);
+  void unitinformation(std::size_t j, UnitSums& result);
+  void renew(std::size_t j);
+};
+
+bool SphericalIntegral::prepare() {
+  makeunitframes(frame, at(records.k), work.frames);
+  makeunitrows(frame, records, work.rows);
+  preparenarrow();
+  fit(work.cx, npi);
+  fit(work.cD, npi * q);
+  fit(work.cE, npi * r);
+  fit(work.w, r * nodes3);
+  fit(work.quad3, nodes3);
+  fit(work.shift, units * q * r);
+  fit(work.L2, units * q * q);
+  fit(work.constant, units);
+  fit(work.spread, q * nodes2);
+  fit(work.nodes, (q + r) * pairs);
+  fit(work.offsets, q * pairs);
+  fit(work.logdensity, pairs);
+  fit(work.gradient, Y * pairs);
+  fit(work.product, pairs);
+  fit(work.sets, (1 + Y) * pairs);
+  fit(work.zsets, (1 + q + nz) * pairs);
+  fit(work.total, block);
+  fit(work.statistics, block * units * statistics);
+  fit(work.averages, units * naverages);
+  fit(work.recordweights, block * total * nz);
+  fit(work.recordaverages, total * nrecord);
+  fit(work.level3, (block + 1) * P);
+  fit(work.moments, nmoments);
+  std::fill_n(work.averages.data(), units * naverages, 0.0);
+  std::fill_n(work.recordaverages.data(), total * nrecord, 0.0);
+  std::fill_n(work.moments.data(), nmoments, 0.0);
+
+  // Nodes of level 3, and the factors of level 2.
+  const std::size_t n = std::max(q, r);
+  fit(work.scratch, 6 * n * n);
+  double *L3 = work.scratch.data(), *X3 = L3 + n * n;
+  if (!choleskyfactor(r, place.C3.data() + at(records.k) * r * r, L3)) return false;
+  double constant = grids.constant3;
+  for (std::size_t b = 0; b < r; ++b) constant += logarithm(L3[b * r + b]);
+  std::fill_n(work.quad3.data(), nodes3, constant);
+  for (std::size_t b = 0; b < r; ++b)
+    for (std::size_t m = 0; m < nodes3; ++m) {
+      double w = centre3()[b];
+      for (std::size_t c = 0; c <= b; ++c) w += L3[b * r + c] * M_SQRT2 * grids.level3.x[c * nodes3 + m];
+      work.w[b * nodes3 + m] = w;
+      work.quad3[m] -= 0.5 * w * w;
+    }
+  invertlower(r, L3, X3);
+  for (std::size_t j = 0; j < units; ++j)
+    if (!placelevel2(j)) return false;
+  return true;
+}
+
+void SphericalIntegral::preparenarrow() {
+  fit(work.identity, npi * npi * npi);
+  fit(work.narrowSd, units * npi * q);
+  fit(work.product, npi * std::max({g, r, q}));
+  for (std::size_t n = 0; n < npi; ++n)
+    for (std::size_t i = 0; i < n; ++i)
+      for (std::size_t l = 0; l < n; ++l) work.identity[n * npi * npi + i * n + l] = i == l ? 1.0 : 0.0;
+  for (std::size_t j = 0; j < units; ++j) {
+    if (!narrow(j)) continue;
+    const double* rows = work.rows.x.data() + records.start[j] * npi;
+    const int n = static_cast<int>(count(j));
+    mulAB(work.product.data(), rows, Sxof(j), n, frame.g, frame.npi);
+    std::copy_n(work.product.data(), count(j) * g, Sxof(j));
+    mulAB(work.product.data(), rows, Seof(j), n, frame.r, frame.npi);
+    std::copy_n(work.product.data(), count(j) * r, Seof(j));
+    mulAB(work.narrowSd.data() + j * npi * q, rows, frame.Sd.data(), n, frame.q, frame.npi);
+  }
+}
+
+// kappa S, L2 and the constant of level-2 unit j. scratch: L3, X3 stand first.
+bool SphericalIntegral::placelevel2(std::size_t j) {
+  const std::size_t unit = records.firstunit + j, n = std::max(q, r);
+  const double *P0 = place.P.data() + unit * q * q, *K = place.K.data() + unit * q * r;
+  double* X3 = work.scratch.data() + n * n;
+  double *V = X3 + n * n, *L = V + n * n, *X2 = L + n * n, *R = X2 + n * n;
+  double *slope = work.shift.data() + j * q * r, *L2 = work.L2.data() + j * q * q;
+  // R = K X3', S = R X3, S K' = R R'.
+  mulABt(R, K, X3, frame.q, frame.r, frame.r);
+  mulAB(slope, R, X3, frame.q, frame.r, frame.r);
+  mulABt(V, R, R, frame.q, frame.q, frame.r);
+  if (!choleskyfactor(q, P0, L)) return false;
+  double share = 0.0;
+  invertlower(q, L, X2);
+  mulAB(L, X2, R, frame.q, frame.r, frame.q);
+  for (std::size_t i = 0; i < q * r; ++i) share += L[i] * L[i];
+  const double kappa = std::clamp((share - sharestill) / (sharemoving - sharestill), 0.0, 1.0);
+  for (std::size_t i = 0; i < q * q; ++i) V[i] = P0[i] - (2.0 * kappa - kappa * kappa) * V[i];
+  if (!choleskyfactor(q, V, L2)) return false;
+  multiply(slope, q * r, kappa);
+  double constant = grids.constant2;
+  for (std::size_t a = 0; a < q; ++a) constant += logarithm(L2[a * q + a]);
+  work.constant[j] = constant;
+  return true;
+}
+
+// The coordinates of the pairs of a block: level-3 node by level-3 node, within it level-2 node by level-2 node.
+void SphericalIntegral::placepairs(std::size_t j, std::size_t firstnode, std::size_t nodes) {
+  const double* L2 = work.L2.data() + j * q * q;
+  for (std::size_t a = 0; a < q; ++a) {
+    double* spread = work.spread.data() + a * nodes2;
+    std::fill_n(spread, nodes2, 0.0);
+    for (std::size_t b = 0; b <= a; ++b)
+      addmultiple(spread, grids.level2.x.data() + b * nodes2, nodes2, M_SQRT2 * L2[a * q + b]);
+  }
+  for (std::size_t b = 0; b < r; ++b) {
+    double* row = work.nodes.data() + b * pairs;
+    for (std::size_t node = 0; node < nodes; ++node)
+      std::fill_n(row + node * nodes2, nodes2, work.w[b * nodes3 + firstnode + node]);
+    std::fill(row + nodes * nodes2, row + pairs, 0.0);
+  }
+  for (std::size_t a = 0; a < q; ++a) {
+    double *row = work.nodes.data() + (r + a) * pairs, *offsets = work.offsets.data() + a * pairs;
+    const double* spread = work.spread.data() + a * nodes2;
+    const double centre = centre2(j)[a];
+    for (std::size_t node = 0; node < nodes; ++node) {
+      double moved = 0.0;
+      for (std::size_t b = 0; b < r; ++b)
+        moved += work.shift[(j * q + a) * r + b] * (work.w[b * nodes3 + firstnode + node] - centre3()[b]);
+      for (std::size_t l = 0; l < nodes2; ++l) {
+        const double offset = moved + spread[l];
+        offsets[node * nodes2 + l] = offset;
+        row[node * nodes2 + l] = centre + offset;
+      }
+    }
+    std::fill(row + nodes * nodes2, row + pairs, 0.0);
+    std::fill(offsets + nodes * nodes2, offsets + pairs, 0.0);
+  }
+}
+
+void SphericalIntegral::makerows(std::size_t j) {
+  const std::size_t n = width(j), dims = q + r;
+  const int order = static_cast<int>(n);
+  fit(work.fixed, count(j));
+  fit(work.effects, count(j) * dims);
+  fit(work.weights, count(j) * pairs);
+  double *cx = work.cx.data(), *cD = work.cD.data(), *cE = work.cE.data();
+  mulAB(cx, Sxof(j), point.g, order, 1, frame.g);
+  mulAB(cD, Sdof(j), point.A.data(), order, frame.q, frame.q);
+  mulAB(cE, Seof(j), point.B.data(), order, frame.r, frame.r);
+  const double* row = xof(j);
+  for (std::size_t i = 0; i < count(j); ++i, row += n) {
+    double* effects = work.effects.data() + i * dims;
+    std::fill_n(effects, dims, 0.0);
+    double sum = 0.0;
+    for (std::size_t c = 0; c < n; ++c) {
+      sum += row[c] * cx[c];
+      for (std::size_t b = 0; b < r; ++b) effects[b] += row[c] * cE[c * r + b];
+      for (std::size_t a = 0; a < q; ++a) effects[r + a] += row[c] * cD[c * q + a];
+    }
+    work.fixed[i] = sum;
+  }
+}
+
+// Level-2 unit j at the level-3 nodes of a block: adds the logarithm of its integral to the totals and leaves its
+// statistics.
+bool SphericalIntegral::level2(std::size_t j, std::size_t firstnode, std::size_t nodes) {
+  placepairs(j, firstnode, nodes);
+  makerows(j);
+  const UnitOutcome outcome = unitoutcome(frame, records, work.rows, j);
+  loops.exact[static_cast<int>(outcome.outcome)](
+      {count(j), width(j), q + r, pairs, xof(j), work.effects.data(), work.fixed.data(), outcome.y, outcome.n,
+       work.nodes.data(), work.logdensity.data(), work.gradient.data(), work.weights.data(), work.product.data()});
+  double* logs = work.logdensity.data();
+  for (std::size_t a = 0; a < q; ++a) {
+    const double* z = work.nodes.data() + (r + a) * pairs;
+    for (std::size_t p = 0; p < pairs; ++p) logs[p] -= 0.5 * z[p] * z[p];
+  }
+  for (std::size_t node = 0; node < nodes; ++node) {
+    double* log = logs + node * nodes2;
+    const double largest = *std::max_element(log, log + nodes2);
+    if (!std::isfinite(largest)) return false;
+    for (std::size_t l = 0; l < nodes2; ++l) log[l] -= largest;
+    work.total[node] += largest + work.constant[j];
+  }
+  std::fill(logs + nodes * nodes2, logs + pairs, 0.0);
+  loops.exponentials(logs, pairs);
+  for (std::size_t node = 0; node < nodes; ++node) {
+    double* weight = logs + node * nodes2;
+    double sum = 0.0;
+    for (std::size_t l = 0; l < nodes2; ++l) {
+      weight[l] *= grids.level2.weight[l];
+      sum += weight[l];
+    }
+    const double inverse = 1.0 / sum;
+    for (std::size_t l = 0; l < nodes2; ++l) weight[l] *= inverse;
+    work.total[node] += logarithm(sum);
+  }
+  level2statistics(j, nodes);
+  return true;
+}
+
+void SphericalIntegral::level2statistics(std::size_t j, std::size_t nodes) {
+  const std::size_t first = records.start[j], n = width(j), used = nodes * nodes2, Yj = n + P2;
+  const double* Sd = Sdof(j);
+  const double* weight = work.logdensity.data();
+  const auto row = [this](Array<double>& array, std::size_t i) { return array.data() + i * pairs; };
+  // y: behind the gradient h the rows h_d[a] z_b.
+  for (std::size_t a = 0, e = n; a < q; ++a) {
+    double* hd = work.product.data();
+    std::fill_n(hd, used, 0.0);
+    for (std::size_t c = 0; c < n; ++c)
+      if (const double factor = Sd[c * q + a]; factor != 0.0) addmultiple(hd, row(work.gradient, c), used, factor);
+    for (std::size_t b = 0; b <= a; ++b, ++e) {
+      const double* z = row(work.nodes, r + b);
+      double* y = row(work.gradient, e);
+      for (std::size_t p = 0; p < used; ++p) y[p] = hd[p] * z[p];
+    }
+  }
+  double* statistic = work.statistics.data() + j * statistics;
+  const std::size_t stride = units * statistics;
+  double* set = work.sets.data();
+  std::copy_n(weight, used, set);
+  for (std::size_t a = 0; a < q; ++a) {
+    const double* offset = row(work.offsets, a);
+    double* to = set + (1 + a) * pairs;
+    for (std::size_t p = 0; p < used; ++p) to[p] = weight[p] * offset[p];
+  }
+  loops.segmentsums(
+      {q, 1 + q, true, pairs, nodes, nodes2, work.offsets.data(), set, statistic + atz, stride, 1 + q, 1});
+  for (std::size_t c = 0; c < Yj; ++c) {
+    const double* y = row(work.gradient, c);
+    double* to = set + (1 + c) * pairs;
+    for (std::size_t p = 0; p < used; ++p) to[p] = weight[p] * y[p];
+  }
+  loops.segmentsums(
+      {Yj, 1 + Yj, true, pairs, nodes, nodes2, work.gradient.data(), set, statistic + aty, stride, 1 + Yj, 1});
+  // The records' weights times (1, z, zz').
+  double* zset = work.zsets.data();
+  std::copy_n(weight, used, zset);
+  for (std::size_t a = 0, e = 1 + q; a < q; ++a) {
+    const double* z = row(work.nodes, r + a);
+    double* to = zset + (1 + a) * pairs;
+    for (std::size_t p = 0; p < used; ++p) to[p] = weight[p] * z[p];
+    for (std::size_t b = 0; b <= a; ++b, ++e) {
+      const double* other = row(work.nodes, r + b);
+      double* product = zset + e * pairs;
+      for (std::size_t p = 0; p < used; ++p) product[p] = to[p] * other[p];
+    }
+  }
+  loops.segmentsums({count(j), 1 + q + P2, false, pairs, nodes, nodes2, work.weights.data(), zset,
+                     work.recordweights.data() + first, total * nz, 1, total});
+  // What the unit adds to a of each node.
+  const double *Sx = Sxof(j), *Se = Seof(j);
+  for (std::size_t node = 0; node < nodes; ++node) {
+    const double* y = statistic + node * stride + aty;
+    double* a = work.level3.data() + node * P;
+    for (std::size_t e = 0; e < P2; ++e) a[e] += y[(n + e) * (1 + Yj)];
+    // h_e goes to the first places of B; its products with w are taken when the unit's sums are whole.
+    for (std::size_t c = 0; c < n; ++c) {
+      const double h = y[c * (1 + Yj)];
+      for (std::size_t b = 0; b < r; ++b) a[P2 + b] += Se[c * r + b] * h;
+      for (std::size_t l = 0; l < g; ++l) a[P2 + P3 + l] += Sx[c * g + l] * h;
+    }
+  }
+}
+
+// The averages of the level-2 units and of their records over the level-3 nodes, one node's share.
+void SphericalIntegral::average(std::size_t node, double weight, const double* w) {
+  double products[66];  // of (1, w), packed
+  for (std::size_t s = 0, e = 0; s <= r; ++s)
+    for (std::size_t t = 0; t <= s; ++t, ++e)
+      products[e] = weight * (s == 0 ? 1.0 : w[s - 1]) * (t == 0 ? 1.0 : w[t - 1]);
+  for (std::size_t j = 0; j < units; ++j) {
+    const double* statistic = work.statistics.data() + (node * units + j) * statistics;
+    double* average = work.averages.data() + j * naverages;
+    const double* z = statistic + atz;
+    for (std::size_t a = 0; a < q; ++a) {
+      const double mean = z[a * (1 + q)];
+      average[ofz + a] += weight * mean;
+      for (std::size_t b = 0; b <= a; ++b) average[ofzz + triangle(a) + b] += weight * z[a * (1 + q) + 1 + b];
+      for (std::size_t b = 0; b < r; ++b) average[ofzw + a * r + b] += weight * mean * (w[b] - centre3()[b]);
+    }
+    const double* y = statistic + aty;
+    const std::size_t n = width(j), Yj = n + P2;
+    const auto covariance = [&](std::size_t c, std::size_t d) {
+      return y[c * (1 + Yj) + 1 + d] - y[c * (1 + Yj)] * y[d * (1 + Yj)];
+    };
+    for (std::size_t c = 0; c < n; ++c) {
+      average[ofh + c] += weight * y[c * (1 + Yj)];
+      for (std::size_t d = 0; d <= c; ++d) {
+        const double value = covariance(c, d);
+        addmultiple(average + ofhh + (triangle(c) + d) * nw, products, nw, value);
+      }
+    }
+    for (std::size_t e = 0; e < P2; ++e) {
+      for (std::size_t c = 0; c < n; ++c) {
+        const double value = covariance(n + e, c);
+        double* to = average + ofyh + (e * n + c) * (1 + r);
+        to[0] += weight * value;
+        for (std::size_t b = 0; b < r; ++b) to[1 + b] += weight * w[b] * value;
+      }
+      for (std::size_t d = 0; d <= e; ++d) average[ofyy + triangle(e) + d] += weight * covariance(n + e, n + d);
+    }
+  }
+  // s = (1, z, w), packed; of each element a row of the records.
+  const double* from = work.recordweights.data() + node * total * nz;
+  const auto add = [&](std::size_t s, std::size_t t, std::size_t z, double factor) {
+    addmultiple(work.recordaverages.data() + (triangle(s) + t) * total, from + z * total, total, factor);
+  };
+  for (std::size_t a = 0; a <= q; ++a) {
+    add(a, 0, a, weight);
+    for (std::size_t b = 0; a > 0 && b < a; ++b) add(a, 1 + b, 1 + q + triangle(a - 1) + b, weight);
+  }
+  for (std::size_t b = 0; b < r; ++b) {
+    for (std::size_t a = 0; a <= q; ++a) add(1 + q + b, a, a, weight * w[b]);
+    for (std::size_t c = 0; c <= b; ++c) add(1 + q + b, 1 + q + c, 0, weight * w[b] * w[c]);
+  }
+}
+
+// Adds level-3 node m, node `node` of its block, to all sums, whose scale follows the largest weight.
+void SphericalIntegral::addnode(std::size_t m, std::size_t node, double logweight) {
+  const bool first = empty;
+  if (empty) {
+    shift = logweight;
+    empty = false;
+  } else if (logweight - shift > largestexcess) {
+    const double fall = shift - logweight, rescale = fall < -700.0 ? 0.0 : exponential(fall);
+    shift = logweight;
+    multiply(work.moments.data(), nmoments, rescale);
+    multiply(work.averages.data(), units * naverages, rescale);
+    multiply(work.recordaverages.data(), total * nrecord, rescale);
+  }
+  const double excess = logweight - shift;
+  const double weight = grids.level3.weight[m] * (excess < -700.0 ? 0.0 : exponential(excess));
+  double w[10];
+  for (std::size_t b = 0; b < r; ++b) w[b] = work.w[b * nodes3 + m];
+  double* sum = work.moments.data();
+  sum[0] += weight;
+  for (std::size_t a = 0; a < r; ++a) {
+    const double offset = w[a] - centre3()[a];
+    sum[atmean + a] += weight * offset;
+    for (std::size_t b = 0; b <= a; ++b) sum[atsecond + triangle(a) + b] += weight * offset * (w[b] - centre3()[b]);
+  }
+  double *a = work.level3.data() + node * P, *reference = work.level3.data() + block * P;
+  double he[10];
+  std::copy_n(a + P2, r, he);
+  for (std::size_t c = 0, e = P2; c < r; ++c)
+    for (std::size_t b = 0; b <= c; ++b, ++e) a[e] = he[c] * w[b];
+  if (first) std::copy_n(a, P, reference);
+  for (std::size_t c = 0; c < P; ++c) a[c] -= reference[c];
+  addmultiple(sum + ata, a, P, weight);
+  for (std::size_t c = 0; c < P; ++c) addmultiple(sum + atcross + triangle(c), a, c + 1, weight * a[c]);
+  average(node, weight, w);
+}
+
+bool SphericalIntegral::integrate(UnitSums& result) {
+  if (!prepare()) return false;
+  for (std::size_t first = 0; first < nodes3; first += block) {
+    const std::size_t nodes = std::min(block, nodes3 - first);
+    std::fill_n(work.total.data(), block, 0.0);
+    std::fill_n(work.level3.data(), block * P, 0.0);
+    for (std::size_t j = 0; j < units; ++j)
+      if (!level2(j, first, nodes)) return false;
+    for (std::size_t node = 0; node < nodes; ++node)
+      addnode(first + node, node, work.quad3[first + node] + work.total[node]);
+  }
+  result.loglikelihood = shift + logarithm(work.moments[0]);
+  if (!std::isfinite(result.loglikelihood) || !(work.moments[0] > 0.0)) return false;
+  finish(result);
+  return true;
+}
+
+// The unit's posterior moments of level 2 in place of its nodes, and its sums.
+void SphericalIntegral::renew(std::size_t j) {
+  const std::size_t unit = records.firstunit + j;
+  const double* average = work.averages.data() + j * naverages;
+  const double* wmean = work.moments.data() + atmean;
+  double *z = place.z.data() + unit * q, *P0 = place.P.data() + unit * q * q, *K = place.K.data() + unit * q * r;
+  for (std::size_t a = 0; a < q; ++a) {
+    for (std::size_t b = 0; b <= a; ++b)
+      P0[a * q + b] = P0[b * q + a] = average[ofzz + triangle(a) + b] - average[ofz + a] * average[ofz + b];
+    for (std::size_t b = 0; b < r; ++b) K[a * r + b] = average[ofzw + a * r + b] - average[ofz + a] * wmean[b];
+  }
+  for (std::size_t a = 0; a < q; ++a) z[a] += average[ofz + a];
+  double* h = sums.h.data() + unit * npi;
+  if (narrow(j)) {
+    mulAtB(h, work.rows.x.data() + records.start[j] * npi, average + ofh, frame.npi, 1, static_cast<int>(count(j)));
+  } else {
+    std::copy_n(average + ofh, npi, h);
+  }
+}
+
+// Adds what level-2 unit j gives to the information: sandwiches of N_st = sum_i E[W s t] x~x~' - E[s t Cov(h, h | w)]
+// and of the like for z.
+void SphericalIntegral::unitinformation(std::size_t j, UnitSums& result) {
+  const std::size_t unit = records.firstunit + j, n = width(j), T = triangle(n), whole = triangle(npi);
+  const double* average = work.averages.data() + j * naverages;
+  const double *Sx = Sxof(j), *Se = Seof(j), *Sd = Sdof(j);
+  fit(work.information, nrecord * whole + npi * std::max({g, r, q}) + npi * npi);
+  double* M = work.information.data();  // nrecord by T
+  double* through = M + nrecord * T;
+  double* full = through + npi * std::max({g, r, q});
+  std::fill_n(M, nrecord * T, 0.0);
+  const double* row = xof(j);
+  for (std::size_t i = 0; i < count(j); ++i, row += n) {
+    const double* W = work.recordaverages.data() + records.start[j] + i;
+    for (std::size_t c = 0, e = 0; c < n; ++c)
+      for (std::size_t d = 0; d <= c; ++d, ++e) {
+        const double product = row[c] * row[d];
+        if (product == 0.0) continue;
+        for (std::size_t s = 0; s < nrecord; ++s) M[s * T + e] += W[s * total] * product;
+      }
+  }
+  double* kept = sums.M.data() + unit * whole;
+  if (narrow(j)) {
+    std::fill_n(kept, whole, 0.0);
+    for (std::size_t i = records.start[j]; i < records.start[j + 1]; ++i) {
+      const double* x = work.rows.x.data() + i * npi;
+      for (std::size_t c = 0, e = 0; c < npi; ++c)
+        for (std::size_t d = 0; d <= c; ++d, ++e) kept[e] += work.recordaverages[i] * x[c] * x[d];
+    }
+  } else {
+    std::copy_n(M, T, kept);
+  }
+  double* H = result.information;
+  const auto packed = [&](std::size_t s, std::size_t t) { return M + pairplace(s, t) * T; };
+  // value of u' M v for columns u of X (stride n) and v of Y (stride m).
+  const auto form = [&](const double* N, const double* X, std::size_t stride, std::size_t u, const double* Z,
+                        std::size_t m, std::size_t v) {
+    double sum = 0.0;
+    for (std::size_t c = 0, e = 0; c < n; ++c)
+      for (std::size_t d = 0; d <= c; ++d, ++e) {
+        const double product = c == d ? X[c * stride + u] * Z[c * m + v]
+                                      : X[c * stride + u] * Z[d * m + v] + X[d * stride + u] * Z[c * m + v];
+        sum += N[e] * product;
+      }
+    return sum;
+  };
+  // Complete parts, and the curvatures.
+  for (std::size_t a = 0; a < q; ++a) {
+    result.curvature[a] += form(M, Sd, q, a, Sd, q, a);
+    for (std::size_t b = 0; b <= a; ++b)
+      result.complete[triangle(a) + b] += form(packed(1 + b, 1 + b), Sd, q, a, Sd, q, a);
+  }
+  for (std::size_t a = 0; a < r; ++a) {
+    result.curvature[q + a] += form(M, Se, r, a, Se, r, a);
+    for (std::size_t b = 0; b <= a; ++b)
+      result.complete[P2 + triangle(a) + b] += form(packed(1 + q + b, 1 + q + b), Se, r, a, Se, r, a);
+  }
+  for (std::size_t c = 0; c < g; ++c) result.complete[P2 + P3 + c] += form(M, Sx, g, c, Sx, g, c);
+  // A by A, A by B, A by g.
+  for (std::size_t a = 0, e = 0; a < q; ++a)
+    for (std::size_t b = 0; b <= a; ++b, ++e) {
+      for (std::size_t c = 0, f = 0; c <= a; ++c)
+        for (std::size_t d = 0; d <= c && f <= e; ++d, ++f)
+          H[e * P + f] += form(packed(1 + b, 1 + d), Sd, q, a, Sd, q, c) - average[ofyy + triangle(e) + f];
+      // The rows Sd_a' M_(z_b, s) - Cov(y_e, h s)' of x~ for s of (1, w), through Sx and Se.
+      for (std::size_t s = 0; s <= r; ++s) {
+        const double* N = packed(1 + b, s == 0 ? 0 : q + s);
+        std::fill_n(full, n, 0.0);
+        for (std::size_t c = 0, p = 0; c < n; ++c)
+          for (std::size_t d = 0; d <= c; ++d, ++p) {
+            full[c] += N[p] * Sd[d * q + a];
+            if (d != c) full[d] += N[p] * Sd[c * q + a];
+          }
+        for (std::size_t c = 0; c < n; ++c) full[c] -= average[ofyh + (e * n + c) * (1 + r) + s];
+        if (s == 0) {
+          for (std::size_t c = 0; c < n; ++c)
+            for (std::size_t l = 0; l < g; ++l) H[(P2 + P3 + l) * P + e] += full[c] * Sx[c * g + l];
+        } else {
+          for (std::size_t c = s - 1; c < r; ++c) {
+            double sum = 0.0;
+            for (std::size_t l = 0; l < n; ++l) sum += full[l] * Se[l * r + c];
+            H[(P2 + triangle(c) + s - 1) * P + e] += sum;
+          }
+        }
+      }
+    }
+  // N of (1, w) by (1, w), in place of M.
+  for (std::size_t s = 0, p = 0; s <= r; ++s)
+    for (std::size_t t = 0; t <= s; ++t, ++p) {
+      double* N = packed(s == 0 ? 0 : q + s, t == 0 ? 0 : q + t);
+      for (std::size_t e = 0; e < T; ++e) N[e] -= average[ofhh + e * nw + p];
+    }
+  for (std::size_t a = 0, e = P2; a < r; ++a)
+    for (std::size_t b = 0; b <= a; ++b, ++e) {
+      for (std::size_t c = 0, f = P2; c <= a; ++c)
+        for (std::size_t d = 0; d <= c && f <= e; ++d, ++f)
+          H[e * P + f] += form(packed(1 + q + b, 1 + q + d), Se, r, a, Se, r, c);
+      for (std::size_t l = 0; l < g; ++l) H[(P2 + P3 + l) * P + e] += form(packed(1 + q + b, 0), Se, r, a, Sx, g, l);
+    }
+  // g by g through npi by g.
+  const double* N = packed(0, 0);
+  std::fill_n(through, n * g, 0.0);
+  for (std::size_t c = 0, p = 0; c < n; ++c)
+    for (std::size_t d = 0; d <= c; ++d, ++p) {
+      for (std::size_t l = 0; l < g; ++l) through[c * g + l] += N[p] * Sx[d * g + l];
+      if (d != c)
+        for (std::size_t l = 0; l < g; ++l) through[d * g + l] += N[p] * Sx[c * g + l];
+    }
+  for (std::size_t c = 0; c < n; ++c)
+    for (std::size_t l = 0; l < g; ++l)
+      for (std::size_t m = 0; m <= l; ++m) H[(P2 + P3 + l) * P + P2 + P3 + m] += Sx[c * g + l] * through[c * g + m];
+}
+
+void SphericalIntegral::finish(UnitSums& result) {
+  const double inverse = 1.0 / work.moments[0];
+  multiply(work.moments.data() + 1, nmoments - 1, inverse);
+  multiply(work.averages.data(), units * naverages, inverse);
+  multiply(work.recordaverages.data(), total * nrecord, inverse);
+  const double *mean = work.moments.data() + ata, *cross = work.moments.data() + atcross;
+  const double* reference = work.level3.data() + block * P;
+  std::fill_n(result.curvature, q + r, 0.0);
+  std::fill_n(result.complete, P, 0.0);
+  for (std::size_t c = 0; c < P; ++c) {
+    result.score[c] = reference[c] + mean[c];
+    for (std::size_t d = 0; d <= c; ++d) result.information[c * P + d] = mean[c] * mean[d] - cross[triangle(c) + d];
+  }
+  for (std::size_t j = 0; j < units; ++j) {
+    renew(j);
+    unitinformation(j, result);
+  }
+  for (std::size_t c = 0; c < P; ++c)
+    for (std::size_t d = 0; d < c; ++d) result.information[d * P + c] = result.information[c * P + d];
+  const double *wmean = work.moments.data() + atmean, *second = work.moments.data() + atsecond;
+  double *w = place.w.data() + at(records.k) * r, *C3 = place.C3.data() + at(records.k) * r * r;
+  for (std::size_t a = 0; a < r; ++a)
+    for (std::size_t b = 0; b <= a; ++b) C3[a * r + b] = C3[b * r + a] = second[triangle(a) + b] - wmean[a] * wmean[b];
+  for (std::size_t a = 0; a < r; ++a) w[a] += wmean[a];
+}
+
+}  // namespace
+
+bool makegrids(SphericalGrids& grids, int points, int q, int r) {
+  const double perdimension = -0.5 * std::log(M_PI);
+  grids.constant2 = q * perdimension;
+  grids.constant3 = r * perdimension;
+  if (points != 1) return makegrid(grids.level2, points, q) && makegrid(grids.level3, points, r);
+  const auto centre = [](NodeGrid& grid, int dims) {
+    grid.dims = dims;
+    grid.count = 1;
+    grid.x.reset(at(dims));
+    grid.weight.reset(1);
+    grid.weight[0] = std::pow(M_PI, 0.5 * dims);
+  };
+  centre(grids.level2, q);
+  centre(grids.level3, r);
+  return true;
+}
+
+void makeunitrows(const Frame& frame, const Level3Records& records, UnitRows& rows) {
+  const std::size_t npi = at(frame.npi), total = records.start[at(records.units)];
+  fit(rows.x, total * npi);
+  for (std::size_t i = 0; i < total; ++i) {
+    const double* x = records.x.data() + i * npi;
+    double* to = rows.x.data() + i * npi;
+    for (std::size_t c = 0; c < npi; ++c) {
+      double sum = 0.0;
+      for (std::size_t l = 0; l <= c; ++l) sum += x[l] * frame.toX[l * npi + c];
+      to[c] = sum;
+    }
+  }
+  if (frame.outcome == Family::poisson && !records.n.empty()) {
+    fit(rows.logn, padded(total));
+    std::copy_n(records.n.data(), total, rows.logn.data());
+    std::fill(rows.logn.data() + total, rows.logn.data() + padded(total), 1.0);
+    fastestquadratureloops().logarithms(rows.logn.data(), padded(total));
+  }
+}
+
+UnitOutcome unitoutcome(const Frame& frame, const Level3Records& records, const UnitRows& rows, std::size_t j) {
+  const std::size_t first = records.start[j], count = records.start[j + 1] - first;
+  const double* y = records.y.data() + first;
+  const double* n = records.n.empty() ? nullptr : records.n.data() + first;
+  if (frame.outcome == Family::poisson)
+    return n == nullptr ? UnitOutcome{RecordDensity::poisson, y, nullptr}
+                        : UnitOutcome{RecordDensity::exposure, y, rows.logn.data() + first};
+  if (frame.outcome == Family::binomial) return {RecordDensity::binomial, y, n};
+  // A share of successes is a binomial outcome of one trial.
+  const bool whole = std::all_of(y, y + count, [](double value) { return value == 0.0 || value == 1.0; });
+  return {whole ? RecordDensity::bernoulli : RecordDensity::binomial, y, nullptr};
+}
+
+bool integratespherical(const Frame& frame, const SphericalGrids& grids, const SphericalPoint& point,
+                        const Level3Records& records, Nodes& nodes, RecordSums& sums, SphericalWork& work,
+                        UnitSums& result) {
+  SphericalIntegral integral{frame, grids, point, records, nodes, sums, work};
+  return integral.integrate(result);
+}
+
+}  // namespace kdr

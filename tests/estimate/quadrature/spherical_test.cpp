@@ -1,0 +1,258 @@
+// The quadrature whose nodes go with the data: score and information against differences, estimates against dense
+// integrals that share nothing with the program.
+#include "estimate/quadrature/spherical.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "estimate/likelihood/madestudy.h"
+#include "estimate/quadrature/densecases.h"
+#include "estimate/quadrature/movingquadrature.h"
+#include "estimate/quadrature/onepoint.h"
+
+namespace {
+
+using namespace kdr;
+using namespace madestudy;
+using namespace densecases;
+
+SphericalLikelihood likelihoodof(Study& study, RecordSource& source, const Parameters& shape, int points) {
+  SphericalLikelihood likelihood =
+      makespherical(study.outcome.family, study.npi, study.nbeta, study.design, source, shape, false, false, 2);
+  EXPECT_TRUE(makegrids(likelihood.grids, points, study.q, study.r));
+  return likelihood;
+}
+
+TEST(Spherical, ScoreAndInformationAreDerivatives) {
+  std::vector<Case> all(std::begin(cases), std::end(cases));
+  all.push_back({"onerecord", bernoulli, 2, 1, 5});  // fewer records than columns
+  for (const Case& c : all) {
+    const bool one = c.name == std::string("onerecord");
+    const Parameters place = makeparameters(c.q, c.r, reference(one ? "bernoulli21" : c.name, "start"));
+    Study study = one ? makestudy(bernoulli, 2, 1, drawrecords(9, 6, 4, 1, place)) : readcase(c);
+    study.units.resize(6);
+    RecordSource source = study.source();
+    SphericalLikelihood likelihood = likelihoodof(study, source, place, 4);
+    Array<double> point = pointof(likelihood.frame, place);
+    for (std::size_t i = 0; i < point.size(); ++i) point[i] += 0.02 * static_cast<double>(i % 3 + 1);
+    Nodes nodes = makenodes(likelihood.frame);
+    ASSERT_TRUE(placemodes(likelihood, point, nodes, nullptr));
+    const auto evaluate = [&](const Array<double>& at) {
+      likelihood.trial.nodes = nodes.copy();
+      return evaluatespherical(likelihood, at);
+    };
+    const Evaluation centre = evaluate(point);
+    ASSERT_TRUE(centre.usable) << c.name;
+    const std::size_t P = point.size();
+    for (std::size_t i = 0; i < P; ++i) {
+      constexpr double h = 1e-5;
+      Array<double> up = point.copy(), down = point.copy();
+      up[i] += h;
+      down[i] -= h;
+      const Evaluation above = evaluate(up), below = evaluate(down);
+      const double slope = (above.value - below.value) / (2.0 * h);
+      EXPECT_NEAR(centre.score[i], slope, 1e-5 * std::max(1.0, std::fabs(slope))) << c.name << " " << i;
+      for (std::size_t l = 0; l < P; ++l) {
+        const double curvature = -(above.score[l] - below.score[l]) / (2.0 * h);
+        EXPECT_NEAR(centre.information[l * P + i], curvature, 2e-5 * std::max(1.0, std::fabs(curvature)))
+            << c.name << " " << l << " " << i;
+      }
+    }
+  }
+}
+
+TEST(Spherical, LaplaceGradientIsADerivative) {
+  for (const Case& c : cases) {
+    Study study = readcase(c);
+    study.units.resize(6);
+    const Parameters place = makeparameters(c.q, c.r, reference(c.name, "start"));
+    RecordSource source = study.source();
+    SphericalLikelihood likelihood = likelihoodof(study, source, place, 3);
+    const Array<double> point = pointof(likelihood.frame, place);
+    const Evaluation centre = evaluatelaplace(likelihood, point);
+    ASSERT_TRUE(centre.usable) << c.name;
+    for (std::size_t i = 0; i < point.size(); ++i) {
+      constexpr double h = 1e-4;
+      Array<double> up = point.copy(), down = point.copy();
+      up[i] += h;
+      down[i] -= h;
+      const double slope =
+          (evaluatelaplace(likelihood, up).value - evaluatelaplace(likelihood, down).value) / (2.0 * h);
+      EXPECT_NEAR(centre.score[i], slope, 1e-6 * std::max(1.0, std::fabs(slope))) << c.name << " " << i;
+    }
+  }
+}
+
+MovingResult fit(Study& study, const Parameters& start, int points, int threads = 2) {
+  RecordSource source = study.source();
+  MovingSettings settings;
+  settings.outcome = study.outcome.family;
+  settings.points = points;
+  settings.threads = threads;
+  return movingquadrature(settings, study.npi, study.nbeta, study.design, source, start, {});
+}
+
+TEST(MovingQuadrature, MaximaOfDenseIntegrals) {
+  for (const Case& c : cases) {
+    Study study = readcase(c);
+    const MovingResult result =
+        fit(study, makeparameters(c.q, c.r, reference(c.name, "start")), c.q + c.r > 3 ? 7 : 11);
+    ASSERT_EQ(result.end, MovingEnd::converged) << c.name;
+    EXPECT_TRUE(result.check.agrees && result.warnings.empty()) << c.name;
+    EXPECT_LE(result.iterations, 10) << c.name;
+    EXPECT_LT(result.distance, 0.001) << c.name;
+    const std::vector<double> estimates = reference(c.name, "estimate"), errors = reference(c.name, "se");
+    const std::vector<double> found = elements(result.parameters);
+    EXPECT_NEAR(result.loglikelihood, reference(c.name, "maximum")[0], 0.002) << c.name;
+    for (std::size_t i = 0; i < found.size(); ++i) {
+      EXPECT_NEAR(found[i], estimates[i], 0.01 * errors[i]) << c.name << " " << i;
+      EXPECT_NEAR(std::sqrt(result.covariance[i * found.size() + i]), errors[i], 0.01 * errors[i])
+          << c.name << " " << i;
+    }
+  }
+}
+
+std::vector<double> numbersof(const MovingResult& result) {
+  std::vector<double> all = elements(result.parameters);
+  all.insert(all.end(), {result.loglikelihood, result.distance, result.check.change, result.check.errorchange});
+  all.insert(all.end(), result.covariance.begin(), result.covariance.end());
+  return all;
+}
+
+TEST(MovingQuadrature, TheSameBytesForAnyNumberOfThreads) {
+  for (const int points : {1, 5}) {
+    const auto bytes = [points](int threads, std::size_t batchsize) {
+      Study study = readcase(cases[1]);
+      study.batchsize = batchsize;
+      return numbersof(fit(study, makeparameters(2, 1, reference("bernoulli21", "start")), points, threads));
+    };
+    const std::vector<double> one = bytes(1, 5);
+    EXPECT_EQ(one, bytes(2, 5)) << points;
+    EXPECT_EQ(one, bytes(3, 7)) << points;
+  }
+}
+
+// Another unit and another origin of the predictor with a random slope, in units of standard errors.
+TEST(MovingQuadrature, PredictorsOfAnyUnitAndOrigin) {
+  const Case& c = cases[2];
+  const std::vector<double> theta = reference(c.name, "start");
+  Study plain = readcase(c);
+  const MovingResult wanted = fit(plain, makeparameters(2, 2, theta), 5);
+  ASSERT_EQ(wanted.end, MovingEnd::converged);
+  for (const double scale : {1e-6, 1e6})
+    for (const double origin : {0.0, 100.0}) {
+      std::vector<Record> records = readrecords(folder + c.name + ".dat");
+      for (Record& record : records) record.x = scale * (record.x + origin);
+      Study study = makestudy(c.outcome, 2, 2, records);
+      // u0 + u1 x = (u0 - origin u1) + u1 / scale (scale (x + origin))
+      const auto moved = [&](std::size_t first, std::vector<double>& to) {
+        const double a = theta[first], b = theta[first + 1], d = theta[first + 2];
+        to[first] = a - 2.0 * origin * b + origin * origin * d;
+        to[first + 1] = (b - origin * d) / scale;
+        to[first + 2] = d / (scale * scale);
+      };
+      std::vector<double> start = theta;
+      moved(0, start);
+      moved(3, start);
+      start[6] -= origin * theta[9];
+      start[9] /= scale;
+      const MovingResult result = fit(study, makeparameters(2, 2, start), 5);
+      ASSERT_EQ(result.end, MovingEnd::converged) << scale << " " << origin;
+      EXPECT_NEAR(result.loglikelihood, wanted.loglikelihood, 1e-7);
+      const std::size_t P = result.parameters.count();
+      const double factors[] = {scale * scale, scale};  // of the slope's variance, and of its fixed effect
+      const std::size_t places[] = {2, 9};
+      for (int i = 0; i < 2; ++i) {
+        const std::size_t at = places[i];
+        EXPECT_NEAR(elements(result.parameters)[at] * factors[i] / elements(wanted.parameters)[at], 1.0, 1e-6);
+        EXPECT_NEAR(std::sqrt(result.covariance[at * P + at]) * factors[i] / std::sqrt(wanted.covariance[at * P + at]),
+                    1.0, 1e-6);
+      }
+    }
+}
+
+// Log-likelihood without effects.
+double plain(const Study& study, const Array<double>& gamma) {
+  double sum = 0.0;
+  for (const Level3Records& unit : study.units)
+    for (int j = 0; j < unit.units; ++j)
+      for (std::size_t i = unit.start[at(j)]; i < unit.start[at(j) + 1]; ++i) {
+        const double eta =
+            gamma[0] + gamma[1] * unit.w3[1] + gamma[2] * unit.w2[at(j) * 3 + 1] + gamma[3] * unit.x[2 * i + 1];
+        sum += unit.y[i] * eta - std::log1p(std::exp(eta));
+      }
+  return sum;
+}
+
+// Variances of 0 at one level or both: the same from starts on either side, no standard error for what is at its edge,
+// and the log-likelihood of the model without it, which no nested model exceeds.
+TEST(MovingQuadrature, VariancesOfZero) {
+  int edges2 = 0, edges3 = 0, both = 0;
+  for (unsigned seed = 1; seed <= 12; ++seed) {
+    const Parameters truth = makeparameters(1, 1, {1e-9, 1e-9, 0.2, 0.3, -0.3, 0.5});
+    Study study = makestudy(bernoulli, 1, 1, drawrecords(seed, 12, 4, 5, truth));
+    std::vector<double> heights;
+    MovingResult last;
+    for (const double start : {0.0, 1e-6, 0.3, 4.0}) {
+      last = fit(study, makeparameters(1, 1, {start, start, 0.0, 0.0, 0.0, 0.0}), 7);
+      ASSERT_EQ(last.end, MovingEnd::converged) << seed << " " << start;
+      EXPECT_TRUE(last.warnings.empty()) << seed << " " << last.warnings[0];
+      heights.push_back(last.loglikelihood);
+      EXPECT_EQ(last.edge[0], last.parameters.taupi[0] == 0.0);
+      EXPECT_EQ(last.edge[1], last.parameters.taubeta[0] == 0.0);
+      EXPECT_EQ(last.edge[0], last.covariance[0] == 0.0);
+      for (std::size_t i = 2; i < 6; ++i) EXPECT_GT(last.covariance[i * 7], 0.0);
+    }
+    for (const double height : heights) EXPECT_NEAR(height, heights[0], 1e-4) << seed;
+    edges2 += last.edge[0] && !last.edge[1];
+    edges3 += last.edge[1] && !last.edge[0];
+    if (!last.edge[0] || !last.edge[1]) continue;
+    ++both;
+    EXPECT_NEAR(last.loglikelihood, plain(study, last.parameters.gamma), 1e-6) << seed;
+  }
+  EXPECT_TRUE(edges2 > 0 && edges3 > 0 && both > 0) << edges2 << edges3 << both;
+}
+
+// Slopes that go with the intercepts wholly, and slopes that don't vary.
+TEST(MovingQuadrature, SingularMatrices) {
+  int singular = 0;
+  for (unsigned seed = 1; seed <= 6; ++seed) {
+    const Parameters truth = makeparameters(2, 1, {0.64, 0.479999, 0.36, 0.3, 0.2, 0.3, -0.3, 0.5});
+    Study study = makestudy(bernoulli, 2, 1, drawrecords(100 + seed, 15, 4, 8, truth));
+    std::vector<double> heights;
+    for (const double start : {0.01, 0.5, 3.0}) {
+      const MovingResult result = fit(study, makeparameters(2, 1, {start, 0.0, start, start, 0.0, 0.0, 0.0, 0.0}), 7);
+      ASSERT_EQ(result.end, MovingEnd::converged) << seed << " " << start;
+      heights.push_back(result.loglikelihood);
+      singular += result.singularpi;
+      if (result.singularpi && result.parameters.taupi[0] > 0.0) {
+        EXPECT_NEAR(result.parameters.taupi[1] * result.parameters.taupi[1] /
+                        (result.parameters.taupi[0] * result.parameters.taupi[3]),
+                    1.0, 1e-9);
+      }
+    }
+    for (const double height : heights) EXPECT_NEAR(height, heights[0], 2e-4) << seed;
+  }
+  EXPECT_GT(singular, 3);
+}
+
+// One record a level-2 unit and all outcomes alike in each level-3 unit: the likelihood rises with a variance for ever.
+TEST(MovingQuadrature, NoMaximumAndTooManyNodes) {
+  std::vector<Record> records;
+  for (int k = 0; k < 20; ++k)
+    for (int j = 0; j < 6; ++j)
+      for (int i = 0; i < 4; ++i)
+        records.push_back({k, j, k % 2 == 0 ? 1.0 : 0.0, 1.0, 0.1 * (i + k % 3), 0.1 * (j % 3), 0.1 * (k % 5)});
+  Study study = makestudy(bernoulli, 1, 1, records);
+  const MovingResult result = fit(study, makeparameters(1, 1, {0.5, 0.5, 0.0, 0.0, 0.0, 0.0}), 7);
+  EXPECT_NE(result.end, MovingEnd::converged);
+  EXPECT_FALSE(result.warnings.empty());
+
+  Study many = readcase(cases[2]);
+  const MovingResult none = fit(many, makeparameters(2, 2, reference("bernoulli22", "start")), 41);
+  EXPECT_EQ(none.end, MovingEnd::toomanynodes);
+  EXPECT_FALSE(none.usable);
+}
+
+}  // namespace

@@ -1,0 +1,325 @@
+#!/usr/bin/env python3
+"""Random studies for the quadrature whose nodes go with the data, against integrals that share nothing with the program.
+
+Each study is drawn anew: 5 to 40 level-3 units, level-2 units of 1 to 30 records, a binary, binomial or count outcome, or
+counts with exposure; one or two random effects a level, taus from 0 to 9, predictors in units from 1e-6 to 1e6, rare and
+common outcomes. The oracle integrates in the effects A z, B w with inner nodes around the mode of each integrand for its own
+w and outer nodes around posterior moments; its score is that of the same sums, its information comes from differences of
+the score. At the program's estimates it says how far the log-likelihood is off, how far a Newton step would go in standard
+errors, and what the standard errors are.
+
+  movingstudies.py PROGRAM FIRST LAST [POINTS]     POINTS: AUTO, if not given
+"""
+import json
+import os
+import pathlib
+import subprocess
+import sys
+import tempfile
+import time
+import numpy as np
+from scipy.special import gammaln, logsumexp
+
+sys.path.insert(0, str(pathlib.Path(__file__).parent.parent / "endtoend"))
+from program import NOFEATURES, NOFILES, run, template
+
+TEMPLATE = template("s.mdm", ("s1.dat", "s2.dat", "s3.dat"), ("(2A4,4F24.12)", "(2A4,F24.12)", "(A4,F24.12)"),
+                    (["Y", "N", "X1", "X2"], ["W"], ["Z"]))
+
+
+def study(seed):
+    """Records as arrays, and the model that drew them."""
+    rng = np.random.default_rng(seed)
+    outcome = rng.choice(["bernoulli", "bernoulli", "binomial", "poisson", "exposure"])
+    q, r = [(1, 1), (1, 1), (1, 1), (2, 1), (1, 2), (2, 2)][rng.integers(6)]
+    K = int(rng.integers(5, 41)) if q + r < 4 else int(rng.integers(8, 21))
+    most, units = int(rng.choice([3, 8, 30])), int(rng.choice([3, 6]))
+    sd = lambda n: np.sqrt(rng.choice([0, 0.05, 0.3, 1, 9 if outcome in ("bernoulli", "binomial") else 1], size=n, p=[0.1, 0.2, 0.3, 0.3, 0.1]))
+    su, sv = sd(q), sd(r)
+    ru, rv = rng.uniform(-0.9, 0.9, 2)
+    scale, origin = 10.0 ** rng.integers(-6, 7, size=2) if rng.random() < 0.6 else np.ones(2), rng.choice([0, 0, 3], size=2)
+    constant = rng.choice([-3, -1, 0, 0.5] if outcome in ("bernoulli", "binomial") else [-2, 0, 1, 3])
+    trials = int(rng.choice([5, 20, 200]))
+    lines = []
+    def pair(s, rho):
+        a = rng.normal(size=2)
+        return np.append(s, 0)[:2] * np.array([a[0], rho * a[0] + np.sqrt(1 - rho * rho) * a[1]])
+    for k in range(K):
+        z, v = rng.normal(), pair(sv, rv)
+        for j in range(int(rng.integers(1, units + 1))):
+            w, u = rng.normal(), pair(su, ru)
+            for _ in range(int(rng.integers(1, most + 1))):
+                x = rng.normal(size=2)
+                eta = constant + 0.3 * z + 0.3 * w + (0.4 + v[1] + u[1]) * x[0] - 0.3 * x[1] + v[0] + u[0]
+                n = {"binomial": float(rng.integers(1, trials + 1)), "exposure": round(rng.uniform(0.2, 4), 3)}.get(outcome, 1.0)
+                mu = 1 / (1 + np.exp(-eta))
+                y = rng.binomial(int(n), mu) if outcome in ("bernoulli", "binomial") else rng.poisson(n * np.exp(min(eta, 8)))
+                lines.append((k, j, y, n, *(scale * (x + origin)), w, z))
+    return outcome, q, r, np.array([l for l in lines])
+
+
+def cell(x):
+    text = "%24.12f" % x if abs(x) >= 1e-2 or x == 0 else "%24.17f" % x
+    assert len(text) == 24, text
+    return text
+
+
+def write(folder, outcome, q, r, rows, points):
+    text = {1: "", 2: "", 3: ""}
+    seen = set()
+    for k, j, y, n, x1, x2, w, z in rows:
+        ids = "%4d" % k, "%4d" % j
+        text[1] += ids[0] + ids[1] + "".join(map(cell, (y, n, x1, x2))) + "\n"
+        if (k, j) not in seen:
+            text[2] += ids[0] + ids[1] + cell(w) + "\n"
+        if k not in seen:
+            text[3] += ids[0] + cell(z) + "\n"
+        seen |= {k, (k, j)}
+    for level in text:
+        with open(f"{folder}/s{level}.dat", "w") as file:
+            file.write(text[level])
+    kind = {"bernoulli": "BERNOULLI", "binomial": "BINOMIAL,N", "poisson": "POISSON", "exposure": "POISSON,N"}[outcome]
+    with open(f"{folder}/s.mdmt", "w") as file:
+        file.write(TEMPLATE)
+    with open(f"{folder}/s.kdr", "w") as file:
+        file.write(f"NONLIN:{kind}\nMACROIT:100,N\nMICROIT:200\nAGQ:Y,100,{points}\nLEVEL1:Y=INTRCPT1+X1+X2+RANDOM\n"
+                   "LEVEL2:INTRCPT1=INTRCPT2+W+RANDOM/\nLEVEL3:INTRCPT2=INTRCPT3+Z+RANDOM/\nLEVEL3:W=INTRCPT3/\n"
+                   f"LEVEL2:X1=INTRCPT2{'+RANDOM' if q == 2 else ''}/\nLEVEL3:INTRCPT2=INTRCPT3{'+RANDOM' if r == 2 else ''}/\n"
+                   "LEVEL2:X2=INTRCPT2/\nLEVEL3:INTRCPT2=INTRCPT3/\nTITLE:s\nOUTPUT:s.txt\nFULLOUTPUT:N\n" + NOFILES + NOFEATURES)
+
+
+def pairs(n):
+    return [(a, b) for a in range(n) for b in range(a + 1)]
+
+
+def semifactor(T):
+    L = np.zeros_like(T)
+    for c in range(len(T)):
+        pivot = T[c, c] - L[c, :c] @ L[c, :c]
+        if pivot <= 1e-9 * max(T[c, c], 1e-300) or pivot <= 0:
+            continue
+        L[c, c] = np.sqrt(pivot)
+        for i in range(c + 1, len(T)):
+            L[i, c] = (T[i, c] - L[i, :c] @ L[c, :c]) / L[c, c]
+    return L
+
+
+class Oracle:
+    def __init__(self, outcome, q, r, rows, points2, points3):
+        self.outcome, self.q, self.r = outcome, q, r
+        keys = [(int(a), int(b)) for a, b in rows[:, :2]]
+        units = list(dict.fromkeys(keys))
+        place = {key: i for i, key in enumerate(units)}
+        j = np.array([place[key] for key in keys])
+        m = np.bincount(j).max()
+        within = np.zeros(len(j), int)
+        count = {}
+        for i, unit in enumerate(j):
+            within[i] = count.get(unit, 0)
+            count[unit] = within[i] + 1
+        one = np.ones((len(rows), 1))
+        self.scales = np.sqrt(np.mean(rows[:, 4:6] ** 2, axis=0))
+        x = rows[:, 4:6] / self.scales
+        xg = np.hstack([one, rows[:, 7:8], rows[:, 6:7], x])
+        both = np.hstack([one, x[:, :1]])
+        def spread(values):
+            out = np.zeros((len(units), m) + values.shape[1:])
+            out[j, within] = values
+            return out
+        self.y, self.n, self.used = spread(rows[:, 2]), spread(rows[:, 3]), spread(one[:, 0])
+        self.xg, self.d, self.e = spread(xg), spread(both[:, :q]), spread(both[:, :r])
+        thirds = list(dict.fromkeys(u[0] for u in units))
+        self.k = np.array([thirds.index(u[0]) for u in units])
+        self.K, self.g = len(thirds), 5
+        y, n = rows[:, 2], rows[:, 3]
+        self.constant = (np.sum(gammaln(n + 1) - gammaln(y + 1) - gammaln(n - y + 1)) if outcome == "binomial" else
+                         -np.sum(gammaln(y + 1)) if outcome in ("poisson", "exposure") else 0.0)
+        self.logn = np.log(np.where(self.used > 0, self.n, 1))
+        def grid(points, dims):
+            x, w = np.polynomial.hermite_e.hermegauss(points)
+            nodes = np.stack(np.meshgrid(*[x] * dims, indexing="ij"), -1).reshape(-1, dims)
+            logw = sum(np.meshgrid(*[np.log(w) - 0.5 * np.log(2 * np.pi) + x * x / 2] * dims, indexing="ij")).reshape(-1)
+            return nodes, logw
+        self.inner, self.outer = grid(points2, q), grid(points3, r)
+        self.w, self.C = np.zeros((self.K, r)), np.tile(np.eye(r), (self.K, 1, 1))
+
+    def density(self, eta, y, n, used, logn):
+        if self.outcome in ("bernoulli", "binomial"):
+            n = n * used if self.outcome == "binomial" else used
+            mu = 1 / (1 + np.exp(-np.clip(eta, -700, 700)))
+            return y * eta - n * np.logaddexp(0, eta), y - n * mu, n * mu * (1 - mu)
+        t = eta + (logn if self.outcome == "exposure" else 0.0)
+        mu = np.exp(np.minimum(t, 300)) * used
+        return y * t * used - mu, (y - mu) * used, mu
+
+    def matrices(self, theta):
+        def fill(values, n):
+            A = np.zeros((n, n))
+            for (a, b), value in zip(pairs(n), values):
+                A[a, b] = value
+            return A
+        P2, P3 = len(pairs(self.q)), len(pairs(self.r))
+        return fill(theta[:P2], self.q), fill(theta[P2:P2 + P3], self.r), theta[P2 + P3:]
+
+    def once(self, theta, score):
+        A, B, g = self.matrices(theta)
+        L3 = np.linalg.cholesky(self.C)
+        W = self.w[:, None, :] + np.einsum("kab,xb->kxa", L3, self.outer[0])
+        Wj = W[self.k]
+        dA, eB = self.d @ A, self.e @ B
+        f = (self.xg @ g)[:, None, :] + np.einsum("jmb,jvb->jvm", eB, Wj)
+        y, n, used, logn = (a[:, None, :] for a in (self.y, self.n, self.used, self.logn))
+        def objective(z):
+            l, s, w = self.density(f + np.einsum("jma,jva->jvm", dA, z), y, n, used, logn)
+            return l.sum(-1) - 0.5 * (z * z).sum(-1), s, w
+        z = np.zeros(f.shape[:2] + (self.q,))
+        value, s, w = objective(z)
+        eye = np.eye(self.q)
+        for _ in range(100):
+            H = np.einsum("jvm,jma,jmb->jvab", w, dA, dA) + eye
+            step = np.linalg.solve(H, (np.einsum("jvm,jma->jva", s, dA) - z)[..., None])[..., 0]
+            scale = np.ones(f.shape[:2])
+            for _ in range(40):
+                trial = z + scale[..., None] * step
+                new, s, w = objective(trial)
+                worse = new < value - 1e-10 * (1 + np.abs(value))
+                if not worse.any():
+                    break
+                scale = np.where(worse, scale / 2, scale)
+            z, value = trial, new
+            if np.abs(step).max() < 1e-5:
+                break
+        H = np.einsum("jvm,jma,jmb->jvab", w, dA, dA) + eye
+        L = np.linalg.cholesky(np.linalg.inv(H))
+        total = np.zeros(f.shape[:2])
+        hz = np.zeros(f.shape[:2] + (self.q, self.q))
+        rbar = np.zeros(f.shape)
+        for x0, w0 in zip(*self.inner):
+            zx = z + np.einsum("jvab,b->jva", L, x0)
+            l, s, _ = objective(zx)
+            p = np.exp(l - value + w0)
+            total += p
+            if score:
+                hz += p[..., None, None] * np.einsum("jvm,jma,jvb->jvab", s, self.d, zx)
+                rbar += p[..., None] * s
+        logs = value + np.log(total) + np.log(np.einsum("jvaa->jva", L)).sum(-1)
+        h = np.zeros(W.shape[:2])
+        np.add.at(h, self.k, logs)
+        h += self.outer[1] - 0.5 * (W * W).sum(-1) + np.log(np.einsum("kaa->ka", L3)).sum(-1)[:, None]
+        unit = logsumexp(h, axis=1)
+        weight = np.exp(h - unit[:, None])
+        mean = np.einsum("kv,kva->ka", weight, W)
+        centred = W - mean[:, None, :]
+        C = np.einsum("kv,kva,kvb->kab", weight, centred, centred)
+        result = None
+        if score:
+            wj = weight[self.k] / total
+            SA = np.einsum("jv,jvab->ab", wj, hz)
+            rb = wj[..., None] * rbar
+            SB = np.einsum("jvm,jma,jvb->ab", rb, self.e, Wj)
+            Sg = np.einsum("jvm,jmc->c", rb, self.xg)
+            result = np.concatenate([[SA[a, b] for a, b in pairs(self.q)], [SB[a, b] for a, b in pairs(self.r)], Sg])
+        return unit.sum() + self.constant, result, mean, C
+
+    def settle(self, theta):
+        """Outer nodes around posterior moments."""
+        for _ in range(40):
+            _, _, mean, C = self.once(theta, False)
+            C = C + 0.02 * self.C  # few nodes may see nothing of an integrand's width
+            moved = max(np.max(np.abs(mean - self.w) ** 2 / np.einsum("kaa->ka", C)), np.max(np.abs(np.linalg.solve(C, self.C) - np.eye(self.r))))
+            self.w, self.C = mean, C
+            if moved < 0.03:
+                break
+
+    def judge(self, Tp, Tb, gamma):
+        """Log-likelihood; Newton step and standard errors of (vech Tp, vech Tb, gamma), NaN for what has none."""
+        D = np.diag(np.append(1, self.scales[0])[:self.q]), np.diag(np.append(1, self.scales[0])[:self.r])
+        A, B = semifactor(D[0] @ Tp @ D[0]), semifactor(D[1] @ Tb @ D[1])
+        G = np.array([1, 1, 1, *(1 / self.scales)])
+        theta = np.concatenate([[A[a, b] for a, b in pairs(self.q)], [B[a, b] for a, b in pairs(self.r)], gamma / G])
+        self.settle(theta)
+        value, score, _, _ = self.once(theta, True)
+        P2, P3 = len(pairs(self.q)), len(pairs(self.r))
+        free = [i for i in range(len(theta)) if i >= P2 + P3 or
+                np.any((A if i < P2 else B)[:, (pairs(self.q) + pairs(self.r))[i][1]] != 0)]
+        H = np.zeros((len(free), len(free)))
+        for c, i in enumerate(free):
+            step = 1e-3 * max(1.0, abs(theta[i])) if i < P2 + P3 else 1e-3
+            up, down = theta.copy(), theta.copy()
+            up[i] += step
+            down[i] -= step
+            H[:, c] = (self.once(down, True)[1][free] - self.once(up, True)[1][free]) / (2 * step)
+        V = np.linalg.inv((H + H.T) / 2)
+        def parameters(theta):
+            A, B, g = self.matrices(theta)
+            inverse = [np.linalg.inv(d) for d in D]
+            Tp, Tb = inverse[0] @ A @ A.T @ inverse[0], inverse[1] @ B @ B.T @ inverse[1]
+            return np.concatenate([[Tp[a, b] for a, b in pairs(self.q)], [Tb[a, b] for a, b in pairs(self.r)], g * G])
+        J = np.zeros((len(theta), len(free)))
+        for c, i in enumerate(free):
+            e = np.zeros(len(theta))
+            e[i] = 1e-5
+            J[:, c] = (parameters(theta + e) - parameters(theta - e)) / 2e-5
+        variance = np.diag(J @ V @ J.T)
+        se = np.sqrt(np.where(variance > 0, variance, np.nan))
+        least = np.linalg.eigvalsh((H + H.T) / 2).min()
+        return value, J @ V @ score[free], se, least
+
+
+def one(program, seed, points):
+    outcome, q, r, rows = study(seed)
+    here = f"{seed:4d} {outcome:9s} q {q} r {r} K {len(set(rows[:, 0])):2d} n {len(rows):4d}: "
+    with tempfile.TemporaryDirectory() as folder:
+        write(folder, outcome, q, r, rows, points)
+        code, said = run(program, folder, "-r", "s.mdmt")
+        if code:
+            return here + "no MDM file", "no data"
+        began = time.time()
+        code, said = run(program, folder, "-results", "s.json", "s.mdm", "s.kdr")
+        seconds = time.time() - began
+        if code:
+            return here + f"code {code}: {said.strip().splitlines()[-1][:80]}", "pql failed"
+        with open(f"{folder}/s.json") as file:
+            document = json.load(file)
+    phases = {p["phase"]: p for p in document["phases"]}
+    if "quadrature" not in phases:
+        return here + "no results: " + " | ".join(document["warnings"])[:150], "said so" if document["warnings"] else "SILENT"
+    p = phases["quadrature"]
+    lower = lambda t: [t[a][b] for a, b in pairs(len(t))]
+    gamma = [row["estimate"] for row in p["fixed_effects"]]
+    se = np.array([np.nan if x is None else x for x in lower(p["tau_pi"]["standard_error"]) + lower(p["tau_beta"]["standard_error"]) +
+                   [row["model_based"]["standard_error"] if row["model_based"] else None for row in p["fixed_effects"]]], float)
+    # The order of the document: X1 stands behind the intercept's W.
+    oracle = Oracle(outcome, q, r, rows, *((31, 31) if q + r == 2 else (15, 13) if q + r == 3 else (9, 7)))
+    value, step, right, least = oracle.judge(np.array(p["tau_pi"]["estimate"]), np.array(p["tau_beta"]["estimate"]), np.array(gamma))
+    gap = abs(value - p["marginal_log_likelihood"])
+    far = np.nanmax(np.abs(step) / right)
+    both = ~np.isnan(se) & ~np.isnan(right)
+    off = np.max(np.abs(se[both] / right[both] - 1))
+    missing = int(np.sum(np.isnan(se) != np.isnan(right)))
+    edge = any(sum(p["tau_pi"]["at_edge"] + p["tau_beta"]["at_edge"], []))
+    warnings = [w for w in p["warnings"] + document["warnings"] if "macro" not in w]
+    fine = gap < 0.01 and far < 0.02 and off < 0.02 and least > 0 and not missing
+    verdict = "right" if fine and not warnings else "right, warned" if fine else "said so" if warnings else "MISS"
+    return (here + f"{p['points']:2d} points, {p['iterations']:2d} iterations, {seconds:.1f} s, taus {np.diag(p['tau_pi']['estimate'])} "
+            f"{np.diag(p['tau_beta']['estimate'])}, gap {gap:.5f}, {far:.4f} se, errors {100 * off:.2f}%"
+            + (", edge" if edge else "") + (f", {missing} differ" if missing else "") + "".join("\n     " + w for w in warnings)), verdict
+
+
+def main(program, first, last, points="AUTO"):
+    verdicts = []
+    for seed in range(int(first), int(last) + 1):
+        try:
+            line, verdict = one(os.path.abspath(program), seed, points)
+        except np.linalg.LinAlgError as error:
+            line, verdict = f"{seed:4d} oracle: {error}", "no oracle"
+        except subprocess.TimeoutExpired:
+            line, verdict = f"{seed:4d}", "more than 300 s"
+        verdicts.append(verdict)
+        print(f"{line} -> {verdict}", flush=True)
+    print(f"{len(verdicts)} studies:", ", ".join(f"{verdicts.count(v)} {v}" for v in sorted(set(verdicts))))
+
+
+if __name__ == "__main__":
+    np.set_printoptions(precision=4, suppress=True)
+    main(*sys.argv[1:])
