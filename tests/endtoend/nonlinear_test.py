@@ -145,7 +145,7 @@ def fewpoints(program, holder):
             with open(holder.name + '/deaths.kdr') as f:
                 text = f.read()
             with open(holder.name + '/points.kdr', 'w') as f:
-                f.write(text + 'OUTPUT:points.txt\nRESULTS:points.json\nAGQ:Y,100,%d\n' % points)
+                f.write(text + 'OUTPUT:points.txt\nRESULTS:points.json\nAGQ:Y,100,%d\nAGQNODES:FIXED\n' % points)
             code, said = pql.run(program, holder.name, 'melanoma.mdm', 'points.kdr')
             c.equal('code', code, 0)
             told = [said] + [open(holder.name + '/points.' + end).read() for end in ('txt', 'json')]
