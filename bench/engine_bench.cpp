@@ -6,7 +6,6 @@
 #include <random>
 
 #include "driver/runrecord.h"
-#include "estimate/linear/emstep.h"
 #include "estimate/linear/fisher.h"
 #include "estimate/linear/posterior.h"
 
@@ -126,7 +125,7 @@ void scoringstep(benchmark::State& state) {
   makefisher(pass, fisher);
   Likelihood likelihood{0, 0};
   for (auto _ : state)
-    if (!fisherfull(pass, fisher, likelihood, true)) state.SkipWithError("information");
+    if (!fisherfull(pass, fisher, likelihood, Scoring::asks)) state.SkipWithError("information");
   counters(state, scoringproducts(p, b));
 }
 

@@ -6,6 +6,7 @@
 #include "driver/failures.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
+#include "estimate/inference/settled.h"
 #include "estimate/linear/exploratory.h"
 #include "estimate/linear/inference.h"
 #include "estimate/linear/linearrun.h"

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -12,6 +13,7 @@
 #include "driver/failures.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
+#include "estimate/inference/settled.h"
 #include "estimate/linear/exploratory.h"
 #include "estimate/quasi/categoryloop.h"
 #include "estimate/quasi/macroloop.h"
@@ -155,7 +157,7 @@ void enginefiles(const ChainPass& pass) {
   }
 }
 
-// A name in the words of a report in HTML.
+// The words may hold a name of the user's: it must not talk to a report in HTML.
 void tellfailure(Failure failure) {
   if (!failure) return;
   std::string words;

@@ -11,11 +11,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "command/text.h"
 #include "construct/onefile.h"
 #include "construct/template.h"
+#include "core/numbers.h"
 #include "data/scratch.h"
 #include "driver/failures.h"
 #include "driver/questions.h"
@@ -25,6 +28,32 @@
 namespace kdr {
 
 namespace {
+
+constexpr const char* help =
+    "usage: kdr3 [options] [mdm file] [command file]\n"
+    "\n"
+    "Estimates the model of the command file from the data of the MDM file; - is a command file on standard input.\n"
+    "Without files the program asks. Options may stand before and behind the files.\n"
+    "\n"
+    "  -r FILE          a template (.mdmt): make an MDM file; another file: answers to the questions\n"
+    "  -from FILE -level3 COLUMN -level2 COLUMN\n"
+    "                   make an MDM file from one long file\n"
+    "  -level1 NAMES    with -from: variables that stay at level 1 though they do not vary within units\n"
+    "  -missing CODES   with -from: these numbers stand for missing values, as in -missing -9,999\n"
+    "  -q               end at once\n"
+    "  -nowait          end when the next second begins\n"
+    "  -w               end after a pause of some seconds\n"
+    "  -results FILE    write the results as a document (.json) or a table (.csv)\n"
+    "  -strict          stop at what the command file says in vain (code 8 or 100); code 20 when not converged\n"
+    "  -i 1             keep the data in memory\n"
+    "  -t N             threads of the maximum-likelihood engines\n"
+    "  -p low, -p high  priority of the process\n"
+    "  -mi K, -e        data set K of a multiple imputation; -e: the last one; -e alone: average the series\n"
+    "  -v               print the version and go on\n"
+    "  -h, --help       print this list\n"
+    "  --version        print the version\n";
+
+[[noreturn]] void usageerror(const std::string& words) { stopwith("%s\n%s", words.c_str(), help); }
 
 // Sets the process's niceness: idle priority for 'l', high for 'h'. A refusal by the system is no error.
 void setpriority(int kind) {
@@ -50,28 +79,32 @@ void responsefile(const char* path, Options& options) {
     std::rewind(stdin);
 }
 
-// -mi<k>
-void imputation(const char* argument) {
-  if (std::tolower(static_cast<unsigned char>(argument[0])) != 'i') return;
-  constexpr long most = sizeof run.series.mistatus - 1;
-  const long k = std::strtol(argument + 1, nullptr, 10);
-  if (k < 0 || k > most) stopwith("The index of a data set behind -mi must lie within 0 and %ld.\n", most);
+// -mi<k>: what stands behind the "i", or the word behind it.
+void imputation(const std::string& index) {
+  constexpr int most = sizeof run.series.mistatus - 1;
+  const std::optional<int> k = wholeof(index);
+  if (!k || *k < 0 || *k > most)
+    stopwith("The index of a data set behind -mi must lie within 0 and %d. It cannot be %s\n", most, index.c_str());
   run.series.mimode = true;
-  run.series.miindex = static_cast<int>(k);
-  if (k == 0) {
+  run.series.miindex = *k;
+  if (*k == 0) {
     run.series.mifirst = true;
     std::memset(run.series.mistatus, 0, sizeof run.series.mistatus);
   }
 }
 
-void takeoption(char letter, const char* argument, Options& options) {
+// Threads beyond this number are a slip of the hand.
+constexpr int mostthreads = 1024;
+
+void takeoption(char letter, const std::string& argument, Options& options) {
   switch (letter) {
     case 'p':
-      if (std::tolower(static_cast<unsigned char>(argument[0])) == 'l') setpriority(1);
-      if (std::tolower(static_cast<unsigned char>(argument[0])) == 'h') setpriority(2);
+      if (!beginswith("low", argument) && !beginswith("high", argument))
+        stopwith("-p takes low or high. It cannot be %s\n", argument.c_str());
+      setpriority(beginswith("low", argument) ? 1 : 2);
       break;
     case 'r':
-      responsefile(argument, options);
+      responsefile(argument.c_str(), options);
       break;
     case 'v':
       std::printf("%s version %s\n\n", module, version);
@@ -83,16 +116,20 @@ void takeoption(char letter, const char* argument, Options& options) {
       run.id.waitseconds = -1;
       break;
     case 'n':
-      if (strncasecmp(argument, "owait", 5) == 0) run.id.waitseconds = 0;
+      if (!sameword(argument, "owait")) usageerror("illegal option -- n" + argument);
+      run.id.waitseconds = 0;
       break;
     case 'i':
-      run.id.inmemory = argument[0] != '0';
+      if (argument != "0" && argument != "1") stopwith("-i takes 0 or 1. It cannot be %s\n", argument.c_str());
+      run.id.inmemory = argument == "1";
       break;
     case 't':
-      run.id.threads = std::max(0, std::atoi(argument));
+      run.id.threads = wholeof(argument).value_or(0);
+      if (run.id.threads < 1 || run.id.threads > mostthreads)
+        stopwith("-t takes a number of threads from 1 to %d. It cannot be %s\n", mostthreads, argument.c_str());
       break;
     case 'm':
-      imputation(argument);
+      imputation(argument.substr(1));
       break;
     default:  // 'e'
       run.series.milast = true;
@@ -100,39 +137,11 @@ void takeoption(char letter, const char* argument, Options& options) {
   }
 }
 
-[[noreturn]] void usage(const char* program) {
-  stopwith("usage: %s [-p priority] [-r respfile] [-v] [-w] [-nowait] [mdm file] [command file]\n", program);
-}
-
-constexpr const char* help =
-    "usage: kdr3 [options] [mdm file] [command file]\n"
-    "\n"
-    "Estimates the model of the command file from the data of the MDM file; - is a command file on standard input.\n"
-    "Without files the program asks. Options may stand before and behind the files.\n"
-    "\n"
-    "  -r FILE          a template (.mdmt): make an MDM file; another file: answers to the questions\n"
-    "  -from FILE -level3 COLUMN -level2 COLUMN\n"
-    "                   make an MDM file from one long file\n"
-    "  -level1 NAMES    with -from: variables that stay at level 1 though they do not vary within units\n"
-    "  -missing CODES   with -from: these numbers stand for missing values, as in -missing -9,999\n"
-    "  -q               end at once\n"
-    "  -nowait          end when the next second begins\n"
-    "  -w               end after a pause of some seconds\n"
-    "  -results FILE    write the results as a document (.json) or a table (.csv)\n"
-    "  -strict          stop at an unknown keyword (code 8) or a lost equation (100); code 20 when not converged\n"
-    "  -i 1             keep the data in memory\n"
-    "  -t N             threads of the maximum-likelihood engines\n"
-    "  -p low, -p high  priority of the process\n"
-    "  -mi K, -e        data set K of a multiple imputation; -e: the last one\n"
-    "  -v               print the version and go on\n"
-    "  -h, --help       print this list\n"
-    "  --version        print the version\n";
-
 // Options of whole words without an argument. False when the word is none of them. The two that ask something end the
 // process without a pause.
-bool wordoption(const char* word) {
-  const bool askhelp = std::strcmp(word, "--help") == 0 || std::strcmp(word, "-h") == 0;
-  if (askhelp || std::strcmp(word, "--version") == 0) {
+bool wordoption(const std::string& word) {
+  const bool askhelp = word == "--help" || word == "-h" || word == "-help";
+  if (askhelp || word == "--version" || word == "-version") {
     if (askhelp) {
       std::printf("%s", help);
     } else {
@@ -141,7 +150,7 @@ bool wordoption(const char* word) {
     run.id.waitseconds = -1;
     fail(0);
   }
-  if (strcasecmp(word, "-strict") != 0) return false;
+  if (!sameword(word, "-strict")) return false;
   run.id.strict = true;
   return true;
 }
@@ -152,6 +161,7 @@ std::string standardinput() {
   if (copy < 0) fail(6);
   char bytes[4096];
   ssize_t count = 0;
+  const BreakableReads breakable;
   while ((count = read(STDIN_FILENO, bytes, sizeof bytes)) != 0) {
     checksignals();
     if (count < 0 && errno != EINTR) unreadableinput();
@@ -169,13 +179,13 @@ struct OneFileOptions {
 // The numbers of a list with commas.
 std::vector<double> numbersof(const std::string& list) {
   std::vector<double> numbers;
-  for (const char* at = list.c_str(); *at != '\0';) {
-    char* end = nullptr;
-    numbers.push_back(std::strtod(at, &end));
-    if (end == at || (*end != ',' && *end != '\0'))
+  if (list.empty()) return numbers;
+  for (const std::string& text : split(list, ',')) {
+    const std::optional<double> number = realof(text);
+    if (!number)
       stopwith("-missing takes numbers with commas between them, as in -missing -9,999. It cannot be %s\n",
                list.c_str());
-    at = *end == ',' ? end + 1 : end;
+    numbers.push_back(*number);
   }
   return numbers;
 }
@@ -211,48 +221,56 @@ Options readoptions(int argc, char** argv) {
   OneFileOptions onefile;
   std::vector<std::string> files;
   bool optionsended = false;
-  for (int word = 1; word < argc; ++word) {
-    if (optionsended || argv[word][0] != '-' || argv[word][1] == '\0') {
-      files.emplace_back(argv[word]);
-      if (overlong(files.back())) stopwith("The path is too long: %s\n", argv[word]);
+  for (int next = 1; next < argc; ++next) {
+    std::string word = argv[next];
+    if (optionsended || word[0] != '-' || word == "-") {
+      files.push_back(word);
+      if (overlong(word)) stopwith("The path is too long: %s\n", word.c_str());
       continue;
     }
-    if (std::strcmp(argv[word], "--") == 0) {
+    if (word == "--") {
       optionsended = true;
       continue;
     }
-    if (wordoption(argv[word])) continue;
-    if (std::string* value = argumentof(onefile, argv[word])) {
-      if (word + 1 == argc) {
-        std::printf("option requires an argument -- %s\n", argv[word] + 1);
-        usage(argv[0]);
-      }
-      *value = argv[++word];
+    const auto argument = [&](const std::string& option) {
+      if (next + 1 == argc) usageerror("option requires an argument -- " + option);
+      return std::string(argv[++next]);
+    };
+    if (wordoption(word)) continue;
+    std::string given;  // --option=given
+    if (word.starts_with("--")) {
+      const std::size_t sign = word.find('=');
+      if (sign != std::string::npos) given = word.substr(sign + 1);
+      word = word.substr(1, sign == std::string::npos ? sign : sign - 1);
+    }
+    if (wordoption(word)) continue;
+    if (std::string* value = argumentof(onefile, word.c_str())) {
+      *value = given.empty() ? argument(word.substr(1)) : given;
       continue;
     }
-    for (const char* at = argv[word] + 1; *at != '\0'; ++at) {
-      const char letter = static_cast<char>(std::tolower(static_cast<unsigned char>(*at)));
-      if (std::strchr(letters, letter) == nullptr) {
-        std::printf("illegal option -- %c\n", *at);
-        usage(argv[0]);
+    for (std::size_t at = 1; at < word.size(); ++at) {
+      const char letter = static_cast<char>(std::tolower(static_cast<unsigned char>(word[at])));
+      if (std::strchr(letters, letter) == nullptr) usageerror(std::string("illegal option -- ") + word[at]);
+      if (std::strchr(witharguments, letter) == nullptr) {
+        takeoption(letter, "", options);
+        continue;
       }
-      const char* argument = "";
-      const bool takesargument = std::strchr(witharguments, letter) != nullptr;
-      if (takesargument) {
-        if (at[1] != '\0') {
-          argument = at + 1;
-        } else if (word + 1 < argc) {
-          argument = argv[++word];
-        } else {
-          std::printf("option requires an argument -- %c\n", *at);
-          usage(argv[0]);
-        }
+      std::string value = word.substr(at + 1);
+      const bool index = letter == 'm' && (sameword(value, "i") || value.empty());
+      if (index) {
+        if (value.empty()) value = argument("m");
+        if (sameword(value, "i")) value += given.empty() ? argument("mi") : given;
+      } else if (value.empty()) {
+        value = given.empty() ? argument(std::string(1, letter)) : given;
       }
-      takeoption(letter, argument, options);
-      if (takesargument) break;
+      if (letter == 'm' && !beginswith(value, "i")) usageerror("illegal option -- m" + value);
+      takeoption(letter, value, options);
+      break;
     }
   }
-  if (run.series.milast && !run.series.mimode)
+  run.series.closing = run.series.milast && !run.series.mimode && files.empty() && argc > 1 && !options.templatejob &&
+                       onefile.from.empty();
+  if (run.series.milast && !run.series.mimode && !run.series.closing)
     stopwith("-e (last multiple imputation) specified, but -m (multiple imputation) was not!\n");
   run.files.resultsgiven = !run.files.results.empty();
   if (overlong(run.files.results)) stopwith("The path is too long: %s\n", run.files.results.c_str());

@@ -6,8 +6,11 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <new>
 #include <string>
+#include <string_view>
+#include <tuple>
 #include <vector>
 
 #include "app/linearjob.h"
@@ -26,6 +29,7 @@
 #include "construct/mdmdialogue.h"
 #include "construct/onefile.h"
 #include "construct/singleunits.h"
+#include "core/formatted.h"
 #include "data/mdm.h"
 #include "driver/failures.h"
 #include "driver/files.h"
@@ -34,6 +38,7 @@
 #include "driver/runrecord.h"
 #include "driver/warnings.h"
 #include "estimate/linear/centering.h"
+#include "estimate/linear/deletion.h"
 #include "estimate/linear/weights.h"
 #include "estimate/quasi/categories.h"
 #include "kernel/array.h"
@@ -154,9 +159,9 @@ void checkfiles() {
     outputs.insert(outputs.end(), {unitspecificgammafile, populationgammafile, robustpopulationgammafile,
                                    laplacetaufile, laplacegammafile, quadraturetaufile, quadraturegammafile});
   if (run.control.hetit != 0) outputs.emplace_back(heterogeneousfile);
-  if (run.out.resfil1) outputs.push_back(files.resfil1name);
-  if (run.out.resfil2) outputs.push_back(files.resfil2name);
-  if (run.out.resfil3) outputs.push_back(files.resfil3name);
+  if (run.out.resfil1) outputs.push_back(subrunname(files.resfil1name));
+  if (run.out.resfil2) outputs.push_back(subrunname(files.resfil2name));
+  if (run.out.resfil3) outputs.push_back(subrunname(files.resfil3name));
   if (run.out.graph) outputs.push_back(files.graphgammas);
   refuseclashes(inputs, outputs);
   for (const std::string& path : outputs) {
@@ -195,7 +200,7 @@ void readmodel() {
   choosekind();
   outputquestions();
   compactlists();
-  markdeletion();
+  markdeletion(run.model, run.mdm);
   run.model.weighted = run.model.wgtvar1 != 0 || run.model.wgtvar2 != 0 || run.model.wgtvar3 != 0;
   checkengines();
   if (run.model.weighted) stopif(normaliseweights(run.model, run.mdm, runobserver(), run.weights));
@@ -220,7 +225,8 @@ void openresults() {
   run.model.coef.ngamma -= run.model.nconstrained;
   beginseries();
   if (!reportisstdout()) std::printf("Computing . . ., please wait\n");
-  writecommandfile(newcommandfile);
+  // The model that the user gave, with the first of the plausible values.
+  if (!run.series.pvmode || run.series.pvfirst) writecommandfile(newcommandfile);
 }
 
 // The estimation by the kind of the run; the results of its passes go to the store of a series.
@@ -271,17 +277,61 @@ bool nextplausiblevalue() {
   return true;
 }
 
+// The last words on the console: where to look.
+void tellfiles() {
+  if (reportisstdout()) return;
+  const bool averages = run.series.pvmode || run.series.milast;
+  const std::string& results = averages ? run.files.results : resultsname();
+  std::printf("The report is %s", printable(averages ? averagedreportname() : run.files.outfile).c_str());
+  if (!results.empty()) std::printf(", the results are %s", printable(results).c_str());
+  std::printf(".\n");
+}
+
+// The averages of the series in this folder, with the model of its last data set as newcmd.kdr has it.
+[[noreturn]] void closingjob() {
+  run.series.mimode = true;
+  constexpr std::string_view head = "#This command file was run with ";
+  std::FILE* file = openfile(newcommandfile, "rb");
+  char line[maxline] = {};
+  const bool any = std::fgets(line, sizeof line, file) != nullptr;
+  std::fclose(file);
+  const std::string_view first(line, any ? std::strcspn(line, "\r\n") : 0);
+  if (!first.starts_with(head)) stopwith("The file %s here is not one that a run wrote.\n", newcommandfile);
+  run.files.mdmfile = first.substr(head.size());
+  run.files.cmdshown = run.files.cmdfile = newcommandfile;
+  readmodel();
+  if (run.model.outcome.categorical()) std::ignore = categoriesofrun(analysisofrun(runobserver(), nullptr));
+  // The file has the name of the last sub-run's report, with its number.
+  std::string& name = run.files.outfile;
+  const std::size_t dot = extensionplace(name), stem = name.find_last_not_of("0123456789", dot - 1);
+  if (dot != std::string::npos && dot > 0 && stem != std::string::npos && stem + 1 < dot && name[stem] == '_' &&
+      name.compare(dot, 4, ".htm") == 0)
+    name.erase(stem, dot - stem);
+  namereport();
+  setsymbols();
+  makerowlabels();
+  writespecification();  // no report is open: the subscripts of the tables
+  applyconstraints();
+  run.model.coef.ngamma -= run.model.nconstrained;
+  resumeseries();
+  if (const Pooled* averages = poolseries()) latentvariables(*averages);
+  closereport();
+  writeaveragedresults();
+  tellfiles();
+  endrun();
+}
+
 }  // namespace
 
 void runjob(int argc, char** argv) {
   holdstandardstreams();
-  outofmemory = [] { fail(3); };
-  std::set_new_handler(outofmemory);
+  std::set_new_handler([] { fail(3); });
   stophooks.closeseries = closeseries;
   iscommandtext = begincommands;
   installhandlers();
   startrun();
   const Options options = readoptions(argc, argv);
+  if (run.series.closing) closingjob();
   static_cast<void>(neededscratch());  // before anything is written that would be lost for want of one
   bool rawjob = options.templatejob;
   if (run.files.mdmfile.empty() && !rawjob) {
@@ -313,6 +363,7 @@ void runjob(int argc, char** argv) {
     closereport();
     writeaveragedresults();
   } while (nextplausiblevalue());
+  tellfiles();
   endrun();
 }
 

@@ -76,6 +76,19 @@ bool writeaverages() {
   return true;
 }
 
+void takeshape(const ModelRows& rows, const SubrunShape& shape) {
+  series.shape = shape;
+  run.model.coef.ntaupi = shape.q;  // a pass finds the same; a last data set may fail before it has one
+  run.model.coef.ntaubeta = shape.r;
+  series.frame = poolframe(rows, shape, degreesoffreedom(rows, countsof(run.mdm)));
+  series.begun = true;
+}
+
+[[noreturn]] void stopunusable(const Failure& failure) {
+  series.pooled = true;  // the stop has nothing to add
+  tell(failure);
+}
+
 }  // namespace
 
 void clearseries() {
@@ -91,7 +104,7 @@ void beginseries() {
   SeriesMode& mode = run.series;
   if (mode.mimode && !mode.mifirst) {
     StoreHead head;
-    if (const Failure failure = joinstore(shape, mode.miindex, head)) tell(failure);
+    if (const Failure failure = joinstore(shape, mode.miindex, head)) stopunusable(failure);
     mode.nsets = head.nsets;
     std::memcpy(mode.mistatus, head.mistatus, sizeof mode.mistatus);
   } else if (mode.mimode || mode.pvfirst) {
@@ -102,11 +115,16 @@ void beginseries() {
       mode.mifirst = false;
     }
   }
-  series.shape = shape;
-  run.model.coef.ntaupi = shape.q;  // a pass finds the same; a last data set may fail before it has one
-  run.model.coef.ntaubeta = shape.r;
-  series.frame = poolframe(rows, shape, degreesoffreedom(rows, countsof(run.mdm)));
-  series.begun = true;
+  takeshape(rows, shape);
+}
+
+void resumeseries() {
+  const ModelRows rows = modelrows(run.model);
+  const SubrunShape shape = seriesshape(run.model, rows, run.mdm, run.control);
+  StoreHead head;
+  if (const Failure failure = readstore(shape, head, nullptr)) stopunusable(failure);
+  run.series.nsets = head.nsets;
+  takeshape(rows, shape);
 }
 
 void storesubrun(const PassResults& results) {
@@ -146,13 +164,17 @@ const Pooled* poolseries() {
 
 void closeseries(int code) {
   if (!run.series.mimode) return;
+  if (run.series.closing && !series.begun) return;
   if (!series.begun && run.series.mifirst && code != 0) {
     std::printf("The first data set of the series failed before its model was known, so the series has not begun.\n");
     return;
   }
   if (!run.series.milast) {
     if (!series.begun || (code != 0 && code != unconvergedcode) || !series.ended) return;
-    if (const Failure failure = appendrecord(series.shape, run.series.miindex, series.records[0])) sayunusable(failure);
+    if (const Failure failure = appendrecord(series.shape, run.series.miindex, series.records[0])) {
+      sayunusable(failure);
+      stoprun(100);
+    }
     return;
   }
   if (series.pooled) return;

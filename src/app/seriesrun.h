@@ -21,6 +21,8 @@ void clearseries();
 // First sub-run: begins the averaged report and a store. A later data set joins the store of its series; a store that
 // isn't usable stops the run with one sentence and code 100. Failure 5.
 void beginseries();
+// The same for a series that is only to be averaged, by the model of its last data set. Its store must be there.
+void resumeseries();
 
 // Keeps the results of a pass as those of this sub-run. Those of a later pass take their place, those of a
 // population-average pass join them; an identity pass and a heterogeneous stage leave nothing, and so do results

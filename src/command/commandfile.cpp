@@ -2,6 +2,8 @@
 
 #include <cstdio>
 #include <string>
+#include <string_view>
+#include <utility>
 
 #include "command/complete.h"
 #include "command/constraints.h"
@@ -12,6 +14,7 @@
 #include "core/formatted.h"
 #include "driver/failures.h"
 #include "driver/files.h"
+#include "driver/oddities.h"
 #include "driver/questions.h"
 #include "driver/runrecord.h"
 #include "kernel/sizes.h"
@@ -29,16 +32,71 @@ void badline(const CommandReader& reader) {
   fail(8, number);
 }
 
-int variable(const char* what, const std::string& name, const Array<Name>& table, int highest, int lowest) {
-  const int v = findname(name, table, highest);
-  if (v >= lowest) return v;
+void refusevalue(const char* keyword, const char* wanted, const std::string& value) {
+  stopwith("%s: wants %s, not %s\n", keyword, wanted, value.c_str());
+}
+
+namespace {
+
+constexpr std::size_t significant = 8;  // characters of a name
+
+// The two words that a text is made of when a sign between them was lost; the second one is empty otherwise.
+std::pair<std::string, std::string> lostsign(const std::string& name, const Array<Name>& table, int highest) {
+  const auto known = [&](std::string_view word) {
+    return sameword(word, "RANDOM") ||
+           (!word.empty() && word.size() <= significant && findname(word, table, highest) >= 0);
+  };
+  for (std::size_t i = name.size(); i-- > 1;) {
+    const std::string_view head = trimmed(std::string_view(name).substr(0, i));
+    const std::string_view tail = trimmed(std::string_view(name).substr(i));
+    if (known(head) && known(tail.substr(0, tail.find(','))))
+      return {std::string(head), std::string(tail.substr(0, tail.find(',')))};
+  }
+  return {};
+}
+
+// What to do about a variable of another level: nothing known for one of none.
+std::string otherlevel(const char* what, const std::string& name, const Array<Name>& table) {
   const MdmData& mdm = run.mdm;
   const Array<Name>* tables[] = {&mdm.names1, &mdm.names2, &mdm.names3};
   const int counts[] = {mdm.nvar1, mdm.nvar2, mdm.nvar3};
-  for (int level = 0; level < 3; ++level)
-    if (tables[level] != &table && findname(name, *tables[level], counts[level]) > 0)
-      std::printf("%s is a variable of level %d.\n", name.c_str(), level + 1);
-  badspecification(what, name);
+  for (int level = 0; level < 3; ++level) {
+    if (tables[level] == &table || findname(name, *tables[level], counts[level]) < 1) continue;
+    const bool equation = beginswith(what, "level") && what[6] == '\0';
+    std::string words = formatted("%s is a variable of level %d", printable(name).c_str(), level + 1);
+    if (equation && level > 0) words += formatted(": put it on a LEVEL%d: line", level + 1);
+    if (equation && level == 0) words += ": put it on the LEVEL1: line";
+    return words + ".\n";
+  }
+  return {};
+}
+
+[[noreturn]] void unknownvariable(int line, const char* what, const std::string& name, const Array<Name>& table,
+                                  int highest) {
+  std::printf("Batch file %s specification invalid\n", what);
+  const std::string shown = printable(name), other = otherlevel(what, name, table);
+  std::printf("%s", other.empty() ? (shown + " does not exist\n").c_str() : other.c_str());
+  std::printf("It stands on line %d of the command file.\n", line);
+  if (const auto [head, tail] = lostsign(name, table, highest); !tail.empty()) {
+    std::printf("Is a + or a / missing between %s and %s?\n", printable(head).c_str(), printable(tail).c_str());
+  } else if (const std::string near = nearestnames(name, table, highest); other.empty() && !near.empty()) {
+    std::printf("The nearest names: %s\n", near.c_str());
+  }
+  stoprun(9);
+}
+
+}  // namespace
+
+int variable(int line, const char* what, const std::string& name, const Array<Name>& table, int highest, int lowest) {
+  const int v = findname(name, table, highest);
+  // Only the first characters of a name count. What stands behind them may be another name.
+  const bool cut = charactersof(name) > significant;
+  if (v < lowest || (cut && !lostsign(name, table, highest).second.empty()))
+    unknownvariable(line, what, name, table, highest);
+  if (cut)
+    oddcommand(formatted(" %s on line %d is taken for %s: names count by their first 8 characters.\n",
+                         printable(name).c_str(), line, leftname(table[static_cast<std::size_t>(v)]).c_str()));
+  return v;
 }
 
 namespace {
@@ -48,7 +106,7 @@ void unrecognized(const std::string& line) {
     std::printf("Unrecognized control word: %s\n", printable(line).c_str());
     fail(8, line.c_str());
   }
-  std::printf("Unrecognized control word, ignored: %s\n", printable(line).c_str());
+  oddcommand(formatted("Unrecognized control word, ignored: %s\n", printable(line).c_str()));
   std::string answer;
   readanswer("Hit return to continue ", answer);
 }
@@ -61,11 +119,22 @@ void readkeyword(CommandReader& reader) {
     std::printf("A line is a keyword, a colon and directly behind it a value, or it begins with #.\n");
     badline(reader);
   }
-  if (const KeywordHandler handler = findkeyword(line); handler != nullptr) {
-    handler(reader, value);
-  } else {
-    unrecognized(line);
-  }
+  const Keyword* keyword = findkeyword(line);
+  if (keyword == nullptr) return unrecognized(line);
+  const auto [first, once] = reader.lineof.try_emplace(keyword, reader.lines.number);
+  if (!once && !keyword->repeats)
+    oddcommand(
+        formatted(" %s stands on line %d and again on line %d.\n", keyword->word, first->second, reader.lines.number));
+  keyword->handler(reader, value);
+}
+
+// A line that begins with a blank is a remark, and may have been meant as more.
+void passover(const CommandReader& reader) {
+  const std::string& line = reader.lines.line;
+  const std::string_view text = trimmed(line);
+  if (line[0] == ' ' && !text.empty() && findkeyword(std::string(text)) != nullptr)
+    oddcommand(formatted(" Line %d begins with a blank, and is passed over: %s\n", reader.lines.number,
+                         printable(text).c_str()));
 }
 
 // Lists whose length the model gives were read with the model as it stood then; a further LEVEL1: line behind them
@@ -106,11 +175,9 @@ void checksets(const CommandReader& reader) {
 // coefficient is random and has no fixed effect. Such a model can be meant, so it is told, and stops a -strict run.
 void checkequations(const CommandReader& reader) {
   const auto lost = [](const std::string& name, int level) {
-    const std::string words =
+    oddcommand(
         formatted("%s of level %d has no LEVEL%d: line, while others have one: it is random without a fixed effect!\n",
-                  name.c_str(), level, level + 1);
-    if (run.id.strict) stopwith("%s", words.c_str());
-    std::printf("%s", words.c_str());
+                  name.c_str(), level, level + 1));
   };
   if (run.answered.level2 && !reader.without2.empty()) lost(reader.without2, 1);
   if (run.answered.level3 && !reader.without3.empty()) lost(reader.without3, 2);
@@ -123,15 +190,15 @@ void endoffile(const CommandReader& reader) {
   settlerecord();
   checksets(reader);
   checkequations(reader);
-  if (reader.deviance != reader.df) std::printf(" Deviance and df must be specified together\n");
+  if (reader.deviance != reader.df) oddcommand(" Deviance and df must be specified together\n");
   checkorders();
   if (!reader.excess.empty()) stopwith("%s", reader.excess.c_str());
   if (reader.toomany)
     stopwith("The line GAMMA%d: has %d numbers, and the model has %d fixed effects!\n", reader.oddhypothesis,
              reader.oddnumbers, countfixedeffects());
   if (reader.oddhypothesis != 0)
-    std::printf(" The line GAMMA%d: has %d numbers for %d fixed effects: those behind are 0\n", reader.oddhypothesis,
-                reader.oddnumbers, countfixedeffects());
+    oddcommand(formatted(" The line GAMMA%d: has %d numbers for %d fixed effects: those behind are 0\n",
+                         reader.oddhypothesis, reader.oddnumbers, countfixedeffects()));
   checkconstraints();
 }
 
@@ -141,15 +208,17 @@ void readcommandfile() {
   resetkeywords();
   CommandReader reader;
   const bool nextpass = run.files.nextcommands != nullptr;
+  if (!nextpass) run.odd.clear();
   if (run.files.cmdfile.empty() && !nextpass) {
     endoffile(reader);
     return;
   }
   reader.lines.stream.reset(nextpass ? run.files.nextcommands.release() : openfile(run.files.cmdfile, "rb"));
+  const BreakableReads breakable;  // a pipe may wait
   while (nextline(reader.lines)) {
     const std::string& line = reader.lines.line;
-    if (line.empty() || line[0] == ' ' || line[0] == '#') continue;
-    readkeyword(reader);
+    if (line.empty() || line[0] == '#') continue;
+    line[0] == ' ' ? passover(reader) : readkeyword(reader);
   }
   reader.lines.stream.reset();
   endoffile(reader);

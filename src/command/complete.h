@@ -9,8 +9,6 @@ void countlevel1();
 void countlevel2();
 // run.model.coef.ngamma and run.model.nterms3.
 void countlevel3();
-// run.model.nextra2, nextra3 and run.model.coef.gammasubs.
-void countextras();
 // All of these.
 void completemodel();
 
@@ -22,10 +20,6 @@ void completemodel();
 
 // The labels of the rows of taupi and taubeta: run.model.coef.pinames, betanames1 and betanames2.
 void labelrandomeffects();
-
-// Marks every variable of the model as one without which a level-1 record cannot be used, when records with missing
-// values are still in the file.
-void markdeletion();
 
 // Lists the variables of the residual files in run.model from their marks, in order, and counts them. The mark of the
 // intercept enters no list.

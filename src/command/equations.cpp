@@ -6,7 +6,9 @@
 
 #include "command/reader.h"
 #include "command/text.h"
+#include "core/formatted.h"
 #include "driver/failures.h"
+#include "driver/oddities.h"
 #include "driver/runrecord.h"
 
 namespace kdr {
@@ -35,8 +37,8 @@ std::vector<Term> termsof(std::string_view equation) {
   stopwith("Variable %s stands more than once in an equation of %s!\n", name.c_str(), where);
 }
 
-// The written command file of a non-linear run names the working outcome Z and holds no centering marks; the line that
-// the writer puts before it states the same equation with the outcome and the marks of the model.
+// A command file that an earlier program wrote of a non-linear run names the working outcome Z and holds no centering
+// marks; a line before it states the same equation with the outcome and the marks of the model.
 std::string statedequation(const std::string& before, const std::string& value) {
   constexpr std::string_view head = "#KDR3 LEVEL1:";
   if (run.model.outcome.linear() || !beginswith(before, head)) return value;
@@ -60,21 +62,29 @@ std::string statedequation(const std::string& before, const std::string& value) 
 struct Equation {
   std::vector<Term> terms;  // without RANDOM
   bool random = false;
+  int line = 0;  // its number
 };
 
 constexpr const char* equationform = "An equation has the form NAME=TERM+TERM.\n";
 
 // The list behind the "/" of an equation: variables for the exploratory analysis, into a row of 12.
-void readextras(const std::string& line, std::string_view list, int level, int* row) {
+void readextras(int number, const std::string& line, std::string_view list, int level, int* row) {
   if (trimmed(list).empty()) return;
   const Array<Name>& names = level == 2 ? run.mdm.names2 : run.mdm.names3;
   const int nvar = level == 2 ? run.mdm.nvar2 : run.mdm.nvar3;
   int n = 0;
   for (const std::string& name : split(list, ',')) {
-    if (n == maxextra) return;
+    if (n == maxextra) {
+      oddcommand(
+          formatted(" Line %d has more than %d exploratory variables: those behind are ignored.\n", number, maxextra));
+      return;
+    }
     const int v = findname(name, names, nvar);
     if (v < 1) {
       std::printf("bad level-%d extra variables\n", level);
+      if (const std::string near = nearestnames(name, names, nvar); !near.empty())
+        std::printf("Line %d: there is no %s at level %d. The nearest names: %s\n", number, printable(name).c_str(),
+                    level, near.c_str());
       fail(8, line.c_str());
     }
     row[n++] = v;
@@ -103,7 +113,7 @@ Equation equationof(const CommandReader& reader, int level, const Name& owner, i
   std::string_view text(line);
   if (slash != std::string::npos) {
     (level == 2 ? run.answered.extra2 : run.answered.extra3) = true;
-    readextras(line, text.substr(slash + 1), level, extras);
+    readextras(reader.lines.number, line, text.substr(slash + 1), level, extras);
     text = text.substr(0, slash);
   }
   text.remove_prefix(text.find(':') + 1);
@@ -115,6 +125,7 @@ Equation equationof(const CommandReader& reader, int level, const Name& owner, i
   }
 
   Equation equation;
+  equation.line = reader.lines.number;
   for (Term& term : termsof(text.substr(equals + 1))) {
     if (sameword(term.name, "RANDOM")) {
       equation.random = true;
@@ -148,11 +159,11 @@ void readlevel3(CommandReader& reader, int owner) {
   run.answered.level3 = true;
   const Equation equation = equationof(reader, 3, ownername, model.extra3.row(e, b));
   for (const Term& term : equation.terms) {
-    const int v = variable("level3", term.name, run.mdm.names3, run.mdm.nvar3, 0);
+    const int v = variable(equation.line, "level3", term.name, run.mdm.names3, run.mdm.nvar3, 0);
     addterm(model.terms3.row(e, b), run.mdm.ncol3, v, term, ownername);
     if (term.option != '\0' && term.option != '2') {
-      std::printf("Problem at this point: %s\n", term.text.c_str());
-      std::printf("invlaid option on level-3 variable, %c\n", term.option);
+      oddcommand(formatted("Problem at this point: %s\ninvlaid option on level-3 variable, %c\n",
+                           printable(term.text).c_str(), term.option));
     }
     if (v == 0) continue;
     const auto at = static_cast<std::size_t>(v);
@@ -178,11 +189,11 @@ void readlevel2(CommandReader& reader, int owner) {
   if (threshold && (equation.random || !equation.terms.empty() || model.extra2.row(e, c)[0] != noslot))
     stopwith("The threshold %s can have no equation of its own!\n", leftname(ownername).c_str());
   for (const Term& term : equation.terms) {
-    const int v = variable("level2", term.name, run.mdm.names2, run.mdm.nvar2, 0);
+    const int v = variable(equation.line, "level2", term.name, run.mdm.names2, run.mdm.nvar2, 0);
     addterm(model.terms2.row(e, c), run.mdm.ncol2, v, term, ownername);
     if (term.option != '\0' && term.option != '1' && term.option != '2') {
-      std::printf("Problem at this point: %s\n", term.text.c_str());
-      std::printf("invalid option on level-2 variable, %c\n", term.option);
+      oddcommand(formatted("Problem at this point: %s\ninvalid option on level-2 variable, %c\n",
+                           printable(term.text).c_str(), term.option));
     }
     if (v > 0) {
       const auto at = static_cast<std::size_t>(v);
@@ -195,20 +206,20 @@ void readlevel2(CommandReader& reader, int owner) {
 }
 
 void readoutcome(const CommandReader& reader, const std::string& name) {
-  const int v = variable("outvar", name, run.mdm.names1, run.mdm.ncol1 - 1);
+  const int v = variable(reader.lines.number, "outvar", name, run.mdm.names1, run.mdm.ncol1 - 1);
   if (reader.set > 0 && v != run.model.outvar) stopwith("All equations of level 1 must have the same outcome!\n");
   run.model.outvar = v;
   run.model.use1.row(reader.set)[v] = Use::outcome;
   run.out.wanted1vars1[static_cast<std::size_t>(v)] = 1;
 }
 
-void readpredictor(CommandReader& reader, const Term& term, int& last) {
+void readpredictor(CommandReader& reader, int line, const Term& term, int& last) {
   if (beginswith(term.name, "THOLD")) {
     ++reader.nthresholds;
     if (run.model.outcome.ordinal() && reader.nthresholds > run.model.outcome.categories - 2)
       stopwith("You have specified more than %d thresholds in the command file!\n", run.model.outcome.categories - 2);
   }
-  const int v = variable("level1", term.name, run.mdm.names1, run.mdm.ncol1 - 1);
+  const int v = variable(line, "level1", term.name, run.mdm.names1, run.mdm.ncol1 - 1);
   if (v < last) fail(10);
   if (v == last || v == run.model.outvar) repeated(term.name, "level 1");
   last = v;
@@ -237,19 +248,19 @@ void readlevel1(CommandReader& reader, const std::string& value) {
   }
   readoutcome(reader, std::string(trimmed(std::string_view(equation).substr(0, equals))));
 
-  std::string_view terms = trimmed(std::string_view(equation).substr(equals + 1));
-  const bool intercept = beginswith(terms, "INTRCPT1");
+  std::vector<Term> terms = termsof(std::string_view(equation).substr(equals + 1));
+  const int line = reader.lines.number;  // the equations of the coefficients move the reader on
+  const bool intercept = !terms.empty() && sameword(terms[0].text, "INTRCPT1");
   run.model.use1.row(reader.set)[0] = intercept ? Use::predictor : Use::none;
   if (intercept) {
+    terms.erase(terms.begin());
     readlevel2(reader, 0);
-    const std::size_t plus = terms.find('+');
-    terms = plus == std::string_view::npos ? std::string_view() : terms.substr(plus + 1);
   } else {
     run.model.nointercept1 = true;
   }
   int last = 0;
-  for (const Term& term : termsof(terms))
-    if (!sameword(term.name, "RANDOM")) readpredictor(reader, term, last);
+  for (const Term& term : terms)
+    if (!sameword(term.name, "RANDOM")) readpredictor(reader, line, term, last);
 }
 
 }  // namespace kdr

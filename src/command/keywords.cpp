@@ -3,49 +3,60 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "command/reader.h"
 #include "command/text.h"
 #include "core/formatted.h"
+#include "core/numbers.h"
 #include "data/scratch.h"
 #include "driver/failures.h"
+#include "driver/oddities.h"
 #include "driver/runrecord.h"
 
 namespace kdr {
 
 namespace {
 
-struct Keyword {
-  const char* word;
-  std::size_t compared;  // characters that are compared; 0: all of them
-  KeywordHandler handler;
-};
+constexpr const char* onenumber = "one number, with a decimal point";
 
-// The text behind the first comma; empty without one.
-std::string behindcomma(const std::string& value) {
-  const std::size_t comma = value.find(',');
-  const std::size_t first = comma == std::string::npos ? comma : value.find_first_not_of(' ', comma + 1);
-  return first == std::string::npos ? "" : value.substr(first);
+// Y or N.
+bool flagof(const char* keyword, const std::string& value) {
+  if (!isyes(value) && !isno(value)) refusevalue(keyword, "Y or N", value);
+  return isyes(value);
 }
 
-// The value is a Y. Anything that is no N either is told, since what it asks for is not done.
-bool isyes(const char* keyword, const std::string& value) {
-  const char letter = firstletter(value);
-  if (letter != 'N' && letter != 'Y')
-    std::printf(" %s:%s is neither Y nor N: ignored\n", keyword, printable(value).c_str());
-  return letter == 'Y';
+double realvalue(const char* keyword, const std::string& value, const char* wanted = "a number") {
+  const std::optional<double> number = realof(value);
+  // A decimal comma is not to cut the number off.
+  if (!number) refusevalue(keyword, value.find(',') == std::string::npos ? wanted : onenumber, value);
+  return *number;
 }
 
-// N and Y set a flag, anything else leaves it.
-void setflag(bool& flag, const char* keyword, const std::string& value) {
-  const bool yes = isyes(keyword, value);
-  if (yes || firstletter(value) == 'N') flag = yes;
+double criterion(const char* keyword, const std::string& value) {
+  const double number = realvalue(keyword, value);
+  if (number < 0.0) refusevalue(keyword, "a number of 0 or more", value);
+  return number;
 }
 
-void setcontinue(const std::string& value) {
-  const char letter = firstletter(behindcomma(value));
-  if (const auto* row = rownamed(limitletters, std::string(1, letter))) run.control.numitcontinue = row->code;
+int wholevalue(const char* keyword, const std::string& value) {
+  const std::optional<int> number = wholeof(value);
+  if (!number) refusevalue(keyword, "a whole number", value);
+  return *number;
+}
+
+// A limit of iterations, and behind a comma whether to go on there.
+int limitvalue(const char* keyword, const std::string& value) {
+  const std::vector<std::string> fields = split(value, ',');
+  const std::optional<int> number = wholeof(fields[0]);
+  const auto* letter = fields.size() == 2 ? rownamed(limitletters, fields[1].substr(0, 1)) : nullptr;
+  const bool wrong = fields.size() > 1 && (letter == nullptr || (!isyes(fields[1]) && !isno(fields[1])));
+  if (!number || fields.size() > 2 || wrong)
+    refusevalue(keyword, "a whole number, and ,Y or ,N behind it or nothing", value);
+  if (letter != nullptr) run.control.numitcontinue = letter->code;
+  return *number;
 }
 
 void setpath(std::string& path, const std::string& value) {
@@ -53,58 +64,45 @@ void setpath(std::string& path, const std::string& value) {
   path = value;
 }
 
-// The value begins with a number. A word would else be taken for 0, which some keywords have a use for.
-void beginswithnumber(const char* keyword, const std::string& value) {
-  if (!isreal(value)) stopwith("%s: wants a number, not %s\n", keyword, value.c_str());
-}
-
-// The same for keywords without a list: a decimal comma would cut the number off.
-void wantnumber(const char* keyword, const std::string& value) {
-  beginswithnumber(keyword, value);
-  if (value.find(',') != std::string::npos)
-    stopwith("%s: wants one number, with a decimal point, not %s\n", keyword, value.c_str());
-}
-
-void setwhole(int& field, const char* keyword, const std::string& value) {
-  wantnumber(keyword, value);
-  field = wholenumber(value);
-}
-
 void setrepair(FixTau& repair, const char* keyword, const std::string& value) {
-  int code = 0;
-  setwhole(code, keyword, value);
-  repair = static_cast<FixTau>(code);
+  const std::optional<int> code = wholeof(value);
+  if (!code || *code < 0 || *code > static_cast<int>(FixTau::always)) refusevalue(keyword, "1 to 5", value);
+  repair = static_cast<FixTau>(*code);
 }
 
 void readnumit(CommandReader&, const std::string& value) {
-  run.control.numit = wholenumber(value);
+  run.control.numit = limitvalue("NUMIT", value);
   run.answered.iterations = run.answered.numit = true;
   if (run.control.numit < 1) stopwith("numit must be greater than 0!\n");
-  setcontinue(value);
 }
 
 void readmacroit(CommandReader&, const std::string& value) {
-  beginswithnumber("MACROIT", value);
-  run.control.macroit = wholenumber(value);
+  run.control.macroit = limitvalue("MACROIT", value);
   if (run.control.macroit < 0) stopwith("macroit must be greater than 0!\n");
-  setcontinue(value);
 }
 
 void readmicroit(CommandReader&, const std::string& value) {
-  run.control.numit = wholenumber(value);
+  run.control.numit = wholevalue("MICROIT", value);
   run.answered.iterations = true;
   if (run.control.numit < 1) stopwith("microit must be greater than 0!\n");
 }
 
 void readtaylor(CommandReader&, const std::string& value) {
-  run.control.taylor = static_cast<Taylor>(wholenumber(value));
+  run.control.taylor = static_cast<Taylor>(wholevalue("TAYLOR", value));
   if (run.control.taylor != Taylor::second && run.control.taylor != Taylor::fourth)
     stopwith("taylor must be set to 2 or 4!\n");
 }
 
 void readprintvc(CommandReader&, const std::string& value) {
-  const char letter = firstletter(value);
-  if (const auto* row = rownamed(varianceletters, std::string(1, letter))) run.out.printvc = row->code;
+  if (!isyes(value) && !isno(value) && !sameword(value, "A") && !sameword(value, "ALL"))
+    refusevalue("PRINTVARIANCE-COVARIANCE", "Y, A or N", value);
+  const auto* row = rownamed(varianceletters, value.substr(0, 1));
+  if (row != nullptr) run.out.printvc = row->code;
+}
+
+void readhetit(CommandReader&, const std::string& value) {
+  run.control.hetit = wholevalue("HETIT", value);
+  if (run.control.hetit < 0) refusevalue("HETIT", "a whole number of 0 or more", value);
 }
 
 void readgraph(CommandReader&, const std::string& value) {
@@ -117,74 +115,71 @@ void readresults(CommandReader&, const std::string& value) {
 }
 
 void readpopavit(CommandReader&, const std::string& value) {
-  const char letter = firstletter(value);
-  if (letter == 'N') return;
-  if (letter != 'Y') wantnumber("POPAVIT", value);
-  run.control.popavit = letter == 'Y' ? 1 : wholenumber(value);
+  const std::optional<int> number = wholeof(value);
+  if (!isyes(value) && !isno(value) && (!number || *number < 0))
+    refusevalue("POPAVIT", "Y, N or a whole number of 0 or more", value);
+  if (!isno(value)) run.control.popavit = number.value_or(1);
 }
 
 void readlaplace(CommandReader&, const std::string& value) {
-  if (!isyes("LAPLACE", value)) return;
+  const std::vector<std::string> fields = split(value, ',');
+  const int iterations = fields.size() == 2 ? wholeof(fields[1]).value_or(-1) : -1;
+  if ((!isyes(fields[0]) && !isno(fields[0])) || (fields.size() > 1 && iterations < 0))
+    refusevalue("LAPLACE", "N, or Y and behind a comma a whole number of iterations of 0 or more", value);
+  if (isno(fields[0])) return;
   run.control.laplace = true;
-  if (value.find(',') == std::string::npos) return;
-  const std::string iterations = behindcomma(value);
-  run.control.laplaceit = wholenumber(iterations);
-  if (!isreal(iterations) || run.control.laplaceit < 0)
-    stopwith("The number of Laplace iterations must be 0 or more!\n");
+  if (iterations >= 0) run.control.laplaceit = iterations;
 }
 
 void readagq(CommandReader&, const std::string& value) {
-  if (!isyes("AGQ", value)) return;
+  if (isno(split(value, ',')[0])) return;
   const auto fields = split(value, ',');
+  if (!isyes(fields[0]))
+    refusevalue("AGQ", "N, or Y, a number of iterations and a number of points with commas between them", value);
   if (fields.size() < 3 || fields[1].empty() || fields[2].empty())
     stopwith("\nMaximum number of iterations and quadrature points must be specified.\n");
-  run.control.agqit = wholenumber(fields[1]);
-  run.control.agqit = std::max(run.control.agqit, 1);
-  constexpr int mostpoints = 198;  // beyond, some nodes would share a place
+  const std::optional<int> iterations = wholeof(fields[1]), points = wholeof(fields[2]);
   run.control.agqauto = strcasecmp(fields[2].c_str(), "AUTO") == 0;
-  run.control.agqpoints = run.control.agqauto ? 1 : wholenumber(fields[2]);
-  const int points = run.control.agqpoints;
-  if (points < 1 || points == 2 || points > mostpoints || !(run.control.agqauto || isreal(fields[2])))
+  if (fields.size() > 3 || !iterations || *iterations < 0 || !(points || run.control.agqauto))
+    refusevalue("AGQ", "Y, a number of iterations and a number of points (or AUTO) with commas between them", value);
+  run.control.agqit = std::max(*iterations, 1);
+  run.control.agqpoints = run.control.agqauto ? 1 : *points;
+  constexpr int mostpoints = 198;  // beyond, some nodes would share a place
+  if (run.control.agqpoints < 1 || run.control.agqpoints == 2 || run.control.agqpoints > mostpoints)
     stopwith("\nThe number of quadrature points must be 1, 3 to 198, or AUTO!\n");
 }
 
 void readagqnodes(CommandReader&, const std::string& value) {
-  run.control.agqfixed = strcasecmp(value.c_str(), "FIXED") == 0;
-  if (!run.control.agqfixed && strcasecmp(value.c_str(), "MOVING") != 0)
-    stopwith("AGQNODES must be FIXED or MOVING!\n");
+  run.control.agqfixed = sameword(value, "FIXED");
+  if (!run.control.agqfixed && !sameword(value, "MOVING")) refusevalue("AGQNODES", "FIXED or MOVING", value);
 }
 
 void readagqderivlevel(CommandReader&, const std::string& value) {
-  run.control.agqderivlevel = wholenumber(value);
+  run.control.agqderivlevel = wholevalue("AGQDERIVLEVEL", value);
   if (run.control.agqderivlevel != 1 && run.control.agqderivlevel != 2)
     stopwith("agqderivlevel must be set to 1 or 2!\n");
 }
 
 void readfixsigma2(CommandReader&, const std::string& value) {
-  if (firstletter(value) == 'N') return;
-  const double held = realnumber(value);
-  if (!isreal(value) || held < 0.0) stopwith("fixsigma2 must be N or a number of 0 or more!\n");
-  wantnumber("FIXSIGMA2", value);
+  if (isno(value)) return;
+  if (value.find(',') != std::string::npos) refusevalue("FIXSIGMA2", onenumber, value);
+  const std::optional<double> held = realof(value);
+  if (!held || *held < 0.0) stopwith("fixsigma2 must be N or a number of 0 or more!\n");
   run.model.restrictions.fixsigma2.reset();
-  if (held != 0.0) run.model.restrictions.fixsigma2 = held;
+  if (*held != 0.0) run.model.restrictions.fixsigma2 = held;
 }
 
 void readstopval(CommandReader&, const std::string& value) {
-  wantnumber("STOPVAL", value);
-  run.control.stopval = realnumber(value);
+  run.control.stopval = criterion("STOPVAL", value);
   run.answered.stopval = true;
 }
 
 void readstopmicro(CommandReader&, const std::string& value) {
-  wantnumber("STOPMICRO", value);
-  run.control.stopval = realnumber(value);
+  run.control.stopval = criterion("STOPMICRO", value);
   run.answered.stopmicro = true;
 }
 
-void readstopmacro(CommandReader&, const std::string& value) {
-  wantnumber("STOPMACRO", value);
-  run.control.stopmacro = realnumber(value);
-}
+void readstopmacro(CommandReader&, const std::string& value) { run.control.stopmacro = criterion("STOPMACRO", value); }
 
 void readstartvals(CommandReader&, const std::string& value) {
   const std::string suffix = "/writeonly";
@@ -194,29 +189,27 @@ void readstartvals(CommandReader&, const std::string& value) {
 }
 
 void readdeviance(CommandReader& reader, const std::string& value) {
-  wantnumber("DEVIANCE", value);
-  run.out.deviance = realnumber(value);
+  run.out.deviance = realvalue("DEVIANCE", value);
   run.answered.deviance = reader.deviance = true;
 }
 
 void readdf(CommandReader& reader, const std::string& value) {
-  wantnumber("DF", value);
-  run.out.df = wholenumber(value);
+  run.out.df = wholevalue("DF", value);
   run.answered.deviance = reader.df = true;
 }
 
 void readhypoth(CommandReader&, const std::string& value) {
-  if (firstletter(value) == 'N') run.answered.hypoth = true;
+  if (!flagof("HYPOTH", value)) run.answered.hypoth = true;
 }
 
 void readdofisher(CommandReader&, const std::string& value) {
-  if (isyes("DOFISHER", value)) run.control.fishertype = 2;
-  if (firstletter(value) == 'N') run.control.fishertype = 0;
+  run.control.fishertype = flagof("DOFISHER", value) ? 2 : 0;
 }
 
 void readfishertype(CommandReader&, const std::string& value) {
-  if (value[0] < '0' || value[0] > '2') stopwith("\nInvalid type of Fisher acceleration.\n Valid are 0, 1 and 2\n");
-  run.control.fishertype = value[0] - '0';
+  const std::optional<int> type = wholeof(value);
+  if (!type || *type < 0 || *type > 2) stopwith("\nInvalid type of Fisher acceleration.\n Valid are 0, 1 and 2\n");
+  run.control.fishertype = *type;
 }
 
 void readtitle(CommandReader&, const std::string& value) {
@@ -230,22 +223,25 @@ void readoutput(CommandReader&, const std::string& value) {
 }
 
 // The index of a weight variable; what stands behind a comma is no part of the name.
-int weightvariable(const char* what, const std::string& value, const Array<Name>& names, int nvar) {
-  const std::string name = split(value, ',')[0];
-  return sameword(name, "NONE") ? 0 : variable(what, name, names, nvar);
+int weightvariable(const CommandReader& reader, const char* what, const std::string& value, const Array<Name>& names,
+                   int nvar) {
+  const std::vector<std::string> fields = split(value, ',');
+  if (fields.size() > 1)
+    oddcommand(formatted(" Of %s the first name counts alone (%s).\n", printable(value).c_str(), what));
+  return sameword(fields[0], "NONE") ? 0 : variable(reader.lines.number, what, fields[0], names, nvar);
 }
 
-void readweight1(CommandReader&, const std::string& value) {
-  run.model.wgtvar1 = weightvariable("wgtvar1", value, run.mdm.names1, run.mdm.nvar1);
+void readweight1(CommandReader& reader, const std::string& value) {
+  run.model.wgtvar1 = weightvariable(reader, "wgtvar1", value, run.mdm.names1, run.mdm.nvar1);
 }
-void readweight2(CommandReader&, const std::string& value) {
-  run.model.wgtvar2 = weightvariable("wgtvar2", value, run.mdm.names2, run.mdm.nvar2);
+void readweight2(CommandReader& reader, const std::string& value) {
+  run.model.wgtvar2 = weightvariable(reader, "wgtvar2", value, run.mdm.names2, run.mdm.nvar2);
 }
-void readweight3(CommandReader&, const std::string& value) {
-  run.model.wgtvar3 = weightvariable("wgtvar3", value, run.mdm.names3, run.mdm.nvar3);
+void readweight3(CommandReader& reader, const std::string& value) {
+  run.model.wgtvar3 = weightvariable(reader, "wgtvar3", value, run.mdm.names3, run.mdm.nvar3);
 }
-void readvarianceknown(CommandReader&, const std::string& value) {
-  run.model.autovknown = weightvariable("autovknown", value, run.mdm.names1, run.mdm.nvar1);
+void readvarianceknown(CommandReader& reader, const std::string& value) {
+  run.model.autovknown = weightvariable(reader, "autovknown", value, run.mdm.names1, run.mdm.nvar1);
 }
 
 void readresfiltype(CommandReader&, const std::string& value) {
@@ -257,7 +253,7 @@ void readresfiltype(CommandReader&, const std::string& value) {
 
 // In the order of comparison: the first match wins.
 constexpr Keyword keywords[] = {
-    {"ACCEL:", 0, [](CommandReader&, const std::string& value) { setwhole(run.control.accel, "ACCEL", value); }},
+    {"ACCEL:", 0, [](CommandReader&, const std::string& value) { run.control.accel = wholevalue("ACCEL", value); }},
     {"TAYLOR:", 0, readtaylor},
     {"PRINTVARIANCE-COVARIANCE:", 0, readprintvc},
     {"GRAPHGAMMAS:", 0, readgraph},
@@ -273,7 +269,7 @@ constexpr Keyword keywords[] = {
     {"AGQNODES:", 0, readagqnodes},
     {"PLAUSVALS:", 0, readplausvals},
     {"LVR-BETA:", 0, readlvr},
-    {"HETIT:", 0, [](CommandReader&, const std::string& value) { setwhole(run.control.hetit, "HETIT", value); }},
+    {"HETIT:", 0, readhetit},
     {"NOBASE:", 0, [](CommandReader&, const std::string&) { run.answered.nobase = true; }},
     {"FIXSIGMA2:", 0, readfixsigma2},
     {"STOPVAL:", 0, readstopval},
@@ -282,9 +278,9 @@ constexpr Keyword keywords[] = {
     {"STARTVALS:", 0, readstartvals},
     {"ESTTAU2:", 0, readesttau2},
     {"ESTTAU3:", 0, readesttau3},
-    {"CONTAU2:", 0, readcontau2},
-    {"CONTAU3:", 0, readcontau3},
-    {"GAMMA", 0, readcontrast},
+    {"CONTAU2:", 0, readcontau2, true},
+    {"CONTAU3:", 0, readcontau3, true},
+    {"GAMMA", 0, readcontrast, true},
     {"CONSTRAIN", 0, readconstrain},
     {"DEVIANCE:", 0, readdeviance},
     {"DF:", 0, readdf},
@@ -294,14 +290,14 @@ constexpr Keyword keywords[] = {
     {"TITLE:", 0, readtitle},
     {"OUTPUT:", 0, readoutput},
     {"FULLOUTPUT:", 0,
-     [](CommandReader&, const std::string& value) { setflag(run.out.fulloutput, "FULLOUTPUT", value); }},
+     [](CommandReader&, const std::string& value) { run.out.fulloutput = flagof("FULLOUTPUT", value); }},
     {"DIAGONALIZETAUPI:", 0,
      [](CommandReader&, const std::string& value) {
-       setflag(run.model.restrictions.diagtaupi, "DIAGONALIZETAUPI", value);
+       run.model.restrictions.diagtaupi = flagof("DIAGONALIZETAUPI", value);
      }},
     {"DIAGONALIZETAUBETA:", 0,
      [](CommandReader&, const std::string& value) {
-       setflag(run.model.restrictions.diagtaubeta, "DIAGONALIZETAUBETA", value);
+       run.model.restrictions.diagtaubeta = flagof("DIAGONALIZETAUBETA", value);
      }},
     {"LEVEL1WEIGHT:", 0, readweight1},
     {"LEVEL2WEIGHT:", 0, readweight2},
@@ -309,7 +305,7 @@ constexpr Keyword keywords[] = {
     {"VARIANCEKNOWN:", 0, readvarianceknown},
     {"FIXTAU2:", 0, [](CommandReader&, const std::string& value) { setrepair(run.control.fixtau2, "FIXTAU2", value); }},
     {"FIXTAU3:", 0, [](CommandReader&, const std::string& value) { setrepair(run.control.fixtau3, "FIXTAU3", value); }},
-    {"LEVEL1:", 0, readlevel1},
+    {"LEVEL1:", 0, readlevel1, true},
     {"RESFIL1:", 0, readresfil1},
     {"RESFIL2:", 0, readresfil2},
     {"RESFIL3:", 0, readresfil3},
@@ -318,17 +314,17 @@ constexpr Keyword keywords[] = {
     {"RESFIL3NAME:", 0, [](CommandReader&, const std::string& value) { setpath(run.files.resfil3name, value); }},
     {"RESFILTYPE:", 0, readresfiltype},
     {"RESFILRECNUM:", 0,
-     [](CommandReader&, const std::string& value) { setflag(run.out.resfilrecnum, "RESFILRECNUM", value); }},
+     [](CommandReader&, const std::string& value) { run.out.resfilrecnum = flagof("RESFILRECNUM", value); }},
     {"RESULTS:", 0, readresults},
-    {"DEBUG:", 0, [](CommandReader&, const std::string& value) { setwhole(run.control.debug, "DEBUG", value); }},
+    {"DEBUG:", 0, [](CommandReader&, const std::string& value) { run.control.debug = wholevalue("DEBUG", value); }},
 };
 
 }  // namespace
 
-KeywordHandler findkeyword(const std::string& line) {
+const Keyword* findkeyword(const std::string& line) {
   for (const Keyword& keyword : keywords) {
     const std::string_view word(keyword.word);
-    if (beginswith(line, keyword.compared > 0 ? word.substr(0, keyword.compared) : word)) return keyword.handler;
+    if (beginswith(line, keyword.compared > 0 ? word.substr(0, keyword.compared) : word)) return &keyword;
   }
   return nullptr;
 }

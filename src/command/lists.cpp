@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <climits>
 #include <cstdio>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -10,7 +11,9 @@
 #include "command/reader.h"
 #include "command/text.h"
 #include "core/formatted.h"
+#include "core/numbers.h"
 #include "driver/failures.h"
+#include "driver/oddities.h"
 #include "driver/runrecord.h"
 
 namespace kdr {
@@ -71,7 +74,7 @@ void readesttau(CommandReader& reader, const TauFields& tau, const std::string& 
   if (static_cast<long long>(elements.size()) < triangle(d)) {
     // An element that cannot be read is told first.
     for (const std::string& element : elements)
-      if (!sameword(element, "E") && !isreal(element))
+      if (!sameword(element, "E") && !realof(element))
         stopwith("Invalid number in %s specification: %s\n", tau.keyword, element.c_str());
     stopwith("There must be at least %lld elements of esttau%d specified\n", triangle(d), tau.number);
   }
@@ -82,8 +85,9 @@ void readesttau(CommandReader& reader, const TauFields& tau, const std::string& 
     for (int j = 0; j <= i; ++j) {
       const std::string& element = elements[n++];
       const bool free = sameword(element, "E");
-      if (!free && !isreal(element)) stopwith("Invalid number in %s specification: %s\n", tau.keyword, element.c_str());
-      matrix[at(i) * at(d) + at(j)] = matrix[at(j) * at(d) + at(i)] = free ? missingcode : realnumber(element);
+      if (!free && !realof(element)) stopwith("Invalid number in %s specification: %s\n", tau.keyword, element.c_str());
+      matrix[at(i) * at(d) + at(j)] = matrix[at(j) * at(d) + at(i)] =
+          free ? missingcode : realof(element).value_or(0.0);
     }
   run.model.restrictions.*tau.est = std::move(matrix);
   run.model.restrictions.*tau.haveest = true;
@@ -99,7 +103,7 @@ void readcontau(CommandReader& reader, const TauFields& tau, const std::string& 
   checklength(reader, elements.size(), static_cast<std::size_t>(places), "such elements");
   int first = 0;
   for (std::size_t i = 0; i < elements.size() && static_cast<long long>(i) < std::max(places, 1LL); ++i) {
-    const int k = wholenumber(elements[i]);
+    const int k = wholeof(elements[i]).value_or(0);
     if (k < 1 || k > places)
       stopwith("Element %s of tau(%s) is outside its %lld elements\n", elements[i].c_str(), tau.greek, places);
     int& code = codes[at(k) - 1];
@@ -115,15 +119,18 @@ void marklist(CommandReader& reader, const char* what, const std::string& list, 
   if (list.empty()) return;
   for (const std::string& name : split(list, ',')) {
     if (name.empty()) badspecification(what, reader.lines.line);
-    flags[at(variable(what, name, names, nvar, 0))] = 1;
+    flags[at(variable(reader.lines.number, what, name, names, nvar, 0))] = 1;
   }
 }
 
-// The lists behind the slashes, `wanted` of them; missing ones are empty.
-std::vector<std::string> slashlists(const std::string& value, std::size_t wanted) {
-  const std::size_t slash = value.find('/');
-  std::vector<std::string> lists;
-  if (slash != std::string::npos) lists = split(std::string_view(value).substr(slash + 1), '/');
+// The lists behind the slashes, `wanted` of them; missing ones are empty. None for a file that is not wanted.
+std::vector<std::string> slashlists(const char* keyword, const std::string& value, std::size_t wanted) {
+  std::vector<std::string> lists = split(value, '/');
+  if (isno(lists[0])) return {};
+  if (!isyes(lists[0]) || lists.size() > wanted + 1)
+    refusevalue(keyword, formatted("N, or Y and behind it up to %zu lists with a / before each", wanted).c_str(),
+                value);
+  lists.erase(lists.begin());
   lists.resize(wanted);
   return lists;
 }
@@ -136,11 +143,12 @@ void refuselatetables() {
 
 }  // namespace
 
-void readnonlin(CommandReader&, const std::string& value) {
+void readnonlin(CommandReader& reader, const std::string& value) {
   run.answered.nonlin = true;
-  if (firstletter(value) == 'N') return;
-  const auto* const family =
-      std::find_if(std::begin(familynames), std::end(familynames), [&](const char* n) { return beginswith(value, n); });
+  const std::vector<std::string> fields = split(value, ',');
+  if (isno(value)) return;
+  const auto* const family = std::find_if(std::begin(familynames), std::end(familynames),
+                                          [&](const char* n) { return sameword(fields[0], n); });
   if (family == std::end(familynames))
     stopwith("Incorrect non-linear type: %s\n Valid are N, BERNOULLI, BINOMIAL, POISSON, MULTINOMIAL and ORDINAL\n",
              value.c_str());
@@ -151,13 +159,17 @@ void readnonlin(CommandReader&, const std::string& value) {
   const bool newtables = Outcome{type}.categorical() || before;
   if (newtables) refuselatetables();
   kind.outcome.family = type;
-  const std::vector<std::string> fields = split(value, ',');
+  if (fields.size() > 2 || (kind.outcome.linear() && fields.size() > 1))
+    refusevalue("NONLIN", "a type, and behind a comma its categories or a variable", value);
   const std::string second = fields.size() > 1 ? fields[1] : "";
   if (kind.outcome.categorical()) {
     if (second.empty()) stopwith("For multinomial/ordinal, you must specify the number of categories\n");
-    kind.outcome.categories = wholenumber(second);
-  } else if (fields.size() > 1) {
-    const int v = kind.outcome.countvariable.emplace(variable("nlcntvar", second, run.mdm.names1, run.mdm.nvar1));
+    const std::optional<int> categories = wholeof(second);
+    if (!categories) refusevalue("NONLIN", "a whole number of categories", value);
+    kind.outcome.categories = *categories;
+  } else if (kind.outcome.single() && fields.size() > 1) {
+    const int v = kind.outcome.countvariable.emplace(
+        variable(reader.lines.number, "nlcntvar", second, run.mdm.names1, run.mdm.nvar1));
     kind.outcome.counted = true;
     run.out.wanted1vars1[at(v)] = 1;
   }
@@ -167,15 +179,16 @@ void readnonlin(CommandReader&, const std::string& value) {
   if (newtables) makeequationsets();
 }
 
-void readdeletion(CommandReader&, const std::string& value) {
+void readdeletion(CommandReader& reader, const std::string& value) {
   run.answered.deletion = true;
   if (sameword(value, "NONE")) return;
   for (const std::string& name : split(value, ','))
-    run.model.delete1[at(variable("level1deletion", name, run.mdm.names1, run.mdm.nvar1)) - 1] = Deletion::named;
+    run.model.delete1[at(variable(reader.lines.number, "level1deletion", name, run.mdm.names1, run.mdm.nvar1)) - 1] =
+        Deletion::named;
 }
 
-void readplausvals(CommandReader&, const std::string& value) {
-  if (sameword(value, "N")) return;
+void readplausvals(CommandReader& reader, const std::string& value) {
+  if (isno(value)) return;
   if (!run.answered.level1) stopwith("plausvals must be specified after level-1 model\n");
   SeriesMode& series = run.series;
   if (!series.pvfirst && !series.pvmode) {
@@ -186,21 +199,22 @@ void readplausvals(CommandReader&, const std::string& value) {
   series.pvlist.reset(names.size());
   series.nsets = static_cast<int>(names.size());
   for (std::size_t i = 0; i < names.size(); ++i)
-    series.pvlist[i] = variable("plausvals", names[i], run.mdm.names1, run.mdm.nvar1);
+    series.pvlist[i] = variable(reader.lines.number, "plausvals", names[i], run.mdm.names1, run.mdm.nvar1);
   if (series.pvfirst) series.pvcurrent = series.pvlist[0];
 }
 
 void readlvr(CommandReader&, const std::string& value) {
   run.answered.lvr = true;
-  if (firstletter(value) == 'N') return;
+  if (isno(value)) return;
   if (!run.answered.wholemodel()) stopwith("lvr must be specified after complete model\n");
   const int n = randomlevel2();
   if (n == 0) stopwith("There is no tau, so lvr cannot be used!\n");
-  if (value.size() >= 2 * at(n)) stopwith("lvr has letters for more than the %d coefficients random at level 3!\n", n);
+  const std::vector<std::string> letters = split(value, ',');
+  if (letters.size() > at(n)) stopwith("lvr has letters for more than the %d coefficients random at level 3!\n", n);
   run.out.lvrroles.reset(at(n));
   run.out.lvr = false;
   for (std::size_t i = 0; i < at(n); ++i) {
-    const auto* role = rownamed(roleletters, 2 * i < value.size() ? value.substr(2 * i, 1) : std::string());
+    const auto* role = rownamed(roleletters, i < letters.size() ? letters[i] : std::string());
     if (role == nullptr) {
       std::printf("lvr must be specifed as o, p or i");
       stoprun(8);
@@ -217,10 +231,11 @@ void readcontau3(CommandReader& reader, const std::string& value) { readcontau(r
 
 void readcontrast(CommandReader& reader, const std::string& value) {
   if (!run.answered.wholemodel()) stopwith("Gammas must be specified after complete model\n");
-  const int hypothesis = wholenumber(reader.lines.line.substr(5));
+  const std::string keyword = reader.lines.line.substr(0, reader.lines.line.find(':'));
+  const int hypothesis = wholeof(keyword.substr(5)).value_or(0);
   if (hypothesis < 1 || hypothesis > maxhypotheses) {
-    std::printf(" %s: hypotheses have the numbers 1 to %d: ignored\n",
-                printable(reader.lines.line.substr(0, reader.lines.line.find(':'))).c_str(), maxhypotheses);
+    oddcommand(
+        formatted(" %s: hypotheses have the numbers 1 to %d: ignored\n", printable(keyword).c_str(), maxhypotheses));
     return;
   }
   if (hypothesis < reader.hypothesis) stopwith("The lines GAMMA%d: must stand together!\n", hypothesis);
@@ -243,32 +258,33 @@ void readcontrast(CommandReader& reader, const std::string& value) {
     reader.oddnumbers = static_cast<int>(values.size());
   }
   for (std::size_t i = 0; i < width && i < values.size(); ++i) {
-    if (!iswholereal(values[i])) stopwith("Invalid number in a contrast: %s\n", values[i].c_str());
-    contrasts[start + i] = realnumber(values[i]);
+    const std::optional<double> number = realof(values[i]);
+    if (!number) stopwith("Invalid number in a contrast: %s\n", values[i].c_str());
+    contrasts[start + i] = *number;
   }
 }
 
 void readconstrain(CommandReader& reader, const std::string& value) {
-  const char letter = firstletter(value);
-  if (letter == 'Y') return;
-  run.answered.constrain = true;
-  if (letter == 'N') return;
+  run.answered.constrain = !isyes(value);
+  if (isyes(value)) return;
+  if (isno(value)) return;
   if (!run.answered.wholemodel()) stopwith("Constraints must be specified after complete model\n");
   const auto width = at(countfixedeffects());
   if (run.model.constraints.size() != width) run.model.constraints.reset(width);
   const std::vector<std::string> values = split(value, ',');
   checklength(reader, values.size(), width, "fixed effects");
   for (std::size_t i = 0; i < width && i < values.size(); ++i) {
-    if (!isreal(values[i])) stopwith("Invalid number in a constraint: %s\n", values[i].c_str());
-    run.model.constraints[i] = wholenumber(values[i]);
+    const std::optional<int> group = wholeof(values[i]);
+    if (!group) stopwith("Invalid number in a constraint: %s\n", values[i].c_str());
+    run.model.constraints[i] = *group;
   }
 }
 
 void readresfil1(CommandReader& reader, const std::string& value) {
   run.answered.resfil1 = true;
-  if (firstletter(value) == 'N') return;
+  const std::vector<std::string> lists = slashlists("RESFIL1", value, 3);
+  if (lists.empty()) return;
   run.out.resfil1 = true;
-  const std::vector<std::string> lists = slashlists(value, 3);
   marklist(reader, "resfil1", lists[0], run.mdm.names1, run.mdm.nvar1, run.out.wanted1vars1);
   marklist(reader, "resfil1", lists[1], run.mdm.names2, run.mdm.nvar2, run.out.wanted1vars2);
   marklist(reader, "resfil1", lists[2], run.mdm.names3, run.mdm.nvar3, run.out.wanted1vars3);
@@ -276,18 +292,19 @@ void readresfil1(CommandReader& reader, const std::string& value) {
 
 void readresfil2(CommandReader& reader, const std::string& value) {
   run.answered.resfil2 = true;
-  if (firstletter(value) == 'N') return;
+  const std::vector<std::string> lists = slashlists("RESFIL2", value, 2);
+  if (lists.empty()) return;
   run.out.resfil2 = true;
-  const std::vector<std::string> lists = slashlists(value, 2);
   marklist(reader, "resfil2", lists[0], run.mdm.names2, run.mdm.nvar2, run.out.wanted2vars2);
   marklist(reader, "resfil2", lists[1], run.mdm.names3, run.mdm.nvar3, run.out.wanted2vars3);
 }
 
 void readresfil3(CommandReader& reader, const std::string& value) {
   run.answered.resfil3 = true;
-  if (firstletter(value) == 'N') return;
+  const std::vector<std::string> lists = slashlists("RESFIL3", value, 1);
+  if (lists.empty()) return;
   run.out.resfil3 = true;
-  marklist(reader, "resfil3", slashlists(value, 1)[0], run.mdm.names3, run.mdm.nvar3, run.out.wanted3vars3);
+  marklist(reader, "resfil3", lists[0], run.mdm.names3, run.mdm.nvar3, run.out.wanted3vars3);
 }
 
 }  // namespace kdr

@@ -8,6 +8,7 @@
 #include "command/complete.h"
 #include "command/dialogue.h"
 #include "command/text.h"
+#include "core/modelcounts.h"
 #include "core/formatted.h"
 #include "core/modelwalk.h"
 #include "driver/questions.h"
@@ -363,7 +364,7 @@ void modelquestions() {
   askdeletion();
   askextra2();
   askextra3();
-  countextras();
+  countextras(run.model);
 }
 
 }  // namespace kdr

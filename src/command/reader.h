@@ -1,6 +1,7 @@
 // What the routines of the command file reader share. Internal to the reader.
 #pragma once
 
+#include <map>
 #include <string>
 
 #include "command/linereader.h"
@@ -8,6 +9,8 @@
 #include "kernel/array.h"
 
 namespace kdr {
+
+struct Keyword;
 
 struct CommandReader {
   LineReader lines;
@@ -21,21 +24,33 @@ struct CommandReader {
   int ncoef1 = 0;                     // level-1 coefficients of the set so far
   int ncoef2 = 0;                     // level-2 coefficients of the set so far
   int nthresholds = 0;                // thresholds on the LEVEL1: line
-  std::string without2, without3;     // the first coefficient of level 1, of level 2, that has no equation
+  std::map<const Keyword*, int> lineof;  // where each keyword was met first
+  std::string without2, without3;        // the first coefficient of level 1, of level 2, that has no equation
 };
 
 // One keyword: `value` is the text behind the line's first colon, never empty except for TITLE:.
 using KeywordHandler = void (*)(CommandReader& reader, const std::string& value);
 
-// The handler of the first keyword that the line begins with, or null.
-[[nodiscard]] KeywordHandler findkeyword(const std::string& line);
+struct Keyword {
+  const char* word;
+  std::size_t compared;  // characters that are compared; 0: all of them
+  KeywordHandler handler;
+  bool repeats = false;  // several lines may bear it
+};
+
+// The first keyword that the line begins with, or null.
+[[nodiscard]] const Keyword* findkeyword(const std::string& line);
+
+// The value is none that the keyword can have: says what it wants, and stops with code 100.
+[[noreturn]] void refusevalue(const char* keyword, const char* wanted, const std::string& value);
 
 // "Batch file ... specification invalid" and failure 9 with the name.
 [[noreturn]] void badspecification(const char* what, const std::string& name);
 // Failure 8 with the number of the line in hand.
 [[noreturn]] void badline(const CommandReader& reader);
-// The index of a variable, from `lowest` to `highest`; badspecification when there is none.
-[[nodiscard]] int variable(const char* what, const std::string& name, const Array<Name>& table, int highest,
+// The index of a variable, from `lowest` to `highest`; when there is none, failure 9 with the number of its line, and
+// what may be meant.
+[[nodiscard]] int variable(int line, const char* what, const std::string& name, const Array<Name>& table, int highest,
                            int lowest = 1);
 
 // The model: a LEVEL1: line and the LEVEL2: and LEVEL3: lines behind it.

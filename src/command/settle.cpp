@@ -4,8 +4,10 @@
 #include <cstdio>
 #include <string>
 
+#include "core/formatted.h"
 #include "core/names.h"
 #include "driver/failures.h"
+#include "driver/oddities.h"
 #include "driver/runrecord.h"
 
 namespace kdr {
@@ -35,7 +37,8 @@ void checknonlinear() {
 // Another value that the command file asks for is not passed over in silence.
 void holdsigma2(const char* reason) {
   std::optional<double>& held = run.model.restrictions.fixsigma2;
-  if (held && *held != 1.0) std::printf(" FIXSIGMA2:%g has no effect: with %s sigma^2 is held at 1.\n", *held, reason);
+  if (held && *held != 1.0)
+    oddcommand(formatted(" FIXSIGMA2:%g has no effect: with %s sigma^2 is held at 1.\n", *held, reason));
   held = 1.0;
 }
 
@@ -50,7 +53,7 @@ void settleengines() {
   if (iter.agqpoints != 0) {
     if (kind.outcome.linear()) stopwith("Adaptive quadrature may only be done on non-linear analyses.\n");
     if (kind.outcome.categorical()) {
-      std::printf(" The program cannot do adaptive quadrature for multinomial/ordinal runs yet.\n");
+      oddcommand(" The program cannot do adaptive quadrature for multinomial/ordinal runs yet.\n");
       iter.agqpoints = 0;
     } else {
       if (iter.agqfixed && (iter.agqauto || iter.agqpoints < 3))

@@ -1,9 +1,7 @@
 #include "command/text.h"
 
 #include <algorithm>
-#include <cfloat>
-#include <climits>
-#include <cstdlib>
+#include <utility>
 
 #include "core/constants.h"
 #include "core/formatted.h"
@@ -53,29 +51,44 @@ std::vector<std::string> split(std::string_view text, char separator) {
 
 char firstletter(std::string_view text) { return text.empty() ? '\0' : upper(text[0]); }
 
-int wholenumber(const std::string& text) {
-  return static_cast<int>(std::clamp<long>(std::strtol(text.c_str(), nullptr, 10), INT_MIN, INT_MAX));
+bool isyes(std::string_view text) { return sameword(text, "Y") || sameword(text, "YES"); }
+
+bool isno(std::string_view text) { return sameword(text, "N") || sameword(text, "NO") || sameword(text, "NONE"); }
+
+namespace {
+
+// Letters to be changed, added, left out or exchanged with the next one.
+std::size_t distance(const std::string& a, const std::string& b) {
+  std::vector<std::size_t> before(b.size() + 1), row(b.size() + 1), next(b.size() + 1);
+  for (std::size_t j = 0; j <= b.size(); ++j) row[j] = j;
+  for (std::size_t i = 1; i <= a.size(); ++i) {
+    next[0] = i;
+    for (std::size_t j = 1; j <= b.size(); ++j) {
+      next[j] = std::min({row[j] + 1, next[j - 1] + 1, row[j - 1] + (a[i - 1] == b[j - 1] ? 0 : 1)});
+      if (i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1])
+        next[j] = std::min(next[j], before[j - 2] + 1);
+    }
+    before.swap(row);
+    row.swap(next);
+  }
+  return row[b.size()];
 }
 
-bool isreal(const std::string& text) {
-  // The words for infinity and for what is no number are no reals here.
-  const std::size_t digit = text.find_first_not_of(" \t+-.");
-  if (digit == std::string::npos || text[digit] < '0' || text[digit] > '9') return false;
-  char* end = nullptr;
-  std::strtod(text.c_str(), &end);
-  return end != text.c_str();
-}
+}  // namespace
 
-bool iswholereal(const std::string& text) {
-  if (!isreal(text)) return false;
-  char* end = nullptr;
-  std::strtod(text.c_str(), &end);
-  return *end == '\0';
-}
-
-double realnumber(const std::string& text) {
-  if (!isreal(text)) return 0.0;
-  return std::clamp(std::strtod(text.c_str(), nullptr), -DBL_MAX, DBL_MAX);
+std::string nearestnames(std::string_view name, const Array<Name>& table, int n) {
+  std::vector<std::pair<std::size_t, int>> far;
+  const std::string wanted = uppercase(name);
+  for (int v = 1; v <= n; ++v) {
+    const std::string other = leftname(table[static_cast<std::size_t>(v)]);
+    if (const std::size_t d = distance(wanted, other); 2 * d <= std::max(wanted.size(), other.size()))
+      far.emplace_back(d, v);
+  }
+  std::sort(far.begin(), far.end());
+  std::string list;
+  for (std::size_t i = 0; i < far.size() && i < 3; ++i)
+    list += (i > 0 ? ", " : "") + leftname(table[static_cast<std::size_t>(far[i].second)]);
+  return list;
 }
 
 }  // namespace kdr

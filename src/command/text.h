@@ -32,13 +32,11 @@ template <class Table>
 // The text as a problem title: cut to its length, fit to be shown, without blanks at its end.
 [[nodiscard]] std::string titlefrom(std::string_view text);
 
-// The decimal value of the text's start, held to the range of an int; 0 when there is none.
-[[nodiscard]] int wholenumber(const std::string& text);
-// The real value of the text's start, held to the finite range; 0 when there is none.
-[[nodiscard]] double realnumber(const std::string& text);
-// True when the text begins with a real.
-[[nodiscard]] bool isreal(const std::string& text);
-// True when the text is a real and nothing else.
-[[nodiscard]] bool iswholereal(const std::string& text);
+// Y or YES, and N, NO or NONE, in any case.
+[[nodiscard]] bool isyes(std::string_view text);
+[[nodiscard]] bool isno(std::string_view text);
+// Up to three names 1..n of a table, those that differ least from `name`, with commas between them; empty when none has
+// half of it.
+[[nodiscard]] std::string nearestnames(std::string_view name, const Array<Name>& table, int n);
 
 }  // namespace kdr

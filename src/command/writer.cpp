@@ -98,24 +98,16 @@ std::string rightside(const int* row, int width, const Array<Name>& names, const
   return joined(terms, "+") + "/" + namelist(names, extras, filledslots(extras, maxextra));
 }
 
-std::string level1terms(int e, bool marked) {
+std::string level1terms(int e) {
   std::string terms;
   for (int v = 0; v < run.mdm.ncol1; ++v)
     if (run.model.use1.row(e)[v] == Use::predictor)
-      terms += nameof(run.mdm.names1, v) + (marked ? centermark(run.model.center1, v) : "") + "+";
+      terms += nameof(run.mdm.names1, v) + centermark(run.model.center1, v) + "+";
   return terms + "RANDOM";
 }
 
 void writelevel1(std::FILE* out, int e, const std::string& outcome) {
-  if (linearrun()) {
-    std::fprintf(out, "LEVEL1:%s=%s\n", outcome.c_str(), level1terms(e, true).c_str());
-    return;
-  }
-  // A non-linear run's line names the working outcome and has no centering marks. The line before it, a comment to
-  // everyone else, keeps both, and the reader takes them from there.
-  std::fprintf(out, "#KDR3 LEVEL1:%s=%s\n", outcome.c_str(), level1terms(e, true).c_str());
-  std::fprintf(out, "LEVEL1:%s=%s\n", run.model.outcome.single() ? "Z" : outcome.c_str(),
-               level1terms(e, false).c_str());
+  std::fprintf(out, "LEVEL1:%s=%s\n", outcome.c_str(), level1terms(e).c_str());
 }
 
 void writeset(std::FILE* out, int e, const std::string& outcome) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -35,5 +36,10 @@ inline constexpr int fulldisk = 5, notemporary = 6;  // rows that whoever writes
   failure.reportwords = std::move(reportwords);
   return failure;
 }
+// The same words on both.
+[[nodiscard]] inline Failure failedboth(const std::string& words) { return failedwith(words, words); }
+
+// What went wrong in one line, for a caller without console and report.
+[[nodiscard]] std::string sentenceof(const Failure& failure);
 
 }  // namespace kdr

@@ -96,4 +96,8 @@ struct Model {
   Restrictions restrictions;
 };
 
+// Allocates the equation tables for the `neqsets` sets of the model, all term slots noslot, everything else zero, and
+// forgets constraints and hypotheses. ncol1 is nvar1 + 1, with thresholds that many more, ncol2 and ncol3 likewise.
+void allocateequations(Model& model, int nvar1, int ncol1, int ncol2, int ncol3);
+
 }  // namespace kdr

@@ -35,6 +35,9 @@ struct MdmData {
 
   int ncol1 = 0, ncol2 = 0, ncol3 = 0;  // widths of the equation tables: nvarL + 1 (ordinal: with thresholds)
   int maxbeta = 0;                      // ncol2 * nvar1: level-2 coefficients that an equation set can have
+
+  // The same data; both read one stream, by positions of their own.
+  [[nodiscard]] MdmData copy() const;
 };
 
 [[nodiscard]] inline UnitCounts countsof(const MdmData& data) {

@@ -16,6 +16,7 @@
 #include <tuple>
 #include <utility>
 
+#include "core/failuretable.h"
 #include "core/formatted.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
@@ -27,66 +28,6 @@ void (*endprocess)(int code) = nullptr;
 
 namespace {
 
-enum class Target { console, report };
-
-// One row of the failure table. `lines` are printed in order; a console line carries its own newlines, a report line
-// is led by a reportbreak. The one "%s" of a row takes the text argument, or the module name where `namesmodule` is set
-// and the line is the first.
-struct FailureRow {
-  int code;
-  Target target;
-  bool namesmodule;
-  const char* lines[12];
-};
-
-constexpr FailureRow failures[] = {
-    {1, Target::console, false, {" %s is an empty file\n"}},
-    {2, Target::report, false, {" No more level-%s groups left for analysis"}},
-    {3, Target::console, false, {" Out of memory. Please run a smaller problem\n"}},
-    {4, Target::console, false, {" Unexpected end of file on read: %s\n"}},
-    {5, Target::console, false, {" Unable to write. Full disk?\n"}},
-    {6, Target::console, false, {" Unable to open temp file\n"}},
-    {7, Target::console, false, {" Data do not match format at:\n%s\n"}},
-    {8, Target::console, false, {" Error in batch file at line %s\n"}},
-    {9, Target::console, false, {"%s does not exist\n"}},
-    {10, Target::console, false, {"Level 1 variables must be specified in the order given in the mdm file\n"}},
-    {11,
-     Target::report,
-     false,
-     {"There is a problem in the fixed portion of the model.  A near singularity is",
-      "likely.  Possible sources are a collinearity or multicollinearity among the",
-      "predictors.  We suggest that you examine a correlation matrix among the fixed", "effect predictors.\n"}},
-    {12, Target::report, false, {"Matrix %s is not invertible. Unable to continue"}},
-    {13,
-     Target::report,
-     true,
-     {"%s is unable to compute starting values based on the specified model.",
-      "Every level-%s predictor matrix is near singular.", "1) Center one or more level-%s predictors.",
-      "2) One (or more) of the random effects should be either deleted from the model", "   or treated as fixed."}},
-    {14, Target::console, false, {"Unable to get a proper response\n"}},
-    {15,
-     Target::report,
-     true,
-     {"%s is unable to estimate covariance components for the model specified. It is", "likely that either:", "",
-      "    1. one or more of the variance components is very close to zero and the",
-      "       reliability of the associated random effect is also close to zero, or",
-      "    2. there is a collinearity or multicollinearity among the random effects. In",
-      "       this case, the estimated correlations among the random effects would", "       be close to 1.0, or", "",
-      "The model should be respecified.  One (or more) of the random effects must be",
-      "either deleted from the model or treated as fixed."}},
-    {16,
-     Target::report,
-     false,
-     {"There are no degrees of freedom to estimate sigma_squared. Set sigma_squared",
-      "to a constant, or delete one or more of the random effects from the model."}},
-    {17, Target::console, false, {"There are no fixed effects!!\n"}},
-    {18,
-     Target::report,
-     false,
-     {"The level-1 weight matrix is near singular.  You may wish to simplify the model by:",
-      "a) reducing the number of categories;", "b) reducing the number of random effects."}},
-};
-
 // The words of the table hold at most one "%s" a line, so this is the one place that formats by a table entry.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
@@ -94,7 +35,7 @@ void printfailure(const FailureRow& failure, const char* text) {
   const char* argument = failure.namesmodule ? module : text;
   for (const char* line : failure.lines) {
     if (line == nullptr) break;
-    if (failure.target == Target::console) {
+    if (failure.target == FailureRow::Target::console) {
       std::printf(line, argument);
     } else {
       if (failure.code != 2) reportbreak();  // failure 2 stands on the line it finds
@@ -102,7 +43,7 @@ void printfailure(const FailureRow& failure, const char* text) {
     }
     argument = text;
   }
-  if (failure.target != Target::report) return;
+  if (failure.target != FailureRow::Target::report) return;
   reportbreak();
   if (!reportisstdout()) std::printf("The run has stopped. The end of %s tells why.\n", run.files.outfile.c_str());
 }
@@ -241,6 +182,7 @@ void stopwith(const char* format, ...) {
 
 namespace {
 
+constexpr int ending[] = {SIGINT, SIGQUIT, SIGTERM, SIGHUP};
 volatile std::sig_atomic_t pendingsignal = 0;
 volatile std::sig_atomic_t holding = 0;
 volatile std::sig_atomic_t interruptmark = 0;
@@ -285,19 +227,38 @@ void onfloatingpoint(int, siginfo_t* info, void*) {
 
 void installhandlers() {
   struct sigaction action {};
-  action.sa_handler = onsignal;  // no SA_RESTART: a question that waits for its answer returns at once
+  action.sa_handler = onsignal;
+  // A write that waits, as for a pager, goes on behind the signal: what it was to write would be lost. Only a read that
+  // waits is broken (BreakableReads).
+  action.sa_flags = SA_RESTART;
   sigemptyset(&action.sa_mask);
   // A write to a pipe that nobody reads any more ends the run quietly; one beyond the size that a file may have fails
   // as on a full disk.
   sigaction(SIGPIPE, &action, nullptr);
   std::signal(SIGXFSZ, SIG_IGN);
-  for (const int signal : {SIGINT, SIGQUIT, SIGTERM, SIGHUP}) sigaction(signal, &action, nullptr);
+  for (const int signal : ending) sigaction(signal, &action, nullptr);
   struct sigaction trap {};
   trap.sa_sigaction = onfloatingpoint;
   trap.sa_flags = SA_SIGINFO;
   sigemptyset(&trap.sa_mask);
   sigaction(SIGFPE, &trap, nullptr);
 }
+
+namespace {
+
+void setrestart(int flag) {
+  for (const int signal : ending) {
+    struct sigaction action {};
+    if (sigaction(signal, nullptr, &action) != 0 || action.sa_handler != onsignal) continue;
+    action.sa_flags = flag;
+    sigaction(signal, &action, nullptr);
+  }
+}
+
+}  // namespace
+
+BreakableReads::BreakableReads() { setrestart(0); }
+BreakableReads::~BreakableReads() { setrestart(SA_RESTART); }
 
 bool endrequested() { return pendingsignal != 0; }
 

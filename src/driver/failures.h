@@ -44,6 +44,14 @@ extern void (*endprocess)(int code);
 // Installs the handlers of floating-point exceptions, interrupt, break and termination.
 void installhandlers();
 
+// While one lives, a read that waits returns at a signal that asks for the end. Elsewhere signals break no call.
+struct BreakableReads {
+  BreakableReads();
+  ~BreakableReads();
+  BreakableReads(const BreakableReads&) = delete;
+  BreakableReads& operator=(const BreakableReads&) = delete;
+};
+
 // A signal that asked for the end runs the stop sequence here, with the words of its kind. Called at safe points:
 // between blocks of data, between iterations, at questions.
 void checksignals();

@@ -71,6 +71,7 @@ bool plainline(const std::string& prompt, std::string& line) {
 bool readanswer(const std::string& prompt, std::string& line, Question question, const std::string& more) {
   for (;;) {
     line.clear();
+    const BreakableReads breakable;
     const bool any = atterminal() ? editline(prompt, line) : plainline(prompt, line);
     checksignals();
     if (!asksforhelp(line)) return any;

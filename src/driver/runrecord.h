@@ -38,6 +38,7 @@ struct SeriesMode {
   int miindex = 0;          // k
   bool mifirst = false;     // k is 0: the result store is to be created
   bool milast = false;      // -e
+  bool closing = false;     // -e without files: no data set, only the averages
   char mistatus[128] = {};  // 1 for each data set that was finished
   bool pvmode = false;      // a PLAUSVALS: list is in force
   bool pvfirst = false;     // first pass of that repetition
@@ -139,6 +140,7 @@ struct RunRecord {
   Control control;
   OutputControl out;
   AnsweredMarks answered;
+  std::vector<std::string> odd;  // sentences on what the command file says in vain: oddcommand
   Symbols sym;
   ReportStream report;
   DesignWeights weights;

@@ -1,14 +1,17 @@
 #include "kernel/array.h"
 
-namespace kdr {
+#include <new>
 
-void (*outofmemory)() = std::abort;
+namespace kdr {
 
 void* alloczero(std::size_t bytes) {
   if (bytes == 0) return nullptr;
-  void* memory = std::calloc(1, bytes);
-  if (memory == nullptr) outofmemory();
-  return memory;
+  for (;;) {
+    if (void* memory = std::calloc(1, bytes)) return memory;
+    const std::new_handler handler = std::get_new_handler();
+    if (handler == nullptr) throw std::bad_alloc();
+    handler();
+  }
 }
 
 }  // namespace kdr

@@ -11,12 +11,8 @@
 
 namespace kdr {
 
-// Called when memory is exhausted and expected not to return. The driver installs failure 3 here at start;
-// until then an exhausted allocation aborts.
-extern void (*outofmemory)();
-
 // Returns `bytes` bytes of zeroed memory to be released with free(), or a null pointer for 0 bytes.
-// Calls `outofmemory` on exhaustion.
+// On exhaustion it does what `new` does: the new-handler is called, without one std::bad_alloc is thrown.
 [[nodiscard]] void* alloczero(std::size_t bytes);
 
 // A zeroed, move-only array of plain values. Indexing is checked in debug builds only.

@@ -110,7 +110,7 @@ void variances(const Pooled& pooled) {
     if (std::any_of(tests.begin(), tests.end(), ratio)) {
       report("Chi-square over its df is pooled, and the p-value that of F. Degrees of freedom of\nthe denominator:");
       for (const VarianceTest& test : tests)
-        report(" %s", ratio(test) ? fixedpoint(test.chisquare.df2, 1, 1).c_str() : "none");
+        report(" %s", ratio(test) ? fixedpoint(test.chisquare.df2, 1, 2).c_str() : "none");
       reportbreak();
     }
     partialnote(which, "chi-square statistics", pooled.tests.units2, pooled.tests.units3);
@@ -134,7 +134,7 @@ void startaveragedreport() {
   const std::string name = averagedreportname();
   if (name.empty()) return;
   std::FILE* sub = run.report.stream;
-  std::fflush(sub);
+  if (std::fflush(sub) != 0 || std::ferror(sub) != 0) fail(5);  // what rewinds clears the mark
   const off_t place = ftello(sub);
   std::rewind(sub);
   std::FILE* averaged = openfile(name, "w");

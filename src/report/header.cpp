@@ -9,6 +9,7 @@
 
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
+#include "report/passtables.h"
 #include "report/stream.h"
 
 namespace kdr {
@@ -70,6 +71,7 @@ void writeheader() {
   localtime_r(&seconds, &now);
   product();
   occasion(now);
+  for (const std::string& words : run.odd) reportwarning("WARNING: Command file: " + escaped(words));
   reportbreak();
 }
 

@@ -3,7 +3,7 @@
 #include "core/formatted.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
-#include "estimate/quasi/macrotest.h"
+#include "estimate/inference/settled.h"
 #include "report/fixedtable.h"
 #include "report/hypotheses.h"
 #include "report/matrixtables.h"
@@ -137,16 +137,6 @@ void reportwarning(const std::string& lines) {
   report("%s", lines.substr(from).c_str());
   reporthtml("</b>");
   reportbreak();
-}
-
-std::string unsettledwords(const PassResults& results) {
-  const bool fitted =
-      results.kind == PassKind::linear || results.kind == PassKind::pql || results.kind == PassKind::categories;
-  if (!fitted || results.errors.stepleft < settled) return {};
-  return formatted(
-      "WARNING: the variance components have not settled: the next scoring step would move one of them\n"
-      "by %.1f standard errors. You may want to re-run the analysis with a smaller %s.",
-      results.errors.stepleft, results.kind == PassKind::linear ? "STOPVAL" : "STOPMICRO");
 }
 
 void deletionnote() {

@@ -16,10 +16,6 @@ void sectionheading(const char* text, const char* html, int rule);
 
 // Lines in bold.
 void reportwarning(const std::string& lines);
-// A warning of two lines when a scoring step from the estimates would still move a variance component by a tenth of its
-// standard error or more; else empty.
-[[nodiscard]] std::string unsettledwords(const PassResults& results);
-
 // The number of level-1 records that run-time deletion left, when it left any out.
 void deletionnote();
 

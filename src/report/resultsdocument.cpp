@@ -512,9 +512,15 @@ Json filesmade() {
   return files;
 }
 
-// The sentences about the run, and those on comparisons that are none.
+// The sentences about the run, those on phases that ended too soon, and those on comparisons that are none.
 Json allwarnings() {
   Json warnings = document.warnings;
+  if (converged() == false)
+    for (const Json& phase : document.phases)
+      if (phase["converged"] == false && phase["phase"] != "identity" &&
+          !(phase["phase"] == "population_average" && run.model.restrictions.fixsigma2))
+        warnings.push_back("The iterations of the phase " + phase["phase"].get<std::string>() +
+                           " were stopped prior to convergence.");
   for (const Json& phase : document.phases)
     if (const Json& compared = phase["model_comparison"]; !compared.is_null() && !compared["impossible"].is_null())
       warnings.push_back("The models of DEVIANCE: cannot be compared. " + compared["impossible"].get<std::string>());
@@ -564,6 +570,7 @@ void writedocument(const std::string& path) {
 
 void startdocument() {
   document = {Json::array(), Json::array(), Json::array(), false};
+  for (const std::string& words : run.odd) document.warnings.push_back("Command file: " + words);
   run.id.passunconverged = false;
   run.files.made.clear();
   run.files.marks.clear();
@@ -623,19 +630,18 @@ void documentaverages(const Pooled& pooled, std::span<const int> failed) {
 }
 
 void documentending(bool converged) {
-  if (wanted() && !document.phases.empty()) document.phases.back()["converged"] = converged;
+  if (!wanted() || document.phases.empty()) return;
+  Json& phase = document.phases.back();
+  phase["converged"] = converged;
+  if (converged || phase["ending"] == endingname(Ending::converged))
+    phase["ending"] = endingname(converged ? Ending::converged : Ending::limit);
 }
 
 void documentwarning(const std::string& words) {
   if (wanted()) document.warnings.push_back(words);
 }
 
-std::string resultsname() {
-  const std::string& name = run.files.results;
-  if (name.empty() || (!run.series.mimode && !run.series.pvmode)) return name;
-  const std::size_t dot = extensionplace(name);
-  return name.substr(0, dot) + "_" + std::to_string(subrunnumber()) + name.substr(dot);
-}
+std::string resultsname() { return subrunname(run.files.results); }
 
 void refuseforeignresults() {
   for (const std::string& name : {resultsname(), run.files.results}) {

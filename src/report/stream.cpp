@@ -109,9 +109,15 @@ std::size_t extensionplace(const std::string& path) {
   return dot;
 }
 
+std::string subrunname(const std::string& name) {
+  if (name.empty() || (!run.series.mimode && !run.series.pvmode)) return name;
+  const std::size_t dot = extensionplace(name);
+  return name.substr(0, dot) + "_" + std::to_string(subrunnumber()) + name.substr(dot);
+}
+
 int subrunnumber() { return (run.series.pvmode ? run.series.pvindex : run.series.miindex) + 1; }
 
-void openreport(void (*check)(), void (*keep)()) {
+void namereport(void (*keep)()) {
   RunFiles& files = run.files;
   const bool laterpass = run.series.pvmode && run.series.pvindex > 0 && !files.outbase.empty();
   if (files.outfile.empty() && !laterpass) {
@@ -122,6 +128,12 @@ void openreport(void (*check)(), void (*keep)()) {
   if (!reportisstdout() && series) numberreport();
   const std::size_t dot = files.outfile.rfind('.');
   run.report.html = dot != std::string::npos && beginswith(files.outfile.substr(dot), ".htm");
+}
+
+void openreport(void (*check)(), void (*keep)()) {
+  RunFiles& files = run.files;
+  const bool series = run.series.pvmode || run.series.mimode;
+  namereport(keep);
   if (check != nullptr) check();
   if (reportisstdout()) {
     run.report.stream = stdout;

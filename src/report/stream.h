@@ -20,6 +20,9 @@ inline constexpr const char* stylebottom =
 [[nodiscard]] std::size_t extensionplace(const std::string& path);
 // The number of the sub-run of a series, from 1.
 [[nodiscard]] int subrunnumber();
+// The name of a file that each sub-run of a series has: with its number before the extension. Outside a series the name
+// as it is.
+[[nodiscard]] std::string subrunname(const std::string& name);
 
 // Opens the report of this pass by run.files.outfile (asked for when empty, and then again while it cannot be opened or
 // is an input of the run; `keep` is called before the first question, for what must not be lost with it; in a series a
@@ -27,6 +30,9 @@ inline constexpr const char* stylebottom =
 // HTML mode the page head is written. A report that cannot be opened, or that would overwrite the run's own MDM file or
 // command file, stops the run with code 100. `check` is called when all names are known and nothing is open yet.
 void openreport(void (*check)() = nullptr, void (*keep)() = nullptr);
+
+// The part of openreport that settles the report's name and mode.
+void namereport(void (*keep)() = nullptr);
 
 // Ends the report on a normal end of a pass: cuts what an earlier, longer iteration of a non-linear run left behind,
 // closes the page, closes the file. Nothing is written to standard output.

@@ -1,7 +1,6 @@
 // Latent variable regression: some random level-2 coefficients of a level-3 unit regressed on others and on the level-3
-// variables of the model, from the estimates of the model alone. The coefficients of a unit are normal about their
-// level-3 equations with covariance Tb; the regression is their conditional mean and R their conditional covariance, as
-// of any normal vector.
+// variables of the model, from the estimates of the model alone. Derived in docs/numerics.md, "Latent variable
+// regression".
 //
 // With the outcome coefficients O (nO) and the predictor coefficients P (nP), Tb = taubeta, and G the level-3
 // coefficients on the nW terms:

@@ -1,4 +1,4 @@
-// Rubin's rules (Rubin, 1987, Multiple Imputation for Nonresponse in Surveys): the averages of a series of sub-runs.
+// Rubin's rules: the averages of a series of sub-runs (docs/numerics.md, "Pooling").
 //
 // With M sub-runs, a bar for the plain mean over them and f = (1 + 1/M) / (M - 1), the covariance of a pooled vector of
 // estimates x is the mean of the sub-runs' covariances, within, plus f times the sum of (x_m - xbar)(x_m - xbar)',

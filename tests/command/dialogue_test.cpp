@@ -120,8 +120,8 @@ TEST_F(Dialogue, KindsOfOutcome) {
   };
   const Case cases[] = {
       {"y\n1\n20\n10\nn\ny\n30\n4\n" + model,
-       {"MACROIT:20\nMICROIT:10\nNONLIN:BERNOULLI\nLAPLACE:y,30\n",
-        "#KDR3 LEVEL1:Y=INTRCPT1+RANDOM\nLEVEL1:Z=INTRCPT1+RANDOM\n", "FIXSIGMA2:1.000000\n"}},
+       {"MACROIT:20\nMICROIT:10\nNONLIN:BERNOULLI\nLAPLACE:y,30\n", "\nLEVEL1:Y=INTRCPT1+RANDOM\n",
+        "FIXSIGMA2:1.000000\n"}},
       {"y\n2\n20\n10\ny\n4\n0\n4\n6\n" + model.substr(2), {"NONLIN:BINOMIAL,T\n"}},
       {"y\n4\n20\n10\ny\n4\n0\n6\n" + model.substr(2), {"NONLIN:POISSON,T\n"}},
       {"y\n6\n20\n10\n4\n3\n" + model,
@@ -129,7 +129,7 @@ TEST_F(Dialogue, KindsOfOutcome) {
       {"y\n5\n20\n10\n4\n3\n3\n0\nn\nn\n1\n0\n0\n0\n0\nn\nn\nn\nn\nn\nn\n0\n0\n0\n0\n0\nn\n0\n0\n0\n0\n0\n0\n0\n0\n0\n",
        {"NONLIN:MULTINOMIAL,3\n",
         "LEVEL2:INTRCPT1=INTRCPT2+V+RANDOM/\nLEVEL3:INTRCPT2=INTRCPT3+RANDOM/\nLEVEL3:V=INTRCPT3+RANDOM/\n"
-        "LEVEL2:X=INTRCPT2+RANDOM/\nLEVEL3:INTRCPT2=INTRCPT3+RANDOM/\n#KDR3 LEVEL1:Y=INTRCPT1+X+RANDOM\n"}},
+        "LEVEL2:X=INTRCPT2+RANDOM/\nLEVEL3:INTRCPT2=INTRCPT3+RANDOM/\nLEVEL1:Y=INTRCPT1+X+RANDOM\n"}},
   };
   for (const Case& c : cases) {
     const ChildEnd outcome = converse(rest, c.answers);

@@ -379,17 +379,18 @@ TEST(Writer, LinesOfALinearRun) {
             "OUTPUT:o.txt\nFULLOUTPUT:Y\nTITLE:t\nACCEL:5\nLVR-BETA:N\n");
 }
 
-TEST(Writer, NonLinearRunStatesItsOutcomeInAComment) {
+TEST(Writer, NonLinearRunHasOneLineForLevel1) {
   const Workplace workplace;
   const std::string head = "NONLIN:BERNOULLI\nMACROIT:20,N\nMICROIT:14\nLAPLACE:Y\n";
   const std::string text = written(head + samplemodel);
   EXPECT_NE(text.find("STOPMICRO:0.0000100000\nSTOPMACRO:0.0001000000\nMACROIT:20,N\nMICROIT:14\nNONLIN:BERNOULLI\n"
-                      "LAPLACE:y,50\n#KDR3 LEVEL1:Y=INTRCPT1+X,1+RANDOM\nLEVEL1:Z=INTRCPT1+X+RANDOM\n"),
+                      "LAPLACE:y,50\nLEVEL1:Y=INTRCPT1+X,1+RANDOM\nLEVEL2:"),
             std::string::npos)
       << text;
   EXPECT_NE(text.find("FIXSIGMA2:1.000000\n"), std::string::npos);
 
-  // The line speaks for the one behind it, and for the working outcome only. A comment that anyone may write says
+  // Earlier programs wrote a working outcome, behind a line that states the user's.
+  // That line speaks for the one behind it, and for the working outcome only. A comment that anyone may write says
   // nothing, and nothing is taken from either in a linear run.
   const auto level1 = [&](const std::string& lines) {
     readtext(lines);

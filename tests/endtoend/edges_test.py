@@ -108,6 +108,8 @@ near("the robust standard error beside large random effects", number(r"INTRCPT3,
 # No unit of measurement decides what can be computed: deviance, t-ratios and standard errors of the variances follow.
 study(20, 6, 8, slopes())
 base = fit("units of measurement 1 1")
+few = "large number of level 3 units.  These data do not meet this criterion."
+check(few in base, "20 level-3 units less one effect are few")
 for scalex, scaley in ((1e5, 1), (1e-4, 1), (2e5, 1e4), (1, 1e5), (1e-3, 1e-4)):
     study(20, 6, 8, slopes(), scalex, scaley)
     what = f"units of measurement {scalex:g} {scaley:g}"
@@ -141,6 +143,13 @@ check("share out the\n" in text, "shared starting values are announced")
 near("sigma^2 from two records a unit", number(r"\n sigma\^2", text), 1.0, 0.5)
 study(60, 4, 2, slopes(), x=lambda rng, i: i)
 text = fit("two records a unit at the same two places", 16, more=SLOPE.format(random=""))
+
+# 21 less one are enough. With two level-2 units in a level-3 unit there are too few for covariances of its own.
+for units2, code in ((3, 0), (2, 100)):
+    study(21, units2, 6, slopes())
+    text = fit(f"heterogeneous, {units2} units", code, more=SLOPE.format(random=""), HETIT="2")
+    check(("ratio is too small" in text) == (code == 100), f"heterogeneous, {units2} units: {text[-200:]}")
+    check(code == 100 or few not in text, "21 level-3 units less one effect are few")
 
 # Ordinary studies end with estimates.
 for seed in range(40):
@@ -191,6 +200,15 @@ for name, cell in (("s.txt", r"Precision +yes +X1 +no\n"), ("s.html", r"Precisio
     text = fit("known variances", x="", more="", VARIANCEKNOWN="X1", output=name)
     check(re.search(cell, text), f"{name}: a precision is not normalised")
     check("compare such deviances only with each other" in text, f"{name}: deviances of known variances")
+
+# A record that lacks one of them, or its weight, is deleted.
+work.write("s.mdmt", ordinarysets.TEMPLATE.replace("l1missing:n\ntimeofdeletion:now",
+                                                   "l1missing:y/SAME\n-99.000000\ntimeofdeletion:analysis"))
+study(15, 4, 6, slopes(), x=lambda rng, i: 1 + rng.random() if i else -99.0)
+for keyword in ("VARIANCEKNOWN", "LEVEL1WEIGHT"):
+    text = fit(keyword + " with missing values", x="", more="", **{keyword: "X1"})
+    check("level-1 records to 300" in text, f"{keyword} with missing values: {text[-200:]}")
+work.write("s.mdmt", ordinarysets.TEMPLATE)
 
 # Weights are tested as they were read: a mean of negative ones would make them positive.
 study(15, 4, 6, slopes(), z=lambda k, j: -1.0 - j)

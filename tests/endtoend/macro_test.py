@@ -136,6 +136,10 @@ def astray():
         check(all((abs(row[3]) > 60) == beyond for row in rows), f"astray, macro iteration {macroit}: {rows}")
     for row, z in zip(rows, (math.exp(2) - 1, math.exp(-2) + 3)):
         check(abs(row[2] + row[3] - z) < 2e-6, f"astray, outcome 1, Z = {z}: {row}")
+    study(lambda row, i: row[:4] + [{40: -60.0, 41: 60.0}.get(i, row[4])])  # of categories, beyond 30
+    for macroit, ends in ((7, 0), (20, 18)):
+        code, said, _ = fit("MULTINOMIAL,3", "GRADE", macroit=f"{macroit},N", more=options)
+        check(code == ends, f"astray, categories, {macroit}: code {code}, {said[-100:]}")
 
 
 def heavy():
@@ -150,7 +154,7 @@ def stops():
     """The report tells of a stop from the keyboard, and of a population average that its limit cuts off."""
     study()
     fit("BERNOULLI", more="STOPMICRO:0\nMICROIT:4000\nFISHERTYPE:0\n", macroit="1,N")
-    commands = work.write("m.kdr", work.read("m.kdr").replace("MACROIT:1,N", "MACROIT:9,N"))
+    commands = work.write("m.kdr", work.read("m.kdr").replace("MACROIT:1,N", "MACROIT:9,N").replace("MICROIT:50\n", ""))
     for place in ("macro 1/micro iteration 9,", "macro 2/micro iteration 9,"):
         child = subprocess.Popen([work.program, "-q", "-strict", "m.mdm", commands], cwd=work.folder, stdin=subprocess.PIPE,
                                  stdout=subprocess.PIPE, text=True, env=work.environment)
@@ -285,6 +289,18 @@ def engines():
         check(near(gammas[:3], [row.coefficient for row in rows]), f"fixed effects of {section}: {gammas}")
         check(near([v ** 0.5 for v in gammas[3::4]], [row.se for row in rows]), f"their errors: {gammas}")
     check("tauvcl6, containing" in text and "gamvcl6.dat, containing" in text, "list of files")
+
+    short = "WARNING: standard errors are far below those of PQL. Use more quadrature points.\n"
+    check(short not in text + said, "enough points: a warning")
+    started = "The run goes on with the estimates that quadrature started from.\n"
+    for factor, points, words in ((5.0, 3, short), (1.0, 5, "have a lower log-likelihood than those of an earlier iteration.\n")):
+        study(lambda row, i: [factor * row[1] + i % 7] + row[1:])
+        (_, plain), (said, text) = (fit("POISSON", macroit="10,N", more=x)[1:] for x in ("", f"AGQ:Y,30,{points}\n"))
+        check(words in text and started in text and started in said, f"too few points, {factor}: words")
+        averages = [[row.coefficient for row in report.splitsections(x)["population-average"].fixed["final"].rows]
+                    for x in (plain, text)]
+        check(near(*averages), f"too few points, {factor}: estimates {averages}")
+    study()
 
     said, text, sections = run("LAPLACE:Y,1\n")
     words = "WARNING: the iterations of Laplace-6 ended before they had converged.\n"

@@ -27,8 +27,8 @@ OUTPUT:out.txt
 """ + NOFEATURES
 KINDS = {  # head, outcome, thresholds, how the graph file is read
     "linear": ("N\nNUMIT:100,N", "Y", "", {}),
-    "Bernoulli": ("BERNOULLI\nMACROIT:50,N\nMICROIT:50,N\nLAPLACE:Y,3", "B", "", dict(nonlinear=True)),
-    "ordinal": ("ORDINAL,3\nMACROIT:50,N\nMICROIT:50,N", "C", "+THOLD2", dict(categories=True)),
+    "Bernoulli": ("BERNOULLI\nMACROIT:50,N\nMICROIT:50\nLAPLACE:Y,3", "B", "", dict(nonlinear=True)),
+    "ordinal": ("ORDINAL,3\nMACROIT:50,N\nMICROIT:50", "C", "+THOLD2", dict(categories=True)),
 }
 
 

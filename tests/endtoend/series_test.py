@@ -16,7 +16,7 @@ import time
 
 import report
 import rubin
-from program import NOFILES, REFERENCE, Checks, Workplace, template
+from program import NOFILES, REFERENCE, Checks, Workplace, body, template
 
 DATA = REFERENCE / "imputed"
 M = 5
@@ -238,15 +238,21 @@ def refusals(check, place):
     done = words("-mi1")
     check(done.returncode == 100 and "There is no result store" in done.stdout, f"no store: {done.stdout}")
     same = model(hypotheses="")
-    place.write("series.kdr", same)
-    words("-mi0")
-    for other in (model(outcome="COUNT", hypotheses=""), same.replace("LEAGCSE,2", "LEAGCSE"), same.replace("+LEAGCSE,2", ""),
-                  *(same + line + "\n" for line in ("FIXSIGMA2:2.0", "DIAGONALIZETAUPI:Y", "ESTTAU2:E,0.1,E", "ESTTAU3:0.5",
-                                                     "CONTAU2:1,3", "FISHERTYPE:0", "LEVEL2WEIGHT:SCHGCSE"))):
-        place.write("series.kdr", other)
-        done = words("-mi1", "-e")
-        check(done.returncode == 100 and "another model" in done.stdout, f"another model: {done.stdout}\n{other}")
-        check("AVERAGED" not in place.read("out.avg") and place.exists(STORE), "another model: something was averaged")
+    held = nonlinear("BERNOULLI", hypotheses="", options="FIXSIGMA2:1.0\n").replace("CONSTRAIN:N", "CONSTRAIN:0,1,1,0,0")
+    for one, others in ((held, (held + LAPLACE, held + QUADRATURE, held.replace("0,1,1,0,0", "0,1,0,0,1"))), (same, (
+            model(outcome="COUNT", hypotheses=""), same.replace("LEAGCSE,2", "LEAGCSE"), same.replace("+LEAGCSE,2", ""),
+            same.replace("LEAGCSE,2+RANDOM", "LEAGCSE,2").replace("SCHGCSE=INTRCPT3", "SCHGCSE=INTRCPT3+RANDOM"),
+            same.replace("GCSECNT=INTRCPT2+RANDOM", "GCSECNT=INTRCPT2").replace("FEMALE=INTRCPT2", "FEMALE=INTRCPT2+RANDOM"),
+            *(same + line + "\n" for line in (
+                "FIXSIGMA2:2.0", "DIAGONALIZETAUPI:Y", "DIAGONALIZETAUBETA:Y", "ESTTAU2:E,0.1,E", "ESTTAU3:0.5", "CONTAU2:1,3",
+                "FISHERTYPE:0", "LEVEL2WEIGHT:SCHGCSE"))))):
+        place.write("series.kdr", one)
+        words("-mi0")
+        for other in others:
+            place.write("series.kdr", other)
+            done = words("-mi1", "-e")
+            check(done.returncode == 100 and "another model" in done.stdout, f"another model: {done.stdout}\n{other}")
+            check("AVERAGED" not in place.read("out.avg") and place.exists(STORE), "another model: something was averaged")
     place.write("series.kdr", same)
     check(words("-mi1").returncode == 0, "the same model")
     done = words("-mi1")
@@ -263,7 +269,20 @@ def refusals(check, place):
     (place.folder / STORE).write_bytes(whole)
     done = words("-mi0", "-e")  # replaces it, and is the whole series
     check(done.returncode == 0 and "Only one analysis" in place.read("out.avg"), "a series of one")
-    check(words("-e").returncode == 100, "-e alone")
+    check(words("-e").returncode == 100, "-e with files and without a number")
+    want = body(place.read("out.avg"))
+    words("-mi0")
+    check(place.run("-mi", "x", "imp1.mdm", "series.kdr").returncode == 100 and place.exists(STORE), "-mi x")
+    words("-mi", "1")
+    check(place.exists(STORE) and place.exists("out.2"), "-mi 1 is not 0")
+    done = place.run("-e")
+    check(done.returncode == 0 and "The report is out.avg" in done.stdout and not place.exists(STORE), f"-e alone: {done.stdout}")
+    two = body(place.read("out.avg"))
+    words("-mi0")
+    words("-mi1", "-e")
+    check(body(place.read("out.avg")) == two and two != want, "-e alone averages as the last data set does")
+    done = place.run("-e")
+    check(done.returncode == 100 and "There is no result store" in done.stdout, f"-e without a series: {done.stdout}")
     place.write("series.kdr", nonlinear("MULTINOMIAL,3", hypotheses=""))
     words("-mi0")
     done = place.run("-mi0", "separated.mdm", "series.kdr")  # fails before it makes a store
@@ -303,6 +322,9 @@ def leaving(check, place):
     place.write("series.kdr", nonlinear("ORDINAL,3", hypotheses=""))
     check(place.run("-mi1", "-e", "imp2.mdm", "series.kdr").returncode == 0, "leaving: the last data set")
     check("failed subanalysis: 1 \n" in place.read("out.avg"), "leaving: the data set that was left is averaged")
+    place.write("series.kdr", model(options="NUMIT:2,N\n", hypotheses=""))
+    codes = [place.run("-strict", *words, "imp1.mdm", "series.kdr").returncode for words in (["-mi0"], ["-mi1", "-e"])]
+    check(codes == [20, 20] and "failed sub" not in place.read("out.avg"), f"-strict: an unconverged data set fails, {codes}")
 
 
 def kills(check, place, moments):

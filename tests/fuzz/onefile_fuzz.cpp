@@ -22,7 +22,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     writekeys();
   });
   if (run.mdm.stream != nullptr) std::fclose(run.mdm.stream);
-  scratchcloseall();
   forgetraw();
   return 0;
 }

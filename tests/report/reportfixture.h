@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "command/complete.h"
+#include "core/modelcounts.h"
 #include "core/names.h"
 #include "driver/runrecord.h"
 #include "report/equations.h"
@@ -92,7 +93,7 @@ inline void setmodel(const std::vector<TestCoefficient>& coefficients) {
     }
   }
   coef.ntaubeta = nbeta;
-  countextras();
+  countextras(run.model);
   labelrandomeffects();
 }
 

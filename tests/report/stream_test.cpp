@@ -117,20 +117,5 @@ TEST_F(Report, ShorterIterationLeavesNothingOfTheLongerOne) {
             "  Unit-Specific Model, PQL Estimation - (macro iteration 2)\nshort\n");
 }
 
-TEST(Header, TextLines) {
-  startmodel({"Y"}, {}, {});
-  std::string text = captured(false, [] { writeheader(); });
-  const std::size_t date = text.find(" Date:        ");
-  ASSERT_NE(date, std::string::npos);
-  const std::string rule = ruleof(79);
-  EXPECT_EQ(text.substr(0, date),
-            "\n Program:                       KDR 7 Nested Linear and Nonlinear Modeling\n"
-            " Authors:                       Dara Quill, Ivo Renk, & Mira Sol\n"
-            " Publisher:                     Tessel Analytic Press, Inc.\n" +
-                std::string(60, ' ') + "support@kdr3.example\n" + std::string(60, ' ') + "https://kdr3.example\n" +
-                rule + " Module:      report_tests (7.01)\n");
-  EXPECT_EQ(text.substr(text.find(rule, date)), rule + "\n\n");
-}
-
 }  // namespace
 }  // namespace kdr

@@ -32,6 +32,7 @@ struct Example {
 TEST(LatentRegression, WhatCannotBeComputed) {
   EXPECT_TRUE(Example().regress().computable);
   EXPECT_NE(Example().regress().Vb[0], missingcode);
+  EXPECT_EQ(Example().regress().df, 50 - 2 - 2);  // less terms and predictors
 
   Example unknown;
   unknown.taucovariance.clear();

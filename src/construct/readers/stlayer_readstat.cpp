@@ -52,6 +52,7 @@ struct ReadstatState {
   Array<std::size_t> stored;  // bytes of each variable in the file
   long long recordwidth = 0;  // bytes of a record, of all variables
   long long datastart = 0;    // where the records begin, in a transport file
+  std::size_t listwidth = 0;  // bytes that the name of a list of labels may have, 0 where there is none
   std::size_t wanted = 0;     // selected variables
   std::size_t filled = 0;     // values of the row in hand
   int observation = -1;       // its number
@@ -150,6 +151,12 @@ int textwidthof(const StFile& file, const readstat_variable_t* variable, int wid
   return stated > 0 ? std::min(stated, width) : width;
 }
 
+// The name of a list of labels, which the library shows where it stands in the file's head: with no zero behind it when
+// it is as long as it may be. In SAS it is the name of a format.
+std::string listname(const ReadstatState& state, const char* name) {
+  return name == nullptr ? std::string() : std::string(name, strnlen(name, state.listwidth));
+}
+
 int takevariable(int index, readstat_variable_t* variable, const char* labels, void* context) {
   StFile& file = *static_cast<StFile*>(context);
   const auto i = static_cast<std::size_t>(index);
@@ -161,7 +168,7 @@ int takevariable(int index, readstat_variable_t* variable, const char* labels, v
   ours.numeric = readstat_variable_get_type_class(variable) == READSTAT_TYPE_CLASS_NUMERIC;
   const std::size_t width = readstat_variable_get_storage_width(variable);
   ours.width = width < INT_MAX ? textwidthof(file, variable, static_cast<int>(width)) : INT_MAX;
-  ours.labels = labels == nullptr ? "" : labels;
+  ours.labels = listname(stateof(file), labels);
   stateof(file).stored[i] = readstat_variable_get_type(variable) == READSTAT_TYPE_STRING_REF ? ST_LongestText : width;
   stateof(file).recordwidth += static_cast<long long>(width);
   return READSTAT_HANDLER_OK;
@@ -170,9 +177,10 @@ int takevariable(int index, readstat_variable_t* variable, const char* labels, v
 // One label of a list.
 int takelabel(const char* list, readstat_value_t value, const char* label, void* context) {
   StFile& file = *static_cast<StFile*>(context);
-  if (list == nullptr || label == nullptr || readstat_value_type_class(value) != READSTAT_TYPE_CLASS_NUMERIC)
+  const std::string name = listname(stateof(file), list);
+  if (name.empty() || label == nullptr || readstat_value_type_class(value) != READSTAT_TYPE_CLASS_NUMERIC)
     return READSTAT_HANDLER_OK;
-  if (file.labels.empty() || file.labels.back().name != list) file.labels.push_back({list, ""});
+  if (file.labels.empty() || file.labels.back().name != name) file.labels.push_back({name, ""});
   addlabel(file.labels.back().text, readstat_double_value(value), label);
   return READSTAT_HANDLER_OK;
 }
@@ -270,6 +278,20 @@ std::string wordsof(const ReadstatState& state, readstat_error_t error) {
   return state.words.empty() ? readstat_error_message(error) : state.words;
 }
 
+// Only SPSS and Stata files have lists of labels.
+std::size_t listwidthof(const StFile& file) {
+  constexpr std::size_t spss = 255, oldest = 8, older = 32, newest = 128;
+  if (file.backend->format == StFormat::spss || file.backend->format == StFormat::spssportable) return spss;
+  if (file.backend->format != StFormat::stata) return 0;
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> stream(std::fopen(file.path.c_str(), "rb"), std::fclose);
+  constexpr std::string_view mark = "<stata_dta><header><release>";
+  char head[mark.size() + 3] = "";
+  const std::size_t got = stream == nullptr ? 0 : readupto(head, sizeof head, stream.get(), file.path);
+  const std::string_view text(head, got);
+  if (text.starts_with(mark)) return text.substr(mark.size()) == "117" ? older : newest;
+  return got > 0 && static_cast<unsigned char>(head[0]) < 110 ? oldest : older;
+}
+
 // Where the records of a transport file begin, and where its first data set ends. False when it cannot be opened.
 bool findmember(ReadstatState& state, const std::string& path) {
   const std::unique_ptr<std::FILE, int (*)(std::FILE*)> stream(std::fopen(path.c_str(), "rb"), std::fclose);
@@ -358,6 +380,7 @@ bool readstatdictionary(StFile& file) {
   file.state = state;
   struct stat status {};
   if (stat(file.path.c_str(), &status) == 0) state->filelength = status.st_size;
+  state->listwidth = listwidthof(file);
   const bool found = file.backend->format != StFormat::sastransport || findmember(*state, file.path);
   const readstat_error_t error = found ? parse(file) : READSTAT_ERROR_OPEN;
   if (error == READSTAT_ERROR_OPEN) {

@@ -7,9 +7,7 @@
 //   S_k  = sum_i [k4_i a_i^2 / 8 + k6_i a_i^3 / 48] - (5/24) sum_j sum_il k3_i k3_l a_i a_l A_il,  i and l in j
 //   L_k  = ... + sum_i [y_i eta_i + log(1 - mu_i)] + log(1 - S_k)
 //
-// e*_i and d_i are linear in the random columns x_i (c of them) of the record, so that A_il = x_i' A_j x_l with one c
-// by c matrix per unit, and every sum over l is a moment of the x_l that is taken once. All work is linear in the
-// records and in the units.
+// With the random columns x_i (c of them) of a record, A_il = x_i' A_j x_l: every sum over l is a moment taken once.
 #pragma once
 
 #include "estimate/laplace/laplacemodes.h"

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <new>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -17,8 +18,14 @@ namespace kdr {
 template <class Each>
 void overplaces(std::size_t count, int threads, Each each) {
   std::atomic<std::size_t> next{0};
+  std::atomic<bool> exhausted{false};
   const auto work = [&](int worker) {
-    for (std::size_t i = next++; i < count; i = next++) each(i, worker);
+    try {
+      for (std::size_t i = next++; i < count; i = next++) each(i, worker);
+    } catch (const std::bad_alloc&) {  // goes on in the thread that called, once the others have ended
+      exhausted = true;
+      next = count;
+    }
   };
   const int workers = static_cast<int>(std::min(count, static_cast<std::size_t>(std::max(threads, 1))));
   std::vector<std::thread> others;
@@ -28,6 +35,7 @@ void overplaces(std::size_t count, int threads, Each each) {
   }
   work(0);
   for (std::thread& other : others) other.join();
+  if (exhausted) throw std::bad_alloc();
 }
 template <class Each>
 void overbatch(const std::vector<Level3Records>& batch, int threads, Each each) {

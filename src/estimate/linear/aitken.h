@@ -1,4 +1,4 @@
-// Aitken extrapolation of the variance components from their last three values.
+// Aitken extrapolation of the variance components from their last three values (docs/numerics.md, "The Aitken step").
 #pragma once
 
 #include "estimate/linear/pass.h"

@@ -4,6 +4,18 @@
 
 namespace kdr {
 
+void markdeletion(Model& model, const MdmData& mdm) {
+  if (mdm.deletednow) return;
+  for (int v = 1; v <= mdm.nvar1; ++v) {
+    Deletion& mark = model.delete1[static_cast<std::size_t>(v) - 1];
+    if (mark == Deletion::named) continue;
+    bool used = v == model.wgtvar1 || v == model.autovknown ||
+                (model.outcome.counted && model.outcome.countvariable == v);
+    for (int e = 0; e < model.neqsets; ++e) used = used || model.use1.row(e)[v] != Use::none;
+    mark = used ? Deletion::ofmodel : Deletion::none;
+  }
+}
+
 bool lacksvalue(const Model& model, const double* record) {
   bool missing = false;
   for (std::size_t v = 0; v < model.delete1.size(); ++v)

@@ -6,6 +6,10 @@
 
 namespace kdr {
 
+// Marks every variable of the model as one without which a level-1 record cannot be used, when records with missing
+// values are still in the file.
+void markdeletion(Model& model, const MdmData& mdm);
+
 // True when the record of an MDM block lacks a value in a variable marked in the model's delete1.
 [[nodiscard]] bool lacksvalue(const Model& model, const double* record);
 

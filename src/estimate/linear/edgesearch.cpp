@@ -1,8 +1,8 @@
 #include "estimate/linear/edgesearch.h"
 
 #include <cmath>
+#include <utility>
 
-#include "estimate/linear/emstep.h"
 #include "estimate/linear/fisher.h"
 #include "kernel/decompositions.h"
 #include "kernel/matrix.h"
@@ -16,29 +16,26 @@ constexpr double firstbarrier = 0.1, lastbarrier = 1.0e-5;
 constexpr int maxsteps = 30;     // for one height of the barrier
 constexpr int maxhalvings = 30;  // of one step
 
-// The log-likelihood at the variance components at hand, with the fixed effects that are best there, and the
-// log-determinants of the taus. Those effects are left in pass.est.
+// The log-likelihood at the variance components of a point, with the fixed effects that are best there, and the
+// log-determinants of the taus.
 struct Height {
   bool known = false;
   double loglik = 0.0, logdets = 0.0;
   [[nodiscard]] double with(double barrier) const { return loglik + barrier * logdets; }
 };
 
-Height height(Pass& pass) {
+// Gives the point those fixed effects.
+Height height(Pass& pass, Estimates& point) {
   Height result;
-  Array<double> S, Sb;
-  double logdetT = 0.0, logdetL = 0.0;
-  if (!usableestimates(pass) || scaleinverse(pass.est.taupi.data(), pass.p, pass.est.sigma2, S, logdetT) != 0 ||
-      scaleinverse(pass.est.taubeta.data(), pass.b, pass.est.sigma2, Sb, logdetL) != 0)
-    return result;
+  ScaledInverses inverses;
+  if (!usableestimates(pass, point) || !scaleinverses(pass, point, inverses)) return result;
   for (const bool last : {false, true}) {  // the fixed effects, then the log-likelihood at them
     PosteriorSums sums;
-    const PosteriorInput input{pass.est.sigma2, pass.est.gammahat.data(), S.data(), Sb.data(), nullptr, false};
-    if (posteriorsweep(pass, input, sums) != PosteriorResult::ok) return result;
-    if (last) result.loglik = loglikelihood(pass, sums, pass.mdm().nunits2 * logdetT, pass.mdm().nunits3 * logdetL);
-    if (!last && !glsupdate(pass, sums)) return result;
+    if (posteriorsweep(pass, inputat(point, inverses, false), sums) != PosteriorResult::ok) return result;
+    if (last) result.loglik = loglikelihood(pass, sums, point.sigma2, inverses);
+    if (!last && !glsupdate(pass, sums, point)) return result;
   }
-  result.logdets = logdetT + logdetL;
+  result.logdets = inverses.logdetT + inverses.logdetL;
   result.known = std::isfinite(result.loglik) && std::isfinite(result.logdets);
   return result;
 }
@@ -59,11 +56,11 @@ void addbarrier(FisherWork& fisher, int first, const Array<double>& t, int n, do
   });
 }
 
-// The scoring step at the estimates at hand, and the rise that it promises; negative when there is none.
-double scoringstep(Pass& pass, FisherWork& fisher, double barrier, Array<double>& step) {
-  if (!fisherpoint(pass, fisher)) return -1.0;
-  addbarrier(fisher, 0, pass.est.taupi, pass.p, barrier);
-  addbarrier(fisher, static_cast<int>(packedsize(pass.p)), pass.est.taubeta, pass.b, barrier);
+// The scoring step at a point, and the rise that it promises; negative when there is none.
+double scoringstep(Pass& pass, const Estimates& point, FisherWork& fisher, double barrier, Array<double>& step) {
+  if (!fisherpoint(pass, point, fisher)) return -1.0;
+  addbarrier(fisher, 0, point.taupi, pass.p, barrier);
+  addbarrier(fisher, static_cast<int>(packedsize(pass.p)), point.taubeta, pass.b, barrier);
   if (!invertinformation(fisher, false)) return -1.0;
   step = scoringdirection(fisher);
   double rise = 0.0;
@@ -72,27 +69,22 @@ double scoringstep(Pass& pass, FisherWork& fisher, double barrier, Array<double>
 }
 
 // Climbs to the maximum behind a barrier. False when it got no further.
-bool climb(Pass& pass, FisherWork& fisher, double barrier, Height& now) {
+bool climb(Pass& pass, FisherWork& fisher, double barrier, Estimates& point, Height& now) {
   Array<double> step;
   for (int steps = 0; steps < maxsteps && !pass.observer().wantsstop(); ++steps) {
-    const double rise = scoringstep(pass, fisher, barrier, step);
+    const double rise = scoringstep(pass, point, fisher, barrier, step);
     if (rise < 0.0) return false;
     if (rise < 0.1 * barrier) return true;
-    const Estimates start = pass.est.copy();
-    Height next;
     double factor = 1.0;
-    int halvings = 0;
-    for (; halvings < maxhalvings; ++halvings, factor *= 0.5) {
-      moveestimates(pass, start, step, factor);
-      next = height(pass);
-      if (next.known && next.with(barrier) >= now.with(barrier) + 1.0e-4 * factor * rise) break;
-      pass.est.gammahat = start.gammahat.copy();
+    for (int halvings = 0;; ++halvings, factor *= 0.5) {
+      if (halvings == maxhalvings) return false;
+      Estimates next = moved(pass, point, step, factor);
+      const Height there = height(pass, next);
+      if (!there.known || there.with(barrier) < now.with(barrier) + 1.0e-4 * factor * rise) continue;
+      point = std::move(next);
+      now = there;
+      break;
     }
-    if (halvings == maxhalvings) {
-      pass.est = start.copy();
-      return false;
-    }
-    now = next;
   }
   return true;
 }
@@ -104,22 +96,21 @@ bool nearedge(Pass& pass) {
   sizefisher(pass, fisher);
   Array<double> step;
   if (fisher.restriction.nfree == 0) return false;
-  return scoringstep(pass, fisher, 0.0, step) < 0.0 || !stepstays(pass, step, 1.0);
+  return scoringstep(pass, pass.est, fisher, 0.0, step) < 0.0 || !stepstays(pass, pass.est, step, 1.0);
 }
 
-double searchedge(Pass& pass, double least) {
-  Estimates before = pass.est.copy();
+HigherPoint searchedge(Pass& pass, double least) {
+  HigherPoint found;
   FisherWork fisher;
   sizefisher(pass, fisher);
-  const Height start = height(pass);
-  if (start.known && fisher.restriction.nfree > 0) {
-    Height now = start;
-    for (double barrier = firstbarrier; barrier > 0.5 * lastbarrier; barrier *= 0.1)
-      if (!climb(pass, fisher, barrier, now)) break;
-    if (now.loglik > start.loglik + least) return now.loglik - start.loglik;
-  }
-  pass.est = std::move(before);
-  return 0.0;
+  Estimates point = pass.est.copy();
+  const Height start = height(pass, point);
+  if (!start.known || fisher.restriction.nfree == 0) return found;
+  Height now = start;
+  for (double barrier = firstbarrier; barrier > 0.5 * lastbarrier; barrier *= 0.1)
+    if (!climb(pass, fisher, barrier, point, now)) break;
+  if (now.loglik > start.loglik + least) found = {now.loglik - start.loglik, std::move(point)};
+  return found;
 }
 
 }  // namespace kdr

@@ -21,13 +21,19 @@ inline constexpr double leastgainwhenslow = 1.0e-6, leastgainatstop = 0.005;
 // there is none. Leaves C_j^-1 of the store anywhere.
 [[nodiscard]] bool nearedge(Pass& pass);
 
+// A point with a higher log-likelihood, and what it gains; 0.0 when there is none.
+struct HigherPoint {
+  double gain = 0.0;
+  Estimates est;
+};
+
 // From the estimates at hand, scoring steps on log-likelihood + m (log det taupi + log det taubeta), whose maximum lies
 // inside, for m that goes to 0: at the end the log-likelihood is below its maximum by at most m times the order of the
 // taus. Each step is halved until that function has risen, with the fixed effects that are best at the variance
-// components. Restrictions of the taus hold throughout. The estimates that it ends with are taken if their
-// log-likelihood is higher by more than `least`; otherwise the old ones are back. Returns the gain, 0.0 when nothing
-// was taken. The interrupt key ends the search. The posterior means and C_j^-1 of the store are left anywhere.
-// Source: Fiacco and McCormick (1968), Nonlinear Programming: Sequential Unconstrained Minimization Techniques.
-[[nodiscard]] double searchedge(Pass& pass, double least);
+// components. Restrictions of the taus hold throughout. The point that it ends with counts if its log-likelihood is
+// higher by more than `least`. An interrupt ends the search. The estimates at hand stay; C_j^-1 of the store is left
+// anywhere.
+// Derived in docs/numerics.md, "The search along the edge".
+[[nodiscard]] HigherPoint searchedge(Pass& pass, double least);
 
 }  // namespace kdr

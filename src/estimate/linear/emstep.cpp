@@ -44,37 +44,6 @@ void updatehettaupi(double* T, const Pass& pass, const Level3Posterior& unit) {
 
 }  // namespace
 
-bool usableestimates(const Pass& pass) {
-  return usablecovariance(pass.est.taupi.data(), pass.p) && usablecovariance(pass.est.taubeta.data(), pass.b) &&
-         pass.est.sigma2 > 0.0;
-}
-
-int scaleinverse(const double* t, int n, double sigma2, Array<double>& S, double& logdet) {
-  S.reset(at(n) * at(n));
-  const Inversion inversion = invertsymmetric(n, t, S.data());
-  logdet = std::log(inversion.determinant);
-  for (double& s : S) s *= sigma2;
-  return inversion.result;
-}
-
-double loglikelihood(const Pass& pass, const PosteriorSums& sums, double logdettaupi, double logdettaubeta) {
-  const double Lsig = (static_cast<double>(pass.mdm().nunits3) * pass.b +
-                       static_cast<double>(pass.mdm().nunits2) * pass.p - pass.nunits1) *
-                      std::log(pass.est.sigma2);
-  return ((Lsig - logdettaubeta - logdettaupi + sums.logdetCinv + sums.logdetE) - sums.Q / pass.est.sigma2) * 0.5 -
-         pass.likeconstant;
-}
-
-bool glsupdate(Pass& pass, const PosteriorSums& sums) {
-  const int g = pass.g;
-  Array<double> inverse(square(g));
-  if (invertsymmetric(g, sums.A.data(), inverse.data()).result != 0) return false;
-  if (!positivecovariance(inverse.data(), g) || !positivecovariance(sums.A.data(), g)) return false;
-  pass.est.vgamma = std::move(inverse);
-  mulAB(pass.est.gammahat.data(), pass.est.vgamma.data(), sums.c.data(), g, 1, g);
-  return true;
-}
-
 Failure emstep(Pass& pass, Likelihood& likelihood, EmSums& em, UnitTable<double>* hettaupi) {
   if (pass.est.sigma2 < 0.0) return failed(15);
   double Ldelta = 0.0, Ltau = 0.0;
@@ -96,8 +65,8 @@ Failure emstep(Pass& pass, Likelihood& likelihood, EmSums& em, UnitTable<double>
   if (result != PosteriorResult::ok) return failed(15);
   if (hettaupi != nullptr) Ltau = sums.logdetT;
 
-  const double current = loglikelihood(pass, sums, Ltau, Ldelta);
-  if (!glsupdate(pass, sums)) {
+  const double current = loglikelihood(pass, sums, pass.est.sigma2, Ltau, Ldelta);
+  if (!glsupdate(pass, sums, pass.est)) {
     Failure failure = failed(11);
     failure.reportwords = "V11(GLS) is not positive-definite";
     return failure;

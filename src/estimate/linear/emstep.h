@@ -1,8 +1,8 @@
-// One EM step of the three-level model, and what it shares with the accelerated steps.
+// One EM step of the three-level model.
 #pragma once
 
-#include "estimate/linear/fisher.h"
-#include "estimate/linear/posterior.h"
+#include "core/failure.h"
+#include "estimate/linear/point.h"
 
 namespace kdr {
 
@@ -16,20 +16,5 @@ struct EmSums {
 // log-likelihood, which belongs to the parameters that the step began with. Failures 11, 12 and 15 for what cannot be
 // inverted.
 [[nodiscard]] Failure emstep(Pass& pass, Likelihood& likelihood, EmSums& sums, UnitTable<double>* hettaupi);
-
-// The generalised least-squares update: vgamma = A^-1, gammahat = vgamma c. Returns false, with both as they were, when
-// A is not usable.
-[[nodiscard]] bool glsupdate(Pass& pass, const PosteriorSums& sums);
-
-// The variance components are ones that a step can go on from.
-[[nodiscard]] bool usableestimates(const Pass& pass);
-
-// S = sigma2 t^-1 for t of order n; logdet receives log det t. Returns the result of syminverse.
-[[nodiscard]] int scaleinverse(const double* t, int n, double sigma2, Array<double>& S, double& logdet);
-
-// The log-likelihood from the sums of a sweep and the log-determinants of taupi and taubeta, each already times the
-// number of its units.
-[[nodiscard]] double loglikelihood(const Pass& pass, const PosteriorSums& sums, double logdettaupi,
-                                   double logdettaubeta);
 
 }  // namespace kdr

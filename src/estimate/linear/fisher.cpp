@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cmath>
 
-#include "estimate/linear/emstep.h"
 #include "estimate/linear/posterior.h"
 #include "estimate/linear/usable.h"
 #include "kernel/decompositions.h"
@@ -15,22 +14,19 @@ namespace kdr {
 
 namespace {
 
-// Inverses at the current estimates.
+// Inverses at a point.
 struct Inverses {
-  Array<double> Ti, Li, S, Sb;  // taupi^-1, taubeta^-1, and sigma2 times them
-  double logdetT = 0.0, logdetL = 0.0;
+  ScaledInverses scaled;
+  Array<double> Ti, Li;  // taupi^-1, taubeta^-1
 };
 
-Inverses invert(const Pass& pass) {
+Inverses invert(const Pass& pass, const Estimates& est) {
   Inverses inv;
-  [[maybe_unused]] const int t = scaleinverse(pass.est.taupi.data(), pass.p, pass.est.sigma2, inv.S, inv.logdetT);
-  [[maybe_unused]] const int l = scaleinverse(pass.est.taubeta.data(), pass.b, pass.est.sigma2, inv.Sb, inv.logdetL);
-  inv.logdetT *= pass.mdm().nunits2;
-  inv.logdetL *= pass.mdm().nunits3;
-  inv.Ti = inv.S.copy();
-  inv.Li = inv.Sb.copy();
-  for (double& x : inv.Ti) x /= pass.est.sigma2;
-  for (double& x : inv.Li) x /= pass.est.sigma2;
+  [[maybe_unused]] const bool inverted = scaleinverses(pass, est, inv.scaled);
+  inv.Ti = inv.scaled.S.copy();
+  inv.Li = inv.scaled.Sb.copy();
+  for (double& x : inv.Ti) x /= est.sigma2;
+  for (double& x : inv.Li) x /= est.sigma2;
   return inv;
 }
 
@@ -40,24 +36,12 @@ void sandwich(const double* left, const double* M, const double* right, int n, d
   mulAB(out, half, right, n, n, n);
 }
 
-// What the information needs of the data, summed over the level-3 units. With N22 = Z2'V^-1 Z2, N21_j = Z2'V^-1 Z1_j
-// and N_jl = Z1_j'V^-1 Z1_l of a unit, and W = V^-1 (all computed at sigma2 = s, T, L):
-//   I_LL = 1/2 D'(sum N22 (x) N22)D         I_LT = 1/2 D'(sum_j N21_j (x) N21_j)D
-//   I_TT = 1/2 D'(sum_jl N_jl (x) N_jl)D    I_Ls = 1/2 D'vec(sum Z2'W W Z2)
-//   I_Ts = 1/2 D'vec(sum_j Z1_j'W W Z1_j)   I_ss = 1/2 tr(W W)
-// where D copies the elements of a triangle to both places. The blocks of V^-1 follow from the posterior of the unit:
-//   N22 = L^-1 - s L^-1 E L^-1,  N21_j = s L^-1 E U_j,  U_j = R_j T^-1
-//   N_jj = T^-1 - s T^-1 V_j T^-1,  B_jl = U_j' E U_l,  N_jl = -s B_jl for j other than l
-// The sum over pairs is never run: with Y = sum_j U_j (x) U_j,
-//   sum_jl B_jl (x) B_jl = Y'(E (x) E)Y,
-// so sum_jl N_jl (x) N_jl = sum_j [N_jj (x) N_jj - s^2 B_jj (x) B_jj] + s^2 Y'(E (x) E)Y.
-// W W comes from the derivative of V^-1 by s. With F the posterior covariance of all random effects over s and G their
-// prior covariance, Z'W W Z = G^-1 F G^-1 - s G^-1 F G^-1 F G^-1 and tr(W W) = (n - q)/s^2 + tr(F G^-1 F G^-1), whose
-// blocks are, with Hs = sum_j R_j T^-1 R_j':
-//   [F G^-1 F]_22 = E (Hs + L^-1) E
-//   [F G^-1 F]_jj = C T^-1 C + C T^-1 G_j + G_j T^-1 C + R_j' E (Hs + L^-1) E R_j,  C = C_j^-1, G_j = R_j' E R_j
+// What the information needs of the data, summed over the level-3 units: derived in docs/numerics.md, "Score and
+// information". The sum over pairs of units is never run: with U_j = R_j T^-1 and Y = sum_j U_j (x) U_j,
+//   sum_jl N_jl (x) N_jl = sum_j [N_jj (x) N_jj - s^2 B_jj (x) B_jj] + s^2 Y'(E (x) E)Y,  B_jl = U_j' E U_l
 struct InformationSums {
   const Pass* pass;
+  const Estimates* est;
   const Inverses* inv;
   Array<double> LL;      // b^2 squared
   Array<double> LT;      // b^2 by p^2
@@ -70,9 +54,10 @@ struct InformationSums {
   Array<double> FF, temp, temp2;
 };
 
-InformationSums makesums(const Pass& pass, const Inverses& inv) {
+InformationSums makesums(const Pass& pass, const Estimates& est, const Inverses& inv) {
   InformationSums sums;
   sums.pass = &pass;
+  sums.est = &est;
   sums.inv = &inv;
   const auto bb = square(pass.b), pp = square(pass.p);
   sums.LL.reset(bb * bb);
@@ -135,7 +120,7 @@ void addunits(InformationSums& sums, const Level3Posterior& unit, const double* 
   FF.fill(0.0);
   // The pairs with j = l are in Y'(E (x) E)Y already, so B_jj (x) B_jj is taken off again.
   unitloops().scoring(unit.records,
-                      {sums.inv->Ti.data(), unit.E.data(), sums.pass->est.sigma2, unit.z, sums.TT.data(), FF.data()});
+                      {sums.inv->Ti.data(), unit.E.data(), sums.est->sigma2, unit.z, sums.TT.data(), FF.data()});
   for (int i = 0; i < p; ++i)  // the sum of R_j' FE R_j, from the moments of R_j
     for (int l = 0; l < p; ++l)
       for (int a = 0; a < b; ++a)
@@ -144,13 +129,13 @@ void addunits(InformationSums& sums, const Level3Posterior& unit, const double* 
   for (std::size_t i = 0; i < FF.size(); ++i) {
     sums.ss += FF[i] * sums.inv->Ti[i];
     // T^-1 (sum V_j - s FF) T^-1 is formed once, at the end.
-    sums.Ts[i] += unit.PP[i] - sums.pass->est.sigma2 * FF[i];
+    sums.Ts[i] += unit.PP[i] - sums.est->sigma2 * FF[i];
   }
 }
 
 void addlevel3unit(InformationSums& sums, const Pass& pass, const Level3Posterior& unit) {
   const int p = pass.p, b = pass.b, pp = p * p, bb = b * b;
-  const double s = pass.est.sigma2;
+  const double s = sums.est->sigma2;
   const double* Ti = sums.inv->Ti.data();
   const double* Li = sums.inv->Li.data();
   const double* E = unit.E.data();
@@ -252,68 +237,66 @@ void addscore(double* score, int first, const double* inverse, const double* X, 
 // tr(X Y), both symmetric.
 double tracedot(const Array<double>& X, const double* Y) { return dot(X.data(), Y, X.size()); }
 
+// Expected moments that a score is made of, those of one level-3 unit or their sums.
+struct ScoreMoments {
+  const double *UU, *PP;  // p squared: sums of u u' and of V_j
+  const double *vv, *E;   // b squared: sums of v v' and of E_k
+  double units2, units3;  // J2, J3
+  double residualdf;      // N - J2 p - J3 b
+  double rss;
+};
+
 // The score from expected moments: 1/2 T^-1 (sum u u' + s V_j - J2 T) T^-1 and its like, and for sigma2
 // 1/2 [rss/s^2 - (N - J2 p - J3 b)/s - tr(L^-1 sum E) - tr(T^-1 sum V)].
-void fillscore(const Pass& pass, const Inverses& inv, const PosteriorSums& sums, FisherWork& fisher) {
-  const double s = pass.est.sigma2;
-  fisher.score.fill(0.0);
+void scoreof(const Pass& pass, const Estimates& est, const Inverses& inv, const ScoreMoments& moments, double* score) {
+  const double s = est.sigma2;
+  const std::size_t nt = packedsize(pass.p), NT = nt + packedsize(pass.b) + 1;
+  std::fill_n(score, NT, 0.0);
   if (pass.fixsigma2 == 0.0)
-    fisher.score[at(fisher.NT) - 1] =
-        sums.rss / (s * s) -
-        (static_cast<double>(pass.nunits1) - static_cast<double>(pass.mdm().nunits2) * pass.p -
-         static_cast<double>(pass.mdm().nunits3) * pass.b) /
-            s -
-        tracedot(inv.Li, sums.sumDinv.data()) - tracedot(inv.Ti, sums.PP.data());
+    score[NT - 1] =
+        moments.rss / (s * s) - moments.residualdf / s - tracedot(inv.Li, moments.E) - tracedot(inv.Ti, moments.PP);
   Array<double> X(square(pass.b));
-  for (std::size_t i = 0; i < X.size(); ++i) X[i] = sums.VV[i] + s * sums.sumDinv[i];
-  for (std::size_t i = 0; i < X.size(); ++i) X[i] -= pass.mdm().nunits3 * pass.est.taubeta[i];
-  addscore(fisher.score.data(), static_cast<int>(packedsize(pass.p)), inv.Li.data(), X.data(), pass.b);
+  for (std::size_t i = 0; i < X.size(); ++i) X[i] = moments.vv[i] + s * moments.E[i] - moments.units3 * est.taubeta[i];
+  addscore(score, static_cast<int>(nt), inv.Li.data(), X.data(), pass.b);
   X.reset(square(pass.p));
-  for (std::size_t i = 0; i < X.size(); ++i) X[i] = sums.UU[i] + s * sums.PP[i];
-  for (std::size_t i = 0; i < X.size(); ++i) X[i] -= pass.mdm().nunits2 * pass.est.taupi[i];
-  addscore(fisher.score.data(), 0, inv.Ti.data(), X.data(), pass.p);
-  for (double& x : fisher.score) x *= 0.5;
+  for (std::size_t i = 0; i < X.size(); ++i) X[i] = moments.UU[i] + s * moments.PP[i] - moments.units2 * est.taupi[i];
+  addscore(score, 0, inv.Ti.data(), X.data(), pass.p);
+  for (std::size_t i = 0; i < NT; ++i) score[i] *= 0.5;
 }
 
-// One sweep at the estimates at hand, which fills the information.
-bool sweepinformation(Pass& pass, const Inverses& inv, bool keepmeans, PosteriorSums& sums, FisherWork& fisher) {
-  InformationSums info = makesums(pass, inv);
-  const PosteriorInput input{pass.est.sigma2, pass.est.gammahat.data(), inv.S.data(), inv.Sb.data(), nullptr,
-                             keepmeans};
+void fillscore(const Pass& pass, const Estimates& est, const Inverses& inv, const PosteriorSums& sums,
+               FisherWork& fisher) {
+  const double J2 = pass.mdm().nunits2, J3 = pass.mdm().nunits3;
+  scoreof(pass, est, inv,
+          {sums.UU.data(), sums.PP.data(), sums.VV.data(), sums.sumDinv.data(), J2, J3,
+           pass.nunits1 - J2 * pass.p - J3 * pass.b, sums.rss},
+          fisher.score.data());
+}
+
+// One sweep at a point, which fills the information.
+bool sweepinformation(Pass& pass, const Estimates& est, const Inverses& inv, bool keepmeans, PosteriorSums& sums,
+                      FisherWork& fisher) {
+  InformationSums info = makesums(pass, est, inv);
   const auto visit = [&](const Level3Posterior& unit) { addlevel3unit(info, pass, unit); };
-  if (posteriorsweep(pass, input, sums, visit) != PosteriorResult::ok) return false;
+  if (posteriorsweep(pass, inputat(est, inv.scaled, keepmeans), sums, visit) != PosteriorResult::ok) return false;
   fillinformation(pass, info, fisher);
   return true;
 }
 
-// The score of one level-3 unit and its outer product.
-struct OuterScores {
-  const Inverses* inv;
-  FisherWork* fisher;
-  Array<double> score;
-};
-
-void addouterscore(OuterScores& outer, const Pass& pass, const Level3Posterior& unit) {
-  const double s = pass.est.sigma2;
-  const int NT = outer.fisher->NT, p = pass.p, b = pass.b;
-  Array<double>& score = outer.score;
-  score.fill(0.0);
-  Array<double> X(square(b));
+// The score of one level-3 unit and its outer product; `score` and `vv` are work.
+void addouterscore(const Pass& pass, const Inverses& inv, const Level3Posterior& unit, Array<double>& score,
+                   Array<double>& vv, FisherWork& fisher) {
+  const int NT = fisher.NT, b = pass.b;
   for (int i = 0; i < b; ++i)
-    for (int j = 0; j < b; ++j)
-      X[i * b + j] = unit.v[i] * unit.v[j] + s * unit.E[i * b + j] - pass.est.taubeta[i * b + j];
-  addscore(score.data(), static_cast<int>(packedsize(p)), outer.inv->Li.data(), X.data(), b);
-  X.reset(square(p));
-  for (std::size_t i = 0; i < X.size(); ++i) X[i] = unit.UU[i] + s * unit.PP[i] - unit.units * pass.est.taupi[i];
-  addscore(score.data(), 0, outer.inv->Ti.data(), X.data(), p);
-  if (pass.fixsigma2 == 0.0)
-    score[at(NT) - 1] = unit.rss / (s * s) -
-                        (static_cast<double>(pass.n1of[unit.k]) - static_cast<double>(unit.units) * p - b) / s -
-                        tracedot(outer.inv->Li, unit.E.data()) - tracedot(outer.inv->Ti, unit.PP.data());
-  for (double& x : score) x *= 0.5;
+    for (int j = 0; j < b; ++j) vv[i * b + j] = unit.v[i] * unit.v[j];
+  const double J2 = unit.units;
+  scoreof(pass, pass.est, inv,
+          {unit.UU.data(), unit.PP.data(), vv.data(), unit.E.data(), J2, 1.0, pass.n1of[unit.k] - J2 * pass.p - b,
+           unit.rss},
+          score.data());
   for (int i = 0; i < NT; ++i) {
-    outer.fisher->score[i] += score[i];
-    for (int j = 0; j < NT; ++j) outer.fisher->information[i * NT + j] += score[i] * score[j];
+    fisher.score[i] += score[i];
+    for (int j = 0; j < NT; ++j) fisher.information[i * NT + j] += score[i] * score[j];
   }
 }
 
@@ -343,14 +326,15 @@ bool invertinformation(FisherWork& fisher, bool strict) {
   return inverted && (!strict || positivecovariance(reduced.data(), n));
 }
 
-bool fisherfull(Pass& pass, FisherWork& fisher, Likelihood& likelihood, bool closing) {
-  const Inverses inv = invert(pass);
+bool fisherfull(Pass& pass, FisherWork& fisher, Likelihood& likelihood, Scoring scoring) {
+  const bool steps = scoring == Scoring::steps;
+  const Inverses inv = invert(pass, pass.est);
   PosteriorSums sums;
-  if (!sweepinformation(pass, inv, !closing, sums, fisher) || !invertinformation(fisher, true)) return false;
-  fillscore(pass, inv, sums, fisher);
-  if (closing) return true;
-  const double current = loglikelihood(pass, sums, inv.logdetT, inv.logdetL);
-  if (!glsupdate(pass, sums)) return false;
+  if (!sweepinformation(pass, pass.est, inv, steps, sums, fisher) || !invertinformation(fisher, true)) return false;
+  fillscore(pass, pass.est, inv, sums, fisher);
+  if (!steps) return true;
+  const double current = loglikelihood(pass, sums, pass.est.sigma2, inv.scaled);
+  if (!glsupdate(pass, sums, pass.est)) return false;
   likelihood = {likelihood.current, current};
   return true;
 }
@@ -361,51 +345,47 @@ Array<double> scoringdirection(const FisherWork& fisher) {
   return d;
 }
 
-void moveestimates(Pass& pass, const Estimates& start, const Array<double>& step, double factor) {
-  const double* d = step.data();
-  pass.est.taupi = start.taupi.copy();
-  pass.est.taubeta = start.taubeta.copy();
-  addtriangle(pass.est.taupi.data(), pass.p, d, factor);
-  addtriangle(pass.est.taubeta.data(), pass.b, d + packedsize(pass.p), factor);
-  pass.est.sigma2 = start.sigma2 + factor * step[step.size() - 1];
+Estimates moved(const Pass& pass, const Estimates& start, const Array<double>& step, double factor) {
+  Estimates est = start.copy();
+  addtriangle(est.taupi.data(), pass.p, step.data(), factor);
+  addtriangle(est.taubeta.data(), pass.b, step.data() + packedsize(pass.p), factor);
+  est.sigma2 = start.sigma2 + factor * step[step.size() - 1];
+  return est;
 }
 
-bool stepstays(Pass& pass, const Array<double>& step, double factor) {
-  Estimates here = pass.est.copy();
-  moveestimates(pass, here, step, factor);
-  const bool usable = usableestimates(pass);
-  pass.est = std::move(here);
-  return usable;
+bool stepstays(const Pass& pass, const Estimates& start, const Array<double>& step, double factor) {
+  return usableestimates(pass, moved(pass, start, step, factor));
 }
 
-bool fisherpoint(Pass& pass, FisherWork& fisher) {
-  const Inverses inv = invert(pass);
+bool fisherpoint(Pass& pass, const Estimates& est, FisherWork& fisher) {
+  const Inverses inv = invert(pass, est);
   PosteriorSums sums;
-  if (!sweepinformation(pass, inv, false, sums, fisher)) return false;
-  fillscore(pass, inv, sums, fisher);
+  if (!sweepinformation(pass, est, inv, false, sums, fisher)) return false;
+  fillscore(pass, est, inv, sums, fisher);
   return true;
 }
 
-bool fisherouter(Pass& pass, FisherWork& fisher, Likelihood& likelihood) {
-  const Inverses inv = invert(pass);
+bool fisherouter(Pass& pass, FisherWork& fisher, Likelihood& likelihood, Scoring scoring) {
+  const bool steps = scoring == Scoring::steps;
+  const Inverses inv = invert(pass, pass.est);
   fisher.information.fill(0.0);
   fisher.score.fill(0.0);
-  OuterScores outer{&inv, &fisher, Array<double>(at(fisher.NT))};
+  Array<double> score(at(fisher.NT)), vv(square(pass.b));
   PosteriorSums sums;
-  const PosteriorInput input{pass.est.sigma2, pass.est.gammahat.data(), inv.S.data(), inv.Sb.data(), nullptr, true};
-  const auto visit = [&](const Level3Posterior& unit) { addouterscore(outer, pass, unit); };
-  if (posteriorsweep(pass, input, sums, visit) != PosteriorResult::ok) return false;
+  const auto visit = [&](const Level3Posterior& unit) { addouterscore(pass, inv, unit, score, vv, fisher); };
+  if (posteriorsweep(pass, inputat(pass.est, inv.scaled, steps), sums, visit) != PosteriorResult::ok) return false;
   // Outer products of fewer units than parameters are singular, whatever rounding makes of their determinant.
   const bool inverted = pass.mdm().nunits3 >= fisher.restriction.nfree && invertinformation(fisher, false);
-  likelihood = {likelihood.current, loglikelihood(pass, sums, inv.logdetT, inv.logdetL)};
+  if (!steps) return inverted;
+  likelihood = {likelihood.current, loglikelihood(pass, sums, pass.est.sigma2, inv.scaled)};
   // An unusable generalised cross-product leaves gammahat as it was; the step stands on the variance components.
-  [[maybe_unused]] const bool updated = glsupdate(pass, sums);
+  [[maybe_unused]] const bool updated = glsupdate(pass, sums, pass.est);
   return inverted;
 }
 
-bool fisherstep(Pass& pass, FisherWork& fisher, Likelihood& likelihood, bool closing) {
-  return pass.control().fishertype == 2 ? fisherfull(pass, fisher, likelihood, closing)
-                                        : fisherouter(pass, fisher, likelihood);
+bool fisherstep(Pass& pass, FisherWork& fisher, Likelihood& likelihood, Scoring scoring) {
+  return pass.control().fishertype == 2 ? fisherfull(pass, fisher, likelihood, scoring)
+                                        : fisherouter(pass, fisher, likelihood, scoring);
 }
 
 }  // namespace kdr

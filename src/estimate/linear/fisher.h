@@ -6,6 +6,7 @@
 #pragma once
 
 #include "estimate/linear/pass.h"
+#include "estimate/linear/point.h"
 #include "estimate/linear/restriction.h"
 #include "kernel/array.h"
 
@@ -23,39 +24,35 @@ struct FisherWork {
 void makefisher(const Pass& pass, FisherWork& fisher);
 void sizefisher(const Pass& pass, FisherWork& fisher);  // whatever fishertype is
 
-// Information and score at the estimates at hand, which stay as they are. Returns false when a matrix of a unit cannot
-// be inverted.
-[[nodiscard]] bool fisherpoint(Pass& pass, FisherWork& fisher);
+// Information and score at a point. Returns false when a matrix of a unit cannot be inverted.
+[[nodiscard]] bool fisherpoint(Pass& pass, const Estimates& est, FisherWork& fisher);
 
 // Inverts the information of the free parameters; rows of fixed ones become 0. With `strict` the information must pass
 // the tests of a covariance matrix too. Returns false when that fails.
 [[nodiscard]] bool invertinformation(FisherWork& fisher, bool strict);
 
-// The log-likelihood before and at the parameters at hand.
-struct Likelihood {
-  double previous;
-  double current;
-};
-
 // The step [NT] that inverse information and score make.
 [[nodiscard]] Array<double> scoringdirection(const FisherWork& fisher);
-// pass.est = start + factor step; the fixed effects stay.
-void moveestimates(Pass& pass, const Estimates& start, const Array<double>& step, double factor);
-// Whether the variance components would be usable ones after factor times the step; they stay where they are.
-[[nodiscard]] bool stepstays(Pass& pass, const Array<double>& step, double factor);
+// `start` with its variance components moved by factor times the step.
+[[nodiscard]] Estimates moved(const Pass& pass, const Estimates& start, const Array<double>& step, double factor);
+// Whether the variance components are usable ones there.
+[[nodiscard]] bool stepstays(const Pass& pass, const Estimates& start, const Array<double>& step, double factor);
+
+// What becomes of the estimates of the pass behind a step: nothing, or they get the fixed effects and the
+// log-likelihood that belong to it.
+enum class Scoring { asks, steps };
 
 // Expected information (fishertype 2). Returns false when a matrix cannot be inverted or the information is not usable.
-// With `closing` it stops after inverse information and score and changes only these, dinv and C_j^-1; otherwise it
+// A scoring that asks stops after inverse information and score and changes only these, dinv and C_j^-1; one that steps
 // also fills the posterior means and the log-likelihood, and updates gammahat and vgamma. The cost is linear in the
-// number of level-2 units: the sum over all pairs of units of a level-3 unit is a product of sums over units. Source:
-// Longford (1987); the factorised pair sum is our own.
-[[nodiscard]] bool fisherfull(Pass& pass, FisherWork& fisher, Likelihood& likelihood, bool closing);
+// number of level-2 units: the sum over all pairs of units of a level-3 unit is a product of sums over units.
+[[nodiscard]] bool fisherfull(Pass& pass, FisherWork& fisher, Likelihood& likelihood, Scoring scoring);
 
-// Sum of the outer products of the level-3 units' scores (fishertype 1). Returns true when its inverse exists; in any
-// case updates gammahat and the log-likelihood.
-[[nodiscard]] bool fisherouter(Pass& pass, FisherWork& fisher, Likelihood& likelihood);
+// Sum of the outer products of the level-3 units' scores (fishertype 1). Returns true when its inverse exists; a
+// scoring that steps updates gammahat and the log-likelihood in any case.
+[[nodiscard]] bool fisherouter(Pass& pass, FisherWork& fisher, Likelihood& likelihood, Scoring scoring);
 
 // By fishertype.
-[[nodiscard]] bool fisherstep(Pass& pass, FisherWork& fisher, Likelihood& likelihood, bool closing);
+[[nodiscard]] bool fisherstep(Pass& pass, FisherWork& fisher, Likelihood& likelihood, Scoring scoring);
 
 }  // namespace kdr

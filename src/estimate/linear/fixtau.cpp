@@ -156,12 +156,12 @@ Failure fixtau(Pass& pass, Tau which, const Array<double>& moments, FixTau code)
         return {};
       case RepairChoice::automatic:
         if (constexpr int maxrounds = 100; repair.rounds >= maxrounds)
-          return failedwith("", std::string("Unable to generate a good tau(") + (pi ? "pi)\n" : "beta)\n"));
+          return failedboth(std::string("Unable to generate a good tau(") + (pi ? "pi)\n" : "beta)\n"));
         if (automaticfixup(repair)) return {};
         tellobserver(observer.badtau, BadTau{BadTau::Why::unrepairable, which, n, t});
         return failedwith(pass.analysis->start != nullptr ? "\nPlease check your starting value file!\n" : "");
       default:
-        return failedwith("", "fixtau set to 4, so no correction to tau made. Unable to continue.\n");
+        return failedboth("fixtau set to 4, so no correction to tau made. Unable to continue.\n");
     }
     choice = ask();
   }

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "core/failure.h"
-#include "estimate/linear/iteration.h"
+#include "estimate/linear/iterationstate.h"
 #include "estimate/linear/pass.h"
 
 namespace kdr {

@@ -26,7 +26,7 @@ void eachwithin(Pass& pass, Use use) {
 // What a scoring step from the estimates would move, in standard errors: the largest over its elements. A step that
 // leaves the space of covariance matrices is halved, as the iterations halve it; 0 when it leaves it all the same, from
 // estimates at its edge.
-double stepleft(Pass& pass, const FisherWork& fisher) {
+double stepleft(const Pass& pass, const FisherWork& fisher) {
   constexpr int tries = 6;
   const Array<double> d = scoringdirection(fisher);
   double largest = 0.0;
@@ -36,17 +36,18 @@ double stepleft(Pass& pass, const FisherWork& fisher) {
   }
   double factor = 1.0;
   for (int t = 0; t < tries; ++t, factor *= 0.5)
-    if (stepstays(pass, d, factor)) return factor * largest;
+    if (stepstays(pass, pass.est, d, factor)) return factor * largest;
   return 0.0;
 }
 
 }  // namespace
 
-TauErrors tauerrors(Pass& pass, FisherWork& fisher, Likelihood& likelihood) {
+TauErrors tauerrors(Pass& pass, FisherWork& fisher) {
   TauErrors errors;
   errors.asked = pass.control().fishertype != 0;
   if (!errors.asked) return errors;
-  errors.known = fisherstep(pass, fisher, likelihood, true);
+  Likelihood unused{};
+  errors.known = fisherstep(pass, fisher, unused, Scoring::asks);
   if (!errors.known) return errors;
   errors.taupi = standarderrors(fisher.invinformation, fisher.NT, 0, pass.p);
   errors.taubeta = standarderrors(fisher.invinformation, fisher.NT, packedsize(pass.p), pass.b);
@@ -169,6 +170,8 @@ Array<double> scoreproducts(Pass& pass, bool leastsquares) {
 
 Array<double> robustcovariance(Pass& pass, bool leastsquares) {
   const int g = pass.g;
+  // The scores sum to 0, so those of as few units as this are singular, whatever rounding makes of their determinant.
+  if (pass.mdm().nunits3 <= g) return {};
   const Array<double> scores = scoreproducts(pass, leastsquares);
   Array<double> V = leastsquares ? pass.est.vgamma.copy() : pass.est.covariance(), half(square(g)), robust(square(g));
   mulAB(half.data(), V.data(), scores.data(), g, g, g);

@@ -8,7 +8,7 @@ namespace kdr {
 
 // The standard errors of the variance components at the estimates of the pass, from the information there (fishertype).
 // Its sweep leaves D_k^-1 and C_j^-1 of these estimates in the pass.
-[[nodiscard]] TauErrors tauerrors(Pass& pass, FisherWork& fisher, Likelihood& likelihood);
+[[nodiscard]] TauErrors tauerrors(Pass& pass, FisherWork& fisher);
 
 // Level 2: the mean over the units with a least-squares fit of T[i][i] / (s (Z1'Z1)^-1 + T)[i][i]. Level 3, from
 // E_k = Z2'Z2 - sum_j Z2'Z1 C_j^-1 Z1'Z2 of the units where it is usable: the mean of L[i][i] / (s E_k^-1 + L)[i][i].

@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 #include "estimate/linear/edgesearch.h"
+#include "estimate/linear/emstep.h"
 #include "estimate/linear/fixtau.h"
 #include "estimate/linear/results.h"
 #include "estimate/linear/usable.h"
@@ -16,7 +18,6 @@ namespace kdr {
 namespace {
 
 constexpr int maxfisherfailures = 4;
-constexpr int fisheroff = 100000;
 
 // Estimates as they stood before an accelerated step.
 struct SavedEstimates {
@@ -54,7 +55,7 @@ Step tryaitken(Pass& pass, IterationState& state, Attempt& attempt, const SavedE
   if (!fixed) s = state.s1 + (s - state.s1) / (1.0 - lambda);
   applytaupi(pass.model(), pass.est.taupi.data());
   applytaubeta(pass.model(), pass.est.taubeta.data());
-  if (usableestimates(pass)) {
+  if (usableestimates(pass, pass.est)) {
     attempt.aitkenok = true;
     return Step::continuewithem;
   }
@@ -87,7 +88,7 @@ Step tryfishersteps(Pass& pass, IterationState& state, Attempt& attempt, const S
       addtriangle(pass.est.taubeta.data(), pass.b, d.data() + nt, 1.0);
       applytaubeta(pass.model(), pass.est.taubeta.data());
     }
-    if (usableestimates(pass)) {
+    if (usableestimates(pass, pass.est)) {
       if (t < tries) return Step::stands;
       break;
     }
@@ -107,7 +108,7 @@ Step tryfishersteps(Pass& pass, IterationState& state, Attempt& attempt, const S
 }
 
 Step tryfisher(Pass& pass, IterationState& state, Attempt& attempt, const SavedEstimates& saved) {
-  if (!fisherstep(pass, state.fisher, state.likelihood, false)) {
+  if (!fisherstep(pass, state.fisher, state.likelihood, Scoring::steps)) {
     ++state.fisherfailures;
     return Step::continuewithem;
   }
@@ -127,20 +128,22 @@ void shifthistories(const Pass& pass, IterationState& state) {
 Failure updateestimates(Pass& pass, IterationState& state, EmSums& em, Attempt& attempt) {
   for (;;) {
     if (pass.plan.tausstand()) ++attempt.noaccel;
-    const bool accelerate =
-        state.iteration % pass.control().accel == 0 && attempt.noaccel == 0 && state.hetstate == 2 && !state.confirming;
+    const bool accelerate = state.iteration % pass.control().accel == 0 && attempt.noaccel == 0 &&
+                            state.stage == Stage::ordinary && !state.confirming;
     Step step = Step::continuewithem;
     SavedEstimates saved{};
     if (accelerate) {
       saved = saveestimates(pass);
-      const bool aitken = pass.control().fishertype == 0 || state.fisherfailures >= maxfisherfailures;
+      const bool aitken =
+          pass.control().fishertype == 0 || state.scoringover || state.fisherfailures >= maxfisherfailures;
       step = aitken ? tryaitken(pass, state, attempt, saved) : tryfisher(pass, state, attempt, saved);
       if (step == Step::retry) continue;
     } else {
       shifthistories(pass, state);
     }
     if (step == Step::continuewithem)
-      if (Failure failure = emstep(pass, state.likelihood, em, state.hetstate == 1 ? &state.hettaupi : nullptr))
+      if (Failure failure =
+              emstep(pass, state.likelihood, em, state.stage == Stage::heterogeneous ? &state.hettaupi : nullptr))
         return failure;
     if ((attempt.aitkenok || attempt.fisherok) && state.likelihood.current < state.likelihood.previous) {
       ++attempt.noaccel;
@@ -167,7 +170,7 @@ void testconvergence(const Pass& pass, IterationState& state, const Attempt& att
   const Likelihood& likelihood = state.likelihood;
   double gain = 100.0 * (likelihood.current - likelihood.previous) / std::fabs(likelihood.previous);
   if (std::fabs(gain) < leastgain) gain = leastgain;
-  if (likelihood.current < likelihood.previous) state.fisherfailures = fisheroff;
+  if (likelihood.current < likelihood.previous) state.scoringover = true;
   const bool met = 0.0 <= gain && gain <= pass.plan.stopval && state.iteration != state.limit;
   state.converged = met && plain;
   state.confirming = met && !plain;
@@ -187,11 +190,12 @@ void asklimit(const Pass& pass, IterationState& state) {
 // that creeps. True when it moved the estimates.
 bool movetomaximum(Pass& pass, const IterationState& state, double least) {
   const bool linear = pass.plan.kind == PassKind::linear;
-  if (state.hetstate == 1 || (!linear && (!state.searching || pass.plan.tausstand()))) return false;
+  if (state.stage == Stage::heterogeneous || (!linear && (!state.searching || pass.plan.tausstand()))) return false;
   if (linear && state.converged && (state.iteration < soonestedgesearch || !nearedge(pass))) return false;
-  const double gain = searchedge(pass, linear ? least : leastgainwhenslow);
-  if (gain == 0.0) return false;
-  tellobserver(pass.observer().searched, SearchEvent{pass.plan.kind, pass.plan.macro, state.iteration, gain});
+  HigherPoint found = searchedge(pass, linear ? least : leastgainwhenslow);
+  if (found.gain == 0.0) return false;
+  pass.est = std::move(found.est);
+  tellobserver(pass.observer().searched, SearchEvent{pass.plan.kind, pass.plan.macro, state.iteration, found.gain});
   return true;
 }
 

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cmath>
 
-#include "driver/failures.h"
 #include "kernel/decompositions.h"
 #include "kernel/matrix.h"
 #include "kernel/sizes.h"

@@ -11,11 +11,7 @@
 //   theta = W3 gamma,  q_k = z (y_k - P_k theta)_r,  v_k = E_k q_k,  theta* = theta + z v_k
 //   V_j = C_j^-1 + R_j' E_k R_j  is the posterior covariance of u_j over sigma2
 //
-// What the estimators need beyond that are sums over j of products of R_j, which one matrix of second moments per
-// level-3 unit gives for any E: sum_j R_j[a][i] R_j[c][l]. Two identities save a pass over the units: as
-// Z1'Z1 = C_j - S,  sum_j tr(Z1'Z1 V_j) = n p + tr(E K) - tr(S sum V_j)  with K = z^2 (sum_j H_j Z1'B)_rr, and
-// u'Z1'Z1 u = u'a - u'S u  with a = C_j u.
-// Source: Longford (1987), Biometrika 74, 817-827; the EM form: Dempster, Laird and Rubin (1977), JRSS B 39, 1-38.
+// Derived in docs/numerics.md, "Posterior and log-likelihood" and "EM".
 #pragma once
 
 #include <functional>

@@ -1,10 +1,8 @@
 // What a model holds fixed or equal among the variance parameters, and the updates that respect it.
 //
 // ESTTAU2: and its twin fix elements, CONTAU2: and its twin make groups equal, DIAGONALIZETAUPI: fixes the
-// off-diagonals at 0. Every parameter thus either is fixed or has the value of one free parameter. With K the matrix
-// that maps the free parameters to all (one 1 in a row, none for a fixed parameter), the restricted score is K's and
-// the restricted information K'IK. Taking the free elements of an unrestricted update instead is exact only for some
-// patterns: not for a covariance that is fixed at a value other than 0.
+// off-diagonals at 0. So every parameter is fixed or has the value of one free parameter; K maps the free ones to all
+// (docs/numerics.md, "Fixed and equal elements").
 #pragma once
 
 #include "core/model.h"

@@ -1,9 +1,8 @@
 #include "estimate/linear/results.h"
 
 #include "estimate/inference/modelstatistics.h"
-#include "estimate/linear/emstep.h"
 #include "estimate/linear/inference.h"
-#include "estimate/linear/posterior.h"
+#include "estimate/linear/point.h"
 #include "estimate/linear/weightedcovariance.h"
 
 namespace kdr {
@@ -14,14 +13,10 @@ namespace {
 // it, and where the random effects are large against sigma, the new fixed effects beside the old posterior means leave
 // residuals that are wrong by a multiple of sigma. A tau without an inverse leaves the posterior as it is.
 void renewposterior(Pass& pass) {
-  Array<double> S, Sb;
-  double logdet = 0.0;
-  if (scaleinverse(pass.est.taupi.data(), pass.p, pass.est.sigma2, S, logdet) != 0 ||
-      scaleinverse(pass.est.taubeta.data(), pass.b, pass.est.sigma2, Sb, logdet) != 0)
-    return;
+  ScaledInverses inverses;
+  if (!scaleinverses(pass, pass.est, inverses)) return;
   PosteriorSums sums;
-  const PosteriorInput input{pass.est.sigma2, pass.est.gammahat.data(), S.data(), Sb.data(), nullptr, true};
-  [[maybe_unused]] const PosteriorResult result = posteriorsweep(pass, input, sums);
+  [[maybe_unused]] const PosteriorResult result = posteriorsweep(pass, inputat(pass.est, inverses, true), sums);
 }
 
 }  // namespace
@@ -30,12 +25,12 @@ PassResults iterationresults(Pass& pass, IterationState& state) {
   PassResults results;
   results.kind = pass.plan.kind;
   results.macro = pass.plan.macro;
-  results.heterogeneous = state.hetstate == 1;
+  results.heterogeneous = state.stage == Stage::heterogeneous;
   results.fixsigma2 = pass.fixsigma2;
   results.stopped = state.stopped();
   results.iteration = state.iteration;
   results.ending = state.ending;
-  results.errors = tauerrors(pass, state.fisher, state.likelihood);
+  results.errors = tauerrors(pass, state.fisher);
   results.loglik = state.likelihood.current;
   if (!results.heterogeneous && !results.tausstand()) results.reliabilities = reliabilities(pass);
   results.est = pass.est.copy();
@@ -43,7 +38,7 @@ PassResults iterationresults(Pass& pass, IterationState& state) {
 }
 
 PassResults stageresults(Pass& pass, IterationState& state) {
-  if (state.hetstate != 1) renewposterior(pass);
+  if (state.stage == Stage::ordinary) renewposterior(pass);
   PassResults results = iterationresults(pass, state);
   if (pass.model().weighted && !results.heterogeneous) {
     results.covariance = weightedcovariance(pass);

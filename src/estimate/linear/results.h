@@ -1,7 +1,7 @@
 // What a finished stage hands back.
 #pragma once
 
-#include "estimate/linear/iteration.h"
+#include "estimate/linear/iterationstate.h"
 #include "estimate/linear/pass.h"
 
 namespace kdr {

@@ -21,6 +21,8 @@ namespace {
 // The least-squares estimate into gammahat, and the residual variance.
 Failure leastsquares(Pass& pass, double& variance) {
   const int g = pass.g;
+  if (pass.nunits1 == 0)
+    return failedboth("No level-1 record is left: each lacks a value in a variable of the model.\n");
   if (pass.totalYY == 0.0)
     return failedwith("The outcome variable is all zeros!\n", "The outcome variable is all zeros!");
   if (collinear(pass.gramMM.data(), g) || invertsymmetric(g, pass.gramMM.data(), pass.est.vgamma.data()).result != 0)
@@ -110,8 +112,8 @@ Failure startfromestimates(Pass& pass) {
   return known ? Failure{} : failed(16);
 }
 
-Failure iteratestage(Pass& pass, IterationState& state, int hetstate, int limit) {
-  state.hetstate = hetstate;
+Failure iteratestage(Pass& pass, IterationState& state, Stage stage, int limit) {
+  state.stage = stage;
   state.limit = limit;
   return iterate(pass, state);
 }
@@ -149,7 +151,7 @@ Failure runpass(Pass& pass, IterationState& state, PassResults& results, const I
   startiterations(pass, state);
   if (pass.plan.hetit != 0) {
     startheterogeneous(pass, state);
-    if (Failure failure = iteratestage(pass, state, 1, pass.plan.hetit)) return failure;
+    if (Failure failure = iteratestage(pass, state, Stage::heterogeneous, pass.plan.hetit)) return failure;
     if (Failure failure = heterogeneousresults(pass, state)) return failure;
   }
   if (pass.plan.limit == 0) {
@@ -159,7 +161,7 @@ Failure runpass(Pass& pass, IterationState& state, PassResults& results, const I
     results.ending = state.ending;
     return {};
   }
-  if (Failure failure = iteratestage(pass, state, 2, pass.plan.limit)) return failure;
+  if (Failure failure = iteratestage(pass, state, Stage::ordinary, pass.plan.limit)) return failure;
   results = stageresults(pass, state);
   return storefailure(pass.store);
 }

@@ -143,7 +143,7 @@ FirstMoments firstsweep(Pass& pass, StartWork& w) {
 }
 
 Failure virtuallyzero() {
-  return failedwith("", "Sigma_squared(0) is virtually zero. Please examine your level-1 model\n");
+  return failedboth("Sigma_squared(0) is virtually zero. Please examine your level-1 model\n");
 }
 
 // A residual variance of nearly zero, for itself and against what rounding leaves of the outcome's squares.

@@ -1,4 +1,5 @@
-// Moment estimators of the variance components from least-squares residuals, unit by unit.
+// Moment estimators of the variance components from least-squares residuals, unit by unit. Derived in docs/numerics.md,
+// "Starting values".
 #pragma once
 
 #include "estimate/linear/pass.h"

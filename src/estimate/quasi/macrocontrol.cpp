@@ -1,5 +1,6 @@
 #include "estimate/quasi/macrocontrol.h"
 
+#include "estimate/inference/settled.h"
 #include "estimate/quasi/macrotest.h"
 #include "kernel/sizes.h"
 

@@ -5,9 +5,6 @@
 
 namespace kdr {
 
-// What a scoring step moves at the least, in standard errors, while variance components have not settled.
-inline constexpr double settled = 0.1;
-
 // True when no element of gamma, taupi or taubeta has changed by more than `stopmacro` relative to its previous value.
 // A change below 1e-8 is taken as 1e-8. An element of gamma that was 0 before and an element of a tau that is 0 now
 // take no part; a tau element that left 0 counts as changed.

@@ -14,6 +14,7 @@
 #include "estimate/linear/unitresults.h"
 #include "kernel/sizes.h"
 #include "report/residual/residualfile.h"
+#include "report/stream.h"
 
 namespace kdr {
 
@@ -115,7 +116,7 @@ void nextnumbers(RecordNumbers& of, int kept) {
 
 void writelevel1(Pass& pass, const WorkingFile& working, const RecordLayout& layout) {
   RowWriter writer;
-  openrows(writer, 1, run.files.resfil1name, run.mdm.nunits1, 0);
+  openrows(writer, 1, subrunname(run.files.resfil1name), run.mdm.nunits1, 0);
   for (RowWriter::Place& place : writer.places)
     if (place.source == RowSources::dataof(1)) place.place = at(layout.place[place.place]);
   const double sigma = std::sqrt(pass.est.sigma2);
@@ -148,8 +149,8 @@ void writeunitfiles(Pass& pass) {
   const int units2 = std::accumulate(pass.n2of.begin(), pass.n2of.end(), 0);
   const int mostunits2 = *std::max_element(pass.n2of.begin(), pass.n2of.end());
   RowWriter writer2, writer3;
-  if (want2) openrows(writer2, 2, run.files.resfil2name, units2 - pass.emptyunits, run.mdm.maxnj);
-  if (want3) openrows(writer3, 3, run.files.resfil3name, run.mdm.nunits3, mostunits2);
+  if (want2) openrows(writer2, 2, subrunname(run.files.resfil2name), units2 - pass.emptyunits, run.mdm.maxnj);
+  if (want3) openrows(writer3, 3, subrunname(run.files.resfil3name), run.mdm.nunits3, mostunits2);
   UnitResults results = makeunitresults(pass);
   takegroups(writer2.from, results.level2);
   takegroups(writer3.from, results.level3);

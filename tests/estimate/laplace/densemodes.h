@@ -1,10 +1,11 @@
-// The records of a level-3 unit on full matrices, and the joint mode of its random effects by Newton's method. Shared
-// by the made studies of both engines.
+// What the made studies of both engines share: their units as a source, the elements of parameters, the records of a
+// level-3 unit on full matrices, and the joint mode of its random effects by Newton's method.
 #pragma once
 
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
+#include <utility>
 #include <vector>
 
 #include "estimate/likelihood/parameters.h"
@@ -22,6 +23,27 @@ inline Matrix matrixof(const Array<double>& a, int rows, int cols) {
   Matrix m(rows, cols);
   std::copy(a.begin(), a.end(), m.cells.begin());
   return m;
+}
+
+// In the order of the parameters: (vech taupi, vech taubeta, gamma).
+inline std::vector<double> elements(const Parameters& x) {
+  const Array<double> all = elementsof(x);
+  return {all.begin(), all.end()};
+}
+
+// The units of a study, `batchsize` at a time from `position` on.
+template <class Study>
+RecordSource sourceof(Study& study) {
+  return {&study, [](void* state) { static_cast<Study*>(state)->position = 0; },
+          [](void* state, std::vector<Level3Records>& batch) {
+            Study& made = *static_cast<Study*>(state);
+            batch.clear();
+            for (std::size_t i = 0; i < made.batchsize && made.position < made.units.size(); ++i) {
+              const Level3Records& u = made.units[made.position++];
+              batch.push_back({u.k, u.firstunit, u.units, u.start.copy(), u.x.copy(), u.w2.copy(), u.w3.copy(),
+                               u.y.copy(), u.n.copy()});
+            }
+          }};
 }
 
 // X has the columns of the fixed effects, F those of v, then those of u_j for each j.

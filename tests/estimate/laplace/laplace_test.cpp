@@ -17,10 +17,6 @@ using marks::Marks;
 
 const Shape wide{"wide", 2, {0, 1}, {{0, false}}, 80, 6, 8, 21};
 
-std::vector<double> elements(const Parameters& x) {
-  const Array<double> all = elementsof(x);
-  return {all.begin(), all.end()};
-}
 std::vector<double> listof(const Array<double>& values) { return {values.begin(), values.end()}; }
 LaplaceResult fit(const Study& study, const LaplaceSettings& settings, double size = 0.6, double quasi = -1e5) {
   const auto [u, v] = study.modes();
@@ -67,7 +63,7 @@ TEST(LaplaceRun, ThreadsAndBatchesChangeNoByte) {
   shape.records = 40;
   for (const auto& [threads, batch] : {std::pair(1, 80), {3, 80}, {2, 7}}) {
     Study study(shape);
-    study.batch = at(batch);
+    study.batchsize = at(batch);
     LaplaceSettings settings;
     settings.engine.threads = threads;
     settings.engine.iterations = 3;
@@ -267,15 +263,35 @@ TEST(LaplaceRun, RaisedRidgeGoesOnAndSingularFinalInformationFails) {
   EXPECT_EQ(steps, "*i/i");  // the first raised the ridge, the second lowered it
 }
 
-// Many level-2 units of one record and a rare outcome: the sum of their corrections exceeds 1.
+// Level-2 units of one record with a rare outcome: the sum of their corrections exceeds 1. The score is then that of
+// the first-order approximation.
 TEST(LaplaceRun, LikelihoodWithoutALogarithmIsAFailedTrial) {
-  const Study study({"rare", 1, {0}, {{0, false}}, 6, 600, 1, 51, -2.0}, false);
+  const Study study({"rare", 1, {0}, {{0, false}}, 3, 10, 1, 51, -4.0}, false);
+  const Parameters x = study.parameters(8.0, -4.0);
   LaplaceSettings settings;
+  settings.stopmodes = 1e-9;
   Marks told;
   told.listen(settings.engine);
   LaplaceLikelihood likelihood = study.likelihood(settings);
-  EXPECT_FALSE(laplacevalue(likelihood, elementsof(study.parameters(2.0, -2.0))).usable);
+  EXPECT_FALSE(laplacevalue(likelihood, elementsof(x)).usable);
   EXPECT_EQ(told.count('p'), 0);
+  ScoreWork work = makescorework(study.data, study.q, study.r);
+  TauInverses inverses;
+  ModeSums sums;
+  ASSERT_TRUE(invertaus(x, inverses));
+  ASSERT_EQ(findmodes(study.data, settings, x, inverses, {}, likelihood.modes, sums), EngineFailure::none);
+  double rel2 = 0, rel3 = 0;
+  UnitReliability reliability{&rel2, &rel3};
+  std::vector<double> score(x.count());
+  EXPECT_FALSE(unitscore(study.data, x, inverses, likelihood.modes, study.units[0], work, score.data(), reliability));
+  for (std::size_t p = 0; p < score.size(); ++p) {
+    const auto moved = [&](double h) {
+      Array<double> there = elementsof(x);
+      there[p] += h;
+      return denselikelihood(denseunit(study, study.units[0]), parametersof(x.q, x.r, x.g, there), 0.0);
+    };
+    EXPECT_NEAR(score[p], (moved(1e-3) - moved(-1e-3)) / 2e-3, 1e-6) << p;
+  }
 }
 
 TEST(LaplaceRun, LimitAndKeyboardEndTheIterations) {

@@ -78,57 +78,6 @@ TEST_P(Laplace, LikelihoodIsThatOfTheDenseDefinition) {
   }
 }
 
-// The correction S_k from the tensors of the third to sixth derivatives of the joint log-density, contracted with the
-// inverse V of the information; the square of the third is taken per level-2 unit:
-//   S = -(1/8) T4_abcd V_ab V_cd - (1/48) T6_abcdef V_ab V_cd V_ef - (5/24) sum_j T3j_abc T3j_def V_ab V_cd V_ef
-TEST_P(Laplace, CorrectionIsTheContractionOfTheDerivativeTensors) {
-  Fixed made(GetParam());
-  for (std::size_t k = 0; k < made.study.units.size(); ++k) {
-    const DenseUnit unit = denseunit(made.study, made.study.units[k]);
-    const DenseFit fit = densemode(unit, made.x);
-    const int d = unit.F.cols;
-    if (d > 9) continue;
-    const auto size = [d](int order) { return static_cast<std::size_t>(std::pow(d, order) + 0.5); };
-    std::vector<double> T4(size(4)), T6(size(6));
-    std::vector<std::vector<double>> T3(at(unit.units), std::vector<double>(size(3)));
-    // T += factor f (x) f ... `order` times
-    const auto addpower = [d](std::vector<double>& T, int order, double factor, const double* f) {
-      for (std::size_t cell = 0; cell < T.size(); ++cell) {
-        double product = factor;
-        std::size_t rest = cell;
-        for (int o = 0; o < order; ++o, rest /= at(d)) product *= f[rest % at(d)];
-        T[cell] += product;
-      }
-    };
-    for (int i = 0; i < unit.X.rows; ++i) {
-      const auto derivative = softplus(fit.eta[at(i)]);  // the log-density has minus these
-      const double* f = unit.F.cells.data() + i * d;
-      addpower(T3[at(unit.unit2[at(i)])], 3, -derivative[3], f);
-      addpower(T4, 4, -derivative[4], f);
-      addpower(T6, 6, -derivative[6], f);
-    }
-    // The first two indices contracted with V.
-    const auto contract = [&](const std::vector<double>& T) {
-      std::vector<double> shorter(T.size() / square(d));
-      for (std::size_t cell = 0; cell < T.size(); ++cell)
-        shorter[cell / square(d)] +=
-            T[cell] * fit.V(static_cast<int>(cell / at(d) % at(d)), static_cast<int>(cell % at(d)));
-      return shorter;
-    };
-    double S = -contract(contract(T4))[0] / 8 - contract(contract(contract(T6)))[0] / 48;
-    for (const auto& third : T3) {
-      const std::vector<double> t = contract(third);
-      for (int a = 0; a < d; ++a)
-        for (int b = 0; b < d; ++b) S -= 5.0 / 24.0 * t[at(a)] * fit.V(a, b) * t[at(b)];
-    }
-    ScoreWork work = makescorework(made.study.data, made.x.q, made.x.r);
-    const UnitLikelihood sums =
-        unitlikelihood(made.study.data, made.x, made.likelihood.modes, made.study.units[k], work);
-    EXPECT_NEAR(sums.S, S, 1e-10) << "unit " << k;
-    EXPECT_NEAR(sums.loglik, fit.records, 1e-10);
-  }
-}
-
 // Every element of the score of every level-3 unit against central differences, with the modes found again at each
 // point.
 TEST_P(Laplace, ScoreIsTheDerivativeOfTheLikelihood) {

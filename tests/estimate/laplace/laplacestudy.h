@@ -35,7 +35,7 @@ struct Study {
   EngineData data;
   std::vector<Level3Records> units;
   int q = 0, r = 0, g = 0;
-  std::size_t batch = 3, at3 = 0;  // units of a batch, the next unit
+  std::size_t batchsize = 3, position = 0;
 
   explicit Study(const Shape& shape, bool ragged = true) {
     std::mt19937_64 random(shape.seed);
@@ -101,30 +101,10 @@ struct Study {
       data.records += n;
       units.push_back(std::move(unit));
     }
-    data.source.state = this;
-    data.source.rewind = [](void* state) { static_cast<Study*>(state)->at3 = 0; };
-    data.source.next = [](void* state, std::vector<Level3Records>& out) {
-      auto& study = *static_cast<Study*>(state);
-      out.clear();
-      for (std::size_t i = 0; i < study.batch && study.at3 < study.units.size(); ++i)
-        out.push_back(copyof(study.units[study.at3++]));
-    };
+    data.source = sourceof(*this);
   }
   Study(const Study&) = delete;
   Study& operator=(const Study&) = delete;
-
-  static Level3Records copyof(const Level3Records& unit) {
-    Level3Records copy;
-    copy.k = unit.k;
-    copy.firstunit = unit.firstunit;
-    copy.units = unit.units;
-    copy.start = unit.start.copy();
-    copy.x = unit.x.copy();
-    copy.w2 = unit.w2.copy();
-    copy.w3 = unit.w3.copy();
-    copy.y = unit.y.copy();
-    return copy;
-  }
 
   // Estimates with variances of about `size`, and slightly correlated effects.
   [[nodiscard]] Parameters parameters(double size = 0.6, double gamma0 = 0.0) const {
@@ -199,7 +179,8 @@ inline double denseS(const DenseUnit& unit, const DenseFit& fit) {
 inline double denselikelihood(const DenseUnit& unit, const Parameters& x, double correction = 1.0) {
   const DenseFit fit = densemode(unit, x);
   return fit.records - 0.5 * (fit.quadratic + fit.logH + logdet(x.taubeta, x.r) + unit.units * logdet(x.taupi, x.q)) +
-         correction * std::log(1.0 - denseS(unit, fit)) - 0.5 * unit.X.rows * std::log(6.2831853);
+         (correction == 0.0 ? 0.0 : correction * std::log(1.0 - denseS(unit, fit))) -
+         0.5 * unit.X.rows * std::log(6.2831853);
 }
 
 }  // namespace laplacestudy

@@ -16,6 +16,8 @@
 namespace madestudy {
 
 using namespace kdr;
+using densemodes::elements;
+using densemodes::sourceof;
 
 constexpr Outcome bernoulli{Family::bernoulli}, binomial{Family::binomial, 0, true}, poisson{Family::poisson},
     exposure{Family::poisson, 0, true};
@@ -34,21 +36,11 @@ struct Study {
   std::size_t position = 0, batchsize = 5;
   int units2 = 0;
 
-  RecordSource source() { return {this, rewind, next}; }
+  RecordSource source() { return sourceof(*this); }
   EngineData data() {
     std::size_t records = 0;
     for (const Level3Records& unit : units) records += unit.y.size();
     return {outcome.family, &design, npi, nbeta, static_cast<int>(units.size()), at(units2), records, source()};
-  }
-  static void rewind(void* state) { static_cast<Study*>(state)->position = 0; }
-  static void next(void* state, std::vector<Level3Records>& batch) {
-    Study& study = *static_cast<Study*>(state);
-    batch.clear();
-    for (std::size_t i = 0; i < study.batchsize && study.position < study.units.size(); ++i) {
-      const Level3Records& u = study.units[study.position++];
-      batch.push_back(
-          {u.k, u.firstunit, u.units, u.start.copy(), u.x.copy(), u.w2.copy(), u.w3.copy(), u.y.copy(), u.n.copy()});
-    }
   }
 };
 
@@ -117,15 +109,6 @@ inline Parameters makeparameters(int q, int r, const std::vector<double>& theta)
   Array<double> elements(theta.size());
   std::copy(theta.begin(), theta.end(), elements.begin());
   return parametersof(q, r, static_cast<int>(theta.size() - packedsize(q) - packedsize(r)), elements);
-}
-inline std::vector<double> elements(const Parameters& parameters) {
-  std::vector<double> theta;
-  for (std::size_t a = 0; a < at(parameters.q); ++a)
-    for (std::size_t b = 0; b <= a; ++b) theta.push_back(parameters.taupi[a * at(parameters.q) + b]);
-  for (std::size_t a = 0; a < at(parameters.r); ++a)
-    for (std::size_t b = 0; b <= a; ++b) theta.push_back(parameters.taubeta[a * at(parameters.r) + b]);
-  theta.insert(theta.end(), parameters.gamma.begin(), parameters.gamma.end());
-  return theta;
 }
 
 // The joint posterior mode of (v, u_1, ..., u_J) of every level-3 unit by Newton's method, and the diagonal blocks of

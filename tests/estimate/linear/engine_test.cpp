@@ -1,6 +1,7 @@
 // The engine against the model written out on full matrices.
 #include <gtest/gtest.h>
 
+#include "estimate/linear/edgesearch.h"
 #include "estimate/linear/emstep.h"
 #include "estimate/linear/fisher.h"
 #include "estimate/linear/fixtau.h"
@@ -48,12 +49,12 @@ TEST_P(Engine, SweepGivesLikelihoodPosteriorAndGeneralisedCrossProduct) {
     PosteriorSums sums;
     const PosteriorInput input{x.s, pass.est.gammahat.data(), S.data(), Sb.data(), nullptr, true};
     ASSERT_EQ(posteriorsweep(pass, input, sums), PosteriorResult::ok);
-    expectnear(loglikelihood(pass, sums, run.mdm.nunits2 * logdetT, run.mdm.nunits3 * logdetL), fit.loglik, fit.loglik,
-               "log-likelihood");
+    expectnear(loglikelihood(pass, sums, x.s, run.mdm.nunits2 * logdetT, run.mdm.nunits3 * logdetL), fit.loglik,
+               fit.loglik, "log-likelihood");
     for (int i = 0; i < 6; ++i)
       for (int j = 0; j < 6; ++j)
         expectnear(sums.A[static_cast<std::size_t>(6 * i + j)] / x.s, fit.A(i, j), fit.A(0, 0), "M'V^-1 M");
-    ASSERT_TRUE(glsupdate(pass, sums));
+    ASSERT_TRUE(glsupdate(pass, sums, pass.est));
     for (int i = 0; i < 6; ++i) expectnear(pass.est.gammahat[static_cast<std::size_t>(i)], fit.gls(i, 0), 1, "gamma");
 
     // Posterior means and covariances from the joint normal of all random effects and the data.
@@ -101,7 +102,7 @@ TEST_P(Engine, FisherInformationAndScoreAreTheDenseOnes) {
     const dense::Parameters x = study::setparameters(pass, point.T, point.L, point.s, point.gamma);
     const dense::Fit fit = dense::evaluate(made.units, x, study::gammamatrix(pass));
     Likelihood likelihood{0, 0};
-    ASSERT_TRUE(fisherfull(pass, fisher, likelihood, false));
+    ASSERT_TRUE(fisherfull(pass, fisher, likelihood, Scoring::steps));
     expectnear(likelihood.current, fit.loglik, fit.loglik, "log-likelihood");
     for (int i = 0; i < 7; ++i) {
       expectnear(fisher.score[static_cast<std::size_t>(i)] / fit.information(i, i),
@@ -143,7 +144,6 @@ dense::Fit fitted(const study::Study& made, Pass& pass) {
   applytaubeta(run.model, pass.est.taubeta.data());
   IterationState state;
   startiterations(pass, state);
-  state.hetstate = 2;
   state.limit = run.control.numit;
   EXPECT_FALSE(iterate(pass, state));
   return dense::evaluate(made.units, study::currentparameters(pass), study::gammamatrix(pass));
@@ -271,6 +271,32 @@ TEST(Step, UnusableCovariancesAreFailures) {
   }
 }
 
+// Looking at a point moves nothing: standard errors by either information, and a search, whose gain comes with its
+// point.
+TEST(Point, AskingMovesNothing) {
+  for (const int fishertype : {1, 2}) {
+    study::Study made(5, 24, 6, 7);
+    run.control.fishertype = fishertype;
+    Pass pass;
+    study::prepare(pass, made);
+    study::setparameters(pass, points[0].T, points[0].L, points[0].s, points[0].gamma);
+    const Estimates before = pass.est.copy();
+    FisherWork fisher;
+    makefisher(pass, fisher);
+    EXPECT_TRUE(tauerrors(pass, fisher).known);
+    const HigherPoint found = searchedge(pass, 0.0);
+    EXPECT_GT(found.gain, 0.0);
+    const std::pair<const Array<double>*, const Array<double>*> fields[] = {{&pass.est.gammahat, &before.gammahat},
+                                                                            {&pass.est.vgamma, &before.vgamma},
+                                                                            {&pass.est.taupi, &before.taupi},
+                                                                            {&pass.est.taubeta, &before.taubeta}};
+    for (const auto& [now, then] : fields) EXPECT_TRUE(std::equal(now->begin(), now->end(), then->begin()));
+    EXPECT_EQ(pass.est.sigma2, before.sigma2);
+    pass.est = found.est.copy();
+    EXPECT_LT(searchedge(pass, 0.0).gain, 1e-3) << "the maximum has none above it";
+  }
+}
+
 // A store that does not fit its budget goes through scratch files, in windows down to a single level-3 unit, and
 // changes no bit of the result.
 TEST(Store, FilesGiveTheSameBitsAsMemory) {
@@ -285,7 +311,6 @@ TEST(Store, FilesGiveTheSameBitsAsMemory) {
       study::setparameters(pass, points[0].T, points[0].L, points[0].s, points[0].gamma);
       IterationState state;
       startiterations(pass, state);
-      state.hetstate = 2;
       state.limit = 12;
       run.control.numit = 12;
       ASSERT_FALSE(iterate(pass, state));

@@ -460,6 +460,25 @@ TEST(Quadrature, VarianceThatIsHeldNearZeroIsSaid) {
   }
 }
 
+// The best of the iterations so far is told of where it is better around its own centres, too.
+TEST(Quadrature, TheBestPointIsIntegratedAgain) {
+  struct Best {
+    unsigned seed;
+    int points;
+    double start;
+    bool better;
+  };
+  for (const Best& one : {Best{6, 3, 30.0, false}, {10, 5, 0.01, true}}) {
+    Parameters start = makeparameters(1, 1, {1.0, 0.5, -0.3, 0.5, 0.4, -0.6});
+    Study study = makestudy(bernoulli, 1, 1, drawrecords(one.seed, 12, 5, 6, start));
+    start.taupi[0] = one.start;
+    const QuadratureResult result = estimate(study, settings(one.points, 2), start);
+    EXPECT_EQ(result.highest > result.fit.loglik, one.better) << one.seed;
+    EXPECT_EQ(result.fit.warnings[0].find("not the highest that was seen") != std::string::npos, one.better)
+        << one.seed;
+  }
+}
+
 // Level-3 units of thousands of records: their integrands are far below the smallest double.
 TEST(Quadrature, LargeUnits) {
   const Parameters truth = makeparameters(1, 1, {0.5, 0.3, 0.2, 0.1, 0.1, 0.4});

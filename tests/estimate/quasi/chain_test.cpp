@@ -6,8 +6,10 @@
 
 #include "estimate/likelihood/engines.h"
 #include "estimate/linear/study.h"
+#include "estimate/quasi/categorydata.h"
 #include "estimate/quasi/categoryloop.h"
 #include "estimate/quasi/macroloop.h"
+#include "kernel/sizes.h"
 
 namespace {
 
@@ -132,6 +134,33 @@ TEST_F(Chain, CategoriesAreCounted) {
   double sum = 0.0;
   for (const double count : table.count) sum += count;
   EXPECT_EQ(sum, run.mdm.numl1rec);
+}
+
+// A predictor of 32 counts as 2 up to the seventh macro iteration: then z'Wz of a record is g (2 + (d - p)/g)^2.
+TEST_F(Chain, CategoryPredictorsBeyondThirtyStartAgain) {
+  run.model.outcome.family = Family::ordinal;
+  run.model.outcome.categories = 2;
+  CategoryTable table;
+  ASSERT_FALSE(readcategories(made.analysis, table));
+  for (const int macro : {7, 8}) {
+    ChainFit chain{made.analysis};
+    PassPlan plan;
+    plan.kind = PassKind::categories;
+    plan.fixsigma2 = 1.0;
+    ASSERT_FALSE(preparecategoricaldata(table, chain.state, chain.pass, plan));
+    chain.pass.est.gammahat[0] = 32.0;
+    chain.state.macro = macro;
+    plan.start = &chain.state.previous;
+    Pass next;
+    ASSERT_FALSE(updatecategoricaldata(chain.pass, chain.state, next, plan));
+    const double eta = macro == 7 ? 2.0 : 32.0, p = 1.0 / (1.0 + std::exp(-eta)), g = p * (1.0 - p);
+    double wanted = 0.0;
+    for (const int category : {0, 1}) {
+      const double z = eta + ((category == 0 ? 1.0 : 0.0) - p) / g;
+      wanted += table.count[at(category)] * g * z * z;
+    }
+    EXPECT_NEAR(next.totalYY / wanted, 1.0, 1e-9) << macro;
+  }
 }
 
 }  // namespace

@@ -1,0 +1,177 @@
+/* KDR3 as a library: three-level multilevel models from arrays or from an MDM file.
+ *
+ * The way through it:
+ *
+ *   kdr3_data_make     columns in memory, in any order of rows       or kdr3_data_open, an MDM file
+ *   kdr3_model_make    the outcome; then kdr3_model_level1, _level2, _level3: the equations, term by term
+ *   kdr3_model_set     what differs from the defaults, by the names of the guide's keywords
+ *   kdr3_fit           the estimation; an observer sees it and may stop it
+ *   kdr3_result_...    estimates, covariances, warnings as arrays and texts
+ *   kdr3_..._free      each handle, in any order
+ *
+ * Every function that can fail returns a status: KDR3_OK, KDR3_WARNING (there is a result, and kdr3_result_warning says
+ * what is wrong with it) or KDR3_ERROR (nothing was made; kdr3_message tells why in a sentence). A null pointer for a
+ * result that is not wanted is taken everywhere, and freeing a null handle does nothing.
+ *
+ * Nothing here prints, asks, ends the process, or keeps a state but that of the handles: fits may run in several
+ * threads at once, each on handles of its own; one data handle may serve several fits at once.
+ */
+#ifndef KDR3_KDR3_H
+#define KDR3_KDR3_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#if defined(__GNUC__)
+#define KDR3_PUBLIC __attribute__((visibility("default")))
+#else
+#define KDR3_PUBLIC
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Rises when a struct or a function changes its meaning; additions leave it. */
+#define KDR3_ABI 1
+KDR3_PUBLIC int kdr3_abi(void);
+KDR3_PUBLIC const char* kdr3_version(void);
+
+typedef enum { KDR3_OK = 0, KDR3_WARNING = 1, KDR3_ERROR = 2 } kdr3_status;
+
+/* The sentence of the last error in this thread, "" before the first one. Valid until the next call in the thread. */
+KDR3_PUBLIC const char* kdr3_message(void);
+
+/* ---- Data ------------------------------------------------------------------------------------------------------ */
+
+typedef struct kdr3_data kdr3_data;
+
+typedef enum { KDR3_DOUBLE, KDR3_FLOAT, KDR3_INT32, KDR3_INT64, KDR3_TEXT } kdr3_type;
+
+/* One column of a table with a row for each level-1 record. */
+typedef struct {
+  const char* name;             /* in UTF-8, of any length; columns differ in it */
+  int level;                    /* 1, 2 or 3: columns of level 2 and 3 have one value within each unit */
+  kdr3_type type;               /* KDR3_TEXT, zero-terminated texts, for IDs only */
+  const void* values;           /* [records] of that type; const char* const* for KDR3_TEXT */
+  ptrdiff_t stride;             /* bytes from one value to the next; 0: they stand side by side */
+  const unsigned char* missing; /* [records] not 0: the value is missing; may be null. A NaN is missing as well */
+} kdr3_column;
+
+/* Makes a data set of `count` columns over `records` rows. Rows may come in any order; units stand in the order in
+ * which their IDs first appear, level-2 units within their level-3 unit: the same level-2 ID in two level-3 units is
+ * two units. The values are copied. Errors: a missing or doubled name, an ID that is missing, a value that is not
+ * finite, a column of level 2 or 3 that varies within a unit, a missing value in one. Missing values of level 1 are
+ * passed over by the models that use the column. */
+KDR3_PUBLIC kdr3_status kdr3_data_make(size_t records, size_t count, const kdr3_column* columns,
+                                       const kdr3_column* level2id, const kdr3_column* level3id, kdr3_data** data);
+
+/* Opens an MDM file. Its variables have the names that the file has, eight letters at the most. */
+KDR3_PUBLIC kdr3_status kdr3_data_open(const char* path, kdr3_data** data);
+
+/* Records and units: sizes[0] level-1 records, sizes[1] level-2 units, sizes[2] level-3 units. */
+KDR3_PUBLIC kdr3_status kdr3_data_sizes(const kdr3_data* data, size_t sizes[3]);
+
+KDR3_PUBLIC void kdr3_data_free(kdr3_data* data);
+
+/* ---- Model ----------------------------------------------------------------------------------------------------- */
+
+typedef struct kdr3_model kdr3_model;
+
+typedef enum { KDR3_RAW = 0, KDR3_GROUPMEAN = 1, KDR3_GRANDMEAN = 2 } kdr3_centering;
+
+typedef enum { KDR3_NORMAL, KDR3_BERNOULLI, KDR3_BINOMIAL, KDR3_POISSON, KDR3_MULTINOMIAL, KDR3_ORDINAL } kdr3_family;
+
+/* A model of `data`, which has to live as long as the model. `counts` names the column of trials (binomial) or exposure
+ * (Poisson), null without one; `categories` is for multinomial and ordinal outcomes. Without a term the model is empty.
+ */
+KDR3_PUBLIC kdr3_status kdr3_model_make(const kdr3_data* data, const char* outcome, kdr3_family family,
+                                        const char* counts, int categories, kdr3_model** model);
+
+/* Adds the level-1 coefficient of a variable, null for the intercept; `random`: it varies between level-2 units. Its
+ * number, from 0 in the order of the calls, goes to `coefficient`. */
+KDR3_PUBLIC kdr3_status kdr3_model_level1(kdr3_model* model, const char* variable, kdr3_centering centering, int random,
+                                          int* coefficient);
+/* Adds a term to the level-2 equation of a level-1 coefficient, null for its intercept; `random`: its coefficient
+ * varies between level-3 units. The number goes to `term`. */
+KDR3_PUBLIC kdr3_status kdr3_model_level2(kdr3_model* model, int coefficient, const char* variable,
+                                          kdr3_centering centering, int random, int* term);
+/* Adds a term to the level-3 equation of a level-2 coefficient, null for its intercept: one fixed effect. */
+KDR3_PUBLIC kdr3_status kdr3_model_level3(kdr3_model* model, int term, const char* variable, kdr3_centering centering);
+
+/* Sets a control by the name of its keyword, without regard to case: NUMIT, MACROIT, MICROIT, STOPVAL, STOPMICRO,
+ * STOPMACRO, ACCEL, FISHERTYPE, FIXSIGMA2 (0 frees it), DIAGONALIZETAUPI, DIAGONALIZETAUBETA (0 or 1), LAPLACE (most
+ * iterations, 0 is off), AGQ (points, 0 is off), AGQIT (most iterations), POPAVIT, THREADS (0: one for each core).
+ * Errors: an unknown name, a value that the keyword refuses. */
+KDR3_PUBLIC kdr3_status kdr3_model_set(kdr3_model* model, const char* name, double value);
+
+/* Design weights by the names of their columns, null for none, and the column of a known level-1 variance. */
+KDR3_PUBLIC kdr3_status kdr3_model_weights(kdr3_model* model, const char* level1, const char* level2,
+                                           const char* level3, const char* knownvariance);
+
+KDR3_PUBLIC void kdr3_model_free(kdr3_model* model);
+
+/* ---- Fit ------------------------------------------------------------------------------------------------------- */
+
+/* What sees a fit. Set `size` to sizeof(kdr3_observer); any function may be null. All are called in the thread of
+ * kdr3_fit, between the steps of the estimation. */
+typedef struct {
+  size_t size;
+  void* state;                                         /* handed to each function */
+  int (*stop)(void* state);                            /* asked between two iterations: not 0 ends the fit there */
+  void (*progress)(void* state, const char* sentence); /* a line for someone who waits */
+} kdr3_observer;
+
+typedef struct kdr3_result kdr3_result;
+
+/* Estimates the model. A stop by the observer, or a limit, leaves a result that is not converged, with KDR3_WARNING. */
+KDR3_PUBLIC kdr3_status kdr3_fit(const kdr3_model* model, const kdr3_observer* observer, kdr3_result** result);
+
+/* ---- Results --------------------------------------------------------------------------------------------------- */
+
+/* Set `size` to sizeof(kdr3_summary) before the call. */
+typedef struct {
+  size_t size;
+  int converged;           /* 1: by its own rule */
+  int iterations;          /* of the last pass; of a non-linear model its macro iterations */
+  size_t records;          /* used by the model */
+  size_t units2, units3;   /* likewise */
+  size_t fixedeffects;     /* g */
+  size_t random2, random3; /* orders p of tau(pi) and b of tau(beta) */
+  size_t parameters;
+  double loglikelihood; /* NaN where the method has none (quasi-likelihood) */
+  double sigma2;        /* level-1 variance, 1 where it is held there */
+} kdr3_summary;
+KDR3_PUBLIC kdr3_status kdr3_result_summary(const kdr3_result* result, kdr3_summary* summary);
+
+/* Fixed effects, in the order: level-1 coefficients in the order of their columns in the data, the intercept first; the
+ * level-2 terms of each; the level-3 terms of each of these. estimates [g], covariance [g * g] row by row, df [g]
+ * (degrees of freedom of the t tests). robust [g * g] is the sandwich of the level-3 units, NaN where it can't be
+ * computed. */
+KDR3_PUBLIC kdr3_status kdr3_result_fixed(const kdr3_result* result, double* estimates, double* covariance,
+                                          double* robust, double* df);
+/* The name of fixed effect i: its level-1, level-2 and level-3 variables, "(intercept)" for an intercept, joined by ":"
+ * without the intercepts behind others. Valid as long as the result. */
+KDR3_PUBLIC const char* kdr3_result_name(const kdr3_result* result, size_t i);
+
+/* tau(pi) [p * p] and tau(beta) [b * b], and the standard errors of their elements in matrices of the same shape, NaN
+ * where there is none. sigma2error: that of sigma^2, NaN likewise. */
+KDR3_PUBLIC kdr3_status kdr3_result_variances(const kdr3_result* result, double* taupi, double* taubeta,
+                                              double* taupierrors, double* taubetaerrors, double* sigma2error);
+
+/* Posterior means (empirical Bayes residuals) of the random effects: level2 [units2 * p], level3 [units3 * b]. */
+KDR3_PUBLIC kdr3_status kdr3_result_effects(const kdr3_result* result, double* level2, double* level3);
+
+/* Warnings, from 0; null behind the last. Valid as long as the result. */
+KDR3_PUBLIC const char* kdr3_result_warning(const kdr3_result* result, size_t i);
+
+/* The results as the results document has them (docs/results.md), in JSON. Valid as long as the result. */
+KDR3_PUBLIC const char* kdr3_result_document(const kdr3_result* result);
+
+KDR3_PUBLIC void kdr3_result_free(kdr3_result* result);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,36 @@
+// Where the iterations of a pass stand.
+#pragma once
+
+#include "estimate/linear/aitken.h"
+#include "estimate/linear/fisher.h"
+#include "estimate/linear/pass.h"
+#include "kernel/array.h"
+
+namespace kdr {
+
+// The heterogeneous stage has a taupi for every level-3 unit.
+enum class Stage { heterogeneous, ordinary };
+
+// State of the loop that outlives a stage.
+struct IterationState {
+  Stage stage = Stage::ordinary;
+  int limit = 0;             // iterations of the stage
+  int iteration = 0;         // the last one
+  int fisherfailures = 0;    // failed accelerated steps of all passes; from 4 on Aitken steps are taken
+  bool scoringover = false;  // the log-likelihood fell: Aitken steps from here on
+  bool searching = false;    // passes on working data do not stop before a search for their maximum
+  Likelihood likelihood{missingcode, missingcode};  // at the end of the last two iterations
+  FisherWork fisher;
+  TauHistory history;
+  double s1 = 0.0, s2 = 0.0;   // sigma2 one and two iterations back
+  UnitTable<double> hettaupi;  // a taupi per level-3 unit, heterogeneous stage only
+  bool stepped = false;        // a Fisher step lies between the last log-likelihood and the next
+  bool confirming = false;     // the rule was met at an accelerated step: the next iteration is a plain one
+  bool converged = false, atlimit = false, keyboardstop = false;  // why the stage ended
+  int nextsearch = 0;  // the iteration that begins with a search for a maximum at the edge
+  Ending ending = Ending::converged;
+
+  [[nodiscard]] bool stopped() const { return converged || atlimit || keyboardstop; }
+};
+
+}  // namespace kdr

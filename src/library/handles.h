@@ -1,0 +1,65 @@
+// What stands behind the handles of include/kdr3/kdr3.h.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "core/control.h"
+#include "core/outcome.h"
+#include "data/mdmdata.h"
+#include "kdr3/kdr3.h"
+
+// The data set as an MDM file would hold it, its level-2 blocks in an unnamed file, which fits read by positions of
+// their own. Inside, variables are called V1, V2, ...; their names are here.
+struct kdr3_data {
+  kdr::MdmData mdm;
+  std::vector<std::string> names[3];  // of each level, [0] the intercept
+
+  kdr3_data() = default;
+  kdr3_data(const kdr3_data&) = delete;
+  kdr3_data& operator=(const kdr3_data&) = delete;
+  ~kdr3_data();
+};
+
+// The terms of a model in the order of the calls.
+struct kdr3_model {
+  struct Term {
+    int owner;     // the coefficient that it is a term of: of level 2 its level-1, of level 3 its level-2 coefficient
+    int variable;  // of its own level, 0 the intercept
+    kdr3_centering centering;
+    bool random;
+  };
+  const kdr3_data* data = nullptr;
+  int outcome = 0;
+  kdr::Outcome kind;
+  std::vector<Term> level1, level2, level3;
+  kdr::Control control;
+  int threads = 0;
+  double fixsigma2 = 0.0;
+  bool diagtaupi = false, diagtaubeta = false;
+  int weights[3] = {}, knownvariance = 0;
+};
+
+namespace kdr::library {
+
+// Keeps the sentence that kdr3_message hands out, and returns KDR3_ERROR.
+kdr3_status error(std::string sentence);
+// Runs `work` (a function that returns a status); exhausted memory is an error as well.
+template <class Work>
+kdr3_status guarded(Work&& work);
+
+// The number of a variable of a level (1 to 3) of the data, 0 for a null name, -1 where there is none of that name.
+[[nodiscard]] int variable(const kdr3_data& data, int level, const char* name);
+
+}  // namespace kdr::library
+
+#include <new>
+
+template <class Work>
+kdr3_status kdr::library::guarded(Work&& work) {
+  try {
+    return work();
+  } catch (const std::bad_alloc&) {
+    return error("Out of memory.");
+  }
+}
