@@ -295,7 +295,7 @@ def engines():
     started = "The run goes on with the estimates that quadrature started from.\n"
     for factor, points, words in ((5.0, 3, short), (1.0, 5, "have a lower log-likelihood than those of an earlier iteration.\n")):
         study(lambda row, i: [factor * row[1] + i % 7] + row[1:])
-        (_, plain), (said, text) = (fit("POISSON", macroit="10,N", more=x)[1:] for x in ("", f"AGQ:Y,30,{points}\n"))
+        (_, plain), (said, text) = (fit("POISSON", macroit="10,N", more=x)[1:] for x in ("", f"AGQ:Y,30,{points}\nAGQNODES:FIXED\n"))
         check(words in text and started in text and started in said, f"too few points, {factor}: words")
         averages = [[row.coefficient for row in report.splitsections(x)["population-average"].fixed["final"].rows]
                     for x in (plain, text)]
