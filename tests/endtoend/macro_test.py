@@ -347,8 +347,16 @@ def points():
               f"{asked} points: {document['converged']}, {phase['warnings']}")
         for words in phase["warnings"] or [f"{made} point" if made > 1 else "One point: the first-order Laplace"]:
             check(words in work.read("out.txt") and words in done.stdout, f"{asked} points: {words}")
+        check("population-average" in report.sections(str(work.folder / "out.txt")), f"{asked} points: population average")
         again = work.read("newcmd.kdr")
         check(f"agq:y,30,{asked}\n" in again, f"{asked} points: newcmd.kdr")
+    # A variance at its edge: no standard error, and a population average all the same.
+    study(lambda row, i: [row[1] + i % 7] + row[1:])
+    code, said, text = fit("POISSON", macroit="10,N", more="AGQ:Y,30,7\n")
+    made = report.splitsections(text)
+    check(code == 0 and list(made) == ["unit-specific", "quadrature", "population-average"], f"at the edge: code {code}, {list(made)}")
+    check("NC: at the edge, a variance of 0" in text, "at the edge: words")
+    study()
 
 
 failures()
