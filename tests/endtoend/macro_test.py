@@ -295,7 +295,7 @@ def engines():
     started = "The run goes on with the estimates that quadrature started from.\n"
     for factor, points, words in ((5.0, 3, short), (1.0, 5, "have a lower log-likelihood than those of an earlier iteration.\n")):
         study(lambda row, i: [factor * row[1] + i % 7] + row[1:])
-        (_, plain), (said, text) = (fit("POISSON", macroit="10,N", more=x)[1:] for x in ("", f"AGQ:Y,30,{points}\n"))
+        (_, plain), (said, text) = (fit("POISSON", macroit="10,N", more=x)[1:] for x in ("", f"AGQ:Y,30,{points}\nAGQNODES:FIXED\n"))
         check(words in text and started in text and started in said, f"too few points, {factor}: words")
         averages = [[row.coefficient for row in report.splitsections(x)["population-average"].fixed["final"].rows]
                     for x in (plain, text)]
@@ -347,8 +347,16 @@ def points():
               f"{asked} points: {document['converged']}, {phase['warnings']}")
         for words in phase["warnings"] or [f"{made} point" if made > 1 else "One point: the first-order Laplace"]:
             check(words in work.read("out.txt") and words in done.stdout, f"{asked} points: {words}")
+        check("population-average" in report.sections(str(work.folder / "out.txt")), f"{asked} points: population average")
         again = work.read("newcmd.kdr")
         check(f"agq:y,30,{asked}\n" in again, f"{asked} points: newcmd.kdr")
+    # A variance at its edge: no standard error, and a population average all the same.
+    study(lambda row, i: [row[1] + i % 7] + row[1:])
+    code, said, text = fit("POISSON", macroit="10,N", more="AGQ:Y,30,7\n")
+    made = report.splitsections(text)
+    check(code == 0 and list(made) == ["unit-specific", "quadrature", "population-average"], f"at the edge: code {code}, {list(made)}")
+    check("NC: at the edge, a variance of 0" in text, "at the edge: words")
+    study()
 
 
 failures()

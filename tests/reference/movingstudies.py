@@ -289,8 +289,9 @@ def one(program, seed, points):
     gamma = [row["estimate"] for row in p["fixed_effects"]]
     se = np.array([np.nan if x is None else x for x in lower(p["tau_pi"]["standard_error"]) + lower(p["tau_beta"]["standard_error"]) +
                    [row["model_based"]["standard_error"] if row["model_based"] else None for row in p["fixed_effects"]]], float)
-    # The order of the document: X1 stands behind the intercept's W.
-    oracle = Oracle(outcome, q, r, rows, *((31, 31) if q + r == 2 else (15, 13) if q + r == 3 else (9, 7)))
+    if q + r == 4:
+        return here + "no oracle for four effects", "not judged"
+    oracle = Oracle(outcome, q, r, rows, *((41, 61) if q + r == 2 else (15, 31) if q == 2 else (21, 21)))
     value, step, right, least = oracle.judge(np.array(p["tau_pi"]["estimate"]), np.array(p["tau_beta"]["estimate"]), np.array(gamma))
     gap = abs(value - p["marginal_log_likelihood"])
     far = np.nanmax(np.abs(step) / right)

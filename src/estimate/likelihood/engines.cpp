@@ -263,6 +263,9 @@ Failure movingnodes(Pass& pass, MacroState& state, const PassResults& before) {
   results.errors.edgepi = edges(fit.estimates.q, 0);
   results.errors.edgebeta = edges(fit.estimates.r, fit.estimates.ntaupi());
   takeestimates(pass, results);
+  // The population average inverts the taus.
+  pass.est.taupi = moving.lifted.taupi.copy();
+  pass.est.taubeta = moving.lifted.taubeta.copy();
   state.quadraturegamma = pass.est.gammahat.copy();
   tellobserver(observer.enginestands, EngineStage{Engine::quadrature, fit, results, false, true, {}});
   state.quadrature = std::move(results);

@@ -20,17 +20,19 @@ constexpr std::array<int, 7> ladder = {5, 7, 11, 15, 21, 31, 41};
 constexpr int mosteffectsofalevel = 10, mostpoints = 198;
 // Of the first standard deviation of an effect, in units of its error from one level-2 or level-3 unit.
 constexpr double leaststart = 0.1;
+// The same of those that must not be 0 for others.
+constexpr double leastlifted = 0.01;
 
 bool toomany(const MovingSettings& settings, int points, int q, int r) {
   return std::pow(points, q + r) > settings.mostnodes;
 }
 
 // Raises standard deviations that are too near 0 to start from.
-bool raisestart(const Frame& frame, const Array<double>& curvature, Array<double>& point) {
+bool raisestart(const Frame& frame, const Array<double>& curvature, double share, Array<double>& point) {
   bool raised = false;
   const auto level = [&](int n, std::size_t first, const double* information) {
     for (std::size_t a = 0, e = first; a < at(n); ++a, e += a + 1) {
-      const double least = leaststart / std::sqrt(std::max(information[a], 1.0e-200));
+      const double least = share / std::sqrt(std::max(information[a], 1.0e-200));
       if (std::fabs(point[e]) >= least) continue;
       point[e] = point[e] < 0.0 ? -least : least;
       raised = true;
@@ -260,6 +262,9 @@ void Search::fill(const Run& run, int points, MovingResult& result) const {
   }
   if (run.ascent.end == AscentEnd::unusable) return;
   result.parameters = parametersof(frame, run.ascent.point);
+  Array<double> lifted = run.ascent.point.copy();
+  raisestart(frame, likelihood.current.curvature, leastlifted, lifted);
+  result.lifted = parametersof(frame, lifted);
   result.loglikelihood = run.ascent.there.value;
   result.distance = std::sqrt(run.ascent.decrement);
   result.usable = run.errors.usable && result.end != MovingEnd::toofewpoints;
@@ -399,7 +404,7 @@ MovingResult movingquadrature(const MovingSettings& settings, int npi, int nbeta
     result.warnings.emplace_back("WARNING: the random effects have no finite modes at the estimates to begin with.");
     return result;
   }
-  raisestart(likelihood.frame, curvature, point);
+  raisestart(likelihood.frame, curvature, leaststart, point);
   if (settings.points == 0) {
     search.automatic(point, result);
   } else {

@@ -68,6 +68,8 @@ struct MovingResult {
   MovingEnd end = MovingEnd::nonumbers;
   bool usable = false;  // the estimates are; all that follows exists
   Parameters parameters;
+  Parameters
+      lifted;  // the same, but standard deviations of 0 are a hundredth of their error: for who must invert a tau
   double loglikelihood = 0.0;  // with all constants
   double combinations = 0.0;   // its share of the logarithms of binomial coefficients
   double records = 0.0;
