@@ -16,9 +16,9 @@
 #include "construct/template.h"
 #include "core/constants.h"
 #include "core/formatted.h"
-#include "driver/resultfile.h"
 #include "data/scratch.h"
 #include "driver/failures.h"
+#include "driver/resultfile.h"
 #include "driver/runrecord.h"
 
 namespace kdr {

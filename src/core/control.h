@@ -29,10 +29,10 @@ struct Control {
   int hetit = 0;         // HETIT:. Iterations of the stage with a taupi per level-3 unit
   bool laplace = false;  // LAPLACE:
   int laplaceit = 50;
-  int agqpoints = 0;      // AGQ:. Quadrature points; 0 is off
-  bool agqauto = false;   // AGQ:Y,n,AUTO. As many points as the data need; agqpoints is then not 0
-  bool agqfixed = false;  // AGQNODES:. Nodes stand still when the level-3 effects move, and steps have a ridge
-  int agqit = 0;          // 1 at least with AGQ:
+  int agqpoints = 0;             // AGQ:. Quadrature points; 0 is off
+  bool agqauto = false;          // AGQ:Y,n,AUTO. As many points as the data need; agqpoints is then not 0
+  bool agqfixed = false;         // AGQNODES:. Nodes stand still when the level-3 effects move, and steps have a ridge
+  int agqit = 0;                 // 1 at least with AGQ:
   int agqderivlevel = 2;         // AGQDERIVLEVEL:
   Taylor taylor = Taylor::none;  // TAYLOR:
   int popavit = 0;               // POPAVIT:

@@ -26,8 +26,10 @@ void countlevel3(Model& model) {
 
 void countextras(Model& model) {
   for (int e = 0; e < model.neqsets; ++e) {
-    for (int c = 0; c < model.nextra2.width; ++c) model.nextra2.row(e)[c] = filledslots(model.extra2.row(e, c), maxextra);
-    for (int b = 0; b < model.nextra3.width; ++b) model.nextra3.row(e)[b] = filledslots(model.extra3.row(e, b), maxextra);
+    for (int c = 0; c < model.nextra2.width; ++c)
+      model.nextra2.row(e)[c] = filledslots(model.extra2.row(e, c), maxextra);
+    for (int b = 0; b < model.nextra3.width; ++b)
+      model.nextra3.row(e)[b] = filledslots(model.extra3.row(e, b), maxextra);
   }
 
   const ModelRows rows = modelrows(model);

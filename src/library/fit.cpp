@@ -184,7 +184,8 @@ void listen(const kdr3_observer* observer, Observer& listener) {
   if (progress == nullptr) return;
   listener.iteration = [progress, state](const IterationEvent& event) {
     const std::string macro = event.macro > 0 ? formatted("macro iteration %d, ", event.macro) : "";
-    progress(state, formatted("%siteration %d, log-likelihood %.6f", macro.c_str(), event.iteration, event.loglik).c_str());
+    progress(state,
+             formatted("%siteration %d, log-likelihood %.6f", macro.c_str(), event.iteration, event.loglik).c_str());
   };
 }
 
@@ -298,9 +299,10 @@ kdr3_status kdr3_fit(const kdr3_model* model, const kdr3_observer* observer, kdr
     result->g = results.est.gammahat.size();
     result->names = namesof(*model, values.model);
     if (results.ending != Ending::converged)
-      result->warnings.insert(result->warnings.begin(), results.ending == Ending::keyboard
-                                                            ? "The iterations were stopped before they had converged."
-                                                            : "The iterations reached their limit before they had converged.");
+      result->warnings.insert(result->warnings.begin(),
+                              results.ending == Ending::keyboard
+                                  ? "The iterations were stopped before they had converged."
+                                  : "The iterations reached their limit before they had converged.");
     *made = result.release();
     return (*made)->warnings.empty() ? KDR3_OK : KDR3_WARNING;
   });

@@ -34,8 +34,8 @@ unsigned long long fingerprint(const Model& model, const ModelRows& rows, const 
   constexpr int kinds[] = {0, 1, 1, 2, 3, 3};  // by family
   for (const int value : {kinds[static_cast<int>(outcome.family)], outcome.linear() ? 1 : 0, outcome.ordinal() ? 1 : 0,
                           outcome.categories, model.nointercept1 ? 1 : 0, restrictions.diagtaupi ? 1 : 0,
-                          restrictions.diagtaubeta ? 1 : 0, control.laplace ? 1 : 0, control.agqpoints, control.agqauto ? 1 : 0,
-                          control.agqfixed ? 1 : 0})
+                          restrictions.diagtaubeta ? 1 : 0, control.laplace ? 1 : 0, control.agqpoints,
+                          control.agqauto ? 1 : 0, control.agqfixed ? 1 : 0})
     print.add(value);
   print.add(restrictions.fixsigma2.value_or(0.0));
   if (restrictions.haveesttau2) addarray(print, restrictions.esttau2);

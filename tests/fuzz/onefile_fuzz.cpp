@@ -1,7 +1,6 @@
-// One long file. The first byte of the input tells its type and whether there are codes of missing values and a variable
-// that stays at level 1; its ID columns are "area" and "school".
+// One long file. The first byte of the input tells its type and whether there are codes of missing values and a
+// variable that stays at level 1; its ID columns are "area" and "school".
 #include "construct/onefile.h"
-
 #include "rawfile.h"
 
 using namespace kdr;

@@ -13,8 +13,8 @@
 #include "construct/readers/textstream.h"
 #include "core/constants.h"
 #include "core/formatted.h"
-#include "driver/files.h"
 #include "driver/failures.h"
+#include "driver/files.h"
 #include "driver/runrecord.h"
 
 namespace kdr {

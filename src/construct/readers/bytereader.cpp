@@ -3,8 +3,8 @@
 #include <sys/stat.h>
 
 #include "construct/buildlog.h"
-#include "driver/files.h"
 #include "driver/failures.h"
+#include "driver/files.h"
 
 namespace kdr {
 

@@ -13,8 +13,8 @@
 #include "construct/buildlog.h"
 #include "construct/readers/bytereader.h"
 #include "core/constants.h"
-#include "driver/files.h"
 #include "driver/failures.h"
+#include "driver/files.h"
 #include "driver/questions.h"
 #include "driver/runrecord.h"
 

@@ -6,8 +6,8 @@
 #include <cstdio>
 #include <memory>
 
-#include "driver/files.h"
 #include "driver/failures.h"
+#include "driver/files.h"
 
 namespace kdr {
 

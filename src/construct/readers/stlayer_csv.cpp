@@ -18,8 +18,8 @@
 #include "construct/readers/plainnumber.h"
 #include "construct/readers/stlayer.h"
 #include "core/formatted.h"
-#include "driver/files.h"
 #include "driver/failures.h"
+#include "driver/files.h"
 #include "driver/textmark.h"
 
 namespace kdr {

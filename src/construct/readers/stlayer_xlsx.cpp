@@ -11,8 +11,8 @@
 #include "construct/readers/stlayer_sheet.h"
 #include "construct/readers/stlayer_zipxml.h"
 #include "core/formatted.h"
-#include "driver/files.h"
 #include "driver/failures.h"
+#include "driver/files.h"
 
 namespace kdr {
 

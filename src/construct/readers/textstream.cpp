@@ -4,8 +4,8 @@
 #include <cstring>
 #include <string_view>
 
-#include "driver/files.h"
 #include "driver/failures.h"
+#include "driver/files.h"
 #include "driver/textmark.h"
 
 namespace kdr {

@@ -9,8 +9,8 @@ void markdeletion(Model& model, const MdmData& mdm) {
   for (int v = 1; v <= mdm.nvar1; ++v) {
     Deletion& mark = model.delete1[static_cast<std::size_t>(v) - 1];
     if (mark == Deletion::named) continue;
-    bool used = v == model.wgtvar1 || v == model.autovknown ||
-                (model.outcome.counted && model.outcome.countvariable == v);
+    bool used =
+        v == model.wgtvar1 || v == model.autovknown || (model.outcome.counted && model.outcome.countvariable == v);
     for (int e = 0; e < model.neqsets; ++e) used = used || model.use1.row(e)[v] != Use::none;
     mark = used ? Deletion::ofmodel : Deletion::none;
   }
