@@ -2,6 +2,7 @@
 
     package_test.py <build folder> <cpack>
 """
+import os
 import re
 import shutil
 import subprocess
@@ -32,8 +33,18 @@ with tempfile.TemporaryDirectory() as place:
     for name in ["usr/bin/kdr3", "usr/bin/kdr3-plot", "usr/share/kdr3/results.schema.json", "usr/share/man/man1/kdr3.1", "usr/share/man/man1/kdr3-plot.1", DOC + "README.md", DOC + "CHANGELOG.md",
                  *(DOC + name for name in files)]:
         assert name in held, f"the package lacks {name}"
-    strange = {name for name in held if not name.startswith((DOC, "usr/bin/kdr3", "usr/share/kdr3/", "usr/share/man/man1/kdr3"))}
+    known = r"usr/(bin/kdr3|share/(kdr3/|man/man1/kdr3|doc/kdr3/)|include/kdr3/kdr3\.hp*$|lib/.*kdr3[^/]*$)"
+    strange = {name for name in held if not re.match(known, name)}
     assert not strange, f"the package holds {strange}"
+    # A client built against the package alone, from outside the tree.
+    shutil.copy(ROOT / "examples" / "library" / "growth.c", place)
+    libraries = [path.parent for path in root.rglob("libkdr3.so")][0]
+    output("cc", "-Wall", "-Werror", f"-I{root}/usr/include", "growth.c", f"-L{libraries}", "-lkdr3", "-o", "growth", cwd=place)
+    said = output("./growth", cwd=place, env=dict(os.environ, LD_LIBRARY_PATH=str(libraries)))
+    assert re.search(r"(?m)^\(intercept\) +\d+\.\d{4} ", said) and re.search(r"(?m)^year +\d\.\d{4} ", said), said
+    names = output("nm", "-D", "--defined-only", str(libraries / "libkdr3.so"))
+    foreign = [name for name in re.findall(r" [A-Z] (\S+)", names) if not name.startswith(("kdr3_", "KDR3_1"))]
+    assert not foreign, f"the library shows {foreign}"
     depends = output("dpkg-deb", "-f", str(package), "Depends")
     assert "libc6" in depends and "libstdc++6" in depends, depends
     assert "python3-matplotlib" in output("dpkg-deb", "-f", str(package), "Recommends")

@@ -6,7 +6,7 @@
  *   kdr3_model_make    the outcome; then kdr3_model_level1, _level2, _level3: the equations, term by term
  *   kdr3_model_set     what differs from the defaults, by the names of the guide's keywords
  *   kdr3_fit           the estimation; an observer sees it and may stop it
- *   kdr3_result_...    estimates, covariances, warnings as arrays and texts
+ *   kdr3_result_...    estimates, covariances, warnings as arrays and sentences
  *   kdr3_..._free      each handle, in any order
  *
  * Every function that can fail returns a status: KDR3_OK, KDR3_WARNING (there is a result, and kdr3_result_warning says
@@ -164,9 +164,6 @@ KDR3_PUBLIC kdr3_status kdr3_result_effects(const kdr3_result* result, double* l
 
 /* Warnings, from 0; null behind the last. Valid as long as the result. */
 KDR3_PUBLIC const char* kdr3_result_warning(const kdr3_result* result, size_t i);
-
-/* The results as the results document has them (docs/results.md), in JSON. Valid as long as the result. */
-KDR3_PUBLIC const char* kdr3_result_document(const kdr3_result* result);
 
 KDR3_PUBLIC void kdr3_result_free(kdr3_result* result);
 

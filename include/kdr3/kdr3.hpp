@@ -119,7 +119,6 @@ class Result : public detail::Handle<kdr3_result, kdr3_result_free> {
       list.emplace_back(text);
     return list;
   }
-  [[nodiscard]] std::string document() const { return *this ? kdr3_result_document(get()) : ""; }
 
  private:
   friend class Model;

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 
+#include "core/formatted.h"
 #include "driver/failures.h"
+#include "driver/oddities.h"
 #include "driver/runrecord.h"
 
 namespace kdr {
@@ -40,6 +42,8 @@ void makeconstraints() {
   const int groups = countgroups();
   for (int k = 1; k <= groups; ++k) {
     int* const first = std::find(model.constraints.begin(), model.constraints.end(), k);
+    if (std::count(model.constraints.begin(), model.constraints.end(), k) == 1)
+      oddcommand(formatted("CONSTRAIN: group %d has one member, and constrains nothing.\n", k));
     for (int* member = first + 1; member != model.constraints.end(); ++member) {
       if (*member != k) continue;
       const auto i = static_cast<std::size_t>(member - model.constraints.begin());

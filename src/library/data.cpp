@@ -7,10 +7,12 @@
 #include <cstring>
 #include <functional>
 #include <limits>
+#include <memory>
 #include <string_view>
 #include <unordered_map>
 
 #include "core/constants.h"
+#include "core/failure.h"
 #include "core/formatted.h"
 #include "data/mdm.h"
 #include "data/unitreader.h"
@@ -27,10 +29,13 @@ constexpr double absent = std::numeric_limits<double>::quiet_NaN();
 std::ptrdiff_t widthof(kdr3_type type) {
   switch (type) {
     case KDR3_DOUBLE:
-    case KDR3_INT64: return 8;
+    case KDR3_INT64:
+      return 8;
     case KDR3_FLOAT:
-    case KDR3_INT32: return 4;
-    default: return sizeof(const char*);
+    case KDR3_INT32:
+      return 4;
+    default:
+      return sizeof(const char*);
   }
 }
 
@@ -38,21 +43,29 @@ template <class T>
 T cell(const kdr3_column& column, std::size_t row) {
   const std::ptrdiff_t stride = column.stride != 0 ? column.stride : widthof(column.type);
   T value;
-  std::memcpy(&value, static_cast<const char*>(column.values) + static_cast<std::ptrdiff_t>(row) * stride, sizeof value);
+  std::memcpy(&value, static_cast<const char*>(column.values) + static_cast<std::ptrdiff_t>(row) * stride,
+              sizeof value);
   return value;
 }
 
-bool marked(const kdr3_column& column, std::size_t row) { return column.missing != nullptr && column.missing[row] != 0; }
+bool marked(const kdr3_column& column, std::size_t row) {
+  return column.missing != nullptr && column.missing[row] != 0;
+}
 
 // The value of a numeric column, NaN where it is missing.
 double valueof(const kdr3_column& column, std::size_t row) {
   if (marked(column, row)) return absent;
   switch (column.type) {
-    case KDR3_DOUBLE: return cell<double>(column, row);
-    case KDR3_FLOAT: return static_cast<double>(cell<float>(column, row));
-    case KDR3_INT32: return static_cast<double>(cell<std::int32_t>(column, row));
-    case KDR3_INT64: return static_cast<double>(cell<std::int64_t>(column, row));
-    default: return absent;
+    case KDR3_DOUBLE:
+      return cell<double>(column, row);
+    case KDR3_FLOAT:
+      return static_cast<double>(cell<float>(column, row));
+    case KDR3_INT32:
+      return static_cast<double>(cell<std::int32_t>(column, row));
+    case KDR3_INT64:
+      return static_cast<double>(cell<std::int64_t>(column, row));
+    default:
+      return absent;
   }
 }
 
@@ -97,19 +110,21 @@ std::string numberids(const kdr3_column& ids, std::size_t records, const std::ve
                       Numbering& numbering) {
   if (ids.values == nullptr && records > 0) return "An ID column has no values.";
   for (std::size_t i = 0; i < records; ++i) {
-    const bool missing =
-        marked(ids, i) || (ids.type == KDR3_TEXT ? cell<const char*>(ids, i) == nullptr
-                                                 : (ids.type == KDR3_DOUBLE || ids.type == KDR3_FLOAT) &&
-                                                       !std::isfinite(valueof(ids, i)));
+    const bool missing = marked(ids, i) ||
+                         (ids.type == KDR3_TEXT
+                              ? cell<const char*>(ids, i) == nullptr
+                              : (ids.type == KDR3_DOUBLE || ids.type == KDR3_FLOAT) && !std::isfinite(valueof(ids, i)));
     if (missing) return "The ID column " + std::string(ids.name) + " has no value in " + ordinal(i) + ".";
   }
   if (ids.type == KDR3_TEXT) {
     number<std::string_view>(
         records, owners, [&](std::size_t i) { return std::string_view(cell<const char*>(ids, i)); }, numbering);
   } else if (ids.type == KDR3_INT64) {
-    number<std::int64_t>(records, owners, [&](std::size_t i) { return cell<std::int64_t>(ids, i); }, numbering);
+    number<std::int64_t>(
+        records, owners, [&](std::size_t i) { return cell<std::int64_t>(ids, i); }, numbering);
   } else {
-    number<double>(records, owners, [&](std::size_t i) { return valueof(ids, i); }, numbering);
+    number<double>(
+        records, owners, [&](std::size_t i) { return valueof(ids, i); }, numbering);
   }
   return "";
 }
@@ -153,7 +168,8 @@ Order orderof(const Numbering& level3, const Numbering& level2) {
 using Columns = std::vector<const kdr3_column*>;
 
 // The value that column has in all rows from `first` to `last`, or words why it has none.
-std::string onevalue(const kdr3_column& column, const Order& order, std::size_t first, std::size_t last, double& value) {
+std::string onevalue(const kdr3_column& column, const Order& order, std::size_t first, std::size_t last,
+                     double& value) {
   const std::string name = column.name;
   const std::string level = std::to_string(column.level);
   value = valueof(column, order.rows[first]);
@@ -161,8 +177,8 @@ std::string onevalue(const kdr3_column& column, const Order& order, std::size_t 
     return "The level-" + level + " column " + name + " has no finite value in " + ordinal(order.rows[first]) + ".";
   for (std::size_t i = first + 1; i < last; ++i)
     if (valueof(column, order.rows[i]) != value)
-      return "The level-" + level + " column " + name + " has two values in one level-" + level + " unit: " +
-             ordinal(order.rows[first]) + " and " + ordinal(order.rows[i]) + ".";
+      return "The level-" + level + " column " + name + " has two values in one level-" + level +
+             " unit: " + ordinal(order.rows[first]) + " and " + ordinal(order.rows[i]) + ".";
   return "";
 }
 
@@ -321,7 +337,8 @@ kdr3_status kdr3_data_make(size_t records, size_t count, const kdr3_column* colu
       return error("A data set needs its columns, the IDs of levels 2 and 3, and a place for the handle.");
     *result = nullptr;
     if (records == 0) return error("The table has no rows.");
-    if (records > static_cast<std::size_t>(std::numeric_limits<int>::max())) return error("The table has too many rows.");
+    if (records > static_cast<std::size_t>(std::numeric_limits<int>::max()))
+      return error("The table has too many rows.");
     if (std::string words = checkcolumns(count, columns); !words.empty()) return error(words);
     Columns levels[3];
     for (std::size_t c = 0; c < count; ++c) levels[columns[c].level - 1].push_back(&columns[c]);
@@ -347,7 +364,8 @@ kdr3_status kdr3_data_make(size_t records, size_t count, const kdr3_column* colu
     if (mdm.stream == nullptr) return error("There is no place for a temporary file.");
     if (std::string words = writeblocks(*data, order, levels[0], levels[1]); !words.empty()) return error(words);
     if (std::string words = makelevel3(*data, order, levels[2]); !words.empty()) return error(words);
-    if (std::fflush(mdm.stream) != 0 || std::ferror(mdm.stream) != 0) return error("The data could not be kept: full disk?");
+    if (std::fflush(mdm.stream) != 0 || std::ferror(mdm.stream) != 0)
+      return error("The data could not be kept: full disk?");
     *result = data.release();
     return KDR3_OK;
   });
@@ -362,3 +380,23 @@ kdr3_status kdr3_data_sizes(const kdr3_data* data, size_t sizes[3]) {
 }
 
 void kdr3_data_free(kdr3_data* data) { delete data; }
+
+kdr3_status kdr3_data_open(const char* path, kdr3_data** result) {
+  return guarded([&]() -> kdr3_status {
+    if (path == nullptr || result == nullptr) return error("A data set needs its path and a place for the handle.");
+    *result = nullptr;
+    auto data = std::make_unique<kdr3_data>();
+    MdmData& mdm = data->mdm;
+    mdm.path = path;
+    mdm.stream = std::fopen(path, "rb");
+    if (mdm.stream == nullptr) return error("Unable to open " + mdm.path + ".");
+    if (const Failure failure = readmdm(mdm)) return error(sentenceof(failure));
+    const Array<Name>* names[] = {&mdm.names1, &mdm.names2, &mdm.names3};
+    for (std::size_t level = 0; level < 3; ++level) {
+      for (const Name& name : *names[level]) data->names[level].push_back(leftname(name));
+      data->names[level][0] = "(intercept)";
+    }
+    *result = data.release();
+    return KDR3_OK;
+  });
+}

@@ -76,7 +76,8 @@ std::vector<Case> cases() {
       {"AGQ:Y,abc,5\n", 100,
        "AGQ: wants Y, a number of iterations and a number of points (or AUTO) with commas between them, not Y,abc,5\n"},
       {"AGQ:Y,10,5.9\n", 100,
-       "AGQ: wants Y, a number of iterations and a number of points (or AUTO) with commas between them, not Y,10,5.9\n"},
+       "AGQ: wants Y, a number of iterations and a number of points (or AUTO) with commas between them, not "
+       "Y,10,5.9\n"},
       {"PRINTVARIANCE-COVARIANCE:Q\n", 100, "PRINTVARIANCE-COVARIANCE: wants Y, A or N, not Q\n"},
       {"POPAVIT:many\n", 100, "POPAVIT: wants Y, N or a whole number of 0 or more, not many\n"},
       {"RESFIL1:Q\n", 100, "RESFIL1: wants N, or Y and behind it up to 3 lists with a / before each, not Q\n"},
@@ -224,7 +225,8 @@ std::vector<Case> cases() {
       {bernoulli + "AGQ:Y,20,2\n", 100, agqpoints},
       {bernoulli + "AGQ:Y,20,199\n", 100, agqpoints},
       {bernoulli + "AGQ:Y,20,many\n", 100,
-       "AGQ: wants Y, a number of iterations and a number of points (or AUTO) with commas between them, not Y,20,many\n"},
+       "AGQ: wants Y, a number of iterations and a number of points (or AUTO) with commas between them, not "
+       "Y,20,many\n"},
       {bernoulli + "AGQ:Y,20,1\nAGQNODES:FIXED\n", 100,
        "With AGQNODES:FIXED the number of quadrature points must be 3 to 198!\n"},
       {bernoulli + "AGQNODES:Y\n", 100, "AGQNODES: wants FIXED or MOVING, not Y\n"},
