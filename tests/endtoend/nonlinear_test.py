@@ -138,7 +138,7 @@ def deleted(program, holder):
 
 
 def fewpoints(program, holder):
-    """Too few points leave a standard error of the constant that is too small (docs/engines.md): said three times; with
+    """Too few points that stand still leave a standard error of the constant that is too small: said three times; with
     points enough nothing is said."""
     def go(c):
         for points, times in ((11, 1), (31, 0)):
