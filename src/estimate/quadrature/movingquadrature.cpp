@@ -129,9 +129,9 @@ struct Search {
   int iterations = 0, evaluations = 0;
 
   Run run(int points, const Array<double>& start, Approach approach, int limit, bool last);
-  AscentProblem watched(Run& run, AscentProblem problem);
+  AscentProblem watched(Run& made, AscentProblem problem);
   Run runlaplace(const Array<double>& start);
-  void fill(const Run& run, int points, MovingResult& result) const;
+  void fill(const Run& made, int points, MovingResult& result) const;
   PointsCheck compare(const Run& before, const Run& after, int next) const;
   void check(const Run& before, int points, MovingResult& result);
   void given(const Array<double>& start, MovingResult& result);
@@ -139,23 +139,23 @@ struct Search {
 };
 
 // The problem with progress lines, and with an end where a variance grows for ever.
-AscentProblem Search::watched(Run& run, AscentProblem problem) {
-  problem.iterated = [this, &run, before = static_cast<double>(-INFINITY), earlier = iterations](int iteration,
-                                                                                                 double value) mutable {
+AscentProblem Search::watched(Run& made, AscentProblem problem) {
+  problem.iterated = [this, &made, before = static_cast<double>(-INFINITY), earlier = iterations](
+                         int iteration, double value) mutable {
     iterations = earlier + iteration;
     if (observer.iteration) observer.iteration(iterations, value);
-    run.nomaximum = std::fabs(value - before) < settings.nogain &&
-                    largestdeviation(likelihood.frame, likelihood.current.point) > settings.nomaximum;
+    made.nomaximum = std::fabs(value - before) < settings.nogain &&
+                     largestdeviation(likelihood.frame, likelihood.current.point) > settings.nomaximum;
     before = value;
-    return run.nomaximum || (observer.stop && observer.stop());
+    return made.nomaximum || (observer.stop && observer.stop());
   };
   return problem;
 }
 
 Run Search::run(int points, const Array<double>& start, Approach approach, int limit, bool last) {
-  Run run;
+  Run made;
   const Frame& frame = likelihood.frame;
-  if (!makegrids(likelihood.grids, points, frame.q, frame.r)) return run;
+  if (!makegrids(likelihood.grids, points, frame.q, frame.r)) return made;
   AscentSettings ascent = settings.ascent;
   ascent.iterations = std::max(std::min(settings.iterations, limit), 1);
   if (!last) {
@@ -163,55 +163,55 @@ Run Search::run(int points, const Array<double>& start, Approach approach, int l
     ascent.decrement = settings.checkdecrement;
     ascent.settled = settings.valueagrees;
   }
-  AscentProblem problem = watched(run, ascentof(likelihood));
+  AscentProblem problem = watched(made, ascentof(likelihood));
   if (!last) {
     if (observer.checks) observer.checks(points);
     problem.iterated = [this](int, double) { return observer.stop && observer.stop(); };
   }
-  run.ascent = climb(problem, ascent, start, approach);
-  evaluations += run.ascent.evaluations;
-  run.converged = run.ascent.end == AscentEnd::converged;
-  if (run.ascent.end != AscentEnd::unusable)
-    run.errors = errorsof(frame, run.ascent.point,
-                          settings.outerproducts ? likelihood.current.outer : run.ascent.there.information);
-  return run;
+  made.ascent = climb(problem, ascent, start, approach);
+  evaluations += made.ascent.evaluations;
+  made.converged = made.ascent.end == AscentEnd::converged;
+  if (made.ascent.end != AscentEnd::unusable)
+    made.errors = errorsof(frame, made.ascent.point,
+                           settings.outerproducts ? likelihood.current.outer : made.ascent.there.information);
+  return made;
 }
 
 Run Search::runlaplace(const Array<double>& start) {
   constexpr int steppoints = 5, steppointsmanyeffects = 3;  // of the information that steps take
-  Run run;
+  Run made;
   const Frame& frame = likelihood.frame;
   if (!makegrids(likelihood.grids, frame.q + frame.r > 2 ? steppointsmanyeffects : steppoints, frame.q, frame.r))
-    return run;
+    return made;
   AscentSettings ascent = settings.ascent;
   ascent.iterations = std::max(settings.iterations, 1);
   ascent.fall = settings.laplacefall;
-  const AscentProblem problem = watched(run, laplaceascentof(likelihood));
-  run.ascent = climb(problem, ascent, start, Approach::modes);
-  evaluations += run.ascent.evaluations;
-  if (run.ascent.end == AscentEnd::unusable) return run;
-  std::vector<bool> used = heldelements(frame), edge = edgeelements(frame, run.ascent.point);
+  const AscentProblem problem = watched(made, laplaceascentof(likelihood));
+  made.ascent = climb(problem, ascent, start, Approach::modes);
+  evaluations += made.ascent.evaluations;
+  if (made.ascent.end == AscentEnd::unusable) return made;
+  std::vector<bool> used = heldelements(frame), edge = edgeelements(frame, made.ascent.point);
   for (std::size_t i = 0; i < used.size(); ++i) used[i] = !used[i] && !edge[i];
-  Array<double> information = laplaceinformation(likelihood, used, run.ascent.there.scale, evaluations);
+  Array<double> information = laplaceinformation(likelihood, used, made.ascent.there.scale, evaluations);
   if (!information.empty()) {
     // The step that is left, by these second derivatives.
     Evaluation there;
     AscentProblem free;
     free.count = problem.count;
     for (const bool u : used) free.held.push_back(!u);
-    there.score = run.ascent.there.score.copy();
+    there.score = made.ascent.there.score.copy();
     there.information = information.copy();
-    there.scale = run.ascent.there.scale.copy();
-    there.reach = run.ascent.there.reach.copy();
-    there.turn = run.ascent.there.turn.copy();
+    there.scale = made.ascent.there.scale.copy();
+    there.reach = made.ascent.there.reach.copy();
+    there.turn = made.ascent.there.turn.copy();
     const NewtonStep left = newtonstep(free, ascent, there);
-    run.ascent.decrement = left.decrement;
-    if (run.ascent.end == AscentEnd::converged && !(left.least > ascent.definite))
-      run.ascent.end = AscentEnd::notdefinite;
-    run.errors = errorsof(frame, run.ascent.point, settings.outerproducts ? likelihood.current.outer : information);
+    made.ascent.decrement = left.decrement;
+    if (made.ascent.end == AscentEnd::converged && !(left.least > ascent.definite))
+      made.ascent.end = AscentEnd::notdefinite;
+    made.errors = errorsof(frame, made.ascent.point, settings.outerproducts ? likelihood.current.outer : information);
   }
-  run.converged = run.ascent.end == AscentEnd::converged;
-  return run;
+  made.converged = made.ascent.end == AscentEnd::converged;
+  return made;
 }
 
 PointsCheck Search::compare(const Run& before, const Run& after, int next) const {
@@ -234,7 +234,7 @@ PointsCheck Search::compare(const Run& before, const Run& after, int next) const
   return check;
 }
 
-void Search::fill(const Run& run, int points, MovingResult& result) const {
+void Search::fill(const Run& made, int points, MovingResult& result) const {
   const Frame& frame = likelihood.frame;
   result.usable = false;
   result.points = points;
@@ -242,7 +242,7 @@ void Search::fill(const Run& run, int points, MovingResult& result) const {
   result.evaluations = evaluations;
   result.combinations = frame.combinations;
   result.records = frame.records;
-  switch (run.ascent.end) {
+  switch (made.ascent.end) {
     case AscentEnd::converged:
       result.end = MovingEnd::converged;
       break;
@@ -250,7 +250,7 @@ void Search::fill(const Run& run, int points, MovingResult& result) const {
       result.end = MovingEnd::limit;
       break;
     case AscentEnd::stopped:
-      result.end = run.nomaximum ? MovingEnd::nomaximum : MovingEnd::stopped;
+      result.end = made.nomaximum ? MovingEnd::nomaximum : MovingEnd::stopped;
       break;
     case AscentEnd::nostep:
     case AscentEnd::notdefinite:
@@ -260,21 +260,21 @@ void Search::fill(const Run& run, int points, MovingResult& result) const {
       result.end = MovingEnd::nonumbers;
       break;
   }
-  if (run.ascent.end == AscentEnd::unusable) return;
-  result.parameters = parametersof(frame, run.ascent.point);
-  Array<double> lifted = run.ascent.point.copy();
+  if (made.ascent.end == AscentEnd::unusable) return;
+  result.parameters = parametersof(frame, made.ascent.point);
+  Array<double> lifted = made.ascent.point.copy();
   raisestart(frame, likelihood.current.curvature, leastlifted, lifted);
   result.lifted = parametersof(frame, lifted);
-  result.loglikelihood = run.ascent.there.value;
-  result.distance = std::sqrt(run.ascent.decrement);
-  result.usable = run.errors.usable && result.end != MovingEnd::toofewpoints;
+  result.loglikelihood = made.ascent.there.value;
+  result.distance = std::sqrt(made.ascent.decrement);
+  result.usable = made.errors.usable && result.end != MovingEnd::toofewpoints;
   if (!result.usable) {
-    if (!run.nomaximum) result.end = MovingEnd::toofewpoints;
+    if (!made.nomaximum) result.end = MovingEnd::toofewpoints;
     return;
   }
-  result.covariance = run.errors.covariance.copy();
-  result.edge = run.errors.edge;
-  const std::vector<bool> zero = edgeelements(frame, run.ascent.point);
+  result.covariance = made.errors.covariance.copy();
+  result.edge = made.errors.edge;
+  const std::vector<bool> zero = edgeelements(frame, made.ascent.point);
   const std::size_t P2 = packedsize(frame.q), P3 = packedsize(frame.r);
   result.singularpi = std::find(zero.begin(), zero.begin() + static_cast<std::ptrdiff_t>(P2), true) !=
                       zero.begin() + static_cast<std::ptrdiff_t>(P2);
