@@ -230,7 +230,9 @@ Failure finishworking(WorkingFile made, WorkingFile& current) {
 
 void writeunit(std::FILE* stream, const UnitBlock& block, int nvar1, int nvar2, bool withmeans, bool numericids) {
   const std::size_t row = static_cast<std::size_t>(nvar1) * sizeof(double);
-  const auto write = [&](const void* bytes, std::size_t count) { std::fwrite(bytes, 1, count, stream); };
+  const auto write = [&](const void* bytes, std::size_t count) {
+    if (count != 0) std::fwrite(bytes, 1, count, stream);
+  };
   write(&block.nj, sizeof block.nj);
   if (withmeans) write(block.means.data(), row);
   write(block.records.data(), static_cast<std::size_t>(block.nj) * row);

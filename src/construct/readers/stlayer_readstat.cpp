@@ -189,7 +189,7 @@ int takelabel(const char* list, readstat_value_t value, const char* label, void*
 void spoolrow(ReadstatState& state) {
   if (state.observation < 0 || state.filled < state.wanted) return;
   if (state.rows % 1024 == 0) checksignals();
-  if (std::fwrite(state.row.data(), 1, state.row.size(), state.scratch.get()) != state.row.size())
+  if (!state.row.empty() && std::fwrite(state.row.data(), 1, state.row.size(), state.scratch.get()) != state.row.size())
     state.writefailed = true;
   ++state.rows;
   state.filled = 0;

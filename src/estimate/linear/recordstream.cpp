@@ -43,7 +43,8 @@ void RecordStream::seek(std::size_t record) {
 }
 
 void RecordStream::flush() {
-  if (!problem && std::fwrite(buffer.data(), width * sizeof(double), held, file.get()) != held) fail(failed(fulldisk));
+  if (!problem && held != 0 && std::fwrite(buffer.data(), width * sizeof(double), held, file.get()) != held)
+    fail(failed(fulldisk));
   first += held;
   held = 0;
 }
@@ -87,7 +88,8 @@ double* RecordStream::load(std::size_t from, std::size_t count) {
 void RecordStream::save() {
   if (settings.inmemory) return;
   seek(first);
-  if (!problem && std::fwrite(buffer.data(), width * sizeof(double), held, file.get()) != held) fail(failed(fulldisk));
+  if (!problem && held != 0 && std::fwrite(buffer.data(), width * sizeof(double), held, file.get()) != held)
+    fail(failed(fulldisk));
 }
 
 }  // namespace kdr
