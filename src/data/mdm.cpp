@@ -137,7 +137,9 @@ void readnames(Reading& reading, Array<Name>& names, int nvar, const char* inter
   names[0] = paddedname(intercept);
   reading.take(names.data(), slots * sizeof(Name));
   for (Name& name : names) {
-    if (name.text[sizeof name.text - 1] != '\0') reading.damaged("a variable name has no end");
+    char& end = name.text[sizeof name.text - 1];
+    if (end != '\0') reading.damaged("a variable name has no end");
+    end = '\0';
     printable(name.text).copy(name.text, sizeof name.text - 1);
   }
 }
