@@ -66,7 +66,7 @@ TEST_F(One, LongIdsAndOddNames) {
   makefile("made.ids.csv", "level,notes\n");
   EXPECT_EQ(made().code, 100);
   EXPECT_EQ(contents("made.ids.csv"), "level,notes\n");
-  makefile("pupils.csv", std::string("School,area,x\n1,a\0a,1\n1,a\0b,2\n", 32));
+  makefile("pupils.csv", std::string("School,area,x\n1,a\0a,1\n1,a\0b,2\n", 30));
   EXPECT_EQ(take().words, "An ID has a zero byte in it.\nIt stands in record 1 of the level-1 file pupils.csv.\n");
 }
 
