@@ -98,15 +98,13 @@ inline std::string mdmshown() {
   for (const Array<Name>* names : {&mdm.names1, &mdm.names2, &mdm.names3})
     for (const Name& name : *names) text += leftname(name) + "\n";
   for (int k = 0; k < mdm.nunits3; ++k)
-    text +=
-        idshown(level3id(run.mdm, k)) + valuesshown(&mdm.level3[static_cast<std::size_t>(k * mdm.nvar3)], mdm.nvar3);
+    text += idshown(level3id(run.mdm, k)) + valuesshown(mdm.level3.data() + k * mdm.nvar3, mdm.nvar3);
   UnitReader reader;
   UnitBlock block;
   startunits(reader, mdm, mdm.stream, mdm.firstblock, mdm.nvar1, mdm.nvar2, true);
   while (readunit(reader, block)) {
     text += idshown(block.id3) + " " + idshown(block.id2) + valuesshown(block.level2.data(), mdm.nvar2);
-    for (int i = 0; i < block.nj; ++i)
-      text += valuesshown(&block.records[static_cast<std::size_t>(i * mdm.nvar1)], mdm.nvar1);
+    for (int i = 0; i < block.nj; ++i) text += valuesshown(block.records.data() + i * mdm.nvar1, mdm.nvar1);
   }
   return text;
 }
