@@ -15,13 +15,11 @@
 #include "estimate/linear/centering.h"
 #include "estimate/linear/deletion.h"
 #include "estimate/linear/linearrun.h"
-#include "estimate/linear/posterior.h"
-#include "estimate/linear/unitsums.h"
+#include "estimate/linear/unitresults.h"
 #include "estimate/linear/weights.h"
 #include "estimate/quasi/categories.h"
 #include "estimate/quasi/categoryloop.h"
 #include "estimate/quasi/macroloop.h"
-#include "kernel/matrix.h"
 #include "kernel/sizes.h"
 #include "library/handles.h"
 
@@ -191,14 +189,8 @@ void listen(const kdr3_observer* observer, Observer& listener) {
 
 // The posterior means of a finished pass.
 void takeeffects(Pass& pass, kdr3_result& result) {
-  result.level2.reserve(at(pass.mdm().nunits2) * at(pass.p));
-  sweepunits(
-      pass.n2of, [](int) {},
-      [&](int, std::size_t, const double* hot) {
-        const double* u = hot + pass.store.atustar;
-        result.level2.insert(result.level2.end(), u, u + pass.p);
-      },
-      [](int) {}, reading(pass.store.hot));
+  const Array<double> means = posteriormeans2(pass);
+  result.level2.assign(means.begin(), means.end());
   result.level3.assign(pass.vstar.cells.begin(), pass.vstar.cells.end());
 }
 

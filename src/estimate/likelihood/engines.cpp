@@ -9,6 +9,7 @@
 #include "estimate/likelihood/recordbatches.h"
 #include "estimate/likelihood/unconditional.h"
 #include "estimate/linear/iteration.h"
+#include "estimate/linear/unitresults.h"
 #include "estimate/quadrature/movingquadrature.h"
 #include "estimate/quadrature/quadrature.h"
 #include "kernel/matrix.h"
@@ -75,17 +76,6 @@ void takeestimates(Pass& pass, const PassResults& results) {
   if (results.covariance.empty()) return;
   pass.est.vgamma = results.covariance.copy();
   for (double& v : pass.est.vgamma) v /= pass.est.sigma2;
-}
-
-Array<double> posteriormeans2(Pass& pass) {
-  Array<double> u(at(pass.mdm().nunits2) * at(pass.p));
-  sweepunits(
-      pass.n2of, [](int) {},
-      [&](int, std::size_t j, const double* hot) {
-        std::copy_n(hot + pass.store.atustar, pass.p, u.data() + j * at(pass.p));
-      },
-      [](int) {}, reading(pass.store.hot));
-  return u;
 }
 
 // The modes and the curvature of the last walk are what quadrature starts from.

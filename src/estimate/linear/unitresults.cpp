@@ -88,4 +88,15 @@ void level2residuals(const Pass& pass, int k, const double* hot, const double* c
   packscaled(p, results.C.data(), pass.est.sigma2, out.PV);
 }
 
+Array<double> posteriormeans2(Pass& pass) {
+  Array<double> u(at(pass.mdm().nunits2) * at(pass.p));
+  sweepunits(
+      pass.n2of, [](int) {},
+      [&](int, std::size_t j, const double* hot) {
+        std::copy_n(hot + pass.store.atustar, pass.p, u.data() + j * at(pass.p));
+      },
+      [](int) {}, reading(pass.store.hot));
+  return u;
+}
+
 }  // namespace kdr

@@ -44,4 +44,7 @@ void level2coefficients(const Pass& pass, std::size_t unit, const double* hot, c
 void level2residuals(const Pass& pass, int k, const double* hot, const double* cold, double missing,
                      UnitResults& results);
 
+// The posterior means of level 2 of a finished pass, p for each unit in the order of the store.
+[[nodiscard]] Array<double> posteriormeans2(Pass& pass);
+
 }  // namespace kdr
