@@ -133,7 +133,6 @@ void telllaplace(const EngineStage& stage) {
   const bool estimated = stage.fit.end == EngineEnd::estimated;
   tellunconverged("Laplace-6", stage);
   if (estimated) {
-    documentpass(results);
     laplacetables(results, !stage.finalcall);
   } else {
     reportline("Laplace-6 has made no iteration: the likelihood is that of quasi-likelihood.");
@@ -154,7 +153,6 @@ void tellquadrature(const EngineStage& stage) {
   }
   tellunconverged("quadrature", stage);
   if (estimated) {
-    documentpass(results);
     quadraturetables(results);
   } else {
     if (stage.fit.failure == EngineFailure::nodes) reportbreak();
@@ -171,16 +169,12 @@ void tellquadrature(const EngineStage& stage) {
   }
   if (!stage.takenover) {
     notconverged("");
-    if (estimated) documentending(false);
     tellboth("The run goes on with the estimates that quadrature started from.");
     markreport();
     return;
   }
   // Points that fail their check are no end that was asked for.
-  if (moving && results.ending == Ending::converged && !results.warnings.empty()) {
-    notconverged("");
-    documentending(false);
-  }
+  if (moving && results.ending == Ending::converged && !results.warnings.empty()) notconverged("");
   if (estimated) {
     modelstatistics(results);
   } else {
@@ -193,6 +187,7 @@ void tellquadrature(const EngineStage& stage) {
 }  // namespace
 
 void tellenginestage(const EngineStage& stage) {
+  documentengine(stage);
   stage.engine == Engine::laplace6 ? telllaplace(stage) : tellquadrature(stage);
 }
 

@@ -107,7 +107,7 @@ void tellpass(const ChainPass& pass) {
 
 void tellmacroend(const MacroEvent& event) {
   const PassResults& results = event.results;
-  if (results.kind != PassKind::identity) documentending(event.end == MacroEnd::converged);
+  documentmacroend(event);
   switch (event.end) {
     case MacroEnd::goeson:
       if (results.kind == PassKind::identity) markreport();
