@@ -7,6 +7,7 @@
 #include "document/effects.h"
 #include "document/resultstable.h"
 #include "document/variances.h"
+#include "estimate/inference/settled.h"
 
 namespace kdr {
 
@@ -163,6 +164,13 @@ Json averagedphase(const Subject& subject, const char* name, const PooledEffects
   return phase;
 }
 
+void unsettled(ResultsDocument& document, const PassResults& results) {
+  const std::string words = unsettledwords(results);
+  if (words.empty()) return;
+  document.converged = false;
+  document.warnings.push_back(words);
+}
+
 // What is known of the phase that was added last, where its pass alone does not tell.
 void settle(ResultsDocument& document, bool converged) {
   if (document.phases.empty()) return;
@@ -190,6 +198,11 @@ Json allwarnings(const ResultsDocument& document, const Model& model, const Json
 
 void addphase(ResultsDocument& document, const Subject& subject, const PassResults& results) {
   place(document, phaseof(subject, results));
+  // The population average needs no iteration of its own while sigma^2 is held.
+  const bool linear = results.kind == PassKind::linear && results.loglik != missingcode;
+  const bool average = results.tausstand() && (results.ending == Ending::keyboard || results.fixsigma2 == 0.0);
+  if ((linear || average) && results.ending != Ending::converged) document.converged = false;
+  if (linear && !results.heterogeneous && results.ending == Ending::converged) unsettled(document, results);
 }
 
 void addphase(ResultsDocument& document, const Subject& subject, const PassResults& results, const Array<double>& mean,
@@ -236,17 +249,32 @@ void addphases(ResultsDocument& document, const Subject& subject, const Pooled& 
 }
 
 void addengine(ResultsDocument& document, const Subject& subject, const EngineStage& stage, bool fixednodes) {
-  const bool laplace = stage.engine == Engine::laplace6;
-  if (stage.fit.end != EngineEnd::estimated || (laplace && !stage.takenover)) return;
-  addphase(document, subject, stage.results);
-  if (laplace) return;
+  const bool laplace = stage.engine == Engine::laplace6, estimated = stage.fit.end == EngineEnd::estimated;
+  if (!stage.takenover || stage.results.ending != Ending::converged) document.converged = false;
+  if (estimated && (!laplace || stage.takenover)) addphase(document, subject, stage.results);
+  if (laplace) {
+    if (!stage.takenover)
+      document.warnings.emplace_back(
+          "Fisher scoring is unable to compute a Laplace-6 estimate within the parameter space.");
+    return;
+  }
+  if (!estimated) {
+    if (stage.fit.failure != EngineFailure::none)
+      document.warnings.push_back(problemwords(stage.engine, stage.fit.failure));
+    document.warnings.insert(document.warnings.end(), stage.fit.warnings.begin(), stage.fit.warnings.end());
+  }
+  document.warnings.insert(document.warnings.end(), stage.behind.begin(), stage.behind.end());
   // Points that fail their check are no end that was asked for.
   const bool failedcheck = !fixednodes && stage.results.ending == Ending::converged && !stage.results.warnings.empty();
-  if (!stage.takenover || failedcheck) settle(document, false);
+  if (failedcheck) document.converged = false;
+  if (estimated && (!stage.takenover || failedcheck)) settle(document, false);
 }
 
 void addmacroend(ResultsDocument& document, const MacroEvent& event) {
   if (event.results.kind != PassKind::identity) settle(document, event.end == MacroEnd::converged);
+  if (event.end == MacroEnd::goeson) return;
+  if (event.end != MacroEnd::converged) document.converged = false;
+  unsettled(document, event.results);
 }
 
 Json wholedocument(const ResultsDocument& document, const Subject& subject, const DocumentFrame& frame) {

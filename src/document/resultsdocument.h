@@ -18,9 +18,10 @@ namespace kdr {
 struct ResultsDocument {
   std::vector<Json> phases;
   std::vector<std::string> warnings;  // sentences about the whole
+  bool converged = true;              // nothing was stopped, limited or given up so far
 };
 
-// The phase of a pass, of an engine, of ordinary least squares.
+// The phase of a pass, of ordinary least squares.
 void addphase(ResultsDocument& document, const Subject& subject, const PassResults& results);
 void addphase(ResultsDocument& document, const Subject& subject, const LeastSquaresResults& results);
 // Of a tau(pi) for each level-3 unit; `mean` and `weighted` are the averages of taupi over these.
@@ -30,7 +31,7 @@ void addphase(ResultsDocument& document, const Subject& subject, const PassResul
 void addphases(ResultsDocument& document, const Subject& subject, const Pooled& pooled);
 // The phase of an engine that has ended, if there are results, and what has come of them.
 void addengine(ResultsDocument& document, const Subject& subject, const EngineStage& stage, bool fixednodes);
-// Whether the macro iterations have converged, which their last pass alone does not tell.
+// How the macro iterations ended, which their last pass alone does not tell.
 void addmacroend(ResultsDocument& document, const MacroEvent& event);
 
 // What stands around the phases.

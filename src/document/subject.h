@@ -13,9 +13,9 @@ namespace kdr {
 
 struct Subject {
   const Model& model;
-  std::string outcome;                     // its name
-  std::vector<std::string> names[3] = {};  // of the variables of levels 1 to 3, [0] that of the intercept
-  std::vector<std::string> categories;     // their labels, as far as they are known
+  std::string outcome;                       // its name
+  std::vector<std::string> names[3] = {};    // of the variables of levels 1 to 3, [0] that of the intercept
+  std::vector<std::string> categories = {};  // their labels, as far as they are known
   int records = 0, units2 = 0, units3 = 0;
   std::optional<Alternative> alternative = std::nullopt;  // what the deviance is compared with
 
