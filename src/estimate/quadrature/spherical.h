@@ -21,6 +21,7 @@ struct SphericalLikelihood {
   SphericalGrids grids;
   RecordSource* source = nullptr;
   int threads = 1;
+  bool sixth = false;  // the Laplace approximation takes its terms of the sixth order (onepoint.h)
   SphericalState current, trial;
   std::vector<SphericalWork> work;  // of each thread
   std::vector<ModeWork> modework;
