@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include "core/formatted.h"
 #include "driver/failures.h"
@@ -110,6 +111,10 @@ void tellwarning(const std::string& words) {
   documentwarning(words);
 }
 
+void tellwarnings(const std::vector<std::string>& warnings) {
+  for (const std::string& warning : warnings) std::printf("%s\n", warning.c_str());
+}
+
 void tellboth(const std::string& words) {
   reportline("%s", words.c_str());
   std::printf("%s\n", words.c_str());
@@ -123,9 +128,15 @@ void variancefiles(const char* taus, const char* gammas, const PassResults& resu
 
 void telllaplace(const EngineStage& stage) {
   const PassResults& results = stage.results;
+  const bool moving = !run.control.agqfixed;
+  if (moving) tellwarnings(stage.fit.warnings);
   if (!stage.takenover) {
-    laplacefailed();
-    documentwarning("Fisher scoring is unable to compute a Laplace-6 estimate within the parameter space.");
+    laplacefailed(moving);
+    if (moving) {
+      for (const std::string& warning : stage.fit.warnings) tellwarning(warning);
+    } else {
+      documentwarning("Fisher scoring is unable to compute a Laplace-6 estimate within the parameter space.");
+    }
     notconverged("Unable to produce Laplace results.\n");
     markreport();
     return;
@@ -148,7 +159,7 @@ void tellquadrature(const EngineStage& stage) {
   const PassResults& results = stage.results;
   const bool estimated = stage.fit.end == EngineEnd::estimated, moving = !run.control.agqfixed;
   if (moving) {
-    for (const std::string& warning : stage.fit.warnings) std::printf("%s\n", warning.c_str());
+    tellwarnings(stage.fit.warnings);
     if (estimated)
       std::printf("%s\nThe marginal log-likelihood = %E\n", pointsline(results.quadrature).c_str(), results.marginal);
   }

@@ -62,8 +62,12 @@ void laplacetables(const PassResults& results, bool withlikelihood) {
   if (withlikelihood) reportline("The likelihood at Laplace iteration %d is %E", results.iteration + 1, results.loglik);
 }
 
-void laplacefailed() {
+void laplacefailed(bool moving) {
   rewindreport();
+  if (moving) {
+    reportline("Laplace-6 has no results.");
+    return;
+  }
   reportline("Fisher scoring is unable to compute a maximum likehihood estimate within");
   reportline("the parameter space.  Unable to produce Laplace results.");
   reportbreak();

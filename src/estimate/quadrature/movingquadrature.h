@@ -1,5 +1,5 @@
-// Maximum likelihood for Bernoulli, binomial and Poisson outcomes: by quadrature whose nodes go with the data, or with
-// one point by the first-order Laplace approximation. Values in, values out: nothing is printed, and no run is known
+// Maximum likelihood for Bernoulli, binomial and Poisson outcomes: by quadrature whose nodes go with the data, with one
+// point by the first-order Laplace approximation, or, for Bernoulli outcomes, by that of sixth order. Values in, values out: nothing is printed, and no run is known
 // here.
 #pragma once
 
@@ -13,6 +13,7 @@
 #include "estimate/likelihood/unitrecords.h"
 #include "estimate/linear/pass.h"
 #include "estimate/quadrature/quadratureloops.h"
+#include "estimate/quadrature/sixthorder.h"
 #include "kernel/array.h"
 
 namespace kdr {
@@ -27,6 +28,7 @@ struct QuadratureObserver {
 struct MovingSettings {
   Family outcome = Family::bernoulli;
   int points = 0;              // nodes per dimension: 1 (Laplace), 3 to 198, or 0: as many as the data need
+  bool sixth = false;          // Laplace-6: `points` is 1 then
   int iterations = 100;        // upper bound of those of one number of points
   bool outerproducts = false;  // standard errors from the units' scores; steps and points are the same
   bool diagonalpi = false, diagonalbeta = false;
@@ -80,6 +82,7 @@ struct MovingResult {
   std::vector<bool> edge;    // [P] a variance of 0, and its covariances: at the edge, without a standard error
   bool singularpi = false, singularbeta = false;  // a correlation of 1, or a variance of 0
   PointsCheck check;
+  LaplaceFindings laplace;            // of Laplace-6
   std::vector<std::string> warnings;  // whole sentences
   std::vector<std::string> notes;     // the same, of what is no fault
 };

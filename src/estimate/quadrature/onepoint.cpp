@@ -94,23 +94,58 @@ void unitgradient(const Frame& frame, const Level3Records& records, const double
   }
 }
 
+// Buffers of one thread.
+struct LaplaceWork {
+  CurvatureRows rows;
+  SixthOrder sixth;
+};
+
+// The value of a level-3 unit behind its score (P + 1), at modes that take the place of the trial's. False when there
+// are none or the sixth order has no logarithm.
+bool unitlaplace(SphericalLikelihood& likelihood, const SphericalPoint& there, const Level3Records& records,
+                 ModeWork& work, LaplaceWork& own, double* score) {
+  const Frame& frame = likelihood.frame;
+  SphericalState& state = likelihood.trial;
+  const std::size_t P = frame.count(), q = at(frame.q), r = at(frame.r), npi = at(frame.npi), T = packedsize(frame.npi);
+  const std::size_t k = at(records.k), first = records.firstunit, units = at(records.units);
+  double *z = state.nodes.z.data() + first * q, *w = state.nodes.w.data() + k * r;
+  if (!jointmodes(frame, there, records, z, w, work)) return false;
+  std::copy_n(work.sweep.C3.data(), r * r, state.nodes.C3.data() + k * r * r);
+  std::copy_n(work.sweep.P.data(), units * q * q, state.nodes.P.data() + first * q * q);
+  std::copy_n(work.sweep.K.data(), units * q * r, state.nodes.K.data() + first * q * r);
+  std::copy_n(work.M.data(), units * T, state.sums.M.data() + first * T);
+  std::copy_n(work.h.data(), units * npi, state.sums.h.data() + first * npi);
+  score[P] = work.density - 0.5 * (dot(z, z, units * q) + dot(w, w, r) + work.sweep.logdeterminant);
+  makecurvaturerows(frame, there, units, work, own.rows);
+  if (likelihood.sixth) {
+    if (!makesixthorder(frame, records, work, own.rows, own.sixth)) return false;
+    score[P] += own.sixth.share;
+  }
+  unitgradient(frame, records, z, w, work, own.rows, likelihood.sixth ? &own.sixth : nullptr, score);
+  return true;
+}
+
+// The search for modes begins at those of the last accepted point.
+void startatmodes(SphericalLikelihood& likelihood) {
+  const Nodes& from = likelihood.current.nodes;
+  Nodes& to = likelihood.trial.nodes;
+  std::copy(from.z.begin(), from.z.end(), to.z.begin());
+  std::copy(from.w.begin(), from.w.end(), to.w.begin());
+}
+
 }  // namespace
 
 Evaluation evaluatelaplace(SphericalLikelihood& likelihood, const Array<double>& point) {
   const Frame& frame = likelihood.frame;
   SphericalState& state = likelihood.trial;
-  const std::size_t P = frame.count(), q = at(frame.q), r = at(frame.r), npi = at(frame.npi), T = packedsize(frame.npi);
+  const std::size_t P = frame.count();
   const SphericalPoint there = sphericalpoint(frame, point);
   Evaluation evaluation;
   evaluation.value = frame.counts + frame.combinations;
   evaluation.score.reset(P);
   state.point = point.copy();
   state.outer.reset(P * P);
-  struct Terms {
-    CurvatureRows rows;
-    SixthOrder sixth;
-  };
-  std::vector<Terms> terms(at(likelihood.threads));
+  std::vector<LaplaceWork> work(at(likelihood.threads));
   Array<double> values;  // of a batch: score and value of each unit
   bool fine = true;
   std::atomic<bool> found{true};
@@ -118,31 +153,9 @@ Evaluation evaluatelaplace(SphericalLikelihood& likelihood, const Array<double>&
       *likelihood.source, likelihood.threads,
       [&](const std::vector<Level3Records>& batch) { values.reset(batch.size() * (P + 1)); },
       [&](const std::vector<Level3Records>& batch, std::size_t i, int worker) {
-        const Level3Records& records = batch[i];
-        ModeWork& work = likelihood.modework[at(worker)];
-        const std::size_t k = at(records.k), first = records.firstunit, units = at(records.units);
-        double *z = state.nodes.z.data() + first * q, *w = state.nodes.w.data() + k * r,
-               *score = values.data() + i * (P + 1);
-        if (!jointmodes(frame, there, records, z, w, work)) {
+        if (!unitlaplace(likelihood, there, batch[i], likelihood.modework[at(worker)], work[at(worker)],
+                         values.data() + i * (P + 1)))
           found = false;
-          return;
-        }
-        std::copy_n(work.sweep.C3.data(), r * r, state.nodes.C3.data() + k * r * r);
-        std::copy_n(work.sweep.P.data(), units * q * q, state.nodes.P.data() + first * q * q);
-        std::copy_n(work.sweep.K.data(), units * q * r, state.nodes.K.data() + first * q * r);
-        std::copy_n(work.M.data(), units * T, state.sums.M.data() + first * T);
-        std::copy_n(work.h.data(), units * npi, state.sums.h.data() + first * npi);
-        score[P] = work.density - 0.5 * (dot(z, z, units * q) + dot(w, w, r) + work.sweep.logdeterminant);
-        Terms& own = terms[at(worker)];
-        makecurvaturerows(frame, there, units, work, own.rows);
-        if (likelihood.sixth) {
-          if (!makesixthorder(frame, records, work, own.rows, own.sixth)) {
-            found = false;
-            return;
-          }
-          score[P] += own.sixth.share;
-        }
-        unitgradient(frame, records, z, w, work, own.rows, likelihood.sixth ? &own.sixth : nullptr, score);
       },
       [&](const std::vector<Level3Records>& batch) {
         for (std::size_t i = 0; i < batch.size(); ++i) {
@@ -165,13 +178,49 @@ Evaluation evaluatelaplace(SphericalLikelihood& likelihood, const Array<double>&
   return evaluation;
 }
 
+namespace {
+
+// Minus the second derivatives at the last accepted point, by central differences of the gradient; rows of held
+// elements are 0. Not usable when a point around it has no value.
+Evaluation exactinformation(SphericalLikelihood& likelihood, const Array<double>& centre,
+                            const Evaluation& there) {
+  const std::size_t P = likelihood.frame.count();
+  const std::vector<bool> held = heldelements(likelihood.frame);
+  Evaluation exact{false,
+                   there.value,
+                   there.score.copy(),
+                   Array<double>(P * P),
+                   there.scale.copy(),
+                   there.reach.copy(),
+                   there.turn.copy()};
+  const auto scoreat = [&](std::size_t element, double step) {
+    Array<double> point = centre.copy();
+    point[element] += step;
+    startatmodes(likelihood);
+    return evaluatelaplace(likelihood, point);
+  };
+  double* H = exact.information.data();
+  for (std::size_t i = 0; i < P; ++i) {
+    if (held[i]) continue;
+    const double step = difference / std::sqrt(there.scale[i]);
+    const Evaluation above = scoreat(i, step), below = scoreat(i, -step);
+    if (!above.usable || !below.usable) return exact;
+    for (std::size_t l = 0; l < P; ++l) H[l * P + i] = (below.score[l] - above.score[l]) / (2.0 * step);
+  }
+  for (std::size_t i = 0; i < P; ++i)
+    for (std::size_t l = 0; l < i; ++l) H[i * P + l] = H[l * P + i] = 0.5 * (H[i * P + l] + H[l * P + i]);
+  exact.usable = true;
+  return exact;
+}
+
+}  // namespace
+
 AscentProblem laplaceascentof(SphericalLikelihood& likelihood) {
   AscentProblem problem = ascentof(likelihood);
   problem.approaches = false;
   problem.evaluate = [&likelihood](const Array<double>& point, Approach) {
     SphericalState& trial = likelihood.trial;
-    std::copy(likelihood.current.nodes.z.begin(), likelihood.current.nodes.z.end(), trial.nodes.z.begin());
-    std::copy(likelihood.current.nodes.w.begin(), likelihood.current.nodes.w.end(), trial.nodes.w.begin());
+    startatmodes(likelihood);
     Evaluation laplace = evaluatelaplace(likelihood, point);
     if (!laplace.usable) return laplace;
     // The quadrature leaves its moments in the place of the modes.
@@ -186,34 +235,10 @@ AscentProblem laplaceascentof(SphericalLikelihood& likelihood) {
     steps.score = std::move(laplace.score);
     return steps;
   };
-  return problem;
-}
-
-Array<double> laplaceinformation(SphericalLikelihood& likelihood, const std::vector<bool>& used,
-                                 const Array<double>& scale, int& evaluations) {
-  const std::size_t P = likelihood.frame.count();
-  Array<double> information(P * P);
-  const auto scoreat = [&](std::size_t element, double step) {
-    Array<double> point = likelihood.current.point.copy();
-    point[element] += step;
-    SphericalState& trial = likelihood.trial;
-    std::copy(likelihood.current.nodes.z.begin(), likelihood.current.nodes.z.end(), trial.nodes.z.begin());
-    std::copy(likelihood.current.nodes.w.begin(), likelihood.current.nodes.w.end(), trial.nodes.w.begin());
-    ++evaluations;
-    return evaluatelaplace(likelihood, point);
+  problem.exact = [&likelihood](const Array<double>& point, const Evaluation& there) {
+    return exactinformation(likelihood, point, there);
   };
-  for (std::size_t i = 0; i < P; ++i) {
-    if (!used[i]) continue;
-    const double step = difference / std::sqrt(scale[i]);
-    const Evaluation above = scoreat(i, step), below = scoreat(i, -step);
-    if (!above.usable || !below.usable) return {};
-    for (std::size_t l = 0; l < P; ++l)
-      if (used[l]) information[l * P + i] = (below.score[l] - above.score[l]) / (2.0 * step);
-  }
-  for (std::size_t i = 0; i < P; ++i)
-    for (std::size_t l = 0; l < i; ++l)
-      information[i * P + l] = information[l * P + i] = 0.5 * (information[i * P + l] + information[l * P + i]);
-  return information;
+  return problem;
 }
 
 }  // namespace kdr
