@@ -178,8 +178,8 @@ Run Search::run(int points, const Array<double>& start, Approach approach, int l
   return made;
 }
 
-// First order or sixth. The sixth is not defined where variances are so large that its terms outgrow those of the first:
-// the ascent then begins nearer to 0.
+// First order or sixth. The sixth is not defined where variances are so large that its terms outgrow those of the
+// first: the ascent then begins nearer to 0.
 Run Search::runlaplace(Array<double> start) {
   constexpr int mosthalvings = 20;
   Run made;

@@ -182,8 +182,7 @@ namespace {
 
 // Minus the second derivatives at the last accepted point, by central differences of the gradient; rows of held
 // elements are 0. Not usable when a point around it has no value.
-Evaluation exactinformation(SphericalLikelihood& likelihood, const Array<double>& centre,
-                            const Evaluation& there) {
+Evaluation exactinformation(SphericalLikelihood& likelihood, const Array<double>& centre, const Evaluation& there) {
   const std::size_t P = likelihood.frame.count();
   const std::vector<bool> held = heldelements(likelihood.frame);
   Evaluation exact{false,

@@ -197,8 +197,8 @@ LaplaceFindings laplacefindings(const SphericalLikelihood& likelihood) {
   findings.u.reset(frame.units2() * q);
   findings.v.reset(frame.units3() * r);
   UnitFrames frames;
-  Array<double> M(npi * npi), MD(npi * q), ME(npi * r), dd(q * q), de(q * r), H2(q * q), L2(q * q), X2(q * q), C2(q * q),
-      AC(q * q), kept(q * q), share(q * r), information(r * r), toU(q * q), toV(r * r);
+  Array<double> M(npi * npi), MD(npi * q), ME(npi * r), dd(q * q), de(q * r), H2(q * q), L2(q * q), X2(q * q),
+      C2(q * q), AC(q * q), kept(q * q), share(q * r), information(r * r), toU(q * q), toV(r * r);
   mulAB(toU.data(), frame.toD.data(), there.A.data(), oq, oq, oq);
   mulAB(toV.data(), frame.toE.data(), there.B.data(), orr, orr, orr);
   for (std::size_t k = 0; k < frame.units3(); ++k) {

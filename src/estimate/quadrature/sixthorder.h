@@ -4,8 +4,8 @@
 //
 // With A_il = b_i'H^-1 b_l, a_i = A_ii and the cumulants k3 to k7 at the modes,
 //   S = sum_i [k4_i a_i^2/8 + k6_i a_i^3/48] - 5/24 sum_j sum_(i, l in j) k3_i k3_l a_i a_l A_il
-// and log(1 - S) is added. Over the predictors x~ of a level-2 unit A_il = x~_i'A_j x~_l, and b_l'H^-1 b_i = x~_l'L_m C3
-// L_j'x~_i for l in another unit m, so that every sum over l is a moment that is taken once.
+// and log(1 - S) is added. Over the predictors x~ of a level-2 unit A_il = x~_i'A_j x~_l, and b_l'H^-1 b_i = x~_l'L_m
+// C3 L_j'x~_i for l in another unit m, so that every sum over l is a moment that is taken once.
 #pragma once
 
 #include <vector>
@@ -15,8 +15,8 @@
 
 namespace kdr {
 
-// The rows of each level-2 unit j through the inverse H^-1 of the curvature: with V_j, npi by all effects of the level-3
-// unit, such that b_i = V_j'x~_i,
+// The rows of each level-2 unit j through the inverse H^-1 of the curvature: with V_j, npi by all effects of the
+// level-3 unit, such that b_i = V_j'x~_i,
 //   left2 = the columns of V_j H^-1 at z_j (npi by q)    left3 = those at w (npi by r)
 //   A_j = V_j H^-1 V_j' (npi squared)
 struct CurvatureRows {
