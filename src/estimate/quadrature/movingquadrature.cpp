@@ -302,12 +302,24 @@ void Search::check(const Run& before, int points, MovingResult& result) {
 void Search::laplace(const Array<double>& start, MovingResult& result) {
   const Run made = runlaplace(start.copy());
   fill(made, 1, result);
-  if (result.usable && settings.sixth) result.laplace = laplacefindings(likelihood);
+  if (!result.usable && (made.ascent.end == AscentEnd::limit || made.ascent.end == AscentEnd::stopped) &&
+      result.end == MovingEnd::toofewpoints) {
+    result.warnings.emplace_back(
+        "WARNING: the iterations ended where the approximation has no standard errors. Allow more of them.");
+    return;
+  }
   if (result.end == MovingEnd::toofewpoints)
     result.warnings.emplace_back(
         settings.sixth ? "WARNING: Laplace-6 has no maximum that steps could find. Use adaptive quadrature."
                        : "WARNING: the Laplace approximation has no maximum that steps could find. Use more quadrature "
                          "points, or AUTO in their place.");
+  if (!result.usable || !settings.sixth) return;
+  result.laplace = laplacefindings(likelihood);
+  if (result.laplace.largest > settings.sixthsmall)
+    result.warnings.push_back(
+        formatted("WARNING: the terms of the sixth order are not small: they change the log-likelihood of a level-3 "
+                  "unit by %.2f. Compare with adaptive quadrature (AGQ:).",
+                  result.laplace.largest));
 }
 
 void Search::given(const Array<double>& start, MovingResult& result) {

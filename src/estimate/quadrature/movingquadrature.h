@@ -41,9 +41,12 @@ struct MovingSettings {
   double errorsagree = 0.01;  // and no standard error by more than this share
   int steppediterations = 15;   // of one number of points on the way of AUTO: those that are enough need 10 at most
   double laplacefall = 1.0e-7;  // of the Laplace approximation in a step: rounding of its modes
-  double mostnodes = 1.0e6;     // points^(q + r): beyond, neither memory nor time would do
-  double nomaximum = 20.0;  // a standard deviation of an effect, of columns with mean square 1, that no outcome bears
-  double nogain = 0.02;     // with a log-likelihood that gains less
+  // Of log(1 - S) of a level-3 unit. Of 30 random studies with a larger one the log-likelihood of Laplace-6 was off by
+  // 0.2 to 6.5 in all 9, of the other 21 by less than 0.16.
+  double sixthsmall = 0.125;
+  double mostnodes = 1.0e6;  // points^(q + r): beyond, neither memory nor time would do
+  double nomaximum = 20.0;   // a standard deviation of an effect, of columns with mean square 1, that no outcome bears
+  double nogain = 0.02;      // with a log-likelihood that gains less
 };
 
 enum class MovingEnd {

@@ -120,6 +120,7 @@ bool unitlaplace(SphericalLikelihood& likelihood, const SphericalPoint& there, c
   if (likelihood.sixth) {
     if (!makesixthorder(frame, records, work, own.rows, own.sixth)) return false;
     score[P] += own.sixth.share;
+    state.shares[k] = own.sixth.share;
   }
   unitgradient(frame, records, z, w, work, own.rows, likelihood.sixth ? &own.sixth : nullptr, score);
   return true;
@@ -145,6 +146,7 @@ Evaluation evaluatelaplace(SphericalLikelihood& likelihood, const Array<double>&
   evaluation.score.reset(P);
   state.point = point.copy();
   state.outer.reset(P * P);
+  if (likelihood.sixth) state.shares.reset(frame.units3());
   std::vector<LaplaceWork> work(at(likelihood.threads));
   Array<double> values;  // of a batch: score and value of each unit
   bool fine = true;

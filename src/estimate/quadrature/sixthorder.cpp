@@ -233,6 +233,7 @@ LaplaceFindings laplacefindings(const SphericalLikelihood& likelihood) {
     }
     if (addreliabilities(orr, information.data(), frame.toE, parameters.taubeta, findings.rel3)) ++findings.nrel3;
   }
+  for (const double change : state.shares) findings.largest = std::max(findings.largest, std::fabs(change));
   for (double& sum : findings.rel2) sum = findings.nrel2 > 0 ? sum / findings.nrel2 : 0.0;
   for (double& sum : findings.rel3) sum = findings.nrel3 > 0 ? sum / findings.nrel3 : 0.0;
   return findings;

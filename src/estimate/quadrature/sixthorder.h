@@ -43,11 +43,12 @@ struct SixthOrder {
 // What a report of Laplace-6 shows besides estimates and errors: mean reliabilities
 //   taupi_aa / (V + taupi)_aa,      V = (sum_i W_i d_i d_i')^-1 of a level-2 unit
 //   taubeta_aa / (V + taubeta)_aa,  V = inverse of the information of a level-3 unit on its effects but for their prior
-// over the units that have a V, how many they are, and the modes of u and v.
+// over the units that have a V, how many they are, the modes of u and v, and how much the sixth order says.
 struct LaplaceFindings {
   Array<double> rel2, rel3;  // [q], [r]
   int nrel2 = 0, nrel3 = 0;
-  Array<double> u, v;  // J2 by q, J3 by r
+  Array<double> u, v;    // J2 by q, J3 by r
+  double largest = 0.0;  // absolute value of log(1 - S) of a level-3 unit
 };
 // At the last accepted point of an ascent on the approximation.
 [[nodiscard]] LaplaceFindings laplacefindings(const SphericalLikelihood& likelihood);

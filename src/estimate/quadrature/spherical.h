@@ -14,6 +14,7 @@ struct SphericalState {
   RecordSums sums;
   Array<double> outer;      // P squared: sum of the outer products of the units' scores
   Array<double> curvature;  // [q + r]: i_a, the mean information of a unit about a column
+  Array<double> shares;     // [J3] of Laplace-6: log(1 - S), what the sixth order adds to the log-likelihood of a unit
 };
 
 struct SphericalLikelihood {
