@@ -126,13 +126,6 @@ void variancefiles(const char* taus, const char* gammas, const PassResults& resu
   writegammafile(gammas, results.est.gammahat, results.covariance);
 }
 
-// Points that fail their check, or terms of the sixth order that aren't small, are no end that was asked for.
-void tellunchecked(const PassResults& results) {
-  if (results.ending != Ending::converged || results.warnings.empty()) return;
-  notconverged("");
-  documentending(false);
-}
-
 void telllaplace(const EngineStage& stage) {
   const PassResults& results = stage.results;
   const bool moving = !run.control.agqfixed;
@@ -156,7 +149,8 @@ void telllaplace(const EngineStage& stage) {
   } else {
     reportline("Laplace-6 has made no iteration: the likelihood is that of quasi-likelihood.");
   }
-  if (moving) tellunchecked(results);
+  // Terms of the sixth order that aren't small: the maximum is found, but may be none to go by.
+  if (moving && results.ending == Ending::converged && !results.warnings.empty()) notconverged("");
   modelstatistics(results);
   markreport();
   if (estimated) std::printf("The marginal log-likelihood = %E\n", results.marginal);
@@ -195,7 +189,11 @@ void tellquadrature(const EngineStage& stage) {
     markreport();
     return;
   }
-  if (moving) tellunchecked(results);
+  // Points that fail their check are no end that was asked for.
+  if (moving && results.ending == Ending::converged && !results.warnings.empty()) {
+    notconverged("");
+    documentending(false);
+  }
   if (estimated) {
     modelstatistics(results);
   } else {

@@ -129,6 +129,8 @@ class Dense(Oracle):
         variance = np.diag(J @ V @ J.T)
         begin = theta.copy()
         begin[:P2 + P3] = 1.3 * begin[:P2 + P3] + 0.3 * (theta[:P2 + P3] == 0)
+        while not np.isfinite(self.value(begin)):
+            begin[:P2 + P3] *= 0.8
         higher = -minimize(lambda t: min(-self.value(t), 1e10), begin, method="BFGS", options={"gtol": 1e-4, "maxiter": 25}).fun
         integral, first = np.nan, self.value(theta, False)
         if self.q + self.r < 4:
