@@ -194,6 +194,9 @@ void tellquadrature(const EngineStage& stage) {
 
 void tellenginestage(const EngineStage& stage) {
   stage.engine == Engine::laplace6 ? telllaplace(stage) : tellquadrature(stage);
+  if (!stage.separated) return;
+  notconverged("");
+  if (stage.fit.end == EngineEnd::estimated) documentending(false);
 }
 
 }  // namespace kdr

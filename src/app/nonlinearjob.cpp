@@ -88,6 +88,7 @@ void tellaverage(const ChainPass& pass) {
   documentpass(results);
   passtables(results);
   averageends(results);
+  if (pass.state.separation.known()) documentending(false);
   storesubrun(results);
   if (run.out.printvc != VarianceFiles::none) {
     if (run.control.popavit <= 1) writegammafile(robustpopulationgammafile, results.est.gammahat, results.robust);
@@ -103,6 +104,23 @@ void tellpass(const ChainPass& pass) {
   storesubrun(pass.results);  // the next pass of the phase takes its place
   if (!run.files.startvals.empty()) writestartvalues(pass.pass.est);
   if (pass.results.kind != PassKind::identity && haveexploratory(run.model)) exploratorytables(exploratory(pass.pass));
+}
+
+// Separation that the data show: on the console before the first pass, elsewhere behind the last one.
+void tellseparation(const Separation& found) {
+  for (const std::string& words : found.warnings) std::printf("%s\n", words.c_str());
+}
+
+// Effects without finite estimates at the end of the unit-specific phase.
+void separationends(const Separation& found) {
+  if (!found.known()) return;
+  notconverged("");
+  documentending(false);
+  for (const std::string& words : found.warnings) {
+    std::printf("%s\n", words.c_str());
+    documentwarning(words);
+    reportwarning(words);
+  }
 }
 
 void tellmacroend(const MacroEvent& event) {
@@ -125,7 +143,11 @@ void tellmacroend(const MacroEvent& event) {
           "WARNING: the macro iterations were stopped prior to convergence.\n"
           "You may want to re-run the analysis with a higher number of macro iterations.");
       break;
+    case MacroEnd::separated:
+      std::printf("The macro iterations end at iteration %d: there is no maximum to converge to.\n", event.macro);
+      break;
   }
+  separationends(event.separation);
   const std::string words = unsettledwords(results);
   if (words.empty()) return;
   notconverged(words + "\n");
@@ -173,6 +195,7 @@ void tellfailure(Failure failure) {
 }  // namespace
 
 void observechain(Observer& observer) {
+  observer.separation = tellseparation;
   observer.macrobegins = tellmacro;
   observer.passstands = tellpass;
   observer.macrocreeps = [](int) {

@@ -26,6 +26,7 @@
 struct kdr3_result {
   kdr::PassResults results;  // of the phase that the run ends with: an engine where there is one
   kdr::UnitCounts counts;
+  bool separated = false;  // some effects have no finite estimate
   int p = 0, b = 0;
   std::size_t g = 0;
   std::vector<std::string> names, warnings;
@@ -222,6 +223,11 @@ Failure chainfit(Values& values, const Analysis& analysis, kdr3_result& result) 
   warn(result, unsettledwords(state.unitspecific));
   for (const std::string& words : state.unitspecific.warnings) warn(result, words);
   const bool quadrature = state.quadrature.has_value(), laplace = state.laplace6.has_value();
+  if (state.end == MacroEnd::limit || state.end == MacroEnd::keyboard)
+    state.unitspecific.ending = state.end == MacroEnd::limit ? Ending::limit : Ending::keyboard;
+  if (!quadrature && !laplace)
+    for (const std::string& words : state.separation.warnings) warn(result, words);
+  result.separated = state.separation.known();
   result.results = std::move(quadrature ? *state.quadrature : laplace ? *state.laplace6 : state.unitspecific);
   if (quadrature || laplace)
     for (const std::string& words : result.results.warnings) warn(result, words);
@@ -308,7 +314,7 @@ kdr3_status kdr3_result_summary(const kdr3_result* result, kdr3_summary* summary
   const std::size_t size = summary->size;
   *summary = {};
   summary->size = size;
-  summary->converged = results.ending == Ending::converged ? 1 : 0;
+  summary->converged = results.ending == Ending::converged && !result->separated ? 1 : 0;
   summary->iterations = quasi ? results.macro : results.iteration;
   summary->records = at(result->counts.records);
   summary->units2 = at(result->counts.units2);

@@ -71,39 +71,16 @@ def fit(kind, y="Y", macroit="30,N", more="", cuts="", answers="", form="txt", e
     return done.returncode, done.stdout, made.read_text() if made.exists() else ""
 
 
-def put(place, value):
-    """A change of the tenth record."""
-    return lambda row, i: row[:place] + [value] + row[place + 1:] if i == 10 else row
-
-
 def failures():
     """Data and estimates that end a run: exit code, words on the console, words in the report."""
-    least = "\nError: the outcome must be greater than or equal to 0.0, and the\n%s must be greater than 0.0\n"
-    data = "\nPlease check your data.  The outcome variable %s must be %s.\n\n"
     single = lambda value: lambda row, i: [value] + row[1:]
-    singular = "The level-1 weight matrix is near singular. Unable to continue.\n"
-    advice = ("The level-1 weight matrix is near singular.  You may wish to simplify the model by:\n"
-              "a) reducing the number of categories;\nb) reducing the number of random effects.\n")
-    separated = lambda row, i: [float(row[4] > 0), row[1], row[2], 1 + (row[4] > -0.4) + (row[4] > 0.4), row[4]]
     rows = [
-        ("BERNOULLI,N", "COUNT", put(1, -1.0), 100, least % "number of trials", ""),
-        ("BERNOULLI,N", "COUNT", put(2, 0.0), 100, least % "number of trials", ""),
-        ("POISSON,N", "COUNT", put(2, 0.0), 100, least % "exposure", ""),
-        ("POISSON,N", "COUNT", put(1, -2.0), 100, least % "exposure", ""),
-        ("BERNOULLI,N", "COUNT", put(1, 9.0), 100,
-         "\nError: the outcome must be less than or equal to the number of trials.\n", ""),
         ("BERNOULLI", "Y", single(0.0), 100, "", "The outcome variable is all zeros!"),
         ("POISSON", "Y", single(0.0), 100, "", "The outcome variable is all zeros!"),
         ("BERNOULLI", "Y", single(1.0), 100, "", "\nThe outcome variable must take on values between 0 and 1.\n"),
-        ("BERNOULLI", "Y", put(0, 2.0), 100, "", data % ("Y", "between 0 and 1")),
-        ("POISSON", "Y", put(0, -1.0), 100, "", data % ("Y", "non-negative")),
         ("MULTINOMIAL,2", "GRADE", None, 100, "There are more than the specified 2 categories of    GRADE!\n", ""),
         ("MULTINOMIAL,4", "GRADE", None, 100, "There are less than the specified 4 categories of    GRADE!\n", ""),
         ("ORDINAL,2", "GRADE", None, 100, "There are more than the specified 2 categories of    GRADE!\n", ""),
-        ("MULTINOMIAL,3", "GRADE", separated, 18, singular, advice),
-        ("ORDINAL,3", "GRADE", separated, 18, singular, advice),
-        ("BERNOULLI", "Y", separated, 100, "KDR3 cannot estimate the model you have specified.\n",
-         "KDR3 cannot estimate the model you have specified.\n"),
     ]
     for kind, y, change, code, console, report in rows:
         study(change or (lambda row, i: row))

@@ -68,6 +68,12 @@ PassResults resultsof(const Pass& pass, PassKind kind, const EngineResult& fit, 
   return results;
 }
 
+// What is known of separation holds for every likelihood.
+void warnofseparation(const MacroState& state, PassResults& results) {
+  const std::vector<std::string>& warnings = state.separation.warnings;
+  results.warnings.insert(results.warnings.end(), warnings.begin(), warnings.end());
+}
+
 // The estimates of an engine become those of the pass, without a covariance where the engine has none.
 void takeestimates(Pass& pass, const PassResults& results) {
   pass.est.taupi = results.est.taupi.copy();
@@ -103,6 +109,7 @@ Failure laplace(Pass& pass, MacroState& state, const PassResults& before, bool& 
   const EngineResult& fit = result.fit;
   stopped = stopped || fit.stopped;
   PassResults results = resultsof(pass, PassKind::laplace6, fit, before);
+  warnofseparation(state, results);
   const bool usable = fit.end != EngineEnd::failed;
   if (fit.end == EngineEnd::estimated)
     results.reliabilities = {result.rel2.copy(), result.rel3.copy(), result.nrel2, result.nrel3};
@@ -111,7 +118,8 @@ Failure laplace(Pass& pass, MacroState& state, const PassResults& before, bool& 
     takemodes(pass, result);
     state.laplacegamma = pass.est.gammahat.copy();
   }
-  tellobserver(pass.observer().enginestands, EngineStage{Engine::laplace6, fit, results, result.finalcall, usable, {}});
+  tellobserver(pass.observer().enginestands,
+               EngineStage{Engine::laplace6, fit, results, result.finalcall, usable, {}, state.separation.known()});
   if (usable) state.laplace6 = std::move(results);
   return {};
 }
@@ -160,13 +168,14 @@ Failure quadrature(Pass& pass, MacroState& state, const PassResults& before) {
   if (batches.failure) return std::move(batches.failure);
   const EngineResult& fit = result.fit;
   PassResults results = resultsof(pass, PassKind::quadrature, fit, before);
+  warnofseparation(state, results);
   const bool estimated = fit.end == EngineEnd::estimated;
   const bool takenover = fit.end != EngineEnd::failed && !fit.farbelow;
   if (takenover) {
     takeestimates(pass, results);
     state.quadraturegamma = pass.est.gammahat.copy();
   }
-  EngineStage stage{Engine::quadrature, fit, results, false, takenover, {}};
+  EngineStage stage{Engine::quadrature, fit, results, false, takenover, {}, state.separation.known()};
   if (estimated && shorterrors(fit, before, pass.g))
     stage.behind.emplace_back("WARNING: standard errors are far below those of PQL. Use more quadrature points.");
   tellobserver(pass.observer().enginestands, stage);
@@ -239,10 +248,12 @@ Failure movingnodes(Pass& pass, MacroState& state, const PassResults& before) {
   const EngineResult fit = engineresult(moving);
   if (!moving.usable) {
     const PassResults none;
-    tellobserver(observer.enginestands, EngineStage{Engine::quadrature, fit, none, false, false, {}});
+    tellobserver(observer.enginestands,
+                 EngineStage{Engine::quadrature, fit, none, false, false, {}, state.separation.known()});
     return {};
   }
   PassResults results = resultsof(pass, PassKind::quadrature, fit, before);
+  warnofseparation(state, results);
   if (moving.end == MovingEnd::stopped) results.ending = Ending::keyboard;
   results.notes = moving.notes;
   results.quadrature = {moving.points, moving.check.made ? moving.check.next : 0, moving.check.change,
@@ -257,7 +268,8 @@ Failure movingnodes(Pass& pass, MacroState& state, const PassResults& before) {
   pass.est.taupi = moving.lifted.taupi.copy();
   pass.est.taubeta = moving.lifted.taubeta.copy();
   state.quadraturegamma = pass.est.gammahat.copy();
-  tellobserver(observer.enginestands, EngineStage{Engine::quadrature, fit, results, false, true, {}});
+  tellobserver(observer.enginestands,
+               EngineStage{Engine::quadrature, fit, results, false, true, {}, state.separation.known()});
   state.quadrature = std::move(results);
   return {};
 }
