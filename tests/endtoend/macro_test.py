@@ -96,6 +96,9 @@ def failures():
     study(lambda row, i: [2.0 + 2 * (i % 2)] + row[1:], records=1)
     code, _, text = fit("POISSON", more="FIXSIGMA2:0\n", equations=NULL)
     check(code == 16 and "no degrees of freedom to estimate sigma_squared" in text, f"one record a unit: code {code}")
+    study(lambda row, i: [1.0 + i // 6 % 3] + row[1:])  # counts alike in each unit: no likelihood without sigma^2 held
+    code, said, text = fit("POISSON", more="FIXSIGMA2:0\n", equations=NULL)
+    check(code == 100 and all("sigma^2 goes to 0" in x for x in (said, text)), f"counts alike: code {code}, {said[-200:]}")
 
 
 def astray():
@@ -270,7 +273,7 @@ def engines():
     short = "WARNING: standard errors are far below those of PQL. Use more quadrature points.\n"
     check(short not in text + said, "enough points: a warning")
     started = "The run goes on with the estimates that quadrature started from.\n"
-    for factor, points, words in ((5.0, 3, short), (1.0, 5, "have a lower log-likelihood than those of an earlier iteration.\n")):
+    for factor, points, words in ((5.0, 3, short), (1.0, 5, "Unable to compute adaptive Gaussian Hessian\n")):
         study(lambda row, i: [factor * row[1] + i % 7] + row[1:])
         (_, plain), (said, text) = (fit("POISSON", macroit="10,N", more=x)[1:] for x in ("", f"AGQ:Y,30,{points}\nAGQNODES:FIXED\n"))
         check(words in text and started in text and started in said, f"too few points, {factor}: words")

@@ -4,7 +4,6 @@
 #include <cmath>
 #include <utility>
 
-#include "estimate/inference/settled.h"
 #include "estimate/quasi/macrotest.h"
 #include "estimate/quasi/separation.h"
 #include "kernel/sizes.h"
@@ -37,16 +36,19 @@ Parameters errorsof(const Coefficients& coef, const PassResults& results) {
 }
 
 // Whether the macro test is met, and the estimates have not far to go. Changes that shrink by a factor f from pass to
-// pass leave a way of the last change times f / (1 - f).
+// pass leave a way of the last change times f / (1 - f). Searches find a maximum at the edge no better than to `still`,
+// and what moves less behind them is at rest.
 bool standstill(MacroState& state, const PassResults& results) {
-  constexpr double far = 0.01;  // standard errors
+  constexpr double far = 0.01, still = 1.0e-5;  // standard errors
   const Coefficients& coef = state.analysis.model.coef;
   const Parameters now = parametersof(coef, results.est), previous = parametersof(coef, state.previous),
                    errors = errorsof(coef, results);
   const double change = largestchange(now, previous, errors);
   const double factor = state.lastchange > 0.0 ? std::min(change / state.lastchange, 0.999) : 0.0;
   state.lastchange = change;
-  return macrotest(now, previous, errors, state.analysis.control.stopmacro) && change * factor <= far * (1.0 - factor);
+  const bool rests = macrotest(now, previous, errors, state.analysis.control.stopmacro) ||
+                     (state.iterations.searching && change <= still);
+  return rests && change * factor <= far * (1.0 - factor);
 }
 
 // The allowance has run out: true to close the phase all the same.
@@ -61,11 +63,13 @@ bool closeatlimit(MacroState& state) {
 }
 
 // Whether the loop creeps: micro iterations that stop early move the variance components so little that the macro test
-// takes it for standing still, or that it is never met. An element near 0 that changes by a share of itself for ever
-// does not meet it either.
+// takes it for standing still, or that it is never met. At the edge of the covariance matrices a scoring step tells
+// nothing of what is left: only a search does.
 bool creeps(const MacroState& state, const PassResults& results, bool converged) {
   constexpr int patience = 20;
-  return converged ? results.errors.stepleft >= settled : state.macro >= patience;
+  constexpr double near = 0.01;  // standard errors
+  const double left = results.errors.stepleft;
+  return converged ? left >= near || left < 0.0 : state.macro >= patience;
 }
 
 }  // namespace
