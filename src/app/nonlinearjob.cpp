@@ -9,7 +9,6 @@
 
 #include "app/enginelines.h"
 #include "app/seriesrun.h"
-#include "command/categories.h"
 #include "driver/failures.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
@@ -88,7 +87,6 @@ void tellaverage(const ChainPass& pass) {
   documentpass(results);
   passtables(results);
   averageends(results);
-  if (pass.state.separation.known()) documentending(false);
   storesubrun(results);
   if (run.out.printvc != VarianceFiles::none) {
     if (run.control.popavit <= 1) writegammafile(robustpopulationgammafile, results.est.gammahat, results.robust);
@@ -115,17 +113,15 @@ void tellseparation(const Separation& found) {
 void separationends(const Separation& found) {
   if (!found.known()) return;
   notconverged("");
-  documentending(false);
   for (const std::string& words : found.warnings) {
     std::printf("%s\n", words.c_str());
-    documentwarning(words);
     reportwarning(words);
   }
 }
 
 void tellmacroend(const MacroEvent& event) {
   const PassResults& results = event.results;
-  if (results.kind != PassKind::identity) documentending(event.end == MacroEnd::converged);
+  documentmacroend(event);
   switch (event.end) {
     case MacroEnd::goeson:
       if (results.kind == PassKind::identity) markreport();
@@ -151,7 +147,6 @@ void tellmacroend(const MacroEvent& event) {
   const std::string words = unsettledwords(results);
   if (words.empty()) return;
   notconverged(words + "\n");
-  documentwarning(words);
   reportwarning(words);
 }
 
