@@ -101,6 +101,23 @@ def failures():
     check(code == 100 and all("sigma^2 goes to 0" in x for x in (said, text)), f"counts alike: code {code}, {said[-200:]}")
 
 
+def skewed():
+    """Ordinal outcomes with rare categories converge: equal first cuts would put the thresholds out of order."""
+    for shares in ((70, 10, 10, 10), (10, 10, 10, 70), (60, 12, 10, 9, 9), (60, 2, 38), (40, 20, 14, 8, 6, 4, 3, 2, 2, 1)):
+        ends = [sum(shares[:c + 1]) / sum(shares) for c in range(len(shares))]
+
+        def change(row, i):
+            place = random.Random(i).random()  # of a logistic variable around the predictor
+            latent = math.log(place / (1 - place)) - 0.5 * row[4] + 0.5 * (i // 30 % 3 - 1)
+            return row[:3] + [1.0 + sum(latent > math.log(end / (1 - end)) for end in ends[:-1])] + row[4:]
+        study(change)
+        cuts = "".join(f"+THOLD{c + 2}" for c in range(len(shares) - 2))
+        code, said, text = fit(f"ORDINAL,{len(shares)}", "GRADE", macroit="100,N", cuts=cuts)
+        cut = [float(x) for x in re.findall(r"(?m)^ +d\(\S+\) +(-?[\d.]+)", text)][: len(shares) - 2]
+        check(code == 0 and "have converged" in said, f"shares {shares}: code {code}, {said[-200:]}")
+        check(cut == sorted(cut) and cut and cut[0] > 0, f"shares {shares}: thresholds {cut}")
+
+
 def astray():
     """Two records with logits beyond 60 from macro iteration 3 on start again from -2 and 2, with the outcome as it is; in
     one after the seventh they end the run."""
@@ -340,6 +357,7 @@ def points():
 
 
 failures()
+skewed()
 astray()
 heavy()
 stops()

@@ -47,7 +47,7 @@ bool standstill(MacroState& state, const PassResults& results) {
   const double factor = state.lastchange > 0.0 ? std::min(change / state.lastchange, 0.999) : 0.0;
   state.lastchange = change;
   const bool rests = macrotest(now, previous, errors, state.analysis.control.stopmacro) ||
-                     (state.iterations.searching && change <= still);
+                     (state.iterations.searching && results.errors.stepleft < 0.0 && change <= still);
   return rests && change * factor <= far * (1.0 - factor);
 }
 
