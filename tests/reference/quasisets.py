@@ -281,6 +281,7 @@ def compare(program, path, first=0, last=10 ** 9):
                     outcome += ", near" if far < 0.01 else ", far"
                     words = "%.4f standard errors, %s" % (far, words)
                 key = (name, want["end"].split(":")[0], outcome)
+                print(want["seed"], name, outcome, file=sys.stderr, flush=True)
                 tally[key] = tally.get(key, 0) + 1
                 if key[1:] != ("fixed point", "converged, near"):
                     print(want["seed"], want["kind"], want["end"], name, outcome, words, flush=True)
