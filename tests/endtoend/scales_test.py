@@ -21,7 +21,8 @@ RUNS = [("linear", "NONLIN:N\nNUMIT:500,N\n", "Y", ""), ("Bernoulli", "NONLIN:BE
         ("Poisson with exposure", "NONLIN:POISSON,N\n", "COUNT", ""), ("multinomial", "NONLIN:MULTINOMIAL,3\n", "GRADE", ""),
         ("ordinal", "NONLIN:ORDINAL,3\n", "GRADE", ""), ("Bernoulli by quadrature", "NONLIN:BERNOULLI\n", "B", "AGQ:Y,40,3\n"),
         ("Poisson by quadrature", "NONLIN:POISSON,N\n", "COUNT", "AGQ:Y,40,3\n"),
-        ("Bernoulli by Laplace", "NONLIN:BERNOULLI\n", "B", "AGQ:Y,40,1\n")]
+        ("Bernoulli by Laplace", "NONLIN:BERNOULLI\n", "B", "AGQ:Y,40,1\n"),
+        ("Bernoulli by Laplace-6", "NONLIN:BERNOULLI\n", "B", "LAPLACE:Y,50\n")]
 
 
 def study(scale):
@@ -82,7 +83,7 @@ for scale in SCALES:
         check(done.returncode in (0, 20 if "AGQ" in more else 0), f"{what}: code {done.returncode}, {done.stdout[-300:]!r}")
         if document is None:
             continue
-        phases = [p for p in document["phases"] if p["phase"] in ("final", "pql", "quadrature", "population_average")]
+        phases = [p for p in document["phases"] if p["phase"] in ("final", "pql", "laplace6", "quadrature", "population_average")]
         got = [numbers(p, scale) for p in phases]
         if scale == 1.0:
             want[name] = got
