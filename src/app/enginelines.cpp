@@ -157,6 +157,7 @@ void tellquadrature(const EngineStage& stage) {
 void tellenginestage(const EngineStage& stage) {
   documentengine(stage);
   stage.engine == Engine::laplace6 ? telllaplace(stage) : tellquadrature(stage);
+  if (stage.separated) notconverged("");
 }
 
 }  // namespace kdr

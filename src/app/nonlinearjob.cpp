@@ -104,6 +104,21 @@ void tellpass(const ChainPass& pass) {
   if (pass.results.kind != PassKind::identity && haveexploratory(run.model)) exploratorytables(exploratory(pass.pass));
 }
 
+// Separation that the data show: on the console before the first pass, elsewhere behind the last one.
+void tellseparation(const Separation& found) {
+  for (const std::string& words : found.warnings) std::printf("%s\n", words.c_str());
+}
+
+// Effects without finite estimates at the end of the unit-specific phase.
+void separationends(const Separation& found) {
+  if (!found.known()) return;
+  notconverged("");
+  for (const std::string& words : found.warnings) {
+    std::printf("%s\n", words.c_str());
+    reportwarning(words);
+  }
+}
+
 void tellmacroend(const MacroEvent& event) {
   const PassResults& results = event.results;
   documentmacroend(event);
@@ -124,7 +139,11 @@ void tellmacroend(const MacroEvent& event) {
           "WARNING: the macro iterations were stopped prior to convergence.\n"
           "You may want to re-run the analysis with a higher number of macro iterations.");
       break;
+    case MacroEnd::separated:
+      std::printf("The macro iterations end at iteration %d: there is no maximum to converge to.\n", event.macro);
+      break;
   }
+  separationends(event.separation);
   const std::string words = unsettledwords(results);
   if (words.empty()) return;
   notconverged(words + "\n");
@@ -171,6 +190,7 @@ void tellfailure(Failure failure) {
 }  // namespace
 
 void observechain(Observer& observer) {
+  observer.separation = tellseparation;
   observer.macrobegins = tellmacro;
   observer.passstands = tellpass;
   observer.macrocreeps = [](int) {

@@ -103,7 +103,7 @@ struct TauErrors {
   Array<double> covariance;  // order squared, of the elements of the taus
   double sigma2variance = 0.0;
   std::vector<bool> edgepi, edgebeta;  // of an engine, full matrices: at the edge of its range, so without an error
-  double stepleft = 0.0;  // the farthest that the next scoring step would move an element, in its standard errors
+  double stepleft = 0.0;  // the farthest that the next scoring step moves an element, in standard errors; -1: out of the space
 };
 
 struct Reliabilities {

@@ -180,6 +180,12 @@ void settle(ResultsDocument& document, bool converged) {
     phase["ending"] = endingname(converged ? Ending::converged : Ending::limit);
 }
 
+// The last phase has effects without finite estimates.
+void separate(ResultsDocument& document) {
+  settle(document, false);
+  if (!document.phases.empty()) document.phases.back()["ending"] = "separation";
+}
+
 Json allwarnings(const ResultsDocument& document, const Model& model, const Json& converged) {
   Json warnings = document.warnings;
   if (converged == false)
@@ -203,6 +209,7 @@ void addphase(ResultsDocument& document, const Subject& subject, const PassResul
   const bool average = results.tausstand() && (results.ending == Ending::keyboard || results.fixsigma2 == 0.0);
   if ((linear || average) && results.ending != Ending::converged) document.converged = false;
   if (linear && !results.heterogeneous && results.ending == Ending::converged) unsettled(document, results);
+  if (results.tausstand() && document.separated) separate(document);
 }
 
 void addphase(ResultsDocument& document, const Subject& subject, const PassResults& results, const Array<double>& mean,
@@ -253,6 +260,7 @@ void addengine(ResultsDocument& document, const Subject& subject, const EngineSt
   if (!stage.takenover || stage.results.ending != Ending::converged) document.converged = false;
   if (estimated && (!laplace || stage.takenover)) addphase(document, subject, stage.results);
   if (laplace) {
+    if (estimated && stage.takenover && stage.separated) separate(document);
     if (!stage.takenover && fixednodes)
       document.warnings.emplace_back(
           "Fisher scoring is unable to compute a Laplace-6 estimate within the parameter space.");
@@ -270,12 +278,17 @@ void addengine(ResultsDocument& document, const Subject& subject, const EngineSt
   const bool failedcheck = !fixednodes && stage.results.ending == Ending::converged && !stage.results.warnings.empty();
   if (failedcheck) document.converged = false;
   if (estimated && (!stage.takenover || failedcheck)) settle(document, false);
+  if (estimated && stage.separated) separate(document);
 }
 
 void addmacroend(ResultsDocument& document, const MacroEvent& event) {
-  if (event.results.kind != PassKind::identity) settle(document, event.end == MacroEnd::converged);
+  const bool converged = event.end == MacroEnd::converged && !event.separation.known();
+  if (event.results.kind != PassKind::identity) settle(document, converged);
   if (event.end == MacroEnd::goeson) return;
-  if (event.end != MacroEnd::converged) document.converged = false;
+  if (!converged) document.converged = false;
+  document.separated = event.separation.known();
+  if (document.separated) separate(document);
+  document.warnings.insert(document.warnings.end(), event.separation.warnings.begin(), event.separation.warnings.end());
   unsettled(document, event.results);
 }
 

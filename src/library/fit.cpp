@@ -103,6 +103,8 @@ Failure chainfit(Fit& fit, const Analysis& analysis) {
   MacroState& state = chain.state;
   result.counts = countsof(chain.pass);
   warn(result, state.unitspecific.warnings);
+  if (state.end == MacroEnd::limit) state.unitspecific.ending = Ending::limit;
+  if (state.end == MacroEnd::keyboard) state.unitspecific.ending = Ending::keyboard;
   const bool quadrature = state.quadrature.has_value(), engine = quadrature || state.laplace6.has_value();
   if ((analysis.control.laplace || analysis.control.agqpoints != 0) && !engine)
     result.warnings.emplace_back("The engine has no results: these are those of quasi-likelihood.");
@@ -139,6 +141,7 @@ std::vector<std::string> namesof(const kdr3_model& model, const Model& made) {
 // The warnings of the whole and the document, from what has been collected.
 void finish(const Fit& fit) {
   kdr3_result& result = fit.result;
+  result.converged = fit.document.converged;
   const Ending ending = result.results.ending;
   std::vector<std::string> warnings;
   if (ending != Ending::converged)

@@ -69,6 +69,12 @@ PassResults resultsof(const Pass& pass, PassKind kind, const EngineResult& fit, 
   return results;
 }
 
+// What is known of separation holds for every likelihood.
+void warnofseparation(const MacroState& state, PassResults& results) {
+  const std::vector<std::string>& warnings = state.separation.warnings;
+  results.warnings.insert(results.warnings.end(), warnings.begin(), warnings.end());
+}
+
 // The estimates of an engine become those of the pass, without a covariance where the engine has none.
 void takeestimates(Pass& pass, const PassResults& results) {
   pass.est.taupi = results.est.taupi.copy();
@@ -106,6 +112,7 @@ Failure outerlaplace(Pass& pass, MacroState& state, const PassResults& before, b
   const EngineResult& fit = result.fit;
   stopped = stopped || fit.stopped;
   PassResults results = resultsof(pass, PassKind::laplace6, fit, before);
+  warnofseparation(state, results);
   const bool usable = fit.end != EngineEnd::failed;
   if (fit.end == EngineEnd::estimated)
     results.reliabilities = {result.rel2.copy(), result.rel3.copy(), result.nrel2, result.nrel3};
@@ -115,7 +122,8 @@ Failure outerlaplace(Pass& pass, MacroState& state, const PassResults& before, b
     if (storefailure(pass.store)) return storefailure(pass.store);
     state.laplacegamma = pass.est.gammahat.copy();
   }
-  tellobserver(pass.observer().enginestands, EngineStage{Engine::laplace6, fit, results, result.finalcall, usable, {}});
+  tellobserver(pass.observer().enginestands,
+               EngineStage{Engine::laplace6, fit, results, result.finalcall, usable, {}, state.separation.known()});
   if (usable) state.laplace6 = std::move(results);
   return {};
 }
@@ -165,13 +173,14 @@ Failure quadrature(Pass& pass, MacroState& state, const PassResults& before) {
   if (storefailure(pass.store)) return storefailure(pass.store);
   const EngineResult& fit = result.fit;
   PassResults results = resultsof(pass, PassKind::quadrature, fit, before);
+  warnofseparation(state, results);
   const bool estimated = fit.end == EngineEnd::estimated;
   const bool takenover = fit.end != EngineEnd::failed && !fit.farbelow;
   if (takenover) {
     takeestimates(pass, results);
     state.quadraturegamma = pass.est.gammahat.copy();
   }
-  EngineStage stage{Engine::quadrature, fit, results, false, takenover, {}};
+  EngineStage stage{Engine::quadrature, fit, results, false, takenover, {}, state.separation.known()};
   if (estimated && shorterrors(fit, before, pass.g))
     stage.behind.emplace_back("WARNING: standard errors are far below those of PQL. Use more quadrature points.");
   tellobserver(pass.observer().enginestands, stage);
@@ -278,17 +287,20 @@ Failure laplace(Pass& pass, MacroState& state, const PassResults& before, bool& 
   stopped = moving.end == MovingEnd::stopped;
   const EngineResult fit = engineresult(moving);
   if (!moving.usable) {
-    tellobserver(pass.observer().enginestands, EngineStage{Engine::laplace6, fit, PassResults{}, false, false, {}});
+    tellobserver(pass.observer().enginestands,
+                 EngineStage{Engine::laplace6, fit, PassResults{}, false, false, {}, state.separation.known()});
     return {};
   }
   PassResults results = movingresults(pass, PassKind::laplace6, moving, fit, before);
+  warnofseparation(state, results);
   const LaplaceFindings& found = moving.laplace;
   results.reliabilities = {found.rel2.copy(), found.rel3.copy(), found.nrel2, found.nrel3};
   takemoving(pass, moving, results);
   takemodes(pass, found.u, found.v);
   if (storefailure(pass.store)) return storefailure(pass.store);
   state.laplacegamma = pass.est.gammahat.copy();
-  tellobserver(pass.observer().enginestands, EngineStage{Engine::laplace6, fit, results, false, true, {}});
+  tellobserver(pass.observer().enginestands,
+               EngineStage{Engine::laplace6, fit, results, false, true, {}, state.separation.known()});
   state.laplace6 = std::move(results);
   return {};
 }
@@ -302,15 +314,18 @@ Failure movingnodes(Pass& pass, MacroState& state, const PassResults& before) {
   if (Failure failure = runmoving(pass, state, Engine::quadrature, settings, 0.0, moving)) return failure;
   const EngineResult fit = engineresult(moving);
   if (!moving.usable) {
-    tellobserver(pass.observer().enginestands, EngineStage{Engine::quadrature, fit, PassResults{}, false, false, {}});
+    tellobserver(pass.observer().enginestands,
+                 EngineStage{Engine::quadrature, fit, PassResults{}, false, false, {}, state.separation.known()});
     return {};
   }
   PassResults results = movingresults(pass, PassKind::quadrature, moving, fit, before);
+  warnofseparation(state, results);
   results.quadrature = {moving.points, moving.check.made ? moving.check.next : 0, moving.check.change,
                         moving.check.errorchange, moving.check.agrees};
   takemoving(pass, moving, results);
   state.quadraturegamma = pass.est.gammahat.copy();
-  tellobserver(pass.observer().enginestands, EngineStage{Engine::quadrature, fit, results, false, true, {}});
+  tellobserver(pass.observer().enginestands,
+               EngineStage{Engine::quadrature, fit, results, false, true, {}, state.separation.known()});
   state.quadrature = std::move(results);
   return {};
 }

@@ -24,8 +24,8 @@ void eachwithin(Pass& pass, Use use) {
 }
 
 // What a scoring step from the estimates would move, in standard errors: the largest over its elements. A step that
-// leaves the space of covariance matrices is halved, as the iterations halve it; 0 when it leaves it all the same, from
-// estimates at its edge.
+// leaves the space of covariance matrices is halved, as the iterations halve it; -1 when it leaves it all the same,
+// from estimates at its edge.
 double stepleft(const Pass& pass, const FisherWork& fisher) {
   constexpr int tries = 6;
   const Array<double> d = scoringdirection(fisher);
@@ -37,7 +37,7 @@ double stepleft(const Pass& pass, const FisherWork& fisher) {
   double factor = 1.0;
   for (int t = 0; t < tries; ++t, factor *= 0.5)
     if (stepstays(pass, pass.est, d, factor)) return factor * largest;
-  return 0.0;
+  return -1.0;
 }
 
 }  // namespace

@@ -226,6 +226,8 @@ void startiterations(const Pass& pass, IterationState& state) {
   for (Array<double>* T : {&state.history.T1, &state.history.T2}) T->reset(square(pass.p));
   for (Array<double>* L : {&state.history.L1, &state.history.L2}) L->reset(square(pass.b));
   state.s1 = state.s2 = 0.0;
+  state.fisherfailures = 0;
+  state.scoringover = false;
   state.likelihood = {missingcode, missingcode};
   state.stepped = state.confirming = false;
 }

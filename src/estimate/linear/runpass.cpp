@@ -112,10 +112,21 @@ Failure startfromestimates(Pass& pass) {
   return known ? Failure{} : failed(16);
 }
 
-Failure iteratestage(Pass& pass, IterationState& state, Stage stage, int limit) {
+// Of iterations that failed, from the variance that least squares left: where sigma^2 has gone to 0, no predictor is at
+// fault.
+Failure explained(const Pass& pass, double variance, Failure failure) {
+  constexpr double nothing = 1.0e-8;
+  if (!failure || failure.row == abandoned || pass.fixsigma2 != 0.0 || pass.est.sigma2 > nothing * variance)
+    return failure;
+  return failedboth(
+      "sigma^2 goes to 0: random and fixed effects together leave nothing of the outcome, and the likelihood has no\n"
+      "maximum. Hold sigma^2 by FIXSIGMA2:, or leave out random effects.\n");
+}
+
+Failure iteratestage(Pass& pass, IterationState& state, Stage stage, int limit, double variance) {
   state.stage = stage;
   state.limit = limit;
-  return iterate(pass, state);
+  return explained(pass, variance, iterate(pass, state));
 }
 
 }  // namespace
@@ -151,7 +162,7 @@ Failure runpass(Pass& pass, IterationState& state, PassResults& results, const I
   startiterations(pass, state);
   if (pass.plan.hetit != 0) {
     startheterogeneous(pass, state);
-    if (Failure failure = iteratestage(pass, state, Stage::heterogeneous, pass.plan.hetit)) return failure;
+    if (Failure failure = iteratestage(pass, state, Stage::heterogeneous, pass.plan.hetit, s)) return failure;
     if (Failure failure = heterogeneousresults(pass, state)) return failure;
   }
   if (pass.plan.limit == 0) {
@@ -161,7 +172,7 @@ Failure runpass(Pass& pass, IterationState& state, PassResults& results, const I
     results.ending = state.ending;
     return {};
   }
-  if (Failure failure = iteratestage(pass, state, Stage::ordinary, pass.plan.limit)) return failure;
+  if (Failure failure = iteratestage(pass, state, Stage::ordinary, pass.plan.limit, s)) return failure;
   results = stageresults(pass, state);
   return storefailure(pass.store);
 }

@@ -8,6 +8,7 @@
 #include "estimate/linear/datapass.h"
 #include "estimate/linear/runpass.h"
 #include "estimate/quasi/macrocontrol.h"
+#include "estimate/quasi/separation.h"
 #include "estimate/quasi/workingdata.h"
 #include "kernel/sizes.h"
 
@@ -114,6 +115,8 @@ Failure fitnonlinear(ChainFit& fit) {
   MacroState& state = fit.state;
   Pass& pass = fit.pass;
   state.left = state.analysis.control.macroit;
+  if (Failure failure = checkoutcomes(state)) return failure;
+  tellobserver(state.analysis.observer.separation, state.separation);
   for (bool first = true;; first = false) {
     beginmacro(state);
     PassResults& results = state.unitspecific;
@@ -121,14 +124,23 @@ Failure fitnonlinear(ChainFit& fit) {
     if (Failure failure = first ? identitypass(pass, state, results) : workingpass(pass, state, results))
       return failure;
     tellobserver(state.analysis.observer.passstands, ChainPass{state, pass, results});
-    const bool closes = macroend(state, results, first) != MacroEnd::goeson;
+    if (Failure failure = lookforseparation(state)) return failure;
+    bool closes = macroend(state, results, first) != MacroEnd::goeson;
     if (closes)
       if (Failure failure = closephase(pass, state, results)) return failure;
     Pass next;
-    if (Failure failure =
-            prepareworkingdata(pass, state, {first, state.macro == 2, closes}, next,
-                               planof(state, closes ? PassKind::populationaverage : PassKind::pql, state.macro + 1)))
-      return failure;
+    const auto prepare = [&] {
+      return prepareworkingdata(pass, state, {first, state.macro == 2, closes}, next,
+                                planof(state, closes ? PassKind::populationaverage : PassKind::pql, state.macro + 1));
+    };
+    Failure failure = prepare();
+    if (failure && !closes && endseparated(state, results, failure)) {
+      closes = true;
+      if ((failure = closephase(pass, state, results))) return failure;
+      next = Pass();
+      failure = prepare();
+    }
+    if (failure) return failure;
     if (first) rescaletaus(state);
     pass = std::move(next);
     if (closes) return averagephase(pass, state);

@@ -45,26 +45,13 @@ struct Step {
   double cap = -1.0;           // the largest rate met so far
   std::size_t record = 0;      // of the data set, the first one of the unit
   int limited = 0;             // records whose weight is held at the limit
+  int saturated = 0;           // records with next to none
   Failure failure{};           // the first; units behind it are passed over
 };
-
-Failure badoutcome(const Name& outcome, const char* must) {
-  const std::string name = leftname(outcome), bare = name.substr(0, name.find(' '));
-  const auto words = [must](const std::string& shown) {
-    return "\nPlease check your data.  The outcome variable " + shown + " must be " + must + ".\n\n";
-  };
-  return failedwith(words(name), words(bare));
-}
 
 Failure cannotestimate() {
   const std::string words = std::string(module) + " cannot estimate the model you have specified.\n";
   return failedwith(words, words);
-}
-
-Failure checkoutcome(const Name& outcome, Link link, double y) {
-  if (link == Link::logit && !(y >= 0.0 && y <= 1.0)) return badoutcome(outcome, "between 0 and 1");
-  if (link == Link::log && !(y >= 0.0)) return badoutcome(outcome, "non-negative");
-  return {};
 }
 
 // The linear predictor of a record, corrected for the population average.
@@ -80,6 +67,7 @@ Linked linkedrecord(Step& step, double eta) {
   if (step.kind.first) return linkedfitted(step.link, eta);
   if (step.link == Link::logit && strayed(eta)) {
     constexpr int lastrestart = 7;
+    if (step.state.separation.known()) return linked(step.link, eta);  // what runs away is known
     if (step.state.macro > lastrestart && !step.failure) step.failure = cannotestimate();
     return linked(step.link, broughtback(eta));
   }
@@ -93,9 +81,6 @@ void lookover(Step& step) {
   const auto observed = [&](int i) {
     return step.unit.records[at(i) * at(state.layout.width) + at(state.layout.observed)];
   };
-  if (step.kind.first && state.counts.empty())
-    for (int i = 0; i < step.unit.nj && !step.failure; ++i)
-      step.failure = checkoutcome(state.analysis.model.outname, step.link, observed(i));
   if (step.kind.capped)
     for (int i = 0; i < step.unit.nj; ++i)
       step.cap = std::max(step.cap, observed(i) / (state.counts.empty() ? 1.0 : state.counts[step.record + at(i)]));
@@ -129,6 +114,7 @@ void makeworking(Step& step) {
     const Linked link = plainlogit && !strayed(eta) ? linked(Link::logit, eta) : linkedrecord(step, eta);
     const Working working = workingvalues(link, *observed, count);
     if (working.weight >= largestweight) ++step.limited;
+    if (working.weight < leastweight) ++step.saturated;
     step.z[i] = working.z;
     step.root[i] = std::sqrt(working.weight);
   }
@@ -219,6 +205,7 @@ Failure prepareworkingdata(Pass& pass, MacroState& state, const WorkingStep& kin
   if (storefailure(pass.store)) return storefailure(pass.store);
   if (Failure failure = finishfold(fold)) return failure;
   state.limited = step.limited;
+  state.saturated = step.saturated;
   if (!to.file.isopen()) return {};
   if (Failure failure = finishworking(std::move(to.file), state.working)) return failure;
   state.layout = std::move(to.layout);

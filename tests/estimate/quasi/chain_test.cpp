@@ -40,7 +40,7 @@ class Chain : public testing::Test {
       for (const Array<double>* values : {&pass.results.est.gammahat, &pass.results.est.taupi})
         numbers.insert(numbers.end(), values->begin(), values->end());
     };
-    observer.macroends = [this](const MacroEvent& event) { told += "gckl"[static_cast<int>(event.end)]; };
+    observer.macroends = [this](const MacroEvent& event) { told += "gckls"[static_cast<int>(event.end)]; };
     observer.phasecloses = [this](const ChainPass&) { told += 'C'; };
     observer.enginesover = [this](const ChainPass&) { told += 'E'; };
     observer.enginestands = [this](const EngineStage& stage) {
@@ -78,7 +78,7 @@ TEST_F(Chain, TheSameBytesAgainBehindAFitThatWasStoppedAndOneThatFailed) {
   run.model.use1.row(0)[2] = Use::outcome;
   const Failure failure = fit();
   EXPECT_EQ(failure.row, ownwords);
-  EXPECT_NE(failure.consolewords.find("between 0 and 1"), std::string::npos);
+  EXPECT_NE(failure.consolewords.find("must be 0 or 1"), std::string::npos);
   run.model.outvar = 1;
   run.model.use1.row(0)[1] = Use::outcome;
   run.model.use1.row(0)[2] = Use::predictor;

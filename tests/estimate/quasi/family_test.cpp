@@ -65,6 +65,7 @@ TEST(MacroTest, CountsWhatHasChanged) {
     const char* what;
     double now[3], previous[3], stop;
     bool settled;
+    double errors[3] = {0, 0, 0};
   };
   const Case cases[] = {
       {"nothing moved", {1, 1, 1}, {1, 1, 1}, 1e-4, true},
@@ -78,17 +79,22 @@ TEST(MacroTest, CountsWhatHasChanged) {
       {"taubeta moved", {1, 1.001, 1}, {1, 1, 1}, 1e-4, false},
       {"below the least change", {1, 1, 1}, {1, 1, 1}, 1e-9, false},
       {"not a number", {1, 1, NAN}, {1, 1, 1}, 1e-4, false},
+      {"a variance on its way to 0", {1e-7, 1, 1}, {2e-7, 1, 1}, 1e-4, true, {0.01, 0, 0}},
+      {"a larger step near 0", {1e-5, 1, 1}, {2e-5, 1, 1}, 1e-4, false, {0.01, 0, 0}},
+      {"gamma near 0", {1, 1, 1e-6}, {1, 1, -1e-6}, 1e-4, true, {0, 0, 0.1}},
+      {"gamma left 0 far", {1, 1, 5}, {1, 1, 0}, 1e-4, false, {0, 0, 0.1}},
   };
   for (const Case& one : cases)
-    EXPECT_EQ(macrotest(made(one.now[0], one.now[1], one.now[2]),
-                        made(one.previous[0], one.previous[1], one.previous[2]), one.stop),
-              one.settled)
+    EXPECT_EQ(
+        macrotest(made(one.now[0], one.now[1], one.now[2]), made(one.previous[0], one.previous[1], one.previous[2]),
+                  made(one.errors[0], one.errors[1], one.errors[2]), one.stop),
+        one.settled)
         << one.what;
   // Both triangles hold the same; the lower one is looked at.
   Parameters a{2, 1, 1, Array<double>(4), Array<double>(1), Array<double>(1)}, b = a.copy();
   a.taupi[2] = a.taupi[1] = 1.1;
   b.taupi[2] = b.taupi[1] = 1.0;
-  EXPECT_FALSE(macrotest(a, b, 1e-4));
+  EXPECT_FALSE(macrotest(a, b, {2, 1, 1, Array<double>(4), Array<double>(1), Array<double>(1)}, 1e-4));
 }
 
 }  // namespace
