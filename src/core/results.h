@@ -25,7 +25,12 @@ enum class PassKind {
 };
 
 // How the iterations of a stage ended.
-enum class Ending { converged, limit, keyboard };
+enum class Ending {
+  converged,
+  limit,
+  keyboard,
+  lost  // their rule was met at the edge of the variances, but the search for the maximum there found none
+};
 
 // Records and units of the analysis.
 struct UnitCounts {

@@ -294,6 +294,9 @@ kdr3_status kdr3_fit(const kdr3_model* model, const kdr3_observer* observer, kdr
       result->warnings.insert(result->warnings.begin(),
                               results.ending == Ending::keyboard
                                   ? "The iterations were stopped before they had converged."
+                              : results.ending == Ending::lost
+                                  ? "The iterations stopped at the edge of the variance components, but the search for "
+                                    "the maximum there has failed."
                                   : "The iterations reached their limit before they had converged.");
     *made = result.release();
     return (*made)->warnings.empty() ? KDR3_OK : KDR3_WARNING;

@@ -364,7 +364,17 @@ const char* phasename(const PassResults& results) {
 }
 
 const char* endingname(Ending ending) {
-  return ending == Ending::converged ? "converged" : ending == Ending::limit ? "limit" : "keyboard";
+  switch (ending) {
+    case Ending::converged:
+      return "converged";
+    case Ending::limit:
+      return "limit";
+    case Ending::keyboard:
+      return "keyboard";
+    case Ending::lost:
+      return "lost";
+  }
+  return "";
 }
 
 bool isengine(const PassResults& results) {

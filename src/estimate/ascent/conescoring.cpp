@@ -64,7 +64,16 @@ struct Climb {
   void addcurvature();
   [[nodiscard]] Array<double> moved(const Array<double>& from, const Array<double>& by, double factor) const;
   [[nodiscard]] bool restore(Array<double>& point, std::vector<Block>& at) const;
-  [[nodiscard]] bool take(const Array<double>& by, double factor, double promised, const std::vector<Block>& face);
+  struct Trial {
+    Array<double> point{};
+    std::vector<Block> face{};
+    double value = 0.0;
+    [[nodiscard]] bool empty() const { return point.empty(); }
+  };
+  [[nodiscard]] Trial attempt(const Array<double>& by, double factor, double least,
+                              const std::vector<Block>& face) const;
+  void take(Trial trial);
+  [[nodiscard]] double leastgain(double promised) const;
   [[nodiscard]] bool newton();
   struct Release {
     std::size_t block = 0;
@@ -156,32 +165,26 @@ Array<double> Climb::solve(const Array<double>& x) const {
   return y;
 }
 
-// H^-1 A'(A H^-1 A')^+ w. Functionals that no free parameter moves, and those that say what others have said, have no
-// multiplier.
+// H^-1 A'(A H^-1 A')^+ w. Where functionals say the same, as under restrictions, the multipliers are the shortest, as a
+// matrix. No eigenvalue of A H^-1 A' is small but for these: those of H are not large, and A is in standard errors.
 Correction Climb::meet(const Functionals& functionals) const {
-  constexpr double independent = 1.0e-10;
+  constexpr double independent = 1.0e-9, rounding = 1.0e-13;
   const std::size_t n = functionals.count();
   Correction correction{Array<double>(m), Array<double>(n)};
   std::vector<Array<double>> solved;
-  Array<double> M(n * n), size(n), values(n), Q(n * n);
+  Array<double> M(n * n), values(n), Q(n * n), row(m);
   for (std::size_t i = 0; i < n; ++i) {
-    Array<double> row(m);
     std::copy_n(functionals.rows.data() + i * m, m, row.data());
     solved.push_back(solve(row));
-    size[i] = std::sqrt(std::max(dot(row.data(), solved[i].data(), m), 0.0));
   }
   for (std::size_t i = 0; i < n; ++i)
-    for (std::size_t j = 0; j < n; ++j)
-      if (size[i] > 0.0 && size[j] > 0.0)
-        M[i * n + j] = dot(functionals.rows.data() + i * m, solved[j].data(), m) / (size[i] * size[j]);
+    for (std::size_t j = 0; j < n; ++j) M[i * n + j] = dot(functionals.rows.data() + i * m, solved[j].data(), m);
   spectrum(n, M.data(), values.data(), Q.data());
   for (std::size_t l = 0; l < n; ++l) {
-    if (values[l] <= independent) continue;
+    if (values[l] <= std::max(independent, rounding * values[n - 1])) continue;
     double share = 0.0;
-    for (std::size_t i = 0; i < n; ++i)
-      if (size[i] > 0.0) share += Q[i * n + l] * functionals.wanted[i] / size[i];
-    for (std::size_t i = 0; i < n; ++i)
-      if (size[i] > 0.0) correction.multipliers[i] += Q[i * n + l] * share / (values[l] * size[i]);
+    for (std::size_t i = 0; i < n; ++i) share += Q[i * n + l] * functionals.wanted[i];
+    for (std::size_t i = 0; i < n; ++i) correction.multipliers[i] += Q[i * n + l] * share / values[l];
   }
   for (std::size_t i = 0; i < n; ++i)
     for (std::size_t a = 0; a < m; ++a) correction.step[a] += correction.multipliers[i] * solved[i][a];
@@ -304,23 +307,35 @@ bool Climb::restore(Array<double>& point, std::vector<Block>& face) const {
   return false;
 }
 
-// The point behind a step, if the function rises there by a share of what the step promises.
-bool Climb::take(const Array<double>& by, double factor, double promised, const std::vector<Block>& face) {
-  Array<double> point = moved(result.point, by, factor);
-  std::vector<Block> reached = copyof(face);
-  if (!restore(point, reached)) return false;
-  const Evaluation trial = problem.test(point);
-  const double slack = policy.rounding * std::fabs(result.value);
-  if (!trial.usable || !(trial.value >= result.value + policy.rise * factor * promised - slack)) return false;
-  // A step whose gain drowns in rounding must not go on for ever.
-  if (trial.value <= result.value && promised < policy.coarse) return false;
-  result.point = std::move(point);
-  blocks = std::move(reached);
-  return true;
+// The point behind a step, if the function rises there by `least`; empty otherwise.
+Climb::Trial Climb::attempt(const Array<double>& by, double factor, double least,
+                            const std::vector<Block>& face) const {
+  Trial trial{moved(result.point, by, factor), copyof(face), 0.0};
+  const auto refuse = [&] { return Trial{}; };
+  if (!restore(trial.point, trial.face)) return refuse();
+  const Evaluation reached = problem.test(trial.point);
+  if (!reached.usable || !(reached.value >= result.value + least)) return refuse();
+  trial.value = reached.value;
+  return trial;
 }
 
-// The best step, halved until it is one that rises; with ridges where none does.
+void Climb::take(Trial trial) {
+  result.point = std::move(trial.point);
+  result.value = trial.value;
+  blocks = std::move(trial.face);
+}
+
+// What a step has to gain of what the score promises along it. Rounding may hide it, but a step whose gain drowns must
+// not go on for ever.
+double Climb::leastgain(double promised) const {
+  return promised < policy.coarse ? policy.rise * promised
+                                  : policy.rise * promised - policy.rounding * std::fabs(result.value);
+}
+
+// The best step, halved until it is one that rises; with ridges where none does. A whole step that gains much more than
+// the half that a quadratic function would is doubled as long as that gains.
 bool Climb::newton() {
+  constexpr double straight = 0.75;
   for (int grown = 0; grown < policy.ridges; ++grown) {
     if (grown > 0) {
       ridge = grown == 1 ? 1.0e-3 : 30.0 * ridge;
@@ -328,8 +343,20 @@ bool Climb::newton() {
     }
     const double promised = dot(score.data(), step.data(), m);
     double factor = 1.0;
-    for (int halving = 0; halving <= policy.halvings; ++halving, factor *= 0.5)
-      if (take(step, factor, promised, blocks)) return true;
+    for (int halving = 0; halving <= policy.halvings; ++halving, factor *= 0.5) {
+      Trial trial = attempt(step, factor, leastgain(factor * promised), blocks);
+      if (trial.empty()) continue;
+      for (int doubling = 1; halving == 0 && doubling <= policy.halvings; ++doubling) {
+        const double gain = trial.value - result.value;
+        if (gain < straight * factor * promised) break;
+        factor *= 2.0;
+        Trial farther = attempt(step, factor, gain, blocks);
+        if (farther.empty()) break;
+        trial = std::move(farther);
+      }
+      take(std::move(trial));
+      return true;
+    }
   }
   return false;
 }
@@ -386,7 +413,10 @@ bool Climb::letgo(const Release& release) {
   face[release.block].lacking -= release.rank;
   double factor = 0.5 * release.slope / release.curvature;
   for (int halving = 0; halving <= 3 * policy.halvings; ++halving, factor *= 0.5)
-    if (take(release.direction, factor, release.slope, face)) return true;
+    if (Trial trial = attempt(release.direction, factor, leastgain(factor * release.slope), face); !trial.empty()) {
+      take(std::move(trial));
+      return true;
+    }
   return false;
 }
 

@@ -17,7 +17,8 @@ namespace kdr {
 
 namespace {
 
-// Columns of the units: Y (or r) first, then those of B. Z2 are the first b of B.
+// Columns of the units: Y (or r) first, then those of B. Z2 are the first b of B, which have its scale here; what
+// multiplies them as columns of B, theta and W3, is divided by it.
 int columnsof(const Pass& pass) { return 1 + pass.nbeta; }
 constexpr int firstB = 1;
 
@@ -46,11 +47,19 @@ void pseudoinverse(const double* S, int p, Array<double>& X) {
 // [Y | B]'[Y | B] of a level-3 unit.
 void crossproducts(const Pass& pass, int k, double* S) {
   const int C = columnsof(pass), nb = pass.nbeta;
+  const auto scale = [&](int i) { return i < pass.b ? pass.scale3[k] : 1.0; };
   S[0] = pass.sumYY[k];
   for (int i = 0; i < nb; ++i) {
-    S[firstB + i] = S[(firstB + i) * C] = pass.sumBY.row(k)[i];
-    for (int j = 0; j < nb; ++j) S[(firstB + i) * C + firstB + j] = pass.sumBB.row(k)[i * nb + j];
+    S[firstB + i] = S[(firstB + i) * C] = scale(i) * pass.sumBY.row(k)[i];
+    for (int j = 0; j < nb; ++j) S[(firstB + i) * C + firstB + j] = scale(i) * scale(j) * pass.sumBB.row(k)[i * nb + j];
   }
+}
+
+// [Y | B]'A of a level-2 unit of k: B'Z1 stands behind Z1'Y.
+void takeproducts(const Pass& pass, int k, const double* hot, double* S) {
+  const int p = pass.p;
+  std::copy_n(hot + pass.store.atZ1Y, at(columnsof(pass) * p), S);
+  for (int i = firstB * p; i < (firstB + pass.b) * p; ++i) S[i] *= pass.scale3[k];
 }
 
 // A column that Z1 explains but for rounding is left nothing.
@@ -141,11 +150,11 @@ void takeresidual(double* rows, int nb, int p, const double* theta) {
     for (int i = 0; i < p; ++i) rows[i] -= theta[m] * rows[(firstB + m) * p + i];
 }
 
-void takeunit(const Pass& pass, const double* hot, const double* coefficients, const double* theta, Level2Unit& unit) {
-  const std::size_t size = unit.S.size();
+void takeunit(const Pass& pass, int k, const double* hot, const double* coefficients, const double* theta,
+              Level2Unit& unit) {
   unpack(pass.p, hot, unit.SAA.data());
-  std::copy_n(hot + pass.store.atZ1Y, size, unit.S.data());  // B'Z1 stands behind Z1'Y
-  std::copy_n(coefficients, size, unit.beta.data());
+  takeproducts(pass, k, hot, unit.S.data());
+  std::copy_n(coefficients, unit.beta.size(), unit.beta.data());
   takeresidual(unit.S.data(), pass.nbeta, pass.p, theta);
   takeresidual(unit.beta.data(), pass.nbeta, pass.p, theta);
 }
@@ -200,6 +209,9 @@ void beginunit(const Pass& pass, const MarginalSums& sums, const Estimates& at0,
                Level3Unit& unit) {
   level3weights(pass, k, unit.weights.data());
   level2means(pass.design, unit.weights.data(), gamma, unit.theta.data());
+  for (int i = 0; i < pass.b; ++i) unit.theta[i] /= pass.scale3[k];
+  for (std::size_t i = 0; i < unit.weights.size(); ++i)
+    if (pass.design.owner3[i] < pass.b) unit.weights[i] /= pass.scale3[k];
   std::copy_n(sums.residual.row(k), unit.G1.size(), unit.G1.data());
   takeresidual(unit.G1.data(), pass.nbeta, unit.theta.data());
   const double s = at0.sigma2;
@@ -570,16 +582,16 @@ Failure makemarginalsums(Pass& pass, MarginalSums& sums) {
                               at(pass.mdm().nunits2) * at(C * p) * sizeof(double) <= pass.analysis->store.budget,
                           pass.analysis->store.window, &pass.observer()});
   sums.residual.reset(at(pass.mdm().nunits3), square(C));
-  Array<double> SAA(square(p)), inverse(square(p)), whole(square(C));
+  Array<double> S(at(C * p)), SAA(square(p)), inverse(square(p)), whole(square(C));
   sweepunits(
       pass.n2of, [&](int k) { crossproducts(pass, k, sums.residual.row(k)); },
       [&](int k, std::size_t, const double* hot) {
         unpack(p, hot, SAA.data());
         pseudoinverse(SAA.data(), p, inverse);
         double* const beta = sums.coefficients.append();
-        const double* const S = hot + pass.store.atZ1Y;
-        mulAB(beta, S, inverse.data(), C, p, p);
-        subABt(sums.residual.row(k), S, beta, C, C, p);
+        takeproducts(pass, k, hot, S.data());
+        mulAB(beta, S.data(), inverse.data(), C, p, p);
+        subABt(sums.residual.row(k), S.data(), beta, C, C, p);
       },
       [&](int k) {
         crossproducts(pass, k, whole.data());
@@ -602,8 +614,8 @@ MarginalValue marginalvalue(Pass& pass, MarginalSums& sums, const Estimates& the
   double logdet = (pass.nunits1 - static_cast<double>(pass.mdm().nunits2) * p) * std::log(theta.sigma2);
   sweepunits(
       pass.n2of, [&](int k) { beginunit(pass, sums, theta, theta.gammahat.data(), k, unit3); },
-      [&](int, std::size_t, const double* hot, const double* coefficients) {
-        takeunit(pass, hot, coefficients, unit3.theta.data(), unit2);
+      [&](int k, std::size_t, const double* hot, const double* coefficients) {
+        takeunit(pass, k, hot, coefficients, unit3.theta.data(), unit2);
         resolveunit(pass, theta, unit2);
         addABt(unit3.G1.data(), unit2.beta.data(), unit2.H1.data(), C, C, p);
         logdet += unit2.logdet;
@@ -661,7 +673,7 @@ MarginalDerivatives marginalderivatives(Pass& pass, MarginalSums& sums, const Es
       [&](int k, std::size_t, const double* hot, const double* coefficients) {
         const auto eachunit = [&](auto use) {
           for (std::size_t j = 0; j < at(pass.n2of[k]); ++j) {
-            takeunit(pass, hot + j * stride2, coefficients + j * strideC, unit3.theta.data(), unit2);
+            takeunit(pass, k, hot + j * stride2, coefficients + j * strideC, unit3.theta.data(), unit2);
             resolveunit(pass, theta, unit2);
             resolvehigher(pass, s, unit2);
             use();
