@@ -162,6 +162,8 @@ struct PassResults {
   double loglik = missingcode;
   double marginal = missingcode;  // of an engine: the log-likelihood with all its constants
   long long parameters = 0;       // that the model estimates
+  int rounds = 0;                 // of a population average: its passes
+  bool unsettled = false;         // they met their limit
 
   Estimates est;  // at the end
   TauErrors errors;

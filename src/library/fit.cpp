@@ -220,6 +220,7 @@ Failure chainfit(Values& values, const Analysis& analysis, kdr3_result& result) 
   MacroState& state = fit.state;
   result.counts = countsof(fit.pass);
   warn(result, unsettledwords(state.unitspecific));
+  if (state.average) warn(result, unsettledaverage(*state.average));
   for (const std::string& words : state.unitspecific.warnings) warn(result, words);
   const bool quadrature = state.quadrature.has_value(), laplace = state.laplace6.has_value();
   result.results = std::move(quadrature ? *state.quadrature : laplace ? *state.laplace6 : state.unitspecific);

@@ -73,7 +73,6 @@ struct Climb {
   [[nodiscard]] Trial attempt(const Array<double>& by, double factor, double least,
                               const std::vector<Block>& face) const;
   void take(Trial trial);
-  [[nodiscard]] double leastgain(double promised) const;
   [[nodiscard]] bool newton();
   struct Release {
     std::size_t block = 0;
@@ -307,14 +306,18 @@ bool Climb::restore(Array<double>& point, std::vector<Block>& face) const {
   return false;
 }
 
-// The point behind a step, if the function rises there by `least`; empty otherwise.
+// The point behind a step, if the function rises there by more than `least` and by a share of what the score promises
+// of the way that is left of the step.
 Climb::Trial Climb::attempt(const Array<double>& by, double factor, double least,
                             const std::vector<Block>& face) const {
   Trial trial{moved(result.point, by, factor), copyof(face), 0.0};
-  const auto refuse = [&] { return Trial{}; };
-  if (!restore(trial.point, trial.face)) return refuse();
+  if (!restore(trial.point, trial.face)) return {};
   const Evaluation reached = problem.test(trial.point);
-  if (!reached.usable || !(reached.value >= result.value + least)) return refuse();
+  if (!reached.usable) return {};
+  double promised = 0.0;
+  for (std::size_t e = 0; e < trial.point.size(); ++e)
+    if (problem.free[e] >= 0) promised += there.score[e] * (trial.point[e] - result.point[e]);
+  if (!(reached.value > result.value + std::max(least, policy.rise * promised))) return {};
   trial.value = reached.value;
   return trial;
 }
@@ -323,13 +326,6 @@ void Climb::take(Trial trial) {
   result.point = std::move(trial.point);
   result.value = trial.value;
   blocks = std::move(trial.face);
-}
-
-// What a step has to gain of what the score promises along it. Rounding may hide it, but a step whose gain drowns must
-// not go on for ever.
-double Climb::leastgain(double promised) const {
-  return promised < policy.coarse ? policy.rise * promised
-                                  : policy.rise * promised - policy.rounding * std::fabs(result.value);
 }
 
 // The best step, halved until it is one that rises; with ridges where none does. A whole step that gains much more than
@@ -344,7 +340,7 @@ bool Climb::newton() {
     const double promised = dot(score.data(), step.data(), m);
     double factor = 1.0;
     for (int halving = 0; halving <= policy.halvings; ++halving, factor *= 0.5) {
-      Trial trial = attempt(step, factor, leastgain(factor * promised), blocks);
+      Trial trial = attempt(step, factor, 0.0, blocks);
       if (trial.empty()) continue;
       for (int doubling = 1; halving == 0 && doubling <= policy.halvings; ++doubling) {
         const double gain = trial.value - result.value;
@@ -413,7 +409,7 @@ bool Climb::letgo(const Release& release) {
   face[release.block].lacking -= release.rank;
   double factor = 0.5 * release.slope / release.curvature;
   for (int halving = 0; halving <= 3 * policy.halvings; ++halving, factor *= 0.5)
-    if (Trial trial = attempt(release.direction, factor, leastgain(factor * release.slope), face); !trial.empty()) {
+    if (Trial trial = attempt(release.direction, factor, 0.0, face); !trial.empty()) {
       take(std::move(trial));
       return true;
     }

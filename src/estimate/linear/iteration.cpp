@@ -174,8 +174,8 @@ void testconvergence(const Pass& pass, IterationState& state, const Attempt& att
   if (std::fabs(gain) < leastgain) gain = leastgain;
   if (likelihood.current < likelihood.previous) state.scoringover = true;
   const bool met = 0.0 <= gain && gain <= pass.plan.stopval && state.iteration != state.limit;
-  state.converged = met && plain;
-  state.confirming = met && !plain;
+  state.converged = (met && plain) || (state.attop && state.iteration != state.limit);
+  state.confirming = met && !state.converged;
 }
 
 // At the limit a linear run may go on.
@@ -202,6 +202,7 @@ bool movetomaximum(Pass& pass, IterationState& state, double least) {
     pass.repaired = false;
     if (std::optional<Estimates> other = sharedstart(pass)) found = searchedge(pass, *other, least);
   }
+  state.attop = linear && !found.failed && found.gain == 0.0;
   if (found.gain == 0.0) return false;
   pass.est = std::move(found.est);
   tellobserver(pass.observer().searched, SearchEvent{pass.plan.kind, pass.plan.macro, state.iteration, found.gain});
@@ -245,6 +246,7 @@ Failure iterate(Pass& pass, IterationState& state) {
   state.nextsearch = state.searching ? firstsearch : firstedgesearch;
   tellobserver(pass.observer().stagebegins);
   for (state.iteration = 1; state.iteration <= state.limit; ++state.iteration) {
+    state.attop = false;
     if (state.iteration == state.nextsearch) {
       state.nextsearch *= 2;
       movetomaximum(pass, state, leastgainwhenslow);
