@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include "core/formatted.h"
 #include "driver/failures.h"
@@ -19,38 +20,6 @@ namespace {
 void say(const char* words) {
   std::printf("%s", words);
   std::fflush(stdout);
-}
-
-// The lines of a failure; empty for none, and for one that has no words of its own.
-const char* laplaceproblem(EngineFailure failure) {
-  switch (failure) {
-    case EngineFailure::centre2:
-      return "Cannot compute Laplace6 inv[C]";
-    case EngineFailure::centre3:
-      return "Cannot compute Laplace6 V22";
-    case EngineFailure::notdefinite:
-      return "Unable to invert H in Laplace";
-    default:
-      return "";
-  }
-}
-const char* quadratureproblem(EngineFailure failure) {
-  switch (failure) {
-    case EngineFailure::toomanyeffects:
-      return "There are too many random effects for AGQ!";
-    case EngineFailure::nodes:
-      return "Too many iterations in gauher!";
-    case EngineFailure::centre3:
-      return "Unable to compute AGQ T(hat)(beta)";
-    case EngineFailure::centre2:
-      return "Unable to compute AGQ T(hat)(pi)";
-    case EngineFailure::notdefinite:
-      return "Unable to compute adaptive Gaussian Hessian";
-    case EngineFailure::nostep:
-      return "Unable to compute adaptive Gaussian Tau";
-    default:
-      return "";
-  }
 }
 
 }  // namespace
@@ -93,7 +62,7 @@ void tellengine(Engine engine, const EngineEvent& event) {
   if (event.failure == EngineFailure::unsettled)
     say(formatted("The modes of the random effects have not settled after %d sweeps of Laplace6\n", event.number)
             .c_str());
-  const char* words = laplace ? laplaceproblem(event.failure) : quadratureproblem(event.failure);
+  const char* words = problemwords(engine, event.failure);
   if (*words != 0 && event.failure != EngineFailure::nodes) say(formatted("%s\n", words).c_str());
 }
 
@@ -105,9 +74,8 @@ void tellunconverged(const char* engine, const EngineStage& stage) {
   notconverged(std::string("The iterations of ") + engine + " were stopped prior to convergence.\n");
 }
 
-void tellwarning(const std::string& words) {
-  reportline("%s", words.c_str());
-  documentwarning(words);
+void tellwarnings(const std::vector<std::string>& warnings) {
+  for (const std::string& warning : warnings) std::printf("%s\n", warning.c_str());
 }
 
 void tellboth(const std::string& words) {
@@ -123,9 +91,10 @@ void variancefiles(const char* taus, const char* gammas, const PassResults& resu
 
 void telllaplace(const EngineStage& stage) {
   const PassResults& results = stage.results;
+  const bool moving = !run.control.agqfixed;
+  if (moving) tellwarnings(stage.fit.warnings);
   if (!stage.takenover) {
-    laplacefailed();
-    documentwarning("Fisher scoring is unable to compute a Laplace-6 estimate within the parameter space.");
+    laplacefailed(moving ? stage.fit.warnings : std::vector<std::string>{});
     notconverged("Unable to produce Laplace results.\n");
     markreport();
     return;
@@ -133,11 +102,12 @@ void telllaplace(const EngineStage& stage) {
   const bool estimated = stage.fit.end == EngineEnd::estimated;
   tellunconverged("Laplace-6", stage);
   if (estimated) {
-    documentpass(results);
     laplacetables(results, !stage.finalcall);
   } else {
     reportline("Laplace-6 has made no iteration: the likelihood is that of quasi-likelihood.");
   }
+  // Terms of the sixth order that aren't small: the maximum is found, but may be none to go by.
+  if (moving && results.ending == Ending::converged && !results.warnings.empty()) notconverged("");
   modelstatistics(results);
   markreport();
   if (estimated) std::printf("The marginal log-likelihood = %E\n", results.marginal);
@@ -148,39 +118,31 @@ void tellquadrature(const EngineStage& stage) {
   const PassResults& results = stage.results;
   const bool estimated = stage.fit.end == EngineEnd::estimated, moving = !run.control.agqfixed;
   if (moving) {
-    for (const std::string& warning : stage.fit.warnings) std::printf("%s\n", warning.c_str());
+    tellwarnings(stage.fit.warnings);
     if (estimated)
       std::printf("%s\nThe marginal log-likelihood = %E\n", pointsline(results.quadrature).c_str(), results.marginal);
   }
   tellunconverged("quadrature", stage);
   if (estimated) {
-    documentpass(results);
     quadraturetables(results);
   } else {
     if (stage.fit.failure == EngineFailure::nodes) reportbreak();
     if (stage.fit.failure == EngineFailure::none) {
       reportline("Quadrature has no results.");
     } else {
-      tellwarning(quadratureproblem(stage.fit.failure));
+      reportline("%s", problemwords(stage.engine, stage.fit.failure));
     }
-    for (const std::string& warning : stage.fit.warnings) tellwarning(warning);
+    for (const std::string& warning : stage.fit.warnings) reportline("%s", warning.c_str());
   }
-  for (const std::string& warning : stage.behind) {
-    tellwarning(warning);
-    std::printf("%s\n", warning.c_str());
-  }
+  for (const std::string& warning : stage.behind) tellboth(warning);
   if (!stage.takenover) {
     notconverged("");
-    if (estimated) documentending(false);
     tellboth("The run goes on with the estimates that quadrature started from.");
     markreport();
     return;
   }
   // Points that fail their check are no end that was asked for.
-  if (moving && results.ending == Ending::converged && !results.warnings.empty()) {
-    notconverged("");
-    documentending(false);
-  }
+  if (moving && results.ending == Ending::converged && !results.warnings.empty()) notconverged("");
   if (estimated) {
     modelstatistics(results);
   } else {
@@ -193,6 +155,7 @@ void tellquadrature(const EngineStage& stage) {
 }  // namespace
 
 void tellenginestage(const EngineStage& stage) {
+  documentengine(stage);
   stage.engine == Engine::laplace6 ? telllaplace(stage) : tellquadrature(stage);
 }
 

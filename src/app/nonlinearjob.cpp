@@ -9,7 +9,6 @@
 
 #include "app/enginelines.h"
 #include "app/seriesrun.h"
-#include "command/categories.h"
 #include "driver/failures.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
@@ -79,7 +78,6 @@ void averageends(const PassResults& results) {
   if (results.unsettled && results.ending != Ending::keyboard) {
     const std::string words = unsettledaverage(results);
     notconverged(words + "\n");
-    documentwarning(words);
     reportwarning(words);
   }
   const bool unfinished = results.ending == Ending::limit && results.fixsigma2 == 0.0;
@@ -113,7 +111,7 @@ void tellpass(const ChainPass& pass) {
 
 void tellmacroend(const MacroEvent& event) {
   const PassResults& results = event.results;
-  if (results.kind != PassKind::identity) documentending(event.end == MacroEnd::converged);
+  documentmacroend(event);
   switch (event.end) {
     case MacroEnd::goeson:
       if (results.kind == PassKind::identity) markreport();
@@ -135,7 +133,6 @@ void tellmacroend(const MacroEvent& event) {
   const std::string words = unsettledwords(results);
   if (words.empty()) return;
   notconverged(words + "\n");
-  documentwarning(words);
   reportwarning(words);
 }
 

@@ -357,48 +357,108 @@ bool Climb::newton() {
   return false;
 }
 
-// The direction off the edge that promises most: of the largest slope in one matrix, or all of its rising ones.
+// Adds up y U_l U_l' over the eigenvectors of a symmetric matrix whose eigenvalues are above 0: its projection onto the
+// cone. `last`: over the largest alone. Returns how many there are.
+int positivepart(const Array<double>& Y, int k, bool last, Array<double>& part) {
+  Array<double> y(at(k)), U(square(k));
+  spectrum(at(k), Y.data(), y.data(), U.data());
+  part.reset(square(k));
+  int rank = 0;
+  for (int l = last ? k - 1 : 0; l < k; ++l) {
+    if (!(y[at(l)] > 1.0e-9 * std::fabs(y[at(k) - 1]))) continue;
+    ++rank;
+    for (int i = 0; i < k; ++i)
+      for (int j = 0; j < k; ++j) part[at(i * k + j)] += U[at(i * k + l)] * U[at(j * k + l)] * y[at(l)];
+  }
+  return rank;
+}
+
+// A symmetric matrix as functionals have it, and the reverse.
+Array<double> packedof(const Array<double>& M, int k) {
+  Array<double> packed(packedsize(k));
+  eachelement(k, [&](int e, int i, int j) { packed[at(e)] = (i == j ? 1.0 : std::sqrt(2.0)) * M[at(i * k + j)]; });
+  return packed;
+}
+Array<double> fullof(const Array<double>& packed, int k) {
+  Array<double> M(square(k));
+  eachelement(k, [&](int e, int i, int j) {
+    M[at(i * k + j)] = M[at(j * k + i)] = packed[at(e)] / (i == j ? 1.0 : std::sqrt(2.0));
+  });
+  return M;
+}
+
+// What of N'TN free parameters can make: the projection of packed matrices onto the columns of m functionals, n rows.
+Array<double> reachable(const double* rows, std::size_t n, std::size_t m) {
+  constexpr double independent = 1.0e-9;
+  Array<double> M(n * n), values(n), Q(n * n), P(n * n);
+  mulABt(M.data(), rows, rows, static_cast<int>(n), static_cast<int>(n), static_cast<int>(m));
+  spectrum(n, M.data(), values.data(), Q.data());
+  for (std::size_t l = 0; l < n; ++l)
+    if (values[l] > independent * values[n - 1])
+      for (std::size_t i = 0; i < n; ++i)
+        for (std::size_t j = 0; j < n; ++j) P[i * n + j] += Q[i * n + l] * Q[j * n + l];
+  return P;
+}
+
+// The nearest matrix to Y that is in the cone and that parameters can make, by alternating projections with Dykstra's
+// correction for that onto the cone. It is 0 where no direction off the edge rises.
+Array<double> steepestway(const Array<double>& Y, int k, const Array<double>& P) {
+  constexpr int rounds = 300;
+  const int n = static_cast<int>(packedsize(k));
+  Array<double> now = packedof(Y, k), taken(at(n)), part, next(at(n));
+  for (int round = 0; round < rounds; ++round) {
+    for (int i = 0; i < n; ++i) now[at(i)] += taken[at(i)];
+    static_cast<void>(positivepart(fullof(now, k), k, false, part));
+    const Array<double> inside = packedof(part, k);
+    for (int i = 0; i < n; ++i) taken[at(i)] = now[at(i)] - inside[at(i)];
+    mulAB(next.data(), P.data(), inside.data(), n, 1, n);
+    std::swap(now, next);
+  }
+  return fullof(now, k);
+}
+
+// The direction off the edge that promises most: of the largest slope in one matrix; under restrictions of its elements
+// the steepest that these allow.
 Climb::Release Climb::release() const {
+  constexpr double feasible = 1.0e-6;
   Release best;
-  std::size_t place = 0;
+  const Functionals whole = held(blocks);
+  std::size_t first = 0;
   for (std::size_t which = 0; which < blocks.size(); ++which) {
-    const Block& block = blocks[which];
-    const int k = block.lacking;
+    const int k = blocks[which].lacking;
+    const std::size_t n = packedsize(k), mine = first;
+    first += n;
     if (k == 0) continue;
-    const Array<double> Y = multiplierof(block, multipliers, place);
-    Array<double> y(at(k)), U(square(k));
-    spectrum(at(k), Y.data(), y.data(), U.data());
-    if (!(y[at(k) - 1] > 0.0)) continue;
-    for (const bool all : {false, true}) {
-      // What N'TN is to become: the last eigenvector's square, or all with positive slopes by their size.
-      Array<double> target(square(k));
-      int rank = 0;
-      for (int l = all ? 0 : k - 1; l < k; ++l) {
-        if (!(y[at(l)] > 0.0)) continue;
-        ++rank;
-        for (int i = 0; i < k; ++i)
-          for (int j = 0; j < k; ++j)
-            target[at(i * k + j)] += U[at(i * k + l)] * U[at(j * k + l)] * y[at(l)] / y[at(k) - 1];
-      }
-      Functionals functionals = held(blocks);
-      std::size_t row = 0;
-      for (std::size_t other = 0; other < blocks.size(); ++other)
-        for (int i = 0; i < blocks[other].lacking; ++i)
-          for (int j = 0; j <= i; ++j, ++row)
-            functionals.wanted[row] = other == which ? (i == j ? 1.0 : std::sqrt(2.0)) * target[at(i * k + j)] : 0.0;
-      Release found{which, 0.0, 0.0, 0.0, rank, meet(functionals).step};
-      bool feasible = true;
-      for (std::size_t i = 0; i < functionals.count(); ++i)
-        feasible = feasible && std::fabs(dot(functionals.rows.data() + i * m, found.direction.data(), m) -
-                                         functionals.wanted[i]) < 1.0e-6;
-      if (!feasible) continue;
-      found.slope = dot(score.data(), found.direction.data(), m);
-      Array<double> bent(m);
-      mulAB(bent.data(), H.data(), found.direction.data(), static_cast<int>(m), 1, static_cast<int>(m));
-      found.curvature = dot(bent.data(), found.direction.data(), m);
-      found.gain = found.slope > 0.0 && found.curvature > 0.0 ? found.slope * found.slope / found.curvature : 0.0;
-      if (found.gain > best.gain) best = std::move(found);
+    std::size_t place = mine;
+    const Array<double> Y = multiplierof(blocks[which], multipliers, place);
+    Array<double> target;
+    int rank = positivepart(Y, k, true, target);
+    if (rank == 0) continue;
+    const Array<double> P = reachable(whole.rows.data() + mine * m, n, m);
+    Array<double> packed = packedof(target, k), made(n);
+    const int rows = static_cast<int>(n);
+    mulAB(made.data(), P.data(), packed.data(), rows, 1, rows);
+    double off = 0.0, size = 0.0;
+    for (std::size_t i = 0; i < n; ++i) {
+      off += (made[i] - packed[i]) * (made[i] - packed[i]);
+      size += packed[i] * packed[i];
     }
+    if (off > feasible * feasible * size) {
+      target = steepestway(Y, k, P);
+      packed = packedof(target, k);
+      Array<double> part;
+      rank = positivepart(target, k, false, part);
+      if (rank == 0 || dot(packed.data(), packed.data(), n) < feasible * feasible * size) continue;
+    }
+    Functionals functionals{m, whole.rows, std::vector<double>(whole.count(), 0.0)};
+    for (std::size_t i = 0; i < n; ++i) functionals.wanted[mine + i] = packed[i];
+    Release found{which, 0.0, 0.0, 0.0, rank, meet(functionals).step};
+    found.slope = dot(score.data(), found.direction.data(), m);
+    Array<double> bent(m);
+    mulAB(bent.data(), H.data(), found.direction.data(), static_cast<int>(m), 1, static_cast<int>(m));
+    found.curvature = dot(bent.data(), found.direction.data(), m);
+    found.gain = found.slope > 0.0 && found.curvature > 0.0 ? found.slope * found.slope / found.curvature : 0.0;
+    if (found.gain > best.gain) best = std::move(found);
   }
   return best;
 }
