@@ -61,6 +61,7 @@ Failure settlestart(Pass& pass, Tau which, const StartMoments& moments, Starting
   const Array<double>& t = pi ? pass.est.taupi : pass.est.taubeta;
   if (usablecovariance(t.data(), pi ? pass.p : pass.b) && code != FixTau::always) return {};
   if (Failure failure = fixtau(pass, which, pi ? moments.taupi : moments.taubeta, code)) return failure;
+  pass.repaired = true;
   event.part = pi ? StartingEvent::Part::repairedtaupi : StartingEvent::Part::repairedtaubeta;
   tellobserver(pass.observer().starting, event);
   return {};

@@ -98,7 +98,7 @@ void predict(const Pass& pass, Step& step) {
       step.x[c] = place < 0 ? 1.0 : values[place];
       eta += step.x[c] * step.beta[c];
     }
-    step.eta[i] = step.kind.marginal ? corrected(pass, step, step.x.data(), eta) : eta;
+    step.eta[i] = step.kind.predictor == Predictor::corrected ? corrected(pass, step, step.x.data(), eta) : eta;
   }
 }
 
@@ -162,7 +162,7 @@ Step makestep(const Pass& pass, const MacroState& state, const WorkingStep& kind
 
 // The first step drops the variables that the model has no use for. A later one writes only if Z is wanted.
 Failure startrewriting(const MacroState& state, const WorkingStep& kind, Rewriting& to) {
-  if (!kind.first && (kind.marginal || state.layout.outcome < 0)) return {};
+  if (!kind.first && (kind.predictor != Predictor::conditional || state.layout.outcome < 0)) return {};
   if (Failure failure = startworking(to.file)) return failure;
   to.layout = workinglayout(state.analysis);
   to.unit.records.reset(at(state.analysis.mdm.maxnj) * at(to.layout.width));
@@ -187,9 +187,10 @@ Failure prepareworkingdata(Pass& pass, MacroState& state, const WorkingStep& kin
         if (!neededunit(state.reader, step.unit)) step.failure = state.reader.failure;
         if (step.failure) return;
         const UnitBlock& unit = step.unit;
-        const Array<double>& means = kind.marginal ? step.means.theta : step.means.thetastar;
+        const bool conditional = kind.predictor == Predictor::conditional;
+        const Array<double>& means = conditional ? step.means.thetastar : step.means.theta;
         level2coefficients(pass, unit.level2.data(), means.data(), step.beta.data());
-        if (!kind.marginal) addlevel2effects(pass, j, hot + pass.store.atustar, step.beta.data());
+        if (conditional) addlevel2effects(pass, j, hot + pass.store.atustar, step.beta.data());
         lookover(step);
         predict(pass, step);
         makeworking(step);
