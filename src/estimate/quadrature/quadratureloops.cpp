@@ -158,102 +158,142 @@ void poisson(const NodePairs& a) {
   }
 }
 
-// Densities that have no floor, and their moments. Each takes its four nodes through all records, with the sums in
-// registers: N columns of x where the compiler knows their number, else 0 and the gradient in memory.
-template <int D, int N>
-struct NodeSums {
-  const NodePairs& a;
-  const std::size_t p;
-  Lane node[D > 0 ? D : 1];
-  Lane gradient[N > 0 ? N : 1];
+// Densities of a unit whose linear predictor is a part of the level-3 node and one of the level-2 node. The exponential
+// of their sum is the product of theirs, so that exponentials are taken of records and nodes of one level, not of
+// pairs. Each function takes its four nodes through all records, with the sums in registers: N columns of x and their
+// products where the compiler knows the number, else 0 and the sums in memory.
+constexpr double largestpart = 345.0;  // the product of two exponentials stays a number
 
-  NodeSums(const NodePairs& pairs, std::size_t first) : a(pairs), p(first) {
-    for (int d = 0; d < D; ++d) node[d] = load(a.nodes + static_cast<std::size_t>(d) * a.pairs + p);
-    for (int c = 0; c < N; ++c) gradient[c] = all(0.0);
+template <int N>
+struct NodeSums {
+  const UnitNodes& a;
+  const std::size_t p;
+  Lane gradient[N > 0 ? N : 1];
+  Lane products[N > 0 ? N*(N + 1) / 2 : 1];
+
+  NodeSums(const UnitNodes& nodes, std::size_t first) : a(nodes), p(first) {
+    for (Lane& value : gradient) value = all(0.0);
+    for (Lane& value : products) value = all(0.0);
     if constexpr (N == 0)
-      for (std::size_t c = 0; c < a.npi; ++c) store(a.gradient + c * a.pairs + p, all(0.0));
-  }
-  Lane eta(std::size_t i) const {
-    if constexpr (D == 0) {
-      return limited(predictor<0>(a, i, p, a.fixed[i]));
-    } else {
-      Lane sum = all(a.fixed[i]);
-      for (int d = 0; d < D; ++d) sum += a.rows[i * D + static_cast<std::size_t>(d)] * node[d];
-      return limited(sum);
-    }
+      for (std::size_t c = 0; c < a.npi; ++c) store(a.gradient + c * a.stride + p, all(0.0));
   }
   void add(std::size_t i, Lane weight, Lane residual) {
-    store(a.weights + i * a.pairs + p, weight);
     if constexpr (N == 0) {
-      addgradient(a, i, p, residual);
+      store(a.weights + i * a.stride + p, weight);
+      for (std::size_t c = 0; c < a.npi; ++c) {
+        double* g = a.gradient + c * a.stride + p;
+        store(g, load(g) + a.x[i * a.npi + c] * residual);
+      }
     } else {
-      for (int c = 0; c < N; ++c) gradient[c] += a.x[i * N + static_cast<std::size_t>(c)] * residual;
+      const double* x = a.x + i * N;
+      for (int c = 0, e = 0; c < N; ++c) {
+        gradient[c] += x[c] * residual;
+        const Lane weighted = x[c] * weight;
+        for (int d = 0; d <= c; ++d, ++e) products[e] += x[d] * weighted;
+      }
     }
   }
   void finish(Lane logdensity) {
     store(a.logdensity + p, logdensity);
-    for (int c = 0; c < N; ++c) store(a.gradient + static_cast<std::size_t>(c) * a.pairs + p, gradient[c]);
+    if constexpr (N > 0) {
+      for (int c = 0; c < N; ++c) store(a.gradient + static_cast<std::size_t>(c) * a.stride + p, gradient[c]);
+      for (int e = 0; e < N * (N + 1) / 2; ++e)
+        store(a.weights + static_cast<std::size_t>(e) * a.stride + p, products[e]);
+    }
   }
 };
 
-// A binary outcome. With t = s eta and e = exp(-|t|), which is never above 1: l = min(t, 0) - log(1 + e). The logarithm
-// is taken of products of 1 + e, which lie between 1 and 2.
-template <int D, int N>
-void exactbernoulli(const NodePairs& a) {
-  constexpr std::size_t perproduct = 1000;
-  for (std::size_t p = 0; p < a.pairs; p += nodestep) {
-    NodeSums<D, N> sums(a, p);
-    Lane logdensity = all(0.0);
-    for (std::size_t first = 0; first < a.records; first += perproduct) {
-      const std::size_t last = first + perproduct < a.records ? first + perproduct : a.records;
-      Lane product = all(1.0);
-      for (std::size_t i = first; i < last; ++i) {
-        const double sign = a.y[i] == 1.0 ? 1.0 : -1.0;
-        const Lane t = sign * sums.eta(i);
-        const Lane e = exponential(-larger(t, -t));
-        const Lane sum = 1.0 + e, inverse = 1.0 / sum;
-        product *= sum;
-        logdensity += smaller(t, all(0.0));
-        sums.add(i, e * inverse * inverse, sign * ((t < 0.0 ? all(1.0) : e) * inverse));
+// values[i][m] := exp(s_i (start_i + sum_d rows[i][first + d] at[d][m])), s_i = -1 for y_i = 1 if `binary`, else 1.
+// linear[m] := sum_i y_i times the exponent, if not `binary`. The greatest exponent of each lane.
+inline Lane exponentialparts(const UnitNodes& a, bool level3, bool binary) {
+  const std::size_t n = level3 ? a.outerstride : a.length, dims = level3 ? a.dims3 : a.dims2,
+                    first = level3 ? 0 : a.dims3;
+  const double* nodes = level3 ? a.nodes3 : a.nodes2;
+  double *values = level3 ? a.outer : a.inner, *linear = level3 ? a.linear : a.linear + a.outerstride;
+  Lane most = all(-largestpart);
+  if (!binary)
+    for (std::size_t m = 0; m < n; ++m) linear[m] = 0.0;
+  for (std::size_t i = 0; i < a.records; ++i, values += n) {
+    const double* row = a.rows + i * (a.dims3 + a.dims2) + first;
+    const double start = level3 ? a.fixed[i] : 0.0, sign = binary && a.y[i] == 1.0 ? -1.0 : 1.0;
+    for (std::size_t m = 0; m < n; m += nodestep) {
+      Lane part = all(start);
+      for (std::size_t d = 0; d < dims; ++d) part += row[d] * load(nodes + d * n + m);
+      part = larger(smaller(sign * part, all(largestpart)), all(-largestpart));
+      if (!binary) store(linear + m, load(linear + m) + a.y[i] * part);
+      most = larger(most, part);
+      store(values + m, exponential(part));
+    }
+  }
+  return most;
+}
+inline double largestof(Lane a) {
+  const double first = a[0] > a[1] ? a[0] : a[1], second = a[2] > a[3] ? a[2] : a[3];
+  return first > second ? first : second;
+}
+
+// A binary outcome. With s = 1 for y = 1, else -1, and e = exp(-s eta): l = -log(1 + e), of products of 1 + e, r = s e
+// / (1 + e), w = e / (1 + e)^2.
+template <int N>
+void exactbernoulli(const UnitNodes& a) {
+  const double most = largestof(exponentialparts(a, true, true)) + largestof(exponentialparts(a, false, true));
+  const double room = 700.0 / ((most > 0.0 ? most : 0.0) + 0.7);
+  const std::size_t perproduct = room < 1000.0 ? static_cast<std::size_t>(room) : 1000;
+  for (std::size_t m = 0, p = 0; m < a.segments; ++m)
+    for (std::size_t l = 0; l < a.length; l += nodestep, p += nodestep) {
+      NodeSums<N> sums(a, p);
+      Lane logdensity = all(0.0);
+      for (std::size_t first = 0; first < a.records; first += perproduct) {
+        const std::size_t last = first + perproduct < a.records ? first + perproduct : a.records;
+        Lane product = all(1.0);
+        for (std::size_t i = first; i < last; ++i) {
+          const Lane e = a.outer[i * a.outerstride + m] * load(a.inner + i * a.length + l);
+          const Lane sum = 1.0 + e, inverse = 1.0 / sum, other = e * inverse;
+          product *= sum;
+          sums.add(i, other * inverse, (2.0 * a.y[i] - 1.0) * other);
+        }
+        logdensity -= logarithm(product);
       }
-      logdensity -= logarithm(product);
+      sums.finish(logdensity);
     }
-    sums.finish(logdensity);
-  }
 }
 
-// y successes in n trials, in the same way: l = y eta - n (max(eta, 0) + log(1 + e)).
-template <int D, int N>
-void exactbinomial(const NodePairs& a) {
-  for (std::size_t p = 0; p < a.pairs; p += nodestep) {
-    NodeSums<D, N> sums(a, p);
-    Lane logdensity = all(0.0);
-    for (std::size_t i = 0; i < a.records; ++i) {
-      const double y = a.y[i], n = a.n == nullptr ? 1.0 : a.n[i];
-      const Lane eta = sums.eta(i);
-      const Lane e = exponential(-larger(eta, -eta));
-      const Lane sum = 1.0 + e, inverse = 1.0 / sum;
-      logdensity += y * eta - n * (larger(eta, all(0.0)) + logarithm(sum));
-      sums.add(i, n * (e * inverse * inverse), y - n * ((eta < 0.0 ? e : all(1.0)) * inverse));
+// y successes in n trials, e = exp(eta): l = y eta - n log(1 + e), r = y - n e / (1 + e), w = n e / (1 + e)^2.
+template <int N>
+void exactbinomial(const UnitNodes& a) {
+  exponentialparts(a, true, false);
+  exponentialparts(a, false, false);
+  for (std::size_t m = 0, p = 0; m < a.segments; ++m)
+    for (std::size_t l = 0; l < a.length; l += nodestep, p += nodestep) {
+      NodeSums<N> sums(a, p);
+      Lane logdensity = a.linear[m] + load(a.linear + a.outerstride + l);
+      for (std::size_t i = 0; i < a.records; ++i) {
+        const double n = a.n == nullptr ? 1.0 : a.n[i];
+        const Lane e = a.outer[i * a.outerstride + m] * load(a.inner + i * a.length + l);
+        const Lane sum = 1.0 + e, inverse = 1.0 / sum, mean = n * (e * inverse);
+        logdensity -= n * logarithm(sum);
+        sums.add(i, mean * inverse, a.y[i] - mean);
+      }
+      sums.finish(logdensity);
     }
-    sums.finish(logdensity);
-  }
 }
 
-template <int D, int N>
-void exactpoisson(const NodePairs& a) {
-  for (std::size_t p = 0; p < a.pairs; p += nodestep) {
-    NodeSums<D, N> sums(a, p);
-    Lane logdensity = all(0.0);
-    for (std::size_t i = 0; i < a.records; ++i) {
-      const double y = a.y[i];
-      const Lane t = (a.n == nullptr ? 0.0 : a.n[i]) + sums.eta(i);
-      const Lane mu = smaller(exponential(t), all(largestmean));
-      logdensity += y * t - mu;
-      sums.add(i, mu, y - mu);
+// A count, mu = exp(eta): l = y eta - mu, r = y - mu, w = mu.
+template <int N>
+void exactpoisson(const UnitNodes& a) {
+  exponentialparts(a, true, false);
+  exponentialparts(a, false, false);
+  for (std::size_t m = 0, p = 0; m < a.segments; ++m)
+    for (std::size_t l = 0; l < a.length; l += nodestep, p += nodestep) {
+      NodeSums<N> sums(a, p);
+      Lane total = all(0.0);
+      for (std::size_t i = 0; i < a.records; ++i) {
+        const Lane mu = smaller(a.outer[i * a.outerstride + m] * load(a.inner + i * a.length + l), all(largestmean));
+        total += mu;
+        sums.add(i, mu, a.y[i] - mu);
+      }
+      sums.finish(a.linear[m] + load(a.linear + a.outerstride + l) - total);
     }
-    sums.finish(logdensity);
-  }
 }
 
 // One or two random effects a level are the daily case and have code of their own.
@@ -270,56 +310,54 @@ void anypoisson(const NodePairs& a) {
   a.dims == 2 ? poisson<2, M>(a) : a.dims == 3 ? poisson<3, M>(a) : poisson<0, M>(a);
 }
 
-// The code for the dimensions and columns at hand: two to four effects and up to four columns have their own.
-using Exact = void (*)(const NodePairs&);
-template <int D>
-struct ExactTable {
-  static constexpr Exact of[3][5] = {
-      {exactbernoulli<D, 0>, exactbernoulli<D, 1>, exactbernoulli<D, 2>, exactbernoulli<D, 3>, exactbernoulli<D, 4>},
-      {exactbinomial<D, 0>, exactbinomial<D, 1>, exactbinomial<D, 2>, exactbinomial<D, 3>, exactbinomial<D, 4>},
-      {exactpoisson<D, 0>, exactpoisson<D, 1>, exactpoisson<D, 2>, exactpoisson<D, 3>, exactpoisson<D, 4>}};
-};
+// Up to three columns have code of their own.
+template <int N>
+void exactof(int kind, const UnitNodes& a) {
+  kind == 0 ? exactbernoulli<N>(a) : kind == 1 ? exactbinomial<N>(a) : exactpoisson<N>(a);
+}
 template <int kind>
-void exact(const NodePairs& a) {
-  const std::size_t n = a.npi <= 4 ? a.npi : 0;
-  switch (a.dims) {
-    case 2:
-      return ExactTable<2>::of[kind][n](a);
-    case 3:
-      return ExactTable<3>::of[kind][n](a);
-    case 4:
-      return ExactTable<4>::of[kind][n](a);
-    default:
-      return ExactTable<0>::of[kind][n](a);
-  }
+void exact(const UnitNodes& a) {
+  static_assert(mostpacked == 3);
+  a.npi == 1   ? exactof<1>(kind, a)
+  : a.npi == 2 ? exactof<2>(kind, a)
+  : a.npi == 3 ? exactof<3>(kind, a)
+               : exactof<0>(kind, a);
 }
 
-// The last places of a segment of four or more are taken with those before them, which the mask leaves out.
-inline Lane tailmask(std::size_t rest) {
-  return Lane{rest > 3 ? 1.0 : 0.0, rest > 2 ? 1.0 : 0.0, rest > 1 ? 1.0 : 0.0, rest > 0 ? 1.0 : 0.0};
+// The sums of the lanes of four lanes.
+inline Lane lanesums(Lane a, Lane b, Lane c, Lane d) {
+  // a0 + a1, b0 + b1, a2 + a3, b2 + b3
+  const Lane ab = __builtin_shufflevector(a, b, 0, 4, 2, 6) + __builtin_shufflevector(a, b, 1, 5, 3, 7);
+  const Lane cd = __builtin_shufflevector(c, d, 0, 4, 2, 6) + __builtin_shufflevector(c, d, 1, 5, 3, 7);
+  return __builtin_shufflevector(ab, cd, 0, 1, 4, 5) + __builtin_shufflevector(ab, cd, 2, 3, 6, 7);
 }
 
-inline double segmentdot(const double* x, const double* y, std::size_t n, Lane mask) {
-  if (n < nodestep) {
-    double sum = 0.0;
-    for (std::size_t l = 0; l < n; ++l) sum += x[l] * y[l];
-    return sum;
+template <int sets>
+inline void addsets(const double* values, const double* weights, std::size_t pairs, std::size_t length, double* sums,
+                    std::size_t setstride) {
+  Lane sum[4] = {};
+  for (std::size_t l = 0; l < length; l += nodestep) {
+    const Lane value = load(values + l);
+    for (int s = 0; s < sets; ++s) sum[s] += value * load(weights + static_cast<std::size_t>(s) * pairs + l);
   }
-  Lane sum = mask * load(x + n - nodestep) * load(y + n - nodestep);
-  for (std::size_t l = 0; l + nodestep <= n; l += nodestep) sum += load(x + l) * load(y + l);
-  return (sum[0] + sum[1]) + (sum[2] + sum[3]);
+  const Lane total = lanesums(sum[0], sum[1], sum[2], sum[3]);
+  for (int s = 0; s < sets; ++s) sums[static_cast<std::size_t>(s) * setstride] = total[s];
 }
 
 void segmentsums(const SegmentSums& a) {
-  const Lane mask = tailmask(a.length % nodestep);
   for (std::size_t i = 0; i < a.rows; ++i) {
-    const double* values = a.values + i * a.pairs;
     const std::size_t sets = a.lower && i + 2 < a.sets ? i + 2 : a.sets;
     for (std::size_t m = 0; m < a.segments; ++m) {
+      const double *values = a.values + i * a.pairs + m * a.length, *weights = a.weights + m * a.length;
       double* sums = a.sums + m * a.stride + i * a.rowstride;
-      for (std::size_t s = 0; s < sets; ++s)
-        sums[s * a.setstride] =
-            segmentdot(values + m * a.length, a.weights + s * a.pairs + m * a.length, a.length, mask);
+      std::size_t s = 0;
+      for (; s + 4 <= sets; s += 4)
+        addsets<4>(values, weights + s * a.pairs, a.pairs, a.length, sums + s * a.setstride, a.setstride);
+      const double* rest = weights + s * a.pairs;
+      double* to = sums + s * a.setstride;
+      if (sets - s == 3) addsets<3>(values, rest, a.pairs, a.length, to, a.setstride);
+      if (sets - s == 2) addsets<2>(values, rest, a.pairs, a.length, to, a.setstride);
+      if (sets - s == 1) addsets<1>(values, rest, a.pairs, a.length, to, a.setstride);
     }
   }
 }

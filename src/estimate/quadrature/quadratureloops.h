@@ -27,15 +27,40 @@ struct NodePairs {
   double* work;         // [pairs]
 };
 
+inline constexpr std::size_t nodestep = 4;    // nodes side by side
+inline constexpr std::size_t mostpacked = 3;  // columns of x whose products are summed at once
+
+// The records of one level-2 unit at all pairs of some level-3 nodes with the level-2 nodes: pair m * length + l. The
+// linear predictor is fixed_i + rows_i'(nodes3 of m, nodes2 of l), each level's part of it held to +-345.
+struct UnitNodes {
+  std::size_t records, npi;
+  std::size_t dims3, dims2;
+  std::size_t segments, length;  // level-3 nodes; level-2 nodes, a multiple of nodestep
+  std::size_t outerstride;       // of nodes3, a multiple of nodestep
+  const double* x;               // records by npi
+  const double* rows;            // records by dims3 + dims2
+  const double* fixed;           // [records], with the logarithm of the exposure
+  const double* y;               // [records]
+  const double* n;               // [records] trials; null: 1
+  const double* nodes3;          // dims3 by outerstride
+  const double* nodes2;          // dims2 by length
+  std::size_t stride;            // of the rows of pairs
+  double* logdensity;  // [pairs] out: sum_i l_i; without the terms of the outcome alone (log n!, log y! and the like)
+  double* gradient;    // npi by pairs, out: sum_i x_i r_i
+  double* weights;  // out: up to mostpacked columns sum_i w_i x_i x_i', packed, by pairs; beyond, w_i, records by pairs
+  double *outer, *inner;  // records by outerstride, by length: work
+  double* linear;         // [outerstride + length] work
+};
+
 // Weighted sums of rows over segments of equal length, the level-2 nodes of one level-3 node after the other.
 struct SegmentSums {
   std::size_t rows, sets;
   bool lower;         // only the first row + 2 sets of each row: those of a triangle behind the set of the means
   std::size_t pairs;  // stride of rows and sets
-  std::size_t segments, length;
-  const double* values;   // rows by pairs
-  const double* weights;  // sets by pairs
-  double* sums;           // out: that of segment m, row i and set s at m * stride + i * rowstride + s * setstride
+  std::size_t segments, length;  // a multiple of nodestep
+  const double* values;          // rows by pairs
+  const double* weights;         // sets by pairs
+  double* sums;  // out: that of segment m, row i and set s at m * stride + i * rowstride + s * setstride
   std::size_t stride, rowstride, setstride;
 };
 
@@ -44,16 +69,14 @@ struct QuadratureLoops {
   void (*density[4])(const NodePairs&);
   // Log-densities, gradient and weights.
   void (*moments[4])(const NodePairs&);
-  // The same, of densities that are not held at a least probability: exact wherever eta lies within 700.
-  void (*exact[4])(const NodePairs&);
+  // The same, of densities that are not held at a least probability, by the two parts of the predictor.
+  void (*exact[4])(const UnitNodes&);
   void (*segmentsums)(const SegmentSums&);
   // In place, for a multiple of nodestep values. The exponent is held to [-708, 709]; logarithms are of positive normal
   // numbers. Both are within a few units in the last place.
   void (*exponentials)(double* values, std::size_t n);
   void (*logarithms)(double* values, std::size_t n);
 };
-
-inline constexpr std::size_t nodestep = 4;  // nodes side by side
 
 // The loops in the instructions that every machine of the kind has, and in wider ones.
 namespace baseline {

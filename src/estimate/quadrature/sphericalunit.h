@@ -12,6 +12,7 @@
 #pragma once
 
 #include <cstddef>
+#include <vector>
 
 #include "estimate/likelihood/unitrecords.h"
 #include "estimate/quadrature/movingnodes.h"
@@ -56,14 +57,16 @@ struct UnitSums {
 struct SphericalWork {
   UnitFrames frames;
   UnitRows rows;
-  Array<double> fixed, effects;       // of the records of a level-2 unit: x~'Sx g; (Se B, Sd A) rows
-  Array<double> identity, narrowSd;   // of units with fewer records than columns
-  Array<double> cx, cD, cE;           // coefficients of x~
-  Array<double> w, quad3;             // r by nodes of level 3; [nodes]
-  Array<double> shift, L2, constant;  // per level-2 unit: kappa S, L2, log|L2|
-  Array<double> spread;               // q by nodes of level 2: L2 x_l
-  Array<double> nodes, offsets, logdensity, gradient, weights, product, sets, zsets, total;
-  Array<double> statistics, averages, recordweights, recordaverages, level3, moments, information;
+  Array<double> fixed, effects;  // of the records of a level-2 unit: eta at the centres; (Se B + Sd A kappa S, Sd A)
+  Array<double> outer, inner, linear;  // of the parts of eta that go with the nodes of one level
+  std::vector<std::size_t> firstrow;   // [units + 1] rows of weights before each level-2 unit
+  Array<double> identity, narrowSd;    // of units with fewer records than columns
+  Array<double> cx, cD, cE;            // coefficients of x~
+  Array<double> w, quad3;              // w - w*, r by nodes of level 3; [nodes]
+  Array<double> shift, L2, constant;   // per level-2 unit: kappa S, L2, log|L2|
+  Array<double> spread;                // q by nodes of level 2: L2 x_l
+  Array<double> nodes, nodes3, offsets, logdensity, gradient, weights, product, sets, zsets, total;
+  Array<double> statistics, averages, rowweights, rowaverages, level3, moments, information;
   Array<double> scratch;
 };
 
