@@ -158,11 +158,11 @@ void poisson(const NodePairs& a) {
   }
 }
 
-// Densities of a unit whose linear predictor is a part of the level-3 node and one of the level-2 node. The exponential
-// of their sum is the product of theirs, so that exponentials are taken of records and nodes of one level, not of
-// pairs. Each function takes its four nodes through all records, with the sums in registers: N columns of x and their
+// Densities of a unit whose linear predictor is a sum of a part for each dimension of the nodes. The exponential of the
+// sum is the product of theirs, so that exponentials are taken of records, dimensions and points, not of pairs of
+// nodes. Each density takes its four nodes through all records, with the sums in registers: N columns of x and their
 // products where the compiler knows the number, else 0 and the sums in memory.
-constexpr double largestpart = 345.0;  // the product of two exponentials stays a number
+constexpr double largestpart = 345.0;  // of eta at the centres, and of all dimensions: exponentials stay numbers
 
 template <int N>
 struct NodeSums {
@@ -203,41 +203,108 @@ struct NodeSums {
   }
 };
 
-// values[i][m] := exp(s_i (start_i + sum_d rows[i][first + d] at[d][m])), s_i = -1 for y_i = 1 if `binary`, else 1.
-// linear[m] := sum_i y_i times the exponent, if not `binary`. The greatest exponent of each lane.
-inline Lane exponentialparts(const UnitNodes& a, bool level3, bool binary) {
-  const std::size_t n = level3 ? a.outerstride : a.length, dims = level3 ? a.dims3 : a.dims2,
-                    first = level3 ? 0 : a.dims3;
-  const double* nodes = level3 ? a.nodes3 : a.nodes2;
-  double *values = level3 ? a.outer : a.inner, *linear = level3 ? a.linear : a.linear + a.outerstride;
-  Lane most = all(-largestpart);
-  if (!binary)
-    for (std::size_t m = 0; m < n; ++m) linear[m] = 0.0;
-  for (std::size_t i = 0; i < a.records; ++i, values += n) {
-    const double* row = a.rows + i * (a.dims3 + a.dims2) + first;
-    const double start = level3 ? a.fixed[i] : 0.0, sign = binary && a.y[i] == 1.0 ? -1.0 : 1.0;
-    for (std::size_t m = 0; m < n; m += nodestep) {
-      Lane part = all(start);
-      for (std::size_t d = 0; d < dims; ++d) part += row[d] * load(nodes + d * n + m);
-      part = larger(smaller(sign * part, all(largestpart)), all(-largestpart));
-      if (!binary) store(linear + m, load(linear + m) + a.y[i] * part);
-      most = larger(most, part);
-      store(values + m, exponential(part));
+inline Lane held(Lane value, double limit) { return larger(smaller(value, all(limit)), all(-limit)); }
+
+// to[t] := exp(c line[t]) for one dimension, 1 behind the points. The points lie symmetrically about 0.
+inline void dimension(const UnitNodes& a, double c, double limit, double* to) {
+  if (a.points < nodestep) {
+    store(to, exponential(held(c * load(a.line), limit)));
+    return;
+  }
+  const std::size_t half = (a.points + 1) / 2;
+  for (std::size_t t = 0; t < half; t += nodestep) {
+    const Lane e = exponential(held(c * load(a.line + t), limit)), inverse = 1.0 / e;
+    store(to + (a.points - nodestep - t), __builtin_shufflevector(inverse, inverse, 3, 2, 1, 0));
+    store(to + t, e);
+  }
+  for (std::size_t t = a.points; t < a.linestride; ++t) to[t] = 1.0;
+}
+
+// to[m] := the product over `dims` dimensions of values[d][digits[d][m]].
+inline void tensor(const UnitNodes& a, const double* values, std::size_t dims, const unsigned char* digits,
+                   std::size_t digitstride, std::size_t first, std::size_t n, double* to) {
+  for (std::size_t m = 0; m < n; ++m) {
+    double product = values[digits[first + m]];
+    for (std::size_t d = 1; d < dims; ++d) product *= values[d * a.linestride + digits[d * digitstride + first + m]];
+    to[m] = product;
+  }
+}
+// The same for all level-2 nodes, whose first dimension's point changes fastest.
+inline void wholetensor(const UnitNodes& a, const double* values, double* to) {
+  for (std::size_t first = 0; first < a.nodes2; first += a.points) {
+    double factor = 1.0;
+    for (std::size_t d = 1; d < a.dims2; ++d) factor *= values[d * a.linestride + a.digits2[d * a.nodes2 + first]];
+    for (std::size_t t = 0; t < a.points; t += nodestep) store(to + first + t, factor * load(values + t));
+  }
+  for (std::size_t l = a.nodes2; l < a.length; ++l) to[l] = 1.0;
+}
+
+// linear[m] := start + the sum over dimensions of values[d][digits[d][m]].
+inline void linearpart(const UnitNodes& a, const double* values, std::size_t dims, const unsigned char* digits,
+                       std::size_t digitstride, std::size_t first, std::size_t n, double start, double* linear) {
+  for (std::size_t m = 0; m < n; ++m) {
+    linear[m] = start;
+    for (std::size_t d = 0; d < dims; ++d) linear[m] += values[d * a.linestride + digits[d * digitstride + first + m]];
+  }
+}
+
+// outer[i][m] inner[i][l] := exp(s_i eta_i), s_i = -1 for y_i = 1 if `binary`, else 1; linear[m] + linear[l] := sum_i
+// y_i eta_i if not. No exponent is larger than what is returned.
+inline double exponentialparts(const UnitNodes& a, bool binary) {
+  const std::size_t dims = a.dims3 + a.dims2;
+  double *e = a.work, *sums = e + dims * a.linestride, *before = sums + dims * a.linestride, *product = before + dims,
+         *starts = product + a.outerstride;
+  const double limit = largestpart / static_cast<double>(dims);
+  double sum = 0.0, largest = 0.0, widest = 0.0;
+  for (std::size_t t = 0; t < dims * a.linestride; ++t) sums[t] = 0.0;
+  for (std::size_t i = 0; i < a.records; ++i) {
+    starts[i] = binary && a.y[i] == 1.0 ? -a.fixed[i] : a.fixed[i];
+    starts[i] = starts[i] > largestpart ? largestpart : starts[i] < -largestpart ? -largestpart : starts[i];
+    largest = starts[i] > largest ? starts[i] : largest;
+    sum += a.y[i] * starts[i];
+  }
+  for (std::size_t i = a.records; i % nodestep != 0; ++i) starts[i] = 0.0;
+  for (std::size_t i = 0; i < a.records; i += nodestep) store(starts + i, exponential(load(starts + i)));
+  for (std::size_t i = 0; i < a.records; ++i) {
+    const double sign = binary && a.y[i] == 1.0 ? -1.0 : 1.0;
+    double *outer = a.outer + i * a.outerstride, *inner = a.inner + i * a.length, width = 0.0;
+    bool same3 = i > 0, same2 = i > 0;
+    for (std::size_t d = 0; d < dims; ++d) {
+      const double given = a.rows[i * dims + d], c = sign * given, far = (c < 0.0 ? -c : c) * a.line[0];
+      width += far < limit ? far : limit;
+      if (!binary)
+        for (std::size_t t = 0; t < a.points; t += nodestep) {
+          double* to = sums + d * a.linestride + t;
+          store(to, load(to) + a.y[i] * held(c * load(a.line + t), limit));
+        }
+      if (i > 0 && c == before[d]) continue;
+      (d < a.dims3 ? same3 : same2) = false;
+      dimension(a, c, limit, e + d * a.linestride);
+      before[d] = c;
+    }
+    widest = width > widest ? width : widest;
+    if (!same3) tensor(a, e, a.dims3, a.digits3, a.nodes3, a.first, a.segments, product);
+    for (std::size_t m = 0; m < a.segments; ++m) outer[m] = starts[i] * product[m];
+    if (same2) {
+      for (std::size_t l = 0; l < a.length; l += nodestep) store(inner + l, load(inner - a.length + l));
+    } else {
+      wholetensor(a, e + a.dims3 * a.linestride, inner);
     }
   }
-  return most;
-}
-inline double largestof(Lane a) {
-  const double first = a[0] > a[1] ? a[0] : a[1], second = a[2] > a[3] ? a[2] : a[3];
-  return first > second ? first : second;
+  if (!binary) {
+    linearpart(a, sums, a.dims3, a.digits3, a.nodes3, a.first, a.segments, sum, a.linear);
+    linearpart(a, sums + a.dims3 * a.linestride, a.dims2, a.digits2, a.nodes2, 0, a.nodes2, 0.0,
+               a.linear + a.outerstride);
+    for (std::size_t l = a.nodes2; l < a.length; ++l) a.linear[a.outerstride + l] = 0.0;
+  }
+  return largest + widest;
 }
 
 // A binary outcome. With s = 1 for y = 1, else -1, and e = exp(-s eta): l = -log(1 + e), of products of 1 + e, r = s e
 // / (1 + e), w = e / (1 + e)^2.
 template <int N>
 void exactbernoulli(const UnitNodes& a) {
-  const double most = largestof(exponentialparts(a, true, true)) + largestof(exponentialparts(a, false, true));
-  const double room = 700.0 / ((most > 0.0 ? most : 0.0) + 0.7);
+  const double room = 700.0 / (exponentialparts(a, true) + 0.7);
   const std::size_t perproduct = room < 1000.0 ? static_cast<std::size_t>(room) : 1000;
   for (std::size_t m = 0, p = 0; m < a.segments; ++m)
     for (std::size_t l = 0; l < a.length; l += nodestep, p += nodestep) {
@@ -261,8 +328,7 @@ void exactbernoulli(const UnitNodes& a) {
 // y successes in n trials, e = exp(eta): l = y eta - n log(1 + e), r = y - n e / (1 + e), w = n e / (1 + e)^2.
 template <int N>
 void exactbinomial(const UnitNodes& a) {
-  exponentialparts(a, true, false);
-  exponentialparts(a, false, false);
+  exponentialparts(a, false);
   for (std::size_t m = 0, p = 0; m < a.segments; ++m)
     for (std::size_t l = 0; l < a.length; l += nodestep, p += nodestep) {
       NodeSums<N> sums(a, p);
@@ -281,8 +347,7 @@ void exactbinomial(const UnitNodes& a) {
 // A count, mu = exp(eta): l = y eta - mu, r = y - mu, w = mu.
 template <int N>
 void exactpoisson(const UnitNodes& a) {
-  exponentialparts(a, true, false);
-  exponentialparts(a, false, false);
+  exponentialparts(a, false);
   for (std::size_t m = 0, p = 0; m < a.segments; ++m)
     for (std::size_t l = 0; l < a.length; l += nodestep, p += nodestep) {
       NodeSums<N> sums(a, p);
@@ -362,6 +427,45 @@ void segmentsums(const SegmentSums& a) {
   }
 }
 
+void nodeweights(const NodeWeights& a) {
+  for (std::size_t m = 0; m < a.segments; ++m) {
+    double* logs = a.logs + m * a.length;
+    Lane most = all(-1.0e300);
+    for (std::size_t l = 0; l < a.length; l += nodestep) {
+      Lane squares = all(0.0);
+      for (std::size_t d = 0; d < a.dims; ++d) {
+        const Lane z = load(a.nodes + d * a.stride + m * a.length + l);
+        squares += z * z;
+      }
+      const Lane value = load(logs + l) - 0.5 * squares;
+      most = larger(value, most);
+      store(logs + l, value);
+    }
+    const double first = most[0] > most[1] ? most[0] : most[1], second = most[2] > most[3] ? most[2] : most[3];
+    const double largest = first > second ? first : second;
+    Lane sum = all(0.0);
+    for (std::size_t l = 0; l < a.length; l += nodestep) {
+      const Lane value = load(a.weight + l) * exponential(load(logs + l) - largest);
+      sum += value;
+      store(logs + l, value);
+    }
+    const double total = (sum[0] + sum[1]) + (sum[2] + sum[3]), inverse = 1.0 / total;
+    for (std::size_t l = 0; l < a.length; l += nodestep) store(logs + l, inverse * load(logs + l));
+    a.totals[m] = total;
+    a.largest[m] = largest;
+  }
+  for (std::size_t m = a.segments; m % nodestep != 0; ++m) a.totals[m] = a.largest[m] = 1.0;
+  for (std::size_t m = 0; m < a.segments; m += nodestep)
+    store(a.totals + m, load(a.largest + m) + logarithm(load(a.totals + m)));
+}
+
+void products(const double* a, const double* b, double* to, std::size_t n) {
+  for (std::size_t i = 0; i < n; i += nodestep) store(to + i, load(a + i) * load(b + i));
+}
+void addmultiple(double* sum, const double* values, std::size_t n, double factor) {
+  for (std::size_t i = 0; i < n; i += nodestep) store(sum + i, load(sum + i) + factor * load(values + i));
+}
+
 void exponentials(double* values, std::size_t n) {
   for (std::size_t i = 0; i < n; i += nodestep) store(values + i, exponential(load(values + i)));
 }
@@ -377,6 +481,9 @@ const QuadratureLoops quadratureloops = {
     {anybernoulli<true>, anybinomial<true>, anypoisson<true>, anypoisson<true>},
     {exact<0>, exact<1>, exact<2>, exact<2>},
     segmentsums,
+    nodeweights,
+    products,
+    addmultiple,
     exponentials,
     logarithms};
 

@@ -51,7 +51,7 @@ struct SphericalIntegral {
   const std::size_t units = at(records.units), total = records.start[units];
   const std::size_t nodes2 = at(grids.level2.count), nodes3 = at(grids.level3.count);
   // Pairs stand level-3 node by level-3 node, with `length` places each; those behind the level-2 nodes get no weight.
-  const std::size_t length = padded(nodes2);
+  const std::size_t length = padded(nodes2), points = grids.points;
   const std::size_t block = std::clamp<std::size_t>(pairsofblock / length, 1, nodes3), pairs = block * length;
   // In a record of statistics: sets of z: (mean, second moments) q rows of q + 1; y: (mean, second moments), Y rows of
   // Y + 1.
@@ -131,7 +131,7 @@ bool SphericalIntegral::prepare() {
   fit(work.constant, units);
   fit(work.spread, q * length);
   fit(work.linear, padded(block) + length);
-  fit(work.nodes3, r * padded(block));
+  fit(work.L3, r * r);
   fit(work.nodes, q * pairs);
   fit(work.offsets, q * pairs);
   fit(work.logdensity, pairs);
@@ -140,6 +140,7 @@ bool SphericalIntegral::prepare() {
   fit(work.sets, (1 + Y) * pairs);
   fit(work.zsets, (1 + q + nz) * pairs);
   fit(work.total, block);
+  fit(work.totals, 2 * padded(block));
   fit(work.statistics, block * units * statistics);
   fit(work.averages, units * naverages);
   fit(work.rowweights, block * rows * nz);
@@ -152,7 +153,7 @@ bool SphericalIntegral::prepare() {
 
   // Nodes of level 3, and the factors of level 2.
   const std::size_t n = std::max(q, r);
-  fit(work.scratch, std::max(6 * n * n, padded(block)));
+  fit(work.scratch, 6 * n * n);
   double *L3 = work.scratch.data(), *X3 = L3 + n * n;
   if (!choleskyfactor(r, place.C3.data() + at(records.k) * r * r, L3)) return false;
   double constant = grids.constant3;
@@ -166,6 +167,7 @@ bool SphericalIntegral::prepare() {
       const double w = centre3()[b] + offset;
       work.quad3[m] -= 0.5 * w * w;
     }
+  std::copy_n(L3, r * r, work.L3.data());
   invertlower(r, L3, X3);
   for (std::size_t j = 0; j < units; ++j)
     if (!placelevel2(j)) return false;
@@ -240,22 +242,34 @@ void SphericalIntegral::placepairs(std::size_t j, std::size_t firstnode, std::si
 }
 
 // Of the records of level-2 unit j: eta at the centres, with the logarithm of an exposure, and what it changes by with
-// w - w* and with the offsets of level-2 nodes.
+// the standard normal points of level 3, (Se B + Sd A kappa S) L3, and of level 2, Sd A L2.
 void SphericalIntegral::makerows(std::size_t j) {
   const std::size_t n = width(j), dims = q + r;
   const int order = static_cast<int>(n);
   fit(work.fixed, count(j));
   fit(work.effects, count(j) * dims);
   fit(work.outer, count(j) * padded(block));
-  fit(work.inner, count(j) * length);
+  fit(work.inner, count(j) * length + nodestep);
+  fit(work.parts, dims * (2 * padded(points) + 1) + padded(block) + count(j) + nodestep);
   fit(work.weights, rowsof(j) * pairs);
   double *cx = work.cx.data(), *cD = work.cD.data(), *cE = work.cE.data();
+  const double *L3 = work.L3.data(), *L2 = work.L2.data() + j * q * q;
   mulAB(cx, Sxof(j), point.g, order, 1, frame.g);
   mulAB(cD, Sdof(j), point.A.data(), order, frame.q, frame.q);
   mulAB(cE, Seof(j), point.B.data(), order, frame.r, frame.r);
   addAB(cx, cD, centre2(j), order, 1, frame.q);
   addAB(cx, cE, centre3(), order, 1, frame.r);
   addAB(cE, cD, work.shift.data() + j * q * r, order, frame.r, frame.q);
+  const auto through = [n](double* C, const double* L, std::size_t columns) {
+    for (std::size_t c = 0; c < n; ++c)
+      for (std::size_t b = 0; b < columns; ++b) {
+        double sum = 0.0;
+        for (std::size_t d = b; d < columns; ++d) sum += C[c * columns + d] * L[d * columns + b];
+        C[c * columns + b] = sum;
+      }
+  };
+  through(cE, L3, r);
+  through(cD, L2, q);
   const double* row = xof(j);
   const double* logn =
       frame.outcome == Family::poisson && !records.n.empty() ? work.rows.logn.data() + records.start[j] : nullptr;
@@ -277,60 +291,44 @@ void SphericalIntegral::makerows(std::size_t j) {
 bool SphericalIntegral::level2(std::size_t j, std::size_t firstnode, std::size_t nodes) {
   placepairs(j, firstnode, nodes);
   makerows(j);
-  for (std::size_t b = 0; b < r; ++b)
-    std::copy_n(work.w.data() + b * nodes3 + firstnode, nodes, work.nodes3.data() + b * padded(block));
   const UnitOutcome outcome = unitoutcome(frame, records, work.rows, j);
-  loops.exact[static_cast<int>(outcome.outcome)]({count(j),
-                                                  width(j),
-                                                  r,
-                                                  q,
-                                                  nodes,
-                                                  length,
-                                                  padded(block),
-                                                  xof(j),
-                                                  work.effects.data(),
-                                                  work.fixed.data(),
-                                                  outcome.y,
-                                                  outcome.n,
-                                                  work.nodes3.data(),
-                                                  work.spread.data(),
-                                                  pairs,
-                                                  work.logdensity.data(),
-                                                  work.gradient.data(),
-                                                  work.weights.data(),
-                                                  work.outer.data(),
-                                                  work.inner.data(),
-                                                  work.linear.data()});
-  double* logs = work.logdensity.data();
-  const std::size_t used = nodes * length;
-  for (std::size_t a = 0; a < q; ++a) {
-    const double* z = work.nodes.data() + a * pairs;
-    for (std::size_t p = 0; p < used; ++p) logs[p] -= 0.5 * z[p] * z[p];
-  }
+  UnitNodes unit{};
+  unit.records = count(j);
+  unit.npi = width(j);
+  unit.dims3 = r;
+  unit.dims2 = q;
+  unit.points = points;
+  unit.linestride = padded(points);
+  unit.line = grids.line.data();
+  unit.nodes3 = nodes3;
+  unit.nodes2 = nodes2;
+  unit.digits3 = grids.digits3.data();
+  unit.digits2 = grids.digits2.data();
+  unit.first = firstnode;
+  unit.segments = nodes;
+  unit.length = length;
+  unit.outerstride = padded(block);
+  unit.x = xof(j);
+  unit.rows = work.effects.data();
+  unit.fixed = work.fixed.data();
+  unit.y = outcome.y;
+  unit.n = outcome.n;
+  unit.stride = pairs;
+  unit.logdensity = work.logdensity.data();
+  unit.gradient = work.gradient.data();
+  unit.weights = work.weights.data();
+  unit.outer = work.outer.data();
+  unit.inner = work.inner.data();
+  unit.linear = work.linear.data();
+  unit.work = work.parts.data();
+  loops.exact[static_cast<int>(outcome.outcome)](unit);
+  double* totals = work.totals.data();
+  loops.nodeweights({q, nodes, length, pairs, work.nodes.data(), grids.weight2.data(), work.logdensity.data(), totals,
+                     totals + padded(block)});
   for (std::size_t node = 0; node < nodes; ++node) {
-    double* log = logs + node * length;
-    const double largest = *std::max_element(log, log + nodes2);
-    if (!std::isfinite(largest)) return false;
-    for (std::size_t l = 0; l < length; ++l) log[l] -= largest;
-    work.total[node] += largest + work.constant[j];
+    if (!std::isfinite(totals[node])) return false;
+    work.total[node] += totals[node] + work.constant[j];
   }
-  loops.exponentials(logs, used);
-  double* integrals = work.scratch.data();
-  for (std::size_t node = 0; node < nodes; ++node) {
-    double* weight = logs + node * length;
-    double sum = 0.0;
-    for (std::size_t l = 0; l < nodes2; ++l) {
-      weight[l] *= grids.level2.weight[l];
-      sum += weight[l];
-    }
-    std::fill(weight + nodes2, weight + length, 0.0);
-    const double inverse = 1.0 / sum;
-    for (std::size_t l = 0; l < nodes2; ++l) weight[l] *= inverse;
-    integrals[node] = sum;
-  }
-  std::fill(integrals + nodes, integrals + padded(nodes), 1.0);
-  loops.logarithms(integrals, padded(nodes));
-  for (std::size_t node = 0; node < nodes; ++node) work.total[node] += integrals[node];
   level2statistics(j, nodes);
   return true;
 }
@@ -345,43 +343,27 @@ void SphericalIntegral::level2statistics(std::size_t j, std::size_t nodes) {
     double* hd = work.product.data();
     std::fill_n(hd, used, 0.0);
     for (std::size_t c = 0; c < n; ++c)
-      if (const double factor = Sd[c * q + a]; factor != 0.0) addmultiple(hd, row(work.gradient, c), used, factor);
-    for (std::size_t b = 0; b <= a; ++b, ++e) {
-      const double* z = row(work.nodes, b);
-      double* y = row(work.gradient, e);
-      for (std::size_t p = 0; p < used; ++p) y[p] = hd[p] * z[p];
-    }
+      if (const double factor = Sd[c * q + a]; factor != 0.0)
+        loops.addmultiple(hd, row(work.gradient, c), used, factor);
+    for (std::size_t b = 0; b <= a; ++b, ++e) loops.products(hd, row(work.nodes, b), row(work.gradient, e), used);
   }
   double* statistic = work.statistics.data() + j * statistics;
   const std::size_t stride = units * statistics;
   double* set = work.sets.data();
   std::copy_n(weight, used, set);
-  for (std::size_t a = 0; a < q; ++a) {
-    const double* offset = row(work.offsets, a);
-    double* to = set + (1 + a) * pairs;
-    for (std::size_t p = 0; p < used; ++p) to[p] = weight[p] * offset[p];
-  }
+  for (std::size_t a = 0; a < q; ++a) loops.products(weight, row(work.offsets, a), set + (1 + a) * pairs, used);
   loops.segmentsums(
       {q, 1 + q, true, pairs, nodes, length, work.offsets.data(), set, statistic + atz, stride, 1 + q, 1});
-  for (std::size_t c = 0; c < Yj; ++c) {
-    const double* y = row(work.gradient, c);
-    double* to = set + (1 + c) * pairs;
-    for (std::size_t p = 0; p < used; ++p) to[p] = weight[p] * y[p];
-  }
+  for (std::size_t c = 0; c < Yj; ++c) loops.products(weight, row(work.gradient, c), set + (1 + c) * pairs, used);
   loops.segmentsums(
       {Yj, 1 + Yj, true, pairs, nodes, length, work.gradient.data(), set, statistic + aty, stride, 1 + Yj, 1});
   // The rows of weights times (1, z, zz').
   double* zset = work.zsets.data();
   std::copy_n(weight, used, zset);
   for (std::size_t a = 0, e = 1 + q; a < q; ++a) {
-    const double* z = row(work.nodes, a);
     double* to = zset + (1 + a) * pairs;
-    for (std::size_t p = 0; p < used; ++p) to[p] = weight[p] * z[p];
-    for (std::size_t b = 0; b <= a; ++b, ++e) {
-      const double* other = row(work.nodes, b);
-      double* product = zset + e * pairs;
-      for (std::size_t p = 0; p < used; ++p) product[p] = to[p] * other[p];
-    }
+    loops.products(weight, row(work.nodes, a), to, used);
+    for (std::size_t b = 0; b <= a; ++b, ++e) loops.products(to, row(work.nodes, b), zset + e * pairs, used);
   }
   loops.segmentsums({rowsof(j), 1 + q + P2, false, pairs, nodes, length, work.weights.data(), zset,
                      work.rowweights.data() + work.firstrow[j], rows * nz, 1, rows});
@@ -678,16 +660,33 @@ bool makegrids(SphericalGrids& grids, int points, int q, int r) {
   const double perdimension = -0.5 * std::log(M_PI);
   grids.constant2 = q * perdimension;
   grids.constant3 = r * perdimension;
-  if (points != 1) return makegrid(grids.level2, points, q) && makegrid(grids.level3, points, r);
-  const auto centre = [](NodeGrid& grid, int dims) {
-    grid.dims = dims;
-    grid.count = 1;
-    grid.x.reset(at(dims));
-    grid.weight.reset(1);
-    grid.weight[0] = std::pow(M_PI, 0.5 * dims);
+  grids.points = at(points);
+  grids.line.reset(padded(at(points)));
+  if (points != 1) {
+    if (!makegrid(grids.level2, points, q) || !makegrid(grids.level3, points, r)) return false;
+    // The first dimension's point changes fastest.
+    for (std::size_t t = 0; t < at(points); ++t) grids.line[t] = M_SQRT2 * grids.level2.x[t];
+  } else {
+    const auto centre = [](NodeGrid& grid, int dims) {
+      grid.dims = dims;
+      grid.count = 1;
+      grid.x.reset(at(dims));
+      grid.weight.reset(1);
+      grid.weight[0] = std::pow(M_PI, 0.5 * dims);
+    };
+    centre(grids.level2, q);
+    centre(grids.level3, r);
+  }
+  grids.weight2.reset(padded(at(grids.level2.count)));
+  std::copy_n(grids.level2.weight.data(), grids.level2.count, grids.weight2.data());
+  const auto digits = [points](const NodeGrid& grid, std::vector<unsigned char>& list) {
+    list.resize(at(grid.dims) * at(grid.count));
+    for (int m = 0; m < grid.count; ++m)
+      for (int d = 0, rest = m; d < grid.dims; ++d, rest /= points)
+        list[at(d) * at(grid.count) + at(m)] = static_cast<unsigned char>(rest % points);
   };
-  centre(grids.level2, q);
-  centre(grids.level3, r);
+  digits(grids.level2, grids.digits2);
+  digits(grids.level3, grids.digits3);
   return true;
 }
 

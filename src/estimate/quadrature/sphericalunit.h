@@ -24,7 +24,11 @@ namespace kdr {
 
 struct SphericalGrids {
   NodeGrid level2, level3;
-  double constant2 = 0.0, constant3 = 0.0;  // log of what a grid's weights lack to those of standard normal nodes
+  std::size_t points = 0;
+  Array<double> line;                           // the points of a dimension, of standard normal effects
+  Array<double> weight2;                        // the weights of level 2, with 0 up to a multiple of nodestep
+  std::vector<unsigned char> digits2, digits3;  // dims by count: the point of a node in each dimension
+  double constant2 = 0.0, constant3 = 0.0;      // log of what a grid's weights lack to those of standard normal nodes
 };
 // False when the nodes cannot be found. One point is the centre itself.
 [[nodiscard]] bool makegrids(SphericalGrids& grids, int points, int q, int r);
@@ -57,15 +61,16 @@ struct UnitSums {
 struct SphericalWork {
   UnitFrames frames;
   UnitRows rows;
-  Array<double> fixed, effects;  // of the records of a level-2 unit: eta at the centres; (Se B + Sd A kappa S, Sd A)
-  Array<double> outer, inner, linear;  // of the parts of eta that go with the nodes of one level
-  std::vector<std::size_t> firstrow;   // [units + 1] rows of weights before each level-2 unit
-  Array<double> identity, narrowSd;    // of units with fewer records than columns
-  Array<double> cx, cD, cE;            // coefficients of x~
-  Array<double> w, quad3;              // w - w*, r by nodes of level 3; [nodes]
-  Array<double> shift, L2, constant;   // per level-2 unit: kappa S, L2, log|L2|
-  Array<double> spread;                // q by nodes of level 2: L2 x_l
-  Array<double> nodes, nodes3, offsets, logdensity, gradient, weights, product, sets, zsets, total;
+  Array<double> fixed,
+      effects;  // of the records of a level-2 unit: eta at the centres; what it changes by with the nodes
+  Array<double> outer, inner, linear, parts;  // of the loops
+  std::vector<std::size_t> firstrow;          // [units + 1] rows of weights before each level-2 unit
+  Array<double> identity, narrowSd;           // of units with fewer records than columns
+  Array<double> cx, cD, cE;                   // coefficients of x~
+  Array<double> w, quad3;                     // w - w*, r by nodes of level 3; [nodes]
+  Array<double> shift, L2, constant;          // per level-2 unit: kappa S, L2, log|L2|
+  Array<double> spread;                       // q by nodes of level 2: L2 x_l
+  Array<double> L3, nodes, offsets, logdensity, gradient, weights, product, sets, zsets, total, totals;
   Array<double> statistics, averages, rowweights, rowaverages, level3, moments, information;
   Array<double> scratch;
 };
