@@ -36,6 +36,10 @@ struct RecordSums {
 };
 RecordSums makesums(const Frame& frame);
 
+// The columns of x~ that go with the effects of a level-3 unit at a point: (Sd A, Se B), units by npi by q + r.
+void makecolumns(const Frame& frame, const SphericalPoint& point, const UnitFrames& frames, std::size_t units,
+                 Array<double>& columns);
+
 // One sweep over a level-3 unit.
 struct Sweep {
   Array<double> C2, L2, slope, P, K;  // per level-2 unit; L2 = chol(C2)
@@ -46,9 +50,8 @@ struct Sweep {
 };
 // M, res: of each unit, packed npi(npi+1)/2 and npi. False when no covariance comes out, as by numbers that are not
 // finite.
-[[nodiscard]] bool sweepunit(const Frame& frame, const SphericalPoint& point, const UnitFrames& frames,
-                             std::size_t units, const double* M, const double* res, const double* z, const double* w,
-                             Sweep& sweep);
+[[nodiscard]] bool sweepunit(const Frame& frame, const Array<double>& columns, std::size_t units, const double* M,
+                             const double* res, const double* z, const double* w, Sweep& sweep);
 
 // The nodes at another point, from the posterior moments `moments` and the sums of the evaluation at `from`: centres go
 // along by the difference of the sweeps' moves, covariances by that of their factors. At the same point only the guards

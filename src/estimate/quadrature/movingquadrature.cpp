@@ -178,7 +178,7 @@ Run Search::run(int points, const Array<double>& start, Approach approach, int l
 }
 
 Run Search::runlaplace(const Array<double>& start) {
-  constexpr int steppoints = 5, steppointsmanyeffects = 3;  // of the information that steps take
+  constexpr int steppoints = 3, steppointsmanyeffects = 3;  // of the information that steps take
   Run made;
   const Frame& frame = likelihood.frame;
   if (!makegrids(likelihood.grids, frame.q + frame.r > 2 ? steppointsmanyeffects : steppoints, frame.q, frame.r))

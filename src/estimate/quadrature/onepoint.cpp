@@ -16,6 +16,8 @@ namespace {
 
 // Of the differences of the gradient, in units of an element's own error. Their error goes with the square.
 constexpr double difference = 0.01;
+// Their modes are exact to 1e-8 of their standard errors: no difference is as small.
+constexpr double differencemodes = 1.0e-16;
 
 // y (p) += M x, M packed.
 void addpacked(std::size_t p, const double* M, const double* x, double factor, double* y) {
@@ -47,13 +49,7 @@ void unitgradient(const Frame& frame, const SphericalPoint& point, const Level3R
     mulABt(Q.data(), left.data(), E, op, op, orr);
     mulAB(left.data(), cD.data(), P, op, oq, oq);
     addABt(Q.data(), left.data(), cD.data(), op, op, oq);
-    for (std::size_t i = records.start[j]; i < records.start[j + 1]; ++i) {
-      const double* x = work.rows.x.data() + i * npi;
-      double a = 0.0;
-      for (std::size_t m = 0; m < npi; ++m) a += x[m] * dot(Q.data() + m * npi, x, npi);
-      const double value = -0.5 * work.densities.D[i] * a;
-      for (std::size_t m = 0; m < npi; ++m) t[m] += value * x[m];
-    }
+    fastestquadratureloops().formsums(work.columnsof(frame, j), Q.data(), t);
     mulAtB(pz.data() + j * q, cD.data(), t, oq, 1, op);  // the right side, for now
     addAtB(right.data(), E, t, orr, 1, op);
     addAtB(right.data(), sweep.slope.data() + j * q * r, pz.data() + j * q, orr, 1, oq);
@@ -102,7 +98,7 @@ void unitgradient(const Frame& frame, const SphericalPoint& point, const Level3R
 
 }  // namespace
 
-Evaluation evaluatelaplace(SphericalLikelihood& likelihood, const Array<double>& point) {
+Evaluation evaluatelaplace(SphericalLikelihood& likelihood, const Array<double>& point, double promise) {
   const Frame& frame = likelihood.frame;
   SphericalState& state = likelihood.trial;
   const std::size_t P = frame.count(), q = at(frame.q), r = at(frame.r), npi = at(frame.npi), T = packedsize(frame.npi);
@@ -124,7 +120,7 @@ Evaluation evaluatelaplace(SphericalLikelihood& likelihood, const Array<double>&
         const std::size_t k = at(records.k), first = records.firstunit, units = at(records.units);
         double *z = state.nodes.z.data() + first * q, *w = state.nodes.w.data() + k * r,
                *score = values.data() + i * (P + 1);
-        if (!jointmodes(frame, there, records, z, w, work)) {
+        if (!jointmodes(frame, there, records, promise, z, w, work)) {
           found = false;
           return;
         }
@@ -188,11 +184,15 @@ Array<double> laplaceinformation(SphericalLikelihood& likelihood, const std::vec
   const auto scoreat = [&](std::size_t element, double step) {
     Array<double> point = likelihood.current.point.copy();
     point[element] += step;
+    // The modes of the other side, which come second, lie nearly opposite.
+    const auto begin = [step](const Array<double>& here, Array<double>& there) {
+      for (std::size_t i = 0; i < here.size(); ++i) there[i] = step > 0.0 ? here[i] : 2.0 * here[i] - there[i];
+    };
     SphericalState& trial = likelihood.trial;
-    std::copy(likelihood.current.nodes.z.begin(), likelihood.current.nodes.z.end(), trial.nodes.z.begin());
-    std::copy(likelihood.current.nodes.w.begin(), likelihood.current.nodes.w.end(), trial.nodes.w.begin());
+    begin(likelihood.current.nodes.z, trial.nodes.z);
+    begin(likelihood.current.nodes.w, trial.nodes.w);
     ++evaluations;
-    return evaluatelaplace(likelihood, point);
+    return evaluatelaplace(likelihood, point, differencemodes);
   };
   for (std::size_t i = 0; i < P; ++i) {
     if (!used[i]) continue;

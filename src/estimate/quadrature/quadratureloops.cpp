@@ -427,6 +427,106 @@ void segmentsums(const SegmentSums& a) {
   }
 }
 
+// Four records side by side at one linear predictor each. N columns where the compiler knows the number, else 0 and the
+// sums in memory.
+template <int N, RecordDensity outcome>
+double recordsums(const RecordColumns& a) {
+  constexpr std::size_t perproduct = 1000;  // of factors between 1 and 2
+  constexpr bool counts = outcome == RecordDensity::poisson || outcome == RecordDensity::exposure;
+  constexpr std::size_t known = N > 0 ? N : 1;
+  constexpr std::size_t sums = known + known * (known + 1) / 2;
+  const std::size_t npi = N > 0 ? static_cast<std::size_t>(N) : a.npi, packed = npi * (npi + 1) / 2;
+  Lane own[sums];  // h, M
+  for (Lane& value : own) value = all(0.0);
+  if constexpr (N == 0)
+    for (std::size_t e = 0; e < npi + packed; ++e) store(a.work + e * nodestep, all(0.0));
+  const auto add = [&](std::size_t e, Lane value) {
+    if constexpr (N > 0) {
+      own[e] += value;
+    } else {
+      store(a.work + e * nodestep, load(a.work + e * nodestep) + value);
+    }
+  };
+  Lane logdensity = all(0.0), product = all(1.0);
+  std::size_t factors = 0;
+  for (std::size_t i = 0; i < a.stride; i += nodestep) {
+    const double* columns = a.columns + i;
+    Lane eta = a.coefficients[0] * load(columns);
+    for (std::size_t c = 1; c < npi; ++c) eta += a.coefficients[c] * load(columns + c * a.stride);
+    eta = limited(eta);
+    const Lane y = load(a.y + i), n = load(a.n + i);
+    Lane r, W, D;
+    if constexpr (counts) {
+      if constexpr (outcome == RecordDensity::exposure) eta += load(a.offset + i);
+      const Lane mu = n * smaller(exponential(eta), all(largestmean));
+      logdensity += y * eta - mu;
+      r = y - mu;
+      W = D = mu;
+    } else {
+      const Lane e = exponential(-larger(eta, -eta));
+      const Lane inverse = 1.0 / (1.0 + e), mu = (eta < 0.0 ? e : all(1.0)) * inverse;
+      logdensity += y * eta - n * larger(eta, all(0.0));
+      if constexpr (outcome == RecordDensity::bernoulli) {
+        product *= 1.0 + n * e;
+        if (++factors == perproduct) {
+          logdensity -= logarithm(product);
+          product = all(1.0);
+          factors = 0;
+        }
+      } else {
+        logdensity -= n * logarithm(1.0 + e);
+      }
+      r = y - n * mu;
+      W = n * (e * inverse * inverse);
+      D = W * ((eta < 0.0 ? 1.0 - e : e - 1.0) * inverse);
+    }
+    if (a.D != nullptr) store(a.D + i, D);
+    for (std::size_t c = 0, e = 0; c < npi; ++c) {
+      const Lane x = load(columns + c * a.stride), weighted = x * W;
+      add(c, x * r);
+      for (std::size_t d = 0; d <= c; ++d, ++e) add(npi + e, weighted * load(columns + d * a.stride));
+    }
+  }
+  if constexpr (outcome == RecordDensity::bernoulli) logdensity -= logarithm(product);
+  const auto sum = [](Lane lane) { return (lane[0] + lane[1]) + (lane[2] + lane[3]); };
+  const auto result = [&](std::size_t e) { return sum(N > 0 ? own[e] : load(a.work + e * nodestep)); };
+  for (std::size_t c = 0; c < npi; ++c) a.h[c] = result(c);
+  for (std::size_t e = 0; e < packed; ++e) a.M[e] = result(npi + e);
+  return sum(logdensity);
+}
+template <RecordDensity outcome>
+double anyrecordsums(const RecordColumns& a) {
+  switch (a.npi) {
+    case 1:
+      return recordsums<1, outcome>(a);
+    case 2:
+      return recordsums<2, outcome>(a);
+    case 3:
+      return recordsums<3, outcome>(a);
+    default:
+      return recordsums<0, outcome>(a);
+  }
+}
+
+// t[c] := -1/2 sum_i D_i x_ic x_i'Q x_i.
+void formsums(const RecordColumns& a, const double* Q, double* t) {
+  for (std::size_t c = 0; c < a.npi; ++c) t[c] = 0.0;
+  for (std::size_t i = 0; i < a.stride; i += nodestep) {
+    const double* columns = a.columns + i;
+    Lane form = all(0.0);
+    for (std::size_t c = 0; c < a.npi; ++c) {
+      Lane row = all(0.0);
+      for (std::size_t d = 0; d < a.npi; ++d) row += Q[c * a.npi + d] * load(columns + d * a.stride);
+      form += row * load(columns + c * a.stride);
+    }
+    const Lane value = -0.5 * load(a.D + i) * form;
+    for (std::size_t c = 0; c < a.npi; ++c) {
+      const Lane part = value * load(columns + c * a.stride);
+      t[c] += (part[0] + part[1]) + (part[2] + part[3]);
+    }
+  }
+}
+
 void nodeweights(const NodeWeights& a) {
   for (std::size_t m = 0; m < a.segments; ++m) {
     double* logs = a.logs + m * a.length;
@@ -480,6 +580,9 @@ const QuadratureLoops quadratureloops = {
     {anybernoulli<false>, anybinomial<false>, anypoisson<false>, anypoisson<false>},
     {anybernoulli<true>, anybinomial<true>, anypoisson<true>, anypoisson<true>},
     {exact<0>, exact<1>, exact<2>, exact<2>},
+    {anyrecordsums<RecordDensity::bernoulli>, anyrecordsums<RecordDensity::binomial>,
+     anyrecordsums<RecordDensity::poisson>, anyrecordsums<RecordDensity::exposure>},
+    formsums,
     segmentsums,
     nodeweights,
     products,

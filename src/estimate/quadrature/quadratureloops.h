@@ -56,6 +56,20 @@ struct UnitNodes {
   double* work;           // [(dims3 + dims2) (2 linestride + 1) + outerstride + records + nodestep]
 };
 
+// The records of one level-2 unit at one value of its effects, by columns, with 0 behind them.
+struct RecordColumns {
+  std::size_t npi, stride;     // of the columns: the records, rounded up to a multiple of nodestep
+  const double* columns;       // npi by stride: x~
+  const double* y;             // [stride]
+  const double* n;             // [stride] trials, or 1
+  const double* offset;        // [stride] of an exposure its logarithm
+  const double* coefficients;  // [npi] of eta = x~'coefficients
+  double* h;                   // [npi] out: sum x~ r
+  double* M;                   // packed npi(npi+1)/2, out: sum W x~x~'
+  double* D;                   // [stride] dW/deta, out, or null
+  double* work;                // [4 (npi + npi(npi+1)/2)]
+};
+
 // The weights of level-2 nodes for each level-3 node of a block.
 struct NodeWeights {
   std::size_t dims, segments, length;
@@ -86,6 +100,10 @@ struct QuadratureLoops {
   void (*moments[4])(const NodePairs&);
   // The same, of densities that are not held at a least probability, by the two parts of the predictor.
   void (*exact[4])(const UnitNodes&);
+  // The sum of the log-densities at one predictor a record, without the terms of the outcome alone, and h, M and D.
+  double (*recordsums[4])(const RecordColumns&);
+  // t (npi) := -1/2 sum_i D_i x_i x_i'Q x_i with Q npi squared.
+  void (*formsums)(const RecordColumns&, const double* Q, double* t);
   void (*segmentsums)(const SegmentSums&);
   void (*nodeweights)(const NodeWeights&);
   // Of a multiple of nodestep values: to := a b, element by element; sum += factor values.
