@@ -23,6 +23,7 @@ constexpr std::size_t padded(std::size_t n) { return (n + nodestep - 1) / nodest
 void makexcolumns(const Frame& frame, const Level3Records& records, ModeWork& work) {
   const std::size_t npi = at(frame.npi), units = at(records.units);
   work.first.assign(1, 0);
+  work.outcome.clear();
   for (std::size_t j = 0; j < units; ++j)
     work.first.push_back(work.first.back() + padded(records.start[j + 1] - records.start[j]));
   const std::size_t total = work.first.back();
@@ -32,28 +33,34 @@ void makexcolumns(const Frame& frame, const Level3Records& records, ModeWork& wo
   for (std::size_t j = 0; j < units; ++j) {
     const std::size_t stride = work.first[j + 1] - work.first[j], from = records.start[j],
                       count = records.start[j + 1] - from;
-    const double* x = work.rows.x.data() + from * npi;
+    const double* x = records.x.data() + from * npi;
     double* columns = work.xcolumns.data() + work.first[j] * npi;
     for (std::size_t c = 0; c < npi; ++c) {
-      for (std::size_t i = 0; i < count; ++i) columns[c * stride + i] = x[i * npi + c];
+      for (std::size_t i = 0; i < count; ++i) {
+        double sum = 0.0;
+        for (std::size_t l = 0; l <= c; ++l) sum += x[i * npi + l] * frame.toX[l * npi + c];
+        columns[c * stride + i] = sum;
+      }
       std::fill(columns + c * stride + count, columns + (c + 1) * stride, 0.0);
     }
-    const auto place = [&](Array<double>& array, auto value) {
+    const auto place = [&](Array<double>& array, const double* values, double behind) {
       double* to = array.data() + work.first[j];
-      for (std::size_t i = 0; i < count; ++i) to[i] = value(from + i);
-      std::fill(to + count, to + stride, 0.0);
+      if (values != nullptr) std::copy_n(values + from, count, to);
+      if (values == nullptr) std::fill_n(to, count, 1.0);
+      std::fill(to + count, to + stride, behind);
     };
-    place(work.y, [&](std::size_t i) { return records.y[i]; });
-    const bool trials = frame.outcome == Family::binomial && !records.n.empty();
-    place(work.n, [&](std::size_t i) { return trials ? records.n[i] : 1.0; });
-    if (exposed) place(work.logn, [&](std::size_t i) { return work.rows.logn[i]; });
+    place(work.y, records.y.data(), 0.0);
+    place(work.n, frame.outcome == Family::binomial && !records.n.empty() ? records.n.data() : nullptr, 0.0);
+    if (exposed) place(work.logn, records.n.data(), 1.0);
+    work.outcome.push_back(densityof(frame, records, j));
   }
+  if (exposed) fastestquadratureloops().logarithms(work.logn.data(), total);
 }
 
 // Densities and their derivatives at effects: the objective, and M, h and D of every level-2 unit.
-double evaluate(const Frame& frame, const Level3Records& records, const double* z, const double* w, ModeWork& work) {
+double evaluate(const Frame& frame, std::size_t units, const double* z, const double* w, ModeWork& work) {
   const QuadratureLoops& loops = fastestquadratureloops();
-  const std::size_t npi = at(frame.npi), q = at(frame.q), r = at(frame.r), s = q + r, units = at(records.units);
+  const std::size_t npi = at(frame.npi), q = at(frame.q), r = at(frame.r), s = q + r;
   double objective = 0.0;
   work.density = 0.0;
   double* c = work.coefficients.data();
@@ -66,8 +73,7 @@ double evaluate(const Frame& frame, const Level3Records& records, const double* 
       for (std::size_t a = 0; a < q; ++a) sum += C[m * s + a] * own[a];
       c[m] = sum;
     }
-    const UnitOutcome outcome = unitoutcome(frame, records, work.rows, j);
-    work.density += loops.recordsums[static_cast<int>(outcome.outcome)](work.columnsof(frame, j));
+    work.density += loops.recordsums[static_cast<int>(work.outcome[j])](work.columnsof(frame, j));
     for (std::size_t a = 0; a < q; ++a) objective -= 0.5 * own[a] * own[a];
   }
   return objective + work.density;
@@ -94,7 +100,6 @@ bool jointmodes(const Frame& frame, const SphericalPoint& point, const Level3Rec
                 double* z, double* w, ModeWork& work) {
   const std::size_t npi = at(frame.npi), q = at(frame.q), r = at(frame.r), units = at(records.units);
   makeunitframes(frame, at(records.k), work.frames);
-  makeunitrows(frame, records, work.rows);
   makexcolumns(frame, records, work);
   makecolumns(frame, point, work.frames, units, work.columns);
   fit(work.fixed, units * npi);
@@ -106,11 +111,11 @@ bool jointmodes(const Frame& frame, const SphericalPoint& point, const Level3Rec
   fit(work.scratch, 4 * (npi + packedsize(frame.npi)));
   fit(work.trialz, units * q);
   fit(work.trialw, r);
-  double objective = evaluate(frame, records, z, w, work);
+  double objective = evaluate(frame, units, z, w, work);
   if (!std::isfinite(objective)) {
     std::fill_n(z, units * q, 0.0);
     std::fill_n(w, r, 0.0);
-    objective = evaluate(frame, records, z, w, work);
+    objective = evaluate(frame, units, z, w, work);
     if (!std::isfinite(objective)) return false;
   }
   for (int step = 0; step < moststeps; ++step) {
@@ -131,12 +136,12 @@ bool jointmodes(const Frame& frame, const SphericalPoint& point, const Level3Rec
     int halving = 0;
     for (;; ++halving, factor *= 0.5) {
       if (halving > mosthalvings) {  // rounding hides the rest
-        evaluate(frame, records, z, w, work);
+        evaluate(frame, units, z, w, work);
         return promise < 1.0e-9;
       }
       for (std::size_t i = 0; i < units * q; ++i) work.trialz[i] = z[i] + factor * work.sweep.dz[i];
       for (std::size_t b = 0; b < r; ++b) work.trialw[b] = w[b] + factor * work.sweep.dw[b];
-      next = evaluate(frame, records, work.trialz.data(), work.trialw.data(), work);
+      next = evaluate(frame, units, work.trialz.data(), work.trialw.data(), work);
       if (std::isfinite(next) && next >= objective - 1.0e-10 * std::fabs(objective)) break;
     }
     std::copy_n(work.trialz.data(), units * q, z);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cmath>
+#include <memory>
 #include <utility>
 
 #include "estimate/likelihood/unitthreads.h"
@@ -36,7 +37,7 @@ void unitgradient(const Frame& frame, const SphericalPoint& point, const Level3R
   const int op = frame.npi, oq = frame.q, orr = frame.r;
   const Sweep& sweep = work.sweep;
   Array<double> cD(npi * q), cE(units * npi * r), tsum(units * npi), pz(units * q), pw(r), right(r), Q(npi * npi),
-      left(npi * std::max(q, r)), c(npi), hrho(npi), through(npi * std::max(q, r));
+      left(npi * std::max(q, r)), c(npi), hrho(npi), product(npi), solved(q), through(npi * std::max(q, r));
   mulAB(cD.data(), frame.Sd.data(), point.A.data(), op, oq, oq);
   const double* C3 = sweep.C3.data();
   for (std::size_t j = 0; j < units; ++j) {
@@ -60,7 +61,6 @@ void unitgradient(const Frame& frame, const SphericalPoint& point, const Level3R
     const double *P = sweep.P.data() + j * q * q, *K = sweep.K.data() + j * q * r;
     const double *Sx = work.frames.Sx.data() + j * npi * g, *Se = work.frames.Se.data() + j * npi * r;
     double* p = pz.data() + j * q;
-    Array<double> solved(q);
     mulAB(solved.data(), sweep.C2.data() + j * q * q, p, oq, 1, oq);
     addAB(solved.data(), sweep.slope.data() + j * q * r, pw.data(), oq, 1, orr);
     std::copy_n(solved.data(), q, p);
@@ -78,7 +78,7 @@ void unitgradient(const Frame& frame, const SphericalPoint& point, const Level3R
           c[m] = N[m * n + b];
           through[m * n + b] = 0.0;
         }
-        Array<double> product(npi);
+        product.fill(0.0);
         addpacked(npi, M, c.data(), 1.0, product.data());
         for (std::size_t m = 0; m < npi; ++m) through[m * n + b] = product[m];
       }
@@ -153,26 +153,69 @@ Evaluation evaluatelaplace(SphericalLikelihood& likelihood, const Array<double>&
   return evaluation;
 }
 
+namespace {
+
+// The information of the steps, and where it was made.
+struct StepInformation {
+  Array<double> point, information, scale;
+};
+
+// Whether the information still serves at `point`: the step that is left is short by it, and no element has come to 0
+// or left it.
+bool stillserves(const StepInformation& steps, const AscentProblem& problem, const Array<double>& point,
+                 const Evaluation& there) {
+  constexpr double shortstep = 0.01;  // of the decrement
+  if (steps.point.empty()) return false;
+  for (std::size_t i = 0; i < point.size(); ++i)
+    if ((point[i] == 0.0) != (steps.point[i] == 0.0)) return false;
+  const NewtonStep step = newtonstep(problem, AscentSettings{}, there);
+  return step.least > AscentSettings{}.definite && step.decrement < shortstep;
+}
+
+}  // namespace
+
 AscentProblem laplaceascentof(SphericalLikelihood& likelihood) {
   AscentProblem problem = ascentof(likelihood);
   problem.approaches = false;
-  problem.evaluate = [&likelihood](const Array<double>& point, Approach) {
+  const auto rearrange = problem.rearrange;
+  const auto steps = std::make_shared<StepInformation>();
+  problem.rearrange = [steps, rearrange](Array<double>& point) {
+    if (!rearrange(point)) return false;
+    steps->point.reset(0);
+    return true;
+  };
+  AscentProblem held;
+  held.count = problem.count;
+  held.held = problem.held;
+  problem.evaluate = [&likelihood, steps, held](const Array<double>& point, Approach) {
     SphericalState& trial = likelihood.trial;
     std::copy(likelihood.current.nodes.z.begin(), likelihood.current.nodes.z.end(), trial.nodes.z.begin());
     std::copy(likelihood.current.nodes.w.begin(), likelihood.current.nodes.w.end(), trial.nodes.w.begin());
     Evaluation laplace = evaluatelaplace(likelihood, point);
     if (!laplace.usable) return laplace;
+    if (!steps->point.empty()) {
+      laplace.information = steps->information.copy();
+      laplace.scale = steps->scale.copy();
+      setreach(likelihood.frame, point, likelihood.current.curvature, laplace);
+      if (stillserves(*steps, held, point, laplace)) {
+        trial.curvature = likelihood.current.curvature.copy();
+        return laplace;
+      }
+    }
     // The quadrature leaves its moments in the place of the modes.
     Nodes modes = trial.nodes.copy();
     RecordSums sums{trial.sums.M.copy(), trial.sums.h.copy()};
     Array<double> outer = trial.outer.copy();
-    Evaluation steps = evaluatespherical(likelihood, point);
+    Evaluation quadrature = evaluatespherical(likelihood, point);
     trial.nodes = std::move(modes);
     trial.sums = std::move(sums);
     trial.outer = std::move(outer);
-    steps.value = laplace.value;
-    steps.score = std::move(laplace.score);
-    return steps;
+    quadrature.value = laplace.value;
+    quadrature.score = std::move(laplace.score);
+    steps->point = point.copy();
+    steps->information = quadrature.information.copy();
+    steps->scale = quadrature.scale.copy();
+    return quadrature;
   };
   return problem;
 }

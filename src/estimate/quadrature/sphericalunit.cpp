@@ -291,7 +291,7 @@ void SphericalIntegral::makerows(std::size_t j) {
 bool SphericalIntegral::level2(std::size_t j, std::size_t firstnode, std::size_t nodes) {
   placepairs(j, firstnode, nodes);
   makerows(j);
-  const UnitOutcome outcome = unitoutcome(frame, records, work.rows, j);
+  const RecordDensity outcome = densityof(frame, records, j);
   UnitNodes unit{};
   unit.records = count(j);
   unit.npi = width(j);
@@ -311,8 +311,10 @@ bool SphericalIntegral::level2(std::size_t j, std::size_t firstnode, std::size_t
   unit.x = xof(j);
   unit.rows = work.effects.data();
   unit.fixed = work.fixed.data();
-  unit.y = outcome.y;
-  unit.n = outcome.n;
+  unit.y = records.y.data() + records.start[j];
+  unit.n = outcome == RecordDensity::binomial && frame.outcome == Family::binomial && !records.n.empty()
+               ? records.n.data() + records.start[j]
+               : nullptr;
   unit.stride = pairs;
   unit.logdensity = work.logdensity.data();
   unit.gradient = work.gradient.data();
@@ -321,7 +323,7 @@ bool SphericalIntegral::level2(std::size_t j, std::size_t firstnode, std::size_t
   unit.inner = work.inner.data();
   unit.linear = work.linear.data();
   unit.work = work.parts.data();
-  loops.exact[static_cast<int>(outcome.outcome)](unit);
+  loops.exact[static_cast<int>(outcome)](unit);
   double* totals = work.totals.data();
   loops.nodeweights({q, nodes, length, pairs, work.nodes.data(), grids.weight2.data(), work.logdensity.data(), totals,
                      totals + padded(block)});
@@ -710,17 +712,13 @@ void makeunitrows(const Frame& frame, const Level3Records& records, UnitRows& ro
   }
 }
 
-UnitOutcome unitoutcome(const Frame& frame, const Level3Records& records, const UnitRows& rows, std::size_t j) {
-  const std::size_t first = records.start[j], count = records.start[j + 1] - first;
-  const double* y = records.y.data() + first;
-  const double* n = records.n.empty() ? nullptr : records.n.data() + first;
-  if (frame.outcome == Family::poisson)
-    return n == nullptr ? UnitOutcome{RecordDensity::poisson, y, nullptr}
-                        : UnitOutcome{RecordDensity::exposure, y, rows.logn.data() + first};
-  if (frame.outcome == Family::binomial) return {RecordDensity::binomial, y, n};
+RecordDensity densityof(const Frame& frame, const Level3Records& records, std::size_t j) {
+  if (frame.outcome == Family::poisson) return records.n.empty() ? RecordDensity::poisson : RecordDensity::exposure;
+  if (frame.outcome == Family::binomial) return RecordDensity::binomial;
   // A share of successes is a binomial outcome of one trial.
-  const bool whole = std::all_of(y, y + count, [](double value) { return value == 0.0 || value == 1.0; });
-  return {whole ? RecordDensity::bernoulli : RecordDensity::binomial, y, nullptr};
+  const double *y = records.y.data() + records.start[j], *end = records.y.data() + records.start[j + 1];
+  const bool whole = std::all_of(y, end, [](double value) { return value == 0.0 || value == 1.0; });
+  return whole ? RecordDensity::bernoulli : RecordDensity::binomial;
 }
 
 bool integratespherical(const Frame& frame, const SphericalGrids& grids, const SphericalPoint& point,

@@ -40,13 +40,8 @@ struct UnitRows {
 };
 // Makes x~ and, for counts with exposure, the logarithms.
 void makeunitrows(const Frame& frame, const Level3Records& records, UnitRows& rows);
-// What the loops of the outcome take for level-2 unit j: y, and n or null.
-struct UnitOutcome {
-  RecordDensity outcome;
-  const double *y, *n;
-};
-[[nodiscard]] UnitOutcome unitoutcome(const Frame& frame, const Level3Records& records, const UnitRows& rows,
-                                      std::size_t j);
+// The density of the records of level-2 unit j.
+[[nodiscard]] RecordDensity densityof(const Frame& frame, const Level3Records& records, std::size_t j);
 
 // What one unit gives.
 struct UnitSums {
