@@ -109,7 +109,7 @@ struct CarryWork {
   UnitFrames frames;
   Array<double> columns;
   Sweep from, to;
-  Array<double> res, G2, G3, G23, C3, inverse3, P, K, S, a, b;
+  Array<double> M, h, res, G2, G3, G23, C3, inverse3, P, K, S, a, b;
 };
 
 // The residual sums at `to`: h - M (coefficients there less those at `from`), the coefficients of x~ at the moments.
@@ -148,7 +148,14 @@ bool carryunit(const Frame& frame, const SphericalPoint& from, const SphericalPo
                const Nodes& moments, const RecordSums& sums, std::size_t k, CarryWork& work, Nodes& nodes) {
   const std::size_t q = at(frame.q), r = at(frame.r), npi = at(frame.npi), first = frame.units.first[k],
                     units = frame.units.first[k + 1] - first;
-  const double *M = sums.M.data() + first * packedsize(frame.npi), *h = sums.h.data() + first * npi;
+  const auto widened = [](const Array<float>& values, std::size_t place, std::size_t n, Array<double>& wide) {
+    fit(wide, n);
+    for (std::size_t i = 0; i < n; ++i) wide[i] = static_cast<double>(values[place + i]);
+    return wide.data();
+  };
+  const std::size_t T = packedsize(frame.npi);
+  const double *M = widened(sums.M, first * T, units * T, work.M),
+               *h = widened(sums.h, first * npi, units * npi, work.h);
   const double *z = moments.z.data() + first * q, *w = moments.w.data() + k * r;
   makeunitframes(frame, k, work.frames);
   makecolumns(frame, from, work.frames, units, work.columns);
@@ -251,7 +258,7 @@ Nodes makenodes(const Frame& frame) {
 }
 
 RecordSums makesums(const Frame& frame) {
-  return {Array<double>(frame.units2() * packedsize(frame.npi)), Array<double>(frame.units2() * at(frame.npi))};
+  return {Array<float>(frame.units2() * packedsize(frame.npi)), Array<float>(frame.units2() * at(frame.npi))};
 }
 
 void turnnodes(const Frame& frame, const Turn& turn, Nodes& nodes) {

@@ -29,10 +29,11 @@ struct Nodes {
 Nodes makenodes(const Frame& frame);
 void turnnodes(const Frame& frame, const Turn& turn, Nodes& nodes);
 
-// What an evaluation leaves of the records of each level-2 unit.
+// What an evaluation leaves of the records of each level-2 unit. Nodes alone are placed by it, so that half of the
+// digits do.
 struct RecordSums {
-  Array<double> M;  // J2 by npi(npi+1)/2: sum E[W] x~ x~', packed
-  Array<double> h;  // J2 by npi: sum x~ E[r]
+  Array<float> M;  // J2 by npi(npi+1)/2: sum E[W] x~ x~', packed
+  Array<float> h;  // J2 by npi: sum x~ E[r]
 };
 RecordSums makesums(const Frame& frame);
 

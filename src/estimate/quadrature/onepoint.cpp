@@ -127,8 +127,8 @@ Evaluation evaluatelaplace(SphericalLikelihood& likelihood, const Array<double>&
         std::copy_n(work.sweep.C3.data(), r * r, state.nodes.C3.data() + k * r * r);
         std::copy_n(work.sweep.P.data(), units * q * q, state.nodes.P.data() + first * q * q);
         std::copy_n(work.sweep.K.data(), units * q * r, state.nodes.K.data() + first * q * r);
-        std::copy_n(work.M.data(), units * T, state.sums.M.data() + first * T);
-        std::copy_n(work.h.data(), units * npi, state.sums.h.data() + first * npi);
+        for (std::size_t e = 0; e < units * T; ++e) state.sums.M[first * T + e] = static_cast<float>(work.M[e]);
+        for (std::size_t e = 0; e < units * npi; ++e) state.sums.h[first * npi + e] = static_cast<float>(work.h[e]);
         score[P] = work.density - 0.5 * (dot(z, z, units * q) + dot(w, w, r) + work.sweep.logdeterminant);
         unitgradient(frame, there, records, z, w, work, score);
       },

@@ -505,12 +505,12 @@ void SphericalIntegral::renew(std::size_t j) {
     for (std::size_t b = 0; b < r; ++b) K[a * r + b] = average[ofzw + a * r + b] - average[ofz + a] * wmean[b];
   }
   for (std::size_t a = 0; a < q; ++a) z[a] += average[ofz + a];
-  double* h = sums.h.data() + unit * npi;
+  const double* h = average + ofh;
   if (narrow(j)) {
-    mulAtB(h, work.rows.x.data() + records.start[j] * npi, average + ofh, frame.npi, 1, static_cast<int>(count(j)));
-  } else {
-    std::copy_n(average + ofh, npi, h);
+    mulAtB(work.cx.data(), work.rows.x.data() + records.start[j] * npi, h, frame.npi, 1, static_cast<int>(count(j)));
+    h = work.cx.data();
   }
+  for (std::size_t c = 0; c < npi; ++c) sums.h[unit * npi + c] = static_cast<float>(h[c]);
 }
 
 // Adds what level-2 unit j gives to the information: sandwiches of N_st = sum_i E[W s t] x~x~' - E[s t Cov(h, h | w)]
@@ -537,18 +537,19 @@ void SphericalIntegral::unitinformation(std::size_t j, UnitSums& result) {
           for (std::size_t s = 0; s < nrecord; ++s) M[s * T + e] += W[s * rows + i] * product;
         }
   }
-  double* kept = sums.M.data() + unit * whole;
+  const double* kept = M;
   if (narrow(j)) {
-    std::fill_n(kept, whole, 0.0);
+    fit(work.narrowM, whole);
+    std::fill_n(work.narrowM.data(), whole, 0.0);
     for (std::size_t i = 0; i < count(j); ++i) {
       const double* x = work.rows.x.data() + (records.start[j] + i) * npi;
       const double weight = W[packedrows(j) ? triangle(i) + i : i];
       for (std::size_t c = 0, e = 0; c < npi; ++c)
-        for (std::size_t d = 0; d <= c; ++d, ++e) kept[e] += weight * x[c] * x[d];
+        for (std::size_t d = 0; d <= c; ++d, ++e) work.narrowM[e] += weight * x[c] * x[d];
     }
-  } else {
-    std::copy_n(M, T, kept);
+    kept = work.narrowM.data();
   }
+  for (std::size_t e = 0; e < whole; ++e) sums.M[unit * whole + e] = static_cast<float>(kept[e]);
   double* H = result.information;
   const auto packed = [&](std::size_t s, std::size_t t) { return M + pairplace(s, t) * T; };
   // value of u' M v for columns u of X (stride n) and v of Y (stride m).

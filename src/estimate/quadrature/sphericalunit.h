@@ -60,7 +60,7 @@ struct SphericalWork {
       effects;  // of the records of a level-2 unit: eta at the centres; what it changes by with the nodes
   Array<double> outer, inner, linear, parts;  // of the loops
   std::vector<std::size_t> firstrow;          // [units + 1] rows of weights before each level-2 unit
-  Array<double> identity, narrowSd;           // of units with fewer records than columns
+  Array<double> identity, narrowSd, narrowM;  // of units with fewer records than columns
   Array<double> cx, cD, cE;                   // coefficients of x~
   Array<double> w, quad3;                     // w - w*, r by nodes of level 3; [nodes]
   Array<double> shift, L2, constant;          // per level-2 unit: kappa S, L2, log|L2|
