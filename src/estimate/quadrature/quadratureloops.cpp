@@ -279,7 +279,16 @@ inline double exponentialparts(const UnitNodes& a, bool binary) {
         }
       if (i > 0 && c == before[d]) continue;
       (d < a.dims3 ? same3 : same2) = false;
-      dimension(a, c, limit, e + d * a.linestride);
+      double* values = e + d * a.linestride;
+      if (i > 0 && c == -before[d]) {  // the same from the other end
+        for (std::size_t t = 0; t < a.points / 2; ++t) {
+          const double first = values[t];
+          values[t] = values[a.points - 1 - t];
+          values[a.points - 1 - t] = first;
+        }
+      } else {
+        dimension(a, c, limit, values);
+      }
       before[d] = c;
     }
     widest = width > widest ? width : widest;
