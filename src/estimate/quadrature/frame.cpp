@@ -246,10 +246,9 @@ Frame makeframe(Family outcome, int npi, int nbeta, const Design& design, Record
   frame.Re.reset(r * r);
   frame.units.first.assign(1, 0);
   Array<double> columns, R(p * p), row(std::max({p, g, r, at(nbeta)})), fixed(g);
-  std::vector<Level3Records> batch;
   source.rewind(source.state);
   for (;;) {
-    source.next(source.state, batch);
+    const std::vector<Level3Records>& batch = source.next(source.state);
     if (batch.empty()) break;
     for (const Level3Records& unit : batch) {
       frame.units.first.push_back(frame.units.first.back() + at(unit.units));

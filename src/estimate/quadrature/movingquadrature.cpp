@@ -184,8 +184,8 @@ Run Search::runlaplace(Array<double> start) {
   constexpr int mosthalvings = 20;
   Run made;
   const Frame& frame = likelihood.frame;
-  const int effects = frame.q + frame.r;  // of the information that steps take: as many nodes as remain cheap
-  if (!makegrids(likelihood.grids, effects <= 2 ? 5 : effects <= 6 ? 3 : 1, frame.q, frame.r)) return made;
+  const int steppoints = frame.q + frame.r <= 6 ? 3 : 1;  // of the information that steps take: as few as serve
+  if (!makegrids(likelihood.grids, steppoints, frame.q, frame.r)) return made;
   AscentSettings ascent = settings.ascent;
   ascent.iterations = std::max(settings.iterations, 1);
   ascent.fall = settings.laplacefall;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cmath>
+#include <memory>
 #include <utility>
 
 #include "estimate/likelihood/unitthreads.h"
@@ -17,6 +18,8 @@ namespace {
 
 // Of the differences of the gradient, in units of an element's own error. Their error goes with the square.
 constexpr double difference = 0.01;
+// Their modes are exact to 1e-8 of their standard errors: no difference is as small.
+constexpr double differencemodes = 1.0e-16;
 
 // y (p) += M x, M packed.
 void addpacked(std::size_t p, const double* M, const double* x, double factor, double* y) {
@@ -28,8 +31,8 @@ void addpacked(std::size_t p, const double* M, const double* x, double factor, d
 }
 
 // The gradient of one unit at its modes, which `work` holds. `sixth`: null for the first order.
-void unitgradient(const Frame& frame, const Level3Records& records, const double* z, const double* w,
-                  const ModeWork& work, const CurvatureRows& rows, const SixthOrder* sixth, double* score) {
+void unitgradient(const Frame& frame, const Level3Records& records, const double* z, const double* w, ModeWork& work,
+                  const CurvatureRows& rows, const SixthOrder* sixth, double* score) {
   const std::size_t npi = at(frame.npi), q = at(frame.q), r = at(frame.r), g = at(frame.g), units = at(records.units),
                     T = packedsize(frame.npi), P2 = packedsize(frame.q), P3 = packedsize(frame.r);
   const int op = frame.npi, oq = frame.q, orr = frame.r;
@@ -39,15 +42,9 @@ void unitgradient(const Frame& frame, const Level3Records& records, const double
       through(npi * std::max(q, r));
   for (std::size_t j = 0; j < units; ++j) {
     double* t = tsum.data() + j * npi;
-    const double* A = rows.form.data() + j * npi * npi;
-    for (std::size_t i = records.start[j]; i < records.start[j + 1]; ++i) {
-      const double* x = work.rows.x.data() + i * npi;
-      double a = 0.0;
-      for (std::size_t m = 0; m < npi; ++m) a += x[m] * dot(A + m * npi, x, npi);
-      double value = -0.5 * work.densities.D[i] * a;
-      if (sixth != nullptr) value += sixth->byeta[i];
-      for (std::size_t m = 0; m < npi; ++m) t[m] += value * x[m];
-    }
+    fastestquadratureloops().formsums(work.columnsof(frame, j), rows.form.data() + j * npi * npi, t);
+    if (sixth != nullptr)
+      for (std::size_t m = 0; m < npi; ++m) t[m] += sixth->byeta[j * npi + m];
     mulAtB(pz.data() + j * q, cD, t, oq, 1, op);  // the right side, for now
     addAtB(right.data(), rows.L.data() + j * npi * r, t, orr, 1, op);
   }
@@ -103,22 +100,22 @@ struct LaplaceWork {
 // The value of a level-3 unit behind its score (P + 1), at modes that take the place of the trial's. False when there
 // are none or the sixth order has no logarithm.
 bool unitlaplace(SphericalLikelihood& likelihood, const SphericalPoint& there, const Level3Records& records,
-                 ModeWork& work, LaplaceWork& own, double* score) {
+                 double promise, ModeWork& work, LaplaceWork& own, double* score) {
   const Frame& frame = likelihood.frame;
   SphericalState& state = likelihood.trial;
   const std::size_t P = frame.count(), q = at(frame.q), r = at(frame.r), npi = at(frame.npi), T = packedsize(frame.npi);
   const std::size_t k = at(records.k), first = records.firstunit, units = at(records.units);
   double *z = state.nodes.z.data() + first * q, *w = state.nodes.w.data() + k * r;
-  if (!jointmodes(frame, there, records, z, w, work)) return false;
+  if (!jointmodes(frame, there, records, promise, z, w, work)) return false;
   std::copy_n(work.sweep.C3.data(), r * r, state.nodes.C3.data() + k * r * r);
   std::copy_n(work.sweep.P.data(), units * q * q, state.nodes.P.data() + first * q * q);
   std::copy_n(work.sweep.K.data(), units * q * r, state.nodes.K.data() + first * q * r);
-  std::copy_n(work.M.data(), units * T, state.sums.M.data() + first * T);
-  std::copy_n(work.h.data(), units * npi, state.sums.h.data() + first * npi);
+  for (std::size_t e = 0; e < units * T; ++e) state.sums.M[first * T + e] = static_cast<float>(work.M[e]);
+  for (std::size_t e = 0; e < units * npi; ++e) state.sums.h[first * npi + e] = static_cast<float>(work.h[e]);
   score[P] = work.density - 0.5 * (dot(z, z, units * q) + dot(w, w, r) + work.sweep.logdeterminant);
   makecurvaturerows(frame, there, units, work, own.rows);
   if (likelihood.sixth) {
-    if (!makesixthorder(frame, records, work, own.rows, own.sixth)) return false;
+    if (!makesixthorder(frame, records, z, w, work, own.rows, own.sixth)) return false;
     score[P] += own.sixth.share;
     state.shares[k] = own.sixth.share;
   }
@@ -136,7 +133,7 @@ void startatmodes(SphericalLikelihood& likelihood) {
 
 }  // namespace
 
-Evaluation evaluatelaplace(SphericalLikelihood& likelihood, const Array<double>& point) {
+Evaluation evaluatelaplace(SphericalLikelihood& likelihood, const Array<double>& point, double promise) {
   const Frame& frame = likelihood.frame;
   SphericalState& state = likelihood.trial;
   const std::size_t P = frame.count();
@@ -155,7 +152,7 @@ Evaluation evaluatelaplace(SphericalLikelihood& likelihood, const Array<double>&
       *likelihood.source, likelihood.threads,
       [&](const std::vector<Level3Records>& batch) { values.reset(batch.size() * (P + 1)); },
       [&](const std::vector<Level3Records>& batch, std::size_t i, int worker) {
-        if (!unitlaplace(likelihood, there, batch[i], likelihood.modework[at(worker)], work[at(worker)],
+        if (!unitlaplace(likelihood, there, batch[i], promise, likelihood.modework[at(worker)], work[at(worker)],
                          values.data() + i * (P + 1)))
           found = false;
       },
@@ -197,8 +194,13 @@ Evaluation exactinformation(SphericalLikelihood& likelihood, const Array<double>
   const auto scoreat = [&](std::size_t element, double step) {
     Array<double> point = centre.copy();
     point[element] += step;
-    startatmodes(likelihood);
-    return evaluatelaplace(likelihood, point);
+    // The modes of the other side, which come second, lie nearly opposite.
+    const auto begin = [step](const Array<double>& here, Array<double>& beside) {
+      for (std::size_t i = 0; i < here.size(); ++i) beside[i] = step > 0.0 ? here[i] : 2.0 * here[i] - beside[i];
+    };
+    begin(likelihood.current.nodes.z, likelihood.trial.nodes.z);
+    begin(likelihood.current.nodes.w, likelihood.trial.nodes.w);
+    return evaluatelaplace(likelihood, point, differencemodes);
   };
   double* H = exact.information.data();
   for (std::size_t i = 0; i < P; ++i) {
@@ -214,30 +216,74 @@ Evaluation exactinformation(SphericalLikelihood& likelihood, const Array<double>
   return exact;
 }
 
+// The information of the steps, and where it was made.
+struct StepInformation {
+  Array<double> point, information, scale;
+  void take(const Array<double>& at, const Evaluation& there) {
+    point = at.copy();
+    information = there.information.copy();
+    scale = there.scale.copy();
+  }
+};
+
+// Whether the information still serves at `point`: the step that is left is short by it, and no element has come to 0
+// or left it.
+bool stillserves(const StepInformation& steps, const AscentProblem& problem, const Array<double>& point,
+                 const Evaluation& there) {
+  constexpr double shortstep = 0.01;  // of the decrement
+  if (steps.point.empty()) return false;
+  for (std::size_t i = 0; i < point.size(); ++i)
+    if ((point[i] == 0.0) != (steps.point[i] == 0.0)) return false;
+  const NewtonStep step = newtonstep(problem, AscentSettings{}, there);
+  return step.least > AscentSettings{}.definite && step.decrement < shortstep;
+}
+
 }  // namespace
 
 AscentProblem laplaceascentof(SphericalLikelihood& likelihood) {
   AscentProblem problem = ascentof(likelihood);
   problem.approaches = false;
-  problem.evaluate = [&likelihood](const Array<double>& point, Approach) {
+  const auto rearrange = problem.rearrange;
+  const auto steps = std::make_shared<StepInformation>();
+  problem.rearrange = [steps, rearrange](Array<double>& point) {
+    if (!rearrange(point)) return false;
+    steps->point.reset(0);
+    return true;
+  };
+  AscentProblem held;
+  held.count = problem.count;
+  held.held = problem.held;
+  problem.evaluate = [&likelihood, steps, held](const Array<double>& point, Approach) {
     SphericalState& trial = likelihood.trial;
     startatmodes(likelihood);
     Evaluation laplace = evaluatelaplace(likelihood, point);
     if (!laplace.usable) return laplace;
+    if (!steps->point.empty()) {
+      laplace.information = steps->information.copy();
+      laplace.scale = steps->scale.copy();
+      setreach(likelihood.frame, point, likelihood.current.curvature, laplace);
+      if (stillserves(*steps, held, point, laplace)) {
+        trial.curvature = likelihood.current.curvature.copy();
+        return laplace;
+      }
+    }
     // The quadrature leaves its moments in the place of the modes.
     Nodes modes = trial.nodes.copy();
     RecordSums sums{trial.sums.M.copy(), trial.sums.h.copy()};
     Array<double> outer = trial.outer.copy();
-    Evaluation steps = evaluatespherical(likelihood, point);
+    Evaluation quadrature = evaluatespherical(likelihood, point);
     trial.nodes = std::move(modes);
     trial.sums = std::move(sums);
     trial.outer = std::move(outer);
-    steps.value = laplace.value;
-    steps.score = std::move(laplace.score);
-    return steps;
+    quadrature.value = laplace.value;
+    quadrature.score = std::move(laplace.score);
+    steps->take(point, quadrature);
+    return quadrature;
   };
-  problem.exact = [&likelihood](const Array<double>& point, const Evaluation& there) {
-    return exactinformation(likelihood, point, there);
+  problem.exact = [&likelihood, steps](const Array<double>& point, const Evaluation& there) {
+    Evaluation exact = exactinformation(likelihood, point, there);
+    if (exact.usable) steps->take(point, exact);
+    return exact;
   };
   return problem;
 }

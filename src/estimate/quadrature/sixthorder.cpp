@@ -3,12 +3,12 @@
 #include <algorithm>
 #include <cmath>
 
+#include "estimate/likelihood/unitthreads.h"
 #include "estimate/linear/usable.h"
 #include "estimate/quasi/family.h"
 #include "kernel/matrix.h"
 #include "kernel/products.h"
 #include "kernel/sizes.h"
-#include "kernel/spectrum.h"
 
 namespace kdr {
 
@@ -36,6 +36,7 @@ void addouter(std::size_t n, double factor, const double* x, double* M) {
 struct Expansion {
   const Frame& frame;
   const Level3Records& records;
+  const double *z, *w;
   const ModeWork& work;
   const CurvatureRows& rows;
   SixthOrder& sixth;
@@ -43,21 +44,36 @@ struct Expansion {
   int op = frame.npi, oq = frame.q, orr = frame.r;
   double S = 0.0;
   // W: sum_j L_j'N_j L_j, less that of unit j; then C3 times it times C3.
-  Array<double> omega{npi}, h{npi}, LN{npi * r}, W{r * r}, others{r * r}, through{npi * std::max(q, r)};
+  Array<double> omega{npi}, h{npi}, LN{npi * r}, W{r * r}, others{r * r};
 
-  [[nodiscard]] const double* x(std::size_t i) const { return work.rows.x.data() + i * npi; }
-  [[nodiscard]] LogitCumulants cumulants(std::size_t i) const {
-    return logitcumulants(records.y[i] - work.densities.r[i], work.densities.W[i]);
-  }
+  [[nodiscard]] const double* x(std::size_t i) const { return sixth.x.data() + i * npi; }
+  [[nodiscard]] LogitCumulants cumulants(std::size_t i) const { return logitcumulants(sixth.mu[i], sixth.k2[i]); }
 
+  void predict(std::size_t j);
   void moments(std::size_t j);
   void weights(std::size_t j, double D);
   void columns(std::size_t j, double D, const double* AN, const double* LV, const double* left, std::size_t n,
                const double* right, double* U);
 };
 
+// x~, mean and variance of the records of unit j, which stand by columns in `work`.
+void Expansion::predict(std::size_t j) {
+  const std::size_t stride = work.first[j + 1] - work.first[j], s = q + r;
+  const double *columns = work.xcolumns.data() + work.first[j] * npi, *C = work.columns.data() + j * npi * s;
+  for (std::size_t m = 0; m < npi; ++m)
+    h[m] = work.fixed[j * npi + m] + dot(C + m * s, z + j * q, q) + dot(C + m * s + q, w, r);
+  for (std::size_t i = records.start[j], place = 0; i < records.start[j + 1]; ++i, ++place) {
+    double* row = sixth.x.data() + i * npi;
+    for (std::size_t m = 0; m < npi; ++m) row[m] = columns[m * stride + place];
+    const LogitMean mean = logitmean(dot(row, h.data(), npi));
+    sixth.k2[i] = mean.variance;
+    sixth.mu[i] = mean.mu;
+  }
+}
+
 // a_i, b_i = x~_i'A omega, S, N without its factor D, and W.
 void Expansion::moments(std::size_t j) {
+  predict(j);
   const double* A = rows.form.data() + j * npi * npi;
   double* N = sixth.N.data() + j * npi * npi;
   omega.fill(0.0);
@@ -100,6 +116,8 @@ void Expansion::weights(std::size_t j, double D) {
   double* N = sixth.N.data() + j * npi * npi;
   fit(sixth.room, 2 * npi * npi + npi * r);
   double *AN = sixth.room.data(), *Q = AN + npi * npi, *LV = Q + npi * npi;
+  double* byeta = sixth.byeta.data() + j * npi;
+  std::fill_n(byeta, npi, 0.0);
   mulAB(LN.data(), N, L, op, orr, op);
   mulAtB(others.data(), L, LN.data(), orr, orr, op);
   for (std::size_t i = 0; i < r * r; ++i) others[i] = W[i] - others[i];
@@ -110,8 +128,9 @@ void Expansion::weights(std::size_t j, double D) {
   for (std::size_t i = records.start[j]; i < records.start[j + 1]; ++i) {
     const LogitCumulants k = cumulants(i);
     const double a = sixth.a[i];
-    sixth.byeta[i] = D * (-a * a * (k.k5 / 8.0 + k.k7 * a / 48.0) + 2.0 * pairweight * k.k4 * a * sixth.b[i] -
-                          k.k3 * quadraticform(npi, Q, x(i)));
+    const double c = -a * a * (k.k5 / 8.0 + k.k7 * a / 48.0) + 2.0 * pairweight * k.k4 * a * sixth.b[i] -
+                     k.k3 * quadraticform(npi, Q, x(i));
+    for (std::size_t m = 0; m < npi; ++m) byeta[m] += D * c * x(i)[m];
   }
   // H^-1 V_m' for another unit m is C3 L_m' at w and slope_j C3 L_m' at z_j.
   Array<double> right(q * r);
@@ -149,14 +168,16 @@ void makecurvaturerows(const Frame& frame, const SphericalPoint& point, std::siz
   }
 }
 
-bool makesixthorder(const Frame& frame, const Level3Records& records, const ModeWork& work, const CurvatureRows& rows,
-                    SixthOrder& sixth) {
+bool makesixthorder(const Frame& frame, const Level3Records& records, const double* z, const double* w,
+                    const ModeWork& work, const CurvatureRows& rows, SixthOrder& sixth) {
   const std::size_t npi = at(frame.npi), units = at(records.units), total = records.start[units];
-  for (Array<double>* array : {&sixth.byeta, &sixth.a, &sixth.b}) fit(*array, total);
+  for (Array<double>* array : {&sixth.mu, &sixth.k2, &sixth.a, &sixth.b}) fit(*array, total);
+  fit(sixth.x, total * npi);
+  fit(sixth.byeta, units * npi);
   fit(sixth.N, units * npi * npi);
   fit(sixth.U2, units * npi * at(frame.q));
   fit(sixth.U3, units * npi * at(frame.r));
-  Expansion expansion{frame, records, work, rows, sixth};
+  Expansion expansion{frame, records, z, w, work, rows, sixth};
   for (std::size_t j = 0; j < units; ++j) expansion.moments(j);
   if (!(1.0 - expansion.S > 0.0)) return false;
   sixth.share = std::log1p(-expansion.S);
@@ -166,29 +187,59 @@ bool makesixthorder(const Frame& frame, const Level3Records& records, const Mode
 
 namespace {
 
-// T_aa / (V + T)_aa added to each sum, for the T of columns that the inverse I of `information` turns to V = to I to'.
-// False when there is no inverse.
-bool addreliabilities(int order, const double* information, const Array<double>& to, const Array<double>& T,
-                      Array<double>& sums) {
-  const std::size_t n = at(order);
-  Array<double> inverse(n * n), half(n * n), V(n * n);
-  if (!invertcovariance(information, order, inverse.data())) return false;
-  mulAB(half.data(), to.data(), inverse.data(), order, order, order);
-  mulABt(V.data(), half.data(), to.data(), order, order, order);
-  for (std::size_t a = 0; a < n; ++a) {
-    const double t = T[a * n + a];
-    sums[a] += t / (V[a * n + a] + t);
+// The sum of T_aa / (V + T)_aa, for the T of columns that the inverse I of `information` turns to V = to I to', and the
+// number of its terms.
+struct Reliability {
+  int order;
+  const Array<double>&to, &T;
+  double *sums, *count;
+
+  void add(const double* information) const {
+    const std::size_t n = at(order);
+    Array<double> inverse(n * n), half(n * n), V(n * n);
+    if (!invertcovariance(information, order, inverse.data())) return;
+    mulAB(half.data(), to.data(), inverse.data(), order, order, order);
+    mulABt(V.data(), half.data(), to.data(), order, order, order);
+    for (std::size_t a = 0; a < n; ++a) sums[a] += T[a * n + a] / (V[a * n + a] + T[a * n + a]);
+    ++*count;
   }
-  return true;
+};
+
+// One level-3 unit at the modes that `work` holds.
+void addreliabilities(const Frame& frame, const SphericalPoint& point, std::size_t units, const ModeWork& work,
+                      const Reliability& level2, const Reliability& level3) {
+  const std::size_t npi = at(frame.npi), q = at(frame.q), r = at(frame.r), packed = packedsize(frame.npi);
+  const int op = frame.npi, oq = frame.q, orr = frame.r;
+  Array<double> M(npi * npi), MD(npi * q), ME(npi * r), dd(q * q), de(q * r), AC(q * q), kept(q * q), share(q * r),
+      information(r * r);
+  for (std::size_t j = 0; j < units; ++j) {
+    const double *sum = work.M.data() + j * packed, *Se = work.frames.Se.data() + j * npi * r;
+    for (std::size_t a = 0, e = 0; a < npi; ++a)
+      for (std::size_t b = 0; b <= a; ++b, ++e) M[a * npi + b] = M[b * npi + a] = sum[e];
+    mulAB(MD.data(), M.data(), frame.Sd.data(), op, oq, op);
+    mulAB(ME.data(), M.data(), Se, op, orr, op);
+    mulAtB(dd.data(), frame.Sd.data(), MD.data(), oq, oq, op);
+    mulAtB(de.data(), frame.Sd.data(), ME.data(), oq, orr, op);
+    level2.add(dd.data());
+    // sum W ee' - (sum W ed') A C2 A' (sum W de').
+    addAtB(information.data(), Se, ME.data(), orr, orr, op);
+    mulAB(AC.data(), point.A.data(), work.sweep.C2.data() + j * q * q, oq, oq, oq);
+    mulABt(kept.data(), AC.data(), point.A.data(), oq, oq, oq);
+    mulAB(share.data(), kept.data(), de.data(), oq, orr, oq);
+    for (std::size_t a = 0; a < r; ++a)
+      for (std::size_t b = 0; b < r; ++b)
+        for (std::size_t c = 0; c < q; ++c) information[a * r + b] -= de[c * r + a] * share[c * r + b];
+  }
+  level3.add(information.data());
 }
 
 }  // namespace
 
-LaplaceFindings laplacefindings(const SphericalLikelihood& likelihood) {
+LaplaceFindings laplacefindings(SphericalLikelihood& likelihood) {
   const Frame& frame = likelihood.frame;
   const SphericalState& state = likelihood.current;
-  const std::size_t npi = at(frame.npi), q = at(frame.q), r = at(frame.r), packed = packedsize(frame.npi);
-  const int op = frame.npi, oq = frame.q, orr = frame.r;
+  const std::size_t q = at(frame.q), r = at(frame.r), width = q + r + 2;
+  const int oq = frame.q, orr = frame.r;
   const SphericalPoint there = sphericalpoint(frame, state.point);
   const Parameters parameters = parametersof(frame, state.point);
   LaplaceFindings findings;
@@ -196,42 +247,29 @@ LaplaceFindings laplacefindings(const SphericalLikelihood& likelihood) {
   findings.rel3.reset(r);
   findings.u.reset(frame.units2() * q);
   findings.v.reset(frame.units3() * r);
-  UnitFrames frames;
-  Array<double> M(npi * npi), MD(npi * q), ME(npi * r), dd(q * q), de(q * r), H2(q * q), L2(q * q), X2(q * q),
-      C2(q * q), AC(q * q), kept(q * q), share(q * r), information(r * r), toU(q * q), toV(r * r);
+  Array<double> toU(q * q), toV(r * r), sums(frame.units3() * width);
   mulAB(toU.data(), frame.toD.data(), there.A.data(), oq, oq, oq);
   mulAB(toV.data(), frame.toE.data(), there.B.data(), orr, orr, orr);
+  static_cast<void>(overunits(*likelihood.source, likelihood.threads, [&](const Level3Records& records, int worker) {
+    ModeWork& work = likelihood.modework[at(worker)];
+    const std::size_t k = at(records.k), first = records.firstunit, units = at(records.units);
+    double *z = likelihood.trial.nodes.z.data() + first * q, *w = likelihood.trial.nodes.w.data() + k * r;
+    std::copy_n(state.nodes.z.data() + first * q, units * q, z);
+    std::copy_n(state.nodes.w.data() + k * r, r, w);
+    double* sum = sums.data() + k * width;
+    if (jointmodes(frame, there, records, exactmodes, z, w, work))
+      addreliabilities(frame, there, units, work, {oq, frame.toD, parameters.taupi, sum, sum + q + r},
+                       {orr, frame.toE, parameters.taubeta, sum + q, sum + q + r + 1});
+    for (std::size_t j = 0; j < units; ++j)
+      mulAB(findings.u.data() + (first + j) * q, toU.data(), z + j * q, oq, 1, oq);
+    mulAB(findings.v.data() + k * r, toV.data(), w, orr, 1, orr);
+  }));
   for (std::size_t k = 0; k < frame.units3(); ++k) {
-    makeunitframes(frame, k, frames);
-    information.fill(0.0);
-    mulAB(findings.v.data() + k * r, toV.data(), state.nodes.w.data() + k * r, orr, 1, orr);
-    for (std::size_t unit = frame.units.first[k]; unit < frame.units.first[k + 1]; ++unit) {
-      const double *sum = state.sums.M.data() + unit * packed,
-                   *Se = frames.Se.data() + (unit - frame.units.first[k]) * npi * r;
-      mulAB(findings.u.data() + unit * q, toU.data(), state.nodes.z.data() + unit * q, oq, 1, oq);
-      for (std::size_t a = 0, e = 0; a < npi; ++a)
-        for (std::size_t b = 0; b <= a; ++b, ++e) M[a * npi + b] = M[b * npi + a] = sum[e];
-      mulAB(MD.data(), M.data(), frame.Sd.data(), op, oq, op);
-      mulAB(ME.data(), M.data(), Se, op, orr, op);
-      mulAtB(dd.data(), frame.Sd.data(), MD.data(), oq, oq, op);
-      mulAtB(de.data(), frame.Sd.data(), ME.data(), oq, orr, op);
-      if (addreliabilities(oq, dd.data(), frame.toD, parameters.taupi, findings.rel2)) ++findings.nrel2;
-      // sum W ee' - (sum W ed') A C2 A' (sum W de'), C2 = (I + A'(sum W dd')A)^-1.
-      addAtB(information.data(), Se, ME.data(), orr, orr, op);
-      mulAB(AC.data(), dd.data(), there.A.data(), oq, oq, oq);
-      mulAtB(H2.data(), there.A.data(), AC.data(), oq, oq, oq);
-      for (std::size_t a = 0; a < q; ++a) H2[a * q + a] += 1.0;
-      if (!choleskyfactor(q, H2.data(), L2.data())) continue;
-      invertlower(q, L2.data(), X2.data());
-      inversefromfactor(q, X2.data(), C2.data());
-      mulAB(AC.data(), there.A.data(), C2.data(), oq, oq, oq);
-      mulABt(kept.data(), AC.data(), there.A.data(), oq, oq, oq);
-      mulAB(share.data(), kept.data(), de.data(), oq, orr, oq);
-      for (std::size_t a = 0; a < r; ++a)
-        for (std::size_t b = 0; b < r; ++b)
-          for (std::size_t c = 0; c < q; ++c) information[a * r + b] -= de[c * r + a] * share[c * r + b];
-    }
-    if (addreliabilities(orr, information.data(), frame.toE, parameters.taubeta, findings.rel3)) ++findings.nrel3;
+    const double* sum = sums.data() + k * width;
+    for (std::size_t a = 0; a < q; ++a) findings.rel2[a] += sum[a];
+    for (std::size_t a = 0; a < r; ++a) findings.rel3[a] += sum[q + a];
+    findings.nrel2 += static_cast<int>(sum[q + r]);
+    findings.nrel3 += static_cast<int>(sum[q + r + 1]);
   }
   for (const double change : state.shares) findings.largest = std::max(findings.largest, std::fabs(change));
   for (double& sum : findings.rel2) sum = findings.nrel2 > 0 ? sum / findings.nrel2 : 0.0;

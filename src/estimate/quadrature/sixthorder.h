@@ -31,14 +31,14 @@ void makecurvaturerows(const Frame& frame, const SphericalPoint& point, std::siz
 // What the sixth order adds.
 struct SixthOrder {
   double share = 0.0;    // log(1 - S)
-  Array<double> byeta;   // [records] the derivative of log(1 - S) by eta_i, modes and rows b held
+  Array<double> byeta;   // units by npi: sum_i x~_i times the derivative of log(1 - S) by eta_i, modes and rows b held
   Array<double> N;       // units by npi squared: D (sum_i F_i x~x~' + 5/24 omega omega'), D = 1/(1 - S)
   Array<double> U2, U3;  // units by npi by q, and by r: 2 D V_j H^-1 (sum_m V_m'N_m V_m) H^-1 at z_j and at w
-  Array<double> a, b, room;
+  Array<double> x, mu, k2, a, b, room;
 };
-// At the modes that `work` holds. False where 1 - S is not above 0.
-[[nodiscard]] bool makesixthorder(const Frame& frame, const Level3Records& records, const ModeWork& work,
-                                  const CurvatureRows& rows, SixthOrder& sixth);
+// At the modes z and w, of which `work` holds the rest. False where 1 - S is not above 0.
+[[nodiscard]] bool makesixthorder(const Frame& frame, const Level3Records& records, const double* z, const double* w,
+                                  const ModeWork& work, const CurvatureRows& rows, SixthOrder& sixth);
 
 // What a report of Laplace-6 shows besides estimates and errors: mean reliabilities
 //   taupi_aa / (V + taupi)_aa,      V = (sum_i W_i d_i d_i')^-1 of a level-2 unit
@@ -50,7 +50,8 @@ struct LaplaceFindings {
   Array<double> u, v;    // J2 by q, J3 by r
   double largest = 0.0;  // absolute value of log(1 - S) of a level-3 unit
 };
-// At the last accepted point of an ascent on the approximation.
-[[nodiscard]] LaplaceFindings laplacefindings(const SphericalLikelihood& likelihood);
+// At the last accepted point of an ascent on the approximation. Reads the data once; where they break off, their source
+// says so.
+[[nodiscard]] LaplaceFindings laplacefindings(SphericalLikelihood& likelihood);
 
 }  // namespace kdr
