@@ -16,9 +16,13 @@ namespace {
 
 // S = sigma2 t^-1 for a tau that the step needs as a covariance; failures 12 and 15 otherwise.
 Failure covarianceinverse(const Pass& pass, Tau which, Array<double>& S, double& logdet) {
-  if (scaleinverse(pass.est.tau(which).data(), pass.order(which), pass.est.sigma2, S, logdet) != 0)
-    return failed(12, std::string("tau(") + nameof(which) + ")");
-  return {};
+  const int n = pass.order(which);
+  const double* t = pass.est.tau(which).data();
+  if (scaleinverse(t, n, pass.est.sigma2, S, logdet) != 0) return failed(12, std::string("tau(") + nameof(which) + ")");
+  if (positivecovariance(t, n)) return {};
+  if (hasunitcorrelation(n, t, n))
+    tellobserver(pass.observer().badtau, BadTau{BadTau::Why::unitcorrelation, which, n, t});
+  return failed(15);
 }
 
 // T := the moment (s X + R) / n, n the number of units, under the restrictions of its level.
