@@ -135,17 +135,16 @@ void tellbeginning() {
 // The dialogue about a starting tau.
 
 void showtau(const TauRepair& repair) {
-  const bool pi = repair.which == Tau::pi;
-  if (!reportisstdout()) std::printf(pi ? "\n Tau(pi)(0)\n" : "\n Tau(beta)(0)\n");
+  if (!reportisstdout()) std::printf("\n Tau(%s)(0)\n", nameof(repair.which));
   for (int i = 0; i < repair.n; ++i) {
-    const Name& label = pi ? run.model.coef.pinames[i] : run.model.coef.betanames1[i];
+    const Name& label = ofthe(repair.which, run.model.coef.pinames, run.model.coef.betanames1)[i];
     std::printf(" %.9s ", label.text);
     for (int j = 0; j < repair.n; ++j) std::printf("%12.5f ", repair.tau[i * repair.n + j]);
     std::printf("\n");
   }
   std::printf("\n");
   // Who asks for it once more in the next data set of a series asks only where it is needed.
-  FixTau& code = pi ? run.control.fixtau2 : run.control.fixtau3;
+  FixTau& code = run.control.fixtau(repair.which);
   if (code == FixTau::always) code = FixTau::ask;
 }
 
@@ -214,7 +213,7 @@ void resetgammas(const TauRepair& repair) {
 
 void tellbadtau(const BadTau& bad) {
   if (bad.why == BadTau::Why::unitcorrelation) return correlationtable(bad.which, bad.n, bad.tau);
-  std::printf(bad.which == Tau::pi ? "Unable to compute Tau(pi)(0)\n" : "Unable to compute Tau(beta)(0)\n");
+  std::printf("Unable to compute Tau(%s)(0)\n", nameof(bad.which));
   tautable(bad.which, MatrixTitle::plain, true, bad.n, bad.tau);
 }
 

@@ -211,10 +211,6 @@ void openresults() {
   setsymbols();
   makerowlabels();
   writeheader();
-  for (const std::string& words : run.warnings) {
-    reportwarning("WARNING: " + escaped(words));
-    documentwarning(words);
-  }
   writespecification();
   applyconstraints(run.model);
   run.model.coef.ngamma -= run.model.nconstrained;

@@ -210,7 +210,7 @@ void readcommandfile() {
   resetkeywords();
   CommandReader reader;
   const bool nextpass = run.files.nextcommands != nullptr;
-  if (!nextpass) run.odd.clear();
+  if (!nextpass) std::erase_if(run.warnings, [](const RunWarning& warning) { return warning.ofcommands; });
   if (run.files.cmdfile.empty() && !nextpass) {
     endoffile(reader);
     return;

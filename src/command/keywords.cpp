@@ -208,14 +208,14 @@ void readhypoth(CommandReader&, const std::string& value) {
 }
 
 void readdofisher(CommandReader&, const std::string& value) {
-  run.control.fishertype = flagof("DOFISHER", value) ? 2 : 0;
+  run.control.fishertype = flagof("DOFISHER", value) ? FisherType::expected : FisherType::none;
 }
 
 void readfishertype(CommandReader&, const std::string& value) {
   const std::optional<int> type = wholeof(value);
   if (!type || *type < 0 || *type > 2)
     refusevalue("FISHERTYPE", "0, 1 or 2", value, "\nInvalid type of Fisher acceleration.\n");
-  run.control.fishertype = *type;
+  run.control.fishertype = static_cast<FisherType>(*type);
 }
 
 void readtitle(CommandReader&, const std::string& value) {

@@ -15,12 +15,11 @@
 #include "driver/failures.h"
 #include "driver/oddities.h"
 #include "driver/runrecord.h"
+#include "kernel/sizes.h"
 
 namespace kdr {
 
 namespace {
-
-std::size_t at(int i) { return static_cast<std::size_t>(i); }
 
 // The levels' tau matrices side by side.
 struct TauFields {
@@ -51,7 +50,7 @@ constexpr TauFields taubeta = {"beta",
                                &Restrictions::contau3};
 
 // Elements of the lower triangle of a tau.
-long long triangle(int order) { return static_cast<long long>(order) * (order + 1) / 2; }
+long long triangle(int order) { return static_cast<long long>(packedsize(order)); }
 
 void needmodel(const char* kind, const TauFields& tau) {
   if (!run.answered.wholemodel()) stopwith("%s tau(%s) must be specified after complete model\n", kind, tau.greek);

@@ -10,6 +10,8 @@
 
 #include "construct/fileclashes.h"
 #include "construct/levelsource.h"
+#include "construct/rawformats.h"
+#include "construct/rawvariables.h"
 #include "construct/readers/ascii.h"
 #include "core/formatted.h"
 #include "core/numbers.h"
