@@ -402,7 +402,7 @@ std::optional<Estimates> sharedstart(Pass& pass) {
   for (int i = 0; i < g; ++i)
     rss += est.gammahat[i] * (dot(pass.gramMM.data() + i * g, est.gammahat.data(), at(g)) - 2.0 * pass.gramMY[i]);
   sharevariance(pass, rss / pass.nunits1, est);
-  applytaupi(pass.model(), est.taupi.data());
+  applyheld(pass.model(), Tau::pi, est);
   if (usableestimates(pass, est)) return est;
   return std::nullopt;
 }
