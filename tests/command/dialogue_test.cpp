@@ -8,9 +8,9 @@
 
 #include "command/complete.h"
 #include "command/constraints.h"
-#include "core/constraints.h"
 #include "command/smallmdm.h"
 #include "command/writer.h"
+#include "core/constraints.h"
 
 using namespace kdr;
 
