@@ -64,10 +64,11 @@ bool closeatlimit(MacroState& state) {
 
 // Whether the loop creeps: micro iterations that stop early move the variance components so little that the macro test
 // takes it for standing still, or that it is never met. At the edge of the covariance matrices a scoring step tells
-// nothing of what is left: only a search does.
+// nothing of what is left: only a search does. So does a pass whose many micro iterations found no end.
 bool creeps(const MacroState& state, const PassResults& results, bool converged) {
-  constexpr int patience = 20;
+  constexpr int patience = 20, longpass = 200;
   constexpr double near = 0.01;  // standard errors
+  if (results.ending == Ending::limit && results.iteration >= longpass) return true;
   const double left = results.errors.stepleft;
   return converged ? left >= near || left < 0.0 : state.macro >= patience;
 }
