@@ -489,7 +489,9 @@ double recordsums(const RecordColumns& a) {
       W = n * (e * inverse * inverse);
       D = W * ((eta < 0.0 ? 1.0 - e : e - 1.0) * inverse);
     }
-    if (a.D != nullptr) store(a.D + i, D);
+    store(a.r + i, r);
+    store(a.W + i, W);
+    store(a.D + i, D);
     for (std::size_t c = 0, e = 0; c < npi; ++c) {
       const Lane x = load(columns + c * a.stride), weighted = x * W;
       add(c, x * r);

@@ -66,7 +66,7 @@ struct RecordColumns {
   const double* coefficients;  // [npi] of eta = x~'coefficients
   double* h;                   // [npi] out: sum x~ r
   double* M;                   // packed npi(npi+1)/2, out: sum W x~x~'
-  double* D;                   // [stride] dW/deta, out, or null
+  double *r, *W, *D;           // [stride] out: dl/deta, -d2l/deta2, dW/deta
   double* work;                // [4 (npi + npi(npi+1)/2)]
 };
 

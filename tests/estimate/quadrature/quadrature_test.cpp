@@ -225,7 +225,7 @@ TEST(QuadratureLoops, RecordsOfAUnitAtItsModes) {
         offset[i] = type == 3 ? 0.3 * normal(rng) : 0.0;
       }
       const auto written = [&](const QuadratureLoops& loops) {
-        std::vector<double> found(1 + npi + packed + npi), D(stride), work(4 * (npi + packed));
+        std::vector<double> found(1 + npi + packed + npi), r(stride), W(stride), D(stride), work(4 * (npi + packed));
         const RecordColumns unit{npi,
                                  stride,
                                  columns.data(),
@@ -235,6 +235,8 @@ TEST(QuadratureLoops, RecordsOfAUnitAtItsModes) {
                                  coefficients.data(),
                                  found.data() + 1,
                                  found.data() + 1 + npi,
+                                 r.data(),
+                                 W.data(),
                                  D.data(),
                                  work.data()};
         found[0] = loops.recordsums[type](unit);
