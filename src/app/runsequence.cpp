@@ -99,6 +99,20 @@ void holdstandardstreams() {
   fail(0);
 }
 
+// The restricted likelihood and degrees of freedom from it are those of linear models with equal weights.
+void checksmallsample() {
+  const Control& control = run.control;
+  const bool restricted = control.restricted, degrees = control.ddf != DegreesMethod::counts;
+  if (!restricted && !degrees) return;
+  const char* what = restricted ? "LIKELIHOOD:REML" : "DDF:";
+  if (!run.model.outcome.linear()) stopwith("%s is for linear models only.\n", what);
+  if (run.model.weighted) stopwith("%s cannot be combined with design weights.\n", what);
+  if (run.out.lvr) stopwith("%s cannot be combined with latent variable regression.\n", what);
+  if (control.hetit != 0) stopwith("%s cannot be combined with HETIT:.\n", what);
+  if (control.ddf == DegreesMethod::kenwardroger && !restricted)
+    stopwith("DDF:KENWARDROGER is for the restricted likelihood: add LIKELIHOOD:REML.\n");
+}
+
 // The engines know neither design weights nor restricted taus: the model that they fit would be another one.
 void checkengines() {
   if (run.control.hetit != 0 && !run.model.outcome.linear()) stopwith("HETIT: is for linear models only.\n");
@@ -203,6 +217,7 @@ void readmodel() {
   markdeletion(run.model, run.mdm);
   run.model.weighted = run.model.wgtvar1 != 0 || run.model.wgtvar2 != 0 || run.model.wgtvar3 != 0;
   checkengines();
+  checksmallsample();
   if (run.model.weighted) stopif(normaliseweights(run.model, run.mdm, runobserver(), run.weights));
   if (!run.series.pvmode || run.series.pvfirst)
     run.model.outname = run.mdm.names1[static_cast<std::size_t>(run.model.outvar)];

@@ -16,6 +16,12 @@ enum class Taylor { none = 0, second = 2, fourth = 4 };
 // asks.
 enum class FixTau { ask = 0, clear = 1, byhand = 2, automatic = 3, quit = 4, always = 5 };
 
+// Where degrees of freedom of fixed effects come from.
+enum class DegreesMethod { counts, satterthwaite, kenwardroger };
+inline constexpr CodeWord<DegreesMethod> degreeswords[] = {{DegreesMethod::counts, "COUNTS"},
+                                                           {DegreesMethod::satterthwaite, "SATTERTHWAITE"},
+                                                           {DegreesMethod::kenwardroger, "KENWARDROGER"}};
+
 // How the iterations run. The field of a keyword bears the keyword's name.
 struct Control {
   int numit = 0;  // NUMIT:, MICROIT:. Most iterations; 0: the dialogue asks
@@ -37,6 +43,10 @@ struct Control {
   Taylor taylor = Taylor::none;  // TAYLOR:
   int popavit = 0;               // POPAVIT:
   int debug = 0;                 // DEBUG:
+  bool restricted = false;       // LIKELIHOOD:. The variance components maximise the restricted likelihood
+  DegreesMethod ddf = DegreesMethod::counts;  // DDF:
+  bool ddfobserved = false;                   // DDF:SATTERTHWAITE,OBSERVED. By the observed information
+  bool edgefull = false;                      // EDGECOV:. The edge of the variance components is not taken as known
 };
 
 }  // namespace kdr

@@ -130,6 +130,18 @@ std::string checkengines(const Values& values) {
   return "";
 }
 
+// The restricted likelihood and degrees of freedom from it, as the program refuses them.
+std::string checksmallsample(const Values& values) {
+  const Control& control = values.control;
+  const bool degrees = control.ddf != DegreesMethod::counts;
+  if (!control.restricted && !degrees) return "";
+  if (!values.model.outcome.linear()) return "REML and DDF are for linear models only.";
+  if (values.model.weighted) return "REML and DDF cannot be combined with design weights.";
+  if (control.ddf == DegreesMethod::kenwardroger && !control.restricted)
+    return "DDF 2 (Kenward and Roger) is for the restricted likelihood: set REML to 1.";
+  return "";
+}
+
 std::string makevalues(const kdr3_model& model, Values& values) {
   const std::vector<Branch> equations = equationsof(model);
   if (std::string words = checkequations(model, equations); !words.empty()) return words;
@@ -171,6 +183,7 @@ std::string makevalues(const kdr3_model& model, Values& values) {
   made.removed.reset(n);
   labelrandomeffects(made, mdm.names1, mdm.names2);
   markdeletion(made, mdm);
+  if (std::string words = checksmallsample(values); !words.empty()) return words;
   return checkengines(values);
 }
 

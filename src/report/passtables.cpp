@@ -7,6 +7,7 @@
 #include "report/fixedtable.h"
 #include "report/hypotheses.h"
 #include "report/matrixtables.h"
+#include "report/modelstatistics.h"
 #include "report/resultsheading.h"
 #include "report/stream.h"
 #include "report/variancetables.h"
@@ -95,6 +96,15 @@ void tautables(Tau which, const PassResults& results) {
 void effectstables(const PassResults& results, TableKind kind, const EffectTable& effects) {
   fixedtable(effects.rows, kind, results.kind);
   if (results.kind != PassKind::identity) ratiotable(effects.rows);
+}
+
+// Where degrees of freedom with a fraction come from.
+void degreesnote(DegreesMethod method) {
+  if (method == DegreesMethod::counts) return;
+  sentences(method == DegreesMethod::satterthwaite
+                ? std::string("The degrees of freedom are Satterthwaite's, by the ") +
+                      (run.control.ddfobserved ? "observed" : "expected") + " information."
+                : "Standard errors and degrees of freedom are those of Kenward and Roger (1997).");
 }
 
 void fewunitsnote() {
@@ -194,11 +204,13 @@ void iterationtables(const PassResults& results) {
     }
   }
   if (shown(results) && (run.out.fulloutput || results.stopped))
-    reportline("The value of the log-likelihood function at iteration %d = %E", results.iteration, results.loglik);
+    reportline("The value of the %slog-likelihood function at iteration %d = %E",
+               results.restricted ? "restricted " : "", results.iteration, results.loglik);
 }
 
 void fixedeffectstables(const PassResults& results, TableKind kind) {
   effectstables(results, kind, results.effects);
+  degreesnote(results.degrees.method);
   hypothesistests(results.effects);
 }
 

@@ -78,6 +78,7 @@ void walkrecord(const SubrunShape& shape, Record& record, Visitor visit) {
   array(record.reliability2);
   array(record.reliability3);
   effects(record.effects);
+  if (shape.fractional) array(record.effects.df);
   value(record.testunits2);
   value(record.testunits3);
   array(record.chisq2);

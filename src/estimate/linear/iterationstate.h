@@ -1,8 +1,11 @@
 // Where the iterations of a pass stand.
 #pragma once
 
+#include <vector>
+
 #include "estimate/linear/aitken.h"
 #include "estimate/linear/fisher.h"
+#include "estimate/linear/marginalsums.h"
 #include "estimate/linear/pass.h"
 #include "kernel/array.h"
 
@@ -10,6 +13,14 @@ namespace kdr {
 
 // The heterogeneous stage has a taupi for every level-3 unit.
 enum class Stage { heterogeneous, ordinary };
+
+// The maximum of the restricted likelihood.
+struct MarginalFit {
+  MarginalSums sums;         // empty until one is asked for
+  Estimates est;             // taus may be singular
+  std::vector<int> lacking;  // how much each tau lacks of its full rank
+  double decrement = 0.0;    // twice the gain that is left to a step
+};
 
 // State of the loop that outlives a stage.
 struct IterationState {
@@ -27,6 +38,7 @@ struct IterationState {
   bool stepped = false;        // a Fisher step lies between the last log-likelihood and the next
   bool confirming = false;     // the rule was met at an accelerated step: the next iteration is a plain one
   bool converged = false, atlimit = false, keyboardstop = false;  // why the stage ended
+  MarginalFit marginal;
   int nextsearch = 0;  // the iteration that begins with a search for a maximum at the edge
   Ending ending = Ending::converged;
 

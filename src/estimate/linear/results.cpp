@@ -1,9 +1,17 @@
 #include "estimate/linear/results.h"
 
+#include <algorithm>
+#include <cmath>
+#include <optional>
+
 #include "estimate/inference/modelstatistics.h"
+#include "estimate/inference/smallsample.h"
+#include "estimate/inference/teststatistics.h"
 #include "estimate/linear/inference.h"
 #include "estimate/linear/point.h"
+#include "estimate/linear/restrictedfit.h"
 #include "estimate/linear/weightedcovariance.h"
+#include "kernel/sizes.h"
 
 namespace kdr {
 
@@ -30,12 +38,62 @@ PassResults iterationresults(Pass& pass, IterationState& state) {
   results.stopped = state.stopped();
   results.iteration = state.iteration;
   results.ending = state.ending;
-  results.errors = tauerrors(pass, state.fisher);
+  if (!isrestricted(pass)) results.errors = tauerrors(pass, state.fisher);
   results.loglik = state.likelihood.current;
   if (!results.heterogeneous && !results.tausstand()) results.reliabilities = reliabilities(pass);
   results.est = pass.est.copy();
   return results;
 }
+
+namespace {
+
+constexpr const char* nodegrees =
+    "The information of the variance components has no inverse: their standard errors, and degrees of freedom from it, "
+    "cannot be computed. The degrees of freedom are counts.";
+
+// The F tests of the fixed effects by the method of the run.
+Denominator denominatorof(const VarianceUncertainty& known, DegreesMethod method) {
+  return [&known, method](const double* L, int q) {
+    return method == DegreesMethod::kenwardroger ? kenwardroger(known, L, q) : faicornelius(known, L, q);
+  };
+}
+
+// Degrees of freedom and covariance of the fixed effects by the method of the run.
+void smallsample(const Pass& pass, const VarianceUncertainty& known, PassResults& results) {
+  const DegreesMethod method = pass.control().ddf;
+  results.degrees = {Array<double>(at(pass.g)), Array<char>(at(pass.g)), method};
+  Array<double> l(at(pass.g));
+  for (std::size_t i = 0; i < at(pass.g); ++i) {
+    l.fill(0.0);
+    l[i] = 1.0;
+    results.degrees.df[i] = satterthwaite(known, l.data());
+  }
+  results.covariance = method == DegreesMethod::kenwardroger ? adjustedcovariance(known) : known.Phi.copy();
+}
+
+// What a restricted fit, or one with such degrees of freedom, has beyond others.
+std::optional<VarianceInformation> marginalresults(Pass& pass, IterationState& state, PassResults& results) {
+  const bool restricted = isrestricted(pass), asked = pass.control().ddf != DegreesMethod::counts;
+  if (!restricted && !asked) return {};
+  if (!restricted) {
+    state.marginal.est = pass.est.copy();
+    if (makemarginalsums(pass, state.marginal.sums)) return {};  // the caller asks the store
+  }
+  std::optional<VarianceInformation> known = varianceinformation(pass, state.marginal.sums, state.marginal.est);
+  if (restricted) {
+    results.restricted = true;
+    results.est = state.marginal.est.copy();
+    results.covariance = results.est.covariance();
+    results.errors.asked = true;
+    if (known) results.errors = tauerrors(pass, *known);
+    results.errors.stepleft = std::sqrt(std::max(state.marginal.decrement, 0.0));
+  }
+  if (!known) results.warnings.emplace_back(nodegrees);
+  if (known && asked) smallsample(pass, known->fixed, results);
+  return known;
+}
+
+}  // namespace
 
 PassResults stageresults(Pass& pass, IterationState& state) {
   if (state.stage == Stage::ordinary) renewposterior(pass);
@@ -49,7 +107,11 @@ PassResults stageresults(Pass& pass, IterationState& state) {
     results.robust = robustcovariance(pass, false);
     results.fewunits = fewlevel3units(pass);
   }
+  const std::optional<VarianceInformation> known =
+      results.heterogeneous ? std::nullopt : marginalresults(pass, state, results);
   complete(results, pass.model(), countsof(pass));
+  if (known && pass.control().ddf != DegreesMethod::counts)
+    testbyF(results.effects, denominatorof(known->fixed, pass.control().ddf));
   if (!results.heterogeneous) results.tests = variancetests(pass);
   return results;
 }

@@ -7,6 +7,7 @@
 #include "estimate/linear/fixtau.h"
 #include "estimate/linear/heterogeneous.h"
 #include "estimate/linear/inference.h"
+#include "estimate/linear/restrictedfit.h"
 #include "estimate/linear/results.h"
 #include "estimate/linear/startingvalues.h"
 #include "estimate/linear/usable.h"
@@ -115,7 +116,7 @@ Failure startfromestimates(Pass& pass) {
 Failure iteratestage(Pass& pass, IterationState& state, Stage stage, int limit) {
   state.stage = stage;
   state.limit = limit;
-  return iterate(pass, state);
+  return isrestricted(pass) ? iteraterestricted(pass, state) : iterate(pass, state);
 }
 
 }  // namespace
@@ -163,6 +164,7 @@ Failure runpass(Pass& pass, IterationState& state, PassResults& results, const I
   }
   if (Failure failure = iteratestage(pass, state, Stage::ordinary, pass.plan.limit)) return failure;
   results = stageresults(pass, state);
+  if (state.marginal.sums.coefficients.failure()) return state.marginal.sums.coefficients.failure();
   return storefailure(pass.store);
 }
 
