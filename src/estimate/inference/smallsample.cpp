@@ -93,11 +93,13 @@ double satterthwaite(const VarianceUncertainty& known, const double* l) {
 ScaledTest faicornelius(const VarianceUncertainty& known, const double* L, int q) {
   if (q == 1) return {true, 1.0, satterthwaite(known, L)};
   const int g = known.g;
-  const Contrasts contrasts = contrastsof(known, L, q);
-  if (!contrasts.independent) return {};
-  // Rows of U'R have variances w and no covariances.
-  Array<double> rows(at(q * g));
-  mulAtB(rows.data(), contrasts.U.data(), contrasts.R.data(), q, g, q);
+  if (!contrastsof(known, L, q).independent) return {};
+  // Rows of U'L have no covariances, with L Phi L' = U diag(w) U'.
+  Array<double> half(at(q * g)), C(square(q)), w(at(q)), U(square(q)), rows(at(q * g));
+  mulAB(half.data(), L, known.Phi.data(), q, g, g);
+  mulABt(C.data(), half.data(), L, q, q, g);
+  spectrum(at(q), C.data(), w.data(), U.data());
+  mulAtB(rows.data(), U.data(), L, q, g, q);
   double E = 0.0, least = std::numeric_limits<double>::infinity(), most = 0.0;
   for (int a = 0; a < q; ++a) {
     const double nu = satterthwaite(known, rows.data() + at(a * g));

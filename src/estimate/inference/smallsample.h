@@ -30,7 +30,8 @@ struct ScaledTest {
   bool known = false;
   double factor = 1.0, df = 0.0;
 };
-// L: q rows of g values, independent under Phi. C = L Phi L'.
+// L: q rows of g values, independent under Phi. C = L Phi L', on whose eigenvectors df rests: unlike factor and
+// statistic it changes when one row is multiplied by a number.
 [[nodiscard]] ScaledTest faicornelius(const VarianceUncertainty& known, const double* L, int q);
 // C = L adjustedcovariance L'.
 [[nodiscard]] ScaledTest kenwardroger(const VarianceUncertainty& known, const double* L, int q);

@@ -18,6 +18,7 @@ enum class Stage { heterogeneous, ordinary };
 struct MarginalFit {
   MarginalSums sums;         // empty until one is asked for
   Estimates est;             // taus may be singular
+  MarginalValue value;       // there
   std::vector<int> lacking;  // how much each tau lacks of its full rank
   double decrement = 0.0;    // twice the gain that is left to a step
 };

@@ -50,6 +50,14 @@ enum class Derivatives { step, all };
                                                       const MarginalValue& value, Criterion criterion,
                                                       Derivatives wanted);
 
+// Value, score and average information by one sweep. The average information is taken at the fixed effects of `theta`,
+// with which it grows, unless they are more than a standard error from the best ones: then by a sweep more at these.
+struct MarginalStep {
+  MarginalValue value;
+  Array<double> score, average;  // [NT], NT squared
+};
+[[nodiscard]] MarginalStep marginalstep(Pass& pass, MarginalSums& sums, const Estimates& theta, Criterion criterion);
+
 // Number of elements of theta.
 [[nodiscard]] inline int variancecount(const Pass& pass) {
   return pass.p * (pass.p + 1) / 2 + pass.b * (pass.b + 1) / 2 + 1;

@@ -61,7 +61,9 @@ struct Climb {
   Pass& pass;
   IterationState& state;
   Restriction restriction;
-  Estimates now;  // the last point that was evaluated, with its fixed effects
+  Estimates now;            // the last point that was evaluated, with its fixed effects
+  Array<double> lastpoint;  // the point that was asked for, and what is known there
+  MarginalStep latest;
   bool told = true;
   bool abandoned = false;
 
@@ -73,8 +75,13 @@ struct Climb {
     tellobserver(pass.observer().iteration, IterationEvent{pass.plan.kind, pass.plan.macro, state.iteration,
                                                            state.likelihood.current, atlimit, last});
   }
-  [[nodiscard]] MarginalValue valueat(const Array<double>& point) const {
-    return marginalvalue(pass, state.marginal.sums, estimatesat(pass, point, now));
+  // A trial point is the next one as a rule: its derivatives cost less now than later.
+  const MarginalStep& look(const Array<double>& point) {
+    if (!std::ranges::equal(point, lastpoint)) {
+      latest = marginalstep(pass, state.marginal.sums, estimatesat(pass, point, now), Criterion::restricted);
+      lastpoint = point.copy();
+    }
+    return latest;
   }
   Evaluation evaluate(const Array<double>& point);
   bool stop() {
@@ -86,12 +93,12 @@ struct Climb {
 
 Evaluation Climb::evaluate(const Array<double>& point) {
   Evaluation evaluation;
-  MarginalValue value = valueat(point);
+  const MarginalStep& here = look(point);
+  const MarginalValue& value = here.value;
   if (!value.known) return evaluation;
   now = estimatesat(pass, point, now);
   now.gammahat = value.gamma.copy();
-  MarginalDerivatives made =
-      marginalderivatives(pass, state.marginal.sums, now, value, Criterion::restricted, Derivatives::step);
+  MarginalDerivatives made{here.score.copy(), here.average.copy(), {}, {}, {}};
   const std::size_t NT = point.size(), m = at(restriction.nfree);
   Array<double> reduced(m * m), inverse;
   reduceinformation(restriction, made.average.data(), static_cast<int>(NT), reduced.data());
@@ -110,6 +117,11 @@ Evaluation Climb::evaluate(const Array<double>& point) {
   ++state.iteration;
   state.likelihood = {state.likelihood.current, value.restricted};
   return evaluation;
+}
+
+// Sets a tau that has nothing left at the maximum, but for rounding, to 0.
+void clearnothing(int order, int lacking, Array<double>& tau) {
+  if (lacking == order) tau.fill(0.0);
 }
 
 // The point beside a maximum at the edge whose taus are none that are singular: as far off it as `lift` says, or less.
@@ -146,14 +158,14 @@ Failure iteraterestricted(Pass& pass, IterationState& state) {
   state.converged = state.atlimit = state.keyboardstop = false;
   state.iteration = 0;
   tellobserver(pass.observer().stagebegins);
-  Climb climb{pass, state, allrestriction(pass.model(), pass.fixsigma2 == 0.0), pass.est.copy()};
+  Climb climb{pass, state, allrestriction(pass.model(), pass.fixsigma2 == 0.0), pass.est.copy(), {}, {}};
   ConeProblem problem;
   problem.orders = {pass.p, pass.b};
   problem.free = climb.restriction.free.copy();
   problem.nfree = climb.restriction.nfree;
   problem.evaluate = [&](const Array<double>& point) { return climb.evaluate(point); };
   problem.test = [&](const Array<double>& point) {
-    const MarginalValue value = climb.valueat(point);
+    const MarginalValue& value = climb.look(point).value;
     Evaluation evaluation;
     evaluation.usable = value.known;
     evaluation.value = value.restricted;
@@ -182,12 +194,15 @@ Failure iteraterestricted(Pass& pass, IterationState& state) {
   tellobserver(pass.observer().stageends);
 
   Estimates est = estimatesat(pass, result.point, climb.now);
-  const MarginalValue value = marginalvalue(pass, state.marginal.sums, est);
+  clearnothing(pass.p, result.lacking[0], est.taupi);
+  clearnothing(pass.b, result.lacking[1], est.taubeta);
+  const MarginalValue& value = climb.look(pointof(pass, est)).value;
   if (!value.known) return failed(11);
   est.gammahat = value.gamma.copy();
   est.vgamma = value.covariance.copy();
   for (double& v : est.vgamma) v /= est.sigma2;
   state.likelihood.current = value.restricted;
+  state.marginal.value = std::move(climb.latest.value);
   state.marginal.decrement = result.decrement;
   state.marginal.lacking = result.lacking;
   pass.est = besideedge(pass, est, result.point, result.lift);
@@ -275,11 +290,11 @@ bool invertalong(std::size_t m, const Array<double>& I, const std::vector<Array<
 
 }  // namespace
 
-std::optional<VarianceInformation> varianceinformation(Pass& pass, MarginalSums& sums, const Estimates& est) {
+std::optional<VarianceInformation> varianceinformation(Pass& pass, MarginalSums& sums, const Estimates& est,
+                                                       const MarginalValue& value) {
   const int NT = variancecount(pass);
   const Control& control = pass.control();
   const Restriction restriction = allrestriction(pass.model(), pass.fixsigma2 == 0.0);
-  MarginalValue value = marginalvalue(pass, sums, est);
   if (!value.known) return {};
   MarginalDerivatives made = marginalderivatives(
       pass, sums, est, value, isrestricted(pass) ? Criterion::restricted : Criterion::full, Derivatives::all);
@@ -297,8 +312,7 @@ std::optional<VarianceInformation> varianceinformation(Pass& pass, MarginalSums&
   Array<double> I(m * m), W(m * m);
   reduceinformation(restriction, made.expected.data(), NT, I.data());
   if (m > 0 && !invertalong(m, I, held, W)) return {};
-  known.fixed = {
-      pass.g, NT, std::move(value.covariance), std::move(made.P), std::move(made.Q), Array<double>(square(NT))};
+  known.fixed = {pass.g, NT, value.covariance.copy(), std::move(made.P), std::move(made.Q), Array<double>(square(NT))};
   expandinverse(restriction, W.data(), known.fixed.W.data(), NT);
   return known;
 }

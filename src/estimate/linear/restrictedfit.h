@@ -20,15 +20,15 @@ namespace kdr {
 // are it, or where a tau is singular there, a point beside it that is none: what inverts a tau stands on that.
 [[nodiscard]] Failure iteraterestricted(Pass& pass, IterationState& state);
 
-// What the variance components' uncertainty does to the fixed effects, at `est`, by the expected information, or the
-// observed one with DDF:SATTERTHWAITE,OBSERVED. Directions in which a tau is singular are taken as known unless
-// EDGECOV:FULL. Nothing where the information has no inverse.
+// What the variance components' uncertainty does to the fixed effects, at `est`, where the likelihood has `value`, by
+// the expected information, or the observed one with DDF:SATTERTHWAITE,OBSERVED. Directions in which a tau is singular
+// are taken as known unless EDGECOV:FULL. Nothing where the information has no inverse.
 struct VarianceInformation {
   VarianceUncertainty fixed;
   Array<double> own;  // [NT] the information of each component
 };
 [[nodiscard]] std::optional<VarianceInformation> varianceinformation(Pass& pass, MarginalSums& sums,
-                                                                     const Estimates& est);
+                                                                     const Estimates& est, const MarginalValue& value);
 // The standard errors that it makes.
 [[nodiscard]] TauErrors tauerrors(const Pass& pass, const VarianceInformation& known);
 

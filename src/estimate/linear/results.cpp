@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <cmath>
 #include <optional>
+#include <string>
 
+#include "core/formatted.h"
 #include "estimate/inference/modelstatistics.h"
 #include "estimate/inference/smallsample.h"
 #include "estimate/inference/teststatistics.h"
@@ -51,6 +53,22 @@ constexpr const char* nodegrees =
     "The information of the variance components has no inverse: their standard errors, and degrees of freedom from it, "
     "cannot be computed. The degrees of freedom are counts.";
 
+// Where a maximum lies that no scoring step reaches.
+std::string edgewords(const char* tau, int order, int lacking) {
+  if (lacking == 0) return "";
+  if (lacking == order) return std::string(tau) + (order == 1 ? " is 0" : " is 0 in all elements");
+  return formatted("%s is singular (rank %d of %d)", tau, order - lacking, order);
+}
+
+// Told, as the standard errors and degrees of freedom depend on what is made of it.
+void telledge(const Pass& pass, const MarginalFit& marginal, PassResults& results) {
+  const std::string pi = edgewords("tau(pi)", pass.p, marginal.lacking[0]);
+  const std::string beta = edgewords("tau(beta)", pass.b, marginal.lacking[1]);
+  if (pi.empty() && beta.empty()) return;
+  results.warnings.push_back("The restricted likelihood has its maximum at the edge: " + pi +
+                             (pi.empty() || beta.empty() ? "" : ", ") + beta + ".");
+}
+
 // The F tests of the fixed effects by the method of the run.
 Denominator denominatorof(const VarianceUncertainty& known, DegreesMethod method) {
   return [&known, method](const double* L, int q) {
@@ -78,14 +96,17 @@ std::optional<VarianceInformation> marginalresults(Pass& pass, IterationState& s
   if (!restricted) {
     state.marginal.est = pass.est.copy();
     if (makemarginalsums(pass, state.marginal.sums)) return {};  // the caller asks the store
+    state.marginal.value = marginalvalue(pass, state.marginal.sums, pass.est);
   }
-  std::optional<VarianceInformation> known = varianceinformation(pass, state.marginal.sums, state.marginal.est);
+  std::optional<VarianceInformation> known =
+      varianceinformation(pass, state.marginal.sums, state.marginal.est, state.marginal.value);
   if (restricted) {
     results.restricted = true;
     results.est = state.marginal.est.copy();
     results.covariance = results.est.covariance();
     results.errors.asked = true;
     if (known) results.errors = tauerrors(pass, *known);
+    telledge(pass, state.marginal, results);
     results.errors.stepleft = std::sqrt(std::max(state.marginal.decrement, 0.0));
   }
   if (!known) results.warnings.emplace_back(nodegrees);
