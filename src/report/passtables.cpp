@@ -104,7 +104,7 @@ void degreesnote(DegreesMethod method) {
   sentences(method == DegreesMethod::satterthwaite
                 ? std::string("The degrees of freedom are Satterthwaite's, by the ") +
                       (run.control.ddfobserved ? "observed" : "expected") + " information."
-                : "Standard errors and degrees of freedom are those of Kenward and Roger (1997).");
+                : "Standard errors and degrees of freedom by Kenward and Roger (1997).");
 }
 
 void fewunitsnote() {

@@ -2,7 +2,7 @@
 
     comparerestricted.py PROGRAM FOLDER restricted.out     largest differences, and the studies that differ most
 
-Criterion absolute, variances and standard errors relative to the largest of their matrix, degrees of freedom relative.
+Criterion absolute, variances relative to the largest of their matrix or a tenth of sigma^2, the rest relative.
 """
 import json
 import pathlib
@@ -40,8 +40,8 @@ def lower(matrix):
     return [matrix[i][j] for j in range(len(matrix)) for i in range(j, len(matrix))]
 
 
-def relative(mine, theirs):
-    size = max(abs(x) for x in theirs) or 1.0
+def relative(mine, theirs, least=0.0):
+    size = max(least, *map(abs, theirs))
     return max(abs(a - b) for a, b in zip(mine, theirs)) / size
 
 
@@ -64,8 +64,8 @@ def compare(program, folder, study, model, theirs):
     assert document["converged"], study
     out = {"criterion": kr["deviance"] - theirs["criterion"][0], "aic": kr["aic"] - theirs["aic"][0],
            "sigma2": relative([kr["sigma2"]["estimate"]], theirs["sigma2"]),
-           "tau2": relative(lower(kr["tau_pi"]["estimate"]), theirs["pupil"] if any(theirs["pupil"]) else [theirs["sigma2"][0]]),
-           "tau3": relative(lower(kr["tau_beta"]["estimate"]), theirs["school"] if any(theirs["school"]) else [theirs["sigma2"][0]]),
+           "tau2": relative(lower(kr["tau_pi"]["estimate"]), theirs["pupil"], 0.1 * theirs["sigma2"][0]),
+           "tau3": relative(lower(kr["tau_beta"]["estimate"]), theirs["school"], 0.1 * theirs["sigma2"][0]),
            "gamma": max(abs(e["estimate"] - g) / s for e, g, s in zip(kr["fixed_effects"], theirs["gamma"], theirs["se"])),
            "se": each(side(sat, "standard_error"), theirs["se"])}
     if "krse" not in theirs:
