@@ -29,6 +29,7 @@
 #include "construct/mdmdialogue.h"
 #include "construct/onefile.h"
 #include "construct/singleunits.h"
+#include "core/constraints.h"
 #include "core/formatted.h"
 #include "data/mdm.h"
 #include "driver/failures.h"
@@ -37,8 +38,10 @@
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
 #include "driver/warnings.h"
+#include "estimate/likelihood/engines.h"
 #include "estimate/linear/centering.h"
 #include "estimate/linear/deletion.h"
+#include "estimate/linear/restrictedfit.h"
 #include "estimate/linear/weights.h"
 #include "estimate/quasi/categories.h"
 #include "kernel/array.h"
@@ -99,30 +102,16 @@ void holdstandardstreams() {
   fail(0);
 }
 
-// The restricted likelihood and degrees of freedom from it are those of linear models with equal weights.
 void checksmallsample() {
-  const Control& control = run.control;
-  const bool restricted = control.restricted, degrees = control.ddf != DegreesMethod::counts;
-  if (!restricted && !degrees) return;
-  const char* what = restricted ? "LIKELIHOOD:REML" : "DDF:";
-  if (!run.model.outcome.linear()) stopwith("%s is for linear models only.\n", what);
-  if (run.model.weighted) stopwith("%s cannot be combined with design weights.\n", what);
-  if (run.out.lvr) stopwith("%s cannot be combined with latent variable regression.\n", what);
-  if (control.hetit != 0) stopwith("%s cannot be combined with HETIT:.\n", what);
-  if (control.ddf == DegreesMethod::kenwardroger && !restricted)
-    stopwith("DDF:KENWARDROGER is for the restricted likelihood: add LIKELIHOOD:REML.\n");
+  if (run.out.lvr && (run.control.restricted || run.control.ddf != DegreesMethod::counts))
+    stopwith("LIKELIHOOD:REML and DDF: cannot be combined with latent variable regression.\n");
+  if (const std::string words = smallsampleobstacle(run.model, run.control); !words.empty())
+    stopwith("%s\n", words.c_str());
 }
 
-// The engines know neither design weights nor restricted taus: the model that they fit would be another one.
 void checkengines() {
   if (run.control.hetit != 0 && !run.model.outcome.linear()) stopwith("HETIT: is for linear models only.\n");
-  const char* engine = run.control.laplace ? "Laplace-6" : run.control.agqpoints != 0 ? "adaptive quadrature" : nullptr;
-  if (engine == nullptr) return;
-  const bool restricted = run.model.restrictions.haveesttau2 || run.model.restrictions.haveesttau3 ||
-                          run.model.restrictions.havecontau2 || run.model.restrictions.havecontau3;
-  const bool diagonal = run.control.laplace && (run.model.restrictions.diagtaupi || run.model.restrictions.diagtaubeta);
-  if (run.model.weighted) stopwith("A run with design weights cannot go on to %s.\n", engine);
-  if (restricted || diagonal) stopwith("A run with restricted variance components cannot go on to %s.\n", engine);
+  if (const std::string words = engineobstacle(run.model, run.control); !words.empty()) stopwith("%s\n", words.c_str());
 }
 
 // What the passes of the run are, once the model stands.
@@ -207,7 +196,7 @@ void readmodel() {
   readcommandfile();
   modelquestions();
   constraintquestions();
-  makeconstraints();
+  settleconstraints();
   if (run.model.coef.ngamma - run.model.nconstrained < 1) fail(17);
   featurequestions();
   labelrandomeffects();
@@ -236,7 +225,7 @@ void openresults() {
     documentwarning(words);
   }
   writespecification();
-  applyconstraints();
+  applyconstraints(run.model);
   run.model.coef.ngamma -= run.model.nconstrained;
   beginseries();
   if (!reportisstdout()) std::printf("Computing . . ., please wait\n");
@@ -326,7 +315,7 @@ void tellfiles() {
   setsymbols();
   makerowlabels();
   writespecification();  // no report is open: the subscripts of the tables
-  applyconstraints();
+  applyconstraints(run.model);
   run.model.coef.ngamma -= run.model.nconstrained;
   resumeseries();
   if (const Pooled* averages = poolseries()) latentvariables(*averages);

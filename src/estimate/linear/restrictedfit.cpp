@@ -151,6 +151,18 @@ bool goeson(const Pass& pass, IterationState& state) {
 
 }  // namespace
 
+std::string smallsampleobstacle(const Model& model, const Control& control) {
+  const bool degrees = control.ddf != DegreesMethod::counts;
+  if (!control.restricted && !degrees) return "";
+  const std::string what = control.restricted ? "LIKELIHOOD:REML" : "DDF:";
+  if (!model.outcome.linear()) return what + " is for linear models only.";
+  if (model.weighted) return what + " cannot be combined with design weights.";
+  if (control.hetit != 0) return what + " cannot be combined with HETIT:.";
+  if (control.ddf == DegreesMethod::kenwardroger && !control.restricted)
+    return "DDF:KENWARDROGER is for the restricted likelihood: add LIKELIHOOD:REML.";
+  return "";
+}
+
 bool isrestricted(const Pass& pass) { return pass.control().restricted && pass.plan.kind == PassKind::linear; }
 
 Failure iteraterestricted(Pass& pass, IterationState& state) {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <optional>
+#include <string>
 
 #include "core/failure.h"
 #include "estimate/inference/smallsample.h"
@@ -11,6 +12,10 @@
 #include "estimate/linear/pass.h"
 
 namespace kdr {
+
+// Why the restricted likelihood or degrees of freedom from it, if they are asked for, cannot be had for a model, in a
+// sentence; empty if they can.
+[[nodiscard]] std::string smallsampleobstacle(const Model& model, const Control& control);
 
 // The variance components of the pass maximise the restricted likelihood.
 [[nodiscard]] bool isrestricted(const Pass& pass);
