@@ -233,6 +233,11 @@ void readedgecov(CommandReader&, const std::string& value) {
   if (!run.control.edgefull && !sameword(value, "REDUCED")) refusevalue("EDGECOV", "REDUCED or FULL", value);
 }
 
+void readrobust(CommandReader&, const std::string& value) {
+  run.control.clusterrobust = sameword(value, "CR2");
+  if (!run.control.clusterrobust && !sameword(value, "CR0")) refusevalue("ROBUST", "CR0 or CR2", value);
+}
+
 void readtitle(CommandReader&, const std::string& value) {
   run.files.title = titlefrom(value);
   run.answered.title = true;
@@ -311,6 +316,7 @@ constexpr Keyword keywords[] = {
     {"LIKELIHOOD:", 0, readlikelihood},
     {"DDF:", 0, readddf},
     {"EDGECOV:", 0, readedgecov},
+    {"ROBUST:", 0, readrobust},
     {"TITLE:", 0, readtitle},
     {"OUTPUT:", 0, readoutput},
     {"FULLOUTPUT:", 0,

@@ -46,6 +46,7 @@ struct Control {
   bool restricted = false;       // LIKELIHOOD:. The variance components maximise the restricted likelihood
   DegreesMethod ddf = DegreesMethod::counts;  // DDF:
   bool ddfobserved = false;                   // DDF:SATTERTHWAITE,OBSERVED. By the observed information
+  bool clusterrobust = false;                 // ROBUST:CR2. Bias-reduced robust errors, with degrees of freedom
   bool edgefull = false;                      // EDGECOV:. The edge of the variance components is not taken as known
 };
 

@@ -118,6 +118,8 @@ void norobust() { report("\nThe robust standard errors cannot be computed for th
 void robusttables(const PassResults& results) {
   if (results.robust.empty()) return norobust();
   effectstables(results, TableKind::robust, results.robusteffects);
+  if (results.robustdegrees.method != DegreesMethod::counts)
+    sentences("The robust standard errors are bias-reduced (CR2), their degrees of freedom Satterthwaite's.");
   if (results.fewunits) fewunitsnote();
   hypothesistests(results.robusteffects);
 }

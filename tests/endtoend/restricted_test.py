@@ -79,6 +79,19 @@ for extra in ("DIAGONALIZETAUPI:Y\n", "ESTTAU3:0.5\n" if studies.describe(51)[1]
     held, _ = fit(51, extra)
     assert held["converged"] and held["deviance"] > free["deviance"] - 1e-6 and held["parameters"] < free["parameters"], extra
 
+# CR2 against dense matrices (densecr2.py): errors, degrees of freedom, tests of 2 and 3 contrasts.
+for study, theirs in campaign.reference(REFERENCE / "cr2.out").items():
+    if not (folder / f"study{study}.csv").exists():
+        studies.write(folder / f"study{study}.csv", study)
+    phase, _ = fit(study, "ROBUST:CR2\n")
+    robust = [effect["robust"] for effect in phase["fixed_effects"]]
+    assert campaign.each([r["standard_error"] for r in robust], theirs["cr2se"]) < 5e-4, study
+    assert campaign.each([r["df"] for r in robust], theirs["cr2df"]) < 2e-3, study
+    for test in phase["hypothesis_tests"]:
+        if test["standard_errors_by"] == "robust" and theirs[f"cr2F{test['df']}"][0] > 0:
+            df, F = theirs[f"cr2F{test['df']}"]
+            assert abs(test["df2"] - df) < 2e-3 * df and abs(test["chi_square"] / test["df"] - F) < 1e-3 * F, (study, test)
+
 # What cannot be combined, and what has no effect.
 refused(2, "LEVEL3WEIGHT:Q\n", "design weights")
 refused(2, "HETIT:5\n", "HETIT:")

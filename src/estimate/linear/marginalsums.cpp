@@ -390,12 +390,7 @@ void level3derivatives(const Pass& pass, const Estimates& theta, Level3Unit& uni
   project(unit.G3.data(), unit.TF.data(), C, b, unit.bC.data(), unit.Y3.data());
 }
 
-// A symmetric form in [r | M].
-struct Form {
-  double rr = 0.0;
-  Array<double> xr, xx;  // [g], g squared
-  explicit Form(int g) : xr(at(g)), xx(square(g)) {}
-};
+using Form = LevelForm;
 
 // form += D'X D of a level-3 unit, from its form in [r | B].
 void addform(const Pass& pass, const Level3Unit& unit, const double* X, Form& form) {
@@ -744,6 +739,30 @@ Failure makemarginalsums(Pass& pass, MarginalSums& sums) {
 
 namespace {
 
+// One sweep with one visit to each unit; visit(k, unit) has Y1 of each level-3 unit.
+template <class Visit>
+void sweepvalues(Pass& pass, MarginalSums& sums, const Estimates& theta, const Array<double>& gamma,
+                 LogProduct& determinant, Visit visit) {
+  const int p = pass.p, C = columnsof(pass);
+  Level2Unit unit2(p, C);
+  Level3Unit unit3(pass);
+  byorder(p, [&](auto order) {
+    constexpr int P = decltype(order)::value;
+    sweepunits(
+        pass.n2of, [&](int k) { beginunit(pass, sums, theta, gamma.data(), k, unit3); },
+        [&](int k, std::size_t, const double* hot, const double* coefficients) {
+          resolveunit<P>(pass, k, theta, hot, unit3.theta.data(), unit2, determinant);
+          takecoefficients<P>(pass, coefficients, unit3.theta.data(), unit2);
+          addgram<P>(unit3.G1.data(), unit2.beta.data(), unit2.H1.data(), C, p);
+        },
+        [&](int k) {
+          level3value(pass, theta, unit3, determinant);
+          visit(k, unit3);
+        },
+        reading(pass.store.hot), reading(sums.coefficients));
+  });
+}
+
 // The value at theta from r'V^-1 r and its like, r at the fixed effects of theta, and from the logarithm of the product
 // of the determinants; `change` (g) receives what the best fixed effects differ by.
 MarginalValue valueof(const Pass& pass, const Estimates& theta, const Form& total, double logdeterminants,
@@ -785,28 +804,22 @@ MarginalValue valueof(const Pass& pass, const Estimates& theta, const Form& tota
 
 }  // namespace
 
-MarginalValue marginalvalue(Pass& pass, MarginalSums& sums, const Estimates& theta) {
-  const int p = pass.p, C = columnsof(pass), g = pass.g;
-  if (!(theta.sigma2 > 0.0) || !std::isfinite(theta.sigma2)) return {};
-  Level2Unit unit2(p, C);
-  Level3Unit unit3(pass);
-  Form total(g);  // of V^-1, with r at the fixed effects of theta
-  LogProduct determinant;
-  byorder(p, [&](auto order) {
-    constexpr int P = decltype(order)::value;
-    sweepunits(
-        pass.n2of, [&](int k) { beginunit(pass, sums, theta, theta.gammahat.data(), k, unit3); },
-        [&](int k, std::size_t, const double* hot, const double* coefficients) {
-          resolveunit<P>(pass, k, theta, hot, unit3.theta.data(), unit2, determinant);
-          takecoefficients<P>(pass, coefficients, unit3.theta.data(), unit2);
-          addgram<P>(unit3.G1.data(), unit2.beta.data(), unit2.H1.data(), C, p);
-        },
-        [&](int) {
-          level3value(pass, theta, unit3, determinant);
-          addform(pass, unit3, unit3.Y1.data(), total);
-        },
-        reading(pass.store.hot), reading(sums.coefficients));
+void eachlevel3form(Pass& pass, MarginalSums& sums, const Estimates& theta, const Array<double>& gamma,
+                    const std::function<void(int k, const LevelForm& form)>& use) {
+  LogProduct unused;
+  sweepvalues(pass, sums, theta, gamma, unused, [&](int k, const Level3Unit& unit) {
+    Form form(pass.g);
+    addform(pass, unit, unit.Y1.data(), form);
+    use(k, form);
   });
+}
+
+MarginalValue marginalvalue(Pass& pass, MarginalSums& sums, const Estimates& theta) {
+  if (!(theta.sigma2 > 0.0) || !std::isfinite(theta.sigma2)) return {};
+  Form total(pass.g);  // of V^-1, with r at the fixed effects of theta
+  LogProduct determinant;
+  sweepvalues(pass, sums, theta, theta.gammahat, determinant,
+              [&](int, const Level3Unit& unit) { addform(pass, unit, unit.Y1.data(), total); });
   Array<double> change;
   return valueof(pass, theta, total, determinant.value(), change);
 }

@@ -9,9 +9,12 @@
 // Derived in docs/numerics.md, "Restricted likelihood".
 #pragma once
 
+#include <functional>
+
 #include "estimate/linear/pass.h"
 #include "estimate/linear/recordstream.h"
 #include "kernel/array.h"
+#include "kernel/sizes.h"
 
 namespace kdr {
 
@@ -57,6 +60,16 @@ struct MarginalStep {
   Array<double> score, average;  // [NT], NT squared
 };
 [[nodiscard]] MarginalStep marginalstep(Pass& pass, MarginalSums& sums, const Estimates& theta, Criterion criterion);
+
+// A form in [r | M] of one level-3 unit or of all.
+struct LevelForm {
+  double rr = 0.0;
+  Array<double> xr, xx;  // [g], g squared
+  explicit LevelForm(int g) : xr(at(g)), xx(square(g)) {}
+};
+// Calls use(k, form) with the form of V_k^-1 at theta for each level-3 unit, r at the fixed effects gamma.
+void eachlevel3form(Pass& pass, MarginalSums& sums, const Estimates& theta, const Array<double>& gamma,
+                    const std::function<void(int k, const LevelForm& form)>& use);
 
 // Number of elements of theta.
 [[nodiscard]] inline int variancecount(const Pass& pass) {

@@ -153,8 +153,8 @@ bool goeson(const Pass& pass, IterationState& state) {
 
 std::string smallsampleobstacle(const Model& model, const Control& control) {
   const bool degrees = control.ddf != DegreesMethod::counts;
-  if (!control.restricted && !degrees) return "";
-  const std::string what = control.restricted ? "LIKELIHOOD:REML" : "DDF:";
+  if (!control.restricted && !degrees && !control.clusterrobust) return "";
+  const std::string what = control.restricted ? "LIKELIHOOD:REML" : degrees ? "DDF:" : "ROBUST:CR2";
   if (!model.outcome.linear()) return what + " is for linear models only.";
   if (model.weighted) return what + " cannot be combined with design weights.";
   if (control.hetit != 0) return what + " cannot be combined with HETIT:.";

@@ -13,8 +13,8 @@
 
 namespace kdr {
 
-// Why the restricted likelihood or degrees of freedom from it, if they are asked for, cannot be had for a model, in a
-// sentence; empty if they can.
+// Why the restricted likelihood, degrees of freedom or robust errors that stand on full covariance matrices, if they
+// are asked for, cannot be had for a model, in a sentence; empty if they can.
 [[nodiscard]] std::string smallsampleobstacle(const Model& model, const Control& control);
 
 // The variance components of the pass maximise the restricted likelihood.

@@ -9,6 +9,7 @@
 #include "estimate/inference/modelstatistics.h"
 #include "estimate/inference/smallsample.h"
 #include "estimate/inference/teststatistics.h"
+#include "estimate/linear/clusterrobust.h"
 #include "estimate/linear/inference.h"
 #include "estimate/linear/point.h"
 #include "estimate/linear/restrictedfit.h"
@@ -92,12 +93,13 @@ void smallsample(const Pass& pass, const VarianceUncertainty& known, PassResults
 // What a restricted fit, or one with such degrees of freedom, has beyond others.
 std::optional<VarianceInformation> marginalresults(Pass& pass, IterationState& state, PassResults& results) {
   const bool restricted = isrestricted(pass), asked = pass.control().ddf != DegreesMethod::counts;
-  if (!restricted && !asked) return {};
+  if (!restricted && !asked && !pass.control().clusterrobust) return {};
   if (!restricted) {
     state.marginal.est = pass.est.copy();
     if (makemarginalsums(pass, state.marginal.sums)) return {};  // the caller asks the store
     state.marginal.value = marginalvalue(pass, state.marginal.sums, pass.est);
   }
+  if (!restricted && !asked) return {};
   std::optional<VarianceInformation> known =
       varianceinformation(pass, state.marginal.sums, state.marginal.est, state.marginal.value);
   if (restricted) {
@@ -112,6 +114,46 @@ std::optional<VarianceInformation> marginalresults(Pass& pass, IterationState& s
   if (!known) results.warnings.emplace_back(nodegrees);
   if (known && asked) smallsample(pass, known->fixed, results);
   return known;
+}
+
+// The tests by them. Effects that rest on one level-3 unit have no error.
+void clustertests(const ClusterRobust& known, PassResults& results) {
+  testbyF(results.robusteffects, [&](const double* L, int q) { return clustertest(known, L, q); });
+  const int g = known.g;
+  Array<double> l(at(g));
+  bool resting = false;
+  for (int i = 0; i < g; ++i) {
+    l.fill(0.0);
+    l[i] = 1.0;
+    if (!restsonone(known, l.data())) continue;
+    resting = true;
+    for (int j = 0; j < g; ++j) results.robust[i * g + j] = results.robust[j * g + i] = 0.0;
+    EffectTest& row = results.robusteffects.rows[at(i)];
+    row = effecttest(row.coefficient, 0.0, row.df, false, DegreesMethod::satterthwaite);
+  }
+  if (resting)
+    results.warnings.emplace_back(
+        "Fixed effects that rest on one level-3 unit alone have no bias-reduced robust standard error: that unit says "
+        "nothing of their error.");
+}
+
+// Bias-reduced robust errors in the place of the others.
+std::optional<ClusterRobust> clusterresults(Pass& pass, IterationState& state, PassResults& results) {
+  if (!pass.control().clusterrobust || !state.marginal.value.known) return {};
+  const int g = pass.g;
+  results.robust = {};
+  if (pass.mdm().nunits3 <= g) return {};
+  ClusterRobust made = clusterrobust(pass, state.marginal.sums, state.marginal.est, state.marginal.value);
+  results.robust = made.covariance.copy();
+  results.fewunits = false;
+  results.robustdegrees = {Array<double>(at(g)), Array<char>(at(g)), DegreesMethod::satterthwaite};
+  Array<double> l(at(g));
+  for (int i = 0; i < g; ++i) {
+    l.fill(0.0);
+    l[i] = 1.0;
+    results.robustdegrees.df[i] = clusterdegrees(made, l.data());
+  }
+  return made;
 }
 
 }  // namespace
@@ -130,7 +172,10 @@ PassResults stageresults(Pass& pass, IterationState& state) {
   }
   const std::optional<VarianceInformation> known =
       results.heterogeneous ? std::nullopt : marginalresults(pass, state, results);
+  const std::optional<ClusterRobust> clusters =
+      results.heterogeneous ? std::nullopt : clusterresults(pass, state, results);
   complete(results, pass.model(), countsof(pass));
+  if (clusters) clustertests(*clusters, results);
   if (known && pass.control().ddf != DegreesMethod::counts)
     testbyF(results.effects, denominatorof(known->fixed, pass.control().ddf));
   if (!results.heterogeneous) results.tests = variancetests(pass);
