@@ -79,6 +79,15 @@ for extra in ("DIAGONALIZETAUPI:Y\n", "ESTTAU3:0.5\n", "CONTAU2:1,3\n", "FIXSIGM
     held, _ = fit(64, extra)
     assert held["converged"] and held["deviance"] > free["deviance"] - 1e-6 and held["parameters"] < free["parameters"], extra
 
+# A known variance that is the same everywhere is a held sigma^2, but for the constant of the deviance.
+lines = (folder / "study2.csv").read_text().splitlines()
+(folder / "study3000.csv").write_text("\n".join([lines[0] + ",V"] + [line + ",1.3" for line in lines[1:]]) + "\n")
+code, said = run(program, folder, "-from", "study3000.csv", "-level3", "school", "-level2", "pupil", "-level1", "V")
+assert code == 0, said
+known, _ = campaign.fitted(program, folder, 3000, "intercepts", "DDF:KENWARDROGER\nVARIANCEKNOWN:V\n")
+held, _ = campaign.fitted(program, folder, 3000, "intercepts", "DDF:KENWARDROGER\nFIXSIGMA2:1.3\n")
+assert campaign.each(campaign.side(known, "df"), campaign.side(held, "df")) < 1e-8
+
 # CR2 against dense matrices (densecr2.py): errors, degrees of freedom, tests of 2 and 3 contrasts.
 for study, theirs in campaign.reference(REFERENCE / "cr2.out").items():
     if not (folder / f"study{study}.csv").exists():
