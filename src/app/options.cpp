@@ -44,6 +44,7 @@ constexpr const char* help =
     "  -nowait          end when the next second begins\n"
     "  -w               end after a pause of some seconds\n"
     "  -results FILE    write the results as a document (.json) or a table (.csv)\n"
+    "  -reml            restricted maximum likelihood (LIKELIHOOD:REML)\n"
     "  -strict          stop at what the command file says in vain (code 8 or 100); code 20 when not converged\n"
     "  -i 1             keep the data in memory\n"
     "  -t N             threads of the maximum-likelihood engines\n"
@@ -149,6 +150,10 @@ bool wordoption(const std::string& word) {
     }
     run.id.waitseconds = -1;
     fail(0);
+  }
+  if (sameword(word, "-reml")) {
+    run.id.restricted = true;
+    return true;
   }
   if (!sameword(word, "-strict")) return false;
   run.id.strict = true;

@@ -48,13 +48,15 @@ struct Progress {
 };
 
 void reportlikelihood(const TailEntry& entry) {
-  reportline("The value of the log-likelihood function at iteration %d = %E", entry.iteration, entry.loglik);
+  reportline("The value of the %slog-likelihood function at iteration %d = %E",
+             run.control.restricted ? "restricted " : "", entry.iteration, entry.loglik);
 }
 
 void showlikelihood(const IterationEvent& event) {
   if (reportisstdout()) return;
   if (event.kind == PassKind::linear) {
-    std::printf("The value of the log-likelihood function at iteration %d = %E\n", event.iteration, event.loglik);
+    std::printf("The value of the %slog-likelihood function at iteration %d = %E\n",
+                run.control.restricted ? "restricted " : "", event.iteration, event.loglik);
   } else {
     std::printf("For macro %d/micro iteration %d, the log-likelihood is = %E\n", event.macro, event.iteration,
                 event.loglik);

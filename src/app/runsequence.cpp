@@ -41,6 +41,7 @@
 #include "estimate/likelihood/engines.h"
 #include "estimate/linear/centering.h"
 #include "estimate/linear/deletion.h"
+#include "estimate/linear/restrictedfit.h"
 #include "estimate/linear/weights.h"
 #include "estimate/quasi/categories.h"
 #include "kernel/array.h"
@@ -99,6 +100,13 @@ void holdstandardstreams() {
   writekeys();
   printprocessed();
   fail(0);
+}
+
+void checksmallsample() {
+  if (run.out.lvr && (run.control.restricted || run.control.ddf != DegreesMethod::counts))
+    stopwith("LIKELIHOOD:REML and DDF: cannot be combined with latent variable regression.\n");
+  if (const std::string words = smallsampleobstacle(run.model, run.control); !words.empty())
+    stopwith("%s\n", words.c_str());
 }
 
 void checkengines() {
@@ -198,6 +206,7 @@ void readmodel() {
   markdeletion(run.model, run.mdm);
   run.model.weighted = run.model.wgtvar1 != 0 || run.model.wgtvar2 != 0 || run.model.wgtvar3 != 0;
   checkengines();
+  checksmallsample();
   if (run.model.weighted) stopif(normaliseweights(run.model, run.mdm, runobserver(), run.weights));
   if (!run.series.pvmode || run.series.pvfirst)
     run.model.outname = run.mdm.names1[static_cast<std::size_t>(run.model.outvar)];

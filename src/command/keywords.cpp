@@ -218,6 +218,32 @@ void readfishertype(CommandReader&, const std::string& value) {
   run.control.fishertype = static_cast<FisherType>(*type);
 }
 
+void readlikelihood(CommandReader&, const std::string& value) {
+  run.control.restricted = sameword(value, "REML");
+  if (!run.control.restricted && !sameword(value, "ML")) refusevalue("LIKELIHOOD", "ML or REML", value);
+}
+
+void readddf(CommandReader&, const std::string& value) {
+  const std::vector<std::string> fields = split(value, ',');
+  const auto* row = rownamed(degreeswords, fields[0]);
+  const bool observed = fields.size() == 2 && sameword(fields[1], "OBSERVED");
+  if (row == nullptr || fields.size() > 2 || (fields.size() == 2 && !observed) ||
+      (observed && row->code != DegreesMethod::satterthwaite))
+    refusevalue("DDF", "COUNTS, SATTERTHWAITE, SATTERTHWAITE,OBSERVED or KENWARDROGER", value);
+  run.control.ddf = row->code;
+  run.control.ddfobserved = observed;
+}
+
+void readedgecov(CommandReader&, const std::string& value) {
+  run.control.edgefull = sameword(value, "FULL");
+  if (!run.control.edgefull && !sameword(value, "REDUCED")) refusevalue("EDGECOV", "REDUCED or FULL", value);
+}
+
+void readrobust(CommandReader&, const std::string& value) {
+  run.control.clusterrobust = sameword(value, "CR2");
+  if (!run.control.clusterrobust && !sameword(value, "CR0")) refusevalue("ROBUST", "CR0 or CR2", value);
+}
+
 void readtitle(CommandReader&, const std::string& value) {
   run.files.title = titlefrom(value);
   run.answered.title = true;
@@ -294,6 +320,10 @@ constexpr Keyword keywords[] = {
     {"HYPOTH:", 0, readhypoth},
     {"DOFISHER:", 0, readdofisher},
     {"FISHERTYPE:", 0, readfishertype},
+    {"LIKELIHOOD:", 0, readlikelihood},
+    {"DDF:", 0, readddf},
+    {"EDGECOV:", 0, readedgecov},
+    {"ROBUST:", 0, readrobust},
     {"TITLE:", 0, readtitle},
     {"OUTPUT:", 0, readoutput},
     {"FULLOUTPUT:", 0,

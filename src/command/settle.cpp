@@ -107,6 +107,28 @@ void checkcountvariable() {
     }
 }
 
+// What the steps of the restricted likelihood have no use for.
+void tellidle(bool idle, const char* keyword) {
+  if (idle)
+    oddcommand(
+        formatted(" %s has no effect: the restricted likelihood has steps and a criterion of its own.\n", keyword));
+}
+
+void settlerestricted() {
+  Control& iter = run.control;
+  if (run.id.restricted) iter.restricted = true;
+  if (iter.restricted) {
+    const Control usual;
+    tellidle(iter.fishertype != usual.fishertype, "FISHERTYPE:");
+    tellidle(iter.accel != usual.accel, "ACCEL:");
+    tellidle(run.answered.stopval && iter.stopval != usual.stopval, "STOPVAL:");
+    iter.fishertype = usual.fishertype;
+    iter.accel = usual.accel;
+  }
+  if (iter.edgefull && !iter.restricted && iter.ddf == DegreesMethod::counts)
+    oddcommand(" EDGECOV:FULL has no effect without LIKELIHOOD:REML or DDF:.\n");
+}
+
 void settleacceleration() {
   Control& iter = run.control;
   if (iter.hetit != 0) iter.fishertype = FisherType::none;
@@ -131,6 +153,7 @@ void settlerecord() {
   checklvr();
   checkplausible();
   checkcountvariable();
+  settlerestricted();
   settleacceleration();
   if (run.model.autovknown != 0) holdsigma2("known variances");
   if (run.out.graph && run.model.outcome.categorical()) run.out.resfil1 = true;

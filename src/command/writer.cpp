@@ -240,6 +240,11 @@ void writetaus(std::FILE* out) {
 void writecontrol(std::FILE* out) {
   const Control& iter = run.control;
   std::fprintf(out, "FISHERTYPE:%d\n", static_cast<int>(iter.fishertype));
+  if (iter.restricted) std::fprintf(out, "LIKELIHOOD:REML\n");
+  if (iter.ddf != DegreesMethod::counts)
+    std::fprintf(out, "DDF:%s%s\n", wordof(degreeswords, iter.ddf), iter.ddfobserved ? ",OBSERVED" : "");
+  if (iter.clusterrobust) std::fprintf(out, "ROBUST:CR2\n");
+  if (iter.edgefull) std::fprintf(out, "EDGECOV:FULL\n");
   if (run.out.printvc != VarianceFiles::none)
     std::fprintf(out, "PRINTVARIANCE-COVARIANCE:%s\n", wordof(varianceletters, run.out.printvc));
   std::fprintf(out, "HYPOTH:n\n");

@@ -20,6 +20,12 @@ enum class FixTau { ask = 0, clear = 1, byhand = 2, automatic = 3, quit = 4, alw
 // Which information matrix makes the accelerated steps and the standard errors of the taus, by its code in FISHERTYPE:.
 enum class FisherType { none = 0, outerproducts = 1, expected = 2 };
 
+// Where degrees of freedom of fixed effects come from.
+enum class DegreesMethod { counts, satterthwaite, kenwardroger };
+inline constexpr CodeWord<DegreesMethod> degreeswords[] = {{DegreesMethod::counts, "COUNTS"},
+                                                           {DegreesMethod::satterthwaite, "SATTERTHWAITE"},
+                                                           {DegreesMethod::kenwardroger, "KENWARDROGER"}};
+
 // How the iterations run. The field of a keyword bears the keyword's name.
 struct Control {
   int numit = 0;  // NUMIT:, MICROIT:. Most iterations; 0: the dialogue asks
@@ -43,6 +49,11 @@ struct Control {
   Taylor taylor = Taylor::none;  // TAYLOR:
   int popavit = 0;               // POPAVIT:
   int debug = 0;                 // DEBUG:
+  bool restricted = false;       // LIKELIHOOD:. The variance components maximise the restricted likelihood
+  DegreesMethod ddf = DegreesMethod::counts;  // DDF:
+  bool ddfobserved = false;                   // DDF:SATTERTHWAITE,OBSERVED. By the observed information
+  bool clusterrobust = false;                 // ROBUST:CR2. Bias-reduced robust errors, with degrees of freedom
+  bool edgefull = false;                      // EDGECOV:. The edge of the variance components is not taken as known
 };
 
 }  // namespace kdr

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "core/constants.h"
+#include "core/control.h"
 #include "core/estimates.h"
 #include "kernel/array.h"
 
@@ -41,10 +42,11 @@ struct UnitCounts {
 // Approximate degrees of freedom of the fixed effects. One entry for each that the constraints left, in order; the
 // arrays may be longer.
 struct FixedDegrees {
-  Array<int> df;
+  Array<double> df;   // whole numbers by counts
   Array<char> rough;  // 1: the p-value is a rough approximation
+  DegreesMethod method = DegreesMethod::counts;
 
-  [[nodiscard]] FixedDegrees copy() const { return {df.copy(), rough.copy()}; }
+  [[nodiscard]] FixedDegrees copy() const { return {df.copy(), rough.copy(), method}; }
 };
 
 // A 95% interval, by the critical value of the t distribution to three decimals.
@@ -57,7 +59,8 @@ struct Interval {
 struct EffectTest {
   double coefficient = 0.0, se = 0.0, t = 0.0;  // se and t 0.0: there is no standard error
   double p = 0.0;                               // 0.0 unless tested
-  int df = 0;
+  double df = 0.0;
+  bool fractional = false;             // df is no whole number of its own: it was not counted
   bool tested = false, rough = false;  // rough: p is an approximation
   Interval interval;
   double ratio = 0.0;  // odds or event-rate ratio, of use where the outcome has one
@@ -79,6 +82,7 @@ struct WaldTest {
   int r = 0, n = 0;
   Array<double> C;                  // r rows of n values
   bool computed = false;            // the contrasts are independent; what follows is of no use otherwise
+  bool denominator = true;          // its F has degrees of freedom; without, the chi-square is of no use
   Array<double> estimates, errors;  // [r]
   ChiSquareTest chisquare;
 };
@@ -163,8 +167,9 @@ struct PassResults {
   int macro = 0;               // macro iteration, from 1; 0 in a linear run
   bool heterogeneous = false;  // of the stage with a taupi per level-3 unit
 
-  double fixsigma2 = 0.0;  // what sigma^2 was held at; 0.0: it was estimated
-  bool stopped = true;     // the iterations are over
+  double fixsigma2 = 0.0;   // what sigma^2 was held at; 0.0: it was estimated
+  bool restricted = false;  // the variance components are those of the restricted likelihood, which loglik is
+  bool stopped = true;      // the iterations are over
 
   int iteration = 0;  // the last one
   Ending ending = Ending::converged;
@@ -177,12 +182,13 @@ struct PassResults {
   Estimates est;  // at the end
   TauErrors errors;
   Reliabilities reliabilities;
-  FixedDegrees degrees;       // of the fixed effects
-  Array<double> covariance;   // g squared: the covariance of gammahat, by design weights in a weighted run
-  Array<double> robust;       // g squared: the cluster sandwich; empty when it is not usable
-  bool fewunits = false;      // too few level-3 units for `robust` to be trusted
-  EffectTable effects;        // by `covariance`
-  EffectTable robusteffects;  // by `robust`
+  FixedDegrees degrees;        // of the fixed effects
+  FixedDegrees robustdegrees;  // by `robust`
+  Array<double> covariance;    // g squared: the covariance of gammahat, by design weights in a weighted run
+  Array<double> robust;        // g squared: the cluster sandwich; empty when it is not usable
+  bool fewunits = false;       // too few level-3 units for `robust` to be trusted
+  EffectTable effects;         // by `covariance`
+  EffectTable robusteffects;   // by `robust`
   VarianceTests tests;
   std::vector<std::string> warnings;  // whole sentences for the head of the results
   std::vector<std::string> notes;     // the same, of what is no fault

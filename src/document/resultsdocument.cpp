@@ -153,6 +153,10 @@ Json phaseof(const Subject& subject, const PassResults& results) {
   phase["iterations"] = results.iteration;
   addlikelihood(phase, subject, results.loglik, results.kind == PassKind::linear || isengine(results),
                 results.parameters, results.marginal);
+  if (results.restricted) phase["likelihood"] = "restricted";
+  if (results.degrees.method != DegreesMethod::counts)
+    phase["degrees_of_freedom"] =
+        results.degrees.method == DegreesMethod::satterthwaite ? "satterthwaite" : "kenward-roger";
   phase["marginal_log_likelihood"] = number(results.marginal);
   addvariances(phase, subject, results);
   if (!results.heterogeneous && results.kind == PassKind::linear)

@@ -27,6 +27,7 @@ struct RunIdentity {
   bool inmemory = false;         // -i: the unit store stays in memory, whatever its size
   int threads = 0;               // -t<n>: threads of the maximum-likelihood engines; 0: one for each core
   int waitseconds = 3;           // length of the wait at every end; below 0 (-q): none at all
+  bool restricted = false;       // -reml: LIKELIHOOD:REML, whatever the command file says
   bool strict = false;           // -strict: a run that did not converge ends with unconvergedcode
   bool unconverged = false;      // a result of the run was stopped before it converged, or given up
   bool passunconverged = false;  // the same of this pass of a series of plausible values

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <boost/math/distributions/chi_squared.hpp>
 #include <boost/math/distributions/fisher_f.hpp>
+#include <boost/math/distributions/normal.hpp>
 #include <boost/math/distributions/students_t.hpp>
 #include <cmath>
 
@@ -22,6 +23,7 @@ using Quiet = rules::policy<rules::domain_error<rules::ignore_error>, rules::pol
 
 double tprob(double df, double t) {
   if (std::isinf(t)) return 0.0;
+  if (std::isinf(df)) return normalprob(t);
   return 2.0 * cdf(complement(boost::math::students_t_distribution<double, Quiet>(df), std::fabs(t)));
 }
 
@@ -32,6 +34,11 @@ double tcritical(int df) {
   if (df < 1) return 1.96;
   const boost::math::students_t_distribution<double, Quiet> distribution(df);
   return std::ceil(1000.0 * quantile(distribution, 0.975)) / 1000.0;
+}
+
+double tquantile(double df) {
+  if (std::isinf(df)) return quantile(boost::math::normal_distribution<double, Quiet>(), 0.975);
+  return quantile(boost::math::students_t_distribution<double, Quiet>(df), 0.975);
 }
 
 double chisqprob(double df, double x) {

@@ -7,6 +7,7 @@
 #include "report/fixedtable.h"
 #include "report/hypotheses.h"
 #include "report/matrixtables.h"
+#include "report/modelstatistics.h"
 #include "report/resultsheading.h"
 #include "report/stream.h"
 #include "report/variancetables.h"
@@ -94,6 +95,15 @@ void effectstables(const PassResults& results, TableKind kind, const EffectTable
   if (results.kind != PassKind::identity) ratiotable(effects.rows);
 }
 
+// Where degrees of freedom with a fraction come from.
+void degreesnote(DegreesMethod method) {
+  if (method == DegreesMethod::counts) return;
+  sentences(method == DegreesMethod::satterthwaite
+                ? std::string("The degrees of freedom are Satterthwaite's, by the ") +
+                      (run.control.ddfobserved ? "observed" : "expected") + " information."
+                : "Standard errors and degrees of freedom by Kenward and Roger (1997).");
+}
+
 void fewunitsnote() {
   report(
       "\nThe robust standard errors are appropriate for datasets having a moderate to\n"
@@ -105,6 +115,8 @@ void norobust() { report("\nThe robust standard errors cannot be computed for th
 void robusttables(const PassResults& results) {
   if (results.robust.empty()) return norobust();
   effectstables(results, TableKind::robust, results.robusteffects);
+  if (results.robustdegrees.method != DegreesMethod::counts)
+    sentences("The robust standard errors are bias-reduced (CR2), their degrees of freedom Satterthwaite's.");
   if (results.fewunits) fewunitsnote();
   hypothesistests(results.robusteffects);
 }
@@ -196,11 +208,13 @@ void iterationtables(const PassResults& results) {
     }
   }
   if (shown(results) && (run.out.fulloutput || results.stopped))
-    reportline("The value of the log-likelihood function at iteration %d = %E", results.iteration, results.loglik);
+    reportline("The value of the %slog-likelihood function at iteration %d = %E",
+               results.restricted ? "restricted " : "", results.iteration, results.loglik);
 }
 
 void fixedeffectstables(const PassResults& results, TableKind kind) {
   effectstables(results, kind, results.effects);
+  degreesnote(results.degrees.method);
   hypothesistests(results.effects);
 }
 

@@ -35,7 +35,7 @@ bool onepoint() { return run.control.agqpoints == 1 && !run.control.agqauto; }
 
 void estimationmethod() {
   const bool likelihood = run.control.laplace || run.control.agqpoints != 0;
-  report("  Method of estimation: full");
+  report("  Method of estimation: %s", run.control.restricted ? "restricted" : "full");
   if (run.model.outcome.linear()) {
     report(" maximum likelihood");
   } else if (run.model.outcome.categorical() || !likelihood) {

@@ -75,10 +75,14 @@ DevianceComparison comparisonof(double deviance, long long parameters, const Alt
 
 void complete(PassResults& results, const Model& model, const UnitCounts& counts) {
   if (results.degrees.df.empty()) results.degrees = degreesoffreedom(modelrows(model), counts);
+  if (results.robustdegrees.df.empty())
+    results.robustdegrees = results.degrees.method == DegreesMethod::counts
+                                ? results.degrees.copy()
+                                : degreesoffreedom(modelrows(model), counts);
   results.parameters = parametercount(model, results.heterogeneous ? counts.units3 : 1);
   const Array<double>& gamma = results.est.gammahat;
   results.effects = effecttable(gamma, results.covariance, results.degrees);
-  results.robusteffects = effecttable(gamma, results.robust, results.degrees);
+  results.robusteffects = effecttable(gamma, results.robust, results.robustdegrees);
   addhypotheses(results.effects, model, gamma, results.covariance);
   addhypotheses(results.robusteffects, model, gamma, results.robust);
 }
@@ -86,7 +90,7 @@ void complete(PassResults& results, const Model& model, const UnitCounts& counts
 // The degrees of freedom of least squares are exact.
 void complete(LeastSquaresResults& results, const UnitCounts& counts) {
   const auto g = static_cast<int>(results.gamma.size());
-  FixedDegrees degrees{Array<int>(results.gamma.size()), Array<char>(results.gamma.size())};
+  FixedDegrees degrees{Array<double>(results.gamma.size()), Array<char>(results.gamma.size())};
   degrees.df.fill(counts.records - g);
   results.parameters = g + 1;
   results.effects = effecttable(results.gamma, results.vgamma, degrees, results.sigma2);

@@ -1,8 +1,11 @@
 // Where the iterations of a pass stand.
 #pragma once
 
+#include <vector>
+
 #include "estimate/linear/aitken.h"
 #include "estimate/linear/fisher.h"
+#include "estimate/linear/marginalsums.h"
 #include "estimate/linear/pass.h"
 #include "kernel/array.h"
 
@@ -10,6 +13,15 @@ namespace kdr {
 
 // The heterogeneous stage has a taupi for every level-3 unit.
 enum class Stage { heterogeneous, ordinary };
+
+// The maximum of the restricted likelihood.
+struct MarginalFit {
+  MarginalSums sums;         // empty until one is asked for
+  Estimates est;             // taus may be singular
+  MarginalValue value;       // there
+  std::vector<int> lacking;  // how much each tau lacks of its full rank
+  double decrement = 0.0;    // twice the gain that is left to a step
+};
 
 // State of the loop that outlives a stage.
 struct IterationState {
@@ -29,6 +41,7 @@ struct IterationState {
   bool converged = false, atlimit = false, keyboardstop = false;  // why the stage ended
   bool attop = false;  // a search in this iteration found nothing above the estimates: the rule need not be met
   bool lost = false;   // the search at the stop found no maximum
+  MarginalFit marginal;
   int nextsearch = 0;  // the iteration that begins with a search for a maximum at the edge
   Ending ending = Ending::converged;
 

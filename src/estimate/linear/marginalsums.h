@@ -9,9 +9,12 @@
 // Derived in docs/numerics.md, "Restricted likelihood".
 #pragma once
 
+#include <functional>
+
 #include "estimate/linear/pass.h"
 #include "estimate/linear/recordstream.h"
 #include "kernel/array.h"
+#include "kernel/sizes.h"
 
 namespace kdr {
 
@@ -49,6 +52,24 @@ enum class Derivatives { step, all };
 [[nodiscard]] MarginalDerivatives marginalderivatives(Pass& pass, MarginalSums& sums, const Estimates& theta,
                                                       const MarginalValue& value, Criterion criterion,
                                                       Derivatives wanted);
+
+// Value, score and average information by one sweep. The average information is taken at the fixed effects of `theta`,
+// with which it grows, unless they are more than a standard error from the best ones: then by a sweep more at these.
+struct MarginalStep {
+  MarginalValue value;
+  Array<double> score, average;  // [NT], NT squared
+};
+[[nodiscard]] MarginalStep marginalstep(Pass& pass, MarginalSums& sums, const Estimates& theta, Criterion criterion);
+
+// A form in [r | M] of one level-3 unit or of all.
+struct LevelForm {
+  double rr = 0.0;
+  Array<double> xr, xx;  // [g], g squared
+  explicit LevelForm(int g) : xr(at(g)), xx(square(g)) {}
+};
+// Calls use(k, form) with the form of V_k^-1 at theta for each level-3 unit, r at the fixed effects gamma.
+void eachlevel3form(Pass& pass, MarginalSums& sums, const Estimates& theta, const Array<double>& gamma,
+                    const std::function<void(int k, const LevelForm& form)>& use);
 
 // Number of elements of theta.
 [[nodiscard]] inline int variancecount(const Pass& pass) {

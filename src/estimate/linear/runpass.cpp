@@ -8,6 +8,7 @@
 #include "estimate/linear/heterogeneous.h"
 #include "estimate/linear/inference.h"
 #include "estimate/linear/recordunits.h"
+#include "estimate/linear/restrictedfit.h"
 #include "estimate/linear/results.h"
 #include "estimate/linear/startingvalues.h"
 #include "estimate/linear/usable.h"
@@ -125,7 +126,7 @@ Failure explained(const Pass& pass, double variance, Failure failure) {
 Failure iteratestage(Pass& pass, IterationState& state, Stage stage, int limit, double variance) {
   state.stage = stage;
   state.limit = limit;
-  return explained(pass, variance, iterate(pass, state));
+  return explained(pass, variance, isrestricted(pass) ? iteraterestricted(pass, state) : iterate(pass, state));
 }
 
 }  // namespace
@@ -173,6 +174,7 @@ Failure runpass(Pass& pass, IterationState& state, PassResults& results, const I
   }
   if (Failure failure = iteratestage(pass, state, Stage::ordinary, pass.plan.limit, s)) return failure;
   results = stageresults(pass, state);
+  if (state.marginal.sums.coefficients.failure()) return state.marginal.sums.coefficients.failure();
   return storefailure(pass.store);
 }
 
