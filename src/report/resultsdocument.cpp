@@ -22,6 +22,7 @@
 #include "kernel/sizes.h"
 #include "report/averagedreport.h"
 #include "report/modelrows.h"
+#include "report/resultsphases.h"
 #include "report/resultstable.h"
 #include "report/stream.h"
 #include "report/symbols.h"
@@ -640,6 +641,8 @@ void documentending(bool converged) {
 void documentwarning(const std::string& words) {
   if (wanted()) document.warnings.push_back(words);
 }
+
+const Json& documentphases() { return document.phases; }
 
 std::string resultsname() { return subrunname(run.files.results); }
 

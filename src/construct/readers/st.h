@@ -15,6 +15,8 @@
 #include <cstddef>
 #include <string>
 
+#include "core/names.h"
+
 namespace kdr {
 
 struct StFile;
@@ -65,6 +67,9 @@ void ST_InitReadOnly(StHandle handle);
 // The labels that its values have ("1 = low, 2 = high"), or nothing. Some files tell them at the end of the data only:
 // until then they are the word "yes".
 [[nodiscard]] std::string ST_Labels(StHandle handle, int v);
+// The same one by one, whole; and what the file says of the variable, or nothing.
+[[nodiscard]] ValueLabels ST_ValueLabels(StHandle handle, int v);
+[[nodiscard]] const char* ST_GetVarLabel(StHandle handle, int v);
 // Makes a numeric variable of delimited text one of the texts that the file has. Before the first record only.
 void ST_ReadAsText(StHandle handle, int v);
 // 0 for a record, 1 at the end of the data.
