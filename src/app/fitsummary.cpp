@@ -4,9 +4,11 @@
 #include <sys/wait.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <vector>
 
 #include "core/formatted.h"
 #include "core/names.h"
@@ -56,6 +58,23 @@ std::string effectname(const PreparedFit& fit, const Json& row) {
   return row["level1"];
 }
 
+// The effects in the order of the formula, category by category, and thresholds behind them.
+std::vector<const Json*> ordered(const PreparedFit& fit, const Json& effects) {
+  const auto place = [&](const Json& row) {
+    std::size_t at = 0;
+    while (at < fit.fixed.size() && (row["threshold"] == true || fit.fixed[at].name != effectname(fit, row))) ++at;
+    return at;
+  };
+  std::vector<const Json*> rows;
+  for (const Json& row : effects) rows.push_back(&row);
+  for (auto from = rows.begin(); from != rows.end();) {
+    const auto to = std::find_if(from, rows.end(), [&](const Json* row) { return (*row)["category"] != (**from)["category"]; });
+    std::stable_sort(from, to, [&](const Json* a, const Json* b) { return place(*a) < place(*b); });
+    from = to;
+  }
+  return rows;
+}
+
 void fixedeffects(const PreparedFit& fit, const Json& phase) {
   const char* side = fit.request.robust && std::all_of(phase["fixed_effects"].begin(), phase["fixed_effects"].end(),
                                                        [](const Json& row) { return !row["robust"].is_null(); })
@@ -69,7 +88,8 @@ void fixedeffects(const PreparedFit& fit, const Json& phase) {
   std::printf("\n%s  %12s  %12s  %9s  %7s  %7s\n", padded("Fixed effects", width).c_str(), "estimate",
               side == std::string("robust") ? "robust SE" : "SE", "t", "df", "p");
   std::string category;
-  for (const Json& row : phase["fixed_effects"]) {
+  for (const Json* effect : ordered(fit, phase["fixed_effects"])) {
+    const Json& row = *effect;
     if (row["category"].is_string() && row["category"] != category)
       std::printf("Category %s\n", printable(category = row["category"]).c_str());
     const Json& test = row[side];

@@ -320,8 +320,30 @@ Name newname(const std::string& fullname, std::vector<std::string>& taken) {
   return name;
 }
 
-void servecolumns(LongUnits units, std::vector<MadeColumn> (&columns)[3]) {
+namespace {
+
+// Whether the name of 8 characters tells all there is to tell.
+bool plain(const MadeColumn& column) {
+  return column.label.empty() && column.labels.empty() &&
+         strcasecmp(leftname(column.name).c_str(), column.fullname.c_str()) == 0;
+}
+
+LongTexts textsof(const LongUnits& units, const std::vector<MadeColumn> (&columns)[3], bool names) {
+  LongTexts texts;
+  for (const std::vector<MadeColumn>& list : columns) names = names || !std::all_of(list.begin(), list.end(), plain);
+  for (int level = 0; names && level < 3; ++level)
+    for (const MadeColumn& column : columns[level])
+      texts.variables[level].push_back({column.fullname, column.label, column.labels});
+  if (units.level2.numbered) texts.ids[0] = units.level2.whole;
+  if (units.level3.numbered) texts.ids[1] = units.level3.whole;
+  return texts;
+}
+
+}  // namespace
+
+void servecolumns(LongUnits units, std::vector<MadeColumn> (&columns)[3], bool names) {
   feed = Feed{};
+  run.mdm.texts = textsof(units, columns, names);
   feed.units = std::move(units);
   for (int level = 0; level < 3; ++level) {
     feed.columns[level] = std::move(columns[level]);

@@ -75,8 +75,9 @@ struct MadeColumn {
 [[nodiscard]] Name newname(const std::string& fullname, std::vector<std::string>& taken);
 
 // Hands units and the columns of each level (index 0 to 2) to mkmdm, in the place of a raw file, and tells run.mdm the
-// names. The values are asked for while mkmdm runs.
-void servecolumns(LongUnits units, std::vector<MadeColumn> (&columns)[3]);
+// names. The values are asked for while mkmdm runs. Whole names and labels go into the MDM file when `names`, and
+// wherever it would hold less than the columns have; whole IDs where the units are numbered.
+void servecolumns(LongUnits units, std::vector<MadeColumn> (&columns)[3], bool names);
 // Frees what servecolumns was given.
 void forgetcolumns();
 

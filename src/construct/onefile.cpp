@@ -235,7 +235,7 @@ void takeonefile(const OneFileJob& job) {
   if (made[0].empty()) stopwith("%s has no numeric variable that varies within level-2 units.\n", path.c_str());
   copysources(source);
   for (int level = 0; level < 3; ++level) telllevel(level, made[level], rowsof[level]);
-  servecolumns(std::move(units), made);
+  servecolumns(std::move(units), made, false);
   if (run.files.mdmfile.empty()) {
     const std::size_t base = path.rfind('/') + 1;
     run.files.mdmfile = path.substr(base, path.rfind('.') - base) + ".mdm";

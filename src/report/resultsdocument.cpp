@@ -537,22 +537,43 @@ Json checksums() {
   return list;
 }
 
+// Names and labels as the source of the data has them.
+Json variables() {
+  Json list = Json::array();
+  const Array<Name>* names[] = {&run.mdm.names1, &run.mdm.names2, &run.mdm.names3};
+  for (int level = 1; level <= 3; ++level)
+    for (int v = 1; v < static_cast<int>(names[level - 1]->size()); ++v) {
+      const VariableText* text = run.mdm.texts.of(level, v);
+      if (text == nullptr) continue;
+      Json values = Json::array();
+      for (const auto& [value, label] : text->labels) values.push_back({{"value", number(value)}, {"label", label}});
+      list.push_back({{"level", level},
+                      {"name", leftname((*names[level - 1])[v])},
+                      {"whole_name", textornull(text->name)},
+                      {"label", textornull(text->label)},
+                      {"values", std::move(values)}});
+    }
+  return list;
+}
+
 Json wholedocument() {
-  return {{"format", "kdr3 results"},
-          {"format_version", 3},
-          {"program", module},
-          {"version", version},
-          {"title", run.files.title},
-          {"data", {{"mdm_file", run.files.mdmfile}, {"command_file", textornull(run.files.cmdshown)}}},
-          {"dimensions",
-           {{"records", run.mdm.nunits1}, {"level2_units", run.mdm.nunits2}, {"level3_units", run.mdm.nunits3}}},
-          {"model", model()},
-          {"series", seriesfacts()},
-          {"converged", converged()},
-          {"phases", document.phases},
-          {"warnings", allwarnings()},
-          {"files", filesmade()},
-          {"checksums", checksums()}};
+  Json whole = {{"format", "kdr3 results"},
+                {"format_version", 3},
+                {"program", module},
+                {"version", version},
+                {"title", run.files.title},
+                {"data", {{"mdm_file", run.files.mdmfile}, {"command_file", textornull(run.files.cmdshown)}}},
+                {"dimensions",
+                 {{"records", run.mdm.nunits1}, {"level2_units", run.mdm.nunits2}, {"level3_units", run.mdm.nunits3}}},
+                {"model", model()},
+                {"series", seriesfacts()},
+                {"converged", converged()},
+                {"phases", document.phases},
+                {"warnings", allwarnings()},
+                {"files", filesmade()},
+                {"checksums", checksums()}};
+  if (run.mdm.texts.any()) whole["variables"] = variables();
+  return whole;
 }
 
 bool istable(const std::string& path) { return strcasecmp(path.substr(extensionplace(path)).c_str(), ".csv") == 0; }

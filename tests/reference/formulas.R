@@ -31,34 +31,40 @@ plain <- function(d) { d <- as.data.frame(d); for (v in names(d)) if (is.factor(
 datasets <- list(growth = growth, pixel = plain(nlme::Pixel), wafer = plain(nlme::Wafer), alfalfa = plain(nlme::Alfalfa),
                  oxide = plain(nlme::Oxide), pastes = plain(lme4::Pastes), oats = plain(nlme::Oats))
 names(datasets$alfalfa)[1] <- "variety"
-for (name in names(datasets))
-  write.csv(datasets[[name]], file.path("formulas", paste0(name, ".csv")), row.names = FALSE, quote = FALSE, na = "")
+for (name in names(datasets)) {
+  file <- file.path("formulas", paste0(name, ".csv"))
+  write.csv(datasets[[name]], file, row.names = FALSE, quote = FALSE, na = "")
+  datasets[[name]] <- read.csv(file, na.strings = c("", "NA"))
+}
 
 show <- function(...) cat(..., "\n", sep = "")
 number <- function(x) paste(sprintf("%.12g", x), collapse = " ")
 
 columns <- function(name, formula) {
   d <- datasets[[name]]
-  frame <- model.frame(nobars(formula), d, drop.unused.levels = TRUE)
-  X <- model.matrix(nobars(formula), frame)
-  show("columns ", name, " | ", deparse1(formula))
-  for (j in seq_len(ncol(X))) show("  ", colnames(X)[j], " | ", number(c(sum(X[, j]), sum(X[, j]^2), sum(X[, j] * seq_len(nrow(X))))))
+  frame <- model.frame(formula, d, drop.unused.levels = TRUE)
+  X <- model.matrix(formula, frame)
+  show("columns ", name, "\t", deparse1(formula))
+  for (j in seq_len(ncol(X))) show("  ", colnames(X)[j], "\t", number(c(sum(X[, j]), sum(X[, j]^2), sum(X[, j] * seq_len(nrow(X))))))
 }
 
 fit <- function(name, formula, family = NULL, options = "", ...) {
   d <- datasets[[name]]
-  m <- suppressMessages(if (is.null(family))
-    lmer(formula, d, REML = FALSE, control = lmerControl(optimizer = "nloptwrap",
-         optCtrl = list(xtol_abs = 1e-12, ftol_abs = 1e-12), check.conv.singular = "ignore", check.conv.grad = "ignore"), ...)
-  else glmer(formula, d, family = family, control = glmerControl(optimizer = "bobyqa", check.conv.grad = "ignore",
-         check.conv.singular = "ignore", optCtrl = list(maxfun = 1e5)), ...))
-  show("fit ", name, " | ", deparse1(formula), " | ", options)
+  # Near the edge of the variances the optimizers end at different places: the best one counts.
+  m <- suppressMessages(if (is.null(family)) {
+    tries <- lapply(c("nloptwrap", "bobyqa", "Nelder_Mead"), function(optimizer)
+      lmer(formula, d, REML = FALSE, control = lmerControl(optimizer = optimizer, check.conv.singular = "ignore", check.conv.grad = "ignore",
+           optCtrl = if (optimizer == "nloptwrap") list(xtol_abs = 1e-12, ftol_abs = 1e-12) else list(maxfun = 1e5))))
+    tries[[which.max(sapply(tries, logLik))]]
+  } else glmer(formula, d, family = family, control = glmerControl(optimizer = "bobyqa", tolPwrss = 1e-11, check.conv.grad = "ignore",
+         check.conv.singular = "ignore", optCtrl = list(maxfun = 1e5, rhoend = 1e-9)), ...))
+  show("fit ", name, "\t", deparse1(formula), "\t", options)
   b <- fixef(m); s <- sqrt(diag(as.matrix(vcov(m))))
-  for (i in seq_along(b)) show("  ", names(b)[i], " | ", number(c(b[i], s[i])))
+  for (i in seq_along(b)) show("  ", names(b)[i], "\t", number(c(b[i], s[i])))
   v <- VarCorr(m)
-  for (g in names(v)) show("  variances ", sub("\\.[0-9]+$", "", g), " | ", paste(colnames(v[[g]]), collapse = ","), " | ", number(diag(v[[g]])))
-  if (is.null(family)) show("  residual | ", number(sigma(m)^2))
-  show("  deviance | ", number(c(-2 * as.numeric(logLik(m)), nobs(m))))
+  for (i in seq_along(v)) show("  variances ", names(m@cnms)[i], "\t", paste(colnames(v[[i]]), collapse = ","), "\t", number(diag(v[[i]])))
+  if (is.null(family)) show("  residual\t", number(sigma(m)^2))
+  show("  deviance\t", number(c(-2 * as.numeric(logLik(m)), nobs(m))))
 }
 
 # The columns: margins, codings, orders, functions.
@@ -73,7 +79,9 @@ for (f in c(
   y ~ 0 + factor(year) + factor(year):ses, y ~ factor(arm, ref = "none"), y ~ factor(arm, ref = "none") * factor(year, ref = 2),
   y ~ exp(ses / 10) + sqrt(hours) + I(-ses) + I((year - 1) * ses), y ~ I(sex == "male"), y ~ year + 1, y ~ 1, y ~ year - year,
   y ~ sex + sex:year + arm:year, y ~ year:(sex + arm), y ~ I(year == 2 | ses > 1) + I(!(year > 1)), y ~ paper * arm, y ~ ses + paper:ses))
-  {f[[2]] <- quote(score); columns("growth", f)}
+  {
+  f[[2]] <- quote(score); columns("growth", f)
+}
 for (f in c(yield ~ nitro * Variety, yield ~ 0 + Variety:nitro, yield ~ poly(nitro, 3))) columns("oats", f)
 
 # The models.

@@ -25,11 +25,16 @@ std::vector<ColumnPart> partsof(const Variable& variable, bool indicators) {
 // Puts a piece into the list of its level, unless it is there.
 int pieceof(std::vector<Piece>& pieces, const std::vector<ColumnPart>& parts) {
   if (parts.empty()) return interceptpiece;
-  std::string name;
-  for (const ColumnPart& part : parts) name += (name.empty() ? "" : ":") + part.name;
+  std::string name, shown;
+  for (const ColumnPart& part : parts) {
+    if (!name.empty()) name += ':';
+    if (!shown.empty()) shown += ':';
+    name += part.name;
+    shown += part.variable->shown + part.name.substr(part.variable->name.size());
+  }
   for (std::size_t i = 0; i < pieces.size(); ++i)
     if (pieces[i].name == name) return static_cast<int>(i);
-  pieces.push_back({std::move(name), parts});
+  pieces.push_back({std::move(name), std::move(shown), parts});
   return static_cast<int>(pieces.size()) - 1;
 }
 

@@ -37,7 +37,8 @@ struct ModelColumn {
 
 // What a column is made of at one level: a variable of the MDM file. In the equations the intercept is -1.
 struct Piece {
-  std::string name;
+  std::string name;   // as R writes it
+  std::string shown;  // the same without backticks around columns' names
   std::vector<ColumnPart> parts;
 };
 inline constexpr int interceptpiece = -1;

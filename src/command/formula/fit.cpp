@@ -584,7 +584,7 @@ void servedesign(Fit& fit, EquationLines& lines) {
   std::vector<std::string> taken{"RANDOM"};
   std::vector<MadeColumn> made[3];
   const auto addextra = [&](const Extra& extra, int level) {
-    const Name name = newname(shortof({extra.name, {}}), taken);
+    const Name name = newname(shortof({extra.name, extra.name, {}}), taken);
     made[level].push_back(
         {name, extra.name, extra.label, {}, [values = extra.values](std::size_t record) { return (*values)[record]; }});
     return leftname(name);
@@ -594,14 +594,14 @@ void servedesign(Fit& fit, EquationLines& lines) {
     for (const Piece& piece : fit.design.pieces[level]) {
       const Name name = newname(shortof(piece), taken);
       const std::string label = piece.parts.size() == 1 ? piece.parts[0].variable->label : "";
-      made[level].push_back({name, piece.name, label, {}, valueof(piece.parts)});
+      made[level].push_back({name, piece.shown, label, {}, valueof(piece.parts)});
       lines.names[level].push_back(leftname(name));
-      if (!sameword(leftname(name), piece.name)) lines.legend.push_back(leftname(name) + " is " + piece.name);
+      if (!sameword(leftname(name), piece.shown)) lines.legend.push_back(leftname(name) + " is " + piece.shown);
     }
   if (fit.counts) lines.counts = addextra(*fit.counts, 0);
   for (int level = 0; level < 3; ++level)
     if (fit.weights[level]) lines.weights[level] = addextra(*fit.weights[level], level);
-  servecolumns(std::move(fit.units), made);
+  servecolumns(std::move(fit.units), made, true);
 }
 
 // The engine.
@@ -626,6 +626,11 @@ void outcomelines(const Fit& fit, EquationLines& lines) {
   bool quadrature = !pql && !laplace6;
   if (!fit.request.points.empty() && !sameword(engine, "quadrature") && !engine.empty())
     stopwith("-points goes with -engine quadrature.\n");
+  constexpr int mostpoints = 198;
+  const int stated = wholeof(fit.request.points).value_or(0);
+  if (!fit.request.points.empty() && !sameword(fit.request.points, "auto") && stated != 1 &&
+      (stated < 3 || stated > mostpoints))
+    stopwith("-points takes 1, 3 to 198, or auto. It cannot be %s\n", fit.request.points.c_str());
   std::string why;
   if (categorical) why = "outcomes with categories";
   if (weighted) why = "design weights";

@@ -375,6 +375,7 @@ void makefactor(const FormulaData& data, const Expression& e, Variable& variable
 Variable makevariable(const FormulaData& data, const Expression& e) {
   Variable variable;
   variable.name = deparsed(e);
+  variable.shown = e.part == Part::name ? e.word : variable.name;
   variable.place = e.place;
   if (e.part == Part::name && istruth(e.word)) refuseformula(data.formula, e.place, "A truth cannot be a variable.");
   if (iscall(e, "factor") || (e.part == Part::name && holdsnames(data.column(e.word)))) {

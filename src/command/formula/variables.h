@@ -25,7 +25,8 @@ struct Grouping {
 
 // One variable: numbers, of which poly() has several columns, or a factor.
 struct Variable {
-  std::string name;  // as R writes it
+  std::string name;   // as R writes it
+  std::string shown;  // the same without backticks, where it is a column's name
   std::string label;
   Place place;
   bool factor = false;

@@ -59,7 +59,7 @@ void ST_SelectVar(StHandle handle, int v);
 void ST_InitReadOnly(StHandle handle);
 // 1 for a numeric variable, 2 for a text.
 [[nodiscard]] int ST_GetVarType(StHandle handle, int v);
-// Its name, of which 255 bytes are kept.
+// Its name, of which 4096 bytes are kept.
 [[nodiscard]] const char* ST_GetVarName(StHandle handle, int v);
 [[nodiscard]] int ST_GetVarPrintWidth(StHandle handle, int v);
 // Where the file has the first text of a variable that would be numeric without it, or nothing.

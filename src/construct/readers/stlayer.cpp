@@ -105,7 +105,7 @@ void makevariables(StFile& file, std::size_t count) {
 }
 
 void nameit(StVariable& variable, std::string_view name) {
-  constexpr std::size_t longest = 255;
+  constexpr std::size_t longest = 4096;
   variable.name = name.substr(0, longest);
 }
 
