@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
@@ -20,8 +19,6 @@ extern char** environ;
 namespace kdr {
 
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 // The phase that the run is for: that of an engine, else the last estimates.
 const Json* mainphase() {
@@ -68,7 +65,8 @@ std::vector<const Json*> ordered(const PreparedFit& fit, const Json& effects) {
   std::vector<const Json*> rows;
   for (const Json& row : effects) rows.push_back(&row);
   for (auto from = rows.begin(); from != rows.end();) {
-    const auto to = std::find_if(from, rows.end(), [&](const Json* row) { return (*row)["category"] != (**from)["category"]; });
+    const auto to =
+        std::find_if(from, rows.end(), [&](const Json* row) { return (*row)["category"] != (**from)["category"]; });
     std::stable_sort(from, to, [&](const Json* a, const Json* b) { return place(*a) < place(*b); });
     from = to;
   }

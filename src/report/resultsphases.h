@@ -1,11 +1,13 @@
 // The phases of the results document, for those who show a part of them elsewhere.
 #pragma once
 
-#include <nlohmann/json_fwd.hpp>
+#include <vector>
+
+#include "document/json.h"
 
 namespace kdr {
 
 // Those that stand so far, in the form of docs/results.md.
-[[nodiscard]] const nlohmann::ordered_json& documentphases();
+[[nodiscard]] const std::vector<Json>& documentphases();
 
 }  // namespace kdr
