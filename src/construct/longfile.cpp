@@ -194,14 +194,17 @@ void openlong(const std::string& path) {
   openraw(0);
 }
 
-std::vector<LongColumn> readlong(const std::vector<int>& rows, const std::vector<double>& missing) {
+std::vector<LongColumn> readlong(const std::vector<int>& rows, const std::vector<double>& missing,
+                                 const std::vector<int>& ids) {
   LevelSource& source = raw.level[0];
   const std::size_t n = rows.size();
   std::vector<LongColumn> columns(n);
   std::vector<TextPlaces> places(n);
+  std::vector<bool> coded(n);
   for (std::size_t c = 0; c < n; ++c) {
     RawVariable& variable = source.vartable[static_cast<std::size_t>(rows[c])];
     columns[c].name = variable.fullname;
+    coded[c] = std::find(ids.begin(), ids.end(), rows[c]) == ids.end();
     columns[c].text = variable.text;
     columns[c].why = otherwhytext(0, rows[c]);
     columns[c].label = otherlabel(0, rows[c]);
@@ -218,7 +221,7 @@ std::vector<LongColumn> readlong(const std::vector<int>& rows, const std::vector
         continue;
       }
       double value = othernumber(0, rows[c]);
-      if (std::count(missing.begin(), missing.end(), value) > 0) {
+      if (coded[c] && std::count(missing.begin(), missing.end(), value) > 0) {
         value = missingcode;
         ++column.codedmissing;
       }

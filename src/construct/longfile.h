@@ -31,9 +31,10 @@ struct LongColumn {
 // Opens the file: raw.level[0].vartable then has a row for each of its columns. Stops with code 100 for a file of no
 // known type, and as the readers do.
 void openlong(const std::string& path);
-// Reads these rows of the table, with the numbers in `missing` as missing values, and closes the file. Failure 1 for a
-// file without records.
-[[nodiscard]] std::vector<LongColumn> readlong(const std::vector<int>& rows, const std::vector<double>& missing);
+// Reads these rows of the table and closes the file. The numbers in `missing` count as missing values, but not in the
+// rows of `ids`. Failure 1 for a file without records.
+[[nodiscard]] std::vector<LongColumn> readlong(const std::vector<int>& rows, const std::vector<double>& missing,
+                                               const std::vector<int>& ids);
 
 // The units that a column of IDs makes.
 struct UnitKeys {

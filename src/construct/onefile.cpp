@@ -201,7 +201,7 @@ void takeonefile(const OneFileJob& job) {
   std::vector<int> rows = markall(source, job, kept);
   rows.push_back(idrow(source, level3idmark));
   rows.push_back(idrow(source, level2idmark));
-  std::vector<LongColumn> columns = readlong(rows, job.missing);
+  std::vector<LongColumn> columns = readlong(rows, job.missing, {rows.end() - 2, rows.end()});
   LongUnits units = unitsof(source, columns[columns.size() - 2], columns.back());
   columns.resize(columns.size() - 2);
   for (const LongColumn& column : columns)

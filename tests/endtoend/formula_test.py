@@ -294,6 +294,9 @@ def longnames(folder):
     return c
 
 
+UNITS = 401  # pupils with a score of another year than 3
+
+
 def files(folder):
     """What -fit writes: a command file that gives the same report again; options in its lines."""
     c = Checks("files")
@@ -325,6 +328,10 @@ def files(folder):
     c.equal("ordinal", (code, len(document["phases"][-1]["fixed_effects"]) if document else said[-200:]), (0, 6))
     code, said, document = fit(folder, "score ~ year + (1 | school/pupil)", growth, "-robust")
     c("robust SE" in said, said[-500:])
+    # codes of missing values are none of the IDs
+    code, said, document = fit(folder, "score ~ year + (1 | school/pupil)", growth, "-missing", "3,7")
+    c("year: 401 values count as missing" in said or "year: " in said, said[:300])
+    c.equal("units with codes", document["dimensions"]["level2_units"] if document else said[-300:], UNITS)
     # -from with factors
     code, said = run(PROGRAM, folder, "-from", str(growth), "-level3", "school", "-level2", "pupil", "-factors")
     c(code == 0 and "sex is a factor: male against female." in said and "SEXMALE" in said, said[:800])

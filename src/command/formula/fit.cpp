@@ -149,7 +149,10 @@ void readcolumns(Fit& fit) {
     wanted.add(*name, row);
   }
   fit.data.formula = fit.model.text;
-  fit.data.columns = readlong(wanted.rows, fit.request.missing);
+  std::vector<int> ids;
+  for (const RandomPart& part : fit.model.randoms)
+    for (const std::string& name : part.group) ids.push_back(columnrow(source, name));
+  fit.data.columns = readlong(wanted.rows, fit.request.missing, ids);
   fit.data.places = wanted.places;
   fit.data.nrecords = fit.data.columns[0].text ? fit.data.columns[0].codes.size() : fit.data.columns[0].numbers.size();
   for (const LongColumn& column : fit.data.columns)
