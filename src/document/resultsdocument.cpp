@@ -253,9 +253,11 @@ void addengine(ResultsDocument& document, const Subject& subject, const EngineSt
   if (!stage.takenover || stage.results.ending != Ending::converged) document.converged = false;
   if (estimated && (!laplace || stage.takenover)) addphase(document, subject, stage.results);
   if (laplace) {
-    if (!stage.takenover)
+    if (!stage.takenover && fixednodes)
       document.warnings.emplace_back(
           "Fisher scoring is unable to compute a Laplace-6 estimate within the parameter space.");
+    if (!stage.takenover && !fixednodes)
+      document.warnings.insert(document.warnings.end(), stage.fit.warnings.begin(), stage.fit.warnings.end());
     return;
   }
   if (!estimated) {

@@ -62,8 +62,13 @@ void laplacetables(const PassResults& results, bool withlikelihood) {
   if (withlikelihood) reportline("The likelihood at Laplace iteration %d is %E", results.iteration + 1, results.loglik);
 }
 
-void laplacefailed() {
+void laplacefailed(const std::vector<std::string>& warnings) {
   rewindreport();
+  if (!warnings.empty()) {
+    reportline("Laplace-6 has no results.");
+    for (const std::string& warning : warnings) reportline("%s", warning.c_str());
+    return;
+  }
   reportline("Fisher scoring is unable to compute a maximum likehihood estimate within");
   reportline("the parameter space.  Unable to produce Laplace results.");
   reportbreak();

@@ -312,11 +312,12 @@ def engines():
     check(line in text and "laplace" not in sections, "no iteration of Laplace-6: words")
     check(abs(sections["unit-specific"].deviance + 2 * quasi) < 1e-3, f"no iteration of Laplace-6: deviance, {quasi}")
 
-    # A slope that hardly varies: Laplace-6 leaves the space. More than a million nodes: no iteration of quadrature.
+    # A slope that hardly varies: Laplace-6 by steps on the taus leaves the space. More than a million nodes: no iteration
+    # of quadrature.
     slope = EQUATIONS.replace("LEVEL2:X=INTRCPT2/", "LEVEL2:X=INTRCPT2+RANDOM/")
     _, _, plain = run("", slope)
     for options, phase, words in (
-            ("LAPLACE:Y,30\n", "laplace", "Fisher scoring is unable to compute a maximum likehihood estimate within\n"
+            ("LAPLACE:Y,30\nAGQNODES:FIXED\n", "laplace", "Fisher scoring is unable to compute a maximum likehihood estimate within\n"
              "the parameter space.  Unable to produce Laplace results.\n\n"),
             ("AGQ:Y,30,101\n", "quadrature", "Quadrature has no results.\n"
              "WARNING: 101 quadrature points for 3 effects are more than this program integrates with.\n"
@@ -330,6 +331,8 @@ def engines():
         check(not any((work.folder / f"{part}vc{name}.dat").exists() for part in ("tau", "gam") for name in ("l6", "agq")),
               f"{phase} fails: variance files")
         check("vcl6" not in text, f"{phase} fails: list of files")
+    said, text, sections = run("LAPLACE:Y,30\n", slope)
+    check("laplace" in sections and "WARNING" not in text and "  1.000  1.000\n" in text, "laplace: a slope that hardly varies")
 
 
 def points():
