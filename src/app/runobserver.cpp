@@ -224,7 +224,9 @@ void tellbadtau(const BadTau& bad) {
 void writeunittaupi(std::FILE* file, int k, const double* T, int p) {
   constexpr int perline = 60;
   const Id id = level3id(run.mdm, k);
-  if (run.mdm.numericids) {
+  if (const std::string* whole = run.mdm.texts.wholeid(3, id, run.mdm.numericids)) {
+    std::fprintf(file, "%12s", whole->c_str());
+  } else if (run.mdm.numericids) {
     std::fprintf(file, "%12.0f", id.number);
   } else {
     std::fprintf(file, "%12.12s", id.text.text);

@@ -8,11 +8,14 @@
 #include <cstdio>
 #include <cstring>
 #include <new>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <tuple>
+#include <utility>
 #include <vector>
 
+#include "app/fitsummary.h"
 #include "app/linearjob.h"
 #include "app/nonlinearjob.h"
 #include "app/options.h"
@@ -22,6 +25,7 @@
 #include "command/complete.h"
 #include "command/constraints.h"
 #include "command/dialogue.h"
+#include "command/formula/fit.h"
 #include "command/reader.h"
 #include "command/writer.h"
 #include "construct/construction.h"
@@ -335,9 +339,11 @@ void runjob(int argc, char** argv) {
   iscommandtext = begincommands;
   installhandlers();
   startrun();
-  const Options options = readoptions(argc, argv);
+  Options options = readoptions(argc, argv);
   if (run.series.closing) closingjob();
   static_cast<void>(neededscratch());  // before anything is written that would be lost for want of one
+  std::optional<PreparedFit> fit;
+  if (options.fit) fit = preparefit(std::move(*options.fit));
   bool rawjob = options.templatejob;
   if (run.files.mdmfile.empty() && !rawjob) {
     if (askyesno("\nWill you be starting with raw data?")) {
@@ -368,7 +374,11 @@ void runjob(int argc, char** argv) {
     closereport();
     writeaveragedresults();
   } while (nextplausiblevalue());
-  tellfiles();
+  if (fit) {
+    fitsummary(*fit);
+  } else {
+    tellfiles();
+  }
   endrun();
 }
 

@@ -79,7 +79,7 @@ void readextras(int number, const std::string& line, std::string_view list, int 
           formatted(" Line %d has more than %d exploratory variables: those behind are ignored.\n", number, maxextra));
       return;
     }
-    const int v = findname(name, names, nvar);
+    const int v = variableindex(name, names, nvar);
     if (v < 1) {
       std::printf("bad level-%d extra variables\n", level);
       const std::string near = nearestnames(name, names, nvar);
@@ -102,6 +102,14 @@ bool nextequation(CommandReader& reader, std::string_view keyword) {
   return false;
 }
 
+// Whether the left side of an equation is the name of that variable of a level.
+bool names(std::string_view left, int level, const Name& owner) {
+  const Array<Name>& table = level == 1 ? run.mdm.names1 : run.mdm.names2;
+  const std::string name(trimmed(left));
+  const int v = variableindex(name, table, static_cast<int>(table.size()) - 1);
+  return samename(paddedname(v < 0 ? name : table[static_cast<std::size_t>(v)].text), paddedname(owner.text));
+}
+
 // Takes the line in hand apart. `owner` is the coefficient that the left side must name; `extras` receives the list
 // behind "/".
 Equation equationof(const CommandReader& reader, int level, const Name& owner, int* extras) {
@@ -119,8 +127,7 @@ Equation equationof(const CommandReader& reader, int level, const Name& owner, i
   }
   text.remove_prefix(text.find(':') + 1);
   const std::size_t equals = text.find('=');
-  if (equals == std::string_view::npos ||
-      !samename(paddedname(trimmed(text.substr(0, equals))), paddedname(owner.text))) {
+  if (equals == std::string_view::npos || !names(text.substr(0, equals), level - 1, owner)) {
     std::printf("The equation of %s is due here.\n", leftname(owner).c_str());
     badline(reader);
   }

@@ -572,7 +572,7 @@ void startmerge(Construction& build) {
 
 void describe(int level, const Array<Name>& names, const Array<double>& means, const Array<VariableTotals>& totals) {
   if (totals.empty()) return;
-  for (std::FILE* stream : {stdout, logstream()}) printdesc(stream, level, names, means, totals);
+  for (std::FILE* stream : {raw.silent ? nullptr : stdout, logstream()}) printdesc(stream, level, names, means, totals);
 }
 
 void finishmeans(Construction& build) {

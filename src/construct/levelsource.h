@@ -39,9 +39,8 @@ struct RawData {
   const RawReader* reader = nullptr;  // the format of all three files; null while none is chosen
   LevelSource level[3];               // index 0, 1, 2 for levels 1, 2, 3
   int reading = 0;                    // index of the level that readrecord was asked for last
+  bool silent = false;                // the console is not told the statistics of the variables, only the log is
   bool varyingfirst = false;          // of a file that serves several levels the first row of each unit counts
-  bool wholeids = false;              // text IDs may have any length: `wholeid` has those of the record in hand
-  std::string wholeid[2];             // of level 3 and level 2
   Array<double> missingcodes;         // ASCII only: the value that stands for missing, one for each level-1 variable
   std::string templatename;           // the template that was read, or empty
 };

@@ -4,6 +4,8 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "kernel/array.h"
 
@@ -18,6 +20,9 @@ struct Name {
 struct Label {
   char text[128];
 };
+
+// What values of a variable stand for, in the order of their source.
+using ValueLabels = std::vector<std::pair<double, std::string>>;
 
 // Normalises a name or ID in place. `buffer` has 13 bytes and arrives blank-filled with the text at its start. A zero
 // byte or a column beyond `width` becomes a blank, the rest upper case; the text moves right until column `width` is

@@ -310,21 +310,23 @@ void addmacroend(ResultsDocument& document, const MacroEvent& event) {
 }
 
 Json wholedocument(const ResultsDocument& document, const Subject& subject, const DocumentFrame& frame) {
-  return {{"format", "kdr3 results"},
-          {"format_version", 3},
-          {"program", module},
-          {"version", version},
-          {"title", frame.title},
-          {"data", {{"mdm_file", textornull(frame.mdmfile)}, {"command_file", textornull(frame.commandfile)}}},
-          {"dimensions",
-           {{"records", subject.records}, {"level2_units", subject.units2}, {"level3_units", subject.units3}}},
-          {"model", describedmodel(subject)},
-          {"series", frame.series},
-          {"converged", frame.converged},
-          {"phases", document.phases},
-          {"warnings", allwarnings(document, subject.model, frame.converged)},
-          {"files", frame.files},
-          {"checksums", frame.checksums}};
+  Json whole = {{"format", "kdr3 results"},
+                {"format_version", 3},
+                {"program", module},
+                {"version", version},
+                {"title", frame.title},
+                {"data", {{"mdm_file", textornull(frame.mdmfile)}, {"command_file", textornull(frame.commandfile)}}},
+                {"dimensions",
+                 {{"records", subject.records}, {"level2_units", subject.units2}, {"level3_units", subject.units3}}},
+                {"model", describedmodel(subject)},
+                {"series", frame.series},
+                {"converged", frame.converged},
+                {"phases", document.phases},
+                {"warnings", allwarnings(document, subject.model, frame.converged)},
+                {"files", frame.files},
+                {"checksums", frame.checksums}};
+  if (subject.texts != nullptr && subject.texts->any()) whole["variables"] = describedvariables(subject);
+  return whole;
 }
 
 std::string documenttext(const Json& whole, bool table) {

@@ -15,6 +15,7 @@
 #include "driver/resultfile.h"
 #include "driver/runrecord.h"
 #include "report/modelrows.h"
+#include "report/resultsphases.h"
 #include "report/stream.h"
 
 namespace kdr {
@@ -48,6 +49,7 @@ Subject subject() {
                mdm.nunits2,
                mdm.nunits3};
   for (const Name& label : run.model.categorylabel) made.categories.emplace_back(label.text);
+  made.texts = &mdm.texts;
   if (run.out.deviance) made.alternative = {*run.out.deviance, run.out.df};
   return made;
 }
@@ -142,6 +144,8 @@ void documentengine(const EngineStage& stage) {
 void documentwarning(const std::string& words) {
   if (wanted()) collected.document.warnings.push_back(words);
 }
+
+const std::vector<Json>& documentphases() { return collected.document.phases; }
 
 std::string resultsname() { return subrunname(run.files.results); }
 

@@ -1,6 +1,10 @@
 #include "report/specification.h"
 
+#include <strings.h>
+
+#include <set>
 #include <string>
+#include <utility>
 
 #include "driver/failures.h"
 #include "driver/reportstream.h"
@@ -213,6 +217,28 @@ void modeltable(const ModelRows& rows) {
   if (shown.grand) report(" '%%' - This variable has been centered around its grand mean\n");
 }
 
+// The whole names of the variables of the model, where their 8 letters tell less.
+void wholenames() {
+  std::set<std::pair<int, int>> variables{{1, run.model.outvar}};
+  const ModelRows rows = modelrows(run.model);
+  for (const CoefficientRow& coefficient : rows.coefficients)
+    if (!coefficient.threshold) variables.insert({1, coefficient.variable});
+  for (const TermRow& term : rows.terms) variables.insert({2, term.variable});
+  for (const EffectRow& effect : rows.effects) variables.insert({3, effect.variable});
+  bool begun = false;
+  const Array<Name>* names[] = {&run.mdm.names1, &run.mdm.names2, &run.mdm.names3};
+  for (const auto& [level, v] : variables) {
+    const VariableText* text = run.mdm.texts.of(level, v);
+    const std::string eight = text == nullptr ? "" : leftname((*names[level - 1])[static_cast<std::size_t>(v)]);
+    if (text == nullptr || (text->label.empty() && strcasecmp(eight.c_str(), text->name.c_str()) == 0)) continue;
+    if (!begun) reportbreak();
+    if (!begun) reportline("  Names of the variables:");
+    begun = true;
+    const std::string label = text->label.empty() ? "" : " (" + text->label + ")";
+    reportline("    %-8s  %s", escaped(eight).c_str(), escaped(text->name + label).c_str());
+  }
+}
+
 }  // namespace
 
 void buildsummary() {
@@ -232,6 +258,7 @@ void writespecification() {
   facts();
   weightingtable();
   report("\n  The outcome variable is %s\n", escaped(run.model.outname.text).c_str());
+  wholenames();
   if (!run.report.html) modeltable(modelrows(run.model));
   writeequations();
   writemixedmodel();

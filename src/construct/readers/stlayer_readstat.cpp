@@ -176,6 +176,8 @@ int takevariable(int index, readstat_variable_t* variable, const char* labels, v
   const std::size_t width = readstat_variable_get_storage_width(variable);
   ours.width = width < INT_MAX ? textwidthof(file, variable, static_cast<int>(width)) : INT_MAX;
   ours.labels = listname(stateof(file), labels);
+  const char* title = readstat_variable_get_label(variable);
+  ours.title = title == nullptr ? "" : title;
   stateof(file).stored[i] = readstat_variable_get_type(variable) == READSTAT_TYPE_STRING_REF ? ST_LongestText : width;
   stateof(file).recordwidth += static_cast<long long>(width);
   return READSTAT_HANDLER_OK;
@@ -188,7 +190,8 @@ int takelabel(const char* list, readstat_value_t value, const char* label, void*
   const std::string name = listname(stateof(file), list);
   if (name.empty() || label == nullptr || readstat_value_type_class(value) != READSTAT_TYPE_CLASS_NUMERIC)
     return READSTAT_HANDLER_OK;
-  if (file.labels.empty() || file.labels.back().name != name) file.labels.push_back({name, ""});
+  if (file.labels.empty() || file.labels.back().name != name) file.labels.push_back({name, "", {}});
+  file.labels.back().values.emplace_back(readstat_double_value(value), label);
   addlabel(file.labels.back().text, readstat_double_value(value), label);
   return READSTAT_HANDLER_OK;
 }

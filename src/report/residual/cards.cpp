@@ -7,14 +7,14 @@ namespace kdr {
 
 namespace {
 
-constexpr int idwidth12 = 12;
 constexpr int valuewidth = 11;
 
-void appendid(ResultFile& out, const ResidualFile& file, const Id& id) {
-  if (file.columns.textids) {
-    appendtext(out, id.text.text, idwidth12);
+void appendid(ResultFile& out, const ResidualFile& file, int which, const Id& id) {
+  const auto width = static_cast<int>(file.columns.idwidth[which]);
+  if (file.columns.textid[which]) {
+    appendtext(out, file.columns.idtext(which, id).c_str(), width);
   } else {
-    appendfield(out, id.number, idwidth12, 0);
+    appendfield(out, id.number, width, 0);
   }
 }
 
@@ -39,8 +39,8 @@ std::vector<int> linesof(int n) {
 void writerowcards(ResidualFile& file, const ResidualRow& row) {
   ResultFile& out = file.out;
   const ResidualColumns& layout = file.columns;
-  appendid(out, file, row.id3);
-  if (layout.level < 3) appendid(out, file, row.id2);
+  appendid(out, file, 0, row.id3);
+  if (layout.level < 3) appendid(out, file, 1, row.id2);
   if (layout.hascount()) appendcount(out, row.count, file.countwidth);
   ColumnGroup group = ColumnGroup::fit;
   int online = 0;

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "data/mdm.h"
+
 namespace kdr {
 
 // The values of RESFILTYPE:.
@@ -33,15 +35,19 @@ struct ResidualColumn {
   std::string stataname;  // at most 8 characters
   std::string shortname;  // SPSS, at most 8 characters
   std::string longname;   // SPSS, the full name; empty when shortname is that
+  std::string label;      // SPSS and Stata: what the source of the data says of it, or nothing
 };
 
 struct ResidualColumns {
   int level = 0;
-  bool textids = false;
+  bool textid[2] = {};                // of level 3 and level 2: its IDs are texts
+  std::size_t idwidth[2] = {12, 12};  // bytes of the longest one of them, 12 or more
   std::vector<ResidualColumn> columns;
 
   [[nodiscard]] bool hascount() const { return level > 1; }
   [[nodiscard]] int ids() const { return level < 3 ? 2 : 1; }
+  // The text of a row's ID, of level 3 (0) or level 2 (1): whole, where the MDM file has it so.
+  [[nodiscard]] std::string idtext(int which, const Id& id) const;
   [[nodiscard]] const char* countname() const { return level == 2 ? "NJK" : "NK"; }
   // The columns of one group.
   [[nodiscard]] std::vector<const ResidualColumn*> of(ColumnGroup group) const;

@@ -1,5 +1,6 @@
 #include <string>
 
+#include "core/formatted.h"
 #include "report/residual/forms.h"
 
 namespace kdr {
@@ -39,7 +40,7 @@ void writeheadsas(ResidualFile& file, int) {
   for (const ColumnGroup group : groups) head += groupnames(layout, group);
 
   head += ") (";
-  for (int i = 0; i < layout.ids(); ++i) head += layout.textids ? "$12. " : "12. ";
+  for (int i = 0; i < layout.ids(); ++i) head += formatted("%s%zu. ", layout.textid[i] ? "$" : "", layout.idwidth[i]);
   head += layout.hascount() ? std::to_string(file.countwidth) + ".\n"
                             : std::to_string(layout.number(ColumnGroup::fit)) + "*11.5\n";
   int line = 1;

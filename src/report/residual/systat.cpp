@@ -1,5 +1,6 @@
 #include <string>
 
+#include "core/formatted.h"
 #include "report/residual/forms.h"
 
 namespace kdr {
@@ -37,10 +38,12 @@ std::string groupformat(const ResidualColumns& layout, ColumnGroup group) {
 void writeheadsystat(ResidualFile& file, int) {
   const ResidualColumns& layout = file.columns;
   const std::string level = std::to_string(layout.level);
-  const std::string kind = layout.textids ? "$" : "";
-  const std::string idformat = layout.textids ? "$" : "#";
-  std::string head = "BASIC\nSAVE RESFIL" + level + "\nINPUT (L3ID" + kind;
-  if (layout.level < 3) head += ",L2ID" + kind;
+  const auto kind = [&](int which) { return layout.textid[which] ? "$" : ""; };
+  const auto idformat = [&](int which) {
+    return formatted("%s%zu,", layout.textid[which] ? "$" : "#", layout.idwidth[which]);
+  };
+  std::string head = "BASIC\nSAVE RESFIL" + level + "\nINPUT (L3ID" + kind(0);
+  if (layout.level < 3) head += std::string(",L2ID") + kind(1);
   head += ",";
   if (layout.hascount()) {
     head += std::string(layout.countname()) + ",\n";
@@ -52,12 +55,14 @@ void writeheadsystat(ResidualFile& file, int) {
 
   if (layout.hascount()) {
     head += "),(";
-    for (int i = 0; i < layout.ids(); ++i) head += idformat + "12,";
+    for (int i = 0; i < layout.ids(); ++i) head += idformat(i);
     char item[16];
     std::snprintf(item, sizeof item, "#%d/", file.countwidth);
     head += item;
   } else {
-    head += "),(2*" + idformat + "12," + std::to_string(layout.number(ColumnGroup::fit)) + "*#11";
+    const bool alike = idformat(0) == idformat(1);
+    head += "),(" + (alike ? std::string("2*") + idformat(0) : idformat(0) + idformat(1)) +
+            std::to_string(layout.number(ColumnGroup::fit)) + "*#11";
     if (!groups.empty()) head += "/,";
     head += "\n";
   }
