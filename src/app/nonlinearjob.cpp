@@ -122,6 +122,8 @@ void separationends(const Separation& found) {
     std::printf("%s\n", words.c_str());
     reportwarning(words);
   }
+  // An effect without a finite estimate would spoil the averages.
+  if (run.series.mimode || run.series.pvmode) stopwith("A sub-run with separation is no part of a series.\n");
 }
 
 void tellmacroend(const MacroEvent& event) {

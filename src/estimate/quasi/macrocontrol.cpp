@@ -66,9 +66,9 @@ bool closeatlimit(MacroState& state) {
 // takes it for standing still, or that it is never met. At the edge of the covariance matrices a scoring step tells
 // nothing of what is left: only a search does. So does a pass whose many micro iterations found no end.
 bool creeps(const MacroState& state, const PassResults& results, bool converged) {
-  constexpr int patience = 20, longpass = 200;
-  constexpr double near = 0.01;  // standard errors
-  if (results.ending == Ending::limit && results.iteration >= longpass) return true;
+  constexpr int patience = 20, longpass = 200, early = 4;  // the first working data may lead far off
+  constexpr double near = 0.01;                            // standard errors
+  if (state.macro > early && results.ending == Ending::limit && results.iteration >= longpass) return true;
   const double left = results.errors.stepleft;
   return converged ? left >= near || left < 0.0 : state.macro >= patience;
 }

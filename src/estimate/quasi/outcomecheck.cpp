@@ -189,7 +189,7 @@ std::string commonoutcome(const Analysis& analysis, const Split& split, bool mor
     const bool labelled = at(split.category) < analysis.model.categorylabel.size();
     const std::string label =
         labelled ? formatted(" %s", barename(analysis.model.categorylabel[at(split.category)]).c_str()) : std::string();
-    return formatted("%s category%s", more ? "only" : "never", label.c_str());
+    return formatted("%s%s", more ? "category" : "another category than", label.c_str());
   }
   if (outcome.link() == Link::log) return "the count 0";
   if (outcome.counted) return more ? "successes only" : "no success";
