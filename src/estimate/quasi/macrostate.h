@@ -38,6 +38,7 @@ struct MacroState {
   Separation separation;
   std::vector<double> categories;  // values of the categories, ascending
   int saturated = 0;               // records or responses of the working data at hand that have next to no say
+  double largestrate = -1.0;       // of all records, once a step that is capped has met them
   int limited = 0;                 // records of the working data at hand whose weight is held at the limit
   Array<double> counts;            // trials or exposure of each record; empty when the model has none
   Array<double> factors;           // sqrt(w)/sqrt(v) of each record; empty without design weights and known variance

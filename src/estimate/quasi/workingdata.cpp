@@ -54,13 +54,24 @@ Failure cannotestimate() {
   return failedwith(words, words);
 }
 
-// The linear predictor of a record, corrected for the population average.
+// The linear predictor of a record, corrected for the population average. A rate starts no higher than the largest one
+// met: from far above it each pass would come down by 1.
 double corrected(const Pass& pass, Step& step, const double* x, double eta) {
   const Design& design = pass.design;
   for (std::size_t i = 0; i < step.d.size(); ++i) step.d[i] = x[design.random1[i]];
   for (std::size_t i = 0; i < step.e.size(); ++i)
     step.e[i] = level2entry(pass, i, step.unit.level2.data()) * x[design.owner2[i]];
-  return marginalpredictor(step.correction, step.d.data(), step.e.data(), eta);
+  const double mean = marginalpredictor(step.correction, step.d.data(), step.e.data(), eta);
+  return step.link == Link::log && step.cap > 0.0 ? std::min(mean, std::log(step.cap)) : mean;
+}
+
+// One count beyond all others throws the fixed effects far above it, from where each pass comes down by 1. A rate
+// twenty times the largest of the data is no end: it goes back to that.
+double returned(const Step& step, double eta) {
+  constexpr double beyond = 3.0;
+  if (step.link != Link::log || !(step.state.largestrate > 0.0)) return eta;
+  const double largest = std::log(step.state.largestrate);
+  return eta > largest + beyond ? largest : eta;
 }
 
 Linked linkedrecord(Step& step, double eta) {
@@ -98,7 +109,8 @@ void predict(const Pass& pass, Step& step) {
       step.x[c] = place < 0 ? 1.0 : values[place];
       eta += step.x[c] * step.beta[c];
     }
-    step.eta[i] = step.kind.predictor == Predictor::corrected ? corrected(pass, step, step.x.data(), eta) : eta;
+    if (step.kind.predictor == Predictor::corrected) eta = corrected(pass, step, step.x.data(), eta);
+    step.eta[i] = step.kind.predictor == Predictor::fixed ? returned(step, eta) : eta;
   }
 }
 
@@ -207,6 +219,7 @@ Failure prepareworkingdata(Pass& pass, MacroState& state, const WorkingStep& kin
   if (Failure failure = finishfold(fold)) return failure;
   state.limited = step.limited;
   state.saturated = step.saturated;
+  if (kind.capped) state.largestrate = step.cap;
   if (!to.file.isopen()) return {};
   if (Failure failure = finishworking(std::move(to.file), state.working)) return failure;
   state.layout = std::move(to.layout);
