@@ -1,15 +1,15 @@
 #include "app/runobserver.h"
 
 #include <algorithm>
-#include <cmath>
 #include <cstdio>
-#include <cstdlib>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 
 #include "app/nonlinearjob.h"
 #include "core/formatted.h"
+#include "core/numbers.h"
 #include "driver/failures.h"
 #include "driver/questions.h"
 #include "driver/reportstream.h"
@@ -157,18 +157,17 @@ RepairChoice askchoice() {
       1, 4));
 }
 
-// Reads a new value into `value`: an empty line leaves it, a line that does not start a number is asked again.
+// Reads a new value into `value`: an empty line leaves it, a line that is no number is asked again.
 bool askvalue(const char* prompt, double& value) {
   std::string line;
   for (int tries = 0; tries < maxtries; ++tries) {
     if (!readanswer(prompt, line, Question::unchanged)) continue;  // the end of input is no answer
     if (line.find_first_not_of(" \t") == std::string::npos) return false;
-    char* end = nullptr;
-    const double number = std::strtod(line.c_str(), &end);
-    if (end != line.c_str() && std::isfinite(number)) {
-      value = number;
+    if (const std::optional<double> number = realof(line)) {
+      value = *number;
       return true;
     }
+    tellnonumber(line, "number");
   }
   noproperresponse();
 }
@@ -257,9 +256,7 @@ bool askinterrupt() {
   std::string line;
   for (int tries = 0; tries < maxtries; ++tries) {
     readanswer("Enter 0 to stop iterating, 1 to exit now", line, Question::interrupt);
-    char* end = nullptr;
-    const long answer = std::strtol(line.c_str(), &end, 10);
-    if (end == line.c_str()) continue;
+    const std::optional<int> answer = wholeof(line);
     if (answer == 1) fail(0);
     if (answer == 0) {
       run.control.laplaceit = run.control.agqit = 0;

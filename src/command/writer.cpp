@@ -286,7 +286,9 @@ void writecommands(std::FILE* out, bool nextpass) {
   if (run.control.agqfixed) std::fprintf(out, "AGQNODES:FIXED\n");
   if (run.control.agqderivlevel != 2) std::fprintf(out, "AGQDERIVLEVEL:%d\n", run.control.agqderivlevel);
   if (run.control.popavit > 1) std::fprintf(out, "POPAVIT:%d\n", run.control.popavit);
-  if (run.control.hetit != 0 && nextpass) std::fprintf(out, "HETIT:%d\n", run.control.hetit);
+  if (run.control.hetit != 0)
+    std::fprintf(out, nextpass ? "HETIT:%d\n" : "#HETIT:%d was left out: this file has no such stage\n",
+                 run.control.hetit);
   writeequations(out, nextpass);
   writeweights(out);
   writedeletion(out);

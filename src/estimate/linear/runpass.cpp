@@ -7,6 +7,7 @@
 #include "estimate/linear/fixtau.h"
 #include "estimate/linear/heterogeneous.h"
 #include "estimate/linear/inference.h"
+#include "estimate/linear/recordunits.h"
 #include "estimate/linear/results.h"
 #include "estimate/linear/startingvalues.h"
 #include "estimate/linear/usable.h"
@@ -21,8 +22,7 @@ namespace {
 // The least-squares estimate into gammahat, and the residual variance.
 Failure leastsquares(Pass& pass, double& variance) {
   const int g = pass.g;
-  if (pass.nunits1 == 0)
-    return failedboth("No level-1 record is left: each lacks a value in a variable of the model.\n");
+  if (pass.nunits1 == 0) return norecordleft();
   if (pass.totalYY == 0.0)
     return failedwith("The outcome variable is all zeros!\n", "The outcome variable is all zeros!");
   if (collinear(pass.gramMM.data(), g) || invertsymmetric(g, pass.gramMM.data(), pass.est.vgamma.data()).result != 0)
