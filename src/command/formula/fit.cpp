@@ -17,6 +17,7 @@
 #include "construct/construction.h"
 #include "construct/fileclashes.h"
 #include "construct/levelsource.h"
+#include "construct/rawvariables.h"
 #include "core/formatted.h"
 #include "core/numbers.h"
 #include "driver/failures.h"
