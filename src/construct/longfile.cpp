@@ -11,6 +11,8 @@
 #include <utility>
 
 #include "construct/levelsource.h"
+#include "construct/rawformats.h"
+#include "construct/rawvariables.h"
 #include "construct/readers/other.h"
 #include "construct/template.h"
 #include "core/constants.h"
