@@ -213,7 +213,7 @@ PassResults nonlinearjob(const Analysis& analysis, const CategoryTable& table) {
 
 void listnonlinearfiles() {
   if (run.out.printvc == VarianceFiles::none) return;
-  const bool errors = run.control.fishertype != 0;
+  const bool errors = run.control.fishertype != FisherType::none;
   const std::vector<std::string>& made = run.files.made;  // without those of an engine that has failed
   const bool laplace = std::find(made.begin(), made.end(), laplacetaufile) != made.end();
   reportbreak();

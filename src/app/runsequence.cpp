@@ -211,10 +211,6 @@ void openresults() {
   setsymbols();
   makerowlabels();
   writeheader();
-  for (const std::string& words : run.warnings) {
-    reportwarning("WARNING: " + escaped(words));
-    documentwarning(words);
-  }
   writespecification();
   applyconstraints(run.model);
   run.model.coef.ngamma -= run.model.nconstrained;
@@ -277,7 +273,12 @@ void tellfiles() {
   if (reportisstdout()) return;
   const bool averages = run.series.pvmode || run.series.milast;
   const std::string& results = averages ? run.files.results : resultsname();
-  std::printf("The report is %s", printable(averages ? averagedreportname() : run.files.outfile).c_str());
+  std::printf("The report is %s%s", run.report.html ? "the page " : "",
+              printable(averages ? averagedreportname() : run.files.outfile).c_str());
+  if (run.series.pvmode)
+    std::printf(", those of the passes are numbered up to %s", printable(run.files.outfile).c_str());
+  else if (averages && !run.series.closing)
+    std::printf(", that of this data set is %s", printable(run.files.outfile).c_str());
   if (!results.empty()) std::printf(", the results are %s", printable(results).c_str());
   std::printf(".\n");
 }

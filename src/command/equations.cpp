@@ -82,11 +82,12 @@ void readextras(int number, const std::string& line, std::string_view list, int 
     const int v = findname(name, names, nvar);
     if (v < 1) {
       std::printf("bad level-%d extra variables\n", level);
-      if (const std::string near = nearestnames(name, names, nvar); !near.empty())
-        std::printf("Line %d: there is no %s at level %d. The nearest names: %s\n", number, printable(name).c_str(),
-                    level, near.c_str());
+      const std::string near = nearestnames(name, names, nvar);
+      std::printf("Line %d: there is no %s at level %d.%s%s\n", number, printable(name).c_str(), level,
+                  near.empty() ? "" : " The nearest names: ", near.c_str());
       fail(8, line.c_str());
     }
+    tellcut(number, name, names[static_cast<std::size_t>(v)]);
     row[n++] = v;
   }
 }
@@ -123,6 +124,7 @@ Equation equationof(const CommandReader& reader, int level, const Name& owner, i
     std::printf("The equation of %s is due here.\n", leftname(owner).c_str());
     badline(reader);
   }
+  tellcut(reader.lines.number, trimmed(text.substr(0, equals)), owner);
 
   Equation equation;
   equation.line = reader.lines.number;

@@ -68,7 +68,7 @@ void settleengines() {
 
 void checklvr() {
   if (!run.out.lvr) return;
-  if (run.control.fishertype == 0) stopwith("You cannot do LVR and set fishertype:0!\n");
+  if (run.control.fishertype == FisherType::none) stopwith("You cannot do LVR and set fishertype:0!\n");
   if (multinomial()) stopwith(" The program cannot do latent variable regressions in a multinomial run.\n");
   if (!hasoutcomeandpredictor()) stopwith(incompletelvr);
 }
@@ -109,8 +109,8 @@ void checkcountvariable() {
 
 void settleacceleration() {
   Control& iter = run.control;
-  if (iter.hetit != 0) iter.fishertype = 0;
-  if (iter.fishertype == 0) {
+  if (iter.hetit != 0) iter.fishertype = FisherType::none;
+  if (iter.fishertype == FisherType::none) {
     if (iter.accel <= 2) iter.accel = 3;
   } else if (iter.accel < 1) {
     iter.accel = 5;

@@ -11,12 +11,11 @@
 #include "driver/failures.h"
 #include "driver/resultfile.h"
 #include "driver/runrecord.h"
+#include "kernel/sizes.h"
 
 namespace kdr {
 
 namespace {
-
-std::size_t at(int i) { return static_cast<std::size_t>(i); }
 
 std::string joined(const std::vector<std::string>& pieces, const char* separator) {
   std::string text;
@@ -240,7 +239,7 @@ void writetaus(std::FILE* out) {
 
 void writecontrol(std::FILE* out) {
   const Control& iter = run.control;
-  std::fprintf(out, "FISHERTYPE:%d\n", iter.fishertype);
+  std::fprintf(out, "FISHERTYPE:%d\n", static_cast<int>(iter.fishertype));
   if (run.out.printvc != VarianceFiles::none)
     std::fprintf(out, "PRINTVARIANCE-COVARIANCE:%s\n", wordof(varianceletters, run.out.printvc));
   std::fprintf(out, "HYPOTH:n\n");
@@ -287,7 +286,9 @@ void writecommands(std::FILE* out, bool nextpass) {
   if (run.control.agqfixed) std::fprintf(out, "AGQNODES:FIXED\n");
   if (run.control.agqderivlevel != 2) std::fprintf(out, "AGQDERIVLEVEL:%d\n", run.control.agqderivlevel);
   if (run.control.popavit > 1) std::fprintf(out, "POPAVIT:%d\n", run.control.popavit);
-  if (run.control.hetit != 0 && nextpass) std::fprintf(out, "HETIT:%d\n", run.control.hetit);
+  if (run.control.hetit != 0)
+    std::fprintf(out, nextpass ? "HETIT:%d\n" : "#HETIT:%d was left out: this file has no such stage\n",
+                 run.control.hetit);
   writeequations(out, nextpass);
   writeweights(out);
   writedeletion(out);

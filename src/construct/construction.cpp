@@ -12,6 +12,7 @@
 #include "construct/fileclashes.h"
 #include "construct/levelsource.h"
 #include "construct/mdmwriter.h"
+#include "construct/rawvariables.h"
 #include "construct/readers/ascii.h"
 #include "construct/singleunits.h"
 #include "construct/template.h"

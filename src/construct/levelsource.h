@@ -1,11 +1,11 @@
-// The raw data of a construction: one source for each level, and the table of the formats that a source can have.
+// The raw data of a construction: one source for each level, in one of the formats of construct/rawformats.h.
 #pragma once
 
 #include <cstdio>
 #include <string>
 #include <vector>
 
-#include "construct/rawvariables.h"
+#include "construct/rawvariable.h"
 #include "core/codes.h"
 #include "data/mdm.h"
 #include "kernel/array.h"
@@ -62,10 +62,12 @@ struct RawReader {
   int (*record)(int level, double* values, Id* id3, Id* id2);
   // Closes the file.
   void (*close)(int level);
+  // Null in a format without them: whether the numeric columns of the level can be read as the texts that the file has;
+  // reads one so; why a column is not numeric, where the file tells.
+  bool (*canbetext)(int level) = nullptr;
+  void (*astext)(int level, int row) = nullptr;
+  std::string (*whytext)(int level, int row) = nullptr;
 };
-
-// The reader whose word the value of RAWDATTYPE: begins with, in any case; null for an unknown word.
-[[nodiscard]] const RawReader* findreader(const std::string& value);
 
 // Opens the file of the level by its name and reads its head.
 void openraw(int level);

@@ -12,6 +12,8 @@
 
 #include "construct/fileclashes.h"
 #include "construct/levelsource.h"
+#include "construct/rawformats.h"
+#include "construct/rawvariables.h"
 #include "construct/readers/other.h"
 #include "construct/template.h"
 #include "core/constants.h"

@@ -26,6 +26,9 @@ void padname(char* buffer, int width);
 // The same for a text of any length: at most `width` bytes of it enter the slot, and no part of a character.
 [[nodiscard]] Name paddedname(std::string_view text, int width = 8);
 
+// Characters of a name of a variable that count.
+inline constexpr std::size_t significant = 8;
+
 // Characters of a text in UTF-8. A byte of another code counts as one.
 [[nodiscard]] std::size_t charactersof(std::string_view text);
 

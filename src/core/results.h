@@ -100,7 +100,7 @@ struct EffectTable {
 
 // Standard errors of the variance components.
 struct TauErrors {
-  bool asked = false;            // fishertype is not 0
+  bool asked = false;            // fishertype is not none
   bool known = false;            // the information could be inverted; the rest is empty otherwise
   Array<double> taupi, taubeta;  // full matrices; 0.0 for a fixed element, missingcode for one not computable
   double sigma2 = 0.0;
@@ -109,11 +109,17 @@ struct TauErrors {
   double sigma2variance = 0.0;
   std::vector<bool> edgepi, edgebeta;  // of an engine, full matrices: at the edge of its range, so without an error
   double stepleft = 0.0;  // the farthest that the next scoring step would move an element, in its standard errors
+
+  [[nodiscard]] const Array<double>& of(Tau which) const { return ofthe(which, taupi, taubeta); }
+  [[nodiscard]] const std::vector<bool>& edges(Tau which) const { return ofthe(which, edgepi, edgebeta); }
 };
 
 struct Reliabilities {
   Array<double> level2, level3;  // [p], [b]; of no use when no unit entered
   int units2 = 0, units3 = 0;    // units that entered
+
+  [[nodiscard]] const Array<double>& of(Tau which) const { return ofthe(which, level2, level3); }
+  [[nodiscard]] int units(Tau which) const { return ofthe(which, units2, units3); }
 };
 
 // The chi-square test of one variance.
@@ -126,6 +132,8 @@ struct VarianceTest {
 struct VarianceTests {
   std::vector<VarianceTest> level2, level3;  // [p], [b]
   int units2 = 0, units3 = 0;                // units that entered
+
+  [[nodiscard]] const std::vector<VarianceTest>& of(Tau which) const { return ofthe(which, level2, level3); }
 };
 
 // Fixed effects by ordinary least squares, before a linear run's iterations.

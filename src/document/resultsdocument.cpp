@@ -264,6 +264,9 @@ void addphases(ResultsDocument& document, const Subject& subject, const Pooled& 
 void addengine(ResultsDocument& document, const Subject& subject, const EngineStage& stage, bool fixednodes) {
   const bool laplace = stage.engine == Engine::laplace6, estimated = stage.fit.end == EngineEnd::estimated;
   if (!stage.takenover || stage.results.ending != Ending::converged) document.converged = false;
+  // Points that fail their check, and terms of the sixth order that are not small, are no end that was asked for.
+  const bool doubtful = !fixednodes && stage.results.ending == Ending::converged && !stage.results.warnings.empty();
+  if (doubtful) document.converged = false;
   if (estimated && (!laplace || stage.takenover)) addphase(document, subject, stage.results);
   if (laplace) {
     if (!stage.takenover && fixednodes)
@@ -279,10 +282,7 @@ void addengine(ResultsDocument& document, const Subject& subject, const EngineSt
     document.warnings.insert(document.warnings.end(), stage.fit.warnings.begin(), stage.fit.warnings.end());
   }
   document.warnings.insert(document.warnings.end(), stage.behind.begin(), stage.behind.end());
-  // Points that fail their check are no end that was asked for.
-  const bool failedcheck = !fixednodes && stage.results.ending == Ending::converged && !stage.results.warnings.empty();
-  if (failedcheck) document.converged = false;
-  if (estimated && (!stage.takenover || failedcheck)) settle(document, false);
+  if (estimated && (!stage.takenover || doubtful)) settle(document, false);
 }
 
 void addmacroend(ResultsDocument& document, const MacroEvent& event) {

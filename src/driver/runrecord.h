@@ -130,8 +130,15 @@ struct ReportStream {
   long long mark = -1;        // where the results of a later pass go back to, below 0: nowhere (markreport)
 };
 
+// A sentence about the run as a whole, which the report has below its header and the results document among its
+// warnings. Of what the command file says in vain (driver/oddities.h), or of the rest (driver/warnings.h).
+struct RunWarning {
+  std::string words;
+  bool ofcommands;
+};
+
 struct RunRecord {
-  std::vector<std::string> warnings;  // sentences about the run as a whole (driver/warnings.h)
+  std::vector<RunWarning> warnings;
   RunIdentity id;
   SeriesMode series;
   RunFiles files;
@@ -140,7 +147,6 @@ struct RunRecord {
   Control control;
   OutputControl out;
   AnsweredMarks answered;
-  std::vector<std::string> odd;  // sentences on what the command file says in vain: oddcommand
   Symbols sym;
   ReportStream report;
   DesignWeights weights;

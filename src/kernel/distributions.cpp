@@ -65,4 +65,10 @@ double logfactorial(double x) {
   return std::log(2.5066282746310007 * q / y) - w;
 }
 
+double logcombinations(double n, double y) {
+  // std::lgamma would write the sign into a global.
+  int sign = 0;
+  return lgamma_r(n + 1.0, &sign) - lgamma_r(y + 1.0, &sign) - lgamma_r(n - y + 1.0, &sign);
+}
+
 }  // namespace kdr

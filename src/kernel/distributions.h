@@ -26,4 +26,7 @@ namespace kdr {
 // (1964).
 [[nodiscard]] double logfactorial(double x);
 
+// log (n over y) of real numbers, by log Gamma. Safe in several threads.
+[[nodiscard]] double logcombinations(double n, double y);
+
 }  // namespace kdr

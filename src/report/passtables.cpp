@@ -61,11 +61,10 @@ void partnote(const char* what, int used, int total) {
 
 void reliabilitytables(Tau which, const PassResults& results) {
   const Reliabilities& rel = results.reliabilities;
-  const bool pi = which == Tau::pi;
-  const Array<double>& values = pi ? rel.level2 : rel.level3;
-  const int used = pi ? rel.units2 : rel.units3;
+  const Array<double>& values = rel.of(which);
+  const int used = rel.units(which);
   if (used < 1) {
-    if (pi) {
+    if (which == Tau::pi) {
       reportline(" The %s reliabilities cannot be computed", run.sym.symvar2.c_str());
     } else {
       reportline(" The %s(beta) reliabilities cannot be computed", run.report.html ? "&tau;" : "tau");
@@ -73,20 +72,18 @@ void reliabilitytables(Tau which, const PassResults& results) {
     return;
   }
   reliabilitytable(which, static_cast<int>(values.size()), values.data());
-  partnote("reliability estimates", used, pi ? run.mdm.nunits2 : run.mdm.nunits3);
+  partnote("reliability estimates", used, ofthe(which, run.mdm.nunits2, run.mdm.nunits3));
 }
 
 // A tau with all that belongs to it. The heterogeneous stage has no one tau(pi); its results follow with the mean over
 // the level-3 units.
 void tautables(Tau which, const PassResults& results) {
-  const bool pi = which == Tau::pi;
-  const int n = pi ? run.model.coef.ntaupi : run.model.coef.ntaubeta;
-  const double* tau = (pi ? results.est.taupi : results.est.taubeta).data();
-  if (pi && results.heterogeneous) return;
+  const int n = run.model.coef.order(which);
+  const double* tau = results.est.tau(which).data();
+  if (which == Tau::pi && results.heterogeneous) return;
   tautable(which, MatrixTitle::plain, false, n, tau);
   if (results.heterogeneous) return;
-  if (results.errors.known)
-    tautable(which, MatrixTitle::standarderror, false, n, (pi ? results.errors.taupi : results.errors.taubeta).data());
+  if (results.errors.known) tautable(which, MatrixTitle::standarderror, false, n, results.errors.of(which).data());
   correlationtable(which, n, tau);
   reliabilitytables(which, results);
 }

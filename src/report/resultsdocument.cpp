@@ -14,7 +14,6 @@
 #include "driver/reportstream.h"
 #include "driver/resultfile.h"
 #include "driver/runrecord.h"
-#include "report/averagedreport.h"
 #include "report/modelrows.h"
 #include "report/stream.h"
 
@@ -103,7 +102,10 @@ void writedocument(const std::string& path) {
 
 void startdocument() {
   collected = {{}, Json::array(), false};
-  for (const std::string& words : run.odd) collected.document.warnings.push_back("Command file: " + words);
+  for (const bool ofcommands : {true, false})
+    for (const RunWarning& warning : run.warnings)
+      if (warning.ofcommands == ofcommands)
+        collected.document.warnings.push_back((ofcommands ? "Command file: " : "") + warning.words);
   run.id.passunconverged = false;
   run.files.made.clear();
   run.files.marks.clear();

@@ -109,6 +109,11 @@ std::size_t extensionplace(const std::string& path) {
   return dot;
 }
 
+std::string averagedreportname() {
+  if (reportisstdout()) return {};
+  return run.files.outbase + (run.report.html ? "_avg.html" : ".avg");
+}
+
 std::string subrunname(const std::string& name) {
   if (name.empty() || (!run.series.mimode && !run.series.pvmode)) return name;
   const std::size_t dot = extensionplace(name);

@@ -157,7 +157,7 @@ void poolerrors(const SubrunShape& shape, Records records, Pooled& pooled) {
   for (const SubrunRecord& record : records)
     squares += (record.sigma2 - pooled.sigma2) * (record.sigma2 - pooled.sigma2);
   const double within = meanof(records, [](const SubrunRecord& r) { return r.sigma2variance; });
-  pooled.sigma2error = std::sqrt(within + betweenfactor(records.size()) * squares);
+  pooled.sigma2error = standarderror(within + betweenfactor(records.size()) * squares);
   pooled.errorsknown = true;
 }
 

@@ -100,7 +100,7 @@ SubrunShape seriesshape(const Model& model, const ModelRows& rows, const MdmData
   for (const CoefficientRow& row : rows.coefficients) shape.q += row.random ? 1 : 0;
   for (const TermRow& row : rows.terms) shape.r += row.random ? 1 : 0;
   for (const EffectRow& row : rows.effects) shape.g += row.removed ? 0 : 1;
-  shape.fisher = control.fishertype != 0;
+  shape.fisher = control.fishertype != FisherType::none;
   shape.popaverage = model.outcome.single();
   shape.sigma2fixed = model.restrictions.fixsigma2.has_value();
   shape.model = fingerprint(model, rows, data, control);

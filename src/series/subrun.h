@@ -13,7 +13,7 @@ namespace kdr {
 // What all sub-runs of one series have in common.
 struct SubrunShape {
   int q = 0, r = 0, g = 0;       // orders of taupi, taubeta and gammahat
-  bool fisher = false;           // fishertype is not 0: there is a covariance of the variance components
+  bool fisher = false;           // fishertype is not none: there is a covariance of the variance components
   bool popaverage = false;       // a Bernoulli, binomial or Poisson run: there are population-average fixed effects
   unsigned long long model = 0;  // fingerprint of the model; 0 where nobody asks
   bool sigma2fixed = false;      // sigma^2 is held, so that it has no variance

@@ -5,6 +5,7 @@
 #include <cmath>
 
 #include "construct/buildlog.h"
+#include "construct/rawvariables.h"
 #include "construct/readers/st.h"
 #include "core/constants.h"
 #include "driver/failures.h"

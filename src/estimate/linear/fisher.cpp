@@ -303,7 +303,7 @@ void addouterscore(const Pass& pass, const Inverses& inv, const Level3Posterior&
 }  // namespace
 
 void makefisher(const Pass& pass, FisherWork& fisher) {
-  if (pass.control().fishertype != 0) sizefisher(pass, fisher);
+  if (pass.control().fishertype != FisherType::none) sizefisher(pass, fisher);
 }
 
 void sizefisher(const Pass& pass, FisherWork& fisher) {
@@ -384,8 +384,8 @@ bool fisherouter(Pass& pass, FisherWork& fisher, Likelihood& likelihood, Scoring
 }
 
 bool fisherstep(Pass& pass, FisherWork& fisher, Likelihood& likelihood, Scoring scoring) {
-  return pass.control().fishertype == 2 ? fisherfull(pass, fisher, likelihood, scoring)
-                                        : fisherouter(pass, fisher, likelihood, scoring);
+  return pass.control().fishertype == FisherType::expected ? fisherfull(pass, fisher, likelihood, scoring)
+                                                           : fisherouter(pass, fisher, likelihood, scoring);
 }
 
 }  // namespace kdr

@@ -44,7 +44,7 @@ double stepleft(const Pass& pass, const FisherWork& fisher) {
 
 TauErrors tauerrors(Pass& pass, FisherWork& fisher) {
   TauErrors errors;
-  errors.asked = pass.control().fishertype != 0;
+  errors.asked = pass.control().fishertype != FisherType::none;
   if (!errors.asked) return errors;
   Likelihood unused{};
   errors.known = fisherstep(pass, fisher, unused, Scoring::asks);

@@ -55,8 +55,8 @@ Step tryaitken(Pass& pass, IterationState& state, Attempt& attempt, const SavedE
     return Step::retry;
   }
   if (!fixed) s = state.s1 + (s - state.s1) / (1.0 - lambda);
-  applytaupi(pass.model(), pass.est.taupi.data());
-  applytaubeta(pass.model(), pass.est.taubeta.data());
+  applyheld(pass.model(), Tau::pi, pass.est);
+  applyheld(pass.model(), Tau::beta, pass.est);
   if (usableestimates(pass, pass.est)) {
     attempt.aitkenok = true;
     return Step::continuewithem;
@@ -86,9 +86,9 @@ Step tryfishersteps(Pass& pass, IterationState& state, Attempt& attempt, const S
     if (pass.fixsigma2 == 0.0) pass.est.sigma2 += d[NT - 1];
     if (!pass.plan.tausstand()) {
       addtriangle(pass.est.taupi.data(), pass.p, d.data(), 1.0);
-      applytaupi(pass.model(), pass.est.taupi.data());
+      applyheld(pass.model(), Tau::pi, pass.est);
       addtriangle(pass.est.taubeta.data(), pass.b, d.data() + nt, 1.0);
-      applytaubeta(pass.model(), pass.est.taubeta.data());
+      applyheld(pass.model(), Tau::beta, pass.est);
     }
     if (usableestimates(pass, pass.est)) {
       if (t < tries) return Step::stands;
@@ -136,8 +136,8 @@ Failure updateestimates(Pass& pass, IterationState& state, EmSums& em, Attempt& 
     SavedEstimates saved{};
     if (accelerate) {
       saved = saveestimates(pass);
-      const bool aitken =
-          pass.control().fishertype == 0 || state.scoringover || state.fisherfailures >= maxfisherfailures;
+      const bool aitken = pass.control().fishertype == FisherType::none || state.scoringover ||
+                          state.fisherfailures >= maxfisherfailures;
       step = aitken ? tryaitken(pass, state, attempt, saved) : tryfisher(pass, state, attempt, saved);
       if (step == Step::retry) continue;
     } else {

@@ -80,6 +80,7 @@ struct Pass {
   bool repaired = false;                         // a tau that it started from had to be repaired
   int nusable1 = 0, nusable2 = 0, nusable3 = 0;  // records and units that entered the moments of the starting values
 
+  [[nodiscard]] int order(Tau which) const { return ofthe(which, p, b); }
   [[nodiscard]] const Model& model() const { return analysis->model; }
   [[nodiscard]] const MdmData& mdm() const { return analysis->mdm; }
   [[nodiscard]] const DesignWeights& weights() const { return analysis->weights; }

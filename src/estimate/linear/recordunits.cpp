@@ -223,6 +223,10 @@ void centerblock(RecordUnits& units) {
   for (std::size_t v = 0; v < at(mdm.nvar2); ++v) unit.level2[v] -= level2centre(units, v);
 }
 
+Failure norecordleft() {
+  return failedboth("No level-1 record is left: each lacks a value in a variable of the model.\n");
+}
+
 bool nextunit(RecordUnits& units, UnitProducts& products) {
   if (!nextblock(units)) return false;
   const UnitBlock& unit = units.unit;

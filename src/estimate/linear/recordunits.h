@@ -39,6 +39,9 @@ void relayunit(const UnitBlock& block, const RecordLayout& given, UnitBlock& to,
 // Begins the products of a unit: what its block tells of it, and no products by design weights yet.
 void beginproducts(UnitProducts& products, int k, const UnitBlock& block);
 
+// What is said where no record is left behind deletion.
+[[nodiscard]] Failure norecordleft();
+
 // Whether the rows have factors sqrt(w)/sqrt(v).
 [[nodiscard]] bool havefactors(const Model& model);
 

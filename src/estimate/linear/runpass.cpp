@@ -7,6 +7,7 @@
 #include "estimate/linear/fixtau.h"
 #include "estimate/linear/heterogeneous.h"
 #include "estimate/linear/inference.h"
+#include "estimate/linear/recordunits.h"
 #include "estimate/linear/results.h"
 #include "estimate/linear/startingvalues.h"
 #include "estimate/linear/usable.h"
@@ -21,8 +22,7 @@ namespace {
 // The least-squares estimate into gammahat, and the residual variance.
 Failure leastsquares(Pass& pass, double& variance) {
   const int g = pass.g;
-  if (pass.nunits1 == 0)
-    return failedboth("No level-1 record is left: each lacks a value in a variable of the model.\n");
+  if (pass.nunits1 == 0) return norecordleft();
   if (pass.totalYY == 0.0)
     return failedwith("The outcome variable is all zeros!\n", "The outcome variable is all zeros!");
   if (collinear(pass.gramMM.data(), g) || invertsymmetric(g, pass.gramMM.data(), pass.est.vgamma.data()).result != 0)
@@ -56,13 +56,11 @@ Failure tellleastsquares(Pass& pass, double s) {
 
 // A tau that the iterations cannot start from is repaired, and shown again.
 Failure settlestart(Pass& pass, Tau which, const StartMoments& moments, StartingEvent event) {
-  const bool pi = which == Tau::pi;
-  const FixTau code = pi ? pass.control().fixtau2 : pass.control().fixtau3;
-  const Array<double>& t = pi ? pass.est.taupi : pass.est.taubeta;
-  if (usablecovariance(t.data(), pi ? pass.p : pass.b) && code != FixTau::always) return {};
-  if (Failure failure = fixtau(pass, which, pi ? moments.taupi : moments.taubeta, code)) return failure;
+  const FixTau code = pass.control().fixtau(which);
+  if (usablecovariance(pass.est.tau(which).data(), pass.order(which)) && code != FixTau::always) return {};
+  if (Failure failure = fixtau(pass, which, ofthe(which, moments.taupi, moments.taubeta), code)) return failure;
   pass.repaired = true;
-  event.part = pi ? StartingEvent::Part::repairedtaupi : StartingEvent::Part::repairedtaubeta;
+  event.part = which == Tau::pi ? StartingEvent::Part::repairedtaupi : StartingEvent::Part::repairedtaubeta;
   tellobserver(pass.observer().starting, event);
   return {};
 }
@@ -82,8 +80,8 @@ Failure startfromdata(Pass& pass) {
   } else if (Failure failure = leastsquarestart(pass, moments)) {
     return failure;
   }
-  applytaupi(pass.model(), pass.est.taupi.data());
-  if (given != nullptr) applytaubeta(pass.model(), pass.est.taubeta.data());
+  applyheld(pass.model(), Tau::pi, pass.est);
+  if (given != nullptr) applyheld(pass.model(), Tau::beta, pass.est);
   StartingEvent event{
       StartingEvent::Part::taupi, given == nullptr, moments.shared, pass.nusable1, pass.nusable2, pass.est};
   tellobserver(pass.observer().starting, event);
@@ -104,8 +102,8 @@ Failure startfromestimates(Pass& pass) {
   pass.est.taupi = start.taupi.copy();
   pass.est.taubeta = start.taubeta.copy();
   // The estimates may have been moved to another scale, which elements that are held do not follow.
-  applytaupi(pass.model(), pass.est.taupi.data());
-  applytaubeta(pass.model(), pass.est.taubeta.data());
+  applyheld(pass.model(), Tau::pi, pass.est);
+  applyheld(pass.model(), Tau::beta, pass.est);
   pass.est.sigma2 = pass.fixsigma2 != 0.0 ? pass.fixsigma2 : start.sigma2;
   const long long left = pass.nunits1 - static_cast<long long>(pass.mdm().nunits2) * pass.p;
   const bool known = pass.fixsigma2 != 0.0 || left > 0 || identified(pass);

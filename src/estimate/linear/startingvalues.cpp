@@ -179,17 +179,16 @@ void momenttaupi(const Pass& pass, const StartWork& w, double* T) {
 
 // A first value of a tau: held and equal elements, and the automatic repair.
 Failure settlefirst(Pass& pass, Tau which, const Array<double>& moments) {
-  const bool pi = which == Tau::pi;
-  const Restrictions& held = pass.model().restrictions;
-  const int n = pi ? pass.p : pass.b;
-  double* t = (pi ? pass.est.taupi : pass.est.taubeta).data();
+  const TauHeld held = pass.model().restrictions.of(which);
+  const int n = pass.order(which);
+  double* t = pass.est.tau(which).data();
   Array<double> inverse(square(n));
-  if (pi ? held.haveesttau2 : held.haveesttau3) applyfixed(t, n, pi ? held.esttau2 : held.esttau3);
+  if (held.fixed != nullptr) applyfixed(t, n, *held.fixed);
   for (;;) {
     if (!usablecovariance(t, n))
       if (Failure failure = fixtau(pass, which, moments, FixTau::automatic)) return failure;
-    if (!(pi ? held.havecontau2 : held.havecontau3)) return {};
-    applyequal(n, t, pi ? held.contau2 : held.contau3);
+    if (held.equal == nullptr) return {};
+    applyequal(n, t, *held.equal);
     if (invertsymmetric(n, t, inverse.data()).result == 0) return {};
   }
 }
@@ -338,7 +337,7 @@ void sharevariance(Pass& pass, double variance, Estimates& est) {
       [](int) {}, reading(pass.store.hot));
   sharetau(0.25 * variance, mean1, est.taupi);
   sharetau(0.25 * variance, mean2, est.taubeta);
-  applytaubeta(pass.model(), est.taubeta.data());
+  applyheld(pass.model(), Tau::beta, est);
 }
 
 // A start by shares of the residual variance of least squares.
@@ -403,7 +402,7 @@ std::optional<Estimates> sharedstart(Pass& pass) {
   for (int i = 0; i < g; ++i)
     rss += est.gammahat[i] * (dot(pass.gramMM.data() + i * g, est.gammahat.data(), at(g)) - 2.0 * pass.gramMY[i]);
   sharevariance(pass, rss / pass.nunits1, est);
-  applytaupi(pass.model(), est.taupi.data());
+  applyheld(pass.model(), Tau::pi, est);
   if (usableestimates(pass, est)) return est;
   return std::nullopt;
 }
@@ -468,7 +467,7 @@ Failure starttaubeta(Pass& pass, StartMoments& moments) {
   if (!pass.plan.tausstand()) {
     double* L = pass.est.taubeta.data();
     for (std::size_t i = 0; i < R.size(); ++i) L[i] = V2[i] / pass.nusable3 - pass.est.sigma2 * R[i] / pass.nusable3;
-    applytaubeta(pass.model(), L);
+    applyheld(pass.model(), Tau::beta, pass.est);
   }
   moments.taubeta = std::move(V2);
   return storefailure(pass.store);

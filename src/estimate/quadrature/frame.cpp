@@ -83,10 +83,6 @@ void settriangle(std::size_t n, double records, bool scaled, Array<double>& R, A
   }
 }
 
-double logcombinations(double n, double y) {
-  return std::lgamma(n + 1.0) - std::lgamma(y + 1.0) - std::lgamma(n - y + 1.0);
-}
-
 void addconstants(Frame& frame, const Level3Records& unit) {
   for (std::size_t i = 0; i < unit.y.size(); ++i) {
     if (frame.outcome == Family::binomial && !unit.n.empty())

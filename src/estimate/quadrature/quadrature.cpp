@@ -85,10 +85,6 @@ void removeheld(const std::vector<std::size_t>& held, std::size_t P, double* g, 
   }
 }
 
-double logcombinations(double n, double y) {
-  return std::lgamma(n + 1.0) - std::lgamma(y + 1.0) - std::lgamma(n - y + 1.0);
-}
-
 // The log-likelihood as a function of a point, around the adaptation that stands.
 struct QuadratureLikelihood {
   const QuadratureSettings& settings;

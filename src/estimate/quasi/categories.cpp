@@ -47,6 +47,7 @@ Failure readcategories(const Analysis& analysis, CategoryTable& table) {
         return wrongcount(analysis, "more");
   }
   if (units.failure) return units.failure;
+  if (table.value.empty()) return norecordleft();
   return table.value.size() < at(categories) ? wrongcount(analysis, "less") : Failure{};
 }
 
