@@ -448,7 +448,14 @@ Climb::Release Climb::release() const {
       packed = packedof(target, k);
       Array<double> part;
       rank = positivepart(target, k, false, part);
-      if (rank == 0 || dot(packed.data(), packed.data(), n) < feasible * feasible * size) continue;
+      // What the projections leave of 0 is small, or not in the cone.
+      double length = 0.0, outside = 0.0;
+      for (std::size_t i = 0; i < target.size(); ++i) {
+        length += target[i] * target[i];
+        outside += (target[i] - part[i]) * (target[i] - part[i]);
+      }
+      constexpr double something = 1.0e-4, clear = 1.0e-3;
+      if (rank == 0 || length < something * something * size || outside > clear * clear * length) continue;
     }
     Functionals functionals{m, whole.rows, std::vector<double>(whole.count(), 0.0)};
     for (std::size_t i = 0; i < n; ++i) functionals.wanted[mine + i] = packed[i];

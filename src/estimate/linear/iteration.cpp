@@ -202,7 +202,7 @@ bool movetomaximum(Pass& pass, IterationState& state, double least) {
     pass.repaired = false;
     if (std::optional<Estimates> other = sharedstart(pass)) found = searchedge(pass, *other, least);
   }
-  state.attop = linear && !found.failed && found.gain == 0.0;
+  state.attop = linear && !found.failed && found.gain == 0.0 && nearedge(pass);
   if (found.gain == 0.0) return false;
   pass.est = std::move(found.est);
   tellobserver(pass.observer().searched, SearchEvent{pass.plan.kind, pass.plan.macro, state.iteration, found.gain});
