@@ -91,14 +91,15 @@ int variable(int line, const char* what, const std::string& name, const Array<Na
   const bool cut = charactersof(name) > significant && (v < 1 || wholenameindex(name, table, highest) != v);
   if (v < lowest || (cut && !lostsign(name, table, highest).second.empty()))
     unknownvariable(line, what, name, table, highest);
-  tellcut(line, name, table[static_cast<std::size_t>(v)]);
+  tellcut(line, name, table, v);
   return v;
 }
 
-void tellcut(int line, std::string_view name, const Name& taken) {
-  if (charactersof(name) <= significant) return;
+void tellcut(int line, std::string_view name, const Array<Name>& table, int v) {
+  if (charactersof(name) <= significant || wholenameindex(name, table, static_cast<int>(table.size()) - 1) == v) return;
   oddcommand(formatted(" %s on line %d is taken for %s: names count by their first %d characters.\n",
-                       printable(name).c_str(), line, leftname(taken).c_str(), static_cast<int>(significant)));
+                       printable(name).c_str(), line, leftname(table[static_cast<std::size_t>(v)]).c_str(),
+                       static_cast<int>(significant)));
 }
 
 namespace {

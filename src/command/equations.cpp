@@ -87,7 +87,7 @@ void readextras(int number, const std::string& line, std::string_view list, int 
                   near.empty() ? "" : " The nearest names: ", near.c_str());
       fail(8, line.c_str());
     }
-    tellcut(number, name, names[static_cast<std::size_t>(v)]);
+    tellcut(number, name, names, v);
     row[n++] = v;
   }
 }
@@ -131,7 +131,9 @@ Equation equationof(const CommandReader& reader, int level, const Name& owner, i
     std::printf("The equation of %s is due here.\n", leftname(owner).c_str());
     badline(reader);
   }
-  tellcut(reader.lines.number, trimmed(text.substr(0, equals)), owner);
+  const std::string_view left = trimmed(text.substr(0, equals));
+  const Array<Name>& table = level == 2 ? run.mdm.names1 : run.mdm.names2;
+  tellcut(reader.lines.number, left, table, variableindex(left, table, static_cast<int>(table.size()) - 1));
 
   Equation equation;
   equation.line = reader.lines.number;

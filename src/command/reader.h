@@ -55,7 +55,7 @@ struct Keyword {
 [[nodiscard]] int variable(int line, const char* what, const std::string& name, const Array<Name>& table, int highest,
                            int lowest = 1);
 // Tells of a name that is longer than what counts of it.
-void tellcut(int line, std::string_view name, const Name& taken);
+void tellcut(int line, std::string_view name, const Array<Name>& table, int v);
 
 // The model: a LEVEL1: line and the LEVEL2: and LEVEL3: lines behind it.
 void readlevel1(CommandReader& reader, const std::string& value);

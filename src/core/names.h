@@ -55,4 +55,10 @@ void leftname(char* buffer);
 void removename(Array<Name>& table, int n, int index);
 void removename(Array<Label>& table, int n, int index);
 
+// An ID of a level-2 or level-3 unit. The data set tells which of the two holds it.
+struct Id {
+  Name text;
+  double number;
+};
+
 }  // namespace kdr

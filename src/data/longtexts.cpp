@@ -5,7 +5,6 @@
 #include <cstring>
 #include <type_traits>
 
-#include "data/mdm.h"
 
 namespace kdr {
 

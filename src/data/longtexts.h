@@ -19,8 +19,6 @@
 
 namespace kdr {
 
-struct Id;
-
 // What a source says of a variable.
 struct VariableText {
   std::string name;   // whole; empty where it is not known

@@ -17,12 +17,6 @@ namespace kdr {
 
 inline constexpr std::string_view mdmmagic = "MXKDR3";  // the file's first bytes
 
-// An ID of a level-2 or level-3 unit. MdmData::numericids tells which of the two holds it.
-struct Id {
-  Name text;
-  double number;
-};
-
 // True when the two are the same ID: texts without regard to case, numbers exactly.
 [[nodiscard]] bool sameid(const Id& a, const Id& b, bool numeric);
 // Order of two IDs: below 0, 0 or above 0.
