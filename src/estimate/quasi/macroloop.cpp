@@ -115,7 +115,9 @@ bool averagestands(const PassResults& now, const Array<double>& before) {
 // passes start.
 Failure averagephase(Pass& pass, MacroState& state) {
   constexpr int farlimit = 300;
-  const int asked = state.analysis.control.popavit, limit = asked > 1 ? asked : farlimit;
+  const int asked = state.analysis.control.popavit;
+  // Effects that run away have no average to settle: its first pass is shown.
+  const int limit = state.separation.known() ? 1 : asked > 1 ? asked : farlimit;
   beginmacro(state);
   for (int round = 1;; ++round) {
     const Array<double> before = state.average ? state.average->est.gammahat.copy() : Array<double>();
