@@ -5,7 +5,6 @@
 #include <cstring>
 #include <type_traits>
 
-
 namespace kdr {
 
 namespace {

@@ -39,8 +39,8 @@ unsigned long long fingerprint(const Model& model, const ModelRows& rows, const 
                           control.agqauto ? 1 : 0, control.agqfixed ? 1 : 0})
     print.add(value);
   if (control.restricted || control.ddf != DegreesMethod::counts || control.clusterrobust)
-    for (const int value : {control.restricted ? 1 : 0, control.clusterrobust ? 1 : 0, static_cast<int>(control.ddf), control.ddfobserved ? 1 : 0,
-                            control.edgefull ? 1 : 0})
+    for (const int value : {control.restricted ? 1 : 0, control.clusterrobust ? 1 : 0, static_cast<int>(control.ddf),
+                            control.ddfobserved ? 1 : 0, control.edgefull ? 1 : 0})
       print.add(value);
   print.add(restrictions.fixsigma2.value_or(0.0));
   if (restrictions.haveesttau2) addarray(print, restrictions.esttau2);

@@ -1,7 +1,8 @@
 // A library that is loaded before the program's own: it counts the calls of the groups below, and the one that
-// KDR3_FAULT names, "<group>:<n>", fails as the system would let it fail: once, or from then on where the cause lasts. A
-// "+" behind makes any fault last, a "-" none. Without KDR3_FAULT the counts of each group go to the file KDR3_COUNTS at
-// the end.
+// KDR3_FAULT names, "<group>:<n>", fails as the system would let it fail: once, or from then on where the cause lasts.
+// A
+// "+" behind makes any fault last, a "-" none. Without KDR3_FAULT the counts of each group go to the file KDR3_COUNTS
+// at the end.
 //
 // Calls of the system are taken where they enter it, whoever makes them: a seccomp filter turns each into SIGSYS, whose
 // handler lets it fail or makes it again. So what a stream of the C library writes from its buffer fails as well.

@@ -74,7 +74,8 @@ void startrecords(RecordUnits& units, const Analysis& analysis);
 void centerblock(RecordUnits& units);
 
 // The next unit, centered; with design weights, units without a record are left out. False
-// behind the last one, and with units.failure for a known variance that is not positive. Trials and exposure are above 0.
+// behind the last one, and with units.failure for a known variance that is not positive. Trials and exposure are above
+// 0.
 [[nodiscard]] bool nextunit(RecordUnits& units, UnitProducts& products);
 
 }  // namespace kdr
