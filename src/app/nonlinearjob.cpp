@@ -75,6 +75,11 @@ void tellmacro(int macro) {
 // The end of the population-average pass: words for one that was stopped before it had converged. While sigma^2 is
 // held, its first iteration gives the fixed effects, and the limit cuts off nothing.
 void averageends(const PassResults& results) {
+  if (results.unsettled && results.ending != Ending::keyboard) {
+    const std::string words = unsettledaverage(results);
+    notconverged(words + "\n");
+    reportwarning(words);
+  }
   const bool unfinished = results.ending == Ending::limit && results.fixsigma2 == 0.0;
   if (results.ending != Ending::keyboard && !unfinished) return;
   notconverged("The iterations of the population average were stopped prior to convergence.\n");

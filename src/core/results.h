@@ -25,7 +25,12 @@ enum class PassKind {
 };
 
 // How the iterations of a stage ended.
-enum class Ending { converged, limit, keyboard };
+enum class Ending {
+  converged,
+  limit,
+  keyboard,
+  lost  // their rule was met at the edge of the variances, but the search for the maximum there found none
+};
 
 // Records and units of the analysis.
 struct UnitCounts {
@@ -165,6 +170,8 @@ struct PassResults {
   double loglik = missingcode;
   double marginal = missingcode;  // of an engine: the log-likelihood with all its constants
   long long parameters = 0;       // that the model estimates
+  int rounds = 0;                 // of a population average: its passes
+  bool unsettled = false;         // they met their limit
 
   Estimates est;  // at the end
   TauErrors errors;

@@ -61,7 +61,17 @@ const char* phasename(const PassResults& results) {
 }
 
 const char* endingname(Ending ending) {
-  return ending == Ending::converged ? "converged" : ending == Ending::limit ? "limit" : "keyboard";
+  switch (ending) {
+    case Ending::converged:
+      return "converged";
+    case Ending::limit:
+      return "limit";
+    case Ending::keyboard:
+      return "keyboard";
+    case Ending::lost:
+      return "lost";
+  }
+  return "";
 }
 
 bool isengine(const PassResults& results) {
@@ -203,6 +213,9 @@ void addphase(ResultsDocument& document, const Subject& subject, const PassResul
   const bool average = results.tausstand() && (results.ending == Ending::keyboard || results.fixsigma2 == 0.0);
   if ((linear || average) && results.ending != Ending::converged) document.converged = false;
   if (linear && !results.heterogeneous && results.ending == Ending::converged) unsettled(document, results);
+  if (!results.unsettled) return;
+  document.converged = false;
+  document.warnings.push_back(unsettledaverage(results));
 }
 
 void addphase(ResultsDocument& document, const Subject& subject, const PassResults& results, const Array<double>& mean,

@@ -143,7 +143,10 @@ void finish(const Fit& fit) {
   std::vector<std::string> warnings;
   if (ending != Ending::converged)
     warnings.emplace_back(ending == Ending::keyboard ? "The iterations were stopped before they had converged."
-                                                     : "The iterations reached their limit before they had converged.");
+                          : ending == Ending::lost
+                              ? "The iterations stopped at the edge of the variance components, but "
+                                "the search for the maximum there has failed."
+                              : "The iterations reached their limit before they had converged.");
   warnings.insert(warnings.end(), fit.document.warnings.begin(), fit.document.warnings.end());
   result.warnings.insert(result.warnings.begin(), warnings.begin(), warnings.end());
   DocumentFrame frame;

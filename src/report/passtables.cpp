@@ -172,6 +172,11 @@ void endingwords(const PassResults& results) {
           "WARNING: the iterations were stopped prior to convergence.\n"
           "You may want to re-run the analysis with a higher number of iterations.");
       break;
+    case Ending::lost:
+      reportwarning(
+          "WARNING: the iterations stopped at the edge of the variance components, but the search for the maximum\n"
+          "there has failed: estimates and deviance are not those of the maximum.");
+      break;
     case Ending::converged:
       reportline("Iterations stopped due to small change in likelihood function");
       if (const std::string words = unsettledwords(results); !words.empty()) reportwarning(words);

@@ -150,6 +150,17 @@ def heavy():
     check(numbers == [["270"], ["270", "360"]], f"heavy records: {numbers}")  # all have one population average
 
 
+def extreme():
+    """One count of a million among small ones: passes of the population average go on to where it stands, or say so."""
+    study(lambda row, i: [1.0e6 if i == 7 else row[1]] + row[1:])
+    for more, enough in (("", True), ("POPAVIT:2\n", False)):
+        code, said, text = fit("POISSON", macroit="100,N", more=more)
+        told = "population average have not settled" in text
+        check(told == (not enough) and told == ("population average have not settled" in said), f"extreme {more!r}: told {told}")
+        first = [row.coefficient for row in report.splitsections(text)["population-average"].fixed["final"].rows][0]
+        check(not enough or abs(first) < 20, f"extreme: constant {first}")
+
+
 def stops():
     """The report tells of a stop from the keyboard, and of a population average that its limit cuts off."""
     study()
@@ -365,6 +376,7 @@ def points():
 failures()
 astray()
 heavy()
+extreme()
 stops()
 limits()
 dialogue()

@@ -2,12 +2,14 @@
 
 #include <algorithm>
 #include <cmath>
+#include <optional>
 #include <utility>
 
 #include "estimate/linear/edgesearch.h"
 #include "estimate/linear/emstep.h"
 #include "estimate/linear/fixtau.h"
 #include "estimate/linear/results.h"
+#include "estimate/linear/startingvalues.h"
 #include "estimate/linear/usable.h"
 #include "kernel/decompositions.h"
 #include "kernel/matrix.h"
@@ -172,8 +174,8 @@ void testconvergence(const Pass& pass, IterationState& state, const Attempt& att
   if (std::fabs(gain) < leastgain) gain = leastgain;
   if (likelihood.current < likelihood.previous) state.scoringover = true;
   const bool met = 0.0 <= gain && gain <= pass.plan.stopval && state.iteration != state.limit;
-  state.converged = met && plain;
-  state.confirming = met && !plain;
+  state.converged = (met && plain) || (state.attop && state.iteration != state.limit);
+  state.confirming = met && !state.converged;
 }
 
 // At the limit a linear run may go on.
@@ -188,11 +190,19 @@ void asklimit(const Pass& pass, IterationState& state) {
 
 // A search for the maximum where iterations are slow or would stop below it: at the edge, and in passes of a macro loop
 // that creeps. True when it moved the estimates.
-bool movetomaximum(Pass& pass, const IterationState& state, double least) {
-  const bool linear = pass.plan.kind == PassKind::linear;
+// Behind a repaired start the end at the edge may be the lower one of two hills: there another start is tried, once.
+bool movetomaximum(Pass& pass, IterationState& state, double least) {
+  const bool linear = pass.plan.kind == PassKind::linear, stops = linear && state.converged;
   if (state.stage == Stage::heterogeneous || (!linear && (!state.searching || pass.plan.tausstand()))) return false;
-  if (linear && state.converged && (state.iteration < soonestedgesearch || !nearedge(pass))) return false;
-  HigherPoint found = searchedge(pass, linear ? least : leastgainwhenslow);
+  state.lost = false;
+  if (stops && ((state.iteration < soonestedgesearch && !pass.repaired) || !nearedge(pass))) return false;
+  EdgeSearch found = searchedge(pass, pass.est, linear ? least : leastgainwhenslow);
+  state.lost = found.failed;
+  if (found.gain == 0.0 && stops && pass.repaired) {
+    pass.repaired = false;
+    if (std::optional<Estimates> other = sharedstart(pass)) found = searchedge(pass, *other, least);
+  }
+  state.attop = linear && !found.failed && found.gain == 0.0 && nearedge(pass);
   if (found.gain == 0.0) return false;
   pass.est = std::move(found.est);
   tellobserver(pass.observer().searched, SearchEvent{pass.plan.kind, pass.plan.macro, state.iteration, found.gain});
@@ -232,10 +242,11 @@ void startiterations(const Pass& pass, IterationState& state) {
 
 Failure iterate(Pass& pass, IterationState& state) {
   EmSums em;
-  state.converged = state.atlimit = state.keyboardstop = false;
+  state.converged = state.atlimit = state.keyboardstop = state.lost = false;
   state.nextsearch = state.searching ? firstsearch : firstedgesearch;
   tellobserver(pass.observer().stagebegins);
   for (state.iteration = 1; state.iteration <= state.limit; ++state.iteration) {
+    state.attop = false;
     if (state.iteration == state.nextsearch) {
       state.nextsearch *= 2;
       movetomaximum(pass, state, leastgainwhenslow);
@@ -249,7 +260,10 @@ Failure iterate(Pass& pass, IterationState& state) {
     if (state.stopped()) break;
   }
   tellobserver(pass.observer().stageends);
-  state.ending = state.keyboardstop ? Ending::keyboard : state.atlimit ? Ending::limit : Ending::converged;
+  state.ending = state.keyboardstop ? Ending::keyboard
+                 : state.atlimit    ? Ending::limit
+                 : state.lost       ? Ending::lost
+                                    : Ending::converged;
   return {};
 }
 

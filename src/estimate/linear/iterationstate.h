@@ -27,6 +27,8 @@ struct IterationState {
   bool stepped = false;        // a Fisher step lies between the last log-likelihood and the next
   bool confirming = false;     // the rule was met at an accelerated step: the next iteration is a plain one
   bool converged = false, atlimit = false, keyboardstop = false;  // why the stage ended
+  bool attop = false;  // at the edge a search in this iteration found nothing higher: the rule need not be met
+  bool lost = false;   // the search at the stop found no maximum
   int nextsearch = 0;  // the iteration that begins with a search for a maximum at the edge
   Ending ending = Ending::converged;
 

@@ -59,6 +59,7 @@ Failure settlestart(Pass& pass, Tau which, const StartMoments& moments, Starting
   const FixTau code = pass.control().fixtau(which);
   if (usablecovariance(pass.est.tau(which).data(), pass.order(which)) && code != FixTau::always) return {};
   if (Failure failure = fixtau(pass, which, ofthe(which, moments.taupi, moments.taubeta), code)) return failure;
+  pass.repaired = true;
   event.part = which == Tau::pi ? StartingEvent::Part::repairedtaupi : StartingEvent::Part::repairedtaubeta;
   tellobserver(pass.observer().starting, event);
   return {};

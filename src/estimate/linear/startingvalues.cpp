@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "estimate/linear/fixtau.h"
+#include "estimate/linear/point.h"
 #include "estimate/linear/restriction.h"
 #include "estimate/linear/usable.h"
 #include "kernel/decompositions.h"
@@ -317,14 +318,10 @@ void sharetau(double variance, const Array<double>& meansquare, Array<double>& t
   for (int i = 0; i < n; ++i) tau[i * n + i] = variance / n / (meansquare[i] > 0.0 ? meansquare[i] : 1.0);
 }
 
-// Half of the residual variance to sigma2, a quarter to the random effects of each level.
-Failure sharevariance(Pass& pass, StartMoments& moments) {
+// Half of a variance to sigma2, a quarter to the random effects of each level.
+void sharevariance(Pass& pass, double variance, Estimates& est) {
   const int p = pass.p, b = pass.b, nb = pass.nbeta;
-  double rss = pass.totalYY;
-  for (int i = 0; i < pass.g; ++i) rss -= pass.est.gammahat[i] * pass.gramMY[i];
-  const double variance = rss / pass.nunits1;
-  if (vanishes(pass, variance)) return virtuallyzero();
-  pass.est.sigma2 = pass.fixsigma2 != 0.0 ? pass.fixsigma2 : 0.5 * variance;
+  est.sigma2 = pass.fixsigma2 != 0.0 ? pass.fixsigma2 : 0.5 * variance;
   Array<double> mean1(at(p)), mean2(at(b));
   sweepunits(
       pass.n2of,
@@ -338,9 +335,18 @@ Failure sharevariance(Pass& pass, StartMoments& moments) {
         });
       },
       [](int) {}, reading(pass.store.hot));
-  sharetau(0.25 * variance, mean1, pass.est.taupi);
-  sharetau(0.25 * variance, mean2, pass.est.taubeta);
-  applyheld(pass.model(), Tau::beta, pass.est);
+  sharetau(0.25 * variance, mean1, est.taupi);
+  sharetau(0.25 * variance, mean2, est.taubeta);
+  applyheld(pass.model(), Tau::beta, est);
+}
+
+// A start by shares of the residual variance of least squares.
+Failure startbyshares(Pass& pass, StartMoments& moments) {
+  double rss = pass.totalYY;
+  for (int i = 0; i < pass.g; ++i) rss -= pass.est.gammahat[i] * pass.gramMY[i];
+  const double variance = rss / pass.nunits1;
+  if (vanishes(pass, variance)) return virtuallyzero();
+  sharevariance(pass, variance, pass.est);
   moments = {pass.est.taupi.copy(), pass.est.taubeta.copy(), true};
   return {};
 }
@@ -389,6 +395,18 @@ bool identified(Pass& pass) {
   return restriction.nfree == 0 || !collinear(reduced.data(), restriction.nfree);
 }
 
+std::optional<Estimates> sharedstart(Pass& pass) {
+  const int g = pass.g;
+  Estimates est = pass.est.copy();
+  double rss = pass.totalYY;
+  for (int i = 0; i < g; ++i)
+    rss += est.gammahat[i] * (dot(pass.gramMM.data() + i * g, est.gammahat.data(), at(g)) - 2.0 * pass.gramMY[i]);
+  sharevariance(pass, rss / pass.nunits1, est);
+  applyheld(pass.model(), Tau::pi, est);
+  if (usableestimates(pass, est)) return est;
+  return std::nullopt;
+}
+
 Failure leastsquarestart(Pass& pass, StartMoments& moments) {
   StartWork w = makework(pass);
   const std::size_t units3 = pass.n2of.size();
@@ -405,7 +423,7 @@ Failure leastsquarestart(Pass& pass, StartMoments& moments) {
     pass.nusable1 = pass.nunits1;
     pass.nusable2 = pass.mdm().nunits2;
     pass.nusable3 = pass.mdm().nunits3;
-    return sharevariance(pass, moments);
+    return startbyshares(pass, moments);
   }
   if (Failure failure = startsigma2(pass, first.S, pass.est.sigma2)) return failure;
   if (Failure failure = firsttaupi(pass, w)) return failure;

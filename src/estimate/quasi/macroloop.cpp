@@ -1,5 +1,6 @@
 #include "estimate/quasi/macroloop.h"
 
+#include <cmath>
 #include <string>
 #include <utility>
 
@@ -99,13 +100,40 @@ Failure closephase(Pass& pass, MacroState& state, const PassResults& results) {
   return {};
 }
 
-// The population-average pass, whose data pass is done.
+// Whether no fixed effect has moved by a share of its standard error since the pass before.
+bool averagestands(const PassResults& now, const Array<double>& before) {
+  constexpr double share = 1.0e-6;
+  const std::size_t g = before.size();
+  for (std::size_t i = 0; i < g; ++i)
+    if (!(std::fabs(now.est.gammahat[i] - before[i]) <= share * std::sqrt(now.covariance[i * g + i]))) return false;
+  return true;
+}
+
+// The population average: passes at the fixed effects of the one before, with the taus held, until they stand. The data
+// pass of the first is done. The solution is that of M'V^-1 (Z - M gamma) = 0 at working data of its own, wherever the
+// passes start.
 Failure averagephase(Pass& pass, MacroState& state) {
+  constexpr int farlimit = 300;
+  const int asked = state.analysis.control.popavit, limit = asked > 1 ? asked : farlimit;
   beginmacro(state);
-  PassResults& results = state.average.emplace();
-  if (Failure failure = workingpass(pass, state, results)) return failure;
-  tellobserver(state.analysis.observer.passstands, ChainPass{state, pass, results});
-  return {};
+  for (int round = 1;; ++round) {
+    const Array<double> before = state.average ? state.average->est.gammahat.copy() : Array<double>();
+    PassResults& results = state.average.emplace();
+    if (Failure failure = workingpass(pass, state, results)) return failure;
+    results.rounds = round;
+    const bool stands = !before.empty() && averagestands(results, before);
+    if (!stands && round < limit && results.ending != Ending::keyboard) {
+      Pass next;
+      if (Failure failure = prepareworkingdata(pass, state, {false, false, Predictor::fixed}, next,
+                                               planof(state, PassKind::populationaverage, state.macro)))
+        return failure;
+      pass = std::move(next);
+      continue;
+    }
+    results.unsettled = !stands;
+    tellobserver(state.analysis.observer.passstands, ChainPass{state, pass, results});
+    return {};
+  }
 }
 
 }  // namespace
@@ -125,9 +153,9 @@ Failure fitnonlinear(ChainFit& fit) {
     if (closes)
       if (Failure failure = closephase(pass, state, results)) return failure;
     Pass next;
-    if (Failure failure =
-            prepareworkingdata(pass, state, {first, state.macro == 2, closes}, next,
-                               planof(state, closes ? PassKind::populationaverage : PassKind::pql, state.macro + 1)))
+    if (Failure failure = prepareworkingdata(
+            pass, state, {first, state.macro == 2 || closes, closes ? Predictor::corrected : Predictor::conditional},
+            next, planof(state, closes ? PassKind::populationaverage : PassKind::pql, state.macro + 1)))
       return failure;
     if (first) rescaletaus(state);
     pass = std::move(next);

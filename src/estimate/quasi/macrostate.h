@@ -20,6 +20,7 @@ struct MacroState {
   WorkingFile working;        // the working data file
   RecordLayout layout;        // of its records
   UnitReader reader;          // of the working-data steps
+  double largestrate = -1.0;  // of all records, once a step that is capped has met them
   int limited = 0;            // records of the working data at hand whose weight is held at the limit
   Array<double> counts;       // trials or exposure of each record; empty when the model has none
   Array<double> factors;      // sqrt(w)/sqrt(v) of each record; empty without design weights and known variance

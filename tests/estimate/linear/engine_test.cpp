@@ -303,7 +303,8 @@ TEST(Point, AskingMovesNothing) {
     FisherWork fisher;
     makefisher(pass, fisher);
     EXPECT_TRUE(tauerrors(pass, fisher).known);
-    const HigherPoint found = searchedge(pass, 0.0);
+    const EdgeSearch found = searchedge(pass, pass.est, 0.0);
+    EXPECT_FALSE(found.failed);
     EXPECT_GT(found.gain, 0.0);
     const std::pair<const Array<double>*, const Array<double>*> fields[] = {{&pass.est.gammahat, &before.gammahat},
                                                                             {&pass.est.vgamma, &before.vgamma},
@@ -312,7 +313,7 @@ TEST(Point, AskingMovesNothing) {
     for (const auto& [now, then] : fields) EXPECT_TRUE(std::equal(now->begin(), now->end(), then->begin()));
     EXPECT_EQ(pass.est.sigma2, before.sigma2);
     pass.est = found.est.copy();
-    EXPECT_LT(searchedge(pass, 0.0).gain, 1e-3) << "the maximum has none above it";
+    EXPECT_LT(searchedge(pass, pass.est, 0.0).gain, 1e-3) << "the maximum has none above it";
   }
 }
 
