@@ -42,7 +42,7 @@ std::vector<Term> termsof(std::string_view equation) {
 std::string statedequation(const std::string& before, const std::string& value) {
   constexpr std::string_view head = "#KDR3 LEVEL1:";
   if (run.model.outcome.linear() || !beginswith(before, head)) return value;
-  const std::string stated = before.substr(head.size());
+  std::string stated = before.substr(head.size());
   const std::size_t equals = value.find('='), statedequals = stated.find('=');
   if (equals == std::string::npos || statedequals == std::string::npos) return value;
   const std::string outcome(trimmed(std::string_view(value).substr(0, equals)));

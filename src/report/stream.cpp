@@ -170,7 +170,7 @@ void closereport() {
 void opentable() { reporthtml("<table border=1 cellpadding=3 style='border-collapse:collapse;border:none'>\n<tr>\n"); }
 
 std::string escaped(std::string_view text) {
-  const std::string shown = printable(text);
+  std::string shown = printable(text);
   if (!run.report.html) return shown;
   std::string safe;
   for (const char c : shown) {
