@@ -52,8 +52,9 @@ Levels numberlevels(const LongColumn& column) {
   for (auto& [value, place] : places) {
     place = static_cast<int>(levels.names.size());
     std::string name = formatted("%.15g", value);
-    for (const auto& [of, label] : column.labels)
-      if (labelled && of == value) {
+    for (const auto& row : column.labels)
+      if (labelled && row.first == value) {
+        const std::string& label = row.second;
         const bool twin = std::count_if(column.labels.begin(), column.labels.end(),
                                         [&](const auto& other) { return other.second == label; }) > 1;
         name = twin ? label + " (" + name + ")" : label;

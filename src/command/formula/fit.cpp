@@ -423,7 +423,7 @@ std::vector<char> completerecords(Fit& fit) {
   if (fit.counts) dropextra(*fit.counts);
   for (const std::optional<Extra>& weights : fit.weights)
     if (weights) dropextra(*weights);
-  for (const auto& [name, variable] : data.variables) drop(name, [&](std::size_t i) { return variable.missing(i); });
+  for (const auto& named : data.variables) drop(named.first, [&](std::size_t i) { return named.second.missing(i); });
   for (const Grouping& grouping : data.groupings)
     drop(grouping.shown, [&](std::size_t i) { return grouping.units[i] < 0; });
   const auto left = std::count(kept.begin(), kept.end(), 1);
@@ -476,7 +476,9 @@ void tellfactors(const Fit& fit) {
 
 void settlelevels(Fit& fit) {
   std::string lists[3];
-  for (auto& [name, variable] : fit.data.variables) {
+  for (auto& named : fit.data.variables) {
+    const std::string& name = named.first;
+    auto& variable = named.second;
     variable.level = 2;
     const std::size_t n = variable.factor ? 1 : variable.columns.size();
     for (std::size_t k = 0; k < n; ++k) {

@@ -102,7 +102,7 @@ std::string effectname(const Analysis& analysis, int g) {
   const ModelRows rows = modelrows(model);
   const EffectRow& effect = effectof(rows, g);
   const CoefficientRow& owner = rows.owner(effect);
-  const std::string name = predictorname(analysis, g);
+  std::string name = predictorname(analysis, g);
   if (owner.threshold) return name;
   std::string symbol = formatted("G%d%d%d", owner.subscript, rows.termof(effect).subscript, effect.subscript);
   if (model.outcome.family == Family::multinomial && at(owner.set) < model.categorylabel.size())
