@@ -70,7 +70,7 @@ Failure emstep(Pass& pass, Likelihood& likelihood, EmSums& em, UnitTable<double>
     failure.reportwords = "V11(GLS) is not positive-definite";
     return failure;
   }
-  if (!pass.plan.tausstand()) {
+  if (!pass.plan.tausstand) {
     if (hettaupi == nullptr) updatetau(pass, pass.est.taupi, sums.PP, sums.UU, pass.mdm().nunits2, pass.p, Tau::pi);
     updatetau(pass, pass.est.taubeta, sums.sumDinv, sums.VV, pass.mdm().nunits3, pass.b, Tau::beta);
   }

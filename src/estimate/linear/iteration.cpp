@@ -84,7 +84,7 @@ Step tryfishersteps(Pass& pass, IterationState& state, Attempt& attempt, const S
   };
   for (int t = 1; t <= tries; ++t) {
     if (pass.fixsigma2 == 0.0) pass.est.sigma2 += d[NT - 1];
-    if (!pass.plan.tausstand()) {
+    if (!pass.plan.tausstand) {
       addtriangle(pass.est.taupi.data(), pass.p, d.data(), 1.0);
       applyheld(pass.model(), Tau::pi, pass.est);
       addtriangle(pass.est.taubeta.data(), pass.b, d.data() + nt, 1.0);
@@ -129,7 +129,7 @@ void shifthistories(const Pass& pass, IterationState& state) {
 // The work of one iteration number: one EM step or an accelerated one, as often as it takes.
 Failure updateestimates(Pass& pass, IterationState& state, EmSums& em, Attempt& attempt) {
   for (;;) {
-    if (pass.plan.tausstand()) ++attempt.noaccel;
+    if (pass.plan.tausstand) ++attempt.noaccel;
     const bool accelerate = state.iteration % pass.control().accel == 0 && attempt.noaccel == 0 &&
                             state.stage == Stage::ordinary && !state.confirming;
     Step step = Step::continuewithem;
@@ -188,21 +188,20 @@ void asklimit(const Pass& pass, IterationState& state) {
   state.limit = pass.plan.farlimit;
 }
 
-// A search for the maximum where iterations are slow or would stop below it: at the edge, and in passes of a macro loop
-// that creeps. True when it moved the estimates.
+// A search for the maximum, if the plan asks for one here. True when it moved the estimates.
 // Behind a repaired start the end at the edge may be the lower one of two hills: there another start is tried, once.
 bool movetomaximum(Pass& pass, IterationState& state, double least) {
-  const bool linear = pass.plan.kind == PassKind::linear, stops = linear && state.converged;
-  if (state.stage == Stage::heterogeneous || (!linear && (!state.searching || pass.plan.tausstand()))) return false;
+  const bool atedge = pass.plan.searching == Searching::atedge, stops = atedge && state.converged;
+  if (state.stage == Stage::heterogeneous || pass.plan.searching == Searching::never) return false;
   state.lost = false;
   if (stops && ((state.iteration < soonestedgesearch && !pass.repaired) || !nearedge(pass))) return false;
-  EdgeSearch found = searchedge(pass, pass.est, linear ? least : leastgainwhenslow);
+  EdgeSearch found = searchedge(pass, pass.est, atedge ? least : leastgainwhenslow);
   state.lost = found.failed;
   if (found.gain == 0.0 && stops && pass.repaired) {
     pass.repaired = false;
     if (std::optional<Estimates> other = sharedstart(pass)) found = searchedge(pass, *other, least);
   }
-  state.attop = linear && !found.failed && found.gain == 0.0 && nearedge(pass);
+  state.attop = atedge && !found.failed && found.gain == 0.0 && nearedge(pass);
   if (found.gain == 0.0) return false;
   pass.est = std::move(found.est);
   tellobserver(pass.observer().searched, SearchEvent{pass.plan.kind, pass.plan.macro, state.iteration, found.gain});
@@ -245,7 +244,7 @@ void startiterations(const Pass& pass, IterationState& state) {
 Failure iterate(Pass& pass, IterationState& state) {
   EmSums em;
   state.converged = state.atlimit = state.keyboardstop = state.lost = false;
-  state.nextsearch = state.searching ? firstsearch : firstedgesearch;
+  state.nextsearch = pass.plan.searching == Searching::always ? firstsearch : firstedgesearch;
   tellobserver(pass.observer().stagebegins);
   for (state.iteration = 1; state.iteration <= state.limit; ++state.iteration) {
     state.attop = false;

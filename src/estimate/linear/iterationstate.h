@@ -30,7 +30,6 @@ struct IterationState {
   int iteration = 0;         // the last one
   int fisherfailures = 0;    // failed accelerated steps of the pass; from 4 on Aitken steps are taken
   bool scoringover = false;  // the log-likelihood fell: Aitken steps from here on
-  bool searching = false;    // passes on working data do not stop before a search for their maximum
   Likelihood likelihood{missingcode, missingcode};  // at the end of the last two iterations
   FisherWork fisher;
   TauHistory history;

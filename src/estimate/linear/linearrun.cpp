@@ -16,6 +16,9 @@ constexpr int farlimit = 10000;  // iterations when the user goes on at the limi
 PassPlan linearplan(const Analysis& analysis) {
   PassPlan plan;
   plan.fixsigma2 = analysis.model.restrictions.fixsigma2.value_or(0.0);
+  plan.restricted = analysis.control.restricted;
+  plan.leastsquares = analysis.wanted.leastsquares;
+  plan.searching = Searching::atedge;
   plan.hetit = analysis.control.hetit;
   plan.limit = analysis.control.numit;
   plan.stopval = analysis.control.stopval;

@@ -163,8 +163,6 @@ std::string smallsampleobstacle(const Model& model, const Control& control) {
   return "";
 }
 
-bool isrestricted(const Pass& pass) { return pass.control().restricted && pass.plan.kind == PassKind::linear; }
-
 Failure iteraterestricted(Pass& pass, IterationState& state) {
   if (Failure failure = makemarginalsums(pass, state.marginal.sums)) return failure;
   state.converged = state.atlimit = state.keyboardstop = false;
@@ -309,7 +307,7 @@ std::optional<VarianceInformation> varianceinformation(Pass& pass, MarginalSums&
   const Restriction restriction = allrestriction(pass.model(), pass.fixsigma2 == 0.0);
   if (!value.known) return {};
   MarginalDerivatives made = marginalderivatives(
-      pass, sums, est, value, isrestricted(pass) ? Criterion::restricted : Criterion::full, Derivatives::all);
+      pass, sums, est, value, pass.plan.restricted ? Criterion::restricted : Criterion::full, Derivatives::all);
   VarianceInformation known;
   known.own.reset(at(NT));
   for (int i = 0; i < NT; ++i) known.own[i] = made.expected[i * NT + i];

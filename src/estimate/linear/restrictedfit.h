@@ -17,9 +17,6 @@ namespace kdr {
 // are asked for, cannot be had for a model, in a sentence; empty if they can.
 [[nodiscard]] std::string smallsampleobstacle(const Model& model, const Control& control);
 
-// The variance components of the pass maximise the restricted likelihood.
-[[nodiscard]] bool isrestricted(const Pass& pass);
-
 // Climbs from the estimates of the pass, at most state.limit iterations, by the average information. The observer hears
 // of each, and is asked at the limit and for an interrupt. state.marginal gets the maximum; the estimates of the pass
 // are it, or where a tau is singular there, a point beside it that is none: what inverts a tau stands on that.

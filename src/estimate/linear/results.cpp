@@ -41,7 +41,7 @@ PassResults iterationresults(Pass& pass, IterationState& state) {
   results.stopped = state.stopped();
   results.iteration = state.iteration;
   results.ending = state.ending;
-  if (!isrestricted(pass)) results.errors = tauerrors(pass, state.fisher);
+  if (!pass.plan.restricted) results.errors = tauerrors(pass, state.fisher);
   results.loglik = state.likelihood.current;
   if (!results.heterogeneous && !results.tausstand()) results.reliabilities = reliabilities(pass);
   results.est = pass.est.copy();
@@ -92,7 +92,7 @@ void smallsample(const Pass& pass, const VarianceUncertainty& known, PassResults
 
 // What a restricted fit, or one with such degrees of freedom, has beyond others.
 std::optional<VarianceInformation> marginalresults(Pass& pass, IterationState& state, PassResults& results) {
-  const bool restricted = isrestricted(pass), asked = pass.control().ddf != DegreesMethod::counts;
+  const bool restricted = pass.plan.restricted, asked = pass.control().ddf != DegreesMethod::counts;
   if (!restricted && !asked && !pass.control().clusterrobust) return {};
   if (!restricted) {
     state.marginal.est = pass.est.copy();
@@ -166,7 +166,7 @@ PassResults stageresults(Pass& pass, IterationState& state) {
   } else {
     results.covariance = pass.est.covariance();
   }
-  if (!results.heterogeneous && pass.plan.kind != PassKind::identity) {
+  if (!results.heterogeneous && pass.plan.robust) {
     results.robust = robustcovariance(pass, false);
     results.fewunits = fewlevel3units(pass);
   }

@@ -38,7 +38,7 @@ Failure leastsquares(Pass& pass, double& variance) {
   return {};
 }
 
-// The results of least squares, before a linear run's iterations.
+// The results of least squares, before the iterations.
 Failure tellleastsquares(Pass& pass, double s) {
   constexpr double twopi = 6.283185307;
   const double n = pass.nunits1;
@@ -126,7 +126,7 @@ Failure explained(const Pass& pass, double variance, Failure failure) {
 Failure iteratestage(Pass& pass, IterationState& state, Stage stage, int limit, double variance) {
   state.stage = stage;
   state.limit = limit;
-  return explained(pass, variance, isrestricted(pass) ? iteraterestricted(pass, state) : iterate(pass, state));
+  return explained(pass, variance, pass.plan.restricted ? iteraterestricted(pass, state) : iterate(pass, state));
 }
 
 }  // namespace
@@ -149,13 +149,13 @@ Failure beginpass(Pass& pass, const Analysis& analysis, const PassPlan& plan) {
 }
 
 Failure runpass(Pass& pass, IterationState& state, PassResults& results, const ImpliedVariance& impliedvariance) {
-  const bool first = pass.plan.start == nullptr, linear = pass.plan.kind == PassKind::linear;
+  const bool first = pass.plan.start == nullptr;
   if (first) tellobserver(pass.observer().dataread, pass.plan.kind, pass.nunits1);
   double s = 0.0;
   if (Failure failure = leastsquares(pass, s)) return failure;
-  if (pass.plan.kind == PassKind::identity)
+  if (impliedvariance)
     if (Failure failure = impliedvariance(pass.fixsigma2)) return failure;
-  if (linear && pass.analysis->wanted.leastsquares)
+  if (pass.plan.leastsquares)
     if (Failure failure = tellleastsquares(pass, s)) return failure;
   if (Failure failure = first ? startfromdata(pass) : startfromestimates(pass)) return failure;
   tellobserver(pass.observer().iterationsbegin);

@@ -464,11 +464,9 @@ Failure starttaubeta(Pass& pass, StartMoments& moments) {
         addouter(V2, w.v);
       },
       reading(pass.store.hot));
-  if (!pass.plan.tausstand()) {
-    double* L = pass.est.taubeta.data();
-    for (std::size_t i = 0; i < R.size(); ++i) L[i] = V2[i] / pass.nusable3 - pass.est.sigma2 * R[i] / pass.nusable3;
-    applyheld(pass.model(), Tau::beta, pass.est);
-  }
+  double* L = pass.est.taubeta.data();
+  for (std::size_t i = 0; i < R.size(); ++i) L[i] = V2[i] / pass.nusable3 - pass.est.sigma2 * R[i] / pass.nusable3;
+  applyheld(pass.model(), Tau::beta, pass.est);
   moments.taubeta = std::move(V2);
   return storefailure(pass.store);
 }

@@ -18,6 +18,7 @@ PassPlan planof(const MacroState& state, int macro) {
   plan.limit = state.analysis.control.numit;
   plan.stopval = state.analysis.control.stopval;
   plan.fixsigma2 = 1.0;
+  if (state.creeps) plan.searching = Searching::always;
   if (macro > 1) plan.start = &state.previous;
   return plan;
 }

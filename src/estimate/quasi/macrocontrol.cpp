@@ -47,7 +47,7 @@ bool standstill(MacroState& state, const PassResults& results) {
   const double factor = state.lastchange > 0.0 ? std::min(change / state.lastchange, 0.999) : 0.0;
   state.lastchange = change;
   const bool rests = macrotest(now, previous, errors, state.analysis.control.stopmacro) ||
-                     (state.iterations.searching && results.errors.stepleft < 0.0 && change <= still);
+                     (state.creeps && results.errors.stepleft < 0.0 && change <= still);
   return rests && change * factor <= far * (1.0 - factor);
 }
 
@@ -83,9 +83,9 @@ void beginmacro(MacroState& state) {
 MacroEnd macroend(MacroState& state, const PassResults& results, bool first) {
   const Observer& observer = state.analysis.observer;
   bool converged = !first && standstill(state, results) && !state.shortened;
-  if (!first && !state.iterations.searching && creeps(state, results, converged)) {
+  if (!first && !state.creeps && creeps(state, results, converged)) {
     tellobserver(observer.macrocreeps, state.macro);
-    state.iterations.searching = true;
+    state.creeps = true;
     converged = false;
   }
   MacroEnd end = MacroEnd::goeson;

@@ -34,6 +34,9 @@ PassPlan planof(const MacroState& state, PassKind kind, int macro) {
   plan.limit = analysis.control.numit;
   plan.stopval = analysis.control.stopval;
   plan.fixsigma2 = analysis.model.restrictions.fixsigma2.value_or(0.0);
+  plan.robust = kind != PassKind::identity;
+  plan.tausstand = kind == PassKind::populationaverage;
+  if (state.creeps && !plan.tausstand) plan.searching = Searching::always;
   if (kind != PassKind::identity) plan.start = &state.previous;
   plan.freshgamma = kind == PassKind::pql && macro == 2;
   return plan;

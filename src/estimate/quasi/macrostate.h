@@ -27,6 +27,7 @@ struct MacroState {
 
   const Analysis& analysis;
   int macro = 0;            // macro iteration, from 1: the number of the pass at hand
+  bool creeps = false;      // passes search for their maximum
   int left = 0;             // passes of the unit-specific phase that are allowed, this one included
   Estimates previous;       // at the end of the last working-data step
   double lastchange = 0.0;  // the largest change of an estimate from pass to pass, in standard errors; 0: none yet

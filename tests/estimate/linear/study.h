@@ -181,6 +181,8 @@ inline void prepare(Pass& pass, const Study& made) {
   PassPlan plan;
   plan.limit = run.control.numit;
   plan.stopval = run.control.stopval;
+  plan.restricted = run.control.restricted;
+  plan.searching = Searching::atedge;
   ASSERT_FALSE(beginpass(pass, made.analysis, plan));
   fold(pass);
 }
