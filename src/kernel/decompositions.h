@@ -2,6 +2,8 @@
 // Matrices are row-major with the row stride ld, symmetric ones with both triangles filled.
 #pragma once
 
+#include <cmath>
+
 namespace kdr {
 
 // The inverse of the symmetric n by n matrix a by bordering: it grows from the leading 1 by 1 block, row by row,
@@ -20,6 +22,9 @@ struct Inversion {
   double determinant;  // of a
   double logpivots;    // the sum of the logarithms of the positive pivots
   bool negative;       // a negative pivot was met
+
+  // Of a positive determinant, by the pivots: their product may leave the range of a double.
+  [[nodiscard]] double logdeterminant() const { return negative ? std::log(determinant) : logpivots; }
 };
 Inversion invertsymmetric(int n, const double* a, double* inverse);
 

@@ -83,7 +83,7 @@ auto momentsof(int count) {
 bool invert(int n, const double* matrix, double* inverse, double& logdet) {
   const Inversion inversion = invertsymmetric(n, matrix, inverse);
   if (inversion.result != 0 || !(inversion.determinant > 0.0) || !std::isfinite(inversion.determinant)) return false;
-  logdet += std::log(inversion.determinant);
+  logdet += inversion.logdeterminant();
   return true;
 }
 

@@ -321,8 +321,7 @@ void unitfixedpart(const Walk& walk, int j) {
   for (int a = 0; a < q; ++a) work.omega[at(work.columns.d[at(a)])] += cp[a];
   work.xi.fill(0.0);
   walk.loops.fixedpart(walk.rows(j), work.omega.data(), work.xi.data());
-  for (int m = 0; m < walk.data.nbeta; ++m)
-    work.bsum[at(m)] += walk.w2(j)[m] * work.xi[at(walk.data.design->owner2[at(m)])];
+  addtransposedW2(*walk.data.design, walk.w2(j), work.xi.data(), work.bsum.data());
 }
 
 // score (n(n+1)/2) += D' vec(R),  R = (1/2) K (G - J T) K + K M + D K Y K   (n by n)
@@ -419,9 +418,7 @@ bool unitscore(const EngineData& data, const Parameters& parameters, const TauIn
   tauscore(r, inverses.Kb.data(), parameters.taubeta.data(), G3.data(), 1.0, work.rr.data(), work.rr2.data(), D,
            work.rr3.data(), work.rr4.data(), score3);
   double* scoregamma = score3 + parameters.ntaubeta();
-  const Design& design = *data.design;
-  for (std::size_t f = 0; f < design.owner3.size(); ++f)
-    scoregamma[design.reduced[f]] += unit.w3[f] * work.bsum[at(design.owner3[f])];
+  addtransposedW3(*data.design, unit.w3.data(), work.bsum.data(), scoregamma);
 
   // V = (H3 - taubeta^-1)^-1
   const double* H3 = modes.H3.data() + at(unit.k) * square(r);

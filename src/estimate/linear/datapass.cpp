@@ -92,7 +92,7 @@ void grandsums(Pass& pass) {
     mirror(pass.nbeta, pass.sumBB.row(k));
     level3weights(pass, k, weights.data());
     addsandwichW3(pass, weights.data(), pass.sumBB.row(k), pass.gramMM.data());
-    addtransposedW3(pass, weights.data(), pass.sumBY.row(k), pass.gramMY.data());
+    addtransposedW3(pass.design, weights.data(), pass.sumBY.row(k), pass.gramMY.data());
     pass.totalYY += pass.sumYY[k];
   }
 }

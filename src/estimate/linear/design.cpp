@@ -104,9 +104,16 @@ void addlevel2effects(const Pass& pass, std::size_t unit, const double* ustar, d
   for (std::size_t i = 0; i < at(pass.p); ++i) beta[pass.design.random1[i]] += scale * ustar[i];
 }
 
-void addtransposedW3(const Pass& pass, const double* weights, const double* t, double* x) {
-  const Design& design = pass.design;
+void addtransposedW3(const Design& design, const double* weights, const double* t, double* x) {
   for (std::size_t i = 0; i < design.owner3.size(); ++i) x[design.reduced[i]] += weights[i] * t[design.owner3[i]];
+}
+
+void addW2(const Design& design, const double* w2, const double* theta, double* beta) {
+  for (std::size_t m = 0; m < design.owner2.size(); ++m) beta[design.owner2[m]] += w2[m] * theta[m];
+}
+
+void addtransposedW2(const Design& design, const double* w2, const double* t, double* x) {
+  for (std::size_t m = 0; m < design.owner2.size(); ++m) x[m] += w2[m] * t[design.owner2[m]];
 }
 
 void addsandwichW3(const Pass& pass, const double* weights, const double* P, double* X) {

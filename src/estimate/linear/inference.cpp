@@ -157,7 +157,7 @@ Array<double> scoreproducts(Pass& pass, bool leastsquares) {
       },
       [&](int) {
         e.fill(0.0);
-        addtransposedW3(pass, means.weights.data(), r.data(), e.data());
+        addtransposedW3(pass.design, means.weights.data(), r.data(), e.data());
         if (!leastsquares)
           for (double& x : e) x *= 1.0 / pass.est.sigma2;
         addABt(total.data(), e.data(), e.data(), g, g, 1);

@@ -124,7 +124,11 @@ void level2coefficients(const Pass& pass, const double* level2, const double* th
 // of Z1.
 void addlevel2effects(const Pass& pass, std::size_t unit, const double* ustar, double* beta);
 // x += W3_k' t, t of nbeta, x of ngamma.
-void addtransposedW3(const Pass& pass, const double* weights, const double* t, double* x);
+void addtransposedW3(const Design& design, const double* weights, const double* t, double* x);
+// beta += W2 theta and x += W2' t of a level-2 unit whose column m of W2 has the entry w2[m]; beta and t of npi, theta
+// and x of nbeta.
+void addW2(const Design& design, const double* w2, const double* theta, double* beta);
+void addtransposedW2(const Design& design, const double* w2, const double* t, double* x);
 // X += W3_k' P W3_k, P nbeta squared symmetric, X ngamma squared.
 void addsandwichW3(const Pass& pass, const double* weights, const double* P, double* X);
 

@@ -17,7 +17,7 @@ bool usableestimates(const Pass& pass, const Estimates& est) {
 int scaleinverse(const double* t, int n, double sigma2, Array<double>& S, double& logdet) {
   S.reset(at(n) * at(n));
   const Inversion inversion = invertsymmetric(n, t, S.data());
-  logdet = std::log(inversion.determinant);
+  logdet = inversion.logdeterminant();
   for (double& s : S) s *= sigma2;
   return inversion.result;
 }

@@ -56,7 +56,7 @@ bool level3step(const Pass& pass, const PosteriorInput& input, Level3Posterior& 
     for (int j = 0; j < b; ++j) D[i * b + j] = z * z * unit.P[i * nb + j] + input.Sb[i * b + j];
   const Inversion inversion = invertsymmetric(b, D, inverse.data());
   if (inversion.result != 0) return false;
-  unit.logdetE = std::log(1.0 / inversion.determinant);
+  unit.logdetE = -inversion.logdeterminant();
   std::copy_n(inverse.data(), square(b), unit.E.data());
 
   level3weights(pass, unit.k, unit.weights.data());
@@ -119,7 +119,7 @@ void addgeneralised(const Pass& pass, const Level3Posterior& unit, PosteriorSums
     reducedy[i] = unit.y[i] - dot(row, unit.y.data(), at(b));
   }
   addsandwichW3(pass, unit.weights.data(), reducedP.data(), sums.A.data());
-  addtransposedW3(pass, unit.weights.data(), reducedy.data(), sums.c.data());
+  addtransposedW3(pass.design, unit.weights.data(), reducedy.data(), sums.c.data());
 }
 
 void addunit(const Pass& pass, const PosteriorInput& input, const Level3Posterior& unit, PosteriorSums& sums) {
@@ -154,7 +154,7 @@ void clear(const Pass& pass, PosteriorSums& sums) {
 bool unitS(const Pass& pass, const PosteriorInput& input, Level3Posterior& unit, double* S) {
   const Inversion inversion = invertsymmetric(pass.p, input.hettaupi->row(unit.k), S);
   if (inversion.result == 1) return false;
-  unit.logdetT = std::log(inversion.determinant);
+  unit.logdetT = inversion.logdeterminant();
   for (std::size_t i = 0; i < square(pass.p); ++i) S[i] *= input.sigma2;
   return true;
 }

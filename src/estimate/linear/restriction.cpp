@@ -18,7 +18,7 @@ namespace {
 bool deviance(const double* T, const double* S, int n, Array<double>& inverse, double& value) {
   const Inversion inversion = invertsymmetric(n, T, inverse.data());
   if (inversion.result != 0 || !ispositivedefinite(n, T, n, nullptr)) return false;
-  value = std::log(inversion.determinant);
+  value = inversion.logdeterminant();
   for (std::size_t i = 0; i < square(n); ++i) value += inverse[i] * S[i];
   return true;
 }

@@ -98,7 +98,7 @@ void makerows(const QuadratureModel& model, const Level3Records& records, int j,
   fit(work.fixed, count);
   double* coefficients = work.coefficients.data();  // W2_j W3 gamma
   std::fill_n(coefficients, npi, 0.0);
-  for (std::size_t m = 0; m < at(model.nbeta); ++m) coefficients[at(design.owner2[m])] += w2[m] * work.theta[m];
+  addW2(design, w2, work.theta.data(), coefficients);
   for (std::size_t i = 0; i < count; ++i) {
     const double* x = records.x.data() + (first + i) * npi;
     double* row = work.rows.data() + i * dims;
@@ -358,7 +358,7 @@ void UnitIntegral::level2moments(std::size_t j, std::size_t node) {
     }
   }
   const double* w2 = records.w2.data() + j * nbeta;
-  for (std::size_t m = 0; m < nbeta; ++m) level3[P2 + P3 + m] += w2[m] * work.coefficients[at(model.design->owner2[m])];
+  addtransposedW2(*model.design, w2, work.coefficients.data(), level3 + P2 + P3);
   if (!withinformation) return;
   for (std::size_t i = 0; i < count; ++i)
     work.recordweights[node * total + first + i] = mean(work.weights.data() + i * pairs + node * nodes2);
