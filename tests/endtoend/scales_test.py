@@ -2,8 +2,8 @@
 
     scales_test.py <program>
 
-X is measured in units from 1e-6 to 1e6, Z in their inverses. Effects, their standard errors and the elements of the taus
-are brought back to the first unit; what is left is the same model with the same iterations.
+X is measured in units from 1e-8 to 1e8, Z in their inverses. Effects, their standard errors and the elements of the taus
+are brought back to the first unit; what is left is the same model.
 """
 import json
 import random
@@ -15,8 +15,12 @@ check = Checks()
 work = Workplace(sys.argv[1])
 work.write("s.mdmt", template("s.mdm", ("s1.dat", "s2.dat", "s3.dat"), ("(2A4,6F20.13)", "(2A4,F20.13)", "(A4,F20.13)"),
                               (["Y", "B", "COUNT", "GRADE", "N", "X"], ["Z"], ["Q"])))
-SCALES = (1.0, 1e-6, 1e-3, 1e3, 1e6)
-RUNS = [("linear", "NONLIN:N\nNUMIT:500,N\n", "Y", ""), ("Bernoulli", "NONLIN:BERNOULLI\n", "B", ""),
+SCALES = (1.0, 1e-8, 1e-3, 1e3, 1e8)
+RUNS = [("linear", "NONLIN:N\nNUMIT:500,N\n", "Y", ""),
+        ("diagonal", "NONLIN:N\nNUMIT:500,N\n", "Y", "DIAGONALIZETAUPI:Y\n"),
+        ("diagonal by EM", "NONLIN:N\nNUMIT:500,N\n", "Y", "DIAGONALIZETAUPI:Y\nFISHERTYPE:0\n"),
+        ("restricted likelihood", "NONLIN:N\nNUMIT:500,N\n", "Y", "LIKELIHOOD:REML\n"),
+        ("Bernoulli", "NONLIN:BERNOULLI\n", "B", ""),
         ("binomial", "NONLIN:BERNOULLI,N\n", "COUNT", ""), ("over-dispersed", "NONLIN:POISSON\n", "COUNT", "FIXSIGMA2:0\n"),
         ("Poisson with exposure", "NONLIN:POISSON,N\n", "COUNT", ""), ("multinomial", "NONLIN:MULTINOMIAL,3\n", "GRADE", ""),
         ("ordinal", "NONLIN:ORDINAL,3\n", "GRADE", ""), ("Bernoulli by quadrature", "NONLIN:BERNOULLI\n", "B", "AGQ:Y,40,3\n"),
@@ -60,7 +64,7 @@ def fit(head, outcome, more):
 
 
 def numbers(phase, scale):
-    """Effects and errors in the first unit, elements of the taus, iterations, likelihood."""
+    """Effects and errors in the first unit, elements of the taus; likelihoods."""
     unit = lambda e: (scale if e["level1"] == "X" else 1.0) / (scale if e["level2"] == "Z" else 1.0)
     made = []
     for e in phase["fixed_effects"]:
@@ -68,7 +72,7 @@ def numbers(phase, scale):
         if e["robust"]:
             made.append(e["robust"]["standard_error"] * unit(e))
     for name in ("tau_pi", "tau_beta"):
-        tau = (phase[name] or {}).get("estimates", [])
+        tau = (phase[name] or {}).get("estimate", [])
         powers = [1.0, scale] if name == "tau_pi" and len(tau) == 2 and len(phase["fixed_effects"]) < 7 else [1.0] * len(tau)
         made += [tau[i][j] * powers[i] * powers[j] for i in range(len(tau)) for j in range(i + 1)]
     return made, [phase["deviance"], phase["marginal_log_likelihood"]]

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdlib>
 
+#include "estimate/linear/usable.h"
 #include "kernel/decompositions.h"
 #include "kernel/matrix.h"
 #include "kernel/products.h"
@@ -17,7 +18,7 @@ namespace {
 // `inverse`.
 bool deviance(const double* T, const double* S, int n, Array<double>& inverse, double& value) {
   const Inversion inversion = invertsymmetric(n, T, inverse.data());
-  if (inversion.result != 0 || !ispositivedefinite(n, T, n, nullptr)) return false;
+  if (inversion.result != 0 || !positivecovariance(T, n)) return false;
   value = inversion.logdeterminant();
   for (std::size_t i = 0; i < square(n); ++i) value += inverse[i] * S[i];
   return true;

@@ -22,7 +22,7 @@ Array<double> unitdiagonal(const double* m, int n) {
 bool positivecorrelations(const double* m, int n, double& condition) {
   for (int i = 0; i < n; ++i)
     if (!(m[i * n + i] >= 0.0)) return false;
-  if (n == 1) return ispositivedefinite(1, m, 1, nullptr);
+  if (n == 1) return std::isnormal(m[0]);
   return !hasunitcorrelation(n, m, n) && ispositivedefinite(n, unitdiagonal(m, n).data(), n, &condition);
 }
 
