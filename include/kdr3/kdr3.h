@@ -103,8 +103,8 @@ KDR3_PUBLIC kdr3_status kdr3_model_level3(kdr3_model* model, int term, const cha
  * STOPMACRO, ACCEL, FISHERTYPE, REML (1: restricted likelihood), DDF (degrees of freedom: 0 counts, 1 Satterthwaite,
  * 2 Kenward and Roger), DDFOBSERVED, EDGECOVFULL and CR2 (0 or 1, as DDF:...,OBSERVED, EDGECOV:FULL and ROBUST:CR2),
  * FIXSIGMA2 (0 frees it; an engine or categories hold it at 1), DIAGONALIZETAUPI, DIAGONALIZETAUBETA (0 or 1), LAPLACE
- * (most iterations, 0 is off), AGQ (points, 0 is off), AGQIT (most iterations), POPAVIT, THREADS (0: one for each
- * core). Errors: an unknown name, a value that the keyword refuses. */
+ * (most iterations, 0 is off), AGQ (points, 0 is off), AGQIT (most iterations), AGQAUTO (1: as many points as the data
+ * need), AGQNODESFIXED (0 or 1, as AGQNODES:FIXED), AGQDERIVLEVEL, POPAVIT, THREADS (0: one for each core). Errors: an unknown name, a value that the keyword refuses. */
 KDR3_PUBLIC kdr3_status kdr3_model_set(kdr3_model* model, const char* name, double value);
 
 /* Design weights by the names of their columns, null for none, and the column of a known level-1 variance. */
@@ -188,6 +188,7 @@ typedef struct {
   size_t size;
   int df;              /* contrasts */
   double chisquare, p; /* Wald statistic and its tail; NaN where contrasts depend on each other, or there is none */
+  double df2;          /* where p is that of F = chisquare / df: its denominator; NaN: p is that of the chi-square */
 } kdr3_test;
 /* The test of hypothesis i, from 0 in the order of the calls; `robust`: by the sandwich of the level-3 units. */
 KDR3_PUBLIC kdr3_status kdr3_result_test(const kdr3_result* result, size_t i, int robust, kdr3_test* test);

@@ -263,7 +263,6 @@ bool askinterrupt() {
     const std::optional<int> answer = wholeof(line);
     if (answer == 1) fail(0);
     if (answer == 0) {
-      run.control.laplaceit = run.control.agqit = 0;
       rearminterrupts();
       return true;
     }

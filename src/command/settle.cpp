@@ -6,6 +6,7 @@
 
 #include "core/formatted.h"
 #include "core/names.h"
+#include "core/settling.h"
 #include "driver/failures.h"
 #include "driver/oddities.h"
 #include "driver/runrecord.h"
@@ -35,7 +36,9 @@ void checknonlinear() {
 }
 
 // Another value that the command file asks for is not passed over in silence.
-void holdsigma2(const char* reason) {
+void holdsigma2() {
+  const char* reason = variancekeeper(run.model, run.control);
+  if (reason == nullptr) return;
   std::optional<double>& held = run.model.restrictions.fixsigma2;
   if (held && *held != 1.0)
     oddcommand(formatted(" FIXSIGMA2:%g has no effect: with %s sigma^2 is held at 1.\n", *held, reason));
@@ -45,25 +48,18 @@ void holdsigma2(const char* reason) {
 void settleengines() {
   const Model& kind = run.model;
   Control& iter = run.control;
-  if (iter.laplace) {
-    if (kind.outcome.family != Family::bernoulli)
-      stopwith("LaPlace iterations may only be done on Bernoulli analyses.");
-    holdsigma2("Laplace-6");
-  }
+  if (iter.laplace && kind.outcome.family != Family::bernoulli)
+    stopwith("LaPlace iterations may only be done on Bernoulli analyses.");
   if (iter.agqpoints != 0) {
     if (kind.outcome.linear()) stopwith("Adaptive quadrature may only be done on non-linear analyses.\n");
     if (kind.outcome.categorical()) {
       oddcommand(" The program cannot do adaptive quadrature for multinomial/ordinal runs yet.\n");
       iter.agqpoints = 0;
-    } else {
-      if (iter.agqfixed && (iter.agqauto || iter.agqpoints < 3))
-        stopwith("With AGQNODES:FIXED the number of quadrature points must be 3 to 198!\n");
-      holdsigma2("adaptive quadrature");
+    } else if (iter.agqfixed && (iter.agqauto || iter.agqpoints < 3)) {
+      stopwith("With AGQNODES:FIXED the number of quadrature points must be 3 to 198!\n");
     }
   }
-  if (kind.outcome.categorical()) holdsigma2("categories");
-  if (kind.outcome.single()) iter.popavit = std::max(iter.popavit, 1);
-  if (!kind.outcome.linear() && iter.agqpoints == 0 && !run.answered.stopmicro) iter.stopval = 1.0e-5;
+  holdsigma2();
 }
 
 void checklvr() {
@@ -98,13 +94,9 @@ void checkplausible() {
 }
 
 void checkcountvariable() {
-  const Model& kind = run.model;
-  if (!kind.outcome.counted || !kind.outcome.countvariable) return;
-  for (int e = 0; e < kind.neqsets; ++e)
-    if (run.model.use1.row(e)[*kind.outcome.countvariable] != Use::none) {
-      std::printf(kind.outcome.link() == Link::logit ? " The binomial count " : " The poisson variable exposure ");
-      stopwith("variable is also used in the model!\n");
-    }
+  if (!countsinequations(run.model)) return;
+  std::printf(run.model.outcome.link() == Link::logit ? " The binomial count " : " The poisson variable exposure ");
+  stopwith("variable is also used in the model!\n");
 }
 
 // What the steps of the restricted likelihood have no use for.
@@ -122,21 +114,9 @@ void settlerestricted() {
     tellidle(iter.fishertype != usual.fishertype, "FISHERTYPE:");
     tellidle(iter.accel != usual.accel, "ACCEL:");
     tellidle(run.answered.stopval && iter.stopval != usual.stopval, "STOPVAL:");
-    iter.fishertype = usual.fishertype;
-    iter.accel = usual.accel;
   }
   if (iter.edgefull && !iter.restricted && iter.ddf == DegreesMethod::counts)
     oddcommand(" EDGECOV:FULL has no effect without LIKELIHOOD:REML or DDF:.\n");
-}
-
-void settleacceleration() {
-  Control& iter = run.control;
-  if (iter.hetit != 0) iter.fishertype = FisherType::none;
-  if (iter.fishertype == FisherType::none) {
-    if (iter.accel <= 2) iter.accel = 3;
-  } else if (iter.accel < 1) {
-    iter.accel = 5;
-  }
 }
 
 }  // namespace
@@ -154,8 +134,7 @@ void settlerecord() {
   checkplausible();
   checkcountvariable();
   settlerestricted();
-  settleacceleration();
-  if (run.model.autovknown != 0) holdsigma2("known variances");
+  settlecontrol(run.model, run.answered.stopmicro, run.control);
   if (run.out.graph && run.model.outcome.categorical()) run.out.resfil1 = true;
   if (!run.model.outcome.linear() && run.model.outcome.countvariable)
     run.out.wanted1vars1[static_cast<std::size_t>(*run.model.outcome.countvariable)] = 1;

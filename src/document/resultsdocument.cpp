@@ -19,14 +19,15 @@ namespace {
 // The criteria are made of the marginal log-likelihood where there is one.
 void addlikelihood(Json& phase, const Subject& subject, double loglik, bool comparable, long long parameters,
                    double marginal = missingcode) {
-  const double deviance = -2.0 * loglik, criterion = marginal == missingcode ? deviance : -2.0 * marginal;
+  const double deviance = -2.0 * loglik;
   const bool has = comparable && loglik != missingcode && std::isfinite(deviance);
-  const auto count = static_cast<double>(parameters);
+  const InformationCriteria criteria =
+      informationcriteria(marginal == missingcode ? loglik : marginal, parameters, subject.records);
   phase["log_likelihood"] = number(loglik);
   phase["deviance"] = whenever(has, deviance);
   phase["parameters"] = parameters;
-  phase["aic"] = whenever(has, criterion + 2.0 * count);
-  phase["bic"] = whenever(has, criterion + count * std::log(static_cast<double>(subject.records)));
+  phase["aic"] = whenever(has, criteria.aic);
+  phase["bic"] = whenever(has, criteria.bic);
   phase["bic_sample_size"] = whenever(has, subject.records);
   Json comparison;
   if (has && subject.alternative) {

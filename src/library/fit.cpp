@@ -81,6 +81,7 @@ Failure linearfit(Fit& fit, const Analysis& analysis) {
   LinearFit linear;
   if (Failure failure = fitlinear(analysis, linear)) return failure;
   addphase(fit.document, fit.subject, linear.results);
+  warn(fit.result, linear.results.warnings);
   takeeffects(fit, linear.pass);
   fit.result.counts = countsof(linear.pass);
   fit.result.results = std::move(linear.results);

@@ -84,6 +84,13 @@ constexpr Setting settings[] = {
      }},
     {"AGQ", 0, 198, true, setpoints},
     {"AGQIT", 0, many, true, [](kdr3_model& m, double v) { m.control.agqit = whole(v); }},
+    {"AGQAUTO", 0, 1, true,
+     [](kdr3_model& m, double v) {
+       m.control.agqauto = v != 0;
+       if (v != 0) m.control.agqpoints = 5;
+     }},
+    {"AGQNODESFIXED", 0, 1, true, [](kdr3_model& m, double v) { m.control.agqfixed = v != 0; }},
+    {"AGQDERIVLEVEL", 1, 2, true, [](kdr3_model& m, double v) { m.control.agqderivlevel = whole(v); }},
 };
 
 }  // namespace

@@ -105,14 +105,15 @@ kdr3_status kdr3_result_test(const kdr3_result* result, size_t i, int robust, kd
   const std::size_t size = test->size;
   *test = {};
   test->size = size;
-  test->chisquare = test->p = absent;
+  test->chisquare = test->p = test->df2 = absent;
   if (table.rows.empty()) return KDR3_OK;
   if (i >= table.hypotheses.size()) return error("There is no hypothesis of that number.");
   const WaldTest& wald = table.hypotheses[i];
   test->df = wald.r;
-  if (!wald.computed) return KDR3_OK;
+  if (!wald.computed || !wald.denominator) return KDR3_OK;
   test->chisquare = wald.chisquare.statistic;
   test->p = wald.chisquare.p;
+  if (wald.chisquare.df2 != 0.0) test->df2 = wald.chisquare.df2;
   return KDR3_OK;
 }
 

@@ -8,6 +8,7 @@
 #include "core/constraints.h"
 #include "core/formatted.h"
 #include "core/modelcounts.h"
+#include "core/settling.h"
 #include "estimate/likelihood/engines.h"
 #include "estimate/linear/deletion.h"
 #include "estimate/linear/restrictedfit.h"
@@ -150,15 +151,17 @@ std::string seteffects(const kdr3_model& model, Model& made) {
 std::string settle(const kdr3_model& model, Values& values) {
   Model& made = values.model;
   Control& control = values.control;
-  const bool engine = control.laplace || control.agqpoints != 0, one = engine || made.outcome.categorical();
   if (control.laplace && made.outcome.family != Family::bernoulli) return "Laplace-6 is for Bernoulli outcomes.";
   if (control.agqpoints != 0 && !made.outcome.single())
     return "Adaptive quadrature is for Bernoulli, binomial and Poisson outcomes.";
-  if (one && model.fixsigma2 != 0.0 && model.fixsigma2 != 1.0)
-    return "With categories, Laplace-6 and adaptive quadrature sigma^2 is held at 1.";
-  if (one) made.restrictions.fixsigma2 = 1.0;
-  if (made.outcome.single()) control.popavit = std::max(control.popavit, 1);
-  if (!made.outcome.linear() && control.agqpoints == 0 && !model.stopgiven) control.stopval = 1.0e-5;
+  if (control.agqfixed && (control.agqauto || (control.agqpoints != 0 && control.agqpoints < 3)))
+    return "With AGQNODESFIXED the number of quadrature points must be 3 to 198.";
+  if (countsinequations(made)) return "The column of trials or exposure stands in an equation as well.";
+  if (const char* keeper = variancekeeper(made, control)) {
+    if (model.fixsigma2 != 0.0 && model.fixsigma2 != 1.0) return formatted("With %s sigma^2 is held at 1.", keeper);
+    made.restrictions.fixsigma2 = 1.0;
+  }
+  settlecontrol(made, model.stopgiven, control);
   if (std::string words = smallsampleobstacle(made, control); !words.empty()) return words;
   return engineobstacle(made, control);
 }

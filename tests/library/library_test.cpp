@@ -245,7 +245,7 @@ TEST(Library, RestrictionsAndHypotheses) {
   EXPECT_EQ(engine.restrict(3, 1, {1}).fit().error(),
             "A run with restricted variance components cannot go on to adaptive quadrature.");
   EXPECT_EQ(logistic(data).set("FIXSIGMA2", 2).fit().error(),
-            "With categories, Laplace-6 and adaptive quadrature sigma^2 is held at 1.");
+            "With adaptive quadrature sigma^2 is held at 1.");
 }
 
 TEST(Library, ErrorsAreSentences) {

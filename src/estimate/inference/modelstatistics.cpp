@@ -42,6 +42,11 @@ long long parametercount(const Model& model, long long taupis) {
   return model.coef.ngamma + beta + taupis * pi + (r.fixsigma2 ? 0 : 1);
 }
 
+InformationCriteria informationcriteria(double loglik, long long parameters, int records) {
+  const auto count = static_cast<double>(parameters);
+  return {-2.0 * loglik + 2.0 * count, -2.0 * loglik + count * std::log(static_cast<double>(records))};
+}
+
 DevianceComparison comparisonof(double deviance, long long parameters, const Alternative& alternative,
                                 const Model& model) {
   // Deviances that agree to as many digits are equal: one of them was typed, and both are those of a stopped iteration.

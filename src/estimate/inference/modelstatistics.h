@@ -13,6 +13,13 @@ namespace kdr {
 // one for every level-3 unit.
 [[nodiscard]] long long parametercount(const Model& model, long long taupis);
 
+// What compares models that are no parts of each other, smaller being better: -2 log-likelihood and 2, or the logarithm
+// of the number of records, for each parameter.
+struct InformationCriteria {
+  double aic = 0.0, bic = 0.0;
+};
+[[nodiscard]] InformationCriteria informationcriteria(double loglik, long long parameters, int records);
+
 // An alternative model, fitted elsewhere to the same records.
 struct Alternative {
   double deviance = 0.0;
