@@ -10,6 +10,7 @@
 #include "kernel/matrix.h"
 #include "kernel/products.h"
 #include "kernel/sizes.h"
+#include "kernel/vech.h"
 
 namespace kdr {
 

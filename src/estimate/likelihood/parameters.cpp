@@ -13,11 +13,6 @@ std::size_t Parameters::ntaubeta() const { return packedsize(r); }
 std::size_t Parameters::count() const { return packedsize(q) + packedsize(r) + at(g); }
 Parameters Parameters::copy() const { return {q, r, g, taupi.copy(), taubeta.copy(), gamma.copy()}; }
 
-void addduplicated(double* dest, const double* R, int n) {
-  for (std::ptrdiff_t a = 0; a < n; ++a)
-    for (std::ptrdiff_t b = 0; b <= a; ++b) *dest++ += a == b ? R[a * n + a] : R[a * n + b] + R[b * n + a];
-}
-
 Array<double> diagonalblock(const double* V, std::size_t P, std::size_t first, std::size_t n) {
   Array<double> block(n * n);
   for (std::size_t i = 0; i < n; ++i)

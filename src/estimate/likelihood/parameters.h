@@ -22,10 +22,6 @@ struct Parameters {
   [[nodiscard]] Parameters copy() const;
 };
 
-// dest (n(n+1)/2) += D' vec(R) for an n by n matrix R, D the duplication matrix: (a, a) gets R_aa, (a, b) gets
-// R_ab + R_ba.
-void addduplicated(double* dest, const double* R, int n);
-
 // The n by n block of V (order P, row stride P) whose diagonal starts at element `first`.
 [[nodiscard]] Array<double> diagonalblock(const double* V, std::size_t P, std::size_t first, std::size_t n);
 

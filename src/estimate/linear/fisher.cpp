@@ -9,6 +9,7 @@
 #include "kernel/matrix.h"
 #include "kernel/products.h"
 #include "kernel/sizes.h"
+#include "kernel/vech.h"
 
 namespace kdr {
 
@@ -175,53 +176,42 @@ void addlevel3unit(InformationSums& sums, const Pass& pass, const Level3Posterio
   addunits(sums, unit, FE.data());
 }
 
-// Element e of a lower triangle by rows.
-struct Place {
-  int i, j;
-};
-
-Array<Place> triangleplaces(int n) {
-  Array<Place> places(packedsize(n));
-  std::size_t e = 0;
-  for (int i = 0; i < n; ++i)
-    for (int j = 0; j <= i; ++j) places[e++] = {i, j};
-  return places;
-}
-
-// D'K D at two places of triangles of orders n and m: the sum of K over the copies of either element.
-double duplicated(const double* K, int n, Place x, int m, Place y) {
+// Element ((i, j), (k, l)) of D'K D, K of n squared rows and m squared columns: the sum of K over the copies of either
+// element.
+double gathered(const double* K, int n, int i, int j, int m, int k, int l) {
   const int width = m * m;
-  const auto element = [&](int i, int j, int k, int l) { return K[(i * n + j) * width + k * m + l]; };
-  double sum = element(x.i, x.j, y.i, y.j);
-  if (x.i != x.j) sum += element(x.j, x.i, y.i, y.j);
-  if (y.i != y.j) sum += element(x.i, x.j, y.j, y.i);
-  if (x.i != x.j && y.i != y.j) sum += element(x.j, x.i, y.j, y.i);
+  const auto element = [&](int a, int b, int c, int d) { return K[(a * n + b) * width + c * m + d]; };
+  double sum = element(i, j, k, l);
+  if (i != j) sum += element(j, i, k, l);
+  if (k != l) sum += element(i, j, l, k);
+  if (i != j && k != l) sum += element(j, i, l, k);
   return sum;
 }
 
-double duplicated(const double* m, int n, Place x) { return m[x.i * n + x.j] + (x.i != x.j ? m[x.j * n + x.i] : 0.0); }
-
 // The information from the sums. Rows (i, j) of TT were summed as N[i][k] N[j][l] at ((i, j), (k, l)).
 void fillinformation(const Pass& pass, InformationSums& sums, FisherWork& fisher) {
-  const int p = pass.p, b = pass.b, NT = fisher.NT;
-  const Array<Place> t = triangleplaces(p), l = triangleplaces(b);
-  const int nt = static_cast<int>(t.size()), nl = static_cast<int>(l.size());
+  const int p = pass.p, b = pass.b, NT = fisher.NT, nt = static_cast<int>(packedsize(p));
   fisher.information.fill(0.0);
   const auto put = [&](int row, int column, double value) {
     fisher.information[row * NT + column] = fisher.information[column * NT + row] = 0.5 * value;
   };
-  for (int x = 0; x < nt; ++x)
-    for (int y = 0; y <= x; ++y) put(x, y, duplicated(sums.TT.data(), p, t[x], p, t[y]));
-  for (int x = 0; x < nl; ++x) {
-    for (int y = 0; y < nt; ++y) put(nt + x, y, duplicated(sums.LT.data(), b, l[x], p, t[y]));
-    for (int y = 0; y <= x; ++y) put(nt + x, nt + y, duplicated(sums.LL.data(), b, l[x], b, l[y]));
-  }
+  // The block of the triangles of orders n and m that begin at `row` and `column`.
+  const auto putblock = [&](const Array<double>& K, int n, int row, int m, int column) {
+    eachelement(n, [&](int x, int i, int j) {
+      eachelement(m, [&](int y, int k, int l) {
+        if (row + x >= column + y) put(row + x, column + y, gathered(K.data(), n, i, j, m, k, l));
+      });
+    });
+  };
+  putblock(sums.TT, p, 0, p, 0);
+  putblock(sums.LT, b, nt, p, 0);
+  putblock(sums.LL, b, nt, b, nt);
   if (pass.fixsigma2 == 0.0) {
     Array<double> Ts(square(p)), Ls(square(b)), half(square(std::max(p, b)));
     sandwich(sums.inv->Ti.data(), sums.Ts.data(), sums.inv->Ti.data(), p, half.data(), Ts.data());
     sandwich(sums.inv->Li.data(), sums.Ls.data(), sums.inv->Li.data(), b, half.data(), Ls.data());
-    for (int x = 0; x < nt; ++x) put(NT - 1, x, duplicated(Ts.data(), p, t[x]));
-    for (int x = 0; x < nl; ++x) put(NT - 1, nt + x, duplicated(Ls.data(), b, l[x]));
+    eachelement(p, [&](int x, int i, int j) { put(NT - 1, x, duplicated(Ts.data(), p, i, j)); });
+    eachelement(b, [&](int x, int i, int j) { put(NT - 1, nt + x, duplicated(Ls.data(), b, i, j)); });
     put(NT - 1, NT - 1, sums.ss);
   }
 }
@@ -230,8 +220,7 @@ void fillinformation(const Pass& pass, InformationSums& sums, FisherWork& fisher
 void addscore(double* score, int first, const double* inverse, const double* X, int n) {
   Array<double> half(square(n)), out(square(n));
   sandwich(inverse, X, inverse, n, half.data(), out.data());
-  const Array<Place> places = triangleplaces(n);
-  for (std::size_t e = 0; e < places.size(); ++e) score[at(first) + e] += duplicated(out.data(), n, places[e]);
+  addduplicated(score + first, out.data(), n);
 }
 
 // tr(X Y), both symmetric.

@@ -9,6 +9,7 @@
 #include "kernel/matrix.h"
 #include "kernel/products.h"
 #include "kernel/sizes.h"
+#include "kernel/vech.h"
 
 namespace kdr {
 
@@ -106,11 +107,7 @@ void maximisetau(double* T, const double* S, int n, const Restriction& restricti
     eachelement(n, [&](int e, int i, int j) {
       score[e] = (i == j ? 0.5 : 1.0) * half[i * n + j];
       eachelement(n, [&](int f, int k, int l) {
-        const auto P = [&](int a, int b) { return inverse[a * n + b]; };
-        double sum = P(i, k) * P(j, l) + P(i, l) * P(j, k);
-        if (i == j) sum *= 0.5;
-        if (k == l) sum *= 0.5;
-        information[e * elements + f] = sum;
+        information[e * elements + f] = 0.5 * duplicatedproduct(inverse.data(), n, i, j, k, l);
       });
     });
     reduceinformation(restriction, information.data(), elements, reduced.data());

@@ -11,6 +11,7 @@
 #include "kernel/matrix.h"
 #include "kernel/products.h"
 #include "kernel/sizes.h"
+#include "kernel/vech.h"
 
 namespace kdr {
 
@@ -304,13 +305,6 @@ void momentsweep(Pass& pass, StartWork& w, const Array<double>& Q) {
       [](int) {}, reading(pass.store.hot), reading(pass.store.cold));
 }
 
-// The product of two derivatives, by element (i, j) of the one and (k, l) of the other; M as of `identified`.
-double derivativeproduct(const double* M, int columns, int i, int j, int k, int l) {
-  const auto at = [&](int row, int column) { return M[row * columns + column]; };
-  const auto term = [&](int x, int y) { return at(x, k) * at(y, l) + (k != l ? at(x, l) * at(y, k) : 0.0); };
-  return term(j, i) + (i != j ? term(i, j) : 0.0);
-}
-
 // tau := the share of the variance that one random effect gets, by the mean square of its predictor.
 void sharetau(double variance, const Array<double>& meansquare, Array<double>& tau) {
   const int n = static_cast<int>(meansquare.size());
@@ -368,7 +362,7 @@ bool identified(Pass& pass) {
   const auto add = [&](int x, int y, double value) { gram[x * NT + y] += value; };
   const auto addown = [&](const double* M, int n, int first) {
     eachelement(n, [&](int x, int i, int j) {
-      eachelement(n, [&](int y, int k, int l) { add(first + x, first + y, derivativeproduct(M, n, i, j, k, l)); });
+      eachelement(n, [&](int y, int k, int l) { add(first + x, first + y, duplicatedproduct(M, n, i, j, k, l)); });
       add(NT - 1, first + x, (i == j ? 1.0 : 2.0) * M[i * n + j]);
     });
   };
@@ -384,7 +378,7 @@ bool identified(Pass& pass) {
         addown(w.Z1Z1.data(), p, 0);
         unitZ2Z1(pass, k, hot, w.R);
         eachelement(b, [&](int x, int i, int j) {
-          eachelement(p, [&](int y, int m, int l) { add(nt + x, y, derivativeproduct(w.R.data(), p, i, j, m, l)); });
+          eachelement(p, [&](int y, int m, int l) { add(nt + x, y, duplicatedproduct(w.R.data(), p, i, j, m, l)); });
         });
       },
       [](int) {}, reading(pass.store.hot));

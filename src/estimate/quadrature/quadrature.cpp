@@ -11,6 +11,7 @@
 #include "kernel/matrix.h"
 #include "kernel/products.h"
 #include "kernel/sizes.h"
+#include "kernel/vech.h"
 
 namespace kdr {
 
@@ -47,20 +48,14 @@ void integratebatch(QuadratureData& data, const QuadraturePoint& point, const Ad
   });
 }
 
-// Adds 2 wt wt' (K_ac K_bd + K_ad K_bc) n to the block of H (order P) from element `first` on: the expected second
-// derivatives of n densities of a random effect.
-void addexpected(double* H, std::size_t P, std::size_t first, std::size_t order, const double* K, double n) {
-  std::size_t row = first;
-  for (std::size_t a = 0; a < order; ++a)
-    for (std::size_t b = 0; b <= a; ++b, ++row) {
-      std::size_t column = first;
-      for (std::size_t c = 0; c < order; ++c)
-        for (std::size_t d = 0; d <= c; ++d, ++column) {
-          const double weight = (a == b ? 0.5 : 1.0) * (c == d ? 0.5 : 1.0);
-          H[row * P + column] +=
-              2.0 * weight * n * (K[a * order + c] * K[b * order + d] + K[a * order + d] * K[b * order + c]);
-        }
-    }
+// Adds n D'(K (x) K)D to the block of H (order P) from element `first` on: twice the expected second derivatives of n
+// densities of a random effect.
+void addexpected(double* H, std::size_t P, std::size_t first, int order, const double* K, double n) {
+  eachelement(order, [&](int e, int i, int j) {
+    eachelement(order, [&](int f, int k, int l) {
+      H[(first + at(e)) * P + first + at(f)] += n * duplicatedproduct(K, order, i, j, k, l);
+    });
+  });
 }
 
 // The places of the elements that a diagonal matrix holds at 0.
@@ -375,8 +370,8 @@ QuadratureWalk walk(QuadratureData& data, const Parameters& parameters, const Ad
     }
   }
   if (next != nullptr && data.derivlevel == 2) {
-    addexpected(sums.information.data(), P, 0, at(parameters.q), point.Kp.data(), data.units2);
-    addexpected(sums.information.data(), P, parameters.ntaupi(), at(parameters.r), point.Kb.data(), data.units3);
+    addexpected(sums.information.data(), P, 0, parameters.q, point.Kp.data(), data.units2);
+    addexpected(sums.information.data(), P, parameters.ntaupi(), parameters.r, point.Kb.data(), data.units3);
   }
   return sums;
 }
