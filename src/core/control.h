@@ -44,7 +44,7 @@ struct Control {
   int agqpoints = 0;             // AGQ:. Quadrature points; 0 is off
   bool agqauto = false;          // AGQ:Y,n,AUTO. As many points as the data need; agqpoints is then not 0
   bool agqfixed = false;         // AGQNODES:. Nodes stand still when the level-3 effects move, and steps have a ridge
-  int agqit = 0;                 // 1 at least with AGQ:
+  int agqit = 0;                 // its iterations
   int agqderivlevel = 2;         // AGQDERIVLEVEL:
   Taylor taylor = Taylor::none;  // TAYLOR:
   int popavit = 0;               // POPAVIT:

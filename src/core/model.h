@@ -31,7 +31,7 @@ struct Coefficients {
   int nbeta = 0;        // level-2 coefficients of all sets
   int ntaupi = 0;       // those random at level 2: the order of taupi
   int ntaubeta = 0;     // those random at level 3: the order of taubeta
-  int ngamma = 0;       // fixed effects of all sets; without the constrained ones once the constraints are applied
+  int ngamma = 0;       // fixed effects of all sets. Applying the constraints takes the constrained ones off
   Array<Name> pinames;  // the level-1 variable of each row of taupi
   Array<Name> betanames1, betanames2;                  // the level-1 and the level-2 variable of each row of taubeta
   Array<Label> gammanames1, gammanames2, gammanames3;  // row labels of the fixed effects of the reduced model

@@ -1,5 +1,5 @@
 // Results of an estimation as values: of a pass or an engine, with all tests and counts that a report, a results
-// document or another client shows of them. Nothing else of a pass survives.
+// document or another client shows of them.
 //
 // Orders: p = ntaupi, b = ntaubeta, g = ngamma.
 #pragma once
@@ -105,7 +105,7 @@ struct EffectTable {
 // Standard errors of the variance components.
 struct TauErrors {
   bool asked = false;            // fishertype is not none
-  bool known = false;            // the information could be inverted; the rest is empty otherwise
+  bool known = false;            // the information could be inverted; the rest but stepleft is empty otherwise
   Array<double> taupi, taubeta;  // full matrices; 0.0 for a fixed element, missingcode for one not computable
   double sigma2 = 0.0;
   int order = 0;             // NT - 1, elements of taupi and taubeta

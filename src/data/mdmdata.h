@@ -37,7 +37,7 @@ struct MdmData {
   LongTexts texts;                    // what stands behind it
 
   int ncol1 = 0, ncol2 = 0, ncol3 = 0;  // widths of the equation tables: nvarL + 1 (ordinal: with thresholds)
-  int maxbeta = 0;                      // ncol2 * nvar1: level-2 coefficients that an equation set can have
+  int maxbeta = 0;                      // ncol2 * (ncol1 - 1): level-2 coefficients that an equation set can have
 
   // The same data; both read one stream, by positions of their own.
   [[nodiscard]] MdmData copy() const;

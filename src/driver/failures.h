@@ -1,4 +1,4 @@
-// How the process ends: the table of numbered failures and the one stop sequence.
+// How the process ends: a failure told by its row of the table (core/failuretable.h), and the one stop sequence.
 #pragma once
 
 #include <string>

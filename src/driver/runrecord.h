@@ -1,4 +1,5 @@
-// All that one process knows of its one job. Reached by all code as `run`; composed of plain groups of fields.
+// All that one process knows of its one job. Reached as `run` by the rooms of the program, not by the
+// estimation; composed of plain groups of fields.
 //
 // Every field is zero, empty or false from program start unless a default stands beside it.
 #pragma once

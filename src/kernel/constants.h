@@ -3,8 +3,8 @@
 
 namespace kdr {
 
-// The code of a missing value in memory and in the MDM file, compared by exact equality. Also the mark of an absent
-// deviance, of a free element of esttau2 and esttau3, and of a result that could not be computed.
+// The code of a missing value in memory and in the MDM file, compared by exact equality. Also the mark of a
+// free element of esttau2 and esttau3, of a unit without residuals, and of a result that there is none of.
 inline constexpr double missingcode = -1.0e36;
 // Start value of running minima.
 inline constexpr double bigvalue = 1.0e36;

@@ -13,7 +13,7 @@ namespace kdr {
 //         the positive pivots, work[2] 1.0 when a negative pivot was met, else 0.0.
 // Returns 0 when the determinant is positive, 1 when it is 0 (some leading block is singular), 2 when it is negative.
 // A product of pivots that underflows doesn't count as 0: the determinant then keeps the value that it had before.
-// Allocates for orders above 32 only; exhausted memory is failure 3.
+// Allocates for orders above 32 only.
 int syminverse(int n, const double* a, int ld, double* inv, int ldinv, double* work);
 
 // The inverse of a, n by n without a stride, by syminverse with a buffer of its own; inverse may be a.
@@ -37,7 +37,7 @@ Inversion invertsymmetric(int n, const double* a, double* inverse);
 // cond, when not null, gets the condition number |largest / smallest eigenvalue|, or bigvalue when the smallest is 0.0
 // or the eigenvalues could not be found; for an order of 1 it gets the element itself.
 // Householder reduction and implicit QR with the Wilkinson shift (Golub and Van Loan, Matrix Computations, 8.3).
-// Allocates for orders above 8 only; exhausted memory is failure 3.
+// Allocates for orders above 8 only.
 bool ispositivedefinite(int n, const double* a, int ld, double* cond);
 
 // True when a is not usable as a covariance matrix: a negative diagonal entry, a unit correlation, or not positive

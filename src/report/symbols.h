@@ -13,7 +13,7 @@ void setsymbols();
 
 // Fills gammanames1, gammanames2 and gammanames3 of run.model.coef, a row per fixed effect that the constraints left.
 // The label of a coefficient stands in the row of its first fixed effect, and is gone with it. Needs the symbols, and
-// in an ordinal run the category labels. Failure 3.
+// in an ordinal run the category labels.
 void makerowlabels();
 
 // The labels of single coefficients, as they stand in the row labels.

@@ -63,13 +63,13 @@ struct LatentRegression {
   std::vector<LatentTest> differences;    // [nO nW], of G_O - G_adj
 };
 
-// Changes no estimate. Failure 3.
+// Changes no estimate.
 [[nodiscard]] LatentRegression latentregression(const LatentModel& model, const LatentEstimates& estimates);
 
 // The regression's view of the rows of a model; `roles` has to stay where it is.
 [[nodiscard]] LatentModel latentmodel(const ModelRows& rows, std::span<const LatentRole> roles, int nunits3);
 
-// The regression of the results of a pass or of the averages of a series. Failure 3.
+// The regression of the results of a pass or of the averages of a series.
 [[nodiscard]] LatentRegression latentregression(const LatentModel& model, const PassResults& results);
 [[nodiscard]] LatentRegression latentregression(const LatentModel& model, const Pooled& averages);
 

@@ -29,7 +29,6 @@ struct PoolFrame {
 //   nu = (M - 1) (1 + 1/r)^2,  df_i = min(trunc(nu), df_i), df_i where nu has no value;
 // with those of the records, if they are no counts, by their mean in the place of the model's;
 //   fraction of missing information (r + 2 / (nu + 3)) / (r + 1), relative efficiency 1 / (1 + fraction / M).
-// Failure 3.
 [[nodiscard]] Pooled pool(const SubrunShape& shape, std::span<const SubrunRecord> records, const PoolFrame& frame,
                           const Model& model);
 

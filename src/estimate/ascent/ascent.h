@@ -1,6 +1,6 @@
-// Climbing to a maximum by Newton steps: one ascent for every log-likelihood that can be evaluated with score and
-// information. What is evaluated, and how an approximation goes along with the point, is the problem's affair; when a
-// step is taken, cut, turned or the last one is this file's.
+// Climbing to a maximum by Newton steps: the ascent of the engines. It serves every log-likelihood that can be
+// evaluated with score and information. What is evaluated, and how an approximation goes along with the point, is the
+// problem's affair; when a step is taken, cut, turned or the last one is this file's.
 #pragma once
 
 #include <cstddef>

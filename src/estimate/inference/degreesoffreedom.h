@@ -7,7 +7,7 @@
 namespace kdr {
 
 // From the rows of the model and the unit counts. The arrays have an entry for each effect of the complete model, those
-// that the constraints left first. Failure 3.
+// that the constraints left first.
 [[nodiscard]] FixedDegrees degreesoffreedom(const ModelRows& rows, const UnitCounts& counts);
 
 }  // namespace kdr

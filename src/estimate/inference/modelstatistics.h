@@ -45,7 +45,7 @@ inline constexpr const char* samefixedeffects =
                                               const Model& model);
 
 // Fills what follows from the estimates, covariances and the kind of a pass or an engine: degrees of freedom unless
-// they stand already, tests of the fixed effects, number of parameters. Failure 3.
+// they stand already, tests of the fixed effects, number of parameters.
 void complete(PassResults& results, const Model& model, const UnitCounts& counts);
 void complete(LeastSquaresResults& results, const UnitCounts& counts);
 

@@ -32,7 +32,7 @@ struct Between {
 // Of a series it is the pooled test of Li, Raghunathan and Rubin (1991): with U = C within C', B = C spread C',
 // s = tr(B U^-1) / r, the statistic D = e' U^-1 e / (r (1 + s)) is F with r and nu degrees of freedom, with t = r (M -
 // 1)
-//   nu = 4 + (t - 4) (1 + (1 - 2/t) / s)^2 for t > 4, else t (1 + 1/r) (1 + 1/s)^2 / 2. Failure 3.
+//   nu = 4 + (t - 4) (1 + (1 - 2/t) / s)^2 for t > 4, else t (1 + 1/r) (1 + 1/s)^2 / 2.
 void addhypotheses(EffectTable& table, const Model& model, const Array<double>& gamma, const Array<double>& covariance,
                    const Between* between = nullptr);
 

@@ -49,7 +49,7 @@ enum class Scoring { asks, steps };
 [[nodiscard]] bool fisherfull(Pass& pass, FisherWork& fisher, Likelihood& likelihood, Scoring scoring);
 
 // Sum of the outer products of the level-3 units' scores (fishertype outerproducts). Returns true when its inverse
-// exists; a scoring that steps updates gammahat and the log-likelihood in any case.
+// exists; a scoring that steps updates gammahat and the log-likelihood even without, if the units have their inverses.
 [[nodiscard]] bool fisherouter(Pass& pass, FisherWork& fisher, Likelihood& likelihood, Scoring scoring);
 
 // By fishertype.

@@ -77,7 +77,7 @@ struct Pass {
 
   double fixsigma2 = 0.0;                        // what sigma^2 is held at; 0.0: it is estimated
   double likeconstant = 0.0;                     // nunits1 times half the logarithm of 2 pi
-  bool repaired = false;                         // a tau that it started from had to be repaired
+  bool repaired = false;                         // a tau of the start had to be repaired, and no other start was tried
   int nusable1 = 0, nusable2 = 0, nusable3 = 0;  // records and units that entered the moments of the starting values
 
   [[nodiscard]] int order(Tau which) const { return ofthe(which, p, b); }

@@ -17,9 +17,9 @@ using ImpliedVariance = std::function<Failure(double& sigma2)>;
 
 // Runs a pass whose data pass is done, up to the end of its ordinary stage: least squares, starting values, iterations.
 // The observer hears of all of these and gets the results of a heterogeneous stage; those of the ordinary one go to
-// `results`. `state` is carried from pass to pass: the failures of accelerated steps count for all of them. Without an
-// iteration the results have no likelihood and nothing else. An identity pass holds sigma^2 at `impliedvariance`, which
-// is asked once the least squares stand.
+// `results`. Without an iteration of the ordinary stage the results have the
+// likelihood of the heterogeneous one, if there was any, and nothing else. An identity pass holds sigma^2 at
+// `impliedvariance`, which is asked once the least squares stand.
 [[nodiscard]] Failure runpass(Pass& pass, IterationState& state, PassResults& results,
                               const ImpliedVariance& impliedvariance = {});
 

@@ -1,6 +1,6 @@
 // Maximum likelihood for Bernoulli, binomial and Poisson outcomes: by quadrature whose nodes go with the data, with one
 // point by the first-order Laplace approximation, or, for Bernoulli outcomes, by that of sixth order. Values in, values
-// out: nothing is printed, and no run is known here.
+// out.
 #pragma once
 
 #include <functional>
