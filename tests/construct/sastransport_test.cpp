@@ -138,39 +138,20 @@ TEST_F(Sas, DataThatEndEarly) {
   const std::string heads = whole.substr(0, start);
   const std::string data = whole.substr(start, 4 * width);
   const std::string name = "1.xpt";
-  const struct {
-    const char* what;
-    std::string text;
-    std::string words;
-    int records;
-  } cases[] = {
-      {"a first card that ends with its line feed", whole.substr(0, 48) + "\n" + whole.substr(80), "", 4},
-      {"one byte of the last record is missing", heads + data.substr(0, 4 * width - 1),
+  const std::string more = name + " holds more than one data set. Only the first one was read.\n" + extrawords;
+  const std::vector<EarlyEnd> cases = {
+      {whole.substr(0, 48) + "\n" + whole.substr(80), "", 4},  // a first card that ends with its line feed
+      {heads + data.substr(0, 4 * width - 1),
        name + " ends in the middle of record 4. That record does not count.\n" + extrawords, 3},
-      {"no filler behind the last record", heads + data, "", 4},
-      {"a record of blanks within", heads + data.substr(0, width) + std::string(width, ' ') + data.substr(2 * width),
+      {heads + data, "", 4},  // no filler behind the last record
+      {heads + data.substr(0, width) + std::string(width, ' ') + data.substr(2 * width),
        "Record 2 of " + name + " is blank, which ends the data. What stands behind it does not count.\n" + extrawords,
        1},
-      {"a second data set", whole + member(study.level[1], 140),
-       name + " holds more than one data set. Only the first one was read.\n" + extrawords, 4},
-      {"another transport file", whole + sasfile(study.level[1]),
-       name + " holds more than one data set. Only the first one was read.\n" + extrawords, 4},
-      {"a second data set behind whole cards of blanks", whole + std::string(160, ' ') + member(study.level[1], 140),
-       name + " holds more than one data set. Only the first one was read.\n" + extrawords, 4},
+      {whole + member(study.level[1], 140), more, 4},
+      {whole + sasfile(study.level[1]), more, 4},
+      {whole + std::string(160, ' ') + member(study.level[1], 140), more, 4},
   };
-  for (const auto& c : cases) {
-    makefile(name, c.text);
-    const ChildEnd outcome = makemdm(templateof(recipe));
-    EXPECT_EQ(outcome.code, 0) << c.what;
-    EXPECT_EQ(outcome.words, c.words) << c.what;
-    const ChildEnd counted = runchild([] {
-      run.mdm.stream = openfile("made.mdm", "rb");
-      readrunmdm();
-      std::printf("%d", run.mdm.nunits1);
-    });
-    EXPECT_EQ(counted.words, std::to_string(c.records)) << c.what;
-    EXPECT_NE(contents("KDR3MDM.STS").find(c.words.substr(0, c.words.find('\n'))), std::string::npos) << c.what;
-  }
+  expectends(recipe, study, cases);
 }
 
 TEST_F(Sas, Refusals) {

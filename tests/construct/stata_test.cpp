@@ -140,10 +140,6 @@ TEST_F(Stata, Ids) {
         {one("a", "b", 10000000000000.0),
          {"n", "x", {}},
          "ID must be no more than 12 digits long\nIt stands in record 1 of the level-1 file file.\n"},
-        {one("a", "b", 1),
-         {"n", "x", {"a"}},
-         "mdm variables must be numeric!\nVariable A of the level-1 file is a character variable.\n"},
-        {one("a", "b", 1), {"n", "a", {"x"}}, "ID's must be both be character or both numeric!\n"},
     };
     for (const auto& c : refused) {
       const ChildEnd outcome = refuseraw("stata", Dta{format, variables, 1, c.rows}.bytes(), c.columns);

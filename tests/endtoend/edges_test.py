@@ -156,10 +156,12 @@ for seed in range(40):
 
 # Maxima where a tau has no inverse, and a ridge that steps creep along (732), from the default criterion on: the least
 # deviances of densemaximum.py.
+work.write("s.mdmt", edgemodels.TEMPLATE)
 for seed, least in ((78, 1000.5523), (167, -185.5455), (259, 40.4087), (369, -18.2339), (437, -96.7173), (591, -84.6994),
                     (675, 1017.1195), (707, 7.6341), (732, -1483.9433)):
     made = edgemodels.Study(seed)
     made.write(work)
+    assert work.run("-r", "s.mdmt").returncode == 0
     done = work.run("-strict", "s.mdm", "s.kdr")
     text = work.read("s.txt")
     what = f"edge, {made}"

@@ -19,8 +19,10 @@ import time
 
 HERE = pathlib.Path(__file__).resolve().parent
 sys.path[:0] = [str(HERE.parent / "endtoend"), str(HERE)]
-from program import NOFILES, Workplace
+from program import NOFILES, Workplace, template
 
+TEMPLATE = template("s.mdm", ("s1.dat", "s2.dat", "s3.dat"), ("(2A4,4F20.10)", "(2A4,F20.10)", "(A4,F20.10)"),
+                    (["Y", "X1", "X2", "V"], ["Z"], ["Q"]))
 EFFECTS = ("none", "zero slope", "zero intercept", "rank one", "r=-1", "ordinary", "ordinary small")
 RESTRICTIONS = ("",) * 6 + ("CONTAU2:1,3", "CONTAU3:1,3", "DIAGONALIZETAUPI:Y", "DIAGONALIZETAUBETA:Y", "ESTTAU2:E,0,E",
                             "ESTTAU2:0.5,E,E", "ESTTAU3:0.3,E,E", "ESTTAU3:E,0.1,E", "FIXSIGMA2:0.8", "VARIANCEKNOWN:V",
@@ -60,23 +62,24 @@ class Study:
         self.rows, self.units = [[], [], []], []
         for k in range(few):
             v = draw3()
-            self.rows[2].append((k, 1.0))
+            self.rows[2].append("%4d%20.10f\n" % (k, 1.0))
             records = []
             for j in range(rng.randint(2, 6)):
                 u = draw2()
-                self.rows[1].append((k, j, 1.0))
+                self.rows[1].append("%4d%4d%20.10f\n" % (k, j, 1.0))
                 for _ in range(rng.randint(20, 40) if self.large else rng.randint(1, 7)):
                     x = [1.0, round(rng.gauss(0.3, 1) * unit, 8), round(rng.gauss(0, 1), 8)][:max(2, self.q)]
                     d = round(rng.uniform(0.3, 2), 8)
                     root = noise * (d ** 0.5 if self.restriction.startswith("VAR") else 1.0)
                     coefficients = [1 + u[0] + v[0]] + [0.5 + a + c for a, c in zip(u[1:], v[1:])]
                     y = round(sum(c * t / s for c, t, s in zip(coefficients, x, self.unit)) + rng.gauss(0, root), 8)
-                    self.rows[0].append((k, j, y, x[1], (x + [0.0])[2], d))
+                    self.rows[0].append("%4d%4d" % (k, j) + "".join("%20.10f" % t for t in (y, x[1], (x + [0.0])[2], d)) + "\n")
                     records.append((j, y, d, x[:self.q]))
             self.units.append(records)
 
     def write(self, work):
-        work.make(self.rows, "%20.10f", (["Y", "X1", "X2", "V"], ["Z"], ["Q"]))
+        for level in range(3):
+            work.write("s%d.dat" % (level + 1), "".join(self.rows[level]))
         model = "NONLIN:N\n"
         for i, name in enumerate(("INTRCPT1", "X1", "X2")[:self.q]):
             random2, random3 = "+RANDOM" * (i < self.p), "+RANDOM" * (i < self.b)
@@ -111,10 +114,12 @@ def main():
     path.write_text(json.dumps(maxima))
     for program in options.programs:
         work = Workplace(program)
+        work.write("s.mdmt", TEMPLATE)
         seconds, above, below, codes, warned = 0.0, [], 0, {}, 0
         for number in numbers:
             study = Study(number)
             study.write(work)
+            assert work.run("-r", "s.mdmt").returncode == 0
             begin = time.perf_counter()
             done = work.run("s.mdm", "s.kdr")
             seconds += time.perf_counter() - begin
