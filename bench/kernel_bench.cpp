@@ -40,14 +40,6 @@ void syminverse(benchmark::State& state) {
 }
 BENCHMARK(syminverse)->Apply(orders);
 
-void isbadcov(benchmark::State& state) {
-  const int n = static_cast<int>(state.range(0));
-  const std::vector<double> S = covariance(n);
-  double cond = 0.0;
-  for (auto _ : state) benchmark::DoNotOptimize(kdr::isbadcov(n, S.data(), n, &cond));
-}
-BENCHMARK(isbadcov)->Apply(orders);
-
 // Square products.
 void square(benchmark::State& state, decltype(&kdr::mulAB) product) {
   const int n = static_cast<int>(state.range(0));

@@ -287,34 +287,4 @@ bool ispositivedefinite(int n, const double* a, int ld, double* cond) {
   return std::all_of(d, d + order, [limit = 1e-13 / n](double eigenvalue) { return eigenvalue > limit; });
 }
 
-bool isbadcov(int n, const double* a, int ld, double* cond) {
-  if (cond != nullptr) *cond = bigvalue;
-  for (Index i = 0; i < n; ++i)
-    if (a[i * ld + i] < 0.0) return true;
-  return hasunitcorrelation(n, a, ld) || !ispositivedefinite(n, a, ld, cond);
-}
-
-double determinant(int n, const double* a, int ld, double* work) {
-  for (Index i = 0; i < n; ++i) std::copy_n(a + i * ld, n, work + i * n);
-  double det = 1.0;
-  for (Index c = 0; c + 1 < n; ++c) {
-    Index pivot = c;
-    for (Index i = c + 1; i < n; ++i)
-      if (std::fabs(work[i * n + c]) > std::fabs(work[pivot * n + c])) pivot = i;
-    double* const top = work + c * n;
-    if (pivot != c) {
-      std::swap_ranges(top + c, top + n, work + pivot * n + c);
-      det = -det;
-    }
-    for (Index i = c + 1; i < n; ++i) {
-      double* const row = work + i * n;
-      const double factor = row[c] / top[c];
-      for (Index j = c + 1; j < n; ++j) row[j] -= factor * top[j];
-      row[c] = 0.0;
-    }
-  }
-  for (Index c = 0; c < n; ++c) det *= work[c * n + c];
-  return det;
-}
-
 }  // namespace kdr

@@ -40,13 +40,4 @@ Inversion invertsymmetric(int n, const double* a, double* inverse);
 // Allocates for orders above 8 only.
 bool ispositivedefinite(int n, const double* a, int ld, double* cond);
 
-// True when a is not usable as a covariance matrix: a negative diagonal entry, a unit correlation, or not positive
-// definite. cond as for ispositivedefinite, or bigvalue when an earlier test has failed. Whether the condition number
-// is too large is for the caller to say.
-bool isbadcov(int n, const double* a, int ld, double* cond);
-
-// The determinant of the n by n matrix a, by Gaussian elimination with row pivoting. work, n by n doubles, receives the
-// upper triangular factor. A column without a non-zero pivot gives 0 or a non-finite value.
-[[nodiscard]] double determinant(int n, const double* a, int ld, double* work);
-
 }  // namespace kdr

@@ -113,36 +113,6 @@ TEST_F(Dialogue, WholeConversation) {
     EXPECT_TRUE(holds(outcome.words, words)) << words;
 }
 
-TEST_F(Dialogue, KindsOfOutcome) {
-  const std::string rest = "RESFIL2:N\nRESFIL3:N\nTITLE:t\nOUTPUT:o\nHYPOTH:N\nCONSTRAIN:N\nLVR-BETA:N\n";
-  const std::string model = "0\nn\nn\n0\nn\nn\n0\nn\n0\n0\n";  // the intercept alone at all levels
-  struct Case {
-    std::string answers;
-    std::vector<std::string> lines;
-  };
-  const Case cases[] = {
-      {"y\n1\n20\n10\nn\ny\n30\n4\n" + model,
-       {"MACROIT:20\nMICROIT:10\nNONLIN:BERNOULLI\nLAPLACE:y,30\n", "\nLEVEL1:Y=INTRCPT1+RANDOM\n",
-        "FIXSIGMA2:1.000000\n"}},
-      {"y\n2\n20\n10\ny\n4\n0\n4\n6\n" + model.substr(2), {"NONLIN:BINOMIAL,T\n"}},
-      {"y\n4\n20\n10\ny\n4\n0\n6\n" + model.substr(2), {"NONLIN:POISSON,T\n"}},
-      {"y\n6\n20\n10\n4\n3\n" + model,
-       {"NONLIN:ORDINAL,3\n", "LEVEL1:Y=INTRCPT1+THOLD2+RANDOM\n", "LEVEL2:INTRCPT1=INTRCPT2+RANDOM/\n"}},
-      {"y\n5\n20\n10\n4\n3\n3\n0\nn\nn\n1\n0\n0\n0\n0\nn\nn\nn\nn\nn\nn\n0\n0\n0\n0\n0\nn\n0\n0\n0\n0\n0\n0\n0\n0\n0\n",
-       {"NONLIN:MULTINOMIAL,3\n",
-        "LEVEL2:INTRCPT1=INTRCPT2+V+RANDOM/\nLEVEL3:INTRCPT2=INTRCPT3+RANDOM/\nLEVEL3:V=INTRCPT3+RANDOM/\n"
-        "LEVEL2:X=INTRCPT2+RANDOM/\nLEVEL3:INTRCPT2=INTRCPT3+RANDOM/\nLEVEL1:Y=INTRCPT1+X+RANDOM\n"}},
-  };
-  for (const Case& c : cases) {
-    const ChildEnd outcome = converse(rest, c.answers);
-    EXPECT_EQ(outcome.code, 0) << c.answers << outcome.words;
-    const std::string text = contents("new.kdr");
-    for (const std::string& line : c.lines) EXPECT_TRUE(holds(text, line)) << line << text << outcome.words;
-    EXPECT_FALSE(holds(outcome.words, "How many iterations"));
-    EXPECT_FALSE(holds(outcome.words, "THOLD"));
-  }
-}
-
 TEST_F(Dialogue, NoLevel1Intercept) {
   const ChildEnd outcome = converse(settled, "n\n4\n3\n0\ny\nn\n0\nn\nn\n0\nn\n0\n0\n");
   EXPECT_EQ(outcome.code, 0) << outcome.words;

@@ -29,6 +29,7 @@ std::string invalid(const char* what, const std::string& words, int line, const 
 std::vector<Case> cases() {
   const std::string hint = "A line is a keyword, a colon and directly behind it a value, or it begins with #.\n";
   const std::string name256(256, 'x'), path260 = std::string(100, 'x') + "/" + std::string(159, 'x');
+  const std::string twosets = "NONLIN:MULTINOMIAL,3\nMACROIT:3\n" + samplemodel;
   const std::string late = " must be specified after complete model\n";
   return {
       // The line.
@@ -285,6 +286,13 @@ std::vector<Case> cases() {
        "The line #KDR3 LEVEL1: and the line LEVEL1: behind it have different terms!\n"},
       {"DEVIANCE:100\n", 0, " Deviance and df must be specified together\n"},
       {"DEVIANCE:100\nDF:5\n", 0, ""},
+      // The second set of equations comes after a list whose length the model gives.
+      {twosets + "GAMMA1:1,1,0,0,0,0,0,0,0,0\n" + samplemodel, 100, "Gammas" + late},
+      {twosets + "CONSTRAIN:1,1\n" + samplemodel, 100, "Constraints" + late},
+      {twosets + "ESTTAU2:1,E,E,E,E,E,E,E,E,E\n" + samplemodel, 100, "Estimated tau(pi)" + late},
+      {twosets + "CONTAU3:1,2\n" + samplemodel, 100, "Constrained tau(beta)" + late},
+      {twosets + samplemodel + "GAMMA1:1,1,0,0,0,0,0,0,0,0\nCONSTRAIN:1,1\nESTTAU2:1,E,E,E,E,E,E,E,E,E\nCONTAU3:1,2\n",
+       0, ""},
   };
 }
 
@@ -310,22 +318,4 @@ TEST(Messages, ThresholdNamesAreReserved) {
   });
   EXPECT_EQ(outcome.code, 100);
   EXPECT_EQ(outcome.words, "Variable names starting with THOLD are reserved for ordinal runs\n");
-}
-
-TEST(Messages, ModelLinesBehindListsOfItsLength) {
-  const Workplace workplace;
-  // The second set of equations comes after a list whose length the model gives.
-  const std::string head = "NONLIN:MULTINOMIAL,3\nMACROIT:3\n" + samplemodel;
-  const Case late[] = {
-      {"GAMMA1:1,1,0,0,0,0,0,0,0,0\n", 100, "Gammas must be specified after complete model\n"},
-      {"CONSTRAIN:1,1\n", 100, "Constraints must be specified after complete model\n"},
-      {"ESTTAU2:1,E,E,E,E,E,E,E,E,E\n", 100, "Estimated tau(pi) must be specified after complete model\n"},
-      {"CONTAU3:1,2\n", 100, "Constrained tau(beta) must be specified after complete model\n"},
-  };
-  for (const Case& c : late) {
-    const ChildEnd outcome = readinchild(head + c.text + samplemodel);
-    EXPECT_EQ(outcome.code, c.code) << c.text;
-    EXPECT_EQ(outcome.words, c.words) << c.text;
-    EXPECT_EQ(readinchild(head + samplemodel + c.text).words, "") << c.text;
-  }
 }

@@ -1,6 +1,8 @@
 // What the tests of the raw readers share: a small study, its templates, and the contents of the MDM file made from it.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <cstring>
 #include <string>
 #include <variant>
@@ -167,6 +169,26 @@ inline std::string studyshown(const Study& study, bool textids) {
       if (row[0] == unit[0] && row[1] == unit[1]) text += values(row, 4);
   }
   return text;
+}
+
+// A level-1 file of the small study that ends early or holds more: what is said, and how many of its records count.
+struct EarlyEnd {
+  std::string text, words;
+  std::size_t records;
+};
+inline void expectends(const Recipe& recipe, const Study& study, const std::vector<EarlyEnd>& cases) {
+  for (const EarlyEnd& c : cases) {
+    makefile(recipe.file[0], c.text);
+    const ChildEnd outcome = makemdm(templateof(recipe));
+    EXPECT_EQ(outcome.code, 0) << c.words;
+    EXPECT_EQ(outcome.words, c.words);
+    Study left = study;
+    left.level[0].rows.resize(c.records);
+    left.level[1].rows.resize(c.records > 2 ? c.records - 1 : 1);
+    left.level[2].rows.resize(c.records == 4 ? 2 : 1);
+    EXPECT_EQ(contents("shown"), studyshown(left, false)) << c.words;
+    EXPECT_NE(contents("KDR3MDM.STS").find(c.words.substr(0, c.words.find('\n'))), std::string::npos) << c.words;
+  }
 }
 
 }  // namespace kdr

@@ -228,11 +228,7 @@ TEST_F(Systat, DataThatEndEarly) {
   const std::size_t second = open.size() - 3 * record.size();
   const std::size_t widerecord = recordtext(widened(study.level[0], 30), widened(study.level[0], 30).rows[0], 2).size();
   const std::size_t widesecond = wide.size() - 1 - 3 * widerecord;
-  const struct {
-    std::string text;
-    std::string words;
-    std::size_t records;
-  } cases[] = {
+  const std::vector<EarlyEnd> cases = {
       {whole.substr(0, whole.size() - 3), cut, 3},
       {whole.substr(0, whole.size() - 60), cut, 3},
       {wide.substr(0, wide.size() - 3), cut, 3},
@@ -250,17 +246,7 @@ TEST_F(Systat, DataThatEndEarly) {
       {std::string(wide).replace(widesecond + 130, 1, "\x50"), damaged(2), 1},
       {std::string(wide).replace(widesecond + widerecord - 1, 1, "\x01"), damaged(2), 1},
   };
-  for (const auto& c : cases) {
-    makefile("1.sys", c.text);
-    const ChildEnd outcome = makemdm(templateof(recipe));
-    EXPECT_EQ(outcome.code, 0);
-    EXPECT_EQ(outcome.words, c.words);
-    Study left = study;
-    left.level[0].rows.resize(c.records);
-    left.level[1].rows.resize(c.records > 2 ? c.records - 1 : 1);
-    left.level[2].rows.resize(c.records == 4 ? 2 : 1);
-    EXPECT_EQ(contents("shown"), studyshown(left, false)) << c.words;
-  }
+  expectends(recipe, study, cases);
 }
 
 // The list keeps the order of the answers, and names that a template could not hold are no choice.
@@ -285,20 +271,7 @@ TEST_F(Systat, Dialogue) {
   EXPECT_EQ(contents("made.mdm"), first);
 }
 
-// An MDM file that is there already outlives the words on a choice that cannot be.
-TEST_F(Systat, ChoicesThatSpareTheFile) {
-  Recipe character = recipe;
-  character.names[0] = "T2$\nX\n";
-  makefile("t.mdmt", templateof(character));
-  makefile("made.mdm", "old");
-  const ChildEnd refused = runchild([] {
-    readtemplate("t.mdmt");
-    mkmdm();
-  });
-  EXPECT_EQ(refused.code, 100);
-  EXPECT_EQ(refused.words,
-            "mdm variables must be numeric!\nVariable T2$ of the level-1 file is a character variable.\n");
-  EXPECT_EQ(contents("made.mdm"), "old");
+TEST_F(Systat, NoVariable) {
   Recipe none1 = recipe;
   none1.names[0] = "";
   const ChildEnd outcome = makemdm(templateof(none1));

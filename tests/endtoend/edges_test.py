@@ -12,7 +12,6 @@ from program import Checks, Workplace
 
 check = Checks()
 work = Workplace(sys.argv[1])
-work.write("s.mdmt", ordinarysets.TEMPLATE)
 MODEL = """NONLIN:N
 LEVEL1:Y=INTRCPT1{x}+RANDOM
 LEVEL2:INTRCPT1=INTRCPT2+RANDOM/
@@ -21,23 +20,21 @@ LEVEL3:INTRCPT2=INTRCPT3+RANDOM/
 SLOPE = "LEVEL2:X1=INTRCPT2+RANDOM/\nLEVEL3:INTRCPT2=INTRCPT3{random}/\n"
 
 
-def study(units3, units2, records, y, scalex=1.0, scaley=1.0, x=lambda rng, i: rng.gauss(0, 1), z=lambda k, j: 1.0):
+def study(units3, units2, records, y, scalex=1.0, scaley=1.0, x=lambda rng, i: rng.gauss(0, 1), z=lambda k, j: 1.0,
+          **missing):
     """y(rng, k) starts a level-3 unit and gives a function that starts a level-2 unit and gives one of x."""
     rng = random.Random(5)
     rows = [[], [], []]
     for k in range(units3):
         start2 = y(rng, k)
-        rows[2].append("%4d%20.10f\n" % (k, 1.0 + k % 3))
+        rows[2].append((k, 1.0 + k % 3))
         for j in range(units2(k) if callable(units2) else units2):
             value = start2()
-            rows[1].append("%4d%4d%20.10f\n" % (k, j, z(k, j)))
+            rows[1].append((k, j, z(k, j)))
             for i in range(records(k + j) if callable(records) else records):
                 x1 = x(rng, i)
-                cells = (scaley * value(x1), scalex * x1, -1.0 - i)
-                rows[0].append("%4d%4d" % (k, j) + "".join(("%20.14f" % c)[:20] for c in cells) + "\n")
-    for level in range(3):
-        work.write("s%d.dat" % (level + 1), "".join(rows[level]))
-    assert work.run("-r", "s.mdmt").returncode == 0
+                rows[0].append((k, j, scaley * value(x1), scalex * x1, -1.0 - i))
+    work.make(rows, "%20.14f", ordinarysets.VARIABLES, **missing)
 
 
 def slopes(sd2=(1, 0.5), sd3=(0.7, 0.3), sde=1.0):
@@ -154,7 +151,6 @@ for units2, code in ((3, 0), (2, 100)):
 # Ordinary studies end with estimates.
 for seed in range(40):
     line = ordinarysets.study(work, seed)
-    assert work.run("-r", "s.mdmt").returncode == 0
     done = work.run("s.mdm", "s.kdr")
     check(done.returncode == 0, f"{line}: code {done.returncode}")
 
@@ -171,7 +167,6 @@ for seed, least in ((78, 1000.5523), (167, -185.5455), (259, 40.4087), (369, -18
     what = f"edge, {made}"
     check(done.returncode == 0 and "At iteration" in text and "At iteration" in done.stdout, what + ": no search")
     check(abs(number("Deviance  +", text) - least) < 0.001, f"{what}: deviance {number('Deviance  +', text)}, least {least}")
-work.write("s.mdmt", ordinarysets.TEMPLATE)
 
 # Words. Of two equal gammas the second is removed, the first row of its coefficient: the heading goes to the next row.
 study(15, 4, 6, slopes(sd3=(0.5, 0)))
@@ -206,13 +201,10 @@ for name, cell in (("s.txt", r"Precision +yes +X1 +no\n"), ("s.html", r"Precisio
     check("compare such deviances only with each other" in text, f"{name}: deviances of known variances")
 
 # A record that lacks one of them, or its weight, is deleted.
-work.write("s.mdmt", ordinarysets.TEMPLATE.replace("l1missing:n\ntimeofdeletion:now",
-                                                   "l1missing:y/SAME\n-99.000000\ntimeofdeletion:analysis"))
-study(15, 4, 6, slopes(), x=lambda rng, i: 1 + rng.random() if i else -99.0)
+study(15, 4, 6, slopes(), x=lambda rng, i: 1 + rng.random() if i else -99.0, missing="y/SAME\n-99.000000", deletion="analysis")
 for keyword in ("VARIANCEKNOWN", "LEVEL1WEIGHT"):
     text = fit(keyword + " with missing values", x="", more="", **{keyword: "X1"})
     check("level-1 records to 300" in text, f"{keyword} with missing values: {text[-200:]}")
-work.write("s.mdmt", ordinarysets.TEMPLATE)
 
 # Weights are tested as they were read: a mean of negative ones would make them positive.
 study(15, 4, 6, slopes(), z=lambda k, j: -1.0 - j)

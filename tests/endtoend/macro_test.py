@@ -11,14 +11,12 @@ import subprocess
 import sys
 
 import report
-from program import NOFEATURES, NOFILES, Checks, Workplace, body, template
+from program import NOFEATURES, NOFILES, Checks, Workplace, body
 from residualfiles import read, readgraph
 
 check = Checks()
 work = Workplace(sys.argv[1])
 
-TEMPLATE = template("m.mdm", ("m1.dat", "m2.dat", "m3.dat"), ("(2A4,5F12.4)", "(2A4,F12.4)", "(A4,F12.4)"),
-                    (["Y", "COUNT", "N", "GRADE", "X"], ["Z"], ["Q"]))
 MODEL = """NONLIN:{kind}
 MACROIT:{macroit}
 MICROIT:50
@@ -43,21 +41,18 @@ def study(change=lambda row, i: row, records=6):
     rows = [[], [], []]
     for k in range(12):
         v = rng.gauss(0, 0.7)
-        rows[2].append("%4d%12.4f\n" % (k, rng.gauss(0, 1)))
+        rows[2].append((k, rng.gauss(0, 1)))
         for j in range(5):
             u = rng.gauss(0, 0.8)
-            rows[1].append("%4d%4d%12.4f\n" % (k, j, rng.gauss(0, 1)))
+            rows[1].append((k, j, rng.gauss(0, 1)))
             for _ in range(records):
                 x, n = rng.gauss(0, 1), rng.randint(1, 5)
                 eta = -0.2 + 0.6 * x + u + v
                 made = [float(rng.random() < 1 / (1 + 2.718 ** -eta)) for _ in range(n)]
                 row = change([made[0], sum(made), n, 1 + (eta + rng.gauss(0, 1) > -0.8) + (eta + rng.gauss(0, 1) > 0.6), x],
                              len(rows[0]))
-                rows[0].append("%4d%4d" % (k, j) + "".join("%12.4f" % c for c in row) + "\n")
-    for level in range(3):
-        work.write("m%d.dat" % (level + 1), "".join(rows[level]))
-    done = work.run("-r", work.write("m.mdmt", TEMPLATE))
-    assert done.returncode == 0, done.stdout
+                rows[0].append((k, j, *row))
+    work.make(rows, "%12.4f", (["Y", "COUNT", "N", "GRADE", "X"], ["Z"], ["Q"]), "m.mdm")
 
 
 def fit(kind, y="Y", macroit="30,N", more="", cuts="", answers="", form="txt", equations=EQUATIONS):
@@ -221,20 +216,24 @@ def dialogue():
     """A model typed in answer to the questions gives the report of the command file that the run leaves."""
     study()
     kinds = {
-        "Bernoulli": ("1", "1", {"outcome variable": ["1"], "over-dispersion": ["n"], "Laplace-6": ["n"]}),
-        "binomial": ("2", "1", {"outcome variable": ["2"], "over-dispersion": ["y"], "number of trials": ["3"]}),
-        "Poisson": ("3", "1", {"outcome variable": ["2"], "over-dispersion": ["y"]}),
-        "Poisson with exposure": ("4", "1", {"outcome variable": ["2"], "over-dispersion": ["n"], "exposure": ["3"]}),
-        "multinomial": ("5", "2", {"outcome variable": ["4"], "How many categories": ["3"]}),
-        "ordinal": ("6", "1", {"outcome variable": ["4"], "How many categories": ["3"]}),
+        "Bernoulli": ("1", "NONLIN:BERNOULLI\nLAPLACE:y,30\n",
+                      {"outcome variable": ["1"], "over-dispersion": ["n"], "Laplace-6": ["y"], "Laplace macro": ["30"]}),
+        "binomial": ("2", "NONLIN:BINOMIAL,N\n", {"outcome variable": ["2"], "over-dispersion": ["y"], "number of trials": ["3"]}),
+        "Poisson": ("3", "NONLIN:POISSON\n", {"outcome variable": ["2"], "over-dispersion": ["y"]}),
+        "Poisson with exposure": ("4", "NONLIN:POISSON,N\n",
+                                  {"outcome variable": ["2"], "over-dispersion": ["n"], "exposure": ["3"]}),
+        "multinomial": ("5", "INTRCPT3/\nLEVEL1:GRADE=INTRCPT1+X+RANDOM\nLEVEL2:INTRCPT1=INTRCPT2+RANDOM/\n",
+                        {"outcome variable": ["4"], "How many categories": ["3"]}),
+        "ordinal": ("6", "NONLIN:ORDINAL,3\nLEVEL1:GRADE=INTRCPT1+X+THOLD2+RANDOM\n",
+                    {"outcome variable": ["4"], "How many categories": ["3"]}),
     }
-    for name, (kind, sets, own) in kinds.items():
+    for name, (kind, lines, own) in kinds.items():
         rules = dict({"raw data": ["n"], "name of MDM": ["m.mdm"], "non-linear analysis": ["y"], "type of analysis": [kind],
                       "macro iterations": ["100"], "micro iterations": ["60"], "level-1 predictor": ["5", "0"],
                       "Level-2 predictor": ["1"] + ["0"] * 15, "Level-3 predictor": ["1"] + ["0"] * 25,
                       "title": ["typed", "typed.txt"], "constrain the variances": ["y"] * 2,
                       "fix +X|fix INTRCPT1/ +Z": ["y"] * 9}, **own)
-        given, said = "", ""
+        given, said, held = "", "", own.get("over-dispersion") != ["y"]
         for _ in range(90):
             done = work.run(answers=given)
             said = done.stdout
@@ -245,12 +244,15 @@ def dialogue():
             rule = next((r for r in rules if re.search(r, question) and rules[r]), None)
             given += (rules[rule].pop(0) if rule else "n") + "\n"
         check("typed.txt" in [p.name for p in work.folder.iterdir()], f"dialogue, {name}: no report\n{said[-600:]}")
-        text = body(work.read("typed.txt"))
+        text, written = body(work.read("typed.txt")), work.read("newcmd.kdr")
         (work.folder / "typed.txt").unlink()
         done = work.run("m.mdm", "newcmd.kdr", answers="n\n")  # should it not converge
         again = body(work.read("typed.txt"))
         check(done.returncode == 0 and again == text, f"dialogue, {name}: " + f"{len(text)} lines, then {len(again)}; " + "\n".join(sorted(set(again) ^ set(text))))
         check(any("G001" in line for line in text), f"dialogue, {name}: the model")
+        check(lines in written and "MACROIT:100\nMICROIT:60\n" in written and ("FIXSIGMA2:1.0" in written) == held,
+              f"dialogue, {name}: newcmd.kdr\n{written}")
+        check(not re.search("How many iterations|THOLD", said), f"dialogue, {name}: questions that have no place")
 
 
 def graph():

@@ -5,7 +5,7 @@
 import random
 import sys
 
-from program import NOFEATURES, Checks, Workplace, body, template
+from program import NOFEATURES, Checks, Workplace, body
 from residualfiles import FORMS, graphfile, read
 
 work, check = Workplace(sys.argv[1]), Checks()
@@ -34,19 +34,18 @@ KINDS = {  # head, outcome, thresholds, how the graph file is read
 
 def study():
     rng = random.Random(3)
-    lines = {1: [], 2: [], 3: []}
+    rows = [[], [], []]
     for k in range(1, 21):
         v = rng.gauss(0, 0.7)
-        lines[3].append("%4d%9.4f" % (k, rng.gauss(0, 1)))
+        rows[2].append((k, rng.gauss(0, 1)))
         for j in range(1, 5):
             u = rng.gauss(0, 0.7)
-            lines[2].append("%4d%6d%9.4f" % (k, 10 * k + j, rng.gauss(0, 1)))
+            rows[1].append((k, 10 * k + j, rng.gauss(0, 1)))
             for _ in range(6):
                 x = rng.gauss(0, 1)
                 y = 0.3 + 0.5 * x + u + v + rng.gauss(0, 1)
-                lines[1].append("%4d%6d%9.4f%9.4f%4d%4d" % (k, 10 * k + j, y, x, y > 0.3, 1 + (y > 0) + (y > 1)))
-    for level, text in lines.items():
-        work.write(f"l{level}.dat", "\n".join(text) + "\n")
+                rows[0].append((k, 10 * k + j, y, x, y > 0.3, 1 + (y > 0) + (y > 1)))
+    return rows
 
 
 def outcome(name, kind, form):
@@ -59,16 +58,10 @@ def outcome(name, kind, form):
     return report, tables, graphfile.read(str(work.folder / "graph.bin"), str(work.folder / (name + ".mdm")), **graph)
 
 
-study()
 want = {}
 for n2, n3 in ((1, 1), (0, 1), (1, 0), (0, 0)):
     name = f"m{n2}{n3}"
-    work.write(name + ".mdmt", template(
-        name + ".mdm", ("l1.dat", "l2.dat", "l3.dat"),
-        ("(A4,A6,2F9.4,2F4.0)", "(A4,A6%s)" % (",F9.4" * n2), "(A4%s)" % (",F9.4" * n3)),
-        (["Y", "X", "B", "C"], ["Z"] * n2, ["Q"] * n3)))
-    done = work.run("-r", name + ".mdmt")
-    check(done.returncode == 0, f"making {name}: {done.stdout[-300:]}")
+    work.make(study(), "%9.4f", (["Y", "X", "B", "C"], ["Z"] * n2, ["Q"] * n3), name + ".mdm")
     for kind in KINDS:
         for form in FORMS if kind == "linear" else ("SPSS",):
             if n2 + n3 == 1 and form not in ("SPSS", "SYSTAT"):

@@ -1,6 +1,7 @@
 """Running the built program in a folder of its own. Shared by the end-to-end tests; the standard library only."""
 import os
 import pathlib
+import re
 import shutil
 import subprocess
 import tempfile
@@ -45,6 +46,11 @@ class Workplace:
             lines = kept + [f"{keyword}:{value}"]
         return self.write(name, "\n".join(lines) + "\n")
 
+    def make(self, rows, cell, variables, mdm="s.mdm", **missing):
+        """A made study by fixedtext(), and its MDM file."""
+        done = self.run("-r", fixedtext(self.folder, rows, cell, variables, mdm, **missing))
+        assert done.returncode == 0, done.stdout
+
 
 def run(program, folder, *words):
     """Exit code and all that the program says, run with -q in a folder of the test's own."""
@@ -71,6 +77,20 @@ def template(mdm, files, formats, variables, missing="n", deletion="now"):
     for level, names in enumerate(variables, 1):
         lines += [f"*begin l{level}vars", *names, f"*end l{level}vars"]
     return "\n".join(lines) + "\n"
+
+
+def fixedtext(folder, rows, cell, variables, mdm="s.mdm", **missing):
+    """Writes a made study and its template, whose name comes back. The rows of each level hold the IDs, which get 4 columns
+    each, and numbers of the form `cell`, cut to its width; numbers behind a level's variables are not read."""
+    stem, formats = mdm.removesuffix(".mdm"), []
+    width, digits = re.findall(r"\d+", cell)
+    files = [f"{stem}{level}.dat" for level in (1, 2, 3)]
+    for file, made, names, ids in zip(files, rows, variables, (2, 2, 1)):
+        lines = ("%4d" * ids % tuple(row[:ids]) + "".join((cell % x)[:int(width)] for x in row[ids:]) for row in made)
+        pathlib.Path(folder, file).write_text("\n".join(lines) + "\n")
+        formats.append("(" + "2A4"[2 - ids:] + f",{len(names)}F{width}.{digits}" * bool(names) + ")")
+    pathlib.Path(folder, stem + ".mdmt").write_text(template(mdm, files, formats, variables, **missing))
+    return stem + ".mdmt"
 
 
 # What a command file has to say for no question to be asked, behind its equations.

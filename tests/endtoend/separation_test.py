@@ -8,12 +8,10 @@ import json
 import random
 import sys
 
-from program import NOFEATURES, NOFILES, Checks, Workplace, template
+from program import NOFEATURES, NOFILES, Checks, Workplace
 
 check = Checks()
 work = Workplace(sys.argv[1])
-work.write("s.mdmt", template("s.mdm", ("s1.dat", "s2.dat", "s3.dat"), ("(2A4,7F12.6)", "(2A4,F12.6)", "(A4,F12.6)"),
-                              (["Y", "TIMES", "GRADE", "N", "X", "W", "D"], ["D2"], ["D3"])))
 KINDS = {"BERNOULLI": "Y", "BERNOULLI,N": "TIMES", "POISSON": "TIMES", "POISSON,N": "TIMES", "MULTINOMIAL,3": "GRADE",
          "ORDINAL,3": "GRADE"}
 ENGINES = ("", "LAPLACE:Y,30\n", "AGQ:Y,30,3\n", "AGQ:Y,30,5\nAGQNODES:FIXED\n")
@@ -25,10 +23,10 @@ def study(change):
     rows = [[], [], []]
     for k in range(14):
         v, d3 = rng.gauss(0, 0.6), float(k % 5 == 1)
-        rows[2].append("%4d%12.6f\n" % (k, d3))
+        rows[2].append((k, d3))
         for j in range(4):
             u, d2 = rng.gauss(0, 0.6), float(rng.random() < 0.3)
-            rows[1].append("%4d%4d%12.6f\n" % (k, j, d2))
+            rows[1].append((k, j, d2))
             for i in range(7):
                 x, w, n = rng.gauss(0, 1), rng.gauss(0, 1), rng.randint(1, 4)
                 eta = 0.3 * x - 0.3 * w + u + v
@@ -36,11 +34,8 @@ def study(change):
                 grade = 1.0 + (eta + rng.gauss(0, 1.6) > -0.7) + (eta + rng.gauss(0, 1.6) > 0.7)
                 row = [made[0], sum(made), grade, n, x, w, float(rng.random() < 0.25)]
                 change(row, d2, d3)
-                rows[0].append("%4d%4d" % (k, j) + "".join("%12.6f" % c for c in row) + "\n")
-    for level in range(3):
-        work.write("s%d.dat" % (level + 1), "".join(rows[level]))
-    done = work.run("-r", "s.mdmt")
-    assert done.returncode == 0, done.stdout
+                rows[0].append((k, j, *row))
+    work.make(rows, "%12.6f", (["Y", "TIMES", "GRADE", "N", "X", "W", "D"], ["D2"], ["D3"]))
 
 
 def fit(kind, predictors, more="", level2="", level3="", strict=("-strict",)):

@@ -3,13 +3,11 @@ import random
 import re
 import sys
 
-from program import NOFEATURES, NOFILES, Checks, Workplace, template
+from program import NOFEATURES, NOFILES, Checks, Workplace
 
 check = Checks()
 work = Workplace(sys.argv[1])
 
-TEMPLATE = template("s.mdm", ("s1.dat", "s2.dat", "s3.dat"), ("(2A4,3F12.6)", "(2A4,F12.6)", "(A4,F12.6)"),
-                    (["Y", "X", "X2"], ["Z"], ["Q"]))
 MODEL = """NONLIN:N
 LEVEL1:Y=INTRCPT1+X{more}+RANDOM
 LEVEL2:INTRCPT1=INTRCPT2+RANDOM/
@@ -25,22 +23,18 @@ OUTPUT:s.txt
 def study(units3, units2, records, sd2=(1, 0.5), sd3=(0.7, 0.3), sde=1.0, y=None, seed=11):
     """Makes s.mdm; `records` is a number or a function of the running number of the level-2 unit."""
     rng = random.Random(seed)
-    rows1, rows2, rows3 = [], [], []
+    rows = [[], [], []]
     for k in range(units3):
         q, v0, v1 = rng.gauss(0, 1), rng.gauss(0, sd3[0]), rng.gauss(0, sd3[1])
-        rows3.append("%4d%12.6f\n" % (k, q))
+        rows[2].append((k, q))
         for j in range(units2):
             z, u0, u1 = rng.gauss(0, 1), rng.gauss(0, sd2[0]), rng.gauss(0, sd2[1])
-            rows2.append("%4d%4d%12.6f\n" % (k, j, z))
-            for _ in range(records(len(rows2)) if callable(records) else records):
+            rows[1].append((k, j, z))
+            for _ in range(records(len(rows[1])) if callable(records) else records):
                 x = rng.gauss(0, 1)
                 value = 1 + u0 + v0 + (2 + u1 + v1) * x + rng.gauss(0, 1) * sde if y is None else y(x)
-                rows1.append("%4d%4d%12.5f%12.6f%12.6f\n" % (k, j, value, x, 2 * x + 1))
-    work.write("s1.dat", "".join(rows1))
-    work.write("s2.dat", "".join(rows2))
-    work.write("s3.dat", "".join(rows3))
-    work.write("s.mdmt", TEMPLATE)
-    assert work.run("-r", "s.mdmt").returncode == 0
+                rows[0].append((k, j, round(value, 5), x, 2 * x + 1))
+    work.make(rows, "%12.6f", (["Y", "X", "X2"], ["Z"], ["Q"]))
 
 
 def fit(what, codes, words="", q="", more="", moreequations="", **keywords):

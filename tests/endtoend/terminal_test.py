@@ -244,7 +244,7 @@ def missing():
 
 def converting():
     """A SAS data set in the place of a transport file: the conversion is offered, and the job is told what to do."""
-    program = work.write("sas", "#!/bin/sh\ncp $1 job.txt\necho made > visits.ssp\n")
+    program = work.write("sas", "#!/bin/sh\ncp $1 job.txt\necho made | tee visits.ssp > xyzzy.log\n")
     (work.folder / program).chmod(0o755)
     work.write("visits.ssd", "")
     path = os.environ["PATH"]
@@ -256,7 +256,8 @@ def converting():
         check((reply == "y") == ("Please keep visits.ssp around" in done.stdout), f"converted after {reply}")
         question = "level-2" if reply == "y" else "level-1"
         check(done.stdout.endswith(f"\nInput name of {question} file: " + NORESPONSE), f"the next question after {reply}")
-    check("select visits;\n" in work.read("job.txt") and "'./visits.ssp'" in work.read("job.txt"), "the job")
+    check(work.read("job.txt") == "libname tranfile sasv5xpt './visits.ssp';\nlibname fileout \".\";\n"
+          "proc copy in=fileout out=tranfile;\nselect visits;\nrun;\n" and not list(work.folder.glob("xyzzy.*")), "the job")
     work.environment["PATH"] = path
 
 

@@ -274,12 +274,11 @@ def solve(folder, case):
     points = CASES[case][3]
     data = read(folder, case)
     start = truth(case)
-    attruth = loglikelihood(data, *unpack(start, data.q, data.r), points)
     theta, best, gradient = maximise(data, start, points)
     se = standarderrors(data, theta, points)
     with open(f"{folder}/{case}.ref", "w") as file:
         file.write(f"# {points} points, largest gradient {gradient:.1e}\n")
-        file.write(f"atstart {attruth:.6f}\nmaximum {best:.6f}\n")
+        file.write(f"maximum {best:.6f}\n")
         for name, values in (("start", start), ("estimate", theta), ("se", se)):
             file.write(name + "".join(f" {v:.7f}" for v in values) + "\n")
     print(case, best, theta, se, flush=True)

@@ -16,10 +16,8 @@ import densequadrature as dense
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "endtoend"))
 import report
-from program import NOFEATURES, NOFILES, template
+from program import NOFEATURES, NOFILES, fixedtext
 
-TEMPLATE = template("f.mdm", ("f1.dat", "f2.dat", "f3.dat"), ("(2A4,F4.0,F8.3)", "(2A4,F8.3)", "(A4,F8.3)"),
-                    (["Y", "X"], ["W"], ["Z"]))
 MODEL = """NONLIN:BERNOULLI
 MACROIT:100,N
 MICROIT:200
@@ -40,30 +38,26 @@ def make(folder, number):
     rng = np.random.default_rng(2000 + number)
     q, units2, records = 1 + (number % 10 == 9), 3 + number % 6, 2 + number % 5
     s2, s3 = 2 + 0.02 * number, 3 - 0.02 * number
-    rows, lines = [], {1: "", 2: "", 3: ""}
+    rows, two, three = [], [], []
     for k in range(40):
-        lines[3] += "%4d%8.3f\n" % (k, 0)
+        three.append((k, 0))
         v = s3 * rng.normal()
         for j in range(units2):
-            lines[2] += "%4d%4d%8.3f\n" % (k, j, 0)
+            two.append((k, j, 0))
             u, slope = s2 * rng.normal(), (q - 1) * rng.normal()
             for _ in range(records):
                 x = round(rng.normal(), 3)
                 y = int(rng.random() < 1 / (1 + np.exp(-(0.5 + v + u + (0.5 + slope) * x))))
                 rows.append((k, j, y, x))
-                lines[1] += "%4d%4d%4d%8.3f\n" % rows[-1]
-    for level, text in lines.items():
-        with open(f"{folder}/f{level}.dat", "w") as file:
-            file.write(text)
+    fixedtext(folder, (rows, two, three), "%8.3f", (["Y", "X"], ["W"], ["Z"]), "f.mdm")
     truth = [s2 * s2] + [0, 1] * (q - 1) + [s3 * s3, 0.5, 0.5]
     return np.array(rows), np.array(truth), q
 
 
 def one(program, folder, number, points):
     rows, truth, q = make(folder, number)
-    for name, text in (("f.mdmt", TEMPLATE), ("f.kdr", MODEL % (points, "+RANDOM" if q == 2 else ""))):
-        with open(f"{folder}/{name}", "w") as file:
-            file.write(text)
+    with open(f"{folder}/f.kdr", "w") as file:
+        file.write(MODEL % (points, "+RANDOM" if q == 2 else ""))
     subprocess.run([program, "-q", "-r", "f.mdmt"], cwd=folder, stdout=subprocess.PIPE, check=True)
     said = subprocess.run([program, "f.mdm", "f.kdr"], cwd=folder, stdout=subprocess.PIPE, text=True, check=True).stdout
     text = report.read(f"{folder}/f.txt").text

@@ -21,10 +21,7 @@ import numpy as np
 from scipy.special import gammaln, logsumexp
 
 sys.path.insert(0, str(pathlib.Path(__file__).parent.parent / "endtoend"))
-from program import NOFEATURES, NOFILES, run, template
-
-TEMPLATE = template("s.mdm", ("s1.dat", "s2.dat", "s3.dat"), ("(2A4,4F24.12)", "(2A4,F24.12)", "(A4,F24.12)"),
-                    (["Y", "N", "X1", "X2"], ["W"], ["Z"]))
+from program import NOFEATURES, NOFILES, fixedtext, run
 
 
 def study(seed, only=None):
@@ -59,29 +56,11 @@ def study(seed, only=None):
     return outcome, q, r, np.array([l for l in lines])
 
 
-def cell(x):
-    text = "%24.12f" % x if abs(x) >= 1e-2 or x == 0 else "%24.17f" % x
-    assert len(text) == 24, text
-    return text
-
-
 def write(folder, outcome, q, r, rows, engine):
-    text = {1: "", 2: "", 3: ""}
-    seen = set()
-    for k, j, y, n, x1, x2, w, z in rows:
-        ids = "%4d" % k, "%4d" % j
-        text[1] += ids[0] + ids[1] + "".join(map(cell, (y, n, x1, x2))) + "\n"
-        if (k, j) not in seen:
-            text[2] += ids[0] + ids[1] + cell(w) + "\n"
-        if k not in seen:
-            text[3] += ids[0] + cell(z) + "\n"
-        seen |= {k, (k, j)}
-    for level in text:
-        with open(f"{folder}/s{level}.dat", "w") as file:
-            file.write(text[level])
+    units2 = {(k, j): (k, j, w) for k, j, *_, w, z in rows}
+    units3 = {k: (k, z) for k, *_, z in rows}
+    fixedtext(folder, (rows[:, :6], units2.values(), units3.values()), "%24.20f", (["Y", "N", "X1", "X2"], ["W"], ["Z"]))
     kind = {"bernoulli": "BERNOULLI", "binomial": "BINOMIAL,N", "poisson": "POISSON", "exposure": "POISSON,N"}[outcome]
-    with open(f"{folder}/s.mdmt", "w") as file:
-        file.write(TEMPLATE)
     with open(f"{folder}/s.kdr", "w") as file:
         file.write(f"NONLIN:{kind}\nMACROIT:100,N\nMICROIT:200\n{engine}\nLEVEL1:Y=INTRCPT1+X1+X2+RANDOM\n"
                    "LEVEL2:INTRCPT1=INTRCPT2+W+RANDOM/\nLEVEL3:INTRCPT2=INTRCPT3+Z+RANDOM/\nLEVEL3:W=INTRCPT3/\n"

@@ -11,10 +11,9 @@ import sys
 import pathlib
 
 sys.path.insert(0, str(pathlib.Path(__file__).parent.parent / "endtoend"))
-from program import NOFEATURES, NOFILES, Workplace, template
+from program import NOFEATURES, NOFILES, Workplace
 
-TEMPLATE = template("s.mdm", ("s1.dat", "s2.dat", "s3.dat"), ("(2A4,3F20.10)", "(2A4,F20.10)", "(A4,F20.10)"),
-                    (["Y", "X1", "X2"], ["Z"], ["Q"]))
+VARIABLES = ["Y", "X1", "X2"], ["Z"], ["Q"]
 END = NOFILES + NOFEATURES + "NUMIT:500,N\nOUTPUT:s.txt\n"
 
 
@@ -23,7 +22,7 @@ def scale(rng, low, high):
 
 
 def study(work, seed):
-    """Writes data and command file of study `seed`; returns a line that describes it."""
+    """Makes study `seed` and its command file; returns a line that describes it."""
     rng = random.Random(seed)
     units3, units2 = rng.choice([12, 20, 40, 60]), rng.choice([3, 4, 6, 10])
     slopes = rng.choice([0, 1, 1, 1, 2])
@@ -40,19 +39,18 @@ def study(work, seed):
     for k in range(units3):
         q = rng.gauss(0, 1)
         v = [rng.gauss(0, sd3) for _ in range(3)]
-        rows[2].append("%4d%20.10f\n" % (k, q))
+        rows[2].append((k, q))
         for j in range(units2):
             z = rng.gauss(0, 1)
             u = [rng.gauss(0, sd2) for _ in range(3)]
-            rows[1].append("%4d%4d%20.10f\n" % (k, j, z))
+            rows[1].append((k, j, z))
             for _ in range(rng.randint(smallest, largest)):
                 x = [rng.gauss(0, 1) for _ in range(2)]
                 y = 0.3 * z + 0.2 * q + u[0] + v[0] + rng.gauss(0, 1)
                 y += sum((0.5 + (u[i + 1] if slopes > i else 0) + (v[i + 1] if slopes3 > i else 0)) * x[i] for i in range(2))
                 values = [meany + sdy * y] + [m + s * t for m, s, t in zip(meanx, sdx, x)]
-                rows[0].append("%4d%4d" % (k, j) + "".join(cell % value for value in values) + "\n")
-    for level in range(3):
-        work.write("s%d.dat" % (level + 1), "".join(rows[level]))
+                rows[0].append((k, j, *values))
+    work.make(rows, cell, VARIABLES)
     model = "NONLIN:N\nLEVEL1:Y=INTRCPT1+X1+X2+RANDOM\nLEVEL2:INTRCPT1=INTRCPT2+Z+RANDOM/\nLEVEL3:INTRCPT2=INTRCPT3+Q+RANDOM/\nLEVEL3:Z=INTRCPT3/\n"
     for i in range(2):
         model += "LEVEL2:X%d=INTRCPT2%s/\nLEVEL3:INTRCPT2=INTRCPT3%s/\n" % (
@@ -64,11 +62,9 @@ def study(work, seed):
 
 def main():
     work = Workplace(sys.argv[1])
-    work.write("s.mdmt", TEMPLATE)
     codes = collections.Counter()
     for seed in range(int(sys.argv[2]) if len(sys.argv) > 2 else 300):
         line = study(work, seed)
-        assert work.run("-r", "s.mdmt").returncode == 0
         done = work.run("s.mdm", "s.kdr")
         codes[done.returncode] += 1
         if done.returncode != 0:

@@ -6,40 +6,35 @@ root of 1 + l^2 C3/C2, C2 = 1/(W + 1/tau2), l = W C2, C3 = 1/(4 W/(1 + W tau2) +
 
   pointsneeded.py PROGRAM FOLDER > pointsneeded.out
 """
+import os
 import re
 import subprocess
 import sys
 import numpy as np
 import densequadrature as dense
 
-TEMPLATE = ('#KDR3 MDM CREATION TEMPLATE\nmdmtype:0\nrawdattype:ascii\nl1fname:y-1.dat\nl2fname:y-2.dat\nl3fname:y-3.dat\n'
-            'numl1var:3\nnuml2var:1\nnuml3var:1\nl1format:(A4,A5,F6.0,F10.3,F8.3)\nl2format:(A4,A5,F8.3)\n'
-            'l3format:(A4,F8.3)\nl1missing:n\ntimeofdeletion:now\nmdmname:y.mdm\n*begin l1vars\nY\nE\nX\n*end l1vars\n'
-            '*begin l2vars\nW\n*end l2vars\n*begin l3vars\nZ\n*end l3vars\n')
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', 'endtoend'))
+from program import NOFEATURES, NOFILES, fixedtext
+
 COMMANDS = ('NONLIN:POISSON,E\nMACROIT:200,N\nMICROIT:500\nFIXSIGMA2:1.0\nLEVEL1:Y=INTRCPT1+X+RANDOM\n'
             'LEVEL2:INTRCPT1=INTRCPT2+RANDOM/\nLEVEL3:INTRCPT2=INTRCPT3+RANDOM/\nLEVEL2:X=INTRCPT2/\n'
-            'LEVEL3:INTRCPT2=INTRCPT3/\nLEVEL1DELETION:NONE\nRESFIL1:N\nRESFIL2:N\nRESFIL3:N\nCONSTRAIN:N\nHYPOTH:N\n'
-            'LVR-BETA:N\nTITLE:Points\nOUTPUT:y.txt\nFULLOUTPUT:N\nAGQ:Y,300,%d\n')
+            'LEVEL3:INTRCPT2=INTRCPT3/\nTITLE:Points\nOUTPUT:y.txt\nFULLOUTPUT:N\nAGQ:Y,300,%d\n' + NOFILES + NOFEATURES)
 
 
 def make(folder, size):
     rng = np.random.default_rng(int(size))
-    rows, unit2 = {1: [], 2: [], 3: []}, 0
+    rows, unit2 = [[], [], []], 0
     for k in range(1, 26):
         v = rng.normal() * 0.3 ** 0.5
-        rows[3].append('%4d%8.3f\n' % (k, rng.normal()))
+        rows[2].append((k, rng.normal()))
         for _ in range(4):
             unit2 += 1
             u = rng.normal() * 0.3 ** 0.5
-            rows[2].append('%4d%5d%8.3f\n' % (k, unit2, rng.normal()))
+            rows[1].append((k, unit2, rng.normal()))
             for _ in range(2):
                 e, x = round(size / 2 * rng.uniform(0.5, 1.5), 3), round(rng.normal(), 3)
-                rows[1].append('%4d%5d%6d%10.3f%8.3f\n' % (k, unit2, rng.poisson(e * np.exp(v + u + 0.1 * x)), e, x))
-    for level, lines in rows.items():
-        with open('%s/y-%d.dat' % (folder, level), 'w') as f:
-            f.writelines(lines)
-    with open(folder + '/y.mdmt', 'w') as f:
-        f.write(TEMPLATE)
+                rows[0].append((k, unit2, rng.poisson(e * np.exp(v + u + 0.1 * x)), e, x))
+    fixedtext(folder, rows, '%10.3f', (['Y', 'E', 'X'], ['W'], ['Z']), 'y.mdm')
 
 
 def main():
@@ -48,7 +43,7 @@ def main():
         make(folder, size)
         C2 = 1 / (size + 1 / 0.3)
         C3 = 1 / (4 * size / (1 + 0.3 * size) + 1 / 0.3)
-        a = np.loadtxt(folder + '/y-1.dat')
+        a = np.loadtxt(folder + '/y1.dat')
         one = np.ones((len(a), 1))
         data = dense.Data('exposure', a[:, 0].astype(int), a[:, 1].astype(int), a[:, 2], a[:, 3],
                           np.hstack([one, a[:, 4:5]]), one, one)

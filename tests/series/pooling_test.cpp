@@ -45,6 +45,12 @@ TEST(Pooling, OneSubrunWithoutErrorsOrRobustMatrix) {
 
   const Pooled first = pooledof(shape, std::span(series).first(1));
   EXPECT_TRUE(first.errorsknown && first.effects.robust.known);
+
+  const SubrunShape plain{1, 1, 1, false, false};  // without scoring
+  series.clear();
+  for (int seed : {1, 2}) series.push_back(numberedrecord(plain, seed));
+  const Pooled unscored = pooledof(plain, series);
+  EXPECT_TRUE(!unscored.errorsknown && unscored.zerovar == 0 && unscored.popaverage.gamma.empty());
 }
 
 // Nothing between the sub-runs, or next to nothing: no finite nu, or one beyond every int.
@@ -82,16 +88,6 @@ TEST(Pooling, WithinVarianceSharesAndChiSquares) {
   EXPECT_NEAR(test.statistic, 9.936826857402504, 1e-9);
   EXPECT_NEAR(test.df2, 5.362509862604115, 1e-9);
   EXPECT_NEAR(test.p, 0.6356861394929765, 1e-9);
-}
-
-TEST(Pooling, WithoutScoringNoErrors) {
-  const SubrunShape plain{1, 1, 1, false, false};
-  std::vector<SubrunRecord> series;
-  for (int seed : {1, 2}) series.push_back(numberedrecord(plain, seed));
-  const Pooled pooled = pooledof(plain, series);
-  EXPECT_FALSE(pooled.errorsknown);
-  EXPECT_EQ(pooled.zerovar, 0);
-  EXPECT_TRUE(pooled.popaverage.gamma.empty());
 }
 
 }  // namespace

@@ -7,6 +7,8 @@
 #include <tuple>
 #include <vector>
 
+#include "estimate/laplace/laplacemodes.h"
+
 namespace {
 
 using namespace kdr;
@@ -65,6 +67,42 @@ TEST(RidgedAscent, HalvesTheFirstStepAndTheOneBehindAFall) {
     EXPECT_DOUBLE_EQ(ascent.now[1] - before, 0.256 * share) << step;
     before = ascent.now[1];
   }
+}
+
+// As Laplace-6 of nodes that stand still does it: two steps may lower the value. Behind them a ridge grows until the
+// value doesn't fall, and becomes smaller in the next iteration; without end there is no step.
+TEST(RidgedAscent, TwoMayLowerTheValueAndTheThirdMayNot) {
+  const LaplaceSettings settings;
+  std::vector<double> values = {-1.0, -2.0, NAN, -3.0, -3.0, -2.0, -1.5};
+  std::size_t tried = 0;
+  int raised = 0, lowered = 0;
+  RidgedProblem problem;
+  problem.evaluate = unitinformation;
+  problem.inside = [](Array<double>&) { return true; };
+  problem.test = [&](const Array<double>&) {
+    const double value = tried < values.size() ? values[tried] : -9.0;
+    ++tried;
+    return Evaluation{!std::isnan(value), value, {}, {}, {}, {}, {}};
+  };
+  problem.tell = [&](AscentEvent event, const RidgedAscent&) {
+    raised += event == AscentEvent::ridgeraised;
+    lowered += event == AscentEvent::ridgelowered;
+  };
+  RidgedAscent ascent{settings.ascent, problem, arrayof({0.0, 0.0})};
+  double before = 0.0;
+  // The diagonal of the information is 1; a ridge stands on top of those before it in the same iteration.
+  for (const auto& [diagonal, ridge] : {std::pair(1.0, 0.0), {1.0, 0.0}, {1.0 + 0.1 + 1.0 + 10.0, 10.0}, {11.0, 1.0}}) {
+    EXPECT_EQ(climb(ascent, ascent.iterations + 1), AscentEnd::limit);
+    EXPECT_NEAR(ascent.now[1] - before, 0.256 / diagonal, 1e-15) << tried;
+    EXPECT_DOUBLE_EQ(ascent.ridge.value, ridge) << tried;
+    before = ascent.now[1];
+  }
+  EXPECT_EQ(ascent.value, -1.5);
+  EXPECT_EQ(std::pair(raised, lowered), std::pair(3, 1));
+  EXPECT_EQ(climb(ascent, 9), AscentEnd::notdefinite);
+  EXPECT_EQ(ascent.now[1], before);
+  EXPECT_EQ(ascent.iterations, 4);
+  EXPECT_GT(ascent.ridge.value, 1e20);  // its ratio to the diagonal cannot grow: the ridges before are in that
 }
 
 TEST(Ridge, AddsUpAndHasTwoBounds) {

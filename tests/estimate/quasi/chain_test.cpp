@@ -120,22 +120,6 @@ TEST_F(Chain, TheLimitAsks) {
   EXPECT_EQ(told.substr(told.size() - 6), "pcCEma");
 }
 
-TEST_F(Chain, CategoriesAreCounted) {
-  run.model.outcome.family = Family::ordinal;
-  for (const auto& [categories, words] : {std::pair(1, "more than"), {3, "less than"}}) {
-    run.model.outcome.categories = categories;
-    CategoryTable table;
-    EXPECT_NE(readcategories(made.analysis, table).consolewords.find(words), std::string::npos);
-  }
-  run.model.outcome.categories = 2;
-  CategoryTable table;
-  ASSERT_FALSE(readcategories(made.analysis, table));
-  EXPECT_EQ(table.value, (std::vector<double>{0.0, 1.0}));
-  double sum = 0.0;
-  for (const double count : table.count) sum += count;
-  EXPECT_EQ(sum, run.mdm.numl1rec);
-}
-
 // A predictor of 32 counts as 2 up to the seventh macro iteration: then z'Wz of a record is p q (2 + 1/p)^2 or p q (2
 // - 1/q)^2, q = 1 - p.
 TEST_F(Chain, CategoryPredictorsBeyondThirtyStartAgain) {
