@@ -30,6 +30,7 @@
 #include "command/writer.h"
 #include "construct/construction.h"
 #include "construct/fileclashes.h"
+#include "construct/longfile.h"
 #include "construct/mdmdialogue.h"
 #include "construct/onefile.h"
 #include "construct/singleunits.h"
@@ -134,7 +135,7 @@ InputKind ownkind(const std::string& output) {
   if (output == newcommandfile) return InputKind::commandfile;
   if (output == run.files.startvals) return InputKind::startingvalues;
   for (const std::string* name : {&run.files.resfil1name, &run.files.resfil2name, &run.files.resfil3name})
-    if (output == *name) return InputKind::rawdata;
+    if (output == subrunname(*name)) return InputKind::rawdata;
   return InputKind::none;
 }
 
@@ -147,6 +148,16 @@ bool begincommands(std::string_view text) {
     text.remove_prefix(std::min(text.size(), line.size() + 1));
   }
   return false;
+}
+
+// A table of data: by its name and its first line, which is empty in a report.
+bool israwtable(const std::string& report) {
+  if (reportisstdout() || isspecial(report) || typeofextension(report) == nullptr || !fileexists(report)) return false;
+  char head[4096];
+  std::FILE* file = openfile(report, "rb");
+  const std::string_view start(head, readupto(head, sizeof head, file, report));
+  std::fclose(file);
+  return start.substr(0, start.find('\n')).find_first_of(",;\t") != std::string_view::npos;
 }
 
 // The files of the run, before one of them is opened for writing. A run of its own newcmd.kdr writes that file again.
@@ -175,6 +186,9 @@ void checkfiles() {
     refuseinput(path, ownkind(path));
     refuseunwritable(path);
   }
+  if (israwtable(files.outfile))
+    stopwith("The output file %s holds a table of data, which would be lost. Give the report another name\n",
+             files.outfile.c_str());
   refuseforeignresults();
 }
 
@@ -299,6 +313,7 @@ void tellfiles() {
 // The averages of the series in this folder, with the model of its last data set as newcmd.kdr has it.
 [[noreturn]] void closingjob() {
   run.series.mimode = true;
+  if (!fileexists(storename)) stopif(nostore());
   constexpr std::string_view head = "#This command file was run with ";
   std::FILE* file = openfile(newcommandfile, "rb");
   char line[maxline] = {};

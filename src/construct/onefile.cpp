@@ -34,6 +34,7 @@ OneFile one;
 // or where the other column has numbers.
 UnitKeys keysof(const LongColumn& column, int level) {
   const bool longer = column.text && needsnumbers(column, true);
+  tellstrayid(column);
   UnitKeys keys = unitkeys(column, run.mdm.numericids, true);
   if (!keys.numbered) return keys;
   one.numbered[3 - level] = keys.whole;
@@ -130,7 +131,7 @@ std::string quoted(const std::string& text) {
 
 // Puts, in the place of each column of names, an indicator of each of its values but the first. Texts that are no names
 // are left out.
-void splitfactors(std::vector<LongColumn>& columns, std::vector<int>& rows) {
+void splitfactors(LevelSource& source, std::vector<LongColumn>& columns, std::vector<int>& rows) {
   constexpr std::size_t most = 200;
   std::vector<LongColumn> split;
   std::vector<int> splitrows;
@@ -163,6 +164,7 @@ void splitfactors(std::vector<LongColumn>& columns, std::vector<int>& rows) {
     }
     std::printf("%s is a factor: %s against %s.\n", name.c_str(), printable(others).c_str(),
                 printable(factor.levels[0]).c_str());
+    source.vartable[static_cast<std::size_t>(rows[v])].labels.clear();  // they don't count by their codes
   }
   columns = std::move(split);
   rows = std::move(splitrows);
@@ -217,7 +219,7 @@ void takeonefile(const OneFileJob& job) {
   std::vector<MadeColumn> made[3];
   std::vector<int> rowsof[3];
   mdm.l1missing = false;
-  if (job.factors) splitfactors(columns, rows);
+  if (job.factors) splitfactors(source, columns, rows);
   for (std::size_t v = 0; v < columns.size(); ++v) {
     const std::string& fullname = columns[v].name;
     const auto values = std::make_shared<std::vector<double>>(std::move(columns[v].numbers));

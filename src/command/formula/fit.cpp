@@ -267,6 +267,8 @@ void makeunits(Fit& fit) {
   std::vector<std::string> own;
   for (const std::string& name : inner.names)
     if (std::find(outer.names.begin(), outer.names.end(), name) == outer.names.end()) own.push_back(name);
+  for (const std::vector<std::string>& names : {outer.names, own})
+    for (const std::string& name : names) tellstrayid(fit.data.column(name));
   LongColumn id3 = idcolumn(fit.data, outer.names), id2 = idcolumn(fit.data, own);
   const bool numbers = wholenumbers(id3) && wholenumbers(id2);
   if (!numbers) {
@@ -299,8 +301,10 @@ std::optional<Factor> outcomenames(const Fit& fit, const Expression& e) {
       refuseoutcome(fit, "An outcome can be factor(y), without more.");
     return factorof(fit.data.column(bare(e.operands[0]).word), {});
   }
-  if (e.part == Part::name && holdsnames(fit.data.column(e.word))) return factorof(fit.data.column(e.word), {});
-  return std::nullopt;
+  if (e.part != Part::name || !holdsnames(fit.data.column(e.word))) return std::nullopt;
+  const LongColumn& column = fit.data.column(e.word);
+  if (const std::string words = strayrefusal(column); !words.empty()) refuseoutcome(fit, words);
+  return factorof(column, {});
 }
 
 std::vector<double> codesof(const Factor& factor, double first) {
