@@ -3,10 +3,10 @@
 #include <strings.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <map>
 #include <numeric>
 
+#include "construct/buildlog.h"
 #include "core/constants.h"
 #include "core/formatted.h"
 #include "core/numbers.h"
@@ -100,8 +100,7 @@ std::string strayrefusal(const LongColumn& column) {
 
 void tellstrayid(const LongColumn& column) {
   if (const std::string stray = straytext(column); !stray.empty())
-    std::printf("The IDs in %s are numbers, but %s: it counts as the ID of a unit.\n", printable(column.name).c_str(),
-                printable(stray).c_str());
+    logahead("The IDs in " + column.name + " are numbers, but " + stray + ": it counts as the ID of a unit.");
 }
 
 Factor factorof(const LongColumn& column, const std::vector<char>& kept) {
