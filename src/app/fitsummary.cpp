@@ -146,10 +146,14 @@ void variances(const PreparedFit& fit, const Json& phase) {
 
 // What casts doubt on the numbers above, which the console may have told far above them.
 void tellwarnings(const Json& phase) {
-  const Json& warnings = phase["warnings"];
-  if (phase["converged"] == false || !warnings.empty()) std::printf("\n");
-  if (phase["converged"] == false) std::printf("WARNING: the iterations were stopped prior to convergence.\n");
-  for (const Json& words : warnings) std::printf("%s\n", printable(words.get<std::string>()).c_str());
+  bool told = phase["converged"] != false;
+  std::string lines;
+  for (const std::string words : phase["warnings"]) {
+    told = told || words.starts_with("WARNING: ");
+    lines += printable(words) + "\n";
+  }
+  if (!told) lines += "WARNING: the iterations were stopped prior to convergence.\n";
+  if (!lines.empty()) std::printf("\n%s", lines.c_str());
 }
 
 // False when there is none.

@@ -13,6 +13,7 @@
 #include <cstring>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "command/text.h"
@@ -298,7 +299,7 @@ Options readoptions(int argc, char** argv) {
   Options options;
   OneFileOptions onefile;
   std::vector<std::string> files;
-  bool optionsended = false, fitgiven = false;
+  bool optionsended = false, fitgiven = false, response = false;
   for (int next = 1; next < argc; ++next) {
     std::string word = argv[next];
     if (optionsended || word[0] != '-' || word == "-") {
@@ -350,6 +351,7 @@ Options readoptions(int argc, char** argv) {
       } else if (value.empty()) {
         value = given.empty() ? argument(std::string(1, letter)) : given;
       }
+      if (letter == 'r' && std::exchange(response, true)) stopwith("The option -r stands twice.\n");
       if (letter == 'm' && !beginswith(value, "i")) usageerror("illegal option -- m" + value);
       takeoption(letter, value, options);
       break;

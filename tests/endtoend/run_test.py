@@ -249,12 +249,13 @@ def keptinputs():
     """Nothing that the program could read is written over, and no result's folder is missed after the estimation."""
     mdm, commands = (work.folder / "chem97.mdm").read_bytes(), (work.folder / "model2.kdr").read_bytes()
     kept = {"imp.1": mdm, "other.mdm": mdm, "mixyzzy.dat": mdm, "other.kdr": commands, "marked.kdr": b"\xef\xbb\xbf\n" + commands,
-            "other.mdmt": (work.folder / "chem97.mdmt").read_bytes(), "starts.txt": b"#SIGMA2\n1\n", "x.sav": b"$FL2"}
+            "other.mdmt": (work.folder / "chem97.mdmt").read_bytes(), "starts.txt": b"#SIGMA2\n1\n", "x.sav": b"$FL2",
+            "table.csv": b"school,pupil,y\n1,1,2\n"}
     for name, content in kept.items():
         (work.folder / name).write_bytes(content)
     for keywords, words in (({"OUTPUT": "imp.txt"}, ("-mi0",)), ({"OUTPUT": "new.txt"}, ("-mi0",)), ({"OUTPUT": "other.kdr"}, ()),
                             ({"OUTPUT": "marked.kdr"}, ()), ({"OUTPUT": "other.mdmt"}, ()), ({"OUTPUT": "starts.txt"}, ()),
-                            ({"OUTPUT": "x.sav"}, ()), ({"STARTVALS": "other.kdr"}, ()), ({"RESULTS": "other.mdm"}, ()),
+                            ({"OUTPUT": "x.sav"}, ()), ({"OUTPUT": "table.csv"}, ()), ({"STARTVALS": "other.kdr"}, ()), ({"RESULTS": "other.mdm"}, ()),
                             ({"GRAPHGAMMAS": "other.mdm"}, ()), ({"RESFIL1": "Y", "RESFIL1NAME": "other.mdm"}, ())):
         done = work.run(*words, "chem97.mdm", work.edited("lossy.kdr", "model1.kdr", **keywords))
         ends(done, 100, "which would be lost", f"{words} {keywords}")
