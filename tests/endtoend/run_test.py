@@ -19,7 +19,7 @@ def ends(done, code, words, what):
 
 def options():
     ends(work.run("-r"), 100, "option requires an argument -- r\nusage: ", "missing argument")
-    ends(work.run("-e"), 100, "Unable to open newcmd.kdr for reading\n", "-e alone, without a series")
+    ends(work.run("-e"), 100, "There is no result store mixyzzy.dat in this folder: a series begins with -mi0.\n", "-e alone, without a series")
     ends(work.run("-r", "none.rsp"), 100, "Unable to open none.rsp\n", "no response file")
     ends(work.run("-v", answers="n\n"), 14, "KDR3 version 7.01\n\n\nWill you be starting with raw data? \n", "-v alone")
     ends(work.run("none.mdm", "x.kdr"), 14, "mdm file none.mdm does not exist.\n Enter new file name: ", "no mdm file")
