@@ -54,6 +54,7 @@
 #include "report/header.h"
 #include "report/latentreport.h"
 #include "report/passtables.h"
+#include "report/residual/residualfiles.h"
 #include "report/resultsdocument.h"
 #include "report/specification.h"
 #include "report/startvaluesfile.h"
@@ -135,7 +136,7 @@ InputKind ownkind(const std::string& output) {
   if (output == newcommandfile) return InputKind::commandfile;
   if (output == run.files.startvals) return InputKind::startingvalues;
   for (const std::string* name : {&run.files.resfil1name, &run.files.resfil2name, &run.files.resfil3name})
-    if (output == subrunname(*name)) return InputKind::rawdata;
+    if (output == subrunname(*name) && isownspss(output)) return InputKind::rawdata;
   return InputKind::none;
 }
 

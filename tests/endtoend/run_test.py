@@ -256,7 +256,8 @@ def keptinputs():
     for keywords, words in (({"OUTPUT": "imp.txt"}, ("-mi0",)), ({"OUTPUT": "new.txt"}, ("-mi0",)), ({"OUTPUT": "other.kdr"}, ()),
                             ({"OUTPUT": "marked.kdr"}, ()), ({"OUTPUT": "other.mdmt"}, ()), ({"OUTPUT": "starts.txt"}, ()),
                             ({"OUTPUT": "x.sav"}, ()), ({"OUTPUT": "table.csv"}, ()), ({"STARTVALS": "other.kdr"}, ()), ({"RESULTS": "other.mdm"}, ()),
-                            ({"GRAPHGAMMAS": "other.mdm"}, ()), ({"RESFIL1": "Y", "RESFIL1NAME": "other.mdm"}, ())):
+                            ({"GRAPHGAMMAS": "other.mdm"}, ()), ({"RESFIL1": "Y", "RESFIL1NAME": "other.mdm"}, ()),
+                            ({"RESFIL1": "Y", "RESFIL1NAME": "x.sav"}, ())):
         done = work.run(*words, "chem97.mdm", work.edited("lossy.kdr", "model1.kdr", **keywords))
         ends(done, 100, "which would be lost", f"{words} {keywords}")
     for place in ("other.kdr", "other.mdmt", "starts.txt"):
