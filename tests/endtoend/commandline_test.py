@@ -51,6 +51,13 @@ def onelongfile():
     done = work.run("long.mdm", "long.kdr")
     check(done.returncode == 0, f"a run on the file of -from: {done.stdout[-300:]}")
     check("The maximum number of level-1 units = 216" in work.read("long.txt"), "all its records are there")
+    # whole names that begin alike, of two levels: neither is taken for the other
+    work.write("alike.csv", "area,school,y,mathematics_a,mathematics_b\n" + "\n".join(rows) + "\n")
+    work.run("-from", "alike.csv", "-level3", "area", "-level2", "school")
+    for name, code, told in (("mathematics_a", 0, ""), ("mathematics_b", 9, "mathematics_b is a variable of level 3: put it on a LEVEL3: line.")):
+        work.write("alike.kdr", work.read("long.kdr").replace("+X+", f"+{name}+").replace("LEVEL2:X", f"LEVEL2:{name}").replace("+Q+", "+"))
+        done = work.run("alike.mdm", "alike.kdr")
+        check(done.returncode == code and told in done.stdout and "is taken for" not in done.stdout, f"{name}: {done.returncode} {done.stdout[:300]}")
     done = work.run("-from", "long.csv", "-level3", "area")
     check(done.returncode == 100 and "go together" in done.stdout, "-from without -level2")
     done = work.run("-from", "long.csv", "-level3", "region", "-level2", "school")
