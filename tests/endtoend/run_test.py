@@ -87,6 +87,7 @@ def startingvalues():
         odd.replace("#GAMMA", "#"): "gamma values must be preceded with a line #GAMMA\n",
         odd[:-2]: "There should be 6 lines after the #GAMMA line.\n",
         odd[:-1]: "There should be 6 lines after the #GAMMA line.\n",
+        odd.replace("20", "-20"): "sigma^2 cannot be negative\n",
         odd.replace("20", "20,5"): "there should be 1 number, with a point for decimals, on the line: 20,5\n",
         odd.replace(" 0.05 3.0", " 0.05"): "there should be 2 numbers, with a point for decimals, on the line:  0.05\n",
         odd.replace("2.5", "nan"): "on the line:  nan\n",
