@@ -199,6 +199,16 @@ void keepanswers() {
   writecommandfile(newcommandfile);
 }
 
+// What a file is that stands in the place of the MDM file, and what can be done with it.
+std::string otherkind(const std::string& path) {
+  const std::string shown = printable(path);
+  const InputKind kind = inputkind(path);
+  if (kind == InputKind::commandfile) return shown + " is a command file: the MDM file stands in front of it.\n";
+  if (kind == InputKind::mdmtemplate) return shown + " is a template: kdr3 -r " + shown + " makes an MDM file.\n";
+  if (typeofextension(path) == nullptr) return "";
+  return shown + " is raw data: kdr3 -from " + shown + " -level3 COLUMN -level2 COLUMN makes an MDM file of it.\n";
+}
+
 void readmodel() {
   untilexists(run.files.mdmfile, "mdm");
   run.mdm.stream = openfile(run.files.mdmfile, "rb");
@@ -206,9 +216,7 @@ void readmodel() {
   if (!run.files.cmdfile.empty()) untilexists(run.files.cmdfile, "Batch");
   run.mdm.path = run.files.mdmfile;
   const Failure unread = readmdm(run.mdm);
-  if (unread.consolewords == notmdmwords && typeofextension(run.mdm.path) != nullptr)
-    std::printf("%s is raw data: kdr3 -from %s -level3 COLUMN -level2 COLUMN makes an MDM file of it.\n",
-                run.mdm.path.c_str(), run.mdm.path.c_str());
+  if (unread.consolewords == notmdmwords) std::printf("%s", otherkind(run.mdm.path).c_str());
   stopif(unread);
   for (const std::string& words : singleunits()) warn(words);
   allocatemodel();
