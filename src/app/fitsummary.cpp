@@ -11,6 +11,7 @@
 
 #include "core/formatted.h"
 #include "core/names.h"
+#include "driver/failures.h"
 #include "driver/runrecord.h"
 #include "report/resultsphases.h"
 
@@ -31,6 +32,11 @@ const Json* mainphase() {
 
 std::string cell(const Json& value, const char* format) {
   return value.is_number() ? formatted(format, value.get<double>()) : "-";
+}
+
+// Those of DDF: and ROBUST:CR2 have a fraction.
+std::string degrees(const Json& value) {
+  return cell(value, value.is_number() && value != std::floor(value.get<double>()) ? "%.1f" : "%.0f");
 }
 
 std::string probability(const Json& value) {
@@ -95,7 +101,7 @@ void fixedeffects(const PreparedFit& fit, const Json& phase) {
     const auto of = [&](const char* key) -> const Json& { return test.is_null() ? none : test[key]; };
     std::printf("%s  %12s  %12s  %9s  %7s  %7s\n", padded(effectname(fit, row), width).c_str(),
                 cell(row["estimate"], "%.6g").c_str(), cell(of("standard_error"), "%.6g").c_str(),
-                cell(of("t"), "%.3f").c_str(), cell(of("df"), "%.0f").c_str(), probability(of("p")).c_str());
+                cell(of("t"), "%.3f").c_str(), degrees(of("df")).c_str(), probability(of("p")).c_str());
   }
 }
 
@@ -138,7 +144,20 @@ void variances(const PreparedFit& fit, const Json& phase) {
                     .c_str());
 }
 
-void makepage(const PreparedFit& fit) {
+// What casts doubt on the numbers above, which the console may have told far above them.
+void tellwarnings(const Json& phase) {
+  bool told = phase["converged"] != false;
+  std::string lines;
+  for (const std::string words : phase["warnings"]) {
+    told = told || words.starts_with("WARNING: ");
+    lines += printable(words) + "\n";
+  }
+  if (!told) lines += "WARNING: the iterations were stopped prior to convergence.\n";
+  if (!lines.empty()) std::printf("\n%s", lines.c_str());
+}
+
+// False when there is none.
+bool makepage(const PreparedFit& fit) {
   std::string words[] = {fit.request.page, "--page", fit.path(".json"), "-o", fit.path(".html")};
   char* arguments[] = {words[0].data(), words[1].data(), words[2].data(), words[3].data(), words[4].data(), nullptr};
   pid_t child = 0;
@@ -147,6 +166,7 @@ void makepage(const PreparedFit& fit) {
   const bool done = posix_spawn(&child, fit.request.page.c_str(), nullptr, nullptr, arguments, environ) == 0 &&
                     waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0;
   if (!done) std::printf("The page %s could not be made.\n", printable(fit.path(".html")).c_str());
+  return done;
 }
 
 }  // namespace
@@ -155,19 +175,27 @@ void fitsummary(const PreparedFit& fit) {
   if (const Json* phase = mainphase()) {
     fixedeffects(fit, *phase);
     variances(fit, *phase);
-    if (const Json& deviance = (*phase)["deviance"]; deviance.is_number())
-      std::printf("\nDeviance %s with %s parameters, AIC %s, BIC %s. %d records, %d level-2 units, %d level-3 units.\n",
+    // The deviance of an engine's tables leaves a constant out that AIC and BIC have.
+    Json deviance = (*phase)["deviance"];
+    const Json& marginal = (*phase)["marginal_log_likelihood"];
+    if (marginal.is_number()) deviance = -2.0 * marginal.get<double>();
+    const char* word = marginal.is_number()     ? "-2 log-likelihood"
+                       : run.control.restricted ? "REML criterion"
+                                                : "Deviance";
+    if (deviance.is_number())
+      std::printf("\n%s %s with %s parameters, AIC %s, BIC %s. %d records, %d level-2 units, %d level-3 units.\n", word,
                   cell(deviance, "%.4f").c_str(), cell((*phase)["parameters"], "%.0f").c_str(),
                   cell((*phase)["aic"], "%.4f").c_str(), cell((*phase)["bic"], "%.4f").c_str(), run.mdm.nunits1,
                   run.mdm.nunits2, run.mdm.nunits3);
+    tellwarnings(*phase);
   }
-  if (!fit.request.page.empty()) makepage(fit);
+  const bool paged = !fit.request.page.empty() && makepage(fit);
   const std::string stem = printable(fit.request.stem);
-  std::printf("\nThe report is %s.txt, the results are %s.json%s%s%s.\n", stem.c_str(), stem.c_str(),
-              fit.request.page.empty() ? "" : ", the page is ", fit.request.page.empty() ? "" : stem.c_str(),
-              fit.request.page.empty() ? "" : ".html");
+  std::printf("\nThe report is %s.txt, the results are %s.json%s.\n", stem.c_str(), stem.c_str(),
+              paged ? (", the page is " + stem + ".html").c_str() : "");
   std::printf("The model is %s.kdr, the data are %s.mdm: kdr3 %s.mdm %s.kdr runs it again.\n", stem.c_str(),
               stem.c_str(), stem.c_str(), stem.c_str());
+  if (!fit.request.page.empty() && !paged) stoprun(100);
 }
 
 }  // namespace kdr

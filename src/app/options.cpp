@@ -13,17 +13,20 @@
 #include <cstring>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "command/text.h"
 #include "construct/onefile.h"
 #include "construct/template.h"
+#include "core/formatted.h"
 #include "core/numbers.h"
 #include "data/scratch.h"
 #include "driver/failures.h"
 #include "driver/questions.h"
 #include "driver/runrecord.h"
 #include "driver/textmark.h"
+#include "driver/warnings.h"
 
 namespace kdr {
 
@@ -296,7 +299,7 @@ Options readoptions(int argc, char** argv) {
   Options options;
   OneFileOptions onefile;
   std::vector<std::string> files;
-  bool optionsended = false, fitgiven = false;
+  bool optionsended = false, fitgiven = false, response = false;
   for (int next = 1; next < argc; ++next) {
     std::string word = argv[next];
     if (optionsended || word[0] != '-' || word == "-") {
@@ -314,21 +317,29 @@ Options readoptions(int argc, char** argv) {
     };
     if (wordoption(word)) continue;
     std::string given;  // --option=given
-    if (word.starts_with("--")) {
+    const bool twohyphens = word.starts_with("--");
+    if (twohyphens) {
       const std::size_t sign = word.find('=');
       if (sign != std::string::npos) given = word.substr(sign + 1);
       word = word.substr(1, sign == std::string::npos ? sign : sign - 1);
+      if (sign != std::string::npos && given.empty()) usageerror("option requires an argument -- " + word.substr(1));
     }
-    if (wordoption(word) || markof(onefile, word)) continue;
+    if (wordoption(word) || markof(onefile, word)) {
+      if (!given.empty()) usageerror("option takes no argument -- " + word.substr(1));
+      continue;
+    }
     if (std::string* value = argumentof(onefile, word.c_str())) {
+      if (!value->empty()) stopwith("The option %s stands twice.\n", word.c_str());
       *value = given.empty() ? argument(word.substr(1)) : given;
       fitgiven = fitgiven || value == &onefile.fit.formula;
       continue;
     }
     for (std::size_t at = 1; at < word.size(); ++at) {
       const char letter = static_cast<char>(std::tolower(static_cast<unsigned char>(word[at])));
-      if (std::strchr(letters, letter) == nullptr) usageerror(std::string("illegal option -- ") + word[at]);
+      if (std::strchr(letters, letter) == nullptr)
+        usageerror("illegal option -- " + (twohyphens ? word.substr(1) : std::string(1, word[at])));
       if (std::strchr(witharguments, letter) == nullptr) {
+        if (!given.empty()) usageerror("option takes no argument -- " + word.substr(1));
         takeoption(letter, "", options);
         continue;
       }
@@ -340,6 +351,7 @@ Options readoptions(int argc, char** argv) {
       } else if (value.empty()) {
         value = given.empty() ? argument(std::string(1, letter)) : given;
       }
+      if (letter == 'r' && std::exchange(response, true)) stopwith("The option -r stands twice.\n");
       if (letter == 'm' && !beginswith(value, "i")) usageerror("illegal option -- m" + value);
       takeoption(letter, value, options);
       break;
@@ -365,6 +377,8 @@ Options readoptions(int argc, char** argv) {
                  onefile.factors});
     options.templatejob = true;
   }
+  for (std::size_t i = options.templatejob ? 1 : 2; i < files.size(); ++i)
+    warn("The word " + printable(files[i]) + " of the command line is not used.");
   if (run.files.resultsgiven && options.templatejob)
     stopwith("-results goes with a model: no results come of making an MDM file.\n");
   return options;

@@ -30,6 +30,7 @@
 #include "command/writer.h"
 #include "construct/construction.h"
 #include "construct/fileclashes.h"
+#include "construct/longfile.h"
 #include "construct/mdmdialogue.h"
 #include "construct/onefile.h"
 #include "construct/singleunits.h"
@@ -53,6 +54,7 @@
 #include "report/header.h"
 #include "report/latentreport.h"
 #include "report/passtables.h"
+#include "report/residual/residualfiles.h"
 #include "report/resultsdocument.h"
 #include "report/specification.h"
 #include "report/startvaluesfile.h"
@@ -134,7 +136,7 @@ InputKind ownkind(const std::string& output) {
   if (output == newcommandfile) return InputKind::commandfile;
   if (output == run.files.startvals) return InputKind::startingvalues;
   for (const std::string* name : {&run.files.resfil1name, &run.files.resfil2name, &run.files.resfil3name})
-    if (output == *name) return InputKind::rawdata;
+    if (output == subrunname(*name) && isownspss(output)) return InputKind::rawdata;
   return InputKind::none;
 }
 
@@ -147,6 +149,16 @@ bool begincommands(std::string_view text) {
     text.remove_prefix(std::min(text.size(), line.size() + 1));
   }
   return false;
+}
+
+// A table of data: by its name and its first line, which is empty in a report.
+bool israwtable(const std::string& report) {
+  if (reportisstdout() || isspecial(report) || typeofextension(report) == nullptr || !fileexists(report)) return false;
+  char head[4096];
+  std::FILE* file = openfile(report, "rb");
+  const std::string_view start(head, readupto(head, sizeof head, file, report));
+  std::fclose(file);
+  return start.substr(0, start.find('\n')).find_first_of(",;\t") != std::string_view::npos;
 }
 
 // The files of the run, before one of them is opened for writing. A run of its own newcmd.kdr writes that file again.
@@ -175,6 +187,9 @@ void checkfiles() {
     refuseinput(path, ownkind(path));
     refuseunwritable(path);
   }
+  if (israwtable(files.outfile))
+    stopwith("The output file %s holds a table of data, which would be lost. Give the report another name\n",
+             files.outfile.c_str());
   refuseforeignresults();
 }
 
@@ -184,6 +199,16 @@ void keepanswers() {
   writecommandfile(newcommandfile);
 }
 
+// What a file is that stands in the place of the MDM file, and what can be done with it.
+std::string otherkind(const std::string& path) {
+  const std::string shown = printable(path);
+  const InputKind kind = inputkind(path);
+  if (kind == InputKind::commandfile) return shown + " is a command file: the MDM file stands in front of it.\n";
+  if (kind == InputKind::mdmtemplate) return shown + " is a template: kdr3 -r " + shown + " makes an MDM file.\n";
+  if (typeofextension(path) == nullptr) return "";
+  return shown + " is raw data: kdr3 -from " + shown + " -level3 COLUMN -level2 COLUMN makes an MDM file of it.\n";
+}
+
 void readmodel() {
   untilexists(run.files.mdmfile, "mdm");
   run.mdm.stream = openfile(run.files.mdmfile, "rb");
@@ -191,9 +216,7 @@ void readmodel() {
   if (!run.files.cmdfile.empty()) untilexists(run.files.cmdfile, "Batch");
   run.mdm.path = run.files.mdmfile;
   const Failure unread = readmdm(run.mdm);
-  if (unread.consolewords == notmdmwords && typeofextension(run.mdm.path) != nullptr)
-    std::printf("%s is raw data: kdr3 -from %s -level3 COLUMN -level2 COLUMN makes an MDM file of it.\n",
-                run.mdm.path.c_str(), run.mdm.path.c_str());
+  if (unread.consolewords == notmdmwords) std::printf("%s", otherkind(run.mdm.path).c_str());
   stopif(unread);
   for (const std::string& words : singleunits()) warn(words);
   allocatemodel();
@@ -299,6 +322,7 @@ void tellfiles() {
 // The averages of the series in this folder, with the model of its last data set as newcmd.kdr has it.
 [[noreturn]] void closingjob() {
   run.series.mimode = true;
+  if (!fileexists(storename)) stopif(nostore());
   constexpr std::string_view head = "#This command file was run with ";
   std::FILE* file = openfile(newcommandfile, "rb");
   char line[maxline] = {};

@@ -53,26 +53,33 @@ std::pair<std::string, std::string> lostsign(const std::string& name, const Arra
   return {};
 }
 
-// What to do about a variable of another level: nothing known for one of none.
-std::string otherlevel(const char* what, const std::string& name, const Array<Name>& table) {
+// The level of a variable that has this name in another table: 0 for none.
+int otherlevel(const std::string& name, const Array<Name>& table) {
   const MdmData& mdm = run.mdm;
   const Array<Name>* tables[] = {&mdm.names1, &mdm.names2, &mdm.names3};
   const int counts[] = {mdm.nvar1, mdm.nvar2, mdm.nvar3};
   for (int level = 0; level < 3; ++level) {
-    if (tables[level] == &table || variableindex(name, *tables[level], counts[level]) < 1) continue;
-    const bool equation = beginswith(what, "level") && what[6] == '\0';
-    std::string words = formatted("%s is a variable of level %d", printable(name).c_str(), level + 1);
-    if (equation && level > 0) words += formatted(": put it on a LEVEL%d: line", level + 1);
-    if (equation && level == 0) words += ": put it on the LEVEL1: line";
-    return words + ".\n";
+    if (tables[level] == &table) continue;
+    if (const FoundVariable found = findvariable(name, *tables[level], counts[level]); found.index >= 1 && !found.cut)
+      return level + 1;
   }
-  return {};
+  return 0;
+}
+
+// What to do about it.
+std::string otherwords(const char* what, const std::string& name, int level) {
+  const bool equation = beginswith(what, "level") && what[6] == '\0';
+  std::string words = formatted("%s is a variable of level %d", printable(name).c_str(), level);
+  if (equation && level > 1) words += formatted(": put it on a LEVEL%d: line", level);
+  if (equation && level == 1) words += ": put it on the LEVEL1: line";
+  return words + ".\n";
 }
 
 [[noreturn]] void unknownvariable(int line, const char* what, const std::string& name, const Array<Name>& table,
                                   int highest) {
   std::printf("Batch file %s specification invalid\n", what);
-  const std::string shown = printable(name), other = otherlevel(what, name, table);
+  const int level = otherlevel(name, table);
+  const std::string shown = printable(name), other = level == 0 ? "" : otherwords(what, name, level);
   std::printf("%s", other.empty() ? (shown + " does not exist\n").c_str() : other.c_str());
   std::printf("It stands on line %d of the command file.\n", line);
   if (const auto [head, tail] = lostsign(name, table, highest); !tail.empty()) {
@@ -86,20 +93,20 @@ std::string otherlevel(const char* what, const std::string& name, const Array<Na
 }  // namespace
 
 int variable(int line, const char* what, const std::string& name, const Array<Name>& table, int highest, int lowest) {
-  const int v = variableindex(name, table, highest);
-  // Of a name that is not whole only the first characters count. What stands behind them may be another name.
-  const bool cut = charactersof(name) > significant && (v < 1 || wholenameindex(name, table, highest) != v);
-  if (v < lowest || (cut && !lostsign(name, table, highest).second.empty()))
-    unknownvariable(line, what, name, table, highest);
-  tellcut(line, name, table, v);
-  return v;
+  const FoundVariable found = findvariable(name, table, highest);
+  // What stands behind the characters that count may be another name, or all may be the whole name of another variable.
+  const bool another = found.cut && (otherlevel(name, table) != 0 || !lostsign(name, table, highest).second.empty());
+  if (found.index < lowest || another) unknownvariable(line, what, name, table, highest);
+  tellcut(line, name, table, found);
+  return found.index;
 }
 
-void tellcut(int line, std::string_view name, const Array<Name>& table, int v) {
-  if (charactersof(name) <= significant || wholenameindex(name, table, static_cast<int>(table.size()) - 1) == v) return;
-  oddcommand(formatted(" %s on line %d is taken for %s: names count by their first %d characters.\n",
-                       printable(name).c_str(), line, leftname(table[static_cast<std::size_t>(v)]).c_str(),
-                       static_cast<int>(significant)));
+void tellcut(int line, std::string_view name, const Array<Name>& table, const FoundVariable& found) {
+  if (!found.cut) return;
+  const bool ascii = charactersof(name) == name.size();
+  oddcommand(formatted(" %s on line %d is taken for %s: names count by their first %d characters%s.\n",
+                       printable(name).c_str(), line, leftname(table[static_cast<std::size_t>(found.index)]).c_str(),
+                       static_cast<int>(significant), ascii ? "" : ", a letter beyond A to Z as two"));
 }
 
 namespace {

@@ -79,16 +79,16 @@ void readextras(int number, const std::string& line, std::string_view list, int 
           formatted(" Line %d has more than %d exploratory variables: those behind are ignored.\n", number, maxextra));
       return;
     }
-    const int v = variableindex(name, names, nvar);
-    if (v < 1) {
+    const FoundVariable found = findvariable(name, names, nvar);
+    if (found.index < 1) {
       std::printf("bad level-%d extra variables\n", level);
       const std::string near = nearestnames(name, names, nvar);
       std::printf("Line %d: there is no %s at level %d.%s%s\n", number, printable(name).c_str(), level,
                   near.empty() ? "" : " The nearest names: ", near.c_str());
       fail(8, line.c_str());
     }
-    tellcut(number, name, names, v);
-    row[n++] = v;
+    tellcut(number, name, names, found);
+    row[n++] = found.index;
   }
 }
 
@@ -100,14 +100,6 @@ bool nextequation(CommandReader& reader, std::string_view keyword) {
   if (beginswith(reader.lines.line, keyword)) return true;
   holdline(reader.lines);
   return false;
-}
-
-// Whether the left side of an equation is the name of that variable of a level.
-bool names(std::string_view left, int level, const Name& owner) {
-  const Array<Name>& table = level == 1 ? run.mdm.names1 : run.mdm.names2;
-  const std::string name(trimmed(left));
-  const int v = variableindex(name, table, static_cast<int>(table.size()) - 1);
-  return samename(paddedname(v < 0 ? name : table[static_cast<std::size_t>(v)].text), paddedname(owner.text));
 }
 
 // Takes the line in hand apart. `owner` is the coefficient that the left side must name; `extras` receives the list
@@ -127,13 +119,15 @@ Equation equationof(const CommandReader& reader, int level, const Name& owner, i
   }
   text.remove_prefix(text.find(':') + 1);
   const std::size_t equals = text.find('=');
-  if (equals == std::string_view::npos || !names(text.substr(0, equals), level - 1, owner)) {
+  const std::string_view left = trimmed(text.substr(0, equals));
+  const Array<Name>& table = level == 2 ? run.mdm.names1 : run.mdm.names2;
+  const FoundVariable found = findvariable(left, table, static_cast<int>(table.size()) - 1);
+  if (equals == std::string_view::npos || found.index < 0 ||
+      !samename(paddedname(table[static_cast<std::size_t>(found.index)].text), paddedname(owner.text))) {
     std::printf("The equation of %s is due here.\n", leftname(owner).c_str());
     badline(reader);
   }
-  const std::string_view left = trimmed(text.substr(0, equals));
-  const Array<Name>& table = level == 2 ? run.mdm.names1 : run.mdm.names2;
-  tellcut(reader.lines.number, left, table, variableindex(left, table, static_cast<int>(table.size()) - 1));
+  tellcut(reader.lines.number, left, table, found);
 
   Equation equation;
   equation.line = reader.lines.number;

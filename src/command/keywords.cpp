@@ -221,6 +221,8 @@ void readfishertype(CommandReader&, const std::string& value) {
 void readlikelihood(CommandReader&, const std::string& value) {
   run.control.restricted = sameword(value, "REML");
   if (!run.control.restricted && !sameword(value, "ML")) refusevalue("LIKELIHOOD", "ML or REML", value);
+  if (!run.control.restricted && run.id.restricted)
+    oddcommand(" LIKELIHOOD:ML has no effect: -reml stands on the command line.\n");
 }
 
 void readddf(CommandReader&, const std::string& value) {

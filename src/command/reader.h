@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "command/linereader.h"
+#include "command/text.h"
 #include "core/names.h"
 #include "kernel/array.h"
 
@@ -55,7 +56,7 @@ struct Keyword {
 [[nodiscard]] int variable(int line, const char* what, const std::string& name, const Array<Name>& table, int highest,
                            int lowest = 1);
 // Tells of a name that is longer than what counts of it.
-void tellcut(int line, std::string_view name, const Array<Name>& table, int v);
+void tellcut(int line, std::string_view name, const Array<Name>& table, const FoundVariable& found);
 
 // The model: a LEVEL1: line and the LEVEL2: and LEVEL3: lines behind it.
 void readlevel1(CommandReader& reader, const std::string& value);

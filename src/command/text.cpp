@@ -82,8 +82,7 @@ namespace {
 
 int levelof(const Array<Name>& table) { return &table == &run.mdm.names1 ? 1 : &table == &run.mdm.names2 ? 2 : 3; }
 
-}  // namespace
-
+// The one variable of the table that has this whole name, or -1.
 int wholenameindex(std::string_view name, const Array<Name>& table, int n) {
   int found = -1;
   for (int v = 1; v <= n; ++v) {
@@ -96,10 +95,13 @@ int wholenameindex(std::string_view name, const Array<Name>& table, int n) {
   return found;
 }
 
-int variableindex(std::string_view name, const Array<Name>& table, int n) {
+}  // namespace
+
+FoundVariable findvariable(std::string_view name, const Array<Name>& table, int n) {
   const int eight = findname(name, table, n);
-  const int whole = eight < 0 || charactersof(name) > 8 ? wholenameindex(name, table, n) : -1;
-  return whole > 0 ? whole : eight;
+  const bool longer = leftname(paddedname(name)).size() < trimmed(name).size();
+  const int whole = eight < 0 || longer ? wholenameindex(name, table, n) : -1;
+  return whole > 0 ? FoundVariable{whole} : FoundVariable{eight, longer};
 }
 
 std::string nearestnames(std::string_view name, const Array<Name>& table, int n) {

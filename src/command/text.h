@@ -35,12 +35,14 @@ template <class Table>
 // Y or YES, and N, NO or NONE, in any case.
 [[nodiscard]] bool isyes(std::string_view text);
 [[nodiscard]] bool isno(std::string_view text);
-// The index of a variable in one of the name tables of run.mdm, or -1: by its name of 8 characters; by the whole name
-// that its source has, where just one has it. A name of more than 8 characters is looked for among the whole names
-// first.
-[[nodiscard]] int variableindex(std::string_view name, const Array<Name>& table, int n);
-// The one variable of the table that has this whole name, or -1. The signs that part names may stand as _ in it.
-[[nodiscard]] int wholenameindex(std::string_view name, const Array<Name>& table, int n);
+// A variable of one of the name tables of run.mdm.
+struct FoundVariable {
+  int index = -1;    // -1 when the table has no such name
+  bool cut = false;  // the name is longer than what counts of it, and no whole name of a source
+};
+// Looks for a variable by its name of 8 characters, and by the whole name that its source has, where just one has it;
+// the signs that part names may stand as _ in that. A longer name is looked for among the whole names first.
+[[nodiscard]] FoundVariable findvariable(std::string_view name, const Array<Name>& table, int n);
 // Up to three names 1..n of a table, those that differ least from `name`, with commas between them; empty when none has
 // half of it.
 [[nodiscard]] std::string nearestnames(std::string_view name, const Array<Name>& table, int n);

@@ -1,8 +1,10 @@
 #include "construct/buildlog.h"
 
 #include <cstdarg>
+#include <string>
 #include <utility>
 
+#include "core/formatted.h"
 #include "driver/failures.h"
 #include "driver/resultfile.h"
 
@@ -11,6 +13,7 @@ namespace kdr {
 namespace {
 
 ResultFile log;
+std::string ahead;  // lines
 int extras = 0;
 
 // A construction that stops leaves its log, which tells why and ends by saying so, but none that was cut by a full disk
@@ -32,6 +35,7 @@ void openlog() {
   opentext(log, logname);
   stophooks.closelog = keeplog;
   extras = 0;
+  std::fprintf(log.stream, "%s", std::exchange(ahead, {}).c_str());
 }
 
 std::FILE* logstream() { return log.stream; }
@@ -53,6 +57,12 @@ void logboth(const char* format, ...) {
     std::vfprintf(target, format, arguments);
     va_end(arguments);
   }
+}
+
+void logahead(const std::string& words) {
+  const std::string line = printable(words) + "\n";
+  std::printf("%s", line.c_str());
+  ahead += line;
 }
 
 void countextra() { ++extras; }

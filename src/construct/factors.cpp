@@ -6,6 +6,7 @@
 #include <map>
 #include <numeric>
 
+#include "construct/buildlog.h"
 #include "core/constants.h"
 #include "core/formatted.h"
 #include "core/numbers.h"
@@ -88,6 +89,18 @@ std::string straytext(const LongColumn& column) {
   const auto numbers =
       std::count_if(column.texts.begin(), column.texts.end(), [](const std::string& text) { return realof(text); });
   return 2 * static_cast<std::size_t>(numbers) > column.texts.size() ? column.why : "";
+}
+
+std::string strayrefusal(const LongColumn& column) {
+  const std::string stray = straytext(column);
+  if (stray.empty()) return "";
+  return column.name + " would be a column of numbers, but " + stray +
+         ". Name a code of missing values by -missing, mend the file, or write factor(" + column.name + ").";
+}
+
+void tellstrayid(const LongColumn& column) {
+  if (const std::string stray = straytext(column); !stray.empty())
+    logahead("The IDs in " + column.name + " are numbers, but " + stray + ": it counts as the ID of a unit.");
 }
 
 Factor factorof(const LongColumn& column, const std::vector<char>& kept) {

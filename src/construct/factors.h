@@ -19,6 +19,10 @@ struct Factor {
 // The text with which a column that should be one of numbers became one of texts, where most of its texts are numbers;
 // empty otherwise.
 [[nodiscard]] std::string straytext(const LongColumn& column);
+// A sentence that refuses such a column in a formula; empty when it is none.
+[[nodiscard]] std::string strayrefusal(const LongColumn& column);
+// Tells the console of such a text among IDs, where it makes a unit.
+void tellstrayid(const LongColumn& column);
 // The column's names, of the records in `kept` (empty: of all). Labels stand in the order of their values, plain
 // numbers in theirs, texts in that of the alphabet: letters alike but for case side by side. An empty text and NA are
 // missing.

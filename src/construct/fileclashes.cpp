@@ -69,8 +69,8 @@ void refuseunwritable(const std::string& output) {
   if (output.empty() || isspecial(output)) return;
   const std::string target = behindlinks(output);
   const std::filesystem::path folder = std::filesystem::path(target).parent_path();
-  if (access(folder.empty() ? "." : folder.c_str(), W_OK | X_OK) == 0 || access(target.c_str(), W_OK) == 0) return;
-  std::perror("");
+  if (access(target.c_str(), W_OK) == 0 || access(folder.empty() ? "." : folder.c_str(), W_OK | X_OK) == 0) return;
+  std::perror("");  // of the folder
   stopwith("Unable to open %s for writing\n", output.c_str());
 }
 

@@ -10,6 +10,7 @@
 #include <unordered_map>
 #include <utility>
 
+#include "construct/buildlog.h"
 #include "construct/levelsource.h"
 #include "construct/rawformats.h"
 #include "construct/rawvariables.h"
@@ -141,8 +142,8 @@ Constancy constancy(const LongUnits& units, const std::vector<std::size_t>& firs
 // Says so when the variable varies within a twentieth of the units or less.
 void tellslips(const std::string& name, std::size_t varying, std::size_t units, int level) {
   if (varying > 0 && varying * 20 <= units)
-    std::printf("%s varies within %zu of %zu level-%d units, and is constant in all others.\n", name.c_str(), varying,
-                units, level);
+    logahead(name + formatted(" varies within %zu of %zu level-%d units, and is constant in all others.", varying,
+                              units, level));
 }
 
 // What memoryrecord serves.
@@ -303,8 +304,8 @@ int levelof(const std::string& name, const LongUnits& units, const std::function
     return 0;
   }
   if (at2.gaps == 0) return 1;
-  std::printf("%s does not vary within level-2 units, but is missing in %zu of them: it stays at level 1.\n",
-              name.c_str(), at2.gaps);
+  logahead(name + formatted(" does not vary within level-2 units, but is missing in %zu of them: it stays at level 1.",
+                            at2.gaps));
   return 0;
 }
 

@@ -5,6 +5,7 @@
 #include <set>
 #include <vector>
 
+#include "construct/buildlog.h"
 #include "construct/factors.h"
 #include "construct/fileclashes.h"
 #include "construct/levelsource.h"
@@ -34,11 +35,13 @@ OneFile one;
 // or where the other column has numbers.
 UnitKeys keysof(const LongColumn& column, int level) {
   const bool longer = column.text && needsnumbers(column, true);
+  tellstrayid(column);
   UnitKeys keys = unitkeys(column, run.mdm.numericids, true);
   if (!keys.numbered) return keys;
   one.numbered[3 - level] = keys.whole;
-  std::printf("Level-%d IDs %s: the units are numbered from 1 to %zu.\n", level,
-              longer ? "of more than 12 characters" : "are texts where the others are numbers", keys.ids.size());
+  logahead(formatted("Level-%d IDs %s: the units are numbered from 1 to %zu.", level,
+                     longer ? "of more than 12 characters" : "are texts where the others are numbers",
+                     keys.ids.size()));
   return keys;
 }
 
@@ -51,7 +54,7 @@ LongUnits unitsof(const LevelSource& source, const LongColumn& id3, const LongCo
   const std::size_t nrecords = units.level3.ofrecord.size(), n = units.order.size();
   if (n == 0) fail(1, source.filename.c_str());
   if (n < nrecords)
-    std::printf("%zu records of %s have no ID. They were left out.\n", nrecords - n, source.filename.c_str());
+    logahead(formatted("%zu records of %s have no ID. They were left out.", nrecords - n, source.filename.c_str()));
   return units;
 }
 
@@ -89,7 +92,7 @@ std::vector<int> markall(LevelSource& source, const OneFileJob& job, std::set<in
     if (!variable.text) variable.mark = variablemark;
     rows.push_back(static_cast<int>(row));
   }
-  if (nameless > 0) std::printf("Columns without a name, left out: %d.\n", nameless);
+  if (nameless > 0) logahead(formatted("Columns without a name, left out: %d.", nameless));
   for (const std::string& name : job.level1) {
     const int row = findvariable(source, name);
     if (row == severalvariables) stopwith(namesalike, name.c_str(), 1);
@@ -97,7 +100,7 @@ std::vector<int> markall(LevelSource& source, const OneFileJob& job, std::set<in
       stopwith("%s cannot be a level-1 variable: it is an ID or a column of texts.\n", name.c_str());
     kept.insert(row);
   }
-  if (!left.empty()) std::printf("Left out, since they are no numbers: %s.\n", printable(left).c_str());
+  if (!left.empty()) logahead("Left out, since they are no numbers: " + left + ".");
   return rows;
 }
 
@@ -118,7 +121,7 @@ void namekeys() {
                one.keyfile.c_str());
   }
   refuseunwritable(one.keyfile);
-  std::printf("The numbers and their IDs stand in %s.\n", one.keyfile.c_str());
+  logahead("The numbers and their IDs stand in " + one.keyfile + ".");
 }
 
 // A field of delimited text.
@@ -130,7 +133,7 @@ std::string quoted(const std::string& text) {
 
 // Puts, in the place of each column of names, an indicator of each of its values but the first. Texts that are no names
 // are left out.
-void splitfactors(std::vector<LongColumn>& columns, std::vector<int>& rows) {
+void splitfactors(LevelSource& source, std::vector<LongColumn>& columns, std::vector<int>& rows) {
   constexpr std::size_t most = 200;
   std::vector<LongColumn> split;
   std::vector<int> splitrows;
@@ -138,8 +141,7 @@ void splitfactors(std::vector<LongColumn>& columns, std::vector<int>& rows) {
     const std::string name = printable(columns[v].name);
     const std::string stray = straytext(columns[v]);
     if (!stray.empty() || !holdsnames(columns[v])) {
-      if (!stray.empty())
-        std::printf("Left out, since it is neither numbers nor names: %s (%s).\n", name.c_str(), stray.c_str());
+      if (!stray.empty()) logahead("Left out, since it is neither numbers nor names: " + name + " (" + stray + ").");
       if (!stray.empty()) continue;
       splitrows.push_back(rows[v]);
       split.push_back(std::move(columns[v]));
@@ -147,7 +149,7 @@ void splitfactors(std::vector<LongColumn>& columns, std::vector<int>& rows) {
     }
     const Factor factor = factorof(columns[v], {});
     if (factor.levels.size() < 2 || factor.levels.size() > most) {
-      std::printf("Left out, since it has %zu different values: %s.\n", factor.levels.size(), name.c_str());
+      logahead(formatted("Left out, since it has %zu different values: %s.", factor.levels.size(), name.c_str()));
       continue;
     }
     std::string others;
@@ -161,8 +163,8 @@ void splitfactors(std::vector<LongColumn>& columns, std::vector<int>& rows) {
       splitrows.push_back(rows[v]);
       split.push_back(std::move(indicator));
     }
-    std::printf("%s is a factor: %s against %s.\n", name.c_str(), printable(others).c_str(),
-                printable(factor.levels[0]).c_str());
+    logahead(name + " is a factor: " + others + " against " + factor.levels[0] + ".");
+    source.vartable[static_cast<std::size_t>(rows[v])].labels.clear();  // they don't count by their codes
   }
   columns = std::move(split);
   rows = std::move(splitrows);
@@ -173,9 +175,9 @@ void telllevel(int level, const std::vector<MadeColumn>& columns, const std::vec
   LevelSource& source = raw.level[level];
   source.chosen.reset(rows.size());
   std::copy(rows.begin(), rows.end(), source.chosen.begin());
-  std::printf("Level-%d variables:", level + 1);
-  for (const MadeColumn& column : columns) std::printf(" %s", leftname(column.name).c_str());
-  std::printf("%s\n", columns.empty() ? " none" : "");
+  std::string words = formatted("Level-%d variables:", level + 1) + (columns.empty() ? " none" : "");
+  for (const MadeColumn& column : columns) words.append(" ").append(leftname(column.name));
+  logahead(words);
 }
 
 // The other levels' sources, for the template, are the same file.
@@ -208,16 +210,16 @@ void takeonefile(const OneFileJob& job) {
   columns.resize(columns.size() - 2);
   for (const LongColumn& column : columns)
     if (column.codedmissing > 0)
-      std::printf("%s: %lld values count as missing.\n", printable(column.name).c_str(), column.codedmissing);
+      logahead(column.name + formatted(": %lld values count as missing.", column.codedmissing));
   if (!units.sorted)
-    std::printf("%s is not in the order of its IDs. Its %zu records were sorted in memory.\n", source.filename.c_str(),
-                units.order.size());
+    logahead(formatted("%s is not in the order of its IDs. Its %zu records were sorted in memory.",
+                       source.filename.c_str(), units.order.size()));
 
   std::vector<std::string> taken{"RANDOM"};  // the word for a random effect
   std::vector<MadeColumn> made[3];
   std::vector<int> rowsof[3];
   mdm.l1missing = false;
-  if (job.factors) splitfactors(columns, rows);
+  if (job.factors) splitfactors(source, columns, rows);
   for (std::size_t v = 0; v < columns.size(); ++v) {
     const std::string& fullname = columns[v].name;
     const auto values = std::make_shared<std::vector<double>>(std::move(columns[v].numbers));
@@ -225,8 +227,7 @@ void takeonefile(const OneFileJob& job) {
     const int level = kept.contains(rows[v]) ? 0 : levelof(printable(fullname), units, value);
     const Name name = newname(fullname, taken);
     if (!samename(name, paddedname(fullname)) || charactersof(fullname) > 8)
-      std::printf("Variable %s has the name %s in the MDM file.\n", printable(fullname).c_str(),
-                  leftname(name).c_str());
+      logahead("Variable " + fullname + " has the name " + leftname(name) + " in the MDM file.");
     made[level].push_back({name, fullname, columns[v].label, columns[v].labels, value});
     rowsof[level].push_back(rows[v]);
     if (level == 0)

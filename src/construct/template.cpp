@@ -242,6 +242,7 @@ void taketype(TemplateText& text, const std::string& value) {
 
 void takedeletion(TemplateText& text, const std::string& value) {
   run.mdm.deletednow = oneof(text, value, "NA") == 'N';
+  if (!beginswith(run.mdm.deletednow ? "NOW" : "ANALYSIS", value.c_str())) badvalue(text);  // "never" is not "now"
 }
 
 void takemdmname(TemplateText&, const std::string& value) { run.files.mdmfile = pathvalue(value); }

@@ -203,12 +203,19 @@ void separate(ResultsDocument& document) {
 
 Json allwarnings(const ResultsDocument& document, const Model& model, const Json& converged) {
   Json warnings = document.warnings;
-  if (converged == false)
-    for (const Json& phase : document.phases)
-      if (phase["converged"] == false && phase["phase"] != "identity" &&
-          !(phase["phase"] == "population_average" && model.restrictions.fixsigma2))
-        warnings.push_back("The iterations of the phase " + phase["phase"].get<std::string>() +
-                           " were stopped prior to convergence.");
+  for (const Json& phase : document.phases) {
+    const std::string name = phase["phase"];
+    bool told = false;  // by a warning of its own
+    for (const std::string words : phase["warnings"]) {
+      constexpr std::string_view mark = "WARNING: ";
+      if (!words.starts_with(mark)) continue;
+      warnings.push_back("Phase " + name + ": " + words.substr(mark.size()));
+      told = true;
+    }
+    if (converged == false && !told && phase["converged"] == false && name != "identity" &&
+        !(name == "population_average" && model.restrictions.fixsigma2))
+      warnings.push_back("The iterations of the phase " + name + " were stopped prior to convergence.");
+  }
   for (const Json& phase : document.phases)
     if (const Json& compared = phase["model_comparison"]; !compared.is_null() && !compared["impossible"].is_null())
       warnings.push_back("The models of DEVIANCE: cannot be compared. " + compared["impossible"].get<std::string>());

@@ -10,12 +10,11 @@
 namespace kdr {
 
 void oddcommand(const std::string& words, int strictcode) {
-  std::printf("%s", words.c_str());
-  if (run.id.strict) stoprun(strictcode);
   const std::size_t first = words.find_first_not_of(" \n"), last = words.find_last_not_of(" \n");
   std::string kept = words.substr(first, last - first + 1);
   std::replace(kept.begin(), kept.end(), '\n', ' ');
-  keepwarning(kept, true);
+  if (keepwarning(kept, true)) std::printf("%s", words.c_str());
+  if (run.id.strict) stoprun(strictcode);
 }
 
 }  // namespace kdr

@@ -118,6 +118,8 @@ Estimates readstartvalues() {
   expectmarker(file, firstmarker, "sigma2 value must be preceded with a line #SIGMA2\n");
   bool more = false;
   est.sigma2 = readnumbers(file, 1, more)[0];
+  if (est.sigma2 < 0.0)
+    stopwith("Starting value file %s: sigma^2 cannot be negative\n", printable(run.files.startvals).c_str());
   expectmarker(file, "#TAUPI", "Tau(pi) values must be preceded with a line #TAUPI\n");
   readtriangle(file, est.taupi, coef.ntaupi, more);
   expectmarker(file, "#TAUBETA", "Tau(beta) values must be preceded with a line #TAUBETA\n");

@@ -169,11 +169,14 @@ Failure createstore(const SubrunShape& shape) {
   return store.close();
 }
 
+Failure nostore() {
+  return failedwith(formatted("There is no result store %s in this folder: a series begins with -mi0.\n", storename));
+}
+
 Failure readstore(const SubrunShape& shape, StoreHead& head, std::vector<SubrunRecord>* records) {
   std::FILE* file = std::fopen(storename, "rb");
   if (file == nullptr && errno != ENOENT) return cannotopen("reading");
-  if (file == nullptr)
-    return failedwith(formatted("There is no result store %s in this folder: a series begins with -mi0.\n", storename));
+  if (file == nullptr) return nostore();
   std::string problem = checkhead(file, shape, head);
   if (problem.empty() && records != nullptr) {
     records->clear();

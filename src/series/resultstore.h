@@ -39,6 +39,9 @@ Failure createstore(const SubrunShape& shape);
 // says why there is no usable store: none exists, it is of another series, it isn't whole; or as the system refuses it.
 Failure readstore(const SubrunShape& shape, StoreHead& head, std::vector<SubrunRecord>* records);
 
+// The failure of a folder without a store.
+[[nodiscard]] Failure nostore();
+
 // Data set `index`, which is not the first, begins: it and all before it count as begun. Fails as readstore, or with
 // the sentence that refuses an index that has finished already or is too large.
 Failure joinstore(const SubrunShape& shape, int index, StoreHead& head);

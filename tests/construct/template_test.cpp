@@ -110,6 +110,7 @@ TEST_F(Template, Refusals) {
       {with(whole, "mdmtype:2", "growthmodel:"), invalid(2)},
       {with(whole, "y/DIFFERENT", "maybe"), invalid(13)},
       {with(whole, ":analysis", ":later"), invalid(16)},
+      {with(whole, ":analysis", ":never"), invalid(16)},
       {with(whole, "numl2var:1", "numl2var:1 2"), invalid(8)},
       {whole + "COLOUR:\x1Bred\n", "Line 28 of the template t.mdmt has no keyword of a template: COLOUR:?red\n"},
       {with(whole, "(2A2,F3.0)", "(2A2,T1,F3.0)"),

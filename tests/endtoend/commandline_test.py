@@ -51,6 +51,13 @@ def onelongfile():
     done = work.run("long.mdm", "long.kdr")
     check(done.returncode == 0, f"a run on the file of -from: {done.stdout[-300:]}")
     check("The maximum number of level-1 units = 216" in work.read("long.txt"), "all its records are there")
+    # whole names that begin alike, of two levels: neither is taken for the other
+    work.write("alike.csv", "area,school,y,mathematics_a,mathematics_b\n" + "\n".join(rows) + "\n")
+    work.run("-from", "alike.csv", "-level3", "area", "-level2", "school")
+    for name, code, told in (("mathematics_a", 0, ""), ("mathematics_b", 9, "mathematics_b is a variable of level 3: put it on a LEVEL3: line.")):
+        work.write("alike.kdr", work.read("long.kdr").replace("+X+", f"+{name}+").replace("LEVEL2:X", f"LEVEL2:{name}").replace("+Q+", "+"))
+        done = work.run("alike.mdm", "alike.kdr")
+        check(done.returncode == code and told in done.stdout and "is taken for" not in done.stdout, f"{name}: {done.returncode} {done.stdout[:300]}")
     done = work.run("-from", "long.csv", "-level3", "area")
     check(done.returncode == 100 and "go together" in done.stdout, "-from without -level2")
     done = work.run("-from", "long.csv", "-level3", "region", "-level2", "school")
@@ -61,6 +68,11 @@ def onelongfile():
     work.write("slip.csv", work.read("long.csv").replace(rows[0], rows[0] + "0", 1))
     done = work.run("-from", "slip.csv", "-level3", "area", "-level2", "school")
     check("q varies within 1 of 36 level-2 units" in done.stdout and "Level-1 variables: Y X Q" in done.stdout, done.stdout)
+    work.write("stray.csv", work.read("long.csv").replace(rows[0], "1,x" + rows[0][3:]).replace(rows[-1], "," + rows[-1]))
+    work.write("stray.csv", work.read("stray.csv").replace("\n,12,", "\n,"))
+    done = work.run("-from", "stray.csv", "-level3", "area", "-level2", "school")
+    for words in ('The IDs in school are numbers, but line 2 holds "x1"', "1 records of stray.csv have no ID", "Level-1 variables: Y X"):
+        check(words in done.stdout and words in work.read("KDR3MDM.STS"), f"log and console: {words}: {done.stdout[:500]}")
     ones = sum(row.split(",")[2] == "1" for row in rows)
     for codes, told in (("-9,1", f"y: {ones} values count as missing.\n"), ("-9,a", "cannot be -9,a")):
         done = work.run("-from", "long.csv", "-level3", "area", "-level2", "school", "-missing", codes)
@@ -163,9 +175,18 @@ def options():
     """Options in their other forms, and what is none."""
     for words, told in ((("-t0",), "-t takes"), (("-tx",), "cannot be x"), (("-t", "100000"), "1 to 1024"), (("-mix",), "-mi must"),
                         (("-mi", "chem97.mdm"), "cannot be chem97.mdm"), (("-i", "2"), "-i takes"), (("-nowhere",), "usage: kdr3"),
-                        (("--nothing",), "-results FILE"), (("-missing", "nan", "--from=a"), "go together")):
+                        (("--nothing",), "illegal option -- nothing\n"), (("-missing", "nan", "--from=a"), "go together"),
+                        (("--strict=no",), "takes no argument -- strict"), (("--results=",), "requires an argument -- results"),
+                        (("-results", "a.json", "-results", "b.json"), "-results stands twice"),
+                        (("-r", "chem97.mdmt", "-r", "chem97.mdmt"), "-r stands twice")):
         done = work.run(*words, "chem97.mdm", "model1.kdr")
         check(done.returncode == 100 and told in done.stdout, f"{words}: {done.stdout[:200]}")
+    done = work.run("chem97.mdm", "model1.kdr", "model2.kdr")
+    unused = "The word model2.kdr of the command line is not used."
+    check(unused in done.stdout and unused in work.read("model1.txt"), "a word too many")
+    work.write("reml.kdr", work.read("model1.kdr") + "LIKELIHOOD:ML\n")
+    done = work.run("chem97.mdm", "reml.kdr", "-reml", "-strict")
+    check(done.returncode == 100 and "LIKELIHOOD:ML has no effect" in done.stdout, f"-reml: {done.stdout[-200:]}")
     done = work.run("--results=double.json", "--t", "1", "chem97.mdm", "model1.kdr")
     check(done.returncode == 0 and done.stdout.endswith("The report is model1.txt, the results are double.json.\n"), done.stdout[-200:])
 

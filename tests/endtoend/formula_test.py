@@ -209,6 +209,9 @@ def refusals(folder):
             c(at is not None, f"{formula}: no carets in {done.stdout!r}")
             shown, carets = (lines[at - 1], lines[at]) if at else ("", "")
             c.equal(f"place in {formula}", shown[carets.find("^"):carets.rfind("^") + 1].strip(), under)
+    for words, said in ((["-family", "ordinal"], "line 3 holds \"n.a.\""),):
+        code, text = run(PROGRAM, folder, "-fit", "mixed ~ year + (1 | school/pupil)", "wrong.csv", "-o", "w", *words)
+        c(code == 100 and said in text, f"a text among categories that are numbers: {code} {text!r}")
     for words, said in ((["-family", "gamma"], "-family takes"), (["-family", "poisson"], "whole numbers from 0 on"),
                         (["-engine", "pql"], "not normal"), (["-trials", "tries"], "goes with -family binomial"),
                         (["-family", "binomial", "-engine", "mcmc"], "-engine takes"), (["-keyword", "LEVEL1:A=B"], "already"),
@@ -303,6 +306,12 @@ def files(folder):
     growth = DATA / "growth.csv"
     code, said, first = fit(folder, "score ~ year*sex + arm + (year | school/pupil)", growth)
     report = open(f"{folder}/f.txt").read()
+    left = re.search(r"(\d+) of (\d+) records are left out, \d+ remain", said)
+    words = f"{left[1]} of {left[2]} records of {growth} are left out" if left else "?"
+    told = [words in w for w in (report, " ".join(first["warnings"]))] + [
+        left and left[0] in open(f"{folder}/{name}").read() for name in ("KDR3MDM.STS", "f.kdr")]
+    c.equal("report, results, log and command file tell the records that are left out", told, [True] * 4)
+    report = "".join(line for line in report.splitlines(True) if words not in line)
     c.equal("files", sorted(set(os.listdir(folder)) & {"f" + x for x in MADE + [".html"]}), sorted("f" + x for x in MADE))
     code, _ = run(PROGRAM, folder, "-strict", "f.mdm", "f.kdr")
     c.equal("run again", (code, body(open(f"{folder}/f.txt").read()) == body(report)), (0, True))
@@ -326,6 +335,13 @@ def files(folder):
     c.equal("multinomial", (code, len(document["phases"][-1]["fixed_effects"]) if document else said[-200:]), (0, 4))
     code, said, document = fit(folder, "tries ~ year + (1 | school/pupil)", growth, "-family", "ordinal")
     c.equal("ordinal", (code, len(document["phases"][-1]["fixed_effects"]) if document else said[-200:]), (0, 6))
+    # what -reml fits is fitted again
+    _, said, first = fit(folder, "score ~ year + (1 | school/pupil)", growth, "-reml")
+    c("REML criterion" in said and first["phases"][-1]["likelihood"] == "restricted", said[-500:])
+    run(PROGRAM, folder, "f.mdm", "f.kdr")
+    c.equal("-reml again", json.load(open(f"{folder}/f.json"))["phases"][-1]["deviance"], first["phases"][-1]["deviance"])
+    code, said, document = fit(folder, "score ~ year + (1 | school/pupil)", growth, "-keyword", "NUMIT:1,N")
+    c("WARNING: the iterations were stopped prior to convergence.\n\nThe report is" in said, said[-400:])
     code, said, document = fit(folder, "score ~ year + (1 | school/pupil)", growth, "-robust")
     c("robust SE" in said, said[-500:])
     # codes of missing values are none of the IDs

@@ -281,6 +281,8 @@ class Tests:
                 (draw("plots.json", "coefficients", "--phase", "pql"), 2, "it has least_squares, final"),
                 (draw("plots.json", "coefficients", "--ratio"), 5, "no odds or event-rate ratios"),
                 (draw("plots.json", "lines", "--predictor", "AGE"), 2, "AGE is no level-1 predictor"),
+                (draw("plots.json", "lines", "--category", "2"), 2, "there is no category 2"),
+                (draw("plots.json", "qq", "--units", "1"), 2, "--units has no effect on --kind qq"),
                 (draw("plots.json", "pie"), 2, "invalid choice"),
                 (("plots.json", "-o", "refused.png"), 2, "either --kind or --page"),
                 (("plots.json", "--kind", "qq", "-o", "refused.pdf"), 2, "ends in .png or .svg"),

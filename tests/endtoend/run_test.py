@@ -19,7 +19,7 @@ def ends(done, code, words, what):
 
 def options():
     ends(work.run("-r"), 100, "option requires an argument -- r\nusage: ", "missing argument")
-    ends(work.run("-e"), 100, "Unable to open newcmd.kdr for reading\n", "-e alone, without a series")
+    ends(work.run("-e"), 100, "There is no result store mixyzzy.dat in this folder: a series begins with -mi0.\n", "-e alone, without a series")
     ends(work.run("-r", "none.rsp"), 100, "Unable to open none.rsp\n", "no response file")
     ends(work.run("-v", answers="n\n"), 14, "KDR3 version 7.01\n\n\nWill you be starting with raw data? \n", "-v alone")
     ends(work.run("none.mdm", "x.kdr"), 14, "mdm file none.mdm does not exist.\n Enter new file name: ", "no mdm file")
@@ -87,6 +87,7 @@ def startingvalues():
         odd.replace("#GAMMA", "#"): "gamma values must be preceded with a line #GAMMA\n",
         odd[:-2]: "There should be 6 lines after the #GAMMA line.\n",
         odd[:-1]: "There should be 6 lines after the #GAMMA line.\n",
+        odd.replace("20", "-20"): "sigma^2 cannot be negative\n",
         odd.replace("20", "20,5"): "there should be 1 number, with a point for decimals, on the line: 20,5\n",
         odd.replace(" 0.05 3.0", " 0.05"): "there should be 2 numbers, with a point for decimals, on the line:  0.05\n",
         odd.replace("2.5", "nan"): "on the line:  nan\n",
@@ -249,13 +250,15 @@ def keptinputs():
     """Nothing that the program could read is written over, and no result's folder is missed after the estimation."""
     mdm, commands = (work.folder / "chem97.mdm").read_bytes(), (work.folder / "model2.kdr").read_bytes()
     kept = {"imp.1": mdm, "other.mdm": mdm, "mixyzzy.dat": mdm, "other.kdr": commands, "marked.kdr": b"\xef\xbb\xbf\n" + commands,
-            "other.mdmt": (work.folder / "chem97.mdmt").read_bytes(), "starts.txt": b"#SIGMA2\n1\n", "x.sav": b"$FL2"}
+            "other.mdmt": (work.folder / "chem97.mdmt").read_bytes(), "starts.txt": b"#SIGMA2\n1\n", "x.sav": b"$FL2",
+            "table.csv": b"school,pupil,y\n1,1,2\n"}
     for name, content in kept.items():
         (work.folder / name).write_bytes(content)
     for keywords, words in (({"OUTPUT": "imp.txt"}, ("-mi0",)), ({"OUTPUT": "new.txt"}, ("-mi0",)), ({"OUTPUT": "other.kdr"}, ()),
                             ({"OUTPUT": "marked.kdr"}, ()), ({"OUTPUT": "other.mdmt"}, ()), ({"OUTPUT": "starts.txt"}, ()),
-                            ({"OUTPUT": "x.sav"}, ()), ({"STARTVALS": "other.kdr"}, ()), ({"RESULTS": "other.mdm"}, ()),
-                            ({"GRAPHGAMMAS": "other.mdm"}, ()), ({"RESFIL1": "Y", "RESFIL1NAME": "other.mdm"}, ())):
+                            ({"OUTPUT": "x.sav"}, ()), ({"OUTPUT": "table.csv"}, ()), ({"STARTVALS": "other.kdr"}, ()), ({"RESULTS": "other.mdm"}, ()),
+                            ({"GRAPHGAMMAS": "other.mdm"}, ()), ({"RESFIL1": "Y", "RESFIL1NAME": "other.mdm"}, ()),
+                            ({"RESFIL1": "Y", "RESFIL1NAME": "x.sav"}, ())):
         done = work.run(*words, "chem97.mdm", work.edited("lossy.kdr", "model1.kdr", **keywords))
         ends(done, 100, "which would be lost", f"{words} {keywords}")
     for place in ("other.kdr", "other.mdmt", "starts.txt"):

@@ -414,6 +414,11 @@ def plausible(check, place):
         check(done.returncode == 0 and place.read("page_avg.html").endswith("</body></html>\n"), f"{name}: html")
         last = f"The report is the page page_avg.html, those of the passes are numbered up to page_{M}.html.\n"
         check(done.stdout.endswith(last), f"{name}: the last line {done.stdout[-200:]}")
+    residuals = model(plausvals="PLAUSVALS:" + ",".join(scores) + "\n", **outcome(0)).replace("RESFIL2:N", "RESFIL2:Y/")
+    place.write("pv.kdr", residuals)
+    for again in ("pv.kdr", "newcmd.kdr"):  # over its own numbered residual files
+        done = place.run("pv.mdm", again)
+        check(done.returncode == 0 and place.exists(f"resfil2_{M}.sav"), f"residual files, {again}: {done.stdout[-200:]}")
     for kind in NONLINEAR:
         place.write("pv.kdr", nonlinear(kind, plausvals="PLAUSVALS:PASS,GRADE\n", hypotheses="", output="refused.txt"))
         done = place.run("imp1.mdm", "pv.kdr")

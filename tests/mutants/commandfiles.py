@@ -179,6 +179,8 @@ def stated(line, written):
         if word == keyword and value[:1] in "YN" and value[:1] == said[:1] and keyword not in ("TITLE",):
             return True
     # What holds anyway is not written.
+    if keyword == "POPAVIT" and value in ("Y", "YES"):
+        value = "1"
     return value in ("N", "NONE", "0") or value.startswith("N") or keyword in DEFAULTS and numbers(value) == DEFAULTS[keyword]
 
 

@@ -14,6 +14,7 @@
 #include "command/formula/equationlines.h"
 #include "command/formula/variables.h"
 #include "command/text.h"
+#include "construct/buildlog.h"
 #include "construct/construction.h"
 #include "construct/fileclashes.h"
 #include "construct/levelsource.h"
@@ -23,6 +24,7 @@
 #include "driver/failures.h"
 #include "driver/resultfile.h"
 #include "driver/runrecord.h"
+#include "driver/warnings.h"
 
 namespace kdr {
 
@@ -46,7 +48,14 @@ struct Fit {
   LongUnits units;
   std::vector<ModelColumn> fixed;
   Design design;
+  std::vector<std::string> remarks;
 };
+
+// What the formula made of the data: for console and log, and as a comment for the command file.
+void remark(Fit& fit, const std::string& words) {
+  logahead(words);
+  fit.remarks.push_back(words);
+}
 
 enum class FitFamily { gaussian, binomial, poisson, ordinal, multinomial };
 
@@ -158,7 +167,7 @@ void readcolumns(Fit& fit) {
   fit.data.nrecords = fit.data.columns[0].text ? fit.data.columns[0].codes.size() : fit.data.columns[0].numbers.size();
   for (const LongColumn& column : fit.data.columns)
     if (column.codedmissing > 0)
-      std::printf("%s: %lld values count as missing.\n", printable(column.name).c_str(), column.codedmissing);
+      remark(fit, column.name + formatted(": %lld values count as missing.", column.codedmissing));
 }
 
 // The two groupings.
@@ -267,6 +276,8 @@ void makeunits(Fit& fit) {
   std::vector<std::string> own;
   for (const std::string& name : inner.names)
     if (std::find(outer.names.begin(), outer.names.end(), name) == outer.names.end()) own.push_back(name);
+  for (const std::vector<std::string>& names : {outer.names, own})
+    for (const std::string& name : names) tellstrayid(fit.data.column(name));
   LongColumn id3 = idcolumn(fit.data, outer.names), id2 = idcolumn(fit.data, own);
   const bool numbers = wholenumbers(id3) && wholenumbers(id2);
   if (!numbers) {
@@ -278,8 +289,8 @@ void makeunits(Fit& fit) {
   fit.units.level2 = unitkeys(id2, numbers, false);
   for (const int level : {3, 2})
     if (const UnitKeys& keys = level == 3 ? fit.units.level3 : fit.units.level2; keys.numbered)
-      std::printf("IDs of %s that are long, or differ by case alone: the units are numbered from 1 to %zu.\n",
-                  (level == 3 ? outer : inner).shown.c_str(), keys.ids.size());
+      remark(fit, formatted("IDs of %s that are long, or differ by case alone: the units are numbered from 1 to %zu.",
+                            (level == 3 ? outer : inner).shown.c_str(), keys.ids.size()));
 }
 
 // The outcome, and what stands beside it.
@@ -299,8 +310,10 @@ std::optional<Factor> outcomenames(const Fit& fit, const Expression& e) {
       refuseoutcome(fit, "An outcome can be factor(y), without more.");
     return factorof(fit.data.column(bare(e.operands[0]).word), {});
   }
-  if (e.part == Part::name && holdsnames(fit.data.column(e.word))) return factorof(fit.data.column(e.word), {});
-  return std::nullopt;
+  if (e.part != Part::name || !holdsnames(fit.data.column(e.word))) return std::nullopt;
+  const LongColumn& column = fit.data.column(e.word);
+  if (const std::string words = strayrefusal(column); !words.empty()) refuseoutcome(fit, words);
+  return factorof(column, {});
 }
 
 std::vector<double> codesof(const Factor& factor, double first) {
@@ -315,7 +328,7 @@ void takebinary(Fit& fit, const Factor& names) {
   if (names.levels.size() != 2)
     refuseoutcome(fit, formatted("A binomial outcome has two values. This one has %zu.", names.levels.size()));
   fit.outcome.values = shared(codesof(names, 0.0));
-  std::printf("The event of %s is %s.\n", printable(fit.outcome.name).c_str(), printable(names.levels[1]).c_str());
+  remark(fit, "The event of " + fit.outcome.name + " is " + names.levels[1] + ".");
 }
 
 void takecbind(Fit& fit, const Expression& e) {
@@ -367,8 +380,7 @@ void takeoutcome(Fit& fit) {
       fit.outcome.values = shared(names && !bycodes ? codesof(*names, 1.0) : valuesof(fit.data, e));
       if (names && !bycodes)
         for (std::size_t k = 0; k < names->levels.size(); ++k)
-          std::printf("%s %zu is %s.\n", printable(fit.outcome.name).c_str(), k + 1,
-                      printable(names->levels[k]).c_str());
+          remark(fit, fit.outcome.name + " " + std::to_string(k + 1) + " is " + names->levels[k] + ".");
       break;
   }
 }
@@ -407,6 +419,7 @@ void takeextras(Fit& fit) {
 std::vector<char> completerecords(Fit& fit) {
   const FormulaData& data = fit.data;
   std::vector<char> kept(data.nrecords, 1);
+  std::string reasons;
   const auto drop = [&](const std::string& name, const auto& missing) {
     std::size_t count = 0;
     for (std::size_t i = 0; i < data.nrecords; ++i)
@@ -414,7 +427,9 @@ std::vector<char> completerecords(Fit& fit) {
         ++count;
         kept[i] = 0;
       }
-    if (count > 0) std::printf("%s is missing in %zu records.\n", printable(name).c_str(), count);
+    if (count == 0) return;
+    remark(fit, formatted("%s is missing in %zu records.", name.c_str(), count));
+    reasons += (reasons.empty() ? ": " : ", ") + name + formatted(" is missing in %zu", count);
   };
   const auto dropextra = [&](const Extra& extra) {
     drop(extra.name, [&](std::size_t i) { return (*extra.values)[i] == missingcode; });
@@ -428,9 +443,14 @@ std::vector<char> completerecords(Fit& fit) {
     drop(grouping.shown, [&](std::size_t i) { return grouping.units[i] < 0; });
   const auto left = std::count(kept.begin(), kept.end(), 1);
   if (left == 0) stopwith("No record of %s has all that the model needs.\n", fit.request.file.c_str());
-  if (static_cast<std::size_t>(left) < data.nrecords)
-    std::printf("%zu of %zu records are left out, %td remain.\n", data.nrecords - static_cast<std::size_t>(left),
-                data.nrecords, left);
+  if (!reasons.empty()) {
+    const std::size_t out = data.nrecords - static_cast<std::size_t>(left);
+    remark(fit, formatted("%zu of %zu records are left out, %td remain.", out, data.nrecords, left));
+    keepwarning(formatted("%zu of %zu records of %s are left out, %td remain", out, data.nrecords,
+                          fit.request.file.c_str(), left) +
+                    reasons + ".",
+                false);
+  }
   return kept;
 }
 
@@ -445,8 +465,7 @@ void dropemptylevels(Fit& fit, const std::vector<char>& kept) {
     std::vector<std::string> levels;
     for (std::size_t k = 0; k < place.size(); ++k) {
       if (place[k] < 0) {
-        std::printf("%s: no record has the level %s, which is left out.\n", printable(name).c_str(),
-                    printable(factor.levels[k]).c_str());
+        remark(fit, name + ": no record has the level " + factor.levels[k] + ", which is left out.");
         continue;
       }
       place[k] = static_cast<int>(levels.size());
@@ -461,7 +480,7 @@ void dropemptylevels(Fit& fit, const std::vector<char>& kept) {
   }
 }
 
-void tellfactors(const Fit& fit) {
+void tellfactors(Fit& fit) {
   constexpr std::size_t longest = 300;
   for (const auto& [name, variable] : fit.data.variables) {
     if (!variable.factor || variable.indicator) continue;
@@ -469,8 +488,7 @@ void tellfactors(const Fit& fit) {
     for (std::size_t k = 1; k < variable.names.levels.size() && others.size() < longest; ++k)
       others += (k == 1 ? "" : ", ") + variable.names.levels[k];
     if (others.size() >= longest) others += " ...";
-    std::printf("%s is a factor: %s against %s.\n", printable(name).c_str(), printable(others).c_str(),
-                printable(variable.names.levels[0]).c_str());
+    remark(fit, name + " is a factor: " + others + " against " + variable.names.levels[0] + ".");
   }
 }
 
@@ -542,8 +560,9 @@ void dropredundant(Fit& fit) {
   std::vector<ModelColumn> left;
   for (std::size_t j = 0; j < fit.fixed.size(); ++j) {
     if (without[j]) {
-      std::printf("%s is left out: other columns of the model give it already.\n",
-                  printable(fit.fixed[j].name).c_str());
+      const std::string words = fit.fixed[j].name + " is left out: other columns of the model give it already.";
+      remark(fit, words);
+      keepwarning(words, false);
     } else {
       left.push_back(fit.fixed[j]);
     }
@@ -613,7 +632,7 @@ void servedesign(Fit& fit, EquationLines& lines) {
 // The engine.
 
 // The keyword lines of the outcome type and its engine.
-void outcomelines(const Fit& fit, EquationLines& lines) {
+void outcomelines(Fit& fit, EquationLines& lines) {
   const FitFamily family = familyof(fit.request);
   const std::string& engine = fit.request.engine;
   const bool weighted = fit.weights[0] || fit.weights[1] || fit.weights[2];
@@ -621,6 +640,7 @@ void outcomelines(const Fit& fit, EquationLines& lines) {
     if (!engine.empty() || !fit.request.points.empty())
       stopwith("-engine and -points are for outcomes that are not normal; see -family.\n");
     lines.head = {"NONLIN:N", "NUMIT:500,N"};
+    if (run.id.restricted) lines.head.emplace_back("LIKELIHOOD:REML");
     return;
   }
   const bool categorical = family == FitFamily::ordinal || family == FitFamily::multinomial;
@@ -643,7 +663,7 @@ void outcomelines(const Fit& fit, EquationLines& lines) {
   if (lines.restricted()) why = "random parts that are independent in part only";
   if (!pql && !why.empty()) {
     if (!engine.empty()) stopwith("-engine %s cannot be had with %s.\n", engine.c_str(), why.c_str());
-    std::printf("Estimates are those of quasi-likelihood (PQL): quadrature cannot be had with %s.\n", why.c_str());
+    remark(fit, "Estimates are those of quasi-likelihood (PQL): quadrature cannot be had with " + why + ".");
     quadrature = false;
   }
   if (laplace6 && (family != FitFamily::binomial || fit.counts))
@@ -708,6 +728,7 @@ void checkkeywords(const FitRequest& request) {
     const std::string word = wordof(line);
     if (line.find(':') == std::string::npos || word.empty())
       stopwith("-keyword takes NAME:value. It cannot be %s\n", printable(line).c_str());
+    if (word == "LIKELIHOOD" && run.id.restricted) stopwith("-keyword LIKELIHOOD: -reml says that already.\n");
     for (const char* own : {"LEVEL1", "LEVEL2", "LEVEL3", "NONLIN", "OUTPUT", "RESULTS"})
       if (word == own) stopwith("-keyword %s: the formula and -fit say that already.\n", own);
   }
@@ -718,6 +739,7 @@ void writecommands(const Fit& fit, const EquationLines& lines) {
   std::string formula = printable(fit.model.text);
   text.push_back("#" + formula);
   for (const std::string& words : lines.legend) text.push_back("#" + printable(words));
+  for (const std::string& words : fit.remarks) text.push_back("#" + printable(words));
   const std::vector<std::string>& settings = lines.head;
   const std::vector<std::string> model = equationlines(lines);
   std::vector<std::string> rest = {"RESFIL1:N", "RESFIL2:N",  "RESFIL3:N",    "CONSTRAIN:N",

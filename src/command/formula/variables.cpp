@@ -356,11 +356,8 @@ void makefactor(const FormulaData& data, const Expression& e, Variable& variable
   variable.factor = true;
   if (const Expression& inner = bare(of); inner.part == Part::name) {
     const LongColumn& column = data.column(inner.word);
-    if (const std::string stray = e.part == Part::call ? "" : straytext(column); !stray.empty())
-      refuseformula(data.formula, e.place,
-                    column.name + " would be a column of numbers, but " + stray +
-                        ". Name a code of missing values by -missing, mend the file, or write factor(" + column.name +
-                        ").");
+    if (const std::string words = e.part == Part::call ? "" : strayrefusal(column); !words.empty())
+      refuseformula(data.formula, e.place, words);
     variable.names = factorof(column, {});
     variable.source = &column;
     variable.label = column.label;

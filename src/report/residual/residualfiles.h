@@ -3,6 +3,7 @@
 #pragma once
 
 #include <functional>
+#include <string>
 
 #include "data/unitreader.h"
 #include "estimate/linear/recordunits.h"
@@ -11,6 +12,10 @@ namespace kdr {
 
 // True when the run asks for a residual file.
 [[nodiscard]] bool wantresidualfiles();
+
+// Whether a file, of no matter what kind, is an SPSS file that this program wrote: of all its residual files, these
+// alone begin as raw data that it reads.
+[[nodiscard]] bool isownspss(const std::string& path);
 
 // Writes the files of run.out.resfil1, resfil2 and resfil3 from a finished pass after variancetests. The level-1 file
 // comes first, in a walk of its own through the file `working`, whose records lie as `layout` tells. A failed write

@@ -3,11 +3,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <initializer_list>
+#include <memory>
 #include <string>
 #include <string_view>
 
 #include "driver/runrecord.h"
 #include "report/residual/forms.h"
+#include "report/residual/residualfiles.h"
 
 namespace kdr {
 
@@ -56,9 +58,12 @@ int slots(const ResidualColumns& layout) {
   return static_cast<int>(ids + (layout.hascount() ? 1 : 0) + layout.columns.size());
 }
 
+// What the files begin with; the version follows.
+std::string mark() { return std::string("$FL2@(#) SPSS DATA FILE from ") + module + " version "; }
+
 void puthead(ResultFile& out, const ResidualColumns& layout, int cases) {
   char text[65];
-  std::snprintf(text, sizeof text, "$FL2@(#) SPSS DATA FILE from %s version %.2f", module, std::atof(version));
+  std::snprintf(text, sizeof text, "%s%.2f", mark().c_str(), std::atof(version));
   puttext(out, text, 64);
   putints(out, {2, slots(layout), 0, 0, cases});
   writevalue(out, 100.0);
@@ -135,6 +140,12 @@ void writerowspss(ResidualFile& file, const ResidualRow& row) {
   if (layout.ids() > 1) putid(file, 1, row.id2);
   if (layout.hascount()) writevalue<double>(file.out, row.count);
   writeresult(file.out, row.values, layout.columns.size() * sizeof(double));
+}
+
+bool isownspss(const std::string& path) {
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "rb"), std::fclose);
+  std::string head(mark().size(), '\0');
+  return file != nullptr && std::fread(head.data(), 1, head.size(), file.get()) == head.size() && head == mark();
 }
 
 }  // namespace kdr
