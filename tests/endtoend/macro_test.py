@@ -4,12 +4,16 @@
 """
 import json
 import math
+import pathlib
 import random
 import re
 import signal
 import subprocess
 import sys
+import tempfile
 
+sys.path.append(str(pathlib.Path(__file__).parent.parent / "reference"))
+import quasisets
 import report
 from program import NOFEATURES, NOFILES, Checks, Workplace, body, template
 from residualfiles import read, readgraph
@@ -120,13 +124,13 @@ def skewed():
 
 def astray():
     """Two records with logits beyond 60 from macro iteration 3 on start again from -2 and 2, with the outcome as it is; in
-    one after the seventh they end the run."""
+    one after the seventh all go on from within -2 to 2 by steps of 2 at most, and one beyond 60 again ends the run."""
     options = "STOPMICRO:0.000001\nRESFIL1:Y\nRESFILTYPE:FREEFORMAT\n"
-    for far, last in ((25.0, 8), (40.0, 9)):  # beyond 60 in iterations 4 and 8; 3, 5, 7 and 9
+    for far, last in ((25.0, 8), (40.0, 9)):  # beyond 60 in iterations 4 and 8; 3, 5, 7 and 9; then 30 steps
         side = lambda i: far if i == 41 else -far if i == 40 else 1.0 if i % 2 else -1.0
         study(lambda row, i: [float(i % 2 or i == 40)] + row[1:4] + [side(i)])
-        code, said, _ = fit("BERNOULLI", more=options)
-        check(code == 100 and said.count("MACRO ITERATION") == last, f"astray, {far}: code {code}, {said[-100:]}")
+        code, said, _ = fit("BERNOULLI", macroit="100,N", more=options)
+        check(code == 100 and said.count("MACRO ITERATION") == last + 30, f"astray, {far}: code {code}, {said[-100:]}")
     for macroit, beyond in ((7, True), (8, False)):
         fit("BERNOULLI", macroit=f"{macroit},N", more=options)
         rows = read(str(work.folder), "FREEFORMAT", 1).rows[40:42]
@@ -137,6 +141,20 @@ def astray():
     for macroit, ends in ((7, 0), (20, 18)):
         code, said, _ = fit("MULTINOMIAL,3", "GRADE", macroit=f"{macroit},N", more=options)
         check(code == ends, f"astray, categories, {macroit}: code {code}, {said[-100:]}")
+
+
+def settled():
+    """Runs at tight criteria that ran off for good (109) or crept on below their maxima up to the limit: the fixed points
+    of `quasisets.py dense`."""
+    for seed, gamma in (
+            (109, (0.351183, -0.418708, -0.169908, 0.540969, 0.994344)), (114, (0.339356, 0.047001, 0.236635, 0.061443, -0.11731)),
+            (304, (-2.643121, -0.323562, 0.265219, 1.188057, 1.000236, 1.693908, 3.474143, 4.20556, 4.949164))):
+        with tempfile.TemporaryDirectory() as folder:
+            made = quasisets.makestudy(seed, folder)
+            for _, code, said, document in quasisets.runs(work.program, folder, made, ("tight",)):
+                check(code == 0, f"study {seed}: code {code}, {said[-200:]!r}")
+                for effect, want in zip(quasisets.unitspecific(document)["fixed_effects"] if document else (), gamma):
+                    check(abs(effect["estimate"] - want) < 1e-4 * effect["model_based"]["standard_error"], f"study {seed}: {effect}, expected {want}")
 
 
 def heavy():
@@ -373,6 +391,7 @@ def points():
 failures()
 skewed()
 astray()
+settled()
 heavy()
 extreme()
 stops()

@@ -196,16 +196,19 @@ bool movetomaximum(Pass& pass, IterationState& state, double least) {
   if (state.stage == Stage::heterogeneous || (!linear && (!state.searching || pass.plan.tausstand()))) return false;
   state.lost = false;
   if (stops && ((state.iteration < soonestedgesearch && !pass.repaired) || !nearedge(pass))) return false;
-  EdgeSearch found = searchedge(pass, pass.est, linear ? least : leastgainwhenslow);
+  if (!linear) least = leastgainofpass(state.likelihood.current);
+  EdgeSearch found = searchedge(pass, pass.est, least);
   state.lost = found.failed;
   if (found.gain == 0.0 && stops && pass.repaired) {
     pass.repaired = false;
     if (std::optional<Estimates> other = sharedstart(pass)) found = searchedge(pass, *other, least);
   }
+  if ((state.failure = std::move(found.failure))) return false;
   state.attop = linear && !found.failed && found.gain == 0.0 && nearedge(pass);
   if (found.gain == 0.0) return false;
   pass.est = std::move(found.est);
-  tellobserver(pass.observer().searched, SearchEvent{pass.plan.kind, pass.plan.macro, state.iteration, found.gain});
+  if (found.gain > leastgainwhenslow)
+    tellobserver(pass.observer().searched, SearchEvent{pass.plan.kind, pass.plan.macro, state.iteration, found.gain});
   return true;
 }
 
@@ -259,6 +262,7 @@ Failure iterate(Pass& pass, IterationState& state) {
     if (failure) return failure;
     if (pass.observer().givesup()) return failed(abandoned);
     endofiteration(pass, state, attempt, em);
+    if (state.failure) return std::move(state.failure);
     if (state.stopped()) break;
   }
   tellobserver(pass.observer().stageends);

@@ -41,12 +41,15 @@ struct Step {
   UnitMeans means;
   Array<double> beta, x, d, e;
   UnitBlock unit;
-  Array<double> eta, z, root;  // of its records: predictor, Z, root of the working weight
-  double cap = -1.0;           // the largest rate met so far
-  std::size_t record = 0;      // of the data set, the first one of the unit
-  int limited = 0;             // records whose weight is held at the limit
-  int saturated = 0;           // records with next to none
-  Failure failure{};           // the first; units behind it are passed over
+  Array<double> eta, z, root;       // of its records: predictor, Z, root of the working weight
+  double cap = -1.0;                // the largest rate met so far
+  std::size_t record = 0;           // of the data set, the first one of the unit
+  int limited = 0;                  // records whose weight is held at the limit
+  int saturated = 0;                // records with next to none
+  Array<double>* damped = nullptr;  // predictors of the last working data, where steps from them are held short
+  int held = 0;                     // records whose step is
+  bool strays = false;              // `failure` is of a predictor that runs away
+  Failure failure{};                // the first; units behind it are passed over
 };
 
 Failure cannotestimate() {
@@ -79,7 +82,10 @@ Linked linkedrecord(Step& step, double eta) {
   if (step.link == Link::logit && strayed(eta)) {
     constexpr int lastrestart = 7;
     if (step.state.separation.known()) return linked(step.link, eta);  // what runs away is known
-    if (step.state.macro > lastrestart && !step.failure) step.failure = cannotestimate();
+    if ((step.state.macro > lastrestart || step.damped != nullptr) && !step.failure) {
+      step.failure = cannotestimate();
+      step.strays = true;
+    }
     return linked(step.link, broughtback(eta));
   }
   if (step.link == Link::log && step.kind.capped && step.cap > 0.0) return linkedcapped(eta, step.cap);
@@ -114,6 +120,14 @@ void predict(const Pass& pass, Step& step) {
   }
 }
 
+// The predictor of record `i` of the unit, no farther than a step from that of its last working data.
+double nearlast(Step& step, std::size_t i, double eta) {
+  constexpr double most = 2.0;
+  double& last = (*step.damped)[step.record + i];
+  if (std::fabs(eta - last) > most) ++step.held;
+  return last = std::clamp(eta, last - most, last + most);
+}
+
 // Z and the root of the working weight from the predictors.
 void makeworking(Step& step) {
   const RecordLayout& layout = step.state.layout;
@@ -121,7 +135,7 @@ void makeworking(Step& step) {
   const bool plainlogit = !step.kind.first && step.link == Link::logit;
   const double* observed = step.unit.records.data() + layout.observed;
   for (std::size_t i = 0; i < at(step.unit.nj); ++i, observed += layout.width) {
-    const double eta = step.eta[i];
+    const double eta = step.damped != nullptr ? nearlast(step, i, step.eta[i]) : step.eta[i];
     const double count = counts.empty() ? 1.0 : counts[step.record + i];
     const Linked link = plainlogit && !strayed(eta) ? linked(Link::logit, eta) : linkedrecord(step, eta);
     const Working working = workingvalues(link, *observed, count);
@@ -161,8 +175,9 @@ void rewriteunit(const Step& step, Rewriting& to) {
             step.state.analysis.mdm.numericids);
 }
 
-Step makestep(const Pass& pass, const MacroState& state, const WorkingStep& kind) {
+Step makestep(const Pass& pass, MacroState& state, const WorkingStep& kind) {
   Step step{kind, state, pass.model().outcome.link(), {}, makeunitmeans(pass), {}, {}, {}, {}, {}, {}, {}, {}};
+  if (kind.predictor == Predictor::conditional && !state.damped.empty()) step.damped = &state.damped;
   step.correction = {step.link, pass.p, pass.b, state.previous.taupi.data(), state.previous.taubeta.data()};
   step.beta.reset(at(pass.npi));
   step.x.reset(at(pass.npi) + 1);
@@ -181,11 +196,10 @@ Failure startrewriting(const MacroState& state, const WorkingStep& kind, Rewriti
   return {};
 }
 
-}  // namespace
-
-Failure prepareworkingdata(Pass& pass, MacroState& state, const WorkingStep& kind, Pass& next, const PassPlan& plan) {
+// One step. `strays` tells whether it fails for a predictor that runs away.
+Failure makedata(Pass& pass, MacroState& state, const WorkingStep& kind, Pass& next, const PassPlan& plan,
+                 bool& strays) {
   const MdmData& mdm = state.analysis.mdm;
-  state.previous = pass.est.copy();
   if (Failure failure = beginpass(next, state.analysis, plan)) return failure;
   Step step = makestep(pass, state, kind);
   Rewriting to;
@@ -214,16 +228,31 @@ Failure prepareworkingdata(Pass& pass, MacroState& state, const WorkingStep& kin
         step.record += at(unit.nj);
       },
       [](int) {}, reading(pass.store.hot));
+  strays = step.strays;
   if (step.failure) return std::move(step.failure);
   if (storefailure(pass.store)) return storefailure(pass.store);
   if (Failure failure = finishfold(fold)) return failure;
   state.limited = step.limited;
   state.saturated = step.saturated;
+  state.shortened = step.held > 0;
   if (kind.capped) state.largestrate = step.cap;
   if (!to.file.isopen()) return {};
   if (Failure failure = finishworking(std::move(to.file), state.working)) return failure;
   state.layout = std::move(to.layout);
   return {};
+}
+
+}  // namespace
+
+Failure prepareworkingdata(Pass& pass, MacroState& state, const WorkingStep& kind, Pass& next, const PassPlan& plan) {
+  state.previous = pass.est.copy();
+  bool strays = false;
+  Failure failure = makedata(pass, state, kind, next, plan, strays);
+  if (!strays || !state.damped.empty() || kind.predictor != Predictor::conditional) return failure;
+  // Whole steps overshoot for good. Short ones, from predictors of 0, come to the same fixed points.
+  state.damped.reset(at(state.analysis.mdm.numl1rec));
+  next = Pass();
+  return makedata(pass, state, kind, next, plan, strays);
 }
 
 }  // namespace kdr
