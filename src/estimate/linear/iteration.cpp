@@ -194,18 +194,17 @@ void asklimit(const Pass& pass, IterationState& state) {
 bool movetomaximum(Pass& pass, IterationState& state, double least) {
   const bool linear = pass.plan.kind == PassKind::linear, stops = linear && state.converged;
   if (state.stage == Stage::heterogeneous || (!linear && (!state.searching || pass.plan.tausstand()))) return false;
+  if (!linear) least = leastgainofpass(state.likelihood.current);
   state.lost = false;
   if (stops && ((state.iteration < soonestedgesearch && !pass.repaired) || !nearedge(pass))) return false;
-  if (!linear) least = leastgainofpass(state.likelihood.current);
   EdgeSearch found = searchedge(pass, pass.est, least);
   state.lost = found.failed;
-  if (found.gain == 0.0 && stops && pass.repaired) {
+  state.attop = linear && !stops && !found.failed && found.gain == 0.0 && nearedge(pass);
+  if (stops && found.gain == 0.0 && pass.repaired && !found.failure) {
     pass.repaired = false;
     if (std::optional<Estimates> other = sharedstart(pass)) found = searchedge(pass, *other, least);
   }
-  if ((state.failure = std::move(found.failure))) return false;
-  state.attop = linear && !found.failed && found.gain == 0.0 && nearedge(pass);
-  if (found.gain == 0.0) return false;
+  if ((state.failure = std::move(found.failure)) || found.gain == 0.0) return false;
   pass.est = std::move(found.est);
   if (found.gain > leastgainwhenslow)
     tellobserver(pass.observer().searched, SearchEvent{pass.plan.kind, pass.plan.macro, state.iteration, found.gain});

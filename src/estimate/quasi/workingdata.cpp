@@ -69,9 +69,9 @@ double corrected(const Pass& pass, Step& step, const double* x, double eta) {
 }
 
 // One count beyond all others throws the fixed effects far above it, from where each pass comes down by 1. A rate
-// twenty times the largest of the data is no end: it goes back to that.
+// thousands of times the largest of the data is no end: it goes back to that. Tens of times may be one.
 double returned(const Step& step, double eta) {
-  constexpr double beyond = 3.0;
+  constexpr double beyond = 8.0;
   if (step.link != Link::log || !(step.state.largestrate > 0.0)) return eta;
   const double largest = std::log(step.state.largestrate);
   return eta > largest + beyond ? largest : eta;
