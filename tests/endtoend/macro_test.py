@@ -13,6 +13,7 @@ import sys
 import tempfile
 
 sys.path.append(str(pathlib.Path(__file__).parent.parent / "reference"))
+import numpy as np
 import quasisets
 import report
 from program import NOFEATURES, NOFILES, Checks, Workplace, body, template
@@ -165,15 +166,54 @@ def heavy():
     check(numbers == [["270"], ["270", "360"]], f"heavy records: {numbers}")  # all have one population average
 
 
+def averagestep(document):
+    """How far one scoring step from the population average would go, in standard errors, on dense matrices: M'V^-1 (Z - M gamma)
+    over M'V^-1 M with V of the working data at M gamma."""
+    phases = {phase["phase"]: phase for phase in document["phases"]}
+    effects = phases["population_average"]["fixed_effects"]
+    gamma, tau = np.array([e["estimate"] for e in effects]), [phases["pql"][t]["estimate"][0][0] for t in ("tau_pi", "tau_beta")]
+    of = [("INTRCPT1", "INTRCPT2"), ("INTRCPT1", "Z"), ("X", "INTRCPT2")]
+    order = [of.index((e["level1"], e["level2"])) for e in effects]
+    z = {line[:8]: float(line[8:20]) for line in work.read("m2.dat").splitlines()}
+    units = {}
+    for line in work.read("m1.dat").splitlines():
+        units.setdefault(line[:4], []).append((line[:8], float(line[8:20]), float(line[56:68])))
+    score, information = 0.0, 0.0
+    for records in units.values():
+        M = np.array([(1.0, z[j] - np.mean(list(z.values())), x) for j, _, x in records])[:, order]
+        y, j, mu = np.array([y for _, y, _ in records]), np.array([j for j, _, _ in records]), np.exp(M @ gamma)
+        V = np.diag(1 / np.minimum(mu, 999999.0)) + tau[0] * (j[:, None] == j[None, :]) + tau[1]
+        inverse = np.linalg.inv(V)
+        score, information = score + M.T @ inverse @ ((y - mu) / mu), information + M.T @ inverse @ M
+    return np.linalg.solve(information, score) / np.sqrt(np.diag(np.linalg.inv(information)))
+
+
 def extreme():
-    """One count of a million among small ones: passes of the population average go on to where it stands, or say so."""
-    study(lambda row, i: [1.0e6 if i == 7 else row[1]] + row[1:])
-    for more, enough in (("", True), ("POPAVIT:2\n", False)):
-        code, said, text = fit("POISSON", macroit="100,N", more=more)
+    """One count far beyond small ones: passes of the population average go on to where it stands, or say so; and PQL says when
+    a search has failed."""
+    def run(at, count, more=""):
+        study(lambda row, i: [count if i == at else row[1]] + row[1:])
+        work.write("m.kdr", MODEL.format(kind="POISSON", macroit="100,N", more=more, form="txt", equations=EQUATIONS.format(y="Y", cuts="")))
+        done = work.run("m.mdm", "m.kdr", "-strict", "-results", "r.json")
+        check(done.returncode in (0, 20), f"extreme {count:g} at {at}: code {done.returncode} {done.stdout[-200:]}")
+        return done.returncode, done.stdout, work.read("out.txt"), json.loads(work.read("r.json"))
+    for at in (2, 7, 200):  # ran off to where Z is no number but for 7
+        code, said, text, document = run(at, 1.0e6)
         told = "population average have not settled" in text
-        check(told == (not enough) and told == ("population average have not settled" in said), f"extreme {more!r}: told {told}")
-        first = [row.coefficient for row in report.splitsections(text)["population-average"].fixed["final"].rows][0]
-        check(not enough or abs(first) < 20, f"extreme: constant {first}")
+        check(told == ("population average have not settled" in said) and told == (code == 20), f"extreme at {at}: {code}, told {told}")
+        step = averagestep(document)
+        check(told or max(abs(step)) < 1e-5, f"extreme at {at}: {step} standard errors away")
+        check(at == 200 or not told, f"extreme at {at}: not settled")
+    code, said, text, _ = run(7, 1.0e6, "POPAVIT:2\n")
+    check(code == 20 and all("population average have not settled" in x for x in (said, text)), "extreme, two passes")
+    lost = 0
+    for at in (207, 225):
+        code, said, text, document = run(at, 1.0e5)
+        ending = [phase["ending"] for phase in document["phases"] if phase["phase"] == "pql"][0]
+        told = [words in x for words in ("the search for the maximum of the last one has failed",) for x in (said, text)]
+        check(code == 20 and told == [ending == "lost"] * 2, f"extreme at {at}: code {code}, {ending}, {told}")
+        lost += ending == "lost"
+    check(lost > 0, "a search that fails in the last pass is told")
 
 
 def stops():

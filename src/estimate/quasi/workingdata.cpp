@@ -68,28 +68,38 @@ double corrected(const Pass& pass, Step& step, const double* x, double eta) {
   return step.link == Link::log && step.cap > 0.0 ? std::min(mean, std::log(step.cap)) : mean;
 }
 
-// One count beyond all others throws the fixed effects far above it, from where each pass comes down by 1. A rate
-// thousands of times the largest of the data is no end: it goes back to that. Tens of times may be one.
-double returned(const Step& step, double eta) {
-  constexpr double beyond = 8.0;
-  if (step.link != Link::log || !(step.state.largestrate > 0.0)) return eta;
-  const double largest = std::log(step.state.largestrate);
-  return eta > largest + beyond ? largest : eta;
+// Where a rate can't be: thousands of times the largest of the data, or 1e-26 of it. One count beyond all others throws
+// the fixed effects there, and from far above it each pass would come down by 1.
+bool strayedrate(const MacroState& state, double eta) {
+  constexpr double above = 8.0, below = 60.0;
+  if (!(state.largestrate > 0.0)) return false;
+  const double largest = std::log(state.largestrate);
+  return !(eta <= largest + above && eta >= largest - below);
+}
+
+// A predictor that has run away: in the first macro iterations it starts again, later all go by short steps, or the
+// step fails.
+Linked runaway(Step& step, double eta) {
+  constexpr int lastrestart = 7;
+  const bool early = step.state.macro <= lastrestart && step.kind.predictor == Predictor::conditional;
+  if (!early && step.damped == nullptr) step.strays = true;
+  if (step.link == Link::logit) {
+    if (!early && !step.failure) step.failure = cannotestimate();
+    return linked(step.link, broughtback(eta));
+  }
+  constexpr double least = -600.0;  // below it Z is no number
+  if (step.damped != nullptr) return linked(step.link, std::max(eta, least));
+  return linked(step.link, std::log(eta > 0.0 ? step.state.largestrate : step.state.mean));
 }
 
 Linked linkedrecord(Step& step, double eta) {
   if (step.kind.first) return linkedfitted(step.link, eta);
-  if (step.link == Link::logit && strayed(eta)) {
-    constexpr int lastrestart = 7;
-    if (step.state.separation.known()) return linked(step.link, eta);  // what runs away is known
-    if ((step.state.macro > lastrestart || step.damped != nullptr) && !step.failure) {
-      step.failure = cannotestimate();
-      step.strays = true;
-    }
-    return linked(step.link, broughtback(eta));
+  if (step.link == Link::logit) {
+    // What runs away for a known reason may.
+    return strayed(eta) && !step.state.separation.known() ? runaway(step, eta) : linked(step.link, eta);
   }
-  if (step.link == Link::log && step.kind.capped && step.cap > 0.0) return linkedcapped(eta, step.cap);
-  return linked(step.link, eta);
+  if (step.kind.capped && step.cap > 0.0) return linkedcapped(eta, step.cap);
+  return strayedrate(step.state, eta) ? runaway(step, eta) : linked(step.link, eta);
 }
 
 // What the whole unit tells before its records are gone through.
@@ -116,7 +126,7 @@ void predict(const Pass& pass, Step& step) {
       eta += step.x[c] * step.beta[c];
     }
     if (step.kind.predictor == Predictor::corrected) eta = corrected(pass, step, step.x.data(), eta);
-    step.eta[i] = step.kind.predictor == Predictor::fixed ? returned(step, eta) : eta;
+    step.eta[i] = eta;
   }
 }
 
@@ -177,7 +187,7 @@ void rewriteunit(const Step& step, Rewriting& to) {
 
 Step makestep(const Pass& pass, MacroState& state, const WorkingStep& kind) {
   Step step{kind, state, pass.model().outcome.link(), {}, makeunitmeans(pass), {}, {}, {}, {}, {}, {}, {}, {}};
-  if (kind.predictor == Predictor::conditional && !state.damped.empty()) step.damped = &state.damped;
+  if (!state.damped.empty()) step.damped = &state.damped;
   step.correction = {step.link, pass.p, pass.b, state.previous.taupi.data(), state.previous.taubeta.data()};
   step.beta.reset(at(pass.npi));
   step.x.reset(at(pass.npi) + 1);
@@ -246,11 +256,13 @@ Failure makedata(Pass& pass, MacroState& state, const WorkingStep& kind, Pass& n
 
 Failure prepareworkingdata(Pass& pass, MacroState& state, const WorkingStep& kind, Pass& next, const PassPlan& plan) {
   state.previous = pass.est.copy();
+  if (kind.predictor == Predictor::corrected) state.damped = {};
   bool strays = false;
   Failure failure = makedata(pass, state, kind, next, plan, strays);
-  if (!strays || !state.damped.empty() || kind.predictor != Predictor::conditional) return failure;
-  // Whole steps overshoot for good. Short ones, from predictors of 0, come to the same fixed points.
+  if (!strays || !state.damped.empty()) return failure;
+  // Whole steps overshoot for good. Short ones come to the same fixed points, wherever they start.
   state.damped.reset(at(state.analysis.mdm.numl1rec));
+  if (state.analysis.model.outcome.link() == Link::log) state.damped.fill(std::log(state.mean));
   next = Pass();
   return makedata(pass, state, kind, next, plan, strays);
 }
