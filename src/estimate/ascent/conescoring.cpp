@@ -544,7 +544,7 @@ AscentEnd Climb::run() {
     const bool settled = std::fabs(result.decrement) < policy.decrement;
     if (settled && off.gain < policy.decrement) return AscentEnd::converged;
     if (result.iterations == policy.iterations) return AscentEnd::limit;
-    if (result.decrement < 0.1 * off.gain && letgo(off)) continue;
+    if (std::fabs(result.decrement) < 0.1 * off.gain && letgo(off)) continue;
     if (!settled && (fall() || newton())) continue;
     const double left = std::max(std::fabs(result.decrement), off.gain);
     return left < policy.coarse ? AscentEnd::converged : AscentEnd::nostep;
