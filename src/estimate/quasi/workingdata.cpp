@@ -89,7 +89,8 @@ Linked runaway(Step& step, double eta) {
   }
   constexpr double least = -600.0;  // below it Z is no number
   if (step.damped != nullptr) return linked(step.link, std::max(eta, least));
-  return linked(step.link, std::log(eta > 0.0 ? step.state.largestrate : step.state.mean));
+  const double largest = std::log(step.state.largestrate);
+  return linked(step.link, eta > largest ? largest : std::log(step.state.mean));
 }
 
 Linked linkedrecord(Step& step, double eta) {
