@@ -146,6 +146,12 @@ void tellmacroend(const MacroEvent& event) {
           "WARNING: the macro iterations were stopped prior to convergence.\n"
           "You may want to re-run the analysis with a higher number of macro iterations.");
       break;
+    case MacroEnd::lost:
+      notconverged("The macro iterations have settled, but the search for the maximum of the last one has failed.\n");
+      reportwarning(
+          "WARNING: the macro iterations have settled, but the search for the maximum of the last one has failed:\n"
+          "nobody knows how far the estimates are from where they should be.");
+      break;
     case MacroEnd::separated:
       std::printf("The macro iterations end at iteration %d: there is no maximum to converge to.\n", event.macro);
       break;

@@ -85,9 +85,8 @@ void telliteration(Progress& progress, const IterationEvent& event) {
 void tellsearch(const SearchEvent& event) {
   const bool linear = event.kind == PassKind::linear;
   const std::string line =
-      linear ? formatted(
-                   "At iteration %d a search along the edge of the parameter space raised the log-likelihood by %.3E",
-                   event.iteration, event.gain)
+      linear ? formatted("At iteration %d a search for the maximum raised the log-likelihood by %.3E", event.iteration,
+                         event.gain)
              : formatted("For macro %d/micro iteration %d, a search raised the log-likelihood by %.3E", event.macro,
                          event.iteration, event.gain);
   if (!reportisstdout()) std::printf("%s\n", line.c_str());

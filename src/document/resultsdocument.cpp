@@ -311,6 +311,8 @@ void addmacroend(ResultsDocument& document, const MacroEvent& event) {
   if (event.results.kind != PassKind::identity) settle(document, converged);
   if (event.end == MacroEnd::goeson) return;
   if (!converged) document.converged = false;
+  if (event.end == MacroEnd::lost && !document.phases.empty())
+    document.phases.back()["ending"] = endingname(Ending::lost);
   document.separated = event.separation.known();
   if (document.separated) separate(document);
   document.warnings.insert(document.warnings.end(), event.separation.warnings.begin(), event.separation.warnings.end());

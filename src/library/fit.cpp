@@ -104,7 +104,10 @@ Failure chainfit(Fit& fit, const Analysis& analysis) {
   MacroState& state = chain.state;
   result.counts = countsof(chain.pass);
   warn(result, state.unitspecific.warnings);
+  // The last pass may have ended otherwise.
+  if (state.end == MacroEnd::converged) state.unitspecific.ending = Ending::converged;
   if (state.end == MacroEnd::limit) state.unitspecific.ending = Ending::limit;
+  if (state.end == MacroEnd::lost) state.unitspecific.ending = Ending::lost;
   if (state.end == MacroEnd::keyboard) state.unitspecific.ending = Ending::keyboard;
   const bool quadrature = state.quadrature.has_value(), engine = quadrature || state.laplace6.has_value();
   if ((analysis.control.laplace || analysis.control.agqpoints != 0) && !engine)
@@ -148,8 +151,7 @@ void finish(const Fit& fit) {
   if (ending != Ending::converged)
     warnings.emplace_back(ending == Ending::keyboard ? "The iterations were stopped before they had converged."
                           : ending == Ending::lost
-                              ? "The iterations stopped at the edge of the variance components, but "
-                                "the search for the maximum there has failed."
+                              ? "The iterations stopped, but the search for the maximum that they are near has failed."
                               : "The iterations reached their limit before they had converged.");
   warnings.insert(warnings.end(), fit.document.warnings.begin(), fit.document.warnings.end());
   result.warnings.insert(result.warnings.begin(), warnings.begin(), warnings.end());

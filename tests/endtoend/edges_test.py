@@ -1,4 +1,5 @@
 """Where scales, boundaries and options meet: numbers that must not depend on units of measurement, and words."""
+import json
 import math
 import pathlib
 import random
@@ -154,12 +155,14 @@ for seed in range(40):
     done = work.run("s.mdm", "s.kdr")
     check(done.returncode == 0, f"{line}: code {done.returncode}")
 
-# Maxima where a tau has no inverse, and a ridge that steps creep along (732), from the default criterion on: the least
-# deviances of densemaximum.py.
+# From the default criterion on, the least deviances of densemaximum.py: maxima where a tau has no inverse; a ridge that steps
+# creep along (732); two hills of which another start finds the higher one (369, and 1491 by 80); a given covariance that
+# moments make no variances for (406); a tau that goes to 0 beside one of rank 1.
 work.write("s.mdmt", edgemodels.TEMPLATE)
-for seed, least in ((78, 1000.5523), (167, -185.5455), (259, 40.4087), (369, -18.2339), (437, -96.7173), (591, -84.6994),
-                    (675, 1017.1195), (707, 7.6341), (732, -1483.9433)):
-    made = edgemodels.Study(seed)
+for made, least in ((78, 1000.5523), (167, -185.5455), (259, 40.4087), (369, -18.2339), (406, -193.5929), (437, -96.7173),
+                    (591, -84.6994), (675, 1017.1195), (707, 7.6341), (732, -1483.9433), (1491, -170.5607),
+                    (edgemodels.Hills(372), 288.9239)):
+    made = edgemodels.Study(made) if isinstance(made, int) else made
     made.write(work)
     assert work.run("-r", "s.mdmt").returncode == 0
     done = work.run("-strict", "s.mdm", "s.kdr")
@@ -167,6 +170,33 @@ for seed, least in ((78, 1000.5523), (167, -185.5455), (259, 40.4087), (369, -18
     what = f"edge, {made}"
     check(done.returncode == 0 and "At iteration" in text and "At iteration" in done.stdout, what + ": no search")
     check(abs(number("Deviance  +", text) - least) < 0.001, f"{what}: deviance {number('Deviance  +', text)}, least {least}")
+
+# Known variances a billionth of what the outcomes vary by leave the log-likelihood no digit: no such run has converged, and
+# where the search at the edge finds no maximum for it, all places say so.
+lost = 0
+for seed in (1, 15, 16, 17, 26, 33, 46, 55):
+    rng = random.Random(seed)
+    rows = ["", "", ""]
+    for k in range(6):
+        rows[2] += "%4d%20.10f\n" % (k, 1)
+        for j in range(3):
+            rows[1] += "%4d%4d%20.10f\n" % (k, j, 1)
+            for _ in range(4):
+                known, y = max(10 ** rng.uniform(-9, 0), 1e-9), rng.gauss(0, 1) * 10 ** rng.uniform(0, 4)
+                rows[0] += "%4d%4d" % (k, j) + "".join("%20.10f" % c for c in (y, 0, 0, known)) + "\n"
+    for level in range(3):
+        work.write("s%d.dat" % (level + 1), rows[level])
+    assert work.run("-r", "s.mdmt").returncode == 0
+    work.write("s.kdr", MODEL.format(x="", more="VARIANCEKNOWN:V\n"))
+    done = work.run("-strict", "s.mdm", "s.kdr", "-results", "s.json")
+    text, document = work.read("s.txt"), json.loads(work.read("s.json"))
+    ending = document["phases"][-1]["ending"]
+    check(done.returncode == 20 and not document["converged"], f"no digit left, {seed}: code {done.returncode}")
+    told = ["there has failed" in text, "were stopped prior to convergence" in done.stdout,
+            any("prior to convergence" in x for x in document["warnings"])]
+    check(ending in ("lost", "converged") and (told == [True] * 3 or ending != "lost"), f"no digit left, {seed}: {ending} {told}")
+    lost += ending == "lost"
+check(lost > 0, "a search that fails is told")
 
 # Words. Of two equal gammas the second is removed, the first row of its coefficient: the heading goes to the next row.
 study(15, 4, 6, slopes(sd3=(0.5, 0)))

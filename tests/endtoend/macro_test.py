@@ -4,12 +4,17 @@
 """
 import json
 import math
+import pathlib
 import random
 import re
 import signal
 import subprocess
 import sys
+import tempfile
 
+sys.path.append(str(pathlib.Path(__file__).parent.parent / "reference"))
+import numpy as np
+import quasisets
 import report
 from program import NOFEATURES, NOFILES, Checks, Workplace, body
 from residualfiles import read, readgraph
@@ -115,13 +120,13 @@ def skewed():
 
 def astray():
     """Two records with logits beyond 60 from macro iteration 3 on start again from -2 and 2, with the outcome as it is; in
-    one after the seventh they end the run."""
+    one after the seventh all go on from within -2 to 2 by steps of 2 at most, and one beyond 60 again ends the run."""
     options = "STOPMICRO:0.000001\nRESFIL1:Y\nRESFILTYPE:FREEFORMAT\n"
-    for far, last in ((25.0, 8), (40.0, 9)):  # beyond 60 in iterations 4 and 8; 3, 5, 7 and 9
+    for far, last in ((25.0, 8), (40.0, 9)):  # beyond 60 in iterations 4 and 8; 3, 5, 7 and 9; then 30 steps
         side = lambda i: far if i == 41 else -far if i == 40 else 1.0 if i % 2 else -1.0
         study(lambda row, i: [float(i % 2 or i == 40)] + row[1:4] + [side(i)])
-        code, said, _ = fit("BERNOULLI", more=options)
-        check(code == 100 and said.count("MACRO ITERATION") == last, f"astray, {far}: code {code}, {said[-100:]}")
+        code, said, _ = fit("BERNOULLI", macroit="100,N", more=options)
+        check(code == 100 and said.count("MACRO ITERATION") == last + 30, f"astray, {far}: code {code}, {said[-100:]}")
     for macroit, beyond in ((7, True), (8, False)):
         fit("BERNOULLI", macroit=f"{macroit},N", more=options)
         rows = read(str(work.folder), "FREEFORMAT", 1).rows[40:42]
@@ -134,6 +139,20 @@ def astray():
         check(code == ends, f"astray, categories, {macroit}: code {code}, {said[-100:]}")
 
 
+def settled():
+    """Runs at tight criteria that ran off for good (109) or crept on below their maxima up to the limit: the fixed points
+    of `quasisets.py dense`."""
+    for seed, gamma in (
+            (109, (0.351183, -0.418708, -0.169908, 0.540969, 0.994344)), (114, (0.339356, 0.047001, 0.236635, 0.061443, -0.11731)),
+            (304, (-2.643121, -0.323562, 0.265219, 1.188057, 1.000236, 1.693908, 3.474143, 4.20556, 4.949164))):
+        with tempfile.TemporaryDirectory() as folder:
+            made = quasisets.makestudy(seed, folder)
+            for _, code, said, document in quasisets.runs(work.program, folder, made, ("tight",)):
+                check(code == 0, f"study {seed}: code {code}, {said[-200:]!r}")
+                for effect, want in zip(quasisets.unitspecific(document)["fixed_effects"] if document else (), gamma):
+                    check(abs(effect["estimate"] - want) < 1e-4 * effect["model_based"]["standard_error"], f"study {seed}: {effect}, expected {want}")
+
+
 def heavy():
     """Counts above a million: the limit of the working weights, with a word on the console and below both headings."""
     study(lambda row, i: [2.0e6 if i // 6 % 4 else 1.0e5] + row[1:])
@@ -142,15 +161,54 @@ def heavy():
     check(numbers == [["270"], ["270", "360"]], f"heavy records: {numbers}")  # all have one population average
 
 
+def averagestep(document):
+    """How far one scoring step from the population average would go, in standard errors, on dense matrices: M'V^-1 (Z - M gamma)
+    over M'V^-1 M with V of the working data at M gamma."""
+    phases = {phase["phase"]: phase for phase in document["phases"]}
+    effects = phases["population_average"]["fixed_effects"]
+    gamma, tau = np.array([e["estimate"] for e in effects]), [phases["pql"][t]["estimate"][0][0] for t in ("tau_pi", "tau_beta")]
+    of = [("INTRCPT1", "INTRCPT2"), ("INTRCPT1", "Z"), ("X", "INTRCPT2")]
+    order = [of.index((e["level1"], e["level2"])) for e in effects]
+    z = {line[:8]: float(line[8:20]) for line in work.read("m2.dat").splitlines()}
+    units = {}
+    for line in work.read("m1.dat").splitlines():
+        units.setdefault(line[:4], []).append((line[:8], float(line[8:20]), float(line[56:68])))
+    score, information = 0.0, 0.0
+    for records in units.values():
+        M = np.array([(1.0, z[j] - np.mean(list(z.values())), x) for j, _, x in records])[:, order]
+        y, j, mu = np.array([y for _, y, _ in records]), np.array([j for j, _, _ in records]), np.exp(M @ gamma)
+        V = np.diag(1 / np.minimum(mu, 999999.0)) + tau[0] * (j[:, None] == j[None, :]) + tau[1]
+        inverse = np.linalg.inv(V)
+        score, information = score + M.T @ inverse @ ((y - mu) / mu), information + M.T @ inverse @ M
+    return np.linalg.solve(information, score) / np.sqrt(np.diag(np.linalg.inv(information)))
+
+
 def extreme():
-    """One count of a million among small ones: passes of the population average go on to where it stands, or say so."""
-    study(lambda row, i: [1.0e6 if i == 7 else row[1]] + row[1:])
-    for more, enough in (("", True), ("POPAVIT:2\n", False)):
-        code, said, text = fit("POISSON", macroit="100,N", more=more)
+    """One count far beyond small ones: passes of the population average go on to where it stands, or say so; and PQL says when
+    a search has failed."""
+    def run(at, count, more=""):
+        study(lambda row, i: [count if i == at else row[1]] + row[1:])
+        work.write("m.kdr", MODEL.format(kind="POISSON", macroit="100,N", more=more, form="txt", equations=EQUATIONS.format(y="Y", cuts="")))
+        done = work.run("m.mdm", "m.kdr", "-strict", "-results", "r.json")
+        check(done.returncode in (0, 20), f"extreme {count:g} at {at}: code {done.returncode} {done.stdout[-200:]}")
+        return done.returncode, done.stdout, work.read("out.txt"), json.loads(work.read("r.json"))
+    for at in (2, 7, 200):  # ran off to where Z is no number but for 7
+        code, said, text, document = run(at, 1.0e6)
         told = "population average have not settled" in text
-        check(told == (not enough) and told == ("population average have not settled" in said), f"extreme {more!r}: told {told}")
-        first = [row.coefficient for row in report.splitsections(text)["population-average"].fixed["final"].rows][0]
-        check(not enough or abs(first) < 20, f"extreme: constant {first}")
+        check(told == ("population average have not settled" in said) and told == (code == 20), f"extreme at {at}: {code}, told {told}")
+        step = averagestep(document)
+        check(told or max(abs(step)) < 1e-5, f"extreme at {at}: {step} standard errors away")
+        check(at == 200 or not told, f"extreme at {at}: not settled")
+    code, said, text, _ = run(7, 1.0e6, "POPAVIT:2\n")
+    check(code == 20 and all("population average have not settled" in x for x in (said, text)), "extreme, two passes")
+    lost = 0
+    for at in (207, 225):
+        code, said, text, document = run(at, 1.0e5)
+        ending = [phase["ending"] for phase in document["phases"] if phase["phase"] == "pql"][0]
+        told = [words in x for words in ("the search for the maximum of the last one has failed",) for x in (said, text)]
+        check(code == 20 and told == [ending == "lost"] * 2, f"extreme at {at}: code {code}, {ending}, {told}")
+        lost += ending == "lost"
+    check(lost > 0, "a search that fails in the last pass is told")
 
 
 def stops():
@@ -375,6 +433,7 @@ def points():
 failures()
 skewed()
 astray()
+settled()
 heavy()
 extreme()
 stops()

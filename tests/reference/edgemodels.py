@@ -94,6 +94,40 @@ class Study:
                                                              len(self.units), self.restriction or "free")
 
 
+class Hills(Study):
+    """Two effects held equal that are far from it, and a few level-3 units, whose variances take up what the effects may
+    not: some of these likelihoods have two maxima."""
+
+    def __init__(self, number):
+        rng = random.Random(number)
+        self.restriction, self.p, self.b, self.q = "CONSTRAIN:1,1", 2, 2, 2
+        self.large, self.unit = False, [1.0, 1.0]
+        units, noise = rng.choice([5, 8, 12, 20]), rng.choice([0.3, 1.0, 2.0])
+        gamma = rng.choice([0.0, 1.0, 3.0]), rng.choice([-3.0, -1.0, 0.5])
+        size3, slant3 = [rng.choice([0.3, 1, 2]) for _ in range(2)], rng.choice([-1, -1, 1, 0])
+        size2, slant2 = [rng.choice([0, 0.3, 1]) for _ in range(2)], rng.choice([-1, 0, 1])
+        mean = rng.choice([0, 0.3, 1, 2])
+        self.kinds = ["r=%d" % slant2, "r=%d" % slant3]
+
+        def draw(size, slant):
+            first = rng.gauss(0, 1)
+            return size[0] * first, size[1] * (slant * first if slant else rng.gauss(0, 1))
+        self.rows, self.units = [[], [], []], []
+        for k in range(units):
+            v = draw(size3, slant3)
+            self.rows[2].append("%4d%20.10f\n" % (k, 1.0))
+            records = []
+            for j in range(rng.randint(2, 6)):
+                u = draw(size2, slant2)
+                self.rows[1].append("%4d%4d%20.10f\n" % (k, j, 1.0))
+                for _ in range(rng.randint(1, 8)):
+                    x = round(rng.gauss(mean, 1), 8)
+                    y = round(gamma[0] + u[0] + v[0] + (gamma[1] + u[1] + v[1]) * x + rng.gauss(0, noise), 8)
+                    self.rows[0].append("%4d%4d" % (k, j) + "".join("%20.10f" % t for t in (y, x, 0.0, 1.0)) + "\n")
+                    records.append((j, y, 1.0, [1.0, x]))
+            self.units.append(records)
+
+
 def main():
     options = argparse.ArgumentParser()
     options.add_argument("maxima")
@@ -136,7 +170,7 @@ def main():
                 above.append(far)
                 print("%5d %+9.4f %10.3f at iteration %s%s%s: %s" % (
                     number, far, maxima[str(number)], re.findall(r"at iteration (\d+) =", text)[-1],
-                    ", searched" * ("along the edge" in text), ", warned" * told, study), flush=True)
+                    ", searched" * ("At iteration" in text), ", warned" * told, study), flush=True)
         print("%s: %d models, %d above by 0.01, %d by 0.1, %d by 1; %d below by 0.002; %d warned; no estimates: %s; %.1f s" % (
             program, len(numbers), len(above), sum(a > 0.1 for a in above), sum(a > 1 for a in above), below, warned,
             {code: len(which) for code, which in codes.items()}, seconds))

@@ -73,6 +73,7 @@ struct Climb {
   [[nodiscard]] Trial attempt(const Array<double>& by, double factor, double least,
                               const std::vector<Block>& face) const;
   void take(Trial trial);
+  [[nodiscard]] bool fall();
   [[nodiscard]] bool newton();
   struct Release {
     std::size_t block = 0;
@@ -328,6 +329,32 @@ void Climb::take(Trial trial) {
   blocks = std::move(trial.face);
 }
 
+// A step that takes R'TR out of the cone goes only a part of its way, and what there is of it to the edge is no guide
+// to the rest: other elements go with what cannot be. So the point falls on the edge that it would leave by, if it
+// rises so.
+bool Climb::fall() {
+  std::vector<Block> face = copyof(blocks);
+  bool leaves = false;
+  for (Block& block : face) {
+    const int n = block.n, k = block.lacking, rank = n - k;
+    Array<double> behind(square(rank)), values(at(rank)), vectorsof(square(rank));
+    for (int i = 0; i < rank; ++i) behind[at(i * rank + i)] = block.values[at(k + i)];
+    for (std::size_t a = 0; a < m; ++a) {
+      const Array<double> E = image(block, a);
+      for (int i = 0; i < rank; ++i)
+        for (int j = 0; j < rank; ++j) behind[at(i * rank + j)] += step[a] * E[at((k + i) * n + k + j)];
+    }
+    spectrum(at(rank), behind.data(), values.data(), vectorsof.data());
+    for (const double value : values) block.lacking += value <= threshold(block) ? 1 : 0;
+    leaves = leaves || block.lacking > k;
+  }
+  if (!leaves) return false;
+  Trial trial = attempt(step, 0.0, 0.0, face);
+  if (trial.empty()) return false;
+  take(std::move(trial));
+  return true;
+}
+
 // The best step, halved until it is one that rises; with ridges where none does. A whole step that gains much more than
 // the half that a quadratic function would is doubled as long as that gains.
 bool Climb::newton() {
@@ -514,12 +541,12 @@ AscentEnd Climb::run() {
     if (!look()) return AscentEnd::unusable;
     if (problem.stop && problem.stop()) return AscentEnd::stopped;
     const Release off = release();
-    const bool settled = result.decrement < policy.decrement;
+    const bool settled = std::fabs(result.decrement) < policy.decrement;
     if (settled && off.gain < policy.decrement) return AscentEnd::converged;
     if (result.iterations == policy.iterations) return AscentEnd::limit;
-    if (result.decrement < 0.1 * off.gain && letgo(off)) continue;
-    if (!settled && newton()) continue;
-    const double left = std::max(result.decrement, off.gain);
+    if (std::fabs(result.decrement) < 0.1 * off.gain && letgo(off)) continue;
+    if (!settled && (fall() || newton())) continue;
+    const double left = std::max(std::fabs(result.decrement), off.gain);
     return left < policy.coarse ? AscentEnd::converged : AscentEnd::nostep;
   }
 }

@@ -114,17 +114,19 @@ EdgeSearch searchedge(Pass& pass, const Estimates& start, double least) {
   EdgeSearch search;
   Surface surface{pass};
   surface.at = pass.est.copy();
-  if (Failure failure = makemarginalsums(pass, surface.sums)) return search;
-  const MarginalValue before = surface.look(pointof(pass, pass.est));
   const ConeProblem problem = problemof(pass, surface);
-  if (!before.known || problem.nfree == 0) return search;
+  if (problem.nfree == 0) return search;
+  search.failed = true;
+  if ((search.failure = makemarginalsums(pass, surface.sums))) return search;
+  const MarginalValue before = surface.look(pointof(pass, pass.est));
+  if (!before.known) return search;
+  ConePolicy policy;
+  policy.decrement = std::min(policy.decrement, std::max(least, 1.0e-10));
   const Array<double> from = pointof(pass, start);
-  const ConeResult reached = climbcone(problem, {}, from);
+  const ConeResult reached = climbcone(problem, policy, from);
+  const bool found = reached.end != AscentEnd::unusable && stepinside(surface, reached, from);
+  if ((search.failure = surface.sums.coefficients.failure()) || !found) return search;
   search.failed = reached.end != AscentEnd::converged && reached.end != AscentEnd::stopped;
-  if (reached.end == AscentEnd::unusable || !stepinside(surface, reached, from)) {
-    search.failed = true;
-    return search;
-  }
   const MarginalValue value = surface.look(pointof(pass, surface.at));
   if (value.loglik > before.loglik + least) {
     search.gain = value.loglik - before.loglik;

@@ -3,6 +3,9 @@
 // inside as well.
 #pragma once
 
+#include <algorithm>
+#include <cmath>
+
 #include "estimate/linear/pass.h"
 
 namespace kdr {
@@ -16,6 +19,9 @@ inline constexpr int soonestedgesearch = 10;
 // What a search has to gain: more than rounding, and where the criterion of convergence is met already, what would
 // change a deviance by 0.01.
 inline constexpr double leastgainwhenslow = 1.0e-6, leastgainatstop = 0.005;
+// In passes of a macro loop that creeps: what rounding leaves of a gain. Passes that stop 1e-4 standard errors below
+// their maxima creep on by a part of that, pass after pass, for as long as EM steps would.
+[[nodiscard]] inline double leastgainofpass(double loglik) { return std::max(1.0e-10, 1.0e-12 * std::fabs(loglik)); }
 
 // True when the maximum may lie at the edge: a scoring step from the estimates at hand leaves the parameter space, or
 // there is none. Leaves C_j^-1 of the store anywhere.
@@ -25,14 +31,15 @@ struct EdgeSearch {
   bool failed = false;  // it found no maximum, so that nobody knows how far the estimates at hand are from one
   double gain = 0.0;    // of the log-likelihood; 0.0: nothing higher was found
   Estimates est;        // where there is a gain
+  Failure failure{};    // of the streams
 };
 
 // Climbs from `start` to a maximum of the log-likelihood, wherever it lies, by steps that keep the rank of a singular
 // tau (estimate/ascent/conescoring.h); restrictions of the taus hold throughout. It counts if the log-likelihood is
-// higher by more than `least` than that of the estimates at hand. Of a maximum at the edge a point beside it is handed
-// out, whose taus have inverses, for all that follows needs them: below it by 1e-5 for each rank that a tau lacks
-// there. An interrupt ends the search where it stands. The estimates at hand stay; C_j^-1 of the store is left
-// anywhere. Derived in docs/numerics.md, "The search along the edge".
+// higher by more than `least` than that of the estimates at hand, and it ends no farther than that below the maximum.
+// Of a maximum at the edge a point beside it is handed out, whose taus have inverses, for all that follows needs them:
+// below it by 1e-5 for each rank that a tau lacks there. An interrupt ends the search where it stands. The estimates at
+// hand stay; C_j^-1 of the store is left anywhere. Derived in docs/numerics.md, "The search along the edge".
 [[nodiscard]] EdgeSearch searchedge(Pass& pass, const Estimates& start, double least);
 
 }  // namespace kdr

@@ -1,5 +1,6 @@
 #include "estimate/linear/fixtau.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <string>
@@ -43,6 +44,22 @@ void diagonalise(const Repair& repair) {
   if (repair.diagonal) cleardiagonaloff(repair.t, repair.n);
 }
 
+// Covariances that are given may be too large for variances that moments make. True when these have grown enough.
+bool growvariances(const Repair& repair) {
+  constexpr int maxdoublings = 60;
+  double* t = repair.t;
+  const int n = repair.n;
+  for (int doubling = 0; doubling < maxdoublings && repair.est != nullptr; ++doubling) {
+    for (int i = 0; i < n; ++i)
+      for (int j = 0; j < n; ++j)
+        if (repair.freeat(i, i)) t[i * n + i] = std::max(t[i * n + i], std::fabs(t[i * n + j]));
+    if (usablecovariance(t, n)) return true;
+    for (int i = 0; i < n; ++i)
+      if (repair.freeat(i, i)) t[i * n + i] *= 2.0;
+  }
+  return false;
+}
+
 // The automatic fix-up: lifts non-positive variances, shrinks unit correlations, and as a last resort takes a fifth of
 // the moments as variances.
 bool automaticfixup(const Repair& repair) {
@@ -64,7 +81,7 @@ bool automaticfixup(const Repair& repair) {
     for (int j = 0; j <= i; ++j)
       if (repair.freeat(i, j)) repair.set(i, j, i == j ? share * repair.moments[i * n + i] : 0.0);
   diagonalise(repair);
-  if (usablecovariance(t, n)) return true;
+  if (usablecovariance(t, n) || growvariances(repair)) return true;
   if (repair.codes == nullptr) return false;
   // Elements held equal are left alone so far; now they start from their moments too, at their common value.
   for (int i = 0; i < n; ++i)

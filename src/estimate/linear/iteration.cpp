@@ -193,18 +193,20 @@ void asklimit(const Pass& pass, IterationState& state) {
 bool movetomaximum(Pass& pass, IterationState& state, double least) {
   const bool atedge = pass.plan.searching == Searching::atedge, stops = atedge && state.converged;
   if (state.stage == Stage::heterogeneous || pass.plan.searching == Searching::never) return false;
+  if (!atedge) least = leastgainofpass(state.likelihood.current);
   state.lost = false;
   if (stops && ((state.iteration < soonestedgesearch && !pass.repaired) || !nearedge(pass))) return false;
-  EdgeSearch found = searchedge(pass, pass.est, atedge ? least : leastgainwhenslow);
+  EdgeSearch found = searchedge(pass, pass.est, least);
   state.lost = found.failed;
-  if (found.gain == 0.0 && stops && pass.repaired) {
+  state.attop = atedge && !stops && !found.failed && found.gain == 0.0 && nearedge(pass);
+  if (stops && found.gain == 0.0 && pass.repaired && !found.failure) {
     pass.repaired = false;
     if (std::optional<Estimates> other = sharedstart(pass)) found = searchedge(pass, *other, least);
   }
-  state.attop = atedge && !found.failed && found.gain == 0.0 && nearedge(pass);
-  if (found.gain == 0.0) return false;
+  if ((state.failure = std::move(found.failure)) || found.gain == 0.0) return false;
   pass.est = std::move(found.est);
-  tellobserver(pass.observer().searched, SearchEvent{pass.plan.kind, pass.plan.macro, state.iteration, found.gain});
+  if (found.gain > leastgainwhenslow)
+    tellobserver(pass.observer().searched, SearchEvent{pass.plan.kind, pass.plan.macro, state.iteration, found.gain});
   return true;
 }
 
@@ -258,6 +260,7 @@ Failure iterate(Pass& pass, IterationState& state) {
     if (failure) return failure;
     if (pass.observer().givesup()) return failed(abandoned);
     endofiteration(pass, state, attempt, em);
+    if (state.failure) return std::move(state.failure);
     if (state.stopped()) break;
   }
   tellobserver(pass.observer().stageends);

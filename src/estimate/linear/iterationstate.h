@@ -40,6 +40,7 @@ struct IterationState {
   bool converged = false, atlimit = false, keyboardstop = false;  // why the stage ended
   bool attop = false;  // at the edge a search in this iteration found nothing higher: the rule need not be met
   bool lost = false;   // the search at the stop found no maximum
+  Failure failure;     // of the streams of a search
   MarginalFit marginal;
   int nextsearch = 0;  // the iteration that begins with a search for a maximum at the edge
   Ending ending = Ending::converged;

@@ -92,7 +92,7 @@ MacroEnd macroend(MacroState& state, const PassResults& results, bool first) {
   if (state.separation.known() && state.saturated > 0) {
     end = MacroEnd::separated;
   } else if (converged) {
-    end = MacroEnd::converged;
+    end = results.ending == Ending::lost ? MacroEnd::lost : MacroEnd::converged;
   } else if (results.ending == Ending::keyboard) {
     end = MacroEnd::keyboard;
   } else if (state.left <= 1 && closeatlimit(state)) {

@@ -127,7 +127,7 @@ Failure averagephase(Pass& pass, MacroState& state) {
     PassResults& results = state.average.emplace();
     if (Failure failure = workingpass(pass, state, results)) return failure;
     results.rounds = round;
-    const bool stands = !before.empty() && averagestands(results, before);
+    const bool stands = !before.empty() && !state.shortened && averagestands(results, before);
     if (!stands && round < limit && results.ending != Ending::keyboard) {
       Pass next;
       if (Failure failure = prepareworkingdata(pass, state, {false, false, Predictor::fixed}, next,

@@ -11,7 +11,14 @@
 namespace kdr {
 
 // How the macro iterations go on behind a pass.
-enum class MacroEnd { goeson, converged, keyboard, limit, separated };
+enum class MacroEnd {
+  goeson,
+  converged,
+  keyboard,
+  limit,
+  separated,
+  lost  // the estimates have settled, but the search for the maximum of the last pass found none
+};
 
 // What is known of separation (separation.h).
 struct Separation {
@@ -43,9 +50,12 @@ struct MacroState {
   int limited = 0;                 // records of the working data at hand whose weight is held at the limit
   Array<double> counts;            // trials or exposure of each record; empty when the model has none
   Array<double> factors;           // sqrt(w)/sqrt(v) of each record; empty without design weights and known variance
-  // Of categories: the fixed effects behind the working data at hand, and whether they stand short of those of the pass
-  // before, since the thresholds would come out of order there.
-  Array<double> workinggamma;
+  Array<double> workinggamma;      // of categories: the fixed effects behind the working data at hand
+  // The linear predictor of each record in the working data at hand, once these have strayed too often: from there on
+  // it moves by short steps. Empty before.
+  Array<double> damped;
+  // The working data stand short of the estimates of the pass before: by such steps, or since the thresholds would come
+  // out of order.
   bool shortened = false;
   IterationState iterations;
   MacroEnd end = MacroEnd::goeson;  // of the unit-specific phase

@@ -16,13 +16,11 @@ double quadratic(const double* M, const double* x, int n) {
 }  // namespace
 
 double marginalpredictor(const MarginalCorrection& correction, const double* d, const double* e, double eta) {
-  constexpr double c2 = 0.3458429735, c2squared = 0.11960736231932169, c2cubed = 0.04136536583700607;
+  constexpr double c2 = 0.3458429735;  // (16 sqrt(3) / (15 pi))^2
   const double Q = quadratic(correction.taupi, d, correction.q);
   const double R = quadratic(correction.taubeta, e, correction.r);
   if (correction.link == Link::log) return eta + 0.5 * R + 0.5 * Q;
-  const double c3 = c2 - c2squared * Q + c2cubed * Q * Q / (1.0 + c2 * Q);
-  const double p = (1.0 + c2 * Q) * (1.0 + c3 * R);
-  return p > 0.0 ? eta / std::sqrt(p) : eta;
+  return eta / std::sqrt(1.0 + c2 * (Q + R));
 }
 
 }  // namespace kdr

@@ -41,12 +41,15 @@ struct Step {
   UnitMeans means;
   Array<double> beta, x, d, e;
   UnitBlock unit;
-  Array<double> eta, z, root;  // of its records: predictor, Z, root of the working weight
-  double cap = -1.0;           // the largest rate met so far
-  std::size_t record = 0;      // of the data set, the first one of the unit
-  int limited = 0;             // records whose weight is held at the limit
-  int saturated = 0;           // records with next to none
-  Failure failure{};           // the first; units behind it are passed over
+  Array<double> eta, z, root;       // of its records: predictor, Z, root of the working weight
+  double cap = -1.0;                // the largest rate met so far
+  std::size_t record = 0;           // of the data set, the first one of the unit
+  int limited = 0;                  // records whose weight is held at the limit
+  int saturated = 0;                // records with next to none
+  Array<double>* damped = nullptr;  // predictors of the last working data, where steps from them are held short
+  int held = 0;                     // records whose step is
+  bool strays = false;              // `failure` is of a predictor that runs away
+  Failure failure{};                // the first; units behind it are passed over
 };
 
 Failure cannotestimate() {
@@ -65,25 +68,39 @@ double corrected(const Pass& pass, Step& step, const double* x, double eta) {
   return step.link == Link::log && step.cap > 0.0 ? std::min(mean, std::log(step.cap)) : mean;
 }
 
-// One count beyond all others throws the fixed effects far above it, from where each pass comes down by 1. A rate
-// twenty times the largest of the data is no end: it goes back to that.
-double returned(const Step& step, double eta) {
-  constexpr double beyond = 3.0;
-  if (step.link != Link::log || !(step.state.largestrate > 0.0)) return eta;
+// Where a rate can't be: thousands of times the largest of the data, or 1e-26 of it. One count beyond all others throws
+// the fixed effects there, and from far above it each pass would come down by 1.
+bool strayedrate(const MacroState& state, double eta) {
+  constexpr double above = 8.0, below = 60.0;
+  if (!(state.largestrate > 0.0)) return false;
+  const double largest = std::log(state.largestrate);
+  return !(eta <= largest + above && eta >= largest - below);
+}
+
+// A predictor that has run away: in the first macro iterations it starts again, later all go by short steps, or the
+// step fails.
+Linked runaway(Step& step, double eta) {
+  constexpr int lastrestart = 7;
+  const bool early = step.state.macro <= lastrestart && step.kind.predictor == Predictor::conditional;
+  if (!early && step.damped == nullptr) step.strays = true;
+  if (step.link == Link::logit) {
+    if (!early && !step.failure) step.failure = cannotestimate();
+    return linked(step.link, broughtback(eta));
+  }
+  constexpr double least = -600.0;  // below it Z is no number
+  if (step.damped != nullptr) return linked(step.link, std::max(eta, least));
   const double largest = std::log(step.state.largestrate);
-  return eta > largest + beyond ? largest : eta;
+  return linked(step.link, eta > largest ? largest : std::log(step.state.mean));
 }
 
 Linked linkedrecord(Step& step, double eta) {
   if (step.kind.first) return linkedfitted(step.link, eta);
-  if (step.link == Link::logit && strayed(eta)) {
-    constexpr int lastrestart = 7;
-    if (step.state.separation.known()) return linked(step.link, eta);  // what runs away is known
-    if (step.state.macro > lastrestart && !step.failure) step.failure = cannotestimate();
-    return linked(step.link, broughtback(eta));
+  if (step.link == Link::logit) {
+    // What runs away for a known reason may.
+    return strayed(eta) && !step.state.separation.known() ? runaway(step, eta) : linked(step.link, eta);
   }
-  if (step.link == Link::log && step.kind.capped && step.cap > 0.0) return linkedcapped(eta, step.cap);
-  return linked(step.link, eta);
+  if (step.kind.capped && step.cap > 0.0) return linkedcapped(eta, step.cap);
+  return strayedrate(step.state, eta) ? runaway(step, eta) : linked(step.link, eta);
 }
 
 // What the whole unit tells before its records are gone through.
@@ -110,8 +127,16 @@ void predict(const Pass& pass, Step& step) {
       eta += step.x[c] * step.beta[c];
     }
     if (step.kind.predictor == Predictor::corrected) eta = corrected(pass, step, step.x.data(), eta);
-    step.eta[i] = step.kind.predictor == Predictor::fixed ? returned(step, eta) : eta;
+    step.eta[i] = eta;
   }
+}
+
+// The predictor of record `i` of the unit, no farther than a step from that of its last working data.
+double nearlast(Step& step, std::size_t i, double eta) {
+  constexpr double most = 2.0;
+  double& last = (*step.damped)[step.record + i];
+  if (std::fabs(eta - last) > most) ++step.held;
+  return last = std::clamp(eta, last - most, last + most);
 }
 
 // Z and the root of the working weight from the predictors.
@@ -121,7 +146,7 @@ void makeworking(Step& step) {
   const bool plainlogit = !step.kind.first && step.link == Link::logit;
   const double* observed = step.unit.records.data() + layout.observed;
   for (std::size_t i = 0; i < at(step.unit.nj); ++i, observed += layout.width) {
-    const double eta = step.eta[i];
+    const double eta = step.damped != nullptr ? nearlast(step, i, step.eta[i]) : step.eta[i];
     const double count = counts.empty() ? 1.0 : counts[step.record + i];
     const Linked link = plainlogit && !strayed(eta) ? linked(Link::logit, eta) : linkedrecord(step, eta);
     const Working working = workingvalues(link, *observed, count);
@@ -161,8 +186,9 @@ void rewriteunit(const Step& step, Rewriting& to) {
             step.state.analysis.mdm.numericids);
 }
 
-Step makestep(const Pass& pass, const MacroState& state, const WorkingStep& kind) {
+Step makestep(const Pass& pass, MacroState& state, const WorkingStep& kind) {
   Step step{kind, state, pass.model().outcome.link(), {}, makeunitmeans(pass), {}, {}, {}, {}, {}, {}, {}, {}};
+  if (!state.damped.empty()) step.damped = &state.damped;
   step.correction = {step.link, pass.p, pass.b, state.previous.taupi.data(), state.previous.taubeta.data()};
   step.beta.reset(at(pass.npi));
   step.x.reset(at(pass.npi) + 1);
@@ -181,11 +207,10 @@ Failure startrewriting(const MacroState& state, const WorkingStep& kind, Rewriti
   return {};
 }
 
-}  // namespace
-
-Failure prepareworkingdata(Pass& pass, MacroState& state, const WorkingStep& kind, Pass& next, const PassPlan& plan) {
+// One step. `strays` tells whether it fails for a predictor that runs away.
+Failure makedata(Pass& pass, MacroState& state, const WorkingStep& kind, Pass& next, const PassPlan& plan,
+                 bool& strays) {
   const MdmData& mdm = state.analysis.mdm;
-  state.previous = pass.est.copy();
   if (Failure failure = beginpass(next, state.analysis, plan)) return failure;
   Step step = makestep(pass, state, kind);
   Rewriting to;
@@ -214,16 +239,33 @@ Failure prepareworkingdata(Pass& pass, MacroState& state, const WorkingStep& kin
         step.record += at(unit.nj);
       },
       [](int) {}, reading(pass.store.hot));
+  strays = step.strays;
   if (step.failure) return std::move(step.failure);
   if (storefailure(pass.store)) return storefailure(pass.store);
   if (Failure failure = finishfold(fold)) return failure;
   state.limited = step.limited;
   state.saturated = step.saturated;
+  state.shortened = step.held > 0;
   if (kind.capped) state.largestrate = step.cap;
   if (!to.file.isopen()) return {};
   if (Failure failure = finishworking(std::move(to.file), state.working)) return failure;
   state.layout = std::move(to.layout);
   return {};
+}
+
+}  // namespace
+
+Failure prepareworkingdata(Pass& pass, MacroState& state, const WorkingStep& kind, Pass& next, const PassPlan& plan) {
+  state.previous = pass.est.copy();
+  if (kind.predictor == Predictor::corrected) state.damped = {};
+  bool strays = false;
+  Failure failure = makedata(pass, state, kind, next, plan, strays);
+  if (!strays || !state.damped.empty()) return failure;
+  // Whole steps overshoot for good. Short ones come to the same fixed points, wherever they start.
+  state.damped.reset(at(state.analysis.mdm.numl1rec));
+  if (state.analysis.model.outcome.link() == Link::log) state.damped.fill(std::log(state.mean));
+  next = Pass();
+  return makedata(pass, state, kind, next, plan, strays);
 }
 
 }  // namespace kdr

@@ -31,7 +31,9 @@ struct WorkingStep {
 
 // Takes the estimates of `pass` for state.previous, begins the pass `next` by its plan, and makes its data pass over
 // the working data that follow from the estimates and from the random effects in `pass`. state.layout becomes that of
-// the file. Fails for a logit beyond 60 in a macro iteration after the seventh, unless separation is known.
+// the file. Where a logit lies beyond 60, unless separation is known, or a rate far from all of the data, behind the
+// seventh macro iteration, the steps of all predictors are held short from there on; a logit beyond 60 in spite of that
+// is a failure.
 [[nodiscard]] Failure prepareworkingdata(Pass& pass, MacroState& state, const WorkingStep& step, Pass& next,
                                          const PassPlan& plan);
 

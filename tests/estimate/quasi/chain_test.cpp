@@ -40,7 +40,7 @@ class Chain : public testing::Test {
       for (const Array<double>* values : {&pass.results.est.gammahat, &pass.results.est.taupi})
         numbers.insert(numbers.end(), values->begin(), values->end());
     };
-    observer.macroends = [this](const MacroEvent& event) { told += "gckls"[static_cast<int>(event.end)]; };
+    observer.macroends = [this](const MacroEvent& event) { told += "gcklsf"[static_cast<int>(event.end)]; };
     observer.phasecloses = [this](const ChainPass&) { told += 'C'; };
     observer.enginesover = [this](const ChainPass&) { told += 'E'; };
     observer.enginestands = [this](const EngineStage& stage) {
