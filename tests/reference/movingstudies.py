@@ -8,7 +8,10 @@ w and outer nodes around posterior moments; its score is that of the same sums, 
 the score. At the program's estimates it says how far the log-likelihood is off, how far a Newton step would go in standard
 errors, and what the standard errors are.
 
-  movingstudies.py PROGRAM FIRST LAST [POINTS]     POINTS: AUTO, if not given
+  movingstudies.py PROGRAM FIRST LAST [POINTS [EFFECTS [COMMANDS]]]     POINTS: AUTO, if not given
+
+EFFECTS, two digits, takes other numbers of effects at level 2 and at level 3 than those drawn, up to 3. With DIAGONALIZE lines
+among the commands the oracle knows diagonal matrices.
 """
 import json
 import os
@@ -85,8 +88,8 @@ def write(folder, outcome, q, r, rows, engine):
     with open(f"{folder}/s.kdr", "w") as file:
         file.write(f"NONLIN:{kind}\nMACROIT:100,N\nMICROIT:200\n{engine}\nLEVEL1:Y=INTRCPT1+X1+X2+RANDOM\n"
                    "LEVEL2:INTRCPT1=INTRCPT2+W+RANDOM/\nLEVEL3:INTRCPT2=INTRCPT3+Z+RANDOM/\nLEVEL3:W=INTRCPT3/\n"
-                   f"LEVEL2:X1=INTRCPT2{'+RANDOM' if q == 2 else ''}/\nLEVEL3:INTRCPT2=INTRCPT3{'+RANDOM' if r == 2 else ''}/\n"
-                   "LEVEL2:X2=INTRCPT2/\nLEVEL3:INTRCPT2=INTRCPT3/\nTITLE:s\nOUTPUT:s.txt\nFULLOUTPUT:N\n" + NOFILES + NOFEATURES)
+                   f"LEVEL2:X1=INTRCPT2{'+RANDOM' if q > 1 else ''}/\nLEVEL3:INTRCPT2=INTRCPT3{'+RANDOM' if r > 1 else ''}/\n"
+                   f"LEVEL2:X2=INTRCPT2{'+RANDOM' if q > 2 else ''}/\nLEVEL3:INTRCPT2=INTRCPT3{'+RANDOM' if r > 2 else ''}/\nTITLE:s\nOUTPUT:s.txt\nFULLOUTPUT:N\n" + NOFILES + NOFEATURES)
 
 
 def pairs(n):
@@ -106,8 +109,8 @@ def semifactor(T):
 
 
 class Oracle:
-    def __init__(self, outcome, q, r, rows, points2, points3):
-        self.outcome, self.q, self.r = outcome, q, r
+    def __init__(self, outcome, q, r, rows, points2, points3, diagonal=(False, False)):
+        self.outcome, self.q, self.r, self.diagonal = outcome, q, r, diagonal
         keys = [(int(a), int(b)) for a, b in rows[:, :2]]
         units = list(dict.fromkeys(keys))
         place = {key: i for i, key in enumerate(units)}
@@ -122,7 +125,7 @@ class Oracle:
         self.scales = np.sqrt(np.mean(rows[:, 4:6] ** 2, axis=0))
         x = rows[:, 4:6] / self.scales
         xg = np.hstack([one, rows[:, 7:8], rows[:, 6:7], x])
-        both = np.hstack([one, x[:, :1]])
+        both = np.hstack([one, x])
         def spread(values):
             out = np.zeros((len(units), m) + values.shape[1:])
             out[j, within] = values
@@ -247,7 +250,7 @@ class Oracle:
 
     def judge(self, Tp, Tb, gamma):
         """Log-likelihood; Newton step and standard errors of (vech Tp, vech Tb, gamma), NaN for what has none."""
-        D = np.diag(np.append(1, self.scales[0])[:self.q]), np.diag(np.append(1, self.scales[0])[:self.r])
+        D = np.diag(np.append(1, self.scales)[:self.q]), np.diag(np.append(1, self.scales)[:self.r])
         A, B = semifactor(D[0] @ Tp @ D[0]), semifactor(D[1] @ Tb @ D[1])
         G = np.array([1, 1, 1, *(1 / self.scales)])
         theta = np.concatenate([[A[a, b] for a, b in pairs(self.q)], [B[a, b] for a, b in pairs(self.r)], gamma / G])
@@ -256,6 +259,8 @@ class Oracle:
         P2, P3 = len(pairs(self.q)), len(pairs(self.r))
         free = [i for i in range(len(theta)) if i >= P2 + P3 or
                 np.any((A if i < P2 else B)[:, (pairs(self.q) + pairs(self.r))[i][1]] != 0)]
+        apart = [a != b and self.diagonal[level] for level, n in enumerate((self.q, self.r)) for a, b in pairs(n)]
+        free = [i for i in free if i >= P2 + P3 or not apart[i]]
         H = np.zeros((len(free), len(free)))
         for c, i in enumerate(free):
             step = 1e-3 * max(1.0, abs(theta[i])) if i < P2 + P3 else 1e-3
@@ -280,11 +285,12 @@ class Oracle:
         return value, J @ V @ score[free], se, least
 
 
-def one(program, seed, points):
+def one(program, seed, points, effects="", *commands):
     outcome, q, r, rows = study(seed)
+    q, r = map(int, effects or (q, r))
     here = f"{seed:4d} {outcome:9s} q {q} r {r} K {len(set(rows[:, 0])):2d} n {len(rows):4d}: "
     with tempfile.TemporaryDirectory() as folder:
-        write(folder, outcome, q, r, rows, f"AGQ:Y,100,{points}")
+        write(folder, outcome, q, r, rows, "\n".join([f"AGQ:Y,100,{points}", *commands]))
         code, said = run(program, folder, "-r", "s.mdmt")
         if code:
             return here + "no MDM file", "no data"
@@ -301,12 +307,13 @@ def one(program, seed, points):
     p = phases["quadrature"]
     lower = lambda t: [t[a][b] for a, b in pairs(len(t))]
     gamma = [row["estimate"] for row in p["fixed_effects"]]
-    se = np.array([np.nan if x is None else x for x in lower(p["tau_pi"]["standard_error"]) + lower(p["tau_beta"]["standard_error"]) +
+    se = np.array([np.nan if x is None or x == 0 else x for x in lower(p["tau_pi"]["standard_error"]) + lower(p["tau_beta"]["standard_error"]) +
                    [row["model_based"]["standard_error"] if row["model_based"] else None for row in p["fixed_effects"]]], float)
     # Where they differ the oracle takes more nodes: those around modes want many where a slope of few records varies much.
-    grids = {(1, 1): ((21, 31), (41, 61)), (2, 1): ((15, 15), (41, 15)), (1, 2): ((15, 15), (31, 31)), (2, 2): ((9, 9), (15, 11), (25, 15))}
-    for grids in grids[q, r]:
-        oracle = Oracle(outcome, q, r, rows, *grids)
+    grids = {(1, 1): ((21, 31), (41, 61)), (2, 1): ((15, 15), (41, 15)), (1, 2): ((15, 15), (31, 31))}
+    diagonal = "DIAGONALIZETAUPI:Y" in commands, "DIAGONALIZETAUBETA:Y" in commands
+    for grids in grids.get((q, r), ((9, 9), (15, 11), (25, 15)) if max(q, r) < 3 else ((9, 9), (15, 13))):
+        oracle = Oracle(outcome, q, r, rows, *grids, diagonal)
         value, step, right, least = oracle.judge(np.array(p["tau_pi"]["estimate"]), np.array(p["tau_beta"]["estimate"]), np.array(gamma))
         gap = abs(value - p["marginal_log_likelihood"])
         far = np.nanmax(np.abs(step) / right)
@@ -324,11 +331,11 @@ def one(program, seed, points):
             + (", edge" if edge else "") + (f", {missing} differ" if missing else "") + "".join("\n     " + w for w in warnings)), verdict
 
 
-def main(program, first, last, points="AUTO"):
+def main(program, first, last, points="AUTO", *how):
     verdicts = []
     for seed in range(int(first), int(last) + 1):
         try:
-            line, verdict = one(os.path.abspath(program), seed, points)
+            line, verdict = one(os.path.abspath(program), seed, points, *how)
         except np.linalg.LinAlgError as error:
             line, verdict = f"{seed:4d} oracle: {error}", "no oracle"
         except subprocess.TimeoutExpired:

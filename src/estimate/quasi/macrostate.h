@@ -11,7 +11,15 @@
 namespace kdr {
 
 // How the macro iterations go on behind a pass.
-enum class MacroEnd { goeson, converged, keyboard, limit, separated };
+enum class MacroEnd {
+  goeson,
+  converged,
+  keyboard,
+  limit,
+  separated,
+  failed,    // a pass has no results, and a maximum-likelihood engine goes on without
+  noaverage  // of the population average alone: it has no results, but an engine has
+};
 
 // What is known of separation (separation.h).
 struct Separation {
@@ -75,6 +83,7 @@ struct MacroEvent {
   int macro;
   const PassResults& results;
   const Separation& separation;
+  const Failure* failure = nullptr;  // of the last two, which have no results
 };
 
 }  // namespace kdr

@@ -84,9 +84,8 @@ TEST(Spherical, LaplaceGradientIsADerivative) {
   }
 }
 
-MovingResult fit(Study& study, const Parameters& start, int points, int threads = 2) {
+MovingResult fit(Study& study, const Parameters& start, int points, int threads = 2, MovingSettings settings = {}) {
   RecordSource source = study.source();
-  MovingSettings settings;
   settings.outcome = study.outcome.family;
   settings.points = points;
   settings.threads = threads;
@@ -111,6 +110,54 @@ TEST(MovingQuadrature, MaximaOfDenseIntegrals) {
           << c.name << " " << i;
     }
   }
+}
+
+// Without a start, from a regression; and from where nothing can be evaluated, or where the likelihood is flat.
+TEST(MovingQuadrature, StartsOfItsOwn) {
+  for (const Case& c : {cases[0], cases[1], cases[3]}) {
+    Study study = readcase(c);
+    Parameters none;
+    none.q = c.q;
+    none.r = c.r;
+    none.g = 4;
+    const double height = reference(c.name, "maximum")[0];
+    for (const int points : {0, 7}) {
+      const MovingResult result = fit(study, none, points);
+      EXPECT_TRUE(result.end == MovingEnd::converged && result.warnings.empty()) << c.name;
+      EXPECT_NEAR(result.loglikelihood, height, 0.005) << c.name;
+      EXPECT_TRUE(result.notes.empty());
+    }
+    std::vector<double> start = reference(c.name, "start");
+    for (const double variance : {1e200, 1e12}) {
+      start[0] = variance;
+      const MovingResult result = fit(study, makeparameters(c.q, c.r, start), 7);
+      EXPECT_EQ(result.end, MovingEnd::converged) << c.name << " " << variance;
+      EXPECT_NEAR(result.loglikelihood, height, 0.005) << c.name << " " << variance;
+    }
+  }
+  // Fixed effects that the records don't tell apart.
+  std::vector<Record> records = readrecords(folder + "bernoulli11.dat");
+  for (Record& record : records) record.w = record.z;
+  Study study = makestudy(bernoulli, 1, 1, records);
+  const MovingResult result = fit(study, {1, 1, 4, {}, {}, {}}, 7);
+  EXPECT_FALSE(result.usable);
+  ASSERT_EQ(result.warnings.size(), 1u);
+  EXPECT_NE(result.warnings[0].find("do not tell the fixed effects apart"), std::string::npos);
+}
+
+// The scores of so few level-3 units have no inverse of their outer products: errors are those of the information.
+TEST(MovingQuadrature, OuterProductsOfFewUnits) {
+  Study study = readcase(cases[0]);
+  study.units.resize(5);
+  study.units2 = static_cast<int>(study.units.back().firstunit) + study.units.back().units;
+  const Parameters start = makeparameters(1, 1, reference(cases[0].name, "start"));
+  MovingSettings outer;
+  outer.outerproducts = true;
+  const MovingResult wanted = fit(study, start, 11), result = fit(study, start, 11, 2, outer);
+  ASSERT_TRUE(wanted.usable && result.usable);
+  EXPECT_EQ(result.warnings.size(), 1u);
+  EXPECT_EQ(result.loglikelihood, wanted.loglikelihood);
+  EXPECT_TRUE(std::equal(result.covariance.begin(), result.covariance.end(), wanted.covariance.begin()));
 }
 
 std::vector<double> numbersof(const MovingResult& result) {
