@@ -370,6 +370,36 @@ def points():
     study()
 
 
+def endings():
+    """Each way in which an engine ends short of a maximum: a sentence on the console, in the report and in the results
+    document, and code 20."""
+    alike = lambda row, i: [float(i // 6 * 7919 % 13 > 6)] + row[1:]  # in each level-2 unit
+    slope = EQUATIONS.replace("LEVEL2:X=INTRCPT2/", "LEVEL2:X=INTRCPT2+RANDOM/")
+    started = "The run goes on with the estimates that quadrature started from."
+    goes = "WARNING: the likelihood has no finite maximum: it rises as a variance grows without end."
+    for change, equations, more, results, words in (
+            (alike, EQUATIONS, "AGQ:Y,100,7\n", False, (started, "WARNING: 7 quadrature points are too few: their log-likelihood has no maximum that steps could find.")),
+            (alike, EQUATIONS, "AGQ:Y,100,AUTO\n", False, (started, goes)),
+            (alike, EQUATIONS, "AGQ:Y,100,1\n", True, (goes + " The estimates are where its rise had all but ended.",)),
+            (alike, EQUATIONS, "LAPLACE:Y,100\n", True, ("WARNING: the terms of the sixth order are not small",)),
+            (None, slope, "AGQ:Y,30,101\n", False, (started, "WARNING: 101 quadrature points for 3 effects are more")),
+            (None, EQUATIONS, "AGQ:Y,1,7\n", True, ("WARNING: the iterations of quadrature ended before they had converged.",)),
+            (None, EQUATIONS, "AGQ:Y,1,1\n", True, ("WARNING: the iterations of quadrature ended before they had converged.",)),
+            (None, EQUATIONS, "LAPLACE:Y,1\n", True, ("WARNING: the iterations of Laplace-6 ended before they had converged.",))):
+        study(change or (lambda row, i: row))
+        work.write("m.kdr", MODEL.format(kind="BERNOULLI", macroit="60,N", more=more, form="txt", equations=equations.format(y="Y", cuts="")))
+        done = work.run("m.mdm", "m.kdr", "-strict", "-results", "r.json")
+        document, text = json.loads(work.read("r.json")), work.read("out.txt")
+        phases = {p["phase"]: p for p in document["phases"]}
+        made = phases.get("laplace6" if "LAPLACE" in more else "quadrature")
+        what = f"{words[-1]} {more.strip()}"
+        check(done.returncode == 20 and not document["converged"] and (made is not None) == results, f"{what}: code {done.returncode}")
+        said = " ".join(document["warnings"] + (made["warnings"] if made else []))
+        check(all(w in done.stdout and w in text and (w in said or w == started) for w in words), f"{what}: {said}, {done.stdout[-300:]}")
+        check(made is None or "LAPLACE" in more or not made["converged"], f"{what}: the phase has converged")
+    study()
+
+
 def broken():
     """Where quasi-likelihood or the population average has no results, an engine has its own all the same, and every
     place says what is missing. Where the engine has none either, and with the nodes of before, the failure stands."""
@@ -441,6 +471,7 @@ limits()
 dialogue()
 graph()
 engines()
+endings()
 broken()
 points()
 check.finish()

@@ -268,7 +268,7 @@ void Search::fill(const Run& made, int points, MovingResult& result) const {
   result.distance = std::sqrt(made.ascent.decrement);
   result.usable = made.errors.usable && result.end != MovingEnd::toofewpoints;
   if (!result.usable) {
-    if (!made.nomaximum) result.end = MovingEnd::toofewpoints;
+    if (result.end == MovingEnd::converged) result.end = MovingEnd::toofewpoints;
     return;
   }
   const std::string noouter =
@@ -317,12 +317,6 @@ void Search::check(const Run& before, int points, MovingResult& result) {
 void Search::laplace(const Array<double>& start, MovingResult& result) {
   const Run made = runlaplace(start.copy());
   fill(made, 1, result);
-  if (!result.usable && (made.ascent.end == AscentEnd::limit || made.ascent.end == AscentEnd::stopped) &&
-      result.end == MovingEnd::toofewpoints) {
-    result.warnings.emplace_back(
-        "WARNING: the iterations ended where the approximation has no standard errors. Allow more of them.");
-    return;
-  }
   if (result.end == MovingEnd::toofewpoints)
     result.warnings.emplace_back(
         settings.sixth ? "WARNING: Laplace-6 has no maximum that steps could find. Use adaptive quadrature."
@@ -405,7 +399,8 @@ void Search::from(Array<double> point, MovingResult& result) {
   const auto first = [&result](const std::string& words) { result.warnings.insert(result.warnings.begin(), words); };
   const char* engine = settings.sixth ? "Laplace-6" : "quadrature";
   if (result.end == MovingEnd::limit || result.end == MovingEnd::stopped)
-    first(formatted("WARNING: the iterations of %s ended before they had converged.", engine));
+    first(formatted("WARNING: the iterations of %s ended before they had converged%s.", engine,
+                    result.usable ? "" : ", where there are no standard errors. Allow more of them"));
   if (result.end == MovingEnd::nomaximum)
     first(std::string("WARNING: the likelihood has no finite maximum: it rises as a variance grows without end.") +
           (result.usable ? " The estimates are where its rise had all but ended." : ""));
@@ -415,14 +410,15 @@ void Search::from(Array<double> point, MovingResult& result) {
 }
 
 // Whether another start may end better.
-bool lednowhere(MovingEnd end) {
-  return end == MovingEnd::nonumbers || end == MovingEnd::toofewpoints || end == MovingEnd::nomaximum;
+bool lednowhere(const MovingResult& result) {
+  return result.end == MovingEnd::nonumbers || result.end == MovingEnd::toofewpoints ||
+         result.end == MovingEnd::nomaximum || (result.end == MovingEnd::limit && !result.usable);
 }
 
 // A maximum is better than none, unless the likelihood has risen above it elsewhere.
 bool better(const MovingSettings& settings, const MovingResult& again, const MovingResult& before) {
   if (!again.usable || !before.usable) return again.usable;
-  return !lednowhere(again.end) && again.loglikelihood > before.loglikelihood - settings.nogain;
+  return !lednowhere(again) && again.loglikelihood > before.loglikelihood - settings.nogain;
 }
 
 constexpr const char* elsewhere =
@@ -457,7 +453,7 @@ MovingResult movingquadrature(const MovingSettings& settings, int npi, int nbeta
   likelihood.sixth = settings.sixth;
   const bool given = !start.gamma.empty();
   if (given) search.from(pointof(likelihood.frame, start), result);
-  if ((given && !lednowhere(result.end)) || brokensource(source)) return result;
+  if ((given && !lednowhere(result)) || brokensource(source)) return result;
   Array<double> point;
   if (regressionstart(likelihood, point)) {
     MovingResult again;
