@@ -15,6 +15,7 @@
 #include "estimate/inference/settled.h"
 #include "estimate/linear/exploratory.h"
 #include "estimate/quasi/categoryloop.h"
+#include "estimate/quasi/macrocontrol.h"
 #include "estimate/quasi/macroloop.h"
 #include "kernel/sizes.h"
 #include "report/exploratorytables.h"
@@ -126,6 +127,17 @@ void separationends(const Separation& found) {
   if (run.series.mimode || run.series.pvmode) stopwith("A sub-run with separation is no part of a series.\n");
 }
 
+// Words may hold a name of the user's: it must not talk to a report in HTML.
+std::string escapedlines(const std::string& text) {
+  std::string words;
+  for (std::size_t from = 0, end = 0; end != std::string::npos; from = end + 1) {
+    end = text.find('\n', from);
+    if (from > 0) words += '\n';
+    words += escaped(text.substr(from, end - from));
+  }
+  return words;
+}
+
 void tellmacroend(const MacroEvent& event) {
   const PassResults& results = event.results;
   documentmacroend(event);
@@ -152,6 +164,17 @@ void tellmacroend(const MacroEvent& event) {
           "WARNING: the macro iterations have settled, but the search for the maximum of the last one has failed:\n"
           "nobody knows how far the estimates are from where they should be.");
       break;
+    case MacroEnd::failed:
+    case MacroEnd::noaverage: {
+      // The averages of a series are those of quasi-likelihood.
+      if (run.series.mimode || run.series.pvmode) tell(*event.failure);
+      const std::string words = failedwords(event);
+      notconverged(words + "\n");
+      rewindreport();
+      reportwarning(escapedlines(words));
+      markreport();
+      return;
+    }
     case MacroEnd::separated:
       std::printf("The macro iterations end at iteration %d: there is no maximum to converge to.\n", event.macro);
       break;
@@ -187,16 +210,9 @@ void enginefiles(const ChainPass& pass) {
   }
 }
 
-// The words may hold a name of the user's: it must not talk to a report in HTML.
 void tellfailure(Failure failure) {
   if (!failure) return;
-  std::string words;
-  for (std::size_t from = 0, end = 0; end != std::string::npos; from = end + 1) {
-    end = failure.reportwords.find('\n', from);
-    if (from > 0) words += '\n';
-    words += escaped(failure.reportwords.substr(from, end - from));
-  }
-  failure.reportwords = words;
+  failure.reportwords = escapedlines(failure.reportwords);
   tell(failure);
 }
 
@@ -236,36 +252,48 @@ PassResults nonlinearjob(const Analysis& analysis, const CategoryTable& table) {
     documentwarning(words);
     sentences(words);
   }
-  return std::move(fit.state.unitspecific);
+  MacroState& state = fit.state;
+  if (state.end != MacroEnd::failed) return std::move(state.unitspecific);
+  return std::move(state.quadrature ? *state.quadrature : *state.laplace6);
 }
 
 void listnonlinearfiles() {
   if (run.out.printvc == VarianceFiles::none) return;
   const bool errors = run.control.fishertype != FisherType::none;
-  const std::vector<std::string>& made = run.files.made;  // without those of an engine that has failed
-  const bool laplace = std::find(made.begin(), made.end(), laplacetaufile) != made.end();
+  // Without those of what has no results.
+  const auto created = [](const char* name) {
+    return std::find(run.files.made.begin(), run.files.made.end(), name) != run.files.made.end();
+  };
+  const bool laplace = created(laplacetaufile), pql = created(unitspecificgammafile);
+  if (!pql && !laplace) return;
   reportbreak();
-  report("%s, containing the taus ", taufile);
-  if (errors) {
-    report("and the variance-covariance matrix of the taus");
-    filelistbreak();
+  if (pql) {
+    report("%s, containing the taus ", taufile);
+    if (errors) {
+      report("and the variance-covariance matrix of the taus");
+      filelistbreak();
+    }
+    reportline("has been created.");
   }
-  reportline("has been created.");
   if (laplace) {
     report("tauvcl6, containing the Laplace taus and the variance-covariance matrix of");
     filelistbreak();
     reportline("the taus has been created.");
   }
-  report("%s, containing the unit-specific variance-covariance matrix of gamma", unitspecificgammafile);
-  filelistbreak();
-  report("has been created.\n");
-  reportbreak();
-  report("%s, containing the population average variance-covariance matrix of", populationgammafile);
-  filelistbreak();
-  reportline("gamma has been created.");
-  report("%s, containing the robust population average variance-covariance", robustpopulationgammafile);
-  filelistbreak();
-  reportline("matrix of gamma has been created.");
+  if (pql) {
+    report("%s, containing the unit-specific variance-covariance matrix of gamma", unitspecificgammafile);
+    filelistbreak();
+    report("has been created.\n");
+    reportbreak();
+  }
+  if (created(populationgammafile)) {
+    report("%s, containing the population average variance-covariance matrix of", populationgammafile);
+    filelistbreak();
+    reportline("gamma has been created.");
+    report("%s, containing the robust population average variance-covariance", robustpopulationgammafile);
+    filelistbreak();
+    reportline("matrix of gamma has been created.");
+  }
   if (laplace) {
     report("gamvcl6.dat, containing the Laplace variance-covariance matrix of gamma");
     filelistbreak();

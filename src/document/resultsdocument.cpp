@@ -8,6 +8,7 @@
 #include "document/resultstable.h"
 #include "document/variances.h"
 #include "estimate/inference/settled.h"
+#include "estimate/quasi/macrocontrol.h"
 
 namespace kdr {
 
@@ -307,6 +308,14 @@ void addengine(ResultsDocument& document, const Subject& subject, const EngineSt
 }
 
 void addmacroend(ResultsDocument& document, const MacroEvent& event) {
+  if (event.failure != nullptr) {
+    // What the last pass of quasi-likelihood had come to is no result.
+    if (event.end == MacroEnd::failed)
+      std::erase_if(document.phases, [](const Json& phase) { return phase["phase"] == "pql"; });
+    document.converged = false;
+    document.warnings.push_back(failedwords(event));
+    return;
+  }
   const bool converged = event.end == MacroEnd::converged && !event.separation.known();
   if (event.results.kind != PassKind::identity) settle(document, converged);
   if (event.end == MacroEnd::goeson) return;

@@ -22,6 +22,8 @@ void putall(const Array<double>& values, double* to) {
   if (to != nullptr) std::ranges::copy(values, to);
 }
 
+constexpr const char* noposteriors = "Quasi-likelihood has no estimates, and so no posteriors of the random effects.";
+
 }  // namespace
 
 }  // namespace kdr::library
@@ -86,6 +88,7 @@ kdr3_status kdr3_result_variances(const kdr3_result* result, double* taupi, doub
 
 kdr3_status kdr3_result_effects(const kdr3_result* result, double* level2, double* level3) {
   if (result == nullptr) return error("The result is missing.");
+  if (result->posteriors.u.empty()) return error(noposteriors);
   putall(result->posteriors.u, level2);
   putall(result->posteriors.v, level3);
   return KDR3_OK;
@@ -93,6 +96,7 @@ kdr3_status kdr3_result_effects(const kdr3_result* result, double* level2, doubl
 
 kdr3_status kdr3_result_effectvariances(const kdr3_result* result, double* level2, double* level3) {
   if (result == nullptr) return error("The result is missing.");
+  if (result->posteriors.uvariance.empty()) return error(noposteriors);
   putall(result->posteriors.uvariance, level2);
   putall(result->posteriors.vvariance, level3);
   return KDR3_OK;

@@ -430,6 +430,97 @@ def points():
     study()
 
 
+def endings():
+    """Each way in which an engine ends short of a maximum: a sentence on the console, in the report and in the results
+    document, and code 20."""
+    alike = lambda row, i: [float(i // 6 * 7919 % 13 > 6)] + row[1:]  # in each level-2 unit
+    slope = EQUATIONS.replace("LEVEL2:X=INTRCPT2/", "LEVEL2:X=INTRCPT2+RANDOM/")
+    started = "The run goes on with the estimates that quadrature started from."
+    goes = "WARNING: the likelihood has no finite maximum: it rises as a variance grows without end."
+    for change, equations, more, results, words in (
+            (alike, EQUATIONS, "AGQ:Y,100,7\n", False, (started, "WARNING: 7 quadrature points are too few: their log-likelihood has no maximum that steps could find.")),
+            (alike, EQUATIONS, "AGQ:Y,100,AUTO\n", False, (started, goes)),
+            (alike, EQUATIONS, "AGQ:Y,100,1\n", True, (goes + " The estimates are where its rise had all but ended.",)),
+            (alike, EQUATIONS, "LAPLACE:Y,100\n", True, ("WARNING: the terms of the sixth order are not small",)),
+            (None, slope, "AGQ:Y,30,101\n", False, (started, "WARNING: 101 quadrature points for 3 effects are more")),
+            (None, EQUATIONS, "AGQ:Y,1,7\n", True, ("WARNING: the iterations of quadrature ended before they had converged.",)),
+            (None, EQUATIONS, "AGQ:Y,1,1\n", True, ("WARNING: the iterations of quadrature ended before they had converged.",)),
+            (None, EQUATIONS, "LAPLACE:Y,1\n", True, ("WARNING: the iterations of Laplace-6 ended before they had converged.",))):
+        study(change or (lambda row, i: row))
+        work.write("m.kdr", MODEL.format(kind="BERNOULLI", macroit="60,N", more=more, form="txt", equations=equations.format(y="Y", cuts="")))
+        done = work.run("m.mdm", "m.kdr", "-strict", "-results", "r.json")
+        document, text = json.loads(work.read("r.json")), work.read("out.txt")
+        phases = {p["phase"]: p for p in document["phases"]}
+        made = phases.get("laplace6" if "LAPLACE" in more else "quadrature")
+        what = f"{words[-1]} {more.strip()}"
+        check(done.returncode == 20 and not document["converged"] and (made is not None) == results, f"{what}: code {done.returncode}")
+        said = " ".join(document["warnings"] + (made["warnings"] if made else []))
+        check(all(w in done.stdout and w in text and (w in said or w == started) for w in words), f"{what}: {said}, {done.stdout[-300:]}")
+        check(made is None or "LAPLACE" in more or not made["converged"], f"{what}: the phase has converged")
+    study()
+
+
+def broken():
+    """Where quasi-likelihood or the population average has no results, an engine has its own all the same, and every
+    place says what is missing. Where the engine has none either, and with the nodes of before, the failure stands."""
+    def run(kind, equations, more, macroit="60,N"):
+        (work.folder / "r.json").unlink(missing_ok=True)
+        work.write("m.kdr", MODEL.format(kind=kind, macroit=macroit, form="txt", equations=equations.format(y="COUNT", cuts=""),
+                                         more="PRINTVARIANCE-COVARIANCE:Y\n" + more).replace("MICROIT:50", "MICROIT:200"))
+        done = work.run("m.mdm", "m.kdr", "-strict", "-results", "r.json")
+        document = json.loads(work.read("r.json")) if (work.folder / "r.json").exists() else None
+        return done.returncode, done.stdout, work.read("out.txt"), document
+
+    def made(seed, records, deviation3, deviation2, origin, outcome):
+        """Intercepts and slopes of these standard deviations at levels 3 and 2; `outcome` draws at a linear predictor."""
+        draw, effects = random.Random(seed), {}
+
+        def change(row, i):
+            pair = lambda unit, s: effects.setdefault(unit, (draw.gauss(0, s), draw.gauss(0, s)))
+            third, second = pair(("v", i // records // 5), deviation3), pair(("u", i // records), deviation2)
+            x = row[4] + origin
+            return outcome(draw, row, -1 + third[0] + second[0] + (third[1] + second[1]) * x, x)
+        study(change, records)
+
+    def trials(draw, row, eta, x):
+        return [row[0], sum(draw.random() < 1 / (1 + math.exp(-eta)) for _ in range(200)), 200, row[3], x]
+
+    def counts(draw, row, eta, x):
+        count, time = 0, draw.expovariate(1)
+        while time < math.exp(min(eta, 7)):
+            count, time = count + 1, time + draw.expovariate(1)
+        return [row[0], count, row[2], row[3], x]
+
+    slope2 = EQUATIONS.replace("LEVEL2:X=INTRCPT2/", "LEVEL2:X=INTRCPT2+RANDOM/")
+    slopes = slope2.replace("RANDOM/\nLEVEL3:INTRCPT2=INTRCPT3/", "RANDOM/\nLEVEL3:INTRCPT2=INTRCPT3+RANDOM/")
+    lost = "WARNING: quasi-likelihood (PQL) has no estimates. It ended at macro iteration "
+    made(0, 2, 5, 1, 3, trials)
+    got, said, text, document = run("BINOMIAL,N", slopes, "AGQ:Y,60,7\n")
+    check(got == 20 and all(lost in x for x in (said, text)), f"no PQL: code {got}, {said[-300:]}")
+    check([p["phase"] for p in document["phases"]] == ["quadrature"] and not document["converged"]
+          and any(lost in w for w in document["warnings"]), f"no PQL: {document['warnings']}")
+    check(list(report.splitsections(text)) == ["quadrature"] and "PQL Estimation" not in text and "gamvc" not in text,
+          f"no PQL: sections {list(report.splitsections(text))}")
+    limited = run("BINOMIAL,N", slopes, "AGQ:Y,60,7\n", "2,N")[3]  # from what quasi-likelihood had before it failed
+    both = [[p["marginal_log_likelihood"] for p in d["phases"] if p["phase"] == "quadrature"][0] for d in (document, limited)]
+    check(abs(both[0] - both[1]) < 1e-3, f"no PQL: {both}")
+    for more, words in (("", ""), ("AGQ:Y,60,7\nAGQNODES:FIXED\n", ""), ("AGQ:Y,60,41\n", lost)):
+        got, said, text, _ = run("BINOMIAL,N", slopes, more)
+        check(got == 11 and "problem in the fixed portion" in text and (lost in said) == (words != ""),
+              f"no PQL, {more!r}: code {got}, {said[-300:]}")
+
+    # A slope that varies so much that its effect on the mean of all units is beyond numbers.
+    made(5, 6, 0.2, 3, 0, counts)
+    got, said, text, document = run("POISSON", slope2, "AGQ:Y,60,7\n")
+    words = "WARNING: there is no population average: "
+    check(got == 20 and all(words in x for x in (said, text, str(document["warnings"]))), f"no average: code {got}, {said[-300:]}")
+    check([p["phase"] for p in document["phases"]] == ["pql", "quadrature"] and "gamvcus" in text and "gamvcpa" not in text,
+          f"no average: {[p['phase'] for p in document['phases']]}")
+    got, said, text, _ = run("POISSON", slope2, "")
+    check(got == 11, f"no average, no engine: code {got}")
+    study()
+
+
 failures()
 skewed()
 astray()
@@ -441,5 +532,7 @@ limits()
 dialogue()
 graph()
 engines()
+endings()
+broken()
 points()
 check.finish()

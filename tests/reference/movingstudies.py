@@ -8,7 +8,10 @@ w and outer nodes around posterior moments; its score is that of the same sums, 
 the score. At the program's estimates it says how far the log-likelihood is off, how far a Newton step would go in standard
 errors, and what the standard errors are.
 
-  movingstudies.py PROGRAM FIRST LAST [POINTS]     POINTS: AUTO, if not given
+  movingstudies.py PROGRAM FIRST LAST [POINTS [EFFECTS [COMMANDS]]]     POINTS: AUTO, if not given
+
+EFFECTS, two digits, takes other numbers of effects at level 2 and at level 3 than those drawn, up to 3. With DIAGONALIZE lines
+among the commands the oracle knows diagonal matrices.
 """
 import json
 import os
@@ -64,8 +67,8 @@ def write(folder, outcome, q, r, rows, engine):
     with open(f"{folder}/s.kdr", "w") as file:
         file.write(f"NONLIN:{kind}\nMACROIT:100,N\nMICROIT:200\n{engine}\nLEVEL1:Y=INTRCPT1+X1+X2+RANDOM\n"
                    "LEVEL2:INTRCPT1=INTRCPT2+W+RANDOM/\nLEVEL3:INTRCPT2=INTRCPT3+Z+RANDOM/\nLEVEL3:W=INTRCPT3/\n"
-                   f"LEVEL2:X1=INTRCPT2{'+RANDOM' if q == 2 else ''}/\nLEVEL3:INTRCPT2=INTRCPT3{'+RANDOM' if r == 2 else ''}/\n"
-                   "LEVEL2:X2=INTRCPT2/\nLEVEL3:INTRCPT2=INTRCPT3/\nTITLE:s\nOUTPUT:s.txt\nFULLOUTPUT:N\n" + NOFILES + NOFEATURES)
+                   f"LEVEL2:X1=INTRCPT2{'+RANDOM' if q > 1 else ''}/\nLEVEL3:INTRCPT2=INTRCPT3{'+RANDOM' if r > 1 else ''}/\n"
+                   f"LEVEL2:X2=INTRCPT2{'+RANDOM' if q > 2 else ''}/\nLEVEL3:INTRCPT2=INTRCPT3{'+RANDOM' if r > 2 else ''}/\nTITLE:s\nOUTPUT:s.txt\nFULLOUTPUT:N\n" + NOFILES + NOFEATURES)
 
 
 def pairs(n):
@@ -85,8 +88,8 @@ def semifactor(T):
 
 
 class Oracle:
-    def __init__(self, outcome, q, r, rows, points2, points3):
-        self.outcome, self.q, self.r = outcome, q, r
+    def __init__(self, outcome, q, r, rows, points2, points3, diagonal=(False, False)):
+        self.outcome, self.q, self.r, self.diagonal = outcome, q, r, diagonal
         keys = [(int(a), int(b)) for a, b in rows[:, :2]]
         units = list(dict.fromkeys(keys))
         place = {key: i for i, key in enumerate(units)}
@@ -101,7 +104,7 @@ class Oracle:
         self.scales = np.sqrt(np.mean(rows[:, 4:6] ** 2, axis=0))
         x = rows[:, 4:6] / self.scales
         xg = np.hstack([one, rows[:, 7:8], rows[:, 6:7], x])
-        both = np.hstack([one, x[:, :1]])
+        both = np.hstack([one, x])
         def spread(values):
             out = np.zeros((len(units), m) + values.shape[1:])
             out[j, within] = values
@@ -110,6 +113,9 @@ class Oracle:
         self.xg, self.d, self.e = spread(xg), spread(both[:, :q]), spread(both[:, :r])
         thirds = list(dict.fromkeys(u[0] for u in units))
         self.k = np.array([thirds.index(u[0]) for u in units])
+        order = np.argsort(j, kind="stable")  # records unit by unit
+        self.unit, self.first = j[order], np.searchsorted(j[order], np.arange(len(units)))
+        self.rows = [a[order] for a in (rows[:, 2], rows[:, 3], xg, both[:, :q], both[:, :r])]
         self.K, self.g = len(thirds), 5
         y, n = rows[:, 2], rows[:, 3]
         self.constant = (np.sum(gammaln(n + 1) - gammaln(y + 1) - gammaln(n - y + 1)) if outcome == "binomial" else
@@ -123,14 +129,16 @@ class Oracle:
         self.inner, self.outer = grid(points2, q), grid(points3, r)
         self.w, self.C = np.zeros((self.K, r)), np.tile(np.eye(r), (self.K, 1, 1))
 
-    def density(self, eta, y, n, used, logn):
+    def density(self, eta, y, n, logn):
+        """Of records and its first two derivatives, those of the second with a minus."""
         if self.outcome in ("bernoulli", "binomial"):
-            n = n * used if self.outcome == "binomial" else used
-            mu = 1 / (1 + np.exp(-np.clip(eta, -700, 700)))
-            return y * eta - n * np.logaddexp(0, eta), y - n * mu, n * mu * (1 - mu)
+            t = np.exp(-np.abs(eta))
+            n = n if self.outcome == "binomial" else 1.0
+            mu = np.where(eta > 0, 1.0, t) / (1 + t)
+            return y * eta - n * (np.maximum(eta, 0) + np.log(1 + t)), y - n * mu, n * mu * (1 - mu)
         t = eta + (logn if self.outcome == "exposure" else 0.0)
-        mu = np.exp(np.minimum(t, 300)) * used
-        return y * t * used - mu, (y - mu) * used, mu
+        mu = np.exp(np.minimum(t, 300))
+        return y * t - mu, y - mu, mu
 
     def matrices(self, theta):
         def fill(values, n):
@@ -143,22 +151,29 @@ class Oracle:
 
     def once(self, theta, score):
         A, B, g = self.matrices(theta)
+        y, n, xg, d, e = self.rows
         L3 = np.linalg.cholesky(self.C)
         W = self.w[:, None, :] + np.einsum("kab,xb->kxa", L3, self.outer[0])
         Wj = W[self.k]
-        dA, eB = self.d @ A, self.e @ B
-        f = (self.xg @ g)[:, None, :] + np.einsum("jmb,jvb->jvm", eB, Wj)
-        y, n, used, logn = (a[:, None, :] for a in (self.y, self.n, self.used, self.logn))
+        dA, eB, j = d @ A, e @ B, self.unit
+        f = (xg @ g)[:, None] + sum(eB[:, b, None] * Wj[j, :, b] for b in range(self.r))
+        y, n, logn = y[:, None], n[:, None], np.log(n)[:, None]
+        total = lambda rows: np.add.reduceat(rows, self.first, axis=0)
         def objective(z):
-            l, s, w = self.density(f + np.einsum("jma,jva->jvm", dA, z), y, n, used, logn)
-            return l.sum(-1) - 0.5 * (z * z).sum(-1), s, w
-        z = np.zeros(f.shape[:2] + (self.q,))
+            l, s, w = self.density(f + sum(dA[:, a, None] * z[..., a][j] for a in range(self.q)), y, n, logn)
+            return total(l) - 0.5 * (z * z).sum(-1), s, w
+        def curvature(w):
+            H = np.empty(z.shape + (self.q,))
+            for a in range(self.q):
+                for b in range(a + 1):
+                    H[..., a, b] = H[..., b, a] = total((dA[:, a] * dA[:, b])[:, None] * w) + (a == b)
+            return H
+        z = np.zeros((len(self.first), f.shape[1], self.q))
         value, s, w = objective(z)
-        eye = np.eye(self.q)
         for _ in range(100):
-            H = np.einsum("jvm,jma,jmb->jvab", w, dA, dA) + eye
-            step = np.linalg.solve(H, (np.einsum("jvm,jma->jva", s, dA) - z)[..., None])[..., 0]
-            scale = np.ones(f.shape[:2])
+            right = np.stack([total(dA[:, a, None] * s) for a in range(self.q)], -1) - z
+            step = np.linalg.solve(curvature(w), right[..., None])[..., 0]
+            scale = np.ones(z.shape[:2])
             for _ in range(40):
                 trial = z + scale[..., None] * step
                 new, s, w = objective(trial)
@@ -169,20 +184,21 @@ class Oracle:
             z, value = trial, new
             if np.abs(step).max() < 1e-5:
                 break
-        H = np.einsum("jvm,jma,jmb->jvab", w, dA, dA) + eye
-        L = np.linalg.cholesky(np.linalg.inv(H))
-        total = np.zeros(f.shape[:2])
-        hz = np.zeros(f.shape[:2] + (self.q, self.q))
+        L = np.linalg.cholesky(np.linalg.inv(curvature(w)))
+        sums = np.zeros(z.shape[:2])
+        hz = np.zeros(z.shape + (self.q,))
         rbar = np.zeros(f.shape)
         for x0, w0 in zip(*self.inner):
             zx = z + np.einsum("jvab,b->jva", L, x0)
             l, s, _ = objective(zx)
             p = np.exp(l - value + w0)
-            total += p
+            sums += p
             if score:
-                hz += p[..., None, None] * np.einsum("jvm,jma,jvb->jvab", s, self.d, zx)
-                rbar += p[..., None] * s
-        logs = value + np.log(total) + np.log(np.einsum("jvaa->jva", L)).sum(-1)
+                s = p[j] * s
+                rbar += s
+                for a in range(self.q):
+                    hz[..., a, :] += total(d[:, a, None] * s)[..., None] * zx
+        logs = value + np.log(sums) + np.log(np.einsum("jvaa->jva", L)).sum(-1)
         h = np.zeros(W.shape[:2])
         np.add.at(h, self.k, logs)
         h += self.outer[1] - 0.5 * (W * W).sum(-1) + np.log(np.einsum("kaa->ka", L3)).sum(-1)[:, None]
@@ -193,11 +209,11 @@ class Oracle:
         C = np.einsum("kv,kva,kvb->kab", weight, centred, centred)
         result = None
         if score:
-            wj = weight[self.k] / total
+            wj = weight[self.k] / sums
             SA = np.einsum("jv,jvab->ab", wj, hz)
-            rb = wj[..., None] * rbar
-            SB = np.einsum("jvm,jma,jvb->ab", rb, self.e, Wj)
-            Sg = np.einsum("jvm,jmc->c", rb, self.xg)
+            rb = wj[j] * rbar
+            SB = np.einsum("nv,na,nvb->ab", rb, e, Wj[j], optimize=True)
+            Sg = rb.sum(1) @ xg
             result = np.concatenate([[SA[a, b] for a, b in pairs(self.q)], [SB[a, b] for a, b in pairs(self.r)], Sg])
         return unit.sum() + self.constant, result, mean, C
 
@@ -213,7 +229,7 @@ class Oracle:
 
     def judge(self, Tp, Tb, gamma):
         """Log-likelihood; Newton step and standard errors of (vech Tp, vech Tb, gamma), NaN for what has none."""
-        D = np.diag(np.append(1, self.scales[0])[:self.q]), np.diag(np.append(1, self.scales[0])[:self.r])
+        D = np.diag(np.append(1, self.scales)[:self.q]), np.diag(np.append(1, self.scales)[:self.r])
         A, B = semifactor(D[0] @ Tp @ D[0]), semifactor(D[1] @ Tb @ D[1])
         G = np.array([1, 1, 1, *(1 / self.scales)])
         theta = np.concatenate([[A[a, b] for a, b in pairs(self.q)], [B[a, b] for a, b in pairs(self.r)], gamma / G])
@@ -222,6 +238,8 @@ class Oracle:
         P2, P3 = len(pairs(self.q)), len(pairs(self.r))
         free = [i for i in range(len(theta)) if i >= P2 + P3 or
                 np.any((A if i < P2 else B)[:, (pairs(self.q) + pairs(self.r))[i][1]] != 0)]
+        apart = [a != b and self.diagonal[level] for level, n in enumerate((self.q, self.r)) for a, b in pairs(n)]
+        free = [i for i in free if i >= P2 + P3 or not apart[i]]
         H = np.zeros((len(free), len(free)))
         for c, i in enumerate(free):
             step = 1e-3 * max(1.0, abs(theta[i])) if i < P2 + P3 else 1e-3
@@ -246,11 +264,12 @@ class Oracle:
         return value, J @ V @ score[free], se, least
 
 
-def one(program, seed, points):
+def one(program, seed, points, effects="", *commands):
     outcome, q, r, rows = study(seed)
+    q, r = map(int, effects or (q, r))
     here = f"{seed:4d} {outcome:9s} q {q} r {r} K {len(set(rows[:, 0])):2d} n {len(rows):4d}: "
     with tempfile.TemporaryDirectory() as folder:
-        write(folder, outcome, q, r, rows, f"AGQ:Y,100,{points}")
+        write(folder, outcome, q, r, rows, "\n".join([f"AGQ:Y,100,{points}", *commands]))
         code, said = run(program, folder, "-r", "s.mdmt")
         if code:
             return here + "no MDM file", "no data"
@@ -267,13 +286,13 @@ def one(program, seed, points):
     p = phases["quadrature"]
     lower = lambda t: [t[a][b] for a, b in pairs(len(t))]
     gamma = [row["estimate"] for row in p["fixed_effects"]]
-    se = np.array([np.nan if x is None else x for x in lower(p["tau_pi"]["standard_error"]) + lower(p["tau_beta"]["standard_error"]) +
+    se = np.array([np.nan if x is None or x == 0 else x for x in lower(p["tau_pi"]["standard_error"]) + lower(p["tau_beta"]["standard_error"]) +
                    [row["model_based"]["standard_error"] if row["model_based"] else None for row in p["fixed_effects"]]], float)
-    if q + r == 4:
-        return here + f"{p['points']:2d} points, {seconds:.1f} s, no oracle for four effects", "not judged"
     # Where they differ the oracle takes more nodes: those around modes want many where a slope of few records varies much.
-    for grids in ((21, 31), (41, 61)) if q + r == 2 else ((15, 15), (41, 15)) if q == 2 else ((15, 15), (31, 31)):
-        oracle = Oracle(outcome, q, r, rows, *grids)
+    grids = {(1, 1): ((21, 31), (41, 61)), (2, 1): ((15, 15), (41, 15)), (1, 2): ((15, 15), (31, 31))}
+    diagonal = "DIAGONALIZETAUPI:Y" in commands, "DIAGONALIZETAUBETA:Y" in commands
+    for grids in grids.get((q, r), ((9, 9), (15, 11), (25, 15)) if max(q, r) < 3 else ((9, 9), (15, 13))):
+        oracle = Oracle(outcome, q, r, rows, *grids, diagonal)
         value, step, right, least = oracle.judge(np.array(p["tau_pi"]["estimate"]), np.array(p["tau_beta"]["estimate"]), np.array(gamma))
         gap = abs(value - p["marginal_log_likelihood"])
         far = np.nanmax(np.abs(step) / right)
@@ -291,11 +310,11 @@ def one(program, seed, points):
             + (", edge" if edge else "") + (f", {missing} differ" if missing else "") + "".join("\n     " + w for w in warnings)), verdict
 
 
-def main(program, first, last, points="AUTO"):
+def main(program, first, last, points="AUTO", *how):
     verdicts = []
     for seed in range(int(first), int(last) + 1):
         try:
-            line, verdict = one(os.path.abspath(program), seed, points)
+            line, verdict = one(os.path.abspath(program), seed, points, *how)
         except np.linalg.LinAlgError as error:
             line, verdict = f"{seed:4d} oracle: {error}", "no oracle"
         except subprocess.TimeoutExpired:

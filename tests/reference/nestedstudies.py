@@ -23,7 +23,7 @@ MODELS = [(1, 1), (2, 1), (1, 2), (2, 2)]
 
 def fit(program, outcome, q, r, rows, points):
     with tempfile.TemporaryDirectory() as folder:
-        movingstudies.write(folder, outcome, q, r, rows, points)
+        movingstudies.write(folder, outcome, q, r, rows, f"AGQ:Y,100,{points}")
         code, said = run(program, folder, "-r", "s.mdmt")
         if code:
             return None

@@ -103,21 +103,24 @@ bool Climb::newton() {
   }
 }
 
-// Along the direction of negative curvature, whichever side is higher.
+// Along the direction of negative curvature, whichever side is higher. What leads uphill for a short way only, as next
+// to a maximum close by, asks for a shorter step.
 bool Climb::leavesaddle() {
   const Array<double> uphill = step.uphill.copy();
   Array<double> bestpoint;
   Evaluation best;
-  double side = 0.0;
-  for (const double sign : {1.0, -1.0}) {
-    Array<double> point = result.point.copy();
-    for (std::size_t i = 0; i < point.size(); ++i) point[i] += sign * uphill[i];
-    Evaluation trial = evaluate(point, Approach::carried);
-    if (!trial.usable || !(trial.value > result.there.value) || (side != 0.0 && !(trial.value > best.value))) continue;
-    side = sign;
-    best = std::move(trial);
-    bestpoint = std::move(point);
-  }
+  double side = 0.0, factor = 1.0;
+  for (int halving = 0; side == 0.0 && halving <= settings.halvings; ++halving, factor *= 0.5)
+    for (const double sign : {1.0, -1.0}) {
+      Array<double> point = result.point.copy();
+      for (std::size_t i = 0; i < point.size(); ++i) point[i] += factor * sign * uphill[i];
+      Evaluation trial = evaluate(point, Approach::carried);
+      if (!trial.usable || !(trial.value > result.there.value)) continue;
+      if (side != 0.0 && !(trial.value > best.value)) continue;
+      side = sign;
+      best = std::move(trial);
+      bestpoint = std::move(point);
+    }
   if (side == 0.0) return false;
   if (side > 0.0) {  // the other side was evaluated last
     best = evaluate(bestpoint, Approach::carried);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <optional>
 #include <utility>
 
 #include "core/formatted.h"
@@ -249,7 +250,11 @@ Failure runmoving(const Pass& pass, const MacroState& state, Engine engine, cons
   watch.checks = [&](int points) { tellevent({EngineEvent::Kind::checked, points, 0.0, EngineFailure::none}); };
   watch.stop = [&] { return observer.stops(); };
   tellevent({EngineEvent::Kind::begun, 0, 0.0, EngineFailure::none});
-  moving = movingquadrature(settings, pass.npi, pass.nbeta, pass.design, source, currentparameters(pass), watch);
+  // Without estimates of quasi-likelihood it finds a start of its own.
+  const bool started = state.end != MacroEnd::failed || (engine == Engine::quadrature && state.laplace6);
+  Parameters start{pass.p, pass.b, pass.g, {}, {}, {}};
+  if (started) start = currentparameters(pass);
+  moving = movingquadrature(settings, pass.npi, pass.nbeta, pass.design, source, start, watch);
   return std::move(batches.failure);
 }
 
@@ -274,35 +279,52 @@ void takemoving(Pass& pass, const MovingResult& moving, const PassResults& resul
   pass.est.taubeta = moving.lifted.taubeta.copy();
 }
 
+// What one engine of these coordinates leaves elsewhere than another.
+struct MovingEngine {
+  Engine engine;
+  PassKind kind;
+  double printed;  // what the log-likelihoods that are told go without
+  Array<double>& gamma;
+  std::optional<PassResults>& stands;
+};
+
+// `own(moving, results)` adds what this engine alone has found.
+template <class Own>
+Failure runengine(Pass& pass, MacroState& state, const PassResults& before, const MovingEngine& made,
+                  const MovingSettings& settings, bool& stopped, Own own) {
+  MovingResult moving;
+  if (Failure failure = runmoving(pass, state, made.engine, settings, made.printed, moving)) return failure;
+  stopped = moving.end == MovingEnd::stopped;
+  const EngineResult fit = engineresult(moving);
+  PassResults results;
+  if (moving.usable) {
+    results = movingresults(pass, made.kind, moving, fit, before);
+    warnofseparation(state, results);
+    takemoving(pass, moving, results);
+    own(moving, results);
+    if (storefailure(pass.store)) return storefailure(pass.store);
+    made.gamma = pass.est.gammahat.copy();
+  }
+  tellobserver(pass.observer().enginestands,
+               EngineStage{made.engine, fit, results, false, moving.usable, {}, state.separation.known()});
+  if (moving.usable) made.stands = std::move(results);
+  return {};
+}
+
 // Laplace-6 by Newton steps in the coordinates of the quadrature.
 Failure laplace(Pass& pass, MacroState& state, const PassResults& before, bool& stopped) {
   MovingSettings settings = movingsettings(pass);
   settings.sixth = true;
   settings.points = 1;
   settings.iterations = pass.control().laplaceit;
-  MovingResult moving;
   // The printed likelihood is lower than the marginal one by this constant.
   const double constant = 0.5 * static_cast<double>(pass.nunits1) * std::log(2.0 * M_PI);
-  if (Failure failure = runmoving(pass, state, Engine::laplace6, settings, constant, moving)) return failure;
-  stopped = moving.end == MovingEnd::stopped;
-  const EngineResult fit = engineresult(moving);
-  if (!moving.usable) {
-    tellobserver(pass.observer().enginestands,
-                 EngineStage{Engine::laplace6, fit, PassResults{}, false, false, {}, state.separation.known()});
-    return {};
-  }
-  PassResults results = movingresults(pass, PassKind::laplace6, moving, fit, before);
-  warnofseparation(state, results);
-  const LaplaceFindings& found = moving.laplace;
-  results.reliabilities = {found.rel2.copy(), found.rel3.copy(), found.nrel2, found.nrel3};
-  takemoving(pass, moving, results);
-  takemodes(pass, found.u, found.v);
-  if (storefailure(pass.store)) return storefailure(pass.store);
-  state.laplacegamma = pass.est.gammahat.copy();
-  tellobserver(pass.observer().enginestands,
-               EngineStage{Engine::laplace6, fit, results, false, true, {}, state.separation.known()});
-  state.laplace6 = std::move(results);
-  return {};
+  const MovingEngine made{Engine::laplace6, PassKind::laplace6, constant, state.laplacegamma, state.laplace6};
+  return runengine(pass, state, before, made, settings, stopped, [&](const MovingResult& moving, PassResults& results) {
+    const LaplaceFindings& found = moving.laplace;
+    results.reliabilities = {found.rel2.copy(), found.rel3.copy(), found.nrel2, found.nrel3};
+    takemodes(pass, found.u, found.v);
+  });
 }
 
 // Quadrature whose nodes go with the data, or first-order Laplace.
@@ -310,24 +332,12 @@ Failure movingnodes(Pass& pass, MacroState& state, const PassResults& before) {
   MovingSettings settings = movingsettings(pass);
   settings.points = pass.control().agqauto ? 0 : pass.control().agqpoints;
   settings.iterations = pass.control().agqit;
-  MovingResult moving;
-  if (Failure failure = runmoving(pass, state, Engine::quadrature, settings, 0.0, moving)) return failure;
-  const EngineResult fit = engineresult(moving);
-  if (!moving.usable) {
-    tellobserver(pass.observer().enginestands,
-                 EngineStage{Engine::quadrature, fit, PassResults{}, false, false, {}, state.separation.known()});
-    return {};
-  }
-  PassResults results = movingresults(pass, PassKind::quadrature, moving, fit, before);
-  warnofseparation(state, results);
-  results.quadrature = {moving.points, moving.check.made ? moving.check.next : 0, moving.check.change,
-                        moving.check.errorchange, moving.check.agrees};
-  takemoving(pass, moving, results);
-  state.quadraturegamma = pass.est.gammahat.copy();
-  tellobserver(pass.observer().enginestands,
-               EngineStage{Engine::quadrature, fit, results, false, true, {}, state.separation.known()});
-  state.quadrature = std::move(results);
-  return {};
+  const MovingEngine made{Engine::quadrature, PassKind::quadrature, 0.0, state.quadraturegamma, state.quadrature};
+  bool stopped = false;
+  return runengine(pass, state, before, made, settings, stopped, [](const MovingResult& moving, PassResults& results) {
+    const PointsCheck& check = moving.check;
+    results.quadrature = {moving.points, check.made ? check.next : 0, check.change, check.errorchange, check.agrees};
+  });
 }
 
 }  // namespace
@@ -337,7 +347,8 @@ std::string engineobstacle(const Model& model, const Control& control) {
   if (engine == nullptr) return "";
   const Restrictions& held = model.restrictions;
   const bool restricted = held.haveesttau2 || held.haveesttau3 || held.havecontau2 || held.havecontau3;
-  const bool diagonal = control.laplace && (held.diagtaupi || held.diagtaubeta);
+  // Steps on the taus themselves know no diagonal ones.
+  const bool diagonal = control.laplace && control.agqfixed && (held.diagtaupi || held.diagtaubeta);
   if (model.weighted) return formatted("A run with design weights cannot go on to %s.", engine);
   if (restricted || diagonal) return formatted("A run with restricted variance components cannot go on to %s.", engine);
   return "";

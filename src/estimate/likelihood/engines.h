@@ -27,8 +27,10 @@ struct EngineStage {
 };
 
 // Laplace-6 and then adaptive quadrature, as far as the analysis asks for them, from the estimates and the random
-// effects in `pass`; `before` are the results of the last pass. An engine that succeeds leaves its estimates in `pass`,
-// its results and its fixed effects in `state`; one that doesn't leaves the pass as it is.
+// effects in `pass`; `before` are the results of the last pass. Where quasi-likelihood has failed (state.end) they
+// begin from a regression without random effects, and nothing of the estimates in `pass` is used. An engine that
+// succeeds leaves its estimates in `pass`, its results and its fixed effects in `state`; one that doesn't leaves the
+// pass as it is.
 [[nodiscard]] Failure maximumlikelihood(Pass& pass, MacroState& state, const PassResults& before);
 
 }  // namespace kdr

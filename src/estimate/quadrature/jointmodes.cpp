@@ -6,18 +6,13 @@
 #include "kernel/matrix.h"
 #include "kernel/products.h"
 #include "kernel/sizes.h"
+#include "kernel/vectors.h"
 
 namespace kdr {
 
 namespace {
 
 constexpr int moststeps = 60, mosthalvings = 30;
-
-void fit(Array<double>& array, std::size_t n) {
-  if (array.size() < n) array.reset(n);
-}
-
-constexpr std::size_t padded(std::size_t n) { return (n + nodestep - 1) / nodestep * nodestep; }
 
 // The records by columns.
 void makexcolumns(const Frame& frame, const Level3Records& records, ModeWork& work) {

@@ -9,6 +9,7 @@
 #include "kernel/products.h"
 #include "kernel/sizes.h"
 #include "kernel/spectrum.h"
+#include "kernel/vectors.h"
 
 namespace kdr {
 
@@ -16,10 +17,6 @@ namespace {
 
 // Moments of few nodes: how far the eigenvalues of their covariances, of z at a given w, may lie from the sweep's.
 constexpr double leastratio = 0.05, largestratio = 20.0;
-
-void fit(Array<double>& array, std::size_t n) {
-  if (array.size() < n) array.reset(n);
-}
 
 // H (packed s(s+1)/2) := C' M C with M packed of order p and C p by s, whose sizes the compiler knows where they are
 // not 0.

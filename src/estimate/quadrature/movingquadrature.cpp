@@ -6,6 +6,7 @@
 
 #include "core/formatted.h"
 #include "estimate/quadrature/onepoint.h"
+#include "estimate/quadrature/regressionstart.h"
 #include "estimate/quadrature/spherical.h"
 #include "kernel/matrix.h"
 #include "kernel/products.h"
@@ -70,13 +71,14 @@ std::vector<bool> edgeelements(const Frame& frame, const Array<double>& point) {
   return edge;
 }
 
+constexpr double leastshare = 1.0e-10;
 struct Errors {
   bool usable = false;
   Array<double> covariance;  // of the parameters
   std::vector<bool> edge;    // of the parameters
 };
 
-// J M^-1 J' over the elements that are free.
+// J M^-1 J' over the elements that are free. Not usable where one of them says nothing but rounding that others don't.
 Errors errorsof(const Frame& frame, const Array<double>& point, const Array<double>& information) {
   const std::size_t P = frame.count(), taus = P - at(frame.g);
   const std::vector<bool> held = heldelements(frame), edge = edgeelements(frame, point);
@@ -93,6 +95,8 @@ Errors errorsof(const Frame& frame, const Array<double>& point, const Array<doub
   for (std::size_t i = 0; i < n; ++i)
     for (std::size_t l = 0; l < n; ++l) M[i * n + l] = information[used[i] * P + used[l]] / (d[i] * d[l]);
   if (!choleskyfactor(n, M.data(), L.data())) return errors;
+  for (std::size_t i = 0; i < n; ++i)
+    if (!(L[i * n + i] * L[i * n + i] > leastshare)) return errors;
   invertlower(n, L.data(), X.data());
   inversefromfactor(n, X.data(), inverse.data());
   const Array<double> J = parameterderivatives(frame, point);
@@ -118,6 +122,7 @@ Errors errorsof(const Frame& frame, const Array<double>& point, const Array<doub
 struct Run {
   bool converged = false;
   bool nomaximum = false;
+  bool noouter = false;  // outer products were asked for, but have no inverse
   AscentResult ascent;
   Errors errors;
 };
@@ -131,12 +136,14 @@ struct Search {
   Run run(int points, const Array<double>& start, Approach approach, int limit, bool last);
   AscentProblem watched(Run& made, AscentProblem problem);
   Run runlaplace(Array<double> start);
+  void seterrors(Run& made) const;
   void fill(const Run& made, int points, MovingResult& result) const;
   PointsCheck compare(const Run& before, const Run& after, int next) const;
   void check(const Run& before, int points, MovingResult& result);
   void laplace(const Array<double>& start, MovingResult& result);
   void given(const Array<double>& start, MovingResult& result);
   void automatic(const Array<double>& start, MovingResult& result);
+  void from(Array<double> point, MovingResult& result);
 };
 
 // The problem with progress lines, and with an end where a variance grows for ever.
@@ -172,10 +179,15 @@ Run Search::run(int points, const Array<double>& start, Approach approach, int l
   made.ascent = climb(problem, ascent, start, approach);
   evaluations += made.ascent.evaluations;
   made.converged = made.ascent.end == AscentEnd::converged;
-  if (made.ascent.end != AscentEnd::unusable)
-    made.errors = errorsof(frame, made.ascent.point,
-                           settings.outerproducts ? likelihood.current.outer : made.ascent.there.information);
+  if (made.ascent.end != AscentEnd::unusable) seterrors(made);
   return made;
+}
+
+// Outer products of fewer level-3 units than parameters have no inverse: the information stands in for them.
+void Search::seterrors(Run& made) const {
+  if (settings.outerproducts) made.errors = errorsof(likelihood.frame, made.ascent.point, likelihood.current.outer);
+  made.noouter = settings.outerproducts && !made.errors.usable;
+  if (!made.errors.usable) made.errors = errorsof(likelihood.frame, made.ascent.point, made.ascent.there.information);
 }
 
 // First order or sixth. The sixth is not defined where variances are so large that its terms outgrow those of the
@@ -197,9 +209,7 @@ Run Search::runlaplace(Array<double> start) {
     for (std::size_t i = 0; i + at(frame.g) < start.size(); ++i) start[i] *= 0.5;
   }
   made.converged = made.ascent.end == AscentEnd::converged;
-  if (made.ascent.exact)
-    made.errors = errorsof(frame, made.ascent.point,
-                           settings.outerproducts ? likelihood.current.outer : made.ascent.there.information);
+  if (made.ascent.exact) seterrors(made);
   return made;
 }
 
@@ -258,9 +268,14 @@ void Search::fill(const Run& made, int points, MovingResult& result) const {
   result.distance = std::sqrt(made.ascent.decrement);
   result.usable = made.errors.usable && result.end != MovingEnd::toofewpoints;
   if (!result.usable) {
-    if (!made.nomaximum) result.end = MovingEnd::toofewpoints;
+    if (result.end == MovingEnd::converged) result.end = MovingEnd::toofewpoints;
     return;
   }
+  const std::string noouter =
+      "WARNING: the outer products of so few level-3 units have no inverse. The standard errors are those of the "
+      "information.";
+  if (made.noouter && std::find(result.warnings.begin(), result.warnings.end(), noouter) == result.warnings.end())
+    result.warnings.push_back(noouter);
   result.covariance = made.errors.covariance.copy();
   result.edge = made.errors.edge;
   const std::vector<bool> zero = edgeelements(frame, made.ascent.point);
@@ -302,12 +317,6 @@ void Search::check(const Run& before, int points, MovingResult& result) {
 void Search::laplace(const Array<double>& start, MovingResult& result) {
   const Run made = runlaplace(start.copy());
   fill(made, 1, result);
-  if (!result.usable && (made.ascent.end == AscentEnd::limit || made.ascent.end == AscentEnd::stopped) &&
-      result.end == MovingEnd::toofewpoints) {
-    result.warnings.emplace_back(
-        "WARNING: the iterations ended where the approximation has no standard errors. Allow more of them.");
-    return;
-  }
   if (result.end == MovingEnd::toofewpoints)
     result.warnings.emplace_back(
         settings.sixth ? "WARNING: Laplace-6 has no maximum that steps could find. Use adaptive quadrature."
@@ -366,11 +375,54 @@ void Search::automatic(const Array<double>& start, MovingResult& result) {
   }
   if (!result.check.made || !result.check.agrees)
     result.warnings.push_back(
-        formatted("WARNING: no number of quadrature points up to %d was enough: the last two differ by %.4f in the "
-                  "log-likelihood "
-                  "and by %.1f%% in a standard error.",
-                  pointsbefore, result.check.change, 100.0 * result.check.errorchange));
+        formatted("WARNING: no number of quadrature points up to %d was enough", pointsbefore) +
+        (std::isfinite(result.check.change)
+             ? formatted(": the last two differ by %.4f in the log-likelihood and by %.1f%% in a standard error.",
+                         result.check.change, 100.0 * result.check.errorchange)
+             : std::string(": the last two have no results that could be compared.")));
 }
+
+// From one start, with what there is to say of the end.
+void Search::from(Array<double> point, MovingResult& result) {
+  result.points = settings.points == 0 ? ladder[0] : settings.points;
+  Nodes& nodes = likelihood.current.nodes;
+  nodes.z.fill(0.0);
+  nodes.w.fill(0.0);
+  Array<double> curvature;
+  if (brokensource(*likelihood.source)) return;
+  if (!placemodes(likelihood, point, nodes, &curvature)) {
+    result.warnings.emplace_back("WARNING: the random effects have no finite modes at the estimates to begin with.");
+    return;
+  }
+  raisestart(likelihood.frame, curvature, leaststart, point);
+  settings.points == 0 ? automatic(point, result) : given(point, result);
+  const auto first = [&result](const std::string& words) { result.warnings.insert(result.warnings.begin(), words); };
+  const char* engine = settings.sixth ? "Laplace-6" : "quadrature";
+  if (result.end == MovingEnd::limit || result.end == MovingEnd::stopped)
+    first(formatted("WARNING: the iterations of %s ended before they had converged%s.", engine,
+                    result.usable ? "" : ", where there are no standard errors. Allow more of them"));
+  if (result.end == MovingEnd::nomaximum)
+    first(std::string("WARNING: the likelihood has no finite maximum: it rises as a variance grows without end.") +
+          (result.usable ? " The estimates are where its rise had all but ended." : ""));
+  if (!result.usable && result.warnings.empty())
+    result.warnings.push_back(formatted(
+        "WARNING: the likelihood is not a finite number where %s begins, or its information has no inverse.", engine));
+}
+
+// Whether another start may end better.
+bool lednowhere(const MovingResult& result) {
+  return result.end == MovingEnd::nonumbers || result.end == MovingEnd::toofewpoints ||
+         result.end == MovingEnd::nomaximum || (result.end == MovingEnd::limit && !result.usable);
+}
+
+// A maximum is better than none, unless the likelihood has risen above it elsewhere.
+bool better(const MovingSettings& settings, const MovingResult& again, const MovingResult& before) {
+  if (!again.usable || !before.usable) return again.usable;
+  return !lednowhere(again) && again.loglikelihood > before.loglikelihood - settings.nogain;
+}
+
+constexpr const char* elsewhere =
+    "From the estimates before, the search led nowhere: it began anew, from a regression without random effects.";
 
 }  // namespace
 
@@ -399,36 +451,18 @@ MovingResult movingquadrature(const MovingSettings& settings, int npi, int nbeta
                                     settings.diagonalbeta, settings.threads);
   SphericalLikelihood& likelihood = search.likelihood;
   likelihood.sixth = settings.sixth;
-  if (brokensource(source)) {
-    result.end = MovingEnd::nonumbers;
-    return result;
+  const bool given = !start.gamma.empty();
+  if (given) search.from(pointof(likelihood.frame, start), result);
+  if ((given && !lednowhere(result)) || brokensource(source)) return result;
+  Array<double> point;
+  if (regressionstart(likelihood, point)) {
+    MovingResult again;
+    search.from(std::move(point), again);
+    if (given && again.usable) again.notes.emplace_back(elsewhere);
+    if (!given || better(settings, again, result)) return again;
+  } else if (!given) {
+    result.warnings.emplace_back("WARNING: the records do not tell the fixed effects apart.");
   }
-  Array<double> point = pointof(likelihood.frame, start);
-  Array<double> curvature;
-  if (!placemodes(likelihood, point, likelihood.current.nodes, &curvature)) {
-    result.end = MovingEnd::nonumbers;
-    result.warnings.emplace_back("WARNING: the random effects have no finite modes at the estimates to begin with.");
-    return result;
-  }
-  raisestart(likelihood.frame, curvature, leaststart, point);
-  if (settings.points == 0) {
-    search.automatic(point, result);
-  } else {
-    search.given(point, result);
-  }
-  if (result.end == MovingEnd::limit || result.end == MovingEnd::stopped)
-    result.warnings.insert(result.warnings.begin(), formatted("WARNING: the iterations of %s ended before they had "
-                                                              "converged.",
-                                                              settings.sixth ? "Laplace-6" : "quadrature"));
-  if (result.end == MovingEnd::nomaximum)
-    result.warnings.insert(
-        result.warnings.begin(),
-        std::string("WARNING: the likelihood has no finite maximum: it rises as a variance grows without end.") +
-            (result.usable ? " The estimates are where its rise had all but ended." : ""));
-  if (!result.usable && result.warnings.empty())
-    result.warnings.push_back(
-        formatted("WARNING: the likelihood is not a finite number where %s begins, or its information has no inverse.",
-                  settings.sixth ? "Laplace-6" : "quadrature"));
   return result;
 }
 

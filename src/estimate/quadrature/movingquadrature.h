@@ -56,7 +56,6 @@ enum class MovingEnd {
   nomaximum,     // the log-likelihood rises for ever: the estimates are where it has all but ended to
   toofewpoints,  // no step rises, or the information is not positive definite: no estimates
   toomanynodes,  // points^(q + r) is beyond the bound
-  nonodes,       // the nodes cannot be found
   nonumbers      // the start has no finite likelihood
 };
 
@@ -90,6 +89,8 @@ struct MovingResult {
   std::vector<std::string> notes;     // the same, of what is no fault
 };
 
+// From `start`; where that leads nowhere, or has no gamma, from a regression without random effects
+// (regressionstart.h).
 [[nodiscard]] MovingResult movingquadrature(const MovingSettings& settings, int npi, int nbeta, const Design& design,
                                             RecordSource& source, const Parameters& start,
                                             const QuadratureObserver& observer);

@@ -27,7 +27,8 @@ struct NodePairs {
   double* work;         // [pairs]
 };
 
-inline constexpr std::size_t nodestep = 4;    // nodes side by side
+inline constexpr std::size_t nodestep = 4;  // nodes side by side
+constexpr std::size_t padded(std::size_t n) { return (n + nodestep - 1) / nodestep * nodestep; }
 inline constexpr std::size_t mostpacked = 3;  // columns of x whose products are summed at once
 
 // The records of one level-2 unit at all pairs of some level-3 nodes with the level-2 nodes: pair m * length + l. Nodes

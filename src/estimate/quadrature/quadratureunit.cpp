@@ -6,21 +6,16 @@
 #include "kernel/decompositions.h"
 #include "kernel/products.h"
 #include "kernel/sizes.h"
+#include "kernel/vectors.h"
 
 namespace kdr {
 
 namespace {
 
-constexpr std::size_t padded(std::size_t n) { return (n + nodestep - 1) / nodestep * nodestep; }
-
 // Nodes of level 3 are worked in blocks of about this many pairs of a level-3 and a level-2 node.
 constexpr std::size_t pairsofblock = 256;
 // How far a logarithm may exceed the one that scales its sum.
 constexpr double largestexcess = 300.0;
-
-void fit(Array<double>& array, std::size_t n) {
-  if (array.size() < n) array.reset(n);
-}
 
 // The logarithm of one value by the loops', the same on every machine.
 double logarithm(const QuadratureLoops& loops, double value) {
@@ -142,13 +137,6 @@ struct Scale {
     return excess < -700.0 ? 0.0 : exponential(loops, excess);
   }
 };
-
-void multiply(double* values, std::size_t n, double factor) {
-  for (std::size_t i = 0; i < n; ++i) values[i] *= factor;
-}
-void addmultiple(double* sum, const double* values, std::size_t n, double factor) {
-  for (std::size_t i = 0; i < n; ++i) sum[i] += factor * values[i];
-}
 
 // One level-3 unit under way.
 struct UnitIntegral {

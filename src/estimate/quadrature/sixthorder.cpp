@@ -9,16 +9,13 @@
 #include "kernel/matrix.h"
 #include "kernel/products.h"
 #include "kernel/sizes.h"
+#include "kernel/vectors.h"
 
 namespace kdr {
 
 namespace {
 
 constexpr double pairweight = 5.0 / 24.0;
-
-void fit(Array<double>& array, std::size_t n) {
-  if (array.size() < n) array.reset(n);
-}
 
 double quadraticform(std::size_t n, const double* M, const double* x) {
   double sum = 0.0;

@@ -7,6 +7,7 @@
 #include "kernel/products.h"
 #include "kernel/sizes.h"
 #include "kernel/spectrum.h"
+#include "kernel/vectors.h"
 
 namespace kdr {
 
@@ -21,18 +22,7 @@ constexpr std::size_t pairsofblock = 256;
 constexpr double largestexcess = 300.0;
 
 constexpr std::size_t triangle(std::size_t n) { return n * (n + 1) / 2; }
-constexpr std::size_t padded(std::size_t n) { return (n + nodestep - 1) / nodestep * nodestep; }
 constexpr std::size_t pairplace(std::size_t a, std::size_t b) { return a < b ? triangle(b) + a : triangle(a) + b; }
-
-void fit(Array<double>& array, std::size_t n) {
-  if (array.size() < n) array.reset(n);
-}
-void multiply(double* values, std::size_t n, double factor) {
-  for (std::size_t i = 0; i < n; ++i) values[i] *= factor;
-}
-void addmultiple(double* sum, const double* values, std::size_t n, double factor) {
-  for (std::size_t i = 0; i < n; ++i) sum[i] += factor * values[i];
-}
 
 // One level-3 unit under way. Statistics of a level-2 unit at one level-3 node, given w: means and second moments about
 // z* of z, means of y = (h, h_d[a] z_b), lower triangle of their covariance.

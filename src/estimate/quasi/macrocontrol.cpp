@@ -4,6 +4,7 @@
 #include <cmath>
 #include <utility>
 
+#include "core/formatted.h"
 #include "estimate/quasi/macrotest.h"
 #include "estimate/quasi/separation.h"
 #include "kernel/sizes.h"
@@ -102,6 +103,17 @@ MacroEnd macroend(MacroState& state, const PassResults& results, bool first) {
   state.end = end;
   if (end == MacroEnd::goeson) --state.left;
   return end;
+}
+
+std::string failedwords(const MacroEvent& event) {
+  const Failure& failure = *event.failure;
+  std::string why = failure.row == ownwords || failure.reportwords.empty() ? sentenceof(failure) : failure.reportwords;
+  while (why.ends_with('\n') || why.ends_with('.')) why.pop_back();
+  if (event.end == MacroEnd::noaverage) return "WARNING: there is no population average: " + why + ".";
+  return formatted("WARNING: quasi-likelihood (PQL) has no estimates. It ended at macro iteration %d: ", event.macro) +
+         why +
+         ".\nMaximum likelihood begins from a regression without random effects.\n"
+         "There are no results of PQL, no population average, and no residual or graph files.";
 }
 
 Failure lookforseparation(MacroState& state) {

@@ -1,6 +1,8 @@
 // When the macro iterations go on and when they end: for the outcomes with one working response, and for categories.
 #pragma once
 
+#include <string>
+
 #include "core/failure.h"
 #include "core/results.h"
 #include "estimate/quasi/macrostate.h"
@@ -15,6 +17,9 @@ void beginmacro(MacroState& state);
 // allowance has run out; then numitcontinue tells, or the observer is asked. Counts the allowance down when the phase
 // goes on.
 [[nodiscard]] MacroEnd macroend(MacroState& state, const PassResults& results, bool first);
+
+// The sentences of MacroEnd::failed and noaverage.
+[[nodiscard]] std::string failedwords(const MacroEvent& event);
 
 // Looks for separation (separation.h) behind a pass whose working data have records without a say, or that is the last.
 [[nodiscard]] Failure lookforseparation(MacroState& state);

@@ -142,14 +142,35 @@ Failure averagephase(Pass& pass, MacroState& state) {
   }
 }
 
-}  // namespace
+// Whether a pass has no results for the numbers' sake. Failures of files and of memory are other rows, or tell the
+// console alone; who forbids the repair of a starting tau wants no other start either.
+bool ofnumbers(const Failure& failure, const Control& control) {
+  switch (failure.row) {
+    case 11:
+    case 12:
+    case 13:
+    case 15:
+    case 16:
+      return true;
+    case ownwords:
+      return !failure.reportwords.empty() && control.fixtau2 != FixTau::quit && control.fixtau3 != FixTau::quit;
+    default:
+      return false;
+  }
+}
 
-Failure fitnonlinear(ChainFit& fit) {
+// The end of a chain without population average, whose failure does not take the results of an engine with it.
+Failure withoutaverage(const MacroState& state, Failure failure) {
+  if ((!state.laplace6 && !state.quadrature) || !ofnumbers(failure, state.analysis.control)) return failure;
+  tellobserver(state.analysis.observer.macroends,
+               MacroEvent{MacroEnd::noaverage, state.macro, state.unitspecific, state.separation, &failure});
+  return {};
+}
+
+// The passes, from the first to the population average.
+Failure runchain(ChainFit& fit) {
   MacroState& state = fit.state;
   Pass& pass = fit.pass;
-  state.left = state.analysis.control.macroit;
-  if (Failure failure = checkoutcomes(state)) return failure;
-  tellobserver(state.analysis.observer.separation, state.separation);
   for (bool first = true;; first = false) {
     beginmacro(state);
     PassResults& results = state.unitspecific;
@@ -174,11 +195,44 @@ Failure fitnonlinear(ChainFit& fit) {
       next = Pass();
       failure = prepare();
     }
-    if (failure) return failure;
+    if (failure) return closes ? withoutaverage(state, std::move(failure)) : std::move(failure);
     if (first) rescaletaus(state);
     pass = std::move(next);
-    if (closes) return averagephase(pass, state);
+    if (!closes) continue;
+    failure = averagephase(pass, state);
+    return failure ? withoutaverage(state, std::move(failure)) : Failure{};
   }
+}
+
+// What quasi-likelihood could not reach need not hinder maximum likelihood: the engines begin without its estimates.
+// There is no population average, as its working data would be made by what has failed. When they have no results
+// either, the failure stands.
+Failure enginesalone(ChainFit& fit, Failure failure) {
+  MacroState& state = fit.state;
+  const Control& control = state.analysis.control;
+  const bool wanted = (control.laplace || control.agqpoints != 0) && !control.agqfixed;
+  if (!wanted || state.end != MacroEnd::goeson || state.separation.known() || !state.working.isopen() ||
+      !ofnumbers(failure, control))
+    return failure;
+  state.end = MacroEnd::failed;
+  state.unitspecific = {};
+  state.unitspecific.macro = state.macro;
+  tellobserver(state.analysis.observer.macroends,
+               MacroEvent{state.end, state.macro, state.unitspecific, state.separation, &failure});
+  fit.pass.est.sigma2 = 1.0;  // which the outcome implies
+  if (Failure broken = maximumlikelihood(fit.pass, state, state.unitspecific)) return broken;
+  return state.laplace6 || state.quadrature ? Failure{} : std::move(failure);
+}
+
+}  // namespace
+
+Failure fitnonlinear(ChainFit& fit) {
+  MacroState& state = fit.state;
+  state.left = state.analysis.control.macroit;
+  if (Failure failure = checkoutcomes(state)) return failure;
+  tellobserver(state.analysis.observer.separation, state.separation);
+  Failure failure = runchain(fit);
+  return failure ? enginesalone(fit, std::move(failure)) : Failure{};
 }
 
 }  // namespace kdr

@@ -17,7 +17,9 @@ enum class MacroEnd {
   keyboard,
   limit,
   separated,
-  lost  // the estimates have settled, but the search for the maximum of the last pass found none
+  lost,      // the estimates have settled, but the search for the maximum of the last pass found none
+  failed,    // a pass has no results, and a maximum-likelihood engine goes on without
+  noaverage  // of the population average alone: it has no results, but an engine has
 };
 
 // What is known of separation (separation.h).
@@ -86,6 +88,7 @@ struct MacroEvent {
   int macro;
   const PassResults& results;
   const Separation& separation;
+  const Failure* failure = nullptr;  // of the last two, which have no results
 };
 
 }  // namespace kdr

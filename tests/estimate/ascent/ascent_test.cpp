@@ -64,6 +64,10 @@ TEST(Ascent, TheExactInformationTellsMaximaFromSaddles) {
   const Made saddle(0.49, 1.0, 3.0, 0.0);
   EXPECT_EQ(saddle.result.end, AscentEnd::converged);
   EXPECT_NEAR(std::fabs(saddle.result.point[1]), 0.7, 1e-3);
+  // Maxima that are nearer to a saddle than its first step: on either side that step leads down.
+  const Made near(0.01, 1.0, 3.0, 0.0);
+  EXPECT_EQ(near.result.end, AscentEnd::converged);
+  EXPECT_NEAR(std::fabs(near.result.point[1]), 0.1, 0.03);
   // Without an information the ascent has no end.
   Made none(-1.0, 1.0, 3.0, 0.5);
   none.problem.exact = [](const Array<double>&, const Evaluation&) { return Evaluation{}; };

@@ -53,13 +53,11 @@ TEST(SixthOrder, ValueIsThatOfFullMatricesAndTheScoreIsItsDerivative) {
   }
 }
 
-MovingResult fit(const Study& study, const Parameters& start, int threads = 2, bool outerproducts = false) {
+MovingResult fit(const Study& study, const Parameters& start, int threads = 2, MovingSettings settings = {}) {
   RecordSource source = study.data.source;
-  MovingSettings settings;
   settings.sixth = true;
   settings.points = 1;
   settings.threads = threads;
-  settings.outerproducts = outerproducts;
   return movingquadrature(settings, study.data.npi, study.data.nbeta, study.design, source, start, {});
 }
 
@@ -75,24 +73,45 @@ double secondderivative(const Study& study, const Parameters& x, std::size_t i, 
   return sum / (4.0 * h[i] * h[l]);
 }
 
-// The maximum inside: standard errors of the second derivatives, reliabilities and modes, all by full matrices.
-TEST(SixthOrder, EndsAtTheMaximumWithItsSecondDerivatives) {
-  Study study({"wide", 2, {0, 1}, {{0, false}}, 60, 6, 8, 21});
-  const MovingResult result = fit(study, study.parameters(0.2));
+// A maximum inside over the elements that are free, and standard errors of the second derivatives, by full matrices.
+void expectmaximum(const Study& study, const MovingResult& result, const std::vector<std::size_t>& free) {
   ASSERT_EQ(result.end, MovingEnd::converged);
   EXPECT_LT(result.distance, 0.001);
   EXPECT_LE(result.iterations, 12);
   const Parameters& x = result.parameters;
   EXPECT_NEAR(result.loglikelihood, densevalue(study, x), 1e-6);
   const std::size_t P = x.count();
-  const int order = static_cast<int>(P);
+  const int order = static_cast<int>(free.size());
   Array<double> h(P);
-  for (std::size_t i = 0; i < P; ++i) h[i] = 0.02 * std::sqrt(result.covariance[i * P + i]);
+  for (const std::size_t i : free) h[i] = 0.02 * std::sqrt(result.covariance[i * P + i]);
   Matrix H(order, order);
-  for (int i = 0; i < order; ++i)
-    for (int l = 0; l <= i; ++l) H(i, l) = H(l, i) = -secondderivative(study, x, at(i), at(l), h);
+  for (int i = 0; i < order; ++i) {
+    Array<double> up = elementsof(x), down = elementsof(x);
+    up[free[at(i)]] += h[free[at(i)]];
+    down[free[at(i)]] -= h[free[at(i)]];
+    const double rise =
+        densevalue(study, parametersof(x.q, x.r, x.g, up)) - densevalue(study, parametersof(x.q, x.r, x.g, down));
+    EXPECT_NEAR(rise / 0.04, 0.0, 0.01) << i;  // the score times the standard error
+    for (int l = 0; l <= i; ++l) H(i, l) = H(l, i) = -secondderivative(study, x, free[at(i)], free[at(l)], h);
+  }
   const Matrix V = inverse(H);
-  for (int i = 0; i < order; ++i) EXPECT_NEAR(std::sqrt(result.covariance[at(i) * (P + 1)] / V(i, i)), 1.0, 2e-3) << i;
+  for (int i = 0; i < order; ++i)
+    EXPECT_NEAR(std::sqrt(result.covariance[free[at(i)] * (P + 1)] / V(i, i)), 1.0, 2e-3) << i;
+}
+
+std::vector<std::size_t> allbut(std::size_t P, std::vector<std::size_t> held) {
+  std::vector<std::size_t> free;
+  for (std::size_t i = 0; i < P; ++i)
+    if (std::find(held.begin(), held.end(), i) == held.end()) free.push_back(i);
+  return free;
+}
+
+// Reliabilities and modes by full matrices, too.
+TEST(SixthOrder, EndsAtTheMaximumWithItsSecondDerivatives) {
+  Study study({"wide", 2, {0, 1}, {{0, false}}, 60, 6, 8, 21});
+  const MovingResult result = fit(study, study.parameters(0.2));
+  const Parameters& x = result.parameters;
+  expectmaximum(study, result, allbut(x.count(), {}));
 
   const Matrix Tb = matrixof(x.taubeta, 1, 1), Tp = matrixof(x.taupi, 2, 2);
   double rel3 = 0.0, rel2[2] = {0.0, 0.0}, largest = 0.0;
@@ -129,9 +148,23 @@ TEST(SixthOrder, EndsAtTheMaximumWithItsSecondDerivatives) {
   for (int a = 0; a < 2; ++a) EXPECT_NEAR(result.laplace.rel2[at(a)], rel2[a] / n2, 1e-5);
 
   // Outer products change the standard errors, and nothing else.
-  const MovingResult outer = fit(study, study.parameters(0.2), 2, true);
+  MovingSettings settings;
+  settings.outerproducts = true;
+  const MovingResult outer = fit(study, study.parameters(0.2), 2, settings);
   EXPECT_EQ(elements(outer.parameters), elements(x));
   EXPECT_GT(std::fabs(outer.covariance[0] / result.covariance[0] - 1.0), 1e-3);
+}
+
+// Of diagonal matrices, from one that isn't.
+TEST(SixthOrder, DiagonalMatrices) {
+  MovingSettings settings;
+  settings.diagonalpi = settings.diagonalbeta = true;
+  Study study({"diagonal", 2, {0, 1}, {{0, false}}, 40, 5, 8, 23});
+  const MovingResult result = fit(study, study.parameters(0.2), 2, settings);
+  const Parameters& x = result.parameters;
+  EXPECT_EQ(x.taupi[1], 0.0);
+  EXPECT_TRUE(result.covariance[1 * (x.count() + 1)] == 0.0 && !result.edge[1]);
+  expectmaximum(study, result, allbut(x.count(), {1}));
 }
 
 TEST(SixthOrder, AnyStartUnitAndNumberOfThreads) {

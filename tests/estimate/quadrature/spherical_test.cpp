@@ -84,9 +84,8 @@ TEST(Spherical, LaplaceGradientIsADerivative) {
   }
 }
 
-MovingResult fit(Study& study, const Parameters& start, int points, int threads = 2) {
+MovingResult fit(Study& study, const Parameters& start, int points, int threads = 2, MovingSettings settings = {}) {
   RecordSource source = study.source();
-  MovingSettings settings;
   settings.outcome = study.outcome.family;
   settings.points = points;
   settings.threads = threads;
@@ -111,6 +110,76 @@ TEST(MovingQuadrature, MaximaOfDenseIntegrals) {
           << c.name << " " << i;
     }
   }
+}
+
+// Without a start, from a regression; and from where nothing can be evaluated, or where the likelihood is flat.
+TEST(MovingQuadrature, StartsOfItsOwn) {
+  for (const Case& c : {cases[0], cases[1], cases[3]}) {
+    Study study = readcase(c);
+    Parameters none;
+    none.q = c.q;
+    none.r = c.r;
+    none.g = 4;
+    const double height = reference(c.name, "maximum")[0];
+    for (const int points : {0, 7}) {
+      const MovingResult result = fit(study, none, points);
+      EXPECT_TRUE(result.end == MovingEnd::converged && result.warnings.empty()) << c.name;
+      EXPECT_NEAR(result.loglikelihood, height, 0.005) << c.name;
+      EXPECT_TRUE(result.notes.empty());
+    }
+    if (c.q + c.r > 2) continue;
+    std::vector<double> start = reference(c.name, "start");
+    for (const double variance : {1e200, 1e12}) {
+      start[0] = variance;
+      const MovingResult result = fit(study, makeparameters(c.q, c.r, start), 7);
+      EXPECT_EQ(result.end, MovingEnd::converged) << c.name << " " << variance;
+      EXPECT_NEAR(result.loglikelihood, height, 0.005) << c.name << " " << variance;
+    }
+  }
+  // Fixed effects that the records don't tell apart.
+  std::vector<Record> records = readrecords(folder + "bernoulli11.dat");
+  for (Record& record : records) record.w = record.z;
+  Study study = makestudy(bernoulli, 1, 1, records);
+  const MovingResult result = fit(study, {1, 1, 4, {}, {}, {}}, 7);
+  EXPECT_FALSE(result.usable);
+  ASSERT_EQ(result.warnings.size(), 1u);
+  EXPECT_NE(result.warnings[0].find("do not tell the fixed effects apart"), std::string::npos);
+}
+
+// A user who stops an ascent has its last iteration.
+TEST(MovingQuadrature, StoppedByItsObserver) {
+  Study study = readcase(cases[1]);
+  for (const int points : {0, 1, 7}) {
+    RecordSource source = study.source();
+    MovingSettings settings;
+    settings.points = points;
+    int last = 0;
+    QuadratureObserver watch;
+    watch.iteration = [&](int number, double) { last = number; };
+    watch.stop = [&] { return last == 2; };
+    const MovingResult result = movingquadrature(settings, study.npi, study.nbeta, study.design, source,
+                                                 makeparameters(2, 1, reference("bernoulli21", "start")), watch);
+    EXPECT_EQ(result.end, MovingEnd::stopped) << points;
+    EXPECT_EQ(result.iterations, 2) << points;
+    EXPECT_FALSE(result.check.made);
+    ASSERT_EQ(result.warnings.size(), 1u) << points;
+    EXPECT_EQ(result.warnings[0], "WARNING: the iterations of quadrature ended before they had converged.");
+  }
+}
+
+// The scores of so few level-3 units have no inverse of their outer products: errors are those of the information.
+TEST(MovingQuadrature, OuterProductsOfFewUnits) {
+  Study study = readcase(cases[0]);
+  study.units.resize(5);
+  study.units2 = static_cast<int>(study.units.back().firstunit) + study.units.back().units;
+  const Parameters start = makeparameters(1, 1, reference(cases[0].name, "start"));
+  MovingSettings outer;
+  outer.outerproducts = true;
+  const MovingResult wanted = fit(study, start, 11), result = fit(study, start, 11, 2, outer);
+  ASSERT_TRUE(wanted.usable && result.usable);
+  EXPECT_EQ(result.warnings.size(), 1u);
+  EXPECT_EQ(result.loglikelihood, wanted.loglikelihood);
+  EXPECT_TRUE(std::equal(result.covariance.begin(), result.covariance.end(), wanted.covariance.begin()));
 }
 
 std::vector<double> numbersof(const MovingResult& result) {
@@ -253,6 +322,23 @@ TEST(MovingQuadrature, NoMaximumAndTooManyNodes) {
   const MovingResult none = fit(many, makeparameters(2, 2, reference("bernoulli22", "start")), 41);
   EXPECT_EQ(none.end, MovingEnd::toomanynodes);
   EXPECT_FALSE(none.usable);
+  // No room for the next number: the check is left out with a note, and AUTO ends with a warning where none agree.
+  Study few = readcase(cases[1]);
+  const Parameters start = makeparameters(2, 1, reference("bernoulli21", "start"));
+  MovingSettings small;
+  small.mostnodes = 400.0;
+  small.errorsagree = 1e-9;
+  const MovingResult unchecked = fit(few, start, 7, 2, small), ended = fit(few, start, 0, 2, small);
+  EXPECT_EQ(unchecked.end, MovingEnd::converged);
+  EXPECT_TRUE(unchecked.warnings.empty() && !unchecked.check.made);
+  ASSERT_EQ(unchecked.notes.size(), 1u);
+  EXPECT_NE(unchecked.notes[0].find("11 points for 3 effects"), std::string::npos);
+  EXPECT_EQ(ended.points, 7);
+  ASSERT_EQ(ended.warnings.size(), 2u);
+  EXPECT_NE(ended.warnings[0].find("ended at 7: 11 points for 3 effects"), std::string::npos);
+  EXPECT_NE(ended.warnings[1].find("no number of quadrature points up to 7 was enough"), std::string::npos);
+  small.sixth = true;
+  EXPECT_EQ(fit(few, {11, 1, 4, {}, {}, {}}, 1, 2, small).end, MovingEnd::toomanynodes);
 }
 
 }  // namespace

@@ -40,7 +40,7 @@ class Chain : public testing::Test {
       for (const Array<double>* values : {&pass.results.est.gammahat, &pass.results.est.taupi})
         numbers.insert(numbers.end(), values->begin(), values->end());
     };
-    observer.macroends = [this](const MacroEvent& event) { told += "gcklsf"[static_cast<int>(event.end)]; };
+    observer.macroends = [this](const MacroEvent& event) { told += "gcklsxfn"[static_cast<int>(event.end)]; };
     observer.phasecloses = [this](const ChainPass&) { told += 'C'; };
     observer.enginesover = [this](const ChainPass&) { told += 'E'; };
     observer.enginestands = [this](const EngineStage& stage) {
@@ -100,6 +100,17 @@ TEST_F(Chain, AStoppedPassClosesThePhase) {
   EXPECT_EQ(told.substr(0, 3), "igp");
   EXPECT_EQ(told[3], 'k');
   EXPECT_TRUE(iterations.empty());
+
+  // In Laplace-6: quadrature is not begun. In quadrature: the results are its own.
+  for (const Engine stopped : {Engine::laplace6, Engine::quadrature}) {
+    bool inside = false;
+    made.observer.interrupted = [&] { return inside; };
+    made.observer.engine = [&](Engine engine, const EngineEvent& event) {
+      inside = engine == stopped && event.kind == EngineEvent::Kind::iteration;
+    };
+    ASSERT_FALSE(fit());
+    EXPECT_EQ(told.substr(told.find('C')), stopped == Engine::laplace6 ? "CLEa" : "CLQEa");
+  }
 }
 
 // At the limit the observer is asked; without an answer the phase closes.
