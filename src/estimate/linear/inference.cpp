@@ -99,7 +99,7 @@ VarianceTests variancetests(Pass& pass) {
   eachwithin(pass, [&](int k, const double* inverse) {
     double* vlsq = pass.vlsq.row(k);
     if (inverse == nullptr) {
-      vlsq[0] = missingcode;
+      std::fill_n(vlsq, b, missingcode);
       return;
     }
     ++tests.units3;
@@ -113,7 +113,7 @@ VarianceTests variancetests(Pass& pass) {
   sweepunits(
       pass.n2of,
       [&](int k) {
-        usable3 = pass.vlsq.row(k)[0] != missingcode;
+        usable3 = hasleastsquares3(pass, k);
         if (usable3) takeunitmeans(pass, k, pass.est.gammahat.data(), pass.vlsq.row(k), means);
       },
       [&](int, std::size_t, const double* hot, const double* cold) {
