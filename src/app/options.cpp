@@ -36,7 +36,7 @@ constexpr const char* help =
     "Without files the program asks. Options may stand before and behind the files.\n"
     "\n"
     "  -r FILE          a template (.mdmt): make an MDM file; another file: answers to the questions\n"
-    "  -from FILE -level3 COLUMN -level2 COLUMN\n"
+    "  -from FILE [-level3 COLUMN] -level2 COLUMN\n"
     "                   make an MDM file from one long file\n"
     "  -level1 NAMES    with -from: variables that stay at level 1 though they do not vary within units\n"
     "  -missing CODES   with -from: these numbers stand for missing values, as in -missing -9,999\n"
@@ -279,8 +279,8 @@ Options readoptions(int argc, char** argv) {
   if (run.files.cmdfile == "-") run.files.cmdfile = standardinput();
   const bool wanted =
       !(onefile.from + onefile.level3 + onefile.level2 + onefile.missing).empty() || !onefile.level1.empty();
-  if (wanted && (onefile.from.empty() || onefile.level3.empty() || onefile.level2.empty() || options.templatejob))
-    stopwith("-from FILE, -level3 COLUMN and -level2 COLUMN go together, and without a template.\n");
+  if (wanted && (onefile.from.empty() || onefile.level2.empty() || options.templatejob))
+    stopwith("-from FILE and -level2 COLUMN go together, with -level3 COLUMN for a third level, and without a template.\n");
   if (wanted) {
     takeonefile({onefile.from, onefile.level3, onefile.level2, wordsof(onefile.level1), numbersof(onefile.missing)});
     options.templatejob = true;

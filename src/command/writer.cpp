@@ -121,7 +121,7 @@ void writeset(std::FILE* out, int e, const std::string& outcome) {
                  rightside(model.terms2.row(e, coefficient.place), mdm.ncol2, mdm.names2, model.center2,
                            coefficient.random, model.extra2.row(e, coefficient.place))
                      .c_str());
-    if (coefficient.threshold) continue;
+    if (coefficient.threshold || mdm.twolevel()) continue;
     for (int s = 0; s < coefficient.nterms; ++s) {
       const TermRow& term = rows.terms[static_cast<std::size_t>(coefficient.firstterm + s)];
       std::fprintf(out, "LEVEL3:%s=%s\n", nameof(mdm.names2, term.variable).c_str(),
@@ -143,7 +143,7 @@ void writeweights(std::FILE* out) {
   const MdmData& mdm = run.mdm;
   std::fprintf(out, "LEVEL1WEIGHT:%s\n", nameornone(mdm.names1, run.model.wgtvar1).c_str());
   std::fprintf(out, "LEVEL2WEIGHT:%s\n", nameornone(mdm.names2, run.model.wgtvar2).c_str());
-  std::fprintf(out, "LEVEL3WEIGHT:%s\n", nameornone(mdm.names3, run.model.wgtvar3).c_str());
+  if (!mdm.twolevel()) std::fprintf(out, "LEVEL3WEIGHT:%s\n", nameornone(mdm.names3, run.model.wgtvar3).c_str());
   std::fprintf(out, "VARIANCEKNOWN:%s\n", nameornone(mdm.names1, run.model.autovknown).c_str());
 }
 
@@ -182,7 +182,8 @@ void writeresiduals(std::FILE* out) {
               namelist(mdm.names2, run.out.res2vars2.data(), run.out.nres2vars2) + "/" +
                   namelist(mdm.names3, run.out.res2vars3.data(), run.out.nres2vars3),
               files.resfil2name);
-  writeresfil(out, 3, wanted.resfil3, namelist(mdm.names3, run.out.res3vars3.data(), run.out.nres3vars3),
+  if (!mdm.twolevel())
+    writeresfil(out, 3, wanted.resfil3, namelist(mdm.names3, run.out.res3vars3.data(), run.out.nres3vars3),
               files.resfil3name);
 }
 
@@ -247,7 +248,8 @@ void writecontrol(std::FILE* out) {
   if (run.model.restrictions.fixsigma2)
     std::fprintf(out, "FIXSIGMA2:%s\n", real(*run.model.restrictions.fixsigma2, 6).c_str());
   if (run.out.deviance) std::fprintf(out, "DEVIANCE:%s\nDF:%d\n", real(*run.out.deviance, 6).c_str(), run.out.df);
-  std::fprintf(out, "FIXTAU2:%d\nFIXTAU3:%d\n", static_cast<int>(iter.fixtau2), static_cast<int>(iter.fixtau3));
+  std::fprintf(out, "FIXTAU2:%d\n", static_cast<int>(iter.fixtau2));
+  if (!run.mdm.twolevel()) std::fprintf(out, "FIXTAU3:%d\n", static_cast<int>(iter.fixtau3));
   if (run.model.restrictions.diagtaupi) std::fprintf(out, "DIAGONALIZETAUPI:Y\n");
   if (run.model.restrictions.diagtaubeta) std::fprintf(out, "DIAGONALIZETAUBETA:Y\n");
   if (iter.debug != 0) std::fprintf(out, "DEBUG:%d\n", iter.debug);

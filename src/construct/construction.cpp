@@ -684,7 +684,7 @@ void mkmdm() {
 void printprocessed() {
   std::printf(" %6d level-1 records have been processed\n", run.mdm.nunits1);
   std::printf(" %6d level-2 records have been processed\n", run.mdm.nunits2);
-  std::printf(" %6d level-3 records have been processed\n", run.mdm.nunits3);
+  if (!run.mdm.twolevel()) std::printf(" %6d level-3 records have been processed\n", run.mdm.nunits3);
   if (deletedrows.level2 != 0) std::printf("%d level-2 cases were deleted due to missing data.\n", deletedrows.level2);
   if (deletedrows.level3 != 0) std::printf("%d level-3 cases were deleted due to missing data.\n", deletedrows.level3);
 }

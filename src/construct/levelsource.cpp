@@ -8,6 +8,7 @@
 #include "construct/readers/spss.h"
 #include "construct/readers/stata.h"
 #include "construct/readers/systat.h"
+#include "driver/runrecord.h"
 
 namespace kdr {
 
@@ -35,7 +36,9 @@ const RawReader* findreader(const std::string& value) {
 int readrecord(int level, double* values, Id* id3, Id* id2) {
   raw.reading = level;
   ++raw.level[level].asked;
-  return raw.reader->record(level, values, id3, id2);
+  const int result = raw.reader->record(level, values, id3, id2);
+  if (run.mdm.twolevel() && id2 != nullptr) *id2 = *id3;
+  return result;
 }
 
 bool rawis(RawType type) { return raw.reader != nullptr && raw.reader->rawdattype == type; }

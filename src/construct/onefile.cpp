@@ -117,8 +117,9 @@ void readall(LevelSource& source, const std::vector<double>& missing) {
     one.values.insert(one.values.end(), record.begin(), record.end());
   }
   if (one.id3.empty()) fail(1, source.filename.c_str());
-  numberids(one.whole[0], one.id3, 3);
+  numberids(one.whole[0], one.id3, run.mdm.twolevel() ? 2 : 3);
   numberids(one.whole[1], one.id2, 2);
+  if (run.mdm.twolevel()) one.id2 = one.id3;
   if (withoutid > 0)
     std::printf("%lld records of %s have no ID. They were left out.\n", withoutid, source.filename.c_str());
   for (std::size_t v = 0; v < nvar; ++v)
@@ -178,8 +179,8 @@ int levelof(const std::string& name, std::size_t v) {
   if (one.kept.contains(one.rows[v])) return 0;
   long long gaps = 0;
   const std::size_t varying3 = varyingunits(one.first3, v, gaps);
-  if (varying3 == 0 && gaps == 0) return 2;
-  tellslips(name, varying3, one.first3.size(), 3);
+  if (varying3 == 0 && gaps == 0) return run.mdm.twolevel() ? 1 : 2;
+  if (!run.mdm.twolevel()) tellslips(name, varying3, one.first3.size(), 3);
   if (const std::size_t varying2 = varyingunits(one.first2, v, gaps); varying2 > 0) {
     if (varying3 * 20 > one.first3.size()) tellslips(name, varying2, one.first2.size(), 2);
     return 0;
@@ -229,7 +230,8 @@ constexpr RawReader memoryreader{RawType::other, "other", 5, nullptr, preparemem
 // Marks the IDs and every numeric variable but them.
 void markall(LevelSource& source, const OneFileJob& job) {
   std::vector<std::string> named = job.level1;
-  named.insert(named.end(), {job.level3, job.level2});
+  named.push_back(job.level2);
+  if (!run.mdm.twolevel()) named.push_back(job.level3);
   for (const std::string& name : named)
     if (findvariable(source, name) == novariable) {
       std::string columns;
@@ -238,8 +240,8 @@ void markall(LevelSource& source, const OneFileJob& job) {
       stopwith("%s has no column %s. Its columns are:%s\n", source.filename.c_str(), name.c_str(),
                printable(columns).c_str());
     }
-  markid(0, level3idmark, job.level3);
-  markid(0, level2idmark, job.level2);
+  markid(0, level3idmark, run.mdm.twolevel() ? job.level2 : job.level3);
+  if (!run.mdm.twolevel()) markid(0, level2idmark, job.level2);
   if (!agreeonids()) run.mdm.numericids = true;  // texts get numbers
   std::string left;
   int nameless = 0;
@@ -308,6 +310,7 @@ void telllevel(int level, const std::vector<Name>& names) {
     source.chosen[i] = one.rows[mine[i]];
     namesof(level)[i + 1] = names[mine[i]];
   }
+  if (level == 2 && run.mdm.twolevel()) return;
   std::printf("Level-%d variables:", level + 1);
   for (const std::size_t v : mine) std::printf(" %s", leftname(names[v]).c_str());
   std::printf("%s\n", mine.empty() ? " none" : "");
@@ -332,7 +335,7 @@ void takeonefile(const OneFileJob& job) {
   forgetraw();
   one = OneFile{};
   MdmData& mdm = run.mdm;
-  mdm.mdmtype = MdmType::ordinary;
+  mdm.mdmtype = job.level3.empty() ? MdmType::twolevel : MdmType::ordinary;
   mdm.deletednow = false;
   LevelSource& source = raw.level[0];
   raw.reader = findreader("other");
@@ -369,7 +372,7 @@ void takeonefile(const OneFileJob& job) {
     raw.level[level].filetype = source.filetype;
     raw.level[level].vartable = source.vartable;
   }
-  raw.level[2].vartable[static_cast<std::size_t>(idrow(source, level2idmark))].mark = unwanted;
+  if (!mdm.twolevel()) raw.level[2].vartable[static_cast<std::size_t>(idrow(source, level2idmark))].mark = unwanted;
   raw.reader = &memoryreader;
   for (int level = 0; level < 3; ++level) telllevel(level, names);
   if (run.files.mdmfile.empty()) {
@@ -385,8 +388,9 @@ void writekeys() {
   ResultFile file;
   opentext(file, one.keyfile);
   std::fprintf(file.stream, "%s\n", keyhead);
-  for (const int level : {3, 2}) {
-    const std::vector<std::string>& ids = one.whole[3 - level].numbered;
+  for (const int which : {0, 1}) {
+    const std::vector<std::string>& ids = one.whole[which].numbered;
+    const int level = run.mdm.twolevel() ? 2 : 3 - which;
     for (std::size_t i = 0; i < ids.size(); ++i)
       std::fprintf(file.stream, "%d,%zu,%s\n", level, i + 1, quoted(ids[i]).c_str());
   }

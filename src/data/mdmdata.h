@@ -36,6 +36,8 @@ struct MdmData {
   int ncol1 = 0, ncol2 = 0, ncol3 = 0;  // widths of the equation tables: nvarL + 1 (ordinal: with thresholds)
   int maxbeta = 0;                      // ncol2 * nvar1: level-2 coefficients that an equation set can have
 
+  [[nodiscard]] bool twolevel() const { return mdmtype == MdmType::twolevel; }
+
   // The same data; both read one stream, by positions of their own.
   [[nodiscard]] MdmData copy() const;
 };

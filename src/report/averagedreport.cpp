@@ -74,6 +74,7 @@ void tautables(Tau which, const Pooled& pooled) {
   const Array<double>& tau = pi ? pooled.taupi : pooled.taubeta;
   const Array<double>& reliabilities = pi ? pooled.reliability2 : pooled.reliability3;
   const int n = static_cast<int>(reliabilities.size());
+  if (n == 0) return;
   tautable(which, MatrixTitle::plain, false, n, tau.data());
   if (pooled.errorsknown)
     tautable(which, MatrixTitle::standarderror, false, n, (pi ? pooled.taupierrors : pooled.taubetaerrors).data());

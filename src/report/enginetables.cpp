@@ -19,6 +19,7 @@ void laplacereliabilities(Tau which, const Reliabilities& reliabilities) {
   const Array<double>& values = pi ? reliabilities.level2 : reliabilities.level3;
   const int used = pi ? reliabilities.units2 : reliabilities.units3;
   const int total = pi ? run.mdm.nunits2 : run.mdm.nunits3;
+  if ((pi ? run.model.coef.ntaupi : run.model.coef.ntaubeta) == 0) return;
   if (used == 0) {
     report("\n The Tau(%s) reliabilities cannot be computed\n", pi ? "pi" : "beta");
     return;
@@ -33,6 +34,7 @@ void taublocks(Tau which, const PassResults& results) {
   const int n = pi ? run.model.coef.ntaupi : run.model.coef.ntaubeta;
   const double* tau = (pi ? results.est.taupi : results.est.taubeta).data();
   const Array<double>& errors = pi ? results.errors.taupi : results.errors.taubeta;
+  if (n == 0) return;
   tautable(which, MatrixTitle::plain, false, n, tau);
   if (!errors.empty()) {
     tautable(which, MatrixTitle::standarderror, false, n, errors.data());

@@ -35,7 +35,12 @@ void noerrors(const PassResults& results) {
   if (!results.errors.asked || results.errors.known || results.tausstand()) return;
   report("Standard errors for ");
   if (results.fixsigma2 == 0.0) report("%s, ", run.sym.symvar1.c_str());
-  report("%s, and %s are not computable.", run.sym.symvar2.c_str(), run.sym.symvar3.c_str());
+  if (run.model.coef.ntaupi == 0 || run.model.coef.ntaubeta == 0) {
+    const bool pi = run.model.coef.ntaupi > 0;
+    report("%s are not computable.", (pi ? run.sym.symvar2 : run.sym.symvar3).c_str());
+  } else {
+    report("%s, and %s are not computable.", run.sym.symvar2.c_str(), run.sym.symvar3.c_str());
+  }
   reportbreak();
   reportbreak();
 }
@@ -82,7 +87,7 @@ void tautables(Tau which, const PassResults& results) {
   const bool pi = which == Tau::pi;
   const int n = pi ? run.model.coef.ntaupi : run.model.coef.ntaubeta;
   const double* tau = (pi ? results.est.taupi : results.est.taubeta).data();
-  if (pi && results.heterogeneous) return;
+  if (n == 0 || (pi && results.heterogeneous)) return;
   tautable(which, MatrixTitle::plain, false, n, tau);
   if (results.heterogeneous) return;
   if (results.errors.known)
@@ -100,7 +105,8 @@ void effectstables(const PassResults& results, TableKind kind, const EffectTable
 void fewunitsnote() {
   report(
       "\nThe robust standard errors are appropriate for datasets having a moderate to\n"
-      "large number of level 3 units.  These data do not meet this criterion.\n");
+      "large number of level %d units.  These data do not meet this criterion.\n",
+      run.mdm.twolevel() ? 2 : 3);
 }
 
 void norobust() { report("\nThe robust standard errors cannot be computed for this model.\n"); }
@@ -116,9 +122,9 @@ void variancetesttables(const PassResults& results) {
   const VarianceTests& tests = results.tests;
   const Estimates& est = results.est;
   variancetable(Tau::pi, est.taupi, tests.level2, est.sigma2);
-  partnote("chi-square statistics", tests.units2, run.mdm.nunits2);
+  if (run.model.coef.ntaupi > 0) partnote("chi-square statistics", tests.units2, run.mdm.nunits2);
   variancetable(Tau::beta, est.taubeta, tests.level3, est.sigma2);
-  partnote("chi-square statistics", tests.units3, run.mdm.nunits3);
+  if (run.model.coef.ntaubeta > 0) partnote("chi-square statistics", tests.units3, run.mdm.nunits3);
 }
 
 }  // namespace
