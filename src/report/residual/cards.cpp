@@ -39,8 +39,7 @@ std::vector<int> linesof(int n) {
 void writerowcards(ResidualFile& file, const ResidualRow& row) {
   ResultFile& out = file.out;
   const ResidualColumns& layout = file.columns;
-  appendid(out, file, row.id3);
-  if (layout.level < 3) appendid(out, file, row.id2);
+  eachid(layout, row, [&](const Id& id) { appendid(out, file, id); });
   if (layout.hascount()) appendcount(out, row.count, file.countwidth);
   ColumnGroup group = ColumnGroup::fit;
   int online = 0;

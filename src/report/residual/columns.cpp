@@ -178,6 +178,13 @@ std::vector<const ResidualColumn*> ResidualColumns::of(ColumnGroup group) const 
   return members;
 }
 
+std::vector<const char*> ResidualColumns::ids() const {
+  std::vector<const char*> names;
+  if (withid3) names.push_back("L3ID");
+  if (level < 3) names.push_back("L2ID");
+  return names;
+}
+
 int ResidualColumns::number(ColumnGroup group) const { return static_cast<int>(of(group).size()); }
 
 ResidualColumns residualcolumns(int level) {
@@ -199,11 +206,11 @@ ResidualColumns residualcolumns(int level) {
 
   ResidualColumns columns;
   columns.level = level;
+  columns.withid3 = !run.mdm.twolevel();
   columns.textids = !run.mdm.numericids;
   Given text, stata, shorts;
   for (Given* given : {&text, &stata, &shorts}) {
-    given->take("L3ID", shortwidth);
-    if (level < 3) given->take("L2ID", shortwidth);
+    for (const char* id : columns.ids()) given->take(id, shortwidth);
     if (level > 1) given->take(columns.countname(), shortwidth);
   }
   for (const Wanted& wanted : list) {

@@ -37,11 +37,13 @@ struct ResidualColumn {
 
 struct ResidualColumns {
   int level = 0;
+  bool withid3 = true;  // the rows bear the ID of level 3: not in data of two levels
   bool textids = false;
   std::vector<ResidualColumn> columns;
 
   [[nodiscard]] bool hascount() const { return level > 1; }
-  [[nodiscard]] int ids() const { return level < 3 ? 2 : 1; }
+  // The names of the ID columns.
+  [[nodiscard]] std::vector<const char*> ids() const;
   [[nodiscard]] const char* countname() const { return level == 2 ? "NJK" : "NK"; }
   // The columns of one group.
   [[nodiscard]] std::vector<const ResidualColumn*> of(ColumnGroup group) const;

@@ -27,7 +27,8 @@ void appendid(ResultFile& out, const ResidualFile& file, const Id& id) {
 
 void writeheadfree(ResidualFile& file, int) {
   const ResidualColumns& layout = file.columns;
-  std::string head = layout.level < 3 ? "L3ID,L2ID," : "L3ID,";
+  std::string head;
+  for (const char* id : layout.ids()) head += std::string(id) + ",";
   if (layout.hascount()) head += std::string(layout.countname()) + ",";
   for (std::size_t i = 0; i < layout.columns.size(); ++i) {
     const ResidualColumn& column = layout.columns[i];
@@ -43,8 +44,7 @@ void writeheadfree(ResidualFile& file, int) {
 void writerowfree(ResidualFile& file, const ResidualRow& row) {
   ResultFile& out = file.out;
   const ResidualColumns& layout = file.columns;
-  appendid(out, file, row.id3);
-  if (layout.level < 3) appendid(out, file, row.id2);
+  eachid(layout, row, [&](const Id& id) { appendid(out, file, id); });
   if (layout.hascount()) {
     appendcount(out, row.count, 0);
     writeresult(out, ",");

@@ -23,6 +23,13 @@ struct ResidualRow {
   const double* values = nullptr;
 };
 
+// Calls use(id) for each ID of a row in the order of the columns.
+template <class Use>
+void eachid(const ResidualColumns& columns, const ResidualRow& row, Use use) {
+  if (columns.withid3) use(row.id3);
+  if (columns.level < 3) use(row.id2);
+}
+
 // Stands for a value that there is not, a least-squares residual above all.
 inline constexpr double nosuchvalue = -99.0;
 // What stands for it in a form: the same, in the Stata form its own missing value.

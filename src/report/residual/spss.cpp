@@ -33,7 +33,7 @@ void putvariable(ResultFile& out, std::int32_t type, bool missing, std::int32_t 
 }
 
 int slots(const ResidualColumns& layout) {
-  return layout.ids() * (layout.textids ? 2 : 1) + (layout.hascount() ? 1 : 0) +
+  return static_cast<int>(layout.ids().size()) * (layout.textids ? 2 : 1) + (layout.hascount() ? 1 : 0) +
          static_cast<int>(layout.columns.size());
 }
 
@@ -82,8 +82,7 @@ void writeheadspss(ResidualFile& file, int cases) {
   const ResidualColumns& layout = file.columns;
   ResultFile& out = file.out;
   puthead(out, layout, cases);
-  for (int i = 0; i < layout.ids(); ++i) {
-    const char* name = i == 0 ? "L3ID" : "L2ID";
+  for (const char* name : layout.ids()) {
     if (layout.textids) {
       putvariable(out, 12, false, formatA12, name);
       putvariable(out, -1, false, 0, "");
@@ -101,11 +100,11 @@ void writeheadspss(ResidualFile& file, int cases) {
 
 void writerowspss(ResidualFile& file, const ResidualRow& row) {
   const ResidualColumns& layout = file.columns;
-  char ids[2 * textidwidth];
-  const std::size_t width = layout.textids ? textidwidth : sizeof(double);
-  putid(file, row.id3, ids);
-  putid(file, row.id2, ids + width);
-  writeresult(file.out, ids, width * static_cast<std::size_t>(layout.ids()));
+  eachid(layout, row, [&](const Id& id) {
+    char text[textidwidth];
+    putid(file, id, text);
+    writeresult(file.out, text, layout.textids ? textidwidth : sizeof(double));
+  });
   if (layout.hascount()) writevalue<double>(file.out, row.count);
   writeresult(file.out, row.values, layout.columns.size() * sizeof(double));
 }

@@ -23,8 +23,8 @@ struct Variable {
 
 std::vector<Variable> variables(const ResidualColumns& layout) {
   std::vector<Variable> list;
-  for (int i = 0; i < layout.ids(); ++i)
-    list.push_back({i == 0 ? "L3ID" : "L2ID", layout.textids ? static_cast<unsigned char>(textidwidth) : typedouble,
+  for (const char* name : layout.ids())
+    list.push_back({name, layout.textids ? static_cast<unsigned char>(textidwidth) : typedouble,
                     layout.textids ? "%12s" : "%12.0f"});
   if (layout.hascount()) list.push_back({layout.countname(), typelong, "%9.0f"});
   for (const ResidualColumn& column : layout.columns)
@@ -65,8 +65,7 @@ void writeheadstata(ResidualFile& file, int cases) {
 
 void writerowstata(ResidualFile& file, const ResidualRow& row) {
   const std::size_t n = file.columns.columns.size();
-  writeid(file, row.id3);
-  if (file.columns.level < 3) writeid(file, row.id2);
+  eachid(file.columns, row, [&](const Id& id) { writeid(file, id); });
   if (file.columns.hascount()) writevalue<std::int32_t>(file.out, row.count);
   for (std::size_t i = 0; i < n; ++i)
     writevalue(file.out, row.values[i] == missingcode ? missingmark(ResidualForm::stata) : row.values[i]);

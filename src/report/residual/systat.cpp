@@ -39,9 +39,8 @@ void writeheadsystat(ResidualFile& file, int) {
   const std::string level = std::to_string(layout.level);
   const std::string kind = layout.textids ? "$" : "";
   const std::string idformat = layout.textids ? "$" : "#";
-  std::string head = "BASIC\nSAVE RESFIL" + level + "\nINPUT (L3ID" + kind;
-  if (layout.level < 3) head += ",L2ID" + kind;
-  head += ",";
+  std::string head = "BASIC\nSAVE RESFIL" + level + "\nINPUT (";
+  for (const char* id : layout.ids()) head += id + kind + ",";
   if (layout.hascount()) {
     head += std::string(layout.countname()) + ",\n";
   } else {
@@ -52,12 +51,12 @@ void writeheadsystat(ResidualFile& file, int) {
 
   if (layout.hascount()) {
     head += "),(";
-    for (int i = 0; i < layout.ids(); ++i) head += idformat + "12,";
+    for (std::size_t i = 0; i < layout.ids().size(); ++i) head += idformat + "12,";
     char item[16];
     std::snprintf(item, sizeof item, "#%d/", file.countwidth);
     head += item;
   } else {
-    head += "),(2*" + idformat + "12," + std::to_string(layout.number(ColumnGroup::fit)) + "*#11";
+    head += "),(" + std::string(layout.withid3 ? "2*" : "") + idformat + "12," + std::to_string(layout.number(ColumnGroup::fit)) + "*#11";
     if (!groups.empty()) head += "/,";
     head += "\n";
   }
