@@ -100,14 +100,30 @@ KDR3_PUBLIC kdr3_status kdr3_model_level2(kdr3_model* model, int coefficient, co
 KDR3_PUBLIC kdr3_status kdr3_model_level3(kdr3_model* model, int term, const char* variable, kdr3_centering centering);
 
 /* Sets a control by the name of its keyword, without regard to case: NUMIT, MACROIT, MICROIT, STOPVAL, STOPMICRO,
- * STOPMACRO, ACCEL, FISHERTYPE, FIXSIGMA2 (0 frees it), DIAGONALIZETAUPI, DIAGONALIZETAUBETA (0 or 1), LAPLACE (most
- * iterations, 0 is off), AGQ (points, 0 is off), AGQIT (most iterations), POPAVIT, THREADS (0: one for each core).
+ * STOPMACRO, ACCEL, FISHERTYPE, FIXSIGMA2 (0 frees it; an engine or categories hold it at 1), DIAGONALIZETAUPI,
+ * DIAGONALIZETAUBETA (0 or 1), LAPLACE (most iterations, 0 is off), AGQ (points, 0 is off), AGQIT (most iterations),
+ * POPAVIT, THREADS (0: one for each core).
  * Errors: an unknown name, a value that the keyword refuses. */
 KDR3_PUBLIC kdr3_status kdr3_model_set(kdr3_model* model, const char* name, double value);
 
 /* Design weights by the names of their columns, null for none, and the column of a known level-1 variance. */
 KDR3_PUBLIC kdr3_status kdr3_model_weights(kdr3_model* model, const char* level1, const char* level2,
                                            const char* level3, const char* knownvariance);
+
+/* Fixed effects that are to be equal: groups[i] is the group of fixed effect i, 0 for one that is free, in the order of
+ * kdr3_result_fixed; `count` is their number. Groups are numbered from 1 in the order of their first members. The
+ * result has one fixed effect for each group, in the place of its first member. */
+KDR3_PUBLIC kdr3_status kdr3_model_constrain(kdr3_model* model, size_t count, const int* groups);
+
+/* Adds a hypothesis, that all of `rows` contrasts are 0: contrasts [rows * count], row by row, a number for each of the
+ * `count` fixed effects in the order of kdr3_result_fixed, those that a constraint makes equal all of them. */
+KDR3_PUBLIC kdr3_status kdr3_model_hypothesis(kdr3_model* model, size_t rows, size_t count, const double* contrasts);
+
+/* Restricts tau(pi) (level 2) or tau(beta) (level 3), of order `order`: fixed [order * order] has the value that an
+ * element is held at, NaN where it is free; groups [order * order] the number of the group of equal elements that it
+ * belongs to, 0 for none. Both are symmetric, either may be null. What was said before of this tau is forgotten. */
+KDR3_PUBLIC kdr3_status kdr3_model_restrict(kdr3_model* model, int level, size_t order, const double* fixed,
+                                            const int* groups);
 
 KDR3_PUBLIC void kdr3_model_free(kdr3_model* model);
 
@@ -159,8 +175,26 @@ KDR3_PUBLIC const char* kdr3_result_name(const kdr3_result* result, size_t i);
 KDR3_PUBLIC kdr3_status kdr3_result_variances(const kdr3_result* result, double* taupi, double* taubeta,
                                               double* taupierrors, double* taubetaerrors, double* sigma2error);
 
-/* Posterior means (empirical Bayes residuals) of the random effects: level2 [units2 * p], level3 [units3 * b]. */
+/* Posterior means (empirical Bayes residuals) of the random effects: level2 [units2 * p], level3 [units3 * b], units in
+ * the order of the data; with design weights those of level 2 without the units that missing values left no record of.
+ * Of a non-linear model they are those of quasi-likelihood, on the scale of the link, where an engine goes on, too. */
 KDR3_PUBLIC kdr3_status kdr3_result_effects(const kdr3_result* result, double* level2, double* level3);
+/* Their posterior covariances: level2 [units2 * p * p], level3 [units3 * b * b]. */
+KDR3_PUBLIC kdr3_status kdr3_result_effectvariances(const kdr3_result* result, double* level2, double* level3);
+
+/* Set `size` to sizeof(kdr3_test) before the call. */
+typedef struct {
+  size_t size;
+  int df;              /* contrasts */
+  double chisquare, p; /* Wald statistic and its tail; NaN where contrasts depend on each other, or there is none */
+} kdr3_test;
+/* The test of hypothesis i, from 0 in the order of the calls; `robust`: by the sandwich of the level-3 units. */
+KDR3_PUBLIC kdr3_status kdr3_result_test(const kdr3_result* result, size_t i, int robust, kdr3_test* test);
+
+typedef enum { KDR3_JSON, KDR3_CSV } kdr3_form;
+/* The results document of the fit, with all phases, in UTF-8: what the program writes for RESULTS:, as JSON or as a
+ * table. Valid as long as the result. */
+KDR3_PUBLIC const char* kdr3_result_document(const kdr3_result* result, kdr3_form form);
 
 /* Warnings, from 0; null behind the last. Valid as long as the result. */
 KDR3_PUBLIC const char* kdr3_result_warning(const kdr3_result* result, size_t i);

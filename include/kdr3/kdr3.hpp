@@ -113,6 +113,29 @@ class Result : public detail::Handle<kdr3_result, kdr3_result_free> {
     if (*this) kdr3_result_variances(get(), nullptr, values.data(), nullptr, nullptr, nullptr);
     return values;
   }
+  // Posterior means of the random effects, unit by unit, and their covariances.
+  struct Effects {
+    std::vector<double> level2, level3, covariance2, covariance3;
+  };
+  [[nodiscard]] Effects effects() const {
+    const kdr3_summary s = summary();
+    const std::size_t n2 = s.units2 * s.random2, n3 = s.units3 * s.random3;
+    Effects made{std::vector<double>(n2), std::vector<double>(n3), std::vector<double>(n2 * s.random2),
+                 std::vector<double>(n3 * s.random3)};
+    if (!*this) return made;
+    kdr3_result_effects(get(), made.level2.data(), made.level3.data());
+    kdr3_result_effectvariances(get(), made.covariance2.data(), made.covariance3.data());
+    return made;
+  }
+  [[nodiscard]] kdr3_test test(std::size_t hypothesis, bool robust = false) const {
+    kdr3_test test{};
+    test.size = sizeof test;
+    if (*this) kdr3_result_test(get(), hypothesis, robust, &test);
+    return test;
+  }
+  [[nodiscard]] std::string document(kdr3_form form = KDR3_JSON) const {
+    return *this ? kdr3_result_document(get(), form) : "";
+  }
   [[nodiscard]] std::vector<std::string> warnings() const {
     std::vector<std::string> list;
     for (const char* text = nullptr; *this && (text = kdr3_result_warning(get(), list.size())) != nullptr;)
@@ -161,6 +184,20 @@ class Model : public detail::Handle<kdr3_model, kdr3_model_free> {
   Model& weights(const char* level1, const char* level2 = nullptr, const char* level3 = nullptr,
                  const char* knownvariance = nullptr) {
     if (*this) hold(kdr3_model_weights(get(), level1, level2, level3, knownvariance));
+    return *this;
+  }
+  Model& constrain(const std::vector<int>& groups) {
+    if (*this) hold(kdr3_model_constrain(get(), groups.size(), groups.data()));
+    return *this;
+  }
+  // A hypothesis of one or more contrasts, row behind row.
+  Model& hypothesis(std::size_t rows, const std::vector<double>& contrasts) {
+    if (*this) hold(kdr3_model_hypothesis(get(), rows, rows == 0 ? 0 : contrasts.size() / rows, contrasts.data()));
+    return *this;
+  }
+  // A square matrix of held values, NaN where an element is free.
+  Model& restrict(int level, std::size_t order, const std::vector<double>& fixed) {
+    if (*this) hold(kdr3_model_restrict(get(), level, order, fixed.data(), nullptr));
     return *this;
   }
   [[nodiscard]] Result fit(const Observer& observer = {}) const {

@@ -21,38 +21,6 @@ void say(const char* words) {
   std::fflush(stdout);
 }
 
-// The lines of a failure; empty for none, and for one that has no words of its own.
-const char* laplaceproblem(EngineFailure failure) {
-  switch (failure) {
-    case EngineFailure::centre2:
-      return "Cannot compute Laplace6 inv[C]";
-    case EngineFailure::centre3:
-      return "Cannot compute Laplace6 V22";
-    case EngineFailure::notdefinite:
-      return "Unable to invert H in Laplace";
-    default:
-      return "";
-  }
-}
-const char* quadratureproblem(EngineFailure failure) {
-  switch (failure) {
-    case EngineFailure::toomanyeffects:
-      return "There are too many random effects for AGQ!";
-    case EngineFailure::nodes:
-      return "Too many iterations in gauher!";
-    case EngineFailure::centre3:
-      return "Unable to compute AGQ T(hat)(beta)";
-    case EngineFailure::centre2:
-      return "Unable to compute AGQ T(hat)(pi)";
-    case EngineFailure::notdefinite:
-      return "Unable to compute adaptive Gaussian Hessian";
-    case EngineFailure::nostep:
-      return "Unable to compute adaptive Gaussian Tau";
-    default:
-      return "";
-  }
-}
-
 }  // namespace
 
 void tellengine(Engine engine, const EngineEvent& event) {
@@ -93,7 +61,7 @@ void tellengine(Engine engine, const EngineEvent& event) {
   if (event.failure == EngineFailure::unsettled)
     say(formatted("The modes of the random effects have not settled after %d sweeps of Laplace6\n", event.number)
             .c_str());
-  const char* words = laplace ? laplaceproblem(event.failure) : quadratureproblem(event.failure);
+  const char* words = problemwords(engine, event.failure);
   if (*words != 0 && event.failure != EngineFailure::nodes) say(formatted("%s\n", words).c_str());
 }
 
@@ -103,11 +71,6 @@ namespace {
 void tellunconverged(const char* engine, const EngineStage& stage) {
   if (stage.results.ending == Ending::converged) return;
   notconverged(std::string("The iterations of ") + engine + " were stopped prior to convergence.\n");
-}
-
-void tellwarning(const std::string& words) {
-  reportline("%s", words.c_str());
-  documentwarning(words);
 }
 
 void tellboth(const std::string& words) {
@@ -125,7 +88,6 @@ void telllaplace(const EngineStage& stage) {
   const PassResults& results = stage.results;
   if (!stage.takenover) {
     laplacefailed();
-    documentwarning("Fisher scoring is unable to compute a Laplace-6 estimate within the parameter space.");
     notconverged("Unable to produce Laplace results.\n");
     markreport();
     return;
@@ -133,7 +95,6 @@ void telllaplace(const EngineStage& stage) {
   const bool estimated = stage.fit.end == EngineEnd::estimated;
   tellunconverged("Laplace-6", stage);
   if (estimated) {
-    documentpass(results);
     laplacetables(results, !stage.finalcall);
   } else {
     reportline("Laplace-6 has made no iteration: the likelihood is that of quasi-likelihood.");
@@ -154,33 +115,25 @@ void tellquadrature(const EngineStage& stage) {
   }
   tellunconverged("quadrature", stage);
   if (estimated) {
-    documentpass(results);
     quadraturetables(results);
   } else {
     if (stage.fit.failure == EngineFailure::nodes) reportbreak();
     if (stage.fit.failure == EngineFailure::none) {
       reportline("Quadrature has no results.");
     } else {
-      tellwarning(quadratureproblem(stage.fit.failure));
+      reportline("%s", problemwords(stage.engine, stage.fit.failure));
     }
-    for (const std::string& warning : stage.fit.warnings) tellwarning(warning);
+    for (const std::string& warning : stage.fit.warnings) reportline("%s", warning.c_str());
   }
-  for (const std::string& warning : stage.behind) {
-    tellwarning(warning);
-    std::printf("%s\n", warning.c_str());
-  }
+  for (const std::string& warning : stage.behind) tellboth(warning);
   if (!stage.takenover) {
     notconverged("");
-    if (estimated) documentending(false);
     tellboth("The run goes on with the estimates that quadrature started from.");
     markreport();
     return;
   }
   // Points that fail their check are no end that was asked for.
-  if (moving && results.ending == Ending::converged && !results.warnings.empty()) {
-    notconverged("");
-    documentending(false);
-  }
+  if (moving && results.ending == Ending::converged && !results.warnings.empty()) notconverged("");
   if (estimated) {
     modelstatistics(results);
   } else {
@@ -193,6 +146,7 @@ void tellquadrature(const EngineStage& stage) {
 }  // namespace
 
 void tellenginestage(const EngineStage& stage) {
+  documentengine(stage);
   stage.engine == Engine::laplace6 ? telllaplace(stage) : tellquadrature(stage);
 }
 

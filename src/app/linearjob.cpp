@@ -50,10 +50,8 @@ PassResults linearjob(const Analysis& analysis) {
   if (iterated && results.ending != Ending::converged)
     notconverged(reportisstdout() ? "" : "\nThe iterations were stopped prior to convergence.\n");
   if (iterated && ordinary && results.ending == Ending::converged)
-    if (const std::string words = unsettledwords(results); !words.empty()) {
+    if (const std::string words = unsettledwords(results); !words.empty())
       notconverged(reportisstdout() ? "" : words + "\n");
-      documentwarning(words);
-    }
   if (ordinary) {
     documentpass(results);
     passtables(results);

@@ -9,7 +9,6 @@
 
 #include "app/enginelines.h"
 #include "app/seriesrun.h"
-#include "command/categories.h"
 #include "driver/failures.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
@@ -107,7 +106,7 @@ void tellpass(const ChainPass& pass) {
 
 void tellmacroend(const MacroEvent& event) {
   const PassResults& results = event.results;
-  if (results.kind != PassKind::identity) documentending(event.end == MacroEnd::converged);
+  documentmacroend(event);
   switch (event.end) {
     case MacroEnd::goeson:
       if (results.kind == PassKind::identity) markreport();
@@ -129,7 +128,6 @@ void tellmacroend(const MacroEvent& event) {
   const std::string words = unsettledwords(results);
   if (words.empty()) return;
   notconverged(words + "\n");
-  documentwarning(words);
   reportwarning(words);
 }
 

@@ -29,6 +29,7 @@
 #include "construct/mdmdialogue.h"
 #include "construct/onefile.h"
 #include "construct/singleunits.h"
+#include "core/constraints.h"
 #include "core/formatted.h"
 #include "data/mdm.h"
 #include "driver/failures.h"
@@ -37,6 +38,7 @@
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
 #include "driver/warnings.h"
+#include "estimate/likelihood/engines.h"
 #include "estimate/linear/centering.h"
 #include "estimate/linear/deletion.h"
 #include "estimate/linear/weights.h"
@@ -99,16 +101,9 @@ void holdstandardstreams() {
   fail(0);
 }
 
-// The engines know neither design weights nor restricted taus: the model that they fit would be another one.
 void checkengines() {
   if (run.control.hetit != 0 && !run.model.outcome.linear()) stopwith("HETIT: is for linear models only.\n");
-  const char* engine = run.control.laplace ? "Laplace-6" : run.control.agqpoints != 0 ? "adaptive quadrature" : nullptr;
-  if (engine == nullptr) return;
-  const bool restricted = run.model.restrictions.haveesttau2 || run.model.restrictions.haveesttau3 ||
-                          run.model.restrictions.havecontau2 || run.model.restrictions.havecontau3;
-  const bool diagonal = run.control.laplace && (run.model.restrictions.diagtaupi || run.model.restrictions.diagtaubeta);
-  if (run.model.weighted) stopwith("A run with design weights cannot go on to %s.\n", engine);
-  if (restricted || diagonal) stopwith("A run with restricted variance components cannot go on to %s.\n", engine);
+  if (const std::string words = engineobstacle(run.model, run.control); !words.empty()) stopwith("%s\n", words.c_str());
 }
 
 // What the passes of the run are, once the model stands.
@@ -193,7 +188,7 @@ void readmodel() {
   readcommandfile();
   modelquestions();
   constraintquestions();
-  makeconstraints();
+  settleconstraints();
   if (run.model.coef.ngamma - run.model.nconstrained < 1) fail(17);
   featurequestions();
   labelrandomeffects();
@@ -221,7 +216,7 @@ void openresults() {
     documentwarning(words);
   }
   writespecification();
-  applyconstraints();
+  applyconstraints(run.model);
   run.model.coef.ngamma -= run.model.nconstrained;
   beginseries();
   if (!reportisstdout()) std::printf("Computing . . ., please wait\n");
@@ -311,7 +306,7 @@ void tellfiles() {
   setsymbols();
   makerowlabels();
   writespecification();  // no report is open: the subscripts of the tables
-  applyconstraints();
+  applyconstraints(run.model);
   run.model.coef.ngamma -= run.model.nconstrained;
   resumeseries();
   if (const Pooled* averages = poolseries()) latentvariables(*averages);

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -46,26 +45,6 @@ void addthresholds(int thresholds) {
 }
 
 }  // namespace
-
-Array<Name> categorylabels(const double* values, int n) {
-  Array<Name> labels(static_cast<std::size_t>(n));
-  const auto distinct = [&] {
-    std::set<std::string> texts;
-    for (const Name& label : labels) texts.insert(label.text);
-    return texts.size() == labels.size();
-  };
-  const auto label = [&](const char* format, int digits, int width) {
-    for (int k = 0; k < n; ++k) {
-      char text[400];
-      std::snprintf(text, sizeof text, format, digits, values[k]);
-      Name& name = labels[static_cast<std::size_t>(k)];
-      std::snprintf(name.text, sizeof name.text, "%.*s", width, text);
-    }
-  };
-  label("%.*f", 0, 4);
-  for (int digits = 1; digits <= 12 && !distinct(); ++digits) label("%.*g", digits, 12);
-  return labels;
-}
 
 void makeequationsets() {
   MdmData& mdm = run.mdm;

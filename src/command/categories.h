@@ -1,9 +1,6 @@
 // The equation tables of runs with several sets of equations or with thresholds.
 #pragma once
 
-#include "core/names.h"
-#include "kernel/array.h"
-
 namespace kdr {
 
 // Makes the tables of run.model anew for the kind of run in run.model (nonlin, ordinal, ncat): ncat - 1 equation sets
@@ -12,9 +9,5 @@ namespace kdr {
 // are kept. Stops with code 100 when ncat is below 2 or asks for tables beyond reason, or when a variable's name begins
 // with THOLD in an ordinal run.
 void makeequationsets();
-
-// The labels of n categories with these values, all different: whole numbers in at most 4 characters, or, when two
-// categories would then look the same, as many digits for all as it takes, up to the 12 characters of a name.
-[[nodiscard]] Array<Name> categorylabels(const double* values, int n);
 
 }  // namespace kdr

@@ -1,4 +1,4 @@
-// Linear constraints among the fixed effects: gammas that share a group number have one value.
+// The constraints among the fixed effects that a run was given (core/constraints.h).
 #pragma once
 
 namespace kdr {
@@ -7,14 +7,7 @@ namespace kdr {
 // upward without gaps in the order of their first members.
 void checkconstraints();
 
-// Builds run.model.constrainmatrix, which makes the full gammas from the reduced ones: full ngamma squared, row i for
-// full gamma i, the reduced gammas in the first ngamma - nconstrained columns. Every member of a group but its first is
-// marked in run.model.removed and counted in nconstrained. Raises checkconstraints' stop.
-void makeconstraints();
-
-// Keeps a copy of run.model.contrasts as uncutcontrasts and states contrasts in the reduced gammas: the column of a
-// removed gamma is added to that of the first member of its group, and a row then has ngamma - nconstrained values.
-// Expects run.model.coef.ngamma as it was before the reduction, and leaves it so.
-void applyconstraints();
+// Makes the constraints of run.model, and tells of groups that constrain nothing. Raises checkconstraints' stop.
+void settleconstraints();
 
 }  // namespace kdr

@@ -20,7 +20,7 @@ namespace kdr {
 
 namespace {
 
-// Numbers the groups anew in the order of their first gammas, as makeconstraints expects them.
+// Numbers the groups anew in the order of their first gammas, as settleconstraints expects them.
 void ordergroups(int groups) {
   std::vector<int> number(static_cast<std::size_t>(groups) + 1, 0);
   int next = 0;

@@ -9,9 +9,9 @@ namespace kdr {
 // Kind of outcome, outcome, the equations of the three levels, centering, random effects, basis for deletion and
 // exploratory variables. Fills run.model and run.model, and counts and labels as completemodel does.
 void modelquestions();
-// Groups of gammas that are to be equal, into run.model.constraints. Before makeconstraints.
+// Groups of gammas that are to be equal, into run.model.constraints. Before settleconstraints.
 void constraintquestions();
-// Hypotheses, the alternative model's deviance, latent variable regression. After makeconstraints.
+// Hypotheses, the alternative model's deviance, latent variable regression. After settleconstraints.
 void featurequestions();
 // Residual files and their type, iterations, title. The report's name is asked for when it is opened.
 void outputquestions();

@@ -87,6 +87,14 @@ int randomatlevel3(const ModelRows& rows) {
   return static_cast<int>(std::count_if(rows.terms.begin(), rows.terms.end(), random));
 }
 
+std::string termdigits(const ModelRows& rows, const TermRow& term) {
+  return std::to_string(rows.owner(term).subscript) + std::to_string(term.subscript);
+}
+
+std::string effectdigits(const ModelRows& rows, const EffectRow& effect) {
+  return termdigits(rows, rows.termof(effect)) + std::to_string(effect.subscript);
+}
+
 std::vector<int> reducedeffects(const ModelRows& rows) {
   std::vector<int> reduced, firstofgroup(rows.effects.size() + 1, -1);
   int next = 0;

@@ -8,6 +8,7 @@
 // that of level 3 INTRCPT3 alone, so it has one fixed effect. The tables of the model hold nothing of these equations.
 #pragma once
 
+#include <string>
 #include <vector>
 
 #include "core/model.h"
@@ -76,6 +77,10 @@ struct ModelRows {
 // Coefficients random at level 2, and at level 3: the orders of taupi and taubeta.
 [[nodiscard]] int randomatlevel2(const ModelRows& rows);
 [[nodiscard]] int randomatlevel3(const ModelRows& rows);
+
+// The digits of a subscript, number behind number.
+[[nodiscard]] std::string termdigits(const ModelRows& rows, const TermRow& term);
+[[nodiscard]] std::string effectdigits(const ModelRows& rows, const EffectRow& effect);
 
 // Filled slots of a row of terms.
 [[nodiscard]] int filledslots(const int* row, int width);

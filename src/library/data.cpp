@@ -182,8 +182,6 @@ std::string onevalue(const kdr3_column& column, const Order& order, std::size_t 
   return "";
 }
 
-Name inside(std::size_t number) { return paddedname(formatted("V%zu", number)); }
-
 void takenames(kdr3_data& data, const Columns (&columns)[3]) {
   Array<Name>* names[] = {&data.mdm.names1, &data.mdm.names2, &data.mdm.names3};
   const char* intercepts[] = {"INTRCPT1", "INTRCPT2", "INTRCPT3"};
@@ -192,7 +190,7 @@ void takenames(kdr3_data& data, const Columns (&columns)[3]) {
     (*names[level])[0] = paddedname(intercepts[level]);
     data.names[level].assign(1, "(intercept)");
     for (const kdr3_column* column : columns[level]) {
-      (*names[level])[data.names[level].size()] = inside(data.names[level].size());
+      (*names[level])[data.names[level].size()] = paddedname(column->name);
       data.names[level].emplace_back(column->name);
     }
   }

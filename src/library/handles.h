@@ -10,7 +10,7 @@
 #include "kdr3/kdr3.h"
 
 // The data set as an MDM file would hold it, its level-2 blocks in an unnamed file, which fits read by positions of
-// their own. Inside, variables are called V1, V2, ...; their names are here.
+// their own. The names inside are cut to eight letters; the whole ones are here.
 struct kdr3_data {
   kdr::MdmData mdm;
   std::vector<std::string> names[3];  // of each level, [0] the intercept
@@ -37,7 +37,21 @@ struct kdr3_model {
   int threads = 0;
   double fixsigma2 = 0.0;
   bool diagtaupi = false, diagtaubeta = false;
+  bool stopgiven = false;  // the criterion of the passes is not the default
   int weights[3] = {}, knownvariance = 0;
+  std::vector<int> groups;  // of equal fixed effects; empty: all are free
+  struct Hypothesis {
+    std::size_t rows;
+    std::vector<double> contrasts;  // rows of one number for each fixed effect
+  };
+  std::vector<Hypothesis> hypotheses;
+  // Of tau(pi) and tau(beta): elements that are held (NaN is free) and groups of equal ones (0 is free), square; empty
+  // without either.
+  struct TauRestriction {
+    std::vector<double> fixed;
+    std::vector<int> groups;
+  };
+  TauRestriction taus[2];
 };
 
 namespace kdr::library {

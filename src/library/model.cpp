@@ -1,9 +1,13 @@
 // A model from the calls of include/kdr3/kdr3.h, term by term.
 #include <strings.h>
 
+#include <algorithm>
+#include <climits>
 #include <cmath>
 #include <memory>
+#include <utility>
 
+#include "core/constants.h"
 #include "core/formatted.h"
 #include "library/handles.h"
 
@@ -46,12 +50,19 @@ struct Setting {
 constexpr double many = 1.0e9;
 int whole(double value) { return static_cast<int>(value); }
 
+void setstop(kdr3_model& model, double value) {
+  model.control.stopval = value;
+  model.stopgiven = true;
+}
+
+void setpoints(kdr3_model& model, double value) { model.control.agqpoints = whole(value); }
+
 constexpr Setting settings[] = {
     {"NUMIT", 1, many, true, [](kdr3_model& m, double v) { m.control.numit = whole(v); }},
     {"MICROIT", 1, many, true, [](kdr3_model& m, double v) { m.control.numit = whole(v); }},
     {"MACROIT", 1, many, true, [](kdr3_model& m, double v) { m.control.macroit = whole(v); }},
-    {"STOPVAL", 0, 100, false, [](kdr3_model& m, double v) { m.control.stopval = v; }},
-    {"STOPMICRO", 0, 100, false, [](kdr3_model& m, double v) { m.control.stopval = v; }},
+    {"STOPVAL", 0, 100, false, setstop},
+    {"STOPMICRO", 0, 100, false, setstop},
     {"STOPMACRO", 0, 100, false, [](kdr3_model& m, double v) { m.control.stopmacro = v; }},
     {"ACCEL", 1, many, true, [](kdr3_model& m, double v) { m.control.accel = whole(v); }},
     {"FISHERTYPE", 0, 2, true, [](kdr3_model& m, double v) { m.control.fishertype = whole(v); }},
@@ -65,7 +76,7 @@ constexpr Setting settings[] = {
        m.control.laplace = v != 0;
        if (v != 0) m.control.laplaceit = whole(v);
      }},
-    {"AGQ", 0, 198, true, [](kdr3_model& m, double v) { m.control.agqpoints = whole(v); }},
+    {"AGQ", 0, 198, true, setpoints},
     {"AGQIT", 0, many, true, [](kdr3_model& m, double v) { m.control.agqit = whole(v); }},
 };
 
@@ -150,6 +161,7 @@ kdr3_status kdr3_model_set(kdr3_model* model, const char* name, double value) {
       if (!(value >= setting.least && value <= setting.most) || (setting.whole && value != std::floor(value)))
         return error(formatted("%s takes a%s number from %g to %g.", setting.name, setting.whole ? " whole" : "",
                                setting.least, setting.most));
+      if (setting.set == setpoints && value == 2) return error("The number of quadrature points is 1, or 3 to 198.");
       setting.set(*model, value);
       return KDR3_OK;
     }
@@ -169,6 +181,54 @@ kdr3_status kdr3_model_weights(kdr3_model* model, const char* level1, const char
     }
     model->knownvariance = variable(*model->data, 1, knownvariance);
     if (model->knownvariance < 0) return error(unknownname(1, knownvariance));
+    return KDR3_OK;
+  });
+}
+
+kdr3_status kdr3_model_constrain(kdr3_model* model, size_t count, const int* groups) {
+  return guarded([&]() -> kdr3_status {
+    if (model == nullptr || groups == nullptr) return error("A constraint needs its model and the groups.");
+    int known = 0;
+    for (std::size_t i = 0; i < count; ++i) {
+      if (groups[i] < 0 || groups[i] > known + 1)
+        return error("Groups of equal fixed effects are numbered from 1, in the order of their first members.");
+      if (groups[i] > known) ++known;
+    }
+    model->groups.assign(groups, groups + count);
+    return KDR3_OK;
+  });
+}
+
+kdr3_status kdr3_model_hypothesis(kdr3_model* model, size_t rows, size_t count, const double* contrasts) {
+  return guarded([&]() -> kdr3_status {
+    if (model == nullptr || contrasts == nullptr || rows == 0)
+      return error("A hypothesis needs its model and a contrast or more.");
+    if (model->hypotheses.size() == maxhypotheses || rows > SHRT_MAX)
+      return error(formatted("A model has %d hypotheses at the most, each of %d contrasts.", maxhypotheses, SHRT_MAX));
+    if (!std::all_of(contrasts, contrasts + rows * count, [](double c) { return std::isfinite(c); }))
+      return error("A contrast holds a number that is not finite.");
+    model->hypotheses.push_back({rows, {contrasts, contrasts + rows * count}});
+    return KDR3_OK;
+  });
+}
+
+kdr3_status kdr3_model_restrict(kdr3_model* model, int level, size_t order, const double* fixed, const int* groups) {
+  return guarded([&]() -> kdr3_status {
+    if (model == nullptr || (level != 2 && level != 3)) return error("A restriction needs its model and level 2 or 3.");
+    kdr3_model::TauRestriction made;
+    for (std::size_t i = 0; i < order; ++i)
+      for (std::size_t j = 0; j < order; ++j) {
+        const std::size_t here = i * order + j, across = j * order + i;
+        const bool even = (fixed == nullptr || fixed[here] == fixed[across] ||
+                           (std::isnan(fixed[here]) && std::isnan(fixed[across]))) &&
+                          (groups == nullptr || groups[here] == groups[across]);
+        if (!even) return error("The restriction of a covariance matrix is symmetric.");
+        if (fixed != nullptr && std::isinf(fixed[here])) return error("An element is held at no finite value.");
+        if (groups != nullptr && groups[here] < 0) return error("The number of a group is below 0.");
+      }
+    if (fixed != nullptr) made.fixed.assign(fixed, fixed + order * order);
+    if (groups != nullptr) made.groups.assign(groups, groups + order * order);
+    model->taus[level - 2] = std::move(made);
     return KDR3_OK;
   });
 }

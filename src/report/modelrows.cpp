@@ -5,14 +5,6 @@
 
 namespace kdr {
 
-std::string termdigits(const ModelRows& rows, const TermRow& term) {
-  return std::to_string(rows.owner(term).subscript) + std::to_string(term.subscript);
-}
-
-std::string effectdigits(const ModelRows& rows, const EffectRow& effect) {
-  return termdigits(rows, rows.termof(effect)) + std::to_string(effect.subscript);
-}
-
 bool multinomialrun() { return run.model.outcome.family == Family::multinomial; }
 
 std::string categorylabel(int k) {

@@ -1,4 +1,4 @@
-// Subscripts and categories of the rows of the model, as the report shows them.
+// Categories of the rows of the model, as the report shows them.
 #pragma once
 
 #include <string>
@@ -8,10 +8,6 @@
 #include "core/tables.h"
 
 namespace kdr {
-
-// The digits of a subscript, number behind number.
-[[nodiscard]] std::string termdigits(const ModelRows& rows, const TermRow& term);
-[[nodiscard]] std::string effectdigits(const ModelRows& rows, const EffectRow& effect);
 
 // True when several equation sets stand side by side, one for each category but the last.
 [[nodiscard]] bool multinomialrun();

@@ -1,12 +1,13 @@
-// The results of a run as one document for other programs: JSON, or a table of comma-separated values where the name
-// ends in ".csv" (docs/results.md, docs/results.schema.json). The phases are collected as their results stand; a phase
-// takes the place of an earlier one of its kind, as in the report. Nothing is kept unless the run asks for it.
+// The results document of the run (document/resultsdocument.h): JSON, or a table of comma-separated values where the
+// name ends in ".csv". Its phases are collected as their results stand. Nothing is kept unless the run asks for it.
 #pragma once
 
 #include <span>
 #include <string>
 
 #include "core/results.h"
+#include "estimate/likelihood/engines.h"
+#include "estimate/quasi/macrostate.h"
 #include "series/pooledresults.h"
 
 namespace kdr {
@@ -14,7 +15,7 @@ namespace kdr {
 // Forgets what was collected: a pass of the series begins, or its averages.
 void startdocument();
 
-// The phase of a pass or of an engine. An identity pass has none without full output.
+// The phase of a pass. An identity pass has none without full output.
 void documentpass(const PassResults& results);
 void documentleastsquares(const LeastSquaresResults& results);
 // `mean` and `weighted` are the averages of taupi over the level-3 units.
@@ -22,8 +23,9 @@ void documentheterogeneous(const PassResults& results, const Array<double>& mean
 // The phases of the averages of a series; `failed` are the indices of the data sets that failed.
 void documentaverages(const Pooled& pooled, std::span<const int> failed);
 
-// Whether the phase that was added last has converged, where its pass alone does not tell.
-void documentending(bool converged);
+// What is known behind a phase: of the macro iterations, and of an engine that has ended.
+void documentmacroend(const MacroEvent& event);
+void documentengine(const EngineStage& stage);
 // A sentence about the run as a whole.
 void documentwarning(const std::string& words);
 

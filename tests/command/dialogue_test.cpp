@@ -8,6 +8,7 @@
 
 #include "command/complete.h"
 #include "command/constraints.h"
+#include "core/constraints.h"
 #include "command/smallmdm.h"
 #include "command/writer.h"
 
@@ -30,12 +31,12 @@ ChildEnd converse(const std::string& text, const std::string& answers) {
     run.mdm.deletednow = true;
     modelquestions();
     constraintquestions();
-    makeconstraints();
+    settleconstraints();
     featurequestions();
     outputquestions();
     compactlists();
     run.model.outname = run.mdm.names1[static_cast<std::size_t>(run.model.outvar)];
-    applyconstraints();
+    applyconstraints(run.model);
     writecommandfile("new.kdr");
   });
 }

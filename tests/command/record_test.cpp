@@ -7,6 +7,7 @@
 
 #include "command/complete.h"
 #include "command/constraints.h"
+#include "core/constraints.h"
 #include "command/smallmdm.h"
 
 using namespace kdr;
@@ -225,11 +226,11 @@ TEST(Constraints, MatrixMakesFullGammasFromReducedOnes) {
     std::copy(c.groups.begin(), c.groups.end(), run.model.constraints.begin());
     run.model.contrasts.reset(2 * c.groups.size());
     for (std::size_t i = 0; i < run.model.contrasts.size(); ++i) run.model.contrasts[i] = static_cast<double>(i) + 1.0;
-    makeconstraints();
+    settleconstraints();
     EXPECT_EQ(run.model.nconstrained, c.nconstrained);
     EXPECT_EQ(values(run.model.constrainmatrix), c.matrix);
 
-    applyconstraints();
+    applyconstraints(run.model);
     const std::size_t full = c.groups.size(), width = full - static_cast<std::size_t>(c.nconstrained);
     ASSERT_EQ(run.model.contrasts.size(), 2 * width);
     EXPECT_EQ(run.model.uncutcontrasts.size(), 2 * full);

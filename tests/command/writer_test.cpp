@@ -15,6 +15,7 @@
 
 #include "command/complete.h"
 #include "command/constraints.h"
+#include "core/constraints.h"
 #include "command/dialogue.h"
 #include "command/smallmdm.h"
 
@@ -29,13 +30,13 @@ constexpr unsigned sessions = 60, files = 150;
 void finishrun() {
   compactlists();
   run.model.outname = run.mdm.names1[static_cast<std::size_t>(run.model.outvar)];
-  applyconstraints();
+  applyconstraints(run.model);
   run.files.sourcename = "s.mdm";
 }
 
 void preparerun() {
   completemodel();
-  makeconstraints();
+  settleconstraints();
   finishrun();
 }
 
@@ -307,7 +308,7 @@ void randomsession(unsigned seed) {
   readtext(answers.below(2) == 0 ? "OUTPUT:o\nRESFIL1:Y/T\n" : "OUTPUT:o\nSTOPVAL:1e-9\nAGQDERIVLEVEL:1\n");
   modelquestions();
   constraintquestions();
-  makeconstraints();
+  settleconstraints();
   featurequestions();
   outputquestions();
   finishrun();

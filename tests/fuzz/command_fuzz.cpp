@@ -5,6 +5,7 @@
 
 #include "command/complete.h"
 #include "command/constraints.h"
+#include "core/constraints.h"
 #include "command/smallmdm.h"
 #include "command/writer.h"
 #include "harness.h"
@@ -20,11 +21,11 @@ bool readandwrite(const char* from, const char* to) {
   try {
     readcommandfile();
     completemodel();
-    makeconstraints();
+    settleconstraints();
     if (run.model.coef.ngamma - run.model.nconstrained < 1) return false;  // the run sequence ends with failure 17
     compactlists();
     run.model.outname = run.mdm.names1[static_cast<std::size_t>(run.model.outvar)];
-    applyconstraints();
+    applyconstraints(run.model);
   } catch (const Stopped& stopped) {
     if (stopped.code < 8 || (stopped.code > 10 && stopped.code != 100)) std::abort();
     return false;

@@ -59,7 +59,7 @@ kdr3::Model logistic(const kdr3::Data& data) {
   kdr3::Model model(data, "hit", KDR3_BERNOULLI);
   model.term(nullptr, {KDR3_RAW, true, true});
   model.term("x");
-  model.set("FIXSIGMA2", 1).set("AGQ", 5).set("AGQIT", 30).set("THREADS", 2);
+  model.set("AGQ", 5).set("AGQIT", 30).set("THREADS", 2);
   return model;
 }
 
@@ -183,6 +183,71 @@ TEST(Library, RowsInAnyOrderAndTextIds) {
     EXPECT_NEAR(found[i], sorted[i], 1e-7 * (1 + std::fabs(sorted[i])));
 }
 
+TEST(Library, RestrictionsAndHypotheses) {
+  const Table table(6);
+  const kdr3::Data data = table.data();
+  kdr3::Model model = linear(data);
+  model.term("hit");
+  model.hypothesis(1, {0, 1, 0}).hypothesis(2, {0, 2, 0, 0, -3, 0});
+  const kdr3::Result free = model.fit();
+  ASSERT_TRUE(free) << free.error();
+  const std::vector<double> gamma = free.fixed(), V = free.covariance();
+  // One contrast is the square of t; one that another is a multiple of has no test.
+  EXPECT_NEAR(free.test(0).chisquare, gamma[1] * gamma[1] / V[4], 1e-9);
+  EXPECT_NEAR(free.test(0).p, std::erfc(std::fabs(gamma[1]) / std::sqrt(2 * V[4])), 1e-9);
+  EXPECT_EQ(free.test(1).df, 2);
+  EXPECT_TRUE(std::isnan(free.test(1).chisquare));
+  EXPECT_FALSE(std::isnan(free.test(0, true).chisquare));
+
+  // Two equal effects are one, that of the sum of the two predictors.
+  const kdr3::Result equal = model.constrain({0, 1, 1}).fit();
+  ASSERT_TRUE(equal) << equal.error();
+  EXPECT_EQ(equal.fixed().size(), 2U);
+  EXPECT_EQ(equal.name(1), free.name(1));
+  EXPECT_LT(equal.summary().loglikelihood, free.summary().loglikelihood);
+
+  // A covariance that is held stays where it is held, and the posterior of a unit is one of a covariance matrix.
+  const kdr3::Result held = linear(data).restrict(2, 2, {NAN, 0.25, 0.25, NAN}).fit();
+  ASSERT_TRUE(held) << held.error();
+  EXPECT_EQ(held.taupi()[1], 0.25);
+  const kdr3::Result::Effects effects = held.effects();
+  ASSERT_EQ(effects.covariance2.size(), 4U * 72);
+  for (std::size_t j = 0; j < 72; ++j) {
+    const double* C = effects.covariance2.data() + 4 * j;
+    EXPECT_EQ(C[1], C[2]);
+    EXPECT_GT(C[0] * C[3], C[1] * C[2]);
+  }
+  EXPECT_NE(held.document().find("\"tau_pi\""), std::string::npos);
+  EXPECT_EQ(held.document(KDR3_CSV).find("phase,part,"), 0U);
+
+  const auto told = [&](auto change) {
+    kdr3::Model wrong = linear(data);
+    change(wrong);
+    return wrong.fit().error();
+  };
+  EXPECT_EQ(told([](auto& m) {
+              m.constrain({0, 2});
+            }),
+            "Groups of equal fixed effects are numbered from 1, in the order of their first members.");
+  EXPECT_EQ(told([](auto& m) { m.constrain({0, 1, 1}); }), "The groups are of 3 fixed effects, and the model has 2.");
+  EXPECT_EQ(told([](auto& m) { m.hypothesis(1, {1}); }),
+            "Hypothesis 1 is not about 2 fixed effects, which the model has.");
+  EXPECT_EQ(told([](auto& m) {
+              m.restrict(3, 2, {1, 0, 0, 1});
+            }),
+            "The restriction of tau(beta) is not of its order, which is 1.");
+  EXPECT_EQ(told([](auto& m) {
+              m.restrict(2, 2, {1, 0, 1, 1});
+            }),
+            "The restriction of a covariance matrix is symmetric.");
+  // What the engines cannot fit, as the program refuses it; sigma^2 is theirs.
+  kdr3::Model engine = logistic(data);
+  EXPECT_EQ(engine.restrict(3, 1, {1}).fit().error(),
+            "A run with restricted variance components cannot go on to adaptive quadrature.");
+  EXPECT_EQ(logistic(data).set("FIXSIGMA2", 2).fit().error(),
+            "With categories, Laplace-6 and adaptive quadrature sigma^2 is held at 1.");
+}
+
 TEST(Library, ErrorsAreSentences) {
   Table table(5);
   const auto making = [&](const std::function<void(Table&)>& change) {
@@ -200,6 +265,7 @@ TEST(Library, ErrorsAreSentences) {
   EXPECT_EQ(kdr3::Model(data, "y", KDR3_BINOMIAL).error(), "A binomial outcome needs a column of trials.");
   EXPECT_EQ(kdr3::Model(data, "y").set("NUMIT", 1.5).error(), "NUMIT takes a whole number from 1 to 1e+09.");
   EXPECT_EQ(kdr3::Model(data, "y").set("NUMBIT", 1).error(), "There is no setting NUMBIT.");
+  EXPECT_EQ(kdr3::Model(data, "y").set("AGQ", 2).error(), "The number of quadrature points is 1, or 3 to 198.");
   EXPECT_FALSE(kdr3::Data::open("/nowhere.mdm"));
   EXPECT_STREQ(kdr3_message(), "Unable to open /nowhere.mdm.");
   kdr3_data_free(nullptr);

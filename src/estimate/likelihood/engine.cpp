@@ -4,6 +4,26 @@
 
 namespace kdr {
 
+const char* problemwords(Engine engine, EngineFailure failure) {
+  const bool laplace = engine == Engine::laplace6;
+  switch (failure) {
+    case EngineFailure::toomanyeffects:
+      return laplace ? "" : "There are too many random effects for AGQ!";
+    case EngineFailure::nodes:
+      return laplace ? "" : "Too many iterations in gauher!";
+    case EngineFailure::centre3:
+      return laplace ? "Cannot compute Laplace6 V22" : "Unable to compute AGQ T(hat)(beta)";
+    case EngineFailure::centre2:
+      return laplace ? "Cannot compute Laplace6 inv[C]" : "Unable to compute AGQ T(hat)(pi)";
+    case EngineFailure::notdefinite:
+      return laplace ? "Unable to invert H in Laplace" : "Unable to compute adaptive Gaussian Hessian";
+    case EngineFailure::nostep:
+      return laplace ? "" : "Unable to compute adaptive Gaussian Tau";
+    default:
+      return "";
+  }
+}
+
 void tellstep(const EngineSettings& settings, AscentEvent event, const RidgedAscent& ascent) {
   using Kind = EngineEvent::Kind;
   switch (event) {

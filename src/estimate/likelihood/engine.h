@@ -39,6 +39,9 @@ enum class EngineFailure {
   nostep,          // no step stays inside the parameter space
 };
 
+// The line of a failure; empty for none, and for one that has no words of its own.
+[[nodiscard]] const char* problemwords(Engine engine, EngineFailure failure);
+
 // What an engine tells on its way.
 struct EngineEvent {
   enum class Kind {

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <utility>
 
+#include "core/formatted.h"
 #include "estimate/inference/modelstatistics.h"
 #include "estimate/laplace/laplace.h"
 #include "estimate/likelihood/recordbatches.h"
@@ -100,6 +101,7 @@ Failure laplace(Pass& pass, MacroState& state, const PassResults& before, bool& 
   const LaplaceResult result =
       runlaplace(data, settings, currentparameters(pass), posteriormeans2(pass), pass.vstar.cells, before.loglik);
   if (batches.failure) return std::move(batches.failure);
+  if (storefailure(pass.store)) return storefailure(pass.store);
   const EngineResult& fit = result.fit;
   stopped = stopped || fit.stopped;
   PassResults results = resultsof(pass, PassKind::laplace6, fit, before);
@@ -109,6 +111,7 @@ Failure laplace(Pass& pass, MacroState& state, const PassResults& before, bool& 
   if (usable) {
     takeestimates(pass, results);
     takemodes(pass, result);
+    if (storefailure(pass.store)) return storefailure(pass.store);
     state.laplacegamma = pass.est.gammahat.copy();
   }
   tellobserver(pass.observer().enginestands, EngineStage{Engine::laplace6, fit, results, result.finalcall, usable, {}});
@@ -158,6 +161,7 @@ Failure quadrature(Pass& pass, MacroState& state, const PassResults& before) {
   settings.diagonalbeta = pass.model().restrictions.diagtaubeta;
   const QuadratureResult result = adaptivequadrature(data, settings, currentparameters(pass), startingadaptation(pass));
   if (batches.failure) return std::move(batches.failure);
+  if (storefailure(pass.store)) return storefailure(pass.store);
   const EngineResult& fit = result.fit;
   PassResults results = resultsof(pass, PassKind::quadrature, fit, before);
   const bool estimated = fit.end == EngineEnd::estimated;
@@ -263,6 +267,17 @@ Failure movingnodes(Pass& pass, MacroState& state, const PassResults& before) {
 }
 
 }  // namespace
+
+std::string engineobstacle(const Model& model, const Control& control) {
+  const char* engine = control.laplace ? "Laplace-6" : control.agqpoints != 0 ? "adaptive quadrature" : nullptr;
+  if (engine == nullptr) return "";
+  const Restrictions& held = model.restrictions;
+  const bool restricted = held.haveesttau2 || held.haveesttau3 || held.havecontau2 || held.havecontau3;
+  const bool diagonal = control.laplace && (held.diagtaupi || held.diagtaubeta);
+  if (model.weighted) return formatted("A run with design weights cannot go on to %s.", engine);
+  if (restricted || diagonal) return formatted("A run with restricted variance components cannot go on to %s.", engine);
+  return "";
+}
 
 Failure maximumlikelihood(Pass& pass, MacroState& state, const PassResults& before) {
   bool stopped = before.ending == Ending::keyboard;

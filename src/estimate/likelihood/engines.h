@@ -10,6 +10,10 @@
 
 namespace kdr {
 
+// Why a model cannot go on to the engine that the control asks for; empty: it can, or there is none. The engines know
+// neither design weights nor restricted taus: the model that they fit would be another one.
+[[nodiscard]] std::string engineobstacle(const Model& model, const Control& control);
+
 // What the observer is told of an engine that has ended.
 struct EngineStage {
   Engine engine;

@@ -69,9 +69,19 @@ void level2coefficients(const Pass& pass, std::size_t unit, const double* hot, c
   addlevel2effects(pass, unit, out.EB.data(), out.EC.data());
 }
 
+void level2variance(const Pass& pass, int k, const double* hot, UnitResults& results) {
+  const int p = pass.p, b = pass.b;
+  unpack(p, hot + pass.store.atCinv, results.C.data());
+  mulABt(results.A.data(), results.C.data(), hot + pass.store.atBZ1, p, b, p);
+  for (double& a : results.A) a *= pass.scale3[k];
+  mulAB(results.AE.data(), results.A.data(), pass.dinv.row(k), p, b, b);
+  addABt(results.C.data(), results.AE.data(), results.A.data(), p, p, b);
+  packscaled(p, results.C.data(), pass.est.sigma2, results.level2.PV);
+}
+
 void level2residuals(const Pass& pass, int k, const double* hot, const double* cold, double missing,
                      UnitResults& results) {
-  const int p = pass.p, b = pass.b;
+  const int p = pass.p;
   UnitResults::Level2& out = results.level2;
   if (!usableunit(pass.store, cold)) {
     out.OL.fill(missing);
@@ -80,12 +90,7 @@ void level2residuals(const Pass& pass, int k, const double* hot, const double* c
     residualproduct(pass.store, hot, results.means.thetastar.data(), results.residual.data());
     mulAB(out.OL.data(), results.inverse.data(), results.residual.data(), p, 1, p);
   }
-  unpack(p, hot + pass.store.atCinv, results.C.data());
-  mulABt(results.A.data(), results.C.data(), hot + pass.store.atBZ1, p, b, p);
-  for (double& a : results.A) a *= pass.scale3[k];
-  mulAB(results.AE.data(), results.A.data(), pass.dinv.row(k), p, b, b);
-  addABt(results.C.data(), results.AE.data(), results.A.data(), p, p, b);
-  packscaled(p, results.C.data(), pass.est.sigma2, out.PV);
+  level2variance(pass, k, hot, results);
 }
 
 Array<double> posteriormeans2(Pass& pass) {
@@ -97,6 +102,25 @@ Array<double> posteriormeans2(Pass& pass) {
       },
       [](int) {}, reading(pass.store.hot));
   return u;
+}
+
+Posteriors posteriors(Pass& pass) {
+  const std::size_t p = at(pass.p);
+  Posteriors all;
+  all.u = posteriormeans2(pass);
+  all.uvariance.reset(all.u.size() * p);
+  all.v = pass.vstar.cells.copy();
+  all.vvariance = pass.dinv.cells.copy();
+  for (double& v : all.vvariance) v *= pass.est.sigma2;
+  UnitResults unit = makeunitresults(pass);
+  sweepunits(
+      pass.n2of, [](int) {},
+      [&](int k, std::size_t j, const double* hot) {
+        level2variance(pass, k, hot, unit);
+        unpack(pass.p, unit.level2.PV.data(), all.uvariance.data() + j * p * p);
+      },
+      [](int) {}, reading(pass.store.hot));
+  return all;
 }
 
 }  // namespace kdr

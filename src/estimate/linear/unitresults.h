@@ -40,11 +40,22 @@ void level3results(const Pass& pass, int k, double missing, UnitResults& results
 // Level-2 unit number `unit` (in the order of the store) of the level-3 unit at hand: EB, FV and EC.
 void level2coefficients(const Pass& pass, std::size_t unit, const double* hot, const double* cold,
                         UnitResults& results);
+// The same unit's PV.
+void level2variance(const Pass& pass, int k, const double* hot, UnitResults& results);
 // The same unit's OL, `missing` throughout where it has no least-squares fit, and PV.
 void level2residuals(const Pass& pass, int k, const double* hot, const double* cold, double missing,
                      UnitResults& results);
 
 // The posterior means of level 2 of a finished pass, p for each unit in the order of the store.
 [[nodiscard]] Array<double> posteriormeans2(Pass& pass);
+
+// Posterior means and covariances of all units of a finished pass: p and p squared for each level-2 unit in the order
+// of the store, b and b squared for each level-3 unit.
+struct Posteriors {
+  Array<double> u, uvariance;
+  Array<double> v, vvariance;
+};
+// What the store lacks at the end is told by its failure.
+[[nodiscard]] Posteriors posteriors(Pass& pass);
 
 }  // namespace kdr

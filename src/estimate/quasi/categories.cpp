@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
+#include <set>
+#include <string>
 
 #include "core/formatted.h"
 #include "estimate/linear/recordunits.h"
@@ -45,6 +48,26 @@ Failure readcategories(const Analysis& analysis, CategoryTable& table) {
   }
   if (units.failure) return units.failure;
   return table.value.size() < at(categories) ? wrongcount(analysis, "less") : Failure{};
+}
+
+Array<Name> categorylabels(const double* values, int n) {
+  Array<Name> labels(static_cast<std::size_t>(n));
+  const auto distinct = [&] {
+    std::set<std::string> texts;
+    for (const Name& label : labels) texts.insert(label.text);
+    return texts.size() == labels.size();
+  };
+  const auto label = [&](const char* format, int digits, int width) {
+    for (int k = 0; k < n; ++k) {
+      char text[400];
+      std::snprintf(text, sizeof text, format, digits, values[k]);
+      Name& name = labels[static_cast<std::size_t>(k)];
+      std::snprintf(name.text, sizeof name.text, "%.*s", width, text);
+    }
+  };
+  label("%.*f", 0, 4);
+  for (int digits = 1; digits <= 12 && !distinct(); ++digits) label("%.*g", digits, 12);
+  return labels;
 }
 
 std::vector<double> startingprobabilities(const Outcome& outcome, const CategoryTable& table) {

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "core/failure.h"
+#include "core/names.h"
 #include "core/outcome.h"
 #include "estimate/analysis.h"
 #include "kernel/array.h"
@@ -21,6 +22,10 @@ struct CategoryTable {
 // Reads the outcome of all records that the analysis keeps and fills the table. Fails when there are more or fewer than
 // the categories that the model tells.
 [[nodiscard]] Failure readcategories(const Analysis& analysis, CategoryTable& table);
+
+// The labels of n categories with these values, all different: whole numbers in at most 4 characters, or, when two
+// categories would then look the same, as many digits for all as it takes, up to the 12 characters of a name.
+[[nodiscard]] Array<Name> categorylabels(const double* values, int n);
 
 // The M probabilities of the first working values: the proportions, cumulated in an ordinal run; those of equally
 // frequent categories when one has less than 0.15.

@@ -1,4 +1,4 @@
-#include "report/resultstable.h"
+#include "document/resultstable.h"
 
 #include <nlohmann/json.hpp>
 

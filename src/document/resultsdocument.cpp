@@ -1,0 +1,302 @@
+#include "document/resultsdocument.h"
+
+#include <cmath>
+#include <utility>
+
+#include "core/version.h"
+#include "document/effects.h"
+#include "document/resultstable.h"
+#include "document/variances.h"
+#include "estimate/inference/settled.h"
+
+namespace kdr {
+
+namespace {
+
+// Likelihood.
+
+// Deviance and criteria; nulls where the likelihood is that of no model of the outcome.
+// The criteria are made of the marginal log-likelihood where there is one.
+void addlikelihood(Json& phase, const Subject& subject, double loglik, bool comparable, long long parameters,
+                   double marginal = missingcode) {
+  const double deviance = -2.0 * loglik, criterion = marginal == missingcode ? deviance : -2.0 * marginal;
+  const bool has = comparable && loglik != missingcode && std::isfinite(deviance);
+  const auto count = static_cast<double>(parameters);
+  phase["log_likelihood"] = number(loglik);
+  phase["deviance"] = whenever(has, deviance);
+  phase["parameters"] = parameters;
+  phase["aic"] = whenever(has, criterion + 2.0 * count);
+  phase["bic"] = whenever(has, criterion + count * std::log(static_cast<double>(subject.records)));
+  phase["bic_sample_size"] = whenever(has, subject.records);
+  Json comparison;
+  if (has && subject.alternative) {
+    const DevianceComparison made = comparisonof(deviance, parameters, *subject.alternative, subject.model);
+    const bool possible = made.impossible.empty();
+    addtest(comparison, made.chisquare);
+    comparison["p"] = whenever(possible, comparison["p"]);
+    comparison["mixture_p"] = whenever(possible && made.mixture, number(made.mixturep));
+    comparison["impossible"] = textornull(made.impossible);
+  }
+  phase["model_comparison"] = std::move(comparison);
+}
+
+// Phases.
+
+const char* phasename(const PassResults& results) {
+  switch (results.kind) {
+    case PassKind::linear:
+      return results.heterogeneous ? "heterogeneous" : "final";
+    case PassKind::identity:
+      return "identity";
+    case PassKind::pql:
+    case PassKind::categories:
+      return "pql";
+    case PassKind::populationaverage:
+      return "population_average";
+    case PassKind::laplace6:
+      return "laplace6";
+    default:
+      return "quadrature";
+  }
+}
+
+const char* endingname(Ending ending) {
+  return ending == Ending::converged ? "converged" : ending == Ending::limit ? "limit" : "keyboard";
+}
+
+bool isengine(const PassResults& results) {
+  return results.kind == PassKind::laplace6 || results.kind == PassKind::quadrature;
+}
+
+constexpr const char* fewunits = "The robust standard errors are for data with a larger number of level-3 units.";
+constexpr const char* norobust = "The robust standard errors cannot be computed for this model.";
+
+Json warningsof(const PassResults& results) {
+  Json warnings = Json::array();
+  for (const std::string& warning : results.warnings) warnings.push_back(warning);
+  if (results.errors.asked && !results.errors.known && !results.tausstand())
+    warnings.push_back("Standard errors of the variance components are not computable.");
+  const bool hasrobust = results.kind != PassKind::identity && !isengine(results) && !results.heterogeneous;
+  if (hasrobust && results.robust.empty()) warnings.push_back(norobust);
+  if (hasrobust && !results.robust.empty() && results.fewunits) warnings.push_back(fewunits);
+  return warnings;
+}
+
+void addpoints(Json& phase, const Coefficients& coef, const PassResults& results) {
+  const QuadraturePoints& made = results.quadrature;
+  phase["points"] = made.points;
+  phase["check"] = made.next == 0 ? Json()
+                                  : Json{{"points", made.next},
+                                         {"log_likelihood_change", number(made.change)},
+                                         {"largest_standard_error_change", number(made.errorchange)}};
+  phase["tau_pi"]["at_edge"] = edges(coef.ntaupi, results.errors.edgepi);
+  phase["tau_beta"]["at_edge"] = edges(coef.ntaubeta, results.errors.edgebeta);
+}
+
+void addvariances(Json& phase, const Subject& subject, const PassResults& results) {
+  const Model& model = subject.model;
+  const bool stand = results.tausstand(), errors = results.errors.known, linear = model.outcome.linear();
+  const Estimates& est = results.est;
+  const Reliabilities& rel = results.reliabilities;
+  const bool held = results.fixsigma2 != 0.0, heldbyvariable = linear && model.autovknown != 0;
+  phase["sigma2"] = isengine(results)
+                        ? Json()
+                        : sigma2of(heldbyvariable ? missingcode : est.sigma2, held, errors, results.errors.sigma2);
+  phase["tau_pi"] = stand || results.heterogeneous
+                        ? Json()
+                        : taumatrix(subject, Tau::pi,
+                                    {model.coef.ntaupi, &est.taupi, errors ? &results.errors.taupi : nullptr,
+                                     &rel.level2, rel.units2});
+  phase["tau_beta"] =
+      stand
+          ? Json()
+          : taumatrix(subject, Tau::beta,
+                      {model.coef.ntaubeta, &est.taubeta,
+                       errors && !results.heterogeneous ? &results.errors.taubeta : nullptr, &rel.level3, rel.units3});
+  const bool tested = !stand && !isengine(results) && results.kind != PassKind::identity && !results.heterogeneous;
+  phase["variance_tests"] = tested ? variancetests(est.taupi, est.taubeta, results.tests) : Json();
+}
+
+// A phase takes the place of an earlier one of its name.
+void place(ResultsDocument& document, Json phase) {
+  std::erase_if(document.phases, [&](const Json& earlier) { return earlier["phase"] == phase["phase"]; });
+  document.phases.push_back(std::move(phase));
+}
+
+// A phase with all its keys, nulls but for these.
+Json emptyphase(const char* name, Json ending, Json converged) {
+  Json phase{{"phase", name},
+             {"macro_iteration", nullptr},
+             {"iterations", nullptr},
+             {"ending", std::move(ending)},
+             {"converged", std::move(converged)}};
+  for (const char* key :
+       {"log_likelihood", "deviance", "parameters", "aic", "bic", "bic_sample_size", "model_comparison",
+        "marginal_log_likelihood", "sigma2", "tau_pi", "tau_beta", "variance_tests", "intraclass_correlation"})
+    phase[key] = nullptr;
+  return phase;
+}
+
+Json phaseof(const Subject& subject, const PassResults& results) {
+  Json phase = emptyphase(phasename(results), endingname(results.ending), results.ending == Ending::converged);
+  phase["macro_iteration"] = whenever(results.macro != 0, results.macro);
+  phase["iterations"] = results.iteration;
+  addlikelihood(phase, subject, results.loglik, results.kind == PassKind::linear || isengine(results),
+                results.parameters, results.marginal);
+  phase["marginal_log_likelihood"] = number(results.marginal);
+  addvariances(phase, subject, results);
+  if (!results.heterogeneous && results.kind == PassKind::linear)
+    phase["intraclass_correlation"] =
+        intraclass(subject.model, results.est.sigma2, results.est.taupi, results.est.taubeta);
+  addeffects(phase, subject, results.est.gammahat, results.effects, results.robusteffects,
+             results.kind != PassKind::identity);
+  phase["warnings"] = warningsof(results);
+  for (const std::string& note : results.notes) phase["warnings"].push_back(note);
+  if (results.kind == PassKind::quadrature) addpoints(phase, subject.model.coef, results);
+  return phase;
+}
+
+Json averagedphase(const Subject& subject, const char* name, const PooledEffects& effects) {
+  Json phase = emptyphase(name, nullptr, nullptr);
+  addeffects(phase, subject, effects.gamma, effects.model.effects, effects.robust.effects, true);
+  phase["warnings"] = Json::array();
+  if (!effects.robust.known) phase["warnings"].push_back(norobust);
+  return phase;
+}
+
+void unsettled(ResultsDocument& document, const PassResults& results) {
+  const std::string words = unsettledwords(results);
+  if (words.empty()) return;
+  document.converged = false;
+  document.warnings.push_back(words);
+}
+
+// What is known of the phase that was added last, where its pass alone does not tell.
+void settle(ResultsDocument& document, bool converged) {
+  if (document.phases.empty()) return;
+  Json& phase = document.phases.back();
+  phase["converged"] = converged;
+  if (converged || phase["ending"] == endingname(Ending::converged))
+    phase["ending"] = endingname(converged ? Ending::converged : Ending::limit);
+}
+
+Json allwarnings(const ResultsDocument& document, const Model& model, const Json& converged) {
+  Json warnings = document.warnings;
+  if (converged == false)
+    for (const Json& phase : document.phases)
+      if (phase["converged"] == false && phase["phase"] != "identity" &&
+          !(phase["phase"] == "population_average" && model.restrictions.fixsigma2))
+        warnings.push_back("The iterations of the phase " + phase["phase"].get<std::string>() +
+                           " were stopped prior to convergence.");
+  for (const Json& phase : document.phases)
+    if (const Json& compared = phase["model_comparison"]; !compared.is_null() && !compared["impossible"].is_null())
+      warnings.push_back("The models of DEVIANCE: cannot be compared. " + compared["impossible"].get<std::string>());
+  return warnings;
+}
+
+}  // namespace
+
+void addphase(ResultsDocument& document, const Subject& subject, const PassResults& results) {
+  place(document, phaseof(subject, results));
+  // The population average needs no iteration of its own while sigma^2 is held.
+  const bool linear = results.kind == PassKind::linear && results.loglik != missingcode;
+  const bool average = results.tausstand() && (results.ending == Ending::keyboard || results.fixsigma2 == 0.0);
+  if ((linear || average) && results.ending != Ending::converged) document.converged = false;
+  if (linear && !results.heterogeneous && results.ending == Ending::converged) unsettled(document, results);
+}
+
+void addphase(ResultsDocument& document, const Subject& subject, const PassResults& results, const Array<double>& mean,
+              const Array<double>& weighted) {
+  Json phase = phaseof(subject, results);
+  phase["tau_pi_average"] = square(subject.model.coef.ntaupi, mean);
+  phase["tau_pi_weighted_average"] = square(subject.model.coef.ntaupi, weighted);
+  place(document, std::move(phase));
+}
+
+void addphase(ResultsDocument& document, const Subject& subject, const LeastSquaresResults& results) {
+  Json phase = emptyphase("least_squares", nullptr, true);
+  addlikelihood(phase, subject, results.loglik, true, results.parameters);
+  phase["model_comparison"] = nullptr;
+  phase["sigma2"] = sigma2of(results.sigma2, false, false, 0.0);
+  addeffects(phase, subject, results.gamma, results.effects, results.robusteffects, false);
+  phase["warnings"] = Json::array();
+  if (results.robust.empty()) {
+    phase["warnings"].push_back(norobust);
+  } else if (results.fewunits) {
+    phase["warnings"].push_back(fewunits);
+  }
+  place(document, std::move(phase));
+}
+
+void addphases(ResultsDocument& document, const Subject& subject, const Pooled& pooled) {
+  Json phase = averagedphase(subject, "average", pooled.effects);
+  const int q = static_cast<int>(pooled.reliability2.size()), r = static_cast<int>(pooled.reliability3.size());
+  phase["subruns"] = pooled.M;
+  phase["sigma2"] = sigma2of(pooled.sigma2, pooled.sigma2fixed, pooled.errorsknown, pooled.sigma2error);
+  phase["tau_pi"] = taumatrix(
+      subject, Tau::pi,
+      {q, &pooled.taupi, pooled.errorsknown ? &pooled.taupierrors : nullptr, &pooled.reliability2, pooled.units2});
+  phase["tau_beta"] = taumatrix(
+      subject, Tau::beta,
+      {r, &pooled.taubeta, pooled.errorsknown ? &pooled.taubetaerrors : nullptr, &pooled.reliability3, pooled.units3});
+  phase["variance_tests"] = variancetests(pooled.taupi, pooled.taubeta, pooled.tests);
+  phase["intraclass_correlation"] = intraclass(subject.model, pooled.sigma2, pooled.taupi, pooled.taubeta);
+  place(document, std::move(phase));
+  if (pooled.popaverage.gamma.empty()) return;
+  Json average = averagedphase(subject, "average_population_average", pooled.popaverage);
+  average["subruns"] = pooled.M;
+  place(document, std::move(average));
+}
+
+void addengine(ResultsDocument& document, const Subject& subject, const EngineStage& stage, bool fixednodes) {
+  const bool laplace = stage.engine == Engine::laplace6, estimated = stage.fit.end == EngineEnd::estimated;
+  if (!stage.takenover || stage.results.ending != Ending::converged) document.converged = false;
+  if (estimated && (!laplace || stage.takenover)) addphase(document, subject, stage.results);
+  if (laplace) {
+    if (!stage.takenover)
+      document.warnings.emplace_back(
+          "Fisher scoring is unable to compute a Laplace-6 estimate within the parameter space.");
+    return;
+  }
+  if (!estimated) {
+    if (stage.fit.failure != EngineFailure::none)
+      document.warnings.push_back(problemwords(stage.engine, stage.fit.failure));
+    document.warnings.insert(document.warnings.end(), stage.fit.warnings.begin(), stage.fit.warnings.end());
+  }
+  document.warnings.insert(document.warnings.end(), stage.behind.begin(), stage.behind.end());
+  // Points that fail their check are no end that was asked for.
+  const bool failedcheck = !fixednodes && stage.results.ending == Ending::converged && !stage.results.warnings.empty();
+  if (failedcheck) document.converged = false;
+  if (estimated && (!stage.takenover || failedcheck)) settle(document, false);
+}
+
+void addmacroend(ResultsDocument& document, const MacroEvent& event) {
+  if (event.results.kind != PassKind::identity) settle(document, event.end == MacroEnd::converged);
+  if (event.end == MacroEnd::goeson) return;
+  if (event.end != MacroEnd::converged) document.converged = false;
+  unsettled(document, event.results);
+}
+
+Json wholedocument(const ResultsDocument& document, const Subject& subject, const DocumentFrame& frame) {
+  return {{"format", "kdr3 results"},
+          {"format_version", 3},
+          {"program", module},
+          {"version", version},
+          {"title", frame.title},
+          {"data", {{"mdm_file", textornull(frame.mdmfile)}, {"command_file", textornull(frame.commandfile)}}},
+          {"dimensions",
+           {{"records", subject.records}, {"level2_units", subject.units2}, {"level3_units", subject.units3}}},
+          {"model", describedmodel(subject)},
+          {"series", frame.series},
+          {"converged", frame.converged},
+          {"phases", document.phases},
+          {"warnings", allwarnings(document, subject.model, frame.converged)},
+          {"files", frame.files},
+          {"checksums", frame.checksums}};
+}
+
+std::string documenttext(const Json& whole, bool table) {
+  return table ? resultstable(whole) : whole.dump(1, ' ', false, Json::error_handler_t::replace) + "\n";
+}
+
+}  // namespace kdr

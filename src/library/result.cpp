@@ -1,0 +1,128 @@
+// What a result of the C interface hands out.
+#include "library/result.h"
+
+#include <algorithm>
+#include <limits>
+
+#include "kernel/sizes.h"
+
+namespace kdr::library {
+
+namespace {
+
+constexpr double absent = std::numeric_limits<double>::quiet_NaN();
+double known(double value) { return value == missingcode ? absent : value; }
+
+void put(const Array<double>& values, std::size_t n, double* to) {
+  if (to == nullptr) return;
+  for (std::size_t i = 0; i < n; ++i) to[i] = i < values.size() ? known(values[i]) : absent;
+}
+
+void putall(const Array<double>& values, double* to) {
+  if (to != nullptr) std::ranges::copy(values, to);
+}
+
+}  // namespace
+
+}  // namespace kdr::library
+
+using namespace kdr;
+using namespace kdr::library;
+
+kdr3_status kdr3_result_summary(const kdr3_result* result, kdr3_summary* summary) {
+  if (result == nullptr || summary == nullptr || summary->size < sizeof(kdr3_summary))
+    return error("A summary needs its result and a struct whose size is set.");
+  const PassResults& results = result->results;
+  const bool quasi = results.kind == PassKind::pql || results.kind == PassKind::categories;
+  const std::size_t size = summary->size;
+  *summary = {};
+  summary->size = size;
+  summary->converged = results.ending == Ending::converged ? 1 : 0;
+  summary->iterations = quasi ? results.macro : results.iteration;
+  summary->records = at(result->counts.records);
+  summary->units2 = at(result->counts.units2);
+  summary->units3 = at(result->counts.units3);
+  summary->fixedeffects = result->g;
+  summary->random2 = at(result->p);
+  summary->random3 = at(result->b);
+  summary->parameters = static_cast<std::size_t>(results.parameters);
+  summary->loglikelihood = results.kind == PassKind::linear ? known(results.loglik) : known(results.marginal);
+  summary->sigma2 = results.est.sigma2;
+  return KDR3_OK;
+}
+
+kdr3_status kdr3_result_fixed(const kdr3_result* result, double* estimates, double* covariance, double* robust,
+                              double* df) {
+  if (result == nullptr) return error("The result is missing.");
+  const PassResults& results = result->results;
+  const std::size_t g = result->g;
+  put(results.est.gammahat, g, estimates);
+  put(results.covariance, g * g, covariance);
+  put(results.robust, g * g, robust);
+  if (df != nullptr)
+    for (std::size_t i = 0; i < g; ++i) df[i] = i < results.degrees.df.size() ? results.degrees.df[i] : absent;
+  return KDR3_OK;
+}
+
+const char* kdr3_result_name(const kdr3_result* result, size_t i) {
+  return result != nullptr && i < result->names.size() ? result->names[i].c_str() : nullptr;
+}
+
+kdr3_status kdr3_result_variances(const kdr3_result* result, double* taupi, double* taubeta, double* taupierrors,
+                                  double* taubetaerrors, double* sigma2error) {
+  if (result == nullptr) return error("The result is missing.");
+  const PassResults& results = result->results;
+  const std::size_t p = square(result->p), b = square(result->b);
+  put(results.est.taupi, p, taupi);
+  put(results.est.taubeta, b, taubeta);
+  put(results.errors.taupi, p, taupierrors);
+  put(results.errors.taubeta, b, taubetaerrors);
+  if (sigma2error != nullptr)
+    *sigma2error = results.errors.known && results.fixsigma2 == 0.0 && results.kind == PassKind::linear
+                       ? known(results.errors.sigma2)
+                       : absent;
+  return KDR3_OK;
+}
+
+kdr3_status kdr3_result_effects(const kdr3_result* result, double* level2, double* level3) {
+  if (result == nullptr) return error("The result is missing.");
+  putall(result->posteriors.u, level2);
+  putall(result->posteriors.v, level3);
+  return KDR3_OK;
+}
+
+kdr3_status kdr3_result_effectvariances(const kdr3_result* result, double* level2, double* level3) {
+  if (result == nullptr) return error("The result is missing.");
+  putall(result->posteriors.uvariance, level2);
+  putall(result->posteriors.vvariance, level3);
+  return KDR3_OK;
+}
+
+kdr3_status kdr3_result_test(const kdr3_result* result, size_t i, int robust, kdr3_test* test) {
+  if (result == nullptr || test == nullptr || test->size < sizeof(kdr3_test))
+    return error("A test needs its result and a struct whose size is set.");
+  const EffectTable& table = robust != 0 ? result->results.robusteffects : result->results.effects;
+  const std::size_t size = test->size;
+  *test = {};
+  test->size = size;
+  test->chisquare = test->p = absent;
+  if (table.rows.empty()) return KDR3_OK;
+  if (i >= table.hypotheses.size()) return error("There is no hypothesis of that number.");
+  const WaldTest& wald = table.hypotheses[i];
+  test->df = wald.r;
+  if (!wald.computed) return KDR3_OK;
+  test->chisquare = wald.chisquare.statistic;
+  test->p = wald.chisquare.p;
+  return KDR3_OK;
+}
+
+const char* kdr3_result_document(const kdr3_result* result, kdr3_form form) {
+  if (result == nullptr) return nullptr;
+  return form == KDR3_CSV ? result->table.c_str() : result->json.c_str();
+}
+
+const char* kdr3_result_warning(const kdr3_result* result, size_t i) {
+  return result != nullptr && i < result->warnings.size() ? result->warnings[i].c_str() : nullptr;
+}
+
+void kdr3_result_free(kdr3_result* result) { delete result; }

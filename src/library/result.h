@@ -1,0 +1,19 @@
+// What stands behind the handle of a result.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "core/results.h"
+#include "estimate/linear/unitresults.h"
+#include "library/handles.h"
+
+struct kdr3_result {
+  kdr::PassResults results;  // of the phase that the run ends with: an engine where there is one
+  kdr::UnitCounts counts;
+  int p = 0, b = 0;
+  std::size_t g = 0;
+  std::vector<std::string> names, warnings;
+  kdr::Posteriors posteriors;
+  std::string json, table;  // the results document
+};

@@ -1,0 +1,136 @@
+"""The library against the program: the same model by the C header and by a command file gives the same results document,
+and the random effects that the program writes into its residual files.
+
+    library_test.py <program>
+"""
+import json
+import os
+import pathlib
+import subprocess
+import sys
+
+import jsonschema
+
+from program import NOFILES, REFERENCE, ROOT, Checks, madefolder, run
+from residualfiles import readfree
+
+SCHEMA = jsonschema.Draft202012Validator(json.loads((ROOT / "docs" / "results.schema.json").read_text()))
+FAMILIES = ["N", "BERNOULLI", "BINOMIAL", "POISSON", "MULTINOMIAL", "ORDINAL"]
+LETTER = {"": 0, ",1": 1, ",2": 2}
+
+# Level-1 terms, each with its level-2 terms, each with its level-3 terms: name, centering, random.
+SLOPES = [("", "", 1, [("", "", 1, [("", ""), ("Q1", ",2")]), ("Z1", ",2", 0, [("", "")])]),
+          ("X1", ",1", 1, [("", "", 1, [("", "")])]), ("X2", ",2", 0, [("", "", 0, [("", "")])])]
+INTERCEPTS = [("", "", 1, [("", "", 1, [("", "")])]), ("X2", "", 0, [("", "", 0, [("", "")])])]
+
+
+class Model:
+    def __init__(self, outcome, family, terms, counts="", categories=0, keywords="", calls=()):
+        """`keywords` of the command file, a line each, and what they are as calls of the library: `set` alike for all
+        with a number, the others are in `calls`."""
+        kind = FAMILIES[family] + (f",{categories}" if categories else f",{counts}" if counts else "")
+        thresholds = "".join(f"+THOLD{c}" for c in range(2, categories)) if family == 5 else ""
+        sets = categories - 1 if family == 4 else 1
+        self.lines, self.calls = [f"NONLIN:{kind}"], [f"make {outcome} {counts or '-'} {family} {categories}"]
+        first = "+".join((name or "INTRCPT1") + letter for name, letter, _, _ in terms)
+        for _ in range(sets):
+            self.lines += [f"LEVEL1:{outcome}={first}{thresholds}+RANDOM"]
+            for name, _, random, level2 in terms:
+                second = "+".join((n or "INTRCPT2") + letter for n, letter, _, _ in level2)
+                self.lines += [f"LEVEL2:{name or 'INTRCPT1'}={second}{'+RANDOM' if random else ''}/"]
+                for n, _, varies, level3 in level2:
+                    third = "+".join((v or "INTRCPT3") + letter for v, letter in level3)
+                    self.lines += [f"LEVEL3:{n or 'INTRCPT2'}={third}{'+RANDOM' if varies else ''}/"]
+        place = 0
+        for c, (name, letter, random, level2) in enumerate(terms):
+            self.calls += [f"level1 {name or '-'} {LETTER[letter]} {random}"]
+            for n, after, varies, level3 in level2:
+                self.calls += [f"level2 {c} {n or '-'} {LETTER[after]} {varies}"]
+                self.calls += [f"level3 {place} {v or '-'} {LETTER[behind]}" for v, behind in level3]
+                place += 1
+        self.lines += ["LEVEL1DELETION:NONE", "LVR-BETA:N"] + keywords.split()
+        if "CONSTRAIN" not in keywords:
+            self.lines += ["CONSTRAIN:N"]
+        self.lines += ["HYPOTH:N", "TITLE:", "OUTPUT:out.txt", "RESULTS:out.json", "RESFILTYPE:FREEFORMAT", "RESFIL1:N",
+                       "RESFIL2:Y", "RESFIL3:Y"]
+        self.calls += list(calls)
+
+
+LINEAR = "NUMIT:300,N"
+CHAIN = "MACROIT:60,N MICROIT:200"
+SETCHAIN = ["set MACROIT 60", "set MICROIT 200"]
+MODELS = {
+    "linear": Model("X1", 0, INTERCEPTS, keywords=LINEAR, calls=["set NUMIT 300"]),
+    "slopes": Model("YPOIS", 0, SLOPES, keywords=LINEAR + " FISHERTYPE:1 GAMMA1:0,0,1,0,0 GAMMA1:0,0,0,1,0 GAMMA2:1,0,0,-1,0",
+                    calls=["set NUMIT 300", "set FISHERTYPE 1", "hypothesis 2 5 0 0 1 0 0 0 0 0 1 0", "hypothesis 1 5 1 0 0 -1 0"]),
+    "constrained": Model("YPOIS", 0, SLOPES, keywords=LINEAR + " CONSTRAIN:0,1,0,1,0 GAMMA1:1,0,0,-1,0",
+                         calls=["set NUMIT 300", "constrain 5 0 1 0 1 0", "hypothesis 1 5 1 0 0 -1 0"]),
+    "restricted": Model("YPOIS", 0, SLOPES, keywords=LINEAR + " ESTTAU2:E,0.1,E CONTAU3:1,3",
+                        calls=["set NUMIT 300", "restrict 2 2 nan 0.1 0.1 nan 0 0 0 0", "restrict 3 2 nan nan nan nan 1 0 0 1"]),
+    "weighted": Model("X1", 0, INTERCEPTS, keywords=LINEAR + " LEVEL1WEIGHT:W1 LEVEL2WEIGHT:W2 FIXSIGMA2:0.8",
+                      calls=["set NUMIT 300", "weights W1 W2 - -", "set FIXSIGMA2 0.8"]),
+    "stopped": Model("X1", 0, INTERCEPTS, keywords="NUMIT:2,N", calls=["set NUMIT 2"]),
+    "pql": Model("YBERN", 1, SLOPES, keywords=CHAIN + " FIXSIGMA2:1.0 GAMMA1:0,0,1,-1,0",
+                 calls=SETCHAIN + ["set FIXSIGMA2 1", "hypothesis 1 5 0 0 1 -1 0"]),
+    "short": Model("YBIN", 2, INTERCEPTS, "NTRIAL", keywords="MACROIT:2,N MICROIT:200", calls=["set MACROIT 2", "set MICROIT 200"]),
+    "laplace": Model("YBERN", 1, INTERCEPTS, keywords=CHAIN + " LAPLACE:Y,20", calls=SETCHAIN + ["set LAPLACE 20"]),
+    "quadrature": Model("YPOIS", 3, INTERCEPTS, keywords=CHAIN + " AGQ:Y,40,9", calls=SETCHAIN + ["set AGQ 9", "set AGQIT 40"]),
+    "too few points": Model("YPOIS", 3, INTERCEPTS, keywords=CHAIN + " AGQ:Y,20,3", calls=SETCHAIN + ["set AGQ 3", "set AGQIT 20"]),
+    "multinomial": Model("YMUL3", 4, INTERCEPTS, categories=3, keywords=CHAIN, calls=SETCHAIN),
+    "ordinal": Model("YORD5", 5, INTERCEPTS, categories=5, keywords=CHAIN, calls=SETCHAIN),
+}
+
+
+def library(client, folder, model):
+    """The results document, and the rows of means and covariances of each level."""
+    done = subprocess.run([client], cwd=folder, input="\n".join(["open nonlin.mdm", *model.calls, "fit"]) + "\n",
+                          capture_output=True, text=True, timeout=300)
+    text, _, rest = done.stdout.partition("\n}\n")
+    if done.returncode != 0:
+        raise ValueError(done.stdout + done.stderr)
+    rows = {level: [[float(x) for x in line.split()[1:]] for line in rest.splitlines() if line.startswith(level)]
+            for level in ("level2", "level3")}
+    return json.loads(text + "}"), rows
+
+
+def compare(check, name, program, client, folder):
+    model = MODELS[name]
+    pathlib.Path(folder, "run.kdr").write_text("\n".join(model.lines) + "\n")
+    code, said = run(program, folder, "nonlin.mdm", "run.kdr")
+    check(code == 0, f"{name}: the program ended with code {code}\n{said[-600:]}")
+    want = json.loads(pathlib.Path(folder, "out.json").read_text())
+    found, rows = library(client, folder, model)
+    check(not (errors := [e.message for e in SCHEMA.iter_errors(found)]), f"{name}: {errors[:3]}")
+    for member in want:
+        if member in ("data", "files", "checksums"):
+            continue
+        for one, two in zip(want[member], found[member]) if member == "phases" else [(want[member], found[member])]:
+            different = [key for key in one if one[key] != two.get(key)] if isinstance(one, dict) else [two]
+            check(one == two, f"{name}: {member} {one['phase'] if member == 'phases' else one} differs in {different}")
+        if member == "phases":
+            check.equal(f"{name}: phases", len(found[member]), len(want[member]))
+    # Posterior means EB... and the lower triangle of the covariances PV... of the residual files, to their digits.
+    for level, file in (("level2", "resfil2.dat"), ("level3", "resfil3.dat")):
+        table = readfree(os.path.join(folder, file), int(level[-1]))
+        eb = [i for i, column in enumerate(table.names) if column.startswith("EB")]
+        pv = [i for i, column in enumerate(table.names) if column.startswith("PV")]
+        n = len(eb)
+        triangle = [n + i * n + j for i in range(n) for j in range(i + 1)]
+        check(len(table.rows) == len(rows[level]) and n > 0 and len(pv) == len(triangle), f"{name}: {level}: {table.names}")
+        for printed, row in zip(table.rows, rows[level]):
+            for i, j in list(zip(eb, range(n))) + list(zip(pv, triangle)):
+                check(abs(printed[i] - row[j]) <= 6e-6 * max(1, abs(row[j])), f"{name}: {level}: {printed} beside {row}")
+
+
+def main():
+    program = str(pathlib.Path(sys.argv[1]).resolve())
+    client = str(pathlib.Path(program).parent / "library_client")
+    check = Checks()
+    folder = madefolder(program, REFERENCE / "nonlinear", "nonlin.mdmt")
+    for name in sys.argv[2:] or MODELS:
+        compare(check, name, program, client, folder)
+    check.finish()
+
+
+if __name__ == "__main__":
+    main()
