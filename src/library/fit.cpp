@@ -55,6 +55,7 @@ Subject subjectof(const kdr3_model& given, const Values& values) {
   subject.records = mdm.nunits1;
   subject.units2 = mdm.nunits2;
   subject.units3 = mdm.nunits3;
+  subject.twolevel = mdm.twolevel();
   return subject;
 }
 
@@ -187,6 +188,7 @@ kdr3_status kdr3_fit(const kdr3_model* model, const kdr3_observer* observer, kdr
     result->g = result->results.est.gammahat.size();
     result->names = namesof(*model, values.model);
     finish(fit);
+    if (values.mdm.twolevel()) result->counts.units3 = 0;
     *made = result.release();
     return (*made)->warnings.empty() ? KDR3_OK : KDR3_WARNING;
   });
