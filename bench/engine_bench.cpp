@@ -46,7 +46,11 @@ void makepass(Pass& pass, int p, int b) {
 
   std::mt19937 rng(1);
   std::normal_distribution<double> normal;
-  openstore(pass.store, {p, b, static_cast<std::size_t>(run.mdm.nunits2)});
+  StoreLayout layout;
+  layout.p = p;
+  layout.nb = b;
+  layout.nunits = static_cast<std::size_t>(run.mdm.nunits2);
+  openstore(pass.store, layout);
   const int columns = std::max(p, b);
   std::vector<double> A(size(20, columns)), Y(20);
   for (int k = 0; k < units3; ++k)

@@ -3,7 +3,7 @@
 Bernoulli records in level-2 units in level-3 units, two random intercepts (or with a slope too), from the MDM file to
 the report: penalised quasi-likelihood with the population-average pass, and the same with Laplace-6 or quadrature
 behind it. Seconds and peak memory of the whole process, the median of three runs after one to warm up. With --large the
-study of ten million records is added (one run, quasi-likelihood only).
+study of ten million records is added (one run, quasi-likelihood and quadrature).
 """
 import os
 import pathlib
@@ -52,10 +52,10 @@ def timed(program, folder):
 
 def main():
     program = str(pathlib.Path(sys.argv[1]).resolve())
-    studies = [((200, 50, 10), False, [("PQL", ""), ("Laplace-6", "LAPLACE:Y,50\n"), ("AGQ, 5 points", "AGQ:Y,50,5\n")], 3),
-               ((200, 50, 10), True, [("PQL", ""), ("AGQ, 5 points", "AGQ:Y,50,5\n")], 3)]
+    studies = [((200, 50, 10), False, [("PQL", ""), ("Laplace-6", "LAPLACE:Y,50\n"), ("AGQ, 1 point", "AGQ:Y,50,1\n"), ("AGQ, 5 points", "AGQ:Y,50,5\n"), ("AGQ, 7 points", "AGQ:Y,50,7\n")], 3),
+               ((200, 50, 10), True, [("PQL", ""), ("AGQ, 1 point", "AGQ:Y,50,1\n"), ("AGQ, 5 points", "AGQ:Y,50,5\n"), ("AGQ, 7 points", "AGQ:Y,50,7\n")], 3)]
     if "--large" in sys.argv:
-        studies.append(((1000, 1000, 10), False, [("PQL", "")], 1))
+        studies.append(((1000, 1000, 10), False, [("PQL", ""), ("AGQ, 5 points", "AGQ:Y,50,5\n")], 1))
     print("| records | level 2 | level 3 | slope | engine | seconds | CPU s | MB | macro iterations |")
     print("|---|---|---|---|---|---|---|---|---|")
     for sizes, slope, engines, repeats in studies:

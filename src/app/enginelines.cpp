@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include "core/formatted.h"
 #include "driver/failures.h"
@@ -73,6 +74,10 @@ void tellunconverged(const char* engine, const EngineStage& stage) {
   notconverged(std::string("The iterations of ") + engine + " were stopped prior to convergence.\n");
 }
 
+void tellwarnings(const std::vector<std::string>& warnings) {
+  for (const std::string& warning : warnings) std::printf("%s\n", warning.c_str());
+}
+
 void tellboth(const std::string& words) {
   reportline("%s", words.c_str());
   std::printf("%s\n", words.c_str());
@@ -86,8 +91,10 @@ void variancefiles(const char* taus, const char* gammas, const PassResults& resu
 
 void telllaplace(const EngineStage& stage) {
   const PassResults& results = stage.results;
+  const bool moving = !run.control.agqfixed;
+  if (moving) tellwarnings(stage.fit.warnings);
   if (!stage.takenover) {
-    laplacefailed();
+    laplacefailed(moving ? stage.fit.warnings : std::vector<std::string>{});
     notconverged("Unable to produce Laplace results.\n");
     markreport();
     return;
@@ -99,6 +106,8 @@ void telllaplace(const EngineStage& stage) {
   } else {
     reportline("Laplace-6 has made no iteration: the likelihood is that of quasi-likelihood.");
   }
+  // Terms of the sixth order that aren't small: the maximum is found, but may be none to go by.
+  if (moving && results.ending == Ending::converged && !results.warnings.empty()) notconverged("");
   modelstatistics(results);
   markreport();
   if (estimated) std::printf("The marginal log-likelihood = %E\n", results.marginal);
@@ -109,7 +118,7 @@ void tellquadrature(const EngineStage& stage) {
   const PassResults& results = stage.results;
   const bool estimated = stage.fit.end == EngineEnd::estimated, moving = !run.control.agqfixed;
   if (moving) {
-    for (const std::string& warning : stage.fit.warnings) std::printf("%s\n", warning.c_str());
+    tellwarnings(stage.fit.warnings);
     if (estimated)
       std::printf("%s\nThe marginal log-likelihood = %E\n", pointsline(results.quadrature).c_str(), results.marginal);
   }
@@ -148,6 +157,7 @@ void tellquadrature(const EngineStage& stage) {
 void tellenginestage(const EngineStage& stage) {
   documentengine(stage);
   stage.engine == Engine::laplace6 ? telllaplace(stage) : tellquadrature(stage);
+  if (stage.separated) notconverged("");
 }
 
 }  // namespace kdr

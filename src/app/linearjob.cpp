@@ -6,6 +6,7 @@
 #include "driver/failures.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
+#include "estimate/inference/modelstatistics.h"
 #include "estimate/inference/settled.h"
 #include "estimate/linear/exploratory.h"
 #include "estimate/linear/inference.h"
@@ -60,6 +61,7 @@ PassResults linearjob(const Analysis& analysis) {
   }
   if (iterated) {
     modelstatistics(results);
+    if (results.restricted && run.out.deviance) documentwarning(samefixedeffects);
   } else {
     reportline("No iterations were asked for, so there is no likelihood to report.");
   }

@@ -75,6 +75,11 @@ void tellmacro(int macro) {
 // The end of the population-average pass: words for one that was stopped before it had converged. While sigma^2 is
 // held, its first iteration gives the fixed effects, and the limit cuts off nothing.
 void averageends(const PassResults& results) {
+  if (results.unsettled && results.ending != Ending::keyboard) {
+    const std::string words = unsettledaverage(results);
+    notconverged(words + "\n");
+    reportwarning(words);
+  }
   const bool unfinished = results.ending == Ending::limit && results.fixsigma2 == 0.0;
   if (results.ending != Ending::keyboard && !unfinished) return;
   notconverged("The iterations of the population average were stopped prior to convergence.\n");
@@ -104,6 +109,23 @@ void tellpass(const ChainPass& pass) {
   if (pass.results.kind != PassKind::identity && haveexploratory(run.model)) exploratorytables(exploratory(pass.pass));
 }
 
+// Separation that the data show: on the console before the first pass, elsewhere behind the last one.
+void tellseparation(const Separation& found) {
+  for (const std::string& words : found.warnings) std::printf("%s\n", words.c_str());
+}
+
+// Effects without finite estimates at the end of the unit-specific phase.
+void separationends(const Separation& found) {
+  if (!found.known()) return;
+  notconverged("");
+  for (const std::string& words : found.warnings) {
+    std::printf("%s\n", words.c_str());
+    reportwarning(words);
+  }
+  // An effect without a finite estimate would spoil the averages.
+  if (run.series.mimode || run.series.pvmode) stopwith("A sub-run with separation is no part of a series.\n");
+}
+
 void tellmacroend(const MacroEvent& event) {
   const PassResults& results = event.results;
   documentmacroend(event);
@@ -124,7 +146,11 @@ void tellmacroend(const MacroEvent& event) {
           "WARNING: the macro iterations were stopped prior to convergence.\n"
           "You may want to re-run the analysis with a higher number of macro iterations.");
       break;
+    case MacroEnd::separated:
+      std::printf("The macro iterations end at iteration %d: there is no maximum to converge to.\n", event.macro);
+      break;
   }
+  separationends(event.separation);
   const std::string words = unsettledwords(results);
   if (words.empty()) return;
   notconverged(words + "\n");
@@ -171,6 +197,7 @@ void tellfailure(Failure failure) {
 }  // namespace
 
 void observechain(Observer& observer) {
+  observer.separation = tellseparation;
   observer.macrobegins = tellmacro;
   observer.passstands = tellpass;
   observer.macrocreeps = [](int) {
@@ -208,7 +235,7 @@ PassResults nonlinearjob(const Analysis& analysis, const CategoryTable& table) {
 
 void listnonlinearfiles() {
   if (run.out.printvc == VarianceFiles::none) return;
-  const bool errors = run.control.fishertype != 0;
+  const bool errors = run.control.fishertype != FisherType::none;
   const std::vector<std::string>& made = run.files.made;  // without those of an engine that has failed
   const bool laplace = std::find(made.begin(), made.end(), laplacetaufile) != made.end();
   reportbreak();

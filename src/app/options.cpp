@@ -35,15 +35,30 @@ constexpr const char* help =
     "Estimates the model of the command file from the data of the MDM file; - is a command file on standard input.\n"
     "Without files the program asks. Options may stand before and behind the files.\n"
     "\n"
+    "  -fit FORMULA FILE\n"
+    "                   fit the model of a formula to one long file: score ~ year + (year | school/pupil)\n"
+    "  -o STEM          with -fit: names of the files that are written, STEM.mdm .kdr .txt .json\n"
+    "  -family NAME     with -fit: gaussian, binomial, poisson, ordinal or multinomial\n"
+    "  -trials COLUMN, -exposure COLUMN\n"
+    "                   with -fit: trials of a binomial outcome, exposure of counts\n"
+    "  -engine NAME     with -fit: pql, laplace, laplace6 or quadrature\n"
+    "  -points N        with -fit: points of the quadrature, or auto\n"
+    "  -weights1 COLUMN, -weights2 COLUMN, -weights3 COLUMN\n"
+    "                   with -fit: design weights of a level\n"
+    "  -robust          with -fit: robust standard errors on the console\n"
+    "  -keyword LINE    with -fit: one more line of the command file, as in -keyword NUMIT:1000,N\n"
+    "  -page            with -fit: STEM.html, a page with tables and pictures\n"
     "  -r FILE          a template (.mdmt): make an MDM file; another file: answers to the questions\n"
     "  -from FILE [-level3 COLUMN] -level2 COLUMN\n"
     "                   make an MDM file from one long file\n"
     "  -level1 NAMES    with -from: variables that stay at level 1 though they do not vary within units\n"
-    "  -missing CODES   with -from: these numbers stand for missing values, as in -missing -9,999\n"
+    "  -factors         with -from: columns of names become columns of 0 and 1\n"
+    "  -missing CODES   with -from and -fit: these numbers stand for missing values, as in -missing -9,999\n"
     "  -q               end at once\n"
     "  -nowait          end when the next second begins\n"
     "  -w               end after a pause of some seconds\n"
     "  -results FILE    write the results as a document (.json) or a table (.csv)\n"
+    "  -reml            restricted maximum likelihood (LIKELIHOOD:REML)\n"
     "  -strict          stop at what the command file says in vain (code 8 or 100); code 20 when not converged\n"
     "  -i 1             keep the data in memory\n"
     "  -t N             threads of the maximum-likelihood engines\n"
@@ -150,6 +165,10 @@ bool wordoption(const std::string& word) {
     run.id.waitseconds = -1;
     fail(0);
   }
+  if (sameword(word, "-reml")) {
+    run.id.restricted = true;
+    return true;
+  }
   if (!sameword(word, "-strict")) return false;
   run.id.strict = true;
   return true;
@@ -174,6 +193,9 @@ std::string standardinput() {
 struct OneFileOptions {
   std::string from, level3, level2, missing;
   std::vector<std::string> level1;  // of each -level1
+  bool factors = false;
+  FitRequest fit;
+  bool page = false;
 };
 
 // The numbers of a list with commas.
@@ -201,6 +223,22 @@ std::vector<std::string> wordsof(const std::vector<std::string>& lists) {
   return names;
 }
 
+// The program that draws pages: beside this one, or found by its name.
+std::string pagemaker() {
+  constexpr const char* name = "kdr3-plot";
+  char self[maxpath] = {};
+  const ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
+  std::string folder(self, length > 0 ? static_cast<std::size_t>(length) : 0);
+  folder.resize(folder.rfind('/') + 1);
+  std::vector<std::string> places{folder};
+  const char* path = std::getenv("PATH");
+  if (path != nullptr)
+    for (const std::string& place : split(path, ':')) places.push_back(place.empty() ? "" : place + "/");
+  for (const std::string& place : places)
+    if (access((place + name).c_str(), X_OK) == 0) return place + name;
+  stopwith("-page needs the program %s, which is not installed.\n", name);
+}
+
 // The place for the argument of an option that is a whole word, or null when it is none.
 std::string* argumentof(OneFileOptions& options, const char* word) {
   if (strcasecmp(word, "-from") == 0) return &options.from;
@@ -209,7 +247,45 @@ std::string* argumentof(OneFileOptions& options, const char* word) {
   if (strcasecmp(word, "-level1") == 0) return &options.level1.emplace_back();
   if (strcasecmp(word, "-missing") == 0) return &options.missing;
   if (strcasecmp(word, "-results") == 0) return &run.files.results;
+  FitRequest& fit = options.fit;
+  const std::pair<const char*, std::string*> offit[] = {{"-fit", &fit.formula},         {"-o", &fit.stem},
+                                                        {"-family", &fit.family},       {"-trials", &fit.trials},
+                                                        {"-exposure", &fit.exposure},   {"-engine", &fit.engine},
+                                                        {"-points", &fit.points},       {"-weights1", &fit.weights[0]},
+                                                        {"-weights2", &fit.weights[1]}, {"-weights3", &fit.weights[2]}};
+  for (const auto& [name, place] : offit)
+    if (strcasecmp(word, name) == 0) return place;
+  if (strcasecmp(word, "-keyword") == 0) return &fit.keywords.emplace_back();
   return nullptr;
+}
+
+// Words without an argument that go with -from or -fit.
+bool markof(OneFileOptions& options, const std::string& word) {
+  if (sameword(word, "-factors")) return options.factors = true;
+  if (sameword(word, "-robust")) return options.fit.robust = true;
+  if (sameword(word, "-page")) return options.page = true;
+  return false;
+}
+
+// The one word behind the options is the file of -fit.
+void takefit(OneFileOptions& onefile, bool given, const std::vector<std::string>& files, Options& options) {
+  FitRequest& fit = onefile.fit;
+  const bool any = onefile.page || fit.robust || !fit.keywords.empty() ||
+                   !(fit.stem + fit.family + fit.trials + fit.exposure + fit.engine + fit.points + fit.weights[0] +
+                     fit.weights[1] + fit.weights[2])
+                        .empty();
+  if (!given) {
+    if (any) stopwith("-o, -family, -engine, -keyword and their like go with -fit FORMULA FILE.\n");
+    return;
+  }
+  if (files.size() != 1) stopwith("-fit takes a formula and one file of data: -fit 'y ~ x + (1 | a/b)' FILE\n");
+  if (!(onefile.from + onefile.level3 + onefile.level2).empty() || !onefile.level1.empty() || onefile.factors ||
+      options.templatejob || run.series.mimode || run.files.resultsgiven)
+    stopwith("-fit goes without -from, -level1, -level2, -level3, -factors, -r, -mi and -results.\n");
+  fit.file = files[0];
+  fit.missing = numbersof(onefile.missing);
+  fit.page = onefile.page ? pagemaker() : "";
+  options.fit = std::move(fit);
 }
 
 }  // namespace
@@ -220,7 +296,7 @@ Options readoptions(int argc, char** argv) {
   Options options;
   OneFileOptions onefile;
   std::vector<std::string> files;
-  bool optionsended = false;
+  bool optionsended = false, fitgiven = false;
   for (int next = 1; next < argc; ++next) {
     std::string word = argv[next];
     if (optionsended || word[0] != '-' || word == "-") {
@@ -243,9 +319,10 @@ Options readoptions(int argc, char** argv) {
       if (sign != std::string::npos) given = word.substr(sign + 1);
       word = word.substr(1, sign == std::string::npos ? sign : sign - 1);
     }
-    if (wordoption(word)) continue;
+    if (wordoption(word) || markof(onefile, word)) continue;
     if (std::string* value = argumentof(onefile, word.c_str())) {
       *value = given.empty() ? argument(word.substr(1)) : given;
+      fitgiven = fitgiven || value == &onefile.fit.formula;
       continue;
     }
     for (std::size_t at = 1; at < word.size(); ++at) {
@@ -274,15 +351,19 @@ Options readoptions(int argc, char** argv) {
     stopwith("-e (last multiple imputation) specified, but -m (multiple imputation) was not!\n");
   run.files.resultsgiven = !run.files.results.empty();
   if (overlong(run.files.results)) stopwith("The path is too long: %s\n", run.files.results.c_str());
+  takefit(onefile, fitgiven, files, options);
+  if (options.fit) return options;
   if (!files.empty()) run.files.mdmfile = files[0];
   if (files.size() > 1) run.files.cmdshown = run.files.cmdfile = files[1];
   if (run.files.cmdfile == "-") run.files.cmdfile = standardinput();
-  const bool wanted =
-      !(onefile.from + onefile.level3 + onefile.level2 + onefile.missing).empty() || !onefile.level1.empty();
+  const bool wanted = !(onefile.from + onefile.level3 + onefile.level2 + onefile.missing).empty() ||
+                      !onefile.level1.empty() || onefile.factors;
   if (wanted && (onefile.from.empty() || onefile.level2.empty() || options.templatejob))
-    stopwith("-from FILE and -level2 COLUMN go together, with -level3 COLUMN for a third level, and without a template.\n");
+    stopwith(
+        "-from FILE and -level2 COLUMN go together, with -level3 COLUMN for a third level, and without a template.\n");
   if (wanted) {
-    takeonefile({onefile.from, onefile.level3, onefile.level2, wordsof(onefile.level1), numbersof(onefile.missing)});
+    takeonefile({onefile.from, onefile.level3, onefile.level2, wordsof(onefile.level1), numbersof(onefile.missing),
+                 onefile.factors});
     options.templatejob = true;
   }
   if (run.files.resultsgiven && options.templatejob)

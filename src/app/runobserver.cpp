@@ -1,15 +1,15 @@
 #include "app/runobserver.h"
 
 #include <algorithm>
-#include <cmath>
 #include <cstdio>
-#include <cstdlib>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 
 #include "app/nonlinearjob.h"
 #include "core/formatted.h"
+#include "core/numbers.h"
 #include "driver/failures.h"
 #include "driver/questions.h"
 #include "driver/reportstream.h"
@@ -48,13 +48,15 @@ struct Progress {
 };
 
 void reportlikelihood(const TailEntry& entry) {
-  reportline("The value of the log-likelihood function at iteration %d = %E", entry.iteration, entry.loglik);
+  reportline("The value of the %slog-likelihood function at iteration %d = %E",
+             run.control.restricted ? "restricted " : "", entry.iteration, entry.loglik);
 }
 
 void showlikelihood(const IterationEvent& event) {
   if (reportisstdout()) return;
   if (event.kind == PassKind::linear) {
-    std::printf("The value of the log-likelihood function at iteration %d = %E\n", event.iteration, event.loglik);
+    std::printf("The value of the %slog-likelihood function at iteration %d = %E\n",
+                run.control.restricted ? "restricted " : "", event.iteration, event.loglik);
   } else {
     std::printf("For macro %d/micro iteration %d, the log-likelihood is = %E\n", event.macro, event.iteration,
                 event.loglik);
@@ -135,17 +137,16 @@ void tellbeginning() {
 // The dialogue about a starting tau.
 
 void showtau(const TauRepair& repair) {
-  const bool pi = repair.which == Tau::pi;
-  if (!reportisstdout()) std::printf(pi ? "\n Tau(pi)(0)\n" : "\n Tau(beta)(0)\n");
+  if (!reportisstdout()) std::printf("\n Tau(%s)(0)\n", nameof(repair.which));
   for (int i = 0; i < repair.n; ++i) {
-    const Name& label = pi ? run.model.coef.pinames[i] : run.model.coef.betanames1[i];
+    const Name& label = ofthe(repair.which, run.model.coef.pinames, run.model.coef.betanames1)[i];
     std::printf(" %.9s ", label.text);
     for (int j = 0; j < repair.n; ++j) std::printf("%12.5f ", repair.tau[i * repair.n + j]);
     std::printf("\n");
   }
   std::printf("\n");
   // Who asks for it once more in the next data set of a series asks only where it is needed.
-  FixTau& code = pi ? run.control.fixtau2 : run.control.fixtau3;
+  FixTau& code = run.control.fixtau(repair.which);
   if (code == FixTau::always) code = FixTau::ask;
 }
 
@@ -158,18 +159,17 @@ RepairChoice askchoice() {
       1, 4));
 }
 
-// Reads a new value into `value`: an empty line leaves it, a line that does not start a number is asked again.
+// Reads a new value into `value`: an empty line leaves it, a line that is no number is asked again.
 bool askvalue(const char* prompt, double& value) {
   std::string line;
   for (int tries = 0; tries < maxtries; ++tries) {
     if (!readanswer(prompt, line, Question::unchanged)) continue;  // the end of input is no answer
     if (line.find_first_not_of(" \t") == std::string::npos) return false;
-    char* end = nullptr;
-    const double number = std::strtod(line.c_str(), &end);
-    if (end != line.c_str() && std::isfinite(number)) {
-      value = number;
+    if (const std::optional<double> number = realof(line)) {
+      value = *number;
       return true;
     }
+    tellnonumber(line, "number");
   }
   noproperresponse();
 }
@@ -215,7 +215,7 @@ void resetgammas(const TauRepair& repair) {
 
 void tellbadtau(const BadTau& bad) {
   if (bad.why == BadTau::Why::unitcorrelation) return correlationtable(bad.which, bad.n, bad.tau);
-  std::printf(bad.which == Tau::pi ? "Unable to compute Tau(pi)(0)\n" : "Unable to compute Tau(beta)(0)\n");
+  std::printf("Unable to compute Tau(%s)(0)\n", nameof(bad.which));
   tautable(bad.which, MatrixTitle::plain, true, bad.n, bad.tau);
 }
 
@@ -224,7 +224,9 @@ void tellbadtau(const BadTau& bad) {
 void writeunittaupi(std::FILE* file, int k, const double* T, int p) {
   constexpr int perline = 60;
   const Id id = level3id(run.mdm, k);
-  if (run.mdm.numericids) {
+  if (const std::string* whole = run.mdm.texts.wholeid(3, id, run.mdm.numericids)) {
+    std::fprintf(file, "%12s", whole->c_str());
+  } else if (run.mdm.numericids) {
     std::fprintf(file, "%12.0f", id.number);
   } else {
     std::fprintf(file, "%12.12s", id.text.text);
@@ -258,9 +260,7 @@ bool askinterrupt() {
   std::string line;
   for (int tries = 0; tries < maxtries; ++tries) {
     readanswer("Enter 0 to stop iterating, 1 to exit now", line, Question::interrupt);
-    char* end = nullptr;
-    const long answer = std::strtol(line.c_str(), &end, 10);
-    if (end == line.c_str()) continue;
+    const std::optional<int> answer = wholeof(line);
     if (answer == 1) fail(0);
     if (answer == 0) {
       run.control.laplaceit = run.control.agqit = 0;

@@ -8,11 +8,15 @@
 #include <cstdio>
 #include <cstring>
 #include <new>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <tuple>
+#include <utility>
 #include <vector>
 
+#include "app/fitdialogue.h"
+#include "app/fitsummary.h"
 #include "app/linearjob.h"
 #include "app/nonlinearjob.h"
 #include "app/options.h"
@@ -22,6 +26,7 @@
 #include "command/complete.h"
 #include "command/constraints.h"
 #include "command/dialogue.h"
+#include "command/formula/fit.h"
 #include "command/reader.h"
 #include "command/writer.h"
 #include "construct/construction.h"
@@ -41,6 +46,7 @@
 #include "estimate/likelihood/engines.h"
 #include "estimate/linear/centering.h"
 #include "estimate/linear/deletion.h"
+#include "estimate/linear/restrictedfit.h"
 #include "estimate/linear/weights.h"
 #include "estimate/quasi/categories.h"
 #include "kernel/array.h"
@@ -74,6 +80,25 @@ void untilexists(std::string& path, const char* words) {
   }
 }
 
+// What the run begins with: raw data, and the file where it was named in the place of a y or n; or an MDM file.
+struct Beginning {
+  bool raw = false;
+  std::string file;
+};
+
+Beginning askbeginning() {
+  const std::string more =
+      "Or the name of a file (.csv, .xlsx, .sav, .dta and the like): then a formula is asked for.\n";
+  std::string line;
+  for (int tries = 0; tries < maxtries; ++tries) {
+    readanswer("\nWill you be starting with raw data? ", line, Question::yesno, more);
+    if (israwdata(line)) return {true, line};
+    const char first = line.empty() ? '\0' : line[0];
+    if (std::strchr("nNyY", first) != nullptr && first != '\0') return {first == 'y' || first == 'Y', {}};
+  }
+  noproperresponse();
+}
+
 void askmdmfile() {
   std::string& path = run.files.mdmfile;
   for (int tries = 0; tries < maxtries; ++tries) {
@@ -99,6 +124,13 @@ void holdstandardstreams() {
   writekeys();
   printprocessed();
   fail(0);
+}
+
+void checksmallsample() {
+  if (run.out.lvr && (run.control.restricted || run.control.ddf != DegreesMethod::counts))
+    stopwith("LIKELIHOOD:REML and DDF: cannot be combined with latent variable regression.\n");
+  if (const std::string words = smallsampleobstacle(run.model, run.control); !words.empty())
+    stopwith("%s\n", words.c_str());
 }
 
 void checkengines() {
@@ -180,8 +212,10 @@ void readmodel() {
   run.mdm.path = run.files.mdmfile;
   const Failure unread = readmdm(run.mdm);
   if (unread.consolewords == notmdmwords && typeofextension(run.mdm.path) != nullptr)
-    std::printf("%s is raw data: kdr3 -from %s -level3 COLUMN -level2 COLUMN makes an MDM file of it.\n",
-                run.mdm.path.c_str(), run.mdm.path.c_str());
+    std::printf(
+        "%s is raw data: kdr3 -from %s -level3 COLUMN -level2 COLUMN makes an MDM file of it, and kdr3 -fit FORMULA %s "
+        "fits a model to it.\n",
+        run.mdm.path.c_str(), run.mdm.path.c_str(), run.mdm.path.c_str());
   stopif(unread);
   for (const std::string& words : singleunits()) warn(words);
   allocatemodel();
@@ -198,6 +232,7 @@ void readmodel() {
   markdeletion(run.model, run.mdm);
   run.model.weighted = run.model.wgtvar1 != 0 || run.model.wgtvar2 != 0 || run.model.wgtvar3 != 0;
   checkengines();
+  checksmallsample();
   if (run.model.weighted) stopif(normaliseweights(run.model, run.mdm, runobserver(), run.weights));
   if (!run.series.pvmode || run.series.pvfirst)
     run.model.outname = run.mdm.names1[static_cast<std::size_t>(run.model.outvar)];
@@ -211,10 +246,6 @@ void openresults() {
   setsymbols();
   makerowlabels();
   writeheader();
-  for (const std::string& words : run.warnings) {
-    reportwarning("WARNING: " + escaped(words));
-    documentwarning(words);
-  }
   writespecification();
   applyconstraints(run.model);
   run.model.coef.ngamma -= run.model.nconstrained;
@@ -277,7 +308,12 @@ void tellfiles() {
   if (reportisstdout()) return;
   const bool averages = run.series.pvmode || run.series.milast;
   const std::string& results = averages ? run.files.results : resultsname();
-  std::printf("The report is %s", printable(averages ? averagedreportname() : run.files.outfile).c_str());
+  std::printf("The report is %s%s", run.report.html ? "the page " : "",
+              printable(averages ? averagedreportname() : run.files.outfile).c_str());
+  if (run.series.pvmode)
+    std::printf(", those of the passes are numbered up to %s", printable(run.files.outfile).c_str());
+  else if (averages && !run.series.closing)
+    std::printf(", that of this data set is %s", printable(run.files.outfile).c_str());
   if (!results.empty()) std::printf(", the results are %s", printable(results).c_str());
   std::printf(".\n");
 }
@@ -325,15 +361,21 @@ void runjob(int argc, char** argv) {
   iscommandtext = begincommands;
   installhandlers();
   startrun();
-  const Options options = readoptions(argc, argv);
+  Options options = readoptions(argc, argv);
   if (run.series.closing) closingjob();
   static_cast<void>(neededscratch());  // before anything is written that would be lost for want of one
+  std::optional<PreparedFit> fit;
+  if (options.fit) fit = preparefit(std::move(*options.fit));
   bool rawjob = options.templatejob;
+  const bool alone = !fit && !rawjob && run.files.cmdfile.empty();
+  if (alone && israwdata(run.files.mdmfile)) fit = fitdialogue(run.files.mdmfile);
   if (run.files.mdmfile.empty() && !rawjob) {
-    if (askyesno("\nWill you be starting with raw data?")) {
+    const Beginning begin = askbeginning();
+    if (!begin.file.empty()) fit = fitdialogue(begin.file);
+    if (!fit && begin.raw) {
       mdmdialogue();
       rawjob = true;
-    } else {
+    } else if (!fit) {
       askmdmfile();
     }
   }
@@ -358,7 +400,11 @@ void runjob(int argc, char** argv) {
     closereport();
     writeaveragedresults();
   } while (nextplausiblevalue());
-  tellfiles();
+  if (fit) {
+    fitsummary(*fit);
+  } else {
+    tellfiles();
+  }
   endrun();
 }
 

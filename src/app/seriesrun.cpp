@@ -136,7 +136,7 @@ void storesubrun(const PassResults& results) {
     series.whole = true;
     return;
   }
-  series.frame.degrees = results.degrees.copy();
+  series.frame.degrees = results.robustdegrees.copy();
   series.records.resize(place);
   series.records.push_back(subrunrecord(series.shape, results));
   series.whole = !series.shape.popaverage;

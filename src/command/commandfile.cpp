@@ -32,13 +32,11 @@ void badline(const CommandReader& reader) {
   fail(8, number);
 }
 
-void refusevalue(const char* keyword, const char* wanted, const std::string& value) {
-  stopwith("%s: wants %s, not %s\n", keyword, wanted, value.c_str());
+void refusevalue(const char* keyword, const char* wanted, const std::string& value, const char* words) {
+  stopwith("%s%s: wants %s, not %s\n", words, keyword, wanted, value.c_str());
 }
 
 namespace {
-
-constexpr std::size_t significant = 8;  // characters of a name
 
 // The two words that a text is made of when a sign between them was lost; the second one is empty otherwise.
 std::pair<std::string, std::string> lostsign(const std::string& name, const Array<Name>& table, int highest) {
@@ -49,7 +47,7 @@ std::pair<std::string, std::string> lostsign(const std::string& name, const Arra
   for (std::size_t i = name.size(); i-- > 1;) {
     const std::string_view head = trimmed(std::string_view(name).substr(0, i));
     const std::string_view tail = trimmed(std::string_view(name).substr(i));
-    if (known(head) && known(tail.substr(0, tail.find(','))))
+    if (known(head.substr(0, head.find(','))) && known(tail.substr(0, tail.find(','))))
       return {std::string(head), std::string(tail.substr(0, tail.find(',')))};
   }
   return {};
@@ -61,7 +59,7 @@ std::string otherlevel(const char* what, const std::string& name, const Array<Na
   const Array<Name>* tables[] = {&mdm.names1, &mdm.names2, &mdm.names3};
   const int counts[] = {mdm.nvar1, mdm.nvar2, mdm.nvar3};
   for (int level = 0; level < 3; ++level) {
-    if (tables[level] == &table || findname(name, *tables[level], counts[level]) < 1) continue;
+    if (tables[level] == &table || variableindex(name, *tables[level], counts[level]) < 1) continue;
     const bool equation = beginswith(what, "level") && what[6] == '\0';
     std::string words = formatted("%s is a variable of level %d", printable(name).c_str(), level + 1);
     if (equation && level > 0) words += formatted(": put it on a LEVEL%d: line", level + 1);
@@ -88,15 +86,20 @@ std::string otherlevel(const char* what, const std::string& name, const Array<Na
 }  // namespace
 
 int variable(int line, const char* what, const std::string& name, const Array<Name>& table, int highest, int lowest) {
-  const int v = findname(name, table, highest);
-  // Only the first characters of a name count. What stands behind them may be another name.
-  const bool cut = charactersof(name) > significant;
+  const int v = variableindex(name, table, highest);
+  // Of a name that is not whole only the first characters count. What stands behind them may be another name.
+  const bool cut = charactersof(name) > significant && (v < 1 || wholenameindex(name, table, highest) != v);
   if (v < lowest || (cut && !lostsign(name, table, highest).second.empty()))
     unknownvariable(line, what, name, table, highest);
-  if (cut)
-    oddcommand(formatted(" %s on line %d is taken for %s: names count by their first 8 characters.\n",
-                         printable(name).c_str(), line, leftname(table[static_cast<std::size_t>(v)]).c_str()));
+  tellcut(line, name, table, v);
   return v;
+}
+
+void tellcut(int line, std::string_view name, const Array<Name>& table, int v) {
+  if (charactersof(name) <= significant || wholenameindex(name, table, static_cast<int>(table.size()) - 1) == v) return;
+  oddcommand(formatted(" %s on line %d is taken for %s: names count by their first %d characters.\n",
+                       printable(name).c_str(), line, leftname(table[static_cast<std::size_t>(v)]).c_str(),
+                       static_cast<int>(significant)));
 }
 
 namespace {
@@ -220,7 +223,7 @@ void readcommandfile() {
   resetkeywords();
   CommandReader reader;
   const bool nextpass = run.files.nextcommands != nullptr;
-  if (!nextpass) run.odd.clear();
+  if (!nextpass) std::erase_if(run.warnings, [](const RunWarning& warning) { return warning.ofcommands; });
   if (run.files.cmdfile.empty() && !nextpass) {
     endoffile(reader);
     return;

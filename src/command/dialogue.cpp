@@ -107,7 +107,7 @@ void asklvr() {
     if (!askyesno("Do you want to do a latent variable regression on tau(beta)?")) return;
     if (randomlevel2() == 0) {
       std::printf("There is no tau, so lvr cannot be used!\n");
-    } else if (run.control.fishertype == 0) {
+    } else if (run.control.fishertype == FisherType::none) {
       std::printf("You cannot do LVR and set fishertype:0!\n");
     } else {
       asklvrroles();

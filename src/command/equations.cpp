@@ -42,7 +42,7 @@ std::vector<Term> termsof(std::string_view equation) {
 std::string statedequation(const std::string& before, const std::string& value) {
   constexpr std::string_view head = "#KDR3 LEVEL1:";
   if (run.model.outcome.linear() || !beginswith(before, head)) return value;
-  const std::string stated = before.substr(head.size());
+  std::string stated = before.substr(head.size());
   const std::size_t equals = value.find('='), statedequals = stated.find('=');
   if (equals == std::string::npos || statedequals == std::string::npos) return value;
   const std::string outcome(trimmed(std::string_view(value).substr(0, equals)));
@@ -79,14 +79,15 @@ void readextras(int number, const std::string& line, std::string_view list, int 
           formatted(" Line %d has more than %d exploratory variables: those behind are ignored.\n", number, maxextra));
       return;
     }
-    const int v = findname(name, names, nvar);
+    const int v = variableindex(name, names, nvar);
     if (v < 1) {
       std::printf("bad level-%d extra variables\n", level);
-      if (const std::string near = nearestnames(name, names, nvar); !near.empty())
-        std::printf("Line %d: there is no %s at level %d. The nearest names: %s\n", number, printable(name).c_str(),
-                    level, near.c_str());
+      const std::string near = nearestnames(name, names, nvar);
+      std::printf("Line %d: there is no %s at level %d.%s%s\n", number, printable(name).c_str(), level,
+                  near.empty() ? "" : " The nearest names: ", near.c_str());
       fail(8, line.c_str());
     }
+    tellcut(number, name, names, v);
     row[n++] = v;
   }
 }
@@ -99,6 +100,14 @@ bool nextequation(CommandReader& reader, std::string_view keyword) {
   if (beginswith(reader.lines.line, keyword)) return true;
   holdline(reader.lines);
   return false;
+}
+
+// Whether the left side of an equation is the name of that variable of a level.
+bool names(std::string_view left, int level, const Name& owner) {
+  const Array<Name>& table = level == 1 ? run.mdm.names1 : run.mdm.names2;
+  const std::string name(trimmed(left));
+  const int v = variableindex(name, table, static_cast<int>(table.size()) - 1);
+  return samename(paddedname(v < 0 ? name : table[static_cast<std::size_t>(v)].text), paddedname(owner.text));
 }
 
 // Takes the line in hand apart. `owner` is the coefficient that the left side must name; `extras` receives the list
@@ -118,11 +127,13 @@ Equation equationof(const CommandReader& reader, int level, const Name& owner, i
   }
   text.remove_prefix(text.find(':') + 1);
   const std::size_t equals = text.find('=');
-  if (equals == std::string_view::npos ||
-      !samename(paddedname(trimmed(text.substr(0, equals))), paddedname(owner.text))) {
+  if (equals == std::string_view::npos || !names(text.substr(0, equals), level - 1, owner)) {
     std::printf("The equation of %s is due here.\n", leftname(owner).c_str());
     badline(reader);
   }
+  const std::string_view left = trimmed(text.substr(0, equals));
+  const Array<Name>& table = level == 2 ? run.mdm.names1 : run.mdm.names2;
+  tellcut(reader.lines.number, left, table, variableindex(left, table, static_cast<int>(table.size()) - 1));
 
   Equation equation;
   equation.line = reader.lines.number;
@@ -146,8 +157,8 @@ void addterm(int* row, int width, int v, const Term& term, const Name& owner) {
   row[slot] = v;
 }
 
-// The LEVEL3: line of the level-2 coefficient whose variable is `owner`, if it stands next. Data of two levels have none:
-// the coefficient is a fixed effect.
+// The LEVEL3: line of the level-2 coefficient whose variable is `owner`, if it stands next. Data of two levels have
+// none: the coefficient is a fixed effect.
 void readlevel3(CommandReader& reader, int owner) {
   Model& model = run.model;
   const int e = reader.set, b = reader.ncoef2++;
@@ -199,6 +210,9 @@ void readlevel2(CommandReader& reader, int owner) {
     }
     if (v > 0) {
       const auto at = static_cast<std::size_t>(v);
+      if (term.option == '1' && run.mdm.twolevel())
+        stopwith("Line %d: %s has no groups to be centered in, since the data have two levels. See ,2 (grand mean).\n",
+                 equation.line, leftname(run.mdm.names2[at]).c_str());
       if (term.option == '1' || term.option == '2') model.center2[at] = centeringof(term.option);
       run.out.wanted1vars2[at] = run.out.wanted2vars2[at] = 1;
     }

@@ -73,24 +73,27 @@ void setrepair(FixTau& repair, const char* keyword, const std::string& value) {
 void readnumit(CommandReader&, const std::string& value) {
   run.control.numit = limitvalue("NUMIT", value);
   run.answered.iterations = run.answered.numit = true;
-  if (run.control.numit < 1) stopwith("numit must be greater than 0!\n");
+  if (run.control.numit < 1)
+    refusevalue("NUMIT", "a whole number of 1 or more", value, "numit must be greater than 0!\n");
 }
 
 void readmacroit(CommandReader&, const std::string& value) {
   run.control.macroit = limitvalue("MACROIT", value);
-  if (run.control.macroit < 0) stopwith("macroit must be greater than 0!\n");
+  if (run.control.macroit < 0)
+    refusevalue("MACROIT", "a whole number of 0 or more", value, "macroit must be greater than 0!\n");
 }
 
 void readmicroit(CommandReader&, const std::string& value) {
   run.control.numit = wholevalue("MICROIT", value);
   run.answered.iterations = true;
-  if (run.control.numit < 1) stopwith("microit must be greater than 0!\n");
+  if (run.control.numit < 1)
+    refusevalue("MICROIT", "a whole number of 1 or more", value, "microit must be greater than 0!\n");
 }
 
 void readtaylor(CommandReader&, const std::string& value) {
   run.control.taylor = static_cast<Taylor>(wholevalue("TAYLOR", value));
   if (run.control.taylor != Taylor::second && run.control.taylor != Taylor::fourth)
-    stopwith("taylor must be set to 2 or 4!\n");
+    refusevalue("TAYLOR", "2 or 4", value, "taylor must be set to 2 or 4!\n");
 }
 
 void readprintvc(CommandReader&, const std::string& value) {
@@ -134,19 +137,21 @@ void readlaplace(CommandReader&, const std::string& value) {
 void readagq(CommandReader&, const std::string& value) {
   if (isno(split(value, ',')[0])) return;
   const auto fields = split(value, ',');
-  if (!isyes(fields[0]))
-    refusevalue("AGQ", "N, or Y, a number of iterations and a number of points with commas between them", value);
+  constexpr const char* wanted =
+      "N, or Y, a number of iterations and a number of points (or AUTO) with commas between them";
+  if (!isyes(fields[0])) refusevalue("AGQ", wanted, value);
   if (fields.size() < 3 || fields[1].empty() || fields[2].empty())
-    stopwith("\nMaximum number of iterations and quadrature points must be specified.\n");
+    refusevalue("AGQ", wanted, value, "\nMaximum number of iterations and quadrature points must be specified.\n");
   const std::optional<int> iterations = wholeof(fields[1]), points = wholeof(fields[2]);
   run.control.agqauto = strcasecmp(fields[2].c_str(), "AUTO") == 0;
   if (fields.size() > 3 || !iterations || *iterations < 0 || !(points || run.control.agqauto))
-    refusevalue("AGQ", "Y, a number of iterations and a number of points (or AUTO) with commas between them", value);
+    refusevalue("AGQ", wanted, value);
   run.control.agqit = std::max(*iterations, 1);
   run.control.agqpoints = run.control.agqauto ? 1 : *points;
   constexpr int mostpoints = 198;  // beyond, some nodes would share a place
   if (run.control.agqpoints < 1 || run.control.agqpoints == 2 || run.control.agqpoints > mostpoints)
-    stopwith("\nThe number of quadrature points must be 1, 3 to 198, or AUTO!\n");
+    refusevalue("AGQ", "1, 3 to 198, or AUTO points", value,
+                "\nThe number of quadrature points must be 1, 3 to 198, or AUTO!\n");
 }
 
 void readagqnodes(CommandReader&, const std::string& value) {
@@ -157,14 +162,14 @@ void readagqnodes(CommandReader&, const std::string& value) {
 void readagqderivlevel(CommandReader&, const std::string& value) {
   run.control.agqderivlevel = wholevalue("AGQDERIVLEVEL", value);
   if (run.control.agqderivlevel != 1 && run.control.agqderivlevel != 2)
-    stopwith("agqderivlevel must be set to 1 or 2!\n");
+    refusevalue("AGQDERIVLEVEL", "1 or 2", value, "agqderivlevel must be set to 1 or 2!\n");
 }
 
 void readfixsigma2(CommandReader&, const std::string& value) {
   if (isno(value)) return;
   if (value.find(',') != std::string::npos) refusevalue("FIXSIGMA2", onenumber, value);
   const std::optional<double> held = realof(value);
-  if (!held || *held < 0.0) stopwith("fixsigma2 must be N or a number of 0 or more!\n");
+  if (!held || *held < 0.0) refusevalue("FIXSIGMA2", "N or a number of 0 or more", value);
   run.model.restrictions.fixsigma2.reset();
   if (*held != 0.0) run.model.restrictions.fixsigma2 = held;
 }
@@ -203,13 +208,40 @@ void readhypoth(CommandReader&, const std::string& value) {
 }
 
 void readdofisher(CommandReader&, const std::string& value) {
-  run.control.fishertype = flagof("DOFISHER", value) ? 2 : 0;
+  run.control.fishertype = flagof("DOFISHER", value) ? FisherType::expected : FisherType::none;
 }
 
 void readfishertype(CommandReader&, const std::string& value) {
   const std::optional<int> type = wholeof(value);
-  if (!type || *type < 0 || *type > 2) stopwith("\nInvalid type of Fisher acceleration.\n Valid are 0, 1 and 2\n");
-  run.control.fishertype = *type;
+  if (!type || *type < 0 || *type > 2)
+    refusevalue("FISHERTYPE", "0, 1 or 2", value, "\nInvalid type of Fisher acceleration.\n");
+  run.control.fishertype = static_cast<FisherType>(*type);
+}
+
+void readlikelihood(CommandReader&, const std::string& value) {
+  run.control.restricted = sameword(value, "REML");
+  if (!run.control.restricted && !sameword(value, "ML")) refusevalue("LIKELIHOOD", "ML or REML", value);
+}
+
+void readddf(CommandReader&, const std::string& value) {
+  const std::vector<std::string> fields = split(value, ',');
+  const auto* row = rownamed(degreeswords, fields[0]);
+  const bool observed = fields.size() == 2 && sameword(fields[1], "OBSERVED");
+  if (row == nullptr || fields.size() > 2 || (fields.size() == 2 && !observed) ||
+      (observed && row->code != DegreesMethod::satterthwaite))
+    refusevalue("DDF", "COUNTS, SATTERTHWAITE, SATTERTHWAITE,OBSERVED or KENWARDROGER", value);
+  run.control.ddf = row->code;
+  run.control.ddfobserved = observed;
+}
+
+void readedgecov(CommandReader&, const std::string& value) {
+  run.control.edgefull = sameword(value, "FULL");
+  if (!run.control.edgefull && !sameword(value, "REDUCED")) refusevalue("EDGECOV", "REDUCED or FULL", value);
+}
+
+void readrobust(CommandReader&, const std::string& value) {
+  run.control.clusterrobust = sameword(value, "CR2");
+  if (!run.control.clusterrobust && !sameword(value, "CR0")) refusevalue("ROBUST", "CR0 or CR2", value);
 }
 
 void readtitle(CommandReader&, const std::string& value) {
@@ -246,7 +278,8 @@ void readvarianceknown(CommandReader& reader, const std::string& value) {
 
 void readresfiltype(CommandReader&, const std::string& value) {
   const auto* form = rownamed(residualforms, value);
-  if (form == nullptr) stopwith("Invalid resfiltype.\n Valid are FREEFORMAT, SYSTAT, SAS, SPSS and STATA\n");
+  if (form == nullptr)
+    refusevalue("RESFILTYPE", "FREEFORMAT, SYSTAT, SAS, SPSS or STATA", value, "Invalid resfiltype.\n");
   run.out.resfiltype = form->code;
   run.answered.resfiltype = true;
 }
@@ -287,6 +320,10 @@ constexpr Keyword keywords[] = {
     {"HYPOTH:", 0, readhypoth},
     {"DOFISHER:", 0, readdofisher},
     {"FISHERTYPE:", 0, readfishertype},
+    {"LIKELIHOOD:", 0, readlikelihood},
+    {"DDF:", 0, readddf},
+    {"EDGECOV:", 0, readedgecov},
+    {"ROBUST:", 0, readrobust},
     {"TITLE:", 0, readtitle},
     {"OUTPUT:", 0, readoutput},
     {"FULLOUTPUT:", 0,

@@ -15,12 +15,11 @@
 #include "driver/failures.h"
 #include "driver/oddities.h"
 #include "driver/runrecord.h"
+#include "kernel/sizes.h"
 
 namespace kdr {
 
 namespace {
-
-std::size_t at(int i) { return static_cast<std::size_t>(i); }
 
 // The levels' tau matrices side by side.
 struct TauFields {
@@ -51,7 +50,7 @@ constexpr TauFields taubeta = {"beta",
                                &Restrictions::contau3};
 
 // Elements of the lower triangle of a tau.
-long long triangle(int order) { return static_cast<long long>(order) * (order + 1) / 2; }
+long long triangle(int order) { return static_cast<long long>(packedsize(order)); }
 
 void needmodel(const char* kind, const TauFields& tau) {
   if (!run.answered.wholemodel()) stopwith("%s tau(%s) must be specified after complete model\n", kind, tau.greek);
@@ -75,7 +74,7 @@ void readesttau(CommandReader& reader, const TauFields& tau, const std::string& 
     // An element that cannot be read is told first.
     for (const std::string& element : elements)
       if (!sameword(element, "E") && !realof(element))
-        stopwith("Invalid number in %s specification: %s\n", tau.keyword, element.c_str());
+        stopwith("Invalid number in %s specification: %s\n Valid are numbers and E\n", tau.keyword, element.c_str());
     stopwith("There must be at least %lld elements of esttau%d specified\n", triangle(d), tau.number);
   }
   checklength(reader, elements.size(), static_cast<std::size_t>(triangle(d)), "such elements");
@@ -85,7 +84,8 @@ void readesttau(CommandReader& reader, const TauFields& tau, const std::string& 
     for (int j = 0; j <= i; ++j) {
       const std::string& element = elements[n++];
       const bool free = sameword(element, "E");
-      if (!free && !realof(element)) stopwith("Invalid number in %s specification: %s\n", tau.keyword, element.c_str());
+      if (!free && !realof(element))
+        stopwith("Invalid number in %s specification: %s\n Valid are numbers and E\n", tau.keyword, element.c_str());
       matrix[at(i) * at(d) + at(j)] = matrix[at(j) * at(d) + at(i)] =
           free ? missingcode : realof(element).value_or(0.0);
     }
@@ -216,7 +216,9 @@ void readlvr(CommandReader&, const std::string& value) {
   for (std::size_t i = 0; i < at(n); ++i) {
     const auto* role = rownamed(roleletters, i < letters.size() ? letters[i] : std::string());
     if (role == nullptr) {
-      std::printf("lvr must be specifed as o, p or i");
+      std::printf(
+          "lvr must be specifed as o, p or i\nLVR-BETA: wants %d such letters with commas between them, not %s\n", n,
+          printable(value).c_str());
       stoprun(8);
     }
     run.out.lvrroles[i] = role->code;
@@ -259,7 +261,9 @@ void readcontrast(CommandReader& reader, const std::string& value) {
   }
   for (std::size_t i = 0; i < width && i < values.size(); ++i) {
     const std::optional<double> number = realof(values[i]);
-    if (!number) stopwith("Invalid number in a contrast: %s\n", values[i].c_str());
+    if (!number)
+      refusevalue(keyword.c_str(), "numbers with commas between them", value,
+                  ("Invalid number in a contrast: " + values[i] + "\n").c_str());
     contrasts[start + i] = *number;
   }
 }
@@ -275,7 +279,9 @@ void readconstrain(CommandReader& reader, const std::string& value) {
   checklength(reader, values.size(), width, "fixed effects");
   for (std::size_t i = 0; i < width && i < values.size(); ++i) {
     const std::optional<int> group = wholeof(values[i]);
-    if (!group) stopwith("Invalid number in a constraint: %s\n", values[i].c_str());
+    if (!group)
+      refusevalue("CONSTRAIN", "N, Y, or whole numbers with commas between them", value,
+                  ("Invalid number in a constraint: " + values[i] + "\n").c_str());
     run.model.constraints[i] = *group;
   }
 }

@@ -158,12 +158,13 @@ void askcentering2() {
   if (run.answered.level2) return;
   Array<int> used(static_cast<std::size_t>(run.mdm.ncol2));
   for (const TermRow& term : modelrows(run.model).terms) used[static_cast<std::size_t>(term.variable)] = 1;
-  askcentering(anyvariable(used), "\nDo you want to center any level-2 predictors?", threechoices, "012", used,
-               run.mdm.names2, run.model.center2);
+  const bool groups = !run.mdm.twolevel();
+  askcentering(anyvariable(used), "\nDo you want to center any level-2 predictors?", groups ? threechoices : twochoices,
+               groups ? "012" : "02", used, run.mdm.names2, run.model.center2);
 }
 
 void askcentering3() {
-  if (run.answered.level3) return;
+  if (run.answered.level3 || run.mdm.twolevel()) return;
   Array<int> used(static_cast<std::size_t>(run.mdm.ncol3));
   for (const EffectRow& effect : modelrows(run.model).effects) used[static_cast<std::size_t>(effect.variable)] = 1;
   askcentering(anyvariable(used), "Do you want to center any level-3 predictors?", twochoices, "02", used,

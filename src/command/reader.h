@@ -3,6 +3,7 @@
 
 #include <map>
 #include <string>
+#include <string_view>
 
 #include "command/linereader.h"
 #include "core/names.h"
@@ -41,8 +42,9 @@ struct Keyword {
 // The first keyword that the line begins with, or null.
 [[nodiscard]] const Keyword* findkeyword(const std::string& line);
 
-// The value is none that the keyword can have: says what it wants, and stops with code 100.
-[[noreturn]] void refusevalue(const char* keyword, const char* wanted, const std::string& value);
+// The value is none that the keyword can have: says what it wants, behind words of its own, and stops with code 100.
+[[noreturn]] void refusevalue(const char* keyword, const char* wanted, const std::string& value,
+                              const char* words = "");
 
 // "Batch file ... specification invalid" and failure 9 with the name.
 [[noreturn]] void badspecification(const char* what, const std::string& name);
@@ -52,6 +54,8 @@ struct Keyword {
 // what may be meant.
 [[nodiscard]] int variable(int line, const char* what, const std::string& name, const Array<Name>& table, int highest,
                            int lowest = 1);
+// Tells of a name that is longer than what counts of it.
+void tellcut(int line, std::string_view name, const Array<Name>& table, int v);
 
 // The model: a LEVEL1: line and the LEVEL2: and LEVEL3: lines behind it.
 void readlevel1(CommandReader& reader, const std::string& value);

@@ -68,7 +68,7 @@ void settleengines() {
 
 void checklvr() {
   if (!run.out.lvr) return;
-  if (run.control.fishertype == 0) stopwith("You cannot do LVR and set fishertype:0!\n");
+  if (run.control.fishertype == FisherType::none) stopwith("You cannot do LVR and set fishertype:0!\n");
   if (multinomial()) stopwith(" The program cannot do latent variable regressions in a multinomial run.\n");
   if (!hasoutcomeandpredictor()) stopwith(incompletelvr);
 }
@@ -107,10 +107,32 @@ void checkcountvariable() {
     }
 }
 
+// What the steps of the restricted likelihood have no use for.
+void tellidle(bool idle, const char* keyword) {
+  if (idle)
+    oddcommand(
+        formatted(" %s has no effect: the restricted likelihood has steps and a criterion of its own.\n", keyword));
+}
+
+void settlerestricted() {
+  Control& iter = run.control;
+  if (run.id.restricted) iter.restricted = true;
+  if (iter.restricted) {
+    const Control usual;
+    tellidle(iter.fishertype != usual.fishertype, "FISHERTYPE:");
+    tellidle(iter.accel != usual.accel, "ACCEL:");
+    tellidle(run.answered.stopval && iter.stopval != usual.stopval, "STOPVAL:");
+    iter.fishertype = usual.fishertype;
+    iter.accel = usual.accel;
+  }
+  if (iter.edgefull && !iter.restricted && iter.ddf == DegreesMethod::counts)
+    oddcommand(" EDGECOV:FULL has no effect without LIKELIHOOD:REML or DDF:.\n");
+}
+
 void settleacceleration() {
   Control& iter = run.control;
-  if (iter.hetit != 0) iter.fishertype = 0;
-  if (iter.fishertype == 0) {
+  if (iter.hetit != 0) iter.fishertype = FisherType::none;
+  if (iter.fishertype == FisherType::none) {
     if (iter.accel <= 2) iter.accel = 3;
   } else if (iter.accel < 1) {
     iter.accel = 5;
@@ -131,6 +153,7 @@ void settlerecord() {
   checklvr();
   checkplausible();
   checkcountvariable();
+  settlerestricted();
   settleacceleration();
   if (run.model.autovknown != 0) holdsigma2("known variances");
   if (run.out.graph && run.model.outcome.categorical()) run.out.resfil1 = true;

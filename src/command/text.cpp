@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <utility>
 
+#include "construct/rawvariables.h"
 #include "core/constants.h"
 #include "core/formatted.h"
+#include "driver/runrecord.h"
 
 namespace kdr {
 
@@ -75,6 +77,30 @@ std::size_t distance(const std::string& a, const std::string& b) {
 }
 
 }  // namespace
+
+namespace {
+
+int levelof(const Array<Name>& table) { return &table == &run.mdm.names1 ? 1 : &table == &run.mdm.names2 ? 2 : 3; }
+
+}  // namespace
+
+int wholenameindex(std::string_view name, const Array<Name>& table, int n) {
+  int found = -1;
+  for (int v = 1; v <= n; ++v) {
+    const VariableText* text = run.mdm.texts.of(levelof(table), v);
+    if (text == nullptr || text->name.empty()) continue;
+    if (!sameword(text->name, name) && !sameword(usablename(text->name), name)) continue;
+    if (found != -1) return -1;
+    found = v;
+  }
+  return found;
+}
+
+int variableindex(std::string_view name, const Array<Name>& table, int n) {
+  const int eight = findname(name, table, n);
+  const int whole = eight < 0 || charactersof(name) > 8 ? wholenameindex(name, table, n) : -1;
+  return whole > 0 ? whole : eight;
+}
 
 std::string nearestnames(std::string_view name, const Array<Name>& table, int n) {
   std::vector<std::pair<std::size_t, int>> far;

@@ -35,6 +35,12 @@ template <class Table>
 // Y or YES, and N, NO or NONE, in any case.
 [[nodiscard]] bool isyes(std::string_view text);
 [[nodiscard]] bool isno(std::string_view text);
+// The index of a variable in one of the name tables of run.mdm, or -1: by its name of 8 characters; by the whole name
+// that its source has, where just one has it. A name of more than 8 characters is looked for among the whole names
+// first.
+[[nodiscard]] int variableindex(std::string_view name, const Array<Name>& table, int n);
+// The one variable of the table that has this whole name, or -1. The signs that part names may stand as _ in it.
+[[nodiscard]] int wholenameindex(std::string_view name, const Array<Name>& table, int n);
 // Up to three names 1..n of a table, those that differ least from `name`, with commas between them; empty when none has
 // half of it.
 [[nodiscard]] std::string nearestnames(std::string_view name, const Array<Name>& table, int n);

@@ -11,12 +11,11 @@
 #include "driver/failures.h"
 #include "driver/resultfile.h"
 #include "driver/runrecord.h"
+#include "kernel/sizes.h"
 
 namespace kdr {
 
 namespace {
-
-std::size_t at(int i) { return static_cast<std::size_t>(i); }
 
 std::string joined(const std::vector<std::string>& pieces, const char* separator) {
   std::string text;
@@ -184,7 +183,7 @@ void writeresiduals(std::FILE* out) {
               files.resfil2name);
   if (!mdm.twolevel())
     writeresfil(out, 3, wanted.resfil3, namelist(mdm.names3, run.out.res3vars3.data(), run.out.nres3vars3),
-              files.resfil3name);
+                files.resfil3name);
 }
 
 void writehypotheses(std::FILE* out) {
@@ -241,7 +240,12 @@ void writetaus(std::FILE* out) {
 
 void writecontrol(std::FILE* out) {
   const Control& iter = run.control;
-  std::fprintf(out, "FISHERTYPE:%d\n", iter.fishertype);
+  std::fprintf(out, "FISHERTYPE:%d\n", static_cast<int>(iter.fishertype));
+  if (iter.restricted) std::fprintf(out, "LIKELIHOOD:REML\n");
+  if (iter.ddf != DegreesMethod::counts)
+    std::fprintf(out, "DDF:%s%s\n", wordof(degreeswords, iter.ddf), iter.ddfobserved ? ",OBSERVED" : "");
+  if (iter.clusterrobust) std::fprintf(out, "ROBUST:CR2\n");
+  if (iter.edgefull) std::fprintf(out, "EDGECOV:FULL\n");
   if (run.out.printvc != VarianceFiles::none)
     std::fprintf(out, "PRINTVARIANCE-COVARIANCE:%s\n", wordof(varianceletters, run.out.printvc));
   std::fprintf(out, "HYPOTH:n\n");
@@ -275,7 +279,7 @@ void writeoutput(std::FILE* out) {
   std::fprintf(out, "FULLOUTPUT:%s\n", run.out.fulloutput ? "Y" : "N");
   std::fprintf(out, "TITLE:%s\n", files.title.c_str());
   std::fprintf(out, "ACCEL:%d\n", run.control.accel);
-  writelvr(out);
+  if (!run.mdm.twolevel()) writelvr(out);
   if (!files.startvals.empty()) std::fprintf(out, "STARTVALS:%s\n", files.startvals.c_str());
 }
 
@@ -289,7 +293,9 @@ void writecommands(std::FILE* out, bool nextpass) {
   if (run.control.agqfixed) std::fprintf(out, "AGQNODES:FIXED\n");
   if (run.control.agqderivlevel != 2) std::fprintf(out, "AGQDERIVLEVEL:%d\n", run.control.agqderivlevel);
   if (run.control.popavit > 1) std::fprintf(out, "POPAVIT:%d\n", run.control.popavit);
-  if (run.control.hetit != 0 && nextpass) std::fprintf(out, "HETIT:%d\n", run.control.hetit);
+  if (run.control.hetit != 0)
+    std::fprintf(out, nextpass ? "HETIT:%d\n" : "#HETIT:%d was left out: this file has no such stage\n",
+                 run.control.hetit);
   writeequations(out, nextpass);
   writeweights(out);
   writedeletion(out);

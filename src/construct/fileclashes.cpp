@@ -10,7 +10,7 @@
 #include <string>
 #include <system_error>
 
-#include "construct/template.h"
+#include "construct/templatehead.h"
 #include "data/mdm.h"
 #include "data/scratch.h"
 #include "driver/failures.h"

@@ -1,11 +1,11 @@
-// The raw data of a construction: one source for each level, and the table of the formats that a source can have.
+// The raw data of a construction: one source for each level, in one of the formats of construct/rawformats.h.
 #pragma once
 
 #include <cstdio>
 #include <string>
 #include <vector>
 
-#include "construct/rawvariables.h"
+#include "construct/rawvariable.h"
 #include "core/codes.h"
 #include "data/mdm.h"
 #include "kernel/array.h"
@@ -39,9 +39,8 @@ struct RawData {
   const RawReader* reader = nullptr;  // the format of all three files; null while none is chosen
   LevelSource level[3];               // index 0, 1, 2 for levels 1, 2, 3
   int reading = 0;                    // index of the level that readrecord was asked for last
+  bool silent = false;                // the console is not told the statistics of the variables, only the log is
   bool varyingfirst = false;          // of a file that serves several levels the first row of each unit counts
-  bool wholeids = false;              // text IDs may have any length: `wholeid` has those of the record in hand
-  std::string wholeid[2];             // of level 3 and level 2
   Array<double> missingcodes;         // ASCII only: the value that stands for missing, one for each level-1 variable
   std::string templatename;           // the template that was read, or empty
 };
@@ -62,18 +61,20 @@ struct RawReader {
   int (*record)(int level, double* values, Id* id3, Id* id2);
   // Closes the file.
   void (*close)(int level);
+  // Null in a format without them: whether the numeric columns of the level can be read as the texts that the file has;
+  // reads one so; why a column is not numeric, where the file tells.
+  bool (*canbetext)(int level) = nullptr;
+  void (*astext)(int level, int row) = nullptr;
+  std::string (*whytext)(int level, int row) = nullptr;
 };
-
-// The reader whose word the value of RAWDATTYPE: begins with, in any case; null for an unknown word.
-[[nodiscard]] const RawReader* findreader(const std::string& value);
 
 // Opens the file of the level by its name and reads its head.
 void openraw(int level);
 // Closes the file of the level, if it is open.
 void closeraw(int level);
 
-// Reads the next record of a level through its format. Data of two levels have one ID, which the formats take for that of
-// level 3; here it becomes both.
+// Reads the next record of a level through its format. Data of two levels have one ID, which the formats take for that
+// of level 3; here it becomes both.
 [[nodiscard]] int readrecord(int level, double* values, Id* id3, Id* id2);
 
 // Whether the raw data are of this format.

@@ -9,6 +9,8 @@
 #include <vector>
 
 #include "construct/levelsource.h"
+#include "construct/rawformats.h"
+#include "construct/rawvariables.h"
 #include "construct/readers/ascii.h"
 #include "construct/readers/other.h"
 #include "construct/readers/sastransport.h"

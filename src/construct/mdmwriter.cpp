@@ -42,6 +42,10 @@ void writemdmtables(std::FILE* stream) {
 }
 
 void finishmdm(ResultFile& file) {
+  if (run.mdm.texts.any()) {
+    const std::string section = textsection(run.mdm.texts);
+    writechk(section.data(), section.size(), file.stream);
+  }
   // Everything else must have reached the file before the magic makes it one.
   if (std::fflush(file.stream) != 0 || fseeko(file.stream, 0, SEEK_SET) != 0) fail(5);
   writechk(mdmmagic.data(), mdmmagic.size(), file.stream);

@@ -5,16 +5,16 @@
 #include <string>
 #include <vector>
 
-namespace kdr {
+#include "construct/longfile.h"
 
-// The type of raw data OTHER that the name's extension tells, or null.
-[[nodiscard]] const char* typeofextension(const std::string& path);
+namespace kdr {
 
 struct OneFileJob {
   std::string path;                 // of a file of raw data OTHER, whose type the extension tells
   std::string level3, level2;       // names of the ID columns; without level3 the data have two levels
   std::vector<std::string> level1;  // variables that stay at level 1 though they are constant within units
   std::vector<double> missing;      // values that count as missing; the console tells how many each variable has
+  bool factors = false;             // columns of names become columns of 0 and 1
 };
 
 // Reads the file and tells `raw`, run.mdm and, where it is empty, run.files.mdmfile what mkmdm needs. Writes a template

@@ -7,7 +7,6 @@
 #include <cstring>
 
 #include "construct/levelsource.h"
-#include "construct/readers/other.h"
 #include "core/constants.h"
 #include "core/formatted.h"
 #include "driver/failures.h"
@@ -116,7 +115,9 @@ void markvariable(int level, const std::string& name) {
   LevelSource& source = raw.level[level];
   const std::size_t row = rowtomark(level, name, "Variable %s not found!\n");
   if (source.vartable[row].text) {
-    const std::string why = rawis(RawType::other) ? otherwhytext(level, static_cast<int>(row)) : "";
+    const std::string why = raw.reader != nullptr && raw.reader->whytext != nullptr
+                                ? raw.reader->whytext(level, static_cast<int>(row))
+                                : "";
     stopwith("mdm variables must be numeric!\nVariable %s of the level-%d file is a character variable%s%s.\n",
              tellingname(source, static_cast<int>(row)).c_str(), level + 1, why.empty() ? "" : ": ", why.c_str());
   }
@@ -143,14 +144,14 @@ bool agreeonids() {
       if (variable.mark != level3idmark && variable.mark != level2idmark) continue;
       anytext = anytext || variable.text;
       anynumber = anynumber || !variable.text;
-      flexible = flexible && (variable.text || othercanbetext(level));
+      flexible = flexible && (variable.text || (raw.reader->canbetext != nullptr && raw.reader->canbetext(level)));
     }
   if (anytext && anynumber) {
     if (!flexible) return false;
     for (int level = 0; level < 3; ++level)
       for (const int mark : {level3idmark, level2idmark}) {
         const int row = idrow(raw.level[level], mark);
-        if (row >= 0 && !raw.level[level].vartable[static_cast<std::size_t>(row)].text) otherastext(level, row);
+        if (row >= 0 && !raw.level[level].vartable[static_cast<std::size_t>(row)].text) raw.reader->astext(level, row);
       }
   }
   if (anytext || anynumber) run.mdm.numericids = !anytext;

@@ -2,16 +2,19 @@
 
 #include <strings.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string_view>
 
 #include "construct/fileclashes.h"
 #include "construct/levelsource.h"
+#include "construct/rawformats.h"
+#include "construct/rawvariables.h"
 #include "construct/readers/ascii.h"
 #include "core/formatted.h"
+#include "core/numbers.h"
 #include "driver/failures.h"
 #include "driver/files.h"
 #include "driver/resultfile.h"
@@ -97,10 +100,9 @@ const std::string& pathvalue(const std::string& value) {
 double missingvalue(TemplateText& text) {
   std::string line;
   if (!nextline(text, line)) stopwith(badmissing);
-  char* end = nullptr;
-  const double value = std::strtod(line.c_str(), &end);
-  if (end == line.c_str() || *end != '\0') stopwith(badmissing);
-  return value;
+  const std::optional<double> value = realof(line);
+  if (!value) stopwith(badmissing);
+  return *value;
 }
 
 void takemissing(TemplateText& text, const std::string& value) {
@@ -139,14 +141,13 @@ void refuselevel3(const TemplateText& text, int level) {
 }
 
 void takecount(TemplateText& text, int level, const std::string& value) {
-  char* end = nullptr;
-  const long count = std::strtol(value.c_str(), &end, 10);
-  if (end == value.c_str() || *end != '\0') badvalue(text);
-  if (count < 0 || count > mostvariables)
+  const std::optional<int> count = wholeof(value);
+  if (!count) badvalue(text);
+  if (*count < 0 || *count > mostvariables)
     stopwith("The number of level-%d variables must lie between 0 and %d!\n", level + 1, mostvariables);
   if (raw.reader != nullptr && !rawis(RawType::ascii)) return;  // the file tells it
-  raw.level[level].numvar = static_cast<int>(count);
-  startnames(level, static_cast<std::size_t>(count));
+  raw.level[level].numvar = *count;
+  startnames(level, static_cast<std::size_t>(*count));
   text.counted[level] = true;
   text.named[level] = false;
 }
@@ -338,8 +339,7 @@ void checkcomplete(const TemplateText& text) {
 void writevariables(std::FILE* out, const LevelSource& source) {
   const int row3 = idrow(source, level3idmark);
   const int row2 = idrow(source, level2idmark);
-  if (row3 >= 0)
-    std::fprintf(out, "level%did:%s\n", run.mdm.twolevel() ? 2 : 3, tellingname(source, row3).c_str());
+  if (row3 >= 0) std::fprintf(out, "level%did:%s\n", run.mdm.twolevel() ? 2 : 3, tellingname(source, row3).c_str());
   if (row2 >= 0) std::fprintf(out, "level2id:%s\n", tellingname(source, row2).c_str());
   for (const int row : source.chosen) std::fprintf(out, "%s\n", tellingname(source, row).c_str());
 }

@@ -4,12 +4,12 @@
 #include <cstddef>
 #include <string>
 
+#include "construct/templatehead.h"
 #include "core/names.h"
 #include "kernel/array.h"
 
 namespace kdr {
 
-inline constexpr const char* templatehead = "#KDR3 MDM CREATION TEMPLATE";
 inline constexpr const char* templatecopy = "creatmdm.mdmt";
 
 // The table of run.mdm that holds the names of level index 0 to 2.

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "core/codes.h"
+#include "core/tables.h"
 
 namespace kdr {
 
@@ -16,16 +17,27 @@ enum class Taylor { none = 0, second = 2, fourth = 4 };
 // asks.
 enum class FixTau { ask = 0, clear = 1, byhand = 2, automatic = 3, quit = 4, always = 5 };
 
+// Which information matrix makes the accelerated steps and the standard errors of the taus, by its code in FISHERTYPE:.
+enum class FisherType { none = 0, outerproducts = 1, expected = 2 };
+
+// Where degrees of freedom of fixed effects come from.
+enum class DegreesMethod { counts, satterthwaite, kenwardroger };
+inline constexpr CodeWord<DegreesMethod> degreeswords[] = {{DegreesMethod::counts, "COUNTS"},
+                                                           {DegreesMethod::satterthwaite, "SATTERTHWAITE"},
+                                                           {DegreesMethod::kenwardroger, "KENWARDROGER"}};
+
 // How the iterations run. The field of a keyword bears the keyword's name.
 struct Control {
   int numit = 0;  // NUMIT:, MICROIT:. Most iterations; 0: the dialogue asks
   AtLimit numitcontinue = AtLimit::ask;
-  int macroit = 0;            // MACROIT:
-  double stopval = 1.0e-6;    // STOPVAL:, STOPMICRO:. Percentage of the log-likelihood
-  double stopmacro = 1.0e-4;  // STOPMACRO:
-  int accel = 5;              // ACCEL:. Iterations between accelerations
-  int fishertype = 2;         // FISHERTYPE:, DOFISHER:. 0 none, 1 outer products, 2 expected information
+  int macroit = 0;                               // MACROIT:
+  double stopval = 1.0e-6;                       // STOPVAL:, STOPMICRO:. Percentage of the log-likelihood
+  double stopmacro = 1.0e-4;                     // STOPMACRO:
+  int accel = 5;                                 // ACCEL:. Iterations between accelerations
+  FisherType fishertype = FisherType::expected;  // FISHERTYPE:, DOFISHER:
   FixTau fixtau2 = FixTau::automatic, fixtau3 = FixTau::automatic;  // FIXTAU2:, FIXTAU3:
+  [[nodiscard]] FixTau& fixtau(Tau which) { return ofthe(which, fixtau2, fixtau3); }
+  [[nodiscard]] FixTau fixtau(Tau which) const { return ofthe(which, fixtau2, fixtau3); }
   int hetit = 0;         // HETIT:. Iterations of the stage with a taupi per level-3 unit
   bool laplace = false;  // LAPLACE:
   int laplaceit = 50;
@@ -37,6 +49,11 @@ struct Control {
   Taylor taylor = Taylor::none;  // TAYLOR:
   int popavit = 0;               // POPAVIT:
   int debug = 0;                 // DEBUG:
+  bool restricted = false;       // LIKELIHOOD:. The variance components maximise the restricted likelihood
+  DegreesMethod ddf = DegreesMethod::counts;  // DDF:
+  bool ddfobserved = false;                   // DDF:SATTERTHWAITE,OBSERVED. By the observed information
+  bool clusterrobust = false;                 // ROBUST:CR2. Bias-reduced robust errors, with degrees of freedom
+  bool edgefull = false;                      // EDGECOV:. The edge of the variance components is not taken as known
 };
 
 }  // namespace kdr

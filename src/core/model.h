@@ -38,6 +38,15 @@ struct Coefficients {
   Array<Name> gammasubs;            // the digits of each fixed effect's subscript, full ngamma entries
   Array<int> pisubs;                // subscript of each random level-1 coefficient
   Array<int> betasubs1, betasubs2;  // the two subscripts of each random level-2 coefficient
+
+  [[nodiscard]] int order(Tau which) const { return ofthe(which, ntaupi, ntaubeta); }
+};
+
+// What of a tau is not free.
+struct TauHeld {
+  bool diagonal;               // nothing but the variances
+  const Array<double>* fixed;  // square; missingcode is free. Null: no element is held
+  const Array<int>* equal;     // packed, as contau2. Null: no elements are equal
 };
 
 // What is not free in the variances. The field of a keyword bears the keyword's name.
@@ -49,6 +58,11 @@ struct Restrictions {
   bool havecontau2 = false, havecontau3 = false;
   Array<int> contau2, contau3;  // CONTAU2:, CONTAU3:. Packed lower triangle: 0 free; the first member of a group has
                                 // its own 1-based place, the others minus that
+
+  [[nodiscard]] TauHeld of(Tau which) const {
+    if (which == Tau::pi) return {diagtaupi, haveesttau2 ? &esttau2 : nullptr, havecontau2 ? &contau2 : nullptr};
+    return {diagtaubeta, haveesttau3 ? &esttau3 : nullptr, havecontau3 ? &contau3 : nullptr};
+  }
 };
 
 struct Model {

@@ -4,6 +4,8 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "kernel/array.h"
 
@@ -19,12 +21,18 @@ struct Label {
   char text[128];
 };
 
+// What values of a variable stand for, in the order of their source.
+using ValueLabels = std::vector<std::pair<double, std::string>>;
+
 // Normalises a name or ID in place. `buffer` has 13 bytes and arrives blank-filled with the text at its start. A zero
 // byte or a column beyond `width` becomes a blank, the rest upper case; the text moves right until column `width` is
 // not blank. An all-blank buffer stays blank.
 void padname(char* buffer, int width);
 // The same for a text of any length: at most `width` bytes of it enter the slot, and no part of a character.
 [[nodiscard]] Name paddedname(std::string_view text, int width = 8);
+
+// Characters of a name of a variable that count.
+inline constexpr std::size_t significant = 8;
 
 // Characters of a text in UTF-8. A byte of another code counts as one.
 [[nodiscard]] std::size_t charactersof(std::string_view text);
@@ -46,5 +54,11 @@ void leftname(char* buffer);
 // Closes up the first `n` slots of a table after the slot at `index` is removed, and blanks the last one.
 void removename(Array<Name>& table, int n, int index);
 void removename(Array<Label>& table, int n, int index);
+
+// An ID of a level-2 or level-3 unit. The data set tells which of the two holds it.
+struct Id {
+  Name text;
+  double number;
+};
 
 }  // namespace kdr

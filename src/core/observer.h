@@ -18,6 +18,7 @@ struct LeastSquaresResults;
 struct HeterogeneousResults;
 struct ChainPass;
 struct MacroEvent;
+struct Separation;
 enum class Engine;
 struct EngineEvent;
 struct EngineStage;
@@ -81,6 +82,7 @@ struct Observer {
   std::function<void(const HeterogeneousResults& results)> heterogeneous;
   std::function<void(const BadTau& bad)> badtau;
   // A fit with another outcome, as a chain of passes (estimate/quasi).
+  std::function<void(const Separation& found)> separation;  // what the data show of it, before the first pass
   std::function<void(int macro)> macrobegins;
   std::function<void(const ChainPass& pass)> passstands;   // a pass is over
   std::function<void(int macro)> macrocreeps;              // from here on each pass searches for its maximum

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "core/constants.h"
+#include "core/control.h"
 #include "core/estimates.h"
 #include "kernel/array.h"
 
@@ -25,21 +26,30 @@ enum class PassKind {
 };
 
 // How the iterations of a stage ended.
-enum class Ending { converged, limit, keyboard };
+enum class Ending {
+  converged,
+  limit,
+  keyboard,
+  lost  // their rule was met at the edge of the variances, but the search for the maximum there found none
+};
 
 // Records and units of the analysis.
 struct UnitCounts {
-  int records = 0, units2 = 0, units3 = 0;
+  int records = 0, units2 = 0;
+  int units3 = 0;       // 0 in data of two levels
   int filerecords = 0;  // level-1 records before run-time deletion
+
+  [[nodiscard]] bool twolevel() const { return units3 == 0; }
 };
 
 // Approximate degrees of freedom of the fixed effects. One entry for each that the constraints left, in order; the
 // arrays may be longer.
 struct FixedDegrees {
-  Array<int> df;
+  Array<double> df;   // whole numbers by counts
   Array<char> rough;  // 1: the p-value is a rough approximation
+  DegreesMethod method = DegreesMethod::counts;
 
-  [[nodiscard]] FixedDegrees copy() const { return {df.copy(), rough.copy()}; }
+  [[nodiscard]] FixedDegrees copy() const { return {df.copy(), rough.copy(), method}; }
 };
 
 // A 95% interval, by the critical value of the t distribution to three decimals.
@@ -52,7 +62,8 @@ struct Interval {
 struct EffectTest {
   double coefficient = 0.0, se = 0.0, t = 0.0;  // se and t 0.0: there is no standard error
   double p = 0.0;                               // 0.0 unless tested
-  int df = 0;
+  double df = 0.0;
+  bool fractional = false;             // df is no whole number of its own: it was not counted
   bool tested = false, rough = false;  // rough: p is an approximation
   Interval interval;
   double ratio = 0.0;  // odds or event-rate ratio, of use where the outcome has one
@@ -74,6 +85,7 @@ struct WaldTest {
   int r = 0, n = 0;
   Array<double> C;                  // r rows of n values
   bool computed = false;            // the contrasts are independent; what follows is of no use otherwise
+  bool denominator = true;          // its F has degrees of freedom; without, the chi-square is of no use
   Array<double> estimates, errors;  // [r]
   ChiSquareTest chisquare;
 };
@@ -95,7 +107,7 @@ struct EffectTable {
 
 // Standard errors of the variance components.
 struct TauErrors {
-  bool asked = false;            // fishertype is not 0
+  bool asked = false;            // fishertype is not none
   bool known = false;            // the information could be inverted; the rest is empty otherwise
   Array<double> taupi, taubeta;  // full matrices; 0.0 for a fixed element, missingcode for one not computable
   double sigma2 = 0.0;
@@ -103,12 +115,19 @@ struct TauErrors {
   Array<double> covariance;  // order squared, of the elements of the taus
   double sigma2variance = 0.0;
   std::vector<bool> edgepi, edgebeta;  // of an engine, full matrices: at the edge of its range, so without an error
-  double stepleft = 0.0;  // the farthest that the next scoring step would move an element, in its standard errors
+  double stepleft =
+      0.0;  // the farthest that the next scoring step moves an element, in standard errors; -1: out of the space
+
+  [[nodiscard]] const Array<double>& of(Tau which) const { return ofthe(which, taupi, taubeta); }
+  [[nodiscard]] const std::vector<bool>& edges(Tau which) const { return ofthe(which, edgepi, edgebeta); }
 };
 
 struct Reliabilities {
   Array<double> level2, level3;  // [p], [b]; of no use when no unit entered
   int units2 = 0, units3 = 0;    // units that entered
+
+  [[nodiscard]] const Array<double>& of(Tau which) const { return ofthe(which, level2, level3); }
+  [[nodiscard]] int units(Tau which) const { return ofthe(which, units2, units3); }
 };
 
 // The chi-square test of one variance.
@@ -121,6 +140,8 @@ struct VarianceTest {
 struct VarianceTests {
   std::vector<VarianceTest> level2, level3;  // [p], [b]
   int units2 = 0, units3 = 0;                // units that entered
+
+  [[nodiscard]] const std::vector<VarianceTest>& of(Tau which) const { return ofthe(which, level2, level3); }
 };
 
 // Fixed effects by ordinary least squares, before a linear run's iterations.
@@ -149,24 +170,28 @@ struct PassResults {
   int macro = 0;               // macro iteration, from 1; 0 in a linear run
   bool heterogeneous = false;  // of the stage with a taupi per level-3 unit
 
-  double fixsigma2 = 0.0;  // what sigma^2 was held at; 0.0: it was estimated
-  bool stopped = true;     // the iterations are over
+  double fixsigma2 = 0.0;   // what sigma^2 was held at; 0.0: it was estimated
+  bool restricted = false;  // the variance components are those of the restricted likelihood, which loglik is
+  bool stopped = true;      // the iterations are over
 
   int iteration = 0;  // the last one
   Ending ending = Ending::converged;
   double loglik = missingcode;
   double marginal = missingcode;  // of an engine: the log-likelihood with all its constants
   long long parameters = 0;       // that the model estimates
+  int rounds = 0;                 // of a population average: its passes
+  bool unsettled = false;         // they met their limit
 
   Estimates est;  // at the end
   TauErrors errors;
   Reliabilities reliabilities;
-  FixedDegrees degrees;       // of the fixed effects
-  Array<double> covariance;   // g squared: the covariance of gammahat, by design weights in a weighted run
-  Array<double> robust;       // g squared: the cluster sandwich; empty when it is not usable
-  bool fewunits = false;      // too few level-3 units for `robust` to be trusted
-  EffectTable effects;        // by `covariance`
-  EffectTable robusteffects;  // by `robust`
+  FixedDegrees degrees;        // of the fixed effects
+  FixedDegrees robustdegrees;  // by `robust`
+  Array<double> covariance;    // g squared: the covariance of gammahat, by design weights in a weighted run
+  Array<double> robust;        // g squared: the cluster sandwich; empty when it is not usable
+  bool fewunits = false;       // too few level-3 units for `robust` to be trusted
+  EffectTable effects;         // by `covariance`
+  EffectTable robusteffects;   // by `robust`
   VarianceTests tests;
   std::vector<std::string> warnings;  // whole sentences for the head of the results
   std::vector<std::string> notes;     // the same, of what is no fault

@@ -9,6 +9,12 @@ namespace kdr {
 
 // The two covariance matrices of the random effects: tau(pi) of level 2, tau(beta) of level 3.
 enum class Tau { pi, beta };
+[[nodiscard]] constexpr const char* nameof(Tau which) { return which == Tau::pi ? "pi" : "beta"; }
+// What belongs to one of them, of two of a kind.
+template <class T>
+[[nodiscard]] constexpr T& ofthe(Tau which, T& pi, T& beta) {
+  return which == Tau::pi ? pi : beta;
+}
 
 // cells[(set * rows + r) * width + i]. A table with one row per set is addressed by row(set).
 template <class T>

@@ -115,8 +115,9 @@ void checkhead(Reading& reading, const MdmHeader& head) {
 }
 
 // Holds the counts against the file's length. The file must have exactly the bytes that its head tells; before the
-// width of the file names is known, `namewidth` of -1 asks for no more than room.
-void checklength(Reading& reading, const MdmHeader& head, long long headlength, long long length, long long namewidth) {
+// width of the file names is known, `namewidth` of -1 asks for no more than room. Gives back where the blocks end.
+long long checklength(Reading& reading, const MdmHeader& head, long long headlength, long long length,
+                      long long namewidth) {
   const long long ids = static_cast<long long>(idwidth(reading.mdm.numericids));
   Extent extent{headlength, length};
   if (headlength > length) extent.fits = false;
@@ -130,7 +131,23 @@ void checklength(Reading& reading, const MdmHeader& head, long long headlength, 
   extent.add(head.numl2rec, 4 + 2 * ids + 8LL * head.numl1var + 8LL * head.numl2var);
   extent.add(head.numl1rec, 8LL * head.numl1var);
   if (!extent.fits) reading.damaged("it is cut off");
-  if (namewidth >= 0 && extent.used != length) reading.damaged("it is longer than its head tells");
+  return extent.used;
+}
+
+// What may stand behind the blocks is the section of long names.
+void readtexts(Reading& reading, long long length) {
+  MdmData& mdm = reading.mdm;
+  mdm.texts = LongTexts{};
+  if (reading.failure || mdm.lastblock == length) return;
+  constexpr std::size_t marklength = 8;
+  std::string section(marklength, '\0');
+  if (fseeko(mdm.stream, static_cast<off_t>(mdm.lastblock), SEEK_SET) != 0) return reading.damaged("it is cut off");
+  section.resize(reading.most(section.data(), section.size()));
+  if (!beginssection(section)) return reading.damaged("it is longer than its head tells");
+  section.resize(static_cast<std::size_t>(length - mdm.lastblock));
+  reading.take(section.data() + marklength, section.size() - marklength);
+  if (!reading.failure && !readsection(section, {mdm.nvar1, mdm.nvar2, mdm.nvar3}, mdm.texts))
+    reading.damaged("its section of long names is not whole");
 }
 
 void readnames(Reading& reading, Array<Name>& names, int nvar, const char* intercept) {
@@ -235,7 +252,7 @@ Failure readmdm(MdmData& mdm) {
   mdm.numericids = head.rawdattype < 0;
   checkhead(reading, head);
   if (reading.failure) return reading.failure;
-  checklength(reading, head, headlength, length, -1);
+  static_cast<void>(checklength(reading, head, headlength, length, -1));
   if (reading.failure) return reading.failure;
   takehead(mdm, head);
 
@@ -246,7 +263,7 @@ Failure readmdm(MdmData& mdm) {
   reading.take(&namewidth, sizeof namewidth);
   if (namewidth < 1) reading.damaged("its file names have no room");
   if (reading.failure) return reading.failure;
-  checklength(reading, head, headlength, length, namewidth);
+  mdm.lastblock = checklength(reading, head, headlength, length, namewidth);
   if (reading.failure) return reading.failure;
   readfilenames(reading, namewidth);
 
@@ -256,6 +273,7 @@ Failure readmdm(MdmData& mdm) {
   }
   readlevel3table(reading);
   mdm.firstblock = ftello(mdm.stream);
+  readtexts(reading, length);
   return reading.failure;
 }
 

@@ -2,7 +2,8 @@
 //
 // Order of the file, little-endian and without any filler: the head; three name tables; the width of a file name and
 // three file names; the grand means; the level-3 IDs; the level-3 matrix; one block for each level-2 unit
-// (data/unitreader.h). The head settles the file's length, so a file of another length is refused.
+// (data/unitreader.h); and, where there is more to tell, the section of long names (data/longtexts.h). The head settles
+// where the blocks end, so a file with anything else behind them is refused.
 #pragma once
 
 #include <cstddef>
@@ -15,12 +16,6 @@
 namespace kdr {
 
 inline constexpr std::string_view mdmmagic = "MXKDR3";  // the file's first bytes
-
-// An ID of a level-2 or level-3 unit. MdmData::numericids tells which of the two holds it.
-struct Id {
-  Name text;
-  double number;
-};
 
 // True when the two are the same ID: texts without regard to case, numbers exactly.
 [[nodiscard]] bool sameid(const Id& a, const Id& b, bool numeric);

@@ -32,6 +32,8 @@ MdmData MdmData::copy() const {
   twin.numericid3 = numericid3.copy();
   twin.level3 = level3.copy();
   twin.firstblock = firstblock;
+  twin.lastblock = lastblock;
+  twin.texts = texts;
   twin.ncol1 = ncol1;
   twin.ncol2 = ncol2;
   twin.ncol3 = ncol3;

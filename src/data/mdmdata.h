@@ -7,6 +7,7 @@
 #include "core/codes.h"
 #include "core/names.h"
 #include "core/results.h"
+#include "data/longtexts.h"
 #include "kernel/array.h"
 
 namespace kdr {
@@ -32,6 +33,8 @@ struct MdmData {
   Array<double> numericid3;           // [nunits3] when IDs are numeric
   Array<double> level3;               // nunits3 rows of nvar3 values
   long long firstblock = 0;           // file position of the first level-2 block
+  long long lastblock = 0;            // where the last one ends; 0: at the end of the file
+  LongTexts texts;                    // what stands behind it
 
   int ncol1 = 0, ncol2 = 0, ncol3 = 0;  // widths of the equation tables: nvarL + 1 (ordinal: with thresholds)
   int maxbeta = 0;                      // ncol2 * nvar1: level-2 coefficients that an equation set can have
@@ -43,7 +46,7 @@ struct MdmData {
 };
 
 [[nodiscard]] inline UnitCounts countsof(const MdmData& data) {
-  return {data.nunits1, data.nunits2, data.nunits3, data.numl1rec};
+  return {data.nunits1, data.nunits2, data.twolevel() ? 0 : data.nunits3, data.numl1rec};
 }
 
 // Design weights, one entry per level-1 record, level-2 unit and level-3 unit in file order.

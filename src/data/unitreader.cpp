@@ -30,6 +30,8 @@ void damaged(UnitReader& reader, const char* what) {
 // Reads up to `bytes` bytes at a file position. Less only at the end of the file, and when the reading has failed.
 std::size_t readat(UnitReader& reader, char* destination, std::size_t bytes, long long position) {
   std::size_t done = 0;
+  if (reader.end > 0)
+    bytes = static_cast<std::size_t>(std::clamp<long long>(reader.end - position, 0, static_cast<long long>(bytes)));
   while (done < bytes && !reader.failure) {
     if (reader.observer != nullptr && reader.observer->givesup()) {
       stopreading(reader, failed(abandoned));
@@ -159,6 +161,7 @@ void startunits(UnitReader& reader, const MdmData& mdm, std::FILE* stream, long 
   if (std::fflush(stream) != 0 || std::ferror(stream) != 0) stopreading(reader, failed(fulldisk));
   reader.mdm = &mdm;
   reader.stream = stream;
+  reader.end = readsmdm(reader) ? mdm.lastblock : 0;
   reader.nvar1 = nvar1;
   reader.nvar2 = nvar2;
   reader.withmeans = withmeans;

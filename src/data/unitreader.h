@@ -33,6 +33,7 @@ struct UnitReader {
   int nvar1 = 0, nvar2 = 0;
   bool withmeans = false;
   Array<char> buffer;           // file bytes start .. start + have
+  long long end = 0;            // file position behind the last block; 0: that of the file's end
   long long start = 0;          // file position of the buffer's first byte
   std::size_t have = 0;         // bytes in the buffer
   std::size_t at = 0;           // next byte

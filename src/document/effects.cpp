@@ -9,7 +9,7 @@ namespace {
 Json tested(const EffectTest& row, const MissingShare* share, bool withratio) {
   Json test{{"standard_error", whenever(row.se != 0.0, number(row.se))},
             {"t", whenever(row.se != 0.0, number(row.t))},
-            {"df", row.df},
+            {"df", row.fractional ? number(row.df) : Json(static_cast<long long>(row.df))},
             {"p", whenever(row.tested, number(row.p))},
             {"p_rough", row.rough},
             {"interval", bounds(row.interval)}};
@@ -61,7 +61,7 @@ void addhypotheses(Json& list, const char* name, const EffectTable& table) {
                {"contrasts", std::move(contrasts)},
                {"estimates", test.computed ? numbers(test.estimates) : Json()},
                {"standard_errors", test.computed ? numbers(test.errors) : Json()}};
-    if (test.computed) {
+    if (test.computed && test.denominator) {
       addtest(entry, test.chisquare);
     } else {
       entry.update({{"chi_square", nullptr}, {"df", test.r}, {"p", nullptr}});

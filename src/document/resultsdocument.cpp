@@ -61,7 +61,17 @@ const char* phasename(const PassResults& results) {
 }
 
 const char* endingname(Ending ending) {
-  return ending == Ending::converged ? "converged" : ending == Ending::limit ? "limit" : "keyboard";
+  switch (ending) {
+    case Ending::converged:
+      return "converged";
+    case Ending::limit:
+      return "limit";
+    case Ending::keyboard:
+      return "keyboard";
+    case Ending::lost:
+      return "lost";
+  }
+  return "";
 }
 
 bool isengine(const PassResults& results) {
@@ -85,15 +95,16 @@ Json warningsof(const Subject& subject, const PassResults& results) {
   return warnings;
 }
 
-void addpoints(Json& phase, const Coefficients& coef, const PassResults& results) {
+void addpoints(Json& phase, const Subject& subject, const PassResults& results) {
   const QuadraturePoints& made = results.quadrature;
+  const Coefficients& coef = subject.model.coef;
   phase["points"] = made.points;
   phase["check"] = made.next == 0 ? Json()
                                   : Json{{"points", made.next},
                                          {"log_likelihood_change", number(made.change)},
                                          {"largest_standard_error_change", number(made.errorchange)}};
   phase["tau_pi"]["at_edge"] = edges(coef.ntaupi, results.errors.edgepi);
-  if (!phase["tau_beta"].is_null()) phase["tau_beta"]["at_edge"] = edges(coef.ntaubeta, results.errors.edgebeta);
+  if (!subject.twolevel) phase["tau_beta"]["at_edge"] = edges(coef.ntaubeta, results.errors.edgebeta);
 }
 
 void addvariances(Json& phase, const Subject& subject, const PassResults& results) {
@@ -146,16 +157,19 @@ Json phaseof(const Subject& subject, const PassResults& results) {
   phase["iterations"] = results.iteration;
   addlikelihood(phase, subject, results.loglik, results.kind == PassKind::linear || isengine(results),
                 results.parameters, results.marginal);
+  if (results.restricted) phase["likelihood"] = "restricted";
+  if (results.degrees.method != DegreesMethod::counts)
+    phase["degrees_of_freedom"] =
+        results.degrees.method == DegreesMethod::satterthwaite ? "satterthwaite" : "kenward-roger";
   phase["marginal_log_likelihood"] = number(results.marginal);
   addvariances(phase, subject, results);
   if (!results.heterogeneous && results.kind == PassKind::linear)
-    phase["intraclass_correlation"] =
-        intraclass(subject, results.est.sigma2, results.est.taupi, results.est.taubeta);
+    phase["intraclass_correlation"] = intraclass(subject, results.est.sigma2, results.est.taupi, results.est.taubeta);
   addeffects(phase, subject, results.est.gammahat, results.effects, results.robusteffects,
              results.kind != PassKind::identity);
   phase["warnings"] = warningsof(subject, results);
   for (const std::string& note : results.notes) phase["warnings"].push_back(note);
-  if (results.kind == PassKind::quadrature) addpoints(phase, subject.model.coef, results);
+  if (results.kind == PassKind::quadrature) addpoints(phase, subject, results);
   return phase;
 }
 
@@ -183,6 +197,12 @@ void settle(ResultsDocument& document, bool converged) {
     phase["ending"] = endingname(converged ? Ending::converged : Ending::limit);
 }
 
+// The last phase has effects without finite estimates.
+void separate(ResultsDocument& document) {
+  settle(document, false);
+  if (!document.phases.empty()) document.phases.back()["ending"] = "separation";
+}
+
 Json allwarnings(const ResultsDocument& document, const Model& model, const Json& converged) {
   Json warnings = document.warnings;
   if (converged == false)
@@ -206,6 +226,10 @@ void addphase(ResultsDocument& document, const Subject& subject, const PassResul
   const bool average = results.tausstand() && (results.ending == Ending::keyboard || results.fixsigma2 == 0.0);
   if ((linear || average) && results.ending != Ending::converged) document.converged = false;
   if (linear && !results.heterogeneous && results.ending == Ending::converged) unsettled(document, results);
+  if (results.tausstand() && document.separated) separate(document);
+  if (!results.unsettled) return;
+  document.converged = false;
+  document.warnings.push_back(unsettledaverage(results));
 }
 
 void addphase(ResultsDocument& document, const Subject& subject, const PassResults& results, const Array<double>& mean,
@@ -240,9 +264,9 @@ void addphases(ResultsDocument& document, const Subject& subject, const Pooled& 
       subject, Tau::pi,
       {q, &pooled.taupi, pooled.errorsknown ? &pooled.taupierrors : nullptr, &pooled.reliability2, pooled.units2});
   if (!subject.twolevel)
-    phase["tau_beta"] = taumatrix(
-      subject, Tau::beta,
-      {r, &pooled.taubeta, pooled.errorsknown ? &pooled.taubetaerrors : nullptr, &pooled.reliability3, pooled.units3});
+    phase["tau_beta"] = taumatrix(subject, Tau::beta,
+                                  {r, &pooled.taubeta, pooled.errorsknown ? &pooled.taubetaerrors : nullptr,
+                                   &pooled.reliability3, pooled.units3});
   phase["variance_tests"] = variancetests(subject, pooled.taupi, pooled.taubeta, pooled.tests);
   phase["intraclass_correlation"] = intraclass(subject, pooled.sigma2, pooled.taupi, pooled.taubeta);
   place(document, std::move(phase));
@@ -255,11 +279,17 @@ void addphases(ResultsDocument& document, const Subject& subject, const Pooled& 
 void addengine(ResultsDocument& document, const Subject& subject, const EngineStage& stage, bool fixednodes) {
   const bool laplace = stage.engine == Engine::laplace6, estimated = stage.fit.end == EngineEnd::estimated;
   if (!stage.takenover || stage.results.ending != Ending::converged) document.converged = false;
+  // Points that fail their check, and terms of the sixth order that are not small, are no end that was asked for.
+  const bool doubtful = !fixednodes && stage.results.ending == Ending::converged && !stage.results.warnings.empty();
+  if (doubtful) document.converged = false;
   if (estimated && (!laplace || stage.takenover)) addphase(document, subject, stage.results);
   if (laplace) {
-    if (!stage.takenover)
+    if (estimated && stage.takenover && stage.separated) separate(document);
+    if (!stage.takenover && fixednodes)
       document.warnings.emplace_back(
           "Fisher scoring is unable to compute a Laplace-6 estimate within the parameter space.");
+    if (!stage.takenover && !fixednodes)
+      document.warnings.insert(document.warnings.end(), stage.fit.warnings.begin(), stage.fit.warnings.end());
     return;
   }
   if (!estimated) {
@@ -268,35 +298,41 @@ void addengine(ResultsDocument& document, const Subject& subject, const EngineSt
     document.warnings.insert(document.warnings.end(), stage.fit.warnings.begin(), stage.fit.warnings.end());
   }
   document.warnings.insert(document.warnings.end(), stage.behind.begin(), stage.behind.end());
-  // Points that fail their check are no end that was asked for.
-  const bool failedcheck = !fixednodes && stage.results.ending == Ending::converged && !stage.results.warnings.empty();
-  if (failedcheck) document.converged = false;
-  if (estimated && (!stage.takenover || failedcheck)) settle(document, false);
+  if (estimated && (!stage.takenover || doubtful)) settle(document, false);
+  if (estimated && stage.separated) separate(document);
 }
 
 void addmacroend(ResultsDocument& document, const MacroEvent& event) {
-  if (event.results.kind != PassKind::identity) settle(document, event.end == MacroEnd::converged);
+  const bool converged = event.end == MacroEnd::converged && !event.separation.known();
+  if (event.results.kind != PassKind::identity) settle(document, converged);
   if (event.end == MacroEnd::goeson) return;
-  if (event.end != MacroEnd::converged) document.converged = false;
+  if (!converged) document.converged = false;
+  document.separated = event.separation.known();
+  if (document.separated) separate(document);
+  document.warnings.insert(document.warnings.end(), event.separation.warnings.begin(), event.separation.warnings.end());
   unsettled(document, event.results);
 }
 
 Json wholedocument(const ResultsDocument& document, const Subject& subject, const DocumentFrame& frame) {
-  return {{"format", "kdr3 results"},
-          {"format_version", 3},
-          {"program", module},
-          {"version", version},
-          {"title", frame.title},
-          {"data", {{"mdm_file", textornull(frame.mdmfile)}, {"command_file", textornull(frame.commandfile)}}},
-          {"dimensions",
-           {{"records", subject.records}, {"level2_units", subject.units2}, {"level3_units", whenever(!subject.twolevel, subject.units3)}}},
-          {"model", describedmodel(subject)},
-          {"series", frame.series},
-          {"converged", frame.converged},
-          {"phases", document.phases},
-          {"warnings", allwarnings(document, subject.model, frame.converged)},
-          {"files", frame.files},
-          {"checksums", frame.checksums}};
+  Json whole = {{"format", "kdr3 results"},
+                {"format_version", 3},
+                {"program", module},
+                {"version", version},
+                {"title", frame.title},
+                {"data", {{"mdm_file", textornull(frame.mdmfile)}, {"command_file", textornull(frame.commandfile)}}},
+                {"dimensions",
+                 {{"records", subject.records},
+                  {"level2_units", subject.units2},
+                  {"level3_units", whenever(!subject.twolevel, subject.units3)}}},
+                {"model", describedmodel(subject)},
+                {"series", frame.series},
+                {"converged", frame.converged},
+                {"phases", document.phases},
+                {"warnings", allwarnings(document, subject.model, frame.converged)},
+                {"files", frame.files},
+                {"checksums", frame.checksums}};
+  if (subject.texts != nullptr && subject.texts->any()) whole["variables"] = describedvariables(subject);
+  return whole;
 }
 
 std::string documenttext(const Json& whole, bool table) {

@@ -19,6 +19,7 @@ struct ResultsDocument {
   std::vector<Json> phases;
   std::vector<std::string> warnings;  // sentences about the whole
   bool converged = true;              // nothing was stopped, limited or given up so far
+  bool separated = false;             // some fixed effects have no finite estimate
 };
 
 // The phase of a pass, of ordinary least squares.

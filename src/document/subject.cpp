@@ -92,4 +92,21 @@ Json describedmodel(const Subject& subject) {
             {"known_variance", nameornull(subject, 1, model.autovknown)}}}};
 }
 
+Json describedvariables(const Subject& subject) {
+  Json list = Json::array();
+  for (int level = 1; level <= 3; ++level)
+    for (int v = 1; at(v) < subject.names[level - 1].size(); ++v) {
+      const VariableText* text = subject.texts->of(level, v);
+      if (text == nullptr) continue;
+      Json values = Json::array();
+      for (const auto& [value, label] : text->labels) values.push_back({{"value", number(value)}, {"label", label}});
+      list.push_back({{"level", level},
+                      {"name", subject.name(level, v)},
+                      {"whole_name", textornull(text->name)},
+                      {"label", textornull(text->label)},
+                      {"values", std::move(values)}});
+    }
+  return list;
+}
+
 }  // namespace kdr

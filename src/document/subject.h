@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "core/model.h"
+#include "data/longtexts.h"
 #include "document/json.h"
 #include "estimate/inference/modelstatistics.h"
 
@@ -17,14 +18,17 @@ struct Subject {
   std::vector<std::string> names[3] = {};    // of the variables of levels 1 to 3, [0] that of the intercept
   std::vector<std::string> categories = {};  // their labels, as far as they are known
   int records = 0, units2 = 0, units3 = 0;
-  bool twolevel = false;  // there is no level 3: what would stand for it is null
+  bool twolevel = false;                                  // there is no level 3: what would stand for it is null
   std::optional<Alternative> alternative = std::nullopt;  // what the deviance is compared with
+  const LongTexts* texts = nullptr;                       // what the source of the data says of its variables
 
   [[nodiscard]] const std::string& name(int level, int v) const { return names[level - 1][at(v)]; }
 };
 
 // The member `model`.
 [[nodiscard]] Json describedmodel(const Subject& subject);
+// The member `variables`, which is there when the source has said something: names and labels as it has them.
+[[nodiscard]] Json describedvariables(const Subject& subject);
 
 // The label of the category whose set of equations this is; null unless the outcome is multinomial.
 [[nodiscard]] Json categoryornull(const Subject& subject, int set);

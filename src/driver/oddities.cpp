@@ -5,6 +5,7 @@
 
 #include "driver/failures.h"
 #include "driver/runrecord.h"
+#include "driver/warnings.h"
 
 namespace kdr {
 
@@ -14,7 +15,7 @@ void oddcommand(const std::string& words, int strictcode) {
   const std::size_t first = words.find_first_not_of(" \n"), last = words.find_last_not_of(" \n");
   std::string kept = words.substr(first, last - first + 1);
   std::replace(kept.begin(), kept.end(), '\n', ' ');
-  if (std::find(run.odd.begin(), run.odd.end(), kept) == run.odd.end()) run.odd.push_back(std::move(kept));
+  keepwarning(kept, true);
 }
 
 }  // namespace kdr

@@ -2,10 +2,12 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
+#include <cstring>
 #include <iterator>
+#include <optional>
 
 #include "core/formatted.h"
+#include "core/numbers.h"
 #include "driver/failures.h"
 #include "driver/runrecord.h"
 #include "driver/terminal.h"
@@ -84,6 +86,12 @@ void unreadableinput() {
   stopwith("Unable to read standard input\n");
 }
 
+void tellnonumber(const std::string& answer, const char* wanted) {
+  const std::size_t first = answer.find_first_not_of(" \t");
+  if (first != answer.npos && std::strchr("+-.0123456789", answer[first]) != nullptr)
+    std::printf(" This is no %s to its end: %s\n", wanted, printable(answer).c_str());
+}
+
 void noproperresponse() {
   std::fflush(stdout);
   if (inputended && !run.files.cmdfile.empty())
@@ -110,15 +118,21 @@ int asknumber(const char* prompt, int lo, int hi) {
   std::string line;
   for (int tries = 0; tries < maxtries; ++tries) {
     readanswer(std::string(prompt) + " ", line, Question::number, range);
-    char* end = nullptr;
-    const long value = std::strtol(line.c_str(), &end, 10);
-    if (end != line.c_str() && lo <= value && value <= hi) return static_cast<int>(value);
+    const std::optional<int> value = wholeof(line);
+    if (value && lo <= *value && *value <= hi) return *value;
+    if (!value) tellnonumber(line, "whole number");
   }
   noproperresponse();
 }
 
 int askvariable(const char* prompt, int lo, int hi, const Array<Name>& table) {
-  return askvariable(prompt, lo, hi, [&](const std::string& name) { return findname(name, table, hi); });
+  return askvariable(prompt, lo, hi, [&](const std::string& name) {
+    const int found = findname(name, table, hi);
+    if (found > 0 && charactersof(name) > significant)
+      std::printf(" %s is taken for %s: names count by their first %d characters.\n", printable(name).c_str(),
+                  leftname(table[static_cast<std::size_t>(found)]).c_str(), static_cast<int>(significant));
+    return found;
+  });
 }
 
 int askvariable(const char* prompt, int lo, int hi, const std::function<int(const std::string& name)>& find) {
@@ -128,16 +142,14 @@ int askvariable(const char* prompt, int lo, int hi, const std::function<int(cons
   std::string line;
   for (int tries = 0; tries < maxtries; ++tries) {
     readanswer(std::string(prompt) + " ", line, Question::variable, more);
-    char* end = nullptr;
-    const long value = std::strtol(line.c_str(), &end, 10);
-    const bool number = end != line.c_str() && (*end == '\0' || *end == ' ' || *end == '\t');
-    if (number && lo <= value && value <= hi) return static_cast<int>(value);
+    const std::optional<int> value = wholeof(line);
+    if (value && lo <= *value && *value <= hi) return *value;
     const std::size_t first = line.find_first_not_of(" \t");
-    if (number || first == std::string::npos) continue;
+    if (value || first == std::string::npos) continue;
     const std::string name = line.substr(first, line.find_last_not_of(" \t") + 1 - first);
     const int found = find(name);
     if (found > 0) return found;
-    std::printf(" There is no variable %s.\n", name.c_str());
+    std::printf(" There is no variable %s.\n", printable(name).c_str());
   }
   noproperresponse();
 }
@@ -146,9 +158,9 @@ double askreal(const char* prompt, double lo, double hi) {
   std::string line;
   for (int tries = 0; tries < maxtries; ++tries) {
     readanswer(std::string(prompt) + " ", line, Question::real);
-    char* end = nullptr;
-    const double value = std::strtod(line.c_str(), &end);
-    if (end != line.c_str() && lo <= value && value <= hi) return value;
+    const std::optional<double> value = realof(line);
+    if (value && lo <= *value && *value <= hi) return *value;
+    if (!value) tellnonumber(line, "number");
   }
   noproperresponse();
 }

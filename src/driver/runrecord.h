@@ -27,6 +27,7 @@ struct RunIdentity {
   bool inmemory = false;         // -i: the unit store stays in memory, whatever its size
   int threads = 0;               // -t<n>: threads of the maximum-likelihood engines; 0: one for each core
   int waitseconds = 3;           // length of the wait at every end; below 0 (-q): none at all
+  bool restricted = false;       // -reml: LIKELIHOOD:REML, whatever the command file says
   bool strict = false;           // -strict: a run that did not converge ends with unconvergedcode
   bool unconverged = false;      // a result of the run was stopped before it converged, or given up
   bool passunconverged = false;  // the same of this pass of a series of plausible values
@@ -130,8 +131,15 @@ struct ReportStream {
   long long mark = -1;        // where the results of a later pass go back to, below 0: nowhere (markreport)
 };
 
+// A sentence about the run as a whole, which the report has below its header and the results document among its
+// warnings. Of what the command file says in vain (driver/oddities.h), or of the rest (driver/warnings.h).
+struct RunWarning {
+  std::string words;
+  bool ofcommands;
+};
+
 struct RunRecord {
-  std::vector<std::string> warnings;  // sentences about the run as a whole (driver/warnings.h)
+  std::vector<RunWarning> warnings;
   RunIdentity id;
   SeriesMode series;
   RunFiles files;
@@ -140,7 +148,6 @@ struct RunRecord {
   Control control;
   OutputControl out;
   AnsweredMarks answered;
-  std::vector<std::string> odd;  // sentences on what the command file says in vain: oddcommand
   Symbols sym;
   ReportStream report;
   DesignWeights weights;

@@ -8,10 +8,15 @@
 
 namespace kdr {
 
+bool keepwarning(const std::string& words, bool ofcommands) {
+  const auto same = [&](const RunWarning& w) { return w.ofcommands == ofcommands && w.words == words; };
+  if (std::ranges::any_of(run.warnings, same)) return false;
+  run.warnings.push_back({words, ofcommands});
+  return true;
+}
+
 void warn(const std::string& words) {
-  if (std::find(run.warnings.begin(), run.warnings.end(), words) != run.warnings.end()) return;
-  std::printf("%s\n", printable(words).c_str());
-  run.warnings.push_back(words);
+  if (keepwarning(words, false)) std::printf("%s\n", printable(words).c_str());
 }
 
 }  // namespace kdr

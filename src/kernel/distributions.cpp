@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <boost/math/distributions/chi_squared.hpp>
 #include <boost/math/distributions/fisher_f.hpp>
+#include <boost/math/distributions/normal.hpp>
 #include <boost/math/distributions/students_t.hpp>
 #include <cmath>
 
@@ -22,6 +23,7 @@ using Quiet = rules::policy<rules::domain_error<rules::ignore_error>, rules::pol
 
 double tprob(double df, double t) {
   if (std::isinf(t)) return 0.0;
+  if (std::isinf(df)) return normalprob(t);
   return 2.0 * cdf(complement(boost::math::students_t_distribution<double, Quiet>(df), std::fabs(t)));
 }
 
@@ -32,6 +34,11 @@ double tcritical(int df) {
   if (df < 1) return 1.96;
   const boost::math::students_t_distribution<double, Quiet> distribution(df);
   return std::ceil(1000.0 * quantile(distribution, 0.975)) / 1000.0;
+}
+
+double tquantile(double df) {
+  if (std::isinf(df)) return quantile(boost::math::normal_distribution<double, Quiet>(), 0.975);
+  return quantile(boost::math::students_t_distribution<double, Quiet>(df), 0.975);
 }
 
 double chisqprob(double df, double x) {
@@ -63,6 +70,12 @@ double logfactorial(double x) {
                    24.01409824083091 / (y + 3.0) - 1.231739572450155 / (y + 4.0) + 0.001208650973866179 / (y + 5.0) -
                    0.000005395239384953 / (y + 6.0);
   return std::log(2.5066282746310007 * q / y) - w;
+}
+
+double logcombinations(double n, double y) {
+  // std::lgamma would write the sign into a global.
+  int sign = 0;
+  return lgamma_r(n + 1.0, &sign) - lgamma_r(y + 1.0, &sign) - lgamma_r(n - y + 1.0, &sign);
 }
 
 }  // namespace kdr

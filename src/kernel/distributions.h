@@ -18,6 +18,8 @@ namespace kdr {
 // The two-sided 5% point of Student's t, rounded up to three decimals (df 1: four). Above 2500 degrees of freedom it is
 // 1.96, and for a df below 1, which has no such point.
 [[nodiscard]] double tcritical(int df);
+// The same unrounded, for any df above 0.0, infinity among them.
+[[nodiscard]] double tquantile(double df);
 
 // n! as a floating-point value: 1 for n below 2, infinite above 170.
 [[nodiscard]] double factorial(int n);
@@ -25,5 +27,8 @@ namespace kdr {
 // log x!, x >= 0. Below 65 a fraction of x is dropped; from there on log Gamma(x + 1) by the approximation of Lanczos
 // (1964).
 [[nodiscard]] double logfactorial(double x);
+
+// log (n over y) of real numbers, by log Gamma. Safe in several threads.
+[[nodiscard]] double logcombinations(double n, double y);
 
 }  // namespace kdr

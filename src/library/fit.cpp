@@ -104,6 +104,8 @@ Failure chainfit(Fit& fit, const Analysis& analysis) {
   MacroState& state = chain.state;
   result.counts = countsof(chain.pass);
   warn(result, state.unitspecific.warnings);
+  if (state.end == MacroEnd::limit) state.unitspecific.ending = Ending::limit;
+  if (state.end == MacroEnd::keyboard) state.unitspecific.ending = Ending::keyboard;
   const bool quadrature = state.quadrature.has_value(), engine = quadrature || state.laplace6.has_value();
   if ((analysis.control.laplace || analysis.control.agqpoints != 0) && !engine)
     result.warnings.emplace_back("The engine has no results: these are those of quasi-likelihood.");
@@ -140,11 +142,15 @@ std::vector<std::string> namesof(const kdr3_model& model, const Model& made) {
 // The warnings of the whole and the document, from what has been collected.
 void finish(const Fit& fit) {
   kdr3_result& result = fit.result;
+  result.converged = fit.document.converged;
   const Ending ending = result.results.ending;
   std::vector<std::string> warnings;
   if (ending != Ending::converged)
     warnings.emplace_back(ending == Ending::keyboard ? "The iterations were stopped before they had converged."
-                                                     : "The iterations reached their limit before they had converged.");
+                          : ending == Ending::lost
+                              ? "The iterations stopped at the edge of the variance components, but "
+                                "the search for the maximum there has failed."
+                              : "The iterations reached their limit before they had converged.");
   warnings.insert(warnings.end(), fit.document.warnings.begin(), fit.document.warnings.end());
   result.warnings.insert(result.warnings.begin(), warnings.begin(), warnings.end());
   DocumentFrame frame;
@@ -188,7 +194,6 @@ kdr3_status kdr3_fit(const kdr3_model* model, const kdr3_observer* observer, kdr
     result->g = result->results.est.gammahat.size();
     result->names = namesof(*model, values.model);
     finish(fit);
-    if (values.mdm.twolevel()) result->counts.units3 = 0;
     *made = result.release();
     return (*made)->warnings.empty() ? KDR3_OK : KDR3_WARNING;
   });

@@ -26,8 +26,8 @@ kdr3_status addterm(kdr3_model& model, std::vector<kdr3_model::Term>& list, int 
                     const char* name) {
   if (term.variable < 0) return error(unknownname(level, name));
   if (!centeringknown(term.centering)) return error("A centering is raw, by the group mean or by the grand mean.");
-  if (level == 3 && term.centering == KDR3_GROUPMEAN)
-    return error("A level-3 variable has no groups to be centered in: " + std::string(name) + ".");
+  if (level == (model.data->mdm.twolevel() ? 2 : 3) && term.centering == KDR3_GROUPMEAN)
+    return error(formatted("A level-%d variable has no groups to be centered in: %s.", level, name));
   for (const kdr3_model::Term& other : list) {
     if (other.owner == term.owner && other.variable == term.variable)
       return error("The term " + model.data->names[level - 1][static_cast<std::size_t>(term.variable)] +
@@ -65,7 +65,13 @@ constexpr Setting settings[] = {
     {"STOPMICRO", 0, 100, false, setstop},
     {"STOPMACRO", 0, 100, false, [](kdr3_model& m, double v) { m.control.stopmacro = v; }},
     {"ACCEL", 1, many, true, [](kdr3_model& m, double v) { m.control.accel = whole(v); }},
-    {"FISHERTYPE", 0, 2, true, [](kdr3_model& m, double v) { m.control.fishertype = whole(v); }},
+    {"FISHERTYPE", 0, 2, true,
+     [](kdr3_model& m, double v) { m.control.fishertype = static_cast<FisherType>(whole(v)); }},
+    {"REML", 0, 1, true, [](kdr3_model& m, double v) { m.control.restricted = v != 0; }},
+    {"DDF", 0, 2, true, [](kdr3_model& m, double v) { m.control.ddf = static_cast<DegreesMethod>(whole(v)); }},
+    {"DDFOBSERVED", 0, 1, true, [](kdr3_model& m, double v) { m.control.ddfobserved = v != 0; }},
+    {"CR2", 0, 1, true, [](kdr3_model& m, double v) { m.control.clusterrobust = v != 0; }},
+    {"EDGECOVFULL", 0, 1, true, [](kdr3_model& m, double v) { m.control.edgefull = v != 0; }},
     {"FIXSIGMA2", 0, 1e300, false, [](kdr3_model& m, double v) { m.fixsigma2 = v; }},
     {"DIAGONALIZETAUPI", 0, 1, true, [](kdr3_model& m, double v) { m.diagtaupi = v != 0; }},
     {"DIAGONALIZETAUBETA", 0, 1, true, [](kdr3_model& m, double v) { m.diagtaubeta = v != 0; }},

@@ -37,7 +37,7 @@ kdr3_status kdr3_result_summary(const kdr3_result* result, kdr3_summary* summary
   const std::size_t size = summary->size;
   *summary = {};
   summary->size = size;
-  summary->converged = results.ending == Ending::converged ? 1 : 0;
+  summary->converged = results.ending == Ending::converged && result->converged ? 1 : 0;
   summary->iterations = quasi ? results.macro : results.iteration;
   summary->records = at(result->counts.records);
   summary->units2 = at(result->counts.units2);

@@ -10,6 +10,7 @@
 
 struct kdr3_result {
   kdr::PassResults results;  // of the phase that the run ends with: an engine where there is one
+  bool converged = true;     // all of the run
   kdr::UnitCounts counts;
   int p = 0, b = 0;
   std::size_t g = 0;

@@ -10,6 +10,7 @@
 #include "core/modelcounts.h"
 #include "estimate/likelihood/engines.h"
 #include "estimate/linear/deletion.h"
+#include "estimate/linear/restrictedfit.h"
 #include "kernel/matrix.h"
 #include "kernel/sizes.h"
 
@@ -162,6 +163,7 @@ std::string settle(const kdr3_model& model, Values& values) {
   if (one) made.restrictions.fixsigma2 = 1.0;
   if (made.outcome.single()) control.popavit = std::max(control.popavit, 1);
   if (!made.outcome.linear() && control.agqpoints == 0 && !model.stopgiven) control.stopval = 1.0e-5;
+  if (std::string words = smallsampleobstacle(made, control); !words.empty()) return words;
   return engineobstacle(made, control);
 }
 

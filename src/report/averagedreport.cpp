@@ -64,20 +64,20 @@ void level1(const Pooled& pooled) {
 
 // Of the units of a tau's level some were of no use.
 void partialnote(Tau which, const char* what, int units2, int units3) {
-  const int used = which == Tau::pi ? units2 : units3, total = which == Tau::pi ? run.mdm.nunits2 : run.mdm.nunits3;
+  const int used = ofthe(which, units2, units3), total = ofthe(which, run.mdm.nunits2, run.mdm.nunits3);
   if (used != total) partialdatanote(what, used, total);
 }
 
 // A tau with its standard errors, correlations and reliabilities.
 void tautables(Tau which, const Pooled& pooled) {
-  const bool pi = which == Tau::pi;
-  const Array<double>& tau = pi ? pooled.taupi : pooled.taubeta;
-  const Array<double>& reliabilities = pi ? pooled.reliability2 : pooled.reliability3;
+  const Array<double>& tau = ofthe(which, pooled.taupi, pooled.taubeta);
+  const Array<double>& reliabilities = ofthe(which, pooled.reliability2, pooled.reliability3);
   const int n = static_cast<int>(reliabilities.size());
   if (n == 0) return;
   tautable(which, MatrixTitle::plain, false, n, tau.data());
   if (pooled.errorsknown)
-    tautable(which, MatrixTitle::standarderror, false, n, (pi ? pooled.taupierrors : pooled.taubetaerrors).data());
+    tautable(which, MatrixTitle::standarderror, false, n,
+             ofthe(which, pooled.taupierrors, pooled.taubetaerrors).data());
   correlationtable(which, n, tau.data());
   reliabilitytable(which, n, reliabilities.data());
   partialnote(which, "reliability estimates", pooled.units2, pooled.units3);
@@ -104,9 +104,8 @@ void fixedeffects(const PooledEffects& effects, PassKind pass) {
 
 void variances(const Pooled& pooled) {
   for (const Tau which : {Tau::pi, Tau::beta}) {
-    const bool pi = which == Tau::pi;
-    const std::vector<VarianceTest>& tests = pi ? pooled.tests.level2 : pooled.tests.level3;
-    variancetable(which, pi ? pooled.taupi : pooled.taubeta, tests, pooled.sigma2);
+    const std::vector<VarianceTest>& tests = pooled.tests.of(which);
+    variancetable(which, ofthe(which, pooled.taupi, pooled.taubeta), tests, pooled.sigma2);
     const auto ratio = [](const VarianceTest& test) { return test.known && test.chisquare.df2 > 0.0; };
     if (std::any_of(tests.begin(), tests.end(), ratio)) {
       report("Chi-square over its df is pooled, and the p-value that of F. Degrees of freedom of\nthe denominator:");
@@ -125,11 +124,6 @@ PassKind finalpass() {
 }
 
 }  // namespace
-
-std::string averagedreportname() {
-  if (reportisstdout()) return {};
-  return run.files.outbase + (run.report.html ? "_avg.html" : ".avg");
-}
 
 void startaveragedreport() {
   const std::string name = averagedreportname();

@@ -2,15 +2,10 @@
 #pragma once
 
 #include <span>
-#include <string>
 
 #include "series/pooledresults.h"
 
 namespace kdr {
-
-// The stem of the sub-runs' numbered reports with ".avg" or "_avg.html"; empty when the reports go to standard output,
-// which the averages follow there.
-[[nodiscard]] std::string averagedreportname();
 
 // Begins the averaged report with what the sub-run's report holds so far, under its own name in the line "Output file
 // name". The sub-run's report goes on where it stood. Failure 5.

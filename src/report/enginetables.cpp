@@ -15,13 +15,11 @@ namespace kdr {
 namespace {
 
 void laplacereliabilities(Tau which, const Reliabilities& reliabilities) {
-  const bool pi = which == Tau::pi;
-  const Array<double>& values = pi ? reliabilities.level2 : reliabilities.level3;
-  const int used = pi ? reliabilities.units2 : reliabilities.units3;
-  const int total = pi ? run.mdm.nunits2 : run.mdm.nunits3;
-  if ((pi ? run.model.coef.ntaupi : run.model.coef.ntaubeta) == 0) return;
+  const Array<double>& values = reliabilities.of(which);
+  const int used = reliabilities.units(which), total = ofthe(which, run.mdm.nunits2, run.mdm.nunits3);
+  if (run.model.coef.order(which) == 0) return;
   if (used == 0) {
-    report("\n The Tau(%s) reliabilities cannot be computed\n", pi ? "pi" : "beta");
+    report("\n The Tau(%s) reliabilities cannot be computed\n", nameof(which));
     return;
   }
   reliabilitytable(which, static_cast<int>(values.size()), values.data());
@@ -30,19 +28,18 @@ void laplacereliabilities(Tau which, const Reliabilities& reliabilities) {
 
 // The estimates of a matrix, its standard errors or why there are none, its correlations.
 void taublocks(Tau which, const PassResults& results) {
-  const bool pi = which == Tau::pi;
-  const int n = pi ? run.model.coef.ntaupi : run.model.coef.ntaubeta;
-  const double* tau = (pi ? results.est.taupi : results.est.taubeta).data();
-  const Array<double>& errors = pi ? results.errors.taupi : results.errors.taubeta;
+  const int n = run.model.coef.order(which);
+  const double* tau = results.est.tau(which).data();
+  const Array<double>& errors = results.errors.of(which);
   if (n == 0) return;
   tautable(which, MatrixTitle::plain, false, n, tau);
   if (!errors.empty()) {
     tautable(which, MatrixTitle::standarderror, false, n, errors.data());
-    const std::vector<bool>& edge = pi ? results.errors.edgepi : results.errors.edgebeta;
+    const std::vector<bool>& edge = results.errors.edges(which);
     if (std::find(edge.begin(), edge.end(), true) != edge.end())
       reportline("NC: at the edge, a variance of 0 or a covariance with it. It has no standard error.");
   } else {
-    reportline("The standard errors of Tau(%s) cannot be computed.  This is", pi ? "pi" : "beta");
+    reportline("The standard errors of Tau(%s) cannot be computed.  This is", nameof(which));
     reportline("probably due to one or more of the random effects having a zero variance.");
   }
   correlationtable(which, n, tau);
@@ -64,8 +61,13 @@ void laplacetables(const PassResults& results, bool withlikelihood) {
   if (withlikelihood) reportline("The likelihood at Laplace iteration %d is %E", results.iteration + 1, results.loglik);
 }
 
-void laplacefailed() {
+void laplacefailed(const std::vector<std::string>& warnings) {
   rewindreport();
+  if (!warnings.empty()) {
+    reportline("Laplace-6 has no results.");
+    for (const std::string& warning : warnings) reportline("%s", warning.c_str());
+    return;
+  }
   reportline("Fisher scoring is unable to compute a maximum likehihood estimate within");
   reportline("the parameter space.  Unable to produce Laplace results.");
   reportbreak();

@@ -10,8 +10,8 @@ namespace kdr {
 // `withlikelihood`. Deviance and number of parameters are modelstatistics'.
 void laplacetables(const PassResults& results, bool withlikelihood);
 
-// Goes back to the mark and writes the words of a Laplace-6 estimation without a result.
-void laplacefailed();
+// Goes back to the mark and writes the words of a Laplace-6 estimation without a result: why, where there are warnings.
+void laplacefailed(const std::vector<std::string>& warnings);
 
 // Writes the results of quadrature: heading, warnings, each tau with its standard errors and correlations, the fixed
 // effects with their ratios and hypothesis tests.

@@ -162,7 +162,7 @@ void fixedrow(const EffectTest& row, const char* style) {
       report("<td colspan=2 %s>Unable to compute</td></tr>", style);
       return;
     }
-    report("<td align=right valign=bottom %s>%d</td>\n", style, row.df);
+    report("<td align=right valign=bottom %s>%.*f</td>\n", style, row.fractional ? 1 : 0, row.df);
     if (row.p < 0.001) {
       report("<td align=right valign=bottom %s>&lt;0.001", style);
     } else {
@@ -174,7 +174,7 @@ void fixedrow(const EffectTest& row, const char* style) {
   report("%s  %s   %s ", fixedpoint(row.coefficient, 13, 6).c_str(), fixedpoint(row.se, 10, 6).c_str(),
          fixedpoint(row.t, 8, 3).c_str());
   if (row.tested) {
-    report("%8d    %5.3f%s\n", row.df, row.p, mark);
+    report("%8.*f    %5.3f%s\n", row.fractional ? 1 : 0, row.df, row.p, mark);
   } else {
     report("Unable to compute\n");
   }

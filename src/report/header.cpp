@@ -71,8 +71,11 @@ void writeheader() {
   localtime_r(&seconds, &now);
   product();
   occasion(now);
-  for (const std::string& words : run.odd) reportwarning("WARNING: Command file: " + escaped(words));
+  for (const RunWarning& warning : run.warnings)
+    if (warning.ofcommands) reportwarning("WARNING: Command file: " + escaped(warning.words));
   reportbreak();
+  for (const RunWarning& warning : run.warnings)
+    if (!warning.ofcommands) reportwarning("WARNING: " + escaped(warning.words));
 }
 
 }  // namespace kdr

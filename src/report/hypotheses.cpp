@@ -97,6 +97,7 @@ void writetest(const WaldTest& test, std::span<const EffectTest> effects) {
     return;
   }
   estimaterows(test);
+  if (!test.denominator) return reportline("The degrees of freedom of this test cannot be computed.");
   statisticlines(test.chisquare);
 }
 

@@ -53,14 +53,17 @@ void modelstatistics(const PassResults& results) {
   report2("\n\n Statistics for the current model\n", "<h4>Statistics for the current model</h4>\n");
   reportrule(50);
   if (std::isfinite(deviance)) {
-    reportline(" Deviance                       = %f", deviance);
+    reportline(results.restricted ? " Deviance (restricted)          = %f" : " Deviance                       = %f",
+               deviance);
   } else {
     reportline(" Deviance                       = Unable to compute");
   }
   if (run.model.autovknown != 0 && run.model.outcome.linear())
     reportline(" (a constant of the known variances is left out: compare such deviances only with each other)");
   reportline(" Number of estimated parameters = %lld", parameters);
-  if (run.out.deviance && std::isfinite(deviance)) comparison(deviance, parameters);
+  if (!run.out.deviance || !std::isfinite(deviance)) return;
+  comparison(deviance, parameters);
+  if (results.restricted) sentences(samefixedeffects);
 }
 
 }  // namespace kdr

@@ -7,6 +7,7 @@
 #include "report/fixedtable.h"
 #include "report/hypotheses.h"
 #include "report/matrixtables.h"
+#include "report/modelstatistics.h"
 #include "report/resultsheading.h"
 #include "report/stream.h"
 #include "report/variancetables.h"
@@ -66,11 +67,10 @@ void partnote(const char* what, int used, int total) {
 
 void reliabilitytables(Tau which, const PassResults& results) {
   const Reliabilities& rel = results.reliabilities;
-  const bool pi = which == Tau::pi;
-  const Array<double>& values = pi ? rel.level2 : rel.level3;
-  const int used = pi ? rel.units2 : rel.units3;
+  const Array<double>& values = rel.of(which);
+  const int used = rel.units(which);
   if (used < 1) {
-    if (pi) {
+    if (which == Tau::pi) {
       reportline(" The %s reliabilities cannot be computed", run.sym.symvar2.c_str());
     } else {
       reportline(" The %s(beta) reliabilities cannot be computed", run.report.html ? "&tau;" : "tau");
@@ -78,20 +78,18 @@ void reliabilitytables(Tau which, const PassResults& results) {
     return;
   }
   reliabilitytable(which, static_cast<int>(values.size()), values.data());
-  partnote("reliability estimates", used, pi ? run.mdm.nunits2 : run.mdm.nunits3);
+  partnote("reliability estimates", used, ofthe(which, run.mdm.nunits2, run.mdm.nunits3));
 }
 
 // A tau with all that belongs to it. The heterogeneous stage has no one tau(pi); its results follow with the mean over
 // the level-3 units.
 void tautables(Tau which, const PassResults& results) {
-  const bool pi = which == Tau::pi;
-  const int n = pi ? run.model.coef.ntaupi : run.model.coef.ntaubeta;
-  const double* tau = (pi ? results.est.taupi : results.est.taubeta).data();
-  if (n == 0 || (pi && results.heterogeneous)) return;
+  const int n = run.model.coef.order(which);
+  const double* tau = results.est.tau(which).data();
+  if (n == 0 || (which == Tau::pi && results.heterogeneous)) return;
   tautable(which, MatrixTitle::plain, false, n, tau);
   if (results.heterogeneous) return;
-  if (results.errors.known)
-    tautable(which, MatrixTitle::standarderror, false, n, (pi ? results.errors.taupi : results.errors.taubeta).data());
+  if (results.errors.known) tautable(which, MatrixTitle::standarderror, false, n, results.errors.of(which).data());
   correlationtable(which, n, tau);
   reliabilitytables(which, results);
 }
@@ -100,6 +98,15 @@ void tautables(Tau which, const PassResults& results) {
 void effectstables(const PassResults& results, TableKind kind, const EffectTable& effects) {
   fixedtable(effects.rows, kind, results.kind);
   if (results.kind != PassKind::identity) ratiotable(effects.rows);
+}
+
+// Where degrees of freedom with a fraction come from.
+void degreesnote(DegreesMethod method) {
+  if (method == DegreesMethod::counts) return;
+  sentences(method == DegreesMethod::satterthwaite
+                ? std::string("The degrees of freedom are Satterthwaite's, by the ") +
+                      (run.control.ddfobserved ? "observed" : "expected") + " information."
+                : "Standard errors and degrees of freedom by Kenward and Roger (1997).");
 }
 
 void fewunitsnote() {
@@ -114,6 +121,8 @@ void norobust() { report("\nThe robust standard errors cannot be computed for th
 void robusttables(const PassResults& results) {
   if (results.robust.empty()) return norobust();
   effectstables(results, TableKind::robust, results.robusteffects);
+  if (results.robustdegrees.method != DegreesMethod::counts)
+    sentences("The robust standard errors are bias-reduced (CR2), their degrees of freedom Satterthwaite's.");
   if (results.fewunits) fewunitsnote();
   hypothesistests(results.robusteffects);
 }
@@ -181,6 +190,11 @@ void endingwords(const PassResults& results) {
           "WARNING: the iterations were stopped prior to convergence.\n"
           "You may want to re-run the analysis with a higher number of iterations.");
       break;
+    case Ending::lost:
+      reportwarning(
+          "WARNING: the iterations stopped at the edge of the variance components, but the search for the maximum\n"
+          "there has failed: estimates and deviance are not those of the maximum.");
+      break;
     case Ending::converged:
       reportline("Iterations stopped due to small change in likelihood function");
       if (const std::string words = unsettledwords(results); !words.empty()) reportwarning(words);
@@ -200,11 +214,13 @@ void iterationtables(const PassResults& results) {
     }
   }
   if (shown(results) && (run.out.fulloutput || results.stopped))
-    reportline("The value of the log-likelihood function at iteration %d = %E", results.iteration, results.loglik);
+    reportline("The value of the %slog-likelihood function at iteration %d = %E",
+               results.restricted ? "restricted " : "", results.iteration, results.loglik);
 }
 
 void fixedeffectstables(const PassResults& results, TableKind kind) {
   effectstables(results, kind, results.effects);
+  degreesnote(results.degrees.method);
   hypothesistests(results.effects);
 }
 

@@ -14,8 +14,8 @@
 #include "driver/reportstream.h"
 #include "driver/resultfile.h"
 #include "driver/runrecord.h"
-#include "report/averagedreport.h"
 #include "report/modelrows.h"
+#include "report/resultsphases.h"
 #include "report/stream.h"
 
 namespace kdr {
@@ -50,6 +50,7 @@ Subject subject() {
                mdm.nunits3,
                mdm.twolevel()};
   for (const Name& label : run.model.categorylabel) made.categories.emplace_back(label.text);
+  made.texts = &mdm.texts;
   if (run.out.deviance) made.alternative = {*run.out.deviance, run.out.df};
   return made;
 }
@@ -104,7 +105,10 @@ void writedocument(const std::string& path) {
 
 void startdocument() {
   collected = {{}, Json::array(), false};
-  for (const std::string& words : run.odd) collected.document.warnings.push_back("Command file: " + words);
+  for (const bool ofcommands : {true, false})
+    for (const RunWarning& warning : run.warnings)
+      if (warning.ofcommands == ofcommands)
+        collected.document.warnings.push_back((ofcommands ? "Command file: " : "") + warning.words);
   run.id.passunconverged = false;
   run.files.made.clear();
   run.files.marks.clear();
@@ -141,6 +145,8 @@ void documentengine(const EngineStage& stage) {
 void documentwarning(const std::string& words) {
   if (wanted()) collected.document.warnings.push_back(words);
 }
+
+const std::vector<Json>& documentphases() { return collected.document.phases; }
 
 std::string resultsname() { return subrunname(run.files.results); }
 

@@ -1,6 +1,10 @@
 #include "report/specification.h"
 
+#include <strings.h>
+
+#include <set>
 #include <string>
+#include <utility>
 
 #include "driver/failures.h"
 #include "driver/reportstream.h"
@@ -35,7 +39,7 @@ bool onepoint() { return run.control.agqpoints == 1 && !run.control.agqauto; }
 
 void estimationmethod() {
   const bool likelihood = run.control.laplace || run.control.agqpoints != 0;
-  report("  Method of estimation: full");
+  report("  Method of estimation: %s", run.control.restricted ? "restricted" : "full");
   if (run.model.outcome.linear()) {
     report(" maximum likelihood");
   } else if (run.model.outcome.categorical() || !likelihood) {
@@ -135,8 +139,7 @@ void weightingtable() {
   const auto named = [](const Array<Name>& names, int v) { return v == 0 ? nullptr : &names[v]; };
   weightrow(" Level 1       ", "Level 1", named(mdm.names1, run.model.wgtvar1), true, styleplain);
   weightrow(" Level 2       ", "Level 2", named(mdm.names2, run.model.wgtvar2), true, styleplain);
-  if (!mdm.twolevel())
-    weightrow(" Level 3       ", "Level 3", named(mdm.names3, run.model.wgtvar3), true, styleplain);
+  if (!mdm.twolevel()) weightrow(" Level 3       ", "Level 3", named(mdm.names3, run.model.wgtvar3), true, styleplain);
   weightrow(" Precision     ", "Precision", named(mdm.names1, run.model.autovknown), false, stylebottom);
   reporthtml("</tbody></table>\n");
 }
@@ -163,9 +166,12 @@ void modelheading(bool constrained) {
   report("\n  The model specified for the fixed effects was:\n");
   reportrule(52);
   const bool two = run.mdm.twolevel();
-  report("\n   Level-1                Level-2%s%s", two ? "      " : "           Level-3", constrained ? "          Specified" : "");
-  report("\n   Coefficients           Predictors%s%s", two ? "   " : "        Predictors", constrained ? "       Constraints" : "");
-  report("\n ---------------------  ---------------%s%s\n", two ? " " : "   ----------------", constrained ? "   -----------" : "");
+  report("\n   Level-1                Level-2%s%s", two ? "      " : "           Level-3",
+         constrained ? "          Specified" : "");
+  report("\n   Coefficients           Predictors%s%s", two ? "   " : "        Predictors",
+         constrained ? "       Constraints" : "");
+  report("\n ---------------------  ---------------%s%s\n", two ? " " : "   ----------------",
+         constrained ? "   -----------" : "");
 }
 
 void effectcolumns(const ModelRows& rows, const EffectRow& effect, bool constrained, MarksShown& shown) {
@@ -220,6 +226,28 @@ void modeltable(const ModelRows& rows) {
   if (shown.grand) report(" '%%' - This variable has been centered around its grand mean\n");
 }
 
+// The whole names of the variables of the model, where their 8 letters tell less.
+void wholenames() {
+  std::set<std::pair<int, int>> variables{{1, run.model.outvar}};
+  const ModelRows rows = modelrows(run.model);
+  for (const CoefficientRow& coefficient : rows.coefficients)
+    if (!coefficient.threshold) variables.insert({1, coefficient.variable});
+  for (const TermRow& term : rows.terms) variables.insert({2, term.variable});
+  for (const EffectRow& effect : rows.effects) variables.insert({3, effect.variable});
+  bool begun = false;
+  const Array<Name>* names[] = {&run.mdm.names1, &run.mdm.names2, &run.mdm.names3};
+  for (const auto& [level, v] : variables) {
+    const VariableText* text = run.mdm.texts.of(level, v);
+    const std::string eight = text == nullptr ? "" : leftname((*names[level - 1])[static_cast<std::size_t>(v)]);
+    if (text == nullptr || (text->label.empty() && strcasecmp(eight.c_str(), text->name.c_str()) == 0)) continue;
+    if (!begun) reportbreak();
+    if (!begun) reportline("  Names of the variables:");
+    begun = true;
+    const std::string label = text->label.empty() ? "" : " (" + text->label + ")";
+    reportline("    %-8s  %s", escaped(eight).c_str(), escaped(text->name + label).c_str());
+  }
+}
+
 }  // namespace
 
 void buildsummary() {
@@ -239,6 +267,7 @@ void writespecification() {
   facts();
   weightingtable();
   report("\n  The outcome variable is %s\n", escaped(run.model.outname.text).c_str());
+  wholenames();
   if (!run.report.html) modeltable(modelrows(run.model));
   writeequations();
   writemixedmodel();

@@ -3,18 +3,27 @@
 #include <strings.h>
 #include <sys/stat.h>
 
-#include <cstdlib>
+#include <algorithm>
 #include <cstring>
+#include <optional>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "core/constants.h"
+#include "core/formatted.h"
+#include "core/numbers.h"
 #include "driver/failures.h"
 #include "driver/files.h"
 #include "driver/resultfile.h"
 #include "driver/runrecord.h"
 #include "driver/textmark.h"
+#include "driver/warnings.h"
 #include "kernel/sizes.h"
 #include "report/filecell.h"
+#include "report/passtables.h"
+#include "report/resultsdocument.h"
+#include "report/stream.h"
 
 namespace kdr {
 
@@ -42,18 +51,47 @@ void expectmarker(std::FILE* file, const char* marker, const char* words) {
   if (strncasecmp(line.c_str(), marker, std::strlen(marker)) != 0) stopwith("%s", words);
 }
 
-// A row of the lower triangle: n values between blanks, into both places of the matrix.
-void readrow(std::FILE* file, Array<double>& t, int order, int row) {
+[[noreturn]] void notnumbers(const std::string& line, std::size_t wanted) {
+  stopwith("Starting value file %s: there should be %d number%s, with a point for decimals, on the line: %s\n",
+           printable(run.files.startvals).c_str(), static_cast<int>(wanted), wanted == 1 ? "" : "s",
+           printable(line).c_str());
+}
+
+// The numbers at the start of the next line, as many as are wanted; `more` becomes true where others stand behind them.
+std::vector<double> readnumbers(std::FILE* file, std::size_t wanted, bool& more) {
+  constexpr const char* blanks = " \t";
   std::string line;
   readline(file, line);
-  std::size_t from = 0;
-  for (int j = 0; j <= row; ++j) {
-    from = std::min(line.find_first_not_of(" \t", from), line.size());
-    const std::size_t to = std::min(line.find(' ', from), line.size());
-    const double value = std::atof(line.substr(from, to - from).c_str());
-    t[row * order + j] = t[j * order + row] = value;
-    from = to;
+  std::vector<double> numbers;
+  std::size_t from = line.find_first_not_of(blanks);
+  while (from != line.npos && numbers.size() < wanted) {
+    const std::size_t to = std::min(line.find_first_of(blanks, from), line.size());
+    const std::optional<double> number = realof(std::string_view(line).substr(from, to - from));
+    if (!number) notnumbers(line, wanted);
+    numbers.push_back(*number);
+    from = line.find_first_not_of(blanks, to);
   }
+  if (numbers.size() != wanted) notnumbers(line, wanted);
+  more = more || from != line.npos;
+  return numbers;
+}
+
+// A lower triangle, into both places of the matrix.
+void readtriangle(std::FILE* file, Array<double>& t, int order, bool& more) {
+  for (int i = 0; i < order; ++i) {
+    const std::vector<double> row = readnumbers(file, static_cast<std::size_t>(i) + 1, more);
+    for (int j = 0; j <= i; ++j) t[i * order + j] = t[j * order + i] = row[static_cast<std::size_t>(j)];
+  }
+}
+
+// The file may be of another model, whose values stand in other places.
+void tellmore() {
+  const std::string words = "Starting value file " + run.files.startvals +
+                            ": it has more values than the model. Is it of another one? Those behind are ignored.";
+  if (run.id.strict) stopwith("%s\n", words.c_str());
+  warn(words);
+  reportwarning("WARNING: " + escaped(words));
+  documentwarning(words);
 }
 
 void writetriangle(std::FILE* file, const Array<double>& t, int order) {
@@ -78,22 +116,26 @@ Estimates readstartvalues() {
   est.taubeta.reset(square(coef.ntaubeta));
   std::FILE* file = openfile(run.files.startvals, "rt");
   expectmarker(file, firstmarker, "sigma2 value must be preceded with a line #SIGMA2\n");
-  std::string line;
-  readline(file, line);
-  est.sigma2 = std::atof(line.c_str());
+  bool more = false;
+  est.sigma2 = readnumbers(file, 1, more)[0];
   expectmarker(file, "#TAUPI", "Tau(pi) values must be preceded with a line #TAUPI\n");
-  for (int i = 0; i < run.model.coef.ntaupi; ++i) readrow(file, est.taupi, run.model.coef.ntaupi, i);
+  readtriangle(file, est.taupi, coef.ntaupi, more);
   expectmarker(file, "#TAUBETA", "Tau(beta) values must be preceded with a line #TAUBETA\n");
-  for (int i = 0; i < run.model.coef.ntaubeta; ++i) readrow(file, est.taubeta, run.model.coef.ntaubeta, i);
+  readtriangle(file, est.taubeta, coef.ntaubeta, more);
   expectmarker(file, "#GAMMA", "gamma values must be preceded with a line #GAMMA\n");
-  for (int i = 0; i < run.model.coef.ngamma; ++i) {
+  std::string line;
+  for (int i = 0; i < coef.ngamma; ++i) {
     if (!readline(file, line))
       stopwith(
           "There are not enough lines in the starting value file: %s\nThere should be %d lines after the #GAMMA "
           "line.\n",
-          run.files.startvals.c_str(), run.model.coef.ngamma);
-    est.gammahat[i] = std::atof(line.c_str());
+          run.files.startvals.c_str(), coef.ngamma);
+    const std::optional<double> number = realof(line);
+    if (!number) notnumbers(line, 1);
+    est.gammahat[i] = *number;
   }
+  while (readline(file, line)) more = more || !line.empty();
+  if (more) tellmore();
   std::fclose(file);
   return est;
 }

@@ -109,6 +109,11 @@ std::size_t extensionplace(const std::string& path) {
   return dot;
 }
 
+std::string averagedreportname() {
+  if (reportisstdout()) return {};
+  return run.files.outbase + (run.report.html ? "_avg.html" : ".avg");
+}
+
 std::string subrunname(const std::string& name) {
   if (name.empty() || (!run.series.mimode && !run.series.pvmode)) return name;
   const std::size_t dot = extensionplace(name);
@@ -165,7 +170,7 @@ void closereport() {
 void opentable() { reporthtml("<table border=1 cellpadding=3 style='border-collapse:collapse;border:none'>\n<tr>\n"); }
 
 std::string escaped(std::string_view text) {
-  const std::string shown = printable(text);
+  std::string shown = printable(text);
   if (!run.report.html) return shown;
   std::string safe;
   for (const char c : shown) {

@@ -24,6 +24,10 @@ inline constexpr const char* stylebottom =
 // as it is.
 [[nodiscard]] std::string subrunname(const std::string& name);
 
+// The name of the averaged report: the stem of the sub-runs' numbered reports with ".avg" or "_avg.html"; empty when
+// the reports go to standard output, which the averages follow there.
+[[nodiscard]] std::string averagedreportname();
+
 // Opens the report of this pass by run.files.outfile (asked for when empty, and then again while it cannot be opened or
 // is an input of the run; `keep` is called before the first question, for what must not be lost with it; in a series a
 // numbered name made from it, left in outfile with its stem in outbase) and sets run.report.html by the extension. In

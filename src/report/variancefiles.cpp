@@ -66,7 +66,7 @@ void writetaufile(const char* path, const Estimates& est, const TauErrors& error
 void listvariancefiles() {
   reportbreak();
   report("%s, containing the taus ", taufile);
-  if (run.control.fishertype != 0) {
+  if (run.control.fishertype != FisherType::none) {
     report("and the variance-covariance matrix of the taus");
     filelistbreak();
   }

@@ -20,7 +20,7 @@ inline constexpr const char* quadraturegammafile = "gamvcagq.dat";
 // Writes one row of the fixed effects and their covariance (ngamma squared) row by row to `path`, anew or behind what
 // stands there, as printvc asks. An empty covariance is one that cannot be computed: each element is missingcode.
 void writegammafile(const char* path, const Array<double>& gamma, const Array<double>& covariance);
-// Writes taupi, taubeta, the covariance of their elements when fishertype is not 0 (zeros when it could not be
+// Writes taupi, taubeta, the covariance of their elements when fishertype is not none (zeros when it could not be
 // computed), and, if `withsigma2`, sigma2.
 void writetaufile(const char* path, const Estimates& est, const TauErrors& errors, bool withsigma2);
 // The closing list of the files that a linear run has made.

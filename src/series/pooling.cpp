@@ -61,17 +61,17 @@ void addbetween(Array<double>& C, Records records, const Array<double>& mean, Ge
 
 // Of one effect, r = between / within.
 struct Freedom {
-  int df;
+  double df;
   MissingShare share;
 };
-Freedom freedom(std::size_t M, double within, double between, int complete) {
+Freedom freedom(std::size_t M, double within, double between, double complete) {
   constexpr double largest = 2147483647.0;
   const auto m = static_cast<double>(M);
   const double r = between / within, ratio = 1.0 / r + 1.0;
   const double nu = (m - 1.0) * ratio * ratio;
   Freedom made{complete, {}};
   if (M == 1 || !(nu <= largest)) return made;
-  made.df = std::min(static_cast<int>(nu), complete);
+  made.df = std::min(std::floor(nu), complete);
   made.share.fraction = (r + 2.0 / (nu + 3.0)) / (r + 1.0);
   made.share.efficiency = 1.0 / (1.0 + made.share.fraction / m);
   return made;
@@ -79,8 +79,19 @@ Freedom freedom(std::size_t M, double within, double between, int complete) {
 
 using Effects = SubrunEffects SubrunRecord::*;
 
+// Complete-data degrees of freedom: counts, or the mean of those of the sub-runs.
+FixedDegrees completedegrees(Records records, Effects effects, const PoolFrame& frame) {
+  FixedDegrees degrees = frame.degrees.copy();
+  if ((records[0].*effects).df.empty()) return degrees;
+  degrees.df = meanarray(
+      records, [&](const SubrunRecord& r) -> auto& { return (r.*effects).df; });
+  degrees.rough.fill(0);
+  degrees.method = DegreesMethod::satterthwaite;
+  return degrees;
+}
+
 PooledCovariance poolcovariance(Records records, Effects effects, Array<double> SubrunEffects::*matrix,
-                                const Array<double>& gamma, const PoolFrame& frame, const Model& model) {
+                                const Array<double>& gamma, FixedDegrees degrees, const Model& model) {
   PooledCovariance pooled;
   const std::size_t g = gamma.size();
   // Each matrix is in units of the sigma^2 of its own record.
@@ -93,7 +104,6 @@ PooledCovariance poolcovariance(Records records, Effects effects, Array<double> 
   pooled.known = true;
   pooled.covariance.reset(g * g);
   for (std::size_t i = 0; i < g * g; ++i) pooled.covariance[i] = within[i] + spread[i];
-  FixedDegrees degrees = frame.degrees.copy();
   std::vector<MissingShare> shares;
   for (std::size_t i = 0; i < g; ++i) {
     const std::size_t ii = i * (g + 1);
@@ -113,10 +123,12 @@ PooledEffects pooleffects(Records records, Effects effects, const PoolFrame& fra
   PooledEffects pooled;
   pooled.gamma = meanarray(
       records, [&](const SubrunRecord& r) -> auto& { return (r.*effects).gammahat; });
-  pooled.model = poolcovariance(records, effects, &SubrunEffects::vgamma, pooled.gamma, frame, model);
+  pooled.model = poolcovariance(records, effects, &SubrunEffects::vgamma, pooled.gamma,
+                                completedegrees(records, effects, frame), model);
   const bool robust = std::none_of(records.begin(), records.end(),
                                    [&](const SubrunRecord& r) { return (r.*effects).robust[0] == missingcode; });
-  if (robust) pooled.robust = poolcovariance(records, effects, &SubrunEffects::robust, pooled.gamma, frame, model);
+  if (robust)
+    pooled.robust = poolcovariance(records, effects, &SubrunEffects::robust, pooled.gamma, frame.degrees.copy(), model);
   return pooled;
 }
 
@@ -157,7 +169,7 @@ void poolerrors(const SubrunShape& shape, Records records, Pooled& pooled) {
   for (const SubrunRecord& record : records)
     squares += (record.sigma2 - pooled.sigma2) * (record.sigma2 - pooled.sigma2);
   const double within = meanof(records, [](const SubrunRecord& r) { return r.sigma2variance; });
-  pooled.sigma2error = std::sqrt(within + betweenfactor(records.size()) * squares);
+  pooled.sigma2error = standarderror(within + betweenfactor(records.size()) * squares);
   pooled.errorsknown = true;
 }
 

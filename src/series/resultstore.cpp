@@ -78,6 +78,7 @@ void walkrecord(const SubrunShape& shape, Record& record, Visitor visit) {
   array(record.reliability2);
   array(record.reliability3);
   effects(record.effects);
+  if (shape.fractional) array(record.effects.df);
   value(record.testunits2);
   value(record.testunits3);
   array(record.chisq2);
@@ -150,7 +151,7 @@ long long recordsize(const SubrunShape& shape) {
   const std::size_t effects = at(shape.g) + 2 * square(shape.g);
   return 4 * 4 + doubles(2 + (shape.fisher ? 1 + square(shape.tauorder()) : 0)) +
          doubles(square(shape.q) + square(shape.r) + 2 * at(shape.q) + 2 * at(shape.r)) +
-         doubles(shape.popaverage ? 2 * effects : effects);
+         doubles(shape.popaverage ? 2 * effects : effects) + doubles(shape.fractional ? at(shape.g) : 0);
 }
 
 bool unusable(const Failure& failure) { return failure.row == ownwords && failure.systemerror == 0; }

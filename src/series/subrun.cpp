@@ -1,5 +1,6 @@
 #include "series/subrun.h"
 
+#include <algorithm>
 #include <cassert>
 
 #include "core/constants.h"
@@ -37,6 +38,10 @@ unsigned long long fingerprint(const Model& model, const ModelRows& rows, const 
                           restrictions.diagtaubeta ? 1 : 0, control.laplace ? 1 : 0, control.agqpoints,
                           control.agqauto ? 1 : 0, control.agqfixed ? 1 : 0})
     print.add(value);
+  if (control.restricted || control.ddf != DegreesMethod::counts || control.clusterrobust)
+    for (const int value : {control.restricted ? 1 : 0, control.clusterrobust ? 1 : 0, static_cast<int>(control.ddf),
+                            control.ddfobserved ? 1 : 0, control.edgefull ? 1 : 0})
+      print.add(value);
   print.add(restrictions.fixsigma2.value_or(0.0));
   if (restrictions.haveesttau2) addarray(print, restrictions.esttau2);
   if (restrictions.haveesttau3) addarray(print, restrictions.esttau3);
@@ -91,6 +96,7 @@ SubrunRecord emptyrecord(const SubrunShape& shape) {
     x.robust.reset(square(shape.g));
   };
   effects(record.effects);
+  if (shape.fractional) record.effects.df.reset(at(shape.g));
   if (shape.popaverage) effects(record.popaverage);
   return record;
 }
@@ -100,9 +106,10 @@ SubrunShape seriesshape(const Model& model, const ModelRows& rows, const MdmData
   for (const CoefficientRow& row : rows.coefficients) shape.q += row.random ? 1 : 0;
   for (const TermRow& row : rows.terms) shape.r += row.random ? 1 : 0;
   for (const EffectRow& row : rows.effects) shape.g += row.removed ? 0 : 1;
-  shape.fisher = control.fishertype != 0;
+  shape.fisher = control.fishertype != FisherType::none;
   shape.popaverage = model.outcome.single();
   shape.sigma2fixed = model.restrictions.fixsigma2.has_value();
+  shape.fractional = control.ddf != DegreesMethod::counts;
   shape.model = fingerprint(model, rows, data, control);
   return shape;
 }
@@ -136,6 +143,10 @@ SubrunRecord subrunrecord(const SubrunShape& shape, const PassResults& results) 
   takesame(record.reliability2, results.reliabilities.level2);
   takesame(record.reliability3, results.reliabilities.level3);
   record.effects = subruneffects(results, results.est.sigma2);
+  if (shape.fractional) {
+    record.effects.df.reset(at(shape.g));
+    std::copy_n(results.degrees.df.data(), shape.g, record.effects.df.data());
+  }
   record.testunits2 = results.tests.units2;
   record.testunits3 = results.tests.units3;
   takestatistics(record.chisq2, results.tests.level2);

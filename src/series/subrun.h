@@ -13,10 +13,11 @@ namespace kdr {
 // What all sub-runs of one series have in common.
 struct SubrunShape {
   int q = 0, r = 0, g = 0;       // orders of taupi, taubeta and gammahat
-  bool fisher = false;           // fishertype is not 0: there is a covariance of the variance components
+  bool fisher = false;           // fishertype is not none: there is a covariance of the variance components
   bool popaverage = false;       // a Bernoulli, binomial or Poisson run: there are population-average fixed effects
   unsigned long long model = 0;  // fingerprint of the model; 0 where nobody asks
   bool sigma2fixed = false;      // sigma^2 is held, so that it has no variance
+  bool fractional = false;       // the degrees of freedom of the fixed effects are no counts
 
   // Elements of both taus.
   [[nodiscard]] int tauorder() const { return q * (q + 1) / 2 + r * (r + 1) / 2; }
@@ -27,6 +28,7 @@ struct SubrunEffects {
   Array<double> gammahat;  // [g]
   Array<double> vgamma;    // g squared; in a weighted run the weighted covariance over sigma2
   Array<double> robust;    // g squared; its first element is missingcode when it couldn't be computed
+  Array<double> df;        // with shape.fractional, [g]: complete-data degrees of freedom; not of a population average
 };
 
 struct SubrunRecord {

@@ -8,9 +8,9 @@
 
 #include "command/complete.h"
 #include "command/constraints.h"
-#include "core/constraints.h"
 #include "command/smallmdm.h"
 #include "command/writer.h"
+#include "core/constraints.h"
 
 using namespace kdr;
 
@@ -80,10 +80,10 @@ TEST_F(Dialogue, WholeConversation) {
                                     "y\nn\nn\nn\ny\ny\nn\nn\n"  // gammas 4 and 5 equal
                                     "y\ny\ny\nn\nn\nn\n"        // 1 and 2 equal; the groups are numbered anew
                                     "n\n"
-                                    "y\ny\n1\n0\n-1\n0\n0\nn\nn\ny\n100.5\n7\n"  // one contrast, the deviance
-                                    "n\n"                                        // no latent variable regression
-                                    "y\n3\n0\n"                                  // level-2 residual file with W2
-                                    "n\n4\n"                                     // Stata
+                                    "y\ny\n1,5\n1\n0\n-1\n0\n0\nn\nn\ny\n100.5\n7.5\n7\n"  // one contrast, the deviance
+                                    "n\n"        // no latent variable regression
+                                    "y\n3\n0\n"  // level-2 residual file with W2
+                                    "n\n4\n"     // Stata
                                     "20\nA title\n");
   EXPECT_EQ(outcome.code, 0) << outcome.words;
   EXPECT_EQ(equations(),
@@ -103,7 +103,8 @@ TEST_F(Dialogue, WholeConversation) {
                            "TITLE:A title\n", "GAMMA1:1.0000,0.0000,0.0000,-1.0000,0.0000,0.0000,0.0000\n"})
     EXPECT_TRUE(holds(text, line)) << line << text;
   for (const char* words :
-       {" That is the outcome variable!\n", "You have already chosen that variable!\n",
+       {" This is no number to its end: 1,5\n", " This is no whole number to its end: 7.5\n",
+        " That is the outcome variable!\n", "You have already chosen that variable!\n",
         "Which level-2 predictor to model INTRCPT1, P0?\n", "Which level-2 predictor to model        A, P1 slope?\n",
         "Do you want to set the level-2 intercept to zero for        X, P2? ", "Do you want to fix        A,P1 slope? ",
         "Which level-3 predictors to model        A/       W, B11 slope?\n",

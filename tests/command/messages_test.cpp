@@ -7,7 +7,7 @@ using namespace kdr;
 
 namespace {
 
-constexpr const char* agqpoints = "\nThe number of quadrature points must be 1, 3 to 198, or AUTO!\n";
+const std::string agqpoints = "\nThe number of quadrature points must be 1, 3 to 198, or AUTO!\n";
 
 struct Case {
   std::string text;
@@ -15,6 +15,8 @@ struct Case {
   std::string words;
 };
 
+const std::string agqwanted =
+    "AGQ: wants N, or Y, a number of iterations and a number of points (or AUTO) with commas between them, not ";
 const std::string bernoulli = "NONLIN:BERNOULLI\nMACROIT:10\nMICROIT:10\n";
 const std::string ordinal = "NONLIN:ORDINAL,3\nMACROIT:3\n";
 // Failure 9: what is said of the name, and of its line.
@@ -38,46 +40,46 @@ std::vector<Case> cases() {
       {"title: x\n", 0, ""},
       {"TITLES\x1b\n", 0, "Unrecognized control word, ignored: TITLES?\nHit return to continue "},
       {"FOO:1\nNUMIT:0\n", 100,
-       "Unrecognized control word, ignored: FOO:1\nHit return to continue numit must be greater than 0!\n"},
+       "Unrecognized control word, ignored: FOO:1\nHit return to continue numit must be greater than 0!\nNUMIT: wants "
+       "a whole number of 1 or more, not 0\n"},
       {"LEVEL2:X=INTRCPT2\n", 0, "Unrecognized control word, ignored: LEVEL2:X=INTRCPT2\nHit return to continue "},
       // Single values.
-      {"TAYLOR:3\n", 100, "taylor must be set to 2 or 4!\n"},
+      {"TAYLOR:3\n", 100, "taylor must be set to 2 or 4!\nTAYLOR: wants 2 or 4, not 3\n"},
       {"TAYLOR:4\n", 0, ""},
-      {"NUMIT:-1\n", 100, "numit must be greater than 0!\n"},
+      {"NUMIT:-1\n", 100, "numit must be greater than 0!\nNUMIT: wants a whole number of 1 or more, not -1\n"},
       {"MICROIT:x\n", 100, "MICROIT: wants a whole number, not x\n"},
-      {"MACROIT:-5,N\n", 100, "macroit must be greater than 0!\n"},
+      {"MACROIT:-5,N\n", 100,
+       "macroit must be greater than 0!\nMACROIT: wants a whole number of 0 or more, not -5,N\n"},
       {"STOPMACRO:abc\n", 100, "STOPMACRO: wants a number, not abc\n"},
       {"ACCEL:N\n", 100, "ACCEL: wants a whole number, not N\n"},
-      {"FIXSIGMA2:-1\n", 100, "fixsigma2 must be N or a number of 0 or more!\n"},
-      {"FIXSIGMA2:Y\n", 100, "fixsigma2 must be N or a number of 0 or more!\n"},
+      {"FIXSIGMA2:-1\n", 100, "FIXSIGMA2: wants N or a number of 0 or more, not -1\n"},
+      {"FIXSIGMA2:Y\n", 100, "FIXSIGMA2: wants N or a number of 0 or more, not Y\n"},
       {"FIXSIGMA2:n\nFIXSIGMA2:0.5\n", 0, " FIXSIGMA2: stands on line 1 and again on line 2.\n"},
       {"FIXSIGMA2:0,5\n", 100, "FIXSIGMA2: wants one number, with a decimal point, not 0,5\n"},
       {"STOPVAL:0,001\n", 100, "STOPVAL: wants one number, with a decimal point, not 0,001\n"},
       {"AGQ:N\n", 0, ""},
-      {"AGQ:20,7\n", 100,
-       "AGQ: wants N, or Y, a number of iterations and a number of points with commas between them, not 20,7\n"},
+      {"AGQ:20,7\n", 100, agqwanted + "20,7\n"},
       {"DIAGONALIZETAUPI:1\n", 100, "DIAGONALIZETAUPI: wants Y or N, not 1\n"},
-      {"AGQ:Y,20\n", 100, "\nMaximum number of iterations and quadrature points must be specified.\n"},
-      {"FISHERTYPE:3\n", 100, "\nInvalid type of Fisher acceleration.\n Valid are 0, 1 and 2\n"},
-      {"RESFILTYPE:EXCEL\n", 100, "Invalid resfiltype.\n Valid are FREEFORMAT, SYSTAT, SAS, SPSS and STATA\n"},
+      {"AGQ:Y,20\n", 100,
+       "\nMaximum number of iterations and quadrature points must be specified.\n" + agqwanted + "Y,20\n"},
+      {"FISHERTYPE:3\n", 100, "\nInvalid type of Fisher acceleration.\nFISHERTYPE: wants 0, 1 or 2, not 3\n"},
+      {"RESFILTYPE:EXCEL\n", 100,
+       "Invalid resfiltype.\nRESFILTYPE: wants FREEFORMAT, SYSTAT, SAS, SPSS or STATA, not EXCEL\n"},
       {"OUTPUT:" + path260 + "\n", 100, "The path is too long: " + path260 + "\n"},
       {"RESFIL1NAME:a/" + name256 + "\n", 100, "The path is too long: a/" + name256 + "\n"},
       // A number is one to its end, a flag is Y or N.
       {"MICROIT:1e400\n", 100, "MICROIT: wants a whole number, not 1e400\n"},
       {"NUMIT:20,Q\n", 100, "NUMIT: wants a whole number, and ,Y or ,N behind it or nothing, not 20,Q\n"},
       {"NUMIT:20,N,5\n", 100, "NUMIT: wants a whole number, and ,Y or ,N behind it or nothing, not 20,N,5\n"},
-      {"FIXSIGMA2:nan\n", 100, "fixsigma2 must be N or a number of 0 or more!\n"},
+      {"FIXSIGMA2:nan\n", 100, "FIXSIGMA2: wants N or a number of 0 or more, not nan\n"},
       {"STOPMACRO:-1\n", 100, "STOPMACRO: wants a number of 0 or more, not -1\n"},
       {"STOPVAL:0x10\n", 100, "STOPVAL: wants a number, not 0x10\n"},
       {"STOPVAL:1e-3junk\n", 100, "STOPVAL: wants a number, not 1e-3junk\n"},
       {"STOPVAL:1e999\n", 100, "STOPVAL: wants a number, not 1e999\n"},
       {"STOPVAL:1.5.2\n", 100, "STOPVAL: wants a number, not 1.5.2\n"},
       {"FIXTAU2:6\n", 100, "FIXTAU2: wants 1 to 5, not 6\n"},
-      {"AGQ:Y,abc,5\n", 100,
-       "AGQ: wants Y, a number of iterations and a number of points (or AUTO) with commas between them, not Y,abc,5\n"},
-      {"AGQ:Y,10,5.9\n", 100,
-       "AGQ: wants Y, a number of iterations and a number of points (or AUTO) with commas between them, not "
-       "Y,10,5.9\n"},
+      {"AGQ:Y,abc,5\n", 100, agqwanted + "Y,abc,5\n"},
+      {"AGQ:Y,10,5.9\n", 100, agqwanted + "Y,10,5.9\n"},
       {"PRINTVARIANCE-COVARIANCE:Q\n", 100, "PRINTVARIANCE-COVARIANCE: wants Y, A or N, not Q\n"},
       {"POPAVIT:many\n", 100, "POPAVIT: wants Y, N or a whole number of 0 or more, not many\n"},
       {"RESFIL1:Q\n", 100, "RESFIL1: wants N, or Y and behind it up to 3 lists with a / before each, not Q\n"},
@@ -94,6 +96,8 @@ std::vector<Case> cases() {
        invalid("level2", "INTRCPT2W does not exist", 2) + "Is a + or a / missing between INTRCPT2 and W?\n"},
       {"LEVEL1:Y=INTRCPT1X+A\n", 9,
        invalid("level1", "INTRCPT1X does not exist", 1) + "Is a + or a / missing between INTRCPT1 and X?\n"},
+      {"LEVEL1:Y=INTRCPT1\nLEVEL2:INTRCPT1=INTRCPT2\nLEVEL3:INTRCPT2R=INTRCPT3\n", 0,
+       " INTRCPT2R on line 3 is taken for INTRCPT2: names count by their first 8 characters.\n"},
       {"LEVEL1:Y=INTRCPT1+A+NO\nLEVEL2:INTRCPT1=INTRCPT2\n", 9, invalid("level1", "NO does not exist", 1)},
       {"LEVEL1DELETION:A,NO\n", 9, invalid("level1deletion", "NO does not exist", 1)},
       {"LEVEL1DELETION:INTRCPT1\n", 9, invalid("level1deletion", "INTRCPT1 does not exist", 1)},
@@ -143,7 +147,8 @@ std::vector<Case> cases() {
       {"LEVEL1:Y=INTRCPT1\nLEVEL2:INTRCPT1=INTRCPT2+X\n", 9,
        invalid("level2", "X is a variable of level 1: put it on the LEVEL1: line.", 2)},
       {"LEVEL1:Y=INTRCPT1\nlevel2:INTRCPT1=INTRCPT2/v,no\n", 8,
-       "bad level-2 extra variables\n Error in batch file at line LEVEL2:INTRCPT1=INTRCPT2/V,NO\n"},
+       "bad level-2 extra variables\nLine 2: there is no NO at level 2.\n Error in batch file at line "
+       "LEVEL2:INTRCPT1=INTRCPT2/V,NO\n"},
       {"LEVEL1:Y=INTRCPT1\nLEVEL2:INTRCPT1=V,3+INTRCPT2\n", 0,
        "Problem at this point: V,3\ninvalid option on level-2 variable, 3\n"},
       {"LEVEL1:Y=INTRCPT1\nLEVEL2:INTRCPT1=V+W+V\n", 100,
@@ -153,7 +158,8 @@ std::vector<Case> cases() {
       {"LEVEL1:Y=INTRCPT1\nLEVEL2:INTRCPT1=INTRCPT2\nLEVEL3:INTRCPT2=NO\n", 9,
        invalid("level3", "NO does not exist", 3)},
       {"LEVEL1:Y=INTRCPT1\nLEVEL2:INTRCPT1=INTRCPT2\nLEVEL3:INTRCPT2=INTRCPT3/P,W\n", 8,
-       "bad level-3 extra variables\n Error in batch file at line LEVEL3:INTRCPT2=INTRCPT3/P,W\n"},
+       "bad level-3 extra variables\nLine 3: there is no W at level 3.\n Error in batch file at line "
+       "LEVEL3:INTRCPT2=INTRCPT3/P,W\n"},
       {"LEVEL1:Y=INTRCPT1\nLEVEL2:INTRCPT1=INTRCPT2\nLEVEL3:INTRCPT2=P,1\n", 0,
        "Problem at this point: P,1\ninvlaid option on level-3 variable, 1\n"},
       // A line between the equations ends the model.
@@ -177,16 +183,19 @@ std::vector<Case> cases() {
       {samplemodel + "PLAUSVALS:Y,NO\n", 9, invalid("plausvals", "NO does not exist", 7)},
       {"LVR-BETA:N\n", 0, ""},
       {"LVR-BETA:I\n", 100, "lvr must be specified after complete model\n"},
-      {samplemodel + "LVR-BETA:O,X\n", 8, "lvr must be specifed as o, p or i"},
-      {samplemodel + "LVR-BETA:O\n", 8, "lvr must be specifed as o, p or i"},
+      {samplemodel + "LVR-BETA:O,X\n", 8,
+       "lvr must be specifed as o, p or i\nLVR-BETA: wants 2 such letters with commas between them, not O,X\n"},
+      {samplemodel + "LVR-BETA:O\n", 8,
+       "lvr must be specifed as o, p or i\nLVR-BETA: wants 2 such letters with commas between them, not O\n"},
       {samplemodel + "LVR-BETA:O,P,P\n", 100, "lvr has letters for more than the 2 coefficients random at level 3!\n"},
       {"LEVEL1:Y=INTRCPT1\nLEVEL2:INTRCPT1=INTRCPT2\nLEVEL3:INTRCPT2=INTRCPT3\nLVR-BETA:I\n", 100,
        "There is no tau, so lvr cannot be used!\n"},
       {"ESTTAU2:1\n", 100, "Estimated tau(pi)" + late},
       {"ESTTAU3:1\n", 100, "Estimated tau(beta)" + late},
-      {samplemodel + "ESTTAU2:1,x,E\n", 100, "Invalid number in esttau2 specification: x\n"},
-      {samplemodel + "ESTTAU3:1,,E\n", 100, "Invalid number in esttau3 specification: \n"},
-      {samplemodel + "ESTTAU2:1,nan,E\n", 100, "Invalid number in esttau2 specification: nan\n"},
+      {samplemodel + "ESTTAU2:1,x,E\n", 100, "Invalid number in esttau2 specification: x\n Valid are numbers and E\n"},
+      {samplemodel + "ESTTAU3:1,,E\n", 100, "Invalid number in esttau3 specification: \n Valid are numbers and E\n"},
+      {samplemodel + "ESTTAU2:1,nan,E\n", 100,
+       "Invalid number in esttau2 specification: nan\n Valid are numbers and E\n"},
       {samplemodel + "ESTTAU2:1,E\n", 100, "There must be at least 3 elements of esttau1 specified\n"},
       {samplemodel + "ESTTAU3:1,E\n", 100, "There must be at least 3 elements of esttau2 specified\n"},
       {samplemodel + "ESTTAU2:E,0,E,1\n", 100, "The line ESTTAU2: has 4 numbers, and the model has 3 such elements!\n"},
@@ -205,7 +214,9 @@ std::vector<Case> cases() {
        "Groups of constrained gammas must be numbered from 1 upward, in the order of their first gammas!\n"},
       {samplemodel + "CONSTRAIN:0,1,1,0,0,0\n", 100,
        "The line CONSTRAIN: has 6 numbers, and the model has 5 fixed effects!\n"},
-      {samplemodel + "CONSTRAIN:0,x\n", 100, "Invalid number in a constraint: x\n"},
+      {samplemodel + "CONSTRAIN:0,x\n", 100,
+       "Invalid number in a constraint: x\nCONSTRAIN: wants N, Y, or whole numbers with commas between them, not "
+       "0,x\n"},
       // The whole file.
       {samplemodel + "PLAUSVALS:Y,Z\n" + bernoulli, 100,
        "You can not do a combination of non-linear and plausible values at this time.\n"},
@@ -222,11 +233,9 @@ std::vector<Case> cases() {
        " The stopval directive should not be used when specifying a non-linear model.\n"
        " Use the stopmicro and stopmacro keywords.\n"},
       {"NUMIT:5\nAGQ:Y,20,7\n", 100, "Adaptive quadrature may only be done on non-linear analyses.\n"},
-      {bernoulli + "AGQ:Y,20,2\n", 100, agqpoints},
-      {bernoulli + "AGQ:Y,20,199\n", 100, agqpoints},
-      {bernoulli + "AGQ:Y,20,many\n", 100,
-       "AGQ: wants Y, a number of iterations and a number of points (or AUTO) with commas between them, not "
-       "Y,20,many\n"},
+      {bernoulli + "AGQ:Y,20,2\n", 100, agqpoints + "AGQ: wants 1, 3 to 198, or AUTO points, not Y,20,2\n"},
+      {bernoulli + "AGQ:Y,20,199\n", 100, agqpoints + "AGQ: wants 1, 3 to 198, or AUTO points, not Y,20,199\n"},
+      {bernoulli + "AGQ:Y,20,many\n", 100, agqwanted + "Y,20,many\n"},
       {bernoulli + "AGQ:Y,20,1\nAGQNODES:FIXED\n", 100,
        "With AGQNODES:FIXED the number of quadrature points must be 3 to 198!\n"},
       {bernoulli + "AGQNODES:Y\n", 100, "AGQNODES: wants FIXED or MOVING, not Y\n"},
@@ -234,7 +243,8 @@ std::vector<Case> cases() {
        "LAPLACE: wants N, or Y and behind a comma a whole number of iterations of 0 or more, not Y,many\n"},
       {bernoulli + "LAPLACE:Y,-1\n", 100,
        "LAPLACE: wants N, or Y and behind a comma a whole number of iterations of 0 or more, not Y,-1\n"},
-      {bernoulli + "AGQDERIVLEVEL:3\n", 100, "agqderivlevel must be set to 1 or 2!\n"},
+      {bernoulli + "AGQDERIVLEVEL:3\n", 100,
+       "agqderivlevel must be set to 1 or 2!\nAGQDERIVLEVEL: wants 1 or 2, not 3\n"},
       {"NUMIT:5\nLAPLACE:Y\n", 100, "LaPlace iterations may only be done on Bernoulli analyses."},
       {"NONLIN:BINOMIAL,T\nMACROIT:3\nLAPLACE:Y,20\n", 100,
        "LaPlace iterations may only be done on Bernoulli analyses."},
@@ -263,11 +273,13 @@ std::vector<Case> cases() {
        "The lines GAMMA1: must stand together!\n"},
       {samplemodel + "GAMMA1:1,0,0,0,0\nGAMMA3:1,0,0,0,0\n", 100,
        "There is no line GAMMA2: before the line GAMMA3:!\n"},
-      {samplemodel + "GAMMA1:0,nan,0,0,0\n", 100, "Invalid number in a contrast: nan\n"},
+      {samplemodel + "GAMMA1:0,nan,0,0,0\n", 100,
+       "Invalid number in a contrast: nan\nGAMMA1: wants numbers with commas between them, not 0,nan,0,0,0\n"},
       {samplemodel + "GAMMA1:0,1\n", 0, " The line GAMMA1: has 2 numbers for 5 fixed effects: those behind are 0\n"},
       {samplemodel + "GAMMA1:0,1,0,0,0,0\n", 100,
        "The line GAMMA1: has 6 numbers, and the model has 5 fixed effects!\n"},
-      {samplemodel + "GAMMA1:0,0,0,0,1x\n", 100, "Invalid number in a contrast: 1x\n"},
+      {samplemodel + "GAMMA1:0,0,0,0,1x\n", 100,
+       "Invalid number in a contrast: 1x\nGAMMA1: wants numbers with commas between them, not 0,0,0,0,1x\n"},
       // The line that the writer puts before the equation of a non-linear run, and that nobody else does.
       {bernoulli + "#KDR3 LEVEL1:Y=INTRCPT1+X,1+RANDOM\nLEVEL1:Z=INTRCPT1+A+RANDOM\n", 100,
        "The line #KDR3 LEVEL1: and the line LEVEL1: behind it have different terms!\n"},

@@ -7,8 +7,8 @@
 
 #include "command/complete.h"
 #include "command/constraints.h"
-#include "core/constraints.h"
 #include "command/smallmdm.h"
+#include "core/constraints.h"
 
 using namespace kdr;
 
@@ -53,7 +53,7 @@ TEST_F(Reading, DefaultsWithoutAFile) {
   EXPECT_EQ(run.files.title, "");
   EXPECT_FALSE(run.model.nointercept1);
   EXPECT_EQ(run.control.accel, 5);
-  EXPECT_EQ(run.control.fishertype, 2);
+  EXPECT_EQ(run.control.fishertype, FisherType::expected);
   EXPECT_FALSE(run.out.deviance);
   EXPECT_EQ(run.files.resfil2name, "resfil2.sav");
   EXPECT_EQ(row(run.model.terms2, 0), (Ints{noslot, noslot, noslot, noslot}));
@@ -135,9 +135,10 @@ TEST_F(Reading, SingleValues) {
       {"NONLIN:NONE", [] { return run.model.outcome.linear() && run.answered.nonlin; }},
       {"ACCEL:0", [] { return run.control.accel == 5; }},
       {"ACCEL:2", [] { return run.control.accel == 2; }},
-      {"ACCEL:2\nDOFISHER:N", [] { return run.control.accel == 3 && run.control.fishertype == 0; }},
-      {"HETIT:10\nFISHERTYPE:1\nACCEL:-4", [] { return run.control.fishertype == 0 && run.control.accel == 3; }},
-      {"FISHERTYPE:1", [] { return run.control.fishertype == 1; }},
+      {"ACCEL:2\nDOFISHER:N", [] { return run.control.accel == 3 && run.control.fishertype == FisherType::none; }},
+      {"HETIT:10\nFISHERTYPE:1\nACCEL:-4",
+       [] { return run.control.fishertype == FisherType::none && run.control.accel == 3; }},
+      {"FISHERTYPE:1", [] { return run.control.fishertype == FisherType::outerproducts; }},
       {"VARIANCEKNOWN:t", [] { return run.model.autovknown == 6 && run.model.restrictions.fixsigma2 == 1.0; }},
       {"LEVEL2WEIGHT:w\nLEVEL1WEIGHT:NONE", [] { return run.model.wgtvar2 == 2 && run.model.wgtvar1 == 0; }},
       {"LEVEL1DELETION:A,T",

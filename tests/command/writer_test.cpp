@@ -15,9 +15,9 @@
 
 #include "command/complete.h"
 #include "command/constraints.h"
-#include "core/constraints.h"
 #include "command/dialogue.h"
 #include "command/smallmdm.h"
+#include "core/constraints.h"
 
 using namespace kdr;
 
@@ -94,10 +94,11 @@ std::string recordtext() {
   put(out, "con2", run.model.restrictions.contau2);
   put(out, "con3", run.model.restrictions.contau3);
   out << i.numit << ' ' << static_cast<int>(i.numitcontinue) << ' ' << i.macroit << ' ' << i.stopval << ' '
-      << i.stopmacro << ' ' << i.accel << ' ' << i.fishertype << ' ' << run.model.restrictions.fixsigma2.value_or(0.0)
-      << ' ' << static_cast<int>(i.fixtau2) << ' ' << static_cast<int>(i.fixtau3) << ' ' << i.laplace << ' '
-      << i.laplaceit << ' ' << i.agqpoints << i.agqauto << i.agqfixed << ' ' << i.agqit << ' ' << i.agqderivlevel << ' '
-      << i.popavit << ' ' << static_cast<int>(i.taylor) << ' ' << i.debug << '\n';
+      << i.stopmacro << ' ' << i.accel << ' ' << static_cast<int>(i.fishertype) << ' '
+      << run.model.restrictions.fixsigma2.value_or(0.0) << ' ' << static_cast<int>(i.fixtau2) << ' '
+      << static_cast<int>(i.fixtau3) << ' ' << i.laplace << ' ' << i.laplaceit << ' ' << i.agqpoints << i.agqauto
+      << i.agqfixed << ' ' << i.agqit << ' ' << i.agqderivlevel << ' ' << i.popavit << ' ' << static_cast<int>(i.taylor)
+      << ' ' << i.debug << '\n';
   const OutputControl& o = run.out;
   if (o.lvr) put(out, "lvr", o.lvrroles);
   out << o.fulloutput << static_cast<int>(o.printvc) << run.model.restrictions.diagtaupi

@@ -9,6 +9,7 @@
 #include <random>
 #include <sstream>
 
+#include "construct/onefile.h"
 #include "construct/rawtest.h"
 #include "construct/readers/plainnumber.h"
 #include "construct/readers/st.h"
@@ -295,6 +296,34 @@ std::string names(const std::string& letters) {
   std::string cells;
   for (const char letter : letters) cells += cell("t='inlineStr'", std::string("<is><t>") + letter + "</t></is>");
   return row(cells);
+}
+
+// The library that reads these files hides a zero byte and what stands behind it.
+TEST(StatisticsFiles, ZeroBytes) {
+  Workplace workplace;
+  const std::string ends = "An ID has a zero byte in it.\n";
+  const std::string slot = "1       1       a text", damaged("1       1\0x     a text", 22);
+  struct Case {
+    const char* file;
+    std::string sought, instead, words;
+  };
+  const Case cases[] = {{"sample1.sas7bdat", "AREA1", std::string("AR\0A1", 5), ends},
+                        {"sample1.xpt", "AREA1", std::string("AR\0A1", 5), ends},
+                        {"savnone-1.sav", slot, damaged, ends},
+                        {"savbyte-1.sav", slot, damaged, ends},
+                        {"sample1.por", "AREA1", std::string("AR\0A1", 5), "is zero, and such a file is text.\n"}};
+  for (const Case& c : cases) {
+    std::string bytes = contents(files + c.file);
+    bytes.replace(bytes.find(c.sought), c.sought.size(), c.instead);
+    makefile(c.file, bytes);
+    const bool slots = c.sought == slot;
+    const ChildEnd end = makemdmof([&] {
+      run.files.mdmfile = "made.mdm";
+      takeonefile({c.file, slots ? "LEAT" : "TLEA", slots ? "SCHOOLT" : "TSCHOOL", {}, {}});
+    });
+    EXPECT_NE(end.words.find(c.words), std::string::npos) << c.file << ": " << end.words;
+    EXPECT_NE(end.code, 0) << c.file;
+  }
 }
 
 struct Delimited : testing::Test {

@@ -8,6 +8,8 @@
 #include "construct/construction.h"
 #include "construct/levelsource.h"
 #include "construct/numberbytes.h"
+#include "construct/rawformats.h"
+#include "construct/rawvariables.h"
 #include "construct/template.h"
 
 namespace kdr {

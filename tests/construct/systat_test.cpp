@@ -7,7 +7,9 @@
 #include <limits>
 
 #include "construct/numberbytes.h"
+#include "construct/rawformats.h"
 #include "construct/rawtest.h"
+#include "construct/rawvariables.h"
 #include "core/constants.h"
 
 namespace kdr {

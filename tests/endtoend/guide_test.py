@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Holds README.md, docs/guide.md and the pages on the start, engines, series, results and plots against the program.
+"""Holds README.md, docs/guide.md and the pages on the start, formulas, engines, series, results and plots against the program.
 
 A page's blocks are taken in order, in a copy of an example with `kdr3` on the PATH, and the other examples beside it:
 
@@ -20,7 +20,7 @@ from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[2]
 GUIDE = ROOT / "docs" / "guide.md"
-PAGES = {"guide.md": "chem97", "../README.md": "growth", "start.md": "growth", "engines.md": "prenatal",
+PAGES = {"guide.md": "chem97", "../README.md": "growth", "start.md": "growth", "formulas.md": "growth", "engines.md": "prenatal",
          "series.md": "chem97", "results.md": "chem97", "plots.md": "chem97"}  # and the example of each
 SECONDS = 120
 

@@ -22,7 +22,8 @@ class Mdm:
         for _ in range(units2):
             count, = struct.unpack('<i', self.take(4))
             self.blocks.append([count, self.take(8 * n1 * (count + 1)), self.id(), self.id(), self.take(8 * n2)])
-        self.complete = self.data[:6] == b'MXKDR3' and self.at == len(self.data) and sum(b[0] for b in self.blocks) == records
+        self.tail = self.data[self.at:]  # the section of long names, or nothing
+        self.complete = self.data[:6] == b'MXKDR3' and self.tail[:8] in (b'', b'KDR3TEXT') and sum(b[0] for b in self.blocks) == records
 
     def take(self, n):
         self.at += n
@@ -58,3 +59,4 @@ class Mdm:
             f.write(self.files + self.means + b''.join(map(identifier, self.ids3)) + b''.join(self.level3))
             for count, body, id3, id2, level2 in self.blocks:
                 f.write(struct.pack('<i', count) + body + identifier(id3) + identifier(id2) + level2)
+            f.write(self.tail)

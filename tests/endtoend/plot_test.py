@@ -253,11 +253,13 @@ class Tests:
         self.place.write("text.json", "no document")
         self.place.write("other.json", '{"format": "something else"}')
         self.place.write("newer.json", json.dumps(dict(document, format_version=99)))
-        inner, sizes = (json.loads(json.dumps(document)) for _ in range(2))
+        inner, sizes, large = (json.loads(json.dumps(document)) for _ in range(3))
         inner["phases"][1]["fixed_effects"][2]["estimate"] = "0.4"
         self.place.write("inner.json", json.dumps(inner))
         del sizes["phases"][1]["tau_pi"]["rows"][0]
         self.place.write("sizes.json", json.dumps(sizes))
+        large["phases"][1]["fixed_effects"][2]["model_based"]["interval"] = [-1.7e308, 1.7e308]
+        self.place.write("large.json", json.dumps(large))
         self.place.write("averages.json", json.dumps(dict(document, checksums=[], series={
             "kind": "multiple imputation", "subrun": None, "plausible_value": None, "failed_subruns": []})))
         self.estimate("bare", "model1.kdr", "chem97.mdm")
@@ -272,6 +274,7 @@ class Tests:
                 (draw("inner.json", "qq"), 4, "inner.json is damaged: phases[1].fixed_effects[2].estimate is not of the type"),
                 (draw("sizes.json", "qq"), 4, "sizes.json is damaged: the parts of tau_pi of the phase final"),
                 (draw("bare.json", "caterpillar2"), 5, "no residual file of level 2 (RESFIL2:Y"),
+                (draw("large.json", "coefficients"), 5, "the effects of the phase final are too large to draw"),
                 (draw("averages.json", "qq"), 5, "take the document of a sub-run"),
                 (draw("moved/plots.json", "residuals"), 3, "moved/resfil1.dat"),
                 (draw("plots.json", "caterpillar3", "--units", "999"), 2, "no unit 999"),

@@ -47,8 +47,10 @@ everything |= {
     "multinomial": work.edited("multinomial.kdr", "M3W.kdr", STOPMACRO="0.01"),
     "engines": work.edited("engines.kdr", "BERNI.kdr", STOPMACRO="0.01", LAPLACE="Y,3", AGQ="Y,3,5", AGQNODES="FIXED", FULLOUTPUT="Y",
                            **{"PRINTVARIANCE-COVARIANCE": "Y"}),
+    # The same in the coordinates that need no unit and no variance above 0.
+    "moving": work.edited("moving.kdr", "BERNI.kdr", STOPMACRO="0.01", LAPLACE="Y,50", AGQ="Y,50,5"),
 }
-mdm = {"deaths": "melanoma.mdm", "multinomial": "nonlin.mdm", "engines": "nonlin.mdm"}
+mdm = {"deaths": "melanoma.mdm", "multinomial": "nonlin.mdm", "engines": "nonlin.mdm", "moving": "nonlin.mdm"}
 
 
 def compare(file, made):

@@ -87,12 +87,21 @@ def startingvalues():
         odd.replace("#GAMMA", "#"): "gamma values must be preceded with a line #GAMMA\n",
         odd[:-2]: "There should be 6 lines after the #GAMMA line.\n",
         odd[:-1]: "There should be 6 lines after the #GAMMA line.\n",
+        odd.replace("20", "20,5"): "there should be 1 number, with a point for decimals, on the line: 20,5\n",
+        odd.replace(" 0.05 3.0", " 0.05"): "there should be 2 numbers, with a point for decimals, on the line:  0.05\n",
+        odd.replace("2.5", "nan"): "on the line:  nan\n",
+        odd[:-2] + "0x1\n": "on the line: 0x1\n",
     }
     for text, words in files.items():
         work.write("start.val", text)
         ends(work.run("chem97.mdm", command), 100, words, "starting-value file")
     work.write("start.val", odd.replace("#sigma2", "#Sigma2 of an earlier run").replace(" 0.1", " 0.1 9 9"))
-    check(work.run("chem97.mdm", command).returncode == 0, "words behind a marker and values behind a row are ignored")
+    more = "has more values than the model"
+    done = work.run("chem97.mdm", command)
+    check(done.returncode == 0 and more in done.stdout and f"{more}." in " ".join(work.read("model2.txt").split()),
+          "values behind a row are ignored, and told")
+    work.write("start.val", odd + "0\n")
+    ends(work.run("-strict", "chem97.mdm", command), 100, more, "starting values of a larger model")
 
 
 def failures():
@@ -125,6 +134,23 @@ def failures():
     done = work.run("chem97.mdm", model("f8", "LEVEL1:SCORE=INTRCPT1+RANDOM", ["LEVEL2:INTRCPT1=INTRCPT2+RANDOM/", "LEVEL3:INTRCPT2=RANDOM/"]))
     ends(done, 17, "There are no fixed effects!!", "no fixed effects")
     ends(work.run("chem97.mdm", "."), 100, "Unable to open . for reading\n", "a directory for a command file")
+
+
+def nothingleft():
+    """Deletion leaves no record, in any kind of model."""
+    work.write("empty.csv", "school,class,y,z,b,c\n" + "".join(
+        f"s{i // 30},c{i // 6},{i % 7},{'' if i % 2 else i % 5},{i // 2 % 2 if i % 2 else ''},{i // 2 % 3 if i % 2 else ''}\n"
+        for i in range(120)))
+    check(work.run("-from", "empty.csv", "-level3", "school", "-level2", "class").returncode == 0, "empty.csv")
+    set = "LEVEL1:{0}=INTRCPT1+Z{1}+RANDOM\nLEVEL2:INTRCPT1=INTRCPT2+RANDOM/\nLEVEL3:INTRCPT2=INTRCPT3+RANDOM/\n"
+    for kind, outcome, more, sets in (("N", "B", "", 1), ("BERNOULLI", "B", "", 1), ("POISSON", "B", "", 1),
+                                      ("ORDINAL,3", "C", "+THOLD2", 1), ("MULTINOMIAL,3", "C", "", 2)):
+        limits = "NUMIT:3,N\n" if kind == "N" else "MACROIT:2,N\nMICROIT:2\n"
+        work.write("empty.kdr", f"NONLIN:{kind}\n{limits}" + set.format(outcome, more) * sets + "TITLE:t\nOUTPUT:e.txt\n"
+                   + NOFILES + NOFEATURES)
+        done = work.run("-results", "empty.json", "empty.mdm", "empty.kdr")
+        ends(done, 100, "No level-1 record is left: each lacks a value in a variable of the model.\n", kind)
+        check(not (work.folder / "empty.json").exists(), f"{kind}: results of no record")
 
 
 def interrupt():
@@ -256,6 +282,6 @@ def marks():
                 check(code == 0 or "wide have two bytes each" in done.stdout, f"{source} as {coding}: {done.stdout[-200:]}")
 
 
-for part in (options, construction, fulldisk, models, startingvalues, failures, lostoutputs, keptinputs, marks, interrupt):
+for part in (options, construction, fulldisk, models, startingvalues, failures, nothingleft, lostoutputs, keptinputs, marks, interrupt):
     part()
 check.finish()

@@ -398,13 +398,22 @@ def plausible(check, place):
         check(f" The {what} variables are: " + ",".join("%8s" % v for v in values) + "\n" in text,
               f"{name}: the line of the variables")
         check("PLAUSIBLE VALUE RUN" in text, f"{name}: the heading")
+        restated = place.read("newcmd.kdr")
+        passes = [results(place.read(f"out.{m + 1}")) for m in range(M)]
+        if fisher:  # the stage with a tau for each unit is not written
+            check(place.run("pv.mdm", "newcmd.kdr").returncode == 0 and place.averaged().text == text
+                  and place.read("newcmd.kdr") == restated, f"{name}: newcmd.kdr is another series")
+        else:
+            check("#HETIT:3 was left out" in restated, f"{name}: newcmd.kdr says nothing of the stage that it lacks")
         for m in range(M):
-            check(results(place.read(f"out.{m + 1}")) == results(tables[m]),
+            check(passes[m] == results(tables[m]),
                   f"{name}: pass {m + 1} is not the single run with {values[m]}")
         place.write("pv.kdr", model(plausvals="PLAUSVALS:" + ",".join(values) + "\n", **settings(0)).replace(
             "OUTPUT:out.txt", "OUTPUT:page.html"))
-        check(place.run("pv.mdm", "pv.kdr").returncode == 0 and place.read("page_avg.html").endswith("</body></html>\n"),
-              f"{name}: html")
+        done = place.run("pv.mdm", "pv.kdr")
+        check(done.returncode == 0 and place.read("page_avg.html").endswith("</body></html>\n"), f"{name}: html")
+        last = f"The report is the page page_avg.html, those of the passes are numbered up to page_{M}.html.\n"
+        check(done.stdout.endswith(last), f"{name}: the last line {done.stdout[-200:]}")
     for kind in NONLINEAR:
         place.write("pv.kdr", nonlinear(kind, plausvals="PLAUSVALS:PASS,GRADE\n", hypotheses="", output="refused.txt"))
         done = place.run("imp1.mdm", "pv.kdr")

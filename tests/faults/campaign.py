@@ -86,6 +86,7 @@ JOBS = {
     "linear run": (["small.mdm", "linear.kdr"], RESULTS + ["start.val"], ["report.txt"]),
     "Laplace run": (["small.mdm", "laplace.kdr"], RESULTS[:-2] + ["gamvcus.dat", "gamvcpar.dat"],
                     ["report.txt", "gamvcpa.dat"]),  # that file is written by two stages, whole by each
+    "first of a series": (["-mi0", "small.mdm", "series.kdr"], ["newcmd.kdr"], ["series.1", "series.avg", "mixyzzy.dat"]),
     "last of a series": (["-mi1", "-e", "small.mdm", "series.kdr"], ["newcmd.kdr"], ["series.2", "series.avg"]),
 }
 
@@ -156,6 +157,8 @@ STORE, AVERAGES = "mixyzzy.dat", "series.avg"
 
 
 class Job:
+    """One of JOBS in its folder; its undisturbed outcome is what every other one is held against."""
+
     def __init__(self, program, injector, holder, name):
         self.name = name
         self.words, self.results, self.growing = JOBS[name]
@@ -168,36 +171,50 @@ class Job:
             for kept in (STORE, AVERAGES):
                 self.before[kept] = (self.folder / kept).read_bytes()
             del self.before["series.2"]  # another would be left alone, under its number
-        self.environment = {"PATH": os.environ["PATH"], "TMPDIR": str(self.scratch), "LD_PRELOAD": injector}
+        if name == "first of a series":
+            del self.before[STORE]  # what is no store there is refused
+        self.environment = {"PATH": os.environ["PATH"], "TMPDIR": str(self.scratch)}
+        if injector:
+            self.environment["LD_PRELOAD"] = injector
 
-    def run(self, fault=None):
-        """One run over outputs of old: exit code, standard output, what the outputs hold."""
+    def prepare(self):
+        """Outputs of old, where a job is to write its own."""
         for name in self.results + self.growing:
             (self.folder / name).unlink(missing_ok=True)
         for name, bytes in self.before.items():
             (self.folder / name).write_bytes(bytes)
         if "start.val" in self.results:  # is read where it stands: without it the run makes one
             (self.folder / "start.val").unlink()
+
+    def run(self, fault=None, prepared=False, **limits):
+        """One run over outputs of old: exit code, standard output, what the outputs hold."""
+        if not prepared:
+            self.prepare()
         extra = {"KDR3_FAULT": fault} if fault else {"KDR3_COUNTS": str(self.counts)}
         done = subprocess.run([self.program, "-q", *self.words], cwd=self.folder, stdin=subprocess.DEVNULL,
-                              capture_output=True, env={**self.environment, **extra}, timeout=60)
+                              capture_output=True, env={**self.environment, **extra}, timeout=60, **limits)
+        return done.returncode, masked(done.stdout), self.held()
+
+    def held(self):
         held = {}
         for name in self.results + self.growing:
             path = self.folder / name
             held[name] = masked(path.read_bytes()) if path.exists() else None
-        return done.returncode, masked(done.stdout), held
+        return held
 
     def whole(self):
+        """The undisturbed job; the calls of each group, where an injector counts them."""
         self.code, self.told, self.undisturbed = self.run()
         assert self.code == 0, f"{self.name}: the undisturbed job ends with {self.code}\n{self.told.decode()}"
         unwritten = [name for name, bytes in self.undisturbed.items() if bytes in (OLD, None)]
         assert not unwritten, f"{self.name}: the undisturbed job does not write {unwritten}"
-        return {group: int(n) for group, n in (line.split() for line in self.counts.read_text().splitlines())}
+        if "LD_PRELOAD" in self.environment:
+            return {group: int(n) for group, n in (line.split() for line in self.counts.read_text().splitlines())}
 
-    def faulty(self, fault):
-        """What is wrong after the job with one fault."""
+    def faulty(self, fault="", **limits):
+        """What is wrong after the job with one fault, or under other limits."""
         try:
-            code, told, held = self.run(fault)
+            code, told, held = self.run(fault, **limits)
         except subprocess.TimeoutExpired:
             return ["hangs"]
         wrong = []
@@ -209,11 +226,7 @@ class Job:
             for name in left:
                 for place in (self.scratch, self.folder):
                     (place / name).unlink(missing_ok=True)
-        before = {name: None if name == "start.val" else OLD for name in self.results}
-        for name in self.results:
-            stopped = code == 100 and name == "KDR3MDM.STS" and held[name].endswith(b"No MDM file was made.\n")
-            if held[name] not in (before[name], self.undisturbed[name]) and not stopped:
-                wrong.append(f"{name} is neither old nor whole (code {code})")
+        wrong += self.broken(held, code)
         if STORE in self.before and not (self.folder / STORE).exists():
             # Without the last data set the averages are others, but the report is whole.
             averages = held[AVERAGES] or b""
@@ -227,6 +240,13 @@ class Job:
             if told != self.told:
                 wrong.append("code 0 with other words")
         return wrong
+
+    def broken(self, held, code):
+        """Results that are neither as they were nor as the undisturbed job leaves them."""
+        before = {name: None if name == "start.val" else OLD for name in self.results}
+        stopped = lambda name: code == 100 and name == "KDR3MDM.STS" and held[name].endswith(b"No MDM file was made.\n")
+        return [f"{name} is neither old nor whole (code {code})" for name in self.results
+                if held[name] not in (before[name], self.undisturbed[name]) and not stopped(name)]
 
 
 def main():
@@ -248,9 +268,9 @@ def main():
                 study = (holder / "work" / "small.mdm").read_bytes()
             # The libraries only read: what writes is the same for all constructions.
             for group in ("open", "read", "map", "memory") if name in LIBRARIES else GROUPS:
-                # A disk may fail to read once, or go away.
-                for fault in [f"{group}:{n}{mark}" for n in range(1, calls[group] + 1, step)
-                              for mark in (("", "+") if group == "read" else ("",))]:
+                # A disk may fail once, or go away; it may be full for a moment only.
+                marks = {"read": ("", "+"), "write": ("", "-")}.get(group, ("",))
+                for fault in [f"{group}:{n}{mark}" for n in range(1, calls[group] + 1, step) for mark in marks]:
                     wrong = job.faulty(fault)
                     tried += 1
                     failed += bool(wrong)

@@ -1,7 +1,8 @@
 // A library that is loaded before the program's own: it counts the calls of the groups below, and the one that
-// KDR3_FAULT names, "<group>:<n>", fails as the system would let it fail; with a "+" behind, all calls from the n-th on
-// do, whatever the group. Without KDR3_FAULT the counts of each group
-// go to the file KDR3_COUNTS at the end.
+// KDR3_FAULT names, "<group>:<n>", fails as the system would let it fail: once, or from then on where the cause lasts.
+// A
+// "+" behind makes any fault last, a "-" none. Without KDR3_FAULT the counts of each group go to the file KDR3_COUNTS
+// at the end.
 //
 // Calls of the system are taken where they enter it, whoever makes them: a seccomp filter turns each into SIGSYS, whose
 // handler lets it fail or makes it again. So what a stream of the C library writes from its buffer fails as well.
@@ -49,7 +50,7 @@ constexpr Group groups[ngroups] = {
 std::atomic<long> counts[ngroups];
 int faultgroup = none;
 long faultcall = 0;
-bool lasts = false;  // of the fault, in a group whose faults do not
+bool lasts = false;  // of the fault
 bool ready = false;
 
 // True for a call that is to fail.
@@ -57,7 +58,7 @@ bool fails(int group) {
   if (!ready) return false;
   const long n = ++counts[group];
   if (group != faultgroup) return false;
-  return lasts || groups[group].lasts ? n >= faultcall : n == faultcall;
+  return lasts ? n >= faultcall : n == faultcall;
 }
 
 int groupof(int call) {
@@ -150,7 +151,8 @@ __attribute__((constructor)) void begin() {
     for (int g = 0; g < ngroups; ++g)
       if (std::strlen(groups[g].name) == length && std::strncmp(fault, groups[g].name, length) == 0) faultgroup = g;
     faultcall = std::atol(colon + 1);
-    lasts = std::strchr(colon, '+') != nullptr;
+    lasts = std::strchr(colon, '+') != nullptr ||
+            (faultgroup != none && groups[faultgroup].lasts && std::strchr(colon, '-') == nullptr);
   }
   smallbuffer(stdout);
   if (!filtercalls()) _exit(99);

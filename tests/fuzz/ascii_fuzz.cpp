@@ -2,6 +2,7 @@
 // all three levels, and what follows the data of all three levels.
 #include "construct/construction.h"
 #include "construct/levelsource.h"
+#include "construct/rawformats.h"
 #include "construct/readers/ascii.h"
 #include "harness.h"
 

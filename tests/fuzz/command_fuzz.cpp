@@ -5,9 +5,9 @@
 
 #include "command/complete.h"
 #include "command/constraints.h"
-#include "core/constraints.h"
 #include "command/smallmdm.h"
 #include "command/writer.h"
+#include "core/constraints.h"
 #include "harness.h"
 
 using namespace kdr;

@@ -3,6 +3,8 @@
 
 #include "construct/construction.h"
 #include "construct/levelsource.h"
+#include "construct/rawformats.h"
+#include "construct/rawvariables.h"
 #include "harness.h"
 
 namespace kdr {

@@ -15,7 +15,8 @@ to working data at the observed or at equal proportions (categories). Later on a
 each iteration is enough, since the fixed point is wanted; for some models the first three fits run to their ends, and the
 working data that follow from them are stored.
 
-`populationaverage` holds the fit with the effects left out of eta and eta corrected for them, tau held.
+`populationaverage` holds the fixed point of the fits with the effects left out of eta, tau held: the first at eta corrected
+for them, each other at the fixed effects of the one before.
 """
 import json
 import os
@@ -235,13 +236,26 @@ def popcorrection(m, p, T, L, eta):
     if m['kind'] == 'poisson':
         return eta + 0.5 * q3 + 0.5 * q2
     a = 0.3458429735
-    out = eta.copy()
-    for i in range(len(eta)):
-        d, e = p.Z1[i], p.Z2[i]
-        one = np.linalg.det(np.eye(len(T)) + a * T @ np.outer(d, d))
-        two = np.linalg.det(np.eye(len(L)) + a / (1 + a * q2[i]) * L @ np.outer(e, e))
-        out[i] *= (one * two) ** (-0.5 * len(T))
-    return out
+    return eta / np.sqrt(1 + a * (q2 + q3))
+
+
+def average(m, ps, gamma, theta, counter):
+    """The last fit's units, gamma and sigma2 of the population average."""
+    p, b = ps[0].Z1.shape[1], ps[0].Z2.shape[1]
+    T, L, s = unpack(theta, p, b)
+    etas = [popcorrection(m, q, T, L, q.M @ gamma) for q in ps]
+    nT = p * (p + 1) // 2
+    held = dict(esttau2=list(theta[:nT]), esttau3=list(theta[nT:-1]))
+    for _ in range(300):
+        z, W = newcounts(m, ps, etas, counter)
+        units, plain, factors = scaled(ps, 1, z, W)
+        if not m['fixsigma2']:
+            s = maximise(units, held, p, b, np.append(theta[:-1], s))[0][-1]
+        old, (gamma, cov) = gamma, gls(units, T, L, s)
+        if np.all(np.abs(gamma - old) < 1e-9 * np.sqrt(np.diag(cov))):
+            return units, plain, factors, gamma, cov, s
+        etas = [q.M @ gamma for q in ps]
+    raise RuntimeError('no population average')
 
 
 def wald(m, gamma, kinds):
@@ -303,14 +317,7 @@ def reference(data, m, traced=False):
                       if (a, t) in m['random3']] * copies
     out['eta'] = np.concatenate(etas).reshape(-1, c).tolist() if c > 1 else np.concatenate(etas)
     if 'categories' not in m:
-        fixed = [popcorrection(m, q, T, L, q.M @ gamma) for q in ps]
-        z, W = newcounts(m, ps, fixed, counter)
-        units, plain, factors = scaled(ps, 1, z, W)
-        if not m['fixsigma2']:
-            nT = p * (p + 1) // 2
-            held = dict(esttau2=list(theta[:nT]), esttau3=list(theta[nT:-1]))
-            s = maximise(units, held, p, b, theta)[0][-1]
-        gamma, cov = gls(units, T, L, s)
+        units, plain, factors, gamma, cov, s = average(m, ps, gamma, theta, counter)
         out['populationaverage'] = dict(fixedpart(m, units, plain, factors, gamma, cov, T, L, s, np.array(out['df'], float)),
                                         sigma2=s)
         if traced:  # what the graph data file holds

@@ -94,7 +94,7 @@ TEST(RatioTable, WritesIntervalsInANonlinearRunOnly) {
 }
 
 EffectTable tested(const Array<double>& gamma, const Array<double>& covariance) {
-  const FixedDegrees degrees{Array<int>(gamma.size()), Array<char>(gamma.size())};
+  const FixedDegrees degrees{Array<double>(gamma.size()), Array<char>(gamma.size())};
   EffectTable table = effecttable(gamma, covariance, degrees);
   addhypotheses(table, run.model, gamma, covariance);
   return table;

@@ -16,7 +16,10 @@ constexpr SubrunShape shape{2, 2, 3, true, true};
 const int dfgamma[] = {27, 30, 400};
 
 Pooled pooledof(const SubrunShape& kind, std::span<const SubrunRecord> series) {
-  PoolFrame frame{{Array<int>(3), Array<char>(3)}, Array<int>(2), Array<int>(2), Array<int>(2)};
+  PoolFrame frame;
+  frame.degrees.df.reset(3);
+  frame.degrees.rough.reset(3);
+  for (Array<int>* counts : {&frame.nterms2, &frame.nfixedterms2, &frame.nterms3}) counts->reset(2);
   for (std::size_t i = 0; i < 3; ++i) frame.degrees.df[i] = dfgamma[i];
   return pool(kind, series, frame, {});
 }

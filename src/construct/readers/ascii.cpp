@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "construct/buildlog.h"
+#include "construct/rawvariables.h"
 #include "construct/readers/plainnumber.h"
 #include "construct/readers/textstream.h"
 #include "core/constants.h"

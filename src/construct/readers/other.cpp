@@ -5,6 +5,7 @@
 #include <cmath>
 
 #include "construct/buildlog.h"
+#include "construct/rawvariables.h"
 #include "construct/readers/st.h"
 #include "core/constants.h"
 #include "driver/failures.h"
@@ -114,17 +115,12 @@ std::string trimmed(const std::string& text) {
   return first == std::string::npos ? "" : text.substr(first, text.find_last_not_of(' ') + 1 - first);
 }
 
-Id idof(StHandle handle, int v, int which) {
+Id idof(StHandle handle, int v) {
   Id id{};
   StValue value{};
   int second = 0;
   const bool missing = ST_GetVarData(handle, v, &value, &second) == 1;
-  if (raw.wholeids && ST_GetVarType(handle, v) != 1) {
-    refusezeros(*value.text);
-    raw.wholeid[which] = wholeid(*value.text);
-    id.text = paddedname(*value.text, longestid);
-    id.number = raw.wholeid[which].empty() ? missingcode : 0.0;
-  } else if (!run.mdm.numericids) {
+  if (!run.mdm.numericids) {
     refusezeros(*value.text);
     id.text = textid(*value.text);
   } else {
@@ -208,33 +204,52 @@ void prepareother(int level) {
   ST_InitReadOnly(handles[level]);
 }
 
+bool otherrow(int level) {
+  LevelSource& source = raw.level[level];
+  StHandle handle = handles[level];
+  if (ST_ReadRecord(handle) == 0) return true;
+  for (int v = 0; v < source.numvar; ++v)  // some files tell them behind the data
+    source.vartable[static_cast<std::size_t>(v)].labels = ST_Labels(handle, v);
+  if (const std::string trouble = ST_Trouble(handle); !trouble.empty()) {
+    countextra();
+    logboth("%s may be cut short: %s.\n", source.filename.c_str(), trouble.c_str());
+  }
+  if (const std::string remark = ST_Remark(handle); !remark.empty()) {
+    countextra();
+    logboth("%s: %s.\n", source.filename.c_str(), remark.c_str());
+  }
+  return false;
+}
+
+double othernumber(int level, int row) {
+  StValue value{};
+  int second = 0;
+  return ST_GetVarData(handles[level], row, &value, &second) == 1 ? missingcode : *value.number;
+}
+
+const std::string& othertext(int level, int row) {
+  StValue value{};
+  int second = 0;
+  static_cast<void>(ST_GetVarData(handles[level], row, &value, &second));
+  return *value.text;
+}
+
+ValueLabels othervaluelabels(int level, int row) { return ST_ValueLabels(handles[level], row); }
+std::string otherlabel(int level, int row) { return ST_GetVarLabel(handles[level], row); }
+
 int strecord(int level, double* values, Id* id3, Id* id2) {
   LevelSource& source = raw.level[level];
   StHandle handle = handles[level];
-  if (ST_ReadRecord(handle) != 0) {
-    for (int v = 0; v < source.numvar; ++v)  // some files tell them behind the data
-      source.vartable[static_cast<std::size_t>(v)].labels = ST_Labels(handle, v);
-    if (const std::string trouble = ST_Trouble(handle); !trouble.empty()) {
-      countextra();
-      logboth("%s may be cut short: %s.\n", source.filename.c_str(), trouble.c_str());
-    }
-    if (const std::string remark = ST_Remark(handle); !remark.empty()) {
-      countextra();
-      logboth("%s: %s.\n", source.filename.c_str(), remark.c_str());
-    }
-    return 1;
-  }
+  if (!otherrow(level)) return 1;
   for (int v = 0; v < source.numvar; ++v) {
     const int mark = source.vartable[static_cast<std::size_t>(v)].mark;
     if (mark == unwanted) continue;
     if (mark == level3idmark) {
-      *id3 = idof(handle, v, 0);
+      *id3 = idof(handle, v);
     } else if (mark == level2idmark) {
-      if (id2 != nullptr) *id2 = idof(handle, v, 1);
+      if (id2 != nullptr) *id2 = idof(handle, v);
     } else {
-      StValue value{};
-      int second = 0;
-      *values++ = ST_GetVarData(handle, v, &value, &second) == 1 ? missingcode : *value.number;
+      *values++ = othernumber(level, v);
     }
   }
   return 0;

@@ -29,6 +29,14 @@ void prepareother(int level);
 [[nodiscard]] int strecord(int level, double* values, Id* id3, Id* id2);
 void closeother(int level);
 
+// The same column by column: the next record, false at the end of the data; the value of a row of the file's table in
+// it, missingcode or an empty text where it is missing; its labels and what the file says of it.
+[[nodiscard]] bool otherrow(int level);
+[[nodiscard]] double othernumber(int level, int row);
+[[nodiscard]] const std::string& othertext(int level, int row);
+[[nodiscard]] ValueLabels othervaluelabels(int level, int row);
+[[nodiscard]] std::string otherlabel(int level, int row);
+
 // Whether the numeric columns of the level can be read as the texts that the file has; reads one so; why a column is
 // not numeric, where the file tells.
 [[nodiscard]] bool othercanbetext(int level);

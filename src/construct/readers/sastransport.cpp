@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "construct/buildlog.h"
+#include "construct/rawvariables.h"
 #include "construct/readers/bytereader.h"
 #include "core/constants.h"
 #include "driver/failures.h"

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "construct/buildlog.h"
+#include "construct/rawvariables.h"
 #include "construct/readers/bytereader.h"
 #include "core/constants.h"
 #include "driver/failures.h"

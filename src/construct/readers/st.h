@@ -15,6 +15,8 @@
 #include <cstddef>
 #include <string>
 
+#include "core/names.h"
+
 namespace kdr {
 
 struct StFile;
@@ -57,7 +59,7 @@ void ST_SelectVar(StHandle handle, int v);
 void ST_InitReadOnly(StHandle handle);
 // 1 for a numeric variable, 2 for a text.
 [[nodiscard]] int ST_GetVarType(StHandle handle, int v);
-// Its name, of which 255 bytes are kept.
+// Its name, of which 4096 bytes are kept.
 [[nodiscard]] const char* ST_GetVarName(StHandle handle, int v);
 [[nodiscard]] int ST_GetVarPrintWidth(StHandle handle, int v);
 // Where the file has the first text of a variable that would be numeric without it, or nothing.
@@ -65,6 +67,9 @@ void ST_InitReadOnly(StHandle handle);
 // The labels that its values have ("1 = low, 2 = high"), or nothing. Some files tell them at the end of the data only:
 // until then they are the word "yes".
 [[nodiscard]] std::string ST_Labels(StHandle handle, int v);
+// The same one by one, whole; and what the file says of the variable, or nothing.
+[[nodiscard]] ValueLabels ST_ValueLabels(StHandle handle, int v);
+[[nodiscard]] const char* ST_GetVarLabel(StHandle handle, int v);
 // Makes a numeric variable of delimited text one of the texts that the file has. Before the first record only.
 void ST_ReadAsText(StHandle handle, int v);
 // 0 for a record, 1 at the end of the data.

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "construct/rawvariables.h"
 #include "construct/readers/bytereader.h"
 #include "construct/readers/other.h"
 #include "core/constants.h"

@@ -80,6 +80,15 @@ std::string ST_Labels(StHandle handle, int v) {
   return name.empty() ? "" : "yes";
 }
 
+ValueLabels ST_ValueLabels(StHandle handle, int v) {
+  const std::string& name = variableof(handle, v).labels;
+  for (const StLabels& list : handle->labels)
+    if (!name.empty() && list.name == name) return list.values;
+  return {};
+}
+
+const char* ST_GetVarLabel(StHandle handle, int v) { return variableof(handle, v).title.c_str(); }
+
 const char* ST_Trouble(StHandle handle) { return handle->trouble.c_str(); }
 const char* ST_Remark(StHandle handle) { return handle->remark.c_str(); }
 
@@ -96,7 +105,7 @@ void makevariables(StFile& file, std::size_t count) {
 }
 
 void nameit(StVariable& variable, std::string_view name) {
-  constexpr std::size_t longest = 255;
+  constexpr std::size_t longest = 4096;
   variable.name = name.substr(0, longest);
 }
 

@@ -19,11 +19,13 @@ struct StVariable {
   int width = 0;       // characters of a text
   std::string why;     // where the first text stands that makes the variable one
   std::string labels;  // name of the list of labels that its values have, or nothing
+  std::string title;   // what the file says of it, or nothing
 };
 
 struct StLabels {
   std::string name;  // of the list
   std::string text;  // "1 = low, 2 = high"
+  ValueLabels values;
 };
 
 struct StBackend;

@@ -40,16 +40,20 @@ struct LibraryFile {
   long long end = -1;         // where the file ends for the library; -1 for its own end
 };
 
+// What the file is read for.
+enum class Reading { dictionary, values, zeros };
+
 struct ReadstatState {
   LibraryFile library;
   long long filelength = 0;
-  long long announced = -1;   // records that the head tells, -1 where it does not
-  bool firstpass = true;      // the dictionary is wanted, not the values
+  long long announced = -1;  // records that the head tells, -1 where it does not
+  Reading reading = Reading::dictionary;
   bool overfull = false;      // the head tells more variables than the file could hold
   Array<char> row;            // the row in hand, and its bytes while it is read back
   Array<std::size_t> place;   // of a selected variable in the row: a number, or the length of a text and its bytes
   Array<std::size_t> room;    // bytes that a text may have there
   Array<std::size_t> stored;  // bytes of each variable in the file
+  Array<long long> zero;      // of a text: the first record in which a zero byte stands within it, or -1
   long long recordwidth = 0;  // bytes of a record, of all variables
   long long datastart = 0;    // where the records begin, in a transport file
   std::size_t listwidth = 0;  // bytes that the name of a list of labels may have, 0 where there is none
@@ -132,7 +136,7 @@ int takehead(readstat_metadata_t* metadata, void* context) {
   StFile& file = *static_cast<StFile*>(context);
   ReadstatState& state = stateof(file);
   state.announced = readstat_get_row_count(metadata);
-  if (!state.firstpass) return READSTAT_HANDLER_OK;
+  if (state.reading != Reading::dictionary) return READSTAT_HANDLER_OK;
   const int count = readstat_get_var_count(metadata);
   state.overfull = count < 0 || count > state.filelength;
   if (state.overfull) return READSTAT_HANDLER_ABORT;
@@ -162,13 +166,18 @@ int takevariable(int index, readstat_variable_t* variable, const char* labels, v
   const auto i = static_cast<std::size_t>(index);
   if (index < 0 || i >= file.variables.size()) return READSTAT_HANDLER_ABORT;
   StVariable& ours = file.variables[i];
-  if (!stateof(file).firstpass) return ours.selected ? READSTAT_HANDLER_OK : READSTAT_HANDLER_SKIP_VARIABLE;
+  if (stateof(file).reading == Reading::values)
+    return ours.selected ? READSTAT_HANDLER_OK : READSTAT_HANDLER_SKIP_VARIABLE;
+  if (stateof(file).reading == Reading::zeros)
+    return ours.selected && !ours.numeric ? READSTAT_HANDLER_OK : READSTAT_HANDLER_SKIP_VARIABLE;
   const char* name = readstat_variable_get_name(variable);
   nameit(ours, name == nullptr ? "" : name);
   ours.numeric = readstat_variable_get_type_class(variable) == READSTAT_TYPE_CLASS_NUMERIC;
   const std::size_t width = readstat_variable_get_storage_width(variable);
   ours.width = width < INT_MAX ? textwidthof(file, variable, static_cast<int>(width)) : INT_MAX;
   ours.labels = listname(stateof(file), labels);
+  const char* title = readstat_variable_get_label(variable);
+  ours.title = title == nullptr ? "" : title;
   stateof(file).stored[i] = readstat_variable_get_type(variable) == READSTAT_TYPE_STRING_REF ? ST_LongestText : width;
   stateof(file).recordwidth += static_cast<long long>(width);
   return READSTAT_HANDLER_OK;
@@ -177,10 +186,12 @@ int takevariable(int index, readstat_variable_t* variable, const char* labels, v
 // One label of a list.
 int takelabel(const char* list, readstat_value_t value, const char* label, void* context) {
   StFile& file = *static_cast<StFile*>(context);
+  if (stateof(file).reading == Reading::zeros) return READSTAT_HANDLER_OK;
   const std::string name = listname(stateof(file), list);
   if (name.empty() || label == nullptr || readstat_value_type_class(value) != READSTAT_TYPE_CLASS_NUMERIC)
     return READSTAT_HANDLER_OK;
-  if (file.labels.empty() || file.labels.back().name != name) file.labels.push_back({name, ""});
+  if (file.labels.empty() || file.labels.back().name != name) file.labels.push_back({name, "", {}});
+  file.labels.back().values.emplace_back(readstat_double_value(value), label);
   addlabel(file.labels.back().text, readstat_double_value(value), label);
   return READSTAT_HANDLER_OK;
 }
@@ -203,12 +214,29 @@ bool ismissing(readstat_value_t value, readstat_variable_t* variable) {
          readstat_value_is_defined_missing(value, variable) != 0;
 }
 
+// The library gives texts that end with a zero byte, and so hides one within a text, and what stands behind it. But it
+// can be told that the characters of a file are those of this code, which has one for each byte: U+2800 and the byte.
+// Read so, in UTF-8, nothing is hidden.
+constexpr const char* bytecode = "ISO_11548-1";
+constexpr std::string_view zerobyte = "\xE2\xA0\x80", blankbyte = "\xE2\xA0\xA0";
+
+// Whether a zero byte stands in the text, with something else than zeros and blanks behind it.
+bool zerowithin(const char* bytes) {
+  std::string_view text(bytes == nullptr ? "" : bytes);
+  while (text.ends_with(zerobyte) || text.ends_with(blankbyte)) text.remove_suffix(zerobyte.size());
+  return text.find(zerobyte) != text.npos;
+}
+
 int takevalue(int observation, readstat_variable_t* variable, readstat_value_t value, void* context) {
   StFile& file = *static_cast<StFile*>(context);
   ReadstatState& state = stateof(file);
-  if (state.firstpass) return READSTAT_HANDLER_ABORT;
+  if (state.reading == Reading::dictionary) return READSTAT_HANDLER_ABORT;
   const auto i = static_cast<std::size_t>(readstat_variable_get_index(variable));
   if (i >= file.variables.size() || !file.variables[i].selected) return READSTAT_HANDLER_ABORT;
+  if (state.reading == Reading::zeros) {
+    if (state.zero[i] < 0 && zerowithin(readstat_string_value(value))) state.zero[i] = observation;
+    return READSTAT_HANDLER_OK;
+  }
   if (observation != state.observation) {
     spoolrow(state);
     if (state.filled != 0 || state.writefailed) return READSTAT_HANDLER_ABORT;
@@ -250,6 +278,10 @@ readstat_error_t parse(StFile& file) {
   readstat_set_read_handler(parser, readlibrary);
   readstat_set_update_handler(parser, updatelibrary);
   readstat_set_io_ctx(parser, &stateof(file).library);
+  if (stateof(file).reading == Reading::zeros) {
+    readstat_set_file_character_encoding(parser, bytecode);
+    readstat_set_handler_character_encoding(parser, "UTF-8");
+  }
   stateof(file).library.portable = file.backend->format == StFormat::spssportable;
   const char* path = file.path.c_str();
   readstat_error_t error = READSTAT_ERROR_OPEN;
@@ -335,10 +367,44 @@ void checkmember(StFile& file) {
   }
 }
 
+// Whether a zero byte may stand in a text. In a Stata file it ends the text; a portable file with one is refused.
+bool mayhavezeros(const StFile& file) {
+  const StFormat format = file.backend->format;
+  return format == StFormat::sas || format == StFormat::sastransport || format == StFormat::spss;
+}
+
+// Where a zero byte stands in a file with something else behind it, counted from 1; 0 for nowhere.
+long long zeroplace(const std::string& path) {
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> stream(std::fopen(path.c_str(), "rb"), std::fclose);
+  if (stream == nullptr) return 0;
+  Array<char> piece(piecesize);
+  long long zero = 0, before = 0;
+  for (std::size_t got = 0; (got = readupto(piece.data(), piecesize, stream.get(), path)) > 0;
+       before += static_cast<long long>(got))
+    for (std::size_t i = 0; i < got; ++i) {
+      if (piece[i] != '\0' && zero > 0) return zero;
+      if (piece[i] == '\0' && zero == 0) zero = before + static_cast<long long>(i) + 1;
+    }
+  return 0;
+}
+
+// Looks for zero bytes within the texts that are wanted. They go unseen where the system does not know the code.
+void findzeros(StFile& file) {
+  ReadstatState& state = stateof(file);
+  const auto text = [](const StVariable& variable) { return variable.selected && !variable.numeric; };
+  state.zero.reset(file.variables.size());
+  state.zero.fill(-1);
+  if (!mayhavezeros(file) || std::none_of(file.variables.begin(), file.variables.end(), text)) return;
+  const std::string words = state.words;
+  state.reading = Reading::zeros;
+  static_cast<void>(parse(file));
+  state.words = words;
+}
+
 // Lays out a row and brings the whole file to the scratch file.
 void spool(StFile& file) {
   ReadstatState& state = stateof(file);
-  state.firstpass = false;
+  state.reading = Reading::values;
   file.labels.clear();
   state.words.clear();
   state.place.reset(file.variables.size());
@@ -371,6 +437,7 @@ void spool(StFile& file) {
   } else if (file.backend->format == StFormat::sastransport) {
     checkmember(file);
   }
+  findzeros(file);
 }
 
 }  // namespace
@@ -383,8 +450,11 @@ bool readstatdictionary(StFile& file) {
   state->listwidth = listwidthof(file);
   const bool found = file.backend->format != StFormat::sastransport || findmember(*state, file.path);
   const readstat_error_t error = found ? parse(file) : READSTAT_ERROR_OPEN;
+  const long long zero = file.backend->format == StFormat::spssportable ? zeroplace(file.path) : 0;
   if (error == READSTAT_ERROR_OPEN) {
     file.trouble = ST_CannotOpen;
+  } else if (zero > 0) {
+    file.trouble = formatted("byte %lld is zero, and such a file is text", zero);
   } else if (state->overfull) {
     file.trouble = "its head tells more variables than it can hold";
   } else if (error != READSTAT_OK && !(error == READSTAT_ERROR_USER_ABORT && !file.variables.empty())) {
@@ -413,6 +483,7 @@ bool readstatrecord(StFile& file) {
       std::uint16_t length = 0;
       std::memcpy(&length, place, sizeof length);
       file.texts[v].assign(place + sizeof length, length);
+      if (state.read == state.zero[v] + 1) file.texts[v].append("\0?", 2);  // what was hidden behind it is not known
     }
   }
   return true;

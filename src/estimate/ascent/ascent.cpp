@@ -17,6 +17,7 @@ struct Climb {
   NewtonStep step{};
   double change = 0.0;  // of the value in the last iteration
   int settling = 0;
+  bool exact = false;  // the information of the last accepted point is
 
   Evaluation evaluate(const Array<double>& point, Approach approach) {
     ++result.evaluations;
@@ -26,6 +27,7 @@ struct Climb {
     problem.accepted();
     result.point = std::move(point);
     result.there = std::move(there);
+    exact = !problem.exact;
     look();
   }
   void look() {
@@ -34,10 +36,12 @@ struct Climb {
     result.least = step.least;
   }
   [[nodiscard]] bool settled() const { return step.decrement < settings.decrement && step.least >= -settings.saddle; }
+  [[nodiscard]] bool saddle() const { return step.decrement < settings.decrement && step.least < -settings.saddle; }
 
   bool acceptable(const Evaluation& trial) const;
   bool attempt(const Array<double>& delta, double factor, Approach approach);
   bool renew();
+  bool refine();
   bool newton();
   bool leavesaddle();
   bool totheedge();
@@ -68,6 +72,18 @@ bool Climb::renew() {
   Evaluation anew = evaluate(result.point, Approach::renewed);
   if (!anew.usable) return false;
   take(result.point.copy(), std::move(anew));
+  return true;
+}
+
+// The exact information of the last accepted point, if that isn't at hand. False when it cannot be had.
+bool Climb::refine() {
+  if (exact) return true;
+  ++result.evaluations;
+  Evaluation anew = problem.exact(result.point, result.there);
+  if (!anew.usable) return false;
+  exact = true;
+  result.there = std::move(anew);
+  look();
   return true;
 }
 
@@ -139,12 +155,14 @@ bool Climb::last() {
   if (problem.approaches)
     for (int i = 0; i < settings.finals; ++i)
       if (!renew()) return false;
+  if (!refine()) return false;
   return step.decrement < settings.finaldecrement && step.least >= -settings.saddle;
 }
 
 AscentEnd Climb::run() {
   bool edgetried = false;
   int reopened = 0;
+  double before = INFINITY;  // the decrement where the last iteration began
   for (;;) {
     if (!rearrange()) return AscentEnd::unusable;
     const bool quiet = std::fabs(change) < settings.settled || settling >= settings.settling;
@@ -164,9 +182,15 @@ AscentEnd Climb::run() {
       ++settling;
     }
     if (result.iterations >= settings.iterations) return AscentEnd::limit;
-    const bool saddle = step.decrement < settings.decrement && step.least < -settings.saddle;
-    const bool moved = saddle ? leavesaddle() : newton();
-    if (!moved) return saddle ? AscentEnd::notdefinite : AscentEnd::nostep;
+    if (saddle() && !exact) {
+      if (!refine()) return AscentEnd::notdefinite;
+      continue;
+    }
+    if (step.decrement > settings.contraction * before) static_cast<void>(refine());
+    before = step.decrement;
+    const bool turned = saddle(), moved = turned ? leavesaddle() : newton();
+    if (!moved && !exact && refine()) continue;
+    if (!moved) return turned ? AscentEnd::notdefinite : AscentEnd::nostep;
     ++result.iterations;
     if (problem.iterated && problem.iterated(result.iterations, result.there.value)) return AscentEnd::stopped;
   }
@@ -219,6 +243,7 @@ AscentResult climb(const AscentProblem& problem, const AscentSettings& settings,
   }
   climb.take(start.copy(), std::move(there));
   result.end = climb.run();
+  result.exact = climb.refine();
   return result;
 }
 

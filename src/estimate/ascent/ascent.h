@@ -28,6 +28,9 @@ struct AscentProblem {
   std::function<void()> accepted;
   // Whether an evaluation depends on how its point was reached, so that the two remedies for it are worth trying.
   bool approaches = false;
+  // May be empty: evaluations have the exact information. Else theirs only stands for it, and this one is asked for the
+  // exact information at the last accepted point, where the ascent seems to be at its end.
+  std::function<Evaluation(const Array<double>& point, const Evaluation& there)> exact;
   // May be empty. Rearranges the coordinates of the last accepted point; true: it must be evaluated anew.
   std::function<bool(Array<double>& point)> rearrange;
   // May be empty. At a point that looks like a maximum: the same with elements put to their edge, or an empty array.
@@ -58,6 +61,7 @@ struct AscentResult {
   AscentEnd end = AscentEnd::unusable;
   Array<double> point;
   Evaluation there;
+  bool exact = false;  // its information is
   int iterations = 0, evaluations = 0;
   double decrement = 0.0;  // of the last evaluation; its root is how far the maximum is, in standard errors
   double least = 0.0;      // the least eigenvalue of the scaled information

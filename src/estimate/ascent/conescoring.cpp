@@ -64,7 +64,15 @@ struct Climb {
   void addcurvature();
   [[nodiscard]] Array<double> moved(const Array<double>& from, const Array<double>& by, double factor) const;
   [[nodiscard]] bool restore(Array<double>& point, std::vector<Block>& at) const;
-  [[nodiscard]] bool take(const Array<double>& by, double factor, double promised, const std::vector<Block>& face);
+  struct Trial {
+    Array<double> point{};
+    std::vector<Block> face{};
+    double value = 0.0;
+    [[nodiscard]] bool empty() const { return point.empty(); }
+  };
+  [[nodiscard]] Trial attempt(const Array<double>& by, double factor, double least,
+                              const std::vector<Block>& face) const;
+  void take(Trial trial);
   [[nodiscard]] bool newton();
   struct Release {
     std::size_t block = 0;
@@ -156,32 +164,26 @@ Array<double> Climb::solve(const Array<double>& x) const {
   return y;
 }
 
-// H^-1 A'(A H^-1 A')^+ w. Functionals that no free parameter moves, and those that say what others have said, have no
-// multiplier.
+// H^-1 A'(A H^-1 A')^+ w. Where functionals say the same, as under restrictions, the multipliers are the shortest, as a
+// matrix. No eigenvalue of A H^-1 A' is small but for these: those of H are not large, and A is in standard errors.
 Correction Climb::meet(const Functionals& functionals) const {
-  constexpr double independent = 1.0e-10;
+  constexpr double independent = 1.0e-9, rounding = 1.0e-13;
   const std::size_t n = functionals.count();
   Correction correction{Array<double>(m), Array<double>(n)};
   std::vector<Array<double>> solved;
-  Array<double> M(n * n), size(n), values(n), Q(n * n);
+  Array<double> M(n * n), values(n), Q(n * n), row(m);
   for (std::size_t i = 0; i < n; ++i) {
-    Array<double> row(m);
     std::copy_n(functionals.rows.data() + i * m, m, row.data());
     solved.push_back(solve(row));
-    size[i] = std::sqrt(std::max(dot(row.data(), solved[i].data(), m), 0.0));
   }
   for (std::size_t i = 0; i < n; ++i)
-    for (std::size_t j = 0; j < n; ++j)
-      if (size[i] > 0.0 && size[j] > 0.0)
-        M[i * n + j] = dot(functionals.rows.data() + i * m, solved[j].data(), m) / (size[i] * size[j]);
+    for (std::size_t j = 0; j < n; ++j) M[i * n + j] = dot(functionals.rows.data() + i * m, solved[j].data(), m);
   spectrum(n, M.data(), values.data(), Q.data());
   for (std::size_t l = 0; l < n; ++l) {
-    if (values[l] <= independent) continue;
+    if (values[l] <= std::max(independent, rounding * values[n - 1])) continue;
     double share = 0.0;
-    for (std::size_t i = 0; i < n; ++i)
-      if (size[i] > 0.0) share += Q[i * n + l] * functionals.wanted[i] / size[i];
-    for (std::size_t i = 0; i < n; ++i)
-      if (size[i] > 0.0) correction.multipliers[i] += Q[i * n + l] * share / (values[l] * size[i]);
+    for (std::size_t i = 0; i < n; ++i) share += Q[i * n + l] * functionals.wanted[i];
+    for (std::size_t i = 0; i < n; ++i) correction.multipliers[i] += Q[i * n + l] * share / values[l];
   }
   for (std::size_t i = 0; i < n; ++i)
     for (std::size_t a = 0; a < m; ++a) correction.step[a] += correction.multipliers[i] * solved[i][a];
@@ -304,23 +306,32 @@ bool Climb::restore(Array<double>& point, std::vector<Block>& face) const {
   return false;
 }
 
-// The point behind a step, if the function rises there by a share of what the step promises.
-bool Climb::take(const Array<double>& by, double factor, double promised, const std::vector<Block>& face) {
-  Array<double> point = moved(result.point, by, factor);
-  std::vector<Block> reached = copyof(face);
-  if (!restore(point, reached)) return false;
-  const Evaluation trial = problem.test(point);
-  const double slack = policy.rounding * std::fabs(result.value);
-  if (!trial.usable || !(trial.value >= result.value + policy.rise * factor * promised - slack)) return false;
-  // A step whose gain drowns in rounding must not go on for ever.
-  if (trial.value <= result.value && promised < policy.coarse) return false;
-  result.point = std::move(point);
-  blocks = std::move(reached);
-  return true;
+// The point behind a step, if the function rises there by more than `least` and by a share of what the score promises
+// of the way that is left of the step.
+Climb::Trial Climb::attempt(const Array<double>& by, double factor, double least,
+                            const std::vector<Block>& face) const {
+  Trial trial{moved(result.point, by, factor), copyof(face), 0.0};
+  if (!restore(trial.point, trial.face)) return {};
+  const Evaluation reached = problem.test(trial.point);
+  if (!reached.usable) return {};
+  double promised = 0.0;
+  for (std::size_t e = 0; e < trial.point.size(); ++e)
+    if (problem.free[e] >= 0) promised += there.score[e] * (trial.point[e] - result.point[e]);
+  if (!(reached.value > result.value + std::max(least, policy.rise * promised))) return {};
+  trial.value = reached.value;
+  return trial;
 }
 
-// The best step, halved until it is one that rises; with ridges where none does.
+void Climb::take(Trial trial) {
+  result.point = std::move(trial.point);
+  result.value = trial.value;
+  blocks = std::move(trial.face);
+}
+
+// The best step, halved until it is one that rises; with ridges where none does. A whole step that gains much more than
+// the half that a quadratic function would is doubled as long as that gains.
 bool Climb::newton() {
+  constexpr double straight = 0.75;
   for (int grown = 0; grown < policy.ridges; ++grown) {
     if (grown > 0) {
       ridge = grown == 1 ? 1.0e-3 : 30.0 * ridge;
@@ -328,54 +339,133 @@ bool Climb::newton() {
     }
     const double promised = dot(score.data(), step.data(), m);
     double factor = 1.0;
-    for (int halving = 0; halving <= policy.halvings; ++halving, factor *= 0.5)
-      if (take(step, factor, promised, blocks)) return true;
+    for (int halving = 0; halving <= policy.halvings; ++halving, factor *= 0.5) {
+      Trial trial = attempt(step, factor, 0.0, blocks);
+      if (trial.empty()) continue;
+      for (int doubling = 1; halving == 0 && doubling <= policy.halvings; ++doubling) {
+        const double gain = trial.value - result.value;
+        if (gain < straight * factor * promised) break;
+        factor *= 2.0;
+        Trial farther = attempt(step, factor, gain, blocks);
+        if (farther.empty()) break;
+        trial = std::move(farther);
+      }
+      take(std::move(trial));
+      return true;
+    }
   }
   return false;
 }
 
-// The direction off the edge that promises most: of the largest slope in one matrix, or all of its rising ones.
+// Adds up y U_l U_l' over the eigenvectors of a symmetric matrix whose eigenvalues are above 0: its projection onto the
+// cone. `last`: over the largest alone. Returns how many there are.
+int positivepart(const Array<double>& Y, int k, bool last, Array<double>& part) {
+  Array<double> y(at(k)), U(square(k));
+  spectrum(at(k), Y.data(), y.data(), U.data());
+  part.reset(square(k));
+  int rank = 0;
+  for (int l = last ? k - 1 : 0; l < k; ++l) {
+    if (!(y[at(l)] > 1.0e-9 * std::fabs(y[at(k) - 1]))) continue;
+    ++rank;
+    for (int i = 0; i < k; ++i)
+      for (int j = 0; j < k; ++j) part[at(i * k + j)] += U[at(i * k + l)] * U[at(j * k + l)] * y[at(l)];
+  }
+  return rank;
+}
+
+// A symmetric matrix as functionals have it, and the reverse.
+Array<double> packedof(const Array<double>& M, int k) {
+  Array<double> packed(packedsize(k));
+  eachelement(k, [&](int e, int i, int j) { packed[at(e)] = (i == j ? 1.0 : std::sqrt(2.0)) * M[at(i * k + j)]; });
+  return packed;
+}
+Array<double> fullof(const Array<double>& packed, int k) {
+  Array<double> M(square(k));
+  eachelement(k, [&](int e, int i, int j) {
+    M[at(i * k + j)] = M[at(j * k + i)] = packed[at(e)] / (i == j ? 1.0 : std::sqrt(2.0));
+  });
+  return M;
+}
+
+// What of N'TN free parameters can make: the projection of packed matrices onto the columns of m functionals, n rows.
+Array<double> reachable(const double* rows, std::size_t n, std::size_t m) {
+  constexpr double independent = 1.0e-9;
+  Array<double> M(n * n), values(n), Q(n * n), P(n * n);
+  mulABt(M.data(), rows, rows, static_cast<int>(n), static_cast<int>(n), static_cast<int>(m));
+  spectrum(n, M.data(), values.data(), Q.data());
+  for (std::size_t l = 0; l < n; ++l)
+    if (values[l] > independent * values[n - 1])
+      for (std::size_t i = 0; i < n; ++i)
+        for (std::size_t j = 0; j < n; ++j) P[i * n + j] += Q[i * n + l] * Q[j * n + l];
+  return P;
+}
+
+// The nearest matrix to Y that is in the cone and that parameters can make, by alternating projections with Dykstra's
+// correction for that onto the cone. It is 0 where no direction off the edge rises.
+Array<double> steepestway(const Array<double>& Y, int k, const Array<double>& P) {
+  constexpr int rounds = 300;
+  const int n = static_cast<int>(packedsize(k));
+  Array<double> now = packedof(Y, k), taken(at(n)), part, next(at(n));
+  for (int round = 0; round < rounds; ++round) {
+    for (int i = 0; i < n; ++i) now[at(i)] += taken[at(i)];
+    static_cast<void>(positivepart(fullof(now, k), k, false, part));
+    const Array<double> inside = packedof(part, k);
+    for (int i = 0; i < n; ++i) taken[at(i)] = now[at(i)] - inside[at(i)];
+    mulAB(next.data(), P.data(), inside.data(), n, 1, n);
+    std::swap(now, next);
+  }
+  return fullof(now, k);
+}
+
+// The direction off the edge that promises most: of the largest slope in one matrix; under restrictions of its elements
+// the steepest that these allow.
 Climb::Release Climb::release() const {
+  constexpr double feasible = 1.0e-6;
   Release best;
-  std::size_t place = 0;
+  const Functionals whole = held(blocks);
+  std::size_t first = 0;
   for (std::size_t which = 0; which < blocks.size(); ++which) {
-    const Block& block = blocks[which];
-    const int k = block.lacking;
+    const int k = blocks[which].lacking;
+    const std::size_t n = packedsize(k), mine = first;
+    first += n;
     if (k == 0) continue;
-    const Array<double> Y = multiplierof(block, multipliers, place);
-    Array<double> y(at(k)), U(square(k));
-    spectrum(at(k), Y.data(), y.data(), U.data());
-    if (!(y[at(k) - 1] > 0.0)) continue;
-    for (const bool all : {false, true}) {
-      // What N'TN is to become: the last eigenvector's square, or all with positive slopes by their size.
-      Array<double> target(square(k));
-      int rank = 0;
-      for (int l = all ? 0 : k - 1; l < k; ++l) {
-        if (!(y[at(l)] > 0.0)) continue;
-        ++rank;
-        for (int i = 0; i < k; ++i)
-          for (int j = 0; j < k; ++j)
-            target[at(i * k + j)] += U[at(i * k + l)] * U[at(j * k + l)] * y[at(l)] / y[at(k) - 1];
-      }
-      Functionals functionals = held(blocks);
-      std::size_t row = 0;
-      for (std::size_t other = 0; other < blocks.size(); ++other)
-        for (int i = 0; i < blocks[other].lacking; ++i)
-          for (int j = 0; j <= i; ++j, ++row)
-            functionals.wanted[row] = other == which ? (i == j ? 1.0 : std::sqrt(2.0)) * target[at(i * k + j)] : 0.0;
-      Release found{which, 0.0, 0.0, 0.0, rank, meet(functionals).step};
-      bool feasible = true;
-      for (std::size_t i = 0; i < functionals.count(); ++i)
-        feasible = feasible && std::fabs(dot(functionals.rows.data() + i * m, found.direction.data(), m) -
-                                         functionals.wanted[i]) < 1.0e-6;
-      if (!feasible) continue;
-      found.slope = dot(score.data(), found.direction.data(), m);
-      Array<double> bent(m);
-      mulAB(bent.data(), H.data(), found.direction.data(), static_cast<int>(m), 1, static_cast<int>(m));
-      found.curvature = dot(bent.data(), found.direction.data(), m);
-      found.gain = found.slope > 0.0 && found.curvature > 0.0 ? found.slope * found.slope / found.curvature : 0.0;
-      if (found.gain > best.gain) best = std::move(found);
+    std::size_t place = mine;
+    const Array<double> Y = multiplierof(blocks[which], multipliers, place);
+    Array<double> target;
+    int rank = positivepart(Y, k, true, target);
+    if (rank == 0) continue;
+    const Array<double> P = reachable(whole.rows.data() + mine * m, n, m);
+    Array<double> packed = packedof(target, k), made(n);
+    const int rows = static_cast<int>(n);
+    mulAB(made.data(), P.data(), packed.data(), rows, 1, rows);
+    double off = 0.0, size = 0.0;
+    for (std::size_t i = 0; i < n; ++i) {
+      off += (made[i] - packed[i]) * (made[i] - packed[i]);
+      size += packed[i] * packed[i];
     }
+    if (off > feasible * feasible * size) {
+      target = steepestway(Y, k, P);
+      packed = packedof(target, k);
+      Array<double> part;
+      rank = positivepart(target, k, false, part);
+      // What the projections leave of 0 is small, or not in the cone.
+      double length = 0.0, outside = 0.0;
+      for (std::size_t i = 0; i < target.size(); ++i) {
+        length += target[i] * target[i];
+        outside += (target[i] - part[i]) * (target[i] - part[i]);
+      }
+      constexpr double something = 1.0e-4, clear = 1.0e-3;
+      if (rank == 0 || length < something * something * size || outside > clear * clear * length) continue;
+    }
+    Functionals functionals{m, whole.rows, std::vector<double>(whole.count(), 0.0)};
+    for (std::size_t i = 0; i < n; ++i) functionals.wanted[mine + i] = packed[i];
+    Release found{which, 0.0, 0.0, 0.0, rank, meet(functionals).step};
+    found.slope = dot(score.data(), found.direction.data(), m);
+    Array<double> bent(m);
+    mulAB(bent.data(), H.data(), found.direction.data(), static_cast<int>(m), 1, static_cast<int>(m));
+    found.curvature = dot(bent.data(), found.direction.data(), m);
+    found.gain = found.slope > 0.0 && found.curvature > 0.0 ? found.slope * found.slope / found.curvature : 0.0;
+    if (found.gain > best.gain) best = std::move(found);
   }
   return best;
 }
@@ -386,7 +476,10 @@ bool Climb::letgo(const Release& release) {
   face[release.block].lacking -= release.rank;
   double factor = 0.5 * release.slope / release.curvature;
   for (int halving = 0; halving <= 3 * policy.halvings; ++halving, factor *= 0.5)
-    if (take(release.direction, factor, release.slope, face)) return true;
+    if (Trial trial = attempt(release.direction, factor, 0.0, face); !trial.empty()) {
+      take(std::move(trial));
+      return true;
+    }
   return false;
 }
 

@@ -36,7 +36,6 @@ struct ConePolicy {
   double decrement = 1.0e-8;  // stop: twice the gain that is left, a step of 1e-4 standard errors
   double coarse = 1.0e-5;     // the same where rounding leaves no step that rises
   double rise = 1.0e-4;       // of what the score promises, the least that a step must gain
-  double rounding = 1.0e-13;  // of the value, which may hide it
   int halvings = 12;          // of a step under one ridge
   int ridges = 5;        // the first is none, the next 0.001 of an element's own information, each 30 times as much
   double lift = 1.0e-5;  // what the step off the edge may cost

@@ -1,5 +1,6 @@
-// An ascent by steps on score and information with a ridge, halved where they leave the space of the parameters. What
-// is climbed is given as a function of a point; how, by a set of policies.
+// An ascent by steps on score and information with a ridge, halved where they leave the space of the parameters: that
+// of the engines of AGQNODES:FIXED, whose runs others want to repeat. All others climb by ascent.h. What is climbed is
+// given as a function of a point; how, by a set of policies.
 //
 // An iteration at x, with score s and information H there:
 //   H := H + ridge I, the ridge growing, until H has an inverse

@@ -131,6 +131,15 @@ void computetest(WaldTest& test, const Array<double>& gamma, const Array<double>
 
 }  // namespace
 
+void testbyF(EffectTable& table, const Denominator& denominator) {
+  for (WaldTest& test : table.hypotheses) {
+    if (!test.computed) continue;
+    const ScaledTest scaled = denominator(test.C.data(), test.r);
+    test.denominator = scaled.known;
+    if (scaled.known) test.chisquare = chisquaretest(test.r, scaled.factor * test.chisquare.statistic, scaled.df);
+  }
+}
+
 void addhypotheses(EffectTable& table, const Model& model, const Array<double>& gamma, const Array<double>& covariance,
                    const Between* between) {
   if (!model.nhypotheses || covariance.empty()) return;

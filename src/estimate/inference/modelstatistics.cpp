@@ -15,14 +15,15 @@ namespace kdr {
 namespace {
 
 // Free elements of a tau of order n.
-long long freeelements(int n, bool diagonal, const Array<double>* held, const Array<int>* equal) {
+long long freeelements(int n, const TauHeld& held) {
   long long count = 0;
   std::size_t packed = 0;
   for (int i = 0; i < n; ++i)
     for (int j = 0; j <= i; ++j, ++packed) {
-      const bool zero = diagonal && i != j;
-      const bool fixed = held != nullptr && at(i * n + j) < held->size() && (*held)[at(i * n + j)] != missingcode;
-      const bool follows = equal != nullptr && packed < equal->size() && (*equal)[packed] < 0;
+      const bool zero = held.diagonal && i != j;
+      const bool fixed =
+          held.fixed != nullptr && at(i * n + j) < held.fixed->size() && (*held.fixed)[at(i * n + j)] != missingcode;
+      const bool follows = held.equal != nullptr && packed < held.equal->size() && (*held.equal)[packed] < 0;
       count += zero || fixed || follows ? 0 : 1;
     }
   return count;
@@ -36,10 +37,8 @@ bool onemore(int df, int order, bool diagonal) { return df == (diagonal ? 1 : or
 
 long long parametercount(const Model& model, long long taupis) {
   const Restrictions& r = model.restrictions;
-  const long long pi = freeelements(model.coef.ntaupi, r.diagtaupi, r.haveesttau2 ? &r.esttau2 : nullptr,
-                                    r.havecontau2 ? &r.contau2 : nullptr);
-  const long long beta = freeelements(model.coef.ntaubeta, r.diagtaubeta, r.haveesttau3 ? &r.esttau3 : nullptr,
-                                      r.havecontau3 ? &r.contau3 : nullptr);
+  const long long pi = freeelements(model.coef.ntaupi, r.of(Tau::pi));
+  const long long beta = freeelements(model.coef.ntaubeta, r.of(Tau::beta));
   return model.coef.ngamma + beta + taupis * pi + (r.fixsigma2 ? 0 : 1);
 }
 
@@ -76,10 +75,14 @@ DevianceComparison comparisonof(double deviance, long long parameters, const Alt
 
 void complete(PassResults& results, const Model& model, const UnitCounts& counts) {
   if (results.degrees.df.empty()) results.degrees = degreesoffreedom(modelrows(model), counts);
+  if (results.robustdegrees.df.empty())
+    results.robustdegrees = results.degrees.method == DegreesMethod::counts
+                                ? results.degrees.copy()
+                                : degreesoffreedom(modelrows(model), counts);
   results.parameters = parametercount(model, results.heterogeneous ? counts.units3 : 1);
   const Array<double>& gamma = results.est.gammahat;
   results.effects = effecttable(gamma, results.covariance, results.degrees);
-  results.robusteffects = effecttable(gamma, results.robust, results.degrees);
+  results.robusteffects = effecttable(gamma, results.robust, results.robustdegrees);
   addhypotheses(results.effects, model, gamma, results.covariance);
   addhypotheses(results.robusteffects, model, gamma, results.robust);
 }
@@ -87,7 +90,7 @@ void complete(PassResults& results, const Model& model, const UnitCounts& counts
 // The degrees of freedom of least squares are exact.
 void complete(LeastSquaresResults& results, const UnitCounts& counts) {
   const auto g = static_cast<int>(results.gamma.size());
-  FixedDegrees degrees{Array<int>(results.gamma.size()), Array<char>(results.gamma.size())};
+  FixedDegrees degrees{Array<double>(results.gamma.size()), Array<char>(results.gamma.size())};
   degrees.df.fill(counts.records - g);
   results.parameters = g + 1;
   results.effects = effecttable(results.gamma, results.vgamma, degrees, results.sigma2);

@@ -30,6 +30,10 @@ struct DevianceComparison {
   bool mixture = false;
   double mixturep = 1.0;
 };
+// Said beside each comparison of restricted deviances.
+inline constexpr const char* samefixedeffects =
+    "Deviances of restricted likelihoods compare models with the same fixed effects alone: if the fixed effects of the "
+    "two models differ, this test is wrong, and both models are to be fitted by LIKELIHOOD:ML.";
 [[nodiscard]] DevianceComparison comparisonof(double deviance, long long parameters, const Alternative& alternative,
                                               const Model& model);
 

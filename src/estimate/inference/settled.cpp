@@ -14,4 +14,10 @@ std::string unsettledwords(const PassResults& results) {
       results.errors.stepleft, results.kind == PassKind::linear ? "STOPVAL" : "STOPMICRO");
 }
 
+std::string unsettledaverage(const PassResults& results) {
+  if (!results.unsettled) return {};
+  return formatted("WARNING: the fixed effects of the population average have not settled in %d passes.",
+                   results.rounds);
+}
+
 }  // namespace kdr

@@ -13,4 +13,7 @@ inline constexpr double settled = 0.1;
 // standard error or more; else empty.
 [[nodiscard]] std::string unsettledwords(const PassResults& results);
 
+// The same of a population average whose passes met their limit.
+[[nodiscard]] std::string unsettledaverage(const PassResults& results);
+
 }  // namespace kdr

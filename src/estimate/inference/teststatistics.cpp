@@ -14,7 +14,8 @@ namespace {
 
 Interval intervalof(const EffectTest& row) {
   if (!row.tested) return {};
-  const double reach = tcritical(row.df) * row.se;
+  const double critical = row.fractional ? tquantile(row.df) : tcritical(static_cast<int>(row.df));
+  const double reach = critical * row.se;
   return {true, row.coefficient - reach, row.coefficient + reach};
 }
 
@@ -27,14 +28,15 @@ Interval ratiointervalof(const Interval& interval) {
 
 }  // namespace
 
-EffectTest effecttest(double coefficient, double variance, int df, bool rough) {
+EffectTest effecttest(double coefficient, double variance, double df, bool rough, DegreesMethod method) {
   EffectTest row;
   row.coefficient = coefficient;
   row.se = variance > 0.0 && std::isfinite(variance) ? std::sqrt(variance) : 0.0;
   row.t = row.se == 0.0 ? 0.0 : row.coefficient / row.se;
   row.df = df;
   row.rough = rough;
-  row.tested = row.df > 1 && row.se != 0.0 && std::isfinite(row.t);
+  row.fractional = method != DegreesMethod::counts;
+  row.tested = row.df > (row.fractional ? 0.0 : 1.0) && row.se != 0.0 && std::isfinite(row.t);
   row.p = row.tested ? tprob(row.df, row.t) : 0.0;
   row.interval = intervalof(row);
   row.ratio = std::exp(row.coefficient);
@@ -48,7 +50,8 @@ EffectTable effecttable(const Array<double>& gamma, const Array<double>& covaria
   if (covariance.empty()) return table;
   const std::size_t n = gamma.size();
   for (std::size_t g = 0; g < n; ++g)
-    table.rows.push_back(effecttest(gamma[g], covariance[g * (n + 1)] * scale, degrees.df[g], degrees.rough[g] != 0));
+    table.rows.push_back(
+        effecttest(gamma[g], covariance[g * (n + 1)] * scale, degrees.df[g], degrees.rough[g] != 0, degrees.method));
   return table;
 }
 

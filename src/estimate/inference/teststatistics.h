@@ -1,14 +1,18 @@
 // What stands beside an estimate: standard error, test, interval, ratio.
 #pragma once
 
+#include <functional>
+
 #include "core/model.h"
 #include "core/results.h"
+#include "estimate/inference/smallsample.h"
 #include "kernel/array.h"
 
 namespace kdr {
 
 // One fixed effect from its estimate, its variance (0.0 or not finite: unknown) and its degrees of freedom.
-[[nodiscard]] EffectTest effecttest(double coefficient, double variance, int df, bool rough);
+[[nodiscard]] EffectTest effecttest(double coefficient, double variance, double df, bool rough,
+                                    DegreesMethod method = DegreesMethod::counts);
 
 // The fixed effects by `scale` times a covariance (g squared), without hypothesis tests; empty when the covariance is.
 [[nodiscard]] EffectTable effecttable(const Array<double>& gamma, const Array<double>& covariance,
@@ -31,6 +35,11 @@ struct Between {
 //   nu = 4 + (t - 4) (1 + (1 - 2/t) / s)^2 for t > 4, else t (1 + 1/r) (1 + 1/s)^2 / 2. Failure 3.
 void addhypotheses(EffectTable& table, const Model& model, const Array<double>& gamma, const Array<double>& covariance,
                    const Between* between = nullptr);
+
+// What q contrasts (rows of L) are tested by: factor e' W^-1 e / q as F with q and df degrees of freedom.
+using Denominator = std::function<ScaledTest(const double* L, int q)>;
+// Each test of the table becomes one of F.
+void testbyF(EffectTable& table, const Denominator& denominator);
 
 // The test of a statistic by chi-square; by F with df2 degrees of freedom of the denominator where df2 is above 0 and
 // finite.

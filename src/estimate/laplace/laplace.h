@@ -1,5 +1,5 @@
-// Maximum likelihood of a three-level Bernoulli model with logit link under the sixth-order Laplace approximation, by
-// scoring steps on the outer products of the scores of the level-3 units (ridgedascent.h).
+// Laplace-6 of AGQNODES:FIXED: the sixth-order Laplace approximation of a three-level Bernoulli model with logit link,
+// maximised by scoring steps on the outer products of the scores of the level-3 units (ridgedascent.h).
 //
 // Use: fill EngineData, call runlaplace with the estimates and the residuals that they go with, and take the estimates
 // from the result when it has not `failed`.

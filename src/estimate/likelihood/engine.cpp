@@ -1,5 +1,6 @@
 #include "estimate/likelihood/engine.h"
 
+#include "estimate/inference/teststatistics.h"
 #include "kernel/sizes.h"
 
 namespace kdr {
@@ -46,8 +47,8 @@ void takecovariance(EngineResult& result) {
   const double* V = result.covariance.data();
   result.taucovariance = diagonalblock(V, P, 0, n2 + n3);
   result.vgamma = diagonalblock(V, P, n2 + n3, at(estimates.g));
-  result.setaupi = standarderrors(V, P, 0, estimates.q);
-  result.setaubeta = standarderrors(V, P, n2, estimates.r);
+  result.setaupi = standarderrors(result.covariance, static_cast<int>(P), 0, estimates.q);
+  result.setaubeta = standarderrors(result.covariance, static_cast<int>(P), n2, estimates.r);
 }
 
 }  // namespace kdr

@@ -69,6 +69,12 @@ PassResults resultsof(const Pass& pass, PassKind kind, const EngineResult& fit, 
   return results;
 }
 
+// What is known of separation holds for every likelihood.
+void warnofseparation(const MacroState& state, PassResults& results) {
+  const std::vector<std::string>& warnings = state.separation.warnings;
+  results.warnings.insert(results.warnings.end(), warnings.begin(), warnings.end());
+}
+
 // The estimates of an engine become those of the pass, without a covariance where the engine has none.
 void takeestimates(Pass& pass, const PassResults& results) {
   pass.est.taupi = results.est.taupi.copy();
@@ -80,19 +86,20 @@ void takeestimates(Pass& pass, const PassResults& results) {
 }
 
 // The modes and the curvature of the last walk are what quadrature starts from.
-void takemodes(Pass& pass, const LaplaceResult& result) {
-  if (result.u.empty()) return;
-  pass.vstar.cells = result.v.copy();
+void takemodes(Pass& pass, const Array<double>& u, const Array<double>& v) {
+  if (u.empty()) return;
+  pass.vstar.cells = v.copy();
   sweepunits(
       pass.n2of, [](int) {},
       [&](int, std::size_t j, double* hot) {
-        std::copy_n(result.u.data() + j * at(pass.p), pass.p, hot + pass.store.atustar);
+        std::copy_n(u.data() + j * at(pass.p), pass.p, hot + pass.store.atustar);
       },
       [](int) {}, changing(pass.store.hot));
 }
 
-// `stopped`: the user has ended the iterations before.
-Failure laplace(Pass& pass, MacroState& state, const PassResults& before, bool& stopped) {
+// By steps on the outer products of the scores, the taus as they are. `stopped`: the user has ended the iterations
+// before.
+Failure outerlaplace(Pass& pass, MacroState& state, const PassResults& before, bool& stopped) {
   RecordBatches batches;
   const EngineData data = enginedata(pass, recordbatches(batches, pass, state));
   LaplaceSettings settings;
@@ -105,16 +112,18 @@ Failure laplace(Pass& pass, MacroState& state, const PassResults& before, bool& 
   const EngineResult& fit = result.fit;
   stopped = stopped || fit.stopped;
   PassResults results = resultsof(pass, PassKind::laplace6, fit, before);
+  warnofseparation(state, results);
   const bool usable = fit.end != EngineEnd::failed;
   if (fit.end == EngineEnd::estimated)
     results.reliabilities = {result.rel2.copy(), result.rel3.copy(), result.nrel2, result.nrel3};
   if (usable) {
     takeestimates(pass, results);
-    takemodes(pass, result);
+    takemodes(pass, result.u, result.v);
     if (storefailure(pass.store)) return storefailure(pass.store);
     state.laplacegamma = pass.est.gammahat.copy();
   }
-  tellobserver(pass.observer().enginestands, EngineStage{Engine::laplace6, fit, results, result.finalcall, usable, {}});
+  tellobserver(pass.observer().enginestands,
+               EngineStage{Engine::laplace6, fit, results, result.finalcall, usable, {}, state.separation.known()});
   if (usable) state.laplace6 = std::move(results);
   return {};
 }
@@ -164,13 +173,14 @@ Failure quadrature(Pass& pass, MacroState& state, const PassResults& before) {
   if (storefailure(pass.store)) return storefailure(pass.store);
   const EngineResult& fit = result.fit;
   PassResults results = resultsof(pass, PassKind::quadrature, fit, before);
+  warnofseparation(state, results);
   const bool estimated = fit.end == EngineEnd::estimated;
   const bool takenover = fit.end != EngineEnd::failed && !fit.farbelow;
   if (takenover) {
     takeestimates(pass, results);
     state.quadraturegamma = pass.est.gammahat.copy();
   }
-  EngineStage stage{Engine::quadrature, fit, results, false, takenover, {}};
+  EngineStage stage{Engine::quadrature, fit, results, false, takenover, {}, state.separation.known()};
   if (estimated && shorterrors(fit, before, pass.g))
     stage.behind.emplace_back("WARNING: standard errors are far below those of PQL. Use more quadrature points.");
   tellobserver(pass.observer().enginestands, stage);
@@ -214,54 +224,109 @@ EngineResult engineresult(const MovingResult& moving) {
   return fit;
 }
 
-// Quadrature whose nodes go with the data, or first-order Laplace.
-Failure movingnodes(Pass& pass, MacroState& state, const PassResults& before) {
-  RecordBatches batches;
-  RecordSource source = recordbatches(batches, pass, state);
-  const Observer& observer = pass.observer();
+// What every engine of these coordinates is told.
+MovingSettings movingsettings(const Pass& pass) {
   MovingSettings settings;
+  settings.unitlevel = pass.mdm().twolevel() ? 2 : 3;
   settings.outcome = pass.model().outcome.family;
-  settings.points = pass.control().agqauto ? 0 : pass.control().agqpoints;
-  settings.iterations = pass.control().agqit;
   settings.outerproducts = pass.control().agqderivlevel == 1;
   settings.diagonalpi = pass.model().restrictions.diagtaupi;
   settings.diagonalbeta = pass.model().restrictions.diagtaubeta;
   settings.threads = pass.analysis->threads;
-  const auto tellevent = [&observer](const EngineEvent& event) {
-    tellobserver(observer.engine, Engine::quadrature, event);
-  };
+  return settings;
+}
+
+// Runs one from the estimates of the pass. `printed`: what the log-likelihoods that are told go without.
+Failure runmoving(const Pass& pass, const MacroState& state, Engine engine, const MovingSettings& settings,
+                  double printed, MovingResult& moving) {
+  RecordBatches batches;
+  RecordSource source = recordbatches(batches, pass, state);
+  const Observer& observer = pass.observer();
+  const auto tellevent = [&](const EngineEvent& event) { tellobserver(observer.engine, engine, event); };
   QuadratureObserver watch;
   watch.iteration = [&](int number, double marginal) {
-    tellevent({EngineEvent::Kind::iteration, number, marginal, EngineFailure::none});
+    tellevent({EngineEvent::Kind::iteration, number, marginal - printed, EngineFailure::none});
   };
   watch.checks = [&](int points) { tellevent({EngineEvent::Kind::checked, points, 0.0, EngineFailure::none}); };
   watch.stop = [&] { return observer.stops(); };
   tellevent({EngineEvent::Kind::begun, 0, 0.0, EngineFailure::none});
-  const MovingResult moving =
-      movingquadrature(settings, pass.npi, pass.nbeta, pass.design, source, currentparameters(pass), watch);
-  if (batches.failure) return std::move(batches.failure);
-  const EngineResult fit = engineresult(moving);
-  if (!moving.usable) {
-    const PassResults none;
-    tellobserver(observer.enginestands, EngineStage{Engine::quadrature, fit, none, false, false, {}});
-    return {};
-  }
-  PassResults results = resultsof(pass, PassKind::quadrature, fit, before);
+  moving = movingquadrature(settings, pass.npi, pass.nbeta, pass.design, source, currentparameters(pass), watch);
+  return std::move(batches.failure);
+}
+
+// Its results; `notes` and what is at the edge among them.
+PassResults movingresults(const Pass& pass, PassKind kind, const MovingResult& moving, const EngineResult& fit,
+                          const PassResults& before) {
+  PassResults results = resultsof(pass, kind, fit, before);
   if (moving.end == MovingEnd::stopped) results.ending = Ending::keyboard;
   results.notes = moving.notes;
-  results.quadrature = {moving.points, moving.check.made ? moving.check.next : 0, moving.check.change,
-                        moving.check.errorchange, moving.check.agrees};
   const auto edges = [&](int n, std::size_t first) {
     return symmetric<std::vector<bool>>(n, [&](std::size_t e) -> bool { return moving.edge[first + e]; });
   };
   results.errors.edgepi = edges(fit.estimates.q, 0);
   results.errors.edgebeta = edges(fit.estimates.r, fit.estimates.ntaupi());
+  return results;
+}
+
+// The estimates become those of the pass; the population average inverts its taus.
+void takemoving(Pass& pass, const MovingResult& moving, const PassResults& results) {
   takeestimates(pass, results);
-  // The population average inverts the taus.
   pass.est.taupi = moving.lifted.taupi.copy();
   pass.est.taubeta = moving.lifted.taubeta.copy();
+}
+
+// Laplace-6 by Newton steps in the coordinates of the quadrature.
+Failure laplace(Pass& pass, MacroState& state, const PassResults& before, bool& stopped) {
+  MovingSettings settings = movingsettings(pass);
+  settings.sixth = true;
+  settings.points = 1;
+  settings.iterations = pass.control().laplaceit;
+  MovingResult moving;
+  // The printed likelihood is lower than the marginal one by this constant.
+  const double constant = 0.5 * static_cast<double>(pass.nunits1) * std::log(2.0 * M_PI);
+  if (Failure failure = runmoving(pass, state, Engine::laplace6, settings, constant, moving)) return failure;
+  stopped = moving.end == MovingEnd::stopped;
+  const EngineResult fit = engineresult(moving);
+  if (!moving.usable) {
+    tellobserver(pass.observer().enginestands,
+                 EngineStage{Engine::laplace6, fit, PassResults{}, false, false, {}, state.separation.known()});
+    return {};
+  }
+  PassResults results = movingresults(pass, PassKind::laplace6, moving, fit, before);
+  warnofseparation(state, results);
+  const LaplaceFindings& found = moving.laplace;
+  results.reliabilities = {found.rel2.copy(), found.rel3.copy(), found.nrel2, found.nrel3};
+  takemoving(pass, moving, results);
+  takemodes(pass, found.u, found.v);
+  if (storefailure(pass.store)) return storefailure(pass.store);
+  state.laplacegamma = pass.est.gammahat.copy();
+  tellobserver(pass.observer().enginestands,
+               EngineStage{Engine::laplace6, fit, results, false, true, {}, state.separation.known()});
+  state.laplace6 = std::move(results);
+  return {};
+}
+
+// Quadrature whose nodes go with the data, or first-order Laplace.
+Failure movingnodes(Pass& pass, MacroState& state, const PassResults& before) {
+  MovingSettings settings = movingsettings(pass);
+  settings.points = pass.control().agqauto ? 0 : pass.control().agqpoints;
+  settings.iterations = pass.control().agqit;
+  MovingResult moving;
+  if (Failure failure = runmoving(pass, state, Engine::quadrature, settings, 0.0, moving)) return failure;
+  const EngineResult fit = engineresult(moving);
+  if (!moving.usable) {
+    tellobserver(pass.observer().enginestands,
+                 EngineStage{Engine::quadrature, fit, PassResults{}, false, false, {}, state.separation.known()});
+    return {};
+  }
+  PassResults results = movingresults(pass, PassKind::quadrature, moving, fit, before);
+  warnofseparation(state, results);
+  results.quadrature = {moving.points, moving.check.made ? moving.check.next : 0, moving.check.change,
+                        moving.check.errorchange, moving.check.agrees};
+  takemoving(pass, moving, results);
   state.quadraturegamma = pass.est.gammahat.copy();
-  tellobserver(observer.enginestands, EngineStage{Engine::quadrature, fit, results, false, true, {}});
+  tellobserver(pass.observer().enginestands,
+               EngineStage{Engine::quadrature, fit, results, false, true, {}, state.separation.known()});
   state.quadrature = std::move(results);
   return {};
 }
@@ -280,11 +345,16 @@ std::string engineobstacle(const Model& model, const Control& control) {
 }
 
 Failure maximumlikelihood(Pass& pass, MacroState& state, const PassResults& before) {
+  const Control& control = pass.control();
   bool stopped = before.ending == Ending::keyboard;
-  if (pass.control().laplace)
-    if (Failure failure = laplace(pass, state, before, stopped)) return failure;
-  if (pass.control().agqpoints == 0 || stopped) return {};
-  return (pass.control().agqfixed ? quadrature : movingnodes)(pass, state, before);
+  if (control.laplace) {
+    // Without an iteration the likelihood is that of quasi-likelihood, which is told by the one that knows of it.
+    const bool none = control.laplaceit == 0 || stopped;
+    const auto engine = control.agqfixed || none ? outerlaplace : laplace;
+    if (Failure failure = engine(pass, state, before, stopped)) return failure;
+  }
+  if (control.agqpoints == 0 || stopped) return {};
+  return (control.agqfixed ? quadrature : movingnodes)(pass, state, before);
 }
 
 }  // namespace kdr

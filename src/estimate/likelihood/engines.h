@@ -22,6 +22,7 @@ struct EngineStage {
   bool finalcall = false;           // of Laplace-6
   bool takenover = false;           // the fit goes on with the engine's estimates
   std::vector<std::string> behind;  // warnings that stand behind the tables
+  bool separated = false;           // some fixed effects have no finite estimate, as the warnings of the results tell
 };
 
 // Laplace-6 and then adaptive quadrature, as far as the analysis asks for them, from the estimates and the random

@@ -25,16 +25,6 @@ Array<double> diagonalblock(const double* V, std::size_t P, std::size_t first, s
   return block;
 }
 
-Array<double> standarderrors(const double* V, std::size_t P, std::size_t first, int n) {
-  Array<double> matrix(square(n));
-  for (std::size_t a = 0; a < at(n); ++a)
-    for (std::size_t b = 0; b <= a; ++b, ++first) {
-      const double variance = V[first * P + first];
-      matrix[a * at(n) + b] = matrix[b * at(n) + a] = variance > 0.0 ? std::sqrt(variance) : 0.0;
-    }
-  return matrix;
-}
-
 Array<double> elementsof(const Parameters& parameters) {
   Array<double> elements(parameters.count());
   pack(parameters.q, parameters.taupi.data(), elements.data());

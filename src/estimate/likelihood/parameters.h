@@ -29,10 +29,6 @@ void addduplicated(double* dest, const double* R, int n);
 // The n by n block of V (order P, row stride P) whose diagonal starts at element `first`.
 [[nodiscard]] Array<double> diagonalblock(const double* V, std::size_t P, std::size_t first, std::size_t n);
 
-// The standard errors sqrt(V_ii) of n(n+1)/2 consecutive diagonal elements of V (order P, row stride P) from element
-// `first` on, as a full symmetric matrix; 0.0 for an element that is not above 0.0.
-[[nodiscard]] Array<double> standarderrors(const double* V, std::size_t P, std::size_t first, int n);
-
 // The P elements in their order, and the reverse: tau elements in both symmetric places.
 [[nodiscard]] Array<double> elementsof(const Parameters& parameters);
 [[nodiscard]] Parameters parametersof(int q, int r, int g, const Array<double>& elements);

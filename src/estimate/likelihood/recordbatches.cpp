@@ -7,9 +7,14 @@ namespace kdr {
 namespace {
 
 constexpr std::size_t batchrecords = 20000;
+// Bytes of records below which they are read once and kept.
+constexpr std::size_t mostkept = std::size_t{32} << 20;
 
 void rewindbatches(void* state) {
   RecordBatches& batches = *static_cast<RecordBatches*>(state);
+  batches.next = 0;
+  // What was kept is delivered again, and the reader goes on behind it.
+  if (batches.keeps) return;
   const MdmData& mdm = batches.pass->mdm();
   startunits(batches.reader, mdm, batches.state->working.file(), 0, batches.state->layout.width, mdm.nvar2, false);
   batches.k = 0;
@@ -56,15 +61,21 @@ Level3Records readlevel3(RecordBatches& batches) {
   return unit;
 }
 
-void nextbatch(void* state, std::vector<Level3Records>& batch) {
+const std::vector<Level3Records>& nextbatch(void* state) {
   RecordBatches& batches = *static_cast<RecordBatches*>(state);
-  batch.clear();
   if (batches.pass->observer().givesup()) batches.failure = failed(abandoned);
+  if (batches.keeps && batches.next < batches.batches.size() && !batches.failure)
+    return batches.batches[batches.next++];
+  if (batches.keeps || batches.batches.empty()) batches.batches.emplace_back();
+  std::vector<Level3Records>& batch = batches.batches.back();
+  batch.clear();
   const std::size_t first = batches.records;
   while (!batches.failure && batches.k < batches.pass->mdm().nunits3 &&
          (batch.empty() || batches.records - first < batchrecords))
     batch.push_back(readlevel3(batches));
   if (batches.failure) batch.clear();
+  ++batches.next;
+  return batch;
 }
 
 bool brokenbatches(void* state) { return static_cast<bool>(static_cast<RecordBatches*>(state)->failure); }
@@ -76,6 +87,7 @@ RecordSource recordbatches(RecordBatches& batches, const Pass& pass, const Macro
   batches.state = &state;
   batches.reader.observer = &pass.observer();
   rewindbatches(&batches);
+  batches.keeps = at(pass.nunits1) * (at(pass.npi) + 2) * sizeof(double) < mostkept;
   return {&batches, rewindbatches, nextbatch, brokenbatches};
 }
 

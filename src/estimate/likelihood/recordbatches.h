@@ -12,10 +12,13 @@ struct RecordBatches {
   const Pass* pass = nullptr;
   const MacroState* state = nullptr;
   UnitReader reader;
-  UnitBlock unit;                      // buffer
-  int k = 0;                           // the next level-3 unit
-  std::size_t units = 0, records = 0;  // level-2 units and records before it
-  Failure failure;                     // why it can go no further
+  UnitBlock unit;                                   // buffer
+  bool keeps = false;                               // the batches stay in memory, as few records' do
+  std::vector<std::vector<Level3Records>> batches;  // those read so far, or the last one
+  std::size_t next = 0;                             // the batch to come
+  int k = 0;                                        // the next level-3 unit
+  std::size_t units = 0, records = 0;               // level-2 units and records before it
+  Failure failure;                                  // why it can go no further
 };
 
 // Makes a source of the file.

@@ -33,9 +33,9 @@ struct RecordSource {
   void* state = nullptr;
   // Goes back to the first unit.
   void (*rewind)(void* state) = nullptr;
-  // Fills `batch` with the next units, at least one and about as many records as the source finds convenient; leaves it
-  // empty behind the last unit, and where it can go no further.
-  void (*next)(void* state, std::vector<Level3Records>& batch) = nullptr;
+  // The next units, at least one and about as many records as the source finds convenient; none behind the last unit,
+  // and where it can go no further. They are the source's, until the next call.
+  const std::vector<Level3Records>& (*next)(void* state) = nullptr;
   // Whether it could go no further, and never will; null for a source that always can.
   bool (*broken)(void* state) = nullptr;
 };

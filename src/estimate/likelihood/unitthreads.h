@@ -47,10 +47,9 @@ void overbatch(const std::vector<Level3Records>& batch, int threads, Each each) 
 template <class Before, class Each, class After>
 [[nodiscard]] bool overbatches(const RecordSource& source, int threads, Before before, Each each, After after) {
   constexpr std::size_t worthathread = 2000;  // records
-  std::vector<Level3Records> batch;
   source.rewind(source.state);
   for (;;) {
-    source.next(source.state, batch);
+    const std::vector<Level3Records>& batch = source.next(source.state);
     if (batch.empty()) return !brokensource(source);
     std::size_t records = 0;
     for (const Level3Records& unit : batch) records += unit.y.size();

@@ -1,9 +1,13 @@
 #include "estimate/linear/edgesearch.h"
 
+#include <algorithm>
 #include <cmath>
 #include <utility>
 
+#include "estimate/ascent/conescoring.h"
 #include "estimate/linear/fisher.h"
+#include "estimate/linear/marginalsums.h"
+#include "estimate/linear/point.h"
 #include "kernel/decompositions.h"
 #include "kernel/matrix.h"
 #include "kernel/sizes.h"
@@ -12,81 +16,87 @@ namespace kdr {
 
 namespace {
 
-constexpr double firstbarrier = 0.1, lastbarrier = 1.0e-5;
-constexpr int maxsteps = 30;     // for one height of the barrier
-constexpr int maxhalvings = 30;  // of one step
+// The variance components of estimates as a point, and the reverse.
+Array<double> pointof(const Pass& pass, const Estimates& est) {
+  const std::size_t nt = packedsize(pass.p), nl = packedsize(pass.b);
+  Array<double> point(nt + nl + 1);
+  pack(pass.p, est.taupi.data(), point.data());
+  pack(pass.b, est.taubeta.data(), point.data() + nt);
+  point[nt + nl] = est.sigma2;
+  return point;
+}
 
-// The log-likelihood at the variance components of a point, with the fixed effects that are best there, and the
-// log-determinants of the taus.
-struct Height {
-  bool known = false;
-  double loglik = 0.0, logdets = 0.0;
-  [[nodiscard]] double with(double barrier) const { return loglik + barrier * logdets; }
+void takepoint(const Pass& pass, const Array<double>& point, Estimates& est) {
+  const std::size_t nt = packedsize(pass.p), nl = packedsize(pass.b);
+  unpack(pass.p, point.data(), est.taupi.data());
+  unpack(pass.b, point.data() + nt, est.taubeta.data());
+  est.sigma2 = point[nt + nl];
+}
+
+// The log-likelihood over the variance components, with the fixed effects that are best there.
+struct Surface {
+  Pass& pass;
+  MarginalSums sums{};
+  Estimates at{};  // of the point asked for last, with its fixed effects
+
+  [[nodiscard]] MarginalValue look(const Array<double>& point) {
+    takepoint(pass, point, at);
+    MarginalValue value = marginalvalue(pass, sums, at);
+    if (value.known) at.gammahat = value.gamma.copy();
+    return value;
+  }
+  Evaluation evaluate(const Array<double>& point, bool derivatives) {
+    const MarginalValue value = look(point);
+    Evaluation there;
+    there.usable = value.known;
+    there.value = value.loglik;
+    if (!value.known || !derivatives) return there;
+    const std::size_t P = point.size();
+    there.scale.reset(P);
+    // The average information, which costs less and brings the steps closer; the expected one where data without any
+    // variation along an element leave it none.
+    for (const Derivatives wanted : {Derivatives::step, Derivatives::all}) {
+      MarginalDerivatives made = marginalderivatives(pass, sums, at, value, Criterion::full, wanted);
+      there.score = std::move(made.score);
+      there.information = std::move(wanted == Derivatives::step ? made.average : made.expected);
+      for (std::size_t e = 0; e < P; ++e) there.scale[e] = there.information[e * P + e];
+      if (*std::min_element(there.scale.begin(), there.scale.end()) > 0.0) break;
+    }
+    return there;
+  }
 };
 
-// Gives the point those fixed effects.
-Height height(Pass& pass, Estimates& point) {
-  Height result;
-  ScaledInverses inverses;
-  if (!usableestimates(pass, point) || !scaleinverses(pass, point, inverses)) return result;
-  for (const bool last : {false, true}) {  // the fixed effects, then the log-likelihood at them
-    PosteriorSums sums;
-    if (posteriorsweep(pass, inputat(point, inverses, false), sums) != PosteriorResult::ok) return result;
-    if (last) result.loglik = loglikelihood(pass, sums, point.sigma2, inverses);
-    if (!last && !glsupdate(pass, sums, point)) return result;
+ConeProblem problemof(Pass& pass, Surface& surface) {
+  ConeProblem problem;
+  problem.orders = {pass.p, pass.b};
+  Restriction restriction = allrestriction(pass.model(), pass.fixsigma2 == 0.0);
+  problem.nfree = restriction.nfree;
+  problem.free = std::move(restriction.free);
+  problem.evaluate = [&surface](const Array<double>& point) { return surface.evaluate(point, true); };
+  problem.test = [&surface](const Array<double>& point) { return surface.evaluate(point, false); };
+  problem.stop = [&pass] { return pass.observer().wantsstop(); };
+  return problem;
+}
+
+// Leaves in surface.at a point that steps with an inverse of the taus can go on from: the one reached, or where it lies
+// at the edge, one beside it. A tau on the way to that of the start has full rank, too. False when there is none.
+bool stepinside(Surface& surface, const ConeResult& reached, const Array<double>& start) {
+  const auto fits = [&](const Array<double>& point) {
+    return surface.look(point).known && usableestimates(surface.pass, surface.at);
+  };
+  if (!reached.atedge()) return fits(reached.point);
+  Array<double> point;
+  // Less where the step is one out of the other side, then more, where rounding hides what it lifts.
+  for (const double share : {1.0, 0.5, 0.25, 0.1, 0.01, 4.0, 16.0, 100.0, 1000.0}) {
+    point = reached.point.copy();
+    for (std::size_t e = 0; e < point.size(); ++e) point[e] += share * reached.lift[e];
+    if (fits(point)) return true;
   }
-  result.logdets = inverses.logdetT + inverses.logdetL;
-  result.known = std::isfinite(result.loglik) && std::isfinite(result.logdets);
-  return result;
-}
-
-// Adds the derivatives of barrier log det t to the score, and those of its first derivatives, with the sign of an
-// information, to the information; t's elements begin at `first`.
-void addbarrier(FisherWork& fisher, int first, const Array<double>& t, int n, double barrier) {
-  Array<double> inverse(square(n));
-  [[maybe_unused]] const Inversion inversion = invertsymmetric(n, t.data(), inverse.data());  // usable, so it exists
-  const auto at2 = [&](int i, int j) { return inverse[i * n + j]; };
-  eachelement(n, [&](int x, int i, int j) {
-    fisher.score[first + x] += barrier * (i == j ? 1.0 : 2.0) * at2(i, j);
-    eachelement(n, [&](int y, int k, int l) {
-      const double copies = (i == j ? 1.0 : 2.0) * (k == l ? 1.0 : 2.0);
-      fisher.information[(first + x) * fisher.NT + first + y] +=
-          0.5 * barrier * copies * (at2(i, k) * at2(j, l) + at2(i, l) * at2(j, k));
-    });
-  });
-}
-
-// The scoring step at a point, and the rise that it promises; negative when there is none.
-double scoringstep(Pass& pass, const Estimates& point, FisherWork& fisher, double barrier, Array<double>& step) {
-  if (!fisherpoint(pass, point, fisher)) return -1.0;
-  addbarrier(fisher, 0, point.taupi, pass.p, barrier);
-  addbarrier(fisher, static_cast<int>(packedsize(pass.p)), point.taubeta, pass.b, barrier);
-  if (!invertinformation(fisher, false)) return -1.0;
-  step = scoringdirection(fisher);
-  double rise = 0.0;
-  for (std::size_t i = 0; i < step.size(); ++i) rise += step[i] * fisher.score[i];
-  return rise;
-}
-
-// Climbs to the maximum behind a barrier. False when it got no further.
-bool climb(Pass& pass, FisherWork& fisher, double barrier, Estimates& point, Height& now) {
-  Array<double> step;
-  for (int steps = 0; steps < maxsteps && !pass.observer().wantsstop(); ++steps) {
-    const double rise = scoringstep(pass, point, fisher, barrier, step);
-    if (rise < 0.0) return false;
-    if (rise < 0.1 * barrier) return true;
-    double factor = 1.0;
-    for (int halvings = 0;; ++halvings, factor *= 0.5) {
-      if (halvings == maxhalvings) return false;
-      Estimates next = moved(pass, point, step, factor);
-      const Height there = height(pass, next);
-      if (!there.known || there.with(barrier) < now.with(barrier) + 1.0e-4 * factor * rise) continue;
-      point = std::move(next);
-      now = there;
-      break;
-    }
+  for (const double share : {1.0e-6, 1.0e-4, 1.0e-2, 0.1, 1.0}) {
+    for (std::size_t e = 0; e < point.size(); ++e) point[e] = reached.point[e] + share * (start[e] - reached.point[e]);
+    if (fits(point)) return true;
   }
-  return true;
+  return false;
 }
 
 }  // namespace
@@ -94,23 +104,33 @@ bool climb(Pass& pass, FisherWork& fisher, double barrier, Estimates& point, Hei
 bool nearedge(Pass& pass) {
   FisherWork fisher;
   sizefisher(pass, fisher);
-  Array<double> step;
   if (fisher.restriction.nfree == 0) return false;
-  return scoringstep(pass, pass.est, fisher, 0.0, step) < 0.0 || !stepstays(pass, pass.est, step, 1.0);
+  if (!fisherpoint(pass, pass.est, fisher) || !invertinformation(fisher, false)) return true;
+  const Array<double> step = scoringdirection(fisher);
+  return dot(step.data(), fisher.score.data(), step.size()) < 0.0 || !stepstays(pass, pass.est, step, 1.0);
 }
 
-HigherPoint searchedge(Pass& pass, double least) {
-  HigherPoint found;
-  FisherWork fisher;
-  sizefisher(pass, fisher);
-  Estimates point = pass.est.copy();
-  const Height start = height(pass, point);
-  if (!start.known || fisher.restriction.nfree == 0) return found;
-  Height now = start;
-  for (double barrier = firstbarrier; barrier > 0.5 * lastbarrier; barrier *= 0.1)
-    if (!climb(pass, fisher, barrier, point, now)) break;
-  if (now.loglik > start.loglik + least) found = {now.loglik - start.loglik, std::move(point)};
-  return found;
+EdgeSearch searchedge(Pass& pass, const Estimates& start, double least) {
+  EdgeSearch search;
+  Surface surface{pass};
+  surface.at = pass.est.copy();
+  if (Failure failure = makemarginalsums(pass, surface.sums)) return search;
+  const MarginalValue before = surface.look(pointof(pass, pass.est));
+  const ConeProblem problem = problemof(pass, surface);
+  if (!before.known || problem.nfree == 0) return search;
+  const Array<double> from = pointof(pass, start);
+  const ConeResult reached = climbcone(problem, {}, from);
+  search.failed = reached.end != AscentEnd::converged && reached.end != AscentEnd::stopped;
+  if (reached.end == AscentEnd::unusable || !stepinside(surface, reached, from)) {
+    search.failed = true;
+    return search;
+  }
+  const MarginalValue value = surface.look(pointof(pass, surface.at));
+  if (value.loglik > before.loglik + least) {
+    search.gain = value.loglik - before.loglik;
+    search.est = std::move(surface.at);
+  }
+  return search;
 }
 
 }  // namespace kdr

@@ -21,19 +21,18 @@ inline constexpr double leastgainwhenslow = 1.0e-6, leastgainatstop = 0.005;
 // there is none. Leaves C_j^-1 of the store anywhere.
 [[nodiscard]] bool nearedge(Pass& pass);
 
-// A point with a higher log-likelihood, and what it gains; 0.0 when there is none.
-struct HigherPoint {
-  double gain = 0.0;
-  Estimates est;
+struct EdgeSearch {
+  bool failed = false;  // it found no maximum, so that nobody knows how far the estimates at hand are from one
+  double gain = 0.0;    // of the log-likelihood; 0.0: nothing higher was found
+  Estimates est;        // where there is a gain
 };
 
-// From the estimates at hand, scoring steps on log-likelihood + m (log det taupi + log det taubeta), whose maximum lies
-// inside, for m that goes to 0: at the end the log-likelihood is below its maximum by at most m times the order of the
-// taus. Each step is halved until that function has risen, with the fixed effects that are best at the variance
-// components. Restrictions of the taus hold throughout. The point that it ends with counts if its log-likelihood is
-// higher by more than `least`. An interrupt ends the search. The estimates at hand stay; C_j^-1 of the store is left
-// anywhere.
-// Derived in docs/numerics.md, "The search along the edge".
-[[nodiscard]] HigherPoint searchedge(Pass& pass, double least);
+// Climbs from `start` to a maximum of the log-likelihood, wherever it lies, by steps that keep the rank of a singular
+// tau (estimate/ascent/conescoring.h); restrictions of the taus hold throughout. It counts if the log-likelihood is
+// higher by more than `least` than that of the estimates at hand. Of a maximum at the edge a point beside it is handed
+// out, whose taus have inverses, for all that follows needs them: below it by 1e-5 for each rank that a tau lacks
+// there. An interrupt ends the search where it stands. The estimates at hand stay; C_j^-1 of the store is left
+// anywhere. Derived in docs/numerics.md, "The search along the edge".
+[[nodiscard]] EdgeSearch searchedge(Pass& pass, const Estimates& start, double least);
 
 }  // namespace kdr

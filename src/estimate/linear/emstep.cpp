@@ -16,10 +16,9 @@ namespace {
 
 // S = sigma2 t^-1 for a tau that the step needs as a covariance; failures 12 and 15 otherwise.
 Failure covarianceinverse(const Pass& pass, Tau which, Array<double>& S, double& logdet) {
-  const bool pi = which == Tau::pi;
-  const int n = pi ? pass.p : pass.b;
-  const double* t = (pi ? pass.est.taupi : pass.est.taubeta).data();
-  if (scaleinverse(t, n, pass.est.sigma2, S, logdet) != 0) return failed(12, pi ? "tau(pi)" : "tau(beta)");
+  const int n = pass.order(which);
+  const double* t = pass.est.tau(which).data();
+  if (scaleinverse(t, n, pass.est.sigma2, S, logdet) != 0) return failed(12, std::string("tau(") + nameof(which) + ")");
   if (positivecovariance(t, n)) return {};
   if (hasunitcorrelation(n, t, n))
     tellobserver(pass.observer().badtau, BadTau{BadTau::Why::unitcorrelation, which, n, t});

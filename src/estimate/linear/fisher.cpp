@@ -303,7 +303,7 @@ void addouterscore(const Pass& pass, const Inverses& inv, const Level3Posterior&
 }  // namespace
 
 void makefisher(const Pass& pass, FisherWork& fisher) {
-  if (pass.control().fishertype != 0) sizefisher(pass, fisher);
+  if (pass.control().fishertype != FisherType::none) sizefisher(pass, fisher);
 }
 
 void sizefisher(const Pass& pass, FisherWork& fisher) {
@@ -375,7 +375,7 @@ bool fisherouter(Pass& pass, FisherWork& fisher, Likelihood& likelihood, Scoring
   const auto visit = [&](const Level3Posterior& unit) { addouterscore(pass, inv, unit, score, vv, fisher); };
   if (posteriorsweep(pass, inputat(pass.est, inv.scaled, steps), sums, visit) != PosteriorResult::ok) return false;
   // Outer products of fewer units than parameters are singular, whatever rounding makes of their determinant.
-  const bool inverted = pass.mdm().nunits3 >= fisher.restriction.nfree && invertinformation(fisher, false);
+  const bool inverted = independentunits(pass) >= fisher.restriction.nfree && invertinformation(fisher, false);
   if (!steps) return inverted;
   likelihood = {likelihood.current, loglikelihood(pass, sums, pass.est.sigma2, inv.scaled)};
   // An unusable generalised cross-product leaves gammahat as it was; the step stands on the variance components.
@@ -384,8 +384,8 @@ bool fisherouter(Pass& pass, FisherWork& fisher, Likelihood& likelihood, Scoring
 }
 
 bool fisherstep(Pass& pass, FisherWork& fisher, Likelihood& likelihood, Scoring scoring) {
-  return pass.control().fishertype == 2 ? fisherfull(pass, fisher, likelihood, scoring)
-                                        : fisherouter(pass, fisher, likelihood, scoring);
+  return pass.control().fishertype == FisherType::expected ? fisherfull(pass, fisher, likelihood, scoring)
+                                                           : fisherouter(pass, fisher, likelihood, scoring);
 }
 
 }  // namespace kdr

@@ -20,7 +20,7 @@ struct FisherWork {
   Array<double> score;           // [NT]
 };
 
-// Sizes the work for a pass; nothing when fishertype is 0.
+// Sizes the work for a pass; nothing when fishertype is none.
 void makefisher(const Pass& pass, FisherWork& fisher);
 void sizefisher(const Pass& pass, FisherWork& fisher);  // whatever fishertype is
 
@@ -42,14 +42,14 @@ void sizefisher(const Pass& pass, FisherWork& fisher);  // whatever fishertype i
 // log-likelihood that belong to it.
 enum class Scoring { asks, steps };
 
-// Expected information (fishertype 2). Returns false when a matrix cannot be inverted or the information is not usable.
-// A scoring that asks stops after inverse information and score and changes only these, dinv and C_j^-1; one that steps
-// also fills the posterior means and the log-likelihood, and updates gammahat and vgamma. The cost is linear in the
-// number of level-2 units: the sum over all pairs of units of a level-3 unit is a product of sums over units.
+// Expected information (fishertype expected). Returns false when a matrix cannot be inverted or the information is not
+// usable. A scoring that asks stops after inverse information and score and changes only these, dinv and C_j^-1; one
+// that steps also fills the posterior means and the log-likelihood, and updates gammahat and vgamma. The cost is linear
+// in the number of level-2 units: the sum over all pairs of units of a level-3 unit is a product of sums over units.
 [[nodiscard]] bool fisherfull(Pass& pass, FisherWork& fisher, Likelihood& likelihood, Scoring scoring);
 
-// Sum of the outer products of the level-3 units' scores (fishertype 1). Returns true when its inverse exists; a
-// scoring that steps updates gammahat and the log-likelihood in any case.
+// Sum of the outer products of the level-3 units' scores (fishertype outerproducts). Returns true when its inverse
+// exists; a scoring that steps updates gammahat and the log-likelihood in any case.
 [[nodiscard]] bool fisherouter(Pass& pass, FisherWork& fisher, Likelihood& likelihood, Scoring scoring);
 
 // By fishertype.

@@ -113,29 +113,22 @@ void applyequal(int n, double* t, const Array<int>& codes) {
   unpack(n, level.data(), t);
 }
 
-void applytaupi(const Model& model, double* taupi) {
-  const int p = model.coef.ntaupi;
-  if (model.restrictions.haveesttau2) applyfixed(taupi, p, model.restrictions.esttau2);
-  if (model.restrictions.havecontau2) applyequal(p, taupi, model.restrictions.contau2);
-  if (model.restrictions.diagtaupi) cleardiagonaloff(taupi, p);
-}
-
-void applytaubeta(const Model& model, double* taubeta) {
-  const int b = model.coef.ntaubeta;
-  if (model.restrictions.haveesttau3) applyfixed(taubeta, b, model.restrictions.esttau3);
-  if (model.restrictions.havecontau3) applyequal(b, taubeta, model.restrictions.contau3);
-  if (model.restrictions.diagtaubeta) cleardiagonaloff(taubeta, b);
+void applyheld(const Model& model, Tau which, Estimates& est) {
+  double* t = est.tau(which).data();
+  const int n = model.coef.order(which);
+  const TauHeld held = model.restrictions.of(which);
+  if (held.fixed != nullptr) applyfixed(t, n, *held.fixed);
+  if (held.equal != nullptr) applyequal(n, t, *held.equal);
+  if (held.diagonal) cleardiagonaloff(t, n);
 }
 
 Failure fixtau(Pass& pass, Tau which, const Array<double>& moments, FixTau code) {
-  const bool pi = which == Tau::pi;
-  const Restrictions& held = pass.model().restrictions;
+  const Restrictions& restrictions = pass.model().restrictions;
+  const TauHeld held = restrictions.of(which);
   const Observer& observer = pass.observer();
-  const int n = pi ? pass.p : pass.b;
-  double* t = (pi ? pass.est.taupi : pass.est.taubeta).data();
-  Repair repair{t, n, moments, nullptr, nullptr, held.diagtaupi || held.diagtaubeta};
-  if (pi ? held.haveesttau2 : held.haveesttau3) repair.est = pi ? &held.esttau2 : &held.esttau3;
-  if (pi ? held.havecontau2 : held.havecontau3) repair.codes = pi ? &held.contau2 : &held.contau3;
+  const int n = pass.order(which);
+  double* t = pass.est.tau(which).data();
+  Repair repair{t, n, moments, held.fixed, held.equal, restrictions.diagtaupi || restrictions.diagtaubeta};
 
   const TauRepair question{which, n, t, repair.est, repair.codes, pass.est};
   const auto ask = [&] { return observer.chooserepair ? observer.chooserepair(question) : RepairChoice::automatic; };
@@ -156,7 +149,7 @@ Failure fixtau(Pass& pass, Tau which, const Array<double>& moments, FixTau code)
         return {};
       case RepairChoice::automatic:
         if (constexpr int maxrounds = 100; repair.rounds >= maxrounds)
-          return failedboth(std::string("Unable to generate a good tau(") + (pi ? "pi)\n" : "beta)\n"));
+          return failedboth(std::string("Unable to generate a good tau(") + nameof(which) + ")\n");
         if (automaticfixup(repair)) return {};
         tellobserver(observer.badtau, BadTau{BadTau::Why::unrepairable, which, n, t});
         return failedwith(pass.analysis->start != nullptr ? "\nPlease check your starting value file!\n" : "");

@@ -13,9 +13,8 @@ void applyfixed(double* t, int n, const Array<double>& est);
 // The elements of each equality group of the packed codes take the group's mean.
 void applyequal(int n, double* t, const Array<int>& codes);
 
-// What a model asks of its tau matrices: ESTTAU2:, CONTAU2: and DIAGONALIZETAUPI:, and their level-3 twins.
-void applytaupi(const Model& model, double* taupi);
-void applytaubeta(const Model& model, double* taubeta);
+// What a model asks of a tau: ESTTAU2:, CONTAU2: and DIAGONALIZETAUPI:, and their level-3 twins.
+void applyheld(const Model& model, Tau which, Estimates& est);
 
 // What holds element (i, j) of a tau of order n: `est` and `codes` are null where nothing does.
 [[nodiscard]] bool fixedelement(const Array<double>* est, int n, int i, int j);

@@ -24,8 +24,8 @@ void eachwithin(Pass& pass, Use use) {
 }
 
 // What a scoring step from the estimates would move, in standard errors: the largest over its elements. A step that
-// leaves the space of covariance matrices is halved, as the iterations halve it; 0 when it leaves it all the same, from
-// estimates at its edge.
+// leaves the space of covariance matrices is halved, as the iterations halve it; -1 when it leaves it all the same,
+// from estimates at its edge.
 double stepleft(const Pass& pass, const FisherWork& fisher) {
   constexpr int tries = 6;
   const Array<double> d = scoringdirection(fisher);
@@ -37,14 +37,14 @@ double stepleft(const Pass& pass, const FisherWork& fisher) {
   double factor = 1.0;
   for (int t = 0; t < tries; ++t, factor *= 0.5)
     if (stepstays(pass, pass.est, d, factor)) return factor * largest;
-  return 0.0;
+  return -1.0;
 }
 
 }  // namespace
 
 TauErrors tauerrors(Pass& pass, FisherWork& fisher) {
   TauErrors errors;
-  errors.asked = pass.control().fishertype != 0;
+  errors.asked = pass.control().fishertype != FisherType::none;
   if (!errors.asked) return errors;
   Likelihood unused{};
   errors.known = fisherstep(pass, fisher, unused, Scoring::asks);
@@ -171,7 +171,7 @@ Array<double> scoreproducts(Pass& pass, bool leastsquares) {
 Array<double> robustcovariance(Pass& pass, bool leastsquares) {
   const int g = pass.g;
   // The scores sum to 0, so those of as few units as this are singular, whatever rounding makes of their determinant.
-  if (pass.mdm().nunits3 <= g) return {};
+  if (independentunits(pass) <= g) return {};
   const Array<double> scores = scoreproducts(pass, leastsquares);
   Array<double> V = leastsquares ? pass.est.vgamma.copy() : pass.est.covariance(), half(square(g)), robust(square(g));
   mulAB(half.data(), V.data(), scores.data(), g, g, g);
@@ -179,11 +179,13 @@ Array<double> robustcovariance(Pass& pass, bool leastsquares) {
   return positivecovariance(robust.data(), g) ? std::move(robust) : Array<double>();
 }
 
-bool fewlevel3units(const Pass& pass) {
+bool fewunits(const Pass& pass) {
   constexpr int enough = 20;
-  const std::vector<TermRow> terms = modelrows(pass.model()).terms;
-  return std::any_of(terms.begin(), terms.end(),
-                     [&](const TermRow& term) { return pass.mdm().nunits3 - term.neffects < enough; });
+  const ModelRows rows = modelrows(pass.model());
+  const bool two = pass.mdm().twolevel();
+  return std::any_of(rows.terms.begin(), rows.terms.end(), [&](const TermRow& term) {
+    return independentunits(pass) - (two ? rows.owner(term).nterms : term.neffects) < enough;
+  });
 }
 
 }  // namespace kdr

@@ -2,12 +2,14 @@
 
 #include <algorithm>
 #include <cmath>
+#include <optional>
 #include <utility>
 
 #include "estimate/linear/edgesearch.h"
 #include "estimate/linear/emstep.h"
 #include "estimate/linear/fixtau.h"
 #include "estimate/linear/results.h"
+#include "estimate/linear/startingvalues.h"
 #include "estimate/linear/usable.h"
 #include "kernel/decompositions.h"
 #include "kernel/matrix.h"
@@ -53,8 +55,8 @@ Step tryaitken(Pass& pass, IterationState& state, Attempt& attempt, const SavedE
     return Step::retry;
   }
   if (!fixed) s = state.s1 + (s - state.s1) / (1.0 - lambda);
-  applytaupi(pass.model(), pass.est.taupi.data());
-  applytaubeta(pass.model(), pass.est.taubeta.data());
+  applyheld(pass.model(), Tau::pi, pass.est);
+  applyheld(pass.model(), Tau::beta, pass.est);
   if (usableestimates(pass, pass.est)) {
     attempt.aitkenok = true;
     return Step::continuewithem;
@@ -84,9 +86,9 @@ Step tryfishersteps(Pass& pass, IterationState& state, Attempt& attempt, const S
     if (pass.fixsigma2 == 0.0) pass.est.sigma2 += d[NT - 1];
     if (!pass.plan.tausstand()) {
       addtriangle(pass.est.taupi.data(), pass.p, d.data(), 1.0);
-      applytaupi(pass.model(), pass.est.taupi.data());
+      applyheld(pass.model(), Tau::pi, pass.est);
       addtriangle(pass.est.taubeta.data(), pass.b, d.data() + nt, 1.0);
-      applytaubeta(pass.model(), pass.est.taubeta.data());
+      applyheld(pass.model(), Tau::beta, pass.est);
     }
     if (usableestimates(pass, pass.est)) {
       if (t < tries) return Step::stands;
@@ -134,8 +136,8 @@ Failure updateestimates(Pass& pass, IterationState& state, EmSums& em, Attempt& 
     SavedEstimates saved{};
     if (accelerate) {
       saved = saveestimates(pass);
-      const bool aitken =
-          pass.control().fishertype == 0 || state.scoringover || state.fisherfailures >= maxfisherfailures;
+      const bool aitken = pass.control().fishertype == FisherType::none || state.scoringover ||
+                          state.fisherfailures >= maxfisherfailures;
       step = aitken ? tryaitken(pass, state, attempt, saved) : tryfisher(pass, state, attempt, saved);
       if (step == Step::retry) continue;
     } else {
@@ -172,8 +174,8 @@ void testconvergence(const Pass& pass, IterationState& state, const Attempt& att
   if (std::fabs(gain) < leastgain) gain = leastgain;
   if (likelihood.current < likelihood.previous) state.scoringover = true;
   const bool met = 0.0 <= gain && gain <= pass.plan.stopval && state.iteration != state.limit;
-  state.converged = met && plain;
-  state.confirming = met && !plain;
+  state.converged = (met && plain) || (state.attop && state.iteration != state.limit);
+  state.confirming = met && !state.converged;
 }
 
 // At the limit a linear run may go on.
@@ -188,11 +190,19 @@ void asklimit(const Pass& pass, IterationState& state) {
 
 // A search for the maximum where iterations are slow or would stop below it: at the edge, and in passes of a macro loop
 // that creeps. True when it moved the estimates.
-bool movetomaximum(Pass& pass, const IterationState& state, double least) {
-  const bool linear = pass.plan.kind == PassKind::linear;
+// Behind a repaired start the end at the edge may be the lower one of two hills: there another start is tried, once.
+bool movetomaximum(Pass& pass, IterationState& state, double least) {
+  const bool linear = pass.plan.kind == PassKind::linear, stops = linear && state.converged;
   if (state.stage == Stage::heterogeneous || (!linear && (!state.searching || pass.plan.tausstand()))) return false;
-  if (linear && state.converged && (state.iteration < soonestedgesearch || !nearedge(pass))) return false;
-  HigherPoint found = searchedge(pass, linear ? least : leastgainwhenslow);
+  state.lost = false;
+  if (stops && ((state.iteration < soonestedgesearch && !pass.repaired) || !nearedge(pass))) return false;
+  EdgeSearch found = searchedge(pass, pass.est, linear ? least : leastgainwhenslow);
+  state.lost = found.failed;
+  if (found.gain == 0.0 && stops && pass.repaired) {
+    pass.repaired = false;
+    if (std::optional<Estimates> other = sharedstart(pass)) found = searchedge(pass, *other, least);
+  }
+  state.attop = linear && !found.failed && found.gain == 0.0 && nearedge(pass);
   if (found.gain == 0.0) return false;
   pass.est = std::move(found.est);
   tellobserver(pass.observer().searched, SearchEvent{pass.plan.kind, pass.plan.macro, state.iteration, found.gain});
@@ -226,16 +236,19 @@ void startiterations(const Pass& pass, IterationState& state) {
   for (Array<double>* T : {&state.history.T1, &state.history.T2}) T->reset(square(pass.p));
   for (Array<double>* L : {&state.history.L1, &state.history.L2}) L->reset(square(pass.b));
   state.s1 = state.s2 = 0.0;
+  state.fisherfailures = 0;
+  state.scoringover = false;
   state.likelihood = {missingcode, missingcode};
   state.stepped = state.confirming = false;
 }
 
 Failure iterate(Pass& pass, IterationState& state) {
   EmSums em;
-  state.converged = state.atlimit = state.keyboardstop = false;
+  state.converged = state.atlimit = state.keyboardstop = state.lost = false;
   state.nextsearch = state.searching ? firstsearch : firstedgesearch;
   tellobserver(pass.observer().stagebegins);
   for (state.iteration = 1; state.iteration <= state.limit; ++state.iteration) {
+    state.attop = false;
     if (state.iteration == state.nextsearch) {
       state.nextsearch *= 2;
       movetomaximum(pass, state, leastgainwhenslow);
@@ -249,7 +262,10 @@ Failure iterate(Pass& pass, IterationState& state) {
     if (state.stopped()) break;
   }
   tellobserver(pass.observer().stageends);
-  state.ending = state.keyboardstop ? Ending::keyboard : state.atlimit ? Ending::limit : Ending::converged;
+  state.ending = state.keyboardstop ? Ending::keyboard
+                 : state.atlimit    ? Ending::limit
+                 : state.lost       ? Ending::lost
+                                    : Ending::converged;
   return {};
 }
 

@@ -77,8 +77,10 @@ struct Pass {
 
   double fixsigma2 = 0.0;                        // what sigma^2 is held at; 0.0: it is estimated
   double likeconstant = 0.0;                     // nunits1 times half the logarithm of 2 pi
+  bool repaired = false;                         // a tau that it started from had to be repaired
   int nusable1 = 0, nusable2 = 0, nusable3 = 0;  // records and units that entered the moments of the starting values
 
+  [[nodiscard]] int order(Tau which) const { return ofthe(which, p, b); }
   [[nodiscard]] const Model& model() const { return analysis->model; }
   [[nodiscard]] const MdmData& mdm() const { return analysis->mdm; }
   [[nodiscard]] const DesignWeights& weights() const { return analysis->weights; }
@@ -91,6 +93,11 @@ struct Pass {
   return pass.b == 0 || pass.vlsq.row(k)[0] != missingcode;
 }
 
+// The independent units of the data: those of level 3, in data of two levels those of level 2.
+[[nodiscard]] inline int independentunits(const Pass& pass) {
+  return pass.mdm().twolevel() ? pass.mdm().nunits2 : pass.mdm().nunits3;
+}
+
 // Records and units of the pass.
 [[nodiscard]] inline UnitCounts countsof(const Pass& pass) {
   UnitCounts counts = countsof(pass.mdm());
@@ -98,8 +105,7 @@ struct Pass {
   return counts;
 }
 
-// Fills the dimensions, the design and the term counts of the reduced model. Fails for a model with nothing random at a
-// level.
+// Fills the dimensions, the design and the term counts of the reduced model. Fails for a model with nothing random.
 [[nodiscard]] Failure makedesign(Pass& pass);
 
 // The level-3 design of unit k in a vector: W3[owner3[i]][reduced[i]] has weights[i]. weights: full ngamma.

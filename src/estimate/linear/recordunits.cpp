@@ -68,18 +68,10 @@ void stopwalk(RecordUnits& units, Failure failure) {
 }
 
 // The outcome of a record of counts as a rate.
-double rateof(RecordUnits& units, const double* values, std::size_t record) {
-  const double y = values[units.layout.outcome], n = values[units.layout.count];
-  const bool trials = units.analysis->model.outcome.link() == Link::logit;
-  if (y < 0.0 || n <= 0.0)
-    stopwalk(units,
-             failedwith(formatted("\nError: the outcome must be greater than or equal to 0.0, and the\n%s must be "
-                                  "greater than 0.0\n",
-                                  trials ? "number of trials" : "exposure")));
-  if (trials && y > n)
-    stopwalk(units, failedwith("\nError: the outcome must be less than or equal to the number of trials.\n"));
+double rateof(const RecordUnits& units, const double* values, std::size_t record) {
+  const double n = values[units.layout.count];
   if (units.counts != nullptr) (*units.counts)[record] = n;
-  return y / n;
+  return values[units.layout.outcome] / n;
 }
 
 // The factor sqrt(w)/sqrt(v) of a record, from its design weight and its known variance.
@@ -221,6 +213,10 @@ void centerblock(RecordUnits& units) {
     for (std::size_t i = 0; i < at(unit.nj); ++i) unit.records[i * width + v] -= mean;
   }
   for (std::size_t v = 0; v < at(mdm.nvar2); ++v) unit.level2[v] -= level2centre(units, v);
+}
+
+Failure norecordleft() {
+  return failedboth("No level-1 record is left: each lacks a value in a variable of the model.\n");
 }
 
 bool nextunit(RecordUnits& units, UnitProducts& products) {

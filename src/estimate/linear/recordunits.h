@@ -39,6 +39,9 @@ void relayunit(const UnitBlock& block, const RecordLayout& given, UnitBlock& to,
 // Begins the products of a unit: what its block tells of it, and no products by design weights yet.
 void beginproducts(UnitProducts& products, int k, const UnitBlock& block);
 
+// What is said where no record is left behind deletion.
+[[nodiscard]] Failure norecordleft();
+
 // Whether the rows have factors sqrt(w)/sqrt(v).
 [[nodiscard]] bool havefactors(const Model& model);
 
@@ -71,8 +74,8 @@ void startrecords(RecordUnits& units, const Analysis& analysis);
 void centerblock(RecordUnits& units);
 
 // The next unit, centered; with design weights, units without a record are left out. False
-// behind the last one, and with units.failure for a known variance that is not positive and for an outcome or count out
-// of range.
+// behind the last one, and with units.failure for a known variance that is not positive. Trials and exposure are above
+// 0.
 [[nodiscard]] bool nextunit(RecordUnits& units, UnitProducts& products);
 
 }  // namespace kdr

@@ -26,22 +26,15 @@ bool deviance(const double* T, const double* S, int n, Array<double>& inverse, d
 }  // namespace
 
 Restriction taurestriction(const Model& model, Tau which) {
-  const bool pi = which == Tau::pi;
-  const Restrictions& held = model.restrictions;
-  const int n = pi ? model.coef.ntaupi : model.coef.ntaubeta;
-  const bool haveest = pi ? held.haveesttau2 : held.haveesttau3;
-  const bool havecon = pi ? held.havecontau2 : held.havecontau3;
-  const Array<double>& est = pi ? held.esttau2 : held.esttau3;
-  const Array<int>& codes = pi ? held.contau2 : held.contau3;
-  const bool diagonal = pi ? held.diagtaupi : held.diagtaubeta;
-
+  const TauHeld held = model.restrictions.of(which);
+  const int n = model.coef.order(which);
   Restriction restriction;
   restriction.free.reset(packedsize(n));
   Array<int> parameterof(packedsize(n) + 1);  // free parameter of each equality group, from 1; 0 for none yet
   eachelement(n, [&](int e, int i, int j) {
     int& free = restriction.free[e];
-    const int group = havecon ? std::abs(codes[e]) : 0;
-    if ((haveest && est[i * n + j] != missingcode) || (diagonal && i != j)) {
+    const int group = held.equal != nullptr ? std::abs((*held.equal)[e]) : 0;
+    if ((held.fixed != nullptr && (*held.fixed)[i * n + j] != missingcode) || (held.diagonal && i != j)) {
       free = -1;
     } else if (group == 0) {
       free = restriction.nfree++;

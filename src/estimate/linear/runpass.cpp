@@ -7,6 +7,8 @@
 #include "estimate/linear/fixtau.h"
 #include "estimate/linear/heterogeneous.h"
 #include "estimate/linear/inference.h"
+#include "estimate/linear/recordunits.h"
+#include "estimate/linear/restrictedfit.h"
 #include "estimate/linear/results.h"
 #include "estimate/linear/startingvalues.h"
 #include "estimate/linear/usable.h"
@@ -21,8 +23,7 @@ namespace {
 // The least-squares estimate into gammahat, and the residual variance.
 Failure leastsquares(Pass& pass, double& variance) {
   const int g = pass.g;
-  if (pass.nunits1 == 0)
-    return failedboth("No level-1 record is left: each lacks a value in a variable of the model.\n");
+  if (pass.nunits1 == 0) return norecordleft();
   if (pass.totalYY == 0.0)
     return failedwith("The outcome variable is all zeros!\n", "The outcome variable is all zeros!");
   if (collinear(pass.gramMM.data(), g) || invertsymmetric(g, pass.gramMM.data(), pass.est.vgamma.data()).result != 0)
@@ -46,7 +47,7 @@ Failure tellleastsquares(Pass& pass, double s) {
   results.vgamma = pass.est.vgamma.copy();
   results.sigma2 = s;
   results.robust = robustcovariance(pass, true);
-  results.fewunits = fewlevel3units(pass);
+  results.fewunits = fewunits(pass);
   if (s > 0.0) results.loglik = -(n + n * std::log(twopi * s)) / 2.0;
   complete(results, countsof(pass));
   if (storefailure(pass.store)) return storefailure(pass.store);
@@ -56,12 +57,11 @@ Failure tellleastsquares(Pass& pass, double s) {
 
 // A tau that the iterations cannot start from is repaired, and shown again.
 Failure settlestart(Pass& pass, Tau which, const StartMoments& moments, StartingEvent event) {
-  const bool pi = which == Tau::pi;
-  const FixTau code = pi ? pass.control().fixtau2 : pass.control().fixtau3;
-  const Array<double>& t = pi ? pass.est.taupi : pass.est.taubeta;
-  if (usablecovariance(t.data(), pi ? pass.p : pass.b) && code != FixTau::always) return {};
-  if (Failure failure = fixtau(pass, which, pi ? moments.taupi : moments.taubeta, code)) return failure;
-  event.part = pi ? StartingEvent::Part::repairedtaupi : StartingEvent::Part::repairedtaubeta;
+  const FixTau code = pass.control().fixtau(which);
+  if (usablecovariance(pass.est.tau(which).data(), pass.order(which)) && code != FixTau::always) return {};
+  if (Failure failure = fixtau(pass, which, ofthe(which, moments.taupi, moments.taubeta), code)) return failure;
+  pass.repaired = true;
+  event.part = which == Tau::pi ? StartingEvent::Part::repairedtaupi : StartingEvent::Part::repairedtaubeta;
   tellobserver(pass.observer().starting, event);
   return {};
 }
@@ -81,8 +81,8 @@ Failure startfromdata(Pass& pass) {
   } else if (Failure failure = leastsquarestart(pass, moments)) {
     return failure;
   }
-  applytaupi(pass.model(), pass.est.taupi.data());
-  if (given != nullptr) applytaubeta(pass.model(), pass.est.taubeta.data());
+  applyheld(pass.model(), Tau::pi, pass.est);
+  if (given != nullptr) applyheld(pass.model(), Tau::beta, pass.est);
   StartingEvent event{
       StartingEvent::Part::taupi, given == nullptr, moments.shared, pass.nusable1, pass.nusable2, pass.est};
   tellobserver(pass.observer().starting, event);
@@ -103,8 +103,8 @@ Failure startfromestimates(Pass& pass) {
   pass.est.taupi = start.taupi.copy();
   pass.est.taubeta = start.taubeta.copy();
   // The estimates may have been moved to another scale, which elements that are held do not follow.
-  applytaupi(pass.model(), pass.est.taupi.data());
-  applytaubeta(pass.model(), pass.est.taubeta.data());
+  applyheld(pass.model(), Tau::pi, pass.est);
+  applyheld(pass.model(), Tau::beta, pass.est);
   pass.est.sigma2 = pass.fixsigma2 != 0.0 ? pass.fixsigma2 : start.sigma2;
   const long long left = pass.nunits1 - static_cast<long long>(pass.mdm().nunits2) * pass.p;
   const bool known = pass.fixsigma2 != 0.0 || left > 0 || identified(pass);
@@ -112,10 +112,21 @@ Failure startfromestimates(Pass& pass) {
   return known ? Failure{} : failed(16);
 }
 
-Failure iteratestage(Pass& pass, IterationState& state, Stage stage, int limit) {
+// Of iterations that failed, from the variance that least squares left: where sigma^2 has gone to 0, no predictor is at
+// fault.
+Failure explained(const Pass& pass, double variance, Failure failure) {
+  constexpr double nothing = 1.0e-8;
+  if (!failure || failure.row == abandoned || pass.fixsigma2 != 0.0 || pass.est.sigma2 > nothing * variance)
+    return failure;
+  return failedboth(
+      "sigma^2 goes to 0: random and fixed effects together leave nothing of the outcome, and the likelihood has no\n"
+      "maximum. Hold sigma^2 by FIXSIGMA2:, or leave out random effects.\n");
+}
+
+Failure iteratestage(Pass& pass, IterationState& state, Stage stage, int limit, double variance) {
   state.stage = stage;
   state.limit = limit;
-  return iterate(pass, state);
+  return explained(pass, variance, isrestricted(pass) ? iteraterestricted(pass, state) : iterate(pass, state));
 }
 
 }  // namespace
@@ -151,7 +162,7 @@ Failure runpass(Pass& pass, IterationState& state, PassResults& results, const I
   startiterations(pass, state);
   if (pass.plan.hetit != 0) {
     startheterogeneous(pass, state);
-    if (Failure failure = iteratestage(pass, state, Stage::heterogeneous, pass.plan.hetit)) return failure;
+    if (Failure failure = iteratestage(pass, state, Stage::heterogeneous, pass.plan.hetit, s)) return failure;
     if (Failure failure = heterogeneousresults(pass, state)) return failure;
   }
   if (pass.plan.limit == 0) {
@@ -161,8 +172,9 @@ Failure runpass(Pass& pass, IterationState& state, PassResults& results, const I
     results.ending = state.ending;
     return {};
   }
-  if (Failure failure = iteratestage(pass, state, Stage::ordinary, pass.plan.limit)) return failure;
+  if (Failure failure = iteratestage(pass, state, Stage::ordinary, pass.plan.limit, s)) return failure;
   results = stageresults(pass, state);
+  if (state.marginal.sums.coefficients.failure()) return state.marginal.sums.coefficients.failure();
   return storefailure(pass.store);
 }
 

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "estimate/linear/fixtau.h"
+#include "estimate/linear/point.h"
 #include "estimate/linear/restriction.h"
 #include "estimate/linear/usable.h"
 #include "kernel/decompositions.h"
@@ -179,17 +180,16 @@ void momenttaupi(const Pass& pass, const StartWork& w, double* T) {
 
 // A first value of a tau: held and equal elements, and the automatic repair.
 Failure settlefirst(Pass& pass, Tau which, const Array<double>& moments) {
-  const bool pi = which == Tau::pi;
-  const Restrictions& held = pass.model().restrictions;
-  const int n = pi ? pass.p : pass.b;
-  double* t = (pi ? pass.est.taupi : pass.est.taubeta).data();
+  const TauHeld held = pass.model().restrictions.of(which);
+  const int n = pass.order(which);
+  double* t = pass.est.tau(which).data();
   Array<double> inverse(square(n));
-  if (pi ? held.haveesttau2 : held.haveesttau3) applyfixed(t, n, pi ? held.esttau2 : held.esttau3);
+  if (held.fixed != nullptr) applyfixed(t, n, *held.fixed);
   for (;;) {
     if (!usablecovariance(t, n))
       if (Failure failure = fixtau(pass, which, moments, FixTau::automatic)) return failure;
-    if (!(pi ? held.havecontau2 : held.havecontau3)) return {};
-    applyequal(n, t, pi ? held.contau2 : held.contau3);
+    if (held.equal == nullptr) return {};
+    applyequal(n, t, *held.equal);
     if (invertsymmetric(n, t, inverse.data()).result == 0) return {};
   }
 }
@@ -319,14 +319,10 @@ void sharetau(double variance, const Array<double>& meansquare, Array<double>& t
   for (int i = 0; i < n; ++i) tau[i * n + i] = variance / n / (meansquare[i] > 0.0 ? meansquare[i] : 1.0);
 }
 
-// Half of the residual variance to sigma2, a quarter to the random effects of each level.
-Failure sharevariance(Pass& pass, StartMoments& moments) {
+// Half of a variance to sigma2, a quarter to the random effects of each level.
+void sharevariance(Pass& pass, double variance, Estimates& est) {
   const int p = pass.p, b = pass.b, nb = pass.nbeta;
-  double rss = pass.totalYY;
-  for (int i = 0; i < pass.g; ++i) rss -= pass.est.gammahat[i] * pass.gramMY[i];
-  const double variance = rss / pass.nunits1;
-  if (vanishes(pass, variance)) return virtuallyzero();
-  pass.est.sigma2 = pass.fixsigma2 != 0.0 ? pass.fixsigma2 : 0.5 * variance;
+  est.sigma2 = pass.fixsigma2 != 0.0 ? pass.fixsigma2 : 0.5 * variance;
   Array<double> mean1(at(p)), mean2(at(b));
   sweepunits(
       pass.n2of,
@@ -340,9 +336,18 @@ Failure sharevariance(Pass& pass, StartMoments& moments) {
         });
       },
       [](int) {}, reading(pass.store.hot));
-  sharetau(0.25 * variance, mean1, pass.est.taupi);
-  sharetau(0.25 * variance, mean2, pass.est.taubeta);
-  applytaubeta(pass.model(), pass.est.taubeta.data());
+  sharetau(0.25 * variance, mean1, est.taupi);
+  sharetau(0.25 * variance, mean2, est.taubeta);
+  applyheld(pass.model(), Tau::beta, est);
+}
+
+// A start by shares of the residual variance of least squares.
+Failure startbyshares(Pass& pass, StartMoments& moments) {
+  double rss = pass.totalYY;
+  for (int i = 0; i < pass.g; ++i) rss -= pass.est.gammahat[i] * pass.gramMY[i];
+  const double variance = rss / pass.nunits1;
+  if (vanishes(pass, variance)) return virtuallyzero();
+  sharevariance(pass, variance, pass.est);
   moments = {pass.est.taupi.copy(), pass.est.taubeta.copy(), true};
   return {};
 }
@@ -391,6 +396,18 @@ bool identified(Pass& pass) {
   return restriction.nfree == 0 || !collinear(reduced.data(), restriction.nfree);
 }
 
+std::optional<Estimates> sharedstart(Pass& pass) {
+  const int g = pass.g;
+  Estimates est = pass.est.copy();
+  double rss = pass.totalYY;
+  for (int i = 0; i < g; ++i)
+    rss += est.gammahat[i] * (dot(pass.gramMM.data() + i * g, est.gammahat.data(), at(g)) - 2.0 * pass.gramMY[i]);
+  sharevariance(pass, rss / pass.nunits1, est);
+  applyheld(pass.model(), Tau::pi, est);
+  if (usableestimates(pass, est)) return est;
+  return std::nullopt;
+}
+
 Failure leastsquarestart(Pass& pass, StartMoments& moments) {
   StartWork w = makework(pass);
   const std::size_t units3 = pass.n2of.size();
@@ -408,7 +425,7 @@ Failure leastsquarestart(Pass& pass, StartMoments& moments) {
     pass.nusable1 = pass.nunits1;
     pass.nusable2 = pass.mdm().nunits2;
     pass.nusable3 = pass.mdm().nunits3;
-    return sharevariance(pass, moments);
+    return startbyshares(pass, moments);
   }
   if (Failure failure = startsigma2(pass, first.S, pass.est.sigma2)) return failure;
   if (Failure failure = firsttaupi(pass, w)) return failure;
@@ -452,7 +469,7 @@ Failure starttaubeta(Pass& pass, StartMoments& moments) {
   if (!pass.plan.tausstand()) {
     double* L = pass.est.taubeta.data();
     for (std::size_t i = 0; i < R.size(); ++i) L[i] = V2[i] / pass.nusable3 - pass.est.sigma2 * R[i] / pass.nusable3;
-    applytaubeta(pass.model(), L);
+    applyheld(pass.model(), Tau::beta, pass.est);
   }
   moments.taubeta = std::move(V2);
   return storefailure(pass.store);

@@ -2,6 +2,8 @@
 // "Starting values".
 #pragma once
 
+#include <optional>
+
 #include "estimate/linear/pass.h"
 #include "kernel/array.h"
 
@@ -25,6 +27,10 @@ struct StartMoments {
 // Failures otherwise: 13 without usable units, 16 without degrees of freedom for sigma2, 2 without a usable level-3
 // unit; words of its own for a sigma2 of nearly zero.
 [[nodiscard]] Failure leastsquarestart(Pass& pass, StartMoments& moments);
+
+// A start of another kind than that of the iterations, which may lie below another maximum: shares of the residual
+// variance at the fixed effects at hand, but for fixed and equal elements. None where these leave no usable taus.
+[[nodiscard]] std::optional<Estimates> sharedstart(Pass& pass);
 
 // taubeta once more, from the repaired taupi: the value that the iterations start from.
 [[nodiscard]] Failure starttaubeta(Pass& pass, StartMoments& moments);

@@ -83,10 +83,6 @@ void settriangle(std::size_t n, double records, bool scaled, Array<double>& R, A
   }
 }
 
-double logcombinations(double n, double y) {
-  return std::lgamma(n + 1.0) - std::lgamma(y + 1.0) - std::lgamma(n - y + 1.0);
-}
-
 void addconstants(Frame& frame, const Level3Records& unit) {
   for (std::size_t i = 0; i < unit.y.size(); ++i) {
     if (frame.outcome == Family::binomial && !unit.n.empty())
@@ -207,7 +203,7 @@ bool pivotlevel(std::size_t n, bool diagonal, Array<double>& R, Array<double>& i
                 Array<double>& Q) {
   Q.reset(n * n);
   for (std::size_t i = 0; i < n; ++i) Q[i * n + i] = 1.0;
-  if (n == 1 || diagonal) return false;
+  if (n <= 1 || diagonal) return false;
   Array<double> A(n * n);
   for (std::size_t a = 0, e = 0; a < n; ++a)
     for (std::size_t b = 0; b <= a; ++b, ++e) A[a * n + b] = elements[e];
@@ -246,10 +242,9 @@ Frame makeframe(Family outcome, int npi, int nbeta, const Design& design, Record
   frame.Re.reset(r * r);
   frame.units.first.assign(1, 0);
   Array<double> columns, R(p * p), row(std::max({p, g, r, at(nbeta)})), fixed(g);
-  std::vector<Level3Records> batch;
   source.rewind(source.state);
   for (;;) {
-    source.next(source.state, batch);
+    const std::vector<Level3Records>& batch = source.next(source.state);
     if (batch.empty()) break;
     for (const Level3Records& unit : batch) {
       frame.units.first.push_back(frame.units.first.back() + at(unit.units));

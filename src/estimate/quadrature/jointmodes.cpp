@@ -12,76 +12,114 @@ namespace kdr {
 namespace {
 
 constexpr int moststeps = 60, mosthalvings = 30;
-// Twice the gain that a Newton step promises: the modes are then exact to 1e-10 of their standard errors. The curvature
-// at them has a slope, so that a difference of two values needs that much.
-constexpr double decrement = 1.0e-20;
 
 void fit(Array<double>& array, std::size_t n) {
   if (array.size() < n) array.reset(n);
 }
 
-// Densities and their derivatives at effects: the objective, and M and h of every level-2 unit when `sums`.
-double evaluate(const Frame& frame, const SphericalPoint& point, const Level3Records& records, const double* z,
-                const double* w, bool sums, ModeWork& work) {
-  const std::size_t npi = at(frame.npi), q = at(frame.q), r = at(frame.r), g = at(frame.g), units = at(records.units),
-                    T = packedsize(frame.npi);
+constexpr std::size_t padded(std::size_t n) { return (n + nodestep - 1) / nodestep * nodestep; }
+
+// The records by columns.
+void makexcolumns(const Frame& frame, const Level3Records& records, ModeWork& work) {
+  const std::size_t npi = at(frame.npi), units = at(records.units);
+  work.first.assign(1, 0);
+  work.outcome.clear();
+  for (std::size_t j = 0; j < units; ++j)
+    work.first.push_back(work.first.back() + padded(records.start[j + 1] - records.start[j]));
+  const std::size_t total = work.first.back();
+  const bool exposed = frame.outcome == Family::poisson && !records.n.empty();
+  fit(work.xcolumns, npi * total);
+  for (Array<double>* array : {&work.y, &work.n, &work.D, &work.logn}) fit(*array, total);
+  for (std::size_t j = 0; j < units; ++j) {
+    const std::size_t stride = work.first[j + 1] - work.first[j], from = records.start[j],
+                      count = records.start[j + 1] - from;
+    const double* x = records.x.data() + from * npi;
+    double* columns = work.xcolumns.data() + work.first[j] * npi;
+    for (std::size_t c = 0; c < npi; ++c) {
+      for (std::size_t i = 0; i < count; ++i) {
+        double sum = 0.0;
+        for (std::size_t l = 0; l <= c; ++l) sum += x[i * npi + l] * frame.toX[l * npi + c];
+        columns[c * stride + i] = sum;
+      }
+      std::fill(columns + c * stride + count, columns + (c + 1) * stride, 0.0);
+    }
+    const auto place = [&](Array<double>& array, const double* values, double behind) {
+      double* to = array.data() + work.first[j];
+      if (values != nullptr) std::copy_n(values + from, count, to);
+      if (values == nullptr) std::fill_n(to, count, 1.0);
+      std::fill(to + count, to + stride, behind);
+    };
+    place(work.y, records.y.data(), 0.0);
+    place(work.n, frame.outcome == Family::binomial && !records.n.empty() ? records.n.data() : nullptr, 0.0);
+    if (exposed) place(work.logn, records.n.data(), 1.0);
+    work.outcome.push_back(densityof(frame, records, j));
+  }
+  if (exposed) fastestquadratureloops().logarithms(work.logn.data(), total);
+}
+
+// Densities and their derivatives at effects: the objective, and M, h and D of every level-2 unit.
+double evaluate(const Frame& frame, std::size_t units, const double* z, const double* w, ModeWork& work) {
+  const QuadratureLoops& loops = fastestquadratureloops();
+  const std::size_t npi = at(frame.npi), q = at(frame.q), r = at(frame.r), s = q + r;
   double objective = 0.0;
   work.density = 0.0;
   double* c = work.coefficients.data();
-  double *Az = work.scratch.data(), *Bw = Az + q;
-  mulAB(Bw, point.B.data(), w, frame.r, 1, frame.r);
   for (std::size_t b = 0; b < r; ++b) objective -= 0.5 * w[b] * w[b];
   for (std::size_t j = 0; j < units; ++j) {
-    mulAB(Az, point.A.data(), z + j * q, frame.q, 1, frame.q);
-    mulAB(c, work.frames.Sx.data() + j * npi * g, point.g, frame.npi, 1, frame.g);
-    addAB(c, work.frames.Se.data() + j * npi * r, Bw, frame.npi, 1, frame.r);
-    addAB(c, frame.Sd.data(), Az, frame.npi, 1, frame.q);
-    const std::size_t first = records.start[j], count = records.start[j + 1] - first;
-    for (std::size_t i = first; i < first + count; ++i)
-      work.densities.eta[i] = dot(work.rows.x.data() + i * npi, c, npi);
-    const UnitOutcome outcome = unitoutcome(frame, records, work.rows, j);
-    work.density += recorddensities(outcome.outcome, first, count, outcome.y, outcome.n, work.densities);
-    for (std::size_t a = 0; a < q; ++a) objective -= 0.5 * z[j * q + a] * z[j * q + a];
-    if (!sums) continue;
-    double *M = work.M.data() + j * T, *h = work.h.data() + j * npi;
-    std::fill_n(M, T, 0.0);
-    std::fill_n(h, npi, 0.0);
-    for (std::size_t i = first; i < first + count; ++i) {
-      const double* x = work.rows.x.data() + i * npi;
-      const double residual = work.densities.r[i], weight = work.densities.W[i];
-      for (std::size_t a = 0, e = 0; a < npi; ++a) {
-        h[a] += residual * x[a];
-        const double weighted = weight * x[a];
-        for (std::size_t b = 0; b <= a; ++b, ++e) M[e] += weighted * x[b];
-      }
+    const double *C = work.columns.data() + j * npi * s, *own = z + j * q;
+    for (std::size_t m = 0; m < npi; ++m) {
+      double sum = work.fixed[j * npi + m];
+      for (std::size_t b = 0; b < r; ++b) sum += C[m * s + q + b] * w[b];
+      for (std::size_t a = 0; a < q; ++a) sum += C[m * s + a] * own[a];
+      c[m] = sum;
     }
+    work.density += loops.recordsums[static_cast<int>(work.outcome[j])](work.columnsof(frame, j));
+    for (std::size_t a = 0; a < q; ++a) objective -= 0.5 * own[a] * own[a];
   }
   return objective + work.density;
 }
 
 }  // namespace
 
-bool jointmodes(const Frame& frame, const SphericalPoint& point, const Level3Records& records, double* z, double* w,
-                ModeWork& work) {
+RecordColumns ModeWork::columnsof(const Frame& frame, std::size_t j) {
+  const std::size_t npi = at(frame.npi), place = first[j];
+  return {npi,
+          first[j + 1] - place,
+          xcolumns.data() + place * npi,
+          y.data() + place,
+          n.data() + place,
+          logn.data() + place,
+          coefficients.data(),
+          h.data() + j * npi,
+          M.data() + j * packedsize(frame.npi),
+          D.data() + place,
+          scratch.data()};
+}
+
+bool jointmodes(const Frame& frame, const SphericalPoint& point, const Level3Records& records, double promised,
+                double* z, double* w, ModeWork& work) {
   const std::size_t npi = at(frame.npi), q = at(frame.q), r = at(frame.r), units = at(records.units);
   makeunitframes(frame, at(records.k), work.frames);
-  makeunitrows(frame, records, work.rows);
-  work.densities.fit(records.start[units]);
+  makexcolumns(frame, records, work);
+  makecolumns(frame, point, work.frames, units, work.columns);
+  fit(work.fixed, units * npi);
+  for (std::size_t m = 0; m < units * npi; ++m)
+    work.fixed[m] = dot(work.frames.Sx.data() + m * at(frame.g), point.g, at(frame.g));
   fit(work.M, units * packedsize(frame.npi));
   fit(work.h, units * npi);
   fit(work.coefficients, npi);
-  fit(work.scratch, q + r);
+  fit(work.scratch, 4 * (npi + packedsize(frame.npi)));
   fit(work.trialz, units * q);
   fit(work.trialw, r);
-  double objective = evaluate(frame, point, records, z, w, true, work);
+  double objective = evaluate(frame, units, z, w, work);
   if (!std::isfinite(objective)) {
     std::fill_n(z, units * q, 0.0);
     std::fill_n(w, r, 0.0);
-    objective = evaluate(frame, point, records, z, w, true, work);
+    objective = evaluate(frame, units, z, w, work);
     if (!std::isfinite(objective)) return false;
   }
   for (int step = 0; step < moststeps; ++step) {
-    if (!sweepunit(frame, point, work.frames, units, work.M.data(), work.h.data(), z, w, work.sweep)) return false;
+    if (!sweepunit(frame, work.columns, units, work.M.data(), work.h.data(), z, w, work.sweep)) return false;
     // The right sides times the moves: what the step promises, twice.
     double promise = 0.0;
     const double *g2 = work.sweep.right.data(), *g3 = g2 + units * q;
@@ -93,17 +131,17 @@ bool jointmodes(const Frame& frame, const SphericalPoint& point, const Level3Rec
         for (std::size_t b = 0; b < r; ++b)
           promise -= g2[j * q + a] * work.sweep.slope[(j * q + a) * r + b] * work.sweep.dw[b];
     if (!std::isfinite(promise)) return false;
-    if (promise < decrement) break;
+    if (promise < promised) break;
     double factor = 1.0, next = 0.0;
     int halving = 0;
     for (;; ++halving, factor *= 0.5) {
       if (halving > mosthalvings) {  // rounding hides the rest
-        evaluate(frame, point, records, z, w, true, work);
+        evaluate(frame, units, z, w, work);
         return promise < 1.0e-9;
       }
       for (std::size_t i = 0; i < units * q; ++i) work.trialz[i] = z[i] + factor * work.sweep.dz[i];
       for (std::size_t b = 0; b < r; ++b) work.trialw[b] = w[b] + factor * work.sweep.dw[b];
-      next = evaluate(frame, point, records, work.trialz.data(), work.trialw.data(), true, work);
+      next = evaluate(frame, units, work.trialz.data(), work.trialw.data(), work);
       if (std::isfinite(next) && next >= objective - 1.0e-10 * std::fabs(objective)) break;
     }
     std::copy_n(work.trialz.data(), units * q, z);

@@ -2,7 +2,6 @@
 #pragma once
 
 #include "estimate/quadrature/movingnodes.h"
-#include "estimate/quadrature/recorddensities.h"
 #include "estimate/quadrature/sphericalunit.h"
 
 namespace kdr {
@@ -10,17 +9,26 @@ namespace kdr {
 // What the search leaves, at the modes; buffers of one thread.
 struct ModeWork {
   UnitFrames frames;
-  UnitRows rows;
-  RecordDensities densities;
-  Sweep sweep;           // its covariances are the inverse of the curvature there
-  Array<double> M, h;    // of each level-2 unit: sum W x~x~' packed, sum r x~
-  double density = 0.0;  // sum of the log-densities of the records
-  Array<double> z, w;    // the modes
+  std::vector<RecordDensity> outcome;  // of each level-2 unit
+  std::vector<std::size_t> first;      // [units + 1] records, each unit's rounded up, before each level-2 unit
+  Array<double> xcolumns, y, n, logn;  // by these places: npi columns of x~ unit by unit; trials or 1, and exposures
+  Array<double> D;                     // dW/deta at the modes
+  Array<double> fixed, columns;        // of each level-2 unit: the coefficients Sx g (npi); (Sd A, Se B), npi by q + r
+  Sweep sweep;                         // its covariances are the inverse of the curvature there
+  Array<double> M, h;                  // of each level-2 unit: sum W x~x~' packed, sum r x~
+  double density = 0.0;                // sum of the log-densities of the records
+  Array<double> z, w;                  // the modes
   Array<double> coefficients, trialz, trialw, scratch;
+
+  [[nodiscard]] RecordColumns columnsof(const Frame& frame, std::size_t j);
 };
 
 // From `z` (units by q) and `w` (r), which get the modes. False when there is none to be found.
-[[nodiscard]] bool jointmodes(const Frame& frame, const SphericalPoint& point, const Level3Records& records, double* z,
-                              double* w, ModeWork& work);
+// They end when a Newton step promises less than half of `promise`.
+[[nodiscard]] bool jointmodes(const Frame& frame, const SphericalPoint& point, const Level3Records& records,
+                              double promise, double* z, double* w, ModeWork& work);
+// Modes that are exact to 1e-10 of their standard errors. The curvature at them has a slope, so that a difference of
+// two values needs that much.
+inline constexpr double exactmodes = 1.0e-20;
 
 }  // namespace kdr

@@ -21,20 +21,34 @@ void fit(Array<double>& array, std::size_t n) {
   if (array.size() < n) array.reset(n);
 }
 
-// C (m by n) := X' M Y with M packed of order p, X p by m, Y p by n. work: p n.
-void sandwich(std::size_t p, const double* M, const double* X, std::size_t m, const double* Y, std::size_t n,
-              double* work, double* C) {
-  std::fill_n(work, p * n, 0.0);
+// H (packed s(s+1)/2) := C' M C with M packed of order p and C p by s, whose sizes the compiler knows where they are
+// not 0.
+template <std::size_t P, std::size_t S>
+void symmetricform(std::size_t givenp, std::size_t givens, const double* M, const double* C, double* work, double* H) {
+  const std::size_t p = P > 0 ? P : givenp, s = S > 0 ? S : givens;
+  double own[P > 0 && S > 0 ? P * S : 1];
+  double* through = P > 0 && S > 0 ? own : work;
+  for (std::size_t i = 0; i < p * s; ++i) through[i] = 0.0;
   for (std::size_t i = 0, e = 0; i < p; ++i)
     for (std::size_t l = 0; l <= i; ++l, ++e) {
-      for (std::size_t c = 0; c < n; ++c) work[i * n + c] += M[e] * Y[l * n + c];
+      for (std::size_t c = 0; c < s; ++c) through[i * s + c] += M[e] * C[l * s + c];
       if (l != i)
-        for (std::size_t c = 0; c < n; ++c) work[l * n + c] += M[e] * Y[i * n + c];
+        for (std::size_t c = 0; c < s; ++c) through[l * s + c] += M[e] * C[i * s + c];
     }
-  std::fill_n(C, m * n, 0.0);
-  for (std::size_t i = 0; i < p; ++i)
-    for (std::size_t a = 0; a < m; ++a)
-      for (std::size_t c = 0; c < n; ++c) C[a * n + c] += X[i * m + a] * work[i * n + c];
+  for (std::size_t a = 0, e = 0; a < s; ++a)
+    for (std::size_t b = 0; b <= a; ++b, ++e) {
+      double sum = 0.0;
+      for (std::size_t i = 0; i < p; ++i) sum += C[i * s + a] * through[i * s + b];
+      H[e] = sum;
+    }
+}
+using Form = void (*)(std::size_t, std::size_t, const double*, const double*, double*, double*);
+// Two to four effects of up to three columns have code of their own.
+Form formof(std::size_t p, std::size_t s) {
+  static constexpr Form table[3][3] = {{symmetricform<1, 2>, symmetricform<1, 3>, symmetricform<1, 4>},
+                                       {symmetricform<2, 2>, symmetricform<2, 3>, symmetricform<2, 4>},
+                                       {symmetricform<3, 2>, symmetricform<3, 3>, symmetricform<3, 4>}};
+  return p <= 3 && s >= 2 && s <= 4 ? table[p - 1][s - 2] : symmetricform<0, 0>;
 }
 
 // inverse := M^-1, factor := chol(M^-1), adding log|M|. work: 2 n squared.
@@ -64,6 +78,7 @@ void turnmatrix(std::size_t n, const double* Q, double* M, double* work) {
 
 // Keeps the eigenvalues of L^-1 M L^-T within the guards. True when they were.
 bool guardcovariance(std::size_t n, const double* L, double* M) {
+  if (n == 0) return true;
   if (n == 1) {
     const double unit = L[0] * L[0], given = M[0];
     M[0] = std::clamp(std::isfinite(M[0]) ? M[0] : unit, leastratio * unit, largestratio * unit);
@@ -93,8 +108,9 @@ bool guardcovariance(std::size_t n, const double* L, double* M) {
 // Buffers of one thread.
 struct CarryWork {
   UnitFrames frames;
+  Array<double> columns;
   Sweep from, to;
-  Array<double> res, G2, G3, G23, C3, inverse3, P, K, S, a, b;
+  Array<double> M, h, res, G2, G3, G23, C3, inverse3, P, K, S, a, b;
 };
 
 // The residual sums at `to`: h - M (coefficients there less those at `from`), the coefficients of x~ at the moments.
@@ -133,14 +149,23 @@ bool carryunit(const Frame& frame, const SphericalPoint& from, const SphericalPo
                const Nodes& moments, const RecordSums& sums, std::size_t k, CarryWork& work, Nodes& nodes) {
   const std::size_t q = at(frame.q), r = at(frame.r), npi = at(frame.npi), first = frame.units.first[k],
                     units = frame.units.first[k + 1] - first;
-  const double *M = sums.M.data() + first * packedsize(frame.npi), *h = sums.h.data() + first * npi;
+  const auto widened = [](const Array<float>& values, std::size_t place, std::size_t n, Array<double>& wide) {
+    fit(wide, n);
+    for (std::size_t i = 0; i < n; ++i) wide[i] = static_cast<double>(values[place + i]);
+    return wide.data();
+  };
+  const std::size_t T = packedsize(frame.npi);
+  const double *M = widened(sums.M, first * T, units * T, work.M),
+               *h = widened(sums.h, first * npi, units * npi, work.h);
   const double *z = moments.z.data() + first * q, *w = moments.w.data() + k * r;
   makeunitframes(frame, k, work.frames);
-  if (!sweepunit(frame, from, work.frames, units, M, h, z, w, work.from)) return false;
+  makecolumns(frame, from, work.frames, units, work.columns);
+  if (!sweepunit(frame, work.columns, units, M, h, z, w, work.from)) return false;
   if (!still) {
     fit(work.res, units * npi);
     carriedresiduals(frame, from, to, work.frames, units, M, h, z, w, work);
-    if (!sweepunit(frame, to, work.frames, units, M, work.res.data(), z, w, work.to)) return false;
+    makecolumns(frame, to, work.frames, units, work.columns);
+    if (!sweepunit(frame, work.columns, units, M, work.res.data(), z, w, work.to)) return false;
   }
   const Sweep &s0 = work.from, &s1 = still ? work.from : work.to;
   const int oq = frame.q, orr = frame.r;
@@ -234,7 +259,7 @@ Nodes makenodes(const Frame& frame) {
 }
 
 RecordSums makesums(const Frame& frame) {
-  return {Array<double>(frame.units2() * packedsize(frame.npi)), Array<double>(frame.units2() * at(frame.npi))};
+  return {Array<float>(frame.units2() * packedsize(frame.npi)), Array<float>(frame.units2() * at(frame.npi))};
 }
 
 void turnnodes(const Frame& frame, const Turn& turn, Nodes& nodes) {
@@ -260,54 +285,76 @@ void turnnodes(const Frame& frame, const Turn& turn, Nodes& nodes) {
   }
 }
 
-bool sweepunit(const Frame& frame, const SphericalPoint& point, const UnitFrames& frames, std::size_t units,
-               const double* M, const double* res, const double* z, const double* w, Sweep& sweep) {
-  const std::size_t npi = at(frame.npi), q = at(frame.q), r = at(frame.r), packed = packedsize(frame.npi);
-  const int oq = frame.q, orr = frame.r, op = frame.npi;
+void makecolumns(const Frame& frame, const SphericalPoint& point, const UnitFrames& frames, std::size_t units,
+                 Array<double>& columns) {
+  const std::size_t npi = at(frame.npi), q = at(frame.q), r = at(frame.r), s = q + r;
+  fit(columns, units * npi * s);
+  const auto multiply = [](std::size_t n, const double* row, const double* A, double* to) {
+    for (std::size_t b = 0; b < n; ++b) {
+      to[b] = 0.0;
+      for (std::size_t a = b; a < n; ++a) to[b] += row[a] * A[a * n + b];
+    }
+  };
+  for (std::size_t j = 0; j < units; ++j)
+    for (std::size_t c = 0; c < npi; ++c) {
+      double* to = columns.data() + (j * npi + c) * s;
+      multiply(q, frame.Sd.data() + c * q, point.A.data(), to);
+      multiply(r, frames.Se.data() + (j * npi + c) * r, point.B.data(), to + q);
+    }
+}
+
+bool sweepunit(const Frame& frame, const Array<double>& columns, std::size_t units, const double* M, const double* res,
+               const double* z, const double* w, Sweep& sweep) {
+  const std::size_t npi = at(frame.npi), q = at(frame.q), r = at(frame.r), s = q + r, packed = packedsize(frame.npi);
   for (Array<double>* array : {&sweep.C2, &sweep.L2, &sweep.P}) fit(*array, units * q * q);
   for (Array<double>* array : {&sweep.slope, &sweep.K}) fit(*array, units * q * r);
   fit(sweep.dz, units * q);
   for (Array<double>* array : {&sweep.C3, &sweep.L3}) fit(*array, r * r);
   fit(sweep.dw, r);
   const std::size_t n = std::max(q, r);
-  fit(sweep.work, npi * (q + r + n) + 3 * n * n + 4 * n * n + n);
+  fit(sweep.work, npi * s + s * (s + 1) / 2 + 2 * n * n + 2 * n * n);
   fit(sweep.right, units * q + r);
-  double* cD = sweep.work.data();  // Sd A, npi by q
-  double* cE = cD + npi * q;       // Se B, npi by r
-  double* through = cE + npi * r;
-  double* H = through + npi * n;
+  double* through = sweep.work.data();
+  double* form = through + npi * s;
+  double* H = form + s * (s + 1) / 2;
   double* H3 = H + n * n;
-  double* X23 = H3 + n * n;
-  double* scratch = X23 + n * n;
-  double* H3cross = scratch + 2 * n * n;
+  double* scratch = H3 + n * n;
   double *g2 = sweep.right.data(), *g3 = g2 + units * q;
+  const Form makeform = formof(npi, s);
   sweep.logdeterminant = 0.0;
-  mulAB(cD, frame.Sd.data(), point.A.data(), op, oq, oq);
   std::fill_n(H3, r * r, 0.0);
   for (std::size_t b = 0; b < r; ++b) {
     H3[b * r + b] = 1.0;
     g3[b] = -w[b];
   }
   for (std::size_t j = 0; j < units; ++j) {
-    mulAB(cE, frames.Se.data() + j * npi * r, point.B.data(), op, orr, orr);
-    sandwich(npi, M + j * packed, cD, q, cD, q, through, H);
-    for (std::size_t a = 0; a < q; ++a) H[a * q + a] += 1.0;
+    const double *C = columns.data() + j * npi * s, *own = res + j * npi;
+    makeform(npi, s, M + j * packed, C, through, form);
+    for (std::size_t a = 0, e = 0; a < q; ++a)
+      for (std::size_t b = 0; b <= a; ++b, ++e) H[a * q + b] = H[b * q + a] = form[e] + (a == b ? 1.0 : 0.0);
     double *C2 = sweep.C2.data() + j * q * q, *slope = sweep.slope.data() + j * q * r;
     if (!invertinformation(q, H, C2, sweep.L2.data() + j * q * q, sweep.logdeterminant, scratch)) return false;
-    sandwich(npi, M + j * packed, cD, q, cE, r, through, X23);
-    sandwich(npi, M + j * packed, cE, r, cE, r, through, H3cross);
-    for (std::size_t i = 0; i < r * r; ++i) H3[i] += H3cross[i];
-    std::fill_n(slope, q * r, 0.0);
-    subAB(slope, C2, X23, oq, orr, oq);
-    addAtB(H3, X23, slope, orr, orr, oq);
+    // X23 stands in the first q places of the rows of level 3.
     for (std::size_t a = 0; a < q; ++a) {
+      for (std::size_t b = 0; b < r; ++b) {
+        const double* X23 = form + (q + b) * (q + b + 1) / 2;
+        double sum = 0.0;
+        for (std::size_t c = 0; c < q; ++c) sum -= C2[a * q + c] * X23[c];
+        slope[a * r + b] = sum;
+      }
       double sum = -z[j * q + a];
-      for (std::size_t c = 0; c < npi; ++c) sum += cD[c * q + a] * res[j * npi + c];
+      for (std::size_t c = 0; c < npi; ++c) sum += C[c * s + a] * own[c];
       g2[j * q + a] = sum;
     }
     for (std::size_t b = 0; b < r; ++b) {
+      const double* row = form + (q + b) * (q + b + 1) / 2;
+      for (std::size_t c = 0; c < r; ++c) {
+        double sum = c <= b ? row[q + c] : form[(q + c) * (q + c + 1) / 2 + q + b];
+        for (std::size_t a = 0; a < q; ++a) sum += row[a] * slope[a * r + c];
+        H3[b * r + c] += sum;
+      }
       double sum = 0.0;
-      for (std::size_t c = 0; c < npi; ++c) sum += cE[c * r + b] * res[j * npi + c];
+      for (std::size_t c = 0; c < npi; ++c) sum += C[c * s + q + b] * own[c];
       for (std::size_t a = 0; a < q; ++a) sum += slope[a * r + b] * g2[j * q + a];
       g3[b] += sum;
     }
@@ -315,15 +362,31 @@ bool sweepunit(const Frame& frame, const SphericalPoint& point, const UnitFrames
   for (std::size_t a = 0; a < r; ++a)
     for (std::size_t b = 0; b < a; ++b) H3[a * r + b] = H3[b * r + a] = 0.5 * (H3[a * r + b] + H3[b * r + a]);
   if (!invertinformation(r, H3, sweep.C3.data(), sweep.L3.data(), sweep.logdeterminant, scratch)) return false;
-  mulAB(sweep.dw.data(), sweep.C3.data(), g3, orr, 1, orr);
+  const double* C3 = sweep.C3.data();
+  double* dw = sweep.dw.data();
+  for (std::size_t a = 0; a < r; ++a) {
+    dw[a] = 0.0;
+    for (std::size_t b = 0; b < r; ++b) dw[a] += C3[a * r + b] * g3[b];
+  }
   for (std::size_t j = 0; j < units; ++j) {
     const double *C2 = sweep.C2.data() + j * q * q, *slope = sweep.slope.data() + j * q * r;
     double *dz = sweep.dz.data() + j * q, *K = sweep.K.data() + j * q * r, *P = sweep.P.data() + j * q * q;
-    mulAB(dz, C2, g2 + j * q, oq, 1, oq);
-    addAB(dz, slope, sweep.dw.data(), oq, 1, orr);
-    mulAB(K, slope, sweep.C3.data(), oq, orr, orr);
-    std::copy_n(C2, q * q, P);
-    addABt(P, K, slope, oq, oq, orr);
+    for (std::size_t a = 0; a < q; ++a) {
+      double sum = 0.0;
+      for (std::size_t b = 0; b < q; ++b) sum += C2[a * q + b] * g2[j * q + b];
+      for (std::size_t b = 0; b < r; ++b) sum += slope[a * r + b] * dw[b];
+      dz[a] = sum;
+      for (std::size_t b = 0; b < r; ++b) {
+        double cell = 0.0;
+        for (std::size_t c = 0; c < r; ++c) cell += slope[a * r + c] * C3[c * r + b];
+        K[a * r + b] = cell;
+      }
+      for (std::size_t b = 0; b < q; ++b) {
+        double cell = C2[a * q + b];
+        for (std::size_t c = 0; c < r; ++c) cell += K[a * r + c] * slope[b * r + c];
+        P[a * q + b] = cell;
+      }
+    }
   }
   return true;
 }

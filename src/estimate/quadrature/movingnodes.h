@@ -29,12 +29,17 @@ struct Nodes {
 Nodes makenodes(const Frame& frame);
 void turnnodes(const Frame& frame, const Turn& turn, Nodes& nodes);
 
-// What an evaluation leaves of the records of each level-2 unit.
+// What an evaluation leaves of the records of each level-2 unit. Nodes alone are placed by it, so that half of the
+// digits do.
 struct RecordSums {
-  Array<double> M;  // J2 by npi(npi+1)/2: sum E[W] x~ x~', packed
-  Array<double> h;  // J2 by npi: sum x~ E[r]
+  Array<float> M;  // J2 by npi(npi+1)/2: sum E[W] x~ x~', packed
+  Array<float> h;  // J2 by npi: sum x~ E[r]
 };
 RecordSums makesums(const Frame& frame);
+
+// The columns of x~ that go with the effects of a level-3 unit at a point: (Sd A, Se B), units by npi by q + r.
+void makecolumns(const Frame& frame, const SphericalPoint& point, const UnitFrames& frames, std::size_t units,
+                 Array<double>& columns);
 
 // One sweep over a level-3 unit.
 struct Sweep {
@@ -46,9 +51,8 @@ struct Sweep {
 };
 // M, res: of each unit, packed npi(npi+1)/2 and npi. False when no covariance comes out, as by numbers that are not
 // finite.
-[[nodiscard]] bool sweepunit(const Frame& frame, const SphericalPoint& point, const UnitFrames& frames,
-                             std::size_t units, const double* M, const double* res, const double* z, const double* w,
-                             Sweep& sweep);
+[[nodiscard]] bool sweepunit(const Frame& frame, const Array<double>& columns, std::size_t units, const double* M,
+                             const double* res, const double* z, const double* w, Sweep& sweep);
 
 // The nodes at another point, from the posterior moments `moments` and the sums of the evaluation at `from`: centres go
 // along by the difference of the sweeps' moves, covariances by that of their factors. At the same point only the guards

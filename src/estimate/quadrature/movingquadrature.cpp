@@ -130,10 +130,11 @@ struct Search {
 
   Run run(int points, const Array<double>& start, Approach approach, int limit, bool last);
   AscentProblem watched(Run& made, AscentProblem problem);
-  Run runlaplace(const Array<double>& start);
+  Run runlaplace(Array<double> start);
   void fill(const Run& made, int points, MovingResult& result) const;
   PointsCheck compare(const Run& before, const Run& after, int next) const;
   void check(const Run& before, int points, MovingResult& result);
+  void laplace(const Array<double>& start, MovingResult& result);
   void given(const Array<double>& start, MovingResult& result);
   void automatic(const Array<double>& start, MovingResult& result);
 };
@@ -177,40 +178,28 @@ Run Search::run(int points, const Array<double>& start, Approach approach, int l
   return made;
 }
 
-Run Search::runlaplace(const Array<double>& start) {
-  constexpr int steppoints = 5, steppointsmanyeffects = 3;  // of the information that steps take
+// First order or sixth. The sixth is not defined where variances are so large that its terms outgrow those of the
+// first: the ascent then begins nearer to 0.
+Run Search::runlaplace(Array<double> start) {
+  constexpr int mosthalvings = 20;
   Run made;
   const Frame& frame = likelihood.frame;
-  if (!makegrids(likelihood.grids, frame.q + frame.r > 2 ? steppointsmanyeffects : steppoints, frame.q, frame.r))
-    return made;
+  const int steppoints = frame.q + frame.r <= 6 ? 3 : 1;  // of the information that steps take: as few as serve
+  if (!makegrids(likelihood.grids, steppoints, frame.q, frame.r)) return made;
   AscentSettings ascent = settings.ascent;
   ascent.iterations = std::max(settings.iterations, 1);
   ascent.fall = settings.laplacefall;
   const AscentProblem problem = watched(made, laplaceascentof(likelihood));
-  made.ascent = climb(problem, ascent, start, Approach::modes);
-  evaluations += made.ascent.evaluations;
-  if (made.ascent.end == AscentEnd::unusable) return made;
-  std::vector<bool> used = heldelements(frame), edge = edgeelements(frame, made.ascent.point);
-  for (std::size_t i = 0; i < used.size(); ++i) used[i] = !used[i] && !edge[i];
-  Array<double> information = laplaceinformation(likelihood, used, made.ascent.there.scale, evaluations);
-  if (!information.empty()) {
-    // The step that is left, by these second derivatives.
-    Evaluation there;
-    AscentProblem free;
-    free.count = problem.count;
-    for (const bool u : used) free.held.push_back(!u);
-    there.score = made.ascent.there.score.copy();
-    there.information = information.copy();
-    there.scale = made.ascent.there.scale.copy();
-    there.reach = made.ascent.there.reach.copy();
-    there.turn = made.ascent.there.turn.copy();
-    const NewtonStep left = newtonstep(free, ascent, there);
-    made.ascent.decrement = left.decrement;
-    if (made.ascent.end == AscentEnd::converged && !(left.least > ascent.definite))
-      made.ascent.end = AscentEnd::notdefinite;
-    made.errors = errorsof(frame, made.ascent.point, settings.outerproducts ? likelihood.current.outer : information);
+  for (int halving = 0; halving <= mosthalvings; ++halving) {
+    made.ascent = climb(problem, ascent, start, Approach::modes);
+    evaluations += made.ascent.evaluations;
+    if (made.ascent.end != AscentEnd::unusable || !likelihood.sixth || brokensource(*likelihood.source)) break;
+    for (std::size_t i = 0; i + at(frame.g) < start.size(); ++i) start[i] *= 0.5;
   }
   made.converged = made.ascent.end == AscentEnd::converged;
+  if (made.ascent.exact)
+    made.errors = errorsof(frame, made.ascent.point,
+                           settings.outerproducts ? likelihood.current.outer : made.ascent.there.information);
   return made;
 }
 
@@ -310,17 +299,32 @@ void Search::check(const Run& before, int points, MovingResult& result) {
                 points, next, result.check.change, 100.0 * result.check.errorchange));
 }
 
-void Search::given(const Array<double>& start, MovingResult& result) {
-  const int points = settings.points;
-  if (points == 1) {
-    fill(runlaplace(start), points, result);
-    if (result.end == MovingEnd::toofewpoints)
-      result.warnings.emplace_back(
-          "WARNING: the Laplace approximation has no maximum that steps could find. Use more quadrature points, or "
-          "AUTO "
-          "in their place.");
+void Search::laplace(const Array<double>& start, MovingResult& result) {
+  const Run made = runlaplace(start.copy());
+  fill(made, 1, result);
+  if (!result.usable && (made.ascent.end == AscentEnd::limit || made.ascent.end == AscentEnd::stopped) &&
+      result.end == MovingEnd::toofewpoints) {
+    result.warnings.emplace_back(
+        "WARNING: the iterations ended where the approximation has no standard errors. Allow more of them.");
     return;
   }
+  if (result.end == MovingEnd::toofewpoints)
+    result.warnings.emplace_back(
+        settings.sixth ? "WARNING: Laplace-6 has no maximum that steps could find. Use adaptive quadrature."
+                       : "WARNING: the Laplace approximation has no maximum that steps could find. Use more quadrature "
+                         "points, or AUTO in their place.");
+  if (!result.usable || !settings.sixth) return;
+  result.laplace = laplacefindings(likelihood);
+  if (result.laplace.largest > settings.sixthsmall)
+    result.warnings.push_back(
+        formatted("WARNING: the terms of the sixth order are not small: they change the log-likelihood of a level-%d "
+                  "unit by %.2f. Compare with adaptive quadrature (AGQ:).",
+                  settings.unitlevel, result.laplace.largest));
+}
+
+void Search::given(const Array<double>& start, MovingResult& result) {
+  const int points = settings.points;
+  if (points == 1) return laplace(start, result);
   const Run first = run(points, start, Approach::modes, settings.iterations, true);
   fill(first, points, result);
   if (result.end == MovingEnd::toofewpoints) {
@@ -384,15 +388,17 @@ MovingResult movingquadrature(const MovingSettings& settings, int npi, int nbeta
   if (std::max(start.q, start.r) > mosteffectsofalevel || toomany(settings, lowest, start.q, start.r)) {
     result.end = MovingEnd::toomanynodes;
     result.warnings.push_back(
-        formatted("WARNING: %d quadrature points for %d effects are more than this program "
-                  "integrates with.",
-                  lowest, start.q + start.r));
+        settings.sixth ? formatted("WARNING: Laplace-6 takes up to %d random effects of a level.", mosteffectsofalevel)
+                       : formatted("WARNING: %d quadrature points for %d effects are more than this program "
+                                   "integrates with.",
+                                   lowest, start.q + start.r));
     return result;
   }
   Search search{settings, observer};
   search.likelihood = makespherical(settings.outcome, npi, nbeta, design, source, start, settings.diagonalpi,
                                     settings.diagonalbeta, settings.threads);
   SphericalLikelihood& likelihood = search.likelihood;
+  likelihood.sixth = settings.sixth;
   if (brokensource(source)) {
     result.end = MovingEnd::nonumbers;
     return result;
@@ -411,16 +417,18 @@ MovingResult movingquadrature(const MovingSettings& settings, int npi, int nbeta
     search.given(point, result);
   }
   if (result.end == MovingEnd::limit || result.end == MovingEnd::stopped)
-    result.warnings.insert(result.warnings.begin(),
-                           "WARNING: the iterations of quadrature ended before they had converged.");
+    result.warnings.insert(result.warnings.begin(), formatted("WARNING: the iterations of %s ended before they had "
+                                                              "converged.",
+                                                              settings.sixth ? "Laplace-6" : "quadrature"));
   if (result.end == MovingEnd::nomaximum)
     result.warnings.insert(
         result.warnings.begin(),
         std::string("WARNING: the likelihood has no finite maximum: it rises as a variance grows without end.") +
             (result.usable ? " The estimates are where its rise had all but ended." : ""));
   if (!result.usable && result.warnings.empty())
-    result.warnings.emplace_back(
-        "WARNING: the likelihood is not a finite number where quadrature begins, or its information has no inverse.");
+    result.warnings.push_back(
+        formatted("WARNING: the likelihood is not a finite number where %s begins, or its information has no inverse.",
+                  settings.sixth ? "Laplace-6" : "quadrature"));
   return result;
 }
 

@@ -3,9 +3,11 @@
 #include <algorithm>
 #include <atomic>
 #include <cmath>
+#include <memory>
 #include <utility>
 
 #include "estimate/likelihood/unitthreads.h"
+#include "estimate/quadrature/sixthorder.h"
 #include "kernel/matrix.h"
 #include "kernel/products.h"
 #include "kernel/sizes.h"
@@ -16,6 +18,8 @@ namespace {
 
 // Of the differences of the gradient, in units of an element's own error. Their error goes with the square.
 constexpr double difference = 0.01;
+// Their modes are exact to 1e-8 of their standard errors: no difference is as small.
+constexpr double differencemodes = 1.0e-16;
 
 // y (p) += M x, M packed.
 void addpacked(std::size_t p, const double* M, const double* x, double factor, double* y) {
@@ -26,63 +30,52 @@ void addpacked(std::size_t p, const double* M, const double* x, double factor, d
     }
 }
 
-// The gradient of one unit at its modes, which `work` holds.
-void unitgradient(const Frame& frame, const SphericalPoint& point, const Level3Records& records, const double* z,
-                  const double* w, ModeWork& work, double* score) {
+// The gradient of one unit at its modes, which `work` holds. `sixth`: null for the first order.
+void unitgradient(const Frame& frame, const Level3Records& records, const double* z, const double* w, ModeWork& work,
+                  const CurvatureRows& rows, const SixthOrder* sixth, double* score) {
   const std::size_t npi = at(frame.npi), q = at(frame.q), r = at(frame.r), g = at(frame.g), units = at(records.units),
                     T = packedsize(frame.npi), P2 = packedsize(frame.q), P3 = packedsize(frame.r);
   const int op = frame.npi, oq = frame.q, orr = frame.r;
   const Sweep& sweep = work.sweep;
-  Array<double> cD(npi * q), cE(units * npi * r), tsum(units * npi), pz(units * q), pw(r), right(r), Q(npi * npi),
-      left(npi * std::max(q, r)), c(npi), hrho(npi), through(npi * std::max(q, r));
-  mulAB(cD.data(), frame.Sd.data(), point.A.data(), op, oq, oq);
-  const double* C3 = sweep.C3.data();
+  const double* cD = rows.cD.data();
+  Array<double> tsum(units * npi), pz(units * q), pw(r), right(r), solved(q), c(npi), product(npi), hrho(npi),
+      through(npi * std::max(q, r));
   for (std::size_t j = 0; j < units; ++j) {
-    double *E = cE.data() + j * npi * r, *t = tsum.data() + j * npi;
-    mulAB(E, work.frames.Se.data() + j * npi * r, point.B.data(), op, orr, orr);
-    const double *P = sweep.P.data() + j * q * q, *K = sweep.K.data() + j * q * r;
-    // Q = (E C3 + 2 D K) E' + D P D', whose form is a_i.
-    mulAB(left.data(), E, C3, op, orr, orr);
-    for (int twice = 0; twice < 2; ++twice) addAB(left.data(), cD.data(), K, op, orr, oq);
-    mulABt(Q.data(), left.data(), E, op, op, orr);
-    mulAB(left.data(), cD.data(), P, op, oq, oq);
-    addABt(Q.data(), left.data(), cD.data(), op, op, oq);
-    for (std::size_t i = records.start[j]; i < records.start[j + 1]; ++i) {
-      const double* x = work.rows.x.data() + i * npi;
-      double a = 0.0;
-      for (std::size_t m = 0; m < npi; ++m) a += x[m] * dot(Q.data() + m * npi, x, npi);
-      const double value = -0.5 * work.densities.D[i] * a;
-      for (std::size_t m = 0; m < npi; ++m) t[m] += value * x[m];
-    }
-    mulAtB(pz.data() + j * q, cD.data(), t, oq, 1, op);  // the right side, for now
-    addAtB(right.data(), E, t, orr, 1, op);
-    addAtB(right.data(), sweep.slope.data() + j * q * r, pz.data() + j * q, orr, 1, oq);
+    double* t = tsum.data() + j * npi;
+    fastestquadratureloops().formsums(work.columnsof(frame, j), rows.form.data() + j * npi * npi, t);
+    if (sixth != nullptr)
+      for (std::size_t m = 0; m < npi; ++m) t[m] += sixth->byeta[j * npi + m];
+    mulAtB(pz.data() + j * q, cD, t, oq, 1, op);  // the right side, for now
+    addAtB(right.data(), rows.L.data() + j * npi * r, t, orr, 1, op);
   }
-  mulAB(pw.data(), C3, right.data(), orr, 1, orr);
+  mulAB(pw.data(), sweep.C3.data(), right.data(), orr, 1, orr);
   for (std::size_t j = 0; j < units; ++j) {
-    const double *E = cE.data() + j * npi * r, *M = work.M.data() + j * T, *h = work.h.data() + j * npi;
-    const double *P = sweep.P.data() + j * q * q, *K = sweep.K.data() + j * q * r;
+    const double *E = rows.E.data() + j * npi * r, *M = work.M.data() + j * T, *h = work.h.data() + j * npi;
     const double *Sx = work.frames.Sx.data() + j * npi * g, *Se = work.frames.Se.data() + j * npi * r;
     double* p = pz.data() + j * q;
-    Array<double> solved(q);
     mulAB(solved.data(), sweep.C2.data() + j * q * q, p, oq, 1, oq);
     addAB(solved.data(), sweep.slope.data() + j * q * r, pw.data(), oq, 1, orr);
     std::copy_n(solved.data(), q, p);
     mulAB(c.data(), E, pw.data(), op, 1, orr);
-    addAB(c.data(), cD.data(), p, op, 1, oq);
+    addAB(c.data(), cD, p, op, 1, oq);
     for (std::size_t m = 0; m < npi; ++m) hrho[m] = h[m] + tsum[j * npi + m];
     addpacked(npi, M, c.data(), -1.0, hrho.data());
     for (std::size_t l = 0; l < g; ++l)
       for (std::size_t m = 0; m < npi; ++m) score[P2 + P3 + l] += Sx[m * g + l] * hrho[m];
-    // One level: rows S (npi by n), modes x, p, and the columns N (npi by n) that M is to meet.
-    const auto level = [&](std::size_t n, const double* S, const double* x, const double* px, const double* N,
-                           double* to) {
+    // One level: rows S (npi by n), modes x, p, the columns `left` (npi by n) of H^-1, and U of the sixth order.
+    const auto level = [&](std::size_t n, const double* S, const double* x, const double* px, const double* left,
+                           const double* U, double* to) {
+      const int order = static_cast<int>(n);
+      through.fill(0.0);
+      if (sixth != nullptr) {
+        mulAB(through.data(), sixth->N.data() + j * npi * npi, left, op, order, op);
+        for (std::size_t i = 0; i < npi * n; ++i) through[i] *= -2.0;
+      }
       for (std::size_t b = 0; b < n; ++b) {
         for (std::size_t m = 0; m < npi; ++m) {
-          c[m] = N[m * n + b];
-          through[m * n + b] = 0.0;
+          c[m] = left[m * n + b] + (U == nullptr ? 0.0 : U[m * n + b]);
+          product[m] = through[m * n + b];
         }
-        Array<double> product(npi);
         addpacked(npi, M, c.data(), 1.0, product.data());
         for (std::size_t m = 0; m < npi; ++m) through[m * n + b] = product[m];
       }
@@ -91,27 +84,67 @@ void unitgradient(const Frame& frame, const SphericalPoint& point, const Level3R
           for (std::size_t m = 0; m < npi; ++m)
             *to += S[m * n + a] * (hrho[m] * x[b] + h[m] * px[b] - through[m * n + b]);
     };
-    mulAB(left.data(), cD.data(), P, op, oq, oq);
-    addABt(left.data(), E, K, op, oq, orr);
-    level(q, frame.Sd.data(), z + j * q, p, left.data(), score);
-    mulAB(left.data(), E, C3, op, orr, orr);
-    addAB(left.data(), cD.data(), K, op, orr, oq);
-    level(r, Se, w, pw.data(), left.data(), score + P2);
+    level(q, frame.Sd.data(), z + j * q, p, rows.left2.data() + j * npi * q,
+          sixth == nullptr ? nullptr : sixth->U2.data() + j * npi * q, score);
+    level(r, Se, w, pw.data(), rows.left3.data() + j * npi * r,
+          sixth == nullptr ? nullptr : sixth->U3.data() + j * npi * r, score + P2);
   }
+}
+
+// Buffers of one thread.
+struct LaplaceWork {
+  CurvatureRows rows;
+  SixthOrder sixth;
+};
+
+// The value of a level-3 unit behind its score (P + 1), at modes that take the place of the trial's. False when there
+// are none or the sixth order has no logarithm.
+bool unitlaplace(SphericalLikelihood& likelihood, const SphericalPoint& there, const Level3Records& records,
+                 double promise, ModeWork& work, LaplaceWork& own, double* score) {
+  const Frame& frame = likelihood.frame;
+  SphericalState& state = likelihood.trial;
+  const std::size_t P = frame.count(), q = at(frame.q), r = at(frame.r), npi = at(frame.npi), T = packedsize(frame.npi);
+  const std::size_t k = at(records.k), first = records.firstunit, units = at(records.units);
+  double *z = state.nodes.z.data() + first * q, *w = state.nodes.w.data() + k * r;
+  if (!jointmodes(frame, there, records, promise, z, w, work)) return false;
+  std::copy_n(work.sweep.C3.data(), r * r, state.nodes.C3.data() + k * r * r);
+  std::copy_n(work.sweep.P.data(), units * q * q, state.nodes.P.data() + first * q * q);
+  std::copy_n(work.sweep.K.data(), units * q * r, state.nodes.K.data() + first * q * r);
+  for (std::size_t e = 0; e < units * T; ++e) state.sums.M[first * T + e] = static_cast<float>(work.M[e]);
+  for (std::size_t e = 0; e < units * npi; ++e) state.sums.h[first * npi + e] = static_cast<float>(work.h[e]);
+  score[P] = work.density - 0.5 * (dot(z, z, units * q) + dot(w, w, r) + work.sweep.logdeterminant);
+  makecurvaturerows(frame, there, units, work, own.rows);
+  if (likelihood.sixth) {
+    if (!makesixthorder(frame, records, z, w, work, own.rows, own.sixth)) return false;
+    score[P] += own.sixth.share;
+    state.shares[k] = own.sixth.share;
+  }
+  unitgradient(frame, records, z, w, work, own.rows, likelihood.sixth ? &own.sixth : nullptr, score);
+  return true;
+}
+
+// The search for modes begins at those of the last accepted point.
+void startatmodes(SphericalLikelihood& likelihood) {
+  const Nodes& from = likelihood.current.nodes;
+  Nodes& to = likelihood.trial.nodes;
+  std::copy(from.z.begin(), from.z.end(), to.z.begin());
+  std::copy(from.w.begin(), from.w.end(), to.w.begin());
 }
 
 }  // namespace
 
-Evaluation evaluatelaplace(SphericalLikelihood& likelihood, const Array<double>& point) {
+Evaluation evaluatelaplace(SphericalLikelihood& likelihood, const Array<double>& point, double promise) {
   const Frame& frame = likelihood.frame;
   SphericalState& state = likelihood.trial;
-  const std::size_t P = frame.count(), q = at(frame.q), r = at(frame.r), npi = at(frame.npi), T = packedsize(frame.npi);
+  const std::size_t P = frame.count();
   const SphericalPoint there = sphericalpoint(frame, point);
   Evaluation evaluation;
   evaluation.value = frame.counts + frame.combinations;
   evaluation.score.reset(P);
   state.point = point.copy();
   state.outer.reset(P * P);
+  if (likelihood.sixth) state.shares.reset(frame.units3());
+  std::vector<LaplaceWork> work(at(likelihood.threads));
   Array<double> values;  // of a batch: score and value of each unit
   bool fine = true;
   std::atomic<bool> found{true};
@@ -119,22 +152,9 @@ Evaluation evaluatelaplace(SphericalLikelihood& likelihood, const Array<double>&
       *likelihood.source, likelihood.threads,
       [&](const std::vector<Level3Records>& batch) { values.reset(batch.size() * (P + 1)); },
       [&](const std::vector<Level3Records>& batch, std::size_t i, int worker) {
-        const Level3Records& records = batch[i];
-        ModeWork& work = likelihood.modework[at(worker)];
-        const std::size_t k = at(records.k), first = records.firstunit, units = at(records.units);
-        double *z = state.nodes.z.data() + first * q, *w = state.nodes.w.data() + k * r,
-               *score = values.data() + i * (P + 1);
-        if (!jointmodes(frame, there, records, z, w, work)) {
+        if (!unitlaplace(likelihood, there, batch[i], promise, likelihood.modework[at(worker)], work[at(worker)],
+                         values.data() + i * (P + 1)))
           found = false;
-          return;
-        }
-        std::copy_n(work.sweep.C3.data(), r * r, state.nodes.C3.data() + k * r * r);
-        std::copy_n(work.sweep.P.data(), units * q * q, state.nodes.P.data() + first * q * q);
-        std::copy_n(work.sweep.K.data(), units * q * r, state.nodes.K.data() + first * q * r);
-        std::copy_n(work.M.data(), units * T, state.sums.M.data() + first * T);
-        std::copy_n(work.h.data(), units * npi, state.sums.h.data() + first * npi);
-        score[P] = work.density - 0.5 * (dot(z, z, units * q) + dot(w, w, r) + work.sweep.logdeterminant);
-        unitgradient(frame, there, records, z, w, work, score);
       },
       [&](const std::vector<Level3Records>& batch) {
         for (std::size_t i = 0; i < batch.size(); ++i) {
@@ -157,55 +177,115 @@ Evaluation evaluatelaplace(SphericalLikelihood& likelihood, const Array<double>&
   return evaluation;
 }
 
+namespace {
+
+// Minus the second derivatives at the last accepted point, by central differences of the gradient; rows of held
+// elements are 0. Not usable when a point around it has no value.
+Evaluation exactinformation(SphericalLikelihood& likelihood, const Array<double>& centre, const Evaluation& there) {
+  const std::size_t P = likelihood.frame.count();
+  const std::vector<bool> held = heldelements(likelihood.frame);
+  Evaluation exact{false,
+                   there.value,
+                   there.score.copy(),
+                   Array<double>(P * P),
+                   there.scale.copy(),
+                   there.reach.copy(),
+                   there.turn.copy()};
+  const auto scoreat = [&](std::size_t element, double step) {
+    Array<double> point = centre.copy();
+    point[element] += step;
+    // The modes of the other side, which come second, lie nearly opposite.
+    const auto begin = [step](const Array<double>& here, Array<double>& beside) {
+      for (std::size_t i = 0; i < here.size(); ++i) beside[i] = step > 0.0 ? here[i] : 2.0 * here[i] - beside[i];
+    };
+    begin(likelihood.current.nodes.z, likelihood.trial.nodes.z);
+    begin(likelihood.current.nodes.w, likelihood.trial.nodes.w);
+    return evaluatelaplace(likelihood, point, differencemodes);
+  };
+  double* H = exact.information.data();
+  for (std::size_t i = 0; i < P; ++i) {
+    if (held[i]) continue;
+    const double step = difference / std::sqrt(there.scale[i]);
+    const Evaluation above = scoreat(i, step), below = scoreat(i, -step);
+    if (!above.usable || !below.usable) return exact;
+    for (std::size_t l = 0; l < P; ++l) H[l * P + i] = (below.score[l] - above.score[l]) / (2.0 * step);
+  }
+  for (std::size_t i = 0; i < P; ++i)
+    for (std::size_t l = 0; l < i; ++l) H[i * P + l] = H[l * P + i] = 0.5 * (H[i * P + l] + H[l * P + i]);
+  exact.usable = true;
+  return exact;
+}
+
+// The information of the steps, and where it was made.
+struct StepInformation {
+  Array<double> point, information, scale;
+  void take(const Array<double>& at, const Evaluation& there) {
+    point = at.copy();
+    information = there.information.copy();
+    scale = there.scale.copy();
+  }
+};
+
+// Whether the information still serves at `point`: the step that is left is short by it, and no element has come to 0
+// or left it.
+bool stillserves(const StepInformation& steps, const AscentProblem& problem, const Array<double>& point,
+                 const Evaluation& there) {
+  constexpr double shortstep = 0.01;  // of the decrement
+  if (steps.point.empty()) return false;
+  for (std::size_t i = 0; i < point.size(); ++i)
+    if ((point[i] == 0.0) != (steps.point[i] == 0.0)) return false;
+  const NewtonStep step = newtonstep(problem, AscentSettings{}, there);
+  return step.least > AscentSettings{}.definite && step.decrement < shortstep;
+}
+
+}  // namespace
+
 AscentProblem laplaceascentof(SphericalLikelihood& likelihood) {
   AscentProblem problem = ascentof(likelihood);
   problem.approaches = false;
-  problem.evaluate = [&likelihood](const Array<double>& point, Approach) {
+  const auto rearrange = problem.rearrange;
+  const auto steps = std::make_shared<StepInformation>();
+  problem.rearrange = [steps, rearrange](Array<double>& point) {
+    if (!rearrange(point)) return false;
+    steps->point.reset(0);
+    return true;
+  };
+  AscentProblem held;
+  held.count = problem.count;
+  held.held = problem.held;
+  problem.evaluate = [&likelihood, steps, held](const Array<double>& point, Approach) {
     SphericalState& trial = likelihood.trial;
-    std::copy(likelihood.current.nodes.z.begin(), likelihood.current.nodes.z.end(), trial.nodes.z.begin());
-    std::copy(likelihood.current.nodes.w.begin(), likelihood.current.nodes.w.end(), trial.nodes.w.begin());
+    startatmodes(likelihood);
     Evaluation laplace = evaluatelaplace(likelihood, point);
     if (!laplace.usable) return laplace;
+    if (!steps->point.empty()) {
+      laplace.information = steps->information.copy();
+      laplace.scale = steps->scale.copy();
+      setreach(likelihood.frame, point, likelihood.current.curvature, laplace);
+      if (stillserves(*steps, held, point, laplace)) {
+        trial.curvature = likelihood.current.curvature.copy();
+        return laplace;
+      }
+    }
     // The quadrature leaves its moments in the place of the modes.
     Nodes modes = trial.nodes.copy();
     RecordSums sums{trial.sums.M.copy(), trial.sums.h.copy()};
     Array<double> outer = trial.outer.copy();
-    Evaluation steps = evaluatespherical(likelihood, point);
+    Evaluation quadrature = evaluatespherical(likelihood, point);
     trial.nodes = std::move(modes);
     trial.sums = std::move(sums);
     trial.outer = std::move(outer);
-    steps.value = laplace.value;
-    steps.score = std::move(laplace.score);
-    return steps;
+    quadrature.value = laplace.value;
+    quadrature.score = std::move(laplace.score);
+    steps->take(point, quadrature);
+    return quadrature;
+  };
+  problem.exact = [&likelihood, steps](const Array<double>& point, const Evaluation& there) {
+    Evaluation exact = exactinformation(likelihood, point, there);
+    if (exact.usable) steps->take(point, exact);
+    return exact;
   };
   return problem;
-}
-
-Array<double> laplaceinformation(SphericalLikelihood& likelihood, const std::vector<bool>& used,
-                                 const Array<double>& scale, int& evaluations) {
-  const std::size_t P = likelihood.frame.count();
-  Array<double> information(P * P);
-  const auto scoreat = [&](std::size_t element, double step) {
-    Array<double> point = likelihood.current.point.copy();
-    point[element] += step;
-    SphericalState& trial = likelihood.trial;
-    std::copy(likelihood.current.nodes.z.begin(), likelihood.current.nodes.z.end(), trial.nodes.z.begin());
-    std::copy(likelihood.current.nodes.w.begin(), likelihood.current.nodes.w.end(), trial.nodes.w.begin());
-    ++evaluations;
-    return evaluatelaplace(likelihood, point);
-  };
-  for (std::size_t i = 0; i < P; ++i) {
-    if (!used[i]) continue;
-    const double step = difference / std::sqrt(scale[i]);
-    const Evaluation above = scoreat(i, step), below = scoreat(i, -step);
-    if (!above.usable || !below.usable) return {};
-    for (std::size_t l = 0; l < P; ++l)
-      if (used[l]) information[l * P + i] = (below.score[l] - above.score[l]) / (2.0 * step);
-  }
-  for (std::size_t i = 0; i < P; ++i)
-    for (std::size_t l = 0; l < i; ++l)
-      information[i * P + l] = information[l * P + i] = 0.5 * (information[i * P + l] + information[l * P + i]);
-  return information;
 }
 
 }  // namespace kdr

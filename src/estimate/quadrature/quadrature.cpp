@@ -85,10 +85,6 @@ void removeheld(const std::vector<std::size_t>& held, std::size_t P, double* g, 
   }
 }
 
-double logcombinations(double n, double y) {
-  return std::lgamma(n + 1.0) - std::lgamma(y + 1.0) - std::lgamma(n - y + 1.0);
-}
-
 // The log-likelihood as a function of a point, around the adaptation that stands.
 struct QuadratureLikelihood {
   const QuadratureSettings& settings;
@@ -322,9 +318,8 @@ bool countdata(QuadratureData& data) {
   data.records = data.units2 = data.units3 = data.counts = data.combinations = 0.0;
   const Family outcome = data.model->outcome;
   data.source->rewind(data.source->state);
-  std::vector<Level3Records> batch;
   for (;;) {
-    data.source->next(data.source->state, batch);
+    const std::vector<Level3Records>& batch = data.source->next(data.source->state);
     if (batch.empty()) return !brokensource(*data.source);
     for (const Level3Records& unit : batch) {
       const std::size_t records = unit.start[at(unit.units)];
@@ -355,10 +350,9 @@ QuadratureWalk walk(QuadratureData& data, const Parameters& parameters, const Ad
   }
   if (data.work.empty()) data.work.resize(at(std::max(data.threads, 1)));
   BatchResults results{P, {}, {}, {}, {}};
-  std::vector<Level3Records> batch;
   data.source->rewind(data.source->state);
   for (;;) {
-    data.source->next(data.source->state, batch);
+    const std::vector<Level3Records>& batch = data.source->next(data.source->state);
     if (batch.empty() && brokensource(*data.source)) {
       sums.failure = EngineFailure::data;
       return sums;

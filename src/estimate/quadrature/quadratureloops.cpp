@@ -158,102 +158,216 @@ void poisson(const NodePairs& a) {
   }
 }
 
-// Densities that have no floor, and their moments. Each takes its four nodes through all records, with the sums in
-// registers: N columns of x where the compiler knows their number, else 0 and the gradient in memory.
-template <int D, int N>
-struct NodeSums {
-  const NodePairs& a;
-  const std::size_t p;
-  Lane node[D > 0 ? D : 1];
-  Lane gradient[N > 0 ? N : 1];
+// Densities of a unit whose linear predictor is a sum of a part for each dimension of the nodes. The exponential of the
+// sum is the product of theirs, so that exponentials are taken of records, dimensions and points, not of pairs of
+// nodes. Each density takes its four nodes through all records, with the sums in registers: N columns of x and their
+// products where the compiler knows the number, else 0 and the sums in memory.
+constexpr double largestpart = 345.0;  // of eta at the centres, and of all dimensions: exponentials stay numbers
 
-  NodeSums(const NodePairs& pairs, std::size_t first) : a(pairs), p(first) {
-    for (int d = 0; d < D; ++d) node[d] = load(a.nodes + static_cast<std::size_t>(d) * a.pairs + p);
-    for (int c = 0; c < N; ++c) gradient[c] = all(0.0);
+template <int N>
+struct NodeSums {
+  const UnitNodes& a;
+  const std::size_t p;
+  Lane gradient[N > 0 ? N : 1];
+  Lane products[N > 0 ? N*(N + 1) / 2 : 1];
+
+  NodeSums(const UnitNodes& nodes, std::size_t first) : a(nodes), p(first) {
+    for (Lane& value : gradient) value = all(0.0);
+    for (Lane& value : products) value = all(0.0);
     if constexpr (N == 0)
-      for (std::size_t c = 0; c < a.npi; ++c) store(a.gradient + c * a.pairs + p, all(0.0));
-  }
-  Lane eta(std::size_t i) const {
-    if constexpr (D == 0) {
-      return limited(predictor<0>(a, i, p, a.fixed[i]));
-    } else {
-      Lane sum = all(a.fixed[i]);
-      for (int d = 0; d < D; ++d) sum += a.rows[i * D + static_cast<std::size_t>(d)] * node[d];
-      return limited(sum);
-    }
+      for (std::size_t c = 0; c < a.npi; ++c) store(a.gradient + c * a.stride + p, all(0.0));
   }
   void add(std::size_t i, Lane weight, Lane residual) {
-    store(a.weights + i * a.pairs + p, weight);
     if constexpr (N == 0) {
-      addgradient(a, i, p, residual);
+      store(a.weights + i * a.stride + p, weight);
+      for (std::size_t c = 0; c < a.npi; ++c) {
+        double* g = a.gradient + c * a.stride + p;
+        store(g, load(g) + a.x[i * a.npi + c] * residual);
+      }
     } else {
-      for (int c = 0; c < N; ++c) gradient[c] += a.x[i * N + static_cast<std::size_t>(c)] * residual;
+      const double* x = a.x + i * N;
+      for (int c = 0, e = 0; c < N; ++c) {
+        gradient[c] += x[c] * residual;
+        const Lane weighted = x[c] * weight;
+        for (int d = 0; d <= c; ++d, ++e) products[e] += x[d] * weighted;
+      }
     }
   }
   void finish(Lane logdensity) {
     store(a.logdensity + p, logdensity);
-    for (int c = 0; c < N; ++c) store(a.gradient + static_cast<std::size_t>(c) * a.pairs + p, gradient[c]);
+    if constexpr (N > 0) {
+      for (int c = 0; c < N; ++c) store(a.gradient + static_cast<std::size_t>(c) * a.stride + p, gradient[c]);
+      for (int e = 0; e < N * (N + 1) / 2; ++e)
+        store(a.weights + static_cast<std::size_t>(e) * a.stride + p, products[e]);
+    }
   }
 };
 
-// A binary outcome. With t = s eta and e = exp(-|t|), which is never above 1: l = min(t, 0) - log(1 + e). The logarithm
-// is taken of products of 1 + e, which lie between 1 and 2.
-template <int D, int N>
-void exactbernoulli(const NodePairs& a) {
-  constexpr std::size_t perproduct = 1000;
-  for (std::size_t p = 0; p < a.pairs; p += nodestep) {
-    NodeSums<D, N> sums(a, p);
-    Lane logdensity = all(0.0);
-    for (std::size_t first = 0; first < a.records; first += perproduct) {
-      const std::size_t last = first + perproduct < a.records ? first + perproduct : a.records;
-      Lane product = all(1.0);
-      for (std::size_t i = first; i < last; ++i) {
-        const double sign = a.y[i] == 1.0 ? 1.0 : -1.0;
-        const Lane t = sign * sums.eta(i);
-        const Lane e = exponential(-larger(t, -t));
-        const Lane sum = 1.0 + e, inverse = 1.0 / sum;
-        product *= sum;
-        logdensity += smaller(t, all(0.0));
-        sums.add(i, e * inverse * inverse, sign * ((t < 0.0 ? all(1.0) : e) * inverse));
+inline Lane held(Lane value, double limit) { return larger(smaller(value, all(limit)), all(-limit)); }
+
+// to[t] := exp(c line[t]) for one dimension, 1 behind the points. The points lie symmetrically about 0.
+inline void dimension(const UnitNodes& a, double c, double limit, double* to) {
+  if (a.points < nodestep) {
+    store(to, exponential(held(c * load(a.line), limit)));
+    return;
+  }
+  const std::size_t half = (a.points + 1) / 2;
+  for (std::size_t t = 0; t < half; t += nodestep) {
+    const Lane e = exponential(held(c * load(a.line + t), limit)), inverse = 1.0 / e;
+    store(to + (a.points - nodestep - t), __builtin_shufflevector(inverse, inverse, 3, 2, 1, 0));
+    store(to + t, e);
+  }
+  for (std::size_t t = a.points; t < a.linestride; ++t) to[t] = 1.0;
+}
+
+// to[m] := the product over `dims` dimensions of values[d][digits[d][m]].
+inline void tensor(const UnitNodes& a, const double* values, std::size_t dims, const unsigned char* digits,
+                   std::size_t digitstride, std::size_t first, std::size_t n, double* to) {
+  for (std::size_t m = 0; m < n; ++m) {
+    double product = values[digits[first + m]];
+    for (std::size_t d = 1; d < dims; ++d) product *= values[d * a.linestride + digits[d * digitstride + first + m]];
+    to[m] = product;
+  }
+}
+// The same for all level-2 nodes, whose first dimension's point changes fastest.
+inline void wholetensor(const UnitNodes& a, const double* values, double* to) {
+  for (std::size_t first = 0; first < a.nodes2; first += a.points) {
+    double factor = 1.0;
+    for (std::size_t d = 1; d < a.dims2; ++d) factor *= values[d * a.linestride + a.digits2[d * a.nodes2 + first]];
+    for (std::size_t t = 0; t < a.points; t += nodestep) store(to + first + t, factor * load(values + t));
+  }
+  for (std::size_t l = a.nodes2; l < a.length; ++l) to[l] = 1.0;
+}
+
+// linear[m] := start + the sum over dimensions of values[d][digits[d][m]].
+inline void linearpart(const UnitNodes& a, const double* values, std::size_t dims, const unsigned char* digits,
+                       std::size_t digitstride, std::size_t first, std::size_t n, double start, double* linear) {
+  for (std::size_t m = 0; m < n; ++m) {
+    linear[m] = start;
+    for (std::size_t d = 0; d < dims; ++d) linear[m] += values[d * a.linestride + digits[d * digitstride + first + m]];
+  }
+}
+
+// outer[i][m] inner[i][l] := exp(s_i eta_i), s_i = -1 for y_i = 1 if `binary`, else 1; linear[m] + linear[l] := sum_i
+// y_i eta_i if not. No exponent is larger than what is returned.
+inline double exponentialparts(const UnitNodes& a, bool binary) {
+  const std::size_t dims = a.dims3 + a.dims2;
+  double *e = a.work, *sums = e + dims * a.linestride, *before = sums + dims * a.linestride, *product = before + dims,
+         *starts = product + a.outerstride;
+  const double limit = largestpart / static_cast<double>(dims);
+  double sum = 0.0, largest = 0.0, widest = 0.0;
+  for (std::size_t t = 0; t < dims * a.linestride; ++t) sums[t] = 0.0;
+  for (std::size_t i = 0; i < a.records; ++i) {
+    starts[i] = binary && a.y[i] == 1.0 ? -a.fixed[i] : a.fixed[i];
+    starts[i] = starts[i] > largestpart ? largestpart : starts[i] < -largestpart ? -largestpart : starts[i];
+    largest = starts[i] > largest ? starts[i] : largest;
+    sum += a.y[i] * starts[i];
+  }
+  for (std::size_t i = a.records; i % nodestep != 0; ++i) starts[i] = 0.0;
+  for (std::size_t i = 0; i < a.records; i += nodestep) store(starts + i, exponential(load(starts + i)));
+  for (std::size_t i = 0; i < a.records; ++i) {
+    const double sign = binary && a.y[i] == 1.0 ? -1.0 : 1.0;
+    double *outer = a.outer + i * a.outerstride, *inner = a.inner + i * a.length, width = 0.0;
+    bool same3 = i > 0, same2 = i > 0;
+    for (std::size_t d = 0; d < dims; ++d) {
+      const double given = a.rows[i * dims + d], c = sign * given, far = (c < 0.0 ? -c : c) * a.line[0];
+      width += far < limit ? far : limit;
+      if (!binary)
+        for (std::size_t t = 0; t < a.points; t += nodestep) {
+          double* to = sums + d * a.linestride + t;
+          store(to, load(to) + a.y[i] * held(c * load(a.line + t), limit));
+        }
+      if (i > 0 && c == before[d]) continue;
+      (d < a.dims3 ? same3 : same2) = false;
+      double* values = e + d * a.linestride;
+      if (i > 0 && c == -before[d]) {  // the same from the other end
+        for (std::size_t t = 0; t < a.points / 2; ++t) {
+          const double first = values[t];
+          values[t] = values[a.points - 1 - t];
+          values[a.points - 1 - t] = first;
+        }
+      } else {
+        dimension(a, c, limit, values);
       }
-      logdensity -= logarithm(product);
+      before[d] = c;
     }
-    sums.finish(logdensity);
+    widest = width > widest ? width : widest;
+    if (!same3) tensor(a, e, a.dims3, a.digits3, a.nodes3, a.first, a.segments, product);
+    for (std::size_t m = 0; m < a.segments; ++m) outer[m] = starts[i] * product[m];
+    if (same2) {
+      for (std::size_t l = 0; l < a.length; l += nodestep) store(inner + l, load(inner - a.length + l));
+    } else {
+      wholetensor(a, e + a.dims3 * a.linestride, inner);
+    }
   }
+  if (!binary) {
+    linearpart(a, sums, a.dims3, a.digits3, a.nodes3, a.first, a.segments, sum, a.linear);
+    linearpart(a, sums + a.dims3 * a.linestride, a.dims2, a.digits2, a.nodes2, 0, a.nodes2, 0.0,
+               a.linear + a.outerstride);
+    for (std::size_t l = a.nodes2; l < a.length; ++l) a.linear[a.outerstride + l] = 0.0;
+  }
+  return largest + widest;
 }
 
-// y successes in n trials, in the same way: l = y eta - n (max(eta, 0) + log(1 + e)).
-template <int D, int N>
-void exactbinomial(const NodePairs& a) {
-  for (std::size_t p = 0; p < a.pairs; p += nodestep) {
-    NodeSums<D, N> sums(a, p);
-    Lane logdensity = all(0.0);
-    for (std::size_t i = 0; i < a.records; ++i) {
-      const double y = a.y[i], n = a.n == nullptr ? 1.0 : a.n[i];
-      const Lane eta = sums.eta(i);
-      const Lane e = exponential(-larger(eta, -eta));
-      const Lane sum = 1.0 + e, inverse = 1.0 / sum;
-      logdensity += y * eta - n * (larger(eta, all(0.0)) + logarithm(sum));
-      sums.add(i, n * (e * inverse * inverse), y - n * ((eta < 0.0 ? e : all(1.0)) * inverse));
+// A binary outcome. With s = 1 for y = 1, else -1, and e = exp(-s eta): l = -log(1 + e), of products of 1 + e, r = s e
+// / (1 + e), w = e / (1 + e)^2.
+template <int N>
+void exactbernoulli(const UnitNodes& a) {
+  const double room = 700.0 / (exponentialparts(a, true) + 0.7);
+  const std::size_t perproduct = room < 1000.0 ? static_cast<std::size_t>(room) : 1000;
+  for (std::size_t m = 0, p = 0; m < a.segments; ++m)
+    for (std::size_t l = 0; l < a.length; l += nodestep, p += nodestep) {
+      NodeSums<N> sums(a, p);
+      Lane logdensity = all(0.0);
+      for (std::size_t first = 0; first < a.records; first += perproduct) {
+        const std::size_t last = first + perproduct < a.records ? first + perproduct : a.records;
+        Lane product = all(1.0);
+        for (std::size_t i = first; i < last; ++i) {
+          const Lane e = a.outer[i * a.outerstride + m] * load(a.inner + i * a.length + l);
+          const Lane sum = 1.0 + e, inverse = 1.0 / sum, other = e * inverse;
+          product *= sum;
+          sums.add(i, other * inverse, (2.0 * a.y[i] - 1.0) * other);
+        }
+        logdensity -= logarithm(product);
+      }
+      sums.finish(logdensity);
     }
-    sums.finish(logdensity);
-  }
 }
 
-template <int D, int N>
-void exactpoisson(const NodePairs& a) {
-  for (std::size_t p = 0; p < a.pairs; p += nodestep) {
-    NodeSums<D, N> sums(a, p);
-    Lane logdensity = all(0.0);
-    for (std::size_t i = 0; i < a.records; ++i) {
-      const double y = a.y[i];
-      const Lane t = (a.n == nullptr ? 0.0 : a.n[i]) + sums.eta(i);
-      const Lane mu = smaller(exponential(t), all(largestmean));
-      logdensity += y * t - mu;
-      sums.add(i, mu, y - mu);
+// y successes in n trials, e = exp(eta): l = y eta - n log(1 + e), r = y - n e / (1 + e), w = n e / (1 + e)^2.
+template <int N>
+void exactbinomial(const UnitNodes& a) {
+  exponentialparts(a, false);
+  for (std::size_t m = 0, p = 0; m < a.segments; ++m)
+    for (std::size_t l = 0; l < a.length; l += nodestep, p += nodestep) {
+      NodeSums<N> sums(a, p);
+      Lane logdensity = a.linear[m] + load(a.linear + a.outerstride + l);
+      for (std::size_t i = 0; i < a.records; ++i) {
+        const double n = a.n == nullptr ? 1.0 : a.n[i];
+        const Lane e = a.outer[i * a.outerstride + m] * load(a.inner + i * a.length + l);
+        const Lane sum = 1.0 + e, inverse = 1.0 / sum, mean = n * (e * inverse);
+        logdensity -= n * logarithm(sum);
+        sums.add(i, mean * inverse, a.y[i] - mean);
+      }
+      sums.finish(logdensity);
     }
-    sums.finish(logdensity);
-  }
+}
+
+// A count, mu = exp(eta): l = y eta - mu, r = y - mu, w = mu.
+template <int N>
+void exactpoisson(const UnitNodes& a) {
+  exponentialparts(a, false);
+  for (std::size_t m = 0, p = 0; m < a.segments; ++m)
+    for (std::size_t l = 0; l < a.length; l += nodestep, p += nodestep) {
+      NodeSums<N> sums(a, p);
+      Lane total = all(0.0);
+      for (std::size_t i = 0; i < a.records; ++i) {
+        const Lane mu = smaller(a.outer[i * a.outerstride + m] * load(a.inner + i * a.length + l), all(largestmean));
+        total += mu;
+        sums.add(i, mu, a.y[i] - mu);
+      }
+      sums.finish(a.linear[m] + load(a.linear + a.outerstride + l) - total);
+    }
 }
 
 // One or two random effects a level are the daily case and have code of their own.
@@ -270,58 +384,195 @@ void anypoisson(const NodePairs& a) {
   a.dims == 2 ? poisson<2, M>(a) : a.dims == 3 ? poisson<3, M>(a) : poisson<0, M>(a);
 }
 
-// The code for the dimensions and columns at hand: two to four effects and up to four columns have their own.
-using Exact = void (*)(const NodePairs&);
-template <int D>
-struct ExactTable {
-  static constexpr Exact of[3][5] = {
-      {exactbernoulli<D, 0>, exactbernoulli<D, 1>, exactbernoulli<D, 2>, exactbernoulli<D, 3>, exactbernoulli<D, 4>},
-      {exactbinomial<D, 0>, exactbinomial<D, 1>, exactbinomial<D, 2>, exactbinomial<D, 3>, exactbinomial<D, 4>},
-      {exactpoisson<D, 0>, exactpoisson<D, 1>, exactpoisson<D, 2>, exactpoisson<D, 3>, exactpoisson<D, 4>}};
-};
+// Up to three columns have code of their own.
+template <int N>
+void exactof(int kind, const UnitNodes& a) {
+  kind == 0 ? exactbernoulli<N>(a) : kind == 1 ? exactbinomial<N>(a) : exactpoisson<N>(a);
+}
 template <int kind>
-void exact(const NodePairs& a) {
-  const std::size_t n = a.npi <= 4 ? a.npi : 0;
-  switch (a.dims) {
-    case 2:
-      return ExactTable<2>::of[kind][n](a);
-    case 3:
-      return ExactTable<3>::of[kind][n](a);
-    case 4:
-      return ExactTable<4>::of[kind][n](a);
-    default:
-      return ExactTable<0>::of[kind][n](a);
-  }
+void exact(const UnitNodes& a) {
+  static_assert(mostpacked == 3);
+  a.npi == 1   ? exactof<1>(kind, a)
+  : a.npi == 2 ? exactof<2>(kind, a)
+  : a.npi == 3 ? exactof<3>(kind, a)
+               : exactof<0>(kind, a);
 }
 
-// The last places of a segment of four or more are taken with those before them, which the mask leaves out.
-inline Lane tailmask(std::size_t rest) {
-  return Lane{rest > 3 ? 1.0 : 0.0, rest > 2 ? 1.0 : 0.0, rest > 1 ? 1.0 : 0.0, rest > 0 ? 1.0 : 0.0};
+// The sums of the lanes of four lanes.
+inline Lane lanesums(Lane a, Lane b, Lane c, Lane d) {
+  // a0 + a1, b0 + b1, a2 + a3, b2 + b3
+  const Lane ab = __builtin_shufflevector(a, b, 0, 4, 2, 6) + __builtin_shufflevector(a, b, 1, 5, 3, 7);
+  const Lane cd = __builtin_shufflevector(c, d, 0, 4, 2, 6) + __builtin_shufflevector(c, d, 1, 5, 3, 7);
+  return __builtin_shufflevector(ab, cd, 0, 1, 4, 5) + __builtin_shufflevector(ab, cd, 2, 3, 6, 7);
 }
 
-inline double segmentdot(const double* x, const double* y, std::size_t n, Lane mask) {
-  if (n < nodestep) {
-    double sum = 0.0;
-    for (std::size_t l = 0; l < n; ++l) sum += x[l] * y[l];
-    return sum;
+template <int sets>
+inline void addsets(const double* values, const double* weights, std::size_t pairs, std::size_t length, double* sums,
+                    std::size_t setstride) {
+  Lane sum[4] = {};
+  for (std::size_t l = 0; l < length; l += nodestep) {
+    const Lane value = load(values + l);
+    for (int s = 0; s < sets; ++s) sum[s] += value * load(weights + static_cast<std::size_t>(s) * pairs + l);
   }
-  Lane sum = mask * load(x + n - nodestep) * load(y + n - nodestep);
-  for (std::size_t l = 0; l + nodestep <= n; l += nodestep) sum += load(x + l) * load(y + l);
-  return (sum[0] + sum[1]) + (sum[2] + sum[3]);
+  const Lane total = lanesums(sum[0], sum[1], sum[2], sum[3]);
+  for (int s = 0; s < sets; ++s) sums[static_cast<std::size_t>(s) * setstride] = total[s];
 }
 
 void segmentsums(const SegmentSums& a) {
-  const Lane mask = tailmask(a.length % nodestep);
   for (std::size_t i = 0; i < a.rows; ++i) {
-    const double* values = a.values + i * a.pairs;
     const std::size_t sets = a.lower && i + 2 < a.sets ? i + 2 : a.sets;
     for (std::size_t m = 0; m < a.segments; ++m) {
+      const double *values = a.values + i * a.pairs + m * a.length, *weights = a.weights + m * a.length;
       double* sums = a.sums + m * a.stride + i * a.rowstride;
-      for (std::size_t s = 0; s < sets; ++s)
-        sums[s * a.setstride] =
-            segmentdot(values + m * a.length, a.weights + s * a.pairs + m * a.length, a.length, mask);
+      std::size_t s = 0;
+      for (; s + 4 <= sets; s += 4)
+        addsets<4>(values, weights + s * a.pairs, a.pairs, a.length, sums + s * a.setstride, a.setstride);
+      const double* rest = weights + s * a.pairs;
+      double* to = sums + s * a.setstride;
+      if (sets - s == 3) addsets<3>(values, rest, a.pairs, a.length, to, a.setstride);
+      if (sets - s == 2) addsets<2>(values, rest, a.pairs, a.length, to, a.setstride);
+      if (sets - s == 1) addsets<1>(values, rest, a.pairs, a.length, to, a.setstride);
     }
   }
+}
+
+// Four records side by side at one linear predictor each. N columns where the compiler knows the number, else 0 and the
+// sums in memory.
+template <int N, RecordDensity outcome>
+double recordsums(const RecordColumns& a) {
+  constexpr std::size_t perproduct = 1000;  // of factors between 1 and 2
+  constexpr bool counts = outcome == RecordDensity::poisson || outcome == RecordDensity::exposure;
+  constexpr std::size_t known = N > 0 ? N : 1;
+  constexpr std::size_t sums = known + known * (known + 1) / 2;
+  const std::size_t npi = N > 0 ? static_cast<std::size_t>(N) : a.npi, packed = npi * (npi + 1) / 2;
+  Lane own[sums];  // h, M
+  for (Lane& value : own) value = all(0.0);
+  if constexpr (N == 0)
+    for (std::size_t e = 0; e < npi + packed; ++e) store(a.work + e * nodestep, all(0.0));
+  const auto add = [&](std::size_t e, Lane value) {
+    if constexpr (N > 0) {
+      own[e] += value;
+    } else {
+      store(a.work + e * nodestep, load(a.work + e * nodestep) + value);
+    }
+  };
+  Lane logdensity = all(0.0), product = all(1.0);
+  std::size_t factors = 0;
+  for (std::size_t i = 0; i < a.stride; i += nodestep) {
+    const double* columns = a.columns + i;
+    Lane eta = a.coefficients[0] * load(columns);
+    for (std::size_t c = 1; c < npi; ++c) eta += a.coefficients[c] * load(columns + c * a.stride);
+    eta = limited(eta);
+    const Lane y = load(a.y + i), n = load(a.n + i);
+    Lane r, W, D;
+    if constexpr (counts) {
+      if constexpr (outcome == RecordDensity::exposure) eta += load(a.offset + i);
+      const Lane mu = n * smaller(exponential(eta), all(largestmean));
+      logdensity += y * eta - mu;
+      r = y - mu;
+      W = D = mu;
+    } else {
+      const Lane e = exponential(-larger(eta, -eta));
+      const Lane inverse = 1.0 / (1.0 + e), mu = (eta < 0.0 ? e : all(1.0)) * inverse;
+      logdensity += y * eta - n * larger(eta, all(0.0));
+      if constexpr (outcome == RecordDensity::bernoulli) {
+        product *= 1.0 + n * e;
+        if (++factors == perproduct) {
+          logdensity -= logarithm(product);
+          product = all(1.0);
+          factors = 0;
+        }
+      } else {
+        logdensity -= n * logarithm(1.0 + e);
+      }
+      r = y - n * mu;
+      W = n * (e * inverse * inverse);
+      D = W * ((eta < 0.0 ? 1.0 - e : e - 1.0) * inverse);
+    }
+    if (a.D != nullptr) store(a.D + i, D);
+    for (std::size_t c = 0, e = 0; c < npi; ++c) {
+      const Lane x = load(columns + c * a.stride), weighted = x * W;
+      add(c, x * r);
+      for (std::size_t d = 0; d <= c; ++d, ++e) add(npi + e, weighted * load(columns + d * a.stride));
+    }
+  }
+  if constexpr (outcome == RecordDensity::bernoulli) logdensity -= logarithm(product);
+  const auto sum = [](Lane lane) { return (lane[0] + lane[1]) + (lane[2] + lane[3]); };
+  const auto result = [&](std::size_t e) { return sum(N > 0 ? own[e] : load(a.work + e * nodestep)); };
+  for (std::size_t c = 0; c < npi; ++c) a.h[c] = result(c);
+  for (std::size_t e = 0; e < packed; ++e) a.M[e] = result(npi + e);
+  return sum(logdensity);
+}
+template <RecordDensity outcome>
+double anyrecordsums(const RecordColumns& a) {
+  switch (a.npi) {
+    case 1:
+      return recordsums<1, outcome>(a);
+    case 2:
+      return recordsums<2, outcome>(a);
+    case 3:
+      return recordsums<3, outcome>(a);
+    default:
+      return recordsums<0, outcome>(a);
+  }
+}
+
+// t[c] := -1/2 sum_i D_i x_ic x_i'Q x_i.
+void formsums(const RecordColumns& a, const double* Q, double* t) {
+  for (std::size_t c = 0; c < a.npi; ++c) t[c] = 0.0;
+  for (std::size_t i = 0; i < a.stride; i += nodestep) {
+    const double* columns = a.columns + i;
+    Lane form = all(0.0);
+    for (std::size_t c = 0; c < a.npi; ++c) {
+      Lane row = all(0.0);
+      for (std::size_t d = 0; d < a.npi; ++d) row += Q[c * a.npi + d] * load(columns + d * a.stride);
+      form += row * load(columns + c * a.stride);
+    }
+    const Lane value = -0.5 * load(a.D + i) * form;
+    for (std::size_t c = 0; c < a.npi; ++c) {
+      const Lane part = value * load(columns + c * a.stride);
+      t[c] += (part[0] + part[1]) + (part[2] + part[3]);
+    }
+  }
+}
+
+void nodeweights(const NodeWeights& a) {
+  for (std::size_t m = 0; m < a.segments; ++m) {
+    double* logs = a.logs + m * a.length;
+    Lane most = all(-1.0e300);
+    for (std::size_t l = 0; l < a.length; l += nodestep) {
+      Lane squares = all(0.0);
+      for (std::size_t d = 0; d < a.dims; ++d) {
+        const Lane z = load(a.nodes + d * a.stride + m * a.length + l);
+        squares += z * z;
+      }
+      const Lane value = load(logs + l) - 0.5 * squares;
+      most = larger(value, most);
+      store(logs + l, value);
+    }
+    const double first = most[0] > most[1] ? most[0] : most[1], second = most[2] > most[3] ? most[2] : most[3];
+    const double largest = first > second ? first : second;
+    Lane sum = all(0.0);
+    for (std::size_t l = 0; l < a.length; l += nodestep) {
+      const Lane value = load(a.weight + l) * exponential(load(logs + l) - largest);
+      sum += value;
+      store(logs + l, value);
+    }
+    const double total = (sum[0] + sum[1]) + (sum[2] + sum[3]), inverse = 1.0 / total;
+    for (std::size_t l = 0; l < a.length; l += nodestep) store(logs + l, inverse * load(logs + l));
+    a.totals[m] = total;
+    a.largest[m] = largest;
+  }
+  for (std::size_t m = a.segments; m % nodestep != 0; ++m) a.totals[m] = a.largest[m] = 1.0;
+  for (std::size_t m = 0; m < a.segments; m += nodestep)
+    store(a.totals + m, load(a.largest + m) + logarithm(load(a.totals + m)));
+}
+
+void products(const double* a, const double* b, double* to, std::size_t n) {
+  for (std::size_t i = 0; i < n; i += nodestep) store(to + i, load(a + i) * load(b + i));
+}
+void addmultiple(double* sum, const double* values, std::size_t n, double factor) {
+  for (std::size_t i = 0; i < n; i += nodestep) store(sum + i, load(sum + i) + factor * load(values + i));
 }
 
 void exponentials(double* values, std::size_t n) {
@@ -338,7 +589,13 @@ const QuadratureLoops quadratureloops = {
     {anybernoulli<false>, anybinomial<false>, anypoisson<false>, anypoisson<false>},
     {anybernoulli<true>, anybinomial<true>, anypoisson<true>, anypoisson<true>},
     {exact<0>, exact<1>, exact<2>, exact<2>},
+    {anyrecordsums<RecordDensity::bernoulli>, anyrecordsums<RecordDensity::binomial>,
+     anyrecordsums<RecordDensity::poisson>, anyrecordsums<RecordDensity::exposure>},
+    formsums,
     segmentsums,
+    nodeweights,
+    products,
+    addmultiple,
     exponentials,
     logarithms};
 

@@ -11,7 +11,6 @@ namespace kdr {
 
 namespace {
 
-constexpr std::size_t triangle(std::size_t n) { return n * (n + 1) / 2; }
 constexpr std::size_t padded(std::size_t n) { return (n + nodestep - 1) / nodestep * nodestep; }
 
 // Nodes of level 3 are worked in blocks of about this many pairs of a level-3 and a level-2 node.
@@ -117,7 +116,11 @@ struct Statistics {
   std::size_t q, Z;
   std::size_t mean = 0, second, covariance, size;
   Statistics(std::size_t orderq, std::size_t orderz)
-      : q(orderq), Z(orderz), second(orderq), covariance(orderq + triangle(orderq)), size(covariance + triangle(Z)) {}
+      : q(orderq),
+        Z(orderz),
+        second(orderq),
+        covariance(orderq + packedsize(orderq)),
+        size(covariance + packedsize(Z)) {}
 };
 
 // A running sum of terms exp(log of its weight) times a value, whose scale follows the largest weight.
@@ -158,15 +161,15 @@ struct UnitIntegral {
 
   const QuadratureLoops& loops = fastestquadratureloops();
   const std::size_t npi = at(model.npi), nbeta = at(model.nbeta), q = at(model.q), r = at(model.r);
-  const std::size_t P2 = triangle(q), P3 = triangle(r), Z = npi + P2, A = P2 + P3 + nbeta;
+  const std::size_t P2 = packedsize(q), P3 = packedsize(r), Z = npi + P2, A = P2 + P3 + nbeta;
   const std::size_t units = at(records.units), total = records.start[units];
   const std::size_t nodes2 = at(model.grid2.count), nodes3 = at(model.grid3.count);
   const Statistics shape{q, withinformation ? Z : 0};
 
   // Sums over the level-3 nodes, each with its weight, in work.moments: 1, v - vstar (r), its second moments
   // (triangle), a - a of the first node (A), its second moments (triangle).
-  const std::size_t atmean = 1, atsecond = atmean + r, atlevel3 = atsecond + triangle(r), atcross = atlevel3 + A;
-  const std::size_t nmoments = atcross + (withinformation ? triangle(A) : 0);
+  const std::size_t atmean = 1, atsecond = atmean + r, atlevel3 = atsecond + packedsize(r), atcross = atlevel3 + A;
+  const std::size_t nmoments = atcross + (withinformation ? packedsize(A) : 0);
 
   const double* centre3() const { return adaptation.vstar.data() + at(records.k) * r; }
   const double* centre2(std::size_t j) const { return adaptation.ustar.data() + (records.firstunit + j) * q; }
@@ -332,7 +335,7 @@ void UnitIntegral::level2moments(std::size_t j, std::size_t node) {
       const double* other = work.z.data() + b * nodes2;
       double sum = 0.0;
       for (std::size_t m = 0; m < nodes2; ++m) sum += weight[m] * centred[m] * other[m];
-      statistics[shape.second + triangle(a) + b] = sum;
+      statistics[shape.second + packedsize(a) + b] = sum;
     }
   }
   double* level3 = work.level3.data() + node * A;
@@ -351,7 +354,7 @@ void UnitIntegral::level2moments(std::size_t j, std::size_t node) {
       const double* other = z + d * nodes2;
       double sum = 0.0;
       for (std::size_t m = 0; m < nodes2; ++m) sum += weight[m] * centred[m] * other[m];
-      statistics[shape.covariance + triangle(c) + d] = sum;
+      statistics[shape.covariance + packedsize(c) + d] = sum;
     }
   }
   const double* w2 = records.w2.data() + j * nbeta;
@@ -380,7 +383,7 @@ void UnitIntegral::addnode(Scale& scale, std::size_t m, std::size_t node, double
     const double va = work.v[a * nodes3 + m] - centre3()[a];
     sums[atmean + a] += weight * va;
     for (std::size_t b = 0; b <= a; ++b)
-      sums[atsecond + triangle(a) + b] += weight * va * (work.v[b * nodes3 + m] - centre3()[b]);
+      sums[atsecond + packedsize(a) + b] += weight * va * (work.v[b * nodes3 + m] - centre3()[b]);
   }
   double* a = work.level3.data() + node * A;
   double* reference = work.level3.data() + blocksize() * A;
@@ -390,7 +393,7 @@ void UnitIntegral::addnode(Scale& scale, std::size_t m, std::size_t node, double
   addmultiple(sums + atlevel3, a, A, weight);
   addmultiple(work.averages.data(), work.statistics.data() + node * units * shape.size, units * shape.size, weight);
   if (!withinformation) return;
-  for (std::size_t c = 0; c < A; ++c) addmultiple(sums + atcross + triangle(c), a, c + 1, weight * a[c]);
+  for (std::size_t c = 0; c < A; ++c) addmultiple(sums + atcross + packedsize(c), a, c + 1, weight * a[c]);
   addmultiple(work.averageweights.data(), work.recordweights.data() + node * total, total, weight);
 }
 
@@ -423,7 +426,7 @@ void UnitIntegral::renew(Adaptation& next, double sum) {
     for (std::size_t a = 0; a < n; ++a)
       for (std::size_t b = 0; b <= a; ++b)
         covariance[a * n + b] = covariance[b * n + a] =
-            seconds[triangle(a) + b] / sum - (means[a] / sum) * (means[b] / sum);
+            seconds[packedsize(a) + b] / sum - (means[a] / sum) * (means[b] / sum);
   };
   put(r, centre3(), work.moments.data() + atmean, work.moments.data() + atsecond, next.vstar.data() + at(records.k) * r,
       next.C3.data() + at(records.k) * r * r);
@@ -438,8 +441,8 @@ void UnitIntegral::renew(Adaptation& next, double sum) {
 // The weight of tau element `pair` of a matrix: 1/2 on the diagonal, 1 off it.
 double pairweight(std::size_t pair) {
   std::size_t a = 0;
-  while (triangle(a + 1) <= pair) ++a;
-  return pair + 1 == triangle(a + 1) ? 0.5 : 1.0;
+  while (packedsize(a + 1) <= pair) ++a;
+  return pair + 1 == packedsize(a + 1) ? 0.5 : 1.0;
 }
 
 // 2 wt E[t2], 2 wt E[t3], 2 W3' E[beta].
@@ -466,12 +469,12 @@ void UnitIntegral::information(double sum, double* H) {
   const double* cross = work.moments.data() + atcross;
   for (std::size_t c = 0; c < A; ++c)
     for (std::size_t d = 0; d <= c; ++d)
-      N[c * A + d] = (means[c] / sum) * (means[d] / sum) - cross[triangle(c) + d] / sum;
+      N[c * A + d] = (means[c] / sum) * (means[d] / sum) - cross[packedsize(c) + d] / sum;
   for (std::size_t j = 0; j < units; ++j) {
     const double* covariance = work.averages.data() + j * shape.size + shape.covariance;
     const double* w2 = records.w2.data() + j * nbeta;
     for (std::size_t c = 0; c < npi; ++c)
-      for (std::size_t d = 0; d <= c; ++d) X[c * npi + d] = -covariance[triangle(c) + d] / sum;
+      for (std::size_t d = 0; d <= c; ++d) X[c * npi + d] = -covariance[packedsize(c) + d] / sum;
     for (std::size_t i = records.start[j]; i < records.start[j + 1]; ++i) {
       const double* x = records.x.data() + i * npi;
       for (std::size_t c = 0; c < npi; ++c) {
@@ -480,11 +483,11 @@ void UnitIntegral::information(double sum, double* H) {
       }
     }
     for (std::size_t c = 0; c < P2; ++c)
-      for (std::size_t d = 0; d <= c; ++d) N[c * A + d] -= covariance[triangle(npi + c) + npi + d] / sum;
+      for (std::size_t d = 0; d <= c; ++d) N[c * A + d] -= covariance[packedsize(npi + c) + npi + d] / sum;
     for (std::size_t m = 0; m < nbeta; ++m) {
       const std::size_t c = at(design.owner2[m]);
       double* row = N + (P2 + P3 + m) * A;
-      for (std::size_t d = 0; d < P2; ++d) row[d] -= w2[m] * covariance[triangle(npi + d) + c] / sum;
+      for (std::size_t d = 0; d < P2; ++d) row[d] -= w2[m] * covariance[packedsize(npi + d) + c] / sum;
       for (std::size_t n = 0; n <= m; ++n) {
         const std::size_t d = at(design.owner2[n]);
         row[P2 + P3 + n] += w2[m] * w2[n] * X[std::max(c, d) * npi + std::min(c, d)];

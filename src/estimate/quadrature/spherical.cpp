@@ -53,7 +53,7 @@ bool placemodes(SphericalLikelihood& likelihood, const Array<double>& point, Nod
   const bool whole = overunits(*likelihood.source, likelihood.threads, [&](const Level3Records& records, int worker) {
     ModeWork& work = likelihood.modework[at(worker)];
     const std::size_t k = at(records.k), first = records.firstunit, units = at(records.units);
-    if (!jointmodes(frame, there, records, nodes.z.data() + first * q, nodes.w.data() + k * r, work)) {
+    if (!jointmodes(frame, there, records, exactmodes, nodes.z.data() + first * q, nodes.w.data() + k * r, work)) {
       fine = false;
       return;
     }

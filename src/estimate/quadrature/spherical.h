@@ -14,6 +14,7 @@ struct SphericalState {
   RecordSums sums;
   Array<double> outer;      // P squared: sum of the outer products of the units' scores
   Array<double> curvature;  // [q + r]: i_a, the mean information of a unit about a column
+  Array<double> shares;     // [J3] of Laplace-6: log(1 - S), what the sixth order adds to the log-likelihood of a unit
 };
 
 struct SphericalLikelihood {
@@ -21,6 +22,7 @@ struct SphericalLikelihood {
   SphericalGrids grids;
   RecordSource* source = nullptr;
   int threads = 1;
+  bool sixth = false;  // the Laplace approximation takes its terms of the sixth order (onepoint.h)
   SphericalState current, trial;
   std::vector<SphericalWork> work;  // of each thread
   std::vector<ModeWork> modework;

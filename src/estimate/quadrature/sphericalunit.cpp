@@ -50,7 +50,9 @@ struct SphericalIntegral {
   const std::size_t P2 = triangle(q), P3 = triangle(r), Y = npi + P2, P = P2 + P3 + g;
   const std::size_t units = at(records.units), total = records.start[units];
   const std::size_t nodes2 = at(grids.level2.count), nodes3 = at(grids.level3.count);
-  const std::size_t block = std::clamp<std::size_t>(pairsofblock / nodes2, 1, nodes3), pairs = padded(block * nodes2);
+  // Pairs stand level-3 node by level-3 node, with `length` places each; those behind the level-2 nodes get no weight.
+  const std::size_t length = padded(nodes2), points = grids.points;
+  const std::size_t block = std::clamp<std::size_t>(pairsofblock / length, 1, nodes3), pairs = block * length;
   // In a record of statistics: sets of z: (mean, second moments) q rows of q + 1; y: (mean, second moments), Y rows of
   // Y + 1.
   const std::size_t atz = 0, aty = q * (q + 1), statistics = aty + Y * (Y + 1);
@@ -58,8 +60,12 @@ struct SphericalIntegral {
   const std::size_t nw = triangle(1 + r), nz = triangle(1 + q);
   const std::size_t ofz = 0, ofzz = q, ofzw = ofzz + P2, ofh = ofzw + q * r, ofhh = ofh + npi,
                     ofyh = ofhh + triangle(npi) * nw, ofyy = ofyh + P2 * npi * (1 + r), naverages = ofyy + triangle(P2);
-  // Of a record: E[W s s'] for s = (1, z, w).
+  // Of a row of weights: E[W s s'] for s = (1, z, w). A row is an element of sum W x~x~', packed, or where there are
+  // too many of these, the W of a record.
   const std::size_t S = 1 + q + r, nrecord = triangle(S);
+  [[nodiscard]] bool packedrows(std::size_t j) const { return width(j) <= mostpacked; }
+  [[nodiscard]] std::size_t rowsof(std::size_t j) const { return packedrows(j) ? triangle(width(j)) : count(j); }
+  std::size_t rows = 0;
   // Sums over level-3 nodes: 1, w - w*, its second moments, a - a of the first node, its second moments.
   const std::size_t atmean = 1, atsecond = atmean + r, ata = atsecond + P3, atcross = ata + P,
                     nmoments = atcross + triangle(P);
@@ -101,7 +107,7 @@ struct SphericalIntegral {
   bool level2(std::size_t j, std::size_t firstnode, std::size_t nodes);
   void level2statistics(std::size_t j, std::size_t nodes);
   void addnode(std::size_t m, std::size_t node, double logweight);
-  void average(std::size_t node, double weight, const double* w);
+  void average(std::size_t node, double weight, const double* w, const double* offset);
   bool integrate(UnitSums& result);
   void finish(UnitSums& result);
   void unitinformation(std::size_t j, UnitSums& result);
@@ -112,6 +118,9 @@ bool SphericalIntegral::prepare() {
   makeunitframes(frame, at(records.k), work.frames);
   makeunitrows(frame, records, work.rows);
   preparenarrow();
+  work.firstrow.assign(1, 0);
+  for (std::size_t j = 0; j < units; ++j) work.firstrow.push_back(work.firstrow.back() + rowsof(j));
+  rows = work.firstrow.back();
   fit(work.cx, npi);
   fit(work.cD, npi * q);
   fit(work.cE, npi * r);
@@ -120,8 +129,10 @@ bool SphericalIntegral::prepare() {
   fit(work.shift, units * q * r);
   fit(work.L2, units * q * q);
   fit(work.constant, units);
-  fit(work.spread, q * nodes2);
-  fit(work.nodes, (q + r) * pairs);
+  fit(work.spread, q * length);
+  fit(work.linear, padded(block) + length);
+  fit(work.L3, r * r);
+  fit(work.nodes, q * pairs);
   fit(work.offsets, q * pairs);
   fit(work.logdensity, pairs);
   fit(work.gradient, Y * pairs);
@@ -129,14 +140,15 @@ bool SphericalIntegral::prepare() {
   fit(work.sets, (1 + Y) * pairs);
   fit(work.zsets, (1 + q + nz) * pairs);
   fit(work.total, block);
+  fit(work.totals, 2 * padded(block));
   fit(work.statistics, block * units * statistics);
   fit(work.averages, units * naverages);
-  fit(work.recordweights, block * total * nz);
-  fit(work.recordaverages, total * nrecord);
+  fit(work.rowweights, block * rows * nz);
+  fit(work.rowaverages, rows * nrecord);
   fit(work.level3, (block + 1) * P);
   fit(work.moments, nmoments);
   std::fill_n(work.averages.data(), units * naverages, 0.0);
-  std::fill_n(work.recordaverages.data(), total * nrecord, 0.0);
+  std::fill_n(work.rowaverages.data(), rows * nrecord, 0.0);
   std::fill_n(work.moments.data(), nmoments, 0.0);
 
   // Nodes of level 3, and the factors of level 2.
@@ -149,11 +161,13 @@ bool SphericalIntegral::prepare() {
   std::fill_n(work.quad3.data(), nodes3, constant);
   for (std::size_t b = 0; b < r; ++b)
     for (std::size_t m = 0; m < nodes3; ++m) {
-      double w = centre3()[b];
-      for (std::size_t c = 0; c <= b; ++c) w += L3[b * r + c] * M_SQRT2 * grids.level3.x[c * nodes3 + m];
-      work.w[b * nodes3 + m] = w;
+      double offset = 0.0;
+      for (std::size_t c = 0; c <= b; ++c) offset += L3[b * r + c] * M_SQRT2 * grids.level3.x[c * nodes3 + m];
+      work.w[b * nodes3 + m] = offset;
+      const double w = centre3()[b] + offset;
       work.quad3[m] -= 0.5 * w * w;
     }
+  std::copy_n(L3, r * r, work.L3.data());
   invertlower(r, L3, X3);
   for (std::size_t j = 0; j < units; ++j)
     if (!placelevel2(j)) return false;
@@ -169,13 +183,13 @@ void SphericalIntegral::preparenarrow() {
       for (std::size_t l = 0; l < n; ++l) work.identity[n * npi * npi + i * n + l] = i == l ? 1.0 : 0.0;
   for (std::size_t j = 0; j < units; ++j) {
     if (!narrow(j)) continue;
-    const double* rows = work.rows.x.data() + records.start[j] * npi;
+    const double* given = work.rows.x.data() + records.start[j] * npi;
     const int n = static_cast<int>(count(j));
-    mulAB(work.product.data(), rows, Sxof(j), n, frame.g, frame.npi);
+    mulAB(work.product.data(), given, Sxof(j), n, frame.g, frame.npi);
     std::copy_n(work.product.data(), count(j) * g, Sxof(j));
-    mulAB(work.product.data(), rows, Seof(j), n, frame.r, frame.npi);
+    mulAB(work.product.data(), given, Seof(j), n, frame.r, frame.npi);
     std::copy_n(work.product.data(), count(j) * r, Seof(j));
-    mulAB(work.narrowSd.data() + j * npi * q, rows, frame.Sd.data(), n, frame.q, frame.npi);
+    mulAB(work.narrowSd.data() + j * npi * q, given, frame.Sd.data(), n, frame.q, frame.npi);
   }
 }
 
@@ -205,55 +219,64 @@ bool SphericalIntegral::placelevel2(std::size_t j) {
   return true;
 }
 
-// The coordinates of the pairs of a block: level-3 node by level-3 node, within it level-2 node by level-2 node.
+// The offsets of level-2 nodes from their centre, and of all pairs of a block, z there.
 void SphericalIntegral::placepairs(std::size_t j, std::size_t firstnode, std::size_t nodes) {
   const double* L2 = work.L2.data() + j * q * q;
   for (std::size_t a = 0; a < q; ++a) {
-    double* spread = work.spread.data() + a * nodes2;
-    std::fill_n(spread, nodes2, 0.0);
+    double* spread = work.spread.data() + a * length;
+    std::fill_n(spread, length, 0.0);
     for (std::size_t b = 0; b <= a; ++b)
       addmultiple(spread, grids.level2.x.data() + b * nodes2, nodes2, M_SQRT2 * L2[a * q + b]);
-  }
-  for (std::size_t b = 0; b < r; ++b) {
-    double* row = work.nodes.data() + b * pairs;
-    for (std::size_t node = 0; node < nodes; ++node)
-      std::fill_n(row + node * nodes2, nodes2, work.w[b * nodes3 + firstnode + node]);
-    std::fill(row + nodes * nodes2, row + pairs, 0.0);
-  }
-  for (std::size_t a = 0; a < q; ++a) {
-    double *row = work.nodes.data() + (r + a) * pairs, *offsets = work.offsets.data() + a * pairs;
-    const double* spread = work.spread.data() + a * nodes2;
+    double *row = work.nodes.data() + a * pairs, *offsets = work.offsets.data() + a * pairs;
     const double centre = centre2(j)[a];
-    for (std::size_t node = 0; node < nodes; ++node) {
+    for (std::size_t node = 0, p = 0; node < nodes; ++node) {
       double moved = 0.0;
       for (std::size_t b = 0; b < r; ++b)
-        moved += work.shift[(j * q + a) * r + b] * (work.w[b * nodes3 + firstnode + node] - centre3()[b]);
-      for (std::size_t l = 0; l < nodes2; ++l) {
-        const double offset = moved + spread[l];
-        offsets[node * nodes2 + l] = offset;
-        row[node * nodes2 + l] = centre + offset;
+        moved += work.shift[(j * q + a) * r + b] * work.w[b * nodes3 + firstnode + node];
+      for (std::size_t l = 0; l < length; ++l, ++p) {
+        offsets[p] = moved + spread[l];
+        row[p] = centre + offsets[p];
       }
     }
-    std::fill(row + nodes * nodes2, row + pairs, 0.0);
-    std::fill(offsets + nodes * nodes2, offsets + pairs, 0.0);
   }
 }
 
+// Of the records of level-2 unit j: eta at the centres, with the logarithm of an exposure, and what it changes by with
+// the standard normal points of level 3, (Se B + Sd A kappa S) L3, and of level 2, Sd A L2.
 void SphericalIntegral::makerows(std::size_t j) {
   const std::size_t n = width(j), dims = q + r;
   const int order = static_cast<int>(n);
   fit(work.fixed, count(j));
   fit(work.effects, count(j) * dims);
-  fit(work.weights, count(j) * pairs);
+  fit(work.outer, count(j) * padded(block));
+  fit(work.inner, count(j) * length + nodestep);
+  fit(work.parts, dims * (2 * padded(points) + 1) + padded(block) + count(j) + nodestep);
+  fit(work.weights, rowsof(j) * pairs);
   double *cx = work.cx.data(), *cD = work.cD.data(), *cE = work.cE.data();
+  const double *L3 = work.L3.data(), *L2 = work.L2.data() + j * q * q;
   mulAB(cx, Sxof(j), point.g, order, 1, frame.g);
   mulAB(cD, Sdof(j), point.A.data(), order, frame.q, frame.q);
   mulAB(cE, Seof(j), point.B.data(), order, frame.r, frame.r);
+  addAB(cx, cD, centre2(j), order, 1, frame.q);
+  addAB(cx, cE, centre3(), order, 1, frame.r);
+  addAB(cE, cD, work.shift.data() + j * q * r, order, frame.r, frame.q);
+  const auto through = [n](double* C, const double* L, std::size_t columns) {
+    for (std::size_t c = 0; c < n; ++c)
+      for (std::size_t b = 0; b < columns; ++b) {
+        double sum = 0.0;
+        for (std::size_t d = b; d < columns; ++d) sum += C[c * columns + d] * L[d * columns + b];
+        C[c * columns + b] = sum;
+      }
+  };
+  through(cE, L3, r);
+  through(cD, L2, q);
   const double* row = xof(j);
+  const double* logn =
+      frame.outcome == Family::poisson && !records.n.empty() ? work.rows.logn.data() + records.start[j] : nullptr;
   for (std::size_t i = 0; i < count(j); ++i, row += n) {
     double* effects = work.effects.data() + i * dims;
     std::fill_n(effects, dims, 0.0);
-    double sum = 0.0;
+    double sum = logn == nullptr ? 0.0 : logn[i];
     for (std::size_t c = 0; c < n; ++c) {
       sum += row[c] * cx[c];
       for (std::size_t b = 0; b < r; ++b) effects[b] += row[c] * cE[c * r + b];
@@ -268,41 +291,52 @@ void SphericalIntegral::makerows(std::size_t j) {
 bool SphericalIntegral::level2(std::size_t j, std::size_t firstnode, std::size_t nodes) {
   placepairs(j, firstnode, nodes);
   makerows(j);
-  const UnitOutcome outcome = unitoutcome(frame, records, work.rows, j);
-  loops.exact[static_cast<int>(outcome.outcome)](
-      {count(j), width(j), q + r, pairs, xof(j), work.effects.data(), work.fixed.data(), outcome.y, outcome.n,
-       work.nodes.data(), work.logdensity.data(), work.gradient.data(), work.weights.data(), work.product.data()});
-  double* logs = work.logdensity.data();
-  for (std::size_t a = 0; a < q; ++a) {
-    const double* z = work.nodes.data() + (r + a) * pairs;
-    for (std::size_t p = 0; p < pairs; ++p) logs[p] -= 0.5 * z[p] * z[p];
-  }
+  const RecordDensity outcome = densityof(frame, records, j);
+  UnitNodes unit{};
+  unit.records = count(j);
+  unit.npi = width(j);
+  unit.dims3 = r;
+  unit.dims2 = q;
+  unit.points = points;
+  unit.linestride = padded(points);
+  unit.line = grids.line.data();
+  unit.nodes3 = nodes3;
+  unit.nodes2 = nodes2;
+  unit.digits3 = grids.digits3.data();
+  unit.digits2 = grids.digits2.data();
+  unit.first = firstnode;
+  unit.segments = nodes;
+  unit.length = length;
+  unit.outerstride = padded(block);
+  unit.x = xof(j);
+  unit.rows = work.effects.data();
+  unit.fixed = work.fixed.data();
+  unit.y = records.y.data() + records.start[j];
+  unit.n = outcome == RecordDensity::binomial && frame.outcome == Family::binomial && !records.n.empty()
+               ? records.n.data() + records.start[j]
+               : nullptr;
+  unit.stride = pairs;
+  unit.logdensity = work.logdensity.data();
+  unit.gradient = work.gradient.data();
+  unit.weights = work.weights.data();
+  unit.outer = work.outer.data();
+  unit.inner = work.inner.data();
+  unit.linear = work.linear.data();
+  unit.work = work.parts.data();
+  loops.exact[static_cast<int>(outcome)](unit);
+  double* totals = work.totals.data();
+  loops.nodeweights({q, nodes, length, pairs, work.nodes.data(), grids.weight2.data(), work.logdensity.data(), totals,
+                     totals + padded(block)});
   for (std::size_t node = 0; node < nodes; ++node) {
-    double* log = logs + node * nodes2;
-    const double largest = *std::max_element(log, log + nodes2);
-    if (!std::isfinite(largest)) return false;
-    for (std::size_t l = 0; l < nodes2; ++l) log[l] -= largest;
-    work.total[node] += largest + work.constant[j];
-  }
-  std::fill(logs + nodes * nodes2, logs + pairs, 0.0);
-  loops.exponentials(logs, pairs);
-  for (std::size_t node = 0; node < nodes; ++node) {
-    double* weight = logs + node * nodes2;
-    double sum = 0.0;
-    for (std::size_t l = 0; l < nodes2; ++l) {
-      weight[l] *= grids.level2.weight[l];
-      sum += weight[l];
-    }
-    const double inverse = 1.0 / sum;
-    for (std::size_t l = 0; l < nodes2; ++l) weight[l] *= inverse;
-    work.total[node] += logarithm(sum);
+    if (!std::isfinite(totals[node])) return false;
+    work.total[node] += totals[node] + work.constant[j];
   }
   level2statistics(j, nodes);
   return true;
 }
 
 void SphericalIntegral::level2statistics(std::size_t j, std::size_t nodes) {
-  const std::size_t first = records.start[j], n = width(j), used = nodes * nodes2, Yj = n + P2;
+  const std::size_t n = width(j), used = nodes * length, Yj = n + P2;
   const double* Sd = Sdof(j);
   const double* weight = work.logdensity.data();
   const auto row = [this](Array<double>& array, std::size_t i) { return array.data() + i * pairs; };
@@ -311,46 +345,30 @@ void SphericalIntegral::level2statistics(std::size_t j, std::size_t nodes) {
     double* hd = work.product.data();
     std::fill_n(hd, used, 0.0);
     for (std::size_t c = 0; c < n; ++c)
-      if (const double factor = Sd[c * q + a]; factor != 0.0) addmultiple(hd, row(work.gradient, c), used, factor);
-    for (std::size_t b = 0; b <= a; ++b, ++e) {
-      const double* z = row(work.nodes, r + b);
-      double* y = row(work.gradient, e);
-      for (std::size_t p = 0; p < used; ++p) y[p] = hd[p] * z[p];
-    }
+      if (const double factor = Sd[c * q + a]; factor != 0.0)
+        loops.addmultiple(hd, row(work.gradient, c), used, factor);
+    for (std::size_t b = 0; b <= a; ++b, ++e) loops.products(hd, row(work.nodes, b), row(work.gradient, e), used);
   }
   double* statistic = work.statistics.data() + j * statistics;
   const std::size_t stride = units * statistics;
   double* set = work.sets.data();
   std::copy_n(weight, used, set);
-  for (std::size_t a = 0; a < q; ++a) {
-    const double* offset = row(work.offsets, a);
-    double* to = set + (1 + a) * pairs;
-    for (std::size_t p = 0; p < used; ++p) to[p] = weight[p] * offset[p];
-  }
+  for (std::size_t a = 0; a < q; ++a) loops.products(weight, row(work.offsets, a), set + (1 + a) * pairs, used);
   loops.segmentsums(
-      {q, 1 + q, true, pairs, nodes, nodes2, work.offsets.data(), set, statistic + atz, stride, 1 + q, 1});
-  for (std::size_t c = 0; c < Yj; ++c) {
-    const double* y = row(work.gradient, c);
-    double* to = set + (1 + c) * pairs;
-    for (std::size_t p = 0; p < used; ++p) to[p] = weight[p] * y[p];
-  }
+      {q, 1 + q, true, pairs, nodes, length, work.offsets.data(), set, statistic + atz, stride, 1 + q, 1});
+  for (std::size_t c = 0; c < Yj; ++c) loops.products(weight, row(work.gradient, c), set + (1 + c) * pairs, used);
   loops.segmentsums(
-      {Yj, 1 + Yj, true, pairs, nodes, nodes2, work.gradient.data(), set, statistic + aty, stride, 1 + Yj, 1});
-  // The records' weights times (1, z, zz').
+      {Yj, 1 + Yj, true, pairs, nodes, length, work.gradient.data(), set, statistic + aty, stride, 1 + Yj, 1});
+  // The rows of weights times (1, z, zz').
   double* zset = work.zsets.data();
   std::copy_n(weight, used, zset);
   for (std::size_t a = 0, e = 1 + q; a < q; ++a) {
-    const double* z = row(work.nodes, r + a);
     double* to = zset + (1 + a) * pairs;
-    for (std::size_t p = 0; p < used; ++p) to[p] = weight[p] * z[p];
-    for (std::size_t b = 0; b <= a; ++b, ++e) {
-      const double* other = row(work.nodes, r + b);
-      double* product = zset + e * pairs;
-      for (std::size_t p = 0; p < used; ++p) product[p] = to[p] * other[p];
-    }
+    loops.products(weight, row(work.nodes, a), to, used);
+    for (std::size_t b = 0; b <= a; ++b, ++e) loops.products(to, row(work.nodes, b), zset + e * pairs, used);
   }
-  loops.segmentsums({count(j), 1 + q + P2, false, pairs, nodes, nodes2, work.weights.data(), zset,
-                     work.recordweights.data() + first, total * nz, 1, total});
+  loops.segmentsums({rowsof(j), 1 + q + P2, false, pairs, nodes, length, work.weights.data(), zset,
+                     work.rowweights.data() + work.firstrow[j], rows * nz, 1, rows});
   // What the unit adds to a of each node.
   const double *Sx = Sxof(j), *Se = Seof(j);
   for (std::size_t node = 0; node < nodes; ++node) {
@@ -366,8 +384,9 @@ void SphericalIntegral::level2statistics(std::size_t j, std::size_t nodes) {
   }
 }
 
-// The averages of the level-2 units and of their records over the level-3 nodes, one node's share.
-void SphericalIntegral::average(std::size_t node, double weight, const double* w) {
+// The averages of the level-2 units and of their rows of weights over the level-3 nodes, one node's share, at w = w* +
+// offset.
+void SphericalIntegral::average(std::size_t node, double weight, const double* w, const double* offset) {
   double products[66];  // of (1, w), packed
   for (std::size_t s = 0, e = 0; s <= r; ++s)
     for (std::size_t t = 0; t <= s; ++t, ++e)
@@ -380,7 +399,7 @@ void SphericalIntegral::average(std::size_t node, double weight, const double* w
       const double mean = z[a * (1 + q)];
       average[ofz + a] += weight * mean;
       for (std::size_t b = 0; b <= a; ++b) average[ofzz + triangle(a) + b] += weight * z[a * (1 + q) + 1 + b];
-      for (std::size_t b = 0; b < r; ++b) average[ofzw + a * r + b] += weight * mean * (w[b] - centre3()[b]);
+      for (std::size_t b = 0; b < r; ++b) average[ofzw + a * r + b] += weight * mean * offset[b];
     }
     const double* y = statistic + aty;
     const std::size_t n = width(j), Yj = n + P2;
@@ -404,10 +423,10 @@ void SphericalIntegral::average(std::size_t node, double weight, const double* w
       for (std::size_t d = 0; d <= e; ++d) average[ofyy + triangle(e) + d] += weight * covariance(n + e, n + d);
     }
   }
-  // s = (1, z, w), packed; of each element a row of the records.
-  const double* from = work.recordweights.data() + node * total * nz;
+  // s = (1, z, w), packed; of each element all rows of weights.
+  const double* from = work.rowweights.data() + node * rows * nz;
   const auto add = [&](std::size_t s, std::size_t t, std::size_t z, double factor) {
-    addmultiple(work.recordaverages.data() + (triangle(s) + t) * total, from + z * total, total, factor);
+    addmultiple(work.rowaverages.data() + (triangle(s) + t) * rows, from + z * rows, rows, factor);
   };
   for (std::size_t a = 0; a <= q; ++a) {
     add(a, 0, a, weight);
@@ -430,18 +449,20 @@ void SphericalIntegral::addnode(std::size_t m, std::size_t node, double logweigh
     shift = logweight;
     multiply(work.moments.data(), nmoments, rescale);
     multiply(work.averages.data(), units * naverages, rescale);
-    multiply(work.recordaverages.data(), total * nrecord, rescale);
+    multiply(work.rowaverages.data(), rows * nrecord, rescale);
   }
   const double excess = logweight - shift;
   const double weight = grids.level3.weight[m] * (excess < -700.0 ? 0.0 : exponential(excess));
-  double w[10];
-  for (std::size_t b = 0; b < r; ++b) w[b] = work.w[b * nodes3 + m];
+  double w[10], offset[10];
+  for (std::size_t b = 0; b < r; ++b) {
+    offset[b] = work.w[b * nodes3 + m];
+    w[b] = centre3()[b] + offset[b];
+  }
   double* sum = work.moments.data();
   sum[0] += weight;
   for (std::size_t a = 0; a < r; ++a) {
-    const double offset = w[a] - centre3()[a];
-    sum[atmean + a] += weight * offset;
-    for (std::size_t b = 0; b <= a; ++b) sum[atsecond + triangle(a) + b] += weight * offset * (w[b] - centre3()[b]);
+    sum[atmean + a] += weight * offset[a];
+    for (std::size_t b = 0; b <= a; ++b) sum[atsecond + triangle(a) + b] += weight * offset[a] * offset[b];
   }
   double *a = work.level3.data() + node * P, *reference = work.level3.data() + block * P;
   double he[10];
@@ -452,7 +473,7 @@ void SphericalIntegral::addnode(std::size_t m, std::size_t node, double logweigh
   for (std::size_t c = 0; c < P; ++c) a[c] -= reference[c];
   addmultiple(sum + ata, a, P, weight);
   for (std::size_t c = 0; c < P; ++c) addmultiple(sum + atcross + triangle(c), a, c + 1, weight * a[c]);
-  average(node, weight, w);
+  average(node, weight, w, offset);
 }
 
 bool SphericalIntegral::integrate(UnitSums& result) {
@@ -484,12 +505,12 @@ void SphericalIntegral::renew(std::size_t j) {
     for (std::size_t b = 0; b < r; ++b) K[a * r + b] = average[ofzw + a * r + b] - average[ofz + a] * wmean[b];
   }
   for (std::size_t a = 0; a < q; ++a) z[a] += average[ofz + a];
-  double* h = sums.h.data() + unit * npi;
+  const double* h = average + ofh;
   if (narrow(j)) {
-    mulAtB(h, work.rows.x.data() + records.start[j] * npi, average + ofh, frame.npi, 1, static_cast<int>(count(j)));
-  } else {
-    std::copy_n(average + ofh, npi, h);
+    mulAtB(work.cx.data(), work.rows.x.data() + records.start[j] * npi, h, frame.npi, 1, static_cast<int>(count(j)));
+    h = work.cx.data();
   }
+  for (std::size_t c = 0; c < npi; ++c) sums.h[unit * npi + c] = static_cast<float>(h[c]);
 }
 
 // Adds what level-2 unit j gives to the information: sandwiches of N_st = sum_i E[W s t] x~x~' - E[s t Cov(h, h | w)]
@@ -502,28 +523,33 @@ void SphericalIntegral::unitinformation(std::size_t j, UnitSums& result) {
   double* M = work.information.data();  // nrecord by T
   double* through = M + nrecord * T;
   double* full = through + npi * std::max({g, r, q});
-  std::fill_n(M, nrecord * T, 0.0);
-  const double* row = xof(j);
-  for (std::size_t i = 0; i < count(j); ++i, row += n) {
-    const double* W = work.recordaverages.data() + records.start[j] + i;
-    for (std::size_t c = 0, e = 0; c < n; ++c)
-      for (std::size_t d = 0; d <= c; ++d, ++e) {
-        const double product = row[c] * row[d];
-        if (product == 0.0) continue;
-        for (std::size_t s = 0; s < nrecord; ++s) M[s * T + e] += W[s * total] * product;
-      }
-  }
-  double* kept = sums.M.data() + unit * whole;
-  if (narrow(j)) {
-    std::fill_n(kept, whole, 0.0);
-    for (std::size_t i = records.start[j]; i < records.start[j + 1]; ++i) {
-      const double* x = work.rows.x.data() + i * npi;
-      for (std::size_t c = 0, e = 0; c < npi; ++c)
-        for (std::size_t d = 0; d <= c; ++d, ++e) kept[e] += work.recordaverages[i] * x[c] * x[d];
-    }
+  const double* W = work.rowaverages.data() + work.firstrow[j];
+  if (packedrows(j)) {
+    for (std::size_t s = 0; s < nrecord; ++s) std::copy_n(W + s * rows, T, M + s * T);
   } else {
-    std::copy_n(M, T, kept);
+    std::fill_n(M, nrecord * T, 0.0);
+    const double* row = xof(j);
+    for (std::size_t i = 0; i < count(j); ++i, row += n)
+      for (std::size_t c = 0, e = 0; c < n; ++c)
+        for (std::size_t d = 0; d <= c; ++d, ++e) {
+          const double product = row[c] * row[d];
+          if (product == 0.0) continue;
+          for (std::size_t s = 0; s < nrecord; ++s) M[s * T + e] += W[s * rows + i] * product;
+        }
   }
+  const double* kept = M;
+  if (narrow(j)) {
+    fit(work.narrowM, whole);
+    std::fill_n(work.narrowM.data(), whole, 0.0);
+    for (std::size_t i = 0; i < count(j); ++i) {
+      const double* x = work.rows.x.data() + (records.start[j] + i) * npi;
+      const double weight = W[packedrows(j) ? triangle(i) + i : i];
+      for (std::size_t c = 0, e = 0; c < npi; ++c)
+        for (std::size_t d = 0; d <= c; ++d, ++e) work.narrowM[e] += weight * x[c] * x[d];
+    }
+    kept = work.narrowM.data();
+  }
+  for (std::size_t e = 0; e < whole; ++e) sums.M[unit * whole + e] = static_cast<float>(kept[e]);
   double* H = result.information;
   const auto packed = [&](std::size_t s, std::size_t t) { return M + pairplace(s, t) * T; };
   // value of u' M v for columns u of X (stride n) and v of Y (stride m).
@@ -609,7 +635,7 @@ void SphericalIntegral::finish(UnitSums& result) {
   const double inverse = 1.0 / work.moments[0];
   multiply(work.moments.data() + 1, nmoments - 1, inverse);
   multiply(work.averages.data(), units * naverages, inverse);
-  multiply(work.recordaverages.data(), total * nrecord, inverse);
+  multiply(work.rowaverages.data(), rows * nrecord, inverse);
   const double *mean = work.moments.data() + ata, *cross = work.moments.data() + atcross;
   const double* reference = work.level3.data() + block * P;
   std::fill_n(result.curvature, q + r, 0.0);
@@ -637,16 +663,33 @@ bool makegrids(SphericalGrids& grids, int points, int q, int r) {
   const double perdimension = -0.5 * std::log(M_PI);
   grids.constant2 = q * perdimension;
   grids.constant3 = r * perdimension;
-  if (points != 1) return makegrid(grids.level2, points, q) && makegrid(grids.level3, points, r);
-  const auto centre = [](NodeGrid& grid, int dims) {
-    grid.dims = dims;
-    grid.count = 1;
-    grid.x.reset(at(dims));
-    grid.weight.reset(1);
-    grid.weight[0] = std::pow(M_PI, 0.5 * dims);
+  grids.points = at(points);
+  grids.line.reset(padded(at(points)));
+  if (points != 1) {
+    if (!makegrid(grids.level2, points, q) || !makegrid(grids.level3, points, r)) return false;
+    // The first dimension's point changes fastest.
+    for (std::size_t t = 0; t < at(points); ++t) grids.line[t] = M_SQRT2 * grids.level2.x[t];
+  } else {
+    const auto centre = [](NodeGrid& grid, int dims) {
+      grid.dims = dims;
+      grid.count = 1;
+      grid.x.reset(at(dims));
+      grid.weight.reset(1);
+      grid.weight[0] = std::pow(M_PI, 0.5 * dims);
+    };
+    centre(grids.level2, q);
+    centre(grids.level3, r);
+  }
+  grids.weight2.reset(padded(at(grids.level2.count)));
+  std::copy_n(grids.level2.weight.data(), grids.level2.count, grids.weight2.data());
+  const auto digits = [points](const NodeGrid& grid, std::vector<unsigned char>& list) {
+    list.resize(at(grid.dims) * at(grid.count));
+    for (int m = 0; m < grid.count; ++m)
+      for (int d = 0, rest = m; d < grid.dims; ++d, rest /= points)
+        list[at(d) * at(grid.count) + at(m)] = static_cast<unsigned char>(rest % points);
   };
-  centre(grids.level2, q);
-  centre(grids.level3, r);
+  digits(grids.level2, grids.digits2);
+  digits(grids.level3, grids.digits3);
   return true;
 }
 
@@ -670,17 +713,13 @@ void makeunitrows(const Frame& frame, const Level3Records& records, UnitRows& ro
   }
 }
 
-UnitOutcome unitoutcome(const Frame& frame, const Level3Records& records, const UnitRows& rows, std::size_t j) {
-  const std::size_t first = records.start[j], count = records.start[j + 1] - first;
-  const double* y = records.y.data() + first;
-  const double* n = records.n.empty() ? nullptr : records.n.data() + first;
-  if (frame.outcome == Family::poisson)
-    return n == nullptr ? UnitOutcome{RecordDensity::poisson, y, nullptr}
-                        : UnitOutcome{RecordDensity::exposure, y, rows.logn.data() + first};
-  if (frame.outcome == Family::binomial) return {RecordDensity::binomial, y, n};
+RecordDensity densityof(const Frame& frame, const Level3Records& records, std::size_t j) {
+  if (frame.outcome == Family::poisson) return records.n.empty() ? RecordDensity::poisson : RecordDensity::exposure;
+  if (frame.outcome == Family::binomial) return RecordDensity::binomial;
   // A share of successes is a binomial outcome of one trial.
-  const bool whole = std::all_of(y, y + count, [](double value) { return value == 0.0 || value == 1.0; });
-  return {whole ? RecordDensity::bernoulli : RecordDensity::binomial, y, nullptr};
+  const double *y = records.y.data() + records.start[j], *end = records.y.data() + records.start[j + 1];
+  const bool whole = std::all_of(y, end, [](double value) { return value == 0.0 || value == 1.0; });
+  return whole ? RecordDensity::bernoulli : RecordDensity::binomial;
 }
 
 bool integratespherical(const Frame& frame, const SphericalGrids& grids, const SphericalPoint& point,

@@ -12,6 +12,7 @@
 #pragma once
 
 #include <cstddef>
+#include <vector>
 
 #include "estimate/likelihood/unitrecords.h"
 #include "estimate/quadrature/movingnodes.h"
@@ -23,7 +24,11 @@ namespace kdr {
 
 struct SphericalGrids {
   NodeGrid level2, level3;
-  double constant2 = 0.0, constant3 = 0.0;  // log of what a grid's weights lack to those of standard normal nodes
+  std::size_t points = 0;
+  Array<double> line;                           // the points of a dimension, of standard normal effects
+  Array<double> weight2;                        // the weights of level 2, with 0 up to a multiple of nodestep
+  std::vector<unsigned char> digits2, digits3;  // dims by count: the point of a node in each dimension
+  double constant2 = 0.0, constant3 = 0.0;      // log of what a grid's weights lack to those of standard normal nodes
 };
 // False when the nodes cannot be found. One point is the centre itself.
 [[nodiscard]] bool makegrids(SphericalGrids& grids, int points, int q, int r);
@@ -35,13 +40,8 @@ struct UnitRows {
 };
 // Makes x~ and, for counts with exposure, the logarithms.
 void makeunitrows(const Frame& frame, const Level3Records& records, UnitRows& rows);
-// What the loops of the outcome take for level-2 unit j: y, and n or null.
-struct UnitOutcome {
-  RecordDensity outcome;
-  const double *y, *n;
-};
-[[nodiscard]] UnitOutcome unitoutcome(const Frame& frame, const Level3Records& records, const UnitRows& rows,
-                                      std::size_t j);
+// The density of the records of level-2 unit j.
+[[nodiscard]] RecordDensity densityof(const Frame& frame, const Level3Records& records, std::size_t j);
 
 // What one unit gives.
 struct UnitSums {
@@ -56,14 +56,17 @@ struct UnitSums {
 struct SphericalWork {
   UnitFrames frames;
   UnitRows rows;
-  Array<double> fixed, effects;       // of the records of a level-2 unit: x~'Sx g; (Se B, Sd A) rows
-  Array<double> identity, narrowSd;   // of units with fewer records than columns
-  Array<double> cx, cD, cE;           // coefficients of x~
-  Array<double> w, quad3;             // r by nodes of level 3; [nodes]
-  Array<double> shift, L2, constant;  // per level-2 unit: kappa S, L2, log|L2|
-  Array<double> spread;               // q by nodes of level 2: L2 x_l
-  Array<double> nodes, offsets, logdensity, gradient, weights, product, sets, zsets, total;
-  Array<double> statistics, averages, recordweights, recordaverages, level3, moments, information;
+  Array<double> fixed,
+      effects;  // of the records of a level-2 unit: eta at the centres; what it changes by with the nodes
+  Array<double> outer, inner, linear, parts;  // of the loops
+  std::vector<std::size_t> firstrow;          // [units + 1] rows of weights before each level-2 unit
+  Array<double> identity, narrowSd, narrowM;  // of units with fewer records than columns
+  Array<double> cx, cD, cE;                   // coefficients of x~
+  Array<double> w, quad3;                     // w - w*, r by nodes of level 3; [nodes]
+  Array<double> shift, L2, constant;          // per level-2 unit: kappa S, L2, log|L2|
+  Array<double> spread;                       // q by nodes of level 2: L2 x_l
+  Array<double> L3, nodes, offsets, logdensity, gradient, weights, product, sets, zsets, total, totals;
+  Array<double> statistics, averages, rowweights, rowaverages, level3, moments, information;
   Array<double> scratch;
 };
 

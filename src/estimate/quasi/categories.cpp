@@ -8,6 +8,7 @@
 
 #include "core/formatted.h"
 #include "estimate/linear/recordunits.h"
+#include "estimate/quasi/family.h"
 #include "kernel/sizes.h"
 
 namespace kdr {
@@ -34,6 +35,20 @@ bool addvalue(CategoryTable& table, int most, double y) {
   return true;
 }
 
+// Whether the first thresholds of an ordinal run from equal cuts come in order, from the proportions of the categories.
+bool equalcutsrise(const std::vector<double>& proportion) {
+  const auto C = static_cast<double>(proportion.size());
+  double cumulated = 0.0, before = 0.0;
+  for (std::size_t c = 0; c + 1 < proportion.size(); ++c) {
+    cumulated += proportion[c];
+    const double cut = static_cast<double>(c + 1) / C;
+    const double z = std::log(cut / (1.0 - cut)) + (cumulated - cut) / (cut * (1.0 - cut));
+    if (c > 0 && !(z > before)) return false;
+    before = z;
+  }
+  return true;
+}
+
 }  // namespace
 
 Failure readcategories(const Analysis& analysis, CategoryTable& table) {
@@ -47,6 +62,7 @@ Failure readcategories(const Analysis& analysis, CategoryTable& table) {
         return wrongcount(analysis, "more");
   }
   if (units.failure) return units.failure;
+  if (table.value.empty()) return norecordleft();
   return table.value.size() < at(categories) ? wrongcount(analysis, "less") : Failure{};
 }
 
@@ -71,12 +87,21 @@ Array<Name> categorylabels(const double* values, int n) {
 }
 
 std::vector<double> startingprobabilities(const Outcome& outcome, const CategoryTable& table) {
-  constexpr double rare = 0.15;
+  constexpr double rare = 0.15, least = 0.01;
+  const auto C = static_cast<double>(table.count.size());
   std::vector<double> p = table.count;
   double total = 0.0;
   for (const double n : p) total += n;
   for (double& x : p) x /= total;
-  if (*std::min_element(p.begin(), p.end()) < rare) std::fill(p.begin(), p.end(), 1.0 / static_cast<double>(p.size()));
+  if (*std::min_element(p.begin(), p.end()) < rare) {
+    if (outcome.ordinal() && !equalcutsrise(p)) {
+      double sum = 0.0;
+      for (double& x : p) sum += x = std::max(x, least / C);
+      for (double& x : p) x /= sum;
+    } else {
+      std::fill(p.begin(), p.end(), 1.0 / C);
+    }
+  }
   if (outcome.ordinal())
     for (std::size_t c = 1; c < p.size(); ++c) p[c] += p[c - 1];
   p.pop_back();
@@ -85,7 +110,7 @@ std::vector<double> startingprobabilities(const Outcome& outcome, const Category
 
 void responseprobabilities(const Outcome& outcome, const double* eta, int M, double* p) {
   if (outcome.ordinal()) {
-    for (int c = 0; c < M; ++c) p[c] = 1.0 / (1.0 + std::exp(-eta[c]));
+    for (int c = 0; c < M; ++c) p[c] = logitmean(eta[c]).mu;
     return;
   }
   // Over the largest term, so that no exponential overflows.
@@ -99,10 +124,11 @@ void responseprobabilities(const Outcome& outcome, const double* eta, int M, dou
 bool workingresponses(const Outcome& outcome, const double* eta, const double* indicator, const double* p, int M,
                       double* z) {
   if (outcome.ordinal()) {
+    // (1 - p)/g = 1/p and -p/g = -1/(1 - p), where 1 - p is the mean at -eta
     for (int c = 0; c < M; ++c) {
-      const double g = (1.0 - p[c]) * p[c];
-      if (!(g > 0.0)) return false;
-      z[c] = eta[c] + (indicator[c] - p[c]) / g;
+      const double mean = indicator[c] != 0.0 ? p[c] : logitmean(-eta[c]).mu;
+      if (!(mean > 0.0)) return false;
+      z[c] = indicator[c] != 0.0 ? eta[c] + 1.0 / mean : eta[c] - 1.0 / mean;
     }
     return true;
   }
@@ -120,17 +146,19 @@ bool workingresponses(const Outcome& outcome, const double* eta, const double* i
   return true;
 }
 
-bool responseweights(const Outcome& outcome, const double* p, int M, double* W) {
+bool responseweights(const Outcome& outcome, const double* eta, const double* p, int M, double* W) {
   std::fill_n(W, square(M), 0.0);
   if (!outcome.ordinal()) {
     for (int c = 0; c < M; ++c)
       for (int d = 0; d < M; ++d) W[c * M + d] = c == d ? p[c] * (1.0 - p[c]) : -p[c] * p[d];
     return true;
   }
-  const auto g = [&](int c) { return p[c] * (1.0 - p[c]); };
+  const auto g = [&](int c) { return logitmean(eta[c]).variance; };
   for (int c = 0; c <= M; ++c) {
-    const double q = (c < M ? p[c] : 1.0) - (c > 0 ? p[c - 1] : 0.0);  // of category c
-    if (q == 0.0 || !std::isfinite(q)) return false;
+    // q of category c without cancellation: F(b) - F(a) = F(b) F(-a) (1 - exp(a - b))
+    const double above = c < M ? p[c] : 1.0, below = c > 0 ? logitmean(-eta[c - 1]).mu : 1.0;
+    const double q = above * below * (c > 0 && c < M ? -std::expm1(eta[c - 1] - eta[c]) : 1.0);
+    if (!(q > 0.0) || !std::isfinite(q)) return false;
     if (c < M) W[c * M + c] += g(c) * g(c) / q;
     if (c > 0) W[(c - 1) * M + c - 1] += g(c - 1) * g(c - 1) / q;
     if (c > 0 && c < M) W[c * M + c - 1] = W[(c - 1) * M + c] = -g(c) * g(c - 1) / q;

@@ -27,8 +27,11 @@ struct CategoryTable {
 // categories would then look the same, as many digits for all as it takes, up to the 12 characters of a name.
 [[nodiscard]] Array<Name> categorylabels(const double* values, int n);
 
-// The M probabilities of the first working values: the proportions, cumulated in an ordinal run; those of equally
-// frequent categories when one has less than 0.15.
+// The M probabilities of the first working values: the proportions, cumulated in an ordinal run. When one category has
+// less than 0.15, those of equally frequent categories; but not in an ordinal run whose first thresholds would then be
+// out of order. From equal cuts c/C a first pass without effects ends near
+//   z_c = logit(c/C) + (P_c - c/C) / (c/C (1 - c/C)),  P_c the cumulative proportions:
+// where these don't rise with c, the proportions themselves are taken, none below a hundredth of an equal share.
 [[nodiscard]] std::vector<double> startingprobabilities(const Outcome& outcome, const CategoryTable& table);
 
 // Probability of every response from its linear predictor eta (M values each).
@@ -42,8 +45,8 @@ void responseprobabilities(const Outcome& outcome, const double* eta, int M, dou
 // The weight matrix W of a record, M by M: multinomial V; ordinal the inverse of
 // V_cd = 1 / (p_d (1 - p_c)), c <= d, which is tridiagonal:
 //   W_cc = g_c^2 (1/q_c + 1/q_c+1),  W_c,c+1 = -g_c g_c+1 / q_c+1,  g_c = p_c (1 - p_c),  q_c = p_c - p_c-1
-// False when V is singular.
-[[nodiscard]] bool responseweights(const Outcome& outcome, const double* p, int M, double* W);
+// False when V is singular, and when the predictors of an ordinal record don't rise: W isn't positive definite then.
+[[nodiscard]] bool responseweights(const Outcome& outcome, const double* eta, const double* p, int M, double* W);
 
 // The failure of a singular weight matrix.
 [[nodiscard]] Failure nearsingular();

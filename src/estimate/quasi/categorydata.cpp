@@ -7,6 +7,8 @@
 #include "core/modelwalk.h"
 #include "estimate/linear/datapass.h"
 #include "estimate/linear/runpass.h"
+#include "estimate/quasi/family.h"
+#include "estimate/quasi/fixedrows.h"
 #include "kernel/sizes.h"
 
 namespace kdr {
@@ -22,13 +24,58 @@ RecordLayout stackedlayout(const Analysis& analysis) {
   return layout;
 }
 
-// The response of each column of D: the equation set of a multinomial coefficient, the cut of a threshold, or all.
-std::vector<int> responserows(const Analysis& analysis) {
-  const bool ordinal = analysis.model.outcome.ordinal();
-  std::vector<int> rows;
-  for (const CoefficientRow& own : modelrows(analysis.model).coefficients)
-    rows.push_back(!ordinal ? own.set : own.threshold ? own.variable - analysis.mdm.nvar1 : -1);
-  return rows;
+// The fixed effects of the thresholds, in the order of their responses, the second one first.
+std::vector<int> thresholdeffects(const Analysis& analysis) {
+  const ModelRows rows = modelrows(analysis.model);
+  const std::vector<int> reduced = reducedeffects(rows);
+  std::vector<int> effects;
+  for (std::size_t i = 0; i < rows.effects.size(); ++i)
+    if (rows.owner(rows.effects[i]).threshold) effects.push_back(reduced[i]);
+  return effects;
+}
+
+// The fixed effects that the first working data are made from: an intercept and the thresholds, the rest 0.
+void startworkinggamma(const Pass& pass, MacroState& state, const Array<double>& eta) {
+  state.workinggamma.reset(at(pass.g));
+  if (!pass.model().outcome.ordinal()) return;
+  const ModelRows rows = modelrows(state.analysis.model);
+  const std::vector<int> reduced = reducedeffects(rows);
+  for (std::size_t i = 0; i < rows.effects.size(); ++i)
+    if (rows.owner(rows.effects[i]).variable == 0 && rows.termof(rows.effects[i]).variable == 0 &&
+        rows.effects[i].variable == 0)
+      state.workinggamma[reduced[i]] = eta[0];
+  std::size_t response = 1;
+  for (const int g : thresholdeffects(state.analysis)) state.workinggamma[g] = eta[response++] - eta[0];
+}
+
+// How far the step from the fixed effects `from` to `to` may go for the thresholds to stay in order: 1 when all of it
+// may, else to where the distance of two thresholds, or of the first from 0, is a fifth of what it was.
+double orderedshare(const std::vector<int>& thresholds, const Array<double>& from, const Array<double>& to) {
+  constexpr double least = 0.2;
+  double share = 1.0, frombelow = 0.0, tobelow = 0.0;
+  for (const int g : thresholds) {
+    const double before = from[g] - frombelow, now = to[g] - tobelow;
+    if (now < least * before) share = std::min(share, (1.0 - least) * before / (before - now));
+    frombelow = from[g];
+    tobelow = to[g];
+  }
+  return share;
+}
+
+// A record of categories whose predictors lie beyond the limit starts again near 0: each response of a multinomial one,
+// an ordinal one as a whole, so that its predictors keep their order.
+void bringback(const Outcome& outcome, Array<double>& eta) {
+  constexpr double limit = 30.0, restart = 2.0;
+  if (!outcome.ordinal()) {
+    for (double& x : eta)
+      if (std::fabs(x) > limit) x = x > 0.0 ? restart : -restart;
+    return;
+  }
+  double shift = 0.0;
+  if (eta[0] > limit) shift = restart - eta[0];
+  if (eta[eta.size() - 1] < -limit) shift = -restart - eta[eta.size() - 1];
+  if (shift != 0.0)
+    for (double& x : eta) x += shift;
 }
 
 // A data pass over stacked records: the pass that takes them, the working data of the record at hand, and the file.
@@ -41,6 +88,7 @@ struct Stacking {
   Array<double> x;             // [npi] the entry of every column of D that is not 0
   Array<double> eta, p, z;     // [M]
   Array<double> W, Wz, total;  // M squared, [M], [M]: W times a vector of ones
+  int saturated = 0;           // responses that have next to no say
   WorkingFile out{};           // where the records go, if it is open
   Failure failure{};           // the first; units behind it are passed over
 };
@@ -70,7 +118,7 @@ void addrecord(Stacking& s, double* record, std::size_t number) {
   double* W = s.W.data();
   const double* z = s.z.data();
   if (!workingresponses(outcome, s.eta.data(), record, s.p.data(), M, s.z.data()) ||
-      !responseweights(outcome, s.p.data(), M, W)) {
+      !responseweights(outcome, s.eta.data(), s.p.data(), M, W)) {
     s.failure = nearsingular();
     return;
   }
@@ -88,6 +136,8 @@ void addrecord(Stacking& s, double* record, std::size_t number) {
     allz += sumz;
     zz += z[c] * sumz;
   }
+  for (int c = 0; c < M; ++c)
+    if (logitmean(s.eta[c]).variance < leastweight) ++s.saturated;
   const bool weighted = analysis.model.weighted;
   const double factor = weighted ? s.state.factors[number] : 1.0, weight = factor * factor;
   double* AA = s.fold.unit.AA.data();
@@ -129,6 +179,7 @@ void stackunit(Stacking& s, int k, UnitBlock& unit, Predict predict) {
 
 Failure finishstacking(Stacking& s) {
   if (s.failure) return std::move(s.failure);
+  s.state.saturated = s.saturated;
   if (Failure failure = finishfold(s.fold)) return failure;
   return s.out.isopen() ? finishworking(std::move(s.out), s.state.working) : Failure{};
 }
@@ -148,6 +199,7 @@ Failure preparecategoricaldata(const CategoryTable& table, MacroState& state, Pa
     s.p[c] = p[c];
     s.eta[c] = std::log(p[c] / (ordinal ? 1.0 - p[c] : last));
   }
+  startworkinggamma(first, state, s.eta);
 
   RecordUnits units;
   startrecords(units, analysis);
@@ -180,9 +232,14 @@ Failure preparecategoricaldata(const CategoryTable& table, MacroState& state, Pa
 
 Failure updatecategoricaldata(Pass& pass, MacroState& state, Pass& next, const PassPlan& plan) {
   const Analysis& analysis = state.analysis;
-  constexpr double limit = 30.0, restart = 2.0;
   constexpr int lastrestart = 7;
   state.previous = pass.est.copy();
+  const double share = orderedshare(thresholdeffects(analysis), state.workinggamma, state.previous.gammahat);
+  state.shortened = share < 1.0;
+  for (std::size_t g = 0; g < state.workinggamma.size(); ++g) {
+    double& working = state.workinggamma[g];
+    working = state.shortened ? working + share * (state.previous.gammahat[g] - working) : state.previous.gammahat[g];
+  }
   if (Failure failure = beginpass(next, analysis, plan)) return failure;
   Stacking s = startstacking(next, state, analysis.wanted.fitted);
   UnitMeans means = makeunitmeans(pass);
@@ -191,16 +248,14 @@ Failure updatecategoricaldata(Pass& pass, MacroState& state, Pass& next, const P
     s.eta.fill(0.0);
     double common = 0.0;  // of the columns that stand in all rows
     for (std::size_t c = 0; c < s.x.size(); ++c) (s.row[c] < 0 ? common : s.eta[s.row[c]]) += s.x[c] * beta[c];
-    for (double& eta : s.eta) {
-      eta += common;
-      if (state.macro <= lastrestart && std::fabs(eta) > limit) eta = eta > 0.0 ? restart : -restart;
-    }
+    for (double& eta : s.eta) eta += common;
+    if (state.macro <= lastrestart) bringback(analysis.model.outcome, s.eta);
     responseprobabilities(analysis.model.outcome, s.eta.data(), s.M, s.p.data());
   };
   startunits(state.reader, analysis.mdm, state.working.file(), 0, s.layout.width, analysis.mdm.nvar2, false);
   UnitBlock unit;
   sweepunits(
-      pass.n2of, [&](int k) { takeunitmeans(pass, k, state.previous.gammahat.data(), pass.vstar.row(k), means); },
+      pass.n2of, [&](int k) { takeunitmeans(pass, k, state.workinggamma.data(), pass.vstar.row(k), means); },
       [&](int k, std::size_t j, const double* hot) {
         if (s.failure) return;
         if (!neededunit(state.reader, unit)) s.failure = state.reader.failure;

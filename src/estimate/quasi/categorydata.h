@@ -19,8 +19,9 @@ namespace kdr {
                                              const PassPlan& plan);
 
 // Takes the estimates of `pass` for state.previous, begins the pass `next` by its plan, and makes its data pass over
-// the working data that follow from the estimates and from the random effects in `pass`. In the first seven macro
-// iterations a predictor beyond 30 starts again from 2.
+// the working data that follow from the estimates and from the random effects in `pass`. Fixed effects whose thresholds
+// are out of order are reached in part only: state.shortened. In the first seven macro iterations a predictor beyond 30
+// starts again from 2, those of an ordinal record together.
 [[nodiscard]] Failure updatecategoricaldata(Pass& pass, MacroState& state, Pass& next, const PassPlan& plan);
 
 }  // namespace kdr

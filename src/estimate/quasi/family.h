@@ -68,6 +68,7 @@ struct Working {
   double weight, z;
 };
 constexpr double largestweight = 999999.0;
+constexpr double leastweight = 1.0e-4;  // below it a record has next to no say: its outcome is met as well as can be
 [[nodiscard]] inline Working workingvalues(const Linked& record, double y, double n) {
   const double w = record.variance * n;
   return {std::min(w, largestweight), record.eta + (y - record.mu * n) / w};

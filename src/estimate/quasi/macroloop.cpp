@@ -1,5 +1,6 @@
 #include "estimate/quasi/macroloop.h"
 
+#include <cmath>
 #include <string>
 #include <utility>
 
@@ -8,6 +9,7 @@
 #include "estimate/linear/datapass.h"
 #include "estimate/linear/runpass.h"
 #include "estimate/quasi/macrocontrol.h"
+#include "estimate/quasi/separation.h"
 #include "estimate/quasi/workingdata.h"
 #include "kernel/sizes.h"
 
@@ -99,13 +101,42 @@ Failure closephase(Pass& pass, MacroState& state, const PassResults& results) {
   return {};
 }
 
-// The population-average pass, whose data pass is done.
+// Whether no fixed effect has moved by a share of its standard error since the pass before.
+bool averagestands(const PassResults& now, const Array<double>& before) {
+  constexpr double share = 1.0e-6;
+  const std::size_t g = before.size();
+  for (std::size_t i = 0; i < g; ++i)
+    if (!(std::fabs(now.est.gammahat[i] - before[i]) <= share * std::sqrt(now.covariance[i * g + i]))) return false;
+  return true;
+}
+
+// The population average: passes at the fixed effects of the one before, with the taus held, until they stand. The data
+// pass of the first is done. The solution is that of M'V^-1 (Z - M gamma) = 0 at working data of its own, wherever the
+// passes start.
 Failure averagephase(Pass& pass, MacroState& state) {
+  constexpr int farlimit = 300;
+  const int asked = state.analysis.control.popavit;
+  // Effects that run away have no average to settle: its first pass is shown.
+  const int limit = state.separation.known() ? 1 : asked > 1 ? asked : farlimit;
   beginmacro(state);
-  PassResults& results = state.average.emplace();
-  if (Failure failure = workingpass(pass, state, results)) return failure;
-  tellobserver(state.analysis.observer.passstands, ChainPass{state, pass, results});
-  return {};
+  for (int round = 1;; ++round) {
+    const Array<double> before = state.average ? state.average->est.gammahat.copy() : Array<double>();
+    PassResults& results = state.average.emplace();
+    if (Failure failure = workingpass(pass, state, results)) return failure;
+    results.rounds = round;
+    const bool stands = !before.empty() && averagestands(results, before);
+    if (!stands && round < limit && results.ending != Ending::keyboard) {
+      Pass next;
+      if (Failure failure = prepareworkingdata(pass, state, {false, false, Predictor::fixed}, next,
+                                               planof(state, PassKind::populationaverage, state.macro)))
+        return failure;
+      pass = std::move(next);
+      continue;
+    }
+    results.unsettled = !stands;
+    tellobserver(state.analysis.observer.passstands, ChainPass{state, pass, results});
+    return {};
+  }
 }
 
 }  // namespace
@@ -114,6 +145,8 @@ Failure fitnonlinear(ChainFit& fit) {
   MacroState& state = fit.state;
   Pass& pass = fit.pass;
   state.left = state.analysis.control.macroit;
+  if (Failure failure = checkoutcomes(state)) return failure;
+  tellobserver(state.analysis.observer.separation, state.separation);
   for (bool first = true;; first = false) {
     beginmacro(state);
     PassResults& results = state.unitspecific;
@@ -121,14 +154,24 @@ Failure fitnonlinear(ChainFit& fit) {
     if (Failure failure = first ? identitypass(pass, state, results) : workingpass(pass, state, results))
       return failure;
     tellobserver(state.analysis.observer.passstands, ChainPass{state, pass, results});
-    const bool closes = macroend(state, results, first) != MacroEnd::goeson;
+    if (Failure failure = lookforseparation(state)) return failure;
+    bool closes = macroend(state, results, first) != MacroEnd::goeson;
     if (closes)
       if (Failure failure = closephase(pass, state, results)) return failure;
     Pass next;
-    if (Failure failure =
-            prepareworkingdata(pass, state, {first, state.macro == 2, closes}, next,
-                               planof(state, closes ? PassKind::populationaverage : PassKind::pql, state.macro + 1)))
-      return failure;
+    const auto prepare = [&] {
+      return prepareworkingdata(
+          pass, state, {first, state.macro == 2 || closes, closes ? Predictor::corrected : Predictor::conditional},
+          next, planof(state, closes ? PassKind::populationaverage : PassKind::pql, state.macro + 1));
+    };
+    Failure failure = prepare();
+    if (failure && !closes && endseparated(state, results, failure)) {
+      closes = true;
+      if ((failure = closephase(pass, state, results))) return failure;
+      next = Pass();
+      failure = prepare();
+    }
+    if (failure) return failure;
     if (first) rescaletaus(state);
     pass = std::move(next);
     if (closes) return averagephase(pass, state);

@@ -2,28 +2,52 @@
 #pragma once
 
 #include <optional>
+#include <string>
+#include <vector>
 
 #include "estimate/linear/iteration.h"
 #include "estimate/linear/recordunits.h"
 
 namespace kdr {
 
+// How the macro iterations go on behind a pass.
+enum class MacroEnd { goeson, converged, keyboard, limit, separated };
+
+// What is known of separation (separation.h).
+struct Separation {
+  std::vector<int> effects;           // of the reduced model, that have no finite estimate
+  std::vector<std::string> warnings;  // a sentence or two for each cause
+  bool searched = false;              // findseparation has been here
+
+  [[nodiscard]] bool known() const { return !warnings.empty(); }
+};
+
 struct MacroState {
   explicit MacroState(const Analysis& given) : analysis(given) { reader.observer = &given.observer; }
 
   const Analysis& analysis;
-  int macro = 0;       // macro iteration, from 1: the number of the pass at hand
-  int left = 0;        // passes of the unit-specific phase that are allowed, this one included
-  Estimates previous;  // at the end of the last working-data step
-  double mean = 0.0;   // of the outcome, or its sum over that of the trials or exposure
+  int macro = 0;            // macro iteration, from 1: the number of the pass at hand
+  int left = 0;             // passes of the unit-specific phase that are allowed, this one included
+  Estimates previous;       // at the end of the last working-data step
+  double lastchange = 0.0;  // the largest change of an estimate from pass to pass, in standard errors; 0: none yet
+  double mean = 0.0;        // of the outcome, or its sum over that of the trials or exposure
 
-  WorkingFile working;        // the working data file
-  RecordLayout layout;        // of its records
-  UnitReader reader;          // of the working-data steps
-  int limited = 0;            // records of the working data at hand whose weight is held at the limit
-  Array<double> counts;       // trials or exposure of each record; empty when the model has none
-  Array<double> factors;      // sqrt(w)/sqrt(v) of each record; empty without design weights and known variance
-  IterationState iterations;  // the failures of accelerated steps count for the whole run
+  WorkingFile working;  // the working data file
+  RecordLayout layout;  // of its records
+  UnitReader reader;    // of the working-data steps
+  Separation separation;
+  std::vector<double> categories;  // values of the categories, ascending
+  int saturated = 0;               // records or responses of the working data at hand that have next to no say
+  double largestrate = -1.0;       // of all records, once a step that is capped has met them
+  int limited = 0;                 // records of the working data at hand whose weight is held at the limit
+  Array<double> counts;            // trials or exposure of each record; empty when the model has none
+  Array<double> factors;           // sqrt(w)/sqrt(v) of each record; empty without design weights and known variance
+  // Of categories: the fixed effects behind the working data at hand, and whether they stand short of those of the pass
+  // before, since the thresholds would come out of order there.
+  Array<double> workinggamma;
+  bool shortened = false;
+  IterationState iterations;
+  MacroEnd end = MacroEnd::goeson;  // of the unit-specific phase
 
   // The results so far.
   PassResults unitspecific;  // of the last pass of the unit-specific phase
@@ -46,12 +70,11 @@ struct ChainPass {
   const PassResults& results;
 };
 
-// How the macro iterations go on behind a pass.
-enum class MacroEnd { goeson, converged, keyboard, limit };
 struct MacroEvent {
   MacroEnd end;
   int macro;
   const PassResults& results;
+  const Separation& separation;
 };
 
 }  // namespace kdr

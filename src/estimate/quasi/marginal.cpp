@@ -22,10 +22,7 @@ double marginalpredictor(const MarginalCorrection& correction, const double* d, 
   if (correction.link == Link::log) return eta + 0.5 * R + 0.5 * Q;
   const double c3 = c2 - c2squared * Q + c2cubed * Q * Q / (1.0 + c2 * Q);
   const double p = (1.0 + c2 * Q) * (1.0 + c3 * R);
-  if (!(p > 0.0)) return eta;
-  const double root = std::sqrt(p);
-  for (int i = 0; i < correction.q; ++i) eta /= root;
-  return eta;
+  return p > 0.0 ? eta / std::sqrt(p) : eta;
 }
 
 }  // namespace kdr

@@ -17,7 +17,7 @@ struct MarginalCorrection {
 
 // The corrected predictor of a record with the random rows d (q, level 2) and e (r, level 3).
 //   log link (exact for normal effects):  eta + (e'Tb e + d'Tp d) / 2
-//   logit (Zeger, Liang and Albert, 1988, Biometrics 44, 1049-1060):  eta p^(-q/2), where p is the product of
+//   logit (Zeger, Liang and Albert, 1988, Biometrics 44, 1049-1060):  eta p^(-1/2), where p is the product of
 //     det(I + c2 Tp d d') = 1 + c2 Q, Q = d'Tp d, and det(I + c3 Tb e e') = 1 + c3 e'Tb e, c3 = c2 / (1 + c2 Q),
 //     with c2 = (16 sqrt(3) / (15 pi))^2; p of 0 or less leaves eta as it is
 [[nodiscard]] double marginalpredictor(const MarginalCorrection& correction, const double* d, const double* e,

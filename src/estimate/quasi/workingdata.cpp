@@ -45,41 +45,40 @@ struct Step {
   double cap = -1.0;           // the largest rate met so far
   std::size_t record = 0;      // of the data set, the first one of the unit
   int limited = 0;             // records whose weight is held at the limit
+  int saturated = 0;           // records with next to none
   Failure failure{};           // the first; units behind it are passed over
 };
-
-Failure badoutcome(const Name& outcome, const char* must) {
-  const std::string name = leftname(outcome), bare = name.substr(0, name.find(' '));
-  const auto words = [must](const std::string& shown) {
-    return "\nPlease check your data.  The outcome variable " + shown + " must be " + must + ".\n\n";
-  };
-  return failedwith(words(name), words(bare));
-}
 
 Failure cannotestimate() {
   const std::string words = std::string(module) + " cannot estimate the model you have specified.\n";
   return failedwith(words, words);
 }
 
-Failure checkoutcome(const Name& outcome, Link link, double y) {
-  if (link == Link::logit && !(y >= 0.0 && y <= 1.0)) return badoutcome(outcome, "between 0 and 1");
-  if (link == Link::log && !(y >= 0.0)) return badoutcome(outcome, "non-negative");
-  return {};
-}
-
-// The linear predictor of a record, corrected for the population average.
+// The linear predictor of a record, corrected for the population average. A rate starts no higher than the largest one
+// met: from far above it each pass would come down by 1.
 double corrected(const Pass& pass, Step& step, const double* x, double eta) {
   const Design& design = pass.design;
   for (std::size_t i = 0; i < step.d.size(); ++i) step.d[i] = x[design.random1[i]];
   for (std::size_t i = 0; i < step.e.size(); ++i)
     step.e[i] = level2entry(pass, i, step.unit.level2.data()) * x[design.owner2[i]];
-  return marginalpredictor(step.correction, step.d.data(), step.e.data(), eta);
+  const double mean = marginalpredictor(step.correction, step.d.data(), step.e.data(), eta);
+  return step.link == Link::log && step.cap > 0.0 ? std::min(mean, std::log(step.cap)) : mean;
+}
+
+// One count beyond all others throws the fixed effects far above it, from where each pass comes down by 1. A rate
+// twenty times the largest of the data is no end: it goes back to that.
+double returned(const Step& step, double eta) {
+  constexpr double beyond = 3.0;
+  if (step.link != Link::log || !(step.state.largestrate > 0.0)) return eta;
+  const double largest = std::log(step.state.largestrate);
+  return eta > largest + beyond ? largest : eta;
 }
 
 Linked linkedrecord(Step& step, double eta) {
   if (step.kind.first) return linkedfitted(step.link, eta);
   if (step.link == Link::logit && strayed(eta)) {
     constexpr int lastrestart = 7;
+    if (step.state.separation.known()) return linked(step.link, eta);  // what runs away is known
     if (step.state.macro > lastrestart && !step.failure) step.failure = cannotestimate();
     return linked(step.link, broughtback(eta));
   }
@@ -93,9 +92,6 @@ void lookover(Step& step) {
   const auto observed = [&](int i) {
     return step.unit.records[at(i) * at(state.layout.width) + at(state.layout.observed)];
   };
-  if (step.kind.first && state.counts.empty())
-    for (int i = 0; i < step.unit.nj && !step.failure; ++i)
-      step.failure = checkoutcome(state.analysis.model.outname, step.link, observed(i));
   if (step.kind.capped)
     for (int i = 0; i < step.unit.nj; ++i)
       step.cap = std::max(step.cap, observed(i) / (state.counts.empty() ? 1.0 : state.counts[step.record + at(i)]));
@@ -113,7 +109,8 @@ void predict(const Pass& pass, Step& step) {
       step.x[c] = place < 0 ? 1.0 : values[place];
       eta += step.x[c] * step.beta[c];
     }
-    step.eta[i] = step.kind.marginal ? corrected(pass, step, step.x.data(), eta) : eta;
+    if (step.kind.predictor == Predictor::corrected) eta = corrected(pass, step, step.x.data(), eta);
+    step.eta[i] = step.kind.predictor == Predictor::fixed ? returned(step, eta) : eta;
   }
 }
 
@@ -129,6 +126,7 @@ void makeworking(Step& step) {
     const Linked link = plainlogit && !strayed(eta) ? linked(Link::logit, eta) : linkedrecord(step, eta);
     const Working working = workingvalues(link, *observed, count);
     if (working.weight >= largestweight) ++step.limited;
+    if (working.weight < leastweight) ++step.saturated;
     step.z[i] = working.z;
     step.root[i] = std::sqrt(working.weight);
   }
@@ -176,7 +174,7 @@ Step makestep(const Pass& pass, const MacroState& state, const WorkingStep& kind
 
 // The first step drops the variables that the model has no use for. A later one writes only if Z is wanted.
 Failure startrewriting(const MacroState& state, const WorkingStep& kind, Rewriting& to) {
-  if (!kind.first && (kind.marginal || state.layout.outcome < 0)) return {};
+  if (!kind.first && (kind.predictor != Predictor::conditional || state.layout.outcome < 0)) return {};
   if (Failure failure = startworking(to.file)) return failure;
   to.layout = workinglayout(state.analysis);
   to.unit.records.reset(at(state.analysis.mdm.maxnj) * at(to.layout.width));
@@ -201,9 +199,10 @@ Failure prepareworkingdata(Pass& pass, MacroState& state, const WorkingStep& kin
         if (!neededunit(state.reader, step.unit)) step.failure = state.reader.failure;
         if (step.failure) return;
         const UnitBlock& unit = step.unit;
-        const Array<double>& means = kind.marginal ? step.means.theta : step.means.thetastar;
+        const bool conditional = kind.predictor == Predictor::conditional;
+        const Array<double>& means = conditional ? step.means.thetastar : step.means.theta;
         level2coefficients(pass, unit.level2.data(), means.data(), step.beta.data());
-        if (!kind.marginal) addlevel2effects(pass, j, hot + pass.store.atustar, step.beta.data());
+        if (conditional) addlevel2effects(pass, j, hot + pass.store.atustar, step.beta.data());
         lookover(step);
         predict(pass, step);
         makeworking(step);
@@ -219,6 +218,8 @@ Failure prepareworkingdata(Pass& pass, MacroState& state, const WorkingStep& kin
   if (storefailure(pass.store)) return storefailure(pass.store);
   if (Failure failure = finishfold(fold)) return failure;
   state.limited = step.limited;
+  state.saturated = step.saturated;
+  if (kind.capped) state.largestrate = step.cap;
   if (!to.file.isopen()) return {};
   if (Failure failure = finishworking(std::move(to.file), state.working)) return failure;
   state.layout = std::move(to.layout);

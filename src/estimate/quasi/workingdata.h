@@ -16,15 +16,22 @@
 
 namespace kdr {
 
+// The linear predictor at which working data are made.
+enum class Predictor {
+  conditional,  // with the random effects
+  corrected,    // without, corrected for them: where the population average starts
+  fixed         // without, of fixed effects that are those of the population
+};
+
 struct WorkingStep {
-  bool first = false;     // after the identity pass: the fitted value is a mean, the outcome is checked
-  bool capped = false;    // after the first pass on working data: Poisson means stay below the largest rate met
-  bool marginal = false;  // for the population-average pass: no random effects, predictor corrected for them
+  bool first = false;   // after the identity pass: the fitted value is a mean
+  bool capped = false;  // after the first pass on working data: Poisson means stay below the largest rate met
+  Predictor predictor = Predictor::conditional;
 };
 
 // Takes the estimates of `pass` for state.previous, begins the pass `next` by its plan, and makes its data pass over
 // the working data that follow from the estimates and from the random effects in `pass`. state.layout becomes that of
-// the file. Fails for an outcome out of range and for a logit beyond 60 in a macro iteration after the seventh.
+// the file. Fails for a logit beyond 60 in a macro iteration after the seventh, unless separation is known.
 [[nodiscard]] Failure prepareworkingdata(Pass& pass, MacroState& state, const WorkingStep& step, Pass& next,
                                          const PassPlan& plan);
 

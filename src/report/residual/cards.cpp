@@ -7,14 +7,14 @@ namespace kdr {
 
 namespace {
 
-constexpr int idwidth12 = 12;
 constexpr int valuewidth = 11;
 
-void appendid(ResultFile& out, const ResidualFile& file, const Id& id) {
-  if (file.columns.textids) {
-    appendtext(out, id.text.text, idwidth12);
+void appendid(ResultFile& out, const ResidualFile& file, int which, const Id& id) {
+  const auto width = static_cast<int>(file.columns.idwidth[which]);
+  if (file.columns.textid[which]) {
+    appendtext(out, file.columns.idtext(which, id).c_str(), width);
   } else {
-    appendfield(out, id.number, idwidth12, 0);
+    appendfield(out, id.number, width, 0);
   }
 }
 
@@ -39,7 +39,7 @@ std::vector<int> linesof(int n) {
 void writerowcards(ResidualFile& file, const ResidualRow& row) {
   ResultFile& out = file.out;
   const ResidualColumns& layout = file.columns;
-  eachid(layout, row, [&](const Id& id) { appendid(out, file, id); });
+  layout.eachid([&](int which) { appendid(out, file, which, row.id(which)); });
   if (layout.hascount()) appendcount(out, row.count, file.countwidth);
   ColumnGroup group = ColumnGroup::fit;
   int online = 0;

@@ -4,6 +4,7 @@
 #include <cctype>
 #include <set>
 
+#include "core/formatted.h"
 #include "driver/runrecord.h"
 #include "report/modelrows.h"
 
@@ -40,6 +41,7 @@ struct Wanted {
   std::string text;
   std::string shortname;
   std::string full;  // empty: the short name is the full one
+  std::string label;
 };
 using WantedList = std::vector<Wanted>;
 
@@ -56,6 +58,18 @@ std::string word(int level, int variable) {
   return firstword(names[static_cast<std::size_t>(variable)].text);
 }
 
+// What the source says of a variable, or nothing.
+std::string labelof(int level, int variable) {
+  const VariableText* text = run.mdm.texts.of(level, variable);
+  if (text == nullptr) return {};
+  return text->label.empty() ? text->name : text->name + ": " + text->label;
+}
+
+std::string wholename(int level, int variable) {
+  const VariableText* text = run.mdm.texts.of(level, variable);
+  return text == nullptr ? std::string() : text->name;
+}
+
 // Prefix of the names of a random effect of equation set `set`: its category, where sets stand side by side.
 std::string categoryprefix(int set) {
   std::string prefix = multinomialrun() ? firstword(categorylabel(set)) : std::string();
@@ -67,7 +81,7 @@ std::string setprefix(int set) { return multinomialrun() ? number(set + 1) : std
 
 void addfit(WantedList& list) {
   const auto add = [&](const std::string& text, const std::string& shortname) {
-    list.push_back({ColumnGroup::fit, static_cast<int>(list.size()), 0, text, shortname, {}});
+    list.push_back({ColumnGroup::fit, static_cast<int>(list.size()), 0, text, shortname, {}, {}});
   };
   if (!run.model.outcome.categorical()) {
     add("L1RESID", "L1RESID");
@@ -83,7 +97,7 @@ void addchosen(WantedList& list, int level, const Array<int>& variables, int n) 
   for (int i = 0; i < n; ++i) {
     const int variable = variables[static_cast<std::size_t>(i)];
     const std::string name = word(level, variable);
-    list.push_back({ColumnGroup::chosen, variable - 1, level, name, name, {}});
+    list.push_back({ColumnGroup::chosen, variable - 1, level, name, name, {}, labelof(level, variable)});
   }
 }
 
@@ -94,19 +108,25 @@ struct Effect {
   std::string text, full;     // with what tells the categories apart
   std::string indices;        // its numbers in the name of a posterior variance
   std::string joinedindices;  // the same with "_" between
+  std::string variables;      // whole names, where the source has them
 };
+
+std::string labelwith(const char* prefix, const Effect& effect) {
+  return effect.variables.empty() ? std::string() : std::string(prefix) + " " + effect.variables;
+}
 
 // EB and OL: prefix and name, in SPSS the number of the column.
 void addresiduals(WantedList& list, ColumnGroup group, const char* prefix, const std::vector<Effect>& effects) {
   for (std::size_t i = 0; i < effects.size(); ++i)
     list.push_back({group, static_cast<int>(i), 0, prefix + effects[i].text, prefix + std::to_string(i),
-                    prefix + effects[i].full});
+                    prefix + effects[i].full, labelwith(prefix, effects[i])});
 }
 
 void addcoefficients(WantedList& list, ColumnGroup group, const char* prefix, const std::vector<Effect>& coefficients) {
   for (const Effect& coefficient : coefficients) {
     const std::string full = prefix + coefficient.full;
-    list.push_back({group, coefficient.place, 0, full.substr(0, shortwidth), full.substr(0, shortwidth), full});
+    list.push_back({group, coefficient.place, 0, full.substr(0, shortwidth), full.substr(0, shortwidth), full,
+                    labelwith(prefix, coefficient)});
   }
 }
 
@@ -122,7 +142,7 @@ void addvariances(WantedList& list, int level, const std::vector<Effect>& effect
         text = category + row + col;
         full = category + "_" + row + "_" + col;
       }
-      list.push_back({ColumnGroup::PV, place, 0, head + text, "PV" + number(place), head + "_" + full});
+      list.push_back({ColumnGroup::PV, place, 0, head + text, "PV" + number(place), head + "_" + full, {}});
     }
 }
 
@@ -144,10 +164,11 @@ void addlevel2(WantedList& list) {
     const std::string name = word(1, coefficient.variable), category = categoryprefix(coefficient.set);
     const std::size_t room = category.empty() ? 6 : 5;
     const std::string subscript = number(coefficient.subscript);
-    all.push_back({coefficient.set, place, {}, setprefix(coefficient.set) + name, {}, {}});
+    const std::string whole = wholename(1, coefficient.variable);
+    all.push_back({coefficient.set, place, {}, setprefix(coefficient.set) + name, {}, {}, whole});
     if (coefficient.random)
       random.push_back(
-          {coefficient.set, place, category + name.substr(0, room), category + name, subscript, subscript});
+          {coefficient.set, place, category + name.substr(0, room), category + name, subscript, subscript, whole});
   }
   addunitgroups(list, 2, random, all);
 }
@@ -161,10 +182,14 @@ void addlevel3(WantedList& list) {
     const CoefficientRow& owner = rows.owner(term);
     if (owner.threshold) continue;
     const std::string indices = termdigits(rows, term);
-    all.push_back({owner.set, place, {}, setprefix(owner.set) + indices, {}, {}});
+    std::string whole = wholename(1, owner.variable);
+    if (const std::string second = wholename(2, term.variable); !second.empty())
+      whole = whole.empty() ? second : whole + ":" + second;
+    all.push_back({owner.set, place, {}, setprefix(owner.set) + indices, {}, {}, whole});
     if (!term.random) continue;
     const std::string name = categoryprefix(owner.set) + indices;
-    random.push_back({owner.set, place, name, name, indices, number(owner.subscript) + "_" + number(term.subscript)});
+    random.push_back(
+        {owner.set, place, name, name, indices, number(owner.subscript) + "_" + number(term.subscript), whole});
   }
   addunitgroups(list, 3, random, all);
 }
@@ -178,14 +203,12 @@ std::vector<const ResidualColumn*> ResidualColumns::of(ColumnGroup group) const 
   return members;
 }
 
-std::vector<const char*> ResidualColumns::ids() const {
-  std::vector<const char*> names;
-  if (withid3) names.push_back("L3ID");
-  if (level < 3) names.push_back("L2ID");
-  return names;
-}
-
 int ResidualColumns::number(ColumnGroup group) const { return static_cast<int>(of(group).size()); }
+
+std::string ResidualColumns::idtext(int which, const Id& id) const {
+  const std::string* whole = run.mdm.texts.wholeid(3 - which, id, run.mdm.numericids);
+  return whole != nullptr ? *whole : run.mdm.numericids ? formatted("%.0f", id.number) : id.text.text;
+}
 
 ResidualColumns residualcolumns(int level) {
   WantedList list;
@@ -194,7 +217,7 @@ ResidualColumns residualcolumns(int level) {
     addchosen(list, 1, run.out.res1vars1, run.out.nres1vars1);
     addchosen(list, 2, run.out.res1vars2, run.out.nres1vars2);
     addchosen(list, 3, run.out.res1vars3, run.out.nres1vars3);
-    if (run.out.resfilrecnum) list.push_back({ColumnGroup::record, 0, 0, "RECNUM", "RECNUM", {}});
+    if (run.out.resfilrecnum) list.push_back({ColumnGroup::record, 0, 0, "RECNUM", "RECNUM", {}, {}});
   } else if (level == 2) {
     addlevel2(list);
     addchosen(list, 2, run.out.res2vars2, run.out.nres2vars2);
@@ -207,10 +230,14 @@ ResidualColumns residualcolumns(int level) {
   ResidualColumns columns;
   columns.level = level;
   columns.withid3 = !run.mdm.twolevel();
-  columns.textids = !run.mdm.numericids;
+  for (const int which : {0, 1}) {
+    const std::vector<std::string>& whole = run.mdm.texts.ids[1 - which];
+    columns.textid[which] = !run.mdm.numericids || !whole.empty();
+    for (const std::string& id : whole) columns.idwidth[which] = std::max(columns.idwidth[which], id.size());
+  }
   Given text, stata, shorts;
   for (Given* given : {&text, &stata, &shorts}) {
-    for (const char* id : columns.ids()) given->take(id, shortwidth);
+    columns.eachid([&](int which) { given->take(ResidualColumns::idname(which), shortwidth); });
     if (level > 1) given->take(columns.countname(), shortwidth);
   }
   for (const Wanted& wanted : list) {
@@ -220,7 +247,8 @@ ResidualColumns residualcolumns(int level) {
                           text.take(wanted.text, std::max(shortwidth, wanted.text.size())),
                           stata.take(wanted.text, shortwidth),
                           shorts.take(wanted.shortname, shortwidth),
-                          {}};
+                          {},
+                          wanted.label};
     columns.columns.push_back(column);
   }
   // A reader of the SPSS form renames column by column, so a full name must not be the short one of another column.

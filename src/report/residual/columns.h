@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "data/mdm.h"
+
 namespace kdr {
 
 // The values of RESFILTYPE:.
@@ -33,17 +35,26 @@ struct ResidualColumn {
   std::string stataname;  // at most 8 characters
   std::string shortname;  // SPSS, at most 8 characters
   std::string longname;   // SPSS, the full name; empty when shortname is that
+  std::string label;      // SPSS and Stata: what the source of the data says of it, or nothing
 };
 
 struct ResidualColumns {
   int level = 0;
-  bool withid3 = true;  // the rows bear the ID of level 3: not in data of two levels
-  bool textids = false;
+  bool withid3 = true;                // the rows bear the ID of level 3: not in data of two levels
+  bool textid[2] = {};                // of level 3 and level 2: its IDs are texts
+  std::size_t idwidth[2] = {12, 12};  // bytes of the longest one of them, 12 or more
   std::vector<ResidualColumn> columns;
 
   [[nodiscard]] bool hascount() const { return level > 1; }
-  // The names of the ID columns.
-  [[nodiscard]] std::vector<const char*> ids() const;
+  // Calls use(which) for each ID of a row in the order of its columns: 0 for level 3, 1 for level 2.
+  template <class Use>
+  void eachid(Use use) const {
+    if (withid3) use(0);
+    if (level < 3) use(1);
+  }
+  [[nodiscard]] static const char* idname(int which) { return which == 0 ? "L3ID" : "L2ID"; }
+  // The text of a row's ID, of level 3 (0) or level 2 (1): whole, where the MDM file has it so.
+  [[nodiscard]] std::string idtext(int which, const Id& id) const;
   [[nodiscard]] const char* countname() const { return level == 2 ? "NJK" : "NK"; }
   // The columns of one group.
   [[nodiscard]] std::vector<const ResidualColumn*> of(ColumnGroup group) const;

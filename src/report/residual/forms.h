@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "report/residual/residualfile.h"
+#include "report/residual/residualrow.h"
 
 namespace kdr {
 

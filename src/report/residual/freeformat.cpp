@@ -9,15 +9,17 @@ namespace kdr {
 namespace {
 
 // A text ID as it stands in the MDM file, in quotation marks when it would not be one field without them.
-void appendid(ResultFile& out, const ResidualFile& file, const Id& id) {
-  if (!file.columns.textids) {
+void appendid(ResultFile& out, const ResidualFile& file, int which, const Id& id) {
+  if (!file.columns.textid[which]) {
     appendnumber(out, id.number, 6);
-  } else if (std::strpbrk(id.text.text, ",\"\n\r") == nullptr) {
-    writeresult(out, id.text.text);
+    return writeresult(out, ",");
+  }
+  const std::string text = file.columns.idtext(which, id);
+  if (text.find_first_of(",\"\n\r") == std::string::npos) {
+    writeresult(out, text);
   } else {
     writeresult(out, "\"");
-    for (const char* c = id.text.text; *c != '\0'; ++c)
-      writeresult(out, *c == '"' ? std::string_view("\"\"") : std::string_view(c, 1));
+    for (const char& c : text) writeresult(out, c == '"' ? std::string_view("\"\"") : std::string_view(&c, 1));
     writeresult(out, "\"");
   }
   writeresult(out, ",");
@@ -28,7 +30,7 @@ void appendid(ResultFile& out, const ResidualFile& file, const Id& id) {
 void writeheadfree(ResidualFile& file, int) {
   const ResidualColumns& layout = file.columns;
   std::string head;
-  for (const char* id : layout.ids()) head += std::string(id) + ",";
+  layout.eachid([&](int which) { head += std::string(ResidualColumns::idname(which)) + ","; });
   if (layout.hascount()) head += std::string(layout.countname()) + ",";
   for (std::size_t i = 0; i < layout.columns.size(); ++i) {
     const ResidualColumn& column = layout.columns[i];
@@ -44,7 +46,7 @@ void writeheadfree(ResidualFile& file, int) {
 void writerowfree(ResidualFile& file, const ResidualRow& row) {
   ResultFile& out = file.out;
   const ResidualColumns& layout = file.columns;
-  eachid(layout, row, [&](const Id& id) { appendid(out, file, id); });
+  layout.eachid([&](int which) { appendid(out, file, which, row.id(which)); });
   if (layout.hascount()) {
     appendcount(out, row.count, 0);
     writeresult(out, ",");

@@ -30,8 +30,6 @@ const Form& formof(const ResidualFile& file) {
 
 }  // namespace
 
-double missingmark(ResidualForm form) { return form == ResidualForm::stata ? 0x1p1023 : nosuchvalue; }
-
 void openresidualfile(ResidualFile& file, int level, const std::string& path, int cases, int largestcount) {
   file.form = run.out.resfiltype;
   file.columns = residualcolumns(level);

@@ -2,38 +2,12 @@
 // written.
 #pragma once
 
+#include <string>
+
 #include "core/codes.h"
-#include "data/mdm.h"
-#include "driver/resultfile.h"
-#include "report/residual/columns.h"
+#include "report/residual/residualrow.h"
 
 namespace kdr {
-
-struct ResidualFile {
-  ResidualForm form = ResidualForm::spss;
-  ResidualColumns columns;
-  int countwidth = 5;  // SYSTAT and SAS: columns of the number of members
-  ResultFile out;
-};
-
-// One row. `values` has an entry for each column.
-struct ResidualRow {
-  Id id3{}, id2{};
-  int count = 0;  // records or level-2 units of the unit
-  const double* values = nullptr;
-};
-
-// Calls use(id) for each ID of a row in the order of the columns.
-template <class Use>
-void eachid(const ResidualColumns& columns, const ResidualRow& row, Use use) {
-  if (columns.withid3) use(row.id3);
-  if (columns.level < 3) use(row.id2);
-}
-
-// Stands for a value that there is not, a least-squares residual above all.
-inline constexpr double nosuchvalue = -99.0;
-// What stands for it in a form: the same, in the Stata form its own missing value.
-[[nodiscard]] double missingmark(ResidualForm form);
 
 // Opens the file of run.out.resfiltype at `path` for the columns of `level` and writes its head. `cases` is the number
 // of rows to come, `largestcount` the largest `count` among them.

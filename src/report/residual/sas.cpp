@@ -1,5 +1,6 @@
 #include <string>
 
+#include "core/formatted.h"
 #include "report/residual/forms.h"
 
 namespace kdr {
@@ -31,15 +32,15 @@ std::string groupformat(const ResidualColumns& layout, ColumnGroup group, int& l
 
 void writeheadsas(ResidualFile& file, int) {
   const ResidualColumns& layout = file.columns;
-  std::string head =
-      "libname dir \".\";\ndata dir.resfil" + std::to_string(layout.level) + ";\ninfile cards;\nINPUT (";
-  for (const char* id : layout.ids()) head += std::string(id) + " ";
+  std::string head = "libname dir \".\";\ndata dir.resfil" + std::to_string(layout.level) + ";\ninfile cards;\nINPUT (";
+  layout.eachid([&](int which) { head += std::string(ResidualColumns::idname(which)) + " "; });
   head += layout.hascount() ? std::string(layout.countname()) + "\n" : groupnames(layout, ColumnGroup::fit);
   const std::vector<ColumnGroup> groups = linegroups(layout);
   for (const ColumnGroup group : groups) head += groupnames(layout, group);
 
   head += ") (";
-  for (std::size_t i = 0; i < layout.ids().size(); ++i) head += layout.textids ? "$12. " : "12. ";
+  layout.eachid(
+      [&](int which) { head += formatted("%s%zu. ", layout.textid[which] ? "$" : "", layout.idwidth[which]); });
   head += layout.hascount() ? std::to_string(file.countwidth) + ".\n"
                             : std::to_string(layout.number(ColumnGroup::fit)) + "*11.5\n";
   int line = 1;

@@ -1,9 +1,10 @@
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <initializer_list>
 #include <string>
+#include <string_view>
 
 #include "driver/runrecord.h"
 #include "report/residual/forms.h"
@@ -12,9 +13,20 @@ namespace kdr {
 
 namespace {
 
-constexpr std::size_t textidwidth = 16;  // two slots
+constexpr std::size_t slotwidth = 8, longesttext = 255, longestlabel = 255;
 
-constexpr std::int32_t formatF12_3 = 0x00050c03, formatF8_0 = 0x00050800, formatA12 = 0x00010c00;
+constexpr std::int32_t formatF12_3 = 0x00050c03, formatF8_0 = 0x00050800, formatA0 = 0x00010000;
+
+std::size_t idwidth(const ResidualColumns& layout, int which) { return std::min(layout.idwidth[which], longesttext); }
+std::size_t idslots(const ResidualColumns& layout, int which) {
+  return layout.textid[which] ? (idwidth(layout, which) + slotwidth - 1) / slotwidth : 1;
+}
+
+// As much of a text as there is room for, and no part of a character.
+std::string cut(const std::string& text, std::size_t width) {
+  while (width > 0 && width < text.size() && (static_cast<unsigned char>(text[width]) & 0xC0U) == 0x80U) --width;
+  return text.substr(0, width);
+}
 
 void puttext(ResultFile& out, const std::string& text, std::size_t width) {
   std::string field = text.substr(0, width);
@@ -26,15 +38,22 @@ void putints(ResultFile& out, std::initializer_list<std::int32_t> values) {
   for (const std::int32_t value : values) writevalue(out, value);
 }
 
-void putvariable(ResultFile& out, std::int32_t type, bool missing, std::int32_t format, const std::string& name) {
-  putints(out, {2, type, 0, missing ? 1 : 0, format, format});
+void putvariable(ResultFile& out, std::int32_t type, bool missing, std::int32_t format, const std::string& name,
+                 const std::string& label = {}) {
+  putints(out, {2, type, label.empty() ? 0 : 1, missing ? 1 : 0, format, format});
   puttext(out, name, 8);
+  if (const std::string shown = cut(label, longestlabel); !shown.empty()) {
+    constexpr std::size_t whole = 4;
+    writevalue(out, static_cast<std::int32_t>(shown.size()));
+    puttext(out, shown, (shown.size() + whole - 1) / whole * whole);
+  }
   if (missing) writevalue(out, missingmark(ResidualForm::spss));
 }
 
 int slots(const ResidualColumns& layout) {
-  return static_cast<int>(layout.ids().size()) * (layout.textids ? 2 : 1) + (layout.hascount() ? 1 : 0) +
-         static_cast<int>(layout.columns.size());
+  std::size_t ids = 0;
+  layout.eachid([&](int which) { ids += idslots(layout, which); });
+  return static_cast<int>(ids + (layout.hascount() ? 1 : 0) + layout.columns.size());
 }
 
 void puthead(ResultFile& out, const ResidualColumns& layout, int cases) {
@@ -64,16 +83,25 @@ void putlongnames(ResultFile& out, const ResidualColumns& layout) {
   writeresult(out, pairs);
 }
 
-void putid(const ResidualFile& file, const Id& id, char* slot) {
-  if (!file.columns.textids) {
-    std::memcpy(slot, &id.number, sizeof id.number);
+void putid(ResidualFile& file, int which, const Id& id) {
+  if (!file.columns.textid[which]) {
+    writevalue(file.out, id.number);
     return;
   }
-  const char* text = id.text.text + std::strspn(id.text.text, " ");
-  std::size_t length = std::strlen(text);
-  while (length > 0 && text[length - 1] == ' ') --length;
-  std::memset(slot, ' ', textidwidth);
-  std::memcpy(slot, text, length);
+  std::string text = file.columns.idtext(which, id);
+  text.erase(text.find_last_not_of(' ') + 1);
+  text.erase(0, text.find_first_not_of(' '));
+  puttext(file.out, cut(text, longesttext), idslots(file.columns, which) * slotwidth);
+}
+
+// Names and labels of the MDM file are in UTF-8, which a file that has such labels says.
+void putencoding(ResultFile& out, const ResidualColumns& layout) {
+  const bool labels = std::any_of(layout.columns.begin(), layout.columns.end(),
+                                  [](const ResidualColumn& column) { return !column.label.empty(); });
+  constexpr std::string_view encoding = "UTF-8";
+  if (!labels) return;
+  putints(out, {7, 20, 1, static_cast<std::int32_t>(encoding.size())});
+  writeresult(out, encoding);
 }
 
 }  // namespace
@@ -82,29 +110,24 @@ void writeheadspss(ResidualFile& file, int cases) {
   const ResidualColumns& layout = file.columns;
   ResultFile& out = file.out;
   puthead(out, layout, cases);
-  for (const char* name : layout.ids()) {
-    if (layout.textids) {
-      putvariable(out, 12, false, formatA12, name);
-      putvariable(out, -1, false, 0, "");
-    } else {
-      putvariable(out, 0, false, formatF8_0, name);
-    }
-  }
+  layout.eachid([&](int which) {
+    if (!layout.textid[which]) return putvariable(out, 0, false, formatF8_0, ResidualColumns::idname(which));
+    const auto width = static_cast<std::int32_t>(idwidth(layout, which));
+    putvariable(out, width, false, formatA0 + (width << 8), ResidualColumns::idname(which));
+    for (std::size_t slot = 1; slot < idslots(layout, which); ++slot) putvariable(out, -1, false, 0, "");
+  });
   if (layout.hascount()) putvariable(out, 0, false, formatF8_0, layout.countname());
   for (const ResidualColumn& column : layout.columns)
     putvariable(out, 0, column.group == ColumnGroup::OL, column.group == ColumnGroup::record ? formatF8_0 : formatF12_3,
-                column.shortname);
+                column.shortname, column.label);
   putlongnames(out, layout);
+  putencoding(out, layout);
   putints(out, {999, 0});
 }
 
 void writerowspss(ResidualFile& file, const ResidualRow& row) {
   const ResidualColumns& layout = file.columns;
-  eachid(layout, row, [&](const Id& id) {
-    char text[textidwidth];
-    putid(file, id, text);
-    writeresult(file.out, text, layout.textids ? textidwidth : sizeof(double));
-  });
+  layout.eachid([&](int which) { putid(file, which, row.id(which)); });
   if (layout.hascount()) writevalue<double>(file.out, row.count);
   writeresult(file.out, row.values, layout.columns.size() * sizeof(double));
 }

@@ -1,34 +1,47 @@
 #include <algorithm>
 #include <cstdint>
-#include <cstring>
 #include <string>
 #include <string_view>
 
 #include "core/constants.h"
+#include "core/formatted.h"
 #include "report/residual/forms.h"
 
 namespace kdr {
 
 namespace {
 
-constexpr std::size_t textidwidth = 12;
+constexpr std::size_t longesttext = 244, longestlabel = 80;
 constexpr unsigned char typedouble = 255, typelong = 253;
 
 // One variable of the file's head.
 struct Variable {
   std::string name;
   unsigned char type;
-  const char* format;
+  std::string format;
+  std::string label;
 };
+
+std::size_t idwidth(const ResidualColumns& layout, int which) { return std::min(layout.idwidth[which], longesttext); }
+
+// As much of a text as there is room for, and no part of a character.
+std::string cut(const std::string& text, std::size_t width) {
+  while (width > 0 && width < text.size() && (static_cast<unsigned char>(text[width]) & 0xC0U) == 0x80U) --width;
+  return text.substr(0, width);
+}
 
 std::vector<Variable> variables(const ResidualColumns& layout) {
   std::vector<Variable> list;
-  for (const char* name : layout.ids())
-    list.push_back({name, layout.textids ? static_cast<unsigned char>(textidwidth) : typedouble,
-                    layout.textids ? "%12s" : "%12.0f"});
-  if (layout.hascount()) list.push_back({layout.countname(), typelong, "%9.0f"});
+  layout.eachid([&](int which) {
+    const bool text = layout.textid[which];
+    list.push_back({ResidualColumns::idname(which),
+                    text ? static_cast<unsigned char>(idwidth(layout, which)) : typedouble,
+                    text ? formatted("%%%zus", idwidth(layout, which)) : "%12.0f", ""});
+  });
+  if (layout.hascount()) list.push_back({layout.countname(), typelong, "%9.0f", ""});
   for (const ResidualColumn& column : layout.columns)
-    list.push_back({column.stataname, typedouble, column.group == ColumnGroup::record ? "%9.0f" : "%9.3g"});
+    list.push_back(
+        {column.stataname, typedouble, column.group == ColumnGroup::record ? "%9.0f" : "%9.3g", column.label});
   return list;
 }
 
@@ -37,14 +50,12 @@ void putpadded(ResultFile& out, std::string text, std::size_t width) {
   writeresult(out, text);
 }
 
-void writeid(ResidualFile& file, const Id& id) {
-  if (!file.columns.textids) {
+void writeid(ResidualFile& file, int which, const Id& id) {
+  if (!file.columns.textid[which]) {
     writevalue(file.out, id.number);
     return;
   }
-  char text[textidwidth] = {};
-  std::memcpy(text, id.text.text, strnlen(id.text.text, sizeof text));
-  writeresult(file.out, text, sizeof text);
+  putpadded(file.out, cut(file.columns.idtext(which, id), longesttext), idwidth(file.columns, which));
 }
 
 }  // namespace
@@ -60,12 +71,14 @@ void writeheadstata(ResidualFile& file, int cases) {
   for (const Variable& variable : list) putpadded(out, variable.name, 33);
   putpadded(out, {}, 2 * list.size() + 2);
   for (const Variable& variable : list) putpadded(out, variable.format, 12);
-  putpadded(out, {}, list.size() * (33 + 81) + 5);
+  putpadded(out, {}, list.size() * 33);
+  for (const Variable& variable : list) putpadded(out, cut(variable.label, longestlabel), 81);
+  putpadded(out, {}, 5);
 }
 
 void writerowstata(ResidualFile& file, const ResidualRow& row) {
   const std::size_t n = file.columns.columns.size();
-  eachid(file.columns, row, [&](const Id& id) { writeid(file, id); });
+  file.columns.eachid([&](int which) { writeid(file, which, row.id(which)); });
   if (file.columns.hascount()) writevalue<std::int32_t>(file.out, row.count);
   for (std::size_t i = 0; i < n; ++i)
     writevalue(file.out, row.values[i] == missingcode ? missingmark(ResidualForm::stata) : row.values[i]);

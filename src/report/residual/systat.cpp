@@ -1,5 +1,6 @@
 #include <string>
 
+#include "core/formatted.h"
 #include "report/residual/forms.h"
 
 namespace kdr {
@@ -37,10 +38,12 @@ std::string groupformat(const ResidualColumns& layout, ColumnGroup group) {
 void writeheadsystat(ResidualFile& file, int) {
   const ResidualColumns& layout = file.columns;
   const std::string level = std::to_string(layout.level);
-  const std::string kind = layout.textids ? "$" : "";
-  const std::string idformat = layout.textids ? "$" : "#";
+  const auto kind = [&](int which) { return layout.textid[which] ? "$" : ""; };
+  const auto idformat = [&](int which) {
+    return formatted("%s%zu,", layout.textid[which] ? "$" : "#", layout.idwidth[which]);
+  };
   std::string head = "BASIC\nSAVE RESFIL" + level + "\nINPUT (";
-  for (const char* id : layout.ids()) head += id + kind + ",";
+  layout.eachid([&](int which) { head += std::string(ResidualColumns::idname(which)) + kind(which) + ","; });
   if (layout.hascount()) {
     head += std::string(layout.countname()) + ",\n";
   } else {
@@ -51,12 +54,14 @@ void writeheadsystat(ResidualFile& file, int) {
 
   if (layout.hascount()) {
     head += "),(";
-    for (std::size_t i = 0; i < layout.ids().size(); ++i) head += idformat + "12,";
+    layout.eachid([&](int which) { head += idformat(which); });
     char item[16];
     std::snprintf(item, sizeof item, "#%d/", file.countwidth);
     head += item;
   } else {
-    head += "),(" + std::string(layout.withid3 ? "2*" : "") + idformat + "12," + std::to_string(layout.number(ColumnGroup::fit)) + "*#11";
+    const bool alike = layout.withid3 && idformat(0) == idformat(1);
+    head += "),(" + (alike ? std::string("2*") + idformat(0) : (layout.withid3 ? idformat(0) : "") + idformat(1)) +
+            std::to_string(layout.number(ColumnGroup::fit)) + "*#11";
     if (!groups.empty()) head += "/,";
     head += "\n";
   }

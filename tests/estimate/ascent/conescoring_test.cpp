@@ -99,6 +99,14 @@ TEST(ConeScoring, KeepsRestrictionsAtTheEdge) {
   for (int e = 0; e < 3; ++e) EXPECT_NEAR(found.point[at(e)], 2.0, 1e-6);
   ASSERT_EQ(found.lift.size(), 3U);
   EXPECT_GT(found.point[0] + found.lift[0], std::fabs(found.point[1] + found.lift[1]));
+  // Targets -1, 2, -0.5, from 0: only along T = v (1 1; 1 1) does it rise, to the maximum of -(v + 1)^2 / 2 - (v +
+  // 0.5)^2 / 2 - (v - 2)^2, 0.625.
+  ConeProblem rising = quadratic({2}, {-1, 2, -0.5}, {1, 2, 1});
+  rising.free = equal.free.copy();
+  rising.nfree = 2;
+  found = climbcone(rising, {}, arrayof({0, 0, 0}));
+  EXPECT_EQ(found.end, AscentEnd::converged);
+  for (int e = 0; e < 3; ++e) EXPECT_NEAR(found.point[at(e)], 0.625, 1e-6);
   // T11 held at 1, targets c = 2 and T22 = 1: on T22 = c^2 the derivative of -(c - 2)^2 - (c^2 - 1)^2 / 2 is
   // 2 (2 - c) - 2 c (c^2 - 1), which is 0 at c^3 = 2.
   ConeProblem held = quadratic({2}, {1, 2, 1}, {1, 2, 1});

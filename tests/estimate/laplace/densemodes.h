@@ -35,14 +35,15 @@ inline std::vector<double> elements(const Parameters& x) {
 template <class Study>
 RecordSource sourceof(Study& study) {
   return {&study, [](void* state) { static_cast<Study*>(state)->position = 0; },
-          [](void* state, std::vector<Level3Records>& batch) {
+          [](void* state) -> const std::vector<Level3Records>& {
             Study& made = *static_cast<Study*>(state);
-            batch.clear();
+            made.batch.clear();
             for (std::size_t i = 0; i < made.batchsize && made.position < made.units.size(); ++i) {
               const Level3Records& u = made.units[made.position++];
-              batch.push_back({u.k, u.firstunit, u.units, u.start.copy(), u.x.copy(), u.w2.copy(), u.w3.copy(),
-                               u.y.copy(), u.n.copy()});
+              made.batch.push_back({u.k, u.firstunit, u.units, u.start.copy(), u.x.copy(), u.w2.copy(), u.w3.copy(),
+                                    u.y.copy(), u.n.copy()});
             }
+            return made.batch;
           }};
 }
 

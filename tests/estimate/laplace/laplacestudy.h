@@ -36,6 +36,7 @@ struct Study {
   std::vector<Level3Records> units;
   int q = 0, r = 0, g = 0;
   std::size_t batchsize = 3, position = 0;
+  std::vector<Level3Records> batch;
 
   explicit Study(const Shape& shape, bool ragged = true) {
     std::mt19937_64 random(shape.seed);

@@ -34,6 +34,7 @@ struct Study {
   Design design;
   std::vector<Level3Records> units;
   std::size_t position = 0, batchsize = 5;
+  std::vector<Level3Records> batch;
   int units2 = 0;
 
   RecordSource source() { return sourceof(*this); }

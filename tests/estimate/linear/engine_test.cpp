@@ -140,8 +140,8 @@ dense::Fit fitted(const study::Study& made, Pass& pass) {
   run.control.stopval = 1e-10;
   study::prepare(pass, made);
   study::setparameters(pass, points[0].T, points[0].L, points[0].s, points[0].gamma);
-  applytaupi(run.model, pass.est.taupi.data());
-  applytaubeta(run.model, pass.est.taubeta.data());
+  applyheld(run.model, Tau::pi, pass.est);
+  applyheld(run.model, Tau::beta, pass.est);
   IterationState state;
   startiterations(pass, state);
   state.limit = run.control.numit;
@@ -165,10 +165,29 @@ void expectvanishing(const dense::Fit& fit, const std::vector<std::vector<int>>&
 TEST_P(Engine, TheScoreVanishesAtTheEstimates) {
   for (const int fishertype : {0, 1, 2}) {
     study::Study made(GetParam(), 24, 6, 7);
-    run.control.fishertype = fishertype;
+    run.control.fishertype = static_cast<FisherType>(fishertype);
     Pass pass;
     expectvanishing(fitted(made, pass), {{0}, {1}, {2}, {3}, {4}, {5}, {6}}, fishertype);
   }
+}
+
+// The rule asks for a plain step. Where every step would be an accelerated one, it gets one to confirm its end.
+TEST(Iterations, AcceleratedAtEachStepTheyEndAtTheMaximum) {
+  study::Study made(1, 24, 6, 7);
+  run.control.accel = 1;
+  run.control.numit = 200;
+  run.control.stopval = 1e-10;
+  Pass pass;
+  study::prepare(pass, made);
+  study::setparameters(pass, points[0].T, points[0].L, points[0].s, points[0].gamma);
+  IterationState state;
+  startiterations(pass, state);
+  state.limit = run.control.numit;
+  ASSERT_FALSE(iterate(pass, state));
+  EXPECT_EQ(state.ending, Ending::converged);
+  EXPECT_LT(state.iteration, 50);
+  expectvanishing(dense::evaluate(made.units, study::currentparameters(pass), study::gammamatrix(pass)),
+                  {{0}, {1}, {2}, {3}, {4}, {5}, {6}}, 2);
 }
 
 // The restricted maximum: a covariance fixed at a value other than 0, two variances made equal, a diagonal matrix. The
@@ -177,7 +196,7 @@ TEST_P(Engine, TheRestrictedScoreVanishesUnderRestrictions) {
   for (const int fishertype : {0, 2}) {
     {
       study::Study made(GetParam(), 24, 6, 7);
-      run.control.fishertype = fishertype;
+      run.control.fishertype = static_cast<FisherType>(fishertype);
       run.model.restrictions.haveesttau2 = true;
       run.model.restrictions.esttau2.reset(4);
       run.model.restrictions.esttau2.fill(missingcode);
@@ -190,7 +209,7 @@ TEST_P(Engine, TheRestrictedScoreVanishesUnderRestrictions) {
     }
     {
       study::Study made(GetParam(), 24, 6, 7);
-      run.control.fishertype = fishertype;
+      run.control.fishertype = static_cast<FisherType>(fishertype);
       run.model.restrictions.havecontau2 = true;
       run.model.restrictions.contau2.reset(3);
       run.model.restrictions.contau2[0] = 1;
@@ -276,7 +295,7 @@ TEST(Step, UnusableCovariancesAreFailures) {
 TEST(Point, AskingMovesNothing) {
   for (const int fishertype : {1, 2}) {
     study::Study made(5, 24, 6, 7);
-    run.control.fishertype = fishertype;
+    run.control.fishertype = static_cast<FisherType>(fishertype);
     Pass pass;
     study::prepare(pass, made);
     study::setparameters(pass, points[0].T, points[0].L, points[0].s, points[0].gamma);
@@ -284,7 +303,8 @@ TEST(Point, AskingMovesNothing) {
     FisherWork fisher;
     makefisher(pass, fisher);
     EXPECT_TRUE(tauerrors(pass, fisher).known);
-    const HigherPoint found = searchedge(pass, 0.0);
+    const EdgeSearch found = searchedge(pass, pass.est, 0.0);
+    EXPECT_FALSE(found.failed);
     EXPECT_GT(found.gain, 0.0);
     const std::pair<const Array<double>*, const Array<double>*> fields[] = {{&pass.est.gammahat, &before.gammahat},
                                                                             {&pass.est.vgamma, &before.vgamma},
@@ -293,7 +313,7 @@ TEST(Point, AskingMovesNothing) {
     for (const auto& [now, then] : fields) EXPECT_TRUE(std::equal(now->begin(), now->end(), then->begin()));
     EXPECT_EQ(pass.est.sigma2, before.sigma2);
     pass.est = found.est.copy();
-    EXPECT_LT(searchedge(pass, 0.0).gain, 1e-3) << "the maximum has none above it";
+    EXPECT_LT(searchedge(pass, pass.est, 0.0).gain, 1e-3) << "the maximum has none above it";
   }
 }
 

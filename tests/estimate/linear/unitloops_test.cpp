@@ -6,11 +6,11 @@
 #include <random>
 #include <vector>
 
+#include "kernel/sizes.h"
+
 namespace {
 
 using namespace kdr;
-
-constexpr std::size_t at(int n) { return static_cast<std::size_t>(n); }
 
 // Everything that the three walks write, one number behind the other, for made records of `units` units.
 std::vector<double> written(const UnitLoops& loops, int p, int b, int nb, int units) {

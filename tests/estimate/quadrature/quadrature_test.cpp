@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <bit>
 #include <cmath>
 #include <cstdint>
@@ -113,6 +114,154 @@ TEST(QuadratureLoops, EverySetOfInstructionsGivesTheSameBits) {
       EXPECT_EQ(written(baseline::quadratureloops), written(fastestquadratureloops())) << dims << " " << type;
     }
   }
+}
+
+// log f, its derivative by the predictor and minus its second one, without the terms of the outcome alone.
+std::array<double, 3> densityof(int type, double eta, double y, double n) {
+  if (type >= 2) return {y * eta - std::exp(eta), y - std::exp(eta), std::exp(eta)};
+  const double trials = type == 0 ? 1.0 : n, mu = 1.0 / (1.0 + std::exp(-eta));
+  return {y * eta - trials * std::log1p(std::exp(eta)), y - trials * mu, trials * mu * (1.0 - mu)};
+}
+
+// Every pair of nodes, of every number of columns, dimensions and points, from the definition.
+TEST(QuadratureLoops, RecordsOfAUnitAtItsNodes) {
+  std::mt19937 rng(7);
+  std::normal_distribution<double> normal(0.0, 0.7);
+  constexpr std::size_t records = 9;
+  const auto power = [](std::size_t base, std::size_t exponent) {
+    std::size_t value = 1;
+    for (; exponent > 0; --exponent) value *= base;
+    return value;
+  };
+  for (int type = 0; type < 4; ++type)
+    for (const std::size_t npi : {1U, 2U, 3U, 4U})
+      for (const auto& [dims3, dims2] : {std::pair<std::size_t, std::size_t>{1, 1}, {1, 2}, {2, 1}})
+        for (const std::size_t points : {1U, 3U, 5U, 6U, 11U}) {
+          const std::size_t dims = dims3 + dims2, linestride = (points + 3) / 4 * 4, nodes2 = power(points, dims2),
+                            nodes3 = power(points, dims3), length = (nodes2 + 3) / 4 * 4, first = nodes3 / 3,
+                            segments = nodes3 - first, outerstride = (segments + 3) / 4 * 4, pairs = segments * length,
+                            packed = npi * (npi + 1) / 2, rows = npi <= mostpacked ? packed : records;
+          std::vector<double> line(linestride), x(records * npi), effects(records * dims), fixed(records), y(records),
+              n(records, 3.0);
+          for (std::size_t t = 0; t < points; ++t)
+            line[t] = 0.5 * (static_cast<double>(points) - 1.0) - static_cast<double>(t);
+          std::vector<unsigned char> digits3, digits2;
+          for (std::size_t d = 0, step = 1; d < dims3; ++d, step *= points)
+            for (std::size_t m = 0; m < nodes3; ++m) digits3.push_back(static_cast<unsigned char>(m / step % points));
+          for (std::size_t d = 0, step = 1; d < dims2; ++d, step *= points)
+            for (std::size_t l = 0; l < nodes2; ++l) digits2.push_back(static_cast<unsigned char>(l / step % points));
+          for (std::vector<double>* list : {&x, &effects, &fixed})
+            for (double& value : *list) value = normal(rng);
+          // Runs of equal effects, as of random intercepts, are worked once.
+          for (std::size_t i = 4; i < 7; ++i) std::copy_n(effects.data() + 3 * dims, dims, effects.data() + i * dims);
+          for (std::size_t i = 0; i < records; ++i) y[i] = static_cast<double>(type == 0 ? i % 2 : i % 4);
+          const auto written = [&](const QuadratureLoops& loops) {
+            std::vector<double> density(pairs), gradient(npi * pairs), weights(rows * pairs),
+                outer(records * outerstride), inner(records * length + 4), linear(outerstride + length),
+                work(dims * (2 * linestride + 1) + outerstride + records + 4);
+            loops.exact[type]({records,         npi,
+                               dims3,           dims2,
+                               points,          linestride,
+                               line.data(),     nodes3,
+                               nodes2,          digits3.data(),
+                               digits2.data(),  first,
+                               segments,        length,
+                               outerstride,     x.data(),
+                               effects.data(),  fixed.data(),
+                               y.data(),        type == 1 ? n.data() : nullptr,
+                               pairs,           density.data(),
+                               gradient.data(), weights.data(),
+                               outer.data(),    inner.data(),
+                               linear.data(),   work.data()});
+            for (const std::vector<double>* more : {&gradient, &weights})
+              density.insert(density.end(), more->begin(), more->end());
+            return density;
+          };
+          const std::vector<double> found = written(fastestquadratureloops());
+          EXPECT_EQ(written(baseline::quadratureloops), found);
+          double worst = 0.0;
+          for (std::size_t m = 0; m < segments; ++m)
+            for (std::size_t l = 0; l < nodes2; ++l) {
+              std::vector<double> right(1 + npi + rows);
+              for (std::size_t i = 0; i < records; ++i) {
+                double eta = fixed[i];
+                for (std::size_t d = 0; d < dims3; ++d)
+                  eta += effects[i * dims + d] * line[digits3[d * nodes3 + first + m]];
+                for (std::size_t d = 0; d < dims2; ++d)
+                  eta += effects[i * dims + dims3 + d] * line[digits2[d * nodes2 + l]];
+                const auto [density, residual, weight] = densityof(type, eta, y[i], n[i]);
+                right[0] += density;
+                for (std::size_t c = 0, e = 0; c < npi; ++c) {
+                  right[1 + c] += x[i * npi + c] * residual;
+                  for (std::size_t d = 0; d <= c && npi <= mostpacked; ++d, ++e)
+                    right[1 + npi + e] += weight * x[i * npi + c] * x[i * npi + d];
+                }
+                if (npi > mostpacked) right[1 + npi + i] = weight;
+              }
+              for (std::size_t e = 0; e < right.size(); ++e)
+                worst = std::max(worst, std::fabs(found[e * pairs + m * length + l] - right[e]) /
+                                            std::max(1.0, std::fabs(right[e])));
+            }
+          EXPECT_LE(worst, 1e-12) << type << " " << npi << " " << dims3 << dims2 << " " << points;
+        }
+}
+
+// Records at one value of the effects, far ones included.
+TEST(QuadratureLoops, RecordsOfAUnitAtItsModes) {
+  std::mt19937 rng(9);
+  std::normal_distribution<double> normal(0.0, 1.0);
+  constexpr std::size_t records = 2003, stride = 2004;
+  for (int type = 0; type < 4; ++type)
+    for (const std::size_t npi : {1U, 2U, 3U, 4U}) {
+      const std::size_t packed = npi * (npi + 1) / 2;
+      std::vector<double> columns(npi * stride), y(stride), n(stride), offset(stride), coefficients(npi), Q(npi * npi);
+      for (std::vector<double>* list : {&coefficients, &Q})
+        for (double& value : *list) value = normal(rng);
+      for (std::size_t i = 0; i < records; ++i) {
+        for (std::size_t c = 0; c < npi; ++c)
+          columns[c * stride + i] = type < 2 && i % 50 == 7 ? 20.0 * normal(rng) : normal(rng);
+        y[i] = static_cast<double>(type == 0 ? i % 2 : i % 4);
+        n[i] = type == 1 ? 3.0 : 1.0;
+        offset[i] = type == 3 ? 0.3 * normal(rng) : 0.0;
+      }
+      const auto written = [&](const QuadratureLoops& loops) {
+        std::vector<double> found(1 + npi + packed + npi), D(stride), work(4 * (npi + packed));
+        const RecordColumns unit{npi,
+                                 stride,
+                                 columns.data(),
+                                 y.data(),
+                                 n.data(),
+                                 offset.data(),
+                                 coefficients.data(),
+                                 found.data() + 1,
+                                 found.data() + 1 + npi,
+                                 D.data(),
+                                 work.data()};
+        found[0] = loops.recordsums[type](unit);
+        loops.formsums(unit, Q.data(), found.data() + 1 + npi + packed);
+        return found;
+      };
+      const std::vector<double> found = written(fastestquadratureloops());
+      EXPECT_EQ(written(baseline::quadratureloops), found);
+      std::vector<double> right(found.size());
+      for (std::size_t i = 0; i < records; ++i) {
+        double eta = offset[i], form = 0.0;
+        const auto x = [&](std::size_t c) { return columns[c * stride + i]; };
+        for (std::size_t c = 0; c < npi; ++c) eta += coefficients[c] * x(c);
+        for (std::size_t c = 0; c < npi; ++c)
+          for (std::size_t d = 0; d < npi; ++d) form += Q[c * npi + d] * x(c) * x(d);
+        const auto [density, residual, weight] = densityof(type, eta, y[i], n[i]);
+        const double third = type >= 2 ? weight : weight * (1.0 - 2.0 / (1.0 + std::exp(-eta)));
+        right[0] += density;
+        for (std::size_t c = 0, e = 0; c < npi; ++c) {
+          right[1 + c] += x(c) * residual;
+          right[1 + npi + packed + c] -= 0.5 * third * form * x(c);
+          for (std::size_t d = 0; d <= c; ++d, ++e) right[1 + npi + e] += weight * x(c) * x(d);
+        }
+      }
+      for (std::size_t e = 0; e < right.size(); ++e)
+        EXPECT_NEAR(found[e], right[e], 1e-10 * std::max(1.0, std::fabs(right[e]))) << type << " " << npi << " " << e;
+    }
 }
 
 // The walks over a study at any place.

@@ -40,7 +40,7 @@ class Chain : public testing::Test {
       for (const Array<double>* values : {&pass.results.est.gammahat, &pass.results.est.taupi})
         numbers.insert(numbers.end(), values->begin(), values->end());
     };
-    observer.macroends = [this](const MacroEvent& event) { told += "gckl"[static_cast<int>(event.end)]; };
+    observer.macroends = [this](const MacroEvent& event) { told += "gckls"[static_cast<int>(event.end)]; };
     observer.phasecloses = [this](const ChainPass&) { told += 'C'; };
     observer.enginesover = [this](const ChainPass&) { told += 'E'; };
     observer.enginestands = [this](const EngineStage& stage) {
@@ -78,7 +78,7 @@ TEST_F(Chain, TheSameBytesAgainBehindAFitThatWasStoppedAndOneThatFailed) {
   run.model.use1.row(0)[2] = Use::outcome;
   const Failure failure = fit();
   EXPECT_EQ(failure.row, ownwords);
-  EXPECT_NE(failure.consolewords.find("between 0 and 1"), std::string::npos);
+  EXPECT_NE(failure.consolewords.find("must be 0 or 1"), std::string::npos);
   run.model.outvar = 1;
   run.model.use1.row(0)[1] = Use::outcome;
   run.model.use1.row(0)[2] = Use::predictor;
@@ -136,7 +136,8 @@ TEST_F(Chain, CategoriesAreCounted) {
   EXPECT_EQ(sum, run.mdm.numl1rec);
 }
 
-// A predictor of 32 counts as 2 up to the seventh macro iteration: then z'Wz of a record is g (2 + (d - p)/g)^2.
+// A predictor of 32 counts as 2 up to the seventh macro iteration: then z'Wz of a record is p q (2 + 1/p)^2 or p q (2
+// - 1/q)^2, q = 1 - p.
 TEST_F(Chain, CategoryPredictorsBeyondThirtyStartAgain) {
   run.model.outcome.family = Family::ordinal;
   run.model.outcome.categories = 2;
@@ -153,11 +154,11 @@ TEST_F(Chain, CategoryPredictorsBeyondThirtyStartAgain) {
     plan.start = &chain.state.previous;
     Pass next;
     ASSERT_FALSE(updatecategoricaldata(chain.pass, chain.state, next, plan));
-    const double eta = macro == 7 ? 2.0 : 32.0, p = 1.0 / (1.0 + std::exp(-eta)), g = p * (1.0 - p);
+    const double eta = macro == 7 ? 2.0 : 32.0, p = 1.0 / (1.0 + std::exp(-eta)), q = 1.0 / (1.0 + std::exp(eta));
     double wanted = 0.0;
     for (const int category : {0, 1}) {
-      const double z = eta + ((category == 0 ? 1.0 : 0.0) - p) / g;
-      wanted += table.count[at(category)] * g * z * z;
+      const double z = category == 0 ? eta + 1.0 / p : eta - 1.0 / q;
+      wanted += table.count[at(category)] * p * q * z * z;
     }
     EXPECT_NEAR(next.totalYY / wanted, 1.0, 1e-9) << macro;
   }

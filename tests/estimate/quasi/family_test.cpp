@@ -3,8 +3,12 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+
 #include "estimate/laplace/laplacestudy.h"
 #include "estimate/quasi/macrotest.h"
+#include "estimate/quasi/marginal.h"
+#include "kernel/sizes.h"
 
 namespace {
 
@@ -65,6 +69,7 @@ TEST(MacroTest, CountsWhatHasChanged) {
     const char* what;
     double now[3], previous[3], stop;
     bool settled;
+    double errors[3] = {0, 0, 0};
   };
   const Case cases[] = {
       {"nothing moved", {1, 1, 1}, {1, 1, 1}, 1e-4, true},
@@ -78,17 +83,43 @@ TEST(MacroTest, CountsWhatHasChanged) {
       {"taubeta moved", {1, 1.001, 1}, {1, 1, 1}, 1e-4, false},
       {"below the least change", {1, 1, 1}, {1, 1, 1}, 1e-9, false},
       {"not a number", {1, 1, NAN}, {1, 1, 1}, 1e-4, false},
+      {"a variance on its way to 0", {1e-7, 1, 1}, {2e-7, 1, 1}, 1e-4, true, {0.01, 0, 0}},
+      {"a larger step near 0", {1e-5, 1, 1}, {2e-5, 1, 1}, 1e-4, false, {0.01, 0, 0}},
+      {"gamma near 0", {1, 1, 1e-6}, {1, 1, -1e-6}, 1e-4, true, {0, 0, 0.1}},
+      {"gamma left 0 far", {1, 1, 5}, {1, 1, 0}, 1e-4, false, {0, 0, 0.1}},
   };
   for (const Case& one : cases)
-    EXPECT_EQ(macrotest(made(one.now[0], one.now[1], one.now[2]),
-                        made(one.previous[0], one.previous[1], one.previous[2]), one.stop),
-              one.settled)
+    EXPECT_EQ(
+        macrotest(made(one.now[0], one.now[1], one.now[2]), made(one.previous[0], one.previous[1], one.previous[2]),
+                  made(one.errors[0], one.errors[1], one.errors[2]), one.stop),
+        one.settled)
         << one.what;
   // Both triangles hold the same; the lower one is looked at.
   Parameters a{2, 1, 1, Array<double>(4), Array<double>(1), Array<double>(1)}, b = a.copy();
   a.taupi[2] = a.taupi[1] = 1.1;
   b.taupi[2] = b.taupi[1] = 1.0;
-  EXPECT_FALSE(macrotest(a, b, 1e-4));
+  EXPECT_FALSE(macrotest(a, b, {2, 1, 1, Array<double>(4), Array<double>(1), Array<double>(1)}, 1e-4));
+}
+
+// Against the mean probability by integration (tests/reference/marginalresponse.py), whatever the number of effects at
+// either level that the variance is spread over.
+TEST(Marginal, PredictorIsThatOfTheMeanResponse) {
+  const double cases[][3] = {{-2, .25, .1290065364}, {-2, 1, .1554625185}, {-2, 4, .2247997546}, {.5, .25, .6159760511},
+                             {.5, 4, .5752425317},   {1, 1, .6967346701},  {1, 2, .6750567023},  {1, 4, .6477264385},
+                             {3, .25, .9473300460},  {3, 2, .9086410100},  {3, 4, .8704057991}};
+  const double ones[] = {1, 1, 1};
+  for (const auto& [eta, variance, mean] : cases)
+    for (int q = 1; q <= 3; ++q)
+      for (int r = 1; r <= 2; ++r)
+        for (const double share : {0.0, 0.5, 1.0}) {  // of level 2
+          Array<double> T(at(q * q)), L(at(r * r));
+          for (int i = 0; i < q; ++i) T[at(i * q + i)] = share * variance / q;
+          for (int i = 0; i < r; ++i) L[at(i * r + i)] = (1.0 - share) * variance / r;
+          const double logit = marginalpredictor({Link::logit, q, r, T.data(), L.data()}, ones, ones, eta);
+          EXPECT_NEAR(1.0 / (1.0 + std::exp(-logit)), mean, 0.01) << eta << " " << variance << " q " << q;
+          const double log = marginalpredictor({Link::log, q, r, T.data(), L.data()}, ones, ones, eta);
+          EXPECT_NEAR(log, eta + 0.5 * variance, 1e-14);
+        }
 }
 
 }  // namespace

@@ -1,0 +1,173 @@
+#include "command/formula/design.h"
+
+#include <algorithm>
+#include <cmath>
+#include <set>
+
+namespace kdr {
+
+namespace {
+
+// The parts that one variable brings into a term.
+std::vector<ColumnPart> partsof(const Variable& variable, bool indicators) {
+  std::vector<ColumnPart> parts;
+  if (variable.factor) {
+    for (std::size_t k = indicators ? 0 : 1; k < variable.names.levels.size(); ++k)
+      parts.push_back({&variable, static_cast<int>(k), variable.name + variable.names.levels[k]});
+    return parts;
+  }
+  for (std::size_t k = 0; k < variable.columns.size(); ++k)
+    parts.push_back(
+        {&variable, static_cast<int>(k), variable.name + (variable.columns.size() > 1 ? std::to_string(k + 1) : "")});
+  return parts;
+}
+
+// Puts a piece into the list of its level, unless it is there.
+int pieceof(std::vector<Piece>& pieces, const std::vector<ColumnPart>& parts) {
+  if (parts.empty()) return interceptpiece;
+  std::string name, shown;
+  for (const ColumnPart& part : parts) {
+    if (!name.empty()) name += ':';
+    if (!shown.empty()) shown += ':';
+    name += part.name;
+    shown += part.variable->shown + part.name.substr(part.variable->name.size());
+  }
+  for (std::size_t i = 0; i < pieces.size(); ++i)
+    if (pieces[i].name == name) return static_cast<int>(i);
+  pieces.push_back({std::move(name), std::move(shown), parts});
+  return static_cast<int>(pieces.size()) - 1;
+}
+
+struct Split {
+  std::vector<ColumnPart> parts[3];
+};
+
+Split splitof(const ModelColumn& column) {
+  Split split;
+  for (const ColumnPart& part : column.parts) split.parts[part.variable->level].push_back(part);
+  return split;
+}
+
+}  // namespace
+
+double valueat(const std::vector<ColumnPart>& parts, std::size_t record) {
+  double value = 1.0;
+  for (const ColumnPart& part : parts) value *= part.at(record);
+  return value;
+}
+
+std::vector<ModelColumn> modelmatrix(FormulaData& data, const Terms& terms) {
+  std::vector<const Variable*> variables;
+  std::vector<bool> factors;
+  for (const Expression* e : terms.variables) {
+    variables.push_back(&variableof(data, *e));
+    factors.push_back(variables.back()->factor);
+  }
+  const std::vector<std::vector<bool>> coded = indicatorcoded(terms, factors);
+  std::vector<ModelColumn> columns;
+  if (terms.intercept) columns.push_back({"(Intercept)", {}});
+  for (std::size_t t = 0; t < terms.terms.size(); ++t) {
+    std::vector<ModelColumn> product(1);
+    for (std::size_t v = 0; v < variables.size(); ++v) {
+      if ((terms.terms[t] >> v & 1) == 0) continue;
+      std::vector<ModelColumn> longer;
+      for (const ColumnPart& part : partsof(*variables[v], coded[t][v]))
+        for (const ModelColumn& column : product) {
+          longer.push_back(column);
+          longer.back().name += (column.parts.empty() ? "" : ":") + part.name;
+          longer.back().parts.push_back(part);
+        }
+      product = std::move(longer);
+    }
+    columns.insert(columns.end(), product.begin(), product.end());
+  }
+  return columns;
+}
+
+// The columns are swept one after the other out of those behind them, S_jk - S_ji S_ik / S_ii; what is left of S_jj
+// tells whether column j has something of its own. With an intercept each is taken from its mean on, which keeps the
+// digits of those with a large one. S is scaled by its diagonal, so that no unit of measurement matters.
+std::vector<bool> redundant(const std::vector<ModelColumn>& columns, const std::vector<std::uint32_t>& order) {
+  const std::size_t n = columns.size();
+  const bool intercept = n > 0 && columns[0].parts.empty();
+  std::vector<double> row(n), mean(n), largest(n), S(n * n);
+  for (const std::uint32_t record : order)
+    for (std::size_t j = 0; j < n; ++j) {
+      const double value = valueat(columns[j].parts, record);
+      mean[j] += value;
+      largest[j] = std::max(largest[j], std::fabs(value));
+    }
+  for (std::size_t j = 0; j < n; ++j)  // of indicators too, so that an empty row stays empty
+    mean[j] = intercept && j > 0 ? mean[j] / static_cast<double>(order.size()) : 0.0;
+  std::vector<std::size_t> filled;
+  for (const std::uint32_t record : order) {
+    filled.clear();
+    for (std::size_t j = 0; j < n; ++j) {
+      const bool indicators = std::all_of(columns[j].parts.begin(), columns[j].parts.end(),
+                                          [](const ColumnPart& part) { return part.variable->factor; });
+      row[j] = valueat(columns[j].parts, record) - (indicators ? 0.0 : mean[j]);
+      if (row[j] != 0.0) filled.push_back(j);
+    }
+    for (std::size_t a = 0; a < filled.size(); ++a)
+      for (std::size_t b = a; b < filled.size(); ++b) S[filled[a] * n + filled[b]] += row[filled[a]] * row[filled[b]];
+  }
+  constexpr double nothing = 1e-11, rounding = 1e-24;
+  std::vector<double> scale(n);
+  std::vector<bool> without(n);
+  for (std::size_t j = 0; j < n; ++j) {
+    const double diagonal = S[j * n + j];
+    const double floor = rounding * largest[j] * largest[j] * static_cast<double>(order.size());
+    without[j] = !(diagonal > floor);
+    scale[j] = without[j] ? 0.0 : 1.0 / std::sqrt(diagonal);
+  }
+  for (std::size_t j = 0; j < n; ++j)
+    for (std::size_t k = j; k < n; ++k) S[j * n + k] *= scale[j] * scale[k];
+  for (std::size_t i = 0; i < n; ++i) {
+    without[i] = without[i] || !(S[i * n + i] > nothing);
+    if (without[i]) continue;
+    for (std::size_t j = i + 1; j < n; ++j) {
+      const double factor = S[i * n + j] / S[i * n + i];
+      if (factor == 0.0) continue;
+      for (std::size_t k = j; k < n; ++k) S[j * n + k] -= factor * S[i * n + k];
+    }
+  }
+  return without;
+}
+
+Design designof(FormulaData& data, const FormulaModel& model, const std::vector<ModelColumn>& fixed, std::size_t inner,
+                std::optional<std::size_t> outer) {
+  Design design;
+  for (const ModelColumn& column : fixed) {
+    const Split split = splitof(column);
+    FixedEffect effect;
+    effect.name = column.name;
+    effect.of = {pieceof(design.pieces[0], split.parts[0]), pieceof(design.pieces[1], split.parts[1])};
+    effect.piece3 = pieceof(design.pieces[2], split.parts[2]);
+    design.fixed.push_back(std::move(effect));
+  }
+  for (const RandomPart& part : model.randoms) {
+    const std::vector<std::string>& names = data.groupings[inner].names;
+    const bool ofinner = std::set<std::string>(part.group.begin(), part.group.end()) ==
+                         std::set<std::string>(names.begin(), names.end());
+    const int level = ofinner || !outer ? 2 : 3;
+    RandomBlock block;
+    for (const ModelColumn& column : modelmatrix(data, part.terms)) {
+      const Split split = splitof(column);
+      for (int at = level - 1; at < 3; ++at)
+        if (!split.parts[at].empty())
+          refuseformula(model.text, part.place,
+                        split.parts[at][0].name + " does not vary within the units of " +
+                            data.groupings[ofinner ? inner : *outer].shown +
+                            ", so that its effect cannot vary between them.");
+      const CoefficientPieces of{pieceof(design.pieces[0], split.parts[0]), pieceof(design.pieces[1], split.parts[1])};
+      for (const RandomBlock& other : design.blocks[level - 2])
+        if (std::find(other.begin(), other.end(), of) != other.end())
+          refuseformula(model.text, part.place, column.name + " is random over these units in another part already.");
+      block.push_back(of);
+    }
+    if (!block.empty()) design.blocks[level - 2].push_back(std::move(block));  // (0 | a:b) tells units alone
+  }
+  return design;
+}
+
+}  // namespace kdr

@@ -1,0 +1,33 @@
+// A design as lines of a command file.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "command/formula/design.h"
+
+namespace kdr {
+
+struct EquationLines {
+  const Design* design = nullptr;
+  std::string outcome, counts;        // names in the MDM file
+  std::string weights[3];             // likewise
+  std::vector<std::string> names[3];  // likewise, of the pieces of each level
+  std::vector<std::string> legend;    // "FEMALYES is femaleyes"
+  std::vector<std::string> head;      // the lines before the equations
+  int categories = 0;                 // of an ordinal or multinomial outcome
+  bool multinomial = false;
+  bool twolevel = false;  // without lines of level 3
+
+  // Random effects of level 2 or 3.
+  [[nodiscard]] std::size_t effects(int level) const;
+  // Whether all of them are independent of each other, and whether some are, in a way that DIAGONALIZE cannot say.
+  [[nodiscard]] bool diagonal(int level) const;
+  [[nodiscard]] bool restricted() const;
+};
+
+// The lines of the equations and of what restricts their random effects, and those of the weights.
+[[nodiscard]] std::vector<std::string> equationlines(const EquationLines& lines);
+
+}  // namespace kdr
