@@ -305,7 +305,8 @@ void takeline(TemplateText& text, const std::string& line) {
 // Each level-2 unit is a level-3 unit without variables: the level-2 file serves for both.
 void makelevel3() {
   LevelSource& source = raw.level[2];
-  source.filename = raw.level[1].filename;
+  const std::string& type = raw.level[1].filetype;
+  source.filename = raw.level[1].filename + (type.empty() ? "" : " /" + type);
   source.format = raw.level[1].format;
   startnames(2, 0);
   openraw(2);

@@ -97,7 +97,8 @@ void noproperresponse() {
   if (inputended && !run.files.cmdfile.empty())
     std::fprintf(stderr,
                  "\nStandard input ended at this question. Lines of the command file answer such questions:\n"
-                 "LEVEL1DELETION:NONE, CONSTRAIN:N, HYPOTH:N, LVR-BETA:N, RESFIL2:N, RESFIL3:N, %s, TITLE:, OUTPUT:\n",
+                 "LEVEL1DELETION:NONE, CONSTRAIN:N, HYPOTH:N, %s, %s, TITLE:, OUTPUT:\n",
+                 run.mdm.twolevel() ? "RESFIL2:N" : "LVR-BETA:N, RESFIL2:N, RESFIL3:N",
                  run.model.outcome.linear() ? "NUMIT:500,N" : "MACROIT:100,N, MICROIT:200");
   fail(100, "Unable to get a proper response!\n");
 }

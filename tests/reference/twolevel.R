@@ -104,7 +104,7 @@ other("growth", cbind(right, tries - right) ~ year + (year || pupil), binomial, 
 other("growth", books ~ year + ses + offset(log(weeks)) + (1 + ses | school), poisson, 1, paste("-family poisson", laplace))
 other("cbpp", cbind(incidence, size - incidence) ~ period + (1 | herd), binomial, 1, paste("-family binomial", laplace))
 
-restricted("growth", score ~ year * arm + (year | school))
+restricted("growth", score ~ year * arm + (1 | school))
 restricted("growth", score ~ year + ses + (1 | pupil))
 restricted("sleepstudy", Reaction ~ Days + (Days | Subject))
 restricted("oats", yield ~ nitro + Variety + (1 | Block))
