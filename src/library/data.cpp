@@ -345,7 +345,8 @@ kdr3_status kdr3_data_make(size_t records, size_t count, const kdr3_column* colu
     Numbering units3, units2;
     if (twolevel && !levels[2].empty()) return error("A column of level 3 needs the IDs of level 3.");
     // Data of two levels: each level-2 unit is a level-3 unit too.
-    if (std::string words = numberids(twolevel ? *level2id : *level3id, records, nullptr, units3); !words.empty()) return error(words);
+    if (std::string words = numberids(twolevel ? *level2id : *level3id, records, nullptr, units3); !words.empty())
+      return error(words);
     if (std::string words = numberids(*level2id, records, &units3.of, units2); !words.empty()) return error(words);
     const Order order = orderof(units3, units2);
 

@@ -161,7 +161,7 @@ WRONG = [
     ("score ~ year + (1 | school/pupil", "never closed", "("), ("score ~ year) + (1 | school/pupil)", "never opened", ")"),
     ("score ~ yeer + (1 | school/pupil)", "no column yeer. Is year meant?", "yeer"),
     ("score ~ year + 1 | school", "stands in parentheses", "year + 1 | school"),
-    ("score ~ year + (1 | school)", "two levels, which cannot be fitted yet", "school"),
+    ("score ~ year + (0 | school)", "Nothing is random here", "0 | school"),
     ("score ~ year", "no random part", "year"),
     ("score ~ year + (1 | school) + (1 | paper)", "crossed", "paper"),
     ("score ~ year + (1 | school/pupil/year)", "more than two groupings", "school/pupil/year"),
