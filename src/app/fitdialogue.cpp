@@ -1,5 +1,6 @@
 #include "app/fitdialogue.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -100,6 +101,8 @@ std::string obstacle(const FitRequest& request) {
   if (pipe(ends) != 0) return {};
   const pid_t child = fork();
   if (child == 0) {
+    // Its end would turn an input back that it shares.
+    if (const int nothing = open("/dev/null", O_RDONLY); nothing >= 0) dup2(nothing, STDIN_FILENO);
     dup2(ends[1], STDOUT_FILENO);
     dup2(ends[1], STDERR_FILENO);
     close(ends[0]);

@@ -30,7 +30,8 @@ void addlikelihood(Json& phase, const Subject& subject, double loglik, bool comp
   phase["bic_sample_size"] = whenever(has, subject.records);
   Json comparison;
   if (has && subject.alternative) {
-    const DevianceComparison made = comparisonof(deviance, parameters, *subject.alternative, subject.model);
+    const DevianceComparison made =
+        comparisonof(deviance, parameters, *subject.alternative, subject.model, subject.twolevel);
     const bool possible = made.impossible.empty();
     addtest(comparison, made.chisquare);
     comparison["p"] = whenever(possible, comparison["p"]);

@@ -113,7 +113,7 @@ void variances(const Pooled& pooled) {
         report(" %s", ratio(test) ? fixedpoint(test.chisquare.df2, 1, 2).c_str() : "none");
       reportbreak();
     }
-    partialnote(which, "chi-square statistics", pooled.tests.units2, pooled.tests.units3);
+    if (!tests.empty()) partialnote(which, "chi-square statistics", pooled.tests.units2, pooled.tests.units3);
   }
 }
 

@@ -288,6 +288,11 @@ def constructions(folder):
     code, said = commands(mark=",1")
     c(code == 100 and "SES has no groups to be centered in" in said, said)
     c.equal("grand mean", commands(mark=",2")[0], 0)
+    # one parameter more than here can be no random effect of a third level
+    if want:
+        commands(f"DEVIANCE:{want['deviance'] - 3:.4f}\nDF:{want['parameters'] + 1}")
+        compared = json.load(open(f"{folder}/m.json"))["phases"][-1]["model_comparison"]
+        c.equal("a comparison", (compared["df"], compared["mixture_p"]), (1, None))
     # a program of before has three types
     data = bytearray(open(f"{folder}/p.mdm", "rb").read())
     c(b"\4\0\0\0" in data[:400], "the type of the file")
