@@ -126,16 +126,6 @@ int asknumber(const char* prompt, int lo, int hi) {
   noproperresponse();
 }
 
-int askvariable(const char* prompt, int lo, int hi, const Array<Name>& table) {
-  return askvariable(prompt, lo, hi, [&](const std::string& name) {
-    const int found = findname(name, table, hi);
-    if (found > 0 && charactersof(name) > significant)
-      std::printf(" %s is taken for %s: names count by their first %d characters.\n", printable(name).c_str(),
-                  leftname(table[static_cast<std::size_t>(found)]).c_str(), static_cast<int>(significant));
-    return found;
-  });
-}
-
 int askvariable(const char* prompt, int lo, int hi, const std::function<int(const std::string& name)>& find) {
   const std::string more =
       lo < 1 ? std::string("0 ends the list") + (lo < 0 ? "; -1 takes that of the question before.\n" : ".\n")
