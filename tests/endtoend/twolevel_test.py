@@ -315,6 +315,19 @@ def files(folder):
             data = open(f"{folder}/r{level}.{form}", "rb").read()
             c(b"L3ID" not in data and b"L2ID" in data, f"{form} of level {level}: {data[:120]!r}")
         c.equal("newcmd.kdr", run(PROGRAM, folder, "-strict", "p.mdm", "newcmd.kdr")[0], 0)
+    (data, formula, _, want), = blocks("residuals")
+    fitted(c, folder, formula, data, *sum((["-keyword", x] for x in ("RESFIL1:Y", "RESFIL2:Y", "RESFILTYPE:FREEFORMAT", "STOPVAL:0.0000000001")), []))
+    made = residualfiles.readfree(f"{folder}/resfil2.dat", 2)
+    c.equal("units of the residual file", [row[0] for row in made.rows], [float(row[0]) for row in want[:-1]])
+    at = [made.names.index(x) for x in ("EBINTRCP", "EBDAYS", "PV200", "PV210", "PV211")]
+    for row, (unit, values) in zip(made.rows, want):
+        for i, x in zip(at, numbers(values)):
+            c.near(f"{made.names[i]} of unit {unit}", row[i], x, 0.02, 5e-4)
+    made = residualfiles.readfree(f"{folder}/resfil1.dat", 1)
+    values = numbers(want[-1][1])
+    for i, row in enumerate(made.rows):
+        c.near(f"residual of record {i}", row[1], values[2 * i], 0.02)
+        c.near(f"fitted value of record {i}", row[2], values[2 * i + 1], 0.02)
     rows = list(csv.reader(open(f"{folder}/r2.FREEFORMAT")))
     c.equal("head", [x.strip() for x in sum(rows[:2], []) if x.strip()][:8], ["L2ID", "NJK", "EBINTRCP", "EBYEAR", "OLINTRCP", "OLYEAR", "FVINTRCP", "FVYEAR"])
     c.equal("rows", len(rows) - 2, json.load(open(f"{folder}/r.json"))["dimensions"]["level2_units"])

@@ -55,6 +55,15 @@ other <- function(name, formula, family, points, options) {
   show("  deviance\t", number(c(-2 * (as.numeric(logLik(m)) + if (points > 1) saturated(m) else 0), nobs(m))))
 }
 
+# What the residual files hold: effects with their covariances, residuals and fitted values.
+residuals2 <- function(name, formula) {
+  m <- best(formula, datasets[[name]], FALSE)
+  head("residuals", name, formula, "")
+  r <- ranef(m, condVar = TRUE)[[1]]; v <- attr(r, "postVar")
+  for (j in seq_len(nrow(r))) show("  ", rownames(r)[j], "\t", number(c(unlist(r[j, ]), v[1, 1, j], v[2, 1, j], v[2, 2, j])))
+  show("  records\t", number(c(rbind(resid(m), fitted(m)))))
+}
+
 restricted <- function(name, formula) {
   m <- best(formula, datasets[[name]], TRUE)
   head("restricted", name, formula, "")
@@ -103,6 +112,8 @@ other("growth", I(passed == "yes") ~ year + sex + (year | school), binomial, 1, 
 other("growth", cbind(right, tries - right) ~ year + (year || pupil), binomial, 1, paste("-family binomial", laplace))
 other("growth", books ~ year + ses + offset(log(weeks)) + (1 + ses | school), poisson, 1, paste("-family poisson", laplace))
 other("cbpp", cbind(incidence, size - incidence) ~ period + (1 | herd), binomial, 1, paste("-family binomial", laplace))
+
+residuals2("sleepstudy", Reaction ~ Days + (Days | Subject))
 
 restricted("growth", score ~ year * arm + (1 | school))
 restricted("growth", score ~ year + ses + (1 | pupil))
