@@ -42,7 +42,8 @@ readgraph <- function(path, mdm, nonlinear = FALSE, categories = FALSE, m = NULL
 
   head <- readBin(mdm, "raw", 54)
   if (rawToChar(head[1:6]) != "MXKDR3") stop(mdm, " is not an MDM file")
-  units <- readBin(head[27:34], "integer", 2, 4, endian = "little")
+  counts <- readBin(head[27:46], "integer", 5, 4, endian = "little")
+  units <- c(counts[1], if (counts[5] == 4) 0 else counts[2])  # data of two levels have no level-3 units
   rest <- length(bytes) - at
   found <- NULL  # rows of m, n, p, q, level-2 units with records
   isflags <- function(x) all(x >= 0 & x <= 3)
@@ -58,7 +59,7 @@ readgraph <- function(path, mdm, nonlinear = FALSE, categories = FALSE, m = NULL
       p <- sum(flags1 == 0)
       q <- sum(flags2 == 0)
       left <- rest - 4 * (M + N) - 8 * units[2] * (3 * q + N)
-      if (p == 0 || q == 0 || left < 0) next
+      if (p + q == 0 || left < 0) next
       for (units2 in units[1]:1) {  # units that lost all their records are not in the file
         end <- left - units2 * 8 * (3 * p + M)
         if (if (categories) end == 0
@@ -75,7 +76,7 @@ readgraph <- function(path, mdm, nonlinear = FALSE, categories = FALSE, m = NULL
     width <- 3 * x[3] + x[1]
     level3 <- doubles(units[2] * x[4])
     level2 <- matrix(doubles(x[5] * width), width)
-    all(is.finite(level3), level3 > 0, is.finite(level2), level2[seq(width - x[3] + 1, width), ] > 0)
+    all(is.finite(level3), level3 > 0, is.finite(level2), level2[width - x[3] + seq_len(x[3]), ] > 0)
   }
   checks <- list(variancesfit,
                  function(x) predictors[3] > 0 || x[2] == nfix,  # without level-3 predictors or constraints
@@ -92,6 +93,7 @@ readgraph <- function(path, mdm, nonlinear = FALSE, categories = FALSE, m = NULL
   tables$fixed2 <- takeints(n)
   tables$level3 <- cbind(rows(units[2], numbered("EB", q)), rows(units[2], numbered("OL", q)),
                          rows(units[2], numbered("FV", n)), rows(units[2], numbered("PV", q)))
+  if (units[2] == 0) tables$level3 <- data.frame()
   tables$level2 <- rows(found[5], c(numbered("EB", p), numbered("OL", p), numbered("FV", m), numbered("PV", p)))
   for (level in c("level3", "level2")) {
     ols <- grep("^OL", names(tables[[level]]))

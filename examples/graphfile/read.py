@@ -28,12 +28,13 @@ class Bytes:
 
 
 def unitcounts(mdm):
-    """Level-2 and level-3 units of an MDM file."""
+    """Level-2 and level-3 units of an MDM file; of the latter none in data of two levels."""
     with open(mdm, 'rb') as f:
         head = f.read(54)
     if head[:6] != b'MXKDR3':
         raise ValueError('%s is not an MDM file' % mdm)
-    return struct.unpack_from('<ii', head, 26)
+    units2, units3, _, _, kind = struct.unpack_from('<5i', head, 26)
+    return units2, 0 if kind == 4 else units3
 
 
 def predictors(b):
@@ -68,7 +69,7 @@ def layouts(b, units2, units3, predictors, nfix, categories, m, n):
                 break
             p, q = flags1.count(0), flags2.count(0)
             left = rest - 4 * (M + N) - 8 * units3 * (3 * q + N)
-            if p == 0 or q == 0 or left < 0:
+            if p + q == 0 or left < 0:
                 continue
             # units that lost all their records to missing values are not in the file
             for units in range(units2, 0, -1):
@@ -88,7 +89,7 @@ def variancesfit(b, units3, m, n, p, q, units2):
     values = list(struct.unpack_from('<%dd' % (units3 * q), b.data, at))
     at += 8 * units3 * q
     for unit in struct.iter_unpack('<%dd' % (3 * p + m), b.data[at:at + 8 * units2 * (3 * p + m)]):
-        values += unit[-p:]
+        values += unit[len(unit) - p:]
     return all(0 < x < math.inf for x in values)
 
 

@@ -62,14 +62,16 @@ typedef struct {
  * which their IDs first appear, level-2 units within their level-3 unit: the same level-2 ID in two level-3 units is
  * two units. The values are copied. Errors: a missing or doubled name, an ID that is missing, a value that is not
  * finite, a column of level 2 or 3 that varies within a unit, a missing value in one. Missing values of level 1 are
- * passed over by the models that use the column. */
+ * passed over by the models that use the column. With a null level3id the data have two levels: a model of them has no
+ * terms of level 3, and its level-2 terms are the fixed effects. */
 KDR3_PUBLIC kdr3_status kdr3_data_make(size_t records, size_t count, const kdr3_column* columns,
                                        const kdr3_column* level2id, const kdr3_column* level3id, kdr3_data** data);
 
 /* Opens an MDM file. Its variables have the names that the file has, eight letters at the most. */
 KDR3_PUBLIC kdr3_status kdr3_data_open(const char* path, kdr3_data** data);
 
-/* Records and units: sizes[0] level-1 records, sizes[1] level-2 units, sizes[2] level-3 units. */
+/* Records and units: sizes[0] level-1 records, sizes[1] level-2 units, sizes[2] level-3 units, 0 in data
+ * of two levels. */
 KDR3_PUBLIC kdr3_status kdr3_data_sizes(const kdr3_data* data, size_t sizes[3]);
 
 KDR3_PUBLIC void kdr3_data_free(kdr3_data* data);

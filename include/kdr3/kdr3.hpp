@@ -63,6 +63,15 @@ class Data : public detail::Handle<kdr3_data, kdr3_data_free> {
     data.handle.reset(made);
     return data;
   }
+  // Of two levels.
+  [[nodiscard]] static Data make(std::size_t records, const std::vector<kdr3_column>& columns,
+                                 const kdr3_column& level2id) {
+    Data data;
+    kdr3_data* made = nullptr;
+    data.hold(kdr3_data_make(records, columns.size(), columns.data(), &level2id, nullptr, &made));
+    data.handle.reset(made);
+    return data;
+  }
   [[nodiscard]] static Data open(const std::string& path) {
     Data data;
     kdr3_data* made = nullptr;
@@ -165,15 +174,20 @@ class Model : public detail::Handle<kdr3_model, kdr3_model_free> {
         int categories = 0) {
     sentence = data.error();
     kdr3_model* made = nullptr;
+    std::size_t sizes[3] = {};
+    if (sentence.empty()) kdr3_data_sizes(data.get(), sizes);
+    twolevel = sizes[2] == 0;
     if (sentence.empty()) hold(kdr3_model_make(data.get(), outcome, family, counts, categories, &made));
     handle.reset(made);
   }
-  // A level-1 coefficient, null for the intercept, with a level-2 and a level-3 intercept; its term of level 2 is
+  // A level-1 coefficient, null for the intercept, with a level-2 and a level-3 intercept (the latter in data of three
+  // levels); its term of level 2 is
   // handed back for others.
   int term(const char* variable, const Term& settings = {}) {
     int coefficient = 0, term = 0;
     if (*this && hold(kdr3_model_level1(get(), variable, settings.centering, settings.random2, &coefficient)) &&
-        hold(kdr3_model_level2(get(), coefficient, nullptr, KDR3_RAW, settings.random3, &term)))
+        hold(kdr3_model_level2(get(), coefficient, nullptr, KDR3_RAW, twolevel ? 0 : settings.random3, &term)) &&
+        !twolevel)
       hold(kdr3_model_level3(get(), term, nullptr, KDR3_RAW));
     return term;
   }
@@ -213,6 +227,9 @@ class Model : public detail::Handle<kdr3_model, kdr3_model_free> {
     result.handle.reset(made);
     return result;
   }
+
+ private:
+  bool twolevel = false;
 };
 
 }  // namespace kdr3

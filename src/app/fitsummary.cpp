@@ -56,7 +56,8 @@ constexpr std::size_t leastwidth = 24, mostwidth = 60;
 std::string effectname(const PreparedFit& fit, const Json& row) {
   if (row["threshold"] == true) return row["level1"];
   for (const FitNames& names : fit.fixed)
-    if (row["level1"] == names.variable1 && row["level2"] == names.variable2 && row["level3"] == names.variable3)
+    if (row["level1"] == names.variable1 && row["level2"] == names.variable2 &&
+        (row["level3"].is_null() || row["level3"] == names.variable3))
       return names.name;
   return row["level1"];
 }
@@ -183,10 +184,10 @@ void fitsummary(const PreparedFit& fit) {
                        : run.control.restricted ? "REML criterion"
                                                 : "Deviance";
     if (deviance.is_number())
-      std::printf("\n%s %s with %s parameters, AIC %s, BIC %s. %d records, %d level-2 units, %d level-3 units.\n", word,
+      std::printf("\n%s %s with %s parameters, AIC %s, BIC %s. %d records, %d level-2 units%s.\n", word,
                   cell(deviance, "%.4f").c_str(), cell((*phase)["parameters"], "%.0f").c_str(),
                   cell((*phase)["aic"], "%.4f").c_str(), cell((*phase)["bic"], "%.4f").c_str(), run.mdm.nunits1,
-                  run.mdm.nunits2, run.mdm.nunits3);
+                  run.mdm.nunits2, run.mdm.twolevel() ? "" : formatted(", %d level-3 units", run.mdm.nunits3).c_str());
     tellwarnings(*phase);
   }
   const bool paged = !fit.request.page.empty() && makepage(fit);

@@ -52,8 +52,9 @@ constexpr const char* help =
     "  -keyword LINE    with -fit: one more line of the command file, as in -keyword NUMIT:1000,N\n"
     "  -page            with -fit: STEM.html, a page with tables and pictures\n"
     "  -r FILE          a template (.mdmt): make an MDM file; another file: answers to the questions\n"
-    "  -from FILE -level3 COLUMN -level2 COLUMN\n"
+    "  -from FILE -level2 COLUMN\n"
     "                   make an MDM file from one long file\n"
+    "  -level3 COLUMN   with -from: the IDs of a third level\n"
     "  -level1 NAMES    with -from: variables that stay at level 1 though they do not vary within units\n"
     "  -factors         with -from: columns of names become columns of 0 and 1\n"
     "  -missing CODES   with -from and -fit: these numbers stand for missing values, as in -missing -9,999\n"
@@ -370,8 +371,9 @@ Options readoptions(int argc, char** argv) {
   if (run.files.cmdfile == "-") run.files.cmdfile = standardinput();
   const bool wanted = !(onefile.from + onefile.level3 + onefile.level2 + onefile.missing).empty() ||
                       !onefile.level1.empty() || onefile.factors;
-  if (wanted && (onefile.from.empty() || onefile.level3.empty() || onefile.level2.empty() || options.templatejob))
-    stopwith("-from FILE, -level3 COLUMN and -level2 COLUMN go together, and without a template.\n");
+  if (wanted && (onefile.from.empty() || onefile.level2.empty() || options.templatejob))
+    stopwith(
+        "-from FILE and -level2 COLUMN go together, with -level3 COLUMN for a third level, and without a template.\n");
   if (wanted) {
     takeonefile({onefile.from, onefile.level3, onefile.level2, wordsof(onefile.level1), numbersof(onefile.missing),
                  onefile.factors});

@@ -15,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "app/fitdialogue.h"
 #include "app/fitsummary.h"
 #include "app/linearjob.h"
 #include "app/nonlinearjob.h"
@@ -79,6 +80,25 @@ void untilexists(std::string& path, const char* words) {
     std::printf("%s file %s does not exist.\n", words, path.c_str());
     if (!readanswer(" Enter new file name: ", path)) fail(14);
   }
+}
+
+// What the run begins with: raw data, and the file where it was named in the place of a y or n; or an MDM file.
+struct Beginning {
+  bool raw = false;
+  std::string file;
+};
+
+Beginning askbeginning() {
+  const std::string more =
+      "Or the name of a file (.csv, .xlsx, .sav, .dta and the like): then a formula is asked for.\n";
+  std::string line;
+  for (int tries = 0; tries < maxtries; ++tries) {
+    readanswer("\nWill you be starting with raw data? ", line, Question::yesno, more);
+    if (israwdata(line)) return {true, line};
+    const char first = line.empty() ? '\0' : line[0];
+    if (std::strchr("nNyY", first) != nullptr && first != '\0') return {first == 'y' || first == 'Y', {}};
+  }
+  noproperresponse();
 }
 
 void askmdmfile() {
@@ -206,7 +226,9 @@ std::string otherkind(const std::string& path) {
   if (kind == InputKind::commandfile) return shown + " is a command file: the MDM file stands in front of it.\n";
   if (kind == InputKind::mdmtemplate) return shown + " is a template: kdr3 -r " + shown + " makes an MDM file.\n";
   if (typeofextension(path) == nullptr) return "";
-  return shown + " is raw data: kdr3 -from " + shown + " -level3 COLUMN -level2 COLUMN makes an MDM file of it.\n";
+  return shown + " is raw data: kdr3 -from " + shown +
+         " -level3 COLUMN -level2 COLUMN makes an MDM file of it, and kdr3 -fit FORMULA " + shown +
+         " fits a model to it.\n";
 }
 
 void readmodel() {
@@ -369,11 +391,15 @@ void runjob(int argc, char** argv) {
   std::optional<PreparedFit> fit;
   if (options.fit) fit = preparefit(std::move(*options.fit));
   bool rawjob = options.templatejob;
+  const bool alone = !fit && !rawjob && run.files.cmdfile.empty();
+  if (alone && israwdata(run.files.mdmfile)) fit = fitdialogue(run.files.mdmfile);
   if (run.files.mdmfile.empty() && !rawjob) {
-    if (askyesno("\nWill you be starting with raw data?")) {
+    const Beginning begin = askbeginning();
+    if (!begin.file.empty()) fit = fitdialogue(begin.file);
+    if (!fit && begin.raw) {
       mdmdialogue();
       rawjob = true;
-    } else {
+    } else if (!fit) {
       askmdmfile();
     }
   }

@@ -121,6 +121,17 @@ void unrecognized(const std::string& line) {
   readanswer("Hit return to continue ", answer);
 }
 
+// Data of two levels have no use for what is about a third one.
+void refuselevel3(const CommandReader& reader, const std::string& value) {
+  constexpr const char* words[] = {"LEVEL3",  "RESFIL3",   "ESTTAU3", "CONTAU3",
+                                   "FIXTAU3", "LVR-BETA:", "HETIT:",  "DIAGONALIZETAUBETA:"};
+  const bool about = std::any_of(std::begin(words), std::end(words),
+                                 [&](const char* word) { return beginswith(reader.lines.line, word); });
+  if (about && !isno(value) && !sameword(value, "NONE"))
+    stopwith("Line %d is about level 3, and the data of %s have two levels: %s\n", reader.lines.number,
+             run.files.mdmfile.c_str(), printable(reader.lines.line).c_str());
+}
+
 void readkeyword(CommandReader& reader) {
   const std::string line = reader.lines.line;  // the model's lines move the reader on
   const std::size_t colon = line.find(':');
@@ -129,6 +140,7 @@ void readkeyword(CommandReader& reader) {
     std::printf("A line is a keyword, a colon and directly behind it a value, or it begins with #.\n");
     badline(reader);
   }
+  if (run.mdm.twolevel()) refuselevel3(reader, value);
   const Keyword* keyword = findkeyword(line);
   if (keyword == nullptr) return unrecognized(line);
   const auto [first, once] = reader.lineof.try_emplace(keyword, reader.lines.number);

@@ -54,6 +54,8 @@ void resetkeywords() {
   run.answered = AnsweredMarks{};
   run.model = Model{};
   makeequationsets();
+  if (run.mdm.twolevel())  // nothing is asked about a level that is not there
+    run.answered.level3 = run.answered.extra3 = run.answered.resfil3 = run.answered.lvr = true;
 }
 
 }  // namespace kdr

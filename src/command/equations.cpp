@@ -151,11 +151,13 @@ void addterm(int* row, int width, int v, const Term& term, const Name& owner) {
   row[slot] = v;
 }
 
-// The LEVEL3: line of the level-2 coefficient whose variable is `owner`, if it stands next.
+// The LEVEL3: line of the level-2 coefficient whose variable is `owner`, if it stands next. Data of two levels have
+// none: the coefficient is a fixed effect.
 void readlevel3(CommandReader& reader, int owner) {
   Model& model = run.model;
   const int e = reader.set, b = reader.ncoef2++;
   if (b >= run.mdm.maxbeta) stopwith("There are too many level-2 coefficients!\n");
+  if (run.mdm.twolevel()) return fixatlevel3(model, e, b);
   const Name& ownername = run.mdm.names2[static_cast<std::size_t>(owner)];
   if (!nextequation(reader, "LEVEL3:")) {
     if (reader.without3.empty()) reader.without3 = leftname(ownername);
@@ -202,6 +204,9 @@ void readlevel2(CommandReader& reader, int owner) {
     }
     if (v > 0) {
       const auto at = static_cast<std::size_t>(v);
+      if (term.option == '1' && run.mdm.twolevel())
+        stopwith("Line %d: %s has no groups to be centered in, since the data have two levels. See ,2 (grand mean).\n",
+                 equation.line, leftname(run.mdm.names2[at]).c_str());
       if (term.option == '1' || term.option == '2') model.center2[at] = centeringof(term.option);
       run.out.wanted1vars2[at] = run.out.wanted2vars2[at] = 1;
     }

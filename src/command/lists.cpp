@@ -137,7 +137,7 @@ std::vector<std::string> slashlists(const char* keyword, const std::string& valu
 
 void refuselatetables() {
   const AnsweredMarks& read = run.answered;
-  if (read.level1 || read.level2 || read.level3 || read.resfil2 || read.resfil3)
+  if (read.level1 || read.level2 || read.resfil2 || (read.resfil3 && !run.mdm.twolevel()))
     stopwith("Nonlin:ordinal/multinomial must be specified before model or residual file\n");
 }
 

@@ -158,12 +158,13 @@ void askcentering2() {
   if (run.answered.level2) return;
   Array<int> used(static_cast<std::size_t>(run.mdm.ncol2));
   for (const TermRow& term : modelrows(run.model).terms) used[static_cast<std::size_t>(term.variable)] = 1;
-  askcentering(anyvariable(used), "\nDo you want to center any level-2 predictors?", threechoices, "012", used,
-               run.mdm.names2, run.model.center2);
+  const bool groups = !run.mdm.twolevel();
+  askcentering(anyvariable(used), "\nDo you want to center any level-2 predictors?", groups ? threechoices : twochoices,
+               groups ? "012" : "02", used, run.mdm.names2, run.model.center2);
 }
 
 void askcentering3() {
-  if (run.answered.level3) return;
+  if (run.answered.level3 || run.mdm.twolevel()) return;
   Array<int> used(static_cast<std::size_t>(run.mdm.ncol3));
   for (const EffectRow& effect : modelrows(run.model).effects) used[static_cast<std::size_t>(effect.variable)] = 1;
   askcentering(anyvariable(used), "Do you want to center any level-3 predictors?", twochoices, "02", used,
@@ -248,6 +249,12 @@ void askrandom2() {
 }
 
 void asklevel3() {
+  if (run.mdm.twolevel()) {
+    const ModelRows rows = modelrows(run.model);
+    for (const TermRow& term : rows.terms)
+      if (!rows.owner(term).threshold) fixatlevel3(run.model, rows.owner(term).set, term.place);
+    return;
+  }
   if (run.answered.level3) return;
   std::printf("\n\nLevel-3 predictor variable specification\n");
   showchoices("Which level-3 predictors do you wish to use?\n", run.mdm.nvar3, run.mdm.names3, 0);
@@ -272,7 +279,7 @@ void asklevel3() {
 }
 
 void askrandom3() {
-  if (run.answered.level2) return;
+  if (run.answered.level2 || run.mdm.twolevel()) return;
   if (!askyesno("\nDo you want to constrain the variances in any of the level-3 random\n effect to zero?")) return;
   const ModelRows rows = modelrows(run.model);
   for (const TermRow& term : rows.terms) {
@@ -318,7 +325,7 @@ void askextra2() {
 }
 
 void askextra3() {
-  if (run.answered.extra3) return;
+  if (run.answered.extra3 || run.mdm.twolevel()) return;
   showchoices(
       "Select the level-3 predictor variables that you might consider for\n"
       "inclusion as predictors in subsequent models.\n",

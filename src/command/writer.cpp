@@ -120,7 +120,7 @@ void writeset(std::FILE* out, int e, const std::string& outcome) {
                  rightside(model.terms2.row(e, coefficient.place), mdm.ncol2, mdm.names2, model.center2,
                            coefficient.random, model.extra2.row(e, coefficient.place))
                      .c_str());
-    if (coefficient.threshold) continue;
+    if (coefficient.threshold || mdm.twolevel()) continue;
     for (int s = 0; s < coefficient.nterms; ++s) {
       const TermRow& term = rows.terms[static_cast<std::size_t>(coefficient.firstterm + s)];
       std::fprintf(out, "LEVEL3:%s=%s\n", nameof(mdm.names2, term.variable).c_str(),
@@ -142,7 +142,7 @@ void writeweights(std::FILE* out) {
   const MdmData& mdm = run.mdm;
   std::fprintf(out, "LEVEL1WEIGHT:%s\n", nameornone(mdm.names1, run.model.wgtvar1).c_str());
   std::fprintf(out, "LEVEL2WEIGHT:%s\n", nameornone(mdm.names2, run.model.wgtvar2).c_str());
-  std::fprintf(out, "LEVEL3WEIGHT:%s\n", nameornone(mdm.names3, run.model.wgtvar3).c_str());
+  if (!mdm.twolevel()) std::fprintf(out, "LEVEL3WEIGHT:%s\n", nameornone(mdm.names3, run.model.wgtvar3).c_str());
   std::fprintf(out, "VARIANCEKNOWN:%s\n", nameornone(mdm.names1, run.model.autovknown).c_str());
 }
 
@@ -181,8 +181,9 @@ void writeresiduals(std::FILE* out) {
               namelist(mdm.names2, run.out.res2vars2.data(), run.out.nres2vars2) + "/" +
                   namelist(mdm.names3, run.out.res2vars3.data(), run.out.nres2vars3),
               files.resfil2name);
-  writeresfil(out, 3, wanted.resfil3, namelist(mdm.names3, run.out.res3vars3.data(), run.out.nres3vars3),
-              files.resfil3name);
+  if (!mdm.twolevel())
+    writeresfil(out, 3, wanted.resfil3, namelist(mdm.names3, run.out.res3vars3.data(), run.out.nres3vars3),
+                files.resfil3name);
 }
 
 void writehypotheses(std::FILE* out) {
@@ -251,7 +252,8 @@ void writecontrol(std::FILE* out) {
   if (run.model.restrictions.fixsigma2)
     std::fprintf(out, "FIXSIGMA2:%s\n", real(*run.model.restrictions.fixsigma2, 6).c_str());
   if (run.out.deviance) std::fprintf(out, "DEVIANCE:%s\nDF:%d\n", real(*run.out.deviance, 6).c_str(), run.out.df);
-  std::fprintf(out, "FIXTAU2:%d\nFIXTAU3:%d\n", static_cast<int>(iter.fixtau2), static_cast<int>(iter.fixtau3));
+  std::fprintf(out, "FIXTAU2:%d\n", static_cast<int>(iter.fixtau2));
+  if (!run.mdm.twolevel()) std::fprintf(out, "FIXTAU3:%d\n", static_cast<int>(iter.fixtau3));
   if (run.model.restrictions.diagtaupi) std::fprintf(out, "DIAGONALIZETAUPI:Y\n");
   if (run.model.restrictions.diagtaubeta) std::fprintf(out, "DIAGONALIZETAUBETA:Y\n");
   if (iter.debug != 0) std::fprintf(out, "DEBUG:%d\n", iter.debug);
@@ -277,7 +279,7 @@ void writeoutput(std::FILE* out) {
   std::fprintf(out, "FULLOUTPUT:%s\n", run.out.fulloutput ? "Y" : "N");
   std::fprintf(out, "TITLE:%s\n", files.title.c_str());
   std::fprintf(out, "ACCEL:%d\n", run.control.accel);
-  writelvr(out);
+  if (!run.mdm.twolevel()) writelvr(out);
   if (!files.startvals.empty()) std::fprintf(out, "STARTVALS:%s\n", files.startvals.c_str());
 }
 

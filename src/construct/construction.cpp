@@ -302,6 +302,8 @@ void tellrepeats3() {
   tellfolds(repeats, 3);
 }
 
+// In data of two levels the rows are those of the level-2 file, without their values. What there is to say of them is
+// said when they are read as such.
 void readlevel3(Construction& build) {
   MdmData& mdm = run.mdm;
   const auto width = static_cast<std::size_t>(mdm.nvar3);
@@ -319,7 +321,7 @@ void readlevel3(Construction& build) {
       ++passed;
       continue;
     }
-    if (row > 0 && orderof(before, id) > 0) notsorted(3, before, id);
+    if (row > 0 && orderof(before, id) > 0) notsorted(mdm.twolevel() ? 2 : 3, before, id);
     keepplace(build.places3, {id, {}});
     storelevel3id(row, id);
     before = id;
@@ -327,10 +329,10 @@ void readlevel3(Construction& build) {
     if (row == INT_MAX) stopwith("There are too many level-3 records!\n");
   }
   closeraw(2);
-  reportids(3, passed);
+  if (!mdm.twolevel()) reportids(3, passed);
   mdm.nunits3 = static_cast<int>(row);
   deletedrows.level3 = keeplevel3([&](std::size_t r) { return misses(mdm.level3.data() + r * width, width) == 0; });
-  tellrepeats3();
+  if (!mdm.twolevel()) tellrepeats3();
 }
 
 // The first row of the level-3 table with this ID, or nunits3. The table is in ascending order.
@@ -486,8 +488,9 @@ void mergeunits(Construction& build) {
   tellfolds(build.repeats2, 2);
   if (build.unmatched != 0) {
     countextra();
-    logboth("%lld level-1 records have no level-2 row that counts. The first one is of unit %s in unit %s.\n",
-            build.unmatched, shown(build.firstunmatched.id2).c_str(), shown(build.firstunmatched.id3).c_str());
+    const std::string outer = run.mdm.twolevel() ? "" : " in unit " + shown(build.firstunmatched.id3);
+    logboth("%lld level-1 records have no level-2 row that counts. The first one is of unit %s%s.\n", build.unmatched,
+            shown(build.firstunmatched.id2).c_str(), outer.c_str());
   }
 }
 
@@ -609,15 +612,17 @@ Array<VariableTotals> copyunits(Construction& build) {
 // The first units of the three files, side by side.
 void logplaces(const Construction& build) {
   std::FILE* log = logstream();
-  std::fprintf(log, "The first IDs of each file, level-3 ID first:\n  %-25s  %-25s  %s\n", "level 1", "level 2",
-               "level 3");
-  const auto column = [](const std::vector<Place>& places, std::size_t i) {
-    return i < places.size() ? wide(places[i].id3) + " " + wide(places[i].id2) : std::string(25, ' ');
+  const bool two = run.mdm.twolevel();
+  std::fprintf(log, "The first IDs of each file%s:\n  %-25s  %-25s  %s\n", two ? "" : ", level-3 ID first", "level 1",
+               "level 2", two ? "" : "level 3");
+  const auto column = [two](const std::vector<Place>& places, std::size_t i) {
+    if (i >= places.size()) return std::string(25, ' ');
+    return two ? formatted("%-25s", wide(places[i].id2).c_str()) : wide(places[i].id3) + " " + wide(places[i].id2);
   };
   const std::size_t rows = std::max({build.walk1.places.size(), build.walk2.places.size(), build.places3.size()});
   for (std::size_t i = 0; i < rows; ++i)
     std::fprintf(log, "  %s  %s  %s\n", column(build.walk1.places, i).c_str(), column(build.walk2.places, i).c_str(),
-                 i < build.places3.size() ? wide(build.places3[i].id3).c_str() : "");
+                 !two && i < build.places3.size() ? wide(build.places3[i].id3).c_str() : "");
 }
 
 [[noreturn]] void nothingleft(const Construction& build) {
@@ -685,7 +690,7 @@ void mkmdm() {
 void printprocessed() {
   std::printf(" %6d level-1 records have been processed\n", run.mdm.nunits1);
   std::printf(" %6d level-2 records have been processed\n", run.mdm.nunits2);
-  std::printf(" %6d level-3 records have been processed\n", run.mdm.nunits3);
+  if (!run.mdm.twolevel()) std::printf(" %6d level-3 records have been processed\n", run.mdm.nunits3);
   if (deletedrows.level2 != 0) std::printf("%d level-2 cases were deleted due to missing data.\n", deletedrows.level2);
   if (deletedrows.level3 != 0) std::printf("%d level-3 cases were deleted due to missing data.\n", deletedrows.level3);
 }

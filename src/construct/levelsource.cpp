@@ -1,5 +1,7 @@
 #include "construct/levelsource.h"
 
+#include "driver/runrecord.h"
+
 namespace kdr {
 
 RawData raw;
@@ -7,7 +9,9 @@ RawData raw;
 int readrecord(int level, double* values, Id* id3, Id* id2) {
   raw.reading = level;
   ++raw.level[level].asked;
-  return raw.reader->record(level, values, id3, id2);
+  const int result = raw.reader->record(level, values, id3, id2);
+  if (run.mdm.twolevel() && id2 != nullptr) *id2 = *id3;
+  return result;
 }
 
 bool rawis(RawType type) { return raw.reader != nullptr && raw.reader->rawdattype == type; }

@@ -73,7 +73,8 @@ void openraw(int level);
 // Closes the file of the level, if it is open.
 void closeraw(int level);
 
-// Reads the next record of a level through its format.
+// Reads the next record of a level through its format. Data of two levels have one ID, which the formats take for that
+// of level 3; here it becomes both.
 [[nodiscard]] int readrecord(int level, double* values, Id* id3, Id* id2);
 
 // Whether the raw data are of this format.

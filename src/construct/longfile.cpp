@@ -140,10 +140,12 @@ Constancy constancy(const LongUnits& units, const std::vector<std::size_t>& firs
 }
 
 // Says so when the variable varies within a twentieth of the units or less.
-void tellslips(const std::string& name, std::size_t varying, std::size_t units, int level) {
-  if (varying > 0 && varying * 20 <= units)
+bool tellslips(const std::string& name, std::size_t varying, std::size_t units, int level) {
+  const bool few = varying > 0 && varying * 20 <= units;
+  if (few)
     logahead(name + formatted(" varies within %zu of %zu level-%d units, and is constant in all others.", varying,
                               units, level));
+  return few;
 }
 
 // What memoryrecord serves.
@@ -166,7 +168,8 @@ int memoryrecord(int level, double* values, Id* id3, Id* id2) {
   if (at >= count) return 1;
   const std::size_t record = units.order[level == 0 ? at : level == 1 ? units.first2[at] : units.first3[at]];
   for (const MadeColumn& column : feed.columns[level]) *values++ = column.value(record);
-  *id3 = units.level3.ids[static_cast<std::size_t>(units.level3.ofrecord[record])];
+  const UnitKeys& outer = units.outer();
+  *id3 = outer.ids[static_cast<std::size_t>(outer.ofrecord[record])];
   if (id2 != nullptr) *id2 = units.level2.ids[static_cast<std::size_t>(units.level2.ofrecord[record])];
   return 0;
 }
@@ -276,7 +279,7 @@ UnitKeys unitkeys(const LongColumn& column, bool numeric, bool foldcase) {
 }
 
 void sortunits(LongUnits& units, const std::vector<char>& kept) {
-  const std::vector<int>&id3 = units.level3.ofrecord, &id2 = units.level2.ofrecord;
+  const std::vector<int>&id3 = units.outer().ofrecord, &id2 = units.level2.ofrecord;
   units.order.clear();
   for (std::size_t i = 0; i < id3.size(); ++i)
     if (id3[i] >= 0 && id2[i] >= 0 && (kept.empty() || kept[i] != 0))
@@ -295,12 +298,15 @@ void sortunits(LongUnits& units, const std::vector<char>& kept) {
 }
 
 int levelof(const std::string& name, const LongUnits& units, const std::function<double(std::size_t)>& value) {
-  const Constancy at3 = constancy(units, units.first3, value);
-  if (at3.varying == 0 && at3.gaps == 0) return 2;
-  tellslips(name, at3.varying, units.first3.size(), 3);
+  bool told = false;
+  if (units.levels == 3) {
+    const Constancy at3 = constancy(units, units.first3, value);
+    if (at3.varying == 0 && at3.gaps == 0) return 2;
+    told = tellslips(name, at3.varying, units.first3.size(), 3);
+  }
   const Constancy at2 = constancy(units, units.first2, value);
   if (at2.varying > 0) {
-    if (at3.varying * 20 > units.first3.size()) tellslips(name, at2.varying, units.first2.size(), 2);
+    if (!told) tellslips(name, at2.varying, units.first2.size(), 2);
     return 0;
   }
   if (at2.gaps == 0) return 1;

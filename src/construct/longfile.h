@@ -52,10 +52,14 @@ struct UnitKeys {
 // The records in the order of their units. Records without an ID, and those that `kept` leaves out (empty: none), are
 // not among them.
 struct LongUnits {
+  int levels = 3;  // 2: level3 has nothing, and first3 is first2
   UnitKeys level3, level2;
   std::vector<std::uint32_t> order;         // places are indices into it
   std::vector<std::size_t> first2, first3;  // places where a unit begins
   bool sorted = true;                       // the file has this order
+
+  // The units of the highest level.
+  [[nodiscard]] const UnitKeys& outer() const { return levels == 3 ? level3 : level2; }
 };
 void sortunits(LongUnits& units, const std::vector<char>& kept);
 

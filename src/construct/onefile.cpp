@@ -46,12 +46,13 @@ UnitKeys keysof(const LongColumn& column, int level) {
 }
 
 // The records that have their IDs, in the order of them.
-LongUnits unitsof(const LevelSource& source, const LongColumn& id3, const LongColumn& id2) {
+LongUnits unitsof(const LevelSource& source, const LongColumn* id3, const LongColumn& id2) {
   LongUnits units;
-  units.level3 = keysof(id3, 3);
+  units.levels = id3 == nullptr ? 2 : 3;
+  if (id3 != nullptr) units.level3 = keysof(*id3, 3);
   units.level2 = keysof(id2, 2);
   sortunits(units, {});
-  const std::size_t nrecords = units.level3.ofrecord.size(), n = units.order.size();
+  const std::size_t nrecords = units.level2.ofrecord.size(), n = units.order.size();
   if (n == 0) fail(1, source.filename.c_str());
   if (n < nrecords)
     logahead(formatted("%zu records of %s have no ID. They were left out.", nrecords - n, source.filename.c_str()));
@@ -63,7 +64,8 @@ LongUnits unitsof(const LevelSource& source, const LongColumn& id3, const LongCo
 std::vector<int> markall(LevelSource& source, const OneFileJob& job, std::set<int>& kept) {
   std::vector<int> rows;
   std::vector<std::string> named = job.level1;
-  named.insert(named.end(), {job.level3, job.level2});
+  named.push_back(job.level2);
+  if (!run.mdm.twolevel()) named.push_back(job.level3);
   for (const std::string& name : named)
     if (findvariable(source, name) == novariable) {
       std::string columns;
@@ -72,8 +74,8 @@ std::vector<int> markall(LevelSource& source, const OneFileJob& job, std::set<in
       stopwith("%s has no column %s. Its columns are:%s\n", source.filename.c_str(), name.c_str(),
                printable(columns).c_str());
     }
-  markid(0, level3idmark, job.level3);
-  markid(0, level2idmark, job.level2);
+  markid(0, level3idmark, run.mdm.twolevel() ? job.level2 : job.level3);
+  if (!run.mdm.twolevel()) markid(0, level2idmark, job.level2);
   if (!agreeonids()) run.mdm.numericids = true;  // texts get numbers
   std::string left;
   int nameless = 0;
@@ -188,7 +190,7 @@ void copysources(LevelSource& source) {
     raw.level[level].filetype = source.filetype;
     raw.level[level].vartable = source.vartable;
   }
-  raw.level[2].vartable[static_cast<std::size_t>(idrow(source, level2idmark))].mark = unwanted;
+  if (!run.mdm.twolevel()) raw.level[2].vartable[static_cast<std::size_t>(idrow(source, level2idmark))].mark = unwanted;
 }
 
 }  // namespace
@@ -197,17 +199,19 @@ void takeonefile(const OneFileJob& job) {
   const std::string& path = job.path;
   one = OneFile{};
   MdmData& mdm = run.mdm;
-  mdm.mdmtype = MdmType::ordinary;
+  mdm.mdmtype = job.level3.empty() ? MdmType::twolevel : MdmType::ordinary;
   mdm.deletednow = false;
   openlong(path);
   LevelSource& source = raw.level[0];
   std::set<int> kept;
   std::vector<int> rows = markall(source, job, kept);
+  const std::size_t count = rows.size();
   rows.push_back(idrow(source, level3idmark));
-  rows.push_back(idrow(source, level2idmark));
-  std::vector<LongColumn> columns = readlong(rows, job.missing, {rows.end() - 2, rows.end()});
-  LongUnits units = unitsof(source, columns[columns.size() - 2], columns.back());
-  columns.resize(columns.size() - 2);
+  if (!mdm.twolevel()) rows.push_back(idrow(source, level2idmark));
+  std::vector<LongColumn> columns =
+      readlong(rows, job.missing, {rows.begin() + static_cast<std::ptrdiff_t>(count), rows.end()});
+  LongUnits units = unitsof(source, mdm.twolevel() ? nullptr : &columns[count], columns.back());
+  columns.resize(count);
   for (const LongColumn& column : columns)
     if (column.codedmissing > 0)
       logahead(column.name + formatted(": %lld values count as missing.", column.codedmissing));
@@ -237,7 +241,7 @@ void takeonefile(const OneFileJob& job) {
   }
   if (made[0].empty()) stopwith("%s has no numeric variable that varies within level-2 units.\n", path.c_str());
   copysources(source);
-  for (int level = 0; level < 3; ++level) telllevel(level, made[level], rowsof[level]);
+  for (int level = 0; level < units.levels; ++level) telllevel(level, made[level], rowsof[level]);
   servecolumns(std::move(units), made, false);
   if (run.files.mdmfile.empty()) {
     const std::size_t base = path.rfind('/') + 1;

@@ -11,7 +11,7 @@ namespace kdr {
 
 struct OneFileJob {
   std::string path;                 // of a file of raw data OTHER, whose type the extension tells
-  std::string level3, level2;       // names of the ID columns
+  std::string level3, level2;       // names of the ID columns; without level3 the data have two levels
   std::vector<std::string> level1;  // variables that stay at level 1 though they are constant within units
   std::vector<double> missing;      // values that count as missing; the console tells how many each variable has
   bool factors = false;             // columns of names become columns of 0 and 1

@@ -8,7 +8,7 @@ namespace kdr {
 std::vector<std::string> singleunits() {
   const MdmData& mdm = run.mdm;
   std::vector<std::string> words;
-  if (mdm.numl3rec == mdm.numl2rec)
+  if (!mdm.twolevel() && mdm.numl3rec == mdm.numl2rec)
     words.push_back(
         formatted("Each of the %d level-3 units holds one level-2 unit. Are the levels interchanged?", mdm.numl3rec));
   if (mdm.numl2rec == mdm.numl1rec)

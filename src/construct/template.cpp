@@ -133,6 +133,13 @@ void takerawtype(TemplateText&, const std::string& value) {
   raw.reader = reader;
 }
 
+// A line about level 3 where there are two.
+void refuselevel3(const TemplateText& text, int level) {
+  if (level == 2 && run.mdm.twolevel())
+    stopwith("Line %d of the template %s is about level 3, and MDMTYPE:4 has two levels.\n", text.number,
+             text.path.c_str());
+}
+
 void takecount(TemplateText& text, int level, const std::string& value) {
   const std::optional<int> count = wholeof(value);
   if (!count) badvalue(text);
@@ -192,8 +199,12 @@ void checknames(int level) {
 // The variable block of a format that names its variables itself.
 void takevariables(TemplateText& text, int level, const char* ending) {
   clearmarks(level);
-  takeidline(text, level, "level3id:", level3idmark);
-  if (level < 2) takeidline(text, level, "level2id:", level2idmark);
+  if (run.mdm.twolevel()) {
+    takeidline(text, level, "level2id:", level3idmark);
+  } else {
+    takeidline(text, level, "level3id:", level3idmark);
+    if (level < 2) takeidline(text, level, "level2id:", level2idmark);
+  }
   settleidkind();
   std::string line;
   for (;;) {
@@ -237,7 +248,9 @@ void takegrowth(TemplateText& text, const std::string& value) {
 
 void taketype(TemplateText& text, const std::string& value) {
   if (value.size() != 1) badvalue(text);
-  run.mdm.mdmtype = static_cast<MdmType>(oneof(text, value, "0123") - '0');
+  run.mdm.mdmtype = static_cast<MdmType>(oneof(text, value, "01234") - '0');
+  if (run.mdm.twolevel() && (text.named[0] || text.named[1] || raw.level[2].opened))
+    stopwith("MDMTYPE:4 stands in front of the files and variables, and there is no level-3 file.\n");
 }
 
 void takedeletion(TemplateText& text, const std::string& value) {
@@ -282,16 +295,32 @@ void takeline(TemplateText& text, const std::string& line) {
     for (int level = 0; level < 3; ++level) {
       std::string word = keyword.word;
       word[keyword.digit] = static_cast<char>('1' + level);
-      if (beginswith(line, word.c_str())) return keyword.take(text, level, withoutlead(line.substr(word.size())));
+      if (!beginswith(line, word.c_str())) continue;
+      refuselevel3(text, level);
+      return keyword.take(text, level, withoutlead(line.substr(word.size())));
     }
   stopwith("Line %d of the template %s has no keyword of a template: %s\n", text.number, text.path.c_str(),
            printable(line.substr(0, mostshown)).c_str());
 }
 
+// Each level-2 unit is a level-3 unit without variables: the level-2 file serves for both.
+void makelevel3() {
+  LevelSource& source = raw.level[2];
+  const std::string& type = raw.level[1].filetype;
+  source.filename = raw.level[1].filename + (type.empty() ? "" : " /" + type);
+  source.format = raw.level[1].format;
+  startnames(2, 0);
+  openraw(2);
+  if (rawis(RawType::ascii)) return;
+  const RawVariable& id = raw.level[1].vartable[static_cast<std::size_t>(idrow(raw.level[1], level3idmark))];
+  markid(2, level3idmark, id.fullname);
+  takenames(2);
+}
+
 // What a construction cannot do without.
 void checkcomplete(const TemplateText& text) {
   if (raw.reader == nullptr) stopwith("The template tells no raw data type!\n");
-  for (int level = 0; level < 3; ++level) {
+  for (int level = 0; level < (run.mdm.twolevel() ? 2 : 3); ++level) {
     const LevelSource& source = raw.level[level];
     if (!source.opened) stopwith("The template names no level-%d file!\n", level + 1);
     if (!rawis(RawType::ascii)) {
@@ -312,7 +341,7 @@ void checkcomplete(const TemplateText& text) {
 void writevariables(std::FILE* out, const LevelSource& source) {
   const int row3 = idrow(source, level3idmark);
   const int row2 = idrow(source, level2idmark);
-  if (row3 >= 0) std::fprintf(out, "level3id:%s\n", tellingname(source, row3).c_str());
+  if (row3 >= 0) std::fprintf(out, "level%did:%s\n", run.mdm.twolevel() ? 2 : 3, tellingname(source, row3).c_str());
   if (row2 >= 0) std::fprintf(out, "level2id:%s\n", tellingname(source, row2).c_str());
   for (const int row : source.chosen) std::fprintf(out, "%s\n", tellingname(source, row).c_str());
 }
@@ -371,12 +400,14 @@ void readtemplate(const std::string& path) {
   while (nextword(text, line)) takeline(text, line);
   text.stream.reset();
   checkcomplete(text);
+  if (run.mdm.twolevel()) makelevel3();
   writetemplate(text.samemissing);
 }
 
 void writetemplate(bool samemissing) {
   const MdmData& mdm = run.mdm;
   const bool ascii = rawis(RawType::ascii);
+  const int levels = mdm.twolevel() ? 2 : 3;
   for (const LevelSource& source : raw.level)
     if (samefile(source.filename, templatecopy))
       stopwith("The raw data file %s bears the name of the template's copy. Please rename it.\n",
@@ -388,15 +419,15 @@ void writetemplate(bool samemissing) {
   std::fprintf(out, "%s\n", templatehead);
   std::fprintf(out, "mdmtype:%d\n", static_cast<int>(mdm.mdmtype));
   std::fprintf(out, "rawdattype:%s\n", raw.reader->word);
-  for (int level = 0; level < 3; ++level) {
+  for (int level = 0; level < levels; ++level) {
     const LevelSource& source = raw.level[level];
     std::fprintf(out, "l%dfname:%s", level + 1, source.filename.c_str());
     if (!source.filetype.empty()) std::fprintf(out, " /%s", source.filetype.c_str());
     std::fprintf(out, "\n");
   }
-  for (int level = 0; ascii && level < 3; ++level)
+  for (int level = 0; ascii && level < levels; ++level)
     std::fprintf(out, "numl%dvar:%d\n", level + 1, raw.level[level].numvar);
-  for (int level = 0; ascii && level < 3; ++level)
+  for (int level = 0; ascii && level < levels; ++level)
     std::fprintf(out, "l%dformat:%s\n", level + 1, raw.level[level].format.c_str());
   std::fprintf(out, "l1missing:%c", mdm.l1missing ? 'y' : 'n');
   if (ascii && mdm.l1missing) {
@@ -409,7 +440,7 @@ void writetemplate(bool samemissing) {
   std::fprintf(out, "timeofdeletion:%s\n", mdm.deletednow ? "now" : "analysis");
   if (raw.varyingfirst) std::fprintf(out, "varying:first\n");
   std::fprintf(out, "mdmname:%s\n", run.files.mdmfile.c_str());
-  for (int level = 0; level < 3; ++level) {
+  for (int level = 0; level < levels; ++level) {
     std::fprintf(out, "*begin l%dvars\n", level + 1);
     if (ascii) {
       const Array<Name>& names = namesof(level);

@@ -33,4 +33,9 @@ void allocateequations(Model& model, int nvar1, int ncol1, int ncol2, int ncol3)
   model.constrainmatrix = {};
 }
 
+void fixatlevel3(Model& model, int e, int b) {
+  model.terms3.row(e, b)[0] = 0;
+  model.fixed2.row(e)[b] = 1;
+}
+
 }  // namespace kdr

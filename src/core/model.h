@@ -114,4 +114,7 @@ struct Model {
 // forgets constraints and hypotheses. ncol1 is nvar1 + 1, with thresholds that many more, ncol2 and ncol3 likewise.
 void allocateequations(Model& model, int nvar1, int ncol1, int ncol2, int ncol3);
 
+// Makes level-2 coefficient b of set e a fixed effect of its own, as in data of two levels.
+void fixatlevel3(Model& model, int e, int b);
+
 }  // namespace kdr

@@ -35,8 +35,11 @@ enum class Ending {
 
 // Records and units of the analysis.
 struct UnitCounts {
-  int records = 0, units2 = 0, units3 = 0;
+  int records = 0, units2 = 0;
+  int units3 = 0;       // 0 in data of two levels
   int filerecords = 0;  // level-1 records before run-time deletion
+
+  [[nodiscard]] bool twolevel() const { return units3 == 0; }
 };
 
 // Approximate degrees of freedom of the fixed effects. One entry for each that the constraints left, in order; the

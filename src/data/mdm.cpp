@@ -96,7 +96,9 @@ void checkhead(Reading& reading, const MdmHeader& head) {
   if (head.numl3rec < 1 || head.numl2rec < head.numl3rec || head.numl1rec < head.numl2rec)
     reading.damaged("its numbers of records and units do not agree");
   if (head.maxnj < 1 || head.maxnj > head.numl1rec) reading.damaged("its largest unit has an impossible size");
-  if (head.mdmtype < 0 || head.mdmtype > 3) reading.damaged("its type is unknown");
+  if (head.mdmtype < 0 || head.mdmtype > 4) reading.damaged("its type is unknown");
+  if (static_cast<MdmType>(head.mdmtype) == MdmType::twolevel && (head.numl3var != 0 || head.numl3rec != head.numl2rec))
+    reading.damaged("it has two levels, and data of a third one");
   switch (rawtypeof(head)) {
     case RawType::ascii:
     case RawType::systat:

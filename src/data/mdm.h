@@ -39,7 +39,7 @@ struct MdmHeader {
   int numl3rec;        // rows of the level-3 table
   int l1missing;       // 1: the level-1 data were declared to hold missing values
   int timeofdeletion;  // 1: records with a missing value were deleted when the file was made
-  int mdmtype;         // 0 to 3: the report's notation; absent at or below version 6.295
+  int mdmtype;         // 0 to 4: what the levels mean; absent at or below version 6.295
   int rawdattype;      // kind of raw data, negated when the IDs are numeric
   int maxnj;           // largest nj of any block
 };

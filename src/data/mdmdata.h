@@ -39,12 +39,14 @@ struct MdmData {
   int ncol1 = 0, ncol2 = 0, ncol3 = 0;  // widths of the equation tables: nvarL + 1 (ordinal: with thresholds)
   int maxbeta = 0;                      // ncol2 * (ncol1 - 1): level-2 coefficients that an equation set can have
 
+  [[nodiscard]] bool twolevel() const { return mdmtype == MdmType::twolevel; }
+
   // The same data; both read one stream, by positions of their own.
   [[nodiscard]] MdmData copy() const;
 };
 
 [[nodiscard]] inline UnitCounts countsof(const MdmData& data) {
-  return {data.nunits1, data.nunits2, data.nunits3, data.numl1rec};
+  return {data.nunits1, data.nunits2, data.twolevel() ? 0 : data.nunits3, data.numl1rec};
 }
 
 // Design weights, one entry per level-1 record, level-2 unit and level-3 unit in file order.

@@ -35,8 +35,8 @@ Json fixedeffects(const Subject& subject, const Array<double>& gamma, const Effe
     Json row{{"category", categoryornull(subject, owner.set)},
              {"level1", subject.name(1, owner.variable)},
              {"level2", subject.name(2, rows.termof(effect).variable)},
-             {"level3", subject.name(3, effect.variable)},
-             {"subscript", effectdigits(rows, effect)},
+             {"level3", whenever(!subject.twolevel, subject.name(3, effect.variable))},
+             {"subscript", subject.twolevel ? termdigits(rows, rows.termof(effect)) : effectdigits(rows, effect)},
              {"threshold", owner.threshold},
              {"estimate", number(gamma[g])}};
     if (withratio) row["ratio"] = number(std::exp(gamma[g]));

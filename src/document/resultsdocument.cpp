@@ -32,7 +32,8 @@ void addlikelihood(Json& phase, const Subject& subject, double loglik, bool comp
   phase["bic_sample_size"] = whenever(has, subject.records);
   Json comparison;
   if (has && subject.alternative) {
-    const DevianceComparison made = comparisonof(deviance, parameters, *subject.alternative, subject.model);
+    const DevianceComparison made =
+        comparisonof(deviance, parameters, *subject.alternative, subject.model, subject.twolevel);
     const bool possible = made.impossible.empty();
     addtest(comparison, made.chisquare);
     comparison["p"] = whenever(possible, comparison["p"]);
@@ -80,29 +81,33 @@ bool isengine(const PassResults& results) {
   return results.kind == PassKind::laplace6 || results.kind == PassKind::quadrature;
 }
 
-constexpr const char* fewunits = "The robust standard errors are for data with a larger number of level-3 units.";
+std::string fewunits(const Subject& subject) {
+  return std::string("The robust standard errors are for data with a larger number of level-") +
+         (subject.twolevel ? "2" : "3") + " units.";
+}
 constexpr const char* norobust = "The robust standard errors cannot be computed for this model.";
 
-Json warningsof(const PassResults& results) {
+Json warningsof(const Subject& subject, const PassResults& results) {
   Json warnings = Json::array();
   for (const std::string& warning : results.warnings) warnings.push_back(warning);
   if (results.errors.asked && !results.errors.known && !results.tausstand())
     warnings.push_back("Standard errors of the variance components are not computable.");
   const bool hasrobust = results.kind != PassKind::identity && !isengine(results) && !results.heterogeneous;
   if (hasrobust && results.robust.empty()) warnings.push_back(norobust);
-  if (hasrobust && !results.robust.empty() && results.fewunits) warnings.push_back(fewunits);
+  if (hasrobust && !results.robust.empty() && results.fewunits) warnings.push_back(fewunits(subject));
   return warnings;
 }
 
-void addpoints(Json& phase, const Coefficients& coef, const PassResults& results) {
+void addpoints(Json& phase, const Subject& subject, const PassResults& results) {
   const QuadraturePoints& made = results.quadrature;
+  const Coefficients& coef = subject.model.coef;
   phase["points"] = made.points;
   phase["check"] = made.next == 0 ? Json()
                                   : Json{{"points", made.next},
                                          {"log_likelihood_change", number(made.change)},
                                          {"largest_standard_error_change", number(made.errorchange)}};
   phase["tau_pi"]["at_edge"] = edges(coef.ntaupi, results.errors.edgepi);
-  phase["tau_beta"]["at_edge"] = edges(coef.ntaubeta, results.errors.edgebeta);
+  if (!subject.twolevel) phase["tau_beta"]["at_edge"] = edges(coef.ntaubeta, results.errors.edgebeta);
 }
 
 void addvariances(Json& phase, const Subject& subject, const PassResults& results) {
@@ -120,13 +125,13 @@ void addvariances(Json& phase, const Subject& subject, const PassResults& result
                                     {model.coef.ntaupi, &est.taupi, errors ? &results.errors.taupi : nullptr,
                                      &rel.level2, rel.units2});
   phase["tau_beta"] =
-      stand
+      stand || subject.twolevel
           ? Json()
           : taumatrix(subject, Tau::beta,
                       {model.coef.ntaubeta, &est.taubeta,
                        errors && !results.heterogeneous ? &results.errors.taubeta : nullptr, &rel.level3, rel.units3});
   const bool tested = !stand && !isengine(results) && results.kind != PassKind::identity && !results.heterogeneous;
-  phase["variance_tests"] = tested ? variancetests(est.taupi, est.taubeta, results.tests) : Json();
+  phase["variance_tests"] = tested ? variancetests(subject, est.taupi, est.taubeta, results.tests) : Json();
 }
 
 // A phase takes the place of an earlier one of its name.
@@ -162,13 +167,12 @@ Json phaseof(const Subject& subject, const PassResults& results) {
   phase["marginal_log_likelihood"] = number(results.marginal);
   addvariances(phase, subject, results);
   if (!results.heterogeneous && results.kind == PassKind::linear)
-    phase["intraclass_correlation"] =
-        intraclass(subject.model, results.est.sigma2, results.est.taupi, results.est.taubeta);
+    phase["intraclass_correlation"] = intraclass(subject, results.est.sigma2, results.est.taupi, results.est.taubeta);
   addeffects(phase, subject, results.est.gammahat, results.effects, results.robusteffects,
              results.kind != PassKind::identity);
-  phase["warnings"] = warningsof(results);
+  phase["warnings"] = warningsof(subject, results);
   for (const std::string& note : results.notes) phase["warnings"].push_back(note);
-  if (results.kind == PassKind::quadrature) addpoints(phase, subject.model.coef, results);
+  if (results.kind == PassKind::quadrature) addpoints(phase, subject, results);
   return phase;
 }
 
@@ -256,7 +260,7 @@ void addphase(ResultsDocument& document, const Subject& subject, const LeastSqua
   if (results.robust.empty()) {
     phase["warnings"].push_back(norobust);
   } else if (results.fewunits) {
-    phase["warnings"].push_back(fewunits);
+    phase["warnings"].push_back(fewunits(subject));
   }
   place(document, std::move(phase));
 }
@@ -269,11 +273,12 @@ void addphases(ResultsDocument& document, const Subject& subject, const Pooled& 
   phase["tau_pi"] = taumatrix(
       subject, Tau::pi,
       {q, &pooled.taupi, pooled.errorsknown ? &pooled.taupierrors : nullptr, &pooled.reliability2, pooled.units2});
-  phase["tau_beta"] = taumatrix(
-      subject, Tau::beta,
-      {r, &pooled.taubeta, pooled.errorsknown ? &pooled.taubetaerrors : nullptr, &pooled.reliability3, pooled.units3});
-  phase["variance_tests"] = variancetests(pooled.taupi, pooled.taubeta, pooled.tests);
-  phase["intraclass_correlation"] = intraclass(subject.model, pooled.sigma2, pooled.taupi, pooled.taubeta);
+  if (!subject.twolevel)
+    phase["tau_beta"] = taumatrix(subject, Tau::beta,
+                                  {r, &pooled.taubeta, pooled.errorsknown ? &pooled.taubetaerrors : nullptr,
+                                   &pooled.reliability3, pooled.units3});
+  phase["variance_tests"] = variancetests(subject, pooled.taupi, pooled.taubeta, pooled.tests);
+  phase["intraclass_correlation"] = intraclass(subject, pooled.sigma2, pooled.taupi, pooled.taubeta);
   place(document, std::move(phase));
   if (pooled.popaverage.gamma.empty()) return;
   Json average = averagedphase(subject, "average_population_average", pooled.popaverage);
@@ -336,7 +341,9 @@ Json wholedocument(const ResultsDocument& document, const Subject& subject, cons
                 {"title", frame.title},
                 {"data", {{"mdm_file", textornull(frame.mdmfile)}, {"command_file", textornull(frame.commandfile)}}},
                 {"dimensions",
-                 {{"records", subject.records}, {"level2_units", subject.units2}, {"level3_units", subject.units3}}},
+                 {{"records", subject.records},
+                  {"level2_units", subject.units2},
+                  {"level3_units", whenever(!subject.twolevel, subject.units3)}}},
                 {"model", describedmodel(subject)},
                 {"series", frame.series},
                 {"converged", frame.converged},

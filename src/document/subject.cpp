@@ -19,9 +19,9 @@ Json effectsof(const Subject& subject, const ModelRows& rows, const std::vector<
   Json effects = Json::array();
   for (int g = term.firsteffect; g < term.firsteffect + term.neffects; ++g) {
     const EffectRow& effect = rows.effects[at(g)];
-    effects.push_back({{"variable", subject.name(3, effect.variable)},
+    effects.push_back({{"variable", whenever(!subject.twolevel, subject.name(3, effect.variable))},
                        {"centering", centering(subject.model.center3, effect.variable)},
-                       {"subscript", effectdigits(rows, effect)},
+                       {"subscript", subject.twolevel ? termdigits(rows, term) : effectdigits(rows, effect)},
                        {"fixed_effect", reduced[at(g)]},
                        {"constraint_group", effect.group}});
   }

@@ -18,6 +18,7 @@ struct Subject {
   std::vector<std::string> names[3] = {};    // of the variables of levels 1 to 3, [0] that of the intercept
   std::vector<std::string> categories = {};  // their labels, as far as they are known
   int records = 0, units2 = 0, units3 = 0;
+  bool twolevel = false;                                  // there is no level 3: what would stand for it is null
   std::optional<Alternative> alternative = std::nullopt;  // what the deviance is compared with
   const LongTexts* texts = nullptr;                       // what the source of the data says of its variables
 

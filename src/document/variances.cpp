@@ -67,11 +67,12 @@ Json sigma2of(double estimate, bool held, bool errorknown, double error) {
       {"estimate", number(estimate)}, {"standard_error", whenever(errorknown && !held, number(error))}, {"held", held}};
 }
 
-Json variancetests(const Array<double>& taupi, const Array<double>& taubeta, const VarianceTests& tests) {
+Json variancetests(const Subject& subject, const Array<double>& taupi, const Array<double>& taubeta,
+                   const VarianceTests& tests) {
   return {{"level2", testsof(taupi, tests.level2)},
           {"level2_units", tests.units2},
           {"level3", testsof(taubeta, tests.level3)},
-          {"level3_units", tests.units3}};
+          {"level3_units", whenever(!subject.twolevel, tests.units3)}};
 }
 
 Json edges(int n, const std::vector<bool>& edge) {
@@ -85,18 +86,20 @@ Json edges(int n, const std::vector<bool>& edge) {
   return rows;
 }
 
-Json intraclass(const Model& model, double sigma2, const Array<double>& taupi, const Array<double>& taubeta) {
+Json intraclass(const Subject& subject, double sigma2, const Array<double>& taupi, const Array<double>& taubeta) {
+  const Model& model = subject.model;
+  const bool two = subject.twolevel;
   const ModelRows rows = modelrows(model);
   const bool null = model.outcome.linear() && model.autovknown == 0 && rows.effects.size() == 1 && taupi.size() == 1 &&
-                    taubeta.size() == 1 && rows.coefficients[0].variable == 0 && rows.terms[0].variable == 0 &&
+                    taubeta.size() == (two ? 0 : 1) && rows.coefficients[0].variable == 0 && rows.terms[0].variable == 0 &&
                     rows.effects[0].variable == 0;
   if (!null) return {};
-  const double total = sigma2 + taupi[0] + taubeta[0];
+  const double between = two ? 0.0 : taubeta[0], total = sigma2 + taupi[0] + between;
   return {{"share_level1", number(sigma2 / total)},
           {"share_level2", number(taupi[0] / total)},
-          {"share_level3", number(taubeta[0] / total)},
-          {"same_level3_unit", number(taubeta[0] / total)},
-          {"same_level2_unit", number((taupi[0] + taubeta[0]) / total)}};
+          {"share_level3", whenever(!two, number(between / total))},
+          {"same_level3_unit", whenever(!two, number(between / total))},
+          {"same_level2_unit", number((taupi[0] + between) / total)}};
 }
 
 }  // namespace kdr

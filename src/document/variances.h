@@ -22,13 +22,14 @@ struct TauParts {
 [[nodiscard]] Json sigma2of(double estimate, bool held, bool errorknown, double error);
 
 // The member `variance_tests` of the taus with these tests.
-[[nodiscard]] Json variancetests(const Array<double>& taupi, const Array<double>& taubeta, const VarianceTests& tests);
+[[nodiscard]] Json variancetests(const Subject& subject, const Array<double>& taupi, const Array<double>& taubeta,
+                                 const VarianceTests& tests);
 
 // Which elements of a tau have no standard error because they are at the edge of their range; null: none is.
 [[nodiscard]] Json edges(int n, const std::vector<bool>& edge);
 
-// The shares of a linear model with nothing but an intercept that varies at all three levels; null for others.
-[[nodiscard]] Json intraclass(const Model& model, double sigma2, const Array<double>& taupi,
+// The shares of a linear model with nothing but an intercept that varies at all levels; null for others.
+[[nodiscard]] Json intraclass(const Subject& subject, double sigma2, const Array<double>& taupi,
                               const Array<double>& taubeta);
 
 }  // namespace kdr

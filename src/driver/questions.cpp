@@ -97,7 +97,8 @@ void noproperresponse() {
   if (inputended && !run.files.cmdfile.empty())
     std::fprintf(stderr,
                  "\nStandard input ended at this question. Lines of the command file answer such questions:\n"
-                 "LEVEL1DELETION:NONE, CONSTRAIN:N, HYPOTH:N, LVR-BETA:N, RESFIL2:N, RESFIL3:N, %s, TITLE:, OUTPUT:\n",
+                 "LEVEL1DELETION:NONE, CONSTRAIN:N, HYPOTH:N, %s, %s, TITLE:, OUTPUT:\n",
+                 run.mdm.twolevel() ? "RESFIL2:N" : "LVR-BETA:N, RESFIL2:N, RESFIL3:N",
                  run.model.outcome.linear() ? "NUMIT:500,N" : "MACROIT:100,N, MICROIT:200");
   fail(100, "Unable to get a proper response!\n");
 }
@@ -123,16 +124,6 @@ int asknumber(const char* prompt, int lo, int hi) {
     if (!value) tellnonumber(line, "whole number");
   }
   noproperresponse();
-}
-
-int askvariable(const char* prompt, int lo, int hi, const Array<Name>& table) {
-  return askvariable(prompt, lo, hi, [&](const std::string& name) {
-    const int found = findname(name, table, hi);
-    if (found > 0 && charactersof(name) > significant)
-      std::printf(" %s is taken for %s: names count by their first %d characters.\n", printable(name).c_str(),
-                  leftname(table[static_cast<std::size_t>(found)]).c_str(), static_cast<int>(significant));
-    return found;
-  });
 }
 
 int askvariable(const char* prompt, int lo, int hi, const std::function<int(const std::string& name)>& find) {

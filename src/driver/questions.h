@@ -43,10 +43,8 @@ bool readanswer(const std::string& prompt, std::string& line, Question question 
 int askyesno(const char* prompt);
 // Prints "%s " with the prompt; a whole number in lo..hi.
 int asknumber(const char* prompt, int lo, int hi);
-// The same for a variable of a name table: its number, or its name, which has a number of 1 or more. A name that
-// begins with digits is a name. Names count by their first 8 characters, which is told of longer ones.
-int askvariable(const char* prompt, int lo, int hi, const Array<Name>& table);
-// The same with the caller's search: `find` gives the number of a name, below 1 when it tells none.
+// The same for a variable of a list: its number, or its name, which has a number of 1 or more. A name that begins with
+// digits is a name. `find` gives the number of a name, below 1 when it tells none.
 int askvariable(const char* prompt, int lo, int hi, const std::function<int(const std::string& name)>& find);
 // Prints "%s " with the prompt; a real in lo..hi.
 double askreal(const char* prompt, double lo, double hi);

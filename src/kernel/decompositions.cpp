@@ -270,7 +270,7 @@ bool ispositivedefinite(int n, const double* a, int ld, double* cond) {
     if (cond != nullptr) *cond = a[0];
     return a[0] > 1e-35;
   }
-  if (cond != nullptr) *cond = bigvalue;
+  if (cond != nullptr) *cond = n < 1 ? 1.0 : bigvalue;
   if (n < 1) return true;
 
   const Index order = n;

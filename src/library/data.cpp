@@ -331,8 +331,9 @@ const char* kdr3_message(void) { return lasterror.c_str(); }
 kdr3_status kdr3_data_make(size_t records, size_t count, const kdr3_column* columns, const kdr3_column* level2id,
                            const kdr3_column* level3id, kdr3_data** result) {
   return guarded([&]() -> kdr3_status {
-    if (result == nullptr || level2id == nullptr || level3id == nullptr || (columns == nullptr && count > 0))
-      return error("A data set needs its columns, the IDs of levels 2 and 3, and a place for the handle.");
+    if (result == nullptr || level2id == nullptr || (columns == nullptr && count > 0))
+      return error("A data set needs its columns, the IDs of level 2, and a place for the handle.");
+    const bool twolevel = level3id == nullptr;
     *result = nullptr;
     if (records == 0) return error("The table has no rows.");
     if (records > static_cast<std::size_t>(std::numeric_limits<int>::max()))
@@ -342,7 +343,10 @@ kdr3_status kdr3_data_make(size_t records, size_t count, const kdr3_column* colu
     for (std::size_t c = 0; c < count; ++c) levels[columns[c].level - 1].push_back(&columns[c]);
     if (levels[0].empty()) return error("There is no column of level 1.");
     Numbering units3, units2;
-    if (std::string words = numberids(*level3id, records, nullptr, units3); !words.empty()) return error(words);
+    if (twolevel && !levels[2].empty()) return error("A column of level 3 needs the IDs of level 3.");
+    // Data of two levels: each level-2 unit is a level-3 unit too.
+    if (std::string words = numberids(twolevel ? *level2id : *level3id, records, nullptr, units3); !words.empty())
+      return error(words);
     if (std::string words = numberids(*level2id, records, &units3.of, units2); !words.empty()) return error(words);
     const Order order = orderof(units3, units2);
 
@@ -356,6 +360,7 @@ kdr3_status kdr3_data_make(size_t records, size_t count, const kdr3_column* colu
     mdm.nunits2 = mdm.numl2rec = static_cast<int>(order.level3.size());
     mdm.nunits3 = mdm.numl3rec = static_cast<int>(order.units3);
     mdm.numericids = true;
+    mdm.mdmtype = twolevel ? MdmType::twolevel : MdmType::ordinary;
     for (std::size_t u = 0; u + 1 < order.start.size(); ++u)
       mdm.maxnj = std::max(mdm.maxnj, static_cast<int>(order.start[u + 1] - order.start[u]));
     mdm.stream = nameless();
@@ -373,7 +378,7 @@ kdr3_status kdr3_data_sizes(const kdr3_data* data, size_t sizes[3]) {
   if (data == nullptr || sizes == nullptr) return error("The data set is missing.");
   sizes[0] = static_cast<std::size_t>(data->mdm.numl1rec);
   sizes[1] = static_cast<std::size_t>(data->mdm.numl2rec);
-  sizes[2] = static_cast<std::size_t>(data->mdm.numl3rec);
+  sizes[2] = data->mdm.twolevel() ? 0 : static_cast<std::size_t>(data->mdm.numl3rec);
   return KDR3_OK;
 }
 

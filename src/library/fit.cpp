@@ -55,6 +55,7 @@ Subject subjectof(const kdr3_model& given, const Values& values) {
   subject.records = mdm.nunits1;
   subject.units2 = mdm.nunits2;
   subject.units3 = mdm.nunits3;
+  subject.twolevel = mdm.twolevel();
   return subject;
 }
 

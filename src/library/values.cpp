@@ -46,7 +46,7 @@ std::vector<Branch> equationsof(const kdr3_model& model) {
   return level1;
 }
 
-void setequations(const std::vector<Branch>& equations, int set, Model& model) {
+void setequations(const std::vector<Branch>& equations, int set, bool twolevel, Model& model) {
   std::size_t c = 0;
   int place = 0;
   for (const Branch& coefficient : equations) {
@@ -59,6 +59,7 @@ void setequations(const std::vector<Branch>& equations, int set, Model& model) {
       model.terms2.row(set, static_cast<int>(c))[s] = term.term->variable;
       model.center2[at(term.term->variable)] = centeringof(term.term->centering);
       model.fixed2.row(set)[place] = term.term->random ? 0 : 1;
+      if (twolevel) fixatlevel3(model, set, place);
       for (std::size_t u = 0; u < term.terms.size(); ++u) {
         model.terms3.row(set, place)[u] = term.terms[u].term->variable;
         model.center3[at(term.terms[u].term->variable)] = centeringof(term.terms[u].term->centering);
@@ -76,13 +77,16 @@ std::string checkequations(const kdr3_model& model, const std::vector<Branch>& e
     if (coefficient.terms.empty()) return "The level-1 coefficient " + name + " has no level-2 term.";
     random2 = random2 || coefficient.term->random;
     for (const Branch& term : coefficient.terms) {
-      if (term.terms.empty())
+      const bool twolevel = model.data->mdm.twolevel();
+      if (twolevel && (term.term->random || !term.terms.empty()))
+        return "The data have two levels: the model has neither terms nor random effects of level 3.";
+      if (term.terms.empty() && !twolevel)
         return "The level-2 coefficient " + model.data->names[1][at(term.term->variable)] + " of " + name +
                " has no level-3 term.";
       random3 = random3 || term.term->random;
     }
   }
-  if (!random2 || !random3) return "The model needs a random effect at level 2 and one at level 3.";
+  if (!random2 && !random3) return "The model needs a random effect.";
   return "";
 }
 
@@ -183,7 +187,7 @@ void setmodel(const kdr3_model& model, const std::vector<Branch>& equations, Val
   allocateequations(made, mdm.nvar1, mdm.ncol1, mdm.ncol2, mdm.ncol3);
   for (int set = 0; set < made.neqsets; ++set) {
     made.use1.row(set)[model.outcome] = Use::outcome;
-    setequations(equations, set, made);
+    setequations(equations, set, model.data->mdm.twolevel(), made);
     for (int t = 0; t < thresholds; ++t) made.use1.row(set)[mdm.nvar1 + 1 + t] = Use::predictor;
   }
   for (int t = 0; t < thresholds; ++t) mdm.names1[at(mdm.nvar1 + 1 + t)] = paddedname(formatted("THOLD%d", t + 2));

@@ -73,6 +73,7 @@ void tautables(Tau which, const Pooled& pooled) {
   const Array<double>& tau = ofthe(which, pooled.taupi, pooled.taubeta);
   const Array<double>& reliabilities = ofthe(which, pooled.reliability2, pooled.reliability3);
   const int n = static_cast<int>(reliabilities.size());
+  if (n == 0) return;
   tautable(which, MatrixTitle::plain, false, n, tau.data());
   if (pooled.errorsknown)
     tautable(which, MatrixTitle::standarderror, false, n,
@@ -112,7 +113,7 @@ void variances(const Pooled& pooled) {
         report(" %s", ratio(test) ? fixedpoint(test.chisquare.df2, 1, 2).c_str() : "none");
       reportbreak();
     }
-    partialnote(which, "chi-square statistics", pooled.tests.units2, pooled.tests.units3);
+    if (!tests.empty()) partialnote(which, "chi-square statistics", pooled.tests.units2, pooled.tests.units3);
   }
 }
 

@@ -17,6 +17,7 @@ namespace {
 void laplacereliabilities(Tau which, const Reliabilities& reliabilities) {
   const Array<double>& values = reliabilities.of(which);
   const int used = reliabilities.units(which), total = ofthe(which, run.mdm.nunits2, run.mdm.nunits3);
+  if (run.model.coef.order(which) == 0) return;
   if (used == 0) {
     report("\n The Tau(%s) reliabilities cannot be computed\n", nameof(which));
     return;
@@ -30,6 +31,7 @@ void taublocks(Tau which, const PassResults& results) {
   const int n = run.model.coef.order(which);
   const double* tau = results.est.tau(which).data();
   const Array<double>& errors = results.errors.of(which);
+  if (n == 0) return;
   tautable(which, MatrixTitle::plain, false, n, tau);
   if (!errors.empty()) {
     tautable(which, MatrixTitle::standarderror, false, n, errors.data());

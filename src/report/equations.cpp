@@ -43,7 +43,19 @@ std::string variable3(int v) { return variable(run.mdm.names3[v], run.sym.symsub
 
 std::string coefficient1(int subscript) { return quantity(run.sym.sym1, std::to_string(subscript), run.sym.symsub2); }
 
-std::string fixedeffect(std::size_t g) { return quantity(run.sym.sym3, run.model.coef.gammasubs[g].text, ""); }
+// "(category)" behind the subscripts of a multinomial run.
+std::string categorymark(int set) {
+  std::string mark;
+  if (run.model.outcome.categorical() && multinomialrun()) mark.append("(").append(categoryof(set)).append(")");
+  return mark;
+}
+
+// A fixed effect, which in data of two levels is a level-2 coefficient.
+std::string fixedeffect(const ModelRows& rows, std::size_t g) {
+  if (!run.mdm.twolevel()) return quantity(run.sym.sym3, run.model.coef.gammasubs[g].text, "");
+  const EffectRow& effect = rows.effects[g];
+  return quantity(run.sym.sym2, termdigits(rows, rows.termof(effect)) + categorymark(rows.owner(effect).set), "");
+}
 
 // Level 1.
 
@@ -205,13 +217,6 @@ void level1model(const ModelRows& rows) {
 
 // Levels 2 and 3.
 
-// "(category)" behind the subscripts of a multinomial run.
-std::string categorymark(int set) {
-  std::string mark;
-  if (run.model.outcome.categorical() && multinomialrun()) mark.append("(").append(categoryof(set)).append(")");
-  return mark;
-}
-
 void level2equation(const ModelRows& rows, const CoefficientRow& coefficient, const char* indent) {
   const std::string category = categorymark(coefficient.set);
   const std::string digits = std::to_string(coefficient.subscript) + category;
@@ -254,7 +259,7 @@ void level3equation(const ModelRows& rows, const TermRow& term) {
     const auto g = static_cast<std::size_t>(term.firsteffect + u);
     breakbefore(u, "\t     ");
     if (u > 0) report("+ ");
-    report("%s", fixedeffect(g).c_str());
+    report("%s", fixedeffect(rows, g).c_str());
     if (rows.effects[g].variable != 0) report("(%s)", variable3(rows.effects[g].variable).c_str());
     report(" ");
   }
@@ -276,9 +281,9 @@ void constraintlines(const ModelRows& rows) {
     const int group = rows.effects[g].group;
     if (group == 0 || rows.effects[g].removed) continue;
     linelead();
-    report("%s", fixedeffect(g).c_str());
+    report("%s", fixedeffect(rows, g).c_str());
     for (std::size_t other = g + 1; other < rows.effects.size(); ++other)
-      if (rows.effects[other].group == group) report(" = %s", fixedeffect(other).c_str());
+      if (rows.effects[other].group == group) report(" = %s", fixedeffect(rows, other).c_str());
     reportbreak();
   }
 }
@@ -345,7 +350,7 @@ void writeequations() {
   reportrule(51);
   level1model(rows);
   level2model(rows);
-  level3model(rows);
+  if (!run.mdm.twolevel()) level3model(rows);
   setrandomsubscripts();
   centernotes(run.mdm.nvar1, run.model.center1, run.mdm.names1);
   centernotes(run.mdm.nvar2, run.model.center2, run.mdm.names2);
@@ -383,7 +388,7 @@ void mixedfixed(const ModelRows& rows) {
       const auto g = static_cast<std::size_t>(term.firsteffect + u);
       if (record != 0 && record % 4 == 0) mixedbreak(3);
       if (!first) report("+ ");
-      report("%s", fixedeffect(g).c_str());
+      report("%s", fixedeffect(rows, g).c_str());
       factor1(rows.owner(term).variable);
       factor2(term.variable);
       factor3(rows.effects[g].variable);

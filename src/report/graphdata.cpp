@@ -212,7 +212,7 @@ void writegraphdata(Pass& pass, const WorkingFile& working, const RecordLayout& 
 
   UnitResults results = makeunitresults(pass);
   writeflags(file);
-  writelevel3(file, pass, results);
+  if (!run.mdm.twolevel()) writelevel3(file, pass, results);
   writelevel2(file, pass, results);
   if (run.model.outcome.categorical()) return finishresult(file);
   writevalue(file, run.mdm.nunits1);

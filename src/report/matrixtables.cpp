@@ -129,6 +129,7 @@ void taubetatable(MatrixTitle kind, bool zero, int n, const double* matrix) {
 }  // namespace
 
 void tautable(Tau which, MatrixTitle kind, bool zero, int n, const double* matrix) {
+  if (n == 0) return;
   which == Tau::pi ? taupitable(kind, zero, n, matrix) : taubetatable(kind, zero, n, matrix);
 }
 

@@ -23,7 +23,8 @@ void sentences(const std::string& text) {
 namespace {
 
 void comparison(double deviance, long long parameters) {
-  const DevianceComparison made = comparisonof(deviance, parameters, {*run.out.deviance, run.out.df}, run.model);
+  const DevianceComparison made =
+      comparisonof(deviance, parameters, {*run.out.deviance, run.out.df}, run.model, run.mdm.twolevel());
   const auto& [statistic, df, df2, p] = made.chisquare;
   report2("\n Model comparison test\n", "<h5>&nbsp;&nbsp;&nbsp;&nbsp;Model comparison test</h5>\n");
   reportrule(35);

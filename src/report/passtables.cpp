@@ -36,7 +36,12 @@ void noerrors(const PassResults& results) {
   if (!results.errors.asked || results.errors.known || results.tausstand()) return;
   report("Standard errors for ");
   if (results.fixsigma2 == 0.0) report("%s, ", run.sym.symvar1.c_str());
-  report("%s, and %s are not computable.", run.sym.symvar2.c_str(), run.sym.symvar3.c_str());
+  if (run.model.coef.ntaupi == 0 || run.model.coef.ntaubeta == 0) {
+    const bool pi = run.model.coef.ntaupi > 0;
+    report("%s are not computable.", (pi ? run.sym.symvar2 : run.sym.symvar3).c_str());
+  } else {
+    report("%s, and %s are not computable.", run.sym.symvar2.c_str(), run.sym.symvar3.c_str());
+  }
   reportbreak();
   reportbreak();
 }
@@ -81,7 +86,7 @@ void reliabilitytables(Tau which, const PassResults& results) {
 void tautables(Tau which, const PassResults& results) {
   const int n = run.model.coef.order(which);
   const double* tau = results.est.tau(which).data();
-  if (which == Tau::pi && results.heterogeneous) return;
+  if (n == 0 || (which == Tau::pi && results.heterogeneous)) return;
   tautable(which, MatrixTitle::plain, false, n, tau);
   if (results.heterogeneous) return;
   if (results.errors.known) tautable(which, MatrixTitle::standarderror, false, n, results.errors.of(which).data());
@@ -107,7 +112,8 @@ void degreesnote(DegreesMethod method) {
 void fewunitsnote() {
   report(
       "\nThe robust standard errors are appropriate for datasets having a moderate to\n"
-      "large number of level 3 units.  These data do not meet this criterion.\n");
+      "large number of level %d units.  These data do not meet this criterion.\n",
+      run.mdm.twolevel() ? 2 : 3);
 }
 
 void norobust() { report("\nThe robust standard errors cannot be computed for this model.\n"); }
@@ -125,9 +131,9 @@ void variancetesttables(const PassResults& results) {
   const VarianceTests& tests = results.tests;
   const Estimates& est = results.est;
   variancetable(Tau::pi, est.taupi, tests.level2, est.sigma2);
-  partnote("chi-square statistics", tests.units2, run.mdm.nunits2);
+  if (run.model.coef.ntaupi > 0) partnote("chi-square statistics", tests.units2, run.mdm.nunits2);
   variancetable(Tau::beta, est.taubeta, tests.level3, est.sigma2);
-  partnote("chi-square statistics", tests.units3, run.mdm.nunits3);
+  if (run.model.coef.ntaubeta > 0) partnote("chi-square statistics", tests.units3, run.mdm.nunits3);
 }
 
 }  // namespace

@@ -47,7 +47,8 @@ Subject subject() {
                {},
                mdm.nunits1,
                mdm.nunits2,
-               mdm.nunits3};
+               mdm.nunits3,
+               mdm.twolevel()};
   for (const Name& label : run.model.categorylabel) made.categories.emplace_back(label.text);
   made.texts = &mdm.texts;
   if (run.out.deviance) made.alternative = {*run.out.deviance, run.out.df};

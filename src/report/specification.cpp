@@ -93,7 +93,7 @@ void facts() {
   reportline("  Output file name              = %s", escaped(files.outfile).c_str());
   reportline("  The maximum number of level-1 units = %d", run.mdm.nunits1);
   reportline("  The maximum number of level-2 units = %d", run.mdm.nunits2);
-  reportline("  The maximum number of level-3 units = %d", run.mdm.nunits3);
+  if (!run.mdm.twolevel()) reportline("  The maximum number of level-3 units = %d", run.mdm.nunits3);
   report("  The maximum number of %siterations = %d\n", run.model.outcome.linear() ? "" : "micro ", run.control.numit);
   reportbreak();
   if (run.model.outcome.categorical()) reportline("  Number of categories = %d", run.model.outcome.categories);
@@ -139,7 +139,7 @@ void weightingtable() {
   const auto named = [](const Array<Name>& names, int v) { return v == 0 ? nullptr : &names[v]; };
   weightrow(" Level 1       ", "Level 1", named(mdm.names1, run.model.wgtvar1), true, styleplain);
   weightrow(" Level 2       ", "Level 2", named(mdm.names2, run.model.wgtvar2), true, styleplain);
-  weightrow(" Level 3       ", "Level 3", named(mdm.names3, run.model.wgtvar3), true, styleplain);
+  if (!mdm.twolevel()) weightrow(" Level 3       ", "Level 3", named(mdm.names3, run.model.wgtvar3), true, styleplain);
   weightrow(" Precision     ", "Precision", named(mdm.names1, run.model.autovknown), false, stylebottom);
   reporthtml("</tbody></table>\n");
 }
@@ -165,9 +165,13 @@ char centeringmark(Centering mark, MarksShown& shown) {
 void modelheading(bool constrained) {
   report("\n  The model specified for the fixed effects was:\n");
   reportrule(52);
-  report("\n   Level-1                Level-2           Level-3%s", constrained ? "          Specified" : "");
-  report("\n   Coefficients           Predictors        Predictors%s", constrained ? "       Constraints" : "");
-  report("\n ---------------------  ---------------   ----------------%s\n", constrained ? "   -----------" : "");
+  const bool two = run.mdm.twolevel();
+  report("\n   Level-1                Level-2%s%s", two ? "      " : "           Level-3",
+         constrained ? "          Specified" : "");
+  report("\n   Coefficients           Predictors%s%s", two ? "   " : "        Predictors",
+         constrained ? "       Constraints" : "");
+  report("\n ---------------------  ---------------%s%s\n", two ? " " : "   ----------------",
+         constrained ? "   -----------" : "");
 }
 
 void effectcolumns(const ModelRows& rows, const EffectRow& effect, bool constrained, MarksShown& shown) {
@@ -177,6 +181,11 @@ void effectcolumns(const ModelRows& rows, const EffectRow& effect, bool constrai
 }
 
 void termrows(const ModelRows& rows, const TermRow& term, bool constrained, MarksShown& shown) {
+  if (run.mdm.twolevel()) {
+    report(" %c%s", centeringmark(run.model.center2[term.variable], shown), termlabel(rows, term).c_str());
+    if (constrained) report("        %1.1d", rows.effects[static_cast<std::size_t>(term.firsteffect)].group);
+    return reportbreak();
+  }
   report("%c%c%s", fixedmark(!term.random, shown), centeringmark(run.model.center2[term.variable], shown),
          termlabel(rows, term).c_str());
   for (int u = 0; u < term.neffects; ++u) {

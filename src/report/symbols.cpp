@@ -29,7 +29,8 @@ struct TypeLetters {
   bool measured;  // level 1 is a measurement model
   const char* subscripts;
 };
-constexpr TypeLetters typeletters[] = {{false, "ijk"}, {true, "mij"}, {false, "tij"}, {true, "mti"}};  // by MdmType
+// By MdmType. Records of data of two levels have no k.
+constexpr TypeLetters typeletters[] = {{false, "ijk"}, {true, "mij"}, {false, "tij"}, {true, "mti"}, {false, "ij"}};
 
 // Digits as they follow a symbol.
 std::string subscripted(const std::string& digits) {
@@ -80,6 +81,7 @@ std::string effectlabel(const ModelRows& rows, const EffectRow& effect) {
     const std::string category = thresholdcategory(coefficient);
     return run.report.html ? "&delta;" + subscripted(category) : "          d(" + category + ")";
   }
+  if (run.mdm.twolevel()) return termlabel(rows, rows.termof(effect)) + (run.report.html ? "" : " ");
   return eightcolumns(run.mdm.names3[effect.variable]) + ", " + run.sym.sym3 + subscripted(effectdigits(rows, effect));
 }
 
@@ -98,7 +100,7 @@ void makerowlabels() {
     const CoefficientRow& coefficient = rows.owner(effect);
     if (!effect.removed) {
       if (effect.coefficient != lastcoefficient) setlabel(coef.gammanames1[g], coefficientlabel(coefficient));
-      if (effect.term != lastterm && !coefficient.threshold)
+      if (effect.term != lastterm && !coefficient.threshold && !run.mdm.twolevel())
         setlabel(coef.gammanames2[g], termlabel(rows, rows.termof(effect)));
       setlabel(coef.gammanames3[g++], effectlabel(rows, effect));
       lastcoefficient = effect.coefficient;

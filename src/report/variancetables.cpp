@@ -156,6 +156,7 @@ void reliabilitytable(Tau which, int n, const double* values) {
 
 void variancetable(Tau which, const Array<double>& tau, std::span<const VarianceTest> tests, double sigma2) {
   const int n = static_cast<int>(tests.size());
+  if (n == 0 && which == Tau::beta) return;  // the other table has the level-1 variance
   const Categories categories = randomcategories(which, n);
   varianceheads(which);
   for (int i = 0; i < n; ++i) {

@@ -161,7 +161,7 @@ WRONG = [
     ("score ~ year + (1 | school/pupil", "never closed", "("), ("score ~ year) + (1 | school/pupil)", "never opened", ")"),
     ("score ~ yeer + (1 | school/pupil)", "no column yeer. Is year meant?", "yeer"),
     ("score ~ year + 1 | school", "stands in parentheses", "year + 1 | school"),
-    ("score ~ year + (1 | school)", "two levels, which cannot be fitted yet", "school"),
+    ("score ~ year + (0 | school)", "Nothing is random here", "0 | school"),
     ("score ~ year", "no random part", "year"),
     ("score ~ year + (1 | school) + (1 | paper)", "crossed", "paper"),
     ("score ~ year + (1 | school/pupil/year)", "more than two groupings", "school/pupil/year"),
@@ -283,6 +283,10 @@ def longnames(folder):
     if code == 0:
         got = {key(":".join(k)) for k in effects(json.load(open(f"{folder}/long.json")))}
         c.equal("its effects", got, {key(x) for x in ("(Intercept)", "gr\u00f6\u00dfe in m", long, "stra\u00dfeB\u00e4rengasse")})
+    # the questions take whole names, too: those alike in 8 letters are two
+    done = subprocess.run([PROGRAM, "-q", "f.mdm"], cwd=folder, input="n\ny\ngr\u00f6\u00dfe in m\ngr\u00f6\u00dfe in cm\n0\n", capture_output=True,
+                          text=True)
+    c("set the level-1 intercept" in done.stdout and not re.search("taken for|already chosen|no variable", done.stdout), done.stdout[:900])
     # a copy that is cut within the section is damaged, whatever the place
     data = open(f"{folder}/f.mdm", "rb").read()
     at = data.rindex(b"KDR3TEXT")

@@ -14,6 +14,9 @@ import jsonschema
 from program import NOFILES, REFERENCE, ROOT, Checks, madefolder, run
 from residualfiles import readfree
 
+sys.path.append(str(REFERENCE))
+import twolevelmodels
+
 SCHEMA = jsonschema.Draft202012Validator(json.loads((ROOT / "docs" / "results.schema.json").read_text()))
 FAMILIES = ["N", "BERNOULLI", "BINOMIAL", "POISSON", "MULTINOMIAL", "ORDINAL"]
 LETTER = {"": 0, ",1": 1, ",2": 2}
@@ -25,12 +28,13 @@ INTERCEPTS = [("", "", 1, [("", "", 1, [("", "")])]), ("X2", "", 0, [("", "", 0,
 
 
 class Model:
-    def __init__(self, outcome, family, terms, counts="", categories=0, keywords="", calls=()):
-        """`keywords` of the command file, a line each, and what they are as calls of the library: `set` alike for all
+    def __init__(self, outcome, family, terms, counts="", categories=0, keywords="", calls=(), mdm="nonlin.mdm"):
+        """Of data of two levels the terms of level 3 are left out. `keywords` of the command file, a line each, and what they are as calls of the library: `set` alike for all
         with a number, the others are in `calls`."""
         kind = FAMILIES[family] + (f",{categories}" if categories else f",{counts}" if counts else "")
         thresholds = "".join(f"+THOLD{c}" for c in range(2, categories)) if family == 5 else ""
         sets = categories - 1 if family == 4 else 1
+        self.mdm, two = mdm, mdm == "two.mdm"
         self.lines, self.calls = [f"NONLIN:{kind}"], [f"make {outcome} {counts or '-'} {family} {categories}"]
         first = "+".join((name or "INTRCPT1") + letter for name, letter, _, _ in terms)
         for _ in range(sets):
@@ -40,19 +44,21 @@ class Model:
                 self.lines += [f"LEVEL2:{name or 'INTRCPT1'}={second}{'+RANDOM' if random else ''}/"]
                 for n, _, varies, level3 in level2:
                     third = "+".join((v or "INTRCPT3") + letter for v, letter in level3)
-                    self.lines += [f"LEVEL3:{n or 'INTRCPT2'}={third}{'+RANDOM' if varies else ''}/"]
+                    self.lines += [] if two else [f"LEVEL3:{n or 'INTRCPT2'}={third}{'+RANDOM' if varies else ''}/"]
         place = 0
         for c, (name, letter, random, level2) in enumerate(terms):
             self.calls += [f"level1 {name or '-'} {LETTER[letter]} {random}"]
             for n, after, varies, level3 in level2:
-                self.calls += [f"level2 {c} {n or '-'} {LETTER[after]} {varies}"]
+                self.calls += [f"level2 {c} {n or '-'} {LETTER[after]} {0 if two else varies}"]
+                if two:
+                    continue
                 self.calls += [f"level3 {place} {v or '-'} {LETTER[behind]}" for v, behind in level3]
                 place += 1
-        self.lines += ["LEVEL1DELETION:NONE", "LVR-BETA:N"] + keywords.split()
+        self.lines += ["LEVEL1DELETION:NONE"] + ([] if two else ["LVR-BETA:N"]) + keywords.split()
         if "CONSTRAIN" not in keywords:
             self.lines += ["CONSTRAIN:N"]
         self.lines += ["HYPOTH:N", "TITLE:", "OUTPUT:out.txt", "RESULTS:out.json", "RESFILTYPE:FREEFORMAT", "RESFIL1:N",
-                       "RESFIL2:Y", "RESFIL3:Y"]
+                       "RESFIL2:Y"] + ([] if two else ["RESFIL3:Y"])
         self.calls += list(calls)
 
 
@@ -81,13 +87,16 @@ MODELS = {
     "quadrature": Model("YPOIS", 3, INTERCEPTS, keywords=CHAIN + " AGQ:Y,40,9", calls=SETCHAIN + ["set AGQ 9", "set AGQIT 40"]),
     "too few points": Model("YPOIS", 3, INTERCEPTS, keywords=CHAIN + " AGQ:Y,20,3", calls=SETCHAIN + ["set AGQ 3", "set AGQIT 20"]),
     "multinomial": Model("YMUL3", 4, INTERCEPTS, categories=3, keywords=CHAIN, calls=SETCHAIN),
+    "two levels": Model("YPOIS", 0, SLOPES, keywords=LINEAR + " GAMMA1:0,1,-1,0", calls=["set NUMIT 300", "hypothesis 1 4 0 1 -1 0"], mdm="two.mdm"),
+    "two levels, quadrature": Model("YBERN", 1, INTERCEPTS, keywords=CHAIN + " AGQ:Y,40,9", calls=SETCHAIN + ["set AGQ 9", "set AGQIT 40"],
+                                    mdm="two.mdm"),
     "ordinal": Model("YORD5", 5, INTERCEPTS, categories=5, keywords=CHAIN, calls=SETCHAIN),
 }
 
 
 def library(client, folder, model):
     """The results document, and the rows of means and covariances of each level."""
-    done = subprocess.run([client], cwd=folder, input="\n".join(["open nonlin.mdm", *model.calls, "fit"]) + "\n",
+    done = subprocess.run([client], cwd=folder, input="\n".join(["open " + model.mdm, *model.calls, "fit"]) + "\n",
                           capture_output=True, text=True, timeout=300)
     text, _, rest = done.stdout.partition("\n}\n")
     if done.returncode != 0:
@@ -100,7 +109,7 @@ def library(client, folder, model):
 def compare(check, name, program, client, folder):
     model = MODELS[name]
     pathlib.Path(folder, "run.kdr").write_text("\n".join(model.lines) + "\n")
-    code, said = run(program, folder, "nonlin.mdm", "run.kdr")
+    code, said = run(program, folder, model.mdm, "run.kdr")
     check(code == 0, f"{name}: the program ended with code {code}\n{said[-600:]}")
     want = json.loads(pathlib.Path(folder, "out.json").read_text())
     found, rows = library(client, folder, model)
@@ -114,7 +123,8 @@ def compare(check, name, program, client, folder):
         if member == "phases":
             check.equal(f"{name}: phases", len(found[member]), len(want[member]))
     # Posterior means EB... and the lower triangle of the covariances PV... of the residual files, to their digits.
-    for level, file in (("level2", "resfil2.dat"), ("level3", "resfil3.dat")):
+    check(model.mdm != "two.mdm" or not rows["level3"], f"{name}: level 3")
+    for level, file in (("level2", "resfil2.dat"), ("level3", "resfil3.dat"))[:1 if model.mdm == "two.mdm" else 2]:
         table = readfree(os.path.join(folder, file), int(level[-1]))
         eb = [i for i, column in enumerate(table.names) if column.startswith("EB")]
         pv = [i for i, column in enumerate(table.names) if column.startswith("PV")]
@@ -131,6 +141,8 @@ def main():
     client = str(pathlib.Path(program).parent / "library_client")
     check = Checks()
     folder = madefolder(program, REFERENCE / "nonlinear", "nonlin.mdmt")
+    pathlib.Path(folder, "two.mdmt").write_text(twolevelmodels.template("nonlinear", twolevelmodels.NAMES["nonlin"]))
+    check.equal("two.mdm", run(program, folder, "-r", "two.mdmt")[0], 0)
     for name in sys.argv[2:] or MODELS:
         compare(check, name, program, client, folder)
     check.finish()

@@ -113,8 +113,8 @@ def failures():
 
     plain = ["LEVEL2:INTRCPT1=INTRCPT2+RANDOM/", "LEVEL3:INTRCPT2=INTRCPT3+RANDOM/"]
     done = work.run("chem97.mdm", model("f2", "LEVEL1:SCORE=INTRCPT1+RANDOM", [
-        "LEVEL2:INTRCPT1=INTRCPT2/", "LEVEL3:INTRCPT2=INTRCPT3+RANDOM/"]))
-    ends(done, 100, "Nothing left at pi level.", "nothing random at level 2")
+        "LEVEL2:INTRCPT1=INTRCPT2/", "LEVEL3:INTRCPT2=INTRCPT3/"]))
+    ends(done, 100, "Some variables must be specified as random.", "nothing random")
     done = work.run("chem97.mdm", model("f3", "LEVEL1:SCORE=INTRCPT1+RANDOM", plain, VARIANCEKNOWN="AGE"))
     ends(done, 100, "Variance knownWeights must be positive!", "a known variance below 0")
     done = work.run("chem97.mdm", model("f4", "LEVEL1:SCORE=INTRCPT1+RANDOM", plain, FIXTAU2="4"))

@@ -183,6 +183,47 @@ TEST(Library, RowsInAnyOrderAndTextIds) {
     EXPECT_NEAR(found[i], sorted[i], 1e-7 * (1 + std::fabs(sorted[i])));
 }
 
+TEST(Library, DataOfTwoLevels) {
+  const Table table(6);
+  const std::vector<kdr3_column> columns = {kdr3::column("y", 1, table.y), kdr3::column("x", 1, table.x),
+                                            kdr3::column("hit", 1, table.hit), kdr3::column("w", 1, table.w)};
+  const kdr3_column school = kdr3::column("school", 2, table.school), pupil = kdr3::column("pupil", 2, table.pupil);
+  const kdr3::Data two = kdr3::Data::make(table.y.size(), columns, school);
+  ASSERT_TRUE(two) << two.error();
+  std::size_t sizes[3];
+  EXPECT_EQ(kdr3_data_sizes(two.get(), sizes), KDR3_OK);
+  EXPECT_EQ(sizes[2], 0U);
+  // The same model on three levels: schools as level 3, and nothing random over pupils.
+  kdr3::Model low(two, "y");
+  low.term(nullptr, {KDR3_RAW, true, false});
+  low.term("x", {KDR3_GRANDMEAN, true, false});
+  const kdr3::Data three = kdr3::Data::make(table.y.size(), columns, pupil, kdr3::column("school", 3, table.school));
+  kdr3::Model high(three, "y");
+  high.term(nullptr, {KDR3_RAW, false, true});
+  high.term("x", {KDR3_GRANDMEAN, false, true});
+  const kdr3::Result lower = low.fit(), higher = high.fit();
+  ASSERT_TRUE(lower && higher) << lower.error() << higher.error();
+  EXPECT_EQ(lower.summary().units3, 0U);
+  EXPECT_EQ(lower.summary().random3, 0U);
+  EXPECT_NEAR(lower.summary().loglikelihood, higher.summary().loglikelihood, 1e-5);
+  for (std::size_t i = 0; i < lower.fixed().size(); ++i) EXPECT_NEAR(lower.fixed()[i], higher.fixed()[i], 1e-4);
+  for (std::size_t i = 0; i < lower.taupi().size(); ++i) EXPECT_NEAR(lower.taupi()[i], higher.taubeta()[i], 2e-3);
+
+  std::vector<kdr3_column> more = columns;
+  more.push_back(kdr3::column("z", 3, table.z));
+  EXPECT_EQ(kdr3::Data::make(table.y.size(), more, school).error(), "A column of level 3 needs the IDs of level 3.");
+  more.back() = kdr3::column("z", 2, table.z);
+  const kdr3::Data with = kdr3::Data::make(table.y.size(), more, school);
+  kdr3::Model wrong(with, "y");
+  int coefficient = 0, term = 0;
+  EXPECT_EQ(kdr3_model_level1(wrong.get(), nullptr, KDR3_RAW, 1, &coefficient), KDR3_OK);
+  EXPECT_EQ(kdr3_model_level2(wrong.get(), coefficient, "z", KDR3_GROUPMEAN, 0, &term), KDR3_ERROR);
+  EXPECT_STREQ(kdr3_message(), "A level-2 variable has no groups to be centered in: z.");
+  EXPECT_EQ(kdr3_model_level2(wrong.get(), coefficient, nullptr, KDR3_RAW, 1, &term), KDR3_OK);
+  EXPECT_EQ(wrong.fit().error(),
+            "The data have two levels: the model has neither terms nor random effects of level 3.");
+}
+
 TEST(Library, RestrictionsAndHypotheses) {
   const Table table(6);
   const kdr3::Data data = table.data();

@@ -199,7 +199,7 @@ def thetaspace(m, p, b):
 
 def legal(theta, p, b):
     T, L, s = unpack(theta, p, b)
-    return s > 0 and np.linalg.eigvalsh(T)[0] > 0 and np.linalg.eigvalsh(L)[0] > 0
+    return s > 0 and all(x > 0 for x in [*np.linalg.eigvalsh(T), *np.linalg.eigvalsh(L)])
 
 
 def maximise(units, m, p, b, start=None, most=300):
@@ -245,6 +245,8 @@ def emupdate(units, theta, p, b):
 
 def usable(A, limit=1e7):
     """A cross-product matrix that has an inverse worth using; also how near the limit it is."""
+    if not len(A):
+        return True, 1.0
     w = np.linalg.eigvalsh(A)
     if np.min(np.diag(A)) < 1e-20 * max(1.0, w[-1]) or w[0] <= 1e-13 / len(A):
         return False, np.inf
@@ -307,7 +309,7 @@ def degreesoffreedom(m, K, J, N, p, b, groups):
     for c, _ in m['level1']:
         mine, last = [], 0
         for t, _ in m['level2'][c]:
-            n3, last = len(m['level3'].get((c, t), I3)), 0
+            n3, last = len(m['level3'].get((c, t), I3)), last if m.get('twolevel') else 0
             for _ in range(n3):
                 g = groups[at]
                 at += 1
@@ -316,7 +318,9 @@ def degreesoffreedom(m, K, J, N, p, b, groups):
                     continue
                 seen.add(g)
                 mark = False
-                if (c, t) in m['random3']:
+                if m.get('twolevel') and c in m['random2']:  # level 2 is the highest level
+                    d = J - len(m['level2'][c])
+                elif (c, t) in m['random3']:
                     d = K - n3
                 elif c in m['random2']:
                     d = J - K * C - A
@@ -352,17 +356,20 @@ def weightedcov(work, plain, factors, cov, T, L, s):
 
 
 def exploratory(data, post, m):
-    """Simple regressions of the posterior means on the candidates, within level-3 units at level 2: rows per level."""
+    """Simple regressions of the posterior means on the candidates, within level-3 units at level 2: rows per level. In data
+    of two levels those of level 2 are about the means of all units."""
     rand2 = [c for c, _ in m['level1'] if c in m['random2']]
     rand3 = [(c, t) for c, _ in m['level1'] for t, _ in m['level2'][c] if (c, t) in m['random3']]
     out = {2: [], 3: []}
     for level, coefs, key in ((2, rand2, 'extra2'), (3, rand3, 'extra3')):
         for r, c in enumerate(coefs):
             for name in m.get(key, {}).get(c, []):
-                i = NAMES[level].index(name)
+                i = data.names[level].index(name)
                 if level == 2:
                     y = [np.array([u[r] for u in x[2]]) for x in post]
                     x = [np.array([z[i] for z, _ in unit2]) for _, unit2 in data.units]
+                    if m.get('twolevel'):
+                        y, x = [np.concatenate(y)], [np.concatenate(x)]
                     y, x = (np.concatenate([a - a.mean() for a in v]) for v in (y, x))
                 else:
                     y, x = np.array([a[0][r] for a in post]), np.array([q[i] for q, _ in data.units])
@@ -379,7 +386,10 @@ def listed(x):
 
 def reference(directory, timing, code, m):
     used = {m['outcome']} | {n for n, _ in m['level1']} - {'INTRCPT1'}
-    data = Data(directory, timing, code, [NAMES[1].index(n) for n in used])
+    return solved(Data(directory, timing, code, [NAMES[1].index(n) for n in used]), m)
+
+
+def solved(data, m):
     units, plain, factors, Cm, groups = build(data, m)
     p, b, ng = units[0].Z1.shape[1], units[0].Z2.shape[1], units[0].M.shape[1]
     N, J, K = sum(u.n for u in units), sum(len(u.rows) for u in units), len(units)

@@ -93,7 +93,7 @@ def scoreandinformation(units, gamma, T, L, s):
     symmetric of one or two ones, so that tr(E_a S E_b S') = vec(E_a)' (S x S) vec(E_b), S being blocks of Z' V^-1 Z.
     """
     p, b = len(T), len(L)
-    E1, E2 = (np.array(list(symbasis(k))).reshape(-1, k * k) for k in (p, b))
+    E1, E2 = (np.array(list(symbasis(k))).reshape(k * (k + 1) // 2, k * k) for k in (p, b))
     n1, n2 = len(E1), len(E1) + len(E2)
     info, scores = np.zeros((n2 + 1, n2 + 1)), []
     for u in units:

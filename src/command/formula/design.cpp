@@ -135,7 +135,7 @@ std::vector<bool> redundant(const std::vector<ModelColumn>& columns, const std::
 }
 
 Design designof(FormulaData& data, const FormulaModel& model, const std::vector<ModelColumn>& fixed, std::size_t inner,
-                std::size_t outer) {
+                std::optional<std::size_t> outer) {
   Design design;
   for (const ModelColumn& column : fixed) {
     const Split split = splitof(column);
@@ -149,7 +149,7 @@ Design designof(FormulaData& data, const FormulaModel& model, const std::vector<
     const std::vector<std::string>& names = data.groupings[inner].names;
     const bool ofinner = std::set<std::string>(part.group.begin(), part.group.end()) ==
                          std::set<std::string>(names.begin(), names.end());
-    const int level = ofinner ? 2 : 3;
+    const int level = ofinner || !outer ? 2 : 3;
     RandomBlock block;
     for (const ModelColumn& column : modelmatrix(data, part.terms)) {
       const Split split = splitof(column);
@@ -157,7 +157,7 @@ Design designof(FormulaData& data, const FormulaModel& model, const std::vector<
         if (!split.parts[at].empty())
           refuseformula(model.text, part.place,
                         split.parts[at][0].name + " does not vary within the units of " +
-                            data.groupings[ofinner ? inner : outer].shown +
+                            data.groupings[ofinner ? inner : *outer].shown +
                             ", so that its effect cannot vary between them.");
       const CoefficientPieces of{pieceof(design.pieces[0], split.parts[0]), pieceof(design.pieces[1], split.parts[1])};
       for (const RandomBlock& other : design.blocks[level - 2])
@@ -165,7 +165,7 @@ Design designof(FormulaData& data, const FormulaModel& model, const std::vector<
           refuseformula(model.text, part.place, column.name + " is random over these units in another part already.");
       block.push_back(of);
     }
-    design.blocks[level - 2].push_back(std::move(block));
+    if (!block.empty()) design.blocks[level - 2].push_back(std::move(block));  // (0 | a:b) tells units alone
   }
   return design;
 }

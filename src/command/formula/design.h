@@ -1,6 +1,7 @@
 // From terms to the columns of R's model matrix, and from these to the equations of the levels.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -63,9 +64,10 @@ struct Design {
   std::vector<RandomBlock> blocks[2];
 };
 
-// Splits the columns at the levels of their variables. `inner` and `outer` are the groupings' places in `data`.
+// Splits the columns at the levels of their variables. `inner` and `outer` are the groupings' places in `data`, without
+// `outer` in a model of two levels.
 // Stops by refuseformula for a random effect that its level cannot have.
 [[nodiscard]] Design designof(FormulaData& data, const FormulaModel& model, const std::vector<ModelColumn>& fixed,
-                              std::size_t inner, std::size_t outer);
+                              std::size_t inner, std::optional<std::size_t> outer);
 
 }  // namespace kdr

@@ -66,6 +66,7 @@ void addset(const EquationLines& lines, const std::vector<Coefficient>& tree, st
     for (const Term2& term : coefficient.terms) level2.push_back(nameof(lines, 2, term.piece));
     text.push_back("LEVEL2:" + level1[static_cast<std::size_t>(&coefficient - tree.data())] + "=" +
                    side(level2, coefficient.random) + "/");
+    if (lines.twolevel) continue;
     for (const Term2& term : coefficient.terms) {
       std::vector<std::string> level3;
       for (const int piece : term.terms) level3.push_back(nameof(lines, 3, piece));

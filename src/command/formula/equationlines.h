@@ -18,6 +18,7 @@ struct EquationLines {
   std::vector<std::string> head;      // the lines before the equations
   int categories = 0;                 // of an ordinal or multinomial outcome
   bool multinomial = false;
+  bool twolevel = false;  // without lines of level 3
 
   // Random effects of level 2 or 3.
   [[nodiscard]] std::size_t effects(int level) const;

@@ -44,7 +44,8 @@ struct Fit {
   int categories = 0;           // of an ordinal or multinomial outcome
   std::optional<Extra> counts;  // trials or exposure
   std::optional<Extra> weights[3];
-  std::size_t inner = 0, outer = 0;  // groupings
+  std::size_t inner = 0;             // the grouping of level 2
+  std::optional<std::size_t> outer;  // that of level 3, where there are two groupings
   LongUnits units;
   std::vector<ModelColumn> fixed;
   Design design;
@@ -201,17 +202,22 @@ std::string unitshown(const FormulaData& data, const std::vector<std::string>& n
 }
 
 // Which grouping is level 2, and which level 3. Where one holds the columns of the other it is the inner one; else the
-// data tell.
+// data tell. One grouping makes a model of two levels.
 void settlegroupings(Fit& fit) {
   findgroupings(fit.data, fit.model);
   const std::vector<Grouping>& groupings = fit.data.groupings;
   const std::string& text = fit.model.text;
-  constexpr const char* wanted = "A model has two groupings here, one within the other, as in (1 | school/pupil).";
+  constexpr const char* wanted =
+      "A model has one grouping, as in (1 | school), or two, one within the other, as in (1 | school/pupil).";
   if (groupings.empty())
     refuseformula(text, fit.model.root.operands[1].place, std::string("There is no random part. ") + wanted);
-  if (groupings.size() == 1)
-    refuseformula(text, groupings[0].place,
-                  std::string("One grouping makes a model of two levels, which cannot be fitted yet. ") + wanted);
+  if (groupings.size() == 1) {
+    if (!fit.request.weights[2].empty())
+      stopwith("-weights3: %s is the only grouping, which is level 2. See -weights2.\n",
+               printable(groupings[0].shown).c_str());
+    fit.units.levels = 2;
+    return;
+  }
   if (groupings.size() > 2)
     refuseformula(text, groupings[2].place, std::string("These are more than two groupings. ") + wanted);
   const auto first = acrossunits(groupings[0], groupings[1]), second = acrossunits(groupings[1], groupings[0]);
@@ -228,7 +234,7 @@ void settlegroupings(Fit& fit) {
     refuseformula(text, groupings[1].place,
                   "The units of " + groupings[0].shown + " and of " + groupings[1].shown + " are the same.");
   fit.outer = second ? 1 : 0;  // a unit of grouping 1 lies in several of grouping 0
-  fit.inner = 1 - fit.outer;
+  fit.inner = second ? 0 : 1;
 }
 
 // One column whose values tell the units of the groupings that are in these columns.
@@ -271,26 +277,39 @@ LongColumn astexts(LongColumn column) {
   return texts;
 }
 
+// The columns that tell a level-2 unit from the others of its level-3 unit.
+std::vector<std::string> owncolumns(const Fit& fit) {
+  std::vector<std::string> own = fit.data.groupings[fit.inner].names;
+  if (fit.outer)
+    std::erase_if(own, [&outer = fit.data.groupings[*fit.outer].names](const std::string& name) {
+      return std::find(outer.begin(), outer.end(), name) != outer.end();
+    });
+  return own;
+}
+
 void makeunits(Fit& fit) {
-  const Grouping &inner = fit.data.groupings[fit.inner], &outer = fit.data.groupings[fit.outer];
-  std::vector<std::string> own;
-  for (const std::string& name : inner.names)
-    if (std::find(outer.names.begin(), outer.names.end(), name) == outer.names.end()) own.push_back(name);
-  for (const std::vector<std::string>& names : {outer.names, own})
+  struct Ids {
+    LongColumn column;
+    std::string shown;
+    UnitKeys& keys;
+  };
+  std::vector<Ids> levels;
+  const auto add = [&](const std::vector<std::string>& names, std::size_t grouping, UnitKeys& keys) {
     for (const std::string& name : names) tellstrayid(fit.data.column(name));
-  LongColumn id3 = idcolumn(fit.data, outer.names), id2 = idcolumn(fit.data, own);
-  const bool numbers = wholenumbers(id3) && wholenumbers(id2);
-  if (!numbers) {
-    id3 = astexts(std::move(id3));
-    id2 = astexts(std::move(id2));
-  }
+    levels.push_back({idcolumn(fit.data, names), fit.data.groupings[grouping].shown, keys});
+  };
+  if (fit.outer) add(fit.data.groupings[*fit.outer].names, *fit.outer, fit.units.level3);
+  add(owncolumns(fit), fit.inner, fit.units.level2);
+  const bool numbers =
+      std::all_of(levels.begin(), levels.end(), [](const Ids& ids) { return wholenumbers(ids.column); });
   run.mdm.numericids = numbers;
-  fit.units.level3 = unitkeys(id3, numbers, false);
-  fit.units.level2 = unitkeys(id2, numbers, false);
-  for (const int level : {3, 2})
-    if (const UnitKeys& keys = level == 3 ? fit.units.level3 : fit.units.level2; keys.numbered)
+  for (Ids& ids : levels) {
+    if (!numbers) ids.column = astexts(std::move(ids.column));
+    ids.keys = unitkeys(ids.column, numbers, false);
+    if (ids.keys.numbered)
       remark(fit, formatted("IDs of %s that are long, or differ by case alone: the units are numbered from 1 to %zu.",
-                            (level == 3 ? outer : inner).shown.c_str(), keys.ids.size()));
+                            ids.shown.c_str(), ids.keys.ids.size()));
+  }
 }
 
 // The outcome, and what stands beside it.
@@ -497,7 +516,7 @@ void settlelevels(Fit& fit) {
   for (auto& named : fit.data.variables) {
     const std::string& name = named.first;
     auto& variable = named.second;
-    variable.level = 2;
+    variable.level = fit.units.levels - 1;
     const std::size_t n = variable.factor ? 1 : variable.columns.size();
     for (std::size_t k = 0; k < n; ++k) {
       const auto value = [&](std::size_t record) {
@@ -508,8 +527,9 @@ void settlelevels(Fit& fit) {
     std::string& list = lists[variable.level];
     list += (list.empty() ? "" : ", ") + name;
   }
-  const std::string units[] = {"records", fit.data.groupings[fit.inner].shown, fit.data.groupings[fit.outer].shown};
-  for (int level = 0; level < 3; ++level)
+  const std::string units[] = {"records", fit.data.groupings[fit.inner].shown,
+                               fit.outer ? fit.data.groupings[*fit.outer].shown : ""};
+  for (int level = 0; level < fit.units.levels; ++level)
     if (!lists[level].empty())
       std::printf("Level %d (%s): %s\n", level + 1, printable(units[level]).c_str(), printable(lists[level]).c_str());
 }
@@ -744,6 +764,8 @@ void writecommands(const Fit& fit, const EquationLines& lines) {
   const std::vector<std::string> model = equationlines(lines);
   std::vector<std::string> rest = {"RESFIL1:N", "RESFIL2:N",  "RESFIL3:N",    "CONSTRAIN:N",
                                    "HYPOTH:N",  "LVR-BETA:N", "FULLOUTPUT:N", "TITLE:" + titlefrom(formula)};
+  if (lines.twolevel)
+    std::erase_if(rest, [](const std::string& line) { return line == "RESFIL3:N" || line == "LVR-BETA:N"; });
   rest.push_back("OUTPUT:" + fit.request.stem + ".txt");
   rest.push_back("RESULTS:" + fit.request.stem + ".json");
   std::set<std::string> given;
@@ -772,6 +794,7 @@ void defaultstem(FitRequest& request) {
 EquationLines linesof(const Fit& fit) {
   EquationLines lines;
   lines.design = &fit.design;
+  lines.twolevel = !fit.outer;
   return lines;
 }
 
@@ -786,11 +809,9 @@ std::vector<FitNames> effectnames(const Design& design, const EquationLines& lin
   return names;
 }
 
-}  // namespace
-
-PreparedFit preparefit(FitRequest request) {
+// What goes into the files.
+EquationLines plan(FitRequest request, Fit& fit) {
   defaultstem(request);
-  Fit fit;
   fit.request = std::move(request);
   readformula(fit.request.formula, fit.model);
   checkfunctions(fit.model.text, fit.model.root);
@@ -821,7 +842,20 @@ PreparedFit preparefit(FitRequest request) {
   EquationLines lines = linesof(fit);
   servedesign(fit, lines);
   outcomelines(fit, lines);
-  run.mdm.mdmtype = MdmType::ordinary;
+  return lines;
+}
+
+}  // namespace
+
+void checkfit(FitRequest request) {
+  Fit fit;
+  static_cast<void>(plan(std::move(request), fit));
+}
+
+PreparedFit preparefit(FitRequest request) {
+  Fit fit;
+  const EquationLines lines = plan(std::move(request), fit);
+  run.mdm.mdmtype = lines.twolevel ? MdmType::twolevel : MdmType::ordinary;
   run.mdm.deletednow = false;
   run.mdm.l1missing = false;
   run.files.mdmfile = fit.request.stem + ".mdm";
@@ -839,7 +873,7 @@ PreparedFit preparefit(FitRequest request) {
     for (std::size_t i = 0; i < lines.names[level].size(); ++i)
       prepared.names[lines.names[level][i]] = fit.design.pieces[level][i].name;
   prepared.grouping2 = fit.data.groupings[fit.inner].shown;
-  prepared.grouping3 = fit.data.groupings[fit.outer].shown;
+  if (fit.outer) prepared.grouping3 = fit.data.groupings[*fit.outer].shown;
   prepared.request = std::move(fit.request);
   return prepared;
 }

@@ -30,12 +30,14 @@ struct PreparedFit {
   FitRequest request;
   std::vector<FitNames> fixed;
   std::map<std::string, std::string> names;  // what the variables of the MDM file are in the formula
-  std::string grouping2, grouping3;          // the units of the two levels
+  std::string grouping2, grouping3;          // the units of the two levels; of level 3 none in a model of two levels
   [[nodiscard]] std::string path(const char* extension) const { return request.stem + extension; }
 };
 
 // Reads formula and file, writes STEM.mdm and STEM.kdr, and names them as the files of the run. Until both can be
 // written nothing is. Stops with code 100 and a sentence where that cannot be done.
 [[nodiscard]] PreparedFit preparefit(FitRequest request);
+// The same up to the writing: stops, with the same words, where preparefit would.
+void checkfit(FitRequest request);
 
 }  // namespace kdr

@@ -218,7 +218,6 @@ void takerandom(Encoder& encoder, const Expression& bar) {
   Terms terms;
   Encoder inner{model, terms, true};
   encodeterms(inner, left);
-  if (!terms.intercept && terms.terms.empty()) encoder.refuse(left, "Nothing is random here.");
   for (const std::vector<std::string>& group : groupings(model, right))
     for (Terms& block : blocksof(terms, bar.word == "||"))
       model.randoms.push_back({std::move(block), group, bar.place, right.place});
@@ -234,6 +233,9 @@ void readformula(const std::string& text, FormulaModel& model) {
   if (isbar(right)) refuseformula(text, right.place, "A random part stands in parentheses: (1 | school/pupil).");
   Encoder encoder{model, model.fixed};
   encodeterms(encoder, right);
+  const auto empty = [](const RandomPart& part) { return !part.terms.intercept && part.terms.terms.empty(); };
+  if (!model.randoms.empty() && std::all_of(model.randoms.begin(), model.randoms.end(), empty))
+    refuseformula(text, model.randoms[0].place, "Nothing is random here.");
 }
 
 std::vector<std::vector<bool>> indicatorcoded(const Terms& terms, const std::vector<bool>& factors) {

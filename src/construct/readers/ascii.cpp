@@ -378,7 +378,7 @@ void prepareascii(int level) {
 }
 
 int asciirecordof(int level, double* values, Id* id3, Id* id2) {
-  return asciirecord(level, level == 2 ? 1 : 2, id3, id2, values);
+  return asciirecord(level, level == 2 || run.mdm.twolevel() ? 1 : 2, id3, id2, values);
 }
 
 void closeascii(int level) {

@@ -89,7 +89,9 @@ struct Climb {
 
 // An eigenvalue is 0 below this share of the largest and of a standard error.
 constexpr double zero = 1.0e-12;
-double threshold(const Block& block) { return zero * (1.0 + std::fabs(block.values[at(block.n) - 1])); }
+double threshold(const Block& block) {
+  return block.n == 0 ? zero : zero * (1.0 + std::fabs(block.values[at(block.n) - 1]));
+}
 
 // The standard errors by which everything is measured: those that each element would have if it were alone.
 void Climb::measure() {

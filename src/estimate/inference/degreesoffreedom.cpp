@@ -40,10 +40,14 @@ struct Degrees {
 //   random at level 3               K - terms
 //   random at level 2 only          J - K C - A, roughly J - A where that leaves none
 //   fixed at both                   N - ntaupi J - ntaubeta K - B, roughly N - ntaubeta K - B
+// Terms are those of the effect's own equation of the highest level, which is level 2 in data of two levels:
+//   random at level 2               J - terms
+//   fixed                           N - ntaupi J - B
 Degrees degreesof(const ModelRows& rows, const UnitCounts& counts, const EffectRow& effect, const Costs& costs) {
   const long long J = counts.units2, K = counts.units3, N = counts.records;
   const TermRow& term = rows.termof(effect);
   if (term.random) return {K - term.neffects, false};
+  if (counts.twolevel() && rows.owner(effect).random) return {J - rows.owner(effect).nterms, false};
   if (rows.owner(effect).random) {
     const long long df = J - K * costs.randompairs - costs.level2;
     return df < 1 ? Degrees{J - costs.level2, true} : Degrees{df, false};
@@ -66,12 +70,15 @@ FixedDegrees degreesoffreedom(const ModelRows& rows, const UnitCounts& counts) {
   degrees.rough.reset(n);
 
   // A gamma that a constraint removed gives one degree back. The count starts anew with each level-2 coefficient; what
-  // the last one of a level-1 coefficient has counted goes to all fixed effects of that level-1 coefficient.
+  // the last one of a level-1 coefficient has counted goes to all fixed effects of that level-1 coefficient. In data of
+  // two levels, where each level-2 coefficient is a fixed effect, it starts anew with each level-1 coefficient.
   std::size_t kept = 0, first = 0;
   int removed = 0;
   for (std::size_t g = 0; g < n; ++g) {
     const EffectRow& effect = rows.effects[g];
-    if (g > 0 && effect.term != rows.effects[g - 1].term) removed = 0;
+    const bool anew = g > 0 && (counts.twolevel() ? effect.coefficient != rows.effects[g - 1].coefficient
+                                                  : effect.term != rows.effects[g - 1].term);
+    if (anew) removed = 0;
     if (effect.removed) {
       ++removed;
     } else {

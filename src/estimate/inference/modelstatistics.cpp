@@ -48,7 +48,7 @@ InformationCriteria informationcriteria(double loglik, long long parameters, int
 }
 
 DevianceComparison comparisonof(double deviance, long long parameters, const Alternative& alternative,
-                                const Model& model) {
+                                const Model& model, bool twolevel) {
   // Deviances that agree to as many digits are equal: one of them was typed, and both are those of a stopped iteration.
   constexpr double digits = 1.0e-7;
   const bool larger = parameters > alternative.parameters;
@@ -71,8 +71,8 @@ DevianceComparison comparisonof(double deviance, long long parameters, const Alt
   comparison.chisquare = chisquaretest(df, gain);
   const Restrictions& r = model.restrictions;
   const int more = larger ? 0 : 1;
-  comparison.mixture =
-      onemore(df, model.coef.ntaupi + more, r.diagtaupi) || onemore(df, model.coef.ntaubeta + more, r.diagtaubeta);
+  comparison.mixture = onemore(df, model.coef.ntaupi + more, r.diagtaupi) ||
+                       (!twolevel && onemore(df, model.coef.ntaubeta + more, r.diagtaubeta));
   if (comparison.mixture && gain > 0.0)
     comparison.mixturep = 0.5 * (comparison.chisquare.p + (df == 1 ? 0.0 : chisqprob(df - 1, gain)));
   return comparison;

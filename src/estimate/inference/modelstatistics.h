@@ -42,7 +42,7 @@ inline constexpr const char* samefixedeffects =
     "Deviances of restricted likelihoods compare models with the same fixed effects alone: if the fixed effects of the "
     "two models differ, this test is wrong, and both models are to be fitted by LIKELIHOOD:ML.";
 [[nodiscard]] DevianceComparison comparisonof(double deviance, long long parameters, const Alternative& alternative,
-                                              const Model& model);
+                                              const Model& model, bool twolevel);
 
 // Fills what follows from the estimates, covariances and the kind of a pass or an engine: degrees of freedom unless
 // they stand already, tests of the fixed effects, number of parameters.

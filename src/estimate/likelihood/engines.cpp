@@ -228,6 +228,7 @@ EngineResult engineresult(const MovingResult& moving) {
 // What every engine of these coordinates is told.
 MovingSettings movingsettings(const Pass& pass) {
   MovingSettings settings;
+  settings.unitlevel = pass.mdm().twolevel() ? 2 : 3;
   settings.outcome = pass.model().outcome.family;
   settings.outerproducts = pass.control().agqderivlevel == 1;
   settings.diagonalpi = pass.model().restrictions.diagtaupi;

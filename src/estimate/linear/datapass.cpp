@@ -74,7 +74,7 @@ void fillinverse(const Pass& pass, DataFold& fold, const double* hot, double* in
   unpack(p, hot, fold.Z1Z1.data());
   const bool usable = invertcrossproduct(fold.Z1Z1.data(), p, fold.inverse.data(), worstunitcondition);
   pack(p, fold.inverse.data(), inverse);
-  if (!usable) inverse[0] = missingcode;
+  if (!usable) std::fill_n(inverse, packedsize(p), missingcode);
 }
 
 void fillcold(const Pass& pass, DataFold& fold, const double* hot, double* cold) {

@@ -56,11 +56,8 @@ Failure makedesign(Pass& pass) {
   const std::vector<int> reduced = reducedeffects(rows);
   std::copy(reduced.begin(), reduced.end(), design.reduced.begin());
 
-  if (pass.b != 0 && pass.p != 0) return {};
-  std::string words;
-  if (pass.b == 0) words += "Nothing left at beta level.\n";
-  if (pass.p == 0) words += "Nothing left at pi level.\n";
-  return failedwith(words + "Some variables must be specified as random.\n");
+  if (pass.p == 0 && pass.b == 0) return failedwith("Some variables must be specified as random.\n");
+  return {};
 }
 
 void level3weights(const Pass& pass, int k, double* weights) {

@@ -37,8 +37,12 @@ struct Products {
   }
 };
 
+// Deviations are those from the means of the level-3 unit, in data of two levels from those of all units.
 Products level2products(Pass& pass) {
   const int p = pass.p, m = pass.mdm().nvar2;
+  const bool two = pass.mdm().twolevel();
+  const auto groupof = [&](int k) { return two ? 0 : k; };
+  const auto unitsof = [&](int k) { return static_cast<double>(two ? pass.mdm().nunits2 : pass.n2of[k]); };
   Products products;
   products.reset(p, m);
   Array<double> meanu(at(pass.mdm().nunits3) * at(p)), meanx(at(pass.mdm().nunits3) * at(m));
@@ -46,17 +50,19 @@ Products level2products(Pass& pass) {
   sweepunits(
       pass.n2of, nothing,
       [&](int k, std::size_t, const double* hot, const double* cold) {
-        const double units = pass.n2of[k];
-        for (int c = 0; c < p; ++c) meanu[k * p + c] += hot[pass.store.atustar + at(c)] / units;
-        for (int x = 0; x < m; ++x) meanx[k * m + x] += cold[pass.store.atlevel2 + at(x)] / units;
+        const double units = unitsof(k);
+        const int group = groupof(k);
+        for (int c = 0; c < p; ++c) meanu[group * p + c] += hot[pass.store.atustar + at(c)] / units;
+        for (int x = 0; x < m; ++x) meanx[group * m + x] += cold[pass.store.atlevel2 + at(x)] / units;
       },
       nothing, reading(pass.store.hot), reading(pass.store.cold));
   Array<double> du(at(p)), dx(at(m));
   sweepunits(
       pass.n2of, nothing,
       [&](int k, std::size_t, const double* hot, const double* cold) {
-        for (int c = 0; c < p; ++c) du[c] = hot[pass.store.atustar + at(c)] - meanu[k * p + c];
-        for (int x = 0; x < m; ++x) dx[x] = cold[pass.store.atlevel2 + at(x)] - meanx[k * m + x];
+        const int group = groupof(k);
+        for (int c = 0; c < p; ++c) du[c] = hot[pass.store.atustar + at(c)] - meanu[group * p + c];
+        for (int x = 0; x < m; ++x) dx[x] = cold[pass.store.atlevel2 + at(x)] - meanx[group * m + x];
         products.add(du.data(), dx.data());
         for (int x = 0; x < m; ++x) products.rawx[x] += squared(cold[pass.store.atlevel2 + x]);
       },

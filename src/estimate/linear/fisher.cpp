@@ -364,7 +364,7 @@ bool fisherouter(Pass& pass, FisherWork& fisher, Likelihood& likelihood, Scoring
   const auto visit = [&](const Level3Posterior& unit) { addouterscore(pass, inv, unit, score, vv, fisher); };
   if (posteriorsweep(pass, inputat(pass.est, inv.scaled, steps), sums, visit) != PosteriorResult::ok) return false;
   // Outer products of fewer units than parameters are singular, whatever rounding makes of their determinant.
-  const bool inverted = pass.mdm().nunits3 >= fisher.restriction.nfree && invertinformation(fisher, false);
+  const bool inverted = independentunits(pass) >= fisher.restriction.nfree && invertinformation(fisher, false);
   if (!steps) return inverted;
   likelihood = {likelihood.current, loglikelihood(pass, sums, pass.est.sigma2, inv.scaled)};
   // An unusable generalised cross-product leaves gammahat as it was; the step stands on the variance components.

@@ -99,7 +99,7 @@ VarianceTests variancetests(Pass& pass) {
   eachwithin(pass, [&](int k, const double* inverse) {
     double* vlsq = pass.vlsq.row(k);
     if (inverse == nullptr) {
-      vlsq[0] = missingcode;
+      std::fill_n(vlsq, b, missingcode);
       return;
     }
     ++tests.units3;
@@ -113,7 +113,7 @@ VarianceTests variancetests(Pass& pass) {
   sweepunits(
       pass.n2of,
       [&](int k) {
-        usable3 = pass.vlsq.row(k)[0] != missingcode;
+        usable3 = hasleastsquares3(pass, k);
         if (usable3) takeunitmeans(pass, k, pass.est.gammahat.data(), pass.vlsq.row(k), means);
       },
       [&](int, std::size_t, const double* hot, const double* cold) {
@@ -171,7 +171,7 @@ Array<double> scoreproducts(Pass& pass, bool leastsquares) {
 Array<double> robustcovariance(Pass& pass, bool leastsquares) {
   const int g = pass.g;
   // The scores sum to 0, so those of as few units as this are singular, whatever rounding makes of their determinant.
-  if (pass.mdm().nunits3 <= g) return {};
+  if (independentunits(pass) <= g) return {};
   const Array<double> scores = scoreproducts(pass, leastsquares);
   Array<double> V = leastsquares ? pass.est.vgamma.copy() : pass.est.covariance(), half(square(g)), robust(square(g));
   mulAB(half.data(), V.data(), scores.data(), g, g, g);
@@ -179,11 +179,13 @@ Array<double> robustcovariance(Pass& pass, bool leastsquares) {
   return positivecovariance(robust.data(), g) ? std::move(robust) : Array<double>();
 }
 
-bool fewlevel3units(const Pass& pass) {
+bool fewunits(const Pass& pass) {
   constexpr int enough = 20;
-  const std::vector<TermRow> terms = modelrows(pass.model()).terms;
-  return std::any_of(terms.begin(), terms.end(),
-                     [&](const TermRow& term) { return pass.mdm().nunits3 - term.neffects < enough; });
+  const ModelRows rows = modelrows(pass.model());
+  const bool two = pass.mdm().twolevel();
+  return std::any_of(rows.terms.begin(), rows.terms.end(), [&](const TermRow& term) {
+    return independentunits(pass) - (two ? rows.owner(term).nterms : term.neffects) < enough;
+  });
 }
 
 }  // namespace kdr

@@ -18,11 +18,11 @@ namespace kdr {
 // squared least-squares residual over its sampling variance. Leaves the residuals of level 3 in pass.vlsq.
 [[nodiscard]] VarianceTests variancetests(Pass& pass);
 
-// The covariance of the fixed effects from the scores of the level-3 units (the cluster sandwich of Liang and Zeger,
+// The covariance of the fixed effects from the scores of the independent units (the cluster sandwich of Liang and Zeger,
 // 1986), g squared; empty when it is not usable. With `leastsquares` the scores and the covariance are those of
 // ordinary least squares.
 [[nodiscard]] Array<double> robustcovariance(Pass& pass, bool leastsquares);
-// Some level-2 coefficient has fewer than 20 level-3 units left after its level-3 terms.
-[[nodiscard]] bool fewlevel3units(const Pass& pass);
+// Some coefficient of the level below has fewer than 20 independent units left after its terms.
+[[nodiscard]] bool fewunits(const Pass& pass);
 
 }  // namespace kdr

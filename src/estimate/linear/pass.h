@@ -67,7 +67,7 @@ struct Pass {
   UnitTable<double> within;  // b squared: D_k without its share of taubeta, Z2'Z2 - sum_j Z2'Z1 C_j^-1 Z1'Z2
   UnitTable<double> vstar;   // [b]: posterior mean, the empirical Bayes residual of level 3
   UnitTable<double> vright;  // [b]: q_k, what D_k^-1 makes vstar from
-  // The least-squares residual of level 3, from the variance tests; missingcode at the head of a unit without one.
+  // The least-squares residual of level 3, from the variance tests; missingcode in a unit without one.
   UnitTable<double> vlsq;  // [b]
 
   UnitStore store;
@@ -88,6 +88,16 @@ struct Pass {
   [[nodiscard]] const Observer& observer() const { return analysis->observer; }
 };
 
+// Whether level-3 unit k has a least-squares residual, once the variance tests are made.
+[[nodiscard]] inline bool hasleastsquares3(const Pass& pass, int k) {
+  return pass.b == 0 || pass.vlsq.row(k)[0] != missingcode;
+}
+
+// The independent units of the data: those of level 3, in data of two levels those of level 2.
+[[nodiscard]] inline int independentunits(const Pass& pass) {
+  return pass.mdm().twolevel() ? pass.mdm().nunits2 : pass.mdm().nunits3;
+}
+
 // Records and units of the pass.
 [[nodiscard]] inline UnitCounts countsof(const Pass& pass) {
   UnitCounts counts = countsof(pass.mdm());
@@ -95,8 +105,7 @@ struct Pass {
   return counts;
 }
 
-// Fills the dimensions, the design and the term counts of the reduced model. Fails for a model with nothing random at a
-// level.
+// Fills the dimensions, the design and the term counts of the reduced model. Fails for a model with nothing random.
 [[nodiscard]] Failure makedesign(Pass& pass);
 
 // The level-3 design of unit k in a vector: W3[owner3[i]][reduced[i]] has weights[i]. weights: full ngamma.

@@ -117,7 +117,7 @@ std::optional<VarianceInformation> marginalresults(Pass& pass, IterationState& s
 }
 
 // The tests by them. Effects that rest on one level-3 unit have no error.
-void clustertests(const ClusterRobust& known, PassResults& results) {
+void clustertests(const ClusterRobust& known, int level, PassResults& results) {
   testbyF(results.robusteffects, [&](const double* L, int q) { return clustertest(known, L, q); });
   const int g = known.g;
   Array<double> l(at(g));
@@ -132,9 +132,10 @@ void clustertests(const ClusterRobust& known, PassResults& results) {
     row = effecttest(row.coefficient, 0.0, row.df, false, DegreesMethod::satterthwaite);
   }
   if (resting)
-    results.warnings.emplace_back(
-        "Fixed effects that rest on one level-3 unit alone have no bias-reduced robust standard error: that unit says "
-        "nothing of their error.");
+    results.warnings.push_back(
+        formatted("Fixed effects that rest on one level-%d unit alone have no bias-reduced robust standard error: that "
+                  "unit says nothing of their error.",
+                  level));
 }
 
 // Bias-reduced robust errors in the place of the others.
@@ -142,7 +143,7 @@ std::optional<ClusterRobust> clusterresults(Pass& pass, IterationState& state, P
   if (!pass.control().clusterrobust || !state.marginal.value.known) return {};
   const int g = pass.g;
   results.robust = {};
-  if (pass.mdm().nunits3 <= g) return {};
+  if (independentunits(pass) <= g) return {};
   ClusterRobust made = clusterrobust(pass, state.marginal.sums, state.marginal.est, state.marginal.value);
   results.robust = made.covariance.copy();
   results.fewunits = false;
@@ -168,14 +169,14 @@ PassResults stageresults(Pass& pass, IterationState& state) {
   }
   if (!results.heterogeneous && pass.plan.robust) {
     results.robust = robustcovariance(pass, false);
-    results.fewunits = fewlevel3units(pass);
+    results.fewunits = fewunits(pass);
   }
   const std::optional<VarianceInformation> known =
       results.heterogeneous ? std::nullopt : marginalresults(pass, state, results);
   const std::optional<ClusterRobust> clusters =
       results.heterogeneous ? std::nullopt : clusterresults(pass, state, results);
   complete(results, pass.model(), countsof(pass));
-  if (clusters) clustertests(*clusters, results);
+  if (clusters) clustertests(*clusters, pass.mdm().twolevel() ? 2 : 3, results);
   if (known && pass.control().ddf != DegreesMethod::counts)
     testbyF(results.effects, denominatorof(known->fixed, pass.control().ddf));
   if (!results.heterogeneous) results.tests = variancetests(pass);

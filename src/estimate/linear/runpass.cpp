@@ -47,7 +47,7 @@ Failure tellleastsquares(Pass& pass, double s) {
   results.vgamma = pass.est.vgamma.copy();
   results.sigma2 = s;
   results.robust = robustcovariance(pass, true);
-  results.fewunits = fewlevel3units(pass);
+  results.fewunits = fewunits(pass);
   if (s > 0.0) results.loglik = -(n + n * std::log(twopi * s)) / 2.0;
   complete(results, countsof(pass));
   if (storefailure(pass.store)) return storefailure(pass.store);

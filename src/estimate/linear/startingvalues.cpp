@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <vector>
 
 #include "estimate/linear/fixtau.h"
 #include "estimate/linear/point.h"
@@ -28,8 +29,9 @@ struct StartWork {
   Array<double> a, u;               // [p]
   Array<double> R;                  // b by p
   Array<double> I2, U2;             // p squared: sums of (Z1'Z1)^-1 and of u u'
-  // Per level-3 unit: the inverse of Z2'Z2, missingcode at its head for an unusable unit; then K = sum R Pj R' and
-  // h = sum R u of the second round.
+  // Per level-3 unit: whether it is usable and the inverse of Z2'Z2; then K = sum R Pj R' and h = sum R u of the second
+  // round.
+  std::vector<bool> usable3;
   UnitTable<double> Z2Z2inv, K, h3;
 };
 
@@ -112,13 +114,12 @@ FirstMoments firstsweep(Pass& pass, StartWork& w) {
           for (int j = 0; j < nb; ++j) first.S += w.theta[i] * BB[i * nb + j] * w.theta[j];
         }
         usable3 = usablelevel3(pass, w);
-        double* inverse = w.Z2Z2inv.row(k);
+        w.usable3[at(k)] = usable3;
         if (!usable3) {
           --pass.nusable3;
-          inverse[0] = missingcode;
           return;
         }
-        std::copy(w.E.begin(), w.E.end(), inverse);
+        std::copy(w.E.begin(), w.E.end(), w.Z2Z2inv.row(k));
         mulAB(w.v.data(), w.E.data(), w.residual.data(), b, 1, b);
         addlevel3effect(pass, k, w);
         addouter(first.V2, w.v);
@@ -207,7 +208,7 @@ Failure firsttaupi(Pass& pass, StartWork& w) {
 Failure firsttaubeta(Pass& pass, StartWork& w, const FirstMoments& first) {
   const int b = pass.b, p = pass.p;
   Array<double> R(at(b) * at(b)), ER(at(b) * at(p)), ERT(at(b) * at(p));
-  const auto usable3 = [&](int k) { return w.Z2Z2inv.row(k)[0] != missingcode; };
+  const auto usable3 = [&](int k) { return w.usable3[at(k)]; };
   sweepunits(
       pass.n2of,
       [&](int k) {
@@ -252,7 +253,7 @@ void residualsweep(Pass& pass, StartWork& w, const Array<double>& Q) {
       [&](int k, std::size_t, double* hot, const double* cold) {
         double* ustar = hot + pass.store.atustar;
         if (failed || !usableunit(pass.store, cold)) {
-          ustar[0] = missingcode;
+          std::fill_n(ustar, p, missingcode);
           return;
         }
         unpack(p, cold + pass.store.atinverse, w.Pj.data());
@@ -284,7 +285,7 @@ void momentsweep(Pass& pass, StartWork& w, const Array<double>& Q) {
         const double* K = w.K.row(k);
         const double* h = w.h3.row(k);
         for (std::size_t i = 0; i < Q.size(); ++i) w.G[i] = w.B[i] + Q[i] - K[i];
-        failed = invertsymmetric(b, w.G.data(), w.Ginverse.data()).result == 1 || h[0] == 0.0;
+        failed = invertsymmetric(b, w.G.data(), w.Ginverse.data()).result == 1 || (b > 0 && h[0] == 0.0);
         if (!failed) mulAB(w.v.data(), w.Ginverse.data(), h, b, 1, b);
       },
       [&](int k, std::size_t, const double* hot, const double* cold) {
@@ -293,7 +294,7 @@ void momentsweep(Pass& pass, StartWork& w, const Array<double>& Q) {
         unpack(p, cold + pass.store.atinverse, w.Pj.data());
         unitZ2Z1(pass, k, hot, w.R);
         mulABt(Rj.data(), w.Pj.data(), w.R.data(), p, b, p);
-        if (ustar[0] != missingcode) {
+        if (p > 0 && ustar[0] != missingcode) {
           std::copy_n(ustar, p, x.data());
           addAB(x.data(), Rj.data(), w.v.data(), p, 1, b);
           addouter(w.U2, x);
@@ -404,6 +405,7 @@ std::optional<Estimates> sharedstart(Pass& pass) {
 Failure leastsquarestart(Pass& pass, StartMoments& moments) {
   StartWork w = makework(pass);
   const std::size_t units3 = pass.n2of.size();
+  w.usable3.assign(units3, true);
   w.Z2Z2inv.reset(units3, square(pass.b));
   w.K.reset(units3, square(pass.b));
   w.h3.reset(units3, at(pass.b));

@@ -116,6 +116,7 @@ constexpr int packedat(int i, int j) { return i >= j ? i * (i + 1) / 2 + j : j *
 // determinant. A zero pivot makes the determinant 0 or not a number. `v` is a buffer of n values.
 template <class Real>
 inline Real invertpacked(int n, Real* packed, Real* v) {
+  if (n == 0) return Real{} + 1.0;
   Real det = packed[0];
   packed[0] = 1.0 / det;
   Real* row = packed + 1;
@@ -286,7 +287,7 @@ void scoring(const UnitRecords& records, const double* hot, int units, const Sco
     product(ER, visit.E, R, b, p, b);
     for (int i = 0; i < p; ++i)  // G = R'E R
       for (int l = 0; l < p; ++l) {
-        Real sum = R[i] * ER[l];
+        Real sum = b > 0 ? R[i] * ER[l] : Real{};
         for (int c = 1; c < b; ++c) sum += R[c * p + i] * ER[c * p + l];
         G[i * p + l] = sum;
       }
@@ -346,7 +347,8 @@ bool anyfirst(const UnitRecords& records, FirstVisit& visit) {
       {{firstall<Orders<2, 1, 1>>, firstall<Orders<2, 1, 2>>, firstall<Orders<2, 1, 3>>, firstall<Orders<2, 1, 4>>},
        {nullptr, firstall<Orders<2, 2, 2>>, firstall<Orders<2, 2, 3>>, firstall<Orders<2, 2, 4>>}}};
   const int p = records.p, b = records.b, nb = records.nb;
-  if (p <= 2 && b <= 2 && nb <= 4) return table[p - 1][b - 1][nb - 1](records, visit);
+  const bool none = p == 0 || b == 0;  // no random effect at one of the levels
+  if (!none && p <= 2 && b <= 2 && nb <= 4) return table[p - 1][b - 1][nb - 1](records, visit);
   if (p == 3 && b == 3 && nb == 3) return firstall<Orders<3, 3, 3>>(records, visit);
   if (p == 2 && b == 5 && nb == 5) return firstall<Orders<2, 5, 5>>(records, visit);
   return firstall<Orders<0, 0, 0>>(records, visit);
@@ -358,7 +360,7 @@ double anymeans(const UnitRecords& records, const double* thetastar, bool keep, 
       {meansall<1, 1>, meansall<1, 2>, meansall<1, 3>, meansall<1, 4>, meansall<1, 5>},
       {meansall<2, 1>, meansall<2, 2>, meansall<2, 3>, meansall<2, 4>, meansall<2, 5>},
       {meansall<3, 1>, meansall<3, 2>, meansall<3, 3>, meansall<3, 4>, meansall<3, 5>}};
-  const bool small = records.p <= 3 && records.nb <= 5;
+  const bool small = records.p > 0 && records.p <= 3 && records.nb <= 5;
   return (small ? table[records.p - 1][records.nb - 1] : meansall<0, 0>)(records, thetastar, keep, UU);
 }
 
@@ -368,7 +370,7 @@ void anyscoring(const UnitRecords& records, const ScoringVisit& visit) {
                                           {scoringall<2, 1>, scoringall<2, 2>, scoringall<2, 3>},
                                           {scoringall<3, 1>, scoringall<3, 2>, scoringall<3, 3>}};
   const int p = records.p, b = records.b;
-  if (p <= 3 && b <= 3) return table[p - 1][b - 1](records, visit);
+  if (p > 0 && b > 0 && p <= 3 && b <= 3) return table[p - 1][b - 1](records, visit);
   if (p == 2 && b == 5) return scoringall<2, 5>(records, visit);
   scoringall<0, 0>(records, visit);
 }

@@ -46,10 +46,10 @@ void level3results(const Pass& pass, int k, double missing, UnitResults& results
   const double* v = pass.vstar.row(k);
   const double* vlsq = pass.vlsq.row(k);
   std::copy_n(v, b, out.EB.data());
-  if (vlsq[0] == missingcode) {
-    out.OL.fill(missing);
-  } else {
+  if (hasleastsquares3(pass, k)) {
     std::copy_n(vlsq, b, out.OL.data());
+  } else {
+    out.OL.fill(missing);
   }
   takeunitmeans(pass, k, pass.est.gammahat.data(), v, results.means);
   for (std::size_t i = 0; i < at(pass.nbeta); ++i) {

@@ -43,6 +43,7 @@ bool usablecovariance(const double* m, int n) {
 }
 
 bool invertcrossproduct(const double* m, int n, double* inverse, double worst) {
+  if (n == 0) return true;
   if (n == 1 && std::isnormal(m[0]) && m[0] > 0.0) {
     inverse[0] = 1.0 / m[0];
     return true;

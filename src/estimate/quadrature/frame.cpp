@@ -203,7 +203,7 @@ bool pivotlevel(std::size_t n, bool diagonal, Array<double>& R, Array<double>& i
                 Array<double>& Q) {
   Q.reset(n * n);
   for (std::size_t i = 0; i < n; ++i) Q[i * n + i] = 1.0;
-  if (n == 1 || diagonal) return false;
+  if (n <= 1 || diagonal) return false;
   Array<double> A(n * n);
   for (std::size_t a = 0, e = 0; a < n; ++a)
     for (std::size_t b = 0; b <= a; ++b, ++e) A[a * n + b] = elements[e];

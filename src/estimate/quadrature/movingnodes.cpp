@@ -75,6 +75,7 @@ void turnmatrix(std::size_t n, const double* Q, double* M, double* work) {
 
 // Keeps the eigenvalues of L^-1 M L^-T within the guards. True when they were.
 bool guardcovariance(std::size_t n, const double* L, double* M) {
+  if (n == 0) return true;
   if (n == 1) {
     const double unit = L[0] * L[0], given = M[0];
     M[0] = std::clamp(std::isfinite(M[0]) ? M[0] : unit, leastratio * unit, largestratio * unit);

@@ -326,9 +326,9 @@ void Search::laplace(const Array<double>& start, MovingResult& result) {
   result.laplace = laplacefindings(likelihood);
   if (result.laplace.largest > settings.sixthsmall)
     result.warnings.push_back(
-        formatted("WARNING: the terms of the sixth order are not small: they change the log-likelihood of a level-3 "
+        formatted("WARNING: the terms of the sixth order are not small: they change the log-likelihood of a level-%d "
                   "unit by %.2f. Compare with adaptive quadrature (AGQ:).",
-                  result.laplace.largest));
+                  settings.unitlevel, result.laplace.largest));
 }
 
 void Search::given(const Array<double>& start, MovingResult& result) {

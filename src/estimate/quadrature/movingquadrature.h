@@ -34,6 +34,7 @@ struct MovingSettings {
   bool diagonalpi = false, diagonalbeta = false;
   bool check = true;  // evaluate with the next number of points when the number is given
   int threads = 1;
+  int unitlevel = 3;  // of the independent units, for words: 2 in data of two levels
   AscentSettings ascent{};
   double checkdecrement = 1.0e-4;  // of a check: as near as its comparison needs
   double valueagrees = 0.01;  // two numbers of points agree when the log-likelihood differs by less: 1% of its standard

@@ -220,18 +220,19 @@ inline void dimension(const UnitNodes& a, double c, double limit, double* to) {
   for (std::size_t t = a.points; t < a.linestride; ++t) to[t] = 1.0;
 }
 
-// to[m] := the product over `dims` dimensions of values[d][digits[d][m]].
+// to[m] := the product over `dims` dimensions of values[d][digits[d][m]]. Without dimensions there is one node.
 inline void tensor(const UnitNodes& a, const double* values, std::size_t dims, const unsigned char* digits,
                    std::size_t digitstride, std::size_t first, std::size_t n, double* to) {
   for (std::size_t m = 0; m < n; ++m) {
-    double product = values[digits[first + m]];
+    double product = dims == 0 ? 1.0 : values[digits[first + m]];
     for (std::size_t d = 1; d < dims; ++d) product *= values[d * a.linestride + digits[d * digitstride + first + m]];
     to[m] = product;
   }
 }
 // The same for all level-2 nodes, whose first dimension's point changes fastest.
 inline void wholetensor(const UnitNodes& a, const double* values, double* to) {
-  for (std::size_t first = 0; first < a.nodes2; first += a.points) {
+  if (a.dims2 == 0) to[0] = 1.0;
+  for (std::size_t first = 0; a.dims2 > 0 && first < a.nodes2; first += a.points) {
     double factor = 1.0;
     for (std::size_t d = 1; d < a.dims2; ++d) factor *= values[d * a.linestride + a.digits2[d * a.nodes2 + first]];
     for (std::size_t t = 0; t < a.points; t += nodestep) store(to + first + t, factor * load(values + t));

@@ -658,7 +658,8 @@ bool makegrids(SphericalGrids& grids, int points, int q, int r) {
   if (points != 1) {
     if (!makegrid(grids.level2, points, q) || !makegrid(grids.level3, points, r)) return false;
     // The first dimension's point changes fastest.
-    for (std::size_t t = 0; t < at(points); ++t) grids.line[t] = M_SQRT2 * grids.level2.x[t];
+    const NodeGrid& any = q > 0 ? grids.level2 : grids.level3;
+    for (std::size_t t = 0; t < at(points); ++t) grids.line[t] = M_SQRT2 * any.x[t];
   } else {
     const auto centre = [](NodeGrid& grid, int dims) {
       grid.dims = dims;

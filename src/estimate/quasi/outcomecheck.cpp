@@ -47,12 +47,11 @@ Failure refusal(const Analysis& analysis, const Impossible& bad, long long recor
   const auto id = [&](const Id& one) { return numeric ? formatted("%.12g", one.number) : leftname(one.text); };
   std::string values = formatted("%.6g", bad.y);
   if (analysis.model.outcome.counted) values += formatted(" and %.6g", bad.n);
-  return failedboth(
-      formatted("Please check your data: %s, but %lld of %lld records have something else, the first one record %lld "
-                "(level-3 unit "
-                "%s, level-2 unit %s) with %s.\n",
-                demand(analysis).c_str(), bad.records, records, bad.first, id(bad.id3).c_str(), id(bad.id2).c_str(),
-                values.c_str()));
+  const std::string outer = analysis.mdm.twolevel() ? "" : "level-3 unit " + id(bad.id3) + ", ";
+  return failedboth(formatted(
+      "Please check your data: %s, but %lld of %lld records have something else, the first one record %lld "
+      "(%slevel-2 unit %s) with %s.\n",
+      demand(analysis).c_str(), bad.records, records, bad.first, outer.c_str(), id(bad.id2).c_str(), values.c_str()));
 }
 
 // Smallest and largest value of a predictor in a class of outcomes.

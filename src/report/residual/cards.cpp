@@ -39,8 +39,7 @@ std::vector<int> linesof(int n) {
 void writerowcards(ResidualFile& file, const ResidualRow& row) {
   ResultFile& out = file.out;
   const ResidualColumns& layout = file.columns;
-  appendid(out, file, 0, row.id3);
-  if (layout.level < 3) appendid(out, file, 1, row.id2);
+  layout.eachid([&](int which) { appendid(out, file, which, row.id(which)); });
   if (layout.hascount()) appendcount(out, row.count, file.countwidth);
   ColumnGroup group = ColumnGroup::fit;
   int online = 0;

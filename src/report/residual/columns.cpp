@@ -229,6 +229,7 @@ ResidualColumns residualcolumns(int level) {
 
   ResidualColumns columns;
   columns.level = level;
+  columns.withid3 = !run.mdm.twolevel();
   for (const int which : {0, 1}) {
     const std::vector<std::string>& whole = run.mdm.texts.ids[1 - which];
     columns.textid[which] = !run.mdm.numericids || !whole.empty();
@@ -236,8 +237,7 @@ ResidualColumns residualcolumns(int level) {
   }
   Given text, stata, shorts;
   for (Given* given : {&text, &stata, &shorts}) {
-    given->take("L3ID", shortwidth);
-    if (level < 3) given->take("L2ID", shortwidth);
+    columns.eachid([&](int which) { given->take(ResidualColumns::idname(which), shortwidth); });
     if (level > 1) given->take(columns.countname(), shortwidth);
   }
   for (const Wanted& wanted : list) {

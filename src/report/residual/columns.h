@@ -40,12 +40,19 @@ struct ResidualColumn {
 
 struct ResidualColumns {
   int level = 0;
+  bool withid3 = true;                // the rows bear the ID of level 3: not in data of two levels
   bool textid[2] = {};                // of level 3 and level 2: its IDs are texts
   std::size_t idwidth[2] = {12, 12};  // bytes of the longest one of them, 12 or more
   std::vector<ResidualColumn> columns;
 
   [[nodiscard]] bool hascount() const { return level > 1; }
-  [[nodiscard]] int ids() const { return level < 3 ? 2 : 1; }
+  // Calls use(which) for each ID of a row in the order of its columns: 0 for level 3, 1 for level 2.
+  template <class Use>
+  void eachid(Use use) const {
+    if (withid3) use(0);
+    if (level < 3) use(1);
+  }
+  [[nodiscard]] static const char* idname(int which) { return which == 0 ? "L3ID" : "L2ID"; }
   // The text of a row's ID, of level 3 (0) or level 2 (1): whole, where the MDM file has it so.
   [[nodiscard]] std::string idtext(int which, const Id& id) const;
   [[nodiscard]] const char* countname() const { return level == 2 ? "NJK" : "NK"; }

@@ -29,7 +29,8 @@ void appendid(ResultFile& out, const ResidualFile& file, int which, const Id& id
 
 void writeheadfree(ResidualFile& file, int) {
   const ResidualColumns& layout = file.columns;
-  std::string head = layout.level < 3 ? "L3ID,L2ID," : "L3ID,";
+  std::string head;
+  layout.eachid([&](int which) { head += std::string(ResidualColumns::idname(which)) + ","; });
   if (layout.hascount()) head += std::string(layout.countname()) + ",";
   for (std::size_t i = 0; i < layout.columns.size(); ++i) {
     const ResidualColumn& column = layout.columns[i];
@@ -45,8 +46,7 @@ void writeheadfree(ResidualFile& file, int) {
 void writerowfree(ResidualFile& file, const ResidualRow& row) {
   ResultFile& out = file.out;
   const ResidualColumns& layout = file.columns;
-  appendid(out, file, 0, row.id3);
-  if (layout.level < 3) appendid(out, file, 1, row.id2);
+  layout.eachid([&](int which) { appendid(out, file, which, row.id(which)); });
   if (layout.hascount()) {
     appendcount(out, row.count, 0);
     writeresult(out, ",");

@@ -20,6 +20,8 @@ struct ResidualRow {
   Id id3{}, id2{};
   int count = 0;  // records or level-2 units of the unit
   const double* values = nullptr;
+
+  [[nodiscard]] const Id& id(int which) const { return which == 0 ? id3 : id2; }
 };
 
 // Stands for a value that there is not, a least-squares residual above all.

@@ -32,21 +32,21 @@ std::string groupformat(const ResidualColumns& layout, ColumnGroup group, int& l
 
 void writeheadsas(ResidualFile& file, int) {
   const ResidualColumns& layout = file.columns;
-  std::string head =
-      "libname dir \".\";\ndata dir.resfil" + std::to_string(layout.level) + ";\ninfile cards;\nINPUT (L3ID ";
-  if (layout.level < 3) head += "L2ID ";
+  std::string head = "libname dir \".\";\ndata dir.resfil" + std::to_string(layout.level) + ";\ninfile cards;\nINPUT (";
+  layout.eachid([&](int which) { head += std::string(ResidualColumns::idname(which)) + " "; });
   head += layout.hascount() ? std::string(layout.countname()) + "\n" : groupnames(layout, ColumnGroup::fit);
   const std::vector<ColumnGroup> groups = linegroups(layout);
   for (const ColumnGroup group : groups) head += groupnames(layout, group);
 
   head += ") (";
-  for (int i = 0; i < layout.ids(); ++i) head += formatted("%s%zu. ", layout.textid[i] ? "$" : "", layout.idwidth[i]);
+  layout.eachid(
+      [&](int which) { head += formatted("%s%zu. ", layout.textid[which] ? "$" : "", layout.idwidth[which]); });
   head += layout.hascount() ? std::to_string(file.countwidth) + ".\n"
                             : std::to_string(layout.number(ColumnGroup::fit)) + "*11.5\n";
   int line = 1;
   for (const ColumnGroup group : groups) head += groupformat(layout, group, line);
   head += ");\n";
-  if (layout.hascount()) {
+  if (layout.number(ColumnGroup::OL) > 0) {
     const std::string last = layout.of(ColumnGroup::OL).back()->name;
     head += "array v " + std::string(layout.countname()) + " -- " + last + ";\ndo over v;\nif v=-99 then v=.;\nend;\n";
   }

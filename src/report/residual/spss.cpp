@@ -54,7 +54,7 @@ void putvariable(ResultFile& out, std::int32_t type, bool missing, std::int32_t 
 
 int slots(const ResidualColumns& layout) {
   std::size_t ids = 0;
-  for (int i = 0; i < layout.ids(); ++i) ids += idslots(layout, i);
+  layout.eachid([&](int which) { ids += idslots(layout, which); });
   return static_cast<int>(ids + (layout.hascount() ? 1 : 0) + layout.columns.size());
 }
 
@@ -115,16 +115,12 @@ void writeheadspss(ResidualFile& file, int cases) {
   const ResidualColumns& layout = file.columns;
   ResultFile& out = file.out;
   puthead(out, layout, cases);
-  for (int i = 0; i < layout.ids(); ++i) {
-    const char* name = i == 0 ? "L3ID" : "L2ID";
-    if (layout.textid[i]) {
-      const auto width = static_cast<std::int32_t>(idwidth(layout, i));
-      putvariable(out, width, false, formatA0 + (width << 8), name);
-      for (std::size_t slot = 1; slot < idslots(layout, i); ++slot) putvariable(out, -1, false, 0, "");
-    } else {
-      putvariable(out, 0, false, formatF8_0, name);
-    }
-  }
+  layout.eachid([&](int which) {
+    if (!layout.textid[which]) return putvariable(out, 0, false, formatF8_0, ResidualColumns::idname(which));
+    const auto width = static_cast<std::int32_t>(idwidth(layout, which));
+    putvariable(out, width, false, formatA0 + (width << 8), ResidualColumns::idname(which));
+    for (std::size_t slot = 1; slot < idslots(layout, which); ++slot) putvariable(out, -1, false, 0, "");
+  });
   if (layout.hascount()) putvariable(out, 0, false, formatF8_0, layout.countname());
   for (const ResidualColumn& column : layout.columns)
     putvariable(out, 0, column.group == ColumnGroup::OL, column.group == ColumnGroup::record ? formatF8_0 : formatF12_3,
@@ -136,8 +132,7 @@ void writeheadspss(ResidualFile& file, int cases) {
 
 void writerowspss(ResidualFile& file, const ResidualRow& row) {
   const ResidualColumns& layout = file.columns;
-  putid(file, 0, row.id3);
-  if (layout.ids() > 1) putid(file, 1, row.id2);
+  layout.eachid([&](int which) { putid(file, which, row.id(which)); });
   if (layout.hascount()) writevalue<double>(file.out, row.count);
   writeresult(file.out, row.values, layout.columns.size() * sizeof(double));
 }

@@ -32,10 +32,12 @@ std::string cut(const std::string& text, std::size_t width) {
 
 std::vector<Variable> variables(const ResidualColumns& layout) {
   std::vector<Variable> list;
-  for (int i = 0; i < layout.ids(); ++i)
-    list.push_back({i == 0 ? "L3ID" : "L2ID",
-                    layout.textid[i] ? static_cast<unsigned char>(idwidth(layout, i)) : typedouble,
-                    layout.textid[i] ? formatted("%%%zus", idwidth(layout, i)) : "%12.0f", ""});
+  layout.eachid([&](int which) {
+    const bool text = layout.textid[which];
+    list.push_back({ResidualColumns::idname(which),
+                    text ? static_cast<unsigned char>(idwidth(layout, which)) : typedouble,
+                    text ? formatted("%%%zus", idwidth(layout, which)) : "%12.0f", ""});
+  });
   if (layout.hascount()) list.push_back({layout.countname(), typelong, "%9.0f", ""});
   for (const ResidualColumn& column : layout.columns)
     list.push_back(
@@ -76,8 +78,7 @@ void writeheadstata(ResidualFile& file, int cases) {
 
 void writerowstata(ResidualFile& file, const ResidualRow& row) {
   const std::size_t n = file.columns.columns.size();
-  writeid(file, 0, row.id3);
-  if (file.columns.level < 3) writeid(file, 1, row.id2);
+  file.columns.eachid([&](int which) { writeid(file, which, row.id(which)); });
   if (file.columns.hascount()) writevalue<std::int32_t>(file.out, row.count);
   for (std::size_t i = 0; i < n; ++i)
     writevalue(file.out, row.values[i] == missingcode ? missingmark(ResidualForm::stata) : row.values[i]);

@@ -42,9 +42,8 @@ void writeheadsystat(ResidualFile& file, int) {
   const auto idformat = [&](int which) {
     return formatted("%s%zu,", layout.textid[which] ? "$" : "#", layout.idwidth[which]);
   };
-  std::string head = "BASIC\nSAVE RESFIL" + level + "\nINPUT (L3ID" + kind(0);
-  if (layout.level < 3) head += std::string(",L2ID") + kind(1);
-  head += ",";
+  std::string head = "BASIC\nSAVE RESFIL" + level + "\nINPUT (";
+  layout.eachid([&](int which) { head += std::string(ResidualColumns::idname(which)) + kind(which) + ","; });
   if (layout.hascount()) {
     head += std::string(layout.countname()) + ",\n";
   } else {
@@ -55,13 +54,13 @@ void writeheadsystat(ResidualFile& file, int) {
 
   if (layout.hascount()) {
     head += "),(";
-    for (int i = 0; i < layout.ids(); ++i) head += idformat(i);
+    layout.eachid([&](int which) { head += idformat(which); });
     char item[16];
     std::snprintf(item, sizeof item, "#%d/", file.countwidth);
     head += item;
   } else {
-    const bool alike = idformat(0) == idformat(1);
-    head += "),(" + (alike ? std::string("2*") + idformat(0) : idformat(0) + idformat(1)) +
+    const bool alike = layout.withid3 && idformat(0) == idformat(1);
+    head += "),(" + (alike ? std::string("2*") + idformat(0) : (layout.withid3 ? idformat(0) : "") + idformat(1)) +
             std::to_string(layout.number(ColumnGroup::fit)) + "*#11";
     if (!groups.empty()) head += "/,";
     head += "\n";
