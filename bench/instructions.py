@@ -14,6 +14,7 @@ EXAMPLES = pathlib.Path(__file__).parent.parent / "examples"
 ROWS = [  # name, example, command file, lines in the place of others
     ("linear", "chem97", "model2.kdr", []),
     ("linear, no scoring", "chem97", "model2.kdr", ["FISHERTYPE:0", "NUMIT:40,N"]),
+    ("restricted likelihood", "chem97", "model2.kdr", ["LIKELIHOOD:REML", "DDF:KENWARDROGER"]),
     ("ordinal", "chem97", "ordinal.kdr", ["MACROIT:4,N"]),
     ("quasi-likelihood", "prenatal", "care.kdr", []),
     ("Laplace-6", "prenatal", "care.kdr", ["LAPLACE:Y,5"]),

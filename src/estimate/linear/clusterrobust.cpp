@@ -78,7 +78,7 @@ ClusterRobust clusterrobust(Pass& pass, MarginalSums& sums, const Estimates& est
   const Array<double> F = factorof(made.Phi, g);
   Array<double> half(square(g)), whitened(square(g)), d(at(g)), U(square(g)), FU(square(g)), meat(square(g));
   Array<double> Ts(at(g)), adjusted(at(g));
-  eachlevel3form(pass, sums, est, value.gamma, [&](int k, const LevelForm& form) {
+  eachlevel3form(sums, est, value.gamma, [&](int k, const LevelForm& form) {
     std::copy(form.xx.begin(), form.xx.end(), made.I.row(k));
     mulAtB(half.data(), F.data(), form.xx.data(), g, g, g);
     mulAB(whitened.data(), half.data(), F.data(), g, g, g);

@@ -6,7 +6,7 @@
 
 #include "estimate/ascent/conescoring.h"
 #include "estimate/linear/fisher.h"
-#include "estimate/linear/marginalsums.h"
+#include "estimate/linear/marginalderivatives.h"
 #include "estimate/linear/point.h"
 #include "kernel/decompositions.h"
 #include "kernel/matrix.h"
@@ -41,7 +41,7 @@ struct Surface {
 
   [[nodiscard]] MarginalValue look(const Array<double>& point) {
     takepoint(pass, point, at);
-    MarginalValue value = marginalvalue(pass, sums, at);
+    MarginalValue value = marginalvalue(sums, at);
     if (value.known) at.gammahat = value.gamma.copy();
     return value;
   }
@@ -56,7 +56,7 @@ struct Surface {
     // The average information, which costs less and brings the steps closer; the expected one where data without any
     // variation along an element leave it none.
     for (const Derivatives wanted : {Derivatives::step, Derivatives::all}) {
-      MarginalDerivatives made = marginalderivatives(pass, sums, at, value, Criterion::full, wanted);
+      MarginalDerivatives made = marginalderivatives(sums, at, value, Criterion::full, wanted);
       there.score = std::move(made.score);
       there.information = std::move(wanted == Derivatives::step ? made.average : made.expected);
       for (std::size_t e = 0; e < P; ++e) there.scale[e] = there.information[e * P + e];

@@ -5,7 +5,7 @@
 
 #include "estimate/linear/aitken.h"
 #include "estimate/linear/fisher.h"
-#include "estimate/linear/marginalsums.h"
+#include "estimate/linear/marginalderivatives.h"
 #include "estimate/linear/pass.h"
 #include "kernel/array.h"
 

@@ -1,12 +1,9 @@
-// The Gaussian likelihood of the data without their random effects, and its restricted form, in sums over units: value,
-// score, information, and what small-sample covariances and degrees of freedom are made of. Nothing here inverts a tau,
-// so that a singular one, or one of zeros, is a point like any other; and no pair of units is formed.
+// The Gaussian likelihood of the data without their random effects, and its restricted form, in sums over units.
+// Nothing here inverts a tau, so that a singular one, or one of zeros, is a point like any other; and no pair of units
+// is formed. Score and information: marginalderivatives.h.
 //
-// With V = cov(Y) at theta = (lower triangle of taupi by rows, that of taubeta, sigma2), V_i = dV / dtheta_i and
-// D = [r | M], r = Y - M gamma (pass.h has the other symbols):
-//   t_i  = tr(V^-1 V_i)            P_i  = D'V^-1 V_i V^-1 D
-//   T_ij = tr(V^-1 V_i V^-1 V_j)   Q_ij = D'V^-1 V_i V^-1 V_j V^-1 D
-// Derived in docs/numerics.md, "Restricted likelihood".
+// V = cov(Y) at theta = (lower triangle of taupi by rows, that of taubeta, sigma2), r = Y - M gamma; pass.h has the
+// other symbols. Derived in docs/numerics.md, "Restricted likelihood".
 #pragma once
 
 #include <functional>
@@ -18,11 +15,25 @@
 
 namespace kdr {
 
-// What is made of the sums of a pass once, before any theta. With S_A = Z1'[Y | B] of a level-2 unit, beta = S_AA^+ S_A
-// are its least-squares coefficients, and [Y | B]'[Y | B] - S_A' beta summed over the units of k what they leave.
+// What is made of a pass once, before any theta, and all that the likelihood needs of the data. With S_A = Z1'[Y | B]
+// of a level-2 unit, beta = S_AA^+ S_A are its least-squares coefficients, and [Y | B]'[Y | B] - S_A' beta summed over
+// the units of k what they leave. The columns of Z2, the first b of B, have their scale in a weighted run
+// (Pass::scale3), and what multiplies them as columns of B, W3, is divided by it.
 struct MarginalSums {
-  RecordStream coefficients;   // per level-2 unit beta' (1 + nbeta by p), Y first
-  UnitTable<double> residual;  // per level-3 unit (1 + nbeta) squared
+  const Design* design = nullptr;  // of the pass
+  int p = 0, b = 0, g = 0, nbeta = 0;
+  int units2 = 0, records1 = 0;  // level-2 units, level-1 records
+  Array<int> n2of;               // level-2 units of each level-3 unit
+  UnitTable<double> weights;     // per level-3 unit: the numbers of W3, as level3weights gives them, over the scale
+  UnitTable<double> residual;    // per level-3 unit C squared, C = 1 + nbeta
+  RecordStream units;            // per level-2 unit: Z1'Z1 packed, then S_A' and beta' (C by p), Y first
+
+  [[nodiscard]] int columns() const { return 1 + nbeta; }
+  [[nodiscard]] std::size_t atproducts() const { return packedsize(p); }
+  [[nodiscard]] std::size_t atcoefficients() const { return atproducts() + at(columns() * p); }
+  [[nodiscard]] std::size_t recordsize() const { return atcoefficients() + at(columns() * p); }
+  [[nodiscard]] int units3() const { return static_cast<int>(n2of.size()); }
+  [[nodiscard]] const Failure& failure() const { return units.failure(); }
 };
 [[nodiscard]] Failure makemarginalsums(Pass& pass, MarginalSums& sums);
 
@@ -37,29 +48,7 @@ struct MarginalValue {
   Array<double> gamma, covariance;
   [[nodiscard]] double of(Criterion criterion) const { return criterion == Criterion::full ? loglik : restricted; }
 };
-[[nodiscard]] MarginalValue marginalvalue(Pass& pass, MarginalSums& sums, const Estimates& theta);
-
-// Derivatives at a point, with the value there. NT elements of theta; matrices NT squared.
-struct MarginalDerivatives {
-  Array<double> score;     // [NT]
-  Array<double> average;   // the average information, 1/2 y'P V_i P V_j P y with P = V^-1 - V^-1 M covariance M'V^-1
-  Array<double> expected;  // the expected information
-  // For each element, and for each pair (i, j), j <= i, in packed order: the blocks of M, g squared.
-  UnitTable<double> P, Q;
-};
-// What is asked for: score and average information, or all.
-enum class Derivatives { step, all };
-[[nodiscard]] MarginalDerivatives marginalderivatives(Pass& pass, MarginalSums& sums, const Estimates& theta,
-                                                      const MarginalValue& value, Criterion criterion,
-                                                      Derivatives wanted);
-
-// Value, score and average information by one sweep. The average information is taken at the fixed effects of `theta`,
-// with which it grows, unless they are more than a standard error from the best ones: then by a sweep more at these.
-struct MarginalStep {
-  MarginalValue value;
-  Array<double> score, average;  // [NT], NT squared
-};
-[[nodiscard]] MarginalStep marginalstep(Pass& pass, MarginalSums& sums, const Estimates& theta, Criterion criterion);
+[[nodiscard]] MarginalValue marginalvalue(MarginalSums& sums, const Estimates& theta);
 
 // A form in [r | M] of one level-3 unit or of all.
 struct LevelForm {
@@ -68,12 +57,20 @@ struct LevelForm {
   explicit LevelForm(int g) : xr(at(g)), xx(square(g)) {}
 };
 // Calls use(k, form) with the form of V_k^-1 at theta for each level-3 unit, r at the fixed effects gamma.
-void eachlevel3form(Pass& pass, MarginalSums& sums, const Estimates& theta, const Array<double>& gamma,
+void eachlevel3form(MarginalSums& sums, const Estimates& theta, const Array<double>& gamma,
                     const std::function<void(int k, const LevelForm& form)>& use);
 
+// The value at theta from the form of V^-1, r at the fixed effects of theta, and from the logarithms of the
+// determinants but for those of s I; `change` (g) receives what the best fixed effects differ by.
+[[nodiscard]] MarginalValue marginalvalueof(const MarginalSums& sums, const Estimates& theta, const LevelForm& total,
+                                            double logdeterminants, Array<double>& change);
+
 // Number of elements of theta.
+[[nodiscard]] inline int variancecount(const MarginalSums& sums) {
+  return static_cast<int>(packedsize(sums.p) + packedsize(sums.b)) + 1;
+}
 [[nodiscard]] inline int variancecount(const Pass& pass) {
-  return pass.p * (pass.p + 1) / 2 + pass.b * (pass.b + 1) / 2 + 1;
+  return static_cast<int>(packedsize(pass.p) + packedsize(pass.b)) + 1;
 }
 
 }  // namespace kdr

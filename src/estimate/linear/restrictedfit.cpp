@@ -78,7 +78,7 @@ struct Climb {
   // A trial point is the next one as a rule: its derivatives cost less now than later.
   const MarginalStep& look(const Array<double>& point) {
     if (!std::ranges::equal(point, lastpoint)) {
-      latest = marginalstep(pass, state.marginal.sums, estimatesat(pass, point, now), Criterion::restricted);
+      latest = marginalstep(state.marginal.sums, estimatesat(pass, point, now), Criterion::restricted);
       lastpoint = point.copy();
     }
     return latest;
@@ -103,7 +103,7 @@ Evaluation Climb::evaluate(const Array<double>& point) {
   Array<double> reduced(m * m), inverse;
   reduceinformation(restriction, made.average.data(), static_cast<int>(NT), reduced.data());
   if (m > 0 && !invertatunitdiagonal(m, reduced.data(), inverse)) {
-    made = marginalderivatives(pass, state.marginal.sums, now, value, Criterion::restricted, Derivatives::all);
+    made = marginalderivatives(state.marginal.sums, now, value, Criterion::restricted, Derivatives::all);
     made.average = std::move(made.expected);
   }
   evaluation.usable = true;
@@ -188,7 +188,7 @@ Failure iteraterestricted(Pass& pass, IterationState& state) {
   for (;;) {
     policy.iterations = state.limit - state.iteration - 1;
     result = climbcone(problem, policy, point);
-    if (state.marginal.sums.coefficients.failure()) return state.marginal.sums.coefficients.failure();
+    if (state.marginal.sums.failure()) return state.marginal.sums.failure();
     if (storefailure(pass.store)) return storefailure(pass.store);
     if (climb.abandoned) return failed(abandoned);
     if (result.end != AscentEnd::limit || !goeson(pass, state)) break;
@@ -307,7 +307,7 @@ std::optional<VarianceInformation> varianceinformation(Pass& pass, MarginalSums&
   const Restriction restriction = allrestriction(pass.model(), pass.fixsigma2 == 0.0);
   if (!value.known) return {};
   MarginalDerivatives made = marginalderivatives(
-      pass, sums, est, value, pass.plan.restricted ? Criterion::restricted : Criterion::full, Derivatives::all);
+      sums, est, value, pass.plan.restricted ? Criterion::restricted : Criterion::full, Derivatives::all);
   VarianceInformation known;
   known.own.reset(at(NT));
   for (int i = 0; i < NT; ++i) known.own[i] = made.expected[i * NT + i];

@@ -97,7 +97,7 @@ std::optional<VarianceInformation> marginalresults(Pass& pass, IterationState& s
   if (!restricted) {
     state.marginal.est = pass.est.copy();
     if (makemarginalsums(pass, state.marginal.sums)) return {};  // the caller asks the store
-    state.marginal.value = marginalvalue(pass, state.marginal.sums, pass.est);
+    state.marginal.value = marginalvalue(state.marginal.sums, pass.est);
   }
   if (!restricted && !asked) return {};
   std::optional<VarianceInformation> known =

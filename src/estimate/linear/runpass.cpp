@@ -174,7 +174,7 @@ Failure runpass(Pass& pass, IterationState& state, PassResults& results, const I
   }
   if (Failure failure = iteratestage(pass, state, Stage::ordinary, pass.plan.limit, s)) return failure;
   results = stageresults(pass, state);
-  if (state.marginal.sums.coefficients.failure()) return state.marginal.sums.coefficients.failure();
+  if (state.marginal.sums.failure()) return state.marginal.sums.failure();
   return storefailure(pass.store);
 }
 

@@ -1,6 +1,6 @@
 // Value, score, informations and the parts of small-sample covariances against full matrices written from their
 // definitions.
-#include "estimate/linear/marginalsums.h"
+#include "estimate/linear/marginalderivatives.h"
 
 #include <gtest/gtest.h>
 
@@ -90,7 +90,7 @@ TEST_P(MarginalSumsOf, UnitsAreThoseOfFullMatrices) {
   for (const auto& point : points) {
     const dense::Parameters x = study::setparameters(pass, point.T, point.L, point.s, {1, .3, .5, 2, .2, -1});
     const Dense want(made.units, x);
-    const MarginalValue value = marginalvalue(pass, sums, pass.est);
+    const MarginalValue value = marginalvalue(sums, pass.est);
     ASSERT_TRUE(value.known);
     expectnear(value.loglik, want.loglik, want.loglik, "log-likelihood");
     expectnear(value.restricted, want.restricted, want.restricted, "restricted log-likelihood");
@@ -101,13 +101,13 @@ TEST_P(MarginalSumsOf, UnitsAreThoseOfFullMatrices) {
     }
     for (const Criterion criterion : {Criterion::full, Criterion::restricted}) {
       const bool restricted = criterion == Criterion::restricted;
-      const MarginalDerivatives all = marginalderivatives(pass, sums, pass.est, value, criterion, Derivatives::all);
-      const MarginalStep away = marginalstep(pass, sums, pass.est, criterion);
+      const MarginalDerivatives all = marginalderivatives(sums, pass.est, value, criterion, Derivatives::all);
+      const MarginalStep away = marginalstep(sums, pass.est, criterion);
       Estimates best = pass.est.copy();
       best.gammahat = value.gamma.copy();
-      const MarginalStep step = marginalstep(pass, sums, best, criterion);
+      const MarginalStep step = marginalstep(sums, best, criterion);
       const MarginalDerivatives average =
-          marginalderivatives(pass, sums, pass.est, value, criterion, Derivatives::step);
+          marginalderivatives(sums, pass.est, value, criterion, Derivatives::step);
       for (int i = 0; i < Dense::NT; ++i) {
         const double score = -0.5 * (want.tr[i] - (restricted ? trace(want.Phi * want.P[i]) : 0) - want.Prr[i]);
         expectnear(all.score[at(i)], score, want.tr[i], "score");
