@@ -12,7 +12,7 @@ import sys
 import tempfile
 
 from mdmfile import Mdm
-from program import Checks, run
+from program import Checks, rawtemplate, run, template
 from rawfiles_test import MISSING, packed
 
 NAMES = [['A', 'B', 'C'], ['V', 'W'], ['Z']]
@@ -79,22 +79,12 @@ def writestata(path, level, rows):
             f.write(struct.pack('<%dd' % n, *(2.0 ** 1023 if x is None else x for x in ids + values)))
 
 
-def template(form, now):
-    kind = {'text': 'ascii', 'csv': 'other', 'stata': 'stata'}[form]
-    lines = ['#KDR3 MDM CREATION TEMPLATE', 'rawdattype:' + kind]
-    lines += ['l%dfname:%d.%s%s' % (i, i, form, ' /delim' if form == 'csv' else '') for i in (1, 2, 3)]
-    if form == 'text':
-        lines += ['numl1var:3', 'numl2var:2', 'numl3var:1']
-        lines += ['l1format:(A5,A5,3F8.2)', 'l2format:(A5,A5,2F8.2)', 'l3format:(A5,F8.2)', 'l1missing:y/SAME', '-99']
-    else:
-        lines += ['l1missing:y']
-    lines += ['timeofdeletion:' + ('now' if now else 'analysis'), 'mdmname:made.mdm']
-    for level in range(3):
-        lines += ['*begin l%dvars' % (level + 1)]
-        if form != 'text':
-            lines += ['level3id:K'] + (['level2id:J'] if level < 2 else [])
-        lines += NAMES[level] + ['*end l%dvars' % (level + 1)]
-    return '\n'.join(lines) + '\n'
+def form(kind, now):
+    files = ['%d.%s%s' % (i, kind, ' /delim' if kind == 'csv' else '') for i in (1, 2, 3)]
+    deletion = 'now' if now else 'analysis'
+    if kind == 'text':
+        return template('made.mdm', files, ['(A5,A5,3F8.2)', '(A5,A5,2F8.2)', '(A5,F8.2)'], NAMES, 'y/SAME\n-99', deletion)
+    return rawtemplate('other' if kind == 'csv' else kind, files, ('K', 'J'), NAMES, 'made.mdm', deletion)
 
 
 def main():
@@ -104,15 +94,15 @@ def main():
     with tempfile.TemporaryDirectory() as work:
         for n in range(int(sys.argv[2]) if len(sys.argv) > 2 else 40):
             levels = study(draw)
-            for form, write in (('text', writetext), ('csv', writecsv), ('stata', writestata)):
+            for kind, write in (('text', writetext), ('csv', writecsv), ('stata', writestata)):
                 for level, rows in enumerate(levels):
-                    write('%s/%d.%s' % (work, level + 1, form), level, rows)
+                    write('%s/%d.%s' % (work, level + 1, kind), level, rows)
                 for now in (True, False):
                     with open(work + '/t.mdmt', 'w') as f:
-                        f.write(template(form, now))
+                        f.write(form(kind, now))
                     rows, units = merged(levels, now)
                     code, out = run(program, work, '-r', 't.mdmt')
-                    what = 'study %d, %s, %s' % (n, form, 'now' if now else 'analysis')
+                    what = 'study %d, %s, %s' % (n, kind, 'now' if now else 'analysis')
                     if not units or code != 0:
                         c.equal(what + ' makes a file', code == 0, bool(units))
                         if code != 0 and units:

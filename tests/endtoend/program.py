@@ -68,14 +68,25 @@ def madefolder(program, source, template, top=None):
     return folder
 
 
+TEMPLATE = "#KDR3 MDM CREATION TEMPLATE"
+
+
 def template(mdm, files, formats, variables, missing="n", deletion="now"):
     """The template of a study in fixed text; of each level the file, the format and the names of its variables."""
     each = lambda line, values: [line % (level, value) for level, value in enumerate(values, 1)]
-    lines = ["#KDR3 MDM CREATION TEMPLATE", "mdmtype:0", "rawdattype:ascii", *each("l%dfname:%s", files),
-             *each("numl%dvar:%d", map(len, variables)), *each("l%dformat:%s", formats), "l1missing:" + missing,
-             "timeofdeletion:" + deletion, "mdmname:" + mdm]
+    lines = [TEMPLATE, "mdmtype:0", "rawdattype:ascii", *each("l%dfname:%s", files), *each("numl%dvar:%d", map(len, variables)),
+             *each("l%dformat:%s", formats), "l1missing:" + missing, "timeofdeletion:" + deletion, "mdmname:" + mdm]
     for level, names in enumerate(variables, 1):
         lines += [f"*begin l{level}vars", *names, f"*end l{level}vars"]
+    return "\n".join(lines) + "\n"
+
+
+def rawtemplate(kind, files, ids, variables, mdm, deletion="analysis"):
+    """The template of a study in files that name their columns; `ids` are those of level 3 and of level 2."""
+    lines = [TEMPLATE, "mdmtype:0", "rawdattype:" + kind, *(f"l{level}fname:{file}" for level, file in enumerate(files, 1)),
+             "l1missing:y", "timeofdeletion:" + deletion, "mdmname:" + mdm]
+    for level, names in enumerate(variables, 1):
+        lines += [f"*begin l{level}vars", "level3id:" + ids[0], *["level2id:" + ids[1]] * (level < 3), *names, f"*end l{level}vars"]
     return "\n".join(lines) + "\n"
 
 

@@ -13,7 +13,7 @@ import sys
 import tempfile
 
 from mdmfile import Mdm
-from program import EXAMPLE, ROOT, Checks, finish, run
+from program import EXAMPLE, ROOT, Checks, finish, rawtemplate, run
 
 FILES = ROOT / 'tests' / 'construct' / 'files'
 RAWTYPES = {'systat': 3, 'sas': 5, 'spss': 6, 'stata': 8, 'other': 9}
@@ -56,23 +56,13 @@ def asitstands(word):
     return word.zfill(5).encode().ljust(13, b'\0')
 
 
-def template(kind, files, text, names1, name, mark):
-    lines = ['#KDR3 MDM CREATION TEMPLATE', 'rawdattype:' + kind, 'mdmname:' + name]
-    lines += ['l%dfname:%s' % (i + 1, f) for i, f in enumerate(files)]
-    lines += ['l1missing:y', 'timeofdeletion:analysis']
-    for level, names in enumerate([names1] + NAMES[1:]):
-        lines += ['*begin l%dvars' % (level + 1), 'level3id:' + ('leat' + mark if text else 'lea')]
-        lines += ['level2id:' + ('schoolt' + mark if text else 'school')] if level < 2 else []
-        lines += names + ['*end l%dvars' % (level + 1)]
-    return '\n'.join(lines) + '\n'
-
-
 def check(c, program, work, kind, files, text, limit=None, gap=False, ids=None, mark=''):
     """Makes the MDM file of three raw files, and makes it again from the template that is written back."""
     ids = number if not text else ids or rightjustified
     names1 = NAMES[0] + (['GAP'] if gap else [])
     with open(work + '/t.mdmt', 'w') as f:
-        f.write(template(kind, files, text, names1, 'made.mdm', mark))
+        columns = ('leat' + mark, 'schoolt' + mark) if text else ('lea', 'school')
+        f.write(rawtemplate(kind, files, columns, [names1] + NAMES[1:], 'made.mdm'))
     code, out = run(program, work, '-r', 't.mdmt')
     if code != 0:
         return c.fail('ended with code %d\n%s' % (code, out[-600:]))

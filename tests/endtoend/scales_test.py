@@ -9,10 +9,12 @@ import json
 import random
 import sys
 
-from program import NOFEATURES, NOFILES, Checks, Workplace
+from program import NOFEATURES, NOFILES, Checks, Workplace, template
 
 check = Checks()
 work = Workplace(sys.argv[1])
+work.write("s.mdmt", template("s.mdm", ("s1.dat", "s2.dat", "s3.dat"), ("(2A4,6F20.13)", "(2A4,F20.13)", "(A4,F20.13)"),
+                              (["Y", "B", "COUNT", "GRADE", "N", "X"], ["Z"], ["Q"])))
 SCALES = (1.0, 1e-8, 1e-3, 1e3, 1e8)
 RUNS = [("linear", "NONLIN:N\nNUMIT:500,N\n", "Y", ""),
         ("diagonal", "NONLIN:N\nNUMIT:500,N\n", "Y", "DIAGONALIZETAUPI:Y\n"),
@@ -32,17 +34,21 @@ def study(scale):
     rows = [[], [], []]
     for k in range(20):
         v = [rng.gauss(0, 0.6), rng.gauss(0, 0.3)]
-        rows[2].append((k, rng.gauss(0, 1)))
+        rows[2].append("%4d%20.13e\n" % (k, rng.gauss(0, 1)))
         for j in range(4):
             z, u = round(rng.gauss(0, 1), 4), [rng.gauss(0, 0.7), rng.gauss(0, 0.5)]
-            rows[1].append((k, j, z / scale))
+            rows[1].append("%4d%4d%20.13e\n" % (k, j, z / scale))
             for _ in range(8):
                 x, n = round(rng.gauss(0.5, 1), 4), rng.randint(1, 4)
                 eta = -0.3 + 0.3 * z + (0.5 + u[1] + v[1]) * x + u[0] + v[0]
                 made = [float(rng.random() < 1 / (1 + 2.718281828 ** -eta)) for _ in range(n)]
                 grade = 1.0 + (eta + rng.gauss(0, 1.6) > -0.7) + (eta + rng.gauss(0, 1.6) > 0.7)
-                rows[0].append((k, j, eta + rng.gauss(0, 1), made[0], sum(made), grade, n, x * scale))
-    work.make(rows, "%20.13e", (["Y", "B", "COUNT", "GRADE", "N", "X"], ["Z"], ["Q"]))
+                cells = (eta + rng.gauss(0, 1), made[0], sum(made), grade, n, x * scale)
+                rows[0].append("%4d%4d" % (k, j) + "".join("%20.13e" % c for c in cells) + "\n")
+    for level in range(3):
+        work.write("s%d.dat" % (level + 1), "".join(rows[level]))
+    done = work.run("-r", "s.mdmt")
+    assert done.returncode == 0, done.stdout
 
 
 def fit(head, outcome, more):

@@ -17,36 +17,12 @@ import subprocess
 import sys
 import tempfile
 
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "endtoend"))
+from program import fixedtext, rawtemplate
+
 OLD = b'{\n "format": "kdr3 results", what stood here before\n'  # only results give way to results
 GROUPS = ("open", "write", "cut", "read", "close", "rename", "map", "memory")
 
-TEMPLATE = """#KDR3 MDM CREATION TEMPLATE
-mdmtype:0
-rawdattype:ascii
-l1fname:one.dat
-l2fname:two.dat
-l3fname:three.dat
-numl1var:3
-numl2var:1
-numl3var:1
-l1format:(A4,A4,3F8.3)
-l2format:(A4,A4,F8.3)
-l3format:(A4,F8.3)
-l1missing:n
-timeofdeletion:now
-mdmname:small.mdm
-*begin l1vars
-Y
-X
-B
-*end l1vars
-*begin l2vars
-W
-*end l2vars
-*begin l3vars
-Z
-*end l3vars
-"""
 LINEAR = """NONLIN:N
 LEVEL1:Y=INTRCPT1+X,2+RANDOM
 LEVEL2:INTRCPT1=INTRCPT2+W,2+RANDOM/
@@ -92,31 +68,6 @@ JOBS = {
 
 
 FILES = pathlib.Path(__file__).resolve().parents[1] / "construct" / "files"  # sample<level>: one study in many formats
-OTHER = """#KDR3 MDM CREATION TEMPLATE
-mdmtype:0
-rawdattype:other
-l1fname:sample1.%s
-l2fname:sample2.%s
-l3fname:sample3.%s
-l1missing:y
-timeofdeletion:analysis
-mdmname:%s
-*begin l1vars
-level3id:LEA
-level2id:SCHOOL
-SCORE
-AGE
-*end l1vars
-*begin l2vars
-level3id:LEA
-level2id:SCHOOL
-SCHSIZE
-*end l2vars
-*begin l3vars
-level3id:LEA
-LEANSCH
-*end l3vars
-"""
 # The libraries for these formats are a choice of the build.
 LIBRARIES = {"sav, xlsx, dbf": ("sav /spss", "xlsx /excel", "dbf /xbase"), "dta, xpt, xls": ("dta /stata", "xpt /sasx", "xls /excel")}
 for job, types in LIBRARIES.items():
@@ -125,25 +76,25 @@ for job, types in LIBRARIES.items():
 
 def makestudy(folder):
     draw = random.Random(5)
-    one, two, three = [], [], []
+    rows = [[], [], []]
     for k in range(6):
         vk = draw.gauss(0, 0.5)
-        three.append(f"{k:4d}{draw.gauss(0, 1):8.3f}")
+        rows[2].append((k, draw.gauss(0, 1)))
         for j in range(4):
             uj = draw.gauss(0, 0.7)
-            two.append(f"{k:4d}{10 * k + j:4d}{draw.gauss(0, 1):8.3f}")
+            rows[1].append((k, 10 * k + j, draw.gauss(0, 1)))
             for _ in range(8):
                 x = draw.gauss(0, 1)
                 y = 1 + 0.5 * x + uj + vk + draw.gauss(0, 1)
-                one.append(f"{k:4d}{10 * k + j:4d}{y:8.3f}{x:8.3f}{float(y > 1):8.3f}")
-    for name, lines in (("one.dat", one), ("two.dat", two), ("three.dat", three)):
-        (folder / name).write_text("\n".join(lines) + "\n")
-    (folder / "small.mdmt").write_text(TEMPLATE)
+                rows[0].append((k, 10 * k + j, y, x, y > 1))
+    fixedtext(folder, rows, "%8.3f", (["Y", "X", "B"], ["W"], ["Z"]), "small.mdm")
     (folder / "linear.kdr").write_text(LINEAR)
     (folder / "laplace.kdr").write_text(LAPLACE)
     (folder / "series.kdr").write_text(SERIES)
     for job, types in LIBRARIES.items():
-        (folder / (job[:3] + ".mdmt")).write_text(OTHER % (*types, job[:3] + ".mdm"))
+        (folder / (job[:3] + ".mdmt")).write_text(rawtemplate(
+            "other", [f"sample{level}.{type}" for level, type in enumerate(types, 1)], ("LEA", "SCHOOL"),
+            (["SCORE", "AGE"], ["SCHSIZE"], ["LEANSCH"]), job[:3] + ".mdm"))
         for level, type in enumerate(types):
             shutil.copy(FILES / f"sample{level + 1}.{type.split()[0]}", folder)
 

@@ -23,28 +23,7 @@ import program
 
 NUMBER = re.compile(r"[+-]?(\d+\.?\d*|\.\d+)([eE][+-]?\d+)?$", re.ASCII)
 MISSING = {"", "NA", "NaN", ".", "#N/A"}
-TEMPLATE = """#KDR3 MDM CREATION TEMPLATE
-rawdattype:other
-l1fname:f.csv /delim
-l2fname:f.csv /delim
-l3fname:f.csv /delim
-l1missing:y
-timeofdeletion:analysis
-mdmname:f.mdm
-*begin l1vars
-level3id:area
-level2id:school
-rec
-y
-*end l1vars
-*begin l2vars
-level3id:area
-level2id:school
-*end l2vars
-*begin l3vars
-level3id:area
-*end l3vars
-"""
+TEMPLATE = program.rawtemplate("other", ["f.csv /delim"] * 3, ("area", "school"), (["rec", "y"], [], []), "f.mdm")
 
 
 def study(make):

@@ -4,7 +4,7 @@
     sameruns.py OLD NEW [RUNS] [SEED]
 
 Runs of both programs on the made study of tests/reference/nonlinear, with random equations, centering, weights,
-restrictions, engines and files. Exit codes, console, reports, residual, graph, variance and start files, documents and
+restrictions, engines and files; every fourth command file has a small fault. Exit codes, console, reports, residual, graph, variance and start files, documents and
 newcmd.kdr must be the same to the byte, but for date and time, the style sheet of HTML reports, and the order and the
 version of the members of a document. For a change that is meant to change no number.
 """
@@ -16,6 +16,9 @@ import shutil
 import subprocess
 import sys
 import tempfile
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "mutants"))
+from commandfiles import mutant
 
 STUDY = pathlib.Path(__file__).parent / "nonlinear"
 OUTCOMES = [("N", "X1"), ("N", "YPOIS"), ("N", "X2"), ("BERNOULLI", "YBERN"), ("BINOMIAL,NTRIAL", "YBIN"), ("POISSON", "YPOIS"),
@@ -144,6 +147,8 @@ def main():
         subprocess.run([old, "-q", "-r", "nonlin.mdmt"], cwd=place, check=True, capture_output=True)
         for number in range(runs):
             text = commandfile(draw)
+            if number % 4 == 3:
+                text = mutant(text, draw)
             first, second = (outputs(program, place / name, text) for program, name in ((old, "old"), (new, "new")))
             codes[first["exit"]] = codes.get(first["exit"], 0) + 1
             wrong = sorted(name for name in first.keys() | second.keys() if first.get(name) != second.get(name))

@@ -162,15 +162,6 @@ void expectvanishing(const dense::Fit& fit, const std::vector<std::vector<int>>&
   }
 }
 
-TEST_P(Engine, TheScoreVanishesAtTheEstimates) {
-  for (const int fishertype : {0, 1, 2}) {
-    study::Study made(GetParam(), 24, 6, 7);
-    run.control.fishertype = static_cast<FisherType>(fishertype);
-    Pass pass;
-    expectvanishing(fitted(made, pass), {{0}, {1}, {2}, {3}, {4}, {5}, {6}}, fishertype);
-  }
-}
-
 // The rule asks for a plain step. Where every step would be an accelerated one, it gets one to confirm its end.
 TEST(Iterations, AcceleratedAtEachStepTheyEndAtTheMaximum) {
   study::Study made(1, 24, 6, 7);
