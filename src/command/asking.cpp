@@ -11,11 +11,11 @@ namespace kdr {
 
 int askvariable(const char* prompt, int lo, int hi, const Array<Name>& table) {
   return askvariable(prompt, lo, hi, [&](const std::string& name) {
-    const int found = variableindex(name, table, hi);
-    if (found > 0 && charactersof(name) > significant && wholenameindex(name, table, hi) != found)
+    const auto [index, cut] = findvariable(name, table, hi);
+    if (index > 0 && cut)
       std::printf(" %s is taken for %s: names count by their first %d characters.\n", printable(name).c_str(),
-                  leftname(table[static_cast<std::size_t>(found)]).c_str(), static_cast<int>(significant));
-    return found;
+                  leftname(table[static_cast<std::size_t>(index)]).c_str(), static_cast<int>(significant));
+    return index;
   });
 }
 

@@ -139,7 +139,7 @@ TEST(ModelStatistics, TheAlternative) {
     run.model.restrictions.diagtaupi = run.model.restrictions.diagtaubeta = c.diagonal;
     const long long parameters = parametercount(run.model, 1);
     EXPECT_EQ(parameters, c.diagonal ? 10 : 12);
-    const DevianceComparison made = comparisonof(1000.0, parameters, {c.deviance, c.parameters}, run.model);
+    const DevianceComparison made = comparisonof(1000.0, parameters, {c.deviance, c.parameters}, run.model, false);
     EXPECT_EQ(made.chisquare.df, c.df) << c.deviance;
     EXPECT_NEAR(made.chisquare.p, c.p, 1e-4) << c.deviance;
     EXPECT_NEAR(made.mixturep, c.mixture, 1e-4) << c.deviance;

@@ -125,7 +125,7 @@ EdgeSearch searchedge(Pass& pass, const Estimates& start, double least) {
   const Array<double> from = pointof(pass, start);
   const ConeResult reached = climbcone(problem, policy, from);
   const bool found = reached.end != AscentEnd::unusable && stepinside(surface, reached, from);
-  if ((search.failure = surface.sums.coefficients.failure()) || !found) return search;
+  if ((search.failure = surface.sums.failure()) || !found) return search;
   search.failed = reached.end != AscentEnd::converged && reached.end != AscentEnd::stopped;
   const MarginalValue value = surface.look(pointof(pass, surface.at));
   if (value.loglik > before.loglik + least) {
