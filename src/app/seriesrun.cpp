@@ -32,6 +32,7 @@ struct Series {
   std::vector<SubrunRecord> records;  // of this process: one of a data set, all of plausible values
   PoolFrame frame;
   Pooled averages;
+  std::vector<int> unconverged;  // plausible values whose passes did not converge
 };
 Series series;
 
@@ -43,11 +44,17 @@ void sayunusable(const Failure& failure) {
   std::printf("%s", failure.consolewords.c_str());
 }
 
-// All usable sub-runs; `failed` gets the indices of the others. False, with the sentence on the console, when the store
+// Indices of sub-runs.
+struct Subruns {
+  std::vector<int> failed, unconverged;
+};
+
+// All usable sub-runs, and which are not or have not converged. False, with the sentence on the console, when the store
 // isn't usable.
-bool gather(std::vector<SubrunRecord>& records, std::vector<int>& failed) {
+bool gather(std::vector<SubrunRecord>& records, Subruns& subruns) {
   if (run.series.pvmode) {
     records = std::move(series.records);
+    subruns.unconverged = series.unconverged;
     return true;
   }
   StoreHead head;
@@ -56,22 +63,24 @@ bool gather(std::vector<SubrunRecord>& records, std::vector<int>& failed) {
     return false;
   }
   if (series.whole) {
-    head.mistatus[run.series.miindex] = 1;
+    head.mistatus[run.series.miindex] = run.id.unconverged ? setunconverged : setconverged;
     records.push_back(std::move(series.records[0]));
   }
-  for (int i = 0; i < head.nsets; ++i)
-    if (head.mistatus[i] == 0) failed.push_back(i);
+  for (int i = 0; i < head.nsets; ++i) {
+    if (head.mistatus[i] == 0) subruns.failed.push_back(i);
+    if (head.mistatus[i] == setunconverged) subruns.unconverged.push_back(i);
+  }
   return true;
 }
 
 // The averages into the open report.
 bool writeaverages() {
   std::vector<SubrunRecord> records;
-  std::vector<int> failed;
-  if (!gather(records, failed)) return false;
+  Subruns subruns;
+  if (!gather(records, subruns)) return false;
   openaveragedreport();
   if (!records.empty()) series.averages = pool(series.shape, records, series.frame, run.model);
-  averagedreport(records.empty() ? nullptr : &series.averages, failed);
+  averagedreport(records.empty() ? nullptr : &series.averages, subruns.failed, subruns.unconverged);
   series.pooled = true;
   return true;
 }
@@ -150,6 +159,7 @@ bool lastsubrun() {
 
 const Pooled* poolseries() {
   series.ended = series.whole;
+  if (run.series.pvmode && run.id.passunconverged) series.unconverged.push_back(run.series.pvindex);
   if (!inseries() || !lastsubrun()) return nullptr;
   closereport();
   if (!writeaverages()) {
@@ -171,7 +181,8 @@ void closeseries(int code) {
   }
   if (!run.series.milast) {
     if (!series.begun || (code != 0 && code != unconvergedcode) || !series.ended) return;
-    if (const Failure failure = appendrecord(series.shape, run.series.miindex, series.records[0])) {
+    if (const Failure failure =
+            appendrecord(series.shape, run.series.miindex, series.records[0], !run.id.unconverged)) {
       sayunusable(failure);
       stoprun(100);
     }

@@ -5,8 +5,10 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <string>
 #include <vector>
 
+#include "core/formatted.h"
 #include "driver/failures.h"
 #include "driver/files.h"
 #include "driver/reportstream.h"
@@ -14,6 +16,7 @@
 #include "report/fixedtable.h"
 #include "report/hypotheses.h"
 #include "report/matrixtables.h"
+#include "report/passtables.h"
 #include "report/resultsdocument.h"
 #include "report/stream.h"
 #include "report/variancetables.h"
@@ -47,6 +50,15 @@ void failednote(std::span<const int> failed) {
   for (const int index : failed) report("%d ", index + 1);
   reportbreak();
   reportbreak();
+}
+
+void unconvergednote(std::span<const int> unconverged) {
+  if (unconverged.empty()) return;
+  std::string words = "Sub-runs whose iterations were stopped prior to convergence:";
+  for (const int index : unconverged) words += formatted(" %d", index + 1);
+  notconverged(words + "\n");
+  reportwarning("WARNING: " + words);
+  documentwarning(words);
 }
 
 void level1(const Pooled& pooled) {
@@ -162,10 +174,11 @@ void openaveragedreport() {
   run.report.stream = file;
 }
 
-void averagedreport(const Pooled* pooled, std::span<const int> failed) {
+void averagedreport(const Pooled* pooled, std::span<const int> failed, std::span<const int> unconverged) {
   heading();
   startdocument();
   if (run.series.mimode) failednote(failed);
+  unconvergednote(unconverged);
   if (pooled == nullptr) {
     reportline("No analysis of the series is usable, so there are no results to average.");
     return;

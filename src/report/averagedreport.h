@@ -15,8 +15,8 @@ void startaveragedreport();
 // are cut away. The report that was open must have been closed.
 void openaveragedreport();
 
-// Writes the averages to the report; `failed` are the indices of the data sets that failed. Without a usable sub-run
-// `pooled` is null.
-void averagedreport(const Pooled* pooled, std::span<const int> failed);
+// Writes the averages to the report; `failed` are the indices of the data sets that failed, `unconverged` of those that
+// have not converged, which marks the run as one that has not. Without a usable sub-run `pooled` is null.
+void averagedreport(const Pooled* pooled, std::span<const int> failed, std::span<const int> unconverged);
 
 }  // namespace kdr

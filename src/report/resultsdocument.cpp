@@ -66,11 +66,8 @@ Json seriesfacts() {
   return facts;
 }
 
-// Of the averages of a multiple imputation nothing is known of how the other processes ended.
-Json converged() {
-  if (!collected.averages) return !run.id.passunconverged;
-  return run.series.mimode ? Json() : Json(!run.id.unconverged);
-}
+// Of averages: whether all sub-runs have.
+Json converged() { return !(collected.averages ? run.id.unconverged : run.id.passunconverged); }
 
 Json filesmade() {
   Json files = Json::array();

@@ -131,7 +131,9 @@ std::string checkhead(std::FILE* file, const SubrunShape& shape, StoreHead& head
   head.nsets = nsets;
   if (nsets < 1 || nsets > maxsets) return damaged();
   for (int i = 0; i < maxsets; ++i)
-    if (head.mistatus[i] != 0 && (head.mistatus[i] != 1 || i >= nsets)) return damaged();
+    if (const char status = head.mistatus[i];
+        status != 0 && ((status != setconverged && status != setunconverged) || i >= nsets))
+      return damaged();
   const Mark ours = markof(shape);
   const long long place = headsize + head.finished() * recordsize(shape);
   Mark mark{};
@@ -144,7 +146,9 @@ std::string checkhead(std::FILE* file, const SubrunShape& shape, StoreHead& head
 
 }  // namespace
 
-int StoreHead::finished() const { return static_cast<int>(std::count(mistatus, mistatus + maxsets, char{1})); }
+int StoreHead::finished() const {
+  return maxsets - static_cast<int>(std::count(mistatus, mistatus + maxsets, char{0}));
+}
 
 long long recordsize(const SubrunShape& shape) {
   const auto doubles = [](auto n) { return static_cast<long long>(n) * static_cast<long long>(sizeof(double)); };
@@ -214,7 +218,7 @@ Failure joinstore(const SubrunShape& shape, int index, StoreHead& head) {
   return store.close();
 }
 
-Failure appendrecord(const SubrunShape& shape, int index, const SubrunRecord& record) {
+Failure appendrecord(const SubrunShape& shape, int index, const SubrunRecord& record, bool converged) {
   StoreHead head;
   if (Failure failure = readstore(shape, head, nullptr)) return failure;
   OpenStore store;
@@ -226,7 +230,7 @@ Failure appendrecord(const SubrunShape& shape, int index, const SubrunRecord& re
   store.full = store.full || fseeko(store.file, place, SEEK_SET) != 0;
   walkrecord(shape, record, [&](const void* bytes, std::size_t n) { store.write(bytes, n); });
   store.settle();
-  const char finished = 1;
+  const char finished = converged ? setconverged : setunconverged;
   if (!store.full) store.writeat(4 + index, &finished, sizeof finished);
   store.settle();
   return store.close();

@@ -2,7 +2,7 @@
 //
 //   offset  bytes
 //   0       4      int32: data sets that have begun
-//   4       128    one byte per data set: 1 when it finished, else 0
+//   4       128    one byte per data set: 1 when it finished, 2 when it finished before it had converged, else 0
 //   132            the records of the finished data sets, one after the other, in the order in which they finished
 //   behind  48     the mark: which series this store is of (orders, fingerprint of the model), with a checksum
 //
@@ -25,9 +25,11 @@ namespace kdr {
 inline constexpr const char* storename = "mixyzzy.dat";
 inline constexpr int maxsets = 128;
 
+inline constexpr char setconverged = 1, setunconverged = 2;
+
 struct StoreHead {
   int nsets = 0;                // data sets that have begun
-  char mistatus[maxsets] = {};  // 1: finished
+  char mistatus[maxsets] = {};  // as in the file
   [[nodiscard]] int finished() const;
 };
 
@@ -47,7 +49,7 @@ Failure readstore(const SubrunShape& shape, StoreHead& head, std::vector<SubrunR
 Failure joinstore(const SubrunShape& shape, int index, StoreHead& head);
 
 // Data set `index` has finished: appends its record and then marks it. Fails as readstore, and nothing is marked.
-Failure appendrecord(const SubrunShape& shape, int index, const SubrunRecord& record);
+Failure appendrecord(const SubrunShape& shape, int index, const SubrunRecord& record, bool converged = true);
 
 // The failure is no more than that there is no usable store.
 [[nodiscard]] bool unusable(const Failure& failure);

@@ -293,13 +293,17 @@ def others(check, place):
 def series(check, place):
     for kind, text in (("linear", model()), ("bernoulli", nonlinear("BERNOULLI", options="FIXSIGMA2:1.0\n"))):
         check(place.series(text + "RESULTS:mi.json\n", IMPUTED) == [0] * 5, f"{kind}: codes of the imputations")
+        stopped = []
         for k in range(1, 6):
             one, phases = document(check, place, f"mi_{k}.json")
+            stopped += [] if one["converged"] else [str(k)]
             check(one["series"]["subrun"] == k and "average" not in phases, f"{kind}: sub-run {k}")
         r = report.read(place.folder / f"out.{5}")
         if kind == "linear":
             Numbers(check, "last sub-run").phase(phases["final"], r)
-        whole, phases = document(check, place, "mi.json", converged=None, files=["out.avg"])
+        whole, phases = document(check, place, "mi.json", converged=not stopped, files=["out.avg"])
+        told = [f"Sub-runs whose iterations were stopped prior to convergence: {' '.join(stopped)}"] if stopped else []
+        check(whole["warnings"] == told and (not told or f"WARNING: {told[0]}" in place.read("out.avg")), f"{kind}: {whole['warnings']}")
         check(whole["series"]["subrun"] is None and phases["average"]["subruns"] == 5, f"{kind}: averages")
         if kind == "linear":
             Numbers(check, "averages").phase(phases["average"], place.averaged())

@@ -127,7 +127,10 @@ TEST_F(ResultStore, KilledWhileAppending) {
   StoreHead head;
   EXPECT_EQ(joinstore(shape, 3, head).consolewords, "");
   EXPECT_EQ(head.nsets, 4);
-  EXPECT_EQ(appendrecord(shape, 3, numberedrecord(shape, 3)).consolewords, "");
+  EXPECT_EQ(appendrecord(shape, 3, numberedrecord(shape, 3), false).consolewords, "");
+  StoreHead ended;
+  EXPECT_EQ(readstore(shape, ended, nullptr).consolewords, "");
+  EXPECT_EQ(ended.mistatus[3], setunconverged);
   expectrecords({0, 1, 3});
 }
 
@@ -150,7 +153,7 @@ TEST_F(ResultStore, DamagedHead) {
     char value;
   };
   for (const Damage& damage :
-       {Damage{0, 0}, Damage{1, 1}, Damage{4, 2}, Damage{4 + 2, 1}, Damage{5, 0}, Damage{whole.size() - 9, 1}}) {
+       {Damage{0, 0}, Damage{1, 1}, Damage{4, 3}, Damage{4 + 2, 1}, Damage{5, 0}, Damage{whole.size() - 9, 1}}) {
     std::string bytes = whole;
     bytes[damage.offset] = damage.value;
     setcontents(bytes);
