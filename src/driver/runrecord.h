@@ -41,7 +41,7 @@ struct SeriesMode {
   bool mifirst = false;     // k is 0: the result store is to be created
   bool milast = false;      // -e
   bool closing = false;     // -e without files: no data set, only the averages
-  char mistatus[128] = {};  // 1 for each data set that was finished
+  char mistatus[128] = {};  // of each data set: 1 finished, 2 finished without convergence
   bool pvmode = false;      // a PLAUSVALS: list is in force
   bool pvfirst = false;     // first pass of that repetition
   int pvindex = 0;          // number of the current pass, from 0
