@@ -339,14 +339,14 @@ bool Climb::fall() {
   bool leaves = false;
   for (Block& block : face) {
     const int n = block.n, k = block.lacking, rank = n - k;
-    Array<double> behind(square(rank)), values(at(rank)), vectorsof(square(rank));
+    Array<double> behind(square(rank)), values(at(rank)), Q(square(rank));
     for (int i = 0; i < rank; ++i) behind[at(i * rank + i)] = block.values[at(k + i)];
     for (std::size_t a = 0; a < m; ++a) {
       const Array<double> E = image(block, a);
       for (int i = 0; i < rank; ++i)
         for (int j = 0; j < rank; ++j) behind[at(i * rank + j)] += step[a] * E[at((k + i) * n + k + j)];
     }
-    spectrum(at(rank), behind.data(), values.data(), vectorsof.data());
+    spectrum(at(rank), behind.data(), values.data(), Q.data());
     for (const double value : values) block.lacking += value <= threshold(block) ? 1 : 0;
     leaves = leaves || block.lacking > k;
   }

@@ -7,8 +7,9 @@
 //   score'd - 1/2 d'(H + C)d,   C: d'Cd = 2 tr(Z (N'dR) diag(l)^-1 (R'dN)),
 // Z the part of the multiplier of N'dN that holds the matrix at its edge. C is the curvature of the set of matrices of
 // that rank: a step along R'dN lifts N'TN by its square. The point behind the step is brought back to the rank; a step
-// that leaves the cone gives up the directions with which it would. Where nothing is left to gain at the rank, a
-// direction of N along which the function rises is let go. Derived in docs/numerics.md, "Scoring at the edge".
+// that leaves the cone gives up the directions with which it would, and where the point itself rises by giving them up,
+// it does so first. Where nothing is left to gain at the rank, a direction of N along which the function rises is let
+// go. Derived in docs/numerics.md, "Scoring at the edge".
 #pragma once
 
 #include <functional>
