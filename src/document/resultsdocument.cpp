@@ -93,15 +93,18 @@ Json warningsof(const PassResults& results) {
   return warnings;
 }
 
-void addpoints(Json& phase, const Coefficients& coef, const PassResults& results) {
+void addpoints(Json& phase, const PassResults& results) {
   const QuadraturePoints& made = results.quadrature;
   phase["points"] = made.points;
   phase["check"] = made.next == 0 ? Json()
                                   : Json{{"points", made.next},
                                          {"log_likelihood_change", number(made.change)},
                                          {"largest_standard_error_change", number(made.errorchange)}};
-  phase["tau_pi"]["at_edge"] = edges(coef.ntaupi, results.errors.edgepi);
-  phase["tau_beta"]["at_edge"] = edges(coef.ntaubeta, results.errors.edgebeta);
+}
+
+void addedges(Json& phase, const Coefficients& coef, const TauErrors& errors) {
+  phase["tau_pi"]["at_edge"] = edges(coef.ntaupi, errors.edgepi);
+  phase["tau_beta"]["at_edge"] = edges(coef.ntaubeta, errors.edgebeta);
 }
 
 void addvariances(Json& phase, const Subject& subject, const PassResults& results) {
@@ -167,7 +170,8 @@ Json phaseof(const Subject& subject, const PassResults& results) {
              results.kind != PassKind::identity);
   phase["warnings"] = warningsof(results);
   for (const std::string& note : results.notes) phase["warnings"].push_back(note);
-  if (results.kind == PassKind::quadrature) addpoints(phase, subject.model.coef, results);
+  if (results.kind == PassKind::quadrature) addpoints(phase, results);
+  if (isengine(results)) addedges(phase, subject.model.coef, results.errors);
   return phase;
 }
 
