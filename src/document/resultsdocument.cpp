@@ -98,16 +98,19 @@ Json warningsof(const Subject& subject, const PassResults& results) {
   return warnings;
 }
 
-void addpoints(Json& phase, const Subject& subject, const PassResults& results) {
+void addpoints(Json& phase, const PassResults& results) {
   const QuadraturePoints& made = results.quadrature;
-  const Coefficients& coef = subject.model.coef;
   phase["points"] = made.points;
   phase["check"] = made.next == 0 ? Json()
                                   : Json{{"points", made.next},
                                          {"log_likelihood_change", number(made.change)},
                                          {"largest_standard_error_change", number(made.errorchange)}};
-  phase["tau_pi"]["at_edge"] = edges(coef.ntaupi, results.errors.edgepi);
-  if (!subject.twolevel) phase["tau_beta"]["at_edge"] = edges(coef.ntaubeta, results.errors.edgebeta);
+}
+
+void addedges(Json& phase, const Subject& subject, const TauErrors& errors) {
+  const Coefficients& coef = subject.model.coef;
+  phase["tau_pi"]["at_edge"] = edges(coef.ntaupi, errors.edgepi);
+  if (!subject.twolevel) phase["tau_beta"]["at_edge"] = edges(coef.ntaubeta, errors.edgebeta);
 }
 
 void addvariances(Json& phase, const Subject& subject, const PassResults& results) {
@@ -172,7 +175,8 @@ Json phaseof(const Subject& subject, const PassResults& results) {
              results.kind != PassKind::identity);
   phase["warnings"] = warningsof(subject, results);
   for (const std::string& note : results.notes) phase["warnings"].push_back(note);
-  if (results.kind == PassKind::quadrature) addpoints(phase, subject, results);
+  if (results.kind == PassKind::quadrature) addpoints(phase, results);
+  if (isengine(results)) addedges(phase, subject, results.errors);
   return phase;
 }
 

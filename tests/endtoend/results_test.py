@@ -276,8 +276,8 @@ def others(check, place):
                 Numbers(check, f"{name}, {section}").criteria(phase, text["dimensions"]["records"])
                 gap = phase["marginal_log_likelihood"] - phase["log_likelihood"]
                 if section == "quadrature":
-                    check(phase["points"] == 5 and phase["check"]["points"] == 7 and
-                          not any(sum(phase["tau_pi"]["at_edge"], [])), f"{name}: points, {phase['check']}")
+                    check(phase["points"] == 5 and phase["check"]["points"] == 7, f"{name}: points, {phase['check']}")
+                check(not any(sum(phase["tau_pi"]["at_edge"], [])), f"{name}, {section}: at the edge")
                 check(abs(gap - text["dimensions"]["records"] / 2 * math.log(2 * math.pi)) < 1e-5, f"{name}: marginal")
         # Five macro iterations are few: the text and the document agree on whether they were enough.
         stopped = "macro iterations were stopped prior to convergence" in r.text

@@ -14,15 +14,10 @@ and how far the value, and that of the first order, is from an integral.
 
   laplacestudies.py PROGRAM FIRST LAST [OTHER COMMANDS]     such as AGQNODES:FIXED
 """
-import json
-import os
-import subprocess
 import sys
-import tempfile
-import time
 import numpy as np
 from scipy.optimize import minimize
-from movingstudies import Oracle, pairs, run, semifactor, study, write
+from movingstudies import Oracle, apart, fitted, pairs, semifactor, studies, study, verdictof
 
 
 class Dense(Oracle):
@@ -140,64 +135,25 @@ class Dense(Oracle):
                 integral, first)
 
 
-def one(program, seed, commands):
+def one(program, seed, *commands):
     _, q, r, rows = study(seed, "bernoulli")
     rows[:, 3] = 1.0
     here = f"{seed:4d} q {q} r {r} K {len(set(rows[:, 0])):2d} n {len(rows):4d}: "
-    with tempfile.TemporaryDirectory() as folder:
-        write(folder, "bernoulli", q, r, rows, "\n".join(["LAPLACE:Y,100", *commands]))
-        if run(program, folder, "-r", "s.mdmt")[0]:
-            return here + "no MDM file", "no data"
-        began = time.time()
-        code, said = run(program, folder, "-results", "s.json", "s.mdm", "s.kdr")
-        seconds = time.time() - began
-        if code:
-            return here + f"code {code}: {said.strip().splitlines()[-1][:80]}", "pql failed"
-        with open(f"{folder}/s.json") as file:
-            document = json.load(file)
-    phases = {p["phase"]: p for p in document["phases"]}
-    if "laplace6" not in phases:
-        return here + "no results: " + " | ".join(document["warnings"])[:150], "no results, said" if document["warnings"] else "SILENT"
-    p = phases["laplace6"]
-    lower = lambda t: [t[a][b] for a, b in pairs(len(t))]
-    gamma = [row["estimate"] for row in p["fixed_effects"]]
-    errors = [e["standard_error"] or [[None] * n] * n for e, n in ((p["tau_pi"], q), (p["tau_beta"], r))]
-    se = np.array([np.nan if x is None else x for x in lower(errors[0]) + lower(errors[1]) +
-                   [row["model_based"]["standard_error"] if row["model_based"] else None for row in p["fixed_effects"]]], float)
+    found, ending = fitted(program, "bernoulli", q, r, rows, "\n".join(["LAPLACE:Y,100", *commands]), "laplace6")
+    if found is None:
+        return here + ending[0], ending[1]
     dense = Dense(q, r, rows, *((31, 41) if q + r == 2 else (11, 21)))
-    taus = np.array(p["tau_pi"]["estimate"]), np.array(p["tau_beta"]["estimate"])
-    value, step, right, least, higher, integral, first = dense.judge6(*taus, np.array(gamma))
-    gap = abs(value - p["marginal_log_likelihood"])
-    far = np.nanmax(np.abs(step) / right)
-    both = ~np.isnan(se) & ~np.isnan(right) & (se > 0)
-    off = np.max(np.abs(se[both] / right[both] - 1)) if both.any() else np.nan
-    missing = int(np.sum(np.isnan(se) != np.isnan(right)))
-    warnings = [w for w in p["warnings"] + document["warnings"] if "macro" not in w]
+    value, step, right, least, higher, integral, first = dense.judge6(*found.taus, found.gamma)
+    gap, far, (off, missing) = abs(value - found.value), np.nanmax(np.abs(step) / right), apart(found.se, right)
     fine = gap < 1e-5 and far < 0.01 and off < 0.01 and least > 0 and not missing and higher < value + 1e-3
-    verdict = "right" if fine and not warnings else "right, warned" if fine else "said so" if warnings else "MISS"
     nearer = not abs(value - integral) > abs(first - integral)
-    return (here + f"{p['iterations']:2d} iterations, {seconds:.1f} s, taus {np.diag(taus[0])} {np.diag(taus[1])}, gap {gap:.1e}, "
-            f"{far:.5f} se, errors {100 * off:.3f}%, more {higher - value:.1e}, integral {value - integral:.3f} (first order "
-            f"{first - integral:.3f}){'' if nearer else ' NOT nearer'}" + (f", {missing} differ" if missing else "") +
-            "".join("\n     " + w for w in warnings)), verdict
-
-
-def main(program, first, last, *commands):
-    verdicts, nearer = [], []
-    for seed in range(int(first), int(last) + 1):
-        try:
-            line, verdict = one(os.path.abspath(program), seed, commands)
-        except np.linalg.LinAlgError as error:
-            line, verdict = f"{seed:4d} oracle: {error}", "no oracle"
-        except subprocess.TimeoutExpired:
-            line, verdict = f"{seed:4d}", "more than 300 s"
-        verdicts.append(verdict)
-        nearer += [0 if "NOT" in line else 1] if "integral" in line and "integral nan" not in line else []
-        print(f"{line} -> {verdict}", flush=True)
-    print(f"{len(verdicts)} studies:", ", ".join(f"{verdicts.count(v)} {v}" for v in sorted(set(verdicts))),
-          f"; nearer to the integral than the first order: {sum(nearer)} of {len(nearer)}")
+    return (here + f"{found.phase['iterations']:2d} iterations, {found.seconds:.1f} s, taus {np.diag(found.taus[0])} "
+            f"{np.diag(found.taus[1])}, gap {gap:.1e}, {far:.5f} se, errors {100 * off:.3f}%, more {higher - value:.1e}, "
+            f"integral {value - integral:.3f} (first order {first - integral:.3f}){'' if nearer else ' NOT nearer'}"
+            + (f", {missing} differ" if missing else "") + "".join("\n     " + w for w in found.warnings)), verdictof(fine, found.warnings)
 
 
 if __name__ == "__main__":
     np.set_printoptions(precision=4, suppress=True)
-    main(*sys.argv[1:])
+    known = ["NOT" not in line for line in studies(one, *sys.argv[1:]) if "integral" in line and "integral nan" not in line]
+    print(f"nearer to the integral than the first order: {sum(known)} of {len(known)}")

@@ -20,6 +20,7 @@ import subprocess
 import sys
 import tempfile
 import time
+from types import SimpleNamespace
 import numpy as np
 from scipy.special import gammaln, logsumexp
 
@@ -264,66 +265,86 @@ class Oracle:
         return value, J @ V @ score[free], se, least
 
 
-def one(program, seed, points, effects="", *commands):
-    outcome, q, r, rows = study(seed)
-    q, r = map(int, effects or (q, r))
-    here = f"{seed:4d} {outcome:9s} q {q} r {r} K {len(set(rows[:, 0])):2d} n {len(rows):4d}: "
+def fitted(program, outcome, q, r, rows, engine, name):
+    """What a whole run has found in the phase of this name; or, where there is none, the end of a line and its verdict."""
     with tempfile.TemporaryDirectory() as folder:
-        write(folder, outcome, q, r, rows, "\n".join([f"AGQ:Y,100,{points}", *commands]))
-        code, said = run(program, folder, "-r", "s.mdmt")
-        if code:
-            return here + "no MDM file", "no data"
+        write(folder, outcome, q, r, rows, engine)
+        if run(program, folder, "-r", "s.mdmt")[0]:
+            return None, ("no MDM file", "no data")
         began = time.time()
         code, said = run(program, folder, "-results", "s.json", "s.mdm", "s.kdr")
         seconds = time.time() - began
         if code:
-            return here + f"code {code}: {said.strip().splitlines()[-1][:80]}", "pql failed"
+            return None, (f"code {code}: {said.strip().splitlines()[-1][:80]}", "pql failed")
         with open(f"{folder}/s.json") as file:
             document = json.load(file)
     phases = {p["phase"]: p for p in document["phases"]}
-    if "quadrature" not in phases:
-        return here + "no results: " + " | ".join(document["warnings"])[:150], "said so" if document["warnings"] else "SILENT"
-    p = phases["quadrature"]
+    if name not in phases:
+        return None, ("no results: " + " | ".join(document["warnings"])[:150], "said so" if document["warnings"] else "SILENT")
+    p = phases[name]
     lower = lambda t: [t[a][b] for a, b in pairs(len(t))]
-    gamma = [row["estimate"] for row in p["fixed_effects"]]
-    se = np.array([np.nan if x is None or x == 0 else x for x in lower(p["tau_pi"]["standard_error"]) + lower(p["tau_beta"]["standard_error"]) +
-                   [row["model_based"]["standard_error"] if row["model_based"] else None for row in p["fixed_effects"]]], float)
+    errors = [e["standard_error"] or [[None] * n] * n for e, n in ((p["tau_pi"], q), (p["tau_beta"], r))]
+    se = lower(errors[0]) + lower(errors[1]) + [row["model_based"] and row["model_based"]["standard_error"] for row in p["fixed_effects"]]
+    return SimpleNamespace(
+        phase=p, seconds=seconds, value=p["marginal_log_likelihood"],
+        taus=(np.array(p["tau_pi"]["estimate"]), np.array(p["tau_beta"]["estimate"])),
+        gamma=np.array([row["estimate"] for row in p["fixed_effects"]]),
+        se=np.array([np.nan if not x else x for x in se], float),
+        edge=any(sum(p["tau_pi"]["at_edge"] + p["tau_beta"]["at_edge"], [])),
+        warnings=[w for w in p["warnings"] + document["warnings"] if "macro" not in w]), None
+
+
+def apart(se, right):
+    """The largest share by which standard errors are off, and how many only one side has."""
+    both = ~np.isnan(se) & ~np.isnan(right)
+    return np.max(np.abs(se[both] / right[both] - 1), initial=0), int(np.sum(np.isnan(se) != np.isnan(right)))
+
+
+def verdictof(fine, warnings):
+    return "right" if fine and not warnings else "right, warned" if fine else "said so" if warnings else "MISS"
+
+
+def one(program, seed, points, effects="", *commands):
+    outcome, q, r, rows = study(seed)
+    q, r = map(int, effects or (q, r))
+    here = f"{seed:4d} {outcome:9s} q {q} r {r} K {len(set(rows[:, 0])):2d} n {len(rows):4d}: "
+    found, ending = fitted(program, outcome, q, r, rows, "\n".join([f"AGQ:Y,100,{points}", *commands]), "quadrature")
+    if found is None:
+        return here + ending[0], ending[1]
     # Where they differ the oracle takes more nodes: those around modes want many where a slope of few records varies much.
     grids = {(1, 1): ((21, 31), (41, 61)), (2, 1): ((15, 15), (41, 15)), (1, 2): ((15, 15), (31, 31))}
     diagonal = "DIAGONALIZETAUPI:Y" in commands, "DIAGONALIZETAUBETA:Y" in commands
     for grids in grids.get((q, r), ((9, 9), (15, 11), (25, 15)) if max(q, r) < 3 else ((9, 9), (15, 13))):
         oracle = Oracle(outcome, q, r, rows, *grids, diagonal)
-        value, step, right, least = oracle.judge(np.array(p["tau_pi"]["estimate"]), np.array(p["tau_beta"]["estimate"]), np.array(gamma))
-        gap = abs(value - p["marginal_log_likelihood"])
-        far = np.nanmax(np.abs(step) / right)
-        both = ~np.isnan(se) & ~np.isnan(right)
-        off = np.max(np.abs(se[both] / right[both] - 1))
-        missing = int(np.sum(np.isnan(se) != np.isnan(right)))
+        value, step, right, least = oracle.judge(*found.taus, found.gamma)
+        gap, far, (off, missing) = abs(value - found.value), np.nanmax(np.abs(step) / right), apart(found.se, right)
         fine = gap < 0.01 and far < 0.02 and off < 0.02 and least > 0 and not missing
         if fine:
             break
-    edge = any(sum(p["tau_pi"]["at_edge"] + p["tau_beta"]["at_edge"], []))
-    warnings = [w for w in p["warnings"] + document["warnings"] if "macro" not in w]
-    verdict = "right" if fine and not warnings else "right, warned" if fine else "said so" if warnings else "MISS"
-    return (here + f"{p['points']:2d} points, {p['iterations']:2d} iterations, {seconds:.1f} s, taus {np.diag(p['tau_pi']['estimate'])} "
-            f"{np.diag(p['tau_beta']['estimate'])}, gap {gap:.5f}, {far:.4f} se, errors {100 * off:.2f}%"
-            + (", edge" if edge else "") + (f", {missing} differ" if missing else "") + "".join("\n     " + w for w in warnings)), verdict
+    p = found.phase
+    return (here + f"{p['points']:2d} points, {p['iterations']:2d} iterations, {found.seconds:.1f} s, taus {np.diag(found.taus[0])} "
+            f"{np.diag(found.taus[1])}, gap {gap:.5f}, {far:.4f} se, errors {100 * off:.2f}%" + (", edge" if found.edge else "")
+            + (f", {missing} differ" if missing else "") + "".join("\n     " + w for w in found.warnings)), verdictof(fine, found.warnings)
 
 
-def main(program, first, last, points="AUTO", *how):
-    verdicts = []
+def studies(one, program, first, last, *how):
+    """Prints a line for each study and counts the verdicts; the lines."""
+    lines, verdicts = [], []
     for seed in range(int(first), int(last) + 1):
         try:
-            line, verdict = one(os.path.abspath(program), seed, points, *how)
+            line, verdict = one(os.path.abspath(program), seed, *how)
         except np.linalg.LinAlgError as error:
             line, verdict = f"{seed:4d} oracle: {error}", "no oracle"
         except subprocess.TimeoutExpired:
             line, verdict = f"{seed:4d}", "more than 300 s"
+        lines.append(line)
         verdicts.append(verdict)
         print(f"{line} -> {verdict}", flush=True)
     print(f"{len(verdicts)} studies:", ", ".join(f"{verdicts.count(v)} {v}" for v in sorted(set(verdicts))))
+    return lines
 
 
 if __name__ == "__main__":
     np.set_printoptions(precision=4, suppress=True)
-    main(*sys.argv[1:])
+    program, first, last, points, *how = sys.argv[1:] + ["AUTO"] * (len(sys.argv) < 5)
+    studies(one, program, first, last, points, *how)

@@ -52,7 +52,7 @@ def main():
         print('W %g, spread %.2f: tau2 %.4f tau3 %.4f constant %.4f (%.4f), log-likelihood %.4f' % (
             size, (1 + (size * C2) ** 2 * C3 / C2) ** 0.5, theta[0], theta[1], theta[2], errors[2], best))
         subprocess.run([program, '-q', '-r', 'y.mdmt'], cwd=folder, stdout=subprocess.DEVNULL, check=True)
-        for points in (5, 7, 11, 15, 21, 31, 51, 101):
+        for points in (1, 5, 7, 11, 15):
             with open(folder + '/y.kdr', 'w') as f:
                 f.write(COMMANDS % points)
             console = subprocess.run([program, '-q', 'y.mdm', 'y.kdr'], cwd=folder, capture_output=True, text=True).stdout

@@ -225,6 +225,8 @@ PointsCheck Search::compare(const Run& before, const Run& after, int next) const
   const std::size_t P = likelihood.frame.count();
   for (std::size_t i = 0; i < P; ++i) {
     const double first = before.errors.covariance[i * P + i], second = after.errors.covariance[i * P + i];
+    // What is at its edge with one number alone has changed wholly.
+    if ((first > 0.0) != (second > 0.0)) check.errorchange = std::max(check.errorchange, 1.0);
     if (!(first > 0.0) || !(second > 0.0)) continue;
     check.errorchange = std::max(check.errorchange, std::fabs(std::sqrt(second / first) - 1.0));
   }

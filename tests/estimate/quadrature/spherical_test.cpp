@@ -8,8 +8,8 @@
 
 #include "estimate/likelihood/madestudy.h"
 #include "estimate/quadrature/densecases.h"
+#include "estimate/quadrature/laplacescores.h"
 #include "estimate/quadrature/movingquadrature.h"
-#include "estimate/quadrature/onepoint.h"
 
 namespace {
 
@@ -69,18 +69,7 @@ TEST(Spherical, LaplaceGradientIsADerivative) {
     const Parameters place = makeparameters(c.q, c.r, reference(c.name, "start"));
     RecordSource source = study.source();
     SphericalLikelihood likelihood = likelihoodof(study, source, place, 3);
-    const Array<double> point = pointof(likelihood.frame, place);
-    const Evaluation centre = evaluatelaplace(likelihood, point);
-    ASSERT_TRUE(centre.usable) << c.name;
-    for (std::size_t i = 0; i < point.size(); ++i) {
-      constexpr double h = 1e-4;
-      Array<double> up = point.copy(), down = point.copy();
-      up[i] += h;
-      down[i] -= h;
-      const double slope =
-          (evaluatelaplace(likelihood, up).value - evaluatelaplace(likelihood, down).value) / (2.0 * h);
-      EXPECT_NEAR(centre.score[i], slope, 1e-6 * std::max(1.0, std::fabs(slope))) << c.name << " " << i;
-    }
+    laplacescores::expectscore(likelihood, pointof(likelihood.frame, place), 1e-6, c.name);
   }
 }
 
