@@ -32,6 +32,22 @@ void ordergroups(int groups) {
   }
 }
 
+// The symbol of a fixed effect, which in data of two levels is a level-2 coefficient.
+std::string symbolof(const ModelRows& rows, std::size_t g) {
+  if (run.mdm.twolevel()) return formatted("B%s", termdigits(rows, rows.termof(rows.effects[g])).c_str());
+  return formatted("G%s", run.model.coef.gammasubs[g].text);
+}
+
+// Its variables and its symbol.
+std::string effectname(const ModelRows& rows, std::size_t g) {
+  const EffectRow& effect = rows.effects[g];
+  std::string name =
+      formatted("%8.8s/%8.8s", run.mdm.names1[static_cast<std::size_t>(rows.owner(effect).variable)].text,
+                run.mdm.names2[static_cast<std::size_t>(rows.termof(effect).variable)].text);
+  if (!run.mdm.twolevel()) name += formatted("/%8.8s", run.mdm.names3[static_cast<std::size_t>(effect.variable)].text);
+  return name + ", " + symbolof(rows, g);
+}
+
 // A contrast row of hypothesis h behind the rows that stand.
 void askcontrast(int h) {
   Model& model = run.model;
@@ -42,11 +58,7 @@ void askcontrast(int h) {
   for (std::size_t g = 0; g < rows.effects.size(); ++g) {
     const EffectRow& effect = rows.effects[g];
     if (effect.removed || rows.owner(effect).threshold) continue;
-    const std::string prompt =
-        formatted(" Enter contrast value for %8.8s/%8.8s/%8.8s, G%s (0 to ignore)",
-                  run.mdm.names1[static_cast<std::size_t>(rows.owner(effect).variable)].text,
-                  run.mdm.names2[static_cast<std::size_t>(rows.termof(effect).variable)].text,
-                  run.mdm.names3[static_cast<std::size_t>(effect.variable)].text, run.model.coef.gammasubs[g].text);
+    const std::string prompt = formatted(" Enter contrast value for %s (0 to ignore)", effectname(rows, g).c_str());
     model.contrasts[start + g] = askreal(prompt.c_str(), -1000000.0, 1000000.0);
   }
 }
@@ -168,7 +180,7 @@ void constraintquestions() {
     bool chosen = false;
     for (std::size_t g = 0; g < constraints.size(); ++g) {
       if (constraints[g] != 0 || rows.owner(rows.effects[g]).threshold) continue;
-      if (!askyesno(formatted(" Do you want to constrain G%s?", run.model.coef.gammasubs[g].text).c_str())) continue;
+      if (!askyesno(formatted(" Do you want to constrain %s?", symbolof(rows, g).c_str()).c_str())) continue;
       constraints[g] = groups + 1;
       chosen = true;
     }

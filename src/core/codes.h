@@ -47,8 +47,8 @@ inline constexpr CodeWord<LatentRole> roleletters[] = {
 // The raw data that an MDM file was made from, by the code in its head.
 enum class RawType { ascii = 2, systat = 3, sas = 5, spss = 6, stata = 8, other = 9 };
 
-// What the levels of an MDM file mean, by the code in its head: picks the report's symbols. In `twolevel` each level-3 unit
-// is one level-2 unit and stands for nothing: the model has no level 3.
+// What the levels of an MDM file mean, by the code in its head: picks the report's symbols. In `twolevel` each level-3
+// unit is one level-2 unit and stands for nothing: the model has no level 3.
 enum class MdmType { ordinary, measurement, growth, measuredgrowth, twolevel };
 
 }  // namespace kdr

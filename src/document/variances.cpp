@@ -91,8 +91,8 @@ Json intraclass(const Subject& subject, double sigma2, const Array<double>& taup
   const bool two = subject.twolevel;
   const ModelRows rows = modelrows(model);
   const bool null = model.outcome.linear() && model.autovknown == 0 && rows.effects.size() == 1 && taupi.size() == 1 &&
-                    taubeta.size() == (two ? 0 : 1) && rows.coefficients[0].variable == 0 && rows.terms[0].variable == 0 &&
-                    rows.effects[0].variable == 0;
+                    taubeta.size() == (two ? 0 : 1) && rows.coefficients[0].variable == 0 &&
+                    rows.terms[0].variable == 0 && rows.effects[0].variable == 0;
   if (!null) return {};
   const double between = two ? 0.0 : taubeta[0], total = sigma2 + taupi[0] + between;
   return {{"share_level1", number(sigma2 / total)},

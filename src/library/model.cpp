@@ -27,7 +27,8 @@ kdr3_status addterm(kdr3_model& model, std::vector<kdr3_model::Term>& list, int 
   if (term.variable < 0) return error(unknownname(level, name));
   if (!centeringknown(term.centering)) return error("A centering is raw, by the group mean or by the grand mean.");
   if (level == (model.data->mdm.twolevel() ? 2 : 3) && term.centering == KDR3_GROUPMEAN)
-    return error(formatted("A level-%d variable has no groups to be centered in: %s.", level, name));
+    return error(formatted("A level-%d variable has no groups to be centered in: %s.", level,
+                           name == nullptr ? "the intercept" : name));
   for (const kdr3_model::Term& other : list) {
     if (other.owner == term.owner && other.variable == term.variable)
       return error("The term " + model.data->names[level - 1][static_cast<std::size_t>(term.variable)] +

@@ -395,8 +395,8 @@ def dialogue(folder):
     code, said = talk("passed ~ year + (1 | school)", "binomial", "", "d")
     c("The event of passed is yes." in said and code == 0, said[-300:])
     # the questions about a model of an MDM file of two levels: none is about a third one; 1 is no centering of level 2
-    code, said = talk("n", "SCORE", "YEAR", "0", "n", "n", "SES", "0", "0", "n", "n", "n", "y", "1", "2", "n", "0", "0", "n", "n", "n", "500", "",
-                      "q.txt", words=("p.mdm",))
+    code, said = talk("n", "SCORE", "YEAR", "0", "n", "n", "SES", "0", "0", "n", "n", "n", "y", "1", "2", "n", "0", "0", "y", "n", "y", "y", "n", "y",
+                      "y", "0", "1", "n", "n", "n", "n", "500", "", "q.txt", words=("p.mdm",))
     c(code == 0 and not THIRD.search(said) and "What variable" not in said, said[-900:])
     lines = open(f"{folder}/newcmd.kdr").read()
     c("LEVEL2:INTRCPT1=INTRCPT2+SES,2+RANDOM/\nLEVEL2:YEAR=INTRCPT2+RANDOM/\n" in lines and not THIRD.search(lines), lines)

@@ -18,8 +18,8 @@ namespace kdr {
 // squared least-squares residual over its sampling variance. Leaves the residuals of level 3 in pass.vlsq.
 [[nodiscard]] VarianceTests variancetests(Pass& pass);
 
-// The covariance of the fixed effects from the scores of the independent units (the cluster sandwich of Liang and Zeger,
-// 1986), g squared; empty when it is not usable. With `leastsquares` the scores and the covariance are those of
+// The covariance of the fixed effects from the scores of the independent units (the cluster sandwich of Liang and
+// Zeger, 1986), g squared; empty when it is not usable. With `leastsquares` the scores and the covariance are those of
 // ordinary least squares.
 [[nodiscard]] Array<double> robustcovariance(Pass& pass, bool leastsquares);
 // Some coefficient of the level below has fewer than 20 independent units left after its terms.
