@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "app/bootstrapjob.h"
 #include "app/enginelines.h"
 #include "app/seriesrun.h"
 #include "driver/failures.h"
@@ -230,6 +231,7 @@ PassResults nonlinearjob(const Analysis& analysis, const CategoryTable& table) {
     documentwarning(words);
     sentences(words);
   }
+  bootstrapjob(fit);
   return std::move(fit.state.unitspecific);
 }
 

@@ -112,6 +112,7 @@ Failure outerlaplace(Pass& pass, MacroState& state, const PassResults& before, b
   const EngineResult& fit = result.fit;
   stopped = stopped || fit.stopped;
   PassResults results = resultsof(pass, PassKind::laplace6, fit, before);
+  takeshares(pass, state.moments, results);
   warnofseparation(state, results);
   const bool usable = fit.end != EngineEnd::failed;
   if (fit.end == EngineEnd::estimated)
@@ -173,6 +174,7 @@ Failure quadrature(Pass& pass, MacroState& state, const PassResults& before) {
   if (storefailure(pass.store)) return storefailure(pass.store);
   const EngineResult& fit = result.fit;
   PassResults results = resultsof(pass, PassKind::quadrature, fit, before);
+  takeshares(pass, state.moments, results);
   warnofseparation(state, results);
   const bool estimated = fit.end == EngineEnd::estimated;
   const bool takenover = fit.end != EngineEnd::failed && !fit.farbelow;
@@ -292,6 +294,7 @@ Failure laplace(Pass& pass, MacroState& state, const PassResults& before, bool& 
     return {};
   }
   PassResults results = movingresults(pass, PassKind::laplace6, moving, fit, before);
+  takeshares(pass, state.moments, results);
   warnofseparation(state, results);
   const LaplaceFindings& found = moving.laplace;
   results.reliabilities = {found.rel2.copy(), found.rel3.copy(), found.nrel2, found.nrel3};
@@ -319,6 +322,7 @@ Failure movingnodes(Pass& pass, MacroState& state, const PassResults& before) {
     return {};
   }
   PassResults results = movingresults(pass, PassKind::quadrature, moving, fit, before);
+  takeshares(pass, state.moments, results);
   warnofseparation(state, results);
   results.quadrature = {moving.points, moving.check.made ? moving.check.next : 0, moving.check.change,
                         moving.check.errorchange, moving.check.agrees};
