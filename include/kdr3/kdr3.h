@@ -103,7 +103,8 @@ KDR3_PUBLIC kdr3_status kdr3_model_level3(kdr3_model* model, int term, const cha
 
 /* Sets a control by the name of its keyword, without regard to case: NUMIT, MACROIT, MICROIT, STOPVAL, STOPMICRO,
  * STOPMACRO, ACCEL, FISHERTYPE, REML (1: restricted likelihood), DDF (degrees of freedom: 0 counts, 1 Satterthwaite,
- * 2 Kenward and Roger), DDFOBSERVED, EDGECOVFULL and CR2 (0 or 1, as DDF:...,OBSERVED, EDGECOV:FULL and ROBUST:CR2),
+ * 2 Kenward and Roger), DDFOBSERVED, EDGECOVFULL, CR2, PROFILE and SHARES (0 or 1, as DDF:...,OBSERVED, EDGECOV:FULL,
+ * ROBUST:CR2, PROFILE:Y and SHARES:Y; what they add is in the results document),
  * FIXSIGMA2 (0 frees it; an engine or categories hold it at 1), DIAGONALIZETAUPI, DIAGONALIZETAUBETA (0 or 1), LAPLACE
  * (most iterations, 0 is off), AGQ (points, 0 is off), AGQIT (most iterations), AGQAUTO (1: as many points as the data
  * need), AGQNODESFIXED (0 or 1, as AGQNODES:FIXED), AGQDERIVLEVEL, POPAVIT, THREADS (0: one for each core). Errors: an unknown name, a value that the keyword refuses. */

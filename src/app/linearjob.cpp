@@ -3,6 +3,7 @@
 #include <string>
 #include <utility>
 
+#include "app/bootstrapjob.h"
 #include "driver/failures.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
@@ -65,6 +66,7 @@ PassResults linearjob(const Analysis& analysis) {
   } else {
     reportline("No iterations were asked for, so there is no likelihood to report.");
   }
+  if (iterated && ordinary) bootstrapjob(fit, results);
   if (ordinary && haveexploratory(run.model)) {
     const ExploratoryAnalysis analysed = exploratory(fit.pass);
     stopif(storefailure(fit.pass.store));

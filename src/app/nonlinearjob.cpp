@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "app/bootstrapjob.h"
 #include "app/enginelines.h"
 #include "app/seriesrun.h"
 #include "driver/failures.h"
@@ -252,6 +253,7 @@ PassResults nonlinearjob(const Analysis& analysis, const CategoryTable& table) {
     documentwarning(words);
     sentences(words);
   }
+  bootstrapjob(fit);
   MacroState& state = fit.state;
   if (state.end != MacroEnd::failed) return std::move(state.unitspecific);
   return std::move(state.quadrature ? *state.quadrature : *state.laplace6);

@@ -63,6 +63,9 @@ constexpr const char* help =
     "  -w               end after a pause of some seconds\n"
     "  -results FILE    write the results as a document (.json) or a table (.csv)\n"
     "  -reml            restricted maximum likelihood (LIKELIHOOD:REML)\n"
+    "  -bootstrap N     bootstrap intervals from N replicates, drawn from the fitted model\n"
+    "  -cases           with -bootstrap: level-3 units drawn with replacement\n"
+    "  -seed S          with -bootstrap: number that the replicates follow from (1)\n"
     "  -strict          stop at what the command file says in vain (code 8 or 100); code 20 when not converged\n"
     "  -i 1             keep the data in memory\n"
     "  -t N             threads of the maximum-likelihood engines\n"
@@ -169,10 +172,8 @@ bool wordoption(const std::string& word) {
     run.id.waitseconds = -1;
     fail(0);
   }
-  if (sameword(word, "-reml")) {
-    run.id.restricted = true;
-    return true;
-  }
+  if (sameword(word, "-reml")) return run.id.restricted = true;
+  if (sameword(word, "-cases")) return run.id.cases = true;
   if (!sameword(word, "-strict")) return false;
   run.id.strict = true;
   return true;
@@ -196,6 +197,7 @@ std::string standardinput() {
 // One long file in the place of a template: options of whole words.
 struct OneFileOptions {
   std::string from, level3, level2, missing;
+  std::string bootstrap, seed;
   std::vector<std::string> level1;  // of each -level1
   bool factors = false;
   FitRequest fit;
@@ -251,6 +253,8 @@ std::string* argumentof(OneFileOptions& options, const char* word) {
   if (strcasecmp(word, "-level1") == 0) return &options.level1.emplace_back();
   if (strcasecmp(word, "-missing") == 0) return &options.missing;
   if (strcasecmp(word, "-results") == 0) return &run.files.results;
+  if (strcasecmp(word, "-bootstrap") == 0) return &options.bootstrap;
+  if (strcasecmp(word, "-seed") == 0) return &options.seed;
   FitRequest& fit = options.fit;
   const std::pair<const char*, std::string*> offit[] = {{"-fit", &fit.formula},         {"-o", &fit.stem},
                                                         {"-family", &fit.family},       {"-trials", &fit.trials},
@@ -269,6 +273,23 @@ bool markof(OneFileOptions& options, const std::string& word) {
   if (sameword(word, "-robust")) return options.fit.robust = true;
   if (sameword(word, "-page")) return options.page = true;
   return false;
+}
+
+// Replicates and seed of the bootstrap.
+void takebootstrap(const OneFileOptions& given) {
+  constexpr int least = 20, most = 1000000;
+  if (given.bootstrap.empty()) {
+    if (run.id.cases || !given.seed.empty()) stopwith("-cases and -seed go with -bootstrap N.\n");
+    return;
+  }
+  run.id.bootstrap = wholeof(given.bootstrap).value_or(0);
+  if (run.id.bootstrap < least || run.id.bootstrap > most)
+    stopwith("-bootstrap takes a number of replicates from %d to %d. It cannot be %s\n", least, most,
+             given.bootstrap.c_str());
+  if (given.seed.empty()) return;
+  const std::optional<int> seed = wholeof(given.seed);
+  if (!seed || *seed < 0) stopwith("-seed takes a whole number from 0 on. It cannot be %s\n", given.seed.c_str());
+  run.id.seed = static_cast<std::uint64_t>(*seed);
 }
 
 // The one word behind the options is the file of -fit.
@@ -364,6 +385,7 @@ Options readoptions(int argc, char** argv) {
     stopwith("-e (last multiple imputation) specified, but -m (multiple imputation) was not!\n");
   run.files.resultsgiven = !run.files.results.empty();
   if (overlong(run.files.results)) stopwith("The path is too long: %s\n", run.files.results.c_str());
+  takebootstrap(onefile);
   takefit(onefile, fitgiven, files, options);
   if (options.fit) return options;
   if (!files.empty()) run.files.mdmfile = files[0];

@@ -15,10 +15,12 @@
 #include <utility>
 #include <vector>
 
+#include "app/bootstrapjob.h"
 #include "app/fitdialogue.h"
 #include "app/fitsummary.h"
 #include "app/linearjob.h"
 #include "app/nonlinearjob.h"
+#include "app/nullmodel.h"
 #include "app/options.h"
 #include "app/runobserver.h"
 #include "app/seriesrun.h"
@@ -186,6 +188,7 @@ void checkfiles() {
   const RunFiles& files = run.files;
   std::vector<std::string> inputs{files.mdmfile};
   if (!leadtoone(files.cmdfile, newcommandfile)) inputs.push_back(files.cmdfile);
+  if (!files.nullmodel.empty()) inputs.push_back(files.nullmodel);
   std::vector<std::string> outputs{newcommandfile, files.startvals, resultsname()};
   if (!reportisstdout()) outputs.push_back(files.outfile);
   if (run.series.mimode || run.series.pvmode) {
@@ -256,6 +259,8 @@ void readmodel() {
   run.model.weighted = run.model.wgtvar1 != 0 || run.model.wgtvar2 != 0 || run.model.wgtvar3 != 0;
   checkengines();
   checksmallsample();
+  checkbootstrap();
+  readnullmodel();
   if (run.model.weighted) stopif(normaliseweights(run.model, run.mdm, runobserver(), run.weights));
   if (!run.series.pvmode || run.series.pvfirst)
     run.model.outname = run.mdm.names1[static_cast<std::size_t>(run.model.outvar)];

@@ -246,6 +246,29 @@ void readrobust(CommandReader&, const std::string& value) {
   if (!run.control.clusterrobust && !sameword(value, "CR0")) refusevalue("ROBUST", "CR0 or CR2", value);
 }
 
+void readprofile(CommandReader&, const std::string& value) { run.control.profile = flagof("PROFILE", value); }
+
+// SHARES:Y, N, or variables with the values at which random slopes are taken: SHARES:X=1.5,Z=0.
+void readshares(CommandReader& reader, const std::string& value) {
+  Shares& shares = run.control.shares;
+  shares.at.clear();
+  if (value.find('=') == std::string::npos) {
+    shares.asked = flagof("SHARES", value);
+    return;
+  }
+  shares.asked = true;
+  for (const std::string& field : split(value, ',')) {
+    const std::size_t sign = field.find('=');
+    const std::string name = field.substr(0, sign);
+    const std::optional<double> number = sign == std::string::npos ? std::nullopt : realof(field.substr(sign + 1));
+    if (!number) refusevalue("SHARES", "Y, N, or variables with values, as in X=1.5,Z=0", value);
+    const bool level1 = variableindex(name, run.mdm.names1, run.mdm.nvar1) > 0;
+    const int index = level1 ? variable(reader.lines.number, "SHARES", name, run.mdm.names1, run.mdm.nvar1)
+                             : variable(reader.lines.number, "SHARES", name, run.mdm.names2, run.mdm.nvar2);
+    shares.at.push_back({level1 ? 1 : 2, index, *number});
+  }
+}
+
 void readtitle(CommandReader&, const std::string& value) {
   run.files.title = titlefrom(value);
   run.answered.title = true;
@@ -326,6 +349,9 @@ constexpr Keyword keywords[] = {
     {"DDF:", 0, readddf},
     {"EDGECOV:", 0, readedgecov},
     {"ROBUST:", 0, readrobust},
+    {"PROFILE:", 0, readprofile},
+    {"SHARES:", 0, readshares},
+    {"NULLMODEL:", 0, [](CommandReader&, const std::string& value) { setpath(run.files.nullmodel, value); }},
     {"TITLE:", 0, readtitle},
     {"OUTPUT:", 0, readoutput},
     {"FULLOUTPUT:", 0,

@@ -238,6 +238,17 @@ void writetaus(std::FILE* out) {
   writeesttau(out, "ESTTAU3", held.haveesttau3, held.esttau3);
 }
 
+void writeshares(std::FILE* out, const Shares& shares) {
+  if (!shares.asked) return;
+  std::fprintf(out, "SHARES:%s", shares.at.empty() ? "Y" : "");
+  for (std::size_t i = 0; i < shares.at.size(); ++i) {
+    const auto& [level, variable, value] = shares.at[i];
+    const Name& name = level == 1 ? run.mdm.names1[variable] : run.mdm.names2[variable];
+    std::fprintf(out, "%s%s=%.17g", i > 0 ? "," : "", leftname(name).c_str(), value);
+  }
+  std::fprintf(out, "\n");
+}
+
 void writecontrol(std::FILE* out) {
   const Control& iter = run.control;
   std::fprintf(out, "FISHERTYPE:%d\n", static_cast<int>(iter.fishertype));
@@ -246,6 +257,9 @@ void writecontrol(std::FILE* out) {
     std::fprintf(out, "DDF:%s%s\n", wordof(degreeswords, iter.ddf), iter.ddfobserved ? ",OBSERVED" : "");
   if (iter.clusterrobust) std::fprintf(out, "ROBUST:CR2\n");
   if (iter.edgefull) std::fprintf(out, "EDGECOV:FULL\n");
+  if (iter.profile) std::fprintf(out, "PROFILE:Y\n");
+  writeshares(out, iter.shares);
+  if (!run.files.nullmodel.empty()) std::fprintf(out, "NULLMODEL:%s\n", run.files.nullmodel.c_str());
   if (run.out.printvc != VarianceFiles::none)
     std::fprintf(out, "PRINTVARIANCE-COVARIANCE:%s\n", wordof(varianceletters, run.out.printvc));
   std::fprintf(out, "HYPOTH:n\n");

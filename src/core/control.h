@@ -1,6 +1,9 @@
 // How an estimation runs: limits, criteria, which methods.
 #pragma once
 
+#include <optional>
+#include <vector>
+
 #include "core/codes.h"
 #include "core/tables.h"
 
@@ -25,6 +28,20 @@ enum class DegreesMethod { counts, satterthwaite, kenwardroger };
 inline constexpr CodeWord<DegreesMethod> degreeswords[] = {{DegreesMethod::counts, "COUNTS"},
                                                            {DegreesMethod::satterthwaite, "SATTERTHWAITE"},
                                                            {DegreesMethod::kenwardroger, "KENWARDROGER"}};
+
+// What is asked about the shares of variance.
+struct Shares {
+  struct Value {
+    int level = 1, variable = 0;
+    double value = 0.0;
+  };
+  bool asked = false;
+  std::vector<Value> at;  // of variables with a random slope, as they enter the model; others are 0
+  struct NullModel {
+    double sigma2 = 0.0, taupi = 0.0, taubeta = 0.0;
+  };
+  std::optional<NullModel> null;  // variances of the model without predictors
+};
 
 // How the iterations run. The field of a keyword bears the keyword's name.
 struct Control {
@@ -53,6 +70,8 @@ struct Control {
   DegreesMethod ddf = DegreesMethod::counts;  // DDF:
   bool ddfobserved = false;                   // DDF:SATTERTHWAITE,OBSERVED. By the observed information
   bool clusterrobust = false;                 // ROBUST:CR2. Bias-reduced robust errors, with degrees of freedom
+  bool profile = false;                       // PROFILE:. Intervals by the profile of the likelihood
+  Shares shares;                              // SHARES:
   bool edgefull = false;                      // EDGECOV:. The edge of the variance components is not taken as known
 };
 

@@ -4,12 +4,14 @@
 // Orders: p = ntaupi, b = ntaubeta, g = ngamma.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
 #include "core/constants.h"
 #include "core/control.h"
 #include "core/estimates.h"
+#include "core/tables.h"
 #include "kernel/array.h"
 
 namespace kdr {
@@ -68,6 +70,54 @@ struct EffectTest {
   Interval interval;
   double ratio = 0.0;  // odds or event-rate ratio, of use where the outcome has one
   Interval ratiointerval;
+};
+
+// 95% intervals of variance components. A bound that is not a number was not found.
+struct VarianceIntervals {
+  std::vector<Interval> level2, level3;                // [p], [b]: the variances
+  std::vector<Interval> correlations2, correlations3;  // of the elements below the diagonals, by rows
+  Interval sigma2;
+
+  [[nodiscard]] const std::vector<Interval>& variances(Tau which) const { return ofthe(which, level2, level3); }
+  [[nodiscard]] const std::vector<Interval>& correlations(Tau which) const {
+    return ofthe(which, correlations2, correlations3);
+  }
+};
+
+// 95% intervals by the profile of a likelihood.
+struct ProfileIntervals {
+  bool made = false;  // they were asked for, and could be had; the rest is of no use otherwise
+  VarianceIntervals variances;
+  std::vector<Interval> effects;    // [g]; none of a restricted likelihood
+  bool intraclass = false;          // the model has one variance at each level, of its intercept:
+  Interval samelevel2, samelevel3;  // the correlation of two records of a level-2 unit, of a level-3 unit
+};
+
+// Bootstrap intervals.
+struct BootstrapResults {
+  bool made = false;
+  bool cases = false;  // of level-3 units, not of outcomes drawn from the model
+  std::uint64_t seed = 0;
+  int asked = 0;                       // replicates
+  int tried = 0;                       // before it was stopped
+  int failed = 0;                      // without a fit that has converged, of those tried
+  ProfileIntervals percentile, basic;  // 95%
+};
+
+// How much of the outcome's variance lies at each level, and what the fixed effects explain.
+struct VarianceShares {
+  bool made = false;                  // they were asked for, and could be had; the rest is of no use otherwise
+  double fixed = 0.0;                 // variance of the fixed part over the records
+  double level1 = 0.0;                // of level 1: sigma2, or what stands for it on the scale of the link
+  double level2 = 0.0, level3 = 0.0;  // means over the records
+  double same2 = 0.0, same3 = 0.0;    // correlation of two records of a level-2 unit, of a level-3 unit, at `at`
+  bool response = false;              // the same on the scale of the outcome are known
+  double responsesame2 = 0.0, responsesame3 = 0.0;
+  double marginal = 0.0, conditional = 0.0;    // R squared
+  double units2 = 0.0, units3 = 0.0;           // sum n_j^2 / n of the level-2 and level-3 units
+  double designeffect = 1.0, effective = 0.0;  // of the mean outcome; records of a simple random sample as good
+  bool against = false;                        // a null model was given:
+  double explained1 = 0.0, explained2 = 0.0, explained3 = 0.0;  // the share of its variance that is gone
 };
 
 // A chi-square test. Of an average of a series it is `df` times an F statistic whose denominator has df2 degrees of
@@ -193,6 +243,9 @@ struct PassResults {
   EffectTable effects;         // by `covariance`
   EffectTable robusteffects;   // by `robust`
   VarianceTests tests;
+  VarianceIntervals intervals;  // by the standard errors, of logarithms and of Fisher's z
+  ProfileIntervals profile;
+  VarianceShares shares;
   std::vector<std::string> warnings;  // whole sentences for the head of the results
   std::vector<std::string> notes;     // the same, of what is no fault
   QuadraturePoints quadrature;

@@ -171,6 +171,11 @@ Json phaseof(const Subject& subject, const PassResults& results) {
   addvariances(phase, subject, results);
   if (!results.heterogeneous && results.kind == PassKind::linear)
     phase["intraclass_correlation"] = intraclass(subject, results.est.sigma2, results.est.taupi, results.est.taubeta);
+  const int p = subject.model.coef.ntaupi, b = subject.model.coef.ntaubeta;
+  if (!results.intervals.level2.empty() || !results.intervals.level3.empty())
+    phase["variance_intervals"] = intervalsof(results.intervals, p, b);
+  if (results.shares.made) phase["variance_shares"] = sharesof(results.shares);
+  if (results.profile.made) phase["profile_intervals"] = profileof(results.profile, p, b);
   addeffects(phase, subject, results.est.gammahat, results.effects, results.robusteffects,
              results.kind != PassKind::identity);
   phase["warnings"] = warningsof(subject, results);
@@ -314,6 +319,20 @@ void addengine(ResultsDocument& document, const Subject& subject, const EngineSt
   document.warnings.insert(document.warnings.end(), stage.behind.begin(), stage.behind.end());
   if (estimated && (!stage.takenover || doubtful)) settle(document, false);
   if (estimated && stage.separated) separate(document);
+}
+
+void addbootstrap(ResultsDocument& document, const Subject& subject, const char* phase,
+                  const BootstrapResults& results) {
+  const int p = subject.model.coef.ntaupi, b = subject.model.coef.ntaubeta;
+  for (Json& made : document.phases)
+    if (made["phase"] == phase)
+      made["bootstrap"] = {{"kind", results.cases ? "level3_units" : "parametric"},
+                           {"seed", results.seed},
+                           {"asked", results.asked},
+                           {"replicates", results.tried},
+                           {"failed", results.failed},
+                           {"percentile", profileof(results.percentile, p, b)},
+                           {"basic", profileof(results.basic, p, b)}};
 }
 
 void addmacroend(ResultsDocument& document, const MacroEvent& event) {

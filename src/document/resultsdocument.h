@@ -32,6 +32,9 @@ void addphase(ResultsDocument& document, const Subject& subject, const PassResul
 void addphases(ResultsDocument& document, const Subject& subject, const Pooled& pooled);
 // The phase of an engine that has ended, if there are results, and what has come of them.
 void addengine(ResultsDocument& document, const Subject& subject, const EngineStage& stage, bool fixednodes);
+// The bootstrap of the phase of that name.
+void addbootstrap(ResultsDocument& document, const Subject& subject, const char* phase,
+                  const BootstrapResults& results);
 // How the macro iterations ended, which their last pass alone does not tell.
 void addmacroend(ResultsDocument& document, const MacroEvent& event);
 

@@ -75,6 +75,67 @@ Json variancetests(const Subject& subject, const Array<double>& taupi, const Arr
           {"level3_units", whenever(!subject.twolevel, tests.units3)}};
 }
 
+namespace {
+
+Json tauintervals(const VarianceIntervals& intervals, Tau which, int n) {
+  const std::vector<Interval>& variances = intervals.variances(which);
+  if (variances.empty()) return {};
+  Json of = Json::array(), deviations = Json::array(), correlations = Json::array();
+  const auto root = [](double x) { return x >= 0.0 ? std::sqrt(x) : x; };
+  for (int i = 0; i < n; ++i) {
+    const Interval& variance = variances[at(i)];
+    of.push_back(bounds(variance));
+    deviations.push_back(bounds({variance.known, root(variance.low), root(variance.high)}));
+    Json row = Json::array();
+    for (int j = 0; j < n; ++j) {
+      const std::size_t place = packedsize(std::max(i, j) - 1) + at(std::min(i, j));
+      row.push_back(i == j ? Json() : bounds(intervals.correlations(which)[place]));
+    }
+    correlations.push_back(std::move(row));
+  }
+  return {{"variance", std::move(of)},
+          {"standard_deviation", std::move(deviations)},
+          {"correlation", std::move(correlations)}};
+}
+
+}  // namespace
+
+Json intervalsof(const VarianceIntervals& intervals, int p, int b) {
+  return {{"sigma2", bounds(intervals.sigma2)},
+          {"tau_pi", tauintervals(intervals, Tau::pi, p)},
+          {"tau_beta", tauintervals(intervals, Tau::beta, b)}};
+}
+
+Json profileof(const ProfileIntervals& profile, int p, int b) {
+  Json made = intervalsof(profile.variances, p, b);
+  Json effects, shares;
+  for (const Interval& interval : profile.effects) effects.push_back(bounds(interval));
+  if (profile.intraclass)
+    shares = {{"same_level3_unit", bounds(profile.samelevel3)}, {"same_level2_unit", bounds(profile.samelevel2)}};
+  made["fixed_effects"] = std::move(effects);
+  made["intraclass_correlation"] = std::move(shares);
+  return made;
+}
+
+Json sharesof(const VarianceShares& shares) {
+  const auto pair = [](bool known, double same2, double same3) {
+    return known ? Json{{"same_level3_unit", number(same3)}, {"same_level2_unit", number(same2)}} : Json();
+  };
+  return {{"fixed", number(shares.fixed)},
+          {"level1", number(shares.level1)},
+          {"level2", number(shares.level2)},
+          {"level3", number(shares.level3)},
+          {"intraclass_correlation", pair(true, shares.same2, shares.same3)},
+          {"response_correlation", pair(shares.response, shares.responsesame2, shares.responsesame3)},
+          {"r_squared", {{"marginal", number(shares.marginal)}, {"conditional", number(shares.conditional)}}},
+          {"design_effect", number(shares.designeffect)},
+          {"effective_sample_size", number(shares.effective)},
+          {"explained", shares.against ? Json{{"level1", number(shares.explained1)},
+                                              {"level2", number(shares.explained2)},
+                                              {"level3", number(shares.explained3)}}
+                                       : Json()}};
+}
+
 Json edges(int n, const std::vector<bool>& edge) {
   if (edge.empty()) return {};
   Json rows = Json::array();

@@ -21,6 +21,13 @@ struct TauParts {
 
 [[nodiscard]] Json sigma2of(double estimate, bool held, bool errorknown, double error);
 
+// The members of `variance_intervals`, and of `profile_intervals`.
+[[nodiscard]] Json intervalsof(const VarianceIntervals& intervals, int p, int b);
+[[nodiscard]] Json profileof(const ProfileIntervals& profile, int p, int b);
+
+// The member `variance_shares`.
+[[nodiscard]] Json sharesof(const VarianceShares& shares);
+
 // The member `variance_tests` of the taus with these tests.
 [[nodiscard]] Json variancetests(const Subject& subject, const Array<double>& taupi, const Array<double>& taubeta,
                                  const VarianceTests& tests);

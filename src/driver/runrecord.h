@@ -29,6 +29,9 @@ struct RunIdentity {
   int threads = 0;               // -t<n>: threads of the maximum-likelihood engines; 0: one for each core
   int waitseconds = 3;           // length of the wait at every end; below 0 (-q): none at all
   bool restricted = false;       // -reml: LIKELIHOOD:REML, whatever the command file says
+  int bootstrap = 0;             // -bootstrap N: replicates; 0: none
+  std::uint64_t seed = 1;        // -seed
+  bool cases = false;            // -cases: of level-3 units
   bool strict = false;           // -strict: a run that did not converge ends with unconvergedcode
   bool unconverged = false;      // a result of the run was stopped before it converged, or given up
   bool passunconverged = false;  // the same of this pass of a series of plausible values
@@ -69,6 +72,7 @@ struct RunFiles {
   std::string title;          // problem title, at most 63 characters
   std::string startvals;      // starting-value file
   std::string graphgammas;    // graph data file
+  std::string nullmodel;      // NULLMODEL:. Results document of the model without predictors; empty: none
   std::string results;        // RESULTS:, -results. Results document; empty: none
   bool resultsgiven = false;  // by -results, which wins over RESULTS:
   std::string resfil1name, resfil2name, resfil3name;

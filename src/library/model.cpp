@@ -72,6 +72,8 @@ constexpr Setting settings[] = {
     {"DDF", 0, 2, true, [](kdr3_model& m, double v) { m.control.ddf = static_cast<DegreesMethod>(whole(v)); }},
     {"DDFOBSERVED", 0, 1, true, [](kdr3_model& m, double v) { m.control.ddfobserved = v != 0; }},
     {"CR2", 0, 1, true, [](kdr3_model& m, double v) { m.control.clusterrobust = v != 0; }},
+    {"PROFILE", 0, 1, true, [](kdr3_model& m, double v) { m.control.profile = v != 0; }},
+    {"SHARES", 0, 1, true, [](kdr3_model& m, double v) { m.control.shares.asked = v != 0; }},
     {"EDGECOVFULL", 0, 1, true, [](kdr3_model& m, double v) { m.control.edgefull = v != 0; }},
     {"FIXSIGMA2", 0, 1e300, false, [](kdr3_model& m, double v) { m.fixsigma2 = v; }},
     {"DIAGONALIZETAUPI", 0, 1, true, [](kdr3_model& m, double v) { m.diagtaupi = v != 0; }},

@@ -6,6 +6,7 @@
 #include "estimate/inference/settled.h"
 #include "report/fixedtable.h"
 #include "report/hypotheses.h"
+#include "report/intervaltables.h"
 #include "report/matrixtables.h"
 #include "report/modelstatistics.h"
 #include "report/resultsheading.h"
@@ -230,6 +231,10 @@ void passtables(const PassResults& results) {
   if (results.kind == PassKind::identity) return;
   robusttables(results);
   if (!results.tausstand()) variancetesttables(results);
+  profiletable(results.profile);
+  sharestable(results.shares);
+  for (const std::string& note : results.notes)
+    if (note.starts_with("PROFILE:") || note.starts_with("SHARES:") || note.starts_with("NULLMODEL:")) sentences(note);
 }
 
 }  // namespace kdr

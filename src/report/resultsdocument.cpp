@@ -139,6 +139,10 @@ void documentengine(const EngineStage& stage) {
   if (wanted()) addengine(collected.document, subject(), stage, run.control.agqfixed);
 }
 
+void documentbootstrap(const char* phase, const BootstrapResults& results) {
+  if (wanted()) addbootstrap(collected.document, subject(), phase, results);
+}
+
 void documentwarning(const std::string& words) {
   if (wanted()) collected.document.warnings.push_back(words);
 }

@@ -26,6 +26,8 @@ void documentaverages(const Pooled& pooled, std::span<const int> failed);
 // What is known behind a phase: of the macro iterations, and of an engine that has ended.
 void documentmacroend(const MacroEvent& event);
 void documentengine(const EngineStage& stage);
+// Of the phase of that name.
+void documentbootstrap(const char* phase, const BootstrapResults& results);
 // A sentence about the run as a whole.
 void documentwarning(const std::string& words);
 

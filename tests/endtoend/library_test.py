@@ -73,6 +73,10 @@ MODELS = {
                          calls=["set NUMIT 300", "constrain 5 0 1 0 1 0", "hypothesis 1 5 1 0 0 -1 0"]),
     "restricted": Model("YPOIS", 0, SLOPES, keywords=LINEAR + " ESTTAU2:E,0.1,E CONTAU3:1,3",
                         calls=["set NUMIT 300", "restrict 2 2 nan 0.1 0.1 nan 0 0 0 0", "restrict 3 2 nan nan nan nan 1 0 0 1"]),
+    "few units": Model("YPOIS", 0, SLOPES, keywords=LINEAR + " LIKELIHOOD:REML DDF:KENWARDROGER ROBUST:CR2 EDGECOV:FULL PROFILE:Y SHARES:Y",
+                       calls=["set NUMIT 300", *(f"set {name} {value}" for name, value in (
+                           ("REML", 1), ("DDF", 2), ("CR2", 1), ("EDGECOVFULL", 1), ("PROFILE", 1), ("SHARES", 1)))]),
+    "observed": Model("X1", 0, INTERCEPTS, keywords=LINEAR + " DDF:SATTERTHWAITE,OBSERVED", calls=["set NUMIT 300", "set DDF 1", "set DDFOBSERVED 1"]),
     "weighted": Model("X1", 0, INTERCEPTS, keywords=LINEAR + " LEVEL1WEIGHT:W1 LEVEL2WEIGHT:W2 FIXSIGMA2:0.8",
                       calls=["set NUMIT 300", "weights W1 W2 - -", "set FIXSIGMA2 0.8"]),
     "known variances": Model("X1", 0, INTERCEPTS, keywords=LINEAR + " VARIANCEKNOWN:W1",

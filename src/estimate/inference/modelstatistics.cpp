@@ -7,6 +7,7 @@
 
 #include "estimate/inference/degreesoffreedom.h"
 #include "estimate/inference/teststatistics.h"
+#include "estimate/inference/varianceintervals.h"
 #include "kernel/distributions.h"
 #include "kernel/sizes.h"
 
@@ -88,6 +89,8 @@ void complete(PassResults& results, const Model& model, const UnitCounts& counts
   const Array<double>& gamma = results.est.gammahat;
   results.effects = effecttable(gamma, results.covariance, results.degrees);
   results.robusteffects = effecttable(gamma, results.robust, results.robustdegrees);
+  if (!results.heterogeneous && !results.tausstand() && results.kind != PassKind::identity)
+    results.intervals = varianceintervals(results.est, results.errors, model.coef.ntaupi, model.coef.ntaubeta);
   addhypotheses(results.effects, model, gamma, results.covariance);
   addhypotheses(results.robusteffects, model, gamma, results.robust);
 }

@@ -113,6 +113,7 @@ Failure outerlaplace(Pass& pass, MacroState& state, const PassResults& before, b
   const EngineResult& fit = result.fit;
   stopped = stopped || fit.stopped;
   PassResults results = resultsof(pass, PassKind::laplace6, fit, before);
+  takeshares(pass, state.moments, results);
   warnofseparation(state, results);
   const bool usable = fit.end != EngineEnd::failed;
   if (fit.end == EngineEnd::estimated)
@@ -174,6 +175,7 @@ Failure quadrature(Pass& pass, MacroState& state, const PassResults& before) {
   if (storefailure(pass.store)) return storefailure(pass.store);
   const EngineResult& fit = result.fit;
   PassResults results = resultsof(pass, PassKind::quadrature, fit, before);
+  takeshares(pass, state.moments, results);
   warnofseparation(state, results);
   const bool estimated = fit.end == EngineEnd::estimated;
   const bool takenover = fit.end != EngineEnd::failed && !fit.farbelow;
@@ -300,6 +302,7 @@ Failure runengine(Pass& pass, MacroState& state, const PassResults& before, cons
   PassResults results;
   if (moving.usable) {
     results = movingresults(pass, made.kind, moving, fit, before);
+    takeshares(pass, state.moments, results);
     warnofseparation(state, results);
     takemoving(pass, moving, results);
     own(moving, results);

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "estimate/inference/smallsample.h"
-#include "estimate/linear/marginalsums.h"
+#include "estimate/linear/marginalvalue.h"
 
 namespace kdr {
 

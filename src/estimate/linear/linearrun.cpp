@@ -17,6 +17,7 @@ PassPlan linearplan(const Analysis& analysis) {
   PassPlan plan;
   plan.fixsigma2 = analysis.model.restrictions.fixsigma2.value_or(0.0);
   plan.restricted = analysis.control.restricted;
+  plan.shares = true;
   plan.leastsquares = analysis.wanted.leastsquares;
   plan.searching = Searching::atedge;
   plan.hetit = analysis.control.hetit;

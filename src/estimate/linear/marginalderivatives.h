@@ -7,7 +7,7 @@
 
 #include <optional>
 
-#include "estimate/linear/marginalsums.h"
+#include "estimate/linear/marginalvalue.h"
 
 namespace kdr {
 

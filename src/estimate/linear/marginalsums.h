@@ -1,12 +1,10 @@
 // The Gaussian likelihood of the data without their random effects, and its restricted form, in sums over units.
 // Nothing here inverts a tau, so that a singular one, or one of zeros, is a point like any other; and no pair of units
-// is formed. Score and information: marginalderivatives.h.
+// is formed. The value at a point: marginalvalue.h; score and information: marginalderivatives.h.
 //
 // V = cov(Y) at theta = (lower triangle of taupi by rows, that of taubeta, sigma2), r = Y - M gamma; pass.h has the
 // other symbols. Derived in docs/numerics.md, "Restricted likelihood".
 #pragma once
-
-#include <functional>
 
 #include "estimate/linear/pass.h"
 #include "estimate/linear/recordstream.h"
@@ -14,6 +12,9 @@
 #include "kernel/sizes.h"
 
 namespace kdr {
+
+// Columns of the units: Y (or r) first, then those of B.
+inline constexpr int firstB = 1;
 
 // What is made of a pass once, before any theta, and all that the likelihood needs of the data. With S_A = Z1'[Y | B]
 // of a level-2 unit, beta = S_AA^+ S_A are its least-squares coefficients, and [Y | B]'[Y | B] - S_A' beta summed over
@@ -37,18 +38,10 @@ struct MarginalSums {
 };
 [[nodiscard]] Failure makemarginalsums(Pass& pass, MarginalSums& sums);
 
-// Which likelihood.
-enum class Criterion { full, restricted };
-
-// The value at a point of theta. gamma are the fixed effects that are best there, and `covariance`, g squared, is
-// (M'V^-1 M)^-1.
-struct MarginalValue {
-  bool known = false;  // sigma2 is above 0 and M'V^-1 M has an inverse; the rest is of no use otherwise
-  double loglik = 0.0, restricted = 0.0;
-  Array<double> gamma, covariance;
-  [[nodiscard]] double of(Criterion criterion) const { return criterion == Criterion::full ? loglik : restricted; }
-};
-[[nodiscard]] MarginalValue marginalvalue(MarginalSums& sums, const Estimates& theta);
+// X = S^+ (p squared), of S at a unit diagonal, whose small eigenvalues are left out.
+void pseudoinverse(const double* S, int p, double* X);
+// (X + X') / 2 in the place of X, order n.
+void symmetrise(int n, double* X);
 
 // A form in [r | M] of one level-3 unit or of all.
 struct LevelForm {
@@ -56,15 +49,6 @@ struct LevelForm {
   Array<double> xr, xx;  // [g], g squared
   explicit LevelForm(int g) : xr(at(g)), xx(square(g)) {}
 };
-// Calls use(k, form) with the form of V_k^-1 at theta for each level-3 unit, r at the fixed effects gamma.
-void eachlevel3form(MarginalSums& sums, const Estimates& theta, const Array<double>& gamma,
-                    const std::function<void(int k, const LevelForm& form)>& use);
-
-// The value at theta from the form of V^-1, r at the fixed effects of theta, and from the logarithms of the
-// determinants but for those of s I; `change` (g) receives what the best fixed effects differ by.
-[[nodiscard]] MarginalValue marginalvalueof(const MarginalSums& sums, const Estimates& theta, const LevelForm& total,
-                                            double logdeterminants, Array<double>& change);
-
 // Number of elements of theta.
 [[nodiscard]] inline int variancecount(const MarginalSums& sums) {
   return static_cast<int>(packedsize(sums.p) + packedsize(sums.b)) + 1;

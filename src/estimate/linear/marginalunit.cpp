@@ -75,6 +75,31 @@ void project(const double* M, const double* TF, int C, int b, double* half, doub
 
 }  // namespace
 
+std::size_t marginalwork(int p, int b, int C) {
+  constexpr std::size_t lanes = 4;
+  const std::size_t pp = square(p), Cp = at(C * p), np = packedsize(p), CC = square(C);
+  const std::size_t first = np + 2 * Cp + 3 * Cp + 2 * pp + 2 * pp + at(p) + 2 * pp + 2 * Cp + 3 * packedsize(C);
+  const std::size_t unit = at(b * p) + 4 * pp + 2 * Cp;
+  const std::size_t second =
+      2 * np + np * (packedsize(C) + CC + at(b * C) + square(b)) + packedsize(static_cast<int>(np)) * (CC + 1) + unit;
+  return lanes * std::max(first, second) + lanes;  // and what its alignment may pass over
+}
+
+std::size_t marginalkept(int p, int C, int units) {
+  constexpr std::size_t lanes = 4;
+  return (2 * square(p) + 2 * at(C * p)) * ((at(units) + lanes - 1) / lanes * lanes) + lanes;
+}
+
+const MarginalLoops& marginalloops() {
+#if defined(__x86_64__)
+  static const MarginalLoops& fastest =
+      __builtin_cpu_supports("avx2") ? avx2::marginalloopset : baseline::marginalloopset;
+  return fastest;
+#else
+  return baseline::marginalloopset;
+#endif
+}
+
 MarginalUnit::MarginalUnit(const MarginalSums& sums) : theta(at(sums.nbeta)) {
   const int p = sums.p, b = sums.b, C = sums.columns();
   for (Array<double>* m : {&G1, &G2, &G3, &Y1, &Y2, &Y3}) m->reset(square(C));
@@ -82,11 +107,6 @@ MarginalUnit::MarginalUnit(const MarginalSums& sums) : theta(at(sums.nbeta)) {
   for (Array<double>* m : {&F, &F2, &TF, &TF2, &bC}) m->reset(at(b * C));
   work.reset(2 * square(b) + at(b));
   loopwork.reset(marginalwork(p, b, C));
-}
-
-void symmetrise(int n, double* m) {
-  for (int i = 0; i < n; ++i)
-    for (int j = 0; j < i; ++j) m[i * n + j] = m[j * n + i] = 0.5 * (m[i * n + j] + m[j * n + i]);
 }
 
 void beginunit(const MarginalSums& sums, int k, double sigma2, const double* gamma, MarginalUnit& unit) {

@@ -8,9 +8,6 @@
 
 namespace kdr {
 
-// Columns of the units: Y (or r) first, then those of B.
-inline constexpr int firstB = 1;
-
 // At theta: G_m = [r | B]'W^-m [r | B], and what follows from them.
 struct MarginalUnit {
   const double* weights = nullptr;        // of W3_k
@@ -37,8 +34,5 @@ void finishderivatives(const MarginalSums& sums, const Estimates& theta, Margina
 
 // form += D'X D of the unit, from its form in [r | B].
 void addform(const MarginalSums& sums, const MarginalUnit& unit, const double* X, LevelForm& form);
-
-// (X + X') / 2 in the place of X, order n.
-void symmetrise(int n, double* X);
 
 }  // namespace kdr

@@ -22,6 +22,7 @@ struct PassPlan {
   bool restricted = false;           // to the maximum of the restricted likelihood
   bool leastsquares = false;         // the observer gets the results of least squares
   bool robust = true;                // results have robust standard errors
+  bool shares = false;               // and shares of variance, if they are asked for
   Searching searching = Searching::never;
   int hetit = 0;         // iterations of a stage with a taupi for every level-3 unit before the ordinary one
   int limit = 0;         // iterations of the ordinary stage

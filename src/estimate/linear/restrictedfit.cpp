@@ -7,6 +7,7 @@
 
 #include "estimate/ascent/conescoring.h"
 #include "estimate/inference/teststatistics.h"
+#include "estimate/linear/marginalsurface.h"
 #include "estimate/linear/point.h"
 #include "estimate/linear/restriction.h"
 #include "kernel/matrix.h"
@@ -18,52 +19,11 @@ namespace kdr {
 
 namespace {
 
-// The variance components as one vector: both triangles, then sigma2.
-Array<double> pointof(const Pass& pass, const Estimates& est) {
-  Array<double> point(at(variancecount(pass)));
-  pack(pass.p, est.taupi.data(), point.data());
-  pack(pass.b, est.taubeta.data(), point.data() + packedsize(pass.p));
-  point[point.size() - 1] = est.sigma2;
-  return point;
-}
-
-// `est` with the variance components of a point.
-Estimates estimatesat(const Pass& pass, const Array<double>& point, const Estimates& est) {
-  Estimates there = est.copy();
-  unpack(pass.p, point.data(), there.taupi.data());
-  unpack(pass.b, point.data() + packedsize(pass.p), there.taubeta.data());
-  there.sigma2 = point[point.size() - 1];
-  return there;
-}
-
-// X = I^-1 (m squared) of a matrix that is positive definite once brought to a unit diagonal.
-bool invertatunitdiagonal(std::size_t m, const double* I, Array<double>& X) {
-  Array<double> scaled(m * m), L(m * m), inverse(m * m);
-  for (std::size_t i = 0; i < m; ++i)
-    if (!(I[i * m + i] > 0.0)) return false;
-  const auto scale = [&](std::size_t i) { return 1.0 / std::sqrt(I[i * m + i]); };
-  for (std::size_t i = 0; i < m; ++i)
-    for (std::size_t j = 0; j < m; ++j) scaled[i * m + j] = I[i * m + j] * scale(i) * scale(j);
-  if (!choleskyfactor(m, scaled.data(), L.data())) return false;
-  constexpr double singular = 1.0e-6;  // of a pivot's root: no digit of the inverse is left
-  for (std::size_t i = 0; i < m; ++i)
-    if (L[i * m + i] < singular) return false;
-  invertlower(m, L.data(), inverse.data());
-  X.reset(m * m);
-  inversefromfactor(m, inverse.data(), X.data());
-  for (std::size_t i = 0; i < m; ++i)
-    for (std::size_t j = 0; j < m; ++j) X[i * m + j] *= scale(i) * scale(j);
-  return true;
-}
-
 // The climb under way.
 struct Climb {
   Pass& pass;
   IterationState& state;
-  Restriction restriction;
-  Estimates now;            // the last point that was evaluated, with its fixed effects
-  Array<double> lastpoint;  // the point that was asked for, and what is known there
-  MarginalStep latest;
+  MarginalSurface surface;
   bool told = true;
   bool abandoned = false;
 
@@ -75,15 +35,15 @@ struct Climb {
     tellobserver(pass.observer().iteration, IterationEvent{pass.plan.kind, pass.plan.macro, state.iteration,
                                                            state.likelihood.current, atlimit, last});
   }
-  // A trial point is the next one as a rule: its derivatives cost less now than later.
-  const MarginalStep& look(const Array<double>& point) {
-    if (!std::ranges::equal(point, lastpoint)) {
-      latest = marginalstep(state.marginal.sums, estimatesat(pass, point, now), Criterion::restricted);
-      lastpoint = point.copy();
-    }
-    return latest;
+  Evaluation evaluate(const Array<double>& point) {
+    Evaluation evaluation = surface.evaluate(point);
+    if (!evaluation.usable) return evaluation;
+    tell(false);
+    told = false;
+    ++state.iteration;
+    state.likelihood = {state.likelihood.current, evaluation.value};
+    return evaluation;
   }
-  Evaluation evaluate(const Array<double>& point);
   bool stop() {
     abandoned = abandoned || pass.observer().givesup();
     state.keyboardstop = state.keyboardstop || (!abandoned && pass.observer().stops());
@@ -91,48 +51,21 @@ struct Climb {
   }
 };
 
-Evaluation Climb::evaluate(const Array<double>& point) {
-  Evaluation evaluation;
-  const MarginalStep& here = look(point);
-  const MarginalValue& value = here.value;
-  if (!value.known) return evaluation;
-  now = estimatesat(pass, point, now);
-  now.gammahat = value.gamma.copy();
-  MarginalDerivatives made{here.score.copy(), here.average.copy(), {}, {}, {}};
-  const std::size_t NT = point.size(), m = at(restriction.nfree);
-  Array<double> reduced(m * m), inverse;
-  reduceinformation(restriction, made.average.data(), static_cast<int>(NT), reduced.data());
-  if (m > 0 && !invertatunitdiagonal(m, reduced.data(), inverse)) {
-    made = marginalderivatives(state.marginal.sums, now, value, Criterion::restricted, Derivatives::all);
-    made.average = std::move(made.expected);
-  }
-  evaluation.usable = true;
-  evaluation.value = value.restricted;
-  evaluation.scale.reset(NT);
-  for (std::size_t i = 0; i < NT; ++i) evaluation.scale[i] = made.average[i * NT + i];
-  evaluation.score = std::move(made.score);
-  evaluation.information = std::move(made.average);
-  tell(false);
-  told = false;
-  ++state.iteration;
-  state.likelihood = {state.likelihood.current, value.restricted};
-  return evaluation;
-}
-
 // Sets a tau that has nothing left at the maximum, but for rounding, to 0.
 void clearnothing(int order, int lacking, Array<double>& tau) {
   if (lacking == order) tau.fill(0.0);
 }
 
 // The point beside a maximum at the edge whose taus are none that are singular: as far off it as `lift` says, or less.
-Estimates besideedge(const Pass& pass, const Estimates& est, const Array<double>& point, const Array<double>& lift) {
+Estimates besideedge(const Pass& pass, const MarginalSums& sums, const Estimates& est, const Array<double>& point,
+                     const Array<double>& lift) {
   if (lift.empty()) return est.copy();
   constexpr int tries = 4;
   double factor = 1.0;
   for (int t = 0; t < tries; ++t, factor *= 0.5) {
     Array<double> lifted = point.copy();
     for (std::size_t i = 0; i < lifted.size(); ++i) lifted[i] += factor * lift[i];
-    Estimates beside = estimatesat(pass, lifted, est);
+    Estimates beside = estimatesat(sums, lifted, est);
     if (usableestimates(pass, beside)) return beside;
   }
   return est.copy();
@@ -153,8 +86,11 @@ bool goeson(const Pass& pass, IterationState& state) {
 
 std::string smallsampleobstacle(const Model& model, const Control& control) {
   const bool degrees = control.ddf != DegreesMethod::counts;
-  if (!control.restricted && !degrees && !control.clusterrobust) return "";
-  const std::string what = control.restricted ? "LIKELIHOOD:REML" : degrees ? "DDF:" : "ROBUST:CR2";
+  if (!control.restricted && !degrees && !control.clusterrobust && !control.profile) return "";
+  const std::string what = control.restricted      ? "LIKELIHOOD:REML"
+                           : degrees               ? "DDF:"
+                           : control.clusterrobust ? "ROBUST:CR2"
+                                                   : "PROFILE:";
   if (!model.outcome.linear()) return what + " is for linear models only.";
   if (model.weighted) return what + " cannot be combined with design weights.";
   if (control.hetit != 0) return what + " cannot be combined with HETIT:.";
@@ -168,14 +104,16 @@ Failure iteraterestricted(Pass& pass, IterationState& state) {
   state.converged = state.atlimit = state.keyboardstop = false;
   state.iteration = 0;
   tellobserver(pass.observer().stagebegins);
-  Climb climb{pass, state, allrestriction(pass.model(), pass.fixsigma2 == 0.0), pass.est.copy(), {}, {}};
+  MarginalSums& sums = state.marginal.sums;
+  const Restriction restriction = allrestriction(pass.model(), pass.fixsigma2 == 0.0);
+  Climb climb{pass, state, {sums, Criterion::restricted, restriction, pass.est.copy()}};
   ConeProblem problem;
   problem.orders = {pass.p, pass.b};
-  problem.free = climb.restriction.free.copy();
-  problem.nfree = climb.restriction.nfree;
+  problem.free = restriction.free.copy();
+  problem.nfree = restriction.nfree;
   problem.evaluate = [&](const Array<double>& point) { return climb.evaluate(point); };
   problem.test = [&](const Array<double>& point) {
-    const MarginalValue& value = climb.look(point).value;
+    const MarginalValue& value = climb.surface.look(point).value;
     Evaluation evaluation;
     evaluation.usable = value.known;
     evaluation.value = value.restricted;
@@ -183,7 +121,7 @@ Failure iteraterestricted(Pass& pass, IterationState& state) {
   };
   problem.stop = [&] { return climb.stop(); };
   ConePolicy policy;
-  Array<double> point = pointof(pass, pass.est);
+  Array<double> point = variancepoint(sums, pass.est);
   ConeResult result;
   for (;;) {
     policy.iterations = state.limit - state.iteration - 1;
@@ -203,19 +141,19 @@ Failure iteraterestricted(Pass& pass, IterationState& state) {
   climb.tell(true);
   tellobserver(pass.observer().stageends);
 
-  Estimates est = estimatesat(pass, result.point, climb.now);
+  Estimates est = estimatesat(sums, result.point, climb.surface.now);
   clearnothing(pass.p, result.lacking[0], est.taupi);
   clearnothing(pass.b, result.lacking[1], est.taubeta);
-  const MarginalValue& value = climb.look(pointof(pass, est)).value;
+  const MarginalValue& value = climb.surface.look(variancepoint(sums, est)).value;
   if (!value.known) return failed(11);
   est.gammahat = value.gamma.copy();
   est.vgamma = value.covariance.copy();
   for (double& v : est.vgamma) v /= est.sigma2;
   state.likelihood.current = value.restricted;
-  state.marginal.value = std::move(climb.latest.value);
+  state.marginal.value = std::move(climb.surface.latest.value);
   state.marginal.decrement = result.decrement;
   state.marginal.lacking = result.lacking;
-  pass.est = besideedge(pass, est, result.point, result.lift);
+  pass.est = besideedge(pass, sums, est, result.point, result.lift);
   state.marginal.est = std::move(est);
   return {};
 }

@@ -10,8 +10,10 @@
 #include "estimate/inference/smallsample.h"
 #include "estimate/inference/teststatistics.h"
 #include "estimate/linear/clusterrobust.h"
+#include "estimate/linear/designmoments.h"
 #include "estimate/linear/inference.h"
 #include "estimate/linear/point.h"
+#include "estimate/linear/profile.h"
 #include "estimate/linear/restrictedfit.h"
 #include "estimate/linear/weightedcovariance.h"
 #include "kernel/sizes.h"
@@ -93,7 +95,7 @@ void smallsample(const Pass& pass, const VarianceUncertainty& known, PassResults
 // What a restricted fit, or one with such degrees of freedom, has beyond others.
 std::optional<VarianceInformation> marginalresults(Pass& pass, IterationState& state, PassResults& results) {
   const bool restricted = pass.plan.restricted, asked = pass.control().ddf != DegreesMethod::counts;
-  if (!restricted && !asked && !pass.control().clusterrobust) return {};
+  if (!restricted && !asked && !pass.control().clusterrobust && !pass.control().profile) return {};
   if (!restricted) {
     state.marginal.est = pass.est.copy();
     if (makemarginalsums(pass, state.marginal.sums)) return {};  // the caller asks the store
@@ -114,6 +116,18 @@ std::optional<VarianceInformation> marginalresults(Pass& pass, IterationState& s
   if (!known) results.warnings.emplace_back(nodegrees);
   if (known && asked) smallsample(pass, known->fixed, results);
   return known;
+}
+
+// Intervals by the profile of the run's likelihood.
+void profileresults(Pass& pass, IterationState& state, PassResults& results) {
+  if (!pass.control().profile || !state.marginal.value.known) return;
+  const Criterion criterion = results.restricted ? Criterion::restricted : Criterion::full;
+  results.profile = profileintervals(pass, {state.marginal.sums, criterion, state.marginal.est}, results.notes);
+}
+
+void shareresults(Pass& pass, PassResults& results) {
+  const Shares& asked = pass.control().shares;
+  if (asked.asked || asked.null) takeshares(pass, designmoments(pass), results);
 }
 
 // The tests by them. Effects that rest on one level-3 unit have no error.
@@ -175,6 +189,8 @@ PassResults stageresults(Pass& pass, IterationState& state) {
       results.heterogeneous ? std::nullopt : marginalresults(pass, state, results);
   const std::optional<ClusterRobust> clusters =
       results.heterogeneous ? std::nullopt : clusterresults(pass, state, results);
+  if (!results.heterogeneous) profileresults(pass, state, results);
+  if (!results.heterogeneous && pass.plan.shares) shareresults(pass, results);
   complete(results, pass.model(), countsof(pass));
   if (clusters) clustertests(*clusters, pass.mdm().twolevel() ? 2 : 3, results);
   if (known && pass.control().ddf != DegreesMethod::counts)

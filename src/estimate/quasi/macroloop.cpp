@@ -72,6 +72,10 @@ Failure identitypass(Pass& pass, MacroState& state, PassResults& results) {
   if (Failure unwritten = finishworking(std::move(working), state.working)) return unwritten;
   state.layout = mdmlayout(analysis.model, analysis.mdm);
   state.mean = outcomes / counts;
+  if (analysis.control.shares.asked) {
+    state.moments = designmoments(pass);
+    if (state.moments && counted) state.moments->count = counts / state.moments->records;
+  }
   return runpass(pass, state.iterations, results, [&](double& variance) {
     return impliedvariance(analysis.model.outcome.family, state.mean, variance);
   });
@@ -80,6 +84,7 @@ Failure identitypass(Pass& pass, MacroState& state, PassResults& results) {
 // A pass over working data, whose data pass is done.
 Failure workingpass(Pass& pass, MacroState& state, PassResults& results) {
   if (Failure failure = runpass(pass, state.iterations, results)) return failure;
+  if (results.kind == PassKind::pql) takeshares(pass, state.moments, results);
   if (state.limited > 0)
     results.warnings.push_back(
         formatted("WARNING: the working weights of %d records were held at %.0f.", state.limited, largestweight));

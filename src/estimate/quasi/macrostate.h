@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "estimate/linear/designmoments.h"
 #include "estimate/linear/iteration.h"
 #include "estimate/linear/recordunits.h"
 
@@ -63,7 +64,8 @@ struct MacroState {
   MacroEnd end = MacroEnd::goeson;  // of the unit-specific phase
 
   // The results so far.
-  PassResults unitspecific;  // of the last pass of the unit-specific phase
+  std::optional<DesignMoments> moments;  // of the identity pass, where shares of variance are asked for
+  PassResults unitspecific;              // of the last pass of the unit-specific phase
   std::optional<PassResults> laplace6, quadrature, average;
   // The fixed effects that each phase went on with; empty for one that has none.
   Array<double> unitspecificgamma, laplacegamma, quadraturegamma;

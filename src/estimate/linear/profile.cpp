@@ -1,0 +1,370 @@
+#include "estimate/linear/profile.h"
+
+#include <algorithm>
+#include <cmath>
+#include <functional>
+#include <limits>
+#include <optional>
+#include <utility>
+
+#include "core/modelwalk.h"
+#include "estimate/ascent/conescoring.h"
+#include "estimate/linear/marginalsurface.h"
+#include "kernel/sizes.h"
+
+namespace kdr {
+
+namespace {
+
+constexpr double threshold = 3.841458820694124;  // 0.95 quantile of chi-square, one degree of freedom
+constexpr double notfound = std::numeric_limits<double>::quiet_NaN();
+
+// What is profiled: a fixed effect, or a function h of the variance components theta. A variance and an intraclass
+// correlation are a'theta / (b'theta + b0), a correlation is theta_c / root(theta_u theta_v).
+struct Target {
+  std::optional<int> effect;
+  Array<double> a, b;
+  double b0 = 0.0;
+  bool correlation = false;
+  std::size_t c = 0, u = 0, v = 0;
+};
+
+// The constraint h = level as a function g(theta) that is 0 there: a'theta - level (b'theta + b0), or theta_c - level
+// root(theta_u theta_v).
+struct Constraint {
+  double g = 0.0;
+  Array<double> gradient;
+};
+Constraint constraintof(const Target& target, double level, const Array<double>& theta) {
+  Constraint made{0.0, Array<double>(theta.size())};
+  if (target.correlation) {
+    const double u = std::max(theta[target.u], 0.0), v = std::max(theta[target.v], 0.0), root = std::sqrt(u * v);
+    made.g = theta[target.c] - level * root;
+    made.gradient[target.c] = 1.0;
+    if (root > 0.0) {
+      made.gradient[target.u] = -0.5 * level * root / u;
+      made.gradient[target.v] = -0.5 * level * root / v;
+    }
+    return made;
+  }
+  made.g = -level * target.b0;
+  for (std::size_t i = 0; i < theta.size(); ++i) {
+    made.gradient[i] = target.a[i] - level * target.b[i];
+    made.g += made.gradient[i] * theta[i];
+  }
+  return made;
+}
+
+// The profile under way.
+struct Profile {
+  Pass& pass;
+  Restriction restriction;
+  MarginalSurface surface;
+  double top = 0.0;                // the maximum
+  Array<double> best = {};         // and where it is
+  Array<double> information = {};  // there, NT squared
+  Array<double> gamma = {};
+  Array<double> covariance = {};  // of the fixed effects
+  Array<double> last = {};        // the last solution beside a constraint, from which the next one starts
+  bool stopped = false, higher = false;
+
+  [[nodiscard]] ConeProblem problem() {
+    ConeProblem made;
+    made.orders = {surface.sums.p, surface.sums.b};
+    made.free = restriction.free.copy();
+    made.nfree = restriction.nfree;
+    made.stop = [this] { return stopped = stopped || pass.observer().givesup() || pass.observer().wantsstop(); };
+    return made;
+  }
+  bool climbtotop(const Array<double>& from);
+  std::optional<double> ofeffect(int effect, double level);
+  std::optional<double> offunction(const Target& target, double level);
+  // The largest likelihood at a level, below `top` as a rule.
+  std::optional<double> at(const Target& target, double level) {
+    const std::optional<double> value = target.effect ? ofeffect(*target.effect, level) : offunction(target, level);
+    if (value && *value > top + 0.005) higher = true;
+    return stopped ? std::nullopt : value;
+  }
+};
+
+bool Profile::climbtotop(const Array<double>& from) {
+  ConeProblem climb = problem();
+  climb.evaluate = [this](const Array<double>& point) { return surface.evaluate(point); };
+  climb.test = climb.evaluate;
+  const ConeResult result = climbcone(climb, {}, from);
+  if (result.end == AscentEnd::unusable || stopped) return false;
+  best = result.point.copy();
+  const Evaluation there = surface.evaluate(best);
+  if (!there.usable) return false;
+  top = there.value;
+  information = there.information.copy();
+  gamma = surface.latest.value.gamma.copy();
+  covariance = surface.latest.value.covariance.copy();
+  last = best.copy();
+  return true;
+}
+
+std::optional<double> Profile::ofeffect(int effect, double level) {
+  surface.held = HeldEffect{effect, level};
+  surface.lastpoint = {};
+  surface.now.gammahat = gamma.copy();
+  ConeProblem climb = problem();
+  climb.evaluate = [this](const Array<double>& point) { return surface.evaluate(point); };
+  climb.test = climb.evaluate;
+  const ConeResult result = climbcone(climb, {}, last);
+  surface.held.reset();
+  surface.lastpoint = {};
+  if (result.end == AscentEnd::unusable) return {};
+  last = result.point.copy();
+  return result.value;
+}
+
+// The maximum of l under g = 0 by multipliers: that of l + lambda g - mu g^2 / 2, lambda taking over what the square
+// holds. With mu of `stiff` over the variance of g what is left of g is a hundredth of its standard error after one
+// round; the value that belongs to g = 0 is l + lambda g but for the square of that.
+std::optional<double> Profile::offunction(const Target& target, double level) {
+  constexpr double stiff = 100.0, close = 1.0e-4;
+  constexpr int rounds = 12;
+  const std::size_t NT = best.size();
+  double variance = 0.0;
+  {
+    const Constraint here = constraintof(target, level, last);
+    for (std::size_t i = 0; i < NT; ++i)
+      if (information[i * (NT + 1)] > 0.0) variance += here.gradient[i] * here.gradient[i] / information[i * (NT + 1)];
+  }
+  if (!(variance > 0.0)) return {};
+  const double mu = stiff / variance;
+  double lambda = 0.0;
+  ConeProblem climb = problem();
+  climb.evaluate = [&](const Array<double>& point) {
+    Evaluation there = surface.evaluate(point);
+    if (!there.usable) return there;
+    const Constraint here = constraintof(target, level, point);
+    const double force = lambda - mu * here.g;
+    there.value += lambda * here.g - 0.5 * mu * here.g * here.g;
+    for (std::size_t i = 0; i < NT; ++i) {
+      there.score[i] += force * here.gradient[i];
+      for (std::size_t j = 0; j < NT; ++j) there.information[i * NT + j] += mu * here.gradient[i] * here.gradient[j];
+    }
+    return there;
+  };
+  climb.test = climb.evaluate;
+  for (int round = 0; round < rounds; ++round) {
+    const ConeResult result = climbcone(climb, {}, last);
+    if (result.end == AscentEnd::unusable || stopped) return {};
+    last = result.point.copy();
+    const double g = constraintof(target, level, last).g;
+    lambda -= mu * g;
+    if (std::fabs(g) <= close * std::sqrt(variance)) return surface.look(last).value.of(surface.criterion) + lambda * g;
+  }
+  return {};
+}
+
+// One bound: the level x(t) at which twice the log-likelihood is `threshold` below the top. t begins at 0, where the
+// estimate is; `end` is where x ends, if it does, and what the bound is where the likelihood has not fallen so far by
+// then. `step` is a first guess.
+struct Side {
+  std::function<double(double t)> level;
+  double step = 1.0;
+  std::optional<double> end;
+};
+std::optional<double> bound(Profile& profile, const Target& target, const Side& side) {
+  constexpr int most = 40;
+  constexpr double close = 1.0e-5;
+  const double root = std::sqrt(threshold);
+  const auto zeta = [&](double t) -> std::optional<double> {
+    const std::optional<double> value = profile.at(target, side.level(t));
+    if (!value) return {};
+    return std::sqrt(std::max(0.0, 2.0 * (profile.top - *value)));
+  };
+  profile.last = profile.best.copy();
+  double low = 0.0, atlow = 0.0, high = 0.0, athigh = 0.0;
+  bool bracketed = false;
+  double t = side.end ? std::min(side.step, 0.5 * *side.end) : side.step;
+  for (int i = 0; i < most; ++i) {
+    const std::optional<double> z = zeta(t);
+    if (!z) return {};
+    if (std::fabs(*z - root) < close) return side.level(t);
+    if (*z < root) {
+      low = t;
+      atlow = *z;
+      if (side.end && t >= *side.end) return side.level(*side.end);
+    } else {
+      high = t;
+      athigh = *z;
+      bracketed = true;
+    }
+    // zeta is near a line in t: through the estimate while there is no bracket, within it afterwards, and by halves
+    // where that creeps.
+    if (!bracketed) {
+      double next = atlow > 0.1 ? std::min(low * root / atlow * 1.05, 4.0 * low) : 4.0 * low;
+      if (side.end && (next >= *side.end || i >= 3)) next = *side.end;
+      t = next;
+      continue;
+    }
+    const double width = high - low;
+    if (width <= 1.0e-9 * high) return side.level(t);
+    t = low + width * (root - atlow) / (athigh - atlow);
+    const double margin = i % 5 == 4 ? 0.3 : 0.01;
+    t = std::clamp(t, low + margin * width, high - margin * width);
+  }
+  return {};
+}
+
+Interval both(Profile& profile, const Target& target, const Side& down, const Side& up) {
+  const std::optional<double> low = bound(profile, target, down);
+  if (profile.stopped) return {};
+  const std::optional<double> high = bound(profile, target, up);
+  if (profile.stopped || (!low && !high)) return {};
+  return {true, low.value_or(notfound), high.value_or(notfound)};
+}
+
+// A variance on the scale of the standard deviation, in steps of its own standard error.
+Interval variance(Profile& profile, std::size_t element) {
+  const std::size_t NT = profile.best.size();
+  Target target;
+  target.a.reset(NT);
+  target.b.reset(NT);
+  target.a[element] = 1.0;
+  target.b0 = 1.0;
+  const double own = profile.information[element * (NT + 1)];
+  if (!(own > 0.0)) return {};
+  const double error = 1.0 / std::sqrt(own), deviation = std::sqrt(std::max(0.0, profile.best[element]));
+  const double step = std::max(error / std::max(2.0 * deviation, std::sqrt(error)), 1.0e-3 * std::sqrt(error));
+  const Side up{[=](double t) { return (deviation + t) * (deviation + t); }, 2.0 * step, {}};
+  const Side down{[=](double t) { return (deviation - t) * (deviation - t); }, 2.0 * step, deviation};
+  if (deviation == 0.0) {
+    const std::optional<double> high = bound(profile, target, up);
+    return high ? Interval{true, 0.0, *high} : Interval{};
+  }
+  return both(profile, target, down, up);
+}
+
+// A correlation, between -1 and 1; all of that where a variance may be 0. `estimate` may be at an end.
+Interval correlation(Profile& profile, const Target& target, double estimate, bool anything) {
+  if (anything) return {true, -1.0, 1.0};
+  constexpr double atend = 1.0e-6;
+  const auto side = [&](double end) {
+    return Side{[=](double t) { return std::clamp(estimate + (end > 0 ? t : -t), -1.0, 1.0); },
+                0.5 * std::fabs(end - estimate), std::fabs(end - estimate)};
+  };
+  Interval interval{true, -1.0, 1.0};
+  if (estimate > -1.0 + atend) {
+    const std::optional<double> low = bound(profile, target, side(-1.0));
+    interval.low = low.value_or(notfound);
+  }
+  if (!profile.stopped && estimate < 1.0 - atend) {
+    const std::optional<double> high = bound(profile, target, side(1.0));
+    interval.high = high.value_or(notfound);
+  }
+  interval.known = !profile.stopped && (std::isfinite(interval.low) || std::isfinite(interval.high));
+  return interval;
+}
+
+// An element that the model leaves free.
+bool isfree(const Profile& profile, std::size_t element) { return profile.restriction.free[element] >= 0; }
+
+void oftau(Profile& profile, std::size_t first, int n, std::vector<Interval>& variances,
+           std::vector<Interval>& correlations) {
+  const auto place = [&](int i, int j) { return first + packedsize(i) + at(j); };
+  for (int i = 0; i < n; ++i) {
+    const std::size_t element = place(i, i);
+    variances.push_back(isfree(profile, element) && !profile.stopped ? variance(profile, element) : Interval{});
+    for (int j = 0; j < i; ++j) {
+      Target target;
+      target.correlation = true;
+      target.c = place(i, j);
+      target.u = place(j, j);
+      target.v = element;
+      const Interval &one = variances[at(i)], &other = variances[at(j)];
+      if (!isfree(profile, target.c) || !one.known || !other.known || profile.stopped) {
+        correlations.push_back({});
+        continue;
+      }
+      const Array<double>& theta = profile.best;
+      const double root = std::sqrt(theta[target.u] * theta[target.v]);
+      const bool anything = !(one.low > 0.0) || !(other.low > 0.0) || !(root > 0.0);
+      correlations.push_back(correlation(profile, target, anything ? 0.0 : theta[target.c] / root, anything));
+    }
+  }
+}
+
+void ofeffects(Profile& profile, std::vector<Interval>& effects) {
+  const std::size_t g = profile.gamma.size();
+  for (std::size_t i = 0; i < g && !profile.stopped; ++i) {
+    Target target;
+    target.effect = static_cast<int>(i);
+    const double estimate = profile.gamma[i], error = std::sqrt(profile.covariance[i * (g + 1)]);
+    const auto side = [&](double sign) { return Side{[=](double t) { return estimate + sign * t; }, 2.0 * error, {}}; };
+    effects.push_back(both(profile, target, side(-1.0), side(1.0)));
+  }
+}
+
+// With one variance at each level: (taupi + taubeta) / total and taubeta / total.
+void intraclass(Profile& profile, ProfileIntervals& made) {
+  const auto share = [&](double pi) {
+    Target target;
+    target.a.reset(3);
+    target.b.reset(3);
+    target.a[0] = pi;
+    target.a[1] = 1.0;
+    target.b.fill(1.0);
+    const Array<double>& theta = profile.best;
+    const double estimate = (pi * theta[0] + theta[1]) / (theta[0] + theta[1] + theta[2]);
+    const Side down{[=](double t) { return std::max(0.0, estimate - t); }, 0.5 * estimate, estimate};
+    const Side up{[=](double t) { return std::min(1.0, estimate + t); },
+                  std::min(0.5 * estimate + 0.02, 0.5 * (1.0 - estimate)), 1.0 - estimate};
+    if (estimate > 0.0) return both(profile, target, down, up);
+    const std::optional<double> high = bound(profile, target, up);
+    return high ? Interval{true, 0.0, *high} : Interval{};
+  };
+  if (profile.stopped) return;
+  made.intraclass = true;
+  made.samelevel2 = share(1.0);
+  if (!profile.stopped) made.samelevel3 = share(0.0);
+}
+
+}  // namespace
+
+bool interceptsalone(const Pass& pass) {
+  const ModelRows rows = modelrows(pass.model());
+  if (pass.p != 1 || pass.b != 1 || pass.model().autovknown != 0) return false;
+  for (const CoefficientRow& row : rows.coefficients)
+    if (row.random && row.variable != 0) return false;
+  for (const TermRow& row : rows.terms)
+    if (row.random && (row.variable != 0 || rows.owner(row).variable != 0)) return false;
+  return true;
+}
+
+ProfileIntervals profileintervals(Pass& pass, const ProfileRequest& request, std::vector<std::string>& notes) {
+  ProfileIntervals made;
+  const Restriction restriction = allrestriction(pass.model(), pass.fixsigma2 == 0.0);
+  Profile profile{pass,
+                  allrestriction(pass.model(), pass.fixsigma2 == 0.0),
+                  {request.sums, request.criterion, restriction, request.from.copy()}};
+  if (!profile.climbtotop(variancepoint(request.sums, request.from))) {
+    notes.emplace_back("PROFILE: the likelihood has no maximum that intervals could be reckoned from.");
+    return made;
+  }
+  made.made = true;
+  VarianceIntervals& variances = made.variances;
+  oftau(profile, 0, pass.p, variances.level2, variances.correlations2);
+  oftau(profile, packedsize(pass.p), pass.b, variances.level3, variances.correlations3);
+  const std::size_t last = profile.best.size() - 1;
+  if (isfree(profile, last) && !profile.stopped) variances.sigma2 = variance(profile, last);
+  if (request.criterion == Criterion::full) {
+    ofeffects(profile, made.effects);
+  } else {
+    notes.emplace_back(
+        "PROFILE: the restricted likelihood is no function of the fixed effects, which have no profile intervals; "
+        "theirs are by t. LIKELIHOOD:ML has both.");
+  }
+  if (interceptsalone(pass)) intraclass(profile, made);
+  if (profile.stopped) notes.emplace_back("PROFILE: stopped before its end, so that some intervals are missing.");
+  if (profile.higher)
+    notes.emplace_back(
+        "PROFILE: the likelihood has a higher maximum than that of the estimates, which the profile met on its way.");
+  return made;
+}
+
+}  // namespace kdr

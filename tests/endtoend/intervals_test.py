@@ -1,0 +1,79 @@
+"""Intervals of variance components: by the profile of the likelihood against lme4, by standard errors against the formula.
+
+The numbers of lme4 are in tests/reference/profiles.out (profiles.R), the studies are those of restrictedstudies.py.
+"""
+import math
+import pathlib
+import sys
+import tempfile
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "reference"))
+import comparerestricted as campaign
+import restrictedstudies as studies
+from program import REFERENCE, run
+
+program = str(pathlib.Path(sys.argv[1]).resolve())
+folder = pathlib.Path(tempfile.mkdtemp())
+EFFECTS = ["(Intercept)", "Q", "Z", "X", "Q:X"]
+
+
+def fit(study, extra, number=None):
+    return campaign.fitted(program, folder, number or study, studies.describe(study)[1]["model"], extra)
+
+
+def named(phase):
+    """Profile intervals by lme4's names."""
+    profile, root = phase["profile_intervals"], math.sqrt
+    pupils, schools = profile["tau_pi"], profile["tau_beta"]
+    made = {"sd_(Intercept)|school:pupil": pupils["standard_deviation"][0], "sigma": [root(x) for x in profile["sigma2"]],
+            "sd_(Intercept)|school": schools["standard_deviation"][0], **(profile["intraclass_correlation"] or {}), **dict(zip(EFFECTS, profile["fixed_effects"] or []))}
+    if len(pupils["variance"]) > 1:
+        made["sd_X|school:pupil"], made["cor_X.(Intercept)|school:pupil"] = pupils["standard_deviation"][1], pupils["correlation"][1][0]
+    return made
+
+
+# lme4's splines are good for a thousandth of an interval, but for a lower bound near 0; the direct ones for more digits.
+wanted = {}
+for line in (REFERENCE / "profiles.out").read_text().splitlines():
+    study, name, low, high = line.split()
+    wanted.setdefault((int(study), name.split(":")[0] if name.startswith(("ml:", "reml:")) else "confint"), {})[
+        name.removeprefix("ml:").removeprefix("reml:")] = (float(low), float(high))
+for study in sorted({study for study, _ in wanted}):
+    studies.write(folder / f"study{study}.csv", study)
+for (study, by), rows in wanted.items():
+    phase, _ = fit(study, "PROFILE:Y\n" + ("" if by == "reml" else "LIKELIHOOD:ML\n"))
+    found = named(phase)
+    assert (by == "reml") == (phase["profile_intervals"]["fixed_effects"] is None)
+    for name, (low, high) in rows.items():
+        if by == "confint" and (study, name) == (2, "sd_(Intercept)|school:pupil"):
+            continue  # the direct rows have it
+        near = (3e-3 if by == "confint" else 1e-5) * (high - low)
+        assert abs(found[name][0] - low) < near and abs(found[name][1] - high) < near, (study, by, name, found[name], (low, high))
+
+# No unit of measurement matters.
+plain = named(fit(61, "PROFILE:Y\nLIKELIHOOD:ML\n")[0])
+rows = [(k, j, 1e3 * y, 1e-4 * x, z, q) for k, j, y, x, z, q in studies.rows(61)]
+(folder / "study1000.csv").write_text("school,pupil,Y,X,Z,Q\n" + "".join("%d,%d,%.17g,%.17g,%.17g,%.17g\n" % row for row in rows))
+scaled = named(fit(61, "PROFILE:Y\nLIKELIHOOD:ML\n", 1000)[0])
+for name, factor in (("sd_X|school:pupil", 1e7), ("cor_X.(Intercept)|school:pupil", 1), ("X", 1e7), ("sigma", 1e3)):
+    for a, b in zip(plain[name], scaled[name]):
+        assert abs(b / factor - a) < 2e-4 * (plain[name][1] - plain[name][0]), (name, plain[name], scaled[name])
+
+# By standard errors: the logarithm of a variance is normal. No interval at the edge (study 15: tau(pi) 0).
+phase, _ = fit(61, "")
+for tau, rows in ((phase["tau_pi"], phase["variance_intervals"]["tau_pi"]), (phase["tau_beta"], phase["variance_intervals"]["tau_beta"])):
+    for i, (low, high) in enumerate(rows["variance"]):
+        v, se = tau["estimate"][i][i], tau["standard_error"][i][i]
+        assert abs(low - v * math.exp(-1.959964 * se / v)) < 1e-6 * v and abs(high - v * math.exp(1.959964 * se / v)) < 1e-5 * v
+        assert abs(rows["standard_deviation"][i][0] - math.sqrt(low)) < 1e-12
+assert fit(15, "")[0]["variance_intervals"]["tau_pi"]["variance"] == [None]
+
+# The report has the table; what a restricted profile lacks is told in it; other models are refused.
+phase, document = fit(2, "PROFILE:Y\n")
+page = " ".join((folder / "s.txt").read_text().split())
+assert "95% intervals by the profile of the likelihood" in page and "no profile intervals; theirs are by t" in page
+assert "PROFILE:Y" in (folder / "newcmd.kdr").read_text().splitlines()
+(folder / "s.kdr").write_text(campaign.commands("intercepts", "PROFILE:Y\nLEVEL3WEIGHT:Q\n").replace("LIKELIHOOD:REML\n", ""))
+code, said = run(program, folder, "study2.mdm", "s.kdr")
+assert code == 100 and "PROFILE: cannot be combined with design weights" in said, said[-300:]
+print("intervals: all well")
