@@ -262,7 +262,7 @@ void readshares(CommandReader& reader, const std::string& value) {
     const std::string name = field.substr(0, sign);
     const std::optional<double> number = sign == std::string::npos ? std::nullopt : realof(field.substr(sign + 1));
     if (!number) refusevalue("SHARES", "Y, N, or variables with values, as in X=1.5,Z=0", value);
-    const bool level1 = variableindex(name, run.mdm.names1, run.mdm.nvar1) > 0;
+    const bool level1 = findvariable(name, run.mdm.names1, run.mdm.nvar1).index > 0;
     const int index = level1 ? variable(reader.lines.number, "SHARES", name, run.mdm.names1, run.mdm.nvar1)
                              : variable(reader.lines.number, "SHARES", name, run.mdm.names2, run.mdm.nvar2);
     shares.at.push_back({level1 ? 1 : 2, index, *number});
