@@ -1,11 +1,13 @@
 // Value, score, informations and the parts of small-sample covariances against full matrices written from their
 // definitions.
-#include "estimate/linear/marginalderivatives.h"
-
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <numbers>
+#include <random>
 
+#include "estimate/linear/marginalderivatives.h"
+#include "estimate/linear/marginalloops.h"
 #include "kernel/sizes.h"
 #include "study.h"
 
@@ -106,8 +108,7 @@ TEST_P(MarginalSumsOf, UnitsAreThoseOfFullMatrices) {
       Estimates best = pass.est.copy();
       best.gammahat = value.gamma.copy();
       const MarginalStep step = marginalstep(sums, best, criterion);
-      const MarginalDerivatives average =
-          marginalderivatives(sums, pass.est, value, criterion, Derivatives::step);
+      const MarginalDerivatives average = marginalderivatives(sums, pass.est, value, criterion, Derivatives::step);
       for (int i = 0; i < Dense::NT; ++i) {
         const double score = -0.5 * (want.tr[i] - (restricted ? trace(want.Phi * want.P[i]) : 0) - want.Prr[i]);
         expectnear(all.score[at(i)], score, want.tr[i], "score");
@@ -135,6 +136,75 @@ TEST_P(MarginalSumsOf, UnitsAreThoseOfFullMatrices) {
         }
       }
     }
+  }
+}
+
+// Both visits to seven units with p effects, of which those behind the second have no data and no variance.
+struct Visits {
+  std::vector<double> G, t, P, Q, Y;
+  double logdeterminant, traceR;
+};
+Visits visits(const MarginalLoops& loops, int p) {
+  constexpr int units = 7, C = 3, b = 1;
+  std::mt19937 random(5);
+  std::normal_distribution<double> normal;
+  const std::size_t np = packedsize(p), stride = np + 2 * at(C * p);
+  std::vector<double> records(units * stride), T(square(p)), work(marginalwork(p, b, C)),
+      kept(marginalkept(p, C, units));
+  for (std::size_t j = 0; j < units; ++j) {
+    double* const record = records.data() + j * stride;
+    const double x = normal(random), y = normal(random), n = 4 + std::fabs(normal(random));
+    record[0] = n;
+    record[1] = x;
+    record[2] = n + y * y;
+    for (std::size_t part = 0; part < 2; ++part)
+      for (int c = 0; c < C; ++c)
+        for (int i = 0; i < 2; ++i) record[np + (part * C + at(c)) * at(p) + at(i)] = normal(random);
+  }
+  T[0] = 1.5;
+  T[1] = T[at(p)] = 0.4;
+  T[at(p) + 1] = 0.7;
+  const double theta[] = {0.3, -0.2}, N[] = {0.6}, NC2N[] = {0.1}, TF[] = {0.2, 0.5, -0.1}, TF2[] = {0.1, -0.3, 0.2};
+  const MarginalRecords all{records.data(), stride, units, p, b, C, work.data()};
+  Visits made;
+  made.G.resize(3 * C * C);
+  double* const G = made.G.data();
+  MarginalFirst first{theta, T.data(), 0.8, 3, false, G, G + C * C, G + 2 * C * C, 0.0, 0.0, 0.0, kept.data()};
+  loops.first(all, first);
+  made.logdeterminant = first.logdeterminant;
+  made.traceR = first.traceR;
+  const std::size_t pairs = packedsize(static_cast<int>(np));
+  std::vector<double> Qs(np), Lambda(np), none(pairs);
+  made.t.resize(np);
+  made.P.resize(np * C * C);
+  made.Q.resize(pairs);
+  made.Y.resize(np * C);
+  loops.second(all, {N, NC2N, TF, TF2, false, kept.data(), made.t.data(), made.P.data(), Qs.data(), made.Q.data(),
+                     made.Y.data(), Lambda.data(), none.data(), none.data()});
+  return made;
+}
+
+TEST(MarginalLoops, FourUnitsSideBySideAreUnitsOneByOne) {
+  const Visits lanes = visits(marginalloops(), 2), single = visits(marginalloops(), 3);  // order 3 goes one by one
+  const auto near = [](const std::vector<double>& a, const std::vector<double>& b, const char* what) {
+    for (std::size_t i = 0; i < a.size(); ++i) EXPECT_NEAR(a[i], b[i], 1e-12 * std::max(1.0, std::fabs(a[i]))) << what;
+  };
+  near(lanes.G, single.G, "G");
+  near(lanes.t, single.t, "t");
+  near(lanes.P, single.P, "P");
+  near(lanes.Q, single.Q, "Q");
+  near(lanes.Y, single.Y, "Y");
+  EXPECT_NEAR(lanes.logdeterminant, single.logdeterminant, 1e-12);
+  EXPECT_NEAR(lanes.traceR + 7.0, single.traceR, 1e-12);
+}
+
+TEST(MarginalLoops, EverySetOfInstructionsGivesTheSameBits) {
+  for (const int p : {2, 3}) {
+    const Visits one = visits(baseline::marginalloopset, p), other = visits(marginalloops(), p);
+    EXPECT_EQ(std::memcmp(one.G.data(), other.G.data(), one.G.size() * sizeof(double)), 0);
+    EXPECT_EQ(std::memcmp(one.P.data(), other.P.data(), one.P.size() * sizeof(double)), 0);
+    EXPECT_EQ(std::memcmp(one.Q.data(), other.Q.data(), one.Q.size() * sizeof(double)), 0);
+    EXPECT_EQ(one.logdeterminant, other.logdeterminant);
   }
 }
 
