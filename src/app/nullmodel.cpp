@@ -22,7 +22,7 @@ bool takevariances(const Json& document, Shares::NullModel& null) {
       return value > 0.0;
     };
     return number("/sigma2/estimate", null.sigma2) && number("/tau_pi/estimate/0/0", null.taupi) &&
-           number("/tau_beta/estimate/0/0", null.taubeta);
+           (run.mdm.twolevel() || number("/tau_beta/estimate/0/0", null.taubeta));
   }
   return false;
 }
@@ -37,9 +37,10 @@ void readnullmodel() {
   Shares::NullModel null;
   if (!takevariances(document, null))
     stopwith(
-        "NULLMODEL: takes the results document (.json) of a linear model with variances above 0 of three levels. %s is "
+        "NULLMODEL: takes the results document (.json) of a linear model with variances above 0 of %s levels. %s is "
         "none.\n",
-        path.c_str());
+        run.mdm.twolevel() ? "two" : "three", path.c_str());
+  null.records = document.value(Json::json_pointer("/dimensions/records"), 0LL);
   run.control.shares.asked = true;
   run.control.shares.null = null;
 }

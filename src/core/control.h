@@ -38,7 +38,8 @@ struct Shares {
   bool asked = false;
   std::vector<Value> at;  // of variables with a random slope, as they enter the model; others are 0
   struct NullModel {
-    double sigma2 = 0.0, taupi = 0.0, taubeta = 0.0;
+    double sigma2 = 0.0, taupi = 0.0, taubeta = 0.0;  // taubeta 0.0: of two levels
+    long long records = 0;                            // that it was fitted to
   };
   std::optional<NullModel> null;  // variances of the model without predictors
 };

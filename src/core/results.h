@@ -89,7 +89,7 @@ struct ProfileIntervals {
   bool made = false;  // they were asked for, and could be had; the rest is of no use otherwise
   VarianceIntervals variances;
   std::vector<Interval> effects;    // [g]; none of a restricted likelihood
-  bool intraclass = false;          // the model has one variance at each level, of its intercept:
+  bool intraclass = false;          // the model has one variance at level 2 and at most one at level 3, of intercepts:
   Interval samelevel2, samelevel3;  // the correlation of two records of a level-2 unit, of a level-3 unit
 };
 

@@ -174,7 +174,7 @@ Json phaseof(const Subject& subject, const PassResults& results) {
   const int p = subject.model.coef.ntaupi, b = subject.model.coef.ntaubeta;
   if (!results.intervals.level2.empty() || !results.intervals.level3.empty())
     phase["variance_intervals"] = intervalsof(results.intervals, p, b);
-  if (results.shares.made) phase["variance_shares"] = sharesof(results.shares);
+  if (results.shares.made) phase["variance_shares"] = sharesof(results.shares, subject.twolevel);
   if (results.profile.made) phase["profile_intervals"] = profileof(results.profile, p, b);
   addeffects(phase, subject, results.est.gammahat, results.effects, results.robusteffects,
              results.kind != PassKind::identity);
@@ -326,7 +326,7 @@ void addbootstrap(ResultsDocument& document, const Subject& subject, const char*
   const int p = subject.model.coef.ntaupi, b = subject.model.coef.ntaubeta;
   for (Json& made : document.phases)
     if (made["phase"] == phase)
-      made["bootstrap"] = {{"kind", results.cases ? "level3_units" : "parametric"},
+      made["bootstrap"] = {{"kind", results.cases ? subject.twolevel ? "level2_units" : "level3_units" : "parametric"},
                            {"seed", results.seed},
                            {"asked", results.asked},
                            {"replicates", results.tried},

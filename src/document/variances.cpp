@@ -103,7 +103,7 @@ Json tauintervals(const VarianceIntervals& intervals, Tau which, int n) {
 Json intervalsof(const VarianceIntervals& intervals, int p, int b) {
   return {{"sigma2", bounds(intervals.sigma2)},
           {"tau_pi", tauintervals(intervals, Tau::pi, p)},
-          {"tau_beta", tauintervals(intervals, Tau::beta, b)}};
+          {"tau_beta", b > 0 ? tauintervals(intervals, Tau::beta, b) : Json()}};
 }
 
 Json profileof(const ProfileIntervals& profile, int p, int b) {
@@ -117,14 +117,15 @@ Json profileof(const ProfileIntervals& profile, int p, int b) {
   return made;
 }
 
-Json sharesof(const VarianceShares& shares) {
-  const auto pair = [](bool known, double same2, double same3) {
-    return known ? Json{{"same_level3_unit", number(same3)}, {"same_level2_unit", number(same2)}} : Json();
+Json sharesof(const VarianceShares& shares, bool twolevel) {
+  const auto third = [twolevel](double value) { return twolevel ? Json() : number(value); };
+  const auto pair = [&](bool known, double same2, double same3) {
+    return known ? Json{{"same_level3_unit", third(same3)}, {"same_level2_unit", number(same2)}} : Json();
   };
   return {{"fixed", number(shares.fixed)},
           {"level1", number(shares.level1)},
           {"level2", number(shares.level2)},
-          {"level3", number(shares.level3)},
+          {"level3", third(shares.level3)},
           {"intraclass_correlation", pair(true, shares.same2, shares.same3)},
           {"response_correlation", pair(shares.response, shares.responsesame2, shares.responsesame3)},
           {"r_squared", {{"marginal", number(shares.marginal)}, {"conditional", number(shares.conditional)}}},
@@ -132,7 +133,7 @@ Json sharesof(const VarianceShares& shares) {
           {"effective_sample_size", number(shares.effective)},
           {"explained", shares.against ? Json{{"level1", number(shares.explained1)},
                                               {"level2", number(shares.explained2)},
-                                              {"level3", number(shares.explained3)}}
+                                              {"level3", third(shares.explained3)}}
                                        : Json()}};
 }
 

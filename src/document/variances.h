@@ -26,7 +26,7 @@ struct TauParts {
 [[nodiscard]] Json profileof(const ProfileIntervals& profile, int p, int b);
 
 // The member `variance_shares`.
-[[nodiscard]] Json sharesof(const VarianceShares& shares);
+[[nodiscard]] Json sharesof(const VarianceShares& shares, bool twolevel);
 
 // The member `variance_tests` of the taus with these tests.
 [[nodiscard]] Json variancetests(const Subject& subject, const Array<double>& taupi, const Array<double>& taubeta,

@@ -143,6 +143,7 @@ std::vector<IntervalRow> rowsof(const Parts& parts, bool effects) {
   if (!parts[0]->intraclass) return rows;
   rows.push_back(
       rowof("Correlation in a level-2 unit", parts, [](const ProfileIntervals& part) { return part.samelevel2; }));
+  if (run.mdm.twolevel()) return rows;
   rows.push_back(
       rowof("Correlation in a level-3 unit", parts, [](const ProfileIntervals& part) { return part.samelevel3; }));
   return rows;
@@ -167,30 +168,30 @@ void sharestable(const VarianceShares& shares) {
   line("Variance of the fixed part", shares.fixed);
   line("Variance at level 1", shares.level1);
   line("Variance at level 2", shares.level2);
-  line("Variance at level 3", shares.level3);
+  const bool third = !run.mdm.twolevel();
+  if (third) line("Variance at level 3", shares.level3);
   line("R squared, marginal", shares.marginal);
   line("R squared, conditional", shares.conditional);
   line("Correlation in a level-2 unit", shares.same2);
-  line("Correlation in a level-3 unit", shares.same3);
-  if (shares.response) {
-    line("... of outcomes, in a level-2 unit", shares.responsesame2);
-    line("... of outcomes, in a level-3 unit", shares.responsesame3);
-  }
+  if (third) line("Correlation in a level-3 unit", shares.same3);
+  if (shares.response) line("... of outcomes, in a level-2 unit", shares.responsesame2);
+  if (shares.response && third) line("... of outcomes, in a level-3 unit", shares.responsesame3);
   line("Design effect of a mean", shares.designeffect);
   line("Effective number of records", shares.effective);
   if (shares.against) {
     line("Less variance at level 1 than null model", shares.explained1);
     line("Less variance at level 2", shares.explained2);
-    line("Less variance at level 3", shares.explained3);
+    if (third) line("Less variance at level 3", shares.explained3);
   }
   reportrule(60);
 }
 
 std::string bootstrapwords(const BootstrapResults& results) {
-  std::string words =
-      formatted("%d bootstrap replicates %s (seed %llu).", results.tried,
-                results.cases ? "of level-3 units drawn with replacement" : "drawn from the fitted model",
-                static_cast<unsigned long long>(results.seed));
+  std::string words = formatted("%d bootstrap replicates %s (seed %llu).", results.tried,
+                                !results.cases       ? "drawn from the fitted model"
+                                : run.mdm.twolevel() ? "of level-2 units drawn with replacement"
+                                                     : "of level-3 units drawn with replacement",
+                                static_cast<unsigned long long>(results.seed));
   if (results.tried < results.asked) words += formatted(" It was stopped before the %d asked for.", results.asked);
   words += results.failed == 0 ? std::string(" All fits converged.")
                                : formatted(" %d fits (%.1f%%) have failed or not converged, and are left out.",

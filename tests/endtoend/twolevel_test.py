@@ -346,6 +346,37 @@ def files(folder):
     return c
 
 
+def intervals(folder):
+    """Intervals by the profile and the bootstrap, shares of variance, a null model: of two levels alone."""
+    c = Checks("intervals")
+    (data, formula, _, rows), = blocks("profile")
+    null = fitted(c, folder, "score ~ 1 + (1 | school)", data)["phases"][-1]
+    shutil.copy(f"{folder}/f.json", f"{folder}/null.json")
+    document = fitted(c, folder, formula, data, *sum((["-keyword", x] for x in ("PROFILE:Y", "SHARES:Y", "NULLMODEL:null.json")), []))
+    made, want = document["phases"][-1], {name: numbers(values) for name, values in rows}
+    profile, shares = made["profile_intervals"], made["variance_shares"]
+    close = lambda what, got, truth, width: [c.near(f"{what}", a, b, 0, 2e-4 * width) for a, b in zip(got, truth)]
+    for name, row, interval in ((row["level1"], row, x) for row, x in zip(made["fixed_effects"], profile["fixed_effects"])):
+        truth = want["(Intercept)" if name == "INTRCPT1" else name.lower()]
+        close(f"profile of {name}", interval, truth, truth[1] - truth[0])
+    for what, got, truth in (("sigma", profile["sigma2"], [x * x for x in want[".sigma"]]),
+                             ("tau", profile["tau_pi"]["variance"][0], [x * x for x in want[".sig01"]])):
+        close(f"profile of {what}", got, truth, truth[1] - truth[0])
+    tau, sigma2 = made["tau_pi"]["estimate"][0][0], made["sigma2"]["estimate"]
+    c.near("correlation", shares["intraclass_correlation"]["same_level2_unit"], tau / (tau + sigma2), 1e-9)
+    c.near("explained", shares["explained"]["level2"], 1 - tau / null["tau_pi"]["estimate"][0][0], 1e-9)
+    for words in ("", "-cases"):
+        code, said = run(PROGRAM, folder, "f.mdm", "f.kdr", "-bootstrap", "40", *words.split())
+        report = open(f"{folder}/f.txt").read()
+        c.equal(f"bootstrap {words}", (code, THIRD.findall(report), re.findall(r"level[- ]3", said)), (0, [], []))
+        boot = json.load(open(f"{folder}/f.json"))["phases"][-1]["bootstrap"]
+        c.equal(f"bootstrap {words}", (boot["kind"], boot["failed"], boot["percentile"]["tau_beta"]),
+                ("level2_units" if words else "parametric", 0, None))
+        low, high = boot["percentile"]["intraclass_correlation"]["same_level2_unit"]
+        c(low < tau / (tau + sigma2) < high, f"bootstrap {words}: {low}, {high}")
+    return c
+
+
 def series(folder):
     """Imputed data sets and plausible values: averages without a third level."""
     c = Checks("series")
@@ -409,7 +440,7 @@ def main():
     pick = sys.argv[2:]
     with tempfile.TemporaryDirectory() as top:
         parts = [] if pick and not any("-" in p for p in pick) else oracles(top, pick)
-        for part in (models, small, engines, constructions, files, series, dialogue):
+        for part in (models, small, engines, constructions, files, intervals, series, dialogue):
             if not pick or part.__name__ in pick:
                 parts.append(part(top))
     finish(parts)

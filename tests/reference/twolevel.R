@@ -121,3 +121,11 @@ restricted("sleepstudy", Reaction ~ Days + (Days | Subject))
 restricted("oats", yield ~ nitro + Variety + (1 | Block))
 for (f in c(score ~ year * arm + (1 | school), score ~ year + ses + (year | school))) robust("growth", f)
 robust("sleepstudy", Reaction ~ Days + (Days | Subject))
+
+profiles <- function(name, formula) {
+  m <- best(formula, datasets[[name]], FALSE)
+  head("profile", name, formula, "")
+  interval <- suppressMessages(confint(as(m, "lmerMod"), quiet = TRUE))
+  for (row in rownames(interval)) show("  ", row, "\t", number(interval[row, ]))
+}
+profiles("growth", score ~ year + ses + (1 | school))

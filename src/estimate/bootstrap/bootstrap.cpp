@@ -147,11 +147,13 @@ BootstrapResults bootstrapresults(const Replicates& made, const BootstrapRequest
   collector.add([](const Row& row) { return row.sigma2; }, percentile.variances.sigma2, basic.variances.sigma2, 0.0);
   if (!intraclass) return results;
   percentile.intraclass = basic.intraclass = true;
-  const auto total = [](const Row& row) { return row.pi[0] + row.beta[0] + row.sigma2; };
-  collector.add([&](const Row& row) { return (row.pi[0] + row.beta[0]) / total(row); }, percentile.samelevel2,
+  const auto third = [&](const Row& row) { return made.b > 0 ? row.beta[0] : 0.0; };
+  const auto total = [&](const Row& row) { return row.pi[0] + third(row) + row.sigma2; };
+  collector.add([&](const Row& row) { return (row.pi[0] + third(row)) / total(row); }, percentile.samelevel2,
                 basic.samelevel2, 0.0, 1.0);
-  collector.add([&](const Row& row) { return row.beta[0] / total(row); }, percentile.samelevel3, basic.samelevel3, 0.0,
-                1.0);
+  if (made.b > 0)
+    collector.add([&](const Row& row) { return third(row) / total(row); }, percentile.samelevel3, basic.samelevel3, 0.0,
+                  1.0);
   return results;
 }
 

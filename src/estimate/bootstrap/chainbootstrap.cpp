@@ -231,7 +231,7 @@ std::string bootstrapobstacle(const Model& model, const Control& control, bool c
   if (model.weighted) return "The bootstrap cannot be combined with design weights.";
   if (control.hetit != 0) return "The bootstrap cannot be combined with HETIT:.";
   if (!cases && model.outcome.categorical())
-    return "Outcomes with categories have a bootstrap of level-3 units alone: add -cases.";
+    return "Outcomes with categories have a bootstrap of whole units alone: add -cases.";
   if (!cases && !model.outcome.linear() && model.restrictions.fixsigma2.value_or(0.0) != 1.0)
     return "A parametric bootstrap needs FIXSIGMA2:1.0: a model with over-dispersion has no distribution to draw from. "
            "Add it, or -cases.";

@@ -110,7 +110,7 @@ VarianceShares variancesharesof(const Estimates& est, const ShareRequest& reques
   shares.against = true;
   shares.explained1 = 1.0 - est.sigma2 / request.null->sigma2;
   shares.explained2 = 1.0 - est.taupi[0] / request.null->taupi;
-  shares.explained3 = 1.0 - est.taubeta[0] / request.null->taubeta;
+  if (!est.taubeta.empty()) shares.explained3 = 1.0 - est.taubeta[0] / request.null->taubeta;
   return shares;
 }
 

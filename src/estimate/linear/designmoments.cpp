@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "core/formatted.h"
 #include "core/modelwalk.h"
 #include "kernel/matrix.h"
 #include "kernel/sizes.h"
@@ -41,12 +42,14 @@ ShareValues valuesof(const Pass& pass) {
   return made;
 }
 
-// The first random effect of each level is that of the intercept.
+// The first random effect of each level is that of the intercept; of two levels there is none at level 3.
 bool interceptsfirst(const Pass& pass) {
   const ModelRows rows = modelrows(pass.model());
   const auto first = std::ranges::find_if(rows.coefficients, [](const CoefficientRow& row) { return row.random; });
   const auto second = std::ranges::find_if(rows.terms, [](const TermRow& row) { return row.random; });
-  return first->variable == 0 && second->variable == 0 && rows.owner(*second).variable == 0;
+  if (first == rows.coefficients.end() || first->variable != 0) return false;
+  if (pass.mdm().twolevel()) return true;
+  return second != rows.terms.end() && second->variable == 0 && rows.owner(*second).variable == 0;
 }
 
 }  // namespace
@@ -94,7 +97,12 @@ void takeshares(const Pass& pass, const std::optional<DesignMoments>& moments, P
   results.shares = variancesharesof(results.est, request);
   if (asked.null && !request.null)
     results.notes.emplace_back(
-        "NULLMODEL: is for linear models whose intercept is random at both levels: nothing is compared with it.");
+        "NULLMODEL: is for linear models whose intercept is random at each upper level: nothing is compared with it.");
+  if (request.null && request.null->records != pass.nunits1)
+    results.notes.push_back(
+        formatted("NULLMODEL: its model was fitted to %lld records, this one to %d: what they explain "
+                  "of each other's variance says nothing.",
+                  request.null->records, pass.nunits1));
 }
 
 }  // namespace kdr

@@ -300,17 +300,22 @@ void ofeffects(Profile& profile, std::vector<Interval>& effects) {
   }
 }
 
-// With one variance at each level: (taupi + taubeta) / total and taubeta / total.
+// With one variance at each level, theta = (taupi, taubeta, sigma2), the second of three levels alone: (taupi +
+// taubeta) / total and taubeta / total.
 void intraclass(Profile& profile, ProfileIntervals& made) {
-  const auto share = [&](double pi) {
+  const Array<double>& theta = profile.best;
+  const auto share = [&](std::size_t first) {
     Target target;
-    target.a.reset(3);
-    target.b.reset(3);
-    target.a[0] = pi;
-    target.a[1] = 1.0;
+    target.a.reset(theta.size());
+    target.b.reset(theta.size());
     target.b.fill(1.0);
-    const Array<double>& theta = profile.best;
-    const double estimate = (pi * theta[0] + theta[1]) / (theta[0] + theta[1] + theta[2]);
+    double common = 0.0, total = 0.0;
+    for (std::size_t e = 0; e < theta.size(); ++e) {
+      target.a[e] = e >= first && e + 1 < theta.size() ? 1.0 : 0.0;
+      common += target.a[e] * theta[e];
+      total += theta[e];
+    }
+    const double estimate = common / total;
     const Side down{[=](double t) { return std::max(0.0, estimate - t); }, 0.5 * estimate, estimate};
     const Side up{[=](double t) { return std::min(1.0, estimate + t); },
                   std::min(0.5 * estimate + 0.02, 0.5 * (1.0 - estimate)), 1.0 - estimate};
@@ -320,15 +325,15 @@ void intraclass(Profile& profile, ProfileIntervals& made) {
   };
   if (profile.stopped) return;
   made.intraclass = true;
-  made.samelevel2 = share(1.0);
-  if (!profile.stopped) made.samelevel3 = share(0.0);
+  made.samelevel2 = share(0);
+  if (!profile.stopped && theta.size() == 3) made.samelevel3 = share(1);
 }
 
 }  // namespace
 
 bool interceptsalone(const Pass& pass) {
   const ModelRows rows = modelrows(pass.model());
-  if (pass.p != 1 || pass.b != 1 || pass.model().autovknown != 0) return false;
+  if (pass.p != 1 || pass.b > 1 || pass.model().autovknown != 0) return false;
   for (const CoefficientRow& row : rows.coefficients)
     if (row.random && row.variable != 0) return false;
   for (const TermRow& row : rows.terms)
