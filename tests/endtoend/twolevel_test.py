@@ -24,6 +24,7 @@ import twolevelmodels as two
 PROGRAM = os.path.abspath(sys.argv[1])
 DATA = REFERENCE / "formulas"
 # What names or counts a third level, in a report or a command file.
+PLOT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tools", "kdr3-plot")
 THIRD = re.compile(r"level[- ]?3|tau\(beta\)|taubeta|INTRCPT3|L3ID|LVR|\bG\d", re.I)
 
 
@@ -337,8 +338,7 @@ def files(folder):
         c.near(f"residual {i} of the graph data file", tables["level2"]["EB1"][i], float(row[2]), 2e-6)
     report = open(f"{folder}/r.txt").read()
     c("Exploratory Analysis: estimated level-2" in report and not THIRD.search(report), "exploratory analysis of the report")
-    plot = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tools", "kdr3-plot")
-    done = subprocess.run([sys.executable, plot, "--page", "r.json", "-o", "r.html"], cwd=folder, capture_output=True, text=True)
+    done = subprocess.run([sys.executable, PLOT, "--page", "r.json", "-o", "r.html"], cwd=folder, capture_output=True, text=True)
     if "matplotlib is missing" not in done.stderr:
         page = re.sub(r'src="[^"]*"', "", open(f"{folder}/r.html").read()) if done.returncode == 0 else done.stderr
         c.equal("level 3 in the page", (done.returncode, re.findall(r".{30}(?:level[- ]3|None).{30}", page, re.I)), (0, []))
@@ -372,6 +372,11 @@ def intervals(folder):
         boot = json.load(open(f"{folder}/f.json"))["phases"][-1]["bootstrap"]
         c.equal(f"bootstrap {words}", (boot["kind"], boot["failed"], boot["percentile"]["tau_beta"]),
                 ("level2_units" if words else "parametric", 0, None))
+        page = subprocess.run([sys.executable, PLOT, "--page", "f.json", "-o", "f.html"], cwd=folder, capture_output=True, text=True)
+        if "matplotlib is missing" not in page.stderr:
+            text = re.sub(r'src="[^"]*"', "", open(f"{folder}/f.html").read()) if page.returncode == 0 else page.stderr
+            c.equal(f"page {words}", (page.returncode, re.findall(r"level[- ]3", text, re.I), "of level-2 units drawn" in text),
+                    (0, [], bool(words)))
         low, high = boot["percentile"]["intraclass_correlation"]["same_level2_unit"]
         c(low < tau / (tau + sigma2) < high, f"bootstrap {words}: {low}, {high}")
     return c
