@@ -35,6 +35,7 @@ void take(Draws draws, Interval& percentile, Interval& basic) {
   std::erase_if(draws.values, [](double x) { return !std::isfinite(x); });
   if (draws.values.size() < fewest || !std::isfinite(draws.estimate)) return;
   std::ranges::sort(draws.values);
+  if (draws.values.front() == draws.values.back() && draws.estimate != 0.0) return;  // the model holds it
   const double low = quantile(draws.values, 0.025), high = quantile(draws.values, 0.975);
   percentile = {true, low, high};
   basic = {true, std::max(2.0 * draws.estimate - high, draws.least), std::min(2.0 * draws.estimate - low, draws.most)};

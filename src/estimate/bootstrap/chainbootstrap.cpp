@@ -201,8 +201,8 @@ const Estimates* fitted(ChainFit& chain) {
     return nullptr;
   }
   const MacroState& state = chain.state;
-  if (state.end != MacroEnd::converged || state.separation.known()) return nullptr;
-  const bool engine = control.laplace || control.agqpoints != 0;
+  const bool engine = control.laplace || control.agqpoints != 0;  // its maximum needs no end of quasi-likelihood
+  if ((!engine && state.end != MacroEnd::converged) || state.separation.known()) return nullptr;
   const std::optional<PassResults>& of = state.quadrature ? state.quadrature : state.laplace6;
   if (engine && (!of || of->ending != Ending::converged)) return nullptr;
   return engine ? &of->est : &state.unitspecific.est;
