@@ -1,7 +1,9 @@
 #include "app/nullmodel.h"
 
 #include <fstream>
+#include <string>
 
+#include "core/formatted.h"
 #include "document/json.h"
 #include "driver/failures.h"
 #include "driver/runrecord.h"
@@ -10,21 +12,36 @@ namespace kdr {
 
 namespace {
 
-// The variances of the phase `final`: false when the document has none.
-bool takevariances(const Json& document, Shares::NullModel& null) {
-  if (!document.is_object() || !document.contains("phases") || !document["phases"].is_array()) return false;
+using Place = Json::json_pointer;
+
+bool takenumber(const Json& from, const char* place, double& value) {
+  if (!from.contains(Place(place)) || !from[Place(place)].is_number()) return false;
+  value = from[Place(place)].get<double>();
+  return true;
+}
+
+// The variances of the phase `final`; why there are none, in words that go on from "... is".
+std::string takevariances(const Json& document, Shares::NullModel& null) {
+  const MdmData& mdm = run.mdm;
+  const std::string another = formatted("not that of a linear model of %s levels", mdm.twolevel() ? "two" : "three");
+  double records = 0.0, units2 = 0.0, units3 = 0.0;
+  if (!document.is_object() || !takenumber(document, "/dimensions/records", records) ||
+      !takenumber(document, "/dimensions/level2_units", units2) || !document.contains("phases") ||
+      takenumber(document, "/dimensions/level3_units", units3) == mdm.twolevel())
+    return another;
+  if (units2 != mdm.nunits2 || (!mdm.twolevel() && units3 != mdm.nunits3))
+    return "of other units than those of this data set";
+  null.records = static_cast<long long>(records);
   for (const Json& phase : document["phases"]) {
     if (!phase.is_object() || phase.value("phase", "") != "final") continue;
-    const auto number = [&](const char* pointer, double& value) {
-      const Json::json_pointer place(pointer);
-      if (!phase.contains(place) || !phase[place].is_number()) return false;
-      value = phase[place].get<double>();
-      return value > 0.0;
-    };
-    return number("/sigma2/estimate", null.sigma2) && number("/tau_pi/estimate/0/0", null.taupi) &&
-           (run.mdm.twolevel() || number("/tau_beta/estimate/0/0", null.taubeta));
+    if (!phase.contains("fixed_effects") || phase["fixed_effects"].size() != 1) return "of a model with predictors";
+    if (!takenumber(phase, "/sigma2/estimate", null.sigma2) || !takenumber(phase, "/tau_pi/estimate/0/0", null.taupi) ||
+        (!mdm.twolevel() && !takenumber(phase, "/tau_beta/estimate/0/0", null.taubeta)))
+      return another;
+    const bool positive = null.sigma2 > 0.0 && null.taupi > 0.0 && (mdm.twolevel() || null.taubeta > 0.0);
+    return positive ? "" : "of a model with a variance of 0";
   }
-  return false;
+  return another;
 }
 
 }  // namespace
@@ -35,12 +52,9 @@ void readnullmodel() {
   std::ifstream file(path);
   const Json document = file ? Json::parse(file, nullptr, false) : Json();
   Shares::NullModel null;
-  if (!takevariances(document, null))
-    stopwith(
-        "NULLMODEL: takes the results document (.json) of a linear model with variances above 0 of %s levels. %s is "
-        "none.\n",
-        run.mdm.twolevel() ? "two" : "three", path.c_str());
-  null.records = document.value(Json::json_pointer("/dimensions/records"), 0LL);
+  if (const std::string words = takevariances(document, null); !words.empty())
+    stopwith("NULLMODEL: takes the results document (.json) of the model without predictors. %s is %s.\n", path.c_str(),
+             words.c_str());
   run.control.shares.asked = true;
   run.control.shares.null = null;
 }

@@ -64,7 +64,7 @@ constexpr const char* help =
     "  -results FILE    write the results as a document (.json) or a table (.csv)\n"
     "  -reml            restricted maximum likelihood (LIKELIHOOD:REML)\n"
     "  -bootstrap N     bootstrap intervals from N replicates, drawn from the fitted model\n"
-    "  -cases           with -bootstrap: level-3 units drawn with replacement\n"
+    "  -cases           with -bootstrap: level-3 units (of two levels, level-2 units) drawn with replacement\n"
     "  -seed S          with -bootstrap: number that the replicates follow from (1)\n"
     "  -strict          stop at what the command file says in vain (code 8 or 100); code 20 when not converged\n"
     "  -i 1             keep the data in memory\n"

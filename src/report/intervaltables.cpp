@@ -98,7 +98,7 @@ std::vector<std::string> taulabels(Tau which) {
 namespace {
 
 Interval root(const Interval& variance) {
-  return {variance.known, std::sqrt(std::max(0.0, variance.low)), std::sqrt(variance.high)};
+  return {variance.known, variance.low < 0.0 ? 0.0 : std::sqrt(variance.low), std::sqrt(variance.high)};
 }
 
 // A row with the interval that each part has.

@@ -353,6 +353,15 @@ def intervals(folder):
     null = fitted(c, folder, "score ~ 1 + (1 | school)", data)["phases"][-1]
     shutil.copy(f"{folder}/f.json", f"{folder}/null.json")
     document = fitted(c, folder, formula, data, *sum((["-keyword", x] for x in ("PROFILE:Y", "SHARES:Y", "NULLMODEL:null.json")), []))
+    for place, value, words in (("level2_units", 7, "other units"), ("level3_units", 5, "two levels")):
+        other = json.load(open(f"{folder}/null.json"))
+        other["dimensions"][place] = value
+        json.dump(other, open(f"{folder}/other.json", "w"))
+        code, said = run(PROGRAM, folder, "-fit", formula, str(DATA / f"{data}.csv"), "-o", "o", "-keyword", "NULLMODEL:other.json")
+        c(code == 100 and words in said, f"null model, {place}: code {code}, {said[-200:]}")
+    shutil.copy(f"{folder}/f.json", f"{folder}/with.json")
+    code, said = run(PROGRAM, folder, "-fit", formula, str(DATA / f"{data}.csv"), "-o", "o", "-keyword", "NULLMODEL:with.json")
+    c(code == 100 and "with predictors" in said, f"null model with predictors: code {code}, {said[-200:]}")
     made, want = document["phases"][-1], {name: numbers(values) for name, values in rows}
     profile, shares = made["profile_intervals"], made["variance_shares"]
     close = lambda what, got, truth, width: [c.near(f"{what}", a, b, 0, 2e-4 * width) for a, b in zip(got, truth)]

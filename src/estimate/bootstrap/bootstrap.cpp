@@ -145,7 +145,8 @@ BootstrapResults bootstrapresults(const Replicates& made, const BootstrapRequest
                   basic.effects.emplace_back());
   collector.tau(Tau::pi, made.p);
   collector.tau(Tau::beta, made.b);
-  collector.add([](const Row& row) { return row.sigma2; }, percentile.variances.sigma2, basic.variances.sigma2, 0.0);
+  if (est.sigma2 > 0.0)
+    collector.add([](const Row& row) { return row.sigma2; }, percentile.variances.sigma2, basic.variances.sigma2, 0.0);
   if (!intraclass) return results;
   percentile.intraclass = basic.intraclass = true;
   const auto third = [&](const Row& row) { return made.b > 0 ? row.beta[0] : 0.0; };
