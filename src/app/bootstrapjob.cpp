@@ -35,7 +35,10 @@ BootstrapRequest requestof(const Analysis& analysis) {
 void tell(const BootstrapResults& results, const char* phase) {
   const std::string words = bootstrapwords(results);
   std::printf("%s\n", words.c_str());
-  if (2 * results.failed > results.tried) notconverged("");
+  if (2 * results.failed > results.tried || results.tried < results.asked) {
+    notconverged("");
+    documentwarning(words);
+  }
   bootstraptable(results);
   documentbootstrap(phase, results);
 }

@@ -4,9 +4,11 @@
 #include <string>
 
 #include "core/formatted.h"
+#include "core/names.h"
 #include "document/json.h"
 #include "driver/failures.h"
 #include "driver/runrecord.h"
+#include "kernel/sizes.h"
 
 namespace kdr {
 
@@ -31,9 +33,13 @@ std::string takevariances(const Json& document, Shares::NullModel& null) {
     return another;
   if (units2 != mdm.nunits2 || (!mdm.twolevel() && units3 != mdm.nunits3))
     return "of other units than those of this data set";
+  const std::string outcome = leftname(mdm.names1[at(run.model.outvar)]);
+  if (!document.contains(Place("/model/outcome")) || document[Place("/model/outcome")] != outcome)
+    return "of another outcome than " + outcome;
   null.records = static_cast<long long>(records);
   for (const Json& phase : document["phases"]) {
     if (!phase.is_object() || phase.value("phase", "") != "final") continue;
+    if (phase.contains("likelihood") != run.control.restricted) return "of another likelihood (LIKELIHOOD:)";
     if (!phase.contains("fixed_effects") || phase["fixed_effects"].size() != 1) return "of a model with predictors";
     if (!takenumber(phase, "/sigma2/estimate", null.sigma2) || !takenumber(phase, "/tau_pi/estimate/0/0", null.taupi) ||
         (!mdm.twolevel() && !takenumber(phase, "/tau_beta/estimate/0/0", null.taubeta)))

@@ -288,7 +288,8 @@ void takebootstrap(const OneFileOptions& given) {
              given.bootstrap.c_str());
   if (given.seed.empty()) return;
   const std::optional<int> seed = wholeof(given.seed);
-  if (!seed || *seed < 0) stopwith("-seed takes a whole number from 0 on. It cannot be %s\n", given.seed.c_str());
+  if (!seed || *seed < 0)
+    stopwith("-seed takes a whole number from 0 to 2147483647. It cannot be %s\n", given.seed.c_str());
   run.id.seed = static_cast<std::uint64_t>(*seed);
 }
 
@@ -353,6 +354,7 @@ Options readoptions(int argc, char** argv) {
     if (std::string* value = argumentof(onefile, word.c_str())) {
       if (!value->empty()) stopwith("The option %s stands twice.\n", word.c_str());
       *value = given.empty() ? argument(word.substr(1)) : given;
+      if (value->empty()) usageerror("option requires an argument -- " + word.substr(1));
       fitgiven = fitgiven || value == &onefile.fit.formula;
       continue;
     }

@@ -265,7 +265,10 @@ void readshares(CommandReader& reader, const std::string& value) {
     const bool level1 = findvariable(name, run.mdm.names1, run.mdm.nvar1).index > 0;
     const int index = level1 ? variable(reader.lines.number, "SHARES", name, run.mdm.names1, run.mdm.nvar1)
                              : variable(reader.lines.number, "SHARES", name, run.mdm.names2, run.mdm.nvar2);
-    shares.at.push_back({level1 ? 1 : 2, index, *number});
+    const int level = level1 ? 1 : 2;
+    for (const Shares::Value& before : shares.at)
+      if (before.level == level && before.variable == index) refusevalue("SHARES", "each variable once", value);
+    shares.at.push_back({level, index, *number});
   }
 }
 

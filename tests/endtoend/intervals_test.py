@@ -2,8 +2,10 @@
 
 The numbers of lme4 are in tests/reference/profiles.out (profiles.R), the studies are those of restrictedstudies.py.
 """
+import json
 import math
 import pathlib
+import random
 import sys
 import tempfile
 
@@ -49,6 +51,33 @@ for (study, by), rows in wanted.items():
             continue  # the direct rows have it
         near = (3e-3 if by == "confint" else 1e-5) * (high - low)
         assert abs(found[name][0] - low) < near and abs(found[name][1] - high) < near, (study, by, name, found[name], (low, high))
+
+# Slopes at both levels: at each bound of level 3 twice the log-likelihood of lme4 is 3.84 below the top (profilerises.R), and a
+# variance whose likelihood does not fall so far ends at 0.
+
+
+def slopes(seed):
+    draw, rows = random.Random(seed), ["k,j,y,x"]
+    for k in range(10):
+        v = draw.gauss(0, .5)
+        for j in range(5):
+            u, us = draw.gauss(0, .7), draw.gauss(0, .3)
+            for _ in range(5):
+                x = draw.gauss(0, 1)
+                rows.append("%d,%d,%.4f,%.4f" % (k, k * 100 + j, 1 + v + u + (.5 + us) * x + draw.gauss(0, 1), x))
+    return "\n".join(rows) + "\n"
+
+
+(folder / "slopes.csv").write_text(slopes(11))
+code, said = run(program, folder, "-fit", "y ~ x + (x | k/j)", "slopes.csv", "-o", "p", "-keyword", "PROFILE:Y")
+assert code == 0, said[-300:]
+profile = json.loads((folder / "p.json").read_text())["phases"][-1]["profile_intervals"]
+found = [*profile["tau_beta"]["standard_deviation"][0], *profile["tau_beta"]["standard_deviation"][1], profile["tau_beta"]["correlation"][1][0][0]]
+for line, bound in zip((REFERENCE / "profilerises.out").read_text().splitlines(), found, strict=True):
+    name, held, rise = line.split()
+    assert abs(bound - float(held)) < 2e-5 * (1 + 10 * float(held)) and -0.01 < float(rise) - 3.8415 < 0.06, (name, held, bound, rise)
+assert profile["tau_pi"]["variance"][1][0] == 0 and profile["tau_pi"]["correlation"][1][0] == [-1, 1]
+assert abs(profile["tau_pi"]["standard_deviation"][0][0] - 0.3247072) < 2e-6 and profile["tau_beta"]["correlation"][1][0][1] == 1
 
 # No unit of measurement matters.
 plain = named(fit(61, "PROFILE:Y\nLIKELIHOOD:ML\n")[0])

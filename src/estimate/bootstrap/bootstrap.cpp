@@ -82,7 +82,10 @@ void Collector::tau(Tau which, int n) const {
     add([&](const Row& row) { return packed(row)[ii]; }, variances.emplace_back(), basicvariances.emplace_back(), 0.0);
     for (int j = 0; j < i; ++j) {
       const std::size_t ij = packedsize(i) + at(j), jj = packedsize(j) + at(j);
-      add([&](const Row& row) { return packed(row)[ij] / std::sqrt(packed(row)[ii] * packed(row)[jj]); },
+      add(
+          [&](const Row& row) {
+            return std::clamp(packed(row)[ij] / std::sqrt(packed(row)[ii] * packed(row)[jj]), -1.0, 1.0);
+          },
           correlations.emplace_back(), basiccorrelations.emplace_back(), -1.0, 1.0);
     }
   }

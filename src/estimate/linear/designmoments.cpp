@@ -42,6 +42,21 @@ ShareValues valuesof(const Pass& pass) {
   return made;
 }
 
+// The first variable with a value that has no random slope, by its level and name; empty: all have.
+std::string withoutslope(const Pass& pass) {
+  const ModelRows rows = modelrows(pass.model());
+  for (const Shares::Value& given : pass.control().shares.at) {
+    const auto of = [&](int level, int variable) { return given.level == level && given.variable == variable; };
+    bool found = false;
+    for (const CoefficientRow& row : rows.coefficients) found = found || (row.random && of(1, row.variable));
+    for (const TermRow& row : rows.terms)
+      found = found || (row.random && (of(1, rows.owner(row).variable) || of(2, row.variable)));
+    const Array<Name>& names = given.level == 1 ? pass.mdm().names1 : pass.mdm().names2;
+    if (!found) return leftname(names[at(given.variable)]);
+  }
+  return "";
+}
+
 // The first random effect of each level is that of the intercept; of two levels there is none at level 3.
 bool interceptsfirst(const Pass& pass) {
   const ModelRows rows = modelrows(pass.model());
@@ -93,6 +108,8 @@ void takeshares(const Pass& pass, const std::optional<DesignMoments>& moments, P
   }
   ShareRequest request{pass.model().outcome, *moments, {}, {}};
   if (!asked.at.empty()) request.at = valuesof(pass);
+  if (const std::string name = withoutslope(pass); !name.empty())
+    results.notes.push_back("SHARES: " + name + " has no random slope, so that its value has no effect.");
   if (pass.model().outcome.linear() && interceptsfirst(pass)) request.null = asked.null;
   results.shares = variancesharesof(results.est, request);
   if (asked.null && !request.null)

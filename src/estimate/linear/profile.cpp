@@ -6,10 +6,12 @@
 #include <limits>
 #include <optional>
 #include <utility>
+#include <vector>
 
 #include "core/modelwalk.h"
 #include "estimate/ascent/conescoring.h"
 #include "estimate/linear/marginalsurface.h"
+#include "kernel/matrix.h"
 #include "kernel/sizes.h"
 
 namespace kdr {
@@ -17,19 +19,20 @@ namespace kdr {
 namespace {
 
 constexpr double threshold = 3.841458820694124;  // 0.95 quantile of chi-square, one degree of freedom
+constexpr double notthere = 0.005;               // of a log-likelihood: another point than the maximum
 constexpr double notfound = std::numeric_limits<double>::quiet_NaN();
 
-// What is profiled: a fixed effect, or a function h of the variance components theta. A variance and an intraclass
-// correlation are a'theta / (b'theta + b0), a correlation is theta_c / root(theta_u theta_v).
+// What is profiled: a fixed effect, a variance, or a function h of the variance components theta. An intraclass
+// correlation is a'theta / b'theta, a correlation is theta_c / root(theta_u theta_v).
 struct Target {
   std::optional<int> effect;
+  std::optional<std::size_t> element;  // the function is this one variance
   Array<double> a, b;
-  double b0 = 0.0;
   bool correlation = false;
   std::size_t c = 0, u = 0, v = 0;
 };
 
-// The constraint h = level as a function g(theta) that is 0 there: a'theta - level (b'theta + b0), or theta_c - level
+// The constraint h = level as a function g(theta) that is 0 there: a'theta - level b'theta, or theta_c - level
 // root(theta_u theta_v).
 struct Constraint {
   double g = 0.0;
@@ -47,7 +50,6 @@ Constraint constraintof(const Target& target, double level, const Array<double>&
     }
     return made;
   }
-  made.g = -level * target.b0;
   for (std::size_t i = 0; i < theta.size(); ++i) {
     made.gradient[i] = target.a[i] - level * target.b[i];
     made.g += made.gradient[i] * theta[i];
@@ -78,11 +80,14 @@ struct Profile {
   }
   bool climbtotop(const Array<double>& from);
   std::optional<double> ofeffect(int effect, double level);
+  std::optional<double> ofvariance(std::size_t element, double level);
   std::optional<double> offunction(const Target& target, double level);
   // The largest likelihood at a level, below `top` as a rule.
   std::optional<double> at(const Target& target, double level) {
-    const std::optional<double> value = target.effect ? ofeffect(*target.effect, level) : offunction(target, level);
-    if (value && *value > top + 0.005) higher = true;
+    const std::optional<double> value = target.effect    ? ofeffect(*target.effect, level)
+                                        : target.element ? ofvariance(*target.element, level)
+                                                         : offunction(target, level);
+    if (value && *value > top + notthere) higher = true;
     return stopped ? std::nullopt : value;
   }
 };
@@ -115,6 +120,50 @@ std::optional<double> Profile::ofeffect(int effect, double level) {
   surface.held.reset();
   surface.lastpoint = {};
   if (result.end == AscentEnd::unusable) return {};
+  last = result.point.copy();
+  return result.value;
+}
+
+// A variance is held where it is asked for, with those that are equal to it. Its covariances start in proportion to its
+// root, so that the matrix stays one, and without it are held at 0.
+std::optional<double> Profile::ofvariance(std::size_t element, double level) {
+  ConeProblem climb = problem();
+  Array<double> from = last.copy();
+  const int group = restriction.free[element];
+  std::size_t first = 0;
+  for (const int n : climb.orders) {
+    eachelement(n, [&](int e, int i, int j) {
+      const auto place = [&](int r, int c) { return first + packedsize(std::max(r, c)) + kdr::at(std::min(r, c)); };
+      if (i != j || restriction.free[first + kdr::at(e)] != group) return;
+      const double now = last[first + kdr::at(e)], factor = now > 0.0 ? std::sqrt(level / now) : 0.0;
+      for (int l = 0; l < n; ++l) {
+        if (l == i || restriction.free[place(i, l)] < 0) continue;
+        from[place(i, l)] *= factor;
+        if (level == 0.0) climb.free[place(i, l)] = -1;
+      }
+    });
+    first += packedsize(n);
+  }
+  std::vector<int> number(kdr::at(restriction.nfree), -1);
+  climb.nfree = 0;
+  for (std::size_t e = 0; e < from.size(); ++e) {
+    if (restriction.free[e] == group) {
+      from[e] = level;
+      climb.free[e] = -1;
+    }
+    if (climb.free[e] < 0) continue;
+    int& place = number[kdr::at(climb.free[e])];
+    if (place < 0) place = climb.nfree++;
+    climb.free[e] = place;
+  }
+  climb.evaluate = [this](const Array<double>& point) { return surface.evaluate(point); };
+  climb.test = climb.evaluate;
+  if (climb.nfree == 0) {
+    const Evaluation there = surface.evaluate(from);
+    return there.usable ? std::optional(there.value) : std::nullopt;
+  }
+  const ConeResult result = climbcone(climb, {}, from);
+  if (result.end != AscentEnd::converged) return {};
   last = result.point.copy();
   return result.value;
 }
@@ -223,10 +272,7 @@ Interval both(Profile& profile, const Target& target, const Side& down, const Si
 Interval variance(Profile& profile, std::size_t element) {
   const std::size_t NT = profile.best.size();
   Target target;
-  target.a.reset(NT);
-  target.b.reset(NT);
-  target.a[element] = 1.0;
-  target.b0 = 1.0;
+  target.element = element;
   const double own = profile.information[element * (NT + 1)];
   if (!(own > 0.0)) return {};
   const double error = 1.0 / std::sqrt(own), deviation = std::sqrt(std::max(0.0, profile.best[element]));
@@ -277,7 +323,8 @@ void oftau(Profile& profile, std::size_t first, int n, std::vector<Interval>& va
       target.u = place(j, j);
       target.v = element;
       const Interval &one = variances[at(i)], &other = variances[at(j)];
-      if (!isfree(profile, target.c) || !one.known || !other.known || profile.stopped) {
+      const bool missing = !one.known || !other.known || std::isnan(one.low) || std::isnan(other.low);
+      if (!isfree(profile, target.c) || missing || profile.stopped) {
         correlations.push_back({});
         continue;
       }
@@ -347,11 +394,16 @@ ProfileIntervals profileintervals(Pass& pass, const ProfileRequest& request, std
   Profile profile{pass,
                   allrestriction(pass.model(), pass.fixsigma2 == 0.0),
                   {request.sums, request.criterion, restriction, request.from.copy()}};
-  if (!profile.climbtotop(variancepoint(request.sums, request.from))) {
+  const Array<double> from = variancepoint(request.sums, request.from);
+  const Evaluation before = profile.surface.evaluate(from);
+  if (!profile.climbtotop(from)) {
     notes.emplace_back("PROFILE: the likelihood has no maximum that intervals could be reckoned from.");
     return made;
   }
   made.made = true;
+  if (!before.usable || before.value < profile.top - notthere)
+    notes.emplace_back(
+        "PROFILE: the estimates are not at the maximum of the likelihood, which the intervals belong to.");
   VarianceIntervals& variances = made.variances;
   oftau(profile, 0, pass.p, variances.level2, variances.correlations2);
   oftau(profile, packedsize(pass.p), pass.b, variances.level3, variances.correlations3);

@@ -122,7 +122,9 @@ std::optional<VarianceInformation> marginalresults(Pass& pass, IterationState& s
 void profileresults(Pass& pass, IterationState& state, PassResults& results) {
   if (!pass.control().profile || !state.marginal.value.known) return;
   const Criterion criterion = results.restricted ? Criterion::restricted : Criterion::full;
+  tellobserver(pass.observer().stagebegins);  // the interrupt ends the profile, not the run
   results.profile = profileintervals(pass, {state.marginal.sums, criterion, state.marginal.est}, results.notes);
+  tellobserver(pass.observer().stageends);
 }
 
 void shareresults(Pass& pass, PassResults& results) {
