@@ -107,7 +107,8 @@ KDR3_PUBLIC kdr3_status kdr3_model_level3(kdr3_model* model, int term, const cha
  * ROBUST:CR2, PROFILE:Y and SHARES:Y; what they add is in the results document),
  * FIXSIGMA2 (0 frees it; an engine or categories hold it at 1), DIAGONALIZETAUPI, DIAGONALIZETAUBETA (0 or 1), LAPLACE
  * (most iterations, 0 is off), AGQ (points, 0 is off), AGQIT (most iterations), AGQAUTO (1: as many points as the data
- * need), AGQNODESFIXED (0 or 1, as AGQNODES:FIXED), AGQDERIVLEVEL, POPAVIT, THREADS (0: one for each core). Errors: an unknown name, a value that the keyword refuses. */
+ * need), AGQNODESFIXED (0 or 1, as AGQNODES:FIXED), AGQDERIVLEVEL, POPAVIT, THREADS (0: one for each core). Errors: an
+ * unknown name, a value that the keyword refuses. */
 KDR3_PUBLIC kdr3_status kdr3_model_set(kdr3_model* model, const char* name, double value);
 
 /* Design weights by the names of their columns, null for none, and the column of a known level-1 variance. */

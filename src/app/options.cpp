@@ -354,7 +354,8 @@ Options readoptions(int argc, char** argv) {
     if (std::string* value = argumentof(onefile, word.c_str())) {
       if (!value->empty()) stopwith("The option %s stands twice.\n", word.c_str());
       *value = given.empty() ? argument(word.substr(1)) : given;
-      if (value->empty()) usageerror("option requires an argument -- " + word.substr(1));
+      if (value->empty() && (value == &onefile.bootstrap || value == &onefile.seed))
+        usageerror("option requires an argument -- " + word.substr(1));
       fitgiven = fitgiven || value == &onefile.fit.formula;
       continue;
     }
