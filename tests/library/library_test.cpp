@@ -285,8 +285,7 @@ TEST(Library, RestrictionsAndHypotheses) {
   kdr3::Model engine = logistic(data);
   EXPECT_EQ(engine.restrict(3, 1, {1}).fit().error(),
             "A run with restricted variance components cannot go on to adaptive quadrature.");
-  EXPECT_EQ(logistic(data).set("FIXSIGMA2", 2).fit().error(),
-            "With adaptive quadrature sigma^2 is held at 1.");
+  EXPECT_EQ(logistic(data).set("FIXSIGMA2", 2).fit().error(), "With adaptive quadrature sigma^2 is held at 1.");
 }
 
 TEST(Library, ErrorsAreSentences) {
