@@ -25,7 +25,7 @@ bool takenumber(const Json& from, const char* place, double& value) {
 // The variances of the phase `final`; why there are none, in words that go on from "... is".
 std::string takevariances(const Json& document, Shares::NullModel& null) {
   const MdmData& mdm = run.mdm;
-  const std::string another = formatted("not that of a linear model of %s levels", mdm.twolevel() ? "two" : "three");
+  std::string another = formatted("not that of a linear model of %s levels", mdm.twolevel() ? "two" : "three");
   double records = 0.0, units2 = 0.0, units3 = 0.0;
   if (!document.is_object() || !takenumber(document, "/dimensions/records", records) ||
       !takenumber(document, "/dimensions/level2_units", units2) || !document.contains("phases") ||
