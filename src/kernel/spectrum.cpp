@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "kernel/sizes.h"
+
 namespace kdr {
 
 void spectrum(std::size_t n, const double* A, double* values, double* Q) {
@@ -62,6 +64,24 @@ bool choleskyfactor(std::size_t n, const double* A, double* L) {
     }
   }
   return true;
+}
+
+int lowerroot(const double* S, int n, double rounding, double* L) {
+  int rank = 0;
+  std::fill_n(L, square(n), 0.0);
+  for (int c = 0; c < n; ++c) {
+    double pivot = S[c * n + c];
+    for (int l = 0; l < c; ++l) pivot -= L[c * n + l] * L[c * n + l];
+    if (!(pivot > rounding * S[c * n + c])) continue;
+    ++rank;
+    L[c * n + c] = std::sqrt(pivot);
+    for (int i = c + 1; i < n; ++i) {
+      double sum = S[i * n + c];
+      for (int l = 0; l < c; ++l) sum -= L[i * n + l] * L[c * n + l];
+      L[i * n + c] = sum / L[c * n + c];
+    }
+  }
+  return rank;
 }
 
 void invertlower(std::size_t n, const double* L, double* X) {

@@ -14,6 +14,10 @@ void spectrum(std::size_t n, const double* A, double* values, double* Q);
 // L = the lower Cholesky factor of A, its upper triangle zero. False at a pivot that is not above 0 or not finite.
 [[nodiscard]] bool choleskyfactor(std::size_t n, const double* A, double* L);
 
+// L (n squared) with L L' = S for a non-negative S. A pivot that is not above `rounding` of its own diagonal element
+// makes its column 0, so that no unit matters. The rank comes back.
+int lowerroot(const double* S, int n, double rounding, double* L);
+
 // X = L^-1, both lower triangular, upper triangles zero. L has a diagonal without a zero. X may not be L.
 void invertlower(std::size_t n, const double* L, double* X);
 

@@ -17,6 +17,7 @@
 #include "estimate/quasi/macroloop.h"
 #include "kernel/matrix.h"
 #include "kernel/sizes.h"
+#include "kernel/spectrum.h"
 
 namespace kdr {
 
@@ -208,23 +209,6 @@ const Estimates* fitted(ChainFit& chain) {
   return engine ? &of->est : &state.unitspecific.est;
 }
 
-// L (n squared) with L L' = T.
-Array<double> rootof(const Array<double>& T, int n) {
-  Array<double> L(square(n));
-  for (int c = 0; c < n; ++c) {
-    double pivot = T[c * n + c];
-    for (int l = 0; l < c; ++l) pivot -= L[c * n + l] * L[c * n + l];
-    if (!(pivot > 1.0e-12 * T[c * n + c])) continue;
-    L[c * n + c] = std::sqrt(pivot);
-    for (int i = c + 1; i < n; ++i) {
-      double sum = T[i * n + c];
-      for (int l = 0; l < c; ++l) sum -= L[i * n + l] * L[c * n + l];
-      L[i * n + c] = sum / L[c * n + c];
-    }
-  }
-  return L;
-}
-
 }  // namespace
 
 std::string bootstrapobstacle(const Model& model, const Control& control, bool cases) {
@@ -246,7 +230,10 @@ Failure bootstrapchain(const ChainFit& fit, const Estimates& est, const Bootstra
   if (Failure failure = readblocks(analysis, data)) return failure;
   if (!request.cases)
     if (Failure failure = predict(pass, est, data)) return failure;
-  const Roots roots{rootof(est.taupi, pass.p), rootof(est.taubeta, pass.b)};
+  constexpr double rounding = 1.0e-12;
+  Roots roots{Array<double>(square(pass.p)), Array<double>(square(pass.b))};
+  lowerroot(est.taupi.data(), pass.p, rounding, roots.taupi.data());
+  lowerroot(est.taubeta.data(), pass.b, rounding, roots.taubeta.data());
   std::atomic<bool> stopped{false};
   BootstrapRequest watched = request;
   watched.stops = [&] {

@@ -12,30 +12,13 @@
 #include "kernel/matrix.h"
 #include "kernel/products.h"
 #include "kernel/sizes.h"
+#include "kernel/spectrum.h"
 
 namespace kdr {
 
 namespace {
 
-// L (n squared, lower) with L L' = S for a non-negative S; a pivot that is rounding makes its column 0. The rank.
-int lowerroot(const double* S, int n, double* L) {
-  constexpr double rounding = 1.0e-10;
-  int rank = 0;
-  std::fill_n(L, square(n), 0.0);
-  for (int c = 0; c < n; ++c) {
-    double pivot = S[c * n + c];
-    for (int l = 0; l < c; ++l) pivot -= L[c * n + l] * L[c * n + l];
-    if (!(pivot > rounding * S[c * n + c])) continue;
-    ++rank;
-    L[c * n + c] = std::sqrt(pivot);
-    for (int i = c + 1; i < n; ++i) {
-      double sum = S[i * n + c];
-      for (int l = 0; l < c; ++l) sum -= L[i * n + l] * L[c * n + l];
-      L[i * n + c] = sum / L[c * n + c];
-    }
-  }
-  return rank;
-}
+constexpr double rounding = 1.0e-10;  // of a pivot: the column of such a one is 0
 
 // What all replicates draw from.
 struct Source {
@@ -81,7 +64,7 @@ MarginalSums copyof(MarginalSums& sums) {
 Source sourceof(const Pass& pass, MarginalSums& sums, const Estimates& est) {
   const int p = sums.p, nb = sums.nbeta, C = sums.columns(), units3 = sums.units3();
   Source made{sums, est, {}, Array<double>(square(sums.b)), {}, {}, {}, Array<int>(at(units3)), pass.n1of.copy()};
-  lowerroot(est.taubeta.data(), sums.b, made.roottaubeta.data());
+  lowerroot(est.taubeta.data(), sums.b, rounding, made.roottaubeta.data());
   made.rootunit.reset(at(sums.units2), square(p));
   made.inverse.reset(at(sums.units2), square(p));
   made.rootresidual.reset(at(units3), square(nb));
@@ -99,15 +82,15 @@ Source sourceof(const Pass& pass, MarginalSums& sums, const Estimates& est) {
         if (made.records.back() == nullptr) made.records.back() = record;
         const int j = static_cast<int>(unit);
         unpack(p, record, S.data());
-        taken += lowerroot(S.data(), p, half.data());
+        taken += lowerroot(S.data(), p, rounding, half.data());
         pseudoinverse(S.data(), p, made.inverse.row(j));
         mulAB(half.data(), S.data(), est.taupi.data(), p, p, p);
         mulAB(covariance.data(), half.data(), S.data(), p, p, p);
         for (std::size_t i = 0; i < square(p); ++i) covariance[i] += est.sigma2 * S[i];
-        lowerroot(covariance.data(), p, made.rootunit.row(j));
+        lowerroot(covariance.data(), p, rounding, made.rootunit.row(j));
       },
       [&](int k) {
-        taken += lowerroot(block.data(), nb, made.rootresidual.row(k));
+        taken += lowerroot(block.data(), nb, rounding, made.rootresidual.row(k));
         made.degrees[k] = std::max(0, made.records1[k] - taken);
       },
       reading(sums.units));

@@ -4,29 +4,11 @@
 #include "estimate/inference/teststatistics.h"
 #include "kernel/products.h"
 #include "kernel/sizes.h"
+#include "kernel/spectrum.h"
 
 namespace kdr {
 
 namespace {
-
-// L with L L' = V (n by n), row by row; a variance that nothing is left of has a column of zeros. The remainder of a
-// pivot is held against the variance itself, so that no unit matters.
-Array<double> factorof(const Array<double>& V, int n) {
-  constexpr double nothing = 1.0e-13;
-  Array<double> L(square(n));
-  for (int j = 0; j < n; ++j) {
-    double pivot = V[j * n + j];
-    for (int k = 0; k < j; ++k) pivot -= L[j * n + k] * L[j * n + k];
-    if (!(pivot > nothing * V[j * n + j])) continue;
-    L[j * n + j] = std::sqrt(pivot);
-    for (int i = j + 1; i < n; ++i) {
-      double x = V[i * n + j];
-      for (int k = 0; k < j; ++k) x -= L[i * n + k] * L[j * n + k];
-      L[i * n + j] = x / L[j * n + j];
-    }
-  }
-  return L;
-}
 
 // The rows of A = C L (r by n), orthogonal with the lengths on the diagonal of R: A = R Q, R lower triangular with
 // W = A A' = R R'. Rows are scaled to unit length first; `scale` has their lengths, which are the standard errors of
@@ -80,7 +62,9 @@ bool computecontrasts(const WaldTest& test, const Array<double>& gamma, const Ar
   made = {Array<double>(at(r)), Array<double>(at(r)), Array<double>(square(r))};
   mulAB(made.e.data(), test.C.data(), gamma.data(), r, 1, n);
   if (r > n) return false;
-  const Array<double> L = factorof(covariance, n);
+  constexpr double nothing = 1.0e-13;
+  Array<double> L(square(n));
+  lowerroot(covariance.data(), n, nothing, L.data());
   Array<double> A(at(r) * at(n));
   mulAB(A.data(), test.C.data(), L.data(), r, n, n);
   if (!orthogonalise(A, r, n, made.R, made.errors)) return false;

@@ -6,7 +6,7 @@
 
 #include "estimate/ascent/conescoring.h"
 #include "estimate/linear/fisher.h"
-#include "estimate/linear/marginalderivatives.h"
+#include "estimate/linear/marginalsurface.h"
 #include "estimate/linear/point.h"
 #include "kernel/decompositions.h"
 #include "kernel/matrix.h"
@@ -16,23 +16,6 @@ namespace kdr {
 
 namespace {
 
-// The variance components of estimates as a point, and the reverse.
-Array<double> pointof(const Pass& pass, const Estimates& est) {
-  const std::size_t nt = packedsize(pass.p), nl = packedsize(pass.b);
-  Array<double> point(nt + nl + 1);
-  pack(pass.p, est.taupi.data(), point.data());
-  pack(pass.b, est.taubeta.data(), point.data() + nt);
-  point[nt + nl] = est.sigma2;
-  return point;
-}
-
-void takepoint(const Pass& pass, const Array<double>& point, Estimates& est) {
-  const std::size_t nt = packedsize(pass.p), nl = packedsize(pass.b);
-  unpack(pass.p, point.data(), est.taupi.data());
-  unpack(pass.b, point.data() + nt, est.taubeta.data());
-  est.sigma2 = point[nt + nl];
-}
-
 // The log-likelihood over the variance components, with the fixed effects that are best there.
 struct Surface {
   Pass& pass;
@@ -40,7 +23,7 @@ struct Surface {
   Estimates at{};  // of the point asked for last, with its fixed effects
 
   [[nodiscard]] MarginalValue look(const Array<double>& point) {
-    takepoint(pass, point, at);
+    at = estimatesat(sums, point, at);
     MarginalValue value = marginalvalue(sums, at);
     if (value.known) at.gammahat = value.gamma.copy();
     return value;
@@ -118,16 +101,16 @@ EdgeSearch searchedge(Pass& pass, const Estimates& start, double least) {
   if (problem.nfree == 0) return search;
   search.failed = true;
   if ((search.failure = makemarginalsums(pass, surface.sums))) return search;
-  const MarginalValue before = surface.look(pointof(pass, pass.est));
+  const MarginalValue before = surface.look(variancepoint(surface.sums, pass.est));
   if (!before.known) return search;
   ConePolicy policy;
   policy.decrement = std::min(policy.decrement, std::max(least, 1.0e-10));
-  const Array<double> from = pointof(pass, start);
+  const Array<double> from = variancepoint(surface.sums, start);
   const ConeResult reached = climbcone(problem, policy, from);
   const bool found = reached.end != AscentEnd::unusable && stepinside(surface, reached, from);
   if ((search.failure = surface.sums.failure()) || !found) return search;
   search.failed = reached.end != AscentEnd::converged && reached.end != AscentEnd::stopped;
-  const MarginalValue value = surface.look(pointof(pass, surface.at));
+  const MarginalValue value = surface.look(variancepoint(surface.sums, surface.at));
   if (value.loglik > before.loglik + least) {
     search.gain = value.loglik - before.loglik;
     search.est = std::move(surface.at);
