@@ -110,7 +110,7 @@ void telllaplace(const EngineStage& stage) {
   if (moving && results.ending == Ending::converged && !results.warnings.empty()) notconverged("");
   modelstatistics(results);
   markreport();
-  if (estimated) std::printf("The marginal log-likelihood = %E\n", results.marginal);
+  if (estimated) std::printf("The marginal log-likelihood = %E\n", results.marginal.value_or(absent));
   variancefiles(laplacetaufile, laplacegammafile, results);
 }
 
@@ -120,7 +120,8 @@ void tellquadrature(const EngineStage& stage) {
   if (moving) {
     tellwarnings(stage.fit.warnings);
     if (estimated)
-      std::printf("%s\nThe marginal log-likelihood = %E\n", pointsline(results.quadrature).c_str(), results.marginal);
+      std::printf("%s\nThe marginal log-likelihood = %E\n", pointsline(results.quadrature).c_str(),
+                  results.marginal.value_or(absent));
   }
   tellunconverged("quadrature", stage);
   if (estimated) {

@@ -48,7 +48,7 @@ PassResults linearjob(const Analysis& analysis) {
   LinearFit fit;
   stopif(fitlinear(analysis, fit));
   PassResults& results = fit.results;
-  const bool ordinary = !results.heterogeneous, iterated = results.loglik != missingcode;
+  const bool ordinary = !results.heterogeneous, iterated = results.loglik.has_value();
   if (iterated && results.ending != Ending::converged)
     notconverged(reportisstdout() ? "" : "\nThe iterations were stopped prior to convergence.\n");
   if (iterated && ordinary && results.ending == Ending::converged)

@@ -137,7 +137,7 @@ void resumeseries() {
 }
 
 void storesubrun(const PassResults& results) {
-  if (!inseries() || results.heterogeneous || results.loglik == missingcode) return;
+  if (!inseries() || results.heterogeneous || !results.loglik) return;
   const std::size_t place = run.series.mimode ? 0 : at(run.series.pvindex);
   if (results.kind == PassKind::populationaverage) {
     if (place >= series.records.size()) return;

@@ -86,8 +86,7 @@ void readesttau(CommandReader& reader, const TauFields& tau, const std::string& 
       const bool free = sameword(element, "E");
       if (!free && !realof(element))
         stopwith("Invalid number in %s specification: %s\n Valid are numbers and E\n", tau.keyword, element.c_str());
-      matrix[at(i) * at(d) + at(j)] = matrix[at(j) * at(d) + at(i)] =
-          free ? missingcode : realof(element).value_or(0.0);
+      matrix[at(i) * at(d) + at(j)] = matrix[at(j) * at(d) + at(i)] = free ? absent : realof(element).value_or(0.0);
     }
   run.model.restrictions.*tau.est = std::move(matrix);
   run.model.restrictions.*tau.haveest = true;

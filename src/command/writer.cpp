@@ -225,7 +225,7 @@ void writeesttau(std::FILE* out, const char* keyword, bool have, const Array<dou
   for (std::size_t i = 0; i < order; ++i)
     for (std::size_t j = 0; j <= i; ++j) {
       const double element = matrix[i * order + j];
-      elements.push_back(element == missingcode ? "E" : real(element, 6));
+      elements.push_back(isabsent(element) ? "E" : real(element, 6));
     }
   std::fprintf(out, "%s:%s\n", keyword, joined(elements, ",").c_str());
 }

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "core/version.h"      // version, fileversion: made by CMake
-#include "kernel/constants.h"  // missingcode, bigvalue
+#include "kernel/constants.h"  // missingcode, absent, bigvalue
 
 namespace kdr {
 

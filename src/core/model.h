@@ -45,7 +45,7 @@ struct Coefficients {
 // What of a tau is not free.
 struct TauHeld {
   bool diagonal;               // nothing but the variances
-  const Array<double>* fixed;  // square; missingcode is free. Null: no element is held
+  const Array<double>* fixed;  // square; absent where it is free. Null: no element is held
   const Array<int>* equal;     // packed, as contau2. Null: no elements are equal
 };
 
@@ -54,7 +54,7 @@ struct Restrictions {
   std::optional<double> fixsigma2;              // FIXSIGMA2:. Without one sigma^2 is estimated
   bool diagtaupi = false, diagtaubeta = false;  // DIAGONALIZETAUPI:, DIAGONALIZETAUBETA:
   bool haveesttau2 = false, haveesttau3 = false;
-  Array<double> esttau2, esttau3;  // ESTTAU2:, ESTTAU3:. Square, of the order of the tau; missingcode is free
+  Array<double> esttau2, esttau3;  // ESTTAU2:, ESTTAU3:. Square, of the order of the tau; absent is free
   bool havecontau2 = false, havecontau3 = false;
   Array<int> contau2, contau3;  // CONTAU2:, CONTAU3:. Packed lower triangle: 0 free; the first member of a group has
                                 // its own 1-based place, the others minus that

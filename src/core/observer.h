@@ -63,7 +63,7 @@ struct TauRepair {
   Tau which;
   int n;
   double* tau;                 // n squared
-  const Array<double>* fixed;  // missingcode in free elements; null: none is fixed
+  const Array<double>* fixed;  // absent in free elements; null: none is fixed
   const Array<int>* equal;     // packed, not 0 in the elements of a group; null: none
   Estimates& est;              // gammahat and sigma2 may be changed with it
 };

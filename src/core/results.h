@@ -159,7 +159,7 @@ struct EffectTable {
 struct TauErrors {
   bool asked = false;            // fishertype is not none
   bool known = false;            // the information could be inverted; the rest but stepleft is empty otherwise
-  Array<double> taupi, taubeta;  // full matrices; 0.0 for a fixed element, missingcode for one not computable
+  Array<double> taupi, taubeta;  // full matrices; 0.0 for a fixed element, absent for one not computable
   double sigma2 = 0.0;
   int order = 0;             // NT - 1, elements of taupi and taubeta
   Array<double> covariance;  // order squared, of the elements of the taus
@@ -199,9 +199,9 @@ struct LeastSquaresResults {
   Array<double> gamma;   // [g]
   Array<double> vgamma;  // g squared; its covariance is sigma2 times it
   double sigma2 = 0.0;
-  Array<double> robust;         // g squared, covariance by the cluster sandwich; empty when it is not usable
-  bool fewunits = false;        // too few level-3 units for `robust` to be trusted
-  double loglik = missingcode;  // missingcode when the model leaves no residual
+  Array<double> robust;          // g squared, covariance by the cluster sandwich; empty when it is not usable
+  bool fewunits = false;         // too few level-3 units for `robust` to be trusted
+  std::optional<double> loglik;  // none when the model leaves no residual
   EffectTable effects, robusteffects;
   int parameters = 0;
 };
@@ -226,11 +226,11 @@ struct PassResults {
 
   int iteration = 0;  // the last one
   Ending ending = Ending::converged;
-  double loglik = missingcode;
-  double marginal = missingcode;  // of an engine: the log-likelihood with all its constants
-  long long parameters = 0;       // that the model estimates
-  int rounds = 0;                 // of a population average: its passes
-  bool unsettled = false;         // they met their limit
+  std::optional<double> loglik;    // none without an iteration
+  std::optional<double> marginal;  // of an engine: the log-likelihood with all its constants
+  long long parameters = 0;        // that the model estimates
+  int rounds = 0;                  // of a population average: its passes
+  bool unsettled = false;          // they met their limit
 
   Estimates est;  // at the end
   TauErrors errors;
@@ -256,11 +256,11 @@ struct PassResults {
 
 inline constexpr int fewexploratoryunits = 2;  // no more than this many units have no regression
 
-// One candidate's regression. A coefficient of missingcode cannot be computed and prints as NC.
+// One candidate's regression. A coefficient that cannot be computed prints as NC.
 struct ExploratoryFit {
-  double coefficient = missingcode;
+  std::optional<double> coefficient;
   double error = 0.0;
-  [[nodiscard]] double t() const { return error == 0.0 ? 0.0 : coefficient / error; }
+  [[nodiscard]] double t() const { return error == 0.0 ? 0.0 : coefficient.value_or(0.0) / error; }
 };
 
 // The candidates of one random effect.

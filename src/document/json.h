@@ -16,7 +16,8 @@ namespace kdr {
 using Json = nlohmann::ordered_json;
 
 // Null for a value that could not be computed.
-inline Json number(double value) { return std::isfinite(value) && value != missingcode ? Json(value) : Json(); }
+inline Json number(double value) { return std::isfinite(value) ? Json(value) : Json(); }
+inline Json number(std::optional<double> value) { return value ? number(*value) : Json(); }
 
 inline Json whenever(bool known, Json value) { return known ? std::move(value) : Json(); }
 

@@ -18,12 +18,12 @@ namespace {
 
 // Deviance and criteria; nulls where the likelihood is that of no model of the outcome.
 // The criteria are made of the marginal log-likelihood where there is one.
-void addlikelihood(Json& phase, const Subject& subject, double loglik, bool comparable, long long parameters,
-                   double marginal = missingcode) {
-  const double deviance = -2.0 * loglik;
-  const bool has = comparable && loglik != missingcode && std::isfinite(deviance);
+void addlikelihood(Json& phase, const Subject& subject, std::optional<double> loglik, bool comparable,
+                   long long parameters, std::optional<double> marginal = {}) {
+  const double deviance = -2.0 * loglik.value_or(absent);
+  const bool has = comparable && std::isfinite(deviance);
   const InformationCriteria criteria =
-      informationcriteria(marginal == missingcode ? loglik : marginal, parameters, subject.records);
+      informationcriteria((marginal ? marginal : loglik).value_or(absent), parameters, subject.records);
   phase["log_likelihood"] = number(loglik);
   phase["deviance"] = whenever(has, deviance);
   phase["parameters"] = parameters;
@@ -119,9 +119,8 @@ void addvariances(Json& phase, const Subject& subject, const PassResults& result
   const Estimates& est = results.est;
   const Reliabilities& rel = results.reliabilities;
   const bool held = results.fixsigma2 != 0.0, heldbyvariable = linear && model.autovknown != 0;
-  phase["sigma2"] = isengine(results)
-                        ? Json()
-                        : sigma2of(heldbyvariable ? missingcode : est.sigma2, held, errors, results.errors.sigma2);
+  phase["sigma2"] =
+      isengine(results) ? Json() : sigma2of(heldbyvariable ? absent : est.sigma2, held, errors, results.errors.sigma2);
   phase["tau_pi"] = stand || results.heterogeneous
                         ? Json()
                         : taumatrix(subject, Tau::pi,
@@ -241,7 +240,7 @@ Json allwarnings(const ResultsDocument& document, const Model& model, const Json
 void addphase(ResultsDocument& document, const Subject& subject, const PassResults& results) {
   place(document, phaseof(subject, results));
   // The population average needs no iteration of its own while sigma^2 is held.
-  const bool linear = results.kind == PassKind::linear && results.loglik != missingcode;
+  const bool linear = results.kind == PassKind::linear && results.loglik.has_value();
   const bool average = results.tausstand() && (results.ending == Ending::keyboard || results.fixsigma2 == 0.0);
   if ((linear || average) && results.ending != Ending::converged) document.converged = false;
   if (linear && !results.heterogeneous && results.ending == Ending::converged) unsettled(document, results);

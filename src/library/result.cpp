@@ -2,7 +2,6 @@
 #include "library/result.h"
 
 #include <algorithm>
-#include <limits>
 
 #include "kernel/sizes.h"
 
@@ -10,12 +9,9 @@ namespace kdr::library {
 
 namespace {
 
-constexpr double absent = std::numeric_limits<double>::quiet_NaN();
-double known(double value) { return value == missingcode ? absent : value; }
-
 void put(const Array<double>& values, std::size_t n, double* to) {
   if (to == nullptr) return;
-  for (std::size_t i = 0; i < n; ++i) to[i] = i < values.size() ? known(values[i]) : absent;
+  for (std::size_t i = 0; i < n; ++i) to[i] = i < values.size() ? values[i] : absent;
 }
 
 void putall(const Array<double>& values, double* to) {
@@ -48,7 +44,7 @@ kdr3_status kdr3_result_summary(const kdr3_result* result, kdr3_summary* summary
   summary->random2 = at(result->p);
   summary->random3 = at(result->b);
   summary->parameters = static_cast<std::size_t>(results.parameters);
-  summary->loglikelihood = results.kind == PassKind::linear ? known(results.loglik) : known(results.marginal);
+  summary->loglikelihood = (results.kind == PassKind::linear ? results.loglik : results.marginal).value_or(absent);
   summary->sigma2 = results.est.sigma2;
   return KDR3_OK;
 }
@@ -81,7 +77,7 @@ kdr3_status kdr3_result_variances(const kdr3_result* result, double* taupi, doub
   put(results.errors.taubeta, b, taubetaerrors);
   if (sigma2error != nullptr)
     *sigma2error = results.errors.known && results.fixsigma2 == 0.0 && results.kind == PassKind::linear
-                       ? known(results.errors.sigma2)
+                       ? results.errors.sigma2
                        : absent;
   return KDR3_OK;
 }

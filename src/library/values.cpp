@@ -98,8 +98,7 @@ std::string setrestriction(const kdr3_model::TauRestriction& given, const char* 
       return formatted("The restriction of tau(%s) is not of its order, which is %d.", name, n);
   haveest = !given.fixed.empty();
   if (haveest) est.reset(square(n));
-  for (std::size_t e = 0; e < given.fixed.size(); ++e)
-    est[e] = std::isnan(given.fixed[e]) ? missingcode : given.fixed[e];
+  std::ranges::copy(given.fixed, est.begin());
   havecon = !given.groups.empty();
   if (!havecon) return "";
   con.reset(packedsize(n));

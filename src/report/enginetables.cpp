@@ -58,7 +58,8 @@ void laplacetables(const PassResults& results, bool withlikelihood) {
     laplacereliabilities(which, results.reliabilities);
   }
   fixedeffectstables(results, TableKind::laplace);
-  if (withlikelihood) reportline("The likelihood at Laplace iteration %d is %E", results.iteration + 1, results.loglik);
+  if (withlikelihood)
+    reportline("The likelihood at Laplace iteration %d is %E", results.iteration + 1, results.loglik.value_or(absent));
 }
 
 void laplacefailed(const std::vector<std::string>& warnings) {

@@ -42,8 +42,8 @@ void blockrow(Row row, const ExploratoryFit* fits, int n) {
   reporttext("%s", textwords[static_cast<int>(row)]);
   reporthtml("<tr><td %s>%s</td>", styleplain, htmlwords[static_cast<int>(row)]);
   for (int i = 0; i < n; ++i) {
-    const bool nc = fits[i].coefficient == missingcode;
-    const double value = row == Row::coefficient ? fits[i].coefficient
+    const bool nc = !fits[i].coefficient;
+    const double value = row == Row::coefficient ? fits[i].coefficient.value_or(absent)
                          : row == Row::error     ? fits[i].error
                                                  : fits[i].t();
     if (nc && row == Row::coefficient) {
@@ -102,7 +102,7 @@ void closelevel(const std::vector<ExploratoryBlock>& blocks, int level, int colu
   closetable(columns);
   for (const ExploratoryBlock& block : blocks)
     for (const ExploratoryFit& fit : block.fits)
-      if (fit.coefficient == missingcode) {
+      if (!fit.coefficient) {
         reportbreak();
         return ncnote(level, units);
       }

@@ -50,7 +50,7 @@ void comparison(double deviance, long long parameters) {
 
 void modelstatistics(const PassResults& results) {
   const long long parameters = results.parameters;
-  const double deviance = -2.0 * results.loglik;
+  const double deviance = -2.0 * results.loglik.value_or(absent);
   report2("\n\n Statistics for the current model\n", "<h4>Statistics for the current model</h4>\n");
   reportrule(50);
   if (std::isfinite(deviance)) {

@@ -172,9 +172,9 @@ void leastsquarestables(const LeastSquaresResults& results) {
     fixedtable(results.robusteffects.rows, TableKind::leastsquaresrobust, PassKind::linear);
     if (results.fewunits) fewunitsnote();
   }
-  if (results.loglik != missingcode) {
-    reportline(" The least-squares likelihood value = %E", results.loglik);
-    reportline(" Deviance = %12.5f", -2.0 * results.loglik);
+  if (results.loglik) {
+    reportline(" The least-squares likelihood value = %E", *results.loglik);
+    reportline(" Deviance = %12.5f", -2.0 * *results.loglik);
   } else {
     reportline(" The least-squares likelihood cannot be computed: the model leaves no residual.");
   }
@@ -216,7 +216,7 @@ void iterationtables(const PassResults& results) {
   }
   if (shown(results) && (run.out.fulloutput || results.stopped))
     reportline("The value of the %slog-likelihood function at iteration %d = %E",
-               results.restricted ? "restricted " : "", results.iteration, results.loglik);
+               results.restricted ? "restricted " : "", results.iteration, results.loglik.value_or(absent));
 }
 
 void fixedeffectstables(const PassResults& results, TableKind kind) {

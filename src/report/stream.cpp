@@ -206,7 +206,7 @@ std::string pvalue(double p, int decimals, bool least) {
 
 std::string fixedpoint(double value, int width, int decimals) {
   char text[400];  // the largest double takes 309 digits
-  if (!std::isfinite(value) || value == missingcode) {
+  if (!std::isfinite(value)) {
     std::snprintf(text, sizeof text, "%*s", width, "NC");
   } else {
     std::snprintf(text, sizeof text, "%*.*f", width, decimals, value);

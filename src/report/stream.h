@@ -54,7 +54,7 @@ void opentable();
 // The p-value of a chi-square or F test with so many decimals: ">.500" above one half, and below 0.001 "<0.001" in HTML
 // mode or where `least` is set.
 [[nodiscard]] std::string pvalue(double p, int decimals, bool least = false);
-// A value by "%<width>.<decimals>f"; one that could not be computed (not finite, or missingcode) reads "NC".
+// A value by "%<width>.<decimals>f"; one that could not be computed (not finite) reads "NC".
 [[nodiscard]] std::string fixedpoint(double value, int width, int decimals);
 
 }  // namespace kdr

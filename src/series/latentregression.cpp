@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <limits>
 #include <set>
 #include <utility>
 
@@ -132,9 +131,8 @@ void gammapart(const Work& work) {
 std::span<const double> view(const Array<double>& values) { return {values.data(), values.size()}; }
 
 LatentTest testof(double estimate, double variance, int df) {
-  constexpr double none = std::numeric_limits<double>::quiet_NaN();
-  LatentTest test{estimate, none, none, none};
-  if (variance == missingcode || !(variance >= 0.0)) return test;
+  LatentTest test{estimate, absent, absent, absent};
+  if (!(variance >= 0.0)) return test;
   test.error = std::sqrt(variance);
   test.t = estimate / test.error;
   if (df > 0 && std::isfinite(test.t)) test.p = tprob(df, test.t);
@@ -183,7 +181,7 @@ LatentRegression latentregression(const LatentModel& model, const LatentEstimate
   result.Vadj.reset(square(nO * nW));
   result.Vdiff.reset(square(nO * nW));
   if (estimates.taucovariance.empty()) {
-    for (Array<double>* V : {&result.Vb, &result.Vadj, &result.Vdiff}) V->fill(missingcode);
+    for (Array<double>* V : {&result.Vb, &result.Vadj, &result.Vdiff}) V->fill(absent);
   } else {
     taupart(work);
     gammapart(work);

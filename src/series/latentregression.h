@@ -54,7 +54,7 @@ struct LatentRegression {
   Array<double> b;                        // nO by nP
   Array<double> GO, Gadj;                 // nO by nW
   Array<double> R;                        // nO squared
-  Array<double> Vb;                       // (nO nP) squared, covariance of the rows of b; these three are missingcode
+  Array<double> Vb;                       // (nO nP) squared, covariance of the rows of b; these three are absent
   Array<double> Vadj, Vdiff;              // throughout when the covariance of the taus isn't known. (nO nW) squared, of
                                           // the rows of G_adj and of G_O - G_adj
   int df = 0;                             // level-3 units - nW - nP

@@ -31,7 +31,7 @@ struct Pooled {
   int zerovar = 0;
   double sigma2error = 0.0;
   Array<double> taucovariance;               // tauorder squared
-  Array<double> taupierrors, taubetaerrors;  // full matrices; missingcode for a negative variance
+  Array<double> taupierrors, taubetaerrors;  // full matrices; absent for a negative variance
   Array<double> reliability2, reliability3;  // [q], [r]
   int units2 = 0, units3 = 0;                // mean usable units of the reliabilities, a fraction dropped
   VarianceTests tests;                       // their units are means, too

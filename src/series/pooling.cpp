@@ -126,7 +126,7 @@ PooledEffects pooleffects(Records records, Effects effects, const PoolFrame& fra
   pooled.model = poolcovariance(records, effects, &SubrunEffects::vgamma, pooled.gamma,
                                 completedegrees(records, effects, frame), model);
   const bool robust = std::none_of(records.begin(), records.end(),
-                                   [&](const SubrunRecord& r) { return (r.*effects).robust[0] == missingcode; });
+                                   [&](const SubrunRecord& r) { return isabsent((r.*effects).robust[0]); });
   if (robust)
     pooled.robust = poolcovariance(records, effects, &SubrunEffects::robust, pooled.gamma, frame.degrees.copy(), model);
   return pooled;

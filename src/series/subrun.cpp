@@ -120,7 +120,7 @@ SubrunEffects subruneffects(const PassResults& results, double sigma2) {
   effects.vgamma = results.covariance.copy();
   effects.robust.reset(effects.vgamma.size());
   if (results.robust.empty()) {
-    effects.robust[0] = missingcode;
+    effects.robust[0] = absent;
   } else {
     for (std::size_t i = 0; i < effects.robust.size(); ++i) effects.robust[i] = results.robust[i] / sigma2;
   }
@@ -133,7 +133,7 @@ SubrunRecord subrunrecord(const SubrunShape& shape, const PassResults& results) 
   record.units2 = results.reliabilities.units2;
   record.units3 = results.reliabilities.units3;
   record.sigma2 = results.est.sigma2;
-  record.loglik = results.loglik;
+  record.loglik = results.loglik.value_or(absent);
   record.taupi = results.est.taupi.copy();
   record.taubeta = results.est.taubeta.copy();
   if (shape.fisher && results.errors.known) {

@@ -27,7 +27,7 @@ struct SubrunShape {
 struct SubrunEffects {
   Array<double> gammahat;  // [g]
   Array<double> vgamma;    // g squared; in a weighted run the weighted covariance over sigma2
-  Array<double> robust;    // g squared; its first element is missingcode when it couldn't be computed
+  Array<double> robust;    // g squared; its first element is absent when it couldn't be computed
   Array<double> df;        // with shape.fractional, [g]: complete-data degrees of freedom; not of a population average
 };
 

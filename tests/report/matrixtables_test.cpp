@@ -29,7 +29,7 @@ TEST(TauTable, TitlesOfOtherMatrices) {
                {MatrixTitle::average, "Average tau(pi)\n", "Average %s<br>\n"},
                {MatrixTitle::weightedaverage, "Weighted average tau(pi)\n", "Weighted average %s<br>\n"}};
   twobytwo();
-  const double matrix[4] = {1.5, -0.25, -0.25, missingcode};
+  const double matrix[4] = {1.5, -0.25, -0.25, absent};
   for (const auto& c : cases) {
     const auto write = [&] { tautable(Tau::pi, c.kind, true, 2, matrix); };
     EXPECT_EQ(

@@ -34,7 +34,7 @@ std::vector<SubrunRecord> records(int count) {
 // What one sub-run lacks, no average has.
 TEST(Pooling, OneSubrunWithoutErrorsOrRobustMatrix) {
   std::vector<SubrunRecord> series = records(4);
-  series[1].effects.robust[0] = missingcode;
+  series[1].effects.robust[0] = absent;
   series[2].sigma2variance = 0.0;
   const Pooled pooled = pooledof(shape, series);
   EXPECT_FALSE(pooled.errorsknown);

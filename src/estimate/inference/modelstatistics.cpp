@@ -23,7 +23,7 @@ long long freeelements(int n, const TauHeld& held) {
     for (int j = 0; j <= i; ++j, ++packed) {
       const bool zero = held.diagonal && i != j;
       const bool fixed =
-          held.fixed != nullptr && at(i * n + j) < held.fixed->size() && (*held.fixed)[at(i * n + j)] != missingcode;
+          held.fixed != nullptr && at(i * n + j) < held.fixed->size() && !isabsent((*held.fixed)[at(i * n + j)]);
       const bool follows = held.equal != nullptr && packed < held.equal->size() && (*held.equal)[packed] < 0;
       count += zero || fixed || follows ? 0 : 1;
     }

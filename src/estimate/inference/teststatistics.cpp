@@ -69,7 +69,7 @@ double correlationof(const double* matrix, int n, int i, int j) {
   return matrix[i * n + j] / std::sqrt(matrix[i * n + i] * matrix[j * n + j]);
 }
 
-double standarderror(double variance) { return variance >= 0.0 ? std::sqrt(variance) : missingcode; }
+double standarderror(double variance) { return variance >= 0.0 ? std::sqrt(variance) : absent; }
 
 Array<double> standarderrors(const Array<double>& covariance, int order, std::size_t first, int n) {
   Array<double> errors(square(n));

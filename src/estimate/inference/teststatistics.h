@@ -51,7 +51,7 @@ void testbyF(EffectTable& table, const Denominator& denominator);
 // The correlation that element (i, j) of a covariance matrix of order n makes; not finite beside a variance of 0.
 [[nodiscard]] double correlationof(const double* matrix, int n, int i, int j);
 
-// The standard error that a variance makes: 0.0 for a variance of 0.0, which is that of a fixed element, missingcode
+// The standard error that a variance makes: 0.0 for a variance of 0.0, which is that of a fixed element, absent
 // for one that is negative or not a number.
 [[nodiscard]] double standarderror(double variance);
 

@@ -12,7 +12,7 @@ namespace {
 constexpr double quantile = 1.959963984540054;  // 0.975 of the normal distribution
 
 // A standard error that says something: not that of a held element, nor one that could not be computed.
-bool says(double error) { return error > 0.0 && std::isfinite(error) && error != missingcode; }
+bool says(double error) { return error > 0.0 && std::isfinite(error); }
 
 Interval ofvariance(double variance, double error) {
   if (!(variance > 0.0) || !says(error)) return {};

@@ -106,8 +106,8 @@ Failure outerlaplace(Pass& pass, MacroState& state, const PassResults& before, b
   LaplaceSettings settings;
   settings.engine = enginesettings(pass, Engine::laplace6, stopped ? 0 : pass.control().laplaceit);
   settings.stopmacro = pass.control().stopmacro;
-  const LaplaceResult result =
-      runlaplace(data, settings, currentparameters(pass), posteriormeans2(pass), pass.vstar.cells, before.loglik);
+  const LaplaceResult result = runlaplace(data, settings, currentparameters(pass), posteriormeans2(pass),
+                                          pass.vstar.cells, before.loglik.value_or(absent));
   if (batches.failure) return std::move(batches.failure);
   if (storefailure(pass.store)) return storefailure(pass.store);
   const EngineResult& fit = result.fit;
@@ -218,7 +218,7 @@ EngineResult engineresult(const MovingResult& moving) {
   const std::size_t P2 = fit.estimates.ntaupi();
   const auto mark = [&](int n, std::size_t first, Array<double>& errors) {
     eachelement(n, [&](int e, int i, int j) {
-      if (moving.edge[first + at(e)]) errors[at(i) * at(n) + at(j)] = errors[at(j) * at(n) + at(i)] = missingcode;
+      if (moving.edge[first + at(e)]) errors[at(i) * at(n) + at(j)] = errors[at(j) * at(n) + at(i)] = absent;
     });
   };
   mark(fit.estimates.q, 0, fit.setaupi);

@@ -68,13 +68,13 @@ void fillweighted(Pass& pass, const DataFold& fold, int k, double weight2) {
       *Z1Z1++ = scale2 * scale2 * element(pass, fold.unit.AA2, pass.design.random1[i], pass.design.random1[j]);
 }
 
-// The inverse of Z1'Z1, with missingcode at its head when the unit has no least-squares fit of its own.
+// The inverse of Z1'Z1, absent when the unit has no least-squares fit of its own.
 void fillinverse(const Pass& pass, DataFold& fold, const double* hot, double* inverse) {
   const int p = pass.p;
   unpack(p, hot, fold.Z1Z1.data());
   const bool usable = invertcrossproduct(fold.Z1Z1.data(), p, fold.inverse.data(), worstunitcondition);
   pack(p, fold.inverse.data(), inverse);
-  if (!usable) std::fill_n(inverse, packedsize(p), missingcode);
+  if (!usable) std::fill_n(inverse, packedsize(p), absent);
 }
 
 void fillcold(const Pass& pass, DataFold& fold, const double* hot, double* cold) {

@@ -96,8 +96,9 @@ ExploratoryFit regress(const Products& products, int level, int c, int x, int un
   // What is left of a constant by rounding is no variation.
   constexpr double rounding = 1e-24;
   if (ssx <= rounding * products.rawx[x] || units <= fewexploratoryunits) return fit;
-  fit.coefficient = products.sxy[c * products.m + x] / ssx;
-  const double explained = level == 2 ? fit.coefficient * fit.coefficient * ssx : 0.0;
+  const double slope = products.sxy[c * products.m + x] / ssx;
+  fit.coefficient = slope;
+  const double explained = level == 2 ? slope * slope * ssx : 0.0;
   const double variance = (products.ssr[c] - explained) / (units - 2) / ssx;
   fit.error = variance > 0.0 ? std::sqrt(variance) : 0.0;
   return fit;

@@ -95,7 +95,7 @@ bool automaticfixup(const Repair& repair) {
 }  // namespace
 
 bool fixedelement(const Array<double>* est, int n, int i, int j) {
-  return est != nullptr && (*est)[i * n + j] != missingcode;
+  return est != nullptr && !isabsent((*est)[i * n + j]);
 }
 
 bool equalelement(const Array<int>* codes, int i, int j) {
@@ -108,7 +108,7 @@ bool freeelement(const Array<double>* est, const Array<int>* codes, int n, int i
 
 void applyfixed(double* t, int n, const Array<double>& est) {
   for (int i = 0; i < n * n; ++i)
-    if (est[i] != missingcode) t[i] = est[i];
+    if (!isabsent(est[i])) t[i] = est[i];
 }
 
 void applyequal(int n, double* t, const Array<int>& codes) {

@@ -8,7 +8,7 @@
 
 namespace kdr {
 
-// Every element of the n by n matrix t with an entry of `est` that is not missingcode takes that value.
+// Every element of the n by n matrix t with an entry of `est` that is not absent takes that value.
 void applyfixed(double* t, int n, const Array<double>& est);
 // The elements of each equality group of the packed codes take the group's mean.
 void applyequal(int n, double* t, const Array<int>& codes);

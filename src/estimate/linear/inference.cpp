@@ -99,7 +99,7 @@ VarianceTests variancetests(Pass& pass) {
   eachwithin(pass, [&](int k, const double* inverse) {
     double* vlsq = pass.vlsq.row(k);
     if (inverse == nullptr) {
-      std::fill_n(vlsq, b, missingcode);
+      std::fill_n(vlsq, b, absent);
       return;
     }
     ++tests.units3;

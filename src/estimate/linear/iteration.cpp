@@ -239,7 +239,7 @@ void startiterations(const Pass& pass, IterationState& state) {
   state.s1 = state.s2 = 0.0;
   state.fisherfailures = 0;
   state.scoringover = false;
-  state.likelihood = {missingcode, missingcode};
+  state.likelihood = {absent, absent};
   state.stepped = state.confirming = false;
 }
 

@@ -26,11 +26,11 @@ struct MarginalFit {
 // State of the loop that outlives a stage.
 struct IterationState {
   Stage stage = Stage::ordinary;
-  int limit = 0;             // iterations of the stage
-  int iteration = 0;         // the last one
-  int fisherfailures = 0;    // failed accelerated steps of the pass; from 4 on Aitken steps are taken
-  bool scoringover = false;  // the log-likelihood fell: Aitken steps from here on
-  Likelihood likelihood{missingcode, missingcode};  // at the end of the last two iterations
+  int limit = 0;                          // iterations of the stage
+  int iteration = 0;                      // the last one
+  int fisherfailures = 0;                 // failed accelerated steps of the pass; from 4 on Aitken steps are taken
+  bool scoringover = false;               // the log-likelihood fell: Aitken steps from here on
+  Likelihood likelihood{absent, absent};  // at the end of the last two iterations
   FisherWork fisher;
   TauHistory history;
   double s1 = 0.0, s2 = 0.0;   // sigma2 one and two iterations back

@@ -67,7 +67,7 @@ struct Pass {
   UnitTable<double> within;  // b squared: D_k without its share of taubeta, Z2'Z2 - sum_j Z2'Z1 C_j^-1 Z1'Z2
   UnitTable<double> vstar;   // [b]: posterior mean, the empirical Bayes residual of level 3
   UnitTable<double> vright;  // [b]: q_k, what D_k^-1 makes vstar from
-  // The least-squares residual of level 3, from the variance tests; missingcode in a unit without one.
+  // The least-squares residual of level 3, from the variance tests; absent in a unit without one.
   UnitTable<double> vlsq;  // [b]
 
   UnitStore store;
@@ -90,7 +90,7 @@ struct Pass {
 
 // Whether level-3 unit k has a least-squares residual, once the variance tests are made.
 [[nodiscard]] inline bool hasleastsquares3(const Pass& pass, int k) {
-  return pass.b == 0 || pass.vlsq.row(k)[0] != missingcode;
+  return pass.b == 0 || !isabsent(pass.vlsq.row(k)[0]);
 }
 
 // The independent units of the data: those of level 3, in data of two levels those of level 2.

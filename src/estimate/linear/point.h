@@ -2,16 +2,21 @@
 // that are best there.
 #pragma once
 
+#include <optional>
+
 #include "estimate/linear/pass.h"
 #include "estimate/linear/posterior.h"
 
 namespace kdr {
 
-// The log-likelihood before and at the parameters at hand.
+// The log-likelihood before and at the parameters at hand; absent before the first iteration.
 struct Likelihood {
   double previous;
   double current;
 };
+[[nodiscard]] inline std::optional<double> reached(const Likelihood& likelihood) {
+  return isabsent(likelihood.current) ? std::nullopt : std::optional<double>(likelihood.current);
+}
 
 // The variance components are ones that a step can go on from.
 [[nodiscard]] bool usableestimates(const Pass& pass, const Estimates& est);

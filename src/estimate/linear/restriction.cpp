@@ -36,7 +36,7 @@ Restriction taurestriction(const Model& model, Tau which) {
   eachelement(n, [&](int e, int i, int j) {
     int& free = restriction.free[e];
     const int group = held.equal != nullptr ? std::abs((*held.equal)[e]) : 0;
-    if ((held.fixed != nullptr && (*held.fixed)[i * n + j] != missingcode) || (held.diagonal && i != j)) {
+    if ((held.fixed != nullptr && !isabsent((*held.fixed)[i * n + j])) || (held.diagonal && i != j)) {
       free = -1;
     } else if (group == 0) {
       free = restriction.nfree++;

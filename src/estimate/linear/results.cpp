@@ -44,7 +44,7 @@ PassResults iterationresults(Pass& pass, IterationState& state) {
   results.iteration = state.iteration;
   results.ending = state.ending;
   if (!pass.plan.restricted) results.errors = tauerrors(pass, state.fisher);
-  results.loglik = state.likelihood.current;
+  results.loglik = reached(state.likelihood);
   if (!results.heterogeneous && !results.tausstand()) results.reliabilities = reliabilities(pass);
   results.est = pass.est.copy();
   return results;

@@ -168,7 +168,7 @@ Failure runpass(Pass& pass, IterationState& state, PassResults& results, const I
   if (pass.plan.limit == 0) {
     results.heterogeneous = true;
     results.parameters = parametercount(pass.model(), pass.mdm().nunits3);
-    results.loglik = state.likelihood.current;
+    results.loglik = reached(state.likelihood);
     results.ending = state.ending;
     return {};
   }

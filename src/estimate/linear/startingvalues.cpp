@@ -253,7 +253,7 @@ void residualsweep(Pass& pass, StartWork& w, const Array<double>& Q) {
       [&](int k, std::size_t, double* hot, const double* cold) {
         double* ustar = hot + pass.store.atustar;
         if (failed || !usableunit(pass.store, cold)) {
-          std::fill_n(ustar, p, missingcode);
+          std::fill_n(ustar, p, absent);
           return;
         }
         unpack(p, cold + pass.store.atinverse, w.Pj.data());
@@ -294,7 +294,7 @@ void momentsweep(Pass& pass, StartWork& w, const Array<double>& Q) {
         unpack(p, cold + pass.store.atinverse, w.Pj.data());
         unitZ2Z1(pass, k, hot, w.R);
         mulABt(Rj.data(), w.Pj.data(), w.R.data(), p, b, p);
-        if (p > 0 && ustar[0] != missingcode) {
+        if (p > 0 && !isabsent(ustar[0])) {
           std::copy_n(ustar, p, x.data());
           addAB(x.data(), Rj.data(), w.v.data(), p, 1, b);
           addouter(w.U2, x);

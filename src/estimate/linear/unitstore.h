@@ -59,7 +59,7 @@ void putid(const UnitStore& store, double* cold, const Id& id);
 
 // Whether the level-2 unit of a cold record has a least-squares fit of its own.
 [[nodiscard]] inline bool usableunit(const UnitStore& store, const double* cold) {
-  return store.p == 0 || cold[store.atinverse] != missingcode;
+  return store.p == 0 || !isabsent(cold[store.atinverse]);
 }
 
 // out = Z1'Y - B'Z1' theta of one hot record.

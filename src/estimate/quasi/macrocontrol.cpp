@@ -24,7 +24,7 @@ Parameters errorsof(const Coefficients& coef, const PassResults& results) {
                     Array<double>(q), Array<double>(r), Array<double>(at(coef.ngamma))};
   const auto take = [](const Array<double>& from, Array<double>& to) {
     for (std::size_t i = 0; i < to.size() && i < from.size(); ++i)
-      if (from[i] != missingcode && std::isfinite(from[i])) to[i] = std::max(from[i], 0.0);
+      if (std::isfinite(from[i])) to[i] = std::max(from[i], 0.0);
   };
   if (results.errors.known) {
     take(results.errors.taupi, errors.taupi);

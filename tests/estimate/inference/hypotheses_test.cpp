@@ -97,7 +97,7 @@ TEST(Parameters, HeldElementsAreNone) {
   EXPECT_EQ(parametercount(model, 1), 4 + 6 + 3 + 1);
   model.restrictions.haveesttau2 = model.restrictions.havecontau3 = true;
   model.restrictions.esttau2.reset(9);
-  model.restrictions.esttau2.fill(missingcode);
+  model.restrictions.esttau2.fill(absent);
   model.restrictions.esttau2[1] = model.restrictions.esttau2[3] = 0.5;  // one covariance is given
   model.restrictions.contau3.reset(3);
   model.restrictions.contau3[0] = 1;

@@ -190,7 +190,7 @@ TEST_P(Engine, TheRestrictedScoreVanishesUnderRestrictions) {
       run.control.fishertype = static_cast<FisherType>(fishertype);
       run.model.restrictions.haveesttau2 = true;
       run.model.restrictions.esttau2.reset(4);
-      run.model.restrictions.esttau2.fill(missingcode);
+      run.model.restrictions.esttau2.fill(absent);
       run.model.restrictions.esttau2[1] = run.model.restrictions.esttau2[2] = 0.15;
       run.model.restrictions.diagtaubeta = true;
       Pass pass;
