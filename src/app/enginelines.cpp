@@ -8,6 +8,7 @@
 #include "driver/failures.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
+#include "estimate/inference/convergence.h"
 #include "report/enginetables.h"
 #include "report/modelstatistics.h"
 #include "report/resultsdocument.h"
@@ -71,7 +72,7 @@ namespace {
 // Says on the console that an engine stopped at its limit or from the keyboard.
 void tellunconverged(const char* engine, const EngineStage& stage) {
   if (stage.results.ending == Ending::converged) return;
-  notconverged(std::string("The iterations of ") + engine + " were stopped prior to convergence.\n");
+  std::printf("The iterations of %s were stopped prior to convergence.\n", engine);
 }
 
 void tellwarnings(const std::vector<std::string>& warnings) {
@@ -95,7 +96,7 @@ void telllaplace(const EngineStage& stage) {
   if (moving) tellwarnings(stage.fit.warnings);
   if (!stage.takenover) {
     laplacefailed(moving ? stage.fit.warnings : std::vector<std::string>{});
-    notconverged("Unable to produce Laplace results.\n");
+    std::printf("Unable to produce Laplace results.\n");
     markreport();
     return;
   }
@@ -106,8 +107,6 @@ void telllaplace(const EngineStage& stage) {
   } else {
     reportline("Laplace-6 has made no iteration: the likelihood is that of quasi-likelihood.");
   }
-  // Terms of the sixth order that aren't small: the maximum is found, but may be none to go by.
-  if (moving && results.ending == Ending::converged && !results.warnings.empty()) notconverged("");
   modelstatistics(results);
   markreport();
   if (estimated) std::printf("The marginal log-likelihood = %E\n", results.marginal.value_or(absent));
@@ -137,13 +136,10 @@ void tellquadrature(const EngineStage& stage) {
   }
   for (const std::string& warning : stage.behind) tellboth(warning);
   if (!stage.takenover) {
-    notconverged("");
     tellboth("The run goes on with the estimates that quadrature started from.");
     markreport();
     return;
   }
-  // Points that fail their check are no end that was asked for.
-  if (moving && results.ending == Ending::converged && !results.warnings.empty()) notconverged("");
   if (estimated) {
     modelstatistics(results);
   } else {
@@ -158,7 +154,7 @@ void tellquadrature(const EngineStage& stage) {
 void tellenginestage(const EngineStage& stage) {
   documentengine(stage);
   stage.engine == Engine::laplace6 ? telllaplace(stage) : tellquadrature(stage);
-  if (stage.separated) notconverged("");
+  if (endedearly(stage, run.control.agqfixed)) notconverged("");
 }
 
 }  // namespace kdr

@@ -7,8 +7,8 @@
 #include "driver/failures.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
+#include "estimate/inference/convergence.h"
 #include "estimate/inference/modelstatistics.h"
-#include "estimate/inference/settled.h"
 #include "estimate/linear/exploratory.h"
 #include "estimate/linear/inference.h"
 #include "estimate/linear/linearrun.h"
@@ -49,11 +49,10 @@ PassResults linearjob(const Analysis& analysis) {
   stopif(fitlinear(analysis, fit));
   PassResults& results = fit.results;
   const bool ordinary = !results.heterogeneous, iterated = results.loglik.has_value();
-  if (iterated && results.ending != Ending::converged)
+  if (endedearly(results))
     notconverged(reportisstdout() ? "" : "\nThe iterations were stopped prior to convergence.\n");
-  if (iterated && ordinary && results.ending == Ending::converged)
-    if (const std::string words = unsettledwords(results); !words.empty())
-      notconverged(reportisstdout() ? "" : words + "\n");
+  if (const std::string words = unsettledwords(results); !words.empty())
+    notconverged(reportisstdout() ? "" : words + "\n");
   if (ordinary) {
     documentpass(results);
     passtables(results);

@@ -13,7 +13,7 @@
 #include "driver/failures.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
-#include "estimate/inference/settled.h"
+#include "estimate/inference/convergence.h"
 #include "estimate/linear/exploratory.h"
 #include "estimate/quasi/categoryloop.h"
 #include "estimate/quasi/macrocontrol.h"
@@ -74,16 +74,13 @@ void tellmacro(int macro) {
   std::fflush(stdout);
 }
 
-// The end of the population-average pass: words for one that was stopped before it had converged. While sigma^2 is
-// held, its first iteration gives the fixed effects, and the limit cuts off nothing.
+// The end of the population-average pass: words for one that was stopped before it had converged.
 void averageends(const PassResults& results) {
-  if (results.unsettled && results.ending != Ending::keyboard) {
-    const std::string words = unsettledaverage(results);
+  if (const std::string words = unsettledaverage(results); !words.empty()) {
     notconverged(words + "\n");
     reportwarning(words);
   }
-  const bool unfinished = results.ending == Ending::limit && results.fixsigma2 == 0.0;
-  if (results.ending != Ending::keyboard && !unfinished) return;
+  if (!endedearly(results)) return;
   notconverged("The iterations of the population average were stopped prior to convergence.\n");
   endingwords(results);
 }
@@ -119,7 +116,6 @@ void tellseparation(const Separation& found) {
 // Effects without finite estimates at the end of the unit-specific phase.
 void separationends(const Separation& found) {
   if (!found.known()) return;
-  notconverged("");
   for (const std::string& words : found.warnings) {
     std::printf("%s\n", words.c_str());
     reportwarning(words);
@@ -142,6 +138,7 @@ std::string escapedlines(const std::string& text) {
 void tellmacroend(const MacroEvent& event) {
   const PassResults& results = event.results;
   documentmacroend(event);
+  if (endedearly(event)) notconverged("");
   switch (event.end) {
     case MacroEnd::goeson:
       if (results.kind == PassKind::identity) markreport();
@@ -150,17 +147,17 @@ void tellmacroend(const MacroEvent& event) {
       std::printf("The macro iterations have converged at iteration %d.\n", event.macro);
       break;
     case MacroEnd::keyboard:
-      notconverged("The macro iterations were stopped from the keyboard, prior to convergence.\n");
+      std::printf("The macro iterations were stopped from the keyboard, prior to convergence.\n");
       endingwords(results);
       break;
     case MacroEnd::limit:
-      notconverged("The macro iterations were stopped prior to convergence.\n");
+      std::printf("The macro iterations were stopped prior to convergence.\n");
       reportwarning(
           "WARNING: the macro iterations were stopped prior to convergence.\n"
           "You may want to re-run the analysis with a higher number of macro iterations.");
       break;
     case MacroEnd::lost:
-      notconverged("The macro iterations have settled, but the search for the maximum of the last one has failed.\n");
+      std::printf("The macro iterations have settled, but the search for the maximum of the last one has failed.\n");
       reportwarning(
           "WARNING: the macro iterations have settled, but the search for the maximum of the last one has failed:\n"
           "nobody knows how far the estimates are from where they should be.");
@@ -170,7 +167,7 @@ void tellmacroend(const MacroEvent& event) {
       // The averages of a series are those of quasi-likelihood.
       if (run.series.mimode || run.series.pvmode) tell(*event.failure);
       const std::string words = failedwords(event);
-      notconverged(words + "\n");
+      std::printf("%s\n", words.c_str());
       rewindreport();
       reportwarning(escapedlines(words));
       markreport();

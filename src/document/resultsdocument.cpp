@@ -7,7 +7,7 @@
 #include "document/effects.h"
 #include "document/resultstable.h"
 #include "document/variances.h"
-#include "estimate/inference/settled.h"
+#include "estimate/inference/convergence.h"
 #include "estimate/quasi/macrocontrol.h"
 
 namespace kdr {
@@ -192,8 +192,8 @@ Json averagedphase(const Subject& subject, const char* name, const PooledEffects
   return phase;
 }
 
-void unsettled(ResultsDocument& document, const PassResults& results) {
-  const std::string words = unsettledwords(results);
+// A warning about the end of what was added last, if there are words.
+void warnofend(ResultsDocument& document, const std::string& words) {
   if (words.empty()) return;
   document.converged = false;
   document.warnings.push_back(words);
@@ -239,15 +239,10 @@ Json allwarnings(const ResultsDocument& document, const Model& model, const Json
 
 void addphase(ResultsDocument& document, const Subject& subject, const PassResults& results) {
   place(document, phaseof(subject, results));
-  // The population average needs no iteration of its own while sigma^2 is held.
-  const bool linear = results.kind == PassKind::linear && results.loglik.has_value();
-  const bool average = results.tausstand() && (results.ending == Ending::keyboard || results.fixsigma2 == 0.0);
-  if ((linear || average) && results.ending != Ending::converged) document.converged = false;
-  if (linear && !results.heterogeneous && results.ending == Ending::converged) unsettled(document, results);
+  if (endedearly(results)) document.converged = false;
+  if (results.kind == PassKind::linear) warnofend(document, unsettledwords(results));
   if (results.tausstand() && document.separated) separate(document);
-  if (!results.unsettled) return;
-  document.converged = false;
-  document.warnings.push_back(unsettledaverage(results));
+  warnofend(document, unsettledaverage(results));
 }
 
 void addphase(ResultsDocument& document, const Subject& subject, const PassResults& results, const Array<double>& mean,
@@ -296,10 +291,7 @@ void addphases(ResultsDocument& document, const Subject& subject, const Pooled& 
 
 void addengine(ResultsDocument& document, const Subject& subject, const EngineStage& stage, bool fixednodes) {
   const bool laplace = stage.engine == Engine::laplace6, estimated = stage.fit.end == EngineEnd::estimated;
-  if (!stage.takenover || stage.results.ending != Ending::converged) document.converged = false;
-  // Points that fail their check, and terms of the sixth order that are not small, are no end that was asked for.
-  const bool doubtful = !fixednodes && stage.results.ending == Ending::converged && !stage.results.warnings.empty();
-  if (doubtful) document.converged = false;
+  if (endedearly(stage, fixednodes)) document.converged = false;
   if (estimated && (!laplace || stage.takenover)) addphase(document, subject, stage.results);
   if (laplace) {
     if (estimated && stage.takenover && stage.separated) separate(document);
@@ -316,7 +308,7 @@ void addengine(ResultsDocument& document, const Subject& subject, const EngineSt
     document.warnings.insert(document.warnings.end(), stage.fit.warnings.begin(), stage.fit.warnings.end());
   }
   document.warnings.insert(document.warnings.end(), stage.behind.begin(), stage.behind.end());
-  if (estimated && (!stage.takenover || doubtful)) settle(document, false);
+  if (estimated && (!stage.takenover || doubtful(stage, fixednodes))) settle(document, false);
   if (estimated && stage.separated) separate(document);
 }
 
@@ -343,16 +335,15 @@ void addmacroend(ResultsDocument& document, const MacroEvent& event) {
     document.warnings.push_back(failedwords(event));
     return;
   }
-  const bool converged = event.end == MacroEnd::converged && !event.separation.known();
-  if (event.results.kind != PassKind::identity) settle(document, converged);
+  if (event.results.kind != PassKind::identity) settle(document, event.end != MacroEnd::goeson && !endedearly(event));
   if (event.end == MacroEnd::goeson) return;
-  if (!converged) document.converged = false;
+  if (endedearly(event)) document.converged = false;
   if (event.end == MacroEnd::lost && !document.phases.empty())
     document.phases.back()["ending"] = endingname(Ending::lost);
   document.separated = event.separation.known();
   if (document.separated) separate(document);
   document.warnings.insert(document.warnings.end(), event.separation.warnings.begin(), event.separation.warnings.end());
-  unsettled(document, event.results);
+  warnofend(document, unsettledwords(event.results));
 }
 
 Json wholedocument(const ResultsDocument& document, const Subject& subject, const DocumentFrame& frame) {

@@ -6,6 +6,7 @@
 #include "core/formatted.h"
 #include "core/modelwalk.h"
 #include "document/resultsdocument.h"
+#include "estimate/inference/convergence.h"
 #include "estimate/linear/centering.h"
 #include "estimate/linear/linearrun.h"
 #include "estimate/linear/weights.h"
@@ -105,11 +106,7 @@ Failure chainfit(Fit& fit, const Analysis& analysis) {
   MacroState& state = chain.state;
   result.counts = countsof(chain.pass);
   warn(result, state.unitspecific.warnings);
-  // The last pass may have ended otherwise.
-  if (state.end == MacroEnd::converged) state.unitspecific.ending = Ending::converged;
-  if (state.end == MacroEnd::limit) state.unitspecific.ending = Ending::limit;
-  if (state.end == MacroEnd::lost) state.unitspecific.ending = Ending::lost;
-  if (state.end == MacroEnd::keyboard) state.unitspecific.ending = Ending::keyboard;
+  state.unitspecific.ending = endingof(state.end, state.unitspecific.ending);
   const bool quadrature = state.quadrature.has_value(), engine = quadrature || state.laplace6.has_value();
   if ((analysis.control.laplace || analysis.control.agqpoints != 0) && !engine)
     result.warnings.emplace_back("The engine has no results: these are those of quasi-likelihood.");

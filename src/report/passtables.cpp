@@ -3,7 +3,7 @@
 #include "core/formatted.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
-#include "estimate/inference/settled.h"
+#include "estimate/inference/convergence.h"
 #include "report/fixedtable.h"
 #include "report/hypotheses.h"
 #include "report/intervaltables.h"
