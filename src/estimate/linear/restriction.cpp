@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdlib>
 
+#include "estimate/ascent/ascent.h"
 #include "estimate/linear/usable.h"
 #include "kernel/decompositions.h"
 #include "kernel/matrix.h"
@@ -85,55 +86,90 @@ void expandinverse(const Restriction& restriction, const double* reduced, double
     }
 }
 
+namespace {
+
+// The ascent of a covariance matrix whose second moment is S, over its free elements; the others stay those of `T`.
+struct MomentSurface {
+  const Restriction& restriction;
+  const double* S;
+  int n;
+  Array<double> T;  // at the last point
+  Array<double> inverse, A, product, score, information;
+
+  MomentSurface(const Restriction& held, const double* moment, const double* start, int order)
+      : restriction(held),
+        S(moment),
+        n(order),
+        T(square(order)),
+        inverse(square(order)),
+        A(square(order)),
+        product(square(order)),
+        score(packedsize(order)),
+        information(packedsize(order) * packedsize(order)) {
+    std::copy_n(start, square(order), T.data());
+  }
+  void moveto(const Array<double>& point) {
+    eachelement(n, [&](int e, int i, int j) {
+      if (const int a = restriction.free[e]; a >= 0) T[i * n + j] = T[j * n + i] = point[a];
+    });
+  }
+  [[nodiscard]] Array<double> point() const {
+    Array<double> free(at(restriction.nfree));
+    eachelement(n, [&](int e, int i, int j) {
+      if (const int a = restriction.free[e]; a >= 0) free[a] = T[i * n + j];
+    });
+    return free;
+  }
+  Evaluation evaluate(const Array<double>& there);
+};
+
+// Score and information of one unit: 1/2 D'vec(T^-1 (S - T) T^-1), 1/2 D'(T^-1 (x) T^-1) D.
+Evaluation MomentSurface::evaluate(const Array<double>& there) {
+  const std::size_t m = at(restriction.nfree);
+  Evaluation made{false,           0.0, Array<double>(m), Array<double>(m * m), Array<double>(m), Array<double>(m),
+                  Array<double>(m)};
+  moveto(there);
+  if (!deviance(T.data(), S, n, inverse, made.value)) return made;
+  made.value *= -0.5;
+  for (std::size_t i = 0; i < square(n); ++i) product[i] = S[i] - T[i];
+  mulAB(A.data(), inverse.data(), product.data(), n, n, n);
+  mulAB(product.data(), A.data(), inverse.data(), n, n, n);
+  const int elements = static_cast<int>(packedsize(n));
+  eachelement(n, [&](int e, int i, int j) {
+    score[e] = (i == j ? 0.5 : 1.0) * product[i * n + j];
+    eachelement(n, [&](int f, int k, int l) {
+      information[e * elements + f] = 0.5 * duplicatedproduct(inverse.data(), n, i, j, k, l);
+    });
+  });
+  reduceinformation(restriction, information.data(), elements, made.information.data());
+  reducevector(restriction, score.data(), made.score.data());
+  for (std::size_t a = 0; a < m; ++a) made.scale[a] = made.information[a * (m + 1)];
+  made.reach.fill(INFINITY);
+  made.turn.fill(1.0);
+  made.usable = std::isfinite(made.value);
+  return made;
+}
+
+}  // namespace
+
 void maximisetau(double* T, const double* S, int n, const Restriction& restriction) {
   if (restriction.none()) {
     std::copy_n(S, square(n), T);
     return;
   }
   if (restriction.nfree == 0) return;
-  constexpr int maxsteps = 100, maxhalvings = 40;
-  constexpr double leastgain = 1e-14;
-  const int elements = static_cast<int>(packedsize(n)), m = restriction.nfree;
-  Array<double> inverse(square(n)), half(square(n)), A(square(n));
-  Array<double> score(at(elements)), information(square(elements));
-  Array<double> reduced(square(m)), reducedinverse(square(m)), x(at(m)), step(at(m)), tried(square(n));
-  double value = 0.0;
-  if (!deviance(T, S, n, inverse, value)) return;
-  for (int round = 0; round < maxsteps; ++round) {
-    // Score and information of one unit: 1/2 D'vec(T^-1 (S - T) T^-1), 1/2 D'(T^-1 (x) T^-1) D.
-    for (std::size_t i = 0; i < square(n); ++i) half[i] = S[i] - T[i];
-    mulAB(A.data(), inverse.data(), half.data(), n, n, n);
-    mulAB(half.data(), A.data(), inverse.data(), n, n, n);
-    eachelement(n, [&](int e, int i, int j) {
-      score[e] = (i == j ? 0.5 : 1.0) * half[i * n + j];
-      eachelement(n, [&](int f, int k, int l) {
-        information[e * elements + f] = 0.5 * duplicatedproduct(inverse.data(), n, i, j, k, l);
-      });
-    });
-    reduceinformation(restriction, information.data(), elements, reduced.data());
-    reducevector(restriction, score.data(), x.data());
-    if (invertsymmetric(m, reduced.data(), reducedinverse.data()).result != 0) return;
-    mulAB(step.data(), reducedinverse.data(), x.data(), m, 1, m);
-
-    double next = value;
-    bool improved = false;
-    for (int halving = 0; halving < maxhalvings && !improved; ++halving) {
-      std::copy_n(T, square(n), tried.data());
-      eachelement(n, [&](int e, int i, int j) {
-        if (const int a = restriction.free[e]; a >= 0) {
-          tried[i * n + j] += step[a];
-          if (i != j) tried[j * n + i] += step[a];
-        }
-      });
-      improved = deviance(tried.data(), S, n, inverse, next) && next <= value;
-      for (double& s : step) s *= 0.5;
-    }
-    if (!improved) return;
-    std::copy_n(tried.data(), square(n), T);
-    const bool settled = value - next <= leastgain * std::max(1.0, std::fabs(value));
-    value = next;
-    if (settled) return;
-  }
+  MomentSurface surface(restriction, S, T, n);
+  AscentProblem problem;
+  problem.count = at(restriction.nfree);
+  problem.evaluate = [&surface](const Array<double>& point, Approach) { return surface.evaluate(point); };
+  problem.accepted = [] {};
+  AscentSettings settings;
+  settings.decrement = settings.finaldecrement = 1.0e-14;  // of one unit: rounding of the sums over many hides the rest
+  settings.settled = INFINITY;
+  settings.fall = 0.0;
+  settings.halvings = 40;
+  surface.moveto(climb(problem, settings, surface.point(), Approach::modes).point);
+  std::copy_n(surface.T.data(), square(n), T);
 }
 
 }  // namespace kdr

@@ -23,7 +23,7 @@ struct Restriction {
 
 // The maximum over the free elements of -log det T - tr(T^-1 S), the expected complete-data likelihood of a covariance
 // matrix with second moment S. T (order n) goes in with a value that satisfies the restriction. Without a restriction
-// it is S. Otherwise it is found by scoring steps, halved until the function does not fall, from T on.
+// it is S. Otherwise the ascent finds it, by scoring steps from T on.
 void maximisetau(double* T, const double* S, int n, const Restriction& restriction);
 
 // reduced (nfree squared) = K'IK of the information I with row stride ld; x (nfree) = K's.

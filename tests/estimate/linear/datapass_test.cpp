@@ -26,6 +26,8 @@ std::vector<double> sums(Pass& pass) {
   records(pass.store.hot);
   records(pass.store.cold);
   records(pass.store.weighted);
+  for (double& value : all)
+    if (isabsent(value)) value = missingcode;  // equal to itself
   return all;
 }
 
