@@ -186,7 +186,7 @@ void fitsummary(const PreparedFit& fit) {
     if (deviance.is_number())
       std::printf("\n%s %s with %s parameters, AIC %s, BIC %s. %d records, %d level-2 units%s.\n", word,
                   cell(deviance, "%.4f").c_str(), cell((*phase)["parameters"], "%.0f").c_str(),
-                  cell((*phase)["aic"], "%.4f").c_str(), cell((*phase)["bic"], "%.4f").c_str(), run.mdm.nunits1,
+                  cell((*phase)["aic"], "%.4f").c_str(), cell((*phase)["bic"], "%.4f").c_str(), run.records(),
                   run.mdm.nunits2, run.mdm.twolevel() ? "" : formatted(", %d level-3 units", run.mdm.nunits3).c_str());
     tellwarnings(*phase);
   }

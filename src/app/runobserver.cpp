@@ -144,9 +144,7 @@ void showtau(const TauRepair& repair) {
     std::printf("\n");
   }
   std::printf("\n");
-  // Who asks for it once more in the next data set of a series asks only where it is needed.
-  FixTau& code = run.control.fixtau(repair.which);
-  if (code == FixTau::always) code = FixTau::ask;
+  ofthe(repair.which, run.series.showntau2, run.series.showntau3) = true;
 }
 
 RepairChoice askchoice() {
@@ -280,7 +278,7 @@ bool asklimit() {
 Observer runobserver() {
   Observer observer;
   observer.dataread = [](PassKind kind, int records) {
-    run.mdm.nunits1 = records;
+    run.id.records = records;
     deletionnote();
     if (kind != PassKind::linear) markreport();
   };

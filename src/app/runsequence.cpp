@@ -235,6 +235,7 @@ std::string otherkind(const std::string& path) {
 }
 
 void readmodel() {
+  run.id.records.reset();
   untilexists(run.files.mdmfile, "mdm");
   run.mdm.stream = openfile(run.files.mdmfile, "rb");
   if (run.files.sourcename.empty()) run.files.sourcename = run.files.mdmfile;
@@ -312,6 +313,11 @@ bool nextplausiblevalue() {
   if (!series.pvmode || series.pvindex + 1 >= series.nsets) return false;
   ++series.pvindex;
   series.pvfirst = false;
+  // Who asks for the taus in every case asks from the next data set on only where it is needed.
+  for (const Tau which : {Tau::pi, Tau::beta})
+    if (FixTau& code = run.control.fixtau(which);
+        code == FixTau::always && ofthe(which, series.showntau2, series.showntau3))
+      code = FixTau::ask;
   const auto old = static_cast<std::size_t>(series.pvcurrent);
   series.pvcurrent = series.pvlist[static_cast<std::size_t>(series.pvindex)];
   const auto next = static_cast<std::size_t>(series.pvcurrent);

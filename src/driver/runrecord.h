@@ -33,6 +33,7 @@ struct RunIdentity {
   std::uint64_t seed = 1;        // -seed
   bool cases = false;            // -cases: of level-3 units
   bool strict = false;           // -strict: a run that did not converge ends with unconvergedcode
+  std::optional<int> records;    // level-1 records of the last data pass, fewer than the data's behind deletion
   bool unconverged = false;      // a result of the run was stopped before it converged, or given up
   bool passunconverged = false;  // the same of this pass of a series of plausible values
 };
@@ -48,6 +49,7 @@ struct SeriesMode {
   bool pvmode = false;      // a PLAUSVALS: list is in force
   bool pvfirst = false;     // first pass of that repetition
   int pvindex = 0;          // number of the current pass, from 0
+  bool showntau2 = false, showntau3 = false;  // a starting tau has been shown in this series
   Array<int> pvlist;        // level-1 index of each plausible value, nsets entries
   int pvcurrent = 0;        // level-1 index in use now
   int pvpredictor = 0;      // passes in which the plausible value was a predictor
@@ -156,6 +158,9 @@ struct RunRecord {
   Symbols sym;
   ReportStream report;
   DesignWeights weights;
+
+  // Level-1 records of the analysis; of the data before the first data pass.
+  [[nodiscard]] int records() const { return id.records.value_or(mdm.nunits1); }
 };
 
 extern RunRecord run;

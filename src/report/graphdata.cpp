@@ -215,7 +215,7 @@ void writegraphdata(Pass& pass, const WorkingFile& working, const RecordLayout& 
   if (!run.mdm.twolevel()) writelevel3(file, pass, results);
   writelevel2(file, pass, results);
   if (run.model.outcome.categorical()) return finishresult(file);
-  writevalue(file, run.mdm.nunits1);
+  writevalue(file, run.records());
   eachfittedunit(pass, working, layout,
                  [&](int, const UnitBlock& unit, const double* fitted) { put(file, fitted, at(unit.nj)); });
   finishresult(file);

@@ -156,9 +156,9 @@ void reportwarning(const std::string& lines) {
 }
 
 void deletionnote() {
-  if (run.mdm.nunits1 == run.mdm.numl1rec) return;
+  if (run.records() == run.mdm.numl1rec) return;
   reportbreak();
-  reportline("Run-time deletion has reduced the number of level-1 records to %d", run.mdm.nunits1);
+  reportline("Run-time deletion has reduced the number of level-1 records to %d", run.records());
   reportbreak();
 }
 

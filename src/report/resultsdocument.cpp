@@ -45,7 +45,7 @@ Subject subject() {
                leftname(run.model.outname),
                {leftnames(mdm.names1), leftnames(mdm.names2), leftnames(mdm.names3)},
                {},
-               mdm.nunits1,
+               run.records(),
                mdm.nunits2,
                mdm.nunits3,
                mdm.twolevel()};

@@ -22,10 +22,6 @@ namespace kdr {
 
 namespace {
 
-Parameters currentparameters(const Pass& pass) {
-  return {pass.p, pass.b, pass.g, pass.est.taupi.copy(), pass.est.taubeta.copy(), pass.est.gammahat.copy()};
-}
-
 EngineData enginedata(const Pass& pass, RecordSource source) {
   return {pass.model().outcome.family, &pass.design,           pass.npi,         pass.nbeta,
           pass.mdm().nunits3,          at(pass.mdm().nunits2), at(pass.nunits1), source};
@@ -106,8 +102,8 @@ Failure outerlaplace(Pass& pass, MacroState& state, const PassResults& before, b
   LaplaceSettings settings;
   settings.engine = enginesettings(pass, Engine::laplace6, stopped ? 0 : pass.control().laplaceit);
   settings.stopmacro = pass.control().stopmacro;
-  const LaplaceResult result = runlaplace(data, settings, currentparameters(pass), posteriormeans2(pass),
-                                          pass.vstar.cells, before.loglik.value_or(absent));
+  const LaplaceResult result = runlaplace(data, settings, parametersof(pass.p, pass.b, pass.g, pass.est),
+                                          posteriormeans2(pass), pass.vstar.cells, before.loglik.value_or(absent));
   if (batches.failure) return std::move(batches.failure);
   if (storefailure(pass.store)) return storefailure(pass.store);
   const EngineResult& fit = result.fit;
@@ -170,7 +166,8 @@ Failure quadrature(Pass& pass, MacroState& state, const PassResults& before) {
   settings.derivlevel = pass.control().agqderivlevel;
   settings.diagonalpi = pass.model().restrictions.diagtaupi;
   settings.diagonalbeta = pass.model().restrictions.diagtaubeta;
-  const QuadratureResult result = adaptivequadrature(data, settings, currentparameters(pass), startingadaptation(pass));
+  const QuadratureResult result =
+      adaptivequadrature(data, settings, parametersof(pass.p, pass.b, pass.g, pass.est), startingadaptation(pass));
   if (batches.failure) return std::move(batches.failure);
   if (storefailure(pass.store)) return storefailure(pass.store);
   const EngineResult& fit = result.fit;
@@ -256,7 +253,7 @@ Failure runmoving(const Pass& pass, const MacroState& state, Engine engine, cons
   // Without estimates of quasi-likelihood it finds a start of its own.
   const bool started = state.end != MacroEnd::failed || (engine == Engine::quadrature && state.laplace6);
   Parameters start{pass.p, pass.b, pass.g, {}, {}, {}};
-  if (started) start = currentparameters(pass);
+  if (started) start = parametersof(pass.p, pass.b, pass.g, pass.est);
   moving = movingquadrature(settings, pass.npi, pass.nbeta, pass.design, source, start, watch);
   return std::move(batches.failure);
 }

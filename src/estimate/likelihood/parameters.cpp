@@ -37,4 +37,8 @@ Parameters parametersof(int q, int r, int g, const Array<double>& elements) {
   return parameters;
 }
 
+Parameters parametersof(int q, int r, int g, const Estimates& est) {
+  return {q, r, g, est.taupi.copy(), est.taubeta.copy(), est.gammahat.copy()};
+}
+
 }  // namespace kdr

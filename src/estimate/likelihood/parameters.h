@@ -5,6 +5,7 @@
 
 #include <cstddef>
 
+#include "core/estimates.h"
 #include "kernel/array.h"
 
 namespace kdr {
@@ -28,5 +29,7 @@ struct Parameters {
 // The P elements in their order, and the reverse: tau elements in both symmetric places.
 [[nodiscard]] Array<double> elementsof(const Parameters& parameters);
 [[nodiscard]] Parameters parametersof(int q, int r, int g, const Array<double>& elements);
+// Those of the estimates of a model of these orders.
+[[nodiscard]] Parameters parametersof(int q, int r, int g, const Estimates& est);
 
 }  // namespace kdr

@@ -9,22 +9,6 @@
 
 namespace kdr {
 
-namespace {
-
-PassPlan planof(const MacroState& state, int macro) {
-  PassPlan plan;
-  plan.kind = PassKind::categories;
-  plan.macro = macro;
-  plan.limit = state.analysis.control.numit;
-  plan.stopval = state.analysis.control.stopval;
-  plan.fixsigma2 = 1.0;
-  if (state.creeps) plan.searching = Searching::always;
-  if (macro > 1) plan.start = &state.previous;
-  return plan;
-}
-
-}  // namespace
-
 Failure fitcategories(const CategoryTable& table, ChainFit& fit) {
   MacroState& state = fit.state;
   Pass& pass = fit.pass;
@@ -33,7 +17,8 @@ Failure fitcategories(const CategoryTable& table, ChainFit& fit) {
   state.categories = table.value;
   if (Failure failure = checkoutcomes(state)) return failure;
   tellobserver(observer.separation, state.separation);
-  if (Failure failure = preparecategoricaldata(table, state, pass, planof(state, 1))) return failure;
+  if (Failure failure = preparecategoricaldata(table, state, pass, planof(state, PassKind::categories, 1)))
+    return failure;
   for (bool first = true;; first = false) {
     beginmacro(state);
     PassResults& results = state.unitspecific;
@@ -48,7 +33,8 @@ Failure fitcategories(const CategoryTable& table, ChainFit& fit) {
     };
     if (macroend(state, results, first) != MacroEnd::goeson) return close();
     Pass next;
-    if (Failure failure = updatecategoricaldata(pass, state, next, planof(state, state.macro + 1)))
+    if (Failure failure =
+            updatecategoricaldata(pass, state, next, planof(state, PassKind::categories, state.macro + 1)))
       return endseparated(state, results, failure) ? close() : std::move(failure);
     pass = std::move(next);
   }

@@ -13,10 +13,6 @@ namespace kdr {
 
 namespace {
 
-Parameters parametersof(const Coefficients& coef, const Estimates& est) {
-  return {coef.ntaupi, coef.ntaubeta, coef.ngamma, est.taupi.copy(), est.taubeta.copy(), est.gammahat.copy()};
-}
-
 // The standard errors of the estimates of a pass; 0 where there is none.
 Parameters errorsof(const Coefficients& coef, const PassResults& results) {
   const auto q = square(coef.ntaupi), r = square(coef.ntaubeta);
@@ -42,7 +38,8 @@ Parameters errorsof(const Coefficients& coef, const PassResults& results) {
 bool standstill(MacroState& state, const PassResults& results) {
   constexpr double far = 0.01, still = 1.0e-5;  // standard errors
   const Coefficients& coef = state.analysis.model.coef;
-  const Parameters now = parametersof(coef, results.est), previous = parametersof(coef, state.previous),
+  const Parameters now = parametersof(coef.ntaupi, coef.ntaubeta, coef.ngamma, results.est),
+                   previous = parametersof(coef.ntaupi, coef.ntaubeta, coef.ngamma, state.previous),
                    errors = errorsof(coef, results);
   const double change = largestchange(now, previous, errors);
   const double factor = state.lastchange > 0.0 ? std::min(change / state.lastchange, 0.999) : 0.0;
@@ -75,6 +72,22 @@ bool creeps(const MacroState& state, const PassResults& results, bool converged)
 }
 
 }  // namespace
+
+PassPlan planof(const MacroState& state, PassKind kind, int macro) {
+  const Analysis& analysis = state.analysis;
+  PassPlan plan;
+  plan.kind = kind;
+  plan.macro = macro;
+  plan.limit = analysis.control.numit;
+  plan.stopval = analysis.control.stopval;
+  plan.fixsigma2 = kind == PassKind::categories ? 1.0 : analysis.model.restrictions.fixsigma2.value_or(0.0);
+  plan.robust = kind != PassKind::identity;
+  plan.tausstand = kind == PassKind::populationaverage;
+  if (state.creeps && !plan.tausstand) plan.searching = Searching::always;
+  if (macro > 1) plan.start = &state.previous;
+  plan.freshgamma = kind == PassKind::pql && macro == 2;
+  return plan;
+}
 
 void beginmacro(MacroState& state) {
   ++state.macro;

@@ -9,6 +9,9 @@
 
 namespace kdr {
 
+// The plan of pass `macro`: from the second on it starts from the estimates of the one before.
+[[nodiscard]] PassPlan planof(const MacroState& state, PassKind kind, int macro);
+
 // Counts a macro iteration.
 void beginmacro(MacroState& state);
 

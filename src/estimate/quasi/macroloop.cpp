@@ -26,22 +26,6 @@ Failure impliedvariance(Family family, double mean, double& variance) {
   return {};
 }
 
-PassPlan planof(const MacroState& state, PassKind kind, int macro) {
-  const Analysis& analysis = state.analysis;
-  PassPlan plan;
-  plan.kind = kind;
-  plan.macro = macro;
-  plan.limit = analysis.control.numit;
-  plan.stopval = analysis.control.stopval;
-  plan.fixsigma2 = analysis.model.restrictions.fixsigma2.value_or(0.0);
-  plan.robust = kind != PassKind::identity;
-  plan.tausstand = kind == PassKind::populationaverage;
-  if (state.creeps && !plan.tausstand) plan.searching = Searching::always;
-  if (kind != PassKind::identity) plan.start = &state.previous;
-  plan.freshgamma = kind == PassKind::pql && macro == 2;
-  return plan;
-}
-
 // A pass over the blocks of the MDM file, which become the first working data file.
 Failure identitypass(Pass& pass, MacroState& state, PassResults& results) {
   const Analysis& analysis = state.analysis;

@@ -116,7 +116,7 @@ void nextnumbers(RecordNumbers& of, int kept) {
 
 void writelevel1(Pass& pass, const WorkingFile& working, const RecordLayout& layout) {
   RowWriter writer;
-  openrows(writer, 1, subrunname(run.files.resfil1name), run.mdm.nunits1, 0);
+  openrows(writer, 1, subrunname(run.files.resfil1name), run.records(), 0);
   for (RowWriter::Place& place : writer.places)
     if (place.source == RowSources::dataof(1)) place.place = at(layout.place[place.place]);
   const double sigma = std::sqrt(pass.est.sigma2);
