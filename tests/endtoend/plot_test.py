@@ -268,7 +268,7 @@ class Tests:
                 (draw("other.json", "qq"), 4, "other.json is not a results document"),
                 (draw("newer.json", "qq"), 4, "format_version 99"),
                 (draw("inner.json", "qq"), 4, "inner.json is damaged: phases[1].fixed_effects[2].estimate is not of the type"),
-                (draw("sizes.json", "qq"), 4, "sizes.json is damaged: the parts of tau_pi of the phase final"),
+                (draw("sizes.json", "qq"), 4, "sizes.json is damaged: the equations and tau_pi of the phase final"),
                 (draw("bare.json", "caterpillar2"), 5, "no residual file of level 2 (RESFIL2:Y"),
                 (draw("large.json", "coefficients"), 5, "the effects of the phase final are too large to draw"),
                 (draw("averages.json", "qq"), 5, "take the document of a sub-run"),
@@ -280,7 +280,7 @@ class Tests:
                 (draw("plots.json", "lines", "--category", "2"), 2, "there is no category 2"),
                 (draw("plots.json", "qq", "--units", "1"), 2, "--units has no effect on --kind qq"),
                 (draw("plots.json", "pie"), 2, "invalid choice"),
-                (("plots.json", "-o", "refused.png"), 2, "either --kind or --page"),
+                (("plots.json", "-o", "refused.png"), 2, "one of --kind, --page and --compare"),
                 (("plots.json", "--kind", "qq", "-o", "refused.pdf"), 2, "ends in .png or .svg"),
                 (("plots.json", "--kind", "lines", "-o", "nowhere/refused.png"), 3, "nowhere/refused.png cannot be written")):
             got, told = self.plot(*words)

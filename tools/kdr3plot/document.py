@@ -89,10 +89,17 @@ def disagreement(document):
     phases = document["phases"]
     if len({phase["phase"] for phase in phases}) < len(phases):
         return "two phases have one name"
+    all_ = equations(document)
+    random = {"tau_pi": sum(e["random"] for e in all_), "tau_beta": sum(t["random"] for e in all_ for t in e["terms"])}
+    places = {f["fixed_effect"] for e in document["model"]["equations"] for t in e["terms"] for f in t["effects"]}
     for phase in phases:
+        if places != set(range(len(phase["fixed_effects"]))):
+            return f"the equations and the fixed effects of the phase {phase['phase']} do not belong together"
         for level, name in ((2, "tau_pi"), (3, "tau_beta")):
             tau, tests = phase[name], (phase["variance_tests"] or {}).get(f"level{level}")
             n = len(tau["rows"]) if tau else 0
+            if tau and n != random[name]:
+                return f"the equations and {name} of the phase {phase['phase']} do not belong together"
             matrices = [tau[key] for key in ("estimate", "standard_error", "correlation") if tau[key]] if tau else []
             lists = [some for some in (tau and tau["reliability"], tau and tests) if some]
             if any(len(some) != n for some in matrices + lists) or any(len(row) != n for m in matrices for row in m):
@@ -158,9 +165,13 @@ def outcomename(document):
     return wholename(document, 1, document["model"]["outcome"])
 
 
+def isintercept(name):
+    return name in ("INTRCPT1", "INTRCPT2", "INTRCPT3")
+
+
 def variables(document, row):
     names = [(level, row.get(f"level{level}")) for level in (1, 2, 3)]
-    return [wholename(document, *key) for key in names if key[1] and not key[1].startswith("INTRCPT")]
+    return [wholename(document, *key) for key in names if key[1] and not isintercept(key[1])]
 
 
 def label(document, row):

@@ -73,7 +73,7 @@ def page(run, o):
     state = {True: "", False: warnings(["The run did not converge."]), None: ""}[document["converged"]]
     text = (f'<!DOCTYPE html>\n<html lang="en"><head><meta charset="utf-8">\n'
             f'<meta name="viewport" content="width=device-width, initial-scale=1">\n<title>{title}</title>'
-            f"<style>{STYLE}</style></head><body>\n<h1>{title}</h1>\n"
+            f"<style>{STYLE}</style></head><body><main>\n<h1>{title}</h1>\n"
             f"<p>Outcome {html.escape(outcomename(document))}, {model['distribution']}, {model['link']} link. "
             f"{sizes['records']} records in {sizes['level2_units']} level-2 units"
             + ("" if twolevel(document) else f" in {sizes['level3_units']} level-3 units") + ". "
@@ -104,7 +104,11 @@ def page(run, o):
     others = [phase for phase in document["phases"] if phase is not first]
     if others:
         text += "<details><summary>Other results of this run</summary>" + "".join(map(phasetables, others)) + "</details>"
-    return text + f"<p>Made from {html.escape(os.path.basename(run.path))}{ENDING}"
+    return text + closing(f"Made from {html.escape(os.path.basename(run.path))}")
 
 
-ENDING = " by kdr3-plot.</p></body></html>\n"  # of a page
+ENDINGS = " by kdr3-plot.</p></main></body></html>\n", " by kdr3-plot.</p></body></html>\n"  # of a page, of an older one
+
+
+def closing(words):
+    return f"<p>{words}{ENDINGS[0]}"
