@@ -30,7 +30,7 @@ with tempfile.TemporaryDirectory() as place:
     listing = shutil.which("git") and subprocess.run(["git", "ls-files", "docs", "examples"], cwd=ROOT, capture_output=True,
                                                      text=True).stdout
     files = listing.split() if listing else [str(path.relative_to(ROOT)) for path in (ROOT / "docs").glob("*.md")]
-    for name in ["usr/bin/kdr3", "usr/bin/kdr3-plot", "usr/share/kdr3/results.schema.json", "usr/share/man/man1/kdr3.1", "usr/share/man/man1/kdr3-plot.1", DOC + "README.md", DOC + "CHANGELOG.md",
+    for name in ["usr/bin/kdr3", "usr/bin/kdr3-plot", "usr/share/kdr3/kdr3plot/command.py", "usr/share/kdr3/results.schema.json", "usr/share/man/man1/kdr3.1", "usr/share/man/man1/kdr3-plot.1", DOC + "README.md", DOC + "CHANGELOG.md",
                  *(DOC + name for name in files)]:
         assert name in held, f"the package lacks {name}"
     known = r"usr/(bin/kdr3|share/(kdr3/|man/man1/kdr3|doc/kdr3/)|include/kdr3/kdr3\.hp*$|lib/.*kdr3[^/]*$)"
@@ -49,7 +49,7 @@ with tempfile.TemporaryDirectory() as place:
     assert "libc6" in depends and "libstdc++6" in depends, depends
     assert "python3-matplotlib" in output("dpkg-deb", "-f", str(package), "Recommends")
     (root / "none.json").write_text('{"format": "kdr3 results"}')
-    done = subprocess.run([root / "usr/bin/kdr3-plot", "--page", root / "none.json", "-o", root / "none.html"], capture_output=True,
+    done = subprocess.run([root / "usr/bin/kdr3-plot", "usr/share/kdr3/kdr3plot/command.py", "--page", root / "none.json", "-o", root / "none.html"], capture_output=True,
                           text=True)
     assert done.returncode == 4 and "lacks format_version" in done.stderr, f"the schema of kdr3-plot: {done.stderr}"
     # The pages, --help and the programs agree on the options.

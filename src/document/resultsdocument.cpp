@@ -348,7 +348,7 @@ void addmacroend(ResultsDocument& document, const MacroEvent& event) {
 
 Json wholedocument(const ResultsDocument& document, const Subject& subject, const DocumentFrame& frame) {
   Json whole = {{"format", "kdr3 results"},
-                {"format_version", 3},
+                {"format_version", 4},
                 {"program", module},
                 {"version", version},
                 {"title", frame.title},
@@ -364,6 +364,7 @@ Json wholedocument(const ResultsDocument& document, const Subject& subject, cons
                 {"warnings", allwarnings(document, subject.model, frame.converged)},
                 {"files", frame.files},
                 {"checksums", frame.checksums}};
+  if (subject.recordsread != 0) whole["dimensions"]["records_read"] = subject.recordsread;
   if (subject.texts != nullptr && subject.texts->any()) whole["variables"] = describedvariables(subject);
   return whole;
 }

@@ -21,6 +21,7 @@ struct Subject {
   bool twolevel = false;                                  // there is no level 3: what would stand for it is null
   std::optional<Alternative> alternative = std::nullopt;  // what the deviance is compared with
   const LongTexts* texts = nullptr;                       // what the source of the data says of its variables
+  int recordsread = 0;                                    // of the data, before run-time deletion; 0: not known
 
   [[nodiscard]] const std::string& name(int level, int v) const { return names[level - 1][at(v)]; }
 };

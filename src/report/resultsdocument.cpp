@@ -2,6 +2,7 @@
 
 #include <strings.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <string>
@@ -51,8 +52,26 @@ Subject subject() {
                mdm.twolevel()};
   for (const Name& label : run.model.categorylabel) made.categories.emplace_back(label.text);
   made.texts = &mdm.texts;
+  made.recordsread = mdm.numl1rec;
   if (run.out.deviance) made.alternative = {*run.out.deviance, run.out.df};
   return made;
+}
+
+// Of averages: the sub-runs that they rest on, by their documents, which a process of its own may have written under
+// another name.
+Json subruns() {
+  const SeriesMode& series = run.series;
+  Json list = Json::array();
+  for (int i = 0; i < series.nsets; ++i) {
+    if (std::find(collected.failed.begin(), collected.failed.end(), i + 1) != collected.failed.end()) continue;
+    const std::string name = numberedname(run.files.results, i + 1);
+    std::error_code none;
+    const bool value = series.pvmode && at(i) < series.pvlist.size();
+    list.push_back({{"subrun", i + 1},
+                    {"plausible_value", value ? Json(leftname(run.mdm.names1[series.pvlist[i]])) : Json()},
+                    {"results", std::filesystem::exists(name, none) ? Json(name) : Json()}});
+  }
+  return list;
 }
 
 Json seriesfacts() {
@@ -63,6 +82,7 @@ Json seriesfacts() {
              {"subrun", averages ? Json() : Json(subrunnumber())},
              {"plausible_value", value ? Json(leftname(run.mdm.names1[series.pvcurrent])) : Json()}};
   facts["failed_subruns"] = collected.failed;
+  if (averages) facts["subruns"] = subruns();
   return facts;
 }
 

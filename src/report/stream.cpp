@@ -116,8 +116,12 @@ std::string averagedreportname() {
 
 std::string subrunname(const std::string& name) {
   if (name.empty() || (!run.series.mimode && !run.series.pvmode)) return name;
+  return numberedname(name, subrunnumber());
+}
+
+std::string numberedname(const std::string& name, int number) {
   const std::size_t dot = extensionplace(name);
-  return name.substr(0, dot) + "_" + std::to_string(subrunnumber()) + name.substr(dot);
+  return name.substr(0, dot) + "_" + std::to_string(number) + name.substr(dot);
 }
 
 int subrunnumber() { return (run.series.pvmode ? run.series.pvindex : run.series.miindex) + 1; }

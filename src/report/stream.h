@@ -23,6 +23,8 @@ inline constexpr const char* stylebottom =
 // The name of a file that each sub-run of a series has: with its number before the extension. Outside a series the name
 // as it is.
 [[nodiscard]] std::string subrunname(const std::string& name);
+// The name that the sub-run of this number, from 1, gives it.
+[[nodiscard]] std::string numberedname(const std::string& name, int number);
 
 // The name of the averaged report: the stem of the sub-runs' numbered reports with ".avg" or "_avg.html"; empty when
 // the reports go to standard output, which the averages follow there.

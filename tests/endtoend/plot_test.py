@@ -5,8 +5,6 @@ PNG and SVG, the page, and what it refuses.
 """
 import contextlib
 import html.parser
-import importlib.machinery
-import importlib.util
 import io
 import json
 import os
@@ -21,10 +19,9 @@ sys.dont_write_bytecode = True
 import residualfiles
 from program import ROOT, Checks, Workplace
 
-PLOT = ROOT / "tools" / "kdr3-plot"
-loader = importlib.machinery.SourceFileLoader("kdr3plot", str(PLOT))
-plot = importlib.util.module_from_spec(importlib.util.spec_from_loader("kdr3plot", loader))
-loader.exec_module(plot)
+sys.path.insert(0, str(ROOT / "tools"))
+from kdr3plot import command, files, pictures, values
+from kdr3plot.document import choosephase
 
 FILES = dict(RESFIL1="Y/GCSECNT", RESFIL2="Y", RESFIL3="Y", GRAPHGAMMAS="graph.bin")
 VOID = {"meta", "img"}
@@ -78,7 +75,7 @@ class Tests:
         os.chdir(self.folder)
         try:
             with contextlib.redirect_stderr(told):
-                code = plot.main(list(words))
+                code = command.main(list(words))
         except SystemExit as end:
             code = end.code
         finally:
@@ -99,21 +96,21 @@ class Tests:
                 command = [self.place.program, "-q", "../chem97.mdm", "x.kdr"]
                 subprocess.run(command, cwd=self.folder / form, capture_output=True, check=True, timeout=60)
             folder = self.folder / (form if form != "FREEFORMAT" else "")
-            run = plot.Run(str(folder / ("x.json" if form != "FREEFORMAT" else "plots.json")))
+            run = files.Run(str(folder / ("x.json" if form != "FREEFORMAT" else "plots.json")))
             long = form == "SPSS"
             for level, effects in ((2, (("Intercept", "EBINTRCPT1" if long else "EBINTRCP", "PV2_0_0" if long else "PV200"),
                                         ("GCSECNT", "EBGCSECNT" if long else "EBGCSECN", "PV2_2_2" if long else "PV222"))),
                                    (3, (("Intercept", "EB00", "PV3_0_0_0_0" if long else "PV30000"),))):
                 table = residualfiles.read(folder, form, level)
-                panels = plot.caterpillar(run, level)
+                panels = values.caterpillar(run, level)
                 self.check([name for name, _ in panels] == [e[0] for e in effects], f"{form}, {level}: effects")
-                normal = plot.quantiles(run, [level])
-                figure = plot.drawcaterpillar(run, level)
-                qq = plot.drawqq(run) if level == 3 else None
+                normal = values.quantiles(run, [level])
+                figure = pictures.drawcaterpillar(run, level)
+                qq = pictures.drawqq(run) if level == 3 else None
                 for i, ((_, rows), (name, eb, pv)) in enumerate(zip(panels, effects)):
                     what = f"{form}, level {level}, {name}"
                     known = {row[0]: row for row in rows}
-                    ids = [plot.identifier(x) for x in table.column("L3ID" if level == 3 else "L2ID")]
+                    ids = [files.identifier(x) for x in table.column("L3ID" if level == 3 else "L2ID")]
                     u, v = table.column(eb), table.column(pv)
                     self.check(set(known) == set(ids), f"units of {what}")
                     self.check(near([known[unit][1] for unit in ids], u), f"estimates of {what}")
@@ -128,26 +125,26 @@ class Tests:
                     self.check(near(got[0], want[0]) and near(got[1], want[1]), f"quantiles of {what}")
                     if qq:
                         self.check(near(self.drawn(qq, 0, 2)[0], want[0]), f"quantiles drawn of {what}")
-        figure = plot.drawcaterpillar(run, 2, ["387", "907"])
+        figure = pictures.drawcaterpillar(run, 2, ["387", "907"])
         self.check([t.get_text() for t in figure.axes[0].texts] == ["907", "387"], "marked units, in the order of the effect")
 
-        twice = plot.Table("x", ["L3ID", "L2ID", "NJK"], [["1", "7", "3"], ["2", "7", "4"]])
-        self.check(twice.units() == ["1/7", "2/7"] and plot.pickunits(twice, ["2/7"]) == [1], "units of one ID")
+        twice = files.Table("x", ["L3ID", "L2ID", "NJK"], [["1", "7", "3"], ["2", "7", "4"]])
+        self.check(twice.units() == ["1/7", "2/7"] and values.pickunits(twice, ["2/7"]) == [1], "units of one ID")
 
     def records(self):
         """Residuals and lines against the raw data."""
         raw = [line.split() for line in (self.folder / "chem97-1.dat").read_text().splitlines()]
-        run = plot.Run(str(self.folder / "plots.json"))
-        (name, points), = plot.residuals(run)
+        run = files.Run(str(self.folder / "plots.json"))
+        (name, points), = values.residuals(run)
         self.check(name == "" and near([f + r for f, r in points], [float(row[2]) for row in raw], 2e-6),
                    "fitted value and residual are not the score")
-        self.check(self.drawn(plot.drawresiduals(run), 0) == tuple(map(list, zip(*points))), "residuals drawn")
+        self.check(self.drawn(pictures.drawresiduals(run), 0) == tuple(map(list, zip(*points))), "residuals drawn")
 
         table = residualfiles.read(self.folder, "FREEFORMAT", 2)
         female = sum(float(row[3]) for row in raw) / len(raw)
         counts = sorted(zip(table.column("NJK"), table.column("L2ID")), reverse=True)
         for units in (None, ["907", "387"]):
-            predictor, lines, mean, held, _ = plot.lines(run, units)
+            predictor, lines, mean, held, _ = values.lines(run, units)
             self.check(predictor == "GCSECNT" and near([held["FEMALE"]], [female]), "what lines run over and hold")
             names = [line[0] for line in lines]
             self.check(names == (units or names), "lines of chosen units")
@@ -163,19 +160,18 @@ class Tests:
         self.check(near([y for _, y in mean], [means[0] + means[1] * female + means[2] * x for x, _ in mean], 1e-6),
                    "the mean line")
         # Without the level-1 file the graph data file tells the range, the same for all units.
-        _, lines, _, _, _ = plot.lines(run, ["387"], "FEMALE")
+        _, lines, _, _, _ = values.lines(run, ["387"], "FEMALE")
         self.check([x for x, _ in lines[0][1:]] == [0, 1], "range from the graph data file")
 
     def coefficients(self):
         document = json.loads(self.place.read("plots.json"))
-        final = document["phases"][-1]
+        final, run = document["phases"][-1], files.Run(str(self.folder / "plots.json"))
         names = ["Intercept", "LEAGCSE", "SCHGCSE", "FEMALE", "GCSECNT", "GCSECNT × SCHGCSE"]
         for side in ("model_based", "robust"):
             want = [(name, e["estimate"], *e[side]["interval"]) for name, e in zip(names, final["fixed_effects"])]
-            rows, by = plot.coefficients(document, plot.choosephase(document), side == "robust")
+            rows, by = values.coefficients(run.document, choosephase(run.document), side == "robust")
             self.check((rows, by) == (want, side), f"coefficients with {side} intervals")
-            run = plot.Run(str(self.folder / "plots.json"))
-            figure = plot.drawcoefficients(run, final, side == "robust")
+            figure = pictures.drawcoefficients(run, choosephase(run.document), side == "robust")
             got = [tuple(self.drawn(figure, 2 * i)[0]) for i in range(6)], [self.drawn(figure, 2 * i + 1)[0] for i in range(6)]
             self.check(got == ([row[2:] for row in want], [[row[1]] for row in want]), f"coefficients drawn, {side}")
             labels = [t.get_text() for t in figure.axes[0].get_yticklabels()]
@@ -188,16 +184,16 @@ class Tests:
         self.place.run("-r", "melanoma.mdmt")
         self.estimate("deaths", "deaths.kdr", "melanoma.mdm", RESFIL1="Y", RESFIL2="Y", RESFIL3="Y",
                       GRAPHGAMMAS="deaths.bin", RESFIL1NAME="d1.dta", RESFIL2NAME="d2.dta", RESFIL3NAME="d3.dta", RESFILTYPE="STATA")
-        run = plot.Run(str(self.folder / "deaths.json"))
-        phase = plot.choosephase(run.document)
+        run = files.Run(str(self.folder / "deaths.json"))
+        phase = choosephase(run.document)
         self.check(phase["phase"] == "pql", "the phase of a Poisson run")
-        rows, _ = plot.coefficients(run.document, phase, intercept=False, ratio=True)
+        rows, _ = values.coefficients(run.document, phase, intercept=False, ratio=True)
         effect = phase["fixed_effects"][1]
         self.check(rows == [("UVB", effect["ratio"], *effect["model_based"]["ratio_interval"])], f"ratios: {rows}")
-        figure = plot.drawcaterpillar(run, 3)
+        figure = pictures.drawcaterpillar(run, 3)
         names = [t.get_text() for t in figure.axes[0].get_xticklabels()]
         self.check(sorted(names) == list("123456789"), f"names of the few level-3 units: {names}")
-        _, lines, _, held, _ = plot.lines(run)
+        _, lines, _, held, _ = values.lines(run)
         graph = residualfiles.graphfile.read(self.folder / "deaths.bin", self.folder / "melanoma.mdm", nonlinear=True)
         uvb = graph["predictors1"]
         self.check(len(lines) == 8 and [x for x, _ in lines[0][1:]] == [uvb["p0"][0], uvb["p100"][0]] and held == {},
@@ -207,14 +203,14 @@ class Tests:
         self.check(Page(self.place.read("deaths.html")).text.count(", PQL results") == 5, "what the pictures rest on")
 
         self.estimate("ordinal", "ordinal.kdr", "chem97.mdm", RESFIL1="Y", RESFIL1NAME="cuts.sav", MACROIT="2,N")
-        panels = plot.residuals(plot.Run(str(self.folder / "ordinal.json")))
+        panels = values.residuals(files.Run(str(self.folder / "ordinal.json")))
         self.check([name for name, _ in panels] == [f"SCORE at or below {cut}" for cut in (0, 2, 4, 6, 8)], "cuts")
         score = [float(line.split()[2]) for line in (self.folder / "chem97-1.dat").read_text().splitlines()]
         for (name, points), cut in zip(panels, (0, 2, 4, 6, 8)):
             self.check(near([f + r for f, r in points], [float(s <= cut) for s in score], 1e-6), f"residuals of {name}")
 
     def pictures(self):
-        for kind in plot.KINDS:
+        for kind in pictures.KINDS:
             for ending in ("png", "svg"):
                 name = f"{kind}.{ending}"
                 code, told = self.plot("plots.json", "--kind", kind, "-o", name)
@@ -237,7 +233,7 @@ class Tests:
         page = Page(text)
         self.check((code, told, page.open) == (0, "", []), f"the page: {code}, {told}, {page.open}")
         self.check("width=device-width" in page.viewport, "viewport of the page")
-        self.check(len(page.images) == len(plot.KINDS) and all(
+        self.check(len(page.images) == len(pictures.KINDS) and all(
             i["src"].startswith("data:image/svg+xml;base64,") and i["alt"] for i in page.images), "pictures of the page")
         self.check("http" not in text.split("</style>")[1].replace("http-equiv", ""), "the page refers to something outside")
         self.check("Boys < girls & \"schools\"" in page.text, "title of the page")
@@ -272,7 +268,7 @@ class Tests:
                 (draw("other.json", "qq"), 4, "other.json is not a results document"),
                 (draw("newer.json", "qq"), 4, "format_version 99"),
                 (draw("inner.json", "qq"), 4, "inner.json is damaged: phases[1].fixed_effects[2].estimate is not of the type"),
-                (draw("sizes.json", "qq"), 4, "sizes.json is damaged: the parts of tau_pi of the phase final"),
+                (draw("sizes.json", "qq"), 4, "sizes.json is damaged: the equations and tau_pi of the phase final"),
                 (draw("bare.json", "caterpillar2"), 5, "no residual file of level 2 (RESFIL2:Y"),
                 (draw("large.json", "coefficients"), 5, "the effects of the phase final are too large to draw"),
                 (draw("averages.json", "qq"), 5, "take the document of a sub-run"),
@@ -284,7 +280,7 @@ class Tests:
                 (draw("plots.json", "lines", "--category", "2"), 2, "there is no category 2"),
                 (draw("plots.json", "qq", "--units", "1"), 2, "--units has no effect on --kind qq"),
                 (draw("plots.json", "pie"), 2, "invalid choice"),
-                (("plots.json", "-o", "refused.png"), 2, "either --kind or --page"),
+                (("plots.json", "-o", "refused.png"), 2, "one of --kind, --page and --compare"),
                 (("plots.json", "--kind", "qq", "-o", "refused.pdf"), 2, "ends in .png or .svg"),
                 (("plots.json", "--kind", "lines", "-o", "nowhere/refused.png"), 3, "nowhere/refused.png cannot be written")):
             got, told = self.plot(*words)
@@ -345,9 +341,9 @@ class Tests:
         done = self.place.run("-r", "gaps.mdmt")
         assert done.returncode == 0, done.stdout
         self.estimate("gaps", "model2.kdr", "gaps.mdm", **FILES)
-        run = plot.Run(str(self.folder / "gaps.json"))
+        run = files.Run(str(self.folder / "gaps.json"))
         units = run.document["dimensions"]["level2_units"]
-        drawn = [row[0] for row in plot.caterpillar(run, 2)[0][1]]
+        drawn = [row[0] for row in values.caterpillar(run, 2)[0][1]]
         self.check(len(drawn) == units - 1 and unit not in drawn, f"{len(drawn)} of {units} units drawn")
 
 

@@ -6,8 +6,6 @@ What jsonschema refuses by docs/results.schema.json is refused, and for no other
 kdr3-plot refuse a document. 800 mutants take some minutes; ./check runs fewer of them.
 """
 import contextlib
-import importlib.machinery
-import importlib.util
 import io
 import json
 import pathlib
@@ -24,11 +22,10 @@ import jsonschema
 sys.dont_write_bytecode = True
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "tests" / "endtoend"))
+sys.path.insert(0, str(ROOT / "tools"))
+from kdr3plot import command, document as plot, pictures
 from program import REFERENCE, madefolder, run
 
-loader = importlib.machinery.SourceFileLoader("kdr3plot", str(ROOT / "tools" / "kdr3-plot"))
-plot = importlib.util.module_from_spec(importlib.util.spec_from_loader("kdr3plot", loader))
-loader.exec_module(plot)
 SCHEMA = json.loads((ROOT / "docs" / "results.schema.json").read_text())
 ORACLE = jsonschema.Draft202012Validator(SCHEMA)
 
@@ -102,7 +99,7 @@ def damagebytes(text, chance):
 def complaint(folder, name, data, chance):
     """What is wrong with how kdr3-plot takes the mutant, or None, and its code."""
     (folder / name).write_bytes(data)
-    kind = chance.choice(("--page",) * 3 + tuple(plot.KINDS))
+    kind = chance.choice(("--page",) * 3 + tuple(pictures.KINDS))
     out = folder / ("drawn.html" if kind == "--page" else chance.choice(("drawn.svg", "drawn.png")))
     words = [str(folder / name), "-o", str(out), *(["--page"] if kind == "--page" else ["--kind", kind])]
     if kind == "coefficients":
@@ -113,7 +110,7 @@ def complaint(folder, name, data, chance):
         with contextlib.redirect_stderr(told), warnings.catch_warnings():
             warnings.simplefilter("error")
             warnings.filterwarnings("ignore", "Glyph ")
-            code = plot.main(words)
+            code = command.main(words)
     except (Exception, SystemExit):
         return f"{' '.join(words[1:])}: {traceback.format_exc()[-900:]}", None
     finally:

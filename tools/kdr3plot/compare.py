@@ -1,0 +1,261 @@
+"""Models side by side: the rows of a table for a paper, and the tests of neighbours."""
+import collections
+
+from .digits import degrees, interval, places, pvalue, shown, statistic
+from .document import choosephase, outcomename, phasename
+from .model import formula, rationame
+from .nested import compared, held, loglikelihood, randomterms, termsof
+
+
+class Column:
+    def __init__(self, document, name, phase=None):
+        self.document, self.phase = document, choosephase(document, phase)
+        self.name, self.outcome = name, outcomename(document)
+
+
+class Cell:
+    """A number with its standard error or interval, either may be None; or one that was held."""
+
+    def __init__(self, value=None, error=None, bounds=None, held=False):
+        self.value, self.error, self.bounds, self.held = value, error, bounds, held
+
+
+class Row:
+    """Of each column a Cell, or None where the model has not what the label names. Its numbers share their decimals."""
+
+    def __init__(self, label, cells, decimals=None, words=None):
+        self.label, self.cells, self.words = label, cells, words or ("–",) * len(cells)
+        errors = [cell.error or (cell.bounds and None not in cell.bounds and (cell.bounds[1] - cell.bounds[0]) / 4)
+                  for cell in cells if cell]
+        self.decimals = places(errors) if decimals is None else decimals
+
+    def texts(self):
+        return [self.text(cell, word) for cell, word in zip(self.cells, self.words)]
+
+    def text(self, cell, word):
+        if cell is None:
+            return word
+        text = shown(cell.value, self.decimals if isinstance(cell.value, float) else None)
+        if cell.held:
+            return f"{text}, held"
+        if cell.bounds:
+            return f"{text} [{interval(cell.bounds, self.decimals, ', ')}]"
+        return f"{text} ({shown(cell.error, self.decimals)})" if cell.error is not None else text
+
+
+class Comparison:
+    """sections: (heading, rows). tests: dictionaries of nested.compared with the names of both models."""
+
+    def __init__(self, columns, o):
+        self.columns, self.o, self.notes = columns, o, []
+        self.names = [column.name for column in columns]
+        self.sections = [(head, rows) for head, rows in (
+            *self.effects(), *self.variances(), ("Size", self.sizes()), ("Fit", self.fit()),
+            ("Shares of variance", self.shares())) if rows]
+        self.tests = [(a.name, b.name, compared(a, b)) for a, b in zip(columns, columns[1:])]
+        self.tell()
+
+    # Fixed effects
+
+    def fixedcell(self, effect):
+        side = "robust" if self.o.robust else "model_based"
+        test = effect[side] or {}
+        ratio = self.o.ratio and "ratio" in effect and not effect["threshold"]
+        value = effect["ratio"] if ratio else effect["estimate"]
+        if ratio or self.o.intervals:
+            return Cell(value, bounds=test.get("ratio_interval" if ratio else "interval"))
+        return Cell(value, test.get("standard_error"))
+
+    def effects(self):
+        """Effects, then thresholds. The order is that of the models, a later one's new effects behind those it has before
+        them."""
+        order, cells, names = [], {}, {}
+        for k, column in enumerate(self.columns):
+            terms, last = termsof(column.document), -1
+            for i, effect in enumerate(column.phase["fixed_effects"]):
+                key = (effect["threshold"] or self.isthreshold(column, effect), terms[i])
+                if key not in order:
+                    order.insert(last + 1, key)
+                    names[key] = namedterm(column.document, effect), terms[i]
+                last = order.index(key)
+                cells.setdefault(key, {})[k] = self.fixedcell(effect)
+        labels = toldapart(names)
+        rows = lambda wanted: [Row(labels[key], [cells[key].get(k) for k in range(len(self.columns))])
+                               for key in order if key[0] == wanted]
+        return (f"{self.ratios()}s" if self.o.ratio else "Fixed effects", rows(False)), ("Thresholds", rows(True))
+
+    @staticmethod
+    def isthreshold(column, effect):
+        """The intercept of an ordinal model is that of its first category."""
+        return column.document["model"]["distribution"] == "ordinal" and not effect["variables"]
+
+    def ratios(self):
+        names = {rationame(column.document) for column in self.columns}
+        return names.pop() if len(names) == 1 else "Ratio"
+
+    # Random part
+
+    def variances(self):
+        sections, order, found, names = [], {3: [], 2: []}, {}, {}
+        for k, column in enumerate(self.columns):
+            terms = randomterms(column.document)
+            for level, name in ((2, "tau_pi"), (3, "tau_beta")):
+                tau, mine = column.phase[name], [term for term in terms if term[0] == level]
+                for i, row in enumerate(tau["rows"] if tau and tau["estimate"] else ()):
+                    names[mine[i]] = row["label"], {mine[i][1:]}
+                    for j in [i, *range(i)]:
+                        key = frozenset((mine[i], mine[j]))
+                        if key not in order[level]:
+                            order[level].append(key)
+                        found.setdefault(key, {})[k] = self.taucell(column.phase, name, i, j)
+        for level in (3, 2):
+            labels = toldapart({term: name for term, name in names.items() if term[0] == level})
+            rows = [Row(("Variance: " if len(key) == 1 else "Correlation: ") + ", ".join(sorted(labels[term] for term in key)),
+                        [found[key].get(k) for k in range(len(self.columns))], None if len(key) == 1 or self.o.intervals else 2)
+                    for key in sorted(order[level], key=len)]
+            sections.append((f"Random effects of level {level}", rows))
+        cells = [self.sigmacell(column) for column in self.columns]
+        linear = any(column.document["model"]["link"] == "identity" for column in self.columns)
+        sections.append(("Level 1", [Row("Variance" if linear else "Dispersion", cells)] if any(cells) else []))
+        return sections
+
+    def taucell(self, phase, name, i, j):
+        tau, bounds = phase[name], None
+        intervals = (phase.get("variance_intervals") or {}).get(name)
+        if i != j:
+            if self.o.intervals and intervals:
+                bounds = (intervals["correlation"][i] or [None] * i)[j]
+            return Cell(tau["correlation"][i][j] if tau["correlation"] else None, bounds=bounds)
+        if held(tau, i, i):
+            return Cell(tau["estimate"][i][i], held=True)
+        if self.o.intervals and intervals:
+            return Cell(tau["estimate"][i][i], bounds=(intervals["variance"] or [None] * (i + 1))[i])
+        return Cell(tau["estimate"][i][i], tau["standard_error"][i][i] if tau["standard_error"] else None)
+
+    def sigmacell(self, column):
+        """Of outcomes with a distribution of their own a dispersion, which is mostly held at 1 and no number of interest then."""
+        phase, linear = column.phase, column.document["model"]["link"] == "identity"
+        sigma2 = phase["sigma2"]
+        if not sigma2 or sigma2["estimate"] is None or sigma2["held"] and not linear:
+            return None
+        if sigma2["held"]:
+            return Cell(sigma2["estimate"], held=True)
+        if self.o.intervals:
+            return Cell(sigma2["estimate"], bounds=(phase.get("variance_intervals") or {}).get("sigma2"))
+        return Cell(sigma2["estimate"], sigma2["standard_error"])
+
+    # Sizes and fit
+
+    def plain(self, label, values, decimals=None):
+        """A row of numbers without errors; None when no model has one."""
+        cells = [None if value is None else Cell(value) for value in values]
+        return [Row(label, cells, decimals)] if any(cells) else []
+
+    def sizes(self):
+        sizes = [column.document["dimensions"] for column in self.columns]
+        rows = []
+        for key, label in (("level3_units", "Level-3 units"), ("level2_units", "Level-2 units"), ("records", "Records")):
+            rows += self.plain(label, [size[key] for size in sizes])
+        return rows + self.plain("Data sets pooled", [column.phase.get("subruns") for column in self.columns])
+
+    def fit(self):
+        phases = [column.phase for column in self.columns]
+        rows = [Row("Estimation", [None] * len(phases), words=[estimation(phase) for phase in phases])]
+        rows += self.plain("Parameters", [phase["parameters"] for phase in phases])
+        likelihoods = [loglikelihood(phase) for phase in phases]
+        rows += self.plain("Log-likelihood", likelihoods, 2)
+        rows += self.plain("Deviance", [None if x is None else -2 * x for x in likelihoods], 2)
+        for key, label in (("aic", "AIC"), ("bic", "BIC")):
+            rows += self.plain(label, [phase[key] for phase in phases], 2)
+        return rows
+
+    def shares(self):
+        rows = []
+        for level in (2, 3):
+            rows += self.plain(f"ICC, same level-{level} unit", [iccof(column.phase, f"same_level{level}_unit") for column in self.columns], 3)
+        for key in ("marginal", "conditional"):
+            rows += self.plain(f"R², {key}", [((column.phase.get("variance_shares") or {}).get("r_squared") or {}).get(key)
+                                              for column in self.columns], 3)
+        return rows
+
+    # What stands below
+
+    def tell(self):
+        side = "robust" if self.o.robust else "model-based"
+        beside = "95% intervals in brackets" if self.o.intervals or self.o.ratio else "standard errors in parentheses"
+        outcomes = dict.fromkeys(column.outcome for column in self.columns)
+        self.notes.append(f"Outcome: {', '.join(outcomes)}. Of fixed effects, {side} {beside}.")
+        self.notes += [f"{column.name}: {formula(column.document)[0]}" for column in self.columns]
+        self.shared([(column.name, note) for column in self.columns for note in aboutcolumn(column)])
+        self.shared([(f"{a} against {b}", note) for a, b, made in self.tests for note in made["notes"]])
+        for a, b, made in self.tests:
+            if "why" in made:
+                end = ("; AIC and BIC compare them" if made["criteria"] else "; their AIC and BIC do not compare them, either")
+                self.notes.append(f"No likelihood-ratio test of {a} and {b}: {made['why']}{end}.")
+        if any(made.get("mixture_p") is not None for _, _, made in self.tests):
+            self.notes.append("Mixture p: of the mixture, half and half, of chi-squares with one degree of freedom less and with these, "
+                              "since a variance is 0 in the smaller model.")
+        bases = {column.phase["bic_sample_size"] for column in self.columns} - {None}
+        if bases:
+            self.notes.append("BIC counts level-1 records.")
+
+    def shared(self, pairs):
+        """One note for all that it is of."""
+        notes = {}
+        for name, note in pairs:
+            notes.setdefault(note, []).append(name)
+        self.notes += [f"{', '.join(dict.fromkeys(names))}: {note}" for note, names in notes.items()]
+
+    def testtable(self):
+        """Heads and rows of the tests."""
+        mixture = any(made.get("mixture_p") is not None for _, _, made in self.tests)
+        rows = [[f"{made['large']} against {made['small']}", statistic(made["chi_square"]), degrees(made["df"]), pvalue(made["p"])]
+                + [pvalue(made["mixture_p"])] * mixture for _, _, made in self.tests if "why" not in made]
+        return ["Likelihood-ratio test", "χ²", "df", "p"] + ["Mixture p"] * mixture, rows
+
+
+def aboutcolumn(column):
+    document = column.document
+    weights = [f"{name} (level {level})" for level in (1, 2, 3) if (name := document["model"]["weights"][f"level{level}"])]
+    return ([f"Weighted by {', '.join(weights)}."] * bool(weights) + ["Did not converge, or failed its check."] * (document["converged"] is False)
+            + list(document["warnings"]))
+
+
+def toldapart(names):
+    """A label for each key of (label, terms): with the centering of its variables where several have one label."""
+    count = collections.Counter(label for label, _ in names.values())
+    return {key: label if count[label] == 1 else f"{label} ({', or '.join(sorted(map(centerings, terms)))})"
+            for key, (label, terms) in names.items()}
+
+
+def centerings(term):
+    """How the variables of a term stand in it."""
+    words = {"none": "as it is", "group mean": "less its mean in the unit", "grand mean": "less its mean"}
+    return ", ".join(f"{part[0]} {words[part[1]]}" for part in term if isinstance(part, tuple)) or "intercept"
+
+
+def namedterm(document, effect):
+    """The label of an effect; of a threshold the category that it belongs to."""
+    if effect["threshold"]:
+        place = effect["level1"].removeprefix("THOLD")
+        categories = document["model"]["categories"]
+        if place.isdigit() and 1 < int(place) <= len(categories):
+            return f"At or below {categories[int(place) - 1]}, above the first"
+    elif document["model"]["distribution"] == "ordinal" and not effect["variables"] and document["model"]["categories"]:
+        return f"At or below {document['model']['categories'][0]} (intercept)"
+    return effect["label"]
+
+
+def estimation(phase):
+    name = {"final": "REML" if phase.get("likelihood") else "ML", "average": "pooled", "pql": "PQL"}.get(phase["phase"])
+    if phase["phase"] == "quadrature":
+        points = phase.get("points")
+        return {1: "Laplace"}.get(points, f"AGQ, {points} points" if points else "quadrature")
+    return name or phasename(phase).removesuffix(" results")
+
+
+def iccof(phase, key):
+    for part in (phase["intraclass_correlation"], (phase.get("variance_shares") or {}).get("intraclass_correlation")):
+        if part and part[key] is not None:
+            return part[key]
+    return None
