@@ -107,8 +107,8 @@ emm_basis.kdr3 <- function(object, trms, xlev, grid, ..., vcov., type = "model")
     estimability::all.estble
   misc <- if (hassigma(object)) list() else emmeans::.std.link.labels(object$family, list())
   kept <- !colnames(X) %in% object$dropped
-  list(X = X, bhat = unname(bhat), nbasis = nbasis, V = V, dffun = function(k, dfargs) contrastdf(dfargs$object, k[dfargs$kept]),
-       dfargs = list(object = object, kept = kept), misc = misc)
+  list(X = X, bhat = unname(bhat), nbasis = nbasis, V = V, dffun = function(k, dfargs) dfargs$find(dfargs$object, k[dfargs$kept]),
+       dfargs = list(object = object, kept = kept, find = contrastdf), misc = misc)
 }
 
 # Degrees of freedom of one contrast: by the method of the fit, with counts the least of the effects in it.
@@ -242,6 +242,30 @@ get_variance.kdr3 <- function(x, component = c("all", "fixed", "random", "residu
   switch(component, all = made, fixed = made["var.fixed"], random = made["var.random"], residual = made["var.residual"],
          distribution = made["var.distribution"], dispersion = made["var.dispersion"], intercept = made["var.intercept"],
          slope = made["var.slope"], rho01 = made["cor.slope_intercept"], NULL)
+}
+
+# Predictions without random effects and their intervals, on the scale of the outcome or of the link.
+get_predicted.kdr3 <- function(x, data = NULL, predict = "expectation", ci = 0.95, include_random = FALSE, verbose = TRUE, ...) {
+  link <- identical(predict, "link")
+  found <- stats::predict(x, data, type = "link", re.form = if (isTRUE(include_random)) NULL else NA, allow.new.levels = TRUE, se.fit = TRUE)
+  back <- if (link) identity else link_inverse.kdr3(x)
+  z <- stats::qnorm((1 + (if (is.null(ci)) 0.95 else ci)) / 2)
+  bounds <- data.frame(Row = seq_along(found$fit), SE = unname(found$se.fit), CI_low = unname(back(found$fit - z * found$se.fit)),
+                       CI_high = unname(back(found$fit + z * found$se.fit)))
+  structure(unname(back(found$fit)), ci_data = bounds[-1L], data = data, class = c("get_predicted", "numeric"))
+}
+
+# Nakagawa's R2 from get_variance().
+r2.kdr3 <- function(model, ...) performance::r2_nakagawa(model, ...)
+
+model_performance.kdr3 <- function(model, metrics = "all", verbose = TRUE, ...) {
+  shares <- suppressWarnings(performance::r2_nakagawa(model))
+  icc <- suppressWarnings(performance::icc(model))
+  made <- data.frame(AIC = stats::AIC(model), BIC = stats::BIC(model), R2_conditional = unname(shares$R2_conditional),
+                     R2_marginal = unname(shares$R2_marginal), ICC = icc$ICC_adjusted,
+                     RMSE = sqrt(mean(stats::residuals(model, type = "response")^2)), Sigma = stats::sigma(model))
+  class(made) <- c("performance_model", "data.frame")
+  made
 }
 
 # ---- ggeffects, marginaleffects, DHARMa ------------------------------------------------------------------------------

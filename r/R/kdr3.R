@@ -223,7 +223,7 @@ objectof <- function(result, told, design, outcome, frame, options, engine) {
   object$order$spec <- NULL
   object$equations <- told$spec[c("level1", "level2", "level3")]
   if (family$family == "gaussian" && !is.null(outcome$weights)) object$loglik <- object$loglik + sum(log(outcome$weights)) / 2
-  class(object) <- "kdr3"
+  class(object) <- c("kdr3", "mlma")  # insight lets a model through by a list of classes; this one has no methods
   object$effects <- effectsof(object, result, design, outcome)
   object$eta <- object$effects$eta
   object$effects$eta <- NULL

@@ -300,12 +300,17 @@ isSingular.kdr3 <- function(x, tol = 1e-4, ...) {
 }
 
 getME.kdr3 <- function(object, name = c("X", "y", "mu", "beta", "fixef", "theta", "flist", "cnms", "n_rtrms", "is_REML", "REML",
-                                        "offset", "Gp", "Zt", "Z", "mmList", "sigma", "N", "n", "p", "q"), ...) {
+                                        "offset", "Gp", "Zt", "Z", "mmList", "sigma", "N", "n", "p", "q", "lower"), ...) {
   if (length(name) > 1L) return(stats::setNames(lapply(name, function(n) getME(object, n)), name))
   switch(name, X = model.matrix(object), y = responseof(object)$y, mu = inverse(object, object$eta),
          beta = unname(object$coefficients), fixef = object$coefficients,
          theta = unlist(lapply(VarCorr(object), function(V) {
-           L <- t(suppressWarnings(chol(V / stats::sigma(object)^2, pivot = FALSE)))
+           L <- t(qr.R(qr(t(rootof(unclass(V) / stats::sigma(object)^2)))))  # lower triangle, at the edge too
+           L <- L %*% diag(ifelse(diag(L) < 0, -1, 1), nrow(L))
+           L[lower.tri(L, diag = TRUE)]
+         })), lower = unlist(lapply(VarCorr(object), function(V) {
+           L <- matrix(-Inf, nrow(V), nrow(V))
+           diag(L) <- 0
            L[lower.tri(L, diag = TRUE)]
          })), flist = groupfactors(object), cnms = lapply(VarCorr(object), rownames), n_rtrms = length(object$blocks),
          is_REML = object$options$reml, REML = object$options$reml, sigma = stats::sigma(object),
