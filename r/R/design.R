@@ -17,7 +17,8 @@ unitsof <- function(variables, frame) {
   labels <- parts[[1L]]$labels
   for (part in parts[-1L]) {
     n <- length(part$labels)
-    pair <- (as.double(codes) - 1) * n + part$codes
+    pair <- if (as.double(length(labels)) * n < .Machine$integer.max) (codes - 1L) * n + part$codes else
+      (as.double(codes) - 1) * n + part$codes
     seen <- sort(unique(pair))
     labels <- paste(labels[(seen - 1) %/% n + 1], part$labels[(seen - 1) %% n + 1], sep = ":")
     codes <- match(pair, seen)
@@ -73,6 +74,12 @@ libraryorder <- function(groupings) {
   list(level2 = order2[order(match(groupings$level2$owner[order2], order3))], level3 = order3)
 }
 
+# A matrix without names of rows, which would go with each of its columns.
+plainrows <- function(m) {
+  dimnames(m) <- list(NULL, colnames(m))
+  m
+}
+
 # ---- Random columns --------------------------------------------------------------------------------------------------
 
 # The blocks of random effects of the parts: each a matrix of columns, with the names of its effects and its grouping.
@@ -81,9 +88,8 @@ blocksof <- function(parts, frame) {
   for (part in parts) {
     formula <- stats::as.formula(call("~", part$effects), env = globalenv())
     tt <- partterms(formula, attr(frame, "terms"))
-    Z <- stats::model.matrix(tt, frame)
+    Z <- plainrows(stats::model.matrix(tt, frame))
     which <- attr(Z, "assign")
-    colnames(Z) <- sub("^\\(Intercept\\)$", "(Intercept)", colnames(Z))
     groups <- if (!part$double) list(seq_len(ncol(Z))) else split(seq_len(ncol(Z)), which)
     if (part$double && any(lengths(groups) > 1L))
       message("(", deparse1(part$effects), " || ", part$group, "): the effects of a factor's columns are correlated with each ",
@@ -107,7 +113,7 @@ columnstore <- function(groupings) {
   store
 }
 
-levelsof <- function(store, columns) .Call(C_kdr3r_levels, lapply(columns, as.double), store$unit2, store$unit3)
+levelsof <- function(store, columns) .Call(C_kdr3r_levels, columns, store$unit2, store$unit3)
 
 # The number of a column in the store.
 stored <- function(store, name, values, level = levelsof(store, list(values))) {
@@ -244,7 +250,7 @@ deficient <- function(X) {
 designof <- function(frame, parts, fixedformula, contrasts, roots = NULL) {
   groupings <- groupingsof(parts, frame)
   tt <- partterms(fixedformula, attr(frame, "terms"))
-  X <- stats::model.matrix(tt, frame, contrasts.arg = contrasts)
+  X <- plainrows(stats::model.matrix(tt, frame, contrasts.arg = contrasts))
   for (j in seq_len(ncol(X)))
     if (!all(is.finite(X[, j])))
       refuse("The column ", colnames(X)[j], " of the model has a value that is not finite, in row ",
@@ -294,5 +300,5 @@ librarycolumns <- function(design, roots) {
     pieces[pieces[, 1L] == 0L, 1L] <- intercept
     for (l in 1:2) random[[l]][random[[l]][, 1L] == 0L, 1L] <- intercept
   }
-  list(values = store$values, levels = store$levels, pieces = pieces, random = random)
+  list(values = store$values, names = store$names, levels = store$levels, pieces = pieces, random = random)
 }

@@ -140,7 +140,7 @@ manyfits <- function(object, y, threads = NULL) {
   settings <- settingsof(object$family, object$options$reml, "counts", object$engine, object$options$points, object$options$control,
                          vapply(design$random, nrow, 0L))
   settings["FISHERTYPE"] <- if (is.na(settings["FISHERTYPE"])) 2 else settings["FISHERTYPE"]
-  told <- specof(design, outcome, object$family, weights, settings, if (categorical(object$family)) length(outcome$levels) else 0L)
+  told <- specof(design, outcome, object$family, weights, settings, if (categorical(object$family)) length(outcome$levels) else 0L, "(outcome)")
   if (hassigma(object)) {
     if (!is.null(outcome$offset)) y <- y - outcome$offset
     if (!is.null(outcome$weights)) y <- y * sqrt(outcome$weights)

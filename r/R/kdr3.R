@@ -21,7 +21,7 @@ categorical <- function(family) family$family %in% c("ordinal", "multinomial")
 
 # The outcome as numbers: y, trials or exposure (NULL without), levels of a factor.
 outcomeof <- function(frame, family, name) {
-  y <- stats::model.response(frame)
+  y <- if (attr(attr(frame, "terms"), "response") == 1L) frame[[1L]]  # model.response() would name the values
   weights <- stats::model.weights(frame)
   offset <- stats::model.offset(frame)
   check <- function(ok, ...) if (!ok) refuse("The outcome ", name, " ", ..., class = "kdr3_data")
@@ -96,8 +96,11 @@ settingsof <- function(family, reml, ddf, engine, points, control, effects) {
   settings
 }
 
+# Names of the library's columns: its sentences have them, so they are those of the user as far as they differ.
+columnnames <- function(names) enc2utf8(make.unique(names, sep = "#"))
+
 # What the library is told of a design: a list as kdr3r_fit reads it.
-specof <- function(design, outcome, family, weights, settings, categories) {
+specof <- function(design, outcome, family, weights, settings, categories, outcomename) {
   normal <- family$family == "gaussian"
   y <- outcome$y
   roots <- NULL
@@ -113,13 +116,14 @@ specof <- function(design, outcome, family, weights, settings, categories) {
   if (!is.null(outcome$counts)) {
     columns <- c(columns, list(outcome$counts))
     levels <- c(levels, 1L)
-    counts <- "x2"
+    counts <- "(trials)"
   }
   weightnames <- vector("list", 3L)
+  weightlabels <- character()
   for (l in seq_along(weights)) if (!is.null(weights[[l]])) {
     columns <- c(columns, list(as.double(weights[[l]])))
     levels <- c(levels, l)
-    weightnames[[l]] <- paste0("x", length(columns))
+    weightlabels <- c(weightlabels, weightnames[[l]] <- paste0("(weights", l, ")"))
   }
   shift <- length(columns)
   shifted <- function(m) {
@@ -132,7 +136,7 @@ specof <- function(design, outcome, family, weights, settings, categories) {
   if (anyDuplicated(made$pieces))
     refuse("Two columns of the fixed part are the same one.", class = "kdr3_formula")
   columns <- c(columns, made$values)
-  names(columns) <- paste0("x", seq_along(columns))
+  names(columns) <- columnnames(c(outcomename, if (!is.null(counts)) "(trials)", weightlabels, made$names))
   order <- list(equations$random2, equations$random3)
   held <- lapply(1:2, function(l) heldelements(design$owner[[l]], order[[l]]))
   for (l in 1:2) if (!is.null(held[[l]]) && !anyDuplicated(design$owner[[l]])) {
@@ -174,7 +178,7 @@ fitframe <- function(frame, options, hypotheses = NULL, call = NULL) {
   }
   sizes <- vapply(design$random, nrow, 0L)
   settings <- settingsof(options$family, options$reml, options$ddf, engine, options$points, options$control, sizes)
-  told <- specof(design, outcome, options$family, weights, settings, categories)
+  told <- specof(design, outcome, options$family, weights, settings, categories, deparse1(options$formula[[2L]]))
   told$spec$hypotheses <- hypothesesof(hypotheses, told$fixed)
   result <- checked(.Call(C_kdr3r_fit, told$spec))
   object <- objectof(result, told, design, outcome, frame, options, engine)
@@ -242,7 +246,7 @@ coefficientnames <- function(result, told, design, family, outcome) {
     return(list(names = paste0(rep(outcome$levels[seq_len(sets)], each = length(names)), ":", rep(names, sets)),
                 order = as.integer(outer(order, (seq_len(sets) - 1L) * length(names), `+`))))
   }
-  thresholds <- grep("^threshold[0-9]+", library)
+  thresholds <- seq(length(names) + 1L, length(library))  # behind all columns
   rest <- setdiff(seq_along(library), thresholds)
   list(names = c(names, library[thresholds]), order = c(rest[order], thresholds))
 }
@@ -255,7 +259,7 @@ tausof <- function(result, told, design, family, outcome) {
     names <- unlist(lapply(design$blocks[design$level == l + 1L], function(b) colnames(b$Z)))
     n <- length(names)
     place <- told$order[[l]]
-    if (sets > 1L) {
+    if (sets > 1L && n > 0L) {
       place <- as.integer(outer(place, (seq_len(sets) - 1L) * n, `+`))
       names <- paste0(rep(outcome$levels[seq_len(sets)], each = n), ":", rep(names, sets))
     }
@@ -295,8 +299,9 @@ rootof <- function(T) {
 # Z of a level, its blocks side by side.
 Zof <- function(design, level) {
   blocks <- lapply(design$blocks[design$level == level], `[[`, "Z")
-  Z <- if (length(blocks) == 0L) matrix(0, nrow(design$X), 0L) else do.call(cbind, blocks)
-  storage.mode(Z) <- "double"
+  if (length(blocks) == 0L) return(matrix(0, nrow(design$X), 0L))
+  Z <- if (length(blocks) == 1L) blocks[[1L]] else do.call(cbind, blocks)
+  if (!is.double(Z)) storage.mode(Z) <- "double"
   Z
 }
 

@@ -246,16 +246,21 @@ responseof <- function(object, frame = object$frame) {
   outcome
 }
 
-residuals.kdr3 <- function(object, type = c("response", "pearson", "working", "deviance"), scaled = FALSE, ...) {
-  type <- if (missing(type) && !hassigma(object) && !categorical(object$family)) "deviance" else match.arg(type)
-  if (categorical(object$family)) refuse("Outcomes with categories have no residuals of one number.", class = "kdr3_refused")
+plainresiduals <- function(object, type) {
   outcome <- responseof(object)
   mu <- inverse(object, object$eta)
   weight <- if (hassigma(object)) outcome$weights else if (object$family$family == "binomial") outcome$counts
-  if (is.null(weight)) weight <- rep(1, length(mu))
-  r <- switch(type, response = outcome$y - mu, pearson = (outcome$y - mu) * sqrt(weight / object$family$variance(mu)),
-              working = (outcome$y - mu) / object$family$mu.eta(object$family$linkfun(mu)),
-              deviance = sign(outcome$y - mu) * sqrt(pmax(object$family$dev.resids(outcome$y, mu, weight), 0)))
+  if (is.null(weight)) weight <- 1
+  r <- outcome$y - mu
+  switch(type, response = r, pearson = r * sqrt(weight / object$family$variance(mu)),
+         working = r / object$family$mu.eta(object$family$linkfun(mu)),
+         deviance = sign(r) * sqrt(pmax(object$family$dev.resids(outcome$y, mu, rep_len(weight, length(mu))), 0)))
+}
+
+residuals.kdr3 <- function(object, type = c("response", "pearson", "working", "deviance"), scaled = FALSE, ...) {
+  type <- if (missing(type) && !hassigma(object)) "deviance" else match.arg(type)
+  if (categorical(object$family)) refuse("Outcomes with categories have no residuals of one number.", class = "kdr3_refused")
+  r <- plainresiduals(object, type)
   if (scaled) r <- r / stats::sigma(object)
   names(r) <- rownames(object$frame)
   if (is.null(object$na.action)) r else stats::naresid(object$na.action, r)

@@ -10,8 +10,12 @@ headline <- function(object) {
   kind <- if (hassigma(object)) "Linear mixed model" else "Generalized linear mixed model"
   cat(kind, " fit by ", estimator, " ['kdr3']\n", sep = "")
   if (!hassigma(object)) cat(" Family:", family$family, " ( ", family$link, " )\n")
-  cat("Formula:", deparse1(object$formula), "\n")
-  if (!is.null(object$call$data)) cat("   Data:", deparse1(object$call$data), "\n")
+  cat("Formula: ", deparse1(object$formula), "\n", sep = "")
+  if (object$family$family == "ordinal")
+    cat("Levels: ", paste(object$levels, collapse = " < "), "; a positive effect means lower ones\n", sep = "")
+  if (object$family$family == "multinomial")
+    cat("Reference: ", object$levels[length(object$levels)], "\n", sep = "")
+  if (!is.null(object$call$data)) cat("   Data: ", deparse1(object$call$data), "\n", sep = "")
   if (!is.null(object$call$subset)) cat(" Subset:", deparse1(object$call$subset), "\n")
 }
 
@@ -83,7 +87,7 @@ coefficienttable <- function(object, vcov = object$vcov) {
 summary.kdr3 <- function(object, correlation = length(object$coefficients) <= 12L, type = "model", ...) {
   V <- stats::vcov(object, type = type)
   structure(list(object = object, coefficients = coefficienttable(object, V), varcor = VarCorr(object), vcov = V, type = type,
-                 residuals = if (!categorical(object$family)) stats::residuals(object, type = "pearson", scaled = hassigma(object)),
+                 residuals = if (!categorical(object$family)) stats::quantile(plainresiduals(object, "pearson") / stats::sigma(object)),
                  ngrps = ngrps(object), logLik = stats::logLik(object), sigma = stats::sigma(object), correlation = correlation,
                  AICtab = c(AIC = stats::AIC(object), BIC = stats::BIC(object), logLik = as.numeric(stats::logLik(object)),
                             deviance = stats::deviance(object), df.resid = stats::df.residual(object))),
@@ -99,7 +103,7 @@ print.summary.kdr3 <- function(x, digits = max(3, getOption("digits") - 3), sign
   fitline(object)
   if (!is.null(x$residuals)) {
     cat("\nScaled residuals: \n")
-    q <- stats::quantile(x$residuals, na.rm = TRUE)
+    q <- x$residuals
     names(q) <- c("Min", "1Q", "Median", "3Q", "Max")
     print(zapsmall(q, digits + 1L), digits = digits)
   }

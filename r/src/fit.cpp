@@ -163,20 +163,33 @@ struct Fitted {
   double sigma2error = 0;
 };
 
+// R is asked in its own thread alone, ten times a second: iterations may be short.
 struct Watch {
-  bool interrupted = false;
+  std::atomic<bool> interrupted{false};
+  const std::thread::id owner = std::this_thread::get_id();
   std::chrono::steady_clock::time_point last = std::chrono::steady_clock::now();
 };
 
-// Asked between iterations, which may be short: R is asked ten times a second.
 int askuser(void* state) {
   Watch& watch = *static_cast<Watch*>(state);
+  if (watch.interrupted || std::this_thread::get_id() != watch.owner) return watch.interrupted ? 1 : 0;
   const auto now = std::chrono::steady_clock::now();
-  if (!watch.interrupted && now - watch.last > std::chrono::milliseconds(100)) {
+  if (now - watch.last > std::chrono::milliseconds(100)) {
     watch.last = now;
     watch.interrupted = interruptpending();
   }
   return watch.interrupted ? 1 : 0;
+}
+
+// An observer that ends the fit; where the library asks at more places than between iterations, there too.
+template <class Observer>
+Observer observing(void* state, int (*ask)(void*)) {
+  Observer observer{};
+  observer.size = sizeof observer;
+  observer.state = state;
+  observer.stop = ask;
+  if constexpr (requires { observer.abandon; }) observer.abandon = ask;
+  return observer;
 }
 
 void takeeffects(const kdr3_result* result, Fitted& fitted) {
@@ -200,7 +213,7 @@ void taketests(const kdr3_result* result, std::size_t count, Fitted& fitted) {
 
 void fit(const Spec& spec, bool effects, Fitted& fitted) {
   Watch watch;
-  const kdr3_observer observer{sizeof observer, &watch, askuser, nullptr};
+  const auto observer = observing<kdr3_observer>(&watch, askuser);
   const Data data = dataof(spec);
   const Model model = modelof(spec, data.get());
   kdr3_result* made = nullptr;
@@ -312,11 +325,12 @@ struct Shared {
   std::condition_variable ended;
 };
 
-std::vector<double> refit(const Shared& shared, std::size_t which) {
+std::vector<double> refit(Shared& shared, std::size_t which) {
   Spec spec = shared.spec;
   spec.columns[0].values = shared.outcomes + which * spec.records;
-  const kdr3_observer observer{sizeof observer, const_cast<std::atomic<bool>*>(&shared.stop),
-                               [](void* stop) { return static_cast<std::atomic<bool>*>(stop)->load() ? 1 : 0; }, nullptr};
+  const auto observer = observing<kdr3_observer>(&shared.stop, [](void* stop) {
+    return static_cast<std::atomic<bool>*>(stop)->load() ? 1 : 0;
+  });
   const Data data = dataof(spec);
   const Model model = modelof(spec, data.get());
   check(kdr3_model_set(model.get(), "THREADS", 1));
