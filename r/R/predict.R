@@ -1,0 +1,216 @@
+# Predictions and simulated outcomes.
+
+# Which levels of random effects a prediction has: re.form NULL all, NA or ~0 none, or a formula with some of the bars.
+wantedblocks <- function(object, re.form) {
+  if (is.null(re.form)) return(seq_along(object$blocks))
+  if (!inherits(re.form, "formula")) return(integer())
+  bars <- findbars(re.form)
+  if (length(bars) == 0L) return(integer())
+  wanted <- lapply(randomparts(re.form), function(part) list(group = part$group,
+    names = colnames(stats::model.matrix(partterms(stats::as.formula(call("~", part$effects)), attr(object$frame, "terms")), object$frame))))
+  which(vapply(object$blocks, function(b) any(vapply(wanted, function(w) w$group == b$group && all(b$names %in% w$names), NA)), NA))
+}
+
+# X and the Z of each block of new data, the codes of their units (NA: a new one), and the offset. NULL is the fit's own data.
+newdesign <- function(object, newdata, blocks, allow.new.levels, na.action) {
+  if (is.null(newdata)) {
+    frame <- object$frame
+    Z <- lapply(object$blocks[blocks], function(b) stats::model.matrix(b$terms, frame)[, b$columns, drop = FALSE])
+    return(list(X = fixedmatrix(object, object$terms, frame), Z = Z, level2 = object$groups$level2$codes,
+                level3 = object$groups$level3$codes, offset = stats::model.offset(frame), names = rownames(frame), omitted = object$na.action))
+  }
+  tt <- stats::delete.response(object$terms)
+  variables <- names(newdata)
+  frameof <- function(tt) {
+    absent <- setdiff(all.vars(stats::formula(tt)), c(variables, ls(environment(object$formula), all.names = TRUE)))
+    absent <- absent[!vapply(absent, exists, NA, envir = environment(object$formula))]
+    if (length(absent) > 0L) refuse("The new data have no column ", absent[1L], ".", class = "kdr3_data")
+    tryCatch(stats::model.frame(tt, newdata, na.action = stats::na.pass, xlev = object$xlevels[intersect(names(object$xlevels), variablenames(tt))]),
+             error = function(e) refuse(conditionMessage(e), class = "kdr3_data"))
+  }
+  frame <- frameof(tt)
+  X <- fixedmatrix(object, tt, frame)
+  Z <- lapply(object$blocks[blocks], function(b) stats::model.matrix(b$terms, frameof(b$terms))[, b$columns, drop = FALSE])
+  offset <- stats::model.offset(frame)
+  if (!is.null(object$call$offset)) {
+    extra <- eval(object$call$offset, newdata, environment(object$formula))
+    offset <- if (is.null(offset)) extra else offset + extra
+  }
+  made <- list(X = X, Z = Z, offset = offset, names = rownames(newdata))
+  for (l in unique(object$blocklevel[blocks])) made[[c("level2", "level3")[l - 1L]]] <- unitcodes(object, l, newdata, allow.new.levels)
+  # A missing value makes a missing prediction, or leaves the row out.
+  bad <- !stats::complete.cases(frame)
+  if (any(bad) && !identical(na.action, stats::na.pass)) made$drop <- which(bad)
+  made
+}
+
+# Codes of the units of new data.
+unitcodes <- function(object, level, newdata, allow.new.levels) {
+  group <- object$groups[[level - 1L]]
+  part <- Filter(function(p) p$group == group$name, object$options$parts)[[1L]]
+  values <- lapply(part$variables, function(v) {
+    absent <- setdiff(all.vars(v), names(newdata))
+    if (length(absent) > 0L) refuse("The new data have no column ", absent[1L], ".", class = "kdr3_data")
+    as.character(eval(v, newdata, environment(object$formula)))
+  })
+  labels <- do.call(paste, c(values, sep = ":"))
+  codes <- match(labels, group$labels)
+  if (anyNA(codes) && !allow.new.levels)
+    refuse("The new data have a unit of ", group$name, " that the model doesn't know (", labels[which(is.na(codes))[1L]],
+           "): with allow.new.levels = TRUE its random effects are 0.", class = "kdr3_data")
+  codes
+}
+
+predict.kdr3 <- function(object, newdata = NULL, type = c("link", "response"), re.form = NULL, allow.new.levels = FALSE,
+                         se.fit = FALSE, na.action = stats::na.pass, random.only = FALSE, ...) {
+  type <- match.arg(type)
+  if (is.null(re.form) && ...length() > 0L && isTRUE(is.na(list(...)$ReForm))) re.form <- NA
+  blocks <- wantedblocks(object, re.form)
+  design <- newdesign(object, newdata, blocks, allow.new.levels, na.action)
+  n <- nrow(design$X)
+  if (length(design$drop) > 0L && identical(na.action, stats::na.omit)) refuse("na.action of predictions is na.pass: the rows keep their places.")
+  Z <- list(matrix(0, n, 0L), matrix(0, n, 0L))
+  places <- list(integer(), integer())
+  for (i in seq_along(blocks)) {
+    l <- object$blocklevel[blocks[i]] - 1L
+    Z[[l]] <- cbind(Z[[l]], design$Z[[i]])
+    places[[l]] <- c(places[[l]], which(object$owner[[l]] == blocks[i]))
+  }
+  sets <- if (object$family$family == "multinomial") length(object$levels) - 1L else 1L
+  effects <- list()
+  for (l in 1:2) {
+    u <- object$effects[[c("level2", "level3")[l]]]
+    all <- as.integer(outer(places[[l]], (seq_len(sets) - 1L) * length(object$owner[[l]]), `+`))
+    if (length(all) > 0L) effects[[c("level2", "level3")[l]]] <- u[, all, drop = FALSE]
+  }
+  model <- object
+  if (random.only) model$coefficients[] <- 0
+  eta <- linearpredictor(model, design$X, Z[[1L]], Z[[2L]], if (!random.only) design$offset, effects, design$level2, design$level3)
+  fit <- if (type == "response") inverse(object, eta) else eta
+  if (is.matrix(fit)) rownames(fit) <- design$names else names(fit) <- design$names
+  if (!se.fit) return(if (is.null(newdata)) padded(object, fit) else fit)
+  if (sets > 1L || object$family$family == "ordinal") refuse("Outcomes with categories have no standard errors of predictions.", class = "kdr3_refused")
+  variance <- predictionvariance(object, design, Z, places)
+  se <- sqrt(pmax(variance, 0))
+  if (type == "response") se <- se * abs(object$family$mu.eta(eta))
+  names(se) <- design$names
+  made <- list(fit = fit, se.fit = se, residual.scale = stats::sigma(object))
+  if (is.null(newdata)) lapply(made, function(v) if (length(v) > 1L) padded(object, v) else v) else made
+}
+
+# Variance of the error of a prediction, the estimates of the variances taken as known. With the effects u that the
+# estimates b give, u = K (y - X b), the error is (x - z K X)(b^ - b) + z (u^(b) - u): two parts that are independent.
+# Units that the model doesn't know have the variances of the random effects.
+predictionvariance <- function(object, design, Z, places) {
+  X <- design$X
+  if (ncol(Z[[1L]]) + ncol(Z[[2L]]) == 0L) return(rowSums((X %*% object$vcov) * X))
+  if (length(object$effects$cov23) == 0L && is.null(object$effects$cov23))
+    refuse("Models with design weights have standard errors of predictions with re.form = NA only.", class = "kdr3_refused")
+  own <- ownarguments(object)
+  found <- .Call(C_kdr3r_effects, own)
+  if (!is.null(found$error)) refuse(found$error)
+  variance <- numeric(nrow(X))
+  units <- list(design$level2, design$level3)
+  for (l in 1:2) {
+    if (ncol(Z[[l]]) == 0L) next
+    unit <- units[[l]]
+    T <- object$taus[[l]][places[[l]], places[[l]], drop = FALSE]
+    C <- object$effects[[c("cov2", "cov3")[l]]][places[[l]], places[[l]], , drop = FALSE]
+    known <- !is.na(unit)
+    variance[!known] <- variance[!known] + rowSums((Z[[l]][!known, , drop = FALSE] %*% T) * Z[[l]][!known, , drop = FALSE])
+    for (i in seq_along(places[[l]])) {
+      for (j in seq_along(places[[l]]))
+        variance[known] <- variance[known] + Z[[l]][known, i] * Z[[l]][known, j] * C[i, j, ][unit[known]]
+      for (m in seq_len(ncol(X))) {
+        K <- found[[c("x2", "x3")[l]]][[m]][, places[[l]][i]]
+        X[known, m] <- X[known, m] - Z[[l]][known, i] * K[unit[known]]
+      }
+    }
+  }
+  both <- ncol(Z[[1L]]) > 0L && ncol(Z[[2L]]) > 0L
+  if (both) {
+    C <- object$effects$cov23[places[[1L]], places[[2L]], , drop = FALSE]
+    known <- !is.na(units[[1L]]) & !is.na(units[[2L]])
+    for (i in seq_along(places[[1L]])) for (j in seq_along(places[[2L]]))
+      variance[known] <- variance[known] + 2 * Z[[1L]][known, i] * Z[[2L]][known, j] * C[i, j, ][units[[1L]][known]]
+  }
+  variance + rowSums((X %*% object$vcov) * X)
+}
+
+# The design of the fit's own data with what the modes are computed from; x asks for the effects of each column of X.
+ownarguments <- function(object) {
+  X <- fixedmatrix(object, object$terms, object$frame)
+  Z <- lapply(object$blocks, function(b) stats::model.matrix(b$terms, object$frame)[, b$columns, drop = FALSE])
+  design <- list(X = X, level = object$blocklevel, blocks = lapply(Z, function(z) list(Z = z)))
+  outcome <- outcomeof(object$frame, object$family, "")
+  eta <- drop(X %*% object$coefficients)
+  if (!is.null(outcome$offset)) eta <- eta + outcome$offset
+  storage.mode(X) <- "double"
+  modelarguments(object, design, outcome, eta, X)
+}
+
+# Outcomes drawn from the model: linear predictors with new random effects, or those of the fit.
+simulate.kdr3 <- function(object, nsim = 1, seed = NULL, use.u = FALSE, re.form = if (use.u) NULL else NA, ...) {
+  if (!exists(".Random.seed", envir = globalenv())) stats::runif(1)
+  if (is.null(seed)) {
+    state <- get(".Random.seed", envir = globalenv())
+  } else {
+    before <- get(".Random.seed", envir = globalenv())
+    on.exit(assign(".Random.seed", before, envir = globalenv()))
+    set.seed(seed)
+    state <- structure(seed, kind = as.list(RNGkind()))
+  }
+  y <- simulated(object, nsim, !is.null(re.form))
+  made <- as.data.frame(lapply(seq_len(nsim), function(s) seq_len(0)))
+  columns <- lapply(seq_len(nsim), function(s) asresponse(object, y[, s]))
+  made <- structure(columns, names = paste0("sim_", seq_len(nsim)), row.names = rownames(object$frame), class = "data.frame")
+  attr(made, "seed") <- state
+  made
+}
+
+# A matrix of outcomes, successes for trials, codes for categories.
+simulated <- function(object, nsim, fresh = TRUE) {
+  n <- nobs(object)
+  type <- object$family$family
+  outcome <- outcomeof(object$frame, object$family, "")
+  X <- fixedmatrix(object, object$terms, object$frame)
+  Z <- lapply(object$blocks, function(b) stats::model.matrix(b$terms, object$frame)[, b$columns, drop = FALSE])
+  design <- list(X = X, level = object$blocklevel, blocks = lapply(Z, function(z) list(Z = z)))
+  Z <- list(Zof(design, 2L), Zof(design, 3L))
+  roots <- lapply(object$taus, rootof)
+  sd <- if (hassigma(object)) stats::sigma(object) / (if (is.null(outcome$weights)) 1 else sqrt(outcome$weights))
+  trials <- if (is.null(outcome$counts)) 1 else outcome$counts
+  y <- vapply(seq_len(nsim), function(s) {
+    effects <- list()
+    for (l in 1:2) {
+      units <- length(object$groups[[l]]$labels)
+      k <- nrow(roots[[l]])
+      effects[[c("level2", "level3")[l]]] <- if (!fresh) object$effects[[c("level2", "level3")[l]]] else
+        matrix(stats::rnorm(units * k), units, k) %*% t(roots[[l]])
+    }
+    eta <- linearpredictor(object, X, Z[[1L]], Z[[2L]], outcome$offset, effects, object$groups$level2$codes, object$groups$level3$codes)
+    mu <- inverse(object, eta)
+    as.double(switch(type, gaussian = stats::rnorm(n, mu, sd), binomial = stats::rbinom(n, trials, mu), poisson = stats::rpois(n, mu),
+           {
+             draw <- stats::runif(n)
+             1 + rowSums(draw > t(apply(mu, 1L, cumsum))[, -ncol(mu), drop = FALSE])
+           }))
+  }, numeric(n))
+  matrix(y, n, nsim)
+}
+
+# Drawn numbers in the form of the model's outcome.
+asresponse <- function(object, y) {
+  given <- stats::model.response(object$frame)
+  if (is.matrix(given) && ncol(given) == 2L) {
+    made <- cbind(y, rowSums(given) - y)
+    colnames(made) <- colnames(given)
+    return(made)
+  }
+  if (!is.null(object$levels)) return(factor(object$levels[if (object$family$family == "binomial") y + 1 else y], object$levels))
+  if (object$family$family == "binomial") {
+    trials <- outcomeof(object$frame, object$family, "")$counts
+    return(if (is.logical(given)) y == 1 else if (is.null(trials)) y else y / trials)
+  }
+  y
+}

@@ -1,0 +1,418 @@
+// A model as R describes it becomes one of the C interface, is fitted, and its results become R's.
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "glue.h"
+#include "kdr3/kdr3.h"
+
+namespace {
+
+struct DataFree {
+  void operator()(kdr3_data* data) const { kdr3_data_free(data); }
+};
+struct ModelFree {
+  void operator()(kdr3_model* model) const { kdr3_model_free(model); }
+};
+struct ResultFree {
+  void operator()(kdr3_result* result) const { kdr3_result_free(result); }
+};
+using Data = std::unique_ptr<kdr3_data, DataFree>;
+using Model = std::unique_ptr<kdr3_model, ModelFree>;
+using Result = std::unique_ptr<kdr3_result, ResultFree>;
+
+// The model as R tells it. Pointers into R's vectors, which the caller protects.
+struct Spec {
+  std::vector<kdr3_column> columns;  // the outcome is the first one
+  kdr3_column id2{}, id3{};
+  bool threelevels = false;
+  std::size_t records = 0;
+  const char* counts = nullptr;  // the column of trials or exposure
+  kdr3_family family = KDR3_NORMAL;
+  int categories = 0;
+  // Rows of the equations: the column (0: the intercept, else its number from 1), and what the interface asks.
+  struct Term {
+    int owner, column, random;
+  };
+  std::vector<Term> level1, level2, level3;
+  std::vector<std::pair<const char*, double>> settings;
+  const char* weights[3] = {};
+  std::vector<double> held[2];
+  struct Hypothesis {
+    std::size_t rows, count;
+    const double* contrasts;
+  };
+  std::vector<Hypothesis> hypotheses;
+};
+
+const char* textof(SEXP value) { return Rf_isString(value) && Rf_length(value) == 1 ? CHAR(STRING_ELT(value, 0)) : nullptr; }
+
+std::vector<Spec::Term> termsof(SEXP matrix) {
+  std::vector<Spec::Term> terms;
+  const int rows = Rf_nrows(matrix);
+  for (int i = 0; i < rows; ++i)
+    terms.push_back({INTEGER(matrix)[i], INTEGER(matrix)[i + rows], INTEGER(matrix)[i + 2 * rows]});
+  return terms;
+}
+
+kdr3_column idof(SEXP codes, const char* name) {
+  return {name, 1, KDR3_INT32, INTEGER(codes), 0, nullptr};
+}
+
+Spec specof(SEXP given) {
+  Spec spec;
+  SEXP columns = element(given, "columns"), names = Rf_getAttrib(columns, R_NamesSymbol), levels = element(given, "levels");
+  for (R_xlen_t c = 0; c < Rf_xlength(columns); ++c)
+    spec.columns.push_back({CHAR(STRING_ELT(names, c)), INTEGER(levels)[c], KDR3_DOUBLE, REAL(VECTOR_ELT(columns, c)), 0,
+                            nullptr});
+  SEXP id2 = element(given, "id2"), id3 = element(given, "id3");
+  spec.records = static_cast<std::size_t>(Rf_xlength(id2));
+  spec.id2 = idof(id2, "level-2 unit");
+  spec.threelevels = id3 != R_NilValue;
+  if (spec.threelevels) spec.id3 = idof(id3, "level-3 unit");
+  spec.counts = textof(element(given, "counts"));
+  spec.family = static_cast<kdr3_family>(Rf_asInteger(element(given, "family")));
+  spec.categories = Rf_asInteger(element(given, "categories"));
+  spec.level1 = termsof(element(given, "level1"));
+  spec.level2 = termsof(element(given, "level2"));
+  spec.level3 = termsof(element(given, "level3"));
+  SEXP settings = element(given, "settings"), settingnames = Rf_getAttrib(settings, R_NamesSymbol);
+  for (R_xlen_t s = 0; s < Rf_xlength(settings); ++s)
+    spec.settings.emplace_back(CHAR(STRING_ELT(settingnames, s)), REAL(settings)[s]);
+  SEXP weights = element(given, "weights");
+  for (R_xlen_t level = 0; level < Rf_xlength(weights); ++level)
+    spec.weights[level] = textof(VECTOR_ELT(weights, level));
+  const char* heldnames[] = {"held2", "held3"};
+  for (int level = 0; level < 2; ++level) {
+    SEXP held = element(given, heldnames[level]);
+    if (held != R_NilValue) spec.held[level].assign(REAL(held), REAL(held) + Rf_xlength(held));
+  }
+  SEXP hypotheses = element(given, "hypotheses");
+  for (R_xlen_t h = 0; h < Rf_xlength(hypotheses); ++h) {
+    SEXP contrasts = VECTOR_ELT(hypotheses, h);  // a column for each contrast, which is a row of the interface
+    spec.hypotheses.push_back({static_cast<std::size_t>(Rf_ncols(contrasts)), static_cast<std::size_t>(Rf_nrows(contrasts)),
+                               REAL(contrasts)});
+  }
+  return spec;
+}
+
+void check(kdr3_status status) {
+  if (status == KDR3_ERROR) throw std::runtime_error(kdr3_message());
+}
+
+Data dataof(const Spec& spec) {
+  kdr3_data* data = nullptr;
+  check(kdr3_data_make(spec.records, spec.columns.size(), spec.columns.data(), &spec.id2,
+                       spec.threelevels ? &spec.id3 : nullptr, &data));
+  return Data(data);
+}
+
+const char* columnname(const Spec& spec, int column) {
+  return column == 0 ? nullptr : spec.columns[static_cast<std::size_t>(column - 1)].name;
+}
+
+Model modelof(const Spec& spec, const kdr3_data* data) {
+  kdr3_model* made = nullptr;
+  check(kdr3_model_make(data, spec.columns[0].name, spec.family, spec.counts, spec.categories, &made));
+  Model model(made);
+  for (const Spec::Term& term : spec.level1)
+    check(kdr3_model_level1(made, columnname(spec, term.column), KDR3_RAW, term.random, nullptr));
+  for (const Spec::Term& term : spec.level2)
+    check(kdr3_model_level2(made, term.owner, columnname(spec, term.column), KDR3_RAW, term.random, nullptr));
+  for (const Spec::Term& term : spec.level3)
+    check(kdr3_model_level3(made, term.owner, columnname(spec, term.column), KDR3_RAW));
+  for (const auto& [name, value] : spec.settings) check(kdr3_model_set(made, name, value));
+  if (spec.weights[0] != nullptr || spec.weights[1] != nullptr || spec.weights[2] != nullptr)
+    check(kdr3_model_weights(made, spec.weights[0], spec.weights[1], spec.weights[2], nullptr));
+  for (int level = 0; level < 2; ++level) {
+    const std::vector<double>& held = spec.held[level];
+    std::size_t order = 0;
+    while (order * order < held.size()) ++order;
+    if (order > 0) check(kdr3_model_restrict(made, level + 2, order, held.data(), nullptr));
+  }
+  for (const Spec::Hypothesis& hypothesis : spec.hypotheses)
+    check(kdr3_model_hypothesis(made, hypothesis.rows, hypothesis.count, hypothesis.contrasts));
+  return model;
+}
+
+kdr3_summary summaryof(const kdr3_result* result) {
+  kdr3_summary summary{};
+  summary.size = sizeof summary;
+  check(kdr3_result_summary(result, &summary));
+  return summary;
+}
+
+// ---- One fit ----------------------------------------------------------------------------------------------------
+
+// The results of a fit, of which R's list is a copy.
+struct Fitted {
+  std::string error;
+  bool interrupted = false;
+  std::vector<std::string> warnings, names;
+  std::string document;
+  kdr3_summary summary{};
+  std::vector<double> estimates, covariance, robust, df, taupi, taubeta, taupierrors, taubetaerrors, level2, level3,
+      variances2, variances3, tests;
+  double sigma2error = 0;
+};
+
+// R is asked in its own thread alone, ten times a second: iterations may be short.
+struct Watch {
+  std::atomic<bool> interrupted{false};
+  const std::thread::id owner = std::this_thread::get_id();
+  std::chrono::steady_clock::time_point last = std::chrono::steady_clock::now();
+};
+
+int askuser(void* state) {
+  Watch& watch = *static_cast<Watch*>(state);
+  if (watch.interrupted || std::this_thread::get_id() != watch.owner) return watch.interrupted ? 1 : 0;
+  const auto now = std::chrono::steady_clock::now();
+  if (now - watch.last > std::chrono::milliseconds(100)) {
+    watch.last = now;
+    watch.interrupted = interruptpending();
+  }
+  return watch.interrupted ? 1 : 0;
+}
+
+// An observer that ends the fit; where the library asks at more places than between iterations, there too.
+template <class Observer>
+Observer observing(void* state, int (*ask)(void*)) {
+  Observer observer{};
+  observer.size = sizeof observer;
+  observer.state = state;
+  observer.stop = ask;
+  if constexpr (requires { observer.abandon; }) observer.abandon = ask;
+  return observer;
+}
+
+void takeeffects(const kdr3_result* result, Fitted& fitted) {
+  const kdr3_summary& s = fitted.summary;
+  fitted.level2.resize(s.units2 * s.random2);
+  fitted.level3.resize(s.units3 * s.random3);
+  fitted.variances2.resize(s.units2 * s.random2 * s.random2);
+  fitted.variances3.resize(s.units3 * s.random3 * s.random3);
+  check(kdr3_result_effects(result, fitted.level2.data(), fitted.level3.data()));
+  check(kdr3_result_effectvariances(result, fitted.variances2.data(), fitted.variances3.data()));
+}
+
+void taketests(const kdr3_result* result, std::size_t count, Fitted& fitted) {
+  for (std::size_t h = 0; h < count; ++h) {
+    kdr3_test test{};
+    test.size = sizeof test;
+    check(kdr3_result_test(result, h, 0, &test));
+    fitted.tests.insert(fitted.tests.end(), {test.chisquare, static_cast<double>(test.df), test.df2, test.p});
+  }
+}
+
+void fit(const Spec& spec, bool effects, Fitted& fitted) {
+  Watch watch;
+  const auto observer = observing<kdr3_observer>(&watch, askuser);
+  const Data data = dataof(spec);
+  const Model model = modelof(spec, data.get());
+  kdr3_result* made = nullptr;
+  const kdr3_status status = kdr3_fit(model.get(), &observer, &made);
+  const Result result(made);
+  fitted.interrupted = watch.interrupted;
+  if (watch.interrupted) return;
+  check(status);
+  for (std::size_t w = 0; kdr3_result_warning(made, w) != nullptr; ++w)
+    fitted.warnings.emplace_back(kdr3_result_warning(made, w));
+  fitted.document = kdr3_result_document(made, KDR3_JSON);
+  const kdr3_summary& s = fitted.summary = summaryof(made);
+  const std::size_t g = s.fixedeffects;
+  for (std::size_t i = 0; i < g; ++i) fitted.names.emplace_back(kdr3_result_name(made, i));
+  fitted.estimates.resize(g);
+  fitted.df.resize(g);
+  fitted.covariance.resize(g * g);
+  fitted.robust.resize(g * g);
+  check(kdr3_result_fixed(made, fitted.estimates.data(), fitted.covariance.data(), fitted.robust.data(), fitted.df.data()));
+  fitted.taupi.resize(s.random2 * s.random2);
+  fitted.taupierrors.resize(s.random2 * s.random2);
+  fitted.taubeta.resize(s.random3 * s.random3);
+  fitted.taubetaerrors.resize(s.random3 * s.random3);
+  check(kdr3_result_variances(made, fitted.taupi.data(), fitted.taubeta.data(), fitted.taupierrors.data(),
+                              fitted.taubetaerrors.data(), &fitted.sigma2error));
+  if (effects) takeeffects(made, fitted);
+  taketests(made, spec.hypotheses.size(), fitted);
+}
+
+SEXP numbers(const std::vector<double>& values) {
+  SEXP made = Rf_allocVector(REALSXP, static_cast<R_xlen_t>(values.size()));
+  for (std::size_t i = 0; i < values.size(); ++i) REAL(made)[i] = values[i];
+  return made;
+}
+
+SEXP texts(const std::vector<std::string>& values) {
+  SEXP made = PROTECT(Rf_allocVector(STRSXP, static_cast<R_xlen_t>(values.size())));
+  for (std::size_t i = 0; i < values.size(); ++i)
+    SET_STRING_ELT(made, static_cast<R_xlen_t>(i), Rf_mkCharCE(values[i].c_str(), CE_UTF8));
+  UNPROTECT(1);
+  return made;
+}
+
+SEXP text(const std::string& value) { return Rf_ScalarString(Rf_mkCharCE(value.c_str(), CE_UTF8)); }
+
+// A list of what `members` make, one after the other, while all before them are protected.
+struct Member {
+  const char* name;
+  SEXP (*make)(const Fitted& fitted);
+};
+constexpr Member members[] = {
+    {"error", [](const Fitted& f) { return f.error.empty() ? R_NilValue : text(f.error); }},
+    {"interrupted", [](const Fitted& f) { return Rf_ScalarLogical(f.interrupted); }},
+    {"warnings", [](const Fitted& f) { return texts(f.warnings); }},
+    {"names", [](const Fitted& f) { return texts(f.names); }},
+    {"document", [](const Fitted& f) { return text(f.document); }},
+    {"converged", [](const Fitted& f) { return Rf_ScalarLogical(f.summary.converged); }},
+    {"iterations", [](const Fitted& f) { return Rf_ScalarInteger(f.summary.iterations); }},
+    {"parameters", [](const Fitted& f) { return Rf_ScalarInteger(static_cast<int>(f.summary.parameters)); }},
+    {"loglikelihood", [](const Fitted& f) { return Rf_ScalarReal(f.summary.loglikelihood); }},
+    {"sigma2", [](const Fitted& f) { return Rf_ScalarReal(f.summary.sigma2); }},
+    {"sigma2error", [](const Fitted& f) { return Rf_ScalarReal(f.sigma2error); }},
+    {"estimates", [](const Fitted& f) { return numbers(f.estimates); }},
+    {"covariance", [](const Fitted& f) { return numbers(f.covariance); }},
+    {"robust", [](const Fitted& f) { return numbers(f.robust); }},
+    {"df", [](const Fitted& f) { return numbers(f.df); }},
+    {"taupi", [](const Fitted& f) { return numbers(f.taupi); }},
+    {"taubeta", [](const Fitted& f) { return numbers(f.taubeta); }},
+    {"taupierrors", [](const Fitted& f) { return numbers(f.taupierrors); }},
+    {"taubetaerrors", [](const Fitted& f) { return numbers(f.taubetaerrors); }},
+    {"level2", [](const Fitted& f) { return numbers(f.level2); }},
+    {"level3", [](const Fitted& f) { return numbers(f.level3); }},
+    {"variances2", [](const Fitted& f) { return numbers(f.variances2); }},
+    {"variances3", [](const Fitted& f) { return numbers(f.variances3); }},
+    {"tests", [](const Fitted& f) { return numbers(f.tests); }},
+};
+
+SEXP listof(const Fitted& fitted) {
+  constexpr R_xlen_t count = sizeof members / sizeof *members;
+  SEXP made = PROTECT(Rf_allocVector(VECSXP, count)), names = PROTECT(Rf_allocVector(STRSXP, count));
+  for (R_xlen_t m = 0; m < count; ++m) {
+    SET_VECTOR_ELT(made, m, members[m].make(fitted));
+    SET_STRING_ELT(names, m, Rf_mkChar(members[m].name));
+  }
+  Rf_setAttrib(made, R_NamesSymbol, names);
+  UNPROTECT(2);
+  return made;
+}
+
+// ---- Many fits of one model to other outcomes ----------------------------------------------------------------------
+
+// One row for each outcome: fixed effects, tau(pi) and tau(beta) by columns, sigma^2, log-likelihood, and whether the
+// fit converged (NaN: it failed).
+struct Refits {
+  std::string error;  // of the first that failed
+  bool interrupted = false;
+  std::size_t outcomes = 0, width = 0;
+  std::vector<std::vector<double>> rows;
+};
+
+struct Shared {
+  const Spec& spec;
+  const double* outcomes;
+  std::size_t count;
+  Refits& made;
+  std::atomic<bool> stop{false};
+  std::atomic<std::size_t> next{0}, running{0};
+  std::mutex lock;
+  std::condition_variable ended;
+};
+
+std::vector<double> refit(Shared& shared, std::size_t which) {
+  Spec spec = shared.spec;
+  spec.columns[0].values = shared.outcomes + which * spec.records;
+  const auto observer = observing<kdr3_observer>(&shared.stop, [](void* stop) {
+    return static_cast<std::atomic<bool>*>(stop)->load() ? 1 : 0;
+  });
+  const Data data = dataof(spec);
+  const Model model = modelof(spec, data.get());
+  check(kdr3_model_set(model.get(), "THREADS", 1));
+  kdr3_result* made = nullptr;
+  check(kdr3_fit(model.get(), &observer, &made));
+  const Result result(made);
+  const kdr3_summary s = summaryof(made);
+  const std::size_t g = s.fixedeffects, p = s.random2 * s.random2, b = s.random3 * s.random3;
+  std::vector<double> row(g + p + b + 3);
+  check(kdr3_result_fixed(made, row.data(), nullptr, nullptr, nullptr));
+  check(kdr3_result_variances(made, row.data() + g, row.data() + g + p, nullptr, nullptr, nullptr));
+  row[g + p + b] = s.sigma2;
+  row[g + p + b + 1] = s.loglikelihood;
+  row[g + p + b + 2] = s.converged;
+  return row;
+}
+
+void work(Shared& shared) {
+  for (std::size_t which; !shared.stop && (which = shared.next++) < shared.count;) {
+    std::vector<double> row;
+    const std::string words = sentenceof([&] { row = refit(shared, which); });
+    const std::lock_guard<std::mutex> guard(shared.lock);
+    if (!words.empty() && shared.made.error.empty()) shared.made.error = words;
+    shared.made.width = std::max(shared.made.width, row.size());
+    shared.made.rows[which] = std::move(row);
+  }
+  const std::lock_guard<std::mutex> guard(shared.lock);
+  --shared.running;
+  shared.ended.notify_all();
+}
+
+// R's thread waits and asks for interrupts; the fits run beside it.
+void refitall(Shared& shared, std::size_t threads) {
+  shared.made.rows.resize(shared.count);
+  shared.running = threads;
+  std::vector<std::thread> workers;
+  for (std::size_t t = 0; t < threads; ++t) workers.emplace_back([&] { work(shared); });
+  std::unique_lock<std::mutex> guard(shared.lock);
+  while (!shared.ended.wait_for(guard, std::chrono::milliseconds(100), [&] { return shared.running == 0; })) {
+    guard.unlock();
+    if (!shared.stop && interruptpending()) shared.stop = shared.made.interrupted = true;
+    guard.lock();
+  }
+  guard.unlock();
+  for (std::thread& worker : workers) worker.join();
+}
+
+}  // namespace
+
+SEXP kdr3r_fit(SEXP given) {
+  SEXP holder = nullptr;
+  Fitted* fitted = owned<Fitted>(holder);
+  const bool effects = Rf_asLogical(element(given, "effects")) == TRUE;
+  fitted->error = sentenceof([&] { fit(specof(given), effects, *fitted); });
+  SEXP made = listof(*fitted);
+  UNPROTECT(1);
+  return made;
+}
+
+SEXP kdr3r_refits(SEXP given, SEXP outcomes, SEXP threads) {
+  SEXP holder = nullptr;
+  Refits* refits = owned<Refits>(holder);
+  const auto wanted = static_cast<std::size_t>(std::max(1, Rf_asInteger(threads)));
+  const auto count = static_cast<std::size_t>(Rf_ncols(outcomes));
+  const std::string words = sentenceof([&] {
+    const Spec spec = specof(given);
+    Shared shared{spec, REAL(outcomes), count, *refits};
+    refitall(shared, std::min(wanted, std::max<std::size_t>(count, 1)));
+  });
+  if (!words.empty()) refits->error = words;
+  const auto width = static_cast<R_xlen_t>(refits->width), n = static_cast<R_xlen_t>(count);
+  SEXP values = PROTECT(Rf_allocMatrix(REALSXP, static_cast<int>(n), static_cast<int>(width)));
+  for (R_xlen_t i = 0; i < n; ++i)
+    for (R_xlen_t c = 0; c < width; ++c) {
+      const bool there = static_cast<std::size_t>(i) < refits->rows.size() && !refits->rows[static_cast<std::size_t>(i)].empty();
+      REAL(values)[i + c * n] = there ? refits->rows[static_cast<std::size_t>(i)][static_cast<std::size_t>(c)] : NA_REAL;
+    }
+  const char* names[] = {"values", "error", "interrupted", ""};
+  SEXP made = PROTECT(Rf_mkNamed(VECSXP, names));
+  SET_VECTOR_ELT(made, 0, values);
+  SET_VECTOR_ELT(made, 1, refits->error.empty() ? R_NilValue : text(refits->error));
+  SET_VECTOR_ELT(made, 2, Rf_ScalarLogical(refits->interrupted));
+  UNPROTECT(3);
+  return made;
+}

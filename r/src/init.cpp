@@ -1,0 +1,33 @@
+// The routines that R calls.
+#include <R_ext/Rdynload.h>
+
+#include "glue.h"
+#include "kdr3/kdr3.h"
+
+SEXP element(SEXP list, const char* name) {
+  SEXP names = Rf_getAttrib(list, R_NamesSymbol);
+  for (R_xlen_t i = 0; i < Rf_xlength(names); ++i)
+    if (std::string(CHAR(STRING_ELT(names, i))) == name) return VECTOR_ELT(list, i);
+  return R_NilValue;
+}
+
+bool interruptpending() {
+  return R_ToplevelExec([](void*) { R_CheckUserInterrupt(); }, nullptr) == FALSE;
+}
+
+extern "C" {
+
+SEXP kdr3r_version() { return Rf_mkString(kdr3_version()); }
+
+void R_init_kdr3(DllInfo* library) {
+  static const R_CallMethodDef calls[] = {{"kdr3r_fit", reinterpret_cast<DL_FUNC>(&kdr3r_fit), 1},
+                                          {"kdr3r_refits", reinterpret_cast<DL_FUNC>(&kdr3r_refits), 3},
+                                          {"kdr3r_levels", reinterpret_cast<DL_FUNC>(&kdr3r_levels), 3},
+                                          {"kdr3r_effects", reinterpret_cast<DL_FUNC>(&kdr3r_effects), 1},
+                                          {"kdr3r_version", reinterpret_cast<DL_FUNC>(&kdr3r_version), 0},
+                                          {nullptr, nullptr, 0}};
+  R_registerRoutines(library, nullptr, calls, nullptr, nullptr);
+  R_useDynamicSymbols(library, FALSE);
+  R_forceSymbols(library, TRUE);
+}
+}
