@@ -4,7 +4,7 @@ import pathlib
 import re
 import sys
 
-LIBRARY = ["kernel", "core", "data", "estimate", "series", "document", "library"]  # what the estimation is made of, each on those before it
+LIBRARY = ["kernel", "core", "data", "formula", "estimate", "series", "document", "library"]  # what the estimation is made of, each on those before it
 PROGRAM = ["driver", "construct", "command", "report", "app"]  # the program around it
 
 MAY_INCLUDE = {room: LIBRARY[:i] for i, room in enumerate(LIBRARY)}

@@ -10,25 +10,6 @@
 
 namespace kdr {
 
-namespace {
-
-char upper(char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; }
-
-}  // namespace
-
-std::string uppercase(std::string_view text) {
-  std::string raised(text);
-  std::transform(raised.begin(), raised.end(), raised.begin(), upper);
-  return raised;
-}
-
-bool sameword(std::string_view a, std::string_view b) { return a.size() == b.size() && beginswith(a, b); }
-
-bool beginswith(std::string_view text, std::string_view head) {
-  return text.size() >= head.size() &&
-         std::equal(head.begin(), head.end(), text.begin(), [](char a, char b) { return upper(a) == upper(b); });
-}
-
 std::string_view trimmed(std::string_view text) {
   const std::size_t first = text.find_first_not_of(" \t");
   if (first == std::string_view::npos) return text.substr(0, 0);

@@ -7,14 +7,10 @@
 
 #include "core/codes.h"
 #include "core/model.h"
+#include "core/words.h"
 
 namespace kdr {
 
-// ASCII letters in upper case, everything else as it is.
-[[nodiscard]] std::string uppercase(std::string_view text);
-// Without regard to case.
-[[nodiscard]] bool sameword(std::string_view a, std::string_view b);
-[[nodiscard]] bool beginswith(std::string_view text, std::string_view head);
 // Without the blanks and tabs at both ends.
 [[nodiscard]] std::string_view trimmed(std::string_view text);
 // The pieces between the separators, blanks at their ends removed; an empty text is one empty piece.

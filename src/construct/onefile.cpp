@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "construct/buildlog.h"
-#include "construct/factors.h"
+#include "formula/factors.h"
 #include "construct/fileclashes.h"
 #include "construct/levelsource.h"
 #include "construct/rawformats.h"
@@ -228,7 +228,7 @@ void takeonefile(const OneFileJob& job) {
     const std::string& fullname = columns[v].name;
     const auto values = std::make_shared<std::vector<double>>(std::move(columns[v].numbers));
     const auto value = [values](std::size_t record) { return (*values)[record]; };
-    const int level = kept.contains(rows[v]) ? 0 : levelof(printable(fullname), units, value);
+    const int level = kept.contains(rows[v]) ? 0 : levelof(printable(fullname), units, value, logahead);
     const Name name = newname(fullname, taken);
     if (!samename(name, paddedname(fullname)) || charactersof(fullname) > 8)
       logahead("Variable " + fullname + " has the name " + leftname(name) + " in the MDM file.");

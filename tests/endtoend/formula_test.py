@@ -177,7 +177,6 @@ WRONG = [
     ("score ~ I(sex + 1) + (1 | school/pupil)", "is a column of texts", "sex"),
     ("score ~ year + (arm | school/pupil)", "does not vary within the units of school", "arm | school/pupil"),
     ("score ~ year + (1 | school) + (1 + year | school) + (1 | school:pupil)", "in another part already", "1 + year | school"),
-    ("score ~ year + offset(ses) + (1 | school/pupil)", "only offset is offset(log(t))", "offset(ses)"),
     ("score ~ score + (1 | school/pupil)", "outcome cannot be a term", "score"),
     ("sex ~ year + (1 | school/pupil)", "holds texts", "sex"),
     ("score ~ year + + (1 | school/pupil) year", "An operator", "y"), ("score = year + (1 | school/pupil)", "has ~ where", "="),
@@ -220,6 +219,11 @@ def refusals(folder):
         code, text = run(PROGRAM, folder, "-fit", f"{outcome} ~ year + (1 | school/pupil)", "wrong.csv", "-o", "w", *words)
         c(code == 100 and said in text, f"{words}: {code} {text!r}")
         c.equal(f"files after {words}", sorted(os.listdir(folder)), before)
+    code, text = run(PROGRAM, folder, "-fit", "passed ~ offset(year) + (1 | school/pupil)", "wrong.csv", "-o", "w", "-family", "binomial")
+    c(code == 100 and "have an offset" in text, f"an offset of 0 and 1: {text!r}")
+    taken = [round(fit(folder, f"{y} ~ ses + {plus} (1 | school/pupil)", "wrong.csv", stem="w")[2]["phases"][-1]["log_likelihood"], 9)
+             for y, plus in (("I(score - 2 * year - ses)", ""), ("score", "offset(2 * year) + offset(ses) +"))]
+    c.equal("an offset comes off a normal outcome", *taken)
     os.rename(f"{folder}/wrong.csv", f"{folder}/wrong.txt")  # the report would be wrong.txt
     code, text = run(PROGRAM, folder, "-fit", "score ~ 1 + (1 | school/pupil)", "wrong.txt")
     c(code == 100 and "place of the data" in text, text)

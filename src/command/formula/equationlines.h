@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "command/formula/design.h"
+#include "formula/design.h"
 
 namespace kdr {
 
@@ -19,12 +19,6 @@ struct EquationLines {
   int categories = 0;                 // of an ordinal or multinomial outcome
   bool multinomial = false;
   bool twolevel = false;  // without lines of level 3
-
-  // Random effects of level 2 or 3.
-  [[nodiscard]] std::size_t effects(int level) const;
-  // Whether all of them are independent of each other, and whether some are, in a way that DIAGONALIZE cannot say.
-  [[nodiscard]] bool diagonal(int level) const;
-  [[nodiscard]] bool restricted() const;
 };
 
 // The lines of the equations and of what restricts their random effects, and those of the weights.

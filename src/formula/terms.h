@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "command/formula/expression.h"
+#include "formula/expression.h"
 
 namespace kdr {
 
@@ -39,7 +39,7 @@ struct FormulaModel {
   std::vector<RandomPart> randoms;
 };
 
-// Reads a formula. Stops by refuseformula at what has no meaning.
+// Reads a formula. Refuses what has no meaning.
 void readformula(const std::string& text, FormulaModel& model);
 
 // How R codes each factor of a term: by contrasts, or by an indicator of each level where the sum does not hold the

@@ -36,14 +36,20 @@ struct Expression {
 // Without the parentheses around it.
 [[nodiscard]] const Expression& bare(const Expression& e);
 
-// The tree of a formula, whose root is the operation ~ with two operands. Stops by refuseformula at anything that is no
+// The tree of a formula, whose root is the operation ~ with two operands. Refuses anything that is no
 // formula.
 [[nodiscard]] Expression parseformula(const std::string& formula);
 
 // As R writes it, which is how R names a variable of a model.
 [[nodiscard]] std::string deparsed(const Expression& e);
 
-// Stops with code 100, says `words`, and shows the formula with carets under the place.
+// What a formula, or a table that it cannot be fitted to, is refused with: lines of text. The one thing that is thrown
+// by this room, from anywhere in it; whoever calls it has to catch it.
+struct Refusal {
+  std::string words;
+};
+[[noreturn]] void refuse(std::string words);
+// Says `words`, and shows the formula with carets under the place.
 [[noreturn]] void refuseformula(const std::string& formula, const Place& place, const std::string& words);
 
 }  // namespace kdr

@@ -1,4 +1,4 @@
-#include "construct/factors.h"
+#include "formula/factors.h"
 
 #include <strings.h>
 
@@ -6,7 +6,6 @@
 #include <map>
 #include <numeric>
 
-#include "construct/buildlog.h"
 #include "core/constants.h"
 #include "core/formatted.h"
 #include "core/numbers.h"
@@ -26,10 +25,11 @@ struct Levels {
 Levels textlevels(const LongColumn& column) {
   std::vector<std::size_t> order(column.texts.size());
   std::iota(order.begin(), order.end(), std::size_t{0});
-  std::sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
-    const int alike = strcasecmp(column.texts[a].c_str(), column.texts[b].c_str());
-    return alike != 0 ? alike < 0 : column.texts[a] < column.texts[b];
-  });
+  if (!column.ordered)
+    std::sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
+      const int alike = strcasecmp(column.texts[a].c_str(), column.texts[b].c_str());
+      return alike != 0 ? alike < 0 : column.texts[a] < column.texts[b];
+    });
   Levels levels;
   std::vector<int> rank(order.size(), -1);
   for (const std::size_t text : order) {
@@ -96,11 +96,6 @@ std::string strayrefusal(const LongColumn& column) {
   if (stray.empty()) return "";
   return column.name + " would be a column of numbers, but " + stray +
          ". Name a code of missing values by -missing, mend the file, or write factor(" + column.name + ").";
-}
-
-void tellstrayid(const LongColumn& column) {
-  if (const std::string stray = straytext(column); !stray.empty())
-    logahead("The IDs in " + column.name + " are numbers, but " + stray + ": it counts as the ID of a unit.");
 }
 
 Factor factorof(const LongColumn& column, const std::vector<char>& kept) {

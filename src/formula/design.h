@@ -1,11 +1,12 @@
 // From terms to the columns of R's model matrix, and from these to the equations of the levels.
 #pragma once
 
+#include <compare>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "command/formula/variables.h"
+#include "formula/variables.h"
 
 namespace kdr {
 
@@ -47,7 +48,7 @@ inline constexpr int interceptpiece = -1;
 // A level-1 coefficient's term: which pieces it has at levels 1 and 2.
 struct CoefficientPieces {
   int piece1 = interceptpiece, piece2 = interceptpiece;
-  bool operator==(const CoefficientPieces&) const = default;
+  auto operator<=>(const CoefficientPieces&) const = default;
 };
 struct FixedEffect {
   CoefficientPieces of;
@@ -57,16 +58,40 @@ struct FixedEffect {
 // Random effects of a level that have their covariances among them, and none with others.
 using RandomBlock = std::vector<CoefficientPieces>;
 
+// A level-2 coefficient: its equation at level 3.
+struct Level2Term {
+  int piece = interceptpiece;
+  std::vector<int> terms;  // level-3 pieces
+  bool random = false;
+};
+// A level-1 coefficient: its equation at level 2.
+struct CoefficientTerms {
+  int piece = interceptpiece;
+  std::vector<Level2Term> terms;
+  bool random = false;
+};
+
 // Level 1, and a level for each grouping. `blocks` has them from level 2 on.
 struct Design {
   std::vector<Piece> pieces[3];
   std::vector<FixedEffect> fixed;
   std::vector<RandomBlock> blocks[2];
+
+  // The equations: the intercept first, then in the order of the pieces, which is that of all estimates.
+  [[nodiscard]] std::vector<CoefficientTerms> tree() const;
+  // Random effects of level 2 or 3: their number, themselves in the order of tau, and the block of each.
+  [[nodiscard]] std::size_t effects(int level) const;
+  [[nodiscard]] RandomBlock effectsof(int level) const;
+  [[nodiscard]] std::vector<std::size_t> blocksof(int level) const;
+  // Whether all of them are independent of each other; whether some are alone; and whether that is so at any level.
+  [[nodiscard]] bool diagonal(int level) const;
+  [[nodiscard]] bool partly(int level) const;
+  [[nodiscard]] bool restricted() const { return partly(2) || partly(3); }
 };
 
 // Splits the columns at the levels of their variables. `inner` and `outer` are the groupings' places in `data`, without
 // `outer` in a model of two levels.
-// Stops by refuseformula for a random effect that its level cannot have.
+// Refuses a random effect that its level cannot have.
 [[nodiscard]] Design designof(FormulaData& data, const FormulaModel& model, const std::vector<ModelColumn>& fixed,
                               std::size_t inner, std::optional<std::size_t> outer);
 

@@ -1,4 +1,4 @@
-#include "command/formula/variables.h"
+#include "formula/variables.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,4 +1,4 @@
-#include "command/formula/expression.h"
+#include "formula/expression.h"
 
 #include <algorithm>
 #include <cctype>
@@ -8,7 +8,6 @@
 #include "core/formatted.h"
 #include "core/names.h"
 #include "core/numbers.h"
-#include "driver/failures.h"
 
 namespace kdr {
 
@@ -237,9 +236,9 @@ const Expression& bare(const Expression& e) {
 
 Expression parseformula(const std::string& formula) {
   Parser parser{formula};
-  if (formula.size() > longest) stopwith("A formula has at most %zu characters.\n", longest);
+  if (formula.size() > longest) refuse(formatted("A formula has at most %zu characters.", longest));
   if (formula.find_first_not_of(" \t\r\n") == std::string::npos)
-    stopwith("The formula is empty. It looks like 'score ~ year + (1 | school/pupil)'.\n");
+    refuse("The formula is empty. It looks like 'score ~ year + (1 | school/pupil)'.");
   Expression root = expression(parser, 1);
   if (parser.at < formula.size()) {
     const char c = formula[parser.at];
@@ -280,6 +279,8 @@ std::string deparsed(const Expression& e) {
   return text + ")";
 }
 
+void refuse(std::string words) { throw Refusal{std::move(words)}; }
+
 void refuseformula(const std::string& formula, const Place& place, const std::string& words) {
   constexpr std::size_t before = 60, behind = 60;  // bytes that are shown around the place
   const auto within = [&](std::size_t at) {        // no part of a character
@@ -292,11 +293,10 @@ void refuseformula(const std::string& formula, const Place& place, const std::st
   const std::string lead = from > 0 ? "... " : "";
   const std::string_view text(formula);
   const std::size_t carets = charactersof(text.substr(place.begin, std::min(end, to) - place.begin));
-  std::printf("%s\n  %s%s%s\n  %s%s\n", printable(words).c_str(), lead.c_str(),
-              printable(text.substr(from, to - from)).c_str(), to < formula.size() ? " ..." : "",
-              std::string(lead.size() + charactersof(text.substr(from, place.begin - from)), ' ').c_str(),
-              std::string(std::max<std::size_t>(carets, 1), '^').c_str());
-  stoprun(100);
+  refuse(formatted("%s\n  %s%s%s\n  %s%s", printable(words).c_str(), lead.c_str(),
+                   printable(text.substr(from, to - from)).c_str(), to < formula.size() ? " ..." : "",
+                   std::string(lead.size() + charactersof(text.substr(from, place.begin - from)), ' ').c_str(),
+                   std::string(std::max<std::size_t>(carets, 1), '^').c_str()));
 }
 
 }  // namespace kdr

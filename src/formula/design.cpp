@@ -1,4 +1,4 @@
-#include "command/formula/design.h"
+#include "formula/design.h"
 
 #include <algorithm>
 #include <cmath>
@@ -46,6 +46,17 @@ Split splitof(const ModelColumn& column) {
   Split split;
   for (const ColumnPart& part : column.parts) split.parts[part.variable->level].push_back(part);
   return split;
+}
+
+// Intercept first, then in the order of the pieces.
+template <class Row>
+Row& rowof(std::vector<Row>& rows, int piece) {
+  auto at = std::lower_bound(rows.begin(), rows.end(), piece, [](const Row& row, int p) { return row.piece < p; });
+  if (at == rows.end() || at->piece != piece) {
+    at = rows.insert(at, Row{});
+    at->piece = piece;
+  }
+  return *at;
 }
 
 }  // namespace
@@ -168,6 +179,47 @@ Design designof(FormulaData& data, const FormulaModel& model, const std::vector<
     if (!block.empty()) design.blocks[level - 2].push_back(std::move(block));  // (0 | a:b) tells units alone
   }
   return design;
+}
+
+std::vector<CoefficientTerms> Design::tree() const {
+  std::vector<CoefficientTerms> rows;
+  for (const FixedEffect& effect : fixed) {
+    std::vector<int>& terms = rowof(rowof(rows, effect.of.piece1).terms, effect.of.piece2).terms;
+    terms.insert(std::upper_bound(terms.begin(), terms.end(), effect.piece3), effect.piece3);
+  }
+  for (const RandomBlock& block : blocks[0])
+    for (const CoefficientPieces& of : block) rowof(rows, of.piece1).random = true;
+  for (const RandomBlock& block : blocks[1])
+    for (const CoefficientPieces& of : block) rowof(rowof(rows, of.piece1).terms, of.piece2).random = true;
+  return rows;
+}
+
+std::size_t Design::effects(int level) const {
+  std::size_t n = 0;
+  for (const RandomBlock& block : blocks[level - 2]) n += block.size();
+  return n;
+}
+
+RandomBlock Design::effectsof(int level) const {
+  RandomBlock all;
+  for (const RandomBlock& block : blocks[level - 2]) all.insert(all.end(), block.begin(), block.end());
+  std::sort(all.begin(), all.end());
+  return all;
+}
+
+std::vector<std::size_t> Design::blocksof(int level) const {
+  std::vector<std::size_t> of;
+  for (const CoefficientPieces& effect : effectsof(level))
+    for (std::size_t b = 0; b < blocks[level - 2].size(); ++b)
+      if (std::find(blocks[level - 2][b].begin(), blocks[level - 2][b].end(), effect) != blocks[level - 2][b].end())
+        of.push_back(b);
+  return of;
+}
+
+bool Design::diagonal(int level) const { return blocks[level - 2].size() > 1 && !partly(level); }
+
+bool Design::partly(int level) const {
+  return blocks[level - 2].size() > 1 && effects(level) > blocks[level - 2].size();
 }
 
 }  // namespace kdr

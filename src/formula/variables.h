@@ -7,10 +7,9 @@
 #include <utility>
 #include <vector>
 
-#include "command/formula/terms.h"
-#include "construct/factors.h"
-#include "construct/longfile.h"
 #include "core/constants.h"
+#include "formula/factors.h"
+#include "formula/terms.h"
 
 namespace kdr {
 
@@ -66,7 +65,7 @@ void checkfunctions(const std::string& formula, const Expression& e);
 // The units of the random parts' groupings, outermost columns first.
 void findgroupings(FormulaData& data, const FormulaModel& model);
 
-// The variable that a term names, evaluated at the first time. Stops by refuseformula where it has no values.
+// The variable that a term names, evaluated at the first time. Refuses it where it has no values.
 Variable& variableof(FormulaData& data, const Expression& e);
 
 // The values of an expression of numbers.

@@ -1,10 +1,10 @@
-// Columns of a long file whose values are names: texts, and numbers that have labels.
+// Columns whose values are names: texts, and numbers that have labels.
 #pragma once
 
 #include <string>
 #include <vector>
 
-#include "construct/longfile.h"
+#include "formula/longcolumn.h"
 
 namespace kdr {
 
@@ -21,11 +21,9 @@ struct Factor {
 [[nodiscard]] std::string straytext(const LongColumn& column);
 // A sentence that refuses such a column in a formula; empty when it is none.
 [[nodiscard]] std::string strayrefusal(const LongColumn& column);
-// Tells the console of such a text among IDs, where it makes a unit.
-void tellstrayid(const LongColumn& column);
 // The column's names, of the records in `kept` (empty: of all). Labels stand in the order of their values, plain
-// numbers in theirs, texts in that of the alphabet: letters alike but for case side by side. An empty text and NA are
-// missing.
+// numbers in theirs, texts in that of the alphabet, letters alike but for case side by side, unless they are `ordered`.
+// An empty text and NA are missing.
 [[nodiscard]] Factor factorof(const LongColumn& column, const std::vector<char>& kept);
 
 }  // namespace kdr

@@ -1,4 +1,4 @@
-#include "command/formula/terms.h"
+#include "formula/terms.h"
 
 #include <algorithm>
 #include <bit>
