@@ -584,7 +584,7 @@ EngineChoice enginechoice(const FormulaPlan& plan) {
     refuse("-points takes 1, 3 to 198, or auto. It cannot be " + points);
   const Design& design = plan.design;
   std::string why;
-  if (plan.categorical()) why = "outcomes with categories";
+  if (plan.family == FitFamily::multinomial) why = "multinomial outcomes";
   if (plan.weighted()) why = "design weights";
   if (design.restricted()) why = "random parts that are independent in part only";
   if (!pql && !why.empty()) {
