@@ -59,6 +59,7 @@ struct FileMark {
   std::string name;
   long long bytes = 0;
   std::uint32_t crc = 0;  // CRC-32
+  std::string phase;      // whose values it has, as the results document names it; empty: of no phase
 };
 
 // Paths, at most 259 characters each.
@@ -89,6 +90,7 @@ struct OutputControl {
   bool resfil1 = false, resfil2 = false, resfil3 = false;
   bool resfilrecnum = false;                     // RESFILRECNUM:. the level-1 file has the number of each record
   ResidualForm resfiltype = ResidualForm::spss;  // RESFILTYPE:
+  ResidualsOf resfilof = ResidualsOf::engine;    // RESFILOF:
   bool graph = false;                            // GRAPHGAMMAS:
   std::optional<double> deviance;                // DEVIANCE:. Of the alternative model
   int df = 0;                                    // DF:. Its number of parameters
