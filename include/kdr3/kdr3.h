@@ -182,7 +182,9 @@ KDR3_PUBLIC kdr3_status kdr3_result_variances(const kdr3_result* result, double*
 
 /* Posterior means (empirical Bayes residuals) of the random effects: level2 [units2 * p], level3 [units3 * b], units in
  * the order of the data; with design weights those of level 2 without the units that missing values left no record of.
- * Of a non-linear model they are those of quasi-likelihood, on the scale of the link, where an engine goes on, too. */
+ * Of a non-linear model they stand on the scale of the link and are those of the phase that the result is of: of
+ * quadrature integrals, of one point and of Laplace-6 the modes with the curvature there as their precision; with
+ * AGQNODESFIXED, as without an engine or where it has no results, those of quasi-likelihood. */
 KDR3_PUBLIC kdr3_status kdr3_result_effects(const kdr3_result* result, double* level2, double* level3);
 /* Their posterior covariances: level2 [units2 * p * p], level3 [units3 * b * b]. */
 KDR3_PUBLIC kdr3_status kdr3_result_effectvariances(const kdr3_result* result, double* level2, double* level3);

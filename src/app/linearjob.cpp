@@ -38,8 +38,9 @@ void resultfiles(LinearFit& fit, bool ordinary) {
   // A run without an ordinary stage has made no variance tests, which leave the least-squares residuals of level 3.
   if (!ordinary) static_cast<void>(variancetests(fit.pass));
   const RecordLayout layout = mdmlayout(run.model, run.mdm);
-  if (wantresidualfiles()) writeresidualfiles(fit.pass, fit.working, layout);
-  if (run.out.graph) writegraphdata(fit.pass, fit.working, layout);
+  const ResidualSource source{fit.pass, fit.working, layout, ordinary ? "final" : "heterogeneous", {}};
+  if (wantresidualfiles()) writeresidualfiles(source);
+  if (run.out.graph) writegraphdata(source);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -14,11 +15,13 @@
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
 #include "estimate/inference/convergence.h"
+#include "estimate/likelihood/engines.h"
 #include "estimate/linear/exploratory.h"
 #include "estimate/quasi/categoryloop.h"
 #include "estimate/quasi/macrocontrol.h"
 #include "estimate/quasi/macroloop.h"
 #include "kernel/sizes.h"
+#include "report/enginetables.h"
 #include "report/exploratorytables.h"
 #include "report/graphdata.h"
 #include "report/modelstatistics.h"
@@ -54,12 +57,55 @@ Array<double> graphgammas(const MacroState& state) {
   return gammas;
 }
 
-void residualfiles(const ChainPass& pass) {
-  if (wantresidualfiles()) writeresidualfiles(pass.pass, pass.state.working, pass.state.layout);
+// The files' values, by the pass or by the engine that has left its own.
+ResidualSource sourceof(const ChainPass& pass, const char* phase, const EnginePosteriors* engine = nullptr) {
+  const MacroState& state = pass.state;
+  ResidualSource source{pass.pass, state.working, state.layout, phase, {}, nullptr, &state.counts};
+  if (engine == nullptr) return source;
+  source.phase = engine->kind == PassKind::quadrature ? "quadrature" : "laplace6";
+  source.label = "Random effects by " + methodwords(engine->kind, engine->points);
+  source.engine = &engine->effects;
+  return source;
 }
 
-void graphfile(const ChainPass& pass) {
-  if (run.out.graph) writegraphdata(pass.pass, pass.state.working, pass.state.layout, graphgammas(pass.state));
+void residualfiles(const ChainPass& pass) {
+  if (wantresidualfiles()) writeresidualfiles(sourceof(pass, "pql"));
+}
+
+void graphfile(const ChainPass& pass, const char* phase) {
+  if (run.out.graph) writegraphdata(sourceof(pass, phase), graphgammas(pass.state));
+}
+
+// Which files have the random effects of what.
+std::string whosefiles(const EnginePosteriors* engine) {
+  const char* files = !wantresidualfiles() ? "The graph data file has" : "The residual files have";
+  if (engine != nullptr && wantresidualfiles() && run.out.graph)
+    files = "The residual files and the graph data file have";
+  const bool modes = engine != nullptr && (engine->kind == PassKind::laplace6 || engine->points == 1);
+  std::string words = std::string(files) + " the random effects of " +
+                      (engine == nullptr ? methodwords(PassKind::pql) : methodwords(engine->kind, engine->points));
+  if (engine != nullptr) words += modes ? ": modes and the curvature there" : ": posterior means and variances";
+  return words + ".";
+}
+
+// The files of a run with engines, once these are over; without results of an engine the graph data file has to wait
+// for the last pass.
+void enginesfiles(const ChainPass& pass) {
+  if (!residualsofengine()) return;
+  const EnginePosteriors* engine = pass.state.posteriors ? &*pass.state.posteriors : nullptr;
+  const ResidualSource source = sourceof(pass, "pql", engine);
+  if (engine == nullptr && pass.state.end == MacroEnd::failed) return;
+  if (wantresidualfiles()) writeresidualfiles(source);
+  // Outcomes with categories have no later pass.
+  if (run.out.graph && (engine != nullptr || categorical(pass))) writegraphdata(source, graphgammas(pass.state));
+}
+
+void tellwhosefiles(const ChainPass& pass) {
+  const EnginePosteriors* engine = residualsofengine() && pass.state.posteriors ? &*pass.state.posteriors : nullptr;
+  if (engine == nullptr && (!wantresidualfiles() || pass.state.end == MacroEnd::failed)) return;
+  if (!wantresidualfiles() && !run.out.graph) return;
+  reportline("%s", whosefiles(engine).c_str());
+  markreport();
 }
 
 void unitspecificfiles(const ChainPass& pass, const Estimates& est, const Array<double>& covariance) {
@@ -96,7 +142,7 @@ void tellaverage(const ChainPass& pass) {
     if (run.control.popavit <= 1) writegammafile(robustpopulationgammafile, results.est.gammahat, results.robust);
     writegammafile(populationgammafile, results.est.gammahat, results.covariance);
   }
-  graphfile(pass);
+  if (!pass.state.posteriors) graphfile(pass, "population_average");
 }
 
 void tellpass(const ChainPass& pass) {
@@ -186,21 +232,27 @@ void tellmacroend(const MacroEvent& event) {
 
 void closephase(const ChainPass& pass) {
   if (categorical(pass)) {
-    residualfiles(pass);
+    if (!residualsofengine()) residualfiles(pass);
     if (run.out.printvc != VarianceFiles::none) unitspecificfiles(pass, pass.results.est, pass.results.covariance);
-    graphfile(pass);
+    if (!residualsofengine()) graphfile(pass, "pql");
     if (wantsengine()) markreport();
     return;
   }
   for (const std::string& warning : pass.results.warnings) std::printf("%s\n", warning.c_str());
-  residualfiles(pass);
+  if (!residualsofengine()) residualfiles(pass);
   markreport();
   if (wantsengine() && run.out.printvc != VarianceFiles::none)
     unitspecificfiles(pass, pass.pass.est, pass.results.covariance);
 }
 
 void enginefiles(const ChainPass& pass) {
-  if (run.out.printvc == VarianceFiles::none || categorical(pass)) return;
+  if (wantsengine()) {
+    const std::optional<PassKind> last = lastengine(run.control);
+    last&& pass.state.engine == last ? storesubrun(*pass.state.engineresults()) : enginemissing();
+    enginesfiles(pass);
+    tellwhosefiles(pass);
+  }
+  if (run.out.printvc == VarianceFiles::none || categorical(pass) || pass.state.end == MacroEnd::failed) return;
   const Estimates& est = pass.pass.est;
   if (run.control.laplace) {
     writegammafile(populationgammafile, est.gammahat, est.covariance());
@@ -253,6 +305,7 @@ PassResults nonlinearjob(const Analysis& analysis, const CategoryTable& table) {
   }
   bootstrapjob(fit);
   MacroState& state = fit.state;
+  if (state.engine) return std::move(*state.engine == PassKind::quadrature ? *state.quadrature : *state.laplace6);
   if (state.end != MacroEnd::failed) return std::move(state.unitspecific);
   return std::move(state.quadrature ? *state.quadrature : *state.laplace6);
 }

@@ -20,6 +20,7 @@
 #include "report/filecell.h"
 #include "report/matrixtables.h"
 #include "report/passtables.h"
+#include "report/residual/residualfiles.h"
 #include "report/resultsdocument.h"
 
 namespace kdr {
@@ -321,6 +322,7 @@ Analysis analysisofrun(const Observer& observer, const Estimates* start) {
   analysis.wanted.records = run.out.resfil1 || run.out.graph;
   analysis.wanted.fitted = run.out.resfil1;
   analysis.wanted.variables1.assign(run.out.res1vars1.begin(), run.out.res1vars1.begin() + run.out.nres1vars1);
+  analysis.wanted.posteriors = residualsofengine() && (wantresidualfiles() || run.out.graph);
   analysis.wanted.leastsquares = run.out.fulloutput;
   analysis.store.inmemory = run.id.inmemory;
   const unsigned cores = std::thread::hardware_concurrency();

@@ -54,6 +54,7 @@
 #include "estimate/quasi/categories.h"
 #include "kernel/array.h"
 #include "report/averagedreport.h"
+#include "report/enginetables.h"
 #include "report/header.h"
 #include "report/latentreport.h"
 #include "report/passtables.h"
@@ -297,13 +298,20 @@ PassResults estimate(const CategoryTable& table) {
   return results;
 }
 
+// The method that the estimates are of, where the run has several.
+std::string methodof(const PassResults& results) {
+  const bool engines = run.control.laplace || run.control.agqpoints != 0;
+  return engines ? methodwords(results.kind, results.quadrature.points) : "";
+}
+std::string methodof(const Pooled& averages) { return averages.engine ? methodwords(*averages.engine) : ""; }
+
 // The regression that LVR-BETA: asks for, of a pass or of the averages, into the report.
 template <class Results>
 void latentvariables(const Results& results) {
   if (!run.out.lvr) return;
   const LatentModel model =
       latentmodel(modelrows(run.model), {run.out.lvrroles.data(), run.out.lvrroles.size()}, run.mdm.nunits3);
-  latentreport(latentregression(model, results));
+  latentreport(latentregression(model, results), methodof(results));
 }
 
 // Moves the model to the next plausible value and leaves it as the command file of the next pass; false when there is
@@ -321,17 +329,18 @@ bool nextplausiblevalue() {
   const auto old = static_cast<std::size_t>(series.pvcurrent);
   series.pvcurrent = series.pvlist[static_cast<std::size_t>(series.pvindex)];
   const auto next = static_cast<std::size_t>(series.pvcurrent);
-  Use* use = run.model.use1.row(0);
-  if (use[old] == Use::outcome) {
+  if (run.model.outvar == static_cast<int>(old)) {
     run.model.outvar = series.pvcurrent;
-    use[next] = Use::outcome;
   } else {
     ++series.pvpredictor;
     run.model.center1[next] = run.model.center1[old];
     run.model.center1[old] = Centering::none;
-    use[next] = Use::predictor;
   }
-  use[old] = Use::none;
+  for (int e = 0; e < run.model.neqsets; ++e) {
+    Use* use = run.model.use1.row(e);
+    use[next] = use[old];
+    use[old] = Use::none;
+  }
   run.files.nextcommands = neededscratch();
   writenextcommands(run.files.nextcommands.get());
   return true;

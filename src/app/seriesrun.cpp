@@ -14,6 +14,7 @@
 #include "estimate/inference/degreesoffreedom.h"
 #include "kernel/sizes.h"
 #include "report/averagedreport.h"
+#include "report/passtables.h"
 #include "report/resultsdocument.h"
 #include "report/stream.h"
 #include "series/pooling.h"
@@ -32,7 +33,8 @@ struct Series {
   std::vector<SubrunRecord> records;  // of this process: one of a data set, all of plausible values
   PoolFrame frame;
   Pooled averages;
-  std::vector<int> unconverged;  // plausible values whose passes did not converge
+  std::vector<int> unconverged;         // plausible values whose passes did not converge
+  std::vector<std::string> categories;  // of the first plausible value
 };
 Series series;
 
@@ -93,6 +95,17 @@ void takeshape(const ModelRows& rows, const SubrunShape& shape) {
   series.begun = true;
 }
 
+// Effects of categories are averaged where these are the same.
+void checkcategories() {
+  std::vector<std::string> categories;
+  for (const Name& label : run.model.categorylabel) categories.push_back(leftname(label));
+  if (run.series.pvfirst)
+    series.categories = std::move(categories);
+  else if (categories != series.categories)
+    stopwith("The plausible value %s has other categories than the first one.\n",
+             leftname(run.mdm.names1[at(run.series.pvcurrent)]).c_str());
+}
+
 [[noreturn]] void stopunusable(const Failure& failure) {
   series.pooled = true;  // the stop has nothing to add
   tell(failure);
@@ -108,6 +121,7 @@ void beginseries() {
   if (!inseries()) return;
   if (run.series.mimode && run.series.pvmode)
     stopwith("A run cannot be a data set of a multiple imputation and a series of plausible values at once.\n");
+  if (run.series.pvmode) checkcategories();
   const ModelRows rows = modelrows(run.model);
   const SubrunShape shape = seriesshape(run.model, rows, run.mdm, run.control);
   SeriesMode& mode = run.series;
@@ -138,6 +152,8 @@ void resumeseries() {
 
 void storesubrun(const PassResults& results) {
   if (!inseries() || results.heterogeneous || !results.loglik) return;
+  const std::optional<PassKind> engine = series.shape.engine;
+  if (engine && results.kind != *engine && results.kind != PassKind::populationaverage) return;
   const std::size_t place = run.series.mimode ? 0 : at(run.series.pvindex);
   if (results.kind == PassKind::populationaverage) {
     if (place >= series.records.size()) return;
@@ -145,10 +161,23 @@ void storesubrun(const PassResults& results) {
     series.whole = true;
     return;
   }
-  series.frame.degrees = results.robustdegrees.copy();
+  if (!results.robustdegrees.df.empty()) series.frame.degrees = results.robustdegrees.copy();
   series.records.resize(place);
   series.records.push_back(subrunrecord(series.shape, results));
   series.whole = !series.shape.popaverage;
+}
+
+void enginemissing() {
+  if (!inseries() || !series.shape.engine) return;
+  if (run.series.pvmode) stopwith("The engine has no results for this plausible value, so that nothing is averaged.\n");
+  constexpr const char* words =
+      "WARNING: the engine has no results: the averages of the series, which are those of the engine, count this data "
+      "set "
+      "as failed.";
+  notconverged(std::string(words) + "\n");
+  reportwarning(words);
+  markreport();
+  documentwarning(words);
 }
 
 bool lastsubrun() {

@@ -26,8 +26,13 @@ void resumeseries();
 
 // Keeps the results of a pass as those of this sub-run. Those of a later pass take their place, those of a
 // population-average pass join them; an identity pass and a heterogeneous stage leave nothing, and so do results
-// without a likelihood.
+// without a likelihood. Where the series is one of an engine its results alone are kept, and those of the population
+// average.
 void storesubrun(const PassResults& results);
+
+// The engine whose results the series is of has none: this data set counts as failed, which is said; with plausible
+// values the run ends.
+void enginemissing();
 
 // True when no further sub-run follows this one.
 [[nodiscard]] bool lastsubrun();

@@ -15,6 +15,7 @@
 #include "driver/failures.h"
 #include "driver/questions.h"
 #include "driver/runrecord.h"
+#include "estimate/likelihood/engines.h"
 
 namespace kdr {
 
@@ -152,6 +153,9 @@ void askresiduals() {
     run.out.resfil3 = askresidualfile(3, run.mdm.nvar3, run.mdm.names3, run.out.wanted3vars3);
     wanted = wanted || run.out.resfil3;
   }
+  if (wanted && lastengine(run.control) && run.out.resfilof == ResidualsOf::engine &&
+      !askyesno("Are they to have the random effects of the engine (no: those of PQL)?"))
+    run.out.resfilof = ResidualsOf::pql;
   // A residual file of the command file has its type from there, or the usual one.
   if (!wanted || run.answered.resfiltype) return;
   std::printf(

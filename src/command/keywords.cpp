@@ -312,6 +312,12 @@ void readresfiltype(CommandReader&, const std::string& value) {
   run.answered.resfiltype = true;
 }
 
+void readresfilof(CommandReader&, const std::string& value) {
+  const auto* whose = rownamed(residualsofwords, value);
+  if (whose == nullptr) refusevalue("RESFILOF", "ENGINE or PQL", value);
+  run.out.resfilof = whose->code;
+}
+
 // In the order of comparison: the first match wins.
 constexpr Keyword keywords[] = {
     {"ACCEL:", 0, [](CommandReader&, const std::string& value) { run.control.accel = wholevalue("ACCEL", value); }},
@@ -383,6 +389,7 @@ constexpr Keyword keywords[] = {
     {"RESFILTYPE:", 0, readresfiltype},
     {"RESFILRECNUM:", 0,
      [](CommandReader&, const std::string& value) { run.out.resfilrecnum = flagof("RESFILRECNUM", value); }},
+    {"RESFILOF:", 0, readresfilof},
     {"RESULTS:", 0, readresults},
     {"DEBUG:", 0, [](CommandReader&, const std::string& value) { run.control.debug = wholevalue("DEBUG", value); }},
 };

@@ -11,6 +11,7 @@
 #include "core/formatted.h"
 #include "core/modelcounts.h"
 #include "core/modelwalk.h"
+#include "core/settling.h"
 #include "driver/questions.h"
 #include "driver/runrecord.h"
 
@@ -30,6 +31,21 @@ std::string subscripts(const CoefficientRow& owner, const TermRow& term) {
 }
 
 bool multinomial() { return run.model.outcome.family == Family::multinomial; }
+
+void askquadrature() {
+  Control& iter = run.control;
+  if (run.model.outcome.categorical() || iter.agqpoints != 0) return;
+  if (!askyesno("Do you want to do adaptive quadrature?")) return;
+  iter.agqit = asknumber("Enter maximum number of quadrature iterations", 1, 100000);
+  std::printf(
+      "Enter number of points for each random effect:\n   as many as the data need         enter 0\n"
+      "   first-order Laplace              enter 1\n   any other number                 3 to 198\n");
+  do {
+    iter.agqpoints = asknumber("Points?", 0, 198);
+  } while (iter.agqpoints == 2);
+  iter.agqauto = iter.agqpoints == 0;
+  if (iter.agqauto) iter.agqpoints = 1;
+}
 
 void asknonlinear() {
   if (run.answered.nonlin || run.answered.level1) return;
@@ -55,9 +71,12 @@ void asknonlinear() {
     if (!askyesno("Do you wish to allow over-dispersion at level 1?")) kind.restrictions.fixsigma2 = 1.0;
     iter.popavit = 1;
   }
-  if (type != 1 || !askyesno("Do you want to do the Laplace-6 iterations?")) return;
-  iter.laplace = true;
-  iter.laplaceit = asknumber("Enter maximum number of Laplace macro iterations", 1, 100000);
+  if (type == 1 && askyesno("Do you want to do the Laplace-6 iterations?")) {
+    iter.laplace = true;
+    iter.laplaceit = asknumber("Enter maximum number of Laplace macro iterations", 1, 100000);
+  }
+  askquadrature();
+  if (variancekeeper(kind, iter) != nullptr) kind.restrictions.fixsigma2 = 1.0;
 }
 
 void askoutcome() {

@@ -19,10 +19,8 @@ bool multinomial() { return run.model.outcome.family == Family::multinomial; }
 
 void checknonlinear() {
   const Model& kind = run.model;
-  if (run.control.macroit != 0) {
-    if (run.series.pvmode) stopwith("You can not do a combination of non-linear and plausible values at this time.\n");
-    if (kind.outcome.linear()) stopwith("If non-linear iterations desired, the type must be specified\n");
-  }
+  if (run.control.macroit != 0 && kind.outcome.linear())
+    stopwith("If non-linear iterations desired, the type must be specified\n");
   if (kind.outcome.linear()) return;
   if (run.control.macroit == 0) stopwith(" macroit must be specified if nonlin is specified.\n");
   if (run.answered.numit)
@@ -72,23 +70,32 @@ void checklvr() {
 
 std::string eightof(int v) { return leftname(run.mdm.names1[static_cast<std::size_t>(v)]); }
 
+// How the model uses a level-1 variable in any of its equation sets.
+Use useof(int variable) {
+  for (int e = 0; e < run.model.neqsets; ++e)
+    if (const Use use = run.model.use1.row(e)[variable]; use != Use::none) return use;
+  return Use::none;
+}
+
 // Each plausible value takes the place of the first one in the model. A level-1 equation has its predictors in the
 // order of the MDM file, so the place stays the same only when no other predictor stands between the values there.
 void checkplausible() {
   const SeriesMode& series = run.series;
   if (!series.pvmode || !series.pvfirst) return;
-  const Use* use = run.model.use1.row(0);
   const int first = series.pvlist[0];
-  if (first == 0 || use[first] == Use::none)
+  if (first == 0 || useof(first) == Use::none)
     stopwith("The first plausible value, %s, must be the outcome or a predictor of the model!\n",
              eightof(first).c_str());
+  const auto taken = [](int value) {
+    return useof(value) != Use::none || value == run.model.outcome.countvariable.value_or(0);
+  };
   for (std::size_t i = 1; i < series.pvlist.size(); ++i) {
     const int value = series.pvlist[i];
-    if (value == 0 || use[value] != Use::none || std::count(series.pvlist.begin(), series.pvlist.end(), value) > 1)
+    if (value == 0 || taken(value) || std::count(series.pvlist.begin(), series.pvlist.end(), value) > 1)
       stopwith("The plausible value %s stands in the model or in its list already!\n", eightof(value).c_str());
     const auto [from, to] = std::minmax(first, value);
-    for (int v = from + 1; use[first] == Use::predictor && v < to; ++v)
-      if (use[v] == Use::predictor)
+    for (int v = from + 1; useof(first) == Use::predictor && v < to; ++v)
+      if (useof(v) == Use::predictor)
         stopwith("The predictor %s stands between the plausible values %s and %s in the MDM file!\n",
                  eightof(v).c_str(), eightof(first).c_str(), eightof(value).c_str());
   }

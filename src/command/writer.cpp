@@ -171,6 +171,8 @@ void writeresiduals(std::FILE* out) {
   const RunFiles& files = run.files;
   if (wanted.resfil1 || wanted.resfil2 || wanted.resfil3)
     std::fprintf(out, "RESFILTYPE:%s\n", wordof(residualforms, wanted.resfiltype));
+  if (wanted.resfilof != ResidualsOf::engine)
+    std::fprintf(out, "RESFILOF:%s\n", wordof(residualsofwords, wanted.resfilof));
   if (wanted.resfilrecnum) std::fprintf(out, "RESFILRECNUM:Y\n");
   writeresfil(out, 1, wanted.resfil1,
               namelist(mdm.names1, run.out.res1vars1.data(), run.out.nres1vars1) + "/" +

@@ -34,6 +34,12 @@ inline constexpr CodeWord<ResidualForm> residualforms[] = {{ResidualForm::freefo
                                                            {ResidualForm::spss, "SPSS"},
                                                            {ResidualForm::stata, "STATA"}};
 
+// RESFILOF:. Whose the residual files and the graph data file are: the last engine's that has results, or, as without
+// one, those of quasi-likelihood.
+enum class ResidualsOf { engine, pql };
+inline constexpr CodeWord<ResidualsOf> residualsofwords[] = {{ResidualsOf::engine, "ENGINE"},
+                                                             {ResidualsOf::pql, "PQL"}};
+
 // PRINTVARIANCE-COVARIANCE:. `append` puts the blocks of this run behind those that the files hold.
 enum class VarianceFiles { none, write, append };
 inline constexpr CodeWord<VarianceFiles> varianceletters[] = {{VarianceFiles::write, "Y"},

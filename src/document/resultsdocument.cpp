@@ -45,10 +45,10 @@ void addlikelihood(Json& phase, const Subject& subject, std::optional<double> lo
 
 // Phases.
 
-const char* phasename(const PassResults& results) {
-  switch (results.kind) {
+const char* phasename(PassKind kind, bool heterogeneous = false) {
+  switch (kind) {
     case PassKind::linear:
-      return results.heterogeneous ? "heterogeneous" : "final";
+      return heterogeneous ? "heterogeneous" : "final";
     case PassKind::identity:
       return "identity";
     case PassKind::pql:
@@ -157,7 +157,8 @@ Json emptyphase(const char* name, Json ending, Json converged) {
 }
 
 Json phaseof(const Subject& subject, const PassResults& results) {
-  Json phase = emptyphase(phasename(results), endingname(results.ending), results.ending == Ending::converged);
+  Json phase = emptyphase(phasename(results.kind, results.heterogeneous), endingname(results.ending),
+                          results.ending == Ending::converged);
   phase["macro_iteration"] = whenever(results.macro != 0, results.macro);
   phase["iterations"] = results.iteration;
   addlikelihood(phase, subject, results.loglik, results.kind == PassKind::linear || isengine(results),
@@ -272,6 +273,7 @@ void addphases(ResultsDocument& document, const Subject& subject, const Pooled& 
   Json phase = averagedphase(subject, "average", pooled.effects);
   const int q = static_cast<int>(pooled.reliability2.size()), r = static_cast<int>(pooled.reliability3.size());
   phase["subruns"] = pooled.M;
+  phase["estimates_of"] = pooled.engine ? Json(phasename(*pooled.engine)) : Json();
   phase["sigma2"] = sigma2of(pooled.sigma2, pooled.sigma2fixed, pooled.errorsknown, pooled.sigma2error);
   phase["tau_pi"] = taumatrix(
       subject, Tau::pi,
@@ -280,7 +282,7 @@ void addphases(ResultsDocument& document, const Subject& subject, const Pooled& 
     phase["tau_beta"] = taumatrix(subject, Tau::beta,
                                   {r, &pooled.taubeta, pooled.errorsknown ? &pooled.taubetaerrors : nullptr,
                                    &pooled.reliability3, pooled.units3});
-  phase["variance_tests"] = variancetests(subject, pooled.taupi, pooled.taubeta, pooled.tests);
+  if (!pooled.engine) phase["variance_tests"] = variancetests(subject, pooled.taupi, pooled.taubeta, pooled.tests);
   phase["intraclass_correlation"] = intraclass(subject, pooled.sigma2, pooled.taupi, pooled.taubeta);
   place(document, std::move(phase));
   if (pooled.popaverage.gamma.empty()) return;

@@ -166,7 +166,7 @@ bool tryfinish(ResultFile& file) {
   std::vector<std::string>& made = run.files.made;
   if (std::find(made.begin(), made.end(), file.given) == made.end()) made.push_back(file.given);
   std::erase_if(run.files.marks, [&](const FileMark& mark) { return mark.name == file.given; });
-  if (file.bytes > 0) run.files.marks.push_back({file.given, file.bytes, file.crc});
+  if (file.bytes > 0) run.files.marks.push_back({file.given, file.bytes, file.crc, file.phase});
   return true;
 }
 

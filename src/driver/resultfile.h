@@ -19,6 +19,7 @@ namespace kdr {
 struct ResultFile {
   std::FILE* stream = nullptr;
   std::string given;      // the name that the user gave
+  std::string phase;      // of the run, whose values it has; may be empty
   std::string target;     // the file behind it
   std::string temporary;  // the name until the end; empty when the target is written in place
   Array<char> buffer;

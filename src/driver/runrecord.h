@@ -40,20 +40,20 @@ struct RunIdentity {
 
 // A series of sub-runs: multiple imputation (one process each) or plausible values (one pass each).
 struct SeriesMode {
-  bool mimode = false;      // -mi<k>
-  int miindex = 0;          // k
-  bool mifirst = false;     // k is 0: the result store is to be created
-  bool milast = false;      // -e
-  bool closing = false;     // -e without files: no data set, only the averages
-  char mistatus[128] = {};  // of each data set: 1 finished, 2 finished without convergence
-  bool pvmode = false;      // a PLAUSVALS: list is in force
-  bool pvfirst = false;     // first pass of that repetition
-  int pvindex = 0;          // number of the current pass, from 0
+  bool mimode = false;                        // -mi<k>
+  int miindex = 0;                            // k
+  bool mifirst = false;                       // k is 0: the result store is to be created
+  bool milast = false;                        // -e
+  bool closing = false;                       // -e without files: no data set, only the averages
+  char mistatus[128] = {};                    // of each data set: 1 finished, 2 finished without convergence
+  bool pvmode = false;                        // a PLAUSVALS: list is in force
+  bool pvfirst = false;                       // first pass of that repetition
+  int pvindex = 0;                            // number of the current pass, from 0
   bool showntau2 = false, showntau3 = false;  // a starting tau has been shown in this series
-  Array<int> pvlist;        // level-1 index of each plausible value, nsets entries
-  int pvcurrent = 0;        // level-1 index in use now
-  int pvpredictor = 0;      // passes in which the plausible value was a predictor
-  int nsets = 0;            // listed plausible values; under mimode, data sets stored so far
+  Array<int> pvlist;                          // level-1 index of each plausible value, nsets entries
+  int pvcurrent = 0;                          // level-1 index in use now
+  int pvpredictor = 0;                        // passes in which the plausible value was a predictor
+  int nsets = 0;                              // listed plausible values; under mimode, data sets stored so far
 };
 
 // What tells a file that this run has made from one that took its place later.
@@ -61,6 +61,7 @@ struct FileMark {
   std::string name;
   long long bytes = 0;
   std::uint32_t crc = 0;  // CRC-32
+  std::string phase;      // whose values it has, as the results document names it; empty: of no phase
 };
 
 // Paths, at most 259 characters each.
@@ -91,6 +92,7 @@ struct OutputControl {
   bool resfil1 = false, resfil2 = false, resfil3 = false;
   bool resfilrecnum = false;                     // RESFILRECNUM:. the level-1 file has the number of each record
   ResidualForm resfiltype = ResidualForm::spss;  // RESFILTYPE:
+  ResidualsOf resfilof = ResidualsOf::engine;    // RESFILOF:
   bool graph = false;                            // GRAPHGAMMAS:
   std::optional<double> deviance;                // DEVIANCE:. Of the alternative model
   int df = 0;                                    // DF:. Its number of parameters

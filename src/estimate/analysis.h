@@ -18,6 +18,7 @@ struct Wanted {
   bool records = false;         // the level-1 records as the analysis had them
   bool fitted = false;          // with them Z of working data, or the fitted probabilities of categories
   std::vector<int> variables1;  // level-1 variables that these records keep beside those of the model
+  bool posteriors = false;      // of the random effects by the engines
   bool leastsquares = false;    // the results of ordinary least squares
 };
 

@@ -105,6 +105,7 @@ Failure chainfit(Fit& fit, const Analysis& analysis) {
   if (fit.failure) return std::move(fit.failure);
   MacroState& state = chain.state;
   result.counts = countsof(chain.pass);
+  if (state.posteriors) result.posteriors = std::move(state.posteriors->effects.random);
   warn(result, state.unitspecific.warnings);
   state.unitspecific.ending = endingof(state.end, state.unitspecific.ending);
   const bool quadrature = state.quadrature.has_value(), engine = quadrature || state.laplace6.has_value();
@@ -182,7 +183,7 @@ kdr3_status kdr3_fit(const kdr3_model* model, const kdr3_observer* observer, kdr
     Analysis analysis{values.model, values.mdm, values.weights, values.control, values.observer, {}, {}, 1, nullptr};
     const unsigned cores = std::thread::hardware_concurrency();
     analysis.threads = model->threads > 0 ? model->threads : cores > 0 ? static_cast<int>(cores) : 1;
-    analysis.wanted.leastsquares = true;
+    analysis.wanted.leastsquares = analysis.wanted.posteriors = true;
 
     auto result = std::make_unique<kdr3_result>();
     Fit fit{*model, values, *result, subjectof(*model, values), {}, {}};

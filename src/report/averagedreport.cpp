@@ -13,6 +13,7 @@
 #include "driver/files.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
+#include "report/enginetables.h"
 #include "report/fixedtable.h"
 #include "report/hypotheses.h"
 #include "report/matrixtables.h"
@@ -185,11 +186,12 @@ void averagedreport(const Pooled* pooled, std::span<const int> failed, std::span
   }
   if (pooled->M == 1) reportline("Only one analysis of the series is usable; its results are not averages.");
   documentaverages(*pooled, failed);
+  if (pooled->engine) reportline("The averages are those of %s.", methodwords(*pooled->engine).c_str());
   level1(*pooled);
   tautables(Tau::pi, *pooled);
   tautables(Tau::beta, *pooled);
   fixedeffects(pooled->effects, finalpass());
-  variances(*pooled);
+  if (!pooled->engine) variances(*pooled);
   if (!pooled->popaverage.gamma.empty()) fixedeffects(pooled->popaverage, PassKind::populationaverage);
 }
 

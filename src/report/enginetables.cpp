@@ -14,7 +14,7 @@ namespace kdr {
 
 namespace {
 
-void laplacereliabilities(Tau which, const Reliabilities& reliabilities) {
+void enginereliabilities(Tau which, const Reliabilities& reliabilities) {
   const Array<double>& values = reliabilities.of(which);
   const int used = reliabilities.units(which), total = ofthe(which, run.mdm.nunits2, run.mdm.nunits3);
   if (run.model.coef.order(which) == 0) return;
@@ -55,7 +55,7 @@ void laplacetables(const PassResults& results, bool withlikelihood) {
   for (const std::string& warning : results.warnings) reportline("%s", warning.c_str());
   for (const Tau which : {Tau::pi, Tau::beta}) {
     taublocks(which, results);
-    laplacereliabilities(which, results.reliabilities);
+    enginereliabilities(which, results.reliabilities);
   }
   fixedeffectstables(results, TableKind::laplace);
   if (withlikelihood)
@@ -74,6 +74,13 @@ void laplacefailed(const std::vector<std::string>& warnings) {
   reportbreak();
 }
 
+std::string methodwords(PassKind kind, int points) {
+  if (kind == PassKind::laplace6) return "Laplace-6";
+  if (kind != PassKind::quadrature) return "quasi-likelihood (PQL)";
+  if (points == 1) return "the first-order Laplace approximation";
+  return points == 0 ? "adaptive quadrature" : formatted("adaptive quadrature (%d points for each effect)", points);
+}
+
 std::string pointsline(const QuadraturePoints& made) {
   if (made.points == 1) return "One point: the first-order Laplace approximation.";
   std::string words = formatted("%d points for each effect", made.points);
@@ -90,7 +97,10 @@ void quadraturetables(const PassResults& results) {
   for (const std::string& warning : results.warnings) reportline("%s", warning.c_str());
   if (results.quadrature.points != 0) reportline("%s", pointsline(results.quadrature).c_str());
   for (const std::string& note : results.notes) reportline("%s", note.c_str());
-  for (const Tau which : {Tau::pi, Tau::beta}) taublocks(which, results);
+  for (const Tau which : {Tau::pi, Tau::beta}) {
+    taublocks(which, results);
+    if (results.quadrature.points != 0) enginereliabilities(which, results.reliabilities);
+  }
   fixedeffectstables(results, TableKind::quadrature);
 }
 

@@ -16,6 +16,8 @@ void laplacefailed(const std::vector<std::string>& warnings);
 // Writes the results of quadrature: heading, warnings, each tau with its standard errors and correlations, the fixed
 // effects with their ratios and hypothesis tests.
 void quadraturetables(const PassResults& results);
+// The method behind a phase: "adaptive quadrature (7 points for each effect)", "Laplace-6", "quasi-likelihood (PQL)".
+[[nodiscard]] std::string methodwords(PassKind kind, int points = 0);
 // What the head of those tables, and the console, say of the number of points.
 [[nodiscard]] std::string pointsline(const QuadraturePoints& made);
 

@@ -80,9 +80,10 @@ void numbercell(const char* style, double value, int width, int decimals) {
 }
 
 void outcomeline(TableKind kind) {
-  if (run.model.outcome.single()) {
+  const bool plausible = kind == TableKind::averagedpv || kind == TableKind::averagedrobustpv;
+  if (run.model.outcome.single() && !plausible) {
     report(" The outcome variable is %s\n\n", eightcolumns(run.model.outname).c_str());
-  } else if (kind == TableKind::averagedpv || kind == TableKind::averagedrobustpv) {
+  } else if (plausible) {
     report(" The %s variables are: ", run.series.pvpredictor != 0 ? "plausible" : "outcome");
     const char* separator = "";
     for (const int v : run.series.pvlist) {

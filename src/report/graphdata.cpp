@@ -164,35 +164,49 @@ void level3leastsquares(const Pass& pass, int k, const UnitResults& results, Lev
 }
 
 // The blocks of level 3, kind by kind.
-void writelevel3(ResultFile& file, const Pass& pass, UnitResults& results) {
+void writelevel3(ResultFile& file, const ResidualSource& of, UnitResults& results) {
+  const Pass& pass = of.pass;
   const auto units = at(run.mdm.nunits3);
   const auto b = at(pass.b), n = at(pass.nbeta);
-  Array<double> OL(units * b), FV(units * n), variances(units * b);
+  Array<double> EB(units * b), OL(units * b), FV(units * n), variances(units * b);
   Level3Fit fit{Array<double>(square(pass.b)), Array<double>(square(pass.b)), Array<double>(b)};
   for (std::size_t k = 0; k < units; ++k) {
     const int unit = static_cast<int>(k);
-    level3results(pass, unit, nosuchvalue, results);
-    level3leastsquares(pass, unit, results, fit, OL.data() + k * b);
+    if (of.engine != nullptr) {
+      level3results(pass, *of.engine, unit, nosuchvalue, results);
+      std::copy(results.level3.OL.begin(), results.level3.OL.end(), OL.data() + k * b);
+    } else {
+      level3results(pass, unit, nosuchvalue, results);
+      level3leastsquares(pass, unit, results, fit, OL.data() + k * b);
+    }
+    std::copy(results.level3.EB.begin(), results.level3.EB.end(), EB.data() + k * b);
     std::copy(results.level3.FV.begin(), results.level3.FV.end(), FV.data() + k * n);
     for (std::size_t i = 0; i < b; ++i) variances[k * b + i] = results.level3.PV[i * (i + 3) / 2];
   }
-  put(file, pass.vstar.cells);
+  put(file, EB);
   put(file, OL);
   put(file, FV);
   put(file, variances);
 }
 
-void writelevel2(ResultFile& file, Pass& pass, UnitResults& results) {
+void writelevel2(ResultFile& file, const ResidualSource& of, UnitResults& results) {
+  Pass& pass = of.pass;
+  const auto putunit = [&] {
+    put(file, results.level2.EB);
+    put(file, results.level2.OL);
+    put(file, results.level2.FV);
+    for (std::size_t i = 0; i < at(pass.p); ++i) writevalue(file, results.level2.PV[i * (i + 3) / 2]);
+  };
+  if (of.engine != nullptr)
+    return eachunit(
+        of, nosuchvalue, results, [](int) {}, [&](int, const UnitBlock&) { putunit(); }, [](int) {});
   sweepunits(
       pass.n2of, [&](int k) { level3results(pass, k, nosuchvalue, results); },
       [&](int k, std::size_t unit, const double* hot, const double* cold) {
         if (cold[0] == 0.0) return;
         level2coefficients(pass, unit, hot, cold, results);
         level2residuals(pass, k, hot, cold, nosuchvalue, results);
-        put(file, results.level2.EB);
-        put(file, results.level2.OL);
-        put(file, results.level2.FV);
-        for (std::size_t i = 0; i < at(pass.p); ++i) writevalue(file, results.level2.PV[i * (i + 3) / 2]);
+        putunit();
       },
       [](int) {}, reading(pass.store.hot), reading(pass.store.cold));
   stopif(storefailure(pass.store));
@@ -200,24 +214,25 @@ void writelevel2(ResultFile& file, Pass& pass, UnitResults& results) {
 
 }  // namespace
 
-void writegraphdata(Pass& pass, const WorkingFile& working, const RecordLayout& layout, const Array<double>& phases) {
+void writegraphdata(const ResidualSource& of, const Array<double>& phases) {
+  Pass& pass = of.pass;
   ResultFile file;
+  file.phase = of.phase;
   openresult(file, run.files.graphgammas);
   writeresult(file, "GRKDR3");
   writevalue(file, fileversion);
   writevalue(file, pass.g);
   put(file, phases);
-  put(file, pass.est.gammahat);
+  put(file, of.engine != nullptr ? of.engine->gamma : pass.est.gammahat);
   writepredictorsections(file);
 
   UnitResults results = makeunitresults(pass);
   writeflags(file);
-  if (!run.mdm.twolevel()) writelevel3(file, pass, results);
-  writelevel2(file, pass, results);
+  if (!run.mdm.twolevel()) writelevel3(file, of, results);
+  writelevel2(file, of, results);
   if (run.model.outcome.categorical()) return finishresult(file);
   writevalue(file, run.records());
-  eachfittedunit(pass, working, layout,
-                 [&](int, const UnitBlock& unit, const double* fitted) { put(file, fitted, at(unit.nj)); });
+  eachfittedunit(of, [&](int, const UnitBlock& unit, const double* fitted) { put(file, fitted, at(unit.nj)); });
   finishresult(file);
 }
 

@@ -199,12 +199,13 @@ void residualcovariance(const LatentRegression& regression) {
 
 }  // namespace
 
-void latentreport(const LatentRegression& regression) {
+void latentreport(const LatentRegression& regression, const std::string& whose) {
   if (!regression.computable) {
     reportline("Unable to compute latent variable regression.");
     return;
   }
   report2("\n\nLatent Variable Regression Results\n\n", "<h4>Latent Variable Regression Results</h4>");
+  if (!whose.empty()) reportline("From the estimates of %s.", whose.c_str());
   for (const int coefficient : regression.outcomes) equation(regression, coefficient);
   const std::size_t nO = regression.outcomes.size();
   coefficientheads();

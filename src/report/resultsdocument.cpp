@@ -102,7 +102,10 @@ Json checksums() {
   Json list = Json::array();
   if (!collected.averages)
     for (const FileMark& mark : run.files.marks)
-      list.push_back({{"file", mark.name}, {"bytes", mark.bytes}, {"crc32", mark.crc}});
+      list.push_back({{"file", mark.name},
+                      {"bytes", mark.bytes},
+                      {"crc32", mark.crc},
+                      {"phase", mark.phase.empty() ? Json() : Json(mark.phase)}});
   return list;
 }
 

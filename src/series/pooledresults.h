@@ -1,6 +1,8 @@
 // The averages of a series of sub-runs.
 #pragma once
 
+#include <optional>
+
 #include "core/results.h"
 #include "kernel/array.h"
 
@@ -20,7 +22,8 @@ struct PooledEffects {
 };
 
 struct Pooled {
-  int M = 0;  // sub-runs
+  int M = 0;                                      // sub-runs
+  std::optional<PassKind> engine = std::nullopt;  // whose estimates they are; none: those of the passes
   double sigma2 = 0.0;
   bool sigma2fixed = false;      // it is held
   Array<double> taupi, taubeta;  // q squared, r squared
@@ -34,7 +37,7 @@ struct Pooled {
   Array<double> taupierrors, taubetaerrors;  // full matrices; absent for a negative variance
   Array<double> reliability2, reliability3;  // [q], [r]
   int units2 = 0, units3 = 0;                // mean usable units of the reliabilities, a fraction dropped
-  VarianceTests tests;                       // their units are means, too
+  VarianceTests tests;                       // their units are means, too; none of an engine
   PooledEffects effects;
   PooledEffects popaverage;  // with shape.popaverage
 };

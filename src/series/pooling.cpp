@@ -164,6 +164,17 @@ void poolerrors(const SubrunShape& shape, Records records, Pooled& pooled) {
              [&](const SubrunRecord& r, std::size_t i) { return element(r.taupi, r.taubeta, i); });
   pooled.taupierrors = standarderrors(pooled.taucovariance, shape.tauorder(), 0, shape.q);
   pooled.taubetaerrors = standarderrors(pooled.taucovariance, shape.tauorder(), order.firstbeta, shape.r);
+  // What is at the edge of its range in some of the sub-runs has no error there, and so none in the mean.
+  if (shape.engine)
+    for (std::size_t i = 0; i < n; ++i) {
+      const auto without = std::count_if(records.begin(), records.end(),
+                                         [&](const SubrunRecord& r) { return r.taucovariance[i * (n + 1)] == 0.0; });
+      if (without == 0 || tbar[i] == 0.0) continue;
+      const bool beta = i >= order.firstbeta;
+      Array<double>& errors = beta ? pooled.taubetaerrors : pooled.taupierrors;
+      const int size = beta ? shape.r : shape.q, place = order.place[i];
+      errors[place] = errors[place % size * size + place / size] = absent;
+    }
 
   double squares = 0.0;
   for (const SubrunRecord& record : records)
@@ -225,6 +236,7 @@ Pooled pool(const SubrunShape& shape, std::span<const SubrunRecord> records, con
             const Model& model) {
   Pooled pooled;
   pooled.sigma2fixed = shape.sigma2fixed;
+  pooled.engine = shape.engine;
   pooled.M = static_cast<int>(records.size());
   pooled.sigma2 = meanof(records, [](const SubrunRecord& r) { return r.sigma2; });
   pooled.taupi = meanarray(
@@ -237,7 +249,7 @@ Pooled pool(const SubrunShape& shape, std::span<const SubrunRecord> records, con
       records, [](const SubrunRecord& r) -> auto& { return r.reliability3; });
   pooled.units2 = wholemean(records, [](const SubrunRecord& r) { return r.units2; });
   pooled.units3 = wholemean(records, [](const SubrunRecord& r) { return r.units3; });
-  pooled.tests = pooltests(shape, records, frame);
+  if (!shape.engine) pooled.tests = pooltests(shape, records, frame);
   if (shape.fisher) {
     // Where sigma^2 is held it has no variance; then an information that could not be inverted leaves no variance at
     // all.

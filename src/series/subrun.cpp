@@ -4,6 +4,7 @@
 #include <cassert>
 
 #include "core/constants.h"
+#include "estimate/likelihood/engines.h"
 #include "kernel/hash.h"
 #include "kernel/sizes.h"
 
@@ -42,6 +43,8 @@ unsigned long long fingerprint(const Model& model, const ModelRows& rows, const 
     for (const int value : {control.restricted ? 1 : 0, control.clusterrobust ? 1 : 0, static_cast<int>(control.ddf),
                             control.ddfobserved ? 1 : 0, control.edgefull ? 1 : 0})
       print.add(value);
+  // Records of an engine are none to average with those of quasi-likelihood.
+  if (const std::optional<PassKind> engine = lastengine(control)) print.add(100 + static_cast<int>(*engine));
   print.add(restrictions.fixsigma2.value_or(0.0));
   if (restrictions.haveesttau2) addarray(print, restrictions.esttau2);
   if (restrictions.haveesttau3) addarray(print, restrictions.esttau3);
@@ -106,7 +109,8 @@ SubrunShape seriesshape(const Model& model, const ModelRows& rows, const MdmData
   for (const CoefficientRow& row : rows.coefficients) shape.q += row.random ? 1 : 0;
   for (const TermRow& row : rows.terms) shape.r += row.random ? 1 : 0;
   for (const EffectRow& row : rows.effects) shape.g += row.removed ? 0 : 1;
-  shape.fisher = control.fishertype != FisherType::none;
+  shape.engine = lastengine(control);
+  shape.fisher = control.fishertype != FisherType::none || shape.engine.has_value();
   shape.popaverage = model.outcome.single();
   shape.sigma2fixed = model.restrictions.fixsigma2.has_value();
   shape.fractional = control.ddf != DegreesMethod::counts;

@@ -1,6 +1,8 @@
 // What one sub-run of a series leaves behind for the averages.
 #pragma once
 
+#include <optional>
+
 #include "core/control.h"
 #include "core/model.h"
 #include "core/modelwalk.h"
@@ -13,11 +15,12 @@ namespace kdr {
 // What all sub-runs of one series have in common.
 struct SubrunShape {
   int q = 0, r = 0, g = 0;       // orders of taupi, taubeta and gammahat
-  bool fisher = false;           // fishertype is not none: there is a covariance of the variance components
+  bool fisher = false;           // there is a covariance of the variance components
   bool popaverage = false;       // a Bernoulli, binomial or Poisson run: there are population-average fixed effects
   unsigned long long model = 0;  // fingerprint of the model; 0 where nobody asks
   bool sigma2fixed = false;      // sigma^2 is held, so that it has no variance
   bool fractional = false;       // the degrees of freedom of the fixed effects are no counts
+  std::optional<PassKind> engine = std::nullopt;  // whose results the records are, where these aren't those of a pass
 
   // Elements of both taus.
   [[nodiscard]] int tauorder() const { return q * (q + 1) / 2 + r * (r + 1) / 2; }

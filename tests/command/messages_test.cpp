@@ -219,8 +219,6 @@ std::vector<Case> cases() {
        "Invalid number in a constraint: x\nCONSTRAIN: wants N, Y, or whole numbers with commas between them, not "
        "0,x\n"},
       // The whole file.
-      {samplemodel + "PLAUSVALS:Y,Z\n" + bernoulli, 100,
-       "You can not do a combination of non-linear and plausible values at this time.\n"},
       {samplemodel + "VARIANCEKNOWN:A\nFIXSIGMA2:0.5\n", 0,
        " FIXSIGMA2:0.5 has no effect: with known variances sigma^2 is held at 1.\n"},
       {samplemodel + bernoulli + "LAPLACE:Y\nFIXSIGMA2:2\n", 0,

@@ -145,12 +145,14 @@ NONLINEAR = OPENING + [
     ("Do you wish to allow over-dispersion at level 1? ", "n"),
     ("Do you want to do the Laplace-6 iterations? ", "y"),
     ("Enter maximum number of Laplace macro iterations ", "9"),
+    ("Do you want to do adaptive quadrature? ", "y"), ("Enter maximum number of quadrature iterations ", "30"), ("Points? ", "2"),
+    ("Points? ", "0"),
 ]
 COUNTED = OPENING + [
     ("Do you want to do a non-linear analysis? ", "y"), ("type of analysis: ", "2"),
     ("Enter maximum number of macro iterations: ", "50"), ("Enter maximum number of micro iterations: ", "20"),
-    ("Do you wish to allow over-dispersion at level 1? ", "n"), ("What is the outcome variable: ", "1"),
-    ("level-1 predictor? (Enter 0 to end) ", "0"),
+    ("Do you wish to allow over-dispersion at level 1? ", "n"), ("Do you want to do adaptive quadrature? ", "n"),
+    ("What is the outcome variable: ", "1"), ("level-1 predictor? (Enter 0 to end) ", "0"),
     ("\nFor the non-linear analysis, which variable indicates the number of trials? ", "3"),
 ]
 CATEGORIES = OPENING + [

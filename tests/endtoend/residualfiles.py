@@ -168,7 +168,7 @@ def readstata(path, level):
     with open(path, 'rb') as f:
         data = f.read()
     release, order, kind, filler, nvar, nobs = struct.unpack_from('<4BHi', data)
-    if (release, order, kind, filler) != (113, 2, 1, 0) or any(data[10:109]):
+    if (release, order, kind, filler) != (113, 2, 1, 0) or any(data[91:109]):
         raise ValueError('%s has no head of this form' % path)
     at = 109
     types = list(data[at:at + nvar])

@@ -3,6 +3,7 @@ definition. The standard library only."""
 import functools
 import math
 import pathlib
+import re
 
 import report
 
@@ -167,7 +168,9 @@ def compare(check, name, averaged, singles, contrasts=(), fisher=True):
     near = lambda what, got, want, tolerance: check(
         got is not None and abs(got - want) <= tolerance, f"{name}: {what} is {got}, expected {want}")
     # the population-average effects stand behind all others
-    at = averaged.text.find("\f The outcome variable", averaged.text.find(" Final estimation of level-3 variance"))
+    found = re.compile("\f The (outcome|plausible) variable").search(
+        averaged.text, max(averaged.text.find(" Final estimation of level-3 variance"), 0))
+    at = found.start() if found else -1
     parts = [averaged] if at < 0 else [report.Report(averaged.text[:at]), report.Report(averaged.text[at:])]
     r, sigma2, held = parts[0], mean([s.sigma2 for s in singles]), singles[0].fixedsigma2
     if held:

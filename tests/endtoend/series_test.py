@@ -6,6 +6,8 @@ rules over the single runs of the same models.
 The data are five imputations by mice of a part of the chem97 example (tests/reference/imputed).
 """
 import functools
+import json
+import math
 import random
 import re
 import shutil
@@ -70,6 +72,11 @@ def nonlinear(kind, **options):
     return text.replace("NONLIN:N", "NONLIN:" + kind)
 
 
+def made(score, top=3):
+    """0 or 1, one of three grades, a count."""
+    return "%3d%3d%3d" % (score >= 6, 1 if score < 4 else 2 if score < 8 else top, max(0, round((10 - score) / 2)))
+
+
 class Place(Workplace):
     """A work folder with the MDM files imp1.mdm to imp5.mdm, const.mdm, whose FEMALE is constant, and pv.mdm with all
     imputations side by side."""
@@ -81,19 +88,20 @@ class Place(Workplace):
         lines = (DATA / "level1.dat").read_text().splitlines()
         score = lambda line, m: line[13 + 8 * m:21 + 8 * m]
         gcse = lambda line, m: line[53 + 8 * m:61 + 8 * m]
-        self.write("all.dat", "\n".join(lines) + "\n")
+        other = lambda x: "%3d" % (4 if float(score(x, 0)) >= 8 else 1 if float(score(x, 0)) < 4 else 2)
+        self.write("all.dat", "".join(x + "".join(made(float(score(x, m))) for m in range(M)) + other(x) + "\n" for x in lines))
         for m in range(M):
             self.imputed(f"imp{m + 1}", [(x[:13], score(x, m), gcse(x, m)) for x in lines])
         self.imputed("separated", [(x[:13], "%8d" % (9 if float(gcse(x, 0)) > 0 else 1), gcse(x, 0)) for x in lines])
         self.imputed("regraded", [(x[:13], score(x, 0), gcse(x, 0)) for x in lines], top=4)
         self.imputed("const", [(x[:12] + "1", score(x, 0), gcse(x, 0)) for x in lines])
-        self.mdm("pv", "all.dat", "F3.0,5F8.3,5F8.4",
-                 ["FEMALE"] + [f"SC{m + 1}" for m in range(M)] + [f"GC{m + 1}" for m in range(M)])
+        self.mdm("pv", "all.dat", "F3.0,5F8.3,5F8.4,16F3.0",
+                 ["FEMALE"] + [f"SC{m + 1}" for m in range(M)] + [f"GC{m + 1}" for m in range(M)]
+                 + [f"{stem}{m + 1}" for m in range(M) for stem in ("PS", "GR", "CN")] + ["OG"])
 
     def imputed(self, name, rows, top=3):
         """One imputation, with outcomes of other kinds made of its score."""
-        made = lambda s: "%3d%3d%3d" % (s >= 6, 1 if s < 4 else 2 if s < 8 else top, max(0, round((10 - s) / 2)))
-        self.write(name + ".dat", "".join(a + b + c + made(float(b)) + "\n" for a, b, c in rows))
+        self.write(name + ".dat", "".join(a + b + c + made(float(b), top) + "\n" for a, b, c in rows))
         self.mdm(name, name + ".dat", *COLUMNS)
 
     def mdm(self, name, data, columns, names):
@@ -131,7 +139,7 @@ IMPUTED = [f"imp{m + 1}" for m in range(M)]
 
 WEIGHTS = "LEVEL2WEIGHT:SCHGCSE\nLEVEL3WEIGHT:LEAGCSE\n"
 TWO = (HYPOTHESES, CONTRASTS)
-LAPLACE, QUADRATURE = "LAPLACE:Y,3\n", "AGQ:Y,3,3\nAGQNODES:FIXED\n"
+LAPLACE, QUADRATURE = "LAPLACE:Y,3\nAGQNODES:FIXED\n", "AGQ:Y,3,3\nAGQNODES:FIXED\n"
 
 
 def padded(hypotheses, n):
@@ -419,11 +427,91 @@ def plausible(check, place):
     for again in ("pv.kdr", "newcmd.kdr"):  # over its own numbered residual files
         done = place.run("pv.mdm", again)
         check(done.returncode == 0 and place.exists(f"resfil2_{M}.sav"), f"residual files, {again}: {done.stdout[-200:]}")
-    for kind in NONLINEAR:
-        place.write("pv.kdr", nonlinear(kind, plausvals="PLAUSVALS:PASS,GRADE\n", hypotheses="", output="refused.txt"))
-        done = place.run("imp1.mdm", "pv.kdr")
-        check(done.returncode == 100 and "You can not do a combination of non-linear and plausible values" in done.stdout
-              and not place.exists("refused.1"), f"{kind}: plausible values")
+    # Other outcomes, and predictors of their models.
+    stems = {"BERNOULLI": "PS", "POISSON": "CN", "ORDINAL,3": "GR", "MULTINOMIAL,3": "GR"}
+
+    def text(kind, value, predictor, plausvals=""):
+        held = "" if "," in kind else "FIXSIGMA2:1.0\n"
+        lines = nonlinear(kind, plausvals=plausvals, hypotheses="", options=held)
+        return lines.replace(f"LEVEL1:{NONLINEAR[kind][0]}=", f"LEVEL1:{value}=").replace("GCSECNT", predictor)
+    for kind, stem in stems.items():
+        for values in ([f"{stem}{m + 1}" for m in range(M)], gcses):
+            of = lambda value, more="": text(kind, *((value, "GC1") if values[0] != "GC1" else (stem + "1", value)), more)
+            singles = [place.single("pv", of(value)) for value in values]
+            place.write("pv.kdr", of(values[0], "PLAUSVALS:" + ",".join(values) + "\n"))
+            done = place.run("pv.mdm", "pv.kdr")
+            check(done.returncode == 0, f"{kind}, {values[0]}: {done.stdout[-300:]}")
+            rubin.compare(check, f"{kind}, {values[0]}", place.averaged(), singles)
+            what = "plausible" if values[0] == "GC1" else "outcome"
+            check(f" The {what} variables are: " + ",".join("%8s" % v for v in values) in place.averaged().text,
+                  f"{kind}, {values[0]}: the line of the variables")
+    place.write("pv.kdr", text("ORDINAL,3", "GR1", "GC1", "PLAUSVALS:GR1,OG\n"))
+    done = place.run("pv.mdm", "pv.kdr")
+    check(done.returncode == 100 and "The plausible value OG has other categories than the first one." in done.stdout
+          and "AVERAGED" not in place.read("out.avg"), f"other categories: {done.stdout[-200:]}")
+
+
+def engines(check, place):
+    """Averages and latent regression of an engine's estimates; what has no such estimates is none of them."""
+    bernoulli = nonlinear("BERNOULLI", hypotheses="", options="FIXSIGMA2:1.0\nRESULTS:run.json\n").replace("MACROIT:5", "MACROIT:30")
+    for engine, phase, words in (("AGQ:Y,50,5\n", "quadrature", "adaptive quadrature"), ("LAPLACE:Y,50\n", "laplace6", "Laplace-6")):
+        text = bernoulli.replace("LVR-BETA:N", "LVR-BETA:O,P").replace(
+            "GCSECNT=INTRCPT2+RANDOM/\nLEVEL3:INTRCPT2=INTRCPT3/", "GCSECNT=INTRCPT2/\nLEVEL3:INTRCPT2=INTRCPT3+RANDOM/") + engine
+        singles = []
+        for mdm in IMPUTED[:3]:
+            place.write("single.kdr", text)
+            done = place.run(mdm + ".mdm", "single.kdr")
+            check(done.returncode == 0, f"{phase}: {mdm}: {done.stdout[-300:]}")
+            singles.append(next(p for p in json.loads(place.read("run.json"))["phases"] if p["phase"] == phase))
+            check(f"From the estimates of {words}" in place.read("out.txt"), f"{phase}: whose regression is not told")
+            latent(check, place.read("out.txt"), singles[-1]["tau_beta"]["estimate"], f"{phase}, {mdm}")
+        codes = place.series(text, IMPUTED[:3])
+        check(codes == [0, 0, 0], f"{phase}: exit codes {codes}")
+        average = json.loads(place.read("run.json"))["phases"][0]
+        report_ = place.read("out.avg")
+        check(f"The averages are those of {words}." in report_ and average["estimates_of"] == phase
+              and average["variance_tests"] is None, f"{phase}: whose averages")
+        cells = lambda p: [([p["tau_pi"][what][0][0]] + [p["tau_beta"][what][i][j] for i in range(2) for j in range(i + 1)])
+                           for what in ("estimate", "standard_error")]
+        effects = lambda p: [[e["estimate"] for e in p["fixed_effects"]],
+                             [e["model_based"]["standard_error"] for e in p["fixed_effects"]]]
+        for pick in (cells, effects):
+            for i, (got, error) in enumerate(zip(*pick(average))):
+                x, e = zip(*((pick(p)[0][i], pick(p)[1][i]) for p in singles))
+                between = math.fsum((y - rubin.mean(x)) ** 2 for y in x) / (len(x) - 1)
+                want = math.sqrt(rubin.mean([y * y for y in e]) + (1 + 1 / len(x)) * between)
+                check(abs(got - rubin.mean(x)) < 1e-9 and abs(error - want) < 1e-9 * max(1, want),
+                      f"{phase}: element {i}: {got} ({error}), expected {rubin.mean(x)} ({want})")
+        for tau in ("tau_pi", "tau_beta"):
+            want = rubin.mean([p[tau]["reliability"] for p in singles], vector=True)
+            check(all(abs(a - b) < 1e-9 for a, b in zip(average[tau]["reliability"], want)), f"{phase}: reliabilities of {tau}")
+        latent(check, report_, average["tau_beta"]["estimate"], f"{phase}, averages")
+        place.write("pv.kdr", text.replace("PASS=", "PS1=").replace("GCSECNT", "GC1").replace(
+            "LEVEL1DELETION", "PLAUSVALS:PS1,PS2,PS3\nLEVEL1DELETION"))
+        done = place.run("pv.mdm", "pv.kdr")
+        check(done.returncode == 0 and f"The averages are those of {words}." in place.read("out.avg"), f"{phase}, plausible values")
+    # Too many nodes for every data set: each has PQL's results, and none is averaged.
+    codes = place.series(bernoulli + "AGQ:Y,50,190\n", IMPUTED[:2])
+    check(codes == [0, 0] and "No analysis of the series is usable" in place.read("out.avg"), f"no engine: {codes}")
+    check("WARNING: the engine has no results" in place.read("out.1") and "\nThese results do not reflect the failed subanalyses: 1 2"
+          in place.read("out.avg"), "no engine: what is told")
+    place.write("pv.kdr", bernoulli.replace("PASS=", "PS1=").replace("GCSECNT", "GC1").replace(
+        "LEVEL1DELETION", "PLAUSVALS:PS1,PS2\nLEVEL1DELETION") + "AGQ:Y,50,190\n")
+    done = place.run("pv.mdm", "pv.kdr")
+    check(done.returncode == 100 and "The engine has no results for this plausible value" in done.stdout, f"no engine: {done.stdout[-200:]}")
+    # Records of PQL are none to join.
+    place.write("series.kdr", bernoulli)
+    place.run("-mi0", "imp1.mdm", "series.kdr")
+    place.write("series.kdr", bernoulli + "AGQ:Y,50,5\n")
+    done = place.run("-mi1", "-e", "imp2.mdm", "series.kdr")
+    check(done.returncode == 100 and "another model" in done.stdout, f"a store of PQL: {done.stdout[-200:]}")
+
+
+def latent(check, text, taubeta, what):
+    """The slope of the regression of the first coefficient on the second."""
+    slopes = re.findall(r"B\d+,G\d+\* +(-?\d+\.\d+)", text[text.rindex("Latent Variable Regression Results"):])
+    want = taubeta[0][1] / taubeta[1][1]
+    check(slopes and abs(float(slopes[0]) - want) < 2e-5 * max(1, abs(want)), f"{what}: latent slope {slopes}, expected {want}")
 
 
 def results(text):
@@ -442,5 +530,6 @@ if __name__ == "__main__":
     uncomputable(check, place)
     leaving(check, place)
     plausible(check, place)
+    engines(check, place)
     kills(check, place, moments)
     check.finish()

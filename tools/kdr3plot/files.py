@@ -204,6 +204,7 @@ class Run:
         self.nonlinear = self.document["model"]["link"] != "identity"
         self.tables = None
         self.predictors = None
+        self.phase = None  # whose values the residual files have
 
     def read(self):
         if self.tables is not None:
@@ -226,6 +227,7 @@ class Run:
             graph = readgraphfile(path, data, self.nonlinear)
             if table:
                 self.check(table)
+                self.phase = mark.get("phase")
                 tables[table.level] = table
             elif graph is not None:
                 predictors = graph

@@ -153,7 +153,10 @@ def drawcoefficients(run, phase, robust=False, intercept=True, ratio=False, titl
 
 def source(kind, run):
     """Where a picture's numbers come from, where that may be another phase than a reader expects."""
-    return "PQL results" if run.nonlinear and kind != "coefficients" else ""
+    if not run.nonlinear or kind == "coefficients":
+        return ""
+    run.read()
+    return phasename({"phase": run.phase or "pql"})
 
 
 def draw(kind, run, o, title):

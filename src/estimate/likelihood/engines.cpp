@@ -41,6 +41,7 @@ PassResults resultsof(const Pass& pass, PassKind kind, const EngineResult& fit, 
   results.est.taupi = fit.estimates.taupi.copy();
   results.est.taubeta = fit.estimates.taubeta.copy();
   results.est.gammahat = fit.estimates.gamma.copy();
+  results.est.sigma2 = 1.0;
   results.degrees = before.degrees.copy();
   results.iteration = fit.iteration;
   results.loglik = fit.loglik;
@@ -232,6 +233,7 @@ MovingSettings movingsettings(const Pass& pass) {
   settings.outerproducts = pass.control().agqderivlevel == 1;
   settings.diagonalpi = pass.model().restrictions.diagtaupi;
   settings.diagonalbeta = pass.model().restrictions.diagtaubeta;
+  settings.posteriors = pass.analysis->wanted.posteriors;
   settings.threads = pass.analysis->threads;
   return settings;
 }
@@ -302,13 +304,18 @@ Failure runengine(Pass& pass, MacroState& state, const PassResults& before, cons
     takeshares(pass, state.moments, results);
     warnofseparation(state, results);
     takemoving(pass, moving, results);
+    results.reliabilities = std::move(moving.reliabilities);
     own(moving, results);
+    if (pass.analysis->wanted.posteriors)
+      state.posteriors = {made.kind, moving.points, {pass.est.gammahat.copy(), std::move(moving.posteriors)}};
     if (storefailure(pass.store)) return storefailure(pass.store);
     made.gamma = pass.est.gammahat.copy();
   }
   tellobserver(pass.observer().enginestands,
                EngineStage{made.engine, fit, results, false, moving.usable, {}, state.separation.known()});
-  if (moving.usable) made.stands = std::move(results);
+  if (!moving.usable) return {};
+  made.stands = std::move(results);
+  state.engine = made.kind;
   return {};
 }
 
@@ -321,10 +328,8 @@ Failure laplace(Pass& pass, MacroState& state, const PassResults& before, bool& 
   // The printed likelihood is lower than the marginal one by this constant.
   const double constant = 0.5 * static_cast<double>(pass.nunits1) * std::log(2.0 * M_PI);
   const MovingEngine made{Engine::laplace6, PassKind::laplace6, constant, state.laplacegamma, state.laplace6};
-  return runengine(pass, state, before, made, settings, stopped, [&](const MovingResult& moving, PassResults& results) {
-    const LaplaceFindings& found = moving.laplace;
-    results.reliabilities = {found.rel2.copy(), found.rel3.copy(), found.nrel2, found.nrel3};
-    takemodes(pass, found.u, found.v);
+  return runengine(pass, state, before, made, settings, stopped, [&](const MovingResult& moving, PassResults&) {
+    takemodes(pass, moving.laplace.u, moving.laplace.v);
   });
 }
 
@@ -367,6 +372,12 @@ std::string engineobstacle(const Model& model, const Control& control) {
   if (model.weighted) return formatted("A run with design weights cannot go on to %s.", engine);
   if (restricted || diagonal) return formatted("A run with restricted variance components cannot go on to %s.", engine);
   return model.outcome.categorical() ? categoryobstacle(model, control) : "";
+}
+
+std::optional<PassKind> lastengine(const Control& control) {
+  if (control.agqfixed) return std::nullopt;
+  if (control.agqpoints != 0) return PassKind::quadrature;
+  return control.laplace ? std::optional(PassKind::laplace6) : std::nullopt;
 }
 
 Failure maximumlikelihood(Pass& pass, MacroState& state, const PassResults& before) {

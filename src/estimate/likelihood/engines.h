@@ -1,6 +1,7 @@
 // The maximum-likelihood engines at the close of the unit-specific phase, each on a copy of the estimates.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -14,6 +15,10 @@ namespace kdr {
 // neither design weights nor elements of a tau that are held or equal, but for a diagonal one in quadrature: the model
 // that they fit would be another one.
 [[nodiscard]] std::string engineobstacle(const Model& model, const Control& control);
+
+// The last engine that the control asks for, if its results take the place of those of quasi-likelihood: those of
+// AGQNODES:FIXED don't.
+[[nodiscard]] std::optional<PassKind> lastengine(const Control& control);
 
 // What the observer is told of an engine that has ended.
 struct EngineStage {

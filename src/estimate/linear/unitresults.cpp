@@ -123,4 +123,35 @@ Posteriors posteriors(Pass& pass) {
   return all;
 }
 
+void level3results(const Pass& pass, const FittedEffects& fitted, int k, double missing, UnitResults& results) {
+  const std::size_t b = at(pass.b);
+  UnitResults::Level3& out = results.level3;
+  UnitMeans& means = results.means;
+  const double* v = fitted.random.v.data() + at(k) * b;
+  std::copy_n(v, b, out.EB.data());
+  out.OL.fill(missing);
+  level3weights(pass, k, means.weights.data());
+  level2means(pass.design, means.weights.data(), fitted.gamma.data(), means.theta.data());
+  std::copy(means.theta.begin(), means.theta.end(), means.thetastar.begin());
+  for (std::size_t i = 0; i < b; ++i) means.thetastar[i] += v[i];
+  for (std::size_t i = 0; i < at(pass.nbeta); ++i) {
+    const int column = pass.design.column2[i];
+    out.FV[i] = means.theta[column];
+    out.EC[i] = means.thetastar[column];
+  }
+  pack(pass.b, fitted.random.vvariance.data() + at(k) * b * b, out.PV.data());
+}
+
+void level2results(const Pass& pass, const FittedEffects& fitted, std::size_t unit, const double* level2,
+                   double missing, UnitResults& results) {
+  const std::size_t p = at(pass.p);
+  UnitResults::Level2& out = results.level2;
+  std::copy_n(fitted.random.u.data() + unit * p, p, out.EB.data());
+  out.OL.fill(missing);
+  level2coefficients(pass, level2, results.means.thetastar.data(), out.FV.data());
+  std::copy(out.FV.begin(), out.FV.end(), out.EC.begin());
+  for (std::size_t i = 0; i < p; ++i) out.EC[pass.design.random1[i]] += out.EB[i];
+  pack(pass.p, fitted.random.uvariance.data() + unit * p * p, out.PV.data());
+}
+
 }  // namespace kdr

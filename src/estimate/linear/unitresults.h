@@ -58,4 +58,17 @@ struct Posteriors {
 // What the store lacks at the end is told by its failure.
 [[nodiscard]] Posteriors posteriors(Pass& pass);
 
+// Fixed effects with the posteriors of the random ones, by another method than the pass. The random effects enter as
+// they are, without the scales of Z1 and Z2.
+struct FittedEffects {
+  Array<double> gamma;
+  Posteriors random;
+};
+// What level3results leaves, by these effects. There is no least-squares residual: OL is `missing`.
+void level3results(const Pass& pass, const FittedEffects& fitted, int k, double missing, UnitResults& results);
+// The same of level-2 unit number `unit` of the data set, which belongs to the level-3 unit at hand; `level2` is its
+// row of level-2 variables.
+void level2results(const Pass& pass, const FittedEffects& fitted, std::size_t unit, const double* level2,
+                   double missing, UnitResults& results);
+
 }  // namespace kdr

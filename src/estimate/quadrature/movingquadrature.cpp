@@ -6,6 +6,7 @@
 
 #include "core/formatted.h"
 #include "estimate/quadrature/onepoint.h"
+#include "estimate/quadrature/posteriormoments.h"
 #include "estimate/quadrature/regressionstart.h"
 #include "estimate/quadrature/spherical.h"
 #include "kernel/matrix.h"
@@ -278,6 +279,8 @@ void Search::fill(const Run& made, int points, MovingResult& result) const {
       "information.";
   if (made.noouter && std::find(result.warnings.begin(), result.warnings.end(), noouter) == result.warnings.end())
     result.warnings.push_back(noouter);
+  if (settings.posteriors) result.posteriors = posteriorsof(frame, made.ascent.point, likelihood.current.nodes);
+  if (!settings.sixth) result.reliabilities = reliabilitiesof(likelihood);
   result.covariance = made.errors.covariance.copy();
   result.edge = made.errors.edge;
   const std::vector<bool> zero = edgeelements(frame, made.ascent.point);
@@ -326,6 +329,7 @@ void Search::laplace(const Array<double>& start, MovingResult& result) {
                          "points, or AUTO in their place.");
   if (!result.usable || !settings.sixth) return;
   result.laplace = laplacefindings(likelihood);
+  result.reliabilities = std::move(result.laplace.reliabilities);
   if (result.laplace.largest > settings.sixthsmall)
     result.warnings.push_back(
         formatted("WARNING: the terms of the sixth order are not small: they change the log-likelihood of a level-%d "

@@ -11,7 +11,7 @@
 #include "estimate/ascent/ascent.h"
 #include "estimate/likelihood/parameters.h"
 #include "estimate/likelihood/unitrecords.h"
-#include "estimate/linear/pass.h"
+#include "estimate/linear/unitresults.h"
 #include "estimate/quadrature/quadratureloops.h"
 #include "estimate/quadrature/sixthorder.h"
 #include "kernel/array.h"
@@ -32,7 +32,8 @@ struct MovingSettings {
   int iterations = 100;        // upper bound of those of one number of points
   bool outerproducts = false;  // standard errors from the units' scores; steps and points are the same
   bool diagonalpi = false, diagonalbeta = false;
-  bool check = true;  // evaluate with the next number of points when the number is given
+  bool check = true;        // evaluate with the next number of points when the number is given
+  bool posteriors = false;  // those of the random effects are wanted: about (q + 1) q numbers of each level-2 unit
   int threads = 1;
   int unitlevel = 3;  // of the independent units, for words: 2 in data of two levels
   AscentSettings ascent{};
@@ -84,6 +85,8 @@ struct MovingResult {
   Array<double> covariance;  // P squared, of (vech taupi, vech taubeta, gamma); 0 in the rows of what has none
   std::vector<bool> edge;    // [P] a variance of 0, and its covariances: at the edge, without a standard error
   bool singularpi = false, singularbeta = false;  // a correlation of 1, or a variance of 0
+  Reliabilities reliabilities;
+  Posteriors posteriors;  // where they are wanted
   PointsCheck check;
   LaplaceFindings laplace;            // of Laplace-6
   std::vector<std::string> warnings;  // whole sentences

@@ -4,7 +4,7 @@
 #include <cmath>
 
 #include "estimate/likelihood/unitthreads.h"
-#include "estimate/linear/usable.h"
+#include "estimate/quadrature/posteriormoments.h"
 #include "estimate/quasi/family.h"
 #include "kernel/matrix.h"
 #include "kernel/products.h"
@@ -182,56 +182,6 @@ bool makesixthorder(const Frame& frame, const Level3Records& records, const doub
   return true;
 }
 
-namespace {
-
-// The sum of T_aa / (V + T)_aa, for the T of columns that the inverse I of `information` turns to V = to I to', and the
-// number of its terms.
-struct Reliability {
-  int order;
-  const Array<double>&to, &T;
-  double *sums, *count;
-
-  void add(const double* information) const {
-    const std::size_t n = at(order);
-    Array<double> inverse(n * n), half(n * n), V(n * n);
-    if (!invertcovariance(information, order, inverse.data())) return;
-    mulAB(half.data(), to.data(), inverse.data(), order, order, order);
-    mulABt(V.data(), half.data(), to.data(), order, order, order);
-    for (std::size_t a = 0; a < n; ++a) sums[a] += T[a * n + a] / (V[a * n + a] + T[a * n + a]);
-    ++*count;
-  }
-};
-
-// One level-3 unit at the modes that `work` holds.
-void addreliabilities(const Frame& frame, const SphericalPoint& point, std::size_t units, const ModeWork& work,
-                      const Reliability& level2, const Reliability& level3) {
-  const std::size_t npi = at(frame.npi), q = at(frame.q), r = at(frame.r), packed = packedsize(frame.npi);
-  const int op = frame.npi, oq = frame.q, orr = frame.r;
-  Array<double> M(npi * npi), MD(npi * q), ME(npi * r), dd(q * q), de(q * r), AC(q * q), kept(q * q), share(q * r),
-      information(r * r);
-  for (std::size_t j = 0; j < units; ++j) {
-    const double *sum = work.M.data() + j * packed, *Se = work.frames.Se.data() + j * npi * r;
-    for (std::size_t a = 0, e = 0; a < npi; ++a)
-      for (std::size_t b = 0; b <= a; ++b, ++e) M[a * npi + b] = M[b * npi + a] = sum[e];
-    mulAB(MD.data(), M.data(), frame.Sd.data(), op, oq, op);
-    mulAB(ME.data(), M.data(), Se, op, orr, op);
-    mulAtB(dd.data(), frame.Sd.data(), MD.data(), oq, oq, op);
-    mulAtB(de.data(), frame.Sd.data(), ME.data(), oq, orr, op);
-    level2.add(dd.data());
-    // sum W ee' - (sum W ed') A C2 A' (sum W de').
-    addAtB(information.data(), Se, ME.data(), orr, orr, op);
-    mulAB(AC.data(), point.A.data(), work.sweep.C2.data() + j * q * q, oq, oq, oq);
-    mulABt(kept.data(), AC.data(), point.A.data(), oq, oq, oq);
-    mulAB(share.data(), kept.data(), de.data(), oq, orr, oq);
-    for (std::size_t a = 0; a < r; ++a)
-      for (std::size_t b = 0; b < r; ++b)
-        for (std::size_t c = 0; c < q; ++c) information[a * r + b] -= de[c * r + a] * share[c * r + b];
-  }
-  level3.add(information.data());
-}
-
-}  // namespace
-
 LaplaceFindings laplacefindings(SphericalLikelihood& likelihood) {
   const Frame& frame = likelihood.frame;
   const SphericalState& state = likelihood.current;
@@ -240,8 +190,6 @@ LaplaceFindings laplacefindings(SphericalLikelihood& likelihood) {
   const SphericalPoint there = sphericalpoint(frame, state.point);
   const Parameters parameters = parametersof(frame, state.point);
   LaplaceFindings findings;
-  findings.rel2.reset(q);
-  findings.rel3.reset(r);
   findings.u.reset(frame.units2() * q);
   findings.v.reset(frame.units3() * r);
   Array<double> toU(q * q), toV(r * r), sums(frame.units3() * width);
@@ -255,22 +203,15 @@ LaplaceFindings laplacefindings(SphericalLikelihood& likelihood) {
     std::copy_n(state.nodes.w.data() + k * r, r, w);
     double* sum = sums.data() + k * width;
     if (jointmodes(frame, there, records, exactmodes, z, w, work))
-      addreliabilities(frame, there, units, work, {oq, frame.toD, parameters.taupi, sum, sum + q + r},
+      addreliabilities(frame, there, work.frames, units, work.M.data(), work.sweep.C2,
+                       {oq, frame.toD, parameters.taupi, sum, sum + q + r},
                        {orr, frame.toE, parameters.taubeta, sum + q, sum + q + r + 1});
     for (std::size_t j = 0; j < units; ++j)
       mulAB(findings.u.data() + (first + j) * q, toU.data(), z + j * q, oq, 1, oq);
     mulAB(findings.v.data() + k * r, toV.data(), w, orr, 1, orr);
   }));
-  for (std::size_t k = 0; k < frame.units3(); ++k) {
-    const double* sum = sums.data() + k * width;
-    for (std::size_t a = 0; a < q; ++a) findings.rel2[a] += sum[a];
-    for (std::size_t a = 0; a < r; ++a) findings.rel3[a] += sum[q + a];
-    findings.nrel2 += static_cast<int>(sum[q + r]);
-    findings.nrel3 += static_cast<int>(sum[q + r + 1]);
-  }
+  findings.reliabilities = meanreliabilities(frame, sums);
   for (const double change : state.shares) findings.largest = std::max(findings.largest, std::fabs(change));
-  for (double& sum : findings.rel2) sum = findings.nrel2 > 0 ? sum / findings.nrel2 : 0.0;
-  for (double& sum : findings.rel3) sum = findings.nrel3 > 0 ? sum / findings.nrel3 : 0.0;
   return findings;
 }
 

@@ -10,6 +10,7 @@
 
 #include <vector>
 
+#include "core/results.h"
 #include "estimate/quadrature/spherical.h"
 #include "kernel/array.h"
 
@@ -45,8 +46,7 @@ struct SixthOrder {
 //   taubeta_aa / (V + taubeta)_aa,  V = inverse of the information of a level-3 unit on its effects but for their prior
 // over the units that have a V, how many they are, the modes of u and v, and how much the sixth order says.
 struct LaplaceFindings {
-  Array<double> rel2, rel3;  // [q], [r]
-  int nrel2 = 0, nrel3 = 0;
+  Reliabilities reliabilities;
   Array<double> u, v;    // J2 by q, J3 by r
   double largest = 0.0;  // absolute value of log(1 - S) of a level-3 unit
 };

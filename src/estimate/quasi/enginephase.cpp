@@ -44,6 +44,7 @@ Failure enginesalone(ChainFit& fit, Failure failure) {
                MacroEvent{state.end, state.macro, state.unitspecific, state.separation, &failure});
   fit.pass.est.sigma2 = 1.0;  // which the outcome implies
   if (Failure broken = maximumlikelihood(fit.pass, state, state.unitspecific)) return broken;
+  tellobserver(state.analysis.observer.enginesover, ChainPass{state, fit.pass, state.unitspecific});
   return state.laplace6 || state.quadrature ? Failure{} : std::move(failure);
 }
 

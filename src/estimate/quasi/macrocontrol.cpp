@@ -126,7 +126,8 @@ std::string failedwords(const MacroEvent& event) {
   return formatted("WARNING: quasi-likelihood (PQL) has no estimates. It ended at macro iteration %d: ", event.macro) +
          why +
          ".\nMaximum likelihood begins from a regression without random effects.\n"
-         "There are no results of PQL, no population average, and no residual or graph files.";
+         "There are no results of PQL and no population average, and no residual or graph files but those of an "
+         "engine.";
 }
 
 Failure lookforseparation(MacroState& state) {

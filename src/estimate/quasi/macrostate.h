@@ -8,6 +8,7 @@
 #include "estimate/linear/designmoments.h"
 #include "estimate/linear/iteration.h"
 #include "estimate/linear/recordunits.h"
+#include "estimate/linear/unitresults.h"
 
 namespace kdr {
 
@@ -30,6 +31,13 @@ struct Separation {
   bool searched = false;              // findseparation has been here
 
   [[nodiscard]] bool known() const { return !warnings.empty(); }
+};
+
+// The random effects by an engine: by integration, of one point the modes.
+struct EnginePosteriors {
+  PassKind kind = PassKind::quadrature;
+  int points = 0;
+  FittedEffects effects;
 };
 
 struct MacroState {
@@ -67,6 +75,13 @@ struct MacroState {
   std::optional<DesignMoments> moments;  // of the identity pass, where shares of variance are asked for
   PassResults unitspecific;              // of the last pass of the unit-specific phase
   std::optional<PassResults> laplace6, quadrature, average;
+  // The last engine that has results, of those that don't repeat earlier versions (AGQNODES:FIXED), and its random
+  // effects where they are wanted.
+  std::optional<PassKind> engine;
+  std::optional<EnginePosteriors> posteriors;
+  [[nodiscard]] const PassResults* engineresults() const {
+    return !engine ? nullptr : *engine == PassKind::quadrature ? &*quadrature : &*laplace6;
+  }
   // The fixed effects that each phase went on with; empty for one that has none.
   Array<double> unitspecificgamma, laplacegamma, quadraturegamma;
 };

@@ -7,6 +7,7 @@
 #include "core/formatted.h"
 #include "driver/runrecord.h"
 #include "report/modelrows.h"
+#include "report/residual/residualfiles.h"
 
 namespace kdr {
 
@@ -35,7 +36,7 @@ struct Given {
 };
 
 // What a column would be called in the text forms and in the SPSS form if no other had the name.
-struct Wanted {
+struct WantedName {
   ColumnGroup group;
   int place, level;  // as in ResidualColumn
   std::string text;
@@ -43,7 +44,7 @@ struct Wanted {
   std::string full;  // empty: the short name is the full one
   std::string label;
 };
-using WantedList = std::vector<Wanted>;
+using WantedList = std::vector<WantedName>;
 
 std::string number(int n) { return std::to_string(n); }
 
@@ -79,6 +80,9 @@ std::string categoryprefix(int set) {
 }
 std::string setprefix(int set) { return multinomialrun() ? number(set + 1) : std::string(); }
 
+// Whether the level-1 file has columns on the scale of the outcome: in runs whose files may be an engine's.
+bool withresponse() { return run.model.outcome.single() && residualsofengine(); }
+
 void addfit(WantedList& list) {
   const auto add = [&](const std::string& text, const std::string& shortname) {
     list.push_back({ColumnGroup::fit, static_cast<int>(list.size()), 0, text, shortname, {}, {}});
@@ -91,6 +95,8 @@ void addfit(WantedList& list) {
     for (int c = 1; c < run.model.outcome.categories; ++c) add("FITVAL_" + number(c), "FITVAL" + number(c));
   }
   add("SIGMA", "SIGMA");
+  if (withresponse())
+    for (const char* name : {"FITMU", "RAWRES", "PEARSON"}) add(name, name);
 }
 
 void addchosen(WantedList& list, int level, const Array<int>& variables, int n) {
@@ -229,6 +235,7 @@ ResidualColumns residualcolumns(int level) {
 
   ResidualColumns columns;
   columns.level = level;
+  columns.response = level == 1 && withresponse();
   columns.withid3 = !run.mdm.twolevel();
   for (const int which : {0, 1}) {
     const std::vector<std::string>& whole = run.mdm.texts.ids[1 - which];
@@ -240,7 +247,7 @@ ResidualColumns residualcolumns(int level) {
     columns.eachid([&](int which) { given->take(ResidualColumns::idname(which), shortwidth); });
     if (level > 1) given->take(columns.countname(), shortwidth);
   }
-  for (const Wanted& wanted : list) {
+  for (const WantedName& wanted : list) {
     ResidualColumn column{wanted.group,
                           wanted.place,
                           wanted.level,

@@ -7,6 +7,7 @@
 
 #include "data/unitreader.h"
 #include "estimate/linear/recordunits.h"
+#include "estimate/linear/unitresults.h"
 
 namespace kdr {
 
@@ -17,16 +18,35 @@ namespace kdr {
 // alone begin as raw data that it reads.
 [[nodiscard]] bool isownspss(const std::string& path);
 
-// Writes the files of run.out.resfil1, resfil2 and resfil3 from a finished pass after variancetests. The level-1 file
-// comes first, in a walk of its own through the file `working`, whose records lie as `layout` tells. A failed write
-// is failure 5 and leaves none of the file.
-void writeresidualfiles(Pass& pass, const WorkingFile& working, const RecordLayout& layout);
+// Whether the run asks for residual and graph files of its last engine that has results. Engines with fixed nodes
+// repeat what earlier versions did: their files are those of quasi-likelihood.
+[[nodiscard]] bool residualsofengine();
 
-// Walks the working data file beside the store. Calls use(k, unit, fitted) for every level-2 unit that has records:
-// k its level-3 unit, `unit` its block as the analysis had it, fitted[i] the fitted value of record i,
+// Whose values the files have: those of a finished pass after variancetests, or of `engine`, with which nothing of the
+// pass is used but its design and the numbers of units.
+struct ResidualSource {
+  Pass& pass;
+  const WorkingFile& working;  // the records as the analysis had them, in the `layout`
+  const RecordLayout& layout;
+  std::string phase;                      // of the results document
+  std::string label;                      // of the forms that have one; may be empty
+  const FittedEffects* engine = nullptr;  // null: the pass
+  const Array<double>* counts = nullptr;  // trials or exposure of each record; null or empty: 1
+};
+
+// Writes the files of run.out.resfil1, resfil2 and resfil3. The level-1 file comes first, in a walk of its own through
+// the file of the records. A failed write is failure 5 and leaves none of the file.
+void writeresidualfiles(const ResidualSource& of);
+
+// The walk through all level-2 units with records, their values in `results`: begin(k) before the units of level-3 unit
+// k, use(k, unit) for each of them, `unit` its block as the analysis had it.
+void eachunit(const ResidualSource& of, double missing, UnitResults& results, const std::function<void(int k)>& begin,
+              const std::function<void(int k, const UnitBlock& unit)>& use, const std::function<void(int k)>& end);
+
+// Calls use(k, unit, fitted) likewise: fitted[i] is the fitted value of record i,
 //   M gamma + z Z2 v + d Z1 u.
 // For a run with one equation set.
-void eachfittedunit(Pass& pass, const WorkingFile& working, const RecordLayout& layout,
+void eachfittedunit(const ResidualSource& of,
                     const std::function<void(int k, const UnitBlock& unit, const double* fitted)>& use);
 
 }  // namespace kdr

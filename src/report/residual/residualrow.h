@@ -1,6 +1,8 @@
 // A residual file under way and one of its rows.
 #pragma once
 
+#include <string>
+
 #include "core/codes.h"
 #include "data/mdm.h"
 #include "driver/resultfile.h"
@@ -10,6 +12,7 @@ namespace kdr {
 
 struct ResidualFile {
   ResidualForm form = ResidualForm::spss;
+  std::string label;  // of the file, where the form has one: whose values these are
   ResidualColumns columns;
   int countwidth = 5;  // SYSTAT and SAS: columns of the number of members
   ResultFile out;

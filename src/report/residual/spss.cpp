@@ -61,7 +61,7 @@ int slots(const ResidualColumns& layout) {
 // What the files begin with; the version follows.
 std::string mark() { return std::string("$FL2@(#) SPSS DATA FILE from ") + module + " version "; }
 
-void puthead(ResultFile& out, const ResidualColumns& layout, int cases) {
+void puthead(ResultFile& out, const ResidualColumns& layout, const std::string& label, int cases) {
   char text[65];
   std::snprintf(text, sizeof text, "%s%.2f", mark().c_str(), std::atof(version));
   puttext(out, text, 64);
@@ -72,7 +72,7 @@ void puthead(ResultFile& out, const ResidualColumns& layout, int cases) {
   const std::tm& now = run.id.started;
   std::snprintf(text, sizeof text, "%2d %3s %02d%2d:%2d:%2d", now.tm_mday, months[now.tm_mon % 12], now.tm_year - 100,
                 now.tm_hour, now.tm_min, now.tm_sec);
-  puttext(out, text, 84);
+  puttext(out, text + cut(label, 64), 84);
 }
 
 // The record that pairs short and full names; nothing when no column has a full name of its own.
@@ -114,7 +114,7 @@ void putencoding(ResultFile& out, const ResidualColumns& layout) {
 void writeheadspss(ResidualFile& file, int cases) {
   const ResidualColumns& layout = file.columns;
   ResultFile& out = file.out;
-  puthead(out, layout, cases);
+  puthead(out, layout, file.label, cases);
   layout.eachid([&](int which) {
     if (!layout.textid[which]) return putvariable(out, 0, false, formatF8_0, ResidualColumns::idname(which));
     const auto width = static_cast<std::int32_t>(idwidth(layout, which));

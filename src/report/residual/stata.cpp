@@ -66,7 +66,8 @@ void writeheadstata(ResidualFile& file, int cases) {
   writeresult(out, std::string_view("\x71\2\1\0", 4));
   writevalue(out, static_cast<std::uint16_t>(list.size()));
   writevalue<std::int32_t>(out, cases);
-  putpadded(out, {}, 81 + 18);
+  putpadded(out, cut(file.label, longestlabel), 81);
+  putpadded(out, {}, 18);
   for (const Variable& variable : list) writevalue(out, variable.type);
   for (const Variable& variable : list) putpadded(out, variable.name, 33);
   putpadded(out, {}, 2 * list.size() + 2);

@@ -1,0 +1,199 @@
+"""Residual files, graph file, reliabilities, latent regression and document of runs with engines.
+
+Random effects against integrals and modes computed from their definition (tests/reference/posteriormoments.py) and against
+those of glmer; what hangs on them by their formulas; the same files in all forms, of the same run again, and of PQL on request.
+
+    posteriors_test.py PROGRAM
+"""
+import json
+import sys
+
+import numpy as np
+
+from program import NOFEATURES, REFERENCE, Checks, Workplace, body
+from residualfiles import FORMS, read, readgraph
+sys.path.append(str(REFERENCE))
+import posteriormoments as oracle
+
+check = Checks()
+work = Workplace(sys.argv[1])
+KIND = {"bernoulli": "BERNOULLI", "binomial": "BINOMIAL,N", "poisson": "POISSON", "exposure": "POISSON,N"}
+FILES = "RESFIL1:Y/X\nRESFIL2:Y/W\nRESFIL3:Y/Z\nRESFILTYPE:FREEFORMAT\n"
+
+
+def make(case):
+    rows = oracle.data(case)
+    np.savetxt(work.folder / "made.csv", rows, delimiter=",", header="K,J,Y,N,X,W,Z", comments="", fmt="%g")
+    done = work.run("-from", "made.csv", "-level3", "K", "-level2", "J", "-level1", "Y,N,X", case + ".mdm")
+    assert done.returncode == 0, done.stdout
+    return rows
+
+
+def commands(case, engine, files=FILES, extra=""):
+    outcome, q, r = oracle.CASES[case]
+    random = lambda wanted: "+RANDOM" if wanted else ""
+    return (f"NONLIN:{KIND[outcome]}\nMACROIT:100,N\nMICROIT:200\nSTOPMICRO:0.0000001\nFIXSIGMA2:1.0\n{engine}"
+            f"LEVEL1:Y=INTRCPT1+X+RANDOM\nLEVEL2:INTRCPT1=INTRCPT2+W+RANDOM/\nLEVEL3:INTRCPT2=INTRCPT3+Z+RANDOM/\n"
+            f"LEVEL3:W=INTRCPT3/\nLEVEL2:X=INTRCPT2{random(q > 1)}/\nLEVEL3:INTRCPT2=INTRCPT3{random(r > 1)}/\n"
+            f"{NOFEATURES}{files}GRAPHGAMMAS:graph.bin\nRESULTS:run.json\nTITLE:\nOUTPUT:run.txt\n{extra}")
+
+
+def run(case, engine, code=0, **more):
+    work.write("run.kdr", commands(case, engine, **more))
+    done = work.run(case + ".mdm", "run.kdr", *(["-strict"] if code else []))
+    check(done.returncode == code, f"{case}, {engine!r}: code {done.returncode}: {done.stdout[-300:]}")
+    return json.loads(work.read("run.json")), work.read("run.txt")
+
+
+def tables(form="FREEFORMAT"):
+    return {level: read(str(work.folder), form, level) for level in (1, 2, 3)}
+
+
+def estimates(phase):
+    matrix = lambda name: np.array(phase[name]["estimate"])
+    return np.array([e["estimate"] for e in phase["fixed_effects"]]), matrix("tau_pi"), matrix("tau_beta")
+
+
+def triangle(matrix):
+    return [matrix[i, j] for i in range(len(matrix)) for j in range(i + 1)]
+
+
+def compare(case, rows, phase, found, tolerance, name):
+    """The rows of some level-3 units, and all that belongs to them, against what was found of these."""
+    gamma, Tp, Tb = estimates(phase)
+    files = tables()
+    same = lambda what, got, want, allowed=tolerance: check(
+        np.max(np.abs(np.array(got, float) - np.array(want, float)) / np.maximum(1, np.abs(want))) < allowed,
+        f"{name}: {what} is {got}, expected {want}")
+    id3 = [int(float(row[0])) for row in files[3].rows]
+    id2 = [(int(float(row[0])), int(float(row[1]))) for row in files[2].rows]
+    first = 0
+    for k, (unit, one) in found.items():
+        q, r, base = unit.q, unit.r, gamma[:3] @ unit.g[0, :3]
+        row = files[3].rows[id3.index(k)][2:]
+        fitted3 = [gamma[0] + gamma[1] * unit.g[0, 1], gamma[2], gamma[3]]
+        same(f"EB of unit {k}", row[:r], one["v"])
+        check(row[r:2 * r] == [None] * r, f"{name}: OL of unit {k}: {row[r:2 * r]}")
+        same(f"FV of unit {k}", row[2 * r:2 * r + 3], fitted3)
+        places = [0] + [2] * (r > 1)
+        fitted3 = np.array(fitted3)
+        fitted3[places] += one["v"]
+        same(f"EC of unit {k}", row[2 * r + 3:2 * r + 6], fitted3)
+        same(f"PV of unit {k}", row[2 * r + 6:2 * r + 6 + len(triangle(Tb))], triangle(one["vv"]))
+        v = np.append(one["v"], 0)[:2]
+        for j in range(unit.units):
+            row = files[2].rows[id2.index((k, j))][3:]
+            w = unit.g[unit.j == j][0, 2]
+            mine = np.array([gamma[0] + gamma[1] * unit.g[0, 1] + gamma[2] * w + v[0], gamma[3] + v[1]])
+            same(f"EB of unit {k} {j}", row[:q], one["u"][j])
+            check(row[q:2 * q] == [None] * q, f"{name}: OL of unit {k} {j}")
+            same(f"FV of unit {k} {j}", row[2 * q:2 * q + 2], mine)
+            mine[:q] += one["u"][j]
+            same(f"EC of unit {k} {j}", row[2 * q + 2:2 * q + 4], mine)
+            same(f"PV of unit {k} {j}", row[2 * q + 4:2 * q + 4 + len(triangle(Tp))], triangle(one["uu"][j]))
+        eta = unit.g @ gamma + unit.e @ one["v"] + np.sum(unit.d * one["u"][unit.j], 1)
+        mean, variance = unit.mean(eta)
+        records = np.array([row[2:8] for row in files[1].rows if int(float(row[0])) == k], float)
+        want = [(unit.y - mean) / variance, eta, np.ones(len(eta)), mean, unit.y - mean, (unit.y - mean) / np.sqrt(variance)]
+        for what, got, x in zip(files[1].names[2:8], records.T, want):
+            same(f"{what} of unit {k}", got, x, 10 * tolerance)
+    return files
+
+
+def reads(name, document, report, phase, words):
+    check(words in report, f"{name}: the report doesn't say {words!r}")
+    check({mark["phase"] for mark in document["checksums"]} == {phase}, f"{name}: {document['checksums']}")
+    return next(p for p in document["phases"] if p["phase"] == phase)
+
+
+# Posterior means and variances, of every outcome; five units each.
+POINTS = {"bernoulli11": (21, 61), "bernoulli21": (15, 33), "bernoulli22": (7, 21), "binomial12": (11, 41),
+          "poisson11": (21, 97), "exposure21": (15, 45)}
+for case, (points, steps) in POINTS.items():
+    rows = make(case)
+    document, report = run(case, f"AGQ:Y,100,{points}\n", code=0)
+    phase = reads(case, document, report, "quadrature", "The residual files and the graph data file have the random effects of "
+                  f"adaptive quadrature ({points} points for each effect): posterior means and variances.")
+    chosen = range(25) if case in ("bernoulli11", "poisson11") else range(5 if case != "bernoulli22" else 2)
+    units = {k: oracle.Unit(case, k, rows) for k in chosen}
+    gamma, Tp, Tb = estimates(phase)
+    found = {k: (unit, oracle.integrals(unit, gamma, Tp, Tb, steps)) for k, unit in units.items()}
+    files = compare(case, rows, phase, {k: found[k] for k in list(found)[:5]}, 2e-3 if case == "bernoulli22" else 5e-5, case)
+    if len(found) == 25:
+        want = oracle.reliabilities([f[0] for f in found.values()], [f[1] for f in found.values()], Tp[0, 0], Tb[0, 0])
+        got = [phase[tau]["reliability"][0] for tau in ("tau_pi", "tau_beta")]
+        check(np.allclose(got, want, atol=2e-5), f"{case}: reliabilities {got}, expected {want}")
+    graph = readgraph(str(work.folder / "graph.bin"), str(work.folder / (case + ".mdm")), nonlinear=True)
+    q, r = oracle.CASES[case][1:]
+    check(np.allclose(graph["gamma"], gamma) and np.allclose(graph["quadrature"], gamma), f"{case}: gamma of the graph file")
+    for level, n, at in ((2, q, 3), (3, r, 2)):
+        for a in range(n):
+            check(np.allclose(graph[f"level{level}"][f"EB{a + 1}"], [row[at + a] for row in files[level].rows], atol=2e-6),
+                  f"{case}: EB of level {level} in the graph file")
+    check(np.allclose(graph["fitted"]["FITVAL"], files[1].column("FITVAL"), atol=2e-6), f"{case}: graph file, fitted values")
+
+# One point and Laplace-6: modes and curvature.
+make("poisson11")
+for case, engine, phase, words in (("poisson11", "AGQ:Y,100,1\n", "quadrature", "the first-order Laplace approximation"),
+                                   ("bernoulli21", "LAPLACE:Y,100\n", "laplace6", "Laplace-6"),
+                                   ("binomial12", "AGQ:Y,100,1\n", "quadrature", "the first-order Laplace approximation")):
+    rows = oracle.data(case)
+    document, report = run(case, engine)
+    made = reads(case, document, report, phase, f"have the random effects of {words}: modes and the curvature there.")
+    units = {k: oracle.Unit(case, k, rows) for k in range(5)}
+    compare(case, rows, made, {k: (unit, oracle.modes(unit, *estimates(made))) for k, unit in units.items()}, 2e-5, words)
+
+# The same by glmer.
+document, report = run("poisson11", "AGQ:Y,100,1\n")
+files, pairs = tables(), {"u": [], "v": []}
+mine = {"v": {(int(float(row[0])),): row[2] for row in files[3].rows},
+        "u": {(int(float(row[0])), int(float(row[1]))): row[3] for row in files[2].rows}}
+for line in (REFERENCE / "posteriorsglmer.out").read_text().splitlines()[1:]:
+    which, *key, value = line.split()
+    pairs[which].append((float(value), mine[which][tuple(map(int, key))]))
+for which, both in pairs.items():
+    x, y = np.array(both).T
+    slope = np.cov(x, y)[0, 1] / np.var(x, ddof=1)
+    check(len(x) == len(mine[which]) and np.corrcoef(x, y)[0, 1] > 0.99999 and abs(slope - 1) < 0.003,
+          f"{which}: correlation {np.corrcoef(x, y)[0, 1]}, slope {slope} with glmer")
+
+# All forms hold the same; a run of newcmd.kdr repeats them.
+engine = "AGQ:Y,100,7\n"
+document, report = run("bernoulli21", engine)
+plain = tables()
+again = work.run("bernoulli21.mdm", "newcmd.kdr")
+check(again.returncode == 0 and body(work.read("run.txt"))[3:] == body(report)[3:], "newcmd.kdr repeats the report")
+check(tables()[1].rows == plain[1].rows and tables()[3].rows == plain[3].rows, "newcmd.kdr repeats the files")
+for form in FORMS:
+    run("bernoulli21", engine, files=FILES.replace("FREEFORMAT", form))
+    made = tables(form)
+    for level, table in made.items():
+        near = all((a is None) == (b is None) and (a is None or isinstance(a, str) or abs(a - b) < 1e-5)
+                   for mine, row in zip(table.rows, plain[level].rows) for a, b in zip(mine[2:], row[2:]))
+        check(near and len(table.rows) == len(plain[level].rows), f"{form}: level {level} is another")
+    label = b"Random effects by adaptive quadrature (7 points for each effect)"
+    if form in ("SPSS", "STATA"):
+        check(label in (work.folder / (FORMS[form][1] % 2)).read_bytes()[:200], f"{form}: no label")
+
+# Of PQL on request, and with fixed nodes: the files of a run without an engine, byte by byte.
+names = [FORMS["FREEFORMAT"][1] % level for level in (1, 2, 3)]
+run("bernoulli21", "")
+without, plainpql = [work.read(name) for name in names], tables()
+for extra in ("RESFILOF:PQL\n", "AGQNODES:FIXED\n"):
+    document, report = run("bernoulli21", "AGQ:Y,20,5\n", extra=extra)
+    check([work.read(name) for name in names] == without, f"{extra!r}: other files than those of PQL")
+    check({(mark["file"], mark["phase"]) for mark in document["checksums"]} ==
+          {(name, "pql") for name in names} | {("graph.bin", "population_average")}, f"{extra!r}: {document['checksums']}")
+    check("The residual files have the random effects of quasi-likelihood (PQL)." in report, f"{extra!r}: who is not told")
+    check(("RESFILOF:PQL" in work.read("newcmd.kdr")) == ("RESFILOF" in extra), f"{extra!r} in newcmd.kdr")
+# An engine without results leaves those of PQL, in the same columns.
+document, report = run("bernoulli21", "AGQ:Y,100,150\n", code=20)
+files = tables()
+check([[row[:5] for row in files[1].rows], files[2].rows] == [[row[:5] for row in plainpql[1].rows], plainpql[2].rows],
+      "an engine without results: other files than those of PQL")
+check(files[1].names[2:8] == ["L1RESID", "FITVAL", "SIGMA", "FITMU", "RAWRES", "PEARSON"], f"columns {files[1].names}")
+rows = np.array([row[2:8] for row in files[1].rows], float)
+mu, y = 1 / (1 + np.exp(-rows[:, 1])), oracle.data("bernoulli21")[:, 2]
+check(np.allclose(rows[:, 3:], np.stack([mu, y - mu, (y - mu) / np.sqrt(mu * (1 - mu))], 1), atol=1e-5), "the response of PQL")
+check("The residual files have the random effects of quasi-likelihood (PQL)." in report, "who is not told")
+check.finish()
