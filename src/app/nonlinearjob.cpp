@@ -252,7 +252,7 @@ void enginefiles(const ChainPass& pass) {
     enginesfiles(pass);
     tellwhosefiles(pass);
   }
-  if (run.out.printvc == VarianceFiles::none || categorical(pass) || pass.state.end == MacroEnd::failed) return;
+  if (run.out.printvc == VarianceFiles::none || (categorical(pass) && !wantsengine()) || pass.state.end == MacroEnd::failed) return;
   const Estimates& est = pass.pass.est;
   if (run.control.laplace) {
     writegammafile(populationgammafile, est.gammahat, est.covariance());
