@@ -5,6 +5,7 @@
  *   kdr3_data_make     columns in memory, in any order of rows       or kdr3_data_open, an MDM file
  *   kdr3_model_make    the outcome; then kdr3_model_level1, _level2, _level3: the equations, term by term
  *   kdr3_model_set     what differs from the defaults, by the names of the guide's keywords
+ *   kdr3_formula_make  in the place of these three: a formula and a table give the data and the model
  *   kdr3_fit           the estimation; an observer sees it and may stop it
  *   kdr3_result_...    estimates, covariances, warnings as arrays and sentences
  *   kdr3_..._free      each handle, in any order
@@ -35,6 +36,7 @@ extern "C" {
 /* Rises when a struct or a function changes its meaning; additions leave it. */
 #define KDR3_ABI 1
 KDR3_PUBLIC int kdr3_abi(void);
+/* "7.1.0": that of the library and of the packages. */
 KDR3_PUBLIC const char* kdr3_version(void);
 
 typedef enum { KDR3_OK = 0, KDR3_WARNING = 1, KDR3_ERROR = 2 } kdr3_status;
@@ -130,7 +132,99 @@ KDR3_PUBLIC kdr3_status kdr3_model_hypothesis(kdr3_model* model, size_t rows, si
 KDR3_PUBLIC kdr3_status kdr3_model_restrict(kdr3_model* model, int level, size_t order, const double* fixed,
                                             const int* groups);
 
+/* Starting values in the order of the results: gamma [g], taupi [p * p], taubeta [b * b], sigma2. A fit of nearly the
+ * same data that starts where another ended takes a few iterations. Of normal outcomes only. */
+KDR3_PUBLIC kdr3_status kdr3_model_start(kdr3_model* model, size_t g, const double* gamma, size_t p,
+                                         const double* taupi, size_t b, const double* taubeta, double sigma2);
+
+/* Fits of the model are followed by a bootstrap of so many replicates, 0 for none: outcomes drawn from the fit, or with
+ * `cases` its level-3 units (of two levels those of level 2) drawn with replacement. The results document then has its
+ * intervals, and kdr3_result_replicates the estimates. The seed alone tells what is drawn, whatever the number of
+ * threads, which is that of THREADS. Errors: a model that has none, as with design weights. */
+KDR3_PUBLIC kdr3_status kdr3_model_bootstrap(kdr3_model* model, int replicates, uint64_t seed, int cases);
+
 KDR3_PUBLIC void kdr3_model_free(kdr3_model* model);
+
+/* ---- Formulas -------------------------------------------------------------------------------------------------- */
+
+/* A formula in the language of -fit (docs/formulas.md) with the data and the model that it makes of a table. */
+typedef struct kdr3_formula kdr3_formula;
+
+/* A column of a table with a row for each record, as a formula names it. Set `size` to sizeof(kdr3_field). */
+typedef struct {
+  size_t size;
+  const char* name;
+  kdr3_type type;     /* KDR3_TEXT: names, of a factor or of units; or an integer type with labels */
+  const void* values; /* as those of kdr3_column, with its stride and its missing values */
+  ptrdiff_t stride;
+  const unsigned char* missing;
+  const char* const* labels; /* [labelcount] names of the codes first, first + 1, ...; other codes are missing values */
+  size_t labelcount;
+  int first;
+  int ordered; /* 1: the labels stand in the order of the factor's levels; 0: by the alphabet */
+} kdr3_field;
+
+/* What stands beside the formula, as the options of -fit do; null for none. Set `size` to sizeof(kdr3_options). */
+typedef struct {
+  size_t size;
+  const char *family, *engine, *points;
+  const char *trials, *exposure, *offset;     /* columns; an offset is added to what offset() says */
+  const char *weights1, *weights2, *weights3; /* columns of design weights */
+} kdr3_options;
+
+/* The columns that a formula names, in its order and each once, as kdr3_formula_text hands them out by KDR3_COLUMNS of
+ * the handle, which has neither data nor model; a table needs these alone. */
+KDR3_PUBLIC kdr3_status kdr3_formula_read(const char* formula, kdr3_formula** made);
+
+/* Makes data and model. Records with a missing value of what the formula uses are left out, and said to be. Errors:
+ * what the formula, or a table that it cannot be fitted to, is refused with, in lines of text, the second and third of
+ * which may be the place in the formula with carets under it. */
+KDR3_PUBLIC kdr3_status kdr3_formula_make(const char* formula, const kdr3_options* options, size_t records,
+                                          size_t count, const kdr3_field* fields, kdr3_formula** made);
+
+/* The model, for kdr3_model_set and its like, and for kdr3_fit. It lives as long as the formula. */
+KDR3_PUBLIC kdr3_model* kdr3_formula_model(kdr3_formula* formula);
+
+typedef enum {
+  KDR3_COLUMNS,   /* the columns that the formula names */
+  KDR3_REMARKS,   /* what it made of the table, a sentence each: factors, records left out */
+  KDR3_WARNINGS,  /* those of them that a reader of the results has to know */
+  KDR3_EFFECTS,   /* the columns of the model matrix, under the names and in the order of R */
+  KDR3_TERMS,     /* the term that each of these is a column of: "year:sex" */
+  KDR3_RANDOM2,   /* the random effects of level 2, in the order of tau(pi), and */
+  KDR3_RANDOM3,   /* those of level 3, in the order of tau(beta), by the columns that they multiply */
+  KDR3_GROUPINGS, /* "school:pupil", the grouping of level 2, and that of level 3 where there is one */
+  KDR3_GROUPS2,   /* the columns that together tell a unit of level 2, and */
+  KDR3_GROUPS3,   /* of level 3 */
+  KDR3_OUTCOME,   /* the outcome as the formula has it; the family; the engine: "", "pql", "laplace6", "quadrature" */
+  KDR3_LEVELS     /* the values of an outcome with names, in their order: the second of two is the event */
+} kdr3_words;
+/* The i-th of these words, null behind the last. Valid as long as the formula. */
+KDR3_PUBLIC const char* kdr3_formula_text(const kdr3_formula* formula, kdr3_words words, size_t i);
+
+/* places [effects]: the place that column i of the model matrix has among the fixed effects of a result, of an outcome
+ * without categories. With them the thresholds of an ordinal one come behind all others, and the effects of a
+ * multinomial one stand there for each category in turn. */
+KDR3_PUBLIC kdr3_status kdr3_formula_order(const kdr3_formula* formula, size_t* places);
+
+/* The records that the model uses, in the order of their units, which is that of the results: their rows in the table,
+ * and the number of the unit of each at levels 2 and 3. `count` gets how many they are; the others may be null. */
+KDR3_PUBLIC kdr3_status kdr3_formula_records(const kdr3_formula* formula, size_t* count, size_t* rows, size_t* unit2,
+                                             size_t* unit3);
+
+/* The columns of KDR3_EFFECTS, KDR3_RANDOM2 or KDR3_RANDOM3 over the rows of a table, [records * columns] row by row,
+ * with the factors, means, scales and polynomials of the data that the model was made of; NaN in a row with a missing
+ * value or a level that those data have not. Without fields they are those of the model's own records, in the order of
+ * kdr3_formula_records. Errors: a missing column; means over units, which new data do not have. */
+KDR3_PUBLIC kdr3_status kdr3_formula_matrix(const kdr3_formula* formula, kdr3_words part, size_t records, size_t count,
+                                            const kdr3_field* fields, double* values);
+
+/* The outcome, the trials or exposure (1 without), and what was taken off a normal outcome as its offset (0 without),
+ * of the records of the model: each [count], or null. */
+KDR3_PUBLIC kdr3_status kdr3_formula_outcome(const kdr3_formula* formula, double* outcome, double* counts,
+                                             double* offset);
+
+KDR3_PUBLIC void kdr3_formula_free(kdr3_formula* formula);
 
 /* ---- Fit ------------------------------------------------------------------------------------------------------- */
 
@@ -141,7 +235,11 @@ typedef struct {
   void* state;                                         /* handed to each function */
   int (*stop)(void* state);                            /* asked between two iterations: not 0 ends the fit there */
   void (*progress)(void* state, const char* sentence); /* a line for someone who waits */
+  int (*abandon)(void* state);                         /* asked at many places: not 0 gives the fit up, an error */
 } kdr3_observer;
+
+/* A function for `stop` or `abandon` whose state is an int that another thread, or a signal, sets. */
+KDR3_PUBLIC int kdr3_raised(void* flag);
 
 typedef struct kdr3_result kdr3_result;
 
@@ -198,6 +296,17 @@ typedef struct {
 } kdr3_test;
 /* The test of hypothesis i, from 0 in the order of the calls; `robust`: by the sandwich of the level-3 units. */
 KDR3_PUBLIC kdr3_status kdr3_result_test(const kdr3_result* result, size_t i, int robust, kdr3_test* test);
+
+/* The bootstrap of the fit: how many replicates were asked for, and how many of them were tried before it was stopped;
+ * rows [asked * width], a row for each: fixed effects [g], the lower triangles of tau(pi) and tau(beta) by rows,
+ * sigma^2; NaN in one without a fit that has converged. width = g + p (p + 1) / 2 + b (b + 1) / 2 + 1. Any of them may
+ * be null. */
+KDR3_PUBLIC kdr3_status kdr3_result_replicates(const kdr3_result* result, size_t* asked, size_t* tried, double* rows);
+
+typedef enum { KDR3_T, KDR3_CHISQUARE, KDR3_F } kdr3_statistic;
+/* The p-value of a statistic: two-sided of Student's t with df1 degrees of freedom (infinity: of a standard normal),
+ * the upper tail of a chi-square with df1, or of F with df1 and df2. */
+KDR3_PUBLIC double kdr3_pvalue(kdr3_statistic kind, double statistic, double df1, double df2);
 
 typedef enum { KDR3_JSON, KDR3_CSV } kdr3_form;
 /* The results document of the fit, with all phases, in UTF-8: what the program writes for RESULTS:, as JSON or as a

@@ -76,7 +76,7 @@ std::vector<ModelColumn> modelmatrix(FormulaData& data, const Terms& terms) {
   }
   const std::vector<std::vector<bool>> coded = indicatorcoded(terms, factors);
   std::vector<ModelColumn> columns;
-  if (terms.intercept) columns.push_back({"(Intercept)", {}});
+  if (terms.intercept) columns.push_back({"(Intercept)", "(Intercept)", {}});
   for (std::size_t t = 0; t < terms.terms.size(); ++t) {
     std::vector<ModelColumn> product(1);
     for (std::size_t v = 0; v < variables.size(); ++v) {
@@ -86,6 +86,7 @@ std::vector<ModelColumn> modelmatrix(FormulaData& data, const Terms& terms) {
         for (const ModelColumn& column : product) {
           longer.push_back(column);
           longer.back().name += (column.parts.empty() ? "" : ":") + part.name;
+          longer.back().term = column.term + (column.parts.empty() ? "" : ":") + variables[v]->name;
           longer.back().parts.push_back(part);
         }
       product = std::move(longer);
@@ -152,6 +153,7 @@ Design designof(FormulaData& data, const FormulaModel& model, const std::vector<
     const Split split = splitof(column);
     FixedEffect effect;
     effect.name = column.name;
+    effect.term = column.term;
     effect.of = {pieceof(design.pieces[0], split.parts[0]), pieceof(design.pieces[1], split.parts[1])};
     effect.piece3 = pieceof(design.pieces[2], split.parts[2]);
     design.fixed.push_back(std::move(effect));

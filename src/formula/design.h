@@ -24,7 +24,7 @@ struct ColumnPart {
 
 // A column of the model matrix: the product of its parts, 1 without any.
 struct ModelColumn {
-  std::string name;
+  std::string name, term;
   std::vector<ColumnPart> parts;
 };
 [[nodiscard]] double valueat(const std::vector<ColumnPart>& parts, std::size_t record);
@@ -53,7 +53,7 @@ struct CoefficientPieces {
 struct FixedEffect {
   CoefficientPieces of;
   int piece3 = interceptpiece;
-  std::string name;  // R's
+  std::string name, term;  // R's
 };
 // Random effects of a level that have their covariances among them, and none with others.
 using RandomBlock = std::vector<CoefficientPieces>;

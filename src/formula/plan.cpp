@@ -163,6 +163,7 @@ void takebinary(FormulaPlan& plan, const Factor& names) {
   if (names.levels.size() != 2)
     refuseoutcome(plan, formatted("A binomial outcome has two values. This one has %zu.", names.levels.size()));
   plan.outcome.values = shared(codesof(names, 0.0));
+  plan.outcome.levels = names.levels;
   plan.listener.remark("The event of " + plan.outcome.name + " is " + names.levels[1] + ".");
 }
 
@@ -213,6 +214,7 @@ void takeoutcome(FormulaPlan& plan) {
     case FitFamily::ordinal:
     case FitFamily::multinomial:
       plan.outcome.values = shared(names && !bycodes ? codesof(*names, 1.0) : valuesof(plan.data, e));
+      if (names && !bycodes) plan.outcome.levels = names->levels;
       if (names && !bycodes)
         for (std::size_t k = 0; k < names->levels.size(); ++k)
           plan.listener.remark(plan.outcome.name + " " + std::to_string(k + 1) + " is " + names->levels[k] + ".");

@@ -36,6 +36,7 @@ struct FormulaListener {
 struct Extra {
   std::string name, label;
   std::shared_ptr<std::vector<double>> values;
+  std::vector<std::string> levels{};  // of an outcome with names
 };
 
 // A formula on its way to a model.

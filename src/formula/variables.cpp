@@ -81,6 +81,9 @@ std::vector<double> transformed(const FormulaData& data, const Expression& e, co
 }
 
 const Grouping& groupingof(const FormulaData& data, const Expression& e) {
+  if (data.known != nullptr)
+    refuseformula(data.formula, e.place,
+                  "New data have no means over units: make a column of them first, and name it in the formula.");
   std::vector<std::string> names;
   const Expression* at = &e;
   for (; isoperation(*at, ":"); at = at->operands.data()) names.insert(names.begin(), at->operands[1].word);
@@ -134,22 +137,33 @@ Moments momentsof(const std::vector<double>& values) {
   return moments;
 }
 
+// The numbers that an expression is made with: those of other data, or by `make` those of these, which are kept.
+template <class Make>
+std::vector<double> coded(const FormulaData& data, const Expression& e, const Make& make) {
+  const std::string name = deparsed(e);
+  if (data.known != nullptr) return data.known->numbers.at(name);
+  return data.coding->numbers[name] = make();
+}
+
 std::vector<double> scaled(const FormulaData& data, const Expression& e) {
   std::vector<double> values = evaluate(data, e.operands[0]).numbers;
   const Expression *center = argument(e, "center"), *scale = argument(e, "scale");
   const bool centers = center == nullptr || truthof(data, *center), scales = scale == nullptr || truthof(data, *scale);
-  const Moments moments = momentsof(values);
-  double divisor = moments.sd;
-  if (scales && !centers) {  // R then divides by the root mean square about zero, with n - 1
-    double squares = 0.0;
-    for (const double value : values)
-      if (value != missingcode) squares += value * value;
-    divisor = std::sqrt(squares / std::max(1.0, moments.count - 1.0));
-  }
-  if (scales && !(divisor > 0.0))
-    refuseformula(data.formula, e.place, deparsed(e.operands[0]) + " has only one value, so it has no scale.");
+  const std::vector<double> by = coded(data, e, [&]() -> std::vector<double> {
+    const Moments moments = momentsof(values);
+    double divisor = moments.sd;
+    if (scales && !centers) {  // R then divides by the root mean square about zero, with n - 1
+      double squares = 0.0;
+      for (const double value : values)
+        if (value != missingcode) squares += value * value;
+      divisor = std::sqrt(squares / std::max(1.0, moments.count - 1.0));
+    }
+    if (scales && !(divisor > 0.0))
+      refuseformula(data.formula, e.place, deparsed(e.operands[0]) + " has only one value, so it has no scale.");
+    return {centers ? moments.mean : 0.0, scales ? divisor : 1.0};
+  });
   for (double& value : values)
-    if (value != missingcode) value = (value - (centers ? moments.mean : 0.0)) / (scales ? divisor : 1.0);
+    if (value != missingcode) value = (value - by[0]) / by[1];
   return values;
 }
 
@@ -159,7 +173,7 @@ std::vector<double> centered(const FormulaData& data, const Expression& e) {
   if (e.operands.size() > 1) {
     means = unitmeans(values, groupingof(data, e.operands[1]));
   } else {
-    means.assign(values.size(), momentsof(values).mean);
+    means.assign(values.size(), coded(data, e, [&] { return std::vector<double>{momentsof(values).mean}; })[0]);
   }
   for (std::size_t i = 0; i < values.size(); ++i)
     values[i] = values[i] == missingcode || means[i] == missingcode ? missingcode : values[i] - means[i];
@@ -193,7 +207,7 @@ bool namecomparison(const FormulaData& data, const Expression& e, Values& result
     if (text.part != Part::text || name.part != Part::name) continue;
     const Factor factor = factorof(data.column(name.word), {});
     const auto found = std::find(factor.levels.begin(), factor.levels.end(), text.word);
-    if (found == factor.levels.end())
+    if (found == factor.levels.end() && data.known == nullptr)
       refuseformula(data.formula, text.place, name.word + " has no value " + text.word + ".");
     const int code = static_cast<int>(found - factor.levels.begin());
     result.truths = true;
@@ -275,19 +289,24 @@ Values evaluate(const FormulaData& data, const Expression& e) {
 
 // Polynomials of degree 1 to n that are orthogonal over the records and have length 1, by the recurrence
 //   p_{k+1}(x) = (x - a_k) p_k(x) - (c_k / c_{k-1}) p_{k-1}(x),  c_k = sum p_k^2,  a_k = sum x p_k^2 / c_k.
-// x is taken from its mean on, so that a large one costs no digits.
-std::vector<std::vector<double>> orthogonal(const std::vector<double>& x, std::size_t n) {
+// x is taken from its mean on, so that a large one costs no digits. `by` has a_k and c_k of each k from 0 on; where it
+// ends, they are taken from these records and added to it.
+std::vector<std::vector<double>> orthogonal(const std::vector<double>& x, std::size_t n, std::vector<double>& by) {
   std::vector<std::vector<double>> all;
   std::vector<double> before(x.size(), 0.0), now(x.size(), 1.0);
   double lengthbefore = 1.0;
   for (std::size_t k = 0; k <= n; ++k) {
-    double length = 0.0, shift = 0.0;
-    for (std::size_t i = 0; i < x.size(); ++i)
-      if (x[i] != missingcode) {
-        length += now[i] * now[i];
-        shift += x[i] * now[i] * now[i];
-      }
-    shift /= length;
+    if (by.size() == 2 * k) {
+      double length = 0.0, shift = 0.0;
+      for (std::size_t i = 0; i < x.size(); ++i)
+        if (x[i] != missingcode) {
+          length += now[i] * now[i];
+          shift += x[i] * now[i] * now[i];
+        }
+      by.push_back(shift / length);
+      by.push_back(length);
+    }
+    const double shift = by[2 * k], length = by[2 * k + 1];
     if (k > 0) {
       all.push_back(now);
       for (std::size_t i = 0; i < x.size(); ++i)
@@ -303,6 +322,26 @@ std::vector<std::vector<double>> orthogonal(const std::vector<double>& x, std::s
   return all;
 }
 
+// The mean that x is taken from, and then a_k and c_k.
+std::vector<std::vector<double>> orthogonalcolumns(const FormulaData& data, const Expression& e,
+                                                   const std::vector<double>& x, std::size_t n) {
+  const auto frommean = [&](double mean) {
+    std::vector<double> from = x;
+    for (double& value : from)
+      if (value != missingcode) value -= mean;
+    return from;
+  };
+  const std::vector<double> by = coded(data, e, [&] {
+    const double mean = momentsof(x).mean;
+    std::vector<double> made, whole{mean};
+    static_cast<void>(orthogonal(frommean(mean), n, made));
+    whole.insert(whole.end(), made.begin(), made.end());
+    return whole;
+  });
+  std::vector<double> rest(by.begin() + 1, by.end());
+  return orthogonal(frommean(by[0]), n, rest);
+}
+
 std::vector<std::vector<double>> polynomial(const FormulaData& data, const Expression& e) {
   const Expression* stated = argument(e, "degree");
   const Expression& degree = stated != nullptr ? *stated : e.operands[1];
@@ -315,18 +354,12 @@ std::vector<std::vector<double>> polynomial(const FormulaData& data, const Expre
   std::set<double> different;
   for (std::size_t i = 0; i < x.size() && different.size() <= static_cast<std::size_t>(n) + 1; ++i)
     if (x[i] != missingcode) different.insert(x[i]);
-  if (different.size() <= static_cast<std::size_t>(n))
+  if (different.size() <= static_cast<std::size_t>(n) && data.known == nullptr)
     refuseformula(data.formula, e.place,
                   formatted("The degree must be below the number of different values of %s, which is %zu.",
                             deparsed(e.operands[0]).c_str(), different.size()));
   const auto count = static_cast<std::size_t>(n);
-  if (raw == nullptr || !truthof(data, *raw)) {
-    const double mean = momentsof(x).mean;
-    std::vector<double> from = x;
-    for (double& value : from)
-      if (value != missingcode) value -= mean;
-    return orthogonal(from, count);
-  }
+  if (raw == nullptr || !truthof(data, *raw)) return orthogonalcolumns(data, e, x, count);
   std::vector<std::vector<double>> powers(1, x);
   while (powers.size() < count) {
     powers.push_back(powers.back());
@@ -340,6 +373,7 @@ std::vector<std::vector<double>> polynomial(const FormulaData& data, const Expre
 void setreference(const FormulaData& data, const Expression& ref, Factor& factor) {
   const std::string wanted = levelargument(ref);
   const auto found = std::find(factor.levels.begin(), factor.levels.end(), wanted);
+  if (found == factor.levels.end() && data.known != nullptr) return;
   if (found == factor.levels.end()) {
     std::string levels;
     for (const std::string& level : factor.levels)
@@ -476,6 +510,24 @@ Variable& variableof(FormulaData& data, const Expression& e) {
   const auto found = data.variables.find(name);
   if (found != data.variables.end()) return found->second;
   return data.variables.emplace(name, makevariable(data, e)).first->second;
+}
+
+Variable variablelike(const FormulaData& data, const Expression& e, const Variable& like) {
+  if (like.factor && !like.indicator && e.part == Part::name && !holdsnames(data.column(e.word)))
+    refuse(data.column(e.word).name + " was a factor, and is a column of numbers here.");
+  Variable variable = makevariable(data, e);
+  if (!like.factor) {
+    if (variable.factor) refuse(variable.name + " was a column of numbers, and is a factor here.");
+    return variable;
+  }
+  std::vector<int> place;
+  for (const std::string& level : variable.names.levels) {
+    const auto found = std::find(like.names.levels.begin(), like.names.levels.end(), level);
+    place.push_back(found == like.names.levels.end() ? -1 : static_cast<int>(found - like.names.levels.begin()));
+  }
+  for (int& code : variable.names.codes) code = code < 0 ? -1 : place[static_cast<std::size_t>(code)];
+  variable.names.levels = like.names.levels;
+  return variable;
 }
 
 std::vector<double> valuesof(const FormulaData& data, const Expression& e) { return evaluate(data, e).numbers; }

@@ -40,6 +40,11 @@ struct Variable {
   }
 };
 
+// What variables were made with, by the expression: means, scales, polynomials. Other data are coded by the same.
+struct Coding {
+  std::map<std::string, std::vector<double>> numbers;
+};
+
 // The file as the formula sees it.
 struct FormulaData {
   std::string formula;
@@ -48,6 +53,8 @@ struct FormulaData {
   std::size_t nrecords = 0;
   std::vector<Grouping> groupings;
   std::map<std::string, Variable> variables;  // by name
+  std::shared_ptr<Coding> coding = std::make_shared<Coding>();
+  const Coding* known = nullptr;  // of other data, which these are coded by; null: they make a coding of their own
 
   [[nodiscard]] const LongColumn& column(const std::string& name) const { return columns[places.at(name)]; }
 };
@@ -67,6 +74,10 @@ void findgroupings(FormulaData& data, const FormulaModel& model);
 
 // The variable that a term names, evaluated at the first time. Refuses it where it has no values.
 Variable& variableof(FormulaData& data, const Expression& e);
+
+// The same variable over other data, which have the columns: its levels are those of `like`, others are missing.
+// Refuses what other data cannot have.
+[[nodiscard]] Variable variablelike(const FormulaData& data, const Expression& e, const Variable& like);
 
 // The values of an expression of numbers.
 [[nodiscard]] std::vector<double> valuesof(const FormulaData& data, const Expression& e);

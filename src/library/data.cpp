@@ -14,8 +14,10 @@
 #include "core/constants.h"
 #include "core/failure.h"
 #include "core/formatted.h"
+#include "core/version.h"
 #include "data/mdm.h"
 #include "data/unitreader.h"
+#include "library/cells.h"
 #include "library/handles.h"
 
 namespace kdr::library {
@@ -23,51 +25,6 @@ namespace kdr::library {
 namespace {
 
 thread_local std::string lasterror;
-
-constexpr double absent = std::numeric_limits<double>::quiet_NaN();
-
-std::ptrdiff_t widthof(kdr3_type type) {
-  switch (type) {
-    case KDR3_DOUBLE:
-    case KDR3_INT64:
-      return 8;
-    case KDR3_FLOAT:
-    case KDR3_INT32:
-      return 4;
-    default:
-      return sizeof(const char*);
-  }
-}
-
-template <class T>
-T cell(const kdr3_column& column, std::size_t row) {
-  const std::ptrdiff_t stride = column.stride != 0 ? column.stride : widthof(column.type);
-  T value;
-  std::memcpy(&value, static_cast<const char*>(column.values) + static_cast<std::ptrdiff_t>(row) * stride,
-              sizeof value);
-  return value;
-}
-
-bool marked(const kdr3_column& column, std::size_t row) {
-  return column.missing != nullptr && column.missing[row] != 0;
-}
-
-// The value of a numeric column, NaN where it is missing.
-double valueof(const kdr3_column& column, std::size_t row) {
-  if (marked(column, row)) return absent;
-  switch (column.type) {
-    case KDR3_DOUBLE:
-      return cell<double>(column, row);
-    case KDR3_FLOAT:
-      return static_cast<double>(cell<float>(column, row));
-    case KDR3_INT32:
-      return static_cast<double>(cell<std::int32_t>(column, row));
-    case KDR3_INT64:
-      return static_cast<double>(cell<std::int64_t>(column, row));
-    default:
-      return absent;
-  }
-}
 
 std::string ordinal(std::size_t row) { return formatted("row %zu", row + 1); }
 
@@ -325,7 +282,7 @@ kdr3_data::~kdr3_data() {
 }
 
 int kdr3_abi(void) { return KDR3_ABI; }
-const char* kdr3_version(void) { return kdr::version; }
+const char* kdr3_version(void) { return kdr::libraryversion; }
 const char* kdr3_message(void) { return lasterror.c_str(); }
 
 kdr3_status kdr3_data_make(size_t records, size_t count, const kdr3_column* columns, const kdr3_column* level2id,

@@ -1,4 +1,6 @@
 // A fit of a model of the C interface, its phases collected into the results document.
+#include <cstddef>
+#include <functional>
 #include <memory>
 #include <thread>
 
@@ -6,6 +8,8 @@
 #include "core/formatted.h"
 #include "core/modelwalk.h"
 #include "document/resultsdocument.h"
+#include "estimate/bootstrap/chainbootstrap.h"
+#include "estimate/bootstrap/linearbootstrap.h"
 #include "estimate/inference/convergence.h"
 #include "estimate/linear/centering.h"
 #include "estimate/linear/linearrun.h"
@@ -22,9 +26,11 @@ namespace kdr::library {
 namespace {
 
 void listen(const kdr3_observer* observer, Observer& listener) {
-  if (observer == nullptr || observer->size < sizeof(kdr3_observer)) return;
+  if (observer == nullptr || observer->size < offsetof(kdr3_observer, abandon)) return;
   void* state = observer->state;
   if (auto* stop = observer->stop) listener.interrupted = [stop, state] { return stop(state) != 0; };
+  if (observer->size >= sizeof(kdr3_observer))
+    if (auto* abandon = observer->abandon) listener.poll = [abandon, state] { return abandon(state) != 0; };
   auto* progress = observer->progress;
   if (progress == nullptr) return;
   listener.iteration = [progress, state](const IterationEvent& event) {
@@ -41,7 +47,8 @@ struct Fit {
   kdr3_result& result;
   Subject subject;
   ResultsDocument document;
-  Failure failure;  // of what was asked of a pass while it stood
+  std::function<void(int done)> tell;  // of replicates
+  Failure failure;                     // of what was asked of a pass while it stood
 };
 
 Subject subjectof(const kdr3_model& given, const Values& values) {
@@ -79,10 +86,36 @@ void warn(kdr3_result& result, const std::vector<std::string>& warnings) {
   result.warnings.insert(result.warnings.end(), warnings.begin(), warnings.end());
 }
 
+BootstrapRequest requestof(Fit& fit, const Analysis& analysis) {
+  const kdr3_model::Bootstrap& asked = fit.given.bootstrap;
+  BootstrapRequest request{asked.replicates, asked.seed, asked.cases, analysis.threads, {}, {}, &fit.result.replicates};
+  const Observer& observer = analysis.observer;
+  request.stops = [&observer] { return observer.givesup() || (observer.interrupted && observer.interrupted()); };
+  if (observer.iteration) request.progress = [&fit](int done) { fit.tell(done); };
+  return request;
+}
+
+// The intervals of a bootstrap, and what is wrong with it.
+void takebootstrap(Fit& fit, const BootstrapResults& made, const char* phase) {
+  addbootstrap(fit.document, fit.subject, phase, made);
+  if (2 * made.failed > made.tried || made.tried < made.asked)
+    fit.result.warnings.push_back(
+        formatted("Of %d replicates of the bootstrap %d were tried, and %d had no fit that converged.", made.asked,
+                  made.tried, made.failed));
+  fit.result.replicatestried = made.tried;
+}
+
 Failure linearfit(Fit& fit, const Analysis& analysis) {
   LinearFit linear;
   if (Failure failure = fitlinear(analysis, linear)) return failure;
   addphase(fit.document, fit.subject, linear.results);
+  if (fit.given.bootstrap.replicates > 0) {
+    BootstrapResults made;
+    const Criterion criterion = linear.results.restricted ? Criterion::restricted : Criterion::full;
+    if (Failure failure = bootstraplinear(linear.pass, linear.results.est, criterion, requestof(fit, analysis), made))
+      return failure;
+    takebootstrap(fit, made, "final");
+  }
   warn(fit.result, linear.results.warnings);
   takeeffects(fit, linear.pass);
   fit.result.counts = countsof(linear.pass);
@@ -111,9 +144,24 @@ Failure chainfit(Fit& fit, const Analysis& analysis) {
   const bool quadrature = state.quadrature.has_value(), engine = quadrature || state.laplace6.has_value();
   if ((analysis.control.laplace || analysis.control.agqpoints != 0) && !engine)
     result.warnings.emplace_back("The engine has no results: these are those of quasi-likelihood.");
+  if (fit.given.bootstrap.replicates > 0) {
+    BootstrapResults made;
+    const PassResults& last = quadrature ? *state.quadrature : engine ? *state.laplace6 : state.unitspecific;
+    if (Failure failure = bootstrapchain(chain, last.est, requestof(fit, analysis), made)) return failure;
+    takebootstrap(fit, made, quadrature ? "quadrature" : engine ? "laplace6" : "pql");
+  }
   result.results = std::move(quadrature ? *state.quadrature : engine ? *state.laplace6 : state.unitspecific);
   if (engine) warn(result, result.results.warnings);
   return {};
+}
+
+std::string checkstart(const Estimates& start, const Model& model) {
+  if (!model.outcome.linear()) return "Starting values are for normal outcomes.";
+  const bool fits = start.gammahat.size() == at(model.coef.ngamma) && start.taupi.size() == square(model.coef.ntaupi) &&
+                    start.taubeta.size() == square(model.coef.ntaubeta);
+  return fits ? ""
+              : formatted("The starting values are not those of %d fixed effects and of %d and %d random ones.",
+                          model.coef.ngamma, model.coef.ntaupi, model.coef.ntaubeta);
 }
 
 // The names of the fixed effects: their variables of the three levels, intercepts behind others left out.
@@ -169,6 +217,8 @@ void finish(const Fit& fit) {
 using namespace kdr;
 using namespace kdr::library;
 
+int kdr3_raised(void* flag) { return flag != nullptr && *static_cast<volatile int*>(flag) != 0 ? 1 : 0; }
+
 kdr3_status kdr3_fit(const kdr3_model* model, const kdr3_observer* observer, kdr3_result** made) {
   return guarded([&]() -> kdr3_status {
     if (model == nullptr || made == nullptr) return error("A fit needs its model and a place for the handle.");
@@ -184,9 +234,20 @@ kdr3_status kdr3_fit(const kdr3_model* model, const kdr3_observer* observer, kdr
     const unsigned cores = std::thread::hardware_concurrency();
     analysis.threads = model->threads > 0 ? model->threads : cores > 0 ? static_cast<int>(cores) : 1;
     analysis.wanted.leastsquares = analysis.wanted.posteriors = true;
+    if (model->start) {
+      if (std::string words = checkstart(*model->start, values.model); !words.empty()) return error(words);
+      analysis.start = &*model->start;
+    }
+    if (model->bootstrap.replicates > 0)
+      if (std::string words = bootstrapobstacle(values.model, values.control, model->bootstrap.cases); !words.empty())
+        return error(words);
 
     auto result = std::make_unique<kdr3_result>();
-    Fit fit{*model, values, *result, subjectof(*model, values), {}, {}};
+    Fit fit{*model, values, *result, subjectof(*model, values), {}, {}, {}};
+    if (observer != nullptr && values.observer.iteration)
+      fit.tell = [observer, count = model->bootstrap.replicates](int done) {
+        observer->progress(observer->state, formatted("replicate %d of %d", done, count).c_str());
+      };
     collectphases(fit, values.observer);
     const Failure failure = values.model.outcome.linear() ? linearfit(fit, analysis) : chainfit(fit, analysis);
     if (failure) return error(failure.row == abandoned ? "The fit was stopped." : sentenceof(failure));

@@ -1,10 +1,14 @@
 // What stands behind the handles of include/kdr3/kdr3.h.
 #pragma once
 
+#include <cstdint>
+#include <exception>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "core/control.h"
+#include "core/estimates.h"
 #include "core/outcome.h"
 #include "data/mdmdata.h"
 #include "kdr3/kdr3.h"
@@ -52,13 +56,21 @@ struct kdr3_model {
     std::vector<int> groups;
   };
   TauRestriction taus[2];
+  struct Bootstrap {
+    int replicates = 0;
+    std::uint64_t seed = 1;
+    bool cases = false;
+  };
+  Bootstrap bootstrap;
+  std::optional<kdr::Estimates> start;  // starting values from outside
 };
 
 namespace kdr::library {
 
 // Keeps the sentence that kdr3_message hands out, and returns KDR3_ERROR.
 kdr3_status error(std::string sentence);
-// Runs `work` (a function that returns a status); exhausted memory is an error as well.
+// Runs `work` (a function that returns a status); exhausted memory is an error as well. What ends a thread passes
+// through.
 template <class Work>
 kdr3_status guarded(Work&& work);
 
@@ -75,5 +87,7 @@ kdr3_status kdr::library::guarded(Work&& work) {
     return work();
   } catch (const std::bad_alloc&) {
     return error("Out of memory.");
+  } catch (const std::exception& failure) {
+    return error(failure.what());
   }
 }

@@ -249,4 +249,34 @@ kdr3_status kdr3_model_restrict(kdr3_model* model, int level, size_t order, cons
   });
 }
 
+kdr3_status kdr3_model_start(kdr3_model* model, size_t g, const double* gamma, size_t p, const double* taupi, size_t b,
+                             const double* taubeta, double sigma2) {
+  return guarded([&]() -> kdr3_status {
+    if (model == nullptr || gamma == nullptr || (p > 0 && taupi == nullptr) || (b > 0 && taubeta == nullptr))
+      return error("Starting values need their model and all estimates.");
+    const auto finite = [](const double* values, std::size_t n) {
+      return std::all_of(values, values + n, [](double value) { return std::isfinite(value); });
+    };
+    if (!finite(gamma, g) || !finite(taupi, p * p) || !finite(taubeta, b * b) || !(sigma2 > 0.0))
+      return error("A starting value is not finite, or sigma^2 not above 0.");
+    const auto copy = [](const double* values, std::size_t n) {
+      Array<double> made(n);
+      std::copy_n(values, n, made.data());
+      return made;
+    };
+    model->start = Estimates{copy(gamma, g), copy(taupi, p * p), copy(taubeta, b * b), sigma2, {}};
+    return KDR3_OK;
+  });
+}
+
+kdr3_status kdr3_model_bootstrap(kdr3_model* model, int replicates, uint64_t seed, int cases) {
+  return guarded([&]() -> kdr3_status {
+    if (model == nullptr) return error("The model is missing.");
+    constexpr int most = 1000000;
+    if (replicates < 0 || replicates > most) return error("A bootstrap has from 0 to 1,000,000 replicates.");
+    model->bootstrap = {replicates, seed, cases != 0};
+    return KDR3_OK;
+  });
+}
+
 void kdr3_model_free(kdr3_model* model) { delete model; }

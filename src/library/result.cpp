@@ -2,7 +2,9 @@
 #include "library/result.h"
 
 #include <algorithm>
+#include <cmath>
 
+#include "kernel/distributions.h"
 #include "kernel/sizes.h"
 
 namespace kdr::library {
@@ -115,6 +117,27 @@ kdr3_status kdr3_result_test(const kdr3_result* result, size_t i, int robust, kd
   test->p = wald.chisquare.p;
   if (wald.chisquare.df2 != 0.0) test->df2 = wald.chisquare.df2;
   return KDR3_OK;
+}
+
+kdr3_status kdr3_result_replicates(const kdr3_result* result, size_t* asked, size_t* tried, double* rows) {
+  if (result == nullptr) return error("The result is missing.");
+  const Replicates& made = result->replicates;
+  if (asked != nullptr) *asked = at(made.asked);
+  if (tried != nullptr) *tried = at(result->replicatestried);
+  if (rows == nullptr) return KDR3_OK;
+  const std::size_t width = made.rows.width;
+  for (std::size_t i = 0; i < at(made.asked); ++i)
+    for (std::size_t j = 0; j < width; ++j)
+      rows[i * width + j] = made.fitted[i] != 0 ? made.rows.row(static_cast<int>(i))[j] : absent;
+  return KDR3_OK;
+}
+
+double kdr3_pvalue(kdr3_statistic kind, double statistic, double df1, double df2) {
+  if (std::isnan(statistic) || !(df1 > 0.0) || (kind == KDR3_F && !(df2 > 0.0))) return absent;
+  if (kind == KDR3_T) return std::isinf(df1) ? normalprob(statistic) : tprob(df1, statistic);
+  if (kind == KDR3_CHISQUARE || (kind == KDR3_F && std::isinf(df2)))
+    return chisqprob(df1, kind == KDR3_F ? statistic * df1 : statistic);
+  return fprob(df1, df2, statistic);
 }
 
 const char* kdr3_result_document(const kdr3_result* result, kdr3_form form) {

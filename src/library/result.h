@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "core/results.h"
+#include "estimate/bootstrap/bootstrap.h"
 #include "estimate/linear/unitresults.h"
 #include "library/handles.h"
 
@@ -16,5 +17,7 @@ struct kdr3_result {
   std::size_t g = 0;
   std::vector<std::string> names, warnings;
   kdr::Posteriors posteriors;
+  kdr::Replicates replicates;
+  int replicatestried = 0;
   std::string json, table;  // the results document
 };

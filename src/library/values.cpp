@@ -74,15 +74,16 @@ std::string checkequations(const kdr3_model& model, const std::vector<Branch>& e
   bool random2 = false, random3 = false;
   for (const Branch& coefficient : equations) {
     const std::string name = model.data->names[0][at(coefficient.term->variable)];
-    if (coefficient.terms.empty()) return "The level-1 coefficient " + name + " has no level-2 term.";
+    if (coefficient.terms.empty() && !coefficient.term->random)
+      return "The level-1 coefficient " + name + " has neither a level-2 term nor a random effect.";
     random2 = random2 || coefficient.term->random;
     for (const Branch& term : coefficient.terms) {
       const bool twolevel = model.data->mdm.twolevel();
       if (twolevel && (term.term->random || !term.terms.empty()))
         return "The data have two levels: the model has neither terms nor random effects of level 3.";
-      if (term.terms.empty() && !twolevel)
+      if (term.terms.empty() && !twolevel && !term.term->random)
         return "The level-2 coefficient " + model.data->names[1][at(term.term->variable)] + " of " + name +
-               " has no level-3 term.";
+               " has neither a level-3 term nor a random effect.";
       random3 = random3 || term.term->random;
     }
   }

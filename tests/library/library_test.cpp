@@ -142,7 +142,7 @@ TEST(Library, StoppedAndFailedFitsLeaveTheNextOneAlone) {
   kdr3_model_level1(failing.get(), "hit", KDR3_RAW, 0, &coefficient);
   const kdr3::Result empty = failing.fit();
   EXPECT_FALSE(empty);
-  EXPECT_EQ(empty.error(), "The level-1 coefficient hit has no level-2 term.");
+  EXPECT_EQ(empty.error(), "The level-1 coefficient hit has neither a level-2 term nor a random effect.");
   kdr3_model_level2(failing.get(), coefficient, nullptr, KDR3_RAW, 0, &term);
   kdr3_model_level3(failing.get(), term, nullptr, KDR3_RAW);
   EXPECT_TRUE(failing.fit());

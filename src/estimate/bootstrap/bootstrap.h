@@ -11,6 +11,8 @@
 
 namespace kdr {
 
+struct Replicates;
+
 struct BootstrapRequest {
   int replicates = 0;
   std::uint64_t seed = 1;
@@ -18,6 +20,7 @@ struct BootstrapRequest {
   int threads = 1;
   std::function<void(int done)> progress;  // may be empty; from the thread that called
   std::function<bool()> stops;             // the same: true ends the bootstrap with the replicates so far
+  Replicates* kept = nullptr;              // gets the estimates of the replicates; null: nobody wants them
 };
 
 // The estimates of the replicates: a row each, fixed effects, lower triangles of both taus, sigma2.

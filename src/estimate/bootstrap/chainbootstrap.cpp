@@ -260,6 +260,7 @@ Failure bootstrapchain(const ChainFit& fit, const Estimates& est, const Bootstra
     return true;
   });
   results = bootstrapresults(made, request, est, false);
+  if (request.kept != nullptr) *request.kept = std::move(made);
   return {};
 }
 

@@ -221,6 +221,7 @@ Failure bootstraplinear(Pass& pass, const Estimates& est, Criterion criterion, c
     return true;
   });
   results = bootstrapresults(made, request, est, interceptsalone(pass));
+  if (request.kept != nullptr) *request.kept = std::move(made);
   return {};
 }
 
