@@ -655,7 +655,6 @@ void servedesign(Fit& fit, EquationLines& lines) {
 void outcomelines(Fit& fit, EquationLines& lines) {
   const FitFamily family = familyof(fit.request);
   const std::string& engine = fit.request.engine;
-  const bool weighted = fit.weights[0] || fit.weights[1] || fit.weights[2];
   if (family == FitFamily::gaussian) {
     if (!engine.empty() || !fit.request.points.empty())
       stopwith("-engine and -points are for outcomes that are not normal; see -family.\n");
@@ -679,7 +678,6 @@ void outcomelines(Fit& fit, EquationLines& lines) {
     stopwith("-points takes 1, 3 to 198, or auto. It cannot be %s\n", fit.request.points.c_str());
   std::string why;
   if (categorical) why = "outcomes with categories";
-  if (weighted) why = "design weights";
   if (lines.restricted()) why = "random parts that are independent in part only";
   if (!pql && !why.empty()) {
     if (!engine.empty()) stopwith("-engine %s cannot be had with %s.\n", engine.c_str(), why.c_str());
