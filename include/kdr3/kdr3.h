@@ -109,8 +109,8 @@ KDR3_PUBLIC kdr3_status kdr3_model_level3(kdr3_model* model, int term, const cha
  * ROBUST:CR2, PROFILE:Y and SHARES:Y; what they add is in the results document),
  * FIXSIGMA2 (0 frees it; an engine or categories hold it at 1), DIAGONALIZETAUPI, DIAGONALIZETAUBETA (0 or 1), LAPLACE
  * (most iterations, 0 is off), AGQ (points, 0 is off), AGQIT (most iterations), AGQAUTO (1: as many points as the data
- * need), AGQNODESFIXED (0 or 1, as AGQNODES:FIXED), AGQDERIVLEVEL, POPAVIT, THREADS (0: one for each core). Errors: an
- * unknown name, a value that the keyword refuses. */
+ * need), AGQNODESFIXED (0 or 1, as AGQNODES:FIXED), AGQDERIVLEVEL, POPAVIT, THREADS (0: one for each core), WEIGHTSCALE
+ * (1: design weights to means of 1, 0: as they stand). Errors: an unknown name, a value that the keyword refuses. */
 KDR3_PUBLIC kdr3_status kdr3_model_set(kdr3_model* model, const char* name, double value);
 
 /* Design weights by the names of their columns, null for none, and the column of a known level-1 variance. */
@@ -266,7 +266,7 @@ KDR3_PUBLIC kdr3_status kdr3_result_summary(const kdr3_result* result, kdr3_summ
 /* Fixed effects, in the order: level-1 coefficients in the order of their columns in the data, the intercept first; the
  * level-2 terms of each; the level-3 terms of each of these. estimates [g], covariance [g * g] row by row, df [g]
  * (degrees of freedom of the t tests). robust [g * g] is the sandwich of the level-3 units, NaN where it can't be
- * computed. */
+ * computed. With design weights the covariance is a sandwich itself. */
 KDR3_PUBLIC kdr3_status kdr3_result_fixed(const kdr3_result* result, double* estimates, double* covariance,
                                           double* robust, double* df);
 /* The name of fixed effect i: its level-1, level-2 and level-3 variables, "(intercept)" for an intercept, joined by ":"

@@ -300,6 +300,10 @@ void readweight2(CommandReader& reader, const std::string& value) {
 void readweight3(CommandReader& reader, const std::string& value) {
   run.model.wgtvar3 = weightvariable(reader, "wgtvar3", value, run.mdm.names3, run.mdm.nvar3);
 }
+void readweightscale(CommandReader&, const std::string& value) {
+  run.model.rawweights = sameword(value, "NONE");
+  if (!run.model.rawweights && !sameword(value, "MEAN")) refusevalue("WEIGHTSCALE", "MEAN or NONE", value);
+}
 void readvarianceknown(CommandReader& reader, const std::string& value) {
   run.model.autovknown = weightvariable(reader, "autovknown", value, run.mdm.names1, run.mdm.nvar1);
 }
@@ -376,6 +380,7 @@ constexpr Keyword keywords[] = {
     {"LEVEL1WEIGHT:", 0, readweight1},
     {"LEVEL2WEIGHT:", 0, readweight2},
     {"LEVEL3WEIGHT:", 0, readweight3},
+    {"WEIGHTSCALE:", 0, readweightscale},
     {"VARIANCEKNOWN:", 0, readvarianceknown},
     {"FIXTAU2:", 0, [](CommandReader&, const std::string& value) { setrepair(run.control.fixtau2, "FIXTAU2", value); }},
     {"FIXTAU3:", 0, [](CommandReader&, const std::string& value) { setrepair(run.control.fixtau3, "FIXTAU3", value); }},

@@ -143,6 +143,7 @@ void writeweights(std::FILE* out) {
   std::fprintf(out, "LEVEL1WEIGHT:%s\n", nameornone(mdm.names1, run.model.wgtvar1).c_str());
   std::fprintf(out, "LEVEL2WEIGHT:%s\n", nameornone(mdm.names2, run.model.wgtvar2).c_str());
   if (!mdm.twolevel()) std::fprintf(out, "LEVEL3WEIGHT:%s\n", nameornone(mdm.names3, run.model.wgtvar3).c_str());
+  if (run.model.rawweights) std::fprintf(out, "WEIGHTSCALE:NONE\n");
   std::fprintf(out, "VARIANCEKNOWN:%s\n", nameornone(mdm.names1, run.model.autovknown).c_str());
 }
 

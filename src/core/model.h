@@ -75,6 +75,7 @@ struct Model {
 
   int wgtvar1 = 0, wgtvar2 = 0, wgtvar3 = 0;  // LEVEL1WEIGHT: ...: index of the weight variable, 0 none
   bool weighted = false;                      // a design weight is in force
+  bool rawweights = false;                    // WEIGHTSCALE:NONE: weights as they stand, not brought to a mean of 1
   int autovknown = 0;                         // VARIANCEKNOWN:. Level-1 index of the known variance, 0 none
 
   EquationTable<Use> use1;   // [e][v], ncol1

@@ -240,6 +240,8 @@ struct PassResults {
   Array<double> covariance;    // g squared: the covariance of gammahat, by design weights in a weighted run
   Array<double> robust;        // g squared: the cluster sandwich; empty when it is not usable
   bool fewunits = false;       // too few level-3 units for `robust` to be trusted
+  TauErrors robusterrors;      // of an engine, by the same sandwich as `robust`; asked: the engine makes it
+  bool weighted = false;       // of an engine: `covariance` and `errors` are those of the sandwich themselves
   EffectTable effects;         // by `covariance`
   EffectTable robusteffects;   // by `robust`
   VarianceTests tests;

@@ -53,11 +53,13 @@ struct MdmData : MdmHead {
   return {data.nunits1, data.nunits2, data.twolevel() ? 0 : data.nunits3, data.numl1rec};
 }
 
-// Design weights, one entry per level-1 record, level-2 unit and level-3 unit in file order.
+// Design weights, one entry per level-1 record, level-2 unit and level-3 unit in file order; empty unless the run is
+// weighted.
 struct DesignWeights {
-  Array<double> weight1;  // empty unless the run is weighted
-  Array<double> weight2;
-  Array<double> weight3;
+  Array<double> weight1;           // products with those of both levels above
+  Array<double> weight2;           // with that of the level above
+  Array<double> weight3;           // of the unit
+  Array<double> own1, own2, own3;  // of each level alone: what log-likelihoods are multiplied with
 };
 
 }  // namespace kdr

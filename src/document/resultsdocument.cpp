@@ -18,8 +18,9 @@ namespace {
 
 // Deviance and criteria; nulls where the likelihood is that of no model of the outcome.
 // The criteria are made of the marginal log-likelihood where there is one.
+// Those of a pseudo-likelihood are no criteria.
 void addlikelihood(Json& phase, const Subject& subject, std::optional<double> loglik, bool comparable,
-                   long long parameters, std::optional<double> marginal = {}) {
+                   long long parameters, std::optional<double> marginal = {}, bool pseudo = false) {
   const double deviance = -2.0 * loglik.value_or(absent);
   const bool has = comparable && std::isfinite(deviance);
   const InformationCriteria criteria =
@@ -27,13 +28,13 @@ void addlikelihood(Json& phase, const Subject& subject, std::optional<double> lo
   phase["log_likelihood"] = number(loglik);
   phase["deviance"] = whenever(has, deviance);
   phase["parameters"] = parameters;
-  phase["aic"] = whenever(has, criteria.aic);
-  phase["bic"] = whenever(has, criteria.bic);
-  phase["bic_sample_size"] = whenever(has, subject.records);
+  phase["aic"] = whenever(has && !pseudo, criteria.aic);
+  phase["bic"] = whenever(has && !pseudo, criteria.bic);
+  phase["bic_sample_size"] = whenever(has && !pseudo, subject.records);
   Json comparison;
   if (has && subject.alternative) {
-    const DevianceComparison made =
-        comparisonof(deviance, parameters, *subject.alternative, subject.model, subject.twolevel);
+    DevianceComparison made = comparisonof(deviance, parameters, *subject.alternative, subject.model, subject.twolevel);
+    if (pseudo) made.impossible = pseudocomparison;
     const bool possible = made.impossible.empty();
     addtest(comparison, made.chisquare);
     comparison["p"] = whenever(possible, comparison["p"]);
@@ -92,7 +93,8 @@ Json warningsof(const Subject& subject, const PassResults& results) {
   for (const std::string& warning : results.warnings) warnings.push_back(warning);
   if (results.errors.asked && !results.errors.known && !results.tausstand())
     warnings.push_back("Standard errors of the variance components are not computable.");
-  const bool hasrobust = results.kind != PassKind::identity && !isengine(results) && !results.heterogeneous;
+  const bool hasrobust = results.kind != PassKind::identity && !results.heterogeneous &&
+                         (!isengine(results) || (results.robusterrors.asked && !results.weighted));
   if (hasrobust && results.robust.empty()) warnings.push_back(norobust);
   if (hasrobust && !results.robust.empty() && results.fewunits) warnings.push_back(fewunits(subject));
   return warnings;
@@ -111,6 +113,18 @@ void addedges(Json& phase, const Subject& subject, const TauErrors& errors) {
   const Coefficients& coef = subject.model.coef;
   phase["tau_pi"]["at_edge"] = edges(coef.ntaupi, errors.edgepi);
   if (!subject.twolevel) phase["tau_beta"]["at_edge"] = edges(coef.ntaubeta, errors.edgebeta);
+}
+
+// Of engines: the standard errors of the taus by the sandwich, and whether the others are those, too.
+void addrobusterrors(Json& phase, const Subject& subject, const PassResults& results) {
+  const Coefficients& coef = subject.model.coef;
+  const TauErrors& errors = results.robusterrors;
+  const auto add = [&](const char* name, int n, const Array<double>& values) {
+    phase[name]["robust_standard_error"] = errors.known ? square(n, values) : Json();
+  };
+  add("tau_pi", coef.ntaupi, errors.taupi);
+  if (!subject.twolevel) add("tau_beta", coef.ntaubeta, errors.taubeta);
+  phase["weighted"] = results.weighted;
 }
 
 void addvariances(Json& phase, const Subject& subject, const PassResults& results) {
@@ -162,7 +176,7 @@ Json phaseof(const Subject& subject, const PassResults& results) {
   phase["macro_iteration"] = whenever(results.macro != 0, results.macro);
   phase["iterations"] = results.iteration;
   addlikelihood(phase, subject, results.loglik, results.kind == PassKind::linear || isengine(results),
-                results.parameters, results.marginal);
+                results.parameters, results.marginal, results.weighted);
   if (results.restricted) phase["likelihood"] = "restricted";
   if (results.degrees.method != DegreesMethod::counts)
     phase["degrees_of_freedom"] =
@@ -182,6 +196,7 @@ Json phaseof(const Subject& subject, const PassResults& results) {
   for (const std::string& note : results.notes) phase["warnings"].push_back(note);
   if (results.kind == PassKind::quadrature) addpoints(phase, results);
   if (isengine(results)) addedges(phase, subject, results.errors);
+  if (isengine(results)) addrobusterrors(phase, subject, results);
   return phase;
 }
 

@@ -89,7 +89,8 @@ Json describedmodel(const Subject& subject) {
            {{"level1", nameornull(subject, 1, model.wgtvar1)},
             {"level2", nameornull(subject, 2, model.wgtvar2)},
             {"level3", nameornull(subject, 3, model.wgtvar3)},
-            {"known_variance", nameornull(subject, 1, model.autovknown)}}}};
+            {"known_variance", nameornull(subject, 1, model.autovknown)},
+            {"scale", model.rawweights ? "none" : "mean"}}}};
 }
 
 Json describedvariables(const Subject& subject) {

@@ -587,7 +587,6 @@ EngineChoice enginechoice(const FormulaPlan& plan) {
   const Design& design = plan.design;
   std::string why;
   if (plan.family == FitFamily::multinomial) why = "multinomial outcomes";
-  if (plan.weighted()) why = "design weights";
   if (design.restricted()) why = "random parts that are independent in part only";
   if (!pql && !why.empty()) {
     if (!engine.empty()) refuse("-engine " + engine + " cannot be had with " + why + ".");

@@ -43,6 +43,7 @@ struct kdr3_model {
   bool diagtaupi = false, diagtaubeta = false;
   bool stopgiven = false;  // the criterion of the passes is not the default
   int weights[3] = {}, knownvariance = 0;
+  bool rawweights = false;
   std::vector<int> groups;  // of equal fixed effects; empty: all are free
   struct Hypothesis {
     std::size_t rows;

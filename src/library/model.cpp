@@ -78,6 +78,7 @@ constexpr Setting settings[] = {
     {"FIXSIGMA2", 0, 1e300, false, [](kdr3_model& m, double v) { m.fixsigma2 = v; }},
     {"DIAGONALIZETAUPI", 0, 1, true, [](kdr3_model& m, double v) { m.diagtaupi = v != 0; }},
     {"DIAGONALIZETAUBETA", 0, 1, true, [](kdr3_model& m, double v) { m.diagtaubeta = v != 0; }},
+    {"WEIGHTSCALE", 0, 1, true, [](kdr3_model& m, double v) { m.rawweights = v == 0; }},
     {"THREADS", 0, 1024, true, [](kdr3_model& m, double v) { m.threads = whole(v); }},
     {"POPAVIT", 0, many, true, [](kdr3_model& m, double v) { m.control.popavit = whole(v); }},
     {"LAPLACE", 0, many, true,

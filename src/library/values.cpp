@@ -196,6 +196,7 @@ void setmodel(const kdr3_model& model, const std::vector<Branch>& equations, Val
   made.wgtvar2 = model.weights[1];
   made.wgtvar3 = model.weights[2];
   made.weighted = made.wgtvar1 != 0 || made.wgtvar2 != 0 || made.wgtvar3 != 0;
+  made.rawweights = model.rawweights;
   made.autovknown = model.knownvariance;
 }
 

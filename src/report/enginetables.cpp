@@ -34,7 +34,9 @@ void taublocks(Tau which, const PassResults& results) {
   if (n == 0) return;
   tautable(which, MatrixTitle::plain, false, n, tau);
   if (!errors.empty()) {
-    tautable(which, MatrixTitle::standarderror, false, n, errors.data());
+    tautable(which, results.weighted ? MatrixTitle::robusterror : MatrixTitle::standarderror, false, n, errors.data());
+    if (const Array<double>& robust = results.robusterrors.of(which); !results.weighted && !robust.empty())
+      tautable(which, MatrixTitle::robusterror, false, n, robust.data());
     const std::vector<bool>& edge = results.errors.edges(which);
     if (std::find(edge.begin(), edge.end(), true) != edge.end())
       reportline("NC: at the edge, a variance of 0 or a covariance with it. It has no standard error.");
@@ -43,6 +45,13 @@ void taublocks(Tau which, const PassResults& results) {
     reportline("probably due to one or more of the random effects having a zero variance.");
   }
   correlationtable(which, n, tau);
+}
+
+// The fixed effects with their standard errors and, of an engine that has a sandwich, those of it: in a weighted run
+// these alone.
+void effects(const PassResults& results, TableKind kind) {
+  fixedeffectstables(results, results.weighted ? TableKind::robust : kind);
+  if (!results.weighted && results.robusterrors.asked) robusttables(results);
 }
 
 }  // namespace
@@ -57,7 +66,7 @@ void laplacetables(const PassResults& results, bool withlikelihood) {
     taublocks(which, results);
     enginereliabilities(which, results.reliabilities);
   }
-  fixedeffectstables(results, TableKind::laplace);
+  effects(results, TableKind::laplace);
   if (withlikelihood)
     reportline("The likelihood at Laplace iteration %d is %E", results.iteration + 1, results.loglik.value_or(absent));
 }
@@ -101,7 +110,7 @@ void quadraturetables(const PassResults& results) {
     taublocks(which, results);
     if (results.quadrature.points != 0) enginereliabilities(which, results.reliabilities);
   }
-  fixedeffectstables(results, TableKind::quadrature);
+  effects(results, TableKind::quadrature);
 }
 
 }  // namespace kdr

@@ -32,6 +32,9 @@ void title(MatrixTitle kind, bool zero, int n, const std::string& name) {
     case MatrixTitle::standarderror:
       report(n > 1 ? "Standard errors of " : "Standard error of ");
       break;
+    case MatrixTitle::robusterror:
+      report(n > 1 ? "Robust standard errors of " : "Robust standard error of ");
+      break;
     case MatrixTitle::renewed:
       report("New ");
       break;

@@ -5,7 +5,7 @@
 
 namespace kdr {
 
-enum class MatrixTitle { plain = 0, standarderror = 1, renewed = 2, average = 3, weightedaverage = 4 };
+enum class MatrixTitle { plain = 0, standarderror = 1, renewed = 2, average = 3, weightedaverage = 4, robusterror = 5 };
 
 // Writes an n by n matrix of the shape of a tau: taupi one line per row, labelled by pinames and pisubs, taubeta in
 // blocks of 6 columns labelled by betanames1, betanames2 and their subscripts. `zero` adds "(0)" to the plain and the

@@ -22,9 +22,10 @@ void sentences(const std::string& text) {
 
 namespace {
 
-void comparison(double deviance, long long parameters) {
-  const DevianceComparison made =
+void comparison(double deviance, long long parameters, bool pseudo) {
+  DevianceComparison made =
       comparisonof(deviance, parameters, {*run.out.deviance, run.out.df}, run.model, run.mdm.twolevel());
+  if (pseudo) made.impossible = pseudocomparison;
   const auto& [statistic, df, df2, p] = made.chisquare;
   report2("\n Model comparison test\n", "<h5>&nbsp;&nbsp;&nbsp;&nbsp;Model comparison test</h5>\n");
   reportrule(35);
@@ -63,7 +64,7 @@ void modelstatistics(const PassResults& results) {
     reportline(" (a constant of the known variances is left out: compare such deviances only with each other)");
   reportline(" Number of estimated parameters = %lld", parameters);
   if (!run.out.deviance || !std::isfinite(deviance)) return;
-  comparison(deviance, parameters);
+  comparison(deviance, parameters, results.weighted);
   if (results.restricted) sentences(samefixedeffects);
 }
 

@@ -119,15 +119,6 @@ void fewunitsnote() {
 
 void norobust() { report("\nThe robust standard errors cannot be computed for this model.\n"); }
 
-void robusttables(const PassResults& results) {
-  if (results.robust.empty()) return norobust();
-  effectstables(results, TableKind::robust, results.robusteffects);
-  if (results.robustdegrees.method != DegreesMethod::counts)
-    sentences("The robust standard errors are bias-reduced (CR2), their degrees of freedom Satterthwaite's.");
-  if (results.fewunits) fewunitsnote();
-  hypothesistests(results.robusteffects);
-}
-
 void variancetesttables(const PassResults& results) {
   const VarianceTests& tests = results.tests;
   const Estimates& est = results.est;
@@ -223,6 +214,15 @@ void fixedeffectstables(const PassResults& results, TableKind kind) {
   effectstables(results, kind, results.effects);
   degreesnote(results.degrees.method);
   hypothesistests(results.effects);
+}
+
+void robusttables(const PassResults& results) {
+  if (results.robust.empty()) return norobust();
+  effectstables(results, TableKind::robust, results.robusteffects);
+  if (results.robustdegrees.method != DegreesMethod::counts)
+    sentences("The robust standard errors are bias-reduced (CR2), their degrees of freedom Satterthwaite's.");
+  if (results.fewunits) fewunitsnote();
+  hypothesistests(results.robusteffects);
 }
 
 void passtables(const PassResults& results) {

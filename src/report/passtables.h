@@ -29,6 +29,8 @@ void endingwords(const PassResults& results);
 void iterationtables(const PassResults& results);
 // The fixed effects with their ratios and hypothesis tests, by the covariance of the model.
 void fixedeffectstables(const PassResults& results, TableKind kind = TableKind::estimates);
+// The same by the sandwich, or the words that there is none.
+void robusttables(const PassResults& results);
 // All tables of the results.
 void passtables(const PassResults& results);
 

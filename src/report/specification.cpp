@@ -137,9 +137,11 @@ void weightingtable() {
     report("</tr>\n<tbody>\n");
   }
   const auto named = [](const Array<Name>& names, int v) { return v == 0 ? nullptr : &names[v]; };
-  weightrow(" Level 1       ", "Level 1", named(mdm.names1, run.model.wgtvar1), true, styleplain);
-  weightrow(" Level 2       ", "Level 2", named(mdm.names2, run.model.wgtvar2), true, styleplain);
-  if (!mdm.twolevel()) weightrow(" Level 3       ", "Level 3", named(mdm.names3, run.model.wgtvar3), true, styleplain);
+  const bool scaled = !run.model.rawweights;
+  weightrow(" Level 1       ", "Level 1", named(mdm.names1, run.model.wgtvar1), scaled, styleplain);
+  weightrow(" Level 2       ", "Level 2", named(mdm.names2, run.model.wgtvar2), scaled, styleplain);
+  if (!mdm.twolevel())
+    weightrow(" Level 3       ", "Level 3", named(mdm.names3, run.model.wgtvar3), scaled, styleplain);
   weightrow(" Precision     ", "Precision", named(mdm.names1, run.model.autovknown), false, stylebottom);
   reporthtml("</tbody></table>\n");
 }

@@ -41,6 +41,9 @@ struct DevianceComparison {
 inline constexpr const char* samefixedeffects =
     "Deviances of restricted likelihoods compare models with the same fixed effects alone: if the fixed effects of the "
     "two models differ, this test is wrong, and both models are to be fitted by LIKELIHOOD:ML.";
+// Why there is none of a run with design weights.
+inline constexpr const char* pseudocomparison =
+    "With design weights the deviance is that of a pseudo-likelihood, whose differences are no chi-square statistics.";
 [[nodiscard]] DevianceComparison comparisonof(double deviance, long long parameters, const Alternative& alternative,
                                               const Model& model, bool twolevel);
 

@@ -49,6 +49,9 @@ void takecovariance(EngineResult& result) {
   result.vgamma = diagonalblock(V, P, n2 + n3, at(estimates.g));
   result.setaupi = standarderrors(result.covariance, static_cast<int>(P), 0, estimates.q);
   result.setaubeta = standarderrors(result.covariance, static_cast<int>(P), n2, estimates.r);
+  if (result.robust.empty()) return;
+  result.robustpi = standarderrors(result.robust, static_cast<int>(P), 0, estimates.q);
+  result.robustbeta = standarderrors(result.robust, static_cast<int>(P), n2, estimates.r);
 }
 
 }  // namespace kdr

@@ -94,11 +94,13 @@ struct EngineResult {
   // An earlier iteration has seen a log-likelihood so much higher that these estimates are not to be gone on with.
   bool farbelow = false;
   Array<double> covariance;                     // P squared: of all parameters in their order
+  Array<double> robust;                         // the same by the sandwich of the level-3 units; empty: none
   Array<double> taucovariance;                  // its block of the elements of taupi and taubeta
   Array<double> vgamma;                         // g squared: its block of gamma
   Array<double> setaupi, setaubeta;             // q squared, r squared: standard errors of the elements, symmetric, as
                                                 // `standarderrors` makes them
   bool completepi = true, completebeta = true;  // every free element of the tau has one
+  Array<double> robustpi, robustbeta;           // the same by `robust`
   std::vector<std::string> warnings;            // whole sentences for the head of the results
 };
 

@@ -11,8 +11,10 @@
 #include "estimate/laplace/laplace.h"
 #include "estimate/likelihood/recordbatches.h"
 #include "estimate/likelihood/unconditional.h"
+#include "estimate/linear/inference.h"
 #include "estimate/linear/iteration.h"
 #include "estimate/linear/unitresults.h"
+#include "estimate/linear/usable.h"
 #include "estimate/quadrature/movingquadrature.h"
 #include "estimate/quadrature/quadrature.h"
 #include "kernel/matrix.h"
@@ -212,6 +214,7 @@ EngineResult engineresult(const MovingResult& moving) {
   // The printed likelihood is without binomial coefficients, and lower by a constant.
   fit.loglik = moving.loglikelihood - moving.combinations - 0.5 * moving.records * std::log(2.0 * M_PI);
   fit.covariance = moving.covariance.copy();
+  fit.robust = moving.robust.copy();
   takecovariance(fit);
   // What is at its edge is not incomplete.
   const std::size_t P2 = fit.estimates.ntaupi();
@@ -222,6 +225,10 @@ EngineResult engineresult(const MovingResult& moving) {
   };
   mark(fit.estimates.q, 0, fit.setaupi);
   mark(fit.estimates.r, P2, fit.setaubeta);
+  if (!fit.robust.empty()) {
+    mark(fit.estimates.q, 0, fit.robustpi);
+    mark(fit.estimates.r, P2, fit.robustbeta);
+  }
   fit.completepi = fit.completebeta = true;
   return fit;
 }
@@ -261,12 +268,50 @@ Failure runmoving(const Pass& pass, const MacroState& state, Engine engine, cons
   return std::move(batches.failure);
 }
 
+// The sandwich of the level-3 units' scores. It has no inverse where there are no more units than parameters.
+void takesandwich(const Pass& pass, const EngineResult& fit, PassResults& results) {
+  results.weighted = pass.model().weighted;
+  results.fewunits = fewunits(pass);
+  TauErrors& errors = results.robusterrors;
+  errors.asked = true;
+  errors.order = results.errors.order;
+  if (fit.robust.empty()) return;
+  const std::size_t P = fit.estimates.count(), taus = at(errors.order);
+  Array<double> gamma = diagonalblock(fit.robust.data(), P, taus, at(fit.estimates.g));
+  if (!positivecovariance(gamma.data(), fit.estimates.g)) return;
+  results.robust = std::move(gamma);
+  errors.known = true;
+  errors.taupi = fit.robustpi.copy();
+  errors.taubeta = fit.robustbeta.copy();
+  errors.covariance = diagonalblock(fit.robust.data(), P, 0, taus);
+}
+
+// What the results of a weighted run say of their standard errors.
+std::string sandwichwords(const MovingResult& moving, const PassResults& results, bool twolevel) {
+  const int level = twolevel ? 2 : 3;
+  if (moving.fewerunits)
+    return formatted(
+        "WARNING: there are no more level-%d units than parameters: the standard errors, which come from "
+        "the units' scores, are not to be trusted.",
+        level);
+  return results.fewunits ? formatted(
+                                "WARNING: the standard errors come from the scores of the level-%d units, and are "
+                                "for data with a larger number of them.",
+                                level)
+                          : std::string();
+}
+
 // Its results; `notes` and what is at the edge among them.
 PassResults movingresults(const Pass& pass, PassKind kind, const MovingResult& moving, const EngineResult& fit,
                           const PassResults& before) {
   PassResults results = resultsof(pass, kind, fit, before);
+  takesandwich(pass, fit, results);
+  complete(results, pass.model(), countsof(pass));
   if (moving.end == MovingEnd::stopped) results.ending = Ending::keyboard;
   results.notes = moving.notes;
+  if (results.weighted)
+    if (std::string words = sandwichwords(moving, results, pass.mdm().twolevel()); !words.empty())
+      results.notes.push_back(std::move(words));
   const auto edges = [&](int n, std::size_t first) {
     return symmetric<std::vector<bool>>(n, [&](std::size_t e) -> bool { return moving.edge[first + e]; });
   };
@@ -374,7 +419,18 @@ std::string engineobstacle(const Model& model, const Control& control) {
   const bool restricted = held.haveesttau2 || held.haveesttau3 || held.havecontau2 || held.havecontau3;
   // Steps on the taus themselves know no diagonal ones.
   const bool diagonal = control.laplace && control.agqfixed && (held.diagtaupi || held.diagtaubeta);
-  if (model.weighted) return formatted("A run with design weights cannot go on to %s.", engine);
+  if (model.weighted && control.laplace)
+    return "A run with design weights cannot go on to Laplace-6: its terms of the sixth order know no weights. "
+           "Quadrature "
+           "with one or more points (AGQ:) does.";
+  if (model.weighted && control.agqfixed)
+    return "A run with design weights cannot go on to quadrature with fixed nodes.";
+  if (model.weighted && control.agqderivlevel == 1)
+    return "With design weights standard errors are those of the sandwich: outer products alone (AGQDERIVLEVEL:1) are "
+           "no "
+           "information.";
+  if (model.weighted && model.outcome.family == Family::multinomial)
+    return formatted("A run with design weights and an outcome with categories cannot go on to %s.", engine);
   if (restricted || diagonal) return formatted("A run with restricted variance components cannot go on to %s.", engine);
   return model.outcome.categorical() ? categoryobstacle(model, control) : "";
 }

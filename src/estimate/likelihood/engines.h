@@ -12,8 +12,8 @@
 namespace kdr {
 
 // Why a model cannot go on to the engine that the control asks for; empty: it can, or there is none. The engines know
-// neither design weights nor elements of a tau that are held or equal, but for a diagonal one in quadrature: the model
-// that they fit would be another one.
+// no elements of a tau that are held or equal, but for a diagonal one in quadrature, and Laplace-6 no design weights:
+// the model that they fit would be another one.
 [[nodiscard]] std::string engineobstacle(const Model& model, const Control& control);
 
 // The last engine that the control asks for, if its results take the place of those of quasi-likelihood: those of

@@ -1,5 +1,6 @@
 #include "estimate/likelihood/recordbatches.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "estimate/quadrature/cuts.h"
@@ -49,6 +50,15 @@ Level3Records readlevel3(RecordBatches& batches) {
   unit.y.reset(records);
   if (!batches.state->counts.empty()) unit.n.reset(records);
   level3weights(pass, batches.k, unit.w3.data());
+  const bool weighted = pass.model().weighted;
+  const DesignWeights& weights = pass.weights();
+  if (weighted) {
+    unit.weight1.reset(records);
+    unit.weight2.reset(at(unit.units));
+    std::copy_n(weights.own1.data() + batches.records, records, unit.weight1.data());
+    std::copy_n(weights.own2.data() + batches.units, unit.units, unit.weight2.data());
+    unit.weight3 = weights.own3[batches.k];
+  }
   std::size_t record = 0;
   for (std::size_t j = 0; j < at(unit.units); ++j) {
     if (!neededunit(batches.reader, batches.unit)) {
@@ -66,6 +76,7 @@ Level3Records readlevel3(RecordBatches& batches) {
     }
     unit.start[j + 1] = record;
   }
+  if (weighted && pass.model().outcome.single()) weighrecords(unit);
   ++batches.k;
   batches.units += at(unit.units);
   batches.records += record;

@@ -27,8 +27,27 @@ struct Level3Records {
   Array<double> y;            // [records] the outcome as it was read: 0/1, a count of successes, a count; of categories
                               // their number, from 0
   Array<double> n;            // [records] trials or exposure; empty when the model has none
-  Array<double> categories;  // [C] where the records are those of cuts (cuts.h): how many each category has; else empty
+  // Where the records are those of cuts (cuts.h): how many records there were, and how many of each category, counted
+  // by the weights of records and level-2 units; else empty.
+  double outcomes = 0.0;
+  Array<double> categories;  // [C]
+  // Design weights, each within the unit above it; empty, and 1, without.
+  Array<double> weight1;  // [records]
+  Array<double> weight2;  // [units]
+  double weight3 = 1.0;
 };
+
+// Gives the records of Bernoulli, binomial and Poisson outcomes their weights a, which are in place: a record of weight
+// a is one of a y successes in a n trials, or a count of a y with an exposure of a n, but for a constant of the
+// outcome.
+inline void weighrecords(Level3Records& unit) {
+  if (unit.n.empty()) {
+    unit.n = unit.weight1.copy();
+  } else {
+    for (std::size_t i = 0; i < unit.n.size(); ++i) unit.n[i] *= unit.weight1[i];
+  }
+  for (std::size_t i = 0; i < unit.y.size(); ++i) unit.y[i] *= unit.weight1[i];
+}
 
 // Delivers the level-3 units of the data set in order, several at a time, as often as it is asked to.
 struct RecordSource {

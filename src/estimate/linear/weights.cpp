@@ -58,6 +58,17 @@ double level2mean(Making& making, UnitReader& reader, const UnitBlock& first, Un
   return sum / rows;
 }
 
+// The weights of one unit as they stand: its records from `record` on, and the unit's own. A level-2 unit that is its
+// level-3 unit gives its weight to that.
+void rawweights(Making& making, const UnitBlock& unit, std::size_t record, double& weight2, double& weight3) {
+  const Model& model = making.model;
+  if (model.wgtvar2 != 0)
+    (making.mdm.twolevel() ? weight3 : weight2) = positive(making, unit.level2[at(model.wgtvar2) - 1], 2);
+  for (int i = 0; model.wgtvar1 != 0 && i < unit.nj; ++i)
+    making.weights.weight1[record + at(i)] =
+        positive(making, unit.records[at(i) * at(making.mdm.nvar1) + at(model.wgtvar1) - 1], 1);
+}
+
 // The raw weights of one unit: its records from `record` on, and the unit's own.
 void unitweights(Making& making, const UnitBlock& unit, std::size_t record, double& weight2, double m2,
                  double weight3) {
@@ -105,18 +116,43 @@ Remaining readweights(Making& making) {
         break;
       }
       current = unit.id3;
-      if (model.wgtvar2 != 0) m2 = level2mean(making, reader, unit, ahead);
-      if (model.wgtvar2 != 0 && model.wgtvar3 == 0) weights.weight3[k] = m2;
+      if (model.wgtvar2 != 0 && !model.rawweights) m2 = level2mean(making, reader, unit, ahead);
+      if (model.wgtvar2 != 0 && model.wgtvar3 == 0 && !model.rawweights) weights.weight3[k] = m2;
     }
     if (deleting) deleterecords(model, unit);
     if (unit.nj == 0) continue;
-    unitweights(making, unit, remaining.records, weights.weight2[remaining.units], m2, weights.weight3[k]);
+    double& weight2 = weights.weight2[remaining.units];
+    if (model.rawweights) {
+      rawweights(making, unit, remaining.records, weight2, weights.weight3[k]);
+    } else {
+      unitweights(making, unit, remaining.records, weight2, m2, weights.weight3[k]);
+    }
     ++remaining.unitsin[k];
     remaining.recordsin[remaining.units++] = unit.nj;
     remaining.records += at(unit.nj);
   }
   if (!making.failure) making.failure = reader.failure;
   return remaining;
+}
+
+// The weights as they stand become those of their level. Quasi-likelihood and linear models take products with the
+// weights above to a mean of 1 over all units: variance components are in units of it, and no fixed effect of a linear
+// model moves. Of outcomes whose sigma^2 is held the record's weight within its unit stands.
+void multiplyraw(const Making& making, const Remaining& remaining) {
+  DesignWeights& weights = making.weights;
+  weights.own1 = weights.weight1.copy();
+  weights.own2 = weights.weight2.copy();
+  weights.own3 = weights.weight3.copy();
+  dividebymean(weights.weight3, 0, weights.weight3.size());
+  std::size_t unit = 0;
+  for (std::size_t k = 0; k < weights.weight3.size(); ++k)
+    for (const std::size_t end = unit + at(remaining.unitsin[k]); unit < end; ++unit)
+      weights.weight2[unit] *= weights.weight3[k];
+  dividebymean(weights.weight2, 0, remaining.units);
+  std::size_t record = 0;
+  for (std::size_t j = 0; j < remaining.units; ++j)
+    for (int i = 0; i < remaining.recordsin[j]; ++i) weights.weight1[record++] *= weights.weight2[j];
+  if (making.model.restrictions.fixsigma2 == 0.0) dividebymean(weights.weight1, 0, remaining.records);
 }
 
 // Each level within the one above it, then times the weight of the one above, each time to a mean of 1.
@@ -143,11 +179,13 @@ void normalise(const Making& making, const Remaining& remaining) {
       dividebymean(weights.weight2, first, n);
     });
   dividebymean(weights.weight3, 0, units3);
+  weights.own3 = weights.weight3.copy();
 
   eachlevel3([&](std::size_t, std::size_t first, std::size_t n, std::size_t, std::size_t) {
     dividebymean(weights.weight2, first, n);
   });
   dividebymean(weights.weight2, 0, remaining.units);
+  weights.own2 = weights.weight2.copy();
   eachlevel3([&](std::size_t k, std::size_t first, std::size_t n, std::size_t, std::size_t) {
     for (std::size_t j = first; j < first + n; ++j) weights.weight2[j] *= weights.weight3[k];
   });
@@ -157,6 +195,7 @@ void normalise(const Making& making, const Remaining& remaining) {
     dividebymean(weights.weight1, first, n);
   });
   dividebymean(weights.weight1, 0, remaining.records);
+  weights.own1 = weights.weight1.copy();
   std::size_t record = 0;
   for (std::size_t j = 0; j < remaining.units; ++j)
     for (int i = 0; i < remaining.recordsin[j]; ++i) weights.weight1[record++] *= weights.weight2[j];
@@ -175,11 +214,11 @@ Failure normaliseweights(const Model& model, MdmData& mdm, const Observer& obser
   if (model.wgtvar3 != 0) {
     for (std::size_t k = 0; k < weights.weight3.size(); ++k)
       weights.weight3[k] = positive(making, mdm.level3[k * at(mdm.nvar3) + at(model.wgtvar3) - 1], 3);
-    dividebymean(weights.weight3, 0, weights.weight3.size());
+    if (!model.rawweights) dividebymean(weights.weight3, 0, weights.weight3.size());
   }
   const Remaining remaining = making.failure ? Remaining{} : readweights(making);
   if (making.failure) return making.failure;
-  normalise(making, remaining);
+  model.rawweights ? multiplyraw(making, remaining) : normalise(making, remaining);
   mdm.nunits2 = static_cast<int>(remaining.units);
   return {};
 }

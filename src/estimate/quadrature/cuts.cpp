@@ -32,18 +32,24 @@ Level3Records cutrecords(const Level3Records& records, int categories) {
   cuts.w2 = records.w2.copy();
   cuts.w3 = records.w3.copy();
   cuts.y.reset(2 * total);
+  const bool weighted = !records.weight1.empty();
+  cuts.weight1.reset(weighted ? 2 * total : 0);
+  cuts.weight2 = records.weight2.copy();
+  cuts.weight3 = records.weight3;
+  cuts.outcomes = static_cast<double>(total);
   cuts.categories.reset(C);
   std::size_t next = 0;
   const auto add = [&](std::size_t record, std::size_t cut, bool success) {
     double* x = cuts.x.data() + next * npi;
     std::copy_n(records.x.data() + record * npi, npi - thresholds, x);
     if (cut > 0) x[npi - thresholds + cut - 1] = 1.0;
+    if (weighted) cuts.weight1[next] = records.weight1[record];
     cuts.y[next++] = success ? 1.0 : 0.0;
   };
   for (std::size_t j = 0; j < units; ++j) {
     for (std::size_t i = records.start[j]; i < records.start[j + 1]; ++i) {
       const auto category = static_cast<std::size_t>(records.y[i]);
-      ++cuts.categories[category];
+      cuts.categories[category] += weighted ? records.weight1[i] * records.weight2[j] : 1.0;
       if (category + 1 < C) add(i, category, true);
       if (category > 0) add(i, category - 1, false);
     }
@@ -51,6 +57,10 @@ Level3Records cutrecords(const Level3Records& records, int categories) {
   }
   cuts.x.resize(next * npi);
   cuts.y.resize(next);
+  if (weighted) {
+    cuts.weight1.resize(next);
+    weighrecords(cuts);
+  }
   return cuts;
 }
 

@@ -108,12 +108,44 @@ void settriangle(std::size_t n, std::size_t thresholds, bool distances, double r
   }
 }
 
+// A count that a weight was multiplied with and divided by is the same again but for rounding.
+double withoutweight(double value, double weight) {
+  constexpr double rounding = 1.0e-12;
+  const double count = value / weight, whole = std::round(count);
+  return std::fabs(count - whole) < rounding * count ? whole : count;
+}
+
+// The terms of the outcome alone; of a weighted record times the weights, and for a count y with weight a, which stands
+// as a y of exposure a n, less a y log a.
 void addconstants(Frame& frame, const Level3Records& unit) {
-  for (std::size_t i = 0; i < unit.y.size(); ++i) {
-    if (frame.outcome == Family::binomial && !unit.n.empty())
-      frame.combinations += logcombinations(unit.n[i], unit.y[i]);
-    if (frame.outcome == Family::poisson) frame.counts -= logfactorial(unit.y[i]);
-  }
+  const bool weighted = !unit.weight1.empty();
+  for (std::size_t j = 0; j < at(unit.units); ++j)
+    for (std::size_t i = unit.start[j]; i < unit.start[j + 1]; ++i) {
+      const double a = weighted ? unit.weight1[i] : 1.0, above = weighted ? unit.weight2[j] * unit.weight3 : 1.0;
+      const double y = weighted ? withoutweight(unit.y[i], a) : unit.y[i];
+      if (frame.outcome == Family::binomial && !unit.n.empty())
+        frame.combinations += a * above * logcombinations(weighted ? withoutweight(unit.n[i], a) : unit.n[i], y);
+      if (frame.outcome == Family::poisson) frame.counts -= a * above * logfactorial(y);
+      if (frame.outcome == Family::poisson && weighted) frame.counts -= above * unit.y[i] * std::log(a);
+    }
+}
+
+// Weights of the units, those of level 3 to a mean of 1: a factor of all of them leaves every step as it is.
+void setweights(Frame& frame) {
+  UnitDesigns& units = frame.units;
+  frame.counted2 = static_cast<double>(frame.units2());
+  if (units.weight3.empty()) return;
+  double sum = 0.0;
+  for (const double weight : units.weight3) sum += weight;
+  frame.scale = sum / static_cast<double>(frame.units3());
+  for (double& weight : units.weight3) weight /= frame.scale;
+  frame.counts /= frame.scale;
+  frame.combinations /= frame.scale;
+  for (double& count : frame.categories) count /= frame.scale;
+  frame.counted2 = 0.0;
+  for (std::size_t k = 0; k < frame.units3(); ++k)
+    for (std::size_t j = units.first[k]; j < units.first[k + 1]; ++j)
+      frame.counted2 += units.weight3[k] * units.weight2[j];
 }
 
 void setSd(Frame& frame) {
@@ -277,13 +309,14 @@ Frame makeframe(Family outcome, int npi, int nbeta, const Design& design, Record
       frame.units.w3.insert(frame.units.w3.end(), unit.w3.begin(), unit.w3.end());
       const auto records = static_cast<double>(unit.start[at(unit.units)]);
       frame.records += records;
-      if (unit.categories.empty()) frame.outcomes += records;
+      frame.outcomes += unit.categories.empty() ? records : unit.outcomes;
       if (frame.categories.empty()) frame.categories.reset(unit.categories.size());
-      for (std::size_t c = 0; c < unit.categories.size(); ++c) {
-        frame.categories[c] += unit.categories[c];
-        frame.outcomes += unit.categories[c];
-      }
+      for (std::size_t c = 0; c < unit.categories.size(); ++c) frame.categories[c] += unit.weight3 * unit.categories[c];
       addconstants(frame, unit);
+      if (!unit.weight2.empty()) {
+        frame.units.weight2.insert(frame.units.weight2.end(), unit.weight2.begin(), unit.weight2.end());
+        frame.units.weight3.push_back(unit.weight3);
+      }
       for (std::size_t j = 0; j < at(unit.units); ++j) {
         const std::size_t first = unit.start[j], count = unit.start[j + 1] - first;
         const double* w2 = unit.w2.data() + j * at(nbeta);
@@ -316,6 +349,7 @@ Frame makeframe(Family outcome, int npi, int nbeta, const Design& design, Record
   settriangle(q, frame.records, diagonalpi, frame.Rd, frame.toD);
   settriangle(r, frame.records, diagonalbeta, frame.Re, frame.toE);
   setSd(frame);
+  setweights(frame);
   return frame;
 }
 

@@ -29,6 +29,8 @@ struct UnitDesigns {
   std::vector<std::size_t> first;  // [J3 + 1] level-2 units before each level-3 unit
   std::vector<double> w2;          // J2 by nbeta
   std::vector<double> w3;          // J3 by full ngamma
+  // Of a weighted run: a level-2 unit's weight within its level-3 unit, a level-3 unit's over their mean.
+  std::vector<double> weight2, weight3;  // [J2], [J3], else empty
 };
 
 struct Frame {
@@ -48,9 +50,21 @@ struct Frame {
   Array<double> categories;   // [C] of cuts: how many of the outcomes each category has
   double counts = 0.0;        // Poisson: -sum of log y!
   double combinations = 0.0;  // binomial: the logarithms of the binomial coefficients
+  double scale = 1.0;  // mean of the level-3 weights: a log-likelihood of the engine times it is that of the data
 
   [[nodiscard]] std::size_t units2() const { return units.first.back(); }
   [[nodiscard]] std::size_t units3() const { return units.first.size() - 1; }
+  // Those of level-3 unit k and of its level-2 unit j; 1 without.
+  [[nodiscard]] double weight3(std::size_t k) const { return units.weight3.empty() ? 1.0 : units.weight3[k]; }
+  [[nodiscard]] double weight2(std::size_t k, std::size_t j) const {
+    return units.weight2.empty() ? 1.0 : units.weight2[units.first[k] + j];
+  }
+  // All of the level-2 units of k; null without.
+  [[nodiscard]] const double* weightsof2(std::size_t k) const {
+    return units.weight2.empty() ? nullptr : units.weight2.data() + units.first[k];
+  }
+  // Level-2 units as their weights, and those above, count them: what means over them are divided by.
+  double counted2 = 0.0;
   // Elements of a point: the pairs (a, b), a >= b, of A row by row, those of B, gamma~ with u in the place of s.
   [[nodiscard]] std::size_t count() const;
 };

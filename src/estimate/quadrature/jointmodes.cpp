@@ -45,7 +45,7 @@ void makexcolumns(const Frame& frame, const Level3Records& records, ModeWork& wo
       std::fill(to + count, to + stride, behind);
     };
     place(work.y, records.y.data(), 0.0);
-    place(work.n, frame.outcome == Family::binomial && !records.n.empty() ? records.n.data() : nullptr, 0.0);
+    place(work.n, frame.outcome != Family::poisson && !records.n.empty() ? records.n.data() : nullptr, 0.0);
     if (exposed) place(work.logn, records.n.data(), 1.0);
     work.outcome.push_back(densityof(frame, records, j));
   }
@@ -53,7 +53,8 @@ void makexcolumns(const Frame& frame, const Level3Records& records, ModeWork& wo
 }
 
 // Densities and their derivatives at effects: the objective, and M, h and D of every level-2 unit.
-double evaluate(const Frame& frame, std::size_t units, const double* z, const double* w, ModeWork& work) {
+double evaluate(const Frame& frame, std::size_t k, std::size_t units, const double* z, const double* w,
+                ModeWork& work) {
   const QuadratureLoops& loops = fastestquadratureloops();
   const std::size_t npi = at(frame.npi), q = at(frame.q), r = at(frame.r), s = q + r;
   double objective = 0.0;
@@ -68,8 +69,9 @@ double evaluate(const Frame& frame, std::size_t units, const double* z, const do
       for (std::size_t a = 0; a < q; ++a) sum += C[m * s + a] * own[a];
       c[m] = sum;
     }
-    work.density += loops.recordsums[static_cast<int>(work.outcome[j])](work.columnsof(frame, j));
-    for (std::size_t a = 0; a < q; ++a) objective -= 0.5 * own[a] * own[a];
+    const double weight = frame.weight2(k, j);
+    work.density += weight * loops.recordsums[static_cast<int>(work.outcome[j])](work.columnsof(frame, j));
+    for (std::size_t a = 0; a < q; ++a) objective -= weight * 0.5 * own[a] * own[a];
   }
   return objective + work.density;
 }
@@ -93,7 +95,7 @@ RecordColumns ModeWork::columnsof(const Frame& frame, std::size_t j) {
 
 bool jointmodes(const Frame& frame, const SphericalPoint& point, const Level3Records& records, double promised,
                 double* z, double* w, ModeWork& work) {
-  const std::size_t npi = at(frame.npi), q = at(frame.q), r = at(frame.r), units = at(records.units);
+  const std::size_t npi = at(frame.npi), q = at(frame.q), r = at(frame.r), units = at(records.units), k = at(records.k);
   makeunitframes(frame, at(records.k), work.frames);
   makexcolumns(frame, records, work);
   makecolumns(frame, point, work.frames, units, work.columns);
@@ -106,37 +108,38 @@ bool jointmodes(const Frame& frame, const SphericalPoint& point, const Level3Rec
   fit(work.scratch, 4 * (npi + packedsize(frame.npi)));
   fit(work.trialz, units * q);
   fit(work.trialw, r);
-  double objective = evaluate(frame, units, z, w, work);
+  double objective = evaluate(frame, k, units, z, w, work);
   if (!std::isfinite(objective)) {
     std::fill_n(z, units * q, 0.0);
     std::fill_n(w, r, 0.0);
-    objective = evaluate(frame, units, z, w, work);
+    objective = evaluate(frame, k, units, z, w, work);
     if (!std::isfinite(objective)) return false;
   }
   for (int step = 0; step < moststeps; ++step) {
-    if (!sweepunit(frame, work.columns, units, work.M.data(), work.h.data(), z, w, work.sweep)) return false;
+    if (!sweepunit(frame, work.columns, units, frame.weightsof2(k), work.M.data(), work.h.data(), z, w, work.sweep))
+      return false;
     // The right sides times the moves: what the step promises, twice.
     double promise = 0.0;
     const double *g2 = work.sweep.right.data(), *g3 = g2 + units * q;
-    for (std::size_t i = 0; i < units * q; ++i) promise += g2[i] * work.sweep.dz[i];
+    for (std::size_t i = 0; i < units * q; ++i) promise += frame.weight2(k, i / q) * g2[i] * work.sweep.dz[i];
     // g3 holds what elimination of the units has left; their own share with dw stands in dz.
     for (std::size_t b = 0; b < r; ++b) promise += g3[b] * work.sweep.dw[b];
     for (std::size_t j = 0; j < units; ++j)
       for (std::size_t a = 0; a < q; ++a)
         for (std::size_t b = 0; b < r; ++b)
-          promise -= g2[j * q + a] * work.sweep.slope[(j * q + a) * r + b] * work.sweep.dw[b];
+          promise -= frame.weight2(k, j) * g2[j * q + a] * work.sweep.slope[(j * q + a) * r + b] * work.sweep.dw[b];
     if (!std::isfinite(promise)) return false;
     if (promise < promised) break;
     double factor = 1.0, next = 0.0;
     int halving = 0;
     for (;; ++halving, factor *= 0.5) {
       if (halving > mosthalvings) {  // rounding hides the rest
-        evaluate(frame, units, z, w, work);
+        evaluate(frame, k, units, z, w, work);
         return promise < 1.0e-9;
       }
       for (std::size_t i = 0; i < units * q; ++i) work.trialz[i] = z[i] + factor * work.sweep.dz[i];
       for (std::size_t b = 0; b < r; ++b) work.trialw[b] = w[b] + factor * work.sweep.dw[b];
-      next = evaluate(frame, units, work.trialz.data(), work.trialw.data(), work);
+      next = evaluate(frame, k, units, work.trialz.data(), work.trialw.data(), work);
       if (std::isfinite(next) && next >= objective - 1.0e-10 * std::fabs(objective)) break;
     }
     std::copy_n(work.trialz.data(), units * q, z);

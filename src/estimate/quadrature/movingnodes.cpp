@@ -157,12 +157,13 @@ bool carryunit(const Frame& frame, const SphericalPoint& from, const SphericalPo
   const double *z = moments.z.data() + first * q, *w = moments.w.data() + k * r;
   makeunitframes(frame, k, work.frames);
   makecolumns(frame, from, work.frames, units, work.columns);
-  if (!sweepunit(frame, work.columns, units, M, h, z, w, work.from)) return false;
+  const double* weights = frame.weightsof2(k);
+  if (!sweepunit(frame, work.columns, units, weights, M, h, z, w, work.from)) return false;
   if (!still) {
     fit(work.res, units * npi);
     carriedresiduals(frame, from, to, work.frames, units, M, h, z, w, work);
     makecolumns(frame, to, work.frames, units, work.columns);
-    if (!sweepunit(frame, work.columns, units, M, work.res.data(), z, w, work.to)) return false;
+    if (!sweepunit(frame, work.columns, units, weights, M, work.res.data(), z, w, work.to)) return false;
   }
   const Sweep &s0 = work.from, &s1 = still ? work.from : work.to;
   const int oq = frame.q, orr = frame.r;
@@ -300,8 +301,8 @@ void makecolumns(const Frame& frame, const SphericalPoint& point, const UnitFram
     }
 }
 
-bool sweepunit(const Frame& frame, const Array<double>& columns, std::size_t units, const double* M, const double* res,
-               const double* z, const double* w, Sweep& sweep) {
+bool sweepunit(const Frame& frame, const Array<double>& columns, std::size_t units, const double* weights,
+               const double* M, const double* res, const double* z, const double* w, Sweep& sweep) {
   const std::size_t npi = at(frame.npi), q = at(frame.q), r = at(frame.r), s = q + r, packed = packedsize(frame.npi);
   for (Array<double>* array : {&sweep.C2, &sweep.L2, &sweep.P}) fit(*array, units * q * q);
   for (Array<double>* array : {&sweep.slope, &sweep.K}) fit(*array, units * q * r);
@@ -330,7 +331,10 @@ bool sweepunit(const Frame& frame, const Array<double>& columns, std::size_t uni
     for (std::size_t a = 0, e = 0; a < q; ++a)
       for (std::size_t b = 0; b <= a; ++b, ++e) H[a * q + b] = H[b * q + a] = form[e] + (a == b ? 1.0 : 0.0);
     double *C2 = sweep.C2.data() + j * q * q, *slope = sweep.slope.data() + j * q * r;
+    const double weight = weights == nullptr ? 1.0 : weights[j];
+    double before = sweep.logdeterminant;
     if (!invertinformation(q, H, C2, sweep.L2.data() + j * q * q, sweep.logdeterminant, scratch)) return false;
+    if (weight != 1.0) sweep.logdeterminant = before + weight * (sweep.logdeterminant - before);
     // X23 stands in the first q places of the rows of level 3.
     for (std::size_t a = 0; a < q; ++a) {
       for (std::size_t b = 0; b < r; ++b) {
@@ -348,12 +352,12 @@ bool sweepunit(const Frame& frame, const Array<double>& columns, std::size_t uni
       for (std::size_t c = 0; c < r; ++c) {
         double sum = c <= b ? row[q + c] : form[(q + c) * (q + c + 1) / 2 + q + b];
         for (std::size_t a = 0; a < q; ++a) sum += row[a] * slope[a * r + c];
-        H3[b * r + c] += sum;
+        H3[b * r + c] += weight * sum;
       }
       double sum = 0.0;
       for (std::size_t c = 0; c < npi; ++c) sum += C[c * s + q + b] * own[c];
       for (std::size_t a = 0; a < q; ++a) sum += slope[a * r + b] * g2[j * q + a];
-      g3[b] += sum;
+      g3[b] += weight * sum;
     }
   }
   for (std::size_t a = 0; a < r; ++a)

@@ -5,7 +5,8 @@
 //   H2 = I + A'(sum W dd')A,  X23 = A'(sum W de')B,  C2 = H2^-1,  slope = -C2 X23,
 //   H3 = I + B'(sum W ee')B - sum_j X23'C2 X23,  C3 = H3^-1,  K = slope C3,  P = C2 + slope C3 slope',
 // with the right sides g2 = A' sum d res - z, g3 = B' sum e res - w - sum_j X23'C2 g2 and the moves dw = C3 g3,
-// dz = C2 g2 + slope dw. An evaluation leaves the mean weights and residuals of each level-2 unit as sums over its
+// dz = C2 g2 + slope dw. A level-2 unit with a design weight counts in the sums of H3 and g3 as so many units. An
+// evaluation leaves the mean weights and residuals of each level-2 unit as sums over its
 // records, so that a sweep reads no records.
 #pragma once
 
@@ -49,10 +50,10 @@ struct Sweep {
   double logdeterminant = 0.0;        // of the whole information of the effects
   Array<double> right, work;
 };
-// M, res: of each unit, packed npi(npi+1)/2 and npi. False when no covariance comes out, as by numbers that are not
-// finite.
-[[nodiscard]] bool sweepunit(const Frame& frame, const Array<double>& columns, std::size_t units, const double* M,
-                             const double* res, const double* z, const double* w, Sweep& sweep);
+// M, res: of each unit, packed npi(npi+1)/2 and npi; weights: [units], null for 1. False when no covariance comes out,
+// as by numbers that are not finite.
+[[nodiscard]] bool sweepunit(const Frame& frame, const Array<double>& columns, std::size_t units, const double* weights,
+                             const double* M, const double* res, const double* z, const double* w, Sweep& sweep);
 
 // The nodes at another point, from the posterior moments `moments` and the sums of the evaluation at `from`: centres go
 // along by the difference of the sweeps' moves, covariances by that of their factors. At the same point only the guards

@@ -76,11 +76,15 @@ constexpr double leastshare = 1.0e-10;
 struct Errors {
   bool usable = false;
   Array<double> covariance;  // of the parameters
+  Array<double> sandwich;    // the same, J M^-1 O M^-1 J'
+  bool fewerunits = false;   // the units' scores, which sum to 0, cannot have an O of full rank
   std::vector<bool> edge;    // of the parameters
 };
 
-// J M^-1 J' over the elements that are free. Not usable where one of them says nothing but rounding that others don't.
-Errors errorsof(const Frame& frame, const Array<double>& point, const Array<double>& information) {
+// J M^-1 J' over the elements that are free, and the sandwich with O, the outer products of the units' scores. Not
+// usable where one of the elements says nothing but rounding that others don't.
+Errors errorsof(const Frame& frame, const Array<double>& point, const Array<double>& information,
+                const Array<double>& outer) {
   const std::size_t P = frame.count(), taus = P - at(frame.g);
   const std::vector<bool> held = heldelements(frame), edge = edgeelements(frame, point);
   std::vector<std::size_t> used;
@@ -108,13 +112,21 @@ Errors errorsof(const Frame& frame, const Array<double>& point, const Array<doub
   mulAB(through.data(), Jused.data(), inverse.data(), all, order, order);
   errors.covariance.reset(P * P);
   mulABt(errors.covariance.data(), through.data(), Jused.data(), all, all, order);
+  for (std::size_t i = 0; i < n; ++i)
+    for (std::size_t l = 0; l < n; ++l) M[i * n + l] = outer[used[i] * P + used[l]] / (d[i] * d[l]);
+  Array<double> half(P * n);
+  mulAB(half.data(), through.data(), M.data(), all, order, order);
+  errors.sandwich.reset(P * P);
+  mulABt(errors.sandwich.data(), half.data(), through.data(), all, all, order);
+  errors.fewerunits = frame.units3() <= n;
   errors.edge.assign(P, false);
   for (std::size_t i = 0; i < taus; ++i)
     if (!held[i] && !(errors.covariance[i * P + i] > 0.0)) errors.edge[i] = true;
   // An off-diagonal element of raw parameters stays held with its frame's.
   for (std::size_t i = 0; i < P; ++i)
     if (i < taus && held[i])
-      for (std::size_t l = 0; l < P; ++l) errors.covariance[i * P + l] = errors.covariance[l * P + i] = 0.0;
+      for (std::size_t l = 0; l < P; ++l)
+        for (Array<double>* V : {&errors.covariance, &errors.sandwich}) (*V)[i * P + l] = (*V)[l * P + i] = 0.0;
   errors.usable = true;
   return errors;
 }
@@ -152,7 +164,7 @@ AscentProblem Search::watched(Run& made, AscentProblem problem) {
   problem.iterated = [this, &made, before = static_cast<double>(-INFINITY), earlier = iterations](
                          int iteration, double value) mutable {
     iterations = earlier + iteration;
-    if (observer.iteration) observer.iteration(iterations, value);
+    if (observer.iteration) observer.iteration(iterations, value * likelihood.frame.scale);
     made.nomaximum = std::fabs(value - before) < settings.nogain &&
                      largestdeviation(likelihood.frame, likelihood.current.point) > settings.nomaximum;
     before = value;
@@ -184,11 +196,19 @@ Run Search::run(int points, const Array<double>& start, Approach approach, int l
   return made;
 }
 
-// Outer products of fewer level-3 units than parameters have no inverse: the information stands in for them.
+// Outer products of fewer level-3 units than parameters have no inverse: the information stands in for them. With
+// design weights the information is no inverse of a covariance, and the sandwich takes its place.
 void Search::seterrors(Run& made) const {
-  if (settings.outerproducts) made.errors = errorsof(likelihood.frame, made.ascent.point, likelihood.current.outer);
-  made.noouter = settings.outerproducts && !made.errors.usable;
-  if (!made.errors.usable) made.errors = errorsof(likelihood.frame, made.ascent.point, made.ascent.there.information);
+  const Frame& frame = likelihood.frame;
+  const Array<double>&outer = likelihood.current.outer, &point = made.ascent.point;
+  made.errors = errorsof(frame, point, made.ascent.there.information, outer);
+  if (!frame.units.weight3.empty()) made.errors.covariance = made.errors.sandwich.copy();
+  if (!settings.outerproducts) return;
+  Errors byouter = errorsof(frame, point, outer, outer);
+  made.noouter = !byouter.usable;
+  if (made.noouter) return;
+  byouter.sandwich = std::move(made.errors.sandwich);
+  made.errors = std::move(byouter);
 }
 
 // First order or sixth. The sixth is not defined where variances are so large that its terms outgrow those of the
@@ -233,6 +253,7 @@ PointsCheck Search::compare(const Run& before, const Run& after, int next) const
   }
   check.agrees = after.converged && before.converged && std::fabs(check.change) < settings.valueagrees &&
                  check.errorchange < settings.errorsagree;
+  check.change *= likelihood.frame.scale;
   return check;
 }
 
@@ -242,7 +263,7 @@ void Search::fill(const Run& made, int points, MovingResult& result) const {
   result.points = points;
   result.iterations = iterations;
   result.evaluations = evaluations;
-  result.combinations = frame.combinations;
+  result.combinations = frame.combinations * frame.scale;
   result.records = frame.outcomes;
   switch (made.ascent.end) {
     case AscentEnd::converged:
@@ -267,7 +288,7 @@ void Search::fill(const Run& made, int points, MovingResult& result) const {
   Array<double> lifted = made.ascent.point.copy();
   raisestart(frame, likelihood.current.curvature, leastlifted, lifted);
   result.lifted = parametersof(frame, lifted);
-  result.loglikelihood = made.ascent.there.value;
+  result.loglikelihood = made.ascent.there.value * frame.scale;
   result.distance = std::sqrt(made.ascent.decrement);
   result.usable = made.errors.usable && result.end != MovingEnd::toofewpoints;
   if (!result.usable) {
@@ -282,6 +303,8 @@ void Search::fill(const Run& made, int points, MovingResult& result) const {
   if (settings.posteriors) result.posteriors = posteriorsof(frame, made.ascent.point, likelihood.current.nodes);
   if (!settings.sixth) result.reliabilities = reliabilitiesof(likelihood);
   result.covariance = made.errors.covariance.copy();
+  result.fewerunits = made.errors.fewerunits;
+  if (!made.errors.fewerunits) result.robust = made.errors.sandwich.copy();
   result.edge = made.errors.edge;
   const std::vector<bool> zero = edgeelements(frame, made.ascent.point);
   const std::size_t P2 = packedsize(frame.q), P3 = packedsize(frame.r);
@@ -422,9 +445,9 @@ bool lednowhere(const MovingResult& result) {
 }
 
 // A maximum is better than none, unless the likelihood has risen above it elsewhere.
-bool better(const MovingSettings& settings, const MovingResult& again, const MovingResult& before) {
+bool better(double nogain, const MovingResult& again, const MovingResult& before) {
   if (!again.usable || !before.usable) return again.usable;
-  return !lednowhere(again) && again.loglikelihood > before.loglikelihood - settings.nogain;
+  return !lednowhere(again) && again.loglikelihood > before.loglikelihood - nogain;
 }
 
 constexpr const char* elsewhere =
@@ -465,7 +488,7 @@ MovingResult movingquadrature(const MovingSettings& settings, int npi, int nbeta
     MovingResult again;
     search.from(std::move(point), again);
     if (given && again.usable) again.notes.emplace_back(elsewhere);
-    if (!given || better(settings, again, result)) return again;
+    if (!given || better(settings.nogain * likelihood.frame.scale, again, result)) return again;
   } else if (!given) {
     result.warnings.emplace_back("WARNING: the records do not tell the fixed effects apart.");
   }

@@ -82,7 +82,10 @@ struct MovingResult {
   int points = 0;
   int iterations = 0, evaluations = 0;
   double distance = 0.0;     // of the estimates from the maximum in standard errors, the farthest of them
-  Array<double> covariance;  // P squared, of (vech taupi, vech taubeta, gamma); 0 in the rows of what has none
+  Array<double> covariance;  // P squared, of (vech taupi, vech taubeta, gamma); 0 in the rows of what has none. With
+                             // design weights it is the sandwich
+  Array<double> robust;      // the same by the sandwich of the units' scores; empty: there are too few of them
+  bool fewerunits = false;   // than parameters and one more: so few have no sandwich that has an inverse
   std::vector<bool> edge;    // [P] a variance of 0, and its covariances: at the edge, without a standard error
   bool singularpi = false, singularbeta = false;  // a correlation of 1, or a variance of 0
   Reliabilities reliabilities;

@@ -12,6 +12,7 @@
 #include "kernel/matrix.h"
 #include "kernel/products.h"
 #include "kernel/sizes.h"
+#include "kernel/vectors.h"
 
 namespace kdr {
 
@@ -47,13 +48,15 @@ void unitgradient(const Frame& frame, const Level3Records& records, const double
     if (sixth != nullptr)
       for (std::size_t m = 0; m < npi; ++m) t[m] += sixth->byeta[j * npi + m];
     mulAtB(pz.data() + j * q, cD, t, oq, 1, op);  // the right side, for now
-    addAtB(right.data(), rows.L.data() + j * npi * r, t, orr, 1, op);
+    for (std::size_t m = 0; m < npi; ++m) product[m] = frame.weight2(at(records.k), j) * t[m];
+    addAtB(right.data(), rows.L.data() + j * npi * r, product.data(), orr, 1, op);
   }
   mulAB(pw.data(), sweep.C3.data(), right.data(), orr, 1, orr);
   for (std::size_t j = 0; j < units; ++j) {
     const double *E = rows.E.data() + j * npi * r, *M = work.M.data() + j * T, *h = work.h.data() + j * npi;
     const double *Sx = work.frames.Sx.data() + j * npi * g, *Se = work.frames.Se.data() + j * npi * r;
     double* p = pz.data() + j * q;
+    const double weight = frame.weight2(at(records.k), j);
     mulAB(solved.data(), sweep.C2.data() + j * q * q, p, oq, 1, oq);
     addAB(solved.data(), sweep.slope.data() + j * q * r, pw.data(), oq, 1, orr);
     std::copy_n(solved.data(), q, p);
@@ -62,7 +65,7 @@ void unitgradient(const Frame& frame, const Level3Records& records, const double
     for (std::size_t m = 0; m < npi; ++m) hrho[m] = h[m] + tsum[j * npi + m];
     addpacked(npi, M, c.data(), -1.0, hrho.data());
     for (std::size_t l = 0; l < g; ++l)
-      for (std::size_t m = 0; m < npi; ++m) score[P2 + P3 + l] += Sx[m * g + l] * hrho[m];
+      for (std::size_t m = 0; m < npi; ++m) score[P2 + P3 + l] += weight * Sx[m * g + l] * hrho[m];
     // One level: rows S (npi by n), modes x, p, the columns `left` (npi by n) of H^-1, and U of the sixth order.
     const auto level = [&](std::size_t n, const double* S, const double* x, const double* px, const double* left,
                            const double* U, double* to) {
@@ -83,7 +86,7 @@ void unitgradient(const Frame& frame, const Level3Records& records, const double
       for (std::size_t a = 0; a < n; ++a)
         for (std::size_t b = 0; b <= a; ++b, ++to)
           for (std::size_t m = 0; m < npi; ++m)
-            *to += S[m * n + a] * (hrho[m] * x[b] + h[m] * px[b] - through[m * n + b]);
+            *to += weight * S[m * n + a] * (hrho[m] * x[b] + h[m] * px[b] - through[m * n + b]);
     };
     level(q, frame.Sd.data(), z + j * q, p, rows.left2.data() + j * npi * q,
           sixth == nullptr ? nullptr : sixth->U2.data() + j * npi * q, score);
@@ -113,7 +116,9 @@ bool unitlaplace(SphericalLikelihood& likelihood, const SphericalPoint& there, c
   std::copy_n(work.sweep.K.data(), units * q * r, state.nodes.K.data() + first * q * r);
   for (std::size_t e = 0; e < units * T; ++e) state.sums.M[first * T + e] = static_cast<float>(work.M[e]);
   for (std::size_t e = 0; e < units * npi; ++e) state.sums.h[first * npi + e] = static_cast<float>(work.h[e]);
-  score[P] = work.density - 0.5 * (dot(z, z, units * q) + dot(w, w, r) + work.sweep.logdeterminant);
+  double squares = 0.0;
+  for (std::size_t j = 0; j < units; ++j) squares += frame.weight2(k, j) * dot(z + j * q, z + j * q, q);
+  score[P] = work.density - 0.5 * (squares + dot(w, w, r) + work.sweep.logdeterminant);
   makecurvaturerows(frame, there, units, work, own.rows);
   if (likelihood.sixth) {
     if (!makesixthorder(frame, records, z, w, work, own.rows, own.sixth)) return false;
@@ -160,8 +165,9 @@ Evaluation evaluatelaplace(SphericalLikelihood& likelihood, const Array<double>&
       [&](const std::vector<Level3Records>& batch) {
         for (std::size_t i = 0; i < batch.size(); ++i) {
           double* score = values.data() + i * (P + 1);
+          addcategories(frame, there, batch[i].categories, score[P], score + P - frame.g);
+          multiply(score, P + 1, frame.weight3(at(batch[i].k)));
           evaluation.value += score[P];
-          addcategories(frame, there, batch[i].categories, evaluation.value, score + P - frame.g);
           for (std::size_t c = 0; c < P; ++c) {
             evaluation.score[c] += score[c];
             for (std::size_t d = 0; d < P; ++d) state.outer[c * P + d] += score[c] * score[d];

@@ -7,7 +7,9 @@
 // gradient is, by the implicit function theorem at the modes,
 //   g: sum rho x;   A_ab: sum d_a [rho z_b + r p_(z_b) - W ((I + 2 D H^-1 N) H^-1 b)_(z_b) + 2 D (H^-1 n)_(z_b)];
 //   B_ab: the same with e_a, w_b and p_w,
-// where N = sum n_i b_i' and n_i = F_i b_i + 5/24 k3_i a_i sum_l k3_l a_l b_l over its unit, both 0 in the first order.
+// (With design weights a level-2 unit's terms of l, of x'x and of log|I + A'(sum W dd')A| count as so many units, and
+// so do its records in these sums: what copies of it give, of which each has effects of its own.) where N = sum n_i
+// b_i' and n_i = F_i b_i + 5/24 k3_i a_i sum_l k3_l a_l b_l over its unit, both 0 in the first order.
 #pragma once
 
 #include "estimate/ascent/ascent.h"

@@ -1,5 +1,6 @@
 #include "estimate/quadrature/posteriormoments.h"
 
+#include <cmath>
 #include <vector>
 
 #include "estimate/likelihood/unitthreads.h"
@@ -55,7 +56,7 @@ void ReliabilitySums::add(const double* information) const {
 }
 
 void addreliabilities(const Frame& frame, const SphericalPoint& point, const UnitFrames& frames, std::size_t units,
-                      const double* M, const Array<double>& C2, const ReliabilitySums& level2,
+                      const double* weights, const double* M, const Array<double>& C2, const ReliabilitySums& level2,
                       const ReliabilitySums& level3) {
   const std::size_t npi = at(frame.npi), q = at(frame.q), r = at(frame.r), packed = packedsize(frame.npi);
   const int op = frame.npi, oq = frame.q, orr = frame.r;
@@ -70,6 +71,10 @@ void addreliabilities(const Frame& frame, const SphericalPoint& point, const Uni
     mulAtB(dd.data(), frame.Sd.data(), MD.data(), oq, oq, op);
     mulAtB(de.data(), frame.Sd.data(), ME.data(), oq, orr, op);
     level2.add(dd.data());
+    if (weights != nullptr) {
+      multiply(ME.data(), npi * r, weights[j]);
+      multiply(de.data(), q * r, std::sqrt(weights[j]));
+    }
     // sum W ee' - (sum W ed') A C2 A' (sum W de').
     addAtB(information.data(), Se, ME.data(), orr, orr, op);
     mulAB(AC.data(), point.A.data(), C2.data() + j * q * q, oq, oq, oq);
@@ -121,11 +126,11 @@ Reliabilities reliabilitiesof(const SphericalLikelihood& likelihood) {
     fit(own.h, units * npi);
     for (std::size_t e = 0; e < units * packed; ++e) own.M[e] = static_cast<double>(state.sums.M[first * packed + e]);
     for (std::size_t e = 0; e < units * npi; ++e) own.h[e] = static_cast<double>(state.sums.h[first * npi + e]);
-    if (!sweepunit(frame, own.columns, units, own.M.data(), own.h.data(), state.nodes.z.data() + first * q,
-                   state.nodes.w.data() + k * r, own.sweep))
+    if (!sweepunit(frame, own.columns, units, frame.weightsof2(k), own.M.data(), own.h.data(),
+                   state.nodes.z.data() + first * q, state.nodes.w.data() + k * r, own.sweep))
       return;
     double* sum = sums.data() + k * width;
-    addreliabilities(frame, there, own.frames, units, own.M.data(), own.sweep.C2,
+    addreliabilities(frame, there, own.frames, units, frame.weightsof2(k), own.M.data(), own.sweep.C2,
                      {frame.q, frame.toD, parameters.taupi, sum, sum + q + r},
                      {frame.r, frame.toE, parameters.taubeta, sum + q, sum + q + r + 1});
   });

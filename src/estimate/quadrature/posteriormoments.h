@@ -22,9 +22,9 @@ struct ReliabilitySums {
   void add(const double* information) const;
 };
 // Adds a level-3 unit by the weights of its records. M: of each level-2 unit sum W x~x~', packed. The information of
-// level 2 is sum W dd', that of level 3 what the level-2 effects leave of sum W ee'.
+// level 2 is sum W dd', that of level 3 what the level-2 effects leave of sum W ee'; `weights`: as of sweepunit.
 void addreliabilities(const Frame& frame, const SphericalPoint& point, const UnitFrames& frames, std::size_t units,
-                      const double* M, const Array<double>& C2, const ReliabilitySums& level2,
+                      const double* weights, const double* M, const Array<double>& C2, const ReliabilitySums& level2,
                       const ReliabilitySums& level3);
 // Their means by the weights that the last accepted evaluation has left.
 [[nodiscard]] Reliabilities reliabilitiesof(const SphericalLikelihood& likelihood);

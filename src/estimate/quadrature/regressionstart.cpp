@@ -28,19 +28,19 @@ double form(std::size_t npi, const double* M, const double* X, std::size_t n, st
 
 // The sums of one level-3 unit: value, score (g), information (its lower triangle in g squared), curvature (q + r) as
 // i_a before it is divided by the units.
-void unitregression(const Frame& frame, const ModeWork& work, std::size_t units, double* sums) {
+void unitregression(const Frame& frame, std::size_t k, const ModeWork& work, std::size_t units, double* sums) {
   const std::size_t npi = at(frame.npi), q = at(frame.q), r = at(frame.r), g = at(frame.g), T = packedsize(frame.npi);
   double *score = sums + 1, *information = score + g, *curvature = information + g * g;
   sums[0] = work.density;
   for (std::size_t j = 0; j < units; ++j) {
-    const double *M = work.M.data() + j * T, *h = work.h.data() + j * npi;
+    const double *M = work.M.data() + j * T, *h = work.h.data() + j * npi, weight = frame.weight2(k, j);
     const double *Sx = work.frames.Sx.data() + j * npi * g, *Se = work.frames.Se.data() + j * npi * r;
     for (std::size_t c = 0; c < g; ++c) {
-      for (std::size_t i = 0; i < npi; ++i) score[c] += Sx[i * g + c] * h[i];
-      for (std::size_t d = 0; d <= c; ++d) information[c * g + d] += form(npi, M, Sx, g, c, d);
+      for (std::size_t i = 0; i < npi; ++i) score[c] += weight * Sx[i * g + c] * h[i];
+      for (std::size_t d = 0; d <= c; ++d) information[c * g + d] += weight * form(npi, M, Sx, g, c, d);
     }
-    for (std::size_t a = 0; a < q; ++a) curvature[a] += form(npi, M, frame.Sd.data(), q, a, a);
-    for (std::size_t b = 0; b < r; ++b) curvature[q + b] += form(npi, M, Se, r, b, b);
+    for (std::size_t a = 0; a < q; ++a) curvature[a] += weight * form(npi, M, frame.Sd.data(), q, a, a);
+    for (std::size_t b = 0; b < r; ++b) curvature[q + b] += weight * form(npi, M, Se, r, b, b);
   }
 }
 
@@ -77,20 +77,20 @@ Evaluation evaluateregression(SphericalLikelihood& likelihood, const Array<doubl
         std::fill_n(w, r, 0.0);
         if (!jointmodes(frame, there, records, exactmodes, z, w, work)) return;
         fine[i] = 1;
-        unitregression(frame, work, at(records.units), parts.data() + i * width);
+        unitregression(frame, at(records.k), work, at(records.units), parts.data() + i * width);
       },
       [&](const std::vector<Level3Records>& batch) {
         for (std::size_t i = 0; i < batch.size(); ++i) {
           double* part = parts.data() + i * width;
-          const double* information = part + 1 + g;
+          const double *information = part + 1 + g, weight = frame.weight3(at(batch[i].k));
           if (fine[i] == 0) sums.value = NAN;
-          sums.value += part[0];
-          addcategories(frame, there, batch[i].categories, sums.value, part + 1);
+          addcategories(frame, there, batch[i].categories, part[0], part + 1);
+          sums.value += weight * part[0];
           for (std::size_t c = 0; c < g; ++c) {
-            sums.score[c] += part[1 + c];
-            for (std::size_t d = 0; d <= c; ++d) sums.information[c * g + d] += information[c * g + d];
+            sums.score[c] += weight * part[1 + c];
+            for (std::size_t d = 0; d <= c; ++d) sums.information[c * g + d] += weight * information[c * g + d];
           }
-          for (std::size_t a = 0; a < q + r; ++a) curvature[a] += information[g * g + a];
+          for (std::size_t a = 0; a < q + r; ++a) curvature[a] += weight * information[g * g + a];
         }
         return true;
       });
@@ -101,7 +101,7 @@ Evaluation evaluateregression(SphericalLikelihood& likelihood, const Array<doubl
   addcategories(frame, there, sums.score.data(), g, sums.information.data(), sums.scale.data());
   for (const double scale : sums.scale) sums.usable = sums.usable && scale > 0.0 && std::isfinite(scale);
   sums.usable = sums.usable && std::isfinite(sums.value);
-  for (std::size_t a = 0; a < q + r; ++a) curvature[a] /= static_cast<double>(a < q ? frame.units2() : frame.units3());
+  for (std::size_t a = 0; a < q + r; ++a) curvature[a] /= a < q ? frame.counted2 : static_cast<double>(frame.units3());
   return sums;
 }
 

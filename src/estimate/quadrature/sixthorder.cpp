@@ -203,7 +203,7 @@ LaplaceFindings laplacefindings(SphericalLikelihood& likelihood) {
     std::copy_n(state.nodes.w.data() + k * r, r, w);
     double* sum = sums.data() + k * width;
     if (jointmodes(frame, there, records, exactmodes, z, w, work))
-      addreliabilities(frame, there, work.frames, units, work.M.data(), work.sweep.C2,
+      addreliabilities(frame, there, work.frames, units, nullptr, work.M.data(), work.sweep.C2,
                        {oq, frame.toD, parameters.taupi, sum, sum + q + r},
                        {orr, frame.toE, parameters.taubeta, sum + q, sum + q + r + 1});
     for (std::size_t j = 0; j < units; ++j)

@@ -70,16 +70,17 @@ bool placemodes(SphericalLikelihood& likelihood, const Array<double>& point, Nod
       return sum;
     };
     for (std::size_t j = 0; j < units; ++j) {
-      for (std::size_t a = 0; a < q; ++a) part[a] += form(work.M.data() + j * T, frame.Sd.data(), q, a);
+      const double weight = frame.weight3(k) * frame.weight2(k, j);
+      for (std::size_t a = 0; a < q; ++a) part[a] += weight * form(work.M.data() + j * T, frame.Sd.data(), q, a);
       for (std::size_t b = 0; b < r; ++b)
-        part[q + b] += form(work.M.data() + j * T, work.frames.Se.data() + j * npi * r, r, b);
+        part[q + b] += weight * form(work.M.data() + j * T, work.frames.Se.data() + j * npi * r, r, b);
     }
   });
   if (curvature != nullptr) {
     curvature->reset(q + r);
     for (std::size_t k = 0; k < frame.units3(); ++k)
       for (std::size_t a = 0; a < q + r; ++a)
-        (*curvature)[a] += parts[k * (q + r) + a] / static_cast<double>(a < q ? frame.units2() : frame.units3());
+        (*curvature)[a] += parts[k * (q + r) + a] / (a < q ? frame.counted2 : static_cast<double>(frame.units3()));
   }
   return whole && fine;
 }
@@ -141,18 +142,20 @@ Evaluation evaluatespherical(SphericalLikelihood& likelihood, const Array<double
       [&](const std::vector<Level3Records>& batch) {
         for (std::size_t i = 0; i < batch.size() && fine; ++i) {
           const UnitSums& sums = batchsums.units[i];
+          const double weight = frame.weight3(at(batch[i].k));
           fine = batchsums.fine[i] != 0;
-          evaluation.value += sums.loglikelihood;
-          addcategories(frame, there, batch[i].categories, evaluation.value, sums.score + P - frame.g);
+          double value = sums.loglikelihood;
+          addcategories(frame, there, batch[i].categories, value, sums.score + P - frame.g);
+          evaluation.value += weight * value;
           for (std::size_t c = 0; c < P; ++c) {
-            evaluation.score[c] += sums.score[c];
-            evaluation.scale[c] += sums.complete[c];
+            evaluation.score[c] += weight * sums.score[c];
+            evaluation.scale[c] += weight * sums.complete[c];
             for (std::size_t d = 0; d < P; ++d) {
-              evaluation.information[c * P + d] += sums.information[c * P + d];
-              state.outer[c * P + d] += sums.score[c] * sums.score[d];
+              evaluation.information[c * P + d] += weight * sums.information[c * P + d];
+              state.outer[c * P + d] += weight * sums.score[c] * (weight * sums.score[d]);
             }
           }
-          for (std::size_t a = 0; a < q + r; ++a) state.curvature[a] += sums.curvature[a];
+          for (std::size_t a = 0; a < q + r; ++a) state.curvature[a] += weight * sums.curvature[a];
         }
         return fine;
       });
@@ -169,7 +172,7 @@ Evaluation evaluatespherical(SphericalLikelihood& likelihood, const Array<double
                         std::isfinite(evaluation.scale[c]) && std::isfinite(evaluation.information[c * P + c]);
   }
   for (std::size_t a = 0; a < q + r; ++a)
-    state.curvature[a] /= static_cast<double>(a < q ? frame.units2() : frame.units3());
+    state.curvature[a] /= a < q ? frame.counted2 : static_cast<double>(frame.units3());
   setreach(frame, point, state.curvature, evaluation);
   return evaluation;
 }

@@ -12,7 +12,7 @@ struct SphericalState {
   Array<double> point;
   Nodes nodes;  // posterior moments
   RecordSums sums;
-  Array<double> outer;      // P squared: sum of the outer products of the units' scores
+  Array<double> outer;      // P squared: sum of the outer products of the units' scores, times their weights
   Array<double> curvature;  // [q + r]: i_a, the mean information of a unit about a column
   Array<double> shares;     // [J3] of Laplace-6: log(1 - S), what the sixth order adds to the log-likelihood of a unit
 };

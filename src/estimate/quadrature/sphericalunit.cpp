@@ -302,9 +302,7 @@ bool SphericalIntegral::level2(std::size_t j, std::size_t firstnode, std::size_t
   unit.rows = work.effects.data();
   unit.fixed = work.fixed.data();
   unit.y = records.y.data() + records.start[j];
-  unit.n = outcome == RecordDensity::binomial && frame.outcome == Family::binomial && !records.n.empty()
-               ? records.n.data() + records.start[j]
-               : nullptr;
+  unit.n = outcome == RecordDensity::binomial && !records.n.empty() ? records.n.data() + records.start[j] : nullptr;
   unit.stride = pairs;
   unit.logdensity = work.logdensity.data();
   unit.gradient = work.gradient.data();
@@ -319,7 +317,7 @@ bool SphericalIntegral::level2(std::size_t j, std::size_t firstnode, std::size_t
                      totals + padded(block)});
   for (std::size_t node = 0; node < nodes; ++node) {
     if (!std::isfinite(totals[node])) return false;
-    work.total[node] += totals[node] + work.constant[j];
+    work.total[node] += frame.weight2(at(records.k), j) * (totals[node] + work.constant[j]);
   }
   level2statistics(j, nodes);
   return true;
@@ -360,14 +358,14 @@ void SphericalIntegral::level2statistics(std::size_t j, std::size_t nodes) {
   loops.segmentsums({rowsof(j), 1 + q + P2, false, pairs, nodes, length, work.weights.data(), zset,
                      work.rowweights.data() + work.firstrow[j], rows * nz, 1, rows});
   // What the unit adds to a of each node.
-  const double *Sx = Sxof(j), *Se = Seof(j);
+  const double *Sx = Sxof(j), *Se = Seof(j), counts = frame.weight2(at(records.k), j);
   for (std::size_t node = 0; node < nodes; ++node) {
     const double* y = statistic + node * stride + aty;
     double* a = work.level3.data() + node * P;
-    for (std::size_t e = 0; e < P2; ++e) a[e] += y[(n + e) * (1 + Yj)];
+    for (std::size_t e = 0; e < P2; ++e) a[e] += counts * y[(n + e) * (1 + Yj)];
     // h_e goes to the first places of B; its products with w are taken when the unit's sums are whole.
     for (std::size_t c = 0; c < n; ++c) {
-      const double h = y[c * (1 + Yj)];
+      const double h = counts * y[c * (1 + Yj)];
       for (std::size_t b = 0; b < r; ++b) a[P2 + b] += Se[c * r + b] * h;
       for (std::size_t l = 0; l < g; ++l) a[P2 + P3 + l] += Sx[c * g + l] * h;
     }
@@ -540,6 +538,11 @@ void SphericalIntegral::unitinformation(std::size_t j, UnitSums& result) {
     kept = work.narrowM.data();
   }
   for (std::size_t e = 0; e < whole; ++e) sums.M[unit * whole + e] = static_cast<float>(kept[e]);
+  // All that follows is linear in M and in the averages.
+  if (const double counts = frame.weight2(at(records.k), j); counts != 1.0) {
+    multiply(M, nrecord * T, counts);
+    multiply(work.averages.data() + j * naverages, naverages, counts);
+  }
   double* H = result.information;
   const auto packed = [&](std::size_t s, std::size_t t) { return M + pairplace(s, t) * T; };
   // value of u' M v for columns u of X (stride n) and v of Y (stride m).
@@ -706,7 +709,7 @@ void makeunitrows(const Frame& frame, const Level3Records& records, UnitRows& ro
 
 RecordDensity densityof(const Frame& frame, const Level3Records& records, std::size_t j) {
   if (frame.outcome == Family::poisson) return records.n.empty() ? RecordDensity::poisson : RecordDensity::exposure;
-  if (frame.outcome == Family::binomial) return RecordDensity::binomial;
+  if (frame.outcome == Family::binomial || !records.n.empty()) return RecordDensity::binomial;
   // A share of successes is a binomial outcome of one trial.
   const double *y = records.y.data() + records.start[j], *end = records.y.data() + records.start[j + 1];
   const bool whole = std::all_of(y, end, [](double value) { return value == 0.0 || value == 1.0; });

@@ -7,6 +7,11 @@
 //   kappa^2) S K'.
 // (Where a unit's effect hardly depends on w, nodes that stand still average errors out that moving ones repeat.)
 //
+// Design weights: a record's log-density times its weight, a level-2 unit's log-integral times its own, b_j:
+//   L_k = log int phi(w) prod_j (int phi(z) prod_i f(y_i | eta_i)^a_i dz)^b_j dw.
+// Records come with theirs (unitrecords.h). Given w, score and information of unit j count b_j times; L_k, times the
+// weight of k, is what the caller sums.
+//
 // Score of an element: A_ab: a_ab = h_d[a] z_b; B_ab: h_e[a] w_b; g: h_x, with h = sum_i r_i times the row. Information
 // by Louis (1982): sum_i E[W_i c_i c_i'] - Var(a), c_i = (d_ia z_b; e_ia w_b; x_i), exact for standard normal effects.
 #pragma once

@@ -97,6 +97,23 @@ inline Study makestudy(const Outcome& outcome, int q, int r, const std::vector<R
   return study;
 }
 
+// Gives records, level-2 units and level-3 units the weights of(level, unit of level 3, place in it).
+template <class Of>
+void weigh(Study& study, Of of) {
+  for (Level3Records& unit : study.units) {
+    unit.weight1.reset(unit.y.size());
+    unit.weight2.reset(at(unit.units));
+    for (std::size_t i = 0; i < unit.y.size(); ++i) unit.weight1[i] = of(1, at(unit.k), i);
+    for (std::size_t j = 0; j < at(unit.units); ++j) unit.weight2[j] = of(2, at(unit.k), j);
+    unit.weight3 = of(3, at(unit.k), 0);
+    weighrecords(unit);
+  }
+}
+// Weights that differ in every unit.
+inline double unevenweight(int level, std::size_t k, std::size_t place) {
+  return 0.4 + 0.3 * static_cast<double>((5 * k + 3 * place + static_cast<std::size_t>(level)) % 7);
+}
+
 inline std::vector<Record> readrecords(const std::string& path) {
   std::vector<Record> records;
   std::ifstream file(path);
