@@ -8,6 +8,7 @@ import html.parser
 import io
 import json
 import os
+import re
 import shutil
 import subprocess
 import sys
@@ -24,7 +25,7 @@ from kdr3plot import command, files, pictures, values
 from kdr3plot.document import choosephase
 
 FILES = dict(RESFIL1="Y/GCSECNT", RESFIL2="Y", RESFIL3="Y", GRAPHGAMMAS="graph.bin")
-VOID = {"meta", "img"}
+VOID = {"meta", "img", "br"}
 
 
 def near(a, b, room=1e-9):
@@ -127,6 +128,11 @@ class Tests:
                         self.check(near(self.drawn(qq, 0, 2)[0], want[0]), f"quantiles drawn of {what}")
         figure = pictures.drawcaterpillar(run, 2, ["387", "907"])
         self.check([t.get_text() for t in figure.axes[0].texts] == ["907", "387"], "marked units, in the order of the effect")
+        figure, rows = pictures.drawcaterpillar(run, 3), values.caterpillar(run, 3)[0][1]
+        self.check([t.get_text() for t in figure.axes[0].texts] == ["lowest: " + ", ".join(row[0] for row in rows[:3]), "highest: " + ", ".join(
+            row[0] for row in rows[::-1][:3])], "the outermost of many units")
+        figure = pictures.drawqq(run, [rows[5][0]])
+        self.check([t.get_text() for axes in figure.axes for t in axes.texts if t.get_text() == rows[5][0]], "a unit found in the quantile plot")
 
         twice = files.Table("x", ["L3ID", "L2ID", "NJK"], [["1", "7", "3"], ["2", "7", "4"]])
         self.check(twice.units() == ["1/7", "2/7"] and values.pickunits(twice, ["2/7"]) == [1], "units of one ID")
@@ -169,9 +175,10 @@ class Tests:
         names = ["Intercept", "LEAGCSE", "SCHGCSE", "FEMALE", "GCSECNT", "GCSECNT × SCHGCSE"]
         for side in ("model_based", "robust"):
             want = [(name, e["estimate"], *e[side]["interval"]) for name, e in zip(names, final["fixed_effects"])]
-            rows, by = values.coefficients(run.document, choosephase(run.document), side == "robust")
-            self.check((rows, by) == (want, side), f"coefficients with {side} intervals")
-            figure = pictures.drawcoefficients(run, choosephase(run.document), side == "robust")
+            for all_ in (True, False):
+                rows, by = values.coefficients(run.document, choosephase(run.document), side == "robust", all_)
+                self.check((rows, by) == (want[not all_:], side), f"coefficients with {side} intervals, {all_}")
+            figure = pictures.drawcoefficients(run, choosephase(run.document), side == "robust", True)
             got = [tuple(self.drawn(figure, 2 * i)[0]) for i in range(6)], [self.drawn(figure, 2 * i + 1)[0] for i in range(6)]
             self.check(got == ([row[2:] for row in want], [[row[1]] for row in want]), f"coefficients drawn, {side}")
             labels = [t.get_text() for t in figure.axes[0].get_yticklabels()]
@@ -238,11 +245,25 @@ class Tests:
         self.check("http" not in text.split("</style>")[1].replace("http-equiv", ""), "the page refers to something outside")
         self.check("Boys < girls & \"schools\"" in page.text, "title of the page")
         final = json.loads(self.place.read("titled.json"))["phases"][-1]
+        numbers = [(float(x), 10.0 ** -len(x.partition(".")[2])) for x in re.findall(r"-?\d+\.\d+", page.text.replace("−", "-"))]
+
+        def has(value, error):
+            """A number rounded to it, whose last digit is a tenth to a hundredth of the error."""
+            self.check(any(abs(x - value) <= 0.5001 * unit and 9.9 * unit <= error <= 1001 * unit for x, unit in numbers),
+                       f"{value} with the error {error} is not on the page")
         for effect in final["fixed_effects"]:
-            for value in (effect["estimate"], *effect["robust"]["interval"], effect["model_based"]["standard_error"]):
-                self.check(f"{value:.4f}".replace("-", "−") in page.text, f"{value} is not on the page")
-        for value in (final["tau_pi"]["estimate"][1][0], final["sigma2"]["estimate"], final["tau_beta"]["standard_error"][0][0]):
-            self.check(f"{value:.4f}".replace("-", "−") in page.text, f"{value} is not on the page")
+            for side in ("model_based", "robust"):
+                error = effect[side]["standard_error"]
+                for value in (effect["estimate"], error, *effect[side]["interval"]):
+                    has(value, error)
+        tau, sigma2 = final["tau_pi"], final["sigma2"]
+        has(tau["estimate"][1][0], tau["standard_error"][1][0])
+        has(sigma2["estimate"], sigma2["standard_error"])
+        has(final["tau_beta"]["standard_error"][0][0], final["tau_beta"]["standard_error"][0][0])
+        for words in ("SCORE ~ center(LEAGCSE) + center(SCHGCSE) + FEMALE + GCSECNT + GCSECNT:center(SCHGCSE) + (GCSECNT | level3:level2) + "
+                      "(1 | level3)", "31022 records in 2410 level-2 units in 131 level-3 units", "maximum likelihood"):
+            self.check(words in page.text, f"{words} is not on the page")
+        self.check(all(i["alt"].count(":") and len(i["alt"]) > 60 for i in page.images), f"alternative texts: {[i['alt'] for i in page.images]}")
 
     def refusals(self):
         document = json.loads(self.place.read("plots.json"))

@@ -11,9 +11,9 @@ from .pictures import KINDS, draw, picture, source
 
 # The kinds that an option is for, and whether it is for a comparison.
 USES = {"units": (("lines", "caterpillar2", "caterpillar3"), False), "predictor": (("lines",), False), "category": (("lines",), False),
-        "no-intercept": (("coefficients",), False), "names": ((), True), "intervals": ((), True), "title": ((), True),
+        "intercept": (("coefficients",), False), "label": (("caterpillar2", "caterpillar3", "qq"), False), "names": ((), True), "intervals": ((), True), "title": ((), True),
         **{name: (("coefficients",), True) for name in ("phase", "robust", "ratio")}}
-ONPAGE = ("units", "predictor", "category", "phase", "robust", "ratio", "no-intercept")
+ONPAGE = ("units", "predictor", "category", "phase", "robust", "ratio", "intercept")
 ENDINGS_OF = {"kind": (".png", ".svg"), "page": (".html", ".htm"), "compare": tuple(writers.FORMS)}
 
 
@@ -44,7 +44,9 @@ def options(words):
     parser.add_argument("--category", metavar="NAME", help="category whose lines are drawn")
     parser.add_argument("--robust", action="store_true", help="coefficients, comparison: by robust standard errors")
     parser.add_argument("--ratio", action="store_true", help="coefficients, comparison: odds or event-rate ratios")
-    parser.add_argument("--no-intercept", action="store_true", help="coefficients: without intercepts")
+    parser.add_argument("--intercept", action="store_true", help="coefficients: with intercepts and thresholds")
+    parser.add_argument("--no-intercept", action="store_true", help=argparse.SUPPRESS)  # of earlier versions: as without it
+    parser.add_argument("--label", metavar="ID,...", type=listed, help="caterpillars, qq: units to mark and name")
     parser.add_argument("--names", metavar="NAME,...", type=listed, help="comparison: names of the models, else those of the files")
     parser.add_argument("--intervals", action="store_true", help="comparison: 95% intervals instead of standard errors")
     parser.add_argument("--title", metavar="TEXT", help="comparison: what stands above the table")

@@ -2,15 +2,15 @@
 import collections
 
 from .digits import degrees, interval, places, pvalue, shown, statistic
-from .document import choosephase, outcomename, phasename
-from .model import formula, rationame
+from .document import choosephase, outcomes
+from .model import engine, formula, rationame, thresholdname
 from .nested import compared, held, loglikelihood, randomterms, termsof
 
 
 class Column:
     def __init__(self, document, name, phase=None):
         self.document, self.phase = document, choosephase(document, phase)
-        self.name, self.outcome = name, outcomename(document)
+        self.name, self.outcome = name, ", ".join(outcomes(document))
 
 
 class Cell:
@@ -73,21 +73,17 @@ class Comparison:
         for k, column in enumerate(self.columns):
             terms, last = termsof(column.document), -1
             for i, effect in enumerate(column.phase["fixed_effects"]):
-                key = (effect["threshold"] or self.isthreshold(column, effect), terms[i])
+                threshold = thresholdname(column.document, effect)
+                key = (threshold is not None, terms[i])
                 if key not in order:
                     order.insert(last + 1, key)
-                    names[key] = namedterm(column.document, effect), terms[i]
+                    names[key] = threshold or effect["label"], terms[i]
                 last = order.index(key)
                 cells.setdefault(key, {})[k] = self.fixedcell(effect)
         labels = toldapart(names)
         rows = lambda wanted: [Row(labels[key], [cells[key].get(k) for k in range(len(self.columns))])
                                for key in order if key[0] == wanted]
         return (f"{self.ratios()}s" if self.o.ratio else "Fixed effects", rows(False)), ("Thresholds", rows(True))
-
-    @staticmethod
-    def isthreshold(column, effect):
-        """The intercept of an ordinal model is that of its first category."""
-        return column.document["model"]["distribution"] == "ordinal" and not effect["variables"]
 
     def ratios(self):
         names = {rationame(column.document) for column in self.columns}
@@ -160,7 +156,7 @@ class Comparison:
 
     def fit(self):
         phases = [column.phase for column in self.columns]
-        rows = [Row("Estimation", [None] * len(phases), words=[estimation(phase) for phase in phases])]
+        rows = [Row("Estimation", [None] * len(phases), words=[engine(phase) for phase in phases])]
         rows += self.plain("Parameters", [phase["parameters"] for phase in phases])
         likelihoods = [loglikelihood(phase) for phase in phases]
         rows += self.plain("Log-likelihood", likelihoods, 2)
@@ -232,26 +228,6 @@ def centerings(term):
     """How the variables of a term stand in it."""
     words = {"none": "as it is", "group mean": "less its mean in the unit", "grand mean": "less its mean"}
     return ", ".join(f"{part[0]} {words[part[1]]}" for part in term if isinstance(part, tuple)) or "intercept"
-
-
-def namedterm(document, effect):
-    """The label of an effect; of a threshold the category that it belongs to."""
-    if effect["threshold"]:
-        place = effect["level1"].removeprefix("THOLD")
-        categories = document["model"]["categories"]
-        if place.isdigit() and 1 < int(place) <= len(categories):
-            return f"At or below {categories[int(place) - 1]}, above the first"
-    elif document["model"]["distribution"] == "ordinal" and not effect["variables"] and document["model"]["categories"]:
-        return f"At or below {document['model']['categories'][0]} (intercept)"
-    return effect["label"]
-
-
-def estimation(phase):
-    name = {"final": "REML" if phase.get("likelihood") else "ML", "average": "pooled", "pql": "PQL"}.get(phase["phase"])
-    if phase["phase"] == "quadrature":
-        points = phase.get("points")
-        return {1: "Laplace"}.get(points, f"AGQ, {points} points" if points else "quadrature")
-    return name or phasename(phase).removesuffix(" results")
 
 
 def iccof(phase, key):

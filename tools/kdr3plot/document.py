@@ -165,6 +165,13 @@ def outcomename(document):
     return wholename(document, 1, document["model"]["outcome"])
 
 
+def outcomes(document):
+    """The name of the outcome; of averages over plausible values those that the sub-runs had."""
+    values = [run["plausible_value"] for run in (document["series"] or {}).get("subruns", ())]
+    return [outcomename(document)] if document["model"]["outcome"] else [wholename(document, 1, value) for value in values if value] or [
+        "plausible values"]
+
+
 def isintercept(name):
     return name in ("INTRCPT1", "INTRCPT2", "INTRCPT3")
 

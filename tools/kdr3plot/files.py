@@ -173,9 +173,12 @@ def readresidualfile(path, data):
     return None
 
 
+GRAPHHEAD = b"GRKDR3"
+
+
 def readgraphfile(path, data, nonlinear):
     """name: (mean, minimum, maximum) of each level-1 predictor in a graph data file; None when it is no such file."""
-    if not data.startswith(b"GRKDR3"):
+    if not data.startswith(GRAPHHEAD):
         return None
     try:
         nfix, = struct.unpack_from("<i", data, 10)
@@ -204,7 +207,7 @@ class Run:
         self.nonlinear = self.document["model"]["link"] != "identity"
         self.tables = None
         self.predictors = None
-        self.phase = None  # whose values the residual files have
+        self.phases = {}  # by level, whose values a residual file has, where the document tells
 
     def read(self):
         if self.tables is not None:
@@ -220,15 +223,18 @@ class Run:
                     data = file.read()
             except OSError as error:
                 raise Refusal(UNREADABLE, f"{path}, which the results document names, cannot be read: {error.strerror}")
-            if (len(data), zlib.crc32(data)) != (mark["bytes"], mark["crc32"]):
+            changed = (len(data), zlib.crc32(data)) != (mark["bytes"], mark["crc32"])
+            if changed and data.startswith(GRAPHHEAD) and (self.document["series"] or {}).get("subrun") is not None:
+                continue  # a series keeps that of its last sub-run
+            if changed:
                 raise Refusal(DAMAGED, f"{path} is not the one that the run of {self.path} made: another run has written "
                                        "it, or it has been changed")
             table = readresidualfile(path, data)
             graph = readgraphfile(path, data, self.nonlinear)
             if table:
                 self.check(table)
-                self.phase = mark.get("phase")
                 tables[table.level] = table
+                self.phases[table.level] = mark.get("phase")
             elif graph is not None:
                 predictors = graph
         self.tables, self.predictors = tables, predictors
@@ -258,7 +264,8 @@ class Run:
             raise Refusal(UNREADABLE, f"no residual file of level {level}, and files of the run are not there: "
                                       f"{', '.join(self.missing)} (if they are in another folder, name it with --folder)")
         if (self.document.get("series") or {}).get("subrun", 0) is None:
-            raise Refusal(NOTHING, "averages have no residual files; take the document of a sub-run")
+            names = ", ".join(one["results"] for one in self.document["series"].get("subruns", ()) if one["results"])
+            raise Refusal(NOTHING, "averages have no residual files; take the document of a sub-run" + (f" ({names})" if names else ""))
         raise Refusal(NOTHING, f"the run made no residual file of level {level} (RESFIL{level}:Y in the command file)")
 
 

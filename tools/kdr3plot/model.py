@@ -1,7 +1,7 @@
 """The model of a document in words, as a formula and as equations."""
 import re
 
-from .document import equations, isintercept, outcomename, twolevel, wholename
+from .document import equations, isintercept, outcomes, phasename, twolevel, wholename
 
 RATIOS = {"bernoulli": "Odds ratio", "binomial": "Odds ratio", "poisson": "Rate ratio", "ordinal": "Cumulative odds ratio",
           "multinomial": "Odds ratio"}
@@ -9,6 +9,27 @@ RATIOS = {"bernoulli": "Odds ratio", "binomial": "Odds ratio", "poisson": "Rate 
 
 def rationame(document):
     return RATIOS.get(document["model"]["distribution"], "Ratio")
+
+
+def thresholdname(document, effect):
+    """Of an ordinal outcome the cut that an effect is the threshold of, the intercept that of the first one; else None."""
+    model = document["model"]
+    if effect["threshold"]:
+        place = effect["level1"].removeprefix("THOLD")
+        known = place.isdigit() and 1 < int(place) <= len(model["categories"])
+        return f"At or below {model['categories'][int(place) - 1]}, above the first" if known else effect["label"]
+    if model["distribution"] == "ordinal" and not effect["variables"]:
+        return f"At or below {(model['categories'] or ['the first'])[0]} (intercept)"
+    return None
+
+
+def engine(phase):
+    """By what the estimates of a phase were made, in a word or two."""
+    name = {"final": "REML" if phase.get("likelihood") else "ML", "average": "pooled", "pql": "PQL"}.get(phase["phase"])
+    if phase["phase"] == "quadrature":
+        points = phase.get("points")
+        return {1: "Laplace"}.get(points, f"AGQ, {points} points" if points else "quadrature")
+    return name or phasename(phase).removesuffix(" results")
 
 
 def centeredname(document, level, variable):
@@ -41,7 +62,7 @@ def summed(terms):
 def outcometerm(document):
     """The left side of the formula."""
     model = document["model"]
-    name, count = quoted(outcomename(document)), model["count_variable"]
+    name, count = "|".join(map(quoted, outcomes(document))), model["count_variable"]
     if model["distribution"] == "binomial" and count:
         trials = quoted(wholename(document, 1, count))
         return f"cbind({name}, {trials} − {name})"
@@ -49,8 +70,10 @@ def outcometerm(document):
 
 
 def formula(document):
-    """The model as a formula; level2 and level3 stand for the identifiers, which the document has not. Of a multinomial
-    model the terms of the first category, and whether the others differ."""
+    """The model as a formula, that of -fit where it was one; else level2 and level3 stand for the identifiers, which the
+    document has not. Of a multinomial model the terms of the first category, and whether the others differ."""
+    if document.get("coding"):
+        return document["coding"]["formula"], False
     all_ = equations(document)
     first = [e for e in all_ if e["category"] == all_[0]["category"]]
     fixed, level2, level3 = [], [], []
@@ -104,7 +127,7 @@ def equationsof(document, escape):
         own = f"({escape(category)})" if category is not None else ""
         terms = [times(letter("π", e["subscript"] + own), 1, e) for e in mine]
         left = COMBINED.get(model["distribution"], "{y}").format(
-            y=escape(outcomename(document)), c=escape(category or ""), last=escape((model["categories"] or [""])[-1]))
+            y=escape(" | ".join(outcomes(document))), c=escape(category or ""), last=escape((model["categories"] or [""])[-1]))
         if model["distribution"] == "poisson" and model["count_variable"]:
             terms.insert(0, f"log({escape(wholename(document, 1, model['count_variable']))})")
         if model["distribution"] == "ordinal":

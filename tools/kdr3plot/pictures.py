@@ -4,12 +4,15 @@ import math
 import statistics
 import textwrap
 
-from .document import UNREADABLE, Refusal, choosephase, outcomename, phasename
-from .values import caterpillar, coefficients, lines, pickunits, quantiles, residuals
+from .digits import interval, shown
+from .document import UNREADABLE, USAGE, Refusal, choosephase, outcomename, phasename
+from .model import rationame
+from .values import caterpillar, coefficients, lines, ofsubruns, pickunits, quantiles, residuals, shownamong
 
 BLUE, LIGHT, RED, GREY = "#0072B2", "#9CC9E3", "#D55E00", "#666666"
 PALETTE = ("#0072B2", "#D55E00", "#009E73", "#CC79A7", "#E69F00", "#56B4E9", "#7F3C8D", "#8C564B")
 WIDTH = 5.0  # inches of every picture, so that its letters stay readable on a phone
+FEW = 40  # units that are all named
 MANY = 1000  # points or intervals from which on an SVG holds them as an image
 
 
@@ -37,12 +40,15 @@ def unitsname(level, count):
     return f"level-{level} unit{'s' if count != 1 else ''}"
 
 
+OUTERMOST = 3  # of many units, so many are named at each end
+
+
 def drawcaterpillar(run, level, units=None, title=""):
     panels = caterpillar(run, level)
     marked = set(run.table(level).units()[i] for i in pickunits(run.table(level), units)) if units else set()
     drawing, axes = figure(len(panels), 2.8, title)
     for ax, (name, rows) in zip(axes, panels):
-        few = len(rows) <= 40
+        few = len(rows) <= FEW
         size = 4 if few else 2.2 if len(rows) <= 300 else 1
         # One path for all intervals: an SVG stays small.
         xs = [x for i in range(1, len(rows) + 1) for x in (i, i, math.nan)]
@@ -63,6 +69,11 @@ def drawcaterpillar(run, level, units=None, title=""):
                 last = i
         if few:
             ax.set_xticks(range(1, len(rows) + 1), [row[0] for row in rows], rotation=90, fontsize=7)
+        elif not marked:
+            for side, some in (("left", rows[:OUTERMOST]), ("right", rows[::-1][:OUTERMOST])):
+                ax.text(0.02 if side == "left" else 0.98, 0.97 if side == "left" else 0.03, ("lowest: " if side == "left" else "highest: ")
+                        + ", ".join(row[0] for row in some), transform=ax.transAxes, fontsize=7, color=GREY, ha=side,
+                        va="top" if side == "left" else "bottom")
         ax.set_title(name)
         ax.set_xlabel(f"{len(rows)} {unitsname(level, len(rows))}, in order of the random effect")
         ax.set_ylabel("Random effect, 95% interval")
@@ -112,8 +123,11 @@ def drawresiduals(run, title=""):
     return drawing
 
 
-def drawqq(run, title=""):
+def drawqq(run, units=None, title=""):
     panels = quantiles(run)
+    found = {level: namedunits(run, level, units) for level in {level for level, _, _ in panels}}
+    if units and not any(found.values()):
+        raise Refusal(USAGE, f"there is no unit {', '.join(units)}")
     drawing, axes = figure(len(panels), 3.0, title)
     for ax, (level, name, points) in zip(axes, panels):
         ys = [y for _, y in points]
@@ -123,6 +137,11 @@ def drawqq(run, title=""):
             low, _, high = statistics.quantiles(ys, method="inclusive")
             slope = (high - low) / (2 * statistics.NormalDist().inv_cdf(0.75))
             ax.axline((0, (low + high) / 2), slope=slope, color=GREY, linewidth=0.8)
+        order = [row[0] for row in dict(caterpillar(run, level))[name]]
+        for unit, (x, y) in zip(order, points):
+            if unit in found[level]:
+                ax.plot([x], [y], "o", color=RED, markersize=4)
+                ax.annotate(unit, (x, y), xytext=(4, -8), textcoords="offset points", color=RED, fontsize=8)
         ax.set_title(f"{name}, {len(ys)} {unitsname(level, len(ys))}")
         ax.set_xlabel("Standard normal quantile")
         ax.set_ylabel("Random effect")
@@ -130,13 +149,30 @@ def drawqq(run, title=""):
     return drawing
 
 
-def drawcoefficients(run, phase, robust=False, intercept=True, ratio=False, title=""):
+def namedunits(run, level, units):
+    """The units of a level with these names; a name may be one of another level."""
+    found = set()
+    for unit in units or ():
+        try:
+            found.update(run.table(level).units()[i] for i in pickunits(run.table(level), [unit]))
+        except Refusal as refusal:
+            if refusal.code != USAGE:
+                raise
+    return found
+
+
+def drawcoefficients(run, phase, robust=False, intercept=False, ratio=False, title=""):
     rows, side = coefficients(run.document, phase, robust, intercept, ratio)
+    parts, _ = ofsubruns(run, phase, intercept, ratio)
+    shown = [effect["label"] for effect in shownamong(phase, intercept)]
     drawing, (ax,) = figure(1, 0.9 + 0.28 * len(rows), title)
     places = range(len(rows), 0, -1)
-    for place, (_, estimate, low, high) in zip(places, rows):
+    for place, (name, estimate, low, high) in zip(places, rows):
         ax.plot([low, high], [place, place], color=BLUE, linewidth=1.6, solid_capstyle="butt")
         ax.plot([estimate], [place], "o", color=BLUE, markersize=4.5)
+        some = [part[shown.index(name)] for part in parts if part[shown.index(name)] is not None]
+        if some:  # below the average
+            ax.plot(some, [place - 0.22] * len(some), "o", color=RED, markersize=2.6, markeredgewidth=0, alpha=0.7)
     ax.axvline(1 if ratio else 0, color=GREY, linewidth=0.8)
     if ratio:
         ax.set_xscale("log")
@@ -146,7 +182,8 @@ def drawcoefficients(run, phase, robust=False, intercept=True, ratio=False, titl
         ax.xaxis.set_minor_formatter(NullFormatter())
     ax.set_yticks(list(places), [row[0] for row in rows])
     ax.set_ylim(0.4, len(rows) + 0.6)
-    ax.set_xlabel(f"{'Ratio' if ratio else 'Estimate'}, 95% interval by {side.replace('_', '-')} standard errors")
+    ax.set_xlabel(f"{rationame(run.document) if ratio else 'Estimate'}, 95% interval by {side.replace('_', '-')} standard errors"
+                  + (f"\nsmall dots: the {len(parts)} sub-runs" if parts else ""))
     ax.set_title(f"Fixed effects, {phasename(phase)}")
     return drawing
 
@@ -155,20 +192,48 @@ def source(kind, run):
     """Where a picture's numbers come from, where that may be another phase than a reader expects."""
     if not run.nonlinear or kind == "coefficients":
         return ""
-    run.read()
-    return phasename({"phase": run.phase or "pql"})
+    level = {"residuals": 1, "caterpillar3": 3}.get(kind, 2)
+    try:
+        run.read()
+    except Refusal:
+        pass  # it is told when the picture is drawn
+    phase = run.phases.get(level)
+    return phasename({"phase": phase}) if phase else "PQL results"
 
 
 def draw(kind, run, o, title):
     if kind in ("caterpillar2", "caterpillar3"):
-        return drawcaterpillar(run, int(kind[-1]), o.units, title)
+        return drawcaterpillar(run, int(kind[-1]), (o.units or []) + (o.label or []), title)
     if kind == "lines":
         return drawlines(run, o.units, o.predictor, o.category, title)
     if kind == "residuals":
         return drawresiduals(run, title)
     if kind == "qq":
-        return drawqq(run, title)
-    return drawcoefficients(run, choosephase(run.document, o.phase), o.robust, not o.no_intercept, o.ratio, title)
+        return drawqq(run, o.label, title)
+    return drawcoefficients(run, choosephase(run.document, o.phase), o.robust, o.intercept, o.ratio, title)
+
+
+def described(kind, run, o):
+    """What a reader who does not see the picture has to know."""
+    name = KINDS[kind]
+    if kind == "coefficients":
+        rows, _ = coefficients(run.document, choosephase(run.document, o.phase), o.robust, o.intercept, o.ratio)
+        return f"{name}: " + "; ".join(f"{what} {shown(value)} ({interval([low, high])})" for what, value, low, high in rows[:12]) + (
+            f"; and {len(rows) - 12} more" if len(rows) > 12 else "")
+    if kind.startswith("caterpillar"):
+        return f"{name}: " + "; ".join(
+            f"{what}, from {rows[0][0]} ({shown(rows[0][1])}) to {rows[-1][0]} ({shown(rows[-1][1])}) in {len(rows)} units"
+            for what, rows in caterpillar(run, int(kind[-1])) if rows)
+    if kind == "qq":
+        return f"{name}: " + "; ".join(f"{what} of {unitsname(level, len(rows))}, {shown(rows[0][1])} to {shown(rows[-1][1])}"
+                                       for level, what, rows in quantiles(run) if rows)
+    if kind == "lines":
+        predictor, drawn, *_ = lines(run, o.units, o.predictor, o.category)
+        return f"{name} over {predictor}: " + "; ".join(
+            f"{unit} from {shown(first[1])} to {shown(last[1])}" for unit, first, last in drawn)
+    panels = [(what, [residual for _, residual in points if not math.isnan(residual)]) for what, points in residuals(run)]
+    return f"{name}: " + "; ".join(f"{what + ', ' if what else ''}{len(some)} records, residuals from {shown(min(some))} to {shown(max(some))}"
+                                   for what, some in panels if some)
 
 
 KINDS = {

@@ -1,9 +1,11 @@
 """The numbers of each picture."""
 import math
+import os
 import re
 import statistics
 
-from .document import (DAMAGED, NOTHING, UNREADABLE, USAGE, Z95, Refusal, equations, outcomename, twolevel, warn)
+from .document import (DAMAGED, NOTHING, UNREADABLE, USAGE, Z95, Refusal, equations, outcomename, readresults, twolevel,
+                       warn)
 from .files import randomeffects
 
 def caterpillar(run, level):
@@ -67,18 +69,45 @@ def residuals(run):
     return panels
 
 
+def shownamong(phase, intercept):
+    return [effect for effect in phase["fixed_effects"] if intercept or iseffect(effect)] or phase["fixed_effects"]
+
+
+def ofsubruns(run, phase, intercept=False, ratio=False):
+    """Of averages: the estimates of each sub-run whose document is there, in the order of coefficients(); and how many
+    are not there."""
+    names = [one["results"] for one in (run.document["series"] or {}).get("subruns", ())]
+    wanted = {"average": (phase.get("estimates_of"), "final", "pql"), "average_population_average": ("population_average",)}
+    made = []
+    for name in filter(None, names):
+        try:
+            document = readresults(os.path.join(run.folder, name))
+        except Refusal as refusal:
+            warn(f"without sub-run: {refusal}")
+            continue
+        phases = {one["phase"]: one for one in document["phases"]}
+        one = next((phases[key] for key in wanted.get(phase["phase"], ()) if key in phases), None)
+        if one and len(one["fixed_effects"]) == len(phase["fixed_effects"]):
+            made.append([effect.get("ratio" if ratio else "estimate") for effect in shownamong(one, intercept)])
+    return made, len(names) - len(made)
+
+
 LARGEST = 1e100  # differences and squares of larger numbers leave the range of a double
 
 
-def coefficients(document, phase, robust=False, intercept=True, ratio=False):
-    """(label, estimate, lower, upper) of each fixed effect, and which standard errors the intervals rest on."""
+def iseffect(effect):
+    """Neither an intercept nor a threshold, beside whose size the others cannot be seen."""
+    return bool(effect["variables"]) and not effect["threshold"]
+
+
+def coefficients(document, phase, robust=False, intercept=False, ratio=False):
+    """(label, estimate, lower, upper) of each fixed effect, and which standard errors the intervals rest on. Intercepts and
+    thresholds are among them where they are asked for, or where there is nothing else."""
     side = "robust" if robust else "model_based"
     if not robust and all(effect[side] is None for effect in phase["fixed_effects"]):
         side = "robust"
     rows, without = [], []
-    for effect in phase["fixed_effects"]:
-        if not intercept and not effect["variables"]:
-            continue
+    for effect in shownamong(phase, intercept):
         test = effect[side] or {}
         key = "ratio" if ratio else "estimate"
         if ratio and "ratio" not in effect:

@@ -6,7 +6,7 @@ import re
 import zipfile
 
 from .document import UNREADABLE, Refusal
-from .page import STYLE, closing
+from .page import closing, opening
 
 MADE = "Made by kdr3-plot."  # in every table, so that one may take the place of another
 
@@ -57,7 +57,7 @@ def markdown(made, title):
 
 def htmltable(caption, heads, body):
     """body: lines of HTML."""
-    return (f'<div class="wide" tabindex="0" role="region" aria-label="{caption}"><table><caption>{caption}</caption><thead><tr>'
+    return (f'<div class="wide" tabindex="0" role="group" aria-label="{caption}"><table><caption>{caption}</caption><thead><tr>'
             + "".join(f'<th scope="col">{head}</th>' if head else "<td></td>" for head in heads)
             + "</tr></thead>\n" + "\n".join(body) + "</table></div>\n")
 
@@ -78,9 +78,7 @@ def webpage(made, title):
     if tests:
         text += htmltable("Likelihood-ratio tests", heads, ["<tbody>", *map(htmlrow, tests), "</tbody>"])
     notes = "".join(f"<li>{html.escape(note)}</li>" for note in made.notes)
-    return (f'<!DOCTYPE html>\n<html lang="en"><head><meta charset="utf-8">\n'
-            f'<meta name="viewport" content="width=device-width, initial-scale=1">\n<title>{title}</title>'
-            f"<style>{STYLE}</style></head><body><main>\n<h1>{title}</h1>\n{text}<h2>Notes</h2><ul>{notes}</ul>\n"
+    return (opening(title) + f'{text}<h2>Notes</h2><ul>{notes}</ul>\n'
             + closing("Made"))
 
 
