@@ -49,6 +49,8 @@ def byprogram(formula, data, *words):
 
 class Models(unittest.TestCase):
     def test_same_digits_as_the_header(self):
+        if header := os.environ.get("KDR3_CASES"):
+            self.assertEqual(subprocess.run([header, REFERENCE], capture_output=True, text=True).stdout, (REFERENCE / "samecases.out").read_text())
         self.assertEqual(list(cases.lines(REFERENCE)), (REFERENCE / "samecases.out").read_text().splitlines())
 
     def test_beside_the_program(self):
