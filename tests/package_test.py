@@ -45,6 +45,17 @@ with tempfile.TemporaryDirectory() as place:
     names = output("nm", "-D", "--defined-only", str(libraries / "libkdr3.so"))
     foreign = [name for name in re.findall(r" [A-Z] (\S+)", names) if not name.startswith(("kdr3_", "KDR3_1"))]
     assert not foreign, f"the library shows {foreign}"
+    # That for Python, beside it.
+    python, = Path(place).glob("python3-kdr3_*.deb")
+    output("dpkg-deb", "-x", str(python), place + "/python")
+    inside = Path(place) / "python/usr/lib/python3/dist-packages"
+    sources = {path.name for path in (ROOT / "python/kdr3").glob("*") if path.suffix in (".py", ".typed")}
+    assert {path.name for path in inside.rglob("*") if path.is_file()} == sources, "the package for Python"
+    version = output("dpkg-deb", "-f", str(package), "Version").strip()
+    assert f"kdr3 (= {version})" in output("dpkg-deb", "-f", str(python), "Depends"), "what it stands on"
+    said = output("/usr/bin/python3", "-c", "import kdr3; print(kdr3.fit('y ~ 1 + (1 | g)', {'y': [1, 2, 4, 3, 1, 5], 'g': list('aabbcc')}).nobs)",
+                  env=dict(os.environ, PYTHONPATH=str(inside), LD_LIBRARY_PATH=str(libraries)))
+    assert said == "6\n", said
     depends = output("dpkg-deb", "-f", str(package), "Depends")
     assert "libc6" in depends and "libstdc++6" in depends, depends
     assert "python3-matplotlib" in output("dpkg-deb", "-f", str(package), "Recommends")

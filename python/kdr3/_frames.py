@@ -1,0 +1,83 @@
+"""What the package hands out: pandas objects where pandas is installed, else plain ones with the same names."""
+from __future__ import annotations
+
+import importlib.util
+from typing import Any, Iterable, Mapping
+
+import numpy as np
+
+
+def haspandas() -> bool:
+    return importlib.util.find_spec("pandas") is not None
+
+
+class Named(Mapping):
+    """Numbers with names, where pandas is not installed: by name or place, and as an array."""
+
+    def __init__(self, values, index: Iterable):
+        self.values, self.index = np.asarray(values), list(index)
+
+    def __getitem__(self, key):
+        return self.values[key if isinstance(key, (int, slice)) and key not in self.index else self.index.index(key)]
+
+    def __iter__(self):
+        return iter(self.index)
+
+    def __len__(self):
+        return len(self.index)
+
+    def __array__(self, dtype=None, copy=None):
+        return np.asarray(self.values, dtype=dtype)
+
+    def __repr__(self):
+        width = max((len(str(name)) for name in self.index), default=0)
+        return "\n".join(f"{str(name):{width}}  {value:.6g}" for name, value in zip(self.index, self.values))
+
+
+class Frame(dict):
+    """Columns of one length, where pandas is not installed."""
+
+    def __repr__(self):
+        return table(list(self), list(zip(*[[shown(v) for v in column] for column in self.values()])))
+
+
+def series(values, index, name: str | None = None):
+    if haspandas():
+        import pandas
+        return pandas.Series(np.asarray(values), index=index, name=name)
+    return Named(values, index)
+
+
+def frame(columns: Mapping[str, Any], index=None):
+    if haspandas():
+        import pandas
+        return pandas.DataFrame(dict(columns), index=index)
+    return Frame(columns)
+
+
+def matrix(values, rows, columns):
+    """A matrix with names of rows and columns; without pandas the array alone."""
+    if haspandas():
+        import pandas
+        return pandas.DataFrame(values, index=rows, columns=columns)
+    return np.asarray(values)
+
+
+def shown(value: Any, digits: int = 4) -> str:
+    if value is None or value == "" or (isinstance(value, float) and np.isnan(value)):
+        return ""
+    if isinstance(value, (bool, str)):
+        return str(value)
+    if isinstance(value, (int, np.integer)):
+        return str(value)
+    if value != 0 and (abs(value) < 10.0**-digits or abs(value) >= 1e7):
+        return f"{value:.{digits - 1}e}"
+    return f"{value:.{digits}f}"
+
+
+def table(head: list[str], rows: list) -> str:
+    """Text columns, the first to the left and the others to the right."""
+    cells = [head] + [list(row) for row in rows]
+    widths = [max(len(row[c]) for row in cells) for c in range(len(head))]
+    return "\n".join("  ".join(f"{x:<{w}}" if c == 0 else f"{x:>{w}}" for c, (x, w) in enumerate(zip(row, widths))).rstrip()
+                     for row in cells)

@@ -1,0 +1,309 @@
+"""The package: beside the program, over kinds of tables, with bad calls, in threads, interrupted, saved.
+
+    test_package.py <program> <folder of the source tree>     with PYTHONPATH and KDR3_LIBRARY set
+"""
+import copy
+import json
+import os
+import pathlib
+import pickle
+import signal
+import subprocess
+import sys
+import tempfile
+import threading
+import unittest
+import warnings
+
+import numpy as np
+
+import cases
+import kdr3
+from kdr3 import _fit
+
+try:
+    import pandas
+except ImportError:
+    pandas = None
+
+PROGRAM, TREE = os.path.abspath(sys.argv.pop(1)), pathlib.Path(sys.argv.pop(1)).resolve()
+REFERENCE = TREE / "tests" / "reference"
+warnings.simplefilter("ignore", kdr3.KDR3Warning)
+LINEAR = "score ~ year + ses + (year | school/pupil)"
+
+
+def growth():
+    return cases.read(REFERENCE / "formulas" / "growth.csv")
+
+
+def byprogram(formula, data, *words):
+    """The results document of -fit, of its last phase; the names that its variables have in the formula."""
+    with tempfile.TemporaryDirectory() as folder:
+        done = subprocess.run([PROGRAM, "-q", "-fit", formula, str(REFERENCE / "formulas" / data), "-o", "f", *words], cwd=folder,
+                              capture_output=True, text=True)
+        assert done.returncode == 0, done.stdout
+        document = json.loads(pathlib.Path(f"{folder}/f.json").read_text())
+    phases = {phase["phase"]: phase for phase in document["phases"]}
+    return next(phases[name] for name in ("quadrature", "laplace6", "final", "pql") if name in phases)
+
+
+class Models(unittest.TestCase):
+    def test_same_digits_as_the_header(self):
+        if header := os.environ.get("KDR3_CASES"):
+            self.assertEqual(subprocess.run([header, REFERENCE], capture_output=True, text=True).stdout, (REFERENCE / "samecases.out").read_text())
+        self.assertEqual(list(cases.lines(REFERENCE)), (REFERENCE / "samecases.out").read_text().splitlines())
+
+    def test_beside_the_program(self):
+        for formula, data, given, words in (
+                (LINEAR, "growth.csv", {}, ()),
+                ("score ~ year*sex + factor(arm) + (1 | school/pupil)", "growth.csv", {}, ()),
+                ("score ~ year + (1 | school)", "growth.csv", {"weights1": "weeks"}, ("-weights1", "weeks")),
+                ("books ~ year + (1 | school/pupil)", "growth.csv", {"family": "poisson", "exposure": "weeks"},
+                 ("-family", "poisson", "-exposure", "weeks")),
+                ("incidence ~ factor(period) + (1 | herd)", "cbpp.csv", {"family": "binomial", "trials": "size"},
+                 ("-family", "binomial", "-trials", "size"))):
+            phase = byprogram(formula, data, *words)
+            m = kdr3.fit(formula, cases.read(REFERENCE / "formulas" / data), **given)
+            rows = phase["fixed_effects"]
+            theirs = [("params", [r["estimate"] for r in rows]), ("bse", [r["model_based"]["standard_error"] for r in rows])]
+            if rows[0]["robust"]:
+                theirs.append(("bse_robust", [r["robust"]["standard_error"] for r in rows]))
+            for name, values in theirs:
+                np.testing.assert_allclose(sorted(np.asarray(getattr(m, name))), sorted(values), rtol=1e-9, err_msg=formula)
+            np.testing.assert_allclose(sorted(np.asarray(m.pvalues)), sorted(r["model_based"]["p"] for r in rows), rtol=1e-6, atol=1e-250)
+            np.testing.assert_allclose(m.llf, phase["log_likelihood"] if given == {} or "weights1" in given else phase["marginal_log_likelihood"], rtol=1e-12)
+            np.testing.assert_allclose([m.aic, m.bic], [phase["aic"], phase["bic"]], rtol=1e-12)
+            # the program rounds the point of t up to three decimals
+            np.testing.assert_allclose(np.asarray(m.conf_int()), sorted_intervals(rows, m), rtol=2e-3, atol=1e-3 * max(m.bse))
+
+    def test_categories(self):
+        data = cases.read(REFERENCE / "formulas" / "growth.csv")
+        m = kdr3.fit("arm ~ year + ses + (1 | school)", data, family="multinomial")
+        self.assertEqual(list(m.params.index), [f"{name}[{s}]" for s in (1, 2) for name in ("(Intercept)", "year", "ses")])
+        m = kdr3.fit("factor(tries) ~ ses + year + (1 | school)", data, family="ordinal")
+        self.assertEqual(list(m.params.index)[:4], ["(Intercept)", "ses", "year", "threshold2"])
+        self.assertLess(m.params["(Intercept)"], m.params["threshold2"] + m.params["(Intercept)"])
+
+    def test_a_posterior_is_a_regression_that_is_shrunken(self):
+        """Of a balanced model of intercepts: u = tau / (tau + s/n) times the unit's mean residual, var = tau s/n / (tau + s/n)."""
+        draw = np.random.default_rng(3)
+        group, n = np.repeat(np.arange(30), 8), 8
+        y = draw.normal(size=240) + draw.normal(size=30)[group]
+        m = kdr3.fit("y ~ 1 + (1 | g)", {"y": y, "g": group})
+        tau, share = np.asarray(m.cov_re["g"])[0, 0], m.scale / n
+        means = np.array([y[group == k].mean() for k in range(30)]) - np.asarray(m.params)[0]
+        u = np.asarray(m.random_effects["g"])[:, 0]
+        np.testing.assert_allclose(u, tau / (tau + share) * means, rtol=1e-9)
+        np.testing.assert_allclose(m.random_effects_cov["g"][:, 0, 0], tau * share / (tau + share), rtol=1e-9)
+        np.testing.assert_allclose(np.asarray(m.fittedvalues), np.asarray(m.params)[0] + u[group], rtol=1e-12)
+        np.testing.assert_allclose(np.asarray(m.resid), y - np.asarray(m.fittedvalues), atol=1e-12)
+
+    def test_predictions(self):
+        data = growth()
+        m = kdr3.fit("score ~ poly(year, 2)*sex + scale(ses) + log(weeks) + (year | school/pupil)", data)
+        whole = np.asarray(m.predict())
+        rows = np.asarray(m.predict().index)
+        few = rows[[5, 900, 77]]
+        np.testing.assert_allclose(np.asarray(m.predict({k: v[few] for k, v in data.items()})), whole[[5, 900, 77]], rtol=1e-12)
+        strange = {k: v[few].copy() for k, v in data.items()}
+        strange["school"][0], strange["sex"][1], strange["ses"][2] = "new", "other", np.nan
+        made = np.asarray(m.predict(strange))
+        self.assertTrue(np.isnan(made[1:]).all())
+        np.testing.assert_allclose(made[0], np.asarray(m.predict(effects="fixed"))[5], rtol=1e-12)
+        b = kdr3.fit("passed ~ year + (1 | school/pupil)", data, family="binomial", points=7)
+        eta, variance = np.asarray(b.predict(kind="link", effects="fixed")), sum(np.asarray(t)[0, 0] for t in b.cov_re.values())
+        x = np.linspace(-9, 9, 4001)
+        weights = np.exp(-x * x / 2) / np.exp(-x * x / 2).sum()
+        exact = [(weights / (1 + np.exp(-e - np.sqrt(variance) * x))).sum() for e in eta[:5]]
+        np.testing.assert_allclose(np.asarray(b.predict(effects="population"))[:5], exact, rtol=1e-9)
+
+    def test_pooled(self):
+        data = growth()
+        draw = np.random.default_rng(5)
+        tables = []
+        for _ in range(4):
+            one = dict(data)
+            gaps = np.isnan(one["score"])
+            one["score"] = np.where(gaps, np.nanmean(one["score"]) + 8 * draw.normal(size=len(gaps)), one["score"])
+            tables.append(one)
+        pooled = kdr3.fit("score ~ year + (1 | school/pupil)", tables)
+        fits = [kdr3.fit("score ~ year + (1 | school/pupil)", one) for one in tables]
+        b, v = np.array([m.params["year"] for m in fits]), np.array([m.bse["year"] ** 2 for m in fits])
+        between = 1.25 * b.var(ddof=1)
+        self.assertAlmostEqual(pooled.params["year"], b.mean(), 12)
+        self.assertAlmostEqual(pooled.bse["year"], np.sqrt(v.mean() + between), 12)
+        self.assertEqual(pooled.df["year"], min(int(3 * (1 + v.mean() / between) ** 2), fits[0].df["year"]))
+
+
+def sorted_intervals(rows, m):
+    """The intervals of a document in the order of the result: those of equal estimates."""
+    found = {round(row["estimate"], 9): row["model_based"]["interval"] for row in rows}
+    return [found[round(b, 9)] for b in np.asarray(m.params)]
+
+
+class Tables(unittest.TestCase):
+    def test_kinds_of_columns(self):
+        data = growth()
+        want = kdr3.fit(LINEAR, data).llf
+        n = len(data["score"])
+        wide = np.zeros((n, 5))
+        wide[:, 2] = data["ses"]
+        kinds = {
+            "strided": {**data, "ses": wide[:, 2]},
+            "other bytes": {**data, "year": data["year"].astype(">f8")},
+            "small integers": {**data, "year": data["year"].astype(np.int8)},
+            "masked": {**data, "score": np.ma.masked_invalid(data["score"])},
+            "objects": {**data, "year": np.array([int(x) for x in data["year"]], dtype=object)},
+            "large IDs": {**data, "pupil": data["pupil"].astype(np.int64) + 2**60},
+            "lists": {name: list(values) for name, values in data.items()},
+            "backwards": {name: values[::-1] for name, values in data.items()},
+        }
+        if pandas is not None:
+            frame = pandas.DataFrame(data)
+            kinds["frame"] = frame
+            kinds["own types"] = frame.assign(score=frame["score"].astype("Float64"), school=frame["school"].astype("category"),
+                                              sex=frame["sex"].astype("string"))
+            kinds["chosen rows"] = pandas.concat([frame, frame.assign(score=1e6)])[lambda f: ~(f["score"] == 1e6)]
+        for name, table in kinds.items():
+            self.assertAlmostEqual(kdr3.fit(LINEAR, table).llf, want, 7, name)
+
+    def test_factors(self):
+        data = growth()
+        sex = data["sex"]
+        first = kdr3.fit("score ~ sex + (1 | school)", data)
+        self.assertEqual(list(first.params.index), ["(Intercept)", "sexmale"])
+        flag = kdr3.fit("score ~ man + (1 | school)", {**data, "man": sex == "male"})
+        self.assertEqual((list(flag.params.index)[1], flag.llf), ("manTRUE", first.llf))
+        if pandas is not None:
+            turned = kdr3.fit("score ~ sex + (1 | school)", pandas.DataFrame(data).assign(sex=pandas.Categorical(sex, ["male", "female"])))
+            self.assertEqual(list(turned.params.index)[1], "sexfemale")
+            self.assertAlmostEqual(turned.params["sexfemale"], -first.params["sexmale"], 8)
+
+    def test_rows_are_those_of_the_table(self):
+        data = growth()
+        m = kdr3.fit(LINEAR, data)
+        np.testing.assert_array_equal(np.asarray(m.fittedvalues.index), np.flatnonzero(~np.isnan(data["score"])))
+        order = np.random.default_rng(1).permutation(len(data["score"]))
+        mixed = kdr3.fit(LINEAR, {name: values[order] for name, values in data.items()})
+        back = dict(zip(order[np.asarray(mixed.fittedvalues.index)], np.asarray(mixed.fittedvalues)))
+        np.testing.assert_allclose([back[i] for i in m.fittedvalues.index], np.asarray(m.fittedvalues), rtol=1e-8)
+        self.assertEqual(m.units["school:pupil"][0], ("S01", 1))
+
+    def test_told(self):
+        with warnings.catch_warnings(record=True) as told:
+            warnings.simplefilter("always")
+            kdr3.fit(LINEAR, growth())
+        self.assertEqual([(w.category, os.path.basename(w.filename)) for w in told], [(kdr3.KDR3Warning, os.path.basename(__file__))])
+        self.assertIn("91 of 1604 records", str(told[0].message))
+
+
+class Calls(unittest.TestCase):
+    def test_refused(self):
+        data = growth()
+        n = len(data["score"])
+        infinite = data["ses"].copy()
+        infinite[7] = np.inf
+        for words, formula, change, given in (
+                ("Is year meant", "score ~ yeer + (1 | school)", {}, {}),
+                ("No record", "score ~ year + (1 | school)", {"score": np.full(n, np.nan)}, {}),
+                ("holds texts", "sex ~ year + (1 | school)", {}, {}),
+                ("crossed", "score ~ year + (1 | year) + (1 | sex)", {}, {}),
+                ("infinite in record 8", "score ~ ses + (1 | school)", {"ses": infinite}, {}),
+                ("only one value", "score ~ year + (1 | school)", {"score": np.ones(n)}, {}),
+                ("differ in length", "score ~ year + (1 | school)", {"year": np.ones(3)}, {}),
+                ("dimensions", "score ~ year + (1 | school)", {"year": np.ones((n, 2))}, {}),
+                ("complex128", "score ~ year + (1 | school)", {"year": np.ones(n, dtype=complex)}, {}),
+                ("no text", "score ~ year + (1 | school)", {"year": np.array(["a", 1.5] * (n // 2), dtype=object)}, {}),
+                ("-family takes", "score ~ year + (1 | school)", {}, {"family": "gamma"}),
+                ("ddf is", "score ~ year + (1 | school)", {}, {"ddf": "magic"}),
+                ("no setting NUMITS", "score ~ year + (1 | school)", {}, {"settings": {"NUMITS": 5}}),
+                ("offset", "passed ~ year + offset(ses) + (1 | school)", {}, {"family": "binomial"}),
+                ("no random part", "score ~ year", {}, {})):
+            with self.assertRaises(kdr3.KDR3Error, msg=words) as refused:
+                kdr3.fit(formula, {**data, **change}, **given)
+            self.assertIn(words, str(refused.exception))
+        m = kdr3.fit("score ~ center(ses, school) + (1 | school)", data)
+        with self.assertRaisesRegex(kdr3.KDR3Error, "means over units"):
+            m.predict(data)
+        with self.assertRaisesRegex(kdr3.KDR3Error, "no column ses"):
+            m.predict({"school": data["school"]})
+        with self.assertRaises(TypeError):
+            kdr3.fit(LINEAR, 7)
+        self.assertTrue(kdr3.fit(LINEAR, data).converged)
+
+    def test_another_version_is_refused(self):
+        with tempfile.TemporaryDirectory() as folder:
+            source = "const char* kdr3_version(void) { return \"6.5.4\"; }\nint kdr3_abi(void) { return 1; }\n"
+            pathlib.Path(f"{folder}/old.c").write_text(source)
+            subprocess.run(["cc", "-shared", "-fPIC", f"{folder}/old.c", "-o", f"{folder}/old.so"], check=True)
+            for path, words in ((f"{folder}/old.so", "6.5.4"), (f"{folder}/none.so", "not found")):
+                done = subprocess.run([sys.executable, "-c", "import kdr3"], env={**os.environ, "KDR3_LIBRARY": path}, capture_output=True, text=True)
+                self.assertIn(words, done.stderr.splitlines()[-1])
+                self.assertTrue(done.stderr.splitlines()[-1].startswith("ImportError"), done.stderr)
+
+    def test_interrupt(self):
+        """A fit of long engines is given up, its thread is over when the interrupt is told, and the next one runs."""
+        data = {name: np.tile(values, 40) for name, values in growth().items()}
+        data["school"] = np.array([f"{i // 1604}{s}" for i, s in enumerate(data["school"])], dtype=object)
+        timer = threading.Timer(0.7, lambda: os.kill(os.getpid(), signal.SIGINT))
+        timer.start()
+        with self.assertRaises(KeyboardInterrupt):
+            kdr3.fit("passed ~ year + ses + hours + (year | school/pupil)", data, family="binomial", points=21, threads=1)
+        self.assertFalse([t for t in threading.enumerate() if t.name == "kdr3"])
+        self.assertTrue(kdr3.fit(LINEAR, growth()).converged)
+
+    def test_threads(self):
+        """Two fits at once have the results of one after the other."""
+        data = growth()
+        want = kdr3.fit("passed ~ year + (1 | school/pupil)", data, family="binomial").llf
+        found = []
+        threads = [threading.Thread(target=lambda: found.append(kdr3.fit("passed ~ year + (1 | school/pupil)", data, family="binomial", threads=1).llf))
+                   for _ in range(3)]
+        [thread.start() for thread in threads]
+        [thread.join() for thread in threads]
+        self.assertEqual(found, [want] * 3)
+
+    def test_kept(self):
+        m = kdr3.fit(LINEAR, growth())
+        few = {name: values[:9] for name, values in growth().items()}
+        with tempfile.TemporaryDirectory() as folder:
+            m.save(f"{folder}/m.npz")
+            twins = [kdr3.load(f"{folder}/m.npz"), pickle.loads(pickle.dumps(m)), copy.deepcopy(m)]
+        for twin in twins:
+            self.assertEqual(str(twin.summary()), str(m.summary()))
+            np.testing.assert_array_equal(np.asarray(twin.predict(few)), np.asarray(m.predict(few)))
+            np.testing.assert_array_equal(np.asarray(twin.bootstrap(20).params), np.asarray(m.bootstrap(20).params))
+
+    def test_bootstrap(self):
+        m = kdr3.fit("score ~ year + (1 | school/pupil)", growth())
+        one, two = m.bootstrap(200, seed=4, threads=1), m.bootstrap(200, seed=4, threads=2)
+        np.testing.assert_array_equal(np.asarray(one.params), np.asarray(two.params))
+        np.testing.assert_allclose(np.asarray(one.bse), np.asarray(m.bse), rtol=0.25)
+        known = one.document["phases"][-1]["bootstrap"]
+        np.testing.assert_allclose(np.asarray(one.conf_int()), known["percentile"]["fixed_effects"], rtol=1e-12)
+
+    def test_compared(self):
+        data = growth()
+        small, large = kdr3.fit("score ~ year + (1 | school/pupil)", data), kdr3.fit("score ~ year + (1 | school) + (year | school:pupil)", data)
+        made = kdr3.anova(large, small)
+        self.assertAlmostEqual(list(made["chi_square"])[1], 2 * (large.llf - small.llf), 9)
+        self.assertEqual(list(made["df"])[1], 2)
+        with self.assertRaisesRegex(kdr3.KDR3Error, "other records"):
+            kdr3.anova(small, kdr3.fit("score ~ year + (1 | school/pupil)", {name: values[:800] for name, values in data.items()}))
+        terms = kdr3.fit("score ~ arm*year + (1 | school)", data).anova()
+        self.assertEqual((list(terms["term"]), list(terms["df"])), (["arm", "year", "arm:year"], [2, 1, 2]))
+
+    def test_shown(self):
+        m = kdr3.fit("score ~ year + `a<b` + (1 | school)", {**growth(), "a<b": growth()["ses"]})
+        self.assertIn("a&lt;b", m._repr_html_())
+        self.assertNotIn("a<b", m._repr_html_().replace("<b>", ""))
+        try:
+            import matplotlib  # noqa: F401
+        except ImportError:
+            return
+        for figure in (m.plot.residuals(), m.plot.qq(), m.plot.effects(), m.plot.coefficients()):
+            self.assertGreater(len(figure.axes), 0)
+
+
+if __name__ == "__main__":
+    unittest.main(warnings="ignore")
