@@ -54,10 +54,10 @@ groupingsof <- function(parts, frame) {
   if (length(strange) > 0L) {
     row <- strange[1L]
     unit <- fine$codes[row]
-    refuse("The groupings ", fine$name, " and ", coarse$name, " are crossed: ", fine$name, " ", fine$labels[unit],
+    refuse("The groupings ", names[1L], " and ", names[2L], " are crossed: ", fine$name, " ", fine$labels[unit],
            " is in ", coarse$name, " ", coarse$labels[owner[unit]], " and in ", coarse$labels[coarse$codes[row]],
-           ". Crossed random effects can't be fitted; if labels are used again in each unit, write ", coarse$name, "/",
-           fine$name, ".", class = "kdr3_crossed")
+           ". Crossed random effects can't be fitted; if labels are used again in each unit, write (effects | ", names[1L], "/",
+           names[2L], ").", class = "kdr3_crossed")
   }
   if (length(fine$labels) == length(coarse$labels))
     refuse("The groupings ", fine$name, " and ", coarse$name, " have the same units.", class = "kdr3_groupings")

@@ -98,11 +98,11 @@ rawvariables <- function(object) {
   if (all(all.vars(stats::delete.response(object$terms)) %in% names(object$frame))) object$frame
 }
 
-emm_basis.kdr3 <- function(object, trms, xlev, grid, ..., vcov., type = "model") {
+emm_basis.kdr3 <- function(object, trms, xlev, grid, ..., vcov., vcov.type = "model") {
   m <- stats::model.frame(trms, grid, na.action = stats::na.pass, xlev = xlev)
   X <- stats::model.matrix(trms, m, contrasts.arg = object$contrasts)
   bhat <- fixef(object, add.dropped = TRUE)[colnames(X)]
-  V <- if (missing(vcov.)) stats::vcov(object, type = type) else emmeans::.my.vcov(object, vcov.)
+  V <- if (missing(vcov.)) stats::vcov(object, type = vcov.type) else emmeans::.my.vcov(object, vcov.)
   nbasis <- if (length(object$dropped) > 0L) estimability::nonest.basis(qr(stats::model.matrix(object$terms, object$frame, contrasts.arg = object$contrasts))) else
     estimability::all.estble
   misc <- if (hassigma(object)) list() else emmeans::.std.link.labels(object$family, list())

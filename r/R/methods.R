@@ -179,6 +179,7 @@ family.kdr3 <- function(object, ...) object$family
 terms.kdr3 <- function(x, ...) x$terms
 weights.kdr3 <- function(object, ...) {
   w <- stats::model.weights(object$frame)
+  if (is.null(w) && object$family$family == "binomial") w <- outcomeof(object$frame, object$family, "")$counts  # as lme4's
   if (is.null(w)) rep(1, nobs(object)) else w
 }
 

@@ -1,0 +1,3 @@
+library(testthat)
+library(kdr3)
+test_check("kdr3")

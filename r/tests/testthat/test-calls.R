@@ -1,0 +1,118 @@
+d <- madestudy()
+
+test_that("a bad call is one clear error of its own class, and the session goes on", {
+  bad <- function(text, ..., class) expect_error(kdr3(...), text, class = class)
+  bad("no column yy. Is y meant", yy ~ x + (1 | school), d, class = "kdr3_data")
+  bad("no column schol", y ~ x + (1 | schol), d, class = "kdr3_data")
+  bad("All values of y are missing", y ~ x + (1 | school), transform(d, y = NA_real_), class = "kdr3_data")
+  bad("no number but a character", y ~ x + (1 | school), transform(d, y = as.character(y)), class = "kdr3_data")
+  bad("not finite, in row 7", y ~ x + (1 | school), transform(d, x = replace(x, 7, Inf)), class = "kdr3_data")
+  bad("not finite, in row 7", y ~ x + (1 | school), transform(d, y = replace(y, 7, Inf)), class = "kdr3_data")
+  bad("are crossed: .* write \\(effects \\| school/pupil\\)", y ~ x + (1 | school) + (1 | pupil), d, class = "kdr3_crossed")
+  bad("has 3 groupings", y ~ x + (1 | school / pupil / f), d, class = "kdr3_groupings")
+  bad("can't vary over units of school: z", y ~ z + (z | school), d, class = "kdr3_formula")
+  bad("no random part", y ~ x, d, class = "kdr3_formula")
+  bad("no argument wieghts", y ~ x + (1 | school), d, wieghts = x, class = "kdr3_refused")
+  bad("Gamma", y ~ x + (1 | school), d, family = Gamma(), class = "kdr3_family")
+  bad("no counts", y ~ x + (1 | school), d, family = poisson(), class = "kdr3_data")
+  bad("offset of a binomial", I(y > 1) ~ x + offset(x) + (1 | school), d, family = binomial(), class = "kdr3_refused")
+  bad("no setting NUMITT", y ~ x + (1 | school), d, control = list(NUMITT = 2), class = "kdr3_refused")
+  expect_warning(kdr3(y ~ x + (1 | school), d, control = list(NUMIT = 1)), "limit before they had converged", class = "kdr3_fitwarning")
+  expect_error(predict(kdr3(y ~ x + (1 | school), d), data.frame(x = 1, school = 77)), "doesn't know \\(77\\)", class = "kdr3_data")
+  expect_error(anova(kdr3(y ~ x + (1 | school), d), kdr3(y ~ x + (1 | school), d[-1, ])), "different numbers", class = "kdr3_comparison")
+})
+
+test_that("nested groupings by name and by / are one model; levels that no record has are left out", {
+  d$unit <- factor(paste(d$school, d$pupil), levels = c("nobody", unique(paste(d$school, d$pupil))))
+  a <- kdr3(y ~ x + (1 | school / pupil), d)
+  for (formula in c(y ~ x + (1 | school) + (1 | school:pupil), y ~ x + (1 | unit) + (1 | school)))
+    expect_equal(as.numeric(logLik(kdr3(formula, d))), as.numeric(logLik(a)))
+  expect_equal(ngrps(kdr3(y ~ x + (1 | unit), d))[["unit"]], length(unique(d$unit)))
+})
+
+test_that("missing values are left out, or padded", {
+  d$x[c(3, 9)] <- NA
+  expect_equal(c(nobs(kdr3(y ~ x + (1 | school), d)), length(fitted(kdr3(y ~ x + (1 | school), d)))), rep(nrow(d) - 2, 2))
+  m <- kdr3(y ~ x + (1 | school), d, na.action = na.exclude)
+  expect_equal(which(is.na(residuals(m))), c(3, 9), ignore_attr = TRUE)
+})
+
+test_that("the object holds itself: another session predicts, prints and simulates from it", {
+  skip_if_not(nzchar(system.file(package = "kdr3")))
+  file <- tempfile(fileext = ".rds")
+  on.exit(unlink(file))
+  m <- kdr3(y ~ x + (x | school / pupil), d)
+  saveRDS(m, file)
+  said <- rscript("library(kdr3, lib.loc = '", dirname(system.file(package = "kdr3")), "'); m <- readRDS('", file, "'); ",
+                  "cat(format(sum(predict(m, se.fit = TRUE)$se.fit), digits = 12)); invisible(capture.output(print(summary(m)))); ",
+                  "invisible(update(m, data = m$frame)); invisible(simulate(m))", sep = "")
+  expect_equal(said[length(said)], format(sum(predict(m, se.fit = TRUE)$se.fit), digits = 12))
+})
+
+test_that("an interrupt ends a fit and a bootstrap, and the session goes on", {
+  skip_on_os("windows")
+  m <- kdr3(y ~ x + (x | school / pupil), d)
+  interruptin <- function(seconds) system(paste0("sh -c 'sleep ", seconds, "; kill -INT ", Sys.getpid(), "' >/dev/null 2>&1 &"))
+  interruptin(1)
+  expect_equal(tryCatch(bootstrap(m, 1e7, seed = 1), interrupt = function(e) "interrupted"), "interrupted")
+  expect_equal(nobs(kdr3(y ~ x + (1 | school), d)), nrow(d))
+})
+
+test_that("memory comes back after each fit", {
+  pages <- function() as.numeric(strsplit(readLines("/proc/self/statm"), " ")[[1]][2])
+  skip_if_not(file.exists("/proc/self/statm"))
+  for (i in 1:30) m <- kdr3(y ~ x + (1 | school / pupil), d)
+  gc()
+  before <- pages()
+  for (i in 1:100) m <- kdr3(y ~ x + (1 | school / pupil), d)
+  gc()
+  expect_lt(pages() - before, 2000)  # of 4 KB
+})
+
+test_that("imputed data and plausible values are pooled by Rubin's rules", {
+  many <- lapply(1:4, function(i) transform(d, y = y + round(sin(seq_along(y) * i) / 2, 3)))
+  p <- kdr3(y ~ x + f + (1 | school), many)
+  fits <- lapply(many, function(data) kdr3(y ~ x + f + (1 | school), data))
+  b <- sapply(fits, fixef)
+  U <- rowMeans(sapply(fits, function(m) diag(vcov(m))))
+  T <- apply(b, 1, var) * 1.25
+  expect_equal(coef(p), rowMeans(b))
+  expect_equal(diag(vcov(p)), U + T)
+  expect_equal(p$df, pmin(floor(3 * (U / T + 1)^2), fits[[1]]$df))
+  for (i in 1:4) d[[paste0("pv", i)]] <- many[[i]]$y
+  v <- kdr3(pv1 ~ x + f + (1 | school), d, plausible = paste0("pv", 1:4))
+  expect_equal(vcov(v), vcov(p))
+  # The pooled test of one contrast is the square of its t with the within variance in it.
+  expect_equal(anova(p)["x", "F value"], coef(p)[["x"]]^2 / (U[["x"]] + T[["x"]]), tolerance = 1e-8)
+})
+
+test_that("half and half mixtures for a variance, chi-square otherwise", {
+  small <- kdr3(y ~ x + (1 | school), d)
+  large <- kdr3(y ~ x + (x | school), d)
+  a <- anova(small, large)
+  gain <- a$Chisq[2]
+  expect_equal(a[2, "Pr(>Chisq)"], (pchisq(gain, 1, lower.tail = FALSE) + pchisq(gain, 2, lower.tail = FALSE)) / 2)
+  expect_equal(anova(small, large, test = "chisq")[2, "Pr(>Chisq)"], pchisq(gain, 2, lower.tail = FALSE))
+  expect_message(anova(kdr3(y ~ 1 + (1 | school), d, reml = TRUE), kdr3(y ~ x + (1 | school), d, reml = TRUE)), "refitting")
+})
+
+test_that("design weights and robust errors", {
+  d$w3 <- rep(c(1, 2, 3), 4)[d$school]
+  a <- kdr3(y ~ x + (1 | school), d, weights2 = w3)
+  expect_false(isTRUE(all.equal(fixef(a), fixef(kdr3(y ~ x + (1 | school), d)))))
+  b <- kdr3(y ~ x + (1 | school), transform(d, w3 = 10 * w3), weights2 = w3)
+  expect_equal(fixef(a), fixef(b), tolerance = 1e-6)
+  expect_false(anyNA(vcov(a, "robust")))
+  expect_false(anyNA(vcov(kdr3(y ~ x + (1 | school), d), "CR2")))
+})
+
+test_that("outcomes with categories", {
+  d$o <- cut(d$y, c(-Inf, 0, 1, 2, Inf), labels = c("low", "mid", "high", "top"))
+  for (family in c("ordinal", "multinomial")) {
+    m <- kdr3(o ~ x + (1 | school), d, family = family)
+    expect_equal(rowSums(fitted(m)), rep(1, nrow(d)), ignore_attr = TRUE)
+    expect_equal(colMeans(fitted(m)), c(table(d$o)) / nrow(d), tolerance = 0.1, ignore_attr = TRUE)
+    expect_true(all(simulate(m, 1, seed = 1)[[1]] %in% levels(d$o)))
+    expect_equal(dim(vcov(m)), rep(length(coef(summary(m))[, 1]), 2))
+  }
+})
