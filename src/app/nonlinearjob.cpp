@@ -9,6 +9,7 @@
 
 #include "app/bootstrapjob.h"
 #include "app/enginelines.h"
+#include "app/predictionjob.h"
 #include "app/seriesrun.h"
 #include "driver/failures.h"
 #include "driver/reportstream.h"
@@ -188,6 +189,8 @@ void tellmacroend(const MacroEvent& event) {
 }
 
 void closephase(const ChainPass& pass) {
+  documenteffects("pql", pass.pass);
+  keepuniteffects(pass.pass);
   if (categorical(pass)) {
     residualfiles(pass);
     if (run.out.printvc != VarianceFiles::none) unitspecificfiles(pass, pass.results.est, pass.results.covariance);
@@ -255,6 +258,12 @@ PassResults nonlinearjob(const Analysis& analysis, const CategoryTable& table) {
   }
   bootstrapjob(fit);
   MacroState& state = fit.state;
+  const bool engine = state.quadrature || state.laplace6;
+  writepredictions(analysis,
+                   state.quadrature ? *state.quadrature
+                   : engine         ? *state.laplace6
+                                    : state.unitspecific,
+                   !engine);
   if (state.end != MacroEnd::failed) return std::move(state.unitspecific);
   return std::move(state.quadrature ? *state.quadrature : *state.laplace6);
 }
