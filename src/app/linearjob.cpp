@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "app/bootstrapjob.h"
+#include "app/predictionjob.h"
 #include "driver/failures.h"
 #include "driver/reportstream.h"
 #include "driver/runrecord.h"
@@ -56,6 +57,7 @@ PassResults linearjob(const Analysis& analysis) {
     notconverged(reportisstdout() ? "" : words + "\n");
   if (ordinary) {
     documentpass(results);
+    if (iterated) documenteffects("final", fit.pass);
     passtables(results);
     if (!run.files.startvals.empty()) writestartvalues(results.est);
     if (run.out.printvc != VarianceFiles::none) variancefiles(results);
@@ -67,6 +69,10 @@ PassResults linearjob(const Analysis& analysis) {
     reportline("No iterations were asked for, so there is no likelihood to report.");
   }
   if (iterated && ordinary) bootstrapjob(fit, results);
+  if (iterated && ordinary) {
+    keepuniteffects(fit.pass);
+    writepredictions(analysis, results, true);
+  }
   if (ordinary && haveexploratory(run.model)) {
     const ExploratoryAnalysis analysed = exploratory(fit.pass);
     stopif(storefailure(fit.pass.store));

@@ -10,6 +10,7 @@
 
 #include "app/bootstrapjob.h"
 #include "app/enginelines.h"
+#include "app/predictionjob.h"
 #include "app/seriesrun.h"
 #include "driver/failures.h"
 #include "driver/reportstream.h"
@@ -231,6 +232,8 @@ void tellmacroend(const MacroEvent& event) {
 }
 
 void closephase(const ChainPass& pass) {
+  documenteffects("pql", pass.pass);
+  keepuniteffects(pass.pass);
   if (categorical(pass)) {
     if (!residualsofengine()) residualfiles(pass);
     if (run.out.printvc != VarianceFiles::none) unitspecificfiles(pass, pass.results.est, pass.results.covariance);
@@ -252,7 +255,9 @@ void enginefiles(const ChainPass& pass) {
     enginesfiles(pass);
     tellwhosefiles(pass);
   }
-  if (run.out.printvc == VarianceFiles::none || (categorical(pass) && !wantsengine()) || pass.state.end == MacroEnd::failed) return;
+  if (run.out.printvc == VarianceFiles::none || (categorical(pass) && !wantsengine()) ||
+      pass.state.end == MacroEnd::failed)
+    return;
   const Estimates& est = pass.pass.est;
   if (run.control.laplace) {
     writegammafile(populationgammafile, est.gammahat, est.covariance());
@@ -305,9 +310,11 @@ PassResults nonlinearjob(const Analysis& analysis, const CategoryTable& table) {
   }
   bootstrapjob(fit);
   MacroState& state = fit.state;
-  if (state.engine) return std::move(*state.engine == PassKind::quadrature ? *state.quadrature : *state.laplace6);
-  if (state.end != MacroEnd::failed) return std::move(state.unitspecific);
-  return std::move(state.quadrature ? *state.quadrature : *state.laplace6);
+  const bool failed = state.end == MacroEnd::failed;
+  const bool quadrature = state.engine ? *state.engine == PassKind::quadrature : state.quadrature.has_value();
+  PassResults& last = !state.engine && !failed ? state.unitspecific : quadrature ? *state.quadrature : *state.laplace6;
+  writepredictions(analysis, last, !state.engine && !failed);
+  return std::move(last);
 }
 
 void listnonlinearfiles() {

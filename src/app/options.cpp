@@ -16,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "app/predictiondata.h"
 #include "command/text.h"
 #include "construct/onefile.h"
 #include "construct/template.h"
@@ -62,6 +63,9 @@ constexpr const char* help =
     "  -nowait          end when the next second begins\n"
     "  -w               end after a pause of some seconds\n"
     "  -results FILE    write the results as a document (.json) or a table (.csv)\n"
+    "  -effects         random effects of all units with their covariances in the results document\n"
+    "  -predict FILE    predictions for the rows of a file, into a table beside the report\n"
+    "  -margins LIST    predicted margins and average marginal effects, as in -margins 'year=0,1,2; female'\n"
     "  -reml            restricted maximum likelihood (LIKELIHOOD:REML)\n"
     "  -bootstrap N     bootstrap intervals from N replicates, drawn from the fitted model\n"
     "  -cases           with -bootstrap: level-3 units (of two levels, level-2 units) drawn with replacement\n"
@@ -174,6 +178,7 @@ bool wordoption(const std::string& word) {
   }
   if (sameword(word, "-reml")) return run.id.restricted = true;
   if (sameword(word, "-cases")) return run.id.cases = true;
+  if (sameword(word, "-effects")) return run.out.effects = true;
   if (!sameword(word, "-strict")) return false;
   run.id.strict = true;
   return true;
@@ -253,6 +258,8 @@ std::string* argumentof(OneFileOptions& options, const char* word) {
   if (strcasecmp(word, "-level1") == 0) return &options.level1.emplace_back();
   if (strcasecmp(word, "-missing") == 0) return &options.missing;
   if (strcasecmp(word, "-results") == 0) return &run.files.results;
+  if (strcasecmp(word, "-predict") == 0) return &run.files.predict;
+  if (strcasecmp(word, "-margins") == 0) return &run.files.margins;
   if (strcasecmp(word, "-bootstrap") == 0) return &options.bootstrap;
   if (strcasecmp(word, "-seed") == 0) return &options.seed;
   FitRequest& fit = options.fit;
@@ -293,6 +300,16 @@ void takebootstrap(const OneFileOptions& given) {
   run.id.seed = static_cast<std::uint64_t>(*seed);
 }
 
+// -level2 and -level3 tell the units of the file of -predict, where no MDM file is made.
+void takepredictions(OneFileOptions& given) {
+  for (const std::string* word : {&run.files.predict, &run.files.margins})
+    if (!word->empty() && run.series.mimode) stopwith("-predict and -margins are for single runs, not for series.\n");
+  if (overlong(run.files.predict)) stopwith("The path is too long: %s\n", run.files.predict.c_str());
+  if (run.files.predict.empty() || !given.from.empty() || !given.fit.formula.empty()) return;
+  run.files.predictlevel2 = std::exchange(given.level2, "");
+  run.files.predictlevel3 = std::exchange(given.level3, "");
+}
+
 // The one word behind the options is the file of -fit.
 void takefit(OneFileOptions& onefile, bool given, const std::vector<std::string>& files, Options& options) {
   FitRequest& fit = onefile.fit;
@@ -311,6 +328,7 @@ void takefit(OneFileOptions& onefile, bool given, const std::vector<std::string>
   fit.file = files[0];
   fit.missing = numbersof(onefile.missing);
   fit.page = onefile.page ? pagemaker() : "";
+  fit.keepdata = !run.files.predict.empty() || !run.files.margins.empty();
   options.fit = std::move(fit);
 }
 
@@ -389,11 +407,18 @@ Options readoptions(int argc, char** argv) {
   run.files.resultsgiven = !run.files.results.empty();
   if (overlong(run.files.results)) stopwith("The path is too long: %s\n", run.files.results.c_str());
   takebootstrap(onefile);
+  takepredictions(onefile);
   takefit(onefile, fitgiven, files, options);
-  if (options.fit) return options;
+  if (options.fit) {
+    readpredictionfile(options.fit->missing);
+    if (!run.files.predict.empty()) options.fit->planned = checkpredictionfile;
+    return options;
+  }
   if (!files.empty()) run.files.mdmfile = files[0];
   if (files.size() > 1) run.files.cmdshown = run.files.cmdfile = files[1];
   if (run.files.cmdfile == "-") run.files.cmdfile = standardinput();
+  readpredictionfile(numbersof(onefile.missing));
+  if (!run.files.predict.empty()) onefile.missing.clear();
   const bool wanted = !(onefile.from + onefile.level3 + onefile.level2 + onefile.missing).empty() ||
                       !onefile.level1.empty() || onefile.factors;
   if (wanted && (onefile.from.empty() || onefile.level2.empty() || options.templatejob))
@@ -406,6 +431,8 @@ Options readoptions(int argc, char** argv) {
   }
   for (std::size_t i = options.templatejob ? 1 : 2; i < files.size(); ++i)
     warn("The word " + printable(files[i]) + " of the command line is not used.");
+  if (options.templatejob && !(run.files.predict + run.files.margins).empty())
+    stopwith("-predict and -margins go with a model.\n");
   if (run.files.resultsgiven && options.templatejob)
     stopwith("-results goes with a model: no results come of making an MDM file.\n");
   return options;

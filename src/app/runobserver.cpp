@@ -283,6 +283,7 @@ Observer runobserver() {
     deletionnote();
     if (kind != PassKind::linear) markreport();
   };
+  observer.recordsread = documentrecords;
   observer.leastsquares = [](const LeastSquaresResults& results) {
     documentleastsquares(results);
     leastsquarestables(results);
@@ -318,7 +319,7 @@ Observer runobserver() {
 
 Analysis analysisofrun(const Observer& observer, const Estimates* start) {
   Analysis analysis{run.model, run.mdm, run.weights, run.control, observer, {}, {}, 1, start};
-  analysis.wanted.unitrows = run.out.resfil1 || run.out.resfil2 || run.out.graph;
+  analysis.wanted.unitrows = run.out.resfil1 || run.out.resfil2 || run.out.graph || run.out.effects;
   analysis.wanted.records = run.out.resfil1 || run.out.graph;
   analysis.wanted.fitted = run.out.resfil1;
   analysis.wanted.variables1.assign(run.out.res1vars1.begin(), run.out.res1vars1.begin() + run.out.nres1vars1);

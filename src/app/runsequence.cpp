@@ -22,6 +22,7 @@
 #include "app/nonlinearjob.h"
 #include "app/nullmodel.h"
 #include "app/options.h"
+#include "app/predictionjob.h"
 #include "app/runobserver.h"
 #include "app/seriesrun.h"
 #include "command/commandfile.h"
@@ -190,7 +191,8 @@ void checkfiles() {
   std::vector<std::string> inputs{files.mdmfile};
   if (!leadtoone(files.cmdfile, newcommandfile)) inputs.push_back(files.cmdfile);
   if (!files.nullmodel.empty()) inputs.push_back(files.nullmodel);
-  std::vector<std::string> outputs{newcommandfile, files.startvals, resultsname()};
+  if (!files.predict.empty()) inputs.push_back(files.predict);
+  std::vector<std::string> outputs{newcommandfile, files.startvals, resultsname(), predictionsname(), marginsname()};
   if (!reportisstdout()) outputs.push_back(files.outfile);
   if (run.series.mimode || run.series.pvmode) {
     outputs.push_back(averagedreportname());
@@ -215,6 +217,7 @@ void checkfiles() {
     stopwith("The output file %s holds a table of data, which would be lost. Give the report another name\n",
              files.outfile.c_str());
   refuseforeignresults();
+  refuseforeignpredictions();
 }
 
 // The answers of the dialogue as a command file, before the question for the report, which may be in vain.
@@ -262,6 +265,7 @@ void readmodel() {
   checkengines();
   checksmallsample();
   checkbootstrap();
+  checkeffects();
   readnullmodel();
   if (run.model.weighted) stopif(normaliseweights(run.model, run.mdm, runobserver(), run.weights));
   if (!run.series.pvmode || run.series.pvfirst)
@@ -271,6 +275,7 @@ void readmodel() {
 
 void openresults() {
   startdocument();
+  checkpredictions(analysisofrun(runobserver(), nullptr));
   buildsummary();
   openreport(checkfiles, keepanswers);
   setsymbols();
@@ -424,6 +429,8 @@ void runjob(int argc, char** argv) {
     }
   }
   if (rawjob) constructionjob();
+  if (fit) documentcoding(fit->coding);
+  startpredictions(fit ? &*fit : nullptr);
 
   if (run.series.mimode && run.series.mifirst) refuseinput(storename);
   clearseries();

@@ -14,6 +14,7 @@ namespace kdr {
 
 enum class PassKind;
 struct PassResults;
+struct RecordsHash;
 struct LeastSquaresResults;
 struct HeterogeneousResults;
 struct ChainPass;
@@ -72,6 +73,7 @@ enum class RepairChoice { clear = 1, byhand = 2, automatic = 3, quit = 4 };
 struct Observer {
   // Progress.
   std::function<void(PassKind kind, int records)> dataread;  // the first data pass of a fit is over
+  std::function<void(const RecordsHash& hash)> recordsread;  // before it: which records these were
   std::function<void(const LeastSquaresResults& results)> leastsquares;
   std::function<void(const StartingEvent& event)> starting;
   std::function<void()> iterationsbegin;

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -42,6 +43,12 @@ struct UnitCounts {
   int filerecords = 0;  // level-1 records before run-time deletion
 
   [[nodiscard]] bool twolevel() const { return units3 == 0; }
+};
+
+// What tells whether two fits had the same records: a sum over the analysed records, whatever their order, of a hash of
+// the ID of the record's unit of the highest level, its outcome, and its trials or exposure.
+struct RecordsHash {
+  std::uint64_t sum = 0;
 };
 
 // Approximate degrees of freedom of the fixed effects. One entry for each that the constraints left, in order; the
@@ -215,6 +222,8 @@ struct QuadraturePoints {
   bool agrees = false;       // both are small
 };
 
+struct VarianceUncertainty;  // estimate/inference/smallsample.h
+
 struct PassResults {
   PassKind kind = PassKind::linear;
   int macro = 0;               // macro iteration, from 1; 0 in a linear run
@@ -235,15 +244,17 @@ struct PassResults {
   Estimates est;  // at the end
   TauErrors errors;
   Reliabilities reliabilities;
-  FixedDegrees degrees;        // of the fixed effects
-  FixedDegrees robustdegrees;  // by `robust`
-  Array<double> covariance;    // g squared: the covariance of gammahat, by design weights in a weighted run
-  Array<double> robust;        // g squared: the cluster sandwich; empty when it is not usable
-  bool fewunits = false;       // too few level-3 units for `robust` to be trusted
-  TauErrors robusterrors;      // of an engine, by the same sandwich as `robust`; asked: the engine makes it
-  bool weighted = false;       // of an engine: `covariance` and `errors` are those of the sandwich themselves
-  EffectTable effects;         // by `covariance`
-  EffectTable robusteffects;   // by `robust`
+  FixedDegrees degrees;                                    // of the fixed effects
+  FixedDegrees robustdegrees;                              // by `robust`
+  std::shared_ptr<const VarianceUncertainty> uncertainty;  // with DDF:, what degrees of freedom of contrasts come from
+  Array<double> covariance;   // g squared: the covariance of gammahat, by design weights in a weighted run
+  Array<double> joint;        // of an engine: the covariance of all parameters, in the order of likelihood/parameters.h
+  Array<double> robust;       // g squared: the cluster sandwich; empty when it is not usable
+  bool fewunits = false;      // too few level-3 units for `robust` to be trusted
+  TauErrors robusterrors;     // of an engine, by the same sandwich as `robust`; asked: the engine makes it
+  bool weighted = false;      // of an engine: `covariance` and `errors` are those of the sandwich themselves
+  EffectTable effects;        // by `covariance`
+  EffectTable robusteffects;  // by `robust`
   VarianceTests tests;
   VarianceIntervals intervals;  // by the standard errors, of logarithms and of Fisher's z
   ProfileIntervals profile;

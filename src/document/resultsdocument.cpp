@@ -3,6 +3,7 @@
 #include <cmath>
 #include <utility>
 
+#include "core/formatted.h"
 #include "core/version.h"
 #include "document/effects.h"
 #include "document/resultstable.h"
@@ -170,6 +171,12 @@ Json emptyphase(const char* name, Json ending, Json converged) {
   return phase;
 }
 
+// Covariances of the fixed effects (g squared; empty: not known).
+void addcovariances(Json& phase, std::size_t g, const Array<double>& model, const Array<double>& robust) {
+  phase["covariance"] = square(static_cast<int>(g), model);
+  phase["robust_covariance"] = square(static_cast<int>(g), robust);
+}
+
 Json phaseof(const Subject& subject, const PassResults& results) {
   Json phase = emptyphase(phasename(results.kind, results.heterogeneous), endingname(results.ending),
                           results.ending == Ending::converged);
@@ -192,6 +199,7 @@ Json phaseof(const Subject& subject, const PassResults& results) {
   if (results.profile.made) phase["profile_intervals"] = profileof(results.profile, p, b);
   addeffects(phase, subject, results.est.gammahat, results.effects, results.robusteffects,
              results.kind != PassKind::identity);
+  addcovariances(phase, results.est.gammahat.size(), results.covariance, results.robust);
   phase["warnings"] = warningsof(subject, results);
   for (const std::string& note : results.notes) phase["warnings"].push_back(note);
   if (results.kind == PassKind::quadrature) addpoints(phase, results);
@@ -203,6 +211,7 @@ Json phaseof(const Subject& subject, const PassResults& results) {
 Json averagedphase(const Subject& subject, const char* name, const PooledEffects& effects) {
   Json phase = emptyphase(name, nullptr, nullptr);
   addeffects(phase, subject, effects.gamma, effects.model.effects, effects.robust.effects, true);
+  addcovariances(phase, effects.gamma.size(), effects.model.covariance, effects.robust.covariance);
   phase["warnings"] = Json::array();
   if (!effects.robust.known) phase["warnings"].push_back(norobust);
   return phase;
@@ -275,6 +284,9 @@ void addphase(ResultsDocument& document, const Subject& subject, const LeastSqua
   phase["model_comparison"] = nullptr;
   phase["sigma2"] = sigma2of(results.sigma2, false, false, 0.0);
   addeffects(phase, subject, results.gamma, results.effects, results.robusteffects, false);
+  Array<double> covariance = results.vgamma.copy();
+  for (double& v : covariance) v *= results.sigma2;
+  addcovariances(phase, results.gamma.size(), covariance, results.robust);
   phase["warnings"] = Json::array();
   if (results.robust.empty()) {
     phase["warnings"].push_back(norobust);
@@ -343,6 +355,33 @@ void addbootstrap(ResultsDocument& document, const Subject& subject, const char*
                            {"basic", profileof(results.basic, p, b)}};
 }
 
+void addrandomeffects(ResultsDocument& document, const Subject& subject, const char* phase,
+                      const Posteriors& posteriors, const UnitNames& names) {
+  const Coefficients& coef = subject.model.coef;
+  const auto unit = [](int n, std::size_t i, const Array<double>& means, const Array<double>& covariances, Json& to) {
+    Json mean = Json::array();
+    for (std::size_t e = 0; e < at(n); ++e) mean.push_back(number(means[i * at(n) + e]));
+    to["estimate"] = std::move(mean);
+    to["covariance"] = square(n, [&](int a, int b) { return covariances[(i * at(n) + at(a)) * at(n) + at(b)]; });
+  };
+  Json level2 = Json::array(), level3 = Json::array();
+  for (std::size_t j = 0; j < names.level2.size(); ++j) {
+    if (names.empty[j] != 0) continue;
+    Json row{{"level3", whenever(!subject.twolevel, names.level3[names.parent[j]])}, {"level2", names.level2[j]}};
+    unit(coef.ntaupi, j, posteriors.u, posteriors.uvariance, row);
+    level2.push_back(std::move(row));
+  }
+  for (std::size_t k = 0; k < names.level3.size() && !subject.twolevel; ++k) {
+    Json row{{"level3", names.level3[k]}};
+    unit(coef.ntaubeta, k, posteriors.v, posteriors.vvariance, row);
+    level3.push_back(std::move(row));
+  }
+  for (Json& made : document.phases)
+    if (made["phase"] == phase)
+      made["random_effects"] = {{"level2", whenever(coef.ntaupi > 0, std::move(level2))},
+                                {"level3", whenever(coef.ntaubeta > 0, std::move(level3))}};
+}
+
 void addmacroend(ResultsDocument& document, const MacroEvent& event) {
   if (event.failure != nullptr) {
     // What the last pass of quasi-likelihood had come to is no result.
@@ -364,23 +403,27 @@ void addmacroend(ResultsDocument& document, const MacroEvent& event) {
 }
 
 Json wholedocument(const ResultsDocument& document, const Subject& subject, const DocumentFrame& frame) {
-  Json whole = {{"format", "kdr3 results"},
-                {"format_version", 4},
-                {"program", module},
-                {"version", version},
-                {"title", frame.title},
-                {"data", {{"mdm_file", textornull(frame.mdmfile)}, {"command_file", textornull(frame.commandfile)}}},
-                {"dimensions",
-                 {{"records", subject.records},
-                  {"level2_units", subject.units2},
-                  {"level3_units", whenever(!subject.twolevel, subject.units3)}}},
-                {"model", describedmodel(subject)},
-                {"series", frame.series},
-                {"converged", frame.converged},
-                {"phases", document.phases},
-                {"warnings", allwarnings(document, subject.model, frame.converged)},
-                {"files", frame.files},
-                {"checksums", frame.checksums}};
+  Json whole = {
+      {"format", "kdr3 results"},
+      {"format_version", 4},
+      {"program", module},
+      {"version", version},
+      {"title", frame.title},
+      {"data", {{"mdm_file", textornull(frame.mdmfile)}, {"command_file", textornull(frame.commandfile)}}},
+      {"dimensions",
+       {{"records", subject.records},
+        {"level2_units", subject.units2},
+        {"level3_units", whenever(!subject.twolevel, subject.units3)}}},
+      {"records_hash",
+       subject.hash ? Json(formatted("%016llx", static_cast<unsigned long long>(subject.hash->sum))) : Json()},
+      {"model", describedmodel(subject)},
+      {"coding", frame.coding},
+      {"series", frame.series},
+      {"converged", frame.converged},
+      {"phases", document.phases},
+      {"warnings", allwarnings(document, subject.model, frame.converged)},
+      {"files", frame.files},
+      {"checksums", frame.checksums}};
   if (subject.recordsread != 0) whole["dimensions"]["records_read"] = subject.recordsread;
   if (subject.texts != nullptr && subject.texts->any()) whole["variables"] = describedvariables(subject);
   return whole;

@@ -10,6 +10,7 @@
 #include "core/results.h"
 #include "document/subject.h"
 #include "estimate/likelihood/engines.h"
+#include "estimate/linear/unitresults.h"
 #include "estimate/quasi/macrostate.h"
 #include "series/pooledresults.h"
 
@@ -20,6 +21,13 @@ struct ResultsDocument {
   std::vector<std::string> warnings;  // sentences about the whole
   bool converged = true;              // nothing was stopped, limited or given up so far
   bool separated = false;             // some fixed effects have no finite estimate
+};
+
+// IDs of the units: of each level-2 unit with a record, and which level-3 unit it belongs to; of each level-3 unit.
+struct UnitNames {
+  std::vector<std::string> level2, level3;
+  std::vector<std::size_t> parent;  // [level-2 unit]
+  std::vector<char> empty;          // [level-2 unit] not 0: it lost all of its records
 };
 
 // The phase of a pass, of ordinary least squares.
@@ -35,6 +43,9 @@ void addengine(ResultsDocument& document, const Subject& subject, const EngineSt
 // The bootstrap of the phase of that name.
 void addbootstrap(ResultsDocument& document, const Subject& subject, const char* phase,
                   const BootstrapResults& results);
+// The random effects of the phase of that name: means and covariances given the data, of each unit.
+void addrandomeffects(ResultsDocument& document, const Subject& subject, const char* phase,
+                      const Posteriors& posteriors, const UnitNames& names);
 // How the macro iterations ended, which their last pass alone does not tell.
 void addmacroend(ResultsDocument& document, const MacroEvent& event);
 
@@ -43,6 +54,7 @@ struct DocumentFrame {
   std::string title, mdmfile, commandfile;  // empty: there is none
   Json series, converged;                   // the members of these names
   Json files = Json::array(), checksums = Json::array();
+  Json coding;  // how a formula made the columns of the model
 };
 
 // The whole. Its warnings are those of the document, one for each phase that ended too soon, and one for a comparison

@@ -20,6 +20,7 @@ struct Subject {
   int records = 0, units2 = 0, units3 = 0;
   bool twolevel = false;                                  // there is no level 3: what would stand for it is null
   std::optional<Alternative> alternative = std::nullopt;  // what the deviance is compared with
+  std::optional<RecordsHash> hash = std::nullopt;         // of the analysed records
   const LongTexts* texts = nullptr;                       // what the source of the data says of its variables
   int recordsread = 0;                                    // of the data, before run-time deletion; 0: not known
 

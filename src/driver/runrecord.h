@@ -78,6 +78,9 @@ struct RunFiles {
   std::string nullmodel;      // NULLMODEL:. Results document of the model without predictors; empty: none
   std::string results;        // RESULTS:, -results. Results document; empty: none
   bool resultsgiven = false;  // by -results, which wins over RESULTS:
+  std::string predict;        // -predict: the file whose rows are predicted; empty: none
+  std::string predictlevel2, predictlevel3;  // its columns of IDs; with -fit the formula tells them
+  std::string margins;                       // -margins, as it stands
   std::string resfil1name, resfil2name, resfil3name;
   ScratchFile nextcommands;             // command file of the next plausible-value pass, without a name
   std::vector<std::string> unfinished;  // result files that are not complete; a stop removes them
@@ -94,6 +97,7 @@ struct OutputControl {
   ResidualForm resfiltype = ResidualForm::spss;  // RESFILTYPE:
   ResidualsOf resfilof = ResidualsOf::engine;    // RESFILOF:
   bool graph = false;                            // GRAPHGAMMAS:
+  bool effects = false;                          // -effects: the results document has the random effects
   std::optional<double> deviance;                // DEVIANCE:. Of the alternative model
   int df = 0;                                    // DF:. Its number of parameters
   bool lvr = false;                              // LVR-BETA:

@@ -75,6 +75,7 @@ void takeeffects(Fit& fit, Pass& pass) {
 
 void collectphases(Fit& fit, Observer& observer) {
   observer.dataread = [&fit](PassKind, int records) { fit.subject.records = records; };
+  observer.recordsread = [&fit](const RecordsHash& hash) { fit.subject.hash = hash; };
   observer.leastsquares = [&fit](const LeastSquaresResults& results) { addphase(fit.document, fit.subject, results); };
   observer.passstands = [&fit](const ChainPass& pass) { addphase(fit.document, fit.subject, pass.results); };
   observer.macroends = [&fit](const MacroEvent& event) { addmacroend(fit.document, event); };

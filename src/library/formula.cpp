@@ -11,6 +11,7 @@
 
 #include "core/constants.h"
 #include "core/formatted.h"
+#include "formula/newrecords.h"
 #include "formula/plan.h"
 #include "library/cells.h"
 #include "library/handles.h"
@@ -387,47 +388,47 @@ double valueormissing(const std::vector<ColumnPart>& parts, std::size_t record) 
   return valueat(parts, record);
 }
 
-// The variables of a matrix over a table of other records.
-struct OtherData {
-  FormulaData data;
-  std::map<std::string, Variable> variables;
-};
-
+// The variables of a matrix over a table of other records, coded as those of the plan; `data` keeps them.
 void evaluateother(const FormulaPlan& plan, std::vector<std::vector<ColumnPart>>& columns, std::size_t records,
-                   const Fields& fields, OtherData& other) {
-  FormulaData& data = other.data;
+                   const Fields& fields, FormulaData& data) {
+  const Tell passedover = [](const std::string&) {};  // what has no place in the data of the plan is missing
   data.formula = plan.model.text;
   data.nrecords = records;
-  data.known = plan.data.coding.get();
+  data.settings = plan.data.settings;
+  data.fitted = &plan.data;
+  data.lost = passedover;
+  const auto takecolumn = [&](const std::string& name, bool needed) {
+    if (data.places.contains(name)) return;
+    const LongColumn& fitted = plan.data.column(name);
+    for (std::size_t c = 0; c < fields.count; ++c)
+      if (fitted.name == fields[c].name) {
+        data.places[name] = data.columns.size();
+        data.columns.push_back(alike(longcolumn(fields[c], records), fitted, passedover));
+        return;
+      }
+    if (needed) refuse("The new data have no column " + fitted.name + ".");
+  };
   std::map<std::string, const Expression*> expressions;
   const auto collect = [&](const Terms& terms) {
     for (std::size_t v = 0; v < terms.variables.size(); ++v) expressions[terms.names[v]] = terms.variables[v];
   };
   collect(plan.model.fixed);
-  for (const RandomPart& part : plan.model.randoms) collect(part.terms);
-  const auto takecolumn = [&](const std::string& name) {
-    if (data.places.contains(name)) return;
-    for (std::size_t c = 0; c < fields.count; ++c)
-      if (plan.data.column(name).name == fields[c].name) {
-        data.places[name] = data.columns.size();
-        data.columns.push_back(longcolumn(fields[c], records));
-        return;
-      }
-    refuse("The new data have no column " + plan.data.column(name).name + ".");
+  for (const RandomPart& part : plan.model.randoms) {
+    collect(part.terms);
+    for (const std::string& name : part.group) takecolumn(name, false);
+  }
+  const auto eachpart = [&](const auto& use) {
+    for (std::vector<ColumnPart>& parts : columns)
+      for (ColumnPart& part : parts) use(part, *expressions.at(part.variable->name));
   };
-  for (std::vector<ColumnPart>& parts : columns)
-    for (const ColumnPart& part : parts) {
-      std::vector<NamedPlace> names;
-      columnnames(*expressions.at(part.variable->name), names);
-      for (const NamedPlace& named : names) takecolumn(named.name);
-    }
-  for (std::vector<ColumnPart>& parts : columns)
-    for (ColumnPart& part : parts) {
-      const std::string& name = part.variable->name;
-      if (!other.variables.contains(name))
-        other.variables.emplace(name, variablelike(data, *expressions.at(name), *part.variable));
-      part.variable = &other.variables.at(name);
-    }
+  eachpart([&](const ColumnPart&, const Expression& e) {
+    std::vector<NamedPlace> names;
+    columnnames(e, names);
+    for (const NamedPlace& named : names) takecolumn(named.name, true);
+  });
+  findgroupings(data, plan.model);
+  eachpart([&](const ColumnPart&, const Expression& e) { static_cast<void>(variableof(data, e)); });
+  eachpart([&](ColumnPart& part, const Expression&) { part.variable = &data.variables.at(part.variable->name); });
 }
 
 void readoptions(const char* text, const kdr3_options* options, FormulaOptions& made) {
@@ -550,7 +551,7 @@ kdr3_status kdr3_formula_matrix(const kdr3_formula* formula, kdr3_words part, si
       return error("A matrix is of the fixed effects, or of the random ones of level 2 or 3.");
     const FormulaPlan& plan = formula->plan;
     std::vector<std::vector<ColumnPart>> columns = matrixparts(plan, part);
-    OtherData other;
+    FormulaData other;
     const bool own = first == nullptr;
     if (!own) {
       const Fields fields{first, count};

@@ -5,10 +5,14 @@
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
+#include "core/formatted.h"
+#include "data/mdm.h"
 #include "document/resultsdocument.h"
 #include "driver/failures.h"
 #include "driver/files.h"
@@ -28,8 +32,10 @@ struct Collected {
   ResultsDocument document;
   Json failed;
   bool averages = false;
+  std::optional<RecordsHash> hash;
 };
 Collected collected;
+Json coding;  // of the whole run
 
 bool wanted() { return !run.files.results.empty(); }
 
@@ -37,6 +43,14 @@ std::vector<std::string> leftnames(const Array<Name>& names) {
   std::vector<std::string> list;
   for (const Name& name : names) list.push_back(leftname(name));
   return list;
+}
+
+// A text ID without the blanks around it.
+std::string leftid(const Id& id) {
+  std::string text = id.text.text;
+  text.erase(0, text.find_first_not_of(' '));
+  text.erase(text.find_last_not_of(' ') + 1);
+  return text;
 }
 
 // The run as its document tells it.
@@ -53,6 +67,7 @@ Subject subject() {
   for (const Name& label : run.model.categorylabel) made.categories.emplace_back(label.text);
   made.texts = &mdm.texts;
   made.recordsread = mdm.numl1rec;
+  made.hash = collected.averages ? std::nullopt : collected.hash;
   if (run.out.deviance) made.alternative = {*run.out.deviance, run.out.df};
   return made;
 }
@@ -113,7 +128,7 @@ bool istable(const std::string& path) { return strcasecmp(path.substr(extensionp
 
 void writedocument(const std::string& path) {
   const DocumentFrame frame{run.files.title, run.files.mdmfile, run.files.cmdshown, seriesfacts(),
-                            converged(),     filesmade(),       checksums()};
+                            converged(),     filesmade(),       checksums(),        coding};
   const std::string text = documenttext(wholedocument(collected.document, subject(), frame), istable(path));
   ResultFile file;
   openresult(file, path);
@@ -124,7 +139,7 @@ void writedocument(const std::string& path) {
 }  // namespace
 
 void startdocument() {
-  collected = {{}, Json::array(), false};
+  collected = {{}, Json::array(), false, {}};
   for (const bool ofcommands : {true, false})
     for (const RunWarning& warning : run.warnings)
       if (warning.ofcommands == ofcommands)
@@ -166,6 +181,39 @@ void documentbootstrap(const char* phase, const BootstrapResults& results) {
   if (wanted()) addbootstrap(collected.document, subject(), phase, results);
 }
 
+void documentrecords(const RecordsHash& hash) { collected.hash = hash; }
+
+void documentcoding(Json made) { coding = std::move(made); }
+
+std::string unitid(int level, const Id& id) {
+  const MdmData& mdm = run.mdm;
+  const std::string* whole = mdm.texts.wholeid(level, id, mdm.numericids);
+  if (whole != nullptr) return *whole;
+  return mdm.numericids ? formatted("%.15g", id.number) : leftid(id);
+}
+
+UnitNames unitnames(Pass& pass) {
+  UnitNames names;
+  for (int k = 0; k < run.mdm.nunits3; ++k) names.level3.push_back(unitid(3, level3id(run.mdm, k)));
+  sweepunits(
+      pass.n2of, [](int) {},
+      [&](int k, std::size_t, const double* cold) {
+        names.level2.push_back(unitid(2, getid(pass.store, cold)));
+        names.parent.push_back(at(k));
+        names.empty.push_back(cold[0] == 0.0 ? 1 : 0);
+      },
+      [](int) {}, reading(pass.store.cold));
+  return names;
+}
+
+void documenteffects(const char* phase, Pass& pass) {
+  if (!wanted() || !run.out.effects) return;
+  const Posteriors made = posteriors(pass);
+  const UnitNames names = unitnames(pass);
+  stopif(storefailure(pass.store));
+  addrandomeffects(collected.document, subject(), phase, made, names);
+}
+
 void documentwarning(const std::string& words) {
   if (wanted()) collected.document.warnings.push_back(words);
 }
@@ -173,6 +221,12 @@ void documentwarning(const std::string& words) {
 const std::vector<Json>& documentphases() { return collected.document.phases; }
 
 std::string resultsname() { return subrunname(run.files.results); }
+
+void checkeffects() {
+  if (!run.out.effects) return;
+  if (!wanted() || istable(run.files.results))
+    stopwith("-effects goes with a results document, as of -results NAME.json.\n");
+}
 
 void refuseforeignresults() {
   for (const std::string& name : {resultsname(), run.files.results}) {

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "core/results.h"
+#include "document/resultsdocument.h"
 #include "estimate/likelihood/engines.h"
 #include "estimate/quasi/macrostate.h"
 #include "series/pooledresults.h"
@@ -28,12 +29,24 @@ void documentmacroend(const MacroEvent& event);
 void documentengine(const EngineStage& stage);
 // Of the phase of that name.
 void documentbootstrap(const char* phase, const BootstrapResults& results);
+// Which records were analysed, and how a formula made the columns of the model.
+void documentrecords(const RecordsHash& hash);
+void documentcoding(Json made);
+// With -effects, the random effects of a finished pass, for the phase of that name.
+void documenteffects(const char* phase, Pass& pass);
+// An ID of a unit of level 2 or 3 as its source has it.
+[[nodiscard]] std::string unitid(int level, const Id& id);
+// The IDs of its units, of a pass that keeps them (Wanted::unitrows).
+[[nodiscard]] UnitNames unitnames(Pass& pass);
 // A sentence about the run as a whole.
 void documentwarning(const std::string& words);
 
 // The file of this pass: the name that the user gave, in a series with the number of the sub-run before its extension;
 // empty when none is wanted.
 [[nodiscard]] std::string resultsname();
+
+// Stops with code 100 where -effects has no document to go into.
+void checkeffects();
 
 // Stops with code 100 where the document would take the place of a file that is none, as raw data named pupils.csv.
 void refuseforeignresults();

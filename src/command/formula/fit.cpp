@@ -10,6 +10,7 @@
 #include <unordered_map>
 #include <utility>
 
+#include "command/formula/coding.h"
 #include "command/formula/equationlines.h"
 #include "command/text.h"
 #include "construct/buildlog.h"
@@ -33,6 +34,7 @@ namespace {
 struct Fit {
   FitRequest request;
   FormulaPlan plan;
+  std::vector<char> kept;  // [record] it has all that the model needs
   std::vector<std::string> remarks;
 };
 
@@ -315,9 +317,9 @@ EquationLines plan(FitRequest request, Fit& fit) {
   checkkeywords(fit.request);
   checkfiles(fit.request);
   readcolumns(fit);
-  const std::vector<char> kept = evaluateplan(plan);
+  fit.kept = evaluateplan(plan);
   makeunits(fit);
-  designplan(plan, kept);
+  designplan(plan, fit.kept);
   EquationLines lines;
   lines.design = &plan.design;
   lines.twolevel = !plan.outer;
@@ -343,8 +345,10 @@ void checkfit(FitRequest request) {
 }
 
 PreparedFit preparefit(FitRequest request) {
-  Fit fit;
+  const auto held = std::make_shared<Fit>();
+  Fit& fit = *held;
   const EquationLines lines = planorstop(std::move(request), fit);
+  if (fit.request.planned) fit.request.planned(fit.plan);
   run.mdm.mdmtype = lines.twolevel ? MdmType::twolevel : MdmType::ordinary;
   run.mdm.deletednow = false;
   run.mdm.l1missing = false;
@@ -364,7 +368,13 @@ PreparedFit preparefit(FitRequest request) {
       prepared.names[lines.names[level][i]] = fit.plan.design.pieces[level][i].name;
   prepared.grouping2 = fit.plan.data.groupings[fit.plan.inner].shown;
   if (fit.plan.outer) prepared.grouping3 = fit.plan.data.groupings[*fit.plan.outer].shown;
+  prepared.coding = codingof(fit.plan, lines);
   prepared.request = std::move(fit.request);
+  if (!prepared.request.keepdata) return prepared;
+  fit.plan.listener = {};
+  prepared.plan = {held, &fit.plan};
+  for (int level = 0; level < 3; ++level) prepared.pieces[level] = lines.names[level];
+  prepared.kept = std::move(fit.kept);
   return prepared;
 }
 

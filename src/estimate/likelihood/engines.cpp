@@ -65,6 +65,7 @@ PassResults resultsof(const Pass& pass, PassKind kind, const EngineResult& fit, 
   if (fit.completebeta) results.errors.taubeta = fit.setaubeta.copy();
   results.errors.covariance = fit.taucovariance.copy();
   results.covariance = fit.vgamma.copy();
+  results.joint = fit.covariance.copy();
   results.warnings = fit.warnings;
   complete(results, pass.model(), countsof(pass));
   return results;

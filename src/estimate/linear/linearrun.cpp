@@ -38,6 +38,7 @@ Failure readrecords(const Analysis& analysis, LinearFit& fit) {
   units.working = working.file();
   Failure failure = datapass(fit.pass, [&](UnitProducts& unit) { return nextunit(units, unit); });
   if (units.failure) return units.failure;
+  tellobserver(analysis.observer.recordsread, units.hash);
   if (failure || !working.isopen()) return failure;
   return finishworking(std::move(working), fit.working);
 }

@@ -1,7 +1,9 @@
 #include "estimate/linear/recordunits.h"
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
+#include <string>
 #include <utility>
 
 #include "core/formatted.h"
@@ -9,6 +11,7 @@
 #include "estimate/linear/centering.h"
 #include "estimate/linear/crossproducts.h"
 #include "estimate/linear/deletion.h"
+#include "kernel/hash.h"
 #include "kernel/sizes.h"
 
 namespace kdr {
@@ -60,6 +63,36 @@ void centerlevel1(RecordUnits& units) {
   for (std::size_t c = 0; c < units.shift.size(); ++c) {
     const int v = units.layout.column[c];
     if (v >= 0) units.shift[c] = centre(model.center1[at(v) + 1], units.unit.means[at(v)], mdm.mean1[at(v)]);
+  }
+}
+
+// A bijection of 64 bits that leaves no trace of small differences (the finaliser of splitmix64).
+std::uint64_t mixed(std::uint64_t bits) {
+  bits = (bits ^ (bits >> 30U)) * 0xbf58476d1ce4e5b9U;
+  bits = (bits ^ (bits >> 27U)) * 0x94d049bb133111ebU;
+  return bits ^ (bits >> 31U);
+}
+
+// Of an ID as a text, so that numbers and texts of the same digits agree.
+std::uint64_t idhash(const MdmData& mdm, int level, const Id& id) {
+  const std::string* whole = mdm.texts.wholeid(level, id, mdm.numericids);
+  std::string text = whole != nullptr ? *whole : mdm.numericids ? formatted("%.15g", id.number) : id.text.text;
+  text.erase(0, text.find_first_not_of(' '));
+  text.erase(text.find_last_not_of(' ') + 1);
+  Hash hash;
+  hash.add(text.data(), text.size());
+  return hash.value();
+}
+
+// The records of the unit at hand into the hash.
+void hashrecords(RecordUnits& units) {
+  const RecordLayout& layout = units.layout;
+  for (int i = 0; i < units.unit.nj; ++i) {
+    const double* values = units.unit.records.data() + at(i) * at(layout.width);
+    const auto take = [](double value) { return std::bit_cast<std::uint64_t>(value + 0.0); };  // -0 is 0
+    std::uint64_t bits = mixed(units.unithash ^ mixed(take(values[layout.observed])));
+    if (layout.count >= 0) bits = mixed(bits ^ take(values[layout.count]));
+    units.hash.sum += bits;
   }
 }
 
@@ -191,6 +224,7 @@ bool nextblock(RecordUnits& units) {
         return false;
       }
       units.current = unit.id3;
+      if (!mdm.twolevel()) units.unithash = idhash(mdm, 3, unit.id3);
       if (units.group2) level3unitmeans(units);
     }
     if (!mdm.deletednow) {
@@ -198,6 +232,8 @@ bool nextblock(RecordUnits& units) {
       retakemeans(mdm, unit);
     }
   } while (model.weighted && unit.nj == 0);  // the weights have no entry for such a unit
+  if (mdm.twolevel()) units.unithash = idhash(mdm, 2, unit.id2);
+  hashrecords(units);
   return true;
 }
 

@@ -2,9 +2,11 @@
 // cross-products of them: that of a linear run and of the first pass of a chain.
 #pragma once
 
+#include <cstdint>
 #include <cstdio>
 
 #include "core/failure.h"
+#include "core/results.h"
 #include "data/unitreader.h"
 #include "estimate/analysis.h"
 #include "estimate/linear/pass.h"
@@ -57,11 +59,13 @@ struct RecordUnits {
   UnitBlock unit, ahead;
   Id current{};
   int k = -1;
-  std::size_t records = 0;  // of the units before the one at hand
-  Array<double> mean2;      // [nvar2] means of the level-2 variables over the level-3 unit
-  Array<double> shift;      // [npi] what centering takes off each column in this unit
-  Array<double> x;          // [npi + 1] one record: the columns of A, then Y
-  bool group2 = false;      // some level-2 variable is centered on its level-3 mean
+  std::size_t records = 0;     // of the units before the one at hand
+  RecordsHash hash;            // of the records so far
+  std::uint64_t unithash = 0;  // of the ID of the highest level at hand
+  Array<double> mean2;         // [nvar2] means of the level-2 variables over the level-3 unit
+  Array<double> shift;         // [npi] what centering takes off each column in this unit
+  Array<double> x;             // [npi + 1] one record: the columns of A, then Y
+  bool group2 = false;         // some level-2 variable is centered on its level-3 mean
 };
 
 // Starts a walk through the MDM file, which deletes records with missing values when that was left to the analysis.

@@ -187,7 +187,7 @@ PassResults stageresults(Pass& pass, IterationState& state) {
     results.robust = robustcovariance(pass, false);
     results.fewunits = fewunits(pass);
   }
-  const std::optional<VarianceInformation> known =
+  std::optional<VarianceInformation> known =
       results.heterogeneous ? std::nullopt : marginalresults(pass, state, results);
   const std::optional<ClusterRobust> clusters =
       results.heterogeneous ? std::nullopt : clusterresults(pass, state, results);
@@ -197,6 +197,8 @@ PassResults stageresults(Pass& pass, IterationState& state) {
   if (clusters) clustertests(*clusters, pass.mdm().twolevel() ? 2 : 3, results);
   if (known && pass.control().ddf != DegreesMethod::counts)
     testbyF(results.effects, denominatorof(known->fixed, pass.control().ddf));
+  if (known && pass.control().ddf != DegreesMethod::counts)
+    results.uncertainty = std::make_shared<const VarianceUncertainty>(std::move(known->fixed));
   if (!results.heterogeneous) results.tests = variancetests(pass);
   return results;
 }

@@ -227,6 +227,7 @@ Failure preparecategoricaldata(const CategoryTable& table, MacroState& state, Pa
     stackunit(s, units.k, stacked, [] {});
   }
   if (units.failure) return units.failure;
+  tellobserver(analysis.observer.recordsread, units.hash);
   return finishstacking(s);
 }
 

@@ -53,6 +53,7 @@ Failure identitypass(Pass& pass, MacroState& state, PassResults& results) {
   });
   if (units.failure) return units.failure;
   if (failure) return failure;
+  tellobserver(analysis.observer.recordsread, units.hash);
   if (Failure unwritten = finishworking(std::move(working), state.working)) return unwritten;
   state.layout = mdmlayout(analysis.model, analysis.mdm);
   state.mean = outcomes / counts;
