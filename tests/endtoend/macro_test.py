@@ -466,7 +466,8 @@ def broken():
     def run(kind, equations, more, macroit="60,N"):
         (work.folder / "r.json").unlink(missing_ok=True)
         work.write("m.kdr", MODEL.format(kind=kind, macroit=macroit, form="txt", equations=equations.format(y="COUNT", cuts=""),
-                                         more="PRINTVARIANCE-COVARIANCE:Y\n" + more).replace("MICROIT:50", "MICROIT:200"))
+                                         more="PRINTVARIANCE-COVARIANCE:Y\n" + more).replace("MICROIT:50", "MICROIT:200")
+                   .replace(NOFILES if "RESFIL" in more else "\0", ""))
         done = work.run("m.mdm", "m.kdr", "-strict", "-results", "r.json")
         document = json.loads(work.read("r.json")) if (work.folder / "r.json").exists() else None
         return done.returncode, done.stdout, work.read("out.txt"), document
@@ -495,7 +496,14 @@ def broken():
     slopes = slope2.replace("RANDOM/\nLEVEL3:INTRCPT2=INTRCPT3/", "RANDOM/\nLEVEL3:INTRCPT2=INTRCPT3+RANDOM/")
     lost = "WARNING: quasi-likelihood (PQL) has no estimates. It ended at macro iteration "
     made(0, 2, 5, 1, 3, trials)
-    got, said, text, document = run("BINOMIAL,N", slopes, "AGQ:Y,60,7\n")
+    files = "RESFILTYPE:FREEFORMAT\nRESFIL1:Y\nRESFIL2:Y\nRESFIL3:Y\nGRAPHGAMMAS:graph.bin\n"
+    got, said, text, document = run("BINOMIAL,N", slopes, "AGQ:Y,60,7\n" + files)
+    check([mark["phase"] for mark in document["checksums"]] == ["quadrature"] * 4, f"no PQL: files {document['checksums']}")
+    tables, gamma = [read(str(work.folder), "FREEFORMAT", level) for level in (1, 2, 3)], document["phases"][0]["fixed_effects"]
+    check([len(t.rows) for t in tables] == [120, 60, 12] and all(
+        abs(row[7] + row[3] - row[9]) < 2e-6 and row[3] != 0 for row in tables[1].rows), "no PQL: residual files")
+    graphed = readgraph(str(work.folder / "graph.bin"), str(work.folder / "m.mdm"), nonlinear=True)
+    check(all(abs(x - e["estimate"]) < 1e-12 for x, e in zip(graphed["gamma"], gamma)), "no PQL: graph data file")
     check(got == 20 and all(lost in x for x in (said, text)), f"no PQL: code {got}, {said[-300:]}")
     check([p["phase"] for p in document["phases"]] == ["quadrature"] and not document["converged"]
           and any(lost in w for w in document["warnings"]), f"no PQL: {document['warnings']}")

@@ -132,10 +132,10 @@ TEST(SixthOrder, EndsAtTheMaximumWithItsSecondDerivatives) {
   }
   EXPECT_NEAR(result.laplace.largest, largest, 1e-6);
   EXPECT_EQ(result.warnings.size(), 1U) << largest;  // as its terms of the sixth order are not small
-  EXPECT_EQ(result.laplace.nrel2, n2);
-  EXPECT_EQ(result.laplace.nrel3, 60);
-  EXPECT_NEAR(result.laplace.rel3[0], rel3 / 60, 1e-6);
-  for (int a = 0; a < 2; ++a) EXPECT_NEAR(result.laplace.rel2[at(a)], rel2[a] / n2, 1e-5);
+  EXPECT_EQ(result.reliabilities.units2, n2);
+  EXPECT_EQ(result.reliabilities.units3, 60);
+  EXPECT_NEAR(result.reliabilities.level3[0], rel3 / 60, 1e-6);
+  for (int a = 0; a < 2; ++a) EXPECT_NEAR(result.reliabilities.level2[at(a)], rel2[a] / n2, 1e-5);
 
   // Outer products change the standard errors, and nothing else.
   MovingSettings settings;
