@@ -62,6 +62,7 @@ void modelstatistics(const PassResults& results) {
   }
   if (run.model.autovknown != 0 && run.model.outcome.linear())
     reportline(" (a constant of the known variances is left out: compare such deviances only with each other)");
+  if (results.weighted) reportline(" (of a weighted pseudo-likelihood: its differences are no chi-square statistics)");
   reportline(" Number of estimated parameters = %lld", parameters);
   if (!run.out.deviance || !std::isfinite(deviance)) return;
   comparison(deviance, parameters, results.weighted);

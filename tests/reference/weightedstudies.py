@@ -11,6 +11,7 @@ levels, as they stand or brought to means by the rules of the guide, which are h
   weightedstudies.py PROGRAM copies FIRST LAST     WEIGHTSCALE:NONE and weights of 1 to 3 beside a run on copies of records, level-2
       units or level-3 units, by 7 points and by one; the sandwich where the clusters are the same; a factor of all level-3 weights
   weightedstudies.py PROGRAM jackknife SEED        robust standard errors beside those of the jackknife over level-3 units
+  weightedstudies.py PROGRAM solve                 pseudo-log-likelihood, maximum and sandwich of four studies, for the tests
 """
 import json
 import os
@@ -123,8 +124,8 @@ class Grid:
 
     def __init__(self, outcome, q, r, rows, weights):
         self.outcome, self.q, self.r = outcome, q, r
-        step = {2: 0.1, 1: 0.08 if outcome in ("poisson", "exposure") else 0.11}
-        line = lambda n: np.arange(-7, 7 + step[n] / 2, step[n])
+        step = {2: 0.1 if outcome in ("poisson", "exposure") else 0.16, 1: 0.1}
+        line = lambda n: np.arange(-6, 6 + step[n] / 2, step[n])
         def grid(n):
             if n == 0:
                 return np.zeros((1, 0)), np.zeros(1)
@@ -266,6 +267,30 @@ def copystudy(program, seed):
     return " ".join(lines), verdict
 
 
+# Studies of the tests: outcome, q, r, weighted levels, whether they stand as they are; random effects of made data.
+SOLVED = {"bernoulli-raw": ("bernoulli11", 1, 1, (1, 2, 3), True), "bernoulli-mean": ("bernoulli11", 1, 1, (1, 2, 3), False),
+          "poisson-mean": ("poisson11", 1, 1, (2,), False), "binomial-none": ("binomial12", 1, 1, (), False)}
+
+
+def madeweights(rows):
+    """Rows k, j, y, n, x with the weights that the tests give them."""
+    return [(k, j, y, n, x, 0.5 + 0.25 * (i % 5), 0.5 + 0.5 * (j % 3), 0.6 + 0.4 * (k % 4)) for i, (k, j, y, n, x) in enumerate(rows)]
+
+
+def solve(program):
+    for name, (file, q, r, levels, raw) in SOLVED.items():
+        lines = [line.split() for line in pathlib.Path(__file__).parent.joinpath("quadrature", file + ".dat").read_text().splitlines()]
+        rows = np.array(madeweights([(int(k), int(j), float(y), float(n), float(x)) for k, j, y, n, x, *_ in lines if int(k) < 12]))
+        for level in {1, 2, 3} - set(levels):
+            rows[:, 4 + level] = 1.0
+        outcome = file.rstrip("012")
+        phase = fit(program, outcome, q, r, rows, levels, "AGQ:Y,100,7", *["WEIGHTSCALE:NONE"] * raw)  # where to begin
+        theta, se, _ = numbers(phase)
+        value, step, _, sandwich = Grid(outcome, q, r, rows, scaled(rows, levels, raw)).judge(theta, se)
+        for word, values in (("value", [value]), ("estimate", theta + step), ("sandwich", sandwich)):
+            print(name, word, *(f"{x:.7g}" for x in values), flush=True)
+
+
 def jackknife(program, seed):
     outcome, q, r, rows, levels = study(seed, (1, 1), False, (1, 2, 3), few=False)
     run = lambda rows: fit(program, outcome, q, r, rows, levels, "AGQ:Y,100,7", "WEIGHTSCALE:NONE")
@@ -280,6 +305,9 @@ if __name__ == "__main__":
     program = str(pathlib.Path(sys.argv[1]).resolve())
     if sys.argv[2] == "jackknife":
         jackknife(program, int(sys.argv[3]))
+        sys.exit()
+    if sys.argv[2] == "solve":
+        solve(program)
         sys.exit()
     counts = {}
     for seed in range(int(sys.argv[3]), int(sys.argv[4])):

@@ -295,11 +295,10 @@ std::string sandwichwords(const MovingResult& moving, const PassResults& results
         "WARNING: there are no more level-%d units than parameters: the standard errors, which come from "
         "the units' scores, are not to be trusted.",
         level);
-  return results.fewunits ? formatted(
-                                "WARNING: the standard errors come from the scores of the level-%d units, and are "
-                                "for data with a larger number of them.",
-                                level)
-                          : std::string();
+  if (!results.fewunits) return "";
+  return formatted(
+      "The standard errors come from the scores of the level-%d units, and are for data with a larger number of them.",
+      level);
 }
 
 // Its results; `notes` and what is at the edge among them.
