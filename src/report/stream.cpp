@@ -51,14 +51,74 @@ constexpr const char* stylesheet =
     "table { margin: 0.4em 0; }\n"
     "table[border] { display: block; width: fit-content; max-width: 100%; overflow-x: auto; white-space: nowrap; }\n"
     "td { font-variant-numeric: tabular-nums; }\n"
+    "th { font-weight: normal; }\n"
+    "caption { text-align: left; white-space: pre-line; font-weight: bold; padding: 0.6em 0; }\n"
+    "caption br { display: none; }\n"
+    "nav ul { list-style: none; padding: 0; columns: 20em; }\n"
+    "nav li.inner { padding-left: 1.2em; }\n"
+    "nav a { color: LinkText; }\n"
     "@media (max-width: 640px) {\n"
     "  body { margin: 0.5em; }\n"
     "  h2 { font-size: 125%; }\n"
     "  h2 table { width: 100%; font-size: 80%; }\n"
     "  table[border] { font-size: 76%; }\n"
-    "  table[border] td { padding: 0 0.2em !important; word-spacing: -0.07em; }\n"
+    "  table[border] td, table[border] th { padding: 0 0.2em !important; word-spacing: -0.07em; }\n"
     "}\n"
+    "@media print { nav { display: none; } table[border] { display: table; } }\n"
     "</style>\n";
+
+// What the browser makes of the report, whose own text stays as it is: a heading in front of a table becomes its
+// caption, the first row its head, and the headings get a table of contents. Without scripts a reader has the report.
+constexpr const char* script =
+    "<script>\n"
+    "document.addEventListener('DOMContentLoaded', () => {\n"
+    "  const main = document.createElement('main');\n"
+    "  main.append(...document.body.childNodes);\n"
+    "  document.body.append(main);\n"
+    "  for (const table of main.querySelectorAll('table[border]')) {\n"
+    "    const heading = table.previousElementSibling;\n"
+    "    const gap = heading === null || heading.nextSibling === table ? '' : heading.nextSibling.textContent.trim();\n"
+    "    if (heading && heading.matches('h4, h5') && !gap) {\n"
+    "      const caption = table.createCaption();\n"
+    "      caption.append(...heading.childNodes);\n"
+    "      heading.remove();\n"
+    "    }\n"
+    "    table.tabIndex = 0;\n"
+    "    for (const cell of [...table.rows[0].cells]) {\n"
+    "      const head = document.createElement('th');\n"
+    "      for (const {name, value} of cell.attributes) head.setAttribute(name, value);\n"
+    "      head.scope = 'col';\n"
+    "      head.append(...cell.childNodes);\n"
+    "      if (head.textContent.trim()) cell.replaceWith(head);\n"
+    "    }\n"
+    "  }\n"
+    "  const list = document.createElement('ul');\n"
+    "  let above = 1;\n"
+    "  main.querySelectorAll('h2, h3, h4, h5, caption').forEach((part, i) => {\n"
+    "    if (part.querySelector('table')) return;\n"
+    "    const level = Number(part.localName[1]);\n"
+    "    if (level > above + 1) {\n"
+    "      part.setAttribute('role', 'heading');\n"
+    "      part.setAttribute('aria-level', above + 1);\n"
+    "    }\n"
+    "    if (level) above = Math.min(level, above + 1);\n"
+    "    part.id = 'part' + i;\n"
+    "    const link = document.createElement('a'), item = document.createElement('li');\n"
+    "    link.href = '#' + part.id;\n"
+    "    link.innerHTML = part.innerHTML.replace(/<br>/g, ' ');\n"
+    "    const lines = link.textContent.trim().split(/\\s*\\n\\s*/);\n"
+    "    link.textContent = (lines.length > 1 && part.closest('table') ? lines.slice(1) : lines).join(' ');\n"
+    "    item.className = part.localName === 'h2' ? '' : 'inner';\n"
+    "    item.append(link);\n"
+    "    list.append(item);\n"
+    "  });\n"
+    "  const contents = document.createElement('nav');\n"
+    "  contents.setAttribute('aria-label', 'Contents');\n"
+    "  contents.append(list);\n"
+    "  const start = main.querySelector('h2');\n"
+    "  if (start) start.after(contents);\n"
+    "});\n"
+    "</script>\n";
 
 std::string overwriting() { return lossby(run.files.outfile, {run.files.mdmfile, run.files.cmdfile}); }
 
@@ -154,9 +214,9 @@ void openreport(void (*check)(), void (*keep)()) {
   reporthtml(
       "<!DOCTYPE html>\n<html lang=en>\n<head>\n"
       "<meta http-equiv=\"content-type\" content=\"text/html;charset=utf-8\" />\n"
-      "<title>%s</title>\n%s</head>\n"
+      "<title>%s</title>\n%s%s</head>\n"
       "<body bgcolor=\"FFFFFF\" fgcolor=\"000000\">\n",
-      title.find_first_not_of(' ') == std::string::npos ? module : title.c_str(), stylesheet);
+      title.find_first_not_of(' ') == std::string::npos ? module : title.c_str(), stylesheet, script);
 }
 
 void closereport() {

@@ -1,4 +1,4 @@
-"""Whole reports, text and HTML, against the stored ones; date, time and style sheet are masked.
+"""Whole reports, text and HTML, against the stored ones; date, time, style sheet and script are masked.
 
     reports_test.py PROGRAM [--store]      --store writes the reports that the program makes now
 """
@@ -18,6 +18,7 @@ work = Workplace(sys.argv[1])
 def masked(text):
     text = re.sub(r"\d+ \w+ \d{4}, \w+day", "DATE", text)
     text = re.sub(r"(?s)<style>.*</style>", "STYLE", text)
+    text = re.sub(r"(?s)<script>.*</script>\n", "", text)
     return re.sub(r"[ \d]\d:[ \d]\d:[ \d]\d", "TIME", text)
 
 
