@@ -181,6 +181,7 @@ fitframe <- function(frame, options, hypotheses = NULL, call = NULL) {
   told <- specof(design, outcome, options$family, weights, settings, categories, deparse1(options$formula[[2L]]))
   told$spec$hypotheses <- hypothesesof(hypotheses, told$fixed)
   result <- checked(.Call(C_kdr3r_fit, told$spec))
+  result$warnings <- sub("^WARNING: ", "", result$warnings)
   object <- objectof(result, told, design, outcome, frame, options, engine)
   object$call <- call
   for (sentence in result$warnings) warn(sentence, class = "kdr3_fitwarning")

@@ -28,7 +28,8 @@ void factor(double* a, size_t n) {
   for (size_t j = 0; j < n; ++j) {
     double pivot = a[j * n + j];
     for (size_t k = 0; k < j; ++k) pivot -= a[j * n + k] * a[j * n + k];
-    if (!(pivot > 0.0) || !std::isfinite(pivot)) throw std::runtime_error("The random effects given the estimates can't be computed.");
+    if (!(pivot > 0.0) || !std::isfinite(pivot))
+      throw std::runtime_error("The random effects given the estimates can't be computed.");
     a[j * n + j] = std::sqrt(pivot);
     for (size_t i = j + 1; i < n; ++i) {
       double sum = a[i * n + j];
@@ -89,9 +90,9 @@ Point pointof(const Problem& problem, size_t i, double eta) {
 
 // The matrices of the units, factored, and the effects.
 struct Units {
-  Vector A, B, S;       // [units2 x p x p] factored, [units2 x p x b], [units3 x b x b] factored
-  Vector a, c;          // [units2 x p], [units3 x b]
-  Vector loglik;        // [units3]
+  Vector A, B, S;  // [units2 x p x p] factored, [units2 x p x b], [units3 x b x b] factored
+  Vector a, c;     // [units2 x p], [units3 x b]
+  Vector loglik;   // [units3]
 };
 
 double dot(const double* x, const double* y, size_t n) {
@@ -111,7 +112,8 @@ Vector value(const Problem& problem, const Vector& a, const Vector& c) {
   Vector values(problem.units3);
   for (size_t i = 0; i < problem.n; ++i)
     values[problem.at3(problem.at2(i))] += pointof(problem, i, predictor(problem, i, a, c)).loglik;
-  for (size_t j = 0; j < problem.units2; ++j) values[problem.at3(j)] -= dot(&a[j * problem.p], &a[j * problem.p], problem.p) / 2;
+  for (size_t j = 0; j < problem.units2; ++j)
+    values[problem.at3(j)] -= dot(&a[j * problem.p], &a[j * problem.p], problem.p) / 2;
   for (size_t k = 0; k < problem.units3; ++k) values[k] -= dot(&c[k * problem.b], &c[k * problem.b], problem.b) / 2;
   return values;
 }
@@ -241,9 +243,9 @@ Vector times(const double* L, size_t n, const Vector& x) {
 
 struct Effects {
   std::string error;
-  Vector u, v, eta;                 // [units2 x p], [units3 x b], [n]
-  Vector cov2, cov3, cov23;         // conditional covariances [p x p], [b x b], [p x b] of each unit
-  std::vector<Vector> ku, kv;       // of other outcomes
+  Vector u, v, eta;            // [units2 x p], [units3 x b], [n]
+  Vector cov2, cov3, cov23;    // conditional covariances [p x p], [b x b], [p x b] of each unit
+  std::vector<Vector> ku, kv;  // of other outcomes
 };
 
 // Conditional covariances: cov(c) = S^-1, cov(a, c) = -A^-1 B S^-1, cov(a) = A^-1 - A^-1 B cov(c, a); then L . M'.
@@ -253,7 +255,8 @@ void covariances(const Problem& problem, const Units& units, const double* L, co
   made.cov2.resize(problem.units2 * p * p);
   made.cov23.resize(problem.units2 * p * b);
   Vector inverse(problem.units3 * b * b);
-  const auto sandwich = [](const double* X, size_t rows, const double* middle, const double* Y, size_t columns, double* to) {
+  const auto sandwich = [](const double* X, size_t rows, const double* middle, const double* Y, size_t columns,
+                           double* to) {
     for (size_t i = 0; i < rows; ++i)
       for (size_t j = 0; j < columns; ++j) {
         double sum = 0.0;
@@ -330,7 +333,8 @@ SEXP plain(const Vector& values) {
 
 SEXP matrices(const std::vector<Vector>& list, size_t rows, size_t columns) {
   SEXP made = PROTECT(Rf_allocVector(VECSXP, static_cast<R_xlen_t>(list.size())));
-  for (size_t m = 0; m < list.size(); ++m) SET_VECTOR_ELT(made, static_cast<R_xlen_t>(m), matrix(list[m], rows, columns));
+  for (size_t m = 0; m < list.size(); ++m)
+    SET_VECTOR_ELT(made, static_cast<R_xlen_t>(m), matrix(list[m], rows, columns));
   UNPROTECT(1);
   return made;
 }
@@ -353,7 +357,9 @@ SEXP kdr3r_levels(SEXP columns, SEXP unit2, SEXP unit3) {
   SEXP made = PROTECT(Rf_allocVector(INTSXP, count));
   const auto n = static_cast<size_t>(Rf_xlength(unit2));
   const std::string words = sentenceof([&] {
-    const auto sizeofcodes = [&](SEXP codes) { return n == 0 ? 0 : static_cast<size_t>(*std::max_element(INTEGER(codes), INTEGER(codes) + n)); };
+    const auto sizeofcodes = [&](SEXP codes) {
+      return n == 0 ? 0 : static_cast<size_t>(*std::max_element(INTEGER(codes), INTEGER(codes) + n));
+    };
     Vector first2(sizeofcodes(unit2)), first3(unit3 == R_NilValue ? 0 : sizeofcodes(unit3));
     for (R_xlen_t c = 0; c < count; ++c) {
       const double* values = REAL(VECTOR_ELT(columns, c));

@@ -52,7 +52,9 @@ struct Spec {
   std::vector<Hypothesis> hypotheses;
 };
 
-const char* textof(SEXP value) { return Rf_isString(value) && Rf_length(value) == 1 ? CHAR(STRING_ELT(value, 0)) : nullptr; }
+const char* textof(SEXP value) {
+  return Rf_isString(value) && Rf_length(value) == 1 ? CHAR(STRING_ELT(value, 0)) : nullptr;
+}
 
 std::vector<Spec::Term> termsof(SEXP matrix) {
   std::vector<Spec::Term> terms;
@@ -62,16 +64,15 @@ std::vector<Spec::Term> termsof(SEXP matrix) {
   return terms;
 }
 
-kdr3_column idof(SEXP codes, const char* name) {
-  return {name, 1, KDR3_INT32, INTEGER(codes), 0, nullptr};
-}
+kdr3_column idof(SEXP codes, const char* name) { return {name, 1, KDR3_INT32, INTEGER(codes), 0, nullptr}; }
 
 Spec specof(SEXP given) {
   Spec spec;
-  SEXP columns = element(given, "columns"), names = Rf_getAttrib(columns, R_NamesSymbol), levels = element(given, "levels");
+  SEXP columns = element(given, "columns"), names = Rf_getAttrib(columns, R_NamesSymbol),
+       levels = element(given, "levels");
   for (R_xlen_t c = 0; c < Rf_xlength(columns); ++c)
-    spec.columns.push_back({CHAR(STRING_ELT(names, c)), INTEGER(levels)[c], KDR3_DOUBLE, REAL(VECTOR_ELT(columns, c)), 0,
-                            nullptr});
+    spec.columns.push_back(
+        {CHAR(STRING_ELT(names, c)), INTEGER(levels)[c], KDR3_DOUBLE, REAL(VECTOR_ELT(columns, c)), 0, nullptr});
   SEXP id2 = element(given, "id2"), id3 = element(given, "id3");
   spec.records = static_cast<std::size_t>(Rf_xlength(id2));
   spec.id2 = idof(id2, "level-2 unit");
@@ -97,8 +98,8 @@ Spec specof(SEXP given) {
   SEXP hypotheses = element(given, "hypotheses");
   for (R_xlen_t h = 0; h < Rf_xlength(hypotheses); ++h) {
     SEXP contrasts = VECTOR_ELT(hypotheses, h);  // a column for each contrast, which is a row of the interface
-    spec.hypotheses.push_back({static_cast<std::size_t>(Rf_ncols(contrasts)), static_cast<std::size_t>(Rf_nrows(contrasts)),
-                               REAL(contrasts)});
+    spec.hypotheses.push_back({static_cast<std::size_t>(Rf_ncols(contrasts)),
+                               static_cast<std::size_t>(Rf_nrows(contrasts)), REAL(contrasts)});
   }
   return spec;
 }
@@ -232,7 +233,8 @@ void fit(const Spec& spec, bool effects, Fitted& fitted) {
   fitted.df.resize(g);
   fitted.covariance.resize(g * g);
   fitted.robust.resize(g * g);
-  check(kdr3_result_fixed(made, fitted.estimates.data(), fitted.covariance.data(), fitted.robust.data(), fitted.df.data()));
+  check(kdr3_result_fixed(made, fitted.estimates.data(), fitted.covariance.data(), fitted.robust.data(),
+                          fitted.df.data()));
   fitted.taupi.resize(s.random2 * s.random2);
   fitted.taupierrors.resize(s.random2 * s.random2);
   fitted.taubeta.resize(s.random3 * s.random3);
@@ -328,9 +330,8 @@ struct Shared {
 std::vector<double> refit(Shared& shared, std::size_t which) {
   Spec spec = shared.spec;
   spec.columns[0].values = shared.outcomes + which * spec.records;
-  const auto observer = observing<kdr3_observer>(&shared.stop, [](void* stop) {
-    return static_cast<std::atomic<bool>*>(stop)->load() ? 1 : 0;
-  });
+  const auto observer = observing<kdr3_observer>(
+      &shared.stop, [](void* stop) { return static_cast<std::atomic<bool>*>(stop)->load() ? 1 : 0; });
   const Data data = dataof(spec);
   const Model model = modelof(spec, data.get());
   check(kdr3_model_set(model.get(), "THREADS", 1));
@@ -405,8 +406,10 @@ SEXP kdr3r_refits(SEXP given, SEXP outcomes, SEXP threads) {
   SEXP values = PROTECT(Rf_allocMatrix(REALSXP, static_cast<int>(n), static_cast<int>(width)));
   for (R_xlen_t i = 0; i < n; ++i)
     for (R_xlen_t c = 0; c < width; ++c) {
-      const bool there = static_cast<std::size_t>(i) < refits->rows.size() && !refits->rows[static_cast<std::size_t>(i)].empty();
-      REAL(values)[i + c * n] = there ? refits->rows[static_cast<std::size_t>(i)][static_cast<std::size_t>(c)] : NA_REAL;
+      const bool there =
+          static_cast<std::size_t>(i) < refits->rows.size() && !refits->rows[static_cast<std::size_t>(i)].empty();
+      REAL(values)
+      [i + c * n] = there ? refits->rows[static_cast<std::size_t>(i)][static_cast<std::size_t>(c)] : NA_REAL;
     }
   const char* names[] = {"values", "error", "interrupted", ""};
   SEXP made = PROTECT(Rf_mkNamed(VECSXP, names));

@@ -1,7 +1,7 @@
 // What the files of this folder share: R objects in, plain C++ in between, R objects out.
 //
-// No C++ object with a destructor may be alive where R could jump out of C++. So each call reads its arguments, works in
-// a block without R, and keeps what it made in an external pointer, which R frees, before it allocates results.
+// No C++ object with a destructor may be alive where R could jump out of C++. So each call reads its arguments, works
+// in a block without R, and keeps what it made in an external pointer, which R frees, before it allocates results.
 #pragma once
 
 #define R_NO_REMAP
