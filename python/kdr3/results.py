@@ -40,6 +40,24 @@ def logistic(x: np.ndarray) -> np.ndarray:
     return np.where(x >= 0, 1.0 / (1.0 + np.exp(-np.abs(x))), np.exp(-np.abs(x)) / (1.0 + np.exp(-np.abs(x))))
 
 
+def _averaged(eta: np.ndarray, sd: np.ndarray) -> np.ndarray:
+    """E logistic(eta + sd z) of a standard normal z, by the trapezoidal rule.
+
+    Its error is exp(-2 pi d / h) with the distance d = pi / sd of the nearest pole and the step h: below rounding by
+    h = 0.5 / sd. Rows are taken in parts, which bounds the memory.
+    """
+    step = min(0.2, 0.5 / max(float(sd.max(initial=0.0)), 1e-3))
+    z = np.arange(-9.0, 9.0 + step, step)
+    weights = np.exp(-0.5 * z * z)
+    weights /= weights.sum()
+    made = np.empty(len(eta))
+    part = max(1, 2_000_000 // len(z))
+    for at in range(0, len(eta), part):
+        rows = slice(at, at + part)
+        made[rows] = logistic(eta[rows, None] + sd[rows, None] * z) @ weights
+    return made
+
+
 class Results:
     """A fitted model. What it shows is in attributes named as those of statsmodels where these exist.
 
@@ -301,8 +319,7 @@ class Results:
         kind : {"response", "link"}
         effects : {"unit", "fixed", "population"}
             With the predicted random effects of the units; with random effects of 0; or averaged over their
-            distribution (by Gauss and Hermite's rule with 61 points), which of a link other than the identity is not
-            the same.
+            distribution (by the trapezoidal rule to rounding), which of a link other than the identity is not the same.
         se : bool
             Also the standard error, of effects="fixed" on the link: a frame of the two.
 
@@ -332,8 +349,7 @@ class Results:
         if kind == "link":
             values = eta
         elif effects == "population" and self.family != "gaussian":
-            points, weights = np.polynomial.hermite_e.hermegauss(61)
-            values = self._mean(eta[:, None] + np.sqrt(spread)[:, None] * points) @ (weights / weights.sum())
+            values = np.exp(eta + 0.5 * spread) if self.family == "poisson" else _averaged(eta, np.sqrt(spread))
         else:
             values = self._mean(eta)
         if fields is None and self.family == "poisson" and kind == "response":
@@ -722,8 +738,10 @@ def anova(*models: Results):
         if before is not None:
             _comparable(before, m)
             df = m.df_model - before.df_model
-            gain = max(0.0, 2 * (m.llf - before.llf))
-            row[5], row[6] = gain, df
+            gain = 2 * (m.llf - before.llf)
+            if df > 0 and gain < -1e-7 * abs(2 * m.llf):
+                raise lib.KDR3Error(f"{m.formula} has more parameters and fits worse: one of the models is not at its maximum.")
+            row[5], row[6] = gain, df = max(0.0, gain), df
             if df > 0:
                 row[7] = lib.pvalue(lib.CHISQUARE, gain, df)
                 more = sum(map(len, m._random)) - sum(map(len, before._random))
@@ -742,5 +760,26 @@ def _comparable(a: Results, b: Results) -> None:
         raise lib.KDR3Error("Quasi-likelihood has no likelihood to compare.")
     if a.nobs != b.nobs or not np.array_equal(np.sort(a._state["rows"]), np.sort(b._state["rows"])):
         raise lib.KDR3Error(f"The models rest on other records: {a.nobs} and {b.nobs}.")
+    if any(not np.array_equal(one, other) for one, other in zip(_intable(a), _intable(b))):
+        raise lib.KDR3Error("The models rest on other data: the outcome is not the same.")
+    if not all(set(names) <= set(dict(zip(b._groupings, b._random)).get(group, [])) for group, names in zip(a._groupings, a._random)) or (
+            not _spans(b, a)):
+        raise lib.KDR3Error(f"{a.formula} is no part of {b.formula}: there is no test of the one against the other.")
     if a.reml != b.reml or (a.reml and a._state["words"][lib.EFFECTS] != b._state["words"][lib.EFFECTS]):
         raise lib.KDR3Error("Restricted likelihoods compare models of the same fixed effects alone.")
+
+
+def _intable(m: Results) -> list[np.ndarray]:
+    """Outcome, trials or exposure, and offset in the order of the table."""
+    order = np.argsort(m._state["rows"], kind="stable")
+    return [values[order] for values in m._outcome]
+
+
+def _spans(large: Results, small: Results) -> bool:
+    """Whether the columns of the larger model matrix give those of the smaller one."""
+    names = large._state["words"][lib.EFFECTS], small._state["words"][lib.EFFECTS]
+    if set(names[1]) <= set(names[0]):
+        return True
+    X, Z = [m._matrix(lib.EFFECTS, len(of))[np.argsort(m._state["rows"], kind="stable")] for m, of in zip((large, small), names)]
+    left = Z - X @ np.linalg.lstsq(X, Z, rcond=None)[0]
+    return bool((np.linalg.norm(left, axis=0) <= 1e-8 * np.linalg.norm(Z, axis=0)).all())

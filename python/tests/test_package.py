@@ -290,6 +290,10 @@ class Calls(unittest.TestCase):
         self.assertEqual(list(made["df"])[1], 2)
         with self.assertRaisesRegex(kdr3.KDR3Error, "other records"):
             kdr3.anova(small, kdr3.fit("score ~ year + (1 | school/pupil)", {name: values[:800] for name, values in data.items()}))
+        with self.assertRaisesRegex(kdr3.KDR3Error, "is no part of"):
+            kdr3.anova(kdr3.fit("score ~ ses + (1 | school/pupil)", data), kdr3.fit("score ~ year + hours + (1 | school/pupil)", data))
+        three = [kdr3.fit(f"score ~ {terms} + (1 | school)", data) for terms in ("year", "poly(year, 2, raw = TRUE)")]
+        self.assertEqual(list(kdr3.anova(*three)["df"])[1], 1)
         terms = kdr3.fit("score ~ arm*year + (1 | school)", data).anova()
         self.assertEqual((list(terms["term"]), list(terms["df"])), (["arm", "year", "arm:year"], [2, 1, 2]))
 
