@@ -450,7 +450,7 @@ MovingResult movingquadrature(const MovingSettings& settings, int npi, int nbeta
   }
   Search search{settings, observer};
   search.likelihood = makespherical(settings.outcome, npi, nbeta, design, source, start, settings.diagonalpi,
-                                    settings.diagonalbeta, settings.threads);
+                                    settings.diagonalbeta, settings.threads, settings.response);
   SphericalLikelihood& likelihood = search.likelihood;
   likelihood.sixth = settings.sixth;
   const bool given = !start.gamma.empty();

@@ -30,9 +30,10 @@ struct BatchSums {
 }  // namespace
 
 SphericalLikelihood makespherical(Family outcome, int npi, int nbeta, const Design& design, RecordSource& source,
-                                  const Parameters& shape, bool diagonalpi, bool diagonalbeta, int threads) {
+                                  const Parameters& shape, bool diagonalpi, bool diagonalbeta, int threads,
+                                  const std::vector<int>& response) {
   SphericalLikelihood likelihood;
-  likelihood.frame = makeframe(outcome, npi, nbeta, design, source, shape, diagonalpi, diagonalbeta);
+  likelihood.frame = makeframe(outcome, npi, nbeta, design, source, shape, diagonalpi, diagonalbeta, response);
   likelihood.source = &source;
   likelihood.threads = std::max(threads, 1);
   for (SphericalState* state : {&likelihood.current, &likelihood.trial}) {
