@@ -192,6 +192,7 @@ void closephase(const ChainPass& pass) {
     residualfiles(pass);
     if (run.out.printvc != VarianceFiles::none) unitspecificfiles(pass, pass.results.est, pass.results.covariance);
     graphfile(pass);
+    if (wantsengine()) markreport();
     return;
   }
   for (const std::string& warning : pass.results.warnings) std::printf("%s\n", warning.c_str());
@@ -202,7 +203,7 @@ void closephase(const ChainPass& pass) {
 }
 
 void enginefiles(const ChainPass& pass) {
-  if (run.out.printvc == VarianceFiles::none) return;
+  if (run.out.printvc == VarianceFiles::none || categorical(pass)) return;
   const Estimates& est = pass.pass.est;
   if (run.control.laplace) {
     writegammafile(populationgammafile, est.gammahat, est.covariance());

@@ -42,7 +42,7 @@ void estimationmethod() {
   report("  Method of estimation: %s", run.control.restricted ? "restricted" : "full");
   if (run.model.outcome.linear()) {
     report(" maximum likelihood");
-  } else if (run.model.outcome.categorical() || !likelihood) {
+  } else if (!likelihood) {
     report(" PQL");
   } else {
     report(" maximum likelihood");

@@ -10,8 +10,9 @@ errors, and what the standard errors are.
 
   movingstudies.py PROGRAM FIRST LAST [POINTS [EFFECTS [COMMANDS]]]     POINTS: AUTO, if not given
 
-EFFECTS, two digits, takes other numbers of effects at level 2 and at level 3 than those drawn, up to 3. With DIAGONALIZE lines
-among the commands the oracle knows diagonal matrices.
+EFFECTS, two digits, takes other numbers of effects at level 2 and at level 3 than those drawn, up to 3; "" those drawn. With
+DIAGONALIZE lines among the commands the oracle knows diagonal matrices. `ordinal` as the first of them: all studies have
+ordinal outcomes, whose probabilities the oracle takes as differences of cumulative ones.
 """
 import json
 import os
@@ -26,6 +27,10 @@ from scipy.special import gammaln, logsumexp
 
 sys.path.insert(0, str(pathlib.Path(__file__).parent.parent / "endtoend"))
 from program import NOFEATURES, NOFILES, fixedtext, run
+
+
+# Of ordinal outcomes: even, skewed to either side, a rare category between others, two and seven of them.
+CUTS = [[0, 1, 2], [0, 0.1, 3], [-3, 0, 0.6], [0, 0.04, 1], [0], [-2, -1, 0, 1, 2, 3]]
 
 
 def study(seed, only=None):
@@ -43,6 +48,7 @@ def study(seed, only=None):
     constant = rng.choice([-3, -1, 0, 0.5] if outcome in ("bernoulli", "binomial") else [-2, 0, 1, 3])
     trials = int(rng.choice([5, 20, 200]))
     lines = []
+    cuts = CUTS[seed % len(CUTS)] if outcome == "ordinal" else []
     def pair(s, rho):
         a = rng.normal(size=2)
         return np.append(s, 0)[:2] * np.array([a[0], rho * a[0] + np.sqrt(1 - rho * rho) * a[1]])
@@ -55,7 +61,9 @@ def study(seed, only=None):
                 eta = constant + 0.3 * z + 0.3 * w + (0.4 + v[1] + u[1]) * x[0] - 0.3 * x[1] + v[0] + u[0]
                 n = {"binomial": float(rng.integers(1, trials + 1)), "exposure": round(rng.uniform(0.2, 4), 3)}.get(outcome, 1.0)
                 mu = 1 / (1 + np.exp(-eta))
-                y = rng.binomial(int(n), mu) if outcome in ("bernoulli", "binomial") else rng.poisson(n * np.exp(min(eta, 8)))
+                y = (rng.binomial(int(n), mu) if outcome in ("bernoulli", "binomial") else
+                     np.sum(rng.logistic() > eta + np.array(cuts)) if outcome == "ordinal" else
+                     rng.poisson(n * np.exp(min(eta, 8))))
                 lines.append((k, j, y, n, *(scale * (x + origin)), w, z))
     return outcome, q, r, np.array([l for l in lines])
 
@@ -64,7 +72,8 @@ def write(folder, outcome, q, r, rows, engine):
     units2 = {(k, j): (k, j, w) for k, j, *_, w, z in rows}
     units3 = {k: (k, z) for k, *_, z in rows}
     fixedtext(folder, (rows[:, :6], units2.values(), units3.values()), "%24.20f", (["Y", "N", "X1", "X2"], ["W"], ["Z"]))
-    kind = {"bernoulli": "BERNOULLI", "binomial": "BINOMIAL,N", "poisson": "POISSON", "exposure": "POISSON,N"}[outcome]
+    kind = {"bernoulli": "BERNOULLI", "binomial": "BINOMIAL,N", "poisson": "POISSON", "exposure": "POISSON,N",
+            "ordinal": f"ORDINAL,{len(np.unique(rows[:, 2]))}"}[outcome]
     with open(f"{folder}/s.kdr", "w") as file:
         file.write(f"NONLIN:{kind}\nMACROIT:100,N\nMICROIT:200\n{engine}\nLEVEL1:Y=INTRCPT1+X1+X2+RANDOM\n"
                    "LEVEL2:INTRCPT1=INTRCPT2+W+RANDOM/\nLEVEL3:INTRCPT2=INTRCPT3+Z+RANDOM/\nLEVEL3:W=INTRCPT3/\n"
@@ -112,12 +121,16 @@ class Oracle:
             return out
         self.y, self.n, self.used = spread(rows[:, 2]), spread(rows[:, 3]), spread(one[:, 0])
         self.xg, self.d, self.e = spread(xg), spread(both[:, :q]), spread(both[:, :r])
+        values = np.unique(rows[:, 2])
+        self.thresholds = len(values) - 2 if outcome == "ordinal" else 0
+        self.category = np.searchsorted(values, rows[:, 2])
         thirds = list(dict.fromkeys(u[0] for u in units))
         self.k = np.array([thirds.index(u[0]) for u in units])
         order = np.argsort(j, kind="stable")  # records unit by unit
         self.unit, self.first = j[order], np.searchsorted(j[order], np.arange(len(units)))
         self.rows = [a[order] for a in (rows[:, 2], rows[:, 3], xg, both[:, :q], both[:, :r])]
         self.K, self.g = len(thirds), 5
+        self.category = self.category[order]
         y, n = rows[:, 2], rows[:, 3]
         self.constant = (np.sum(gammaln(n + 1) - gammaln(y + 1) - gammaln(n - y + 1)) if outcome == "binomial" else
                          -np.sum(gammaln(y + 1)) if outcome in ("poisson", "exposure") else 0.0)
@@ -132,6 +145,9 @@ class Oracle:
 
     def density(self, eta, y, n, logn):
         """Of records and its first two derivatives, those of the second with a minus."""
+        if self.outcome == "ordinal":
+            l, up, down, w = self.ordinal(eta)
+            return l, up + down, w
         if self.outcome in ("bernoulli", "binomial"):
             t = np.exp(-np.abs(eta))
             n = n if self.outcome == "binomial" else 1.0
@@ -140,6 +156,18 @@ class Oracle:
         t = eta + (logn if self.outcome == "exposure" else 0.0)
         mu = np.exp(np.minimum(t, 300))
         return y * t - mu, y - mu, mu
+
+    def ordinal(self, eta):
+        """The difference of two cumulative probabilities, its derivatives by their thresholds, and minus the second by eta."""
+        with np.errstate(over="ignore"):
+            F = lambda x: 1 / (1 + np.exp(-x))
+            t = np.concatenate([[-np.inf, 0], self.t, [np.inf]])[:, None]
+            b, a = eta + t[self.category + 1], eta + t[self.category]
+            # on the side where neither is near 1
+            p = np.where(a + b > 0, F(-a) - F(-b), F(b) - F(a))
+            p = np.where(p > 1e-300, p, 1e-300)
+            fb, fa = F(b) * F(-b), F(a) * F(-a)
+        return np.log(p), fb / p, -fa / p, fa + fb
 
     def matrices(self, theta):
         def fill(values, n):
@@ -152,6 +180,7 @@ class Oracle:
 
     def once(self, theta, score):
         A, B, g = self.matrices(theta)
+        g, self.t = g[:self.g], g[self.g:]
         y, n, xg, d, e = self.rows
         L3 = np.linalg.cholesky(self.C)
         W = self.w[:, None, :] + np.einsum("kab,xb->kxa", L3, self.outer[0])
@@ -189,12 +218,15 @@ class Oracle:
         sums = np.zeros(z.shape[:2])
         hz = np.zeros(z.shape + (self.q,))
         rbar = np.zeros(f.shape)
+        tbar = np.zeros((2,) + f.shape if self.thresholds else 0)  # by the upper and by the lower threshold
         for x0, w0 in zip(*self.inner):
             zx = z + np.einsum("jvab,b->jva", L, x0)
             l, s, _ = objective(zx)
             p = np.exp(l - value + w0)
             sums += p
             if score:
+                if self.thresholds:
+                    tbar += p[j] * np.stack(self.ordinal(f + sum(dA[:, a, None] * zx[..., a][j] for a in range(self.q)))[1:3])
                 s = p[j] * s
                 rbar += s
                 for a in range(self.q):
@@ -215,7 +247,9 @@ class Oracle:
             rb = wj[j] * rbar
             SB = np.einsum("nv,na,nvb->ab", rb, e, Wj[j], optimize=True)
             Sg = rb.sum(1) @ xg
-            result = np.concatenate([[SA[a, b] for a, b in pairs(self.q)], [SB[a, b] for a, b in pairs(self.r)], Sg])
+            St = [sum(np.sum((wj[j] * tbar[side])[self.category == c + 1 + side]) for side in (0, 1))
+                  for c in range(self.thresholds)]
+            result = np.concatenate([[SA[a, b] for a, b in pairs(self.q)], [SB[a, b] for a, b in pairs(self.r)], Sg, St])
         return unit.sum() + self.constant, result, mean, C
 
     def settle(self, theta):
@@ -232,7 +266,7 @@ class Oracle:
         """Log-likelihood; Newton step and standard errors of (vech Tp, vech Tb, gamma), NaN for what has none."""
         D = np.diag(np.append(1, self.scales)[:self.q]), np.diag(np.append(1, self.scales)[:self.r])
         A, B = semifactor(D[0] @ Tp @ D[0]), semifactor(D[1] @ Tb @ D[1])
-        G = np.array([1, 1, 1, *(1 / self.scales)])
+        G = np.array([1, 1, 1, *(1 / self.scales), *[1] * self.thresholds])
         theta = np.concatenate([[A[a, b] for a, b in pairs(self.q)], [B[a, b] for a, b in pairs(self.r)], gamma / G])
         self.settle(theta)
         value, score, _, _ = self.once(theta, True)
@@ -305,7 +339,8 @@ def verdictof(fine, warnings):
 
 
 def one(program, seed, points, effects="", *commands):
-    outcome, q, r, rows = study(seed)
+    outcome, q, r, rows = study(seed, "ordinal" if commands[:1] == ("ordinal",) else None)
+    commands = [c for c in commands if c != "ordinal"]
     q, r = map(int, effects or (q, r))
     here = f"{seed:4d} {outcome:9s} q {q} r {r} K {len(set(rows[:, 0])):2d} n {len(rows):4d}: "
     found, ending = fitted(program, outcome, q, r, rows, "\n".join([f"AGQ:Y,100,{points}", *commands]), "quadrature")

@@ -678,7 +678,7 @@ void outcomelines(Fit& fit, EquationLines& lines) {
       (stated < 3 || stated > mostpoints))
     stopwith("-points takes 1, 3 to 198, or auto. It cannot be %s\n", fit.request.points.c_str());
   std::string why;
-  if (categorical) why = "outcomes with categories";
+  if (family == FitFamily::multinomial) why = "multinomial outcomes";
   if (weighted) why = "design weights";
   if (lines.restricted()) why = "random parts that are independent in part only";
   if (!pql && !why.empty()) {

@@ -344,6 +344,20 @@ Failure movingnodes(Pass& pass, MacroState& state, const PassResults& before) {
   });
 }
 
+// The same of outcomes with categories.
+std::string categoryobstacle(const Model& model, const Control& control) {
+  constexpr int mosteffects = 4;  // of a level
+  if (control.agqfixed) return "AGQNODES:FIXED is for Bernoulli, binomial and Poisson outcomes.";
+  const int q = model.coef.ntaupi, r = model.coef.ntaubeta;
+  const bool laplace = control.agqpoints == 1 && !control.agqauto;
+  if (laplace || std::max(q, r) <= mosteffects) return "";
+  const int points = control.agqauto ? nextpoints(0) : control.agqpoints;
+  return formatted(
+      "Quadrature of outcomes with categories takes up to %d random effects of a level. %d points for %d and %d "
+      "effects would be %.0f nodes. One point, AGQ:Y,%d,1 (the Laplace approximation), does without them.",
+      mosteffects, points, q, r, std::pow(points, q + r), control.agqit);
+}
+
 }  // namespace
 
 std::string engineobstacle(const Model& model, const Control& control) {
@@ -355,7 +369,7 @@ std::string engineobstacle(const Model& model, const Control& control) {
   const bool diagonal = control.laplace && control.agqfixed && (held.diagtaupi || held.diagtaubeta);
   if (model.weighted) return formatted("A run with design weights cannot go on to %s.", engine);
   if (restricted || diagonal) return formatted("A run with restricted variance components cannot go on to %s.", engine);
-  return "";
+  return model.outcome.categorical() ? categoryobstacle(model, control) : "";
 }
 
 Failure maximumlikelihood(Pass& pass, MacroState& state, const PassResults& before) {

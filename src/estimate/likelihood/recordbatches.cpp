@@ -1,5 +1,8 @@
 #include "estimate/likelihood/recordbatches.h"
 
+#include <utility>
+
+#include "estimate/quadrature/cuts.h"
 #include "kernel/sizes.h"
 
 namespace kdr {
@@ -19,6 +22,14 @@ void rewindbatches(void* state) {
   startunits(batches.reader, mdm, batches.state->working.file(), 0, batches.state->layout.width, mdm.nvar2, false);
   batches.k = 0;
   batches.units = batches.records = 0;
+}
+
+// The category, from 0, of a record that begins with the indicators of its responses: of an ordinal one those of values
+// at or below each cut.
+double categoryof(const double* indicators, int responses) {
+  int c = 0;
+  while (c < responses && indicators[c] == 0.0) ++c;
+  return c;
 }
 
 // The level-3 unit k, from its blocks.
@@ -50,7 +61,7 @@ Level3Records readlevel3(RecordBatches& batches) {
       const double* values = block.records.data() + at(i) * at(layout.width);
       for (std::size_t c = 0; c < npi; ++c)
         unit.x[record * npi + c] = layout.column[c] < 0 ? 1.0 : values[layout.column[c]];
-      unit.y[record] = values[layout.observed];
+      unit.y[record] = layout.responses > 0 ? categoryof(values, layout.responses) : values[layout.observed];
       if (!unit.n.empty()) unit.n[record] = batches.state->counts[batches.records + record];
     }
     unit.start[j + 1] = record;
@@ -58,7 +69,8 @@ Level3Records readlevel3(RecordBatches& batches) {
   ++batches.k;
   batches.units += at(unit.units);
   batches.records += record;
-  return unit;
+  const Outcome& outcome = pass.model().outcome;
+  return outcome.ordinal() ? cutrecords(unit, outcome.categories) : std::move(unit);
 }
 
 const std::vector<Level3Records>& nextbatch(void* state) {

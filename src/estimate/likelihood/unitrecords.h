@@ -24,8 +24,10 @@ struct Level3Records {
   Array<double> x;            // records by npi: all level-1 coefficients, the constant included
   Array<double> w2;           // units by nbeta: the entry of W2_j in each column of B
   Array<double> w3;           // [full ngamma] the entry of W3_k in each of its columns
-  Array<double> y;            // [records] the outcome as it was read: 0/1, a count of successes, a count
+  Array<double> y;            // [records] the outcome as it was read: 0/1, a count of successes, a count; of categories
+                              // their number, from 0
   Array<double> n;            // [records] trials or exposure; empty when the model has none
+  Array<double> categories;  // [C] where the records are those of cuts (cuts.h): how many each category has; else empty
 };
 
 // Delivers the level-3 units of the data set in order, several at a time, as often as it is asked to.

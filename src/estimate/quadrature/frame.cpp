@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 #include "kernel/distributions.h"
 #include "kernel/matrix.h"
@@ -15,6 +16,8 @@ namespace {
 // A column that is within this share of its length a combination of those before it has no direction of its own: its
 // matrix then gets no rotation.
 constexpr double leastnewshare = 1.0e-11;
+// Of two thresholds at a start. Those of estimates to begin from may be anywhere.
+constexpr double leastdistance = 1.0e-3;
 
 // R (n squared, upper triangular) := that of the QR decomposition of R with `row` beneath it. `row` is used up.
 void appendrow(std::size_t n, double* R, double* row) {
@@ -83,6 +86,28 @@ void settriangle(std::size_t n, double records, bool scaled, Array<double>& R, A
       for (std::size_t l = i + 1; l <= c; ++l) sum -= R[i * n + l] * inverse[l * n + c];
       inverse[i * n + c] = sum / R[i * n + i];
     }
+  }
+}
+
+// The same of all columns but the last, those of thresholds. Theirs is the identity, or, `distances`, what makes
+// thresholds distances: each less the one before.
+void settriangle(std::size_t n, std::size_t thresholds, bool distances, double records, Array<double>& R,
+                 Array<double>& inverse) {
+  if (thresholds == 0) return settriangle(n, records, false, R, inverse);
+  const std::size_t free = n - thresholds;
+  Array<double> leading(free * free), leadinginverse;
+  for (std::size_t c = 0; c < free; ++c) std::copy_n(R.data() + c * n, free, leading.data() + c * free);
+  settriangle(free, records, false, leading, leadinginverse);
+  R.reset(n * n);
+  inverse.reset(n * n);
+  for (std::size_t c = 0; c < free; ++c) {
+    std::copy_n(leading.data() + c * free, free, R.data() + c * n);
+    std::copy_n(leadinginverse.data() + c * free, free, inverse.data() + c * n);
+  }
+  for (std::size_t c = free; c < n; ++c) {
+    R[c * n + c] = 1.0;
+    if (c > free) R[c * n + c - 1] = distances ? -1.0 : 0.0;
+    for (std::size_t d = free; d <= c; ++d) inverse[c * n + d] = distances || c == d ? 1.0 : 0.0;
   }
 }
 
@@ -230,7 +255,7 @@ std::size_t Frame::count() const { return packedsize(q) + packedsize(r) + at(g);
 Frame makeframe(Family outcome, int npi, int nbeta, const Design& design, RecordSource& source, const Parameters& shape,
                 bool diagonalpi, bool diagonalbeta, const std::vector<int>& response) {
   Frame frame;
-  frame.outcome = outcome;
+  frame.outcome = outcome == Family::ordinal ? Family::bernoulli : outcome;
   frame.npi = npi;
   frame.nbeta = nbeta;
   frame.q = shape.q;
@@ -255,7 +280,14 @@ Frame makeframe(Family outcome, int npi, int nbeta, const Design& design, Record
       frame.units.first.push_back(frame.units.first.back() + at(unit.units));
       frame.units.w2.insert(frame.units.w2.end(), unit.w2.begin(), unit.w2.end());
       frame.units.w3.insert(frame.units.w3.end(), unit.w3.begin(), unit.w3.end());
-      frame.records += static_cast<double>(unit.start[at(unit.units)]);
+      const auto records = static_cast<double>(unit.start[at(unit.units)]);
+      frame.records += records;
+      if (unit.categories.empty()) frame.outcomes += records;
+      if (frame.categories.empty()) frame.categories.reset(unit.categories.size());
+      for (std::size_t c = 0; c < unit.categories.size(); ++c) {
+        frame.categories[c] += unit.categories[c];
+        frame.outcomes += unit.categories[c];
+      }
       addconstants(frame, unit);
       for (std::size_t j = 0; j < at(unit.units); ++j) {
         const std::size_t first = unit.start[j], count = unit.start[j + 1] - first;
@@ -283,8 +315,9 @@ Frame makeframe(Family outcome, int npi, int nbeta, const Design& design, Record
     for (std::size_t a = 0; a < q; ++a) row[a] = frame.R1[i * p + at(design.random1[a])];
     appendrow(q, frame.Rd.data(), row.data());
   }
-  settriangle(p, frame.records, false, frame.R1, frame.toX);
-  settriangle(g, frame.records, false, frame.Rx, frame.toG);
+  if (frame.categories.size() > 2) frame.thresholds = static_cast<int>(frame.categories.size()) - 2;
+  settriangle(p, at(frame.thresholds), false, frame.records, frame.R1, frame.toX);
+  settriangle(g, at(frame.thresholds), true, frame.records, frame.Rx, frame.toG);
   settriangle(q, frame.records, diagonalpi, frame.Rd, frame.toD);
   settriangle(r, frame.records, diagonalbeta, frame.Re, frame.toE);
   setSd(frame);
@@ -299,7 +332,10 @@ SphericalPoint sphericalpoint(const Frame& frame, const Array<double>& point) {
     return M;
   };
   const std::size_t P2 = packedsize(frame.q), P3 = packedsize(frame.r);
-  return {fill(at(frame.q), point.data()), fill(at(frame.r), point.data() + P2), point.data() + P2 + P3};
+  Array<double> g(at(frame.g));
+  std::copy_n(point.data() + P2 + P3, frame.g, g.data());
+  for (std::size_t c = at(frame.g - frame.thresholds); c < g.size(); ++c) g[c] = std::exp(g[c]);
+  return {fill(at(frame.q), point.data()), fill(at(frame.r), point.data() + P2), std::move(g)};
 }
 
 Array<double> pointof(Frame& frame, const Parameters& parameters) {
@@ -319,8 +355,9 @@ Array<double> pointof(Frame& frame, const Parameters& parameters) {
   };
   level(frame.q, frame.diagonalpi, frame.Rd, frame.toD, parameters.taupi, point.data());
   level(frame.r, frame.diagonalbeta, frame.Re, frame.toE, parameters.taubeta, point.data() + packedsize(frame.q));
-  mulAB(point.data() + packedsize(frame.q) + packedsize(frame.r), frame.Rx.data(), parameters.gamma.data(), frame.g, 1,
-        frame.g);
+  double* fixed = point.data() + packedsize(frame.q) + packedsize(frame.r);
+  mulAB(fixed, frame.Rx.data(), parameters.gamma.data(), frame.g, 1, frame.g);
+  for (int c = frame.g - frame.thresholds; c < frame.g; ++c) fixed[c] = std::log(std::max(fixed[c], leastdistance));
   setSd(frame);
   return point;
 }
@@ -340,7 +377,7 @@ Parameters parametersof(const Frame& frame, const Array<double>& point) {
   product(frame.q, frame.toD, there.A, parameters.taupi);
   product(frame.r, frame.toE, there.B, parameters.taubeta);
   parameters.gamma.reset(at(frame.g));
-  mulAB(parameters.gamma.data(), frame.toG.data(), there.g, frame.g, 1, frame.g);
+  mulAB(parameters.gamma.data(), frame.toG.data(), there.g.data(), frame.g, 1, frame.g);
   return parameters;
 }
 
@@ -362,8 +399,10 @@ Array<double> parameterderivatives(const Frame& frame, const Array<double>& poin
   };
   level(frame.q, frame.toD, there.A, 0);
   level(frame.r, frame.toE, there.B, P2);
-  for (std::size_t i = 0; i < at(frame.g); ++i)
-    for (std::size_t l = 0; l < at(frame.g); ++l) J[(P2 + P3 + i) * P + P2 + P3 + l] = frame.toG[i * at(frame.g) + l];
+  const std::size_t g = at(frame.g);
+  for (std::size_t i = 0; i < g; ++i)
+    for (std::size_t l = 0; l < g; ++l)
+      J[(P2 + P3 + i) * P + P2 + P3 + l] = frame.toG[i * g + l] * (l + at(frame.thresholds) < g ? 1.0 : there.g[l]);
   return J;
 }
 

@@ -7,6 +7,9 @@
 // Effects: u = toD A z, v = toE B w with standard normal z and w, A and B lower triangular with diagonals of any sign.
 // No covariance matrix is inverted, so that a variance of 0 is a point like any other. A is kept pivoted: the first
 // effect has the largest variance but for a factor of 2, the second that of what the first leaves, and so on.
+//
+// Thresholds, the last fixed effects and the last columns of x, take no part in the rotation. The point holds u = log s
+// of their distances s (cuts.h), and gamma~ of what follows ends in the s.
 #pragma once
 
 #include <cstddef>
@@ -31,6 +34,7 @@ struct UnitDesigns {
 struct Frame {
   Family outcome = Family::bernoulli;
   int npi = 0, nbeta = 0, q = 0, r = 0, g = 0;
+  int thresholds = 0;  // of the g
   bool diagonalpi = false, diagonalbeta = false;
   // Of a multinomial outcome: the linear predictor, from 0, that a level-1 coefficient stands in; those of the
   // categories but the last. Columns of x~ belong to the predictors of theirs, as they turn within them. Else empty.
@@ -44,24 +48,26 @@ struct Frame {
   Array<double> Re, toE;  // r squared
   Array<double> Sd;       // npi by q: d~ = Sd' x~
   UnitDesigns units;
-  double records = 0.0;
+  double records = 0.0;       // those of the source
+  double outcomes = 0.0;      // those that the outcome was observed in: fewer where records are cuts
+  Array<double> categories;   // [C] of cuts: how many of the outcomes each category has
   double counts = 0.0;        // Poisson: -sum of log y!
   double combinations = 0.0;  // binomial: the logarithms of the binomial coefficients
 
   [[nodiscard]] std::size_t units2() const { return units.first.back(); }
   [[nodiscard]] std::size_t units3() const { return units.first.size() - 1; }
-  // Elements of a point: the pairs (a, b), a >= b, of A row by row, those of B, gamma~.
+  // Elements of a point: the pairs (a, b), a >= b, of A row by row, those of B, gamma~ with u in the place of s.
   [[nodiscard]] std::size_t count() const;
 };
 
-// Reads the data once.
+// Reads the data once. An ordinal outcome's source delivers cuts, which are binary records.
 Frame makeframe(Family outcome, int npi, int nbeta, const Design& design, RecordSource& source, const Parameters& shape,
                 bool diagonalpi, bool diagonalbeta, const std::vector<int>& response = {});
 
 // A point in matrices.
 struct SphericalPoint {
-  Array<double> A, B;         // q squared, r squared, lower triangular
-  const double* g = nullptr;  // gamma~, those of the vector
+  Array<double> A, B;  // q squared, r squared, lower triangular
+  Array<double> g;     // gamma~
 };
 SphericalPoint sphericalpoint(const Frame& frame, const Array<double>& point);
 

@@ -102,7 +102,7 @@ bool jointmodes(const Frame& frame, const SphericalPoint& point, const Level3Rec
   makecolumns(frame, point, work.frames, units, work.columns);
   fit(work.fixed, units * npi);
   for (std::size_t m = 0; m < units * npi; ++m)
-    work.fixed[m] = dot(work.frames.Sx.data() + m * at(frame.g), point.g, at(frame.g));
+    work.fixed[m] = dot(work.frames.Sx.data() + m * at(frame.g), point.g.data(), at(frame.g));
   fit(work.M, units * packedsize(frame.npi));
   fit(work.h, units * npi);
   fit(work.coefficients, npi);

@@ -242,7 +242,7 @@ void Search::fill(const Run& made, int points, MovingResult& result) const {
   result.iterations = iterations;
   result.evaluations = evaluations;
   result.combinations = frame.combinations;
-  result.records = frame.records;
+  result.records = frame.outcomes;
   switch (made.ascent.end) {
     case AscentEnd::converged:
       result.end = MovingEnd::converged;

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "estimate/likelihood/unitthreads.h"
+#include "estimate/quadrature/cuts.h"
 #include "estimate/quadrature/sixthorder.h"
 #include "kernel/matrix.h"
 #include "kernel/products.h"
@@ -158,8 +159,9 @@ Evaluation evaluatelaplace(SphericalLikelihood& likelihood, const Array<double>&
       },
       [&](const std::vector<Level3Records>& batch) {
         for (std::size_t i = 0; i < batch.size(); ++i) {
-          const double* score = values.data() + i * (P + 1);
+          double* score = values.data() + i * (P + 1);
           evaluation.value += score[P];
+          addcategories(frame, there, batch[i].categories, evaluation.value, score + P - frame.g);
           for (std::size_t c = 0; c < P; ++c) {
             evaluation.score[c] += score[c];
             for (std::size_t d = 0; d < P; ++d) state.outer[c * P + d] += score[c] * score[d];

@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "estimate/likelihood/unitthreads.h"
+#include "estimate/quadrature/cuts.h"
 #include "kernel/matrix.h"
 #include "kernel/sizes.h"
 
@@ -58,6 +59,7 @@ Evaluation evaluateregression(SphericalLikelihood& likelihood, const Array<doubl
   sums.turn.reset(g);
   sums.reach.fill(reach);
   sums.turn.fill(reach);
+  for (std::size_t c = g - at(frame.thresholds); c < g; ++c) sums.reach[c] = sums.turn[c] = thresholdreach;
   curvature.reset(q + r);
   std::vector<char> fine;
   sums.usable = overbatches(
@@ -79,9 +81,11 @@ Evaluation evaluateregression(SphericalLikelihood& likelihood, const Array<doubl
       },
       [&](const std::vector<Level3Records>& batch) {
         for (std::size_t i = 0; i < batch.size(); ++i) {
-          const double *part = parts.data() + i * width, *information = part + 1 + g;
+          double* part = parts.data() + i * width;
+          const double* information = part + 1 + g;
           if (fine[i] == 0) sums.value = NAN;
           sums.value += part[0];
+          addcategories(frame, there, batch[i].categories, sums.value, part + 1);
           for (std::size_t c = 0; c < g; ++c) {
             sums.score[c] += part[1 + c];
             for (std::size_t d = 0; d <= c; ++d) sums.information[c * g + d] += information[c * g + d];
@@ -93,8 +97,9 @@ Evaluation evaluateregression(SphericalLikelihood& likelihood, const Array<doubl
   for (std::size_t c = 0; c < g; ++c) {
     for (std::size_t d = 0; d < c; ++d) sums.information[d * g + c] = sums.information[c * g + d];
     sums.scale[c] = sums.information[c * g + c];
-    sums.usable = sums.usable && sums.scale[c] > 0.0 && std::isfinite(sums.scale[c]);
   }
+  addcategories(frame, there, sums.score.data(), g, sums.information.data(), sums.scale.data());
+  for (const double scale : sums.scale) sums.usable = sums.usable && scale > 0.0 && std::isfinite(scale);
   sums.usable = sums.usable && std::isfinite(sums.value);
   for (std::size_t a = 0; a < q + r; ++a) curvature[a] /= static_cast<double>(a < q ? frame.units2() : frame.units3());
   return sums;
@@ -112,7 +117,9 @@ bool regressionstart(SphericalLikelihood& likelihood, Array<double>& point) {
   AscentSettings settings;
   settings.iterations = moststeps;
   settings.fall = 0.0;
-  const AscentResult found = climb(problem, settings, Array<double>(problem.count), Approach::carried);
+  Array<double> gamma(problem.count);
+  startthresholds(frame, gamma.data());
+  const AscentResult found = climb(problem, settings, gamma, Approach::carried);
   if (found.end == AscentEnd::unusable || !(found.least > settings.definite)) return false;
   point.reset(frame.count());
   std::copy(found.point.begin(), found.point.end(), point.end() - static_cast<std::ptrdiff_t>(problem.count));

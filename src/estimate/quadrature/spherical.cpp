@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "estimate/likelihood/unitthreads.h"
+#include "estimate/quadrature/cuts.h"
 #include "kernel/matrix.h"
 #include "kernel/sizes.h"
 
@@ -104,6 +105,7 @@ void setreach(const Frame& frame, const Array<double>& point, const Array<double
   };
   level(frame.q, 0, curvature.data());
   level(frame.r, packedsize(frame.q), curvature.data() + frame.q);
+  for (std::size_t c = P - at(frame.thresholds); c < P; ++c) evaluation.reach[c] = evaluation.turn[c] = thresholdreach;
 }
 
 Evaluation evaluatespherical(SphericalLikelihood& likelihood, const Array<double>& point) {
@@ -142,6 +144,7 @@ Evaluation evaluatespherical(SphericalLikelihood& likelihood, const Array<double
           const UnitSums& sums = batchsums.units[i];
           fine = batchsums.fine[i] != 0;
           evaluation.value += sums.loglikelihood;
+          addcategories(frame, there, batch[i].categories, evaluation.value, sums.score + P - frame.g);
           for (std::size_t c = 0; c < P; ++c) {
             evaluation.score[c] += sums.score[c];
             evaluation.scale[c] += sums.complete[c];
@@ -154,6 +157,8 @@ Evaluation evaluatespherical(SphericalLikelihood& likelihood, const Array<double
         }
         return fine;
       });
+  addcategories(frame, there, evaluation.score.data() + P - frame.g, P, evaluation.information.data(),
+                evaluation.scale.data());
   const std::vector<bool> held = heldelements(frame);
   evaluation.usable = whole && fine && std::isfinite(evaluation.value);
   for (std::size_t c = 0; c < P && evaluation.usable; ++c) {

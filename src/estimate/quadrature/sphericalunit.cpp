@@ -254,7 +254,7 @@ void SphericalIntegral::makerows(std::size_t j) {
   fit(work.weights, rowsof(j) * pairs);
   double *cx = work.cx.data(), *cD = work.cD.data(), *cE = work.cE.data();
   const double *L3 = work.L3.data(), *L2 = work.L2.data() + j * q * q;
-  mulAB(cx, Sxof(j), point.g, order, 1, frame.g);
+  mulAB(cx, Sxof(j), point.g.data(), order, 1, frame.g);
   mulAB(cD, Sdof(j), point.A.data(), order, frame.q, frame.q);
   mulAB(cE, Seof(j), point.B.data(), order, frame.r, frame.r);
   addAB(cx, cD, centre2(j), order, 1, frame.q);

@@ -5,9 +5,9 @@
 #include <utility>
 
 #include "core/formatted.h"
-#include "estimate/likelihood/engines.h"
 #include "estimate/linear/datapass.h"
 #include "estimate/linear/runpass.h"
+#include "estimate/quasi/enginephase.h"
 #include "estimate/quasi/macrocontrol.h"
 #include "estimate/quasi/separation.h"
 #include "estimate/quasi/workingdata.h"
@@ -99,16 +99,6 @@ void rescaletaus(MacroState& state) {
     for (double& t : *tau) t /= v * v;
 }
 
-// The end of the unit-specific phase.
-Failure closephase(Pass& pass, MacroState& state, const PassResults& results) {
-  const Observer& observer = state.analysis.observer;
-  state.unitspecificgamma = pass.est.gammahat.copy();
-  tellobserver(observer.phasecloses, ChainPass{state, pass, results});
-  if (Failure failure = maximumlikelihood(pass, state, results)) return failure;
-  tellobserver(observer.enginesover, ChainPass{state, pass, results});
-  return {};
-}
-
 // Whether no fixed effect has moved by a share of its standard error since the pass before.
 bool averagestands(const PassResults& now, const Array<double>& before) {
   constexpr double share = 1.0e-6;
@@ -144,23 +134,6 @@ Failure averagephase(Pass& pass, MacroState& state) {
     results.unsettled = !stands;
     tellobserver(state.analysis.observer.passstands, ChainPass{state, pass, results});
     return {};
-  }
-}
-
-// Whether a pass has no results for the numbers' sake. Failures of files and of memory are other rows, or tell the
-// console alone; who forbids the repair of a starting tau wants no other start either.
-bool ofnumbers(const Failure& failure, const Control& control) {
-  switch (failure.row) {
-    case 11:
-    case 12:
-    case 13:
-    case 15:
-    case 16:
-      return true;
-    case ownwords:
-      return !failure.reportwords.empty() && control.fixtau2 != FixTau::quit && control.fixtau3 != FixTau::quit;
-    default:
-      return false;
   }
 }
 
@@ -207,26 +180,6 @@ Failure runchain(ChainFit& fit) {
     failure = averagephase(pass, state);
     return failure ? withoutaverage(state, std::move(failure)) : Failure{};
   }
-}
-
-// What quasi-likelihood could not reach need not hinder maximum likelihood: the engines begin without its estimates.
-// There is no population average, as its working data would be made by what has failed. When they have no results
-// either, the failure stands.
-Failure enginesalone(ChainFit& fit, Failure failure) {
-  MacroState& state = fit.state;
-  const Control& control = state.analysis.control;
-  const bool wanted = (control.laplace || control.agqpoints != 0) && !control.agqfixed;
-  if (!wanted || state.end != MacroEnd::goeson || state.separation.known() || !state.working.isopen() ||
-      !ofnumbers(failure, control))
-    return failure;
-  state.end = MacroEnd::failed;
-  state.unitspecific = {};
-  state.unitspecific.macro = state.macro;
-  tellobserver(state.analysis.observer.macroends,
-               MacroEvent{state.end, state.macro, state.unitspecific, state.separation, &failure});
-  fit.pass.est.sigma2 = 1.0;  // which the outcome implies
-  if (Failure broken = maximumlikelihood(fit.pass, state, state.unitspecific)) return broken;
-  return state.laplace6 || state.quadrature ? Failure{} : std::move(failure);
 }
 
 }  // namespace
