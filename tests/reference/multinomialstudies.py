@@ -8,11 +8,16 @@ w and outer nodes around posterior moments; its score is that of the same sums, 
   multinomialstudies.py prove            derivatives of the record, score and information of a unit, gradient of one point
   multinomialstudies.py make DIR         made data DIR/<case>.dat
   multinomialstudies.py solve DIR CASE...      their maxima, DIR/<case>.ref
+  multinomialstudies.py PROGRAM FIRST LAST [POINTS]     whole runs of random studies; POINTS: AUTO, if not given
+
+The random studies have 2 to 4 categories, rare ones among them, some of the intercepts and of the slopes of x random, variances from 0
+to 4, predictors in units from 1e-6 to 1e6. The oracle says as in movingstudies.py how far the log-likelihood is off, how far a
+Newton step would go in standard errors, and what the standard errors are; with one point on the dense Laplace approximation.
 """
 import sys
 import numpy as np
 from scipy.special import logsumexp
-from movingstudies import pairs, semifactor
+from movingstudies import NOFEATURES, NOFILES, apart, fitted, fixedtext, pairs, semifactor, studies, verdictof
 
 # case: categories, columns (predictor, 1 or x) of the effects of level 2 and of level 3, points of both integrals
 ONE, SLOPE = 0, 1
@@ -255,17 +260,18 @@ def rowsof(columns, M, one, x):
     return rows
 
 
-def dataof(C, second, third_, records):
-    """From lines of level-3 unit, level-2 unit, y, x, w, z; the fixed effects of each predictor are 1, z, w and x."""
+def dataof(C, second, third_, records, *more):
+    """From lines of level-3 unit, level-2 unit, y, x, w, z; the fixed effects of each predictor are 1, z, w, x and `more`."""
     k, j, y, x, w, z = records.T
     keys = list(zip(k, j))
     units = list(dict.fromkeys(keys))
     place = {key: i for i, key in enumerate(units)}
     thirds = list(dict.fromkeys(unit[0] for unit in units))
-    M, row = C - 1, np.stack([np.ones(len(y)), z, w, x], -1)
-    X = np.zeros((len(y), M, 4 * M))
+    M, row = C - 1, np.stack([np.ones(len(y)), z, w, x, *more], -1)
+    g = row.shape[1]
+    X = np.zeros((len(y), M, g * M))
     for c in range(M):
-        X[:, c, 4 * c:4 * c + 4] = row
+        X[:, c, g * c:g * c + g] = row
     return Data(y.astype(int), X, rowsof(second, M, row[:, 0], x), rowsof(third_, M, row[:, 0], x),
                 np.array([place[key] for key in keys]), np.array([thirds.index(unit[0]) for unit in units]))
 
@@ -377,6 +383,96 @@ def prove():
             print("information", np.abs(H - louis(small, theta2, 25)).max(), "of", np.abs(H).max())
 
 
+VALUES = (1, 2, 5, 9)  # of the categories
+
+
+def study(seed):
+    """Categories, columns of the effects, records of level-3 unit, level-2 unit, y, x1, x2, w, z."""
+    rng = np.random.default_rng(seed)
+    C = int(rng.choice([2, 3, 3, 3, 4]))
+    M = C - 1
+    intercepts, slope = [(c, ONE) for c in range(M)], (int(rng.integers(M)), SLOPE)
+    ways = [(intercepts, intercepts[:1]), (intercepts[-1:], intercepts)]
+    if M < 3:
+        ways += [(intercepts, intercepts), (sorted([*intercepts[-1:], slope]), intercepts[:1]), (intercepts[:1], sorted([*intercepts[:1], slope]))]
+    second, third_ = ways[rng.integers(len(ways))]
+    sd = lambda n: np.sqrt(rng.choice([0, 0.05, 0.4, 1, 4], size=n, p=[0.1, 0.2, 0.3, 0.3, 0.1]))
+    su, sv = sd(len(second)), sd(len(third_))
+    scale, origin = 10.0 ** rng.integers(-6, 7, size=2) if rng.random() < 0.6 else np.ones(2), rng.choice([0, 0, 3], size=2)
+    constant, most = rng.choice([-2, -1, 0, 0.5], size=M), int(rng.choice([3, 8, 20]))
+    gamma = np.column_stack([constant, *0.4 * rng.normal(size=(4, M))])
+    lines = []
+    for k in range(int(rng.integers(8, 21))):
+        z, v = rng.normal(), sv * rng.normal(size=len(sv))
+        for j in range(int(rng.integers(2, 6))):
+            w, u = rng.normal(), su * rng.normal(size=len(su))
+            for _ in range(int(rng.integers(1, most + 1))):
+                x = rng.normal(size=2)
+                eta = gamma @ [1, z, w, *x]
+                for effects, columns in ((u, second), (v, third_)):
+                    for effect, (c, which) in zip(effects, columns):
+                        eta[c] += effect * (x[0] if which else 1)
+                p = np.append(np.exp(eta), 1)
+                lines.append((k, j, draw(rng, p / p.sum()), *(scale * (x + origin)), w, z))
+    return C, second, third_, np.array(lines)
+
+
+def write(folder, outcome, q, r, rows, engine):
+    C, second, third_ = outcome
+    coded = np.column_stack([rows[:, :2], np.array(VALUES)[rows[:, 2].astype(int)], rows[:, 3:5]])
+    fixedtext(folder, (coded, {(k, j): (k, j, w) for k, j, *_, w, z in rows}.values(), {k: (k, z) for k, *_, z in rows}.values()),
+              "%24.20f", (["Y", "X1", "X2"], ["W"], ["Z"]))
+    random = lambda columns, column: "+RANDOM" if column in columns else ""
+    with open(f"{folder}/s.kdr", "w") as file:
+        file.write(f"NONLIN:MULTINOMIAL,{C}\nMACROIT:100,N\nMICROIT:200\n{engine}\n")
+        for c in range(C - 1):
+            file.write(f"LEVEL1:Y=INTRCPT1+X1+X2+RANDOM\nLEVEL2:INTRCPT1=INTRCPT2+W{random(second, (c, ONE))}/\n"
+                       f"LEVEL3:INTRCPT2=INTRCPT3+Z{random(third_, (c, ONE))}/\nLEVEL3:W=INTRCPT3/\n"
+                       f"LEVEL2:X1=INTRCPT2{random(second, (c, SLOPE))}/\nLEVEL3:INTRCPT2=INTRCPT3{random(third_, (c, SLOPE))}/\n"
+                       "LEVEL2:X2=INTRCPT2/\nLEVEL3:INTRCPT2=INTRCPT3/\n")
+        file.write("TITLE:s\nOUTPUT:s.txt\nFULLOUTPUT:N\n" + NOFILES + NOFEATURES)
+
+
+def one(program, seed, points):
+    C, second, third_, rows = study(seed)
+    q, r = len(second), len(third_)
+    here = f"{seed:4d} C {C} {second} {third_} {np.bincount(rows[:, 2].astype(int), minlength=C)}: "
+    found, ending = fitted(program, (C, second, third_), q, r, rows, f"AGQ:Y,100,{points}", "quadrature", write)
+    if found is None:
+        return here + ending[0], ending[1]
+    # The oracle works in columns of x with mean square 1.
+    size = np.sqrt(np.mean(rows[:, 3:5] ** 2, axis=0))
+    data = dataof(C, second, third_, np.column_stack([rows[:, :3], rows[:, 3] / size[0], rows[:, 5:]]), rows[:, 4] / size[1])
+    scales = [np.array([size[0] if which else 1.0 for _, which in columns]) for columns in (second, third_)]
+    fixed = np.tile([1, 1, 1, *size], C - 1)
+    theta = data.pointof(*[T * np.outer(s, s) for T, s in zip(found.taus, scales)], found.gamma * fixed)
+    P2, P3 = len(pairs(q)), len(pairs(r))
+    back = np.concatenate([[s[a] * s[b] for a, b in pairs(len(s))] for s in scales] + [fixed])
+    A, B, _ = data.matrices(theta)
+    columns = [np.any(A[:, b]) for _, b in pairs(q)] + [np.any(B[:, b]) for _, b in pairs(r)] + [True] * data.g
+    free = np.flatnonzero(columns)
+    methods = [OnePoint] if points == "1" else [lambda d: Integral(d, *((31, 31) if q + r == 2 else (9, 9))),
+                                                lambda d: Integral(d, *((61, 61) if q + r == 2 else (17, 17)))]
+    for method in methods:
+        oracle = method(data)
+        oracle.settle(theta)
+        value, score = oracle.value(theta)
+        H = information(oracle, theta, free)
+        step, right = np.zeros(len(theta)), errors(data, theta, H, free)
+        step[free] = np.linalg.solve(H, score[free])
+        J = np.array([(data.parameters(theta + e) - data.parameters(theta - e)) / 2e-5 for e in 1e-5 * np.eye(len(theta))]).T
+        right = np.where(right > 0, right, np.nan)
+        gap, far, (off, missing) = abs(value - found.value), np.nanmax(np.abs(J @ step) / right), apart(found.se * back, right)
+        least = np.linalg.eigvalsh(H).min()
+        fine = gap < (1e-4 if points == "1" else 0.01) and far < 0.02 and off < 0.02 and least > 0 and not missing
+        if fine:
+            break
+    p = found.phase
+    return (here + f"{p['points']:2d} points, {p['iterations']:2d} iterations, {found.seconds:.1f} s, taus {np.diag(found.taus[0])} "
+            f"{np.diag(found.taus[1])}, gap {gap:.5f}, {far:.4f} se, errors {100 * off:.2f}%" + (", edge" if found.edge else "")
+            + (f", {missing} differ" if missing else "") + "".join("\n     " + w for w in found.warnings)), verdictof(fine, found.warnings)
+
+
 if __name__ == "__main__":
     np.set_printoptions(precision=4, suppress=True)
     if sys.argv[1] == "prove":
@@ -386,3 +482,5 @@ if __name__ == "__main__":
     elif sys.argv[1] == "solve":
         for case in sys.argv[3:] or CASES:
             solve(sys.argv[2], case)
+    else:
+        studies(one, *sys.argv[1:4], *(sys.argv[4:] or ["AUTO"]))

@@ -678,7 +678,6 @@ void outcomelines(Fit& fit, EquationLines& lines) {
       (stated < 3 || stated > mostpoints))
     stopwith("-points takes 1, 3 to 198, or auto. It cannot be %s\n", fit.request.points.c_str());
   std::string why;
-  if (family == FitFamily::multinomial) why = "multinomial outcomes";
   if (weighted) why = "design weights";
   if (lines.restricted()) why = "random parts that are independent in part only";
   if (!pql && !why.empty()) {
@@ -704,7 +703,8 @@ void outcomelines(Fit& fit, EquationLines& lines) {
   if (!quadrature) return;
   constexpr std::size_t mosteffects = 4;
   std::string points = sameword(engine, "laplace") ? "1" : uppercase(fit.request.points);
-  if (points.empty()) points = lines.effects(2) > mosteffects || lines.effects(3) > mosteffects ? "1" : "AUTO";
+  const std::size_t sets = lines.multinomial ? static_cast<std::size_t>(fit.categories - 1) : 1;
+  if (points.empty()) points = sets * std::max(lines.effects(2), lines.effects(3)) > mosteffects ? "1" : "AUTO";
   lines.head.push_back("AGQ:Y,50," + points);
 }
 

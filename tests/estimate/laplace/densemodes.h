@@ -41,7 +41,7 @@ RecordSource sourceof(Study& study) {
             for (std::size_t i = 0; i < made.batchsize && made.position < made.units.size(); ++i) {
               const Level3Records& u = made.units[made.position++];
               made.batch.push_back({u.k, u.firstunit, u.units, u.start.copy(), u.x.copy(), u.w2.copy(), u.w3.copy(),
-                                    u.y.copy(), u.n.copy()});
+                                    u.y.copy(), u.n.copy(), u.categories.copy()});
             }
             return made.batch;
           }};
