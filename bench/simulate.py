@@ -1,13 +1,13 @@
 """Simulated three-level studies of stated size, as an MDM file, as fixed-format text, and as raw doubles for R.
 
-usage: simulate.py OUT LEVEL3 LEVEL2-PER-LEVEL3 RECORDS-PER-LEVEL2 [slope|intercept] [text] [bernoulli] [scale=S]
+usage: simulate.py OUT LEVEL3 LEVEL2-PER-LEVEL3 RECORDS-PER-LEVEL2 [slope|intercept] [text] [bernoulli|ordinal] [scale=S]
        [seed=N]
 
 Y = 1 + 2 X + u0 + v0 + (u1 + v1) X + e with standard deviations 1, 0.7, 0.5, 0.3, 1.5; without the random slopes for
 "intercept". OUT.mdm holds Y and X; OUT.y, OUT.x and OUT.j, OUT.k (int32 unit numbers) hold the same for R. With "text"
 the three raw files and their template are written too, with eight more variables of noise at level 1. The standard
 deviations of levels 2 and 3 are multiplied by S. With "bernoulli", Y is 1 where (Y - e) / 2 and a logistic error together are above
-0, else 0.
+0, else 0; with "ordinal" it counts how many of -1, 0.5 and 2 they are above.
 """
 import sys
 
@@ -18,7 +18,7 @@ def name(text):
     return text.rjust(8).ljust(12).encode() + b"\0"
 
 
-def study(out, n3, per3, per2, sd2, sd3, seed=20, bernoulli=False):
+def study(out, n3, per3, per2, sd2, sd3, seed=20, cuts=()):
     """OUT.mdm and the files for R; sd2 and sd3 are the standard deviations of intercept and slope at levels 2 and 3."""
     rng = np.random.default_rng(seed)
     n2 = n3 * per3
@@ -36,8 +36,8 @@ def study(out, n3, per3, per2, sd2, sd3, seed=20, bernoulli=False):
             x = rng.standard_normal((per3, per2))
             u, v = rng.standard_normal((per3, 2)) * sd2, rng.standard_normal(2) * sd3
             y = 1 + 2 * x + (u[:, :1] + v[0]) + (u[:, 1:] + v[1]) * x
-            if bernoulli:
-                y = (y / 2 + rng.logistic(size=(per3, per2)) > 0).astype(float)
+            if cuts:
+                y = np.sum((y / 2 + rng.logistic(size=(per3, per2)))[..., None] > np.array(cuts), axis=-1).astype(float)
             else:
                 y = y + 1.5 * rng.standard_normal((per3, per2))
             b = np.zeros(per3, block)
@@ -79,7 +79,7 @@ def main():
     options = dict(word.split("=") for word in words if "=" in word)
     scale, slope = float(options.get("scale", 1)), "intercept" not in words
     rng = study(out, *sizes, scale * np.array([1.0, 0.5 * slope]), scale * np.array([0.7, 0.3 * slope]),
-                int(options.get("seed", 20)), "bernoulli" in words)
+                int(options.get("seed", 20)), (0,) if "bernoulli" in words else (-1, 0.5, 2) if "ordinal" in words else ())
     if "text" in words:
         text(out, *sizes, rng)
 

@@ -203,7 +203,7 @@ void closephase(const ChainPass& pass) {
 }
 
 void enginefiles(const ChainPass& pass) {
-  if (run.out.printvc == VarianceFiles::none || categorical(pass)) return;
+  if (run.out.printvc == VarianceFiles::none || (categorical(pass) && !wantsengine())) return;
   const Estimates& est = pass.pass.est;
   if (run.control.laplace) {
     writegammafile(populationgammafile, est.gammahat, est.covariance());

@@ -73,9 +73,10 @@ def write(folder, outcome, q, r, rows, engine):
     units3 = {k: (k, z) for k, *_, z in rows}
     fixedtext(folder, (rows[:, :6], units2.values(), units3.values()), "%24.20f", (["Y", "N", "X1", "X2"], ["W"], ["Z"]))
     kind = {"bernoulli": "BERNOULLI", "binomial": "BINOMIAL,N", "poisson": "POISSON", "exposure": "POISSON,N",
-            "ordinal": f"ORDINAL,{len(np.unique(rows[:, 2]))}"}[outcome]
+            "ordinal": f"ORDINAL,{(C := len(np.unique(rows[:, 2])))}"}[outcome]
+    thresholds = "".join(f"THOLD{c}+" for c in range(2, C)) if outcome == "ordinal" else ""
     with open(f"{folder}/s.kdr", "w") as file:
-        file.write(f"NONLIN:{kind}\nMACROIT:100,N\nMICROIT:200\n{engine}\nLEVEL1:Y=INTRCPT1+X1+X2+RANDOM\n"
+        file.write(f"NONLIN:{kind}\nMACROIT:100,N\nMICROIT:200\n{engine}\nLEVEL1:Y=INTRCPT1+X1+X2+{thresholds}RANDOM\n"
                    "LEVEL2:INTRCPT1=INTRCPT2+W+RANDOM/\nLEVEL3:INTRCPT2=INTRCPT3+Z+RANDOM/\nLEVEL3:W=INTRCPT3/\n"
                    f"LEVEL2:X1=INTRCPT2{'+RANDOM' if q > 1 else ''}/\nLEVEL3:INTRCPT2=INTRCPT3{'+RANDOM' if r > 1 else ''}/\n"
                    f"LEVEL2:X2=INTRCPT2{'+RANDOM' if q > 2 else ''}/\nLEVEL3:INTRCPT2=INTRCPT3{'+RANDOM' if r > 2 else ''}/\nTITLE:s\nOUTPUT:s.txt\nFULLOUTPUT:N\n" + NOFILES + NOFEATURES)

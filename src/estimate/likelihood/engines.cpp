@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "core/formatted.h"
+#include "core/modelwalk.h"
 #include "estimate/inference/modelstatistics.h"
 #include "estimate/laplace/laplace.h"
 #include "estimate/likelihood/recordbatches.h"
@@ -350,6 +351,10 @@ Failure movingnodes(Pass& pass, MacroState& state, const PassResults& before) {
 std::string categoryobstacle(const Model& model, const Control& control) {
   constexpr int mosteffects = 4;  // of a level
   if (control.agqfixed) return "AGQNODES:FIXED is for Bernoulli, binomial and Poisson outcomes.";
+  const ModelRows rows = modelrows(model);
+  for (const EffectRow& effect : rows.effects)
+    if (rows.owner(effect).threshold && effect.group != 0)
+      return "A run with constrained thresholds cannot go on to adaptive quadrature.";
   const int q = model.coef.ntaupi, r = model.coef.ntaubeta;
   if (model.outcome.categories > static_cast<int>(mostresponses) + 1)
     return formatted("Quadrature takes up to %d categories.", static_cast<int>(mostresponses) + 1);

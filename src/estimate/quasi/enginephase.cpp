@@ -22,6 +22,7 @@ bool ofnumbers(const Failure& failure, const Control& control) {
     case 13:
     case 15:
     case 16:
+    case 18:
       return true;
     case ownwords:
       return !failure.reportwords.empty() && control.fixtau2 != FixTau::quit && control.fixtau3 != FixTau::quit;
