@@ -160,8 +160,8 @@ Evaluation evaluatelaplace(SphericalLikelihood& likelihood, const Array<double>&
       [&](const std::vector<Level3Records>& batch) {
         for (std::size_t i = 0; i < batch.size(); ++i) {
           double* score = values.data() + i * (P + 1);
+          addcategories(frame, there, batch[i].categories, score[P], score + P - frame.g);
           evaluation.value += score[P];
-          addcategories(frame, there, batch[i].categories, evaluation.value, score + P - frame.g);
           for (std::size_t c = 0; c < P; ++c) {
             evaluation.score[c] += score[c];
             for (std::size_t d = 0; d < P; ++d) state.outer[c * P + d] += score[c] * score[d];

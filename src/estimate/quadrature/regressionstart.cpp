@@ -84,8 +84,8 @@ Evaluation evaluateregression(SphericalLikelihood& likelihood, const Array<doubl
           double* part = parts.data() + i * width;
           const double* information = part + 1 + g;
           if (fine[i] == 0) sums.value = NAN;
+          addcategories(frame, there, batch[i].categories, part[0], part + 1);
           sums.value += part[0];
-          addcategories(frame, there, batch[i].categories, sums.value, part + 1);
           for (std::size_t c = 0; c < g; ++c) {
             sums.score[c] += part[1 + c];
             for (std::size_t d = 0; d <= c; ++d) sums.information[c * g + d] += information[c * g + d];

@@ -141,10 +141,10 @@ Evaluation evaluatespherical(SphericalLikelihood& likelihood, const Array<double
       },
       [&](const std::vector<Level3Records>& batch) {
         for (std::size_t i = 0; i < batch.size() && fine; ++i) {
-          const UnitSums& sums = batchsums.units[i];
+          UnitSums& sums = batchsums.units[i];
+          addcategories(frame, there, batch[i].categories, sums.loglikelihood, sums.score + P - frame.g);
           fine = batchsums.fine[i] != 0;
           evaluation.value += sums.loglikelihood;
-          addcategories(frame, there, batch[i].categories, evaluation.value, sums.score + P - frame.g);
           for (std::size_t c = 0; c < P; ++c) {
             evaluation.score[c] += sums.score[c];
             evaluation.scale[c] += sums.complete[c];
