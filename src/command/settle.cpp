@@ -50,13 +50,8 @@ void settleengines() {
     stopwith("LaPlace iterations may only be done on Bernoulli analyses.");
   if (iter.agqpoints != 0) {
     if (kind.outcome.linear()) stopwith("Adaptive quadrature may only be done on non-linear analyses.\n");
-    if (!kind.outcome.integrated()) {
-      oddcommand(" The program cannot do adaptive quadrature for multinomial runs yet.\n");
-      iter.agqpoints = 0;
-      iter.agqauto = false;
-    } else if (iter.agqfixed && (iter.agqauto || iter.agqpoints < 3)) {
+    if (iter.agqfixed && (iter.agqauto || iter.agqpoints < 3))
       stopwith("With AGQNODES:FIXED the number of quadrature points must be 3 to 198!\n");
-    }
   }
   holdsigma2();
 }

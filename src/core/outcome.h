@@ -31,8 +31,6 @@ struct Outcome {
   [[nodiscard]] bool categorical() const { return family == Family::multinomial || family == Family::ordinal; }
   // One linear predictor a record, and a link: Bernoulli, binomial, Poisson.
   [[nodiscard]] bool single() const { return !linear() && !categorical(); }
-  // Quadrature has its likelihood.
-  [[nodiscard]] bool integrated() const { return single() || ordinal(); }
   [[nodiscard]] Link link() const {
     switch (family) {
       case Family::normal:

@@ -571,7 +571,7 @@ EngineChoice enginechoice(const FormulaPlan& plan) {
     refuse("-points takes 1, 3 to 198, or auto. It cannot be " + points);
   const Design& design = plan.design;
   std::string why;
-  if (plan.family == FitFamily::multinomial) why = "multinomial outcomes";
+  if (plan.family == FitFamily::multinomial && plan.weighted()) why = "multinomial outcomes with design weights";
   if (design.restricted()) why = "random parts that are independent in part only";
   if (!pql && !why.empty()) {
     if (!engine.empty()) refuse("-engine " + engine + " cannot be had with " + why + ".");
@@ -583,7 +583,8 @@ EngineChoice enginechoice(const FormulaPlan& plan) {
   if (choice.laplace6 && (design.diagonal(2) || design.diagonal(3)))
     refuse("-engine laplace6 cannot be had with random effects that are independent of each other.");
   constexpr std::size_t mosteffects = 4;
-  const bool many = design.effects(2) > mosteffects || design.effects(3) > mosteffects;
+  const std::size_t sets = plan.family == FitFamily::multinomial ? static_cast<std::size_t>(plan.categories) - 1 : 1;
+  const bool many = sets * std::max(design.effects(2), design.effects(3)) > mosteffects;
   choice.points = sameword(engine, "laplace") || (points.empty() && many) ? 1 : stated;
   return choice;
 }

@@ -156,8 +156,7 @@ std::string settle(const kdr3_model& model, Values& values) {
   Model& made = values.model;
   Control& control = values.control;
   if (control.laplace && made.outcome.family != Family::bernoulli) return "Laplace-6 is for Bernoulli outcomes.";
-  if (control.agqpoints != 0 && !made.outcome.integrated())
-    return "Adaptive quadrature is for Bernoulli, binomial, Poisson and ordinal outcomes.";
+  if (control.agqpoints != 0 && made.outcome.linear()) return "Adaptive quadrature is not for normal outcomes.";
   if (control.agqfixed && (control.agqauto || (control.agqpoints != 0 && control.agqpoints < 3)))
     return "With AGQNODESFIXED the number of quadrature points must be 3 to 198.";
   if (countsinequations(made)) return "The column of trials or exposure stands in an equation as well.";

@@ -300,7 +300,7 @@ class Oracle:
         return value, J @ V @ score[free], se, least
 
 
-def fitted(program, outcome, q, r, rows, engine, name):
+def fitted(program, outcome, q, r, rows, engine, name, write=write):
     """What a whole run has found in the phase of this name; or, where there is none, the end of a line and its verdict."""
     with tempfile.TemporaryDirectory() as folder:
         write(folder, outcome, q, r, rows, engine)

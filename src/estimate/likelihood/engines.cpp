@@ -17,6 +17,7 @@
 #include "estimate/linear/usable.h"
 #include "estimate/quadrature/movingquadrature.h"
 #include "estimate/quadrature/quadrature.h"
+#include "estimate/quasi/fixedrows.h"
 #include "kernel/matrix.h"
 #include "kernel/products.h"
 #include "kernel/sizes.h"
@@ -239,6 +240,7 @@ MovingSettings movingsettings(const Pass& pass) {
   MovingSettings settings;
   settings.unitlevel = pass.mdm().twolevel() ? 2 : 3;
   settings.outcome = pass.model().outcome.family;
+  if (settings.outcome == Family::multinomial) settings.response = responserows(*pass.analysis);
   settings.outerproducts = pass.control().agqderivlevel == 1;
   settings.diagonalpi = pass.model().restrictions.diagtaupi;
   settings.diagonalbeta = pass.model().restrictions.diagtaubeta;
@@ -401,6 +403,8 @@ std::string categoryobstacle(const Model& model, const Control& control) {
     if (rows.owner(effect).threshold && effect.group != 0)
       return "A run with constrained thresholds cannot go on to adaptive quadrature.";
   const int q = model.coef.ntaupi, r = model.coef.ntaubeta;
+  if (model.outcome.categories > static_cast<int>(mostresponses) + 1)
+    return formatted("Quadrature takes up to %d categories.", static_cast<int>(mostresponses) + 1);
   const bool laplace = control.agqpoints == 1 && !control.agqauto;
   if (laplace || std::max(q, r) <= mosteffects) return "";
   const int points = control.agqauto ? nextpoints(0) : control.agqpoints;

@@ -100,6 +100,10 @@ std::optional<DesignMoments> designmoments(Pass& pass) {
 void takeshares(const Pass& pass, const std::optional<DesignMoments>& moments, PassResults& results) {
   const Shares& asked = pass.control().shares;
   if (!asked.asked && !asked.null) return;
+  if (pass.model().outcome.categorical()) {
+    results.notes.emplace_back("SHARES: has no effect: outcomes with categories have no shares of variance here.");
+    return;
+  }
   if (!moments) {
     results.notes.emplace_back(
         "SHARES: needs a fixed intercept of its own, one equation, and records without design weights or known "

@@ -34,8 +34,10 @@ void appendrow(std::size_t n, double* R, double* row) {
   }
 }
 
-// R of the records of one unit (npi squared), by Gram-Schmidt in the order of the columns.
-void unittriangle(std::size_t npi, std::size_t records, const double* x, Array<double>& columns, double* R) {
+// R of the records of one unit (npi squared), by Gram-Schmidt in the order of the columns. Those of different linear
+// predictors stand in different rows and are orthogonal.
+void unittriangle(std::size_t npi, std::size_t records, const double* x, const std::vector<int>& response,
+                  Array<double>& columns, double* R) {
   if (columns.size() < npi * records) columns.reset(npi * records);
   for (std::size_t c = 0; c < npi; ++c)
     for (std::size_t i = 0; i < records; ++i) columns[c * records + i] = x[i * npi + c];
@@ -47,6 +49,7 @@ void unittriangle(std::size_t npi, std::size_t records, const double* x, Array<d
     if (length == 0.0) continue;
     for (std::size_t i = 0; i < records; ++i) column[i] /= length;
     for (std::size_t l = c + 1; l < npi; ++l) {
+      if (!response.empty() && response[l] != response[c]) continue;
       double* other = columns.data() + l * records;
       const double share = dot(column, other, records);
       R[c * npi + l] = share;
@@ -282,7 +285,7 @@ bool pivotlevel(std::size_t n, bool diagonal, Array<double>& R, Array<double>& i
 std::size_t Frame::count() const { return packedsize(q) + packedsize(r) + at(g); }
 
 Frame makeframe(Family outcome, int npi, int nbeta, const Design& design, RecordSource& source, const Parameters& shape,
-                bool diagonalpi, bool diagonalbeta) {
+                bool diagonalpi, bool diagonalbeta, const std::vector<int>& response) {
   Frame frame;
   frame.outcome = outcome == Family::ordinal ? Family::bernoulli : outcome;
   frame.npi = npi;
@@ -292,6 +295,8 @@ Frame makeframe(Family outcome, int npi, int nbeta, const Design& design, Record
   frame.g = shape.g;
   frame.diagonalpi = diagonalpi;
   frame.diagonalbeta = diagonalbeta;
+  frame.response = response;
+  for (const int c : response) frame.responses = std::max(frame.responses, at(c) + 1);
   frame.design = &design;
   const std::size_t p = at(npi), q = at(shape.q), r = at(shape.r), g = at(shape.g), full = design.owner3.size();
   frame.R1.reset(p * p);
@@ -320,7 +325,7 @@ Frame makeframe(Family outcome, int npi, int nbeta, const Design& design, Record
       for (std::size_t j = 0; j < at(unit.units); ++j) {
         const std::size_t first = unit.start[j], count = unit.start[j + 1] - first;
         const double* w2 = unit.w2.data() + j * at(nbeta);
-        unittriangle(p, count, unit.x.data() + first * p, columns, R.data());
+        unittriangle(p, count, unit.x.data() + first * p, response, columns, R.data());
         for (std::size_t i = 0; i < p; ++i) {
           if (std::all_of(R.data() + i * p, R.data() + (i + 1) * p, [](double v) { return v == 0.0; })) continue;
           for (std::size_t b = 0; b < r; ++b) row[b] = w2[b] * R[i * p + at(design.owner2[b])];

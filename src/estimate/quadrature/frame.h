@@ -38,6 +38,11 @@ struct Frame {
   int npi = 0, nbeta = 0, q = 0, r = 0, g = 0;
   int thresholds = 0;  // of the g
   bool diagonalpi = false, diagonalbeta = false;
+  // Of a multinomial outcome: the linear predictor, from 0, that a level-1 coefficient stands in; those of the
+  // categories but the last. Columns of x~ belong to the predictors of theirs, as they turn within them. Else empty.
+  std::vector<int> response;
+  std::size_t responses = 1;  // linear predictors of a record
+  [[nodiscard]] bool multinomial() const { return !response.empty(); }
   const Design* design = nullptr;
   Array<double> R1, toX;  // npi squared; x~' = x' toX
   Array<double> Rx, toG;  // g squared; gamma = toG gamma~
@@ -71,7 +76,7 @@ struct Frame {
 
 // Reads the data once. An ordinal outcome's source delivers cuts, which are binary records.
 Frame makeframe(Family outcome, int npi, int nbeta, const Design& design, RecordSource& source, const Parameters& shape,
-                bool diagonalpi, bool diagonalbeta);
+                bool diagonalpi, bool diagonalbeta, const std::vector<int>& response = {});
 
 // A point in matrices.
 struct SphericalPoint {

@@ -24,7 +24,8 @@ void makexcolumns(const Frame& frame, const Level3Records& records, ModeWork& wo
   const std::size_t total = work.first.back();
   const bool exposed = frame.outcome == Family::poisson && !records.n.empty();
   fit(work.xcolumns, npi * total);
-  for (Array<double>* array : {&work.y, &work.n, &work.D, &work.logn}) fit(*array, total);
+  for (Array<double>* array : {&work.y, &work.n, &work.logn}) fit(*array, total);
+  fit(work.D, total * frame.responses);
   for (std::size_t j = 0; j < units; ++j) {
     const std::size_t stride = work.first[j + 1] - work.first[j], from = records.start[j],
                       count = records.start[j + 1] - from;
@@ -89,8 +90,10 @@ RecordColumns ModeWork::columnsof(const Frame& frame, std::size_t j) {
           coefficients.data(),
           h.data() + j * npi,
           M.data() + j * packedsize(frame.npi),
-          D.data() + place,
-          scratch.data()};
+          D.data() + place * frame.responses,
+          scratch.data(),
+          frame.responses,
+          frame.multinomial() ? frame.response.data() : nullptr};
 }
 
 bool jointmodes(const Frame& frame, const SphericalPoint& point, const Level3Records& records, double promised,

@@ -12,7 +12,7 @@ struct ModeWork {
   std::vector<RecordDensity> outcome;  // of each level-2 unit
   std::vector<std::size_t> first;      // [units + 1] records, each unit's rounded up, before each level-2 unit
   Array<double> xcolumns, y, n, logn;  // by these places: npi columns of x~ unit by unit; trials or 1, and exposures
-  Array<double> D;                     // dW/deta at the modes
+  Array<double> D;                     // dW/deta at the modes; multinomial: the probabilities, by predictors
   Array<double> fixed, columns;        // of each level-2 unit: the coefficients Sx g (npi); (Sd A, Se B), npi by q + r
   Sweep sweep;                         // its covariances are the inverse of the curvature there
   Array<double> M, h;                  // of each level-2 unit: sum W x~x~' packed, sum r x~

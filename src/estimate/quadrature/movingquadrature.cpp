@@ -469,15 +469,16 @@ MovingResult movingquadrature(const MovingSettings& settings, int npi, int nbeta
   if (std::max(start.q, start.r) > mosteffectsofalevel || toomany(settings, lowest, start.q, start.r)) {
     result.end = MovingEnd::toomanynodes;
     result.warnings.push_back(
-        settings.sixth ? formatted("WARNING: Laplace-6 takes up to %d random effects of a level.", mosteffectsofalevel)
-                       : formatted("WARNING: %d quadrature points for %d effects are more than this program "
-                                   "integrates with.",
-                                   lowest, start.q + start.r));
+        lowest == 1 ? formatted("WARNING: %s takes up to %d random effects of a level.",
+                                settings.sixth ? "Laplace-6" : "the Laplace approximation", mosteffectsofalevel)
+                    : formatted("WARNING: %d quadrature points for %d effects are more than this program "
+                                "integrates with.",
+                                lowest, start.q + start.r));
     return result;
   }
   Search search{settings, observer};
   search.likelihood = makespherical(settings.outcome, npi, nbeta, design, source, start, settings.diagonalpi,
-                                    settings.diagonalbeta, settings.threads);
+                                    settings.diagonalbeta, settings.threads, settings.response);
   SphericalLikelihood& likelihood = search.likelihood;
   likelihood.sixth = settings.sixth;
   const bool given = !start.gamma.empty();

@@ -27,6 +27,7 @@ struct QuadratureObserver {
 
 struct MovingSettings {
   Family outcome = Family::bernoulli;
+  std::vector<int> response;   // of a multinomial outcome: the linear predictor of each level-1 coefficient (frame.h)
   int points = 0;              // nodes per dimension: 1 (Laplace), 3 to 198, or 0: as many as the data need
   bool sixth = false;          // Laplace-6: `points` is 1 then
   int iterations = 100;        // upper bound of those of one number of points

@@ -371,6 +371,64 @@ void exactpoisson(const UnitNodes& a) {
     }
 }
 
+// A multinomial record with the linear predictors eta_c, e_c = exp(eta_c), of all categories but the last: p_c = e_c /
+// (1
+// + sum e), l = sum_c y_c eta_c - log(1 + sum e), r_c = y_c - p_c, W = diag(p) - p p'. M predictors where the compiler
+// knows the number, else 0.
+template <int M>
+void exactmultinomial(const UnitNodes& a) {
+  constexpr std::size_t room = M > 0 ? static_cast<std::size_t>(M) : mostresponses;
+  constexpr std::size_t sumsroom = mostpackedresponses * (mostpackedresponses + 1) / 2;
+  const std::size_t m = M > 0 ? static_cast<std::size_t>(M) : a.responses, cells = m * (m + 1) / 2, npi = a.npi;
+  const double logroom = 700.0 / (exponentialparts(a, false) + static_cast<double>(m));
+  const std::size_t perproduct = logroom < 1000.0 ? static_cast<std::size_t>(logroom) : 1000;
+  Lane e[room], W[room * (room + 1) / 2], products[sumsroom];
+  for (std::size_t k = 0, p = 0; k < a.segments; ++k)
+    for (std::size_t l = 0; l < a.length; l += nodestep, p += nodestep) {
+      Lane logdensity = a.linear[k] + load(a.linear + a.outerstride + l), product = all(1.0);
+      for (std::size_t c = 0; c < npi; ++c) store(a.gradient + c * a.stride + p, all(0.0));
+      if (a.packed)
+        for (std::size_t s = 0; s < npi * (npi + 1) / 2; ++s) products[s] = all(0.0);
+      const double* x = a.x;
+      std::size_t factors = 0;
+      for (std::size_t first = 0, i = 0; first < a.records; first += m, ++i, x += npi) {
+        Lane sum = all(1.0);
+        for (std::size_t c = 0; c < m; ++c) {
+          e[c] = a.outer[(first + c) * a.outerstride + k] * load(a.inner + (first + c) * a.length + l);
+          sum += e[c];
+        }
+        const Lane inverse = 1.0 / sum;
+        product *= sum;
+        if (++factors >= perproduct) {
+          logdensity -= logarithm(product);
+          product = all(1.0);
+          factors = 0;
+        }
+        for (std::size_t c = 0, s = 0; c < m; ++c) {
+          e[c] *= inverse;
+          for (std::size_t d = 0; d < c; ++d, ++s) W[s] = -e[c] * e[d];
+          W[s++] = e[c] * (1.0 - e[c]);
+        }
+        for (std::size_t c = 0, s = 0; c < npi; ++c) {
+          const std::size_t own = static_cast<std::size_t>(a.response[c]);
+          double* g = a.gradient + c * a.stride + p;
+          store(g, load(g) + x[c] * (a.y[first + own] - e[own]));
+          for (std::size_t d = 0; a.packed && d <= c; ++d, ++s) {
+            const std::size_t other = static_cast<std::size_t>(a.response[d]);
+            products[s] += (x[c] * x[d]) * W[own < other ? other * (other + 1) / 2 + own : own * (own + 1) / 2 + other];
+          }
+        }
+        for (std::size_t s = 0; !a.packed && s < cells; ++s) store(a.weights + (i * cells + s) * a.stride + p, W[s]);
+      }
+      store(a.logdensity + p, logdensity - logarithm(product));
+      if (a.packed)
+        for (std::size_t s = 0; s < npi * (npi + 1) / 2; ++s) store(a.weights + s * a.stride + p, products[s]);
+    }
+}
+void anymultinomial(const UnitNodes& a) {
+  a.responses == 2 ? exactmultinomial<2>(a) : a.responses == 3 ? exactmultinomial<3>(a) : exactmultinomial<0>(a);
+}
+
 // One or two random effects a level are the daily case and have code of their own.
 template <bool M>
 void anybernoulli(const NodePairs& a) {
@@ -518,8 +576,86 @@ double anyrecordsums(const RecordColumns& a) {
   }
 }
 
+// The same of multinomial records. Where n is 0 there is no record.
+double multinomialsums(const RecordColumns& a) {
+  const std::size_t npi = a.npi, m = a.responses, packed = npi * (npi + 1) / 2;
+  for (std::size_t s = 0; s < npi + packed; ++s) store(a.work + s * nodestep, all(0.0));
+  Lane logdensity = all(0.0), eta[mostresponses], r[mostresponses];
+  for (std::size_t i = 0; i < a.stride; i += nodestep) {
+    const double* columns = a.columns + i;
+    const Lane y = load(a.y + i), n = load(a.n + i);
+    for (std::size_t c = 0; c < m; ++c) eta[c] = all(0.0);
+    for (std::size_t c = 0; c < npi; ++c) eta[a.response[c]] += a.coefficients[c] * load(columns + c * a.stride);
+    Lane largest = all(0.0), observed = all(0.0);
+    for (std::size_t c = 0; c < m; ++c) {
+      eta[c] = limited(eta[c]);
+      largest = larger(largest, eta[c]);
+      observed += y == static_cast<double>(c) ? eta[c] : all(0.0);
+    }
+    Lane sum = exponential(-largest);
+    for (std::size_t c = 0; c < m; ++c) {
+      eta[c] = exponential(eta[c] - largest);
+      sum += eta[c];
+    }
+    logdensity += n * (observed - largest - logarithm(sum));
+    for (std::size_t c = 0; c < m; ++c) {
+      eta[c] /= sum;  // the probability
+      store(a.D + c * a.stride + i, eta[c]);
+      r[c] = n * ((y == static_cast<double>(c) ? all(1.0) : all(0.0)) - eta[c]);
+    }
+    for (std::size_t c = 0, s = 0; c < npi; ++c) {
+      const int own = a.response[c];
+      const Lane x = load(columns + c * a.stride), weighted = n * x * eta[own];
+      double* h = a.work + c * nodestep;
+      store(h, load(h) + x * r[own]);
+      for (std::size_t d = 0; d <= c; ++d, ++s) {
+        const int other = a.response[d];
+        double* M = a.work + (npi + s) * nodestep;
+        store(M, load(M) + weighted * load(columns + d * a.stride) * ((own == other ? 1.0 : 0.0) - eta[other]));
+      }
+    }
+  }
+  const auto sum = [](Lane lane) { return (lane[0] + lane[1]) + (lane[2] + lane[3]); };
+  for (std::size_t c = 0; c < npi; ++c) a.h[c] = sum(load(a.work + c * nodestep));
+  for (std::size_t s = 0; s < packed; ++s) a.M[s] = sum(load(a.work + (npi + s) * nodestep));
+  return sum(logdensity);
+}
+
+// With A = X Q X' (responses squared) of a record, d tr(W A) / d eta_c = p_c (A_cc - sum_d p_d A_dd - 2 (A p)_c + 2 p'A
+// p).
+void multinomialformsums(const RecordColumns& a, const double* Q, double* t) {
+  const std::size_t npi = a.npi, m = a.responses;
+  for (std::size_t c = 0; c < npi; ++c) t[c] = 0.0;
+  Lane A[mostresponses * mostresponses], Ap[mostresponses];
+  for (std::size_t i = 0; i < a.stride; i += nodestep) {
+    const double* columns = a.columns + i;
+    for (std::size_t s = 0; s < m * m; ++s) A[s] = all(0.0);
+    for (std::size_t c = 0; c < npi; ++c) {
+      Lane* row = A + static_cast<std::size_t>(a.response[c]) * m;
+      const Lane x = load(columns + c * a.stride);
+      for (std::size_t d = 0; d < npi; ++d) row[a.response[d]] += Q[c * npi + d] * x * load(columns + d * a.stride);
+    }
+    Lane diagonal = all(0.0), form = all(0.0);
+    for (std::size_t c = 0; c < m; ++c) {
+      const Lane p = load(a.D + c * a.stride + i);
+      Ap[c] = all(0.0);
+      for (std::size_t d = 0; d < m; ++d) Ap[c] += A[c * m + d] * load(a.D + d * a.stride + i);
+      diagonal += p * A[c * m + c];
+      form += p * Ap[c];
+    }
+    for (std::size_t c = 0; c < npi; ++c) {
+      const std::size_t own = static_cast<std::size_t>(a.response[c]);
+      const Lane p = load(a.n + i) * load(a.D + own * a.stride + i);
+      const Lane part =
+          -0.5 * p * (A[own * m + own] - diagonal - 2.0 * Ap[own] + 2.0 * form) * load(columns + c * a.stride);
+      t[c] += (part[0] + part[1]) + (part[2] + part[3]);
+    }
+  }
+}
+
 // t[c] := -1/2 sum_i D_i x_ic x_i'Q x_i.
 void formsums(const RecordColumns& a, const double* Q, double* t) {
+  if (a.response != nullptr) return multinomialformsums(a, Q, t);
   for (std::size_t c = 0; c < a.npi; ++c) t[c] = 0.0;
   for (std::size_t i = 0; i < a.stride; i += nodestep) {
     const double* columns = a.columns + i;
@@ -589,9 +725,9 @@ extern const QuadratureLoops quadratureloops;
 const QuadratureLoops quadratureloops = {
     {anybernoulli<false>, anybinomial<false>, anypoisson<false>, anypoisson<false>},
     {anybernoulli<true>, anybinomial<true>, anypoisson<true>, anypoisson<true>},
-    {exact<0>, exact<1>, exact<2>, exact<2>},
+    {exact<0>, exact<1>, exact<2>, exact<2>, anymultinomial},
     {anyrecordsums<RecordDensity::bernoulli>, anyrecordsums<RecordDensity::binomial>,
-     anyrecordsums<RecordDensity::poisson>, anyrecordsums<RecordDensity::exposure>},
+     anyrecordsums<RecordDensity::poisson>, anyrecordsums<RecordDensity::exposure>, multinomialsums},
     formsums,
     segmentsums,
     nodeweights,

@@ -9,7 +9,7 @@
 namespace kdr {
 
 // The log-densities that the loops know: those of no trials or exposure need less arithmetic.
-enum class RecordDensity { bernoulli, binomial, poisson, exposure };
+enum class RecordDensity { bernoulli, binomial, poisson, exposure, multinomial };
 
 // The records of one level-2 unit at `pairs` pairs of a level-3 and a level-2 node.
 struct NodePairs {
@@ -30,6 +30,7 @@ struct NodePairs {
 inline constexpr std::size_t nodestep = 4;  // nodes side by side
 constexpr std::size_t padded(std::size_t n) { return (n + nodestep - 1) / nodestep * nodestep; }
 inline constexpr std::size_t mostpacked = 3;  // columns of x whose products are summed at once
+inline constexpr std::size_t mostresponses = 15, mostpackedresponses = 10;  // of a multinomial record; columns
 
 // The records of one level-2 unit at all pairs of some level-3 nodes with the level-2 nodes: pair m * length + l. Nodes
 // are combinations of points for each dimension; the linear predictor is fixed_i + sum_d rows_id line[point of d], with
@@ -55,6 +56,13 @@ struct UnitNodes {
   double *outer, *inner;  // records by outerstride, by length with nodestep more: work
   double* linear;         // [outerstride + length] work
   double* work;           // [(dims3 + dims2) (2 linestride + 1) + outerstride + records + nodestep]
+
+  // A multinomial record has a linear predictor for each of its responses: rows of `fixed` and `rows` one behind the
+  // other, which count as records then, and with y the indicators of their categories. Column c of x, whose rows are
+  // those of the real records, belongs to response[c]. Where not `packed` the weights are the packed matrix of each.
+  std::size_t responses = 1;
+  const int* response = nullptr;  // [npi]
+  bool packed = false;
 };
 
 // The records of one level-2 unit at one value of its effects, by columns, with 0 behind them.
@@ -69,6 +77,10 @@ struct RecordColumns {
   double* M;                   // packed npi(npi+1)/2, out: sum W x~x~'
   double* D;                   // [stride] dW/deta, out, or null
   double* work;                // [4 (npi + npi(npi+1)/2)]
+
+  // Multinomial: y is the category, from 0; D are the probabilities, responses by stride.
+  std::size_t responses = 1;
+  const int* response = nullptr;  // [npi] that a column belongs to; null of other outcomes
 };
 
 // The weights of level-2 nodes for each level-3 node of a block.
@@ -100,10 +112,11 @@ struct QuadratureLoops {
   // Log-densities, gradient and weights.
   void (*moments[4])(const NodePairs&);
   // The same, of densities that are not held at a least probability, by the two parts of the predictor.
-  void (*exact[4])(const UnitNodes&);
+  void (*exact[5])(const UnitNodes&);
   // The sum of the log-densities at one predictor a record, without the terms of the outcome alone, and h, M and D.
-  double (*recordsums[4])(const RecordColumns&);
-  // t (npi) := -1/2 sum_i D_i x_i x_i'Q x_i with Q npi squared.
+  double (*recordsums[5])(const RecordColumns&);
+  // t (npi) := -1/2 sum_i D_i x_i x_i'Q x_i with Q npi squared; multinomial: -1/2 sum_i X_i'(d tr(W_i X_i Q X_i') / d
+  // eta_i), where X_i has a row for each predictor.
   void (*formsums)(const RecordColumns&, const double* Q, double* t);
   void (*segmentsums)(const SegmentSums&);
   void (*nodeweights)(const NodeWeights&);

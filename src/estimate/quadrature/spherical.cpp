@@ -31,9 +31,10 @@ struct BatchSums {
 }  // namespace
 
 SphericalLikelihood makespherical(Family outcome, int npi, int nbeta, const Design& design, RecordSource& source,
-                                  const Parameters& shape, bool diagonalpi, bool diagonalbeta, int threads) {
+                                  const Parameters& shape, bool diagonalpi, bool diagonalbeta, int threads,
+                                  const std::vector<int>& response) {
   SphericalLikelihood likelihood;
-  likelihood.frame = makeframe(outcome, npi, nbeta, design, source, shape, diagonalpi, diagonalbeta);
+  likelihood.frame = makeframe(outcome, npi, nbeta, design, source, shape, diagonalpi, diagonalbeta, response);
   likelihood.source = &source;
   likelihood.threads = std::max(threads, 1);
   for (SphericalState* state : {&likelihood.current, &likelihood.trial}) {
@@ -141,12 +142,11 @@ Evaluation evaluatespherical(SphericalLikelihood& likelihood, const Array<double
       },
       [&](const std::vector<Level3Records>& batch) {
         for (std::size_t i = 0; i < batch.size() && fine; ++i) {
-          const UnitSums& sums = batchsums.units[i];
+          UnitSums& sums = batchsums.units[i];
           const double weight = frame.weight3(at(batch[i].k));
           fine = batchsums.fine[i] != 0;
-          double value = sums.loglikelihood;
-          addcategories(frame, there, batch[i].categories, value, sums.score + P - frame.g);
-          evaluation.value += weight * value;
+          addcategories(frame, there, batch[i].categories, sums.loglikelihood, sums.score + P - frame.g);
+          evaluation.value += weight * sums.loglikelihood;
           for (std::size_t c = 0; c < P; ++c) {
             evaluation.score[c] += weight * sums.score[c];
             evaluation.scale[c] += weight * sums.complete[c];

@@ -30,7 +30,8 @@ struct SphericalLikelihood {
 
 // Frame, states and the start's point. `source` and `design` must outlive it.
 SphericalLikelihood makespherical(Family outcome, int npi, int nbeta, const Design& design, RecordSource& source,
-                                  const Parameters& shape, bool diagonalpi, bool diagonalbeta, int threads);
+                                  const Parameters& shape, bool diagonalpi, bool diagonalbeta, int threads,
+                                  const std::vector<int>& response = {});
 
 // Nodes at the joint modes of a point; the search begins at `nodes`. `curvature`, when not null, gets i_a there. False
 // when there are none.

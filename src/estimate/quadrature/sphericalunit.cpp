@@ -53,8 +53,15 @@ struct SphericalIntegral {
   // Of a row of weights: E[W s s'] for s = (1, z, w). A row is an element of sum W x~x~', packed, or where there are
   // too many of these, the W of a record.
   const std::size_t S = 1 + q + r, nrecord = triangle(S);
-  [[nodiscard]] bool packedrows(std::size_t j) const { return width(j) <= mostpacked; }
-  [[nodiscard]] std::size_t rowsof(std::size_t j) const { return packedrows(j) ? triangle(width(j)) : count(j); }
+  // Of a multinomial record W has a packed matrix in it, and its columns' products are worth while for more columns.
+  const std::size_t responses = frame.responses, cells = triangle(responses);
+  [[nodiscard]] bool packedrows(std::size_t j) const {
+    if (frame.multinomial()) return npi <= mostpackedresponses && triangle(npi) <= cells * nz;
+    return width(j) <= mostpacked;
+  }
+  [[nodiscard]] std::size_t rowsof(std::size_t j) const {
+    return packedrows(j) ? triangle(width(j)) : count(j) * cells;
+  }
   std::size_t rows = 0;
   // Sums over level-3 nodes: 1, w - w*, its second moments, a - a of the first node, its second moments.
   const std::size_t atmean = 1, atsecond = atmean + r, ata = atsecond + P3, atcross = ata + P,
@@ -62,8 +69,11 @@ struct SphericalIntegral {
   // A unit of fewer records than columns is worked in the residuals of its records: its x~ is an identity, and its Sx,
   // Se and Sd are the rows of its records.
   [[nodiscard]] std::size_t count(std::size_t j) const { return records.start[j + 1] - records.start[j]; }
-  [[nodiscard]] bool narrow(std::size_t j) const { return count(j) < npi; }
-  [[nodiscard]] std::size_t width(std::size_t j) const { return std::min(count(j), npi); }
+  [[nodiscard]] bool narrow(std::size_t j) const { return !frame.multinomial() && count(j) < npi; }
+  [[nodiscard]] std::size_t width(std::size_t j) const { return narrow(j) ? count(j) : npi; }
+  // Linear predictors of its records, and the one that column c stands in.
+  [[nodiscard]] std::size_t lines(std::size_t j) const { return count(j) * responses; }
+  [[nodiscard]] std::size_t lineof(std::size_t c) const { return responses == 1 ? 0 : at(frame.response[c]); }
   [[nodiscard]] const double* xof(std::size_t j) const {
     return narrow(j) ? work.identity.data() + count(j) * npi * npi : work.rows.x.data() + records.start[j] * npi;
   }
@@ -236,11 +246,11 @@ void SphericalIntegral::placepairs(std::size_t j, std::size_t firstnode, std::si
 void SphericalIntegral::makerows(std::size_t j) {
   const std::size_t n = width(j), dims = q + r;
   const int order = static_cast<int>(n);
-  fit(work.fixed, count(j));
-  fit(work.effects, count(j) * dims);
-  fit(work.outer, count(j) * padded(block));
-  fit(work.inner, count(j) * length + nodestep);
-  fit(work.parts, dims * (2 * padded(points) + 1) + padded(block) + count(j) + nodestep);
+  fit(work.fixed, lines(j));
+  fit(work.effects, lines(j) * dims);
+  fit(work.outer, lines(j) * padded(block));
+  fit(work.inner, lines(j) * length + nodestep);
+  fit(work.parts, dims * (2 * padded(points) + 1) + padded(block) + lines(j) + nodestep);
   fit(work.weights, rowsof(j) * pairs);
   double *cx = work.cx.data(), *cD = work.cD.data(), *cE = work.cE.data();
   const double *L3 = work.L3.data(), *L2 = work.L2.data() + j * q * q;
@@ -263,16 +273,16 @@ void SphericalIntegral::makerows(std::size_t j) {
   const double* row = xof(j);
   const double* logn =
       frame.outcome == Family::poisson && !records.n.empty() ? work.rows.logn.data() + records.start[j] : nullptr;
+  std::fill_n(work.effects.data(), lines(j) * dims, 0.0);
   for (std::size_t i = 0; i < count(j); ++i, row += n) {
-    double* effects = work.effects.data() + i * dims;
-    std::fill_n(effects, dims, 0.0);
-    double sum = logn == nullptr ? 0.0 : logn[i];
+    double* fixed = work.fixed.data() + i * responses;
+    std::fill_n(fixed, responses, logn == nullptr ? 0.0 : logn[i]);
     for (std::size_t c = 0; c < n; ++c) {
-      sum += row[c] * cx[c];
+      double* effects = work.effects.data() + (i * responses + lineof(c)) * dims;
+      fixed[lineof(c)] += row[c] * cx[c];
       for (std::size_t b = 0; b < r; ++b) effects[b] += row[c] * cE[c * r + b];
       for (std::size_t a = 0; a < q; ++a) effects[r + a] += row[c] * cD[c * q + a];
     }
-    work.fixed[i] = sum;
   }
 }
 
@@ -283,7 +293,7 @@ bool SphericalIntegral::level2(std::size_t j, std::size_t firstnode, std::size_t
   makerows(j);
   const RecordDensity outcome = densityof(frame, records, j);
   UnitNodes unit{};
-  unit.records = count(j);
+  unit.records = lines(j);
   unit.npi = width(j);
   unit.dims3 = r;
   unit.dims2 = q;
@@ -301,7 +311,8 @@ bool SphericalIntegral::level2(std::size_t j, std::size_t firstnode, std::size_t
   unit.x = xof(j);
   unit.rows = work.effects.data();
   unit.fixed = work.fixed.data();
-  unit.y = records.y.data() + records.start[j];
+  unit.y = frame.multinomial() ? work.rows.indicators.data() + records.start[j] * responses
+                               : records.y.data() + records.start[j];
   unit.n = outcome == RecordDensity::binomial && !records.n.empty() ? records.n.data() + records.start[j] : nullptr;
   unit.stride = pairs;
   unit.logdensity = work.logdensity.data();
@@ -311,6 +322,9 @@ bool SphericalIntegral::level2(std::size_t j, std::size_t firstnode, std::size_t
   unit.inner = work.inner.data();
   unit.linear = work.linear.data();
   unit.work = work.parts.data();
+  unit.responses = responses;
+  unit.response = frame.response.data();
+  unit.packed = packedrows(j);
   loops.exact[static_cast<int>(outcome)](unit);
   double* totals = work.totals.data();
   loops.nodeweights({q, nodes, length, pairs, work.nodes.data(), grids.weight2.data(), work.logdensity.data(), totals,
@@ -522,7 +536,8 @@ void SphericalIntegral::unitinformation(std::size_t j, UnitSums& result) {
         for (std::size_t d = 0; d <= c; ++d, ++e) {
           const double product = row[c] * row[d];
           if (product == 0.0) continue;
-          for (std::size_t s = 0; s < nrecord; ++s) M[s * T + e] += W[s * rows + i] * product;
+          const std::size_t cell = i * cells + pairplace(lineof(c), lineof(d));
+          for (std::size_t s = 0; s < nrecord; ++s) M[s * T + e] += W[s * rows + cell] * product;
         }
   }
   const double* kept = M;
@@ -699,6 +714,13 @@ void makeunitrows(const Frame& frame, const Level3Records& records, UnitRows& ro
       to[c] = sum;
     }
   }
+  if (frame.multinomial()) {
+    fit(rows.indicators, total * frame.responses);
+    std::fill_n(rows.indicators.data(), total * frame.responses, 0.0);
+    for (std::size_t i = 0; i < total; ++i)
+      if (records.y[i] < static_cast<double>(frame.responses))
+        rows.indicators[i * frame.responses + static_cast<std::size_t>(records.y[i])] = 1.0;
+  }
   if (frame.outcome == Family::poisson && !records.n.empty()) {
     fit(rows.logn, padded(total));
     std::copy_n(records.n.data(), total, rows.logn.data());
@@ -708,6 +730,7 @@ void makeunitrows(const Frame& frame, const Level3Records& records, UnitRows& ro
 }
 
 RecordDensity densityof(const Frame& frame, const Level3Records& records, std::size_t j) {
+  if (frame.multinomial()) return RecordDensity::multinomial;
   if (frame.outcome == Family::poisson) return records.n.empty() ? RecordDensity::poisson : RecordDensity::exposure;
   if (frame.outcome == Family::binomial || !records.n.empty()) return RecordDensity::binomial;
   // A share of successes is a binomial outcome of one trial.

@@ -40,10 +40,11 @@ struct SphericalGrids {
 
 // Records of a unit as the loops take them.
 struct UnitRows {
-  Array<double> x;     // records by npi: x~
-  Array<double> logn;  // [records] logarithms of the exposures
+  Array<double> x;           // records by npi: x~
+  Array<double> logn;        // [records] logarithms of the exposures
+  Array<double> indicators;  // records by predictors, of multinomial ones: 1 in the place of a record's category
 };
-// Makes x~ and, for counts with exposure, the logarithms.
+// Makes x~ and, for counts with exposure, the logarithms, for multinomial records the indicators.
 void makeunitrows(const Frame& frame, const Level3Records& records, UnitRows& rows);
 // The density of the records of level-2 unit j.
 [[nodiscard]] RecordDensity densityof(const Frame& frame, const Level3Records& records, std::size_t j);

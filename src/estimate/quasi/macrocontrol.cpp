@@ -120,7 +120,11 @@ MacroEnd macroend(MacroState& state, const PassResults& results, bool first) {
 
 std::string failedwords(const MacroEvent& event) {
   const Failure& failure = *event.failure;
-  std::string why = failure.row == ownwords || failure.reportwords.empty() ? sentenceof(failure) : failure.reportwords;
+  // What the console says beside a row of the table, the row says, too.
+  const Failure alone = failed(failure.row, failure.argument);
+  std::string why = failure.row == ownwords        ? sentenceof(failure)
+                    : !failure.reportwords.empty() ? failure.reportwords
+                                                   : sentenceof(alone);
   while (why.ends_with('\n') || why.ends_with('.')) why.pop_back();
   if (event.end == MacroEnd::noaverage) return "WARNING: there is no population average: " + why + ".";
   return formatted("WARNING: quasi-likelihood (PQL) has no estimates. It ended at macro iteration %d: ", event.macro) +
