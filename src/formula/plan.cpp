@@ -571,7 +571,6 @@ EngineChoice enginechoice(const FormulaPlan& plan) {
     refuse("-points takes 1, 3 to 198, or auto. It cannot be " + points);
   const Design& design = plan.design;
   std::string why;
-  if (plan.family == FitFamily::multinomial && plan.weighted()) why = "multinomial outcomes with design weights";
   if (design.restricted()) why = "random parts that are independent in part only";
   if (!pql && !why.empty()) {
     if (!engine.empty()) refuse("-engine " + engine + " cannot be had with " + why + ".");

@@ -433,8 +433,6 @@ std::string engineobstacle(const Model& model, const Control& control) {
     return "With design weights standard errors are those of the sandwich: outer products alone (AGQDERIVLEVEL:1) are "
            "no "
            "information.";
-  if (model.weighted && model.outcome.family == Family::multinomial)
-    return formatted("A run with design weights and an outcome with categories cannot go on to %s.", engine);
   if (restricted || diagonal) return formatted("A run with restricted variance components cannot go on to %s.", engine);
   return model.outcome.categorical() ? categoryobstacle(model, control) : "";
 }

@@ -77,6 +77,7 @@ Level3Records readlevel3(RecordBatches& batches) {
     unit.start[j + 1] = record;
   }
   if (weighted && pass.model().outcome.single()) weighrecords(unit);
+  if (weighted && pass.model().outcome.family == Family::multinomial) unit.n = unit.weight1.copy();
   ++batches.k;
   batches.units += at(unit.units);
   batches.records += record;
