@@ -211,6 +211,8 @@ void expectcopies(const Case& c, int level, int points) {
   const std::string words = c.name + std::string(" level ") + std::to_string(level) + ", " + std::to_string(points);
   const Parameters start = makeparameters(c.q, c.r, reference(c.name, "start"));
   Study study = readcase(c);
+  study.units.resize(12);
+  study.units2 = static_cast<int>(study.units.back().firstunit) + study.units.back().units;
   Study copied = makestudy(c.outcome, c.q, c.r, copiesof(study, readrecords(folder + c.name + ".dat"), whole));
   weigh(study, whole);
   MovingSettings settings;
@@ -239,9 +241,9 @@ void expectcopies(const Case& c, int level, int points) {
 }
 
 TEST(MovingQuadrature, WeightsAreCopies) {
-  for (const Case& c : {cases[1], cases[3], cases[4], cases[5]})
+  for (const Case& c : {cases[1], cases[3], cases[5]})
     for (const int level : {1, 2, 3})
-      for (const int points : {1, 5}) expectcopies(c, level, points);
+      for (const int points : {1, 11}) expectcopies(c, level, points);
 }
 
 std::vector<double> numbersof(const MovingResult& result) {
