@@ -228,7 +228,7 @@ void expectcopies(const Case& c, int level, int points) {
     const double robust = wanted.robust[i * (P + 1)];
     EXPECT_NEAR(found[i], right[i], 1e-4 * std::sqrt(wanted.covariance[i * (P + 1)])) << words << " " << i;
     const double error = level < 3 ? weighted.covariance[i * (P + 1)] : robust;
-    EXPECT_NEAR(error, robust, 1e-4 * robust) << words << " " << i;
+    EXPECT_NEAR(error, robust, 5e-4 * robust) << words << " " << i;
   }
   if (level < 3) return;
   for (Level3Records& unit : study.units) unit.weight3 *= 1e6;  // changes no estimate
