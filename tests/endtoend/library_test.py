@@ -89,6 +89,8 @@ MODELS = {
     "short": Model("YBIN", 2, INTERCEPTS, "NTRIAL", keywords="MACROIT:2,N MICROIT:200", calls=["set MACROIT 2", "set MICROIT 200"]),
     "laplace": Model("YBERN", 1, INTERCEPTS, keywords=CHAIN + " LAPLACE:Y,20", calls=SETCHAIN + ["set LAPLACE 20"]),
     "quadrature": Model("YPOIS", 3, INTERCEPTS, keywords=CHAIN + " AGQ:Y,40,9", calls=SETCHAIN + ["set AGQ 9", "set AGQIT 40"]),
+    "weighted quadrature": Model("YBERN", 1, INTERCEPTS, keywords=CHAIN + " AGQ:Y,40,5 LEVEL1WEIGHT:W1 LEVEL2WEIGHT:W2 WEIGHTSCALE:NONE",
+                                 calls=SETCHAIN + ["set AGQ 5", "set AGQIT 40", "weights W1 W2 - -", "set WEIGHTSCALE 0"]),
     "too few points": Model("YPOIS", 3, INTERCEPTS, keywords=CHAIN + " AGQ:Y,20,3", calls=SETCHAIN + ["set AGQ 3", "set AGQIT 20"]),
     "multinomial": Model("YMUL3", 4, INTERCEPTS, categories=3, keywords=CHAIN, calls=SETCHAIN),
     "two levels": Model("YPOIS", 0, SLOPES, keywords=LINEAR + " GAMMA1:0,1,-1,0", calls=["set NUMIT 300", "hypothesis 1 4 0 1 -1 0"], mdm="two.mdm"),
