@@ -27,6 +27,7 @@
 #include "report/graphdata.h"
 #include "report/modelstatistics.h"
 #include "report/passtables.h"
+#include "report/residual/columns.h"
 #include "report/residual/residualfiles.h"
 #include "report/resultsdocument.h"
 #include "report/startvaluesfile.h"

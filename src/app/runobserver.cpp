@@ -20,6 +20,7 @@
 #include "report/filecell.h"
 #include "report/matrixtables.h"
 #include "report/passtables.h"
+#include "report/residual/columns.h"
 #include "report/residual/residualfiles.h"
 #include "report/resultsdocument.h"
 

@@ -196,4 +196,11 @@ rows = np.array([row[2:8] for row in files[1].rows], float)
 mu, y = 1 / (1 + np.exp(-rows[:, 1])), oracle.data("bernoulli21")[:, 2]
 check(np.allclose(rows[:, 3:], np.stack([mu, y - mu, (y - mu) / np.sqrt(mu * (1 - mu))], 1), atol=1e-5), "the response of PQL")
 check("The residual files have the random effects of quasi-likelihood (PQL)." in report, "who is not told")
+# What the dialogue asks where a command file leaves it open.
+asked = [line for line in commands("bernoulli21", "AGQ:Y,100,5\n").splitlines() if not line.startswith(("RESFIL2", "RESFIL3", "OUTPUT"))]
+work.write("run.kdr", "\n".join(asked) + "\n")
+for answer, stated in (("y", False), ("n", True)):
+    done = work.run("bernoulli21.mdm", "run.kdr", answers=f"y\n0\nn\n{answer}\nrun.txt\n")
+    check(done.returncode == 0 and "Are they to have the random effects of the engine" in done.stdout
+          and ("RESFILOF:PQL" in work.read("newcmd.kdr")) == stated, f"asked, {answer}: {done.stdout[-300:]}")
 check.finish()

@@ -6,8 +6,8 @@
 
 #include "core/formatted.h"
 #include "driver/runrecord.h"
+#include "estimate/likelihood/engines.h"
 #include "report/modelrows.h"
-#include "report/residual/residualfiles.h"
 
 namespace kdr {
 
@@ -215,6 +215,8 @@ std::string ResidualColumns::idtext(int which, const Id& id) const {
   const std::string* whole = run.mdm.texts.wholeid(3 - which, id, run.mdm.numericids);
   return whole != nullptr ? *whole : run.mdm.numericids ? formatted("%.0f", id.number) : id.text.text;
 }
+
+bool residualsofengine() { return lastengine(run.control).has_value() && run.out.resfilof == ResidualsOf::engine; }
 
 ResidualColumns residualcolumns(int level) {
   WantedList list;

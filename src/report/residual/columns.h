@@ -63,6 +63,10 @@ struct ResidualColumns {
   [[nodiscard]] int number(ColumnGroup group) const;
 };
 
+// Whether the run asks for residual and graph files of its last engine that has results. Engines with fixed nodes
+// repeat what earlier versions did: their files are those of quasi-likelihood.
+[[nodiscard]] bool residualsofengine();
+
 // The columns of the file of `level` (1 to 3) for the model in run.model and the lists of chosen variables. Needs the
 // complete model; nothing of it changes.
 [[nodiscard]] ResidualColumns residualcolumns(int level);

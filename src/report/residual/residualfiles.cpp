@@ -10,7 +10,6 @@
 
 #include "driver/failures.h"
 #include "driver/runrecord.h"
-#include "estimate/likelihood/engines.h"
 #include "estimate/linear/deletion.h"
 #include "estimate/linear/unitresults.h"
 #include "estimate/quasi/categories.h"
@@ -270,8 +269,6 @@ void writeunitfiles(const ResidualSource& of) {
 }  // namespace
 
 bool wantresidualfiles() { return run.out.resfil1 || run.out.resfil2 || run.out.resfil3; }
-
-bool residualsofengine() { return lastengine(run.control).has_value() && run.out.resfilof == ResidualsOf::engine; }
 
 void writeresidualfiles(const ResidualSource& of) {
   if (run.out.resfil1) writelevel1(of);

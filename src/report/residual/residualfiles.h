@@ -18,10 +18,6 @@ namespace kdr {
 // alone begin as raw data that it reads.
 [[nodiscard]] bool isownspss(const std::string& path);
 
-// Whether the run asks for residual and graph files of its last engine that has results. Engines with fixed nodes
-// repeat what earlier versions did: their files are those of quasi-likelihood.
-[[nodiscard]] bool residualsofengine();
-
 // Whose values the files have: those of a finished pass after variancetests, or of `engine`, with which nothing of the
 // pass is used but its design and the numbers of units.
 struct ResidualSource {
