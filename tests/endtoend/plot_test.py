@@ -237,6 +237,8 @@ class Tests:
                     self.check(root.tag.endswith("}svg") and len(list(root.iter())) > 50, f"{name} is empty")
                 else:
                     self.check(data.startswith(b"\x89PNG") and b"IEND" in data[-12:] and len(data) > 4000, f"{name} is no PNG")
+        self.check(self.plot("plots.json", "--kind", "qq,coefficients", "--label", "907", "-o", "two.svg") == (0, "") and sorted(
+            path.name for path in self.folder.glob("two*")) == ["two-coefficients.svg", "two-qq.svg"], "two kinds in one call")
         before = (self.folder / "lines.svg").read_bytes()
         self.plot("plots.json", "--kind", "lines", "-o", "lines.svg")
         self.check((self.folder / "lines.svg").read_bytes() == before, "the same picture twice differs")
