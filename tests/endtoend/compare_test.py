@@ -22,7 +22,7 @@ sys.dont_write_bytecode = True
 from program import REFERENCE, ROOT, Checks, Workplace
 
 sys.path.insert(0, str(ROOT / "tools"))
-from kdr3plot import command, digits
+from kdr3plot import command, compare, digits, document, nested
 
 NESTED = "score ~ year + ses + tutoring + (1 | school/pupil)"
 SLOPES = "score ~ year + ses + tutoring + (1 | school) + (year | school:pupil)"
@@ -118,8 +118,7 @@ class Tests:
                 self.check(all(abs(a - b) <= r for a, b, r in zip(got, want, room)), f"{name}, {what}: {got} instead of {want}")
             self.check(not any(note.startswith("No likelihood-ratio test") for note in notes), f"notes of {kind}: {notes}")
         self.check(made["Size", "Records", "glmm_two"][0] == "1513" and made["Size", "Level-2 units", "glmm_two"][0] == "401", "sizes")
-        document = json.loads(self.place.read("glmm_two.json"))
-        effect = next(e for phase in document["phases"] if phase["phase"] == "quadrature" for e in phase["fixed_effects"] if e["level1"] == "YEAR")
+        effect = next(e for phase in json.loads(self.place.read("glmm_two.json"))["phases"] if phase["phase"] == "quadrature" for e in phase["fixed_effects"] if e["level1"] == "YEAR")
         made, _ = self.values(["glmm_one", "glmm_two"], "--ratio", "--robust")
         got = made["Odds ratios", "year", "glmm_two"]
         self.check([float(got[0])] == [effect["ratio"]], f"ratio {got}")
@@ -169,10 +168,10 @@ class Tests:
             r"$\chi$\textsuperscript{2}", "χ²")
         holds("tex", [line.removesuffix(r" \\").split(" & ") for line in latex.splitlines() if " & " in line], bare)
         self.compare(names, ".docx")
-        document = docx.Document(self.folder / "made.docx")
-        holds("docx", [[cell.text for cell in row.cells] for table in document.tables for row in table.rows
+        made = docx.Document(self.folder / "made.docx")
+        holds("docx", [[cell.text for cell in row.cells] for table in made.tables for row in table.rows
                        if len({cell.text for cell in row.cells}) > 1 or row.cells[1].text not in (row.cells[0].text, "")])
-        told = [paragraph.text for paragraph in document.paragraphs]
+        told = [paragraph.text for paragraph in made.paragraphs]
         self.check(all(note in told and note in text for note in notes) and len(notes) > 4, "notes")
 
     def notests(self):
@@ -220,6 +219,19 @@ class Tests:
             tau = phase(document)["tau_pi"]
             tau["standard_error"][0][0], tau["estimate"][0][0] = 0, 5.0
         told(hold, "ml_two is no part of b")
+        # The hash of the records, and two levels of three: is there a variance of pupils within schools?
+        self.place.run("-fit", "score ~ year + ses + tutoring + (1 | school)", "growth.csv", "-o", "schools")
+
+        def hashed(name, digits):
+            read = document.readresults(str(self.folder / f"{name}.json"))
+            return compare.Column(dict(read, records_hash=digits), name)
+        made = nested.compared(hashed("ml_two", "1" * 16), hashed("ml_three", "2" * 16))
+        self.check("their hashes differ" in made["why"] and not made["criteria"], f"other records: {made}")
+        schools, pupils = hashed("schools", "1" * 16), hashed("ml_two", "1" * 16)
+        made = nested.compared(schools, pupils)
+        gain = 2 * (pupils.phase["log_likelihood"] - schools.phase["log_likelihood"])
+        self.check(made.get("df") == 1 and abs(made["chi_square"] - gain) < 1e-9 and made["notes"] == [] and abs(
+            made["mixture_p"] / stats.chi2.sf(gain, 1) - 0.5) < 1e-9, f"levels two and three: {made}")
         made, notes = self.values(["ml_one", "ml_three"])
         self.check(made["Likelihood-ratio test", "mixture_p", "ml_three against ml_one"], "one variance more beside fixed effects")
         self.check(sum("seen by their numbers alone" in note for note in notes) <= 1, f"{notes}")
@@ -230,7 +242,7 @@ class Tests:
         two = ("--compare", "ml_one.json", "ml_two.json", "-o")
         for words, code, part in (
                 ((*two, "notes.md"), 3, "would be lost"), ((*two, "ml_one.txt"), 3, "is a file of the run"),
-                ((*two, "x.pdf"), 2, "ends in .txt"), (("--compare", "ml_one.json", "-o", "x.txt"), 2, "two results documents"),
+                ((*two, "x.pdf"), 2, "ends in .txt"),
                 ((*two, "x.txt", "--names", "A"), 2, "1 names for 2"), ((*two, "x.txt", "--units", "3"), 2, "--units has no effect"),
                 ((*two, "x.txt", "--phase", "pql"), 2, "no phase pql"), (("ml_one.json", "--page", "-o", "x.html", "--intervals"), 2,
                                                                          "--intervals has no effect on --page"),

@@ -207,9 +207,18 @@ class Tests:
                    "lines of the Poisson run")
 
         self.plot("--page", "deaths.json", "-o", "deaths.html")
-        self.check(Page(self.place.read("deaths.html")).text.count(", PQL results") == 5, "what the pictures rest on")
+        text = Page(self.place.read("deaths.html")).text
+        self.check(text.count(", PQL results") == 5, "what the pictures rest on")
+        for words in ("DEATHS: counts with the exposure EXPECTED (log link)", "offset(log(EXPECTED))", "penalized quasi-likelihood", "Rate ratio\n"):
+            self.check(words in text, f"{words} is not on the page of counts")
 
         self.estimate("ordinal", "ordinal.kdr", "chem97.mdm", RESFIL1="Y", RESFIL1NAME="cuts.sav", MACROIT="2,N")
+        self.plot("--page", "ordinal.json", "-o", "ordinal.html")
+        text = Page(self.place.read("ordinal.html")).text
+        effects, thresholds = text.split("Thresholds, model-based standard errors\n")[0], text.split("Thresholds, model-based standard errors\n")[1]
+        table = thresholds.split("Fixed effects, robust")[0]
+        self.check("Cumulative odds ratio\n" in effects and "ratio" not in table and "GCSECNT\n" in effects and all(
+            cut in table for cut in ("At or below 0 (intercept)", "At or below 8, above the first")), "thresholds apart")
         panels = values.residuals(files.Run(str(self.folder / "ordinal.json")))
         self.check([name for name, _ in panels] == [f"SCORE at or below {cut}" for cut in (0, 2, 4, 6, 8)], "cuts")
         score = [float(line.split()[2]) for line in (self.folder / "chem97-1.dat").read_text().splitlines()]
@@ -228,6 +237,8 @@ class Tests:
                     self.check(root.tag.endswith("}svg") and len(list(root.iter())) > 50, f"{name} is empty")
                 else:
                     self.check(data.startswith(b"\x89PNG") and b"IEND" in data[-12:] and len(data) > 4000, f"{name} is no PNG")
+        self.check(self.plot("plots.json", "--kind", "qq,coefficients", "--label", "907", "-o", "two.svg") == (0, "") and sorted(
+            path.name for path in self.folder.glob("two*")) == ["two-coefficients.svg", "two-qq.svg"], "two kinds in one call")
         before = (self.folder / "lines.svg").read_bytes()
         self.plot("plots.json", "--kind", "lines", "-o", "lines.svg")
         self.check((self.folder / "lines.svg").read_bytes() == before, "the same picture twice differs")
@@ -269,6 +280,8 @@ class Tests:
         document = json.loads(self.place.read("plots.json"))
         self.place.write("text.json", "no document")
         self.place.write("other.json", '{"format": "something else"}')
+        self.place.write("older.json", json.dumps(dict(document, format_version=3)))
+        self.check(self.plot("older.json", "--kind", "coefficients", "-o", "older.svg")[0] == 0, "a document of version 3")
         self.place.write("newer.json", json.dumps(dict(document, format_version=99)))
         inner, sizes, large = (json.loads(json.dumps(document)) for _ in range(3))
         inner["phases"][1]["fixed_effects"][2]["estimate"] = "0.4"
@@ -366,11 +379,40 @@ class Tests:
         units = run.document["dimensions"]["level2_units"]
         drawn = [row[0] for row in values.caterpillar(run, 2)[0][1]]
         self.check(len(drawn) == units - 1 and unit not in drawn, f"{len(drawn)} of {units} units drawn")
+        self.plot("--page", "gaps.json", "-o", "gaps.html")
+        lost = sum(line.split()[1] == unit for line in lines)
+        self.check(f"{lost} of {len(lines)} are left out" in Page(self.place.read("gaps.html")).text, "records left out")
+
+    def pooled(self):
+        """Averages: their sub-runs on the page and in the picture of coefficients, missing information, pictures of the last one."""
+        lines = (self.folder / "chem97-1.dat").read_text().splitlines()
+        self.place.write("values.dat", "".join(line + "".join("%7.3f" % (float(line.split()[2]) + (i * k % 7 - 3) / 2) for k in (1, 2)) + "\n"
+                                               for i, line in enumerate(lines)))
+        template = self.place.read("chem97.mdmt")
+        for old, new in (("chem97-1.dat", "values.dat"), ("chem97.mdm", "values.mdm"), ("numl1var:5", "numl1var:7"), ("F8.4)", "F8.4,2F7.3)"),
+                         ("*end l1vars", "V1\nV2\n*end l1vars")):
+            assert old in template, old
+            template = template.replace(old, new, 1)
+        self.place.write("values.mdmt", template)
+        assert self.place.run("-r", "values.mdmt").returncode == 0
+        self.place.write("model3.kdr", self.place.read("model1.kdr").replace("SCORE=", "V1="))
+        self.estimate("values", "model3.kdr", "values.mdm", PLAUSVALS="V1,V2", **FILES, RESFILTYPE="FREEFORMAT")
+        code, told = self.plot("--page", "values.json", "-o", "values.html")
+        page = Page(self.place.read("values.html"))
+        average = json.loads(self.place.read("values.json"))["phases"][0]["fixed_effects"][1]
+        for words in ("V1, V2: normal", "averages of 2 plausible values", "2, V2, values_2.json", "Missing information", "sub-run 2",
+                      f"{100 * average['model_based']['missing_information']:.1f}%"):
+            self.check(words in page.text, f"{words} is not on the page of averages")
+        self.check((code, told, len(page.images)) == (0, "", len(pictures.KINDS)), f"pictures of averages: {told}")
+        run = files.Run(str(self.folder / "values.json"))
+        figure = pictures.drawcoefficients(run, choosephase(run.document))
+        want = [json.loads(self.place.read(f"values_{k}.json"))["phases"][-1]["fixed_effects"][1]["estimate"] for k in (1, 2)]
+        self.check(self.drawn(figure, 2)[0] == want, "the sub-runs beside their average")
 
 
 if __name__ == "__main__":
     tests = Tests(sys.argv[1])
     for part in (tests.randomeffects, tests.records, tests.coefficients, tests.otheroutcomes, tests.pictures, tests.page,
-                 tests.refusals, tests.losses, tests.emptyunit):
+                 tests.refusals, tests.losses, tests.emptyunit, tests.pooled):
         part()
     tests.check.finish()

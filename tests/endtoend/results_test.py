@@ -305,6 +305,8 @@ def series(check, place):
         told = [f"Sub-runs whose iterations were stopped prior to convergence: {' '.join(stopped)}"] if stopped else []
         check(whole["warnings"] == told and (not told or f"WARNING: {told[0]}" in place.read("out.avg")), f"{kind}: {whole['warnings']}")
         check(whole["series"]["subrun"] is None and phases["average"]["subruns"] == 5, f"{kind}: averages")
+        check(whole["series"]["subruns"] == [{"subrun": k, "plausible_value": None, "results": f"mi_{k}.json"} for k in range(1, 6)],
+              f"{kind}: documents of the sub-runs")
         if kind == "linear":
             Numbers(check, "averages").phase(phases["average"], place.averaged())
         else:
@@ -313,7 +315,8 @@ def series(check, place):
     codes = place.series(model() + "RESULTS:broken.json\n", IMPUTED[:2] + ["const"])
     check(codes[:2] == [0, 0] and codes[2] != 0 and not place.exists("broken_3.json"), f"a last failure: {codes}")
     whole, phases = document(check, place, "broken.json")
-    check(whole["series"]["failed_subruns"] == [3] and phases["average"]["subruns"] == 2, "a last failure: the averages")
+    check(whole["series"]["failed_subruns"] == [3] and phases["average"]["subruns"] == 2
+          and [run["subrun"] for run in whole["series"]["subruns"]] == [1, 2], "a last failure: the averages")
     place.write("pv.kdr", model(outcome="SC1", predictors="FEMALE+GC1", plausvals="PLAUSVALS:SC1,SC2,SC3\n",
                                 output="pv.txt") + "RESULTS:never.json\n")
     done = place.run("-results", "pv.json", "pv.mdm", "pv.kdr")

@@ -128,6 +128,8 @@ def complaint(folder, name, data, chance):
         document = json.loads(data.decode())
     except (ValueError, RecursionError):
         return None if code == plot.DAMAGED else f"no JSON, and code {code}", code
+    if isinstance(document, dict) and plot.istype("integer", document.get("format_version")) and document["format_version"] == plot.OLDEST:
+        document["format_version"] = SCHEMA["properties"]["format_version"]["const"]  # an earlier version is read, too
     valid = ORACLE.is_valid(document)
     mine = plot.fault(SCHEMA, document, SCHEMA) if isinstance(document, dict) else "no object"
     if not valid and code != plot.DAMAGED:

@@ -21,6 +21,13 @@ def listed(text):
     return [part.strip() for part in text.split(",") if part.strip()]
 
 
+def kindsof(text):
+    wrong = [kind for kind in listed(text) if kind not in KINDS]
+    if wrong or not listed(text):
+        raise argparse.ArgumentTypeError(f"invalid choice: {', '.join(wrong) or 'none'} (choose from {', '.join(KINDS)})")
+    return list(dict.fromkeys(listed(text)))
+
+
 def options(words):
     kinds = "".join(f"\n  {kind:<13} {name}" for kind, name in KINDS.items())
     parser = argparse.ArgumentParser(
@@ -31,10 +38,11 @@ def options(words):
               "kdr3-plot --compare A.json B.json ... -o TABLE.txt|.md|.html|.tex|.csv|.docx [options]",
         epilog=f"kinds:{kinds}\n\nexit status: 0 drawn, 2 wrong options, 3 a file cannot be read or written,\n"
                "4 a file is damaged or of another kind or run, 5 the run has nothing to draw.")
-    parser.add_argument("results", metavar="RESULTS.json", nargs="+", help="the results document; several to compare")
+    parser.add_argument("results", metavar="RESULTS.json", nargs="+", help="the results document; one or several to compare")
     parser.add_argument("-o", "--output", required=True, metavar="FILE",
                         help="picture (.png, .svg), page (.html) or table (.txt, .md, .html, .tex, .csv, .docx)")
-    parser.add_argument("--kind", choices=KINDS, metavar="KIND", help="what to draw, see below")
+    parser.add_argument("--kind", metavar="KIND,...", type=kindsof,
+                        help="what to draw, see below; of several each picture has its kind in its name")
     parser.add_argument("--page", action="store_true", help="one HTML page with tables and all pictures")
     parser.add_argument("--compare", action="store_true", help="a table of several models, with tests of neighbours")
     parser.add_argument("--units", metavar="ID,...", type=listed,
@@ -57,13 +65,13 @@ def options(words):
         parser.error("one of --kind, --page and --compare is needed")
     o.mode, = modes
     for name, (kinds, compares) in USES.items():
-        if getattr(o, name.replace("-", "_")) and not {"kind": o.kind in kinds, "page": name in ONPAGE, "compare": compares}[o.mode]:
-            parser.error(f"--{name} has no effect on --{o.mode}" + (f" {o.kind}" if o.kind else ""))
+        has = {"kind": bool(set(o.kind or ()) & set(kinds)), "page": name in ONPAGE, "compare": compares}[o.mode]
+        if getattr(o, name.replace("-", "_")) and not has:
+            parser.error(f"--{name} has no effect on --{o.mode}" + (f" {','.join(o.kind)}" if o.kind else ""))
     if o.mode != "compare" and len(o.results) > 1:
         parser.error(f"--{o.mode} takes one results document")
-    if o.mode == "compare" and (len(o.results) < 2 or len(o.names or o.results) != len(o.results)):
-        parser.error("--compare takes two results documents or more" if len(o.results) < 2 else
-                     f"--names has {len(o.names)} names for {len(o.results)} models")
+    if o.mode == "compare" and len(o.names or o.results) != len(o.results):
+        parser.error(f"--names has {len(o.names)} names for {len(o.results)} models")
     ending = os.path.splitext(o.output)[1].lower()
     if ending not in ENDINGS_OF[o.mode]:
         *some, last = ENDINGS_OF[o.mode]
@@ -121,7 +129,7 @@ def comparison(o, ending):
                                   for document, path in zip(documents, o.results)])
     names = o.names or apart(o.results)
     made = Comparison([Column(document, name, o.phase) for document, name in zip(documents, names)], o)
-    return writers.tableof(made, o.title, ending)
+    return writers.tableof(made, o.title or (documents[0]["title"] if len(documents) == 1 else None), ending)
 
 
 def apart(paths):
@@ -130,20 +138,31 @@ def apart(paths):
     return names if len(set(names)) == len(names) else [os.path.splitext(path)[0] for path in paths]
 
 
+def pictures(o, ending):
+    """The bytes of each picture by its name; of several kinds each has its kind in its name."""
+    run, made = Run(o.results[0], o.folder), {}
+    stem = os.path.splitext(o.output)[0]
+    names = {kind: o.output if len(o.kind) == 1 else f"{stem}-{kind}{ending}" for kind in o.kind}
+    for name in names.values():
+        refuseloss(name, o.mode, [(run.document, run.path, run.folder)])
+    for kind, name in names.items():
+        title = ", ".join(filter(None, (run.document["title"], source(kind, run))))
+        made[name] = picture(draw(kind, run, o, title), ending[1:])
+    return made
+
+
+def pageof(o):
+    run = Run(o.results[0], o.folder)
+    refuseloss(o.output, o.mode, [(run.document, run.path, run.folder)])
+    return page(run, o).encode()
+
+
 def main(words):
     o, ending = options(words)
     try:
-        if o.mode == "compare":
-            data = comparison(o, ending)
-        else:
-            run = Run(o.results[0], o.folder)
-            refuseloss(o.output, o.mode, [(run.document, run.path, run.folder)])
-            if o.page:
-                data = page(run, o).encode()
-            else:
-                title = ", ".join(filter(None, (run.document["title"], source(o.kind, run))))
-                data = picture(draw(o.kind, run, o, title), ending[1:])
-        write(o.output, data)
+        made = pictures(o, ending) if o.kind else {o.output: pageof(o) if o.page else comparison(o, ending)}
+        for name, data in made.items():
+            write(name, data)
     except Refusal as refusal:
         warn(str(refusal))
         return refusal.code

@@ -2,9 +2,9 @@
 import collections
 
 from .digits import degrees, interval, places, pvalue, shown, statistic
-from .document import choosephase, outcomes
+from .document import choosephase, outcomes, twolevel
 from .model import engine, formula, rationame, thresholdname
-from .nested import compared, held, loglikelihood, randomterms, termsof
+from .nested import LOWER, TOP, compared, groupof, held, loglikelihood, randomterms, sizesof, termsof
 
 
 class Column:
@@ -57,8 +57,12 @@ class Comparison:
 
     # Fixed effects
 
-    def fixedcell(self, effect):
-        side = "robust" if self.o.robust else "model_based"
+    def sideof(self, column):
+        """Which standard errors: where there are none by the model, the robust ones."""
+        model = any(effect["model_based"] for effect in column.phase["fixed_effects"])
+        return "robust" if self.o.robust or not model else "model_based"
+
+    def fixedcell(self, effect, side):
         test = effect[side] or {}
         ratio = self.o.ratio and "ratio" in effect and not effect["threshold"]
         value = effect["ratio"] if ratio else effect["estimate"]
@@ -71,7 +75,7 @@ class Comparison:
         them."""
         order, cells, names = [], {}, {}
         for k, column in enumerate(self.columns):
-            terms, last = termsof(column.document), -1
+            terms, last, side = termsof(column.document), -1, self.sideof(column)
             for i, effect in enumerate(column.phase["fixed_effects"]):
                 threshold = thresholdname(column.document, effect)
                 key = (threshold is not None, terms[i])
@@ -79,7 +83,7 @@ class Comparison:
                     order.insert(last + 1, key)
                     names[key] = threshold or effect["label"], terms[i]
                 last = order.index(key)
-                cells.setdefault(key, {})[k] = self.fixedcell(effect)
+                cells.setdefault(key, {})[k] = self.fixedcell(effect, side)
         labels = toldapart(names)
         rows = lambda wanted: [Row(labels[key], [cells[key].get(k) for k in range(len(self.columns))])
                                for key in order if key[0] == wanted]
@@ -92,28 +96,41 @@ class Comparison:
     # Random part
 
     def variances(self):
-        sections, order, found, names = [], {3: [], 2: []}, {}, {}
+        sections, order, found, names = [], {TOP: [], LOWER: []}, {}, {}
         for k, column in enumerate(self.columns):
             terms = randomterms(column.document)
-            for level, name in ((2, "tau_pi"), (3, "tau_beta")):
-                tau, mine = column.phase[name], [term for term in terms if term[0] == level]
+            for own, name in ((groupof(column.document, 2), "tau_pi"), (TOP, "tau_beta")):
+                group = LOWER if self.islower(column) else own
+                tau, mine = column.phase[name], [(group, *term[1:]) for term in terms if term[0] == own]
                 for i, row in enumerate(tau["rows"] if tau and tau["estimate"] else ()):
-                    names[mine[i]] = row["label"], {mine[i][1:]}
+                    names[mine[i]] = row["label"], {mine[i]}
                     for j in [i, *range(i)]:
                         key = frozenset((mine[i], mine[j]))
-                        if key not in order[level]:
-                            order[level].append(key)
+                        if key not in order[group]:
+                            order[group].append(key)
                         found.setdefault(key, {})[k] = self.taucell(column.phase, name, i, j)
-        for level in (3, 2):
-            labels = toldapart({term: name for term, name in names.items() if term[0] == level})
+        for group in (TOP, LOWER):
+            labels = toldapart({term: name for term, name in names.items() if term[0] == group})
             rows = [Row(("Variance: " if len(key) == 1 else "Correlation: ") + ", ".join(sorted(labels[term] for term in key)),
                         [found[key].get(k) for k in range(len(self.columns))], None if len(key) == 1 or self.o.intervals else 2)
-                    for key in sorted(order[level], key=len)]
-            sections.append((f"Random effects of level {level}", rows))
+                    for key in sorted(order[group], key=len)]
+            sections.append((f"Random effects of {self.unitsof(group)}", rows))
         cells = [self.sigmacell(column) for column in self.columns]
         linear = any(column.document["model"]["link"] == "identity" for column in self.columns)
         sections.append(("Level 1", [Row("Variance" if linear else "Dispersion", cells)] if any(cells) else []))
         return sections
+
+    def islower(self, column):
+        """Are the units of two levels as many as those below the highest level of a model of three?"""
+        sizes = [sizesof(other.document) for other in self.columns if not twolevel(other.document)]
+        count = column.document["dimensions"]["level2_units"]
+        return twolevel(column.document) and count in {size[2] for size in sizes} - {size[1] for size in sizes}
+
+    def unitsof(self, group):
+        """The number of the level, where it is that of all models."""
+        levels = {2 if twolevel(column.document) or group == LOWER else 3 for column in self.columns
+                  if group == (LOWER if self.islower(column) else TOP) or not twolevel(column.document)}
+        return f"level {levels.pop()}" if len(levels) == 1 else group
 
     def taucell(self, phase, name, i, j):
         tau, bounds = phase[name], None
@@ -148,11 +165,14 @@ class Comparison:
         return [Row(label, cells, decimals)] if any(cells) else []
 
     def sizes(self):
-        sizes = [column.document["dimensions"] for column in self.columns]
+        sizes = [sizesof(column.document) for column in self.columns]
+        sizes = [(size[0], None, size[1]) if self.islower(column) else size for column, size in zip(self.columns, sizes)]
         rows = []
-        for key, label in (("level3_units", "Level-3 units"), ("level2_units", "Level-2 units"), ("records", "Records")):
-            rows += self.plain(label, [size[key] for size in sizes])
-        return rows + self.plain("Data sets pooled", [column.phase.get("subruns") for column in self.columns])
+        for place, group in ((1, TOP), (2, LOWER)):
+            name = self.unitsof(group)
+            rows += self.plain(name[0].upper() + name[1:].replace(" ", "-") + " units" if name.startswith("level") else f"Units of {name}",
+                               [size[place] for size in sizes])
+        return rows + self.plain("Records", [size[0] for size in sizes]) + self.plain("Data sets pooled", [column.phase.get("subruns") for column in self.columns])
 
     def fit(self):
         phases = [column.phase for column in self.columns]
@@ -177,10 +197,13 @@ class Comparison:
     # What stands below
 
     def tell(self):
-        side = "robust" if self.o.robust else "model-based"
+        sides = {column.name: self.sideof(column).replace("_", "-") for column in self.columns}
+        side = " or ".join(sorted(set(sides.values())))
         beside = "95% intervals in brackets" if self.o.intervals or self.o.ratio else "standard errors in parentheses"
         outcomes = dict.fromkeys(column.outcome for column in self.columns)
         self.notes.append(f"Outcome: {', '.join(outcomes)}. Of fixed effects, {side} {beside}.")
+        if " or " in side:
+            self.notes += [f"{name}: {words} errors." for name, words in sides.items()]
         self.notes += [f"{column.name}: {formula(column.document)[0]}" for column in self.columns]
         self.shared([(column.name, note) for column in self.columns for note in aboutcolumn(column)])
         self.shared([(f"{a} against {b}", note) for a, b, made in self.tests for note in made["notes"]])
@@ -226,8 +249,9 @@ def toldapart(names):
 
 def centerings(term):
     """How the variables of a term stand in it."""
-    words = {"none": "as it is", "group mean": "less its mean in the unit", "grand mean": "less its mean"}
-    return ", ".join(f"{part[0]} {words[part[1]]}" for part in term if isinstance(part, tuple)) or "intercept"
+    words = {"none": "as it is", "grand mean": "less its mean"}
+    return ", ".join(f"{name} {words.get(mark, f'less its mean in the unit of {mark[12:]}')}"
+                     for name, mark in sorted(term[-1])) or "intercept"
 
 
 def iccof(phase, key):

@@ -107,6 +107,31 @@ def disagreement(document):
     return None
 
 
+# What version 4 has added where a member was required, by the place of its owner, and what it would be in version 3.
+OLDEST = 3
+ADDED = (((), "records_hash", None), ((), "coding", None), (("phases",), "covariance", None), (("phases",), "robust_covariance", None),
+         (("checksums",), "phase", None), (("model", "weights"), "scale", "mean"))
+
+
+def modernize(document, schema):
+    """Makes a document of an earlier version, whose members all kept their places, one of this version."""
+    version = document.get("format_version")
+    if not istype("integer", version) or not OLDEST <= version < schema["properties"]["format_version"]["const"]:
+        return
+    document["format_version"] = schema["properties"]["format_version"]["const"]
+    for path, name, value in ADDED:
+        rule, owners = schema, [document]
+        for step in path:
+            rule, owners = rule["properties"][step], [owner.get(step) for owner in owners if isinstance(owner, dict)]
+            if rule.get("type") == "array":
+                rule, owners = rule["items"], [one for owner in owners if isinstance(owner, list) for one in owner]
+            rule = schema["$defs"][rule["$ref"].removeprefix("#/$defs/")] if "$ref" in rule else rule
+        if name in rule["properties"]:
+            for owner in owners:
+                if isinstance(owner, dict):
+                    owner.setdefault(name, value)
+
+
 def readresults(path):
     try:
         with open(path, encoding="utf-8") as file:
@@ -122,6 +147,7 @@ def readresults(path):
     if not isinstance(document, dict) or document.get("format") != "kdr3 results":
         raise Refusal(DAMAGED, f"{path} is not a results document: it lacks \"format\": \"kdr3 results\"")
     schema = readschema()
+    modernize(document, schema)
     mine, its = schema["properties"]["format_version"]["const"], document.get("format_version")
     if istype("integer", its) and its != mine:
         raise Refusal(DAMAGED, f"{path} has format_version {its}; this program reads {mine}")

@@ -8,23 +8,33 @@ random terms one of the larger one. Elements of a covariance matrix may be held 
 from .digits import chisquarep
 from .document import isintercept, twolevel, wholename
 
+TOP, LOWER = "the highest level", "the level below"  # of units
 ENGINES = {"final": "linear", "laplace6": "Laplace-6", "quadrature": "quadrature"}
 
 
-def place(document, level, variable):
-    """A variable of an equation with its centering; "" for an intercept."""
-    name = variable["variable"]
-    return "" if name is None or isintercept(name) else (wholename(document, level, name), variable["centering"])
+def groupof(document, level):
+    """Which units these are: those of the highest level, or those within them. Data of two levels have the former alone."""
+    return TOP if level == (2 if twolevel(document) else 3) else LOWER
+
+
+def part(document, level, variable):
+    """A variable of an equation with its centering, as a set; empty for an intercept. At whichever level it stands: the
+    same variable may be one of level 1 in one data file, of level 2 in the other."""
+    name, centering = variable["variable"], variable["centering"]
+    if name is None or isintercept(name):
+        return frozenset()
+    return frozenset({(wholename(document, level, name),
+                       f"group mean, {groupof(document, level + 1)}" if centering == "group mean" else centering)})
 
 
 def termsof(document):
-    """The terms of each fixed effect, by its place in fixed_effects."""
+    """The terms of each fixed effect, by its place in fixed_effects: (category, variables with their centering)."""
     groups = {}
     for e in document["model"]["equations"]:
         for t in e["terms"]:
             for f in t["effects"]:
                 groups.setdefault(f["fixed_effect"], set()).add(
-                    (e["category"], place(document, 1, e), place(document, 2, t), place(document, 3, f)))
+                    (e["category"], part(document, 1, e) | part(document, 2, t) | part(document, 3, f)))
     return {number: frozenset(group) for number, group in groups.items()}
 
 
@@ -33,11 +43,17 @@ def fixedgroups(document):
 
 
 def randomterms(document):
-    """(level, category, level-1 variable, level-2 variable) of each random effect, in the order of the matrices."""
+    """(units, category, variables) of each random effect, in the order of the matrices."""
     equations = [e for e in document["model"]["equations"] if not e["threshold"]]
-    return ([(2, e["category"], place(document, 1, e), "") for e in equations if e["random"]]
-            + [(3, e["category"], place(document, 1, e), place(document, 2, t))
-               for e in equations for t in e["terms"] if t["random"]])
+    return ([(groupof(document, 2), e["category"], part(document, 1, e)) for e in equations if e["random"]]
+            + [(TOP, e["category"], part(document, 1, e) | part(document, 2, t))
+               for e in equations for t in e["terms"] if t["random"] and not twolevel(document)])
+
+
+def tausof(column):
+    """The matrices of random effects by units."""
+    return {groupof(column.document, level): column.phase[name] for level, name in ((2, "tau_pi"), (3, "tau_beta"))
+            if level == 2 or not twolevel(column.document)}
 
 
 def spans(larger, smaller):
@@ -62,26 +78,41 @@ def loglikelihood(phase):
     return value
 
 
+def sizesof(document):
+    sizes = document["dimensions"]
+    if twolevel(document):
+        return sizes["records"], sizes["level2_units"], None
+    return sizes["records"], sizes["level3_units"], sizes["level2_units"]
+
+
+def weightsof(document):
+    """Names of weights by units, without those that there are none of."""
+    weights = document["model"]["weights"]
+    return {1 if level == 1 else groupof(document, level): weights[f"level{level}"] for level in (1, 2, 3)
+            if weights[f"level{level}"]}, weights["known_variance"], weights.get("scale")
+
+
 def otherdata(a, b):
     """Why the two models rest on other data: a sentence, or None."""
     one, other = a.document, b.document
     if one["model"]["outcome"] != other["model"]["outcome"] or a.outcome != b.outcome:
         return f"the outcomes differ ({a.outcome} and {b.outcome})"
-    sizes = {"records": "records", "level2_units": "level-2 units", "level3_units": "level-3 units"}
-    for key, what in sizes.items():
-        x, y = one["dimensions"][key], other["dimensions"][key]
-        if x != y and None not in (x, y):
-            return f"they rest on different data ({x} and {y} {what})"
-    if twolevel(one) != twolevel(other):
-        return "one has two levels and the other three, and what their levels are the documents do not tell"
     x, y = one.get("records_hash"), other.get("records_hash")
+    if twolevel(one) != twolevel(other):
+        if None in (x, y):
+            return "one has two levels and the other three, and what their levels are the documents do not tell"
+        if sizesof(one)[1] != sizesof(other)[1]:
+            return "one has two levels and the other three, whose highest one has other units"
+    for what, a, b in zip(("records", "units of the highest level", "units below it"), sizesof(one), sizesof(other)):
+        if a != b and None not in (a, b):
+            return f"they rest on different data ({a} and {b} {what})"
     if x is not None and y is not None and x != y:
-        return "they rest on different records (their hashes differ)"
+        return "they rest on different records, or on records that are grouped otherwise (their hashes differ)"
     for key, what in (("distribution", "distributions of the outcome"), ("link", "links"), ("categories", "categories"),
-                      ("count_variable", "trials or exposures"), ("weights", "weights"), ("sigma2_held_at", "held level-1 variances")):
+                      ("count_variable", "trials or exposures"), ("sigma2_held_at", "held level-1 variances")):
         if one["model"][key] != other["model"][key]:
             return f"their {what} differ"
-    return None
+    return "their weights differ" if weightsof(one) != weightsof(other) else None
 
 
 def nolikelihood(a, b):
@@ -113,8 +144,8 @@ def held(tau, i, j):
 
 def heldotherwise(larger, smaller):
     """Is an element held in the larger model that is free, or held elsewhere, in the smaller one?"""
-    for name in ("tau_pi", "tau_beta"):
-        one, other = larger.phase[name], smaller.phase[name]
+    for group, other in tausof(smaller).items():
+        one = tausof(larger).get(group)
         if not one or not other:
             continue
         spots = [next((i for i, r in enumerate(one["rows"]) if r["label"] == row["label"]), None) for row in other["rows"]]
