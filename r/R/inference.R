@@ -146,7 +146,8 @@ manyfits <- function(object, y, threads = NULL) {
     if (!is.null(outcome$weights)) y <- y * sqrt(outcome$weights)
   }
   storage.mode(y) <- "double"
-  if (is.null(threads)) threads <- max(1L, corecount())
+  if (is.null(threads)) threads <- getOption("mc.cores", parallel::detectCores())
+  if (is.na(threads)) threads <- 1L
   found <- .Call(C_kdr3r_refits, told$spec, y, as.integer(threads))
   if (isTRUE(found$interrupted)) interrupted()
   values <- found$values
@@ -157,14 +158,10 @@ manyfits <- function(object, y, threads = NULL) {
   list(values = values, failed = sum(is.na(values[, 1L])), error = found$error, told = told, g = g, p = p, b = b)
 }
 
-corecount <- function() {
-  n <- suppressWarnings(as.integer(Sys.getenv("OMP_NUM_THREADS", "")))
-  if (!is.na(n) && n > 0L) return(n)
-  tryCatch(as.integer(system2("getconf", "_NPROCESSORS_ONLN", stdout = TRUE, stderr = FALSE)), error = function(e) 1L, warning = function(w) 1L)
-}
-
 bootstrap <- function(object, nsim = 1000, seed = NULL, threads = NULL, ...) {
   if (!inherits(object, "kdr3")) refuse("bootstrap() needs a fit of kdr3().", class = "kdr3_refused")
+  if (any(paste0("(weights", 1:3, ")") %in% names(object$frame)))
+    refuse("Outcomes can't be drawn from a model with design weights.", class = "kdr3_refused")
   if (!is.null(seed)) {
     if (!exists(".Random.seed", envir = globalenv())) stats::runif(1)
     before <- get(".Random.seed", envir = globalenv())

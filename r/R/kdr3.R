@@ -80,7 +80,7 @@ settingsof <- function(family, reml, ddf, engine, points, control, effects) {
   settings <- numeric()
   if (reml) settings["REML"] <- 1
   settings["DDF"] <- c(counts = 0, satterthwaite = 1, "kenward-roger" = 2)[[ddf]]
-  if (family$family != "gaussian" && !categorical(family))
+  if (family$family != "gaussian")
     switch(engine,
            quadrature = if (is.null(points) && max(effects) <= 4L) settings["AGQAUTO"] <- 1 else
              settings["AGQ"] <- if (is.null(points)) 1 else points,
@@ -180,7 +180,19 @@ fitframe <- function(frame, options, hypotheses = NULL, call = NULL) {
   settings <- settingsof(options$family, options$reml, options$ddf, engine, options$points, options$control, sizes)
   told <- specof(design, outcome, options$family, weights, settings, categories, deparse1(options$formula[[2L]]))
   told$spec$hypotheses <- hypothesesof(hypotheses, told$fixed)
-  result <- checked(.Call(C_kdr3r_fit, told$spec))
+  result <- .Call(C_kdr3r_fit, told$spec)
+  if (categorical(options$family) && engine != "pql" && !is.null(result$error)) {
+    # Libraries whose engines have no outcomes with categories.
+    other <- told
+    other$spec$settings <- told$spec$settings[setdiff(names(told$spec$settings), c("AGQ", "AGQAUTO", "LAPLACE"))]
+    again <- .Call(C_kdr3r_fit, other$spec)
+    if (is.null(again$error)) {
+      message(result$error, " Estimated by quasi-likelihood.")
+      engine <- "pql"
+      result <- again
+    }
+  }
+  checked(result)
   result$warnings <- sub("^WARNING: ", "", result$warnings)
   object <- objectof(result, told, design, outcome, frame, options, engine)
   object$call <- call

@@ -148,13 +148,13 @@ vcov.kdr3 <- function(object, type = c("model", "robust", "CR2"), ...) {
   V
 }
 
-# The same model once more, with other settings or hypotheses.
+# The same model once more, with other settings, hypotheses or outcome. What the first fit warned of is known already.
 refitted <- function(object, settings = NULL, hypotheses = NULL, frame = object$frame) {
   options <- object$options
   options$engine <- object$engine
   options$control <- utils::modifyList(as.list(options$control), as.list(settings))
-  suppressMessages(withCallingHandlers(fitframe(frame, options, hypotheses, object$call),
-                                       kdr3_fitwarning = function(w) tryInvokeRestart("muffleWarning")))
+  suppressMessages(withCallingHandlers(fitframe(frame, options, hypotheses, object$call), kdr3_warning = function(w)
+    if (conditionMessage(w) %in% object$warnings) tryInvokeRestart("muffleWarning")))
 }
 
 sigma.kdr3 <- function(object, ...) if (hassigma(object)) sqrt(object$sigma2) else 1

@@ -3,7 +3,6 @@
 headline <- function(object) {
   family <- object$family
   estimator <- if (hassigma(object)) (if (object$options$reml) "REML" else "maximum likelihood") else
-    if (categorical(family)) "quasi-likelihood (PQL)" else
     switch(object$engine, quadrature = paste0("maximum likelihood (adaptive quadrature", pointswords(object), ")"),
            laplace = "maximum likelihood (Laplace approximation)", laplace6 = "maximum likelihood (Laplace approximation of order 6)",
            pql = "quasi-likelihood (PQL)")
