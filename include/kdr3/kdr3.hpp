@@ -158,8 +158,9 @@ class Result : public detail::Handle<kdr3_result, kdr3_result_free> {
 
 // What sees a fit; each may be empty.
 struct Observer {
-  std::function<bool()> stop;  // true ends the fit between two iterations
-  std::function<void(const std::string& sentence)> progress;
+  std::function<bool()> stop{};  // true ends the fit between two iterations
+  std::function<void(const std::string& sentence)> progress{};
+  std::function<bool()> abandon{};  // true gives the fit up, an error
 };
 
 // How a level-1 coefficient enters: random2 varies between level-2 units, random3 its mean between level-3 units.
@@ -218,8 +219,9 @@ class Model : public detail::Handle<kdr3_model, kdr3_model_free> {
     Result result;
     result.sentence = sentence;
     if (!*this) return result;
-    kdr3_observer plain{sizeof(kdr3_observer), const_cast<Observer*>(&observer), nullptr, nullptr};
+    kdr3_observer plain{sizeof(kdr3_observer), const_cast<Observer*>(&observer), nullptr, nullptr, nullptr};
     if (observer.stop) plain.stop = [](void* state) { return static_cast<Observer*>(state)->stop() ? 1 : 0; };
+    if (observer.abandon) plain.abandon = [](void* state) { return static_cast<Observer*>(state)->abandon() ? 1 : 0; };
     if (observer.progress)
       plain.progress = [](void* state, const char* text) { static_cast<Observer*>(state)->progress(text); };
     kdr3_result* made = nullptr;

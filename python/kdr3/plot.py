@@ -1,7 +1,25 @@
 """Pictures of a result, with matplotlib. Each method returns the figure, which a notebook shows."""
 from __future__ import annotations
 
+import io
+
 import numpy as np
+
+
+def _picture(**given):
+    """A figure that a notebook shows by itself, whatever it has been told about matplotlib."""
+    try:
+        from matplotlib.figure import Figure
+    except ImportError:
+        raise ImportError("Pictures need matplotlib.") from None
+
+    class Picture(Figure):
+        def _repr_png_(self):
+            made = io.BytesIO()
+            self.savefig(made, format="png", dpi=100)
+            return made.getvalue()
+
+    return Picture(**given)
 
 
 class Plots:
@@ -11,12 +29,13 @@ class Plots:
         self._m = results
 
     def _axes(self, panels: int = 1, height: float = 4.0):
-        try:
-            from matplotlib.figure import Figure
-        except ImportError:
-            raise ImportError("Pictures need matplotlib.") from None
-        figure = Figure(figsize=(5.5 * panels, height), layout="constrained")
-        return figure, np.atleast_1d(figure.subplots(1, panels))
+        wide = min(panels, 3)
+        deep = -(-panels // wide)
+        figure = _picture(figsize=(5.5 * wide, height * deep), layout="constrained")
+        axes = np.ravel(figure.subplots(deep, wide))
+        for empty in axes[panels:]:
+            empty.set_axis_off()
+        return figure, axes[:panels]
 
     def residuals(self):
         """Pearson residuals against the fitted values."""

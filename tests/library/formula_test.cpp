@@ -1,0 +1,170 @@
+// Formulas by the C header: kinds of columns, new data by the coding of the old, refits, refusals.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "kdr3/kdr3.h"
+
+namespace {
+
+constexpr double nan = std::numeric_limits<double>::quiet_NaN();
+
+kdr3_field field(const char* name, kdr3_type type, const void* values) {
+  kdr3_field made{};
+  made.size = sizeof made;
+  made.name = name;
+  made.type = type;
+  made.values = values;
+  return made;
+}
+
+// 20 schools of 6 records. Arms are codes that count from 1, as R holds a factor, and one of them is missing.
+struct Records {
+  std::vector<double> y, x, school;
+  std::vector<std::int32_t> arm;
+  const char* labels[3] = {"none", "tutor", "book"};
+  std::vector<kdr3_field> fields;
+
+  Records() {
+    unsigned state = 7;
+    const auto noise = [&] {
+      return static_cast<double>((state = state * 1664525U + 1013904223U) >> 8) / 8388608.0 - 1;
+    };
+    for (int k = 0; k < 20; ++k) {
+      const double v = 2 * noise();
+      for (int i = 0; i < 6; ++i) {
+        school.push_back(100 - k);
+        x.push_back(noise() + i);
+        arm.push_back(1 + (k + i) % 3);
+        y.push_back(2 + v + x.back() + 0.5 * arm.back() + noise());
+      }
+    }
+    arm[4] = std::numeric_limits<std::int32_t>::min();
+    fields = {field("y", KDR3_DOUBLE, y.data()), field("x", KDR3_DOUBLE, x.data()),
+              field("school", KDR3_DOUBLE, school.data()), field("arm", KDR3_INT32, arm.data())};
+    fields[3].labels = labels;
+    fields[3].labelcount = 3;
+    fields[3].first = fields[3].ordered = 1;
+  }
+  [[nodiscard]] kdr3_formula* make(const char* text, kdr3_status wanted = KDR3_OK) const {
+    kdr3_formula* formula = nullptr;
+    EXPECT_EQ(kdr3_formula_make(text, nullptr, y.size(), fields.size(), fields.data(), &formula), wanted)
+        << text << kdr3_message();
+    return formula;
+  }
+};
+
+std::vector<double> estimates(kdr3_model* model, const kdr3_observer* observer = nullptr) {
+  kdr3_result* result = nullptr;
+  if (kdr3_fit(model, observer, &result) == KDR3_ERROR) return {};
+  kdr3_summary summary{};
+  summary.size = sizeof summary;
+  EXPECT_EQ(kdr3_result_summary(result, &summary), KDR3_OK);
+  std::vector<double> values(summary.fixedeffects);
+  EXPECT_EQ(kdr3_result_fixed(result, values.data(), nullptr, nullptr, nullptr), KDR3_OK);
+  values.push_back(summary.iterations);
+  kdr3_result_free(result);
+  return values;
+}
+
+TEST(Library, FormulasCodeNewDataAsTheOld) {
+  const Records records;
+  kdr3_formula* formula = records.make("y ~ scale(x) + arm + (x | school)", KDR3_WARNING);
+  EXPECT_STREQ(kdr3_formula_text(formula, KDR3_WARNINGS, 0),
+               "1 of 120 records of the table are left out, 119 remain: arm is missing in 1.");
+  const char* names[] = {"(Intercept)", "scale(x)", "armtutor", "armbook"};
+  for (std::size_t i = 0; i < 4; ++i) EXPECT_STREQ(kdr3_formula_text(formula, KDR3_EFFECTS, i), names[i]);
+  EXPECT_EQ(kdr3_formula_text(formula, KDR3_EFFECTS, 4), nullptr);
+  std::size_t count = 0;
+  EXPECT_EQ(kdr3_formula_records(formula, &count, nullptr, nullptr, nullptr), KDR3_OK);
+  std::vector<std::size_t> rows(count), units(count);
+  EXPECT_EQ(kdr3_formula_records(formula, nullptr, rows.data(), units.data(), nullptr), KDR3_OK);
+  EXPECT_EQ(rows[0], 114U);  // of the school with the lowest number
+  EXPECT_EQ(units.back(), 19U);
+  std::vector<double> own(count * 4), x{records.x[rows[3]], 1.0, nan};
+  EXPECT_EQ(kdr3_formula_matrix(formula, KDR3_EFFECTS, count, 0, nullptr, own.data()), KDR3_OK);
+  const char* arms[] = {records.labels[records.arm[rows[3]] - 1], "magic", "none"};
+  const kdr3_field other[] = {field("x", KDR3_DOUBLE, x.data()),
+                              field("arm", KDR3_TEXT, static_cast<const void*>(arms))};
+  double made[12];
+  EXPECT_EQ(kdr3_formula_matrix(formula, KDR3_EFFECTS, 3, 2, other, made), KDR3_OK) << kdr3_message();
+  for (int c = 0; c < 4; ++c) EXPECT_DOUBLE_EQ(made[c], own[3 * 4 + static_cast<std::size_t>(c)]);
+  EXPECT_TRUE(std::isnan(made[4 + 2]) && std::isnan(made[8 + 1]));
+  EXPECT_FALSE(std::isnan(made[4 + 1]) || std::isnan(made[8 + 2]));
+  EXPECT_EQ(kdr3_formula_matrix(formula, KDR3_EFFECTS, 3, 1, other, made), KDR3_ERROR);
+  EXPECT_STREQ(kdr3_message(), "The new data have no column arm.");
+  kdr3_formula_free(formula);
+}
+
+TEST(Library, RefitsStartWhereAnotherEndedAndReplicatesAreOfTheSeed) {
+  const Records records;
+  kdr3_formula* formula = records.make("y ~ x + (1 | school)");
+  kdr3_model* model = kdr3_formula_model(formula);
+  kdr3_result* result = nullptr;
+  ASSERT_NE(kdr3_fit(model, nullptr, &result), KDR3_ERROR);
+  kdr3_summary summary{};
+  summary.size = sizeof summary;
+  double gamma[2], tau = 0;
+  EXPECT_EQ(kdr3_result_summary(result, &summary), KDR3_OK);
+  EXPECT_EQ(kdr3_result_fixed(result, gamma, nullptr, nullptr, nullptr), KDR3_OK);
+  EXPECT_EQ(kdr3_result_variances(result, &tau, nullptr, nullptr, nullptr, nullptr), KDR3_OK);
+  kdr3_result_free(result);
+  EXPECT_EQ(kdr3_model_start(model, 2, gamma, 1, &tau, 0, nullptr, summary.sigma2), KDR3_OK);
+  const std::vector<double> again = estimates(model);
+  EXPECT_NEAR(again[0], gamma[0], 1e-5 * std::fabs(gamma[0]));
+  EXPECT_LE(again[2], summary.iterations);
+  EXPECT_EQ(kdr3_model_start(model, 2, gamma, 0, nullptr, 0, nullptr, 1.0), KDR3_OK);
+  EXPECT_TRUE(estimates(model).empty());
+  EXPECT_STREQ(kdr3_message(), "The starting values are not those of 2 fixed effects and of 1 and 0 random ones.");
+  EXPECT_EQ(kdr3_model_start(model, 2, gamma, 1, &tau, 0, nullptr, summary.sigma2), KDR3_OK);
+  std::vector<double> rows[2];
+  for (const int threads : {1, 2}) {
+    EXPECT_EQ(kdr3_model_set(model, "THREADS", threads), KDR3_OK);
+    EXPECT_EQ(kdr3_model_bootstrap(model, 30, 5, 0), KDR3_OK);
+    ASSERT_NE(kdr3_fit(model, nullptr, &result), KDR3_ERROR) << kdr3_message();
+    std::size_t asked = 0, tried = 0;
+    EXPECT_EQ(kdr3_result_replicates(result, &asked, &tried, nullptr), KDR3_OK);
+    EXPECT_EQ(asked + tried, 60U);
+    rows[threads - 1].resize(30 * 4);
+    EXPECT_EQ(kdr3_result_replicates(result, nullptr, nullptr, rows[threads - 1].data()), KDR3_OK);
+    EXPECT_NE(std::string(kdr3_result_document(result, KDR3_JSON)).find("\"bootstrap\": {"), std::string::npos);
+    kdr3_result_free(result);
+  }
+  EXPECT_EQ(rows[0], rows[1]);
+  int flag = 1;
+  kdr3_observer observer{sizeof observer, &flag, nullptr, nullptr, kdr3_raised};
+  EXPECT_TRUE(estimates(model, &observer).empty());
+  EXPECT_STREQ(kdr3_message(), "The fit was stopped.");
+  flag = 0;
+  EXPECT_EQ(estimates(model, &observer).size(), 3U);
+  kdr3_formula_free(formula);
+}
+
+TEST(Library, FormulasAreRefusedInWords) {
+  Records records;
+  const auto refused = [&](const char* text) {
+    kdr3_formula_free(records.make(text, KDR3_ERROR));
+    return std::string(kdr3_message());
+  };
+  EXPECT_EQ(
+      refused("y ~ X + xx + (1 | school)"),
+      "The table has no column xx. The columns are y, x, school, arm.\n  y ~ X + xx + (1 | school)\n          ^^");
+  EXPECT_NE(refused("y ~ x +").find("^"), std::string::npos);
+  EXPECT_NE(refused("arm ~ x + (1 | school)").find("holds texts"), std::string::npos);
+  records.x[8] = HUGE_VAL;
+  EXPECT_EQ(refused("y ~ x + (1 | school)"), "The column x is infinite in record 9.");
+  kdr3_formula* formula = nullptr;
+  EXPECT_EQ(kdr3_formula_read("log(y) ~ x*z + (x | a/b)", &formula), KDR3_OK);
+  std::string names;
+  for (std::size_t i = 0; kdr3_formula_text(formula, KDR3_COLUMNS, i) != nullptr; ++i)
+    names += kdr3_formula_text(formula, KDR3_COLUMNS, i);
+  EXPECT_EQ(names, "yxzab");
+  EXPECT_EQ(kdr3_formula_model(formula), nullptr);
+  EXPECT_EQ(kdr3_formula_matrix(formula, KDR3_EFFECTS, 0, 0, nullptr, nullptr), KDR3_ERROR);
+  kdr3_formula_free(formula);
+}
+
+}  // namespace
