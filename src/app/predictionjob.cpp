@@ -155,7 +155,8 @@ bool rowsof(const PredictorPlan& plan, const PredictionTable& table, std::size_t
   };
   double exposure = 1.0;
   rows.count = 1.0;
-  if (!beside(table.offset, rows.offset, 0.0) || !beside(table.counts, exposure, 1.0) || !(exposure > 0.0)) return false;
+  if (!beside(table.offset, rows.offset, 0.0) || !beside(table.counts, exposure, 1.0) || !(exposure > 0.0))
+    return false;
   if (!table.counts.empty()) rows.offset += std::log(exposure);
   return true;
 }

@@ -19,7 +19,7 @@ BANDS = ("low", "mid", "top")
 COLUMNS = ("school", "pupil", "year", "ses", "tutoring", "score", "high", "right", "trials", "visits", "weeks", "band", "third",
            "choice")
 NEW = [dict(zip(("year", "ses", "tutoring", "band", "weeks", "school", "pupil"), row)) for row in
-       ((0, -0.65, 1, "low", 1, "S01", 1), (1, 0, 0, "mid", 2, "S02", 2), (3, 1.5, 1, "top", 3, "S03", 99), (2, 0.3, 0, "mid", 1, "S99", 1))]
+       ((0, -0.65, 1, "low", 1, "S01", 1), (1, 0, 0, "mid", 2, "S02", 8), (3, 1.5, 1, "top", 3, "S03", 99), (2, 0.3, 0, "mid", 1, "S99", 1))]
 
 
 def records():
@@ -34,8 +34,8 @@ def table(place, name, rows, columns):
     place.write(name, "\n".join([",".join(columns)] + [",".join(str(r.get(c, "")) for c in columns) for r in rows]) + "\n")
 
 
-def fit(check, place, formula, *words, new="new.csv", code=0):
-    done = place.run("-fit", formula, "data.csv", "-o", "m", *words, *(("-predict", new) if new else ()))
+def fit(check, place, formula, *words, new="new.csv", code=0, stem="m"):
+    done = place.run("-fit", formula, "data.csv", "-o", stem, *words, *(("-predict", new) if new else ()))
     check(done.returncode == code, f"{formula}: code {done.returncode} {done.stdout[-400:]}")
     return done.stdout
 
@@ -216,7 +216,7 @@ def modes(check, place):
         W = numpy.diag(mu * (1 - mu))
         H = Z.T @ W @ Z + P
         b = b + numpy.linalg.solve(H, Z.T @ (y - mu) - P @ b)
-    x, z = rows(NEW[1])[0], numpy.array([1.0] + [float(p == "2") for p in pupils])
+    x, z = rows(NEW[1])[0], numpy.array([1.0] + [float(p == "8") for p in pupils])
     J = x - z @ numpy.linalg.solve(H, Z.T @ W @ X)
     error = math.sqrt((J @ Phi @ J.T)[0, 0] + z @ numpy.linalg.solve(H, z))
     near(check, "modes", [read(place, "m_predictions.csv")[1][name] for name in ("unit_linear", "unit_linear_se")], [(x @ gamma + z @ b)[0], error], 1e-6)
@@ -258,9 +258,8 @@ def told(check, place):
         check(said.count(words) == 1 and words in place.read("m.json"), f"not told once: {words} {said[-600:]}")
     for column, words in (("ses", "has no column ses, which the model needs"), ("school", "")):
         table(place, "less.csv", NEW, [c for c in ("year", "ses", "band", "school") if c != column])
-        place.write("m.kdr", "")
-        said = fit(check, place, "score ~ year + ses + band + (1 | school)", new="less.csv", code=100 if words else 0)
-        check(words in said and (not words or place.read("m.kdr") == ""), f"without {column}: {said[-300:]}")
+        said = fit(check, place, "score ~ year + ses + band + (1 | school)", new="less.csv", code=100 if words else 0, stem="less")
+        check(words in said and (not words or not (place.folder / "less.kdr").exists()), f"without {column}: {said[-300:]}")
     table(place, "new6.csv", [dict(r, ses=float(r["ses"]) * 1e6) for r in NEW], list(NEW[0]))
     table(place, "data6.csv", [dict(r, ses=float(r["ses"]) * 1e6) for r in records()], COLUMNS)
     results = []
@@ -269,8 +268,8 @@ def told(check, place):
         check(done.returncode == 0, done.stdout[-300:])
         results.append((read(place, "m_predictions.csv"), read(place, "m_margins.csv")))
     for one, other in zip(results[0][0], results[1][0]):
-        near(check, "a unit of ses", [other[k] for k in ("average", "average_se", "unit_linear_se")],
-             [float(one[k]) for k in ("average", "average_se", "unit_linear_se")], 2e-5)
+        names = ("average", "average_se", "unit_linear_se")
+        near(check, "a unit of ses", [other[k] for k in names], [float(one[k]) for k in names], 2e-5)
     for one, other in zip(results[0][1], results[1][1]):
         scale = 1e-6 if one["variable"] == "ses" else 1
         near(check, "margins", [other[k] for k in ("average", "average_se")], [scale * float(one[k]) for k in ("average", "average_se")], 2e-5)
@@ -283,15 +282,37 @@ def told(check, place):
     check(place.read("m_margins.csv") == "mine,own\n1,2\n", "a file of the user's is lost")
 
 
+def documents(check, place):
+    """Random effects of -effects against lme4's; which runs have the same records."""
+    fit(check, place, "score ~ year*ses + tutoring + (year | school)", "-effects", new="")
+    _, phase = last(place)
+    known = next(line.split()[2:] for line in (REFERENCE / "predictions.out").read_text().splitlines() if line.startswith("linear ranef"))
+    own = next(unit for unit in phase["random_effects"]["level2"] if unit["level2"] == "S02")
+    near(check, "ranef", own["estimate"] + sum(own["covariance"], []), [float(v) for v in known], 5e-3)
+    check(phase["random_effects"]["level3"] is None and own["level3"] is None, "level 3 of two levels")
+    errors = [f["model_based"]["standard_error"] for f in phase["fixed_effects"]]
+    near(check, "covariance", numpy.sqrt(numpy.diag(phase["covariance"])), errors, 1e-12)
+    data = list(records())
+    table(place, "other.csv", data[::-1], COLUMNS)
+    table(place, "altered.csv", [dict(data[0], score=float(data[0]["score"]) + 1)] + data[1:], COLUMNS)
+    table(place, "moved.csv", [dict(data[0], school="S02")] + data[1:], COLUMNS)
+    hashes = []
+    for formula, name in (("score ~ year + (1 | school)", "data"), ("score ~ ses + (year | school/pupil)", "data"), ("score ~ 1 + (1 | school)", "other"),
+                          ("score ~ year + (1 | school)", "altered"), ("score ~ year + (1 | school)", "moved")):
+        done = place.run("-fit", formula, f"{name}.csv", "-o", "h")
+        hashes.append(json.loads(place.read("h.json"))["records_hash"] if done.returncode == 0 else done.stdout)
+    check(hashes[0] == hashes[1] == hashes[2] and len({*hashes}) == 3, f"records_hash: {hashes}")
+
+
 def commandfile(check, place):
     """The model's own variables, with group and grand means; the same by a formula."""
-    fit(check, place, "score ~ center(year, school:pupil) + center(ses) + (1 | school/pupil)", "-keyword", "TITLE:a", "-margins", "ses=1")
-    wanted, margins = read(place, "m_predictions.csv"), read(place, "m_margins.csv")
+    fit(check, place, "score ~ center(year, school:pupil) + center(ses) + (1 | school/pupil)", "-keyword", "TITLE:a", "-margins", "ses=1", stem="f")
+    wanted, margins = read(place, "f_predictions.csv"), read(place, "f_margins.csv")
     done = place.run("-from", "data.csv", "-level3", "school", "-level2", "pupil", "-level1", "ses,tutoring")
     check(done.returncode == 0, done.stdout[-300:])
-    place.write("own.kdr", "NONLIN:N\nNUMIT:500,N\nLEVEL1:SCORE=INTRCPT1+YEAR,1+SES,2+RANDOM\nLEVEL2:INTRCPT1=INTRCPT2+RANDOM/\nLEVEL2:YEAR=INTRCPT2/\n"
-                "LEVEL2:SES=INTRCPT2/\nLEVEL3:INTRCPT2=INTRCPT3+RANDOM/\nLEVEL3:INTRCPT2=INTRCPT3/\nLEVEL3:INTRCPT2=INTRCPT3/\nRESFIL1:N\nRESFIL2:N\n"
-                "RESFIL3:N\nCONSTRAIN:N\nHYPOTH:N\nLVR-BETA:N\nFULLOUTPUT:N\nTITLE:a\nOUTPUT:own.txt\n")
+    place.write("own.kdr", "NONLIN:N\nNUMIT:500,N\nLEVEL1:SCORE=INTRCPT1+YEAR,1+SES,2+RANDOM\nLEVEL2:INTRCPT1=INTRCPT2+RANDOM/\n"
+                "LEVEL3:INTRCPT2=INTRCPT3+RANDOM/\nLEVEL2:YEAR=INTRCPT2/\nLEVEL3:INTRCPT2=INTRCPT3/\nLEVEL2:SES=INTRCPT2/\nLEVEL3:INTRCPT2=INTRCPT3/\n"
+                "RESFIL1:N\nRESFIL2:N\nRESFIL3:N\nCONSTRAIN:N\nHYPOTH:N\nLVR-BETA:N\nFULLOUTPUT:N\nTITLE:a\nOUTPUT:own.txt\n")
     done = place.run("-predict", "new.csv", "-level2", "pupil", "-level3", "school", "-margins", "SES=1", "data.mdm", "own.kdr")
     check(done.returncode == 0, done.stdout[-600:])
     for name, rows in (("own_predictions.csv", wanted), ("own_margins.csv", margins)):
@@ -305,7 +326,7 @@ def main():
     place = Workplace(sys.argv[1])
     table(place, "data.csv", list(records()), COLUMNS)
     table(place, "new.csv", NEW, list(NEW[0]))
-    for part in (againstr, averages, linearunits, modes, coding, told, commandfile):
+    for part in (againstr, averages, linearunits, modes, coding, told, documents, commandfile):
         part(check, place)
     check.finish()
 

@@ -30,6 +30,8 @@ model <- function(name, fit, kind, formula, offset = function(x) 0) {
 }
 fit <- lmer(score ~ year * ses + tutoring + (year | school), d, REML = FALSE)
 model("linear", fit, "gaussian", ~ year * ses + tutoring)
+effects <- ranef(fit, condVar = TRUE)$school
+tell("linear ranef", c(unlist(effects["S02", ]), attr(effects, "postVar")[, , match("S02", rownames(effects))]))
 means <- as.data.frame(emmeans(fit, ~ year, at = list(year = 0:2, ses = 0, tutoring = 0), lmer.df = "asymptotic"))
 tell("linear emmeans", c(means$emmean, means$SE))
 model("factor", lmer(score ~ year * band + ses + tutoring + (1 | school), d, REML = FALSE), "gaussian", ~ year * band + ses + tutoring)
