@@ -95,4 +95,41 @@ MdmRecords readrecords(const Analysis& analysis) {
   return records;
 }
 
+void walkunits(const Analysis& analysis, const std::set<int>& units3, std::set<double>& values,
+               const std::function<void(const WalkedRecord& record)>& visit) {
+  constexpr std::size_t mostvalues = 200;
+  RecordUnits walk;
+  startrecords(walk, analysis);
+  WalkedRecord record;
+  const auto take = [](std::vector<double>& to, const double* from, int n) {
+    to.assign(1, 1.0);
+    to.insert(to.end(), from, from + n);
+  };
+  std::size_t unit = 0;
+  std::vector<double> observed, counts;
+  for (; nextblock(walk); ++unit) {
+    observed.clear();
+    counts.clear();
+    for (int i = 0; i < walk.unit.nj; ++i) {
+      const double* row = walk.unit.records.data() + at(i) * at(walk.layout.width);
+      observed.push_back(row[walk.layout.observed]);
+      counts.push_back(walk.layout.count < 0 ? 1.0 : row[walk.layout.count]);
+      if (values.size() < mostvalues) values.insert(observed.back());
+    }
+    if (!units3.contains(walk.k)) continue;
+    centerblock(walk);
+    record.level3 = walk.k;
+    record.level2 = unit;
+    take(record.row2, walk.unit.level2.data(), run.mdm.nvar2);
+    take(record.row3, run.mdm.level3.data() + at(walk.k) * at(run.mdm.nvar3), run.mdm.nvar3);
+    for (std::size_t i = 0; i < observed.size(); ++i) {
+      take(record.level1, walk.unit.records.data() + i * at(walk.layout.width), run.mdm.nvar1);
+      record.outcome = observed[i];
+      record.count = counts[i];
+      visit(record);
+    }
+  }
+  stopif(walk.failure);
+}
+
 }  // namespace kdr

@@ -2,6 +2,8 @@
 // variables in each analysed record.
 #pragma once
 
+#include <functional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -28,6 +30,18 @@ struct MdmRecords {
   std::vector<double> counts;                  // exposure; empty: none
 };
 [[nodiscard]] MdmRecords readrecords(const Analysis& analysis);
+
+// A record of a level-3 unit, its variables centered as in the model.
+struct WalkedRecord {
+  int level3 = 0;
+  std::size_t level2 = 0;                  // in the order of the data
+  std::vector<double> level1, row2, row3;  // by variable, [0] of no use
+  double outcome = 0.0, count = 1.0;
+};
+// Visits the records of these units; `values` gets the different values of the outcome in all records, up to a few
+// more than an outcome has categories.
+void walkunits(const Analysis& analysis, const std::set<int>& units3, std::set<double>& values,
+               const std::function<void(const WalkedRecord& record)>& visit);
 
 // The variables of a level (1 to 3) that are in the model, by their place among all.
 [[nodiscard]] std::vector<bool> variablesof(int level);

@@ -141,7 +141,9 @@ std::vector<std::string> idsof(const std::string& name) {
   if (column == nullptr) lackscolumn(name);
   for (std::size_t i = 0; i < recordsof(*column); ++i) {
     if (column->text) {
-      ids.push_back(column->codes[i] < 0 ? "" : column->texts[at(column->codes[i])]);
+      const std::string text = column->codes[i] < 0 ? "" : column->texts[at(column->codes[i])];
+      const std::optional<double> number = run.mdm.numericids ? realof(text) : std::nullopt;
+      ids.push_back(number ? formatted("%.15g", *number) : text);
     } else {
       ids.push_back(column->numbers[i] == missingcode ? "" : formatted("%.15g", column->numbers[i]));
     }
@@ -203,6 +205,7 @@ PredictionTable tablebyformula(const PredictionData& data) {
     const LongColumn* column = columnnamed(name);
     if (column != nullptr) named.emplace(name, alike(*column, plan.data.column(name), data.tell));
   };
+  checkpredictionfile(plan);
   for (const std::string& name : names.needed) take(name);
   for (const std::string& name : names.optional) take(name);
   if (named.empty()) named.emplace(columns[0].name, columns[0]);  // a model of nothing but intercepts

@@ -19,6 +19,7 @@
 #include "driver/resultfile.h"
 #include "driver/runrecord.h"
 #include "estimate/inference/predictions.h"
+#include "estimate/inference/unitmodes.h"
 #include "estimate/linear/uniteffects.h"
 #include "kernel/sizes.h"
 #include "report/resultsdocument.h"
@@ -29,10 +30,10 @@ namespace kdr {
 namespace {
 
 const PreparedFit* formulafit = nullptr;
-std::set<std::string> told;  // sentences, each said once
+std::set<std::string> said;  // sentences, each said once
 
 void sayprediction(const std::string& words) {
-  if (!told.insert(words).second) return;
+  if (!said.insert(words).second) return;
   const std::string whole = "Predictions: " + words;
   std::printf("%s\n", printable(whole).c_str());
   documentwarning(whole);
@@ -152,7 +153,12 @@ bool rowsof(const PredictorPlan& plan, const PredictionTable& table, std::size_t
     to = list.empty() ? without : list[i];
     return to != missingcode;
   };
-  return beside(table.offset, rows.offset, 0.0) && beside(table.counts, rows.count, 1.0);
+  double exposure = 1.0;
+  rows.count = 1.0;
+  if (!beside(table.offset, rows.offset, 0.0) || !beside(table.counts, exposure, 1.0) || !(exposure > 0.0))
+    return false;
+  if (!table.counts.empty()) rows.offset += std::log(exposure);
+  return true;
 }
 
 // Rows of a file.
@@ -192,7 +198,8 @@ std::string unitfields(const FittedModel& fitted, const PredictorRows& rows, con
   return fields(linear) + fields(predictionof(fitted, unitresponses(fitted, rows, *of), k, scaleof(fitted.outcome)));
 }
 
-void writerows(const FittedModel& fitted, const PredictionData& data, const PredictionTable& table, bool haskept) {
+void writerows(const FittedModel& fitted, const PredictionData& data, const PredictionTable& table,
+               const std::optional<Kept>& known) {
   const RowUnits units = unitsof(data, table);
   const KnownEffects none = unknowneffects(fitted);
   const int K = fitted.outcome.categorical() ? fitted.plan.M + 1 : 1;
@@ -206,13 +213,13 @@ void writerows(const FittedModel& fitted, const PredictionData& data, const Pred
   for (std::size_t i = 0; i < table.n; ++i) {
     const bool whole = rowsof(fitted.plan, table, i, rows);
     empty += whole ? 0 : 1;
-    const std::string known = knownunits(table, units, i);
-    const KnownEffects* of = known.empty() ? nullptr : &none;
-    if (known == "known" || known == "level3") {
+    const std::string told = knownunits(table, units, i);
+    const KnownEffects* of = told.empty() ? nullptr : &none;
+    if (told == "known" || told == "level3") {
       of = nullptr;
-      if (haskept) {
-        const auto place = kept->places.find({units.level3[i], units.level2[i]});
-        if (place != kept->places.end()) of = &kept->effects[place->second];
+      if (known) {
+        const auto place = known->places.find({units.level3[i], units.level2[i]});
+        if (place != known->places.end()) of = &known->effects[place->second];
       }
       unknown = unknown || of == nullptr;
     }
@@ -225,7 +232,7 @@ void writerows(const FittedModel& fitted, const PredictionData& data, const Pred
     for (int k = 0; k < K; ++k) {
       const auto id = [&](const std::vector<std::string>& ids) { return ids.empty() ? "" : field(ids[i]); };
       std::string line =
-          std::to_string(i + 1) + joined({id(table.level3), id(table.level2), known, field(categoryname(k))});
+          std::to_string(i + 1) + joined({id(table.level3), id(table.level2), told, field(categoryname(k))});
       const int m = k < fitted.plan.M ? k : -1;
       if (whole) {
         std::optional<Prediction> own;
@@ -244,9 +251,50 @@ void writerows(const FittedModel& fitted, const PredictionData& data, const Pred
   if (empty > 0)
     sayprediction(formatted("%zu of %zu rows lack a value that the model needs, and have no results.", empty, table.n));
   if (unknown)
-    sayprediction(
-        "The random effects of units are not known after this engine: unit_linear and unit_response are "
-        "empty for units of the data.");
+    sayprediction("The random effects of some units are not known: their unit_linear and unit_response are empty.");
+}
+
+// What an engine's estimates say of the units of the rows: modes, from the records of their level-3 units. Design
+// weights are not in it.
+std::optional<Kept> unitsbymodes(const FittedModel& fitted, const PredictionData& data, const PredictionTable& table) {
+  if (run.model.weighted) return std::nullopt;
+  const RowUnits units = unitsof(data, table);
+  std::set<int> wanted;
+  for (const int k : units.level3)
+    if (k >= 0) wanted.insert(k);
+  std::map<int, UnitOutcomes> all;
+  std::map<int, std::vector<std::size_t>> members;
+  std::set<double> values;
+  walkunits(*data.analysis, wanted, values, [&](const WalkedRecord& record) {
+    UnitOutcomes& of = all[record.level3];
+    std::vector<std::size_t>& inside = members[record.level3];
+    if (inside.empty() || inside.back() != record.level2) inside.push_back(record.level2);
+    PredictorRows rows;
+    if (!makerows(fitted.plan, record.level1.data(), record.row2.data(), record.row3.data(), rows)) return;
+    rows.count = record.count;
+    of.rows.push_back(std::move(rows));
+    of.unit.push_back(static_cast<int>(inside.size()) - 1);
+    of.units = static_cast<int>(inside.size());
+    of.outcome.push_back(record.outcome);
+  });
+  Kept made;
+  for (auto& [k, of] : all) {
+    if (fitted.outcome.categorical())
+      for (double& y : of.outcome) y = static_cast<double>(std::distance(values.begin(), values.find(y)));
+    UnitModes modes = unitmodes(fitted, of);
+    if (!modes.settled) {
+      sayprediction(
+          formatted("The modes of the random effects of unit %s have not settled.", data.units.level3[at(k)].c_str()));
+      continue;
+    }
+    for (std::size_t j = 0; j < modes.ofunit.size(); ++j) {
+      made.places[{k, static_cast<long long>(members[k][j])}] = made.effects.size();
+      made.effects.push_back(std::move(modes.ofunit[j]));
+    }
+    made.places[{k, -1}] = made.effects.size();
+    made.effects.push_back(std::move(modes.fresh));
+  }
+  return made;
 }
 
 // Margins.
@@ -442,7 +490,10 @@ void writepredictions(const Analysis& analysis, const PassResults& results, bool
     return;
   }
   const PredictionData data = predictiondata(formulafit, analysis, sayprediction);
-  if (!run.files.predict.empty()) writerows(fitted, data, newtable(data), haskept && kept.has_value());
+  if (!run.files.predict.empty()) {
+    const PredictionTable table = newtable(data);
+    writerows(fitted, data, table, haskept ? std::move(kept) : unitsbymodes(fitted, data, table));
+  }
   if (!run.files.margins.empty()) writemargins(fitted, data);
 }
 

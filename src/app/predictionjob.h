@@ -1,5 +1,5 @@
 // Predictions of a run: of the rows of a file (-predict) and of the analysed records (-margins), each as a table beside
-// the report (docs/predictions.md).
+// the report (docs/formulas.md, "Predictions").
 #pragma once
 
 #include <string>

@@ -50,7 +50,9 @@ void resetkeywords() {
                             &files.resfil2name, &files.resfil3name})
     text->clear();
   run.control = Control{};
+  const bool effects = run.out.effects;  // of an option
   run.out = OutputControl{};
+  run.out.effects = effects;
   run.answered = AnsweredMarks{};
   run.model = Model{};
   makeequationsets();

@@ -200,6 +200,9 @@ Json phaseof(const Subject& subject, const PassResults& results) {
   addeffects(phase, subject, results.est.gammahat, results.effects, results.robusteffects,
              results.kind != PassKind::identity);
   addcovariances(phase, results.est.gammahat.size(), results.covariance, results.robust);
+  if (isengine(results))
+    phase["joint_covariance"] =
+        square(static_cast<int>(std::lround(std::sqrt(static_cast<double>(results.joint.size())))), results.joint);
   phase["warnings"] = warningsof(subject, results);
   for (const std::string& note : results.notes) phase["warnings"].push_back(note);
   if (results.kind == PassKind::quadrature) addpoints(phase, results);

@@ -370,7 +370,7 @@ PreparedFit preparefit(FitRequest request) {
   if (fit.plan.outer) prepared.grouping3 = fit.plan.data.groupings[*fit.plan.outer].shown;
   prepared.coding = codingof(fit.plan, lines);
   prepared.request = std::move(fit.request);
-  if (!prepared.request.keepdata) return prepared;
+  if (!prepared.request.keepdata && run.files.predict.empty() && run.files.margins.empty()) return prepared;
   fit.plan.listener = {};
   prepared.plan = {held, &fit.plan};
   for (int level = 0; level < 3; ++level) prepared.pieces[level] = lines.names[level];

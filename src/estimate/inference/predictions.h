@@ -45,6 +45,9 @@ struct FittedModel {
   [[nodiscard]] bool joint() const;
 };
 
+// X gamma + offset (M values).
+[[nodiscard]] Array<double> fixedpredictors(const FittedModel& fitted, const PredictorRows& rows);
+
 // K values with their derivatives by the parameters (K by P).
 struct Responses {
   Array<double> value, gradient;

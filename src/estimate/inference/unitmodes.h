@@ -1,0 +1,27 @@
+// The random effects of one level-3 unit at given estimates: modes of their density given the data, the covariance that
+// the curvature there makes, and how the modes go with the fixed effects. For any outcome; exact for normal ones.
+// Derived in docs/numerics.md, "Predictions".
+#pragma once
+
+#include <vector>
+
+#include "estimate/inference/predictions.h"
+
+namespace kdr {
+
+// The records of a level-3 unit.
+struct UnitOutcomes {
+  std::vector<PredictorRows> rows;
+  std::vector<int> unit;        // [record] its level-2 unit, from 0
+  std::vector<double> outcome;  // a value; a number of successes, with trials in rows.count; the place of a category
+  int units = 0;
+};
+
+struct UnitModes {
+  bool settled = false;              // the rest is of no use otherwise
+  std::vector<KnownEffects> ofunit;  // [level-2 unit] (u_j, v)
+  KnownEffects fresh;                // of a level-2 unit that is not in the data
+};
+[[nodiscard]] UnitModes unitmodes(const FittedModel& fitted, const UnitOutcomes& outcomes);
+
+}  // namespace kdr
