@@ -14,6 +14,7 @@ The random studies have 2 to 4 categories, rare ones among them, some of the int
 to 4, predictors in units from 1e-6 to 1e6. The oracle says as in movingstudies.py how far the log-likelihood is off, how far a
 Newton step would go in standard errors, and what the standard errors are; with one point on the dense Laplace approximation.
 """
+import os
 import sys
 import numpy as np
 from scipy.special import logsumexp
@@ -24,7 +25,7 @@ ONE, SLOPE = 0, 1
 CASES = {
     "multinomial22": (3, [(0, ONE), (1, ONE)], [(0, ONE), (1, ONE)], (7, 9)),
     "multinomial31": (3, [(0, ONE), (0, SLOPE), (1, ONE)], [(1, ONE)], (7, 13)),
-    "multinomial33": (4, [(c, ONE) for c in range(3)], [(c, ONE) for c in range(3)], (5, 7)),
+    "multinomial33": (4, [(c, ONE) for c in range(3)], [(c, ONE) for c in range(3)], (5, 5)),
 }
 
 
@@ -321,11 +322,15 @@ def solve(folder, case):
     C, second, third_, points = CASES[case]
     data = dataof(C, second, third_, np.loadtxt(f"{folder}/{case}.dat", usecols=(0, 1, 2, 4, 5, 6)))
     taupi, taubeta, gamma = truth(case)
-    start = data.pointof(square(taupi, data.q), square(taubeta, data.r), gamma)
-    with open(f"{folder}/{case}.ref", "w") as file:
+    path, P2, P3 = f"{folder}/{case}.ref", len(taupi), len(taubeta)
+    known = {line.split()[0]: np.array(line.split()[1:], float) for line in open(path) if line[0] != "#"} if os.path.exists(path) else {}
+    def start(name):  # the estimates of an older file, if there is one, else the truth
+        values = known.get(name, np.concatenate([taupi, taubeta, gamma]))
+        return data.pointof(square(values[:P2], data.q), square(values[P2:P2 + P3], data.r), values[P2 + P3:])
+    with open(path, "w") as file:
         file.write(f"# {points} points; and one point\n")
         for ending, method in (("1", OnePoint(data)), ("", Integral(data, *points))):
-            theta, value, H = maximise(method, start, method if ending else Integral(data, 3, 3))
+            theta, value, H = maximise(method, start("estimate" + ending), method if ending else Integral(data, 3, 3))
             file.write(f"maximum{ending} {value:.6f}\n")
             for name, values in (("estimate", data.parameters(theta)), ("se", errors(data, theta, H, np.arange(len(theta))))):
                 file.write(name + ending + "".join(f" {v:.7f}" for v in values) + "\n")
