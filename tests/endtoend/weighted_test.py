@@ -81,28 +81,32 @@ for a, b, error in zip(*[numbers(p, "robust", "robust_standard_error")[0] for p 
 check.near("weights of 1, sandwich", *[numbers(p, "robust", "robust_standard_error")[1][2] for p in (ones, plain)], 1e-4)
 
 # Two levels: a level-2 unit is the highest there is. Whole weights of records and units are copies, by one point and more.
-def twolevels(rows, *words):
+def twolevels(rows, *words, family="binomial"):
     folder = pathlib.Path(tempfile.mkdtemp())
     (folder / "f.csv").write_text("k,y,x,a,b\n" + "".join(",".join(map(str, row)) + "\n" for row in rows))
-    code, said = run(program, folder, "-fit", "y ~ x + (1 | k)", "f.csv", "-family", "binomial", "-o", "f", *words)
+    code, said = run(program, folder, "-fit", "y ~ x + (1 | k)", "f.csv", "-family", family, "-o", "f", *words)
     check(code == 0, f"two levels {words}: code {code} {said[-300:]}")
     return {p["phase"]: p for p in json.loads((folder / "f.json").read_text())["phases"]}["quadrature"]
 
 
 draw = random.Random(5)
-rows = []
+rows = {"binomial": [], "ordinal": [], "multinomial": []}
 for k in range(30):
     u, b = draw.gauss(0, 1), draw.randint(1, 3)
     for _ in range(draw.randint(2, 7)):
-        x = round(draw.gauss(0, 1), 4)
-        rows.append((k, int(draw.random() < 1 / (1 + math.exp(-0.2 - 0.5 * x - u))), x, draw.randint(1, 2), b))
-copies = [(10 * row[0] + copy, *row[1:]) for row in rows for copy in range(row[4]) for _ in range(row[3])]
-for engine in (["-engine", "laplace"], ["-engine", "quadrature", "-points", "9"]):
-    weighted = twolevels(rows, "-weights1", "a", "-weights2", "b", "-keyword", "WEIGHTSCALE:NONE", *engine)
-    wanted = twolevels(copies, *engine)
-    check.near(f"two levels {engine}", weighted["marginal_log_likelihood"], wanted["marginal_log_likelihood"], 1e-6)
-    for a, b in zip(weighted["fixed_effects"], wanted["fixed_effects"]):
-        check.near(f"two levels {engine}", a["estimate"], b["estimate"], 2e-3 * b["model_based"]["standard_error"])
+        x, a = round(draw.gauss(0, 1), 4), draw.randint(1, 2)
+        p = draw.random()
+        latent = 0.2 + 0.5 * x + u - math.log(p / (1 - p))
+        for family, y in ("binomial", int(latent > 0)), ("ordinal", 1 + (latent > -1) + (latent > 1)), ("multinomial", 1 + (latent > -1) + (latent > 1)):
+            rows[family].append((k, y, x, a, b))
+for family in rows:
+    copies = [(10 * row[0] + copy, *row[1:]) for row in rows[family] for copy in range(row[4]) for _ in range(row[3])]
+    for engine in (["-engine", "laplace"], ["-engine", "quadrature", "-points", "9"]):
+        weighted = twolevels(rows[family], "-weights1", "a", "-weights2", "b", "-keyword", "WEIGHTSCALE:NONE", *engine, family=family)
+        wanted = twolevels(copies, *engine, family=family)
+        check.near(f"two levels, {family} {engine}", weighted["marginal_log_likelihood"], wanted["marginal_log_likelihood"], 1e-6)
+        for a, b in zip(weighted["fixed_effects"], wanted["fixed_effects"]):
+            check.near(f"two levels, {family} {engine}", a["estimate"], b["estimate"], 2e-3 * b["model_based"]["standard_error"])
 
 # Too few units: none without weights; the only ones that there are with them, and not without a word.
 code, said, text, phases = fit("bernoulli11", (), "AGQ:Y,100,5", "LAPLACE:Y,50", units=4)
