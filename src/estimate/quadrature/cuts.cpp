@@ -81,6 +81,7 @@ void addcategories(const Frame& frame, const SphericalPoint& there, const double
 }
 
 void startthresholds(const Frame& frame, double* gamma) {
+  if (frame.thresholds == 0) return;
   constexpr double leastrecords = 0.5;  // of a category
   const std::size_t C = frame.categories.size();
   double below = std::max(frame.categories[0], leastrecords), total = 0.0;
