@@ -678,6 +678,7 @@ void outcomelines(Fit& fit, EquationLines& lines) {
     stopwith("-points takes 1, 3 to 198, or auto. It cannot be %s\n", fit.request.points.c_str());
   std::string why;
   if (categorical) why = "outcomes with categories";
+  if (categorical && (fit.weights[0] || fit.weights[1] || fit.weights[2])) why = "design weights of categories";
   if (lines.restricted()) why = "random parts that are independent in part only";
   if (!pql && !why.empty()) {
     if (!engine.empty()) stopwith("-engine %s cannot be had with %s.\n", engine.c_str(), why.c_str());
