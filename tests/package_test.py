@@ -60,7 +60,7 @@ with tempfile.TemporaryDirectory() as place:
     assert "libc6" in depends and "libstdc++6" in depends, depends
     assert "python3-matplotlib" in output("dpkg-deb", "-f", str(package), "Recommends")
     (root / "none.json").write_text('{"format": "kdr3 results"}')
-    done = subprocess.run([root / "usr/bin/kdr3-plot", "usr/share/kdr3/kdr3plot/command.py", "--page", root / "none.json", "-o", root / "none.html"], capture_output=True,
+    done = subprocess.run([root / "usr/bin/kdr3-plot", "--page", root / "none.json", "-o", root / "none.html"], capture_output=True,
                           text=True)
     assert done.returncode == 4 and "lacks format_version" in done.stderr, f"the schema of kdr3-plot: {done.stderr}"
     # The pages, --help and the programs agree on the options.

@@ -61,6 +61,7 @@ Subject subjectof(const kdr3_model& given, const Values& values) {
   for (std::size_t v = subject.names[0].size(); v < mdm.names1.size(); ++v)  // thresholds
     subject.names[0].push_back(leftname(mdm.names1[v]));
   subject.records = mdm.nunits1;
+  subject.recordsread = mdm.numl1rec;
   subject.units2 = mdm.nunits2;
   subject.units3 = mdm.nunits3;
   subject.twolevel = mdm.twolevel();

@@ -251,6 +251,8 @@ class Tests:
             got, told = self.plot(*words)
             self.check(got == code and part in told, f"{words}: {got}, {told}")
         self.check(not list(self.folder.glob("x.*")) and self.place.read("notes.md") == "my own notes", "what was refused is written")
+        with contextlib.redirect_stdout(io.StringIO()) as helped:
+            self.check(self.plot("--help")[0] == 0 and "95% intervals" in helped.getvalue(), "--help")
         for ending in (".txt", ".md", ".html", ".tex", ".csv", ".docx"):
             first = self.compare(["ml_one", "ml_two"], ending)
             again = self.compare(["ml_one", "ml_two"], ending, "--names", "A,B")

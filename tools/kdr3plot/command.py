@@ -56,7 +56,7 @@ def options(words):
     parser.add_argument("--no-intercept", action="store_true", help=argparse.SUPPRESS)  # of earlier versions: as without it
     parser.add_argument("--label", metavar="ID,...", type=listed, help="caterpillars, qq: units to mark and name")
     parser.add_argument("--names", metavar="NAME,...", type=listed, help="comparison: names of the models, else those of the files")
-    parser.add_argument("--intervals", action="store_true", help="comparison: 95% intervals instead of standard errors")
+    parser.add_argument("--intervals", action="store_true", help="comparison: 95%% intervals instead of standard errors")
     parser.add_argument("--title", metavar="TEXT", help="comparison: what stands above the table")
     parser.add_argument("--folder", metavar="DIR", help="where the run was made, if not in the folder of RESULTS.json")
     o = parser.parse_args(words)
