@@ -51,7 +51,8 @@ kdr3_status kdr3_result_summary(const kdr3_result* result, kdr3_summary* summary
   summary->random3 = at(result->b);
   summary->parameters = static_cast<std::size_t>(results.parameters);
   summary->loglikelihood = results.kind == PassKind::linear ? known(results.loglik) : known(results.marginal);
-  summary->sigma2 = results.est.sigma2;
+  const bool engine = results.kind == PassKind::quadrature || results.kind == PassKind::laplace6;
+  summary->sigma2 = engine ? 1.0 : results.est.sigma2;
   return KDR3_OK;
 }
 
