@@ -197,7 +197,8 @@ typedef enum {
   KDR3_GROUPS2,   /* the columns that together tell a unit of level 2, and */
   KDR3_GROUPS3,   /* of level 3 */
   KDR3_OUTCOME,   /* the outcome as the formula has it; the family; the engine: "", "pql", "laplace6", "quadrature" */
-  KDR3_LEVELS     /* the values of an outcome with names, in their order: the second of two is the event */
+  KDR3_LEVELS,    /* the values of an outcome with names, in their order: the second of two is the event */
+  KDR3_OFFSETS    /* none; of kdr3_formula_matrix a column of what is added to the linear predictor */
 } kdr3_words;
 /* The i-th of these words, null behind the last. Valid as long as the formula. */
 KDR3_PUBLIC const char* kdr3_formula_text(const kdr3_formula* formula, kdr3_words words, size_t i);
@@ -212,7 +213,8 @@ KDR3_PUBLIC kdr3_status kdr3_formula_order(const kdr3_formula* formula, size_t* 
 KDR3_PUBLIC kdr3_status kdr3_formula_records(const kdr3_formula* formula, size_t* count, size_t* rows, size_t* unit2,
                                              size_t* unit3);
 
-/* The columns of KDR3_EFFECTS, KDR3_RANDOM2 or KDR3_RANDOM3 over the rows of a table, [records * columns] row by row,
+/* The columns of KDR3_EFFECTS, KDR3_RANDOM2 or KDR3_RANDOM3, or the one of KDR3_OFFSETS (offsets, or the logarithm of
+ * the exposure; 0 without either), over the rows of a table, [records * columns] row by row,
  * with the factors, means, scales and polynomials of the data that the model was made of; NaN in a row with a missing
  * value or a level that those data have not. Without fields they are those of the model's own records, in the order of
  * kdr3_formula_records. Errors: a missing column; means over units, which new data do not have. */

@@ -82,8 +82,10 @@ class Results:
         self._random = [words[lib.RANDOM2], words[lib.RANDOM3]][:len(self._groupings)]
         self._names: list[str] = state["names"]
         self.document: dict[str, Any] = json.loads(state["document"])
-        self._phase = [one for one in self.document["phases"] if one["phase"] == PHASES[self.engine]] or self.document["phases"]
-        self._phase = self._phase[-1]
+        phases = {one["phase"]: one for one in self.document["phases"]}
+        if self.engine in ("quadrature", "laplace6") and self.engine not in phases:
+            self.engine = "pql"  # it failed, as a warning says
+        self._phase = phases.get(PHASES[self.engine], self.document["phases"][-1])
         self.converged: bool = bool(state["converged"])
         self.nobs: int = int(state["records"])
         self.llf: float = float(state["loglikelihood"])
@@ -273,7 +275,7 @@ class Results:
     @cached_property
     def _eta(self) -> np.ndarray:
         self._single("linear predictor")
-        eta = self._matrix(lib.EFFECTS, len(self._names)) @ self._state["estimates"] + self._outcome[2]
+        eta = self._matrix(lib.EFFECTS, len(self._names)) @ self._state["estimates"] + self._matrix(lib.OFFSETS, 1)[:, 0]
         for level, names in enumerate(self._random, 2):
             if names:
                 Z = self._matrix(lib.RANDOM2 if level == 2 else lib.RANDOM3, len(names))
@@ -287,8 +289,7 @@ class Results:
         return self._in_rows(self._fitted())
 
     def _fitted(self) -> np.ndarray:
-        mean = self._mean(self._eta)
-        return mean * self._outcome[1] if self.family == "poisson" else mean
+        return self._mean(self._eta)
 
     @property
     def resid(self):
@@ -325,7 +326,7 @@ class Results:
 
         Returns
         -------
-        [rows] of the table, by its index; of counts with an exposure of 1.
+        [rows] of the table, by its index. Offsets and exposure are in it: a table without their columns is refused.
         """
         self._single("predictions")
         if kind not in ("response", "link") or effects not in ("unit", "fixed", "population"):
@@ -334,7 +335,7 @@ class Results:
             raise lib.KDR3Error('Standard errors are those of kind="link" and effects="fixed".')
         fields = None if data is None else self._newfields(data, effects == "unit")
         X = self._matrix(lib.EFFECTS, len(self._names), fields)
-        eta = X @ self._state["estimates"] + (self._outcome[2] if fields is None else 0.0)
+        eta = X @ self._state["estimates"] + self._matrix(lib.OFFSETS, 1, fields)[:, 0]
         spread = np.zeros(len(eta))
         for level, names in enumerate(self._random, 2):
             if not names or effects == "fixed":
@@ -352,8 +353,6 @@ class Results:
             values = np.exp(eta + 0.5 * spread) if self.family == "poisson" else _averaged(eta, np.sqrt(spread))
         else:
             values = self._mean(eta)
-        if fields is None and self.family == "poisson" and kind == "response":
-            values = values * self._outcome[1]
         rows = self._in_rows if fields is None else (
             lambda made: series(made, range(fields.rows) if fields.index is None else fields.index))
         if not se:
@@ -384,7 +383,7 @@ class Results:
         """[n, nsim] outcomes drawn from the model, with new random effects, in the order of the table."""
         self._single("simulation")
         draw = np.random.default_rng(seed)
-        fixed = self._matrix(lib.EFFECTS, len(self._names)) @ self._state["estimates"] + self._outcome[2]
+        fixed = self._matrix(lib.EFFECTS, len(self._names)) @ self._state["estimates"] + self._matrix(lib.OFFSETS, 1)[:, 0]
         made = np.empty((self.nobs, nsim))
         for s in range(nsim):
             eta = fixed.copy()
@@ -398,7 +397,7 @@ class Results:
             if self.family == "gaussian":
                 made[:, s] = mean + draw.normal(0.0, math.sqrt(self.scale), self.nobs)
             elif self.family == "poisson":
-                made[:, s] = draw.poisson(mean * count)
+                made[:, s] = draw.poisson(mean)
             else:
                 made[:, s] = draw.binomial(count.astype(np.int64), mean)
         return made[np.argsort(self._state["rows"], kind="stable")]

@@ -110,6 +110,19 @@ class Models(unittest.TestCase):
         made = np.asarray(m.predict(strange))
         self.assertTrue(np.isnan(made[1:]).all())
         np.testing.assert_allclose(made[0], np.asarray(m.predict(effects="fixed"))[5], rtol=1e-12)
+        for text, given in (("books ~ year + offset(log(weeks)) + (1 | school)", {}), ("books ~ year + (1 | school)", {"exposure": "weeks"}),
+                            ("books ~ year + (1 | school)", {"offset": np.log(data["weeks"])})):
+            counts = kdr3.fit(text, data, family="poisson", **given)
+            alike = np.asarray(counts.predict())
+            np.testing.assert_allclose(alike, np.asarray(counts.fittedvalues), rtol=1e-12)
+            self.assertLess(abs(alike.sum() / data["books"].sum() - 1), 0.02)
+            if "offset" in given:
+                with self.assertRaisesRegex(kdr3.KDR3Error, "no column .offset"):
+                    counts.predict(data)
+            else:
+                np.testing.assert_allclose(np.asarray(counts.predict(data)), alike, rtol=1e-12)
+        less = kdr3.fit("score ~ ses + offset(2 * year) + (1 | school)", data)
+        np.testing.assert_allclose(np.asarray(less.predict({k: v[few] for k, v in data.items()})), np.asarray(less.predict()[few]), rtol=1e-12)
         b = kdr3.fit("passed ~ year + (1 | school/pupil)", data, family="binomial", points=7)
         eta, variance = np.asarray(b.predict(kind="link", effects="fixed")), sum(np.asarray(t)[0, 0] for t in b.cov_re.values())
         x = np.linspace(-9, 9, 4001)
@@ -197,6 +210,18 @@ class Tables(unittest.TestCase):
         self.assertIn("91 of 1604 records", str(told[0].message))
 
 
+class Labelled:
+    """As a frame's column of categories, two of which are written alike."""
+    class cat:
+        categories, codes = [1, "1"], None
+
+    def __init__(self):
+        self.cat.codes = self
+
+    def to_numpy(self):
+        return np.zeros(1604, dtype=np.int8)
+
+
 class Calls(unittest.TestCase):
     def test_refused(self):
         data = growth()
@@ -218,6 +243,7 @@ class Calls(unittest.TestCase):
                 ("ddf is", "score ~ year + (1 | school)", {}, {"ddf": "magic"}),
                 ("no setting NUMITS", "score ~ year + (1 | school)", {}, {"settings": {"NUMITS": 5}}),
                 ("offset", "passed ~ year + offset(ses) + (1 | school)", {}, {"family": "binomial"}),
+                ("two levels of the name", "score ~ year + arm + (1 | school)", {"arm": Labelled()}, {}),
                 ("no random part", "score ~ year", {}, {})):
             with self.assertRaises(kdr3.KDR3Error, msg=words) as refused:
                 kdr3.fit(formula, {**data, **change}, **given)

@@ -574,7 +574,10 @@ EngineChoice enginechoice(const FormulaPlan& plan) {
   if (design.restricted()) why = "random parts that are independent in part only";
   if (!pql && !why.empty()) {
     if (!engine.empty()) refuse("-engine " + engine + " cannot be had with " + why + ".");
-    plan.listener.remark("Estimates are those of quasi-likelihood (PQL): quadrature cannot be had with " + why + ".");
+    const std::string words =
+        "Estimates are those of quasi-likelihood (PQL): quadrature cannot be had with " + why + ".";
+    plan.listener.remark(words);
+    plan.listener.warning(words);
     choice.quadrature = false;
   }
   if (choice.laplace6 && (plan.family != FitFamily::binomial || plan.counts))

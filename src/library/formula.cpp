@@ -7,6 +7,7 @@
 #include <numeric>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
 
 #include "core/constants.h"
@@ -22,7 +23,7 @@ struct kdr3_formula {
   kdr::EngineChoice engine;
   std::unique_ptr<kdr3_data> data;
   std::unique_ptr<kdr3_model> model;
-  std::vector<std::string> words[KDR3_LEVELS + 1];
+  std::vector<std::string> words[KDR3_OFFSETS + 1];
   std::vector<std::size_t> unit2, unit3;  // of the records in their order
 };
 
@@ -75,11 +76,18 @@ kdr3_column columnof(const kdr3_field& field) {
 void takelabels(const kdr3_field& field, std::size_t records, LongColumn& column) {
   const kdr3_column cells = columnof(field);
   column.ordered = field.ordered != 0;
-  for (std::size_t k = 0; k < field.labelcount; ++k) column.texts.emplace_back(field.labels[k]);
+  std::unordered_set<std::string> seen;
+  for (std::size_t k = 0; k < field.labelcount; ++k) {
+    column.texts.emplace_back(field.labels[k] != nullptr ? field.labels[k] : "");
+    if (!seen.insert(column.texts.back()).second)
+      refuse("The column " + column.name + " has two levels of the name " + column.texts.back() + ".");
+  }
   column.codes.reserve(records);
   for (std::size_t i = 0; i < records; ++i) {
     const double code = valueof(cells, i) - field.first;
-    column.codes.push_back(code >= 0.0 && code < static_cast<double>(field.labelcount) ? static_cast<int>(code) : -1);
+    const bool known = code >= 0.0 && code < static_cast<double>(field.labelcount);
+    column.codes.push_back(known && !column.texts[static_cast<std::size_t>(code)].empty() ? static_cast<int>(code)
+                                                                                          : -1);
   }
 }
 
@@ -113,6 +121,10 @@ LongColumn longcolumn(const kdr3_field& field, std::size_t records) {
     for (std::size_t i = 0; i < records; ++i) {
       const double value = valueof(cells, i);
       if (std::isinf(value)) refuse("The column " + column.name + formatted(" is infinite in record %zu.", i + 1));
+      constexpr double exact = 9007199254740992.0;  // whole numbers up to it are doubles of their own
+      if (field.type == KDR3_INT64 && !(std::fabs(value) < exact) && !std::isnan(value))
+        refuse("The column " + column.name +
+               formatted(" has a whole number above 2^53 in record %zu: hand it in as texts.", i + 1));
       if (value == missingcode)
         refuse("The column " + column.name + formatted(" has the value of missing data in record %zu.", i + 1));
       column.numbers.push_back(std::isnan(value) ? missingcode : value);
@@ -388,26 +400,34 @@ double valueormissing(const std::vector<ColumnPart>& parts, std::size_t record) 
   return valueat(parts, record);
 }
 
-// The variables of a matrix over a table of other records, coded as those of the plan; `data` keeps them.
-void evaluateother(const FormulaPlan& plan, std::vector<std::vector<ColumnPart>>& columns, std::size_t records,
-                   const Fields& fields, FormulaData& data) {
-  const Tell passedover = [](const std::string&) {};  // what has no place in the data of the plan is missing
+// Other records in the place of those of a plan: what has no place in its data is missing.
+void startother(const FormulaPlan& plan, std::size_t records, FormulaData& data) {
   data.formula = plan.model.text;
   data.nrecords = records;
   data.settings = plan.data.settings;
   data.fitted = &plan.data;
-  data.lost = passedover;
-  const auto takecolumn = [&](const std::string& name, bool needed) {
-    if (data.places.contains(name)) return;
-    const LongColumn& fitted = plan.data.column(name);
-    for (std::size_t c = 0; c < fields.count; ++c)
-      if (fitted.name == fields[c].name) {
-        data.places[name] = data.columns.size();
-        data.columns.push_back(alike(longcolumn(fields[c], records), fitted, passedover));
-        return;
-      }
-    if (needed) refuse("The new data have no column " + fitted.name + ".");
-  };
+  data.lost = [](const std::string&) {};
+}
+
+// Takes the columns of these names from the fields, each once, in the form of those of the plan.
+void takenamed(const FormulaPlan& plan, const std::vector<NamedPlace>& names, const Fields& fields, bool needed,
+               FormulaData& data) {
+  for (const NamedPlace& named : names) {
+    if (data.places.contains(named.name)) continue;
+    const LongColumn& fitted = plan.data.column(named.name);
+    std::size_t c = 0;
+    while (c < fields.count && fitted.name != fields[c].name) ++c;
+    if (c == fields.count && needed) refuse("The new data have no column " + fitted.name + ".");
+    if (c == fields.count) continue;
+    data.places[named.name] = data.columns.size();
+    data.columns.push_back(alike(longcolumn(fields[c], data.nrecords), fitted, data.lost));
+  }
+}
+
+// The variables of a matrix over a table of other records, coded as those of the plan; `data` keeps them.
+void evaluateother(const FormulaPlan& plan, std::vector<std::vector<ColumnPart>>& columns, std::size_t records,
+                   const Fields& fields, FormulaData& data) {
+  startother(plan, records, data);
   std::map<std::string, const Expression*> expressions;
   const auto collect = [&](const Terms& terms) {
     for (std::size_t v = 0; v < terms.variables.size(); ++v) expressions[terms.names[v]] = terms.variables[v];
@@ -415,7 +435,7 @@ void evaluateother(const FormulaPlan& plan, std::vector<std::vector<ColumnPart>>
   collect(plan.model.fixed);
   for (const RandomPart& part : plan.model.randoms) {
     collect(part.terms);
-    for (const std::string& name : part.group) takecolumn(name, false);
+    for (const std::string& name : part.group) takenamed(plan, {{name, {}}}, fields, false, data);
   }
   const auto eachpart = [&](const auto& use) {
     for (std::vector<ColumnPart>& parts : columns)
@@ -424,11 +444,43 @@ void evaluateother(const FormulaPlan& plan, std::vector<std::vector<ColumnPart>>
   eachpart([&](const ColumnPart&, const Expression& e) {
     std::vector<NamedPlace> names;
     columnnames(e, names);
-    for (const NamedPlace& named : names) takecolumn(named.name, true);
+    takenamed(plan, names, fields, true, data);
   });
   findgroupings(data, plan.model);
   eachpart([&](const ColumnPart&, const Expression& e) { static_cast<void>(variableof(data, e)); });
   eachpart([&](ColumnPart& part, const Expression&) { part.variable = &data.variables.at(part.variable->name); });
+}
+
+// What is added to the linear predictor of other records.
+void offsetsofother(const FormulaPlan& plan, std::size_t records, const Fields& fields, double* values) {
+  std::fill_n(values, records, 0.0);
+  FormulaData data;
+  startother(plan, records, data);
+  const auto add = [&](const std::vector<double>& of, bool logarithm) {
+    for (std::size_t i = 0; i < records; ++i)
+      values[i] += of[i] == missingcode ? std::numeric_limits<double>::quiet_NaN()
+                   : logarithm          ? std::log(of[i])
+                                        : of[i];
+  };
+  for (const Expression* e : plan.model.offsets) {
+    std::vector<NamedPlace> names;
+    columnnames(*e, names);
+    takenamed(plan, names, fields, true, data);
+    add(valuesof(data, e->operands[0]), false);
+  }
+  for (const auto& [name, logarithm] :
+       {std::pair{plan.options.offset, false}, std::pair{plan.options.exposure, true}}) {
+    if (name.empty()) continue;
+    takenamed(plan, {{name, {}}}, fields, true, data);
+    add(data.column(name).numbers, logarithm);
+  }
+}
+
+// The same of the model's own records.
+void ownoffsets(const FormulaPlan& plan, double* values) {
+  const bool counts = plan.family == FitFamily::poisson && plan.counts;
+  for (const std::uint32_t record : plan.units.order)
+    *values++ = counts ? std::log((*plan.counts->values)[record]) : plan.offset ? (*plan.offset->values)[record] : 0.0;
 }
 
 void readoptions(const char* text, const kdr3_options* options, FormulaOptions& made) {
@@ -510,7 +562,7 @@ kdr3_status kdr3_formula_make(const char* text, const kdr3_options* options, siz
 kdr3_model* kdr3_formula_model(kdr3_formula* formula) { return formula != nullptr ? formula->model.get() : nullptr; }
 
 const char* kdr3_formula_text(const kdr3_formula* formula, kdr3_words words, size_t i) {
-  if (formula == nullptr || words < KDR3_COLUMNS || words > KDR3_LEVELS) return nullptr;
+  if (formula == nullptr || words < KDR3_COLUMNS || words > KDR3_OFFSETS) return nullptr;
   const std::vector<std::string>& list = formula->words[words];
   return i < list.size() ? list[i].c_str() : nullptr;
 }
@@ -547,15 +599,20 @@ kdr3_status kdr3_formula_matrix(const kdr3_formula* formula, kdr3_words part, si
   return refusable([&]() -> kdr3_status {
     if (formula == nullptr || formula->model == nullptr || values == nullptr)
       return error("A matrix needs a formula with its model, and a place.");
-    if (part != KDR3_EFFECTS && part != KDR3_RANDOM2 && part != KDR3_RANDOM3)
-      return error("A matrix is of the fixed effects, or of the random ones of level 2 or 3.");
+    if (part != KDR3_EFFECTS && part != KDR3_RANDOM2 && part != KDR3_RANDOM3 && part != KDR3_OFFSETS)
+      return error("A matrix is of the fixed effects, of the random ones of level 2 or 3, or of the offsets.");
     const FormulaPlan& plan = formula->plan;
-    std::vector<std::vector<ColumnPart>> columns = matrixparts(plan, part);
     FormulaData other;
     const bool own = first == nullptr;
-    if (!own) {
-      const Fields fields{first, count};
+    const Fields fields{first, count};
+    if (!own)
       if (std::string words = checkfields(fields); !words.empty()) return error(words);
+    if (part == KDR3_OFFSETS) {
+      own ? ownoffsets(plan, values) : offsetsofother(plan, records, fields, values);
+      return KDR3_OK;
+    }
+    std::vector<std::vector<ColumnPart>> columns = matrixparts(plan, part);
+    if (!own) {
       evaluateother(plan, columns, records, fields, other);
     }
     const std::size_t n = own ? plan.units.order.size() : records;
