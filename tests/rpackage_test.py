@@ -58,7 +58,9 @@ def checktarball(environment, place):
     held = run(["tar", "-tzf", str(tarball)])
     for name in ("library/fit.cpp", "core/version.h", "include/kdr3/kdr3.h", "estimate/linear/unitloops.cpp"):
         assert f"kdr3/src/libkdr3/{name}\n" in held, f"the source package lacks {name}"
-    profile = place / "profile.R"  # no network: the check asks no repository
+    (place / "src/contrib").mkdir(parents=True)  # no network: the check asks an empty repository
+    (place / "src/contrib/PACKAGES").touch()
+    profile = place / "profile.R"
     profile.write_text(f'options(repos = c(CRAN = "file://{place}", BioCsoft = "file://{place}", BioCann = "file://{place}", '
                        f'BioCexp = "file://{place}"))\n')
     alone = {"_R_CHECK_FORCE_SUGGESTS_": "false", "_R_CHECK_XREFS_REPOSITORIES_": f"file://{place}", "R_PROFILE_USER": str(profile)}
