@@ -417,8 +417,10 @@ Options readoptions(int argc, char** argv) {
   if (!files.empty()) run.files.mdmfile = files[0];
   if (files.size() > 1) run.files.cmdshown = run.files.cmdfile = files[1];
   if (run.files.cmdfile == "-") run.files.cmdfile = standardinput();
-  readpredictionfile(numbersof(onefile.missing));
-  if (!run.files.predict.empty()) onefile.missing.clear();
+  if (!run.files.predict.empty()) {
+    readpredictionfile(numbersof(onefile.missing));
+    onefile.missing.clear();
+  }
   const bool wanted = !(onefile.from + onefile.level3 + onefile.level2 + onefile.missing).empty() ||
                       !onefile.level1.empty() || onefile.factors;
   if (wanted && (onefile.from.empty() || onefile.level2.empty() || options.templatejob))

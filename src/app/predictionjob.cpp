@@ -425,7 +425,9 @@ void writemargins(const FittedModel& fitted, const PredictionData& data) {
   for (std::size_t t = 0; t < terms.size(); ++t) {
     if (!terms[t].values.empty()) continue;
     writeeffects(writer, records, facts[t], {});
-    if (writer.columns > 0)
+    const bool ofgrid = std::any_of(grid[0].begin(), grid[0].end(),
+                                    [&](const ColumnChange& column) { return column.name == facts[t].name; });
+    if (writer.columns > 0 && !ofgrid)
       for (const GridPoint& point : grid) writeeffects(writer, records, facts[t], point);
   }
   finishresult(writer.file);
