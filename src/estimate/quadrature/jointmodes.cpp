@@ -46,7 +46,7 @@ void makexcolumns(const Frame& frame, const Level3Records& records, ModeWork& wo
       std::fill(to + count, to + stride, behind);
     };
     place(work.y, records.y.data(), 0.0);
-    place(work.n, frame.outcome == Family::binomial && !records.n.empty() ? records.n.data() : nullptr, 0.0);
+    place(work.n, frame.outcome != Family::poisson && !records.n.empty() ? records.n.data() : nullptr, 0.0);
     if (exposed) place(work.logn, records.n.data(), 1.0);
     work.outcome.push_back(densityof(frame, records, j));
   }

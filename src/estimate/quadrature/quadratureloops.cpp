@@ -373,8 +373,8 @@ void exactpoisson(const UnitNodes& a) {
 
 // A multinomial record with the linear predictors eta_c, e_c = exp(eta_c), of all categories but the last: p_c = e_c /
 // (1
-// + sum e), l = sum_c y_c eta_c - log(1 + sum e), r_c = y_c - p_c, W = diag(p) - p p'. M predictors where the compiler
-// knows the number, else 0.
+// + sum e), l = sum_c y_c eta_c - n log(1 + sum e), r_c = y_c - n p_c, W = n (diag(p) - p p'). M predictors where the
+// compiler knows the number, else 0.
 template <int M>
 void exactmultinomial(const UnitNodes& a) {
   constexpr std::size_t room = M > 0 ? static_cast<std::size_t>(M) : mostresponses;
@@ -398,21 +398,24 @@ void exactmultinomial(const UnitNodes& a) {
           sum += e[c];
         }
         const Lane inverse = 1.0 / sum;
-        product *= sum;
+        const double n = a.n == nullptr ? 1.0 : a.n[i];
+        if (a.n != nullptr) logdensity -= n * logarithm(sum);
+        if (a.n == nullptr) product *= sum;
         if (++factors >= perproduct) {
           logdensity -= logarithm(product);
           product = all(1.0);
           factors = 0;
         }
+        for (std::size_t c = 0; c < m; ++c) e[c] *= inverse;
         for (std::size_t c = 0, s = 0; c < m; ++c) {
-          e[c] *= inverse;
-          for (std::size_t d = 0; d < c; ++d, ++s) W[s] = -e[c] * e[d];
-          W[s++] = e[c] * (1.0 - e[c]);
+          const Lane mean = n * e[c];
+          for (std::size_t d = 0; d < c; ++d, ++s) W[s] = -mean * e[d];
+          W[s++] = mean * (1.0 - e[c]);
         }
         for (std::size_t c = 0, s = 0; c < npi; ++c) {
           const std::size_t own = static_cast<std::size_t>(a.response[c]);
           double* g = a.gradient + c * a.stride + p;
-          store(g, load(g) + x[c] * (a.y[first + own] - e[own]));
+          store(g, load(g) + x[c] * (a.y[first + own] - n * e[own]));
           for (std::size_t d = 0; a.packed && d <= c; ++d, ++s) {
             const std::size_t other = static_cast<std::size_t>(a.response[d]);
             products[s] += (x[c] * x[d]) * W[own < other ? other * (other + 1) / 2 + own : own * (own + 1) / 2 + other];

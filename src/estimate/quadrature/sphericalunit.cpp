@@ -316,6 +316,7 @@ bool SphericalIntegral::level2(std::size_t j, std::size_t firstnode, std::size_t
   unit.n = outcome == RecordDensity::binomial && frame.outcome == Family::binomial && !records.n.empty()
                ? records.n.data() + records.start[j]
                : nullptr;
+  if (frame.multinomial() && !records.n.empty()) unit.n = records.n.data() + records.start[j];
   unit.stride = pairs;
   unit.logdensity = work.logdensity.data();
   unit.gradient = work.gradient.data();
@@ -716,7 +717,8 @@ void makeunitrows(const Frame& frame, const Level3Records& records, UnitRows& ro
     std::fill_n(rows.indicators.data(), total * frame.responses, 0.0);
     for (std::size_t i = 0; i < total; ++i)
       if (records.y[i] < static_cast<double>(frame.responses))
-        rows.indicators[i * frame.responses + static_cast<std::size_t>(records.y[i])] = 1.0;
+        rows.indicators[i * frame.responses + static_cast<std::size_t>(records.y[i])] =
+            records.n.empty() ? 1.0 : records.n[i];
   }
   if (frame.outcome == Family::poisson && !records.n.empty()) {
     fit(rows.logn, padded(total));
