@@ -339,6 +339,7 @@ def files(folder):
     c.equal("multinomial", (code, len(document["phases"][-1]["fixed_effects"]) if document else said[-200:]), (0, 4))
     code, said, document = fit(folder, "tries ~ year + (1 | school/pupil)", growth, "-family", "ordinal")
     c.equal("ordinal", (code, len(document["phases"][-1]["fixed_effects"]) if document else said[-200:]), (0, 6))
+    c.equal("ordinal, engine", (document["phases"][-1]["phase"], "AGQ:Y,50,AUTO" in lines()), ("quadrature", True))
     # what -reml fits is fitted again
     _, said, first = fit(folder, "score ~ year + (1 | school/pupil)", growth, "-reml")
     c("REML criterion" in said and first["phases"][-1]["likelihood"] == "restricted", said[-500:])

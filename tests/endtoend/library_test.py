@@ -95,6 +95,7 @@ MODELS = {
     "two levels, quadrature": Model("YBERN", 1, INTERCEPTS, keywords=CHAIN + " AGQ:Y,40,9", calls=SETCHAIN + ["set AGQ 9", "set AGQIT 40"],
                                     mdm="two.mdm"),
     "ordinal": Model("YORD5", 5, INTERCEPTS, categories=5, keywords=CHAIN, calls=SETCHAIN),
+    "ordinal, quadrature": Model("YORD5", 5, INTERCEPTS, categories=5, keywords=CHAIN + " AGQ:Y,40,7", calls=SETCHAIN + ["set AGQ 7", "set AGQIT 40"]),
 }
 
 

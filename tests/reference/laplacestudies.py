@@ -13,6 +13,9 @@ value would go in standard errors, what the standard errors are, whether a climb
 and how far the value, and that of the first order, is from an integral.
 
   laplacestudies.py PROGRAM FIRST LAST [OTHER COMMANDS]     such as AGQNODES:FIXED
+
+With `ordinal` as the first of these: ordinal outcomes with one point of quadrature, the first order alone, with k2 the sum of
+both densities at the bounds of a category and probabilities as differences of cumulative ones.
 """
 import sys
 import numpy as np
@@ -23,8 +26,8 @@ from movingstudies import Oracle, apart, fitted, pairs, semifactor, studies, stu
 class Dense(Oracle):
     """`once` is that of the integral; `value` that of Laplace-6."""
 
-    def __init__(self, q, r, rows, points2, points3):
-        super().__init__("bernoulli", q, r, rows, points2, points3)
+    def __init__(self, q, r, rows, points2, points3, outcome="bernoulli"):
+        super().__init__(outcome, q, r, rows, points2, points3)
         J, m = self.used.shape
         count = np.bincount(self.k)
         self.most, self.m = count.max(), m
@@ -40,21 +43,32 @@ class Dense(Oracle):
         for j in range(self.most):
             self.F2[:, j * m:(j + 1) * m, j] = D[:, j * m:(j + 1) * m]
         self.start = np.zeros((self.K, r + self.most * q))
+        if outcome == "ordinal":
+            self.categories = np.searchsorted(np.unique(rows[:, 2]), self.Y)
+
+    def record(self, eta):
+        """Log-density, its derivative, k2."""
+        if self.outcome == "ordinal":
+            l, up, down, w = self.ordinal(eta.reshape(-1, 1), self.categories.reshape(-1))
+            return [a.reshape(eta.shape) for a in (l, up + down, w)]
+        mu = 1 / (1 + np.exp(-eta))
+        return self.Y * eta - np.logaddexp(0, eta), self.Y - mu, mu * (1 - mu)
 
     def value(self, theta, sixth=True):
         A, B, g = self.matrices(theta)
+        g, self.t = g[:self.g], g[self.g:]
         rows = np.concatenate([self.E @ B, (self.F2 @ A).reshape(self.K, self.most * self.m, -1)], axis=2)
         fixed, eye = self.XG @ g, np.eye(rows.shape[2])
         def objective(x):
             eta = fixed + np.einsum("kid,kd->ki", rows, x)
-            return np.sum(self.U * (self.Y * eta - np.logaddexp(0, eta)), 1) - 0.5 * np.sum(x * x, 1), eta
+            return np.sum(self.U * self.record(eta)[0], 1) - 0.5 * np.sum(x * x, 1), eta
         x = self.start
         height, eta = objective(x)
         for _ in range(200):
-            mu = 1 / (1 + np.exp(-eta))
-            w = self.U * mu * (1 - mu)
+            _, r, w = self.record(eta)
+            w = self.U * w
             H = np.einsum("ki,kid,kie->kde", w, rows, rows, optimize=True) + eye
-            step = np.linalg.solve(H, (np.einsum("ki,kid->kd", self.U * (self.Y - mu), rows) - x)[..., None])[..., 0]
+            step = np.linalg.solve(H, (np.einsum("ki,kid->kd", self.U * r, rows) - x)[..., None])[..., 0]
             if np.abs(step).max() < 1e-9:
                 break
             scale = np.ones(self.K)
@@ -68,8 +82,9 @@ class Dense(Oracle):
             x, height = trial, new
         self.start = x
         result = height - 0.5 * np.linalg.slogdet(H)[1]
-        if not sixth:
+        if not sixth or self.outcome == "ordinal":
             return result.sum()
+        mu = 1 / (1 + np.exp(-eta))
         k2, third = w, w * (1 - 2 * mu)
         k4 = (1 - 6 * k2) * k2
         k6 = (1 - 12 * k2) * k4 - 12 * third ** 2
@@ -90,7 +105,7 @@ class Dense(Oracle):
         scale = np.append(1, self.scales[0])
         D = np.diag(scale[:self.q]), np.diag(scale[:self.r])
         A, B = semifactor(D[0] @ Tp @ D[0]), semifactor(D[1] @ Tb @ D[1])
-        G = np.array([1, 1, 1, *(1 / self.scales)])
+        G = np.array([1, 1, 1, *(1 / self.scales), *[1] * self.thresholds])
         theta = np.concatenate([[A[a, b] for a, b in pairs(self.q)], [B[a, b] for a, b in pairs(self.r)], gamma / G])
         P2, P3 = len(pairs(self.q)), len(pairs(self.r))
         free = [i for i in range(len(theta)) if i >= P2 + P3 or
@@ -136,17 +151,20 @@ class Dense(Oracle):
 
 
 def one(program, seed, *commands):
-    _, q, r, rows = study(seed, "bernoulli")
+    outcome = "ordinal" if commands[:1] == ("ordinal",) else "bernoulli"
+    commands = [c for c in commands if c != "ordinal"]
+    _, q, r, rows = study(seed, outcome)
     rows[:, 3] = 1.0
     here = f"{seed:4d} q {q} r {r} K {len(set(rows[:, 0])):2d} n {len(rows):4d}: "
-    found, ending = fitted(program, "bernoulli", q, r, rows, "\n".join(["LAPLACE:Y,100", *commands]), "laplace6")
+    found, ending = fitted(program, outcome, q, r, rows, "\n".join(["LAPLACE:Y,100" if outcome == "bernoulli" else "AGQ:Y,100,1", *commands]),
+                           "laplace6" if outcome == "bernoulli" else "quadrature")
     if found is None:
         return here + ending[0], ending[1]
-    dense = Dense(q, r, rows, *((31, 41) if q + r == 2 else (11, 21)))
+    dense = Dense(q, r, rows, *((31, 41) if q + r == 2 else (11, 21)), outcome)
     value, step, right, least, higher, integral, first = dense.judge6(*found.taus, found.gamma)
     gap, far, (off, missing) = abs(value - found.value), np.nanmax(np.abs(step) / right), apart(found.se, right)
     fine = gap < 1e-5 and far < 0.01 and off < 0.01 and least > 0 and not missing and higher < value + 1e-3
-    nearer = not abs(value - integral) > abs(first - integral)
+    nearer = outcome == "ordinal" or not abs(value - integral) > abs(first - integral)
     return (here + f"{found.phase['iterations']:2d} iterations, {found.seconds:.1f} s, taus {np.diag(found.taus[0])} "
             f"{np.diag(found.taus[1])}, gap {gap:.1e}, {far:.5f} se, errors {100 * off:.3f}%, more {higher - value:.1e}, "
             f"integral {value - integral:.3f} (first order {first - integral:.3f}){'' if nearer else ' NOT nearer'}"

@@ -158,12 +158,13 @@ class Oracle:
         mu = np.exp(np.minimum(t, 300))
         return y * t - mu, y - mu, mu
 
-    def ordinal(self, eta):
+    def ordinal(self, eta, category=None):
         """The difference of two cumulative probabilities, its derivatives by their thresholds, and minus the second by eta."""
         with np.errstate(over="ignore"):
             F = lambda x: 1 / (1 + np.exp(-x))
             t = np.concatenate([[-np.inf, 0], self.t, [np.inf]])[:, None]
-            b, a = eta + t[self.category + 1], eta + t[self.category]
+            category = self.category if category is None else category
+            b, a = eta + t[category + 1], eta + t[category]
             # on the side where neither is near 1
             p = np.where(a + b > 0, F(-a) - F(-b), F(b) - F(a))
             p = np.where(p > 1e-300, p, 1e-300)
