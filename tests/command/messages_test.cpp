@@ -247,8 +247,6 @@ std::vector<Case> cases() {
       {"NUMIT:5\nLAPLACE:Y\n", 100, "LaPlace iterations may only be done on Bernoulli analyses."},
       {"NONLIN:BINOMIAL,T\nMACROIT:3\nLAPLACE:Y,20\n", 100,
        "LaPlace iterations may only be done on Bernoulli analyses."},
-      {"NONLIN:MULTINOMIAL,3\nMACROIT:3\nAGQ:Y,20,7\n", 0,
-       " The program cannot do adaptive quadrature for multinomial runs yet.\n"},
       {samplemodel + "LVR-BETA:O,P\nFISHERTYPE:0\n", 100, "You cannot do LVR and set fishertype:0!\n"},
       {samplemodel + "LVR-BETA:O,I\n", 100,
        "A latent variable regression needs an outcome and a predictor among its coefficients!\n"},

@@ -341,6 +341,7 @@ def files(folder):
     c("NONLIN:POISSON,WEEKS" in lines() and document["model"]["count_variable"] == "WEEKS", f"{lines()}")
     code, said, document = fit(folder, "paper ~ year + (1 | school/pupil)", growth, "-family", "multinomial")
     c.equal("multinomial", (code, len(document["phases"][-1]["fixed_effects"]) if document else said[-200:]), (0, 4))
+    c.equal("multinomial, engine", (document["phases"][-1]["phase"], "AGQ:Y,50,AUTO" in lines()), ("quadrature", True))
     code, said, document = fit(folder, "tries ~ year + (1 | school/pupil)", growth, "-family", "ordinal")
     c.equal("ordinal", (code, len(document["phases"][-1]["fixed_effects"]) if document else said[-200:]), (0, 6))
     c.equal("ordinal, engine", (document["phases"][-1]["phase"], "AGQ:Y,50,AUTO" in lines()), ("quadrature", True))

@@ -408,10 +408,11 @@ void exactmultinomial(const UnitNodes& a) {
           product = all(1.0);
           factors = 0;
         }
+        for (std::size_t c = 0; c < m; ++c) e[c] *= inverse;
         for (std::size_t c = 0, s = 0; c < m; ++c) {
-          e[c] *= inverse;
-          for (std::size_t d = 0; d < c; ++d, ++s) W[s] = -n * e[c] * e[d];
-          W[s++] = n * e[c] * (1.0 - e[c]);
+          const Lane mean = n * e[c];
+          for (std::size_t d = 0; d < c; ++d, ++s) W[s] = -mean * e[d];
+          W[s++] = mean * (1.0 - e[c]);
         }
         for (std::size_t c = 0, s = 0; c < npi; ++c) {
           const std::size_t own = static_cast<std::size_t>(a.response[c]);

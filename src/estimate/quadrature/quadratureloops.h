@@ -58,8 +58,9 @@ struct UnitNodes {
   double* work;           // [(dims3 + dims2) (2 linestride + 1) + outerstride + records + nodestep]
 
   // A multinomial record has a linear predictor for each of its responses: rows of `fixed` and `rows` one behind the
-  // other, which count as records then, and with y the indicators of their categories. Column c of x, whose rows are
-  // those of the real records, belongs to response[c]. Where not `packed` the weights are the packed matrix of each.
+  // other, which count as records then, and with y the indicators of their categories. x and n, how many alike one
+  // stands for, are by real records, and so are the weights where not `packed`: the packed matrix of each. Column c of
+  // x belongs to response[c].
   std::size_t responses = 1;
   const int* response = nullptr;  // [npi]
   bool packed = false;

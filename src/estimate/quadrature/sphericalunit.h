@@ -42,7 +42,8 @@ struct SphericalGrids {
 struct UnitRows {
   Array<double> x;           // records by npi: x~
   Array<double> logn;        // [records] logarithms of the exposures
-  Array<double> indicators;  // records by predictors, of multinomial ones: 1 in the place of a record's category
+  Array<double> indicators;  // records by predictors, of multinomial ones: n in the place of a record's category, 1
+                             // where there is no n
 };
 // Makes x~ and, for counts with exposure, the logarithms, for multinomial records the indicators.
 void makeunitrows(const Frame& frame, const Level3Records& records, UnitRows& rows);
