@@ -62,6 +62,7 @@ Subject subjectof(const kdr3_model& given, const Values& values) {
     subject.names[0].push_back(leftname(mdm.names1[v]));
   subject.records = mdm.nunits1;
   subject.recordsread = mdm.numl1rec;
+  subject.recordsread = mdm.numl1rec;
   subject.units2 = mdm.nunits2;
   subject.units3 = mdm.nunits3;
   subject.twolevel = mdm.twolevel();

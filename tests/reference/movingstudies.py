@@ -327,7 +327,7 @@ def fitted(program, outcome, q, r, rows, engine, name, write=write):
         gamma=np.array([row["estimate"] for row in p["fixed_effects"]]),
         se=np.array([np.nan if not x else x for x in se], float),
         edge=any(sum(p["tau_pi"]["at_edge"] + p["tau_beta"]["at_edge"], [])),
-        warnings=[w for w in p["warnings"] + document["warnings"] if "macro" not in w]), None
+        warnings=[w for w in p["warnings"] + document["warnings"] if "macro" not in w and "robust standard errors" not in w]), None
 
 
 def apart(se, right):
