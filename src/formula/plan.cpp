@@ -76,21 +76,6 @@ std::optional<std::pair<std::size_t, std::size_t>> acrossunits(const Grouping& f
   return std::nullopt;
 }
 
-std::string valueshown(const LongColumn& column, std::size_t record) {
-  if (!column.text) return formatted("%.15g", column.numbers[record]);
-  return column.codes[record] < 0 ? "" : column.texts[static_cast<std::size_t>(column.codes[record])];
-}
-
-// The values of these columns in a record, with : between them.
-std::string unitshown(const FormulaData& data, const std::vector<std::string>& names, std::size_t record) {
-  std::string text;
-  for (const std::string& name : names) {
-    if (!text.empty()) text += ':';
-    text += valueshown(data.column(name), record);
-  }
-  return text;
-}
-
 // Which grouping is level 2, and which level 3. Where one holds the columns of the other it is the inner one; else the
 // data tell. One grouping makes a model of two levels.
 void settlegroupings(FormulaPlan& plan) {

@@ -5,6 +5,7 @@
 #include <functional>
 #include <set>
 #include <unordered_map>
+#include <utility>
 
 #include "core/formatted.h"
 
@@ -65,25 +66,36 @@ struct Values {
 
 Values evaluate(const FormulaData& data, const Expression& e);
 
-// A value that is no number although none was missing is refused with its record, since the record would be lost.
+// A record has no value. Among those of the fit that is refused, since the record would be lost.
+void lose(const FormulaData& data, const Expression& e, const std::string& words) {
+  if (data.fitted == nullptr) refuseformula(data.formula, e.place, words);
+  data.lost(words);
+}
+
+// What a call takes from the records of the fit: `make` tells it there.
+template <class Make>
+const std::vector<double>& settingsof(const FormulaData& data, const Expression& e, Make make) {
+  const std::string call = deparsed(e);
+  const auto found = data.settings->numbers.find(call);
+  return found != data.settings->numbers.end() ? found->second : data.settings->numbers[call] = make();
+}
+
 std::vector<double> transformed(const FormulaData& data, const Expression& e, const std::function<double(double)>& f) {
   std::vector<double> values = evaluate(data, e.operands[0]).numbers;
+  bool told = false;
   for (std::size_t i = 0; i < values.size(); ++i) {
     if (values[i] == missingcode) continue;
     const double value = f(values[i]);
-    if (!std::isfinite(value))
-      refuseformula(data.formula, e.place,
-                    formatted("%s has no value in record %zu, where it is %s of %.15g.", deparsed(e).c_str(), i + 1,
-                              e.word.c_str(), values[i]));
-    values[i] = value;
+    if (!std::isfinite(value) && !std::exchange(told, true))
+      lose(data, e,
+           formatted("%s has no value in record %zu, where it is %s of %.15g.", deparsed(e).c_str(), i + 1,
+                     e.word.c_str(), values[i]));
+    values[i] = std::isfinite(value) ? value : missingcode;
   }
   return values;
 }
 
 const Grouping& groupingof(const FormulaData& data, const Expression& e) {
-  if (data.known != nullptr)
-    refuseformula(data.formula, e.place,
-                  "New data have no means over units: make a column of them first, and name it in the formula.");
   std::vector<std::string> names;
   const Expression* at = &e;
   for (; isoperation(*at, ":"); at = at->operands.data()) names.insert(names.begin(), at->operands[1].word);
@@ -102,18 +114,35 @@ const Grouping& groupingof(const FormulaData& data, const Expression& e) {
       "A mean can be taken over the units of the random parts: " + (known.empty() ? "there are none" : known) + ".");
 }
 
-// The mean of the values of each unit, over the records that have one; missing where none has.
-std::vector<double> unitmeans(const std::vector<double>& values, const Grouping& grouping) {
+// The mean of the values of each unit, over the records that have one; missing where none has. A unit of the fit keeps
+// the mean that it had there.
+std::vector<double> unitmeans(const FormulaData& data, const Expression& call, const std::vector<double>& values,
+                              const Grouping& grouping) {
   std::vector<double> sums(static_cast<std::size_t>(grouping.nunits)), counts(sums.size());
   for (std::size_t i = 0; i < values.size(); ++i)
     if (grouping.units[i] >= 0 && values[i] != missingcode) {
       sums[static_cast<std::size_t>(grouping.units[i])] += values[i];
       counts[static_cast<std::size_t>(grouping.units[i])] += 1.0;
     }
-  std::vector<double> means(values.size(), missingcode);
-  for (std::size_t i = 0; i < values.size(); ++i)
-    if (const int unit = grouping.units[i]; unit >= 0 && counts[static_cast<std::size_t>(unit)] > 0.0)
-      means[i] = sums[static_cast<std::size_t>(unit)] / counts[static_cast<std::size_t>(unit)];
+  std::vector<double> ofunit(sums.size(), missingcode), means(values.size(), missingcode);
+  for (std::size_t unit = 0; unit < sums.size(); ++unit)
+    if (counts[unit] > 0.0) ofunit[unit] = sums[unit] / counts[unit];
+  std::unordered_map<std::string, double>& known = data.settings->means[deparsed(call)];
+  std::vector<char> seen(sums.size());
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    if (grouping.units[i] < 0) continue;
+    const auto unit = static_cast<std::size_t>(grouping.units[i]);
+    if (seen[unit]++ == 0) {
+      const std::string shown = unitshown(data, grouping.names, i);
+      if (data.fitted == nullptr) {
+        known[shown] = ofunit[unit];
+      } else if (const auto found = known.find(shown); found != known.end()) {
+        ofunit[unit] = found->second;
+      }
+    }
+    means[i] = ofunit[unit];
+    seen[unit] = 1;
+  }
   return means;
 }
 
@@ -137,19 +166,11 @@ Moments momentsof(const std::vector<double>& values) {
   return moments;
 }
 
-// The numbers that an expression is made with: those of other data, or by `make` those of these, which are kept.
-template <class Make>
-std::vector<double> coded(const FormulaData& data, const Expression& e, const Make& make) {
-  const std::string name = deparsed(e);
-  if (data.known != nullptr) return data.known->numbers.at(name);
-  return data.coding->numbers[name] = make();
-}
-
 std::vector<double> scaled(const FormulaData& data, const Expression& e) {
   std::vector<double> values = evaluate(data, e.operands[0]).numbers;
   const Expression *center = argument(e, "center"), *scale = argument(e, "scale");
   const bool centers = center == nullptr || truthof(data, *center), scales = scale == nullptr || truthof(data, *scale);
-  const std::vector<double> by = coded(data, e, [&]() -> std::vector<double> {
+  const std::vector<double>& taken = settingsof(data, e, [&] {
     const Moments moments = momentsof(values);
     double divisor = moments.sd;
     if (scales && !centers) {  // R then divides by the root mean square about zero, with n - 1
@@ -160,10 +181,10 @@ std::vector<double> scaled(const FormulaData& data, const Expression& e) {
     }
     if (scales && !(divisor > 0.0))
       refuseformula(data.formula, e.place, deparsed(e.operands[0]) + " has only one value, so it has no scale.");
-    return {centers ? moments.mean : 0.0, scales ? divisor : 1.0};
+    return std::vector<double>{centers ? moments.mean : 0.0, scales ? divisor : 1.0};
   });
   for (double& value : values)
-    if (value != missingcode) value = (value - by[0]) / by[1];
+    if (value != missingcode) value = (value - taken[0]) / taken[1];
   return values;
 }
 
@@ -171,9 +192,9 @@ std::vector<double> centered(const FormulaData& data, const Expression& e) {
   std::vector<double> values = evaluate(data, e.operands[0]).numbers;
   std::vector<double> means;
   if (e.operands.size() > 1) {
-    means = unitmeans(values, groupingof(data, e.operands[1]));
+    means = unitmeans(data, e, values, groupingof(data, e.operands[1]));
   } else {
-    means.assign(values.size(), coded(data, e, [&] { return std::vector<double>{momentsof(values).mean}; })[0]);
+    means.assign(values.size(), settingsof(data, e, [&] { return std::vector<double>{momentsof(values).mean}; })[0]);
   }
   for (std::size_t i = 0; i < values.size(); ++i)
     values[i] = values[i] == missingcode || means[i] == missingcode ? missingcode : values[i] - means[i];
@@ -207,9 +228,9 @@ bool namecomparison(const FormulaData& data, const Expression& e, Values& result
     if (text.part != Part::text || name.part != Part::name) continue;
     const Factor factor = factorof(data.column(name.word), {});
     const auto found = std::find(factor.levels.begin(), factor.levels.end(), text.word);
-    if (found == factor.levels.end() && data.known == nullptr)
+    if (found == factor.levels.end() && data.fitted == nullptr)
       refuseformula(data.formula, text.place, name.word + " has no value " + text.word + ".");
-    const int code = static_cast<int>(found - factor.levels.begin());
+    const int code = static_cast<int>(found - factor.levels.begin());  // that of none, where no record has the value
     result.truths = true;
     for (const int at : factor.codes)
       result.numbers.push_back(at < 0 ? missingcode : (at == code) == (e.word == "==") ? 1.0 : 0.0);
@@ -224,6 +245,7 @@ Values operation(const FormulaData& data, const Expression& e) {
   if (e.word == ":" || e.word == "~") refuseformula(data.formula, e.place, "Within a function this is no arithmetic.");
   result = evaluate(data, e.operands[0]);
   const Values right = evaluate(data, e.operands[1]);
+  bool told = false;
   for (std::size_t i = 0; i < result.numbers.size(); ++i) {
     double& a = result.numbers[i];
     const double b = right.numbers[i];
@@ -232,11 +254,11 @@ Values operation(const FormulaData& data, const Expression& e) {
       continue;
     }
     const double value = operate(e.word, a, b);
-    if (!std::isfinite(value))
-      refuseformula(data.formula, e.place,
-                    formatted("%s has no value in record %zu, where it is %.15g %s %.15g.", deparsed(e).c_str(), i + 1,
-                              a, e.word.c_str(), b));
-    a = value;
+    if (!std::isfinite(value) && !std::exchange(told, true))
+      lose(data, e,
+           formatted("%s has no value in record %zu, where it is %.15g %s %.15g.", deparsed(e).c_str(), i + 1, a,
+                     e.word.c_str(), b));
+    a = std::isfinite(value) ? value : missingcode;
   }
   result.truths = comparison(e.word);
   return result;
@@ -257,7 +279,8 @@ Values call(const FormulaData& data, const Expression& e) {
   if (e.word == "abs") return {transformed(data, e, [](double x) { return std::fabs(x); })};
   if (e.word == "scale") return {scaled(data, e)};
   if (e.word == "center") return {centered(data, e)};
-  if (e.word == "mean") return {unitmeans(evaluate(data, e.operands[0]).numbers, groupingof(data, e.operands[1]))};
+  if (e.word == "mean")
+    return {unitmeans(data, e, evaluate(data, e.operands[0]).numbers, groupingof(data, e.operands[1]))};
   refuseformula(data.formula, e.place, e.word + "() cannot stand within another function.");
 }
 
@@ -289,24 +312,23 @@ Values evaluate(const FormulaData& data, const Expression& e) {
 
 // Polynomials of degree 1 to n that are orthogonal over the records and have length 1, by the recurrence
 //   p_{k+1}(x) = (x - a_k) p_k(x) - (c_k / c_{k-1}) p_{k-1}(x),  c_k = sum p_k^2,  a_k = sum x p_k^2 / c_k.
-// x is taken from its mean on, so that a large one costs no digits. `by` has a_k and c_k of each k from 0 on; where it
-// ends, they are taken from these records and added to it.
-std::vector<std::vector<double>> orthogonal(const std::vector<double>& x, std::size_t n, std::vector<double>& by) {
+// x is taken from its mean on, so that a large one costs no digits. `taken` has the mean, then a_k and c_k from k = 0
+// on: those of the fit when `known`, else they join it.
+std::vector<std::vector<double>> orthogonal(const std::vector<double>& x, std::size_t n, std::vector<double>& taken,
+                                            bool known) {
   std::vector<std::vector<double>> all;
   std::vector<double> before(x.size(), 0.0), now(x.size(), 1.0);
   double lengthbefore = 1.0;
   for (std::size_t k = 0; k <= n; ++k) {
-    if (by.size() == 2 * k) {
-      double length = 0.0, shift = 0.0;
-      for (std::size_t i = 0; i < x.size(); ++i)
-        if (x[i] != missingcode) {
-          length += now[i] * now[i];
-          shift += x[i] * now[i] * now[i];
-        }
-      by.push_back(shift / length);
-      by.push_back(length);
-    }
-    const double shift = by[2 * k], length = by[2 * k + 1];
+    double length = 0.0, shift = 0.0;
+    for (std::size_t i = 0; i < x.size() && !known; ++i)
+      if (x[i] != missingcode) {
+        length += now[i] * now[i];
+        shift += x[i] * now[i] * now[i];
+      }
+    if (!known) taken.insert(taken.end(), {shift / length, length});
+    shift = taken[2 * k + 1];
+    length = taken[2 * k + 2];
     if (k > 0) {
       all.push_back(now);
       for (std::size_t i = 0; i < x.size(); ++i)
@@ -322,26 +344,6 @@ std::vector<std::vector<double>> orthogonal(const std::vector<double>& x, std::s
   return all;
 }
 
-// The mean that x is taken from, and then a_k and c_k.
-std::vector<std::vector<double>> orthogonalcolumns(const FormulaData& data, const Expression& e,
-                                                   const std::vector<double>& x, std::size_t n) {
-  const auto frommean = [&](double mean) {
-    std::vector<double> from = x;
-    for (double& value : from)
-      if (value != missingcode) value -= mean;
-    return from;
-  };
-  const std::vector<double> by = coded(data, e, [&] {
-    const double mean = momentsof(x).mean;
-    std::vector<double> made, whole{mean};
-    static_cast<void>(orthogonal(frommean(mean), n, made));
-    whole.insert(whole.end(), made.begin(), made.end());
-    return whole;
-  });
-  std::vector<double> rest(by.begin() + 1, by.end());
-  return orthogonal(frommean(by[0]), n, rest);
-}
-
 std::vector<std::vector<double>> polynomial(const FormulaData& data, const Expression& e) {
   const Expression* stated = argument(e, "degree");
   const Expression& degree = stated != nullptr ? *stated : e.operands[1];
@@ -354,12 +356,20 @@ std::vector<std::vector<double>> polynomial(const FormulaData& data, const Expre
   std::set<double> different;
   for (std::size_t i = 0; i < x.size() && different.size() <= static_cast<std::size_t>(n) + 1; ++i)
     if (x[i] != missingcode) different.insert(x[i]);
-  if (different.size() <= static_cast<std::size_t>(n) && data.known == nullptr)
+  if (different.size() <= static_cast<std::size_t>(n) && data.fitted == nullptr)
     refuseformula(data.formula, e.place,
                   formatted("The degree must be below the number of different values of %s, which is %zu.",
                             deparsed(e.operands[0]).c_str(), different.size()));
   const auto count = static_cast<std::size_t>(n);
-  if (raw == nullptr || !truthof(data, *raw)) return orthogonalcolumns(data, e, x, count);
+  if (raw == nullptr || !truthof(data, *raw)) {
+    std::vector<double>& taken = data.settings->numbers[deparsed(e)];
+    const bool known = !taken.empty();
+    if (!known) taken.push_back(momentsof(x).mean);
+    std::vector<double> from = x;
+    for (double& value : from)
+      if (value != missingcode) value -= taken[0];
+    return orthogonal(from, count, taken, known);
+  }
   std::vector<std::vector<double>> powers(1, x);
   while (powers.size() < count) {
     powers.push_back(powers.back());
@@ -373,7 +383,6 @@ std::vector<std::vector<double>> polynomial(const FormulaData& data, const Expre
 void setreference(const FormulaData& data, const Expression& ref, Factor& factor) {
   const std::string wanted = levelargument(ref);
   const auto found = std::find(factor.levels.begin(), factor.levels.end(), wanted);
-  if (found == factor.levels.end() && data.known != nullptr) return;
   if (found == factor.levels.end()) {
     std::string levels;
     for (const std::string& level : factor.levels)
@@ -390,7 +399,8 @@ void makefactor(const FormulaData& data, const Expression& e, Variable& variable
   variable.factor = true;
   if (const Expression& inner = bare(of); inner.part == Part::name) {
     const LongColumn& column = data.column(inner.word);
-    if (const std::string words = e.part == Part::call ? "" : strayrefusal(column); !words.empty())
+    if (const std::string words = e.part == Part::call ? "" : strayrefusal(column);
+        !words.empty() && data.fitted == nullptr)
       refuseformula(data.formula, e.place, words);
     variable.names = factorof(column, {});
     variable.source = &column;
@@ -400,7 +410,29 @@ void makefactor(const FormulaData& data, const Expression& e, Variable& variable
     column.numbers = evaluate(data, of).numbers;
     variable.names = factorof(column, {});
   }
-  if (e.part == Part::call && e.operands.size() > 1) setreference(data, e.operands[1], variable.names);
+  if (e.part == Part::call && e.operands.size() > 1 && data.fitted == nullptr)
+    setreference(data, e.operands[1], variable.names);
+}
+
+// The levels of the fit in the place of those of these records. A record with another one has no value.
+void takelevels(const FormulaData& data, const Variable& fitted, Variable& variable) {
+  std::vector<int> places;
+  for (const std::string& level : variable.names.levels) {
+    const auto found = std::find(fitted.names.levels.begin(), fitted.names.levels.end(), level);
+    places.push_back(found == fitted.names.levels.end() ? -1 : static_cast<int>(found - fitted.names.levels.begin()));
+  }
+  std::vector<char> told(places.size());
+  for (std::size_t i = 0; i < variable.names.codes.size(); ++i) {
+    int& code = variable.names.codes[i];
+    if (code < 0) continue;
+    const auto own = static_cast<std::size_t>(code);
+    code = places[own];
+    if (code >= 0 || told[own]++ != 0) continue;
+    told[own] = 1;
+    data.lost(formatted("%s: the level %s, as in record %zu, was not in the data of the fit.", variable.name.c_str(),
+                        variable.names.levels[own].c_str(), i + 1));
+  }
+  variable.names.levels = fitted.names.levels;
 }
 
 Variable makevariable(const FormulaData& data, const Expression& e) {
@@ -409,8 +441,11 @@ Variable makevariable(const FormulaData& data, const Expression& e) {
   variable.shown = e.part == Part::name ? e.word : variable.name;
   variable.place = e.place;
   if (e.part == Part::name && istruth(e.word)) refuseformula(data.formula, e.place, "A truth cannot be a variable.");
-  if (iscall(e, "factor") || (e.part == Part::name && holdsnames(data.column(e.word)))) {
+  const Variable* fitted = data.fitted == nullptr ? nullptr : &data.fitted->variables.at(variable.name);
+  const bool names = e.part == Part::name && (fitted != nullptr ? fitted->factor : holdsnames(data.column(e.word)));
+  if (iscall(e, "factor") || names) {
     makefactor(data, e, variable);
+    if (fitted != nullptr) takelevels(data, *fitted, variable);
     return variable;
   }
   if (iscall(e, "cbind")) refuseformula(data.formula, e.place, "cbind() can only be the outcome.");
@@ -427,6 +462,7 @@ Variable makevariable(const FormulaData& data, const Expression& e) {
     variable.factor = variable.indicator = true;
     variable.names = factorof(column, {});
     for (std::string& level : variable.names.levels) level = level == "0" ? "FALSE" : "TRUE";
+    if (fitted != nullptr) takelevels(data, *fitted, variable);
   } else {
     variable.columns.push_back(std::make_shared<std::vector<double>>(std::move(values.numbers)));
   }
@@ -477,8 +513,25 @@ void checkfunctions(const std::string& formula, const Expression& e) {
   for (const Expression& operand : e.operands) checkfunctions(formula, operand);
 }
 
+std::string unitshown(const FormulaData& data, const std::vector<std::string>& names, std::size_t record) {
+  std::string text;
+  for (const std::string& name : names) {
+    if (!text.empty()) text += ':';
+    const LongColumn& column = data.column(name);
+    if (!column.text) {
+      text += formatted("%.15g", column.numbers[record]);
+    } else if (const int code = column.codes[record]; code >= 0) {
+      text += column.texts[static_cast<std::size_t>(code)];
+    }
+  }
+  return text;
+}
+
 void findgroupings(FormulaData& data, const FormulaModel& model) {
   for (const RandomPart& part : model.randoms) {
+    if (std::any_of(part.group.begin(), part.group.end(),
+                    [&](const std::string& name) { return !data.places.contains(name); }))
+      continue;  // of other records, which need not tell their units
     const std::set<std::string> names(part.group.begin(), part.group.end());
     const bool known = std::any_of(data.groupings.begin(), data.groupings.end(), [&](const Grouping& other) {
       return std::set<std::string>(other.names.begin(), other.names.end()) == names;
@@ -510,24 +563,6 @@ Variable& variableof(FormulaData& data, const Expression& e) {
   const auto found = data.variables.find(name);
   if (found != data.variables.end()) return found->second;
   return data.variables.emplace(name, makevariable(data, e)).first->second;
-}
-
-Variable variablelike(const FormulaData& data, const Expression& e, const Variable& like) {
-  if (like.factor && !like.indicator && e.part == Part::name && !holdsnames(data.column(e.word)))
-    refuse(data.column(e.word).name + " was a factor, and is a column of numbers here.");
-  Variable variable = makevariable(data, e);
-  if (!like.factor) {
-    if (variable.factor) refuse(variable.name + " was a column of numbers, and is a factor here.");
-    return variable;
-  }
-  std::vector<int> place;
-  for (const std::string& level : variable.names.levels) {
-    const auto found = std::find(like.names.levels.begin(), like.names.levels.end(), level);
-    place.push_back(found == like.names.levels.end() ? -1 : static_cast<int>(found - like.names.levels.begin()));
-  }
-  for (int& code : variable.names.codes) code = code < 0 ? -1 : place[static_cast<std::size_t>(code)];
-  variable.names.levels = like.names.levels;
-  return variable;
 }
 
 std::vector<double> valuesof(const FormulaData& data, const Expression& e) { return evaluate(data, e).numbers; }

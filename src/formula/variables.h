@@ -4,12 +4,14 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
 #include "core/constants.h"
 #include "formula/factors.h"
 #include "formula/terms.h"
+#include "formula/units.h"
 
 namespace kdr {
 
@@ -40,9 +42,12 @@ struct Variable {
   }
 };
 
-// What variables were made with, by the expression: means, scales, polynomials. Other data are coded by the same.
-struct Coding {
+// What calls took from the records of the fit, by the call as R writes it: other records take the same.
+struct Settings {
+  // Of scale(): what comes off, and the divisor; of center(): the mean; of poly(): the mean, then shift and squared
+  // length of each degree from 0 on (`orthogonal`).
   std::map<std::string, std::vector<double>> numbers;
+  std::map<std::string, std::unordered_map<std::string, double>> means;  // of means over units, by the unit as shown
 };
 
 // The file as the formula sees it.
@@ -53,8 +58,11 @@ struct FormulaData {
   std::size_t nrecords = 0;
   std::vector<Grouping> groupings;
   std::map<std::string, Variable> variables;  // by name
-  std::shared_ptr<Coding> coding = std::make_shared<Coding>();
-  const Coding* known = nullptr;  // of other data, which these are coded by; null: they make a coding of their own
+  std::shared_ptr<Settings> settings = std::make_shared<Settings>();
+  // Where these are other records than those of the fit: the latter, whose settings and levels they take, and who is
+  // told of values that there are none of, which are missing then.
+  const FormulaData* fitted = nullptr;
+  Tell lost;
 
   [[nodiscard]] const LongColumn& column(const std::string& name) const { return columns[places.at(name)]; }
 };
@@ -75,12 +83,11 @@ void findgroupings(FormulaData& data, const FormulaModel& model);
 // The variable that a term names, evaluated at the first time. Refuses it where it has no values.
 Variable& variableof(FormulaData& data, const Expression& e);
 
-// The same variable over other data, which have the columns: its levels are those of `like`, others are missing.
-// Refuses what other data cannot have.
-[[nodiscard]] Variable variablelike(const FormulaData& data, const Expression& e, const Variable& like);
-
 // The values of an expression of numbers.
 [[nodiscard]] std::vector<double> valuesof(const FormulaData& data, const Expression& e);
+
+// The values of these columns in a record, with : between them.
+[[nodiscard]] std::string unitshown(const FormulaData& data, const std::vector<std::string>& names, std::size_t record);
 
 // A text between quotes or a name, as an argument that names a level.
 [[nodiscard]] std::string levelargument(const Expression& e);

@@ -399,35 +399,45 @@ double valueormissing(const std::vector<ColumnPart>& parts, std::size_t record) 
   return valueat(parts, record);
 }
 
-// The variables of a matrix over a table of other records.
-struct OtherData {
-  FormulaData data;
-  std::map<std::string, Variable> variables;
-};
-
-// Takes the columns of these names from the fields, each once.
-void takenamed(const FormulaPlan& plan, const std::vector<NamedPlace>& names, std::size_t records, const Fields& fields,
+// Takes the column of this name from the fields, once; false where they lack it.
+bool takenamed(const FormulaPlan& plan, const std::string& named, std::size_t records, const Fields& fields,
                FormulaData& data) {
-  for (const NamedPlace& named : names) {
-    if (data.places.contains(named.name)) continue;
-    const std::string& name = plan.data.column(named.name).name;
-    std::size_t c = 0;
-    while (c < fields.count && name != fields[c].name) ++c;
-    if (c == fields.count) refuse("The new data have no column " + name + ".");
-    data.places[named.name] = data.columns.size();
-    data.columns.push_back(longcolumn(fields[c], records));
-  }
+  if (data.places.contains(named)) return true;
+  const std::string& name = plan.data.column(named).name;
+  for (std::size_t c = 0; c < fields.count; ++c)
+    if (name == fields[c].name) {
+      data.places[named] = data.columns.size();
+      data.columns.push_back(longcolumn(fields[c], records));
+      return true;
+    }
+  return false;
+}
+
+void takecolumnsof(const FormulaPlan& plan, const Expression& e, std::size_t records, const Fields& fields,
+                   FormulaData& data) {
+  std::vector<NamedPlace> names;
+  columnnames(e, names);
+  for (const NamedPlace& named : names)
+    if (!takenamed(plan, named.name, records, fields, data))
+      refuse("The new data have no column " + plan.data.column(named.name).name + ".");
+}
+
+// Whether a value of the expression hangs on the unit of its record.
+bool takesmeans(const Expression& e) {
+  if (iscall(e, "mean") || (iscall(e, "center") && e.operands.size() > 1)) return true;
+  return std::any_of(e.operands.begin(), e.operands.end(), takesmeans);
 }
 
 void startother(const FormulaPlan& plan, std::size_t records, FormulaData& data) {
   data.formula = plan.model.text;
   data.nrecords = records;
-  data.known = plan.data.coding.get();
+  data.fitted = &plan.data;
+  data.settings = plan.data.settings;
+  data.lost = [](const std::string&) {};  // a row without a value shows by itself
 }
 
 void evaluateother(const FormulaPlan& plan, std::vector<std::vector<ColumnPart>>& columns, std::size_t records,
-                   const Fields& fields, OtherData& other) {
-  FormulaData& data = other.data;
+                   const Fields& fields, FormulaData& data) {
   startother(plan, records, data);
   std::map<std::string, const Expression*> expressions;
   const auto collect = [&](const Terms& terms) {
@@ -435,17 +445,20 @@ void evaluateother(const FormulaPlan& plan, std::vector<std::vector<ColumnPart>>
   };
   collect(plan.model.fixed);
   for (const RandomPart& part : plan.model.randoms) collect(part.terms);
-  std::vector<NamedPlace> names;
+  bool means = false;
   for (const std::vector<ColumnPart>& parts : columns)
-    for (const ColumnPart& part : parts) columnnames(*expressions.at(part.variable->name), names);
-  takenamed(plan, names, records, fields, data);
-  for (std::vector<ColumnPart>& parts : columns)
-    for (ColumnPart& part : parts) {
-      const std::string& name = part.variable->name;
-      if (!other.variables.contains(name))
-        other.variables.emplace(name, variablelike(data, *expressions.at(name), *part.variable));
-      part.variable = &other.variables.at(name);
+    for (const ColumnPart& part : parts) {
+      const Expression& e = *expressions.at(part.variable->name);
+      takecolumnsof(plan, e, records, fields, data);
+      means = means || takesmeans(e);
     }
+  if (means) {
+    for (const RandomPart& part : plan.model.randoms)
+      for (const std::string& name : part.group) static_cast<void>(takenamed(plan, name, records, fields, data));
+    findgroupings(data, plan.model);
+  }
+  for (std::vector<ColumnPart>& parts : columns)
+    for (ColumnPart& part : parts) part.variable = &variableof(data, *expressions.at(part.variable->name));
 }
 
 // What is added to the linear predictor of other records.
@@ -460,15 +473,13 @@ void offsetsofother(const FormulaPlan& plan, std::size_t records, const Fields& 
                                         : of[i];
   };
   for (const Expression* e : plan.model.offsets) {
-    std::vector<NamedPlace> names;
-    columnnames(*e, names);
-    takenamed(plan, names, records, fields, data);
+    takecolumnsof(plan, *e, records, fields, data);
     add(valuesof(data, e->operands[0]), false);
   }
   for (const auto& [name, logarithm] :
        {std::pair{plan.options.offset, false}, std::pair{plan.options.exposure, true}}) {
     if (name.empty()) continue;
-    takenamed(plan, {{name, {}}}, records, fields, data);
+    if (!takenamed(plan, name, records, fields, data)) refuse("The new data have no column " + name + ".");
     add(data.column(name).numbers, logarithm);
   }
 }
@@ -599,7 +610,7 @@ kdr3_status kdr3_formula_matrix(const kdr3_formula* formula, kdr3_words part, si
     if (part != KDR3_EFFECTS && part != KDR3_RANDOM2 && part != KDR3_RANDOM3 && part != KDR3_OFFSETS)
       return error("A matrix is of the fixed effects, of the random ones of level 2 or 3, or of the offsets.");
     const FormulaPlan& plan = formula->plan;
-    OtherData other;
+    FormulaData other;
     const bool own = first == nullptr;
     const Fields fields{first, count};
     if (!own)
