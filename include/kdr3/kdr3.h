@@ -216,8 +216,9 @@ KDR3_PUBLIC kdr3_status kdr3_formula_records(const kdr3_formula* formula, size_t
 /* The columns of KDR3_EFFECTS, KDR3_RANDOM2 or KDR3_RANDOM3, or the one of KDR3_OFFSETS (offsets, or the logarithm of
  * the exposure; 0 without either), over the rows of a table, [records * columns] row by row,
  * with the factors, means, scales and polynomials of the data that the model was made of; NaN in a row with a missing
- * value or a level that those data have not. Without fields they are those of the model's own records, in the order of
- * kdr3_formula_records. Errors: a missing column; means over units, which new data do not have. */
+ * value or a level that those data have not. A unit of those data keeps its means, a new one has those of its rows.
+ * Without fields they are those of the model's own records, in the order of kdr3_formula_records. Errors: a missing
+ * column. */
 KDR3_PUBLIC kdr3_status kdr3_formula_matrix(const kdr3_formula* formula, kdr3_words part, size_t records, size_t count,
                                             const kdr3_field* fields, double* values);
 

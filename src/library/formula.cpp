@@ -12,7 +12,6 @@
 
 #include "core/constants.h"
 #include "core/formatted.h"
-#include "formula/newrecords.h"
 #include "formula/plan.h"
 #include "library/cells.h"
 #include "library/handles.h"
@@ -400,31 +399,43 @@ double valueormissing(const std::vector<ColumnPart>& parts, std::size_t record) 
   return valueat(parts, record);
 }
 
-// Other records in the place of those of a plan: what has no place in its data is missing.
+// Takes the column of this name from the fields, once; false where they lack it.
+bool takenamed(const FormulaPlan& plan, const std::string& named, std::size_t records, const Fields& fields,
+               FormulaData& data) {
+  if (data.places.contains(named)) return true;
+  const std::string& name = plan.data.column(named).name;
+  for (std::size_t c = 0; c < fields.count; ++c)
+    if (name == fields[c].name) {
+      data.places[named] = data.columns.size();
+      data.columns.push_back(longcolumn(fields[c], records));
+      return true;
+    }
+  return false;
+}
+
+void takecolumnsof(const FormulaPlan& plan, const Expression& e, std::size_t records, const Fields& fields,
+                   FormulaData& data) {
+  std::vector<NamedPlace> names;
+  columnnames(e, names);
+  for (const NamedPlace& named : names)
+    if (!takenamed(plan, named.name, records, fields, data))
+      refuse("The new data have no column " + plan.data.column(named.name).name + ".");
+}
+
+// Whether a value of the expression hangs on the unit of its record.
+bool takesmeans(const Expression& e) {
+  if (iscall(e, "mean") || (iscall(e, "center") && e.operands.size() > 1)) return true;
+  return std::any_of(e.operands.begin(), e.operands.end(), takesmeans);
+}
+
 void startother(const FormulaPlan& plan, std::size_t records, FormulaData& data) {
   data.formula = plan.model.text;
   data.nrecords = records;
-  data.settings = plan.data.settings;
   data.fitted = &plan.data;
-  data.lost = [](const std::string&) {};
+  data.settings = plan.data.settings;
+  data.lost = [](const std::string&) {};  // a row without a value shows by itself
 }
 
-// Takes the columns of these names from the fields, each once, in the form of those of the plan.
-void takenamed(const FormulaPlan& plan, const std::vector<NamedPlace>& names, const Fields& fields, bool needed,
-               FormulaData& data) {
-  for (const NamedPlace& named : names) {
-    if (data.places.contains(named.name)) continue;
-    const LongColumn& fitted = plan.data.column(named.name);
-    std::size_t c = 0;
-    while (c < fields.count && fitted.name != fields[c].name) ++c;
-    if (c == fields.count && needed) refuse("The new data have no column " + fitted.name + ".");
-    if (c == fields.count) continue;
-    data.places[named.name] = data.columns.size();
-    data.columns.push_back(alike(longcolumn(fields[c], data.nrecords), fitted, data.lost));
-  }
-}
-
-// The variables of a matrix over a table of other records, coded as those of the plan; `data` keeps them.
 void evaluateother(const FormulaPlan& plan, std::vector<std::vector<ColumnPart>>& columns, std::size_t records,
                    const Fields& fields, FormulaData& data) {
   startother(plan, records, data);
@@ -433,22 +444,21 @@ void evaluateother(const FormulaPlan& plan, std::vector<std::vector<ColumnPart>>
     for (std::size_t v = 0; v < terms.variables.size(); ++v) expressions[terms.names[v]] = terms.variables[v];
   };
   collect(plan.model.fixed);
-  for (const RandomPart& part : plan.model.randoms) {
-    collect(part.terms);
-    for (const std::string& name : part.group) takenamed(plan, {{name, {}}}, fields, false, data);
+  for (const RandomPart& part : plan.model.randoms) collect(part.terms);
+  bool means = false;
+  for (const std::vector<ColumnPart>& parts : columns)
+    for (const ColumnPart& part : parts) {
+      const Expression& e = *expressions.at(part.variable->name);
+      takecolumnsof(plan, e, records, fields, data);
+      means = means || takesmeans(e);
+    }
+  if (means) {
+    for (const RandomPart& part : plan.model.randoms)
+      for (const std::string& name : part.group) static_cast<void>(takenamed(plan, name, records, fields, data));
+    findgroupings(data, plan.model);
   }
-  const auto eachpart = [&](const auto& use) {
-    for (std::vector<ColumnPart>& parts : columns)
-      for (ColumnPart& part : parts) use(part, *expressions.at(part.variable->name));
-  };
-  eachpart([&](const ColumnPart&, const Expression& e) {
-    std::vector<NamedPlace> names;
-    columnnames(e, names);
-    takenamed(plan, names, fields, true, data);
-  });
-  findgroupings(data, plan.model);
-  eachpart([&](const ColumnPart&, const Expression& e) { static_cast<void>(variableof(data, e)); });
-  eachpart([&](ColumnPart& part, const Expression&) { part.variable = &data.variables.at(part.variable->name); });
+  for (std::vector<ColumnPart>& parts : columns)
+    for (ColumnPart& part : parts) part.variable = &variableof(data, *expressions.at(part.variable->name));
 }
 
 // What is added to the linear predictor of other records.
@@ -463,15 +473,13 @@ void offsetsofother(const FormulaPlan& plan, std::size_t records, const Fields& 
                                         : of[i];
   };
   for (const Expression* e : plan.model.offsets) {
-    std::vector<NamedPlace> names;
-    columnnames(*e, names);
-    takenamed(plan, names, fields, true, data);
+    takecolumnsof(plan, *e, records, fields, data);
     add(valuesof(data, e->operands[0]), false);
   }
   for (const auto& [name, logarithm] :
        {std::pair{plan.options.offset, false}, std::pair{plan.options.exposure, true}}) {
     if (name.empty()) continue;
-    takenamed(plan, {{name, {}}}, fields, true, data);
+    if (!takenamed(plan, name, records, fields, data)) refuse("The new data have no column " + name + ".");
     add(data.column(name).numbers, logarithm);
   }
 }
