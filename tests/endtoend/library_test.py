@@ -93,6 +93,7 @@ MODELS = {
                                  calls=SETCHAIN + ["set AGQ 5", "set AGQIT 40", "weights W1 W2 - -", "set WEIGHTSCALE 0"]),
     "too few points": Model("YPOIS", 3, INTERCEPTS, keywords=CHAIN + " AGQ:Y,20,3", calls=SETCHAIN + ["set AGQ 3", "set AGQIT 20"]),
     "multinomial": Model("YMUL3", 4, INTERCEPTS, categories=3, keywords=CHAIN, calls=SETCHAIN),
+    "multinomial, quadrature": Model("YMUL3", 4, INTERCEPTS, categories=3, keywords=CHAIN + " AGQ:Y,40,5", calls=SETCHAIN + ["set AGQ 5", "set AGQIT 40"]),
     "two levels": Model("YPOIS", 0, SLOPES, keywords=LINEAR + " GAMMA1:0,1,-1,0", calls=["set NUMIT 300", "hypothesis 1 4 0 1 -1 0"], mdm="two.mdm"),
     "two levels, quadrature": Model("YBERN", 1, INTERCEPTS, keywords=CHAIN + " AGQ:Y,40,9", calls=SETCHAIN + ["set AGQ 9", "set AGQIT 40"],
                                     mdm="two.mdm"),

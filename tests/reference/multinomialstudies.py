@@ -24,7 +24,7 @@ from movingstudies import NOFEATURES, NOFILES, apart, fitted, fixedtext, pairs, 
 ONE, SLOPE = 0, 1
 CASES = {
     "multinomial22": (3, [(0, ONE), (1, ONE)], [(0, ONE), (1, ONE)], (7, 9)),
-    "multinomial31": (3, [(0, ONE), (0, SLOPE), (1, ONE)], [(1, ONE)], (7, 13)),
+    "multinomial31": (3, [(0, ONE), (0, SLOPE), (1, ONE)], [(1, ONE)], (15, 3)),
     "multinomial33": (4, [(c, ONE) for c in range(3)], [(c, ONE) for c in range(3)], (5, 5)),
 }
 

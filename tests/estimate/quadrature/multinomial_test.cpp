@@ -25,7 +25,7 @@ struct MultinomialCase {
 };
 const MultinomialCase multinomials[] = {{"multinomial22", 3, {{0, 0}, {1, 0}}, {{0, 0}, {1, 0}}, 11},
                                         {"multinomial31", 3, {{0, 0}, {0, 1}, {1, 0}}, {{1, 0}}, 11},
-                                        {"multinomial33", 4, {{0, 0}, {1, 0}, {2, 0}}, {{0, 0}, {1, 0}, {2, 0}}, 7}};
+                                        {"multinomial33", 4, {{0, 0}, {1, 0}, {2, 0}}, {{0, 0}, {1, 0}, {2, 0}}, 5}};
 
 std::vector<int> responsesof(int categories) {
   std::vector<int> response;
@@ -147,10 +147,12 @@ TEST(Multinomial, MaximaOfDenseIntegralsAndOfOnePoint) {
       ASSERT_EQ(result.end, MovingEnd::converged) << c.name << points;
       EXPECT_TRUE(result.warnings.empty()) << c.name << points << result.warnings[0];
       EXPECT_LE(result.iterations, 12) << c.name << points;
+      EXPECT_NEAR(result.loglikelihood, reference(c.name, "maximum" + ending)[0], points == 1 ? 1e-5 : 0.003) << c.name;
+      // Of the larger ones the oracle has found the height alone.
+      if (points != 1 && c.name != std::string("multinomial22")) continue;
       const std::vector<double> estimates = reference(c.name, "estimate" + ending),
                                 errors = reference(c.name, "se" + ending), found = elements(result.parameters);
       ASSERT_EQ(found.size(), errors.size());
-      EXPECT_NEAR(result.loglikelihood, reference(c.name, "maximum" + ending)[0], points == 1 ? 1e-5 : 0.003) << c.name;
       for (std::size_t i = 0; i < found.size(); ++i) {
         EXPECT_NEAR(found[i], estimates[i], (points == 1 ? 0.002 : 0.01) * errors[i]) << c.name << points << " " << i;
         EXPECT_NEAR(std::sqrt(result.covariance[i * found.size() + i]), errors[i], 0.01 * errors[i])
@@ -177,6 +179,34 @@ TEST(Multinomial, TwoCategoriesAreABernoulliOutcome) {
       EXPECT_NEAR(found[i], right[i], 1e-6) << points << " " << i;
       EXPECT_NEAR(result.covariance[i * P + i] / wanted.covariance[i * P + i], 1.0, 1e-5) << points << " " << i;
     }
+  }
+}
+
+// A record that stands for several alike.
+TEST(Multinomial, CountedRecordsAreCopies) {
+  const MultinomialCase& c = multinomials[0];
+  const std::vector<Record> records = readrecords(folder + c.name + ".dat");
+  std::vector<Record> copies;
+  Study counted = readmultinomial(c);
+  std::size_t place = 0;
+  for (Level3Records& unit : counted.units) {
+    unit.n.reset(unit.y.size());
+    for (double& n : unit.n) {
+      n = static_cast<double>(1 + place % 3);
+      copies.insert(copies.end(), 1 + place % 3, records[place]);
+      ++place;
+    }
+  }
+  Study copied = multinomialstudy(c.categories, c.second, c.third, copies);
+  for (const int points : {1, 5}) {
+    MovingSettings settings;
+    settings.check = false;
+    const Parameters start = startof(copied, c);
+    const MovingResult result = fit(counted, start, points, settings), wanted = fit(copied, start, points, settings);
+    ASSERT_TRUE(wanted.end == MovingEnd::converged && result.end == MovingEnd::converged);
+    EXPECT_NEAR(result.loglikelihood, wanted.loglikelihood, 1e-4);
+    for (std::size_t i = 0; i < wanted.parameters.count(); ++i)
+      EXPECT_NEAR(elements(result.parameters)[i], elements(wanted.parameters)[i], 1e-4) << points << " " << i;
   }
 }
 
