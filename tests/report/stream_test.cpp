@@ -28,7 +28,7 @@ constexpr const char* pagebegin =
     "<!DOCTYPE html>\n<html lang=en>\n<head>\n"
     "<meta http-equiv=\"content-type\" content=\"text/html;charset=utf-8\" />\n<title>a &lt; b &amp; "
     "c</title>\n<style>\n";
-constexpr const char* pagehead = "</style>\n</head>\n<body bgcolor=\"FFFFFF\" fgcolor=\"000000\">\n";
+constexpr const char* pagehead = "</head>\n<body bgcolor=\"FFFFFF\" fgcolor=\"000000\">\n";
 
 TEST_F(Report, NameDecidesTheMode) {
   struct {
