@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "construct/buildlog.h"
-#include "formula/factors.h"
 #include "construct/fileclashes.h"
 #include "construct/levelsource.h"
 #include "construct/rawformats.h"
@@ -18,6 +17,7 @@
 #include "driver/failures.h"
 #include "driver/resultfile.h"
 #include "driver/runrecord.h"
+#include "formula/factors.h"
 
 namespace kdr {
 
