@@ -318,6 +318,8 @@ Frame makeframe(Family outcome, int npi, int nbeta, const Design& design, Record
       if (frame.categories.empty()) frame.categories.reset(unit.categories.size());
       for (std::size_t c = 0; c < unit.categories.size(); ++c) frame.categories[c] += unit.weight3 * unit.categories[c];
       addconstants(frame, unit);
+      if (!frame.shares && frame.outcome == Family::bernoulli)
+        frame.shares = std::any_of(unit.y.begin(), unit.y.end(), [](double y) { return y != 0.0 && y != 1.0; });
       if (!unit.weight2.empty()) {
         frame.units.weight2.insert(frame.units.weight2.end(), unit.weight2.begin(), unit.weight2.end());
         frame.units.weight3.push_back(unit.weight3);

@@ -53,6 +53,7 @@ struct Frame {
   double records = 0.0;       // those of the source
   double outcomes = 0.0;      // those that the outcome was observed in: fewer where records are cuts
   Array<double> categories;   // [C] of cuts: how many of the outcomes each category has
+  bool shares = false;        // Bernoulli: an outcome that is neither 0 nor 1
   double counts = 0.0;        // Poisson: -sum of log y!
   double combinations = 0.0;  // binomial: the logarithms of the binomial coefficients
   double scale = 1.0;  // mean of the level-3 weights: a log-likelihood of the engine times it is that of the data

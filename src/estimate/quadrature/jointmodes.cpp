@@ -18,7 +18,7 @@ constexpr int moststeps = 60, mosthalvings = 30;
 void makexcolumns(const Frame& frame, const Level3Records& records, ModeWork& work) {
   const std::size_t npi = at(frame.npi), units = at(records.units);
   work.first.assign(1, 0);
-  work.outcome.clear();
+  work.kind = densityof(frame, records);
   for (std::size_t j = 0; j < units; ++j)
     work.first.push_back(work.first.back() + padded(records.start[j + 1] - records.start[j]));
   const std::size_t total = work.first.back();
@@ -48,7 +48,6 @@ void makexcolumns(const Frame& frame, const Level3Records& records, ModeWork& wo
     place(work.y, records.y.data(), 0.0);
     place(work.n, frame.outcome != Family::poisson && !records.n.empty() ? records.n.data() : nullptr, 0.0);
     if (exposed) place(work.logn, records.n.data(), 1.0);
-    work.outcome.push_back(densityof(frame, records, j));
   }
   if (exposed) fastestquadratureloops().logarithms(work.logn.data(), total);
 }
@@ -71,7 +70,7 @@ double evaluate(const Frame& frame, std::size_t k, std::size_t units, const doub
       c[m] = sum;
     }
     const double weight = frame.weight2(k, j);
-    work.density += weight * loops.recordsums[static_cast<int>(work.outcome[j])](work.columnsof(frame, j));
+    work.density += weight * loops.recordsums[static_cast<int>(work.kind)](work.columnsof(frame, j));
     for (std::size_t a = 0; a < q; ++a) objective -= weight * 0.5 * own[a] * own[a];
   }
   return objective + work.density;

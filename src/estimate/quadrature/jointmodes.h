@@ -9,7 +9,7 @@ namespace kdr {
 // What the search leaves, at the modes; buffers of one thread.
 struct ModeWork {
   UnitFrames frames;
-  std::vector<RecordDensity> outcome;  // of each level-2 unit
+  RecordDensity kind = RecordDensity::bernoulli;  // of the records
   std::vector<std::size_t> first;      // [units + 1] records, each unit's rounded up, before each level-2 unit
   Array<double> xcolumns, y, n, logn;  // by these places: npi columns of x~ unit by unit; trials or 1, and exposures
   Array<double> D;                     // dW/deta at the modes; multinomial: the probabilities, by predictors

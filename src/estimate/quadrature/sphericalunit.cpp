@@ -291,7 +291,7 @@ void SphericalIntegral::makerows(std::size_t j) {
 bool SphericalIntegral::level2(std::size_t j, std::size_t firstnode, std::size_t nodes) {
   placepairs(j, firstnode, nodes);
   makerows(j);
-  const RecordDensity outcome = densityof(frame, records, j);
+  const RecordDensity outcome = densityof(frame, records);
   UnitNodes unit{};
   unit.records = lines(j);
   unit.npi = width(j);
@@ -731,14 +731,12 @@ void makeunitrows(const Frame& frame, const Level3Records& records, UnitRows& ro
   }
 }
 
-RecordDensity densityof(const Frame& frame, const Level3Records& records, std::size_t j) {
+RecordDensity densityof(const Frame& frame, const Level3Records& records) {
   if (frame.multinomial()) return RecordDensity::multinomial;
   if (frame.outcome == Family::poisson) return records.n.empty() ? RecordDensity::poisson : RecordDensity::exposure;
   if (frame.outcome == Family::binomial || !records.n.empty()) return RecordDensity::binomial;
   // A share of successes is a binomial outcome of one trial.
-  const double *y = records.y.data() + records.start[j], *end = records.y.data() + records.start[j + 1];
-  const bool whole = std::all_of(y, end, [](double value) { return value == 0.0 || value == 1.0; });
-  return whole ? RecordDensity::bernoulli : RecordDensity::binomial;
+  return frame.shares ? RecordDensity::binomial : RecordDensity::bernoulli;
 }
 
 bool integratespherical(const Frame& frame, const SphericalGrids& grids, const SphericalPoint& point,

@@ -47,8 +47,8 @@ struct UnitRows {
 };
 // Makes x~ and, for counts with exposure, the logarithms, for multinomial records the indicators.
 void makeunitrows(const Frame& frame, const Level3Records& records, UnitRows& rows);
-// The density of the records of level-2 unit j.
-[[nodiscard]] RecordDensity densityof(const Frame& frame, const Level3Records& records, std::size_t j);
+// The density of the records.
+[[nodiscard]] RecordDensity densityof(const Frame& frame, const Level3Records& records);
 
 // What one unit gives.
 struct UnitSums {
