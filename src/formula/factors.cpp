@@ -98,6 +98,23 @@ std::string strayrefusal(const LongColumn& column) {
          ". Name a code of missing values by -missing, mend the file, or write factor(" + column.name + ").";
 }
 
+LongColumn astexts(const LongColumn& column) {
+  if (column.text) return column;
+  LongColumn texts;
+  texts.text = true;
+  std::map<double, int> known;
+  for (const double value : column.numbers) {
+    if (value == missingcode) {
+      texts.codes.push_back(-1);
+      continue;
+    }
+    const auto [place, fresh] = known.try_emplace(value, static_cast<int>(texts.texts.size()));
+    if (fresh) texts.texts.push_back(formatted("%.15g", value));
+    texts.codes.push_back(place->second);
+  }
+  return texts;
+}
+
 Factor factorof(const LongColumn& column, const std::vector<char>& kept) {
   Levels levels = column.text ? textlevels(column) : numberlevels(column);
   std::vector<int> place(levels.names.size(), -1);

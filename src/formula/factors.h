@@ -16,6 +16,8 @@ struct Factor {
 
 // Whether a column holds names: texts, or numbers each of which has a label.
 [[nodiscard]] bool holdsnames(const LongColumn& column);
+// Numbers as texts; texts as they are.
+[[nodiscard]] LongColumn astexts(const LongColumn& column);
 // The text with which a column that should be one of numbers became one of texts, where most of its texts are numbers;
 // empty otherwise.
 [[nodiscard]] std::string straytext(const LongColumn& column);

@@ -29,22 +29,6 @@ LongColumn asnumbers(const LongColumn& column, const Tell& lost) {
   return numbers;
 }
 
-LongColumn astexts(const LongColumn& column) {
-  LongColumn texts;
-  texts.text = true;
-  std::map<double, int> known;
-  for (const double value : column.numbers) {
-    if (value == missingcode) {
-      texts.codes.push_back(-1);
-      continue;
-    }
-    const auto [place, fresh] = known.try_emplace(value, static_cast<int>(texts.texts.size()));
-    if (fresh) texts.texts.push_back(formatted("%.15g", value));
-    texts.codes.push_back(place->second);
-  }
-  return texts;
-}
-
 // Numbers whose names those of the fit are: each has one, or is missing.
 void takelabels(LongColumn& column, const LongColumn& fitted, const Tell& lost) {
   column.labels = fitted.labels;

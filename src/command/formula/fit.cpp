@@ -7,7 +7,6 @@
 #include <memory>
 #include <optional>
 #include <set>
-#include <unordered_map>
 #include <utility>
 
 #include "command/formula/coding.h"
@@ -85,23 +84,6 @@ bool wholenumbers(const LongColumn& column) {
   });
 }
 
-LongColumn astexts(LongColumn column) {
-  if (column.text) return column;
-  LongColumn texts;
-  texts.text = true;
-  std::unordered_map<double, int> known;
-  for (const double value : column.numbers) {
-    if (value == missingcode) {
-      texts.codes.push_back(-1);
-      continue;
-    }
-    const auto [place, fresh] = known.try_emplace(value, static_cast<int>(texts.texts.size()));
-    if (fresh) texts.texts.push_back(formatted("%.15g", value));
-    texts.codes.push_back(place->second);
-  }
-  return texts;
-}
-
 void makeunits(Fit& fit) {
   FormulaPlan& plan = fit.plan;
   struct Ids {
@@ -120,7 +102,7 @@ void makeunits(Fit& fit) {
       std::all_of(levels.begin(), levels.end(), [](const Ids& ids) { return wholenumbers(ids.column); });
   run.mdm.numericids = numbers;
   for (Ids& ids : levels) {
-    if (!numbers) ids.column = astexts(std::move(ids.column));
+    if (!numbers) ids.column = astexts(ids.column);
     ids.keys = unitkeys(ids.column, numbers, false);
     if (ids.keys.numbered)
       remark(fit, formatted("IDs of %s that are long, or differ by case alone: the units are numbered from 1 to %zu.",
