@@ -6,7 +6,7 @@ import textwrap
 from .canvas import BLUE, FEW, GREY, LIGHT, MANY, PALETTE, RED, figure, unitsname
 from .checks import describedcalibration, describedsimulated, drawcalibration, drawsimulated
 from .digits import interval, shown
-from .document import USAGE, Refusal, choosephase, outcomename, phasename
+from .document import USAGE, Refusal, choosephase, outcomename, phasename, wholename
 from .model import rationame
 from .predicted import describedmargins, describedprofiles, drawmargins, drawprofiles
 from .values import caterpillar, coefficients, lines, ofsubruns, pickunits, quantiles, residuals, shownamong
@@ -64,8 +64,8 @@ def drawlines(run, units=None, predictor=None, category=None, title=""):
     count = len(run.table(2).rows)
     ax.plot([x for x, _ in mean], [y for _, y in mean], color="black", linestyle="--", linewidth=1.4,
             label=f"mean of all {count}")
-    ax.set_xlabel("\n".join([predictor] + textwrap.wrap("held: " * bool(held) + ", ".join(
-        f"{name} at {value:.3g}" for name, value in held.items()), 46)))
+    ax.set_xlabel("\n".join([wholename(run.document, 1, predictor)] + textwrap.wrap("held: " * bool(held) + ", ".join(
+        f"{wholename(run.document, 1, name)} at {value:.3g}" for name, value in held.items()), 46)))
     ax.set_ylabel(scale(run))
     ax.set_title(f"{len(drawn)} {unitsname(2, len(drawn))}" + (f", category {category}" if category else ""))
     ax.legend(title="level-2 unit", title_fontsize=8, loc="upper left", bbox_to_anchor=(1.0, 1.0))
@@ -163,6 +163,8 @@ def source(kind, run):
     """Where a picture's numbers come from, where that may be another phase than a reader expects."""
     if not run.nonlinear or kind in ("coefficients", "profile"):
         return ""
+    if kind == "margins":  # of the last results of the run
+        return phasename(choosephase(run.document))
     level = {"residuals": 1, "simulated": 1, "calibration": 1, "caterpillar3": 3}.get(kind, 2)
     try:
         run.read()
@@ -208,7 +210,7 @@ def described(kind, run, o):
                                        for level, what, rows in quantiles(run) if rows)
     if kind == "lines":
         predictor, drawn, *_ = lines(run, o.units, o.predictor, o.category)
-        return f"{name} over {predictor}: " + "; ".join(
+        return f"{name} over {wholename(run.document, 1, predictor)}: " + "; ".join(
             f"{unit} from {shown(first[1])} to {shown(last[1])}" for unit, first, last in drawn)
     if kind in ("simulated", "calibration"):
         return f"{name}: " + (describedsimulated if kind == "simulated" else describedcalibration)(run)

@@ -10,7 +10,7 @@ With r = L v, tau = L L', and likewise at level 3, v and w have standard normal 
 with the normal distribution about the empirical Bayes residuals,
     precision of v in a level-2 unit:   A = I + sum X2' W X2,     X2 = Z2 L2, W the information of a record
     of w and all v of a level-3 unit:   C = I + sum X3' W X3 beside the A, B = sum X2' W X3 between them
-and is led to the exact one by Metropolis steps, unless the outcome is normal, where it is exact.
+and is led to the exact one by Metropolis steps and exchanges between the levels, unless the outcome is normal, where it is exact.
 """
 import math
 from types import SimpleNamespace
@@ -21,7 +21,7 @@ from .document import DAMAGED, NOTHING, Refusal, equations, isintercept, outcome
 from .files import randomeffects
 
 SEED = 1
-SWEEPS = 60
+SWEEPS = 100
 GROUPS = 10
 TINY = 1e-7  # below the digits of a probability in a residual file
 CATEGORIES = ("ordinal", "multinomial")
@@ -47,14 +47,15 @@ def factors(table, names):
 
 
 def roots(tau):
-    """L of tau = L L', and its inverse, 0 in directions without variance. By way of the correlations: units don't matter."""
+    """L of tau = L L', its inverse, 0 in directions without variance, and whether there are none. By way of the correlations:
+    units don't matter."""
     deviations = np.sqrt(np.maximum(np.diag(tau), 0.0))
     inverse = np.divide(1.0, deviations, out=np.zeros_like(deviations), where=deviations > 0)
     values, vectors = np.linalg.eigh(tau * np.outer(inverse, inverse))
     some = values > 1e-6
     lengths = np.sqrt(np.where(some, values, 0.0))
     back = np.divide(1.0, lengths, out=np.zeros_like(lengths), where=some)
-    return deviations[:, None] * vectors * lengths, (vectors * back).T * inverse
+    return deviations[:, None] * vectors * lengths, (vectors * back).T * inverse, bool(some.all())
 
 
 def level(run, number, records, phase):
@@ -80,14 +81,15 @@ def level(run, number, records, phase):
     p, first = len(found), table.ids + 1
     estimates = np.column_stack([table.at(first + i) for i in range(p)])
     tau = np.array(phase["tau_pi" if number == 2 else "tau_beta"]["estimate"], dtype=float)
-    root, inverse = roots(tau)
+    root, inverse, full = roots(tau)
     design = np.zeros((len(unit), p, run.predictorcount))
     for i, (names, category, _) in enumerate(found):
         its = slice(None) if categories[0] is None else slice(category, category + 1)
         design[:, i, its] = factors(records, names)[:, None]
     fitted = [table.at(first + 2 * p + at) for _, _, at in found]
     return SimpleNamespace(unit=unit, count=len(table.rows), design=design, root=root, tau=tau, estimates=estimates, fitted=fitted,
-                           start=estimates @ inverse.T, names=randomeffects(run, number), number=number)
+                           start=estimates @ inverse.T, inverse=inverse if full else None, terms=[term[:2] for term in found],
+                           names=randomeffects(run, number), number=number)
 
 
 def outcome(run, records):
@@ -255,7 +257,7 @@ def begin(a, noise):
         one.factor = np.linalg.cholesky(made + np.eye(made.shape[1]))
     if len(a.levels) == 2:
         two, three = a.levels
-        over = np.zeros(two.count, dtype=int)
+        over = a.over = np.zeros(two.count, dtype=int)
         over[two.unit] = three.unit
         cross = sums(two.unit, two.count, np.einsum("naq,nq,nbq->nab", two.x, w, three.x))
         half = np.linalg.solve(two.factor, cross)
@@ -269,10 +271,29 @@ def begin(a, noise):
         one.v += transposedsolve(one.factor, noise.standard_normal(one.v.shape))
 
 
+def exchange(a, noise):
+    """A step between the levels that leaves all predictors as they are: what effects of level 3 gain, those of the same variable
+    in all its level-2 units lose. Its distribution is normal: of d, w + S d and v - R d, the precision is S'S + sum R'R."""
+    two, three = a.levels
+    both = [term for term in three.terms if term in two.terms]
+    r = two.inverse[:, [two.terms.index(term) for term in both]]
+    s = three.inverse[:, [three.terms.index(term) for term in both]]
+    members = np.bincount(a.over, minlength=three.count)
+    factor = np.linalg.cholesky(s.T @ s + members[:, None, None] * (r.T @ r))
+    pull = sums(a.over, three.count, two.v) @ r - three.v @ s
+    mean = np.linalg.solve(np.swapaxes(factor, 1, 2), np.linalg.solve(factor, pull[..., None]))[..., 0]
+    d = mean + transposedsolve(factor, noise.standard_normal(mean.shape))
+    three.v += d @ s.T
+    two.v -= d[a.over] @ r.T
+
+
 def metropolis(a, noise):
     eta = predictor(a)
+    exchanged = len(a.levels) == 2 and all(one.inverse is not None for one in a.levels)
     log = loglikelihood(a, eta)
     for _ in range(SWEEPS):
+        if exchanged:
+            exchange(a, noise)
         for one in a.levels:
             move = transposedsolve(one.factor, noise.standard_normal(one.v.shape)) * 2.4 / math.sqrt(one.v.shape[1])
             tried = eta + np.einsum("na,naq->nq", move[one.unit], one.x)
