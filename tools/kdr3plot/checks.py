@@ -1,7 +1,7 @@
 """Pictures that check a model: simulated residuals, observed against predicted values."""
 import statistics
 
-from .canvas import BLUE, GREY, LIGHT, MANY, RED, figure, unitsname
+from .canvas import BLUE, GREY, MANY, RED, figure, unitsname
 from .digits import shown
 from .document import UNREADABLE, Refusal, outcomename
 
@@ -55,8 +55,8 @@ def against(ax, level, points):
         return
     ordered = [u for _, u in sorted(points, key=lambda point: point[0])]
     n, many = len(ordered), len(ordered) > MANY
-    ax.plot([(i + 0.5) / n for i in range(n)], ordered, "o", color=LIGHT, markersize=1.2 if many else 2.4, markeredgewidth=0,
-            alpha=0.6 if many else 1, rasterized=many)
+    ax.plot([(i + 0.5) / n for i in range(n)], ordered, "o", color=BLUE, markersize=1.4 if many else 2.4, markeredgewidth=0,
+            alpha=0.4 if many else 0.6, rasterized=many)
     for share in (0.25, 0.5, 0.75):
         ax.axhline(share, color=GREY, linewidth=0.8)
     stripes = [ordered[n * k // STRIPES:n * (k + 1) // STRIPES] for k in range(STRIPES)] if n >= 10 * STRIPES else []
@@ -78,7 +78,7 @@ def drawcalibration(run, title=""):
         ends = [min(min(group) for group in groups), max(max(group) for group in groups)]
         ax.plot(ends, ends, color=GREY, linewidth=0.8)
         for predicted, observed, low, high in groups:
-            ax.plot([predicted, predicted], [low, high], color=LIGHT, linewidth=3, solid_capstyle="butt")
+            ax.plot([predicted, predicted], [low, high], color=BLUE, alpha=0.45, linewidth=3, solid_capstyle="butt")
         for out, colour in ((False, BLUE), (True, RED)):
             some = [group for group in groups if (group[2] <= group[1] <= group[3]) != out]
             ax.plot([group[0] for group in some], [group[1] for group in some], "sD"[out], color=colour, markersize=4.5)
