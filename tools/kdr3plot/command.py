@@ -3,16 +3,17 @@ import argparse
 import os
 
 from . import writers
+from .canvas import picture
 from .compare import Column, Comparison
 from .document import UNREADABLE, Refusal, readresults, warn
 from .files import Run
 from .page import ENDINGS, page
-from .pictures import KINDS, draw, picture, source
+from .pictures import KINDS, draw, source
 
 # The kinds that an option is for, and whether it is for a comparison.
-USES = {"units": (("lines", "caterpillar2", "caterpillar3"), False), "predictor": (("lines",), False), "category": (("lines",), False),
+USES = {"units": (("lines", "caterpillar2", "caterpillar3"), False), "predictor": (("lines", "margins"), False), "category": (("lines",), False),
         "intercept": (("coefficients",), False), "label": (("caterpillar2", "caterpillar3", "qq"), False), "names": ((), True), "intervals": ((), True), "title": ((), True),
-        **{name: (("coefficients",), True) for name in ("phase", "robust", "ratio")}}
+        "phase": (("coefficients", "profile"), True), **{name: (("coefficients",), True) for name in ("robust", "ratio")}}
 ONPAGE = ("units", "predictor", "category", "phase", "robust", "ratio", "intercept")
 ENDINGS_OF = {"kind": (".png", ".svg"), "page": (".html", ".htm"), "compare": tuple(writers.FORMS)}
 
@@ -47,8 +48,8 @@ def options(words):
     parser.add_argument("--compare", action="store_true", help="a table of several models, with tests of neighbours")
     parser.add_argument("--units", metavar="ID,...", type=listed,
                         help="units of the lines (else the 8 largest), or to mark in a caterpillar; ID, or level-3 ID/level-2 ID")
-    parser.add_argument("--phase", metavar="PHASE", help="phase of the coefficients, the first of a page, of a comparison")
-    parser.add_argument("--predictor", metavar="NAME", help="level-1 variable that the lines run over")
+    parser.add_argument("--phase", metavar="PHASE", help="phase of the coefficients and profiles, the first of a page, of a comparison")
+    parser.add_argument("--predictor", metavar="NAME", help="level-1 variable that the lines run over, variable that the margins do")
     parser.add_argument("--category", metavar="NAME", help="category whose lines are drawn")
     parser.add_argument("--robust", action="store_true", help="coefficients, comparison: by robust standard errors")
     parser.add_argument("--ratio", action="store_true", help="coefficients, comparison: odds or event-rate ratios")

@@ -197,6 +197,18 @@ def readgraphfile(path, data, nonlinear):
     return {name: (mean, span[0], span[100]) for name, mean, span in zip(names, means, spans)}
 
 
+MARGINSHEAD = b"quantity,variable,contrast,"
+
+
+def readmargins(data):
+    """The rows of a table of -margins as dictionaries, and the names of its grid; None when it is no such table."""
+    if not data.startswith(MARGINSHEAD):
+        return None
+    reader = csv.DictReader(data.decode("utf-8").splitlines())
+    names = reader.fieldnames
+    return list(reader), names[3:names.index("category")]
+
+
 class Run:
     """A results document and the files that its run made, each read when it is first asked for."""
 
@@ -207,6 +219,8 @@ class Run:
         self.nonlinear = self.document["model"]["link"] != "identity"
         self.tables = None
         self.predictors = None
+        self.margins = None  # rows and names of the grid
+        self.drawn = None  # random effects, for the simulated residuals
         self.phases = {}  # by level, whose values a residual file has, where the document tells
 
     def read(self):
@@ -237,6 +251,8 @@ class Run:
                 self.phases[table.level] = mark.get("phase")
             elif graph is not None:
                 predictors = graph
+            elif (rows := readmargins(data)) is not None:
+                self.margins = rows
         self.tables, self.predictors = tables, predictors
 
     def check(self, table):

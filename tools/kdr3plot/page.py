@@ -3,11 +3,12 @@ import base64
 import html
 import os
 
+from .canvas import picture
 from .digits import shown
 from .document import NOTHING, USAGE, Refusal, choosephase, outcomename, outcomes, phasename, twolevel, warn, wholename
 from .files import Run
 from .model import engine, equationsof, formula
-from .pictures import KINDS, described, draw, picture, source
+from .pictures import KINDS, described, draw, source
 from .tables import phasetables, warnings
 
 STYLE = """
@@ -188,15 +189,26 @@ def subrun(run):
     return None
 
 
+ASKED = ("margins", "profile")  # by an option or keyword of their own: not missed where they are not there
+CATEGORIES = ("bernoulli", "ordinal", "multinomial")  # whose residuals are two curves, or as many as there are categories
+
+
+def leftout(kind, run, drawn):
+    """Does a kind not belong to the results, or does another picture say more?"""
+    distribution = run.document["model"]["distribution"]
+    return (kind == "caterpillar3" and twolevel(run.document) or kind == "calibration" and distribution == "normal"
+            or kind == "residuals" and distribution in CATEGORIES and "simulated" in drawn)
+
+
 def figures(run, o):
     """All pictures that there are, as HTML, and a list of the others with the reason."""
-    text, undrawn, units = "", [], o.units
+    text, undrawn, drawn, units = "", [], set(), o.units
     inner = subrun(run)
     for kind, name in KINDS.items():
-        if kind == "caterpillar3" and twolevel(run.document):
+        if leftout(kind, run, drawn):
             continue
         use, words = run, source(kind, run)
-        if inner and kind != "coefficients":
+        if inner and kind not in ("coefficients", "profile"):
             use, words = inner[1], ", ".join(filter(None, (source(kind, inner[1]), f"sub-run {inner[0]['subrun']}")))
         try:
             o.units = None if kind.startswith("caterpillar") else units  # the page's --units are level-2 units of the lines
@@ -207,8 +219,10 @@ def figures(run, o):
                 raise
             if refusal.code != NOTHING:
                 warn(f"{kind} is not drawn: {refusal}")
-            undrawn.append(f"{name}: {refusal}")
+            if refusal.code != NOTHING or kind not in ASKED:
+                undrawn.append(f"{name}: {refusal}")
             continue
+        drawn.add(kind)
         text += (f'<figure><img alt="{html.escape(alt)}" src="data:image/svg+xml;base64,{data}">'
                  f"<figcaption>{html.escape(', '.join(filter(None, (name, words))))}</figcaption></figure>\n")
     if undrawn:

@@ -1,44 +1,15 @@
-"""Drawing: one function for each kind of picture. The colours are told apart by colour-blind readers too (Okabe and Ito)."""
-import io
+"""Drawing: one function for each kind of picture."""
 import math
 import statistics
 import textwrap
 
+from .canvas import BLUE, FEW, GREY, LIGHT, MANY, PALETTE, RED, figure, unitsname
+from .checks import describedcalibration, describedsimulated, drawcalibration, drawsimulated
 from .digits import interval, shown
-from .document import UNREADABLE, USAGE, Refusal, choosephase, outcomename, phasename
+from .document import USAGE, Refusal, choosephase, outcomename, phasename, wholename
 from .model import rationame
+from .predicted import describedmargins, describedprofiles, drawmargins, drawprofiles
 from .values import caterpillar, coefficients, lines, ofsubruns, pickunits, quantiles, residuals, shownamong
-
-BLUE, LIGHT, RED, GREY = "#0072B2", "#9CC9E3", "#D55E00", "#666666"
-PALETTE = ("#0072B2", "#D55E00", "#009E73", "#CC79A7", "#E69F00", "#56B4E9", "#7F3C8D", "#8C564B")
-WIDTH = 5.0  # inches of every picture, so that its letters stay readable on a phone
-FEW = 40  # units that are all named
-MANY = 1000  # points or intervals from which on an SVG holds them as an image
-
-
-def figure(panels, height, title):
-    """A figure with `panels` axes one below the other."""
-    try:
-        import matplotlib
-    except ImportError:
-        raise Refusal(UNREADABLE, "matplotlib is missing (Debian package python3-matplotlib)")
-    matplotlib.use("Agg")
-    import matplotlib.pyplot as pyplot
-    pyplot.rcParams.update({
-        "font.size": 9, "axes.titlesize": 9, "axes.titleweight": "bold", "axes.titlelocation": "left",
-        "axes.spines.top": False, "axes.spines.right": False, "legend.frameon": False, "legend.fontsize": 8,
-        "svg.hashsalt": "kdr3-plot", "figure.dpi": 130, "text.parse_math": False})
-    pyplot.close("all")
-    drawing, axes = pyplot.subplots(panels, 1, figsize=(WIDTH, height * panels + 0.3 * bool(title)), squeeze=False,
-                                    layout="constrained")
-    if title:
-        drawing.suptitle(title, x=0.01, ha="left", fontsize=9, color=GREY)
-    return drawing, [row[0] for row in axes]
-
-
-def unitsname(level, count):
-    return f"level-{level} unit{'s' if count != 1 else ''}"
-
 
 OUTERMOST = 3  # of many units, so many are named at each end
 
@@ -93,8 +64,8 @@ def drawlines(run, units=None, predictor=None, category=None, title=""):
     count = len(run.table(2).rows)
     ax.plot([x for x, _ in mean], [y for _, y in mean], color="black", linestyle="--", linewidth=1.4,
             label=f"mean of all {count}")
-    ax.set_xlabel("\n".join([predictor] + textwrap.wrap("held: " * bool(held) + ", ".join(
-        f"{name} at {value:.3g}" for name, value in held.items()), 46)))
+    ax.set_xlabel("\n".join([wholename(run.document, 1, predictor)] + textwrap.wrap("held: " * bool(held) + ", ".join(
+        f"{wholename(run.document, 1, name)} at {value:.3g}" for name, value in held.items()), 46)))
     ax.set_ylabel(scale(run))
     ax.set_title(f"{len(drawn)} {unitsname(2, len(drawn))}" + (f", category {category}" if category else ""))
     ax.legend(title="level-2 unit", title_fontsize=8, loc="upper left", bbox_to_anchor=(1.0, 1.0))
@@ -190,9 +161,11 @@ def drawcoefficients(run, phase, robust=False, intercept=False, ratio=False, tit
 
 def source(kind, run):
     """Where a picture's numbers come from, where that may be another phase than a reader expects."""
-    if not run.nonlinear or kind == "coefficients":
+    if not run.nonlinear or kind in ("coefficients", "profile"):
         return ""
-    level = {"residuals": 1, "caterpillar3": 3}.get(kind, 2)
+    if kind == "margins":  # of the last results of the run
+        return phasename(choosephase(run.document))
+    level = {"residuals": 1, "simulated": 1, "calibration": 1, "caterpillar3": 3}.get(kind, 2)
     try:
         run.read()
     except Refusal:
@@ -210,6 +183,14 @@ def draw(kind, run, o, title):
         return drawresiduals(run, title)
     if kind == "qq":
         return drawqq(run, o.label, title)
+    if kind == "simulated":
+        return drawsimulated(run, title)
+    if kind == "calibration":
+        return drawcalibration(run, title)
+    if kind == "margins":
+        return drawmargins(run, o.predictor, title)
+    if kind == "profile":
+        return drawprofiles(run, choosephase(run.document, o.phase), title)
     return drawcoefficients(run, choosephase(run.document, o.phase), o.robust, o.intercept, o.ratio, title)
 
 
@@ -229,8 +210,14 @@ def described(kind, run, o):
                                        for level, what, rows in quantiles(run) if rows)
     if kind == "lines":
         predictor, drawn, *_ = lines(run, o.units, o.predictor, o.category)
-        return f"{name} over {predictor}: " + "; ".join(
+        return f"{name} over {wholename(run.document, 1, predictor)}: " + "; ".join(
             f"{unit} from {shown(first[1])} to {shown(last[1])}" for unit, first, last in drawn)
+    if kind in ("simulated", "calibration"):
+        return f"{name}: " + (describedsimulated if kind == "simulated" else describedcalibration)(run)
+    if kind == "margins":
+        return f"{name} " + describedmargins(run, o.predictor)
+    if kind == "profile":
+        return f"{name}: " + describedprofiles(run, choosephase(run.document, o.phase))
     panels = [(what, [residual for _, residual in points if not math.isnan(residual)]) for what, points in residuals(run)]
     return f"{name}: " + "; ".join(f"{what + ', ' if what else ''}{len(some)} records, residuals from {shown(min(some))} to {shown(max(some))}"
                                    for what, some in panels if some)
@@ -241,19 +228,10 @@ KINDS = {
     "caterpillar2": "Random effects of the level-2 units with their 95% intervals",
     "caterpillar3": "Random effects of the level-3 units with their 95% intervals",
     "lines": "Fitted lines of level-2 units",
+    "margins": "Predicted margins with their 95% intervals",
+    "profile": "Profiles of the likelihood",
+    "calibration": "Observed against predicted values",
+    "simulated": "Simulated residuals",
     "residuals": "Level-1 residuals against fitted values",
     "qq": "Normal quantile plots of the random effects",
 }
-
-
-def picture(drawing, form):
-    """The bytes of a figure; the same ones each time."""
-    out = io.BytesIO()
-    drawing.savefig(out, format=form, metadata={"Date": None} if form == "svg" else {"Software": None},
-                    dpi=130 if form == "png" else 200)
-    if form == "png":  # a palette takes a third of the bytes; this one keeps rare colours too
-        from PIL import Image
-        image = Image.open(out).convert("RGB").quantize(256, Image.Quantize.MAXCOVERAGE, dither=Image.Dither.NONE)
-        out = io.BytesIO()
-        image.save(out, "PNG", optimize=True)
-    return out.getvalue()

@@ -5,7 +5,7 @@ import re
 import statistics
 
 from .document import (DAMAGED, NOTHING, UNREADABLE, USAGE, Z95, Refusal, equations, outcomename, readresults, twolevel,
-                       warn)
+                       warn, wholename)
 from .files import randomeffects
 
 def caterpillar(run, level):
@@ -156,6 +156,7 @@ def lines(run, units=None, predictor=None, category=None, most=8):
         raise Refusal(NOTHING, "the model has no level-1 predictor to draw lines over")
     if predictor is None:
         predictor = next((e["variable"] for _, e in mine if e["random"] and e["variable"] in slopes), next(iter(slopes)))
+    predictor = next((name for name in slopes if predictor in (name, wholename(run.document, 1, name))), predictor)
     if predictor not in slopes:
         raise Refusal(USAGE, f"{predictor} is no level-1 predictor of the model; these are: {', '.join(slopes)}")
 
