@@ -17,7 +17,8 @@ import posteriormoments as oracle
 
 check = Checks()
 work = Workplace(sys.argv[1])
-KIND = {"bernoulli": "BERNOULLI", "binomial": "BINOMIAL,N", "poisson": "POISSON", "exposure": "POISSON,N"}
+KIND = {"bernoulli": "BERNOULLI", "binomial": "BINOMIAL,N", "poisson": "POISSON", "exposure": "POISSON,N",
+        "ordinal": "ORDINAL,3", "multinomial": "MULTINOMIAL,3"}
 FILES = "RESFIL1:Y/X\nRESFIL2:Y/W\nRESFIL3:Y/Z\nRESFILTYPE:FREEFORMAT\n"
 
 
@@ -32,10 +33,13 @@ def make(case):
 def commands(case, engine, files=FILES, extra=""):
     outcome, q, r = oracle.CASES[case]
     random = lambda wanted: "+RANDOM" if wanted else ""
+    ordinal, multinomial = outcome == "ordinal", outcome == "multinomial"
+    slopes = not multinomial
+    equations = (f"LEVEL1:Y=INTRCPT1+X{'+THOLD2' * ordinal}+RANDOM\n"
+                 "LEVEL2:INTRCPT1=INTRCPT2+W+RANDOM/\nLEVEL3:INTRCPT2=INTRCPT3+Z+RANDOM/\nLEVEL3:W=INTRCPT3/\n"
+                 f"LEVEL2:X=INTRCPT2{random(slopes and q > 1)}/\nLEVEL3:INTRCPT2=INTRCPT3{random(slopes and r > 1)}/\n")
     return (f"NONLIN:{KIND[outcome]}\nMACROIT:100,N\nMICROIT:200\nSTOPMICRO:0.0000001\nFIXSIGMA2:1.0\n{engine}"
-            f"LEVEL1:Y=INTRCPT1+X+RANDOM\nLEVEL2:INTRCPT1=INTRCPT2+W+RANDOM/\nLEVEL3:INTRCPT2=INTRCPT3+Z+RANDOM/\n"
-            f"LEVEL3:W=INTRCPT3/\nLEVEL2:X=INTRCPT2{random(q > 1)}/\nLEVEL3:INTRCPT2=INTRCPT3{random(r > 1)}/\n"
-            f"{NOFEATURES}{files}GRAPHGAMMAS:graph.bin\nRESULTS:run.json\nTITLE:\nOUTPUT:run.txt\n{extra}")
+            f"{equations * (2 if multinomial else 1)}{NOFEATURES}{files}GRAPHGAMMAS:graph.bin\nRESULTS:run.json\nTITLE:\nOUTPUT:run.txt\n{extra}")
 
 
 def run(case, engine, code=0, **more):
@@ -132,6 +136,57 @@ for case, (points, steps) in POINTS.items():
                   f"{case}: EB of level {level} in the graph file")
     check(np.allclose(graph["fitted"]["FITVAL"], files[1].column("FITVAL"), atol=2e-6), f"{case}: graph file, fitted values")
 
+# The same with categories, where the files hold fitted probabilities.
+def comparecategories(case, unit, one, files, probabilities, tolerance):
+    k = int(unit.k)
+    same = lambda what, got, want: check(np.allclose(np.array(got, float), want, atol=tolerance),
+                                         f"{case}, unit {k}: {what} is {got}, expected {want}")
+    column = lambda table, start: [i for i, name in enumerate(table.names) if name.startswith(start)]
+    part = lambda table, row, start: [row[i] for i in column(table, start)]
+    row, = (row for row in files[3].rows if float(row[0]) == k)
+    same("v", part(files[3], row, "EB"), one["v"])
+    same("variances of v", part(files[3], row, "PV"), triangle(one["vv"]))
+    for j in range(unit.units):
+        row, = (row for row in files[2].rows if (float(row[0]), float(row[1])) == (k, j))
+        same(f"u of {j}", part(files[2], row, "EB"), one["u"][j])
+        same(f"variances of u of {j}", part(files[2], row, "PV"), triangle(one["uu"][j]))
+        check(set(part(files[2], row, "OL")) == {None}, f"{case}: OL of unit {k} {j}")
+    rows = [row for row in files[1].rows if float(row[0]) == k]
+    same("fitted", [part(files[1], row, "FITVAL") for row in rows], probabilities)
+    reached = unit.y[:, None] <= [0, 1] if unit.outcome == "ordinal" else unit.y[:, None] == [0, 1]
+    same("residuals", [part(files[1], row, "L1RES") for row in rows], reached - probabilities)
+
+
+def categoryunit(case, k, rows, gamma):
+    unit = oracle.Unit(case, k, rows)
+    unit.k = k
+    if case.startswith("ordinal"):
+        gamma, unit.thresholds = gamma[:4], gamma[4:]
+    return unit, gamma
+
+
+def categoryprobabilities(unit, gamma, one):
+    p = unit.probabilities(unit.g @ gamma + unit.e @ one["v"] + np.sum(unit.d * one["u"][unit.j].reshape(
+        (len(unit.j),) + (1,) * (unit.d.ndim - 2) + (-1,)), -1))
+    return np.cumsum(p, -1)[:, :2] if unit.outcome == "ordinal" else p[:, :2]
+
+
+for case, points, steps in (("ordinal21", 15, 33), ("multinomial22", 9, 21)):
+    rows = make(case)
+    document, report = run(case, f"AGQ:Y,100,{points}\n")
+    phase = reads(case, document, report, "quadrature", f"adaptive quadrature ({points} points for each effect): posterior means")
+    gamma, Tp, Tb = estimates(phase)
+    files = tables()
+    graph = readgraph(str(work.folder / "graph.bin"), str(work.folder / (case + ".mdm")), nonlinear=True, categories=True)
+    for level in (2, 3):
+        places = [i for i, name in enumerate(files[level].names) if name.startswith("EB")]
+        check(all(np.allclose(graph[f"level{level}"][f"EB{a + 1}"], [row[i] for row in files[level].rows], atol=2e-6)
+                  for a, i in enumerate(places)), f"{case}: EB of level {level} in the graph file")
+    for k in range(5):
+        unit, own = categoryunit(case, k, rows, gamma)
+        one = oracle.integrals(unit, own, Tp, Tb, steps)
+        comparecategories(case, unit, one, files, categoryprobabilities(unit, own, one), 1e-3 if case == "multinomial22" else 1e-4)
+
 # One point and Laplace-6: modes and curvature.
 make("poisson11")
 for case, engine, phase, words in (("poisson11", "AGQ:Y,100,1\n", "quadrature", "the first-order Laplace approximation"),
@@ -158,34 +213,41 @@ for which, both in pairs.items():
           f"{which}: correlation {np.corrcoef(x, y)[0, 1]}, slope {slope} with glmer")
 
 # All forms hold the same; a run of newcmd.kdr repeats them.
-engine = "AGQ:Y,100,7\n"
-document, report = run("bernoulli21", engine)
-plain = tables()
-again = work.run("bernoulli21.mdm", "newcmd.kdr")
-check(again.returncode == 0 and body(work.read("run.txt"))[3:] == body(report)[3:], "newcmd.kdr repeats the report")
-check(tables()[1].rows == plain[1].rows and tables()[3].rows == plain[3].rows, "newcmd.kdr repeats the files")
-for form in FORMS:
-    run("bernoulli21", engine, files=FILES.replace("FREEFORMAT", form))
-    made = tables(form)
-    for level, table in made.items():
-        near = all((a is None) == (b is None) and (a is None or isinstance(a, str) or abs(a - b) < 1e-5)
-                   for mine, row in zip(table.rows, plain[level].rows) for a, b in zip(mine[2:], row[2:]))
-        check(near and len(table.rows) == len(plain[level].rows), f"{form}: level {level} is another")
-    label = b"Random effects by adaptive quadrature (7 points for each effect)"
-    if form in ("SPSS", "STATA"):
-        check(label in (work.folder / (FORMS[form][1] % 2)).read_bytes()[:200], f"{form}: no label")
+def forms(case, engine):
+    make(case)
+    document, report = run(case, engine)
+    plain = tables()
+    again = work.run(case + ".mdm", "newcmd.kdr")
+    check(again.returncode == 0 and body(work.read("run.txt"))[3:] == body(report)[3:], f"{case}: newcmd.kdr repeats the report")
+    check(all(tables()[level].rows == plain[level].rows for level in plain), f"{case}: newcmd.kdr repeats the files")
+    for form in FORMS:
+        run(case, engine, files=FILES.replace("FREEFORMAT", form))
+        made = tables(form)
+        for level, table in made.items():
+            near = all((a is None) == (b is None) and (a is None or isinstance(a, str) or abs(a - b) < 1e-5)
+                       for mine, row in zip(table.rows, plain[level].rows) for a, b in zip(mine[2:], row[2:]))
+            check(near and len(table.rows) == len(plain[level].rows), f"{case}, {form}: level {level} is another")
+        label = b"Random effects by adaptive quadrature (7 points for each effect)"
+        if form in ("SPSS", "STATA"):
+            check(label in (work.folder / (FORMS[form][1] % 2)).read_bytes()[:200], f"{case}, {form}: no label")
+
+
+for case in ("bernoulli21", "ordinal21", "multinomial22"):
+    forms(case, "AGQ:Y,100,7\n")
 
 # Of PQL on request, and with fixed nodes: the files of a run without an engine, byte by byte.
 names = [FORMS["FREEFORMAT"][1] % level for level in (1, 2, 3)]
-run("bernoulli21", "")
-without, plainpql = [work.read(name) for name in names], tables()
-for extra in ("RESFILOF:PQL\n", "AGQNODES:FIXED\n"):
-    document, report = run("bernoulli21", "AGQ:Y,20,5\n", extra=extra)
-    check([work.read(name) for name in names] == without, f"{extra!r}: other files than those of PQL")
-    check({(mark["file"], mark["phase"]) for mark in document["checksums"]} ==
-          {(name, "pql") for name in names} | {("graph.bin", "population_average")}, f"{extra!r}: {document['checksums']}")
-    check("The residual files have the random effects of quasi-likelihood (PQL)." in report, f"{extra!r}: who is not told")
-    check(("RESFILOF:PQL" in work.read("newcmd.kdr")) == ("RESFILOF" in extra), f"{extra!r} in newcmd.kdr")
+for case, others in (("ordinal21", ["RESFILOF:PQL\n"]), ("bernoulli21", ["RESFILOF:PQL\n", "AGQNODES:FIXED\n"])):
+    run(case, "")
+    without, plainpql = [work.read(name) for name in names], tables()
+    graphof = "pql" if case == "ordinal21" else "population_average"
+    for extra in others:
+        document, report = run(case, "AGQ:Y,20,5\n", extra=extra)
+        check([work.read(name) for name in names] == without, f"{case}, {extra!r}: other files than those of PQL")
+        check({(mark["file"], mark["phase"]) for mark in document["checksums"]} ==
+              {(name, "pql") for name in names} | {("graph.bin", graphof)}, f"{case}, {extra!r}: {document['checksums']}")
+        check("The residual files have the random effects of quasi-likelihood (PQL)." in report, f"{extra!r}: who is not told")
+        check(("RESFILOF:PQL" in work.read("newcmd.kdr")) == ("RESFILOF" in extra), f"{extra!r} in newcmd.kdr")
 # An engine without results leaves those of PQL, in the same columns.
 document, report = run("bernoulli21", "AGQ:Y,100,150\n", code=20)
 files = tables()
