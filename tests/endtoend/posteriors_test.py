@@ -22,10 +22,19 @@ KIND = {"bernoulli": "BERNOULLI", "binomial": "BINOMIAL,N", "poisson": "POISSON"
 FILES = "RESFIL1:Y/X\nRESFIL2:Y/W\nRESFIL3:Y/Z\nRESFILTYPE:FREEFORMAT\n"
 
 
+def weight1(records):
+    return 0.5 + 0.25 * (np.arange(records) % 5)
+
+
+def weight2(units):
+    return 0.5 + 0.5 * (units % 3)
+
+
 def make(case):
     rows = oracle.data(case)
-    np.savetxt(work.folder / "made.csv", rows, delimiter=",", header="K,J,Y,N,X,W,Z", comments="", fmt="%g")
-    done = work.run("-from", "made.csv", "-level3", "K", "-level2", "J", "-level1", "Y,N,X", case + ".mdm")
+    table = np.column_stack([rows, weight1(len(rows)), weight2(rows[:, 1])])
+    np.savetxt(work.folder / "made.csv", table, delimiter=",", header="K,J,Y,N,X,W,Z,A,B", comments="", fmt="%g")
+    done = work.run("-from", "made.csv", "-level3", "K", "-level2", "J", "-level1", "Y,N,X,A", case + ".mdm")
     assert done.returncode == 0, done.stdout
     return rows
 
@@ -44,7 +53,7 @@ def commands(case, engine, files=FILES, extra=""):
 
 def run(case, engine, code=0, **more):
     work.write("run.kdr", commands(case, engine, **more))
-    done = work.run(case + ".mdm", "run.kdr", *(["-strict"] if code else []))
+    done = work.run("-effects", *(["-strict"] if code else []), case + ".mdm", "run.kdr")
     check(done.returncode == code, f"{case}, {engine!r}: code {done.returncode}: {done.stdout[-300:]}")
     return json.loads(work.read("run.json")), work.read("run.txt")
 
@@ -110,6 +119,18 @@ def reads(name, document, report, phase, words):
     return next(p for p in document["phases"] if p["phase"] == phase)
 
 
+def ineffects(name, phase, files):
+    """The document's random effects are those of the files."""
+    for level in (2, 3):
+        part = lambda row, start: [x for x, column in zip(row, files[level].names) if column.startswith(start)]
+        rows = phase["random_effects"][f"level{level}"]
+        check(len(rows) == len(files[level].rows) and all(
+            [float(unit[f"level{l}"]) for l in (3, 2)[:4 - level]] == [float(x) for x in row[:4 - level]]
+            and np.allclose(unit["estimate"], part(row, "EB"), atol=2e-6)
+            and np.allclose(triangle(np.array(unit["covariance"])), part(row, "PV"), atol=2e-6)
+            for unit, row in zip(rows, files[level].rows)), f"{name}: random effects of level {level} in the document")
+
+
 # Posterior means and variances, of every outcome; five units each.
 POINTS = {"bernoulli11": (21, 61), "bernoulli21": (15, 33), "bernoulli22": (7, 21), "binomial12": (11, 41),
           "poisson11": (21, 97), "exposure21": (15, 45)}
@@ -123,6 +144,7 @@ for case, (points, steps) in POINTS.items():
     gamma, Tp, Tb = estimates(phase)
     found = {k: (unit, oracle.integrals(unit, gamma, Tp, Tb, steps)) for k, unit in units.items()}
     files = compare(case, rows, phase, {k: found[k] for k in list(found)[:5]}, 2e-3 if case == "bernoulli22" else 5e-5, case)
+    ineffects(case, phase, files)
     if len(found) == 25:
         want = oracle.reliabilities([f[0] for f in found.values()], [f[1] for f in found.values()], Tp[0, 0], Tb[0, 0])
         got = [phase[tau]["reliability"][0] for tau in ("tau_pi", "tau_beta")]
@@ -177,6 +199,7 @@ for case, points, steps in (("ordinal21", 15, 33), ("multinomial22", 9, 21)):
     phase = reads(case, document, report, "quadrature", f"adaptive quadrature ({points} points for each effect): posterior means")
     gamma, Tp, Tb = estimates(phase)
     files = tables()
+    ineffects(case, phase, files)
     graph = readgraph(str(work.folder / "graph.bin"), str(work.folder / (case + ".mdm")), nonlinear=True, categories=True)
     for level in (2, 3):
         places = [i for i, name in enumerate(files[level].names) if name.startswith("EB")]
@@ -186,6 +209,23 @@ for case, points, steps in (("ordinal21", 15, 33), ("multinomial22", 9, 21)):
         unit, own = categoryunit(case, k, rows, gamma)
         one = oracle.integrals(unit, own, Tp, Tb, steps)
         comparecategories(case, unit, one, files, categoryprobabilities(unit, own, one), 1e-3 if case == "multinomial22" else 1e-4)
+
+# Design weights: the density of a record counts so often, the integral of a level-2 unit likewise.
+for case, points, steps in (("bernoulli21", 15, 33), ("ordinal21", 15, 33)):
+    rows = make(case)
+    document, report = run(case, f"AGQ:Y,100,{points}\n", extra="LEVEL1WEIGHT:A\nLEVEL2WEIGHT:B\nWEIGHTSCALE:NONE\n")
+    phase = reads(f"{case}, weighted", document, report, "quadrature", f"adaptive quadrature ({points} points for each effect)")
+    gamma, Tp, Tb = estimates(phase)
+    first, files, found = weight1(len(rows)), tables(), {}
+    for k in range(5):
+        unit, own = categoryunit(case, k, rows, gamma)
+        unit.weights1, unit.weights2 = first[rows[:, 0] == k], weight2(np.arange(unit.units))
+        found[k] = unit, oracle.integrals(unit, own, Tp, Tb, steps)
+        if case == "ordinal21":
+            comparecategories(f"{case}, weighted", unit, found[k][1], files, categoryprobabilities(unit, own, found[k][1]), 1e-4)
+    if case != "ordinal21":
+        compare(case, rows, phase, found, 1e-4, f"{case}, weighted")
+    ineffects(f"{case}, weighted", phase, files)
 
 # One point and Laplace-6: modes and curvature.
 make("poisson11")

@@ -107,6 +107,7 @@ def integrals(unit, gamma, Tp, Tb, points, width=6.0):
     p /= p.sum()
     ev, eu = p @ v, np.einsum("m,mja->ja", p, first)
     return dict(v=ev, vv=(v * p[:, None]).T @ v - np.outer(ev, ev), u=eu, weights=p @ weights,
+                uv=np.einsum("m,mja,mb->jab", p, first, v) - np.einsum("ja,b->jab", eu, ev),
                 uu=np.einsum("m,mjab->jab", p, second) - np.einsum("ja,jb->jab", eu, eu))
 
 
