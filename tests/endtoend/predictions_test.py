@@ -228,7 +228,8 @@ def unitsofengine(check, place, points, weights):
         mu = 1 / (1 + numpy.exp(-(X @ gamma + Z @ b)))
         W = numpy.diag(scale * mu * (1 - mu))
         H = Z.T @ W @ Z + P
-        b = b + numpy.linalg.solve(H, Z.T @ (scale * (y - mu)) - P @ b)
+        step = numpy.linalg.solve(H, Z.T @ (scale * (y - mu)) - P @ b)
+        b = b + step / max(1, abs(step).max())
     x, own = rows(NEW[1])[0], pupils.index("8")
     z = numpy.array([1.0] + [float(p == "8") for p in pupils])
     J = x - z @ numpy.linalg.solve(H, Z.T @ W @ X)
