@@ -105,9 +105,9 @@ void walkunits(const Analysis& analysis, const std::set<int>& units3, std::set<d
     to.assign(1, 1.0);
     to.insert(to.end(), from, from + n);
   };
-  std::size_t unit = 0;
+  std::size_t unit = 0, first = 0;
   std::vector<double> observed, counts;
-  for (; nextblock(walk); ++unit) {
+  for (; nextblock(walk); ++unit, first += observed.size()) {
     observed.clear();
     counts.clear();
     for (int i = 0; i < walk.unit.nj; ++i) {
@@ -124,6 +124,7 @@ void walkunits(const Analysis& analysis, const std::set<int>& units3, std::set<d
     take(record.row3, run.mdm.level3.data() + at(walk.k) * at(run.mdm.nvar3), run.mdm.nvar3);
     for (std::size_t i = 0; i < observed.size(); ++i) {
       take(record.level1, walk.unit.records.data() + i * at(walk.layout.width), run.mdm.nvar1);
+      record.record = first + i;
       record.outcome = observed[i];
       record.count = counts[i];
       visit(record);

@@ -34,7 +34,7 @@ struct MdmRecords {
 // A record of a level-3 unit, its variables centered as in the model.
 struct WalkedRecord {
   int level3 = 0;
-  std::size_t level2 = 0;                  // in the order of the data
+  std::size_t level2 = 0, record = 0;      // in the order of the data
   std::vector<double> level1, row2, row3;  // by variable, [0] of no use
   double outcome = 0.0, count = 1.0;
 };

@@ -90,11 +90,16 @@ std::string whosefiles(const EnginePosteriors* engine) {
   return words + ".";
 }
 
+// The engine whose random effects go into the files.
+const EnginePosteriors* engineoffiles(const ChainPass& pass) {
+  return residualsofengine() && pass.state.posteriors ? &*pass.state.posteriors : nullptr;
+}
+
 // The files of a run with engines, once these are over; without results of an engine the graph data file has to wait
 // for the last pass.
 void enginesfiles(const ChainPass& pass) {
   if (!residualsofengine()) return;
-  const EnginePosteriors* engine = pass.state.posteriors ? &*pass.state.posteriors : nullptr;
+  const EnginePosteriors* engine = engineoffiles(pass);
   const ResidualSource source = sourceof(pass, "pql", engine);
   if (engine == nullptr && pass.state.end == MacroEnd::failed) return;
   if (wantresidualfiles()) writeresidualfiles(source);
@@ -103,7 +108,7 @@ void enginesfiles(const ChainPass& pass) {
 }
 
 void tellwhosefiles(const ChainPass& pass) {
-  const EnginePosteriors* engine = residualsofengine() && pass.state.posteriors ? &*pass.state.posteriors : nullptr;
+  const EnginePosteriors* engine = engineoffiles(pass);
   if (engine == nullptr && (!wantresidualfiles() || pass.state.end == MacroEnd::failed)) return;
   if (!wantresidualfiles() && !run.out.graph) return;
   reportline("%s", whosefiles(engine).c_str());
@@ -144,7 +149,7 @@ void tellaverage(const ChainPass& pass) {
     if (run.control.popavit <= 1) writegammafile(robustpopulationgammafile, results.est.gammahat, results.robust);
     writegammafile(populationgammafile, results.est.gammahat, results.covariance);
   }
-  if (!pass.state.posteriors) graphfile(pass, "population_average");
+  if (engineoffiles(pass) == nullptr) graphfile(pass, "population_average");
 }
 
 void tellpass(const ChainPass& pass) {
@@ -254,6 +259,7 @@ void enginefiles(const ChainPass& pass) {
     const std::optional<PassKind> last = lastengine(run.control);
     last&& pass.state.engine == last ? storesubrun(*pass.state.engineresults()) : enginemissing();
     enginesfiles(pass);
+    if (pass.state.posteriors) documenteffects(sourceof(pass, "pql", &*pass.state.posteriors));
     tellwhosefiles(pass);
   }
   if (run.out.printvc == VarianceFiles::none || (categorical(pass) && !wantsengine()) ||
@@ -314,7 +320,8 @@ PassResults nonlinearjob(const Analysis& analysis, const CategoryTable& table) {
   const bool failed = state.end == MacroEnd::failed;
   const bool quadrature = state.engine ? *state.engine == PassKind::quadrature : state.quadrature.has_value();
   PassResults& last = !state.engine && !failed ? state.unitspecific : quadrature ? *state.quadrature : *state.laplace6;
-  writepredictions(analysis, last, !state.engine && !failed);
+  const bool own = state.engine && state.posteriors && state.posteriors->kind == *state.engine;
+  writepredictions(analysis, last, !state.engine && !failed, own ? &state.posteriors->effects.random : nullptr);
   return std::move(last);
 }
 

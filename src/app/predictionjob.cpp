@@ -254,10 +254,30 @@ void writerows(const FittedModel& fitted, const PredictionData& data, const Pred
     sayprediction("The random effects of some units are not known: their unit_linear and unit_response are empty.");
 }
 
-// What an engine's estimates say of the units of the rows: modes, from the records of their level-3 units. Design
-// weights are not in it.
-std::optional<Kept> unitsbymodes(const FittedModel& fitted, const PredictionData& data, const PredictionTable& table) {
-  if (run.model.weighted) return std::nullopt;
+// The engine's own means and covariances of (u, v) in the place of the modes; unit: the level-2 unit, below 0 one that
+// is not in the data, of which the model tells.
+void takeposteriors(const PassResults& results, const Posteriors& random, long long unit, std::size_t k,
+                    KnownEffects& effects) {
+  const std::size_t b = random.v.size() / at(run.mdm.nunits3), n = effects.mean.size(), p = n - b;
+  const bool known = unit >= 0;
+  const std::size_t j = known ? static_cast<std::size_t>(unit) : 0;
+  const double* U = known ? random.uvariance.data() + j * p * p : results.est.taupi.data();
+  const double* V = random.vvariance.data() + k * b * b;
+  effects.mean.fill(0.0);
+  effects.covariance.fill(0.0);
+  if (known) std::copy_n(random.u.data() + j * p, p, effects.mean.data());
+  std::copy_n(random.v.data() + k * b, b, effects.mean.data() + p);
+  for (std::size_t i = 0; i < p; ++i) std::copy_n(U + i * p, p, effects.covariance.data() + i * n);
+  for (std::size_t i = 0; i < b; ++i) std::copy_n(V + i * b, b, effects.covariance.data() + (p + i) * n + p);
+  for (std::size_t i = 0; known && i < p; ++i)
+    for (std::size_t l = 0; l < b; ++l)
+      effects.covariance[i * n + p + l] = effects.covariance[(p + l) * n + i] = random.uv[(j * p + i) * b + l];
+}
+
+// What an engine says of the units of the rows. How its means go with the fixed effects is told by the modes, which are
+// found from the records of their level-3 units and stand where it has left no means.
+std::optional<Kept> unitsofengine(const FittedModel& fitted, const PredictionData& data, const PredictionTable& table,
+                                  const Posteriors* random) {
   const RowUnits units = unitsof(data, table);
   std::set<int> wanted;
   for (const int k : units.level3)
@@ -276,6 +296,9 @@ std::optional<Kept> unitsbymodes(const FittedModel& fitted, const PredictionData
     of.unit.push_back(static_cast<int>(inside.size()) - 1);
     of.units = static_cast<int>(inside.size());
     of.outcome.push_back(record.outcome);
+    if (!run.model.weighted) return;
+    of.weight1.push_back(data.analysis->weights.own1[record.record]);
+    of.weight2.resize(inside.size(), data.analysis->weights.own2[record.level2]);
   });
   Kept made;
   for (auto& [k, of] : all) {
@@ -287,6 +310,9 @@ std::optional<Kept> unitsbymodes(const FittedModel& fitted, const PredictionData
           formatted("The modes of the random effects of unit %s have not settled.", data.units.level3[at(k)].c_str()));
       continue;
     }
+    for (std::size_t j = 0; random != nullptr && j < modes.ofunit.size(); ++j)
+      takeposteriors(fitted.results, *random, static_cast<long long>(members[k][j]), at(k), modes.ofunit[j]);
+    if (random != nullptr) takeposteriors(fitted.results, *random, -1, at(k), modes.fresh);
     for (std::size_t j = 0; j < modes.ofunit.size(); ++j) {
       made.places[{k, static_cast<long long>(members[k][j])}] = made.effects.size();
       made.effects.push_back(std::move(modes.ofunit[j]));
@@ -483,7 +509,7 @@ void keepuniteffects(Pass& pass) {
   kept = std::move(made);
 }
 
-void writepredictions(const Analysis& analysis, const PassResults& results, bool haskept) {
+void writepredictions(const Analysis& analysis, const PassResults& results, bool haskept, const Posteriors* random) {
   if (!asked()) return;
   const PredictorPlan plan = predictorplan(run.model);
   const FittedModel fitted{plan, run.model.outcome, results};
@@ -494,7 +520,7 @@ void writepredictions(const Analysis& analysis, const PassResults& results, bool
   const PredictionData data = predictiondata(formulafit, analysis, sayprediction);
   if (!run.files.predict.empty()) {
     const PredictionTable table = newtable(data);
-    writerows(fitted, data, table, haskept ? std::move(kept) : unitsbymodes(fitted, data, table));
+    writerows(fitted, data, table, haskept ? std::move(kept) : unitsofengine(fitted, data, table, random));
   }
   if (!run.files.margins.empty()) writemargins(fitted, data);
 }

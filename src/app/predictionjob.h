@@ -10,6 +10,7 @@
 namespace kdr {
 
 struct Pass;
+struct Posteriors;
 struct PreparedFit;
 
 // `fit` is null in a run of a command file, and has to stay until the predictions are written.
@@ -24,7 +25,9 @@ void refuseforeignpredictions();
 
 // Keeps what a finished pass knows of the units of the rows, where predictions are asked for.
 void keepuniteffects(Pass& pass);
-// Writes the tables by the last results of the run. `kept`: they are those of the pass that keepuniteffects was given.
-void writepredictions(const Analysis& analysis, const PassResults& results, bool kept);
+// Writes the tables by the last results of the run. `kept`: they are those of the pass that keepuniteffects was given;
+// `random`: the random effects of an engine whose results they are, or null.
+void writepredictions(const Analysis& analysis, const PassResults& results, bool kept,
+                      const Posteriors* random = nullptr);
 
 }  // namespace kdr

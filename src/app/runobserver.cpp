@@ -324,7 +324,9 @@ Analysis analysisofrun(const Observer& observer, const Estimates* start) {
   analysis.wanted.records = run.out.resfil1 || run.out.graph;
   analysis.wanted.fitted = run.out.resfil1;
   analysis.wanted.variables1.assign(run.out.res1vars1.begin(), run.out.res1vars1.begin() + run.out.nres1vars1);
-  analysis.wanted.posteriors = residualsofengine() && (wantresidualfiles() || run.out.graph);
+  const bool infiles = residualsofengine() && (wantresidualfiles() || run.out.graph);
+  analysis.wanted.posteriors =
+      lastengine(run.control).has_value() && (infiles || run.out.effects || !run.files.predict.empty());
   analysis.wanted.leastsquares = run.out.fulloutput;
   analysis.store.inmemory = run.id.inmemory;
   const unsigned cores = std::thread::hardware_concurrency();

@@ -214,6 +214,24 @@ void documenteffects(const char* phase, Pass& pass) {
   addrandomeffects(collected.document, subject(), phase, made, names);
 }
 
+void documenteffects(const ResidualSource& of) {
+  if (!wanted() || !run.out.effects || of.engine == nullptr) return;
+  UnitNames names;
+  UnitReader reader;
+  startunits(reader, run.mdm, of.working.file(), 0, of.layout.width, run.mdm.nvar2, false);
+  UnitBlock block;
+  for (int k = 0; k < run.mdm.nunits3; ++k) {
+    names.level3.push_back(unitid(3, level3id(run.mdm, k)));
+    for (int j = 0; j < of.pass.n2of[k]; ++j) {
+      if (!neededunit(reader, block)) tell(reader.failure);
+      names.level2.push_back(unitid(2, block.id2));
+      names.parent.push_back(at(k));
+      names.empty.push_back(block.nj == 0 ? 1 : 0);
+    }
+  }
+  addrandomeffects(collected.document, subject(), of.phase.c_str(), of.engine->random, names);
+}
+
 void documentwarning(const std::string& words) {
   if (wanted()) collected.document.warnings.push_back(words);
 }

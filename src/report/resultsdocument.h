@@ -9,6 +9,7 @@
 #include "document/resultsdocument.h"
 #include "estimate/likelihood/engines.h"
 #include "estimate/quasi/macrostate.h"
+#include "report/residual/residualfiles.h"
 #include "series/pooledresults.h"
 
 namespace kdr {
@@ -34,6 +35,8 @@ void documentrecords(const RecordsHash& hash);
 void documentcoding(Json made);
 // With -effects, the random effects of a finished pass, for the phase of that name.
 void documenteffects(const char* phase, Pass& pass);
+// The same of an engine, for its phase. The IDs are those of the file of the records: the pass may be one that failed.
+void documenteffects(const ResidualSource& of);
 // An ID of a unit of level 2 or 3 as its source has it.
 [[nodiscard]] std::string unitid(int level, const Id& id);
 // The IDs of its units, of a pass that keeps them (Wanted::unitrows).

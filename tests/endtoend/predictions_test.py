@@ -14,6 +14,9 @@ import numpy
 
 from program import REFERENCE, ROOT, Checks, Workplace
 
+sys.path.append(str(REFERENCE))
+import posteriormoments
+
 GROWTH = list(csv.DictReader((ROOT / "examples" / "growth" / "growth.csv").read_text().splitlines()))
 BANDS = ("low", "mid", "top")
 COLUMNS = ("school", "pupil", "year", "ses", "tutoring", "score", "high", "right", "trials", "visits", "weeks", "band", "third",
@@ -199,8 +202,15 @@ def linearunits(check, place):
 
 
 def modes(check, place):
-    """The units of a logistic model by quadrature: Newton's steps on one school's effects, by dense matrices."""
-    fit(check, place, "high ~ year + ses + (1 | school/pupil)", "-family", "binomial", "-points", "7")
+    """The units of a logistic model by one point: Newton's steps on one school's effects, by dense matrices; by quadrature: means
+    and covariances on a grid. With and without design weights."""
+    for points, weights in ((1, False), (1, True), (15, False), (15, True)):
+        unitsofengine(check, place, points, weights)
+
+
+def unitsofengine(check, place, points, weights):
+    words = ("-weights1", "third", "-weights2", "weeks", "-keyword", "WEIGHTSCALE:NONE") if weights else ()
+    fit(check, place, "high ~ year + ses + (1 | school/pupil)", "-family", "binomial", "-points", str(points), *words)
     document, phase = last(place)
     _, rows = model(document, phase)
     t, l = (phase[name]["estimate"][0][0] for name in ("tau_pi", "tau_beta"))
@@ -210,16 +220,34 @@ def modes(check, place):
     X = numpy.concatenate([rows(r)[0] for r in inside])
     Z = numpy.array([[1.0] + [float(r["pupil"] == p) for p in pupils] for r in inside])
     y, b = numpy.array([float(r["high"]) for r in inside]), numpy.zeros(1 + len(pupils))
-    P = numpy.diag([1 / l] + [1 / t] * len(pupils))
+    weights1 = numpy.array([float(r["third"]) if weights else 1.0 for r in inside])
+    weights2 = numpy.array([float(next(r["weeks"] for r in inside if r["pupil"] == p)) if weights else 1.0 for p in pupils])
+    scale = weights1 * (Z[:, 1:] @ weights2)
+    P = numpy.diag([1 / l, *(weights2 / t)])
     for _ in range(50):
         mu = 1 / (1 + numpy.exp(-(X @ gamma + Z @ b)))
-        W = numpy.diag(mu * (1 - mu))
+        W = numpy.diag(scale * mu * (1 - mu))
         H = Z.T @ W @ Z + P
-        b = b + numpy.linalg.solve(H, Z.T @ (y - mu) - P @ b)
-    x, z = rows(NEW[1])[0], numpy.array([1.0] + [float(p == "8") for p in pupils])
+        step = numpy.linalg.solve(H, Z.T @ (scale * (y - mu)) - P @ b)
+        b = b + step / max(1, abs(step).max())
+    x, own = rows(NEW[1])[0], pupils.index("8")
+    z = numpy.array([1.0] + [float(p == "8") for p in pupils])
     J = x - z @ numpy.linalg.solve(H, Z.T @ W @ X)
-    error = math.sqrt((J @ Phi @ J.T)[0, 0] + z @ numpy.linalg.solve(H, z))
-    near(check, "modes", [read(place, "m_predictions.csv")[1][name] for name in ("unit_linear", "unit_linear_se")], [(x @ gamma + z @ b)[0], error], 1e-6)
+    # Given v a unit's own information is not multiplied by its weight.
+    A, c = H[own + 1, own + 1] / weights2[own], H[0, own + 1] / weights2[own]
+    V = 1 / (H[0, 0] - sum(H[0, j] ** 2 / H[j, j] for j in range(1, len(H))))
+    mean, variance = z @ b, V + 1 / A + (c / A) ** 2 * V - 2 * c / A * V
+    if points > 1:
+        unit = posteriormoments.Unit.__new__(posteriormoments.Unit)
+        unit.outcome, unit.q, unit.r, unit.y, unit.n, unit.g = "bernoulli", 1, 1, y, numpy.ones(len(y)), X
+        unit.d = unit.e = numpy.ones((len(y), 1))
+        unit.j, unit.units, unit.weights1, unit.weights2 = Z[:, 1:].argmax(1), len(pupils), weights1, weights2
+        found = posteriormoments.integrals(unit, gamma, numpy.array([[t]]), numpy.array([[l]]), 121)
+        mean = found["v"][0] + found["u"][own, 0]
+        variance = found["vv"][0, 0] + found["uu"][own, 0, 0] + 2 * found["uv"][own, 0, 0]
+    near(check, f"units, {points} points, weights: {weights}",
+         [read(place, "m_predictions.csv")[1][name] for name in ("unit_linear", "unit_linear_se")],
+         [(x @ gamma)[0] + mean, math.sqrt((J @ Phi @ J.T)[0, 0] + variance)], 1e-6 if points == 1 else 1e-4)
 
 
 def coding(check, place):

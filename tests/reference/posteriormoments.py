@@ -4,6 +4,8 @@ Of the integrals: sums over a grid of equal steps in standard normal effects, wh
 than any power of the step; of the modes: Newton's method on all effects of the unit at once. Data and outcomes are those of
 densequadrature.py; nothing else is shared.
 
+With categories a record has a row of the designs for each linear predictor (multinomial), or thresholds (ordinal).
+
   posteriormoments.py glmer CASE     writes the data of a case as CASE.csv, for posteriorsglmer.R
 """
 import pathlib
@@ -13,13 +15,16 @@ import numpy as np
 
 HERE = pathlib.Path(__file__).parent
 CASES = {"bernoulli11": ("bernoulli", 1, 1), "bernoulli21": ("bernoulli", 2, 1), "bernoulli22": ("bernoulli", 2, 2),
-         "binomial12": ("binomial", 1, 2), "poisson11": ("poisson", 1, 1), "exposure21": ("exposure", 2, 1)}
+         "binomial12": ("binomial", 1, 2), "poisson11": ("poisson", 1, 1), "exposure21": ("exposure", 2, 1),
+         "ordinal21": ("ordinal", 2, 1), "multinomial22": ("multinomial", 2, 2)}
+CATEGORIES = 3
 
 
 class Unit:
-    """The records of a level-3 unit: y, n, x~ by columns 1, z, w, x, and the level-2 unit of each."""
+    """The records of a level-3 unit: y, n, x~ by columns 1, z, w, x, and the level-2 unit of each. Design weights are exponents:
+    `weights1` of the density of each record, `weights2` of the integral of each level-2 unit."""
 
-    def __init__(self, case, k, rows):
+    def __init__(self, case, k, rows, weights1=None, weights2=None):
         self.outcome, self.q, self.r = CASES[case]
         a = rows[rows[:, 0] == k]
         one, x = np.ones(len(a)), a[:, 4]
@@ -28,6 +33,22 @@ class Unit:
         self.g = np.stack([one, a[:, 6], a[:, 5], x], 1)
         self.d, self.e = np.stack([one, x], 1)[:, :self.q], np.stack([one, x], 1)[:, :self.r]
         self.units = self.j.max() + 1
+        self.weights1 = one if weights1 is None else weights1
+        self.weights2 = np.ones(self.units) if weights2 is None else weights2
+        if self.outcome == "multinomial":  # random intercepts of each category but the last
+            each = np.eye(CATEGORIES - 1)
+            self.d = self.e = np.tile(each, (len(a), 1, 1))
+            self.g = np.stack([np.kron(each, row) for row in self.g])
+        self.thresholds = np.zeros(0)  # those behind the first, of ordinal outcomes
+
+    def probabilities(self, eta):
+        """Of the categories, along a last axis of their own."""
+        if self.outcome == "multinomial":
+            e = np.exp(np.stack([eta[:, 0], eta[:, 1], 0 * eta[:, 0]], -1))
+            return e / e.sum(-1, keepdims=True)
+        below = 1 / (1 + np.exp(-(eta[..., None] + np.append(0, self.thresholds))))
+        ends = np.ones(eta.shape + (1,))
+        return np.diff(np.concatenate([0 * ends, below, ends], -1))
 
     def mean(self, eta):
         """Expected outcome and its variance."""
@@ -39,10 +60,16 @@ class Unit:
     def density(self, eta, i):
         """Log-densities of records i, without constants, at many predictors: rows of eta are records."""
         y, n = self.y[i, None], self.n[i, None]
+        if self.outcome in ("ordinal", "multinomial"):
+            return np.log(np.take_along_axis(self.probabilities(eta), y.astype(int)[..., None], -1)[..., 0])
         return y * eta - n * (np.logaddexp(0, eta) if self.outcome in ("bernoulli", "binomial") else np.exp(eta))
 
 
 def data(case):
+    if case == "ordinal21":  # counts, the larger ones taken together
+        rows = data("exposure21")
+        rows[:, 2] = np.minimum(rows[:, 2], CATEGORIES - 1)
+        return rows
     return np.loadtxt(HERE / "quadrature" / f"{case}.dat")
 
 
@@ -53,7 +80,7 @@ def grid(dims, points, width):
 
 
 def integrals(unit, gamma, Tp, Tb, points, width=6.0):
-    """Means and covariances of v and of each u, and the mean weight of each record."""
+    """Means and covariances of v and of each u, and the mean weight of each record that has one."""
     Lp, Lb = np.linalg.cholesky(Tp), np.linalg.cholesky(Tb)
     z, logz = grid(unit.q, points, width)
     w, logw = grid(unit.r, points, width)
@@ -65,19 +92,22 @@ def integrals(unit, gamma, Tp, Tb, points, width=6.0):
         base = fixed + unit.e @ v[m]
         for j in range(J):
             i = np.flatnonzero(unit.j == j)
-            eta = base[i, None] + unit.d[i] @ u.T
-            log = logz + unit.density(eta, i).sum(0)
+            eta = base[i][..., None] + unit.d[i] @ u.T
+            log = logz + unit.weights1[i] @ unit.density(eta, i)
             most = log.max()
             p = np.exp(log - most)
-            total[m] += most + np.log(p.sum())
+            total[m] += unit.weights2[j] * (most + np.log(p.sum()))
             p /= p.sum()
             first[m, j], second[m, j] = p @ u, (u * p[:, None]).T @ u
+            if unit.outcome in ("ordinal", "multinomial"):
+                continue
             mu = 1 / (1 + np.exp(-eta)) if unit.outcome in ("bernoulli", "binomial") else np.exp(eta)
             weights[m, i] = unit.n[i] * ((mu * (1 - mu) if unit.outcome in ("bernoulli", "binomial") else mu) @ p)
     p = np.exp(total - total.max())
     p /= p.sum()
     ev, eu = p @ v, np.einsum("m,mja->ja", p, first)
     return dict(v=ev, vv=(v * p[:, None]).T @ v - np.outer(ev, ev), u=eu, weights=p @ weights,
+                uv=np.einsum("m,mja,mb->jab", p, first, v) - np.einsum("ja,b->jab", eu, ev),
                 uu=np.einsum("m,mjab->jab", p, second) - np.einsum("ja,jb->jab", eu, eu))
 
 

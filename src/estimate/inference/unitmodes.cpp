@@ -22,6 +22,7 @@ struct Level2Block {
   Array<double> A, inverse, B;  // p squared: I + sum R'd'Wd R, and its inverse; p by b: sum R'd'We Q
   Array<double> s;              // [p] the score: sum R'd's - w
   Array<double> X;              // p by g: sum R'd'Wx
+  double weight = 1.0;          // of all that it adds to what is of v
 };
 
 struct Modes {
@@ -95,12 +96,13 @@ void evaluate(Modes& m) {
     A.fill(0.0);
     for (int i = 0; i < n; ++i) A[at(i * (n + 1))] = 1.0;
   };
+  const std::vector<double>& weight1 = m.outcomes.weight1;
   m.height = -0.5 * squares(m.z);
   unit(m.V, m.b);
   for (int i = 0; i < m.b; ++i) m.s[at(i)] = -m.z[at(i)];
   m.X.fill(0.0);
   for (Level2Block& own : m.level2) {
-    m.height -= 0.5 * squares(own.w);
+    m.height -= 0.5 * own.weight * squares(own.w);
     unit(own.A, m.p);
     own.B.fill(0.0);
     own.X.fill(0.0);
@@ -111,7 +113,11 @@ void evaluate(Modes& m) {
   for (std::size_t i = 0; i < m.outcomes.rows.size(); ++i) {
     const PredictorRows& rows = m.outcomes.rows[i];
     Level2Block& own = m.level2[at(m.outcomes.unit[i])];
-    m.height += recordterms(m, i, predictor(m, i).data(), score.data(), W.data());
+    const double density = recordterms(m, i, predictor(m, i).data(), score.data(), W.data());
+    const double weight = weight1.empty() ? 1.0 : weight1[i];
+    for (Array<double>* part : {&score, &W})
+      for (double& value : *part) value *= weight;
+    m.height += own.weight * weight * density;
     mulAB(D.data(), rows.d.data(), m.R.data(), m.M, m.p, m.p);
     mulAB(E.data(), rows.e.data(), m.Q.data(), m.M, m.b, m.b);
     mulAB(WD.data(), W.data(), D.data(), m.M, m.p, m.M);
@@ -121,13 +127,15 @@ void evaluate(Modes& m) {
     addAtB(own.B.data(), D.data(), WE.data(), m.p, m.b, m.M);
     addAtB(own.s.data(), D.data(), score.data(), m.p, 1, m.M);
     addAtB(own.X.data(), D.data(), WX.data(), m.p, m.g, m.M);
+    for (Array<double>* part : {&score, &WE, &WX})
+      for (double& value : *part) value *= own.weight;
     addAtB(m.V.data(), E.data(), WE.data(), m.b, m.b, m.M);
     addAtB(m.s.data(), E.data(), score.data(), m.b, 1, m.M);
     addAtB(m.X.data(), E.data(), WX.data(), m.b, m.g, m.M);
   }
 }
 
-// Inverses of the blocks: of A_j, and of V - sum B_j'A_j^-1 B_j.
+// Inverses of the blocks: of A_j, and of V - sum B_j'A_j^-1 B_j, each unit by its weight.
 bool invertblocks(Modes& m) {
   Array<double> left = m.V.copy(), half(at(m.p) * at(m.b));
   for (Level2Block& own : m.level2) {
@@ -135,7 +143,7 @@ bool invertblocks(Modes& m) {
     mulAB(half.data(), own.inverse.data(), own.B.data(), m.p, m.b, m.p);
     Array<double> taken(square(m.b));
     mulAtB(taken.data(), own.B.data(), half.data(), m.b, m.b, m.p);
-    for (std::size_t i = 0; i < taken.size(); ++i) left[i] -= taken[i];
+    for (std::size_t i = 0; i < taken.size(); ++i) left[i] -= own.weight * taken[i];
   }
   return m.b == 0 || invertsymmetric(m.b, left.data(), m.inverse.data()).result == 0;
 }
@@ -150,7 +158,7 @@ void solve(const Modes& m, int columns, const Array<double>& s3, const std::vect
     mulAB(u[j].data(), m.level2[j].inverse.data(), s2[j]->data(), m.p, columns, m.p);
     Array<double> taken(at(m.b) * at(columns));
     mulAtB(taken.data(), m.level2[j].B.data(), u[j].data(), m.b, columns, m.p);
-    for (std::size_t i = 0; i < taken.size(); ++i) left[i] -= taken[i];
+    for (std::size_t i = 0; i < taken.size(); ++i) left[i] -= m.level2[j].weight * taken[i];
   }
   v.reset(at(m.b) * at(columns));
   mulAB(v.data(), m.inverse.data(), left.data(), m.b, columns, m.b);
@@ -257,7 +265,8 @@ Modes modesof(const FittedModel& fitted, const UnitOutcomes& outcomes) {
   m.X.reset(at(m.b) * at(m.g));
   for (int j = 0; j < outcomes.units; ++j)
     m.level2.push_back({Array<double>(at(m.p)), Array<double>(square(m.p)), Array<double>(square(m.p)),
-                        Array<double>(at(m.p) * at(m.b)), Array<double>(at(m.p)), Array<double>(at(m.p) * at(m.g))});
+                        Array<double>(at(m.p) * at(m.b)), Array<double>(at(m.p)), Array<double>(at(m.p) * at(m.g)),
+                        outcomes.weight2.empty() ? 1.0 : outcomes.weight2[at(j)]});
   for (const PredictorRows& rows : outcomes.rows) m.fixed.push_back(fixedpredictors(fitted, rows));
   return m;
 }

@@ -15,6 +15,8 @@ struct UnitOutcomes {
   std::vector<int> unit;        // [record] its level-2 unit, from 0
   std::vector<double> outcome;  // a value; a number of successes, with trials in rows.count; the place of a category
   int units = 0;
+  // Design weights, empty without: a record's log-density counts so often, a level-2 unit in what is known of v.
+  std::vector<double> weight1, weight2;
 };
 
 struct UnitModes {

@@ -54,6 +54,7 @@ void level2residuals(const Pass& pass, int k, const double* hot, const double* c
 struct Posteriors {
   Array<double> u, uvariance;
   Array<double> v, vvariance;
+  Array<double> uv;  // p by b for each level-2 unit: Cov(u, v). Of engines alone
 };
 // What the store lacks at the end is told by its failure.
 [[nodiscard]] Posteriors posteriors(Pass& pass);

@@ -40,8 +40,16 @@ void turnmoments(std::size_t units, int order, const Array<double>& U, const Arr
 Posteriors posteriorsof(const Frame& frame, const Array<double>& point, const Nodes& nodes) {
   const SphericalPoint there = sphericalpoint(frame, point);
   Posteriors made;
-  turnmoments(frame.units2(), frame.q, turned(frame.q, frame.toD, there.A), nodes.z, nodes.P, made.u, made.uvariance);
-  turnmoments(frame.units3(), frame.r, turned(frame.r, frame.toE, there.B), nodes.w, nodes.C3, made.v, made.vvariance);
+  const Array<double> U = turned(frame.q, frame.toD, there.A), V = turned(frame.r, frame.toE, there.B);
+  turnmoments(frame.units2(), frame.q, U, nodes.z, nodes.P, made.u, made.uvariance);
+  turnmoments(frame.units3(), frame.r, V, nodes.w, nodes.C3, made.v, made.vvariance);
+  const std::size_t block = at(frame.q) * at(frame.r);
+  made.uv.reset(frame.units2() * block);
+  Array<double> half(block);
+  for (std::size_t j = 0; block > 0 && j < frame.units2(); ++j) {
+    mulAB(half.data(), U.data(), nodes.K.data() + j * block, frame.q, frame.r, frame.q);
+    mulABt(made.uv.data() + j * block, half.data(), V.data(), frame.q, frame.r, frame.r);
+  }
   return made;
 }
 

@@ -8,8 +8,8 @@
 
 namespace kdr {
 
-// u = U z, Cov(u) = U P U' with U = toD A;  v = V w, Cov(v) = V C3 V' with V = toE B. Of quadrature they are integrals,
-// of one point the joint modes with the inverse of the curvature there.
+// u = U z, Cov(u) = U P U' with U = toD A;  v = V w, Cov(v) = V C3 V' with V = toE B;  Cov(u, v) = U K V'. Of
+// quadrature they are integrals, of one point the joint modes with the inverse of the curvature there.
 [[nodiscard]] Posteriors posteriorsof(const Frame& frame, const Array<double>& point, const Nodes& nodes);
 
 // Sums of reliabilities over units that have one, and how many these are. Of a T of columns that the inverse I of a
