@@ -80,12 +80,15 @@ settingsof <- function(family, reml, ddf, engine, points, control, effects) {
   settings <- numeric()
   if (reml) settings["REML"] <- 1
   settings["DDF"] <- c(counts = 0, satterthwaite = 1, "kenward-roger" = 2)[[ddf]]
-  if (family$family != "gaussian")
+  if (family$family %in% c("binomial", "poisson")) settings["FIXSIGMA2"] <- 1  # 0 in control: dispersion of quasi-likelihood
+  if (family$family != "gaussian") {
+    settings[c("NUMIT", "MACROIT", "AGQIT")] <- c(100, 100, 50)  # the limits that -fit has
     switch(engine,
            quadrature = if (is.null(points) && max(effects) <= 4L) settings["AGQAUTO"] <- 1 else
              settings["AGQ"] <- if (is.null(points)) 1 else points,
            laplace = settings["AGQ"] <- 1,
            laplace6 = settings["LAPLACE"] <- 50)
+  }
   control <- unlist(control)
   if (length(control) > 0L) {
     if (is.null(names(control)) || !is.numeric(control))
@@ -150,7 +153,7 @@ specof <- function(design, outcome, family, weights, settings, categories, outco
                id3 = unit3of(design$groupings), counts = counts, family = families[[type]], categories = categories,
                level1 = integers(equations$level1), level2 = integers(equations$level2), level3 = integers(equations$level3),
                settings = settings, weights = weightnames, held2 = held[[1L]], held3 = held[[2L]],
-               hypotheses = NULL, effects = categorical(family) || any(lengths(weights) > 0L))
+               hypotheses = NULL, effects = categorical(family) || any(lengths(weights) > 0L) || any(c("AGQ", "AGQAUTO") %in% names(settings)))
   list(spec = spec, fixed = equations$fixed, order = order)
 }
 
@@ -168,11 +171,10 @@ fitframe <- function(frame, options, hypotheses = NULL, call = NULL) {
   categories <- if (categorical(options$family)) length(outcome$levels) else 0L
   weights <- designweights(frame, design)
   engine <- options$engine
-  if (options$family$family %in% c("binomial", "poisson") && engine != "pql") {
+  if (options$family$family != "gaussian" && engine != "pql") {
     partly <- any(vapply(design$owner, function(o) length(unique(o)) > 1L && anyDuplicated(o) > 0L, NA))
-    if (partly || any(lengths(weights) > 0L)) {
-      warn(paste0("Estimated by quasi-likelihood: models with ", if (partly) "random parts that are independent in part" else "design weights",
-                  " have no engine."), class = "kdr3_engine")
+    if (partly) {
+      warn("Estimated by quasi-likelihood: models with random parts that are independent in part have no engine.", class = "kdr3_engine")
       engine <- "pql"
     }
   }
@@ -181,17 +183,6 @@ fitframe <- function(frame, options, hypotheses = NULL, call = NULL) {
   told <- specof(design, outcome, options$family, weights, settings, categories, deparse1(options$formula[[2L]]))
   told$spec$hypotheses <- hypothesesof(hypotheses, told$fixed)
   result <- .Call(C_kdr3r_fit, told$spec)
-  if (categorical(options$family) && engine != "pql" && !is.null(result$error)) {
-    # Libraries whose engines have no outcomes with categories.
-    other <- told
-    other$spec$settings <- told$spec$settings[setdiff(names(told$spec$settings), c("AGQ", "AGQAUTO", "LAPLACE"))]
-    again <- .Call(C_kdr3r_fit, other$spec)
-    if (is.null(again$error)) {
-      message(result$error, " Estimated by quasi-likelihood.")
-      engine <- "pql"
-      result <- again
-    }
-  }
   checked(result)
   result$warnings <- sub("^WARNING: ", "", result$warnings)
   object <- objectof(result, told, design, outcome, frame, options, engine)
@@ -322,8 +313,8 @@ Zof <- function(design, level) {
 modelarguments <- function(object, design, outcome, eta, x = NULL) {
   normal <- object$family$family == "gaussian"
   n <- length(outcome$y)
-  weight <- if (normal) (if (is.null(outcome$weights)) rep(1, n) else as.double(outcome$weights)) / object$sigma2 else
-    if (object$family$family == "poisson" || is.null(outcome$counts)) rep(1, n) else as.double(outcome$counts)
+  weight <- if (normal) outcome$weights else if (object$family$family == "binomial") outcome$counts
+  weight <- (if (is.null(weight)) rep(1, n) else as.double(weight)) / object$sigma2
   groups <- object$groups
   list(outcome = c(gaussian = 0L, binomial = 1L, poisson = 2L)[[object$family$family]], y = outcome$y, weight = weight,
        eta = as.double(eta), z2 = Zof(design, 2L), z3 = Zof(design, 3L), unit2 = groups$level2$codes,
@@ -331,7 +322,8 @@ modelarguments <- function(object, design, outcome, eta, x = NULL) {
        l2 = rootof(object$taus[[1L]]), l3 = rootof(object$taus[[2L]]), x = x)
 }
 
-# Random effects by unit, their conditional covariances, and the linear predictor with them.
+# Random effects by unit, their conditional covariances, and the linear predictor with them: modes, of quadrature the means
+# that the library has integrated, as it alone has those of outcomes with categories and of design weights.
 effectsof <- function(object, result, design, outcome) {
   names2 <- rownames(object$taus[[1L]])
   names3 <- rownames(object$taus[[2L]])

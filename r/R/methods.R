@@ -83,7 +83,7 @@ VarCorr.kdr3 <- function(x, sigma = 1, ...) {
     names(made)[length(made)] <- x$blocks[[b]]$group
   }
   names(made) <- make.unique(names(made))
-  structure(made, sc = if (hassigma(x)) stats::sigma(x) * sigma else 1, useSc = hassigma(x), class = "VarCorr.kdr3")
+  structure(made, sc = stats::sigma(x) * sigma, useSc = hassigma(x) || x$sigma2 != 1, class = "VarCorr.kdr3")
 }
 
 hassigma <- function(object) object$family$family == "gaussian"
@@ -157,7 +157,7 @@ refitted <- function(object, settings = NULL, hypotheses = NULL, frame = object$
     if (conditionMessage(w) %in% object$warnings) tryInvokeRestart("muffleWarning")))
 }
 
-sigma.kdr3 <- function(object, ...) if (hassigma(object)) sqrt(object$sigma2) else 1
+sigma.kdr3 <- function(object, ...) sqrt(object$sigma2)  # held at 1 unless the outcome is normal or control frees it
 
 parameters <- function(object) {
   random <- vapply(1:2, function(l) {

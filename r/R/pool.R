@@ -72,7 +72,7 @@ pooled <- function(fits, call) {
 coef.kdr3_pooled <- function(object, ...) object$coefficients
 fixef.kdr3_pooled <- function(object, ...) object$coefficients
 nobs.kdr3_pooled <- function(object, ...) nobs(object$fits[[1L]])
-sigma.kdr3_pooled <- function(object, ...) if (hassigma(object$fits[[1L]])) sqrt(object$sigma2) else 1
+sigma.kdr3_pooled <- function(object, ...) sqrt(object$sigma2)
 vcov.kdr3_pooled <- function(object, type = c("model", "robust"), ...) if (match.arg(type) == "model") object$vcov else object$robust
 VarCorr.kdr3_pooled <- function(x, sigma = 1, ...) {
   model <- x$fits[[1L]]

@@ -104,7 +104,7 @@ predict.kdr3 <- function(object, newdata = NULL, type = c("link", "response"), r
 predictionvariance <- function(object, design, Z, places) {
   X <- design$X
   if (ncol(Z[[1L]]) + ncol(Z[[2L]]) == 0L) return(rowSums((X %*% object$vcov) * X))
-  if (length(object$effects$cov23) == 0L && is.null(object$effects$cov23))
+  if (any(startsWith(names(object$frame), "(weights")))
     refuse("Models with design weights have standard errors of predictions with re.form = NA only.", class = "kdr3_refused")
   own <- ownarguments(object)
   found <- .Call(C_kdr3r_effects, own)
@@ -115,7 +115,7 @@ predictionvariance <- function(object, design, Z, places) {
     if (ncol(Z[[l]]) == 0L) next
     unit <- units[[l]]
     T <- object$taus[[l]][places[[l]], places[[l]], drop = FALSE]
-    C <- object$effects[[c("cov2", "cov3")[l]]][places[[l]], places[[l]], , drop = FALSE]
+    C <- covariancesof(found, object)[[l]][places[[l]], places[[l]], , drop = FALSE]
     known <- !is.na(unit)
     variance[!known] <- variance[!known] + rowSums((Z[[l]][!known, , drop = FALSE] %*% T) * Z[[l]][!known, , drop = FALSE])
     for (i in seq_along(places[[l]])) {
@@ -129,12 +129,21 @@ predictionvariance <- function(object, design, Z, places) {
   }
   both <- ncol(Z[[1L]]) > 0L && ncol(Z[[2L]]) > 0L
   if (both) {
-    C <- object$effects$cov23[places[[1L]], places[[2L]], , drop = FALSE]
+    C <- covariancesof(found, object)[[3L]][places[[1L]], places[[2L]], , drop = FALSE]
     known <- !is.na(units[[1L]]) & !is.na(units[[2L]])
     for (i in seq_along(places[[1L]])) for (j in seq_along(places[[2L]]))
       variance[known] <- variance[known] + 2 * Z[[1L]][known, i] * Z[[2L]][known, j] * C[i, j, ][units[[1L]][known]]
   }
   variance + rowSums((X %*% object$vcov) * X)
+}
+
+# Covariances of the effects of level 2, of level 3, and of both, about their modes.
+covariancesof <- function(found, object) {
+  n <- vapply(object$taus, nrow, 0L)
+  cube <- function(v, i, j, units) array(v, c(n[[i]], n[[j]], units))
+  units <- c(lengths(list(object$groups$level2$labels, object$groups$level3$labels)))
+  list(cube(found$cov2, 1L, 1L, units[[1L]]), cube(found$cov3, 2L, 2L, if (n[[2L]] > 0L) units[[2L]] else 0L),
+       cube(found$cov23, 1L, 2L, units[[1L]]))
 }
 
 # The design of the fit's own data with what the modes are computed from; x asks for the effects of each column of X.
