@@ -151,7 +151,10 @@ void tellwarnings(const Json& phase) {
   std::string lines;
   for (const std::string words : phase["warnings"]) {
     told = told || words.starts_with("WARNING: ");
-    lines += printable(words) + "\n";
+    for (std::size_t from = 0, end = 0; end != std::string::npos; from = end + 1) {
+      end = words.find('\n', from);
+      lines += printable(words.substr(from, end == std::string::npos ? end : end - from)) + "\n";
+    }
   }
   if (!told) lines += "WARNING: the iterations were stopped prior to convergence.\n";
   if (!lines.empty()) std::printf("\n%s", lines.c_str());

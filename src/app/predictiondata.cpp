@@ -23,6 +23,7 @@ namespace kdr {
 namespace {
 
 std::vector<LongColumn> columns;  // of the file of -predict
+std::vector<double> codes;        // of missing values
 
 // The column of that name, with its case or else without; null: none, or several.
 const LongColumn* columnnamed(const std::string& name) {
@@ -128,10 +129,20 @@ const LongColumn* mdmcolumn(int level, std::size_t v) {
   return column;
 }
 
+// A column in the form of that of the fit. A text in a column of numbers makes it one of texts, in which the codes of
+// missing values have not been met yet.
+LongColumn likefitted(const LongColumn& column, const LongColumn& fitted, const Tell& tell) {
+  LongColumn made = alike(column, fitted, tell);
+  if (column.text && !fitted.text)
+    for (double& value : made.numbers)
+      if (std::find(codes.begin(), codes.end(), value) != codes.end()) value = missingcode;
+  return made;
+}
+
 std::vector<double> numbersof(const LongColumn& column, const Tell& tell) {
   LongColumn numbers;
   numbers.name = column.name;
-  return alike(column, numbers, tell).numbers;
+  return likefitted(column, numbers, tell).numbers;
 }
 
 std::vector<std::string> idsof(const std::string& name) {
@@ -203,7 +214,7 @@ PredictionTable tablebyformula(const PredictionData& data) {
   NamedColumns named;
   const auto take = [&](const std::string& name) {
     const LongColumn* column = columnnamed(name);
-    if (column != nullptr) named.emplace(name, alike(*column, plan.data.column(name), data.tell));
+    if (column != nullptr) named.emplace(name, likefitted(*column, plan.data.column(name), data.tell));
   };
   checkpredictionfile(plan);
   for (const std::string& name : names.needed) take(name);
@@ -377,6 +388,7 @@ void readpredictionfile(const std::vector<double>& missing) {
     if (!raw.level[0].vartable[row].hidden && !raw.level[0].vartable[row].fullname.empty())
       rows.push_back(static_cast<int>(row));
   columns = readlong(rows, missing, {});
+  codes = missing;
   forgetraw();
 }
 

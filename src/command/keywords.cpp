@@ -129,14 +129,18 @@ void readlaplace(CommandReader&, const std::string& value) {
   const int iterations = fields.size() == 2 ? wholeof(fields[1]).value_or(-1) : -1;
   if ((!isyes(fields[0]) && !isno(fields[0])) || (fields.size() > 1 && iterations < 0))
     refusevalue("LAPLACE", "N, or Y and behind a comma a whole number of iterations of 0 or more", value);
-  if (isno(fields[0])) return;
-  run.control.laplace = true;
+  run.control.laplace = isyes(fields[0]);
+  if (!run.control.laplace) return;
   if (iterations >= 0) run.control.laplaceit = iterations;
 }
 
 void readagq(CommandReader&, const std::string& value) {
-  if (isno(split(value, ',')[0])) return;
   const auto fields = split(value, ',');
+  if (isno(fields[0])) {
+    run.control.agqpoints = 0;
+    run.control.agqauto = false;
+    return;
+  }
   constexpr const char* wanted =
       "N, or Y, a number of iterations and a number of points (or AUTO) with commas between them";
   if (!isyes(fields[0])) refusevalue("AGQ", wanted, value);
@@ -166,7 +170,7 @@ void readagqderivlevel(CommandReader&, const std::string& value) {
 }
 
 void readfixsigma2(CommandReader&, const std::string& value) {
-  if (isno(value)) return;
+  if (isno(value)) return run.model.restrictions.fixsigma2.reset();
   if (value.find(',') != std::string::npos) refusevalue("FIXSIGMA2", onenumber, value);
   const std::optional<double> held = realof(value);
   if (!held || *held < 0.0) refusevalue("FIXSIGMA2", "N or a number of 0 or more", value);

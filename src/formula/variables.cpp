@@ -527,6 +527,21 @@ std::string unitshown(const FormulaData& data, const std::vector<std::string>& n
   return text;
 }
 
+namespace {
+
+// IDs that are numbers have to be told apart by them: a longer one is not kept whole.
+void checkids(const LongColumn& column) {
+  constexpr double largest = 1.0e15;
+  const bool fine = column.text || std::all_of(column.numbers.begin(), column.numbers.end(), [](double value) {
+                      return value == missingcode || std::fabs(value) < largest;
+                    });
+  if (!fine)
+    refuse("The IDs in " + column.name +
+           " are numbers of more than 15 digits, which cannot be told apart. Put a letter in front of them.");
+}
+
+}  // namespace
+
 void findgroupings(FormulaData& data, const FormulaModel& model) {
   for (const RandomPart& part : model.randoms) {
     if (std::any_of(part.group.begin(), part.group.end(),
@@ -540,6 +555,7 @@ void findgroupings(FormulaData& data, const FormulaModel& model) {
     Grouping grouping{part.group, "", part.grouping, std::vector<int>(data.nrecords, 0), 1};
     for (const std::string& name : part.group) {
       grouping.shown += (grouping.shown.empty() ? "" : ":") + name;
+      if (data.fitted == nullptr) checkids(data.column(name));
       const Factor factor = factorof(data.column(name), {});
       std::unordered_map<std::uint64_t, int> pairs;
       for (std::size_t i = 0; i < data.nrecords; ++i) {

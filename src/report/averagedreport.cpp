@@ -53,9 +53,11 @@ void failednote(std::span<const int> failed) {
   reportbreak();
 }
 
-void unconvergednote(std::span<const int> unconverged) {
+void unconvergednote(std::span<const int> unconverged, bool ofengine) {
   if (unconverged.empty()) return;
-  std::string words = "Sub-runs whose iterations were stopped prior to convergence:";
+  std::string words = ofengine
+                          ? "Sub-runs that were stopped prior to convergence, or whose engine warns of its results:"
+                          : "Sub-runs whose iterations were stopped prior to convergence:";
   for (const int index : unconverged) words += formatted(" %d", index + 1);
   notconverged(words + "\n");
   reportwarning("WARNING: " + words);
@@ -179,7 +181,7 @@ void averagedreport(const Pooled* pooled, std::span<const int> failed, std::span
   heading();
   startdocument();
   if (run.series.mimode) failednote(failed);
-  unconvergednote(unconverged);
+  unconvergednote(unconverged, pooled != nullptr && pooled->engine.has_value());
   if (pooled == nullptr) {
     reportline("No analysis of the series is usable, so there are no results to average.");
     return;

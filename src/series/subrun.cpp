@@ -45,6 +45,7 @@ unsigned long long fingerprint(const Model& model, const ModelRows& rows, const 
       print.add(value);
   // Records of an engine are none to average with those of quasi-likelihood.
   if (const std::optional<PassKind> engine = lastengine(control)) print.add(100 + static_cast<int>(*engine));
+  if (model.weighted && model.rawweights) print.add(200);
   print.add(restrictions.fixsigma2.value_or(0.0));
   if (restrictions.haveesttau2) addarray(print, restrictions.esttau2);
   if (restrictions.haveesttau3) addarray(print, restrictions.esttau3);

@@ -37,7 +37,8 @@ def fixedtables(document, phase):
     effects = [effect for effect in phase["fixed_effects"] if not thresholdname(document, effect)]
     thresholds = [effect for effect in phase["fixed_effects"] if thresholdname(document, effect)]
     text = ""
-    for side, name in SIDES:
+    sides = SIDES[1:] if phase.get("weighted") else SIDES  # an engine's errors are the sandwich's then
+    for side, name in sides:
         for some, what in ((effects, "Fixed effects"), (thresholds, "Thresholds")):
             if any(effect[side] is not None for effect in some):
                 text += fixedtable(document, f"{what}, {name} standard errors", some, side, what == "Fixed effects")

@@ -423,6 +423,11 @@ std::string engineobstacle(const Model& model, const Control& control) {
   const bool restricted = held.haveesttau2 || held.haveesttau3 || held.havecontau2 || held.havecontau3;
   // Steps on the taus themselves know no diagonal ones.
   const bool diagonal = control.laplace && control.agqfixed && (held.diagtaupi || held.diagtaubeta);
+  if (model.autovknown != 0)
+    return formatted(
+        "VARIANCEKNOWN: is a variance of working values, which only quasi-likelihood has: such a run cannot "
+        "go on to %s.",
+        engine);
   if (model.weighted && control.laplace)
     return "A run with design weights cannot go on to Laplace-6: its terms of the sixth order know no weights. "
            "Quadrature "
