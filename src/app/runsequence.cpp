@@ -308,7 +308,7 @@ std::string methodof(const PassResults& results) {
   const bool engines = run.control.laplace || run.control.agqpoints != 0;
   return engines ? methodwords(results.kind, results.quadrature.points) : "";
 }
-std::string methodof(const Pooled& averages) { return averages.engine ? methodwords(*averages.engine) : ""; }
+std::string methodof(const Pooled& averages) { return averages.engine ? seriesmethod(*averages.engine) : ""; }
 
 // The regression that LVR-BETA: asks for, of a pass or of the averages, into the report.
 template <class Results>

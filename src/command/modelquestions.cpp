@@ -34,7 +34,7 @@ bool multinomial() { return run.model.outcome.family == Family::multinomial; }
 
 void askquadrature() {
   Control& iter = run.control;
-  if (run.model.outcome.categorical() || iter.agqpoints != 0) return;
+  if (iter.agqpoints != 0) return;
   if (!askyesno("Do you want to do adaptive quadrature?")) return;
   iter.agqit = asknumber("Enter maximum number of quadrature iterations", 1, 100000);
   std::printf(

@@ -188,7 +188,7 @@ void averagedreport(const Pooled* pooled, std::span<const int> failed, std::span
   }
   if (pooled->M == 1) reportline("Only one analysis of the series is usable; its results are not averages.");
   documentaverages(*pooled, failed);
-  if (pooled->engine) reportline("The averages are those of %s.", methodwords(*pooled->engine).c_str());
+  if (pooled->engine) reportline("The averages are those of %s.", seriesmethod(*pooled->engine).c_str());
   level1(*pooled);
   tautables(Tau::pi, *pooled);
   tautables(Tau::beta, *pooled);

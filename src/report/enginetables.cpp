@@ -90,6 +90,10 @@ std::string methodwords(PassKind kind, int points) {
   return points == 0 ? "adaptive quadrature" : formatted("adaptive quadrature (%d points for each effect)", points);
 }
 
+std::string seriesmethod(PassKind kind) {
+  return methodwords(kind, run.control.agqpoints == 1 && !run.control.agqauto ? 1 : 0);
+}
+
 std::string pointsline(const QuadraturePoints& made) {
   if (made.points == 1) return "One point: the first-order Laplace approximation.";
   std::string words = formatted("%d points for each effect", made.points);

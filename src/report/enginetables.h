@@ -18,6 +18,8 @@ void laplacefailed(const std::vector<std::string>& warnings);
 void quadraturetables(const PassResults& results);
 // The method behind a phase: "adaptive quadrature (7 points for each effect)", "Laplace-6", "quasi-likelihood (PQL)".
 [[nodiscard]] std::string methodwords(PassKind kind, int points = 0);
+// The same of the averages of a series, whose runs may differ in the number of points but for one.
+[[nodiscard]] std::string seriesmethod(PassKind kind);
 // What the head of those tables, and the console, say of the number of points.
 [[nodiscard]] std::string pointsline(const QuadraturePoints& made);
 

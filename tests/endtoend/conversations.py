@@ -158,6 +158,7 @@ COUNTED = OPENING + [
 CATEGORIES = OPENING + [
     ("Do you want to do a non-linear analysis? ", "y"), ("type of analysis: ", "6"),
     ("Enter maximum number of macro iterations: ", "50"), ("Enter maximum number of micro iterations: ", "20"),
+    ("Do you want to do adaptive quadrature? ", "y"), ("Enter maximum number of quadrature iterations ", "30"), ("Points? ", "1"),
     ("What is the outcome variable: ", "1"), ("How many categories does SCORE have? ", "11"),
 ]
 RESIDUALFILES = MODEL[:MODEL.index(RESIDUALS[0])] + [

@@ -133,7 +133,9 @@ def averages(check, place):
                            ("high ~ year + ses + (1 | school/pupil)", ("-family", "binomial", "-points", "7")),
                            ("visits ~ year + ses + offset(log(weeks)) + (1 | school)", ("-family", "poisson")),
                            ("third ~ year + ses + (year | school)", ("-family", "ordinal")),
-                           ("choice ~ year + ses + (1 | school)", ("-family", "multinomial"))):
+                           ("choice ~ year + ses + (1 | school)", ("-family", "multinomial")),
+                           ("third ~ year + ses + (1 | school)", ("-family", "ordinal", "-points", "7")),
+                           ("choice ~ year + ses + (1 | school)", ("-family", "multinomial", "-points", "3"))):
         fit(check, place, formula, *words)
         document, phase = last(place)
         distribution, rows = model(document, phase)

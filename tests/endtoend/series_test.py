@@ -454,8 +454,13 @@ def plausible(check, place):
 def engines(check, place):
     """Averages and latent regression of an engine's estimates; what has no such estimates is none of them."""
     bernoulli = nonlinear("BERNOULLI", hypotheses="", options="FIXSIGMA2:1.0\nRESULTS:run.json\n").replace("MACROIT:5", "MACROIT:30")
-    for engine, phase, words in (("AGQ:Y,50,5\n", "quadrature", "adaptive quadrature"), ("LAPLACE:Y,50\n", "laplace6", "Laplace-6")):
-        text = bernoulli.replace("LVR-BETA:N", "LVR-BETA:O,P").replace(
+    for kind, engine, phase, words in (("BERNOULLI", "AGQ:Y,50,5\n", "quadrature", "adaptive quadrature"),
+                                       ("BERNOULLI", "LAPLACE:Y,50\n", "laplace6", "Laplace-6"),
+                                       ("ORDINAL,3", "AGQ:Y,50,3\n", "quadrature", "adaptive quadrature"),
+                                       ("MULTINOMIAL,3", "AGQ:Y,50,1\n", "quadrature", "the first-order Laplace approximation")):
+        latents = kind != "MULTINOMIAL,3"
+        text = nonlinear(kind, hypotheses="", options="FIXSIGMA2:1.0\nRESULTS:run.json\n").replace("MACROIT:5", "MACROIT:30")
+        text = text.replace("LVR-BETA:N", "LVR-BETA:O,P" if latents else "LVR-BETA:N").replace(
             "GCSECNT=INTRCPT2+RANDOM/\nLEVEL3:INTRCPT2=INTRCPT3/", "GCSECNT=INTRCPT2/\nLEVEL3:INTRCPT2=INTRCPT3+RANDOM/") + engine
         singles = []
         for mdm in IMPUTED[:3]:
@@ -463,6 +468,8 @@ def engines(check, place):
             done = place.run(mdm + ".mdm", "single.kdr")
             check(done.returncode == 0, f"{phase}: {mdm}: {done.stdout[-300:]}")
             singles.append(next(p for p in json.loads(place.read("run.json"))["phases"] if p["phase"] == phase))
+            if not latents:
+                continue
             check(f"From the estimates of {words}" in place.read("out.txt"), f"{phase}: whose regression is not told")
             latent(check, place.read("out.txt"), singles[-1]["tau_beta"]["estimate"], f"{phase}, {mdm}")
         codes = place.series(text, IMPUTED[:3])
@@ -485,9 +492,12 @@ def engines(check, place):
         for tau in ("tau_pi", "tau_beta"):
             want = rubin.mean([p[tau]["reliability"] for p in singles], vector=True)
             check(all(abs(a - b) < 1e-9 for a, b in zip(average[tau]["reliability"], want)), f"{phase}: reliabilities of {tau}")
-        latent(check, report_, average["tau_beta"]["estimate"], f"{phase}, averages")
-        place.write("pv.kdr", text.replace("PASS=", "PS1=").replace("GCSECNT", "GC1").replace(
-            "LEVEL1DELETION", "PLAUSVALS:PS1,PS2,PS3\nLEVEL1DELETION"))
+        if latents:
+            latent(check, report_, average["tau_beta"]["estimate"], f"{phase}, averages")
+        stem = "PS" if kind == "BERNOULLI" else "GR"
+        values = ",".join(f"{stem}{k}" for k in (1, 2, 3))
+        place.write("pv.kdr", text.replace("PASS=", "PS1=").replace("GRADE=", "GR1=").replace("GCSECNT", "GC1").replace(
+            "LEVEL1DELETION", f"PLAUSVALS:{values}\nLEVEL1DELETION"))
         done = place.run("pv.mdm", "pv.kdr")
         check(done.returncode == 0 and f"The averages are those of {words}." in place.read("out.avg"), f"{phase}, plausible values")
     # Too many nodes for every data set: each has PQL's results, and none is averaged.
