@@ -141,9 +141,10 @@ class Tests:
 
     def margins(self):
         """Lines, bands and stacks have the numbers of the table; the title is that of the results that it has."""
-        run = self.made("ordinal", 5, INTERCEPTS, slope=0, more=("-margins", "x=-1,0,1"), keywords=("RESFIL1:Y/X", "RESFIL3:Y"))
+        run = self.made("ordinal", 5, INTERCEPTS, slope=0, more=("-margins", "x=-1,0,1; x"), keywords=("RESFIL1:Y/X", "RESFIL3:Y"))
         with open(self.folder / "m_margins.csv", newline="") as file:
-            table = [row for row in csv.DictReader(file) if row["x"]]
+            rows = list(csv.DictReader(file))
+        table = [row for row in rows if row["x"] and row["quantity"] == "margin"]
         figure = predicted.drawmargins(run)
         self.check(len(figure.axes) == 2 and pictures.source("margins", run) == "quadrature results", "panels and source of margins")
         for line, band, category in zip(figure.axes[1].lines, figure.axes[1].collections, "123"):
@@ -151,6 +152,10 @@ class Tests:
             self.check(list(line.get_xdata()) == [-1, 0, 1] and list(line.get_ydata()) == [float(row["average"]) for row in mine], "margins drawn")
             ends = {float(row[name]) for row in mine for name in ("average_low", "average_high")}
             self.check(ends <= set(band.get_paths()[0].vertices[:, 1]), "bands drawn")
+        effects = [row for row in rows if row["quantity"] == "effect" and not row["x"]]
+        drawn = predicted.draweffects(run).axes[0]
+        self.check(list(drawn.lines[0].get_xdata()) == [float(row["average"]) for row in effects] and len(effects) == 3
+                   and drawn.get_yticklabels()[2].get_text() == "x, category 3", "average marginal effects drawn")
         top = figure.axes[0].collections[-1].get_paths()[0].vertices[:, 1].max()
         self.check(abs(top - 1) < 1e-9, f"the categories sum to {top}")
         code, told = self.plot("--page", "m.json", "-o", "m.html")

@@ -25,7 +25,7 @@ from kdr3plot import command, files, pictures, values
 from kdr3plot.document import choosephase
 
 FILES = dict(RESFIL1="Y/GCSECNT", RESFIL2="Y", RESFIL3="Y", GRAPHGAMMAS="graph.bin")
-LINEAR = [kind for kind in pictures.KINDS if kind not in ("margins", "profile", "calibration")]  # pictures_test.py has those
+LINEAR = [kind for kind in pictures.KINDS if kind not in ("margins", "effects", "profile", "calibration")]  # pictures_test.py has those
 VOID = {"meta", "img", "br"}
 
 
@@ -342,7 +342,7 @@ class Tests:
                 self.check(got == 4 and f"{name} is not the one that the run of plots.json made" in told, f"{name}: {got}, {told}")
         got, told = self.plot("--page", "plots.json", "-o", "mixed.html")
         page = Page(self.place.read("mixed.html"))
-        self.check(got == 0 and len(page.images) == 1 and page.text.count("graph.bin is not the one") == 7 and
+        self.check(got == 0 and len(page.images) == 1 and page.text.count("graph.bin is not the one") == 8 and
                    "qq is not drawn" in told, f"the page beside it: {got}, {told}")
         (self.folder / "graph.bin").write_bytes(keep["graph.bin"])
 

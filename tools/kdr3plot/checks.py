@@ -56,7 +56,7 @@ def against(ax, level, points):
     ordered = [u for _, u in sorted(points, key=lambda point: point[0])]
     n, many = len(ordered), len(ordered) > MANY
     ax.plot([(i + 0.5) / n for i in range(n)], ordered, "o", color=BLUE, markersize=1.4 if many else 2.4, markeredgewidth=0,
-            alpha=0.4 if many else 0.6, rasterized=many)
+            alpha=max(0.05, min(0.6, 800 / n)), rasterized=many)
     for share in (0.25, 0.5, 0.75):
         ax.axhline(share, color=GREY, linewidth=0.8)
     stripes = [ordered[n * k // STRIPES:n * (k + 1) // STRIPES] for k in range(STRIPES)] if n >= 10 * STRIPES else []

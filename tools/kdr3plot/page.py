@@ -189,7 +189,7 @@ def subrun(run):
     return None
 
 
-ASKED = ("margins", "profile")  # by an option or keyword of their own: not missed where they are not there
+ASKED = ("margins", "effects", "profile")  # by an option or keyword of their own: not missed where they are not there
 CATEGORIES = ("bernoulli", "ordinal", "multinomial")  # whose residuals are two curves, or as many as there are categories
 
 

@@ -8,7 +8,7 @@ from .checks import describedcalibration, describedsimulated, drawcalibration, d
 from .digits import interval, shown
 from .document import USAGE, Refusal, choosephase, outcomename, phasename, wholename
 from .model import rationame
-from .predicted import describedmargins, describedprofiles, drawmargins, drawprofiles
+from .predicted import describedeffects, describedmargins, describedprofiles, draweffects, drawmargins, drawprofiles
 from .values import caterpillar, coefficients, lines, ofsubruns, pickunits, quantiles, residuals, shownamong
 
 OUTERMOST = 3  # of many units, so many are named at each end
@@ -163,7 +163,7 @@ def source(kind, run):
     """Where a picture's numbers come from, where that may be another phase than a reader expects."""
     if not run.nonlinear or kind in ("coefficients", "profile"):
         return ""
-    if kind == "margins":  # of the last results of the run
+    if kind in ("margins", "effects"):  # of the last results of the run
         return phasename(choosephase(run.document))
     level = {"residuals": 1, "simulated": 1, "calibration": 1, "caterpillar3": 3}.get(kind, 2)
     try:
@@ -189,6 +189,8 @@ def draw(kind, run, o, title):
         return drawcalibration(run, title)
     if kind == "margins":
         return drawmargins(run, o.predictor, title)
+    if kind == "effects":
+        return draweffects(run, title)
     if kind == "profile":
         return drawprofiles(run, choosephase(run.document, o.phase), title)
     return drawcoefficients(run, choosephase(run.document, o.phase), o.robust, o.intercept, o.ratio, title)
@@ -216,6 +218,8 @@ def described(kind, run, o):
         return f"{name}: " + (describedsimulated if kind == "simulated" else describedcalibration)(run)
     if kind == "margins":
         return f"{name} " + describedmargins(run, o.predictor)
+    if kind == "effects":
+        return f"{name}: " + describedeffects(run)
     if kind == "profile":
         return f"{name}: " + describedprofiles(run, choosephase(run.document, o.phase))
     panels = [(what, [residual for _, residual in points if not math.isnan(residual)]) for what, points in residuals(run)]
@@ -229,6 +233,7 @@ KINDS = {
     "caterpillar3": "Random effects of the level-3 units with their 95% intervals",
     "lines": "Fitted lines of level-2 units",
     "margins": "Predicted margins with their 95% intervals",
+    "effects": "Average marginal effects with their 95% intervals",
     "profile": "Profiles of the likelihood",
     "calibration": "Observed against predicted values",
     "simulated": "Simulated residuals",

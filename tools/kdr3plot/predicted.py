@@ -23,22 +23,43 @@ def isnumber(text):
         return False
 
 
+def tableof(run, quantity):
+    """The rows of a quantity in the table of -margins, and the names of its grid."""
+    run.read()
+    if run.margins is None:
+        raise Refusal(NOTHING, "the run made no table of predicted margins (-margins 'NAME=VALUE,VALUE; NAME')")
+    rows, grid = run.margins
+    return [row for row in rows if row["quantity"] == quantity], grid
+
+
+def columnof(run, rows):
+    return "average" if run.nonlinear and all(row["average"] for row in rows) else "response"
+
+
+def effects(run):
+    """(label, estimate, lower, upper) of the average marginal effects over the records as they are."""
+    rows, grid = tableof(run, "effect")
+    rows = [row for row in rows if not any(row[name] for name in grid)]
+    if not rows:
+        raise Refusal(NOTHING, "the table of predicted margins has no average marginal effects (-margins 'NAME')")
+    column = columnof(run, rows)
+    label = lambda row: row["variable"] + (f" ({row['contrast']})" if row["contrast"] else "") + (
+        f", category {row['category']}" if row["category"] else "")
+    return [(label(row), *(value(row, column + ending) for ending in ("", "_low", "_high"))) for row in rows]
+
+
 def margins(run, predictor=None):
     """The variable of the axis, and of each combination of the others and each category the points (x, estimate, lower,
     upper): {(combination, category): [point]}; then the column that they are from."""
-    run.read()
-    if run.margins is None:
-        raise Refusal(NOTHING, "the run made no table of predicted margins (-margins 'NAME=VALUE,VALUE')")
-    rows, grid = run.margins
-    rows = [row for row in rows if row["quantity"] == "margin" and any(row[name] for name in grid)]
+    rows, grid = tableof(run, "margin")
+    rows = [row for row in rows if any(row[name] for name in grid)]
     if not rows:
         raise Refusal(NOTHING, "the table of predicted margins has no grid of values (-margins 'NAME=VALUE,VALUE')")
     several = [name for name in grid if len({row[name] for row in rows}) > 1] or grid
     if predictor is not None and predictor not in grid:
         raise Refusal(USAGE, f"{predictor} is not in the grid of the predicted margins, which has {', '.join(grid)}")
     axis = predictor or next((name for name in several if all(isnumber(row[name]) for row in rows)), several[0])
-    column = "average" if run.nonlinear and all(row["average"] for row in rows) else "response"
-    found = {}
+    column, found = columnof(run, rows), {}
     for row in rows:
         others = ", ".join(f"{name} = {row[name]}" for name in several if name != axis)
         found.setdefault((others, row["category"]), []).append(
@@ -128,6 +149,25 @@ def drawmargins(run, predictor=None, title=""):
         drawing.supxlabel(f"{len(combinations) - MOST} more combinations are not drawn", fontsize=8, color=GREY)
     drawing.align_ylabels(axes)
     return drawing
+
+
+def draweffects(run, title=""):
+    rows = effects(run)
+    drawing, (ax,) = figure(1, 1.0 + 0.28 * len(rows), title)
+    at = list(range(len(rows), 0, -1))
+    ax.hlines(at, [row[2] for row in rows], [row[3] for row in rows], color=BLUE, linewidth=1.6)
+    ax.plot([row[1] for row in rows], at, "o", color=BLUE, markersize=4.5)
+    ax.axvline(0, color=GREY, linewidth=0.8)
+    ax.set_yticks(at, [row[0] for row in rows])
+    ax.set_ylim(0.4, len(rows) + 0.6)
+    ax.set_title("Average marginal effects")
+    ax.set_xlabel("Change of the " + {"normal": "mean", "poisson": "mean count"}.get(run.document["model"]["distribution"], "probability")
+                  + f" of {outcomename(run.document)}, 95% interval")
+    return drawing
+
+
+def describedeffects(run):
+    return "; ".join(f"{name} {shown(estimate)} ({interval([low, high])})" for name, estimate, low, high in effects(run))
 
 
 def describedmargins(run, predictor=None):

@@ -13,6 +13,7 @@ with the normal distribution about the empirical Bayes residuals,
 and is led to the exact one by Metropolis steps and exchanges between the levels, unless the outcome is normal, where it is exact.
 """
 import math
+import re
 from types import SimpleNamespace
 
 import numpy as np
@@ -104,8 +105,7 @@ def outcome(run, records):
             else np.array(records.column("FITMU")) + records.column("RAWRES"))
         count = np.ones(len(y)) if not model["count_variable"] else factors(records, [model["count_variable"]])
         return y, count, eta
-    places = [i for i, name in enumerate(records.names) if name.startswith("L1RES_")]
-    marks = [i for i, name in enumerate(records.names) if name.startswith("FITVAL")]
+    places, marks = ([i for i, name in enumerate(records.names) if re.fullmatch(form, name)] for form in (r"L1RES_\d+", r"FITVAL_?\d+"))
     fitted = np.column_stack([records.at(i) for i in marks])
     reached = np.rint(fitted + np.column_stack([records.at(i) for i in places]))  # 1 at the category, of ordered ones from it on
     safe = np.clip(fitted, TINY, 1 - TINY)
