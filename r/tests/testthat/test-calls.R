@@ -55,6 +55,14 @@ test_that("an interrupt ends a fit and a bootstrap, and the session goes on", {
   interruptin <- function(seconds) system(paste0("sh -c 'sleep ", seconds, "; kill -INT ", Sys.getpid(), "' >/dev/null 2>&1 &"))
   interruptin(1)
   expect_equal(tryCatch(bootstrap(m, 1e6, seed = 1), interrupt = function(e) "interrupted"), "interrupted")
+  # In the midst of a quadrature, of which one evaluation takes a second or two.
+  many <- d[rep(seq_len(nrow(d)), 100), ]
+  many$school <- many$school + 100 * rep(1:100, each = nrow(d))
+  slow <- quote(kdr3(I(y > 1) ~ x + (x | school / pupil), many, family = binomial(), points = 7))
+  began <- proc.time()[["elapsed"]]
+  interruptin(4)
+  expect_equal(tryCatch(eval(slow), interrupt = function(e) "interrupted"), "interrupted")
+  expect_lt(proc.time()[["elapsed"]] - began, 4 + 10)
   expect_equal(nobs(kdr3(y ~ x + (1 | school), d)), nrow(d))
 })
 
