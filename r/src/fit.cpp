@@ -189,17 +189,6 @@ int askuser(void* state) {
   return watch.interrupted ? 1 : 0;
 }
 
-// An observer that ends the fit; where the library asks at more places than between iterations, there too.
-template <class Observer>
-Observer observing(void* state, int (*ask)(void*)) {
-  Observer observer{};
-  observer.size = sizeof observer;
-  observer.state = state;
-  observer.stop = ask;
-  if constexpr (requires { observer.abandon; }) observer.abandon = ask;
-  return observer;
-}
-
 void takeeffects(const kdr3_result* result, Fitted& fitted) {
   const kdr3_summary& s = fitted.summary;
   fitted.level2.resize(s.units2 * s.random2);
@@ -230,7 +219,7 @@ void takereplicates(const kdr3_result* result, Fitted& fitted) {
 
 void fit(const Spec& spec, bool effects, Fitted& fitted) {
   Watch watch;
-  const auto observer = observing<kdr3_observer>(&watch, askuser);
+  const kdr3_observer observer{sizeof observer, &watch, askuser, nullptr, askuser};
   const Data data = dataof(spec);
   const Model model = modelof(spec, data.get());
   kdr3_result* made = nullptr;
