@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""The R package of the tree on the library of a built one: R CMD check with its tests, the Debian package, the page docs/r.md.
+"""The R package of the tree on the library of a built one: R CMD check with its tests, the Debian package, the cases
+that C and Python print too, the page docs/r.md.
 
     rpackage_test.py BUILD [--store]
 
@@ -89,6 +90,7 @@ def main():
             checkdebian(build, place)
         shutil.copytree(ROOT / "r", place / "r", ignore=shutil.ignore_patterns("*.o", "*.so", "Makevars", "libkdr3"))
         run(["R", "CMD", "INSTALL", f"--library={place}", str(place / "r")], env=environment)
+        print(run(["Rscript", "--vanilla", "samecases.R"], cwd=ROOT / "tests/reference", env=environment), end="")
         page = PAGE.read_text()
         pieces = re.split(r"(?m)^(```r run\n.*?^```\n(?:\n?```text\n.*?^```\n)?)", page, flags=re.S)
         codes = [re.match(r"```r run\n(.*?)^```\n", piece, re.S | re.M).group(1) for piece in pieces[1::2]]

@@ -131,72 +131,36 @@ profileintervals <- function(object, level) {
 
 # ---- Bootstrap -------------------------------------------------------------------------------------------------------
 
-# Fits of one model to other outcomes, a column each, in threads.
-manyfits <- function(object, y, threads = NULL) {
-  frame <- object$frame
-  outcome <- outcomeof(frame, object$family, "")
-  design <- suppressMessages(designof(frame, object$options$parts, object$options$fixed, object$options$contrasts))
-  weights <- designweights(frame, design)
-  settings <- settingsof(object$family, object$options$reml, "counts", object$engine, object$options$points, object$options$control,
-                         vapply(design$random, nrow, 0L))
-  settings["FISHERTYPE"] <- if (is.na(settings["FISHERTYPE"])) 2 else settings["FISHERTYPE"]
-  told <- specof(design, outcome, object$family, weights, settings, if (categorical(object$family)) length(outcome$levels) else 0L, "(outcome)")
-  if (hassigma(object)) {
-    if (!is.null(outcome$offset)) y <- y - outcome$offset
-    if (!is.null(outcome$weights)) y <- y * sqrt(outcome$weights)
-  }
-  storage.mode(y) <- "double"
-  if (is.null(threads)) threads <- getOption("mc.cores", parallel::detectCores())
-  if (is.na(threads)) threads <- 1L
-  found <- .Call(C_kdr3r_refits, told$spec, y, as.integer(threads))
-  if (isTRUE(found$interrupted)) interrupted()
-  values <- found$values
-  if (ncol(values) == 0L) refuse("No fit succeeded: ", found$error)
-  g <- length(object$coefficients)
-  p <- length(object$taus[[1L]])
-  b <- length(object$taus[[2L]])
-  list(values = values, failed = sum(is.na(values[, 1L])), error = found$error, told = told, g = g, p = p, b = b)
-}
-
-bootstrap <- function(object, nsim = 1000, seed = NULL, threads = NULL, ...) {
+# The library's: replicates in threads, each started from the fit.
+bootstrap <- function(object, nsim = 1000, seed = NULL, cases = FALSE, threads = NULL, ...) {
   if (!inherits(object, "kdr3")) refuse("bootstrap() needs a fit of kdr3().", class = "kdr3_refused")
-  if (any(paste0("(weights", 1:3, ")") %in% names(object$frame)))
-    refuse("Outcomes can't be drawn from a model with design weights.", class = "kdr3_refused")
-  if (!is.null(seed)) {
-    if (!exists(".Random.seed", envir = globalenv())) stats::runif(1)
-    before <- get(".Random.seed", envir = globalenv())
-    on.exit(assign(".Random.seed", before, envir = globalenv()))
-    set.seed(seed)
-  }
-  rows <- NULL
-  failed <- 0L
-  error <- NULL
-  chunk <- max(1L, min(nsim, as.integer(2e6 / nobs(object))))
-  for (start in seq(1L, nsim, by = chunk)) {
-    fits <- manyfits(object, simulated(object, min(chunk, nsim - start + 1L)), threads)
-    rows <- rbind(rows, t(apply(fits$values, 1L, replicaterow, object = object, fits = fits)))
-    failed <- failed + fits$failed
-    if (is.null(error)) error <- fits$error
-  }
-  if (failed > 0L) warn(paste0(failed, " of ", nsim, " fits of the bootstrap failed. The first one said: ", error), class = "kdr3_bootstrap")
-  colnames(rows) <- c(variancenames(object), names(object$coefficients))
-  structure(list(t0 = stats::setNames(c(variancevalues(object), object$coefficients), colnames(rows)), t = rows, R = nsim, seed = seed,
-                 failed = failed, call = match.call()), class = c("kdr3_bootstrap", "boot"))
+  if (categorical(object$family) && !cases)
+    refuse("Outcomes with categories have a bootstrap of whole units alone: bootstrap(object, cases = TRUE).", class = "kdr3_refused")
+  if (is.null(seed)) seed <- sample.int(.Machine$integer.max, 1L)
+  if (is.null(threads)) threads <- getOption("mc.cores", 0)  # 0: one for each core
+  fit <- refitted(object, settings = c(THREADS = threads), bootstrap = list(replicates = as.integer(nsim), seed = as.double(seed), cases = isTRUE(cases)))
+  rows <- t(apply(fit$replicates, 1L, replicaterow, object = fit))
+  colnames(rows) <- c(variancenames(fit), names(fit$coefficients))
+  structure(list(t0 = stats::setNames(c(variancevalues(fit), fit$coefficients), colnames(rows)), t = rows, R = nsim, seed = seed, cases = isTRUE(cases),
+                 failed = sum(is.na(rows[, ncol(rows)])), call = match.call()), class = c("kdr3_bootstrap", "boot"))
 }
 
-replicaterow <- function(row, object, fits) {
-  told <- fits$told
-  g <- fits$g
-  order <- integer()
-  order[told$fixed] <- seq_along(told$fixed)
-  if (length(order) < g) order <- c(order, seq(length(order) + 1L, g))
-  taus <- lapply(1:2, function(l) {
-    n <- nrow(object$taus[[l]])
-    m <- matrix(row[g + (l - 1L) * fits$p + seq_len(n * n)], n, n)[told$order[[l]], told$order[[l]], drop = FALSE]
-    dimnames(m) <- dimnames(object$taus[[l]])
-    m
-  })
-  c(suppressWarnings(variancevalues(object, taus, row[g + fits$p + fits$b + 1L])), row[seq_len(g)][order])
+# A row of the library, fixed effects, lower triangles of both taus, sigma^2, as standard deviations, correlations, sigma
+# and the coefficients of the object.
+replicaterow <- function(row, object) {
+  at <- length(object$coefficients)
+  taus <- object$taus
+  for (l in 1:2) {
+    n <- nrow(taus[[l]])
+    m <- matrix(0, n, n)
+    m[upper.tri(m, diag = TRUE)] <- row[at + seq_len(n * (n + 1) / 2)]  # by columns as the lower one by rows
+    m[lower.tri(m)] <- t(m)[lower.tri(m)]
+    place <- object$order$order[[l]]
+    place <- inallsets(place, if (length(place) > 0L) n / length(place) else 1L)
+    taus[[l]][] <- m[place, place]
+    at <- at + n * (n + 1) / 2
+  }
+  c(suppressWarnings(variancevalues(object, taus, row[at + 1])), row[object$order$coefficients])
 }
 
 confint.kdr3_bootstrap <- function(object, parm, level = 0.95, type = c("perc", "basic"), ...) {
@@ -209,7 +173,7 @@ confint.kdr3_bootstrap <- function(object, parm, level = 0.95, type = c("perc", 
 }
 
 print.kdr3_bootstrap <- function(x, ...) {
-  cat("Parametric bootstrap of", x$R, "replicates,", x$failed, "failed\n")
+  cat(if (x$cases) "Bootstrap of units," else "Parametric bootstrap,", x$R, "replicates,", x$failed, "without a fit that converged\n")
   print(cbind(original = x$t0, bias = colMeans(x$t, na.rm = TRUE) - x$t0, `std. error` = apply(x$t, 2L, stats::sd, na.rm = TRUE)))
   invisible(x)
 }

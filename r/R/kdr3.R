@@ -164,8 +164,9 @@ square <- function(values, names) {
   matrix(values, n, n, dimnames = list(names, names))
 }
 
-# Fits the model of a frame. `options`: parts, fixed, family, reml, ddf, engine, points, control, contrasts.
-fitframe <- function(frame, options, hypotheses = NULL, call = NULL) {
+# Fits the model of a frame. `options`: parts, fixed, family, reml, ddf, engine, points, control, contrasts; `bootstrap`:
+# replicates, seed, cases of one that follows.
+fitframe <- function(frame, options, hypotheses = NULL, call = NULL, bootstrap = NULL) {
   outcome <- outcomeof(frame, options$family, deparse1(options$formula[[2L]]))
   design <- designof(frame, options$parts, options$fixed, options$contrasts)
   categories <- if (categorical(options$family)) length(outcome$levels) else 0L
@@ -182,6 +183,7 @@ fitframe <- function(frame, options, hypotheses = NULL, call = NULL) {
   settings <- settingsof(options$family, options$reml, options$ddf, engine, options$points, options$control, sizes)
   told <- specof(design, outcome, options$family, weights, settings, categories, deparse1(options$formula[[2L]]))
   told$spec$hypotheses <- hypothesesof(hypotheses, told$fixed)
+  told$spec$bootstrap <- bootstrap
   result <- .Call(C_kdr3r_fit, told$spec)
   checked(result)
   result$warnings <- sub("^WARNING: ", "", result$warnings)
@@ -229,6 +231,9 @@ objectof <- function(result, told, design, outcome, frame, options, engine) {
                  blocklevel = design$level, owner = design$owner, levels = outcome$levels,
                  order = told, na.action = attr(frame, "na.action"))
   object$order$spec <- NULL
+  object$order$coefficients <- order
+  if (length(result$replicates) > 0L)
+    object$replicates <- matrix(result$replicates, ncol = g + sum(vapply(taus$taus, function(T) nrow(T) * (nrow(T) + 1) / 2, 0)) + 1, byrow = TRUE)
   object$equations <- told$spec[c("level1", "level2", "level3")]
   if (family$family == "gaussian" && !is.null(outcome$weights)) object$loglik <- object$loglik + sum(log(outcome$weights)) / 2
   class(object) <- c("kdr3", "mlma")  # insight lets a model through by a list of classes; this one has no methods
@@ -255,6 +260,9 @@ coefficientnames <- function(result, told, design, family, outcome) {
   list(names = c(names, library[thresholds]), order = c(rest[order], thresholds))
 }
 
+# The places of the effects of all sets that a multinomial outcome has, one behind the other.
+inallsets <- function(place, sets) as.integer(outer(place, (seq_len(sets) - 1L) * length(place), `+`))
+
 # Covariances of the random effects, in the order of the design's blocks, and their standard errors.
 tausof <- function(result, told, design, family, outcome) {
   sets <- if (family$family == "multinomial") length(outcome$levels) - 1L else 1L
@@ -262,9 +270,8 @@ tausof <- function(result, told, design, family, outcome) {
   for (l in 1:2) {
     names <- unlist(lapply(design$blocks[design$level == l + 1L], function(b) colnames(b$Z)))
     n <- length(names)
-    place <- told$order[[l]]
+    place <- inallsets(told$order[[l]], sets)
     if (sets > 1L && n > 0L) {
-      place <- as.integer(outer(place, (seq_len(sets) - 1L) * n, `+`))
       names <- paste0(rep(outcome$levels[seq_len(sets)], each = n), ":", rep(names, sets))
     }
     values <- list(list(result$taupi, result$taubeta)[[l]], list(result$taupierrors, result$taubetaerrors)[[l]])
@@ -352,8 +359,7 @@ libraryeffects <- function(object, result, design, outcome) {
     labels <- object$groups[[l]]$labels
     n <- length(names)
     place <- object$order$order[[l]]
-    sets <- if (length(place) > 0L) n / length(place) else 1L
-    place <- as.integer(outer(place, (seq_len(sets) - 1L) * length(place), `+`))
+    place <- inallsets(place, if (length(place) > 0L) n / length(place) else 1L)
     values <- list(result$level2, result$level3)[[l]]
     covariances <- list(result$variances2, result$variances3)[[l]]
     u <- matrix(NA_real_, length(labels), n, dimnames = list(labels, names))

@@ -149,11 +149,11 @@ vcov.kdr3 <- function(object, type = c("model", "robust", "CR2"), ...) {
 }
 
 # The same model once more, with other settings, hypotheses or outcome. What the first fit warned of is known already.
-refitted <- function(object, settings = NULL, hypotheses = NULL, frame = object$frame) {
+refitted <- function(object, settings = NULL, hypotheses = NULL, frame = object$frame, bootstrap = NULL) {
   options <- object$options
   options$engine <- object$engine
   options$control <- utils::modifyList(as.list(options$control), as.list(settings))
-  suppressMessages(withCallingHandlers(fitframe(frame, options, hypotheses, object$call), kdr3_warning = function(w)
+  suppressMessages(withCallingHandlers(fitframe(frame, options, hypotheses, object$call, bootstrap), kdr3_warning = function(w)
     if (conditionMessage(w) %in% object$warnings) tryInvokeRestart("muffleWarning")))
 }
 

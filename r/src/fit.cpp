@@ -1,10 +1,8 @@
 // A model as R describes it becomes one of the C interface, is fitted, and its results become R's.
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -50,6 +48,8 @@ struct Spec {
     const double* contrasts;
   };
   std::vector<Hypothesis> hypotheses;
+  int replicates = 0, cases = 0;  // of a bootstrap behind the fit
+  std::uint64_t seed = 1;
 };
 
 const char* textof(SEXP value) {
@@ -101,6 +101,12 @@ Spec specof(SEXP given) {
     spec.hypotheses.push_back({static_cast<std::size_t>(Rf_ncols(contrasts)),
                                static_cast<std::size_t>(Rf_nrows(contrasts)), REAL(contrasts)});
   }
+  SEXP bootstrap = element(given, "bootstrap");
+  if (bootstrap != R_NilValue) {
+    spec.replicates = Rf_asInteger(element(bootstrap, "replicates"));
+    spec.seed = static_cast<std::uint64_t>(Rf_asReal(element(bootstrap, "seed")));
+    spec.cases = Rf_asLogical(element(bootstrap, "cases"));
+  }
   return spec;
 }
 
@@ -140,6 +146,7 @@ Model modelof(const Spec& spec, const kdr3_data* data) {
   }
   for (const Spec::Hypothesis& hypothesis : spec.hypotheses)
     check(kdr3_model_hypothesis(made, hypothesis.rows, hypothesis.count, hypothesis.contrasts));
+  if (spec.replicates > 0) check(kdr3_model_bootstrap(made, spec.replicates, spec.seed, spec.cases));
   return model;
 }
 
@@ -160,7 +167,7 @@ struct Fitted {
   std::string document;
   kdr3_summary summary{};
   std::vector<double> estimates, covariance, robust, df, taupi, taubeta, taupierrors, taubetaerrors, level2, level3,
-      variances2, variances3, tests;
+      variances2, variances3, tests, replicates;
   double sigma2error = 0;
 };
 
@@ -182,17 +189,6 @@ int askuser(void* state) {
   return watch.interrupted ? 1 : 0;
 }
 
-// An observer that ends the fit; where the library asks at more places than between iterations, there too.
-template <class Observer>
-Observer observing(void* state, int (*ask)(void*)) {
-  Observer observer{};
-  observer.size = sizeof observer;
-  observer.state = state;
-  observer.stop = ask;
-  if constexpr (requires { observer.abandon; }) observer.abandon = ask;
-  return observer;
-}
-
 void takeeffects(const kdr3_result* result, Fitted& fitted) {
   const kdr3_summary& s = fitted.summary;
   fitted.level2.resize(s.units2 * s.random2);
@@ -212,9 +208,18 @@ void taketests(const kdr3_result* result, std::size_t count, Fitted& fitted) {
   }
 }
 
+void takereplicates(const kdr3_result* result, Fitted& fitted) {
+  const kdr3_summary& s = fitted.summary;
+  const auto packed = [](std::size_t order) { return order * (order + 1) / 2; };
+  std::size_t asked = 0;
+  check(kdr3_result_replicates(result, &asked, nullptr, nullptr));
+  fitted.replicates.resize(asked * (s.fixedeffects + packed(s.random2) + packed(s.random3) + 1));
+  check(kdr3_result_replicates(result, nullptr, nullptr, fitted.replicates.data()));
+}
+
 void fit(const Spec& spec, bool effects, Fitted& fitted) {
   Watch watch;
-  const auto observer = observing<kdr3_observer>(&watch, askuser);
+  const kdr3_observer observer{sizeof observer, &watch, askuser, nullptr, askuser};
   const Data data = dataof(spec);
   const Model model = modelof(spec, data.get());
   kdr3_result* made = nullptr;
@@ -243,6 +248,7 @@ void fit(const Spec& spec, bool effects, Fitted& fitted) {
                               fitted.taubetaerrors.data(), &fitted.sigma2error));
   if (effects) takeeffects(made, fitted);
   taketests(made, spec.hypotheses.size(), fitted);
+  if (spec.replicates > 0) takereplicates(made, fitted);
 }
 
 SEXP numbers(const std::vector<double>& values) {
@@ -291,6 +297,7 @@ constexpr Member members[] = {
     {"variances2", [](const Fitted& f) { return numbers(f.variances2); }},
     {"variances3", [](const Fitted& f) { return numbers(f.variances3); }},
     {"tests", [](const Fitted& f) { return numbers(f.tests); }},
+    {"replicates", [](const Fitted& f) { return numbers(f.replicates); }},
 };
 
 SEXP listof(const Fitted& fitted) {
@@ -305,80 +312,6 @@ SEXP listof(const Fitted& fitted) {
   return made;
 }
 
-// ---- Many fits of one model to other outcomes ----------------------------------------------------------------------
-
-// One row for each outcome: fixed effects, tau(pi) and tau(beta) by columns, sigma^2, log-likelihood, and whether the
-// fit converged (NaN: it failed).
-struct Refits {
-  std::string error;  // of the first that failed
-  bool interrupted = false;
-  std::size_t outcomes = 0, width = 0;
-  std::vector<std::vector<double>> rows;
-};
-
-struct Shared {
-  const Spec& spec;
-  const double* outcomes;
-  std::size_t count;
-  Refits& made;
-  std::atomic<bool> stop{false};
-  std::atomic<std::size_t> next{0}, running{0};
-  std::mutex lock;
-  std::condition_variable ended;
-};
-
-std::vector<double> refit(Shared& shared, std::size_t which) {
-  Spec spec = shared.spec;
-  spec.columns[0].values = shared.outcomes + which * spec.records;
-  const auto observer = observing<kdr3_observer>(
-      &shared.stop, [](void* stop) { return static_cast<std::atomic<bool>*>(stop)->load() ? 1 : 0; });
-  const Data data = dataof(spec);
-  const Model model = modelof(spec, data.get());
-  check(kdr3_model_set(model.get(), "THREADS", 1));
-  kdr3_result* made = nullptr;
-  check(kdr3_fit(model.get(), &observer, &made));
-  const Result result(made);
-  const kdr3_summary s = summaryof(made);
-  const std::size_t g = s.fixedeffects, p = s.random2 * s.random2, b = s.random3 * s.random3;
-  std::vector<double> row(g + p + b + 3);
-  check(kdr3_result_fixed(made, row.data(), nullptr, nullptr, nullptr));
-  check(kdr3_result_variances(made, row.data() + g, row.data() + g + p, nullptr, nullptr, nullptr));
-  row[g + p + b] = s.sigma2;
-  row[g + p + b + 1] = s.loglikelihood;
-  row[g + p + b + 2] = s.converged;
-  return row;
-}
-
-void work(Shared& shared) {
-  for (std::size_t which; !shared.stop && (which = shared.next++) < shared.count;) {
-    std::vector<double> row;
-    const std::string words = sentenceof([&] { row = refit(shared, which); });
-    const std::lock_guard<std::mutex> guard(shared.lock);
-    if (!words.empty() && shared.made.error.empty()) shared.made.error = words;
-    shared.made.width = std::max(shared.made.width, row.size());
-    shared.made.rows[which] = std::move(row);
-  }
-  const std::lock_guard<std::mutex> guard(shared.lock);
-  --shared.running;
-  shared.ended.notify_all();
-}
-
-// R's thread waits and asks for interrupts; the fits run beside it.
-void refitall(Shared& shared, std::size_t threads) {
-  shared.made.rows.resize(shared.count);
-  shared.running = threads;
-  std::vector<std::thread> workers;
-  for (std::size_t t = 0; t < threads; ++t) workers.emplace_back([&] { work(shared); });
-  std::unique_lock<std::mutex> guard(shared.lock);
-  while (!shared.ended.wait_for(guard, std::chrono::milliseconds(100), [&] { return shared.running == 0; })) {
-    guard.unlock();
-    if (!shared.stop && interruptpending()) shared.stop = shared.made.interrupted = true;
-    guard.lock();
-  }
-  guard.unlock();
-  for (std::thread& worker : workers) worker.join();
-}
-
 }  // namespace
 
 SEXP kdr3r_fit(SEXP given) {
@@ -388,34 +321,5 @@ SEXP kdr3r_fit(SEXP given) {
   fitted->error = sentenceof([&] { fit(specof(given), effects, *fitted); });
   SEXP made = listof(*fitted);
   UNPROTECT(1);
-  return made;
-}
-
-SEXP kdr3r_refits(SEXP given, SEXP outcomes, SEXP threads) {
-  SEXP holder = nullptr;
-  Refits* refits = owned<Refits>(holder);
-  const auto wanted = static_cast<std::size_t>(std::max(1, Rf_asInteger(threads)));
-  const auto count = static_cast<std::size_t>(Rf_ncols(outcomes));
-  const std::string words = sentenceof([&] {
-    const Spec spec = specof(given);
-    Shared shared{spec, REAL(outcomes), count, *refits};
-    refitall(shared, std::min(wanted, std::max<std::size_t>(count, 1)));
-  });
-  if (!words.empty()) refits->error = words;
-  const auto width = static_cast<R_xlen_t>(refits->width), n = static_cast<R_xlen_t>(count);
-  SEXP values = PROTECT(Rf_allocMatrix(REALSXP, static_cast<int>(n), static_cast<int>(width)));
-  for (R_xlen_t i = 0; i < n; ++i)
-    for (R_xlen_t c = 0; c < width; ++c) {
-      const bool there =
-          static_cast<std::size_t>(i) < refits->rows.size() && !refits->rows[static_cast<std::size_t>(i)].empty();
-      REAL(values)
-      [i + c * n] = there ? refits->rows[static_cast<std::size_t>(i)][static_cast<std::size_t>(c)] : NA_REAL;
-    }
-  const char* names[] = {"values", "error", "interrupted", ""};
-  SEXP made = PROTECT(Rf_mkNamed(VECSXP, names));
-  SET_VECTOR_ELT(made, 0, values);
-  SET_VECTOR_ELT(made, 1, refits->error.empty() ? R_NilValue : text(refits->error));
-  SET_VECTOR_ELT(made, 2, Rf_ScalarLogical(refits->interrupted));
-  UNPROTECT(3);
   return made;
 }

@@ -48,7 +48,6 @@ bool interruptpending();
 
 extern "C" {
 SEXP kdr3r_fit(SEXP spec);
-SEXP kdr3r_refits(SEXP spec, SEXP outcomes, SEXP threads);
 SEXP kdr3r_levels(SEXP columns, SEXP unit2, SEXP unit3);
 SEXP kdr3r_effects(SEXP arguments);
 SEXP kdr3r_version();

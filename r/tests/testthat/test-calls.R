@@ -54,7 +54,15 @@ test_that("an interrupt ends a fit and a bootstrap, and the session goes on", {
   m <- kdr3(y ~ x + (x | school / pupil), d)
   interruptin <- function(seconds) system(paste0("sh -c 'sleep ", seconds, "; kill -INT ", Sys.getpid(), "' >/dev/null 2>&1 &"))
   interruptin(1)
-  expect_equal(tryCatch(bootstrap(m, 1e7, seed = 1), interrupt = function(e) "interrupted"), "interrupted")
+  expect_equal(tryCatch(bootstrap(m, 1e6, seed = 1), interrupt = function(e) "interrupted"), "interrupted")
+  # In the midst of a quadrature, of which one evaluation takes a second or two.
+  many <- d[rep(seq_len(nrow(d)), 100), ]
+  many$school <- many$school + 100 * rep(1:100, each = nrow(d))
+  slow <- quote(kdr3(I(y > 1) ~ x + (x | school / pupil), many, family = binomial(), points = 7))
+  began <- proc.time()[["elapsed"]]
+  interruptin(4)
+  expect_equal(tryCatch(eval(slow), interrupt = function(e) "interrupted"), "interrupted")
+  expect_lt(proc.time()[["elapsed"]] - began, 4 + 10)
   expect_equal(nobs(kdr3(y ~ x + (1 | school), d)), nrow(d))
 })
 
@@ -104,6 +112,29 @@ test_that("design weights and robust errors", {
   expect_equal(fixef(a), fixef(b), tolerance = 1e-6)
   expect_false(anyNA(vcov(a, "robust")))
   expect_false(anyNA(vcov(kdr3(y ~ x + (1 | school), d), "CR2")))
+  # By quadrature: weights of 2 for every unit of the highest level, unscaled, are each unit twice.
+  g <- function(d, ...) kdr3(I(y > 1) ~ x + (1 | school), d, family = binomial(), points = 9, ...)
+  two <- kdr3(I(y > 1) ~ x + (1 | school), transform(d, w3 = 2), family = binomial(), points = 9, weights2 = w3, control = list(WEIGHTSCALE = 0))
+  twice <- g(rbind(d, transform(d, school = school + 100)))
+  expect_equal(two$engine, "quadrature")
+  expect_equal(fixef(two), fixef(twice), tolerance = 1e-6)
+  expect_equal(as.numeric(logLik(two)), as.numeric(logLik(twice)), tolerance = 1e-8)
+  expect_equal(vcov(two, "robust"), vcov(g(d), "robust"), tolerance = 1e-5)
+  expect_error(kdr3(y ~ x + (1 | school), d, weights2 = x), "numbers of 0 or more", class = "kdr3_data")
+})
+
+test_that("effects of a quadrature fit are means of the posterior", {
+  m <- kdr3(I(y > 1) ~ x + (1 | school), d, family = binomial(), points = 15)
+  u <- seq(-8, 8, length.out = 4001) * sqrt(VarCorr(m)$school[1])
+  for (unit in c("3", "8")) {
+    rows <- d$school == as.integer(unit)
+    eta <- drop(model.matrix(m)[rows, ] %*% fixef(m))
+    posterior <- vapply(u, function(v) exp(sum(plogis((eta + v) * ifelse(d$y[rows] > 1, 1, -1), log.p = TRUE))), 0) * dnorm(u, 0, sqrt(VarCorr(m)$school[1]))
+    posterior <- posterior / sum(posterior)
+    mean <- sum(u * posterior)
+    expect_equal(ranef(m)$school[unit, 1], mean, tolerance = 1e-5)
+    expect_equal(c(attr(ranef(m, condVar = TRUE)$school, "postVar")[1, 1, match(unit, rownames(ranef(m)$school))]), sum((u - mean)^2 * posterior), tolerance = 1e-4)
+  }
 })
 
 test_that("outcomes with categories", {
@@ -114,5 +145,20 @@ test_that("outcomes with categories", {
     expect_equal(colMeans(fitted(m)), c(table(d$o)) / nrow(d), tolerance = 0.1, ignore_attr = TRUE)
     expect_true(all(simulate(m, 1, seed = 1)[[1]] %in% levels(d$o)))
     expect_equal(dim(vcov(m)), rep(length(coef(summary(m))[, 1]), 2))
+    expect_equal(m$engine, "quadrature")
+    expect_true(all(diag(vcov(m, "robust")) > 0))
+    # The likelihood by the trapezoidal rule, of one random effect; a multinomial one has several.
+    if (family == "multinomial") next
+    s <- sqrt(VarCorr(m)$school[1])
+    u <- seq(-8, 8, length.out = 801)
+    b <- fixef(m)
+    cuts <- c(0, b[-(1:2)])
+    given <- sapply(u, function(v) {
+      upper <- c(plogis(outer(b[[1]] + b[[2]] * d$x + s * v, cuts, `+`)), rep(1, nrow(d)))
+      lower <- c(rep(0, nrow(d)), upper[seq_len(3 * nrow(d))])
+      at <- cbind(seq_len(nrow(d)), as.integer(d$o))
+      rowsum(log((matrix(upper, nrow(d)) - matrix(lower, nrow(d)))[at]), d$school)
+    })
+    expect_equal(as.numeric(logLik(m)), sum(log(exp(given) %*% dnorm(u) * (u[2] - u[1]))), tolerance = 1e-7)
   }
 })
