@@ -13,6 +13,7 @@ from ._table import Fields
 from .results import Results
 
 FAMILIES = {"normal": "gaussian", "bernoulli": "binomial", "logit": "binomial"}
+KNOWN = ("gaussian", "binomial", "poisson", "ordinal", "multinomial")
 DEGREES = {"counts": 0, "satterthwaite": 1, "kenward-roger": 2}
 
 
@@ -24,13 +25,13 @@ class Formula(lib.Handle):
         if not isinstance(text, str):
             raise TypeError("A formula is a text, as 'score ~ year + (year | school/pupil)'.")
         if fields is None:
-            lib.check(library.kdr3_formula_read(text.encode(), ctypes.byref(self.pointer)))
+            lib.check(library.kdr3_formula_read(lib.encoded(text), ctypes.byref(self.pointer)))
             return
         given = lib.Options(size=ctypes.sizeof(lib.Options))
         for name, value in (options or {}).items():
-            setattr(given, name, None if value is None else str(value).encode())
+            setattr(given, name, None if value is None else lib.encoded(str(value)))
         interruptible(lambda flag: lib.check(library.kdr3_formula_make(
-            text.encode(), ctypes.byref(given), fields.rows, fields.count, fields.array, ctypes.byref(self.pointer))))
+            lib.encoded(text), ctypes.byref(given), fields.rows, fields.count, fields.array, ctypes.byref(self.pointer))))
         self.fields = fields  # by which other handles of the same data are made
 
     def words(self, which: int) -> list[str]:
@@ -156,6 +157,13 @@ def estimate(formula: str, data: Any, arguments: Mapping[str, Any]):
     """The handles of a fit, and what they were made with."""
     options = {"family": FAMILIES.get(arguments["family"], arguments["family"])}
     extra = {}
+    for name in ("trials", "exposure"):
+        if arguments[name] is not None and not isinstance(arguments[name], str):
+            raise lib.KDR3Error(f"{name} is the name of a column, not {type(arguments[name]).__name__}: put it into the table.")
+    if options["family"] not in KNOWN:
+        raise lib.KDR3Error(f"family is one of {', '.join(KNOWN)}. It cannot be {arguments['family']}.")
+    if options["family"] == "gaussian" and (arguments["engine"] is not None or arguments["points"] is not None):
+        raise lib.KDR3Error("engine and points are for outcomes that are not normal.")
     for name in ("engine", "points", "trials", "exposure"):
         options[name] = None if arguments[name] is None else str(arguments[name])
     for name in ("offset", "weights1", "weights2", "weights3"):
@@ -179,6 +187,8 @@ def estimate(formula: str, data: Any, arguments: Mapping[str, Any]):
 
 def settingsof(arguments: Mapping[str, Any]) -> dict[str, float]:
     settings: dict[str, float] = {}
+    if not isinstance(arguments["reml"], (bool, int)):
+        raise lib.KDR3Error(f"reml is True or False. It cannot be {arguments['reml']!r}.")
     if arguments["reml"]:
         settings["REML"] = 1
     if (ddf := arguments["ddf"]) is not None:
@@ -192,4 +202,8 @@ def settingsof(arguments: Mapping[str, Any]) -> dict[str, float]:
 def setmodel(handle: Formula, made: Mapping[str, Any]) -> None:
     model = library.kdr3_formula_model(handle.pointer)
     for name, value in {**made["settings"], "THREADS": made["threads"]}.items():
-        lib.check(library.kdr3_model_set(model, str(name).encode(), float(value)))
+        try:
+            number = float(value)
+        except (TypeError, ValueError):
+            raise lib.KDR3Error(f"The setting {name} is a number. It cannot be {value!r}.") from None
+        lib.check(library.kdr3_model_set(model, lib.encoded(str(name)), number))

@@ -127,6 +127,13 @@ def check(status: int) -> None:
         raise KDR3Error(library.kdr3_message().decode("utf-8", "replace"))
 
 
+def encoded(text: str) -> bytes:
+    """A text as the library takes it, which ends at a NUL."""
+    if "\0" in text:
+        raise KDR3Error(f"A NUL character stands in {text!r}.")
+    return text.encode()
+
+
 def texts(function, handle, *first) -> list[str]:
     """All texts that a function hands out by number."""
     found: list[str] = []

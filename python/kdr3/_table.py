@@ -39,9 +39,14 @@ class Column:
     def __init__(self, name: str, values: np.ndarray, missing=None, labels=None, ordered=False):
         self.name, self.values, self.missing, self.labels, self.ordered = name, values, missing, labels, ordered
 
+    def absent(self) -> np.ndarray:
+        """[rows] where the value is missing."""
+        none = self.values < 0 if self.labels is not None else np.isnan(self.values)
+        return none if self.missing is None else none | np.asarray(self.missing, dtype=bool)
+
     def field(self) -> lib.Field:
         field = lib.Field(size=ctypes.sizeof(lib.Field))
-        self._name = self.name.encode()
+        self._name = lib.encoded(self.name)
         field.name = self._name
         kinds = {np.dtype("f8"): lib.DOUBLE, np.dtype("f4"): lib.FLOAT, np.dtype("i4"): lib.INT32, np.dtype("i8"): lib.INT64}
         field.type = kinds[self.values.dtype]
@@ -50,7 +55,7 @@ class Column:
             self._missing = np.ascontiguousarray(self.missing, dtype=np.uint8)
             field.missing = self._missing.ctypes.data
         if self.labels is not None:
-            self._labels = (ctypes.c_char_p * max(1, len(self.labels)))(*[label.encode() for label in self.labels])
+            self._labels = (ctypes.c_char_p * max(1, len(self.labels)))(*[lib.encoded(label) for label in self.labels])
             field.labels, field.labelcount, field.ordered = self._labels, len(self.labels), int(self.ordered)
         return field
 
@@ -65,7 +70,7 @@ def _texts(name: str, values: np.ndarray) -> Column:
     codes = np.empty(len(values), dtype=np.int32)
     count, odd = 0, None
     for i, value in enumerate(values):
-        if value is None or value != value or type(value).__name__ in ("NAType", "NaTType"):
+        if value is None or type(value).__name__ in ("NAType", "NaTType") or value != value:
             codes[i] = -1
             continue
         if not isinstance(value, str):

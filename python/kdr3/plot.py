@@ -5,6 +5,8 @@ import io
 
 import numpy as np
 
+from ._library import KDR3Error
+
 
 def _picture(**given):
     """A figure that a notebook shows by itself, whatever it has been told about matplotlib."""
@@ -67,7 +69,11 @@ class Plots:
         from statistics import NormalDist
         found = self._m.random_effects
         group = group if group is not None else list(found)[-1]
+        if group not in found:
+            raise KDR3Error(f"There are no random effects of {group}, but of {', '.join(found)}.")
         names = dict(zip(self._m._groupings, self._m._random))[group]
+        if term is not None and term not in names:
+            raise KDR3Error(f"{group} has no random effect {term}, but {', '.join(names)}.")
         i = names.index(term) if term is not None else 0
         values = np.asarray(found[group])[:, i]
         half = NormalDist().inv_cdf(1 - alpha / 2) * np.sqrt(self._m.random_effects_cov[group][:, i, i])

@@ -10,6 +10,12 @@ from ._frames import frame, matrix, series, shown, table
 from .results import Results, Summary, _degrees, _p, tquantile
 
 
+def _factors(fit: Results) -> dict:
+    """The levels of each factor in their order; the first is the reference."""
+    return {name: one.labels if one.ordered else sorted(one.labels) for name, one in fit._fields().columns.items()
+            if one.labels is not None and name not in fit._state["words"][lib.GROUPS2] + fit._state["words"][lib.GROUPS3]}
+
+
 class Pooled:
     """The averages of the fits of m imputed tables, by Rubin (1987), as the program makes them of a series.
 
@@ -25,6 +31,12 @@ class Pooled:
             if other._names != first._names or other._random != first._random:
                 raise lib.KDR3Error("The tables lead to different models: their effects are not the same.")
         self.fits, self.formula, self.family, self.outcome = fits, first.formula, first.family, first.outcome
+        for i, other in enumerate(fits[1:], 2):
+            for what, one, two in (("family", first.family, other.family), ("categories of the outcome", first.levels, other.levels),
+                                   ("levels of a factor", _factors(first), _factors(other)),
+                                   ("groupings", first._groupings, other._groupings), ("engine", first.engine, other.engine)):
+                if one != two:
+                    raise lib.KDR3Error(f"Tables 1 and {i} lead to different models: the {what} differ.")
         self._names, m = first._names, len(fits)
         estimates = np.array([fit._state["estimates"] for fit in fits])
         self._estimates = estimates.mean(axis=0)
@@ -41,7 +53,15 @@ class Pooled:
         self.nobs = first.nobs
         self.converged = all(fit.converged for fit in fits)
         self.scale = float(np.mean([fit.scale for fit in fits]))
-        self.warnings = list(dict.fromkeys(f"Table {i}: {words}" for i, fit in enumerate(fits, 1) for words in fit.warnings))
+        told = []
+        if m == 1:
+            told.append("One table alone is pooled: nothing tells what is missing.")
+        if any(not np.array_equal(np.sort(fit._state["rows"]), np.sort(first._state["rows"])) for fit in fits):
+            told.append("The tables lead to fits of different records: " + ", ".join(str(fit.nobs) for fit in fits)
+                        + " records. Imputed data have the same.")
+        for sentence in told:
+            lib.tell(sentence)
+        self.warnings = told + list(dict.fromkeys(f"Table {i}: {words}" for i, fit in enumerate(fits, 1) for words in fit.warnings))
 
     @property
     def params(self):
@@ -107,6 +127,7 @@ class Pooled:
     def summary(self) -> Summary:
         """The averages in words and tables."""
         about = [("Outcome", f"{self.outcome} ({self.family})"), ("Tables", f"{len(self.fits)}, pooled by Rubin's rules"),
+                 ("Records", ", ".join(dict.fromkeys(str(fit.nobs) for fit in self.fits))),
                  ("Converged", "yes" if self.converged else "NO")]
         fixed = [[name, shown(float(b)), shown(float(s)), shown(float(b / s)), _degrees(df), _p(p), shown(float(f))]
                  for name, b, s, df, p, f in zip(self._names, self._estimates, self._se(), self._df_pooled, self._p(), self._missing)]

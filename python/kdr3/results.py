@@ -5,6 +5,7 @@ import ctypes
 import html
 import json
 import math
+import zipfile
 from functools import cached_property
 from typing import Any, Mapping, Sequence
 
@@ -20,6 +21,8 @@ PHASES = {"": "final", "quadrature": "quadrature", "laplace6": "laplace6", "pql"
 
 def tquantile(p: float, df: float) -> float:
     """The two-sided point of Student's t: the value beyond which a share p lies, on both sides together."""
+    if not 0 < p < 1:
+        raise lib.KDR3Error(f"alpha is between 0 and 1. It cannot be {p}.")
     low, high = 0.0, 1.0
     while lib.pvalue(lib.T, high, df) > p:
         high *= 2.0
@@ -67,6 +70,7 @@ class Results:
     def __init__(self, handle, result, made: Mapping[str, Any]):
         self._formula, self._made = handle, dict(made)
         state = self._state = {"words": [handle.words(which) for which in range(12)], **_estimates(handle, result)}
+        state["warnings"] += _byalphabet(handle, state["words"])
         self._take(state)
         for sentence in [*self.warnings]:
             lib.tell(sentence)
@@ -82,6 +86,9 @@ class Results:
         self._random = [words[lib.RANDOM2], words[lib.RANDOM3]][:len(self._groupings)]
         self._names: list[str] = state["names"]
         self.document: dict[str, Any] = json.loads(state["document"])
+        if self.family == "multinomial":  # the matrices have the effects of each category in turn
+            sets = len(self._names) // max(1, len(words[lib.EFFECTS]))
+            self._random = [[f"{name}[{s + 1}]" for s in range(sets) for name in names] for names in self._random]
         phases = {one["phase"]: one for one in self.document["phases"]}
         if self.engine in ("quadrature", "laplace6") and self.engine not in phases:
             self.engine = "pql"  # it failed, as a warning says
@@ -111,7 +118,7 @@ class Results:
 
     @property
     def bse(self):
-        """[g] standard errors, model-based."""
+        """[g] standard errors, model-based; with design weights they are the sandwich."""
         return series(self._se(), self._names, "bse")
 
     bse_fe = bse
@@ -157,8 +164,10 @@ class Results:
 
     @property
     def aic(self) -> float:
-        """Twice the parameters less twice the log-likelihood."""
-        return 2 * self.df_model - 2 * self.llf
+        """Twice the parameters less twice the log-likelihood; NaN where the program has none, as of a weighted
+        likelihood of an engine."""
+        value = self._phase.get("aic")
+        return math.nan if value is None else value
 
     @property
     def bic(self) -> float:
@@ -173,6 +182,12 @@ class Results:
     @property
     def reml(self) -> bool:
         return bool(self._made["settings"].get("REML"))
+
+    @property
+    def weights(self) -> dict[str, str]:
+        """The columns of design weights by the argument that named them."""
+        options = self._made["options"]
+        return {name: options[name] for name in ("weights1", "weights2", "weights3") if options.get(name)}
 
     @property
     def ngroups(self) -> dict[str, int]:
@@ -355,6 +370,9 @@ class Results:
             values = self._mean(eta)
         rows = self._in_rows if fields is None else (
             lambda made: series(made, range(fields.rows) if fields.index is None else fields.index))
+        if lost := int(np.isnan(values).sum()):
+            lib.tell(f"{lost} of {len(values)} rows have no prediction: a value is missing in them, or a level is not one of the "
+                     "data that were fitted.")
         if not se:
             return rows(values)
         errors = np.sqrt(np.einsum("ij,jk,ik->i", X, self._state["covariance"], X))
@@ -370,14 +388,19 @@ class Results:
                 raise lib.KDR3Error(f'The new data have no column {lacking[0]}, which tells the units. effects="fixed" needs none.')
         if not fields.columns:
             raise lib.KDR3Error("The new data have none of the model's columns.")
+        if fields.rows == 0:
+            raise lib.KDR3Error("The new data have no rows.")
         return fields
 
     def _unitsof(self, fields: Fields, level: int) -> np.ndarray:
         """[rows] the number of the unit of each row, -1 of one that the fit does not know."""
         group = self._groupings[level - 2]
         columns = [fields.columns[name] for name in self._state["words"][lib.GROUPS2 if level == 2 else lib.GROUPS3]]
+        lost = np.any([column.absent() for column in columns], axis=0)
+        if lost.any():
+            lib.tell(f"{int(lost.sum())} of {fields.rows} rows do not tell their unit of {group}: its random effects are taken as 0.")
         known = {unit if isinstance(unit, tuple) else (unit,): i for i, unit in enumerate(self.units[group])}
-        return np.array([known.get(tuple(_value(column, row) for column in columns), -1) for row in range(fields.rows)])
+        return np.array([known.get(tuple(_value(column, row) for column in columns), -1) if not lost[row] else -1 for row in range(fields.rows)])
 
     def simulate(self, nsim: int = 1, seed: int | None = None) -> np.ndarray:
         """[n, nsim] outcomes drawn from the model, with new random effects, in the order of the table."""
@@ -443,6 +466,14 @@ class Results:
         C = np.atleast_2d(np.asarray(contrasts, dtype=float))
         if C.shape[1] != len(self._names):
             raise lib.KDR3Error(f"A contrast has {C.shape[1]} numbers, and the model {len(self._names)} fixed effects.")
+        scaled = C * self._se()
+        lengths = np.linalg.norm(scaled, axis=1)
+        if not np.isfinite(C).all() or (lengths == 0).any() or (
+                np.isfinite(lengths).all() and np.linalg.matrix_rank(scaled / lengths[:, None], tol=1e-10) < len(C)):
+            raise lib.KDR3Error("A contrast is 0 or not finite, or depends on the others: there is no joint test of these.")
+        return self._wald(C, robust)
+
+    def _wald(self, C: np.ndarray, robust: bool) -> dict[str, float]:
         V = C @ self._state["robust" if robust else "covariance"] @ C.T
         at = C @ self._state["estimates"]
         try:
@@ -463,7 +494,7 @@ class Results:
                 continue
             wanted = {name for name, of in zip(effects, terms) if of == term}
             places = [i for i, name in enumerate(self._names) if name.split("[")[0] in wanted or name in wanted]
-            test = self.wald_test(np.eye(len(self._names))[places], robust)
+            test = self._wald(np.eye(len(self._names))[places], robust)
             rows.append((term, test["chi_square"], test["df"], test["p"]))
         names = ("term", "chi_square", "df", "p")
         return frame(dict(zip(names, zip(*rows))) if rows else {name: [] for name in names})
@@ -494,7 +525,8 @@ class Results:
 
     def __repr__(self) -> str:
         groups = ", ".join(f"{name} {count}" for name, count in self.ngroups.items())
-        return f"<kdr3 {self.family}: {self.formula}; {self.nobs} records, {groups}; log-likelihood {self.llf:.4f}>"
+        weighted = "; weighted" if self.weights else ""
+        return f"<kdr3 {self.family}: {self.formula}; {self.nobs} records, {groups}{weighted}; log-likelihood {self.llf:.4f}>"
 
     def _parts(self, robust: bool):
         """Title, head and rows of each table of a summary."""
@@ -502,9 +534,14 @@ class Results:
                "quadrature": "maximum likelihood, adaptive quadrature", "laplace6": "maximum likelihood, sixth-order Laplace"}
         about = [("Outcome", f"{self.outcome} ({self.family})"), ("Estimation", how[self.engine]),
                  ("Records", str(self.nobs)), *((name, f"{count} units") for name, count in self.ngroups.items())]
+        if self.levels or self.family in ("ordinal", "multinomial"):
+            about.insert(1, ("Categories", self._categories()))
+        if self.weights:
+            about.append(("Weights", ", ".join(f"{name}: {column}" for name, column in self.weights.items())
+                          + "; standard errors are the sandwich"))
         if not math.isnan(self.llf):
             about += [("Log-likelihood", f"{self.llf:.4f}"), ("Deviance", f"{self.deviance:.4f} with {self.df_model} parameters"),
-                      ("AIC, BIC", f"{self.aic:.4f}, {self.bic:.4f}")]
+                      ("AIC, BIC", ", ".join("-" if math.isnan(value) else f"{value:.4f}" for value in (self.aic, self.bic)))]
         about.append(("Converged", "yes" if self.converged else "NO"))
         bounds = np.asarray(self.conf_int(robust=robust))
         fixed = [[name, *(shown(float(x)) for x in (self._state["estimates"][i], self._se(robust)[i], self._t(robust)[i])),
@@ -522,6 +559,14 @@ class Results:
         error = "robust SE" if robust else "SE"
         return about, (["Fixed effects", "estimate", error, "t", "df", "p", "2.5%", "97.5%"], fixed), (
             ["Random effects", "variance", "SD", "correlations"], random)
+
+    def _categories(self) -> str:
+        levels = self.levels or [str(value) for value in self.document["model"]["categories"]]
+        if self.family == "ordinal":
+            return " < ".join(levels)
+        if self.family == "multinomial":
+            return ", ".join(f"[{s}] {level}" for s, level in enumerate(levels[:-1], 1)) + f"; reference {levels[-1]}"
+        return f"event {levels[-1]}, not {levels[0]}"
 
     def summary(self, robust: bool = False) -> "Summary":
         """The model in words and tables: text when printed, a table in a notebook."""
@@ -622,6 +667,8 @@ class Bootstrap:
 
     def conf_int(self, alpha: float = 0.05):
         """[g, 2] percentile intervals of the fixed effects."""
+        if not 0 < alpha < 1:
+            raise lib.KDR3Error(f"alpha is between 0 and 1. It cannot be {alpha}.")
         values = np.asarray(self.params)
         values = values[~np.isnan(values[:, 0])]
         n = len(values)
@@ -637,6 +684,17 @@ class Bootstrap:
 
     def __repr__(self) -> str:
         return f"<bootstrap of {self.tried} replicates, {self.failed} without a fit: {self.results.formula}>"
+
+
+def _byalphabet(handle, words) -> list[str]:
+    """A warning where the order of an ordinal outcome is that of the alphabet, which nobody has asked for."""
+    outcome, family, _ = words[lib.OUTCOME]
+    name = outcome.strip("`")
+    plain = handle.fields.columns.get(name[7:-1] if name.startswith("factor(") else name)
+    if family != "ordinal" or plain is None or plain.labels is None or plain.ordered:
+        return []
+    return [f"The categories of {outcome} are texts, ordered by the alphabet: {' < '.join(words[lib.LEVELS])}. Another order is "
+            "that of a column of categories, or of factor(x, levels = c(...)) in the formula."]
 
 
 def _degrees(df: float) -> str:
@@ -712,10 +770,14 @@ def _order(handle, names: list[str]) -> tuple[np.ndarray, list[str]]:
 
 def load(path) -> Results:
     """A result that Results.save has written."""
-    with np.load(path, allow_pickle=False) as file:
-        about = json.loads(str(file["about"]))
+    try:
+        opened = np.load(path, allow_pickle=False)
+        about = json.loads(str(opened["about"]))
         if not isinstance(about, dict) or "kdr3" not in about:
-            raise lib.KDR3Error(f"{path} is no result of this package.")
+            raise KeyError
+    except (ValueError, KeyError, IndexError, EOFError, zipfile.BadZipFile):
+        raise lib.KDR3Error(f"{path} is no result of this package.") from None
+    with opened as file:
         state = {**about["state"], **{name[6:]: file[name] for name in file.files if name.startswith("state_")}}
         columns = {name[6:]: file[name] for name in file.files if name.startswith("table_")}
     made = Results.__new__(Results)
@@ -730,6 +792,9 @@ def anova(*models: Results):
     possible: `p_mixture` is that of the mixture, half and half, of chi-squares with one degree of freedom less and with
     these (Self and Liang 1987); it is the one to take.
     """
+    for m in models:
+        if not isinstance(m, Results):
+            raise lib.KDR3Error(f"Results of fits are compared, not {type(m).__name__}.")
     ordered = sorted(models, key=lambda m: m.df_model)
     rows = []
     for before, m in zip([None, *ordered], ordered):
@@ -747,6 +812,9 @@ def anova(*models: Results):
                 if more == 1:
                     less = lib.pvalue(lib.CHISQUARE, gain, df - 1) if df > 1 else 0.0
                     row[8] = 0.5 * (row[7] + less) if gain > 0 else 1.0
+                elif more > 1:
+                    lib.tell(f"{m.formula} has {more} random effects more, whose variances are 0 in {before.formula}, at the edge of "
+                             "what is possible: p is too large.")
         rows.append(row)
     names = ("model", "parameters", "logLik", "AIC", "BIC", "chi_square", "df", "p", "p_mixture")
     return frame(dict(zip(names, zip(*rows))))
@@ -757,6 +825,17 @@ def _comparable(a: Results, b: Results) -> None:
         raise lib.KDR3Error("Models are compared that have the same outcome, family and engine.")
     if math.isnan(a.llf) or math.isnan(b.llf):
         raise lib.KDR3Error("Quasi-likelihood has no likelihood to compare.")
+    if a.weights or b.weights:
+        raise lib.KDR3Error("The likelihood is weighted, and twice its difference has no chi-square distribution.")
+    for m in (a, b):
+        if not m.converged or m._phase["ending"] in ("limit", "keyboard", "separation", "lost"):
+            raise lib.KDR3Error(f"{m.formula} did not converge, or failed its check.")
+    points = [m._phase.get("points") for m in (a, b)]
+    if points[0] != points[1] and not {0, 1}.isdisjoint(points):
+        raise lib.KDR3Error(f"The likelihoods are of two kinds: quadrature with {points[0]} and {points[1]} points; 1 is the first-order "
+                            "Laplace approximation, 0 fixed nodes.")
+    if points[0] != points[1]:
+        lib.tell(f"The likelihoods rest on {points[0]} and {points[1]} quadrature points.")
     if a.nobs != b.nobs or not np.array_equal(np.sort(a._state["rows"]), np.sort(b._state["rows"])):
         raise lib.KDR3Error(f"The models rest on other records: {a.nobs} and {b.nobs}.")
     if any(not np.array_equal(one, other) for one, other in zip(_intable(a), _intable(b))):

@@ -80,6 +80,12 @@ class Models(unittest.TestCase):
         data = cases.read(REFERENCE / "formulas" / "growth.csv")
         m = kdr3.fit("arm ~ year + ses + (1 | school)", data, family="multinomial")
         self.assertEqual(list(m.params.index), [f"{name}[{s}]" for s in (1, 2) for name in ("(Intercept)", "year", "ses")])
+        self.assertEqual(list(m.cov_re["school"].index), ["(Intercept)[1]", "(Intercept)[2]"])
+        self.assertEqual(np.asarray(m.random_effects["school"]).shape, (50, 2))
+        self.assertIn("[1] books, [2] none; reference tutor", str(m.summary()))
+        words = np.array(["low", "mid", "high"], dtype=object)[np.arange(len(data["ses"])) % 3]
+        m = kdr3.fit("o ~ ses + (1 | school)", {**data, "o": words}, family="ordinal", engine="pql")
+        self.assertIn("ordered by the alphabet: high < low < mid", " ".join(m.warnings))
         m = kdr3.fit("factor(tries) ~ ses + year + (1 | school)", data, family="ordinal")
         self.assertEqual(list(m.params.index)[:4], ["(Intercept)", "ses", "year", "threshold2"])
         self.assertLess(m.params["(Intercept)"], m.params["threshold2"] + m.params["(Intercept)"])
@@ -109,7 +115,11 @@ class Models(unittest.TestCase):
         np.testing.assert_allclose(np.asarray(means.predict({k: v[few] for k, v in data.items()})), np.asarray(means.predict()[few]), rtol=1e-12)
         strange = {k: v[few].copy() for k, v in data.items()}
         strange["school"][0], strange["sex"][1], strange["ses"][2] = "new", "other", np.nan
-        made = np.asarray(m.predict(strange))
+        with self.assertWarnsRegex(kdr3.KDR3Warning, "2 of 3 rows have no prediction"):
+            made = np.asarray(m.predict(strange))
+        strange["school"][0] = None
+        with self.assertWarnsRegex(kdr3.KDR3Warning, "1 of 3 rows do not tell their unit of school"):
+            m.predict(strange)
         self.assertTrue(np.isnan(made[1:]).all())
         np.testing.assert_allclose(made[0], np.asarray(m.predict(effects="fixed"))[5], rtol=1e-12)
         for text, given in (("books ~ year + offset(log(weeks)) + (1 | school)", {}), ("books ~ year + (1 | school)", {"exposure": "weeks"}),
@@ -147,6 +157,14 @@ class Models(unittest.TestCase):
         between = 1.25 * b.var(ddof=1)
         self.assertAlmostEqual(pooled.params["year"], b.mean(), 12)
         self.assertAlmostEqual(pooled.bse["year"], np.sqrt(v.mean() + between), 12)
+        flat = "sex ~ year + (1 | school)"
+        turned = {**tables[0], "sex": np.where(tables[0]["sex"] == "male", "a", tables[0]["sex"])}
+        with self.assertRaisesRegex(kdr3.KDR3Error, "categories of the outcome differ"):
+            kdr3.fit(flat, [tables[0], turned], family="binomial", engine="pql")
+        with self.assertRaisesRegex(kdr3.KDR3Error, "levels of a factor differ"):
+            kdr3.fit("score ~ sex + (1 | school)", [tables[0], {**turned, "sex": np.where(turned["sex"] == "a", "male", "b")}])
+        fewer = {name: values[:1500] for name, values in tables[0].items()}
+        self.assertIn("different records: 1604, 1500", kdr3.fit("score ~ year + (1 | school)", [tables[0], fewer]).warnings[0])
         self.assertEqual(pooled.df["year"], min(int(3 * (1 + v.mean() / between) ** 2), fits[0].df["year"]))
 
 
@@ -176,6 +194,8 @@ class Tables(unittest.TestCase):
         if pandas is not None:
             frame = pandas.DataFrame(data)
             kinds["frame"] = frame
+            kinds["NA in objects"] = frame.assign(sex=frame["sex"].astype(object), score=[
+                pandas.NA if x != x else x for x in frame["score"]])
             kinds["own types"] = frame.assign(score=frame["score"].astype("Float64"), school=frame["school"].astype("category"),
                                               sex=frame["sex"].astype("string"))
             kinds["chosen rows"] = pandas.concat([frame, frame.assign(score=1e6)])[lambda f: ~(f["score"] == 1e6)]
@@ -241,11 +261,15 @@ class Calls(unittest.TestCase):
                 ("dimensions", "score ~ year + (1 | school)", {"year": np.ones((n, 2))}, {}),
                 ("complex128", "score ~ year + (1 | school)", {"year": np.ones(n, dtype=complex)}, {}),
                 ("no text", "score ~ year + (1 | school)", {"year": np.array(["a", 1.5] * (n // 2), dtype=object)}, {}),
-                ("-family takes", "score ~ year + (1 | school)", {}, {"family": "gamma"}),
+                ("family is one of", "score ~ year + (1 | school)", {}, {"family": "gamma"}),
                 ("ddf is", "score ~ year + (1 | school)", {}, {"ddf": "magic"}),
                 ("no setting NUMITS", "score ~ year + (1 | school)", {}, {"settings": {"NUMITS": 5}}),
                 ("offset", "passed ~ year + offset(ses) + (1 | school)", {}, {"family": "binomial"}),
                 ("two levels of the name", "score ~ year + arm + (1 | school)", {"arm": Labelled()}, {}),
+                ("NUL", "score ~ year + (1 | school)\0 + ses", {}, {}),
+                ("exposure is the name", "books ~ year + (1 | school)", {}, {"family": "poisson", "exposure": data["weeks"]}),
+                ("NUMIT is a number", "score ~ year + (1 | school)", {}, {"settings": {"NUMIT": "many"}}),
+                ("reml is", "score ~ year + (1 | school)", {}, {"reml": "yes"}),
                 ("no random part", "score ~ year", {}, {})):
             with self.assertRaises(kdr3.KDR3Error, msg=words) as refused:
                 kdr3.fit(formula, {**data, **change}, **given)
@@ -253,6 +277,11 @@ class Calls(unittest.TestCase):
         m = kdr3.fit("score ~ center(ses, school) + (1 | school)", data)
         with self.assertRaisesRegex(kdr3.KDR3Error, "no column ses"):
             m.predict({"school": data["school"]})
+        for call in (lambda: m.conf_int(5), lambda: m.conf_int(float("nan")), lambda: m.wald_test([[0, 0]]),
+                     lambda: m.wald_test([[1, 1e9], [2, 2e9]]), lambda: kdr3.anova(3, m), lambda: kdr3.load(TREE / "README.md"),
+                     lambda: m.predict({name: values[:0] for name, values in data.items()})):
+            with self.assertRaises(kdr3.KDR3Error):
+                call()
         with self.assertRaises(TypeError):
             kdr3.fit(LINEAR, 7)
         self.assertTrue(kdr3.fit(LINEAR, data).converged)
@@ -320,6 +349,18 @@ class Calls(unittest.TestCase):
             kdr3.anova(kdr3.fit("score ~ ses + (1 | school/pupil)", data), kdr3.fit("score ~ year + hours + (1 | school/pupil)", data))
         three = [kdr3.fit(f"score ~ {terms} + (1 | school)", data) for terms in ("year", "poly(year, 2, raw = TRUE)")]
         self.assertEqual(list(kdr3.anova(*three)["df"])[1], 1)
+        with self.assertWarnsRegex(kdr3.KDR3Warning, "2 random effects more"):
+            kdr3.anova(small, kdr3.fit("score ~ year + (year | school/pupil)", data))
+        weighted = kdr3.fit("score ~ year + (1 | school/pupil)", data, weights1="weeks")
+        self.assertIn("weights1: weeks", str(weighted.summary()))
+        with self.assertRaisesRegex(kdr3.KDR3Error, "weighted"):
+            kdr3.anova(small, weighted)
+        with self.assertRaisesRegex(kdr3.KDR3Error, "did not converge"):
+            kdr3.anova(small, kdr3.fit("score ~ year + (1 | school) + (year | school:pupil)", data, settings={"NUMIT": 2}))
+        nodes = [kdr3.fit(f"passed ~ {terms} + (1 | school)", data, family="binomial", points=points)
+                 for terms, points in (("year", 1), ("year + ses", 7))]
+        with self.assertRaisesRegex(kdr3.KDR3Error, "two kinds"):
+            kdr3.anova(*nodes)
         terms = kdr3.fit("score ~ arm*year + (1 | school)", data).anova()
         self.assertEqual((list(terms["term"]), list(terms["df"])), (["arm", "year", "arm:year"], [2, 1, 2]))
 
