@@ -43,7 +43,7 @@ def effects(run):
     if not rows:
         raise Refusal(NOTHING, "the table of predicted margins has no average marginal effects (-margins 'NAME')")
     column = columnof(run, rows)
-    label = lambda row: row["variable"] + (f" ({row['contrast']})" if row["contrast"] else "") + (
+    label = lambda row: row["variable"] + (f" ({row['contrast']})" if row["contrast"] not in ("", "slope") else "") + (
         f", category {row['category']}" if row["category"] else "")
     return [(label(row), *(value(row, column + ending) for ending in ("", "_low", "_high"))) for row in rows]
 
