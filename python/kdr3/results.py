@@ -694,7 +694,7 @@ def _byalphabet(handle, words) -> list[str]:
     if family != "ordinal" or plain is None or plain.labels is None or plain.ordered:
         return []
     return [f"The categories of {outcome} are texts, ordered by the alphabet: {' < '.join(words[lib.LEVELS])}. Another order is "
-            "that of a column of categories, or of factor(x, levels = c(...)) in the formula."]
+            "that of a column of categories, as of pandas.Categorical(values, categories)."]
 
 
 def _degrees(df: float) -> str:
