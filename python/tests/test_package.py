@@ -286,6 +286,16 @@ class Calls(unittest.TestCase):
             kdr3.fit(LINEAR, 7)
         self.assertTrue(kdr3.fit(LINEAR, data).converged)
 
+    def test_separation_names_its_effect(self):
+        x = np.random.default_rng(1).normal(size=60)
+        data = {"y": np.where(x > 0, 1.0, 0.0), "x": x, "h": np.where(x > 0, 1.0, 0.0), "g": np.repeat(np.arange(12), 5)}
+        for engine in ("laplace", "quadrature"):
+            with self.assertRaisesRegex(kdr3.KDR3Error, "separation by X"):
+                kdr3.fit("y ~ x + h + (x | g)", data, family="binomial", engine=engine)
+        s = np.where(np.arange(60) % 3 == 1, "b", np.where(np.arange(60) % 3 == 0, "a", "c"))
+        m = kdr3.fit("s ~ h + (1 | g)", {**data, "s": s, "h": np.where(s == "b", 1.0, 0.0)}, family="multinomial", engine="pql")
+        self.assertIn("have category 2, all 40 records", " ".join(m.warnings))
+
     def test_another_version_is_refused(self):
         with tempfile.TemporaryDirectory() as folder:
             source = "const char* kdr3_version(void) { return \"6.5.4\"; }\nint kdr3_abi(void) { return 1; }\n"
