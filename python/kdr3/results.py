@@ -280,7 +280,7 @@ class Results:
 
     def _single(self, what: str) -> None:
         if self.family in ("ordinal", "multinomial"):
-            raise lib.KDR3Error(f"An outcome with categories has no {what} here: see the program's residual files.")
+            raise lib.KDR3Error(f"An outcome with categories has no {what} in this package.")
 
     def _mean(self, eta: np.ndarray) -> np.ndarray:
         if self.family == "binomial":
@@ -400,7 +400,8 @@ class Results:
         if lost.any():
             lib.tell(f"{int(lost.sum())} of {fields.rows} rows do not tell their unit of {group}: its random effects are taken as 0.")
         known = {unit if isinstance(unit, tuple) else (unit,): i for i, unit in enumerate(self.units[group])}
-        return np.array([known.get(tuple(_value(column, row) for column in columns), -1) if not lost[row] else -1 for row in range(fields.rows)])
+        return np.array([-1 if lost[row] else known.get(tuple(_value(column, row) for column in columns), -1)
+                         for row in range(fields.rows)])
 
     def simulate(self, nsim: int = 1, seed: int | None = None) -> np.ndarray:
         """[n, nsim] outcomes drawn from the model, with new random effects, in the order of the table."""

@@ -266,6 +266,7 @@ class Calls(unittest.TestCase):
                 ("no setting NUMITS", "score ~ year + (1 | school)", {}, {"settings": {"NUMITS": 5}}),
                 ("offset", "passed ~ year + offset(ses) + (1 | school)", {}, {"family": "binomial"}),
                 ("two levels of the name", "score ~ year + arm + (1 | school)", {"arm": Labelled()}, {}),
+                ("trials goes with family binomial", "score ~ year + (1 | school)", {}, {"trials": "weeks"}),
                 ("NUL", "score ~ year + (1 | school)\0 + ses", {}, {}),
                 ("exposure is the name", "books ~ year + (1 | school)", {}, {"family": "poisson", "exposure": data["weeks"]}),
                 ("NUMIT is a number", "score ~ year + (1 | school)", {}, {"settings": {"NUMIT": "many"}}),
