@@ -841,11 +841,27 @@ def _comparable(a: Results, b: Results) -> None:
         raise lib.KDR3Error(f"The models rest on other records: {a.nobs} and {b.nobs}.")
     if any(not np.array_equal(one, other) for one, other in zip(_intable(a), _intable(b))):
         raise lib.KDR3Error("The models rest on other data: the outcome is not the same.")
+    if changed := _changed(a, b):
+        raise lib.KDR3Error(f"The models rest on other data: {changed} is not the same.")
     if not all(set(names) <= set(dict(zip(b._groupings, b._random)).get(group, [])) for group, names in zip(a._groupings, a._random)) or (
             not _spans(b, a)):
         raise lib.KDR3Error(f"{a.formula} is no part of {b.formula}: there is no test of the one against the other.")
     if a.reml != b.reml or (a.reml and a._state["words"][lib.EFFECTS] != b._state["words"][lib.EFFECTS]):
         raise lib.KDR3Error("Restricted likelihoods compare models of the same fixed effects alone.")
+
+
+def _changed(a: Results, b: Results) -> str | None:
+    """A column of both models whose values differ in their records."""
+    rows = np.sort(a._state["rows"])
+    for name, one in a._fields().columns.items():
+        other = b._fields().columns.get(name)
+        if other is None or (one.labels is None) != (other.labels is None):
+            continue
+        absent, x, y = one.absent()[rows], *(c.values[rows] if c.labels is None else np.array([*c.labels, ""])[c.values[rows]]
+                                             for c in (one, other))
+        if not np.array_equal(absent, other.absent()[rows]) or not np.array_equal(x[~absent], y[~absent]):
+            return name
+    return None
 
 
 def _intable(m: Results) -> list[np.ndarray]:

@@ -362,6 +362,8 @@ class Calls(unittest.TestCase):
         self.assertEqual(list(kdr3.anova(*three)["df"])[1], 1)
         with self.assertWarnsRegex(kdr3.KDR3Warning, "2 random effects more"):
             kdr3.anova(small, kdr3.fit("score ~ year + (year | school/pupil)", data))
+        with self.assertRaisesRegex(kdr3.KDR3Error, "year is not the same"):
+            kdr3.anova(small, kdr3.fit("score ~ year + ses + (1 | school/pupil)", {**data, "year": data["year"][::-1]}))
         weighted = kdr3.fit("score ~ year + (1 | school/pupil)", data, weights1="weeks")
         self.assertIn("weights1: weeks", str(weighted.summary()))
         with self.assertRaisesRegex(kdr3.KDR3Error, "weighted"):
