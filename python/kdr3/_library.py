@@ -4,6 +4,7 @@ from __future__ import annotations
 import ctypes
 import os
 import pathlib
+import re
 import warnings
 from ctypes import POINTER, Structure, byref, c_char_p, c_double, c_int, c_size_t, c_ssize_t, c_ubyte, c_uint64, c_void_p
 
@@ -121,10 +122,16 @@ library = _declare(_open())
 RAISED = ctypes.cast(library.kdr3_raised, c_void_p).value  # a stop function whose state is an int
 
 
+# Options of the command line in its sentences: the arguments of the same names.
+OPTION = re.compile(r"(?:(?<=\s)|^)-(family|engine|points|trials|exposure|offset|weights[123]|cases)\b")
+WORDS = {"cases": "cases=True"}
+
+
 def check(status: int) -> None:
     """Raises what a call was refused with."""
     if status == ERROR:
-        raise KDR3Error(library.kdr3_message().decode("utf-8", "replace"))
+        sentence, *place = library.kdr3_message().decode("utf-8", "replace").split("\n", 1)
+        raise KDR3Error("\n".join([OPTION.sub(lambda found: WORDS.get(found[1], found[1]), sentence), *place]))
 
 
 def encoded(text: str) -> bytes:

@@ -280,7 +280,7 @@ class Results:
 
     def _single(self, what: str) -> None:
         if self.family in ("ordinal", "multinomial"):
-            raise lib.KDR3Error(f"An outcome with categories has no {what} here: see the program's residual files.")
+            raise lib.KDR3Error(f"An outcome with categories has no {what} in this package.")
 
     def _mean(self, eta: np.ndarray) -> np.ndarray:
         if self.family == "binomial":
@@ -400,7 +400,8 @@ class Results:
         if lost.any():
             lib.tell(f"{int(lost.sum())} of {fields.rows} rows do not tell their unit of {group}: its random effects are taken as 0.")
         known = {unit if isinstance(unit, tuple) else (unit,): i for i, unit in enumerate(self.units[group])}
-        return np.array([known.get(tuple(_value(column, row) for column in columns), -1) if not lost[row] else -1 for row in range(fields.rows)])
+        return np.array([-1 if lost[row] else known.get(tuple(_value(column, row) for column in columns), -1)
+                         for row in range(fields.rows)])
 
     def simulate(self, nsim: int = 1, seed: int | None = None) -> np.ndarray:
         """[n, nsim] outcomes drawn from the model, with new random effects, in the order of the table."""
@@ -694,7 +695,7 @@ def _byalphabet(handle, words) -> list[str]:
     if family != "ordinal" or plain is None or plain.labels is None or plain.ordered:
         return []
     return [f"The categories of {outcome} are texts, ordered by the alphabet: {' < '.join(words[lib.LEVELS])}. Another order is "
-            "that of a column of categories, or of factor(x, levels = c(...)) in the formula."]
+            "that of a column of categories, as of pandas.Categorical(values, categories)."]
 
 
 def _degrees(df: float) -> str:
@@ -840,11 +841,27 @@ def _comparable(a: Results, b: Results) -> None:
         raise lib.KDR3Error(f"The models rest on other records: {a.nobs} and {b.nobs}.")
     if any(not np.array_equal(one, other) for one, other in zip(_intable(a), _intable(b))):
         raise lib.KDR3Error("The models rest on other data: the outcome is not the same.")
+    if changed := _changed(a, b):
+        raise lib.KDR3Error(f"The models rest on other data: {changed} is not the same.")
     if not all(set(names) <= set(dict(zip(b._groupings, b._random)).get(group, [])) for group, names in zip(a._groupings, a._random)) or (
             not _spans(b, a)):
         raise lib.KDR3Error(f"{a.formula} is no part of {b.formula}: there is no test of the one against the other.")
     if a.reml != b.reml or (a.reml and a._state["words"][lib.EFFECTS] != b._state["words"][lib.EFFECTS]):
         raise lib.KDR3Error("Restricted likelihoods compare models of the same fixed effects alone.")
+
+
+def _changed(a: Results, b: Results) -> str | None:
+    """A column of both models whose values differ in their records."""
+    rows = np.sort(a._state["rows"])
+    for name, one in a._fields().columns.items():
+        other = b._fields().columns.get(name)
+        if other is None or (one.labels is None) != (other.labels is None):
+            continue
+        absent, x, y = one.absent()[rows], *(c.values[rows] if c.labels is None else np.array([*c.labels, ""])[c.values[rows]]
+                                             for c in (one, other))
+        if not np.array_equal(absent, other.absent()[rows]) or not np.array_equal(x[~absent], y[~absent]):
+            return name
+    return None
 
 
 def _intable(m: Results) -> list[np.ndarray]:

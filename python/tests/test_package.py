@@ -266,6 +266,7 @@ class Calls(unittest.TestCase):
                 ("no setting NUMITS", "score ~ year + (1 | school)", {}, {"settings": {"NUMITS": 5}}),
                 ("offset", "passed ~ year + offset(ses) + (1 | school)", {}, {"family": "binomial"}),
                 ("two levels of the name", "score ~ year + arm + (1 | school)", {"arm": Labelled()}, {}),
+                ("trials goes with family binomial", "score ~ year + (1 | school)", {}, {"trials": "weeks"}),
                 ("NUL", "score ~ year + (1 | school)\0 + ses", {}, {}),
                 ("exposure is the name", "books ~ year + (1 | school)", {}, {"family": "poisson", "exposure": data["weeks"]}),
                 ("NUMIT is a number", "score ~ year + (1 | school)", {}, {"settings": {"NUMIT": "many"}}),
@@ -285,6 +286,16 @@ class Calls(unittest.TestCase):
         with self.assertRaises(TypeError):
             kdr3.fit(LINEAR, 7)
         self.assertTrue(kdr3.fit(LINEAR, data).converged)
+
+    def test_separation_names_its_effect(self):
+        x = np.random.default_rng(1).normal(size=60)
+        data = {"y": np.where(x > 0, 1.0, 0.0), "x": x, "h": np.where(x > 0, 1.0, 0.0), "g": np.repeat(np.arange(12), 5)}
+        for engine in ("laplace", "quadrature"):
+            with self.assertRaisesRegex(kdr3.KDR3Error, "separation by X"):
+                kdr3.fit("y ~ x + h + (x | g)", data, family="binomial", engine=engine)
+        s = np.where(np.arange(60) % 3 == 1, "b", np.where(np.arange(60) % 3 == 0, "a", "c"))
+        m = kdr3.fit("s ~ h + (1 | g)", {**data, "s": s, "h": np.where(s == "b", 1.0, 0.0)}, family="multinomial", engine="pql")
+        self.assertIn("have category 2, all 40 records", " ".join(m.warnings))
 
     def test_another_version_is_refused(self):
         with tempfile.TemporaryDirectory() as folder:
@@ -351,6 +362,8 @@ class Calls(unittest.TestCase):
         self.assertEqual(list(kdr3.anova(*three)["df"])[1], 1)
         with self.assertWarnsRegex(kdr3.KDR3Warning, "2 random effects more"):
             kdr3.anova(small, kdr3.fit("score ~ year + (year | school/pupil)", data))
+        with self.assertRaisesRegex(kdr3.KDR3Error, "year is not the same"):
+            kdr3.anova(small, kdr3.fit("score ~ year + ses + (1 | school/pupil)", {**data, "year": data["year"][::-1]}))
         weighted = kdr3.fit("score ~ year + (1 | school/pupil)", data, weights1="weeks")
         self.assertIn("weights1: weeks", str(weighted.summary()))
         with self.assertRaisesRegex(kdr3.KDR3Error, "weighted"):

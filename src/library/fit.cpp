@@ -49,6 +49,7 @@ struct Fit {
   ResultsDocument document;
   std::function<void(int done)> tell;  // of replicates
   Failure failure;                     // of what was asked of a pass while it stood
+  std::string separated;               // what is known of separation, in sentences
 };
 
 Subject subjectof(const kdr3_model& given, const Values& values) {
@@ -75,12 +76,29 @@ void takeeffects(Fit& fit, Pass& pass) {
   fit.failure = storefailure(pass.store);
 }
 
+void takeseparation(Fit& fit, const Separation& found) {
+  fit.separated.clear();
+  for (const std::string& warning : found.warnings) fit.separated += (fit.separated.empty() ? "" : "\n") + warning;
+}
+
+// Why there is no result. A failure of the engines behind separation has no words of its own.
+std::string whynot(const Fit& fit, const Failure& failure) {
+  if (failure.row == abandoned) return "The fit was stopped.";
+  const std::string sentence = sentenceof(failure);
+  if (fit.separated.empty()) return sentence;
+  return fit.separated + (sentence.empty() ? "" : "\n") + sentence;
+}
+
 void collectphases(Fit& fit, Observer& observer) {
   observer.dataread = [&fit](PassKind, int records) { fit.subject.records = records; };
   observer.recordsread = [&fit](const RecordsHash& hash) { fit.subject.hash = hash; };
   observer.leastsquares = [&fit](const LeastSquaresResults& results) { addphase(fit.document, fit.subject, results); };
   observer.passstands = [&fit](const ChainPass& pass) { addphase(fit.document, fit.subject, pass.results); };
-  observer.macroends = [&fit](const MacroEvent& event) { addmacroend(fit.document, event); };
+  observer.separation = [&fit](const Separation& found) { takeseparation(fit, found); };
+  observer.macroends = [&fit](const MacroEvent& event) {
+    addmacroend(fit.document, event);
+    takeseparation(fit, event.separation);
+  };
   observer.phasecloses = [&fit](const ChainPass& pass) { takeeffects(fit, pass.pass); };
   observer.enginestands = [&fit](const EngineStage& stage) { addengine(fit.document, fit.subject, stage, false); };
 }
@@ -132,8 +150,9 @@ Failure chainfit(Fit& fit, const Analysis& analysis) {
   if (analysis.model.outcome.categorical()) {
     CategoryTable table;
     if (Failure failure = readcategories(analysis, table)) return failure;
-    for (const Name& label : categorylabels(table.value.data(), analysis.model.outcome.categories))
-      fit.subject.categories.emplace_back(label.text);
+    Array<Name>& labels = fit.values.model.categorylabel;  // by which warnings name a category
+    labels = categorylabels(table.value.data(), analysis.model.outcome.categories);
+    for (const Name& label : labels) fit.subject.categories.emplace_back(label.text);
     if (Failure failure = fitcategories(table, chain)) return failure;
   } else if (Failure failure = fitnonlinear(chain)) {
     return failure;
@@ -246,14 +265,14 @@ kdr3_status kdr3_fit(const kdr3_model* model, const kdr3_observer* observer, kdr
         return error(words);
 
     auto result = std::make_unique<kdr3_result>();
-    Fit fit{*model, values, *result, subjectof(*model, values), {}, {}, {}};
+    Fit fit{*model, values, *result, subjectof(*model, values), {}, {}, {}, {}};
     if (observer != nullptr && values.observer.iteration)
       fit.tell = [observer, count = model->bootstrap.replicates](int done) {
         observer->progress(observer->state, formatted("replicate %d of %d", done, count).c_str());
       };
     collectphases(fit, values.observer);
     const Failure failure = values.model.outcome.linear() ? linearfit(fit, analysis) : chainfit(fit, analysis);
-    if (failure) return error(failure.row == abandoned ? "The fit was stopped." : sentenceof(failure));
+    if (failure) return error(whynot(fit, failure));
     result->p = values.model.coef.ntaupi;
     result->b = values.model.coef.ntaubeta;
     result->g = result->results.est.gammahat.size();
