@@ -342,7 +342,7 @@ def files(folder):
     if "matplotlib is missing" not in done.stderr:
         page = re.sub(r'src="[^"]*"', "", open(f"{folder}/r.html").read()) if done.returncode == 0 else done.stderr
         c.equal("level 3 in the page", (done.returncode, re.findall(r".{30}(?:level[- ]3|None).{30}", page, re.I)), (0, []))
-        c.equal("pictures", page.count("<figure>"), 5)
+        c.equal("pictures", page.count("<figure>"), 6)
     return c
 
 
