@@ -381,8 +381,8 @@ void addrandomeffects(ResultsDocument& document, const Subject& subject, const c
   }
   for (Json& made : document.phases)
     if (made["phase"] == phase)
-      made["random_effects"] = {{"level2", whenever(coef.ntaupi > 0, std::move(level2))},
-                                {"level3", whenever(coef.ntaubeta > 0, std::move(level3))}};
+      made["random_effects"] = {{"level2", whenever(coef.ntaupi > 0, level2)},
+                                {"level3", whenever(coef.ntaubeta > 0, level3)}};
 }
 
 void addmacroend(ResultsDocument& document, const MacroEvent& event) {
