@@ -84,7 +84,7 @@ void takeseparation(Fit& fit, const Separation& found) {
 // Why there is no result. A failure of the engines behind separation has no words of its own.
 std::string whynot(const Fit& fit, const Failure& failure) {
   if (failure.row == abandoned) return "The fit was stopped.";
-  const std::string sentence = sentenceof(failure);
+  std::string sentence = sentenceof(failure);
   if (fit.separated.empty()) return sentence;
   return fit.separated + (sentence.empty() ? "" : "\n") + sentence;
 }
