@@ -193,8 +193,12 @@ COMPARED = {"chi_square": "χ² against the other model", "df": "Its degrees of 
 
 
 def fittable(phase):
-    names = (("log_likelihood", "Log-likelihood"), ("marginal_log_likelihood", "Marginal log-likelihood"),
-             ("deviance", "Deviance"), ("parameters", "Parameters"), ("aic", "AIC"), ("bic", "BIC (of level-1 records)"))
+    # Of an engine the whole log-likelihood, which the criteria and --compare go by: the report's lacks constants.
+    whole = phase.get("marginal_log_likelihood")
+    if whole is not None:
+        phase = phase | {"log_likelihood": whole, "deviance": -2 * whole}
+    names = (("log_likelihood", "Log-likelihood"), ("deviance", "Deviance"), ("parameters", "Parameters"), ("aic", "AIC"),
+             ("bic", "BIC (of level-1 records)"))
     rows = [[name, shown(phase[key], 2)] for key, name in names if phase.get(key) is not None]
     for key, value in (phase.get("model_comparison") or {}).items():
         if value is not None and key in COMPARED:
