@@ -257,7 +257,11 @@ void closephase(const ChainPass& pass) {
 void enginefiles(const ChainPass& pass) {
   if (wantsengine()) {
     const std::optional<PassKind> last = lastengine(run.control);
-    last&& pass.state.engine == last ? storesubrun(*pass.state.engineresults()) : enginemissing();
+    if (last && pass.state.engine == last) {
+      storesubrun(*pass.state.engineresults());
+    } else {
+      enginemissing();
+    }
     enginesfiles(pass);
     if (pass.state.posteriors) documenteffects(sourceof(pass, "pql", &*pass.state.posteriors));
     tellwhosefiles(pass);

@@ -38,8 +38,6 @@ const LongColumn* columnnamed(const std::string& name) {
   return count == 1 ? alike : nullptr;
 }
 
-std::size_t recordsof(const LongColumn& column) { return column.text ? column.codes.size() : column.numbers.size(); }
-
 [[noreturn]] void lackscolumn(const std::string& name) {
   stopwith("-predict: %s has no column %s, which the model needs.\n", printable(run.files.predict).c_str(),
            printable(name).c_str());
@@ -150,7 +148,7 @@ std::vector<std::string> idsof(const std::string& name) {
   if (name.empty()) return ids;
   const LongColumn* column = columnnamed(name);
   if (column == nullptr) lackscolumn(name);
-  for (std::size_t i = 0; i < recordsof(*column); ++i) {
+  for (std::size_t i = 0; i < lengthof(*column); ++i) {
     if (column->text) {
       const std::string text = column->codes[i] < 0 ? "" : column->texts[at(column->codes[i])];
       const std::optional<double> number = run.mdm.numericids ? realof(text) : std::nullopt;
@@ -164,7 +162,7 @@ std::vector<std::string> idsof(const std::string& name) {
 
 PredictionTable tablebynames(const PredictionData& data) {
   PredictionTable table;
-  table.n = recordsof(columns[0]);
+  table.n = lengthof(columns[0]);
   for (int level = 1; level <= 3; ++level) {
     const std::vector<bool> used = variablesof(level);
     table.values[level - 1].resize(used.size());

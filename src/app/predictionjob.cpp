@@ -8,11 +8,14 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
 #include "app/predictiondata.h"
+#include "command/text.h"
 #include "core/formatted.h"
+#include "document/resultstable.h"
 #include "driver/failures.h"
 #include "driver/files.h"
 #include "driver/reportstream.h"
@@ -53,29 +56,13 @@ struct MarginTerm {
   std::vector<std::string> values;  // none: an average marginal effect
 };
 
-std::string trimmed(std::string text) {
-  text.erase(0, text.find_first_not_of(" \t"));
-  text.erase(text.find_last_not_of(" \t") + 1);
-  return text;
-}
-
-std::vector<std::string> parts(const std::string& text, char by) {
-  std::vector<std::string> list;
-  std::size_t from = 0;
-  for (std::size_t end = 0; end != std::string::npos; from = end + 1) {
-    end = text.find(by, from);
-    list.push_back(trimmed(text.substr(from, end == std::string::npos ? end : end - from)));
-  }
-  return list;
-}
-
 std::vector<MarginTerm> marginterms() {
   std::vector<MarginTerm> terms;
-  for (const std::string& part : parts(run.files.margins, ';')) {
+  for (const std::string& part : split(run.files.margins, ';')) {
     if (part.empty()) continue;
     const std::size_t sign = part.find('=');
-    MarginTerm term{trimmed(part.substr(0, sign)), {}};
-    if (sign != std::string::npos) term.values = parts(part.substr(sign + 1), ',');
+    MarginTerm term{std::string(trimmed(std::string_view(part).substr(0, sign))), {}};
+    if (sign != std::string::npos) term.values = split(part.substr(sign + 1), ',');
     if (term.name.empty() ||
         std::any_of(term.values.begin(), term.values.end(), [](const std::string& value) { return value.empty(); }))
       stopwith("-margins takes names and values, as in -margins 'year=0,1,2; female'. It cannot be %s\n",
@@ -107,13 +94,6 @@ void refuseforeign(const std::string& path, std::string_view head) {
   if (!start.empty() && start != head)
     stopwith("The file %s holds no predictions of this program. It would be lost: give the report another name\n",
              path.c_str());
-}
-
-std::string field(const std::string& text) {
-  if (text.find_first_of(",\"\r\n") == std::string::npos) return text;
-  std::string quoted = "\"";
-  for (const char c : text) quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
-  return quoted + "\"";
 }
 
 std::string number(double value) { return std::isfinite(value) ? formatted("%.15g", value) : ""; }
@@ -230,9 +210,9 @@ void writerows(const FittedModel& fitted, const PredictionData& data, const Pred
       average = meanresponses(fitted, rows);
     }
     for (int k = 0; k < K; ++k) {
-      const auto id = [&](const std::vector<std::string>& ids) { return ids.empty() ? "" : field(ids[i]); };
+      const auto id = [&](const std::vector<std::string>& ids) { return ids.empty() ? "" : csvfield(ids[i]); };
       std::string line =
-          std::to_string(i + 1) + joined({id(table.level3), id(table.level2), told, field(categoryname(k))});
+          std::to_string(i + 1) + joined({id(table.level3), id(table.level2), told, csvfield(categoryname(k))});
       const int m = k < fitted.plan.M ? k : -1;
       if (whole) {
         std::optional<Prediction> own;
@@ -407,10 +387,10 @@ struct MarginsWriter {
     const bool effect = !variable.empty();
     const IntervalScale scale = effect ? IntervalScale::value : scaleof(fitted.outcome);
     for (int k = 0; at(k) < made.fixed.value.size(); ++k) {
-      std::string line = quantity + joined({field(variable), field(contrast)});
-      for (std::size_t c = 0; c < columns; ++c) line += joined({c < point.size() ? field(point[c].value) : ""});
+      std::string line = quantity + joined({csvfield(variable), csvfield(contrast)});
+      for (std::size_t c = 0; c < columns; ++c) line += joined({c < point.size() ? csvfield(point[c].value) : ""});
       const Prediction fixed = predictionof(fitted, made.fixed, k, scale);
-      line += joined({field(categoryname(k)), std::to_string(made.records)}) + fields(fixed) +
+      line += joined({csvfield(categoryname(k)), std::to_string(made.records)}) + fields(fixed) +
               fields(predictionof(fitted, made.mean, k, scale)) + joined({number(fixed.df)});
       writeresult(file, line + "\n");
     }
@@ -443,7 +423,7 @@ void writemargins(const FittedModel& fitted, const PredictionData& data) {
   MarginsWriter writer{fitted, {}, grid[0].size()};
   openresult(writer.file, marginsname());
   std::string head = "quantity,variable,contrast";
-  for (const ColumnChange& column : grid[0]) head += joined({field(column.name)});
+  for (const ColumnChange& column : grid[0]) head += joined({csvfield(column.name)});
   writeresult(writer.file, head + ",category,records" + heads("response") + heads("average") + ",df\n");
   writer.write("margin", "", "", {}, averagesof(fitted, records.table({})));
   if (writer.columns > 0)

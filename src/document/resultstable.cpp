@@ -4,6 +4,13 @@
 
 namespace kdr {
 
+std::string csvfield(const std::string& text) {
+  if (text.find_first_of(",\"\r\n") == std::string::npos) return text;
+  std::string quoted = "\"";
+  for (const char c : text) quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
+  return quoted + "\"";
+}
+
 namespace {
 
 using Json = nlohmann::ordered_json;
@@ -43,15 +50,10 @@ constexpr const char* columns[] = {"phase",
                                    "chi_square_df",
                                    "chi_square_p"};
 
-// A value as a field: texts with a comma, a quote or a line end stand in quotes.
+// A value as a field.
 std::string field(const Json& value) {
   if (value.is_null()) return {};
-  if (!value.is_string()) return value.dump();
-  const auto& text = value.get_ref<const std::string&>();
-  if (text.find_first_of(",\"\r\n") == std::string::npos) return text;
-  std::string quoted = "\"";
-  for (const char c : text) quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
-  return quoted + "\"";
+  return value.is_string() ? csvfield(value.get_ref<const std::string&>()) : value.dump();
 }
 
 // A row by the names of its columns; the others stay empty.

@@ -7,6 +7,9 @@
 
 namespace kdr {
 
+// A text as a field of such a table: one with a comma, a quote or a line end stands in quotes.
+[[nodiscard]] std::string csvfield(const std::string& text);
+
 // `document` as docs/results.schema.json describes it. A null of the document is an empty field.
 [[nodiscard]] std::string resultstable(const nlohmann::ordered_json& document);
 

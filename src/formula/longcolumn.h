@@ -1,6 +1,7 @@
 // A column of a table with a row for each record, as a formula sees it.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -21,5 +22,10 @@ struct LongColumn {
   ValueLabels labels;              // of numbers
   long long codedmissing = 0;      // numbers that count as missing since they were named so
 };
+
+// Its records.
+[[nodiscard]] inline std::size_t lengthof(const LongColumn& column) {
+  return column.text ? column.codes.size() : column.numbers.size();
+}
 
 }  // namespace kdr

@@ -13,8 +13,6 @@ namespace kdr {
 
 namespace {
 
-std::size_t lengthof(const LongColumn& column) { return column.text ? column.codes.size() : column.numbers.size(); }
-
 // Texts as the numbers that they are.
 LongColumn asnumbers(const LongColumn& column, const Tell& lost) {
   LongColumn numbers;
