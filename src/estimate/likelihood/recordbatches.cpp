@@ -10,7 +10,9 @@ namespace kdr {
 
 namespace {
 
-constexpr std::size_t batchrecords = 20000;
+// A batch ends behind so many records, or level-3 units: threads begin and end with each, and what it gives is held unit
+// by unit. Batches that are kept may be longer.
+constexpr std::size_t batchrecords = 20000, batchunits = 20000, keptbatchrecords = 200000;
 // Bytes of records below which they are read once and kept.
 constexpr std::size_t mostkept = std::size_t{32} << 20;
 
@@ -93,9 +95,9 @@ const std::vector<Level3Records>& nextbatch(void* state) {
   if (batches.keeps || batches.batches.empty()) batches.batches.emplace_back();
   std::vector<Level3Records>& batch = batches.batches.back();
   batch.clear();
-  const std::size_t first = batches.records;
+  const std::size_t first = batches.records, most = batches.keeps ? keptbatchrecords : batchrecords;
   while (!batches.failure && batches.k < batches.pass->mdm().nunits3 &&
-         (batch.empty() || batches.records - first < batchrecords))
+         (batch.empty() || (batches.records - first < most && batch.size() < batchunits)))
     batch.push_back(readlevel3(batches));
   if (batches.failure) batch.clear();
   ++batches.next;

@@ -8,6 +8,7 @@
 #include "kernel/matrix.h"
 #include "kernel/products.h"
 #include "kernel/sizes.h"
+#include "kernel/vectors.h"
 
 namespace kdr {
 
@@ -24,7 +25,7 @@ void appendrow(std::size_t n, double* R, double* row) {
   for (std::size_t c = 0; c < n; ++c) {
     if (row[c] == 0.0) continue;
     const double a = R[c * n + c], b = row[c];
-    const double length = std::hypot(a, b);
+    const double length = std::sqrt(a * a + b * b);
     const double cosine = a / length, sine = b / length;
     for (std::size_t i = c; i < n; ++i) {
       const double upper = R[c * n + i], lower = row[i];
@@ -47,7 +48,7 @@ void unittriangle(std::size_t npi, std::size_t records, const double* x, const s
     const double length = std::sqrt(dot(column, column, records));
     R[c * npi + c] = length;
     if (length == 0.0) continue;
-    for (std::size_t i = 0; i < records; ++i) column[i] /= length;
+    multiply(column, records, 1.0 / length);
     for (std::size_t l = c + 1; l < npi; ++l) {
       if (!response.empty() && response[l] != response[c]) continue;
       double* other = columns.data() + l * records;

@@ -95,11 +95,20 @@ RecordColumns ModeWork::columnsof(const Frame& frame, std::size_t j) {
           frame.multinomial() ? frame.response.data() : nullptr};
 }
 
-bool jointmodes(const Frame& frame, const SphericalPoint& point, const Level3Records& records, double promised,
-                double* z, double* w, ModeWork& work) {
-  const std::size_t npi = at(frame.npi), q = at(frame.q), r = at(frame.r), units = at(records.units), k = at(records.k);
+void placerecords(const Frame& frame, const Level3Records& records, ModeWork& work) {
   makeunitframes(frame, at(records.k), work.frames);
   makexcolumns(frame, records, work);
+}
+
+bool jointmodes(const Frame& frame, const SphericalPoint& point, const Level3Records& records, double promise,
+                double* z, double* w, ModeWork& work) {
+  placerecords(frame, records, work);
+  return searchmodes(frame, point, records, promise, z, w, work);
+}
+
+bool searchmodes(const Frame& frame, const SphericalPoint& point, const Level3Records& records, double promised,
+                 double* z, double* w, ModeWork& work) {
+  const std::size_t npi = at(frame.npi), q = at(frame.q), r = at(frame.r), units = at(records.units), k = at(records.k);
   makecolumns(frame, point, work.frames, units, work.columns);
   fit(work.fixed, units * npi);
   for (std::size_t m = 0; m < units * npi; ++m)

@@ -23,8 +23,13 @@ struct ModeWork {
   [[nodiscard]] RecordColumns columnsof(const Frame& frame, std::size_t j);
 };
 
-// From `z` (units by q) and `w` (r), which get the modes. False when there is none to be found.
-// They end when a Newton step promises less than half of `promise`.
+// Frames and columns of a unit's records, which any number of searches may follow.
+void placerecords(const Frame& frame, const Level3Records& records, ModeWork& work);
+// From `z` (units by q) and `w` (r), which get the modes, of records that stand placed. False when there is none to be
+// found. They end when a Newton step promises less than half of `promise`.
+[[nodiscard]] bool searchmodes(const Frame& frame, const SphericalPoint& point, const Level3Records& records,
+                               double promise, double* z, double* w, ModeWork& work);
+// Both.
 [[nodiscard]] bool jointmodes(const Frame& frame, const SphericalPoint& point, const Level3Records& records,
                               double promise, double* z, double* w, ModeWork& work);
 // Modes that are exact to 1e-10 of their standard errors. The curvature at them has a slope, so that a difference of

@@ -402,6 +402,11 @@ void Search::automatic(const Array<double>& start, MovingResult& result) {
     any = true;
     if (stopped || check.agrees) return;
   }
+  // Whichever number it is, a variance that no outcome bears has none that is enough.
+  if (!result.usable && largestdeviation(likelihood.frame, before.ascent.point) > settings.nomaximum) {
+    result.end = MovingEnd::nomaximum;
+    return;
+  }
   if (!result.check.made || !result.check.agrees)
     result.warnings.push_back(
         formatted("WARNING: no number of quadrature points up to %d was enough", pointsbefore) +

@@ -18,10 +18,11 @@ namespace kdr {
 
 namespace {
 
-// Of the differences of the gradient, in units of an element's own error. Their error goes with the square.
-constexpr double difference = 0.01;
-// Their modes are exact to 1e-8 of their standard errors: no difference is as small.
-constexpr double differencemodes = 1.0e-16;
+// Steps of the differences of the gradient, in units of an element's own error: forward, whose error goes with the
+// step, and central, whose error goes with its square.
+constexpr double forwardstep = 1.0e-4, centralstep = 0.001;
+// Forward differences hold when they are as symmetric as second derivatives are, by this share.
+constexpr double asymmetry = 2.0e-5;
 
 // y (p) += M x, M packed.
 void addpacked(std::size_t p, const double* M, const double* x, double factor, double* y) {
@@ -101,21 +102,13 @@ struct LaplaceWork {
   SixthOrder sixth;
 };
 
-// The value of a level-3 unit behind its score (P + 1), at modes that take the place of the trial's. False when there
-// are none or the sixth order has no logarithm.
-bool unitlaplace(SphericalLikelihood& likelihood, const SphericalPoint& there, const Level3Records& records,
-                 double promise, ModeWork& work, LaplaceWork& own, double* score) {
+// The value of a level-3 unit behind its score (P + 1), at modes that are searched from z and w and left there. Its
+// records stand placed in `work`. False when there are no modes or the sixth order has no logarithm.
+bool unitlaplace(const SphericalLikelihood& likelihood, const SphericalPoint& there, const Level3Records& records,
+                 double* z, double* w, ModeWork& work, LaplaceWork& own, double* score) {
   const Frame& frame = likelihood.frame;
-  SphericalState& state = likelihood.trial;
-  const std::size_t P = frame.count(), q = at(frame.q), r = at(frame.r), npi = at(frame.npi), T = packedsize(frame.npi);
-  const std::size_t k = at(records.k), first = records.firstunit, units = at(records.units);
-  double *z = state.nodes.z.data() + first * q, *w = state.nodes.w.data() + k * r;
-  if (!jointmodes(frame, there, records, promise, z, w, work)) return false;
-  std::copy_n(work.sweep.C3.data(), r * r, state.nodes.C3.data() + k * r * r);
-  std::copy_n(work.sweep.P.data(), units * q * q, state.nodes.P.data() + first * q * q);
-  std::copy_n(work.sweep.K.data(), units * q * r, state.nodes.K.data() + first * q * r);
-  for (std::size_t e = 0; e < units * T; ++e) state.sums.M[first * T + e] = static_cast<float>(work.M[e]);
-  for (std::size_t e = 0; e < units * npi; ++e) state.sums.h[first * npi + e] = static_cast<float>(work.h[e]);
+  const std::size_t P = frame.count(), q = at(frame.q), r = at(frame.r), k = at(records.k), units = at(records.units);
+  if (!searchmodes(frame, there, records, exactmodes, z, w, work)) return false;
   double squares = 0.0;
   for (std::size_t j = 0; j < units; ++j) squares += frame.weight2(k, j) * dot(z + j * q, z + j * q, q);
   score[P] = work.density - 0.5 * (squares + dot(w, w, r) + work.sweep.logdeterminant);
@@ -123,9 +116,28 @@ bool unitlaplace(SphericalLikelihood& likelihood, const SphericalPoint& there, c
   if (likelihood.sixth) {
     if (!makesixthorder(frame, records, z, w, work, own.rows, own.sixth)) return false;
     score[P] += own.sixth.share;
-    state.shares[k] = own.sixth.share;
   }
   unitgradient(frame, records, z, w, work, own.rows, likelihood.sixth ? &own.sixth : nullptr, score);
+  return true;
+}
+
+// The same at the trial's modes, whose covariances and sums of records are kept.
+bool keptlaplace(SphericalLikelihood& likelihood, const SphericalPoint& there, const Level3Records& records,
+                 ModeWork& work, LaplaceWork& own, double* score) {
+  const Frame& frame = likelihood.frame;
+  SphericalState& state = likelihood.trial;
+  const std::size_t q = at(frame.q), r = at(frame.r), npi = at(frame.npi), T = packedsize(frame.npi);
+  const std::size_t k = at(records.k), first = records.firstunit, units = at(records.units);
+  placerecords(frame, records, work);
+  if (!unitlaplace(likelihood, there, records, state.nodes.z.data() + first * q, state.nodes.w.data() + k * r, work,
+                   own, score))
+    return false;
+  std::copy_n(work.sweep.C3.data(), r * r, state.nodes.C3.data() + k * r * r);
+  std::copy_n(work.sweep.P.data(), units * q * q, state.nodes.P.data() + first * q * q);
+  std::copy_n(work.sweep.K.data(), units * q * r, state.nodes.K.data() + first * q * r);
+  for (std::size_t e = 0; e < units * T; ++e) state.sums.M[first * T + e] = static_cast<float>(work.M[e]);
+  for (std::size_t e = 0; e < units * npi; ++e) state.sums.h[first * npi + e] = static_cast<float>(work.h[e]);
+  if (likelihood.sixth) state.shares[k] = own.sixth.share;
   return true;
 }
 
@@ -139,7 +151,7 @@ void startatmodes(SphericalLikelihood& likelihood) {
 
 }  // namespace
 
-Evaluation evaluatelaplace(SphericalLikelihood& likelihood, const Array<double>& point, double promise) {
+Evaluation evaluatelaplace(SphericalLikelihood& likelihood, const Array<double>& point) {
   const Frame& frame = likelihood.frame;
   SphericalState& state = likelihood.trial;
   const std::size_t P = frame.count();
@@ -158,7 +170,7 @@ Evaluation evaluatelaplace(SphericalLikelihood& likelihood, const Array<double>&
       *likelihood.source, likelihood.threads,
       [&](const std::vector<Level3Records>& batch) { values.reset(batch.size() * (P + 1)); },
       [&](const std::vector<Level3Records>& batch, std::size_t i, int worker) {
-        if (!unitlaplace(likelihood, there, batch[i], promise, likelihood.modework[at(worker)], work[at(worker)],
+        if (!keptlaplace(likelihood, there, batch[i], likelihood.modework[at(worker)], work[at(worker)],
                          values.data() + i * (P + 1)))
           found = false;
       },
@@ -187,11 +199,100 @@ Evaluation evaluatelaplace(SphericalLikelihood& likelihood, const Array<double>&
 
 namespace {
 
-// Minus the second derivatives at the last accepted point, by central differences of the gradient; rows of held
-// elements are 0. Not usable when a point around it has no value.
-Evaluation exactinformation(SphericalLikelihood& likelihood, const Array<double>& centre, const Evaluation& there) {
+// A point beside the last accepted one: one element moved.
+struct Beside {
+  std::size_t element;
+  double step;
+  SphericalPoint there;
+};
+Beside besideof(const Frame& frame, const Array<double>& centre, std::size_t element, double step) {
+  Array<double> point = centre.copy();
+  point[element] += step;
+  return {element, step, sphericalpoint(frame, point)};
+}
+
+// The scores at points beside the last accepted one, points by P; every unit is read once. Empty when one of them has
+// none.
+Array<double> scoresbeside(const SphericalLikelihood& likelihood, const std::vector<Beside>& points,
+                           std::vector<ModeWork>& modework) {
+  const Frame& frame = likelihood.frame;
+  const Nodes& centre = likelihood.current.nodes;
+  const std::size_t P = frame.count(), q = at(frame.q), r = at(frame.r), n = points.size();
+  struct Own {
+    LaplaceWork laplace;
+    Array<double> z, w;
+  };
+  std::vector<Own> work(at(likelihood.threads));
+  Array<double> scores(n * P), values;  // values: of a batch, of each unit at each point its score and value
+  std::atomic<bool> found{true};
+  const bool whole = overbatches(
+      *likelihood.source, likelihood.threads,
+      [&](const std::vector<Level3Records>& batch) { values.reset(batch.size() * n * (P + 1)); },
+      [&](const std::vector<Level3Records>& batch, std::size_t i, int worker) {
+        const Level3Records& records = batch[i];
+        Own& own = work[at(worker)];
+        ModeWork& modes = modework[at(worker)];
+        fit(own.z, at(records.units) * q);
+        fit(own.w, r);
+        placerecords(frame, records, modes);
+        for (std::size_t e = 0; e < n && found; ++e) {
+          std::copy_n(centre.z.data() + records.firstunit * q, at(records.units) * q, own.z.data());
+          std::copy_n(centre.w.data() + at(records.k) * r, r, own.w.data());
+          if (!unitlaplace(likelihood, points[e].there, records, own.z.data(), own.w.data(), modes, own.laplace,
+                           values.data() + (i * n + e) * (P + 1)))
+            found = false;
+        }
+      },
+      [&](const std::vector<Level3Records>& batch) {
+        for (std::size_t i = 0; i < batch.size(); ++i)
+          for (std::size_t e = 0; e < n; ++e) {
+            double* score = values.data() + (i * n + e) * (P + 1);
+            addcategories(frame, points[e].there, batch[i].categories, score[P], score + P - frame.g);
+            const double weight = frame.weight3(at(batch[i].k));
+            for (std::size_t c = 0; c < P; ++c) scores[e * P + c] += weight * score[c];
+          }
+        return found.load();
+      });
+  const bool fine =
+      whole && found && std::all_of(scores.begin(), scores.end(), [](double s) { return std::isfinite(s); });
+  return fine ? std::move(scores) : Array<double>();
+}
+
+// Differences of the score, whose rows of held elements are 0: forward ones where the central ones are not asked for.
+// Makes H symmetric, and tells by what share of the diagonal it was not. False when a point has no score.
+bool differences(SphericalLikelihood& likelihood, const Array<double>& centre, const Evaluation& there, bool central,
+                 double* H, double& unequal) {
   const std::size_t P = likelihood.frame.count();
   const std::vector<bool> held = heldelements(likelihood.frame);
+  std::vector<Beside> points;
+  for (std::size_t i = 0; i < P; ++i) {
+    if (held[i]) continue;
+    const double step = (central ? centralstep : forwardstep) / std::sqrt(there.scale[i]);
+    points.push_back(besideof(likelihood.frame, centre, i, step));
+    if (central) points.push_back(besideof(likelihood.frame, centre, i, -step));
+  }
+  const Array<double> scores = scoresbeside(likelihood, points, likelihood.modework);
+  if (scores.empty()) return points.empty();
+  for (std::size_t e = 0; e < points.size(); e += central ? 2 : 1) {
+    const double* above = scores.data() + e * P;
+    const double* below = central ? above + P : there.score.data();
+    const double distance = (central ? 2.0 : 1.0) * points[e].step;
+    for (std::size_t l = 0; l < P; ++l)
+      if (!held[l]) H[l * P + points[e].element] = (below[l] - above[l]) / distance;
+  }
+  unequal = 0.0;
+  for (std::size_t i = 0; i < P; ++i)
+    for (std::size_t l = 0; l < i; ++l) {
+      const double share = std::fabs(H[i * P + l] - H[l * P + i]) / std::sqrt(std::fabs(H[i * P + i] * H[l * P + l]));
+      if (share > unequal) unequal = share;
+      H[i * P + l] = H[l * P + i] = 0.5 * (H[i * P + l] + H[l * P + i]);
+    }
+  return true;
+}
+
+// Minus the second derivatives at the last accepted point. Not usable when a point beside it has no score.
+Evaluation exactinformation(SphericalLikelihood& likelihood, const Array<double>& centre, const Evaluation& there) {
+  const std::size_t P = likelihood.frame.count();
   Evaluation exact{false,
                    there.value,
                    there.score.copy(),
@@ -199,46 +300,47 @@ Evaluation exactinformation(SphericalLikelihood& likelihood, const Array<double>
                    there.scale.copy(),
                    there.reach.copy(),
                    there.turn.copy()};
-  const auto scoreat = [&](std::size_t element, double step) {
-    Array<double> point = centre.copy();
-    point[element] += step;
-    // The modes of the other side, which come second, lie nearly opposite.
-    const auto begin = [step](const Array<double>& here, Array<double>& beside) {
-      for (std::size_t i = 0; i < here.size(); ++i) beside[i] = step > 0.0 ? here[i] : 2.0 * here[i] - beside[i];
-    };
-    begin(likelihood.current.nodes.z, likelihood.trial.nodes.z);
-    begin(likelihood.current.nodes.w, likelihood.trial.nodes.w);
-    return evaluatelaplace(likelihood, point, differencemodes);
-  };
-  double* H = exact.information.data();
-  for (std::size_t i = 0; i < P; ++i) {
-    if (held[i]) continue;
-    const double step = difference / std::sqrt(there.scale[i]);
-    const Evaluation above = scoreat(i, step), below = scoreat(i, -step);
-    if (!above.usable || !below.usable) return exact;
-    for (std::size_t l = 0; l < P; ++l) H[l * P + i] = (below.score[l] - above.score[l]) / (2.0 * step);
-  }
-  for (std::size_t i = 0; i < P; ++i)
-    for (std::size_t l = 0; l < i; ++l) H[i * P + l] = H[l * P + i] = 0.5 * (H[i * P + l] + H[l * P + i]);
-  exact.usable = true;
+  double unequal = 0.0;
+  exact.usable = differences(likelihood, centre, there, false, exact.information.data(), unequal);
+  if (!exact.usable || unequal > asymmetry)
+    exact.usable = differences(likelihood, centre, there, true, exact.information.data(), unequal);
   return exact;
 }
 
-// The information of the steps, and where it was made.
+// The information of the steps at a point.
 struct StepInformation {
-  Array<double> point, information, scale;
-  void take(const Array<double>& at, const Evaluation& there) {
-    point = at.copy();
-    information = there.information.copy();
-    scale = there.scale.copy();
-  }
+  Array<double> point, score, information, scale;
 };
+StepInformation stepinformation(const Array<double>& point, const Evaluation& there) {
+  return {point.copy(), there.score.copy(), there.information.copy(), there.scale.copy()};
+}
+// That of the last accepted point, none at first, and of the trial.
+struct StepInformations {
+  StepInformation current, trial;
+};
+
+// The information carried to another point, by what the score has changed on the way: with s the way and y the fall of
+// the score, H + y y'/(y's) - H s s'H/(s'Hs), which leads from one score to the other. As it was where the score rises.
+Array<double> carriedinformation(const StepInformation& steps, const Array<double>& point, const Array<double>& score) {
+  const std::size_t P = point.size();
+  Array<double> H = steps.information.copy(), s(P), y(P), Hs(P);
+  for (std::size_t i = 0; i < P; ++i) {
+    s[i] = point[i] - steps.point[i];
+    y[i] = steps.score[i] - score[i];
+  }
+  for (std::size_t i = 0; i < P; ++i) Hs[i] = dot(H.data() + i * P, s.data(), P);
+  const double ys = dot(y.data(), s.data(), P), sHs = dot(s.data(), Hs.data(), P);
+  if (!(ys > 0.0) || !(sHs > 0.0)) return H;
+  for (std::size_t i = 0; i < P; ++i)
+    for (std::size_t l = 0; l < P; ++l) H[i * P + l] += y[i] * y[l] / ys - Hs[i] * Hs[l] / sHs;
+  return H;
+}
 
 // Whether the information still serves at `point`: the step that is left is short by it, and no element has come to 0
 // or left it.
 bool stillserves(const StepInformation& steps, const AscentProblem& problem, const Array<double>& point,
                  const Evaluation& there) {
-  constexpr double shortstep = 0.01;  // of the decrement
+  constexpr double shortstep = 0.1;  // of the decrement
   if (steps.point.empty()) return false;
   for (std::size_t i = 0; i < point.size(); ++i)
     if ((point[i] == 0.0) != (steps.point[i] == 0.0)) return false;
@@ -252,11 +354,15 @@ AscentProblem laplaceascentof(SphericalLikelihood& likelihood) {
   AscentProblem problem = ascentof(likelihood);
   problem.approaches = false;
   const auto rearrange = problem.rearrange;
-  const auto steps = std::make_shared<StepInformation>();
+  const auto steps = std::make_shared<StepInformations>();
   problem.rearrange = [steps, rearrange](Array<double>& point) {
     if (!rearrange(point)) return false;
-    steps->point.reset(0);
+    steps->current = {};
     return true;
+  };
+  problem.accepted = [steps, accepted = problem.accepted] {
+    accepted();
+    std::swap(steps->current, steps->trial);
   };
   AscentProblem held;
   held.count = problem.count;
@@ -266,12 +372,13 @@ AscentProblem laplaceascentof(SphericalLikelihood& likelihood) {
     startatmodes(likelihood);
     Evaluation laplace = evaluatelaplace(likelihood, point);
     if (!laplace.usable) return laplace;
-    if (!steps->point.empty()) {
-      laplace.information = steps->information.copy();
-      laplace.scale = steps->scale.copy();
+    if (!steps->current.point.empty()) {
+      laplace.information = carriedinformation(steps->current, point, laplace.score);
+      laplace.scale = steps->current.scale.copy();
       setreach(likelihood.frame, point, likelihood.current.curvature, laplace);
-      if (stillserves(*steps, held, point, laplace)) {
+      if (stillserves(steps->current, held, point, laplace)) {
         trial.curvature = likelihood.current.curvature.copy();
+        steps->trial = stepinformation(point, laplace);
         return laplace;
       }
     }
@@ -285,12 +392,12 @@ AscentProblem laplaceascentof(SphericalLikelihood& likelihood) {
     trial.outer = std::move(outer);
     quadrature.value = laplace.value;
     quadrature.score = std::move(laplace.score);
-    steps->take(point, quadrature);
+    steps->trial = stepinformation(point, quadrature);
     return quadrature;
   };
   problem.exact = [&likelihood, steps](const Array<double>& point, const Evaluation& there) {
     Evaluation exact = exactinformation(likelihood, point, there);
-    if (exact.usable) steps->take(point, exact);
+    if (exact.usable) steps->current = stepinformation(point, exact);
     return exact;
   };
   return problem;

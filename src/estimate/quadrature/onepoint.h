@@ -18,12 +18,11 @@
 namespace kdr {
 
 // Value and score at a point, by modes that are searched from trial.nodes and left there with their covariances and
-// with the sums of the records. `promise`: that of jointmodes.
-[[nodiscard]] Evaluation evaluatelaplace(SphericalLikelihood& likelihood, const Array<double>& point,
-                                         double promise = exactmodes);
+// with the sums of the records.
+[[nodiscard]] Evaluation evaluatelaplace(SphericalLikelihood& likelihood, const Array<double>& point);
 
 // The problem of an ascent on the approximation. Steps take the information of a quadrature with few points around the
-// modes, likelihood.grids; the exact one comes from central differences of the gradient. `outer` is the sum of the
+// modes, likelihood.grids; the exact one comes from differences of the gradient. `outer` is the sum of the
 // outer products of the units' scores.
 AscentProblem laplaceascentof(SphericalLikelihood& likelihood);
 

@@ -62,6 +62,10 @@ inline Lane logarithm(Lane x) {
   return k * log2high - ((half - (s * (half + (t1 + t2)) + k * log2low)) - f);
 }
 
+inline Lane root(Lane x) {
+  return Lane{__builtin_sqrt(x[0]), __builtin_sqrt(x[1]), __builtin_sqrt(x[2]), __builtin_sqrt(x[3])};
+}
+
 constexpr double leastprobability = 1.0e-14, largesteta = 700.0;
 constexpr double logleast = -32.236191301916641;  // log(1e-14)
 constexpr double largestmean = 1.0e100;           // of a Poisson outcome: its density is 0 long before
@@ -678,6 +682,23 @@ void formsums(const RecordColumns& a, const double* Q, double* t) {
   }
 }
 
+// Neither mu nor 1 - mu comes by cancellation.
+void workinglogits(LogitRecords& a) {
+  Bits held{}, mute{};
+  for (std::size_t i = 0; i < a.stride; i += nodestep) {
+    const Lane eta = load(a.eta + i), n = a.n == nullptr ? all(1.0) : load(a.n + i);
+    const Lane small = exponential(eta < 0.0 ? eta : -eta);
+    const Lane most = 1.0 / (1.0 + small), rest = small * most;
+    const Lane w = n * (rest * most), mu = eta < 0.0 ? rest : most;
+    held -= w >= a.largest;
+    mute -= w < a.least;
+    store(a.z + i, eta + (load(a.y + i) - n * mu) / w);
+    store(a.root + i, root(smaller(w, all(a.largest))));
+  }
+  a.held = (held[0] + held[1]) + (held[2] + held[3]);
+  a.mute = (mute[0] + mute[1]) + (mute[2] + mute[3]);
+}
+
 void nodeweights(const NodeWeights& a) {
   for (std::size_t m = 0; m < a.segments; ++m) {
     double* logs = a.logs + m * a.length;
@@ -734,6 +755,7 @@ const QuadratureLoops quadratureloops = {
     {anyrecordsums<RecordDensity::bernoulli>, anyrecordsums<RecordDensity::binomial>,
      anyrecordsums<RecordDensity::poisson>, anyrecordsums<RecordDensity::exposure>, multinomialsums},
     formsums,
+    workinglogits,
     segmentsums,
     nodeweights,
     products,

@@ -84,6 +84,18 @@ struct RecordColumns {
   const int* response = nullptr;  // [npi] that a column belongs to; null of other outcomes
 };
 
+// Logits of records, from which quasi-likelihood goes on: w = n mu (1 - mu), z = eta + (y - n mu) / w.
+struct LogitRecords {
+  std::size_t stride;  // the records, rounded up to a multiple of nodestep; eta is 0 and n is 1 behind them
+  const double* eta;   // none of them beyond 700
+  const double* y;
+  const double* n;       // trials; null: 1
+  double largest;        // w is held to it
+  double least;          // the least weight that has a say
+  double *z, *root;      // out: z, and the root of w
+  long long held, mute;  // out: records whose w is held, and whose is below the least
+};
+
 // The weights of level-2 nodes for each level-3 node of a block.
 struct NodeWeights {
   std::size_t dims, segments, length;
@@ -119,6 +131,7 @@ struct QuadratureLoops {
   // t (npi) := -1/2 sum_i D_i x_i x_i'Q x_i with Q npi squared; multinomial: -1/2 sum_i X_i'(d tr(W_i X_i Q X_i') / d
   // eta_i), where X_i has a row for each predictor.
   void (*formsums)(const RecordColumns&, const double* Q, double* t);
+  void (*workinglogits)(LogitRecords&);
   void (*segmentsums)(const SegmentSums&);
   void (*nodeweights)(const NodeWeights&);
   // Of a multiple of nodestep values: to := a b, element by element; sum += factor values.

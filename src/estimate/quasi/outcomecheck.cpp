@@ -12,7 +12,10 @@ namespace kdr {
 
 namespace {
 
-bool iswhole(double x) { return std::fabs(x - std::round(x)) <= 1.0e-9 * std::max(1.0, std::fabs(x)); }
+bool iswhole(double x) {
+  if (x == 0.0 || x == 1.0) return true;  // as most are
+  return std::fabs(x - std::round(x)) <= 1.0e-9 * std::max(1.0, std::fabs(x));
+}
 
 // Whether the outcome type can have the value y of n trials or exposure.
 bool possible(const Outcome& outcome, double y, double n) {

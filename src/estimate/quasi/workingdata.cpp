@@ -8,6 +8,7 @@
 #include "estimate/linear/crossproducts.h"
 #include "estimate/linear/datapass.h"
 #include "estimate/linear/runpass.h"
+#include "estimate/quadrature/quadratureloops.h"
 #include "estimate/quasi/marginal.h"
 #include "kernel/sizes.h"
 
@@ -42,6 +43,7 @@ struct Step {
   Array<double> beta, x, d, e;
   UnitBlock unit;
   Array<double> eta, z, root;       // of its records: predictor, Z, root of the working weight
+  Array<double> y, n;               // outcomes and trials, for the loop over logits
   double cap = -1.0;                // the largest rate met so far
   std::size_t record = 0;           // of the data set, the first one of the unit
   int limited = 0;                  // records whose weight is held at the limit
@@ -139,16 +141,37 @@ double nearlast(Step& step, std::size_t i, double eta) {
   return last = std::clamp(eta, last - most, last + most);
 }
 
+// Whether the unit's records are logits that go their way: no first step, none held short, none run away.
+bool plainlogits(const Step& step) {
+  if (step.kind.first || step.link != Link::logit || step.damped != nullptr) return false;
+  return std::none_of(step.eta.begin(), step.eta.begin() + step.unit.nj, strayed);
+}
+
+void makelogits(Step& step) {
+  const Array<double>& counts = step.state.counts;
+  const std::size_t nj = at(step.unit.nj), width = at(step.state.layout.width);
+  const double* observed = step.unit.records.data() + step.state.layout.observed;
+  for (std::size_t i = 0; i < nj; ++i) step.y[i] = observed[i * width];
+  std::fill(step.eta.begin() + step.unit.nj, step.eta.begin() + static_cast<std::ptrdiff_t>(padded(nj)), 0.0);
+  if (!counts.empty()) std::copy_n(counts.data() + step.record, nj, step.n.data());
+  LogitRecords records{padded(nj),    step.eta.data(), step.y.data(),    counts.empty() ? nullptr : step.n.data(),
+                       largestweight, leastweight,     step.z.data(),    step.root.data(),
+                       0,             0};
+  fastestquadratureloops().workinglogits(records);
+  step.limited += static_cast<int>(records.held);
+  step.saturated += static_cast<int>(records.mute);
+}
+
 // Z and the root of the working weight from the predictors.
 void makeworking(Step& step) {
+  if (plainlogits(step)) return makelogits(step);
   const RecordLayout& layout = step.state.layout;
   const Array<double>& counts = step.state.counts;
-  const bool plainlogit = !step.kind.first && step.link == Link::logit;
   const double* observed = step.unit.records.data() + layout.observed;
   for (std::size_t i = 0; i < at(step.unit.nj); ++i, observed += layout.width) {
     const double eta = step.damped != nullptr ? nearlast(step, i, step.eta[i]) : step.eta[i];
     const double count = counts.empty() ? 1.0 : counts[step.record + i];
-    const Linked link = plainlogit && !strayed(eta) ? linked(Link::logit, eta) : linkedrecord(step, eta);
+    const Linked link = linkedrecord(step, eta);
     const Working working = workingvalues(link, *observed, count);
     if (working.weight >= largestweight) ++step.limited;
     if (working.weight < leastweight) ++step.saturated;
@@ -187,14 +210,15 @@ void rewriteunit(const Step& step, Rewriting& to) {
 }
 
 Step makestep(const Pass& pass, MacroState& state, const WorkingStep& kind) {
-  Step step{kind, state, pass.model().outcome.link(), {}, makeunitmeans(pass), {}, {}, {}, {}, {}, {}, {}, {}};
+  Step step{kind, state, pass.model().outcome.link(), {}, makeunitmeans(pass), {}, {}, {}, {}, {}, {}, {}, {}, {}, {}};
   if (!state.damped.empty()) step.damped = &state.damped;
   step.correction = {step.link, pass.p, pass.b, state.previous.taupi.data(), state.previous.taubeta.data()};
   step.beta.reset(at(pass.npi));
   step.x.reset(at(pass.npi) + 1);
   step.d.reset(at(pass.p));
   step.e.reset(at(pass.b));
-  for (Array<double>* values : {&step.eta, &step.z, &step.root}) values->reset(at(pass.mdm().maxnj));
+  for (Array<double>* values : {&step.eta, &step.z, &step.root, &step.y, &step.n})
+    values->reset(padded(at(pass.mdm().maxnj)));
   return step;
 }
 
