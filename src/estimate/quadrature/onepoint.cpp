@@ -154,8 +154,9 @@ Evaluation evaluatelaplace(SphericalLikelihood& likelihood, const Array<double>&
   Array<double> values;  // of a batch: score and value of each unit
   bool fine = true;
   std::atomic<bool> found{true};
+  Halt halt(haltof(likelihood));
   const bool whole = overbatches(
-      *likelihood.source, likelihood.threads,
+      *likelihood.source, likelihood.threads, halt,
       [&](const std::vector<Level3Records>& batch) { values.reset(batch.size() * (P + 1)); },
       [&](const std::vector<Level3Records>& batch, std::size_t i, int worker) {
         if (!unitlaplace(likelihood, there, batch[i], promise, likelihood.modework[at(worker)], work[at(worker)],
@@ -285,7 +286,7 @@ AscentProblem laplaceascentof(SphericalLikelihood& likelihood) {
     trial.outer = std::move(outer);
     quadrature.value = laplace.value;
     quadrature.score = std::move(laplace.score);
-    steps->take(point, quadrature);
+    if (!likelihood.halted) steps->take(point, quadrature);
     return quadrature;
   };
   problem.exact = [&likelihood, steps](const Array<double>& point, const Evaluation& there) {
