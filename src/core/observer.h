@@ -104,7 +104,7 @@ struct Observer {
   std::function<void(const TauRepair& repair)> changeothers;          // behind a tau that was made usable by hand
 
   // The end. `poll` is asked at safe points everywhere: true gives the fit up, without results. `interrupted` is asked
-  // between steps, and `confirmstop` where an iteration is over: true ends the stage with the results so far.
+  // between steps (with a `confirmstop` within evaluations too), then `confirmstop`: true ends with the results so far.
   std::function<bool()> poll;
   std::function<bool()> interrupted;
   std::function<bool()> confirmstop;  // empty: an interrupt needs no confirmation

@@ -59,6 +59,29 @@ Row& rowof(std::vector<Row>& rows, int piece) {
   return *at;
 }
 
+// Values of columns over the records of an order, a block of them at a time: [column][record of the block]. Records
+// that lie far apart in memory are fetched column by column, many at once.
+struct Blocks {
+  static constexpr std::size_t length = 1024;
+  const std::vector<ModelColumn>& columns;
+  const std::vector<std::uint32_t>& order;
+  std::vector<double> values = std::vector<double>(columns.size() * length);
+  std::size_t first = 0, count = 0;  // places of the order that the block has
+
+  [[nodiscard]] bool next() {
+    first += count;
+    count = std::min(length, order.size() - first);
+    for (std::size_t j = 0; j < columns.size(); ++j) fill(columns[j].parts, values.data() + j * length);
+    return count > 0;
+  }
+  void fill(const std::vector<ColumnPart>& parts, double* column) const {
+    std::fill_n(column, count, 1.0);
+    for (const ColumnPart& part : parts)
+      for (std::size_t i = 0; i < count; ++i) column[i] *= part.at(order[first + i]);
+  }
+  [[nodiscard]] double at(std::size_t column, std::size_t i) const { return values[column * length + i]; }
+};
+
 }  // namespace
 
 double valueat(const std::vector<ColumnPart>& parts, std::size_t record) {
@@ -103,26 +126,29 @@ std::vector<bool> redundant(const std::vector<ModelColumn>& columns, const std::
   const std::size_t n = columns.size();
   const bool intercept = n > 0 && columns[0].parts.empty();
   std::vector<double> row(n), mean(n), largest(n), S(n * n);
-  for (const std::uint32_t record : order)
-    for (std::size_t j = 0; j < n; ++j) {
-      const double value = valueat(columns[j].parts, record);
-      mean[j] += value;
-      largest[j] = std::max(largest[j], std::fabs(value));
-    }
-  for (std::size_t j = 0; j < n; ++j)  // of indicators too, so that an empty row stays empty
-    mean[j] = intercept && j > 0 ? mean[j] / static_cast<double>(order.size()) : 0.0;
-  std::vector<std::size_t> filled;
-  for (const std::uint32_t record : order) {
-    filled.clear();
-    for (std::size_t j = 0; j < n; ++j) {
-      const bool indicators = std::all_of(columns[j].parts.begin(), columns[j].parts.end(),
-                                          [](const ColumnPart& part) { return part.variable->factor; });
-      row[j] = valueat(columns[j].parts, record) - (indicators ? 0.0 : mean[j]);
-      if (row[j] != 0.0) filled.push_back(j);
-    }
-    for (std::size_t a = 0; a < filled.size(); ++a)
-      for (std::size_t b = a; b < filled.size(); ++b) S[filled[a] * n + filled[b]] += row[filled[a]] * row[filled[b]];
+  for (Blocks block{columns, order}; block.next();)
+    for (std::size_t j = 0; j < n; ++j)
+      for (std::size_t i = 0; i < block.count; ++i) {
+        mean[j] += block.at(j, i);
+        largest[j] = std::max(largest[j], std::fabs(block.at(j, i)));
+      }
+  for (std::size_t j = 0; j < n; ++j) {
+    const bool indicators = std::all_of(columns[j].parts.begin(), columns[j].parts.end(),
+                                        [](const ColumnPart& part) { return part.variable->factor; });
+    // An empty row of indicators stays empty.
+    mean[j] = intercept && j > 0 && !indicators ? mean[j] / static_cast<double>(order.size()) : 0.0;
   }
+  std::vector<std::size_t> filled;
+  for (Blocks block{columns, order}; block.next();)
+    for (std::size_t i = 0; i < block.count; ++i) {
+      filled.clear();
+      for (std::size_t j = 0; j < n; ++j) {
+        row[j] = block.at(j, i) - mean[j];
+        if (row[j] != 0.0) filled.push_back(j);
+      }
+      for (std::size_t a = 0; a < filled.size(); ++a)
+        for (std::size_t b = a; b < filled.size(); ++b) S[filled[a] * n + filled[b]] += row[filled[a]] * row[filled[b]];
+    }
   constexpr double nothing = 1e-11, rounding = 1e-24;
   std::vector<double> scale(n);
   std::vector<bool> without(n);

@@ -9,6 +9,8 @@
 #include "core/constants.h"
 #include "core/formatted.h"
 #include "core/numbers.h"
+#include "formula/ranks.h"
+#include "kernel/places.h"
 
 namespace kdr {
 
@@ -43,28 +45,26 @@ Levels textlevels(const LongColumn& column) {
 }
 
 Levels numberlevels(const LongColumn& column) {
-  std::map<double, int> places;
-  const bool labelled = holdsnames(column);
-  if (labelled)
-    for (const auto& [value, label] : column.labels) places[value] = 0;
-  for (const double value : column.numbers)
-    if (value != missingcode && (places.empty() || !places.contains(value))) places[value] = 0;
-  Levels levels;
+  Ranks ranks = ranksof(column.numbers);
+  Levels levels{{}, std::move(ranks.codes)};
+  if (!holdsnames(column)) {
+    for (const double value : ranks.values) levels.names.push_back(formatted("%.15g", value));
+    return levels;
+  }
+  std::map<double, int> places;  // of labels that no record has, too
+  for (const auto& row : column.labels) places[row.first] = 0;
   for (auto& [value, place] : places) {
     place = static_cast<int>(levels.names.size());
-    std::string name = formatted("%.15g", value);
-    for (const auto& row : column.labels)
-      if (labelled && row.first == value) {
-        const std::string& label = row.second;
-        const bool twin = std::count_if(column.labels.begin(), column.labels.end(),
-                                        [&](const auto& other) { return other.second == label; }) > 1;
-        name = twin ? label + " (" + name + ")" : label;
-        break;
-      }
-    levels.names.push_back(std::move(name));
+    const std::string& label =
+        std::find_if(column.labels.begin(), column.labels.end(), [value = value](const auto& row) {
+          return row.first == value;
+        })->second;
+    const bool twin = std::count_if(column.labels.begin(), column.labels.end(),
+                                    [&label](const auto& other) { return other.second == label; }) > 1;
+    levels.names.push_back(twin ? label + formatted(" (%.15g)", value) : label);
   }
-  levels.codes.reserve(column.numbers.size());
-  for (const double value : column.numbers) levels.codes.push_back(value == missingcode ? -1 : places[value]);
+  for (int& code : levels.codes)
+    if (code >= 0) code = places.at(ranks.values[static_cast<std::size_t>(code)]);
   return levels;
 }
 
@@ -102,17 +102,25 @@ LongColumn astexts(const LongColumn& column) {
   if (column.text) return column;
   LongColumn texts;
   texts.text = true;
-  std::map<double, int> known;
+  Places known;
   for (const double value : column.numbers) {
     if (value == missingcode) {
       texts.codes.push_back(-1);
       continue;
     }
-    const auto [place, fresh] = known.try_emplace(value, static_cast<int>(texts.texts.size()));
-    if (fresh) texts.texts.push_back(formatted("%.15g", value));
-    texts.codes.push_back(place->second);
+    texts.codes.push_back(static_cast<int>(known.of(keyof(value))));
+    if (known.size() > texts.texts.size()) texts.texts.push_back(formatted("%.15g", value));
   }
   return texts;
+}
+
+std::vector<int> namecodes(const LongColumn& column) {
+  if (!column.text) return ranksof(column.numbers).codes;
+  std::vector<int> codes = column.codes;
+  const auto missing = std::find(column.texts.begin(), column.texts.end(), missingname) - column.texts.begin();
+  for (int& code : codes)
+    if (code == missing) code = -1;
+  return codes;
 }
 
 Factor factorof(const LongColumn& column, const std::vector<char>& kept) {

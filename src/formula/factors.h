@@ -27,5 +27,7 @@ struct Factor {
 // numbers in theirs, texts in that of the alphabet, letters alike but for case side by side, unless they are `ordered`.
 // An empty text and NA are missing.
 [[nodiscard]] Factor factorof(const LongColumn& column, const std::vector<char>& kept);
+// Numbers that tell the same names apart, in no order of meaning; -1 missing. [record]
+[[nodiscard]] std::vector<int> namecodes(const LongColumn& column);
 
 }  // namespace kdr

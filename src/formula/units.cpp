@@ -1,6 +1,8 @@
 #include "formula/units.h"
 
 #include <algorithm>
+#include <numeric>
+#include <utility>
 
 #include "core/constants.h"
 #include "core/formatted.h"
@@ -38,6 +40,20 @@ bool tellslips(const std::string& name, std::size_t varying, std::size_t units, 
   return few;
 }
 
+// Brings records into the order of their units and leaves those of one unit in theirs: each has its place by how many
+// stand before it.
+void sortbyunit(std::vector<std::uint32_t>& order, const std::vector<int>& unit) {
+  std::vector<std::uint32_t> next, sorted(order.size());
+  for (const std::uint32_t record : order) {
+    const auto of = static_cast<std::size_t>(unit[record]);
+    if (of + 1 >= next.size()) next.resize(of + 2);
+    ++next[of + 1];
+  }
+  std::partial_sum(next.begin(), next.end(), next.begin());
+  for (const std::uint32_t record : order) sorted[next[static_cast<std::size_t>(unit[record])]++] = record;
+  order = std::move(sorted);
+}
+
 }  // namespace
 
 void sortunits(LongUnits& units, const std::vector<char>& kept) {
@@ -50,7 +66,10 @@ void sortunits(LongUnits& units, const std::vector<char>& kept) {
     return id3[a] != id3[b] ? id3[a] < id3[b] : id2[a] < id2[b];
   };
   units.sorted = std::is_sorted(units.order.begin(), units.order.end(), before);
-  if (!units.sorted) std::stable_sort(units.order.begin(), units.order.end(), before);
+  if (!units.sorted) {
+    sortbyunit(units.order, id2);
+    if (units.levels == 3) sortbyunit(units.order, id3);
+  }
   units.first2.clear();
   units.first3.clear();
   for (std::size_t i = 0; i < units.order.size(); ++i) {

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "core/formatted.h"
+#include "kernel/places.h"
 
 namespace kdr {
 
@@ -543,6 +544,7 @@ void checkids(const LongColumn& column) {
 }  // namespace
 
 void findgroupings(FormulaData& data, const FormulaModel& model) {
+  std::map<std::string, std::vector<int>> codesof;  // of the columns
   for (const RandomPart& part : model.randoms) {
     if (std::any_of(part.group.begin(), part.group.end(),
                     [&](const std::string& name) { return !data.places.contains(name); }))
@@ -556,17 +558,14 @@ void findgroupings(FormulaData& data, const FormulaModel& model) {
     for (const std::string& name : part.group) {
       grouping.shown += (grouping.shown.empty() ? "" : ":") + name;
       if (data.fitted == nullptr) checkids(data.column(name));
-      const Factor factor = factorof(data.column(name), {});
-      std::unordered_map<std::uint64_t, int> pairs;
+      std::vector<int>& codes = codesof[name];
+      if (codes.empty()) codes = namecodes(data.column(name));
+      Places pairs;
       for (std::size_t i = 0; i < data.nrecords; ++i) {
         int& unit = grouping.units[i];
-        if (unit < 0 || factor.codes[i] < 0) {
-          unit = -1;
-          continue;
-        }
-        const std::uint64_t key =
-            (static_cast<std::uint64_t>(unit) << 32U) | static_cast<std::uint32_t>(factor.codes[i]);
-        unit = pairs.try_emplace(key, static_cast<int>(pairs.size())).first->second;
+        unit = unit < 0 || codes[i] < 0 ? -1
+                                        : static_cast<int>(pairs.of(keyof(static_cast<std::uint32_t>(unit),
+                                                                          static_cast<std::uint32_t>(codes[i]))));
       }
       grouping.nunits = static_cast<int>(pairs.size());
     }

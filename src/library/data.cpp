@@ -4,8 +4,8 @@
 #include <unistd.h>
 
 #include <cmath>
+#include <cstdint>
 #include <cstring>
-#include <functional>
 #include <limits>
 #include <memory>
 #include <string_view>
@@ -17,6 +17,7 @@
 #include "core/version.h"
 #include "data/mdm.h"
 #include "data/unitreader.h"
+#include "kernel/places.h"
 #include "library/cells.h"
 #include "library/handles.h"
 
@@ -28,42 +29,43 @@ thread_local std::string lasterror;
 
 std::string ordinal(std::size_t row) { return formatted("row %zu", row + 1); }
 
-// Numbers the IDs of a column in the order in which they appear, each one apart within its `owner`.
+// The IDs of a column, numbered in the order in which they appear, each one apart within its `owner`.
 struct Numbering {
-  std::vector<std::size_t> of;     // [records]
-  std::vector<std::size_t> owner;  // of each number
+  std::vector<std::uint32_t> of;     // [records]
+  std::vector<std::uint32_t> owner;  // of each number
 };
 
-// `key` makes of a row what its ID is told by; rows side by side mostly have the same.
-template <class Key, class KeyOf>
-void number(std::size_t records, const std::vector<std::size_t>* owners, const KeyOf& keyof, Numbering& numbering) {
-  struct Pair {
-    std::size_t owner;
-    Key key;
-    bool operator==(const Pair&) const = default;
-  };
-  struct Hash {
-    std::size_t operator()(const Pair& pair) const {
-      return std::hash<Key>()(pair.key) ^ (pair.owner + 1) * std::size_t{0x9e3779b97f4a7c15};
-    }
-  };
-  std::unordered_map<Pair, std::size_t, Hash> known;
-  numbering.of.resize(records);
-  Pair before{};
-  for (std::size_t i = 0; i < records; ++i) {
-    const Pair pair{owners != nullptr ? (*owners)[i] : 0, keyof(i)};
-    if (i > 0 && pair == before) {
-      numbering.of[i] = numbering.of[i - 1];
-      continue;
-    }
-    const auto [place, fresh] = known.try_emplace(pair, known.size());
-    if (fresh) numbering.owner.push_back(pair.owner);
-    numbering.of[i] = place->second;
-    before = pair;
-  }
+std::vector<std::uint32_t> numbertexts(const kdr3_column& ids, std::size_t records) {
+  std::unordered_map<std::string_view, std::uint32_t> known;
+  std::vector<std::uint32_t> of(records);
+  for (std::size_t i = 0; i < records; ++i)
+    of[i] = known.try_emplace(cell<const char*>(ids, i), static_cast<std::uint32_t>(known.size())).first->second;
+  return of;
 }
 
-std::string numberids(const kdr3_column& ids, std::size_t records, const std::vector<std::size_t>* owners,
+// `keyat` makes of a record what its number is told by; records side by side mostly have the same.
+template <class KeyAt>
+std::vector<std::uint32_t> number(std::size_t records, Places& known, const KeyAt& keyat) {
+  std::vector<std::uint32_t> of(records);
+  std::uint64_t before = 0;
+  for (std::size_t i = 0; i < records; ++i) {
+    const std::uint64_t key = keyat(i);
+    of[i] = i > 0 && key == before ? of[i - 1] : known.of(key);
+    before = key;
+  }
+  return of;
+}
+
+std::vector<std::uint32_t> numbervalues(const kdr3_column& ids, std::size_t records) {
+  Places known;
+  if (ids.type == KDR3_TEXT) return numbertexts(ids, records);
+  if (ids.type == KDR3_INT64)
+    return number(records, known,
+                  [&](std::size_t i) { return static_cast<std::uint64_t>(cell<std::int64_t>(ids, i)); });
+  return number(records, known, [&](std::size_t i) { return keyof(valueof(ids, i)); });
+}
+
+std::string numberids(const kdr3_column& ids, std::size_t records, const std::vector<std::uint32_t>* owners,
                       Numbering& numbering) {
   if (ids.values == nullptr && records > 0) return "An ID column has no values.";
   for (std::size_t i = 0; i < records; ++i) {
@@ -73,16 +75,11 @@ std::string numberids(const kdr3_column& ids, std::size_t records, const std::ve
                               : (ids.type == KDR3_DOUBLE || ids.type == KDR3_FLOAT) && !std::isfinite(valueof(ids, i)));
     if (missing) return "The ID column " + std::string(ids.name) + " has no value in " + ordinal(i) + ".";
   }
-  if (ids.type == KDR3_TEXT) {
-    number<std::string_view>(
-        records, owners, [&](std::size_t i) { return std::string_view(cell<const char*>(ids, i)); }, numbering);
-  } else if (ids.type == KDR3_INT64) {
-    number<std::int64_t>(
-        records, owners, [&](std::size_t i) { return cell<std::int64_t>(ids, i); }, numbering);
-  } else {
-    number<double>(
-        records, owners, [&](std::size_t i) { return valueof(ids, i); }, numbering);
-  }
+  const std::vector<std::uint32_t> values = numbervalues(ids, records);
+  Places known;
+  numbering.of = number(records, known, [&](std::size_t i) { return keyof(owners ? (*owners)[i] : 0U, values[i]); });
+  numbering.owner.resize(known.size());
+  for (std::size_t i = 0; i < records; ++i) numbering.owner[numbering.of[i]] = owners ? (*owners)[i] : 0U;
   return "";
 }
 
@@ -95,9 +92,9 @@ struct Order {
 };
 
 // Places of `n` things sorted by the group of each, in their order within a group.
-std::vector<std::size_t> counted(const std::vector<std::size_t>& group, std::size_t groups) {
+std::vector<std::size_t> counted(const std::vector<std::uint32_t>& group, std::size_t groups) {
   std::vector<std::size_t> first(groups + 1);
-  for (const std::size_t g : group) ++first[g + 1];
+  for (const std::uint32_t g : group) ++first[g + 1];
   for (std::size_t g = 0; g < groups; ++g) first[g + 1] += first[g];
   return first;
 }
@@ -106,13 +103,13 @@ Order orderof(const Numbering& level3, const Numbering& level2) {
   Order order;
   order.units3 = level3.owner.size();
   const std::size_t units2 = level2.owner.size(), records = level2.of.size();
-  std::vector<std::size_t> next = counted(level2.owner, order.units3), rank(units2);
+  std::vector<std::size_t> next = counted(level2.owner, order.units3);
+  std::vector<std::uint32_t> rank(units2), unitof(records);
   order.level3.resize(units2);
   for (std::size_t u = 0; u < units2; ++u) {
-    rank[u] = next[level2.owner[u]]++;
+    rank[u] = static_cast<std::uint32_t>(next[level2.owner[u]]++);
     order.level3[rank[u]] = level2.owner[u];
   }
-  std::vector<std::size_t> unitof(records);
   for (std::size_t i = 0; i < records; ++i) unitof[i] = rank[level2.of[i]];
   order.start = counted(unitof, units2);
   order.rows.resize(records);

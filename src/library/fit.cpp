@@ -2,6 +2,7 @@
 #include <cstddef>
 #include <functional>
 #include <memory>
+#include <string_view>
 #include <thread>
 
 #include "core/failure.h"
@@ -76,9 +77,16 @@ void takeeffects(Fit& fit, Pass& pass) {
   fit.failure = storefailure(pass.store);
 }
 
+// A warning as a sentence: it is called one by where it stands.
+std::string unmarked(const std::string& warning) {
+  constexpr std::string_view mark = "WARNING: ";
+  return warning.starts_with(mark) ? warning.substr(mark.size()) : warning;
+}
+
 void takeseparation(Fit& fit, const Separation& found) {
   fit.separated.clear();
-  for (const std::string& warning : found.warnings) fit.separated += (fit.separated.empty() ? "" : "\n") + warning;
+  for (const std::string& warning : found.warnings)
+    fit.separated += (fit.separated.empty() ? "" : "\n") + unmarked(warning);
 }
 
 // Why there is no result. A failure of the engines behind separation has no words of its own.
@@ -224,6 +232,7 @@ void finish(const Fit& fit) {
                               : "The iterations reached their limit before they had converged.");
   warnings.insert(warnings.end(), fit.document.warnings.begin(), fit.document.warnings.end());
   result.warnings.insert(result.warnings.begin(), warnings.begin(), warnings.end());
+  for (std::string& warning : result.warnings) warning = unmarked(warning);
   DocumentFrame frame;
   frame.mdmfile = fit.given.data->mdm.path;
   frame.converged = fit.document.converged;

@@ -13,6 +13,7 @@
 #include "core/constants.h"
 #include "core/formatted.h"
 #include "formula/plan.h"
+#include "formula/ranks.h"
 #include "library/cells.h"
 #include "library/handles.h"
 
@@ -158,23 +159,7 @@ std::vector<int> numberunits(const LongColumn& column) {
     for (const int code : column.codes) units.push_back(code < 0 ? -1 : rank[static_cast<std::size_t>(code)]);
     return units;
   }
-  std::vector<double> ids;
-  for (const double value : column.numbers)
-    if (value != missingcode && (ids.empty() || value != ids.back())) ids.push_back(value);
-  std::sort(ids.begin(), ids.end());
-  ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
-  double last = missingcode;
-  int place = -1;
-  units.reserve(column.numbers.size());
-  for (const double value : column.numbers) {
-    if (value != last) {
-      last = value;
-      place =
-          value == missingcode ? -1 : static_cast<int>(std::lower_bound(ids.begin(), ids.end(), value) - ids.begin());
-    }
-    units.push_back(place);
-  }
-  return units;
+  return ranksof(column.numbers).codes;
 }
 
 void makeunits(FormulaPlan& plan) {

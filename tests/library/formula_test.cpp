@@ -1,6 +1,7 @@
 // Formulas by the C header: kinds of columns, new data by the coding of the old, refits, refusals.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <string>
@@ -141,6 +142,55 @@ TEST(Library, RefitsStartWhereAnotherEndedAndReplicatesAreOfTheSeed) {
   flag = 0;
   EXPECT_EQ(estimates(model, &observer).size(), 3U);
   kdr3_formula_free(formula);
+}
+
+// 400 records in 7 schools and at most 5 classes of each, in random order. Schools and classes have IDs of any kind;
+// the order that is due is that of the IDs, and within a class that of the table.
+TEST(Library, RecordsInAnyOrderStandInThatOfTheirUnits) {
+  constexpr std::size_t n = 400;
+  const double wide[] = {-7.5e8, -1.5, -0.0, 0.25, 123456789.0, 123456790.0, 9e14};
+  const char* texts[] = {"b", "B", "a10", "a9", "\xc3\xa9", "Z", "z"};
+  unsigned state = 3;
+  const auto any = [&](unsigned of) { return ((state = state * 1664525U + 1013904223U) >> 8) % of; };
+  std::vector<double> y, school;
+  std::vector<std::int64_t> pupil;
+  std::vector<const char*> names;
+  for (std::size_t i = 0; i < n; ++i) {
+    const std::size_t k = any(7);
+    school.push_back(k == 2 && any(2) == 0 ? 0.0 : wide[k]);
+    names.push_back(i == 11 ? nullptr : texts[k]);
+    pupil.push_back(static_cast<std::int64_t>(any(5)) * 1000000007 - 9);
+    y.push_back(static_cast<double>(k) + any(1000) * 0.001);
+  }
+  school[11] = nan;
+  for (const bool text : {false, true}) {
+    const kdr3_field fields[] = {
+        field("y", KDR3_DOUBLE, y.data()),
+        text ? field("school", KDR3_TEXT, names.data()) : field("school", KDR3_DOUBLE, school.data()),
+        field("class", KDR3_INT64, pupil.data())};
+    kdr3_formula* formula = nullptr;
+    ASSERT_EQ(kdr3_formula_make("y ~ 1 + (1 | school/class)", nullptr, n, 3, fields, &formula), KDR3_WARNING)
+        << kdr3_message();
+    std::vector<std::size_t> due, rows(n - 1), unit2(n - 1), unit3(n - 1);
+    for (std::size_t i = 0; i < n; ++i)
+      if (i != 11) due.push_back(i);
+    const auto before3 = [&](std::size_t a, std::size_t b) {
+      return text ? std::string(names[a]) < names[b] : school[a] < school[b];
+    };
+    const auto before = [&](std::size_t a, std::size_t b) {
+      return before3(a, b) || (!before3(b, a) && pupil[a] < pupil[b]);
+    };
+    std::stable_sort(due.begin(), due.end(), before);
+    std::size_t count = 0;
+    ASSERT_EQ(kdr3_formula_records(formula, &count, rows.data(), unit2.data(), unit3.data()), KDR3_OK);
+    ASSERT_EQ(count, n - 1);
+    EXPECT_EQ(rows, due);
+    for (std::size_t i = 1; i < count; ++i) {
+      EXPECT_EQ(unit2[i] - unit2[i - 1], before(due[i - 1], due[i]) ? 1U : 0U) << i;
+      EXPECT_EQ(unit3[i] - unit3[i - 1], before3(due[i - 1], due[i]) ? 1U : 0U) << i;
+    }
+    kdr3_formula_free(formula);
+  }
 }
 
 TEST(Library, FormulasAreRefusedInWords) {

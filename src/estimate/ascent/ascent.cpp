@@ -20,8 +20,13 @@ struct Climb {
   bool exact = false;  // the information of the last accepted point is
 
   Evaluation evaluate(const Array<double>& point, Approach approach) {
+    if (result.halted) return {};
     ++result.evaluations;
-    return problem.evaluate(point, approach);
+    return noted(problem.evaluate(point, approach));
+  }
+  Evaluation noted(Evaluation made) {
+    if (!made.usable && problem.halted && problem.halted()) result.halted = true;
+    return made;
   }
   void take(Array<double> point, Evaluation there) {
     problem.accepted();
@@ -79,7 +84,7 @@ bool Climb::renew() {
 bool Climb::refine() {
   if (exact) return true;
   ++result.evaluations;
-  Evaluation anew = problem.exact(result.point, result.there);
+  Evaluation anew = noted(problem.exact(result.point, result.there));
   if (!anew.usable) return false;
   exact = true;
   result.there = std::move(anew);
@@ -246,6 +251,7 @@ AscentResult climb(const AscentProblem& problem, const AscentSettings& settings,
   }
   climb.take(start.copy(), std::move(there));
   result.end = climb.run();
+  if (result.halted) result.end = AscentEnd::stopped;
   result.exact = climb.refine();
   return result;
 }

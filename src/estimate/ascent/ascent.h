@@ -35,6 +35,9 @@ struct AscentProblem {
   std::function<bool(Array<double>& point)> rearrange;
   // May be empty. At a point that looks like a maximum: the same with elements put to their edge, or an empty array.
   std::function<Array<double>(const Array<double>& point, const Evaluation& there)> edge;
+  // May be empty. Asked behind an evaluation that is not usable, once: true says that it was dropped, since the ascent
+  // is to end with the last accepted point.
+  std::function<bool()> halted;
   // May be empty. Called after each iteration; true stops.
   std::function<bool(int iteration, double value)> iterated;
 };
@@ -61,7 +64,8 @@ struct AscentResult {
   AscentEnd end = AscentEnd::unusable;
   Array<double> point;
   Evaluation there;
-  bool exact = false;  // its information is
+  bool exact = false;   // its information is
+  bool halted = false;  // an evaluation was dropped: the end is `stopped`, or `unusable` where it was the first
   int iterations = 0, evaluations = 0;
   double decrement = 0.0;  // of the last evaluation; its root is how far the maximum is, in standard errors
   double least = 0.0;      // the least eigenvalue of the scaled information

@@ -111,9 +111,14 @@ void runreplicates(const BootstrapRequest& request, Replicates& made,
   std::atomic<bool> stopped{false};
   std::atomic<int> done{0};
   Array<char> tried(at(request.replicates));
-  overplaces(at(request.replicates), request.threads, [&](std::size_t i, int worker) {
+  const auto asked = [&] {
+    if (request.stops && request.stops()) stopped = true;
+    return stopped.load();
+  };
+  Halt halt(asked);
+  overplaces(at(request.replicates), request.threads, halt, [&](std::size_t i, int worker) {
     if (worker == 0) {
-      if (request.stops && request.stops()) stopped = true;
+      static_cast<void>(asked());
       if (request.progress) request.progress(done);
     }
     if (stopped) return;

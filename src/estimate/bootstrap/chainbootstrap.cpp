@@ -241,7 +241,7 @@ Failure bootstrapchain(const ChainFit& fit, const Estimates& est, const Bootstra
     return stopped.load();
   };
   Replicates made(request.replicates, pass.g, pass.p, pass.b);
-  runreplicates(watched, made, [&](int replicate, int) {
+  runreplicates(watched, made, [&](int replicate, int worker) {
     DrawnData drawn;
     if (startdata(analysis.mdm, drawn)) return false;
     Generator random(request.seed, static_cast<std::uint64_t>(replicate));
@@ -251,7 +251,7 @@ Failure bootstrapchain(const ChainFit& fit, const Estimates& est, const Bootstra
       drawoutcomes(data, analysis, pass, roots, random, drawn);
     }
     Observer quiet;
-    quiet.poll = [&] { return stopped.load(); };
+    quiet.poll = [&] { return worker == 0 ? watched.stops() : stopped.load(); };
     const Analysis again{analysis.model, drawn.mdm, analysis.weights, analysis.control, quiet, {}, {}, 1, nullptr};
     ChainFit chain(again);
     const Estimates* found = fitted(chain);

@@ -58,8 +58,9 @@ Evaluation walkscores(LaplaceLikelihood& likelihood, const Parameters& parameter
   std::vector<UnitReliability> counts(at(data.units3));
   std::vector<char> defined(at(data.units3));
   Evaluation there;
+  Halt halt(givingup(data.source));
   const bool whole =
-      overunits(data.source, likelihood.settings.engine.threads, [&](const Level3Records& unit, int worker) {
+      overunits(data.source, likelihood.settings.engine.threads, halt, [&](const Level3Records& unit, int worker) {
         double* row = rows.data() + at(unit.k) * width;
         counts[at(unit.k)] = {row + P, row + P + q};
         defined[at(unit.k)] =
@@ -113,8 +114,9 @@ Evaluation laplacevalue(LaplaceLikelihood& likelihood, const Array<double>& poin
 
   std::vector<ScoreWork> work = scorework(likelihood);
   std::vector<UnitLikelihood> units(at(data.units3));
+  Halt halt(givingup(data.source));
   const bool whole =
-      overunits(data.source, likelihood.settings.engine.threads, [&](const Level3Records& unit, int worker) {
+      overunits(data.source, likelihood.settings.engine.threads, halt, [&](const Level3Records& unit, int worker) {
         units[at(unit.k)] = unitlikelihood(data, parameters, likelihood.modes, unit, work[at(worker)]);
       });
   if (!whole) {

@@ -259,9 +259,11 @@ EngineFailure findmodes(const EngineData& data, const LaplaceSettings& settings,
   bool settled2 = false, settled3 = false;
   for (int number = 0; number < settings.maxsweeps; ++number) {
     if (number > 0) tell(settings.engine, {sweep});
-    const bool whole = overunits(data.source, settings.engine.threads, [&](const Level3Records& unit, int worker) {
-      sweepunit(data, settings, parameters, inverses, columns, unit, work[at(worker)], modes, units[at(unit.k)]);
-    });
+    Halt halt(givingup(data.source));
+    const bool whole =
+        overunits(data.source, settings.engine.threads, halt, [&](const Level3Records& unit, int worker) {
+          sweepunit(data, settings, parameters, inverses, columns, unit, work[at(worker)], modes, units[at(unit.k)]);
+        });
     if (!whole) return EngineFailure::data;
     int changed2 = 0, changed3 = 0;
     sums = ModeSums{};

@@ -262,6 +262,7 @@ Failure runmoving(const Pass& pass, const MacroState& state, Engine engine, cons
   };
   watch.checks = [&](int points) { tellevent({EngineEvent::Kind::checked, points, 0.0, EngineFailure::none}); };
   watch.stop = [&] { return observer.stops(); };
+  if (observer.confirmstop) watch.halt = watch.stop;  // by a user who waits
   tellevent({EngineEvent::Kind::begun, 0, 0.0, EngineFailure::none});
   // Without estimates of quasi-likelihood it finds a start of its own.
   const bool started = state.end != MacroEnd::failed || (engine == Engine::quadrature && state.laplace6);

@@ -87,9 +87,15 @@ Level3Records readlevel3(RecordBatches& batches) {
   return outcome.ordinal() ? cutrecords(unit, outcome.categories) : std::move(unit);
 }
 
+bool givesup(void* state) {
+  RecordBatches& batches = *static_cast<RecordBatches*>(state);
+  if (!batches.failure && batches.pass->observer().givesup()) batches.failure = failed(abandoned);
+  return static_cast<bool>(batches.failure);
+}
+
 const std::vector<Level3Records>& nextbatch(void* state) {
   RecordBatches& batches = *static_cast<RecordBatches*>(state);
-  if (batches.pass->observer().givesup()) batches.failure = failed(abandoned);
+  static_cast<void>(givesup(state));
   if (batches.keeps && batches.next < batches.batches.size() && !batches.failure)
     return batches.batches[batches.next++];
   if (batches.keeps || batches.batches.empty()) batches.batches.emplace_back();
@@ -114,7 +120,7 @@ RecordSource recordbatches(RecordBatches& batches, const Pass& pass, const Macro
   batches.reader.observer = &pass.observer();
   rewindbatches(&batches);
   batches.keeps = at(pass.nunits1) * (at(pass.npi) + 2) * sizeof(double) < mostkept;
-  return {&batches, rewindbatches, nextbatch, brokenbatches};
+  return {&batches, rewindbatches, nextbatch, brokenbatches, pass.observer().poll ? givesup : nullptr};
 }
 
 }  // namespace kdr

@@ -59,6 +59,9 @@ struct RecordSource {
   const std::vector<Level3Records>& (*next)(void* state) = nullptr;
   // Whether it could go no further, and never will; null for a source that always can.
   bool (*broken)(void* state) = nullptr;
+  // Asks, in the thread that walks over the units, whether the fit is given up, by which the source is broken; null:
+  // it never is.
+  bool (*givesup)(void* state) = nullptr;
 };
 
 [[nodiscard]] inline bool brokensource(const RecordSource& source) {

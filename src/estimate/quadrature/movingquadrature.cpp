@@ -226,7 +226,9 @@ Run Search::runlaplace(Array<double> start) {
   for (int halving = 0; halving <= mosthalvings; ++halving) {
     made.ascent = climb(problem, ascent, start, Approach::modes);
     evaluations += made.ascent.evaluations;
-    if (made.ascent.end != AscentEnd::unusable || !likelihood.sixth || brokensource(*likelihood.source)) break;
+    if (made.ascent.end != AscentEnd::unusable || !likelihood.sixth || made.ascent.halted ||
+        brokensource(*likelihood.source))
+      break;
     for (std::size_t i = 0; i + at(frame.g) < start.size(); ++i) start[i] *= 0.5;
   }
   made.converged = made.ascent.end == AscentEnd::converged;
@@ -280,10 +282,10 @@ void Search::fill(const Run& made, int points, MovingResult& result) const {
       result.end = MovingEnd::toofewpoints;
       break;
     case AscentEnd::unusable:
-      result.end = MovingEnd::nonumbers;
+      result.end = made.ascent.halted ? MovingEnd::stopped : MovingEnd::nonumbers;
       break;
   }
-  if (made.ascent.end == AscentEnd::unusable) return;
+  if (made.ascent.end == AscentEnd::unusable || brokensource(*likelihood.source)) return;
   result.parameters = parametersof(frame, made.ascent.point);
   Array<double> lifted = made.ascent.point.copy();
   raisestart(frame, likelihood.current.curvature, leastlifted, lifted);
@@ -329,6 +331,11 @@ void Search::check(const Run& before, int points, MovingResult& result) {
   result.evaluations = evaluations;
   result.check = compare(before, after, next);
   if (result.check.agrees) return;
+  if (after.ascent.end == AscentEnd::stopped || after.ascent.halted) {
+    result.warnings.push_back(
+        formatted("WARNING: %d quadrature points are not checked: their check, with %d, was stopped.", points, next));
+    return;
+  }
   if (!after.converged) {
     result.warnings.push_back(
         formatted("WARNING: %d quadrature points could not be checked: with %d the iterations have "
@@ -394,13 +401,17 @@ void Search::automatic(const Array<double>& start, MovingResult& result) {
                   begun && before.converged ? Approach::renewed : Approach::modes,
                   i + 1 < ladder.size() ? settings.steppediterations : settings.iterations, true);
     const bool stopped = now.ascent.end == AscentEnd::stopped;
+    if (any && now.ascent.halted && !stopped) {  // before a point stood: those of the run before stay
+      result.end = MovingEnd::stopped;
+      return;
+    }
     const PointsCheck check = any ? compare(before, now, pointsbefore) : PointsCheck{};
     before = std::move(now);
     fill(before, points, result);
     if (check.made) result.check = check;
     pointsbefore = points;
     any = true;
-    if (stopped || check.agrees) return;
+    if (stopped || before.ascent.halted || check.agrees || brokensource(*likelihood.source)) return;
   }
   // Whichever number it is, a variance that no outcome bears has none that is enough.
   if (!result.usable && largestdeviation(likelihood.frame, before.ascent.point) > settings.nomaximum) {
@@ -416,6 +427,15 @@ void Search::automatic(const Array<double>& start, MovingResult& result) {
              : std::string(": the last two have no results that could be compared.")));
 }
 
+const char* engineof(const MovingSettings& settings) { return settings.sixth ? "Laplace-6" : "quadrature"; }
+
+std::string endedwords(const MovingSettings& settings, const MovingResult& result) {
+  const char* missing = result.usable                      ? ""
+                        : result.end == MovingEnd::stopped ? ", where there are no standard errors"
+                                                           : ", where there are no standard errors. Allow more of them";
+  return formatted("WARNING: the iterations of %s ended before they had converged%s.", engineof(settings), missing);
+}
+
 // From one start, with what there is to say of the end.
 void Search::from(Array<double> point, MovingResult& result) {
   result.points = settings.points == 0 ? ladder[0] : settings.points;
@@ -424,23 +444,23 @@ void Search::from(Array<double> point, MovingResult& result) {
   nodes.w.fill(0.0);
   Array<double> curvature;
   if (brokensource(*likelihood.source)) return;
-  if (!placemodes(likelihood, point, nodes, &curvature)) {
+  if (placemodes(likelihood, point, nodes, &curvature)) {
+    raisestart(likelihood.frame, curvature, leaststart, point);
+    settings.points == 0 ? automatic(point, result) : given(point, result);
+  } else if (takehalt(likelihood)) {
+    result.end = MovingEnd::stopped;
+  } else if (!brokensource(*likelihood.source)) {
     result.warnings.emplace_back("WARNING: the random effects have no finite modes at the estimates to begin with.");
-    return;
   }
-  raisestart(likelihood.frame, curvature, leaststart, point);
-  settings.points == 0 ? automatic(point, result) : given(point, result);
   const auto first = [&result](const std::string& words) { result.warnings.insert(result.warnings.begin(), words); };
-  const char* engine = settings.sixth ? "Laplace-6" : "quadrature";
-  if (result.end == MovingEnd::limit || result.end == MovingEnd::stopped)
-    first(formatted("WARNING: the iterations of %s ended before they had converged%s.", engine,
-                    result.usable ? "" : ", where there are no standard errors. Allow more of them"));
+  if (result.end == MovingEnd::limit || result.end == MovingEnd::stopped) first(endedwords(settings, result));
   if (result.end == MovingEnd::nomaximum)
     first(std::string("WARNING: the likelihood has no finite maximum: it rises as a variance grows without end.") +
           (result.usable ? " The estimates are where its rise had all but ended." : ""));
   if (!result.usable && result.warnings.empty())
-    result.warnings.push_back(formatted(
-        "WARNING: the likelihood is not a finite number where %s begins, or its information has no inverse.", engine));
+    result.warnings.push_back(
+        formatted("WARNING: the likelihood is not a finite number where %s begins, or its information has no inverse.",
+                  engineof(settings)));
 }
 
 // Whether another start may end better.
@@ -486,6 +506,7 @@ MovingResult movingquadrature(const MovingSettings& settings, int npi, int nbeta
                                     settings.diagonalbeta, settings.threads, settings.response);
   SphericalLikelihood& likelihood = search.likelihood;
   likelihood.sixth = settings.sixth;
+  likelihood.halts = observer.halt;
   const bool given = !start.gamma.empty();
   if (given) search.from(pointof(likelihood.frame, start), result);
   if ((given && !lednowhere(result)) || brokensource(source)) return result;
@@ -495,6 +516,9 @@ MovingResult movingquadrature(const MovingSettings& settings, int npi, int nbeta
     search.from(std::move(point), again);
     if (given && again.usable) again.notes.emplace_back(elsewhere);
     if (!given || better(settings.nogain * likelihood.frame.scale, again, result)) return again;
+  } else if (likelihood.stopped) {
+    result.end = MovingEnd::stopped;
+    result.warnings.insert(result.warnings.begin(), endedwords(settings, result));
   } else if (!given) {
     result.warnings.emplace_back("WARNING: the records do not tell the fixed effects apart.");
   }

@@ -23,6 +23,7 @@ struct QuadratureObserver {
   std::function<void(int iteration, double loglikelihood)> iteration;  // one is over
   std::function<void(int points)> checks;                              // the results are tried with so many points
   std::function<bool()> stop;                                          // asked behind each iteration: true stops there
+  std::function<bool()> halt;  // asked within an evaluation: true drops it and stops
 };
 
 struct MovingSettings {

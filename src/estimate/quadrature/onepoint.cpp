@@ -166,8 +166,9 @@ Evaluation evaluatelaplace(SphericalLikelihood& likelihood, const Array<double>&
   Array<double> values;  // of a batch: score and value of each unit
   bool fine = true;
   std::atomic<bool> found{true};
+  Halt halt(haltof(likelihood));
   const bool whole = overbatches(
-      *likelihood.source, likelihood.threads,
+      *likelihood.source, likelihood.threads, halt,
       [&](const std::vector<Level3Records>& batch) { values.reset(batch.size() * (P + 1)); },
       [&](const std::vector<Level3Records>& batch, std::size_t i, int worker) {
         if (!keptlaplace(likelihood, there, batch[i], likelihood.modework[at(worker)], work[at(worker)],
@@ -213,8 +214,7 @@ Beside besideof(const Frame& frame, const Array<double>& centre, std::size_t ele
 
 // The scores at points beside the last accepted one, points by P; every unit is read once. Empty when one of them has
 // none.
-Array<double> scoresbeside(const SphericalLikelihood& likelihood, const std::vector<Beside>& points,
-                           std::vector<ModeWork>& modework) {
+Array<double> scoresbeside(SphericalLikelihood& likelihood, const std::vector<Beside>& points) {
   const Frame& frame = likelihood.frame;
   const Nodes& centre = likelihood.current.nodes;
   const std::size_t P = frame.count(), q = at(frame.q), r = at(frame.r), n = points.size();
@@ -225,17 +225,18 @@ Array<double> scoresbeside(const SphericalLikelihood& likelihood, const std::vec
   std::vector<Own> work(at(likelihood.threads));
   Array<double> scores(n * P), values;  // values: of a batch, of each unit at each point its score and value
   std::atomic<bool> found{true};
+  Halt halt(haltof(likelihood));
   const bool whole = overbatches(
-      *likelihood.source, likelihood.threads,
+      *likelihood.source, likelihood.threads, halt,
       [&](const std::vector<Level3Records>& batch) { values.reset(batch.size() * n * (P + 1)); },
       [&](const std::vector<Level3Records>& batch, std::size_t i, int worker) {
         const Level3Records& records = batch[i];
         Own& own = work[at(worker)];
-        ModeWork& modes = modework[at(worker)];
+        ModeWork& modes = likelihood.modework[at(worker)];
         fit(own.z, at(records.units) * q);
         fit(own.w, r);
         placerecords(frame, records, modes);
-        for (std::size_t e = 0; e < n && found; ++e) {
+        for (std::size_t e = 0; e < n && found && !halt.halted(); ++e) {
           std::copy_n(centre.z.data() + records.firstunit * q, at(records.units) * q, own.z.data());
           std::copy_n(centre.w.data() + at(records.k) * r, r, own.w.data());
           if (!unitlaplace(likelihood, points[e].there, records, own.z.data(), own.w.data(), modes, own.laplace,
@@ -271,7 +272,7 @@ bool differences(SphericalLikelihood& likelihood, const Array<double>& centre, c
     points.push_back(besideof(likelihood.frame, centre, i, step));
     if (central) points.push_back(besideof(likelihood.frame, centre, i, -step));
   }
-  const Array<double> scores = scoresbeside(likelihood, points, likelihood.modework);
+  const Array<double> scores = scoresbeside(likelihood, points);
   if (scores.empty()) return points.empty();
   for (std::size_t e = 0; e < points.size(); e += central ? 2 : 1) {
     const double* above = scores.data() + e * P;
@@ -302,7 +303,7 @@ Evaluation exactinformation(SphericalLikelihood& likelihood, const Array<double>
                    there.turn.copy()};
   double unequal = 0.0;
   exact.usable = differences(likelihood, centre, there, false, exact.information.data(), unequal);
-  if (!exact.usable || unequal > asymmetry)
+  if (!likelihood.halted && (!exact.usable || unequal > asymmetry))
     exact.usable = differences(likelihood, centre, there, true, exact.information.data(), unequal);
   return exact;
 }

@@ -31,14 +31,14 @@ struct BatchResults {
 };
 
 void integratebatch(QuadratureData& data, const QuadraturePoint& point, const Adaptation& adaptation, Adaptation* next,
-                    const std::vector<Level3Records>& batch, BatchResults& results) {
+                    const std::vector<Level3Records>& batch, Halt& halt, BatchResults& results) {
   const std::size_t P = results.P;
   const bool withinformation = next != nullptr && data.derivlevel == 2;
   results.failure.assign(batch.size(), EngineFailure::none);
   results.loglikelihood.reset(batch.size());
   if (next != nullptr) results.score.reset(batch.size() * P);
   if (withinformation) results.information.reset(batch.size() * P * P);
-  overbatch(batch, static_cast<int>(data.work.size()), [&](std::size_t i, int worker) {
+  overplaces(batch.size(), static_cast<int>(data.work.size()), halt, [&](std::size_t i, int worker) {
     UnitMoments moments;
     moments.next = next;
     if (next != nullptr) moments.score = results.score.data() + i * P;
@@ -345,15 +345,16 @@ QuadratureWalk walk(QuadratureData& data, const Parameters& parameters, const Ad
   }
   if (data.work.empty()) data.work.resize(at(std::max(data.threads, 1)));
   BatchResults results{P, {}, {}, {}, {}};
+  Halt halt(givingup(*data.source));
   data.source->rewind(data.source->state);
   for (;;) {
     const std::vector<Level3Records>& batch = data.source->next(data.source->state);
-    if (batch.empty() && brokensource(*data.source)) {
+    if (!batch.empty()) integratebatch(data, point, adaptation, next, batch, halt, results);
+    if (brokensource(*data.source)) {
       sums.failure = EngineFailure::data;
       return sums;
     }
     if (batch.empty()) break;
-    integratebatch(data, point, adaptation, next, batch, results);
     for (std::size_t k = 0; k < batch.size(); ++k) {
       if (results.failure[k] != EngineFailure::none) {
         sums.failure = results.failure[k];

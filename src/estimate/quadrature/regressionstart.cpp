@@ -62,8 +62,9 @@ Evaluation evaluateregression(SphericalLikelihood& likelihood, const Array<doubl
   for (std::size_t c = g - at(frame.thresholds); c < g; ++c) sums.reach[c] = sums.turn[c] = thresholdreach;
   curvature.reset(q + r);
   std::vector<char> fine;
+  Halt halt(haltof(likelihood));
   sums.usable = overbatches(
-      *likelihood.source, likelihood.threads,
+      *likelihood.source, likelihood.threads, halt,
       [&](const std::vector<Level3Records>& batch) {
         parts.reset(batch.size() * width);
         fine.assign(batch.size(), 0);
@@ -114,13 +115,14 @@ bool regressionstart(SphericalLikelihood& likelihood, Array<double>& point) {
   problem.count = at(frame.g);
   problem.evaluate = [&](const Array<double>& gamma, Approach) { return evaluateregression(likelihood, gamma, trial); };
   problem.accepted = [&] { curvature = trial.copy(); };
+  problem.halted = [&] { return takehalt(likelihood); };
   AscentSettings settings;
   settings.iterations = moststeps;
   settings.fall = 0.0;
   Array<double> gamma(problem.count);
   startthresholds(frame, gamma.data());
   const AscentResult found = climb(problem, settings, gamma, Approach::carried);
-  if (found.end == AscentEnd::unusable || !(found.least > settings.definite)) return false;
+  if (found.end == AscentEnd::unusable || found.halted || !(found.least > settings.definite)) return false;
   point.reset(frame.count());
   std::copy(found.point.begin(), found.point.end(), point.end() - static_cast<std::ptrdiff_t>(problem.count));
   const auto level = [&](int n, std::size_t first, const double* information) {

@@ -195,21 +195,23 @@ LaplaceFindings laplacefindings(SphericalLikelihood& likelihood) {
   Array<double> toU(q * q), toV(r * r), sums(frame.units3() * width);
   mulAB(toU.data(), frame.toD.data(), there.A.data(), oq, oq, oq);
   mulAB(toV.data(), frame.toE.data(), there.B.data(), orr, orr, orr);
-  static_cast<void>(overunits(*likelihood.source, likelihood.threads, [&](const Level3Records& records, int worker) {
-    ModeWork& work = likelihood.modework[at(worker)];
-    const std::size_t k = at(records.k), first = records.firstunit, units = at(records.units);
-    double *z = likelihood.trial.nodes.z.data() + first * q, *w = likelihood.trial.nodes.w.data() + k * r;
-    std::copy_n(state.nodes.z.data() + first * q, units * q, z);
-    std::copy_n(state.nodes.w.data() + k * r, r, w);
-    double* sum = sums.data() + k * width;
-    if (jointmodes(frame, there, records, exactmodes, z, w, work))
-      addreliabilities(frame, there, work.frames, units, nullptr, work.M.data(), work.sweep.C2,
-                       {oq, frame.toD, parameters.taupi, sum, sum + q + r},
-                       {orr, frame.toE, parameters.taubeta, sum + q, sum + q + r + 1});
-    for (std::size_t j = 0; j < units; ++j)
-      mulAB(findings.u.data() + (first + j) * q, toU.data(), z + j * q, oq, 1, oq);
-    mulAB(findings.v.data() + k * r, toV.data(), w, orr, 1, orr);
-  }));
+  Halt halt(givingup(*likelihood.source));
+  static_cast<void>(
+      overunits(*likelihood.source, likelihood.threads, halt, [&](const Level3Records& records, int worker) {
+        ModeWork& work = likelihood.modework[at(worker)];
+        const std::size_t k = at(records.k), first = records.firstunit, units = at(records.units);
+        double *z = likelihood.trial.nodes.z.data() + first * q, *w = likelihood.trial.nodes.w.data() + k * r;
+        std::copy_n(state.nodes.z.data() + first * q, units * q, z);
+        std::copy_n(state.nodes.w.data() + k * r, r, w);
+        double* sum = sums.data() + k * width;
+        if (jointmodes(frame, there, records, exactmodes, z, w, work))
+          addreliabilities(frame, there, work.frames, units, nullptr, work.M.data(), work.sweep.C2,
+                           {oq, frame.toD, parameters.taupi, sum, sum + q + r},
+                           {orr, frame.toE, parameters.taubeta, sum + q, sum + q + r + 1});
+        for (std::size_t j = 0; j < units; ++j)
+          mulAB(findings.u.data() + (first + j) * q, toU.data(), z + j * q, oq, 1, oq);
+        mulAB(findings.v.data() + k * r, toV.data(), w, orr, 1, orr);
+      }));
   findings.reliabilities = meanreliabilities(frame, sums);
   for (const double change : state.shares) findings.largest = std::max(findings.largest, std::fabs(change));
   return findings;

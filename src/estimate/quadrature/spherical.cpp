@@ -30,6 +30,21 @@ struct BatchSums {
 
 }  // namespace
 
+std::function<bool()> haltof(SphericalLikelihood& likelihood) {
+  std::function<bool()> givenup = givingup(*likelihood.source);
+  if (!givenup && !likelihood.halts) return {};
+  return [&likelihood, givenup = std::move(givenup)] {
+    if (givenup && givenup()) return true;
+    likelihood.halted = likelihood.halted || (likelihood.halts && likelihood.halts());
+    return likelihood.halted;
+  };
+}
+
+bool takehalt(SphericalLikelihood& likelihood) {
+  likelihood.stopped = likelihood.stopped || likelihood.halted;
+  return std::exchange(likelihood.halted, false);
+}
+
 SphericalLikelihood makespherical(Family outcome, int npi, int nbeta, const Design& design, RecordSource& source,
                                   const Parameters& shape, bool diagonalpi, bool diagonalbeta, int threads,
                                   const std::vector<int>& response) {
@@ -52,31 +67,33 @@ bool placemodes(SphericalLikelihood& likelihood, const Array<double>& point, Nod
   const SphericalPoint there = sphericalpoint(frame, point);
   std::atomic<bool> fine{true};
   Array<double> parts(curvature != nullptr ? frame.units3() * (q + r) : 0);
-  const bool whole = overunits(*likelihood.source, likelihood.threads, [&](const Level3Records& records, int worker) {
-    ModeWork& work = likelihood.modework[at(worker)];
-    const std::size_t k = at(records.k), first = records.firstunit, units = at(records.units);
-    if (!jointmodes(frame, there, records, exactmodes, nodes.z.data() + first * q, nodes.w.data() + k * r, work)) {
-      fine = false;
-      return;
-    }
-    std::copy_n(work.sweep.C3.data(), r * r, nodes.C3.data() + k * r * r);
-    std::copy_n(work.sweep.P.data(), units * q * q, nodes.P.data() + first * q * q);
-    std::copy_n(work.sweep.K.data(), units * q * r, nodes.K.data() + first * q * r);
-    if (curvature == nullptr) return;
-    double* part = parts.data() + k * (q + r);
-    const auto form = [&](const double* M, const double* X, std::size_t n, std::size_t c) {
-      double sum = 0.0;
-      for (std::size_t i = 0, e = 0; i < npi; ++i)
-        for (std::size_t l = 0; l <= i; ++l, ++e) sum += (i == l ? 1.0 : 2.0) * M[e] * X[i * n + c] * X[l * n + c];
-      return sum;
-    };
-    for (std::size_t j = 0; j < units; ++j) {
-      const double weight = frame.weight3(k) * frame.weight2(k, j);
-      for (std::size_t a = 0; a < q; ++a) part[a] += weight * form(work.M.data() + j * T, frame.Sd.data(), q, a);
-      for (std::size_t b = 0; b < r; ++b)
-        part[q + b] += weight * form(work.M.data() + j * T, work.frames.Se.data() + j * npi * r, r, b);
-    }
-  });
+  Halt halt(haltof(likelihood));
+  const bool whole =
+      overunits(*likelihood.source, likelihood.threads, halt, [&](const Level3Records& records, int worker) {
+        ModeWork& work = likelihood.modework[at(worker)];
+        const std::size_t k = at(records.k), first = records.firstunit, units = at(records.units);
+        if (!jointmodes(frame, there, records, exactmodes, nodes.z.data() + first * q, nodes.w.data() + k * r, work)) {
+          fine = false;
+          return;
+        }
+        std::copy_n(work.sweep.C3.data(), r * r, nodes.C3.data() + k * r * r);
+        std::copy_n(work.sweep.P.data(), units * q * q, nodes.P.data() + first * q * q);
+        std::copy_n(work.sweep.K.data(), units * q * r, nodes.K.data() + first * q * r);
+        if (curvature == nullptr) return;
+        double* part = parts.data() + k * (q + r);
+        const auto form = [&](const double* M, const double* X, std::size_t n, std::size_t c) {
+          double sum = 0.0;
+          for (std::size_t i = 0, e = 0; i < npi; ++i)
+            for (std::size_t l = 0; l <= i; ++l, ++e) sum += (i == l ? 1.0 : 2.0) * M[e] * X[i * n + c] * X[l * n + c];
+          return sum;
+        };
+        for (std::size_t j = 0; j < units; ++j) {
+          const double weight = frame.weight3(k) * frame.weight2(k, j);
+          for (std::size_t a = 0; a < q; ++a) part[a] += weight * form(work.M.data() + j * T, frame.Sd.data(), q, a);
+          for (std::size_t b = 0; b < r; ++b)
+            part[q + b] += weight * form(work.M.data() + j * T, work.frames.Se.data() + j * npi * r, r, b);
+        }
+      });
   if (curvature != nullptr) {
     curvature->reset(q + r);
     for (std::size_t k = 0; k < frame.units3(); ++k)
@@ -124,8 +141,9 @@ Evaluation evaluatespherical(SphericalLikelihood& likelihood, const Array<double
   state.curvature.reset(q + r);
   BatchSums batchsums;
   bool fine = true;
+  Halt halt(haltof(likelihood));
   const bool whole = overbatches(
-      *likelihood.source, likelihood.threads,
+      *likelihood.source, likelihood.threads, halt,
       [&](const std::vector<Level3Records>& batch) {
         batchsums.values.reset(batch.size() * width);
         batchsums.units.assign(batch.size(), UnitSums{});
@@ -138,7 +156,7 @@ Evaluation evaluatespherical(SphericalLikelihood& likelihood, const Array<double
         sums.complete = sums.information + P * P;
         sums.curvature = sums.complete + P;
         batchsums.fine[i] = integratespherical(frame, likelihood.grids, there, batch[i], state.nodes, state.sums,
-                                               likelihood.work[at(worker)], sums);
+                                               {&halt, worker}, likelihood.work[at(worker)], sums);
       },
       [&](const std::vector<Level3Records>& batch) {
         for (std::size_t i = 0; i < batch.size() && fine; ++i) {
@@ -204,8 +222,10 @@ AscentProblem ascentof(SphericalLikelihood& likelihood) {
   problem.count = likelihood.frame.count();
   problem.held = heldelements(likelihood.frame);
   problem.approaches = true;
+  problem.halted = [&likelihood] { return takehalt(likelihood); };
   problem.evaluate = [&likelihood](const Array<double>& point, Approach approach) {
     bool fine = false;
+    if (brokensource(*likelihood.source)) return Evaluation{};
     if (approach == Approach::modes) {
       std::copy(likelihood.current.nodes.z.begin(), likelihood.current.nodes.z.end(), likelihood.trial.nodes.z.begin());
       std::copy(likelihood.current.nodes.w.begin(), likelihood.current.nodes.w.end(), likelihood.trial.nodes.w.begin());

@@ -1,6 +1,9 @@
 // The log-likelihood of all units at a point, as the ascent asks for it.
 #pragma once
 
+#include <functional>
+#include <vector>
+
 #include "estimate/ascent/ascent.h"
 #include "estimate/quadrature/jointmodes.h"
 #include "estimate/quadrature/sphericalunit.h"
@@ -23,10 +26,20 @@ struct SphericalLikelihood {
   RecordSource* source = nullptr;
   int threads = 1;
   bool sixth = false;  // the Laplace approximation takes its terms of the sixth order (onepoint.h)
+  // May be empty. Asked within an evaluation by the thread that called: true drops it, so that the ascent ends where it
+  // stands.
+  std::function<bool()> halts;
+  bool halted = false;   // the last evaluation was dropped, and no ascent has taken note
+  bool stopped = false;  // one was
   SphericalState current, trial;
   std::vector<SphericalWork> work;  // of each thread
   std::vector<ModeWork> modework;
 };
+
+// What ends a walk over the units before its end: the fit is given up, or the user wants the results so far.
+[[nodiscard]] std::function<bool()> haltof(SphericalLikelihood& likelihood);
+// Whether the last evaluation was dropped since the user wants the results so far; takes note of it.
+[[nodiscard]] bool takehalt(SphericalLikelihood& likelihood);
 
 // Frame, states and the start's point. `source` and `design` must outlive it.
 SphericalLikelihood makespherical(Family outcome, int npi, int nbeta, const Design& design, RecordSource& source,

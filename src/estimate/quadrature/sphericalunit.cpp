@@ -33,6 +33,7 @@ struct SphericalIntegral {
   const Level3Records& records;
   Nodes& place;
   RecordSums& sums;
+  const Asking& asking;
   SphericalWork& work;
 
   const QuadratureLoops& loops = fastestquadratureloops();
@@ -486,7 +487,7 @@ bool SphericalIntegral::integrate(UnitSums& result) {
     std::fill_n(work.total.data(), block, 0.0);
     std::fill_n(work.level3.data(), block * P, 0.0);
     for (std::size_t j = 0; j < units; ++j)
-      if (!level2(j, first, nodes)) return false;
+      if (asking.halted() || !level2(j, first, nodes)) return false;
     for (std::size_t node = 0; node < nodes; ++node)
       addnode(first + node, node, work.quad3[first + node] + work.total[node]);
   }
@@ -740,9 +741,9 @@ RecordDensity densityof(const Frame& frame, const Level3Records& records) {
 }
 
 bool integratespherical(const Frame& frame, const SphericalGrids& grids, const SphericalPoint& point,
-                        const Level3Records& records, Nodes& nodes, RecordSums& sums, SphericalWork& work,
-                        UnitSums& result) {
-  SphericalIntegral integral{frame, grids, point, records, nodes, sums, work};
+                        const Level3Records& records, Nodes& nodes, RecordSums& sums, const Asking& asking,
+                        SphericalWork& work, UnitSums& result) {
+  SphericalIntegral integral{frame, grids, point, records, nodes, sums, asking, work};
   return integral.integrate(result);
 }
 

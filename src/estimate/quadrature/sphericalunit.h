@@ -19,6 +19,7 @@
 #include <cstddef>
 #include <vector>
 
+#include "estimate/likelihood/halt.h"
 #include "estimate/likelihood/unitrecords.h"
 #include "estimate/quadrature/movingnodes.h"
 #include "estimate/quadrature/quadratureloops.h"
@@ -78,9 +79,9 @@ struct SphericalWork {
 };
 
 // Integrates around `nodes`; the unit's posterior moments take the place of its nodes, its sums go to `sums`. False
-// when the integral is not a number or the nodes have no covariance.
+// when the integral is not a number or the nodes have no covariance, and behind a halt.
 [[nodiscard]] bool integratespherical(const Frame& frame, const SphericalGrids& grids, const SphericalPoint& point,
-                                      const Level3Records& records, Nodes& nodes, RecordSums& sums, SphericalWork& work,
-                                      UnitSums& result);
+                                      const Level3Records& records, Nodes& nodes, RecordSums& sums,
+                                      const Asking& asking, SphericalWork& work, UnitSums& result);
 
 }  // namespace kdr
