@@ -49,6 +49,22 @@ class Summary(Structure):
         ("loglikelihood", c_double), ("sigma2", c_double)]
 
 
+def _addresses(*names: str) -> list:
+    return [(name, c_void_p) for name in names]
+
+
+class Fitted(Structure):
+    _fields_ = [("size", c_size_t), ("family", c_int), ("categories", c_int), ("fixedeffects", c_size_t), ("random2", c_size_t),
+                ("random3", c_size_t), *_addresses("fixed", "taupi", "taubeta"), ("sigma2", c_double),
+                *_addresses("covariance", "joint"), ("units2", c_size_t), ("units3", c_size_t),
+                *_addresses("level2", "level3", "variances2", "variances3", "covariances")]
+
+
+class Rows(Structure):
+    _fields_ = [("size", c_size_t), ("records", c_size_t),
+                *_addresses("fixed", "random2", "random3", "offset", "unit2", "unit3", "outcome", "counts")]
+
+
 def _places():
     """Where the library may be, in the order in which it is looked for."""
     if path := os.environ.get("KDR3_LIBRARY"):
@@ -106,6 +122,9 @@ def _declare(library: ctypes.CDLL) -> ctypes.CDLL:
         "kdr3_result_variances": (c_int, handle, c_void_p, c_void_p, c_void_p, c_void_p, doubles),
         "kdr3_result_effects": (c_int, handle, c_void_p, c_void_p),
         "kdr3_result_effectvariances": (c_int, handle, c_void_p, c_void_p),
+        "kdr3_result_effectcovariances": (c_int, handle, c_void_p),
+        "kdr3_result_joint": (c_int, handle, c_void_p),
+        "kdr3_predict": (c_int, POINTER(Fitted), POINTER(Rows), POINTER(Rows), c_int, c_void_p, c_void_p),
         "kdr3_result_replicates": (c_int, handle, sizes, sizes, c_void_p),
         "kdr3_result_document": (c_char_p, handle, c_int),
         "kdr3_result_warning": (c_char_p, handle, c_size_t),

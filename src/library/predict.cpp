@@ -141,15 +141,12 @@ struct UnitEffects {
   const kdr3_rows* own;
   bool two;                                                    // levels
   KnownEffects none;                                           // of units that nothing is known of
-  KnownEffects mean;                                           // of the units of the last row, without an error
   std::map<std::ptrdiff_t, std::vector<std::size_t>> records;  // of the fit by their unit of the highest level
   std::map<std::pair<std::ptrdiff_t, std::ptrdiff_t>, KnownEffects> made;
 };
 
 UnitEffects startunits(const Known& known, const kdr3_rows* own) {
-  const FittedModel model = known.model();
-  UnitEffects effects{known, own, known.given.units3 == 0, unknowneffects(model), unknowneffects(model), {}, {}};
-  effects.mean.covariance.fill(0.0);
+  UnitEffects effects{known, own, known.given.units3 == 0, unknowneffects(known.model()), {}, {}};
   for (std::size_t i = 0; own != nullptr && i < own->records; ++i) {
     const RowUnits units = unitsof(*own, i);
     effects.records[effects.two ? units.unit2 : units.unit3].push_back(i);
@@ -199,17 +196,6 @@ const KnownEffects* effectsof(UnitEffects& effects, const RowUnits& units) {
   return found == effects.made.end() ? nullptr : &found->second;
 }
 
-// Their means alone.
-const KnownEffects* meansof(UnitEffects& effects, const RowUnits& units) {
-  const std::size_t p = effects.known.given.random2, b = effects.known.given.random3;
-  double* mean = effects.mean.mean.data();
-  effects.mean.mean.fill(0.0);
-  if (units.unit2 >= 0) std::copy_n(effects.known.given.level2 + static_cast<std::size_t>(units.unit2) * p, p, mean);
-  if (units.unit3 >= 0)
-    std::copy_n(effects.known.given.level3 + static_cast<std::size_t>(units.unit3) * b, b, mean + p);
-  return &effects.mean;
-}
-
 // What a row's prediction is, with its derivatives; none where it can't be told.
 std::optional<Responses> responsesof(const Known& known, kdr3_predicted what, const PredictorRows& rows,
                                      const KnownEffects* of) {
@@ -232,6 +218,47 @@ std::optional<Responses> responsesof(const Known& known, kdr3_predicted what, co
 }
 
 bool ofunits(kdr3_predicted what) { return what == KDR3_UNITLINEAR || what == KDR3_UNITRESPONSE; }
+bool linearones(kdr3_predicted what) { return what == KDR3_LINEAR || what == KDR3_UNITLINEAR; }
+
+// Predictions of rows one after the other without derivatives, which most callers don't ask for.
+struct PlainValues {
+  const Known& known;
+  ResponseCurve curve;
+  Array<double> eta;
+};
+
+// Z times the effects of a unit, onto the linear predictors.
+void addeffects(PlainValues& plain, const Array<double>& Z, const double* effects, std::ptrdiff_t unit, int n) {
+  if (n == 0 || unit < 0) return;
+  addAB(plain.eta.data(), Z.data(), effects + unit * n, plain.known.plan.M, 1, n);
+}
+
+void plainvalues(PlainValues& plain, kdr3_predicted what, const PredictorRows& rows, const RowUnits& units,
+                 double* values) {
+  const Known& known = plain.known;
+  if (what == KDR3_AVERAGE) {
+    const Responses made = meanresponses(known.model(), rows);
+    std::copy(made.value.begin(), made.value.end(), values);
+    return;
+  }
+  plain.eta.fill(rows.offset);
+  addAB(plain.eta.data(), rows.x.data(), known.results.est.gammahat.data(), known.plan.M, 1, known.plan.g);
+  if (ofunits(what)) {
+    addeffects(plain, rows.d, known.given.level2, units.unit2, known.plan.p);
+    addeffects(plain, rows.e, known.given.level3, units.unit3, known.plan.b);
+  }
+  if (!linearones(what)) responsecurve(known.outcome, plain.eta.data(), 1.0, plain.curve);
+  const Array<double>& made = linearones(what) ? plain.eta : plain.curve.mean;
+  std::copy(made.begin(), made.end(), values);
+}
+
+// Those of units whose modes have not settled stay absent.
+void takeerrors(UnitEffects& effects, kdr3_predicted what, const PredictorRows& rows, const RowUnits& units,
+                double* errors) {
+  const auto made = responsesof(effects.known, what, rows, ofunits(what) ? effectsof(effects, units) : nullptr);
+  for (std::size_t k = 0; made && k < made->value.size(); ++k)
+    errors[k] = predictionof(effects.known.model(), *made, static_cast<int>(k), IntervalScale::value).se;
+}
 
 bool foreignunits(const kdr3_fitted& given, const kdr3_rows& rows) {
   const auto beyond = [&](const std::ptrdiff_t* units, std::size_t count) {
@@ -281,26 +308,22 @@ kdr3_status kdr3_predict(const kdr3_fitted* fitted, const kdr3_rows* own, const 
     const Known known = knownof(*fitted);
     if (errors != nullptr && fitted->covariance == nullptr) return error("Errors need the covariance.");
     if (const char* words = checkrows(known, *rows); words != nullptr) return error(words);
-    const bool units = ofunits(what), withmodes = units && errors != nullptr;
+    const bool units = ofunits(what);
     if (units)
-      if (const char* words = checkunits(known, own, *rows, withmodes); words != nullptr) return error(words);
-    UnitEffects effects = startunits(known, withmodes ? own : nullptr);
-    const bool linear = what == KDR3_LINEAR || what == KDR3_UNITLINEAR;
-    const std::size_t K = at(known.plan.M) + (known.outcome.categorical() && !linear ? 1 : 0);
+      if (const char* words = checkunits(known, own, *rows, errors != nullptr); words != nullptr) return error(words);
+    UnitEffects effects = startunits(known, units && errors != nullptr ? own : nullptr);
+    PlainValues plain{known, emptycurve(known.outcome, known.plan.M), Array<double>(at(known.plan.M))};
+    const std::size_t K = linearones(what) ? at(known.plan.M) : at(plain.curve.K);
     PredictorRows row = emptyrows(known.plan);
     for (std::size_t i = 0; i < rows->records; ++i) {
-      std::optional<Responses> made;
-      if (rowof(known, *rows, i, row)) {
-        const RowUnits of = unitsof(*rows, i);
-        const KnownEffects* random = !units ? nullptr : withmodes ? effectsof(effects, of) : meansof(effects, of);
-        made = responsesof(known, what, row, random);
-      }
-      for (std::size_t k = 0; k < K; ++k) {
-        if (values != nullptr) values[i * K + k] = made ? made->value[k] : absent;
-        if (errors != nullptr)
-          errors[i * K + k] =
-              made ? predictionof(known.model(), *made, static_cast<int>(k), IntervalScale::value).se : absent;
-      }
+      double* const value = values != nullptr ? values + i * K : nullptr;
+      double* const wrong = errors != nullptr ? errors + i * K : nullptr;
+      for (double* to : {value, wrong})
+        if (to != nullptr) std::fill_n(to, K, absent);
+      if (!rowof(known, *rows, i, row)) continue;
+      const RowUnits of = unitsof(*rows, i);
+      if (value != nullptr) plainvalues(plain, what, row, of, value);
+      if (wrong != nullptr) takeerrors(effects, what, row, of, wrong);
     }
     return KDR3_OK;
   });
