@@ -3,6 +3,7 @@
     test_package.py <program> <folder of the source tree>     with PYTHONPATH and KDR3_LIBRARY set
 """
 import copy
+import csv
 import json
 import os
 import pathlib
@@ -141,6 +142,96 @@ class Models(unittest.TestCase):
         weights = np.exp(-x * x / 2) / np.exp(-x * x / 2).sum()
         exact = [(weights / (1 + np.exp(-e - np.sqrt(variance) * x))).sum() for e in eta[:5]]
         np.testing.assert_allclose(np.asarray(b.predict(effects="population"))[:5], exact, rtol=1e-9)
+
+    def test_predictions_are_those_of_the_program(self):
+        """Rows of known units, of a new one within a known one, and of new ones: values and errors of -predict."""
+        table = ("school,pupil,year,ses,tries,weeks,right\nS01,1,0,0.5,3,2,1\nS01,999,1,-1,3,2,2\nS77,1,2,0,3,4,3\nS02,2,3,1,3,1,1\n")
+        data = growth()
+        for formula, given in (("score ~ year + ses + (year | school/pupil)", {}),
+                               ("passed ~ year + (1 | school/pupil)", {"family": "binomial"}),
+                               ("passed ~ year + (1 | school)", {"family": "binomial", "engine": "laplace6"}),
+                               ("books ~ year + (year | school)", {"family": "poisson", "exposure": "weeks"}),
+                               ("tries ~ ses + year + (year | school)", {"family": "ordinal"}),
+                               ("tries ~ year + (year | school)", {"family": "multinomial"})):
+            with tempfile.TemporaryDirectory() as folder:
+                place = pathlib.Path(folder)
+                (place / "new.csv").write_text(table)
+                options = [word for name, value in given.items() for word in (f"-{name}", value)]
+                done = subprocess.run([PROGRAM, "-q", "-fit", formula, REFERENCE / "formulas" / "growth.csv", "-o", "f", "-predict", "new.csv",
+                                       *options], cwd=folder, capture_output=True, text=True)
+                self.assertEqual(done.returncode, 0, done.stdout)
+                rows, new = list(csv.DictReader(open(place / "f_predictions.csv"))), cases.read(place / "new.csv")
+            m = kdr3.fit(formula, data, **given)
+            for name, kind, effects in (("linear", "link", "fixed"), ("response", "response", "fixed"), ("average", "response", "population"),
+                                        ("unit_linear", "link", "unit"), ("unit_response", "response", "unit")):
+                made = m.predict(new, kind, effects, se=True)
+                for part, column in (("predicted", name), ("se", f"{name}_se")):
+                    theirs = [float(row[column]) for row in rows if row[column]]
+                    tolerance = 1e-6 if part == "se" and m.engine == "pql" else 1e-12  # modes of quasi-likelihood
+                    np.testing.assert_allclose(np.asarray(made[part]).ravel(), theirs, rtol=tolerance, err_msg=f"{formula} {column}")
+            if m.categories:
+                self.assertEqual([row["category"] for row in rows[:len(m.categories)]], m.categories)
+
+    def test_predictions_of_categories(self):
+        """By their formulas from params and random_effects; the same counted as they are simulated."""
+        data = growth()
+        data = {name: values[~np.isnan(data["score"])] for name, values in data.items()}
+        bands = np.array(["low", "mid", "top"], dtype=object)[(data["score"] > 50).astype(int) + (data["score"] > 60)]
+        order = np.random.default_rng(2).permutation(len(bands))
+        mixed = {name: values[order] for name, values in {**data, "band": bands}.items()}
+        group = np.unique(mixed["school"].astype(str), return_inverse=True)[1]
+        for family in ("ordinal", "multinomial"):
+            m = kdr3.fit("band ~ year + ses + (year | school)", mixed, family=family, engine="pql")
+            b, u = np.asarray(m.params), np.asarray(m.random_effects["school"])[group]
+            X, Z = np.column_stack([np.ones(len(order)), mixed["year"], mixed["ses"]]), np.column_stack([np.ones(len(order)), mixed["year"]])
+            if family == "ordinal":
+                eta = (X @ b[:3] + (Z * u).sum(axis=1))[:, None] + [0.0, b[3]]
+                below = 1 / (1 + np.exp(-eta))
+                p = np.column_stack([below[:, 0], below[:, 1] - below[:, 0], 1 - below[:, 1]])
+            else:
+                eta = np.column_stack([X @ b[:3] + (Z * u[:, :2]).sum(axis=1), X @ b[3:] + (Z * u[:, 2:]).sum(axis=1)])
+                e = np.exp(np.column_stack([eta, np.zeros(len(order))]))
+                p = e / e.sum(axis=1, keepdims=True)
+            self.assertEqual(m.categories, ["low", "mid", "top"])
+            np.testing.assert_allclose(np.asarray(m.fittedvalues), p, rtol=1e-10)
+            np.testing.assert_allclose(np.asarray(m.predict(mixed)), p, rtol=1e-10)
+            np.testing.assert_allclose(np.asarray(m.predict(kind="link")), eta, rtol=1e-9, atol=1e-9)
+            if pandas is not None:
+                self.assertEqual((list(m.predict().columns), list(m.predict(kind="link").columns)), (["low", "mid", "top"], ["low", "mid"]))
+                self.assertEqual(list(m.predict(mixed, se=True)["se"].columns), ["low", "mid", "top"])
+            seen = mixed["band"][:, None] == np.array(m.categories, dtype=object)
+            np.testing.assert_allclose(np.asarray(m.resid), seen - p, atol=1e-10)
+            np.testing.assert_allclose(np.asarray(m.residuals("pearson")), (seen - p) / np.sqrt(p * (1 - p)), atol=1e-8)
+            # the delta method by differences, of effects="fixed"
+            def response(b):
+                eta = X[:5] @ b[:3, None] + [0.0, b[3]] if family == "ordinal" else np.column_stack([X[:5] @ b[:3], X[:5] @ b[3:]])
+                if family == "ordinal":
+                    below = np.column_stack([1 / (1 + np.exp(-eta)), np.ones(5)])
+                    return np.diff(below, axis=1, prepend=0)
+                e = np.exp(np.column_stack([eta, np.zeros(5)]))
+                return e / e.sum(axis=1, keepdims=True)
+            made = m.predict(effects="fixed", se=True)
+            steps = [(response(b + h) - response(b - h)) / 2e-6 for h in 1e-6 * np.eye(len(b))]
+            error = np.sqrt(np.einsum("iak,ij,jak->ak", steps, np.asarray(m.cov_params()), steps))
+            np.testing.assert_allclose(np.asarray(made["predicted"])[:5], response(b), rtol=1e-9)
+            np.testing.assert_allclose(np.asarray(made["se"])[:5], error, rtol=1e-6)
+            drawn = m.simulate(200, seed=1)
+            shares = np.array([(drawn == k).mean(axis=1) for k in range(3)]).T
+            self.assertLess(np.abs(shares - np.asarray(m.predict(effects="population"))).mean(), 0.03)
+
+    def test_an_ordinal_model_beside_clmm(self):
+        theirs = {line.split()[0]: np.array(line.split()[1:], dtype=float) for line in (REFERENCE / "categoryfits.out").read_text().splitlines()}
+        data = growth()
+        data["band"] = np.where(np.isnan(data["score"]), np.nan, 1 + (data["score"] > 50) + (data["score"] > 60))
+        m = kdr3.fit("band ~ year + ses + (1 | school)", data, family="ordinal", engine="laplace")
+        self.assertEqual(m.categories, ["1", "2", "3"])
+        b = np.asarray(m.params)
+        np.testing.assert_allclose([b[0], b[0] + b[3], -b[1], -b[2]], theirs["coefficients"], rtol=1e-4)
+        self.assertAlmostEqual(m.llf, theirs["loglikelihood"][0], 5)
+        p, rows = np.asarray(m.fittedvalues), np.asarray(m.resid) > 0
+        np.testing.assert_allclose(p[rows][[*range(8), 699, 1499]], theirs["fitted"], rtol=1e-4)
+        np.testing.assert_allclose(-np.asarray(m.random_effects["school"])[:6, 0], theirs["modes"], atol=1e-4)
+        np.testing.assert_allclose(m.random_effects_cov["school"][:6, 0, 0], theirs["variances"], rtol=1e-4)
 
     def test_pooled(self):
         data = growth()
