@@ -4,6 +4,8 @@
 """
 import copy
 import csv
+import datetime
+import decimal
 import json
 import os
 import pathlib
@@ -283,6 +285,13 @@ class Tables(unittest.TestCase):
             "large IDs": {**data, "pupil": data["pupil"].astype(np.int64) + 2**60},
             "lists": {name: list(values) for name, values in data.items()},
             "backwards": {name: values[::-1] for name, values in data.items()},
+            "bytes": {**data, "school": data["school"].astype("S"), "sex": np.array([x.encode() for x in data["sex"]], dtype=object)},
+            "structured": np.array(list(zip(data["score"], data["year"], data["ses"], data["school"], data["pupil"])),
+                                   dtype=[("score", "f8"), ("year", "f4"), ("ses", "f8"), ("school", "S4"), ("pupil", "i2")]),
+            "decimals": {**data, "year": np.array([decimal.Decimal(int(x)) for x in data["year"]], dtype=object)},
+            "large IDs as objects": {**data, "pupil": np.array([int(x) + 2**60 for x in data["pupil"]], dtype=object)},
+            "polars": Polars({**data, "pupil": data["pupil"].astype(np.int64) + 2**60}),
+            "pyarrow": Arrow({**data, "pupil": data["pupil"].astype(np.int64) + 2**60}),
         }
         if pandas is not None:
             frame = pandas.DataFrame(data)
@@ -291,9 +300,24 @@ class Tables(unittest.TestCase):
                 pandas.NA if x != x else x for x in frame["score"]])
             kinds["own types"] = frame.assign(score=frame["score"].astype("Float64"), school=frame["school"].astype("category"),
                                               sex=frame["sex"].astype("string"))
+            kinds["large IDs with NA"] = frame.assign(pupil=(frame["pupil"].astype("Int64") + 2**60).where(~frame["score"].isna()))
+            kinds["interchange"] = Interchange(frame[["score", "year", "ses", "school", "pupil"]])
             kinds["chosen rows"] = pandas.concat([frame, frame.assign(score=1e6)])[lambda f: ~(f["score"] == 1e6)]
         for name, table in kinds.items():
             self.assertAlmostEqual(kdr3.fit(LINEAR, table).llf, want, 7, name)
+
+    def test_factors_of_other_frames(self):
+        """A missing value is one; the first category is the reference, wherever it stands first."""
+        data = growth()
+        texts = data["sex"].copy()
+        texts[3] = None
+        data["sex"] = texts
+        want = kdr3.fit("score ~ sex + (1 | school)", data)
+        for frame in (Polars, Arrow):
+            m = kdr3.fit("score ~ sex + (1 | school)", frame(data, {"sex": ["male", "female"]}))
+            self.assertEqual((list(m.params.index)[1], m.nobs), ("sexfemale", want.nobs), frame)
+            self.assertAlmostEqual(m.llf, want.llf, 8)
+            self.assertEqual(kdr3.fit("score ~ sex + (1 | school)", frame(data)).nobs, want.nobs)
 
     def test_factors(self):
         data = growth()
@@ -325,6 +349,88 @@ class Tables(unittest.TestCase):
         self.assertIn("91 of 1604 records", str(told[0].message))
 
 
+class PolarsSeries:
+    """What the package asks of a polars column, by its documentation."""
+    def __init__(self, values, dtype):
+        self.values, self.dtype = values, dtype
+        self.cat = self if dtype.startswith("Enum") else None
+
+    def to_physical(self):
+        raise AssertionError("how categories are numbered inside is not told")
+
+    def get_categories(self):
+        return PolarsSeries(np.array(["male", "other", "female"], dtype=object), "String")
+
+    def cast(self, kind):
+        return PolarsSeries(self.values, "String")
+
+    def to_list(self):
+        return self.values.tolist()
+
+    def is_null(self):
+        return PolarsSeries(np.array([x is None for x in self.values]), "Boolean")
+
+    def fill_null(self, by):
+        return PolarsSeries(np.array([by if x is None else x for x in self.values]), self.dtype)
+
+    def to_numpy(self):
+        missing = [x is None for x in self.values]
+        return self.values.astype(float) if any(missing) and self.dtype.startswith("Int") else self.values
+
+
+class Polars:
+    def __init__(self, data, categories={}):
+        self.columns = list(data)
+        kinds = {"i": "Int64", "f": "Float64", "O": "String"}
+        self.data = {name: PolarsSeries(values, "Enum(...)" if name in categories else kinds[values.dtype.kind]) for name, values in data.items()}
+
+    def __getitem__(self, name):
+        return self.data[name]
+
+
+class ArrowArray:
+    """What the package asks of a column of pyarrow, by its documentation: of a chunked one, or one piece."""
+    def __init__(self, values, labels=None):
+        self.values, self.type = values, {"i": "int64", "f": "double", "O": "string", "b": "bool"}[values.dtype.kind]
+        if labels:
+            self.dictionary, self.indices = ArrowArray(np.array(labels, dtype=object)), ArrowArray(
+                np.array([None if x is None else labels.index(x) for x in values], dtype=object))
+
+    def combine_chunks(self):
+        return self
+
+    def to_pylist(self):
+        return list(self.values)
+
+    def is_null(self):
+        return ArrowArray(np.array([x is None for x in self.values]))
+
+    def fill_null(self, by):
+        return ArrowArray(np.array([by if x is None else x for x in self.values]))
+
+    def to_numpy(self, zero_copy_only=True):
+        assert not zero_copy_only
+        return self.values
+
+
+class Arrow:
+    def __init__(self, data, categories={}):
+        self.column_names, self.columns = list(data), list(data.values())
+        self.data = {name: ArrowArray(values, categories.get(name)) for name, values in data.items()}
+
+    def __getitem__(self, name):
+        return self.data[name]
+
+
+class Interchange:
+    """A table that has the protocol alone."""
+    def __init__(self, frame):
+        self.frame = frame
+
+    def __dataframe__(self, nan_as_null=False, allow_copy=True):
+        return self.frame.__dataframe__(nan_as_null, allow_copy)
+
+
 class Labelled:
     """As a frame's column of categories, two of which are written alike."""
     class cat:
@@ -353,6 +459,10 @@ class Calls(unittest.TestCase):
                 ("differ in length", "score ~ year + (1 | school)", {"year": np.ones(3)}, {}),
                 ("dimensions", "score ~ year + (1 | school)", {"year": np.ones((n, 2))}, {}),
                 ("complex128", "score ~ year + (1 | school)", {"year": np.ones(n, dtype=complex)}, {}),
+                ("no UTF-8: b'", "score ~ sex + (1 | school)", {"sex": np.array([b"\xff"] * n, dtype=object)}, {}),
+                ("datetime64[D]: make a number", "score ~ year + (1 | school)", {"year": np.full(n, np.datetime64("2020-01-01"))}, {}),
+                ("a date in record 1", "score ~ year + (1 | school)", {"year": np.full(n, datetime.date(2020, 1, 1), dtype=object)}, {}),
+                ("1.5 in record 2 is no truth", "score ~ year + (1 | school)", {"year": np.array([True, 1.5] * (n // 2), dtype=object)}, {}),
                 ("no text", "score ~ year + (1 | school)", {"year": np.array(["a", 1.5] * (n // 2), dtype=object)}, {}),
                 ("family is one of", "score ~ year + (1 | school)", {}, {"family": "gamma"}),
                 ("ddf is", "score ~ year + (1 | school)", {}, {"ddf": "magic"}),
@@ -368,6 +478,18 @@ class Calls(unittest.TestCase):
             with self.assertRaises(kdr3.KDR3Error, msg=words) as refused:
                 kdr3.fit(formula, {**data, **change}, **given)
             self.assertIn(words, str(refused.exception))
+        if pandas is not None:
+            frame = pandas.DataFrame(data)
+            turned = frame["weeks"][::-1]
+            for words, table, given in (
+                    ("2 columns year", pandas.concat([frame, frame[["year"]]], axis=1), {}),
+                    ("weights1 has other row labels than the table", frame, {"weights1": turned}),
+                    ("score has other row labels than year", {"year": frame["year"], "score": frame["score"][::-1], "school": frame["school"]}, {}),
+                    ("no column score", pandas.DataFrame({"other": [1, 2]}), {})):
+                with self.assertRaisesRegex(kdr3.KDR3Error, words):
+                    kdr3.fit("score ~ year + (1 | school)", table, **given)
+            self.assertEqual(kdr3.fit("score ~ year + (1 | school)", frame, weights1=turned.reindex(frame.index)).llf,
+                             kdr3.fit("score ~ year + (1 | school)", frame, weights1="weeks").llf)
         m = kdr3.fit("score ~ center(ses, school) + (1 | school)", data)
         with self.assertRaisesRegex(kdr3.KDR3Error, "no column ses"):
             m.predict({"school": data["school"]})
