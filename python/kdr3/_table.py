@@ -6,7 +6,7 @@ import ctypes
 import datetime
 import decimal
 import numbers
-from typing import Any, Mapping
+from typing import Any, Mapping, Sequence
 
 import numpy as np
 
@@ -229,10 +229,10 @@ def _checklabels(data: Any, wanted: list[str], extra: Mapping[str, Any]) -> None
 class Fields:
     """The columns of a table as an array of fields: those of `wanted` with their values, of the others the names alone.
 
-    A name is wanted with its case, or without it.
+    A name is wanted with its case, or without it. `codes`: numbers that stand for missing values.
     """
 
-    def __init__(self, data: Any, wanted: list[str], extra: Mapping[str, Any] | None = None):
+    def __init__(self, data: Any, wanted: list[str], extra: Mapping[str, Any] | None = None, codes: Sequence[float] = ()):
         data, extra = asframe(data), extra or {}
         all_names = names(data)
         fold = {name.lower() for name in wanted}
@@ -244,6 +244,10 @@ class Fields:
         for name, values in extra.items():
             self.columns[name] = column(name.strip("()"), values)
             self.columns[name].name = name
+        for one in self.columns.values():
+            if one.labels is None and codes:
+                lost = np.isin(one.values, codes)
+                one.missing = lost if one.missing is None else lost | one.missing
         lengths = {name.strip("()"): len(one.values) for name, one in self.columns.items()}
         if len(set(lengths.values())) > 1:
             raise lib.KDR3Error("The columns differ in length: " + ", ".join(f"{n} has {k}" for n, k in lengths.items()) + ".")

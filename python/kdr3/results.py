@@ -5,6 +5,7 @@ import ctypes
 import html
 import json
 import math
+import numbers
 import zipfile
 from functools import cached_property
 from typing import Any, Mapping, Sequence
@@ -20,10 +21,14 @@ from ._table import Fields
 PHASES = {"": "final", "quadrature": "quadrature", "laplace6": "laplace6", "pql": "pql"}
 
 
+def _checkalpha(alpha: Any) -> None:
+    if not isinstance(alpha, numbers.Real) or not 0 < alpha < 1:
+        raise lib.KDR3Error(f"alpha is between 0 and 1. It cannot be {alpha!r}.")
+
+
 def tquantile(p: float, df: float) -> float:
     """The two-sided point of Student's t: the value beyond which a share p lies, on both sides together."""
-    if not 0 < p < 1:
-        raise lib.KDR3Error(f"alpha is between 0 and 1. It cannot be {p}.")
+    _checkalpha(p)
     low, high = 0.0, 1.0
     while lib.pvalue(lib.T, high, df) > p:
         high *= 2.0
@@ -73,8 +78,8 @@ class Results:
             sets = len(self._names) // max(1, len(words[lib.EFFECTS]))
             self._random = [[f"{name}[{s + 1}]" for s in range(sets) for name in names] for names in self._random]
         phases = {one["phase"]: one for one in self.document["phases"]}
-        if self.engine in ("quadrature", "laplace6") and self.engine not in phases:
-            self.engine = "pql"  # it failed, as a warning says
+        if self.engine:  # that of the result, whatever was asked for: one that failed is told in a warning
+            self.engine = next((name for name in ("quadrature", "laplace6") if name in phases), "pql")
         self._phase = phases.get(PHASES[self.engine], self.document["phases"][-1])
         self.converged: bool = bool(state["converged"])
         self.nobs: int = int(state["records"])
@@ -378,7 +383,7 @@ class Results:
     def _newfields(self, data: Any, units: bool) -> Fields:
         words = self._state["words"]
         wanted = list(self._fields().columns)
-        fields = Fields(data, wanted)
+        fields = Fields(data, wanted, codes=self._made.get("missing", ()))
         if units:
             lacking = [name for name in dict.fromkeys(words[lib.GROUPS2] + words[lib.GROUPS3]) if name not in fields.columns]
             if lacking:
@@ -403,6 +408,8 @@ class Results:
     def simulate(self, nsim: int = 1, seed: int | None = None) -> np.ndarray:
         """[n, nsim] outcomes drawn from the model, with new random effects, in the order of the table; of categories
         their places in `categories`, from 0."""
+        if lib.whole("nsim", nsim) < 0:
+            raise lib.KDR3Error(f"nsim is a whole number from 0. It cannot be {nsim}.")
         draw = np.random.default_rng(seed)
         rows, count = _predict.rows(self), self._outcome[1]
         made = np.empty((self.nobs, nsim))
@@ -427,6 +434,9 @@ class Results:
     def tidy(self, effects: Sequence[str] = ("fixed", "ran_pars"), conf_int: bool = False, alpha: float = 0.05,
              robust: bool = False, exponentiate: bool = False):
         """Estimates as a table with the columns of broom.mixed."""
+        effects = [effects] if isinstance(effects, str) else list(effects)
+        if not effects or not set(effects) <= {"fixed", "ran_pars"}:
+            raise lib.KDR3Error(f"effects are fixed, ran_pars or both. They cannot be {effects}.")
         rows = []
         if "fixed" in effects:
             bounds = np.asarray(self.conf_int(alpha, robust)) if conf_int else np.full((len(self._names), 2), math.nan)
@@ -460,8 +470,11 @@ class Results:
 
     def wald_test(self, contrasts, robust: bool = False) -> dict[str, float]:
         """Whether all rows of contrasts [r, g] are 0: the Wald statistic, r and the p-value of chi-square."""
-        C = np.atleast_2d(np.asarray(contrasts, dtype=float))
-        if C.shape[1] != len(self._names):
+        try:
+            C = np.atleast_2d(np.asarray(contrasts, dtype=float))
+        except (TypeError, ValueError):
+            raise lib.KDR3Error(f"Contrasts are numbers [r, g], one for each fixed effect. They cannot be {contrasts!r}.") from None
+        if C.ndim > 2 or C.shape[1] != len(self._names):
             raise lib.KDR3Error(f"A contrast has {C.shape[1]} numbers, and the model {len(self._names)} fixed effects.")
         scaled = C * self._se()
         lengths = np.linalg.norm(scaled, axis=1)
@@ -506,7 +519,8 @@ class Results:
         setmodel(handle, {**self._made, "threads": threads})
         if self.family == "gaussian":
             self._start(handle)
-        lib.check(library.kdr3_model_bootstrap(library.kdr3_formula_model(handle.pointer), replicates, seed, int(cases)))
+        lib.check(library.kdr3_model_bootstrap(library.kdr3_formula_model(handle.pointer), lib.whole("replicates", replicates),
+                                               lib.whole("seed", seed) % 2**64, int(cases)))
         return Bootstrap(self, handle, interruptible(lambda flag: run(handle, flag)))
 
     def _start(self, handle) -> None:
@@ -664,8 +678,7 @@ class Bootstrap:
 
     def conf_int(self, alpha: float = 0.05):
         """[g, 2] percentile intervals of the fixed effects."""
-        if not 0 < alpha < 1:
-            raise lib.KDR3Error(f"alpha is between 0 and 1. It cannot be {alpha}.")
+        _checkalpha(alpha)
         values = np.asarray(self.params)
         values = values[~np.isnan(values[:, 0])]
         n = len(values)

@@ -474,6 +474,13 @@ class Calls(unittest.TestCase):
                 ("exposure is the name", "books ~ year + (1 | school)", {}, {"family": "poisson", "exposure": data["weeks"]}),
                 ("NUMIT is a number", "score ~ year + (1 | school)", {}, {"settings": {"NUMIT": "many"}}),
                 ("reml is", "score ~ year + (1 | school)", {}, {"reml": "yes"}),
+                ("settings are names", "score ~ year + (1 | school)", {}, {"settings": "NUMIT"}),
+                ("threads is a whole number", "score ~ year + (1 | school)", {}, {"threads": 2.5}),
+                ("missing is a number", "score ~ year + (1 | school)", {}, {"missing": "none"}),
+                ("start is the result", "score ~ year + (1 | school)", {}, {"start": data}),
+                ("progress is a function", "score ~ year + (1 | school)", {}, {"progress": 3}),
+                ("ddf is for linear models", "passed ~ year + (1 | school)", {}, {"family": "binomial", "ddf": "satterthwaite"}),
+                ("no Unicode", "score ~ year + (1 | school)", {"school": np.array(["\ud800"] * n, dtype=object)}, {}),
                 ("no random part", "score ~ year", {}, {})):
             with self.assertRaises(kdr3.KDR3Error, msg=words) as refused:
                 kdr3.fit(formula, {**data, **change}, **given)
@@ -494,13 +501,29 @@ class Calls(unittest.TestCase):
         with self.assertRaisesRegex(kdr3.KDR3Error, "no column ses"):
             m.predict({"school": data["school"]})
         for call in (lambda: m.conf_int(5), lambda: m.conf_int(float("nan")), lambda: m.wald_test([[0, 0]]),
-                     lambda: m.wald_test([[1, 1e9], [2, 2e9]]), lambda: kdr3.anova(3, m), lambda: kdr3.load(TREE / "README.md"),
+                     lambda: m.wald_test([[1, 1e9], [2, 2e9]]), lambda: m.wald_test("year = 0"), lambda: m.conf_int("5"),
+                     lambda: m.tidy(effects="fixd"), lambda: m.bootstrap(3, seed="x"), lambda: kdr3.anova(3, m), lambda: kdr3.load(TREE / "README.md"),
                      lambda: m.predict({name: values[:0] for name, values in data.items()})):
             with self.assertRaises(kdr3.KDR3Error):
                 call()
         with self.assertRaises(TypeError):
             kdr3.fit(LINEAR, 7)
         self.assertTrue(kdr3.fit(LINEAR, data).converged)
+
+    def test_told_by_settings(self):
+        """Names of keywords go without regard to case, and a result says what it is of."""
+        data = growth()
+        m = kdr3.fit("score ~ year + (1 | school)", data, settings={"reml": 1})
+        self.assertEqual((m.reml, m.llf), (True, kdr3.fit("score ~ year + (1 | school)", data, reml=True).llf))
+        m = kdr3.fit("passed ~ year + (1 | school)", data, family="binomial", engine="pql", settings={"agq": 7})
+        self.assertEqual(m.engine, "quadrature")
+        self.assertEqual(m.aic, -2 * m.llf + 2 * m.df_model)
+        coded = {**data, "ses": np.where(np.isnan(data["ses"]) | (np.arange(len(data["ses"])) % 9 == 0), -99, data["ses"])}
+        m = kdr3.fit("score ~ ses + (1 | school)", coded, missing=-99)
+        self.assertEqual(m.nobs, kdr3.fit("score ~ ses + (1 | school)", {**coded, "ses": np.where(coded["ses"] == -99, np.nan, coded["ses"])}).nobs)
+        self.assertTrue(np.isnan(np.asarray(m.predict(coded))[0]))
+        with self.assertRaises(ZeroDivisionError):
+            kdr3.fit("score ~ ses + (1 | school)", data, progress=lambda sentence: 1 / 0)
 
     def test_separation_names_its_effect(self):
         x = np.random.default_rng(1).normal(size=60)
