@@ -83,16 +83,31 @@ def run(formula: Formula, flag, progress: Callable[[str], None] | None = None) -
     """The result of a fit of the formula's model. The thread keeps all handles that the fit uses."""
     observer = lib.Observer(size=ctypes.sizeof(lib.Observer))
     observer.state, observer.abandon = ctypes.addressof(flag), lib.RAISED
-    callback = lib.PROGRESS(lambda state, sentence: progress(sentence.decode())) if progress else lib.PROGRESS()
-    observer.progress = callback
+    raised: list[BaseException] = []
+
+    def tell(_, sentence: bytes) -> None:
+        try:
+            progress(sentence.decode())
+        except BaseException as error:  # C is no place for it: the fit ends early, and it is raised behind it
+            raised.append(error)
+            flag.value = 1
+
+    if progress is not None:
+        if not callable(progress):
+            raise lib.KDR3Error(f"progress is a function of a sentence, not {type(progress).__name__}.")
+        observer.progress = lib.PROGRESS(tell)
     result = lib.Handle(library.kdr3_result_free)
-    lib.check(library.kdr3_fit(library.kdr3_formula_model(formula.pointer), ctypes.byref(observer), ctypes.byref(result.pointer)))
+    status = library.kdr3_fit(library.kdr3_formula_model(formula.pointer), ctypes.byref(observer), ctypes.byref(result.pointer))
+    if raised:
+        raise raised[0]
+    lib.check(status)
     return result
 
 
 def fit(formula: str, data: Any, *, family: str = "gaussian", engine: str | None = None, points: int | str | None = None,
         trials: str | None = None, exposure: str | None = None, offset: Any = None, weights1: Any = None,
-        weights2: Any = None, weights3: Any = None, reml: bool = False, ddf: str | None = None, threads: int = 0,
+        weights2: Any = None, weights3: Any = None, missing: float | Sequence[float] = (), reml: bool = False,
+        ddf: str | None = None, threads: int = 0,
         settings: Mapping[str, float] | None = None, start: Results | None = None,
         progress: Callable[[str], None] | None = None):
     """Fits a mixed model of two or three levels.
@@ -101,7 +116,7 @@ def fit(formula: str, data: Any, *, family: str = "gaussian", engine: str | None
     ----------
     formula : str
         In the language of the program, which is that of lme4: ``"score ~ year + (year | school/pupil)"``.
-    data : pandas, polars or pyarrow frame, or mapping of arrays of one dimension
+    data : pandas, polars or pyarrow frame, structured array, or mapping of arrays or lists of one dimension
         A row for each record. Texts and categories are factors, the first value the reference; NaN, None and masked
         values are missing, and records with one are left out with a warning. A list of such tables is a set of
         imputed data: the result is pooled by Rubin's rules (:class:`kdr3.Pooled`).
@@ -113,7 +128,10 @@ def fit(formula: str, data: Any, *, family: str = "gaussian", engine: str | None
     trials, exposure : str, optional
         Columns of a binomial outcome's trials and of the exposure of counts.
     offset, weights1, weights2, weights3 : str or array, optional
-        An offset, and design weights of the levels: a column, or an array [rows].
+        An offset (of normal outcomes and counts), and design weights of the levels: a column, or an array [rows].
+        Rows are matched by their places: a Series has to have the row labels of the frame.
+    missing : number or sequence of numbers, optional
+        Numbers that stand for missing values in every column of numbers, as -9; NaN, None and masks do so anyhow.
     reml : bool
         Restricted maximum likelihood, of a normal outcome; maximum likelihood otherwise.
     ddf : {"counts", "satterthwaite", "kenward-roger"}, optional
@@ -125,7 +143,7 @@ def fit(formula: str, data: Any, *, family: str = "gaussian", engine: str | None
     start : Results, optional
         A fit of the same model to nearly the same data, whose estimates this one starts from (normal outcomes).
     progress : callable, optional
-        Called with a sentence now and then, in the thread that fits.
+        Called with a sentence now and then, in the thread that fits. What it raises ends the fit, and is raised here.
 
     Returns
     -------
@@ -143,7 +161,7 @@ def fit(formula: str, data: Any, *, family: str = "gaussian", engine: str | None
     Estimation: https://en.wikipedia.org/wiki/Mixed_model; derivations with their sources in docs/numerics.md.
     """
     arguments = dict(family=family, engine=engine, points=points, trials=trials, exposure=exposure, offset=offset,
-                     weights1=weights1, weights2=weights2, weights3=weights3, reml=reml, ddf=ddf, threads=threads,
+                     weights1=weights1, weights2=weights2, weights3=weights3, missing=missing, reml=reml, ddf=ddf, threads=threads,
                      settings=settings, start=start, progress=progress)
     if isinstance(data, Sequence) and not isinstance(data, (str, bytes)) and not hasattr(data, "columns"):
         from .pooled import Pooled
@@ -173,16 +191,28 @@ def estimate(formula: str, data: Any, arguments: Mapping[str, Any]):
             value = f"({name})"
         options[name] = value
     named = Formula(formula).words(lib.COLUMNS) + [v for k, v in options.items() if v and k not in ("family", "engine", "points")]
-    fields = data if isinstance(data, Fields) else Fields(data, named, extra)
+    codes = codesof(arguments["missing"])
+    fields = data if isinstance(data, Fields) else Fields(data, named, extra, codes)
     handle = Formula(formula, fields, options)
-    made = {"formula": formula, "options": options,
-            "settings": settingsof(arguments), "threads": int(arguments["threads"])}
+    settings = settingsof(arguments)
+    threads = lib.whole("threads", settings.pop("THREADS", arguments["threads"]))
+    made = {"formula": formula, "options": options, "missing": codes, "settings": settings, "threads": threads}
     setmodel(handle, made)
     start = arguments["start"]
     if start is not None:
+        if not isinstance(start, Results):
+            raise lib.KDR3Error(f"start is the result of a fit, not {type(start).__name__}.")
         start._start(handle)
     result = interruptible(lambda flag: run(handle, flag, arguments["progress"]))
     return handle, result, made
+
+
+def codesof(missing: Any) -> list[float]:
+    """The codes of missing values: numbers."""
+    try:
+        return [float(code) for code in (missing if np.iterable(missing) and not isinstance(missing, str) else [missing])]
+    except (TypeError, ValueError):
+        raise lib.KDR3Error(f"missing is a number, or several. It cannot be {missing!r}.") from None
 
 
 def settingsof(arguments: Mapping[str, Any]) -> dict[str, float]:
@@ -195,8 +225,10 @@ def settingsof(arguments: Mapping[str, Any]) -> dict[str, float]:
         if str(ddf).lower() not in DEGREES:
             raise lib.KDR3Error(f"ddf is counts, satterthwaite or kenward-roger. It cannot be {ddf}.")
         settings["DDF"] = DEGREES[str(ddf).lower()]
-    settings.update(arguments["settings"] or {})
-    return settings
+    given = arguments["settings"] or {}
+    if not isinstance(given, Mapping):
+        raise lib.KDR3Error(f'settings are names with numbers, as {{"NUMIT": 1000}}. They cannot be {given!r}.')
+    return {**settings, **{str(name).upper(): value for name, value in given.items()}}
 
 
 def setmodel(handle: Formula, made: Mapping[str, Any]) -> None:

@@ -63,6 +63,14 @@ def matrix(values, rows, columns):
     return np.asarray(values)
 
 
+def beside(parts: Mapping[str, Any]):
+    """Series, or matrices of the same rows, under a name each."""
+    if not haspandas():
+        return Frame({name: np.asarray(part) for name, part in parts.items()})
+    import pandas
+    return pandas.concat(dict(parts), axis=1)
+
+
 def shown(value: Any, digits: int = 4) -> str:
     if value is None or value == "" or (isinstance(value, float) and np.isnan(value)):
         return ""

@@ -2,6 +2,7 @@
 from __future__ import annotations
 
 import ctypes
+import operator
 import os
 import pathlib
 import re
@@ -47,6 +48,22 @@ class Summary(Structure):
     _fields_ = [("size", c_size_t), ("converged", c_int), ("iterations", c_int)] + [
         (name, c_size_t) for name in ("records", "units2", "units3", "fixedeffects", "random2", "random3", "parameters")] + [
         ("loglikelihood", c_double), ("sigma2", c_double)]
+
+
+def _addresses(*names: str) -> list:
+    return [(name, c_void_p) for name in names]
+
+
+class Fitted(Structure):
+    _fields_ = [("size", c_size_t), ("family", c_int), ("categories", c_int), ("fixedeffects", c_size_t), ("random2", c_size_t),
+                ("random3", c_size_t), *_addresses("fixed", "taupi", "taubeta"), ("sigma2", c_double),
+                *_addresses("covariance", "joint"), ("units2", c_size_t), ("units3", c_size_t),
+                *_addresses("level2", "level3", "variances2", "variances3", "covariances")]
+
+
+class Rows(Structure):
+    _fields_ = [("size", c_size_t), ("records", c_size_t),
+                *_addresses("fixed", "random2", "random3", "offset", "unit2", "unit3", "outcome", "counts")]
 
 
 def _places():
@@ -106,6 +123,9 @@ def _declare(library: ctypes.CDLL) -> ctypes.CDLL:
         "kdr3_result_variances": (c_int, handle, c_void_p, c_void_p, c_void_p, c_void_p, doubles),
         "kdr3_result_effects": (c_int, handle, c_void_p, c_void_p),
         "kdr3_result_effectvariances": (c_int, handle, c_void_p, c_void_p),
+        "kdr3_result_effectcovariances": (c_int, handle, c_void_p),
+        "kdr3_result_joint": (c_int, handle, c_void_p),
+        "kdr3_predict": (c_int, POINTER(Fitted), POINTER(Rows), POINTER(Rows), c_int, c_void_p, c_void_p),
         "kdr3_result_replicates": (c_int, handle, sizes, sizes, c_void_p),
         "kdr3_result_document": (c_char_p, handle, c_int),
         "kdr3_result_warning": (c_char_p, handle, c_size_t),
@@ -122,15 +142,20 @@ library = _declare(_open())
 RAISED = ctypes.cast(library.kdr3_raised, c_void_p).value  # a stop function whose state is an int
 
 
-# Options of the command line in its sentences: the arguments of the same names.
-OPTION = re.compile(r"(?:(?<=\s)|^)-(family|engine|points|trials|exposure|offset|weights[123]|cases)\b")
+# Options of the command line and keywords of its files, in its sentences: the arguments here.
+OPTION = re.compile(r"(?:(?<=\s)|^)-(family|engine|points|trials|exposure|offset|weights[123]|missing|cases)\b")
 WORDS = {"cases": "cases=True"}
+KEYWORD = re.compile(r"\b(LIKELIHOOD:REML|DDF:KENWARDROGER|DDF:|ROBUST:CR2|PROFILE:|AGQDERIVLEVEL:1|AGQNODES:FIXED|FIXSIGMA2:1\.0)")
+ARGUMENTS = {"LIKELIHOOD:REML": "reml=True", "DDF:KENWARDROGER": 'ddf="kenward-roger"', "DDF:": "ddf", "ROBUST:CR2": "the setting CR2",
+             "PROFILE:": "the setting PROFILE", "AGQDERIVLEVEL:1": "the setting AGQDERIVLEVEL", "AGQNODES:FIXED": "the setting AGQNODESFIXED",
+             "FIXSIGMA2:1.0": "the setting FIXSIGMA2 at 1"}
 
 
 def check(status: int) -> None:
     """Raises what a call was refused with."""
     if status == ERROR:
         sentence, *place = library.kdr3_message().decode("utf-8", "replace").split("\n", 1)
+        sentence = KEYWORD.sub(lambda found: ARGUMENTS[found[1]], sentence)
         raise KDR3Error("\n".join([OPTION.sub(lambda found: WORDS.get(found[1], found[1]), sentence), *place]))
 
 
@@ -138,7 +163,18 @@ def encoded(text: str) -> bytes:
     """A text as the library takes it, which ends at a NUL."""
     if "\0" in text:
         raise KDR3Error(f"A NUL character stands in {text!r}.")
-    return text.encode()
+    try:
+        return text.encode()
+    except UnicodeEncodeError:
+        raise KDR3Error(f"A character that is no Unicode stands in {text!r}.") from None
+
+
+def whole(name: str, value) -> int:
+    """An argument that is a whole number."""
+    try:
+        return operator.index(value)
+    except TypeError:
+        raise KDR3Error(f"{name} is a whole number. It cannot be {value!r}.") from None
 
 
 def texts(function, handle, *first) -> list[str]:

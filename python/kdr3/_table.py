@@ -1,15 +1,29 @@
-"""Tables of any kind as columns of the C interface: pandas, polars and pyarrow frames, and mappings of arrays."""
+"""Tables of any kind as columns of the C interface: pandas, polars and pyarrow frames, what has the interchange protocol
+__dataframe__, and mappings of arrays."""
 from __future__ import annotations
 
 import ctypes
+import datetime
+import decimal
 import numbers
-from typing import Any, Mapping
+from typing import Any, Mapping, Sequence
 
 import numpy as np
 
 from . import _library as lib
 
 EXACT = 2**53  # whole numbers up to here are doubles
+
+
+def asframe(data: Any) -> Any:
+    """A table as one of those whose columns are taken by their names."""
+    if isinstance(data, (Mapping, np.ndarray)) or hasattr(data, "columns") or not hasattr(data, "__dataframe__"):
+        return data
+    try:
+        from pandas.api.interchange import from_dataframe
+    except ImportError:
+        raise TypeError(f"{type(data).__name__} has the protocol __dataframe__, which takes pandas 1.5 or later to read.") from None
+    return from_dataframe(data)
 
 
 def names(data: Any) -> list[str]:
@@ -64,29 +78,46 @@ def _codes(name: str, labels, codes, ordered: bool) -> Column:
     return Column(name, np.ascontiguousarray(codes, dtype=np.int32), None, [str(label) for label in labels], ordered)
 
 
-def _texts(name: str, values: np.ndarray) -> Column:
-    """Texts, and whatever else is an object: numbers as numbers, truths as a factor."""
+def _decoded(name: str, row: int, value: bytes) -> str:
+    try:
+        return value.decode()
+    except UnicodeDecodeError:
+        raise lib.KDR3Error(f"The column {name} holds bytes in record {row + 1} that are no UTF-8: {value!r}.") from None
+
+
+def _nodates(name: str, what: str) -> lib.KDR3Error:
+    return lib.KDR3Error(f"The column {name} holds {what}: make a number of dates and times, as the years since the first one.")
+
+
+def _objects(name: str, values: np.ndarray) -> Column:
+    """Texts (bytes are texts in UTF-8), numbers, or truths, which are a factor."""
     known: dict[str, int] = {}
     codes = np.empty(len(values), dtype=np.int32)
-    count, odd = 0, None
+    first: dict[str, tuple[int, Any]] = {}  # where each kind of value stands first
+    whole = True
     for i, value in enumerate(values):
         if value is None or type(value).__name__ in ("NAType", "NaTType") or value != value:
             codes[i] = -1
             continue
-        if not isinstance(value, str):
-            count, odd = count + 1, (i, value) if odd is None else odd
+        if isinstance(value, bytes):
+            value = _decoded(name, i, value)
+        kind = ("text" if isinstance(value, str) else "truth" if isinstance(value, (bool, np.bool_))
+                else "number" if isinstance(value, (numbers.Real, decimal.Decimal)) else "other")
+        first.setdefault(kind, (i, value))
+        whole = whole and (kind != "number" or isinstance(value, numbers.Integral))
         codes[i] = known.setdefault(str(value), len(known))
-    present = int((codes >= 0).sum())
-    if count == present and present > 0:
-        if all(isinstance(v, (bool, np.bool_)) for v, code in zip(values, codes) if code >= 0):
-            return _codes(name, ["FALSE", "TRUE"], [-1 if c < 0 else int(bool(v)) for v, c in zip(values, codes)], True)
-        if all(isinstance(v, numbers.Real) for v, code in zip(values, codes) if code >= 0):
-            return Column(name, np.array([np.nan if c < 0 else float(v) for v, c in zip(values, codes)]))
-        row, value = odd
+    if "other" in first:
+        row, value = first["other"]
+        if isinstance(value, (datetime.date, datetime.time, datetime.timedelta, np.datetime64, np.timedelta64)):
+            raise _nodates(name, f"a {type(value).__name__} in record {row + 1}")
         raise lib.KDR3Error(f"The column {name} holds {type(value).__name__} in record {row + 1}, neither a number nor a text.")
-    if count > 0:
-        row, value = odd
-        raise lib.KDR3Error(f"The column {name} holds texts and other values: {value!r} in record {row + 1} is no text.")
+    if len(first) > 1:
+        (kind, _), (other, (row, value)) = sorted(first.items(), key=lambda item: item[1][0])[:2]
+        raise lib.KDR3Error(f"The column {name} holds {kind}s and other values: {value!r} in record {row + 1} is no {kind}.")
+    if "truth" in first:
+        return _codes(name, ["FALSE", "TRUE"], [-1 if c < 0 else int(bool(v)) for v, c in zip(values, codes)], True)
+    if "number" in first and not (whole and any(abs(int(value)) > EXACT for value in known)):
+        return Column(name, np.array([np.nan if c < 0 else float(v) for v, c in zip(values, codes)]))
     return _codes(name, known, codes, False)
 
 
@@ -102,70 +133,128 @@ def _array(name: str, values: np.ndarray) -> Column:
         if missing is not None:
             codes[missing] = -1
         return _codes(name, ["FALSE", "TRUE"], codes, True)
-    if kind in "OUST":
-        column = _texts(name, values.astype(object))
-        if missing is not None:
-            column.values = column.values.astype(np.float64) if column.labels is None else column.values
-            column.missing = missing
-        return column
+    large = kind in "iu" and len(values) and (int(values.max()) > EXACT or int(values.min()) < -EXACT)
+    if kind in "OUST" or large:  # IDs that doubles would make one of are texts
+        texts = np.array([str(v) for v in values], dtype=object) if large else values.astype(object)
+        return _objects(name, texts if missing is None else np.where(missing, None, texts))
     if kind in "iu":
-        if len(values) and (int(values.max()) > EXACT or int(values.min()) < -EXACT):
-            return _texts(name, np.array([str(v) for v in values], dtype=object))
         small = values.dtype.itemsize < 4 or values.dtype == np.dtype("i4")
         return Column(name, values.astype(np.int32 if small else np.int64, copy=False), missing)
     if kind == "f":
         single = values.dtype == np.dtype("f4")
         return Column(name, values.astype(np.float32 if single else np.float64, copy=False), missing)
+    if kind in "Mm":
+        raise _nodates(name, str(values.dtype))
     raise lib.KDR3Error(f"The column {name} holds {values.dtype}, which is neither numbers nor texts.")
 
 
-def column(data: Any, name: str) -> Column:
-    """The column of that name."""
+def _pandas(name: str, values: Any) -> Column:
+    """A column of a type of pandas' own."""
+    kind = getattr(values.dtype, "kind", "O")
+    if kind in "mM" or type(values.dtype).__name__ == "PeriodDtype":
+        raise _nodates(name, str(values.dtype))
+    missing = values.isna().to_numpy(dtype=bool)
+    if kind in "iu":
+        return _array(name, np.ma.array(values.to_numpy(dtype=f"{kind}8", na_value=0), mask=missing))
+    if kind == "f":
+        return _array(name, values.to_numpy(dtype=np.float64, na_value=np.nan))
+    if kind == "b":
+        return _codes(name, ["FALSE", "TRUE"], np.where(missing, -1, values.to_numpy(dtype=bool, na_value=False)), True)
+    return _array(name, np.asarray(values, dtype=object))
+
+
+def _polars(name: str, values: Any) -> Column:
+    """A column of polars, which tells missing values by is_null()."""
+    kind, missing = str(values.dtype), np.asarray(values.is_null().to_numpy(), dtype=bool)
+    if kind.startswith(("Categorical", "Enum")):
+        labels = [str(label) for label in values.cat.get_categories().to_list()]
+        place = {label: i for i, label in enumerate(labels)}
+        return _codes(name, labels, [-1 if lost else place[text] for text, lost in zip(values.cast(str).to_list(), missing)], True)
+    if kind.startswith(("Int", "UInt")):
+        return _array(name, np.ma.array(np.asarray(values.fill_null(0).to_numpy()), mask=missing))
+    return _array(name, np.asarray(values.to_numpy()))
+
+
+def _arrow(name: str, values: Any) -> Column:
+    """A column of pyarrow, in one piece."""
+    values = values.combine_chunks()
+    if hasattr(values, "chunks"):
+        values = values.chunk(0) if values.num_chunks else values
+    if hasattr(values, "dictionary"):
+        return _codes(name, values.dictionary.to_pylist(), values.indices.fill_null(-1).to_numpy(zero_copy_only=False), True)
+    if str(values.type).startswith(("int", "uint")):
+        missing = values.is_null().to_numpy(zero_copy_only=False)
+        return _array(name, np.ma.array(values.fill_null(0).to_numpy(zero_copy_only=False), mask=missing))
+    return _array(name, values.to_numpy(zero_copy_only=False))
+
+
+def named(data: Any, name: str) -> Any:
+    """The column of that name as the table has it."""
     try:
-        values = data[name]
+        return data[name]
     except (KeyError, IndexError, TypeError):
-        values = next((data[other] for other in (data.columns if hasattr(data, "columns") else data) if str(other) == name))
-    dtype = getattr(values, "dtype", None)
-    if hasattr(values, "cat") and hasattr(values, "to_numpy") and hasattr(values.cat, "categories"):  # pandas
+        return next((data[other] for other in (data.columns if hasattr(data, "columns") else data) if str(other) == name))
+
+
+def column(name: str, values: Any) -> Column:
+    """A column of any kind."""
+    if hasattr(values, "combine_chunks"):
+        return _arrow(name, values)
+    if hasattr(values, "is_null") and hasattr(values, "to_physical"):
+        return _polars(name, values)
+    if hasattr(values, "cat") and hasattr(values, "to_numpy") and hasattr(values.cat, "categories"):
         return _codes(name, values.cat.categories, values.cat.codes.to_numpy(), True)
-    if hasattr(values, "cat") and hasattr(values, "to_physical") and str(dtype) in ("Categorical", "Enum"):  # polars
-        codes = values.to_physical().fill_null(-1) if str(dtype) != "Enum" else values.to_physical().cast(int).fill_null(-1)
-        return _codes(name, values.cat.get_categories().to_list(), codes.to_numpy(), True)
-    if hasattr(values, "combine_chunks"):  # pyarrow
-        values = values.combine_chunks()
-        if hasattr(values, "chunks"):
-            values = values.chunk(0) if values.num_chunks else values
-        if hasattr(values, "dictionary"):
-            return _codes(name, values.dictionary.to_pylist(), values.indices.fill_null(-1).to_numpy(zero_copy_only=False), True)
-        return _array(name, values.to_numpy(zero_copy_only=False))
     if hasattr(values, "to_numpy"):
-        if dtype is not None and not isinstance(dtype, np.dtype) and hasattr(values, "isna"):  # pandas' own types
-            if hasattr(dtype, "kind") and dtype.kind in "iufb" and str(dtype) not in ("string", "category"):
-                if dtype.kind == "b":
-                    return _codes(name, ["FALSE", "TRUE"], values.astype("Int8").fillna(-1).to_numpy(dtype=np.int32), True)
-                return _array(name, values.to_numpy(dtype=np.float64, na_value=np.nan))
-            return _array(name, np.asarray(values, dtype=object))
-        return _array(name, np.ma.asanyarray(values.to_numpy()) if isinstance(values, np.ma.MaskedArray) else np.asarray(values.to_numpy()))
+        if not isinstance(getattr(values, "dtype", None), (np.dtype, type(None))) and hasattr(values, "isna"):
+            return _pandas(name, values)
+        values = values.to_numpy()
     return _array(name, values if isinstance(values, np.ndarray) else np.asarray(values))
+
+
+def _checklabels(data: Any, wanted: list[str], extra: Mapping[str, Any]) -> None:
+    """Rows are matched by their places: Series beside a frame, or in a mapping, have to have the same labels in the same
+    order."""
+    series = [(name, data[name]) for name in wanted if name in data] if isinstance(data, Mapping) else []
+    labels, of = index(data), "the table"
+    for name, values in [*series, *((name.strip("()"), values) for name, values in extra.items())]:
+        own = index(values)
+        if own is None:
+            continue
+        if labels is None:
+            labels, of = own, name
+        elif len(own) == len(labels) and not own.equals(labels):
+            raise lib.KDR3Error(f"{name} has other row labels than {of}, or in another order: reindex it, or hand in its values alone.")
 
 
 class Fields:
     """The columns of a table as an array of fields: those of `wanted` with their values, of the others the names alone.
 
-    A name is wanted with its case, or without it.
+    A name is wanted with its case, or without it. `codes`: numbers that stand for missing values.
     """
 
-    def __init__(self, data: Any, wanted: list[str], extra: Mapping[str, Any] | None = None):
+    def __init__(self, data: Any, wanted: list[str], extra: Mapping[str, Any] | None = None, codes: Sequence[float] = ()):
+        data, extra = asframe(data), extra or {}
         all_names = names(data)
         fold = {name.lower() for name in wanted}
-        self.columns: dict[str, Column] = {name: column(data, name) for name in all_names if name.lower() in fold}
-        for name, values in (extra or {}).items():
-            self.columns[name] = _array(name, np.asarray(values))
-        lengths = {name: len(one.values) for name, one in self.columns.items()}
+        for name in all_names:
+            if name.lower() in fold and all_names.count(name) > 1:
+                raise lib.KDR3Error(f"The table has {all_names.count(name)} columns {name}.")
+        self.columns: dict[str, Column] = {name: column(name, named(data, name)) for name in all_names
+                                           if name.lower() in fold}
+        for name, values in extra.items():
+            self.columns[name] = column(name.strip("()"), values)
+            self.columns[name].name = name
+        for one in self.columns.values():
+            if one.labels is None and codes:
+                lost = np.isin(one.values, codes)
+                one.missing = lost if one.missing is None else lost | one.missing
+        lengths = {name.strip("()"): len(one.values) for name, one in self.columns.items()}
         if len(set(lengths.values())) > 1:
             raise lib.KDR3Error("The columns differ in length: " + ", ".join(f"{n} has {k}" for n, k in lengths.items()) + ".")
-        self.rows = next(iter(lengths.values()), 0)
+        _checklabels(data, list(self.columns), extra)
         self.index = index(data)
+        # of a table without any of these columns the library says which it lacks
+        self.rows, *_ = list(lengths.values()) or [len(named(data, name)) for name in all_names[:1]] or [0]
         self._make(all_names)
 
     def _make(self, all_names: list[str]) -> None:

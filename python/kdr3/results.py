@@ -5,6 +5,7 @@ import ctypes
 import html
 import json
 import math
+import numbers
 import zipfile
 from functools import cached_property
 from typing import Any, Mapping, Sequence
@@ -12,17 +13,22 @@ from typing import Any, Mapping, Sequence
 import numpy as np
 
 from . import _library as lib
-from ._frames import frame, matrix, series, shown, table
+from . import _predict
+from ._frames import beside, frame, matrix, series, shown, table
 from ._library import library
 from ._table import Fields
 
 PHASES = {"": "final", "quadrature": "quadrature", "laplace6": "laplace6", "pql": "pql"}
 
 
+def _checkalpha(alpha: Any) -> None:
+    if not isinstance(alpha, numbers.Real) or not 0 < alpha < 1:
+        raise lib.KDR3Error(f"alpha is between 0 and 1. It cannot be {alpha!r}.")
+
+
 def tquantile(p: float, df: float) -> float:
     """The two-sided point of Student's t: the value beyond which a share p lies, on both sides together."""
-    if not 0 < p < 1:
-        raise lib.KDR3Error(f"alpha is between 0 and 1. It cannot be {p}.")
+    _checkalpha(p)
     low, high = 0.0, 1.0
     while lib.pvalue(lib.T, high, df) > p:
         high *= 2.0
@@ -41,24 +47,6 @@ def tquantile(p: float, df: float) -> float:
 
 def logistic(x: np.ndarray) -> np.ndarray:
     return np.where(x >= 0, 1.0 / (1.0 + np.exp(-np.abs(x))), np.exp(-np.abs(x)) / (1.0 + np.exp(-np.abs(x))))
-
-
-def _averaged(eta: np.ndarray, sd: np.ndarray) -> np.ndarray:
-    """E logistic(eta + sd z) of a standard normal z, by the trapezoidal rule.
-
-    Its error is exp(-2 pi d / h) with the distance d = pi / sd of the nearest pole and the step h: below rounding by
-    h = 0.5 / sd. Rows are taken in parts, which bounds the memory.
-    """
-    step = min(0.2, 0.5 / max(float(sd.max(initial=0.0)), 1e-3))
-    z = np.arange(-9.0, 9.0 + step, step)
-    weights = np.exp(-0.5 * z * z)
-    weights /= weights.sum()
-    made = np.empty(len(eta))
-    part = max(1, 2_000_000 // len(z))
-    for at in range(0, len(eta), part):
-        rows = slice(at, at + part)
-        made[rows] = logistic(eta[rows, None] + sd[rows, None] * z) @ weights
-    return made
 
 
 class Results:
@@ -90,8 +78,8 @@ class Results:
             sets = len(self._names) // max(1, len(words[lib.EFFECTS]))
             self._random = [[f"{name}[{s + 1}]" for s in range(sets) for name in names] for names in self._random]
         phases = {one["phase"]: one for one in self.document["phases"]}
-        if self.engine in ("quadrature", "laplace6") and self.engine not in phases:
-            self.engine = "pql"  # it failed, as a warning says
+        if self.engine:  # that of the result, whatever was asked for: one that failed is told in a warning
+            self.engine = next((name for name in ("quadrature", "laplace6") if name in phases), "pql")
         self._phase = phases.get(PHASES[self.engine], self.document["phases"][-1])
         self.converged: bool = bool(state["converged"])
         self.nobs: int = int(state["records"])
@@ -261,13 +249,6 @@ class Results:
     def _fields(self) -> Fields:
         return self._handle().fields
 
-    def _in_rows(self, values: np.ndarray):
-        """Values in the order of units as a series in the order of the table."""
-        order = np.argsort(self._state["rows"], kind="stable")
-        rows = self._state["rows"][order]
-        index = self._fields().index
-        return series(values[order], rows if index is None else index[rows])
-
     def _matrix(self, part: int, columns: int, fields: Fields | None = None) -> np.ndarray:
         return self._handle().matrix(part, columns, self.nobs if fields is None else fields.rows, fields)
 
@@ -278,51 +259,69 @@ class Results:
         lib.check(library.kdr3_formula_outcome(self._handle().pointer, *[one.ctypes.data for one in made]))
         return made[0], made[1], made[2]
 
-    def _single(self, what: str) -> None:
-        if self.family in ("ordinal", "multinomial"):
-            raise lib.KDR3Error(f"An outcome with categories has no {what} in this package.")
-
     def _mean(self, eta: np.ndarray) -> np.ndarray:
         if self.family == "binomial":
             return logistic(eta)
         return np.exp(eta) if self.family == "poisson" else eta
 
     @cached_property
-    def _eta(self) -> np.ndarray:
-        self._single("linear predictor")
-        eta = self._matrix(lib.EFFECTS, len(self._names)) @ self._state["estimates"] + self._matrix(lib.OFFSETS, 1)[:, 0]
+    def _fitted(self) -> np.ndarray:
+        """[n, 1], or of categories [n, C], in the order of units."""
+        self._whole()
+        return _predict.predicted(self, _predict.UNITRESPONSE, _predict.rows(self))[0]
+
+    def _whole(self) -> None:
         for level, names in enumerate(self._random, 2):
             if names:
-                Z = self._matrix(lib.RANDOM2 if level == 2 else lib.RANDOM3, len(names))
-                eta = eta + np.einsum("ij,ij->i", Z, self._effects(level)[self._state[f"unit{level}"]])
-        return eta
+                self._effects(level)
+
+    def _shaped(self, values: np.ndarray, index, names: Sequence[str]):
+        """[rows, k] as a series, of categories as a matrix with their names."""
+        return matrix(values, index, names) if self.categories else series(values[:, 0], index)
+
+    def _in_rows(self, values: np.ndarray, names: Sequence[str] = ()):
+        """[n, k] in the order of units, handed out in the order of the table, by its index."""
+        order = np.argsort(self._state["rows"], kind="stable")
+        rows, index = self._state["rows"][order], self._fields().index
+        return self._shaped(values[order], rows if index is None else index[rows], names)
 
     @property
     def fittedvalues(self):
         """[n] the mean of each record given the predicted random effects, in the order of the table: of a binomial
-        outcome the probability, of counts the expected count."""
-        return self._in_rows(self._fitted())
-
-    def _fitted(self) -> np.ndarray:
-        return self._mean(self._eta)
+        outcome the probability, of counts the expected count; of C categories [n, C], the probability of each."""
+        return self._in_rows(self._fitted, self.categories)
 
     @property
     def resid(self):
-        """[n] the outcome less fittedvalues; of a binomial one its share."""
+        """[n] the outcome less fittedvalues; of a binomial one its share, of categories [n, C] their indicators."""
         return self.residuals("response")
 
     def residuals(self, kind: str = "response"):
-        """[n] residuals: "response", or "pearson", which are over the standard deviation of the outcome given its mean."""
+        """[n] residuals: "response", or "pearson", which are over the standard deviation of the outcome given its mean.
+        Of C categories [n, C], those of the indicator of each one: 0 and 1 less the probability p, over the root of
+        p (1 - p)."""
         if kind not in ("response", "pearson"):
             raise lib.KDR3Error(f"Residuals are response or pearson. They cannot be {kind}.")
-        fitted, (y, count, _) = self._fitted(), self._outcome
-        if self.family == "binomial":
-            y = y / count
-            variance = fitted * (1 - fitted) / count
+        fitted, (y, count, _) = self._fitted, self._outcome
+        if self.categories:
+            y = (np.unique(y, return_inverse=True)[1][:, None] == np.arange(len(self.categories))).astype(float)
+            variance = fitted * (1 - fitted)
         else:
-            variance = fitted if self.family == "poisson" else np.full(len(y), self.scale)
+            y, count = y[:, None], count[:, None]
+            if self.family == "binomial":
+                y = y / count
+                variance = fitted * (1 - fitted) / count
+            else:
+                variance = fitted if self.family == "poisson" else np.full(y.shape, self.scale)
         left = y - fitted
-        return self._in_rows(left / np.sqrt(variance) if kind == "pearson" else left)
+        return self._in_rows(left / np.sqrt(variance) if kind == "pearson" else left, self.categories)
+
+    @property
+    def categories(self) -> list[str]:
+        """[C] names of the categories of an ordinal or multinomial outcome, in their order; none of another one."""
+        if self.family not in ("ordinal", "multinomial"):
+            return []
+        return self.levels or [str(value) for value in self.document["model"]["categories"]]
 
     def predict(self, data: Any = None, kind: str = "response", effects: str = "unit", se: bool = False):
         """Predictions for the rows of a table, or for the records of the fit.
@@ -331,57 +330,60 @@ class Results:
         ----------
         data : table with the columns of the formula, optional
             Factors, scales and polynomials are those of the data that were fitted. A row with a missing value or an
-            unknown level has no prediction, NaN. A unit that the fit does not know has random effects of 0.
+            unknown level has no prediction, NaN, with a warning.
         kind : {"response", "link"}
+            The mean of the outcome (the probability of a binomial one, the expected count); or the linear predictor.
         effects : {"unit", "fixed", "population"}
-            With the predicted random effects of the units; with random effects of 0; or averaged over their
-            distribution (by the trapezoidal rule to rounding), which of a link other than the identity is not the same.
+            With the predicted random effects of the units, 0 of a unit that the fit does not know; with random effects
+            of 0; or averaged over their distribution (by integration to rounding), which of a link other than the
+            identity is not the same.
         se : bool
-            Also the standard error, of effects="fixed" on the link: a frame of the two.
+            Also standard errors, by the delta method: of the fixed effects, and where the response is averaged after
+            an engine of the variances. Of units they have the error of the predicted random effects in them, and of a
+            new unit the variance of its effects. They are those of the program's -predict. Models with design weights
+            have none of units.
 
         Returns
         -------
-        [rows] of the table, by its index. Offsets and exposure are in it: a table without their columns is refused.
+        [rows] of the table, by its index; with se a frame of "predicted" and "se".
+        Of an outcome with C categories [rows, C] probabilities in columns named as the categories; of kind="link"
+        [rows, C - 1] linear predictors: of a multinomial outcome the logit of each category against the last one, of an
+        ordinal one the logit of that category or a lower one. With se `made["predicted"]` and `made["se"]` are two
+        such. Offsets and exposure are in it: a table without their columns is refused.
+
+        Raises
+        ------
+        KDR3Error
+            A column is missing, the table has no rows, or the model has no such errors.
+
+        Notes
+        -----
+        Derived in docs/numerics.md, "Predictions". Of intervals: value plus and minus the point of t times se, on the
+        scale of the link.
         """
-        self._single("predictions")
-        if kind not in ("response", "link") or effects not in ("unit", "fixed", "population"):
+        if (kind, effects) not in _predict.OF:
             raise lib.KDR3Error("A prediction is response or link, and of effects unit, fixed or population.")
-        if se and (effects != "fixed" or kind != "link"):
-            raise lib.KDR3Error('Standard errors are those of kind="link" and effects="fixed".')
+        if effects == "unit":
+            self._whole()
+            if se and self.weights:
+                raise lib.KDR3Error('Models with design weights have standard errors of effects="fixed" and "population" alone.')
         fields = None if data is None else self._newfields(data, effects == "unit")
-        X = self._matrix(lib.EFFECTS, len(self._names), fields)
-        eta = X @ self._state["estimates"] + self._matrix(lib.OFFSETS, 1, fields)[:, 0]
-        spread = np.zeros(len(eta))
-        for level, names in enumerate(self._random, 2):
-            if not names or effects == "fixed":
-                continue
-            Z = self._matrix(lib.RANDOM2 if level == 2 else lib.RANDOM3, len(names), fields)
-            if effects == "population":
-                spread = spread + np.einsum("ij,jk,ik->i", Z, self._state[f"tau{level}"], Z)
-            else:
-                units = self._state[f"unit{level}"] if fields is None else self._unitsof(fields, level)
-                known = np.vstack([self._effects(level), np.zeros(len(names))])
-                eta = eta + np.einsum("ij,ij->i", Z, known[units])
-        if kind == "link":
-            values = eta
-        elif effects == "population" and self.family != "gaussian":
-            values = np.exp(eta + 0.5 * spread) if self.family == "poisson" else _averaged(eta, np.sqrt(spread))
-        else:
-            values = self._mean(eta)
-        rows = self._in_rows if fields is None else (
-            lambda made: series(made, range(fields.rows) if fields.index is None else fields.index))
-        if lost := int(np.isnan(values).sum()):
+        values, errors = _predict.predicted(self, _predict.OF[kind, effects], _predict.rows(self, fields, effects == "unit"), se)
+        if lost := int(np.isnan(values[:, 0]).sum()):
             lib.tell(f"{lost} of {len(values)} rows have no prediction: a value is missing in them, or a level is not one of the "
                      "data that were fitted.")
-        if not se:
-            return rows(values)
-        errors = np.sqrt(np.einsum("ij,jk,ik->i", X, self._state["covariance"], X))
-        return frame({"predicted": rows(values), "se": rows(errors)})
+        names = self.categories if kind == "response" else self.categories[:-1]
+        if fields is None:
+            shaped = [self._in_rows(one, names) for one in (values, errors) if one is not None]
+        else:
+            index = range(fields.rows) if fields.index is None else fields.index
+            shaped = [self._shaped(one, index, names) for one in (values, errors) if one is not None]
+        return beside({"predicted": shaped[0], "se": shaped[1]}) if se else shaped[0]
 
     def _newfields(self, data: Any, units: bool) -> Fields:
         words = self._state["words"]
         wanted = list(self._fields().columns)
-        fields = Fields(data, wanted)
+        fields = Fields(data, wanted, codes=self._made.get("missing", ()))
         if units:
             lacking = [name for name in dict.fromkeys(words[lib.GROUPS2] + words[lib.GROUPS3]) if name not in fields.columns]
             if lacking:
@@ -404,26 +406,27 @@ class Results:
                          for row in range(fields.rows)])
 
     def simulate(self, nsim: int = 1, seed: int | None = None) -> np.ndarray:
-        """[n, nsim] outcomes drawn from the model, with new random effects, in the order of the table."""
-        self._single("simulation")
+        """[n, nsim] outcomes drawn from the model, with new random effects, in the order of the table; of categories
+        their places in `categories`, from 0."""
+        if lib.whole("nsim", nsim) < 0:
+            raise lib.KDR3Error(f"nsim is a whole number from 0. It cannot be {nsim}.")
         draw = np.random.default_rng(seed)
-        fixed = self._matrix(lib.EFFECTS, len(self._names)) @ self._state["estimates"] + self._matrix(lib.OFFSETS, 1)[:, 0]
+        rows, count = _predict.rows(self), self._outcome[1]
         made = np.empty((self.nobs, nsim))
         for s in range(nsim):
-            eta = fixed.copy()
-            for level, names in enumerate(self._random, 2):
-                if names:
-                    units = self._state[f"unit{level}"]
-                    effects = draw.multivariate_normal(np.zeros(len(names)), self._state[f"tau{level}"], units.max() + 1, method="eigh")
-                    Z = self._matrix(lib.RANDOM2 if level == 2 else lib.RANDOM3, len(names))
-                    eta += np.einsum("ij,ij->i", Z, effects[units])
-            mean, count = self._mean(eta), self._outcome[1]
-            if self.family == "gaussian":
-                made[:, s] = mean + draw.normal(0.0, math.sqrt(self.scale), self.nobs)
+            effects = {level: draw.multivariate_normal(np.zeros(len(self._state[f"tau{level}"])), self._state[f"tau{level}"],
+                                                       int(self._state[f"units{level}"]), method="eigh")
+                       for level, names in enumerate(self._random, 2) if names}
+            mean = _predict.predicted(self, _predict.UNITRESPONSE, rows, effects=effects)[0]
+            if self.categories:
+                reached = np.cumsum(mean, axis=1)[:, :-1]
+                made[:, s] = (draw.random(self.nobs)[:, None] > reached).sum(axis=1)
+            elif self.family == "gaussian":
+                made[:, s] = mean[:, 0] + draw.normal(0.0, math.sqrt(self.scale), self.nobs)
             elif self.family == "poisson":
-                made[:, s] = draw.poisson(mean)
+                made[:, s] = draw.poisson(mean[:, 0])
             else:
-                made[:, s] = draw.binomial(count.astype(np.int64), mean)
+                made[:, s] = draw.binomial(count.astype(np.int64), mean[:, 0])
         return made[np.argsort(self._state["rows"], kind="stable")]
 
     # -- Tables ------------------------------------------------------------------------------------------------------
@@ -431,6 +434,9 @@ class Results:
     def tidy(self, effects: Sequence[str] = ("fixed", "ran_pars"), conf_int: bool = False, alpha: float = 0.05,
              robust: bool = False, exponentiate: bool = False):
         """Estimates as a table with the columns of broom.mixed."""
+        effects = [effects] if isinstance(effects, str) else list(effects)
+        if not effects or not set(effects) <= {"fixed", "ran_pars"}:
+            raise lib.KDR3Error(f"effects are fixed, ran_pars or both. They cannot be {effects}.")
         rows = []
         if "fixed" in effects:
             bounds = np.asarray(self.conf_int(alpha, robust)) if conf_int else np.full((len(self._names), 2), math.nan)
@@ -464,8 +470,11 @@ class Results:
 
     def wald_test(self, contrasts, robust: bool = False) -> dict[str, float]:
         """Whether all rows of contrasts [r, g] are 0: the Wald statistic, r and the p-value of chi-square."""
-        C = np.atleast_2d(np.asarray(contrasts, dtype=float))
-        if C.shape[1] != len(self._names):
+        try:
+            C = np.atleast_2d(np.asarray(contrasts, dtype=float))
+        except (TypeError, ValueError):
+            raise lib.KDR3Error(f"Contrasts are numbers [r, g], one for each fixed effect. They cannot be {contrasts!r}.") from None
+        if C.ndim > 2 or C.shape[1] != len(self._names):
             raise lib.KDR3Error(f"A contrast has {C.shape[1]} numbers, and the model {len(self._names)} fixed effects.")
         scaled = C * self._se()
         lengths = np.linalg.norm(scaled, axis=1)
@@ -510,7 +519,8 @@ class Results:
         setmodel(handle, {**self._made, "threads": threads})
         if self.family == "gaussian":
             self._start(handle)
-        lib.check(library.kdr3_model_bootstrap(library.kdr3_formula_model(handle.pointer), replicates, seed, int(cases)))
+        lib.check(library.kdr3_model_bootstrap(library.kdr3_formula_model(handle.pointer), lib.whole("replicates", replicates),
+                                               lib.whole("seed", seed) % 2**64, int(cases)))
         return Bootstrap(self, handle, interruptible(lambda flag: run(handle, flag)))
 
     def _start(self, handle) -> None:
@@ -562,7 +572,7 @@ class Results:
             ["Random effects", "variance", "SD", "correlations"], random)
 
     def _categories(self) -> str:
-        levels = self.levels or [str(value) for value in self.document["model"]["categories"]]
+        levels = self.categories or self.levels
         if self.family == "ordinal":
             return " < ".join(levels)
         if self.family == "multinomial":
@@ -668,8 +678,7 @@ class Bootstrap:
 
     def conf_int(self, alpha: float = 0.05):
         """[g, 2] percentile intervals of the fixed effects."""
-        if not 0 < alpha < 1:
-            raise lib.KDR3Error(f"alpha is between 0 and 1. It cannot be {alpha}.")
+        _checkalpha(alpha)
         values = np.asarray(self.params)
         values = values[~np.isnan(values[:, 0])]
         n = len(values)
@@ -740,6 +749,14 @@ def _estimates(handle, result) -> dict[str, Any]:
         lib.check(library.kdr3_result_effectvariances(result.pointer, *[a.ctypes.data for a in covariances]))
         for level in (2, 3) if three else (2,):
             state[f"effects{level}"], state[f"effects{level}_cov"] = effects[level - 2], covariances[level - 2]
+        both = np.empty((units[0], *orders))
+        lib.check(library.kdr3_result_effectcovariances(result.pointer, both.ctypes.data))
+        state["effects_both"] = both if np.isfinite(both).all() else None
+    variances = sum(k * (k + 1) // 2 for k in orders)
+    joint = np.empty((variances + g, variances + g))
+    lib.check(library.kdr3_result_joint(result.pointer, joint.ctypes.data))
+    places = np.r_[np.arange(variances), variances + order]
+    state["joint"] = joint[np.ix_(places, places)] if np.isfinite(joint).all() else None
     count = ctypes.c_size_t()
     lib.check(library.kdr3_formula_records(handle.pointer, ctypes.byref(count), None, None, None))
     rows = [np.empty(count.value, dtype=np.uintp) for _ in range(3)]

@@ -3,6 +3,9 @@
     test_package.py <program> <folder of the source tree>     with PYTHONPATH and KDR3_LIBRARY set
 """
 import copy
+import csv
+import datetime
+import decimal
 import json
 import os
 import pathlib
@@ -142,6 +145,98 @@ class Models(unittest.TestCase):
         exact = [(weights / (1 + np.exp(-e - np.sqrt(variance) * x))).sum() for e in eta[:5]]
         np.testing.assert_allclose(np.asarray(b.predict(effects="population"))[:5], exact, rtol=1e-9)
 
+    def test_predictions_are_those_of_the_program(self):
+        """Rows of known units, of a new one within a known one, and of new ones: values and errors of -predict."""
+        table = ("school,pupil,year,ses,tries,weeks,right\nS01,1,0,0.5,3,2,1\nS01,999,1,-1,3,2,2\nS77,1,2,0,3,4,3\nS02,2,3,1,3,1,1\n")
+        data = growth()
+        data["band"] = 3.0 + (data["hours"] > 5) + (data["ses"] + data["year"] > 2)
+        for formula, given in (("score ~ year + ses + (year | school/pupil)", {}),
+                               ("passed ~ year + (1 | school/pupil)", {"family": "binomial"}),
+                               ("passed ~ year + (1 | school)", {"family": "binomial", "engine": "laplace6"}),
+                               ("books ~ year + (year | school)", {"family": "poisson", "exposure": "weeks"}),
+                               ("band ~ ses + year + (year | school)", {"family": "ordinal"}),
+                               ("band ~ ses + (1 | school/pupil)", {"family": "multinomial"})):
+            with tempfile.TemporaryDirectory() as folder:
+                place = pathlib.Path(folder)
+                (place / "new.csv").write_text(table)
+                with open(place / "growth.csv", "w", newline="") as file:
+                    csv.writer(file).writerows([list(data), *zip(*(["" if x is None or x != x else x for x in values] for values in data.values()))])
+                options = [word for name, value in given.items() for word in (f"-{name}", value)]
+                done = subprocess.run([PROGRAM, "-q", "-fit", formula, "growth.csv", "-o", "f", "-predict", "new.csv", *options], cwd=folder, capture_output=True, text=True)
+                self.assertEqual(done.returncode, 0, done.stdout)
+                rows, new = list(csv.DictReader(open(place / "f_predictions.csv"))), cases.read(place / "new.csv")
+            m = kdr3.fit(formula, data, **given)
+            for name, kind, effects in (("linear", "link", "fixed"), ("response", "response", "fixed"), ("average", "response", "population"),
+                                        ("unit_linear", "link", "unit"), ("unit_response", "response", "unit")):
+                made = m.predict(new, kind, effects, se=True)
+                for part, column in (("predicted", name), ("se", f"{name}_se")):
+                    theirs = [float(row[column]) for row in rows if row[column]]
+                    tolerance = 1e-6 if part == "se" and m.engine == "pql" else 1e-12  # modes of quasi-likelihood
+                    np.testing.assert_allclose(np.asarray(made[part]).ravel(), theirs, rtol=tolerance, err_msg=f"{formula} {column}")
+            if m.categories:
+                self.assertEqual([row["category"] for row in rows[:len(m.categories)]], m.categories)
+
+    def test_predictions_of_categories(self):
+        """By their formulas from params and random_effects; the same counted as they are simulated."""
+        data = growth()
+        data = {name: values[~np.isnan(data["score"])] for name, values in data.items()}
+        bands = np.array(["low", "mid", "top"], dtype=object)[(data["score"] > 50).astype(int) + (data["score"] > 60)]
+        order = np.random.default_rng(2).permutation(len(bands))
+        mixed = {name: values[order] for name, values in {**data, "band": bands}.items()}
+        group = np.unique(mixed["school"].astype(str), return_inverse=True)[1]
+        for family in ("ordinal", "multinomial"):
+            m = kdr3.fit("band ~ year + ses + (year | school)", mixed, family=family, engine="pql")
+            b, u = np.asarray(m.params), np.asarray(m.random_effects["school"])[group]
+            X, Z = np.column_stack([np.ones(len(order)), mixed["year"], mixed["ses"]]), np.column_stack([np.ones(len(order)), mixed["year"]])
+            if family == "ordinal":
+                eta = (X @ b[:3] + (Z * u).sum(axis=1))[:, None] + [0.0, b[3]]
+                below = 1 / (1 + np.exp(-eta))
+                p = np.column_stack([below[:, 0], below[:, 1] - below[:, 0], 1 - below[:, 1]])
+            else:
+                eta = np.column_stack([X @ b[:3] + (Z * u[:, :2]).sum(axis=1), X @ b[3:] + (Z * u[:, 2:]).sum(axis=1)])
+                e = np.exp(np.column_stack([eta, np.zeros(len(order))]))
+                p = e / e.sum(axis=1, keepdims=True)
+            self.assertEqual(m.categories, ["low", "mid", "top"])
+            np.testing.assert_allclose(np.asarray(m.fittedvalues), p, rtol=1e-10)
+            np.testing.assert_allclose(np.asarray(m.predict(mixed)), p, rtol=1e-10)
+            np.testing.assert_allclose(np.asarray(m.predict(kind="link")), eta, rtol=1e-9, atol=1e-9)
+            if pandas is not None:
+                self.assertEqual((list(m.predict().columns), list(m.predict(kind="link").columns)), (["low", "mid", "top"], ["low", "mid"]))
+                self.assertEqual(list(m.predict(mixed, se=True)["se"].columns), ["low", "mid", "top"])
+            seen = mixed["band"][:, None] == np.array(m.categories, dtype=object)
+            np.testing.assert_allclose(np.asarray(m.resid), seen - p, atol=1e-10)
+            np.testing.assert_allclose(np.asarray(m.residuals("pearson")), (seen - p) / np.sqrt(p * (1 - p)), atol=1e-8)
+            # the delta method by differences, of effects="fixed"
+            def response(b):
+                eta = X[:5] @ b[:3, None] + [0.0, b[3]] if family == "ordinal" else np.column_stack([X[:5] @ b[:3], X[:5] @ b[3:]])
+                if family == "ordinal":
+                    below = np.column_stack([1 / (1 + np.exp(-eta)), np.ones(5)])
+                    return np.diff(below, axis=1, prepend=0)
+                e = np.exp(np.column_stack([eta, np.zeros(5)]))
+                return e / e.sum(axis=1, keepdims=True)
+            made = m.predict(effects="fixed", se=True)
+            steps = [(response(b + h) - response(b - h)) / 2e-6 for h in 1e-6 * np.eye(len(b))]
+            error = np.sqrt(np.einsum("iak,ij,jak->ak", steps, np.asarray(m.cov_params()), steps))
+            np.testing.assert_allclose(np.asarray(made["predicted"])[:5], response(b), rtol=1e-9)
+            np.testing.assert_allclose(np.asarray(made["se"])[:5], error, rtol=1e-6)
+            drawn = m.simulate(200, seed=1)
+            shares = np.array([(drawn == k).mean(axis=1) for k in range(3)]).T
+            self.assertLess(np.abs(shares - np.asarray(m.predict(effects="population"))).mean(), 0.03)
+
+    def test_an_ordinal_model_beside_clmm(self):
+        theirs = {line.split()[0]: np.array(line.split()[1:], dtype=float) for line in (REFERENCE / "categoryfits.out").read_text().splitlines()}
+        data = growth()
+        data["band"] = np.where(np.isnan(data["score"]), np.nan, 1 + (data["score"] > 50) + (data["score"] > 60))
+        m = kdr3.fit("band ~ year + ses + (1 | school)", data, family="ordinal", engine="laplace")
+        self.assertEqual(m.categories, ["1", "2", "3"])
+        b = np.asarray(m.params)
+        np.testing.assert_allclose([b[0], b[0] + b[3], -b[1], -b[2]], theirs["coefficients"], rtol=1e-4)
+        self.assertAlmostEqual(m.llf, theirs["loglikelihood"][0], 5)
+        p, rows = np.asarray(m.fittedvalues), np.asarray(m.resid) > 0
+        np.testing.assert_allclose(p[rows][[*range(8), 699, 1499]], theirs["fitted"], rtol=1e-4)
+        np.testing.assert_allclose(-np.asarray(m.random_effects["school"])[:6, 0], theirs["modes"], atol=1e-4)
+        np.testing.assert_allclose(m.random_effects_cov["school"][:6, 0, 0], theirs["variances"], rtol=1e-4)
+
     def test_pooled(self):
         data = growth()
         draw = np.random.default_rng(5)
@@ -190,6 +285,13 @@ class Tables(unittest.TestCase):
             "large IDs": {**data, "pupil": data["pupil"].astype(np.int64) + 2**60},
             "lists": {name: list(values) for name, values in data.items()},
             "backwards": {name: values[::-1] for name, values in data.items()},
+            "bytes": {**data, "school": data["school"].astype("S"), "sex": np.array([x.encode() for x in data["sex"]], dtype=object)},
+            "structured": np.array(list(zip(data["score"], data["year"], data["ses"], data["school"], data["pupil"])),
+                                   dtype=[("score", "f8"), ("year", "f4"), ("ses", "f8"), ("school", "S4"), ("pupil", "i2")]),
+            "decimals": {**data, "year": np.array([decimal.Decimal(int(x)) for x in data["year"]], dtype=object)},
+            "large IDs as objects": {**data, "pupil": np.array([int(x) + 2**60 for x in data["pupil"]], dtype=object)},
+            "polars": Polars({**data, "pupil": data["pupil"].astype(np.int64) + 2**60}),
+            "pyarrow": Arrow({**data, "pupil": data["pupil"].astype(np.int64) + 2**60}),
         }
         if pandas is not None:
             frame = pandas.DataFrame(data)
@@ -198,9 +300,24 @@ class Tables(unittest.TestCase):
                 pandas.NA if x != x else x for x in frame["score"]])
             kinds["own types"] = frame.assign(score=frame["score"].astype("Float64"), school=frame["school"].astype("category"),
                                               sex=frame["sex"].astype("string"))
+            kinds["large IDs with NA"] = frame.assign(pupil=(frame["pupil"].astype("Int64") + 2**60).where(~frame["score"].isna()))
+            kinds["interchange"] = Interchange(frame[["score", "year", "ses", "school", "pupil"]])
             kinds["chosen rows"] = pandas.concat([frame, frame.assign(score=1e6)])[lambda f: ~(f["score"] == 1e6)]
         for name, table in kinds.items():
             self.assertAlmostEqual(kdr3.fit(LINEAR, table).llf, want, 7, name)
+
+    def test_factors_of_other_frames(self):
+        """A missing value is one; the first category is the reference, wherever it stands first."""
+        data = growth()
+        texts = data["sex"].copy()
+        texts[3] = None
+        data["sex"] = texts
+        want = kdr3.fit("score ~ sex + (1 | school)", data)
+        for frame in (Polars, Arrow):
+            m = kdr3.fit("score ~ sex + (1 | school)", frame(data, {"sex": ["male", "female"]}))
+            self.assertEqual((list(m.params.index)[1], m.nobs), ("sexfemale", want.nobs), frame)
+            self.assertAlmostEqual(m.llf, want.llf, 8)
+            self.assertEqual(kdr3.fit("score ~ sex + (1 | school)", frame(data)).nobs, want.nobs)
 
     def test_factors(self):
         data = growth()
@@ -232,6 +349,88 @@ class Tables(unittest.TestCase):
         self.assertIn("91 of 1604 records", str(told[0].message))
 
 
+class PolarsSeries:
+    """What the package asks of a polars column, by its documentation."""
+    def __init__(self, values, dtype):
+        self.values, self.dtype = values, dtype
+        self.cat = self if dtype.startswith("Enum") else None
+
+    def to_physical(self):
+        raise AssertionError("how categories are numbered inside is not told")
+
+    def get_categories(self):
+        return PolarsSeries(np.array(["male", "other", "female"], dtype=object), "String")
+
+    def cast(self, kind):
+        return PolarsSeries(self.values, "String")
+
+    def to_list(self):
+        return self.values.tolist()
+
+    def is_null(self):
+        return PolarsSeries(np.array([x is None for x in self.values]), "Boolean")
+
+    def fill_null(self, by):
+        return PolarsSeries(np.array([by if x is None else x for x in self.values]), self.dtype)
+
+    def to_numpy(self):
+        missing = [x is None for x in self.values]
+        return self.values.astype(float) if any(missing) and self.dtype.startswith("Int") else self.values
+
+
+class Polars:
+    def __init__(self, data, categories={}):
+        self.columns = list(data)
+        kinds = {"i": "Int64", "f": "Float64", "O": "String"}
+        self.data = {name: PolarsSeries(values, "Enum(...)" if name in categories else kinds[values.dtype.kind]) for name, values in data.items()}
+
+    def __getitem__(self, name):
+        return self.data[name]
+
+
+class ArrowArray:
+    """What the package asks of a column of pyarrow, by its documentation: of a chunked one, or one piece."""
+    def __init__(self, values, labels=None):
+        self.values, self.type = values, {"i": "int64", "f": "double", "O": "string", "b": "bool"}[values.dtype.kind]
+        if labels:
+            self.dictionary, self.indices = ArrowArray(np.array(labels, dtype=object)), ArrowArray(
+                np.array([None if x is None else labels.index(x) for x in values], dtype=object))
+
+    def combine_chunks(self):
+        return self
+
+    def to_pylist(self):
+        return list(self.values)
+
+    def is_null(self):
+        return ArrowArray(np.array([x is None for x in self.values]))
+
+    def fill_null(self, by):
+        return ArrowArray(np.array([by if x is None else x for x in self.values]))
+
+    def to_numpy(self, zero_copy_only=True):
+        assert not zero_copy_only
+        return self.values
+
+
+class Arrow:
+    def __init__(self, data, categories={}):
+        self.column_names, self.columns = list(data), list(data.values())
+        self.data = {name: ArrowArray(values, categories.get(name)) for name, values in data.items()}
+
+    def __getitem__(self, name):
+        return self.data[name]
+
+
+class Interchange:
+    """A table that has the protocol alone."""
+    def __init__(self, frame):
+        self.frame = frame
+
+    def __dataframe__(self, nan_as_null=False, allow_copy=True):
+        return self.frame.__dataframe__(nan_as_null, allow_copy)
+
+
 class Labelled:
     """As a frame's column of categories, two of which are written alike."""
     class cat:
@@ -260,6 +459,10 @@ class Calls(unittest.TestCase):
                 ("differ in length", "score ~ year + (1 | school)", {"year": np.ones(3)}, {}),
                 ("dimensions", "score ~ year + (1 | school)", {"year": np.ones((n, 2))}, {}),
                 ("complex128", "score ~ year + (1 | school)", {"year": np.ones(n, dtype=complex)}, {}),
+                ("no UTF-8: b'", "score ~ sex + (1 | school)", {"sex": np.array([b"\xff"] * n, dtype=object)}, {}),
+                ("datetime64[D]: make a number", "score ~ year + (1 | school)", {"year": np.full(n, np.datetime64("2020-01-01"))}, {}),
+                ("a date in record 1", "score ~ year + (1 | school)", {"year": np.full(n, datetime.date(2020, 1, 1), dtype=object)}, {}),
+                ("1.5 in record 2 is no truth", "score ~ year + (1 | school)", {"year": np.array([True, 1.5] * (n // 2), dtype=object)}, {}),
                 ("no text", "score ~ year + (1 | school)", {"year": np.array(["a", 1.5] * (n // 2), dtype=object)}, {}),
                 ("family is one of", "score ~ year + (1 | school)", {}, {"family": "gamma"}),
                 ("ddf is", "score ~ year + (1 | school)", {}, {"ddf": "magic"}),
@@ -271,21 +474,56 @@ class Calls(unittest.TestCase):
                 ("exposure is the name", "books ~ year + (1 | school)", {}, {"family": "poisson", "exposure": data["weeks"]}),
                 ("NUMIT is a number", "score ~ year + (1 | school)", {}, {"settings": {"NUMIT": "many"}}),
                 ("reml is", "score ~ year + (1 | school)", {}, {"reml": "yes"}),
+                ("settings are names", "score ~ year + (1 | school)", {}, {"settings": "NUMIT"}),
+                ("threads is a whole number", "score ~ year + (1 | school)", {}, {"threads": 2.5}),
+                ("missing is a number", "score ~ year + (1 | school)", {}, {"missing": "none"}),
+                ("start is the result", "score ~ year + (1 | school)", {}, {"start": data}),
+                ("progress is a function", "score ~ year + (1 | school)", {}, {"progress": 3}),
+                ("ddf is for linear models", "passed ~ year + (1 | school)", {}, {"family": "binomial", "ddf": "satterthwaite"}),
+                ("no Unicode", "score ~ year + (1 | school)", {"school": np.array(["\ud800"] * n, dtype=object)}, {}),
                 ("no random part", "score ~ year", {}, {})):
             with self.assertRaises(kdr3.KDR3Error, msg=words) as refused:
                 kdr3.fit(formula, {**data, **change}, **given)
             self.assertIn(words, str(refused.exception))
+        if pandas is not None:
+            frame = pandas.DataFrame(data)
+            turned = frame["weeks"][::-1]
+            for words, table, given in (
+                    ("2 columns year", pandas.concat([frame, frame[["year"]]], axis=1), {}),
+                    ("weights1 has other row labels than the table", frame, {"weights1": turned}),
+                    ("score has other row labels than year", {"year": frame["year"], "score": frame["score"][::-1], "school": frame["school"]}, {}),
+                    ("no column score", pandas.DataFrame({"other": [1, 2]}), {})):
+                with self.assertRaisesRegex(kdr3.KDR3Error, words):
+                    kdr3.fit("score ~ year + (1 | school)", table, **given)
+            self.assertEqual(kdr3.fit("score ~ year + (1 | school)", frame, weights1=turned.reindex(frame.index)).llf,
+                             kdr3.fit("score ~ year + (1 | school)", frame, weights1="weeks").llf)
         m = kdr3.fit("score ~ center(ses, school) + (1 | school)", data)
         with self.assertRaisesRegex(kdr3.KDR3Error, "no column ses"):
             m.predict({"school": data["school"]})
         for call in (lambda: m.conf_int(5), lambda: m.conf_int(float("nan")), lambda: m.wald_test([[0, 0]]),
-                     lambda: m.wald_test([[1, 1e9], [2, 2e9]]), lambda: kdr3.anova(3, m), lambda: kdr3.load(TREE / "README.md"),
+                     lambda: m.wald_test([[1, 1e9], [2, 2e9]]), lambda: m.wald_test("year = 0"), lambda: m.conf_int("5"),
+                     lambda: m.tidy(effects="fixd"), lambda: m.bootstrap(3, seed="x"), lambda: kdr3.anova(3, m), lambda: kdr3.load(TREE / "README.md"),
                      lambda: m.predict({name: values[:0] for name, values in data.items()})):
             with self.assertRaises(kdr3.KDR3Error):
                 call()
         with self.assertRaises(TypeError):
             kdr3.fit(LINEAR, 7)
         self.assertTrue(kdr3.fit(LINEAR, data).converged)
+
+    def test_told_by_settings(self):
+        """Names of keywords go without regard to case, and a result says what it is of."""
+        data = growth()
+        m = kdr3.fit("score ~ year + (1 | school)", data, settings={"reml": 1})
+        self.assertEqual((m.reml, m.llf), (True, kdr3.fit("score ~ year + (1 | school)", data, reml=True).llf))
+        m = kdr3.fit("passed ~ year + (1 | school)", data, family="binomial", engine="pql", settings={"agq": 7})
+        self.assertEqual(m.engine, "quadrature")
+        self.assertEqual(m.aic, -2 * m.llf + 2 * m.df_model)
+        coded = {**data, "ses": np.where(np.isnan(data["ses"]) | (np.arange(len(data["ses"])) % 9 == 0), -99, data["ses"])}
+        m = kdr3.fit("score ~ ses + (1 | school)", coded, missing=-99)
+        self.assertEqual(m.nobs, kdr3.fit("score ~ ses + (1 | school)", {**coded, "ses": np.where(coded["ses"] == -99, np.nan, coded["ses"])}).nobs)
+        self.assertTrue(np.isnan(np.asarray(m.predict(coded))[0]))
+        with self.assertRaises(ZeroDivisionError):
+            kdr3.fit("score ~ ses + (1 | school)", data, progress=lambda sentence: 1 / 0)
 
     def test_separation_names_its_effect(self):
         x = np.random.default_rng(1).normal(size=60)

@@ -91,14 +91,22 @@ void print(const kdr3_formula* formula, const kdr3_result* result) {
   const std::size_t g = summary.fixedeffects, p = summary.random2, b = summary.random3;
   std::vector<double> estimates(g), covariance(g * g), pi(p * p), beta(b * b);
   std::vector<std::size_t> places(g);
+  std::size_t columns = 0;
+  while (kdr3_formula_text(formula, KDR3_EFFECTS, columns) != nullptr) ++columns;
   check(kdr3_result_fixed(result, estimates.data(), covariance.data(), nullptr, nullptr));
   check(kdr3_result_variances(result, pi.data(), beta.data(), nullptr, nullptr, nullptr));
   check(kdr3_formula_order(formula, places.data()));
   std::printf("records %zu units %zu %zu\n", summary.records, summary.units2, summary.units3);
   if (summary.loglikelihood == summary.loglikelihood) std::printf("loglikelihood %.12g\n", summary.loglikelihood);
-  for (std::size_t i = 0; i < g; ++i)
-    std::printf("%s %.12g %.12g\n", kdr3_formula_text(formula, KDR3_EFFECTS, i), estimates[places[i]],
-                covariance[places[i] * (g + 1)]);
+  // A multinomial outcome has the effects of each category, behind those of an ordinal one stand its thresholds.
+  const bool sets = std::string(kdr3_formula_text(formula, KDR3_OUTCOME, 1)) == "multinomial";
+  for (std::size_t i = 0; i < g; ++i) {
+    const bool column = sets || i < columns;
+    const std::size_t place = column ? i / columns * columns + places[i % columns] : i;
+    std::printf("%s", column ? kdr3_formula_text(formula, KDR3_EFFECTS, i % columns) : kdr3_result_name(result, i));
+    if (sets) std::printf("[%zu]", i / columns + 1);
+    std::printf(" %.12g %.12g\n", estimates[place], covariance[place * (g + 1)]);
+  }
   printtau("level2", p, pi);
   printtau("level3", b, beta);
   std::printf("sigma2 %.12g\n", summary.sigma2);

@@ -193,6 +193,74 @@ TEST(Library, RecordsInAnyOrderStandInThatOfTheirUnits) {
   }
 }
 
+// The rows of a known unit, of a new one, and one that lacks a value, of a model of intercepts.
+TEST(Library, PredictsRowsOfKnownAndOfNewUnits) {
+  const Records records;
+  kdr3_formula* formula = records.make("y ~ x + (1 | school)");
+  kdr3_result* result = nullptr;
+  ASSERT_NE(kdr3_fit(kdr3_formula_model(formula), nullptr, &result), KDR3_ERROR);
+  constexpr std::size_t n = 120, units = 20;
+  double gamma[2], covariance[4], tau = 0, u[units], joint[9];
+  std::vector<double> X(n * 2), Z(n), y(n);
+  std::vector<std::size_t> unit(n);
+  kdr3_summary summary{};
+  summary.size = sizeof summary;
+  kdr3_result_summary(result, &summary);
+  kdr3_result_fixed(result, gamma, covariance, nullptr, nullptr);
+  kdr3_result_variances(result, &tau, nullptr, nullptr, nullptr, nullptr);
+  kdr3_result_effects(result, u, nullptr);
+  EXPECT_EQ(kdr3_result_joint(result, joint), KDR3_OK);
+  EXPECT_TRUE(std::isnan(joint[0]));  // of engines alone
+  kdr3_result_free(result);
+  kdr3_formula_matrix(formula, KDR3_EFFECTS, n, 0, nullptr, X.data());
+  kdr3_formula_matrix(formula, KDR3_RANDOM2, n, 0, nullptr, Z.data());
+  kdr3_formula_records(formula, nullptr, nullptr, unit.data(), nullptr);
+  kdr3_formula_outcome(formula, y.data(), nullptr, nullptr);
+  kdr3_formula_free(formula);
+
+  kdr3_fitted fitted{};
+  fitted.size = sizeof fitted;
+  fitted.family = KDR3_NORMAL;
+  fitted.fixedeffects = 2;
+  fitted.random2 = 1;
+  fitted.fixed = gamma;
+  fitted.taupi = &tau;
+  fitted.sigma2 = summary.sigma2;
+  fitted.covariance = covariance;
+  fitted.units2 = units;
+  fitted.level2 = u;
+  const std::vector<std::ptrdiff_t> of(unit.begin(), unit.end());
+  kdr3_rows own{sizeof own, n, X.data(), Z.data(), nullptr, nullptr, of.data(), nullptr, y.data(), nullptr};
+  const double fixed[] = {1, 2, 1, 2, 1, nan}, ones[] = {1, 1, 1};
+  std::ptrdiff_t places[] = {3, -1, 3};
+  kdr3_rows rows{sizeof rows, 3, fixed, ones, nullptr, nullptr, places, nullptr, nullptr, nullptr};
+  double values[3], errors[3];
+  ASSERT_EQ(kdr3_predict(&fitted, &own, &rows, KDR3_UNITRESPONSE, values, errors), KDR3_OK) << kdr3_message();
+  const double at = gamma[0] + 2 * gamma[1], variance = covariance[0] + 4 * covariance[1] + 4 * covariance[3];
+  EXPECT_NEAR(values[0], at + u[3], 1e-12);
+  EXPECT_NEAR(values[1], at, 1e-12);
+  EXPECT_NEAR(errors[1], std::sqrt(variance + tau), 1e-12);
+  EXPECT_LT(errors[0], std::sqrt(summary.sigma2 / 6 + variance));
+  EXPECT_TRUE(std::isnan(values[2]) && std::isnan(errors[2]));
+
+  const auto refused = [&](const kdr3_rows* mine, kdr3_predicted what) {
+    EXPECT_EQ(kdr3_predict(&fitted, mine, &rows, what, values, errors), KDR3_ERROR);
+    return std::string(kdr3_message());
+  };
+  EXPECT_EQ(refused(nullptr, KDR3_UNITLINEAR), "Errors of known units need the records of the fit.");
+  fitted.level2 = nullptr;
+  EXPECT_EQ(refused(&own, KDR3_UNITLINEAR), "The fit has no posteriors of the random effects.");
+  places[0] = units;
+  EXPECT_EQ(refused(&own, KDR3_LINEAR), "A row has a unit that the fit does not have.");
+  rows.random2 = nullptr;
+  EXPECT_EQ(refused(&own, KDR3_LINEAR), "Rows need the columns of the fixed and of the random effects.");
+  fitted.family = KDR3_MULTINOMIAL;
+  fitted.categories = 4;
+  EXPECT_EQ(refused(&own, KDR3_LINEAR), "The fixed effects are not those of so many categories.");
+  rows.size = 0;
+  EXPECT_NE(refused(&own, KDR3_LINEAR).find("sizes"), std::string::npos);
+}
+
 TEST(Library, FormulasAreRefusedInWords) {
   Records records;
   const auto refused = [&](const char* text) {
