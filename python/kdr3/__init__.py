@@ -4,7 +4,13 @@
     m = kdr3.fit("score ~ year + (year | school/pupil)", df)
     print(m.summary())
 """
-from ._fit import fit
+import pathlib
+
+HERE = pathlib.Path(__file__).resolve().parent
+if not (HERE / "kdr3plot").is_dir():  # in the source tree, where its pictures and comparisons are those of the program
+    __path__.append(str(HERE.parents[1] / "tools"))
+
+from ._fit import fit  # noqa: E402: its modules find kdr3plot by the lines above
 from ._library import VERSION as __version__
 from ._library import KDR3Error, KDR3Warning
 from .pooled import Pooled

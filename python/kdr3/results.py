@@ -578,7 +578,7 @@ class Results:
 
     @property
     def plot(self):
-        """Pictures, with matplotlib: plot.residuals(), plot.qq(), plot.effects(), plot.coefficients()."""
+        """The pictures of kdr3-plot, with matplotlib: plot.coefficients(), plot.caterpillar(), plot.lines() ..."""
         from .plot import Plots
         return Plots(self)
 

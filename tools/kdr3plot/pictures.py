@@ -14,8 +14,13 @@ from .values import caterpillar, coefficients, lines, ofsubruns, pickunits, quan
 OUTERMOST = 3  # of many units, so many are named at each end
 
 
-def drawcaterpillar(run, level, units=None, title="", wanted=None):
-    panels = [panel for panel in caterpillar(run, level) if wanted is None or panel[0] == wanted]
+def panelsof(run, level, effect):
+    """The random effects of a level, or the one of this name."""
+    return [panel for panel in caterpillar(run, level) if effect in (None, panel[0])]
+
+
+def drawcaterpillar(run, level, units=None, title="", effect=None):
+    panels = panelsof(run, level, effect)
     marked = set(run.table(level).units()[i] for i in pickunits(run.table(level), units)) if units else set()
     drawing, axes = figure(len(panels), 2.8, title)
     for ax, (name, rows) in zip(axes, panels):
@@ -211,7 +216,7 @@ def described(kind, run, o):
     if kind.startswith("caterpillar"):
         return f"{name}: " + "; ".join(
             f"{what}, from {rows[0][0]} ({shown(rows[0][1])}) to {rows[-1][0]} ({shown(rows[-1][1])}) in {len(rows)} units"
-            for what, rows in caterpillar(run, int(kind[-1])) if rows)
+            for what, rows in panelsof(run, int(kind[-1]), getattr(o, "effect", None)) if rows)
     if kind == "qq":
         return f"{name}: " + "; ".join(f"{what} of {unitsname(level, len(rows))}, {shown(rows[0][1])} to {shown(rows[-1][1])}"
                                        for level, what, rows in quantiles(run) if rows)
