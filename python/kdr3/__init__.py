@@ -13,7 +13,8 @@ if not (HERE / "kdr3plot").is_dir():  # in the source tree, where its pictures a
 from ._fit import fit  # noqa: E402: its modules find kdr3plot by the lines above
 from ._library import VERSION as __version__
 from ._library import KDR3Error, KDR3Warning
+from .compare import anova
 from .pooled import Pooled
-from .results import Bootstrap, Results, anova, load
+from .results import Bootstrap, Results, load
 
 __all__ = ["Bootstrap", "KDR3Error", "KDR3Warning", "Pooled", "Results", "anova", "fit", "load", "__version__"]

@@ -3,7 +3,6 @@ from __future__ import annotations
 
 import base64
 import html
-import json
 import pathlib
 import re
 from types import SimpleNamespace
@@ -12,9 +11,9 @@ from typing import Any, Sequence
 import numpy as np
 
 from . import _library as lib
+from ._document import documentof
 from .kdr3plot import canvas, document as documents, files, pictures
 
-documents.hears = lib.tell
 # What a refusal says of the command file and of the command line, by what it is here.
 WORDS = {r" \(PROFILE:Y in the command file\)": ' (settings={"PROFILE": 1})',
          r"the run made no table of predicted margins \(-margins .*\)": "predicted margins are of the program alone (-margins)"}
@@ -127,23 +126,9 @@ class Plots:
 def runof(m) -> files.Run:
     """The model as kdr3-plot reads a run; made once of a result."""
     if "_run" not in m.__dict__:
-        document = documents.understood(categorised(json.loads(m._state["document"]), m.levels), "the result")
+        document = documentof(m)
         m._run = files.Run.ofcolumns(document, "the result", tables(m, document), m._phase["phase"])
     return m._run
-
-
-def categorised(part, levels: Sequence[str]):
-    """A document whose categories, which the library has as numbers, are called by the names of the outcome's values."""
-    if isinstance(part, list):
-        return [categorised(one, levels) for one in part]
-    if not levels or not isinstance(part, dict):
-        return part
-    made = {name: categorised(one, levels) for name, one in part.items()}
-    if made.get("category"):
-        made["category"] = levels[int(made["category"]) - 1]
-    if made.get("categories"):
-        made["categories"] = list(levels)
-    return made
 
 
 def tables(m, document) -> list[files.Table]:

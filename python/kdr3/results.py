@@ -486,6 +486,7 @@ class Results:
     def anova(self, *others: "Results", robust: bool = False):
         """Without others a Wald test of each term; else the likelihood-ratio tests of :func:`kdr3.anova`."""
         if others:
+            from .compare import anova
             return anova(self, *others)
         terms = self._state["words"][lib.TERMS]
         effects = self._state["words"][lib.EFFECTS]
@@ -784,97 +785,3 @@ def load(path) -> Results:
     made = Results.__new__(Results)
     made.__setstate__({"state": state, "made": about["made"], "table": columns})
     return made
-
-
-def anova(*models: Results):
-    """Likelihood-ratio tests of neighbours, in the order of their parameters.
-
-    Where the larger model has one random effect more, the variance is 0 in the smaller one, at the edge of what is
-    possible: `p_mixture` is that of the mixture, half and half, of chi-squares with one degree of freedom less and with
-    these (Self and Liang 1987); it is the one to take.
-    """
-    for m in models:
-        if not isinstance(m, Results):
-            raise lib.KDR3Error(f"Results of fits are compared, not {type(m).__name__}.")
-    ordered = sorted(models, key=lambda m: m.df_model)
-    rows = []
-    for before, m in zip([None, *ordered], ordered):
-        row = [m.formula, m.df_model, m.llf, m.aic, m.bic, math.nan, math.nan, math.nan, math.nan]
-        if before is not None:
-            _comparable(before, m)
-            df = m.df_model - before.df_model
-            gain = 2 * (m.llf - before.llf)
-            if df > 0 and gain < -1e-7 * abs(2 * m.llf):
-                raise lib.KDR3Error(f"{m.formula} has more parameters and fits worse: one of the models is not at its maximum.")
-            row[5], row[6] = gain, df = max(0.0, gain), df
-            if df > 0:
-                row[7] = lib.pvalue(lib.CHISQUARE, gain, df)
-                more = sum(map(len, m._random)) - sum(map(len, before._random))
-                if more == 1:
-                    less = lib.pvalue(lib.CHISQUARE, gain, df - 1) if df > 1 else 0.0
-                    row[8] = 0.5 * (row[7] + less) if gain > 0 else 1.0
-                elif more > 1:
-                    lib.tell(f"{m.formula} has {more} random effects more, whose variances are 0 in {before.formula}, at the edge of "
-                             "what is possible: p is too large.")
-        rows.append(row)
-    names = ("model", "parameters", "logLik", "AIC", "BIC", "chi_square", "df", "p", "p_mixture")
-    return frame(dict(zip(names, zip(*rows))))
-
-
-def _comparable(a: Results, b: Results) -> None:
-    if (a.outcome, a.family, a.engine) != (b.outcome, b.family, b.engine):
-        raise lib.KDR3Error("Models are compared that have the same outcome, family and engine.")
-    if math.isnan(a.llf) or math.isnan(b.llf):
-        raise lib.KDR3Error("Quasi-likelihood has no likelihood to compare.")
-    if a.weights or b.weights:
-        raise lib.KDR3Error("The likelihood is weighted, and twice its difference has no chi-square distribution.")
-    for m in (a, b):
-        if not m.converged or m._phase["ending"] in ("limit", "keyboard", "separation", "lost"):
-            raise lib.KDR3Error(f"{m.formula} did not converge, or failed its check.")
-    points = [m._phase.get("points") for m in (a, b)]
-    if points[0] != points[1] and not {0, 1}.isdisjoint(points):
-        raise lib.KDR3Error(f"The likelihoods are of two kinds: quadrature with {points[0]} and {points[1]} points; 1 is the first-order "
-                            "Laplace approximation, 0 fixed nodes.")
-    if points[0] != points[1]:
-        lib.tell(f"The likelihoods rest on {points[0]} and {points[1]} quadrature points.")
-    if a.nobs != b.nobs or not np.array_equal(np.sort(a._state["rows"]), np.sort(b._state["rows"])):
-        raise lib.KDR3Error(f"The models rest on other records: {a.nobs} and {b.nobs}.")
-    if any(not np.array_equal(one, other) for one, other in zip(_intable(a), _intable(b))):
-        raise lib.KDR3Error("The models rest on other data: the outcome is not the same.")
-    if changed := _changed(a, b):
-        raise lib.KDR3Error(f"The models rest on other data: {changed} is not the same.")
-    if not all(set(names) <= set(dict(zip(b._groupings, b._random)).get(group, [])) for group, names in zip(a._groupings, a._random)) or (
-            not _spans(b, a)):
-        raise lib.KDR3Error(f"{a.formula} is no part of {b.formula}: there is no test of the one against the other.")
-    if a.reml != b.reml or (a.reml and a._state["words"][lib.EFFECTS] != b._state["words"][lib.EFFECTS]):
-        raise lib.KDR3Error("Restricted likelihoods compare models of the same fixed effects alone.")
-
-
-def _changed(a: Results, b: Results) -> str | None:
-    """A column of both models whose values differ in their records."""
-    rows = np.sort(a._state["rows"])
-    for name, one in a._fields().columns.items():
-        other = b._fields().columns.get(name)
-        if other is None or (one.labels is None) != (other.labels is None):
-            continue
-        absent, x, y = one.absent()[rows], *(c.values[rows] if c.labels is None else np.array([*c.labels, ""])[c.values[rows]]
-                                             for c in (one, other))
-        if not np.array_equal(absent, other.absent()[rows]) or not np.array_equal(x[~absent], y[~absent]):
-            return name
-    return None
-
-
-def _intable(m: Results) -> list[np.ndarray]:
-    """Outcome, trials or exposure, and offset in the order of the table."""
-    order = np.argsort(m._state["rows"], kind="stable")
-    return [values[order] for values in m._outcome]
-
-
-def _spans(large: Results, small: Results) -> bool:
-    """Whether the columns of the larger model matrix give those of the smaller one."""
-    names = large._state["words"][lib.EFFECTS], small._state["words"][lib.EFFECTS]
-    if set(names[1]) <= set(names[0]):
-        return True
-    X, Z = [m._matrix(lib.EFFECTS, len(of))[np.argsort(m._state["rows"], kind="stable")] for m, of in zip((large, small), names)]
-    left = Z - X @ np.linalg.lstsq(X, Z, rcond=None)[0]
-    return bool((np.linalg.norm(left, axis=0) <= 1e-8 * np.linalg.norm(Z, axis=0)).all())

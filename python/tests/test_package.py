@@ -349,32 +349,43 @@ class Calls(unittest.TestCase):
         np.testing.assert_allclose(np.asarray(one.conf_int()), known["percentile"]["fixed_effects"], rtol=1e-12)
 
     def test_compared(self):
+        """What is tested, and what is refused, is as in kdr3-plot --compare; its sentences tell why."""
         data = growth()
-        small, large = kdr3.fit("score ~ year + (1 | school/pupil)", data), kdr3.fit("score ~ year + (1 | school) + (year | school:pupil)", data)
+
+        def fit(terms, table=data, **given):
+            return kdr3.fit(terms if "~" in terms else f"score ~ {terms}", table, **given)
+        small, large = fit("year + (1 | school/pupil)"), fit("year + (1 | school) + (year | school:pupil)")
         made = kdr3.anova(large, small)
         self.assertAlmostEqual(list(made["chi_square"])[1], 2 * (large.llf - small.llf), 9)
         self.assertEqual(list(made["df"])[1], 2)
-        with self.assertRaisesRegex(kdr3.KDR3Error, "other records"):
-            kdr3.anova(small, kdr3.fit("score ~ year + (1 | school/pupil)", {name: values[:800] for name, values in data.items()}))
-        with self.assertRaisesRegex(kdr3.KDR3Error, "is no part of"):
-            kdr3.anova(kdr3.fit("score ~ ses + (1 | school/pupil)", data), kdr3.fit("score ~ year + hours + (1 | school/pupil)", data))
-        three = [kdr3.fit(f"score ~ {terms} + (1 | school)", data) for terms in ("year", "poly(year, 2, raw = TRUE)")]
+        logit = {"family": "binomial", "engine": "quadrature"}
+        word = data["passed"] == data["passed"][0]
+        for words, one, two in (
+                ("no part of", fit("ses + (1 | school/pupil)"), fit("year + hours + (1 | school/pupil)")),
+                ("same number of parameters", small, fit("ses + (1 | school/pupil)")),
+                ("different data", small, fit("year + ses + (1 | school/pupil)", {name: values[:800] for name, values in data.items()})),
+                ("outcomes differ", small, fit("hours ~ year + ses + (1 | school/pupil)")),
+                ("hashes differ", fit("e ~ year + (1 | school)", {**data, "e": np.where(word, "yes", "no")}, points=7, **logit),
+                 fit("e ~ year + ses + (1 | school)", {**data, "e": np.where(word, "yes", "zno")}, points=7, **logit)),
+                ("year is not the same", small, fit("year + ses + (1 | school/pupil)", {**data, "year": data["year"][::-1]})),
+                ("weights differ", small, fit("year + ses + (1 | school/pupil)", weights1="weeks")),
+                ("is weighted", *(fit(f"{terms} + (1 | school/pupil)", weights1="weeks") for terms in ("year", "year + ses"))),
+                ("did not converge", small, fit("year + (1 | school) + (year | school:pupil)", settings={"NUMIT": 2})),
+                ("two kinds", *(fit(f"passed ~ {terms} + (1 | school)", points=points, **logit) for terms, points in (("year", 1), ("year + ses", 7)))),
+                ("no likelihood", *(fit(f"passed ~ {terms} + (1 | school)", family="binomial", engine="pql") for terms in ("year", "year + ses"))),
+                (r"restricted .* \(reml=False\)", *(fit(f"{terms} + (1 | school/pupil)", reml=True) for terms in ("year", "year + ses"))),
+                ("by restricted", small, fit("year + (1 | school) + (year | school:pupil)", reml=True))):
+            with self.assertRaisesRegex(kdr3.KDR3Error, words):
+                kdr3.anova(one, two)
+        for words, one, two in (("2 random effects more", small, fit("year + (year | school/pupil)")),
+                                ("7 and 9 quadrature points", *(fit(f"passed ~ {terms} + (1 | school)", points=points, **logit)
+                                                                for terms, points in (("year", 7), ("year + ses", 9))))):
+            with self.assertWarnsRegex(kdr3.KDR3Warning, words):
+                kdr3.anova(one, two)
+        three = [fit(f"{terms} + (1 | school)") for terms in ("year", "poly(year, 2, raw = TRUE)")]
         self.assertEqual(list(kdr3.anova(*three)["df"])[1], 1)
-        with self.assertWarnsRegex(kdr3.KDR3Warning, "2 random effects more"):
-            kdr3.anova(small, kdr3.fit("score ~ year + (year | school/pupil)", data))
-        with self.assertRaisesRegex(kdr3.KDR3Error, "year is not the same"):
-            kdr3.anova(small, kdr3.fit("score ~ year + ses + (1 | school/pupil)", {**data, "year": data["year"][::-1]}))
-        weighted = kdr3.fit("score ~ year + (1 | school/pupil)", data, weights1="weeks")
-        self.assertIn("weights1: weeks", str(weighted.summary()))
-        with self.assertRaisesRegex(kdr3.KDR3Error, "weighted"):
-            kdr3.anova(small, weighted)
-        with self.assertRaisesRegex(kdr3.KDR3Error, "did not converge"):
-            kdr3.anova(small, kdr3.fit("score ~ year + (1 | school) + (year | school:pupil)", data, settings={"NUMIT": 2}))
-        nodes = [kdr3.fit(f"passed ~ {terms} + (1 | school)", data, family="binomial", points=points)
-                 for terms, points in (("year", 1), ("year + ses", 7))]
-        with self.assertRaisesRegex(kdr3.KDR3Error, "two kinds"):
-            kdr3.anova(*nodes)
-        terms = kdr3.fit("score ~ arm*year + (1 | school)", data).anova()
+        self.assertIn("weights1: weeks", str(fit("year + (1 | school/pupil)", weights1="weeks").summary()))
+        terms = kdr3.anova(fit("arm*year + (1 | school)"))
         self.assertEqual((list(terms["term"]), list(terms["df"])), (["arm", "year", "arm:year"], [2, 1, 2]))
 
     def test_shown(self):
