@@ -133,8 +133,12 @@ class Results:
         """[g] degrees of freedom of the t tests; infinite where they are of the standard normal."""
         return series(self._df(), self._names, "df")
 
-    def _df(self) -> np.ndarray:
+    def _df(self, robust: bool = False) -> np.ndarray:
+        """Those of tests by robust errors are counts, or of CR2, whatever those of the others are."""
         df = np.asarray(self._state["df"], dtype=float)
+        sides = [effect["robust"] for effect in self._phase["fixed_effects"]]
+        if robust and all(sides):
+            df = np.array([math.nan if side["df"] is None else side["df"] for side in sides])[self._state["places"]]
         return np.where(np.isnan(df), np.inf, df)
 
     def _t(self, robust: bool = False) -> np.ndarray:
@@ -147,7 +151,7 @@ class Results:
         return series(self._t(), self._names, "tvalues")
 
     def _p(self, robust: bool = False) -> np.ndarray:
-        return np.array([lib.pvalue(lib.T, abs(t), df) for t, df in zip(self._t(robust), self._df())])
+        return np.array([lib.pvalue(lib.T, abs(t), df) for t, df in zip(self._t(robust), self._df(robust))])
 
     @property
     def pvalues(self):
@@ -156,7 +160,7 @@ class Results:
 
     def conf_int(self, alpha: float = 0.05, robust: bool = False):
         """[g, 2] intervals of the fixed effects by t with `df` degrees of freedom."""
-        half = np.array([tquantile(alpha, df) for df in self._df()]) * self._se(robust)
+        half = np.array([tquantile(alpha, df) for df in self._df(robust)]) * self._se(robust)
         values = np.column_stack([self._state["estimates"] - half, self._state["estimates"] + half])
         return matrix(values, self._names, [0, 1])
 
@@ -439,7 +443,7 @@ class Results:
                 low, high = bounds[i]
                 if exponentiate:
                     b, s, low, high = math.exp(b), s * math.exp(b), math.exp(low), math.exp(high)
-                rows.append(["fixed", None, name, b, s, self._t(robust)[i], self._df()[i], self._p(robust)[i], low, high])
+                rows.append(["fixed", None, name, b, s, self._t(robust)[i], self._df(robust)[i], self._p(robust)[i], low, high])
         if "ran_pars" in effects:
             rows += [["ran_pars", group, name, value] + [math.nan] * 6 for group, name, value in self._deviations()]
         names = ["effect", "group", "term", "estimate", "std.error", "statistic", "df", "p.value", "conf.low", "conf.high"]
@@ -488,6 +492,10 @@ class Results:
         if others:
             from .compare import anova
             return anova(self, *others)
+        return self._termtests(robust)
+
+    def _termtests(self, robust: bool):
+        """A row for each term: the joint test of its fixed effects."""
         terms = self._state["words"][lib.TERMS]
         effects = self._state["words"][lib.EFFECTS]
         rows = []
@@ -496,10 +504,8 @@ class Results:
                 continue
             wanted = {name for name, of in zip(effects, terms) if of == term}
             places = [i for i, name in enumerate(self._names) if name.split("[")[0] in wanted or name in wanted]
-            test = self._wald(np.eye(len(self._names))[places], robust)
-            rows.append((term, test["chi_square"], test["df"], test["p"]))
-        names = ("term", "chi_square", "df", "p")
-        return frame(dict(zip(names, zip(*rows))) if rows else {name: [] for name in names})
+            rows.append({"term": term, **self._wald(np.eye(len(self._names))[places], robust)})
+        return frame({name: [row[name] for row in rows] for name in (rows[0] if rows else ("term", "chi_square", "df", "p"))})
 
     # -- Refits ------------------------------------------------------------------------------------------------------
 
@@ -547,7 +553,7 @@ class Results:
         about.append(("Converged", "yes" if self.converged else "NO"))
         bounds = np.asarray(self.conf_int(robust=robust))
         fixed = [[name, *(shown(float(x)) for x in (self._state["estimates"][i], self._se(robust)[i], self._t(robust)[i])),
-                  _degrees(self._df()[i]), _p(self._p(robust)[i]), shown(float(bounds[i, 0])),
+                  _degrees(self._df(robust)[i]), _p(self._p(robust)[i]), shown(float(bounds[i, 0])),
                   shown(float(bounds[i, 1]))] for i, name in enumerate(self._names)]
         random = []
         for level, (group, names) in enumerate(zip(self._groupings, self._random), 2):
