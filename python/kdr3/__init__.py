@@ -7,8 +7,8 @@
 import pathlib
 
 HERE = pathlib.Path(__file__).resolve().parent
-if not (HERE / "kdr3plot").is_dir():  # in the source tree, where its pictures and comparisons are those of the program
-    __path__.append(str(HERE.parents[1] / "tools"))
+if not (HERE / "kdr3plot").is_dir():  # installed it is inside; in the source tree, or its tarball, it is kdr3-plot's
+    __path__ += [str(place) for place in (HERE.parents[1] / "tools", HERE.parent / "library" / "tools") if (place / "kdr3plot").is_dir()]
 
 from ._fit import fit  # noqa: E402: its modules find kdr3plot by the lines above
 from ._library import VERSION as __version__
