@@ -49,12 +49,13 @@ with tempfile.TemporaryDirectory() as place:
     python, = Path(place).glob("python3-kdr3_*.deb")
     output("dpkg-deb", "-x", str(python), place + "/python")
     inside = Path(place) / "python/usr/lib/python3/dist-packages"
-    sources = {path.name for path in (ROOT / "python/kdr3").glob("*") if path.suffix in (".py", ".typed")}
-    assert {path.name for path in inside.rglob("*") if path.is_file()} == sources, "the package for Python"
+    sources = {f"kdr3/{path.name}" for path in (ROOT / "python/kdr3").glob("*") if path.suffix in (".py", ".typed")}
+    sources |= {f"kdr3/kdr3plot/{path.name}" for path in [*(ROOT / "tools/kdr3plot").glob("*.py"), ROOT / "docs/results.schema.json"]}
+    assert {str(path.relative_to(inside)) for path in inside.rglob("*") if path.is_file()} == sources, "the package for Python"
     version = output("dpkg-deb", "-f", str(package), "Version").strip()
     assert f"kdr3 (= {version})" in output("dpkg-deb", "-f", str(python), "Depends"), "what it stands on"
-    said = output("/usr/bin/python3", "-c", "import kdr3; print(kdr3.fit('y ~ 1 + (1 | g)', {'y': [1, 2, 4, 3, 1, 5], 'g': list('aabbcc')}).nobs)",
-                  env=dict(os.environ, PYTHONPATH=str(inside), LD_LIBRARY_PATH=str(libraries)))
+    said = output("/usr/bin/python3", "-c", "import kdr3; m = kdr3.fit('y ~ 1 + (1 | g)', {'y': [1, 2, 4, 3, 1, 5], 'g': list('aabbcc')}); "
+                  "m.plot.qq(); print(m.nobs)", env=dict(os.environ, PYTHONPATH=str(inside), LD_LIBRARY_PATH=str(libraries)))
     assert said == "6\n", said
     depends = output("dpkg-deb", "-f", str(package), "Depends")
     assert "libc6" in depends and "libstdc++6" in depends, depends

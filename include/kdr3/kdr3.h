@@ -186,19 +186,22 @@ KDR3_PUBLIC kdr3_status kdr3_formula_make(const char* formula, const kdr3_option
 KDR3_PUBLIC kdr3_model* kdr3_formula_model(kdr3_formula* formula);
 
 typedef enum {
-  KDR3_COLUMNS,   /* the columns that the formula names */
-  KDR3_REMARKS,   /* what it made of the table, a sentence each: factors, records left out */
-  KDR3_WARNINGS,  /* those of them that a reader of the results has to know */
-  KDR3_EFFECTS,   /* the columns of the model matrix, under the names and in the order of R */
-  KDR3_TERMS,     /* the term that each of these is a column of: "year:sex" */
-  KDR3_RANDOM2,   /* the random effects of level 2, in the order of tau(pi), and */
-  KDR3_RANDOM3,   /* those of level 3, in the order of tau(beta), by the columns that they multiply */
-  KDR3_GROUPINGS, /* "school:pupil", the grouping of level 2, and that of level 3 where there is one */
-  KDR3_GROUPS2,   /* the columns that together tell a unit of level 2, and */
-  KDR3_GROUPS3,   /* of level 3 */
-  KDR3_OUTCOME,   /* the outcome as the formula has it; the family; the engine: "", "pql", "laplace6", "quadrature" */
-  KDR3_LEVELS,    /* the values of an outcome with names, in their order: the second of two is the event */
-  KDR3_OFFSETS    /* none; of kdr3_formula_matrix a column of what is added to the linear predictor */
+  KDR3_COLUMNS,    /* the columns that the formula names */
+  KDR3_REMARKS,    /* what it made of the table, a sentence each: factors, records left out */
+  KDR3_WARNINGS,   /* those of them that a reader of the results has to know */
+  KDR3_EFFECTS,    /* the columns of the model matrix, under the names and in the order of R */
+  KDR3_TERMS,      /* the term that each of these is a column of: "year:sex" */
+  KDR3_RANDOM2,    /* the random effects of level 2, in the order of tau(pi), and */
+  KDR3_RANDOM3,    /* those of level 3, in the order of tau(beta), by the columns that they multiply */
+  KDR3_GROUPINGS,  /* "school:pupil", the grouping of level 2, and that of level 3 where there is one */
+  KDR3_GROUPS2,    /* the columns that together tell a unit of level 2, and */
+  KDR3_GROUPS3,    /* of level 3 */
+  KDR3_OUTCOME,    /* the outcome as the formula has it; the family; the engine: "", "pql", "laplace6", "quadrature" */
+  KDR3_LEVELS,     /* the values of an outcome with names, in their order: the second of two is the event */
+  KDR3_OFFSETS,    /* none; of kdr3_formula_matrix a column of what is added to the linear predictor */
+  KDR3_VARIABLES1, /* the variables of the equations of level 1, by the names that the results document has, */
+  KDR3_VARIABLES2, /* of level 2, and */
+  KDR3_VARIABLES3  /* of level 3 */
 } kdr3_words;
 /* The i-th of these words, null behind the last. Valid as long as the formula. */
 KDR3_PUBLIC const char* kdr3_formula_text(const kdr3_formula* formula, kdr3_words words, size_t i);
@@ -213,12 +216,11 @@ KDR3_PUBLIC kdr3_status kdr3_formula_order(const kdr3_formula* formula, size_t* 
 KDR3_PUBLIC kdr3_status kdr3_formula_records(const kdr3_formula* formula, size_t* count, size_t* rows, size_t* unit2,
                                              size_t* unit3);
 
-/* The columns of KDR3_EFFECTS, KDR3_RANDOM2 or KDR3_RANDOM3, or the one of KDR3_OFFSETS (offsets, or the logarithm of
- * the exposure; 0 without either), over the rows of a table, [records * columns] row by row,
- * with the factors, means, scales and polynomials of the data that the model was made of; NaN in a row with a missing
- * value or a level that those data have not. A unit of those data keeps its means, a new one has those of its rows.
- * Without fields they are those of the model's own records, in the order of kdr3_formula_records. Errors: a missing
- * column. */
+/* The columns of KDR3_EFFECTS, KDR3_RANDOM2, KDR3_RANDOM3 or KDR3_VARIABLES1 to 3, or the one of KDR3_OFFSETS (offsets,
+ * or the logarithm of the exposure; 0 without either), over the rows of a table, [records * columns] row by row, with
+ * the factors, means, scales and polynomials of the data that the model was made of; NaN in a row with a missing value
+ * or a level that those data have not. A unit of those data keeps its means, a new one has those of its rows. Without
+ * fields they are those of the model's own records, in the order of kdr3_formula_records. Errors: a missing column. */
 KDR3_PUBLIC kdr3_status kdr3_formula_matrix(const kdr3_formula* formula, kdr3_words part, size_t records, size_t count,
                                             const kdr3_field* fields, double* values);
 

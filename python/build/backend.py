@@ -1,6 +1,6 @@
 """What pip builds the package with, from the standard library alone.
 
-A wheel holds the package and libkdr3.so: the one that KDR3_LIBRARY names, that of the tree's build folder, or one that
+A wheel holds the package, kdr3plot, which is kdr3-plot's, and libkdr3.so: the one that KDR3_LIBRARY names, that of the tree's build folder, or one that
 is compiled from the sources beside the package (cmake, ninja or make, a C++ compiler). A source tarball holds these
 sources, copied from the tree here and nowhere else.
 
@@ -22,7 +22,8 @@ import zipfile
 
 PACKAGE = pathlib.Path(__file__).resolve().parents[1]
 VERSION = re.search(r'^version = "(.*)"', (PACKAGE / "pyproject.toml").read_text(), re.M)[1]
-SOURCES = ["CMakeLists.txt", "src", "include", "man"]  # what the library is compiled from
+PLOT, SCHEMA = "tools/kdr3plot", "docs/results.schema.json"
+SOURCES = ["CMakeLists.txt", "src", "include", "man", PLOT, SCHEMA]  # what the library is compiled from, and a wheel made of
 METADATA = f"""Metadata-Version: 2.1
 Name: kdr3
 Version: {VERSION}
@@ -49,6 +50,13 @@ def root():
 
 def files():
     return sorted(path for path in (PACKAGE / "kdr3").glob("*") if path.suffix in (".py", ".typed"))
+
+
+def inside():
+    """The files of a wheel's package, with their places in it."""
+    yield from ((path, path.name) for path in files())
+    yield from ((path, f"kdr3plot/{path.name}") for path in sorted((root() / PLOT).glob("*.py")))
+    yield root() / SCHEMA, f"kdr3plot/{pathlib.Path(SCHEMA).name}"
 
 
 def library(folder):
@@ -80,8 +88,8 @@ def build_wheel(wheel_directory, config_settings=None, metadata_directory=None):
             wheel.writestr(path, data)
             digest = base64.urlsafe_b64encode(hashlib.sha256(data).digest()).rstrip(b"=").decode()
             record.append(f"{path},sha256={digest},{len(data)}")
-        for path in files():
-            put(f"kdr3/{path.name}", path.read_bytes())
+        for path, place in inside():
+            put(f"kdr3/{place}", path.read_bytes())
         put("kdr3/libkdr3.so", library(folder).read_bytes())
         put(f"{info}/METADATA", metadata().encode())
         put(f"{info}/WHEEL", f"Wheel-Version: 1.0\nGenerator: kdr3\nRoot-Is-Purelib: false\nTag: {tag()}\n".encode())

@@ -107,8 +107,8 @@ def run(formula: Formula, flag, progress: Callable[[str], None] | None = None) -
 def fit(formula: str, data: Any, *, family: str = "gaussian", engine: str | None = None, points: int | str | None = None,
         trials: str | None = None, exposure: str | None = None, offset: Any = None, weights1: Any = None,
         weights2: Any = None, weights3: Any = None, missing: float | Sequence[float] = (), reml: bool = False,
-        ddf: str | None = None, threads: int = 0,
-        settings: Mapping[str, float] | None = None, start: Results | None = None,
+        ddf: str | None = None, threads: int = 0, settings: Mapping[str, float] | None = None,
+        start: Results | None = None, plausible: Sequence[str] | None = None,
         progress: Callable[[str], None] | None = None):
     """Fits a mixed model of two or three levels.
 
@@ -142,12 +142,15 @@ def fit(formula: str, data: Any, *, family: str = "gaussian", engine: str | None
         Keywords of the guide that kdr3_model_set takes, as ``{"NUMIT": 1000}``.
     start : Results, optional
         A fit of the same model to nearly the same data, whose estimates this one starts from (normal outcomes).
+    plausible : list of str, optional
+        Columns of the plausible values of one variable, the first of which stands in the formula: the model is fitted to
+        each in its place, and the fits are pooled.
     progress : callable, optional
         Called with a sentence now and then, in the thread that fits. What it raises ends the fit, and is raised here.
 
     Returns
     -------
-    Results, or Pooled of a list of tables.
+    Results, or Pooled of a list of tables or of plausible values.
 
     Raises
     ------
@@ -167,7 +170,12 @@ def fit(formula: str, data: Any, *, family: str = "gaussian", engine: str | None
         from .pooled import Pooled
         if not data:
             raise lib.KDR3Error("The list of tables is empty.")
+        if plausible is not None:
+            raise lib.KDR3Error("Plausible values are columns of one table, not of a list of tables.")
         return Pooled([fit(formula, one, **arguments) for one in data])
+    if plausible is not None:
+        from .pooled import Pooled, inplaceof
+        return Pooled([fit(formula, one, **arguments) for one in inplaceof(formula, data, list(plausible))])
     return Results(*estimate(formula, data, arguments))
 
 

@@ -2,12 +2,14 @@
 from __future__ import annotations
 
 import math
+from typing import Any, Sequence
 
 import numpy as np
 
 from . import _library as lib
-from ._frames import frame, matrix, series, shown, table
-from .results import Results, Summary, _degrees, _p, tquantile
+from ._frames import Frame, frame, matrix, series, shown
+from ._table import names
+from .results import Results, Summary, _degrees, _p
 
 
 def _factors(fit: Results) -> dict:
@@ -16,132 +18,216 @@ def _factors(fit: Results) -> dict:
             if one.labels is not None and name not in fit._state["words"][lib.GROUPS2] + fit._state["words"][lib.GROUPS3]}
 
 
-class Pooled:
-    """The averages of the fits of m imputed tables, by Rubin (1987), as the program makes them of a series.
+def inplaceof(formula: str, data: Any, plausible: list[str]):
+    """The table with each of the plausible values in the place of the first one."""
+    from ._fit import Formula
+    known, named = names(data), Formula(formula).words(lib.COLUMNS)
+    if len(plausible) < 2:
+        raise lib.KDR3Error("plausible names the columns of two or more plausible values.")
+    for name in plausible:
+        if name not in known:
+            raise lib.KDR3Error(f"The table has no column {name}.")
+    if plausible[0] not in named:
+        raise lib.KDR3Error(f"The first plausible value, {plausible[0]}, does not stand in the formula.")
+    if set(plausible[1:]) & set(named):
+        raise lib.KDR3Error("The first plausible value alone stands in the formula.")
+    for name in plausible:
+        if hasattr(data, "assign"):  # pandas
+            yield data.assign(**{plausible[0]: data[name]})
+        else:
+            yield {**{column: data[column] for column in known}, plausible[0]: data[name]}
 
-    The covariance of the fixed effects is the mean of the fits' covariances plus (1 + 1/m) times the covariance of
-    their estimates. With r the ratio of the second part to the first, an effect has
-    min((m - 1) (1 + 1/r)^2, its degrees of freedom in the complete data) degrees of freedom, the former cut to a whole
-    number.
+
+class Pooled:
+    """The averages of the fits of m imputed tables or plausible values, by Rubin (1987), as the program makes them of a
+    series.
+
+    The covariance of the fixed effects, and of the variances, is the mean of the fits' covariances, within, plus
+    (1 + 1/m) times the covariance of their estimates, between. With r the ratio of the second part to the first, an
+    effect has min((m - 1) (1 + 1/r)^2, its degrees of freedom in the complete data) degrees of freedom, the former cut
+    to a whole number. Shapes and names are those of :class:`kdr3.Results`.
     """
 
     def __init__(self, fits: list[Results]):
-        first = fits[0]
-        for other in fits[1:]:
-            if other._names != first._names or other._random != first._random:
-                raise lib.KDR3Error("The tables lead to different models: their effects are not the same.")
-        self.fits, self.formula, self.family, self.outcome = fits, first.formula, first.family, first.outcome
-        for i, other in enumerate(fits[1:], 2):
-            for what, one, two in (("family", first.family, other.family), ("categories of the outcome", first.levels, other.levels),
-                                   ("levels of a factor", _factors(first), _factors(other)),
-                                   ("groupings", first._groupings, other._groupings), ("engine", first.engine, other.engine)):
-                if one != two:
-                    raise lib.KDR3Error(f"Tables 1 and {i} lead to different models: the {what} differ.")
-        self._names, m = first._names, len(fits)
-        estimates = np.array([fit._state["estimates"] for fit in fits])
-        self._estimates = estimates.mean(axis=0)
-        away = estimates - self._estimates
-        between = away.T @ away * ((1 + 1 / m) / (m - 1) if m > 1 else 0.0)
-        within = np.mean([fit._state["covariance"] for fit in fits], axis=0)
-        self._covariance = within + between
-        complete = np.mean([fit._df() for fit in fits], axis=0)
-        with np.errstate(divide="ignore", invalid="ignore"):
-            r = np.diag(between) / np.diag(within)
-            nu = (m - 1) * (1 + 1 / r) ** 2
-            self._missing = np.where(r > 0, (r + 2 / (nu + 3)) / (r + 1), 0.0)
-        self._df_pooled = np.where((r > 0) & (m > 1), np.minimum(np.trunc(nu), complete), complete)
-        self.nobs = first.nobs
+        self.fits, first = fits, fits[0]
+        self.formula, self.family, self.outcome, self.engine, self.levels = first.formula, first.family, first.outcome, first.engine, first.levels
+        self._names, self._random, self._groupings = first._names, first._random, first._groupings
+        self.warnings = [*differences(fits), *dict.fromkeys(f"Table {i}: {words}" for i, fit in enumerate(fits, 1) for words in fit.warnings)]
+        self.nobs, self.ngroups, self.weights, self.reml = first.nobs, first.ngroups, first.weights, first.reml
         self.converged = all(fit.converged for fit in fits)
-        self.scale = float(np.mean([fit.scale for fit in fits]))
-        told = []
-        if m == 1:
-            told.append("One table alone is pooled: nothing tells what is missing.")
-        if any(not np.array_equal(np.sort(fit._state["rows"]), np.sort(first._state["rows"])) for fit in fits):
-            told.append("The tables lead to fits of different records: " + ", ".join(str(fit.nobs) for fit in fits)
-                        + " records. Imputed data have the same.")
-        for sentence in told:
-            lib.tell(sentence)
-        self.warnings = told + list(dict.fromkeys(f"Table {i}: {words}" for i, fit in enumerate(fits, 1) for words in fit.warnings))
+        self._state = {"words": first._state["words"], **averages(fits)}
+        self.scale = self._state["sigma2"]
+        self._free, self._missing = {}, {}
+        for which, complete in (("covariance", [fit._df() for fit in fits]), ("robust", [fit._df(True) for fit in fits])):
+            self._free[which], self._missing[which] = freedom(
+                len(fits), np.diag(self._state[f"within_{which}"]), np.diag(self._state["between"]), np.mean(complete, axis=0))
+
+    # What is shown of estimates is shown of averages.
+    params, fe_params, bse, bse_fe, bse_robust = Results.params, Results.params, Results.bse, Results.bse, Results.bse_robust
+    cov_params, _se, _t, tvalues = Results.cov_params, Results._se, Results._t, Results.tvalues
+    cov_re, variances, _deviations, wald_test = Results.cov_re, Results.variances, Results._deviations, Results.wald_test
+    _termtests, _categories = Results._termtests, Results._categories
+    _p, pvalues, conf_int = Results._p, Results.pvalues, Results.conf_int
 
     @property
-    def params(self):
-        """[g] means of the fits' fixed effects."""
-        return series(self._estimates, self._names, "params")
+    def document(self):
+        return self.fits[0].document
 
-    def cov_params(self):
-        """[g, g] their covariance."""
-        return matrix(self._covariance, self._names, self._names)
-
-    def _se(self) -> np.ndarray:
-        return np.sqrt(np.diag(self._covariance))
-
-    @property
-    def bse(self):
-        """[g] standard errors."""
-        return series(self._se(), self._names, "bse")
+    def _df(self, robust: bool = False) -> np.ndarray:
+        return self._free["robust" if robust else "covariance"]
 
     @property
     def df(self):
         """[g] degrees of freedom."""
-        return series(self._df_pooled, self._names, "df")
+        return series(self._df(), self._names, "df")
 
     @property
     def fraction_missing(self):
         """[g] of the information that is missing."""
-        return series(self._missing, self._names, "fraction_missing")
+        return series(self._missing["covariance"], self._names, "fraction_missing")
 
-    @property
-    def tvalues(self):
-        """[g] estimates over standard errors."""
-        return series(self._estimates / self._se(), self._names, "tvalues")
+    def _wald(self, C: np.ndarray, robust: bool) -> dict[str, float]:
+        """The test of C gamma = 0 of k rows (Li, Raghunathan and Rubin 1991): with U the mean of the fits' covariances of
+        the contrasts e and r = tr(B U^-1) / k of what lies between them, D = e' U^-1 e / (k (1 + r)) is F with k and df2
+        degrees of freedom. As in the program the chi-square is k D. Of one table the test is that of its fit."""
+        m, k = len(self.fits), len(C)
+        if m == 1:
+            return {**self.fits[0]._wald(C, robust), "df2": math.inf}
+        U, B = (C @ self._state[part] @ C.T for part in (f"within_{'robust' if robust else 'covariance'}", "between"))
+        e = C @ self._state["estimates"]
+        try:
+            r = float(np.trace(np.linalg.solve(U, B))) / k
+            D = float(e @ np.linalg.solve(U, e)) / (k * (1 + r))
+        except np.linalg.LinAlgError:
+            r = D = math.nan
+        t = k * (m - 1)
+        if r == 0:
+            df2 = math.inf
+        elif t > 4:
+            df2 = 4 + (t - 4) * (1 + (1 - 2 / t) / r) ** 2
+        else:
+            df2 = t * (1 + 1 / k) * (1 + 1 / r) ** 2 / 2
+        p = lib.pvalue(lib.CHISQUARE, k * D, k) if math.isinf(df2) else lib.pvalue(lib.F, D, k, df2)
+        return {"chi_square": k * D, "df": k, "df2": df2, "p": p}
 
-    def _p(self) -> np.ndarray:
-        return np.array([lib.pvalue(lib.T, abs(t), df) for t, df in zip(self._estimates / self._se(), self._df_pooled)])
+    def anova(self, robust: bool = False):
+        """The pooled Wald test of each term: term, chi_square, df, df2 of the denominator, p."""
+        return self._termtests(robust)
 
-    @property
-    def pvalues(self):
-        """[g] two-sided."""
-        return series(self._p(), self._names, "pvalues")
+    def predict(self, data: Any = None, kind: str = "response", effects: str = "unit", se: bool = False):
+        """The means of the fits' predictions, for new data or for the records of each fit; see Results.predict. Standard
+        errors are by Rubin's rules, prediction by prediction: of new data those of the pooled covariance."""
+        made = [fit.predict(data, kind=kind, effects=effects, se=se) for fit in self.fits]
+        parts = [one["predicted"] for one in made] if se else made
+        if any(list(getattr(one, "index", ())) != list(getattr(parts[0], "index", ())) for one in parts):
+            raise lib.KDR3Error("The tables lead to fits of different records, whose predictions have no means. New data have.")
+        values = np.array([np.asarray(one, dtype=float) for one in parts])
+        mean = values.mean(axis=0)
+        index = getattr(parts[0], "index", range(len(mean)))
+        shaped = series(mean, index) if mean.ndim == 1 else matrix(mean, index, getattr(parts[0], "columns", range(mean.shape[1])))
+        if not se:
+            return shaped
+        within = np.mean([np.asarray(one["se"], dtype=float) ** 2 for one in made], axis=0)
+        m = len(made)
+        between = values.var(axis=0, ddof=1) * (1 + 1 / m) if m > 1 else 0.0
+        return frame({"predicted": shaped, "se": series(np.sqrt(within + between), index)})
 
-    def conf_int(self, alpha: float = 0.05):
-        """[g, 2] intervals."""
-        half = np.array([tquantile(alpha, df) for df in self._df_pooled]) * self._se()
-        return matrix(np.column_stack([self._estimates - half, self._estimates + half]), self._names, [0, 1])
+    def tidy(self, effects: Sequence[str] = ("fixed", "ran_pars"), conf_int: bool = False, alpha: float = 0.05,
+             robust: bool = False, exponentiate: bool = False):
+        """As Results.tidy, with the fraction of information that is missing (fmi) behind."""
+        made = Results.tidy(self, effects, conf_int, alpha, robust, exponentiate)
+        missing = list(self._missing["robust" if robust else "covariance"]) if "fixed" in effects else []
+        made["fmi"] = missing + [math.nan] * (len(made["term"]) - len(missing))
+        return made
 
-    @property
-    def cov_re(self):
-        """The means of the covariance matrices of the random effects of each grouping."""
-        first = self.fits[0].cov_re
-        return {group: sum(fit.cov_re[group] for fit in self.fits) / len(self.fits) for group in first}
-
-    def tidy(self, conf_int: bool = False, alpha: float = 0.05):
-        """Fixed effects as a table with the columns of broom."""
-        columns = {"effect": ["fixed"] * len(self._names), "term": self._names, "estimate": self._estimates,
-                   "std.error": self._se(), "statistic": self._estimates / self._se(), "df": self._df_pooled,
-                   "p.value": self._p(), "fmi": self._missing}
-        if conf_int:
-            bounds = np.asarray(self.conf_int(alpha))
-            columns.update({"conf.low": bounds[:, 0], "conf.high": bounds[:, 1]})
-        return frame(columns)
-
-    def summary(self) -> Summary:
+    def summary(self, robust: bool = False) -> Summary:
         """The averages in words and tables."""
         about = [("Outcome", f"{self.outcome} ({self.family})"), ("Tables", f"{len(self.fits)}, pooled by Rubin's rules"),
                  ("Records", ", ".join(dict.fromkeys(str(fit.nobs) for fit in self.fits))),
-                 ("Converged", "yes" if self.converged else "NO")]
-        fixed = [[name, shown(float(b)), shown(float(s)), shown(float(b / s)), _degrees(df), _p(p), shown(float(f))]
-                 for name, b, s, df, p, f in zip(self._names, self._estimates, self._se(), self._df_pooled, self._p(), self._missing)]
-        random = []
-        for level, (group, names) in enumerate(zip(self.fits[0]._groupings, self.fits[0]._random), 2):
-            tau = np.mean([fit._state[f"tau{level}"] for fit in self.fits], axis=0)
-            random += [[f"{group}  {name}", shown(float(tau[i, i])), shown(math.sqrt(max(tau[i, i], 0.0)))] for i, name in enumerate(names)]
-        if self.family == "gaussian":
-            random.append(["Residual", shown(self.scale), shown(math.sqrt(self.scale))])
-        return Summary(self.formula, about, (["Fixed effects", "estimate", "SE", "t", "df", "p", "missing"], fixed),
-                       (["Random effects", "variance", "SD"], random), self.warnings)
+                 *((name, ", ".join(dict.fromkeys(str(fit.ngroups[name]) for fit in self.fits)) + " units") for name in self._groupings)]
+        if self.levels or self.family in ("ordinal", "multinomial"):
+            about.insert(1, ("Categories", self._categories()))
+        if self.weights:
+            about.append(("Weights", ", ".join(f"{name}: {column}" for name, column in self.weights.items())
+                          + "; standard errors are the sandwich"))
+        about.append(("Converged", "yes" if self.converged else "NO"))
+        bounds, missing = np.asarray(self.conf_int(robust=robust)), self._missing["robust" if robust else "covariance"]
+        fixed = [[name, *(shown(float(x)) for x in (self._state["estimates"][i], self._se(robust)[i], self._t(robust)[i])),
+                  _degrees(self._df(robust)[i]), _p(self._p(robust)[i]), *(shown(float(x)) for x in (*bounds[i], missing[i]))]
+                 for i, name in enumerate(self._names)]
+        columns = [list(column) for column in Frame(self.variances).values()]
+        random = [[" ".join(filter(None, (group, term and f" {term}", term2 and f"with {term2}"))), *map(shown, map(float, numbers))]
+                  for group, term, term2, *numbers in zip(*columns)]
+        return Summary(self.formula, about, (["Fixed effects", "estimate", "robust SE" if robust else "SE", "t", "df", "p", "2.5%", "97.5%", "missing"], fixed),
+                       (["Random effects", "estimate", "SE", "SD or correlation"], random), self.warnings)
 
     def _repr_html_(self) -> str:
         return self.summary()._repr_html_()
 
     def __repr__(self) -> str:
         return f"<kdr3 {self.family}: {self.formula}; {len(self.fits)} tables pooled>"
+
+
+def differences(fits: list[Results]) -> list[str]:
+    """What the fits differ in and may; an error where they are fits of different models."""
+    first = fits[0]
+    for i, other in enumerate(fits[1:], 2):
+        if other._names != first._names or other._random != first._random:
+            raise lib.KDR3Error("The tables lead to different models: their effects are not the same.")
+        for what, one, two in (("family", first.family, other.family), ("categories of the outcome", first.levels, other.levels),
+                               ("levels of a factor", _factors(first), _factors(other)),
+                               ("groupings", first._groupings, other._groupings), ("engine", first.engine, other.engine)):
+            if one != two:
+                raise lib.KDR3Error(f"Tables 1 and {i} lead to different models: the {what} differ.")
+    told = []
+    if len(fits) == 1:
+        told.append("One table alone is pooled: nothing tells what is missing.")
+    if any(not np.array_equal(np.sort(fit._state["rows"]), np.sort(first._state["rows"])) for fit in fits):
+        told.append("The tables lead to fits of different records: " + ", ".join(str(fit.nobs) for fit in fits)
+                    + " records. Imputed data have the same.")
+    for sentence in told:
+        lib.tell(sentence)
+    return told
+
+
+def averages(fits: list[Results]) -> dict[str, Any]:
+    """Means of the estimates, and their covariances within and between the fits."""
+    m = len(fits)
+    factor = (1 + 1 / m) / (m - 1) if m > 1 else 0.0
+
+    def mean(name):
+        return np.mean([fit._state[name] for fit in fits], axis=0)
+
+    made: dict[str, Any] = {"estimates": mean("estimates")}
+    away = np.array([fit._state["estimates"] for fit in fits]) - made["estimates"]
+    made["between"] = away.T @ away * factor
+    for which in ("covariance", "robust"):
+        made[f"within_{which}"] = mean(which)
+        made[which] = made[f"within_{which}"] + made["between"]
+    for level in range(2, 2 + len(fits[0]._groupings)):
+        made[f"tau{level}"] = mean(f"tau{level}")
+        made[f"tau{level}_errors"] = variance_errors(fits, f"tau{level}", made[f"tau{level}"], factor)
+    made["sigma2"] = float(mean("sigma2"))
+    made["sigma2_error"] = float(variance_errors(fits, "sigma2", made["sigma2"], factor))
+    return made
+
+
+def variance_errors(fits: list[Results], name: str, mean, factor: float):
+    """Standard errors of variances. One that has none in some of the fits, as at the edge of what is possible, has none."""
+    values = np.array([fit._state[name] for fit in fits])
+    errors = np.array([fit._state["sigma2_error" if name == "sigma2" else f"{name}_errors"] for fit in fits])
+    total = np.mean(errors ** 2, axis=0) + factor * ((values - mean) ** 2).sum(axis=0)
+    if fits[0].engine in ("quadrature", "laplace6"):
+        total = np.where((errors == 0).any(axis=0) & (np.asarray(mean) != 0), math.nan, total)
+    return np.sqrt(total)
+
+
+def freedom(m: int, within: np.ndarray, between: np.ndarray, complete: np.ndarray) -> tuple[np.ndarray, np.ndarray]:
+    """[g] degrees of freedom, and the fractions of missing information (r + 2 / (nu + 3)) / (r + 1)."""
+    largest = 2.0**31 - 1  # beyond it there is nothing between
+    with np.errstate(divide="ignore", invalid="ignore"):
+        r = between / within
+        nu = (m - 1) * (1 + 1 / r) ** 2
+        some = (m > 1) & (nu <= largest)
+        return (np.where(some, np.minimum(np.floor(nu), complete), complete),
+                np.where(some, (r + 2 / (nu + 3)) / (r + 1), 0.0))

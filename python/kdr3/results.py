@@ -121,8 +121,12 @@ class Results:
         """[g] degrees of freedom of the t tests; infinite where they are of the standard normal."""
         return series(self._df(), self._names, "df")
 
-    def _df(self) -> np.ndarray:
+    def _df(self, robust: bool = False) -> np.ndarray:
+        """Those of tests by robust errors are counts, or of CR2, whatever those of the others are."""
         df = np.asarray(self._state["df"], dtype=float)
+        sides = [effect["robust"] for effect in self._phase["fixed_effects"]]
+        if robust and all(sides):
+            df = np.array([math.nan if side["df"] is None else side["df"] for side in sides])[self._state["places"]]
         return np.where(np.isnan(df), np.inf, df)
 
     def _t(self, robust: bool = False) -> np.ndarray:
@@ -135,7 +139,7 @@ class Results:
         return series(self._t(), self._names, "tvalues")
 
     def _p(self, robust: bool = False) -> np.ndarray:
-        return np.array([lib.pvalue(lib.T, abs(t), df) for t, df in zip(self._t(robust), self._df())])
+        return np.array([lib.pvalue(lib.T, abs(t), df) for t, df in zip(self._t(robust), self._df(robust))])
 
     @property
     def pvalues(self):
@@ -144,7 +148,7 @@ class Results:
 
     def conf_int(self, alpha: float = 0.05, robust: bool = False):
         """[g, 2] intervals of the fixed effects by t with `df` degrees of freedom."""
-        half = np.array([tquantile(alpha, df) for df in self._df()]) * self._se(robust)
+        half = np.array([tquantile(alpha, df) for df in self._df(robust)]) * self._se(robust)
         values = np.column_stack([self._state["estimates"] - half, self._state["estimates"] + half])
         return matrix(values, self._names, [0, 1])
 
@@ -445,7 +449,7 @@ class Results:
                 low, high = bounds[i]
                 if exponentiate:
                     b, s, low, high = math.exp(b), s * math.exp(b), math.exp(low), math.exp(high)
-                rows.append(["fixed", None, name, b, s, self._t(robust)[i], self._df()[i], self._p(robust)[i], low, high])
+                rows.append(["fixed", None, name, b, s, self._t(robust)[i], self._df(robust)[i], self._p(robust)[i], low, high])
         if "ran_pars" in effects:
             rows += [["ran_pars", group, name, value] + [math.nan] * 6 for group, name, value in self._deviations()]
         names = ["effect", "group", "term", "estimate", "std.error", "statistic", "df", "p.value", "conf.low", "conf.high"]
@@ -495,7 +499,12 @@ class Results:
     def anova(self, *others: "Results", robust: bool = False):
         """Without others a Wald test of each term; else the likelihood-ratio tests of :func:`kdr3.anova`."""
         if others:
+            from .compare import anova
             return anova(self, *others)
+        return self._termtests(robust)
+
+    def _termtests(self, robust: bool):
+        """A row for each term: the joint test of its fixed effects."""
         terms = self._state["words"][lib.TERMS]
         effects = self._state["words"][lib.EFFECTS]
         rows = []
@@ -504,10 +513,8 @@ class Results:
                 continue
             wanted = {name for name, of in zip(effects, terms) if of == term}
             places = [i for i, name in enumerate(self._names) if name.split("[")[0] in wanted or name in wanted]
-            test = self._wald(np.eye(len(self._names))[places], robust)
-            rows.append((term, test["chi_square"], test["df"], test["p"]))
-        names = ("term", "chi_square", "df", "p")
-        return frame(dict(zip(names, zip(*rows))) if rows else {name: [] for name in names})
+            rows.append({"term": term, **self._wald(np.eye(len(self._names))[places], robust)})
+        return frame({name: [row[name] for row in rows] for name in (rows[0] if rows else ("term", "chi_square", "df", "p"))})
 
     # -- Refits ------------------------------------------------------------------------------------------------------
 
@@ -556,7 +563,7 @@ class Results:
         about.append(("Converged", "yes" if self.converged else "NO"))
         bounds = np.asarray(self.conf_int(robust=robust))
         fixed = [[name, *(shown(float(x)) for x in (self._state["estimates"][i], self._se(robust)[i], self._t(robust)[i])),
-                  _degrees(self._df()[i]), _p(self._p(robust)[i]), shown(float(bounds[i, 0])),
+                  _degrees(self._df(robust)[i]), _p(self._p(robust)[i]), shown(float(bounds[i, 0])),
                   shown(float(bounds[i, 1]))] for i, name in enumerate(self._names)]
         random = []
         for level, (group, names) in enumerate(zip(self._groupings, self._random), 2):
@@ -588,7 +595,7 @@ class Results:
 
     @property
     def plot(self):
-        """Pictures, with matplotlib: plot.residuals(), plot.qq(), plot.effects(), plot.coefficients()."""
+        """The pictures of kdr3-plot, with matplotlib: plot.coefficients(), plot.caterpillar(), plot.lines() ..."""
         from .plot import Plots
         return Plots(self)
 
@@ -801,97 +808,3 @@ def load(path) -> Results:
     made = Results.__new__(Results)
     made.__setstate__({"state": state, "made": about["made"], "table": columns})
     return made
-
-
-def anova(*models: Results):
-    """Likelihood-ratio tests of neighbours, in the order of their parameters.
-
-    Where the larger model has one random effect more, the variance is 0 in the smaller one, at the edge of what is
-    possible: `p_mixture` is that of the mixture, half and half, of chi-squares with one degree of freedom less and with
-    these (Self and Liang 1987); it is the one to take.
-    """
-    for m in models:
-        if not isinstance(m, Results):
-            raise lib.KDR3Error(f"Results of fits are compared, not {type(m).__name__}.")
-    ordered = sorted(models, key=lambda m: m.df_model)
-    rows = []
-    for before, m in zip([None, *ordered], ordered):
-        row = [m.formula, m.df_model, m.llf, m.aic, m.bic, math.nan, math.nan, math.nan, math.nan]
-        if before is not None:
-            _comparable(before, m)
-            df = m.df_model - before.df_model
-            gain = 2 * (m.llf - before.llf)
-            if df > 0 and gain < -1e-7 * abs(2 * m.llf):
-                raise lib.KDR3Error(f"{m.formula} has more parameters and fits worse: one of the models is not at its maximum.")
-            row[5], row[6] = gain, df = max(0.0, gain), df
-            if df > 0:
-                row[7] = lib.pvalue(lib.CHISQUARE, gain, df)
-                more = sum(map(len, m._random)) - sum(map(len, before._random))
-                if more == 1:
-                    less = lib.pvalue(lib.CHISQUARE, gain, df - 1) if df > 1 else 0.0
-                    row[8] = 0.5 * (row[7] + less) if gain > 0 else 1.0
-                elif more > 1:
-                    lib.tell(f"{m.formula} has {more} random effects more, whose variances are 0 in {before.formula}, at the edge of "
-                             "what is possible: p is too large.")
-        rows.append(row)
-    names = ("model", "parameters", "logLik", "AIC", "BIC", "chi_square", "df", "p", "p_mixture")
-    return frame(dict(zip(names, zip(*rows))))
-
-
-def _comparable(a: Results, b: Results) -> None:
-    if (a.outcome, a.family, a.engine) != (b.outcome, b.family, b.engine):
-        raise lib.KDR3Error("Models are compared that have the same outcome, family and engine.")
-    if math.isnan(a.llf) or math.isnan(b.llf):
-        raise lib.KDR3Error("Quasi-likelihood has no likelihood to compare.")
-    if a.weights or b.weights:
-        raise lib.KDR3Error("The likelihood is weighted, and twice its difference has no chi-square distribution.")
-    for m in (a, b):
-        if not m.converged or m._phase["ending"] in ("limit", "keyboard", "separation", "lost"):
-            raise lib.KDR3Error(f"{m.formula} did not converge, or failed its check.")
-    points = [m._phase.get("points") for m in (a, b)]
-    if points[0] != points[1] and not {0, 1}.isdisjoint(points):
-        raise lib.KDR3Error(f"The likelihoods are of two kinds: quadrature with {points[0]} and {points[1]} points; 1 is the first-order "
-                            "Laplace approximation, 0 fixed nodes.")
-    if points[0] != points[1]:
-        lib.tell(f"The likelihoods rest on {points[0]} and {points[1]} quadrature points.")
-    if a.nobs != b.nobs or not np.array_equal(np.sort(a._state["rows"]), np.sort(b._state["rows"])):
-        raise lib.KDR3Error(f"The models rest on other records: {a.nobs} and {b.nobs}.")
-    if any(not np.array_equal(one, other) for one, other in zip(_intable(a), _intable(b))):
-        raise lib.KDR3Error("The models rest on other data: the outcome is not the same.")
-    if changed := _changed(a, b):
-        raise lib.KDR3Error(f"The models rest on other data: {changed} is not the same.")
-    if not all(set(names) <= set(dict(zip(b._groupings, b._random)).get(group, [])) for group, names in zip(a._groupings, a._random)) or (
-            not _spans(b, a)):
-        raise lib.KDR3Error(f"{a.formula} is no part of {b.formula}: there is no test of the one against the other.")
-    if a.reml != b.reml or (a.reml and a._state["words"][lib.EFFECTS] != b._state["words"][lib.EFFECTS]):
-        raise lib.KDR3Error("Restricted likelihoods compare models of the same fixed effects alone.")
-
-
-def _changed(a: Results, b: Results) -> str | None:
-    """A column of both models whose values differ in their records."""
-    rows = np.sort(a._state["rows"])
-    for name, one in a._fields().columns.items():
-        other = b._fields().columns.get(name)
-        if other is None or (one.labels is None) != (other.labels is None):
-            continue
-        absent, x, y = one.absent()[rows], *(c.values[rows] if c.labels is None else np.array([*c.labels, ""])[c.values[rows]]
-                                             for c in (one, other))
-        if not np.array_equal(absent, other.absent()[rows]) or not np.array_equal(x[~absent], y[~absent]):
-            return name
-    return None
-
-
-def _intable(m: Results) -> list[np.ndarray]:
-    """Outcome, trials or exposure, and offset in the order of the table."""
-    order = np.argsort(m._state["rows"], kind="stable")
-    return [values[order] for values in m._outcome]
-
-
-def _spans(large: Results, small: Results) -> bool:
-    """Whether the columns of the larger model matrix give those of the smaller one."""
-    names = large._state["words"][lib.EFFECTS], small._state["words"][lib.EFFECTS]
-    if set(names[1]) <= set(names[0]):
-        return True
-    X, Z = [m._matrix(lib.EFFECTS, len(of))[np.argsort(m._state["rows"], kind="stable")] for m, of in zip((large, small), names)]
-    left = Z - X @ np.linalg.lstsq(X, Z, rcond=None)[0]
-    return bool((np.linalg.norm(left, axis=0) <= 1e-8 * np.linalg.norm(Z, axis=0)).all())

@@ -12,7 +12,14 @@ import tempfile
 import zipfile
 
 TREE = pathlib.Path(sys.argv[2]).resolve()
-FIT = "import kdr3; print(kdr3.fit('y ~ 1 + (1 | g)', {'y': [1, 2, 4, 3, 1, 5], 'g': list('aabbcc')}).nobs, kdr3.__version__)"
+FIT = """import kdr3, pathlib
+m = kdr3.fit('y ~ 1 + (1 | g)', {'y': [1, 2, 4, 3, 1, 5], 'g': list('aabbcc')})
+try:
+    words = m.plot.coefficients(intercept=True).words
+except ImportError:
+    words = 'Fixed effects'
+assert pathlib.Path(kdr3.kdr3plot.__file__).parent.parent == pathlib.Path(kdr3.__file__).parent
+print(m.nobs, kdr3.__version__, words[:13])"""
 
 
 def imported(wheel, folder):
@@ -22,7 +29,7 @@ def imported(wheel, folder):
         assert listed == set(file.namelist()), listed ^ set(file.namelist())
     plain = {key: value for key, value in os.environ.items() if key not in ("KDR3_LIBRARY", "PYTHONPATH")}
     done = subprocess.run(["/usr/bin/python3", "-c", FIT], env={**plain, "PYTHONPATH": folder}, cwd=folder, capture_output=True, text=True)
-    assert done.stdout == "6 7.1.0\n", done.stdout + done.stderr
+    assert done.stdout == "6 7.1.0 Fixed effects\n", done.stdout + done.stderr
 
 
 with tempfile.TemporaryDirectory() as place:
@@ -36,7 +43,7 @@ with tempfile.TemporaryDirectory() as place:
     with tarfile.open(make(TREE / "python/build/backend.py", "sdist")) as file:
         file.extractall(place / "sources")
     inside = place / "sources" / "kdr3-7.1.0"
-    for name in ("src/library/formula.cpp", "include/kdr3/kdr3.h", "CMakeLists.txt", "src/app/main.cpp"):
+    for name in ("src/library/formula.cpp", "include/kdr3/kdr3.h", "CMakeLists.txt", "src/app/main.cpp", "tools/kdr3plot/nested.py"):
         assert (inside / "library" / name).read_bytes() == (TREE / name).read_bytes(), name
     imported(make(inside / "build/backend.py", "wheel"), str(place / "two"))
     if os.environ.get("KDR3_COMPILE"):  # the whole library, which takes minutes

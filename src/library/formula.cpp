@@ -23,7 +23,7 @@ struct kdr3_formula {
   kdr::EngineChoice engine;
   std::unique_ptr<kdr3_data> data;
   std::unique_ptr<kdr3_model> model;
-  std::vector<std::string> words[KDR3_OFFSETS + 1];
+  std::vector<std::string> words[KDR3_VARIABLES3 + 1];
   std::vector<std::size_t> unit2, unit3;  // of the records in their order
 };
 
@@ -334,9 +334,10 @@ std::string effectname(const Design& design, const CoefficientPieces& of) {
 }
 
 // What kdr3_formula_text hands out of a plan that stands.
-void takewords(kdr3_formula& formula) {
+void takewords(kdr3_formula& formula, const Parts& parts) {
   const FormulaPlan& plan = formula.plan;
   auto& words = formula.words;
+  for (int level = 0; level < 3; ++level) words[KDR3_VARIABLES1 + level] = parts.pieces[level];
   for (const FixedEffect& effect : plan.design.fixed) {
     words[KDR3_EFFECTS].push_back(effect.name);
     words[KDR3_TERMS].push_back(effect.term);
@@ -365,6 +366,10 @@ std::vector<std::vector<ColumnPart>> matrixparts(const FormulaPlan& plan, kdr3_w
   std::vector<std::vector<ColumnPart>> all;
   if (part == KDR3_EFFECTS) {
     for (const ModelColumn& column : plan.fixed) all.push_back(column.parts);
+    return all;
+  }
+  if (part >= KDR3_VARIABLES1) {
+    for (const Piece& piece : plan.design.pieces[part - KDR3_VARIABLES1]) all.push_back(piece.parts);
     return all;
   }
   for (const CoefficientPieces& of : plan.design.effectsof(part == KDR3_RANDOM2 ? 2 : 3)) {
@@ -545,7 +550,7 @@ kdr3_status kdr3_formula_make(const char* text, const kdr3_options* options, siz
     formula->engine = enginechoice(plan);
     Parts parts;
     if (makedata(*formula, parts) != KDR3_OK || makemodel(*formula, parts) != KDR3_OK) return KDR3_ERROR;
-    takewords(*formula);
+    takewords(*formula, parts);
     for (LongColumn& column : plan.data.columns) column.numbers = {}, column.codes = {};  // the variables have them
     *made = formula.release();
     return (*made)->words[KDR3_WARNINGS].empty() ? KDR3_OK : KDR3_WARNING;
@@ -555,7 +560,7 @@ kdr3_status kdr3_formula_make(const char* text, const kdr3_options* options, siz
 kdr3_model* kdr3_formula_model(kdr3_formula* formula) { return formula != nullptr ? formula->model.get() : nullptr; }
 
 const char* kdr3_formula_text(const kdr3_formula* formula, kdr3_words words, size_t i) {
-  if (formula == nullptr || words < KDR3_COLUMNS || words > KDR3_OFFSETS) return nullptr;
+  if (formula == nullptr || words < KDR3_COLUMNS || words > KDR3_VARIABLES3) return nullptr;
   const std::vector<std::string>& list = formula->words[words];
   return i < list.size() ? list[i].c_str() : nullptr;
 }
@@ -592,8 +597,10 @@ kdr3_status kdr3_formula_matrix(const kdr3_formula* formula, kdr3_words part, si
   return refusable([&]() -> kdr3_status {
     if (formula == nullptr || formula->model == nullptr || values == nullptr)
       return error("A matrix needs a formula with its model, and a place.");
-    if (part != KDR3_EFFECTS && part != KDR3_RANDOM2 && part != KDR3_RANDOM3 && part != KDR3_OFFSETS)
-      return error("A matrix is of the fixed effects, of the random ones of level 2 or 3, or of the offsets.");
+    if (part != KDR3_EFFECTS && part != KDR3_RANDOM2 && part != KDR3_RANDOM3 &&
+        (part < KDR3_OFFSETS || part > KDR3_VARIABLES3))
+      return error(
+          "A matrix is of the fixed effects, of the random ones of level 2 or 3, of the offsets or of variables.");
     const FormulaPlan& plan = formula->plan;
     FormulaData other;
     const bool own = first == nullptr;

@@ -10,22 +10,24 @@ FEW = 40  # units that are all named
 MANY = 1000  # points or intervals from which on an SVG holds them as an image
 
 
-def figure(panels, height, title, columns=1):
-    """A figure with `panels` axes one below the other, or in rows of some columns; without those that stay empty."""
+def sheet():
+    """A context in which pictures have their looks, whatever a session has told matplotlib; it tells the session nothing."""
     try:
-        import matplotlib
+        from matplotlib import style
     except ImportError:
         raise Refusal(UNREADABLE, "matplotlib is missing (Debian package python3-matplotlib)")
-    matplotlib.use("Agg")
-    import matplotlib.pyplot as pyplot
-    pyplot.rcParams.update({
+    return style.context(["default", {
         "font.size": 9, "axes.titlesize": 9, "axes.titleweight": "bold", "axes.titlelocation": "left",
         "axes.spines.top": False, "axes.spines.right": False, "legend.frameon": False, "legend.fontsize": 8,
-        "svg.hashsalt": "kdr3-plot", "figure.dpi": 130, "text.parse_math": False})
-    pyplot.close("all")
+        "svg.hashsalt": "kdr3-plot", "figure.dpi": 130, "text.parse_math": False}])
+
+
+def figure(panels, height, title, columns=1):
+    """A figure with `panels` axes one below the other, or in rows of some columns; without those that stay empty."""
+    from matplotlib.figure import Figure
     rows = -(-panels // columns)
-    drawing, axes = pyplot.subplots(rows, columns, figsize=(WIDTH, height * rows + 0.3 * bool(title)), squeeze=False,
-                                    layout="constrained")
+    drawing = Figure(figsize=(WIDTH, height * rows + 0.3 * bool(title)), layout="constrained")
+    axes = drawing.subplots(rows, columns, squeeze=False)
     for empty in axes.flat[panels:]:
         empty.remove()
     if title:
@@ -40,8 +42,9 @@ def unitsname(level, count):
 def picture(drawing, form):
     """The bytes of a figure; the same ones each time."""
     out = io.BytesIO()
-    drawing.savefig(out, format=form, metadata={"Date": None} if form == "svg" else {"Software": None},
-                    dpi=130 if form == "png" else 200)
+    with sheet():
+        drawing.savefig(out, format=form, metadata={"Date": None} if form == "svg" else {"Software": None},
+                        dpi=130 if form == "png" else 200)
     if form == "png":  # a palette takes a third of the bytes; this one keeps rare colours too
         from PIL import Image
         image = Image.open(out).convert("RGB").quantize(256, Image.Quantize.MAXCOVERAGE, dither=Image.Dither.NONE)

@@ -4,13 +4,17 @@ import collections
 from .digits import degrees, interval, places, pvalue, shown, statistic
 from .document import choosephase, outcomes, twolevel
 from .model import engine, formula, rationame, thresholdname
-from .nested import LOWER, TOP, compared, groupof, held, loglikelihood, randomterms, sizesof, termsof
+from .nested import LOWER, TOP, compared, fixedgroups, groupof, held, loglikelihood, randomterms, sizesof, spans, termsof
 
 
 class Column:
     def __init__(self, document, name, phase=None):
         self.document, self.phase = document, choosephase(document, phase)
         self.name, self.outcome = name, ", ".join(outcomes(document))
+
+    def spans(self, smaller):
+        """Are the fixed effects of another model a part of this one's?"""
+        return spans(fixedgroups(self.document), fixedgroups(smaller.document))
 
 
 class Cell:

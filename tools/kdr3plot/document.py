@@ -18,8 +18,15 @@ class Refusal(Exception):
         self.code = code
 
 
-def warn(text):
+def toconsole(text):
     print("kdr3-plot: " + text, file=sys.stderr)
+
+
+hears = toconsole  # whoever hears what is odd but refuses nothing
+
+
+def warn(text):
+    hears(text)
 
 
 def readschema():
@@ -146,6 +153,11 @@ def readresults(path):
         raise Refusal(DAMAGED, f"{path} is not a results document (RESULTS:name.json): {error}")
     if not isinstance(document, dict) or document.get("format") != "kdr3 results":
         raise Refusal(DAMAGED, f"{path} is not a results document: it lacks \"format\": \"kdr3 results\"")
+    return understood(document, path)
+
+
+def understood(document, path):
+    """A document that follows the schema, made one of this version, with the names that its effects are shown by."""
     schema = readschema()
     modernize(document, schema)
     mine, its = schema["properties"]["format_version"]["const"], document.get("format_version")

@@ -8,11 +8,12 @@ import zlib
 
 from .document import DAMAGED, NOTHING, UNREADABLE, Refusal, equations, label, readresults
 
+
 class Table:
     """A residual file. A column is turned into identifiers or numbers when it is asked for: most are not drawn."""
 
-    def __init__(self, path, names, rows):
-        self.path, self.names, self.rows, self.columns = path, [name.strip() for name in names], rows, {}
+    def __init__(self, path, names, rows, columns=None):
+        self.path, self.names, self.rows, self.columns = path, [name.strip() for name in names], rows, columns or {}
         self.ids = sum(name in ("L3ID", "L2ID") for name in self.names[:2])  # data of two levels have no L3ID
         self.level = {"NK": 3, "NJK": 2}.get("".join(self.names[self.ids:self.ids + 1]), 1)
 
@@ -212,9 +213,9 @@ def readmargins(data):
 class Run:
     """A results document and the files that its run made, each read when it is first asked for."""
 
-    def __init__(self, path, folder=None):
+    def __init__(self, path, folder=None, document=None):
         self.path = path
-        self.document = readresults(path)
+        self.document = readresults(path) if document is None else document
         self.folder = os.path.dirname(path) if folder is None else folder
         self.nonlinear = self.document["model"]["link"] != "identity"
         self.tables = None
@@ -222,6 +223,14 @@ class Run:
         self.margins = None  # rows and names of the grid
         self.drawn = None  # random effects, for the simulated residuals
         self.phases = {}  # by level, whose values a residual file has, where the document tells
+
+    @classmethod
+    def ofcolumns(cls, document, name, tables, phase):
+        """Of a model in memory: tables as its residual files would be, whose values are those of the phase."""
+        made = cls(name, document=document)
+        made.tables, made.predictors, made.missing = {table.level: table for table in tables}, {}, []
+        made.phases = dict.fromkeys(made.tables, phase)
+        return made
 
     def read(self):
         if self.tables is not None:

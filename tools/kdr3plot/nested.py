@@ -186,12 +186,11 @@ def compared(a, b):
         notes.append(f"The likelihoods rest on {a.phase.get('points')} and {b.phase.get('points')} quadrature points.")
     small, large = sorted((a, b), key=lambda column: column.phase["parameters"])
     df = large.phase["parameters"] - small.phase["parameters"]
-    fixed = [fixedgroups(column.document) for column in (small, large)]
     random = [randomterms(column.document) for column in (small, large)]
     extra = [term for term in random[1] if term not in random[0]]
     if df == 0:
         why = "they have the same number of parameters, so that neither is a part of the other"
-    elif not spans(fixed[1], fixed[0]) or not set(random[0]) <= set(random[1]) or heldotherwise(large, small):
+    elif not large.spans(small) or not set(random[0]) <= set(random[1]) or heldotherwise(large, small):
         why = f"{small.name} is no part of {large.name}"
     elif unseen(large):
         why = f"{large.name} has equations between elements of its covariance matrices, which the document does not tell"

@@ -3,7 +3,7 @@ import math
 import statistics
 import textwrap
 
-from .canvas import BLUE, FEW, GREY, LIGHT, MANY, PALETTE, RED, figure, unitsname
+from .canvas import BLUE, FEW, GREY, LIGHT, MANY, PALETTE, RED, figure, sheet, unitsname
 from .checks import describedcalibration, describedsimulated, drawcalibration, drawsimulated
 from .digits import interval, shown
 from .document import USAGE, Refusal, choosephase, outcomename, phasename, wholename
@@ -14,8 +14,13 @@ from .values import caterpillar, coefficients, lines, ofsubruns, pickunits, quan
 OUTERMOST = 3  # of many units, so many are named at each end
 
 
-def drawcaterpillar(run, level, units=None, title=""):
-    panels = caterpillar(run, level)
+def panelsof(run, level, effect):
+    """The random effects of a level, or the one of this name."""
+    return [panel for panel in caterpillar(run, level) if effect in (None, panel[0])]
+
+
+def drawcaterpillar(run, level, units=None, title="", effect=None):
+    panels = panelsof(run, level, effect)
     marked = set(run.table(level).units()[i] for i in pickunits(run.table(level), units)) if units else set()
     drawing, axes = figure(len(panels), 2.8, title)
     for ax, (name, rows) in zip(axes, panels):
@@ -175,8 +180,13 @@ def source(kind, run):
 
 
 def draw(kind, run, o, title):
+    with sheet():
+        return drawn(kind, run, o, title)
+
+
+def drawn(kind, run, o, title):
     if kind in ("caterpillar2", "caterpillar3"):
-        return drawcaterpillar(run, int(kind[-1]), (o.units or []) + (o.label or []), title)
+        return drawcaterpillar(run, int(kind[-1]), (o.units or []) + (o.label or []), title, getattr(o, "effect", None))
     if kind == "lines":
         return drawlines(run, o.units, o.predictor, o.category, title)
     if kind == "residuals":
@@ -206,7 +216,7 @@ def described(kind, run, o):
     if kind.startswith("caterpillar"):
         return f"{name}: " + "; ".join(
             f"{what}, from {rows[0][0]} ({shown(rows[0][1])}) to {rows[-1][0]} ({shown(rows[-1][1])}) in {len(rows)} units"
-            for what, rows in caterpillar(run, int(kind[-1])) if rows)
+            for what, rows in panelsof(run, int(kind[-1]), getattr(o, "effect", None)) if rows)
     if kind == "qq":
         return f"{name}: " + "; ".join(f"{what} of {unitsname(level, len(rows))}, {shown(rows[0][1])} to {shown(rows[-1][1])}"
                                        for level, what, rows in quantiles(run) if rows)
