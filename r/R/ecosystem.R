@@ -68,12 +68,16 @@ glance.kdr3 <- function(x, ...) {
 augment.kdr3 <- function(x, data = NULL, newdata = NULL, ...) {
   if (!is.null(newdata)) {
     made <- as.data.frame(newdata)
-    made$.fitted <- unname(stats::predict(x, newdata, allow.new.levels = TRUE))
+    found <- stats::predict(x, newdata, type = if (categorical(x$family)) "response" else "link", allow.new.levels = TRUE)
+    if (categorical(x$family)) return(augmentcategories(made, found, x$levels))
+    made$.fitted <- unname(found)
     return(made)
   }
+  if (is.null(data)) x$na.action <- NULL  # its frame has no rows to be padded
   made <- if (is.null(data)) x$frame else as.data.frame(data)
   if (!is.null(data) && !is.null(x$na.action) && !inherits(x$na.action, "exclude")) made <- made[-x$na.action, , drop = FALSE]
   attr(made, "terms") <- NULL
+  if (categorical(x$family)) return(augmentcategories(made, stats::fitted(x), x$levels))
   made$.fitted <- unname(stats::predict(x))
   made$.resid <- unname(stats::residuals(x))
   made$.fixed <- unname(stats::predict(x, re.form = NA))
@@ -81,6 +85,15 @@ augment.kdr3 <- function(x, data = NULL, newdata = NULL, ...) {
     made$.mu <- unname(stats::fitted(x))
     made$.eta <- made$.fitted
   }
+  made
+}
+
+# The most probable category, and the probability of each.
+augmentcategories <- function(made, probabilities, levels) {
+  best <- max.col(ifelse(is.na(probabilities), 0, probabilities), ties.method = "first")
+  best[is.na(probabilities[, 1L])] <- NA
+  made$.fitted <- factor(levels[best], levels)
+  for (category in levels) made[[paste0(".prob.", category)]] <- unname(probabilities[, category])
   made
 }
 
@@ -248,6 +261,7 @@ get_variance.kdr3 <- function(x, component = c("all", "fixed", "random", "residu
 get_predicted.kdr3 <- function(x, data = NULL, predict = "expectation", ci = 0.95, include_random = FALSE, verbose = TRUE, ...) {
   link <- identical(predict, "link")
   found <- stats::predict(x, data, type = "link", re.form = if (isTRUE(include_random)) NULL else NA, allow.new.levels = TRUE, se.fit = TRUE)
+  if (categorical(x$family)) refuse("Predictions of categories are those of predict(type = \"response\").", class = "kdr3_refused")
   back <- if (link) identity else link_inverse.kdr3(x)
   z <- stats::qnorm((1 + (if (is.null(ci)) 0.95 else ci)) / 2)
   bounds <- data.frame(Row = seq_along(found$fit), SE = unname(found$se.fit), CI_low = unname(back(found$fit - z * found$se.fit)),
@@ -275,6 +289,7 @@ get_predictions.kdr3 <- function(model, data_grid = NULL, ci.lvl = 0.95, linv = 
   more <- list(...)
   grid <- if (!is.null(data_grid)) data_grid else more$fitfram
   if (is.null(linv)) linv <- link_inverse.kdr3(model)
+  if (categorical(model$family)) refuse("Predictions of categories are those of predict(type = \"response\").", class = "kdr3_refused")
   found <- stats::predict(model, grid, type = "link", re.form = NA, se.fit = TRUE)
   grid$predicted <- linv(unname(found$fit))
   level <- if (is.null(ci.lvl) || is.na(ci.lvl)) 0 else ci.lvl

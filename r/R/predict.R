@@ -19,6 +19,8 @@ newdesign <- function(object, newdata, blocks, allow.new.levels, na.action) {
     return(list(X = fixedmatrix(object, object$terms, frame), Z = Z, level2 = object$groups$level2$codes,
                 level3 = object$groups$level3$codes, offset = stats::model.offset(frame), names = rownames(frame), omitted = object$na.action))
   }
+  if (!is.list(newdata)) refuse("newdata is a data frame, not an object of class ", class(newdata)[1L], ".", class = "kdr3_data")
+  newdata <- as.data.frame(newdata, optional = TRUE)
   tt <- stats::delete.response(object$terms)
   variables <- names(newdata)
   frameof <- function(tt) {
@@ -37,7 +39,12 @@ newdesign <- function(object, newdata, blocks, allow.new.levels, na.action) {
     offset <- if (is.null(offset)) extra else offset + extra
   }
   made <- list(X = X, Z = Z, offset = offset, names = rownames(newdata))
-  for (l in unique(object$blocklevel[blocks])) made[[c("level2", "level3")[l - 1L]]] <- unitcodes(object, l, newdata, allow.new.levels)
+  made$untold <- logical(nrow(X))  # rows that don't say what unit they are of
+  for (l in unique(object$blocklevel[blocks])) {
+    units <- unitcodes(object, l, newdata, allow.new.levels)
+    made[[c("level2", "level3")[l - 1L]]] <- units$codes
+    made$untold <- made$untold | units$untold
+  }
   # A missing value makes a missing prediction, or leaves the row out.
   bad <- !stats::complete.cases(frame)
   if (any(bad) && !identical(na.action, stats::na.pass)) made$drop <- which(bad)
@@ -55,15 +62,25 @@ unitcodes <- function(object, level, newdata, allow.new.levels) {
   })
   labels <- do.call(paste, c(values, sep = ":"))
   codes <- match(labels, group$labels)
-  if (anyNA(codes) && !allow.new.levels)
-    refuse("The new data have a unit of ", group$name, " that the model doesn't know (", labels[which(is.na(codes))[1L]],
+  untold <- Reduce(`|`, lapply(values, is.na))
+  unknown <- is.na(codes) & !untold
+  if (any(unknown) && !allow.new.levels)
+    refuse("The new data have a unit of ", group$name, " that the model doesn't know (", labels[which(unknown)[1L]],
            "): with allow.new.levels = TRUE its random effects are 0.", class = "kdr3_data")
-  codes
+  list(codes = codes, untold = untold)
+}
+
+# Arguments that a method doesn't have are told, not passed over.
+unused <- function(...) {
+  names <- setdiff(c(...names(), rep("", ...length() - length(...names()))), "ReForm")
+  if (length(names) > 0L)
+    warn(paste0("There is no argument ", if (nzchar(names[1L])) names[1L] else "without a name in this place", ": it is passed over."), class = "kdr3_unused")
 }
 
 predict.kdr3 <- function(object, newdata = NULL, type = c("link", "response"), re.form = NULL, allow.new.levels = FALSE,
                          se.fit = FALSE, na.action = stats::na.pass, random.only = FALSE, ...) {
-  type <- match.arg(type)
+  type <- chosen(type, c("link", "response"), "type")
+  unused(...)
   if (is.null(re.form) && ...length() > 0L && isTRUE(is.na(list(...)$ReForm))) re.form <- NA
   blocks <- wantedblocks(object, re.form)
   design <- newdesign(object, newdata, blocks, allow.new.levels, na.action)
@@ -86,16 +103,48 @@ predict.kdr3 <- function(object, newdata = NULL, type = c("link", "response"), r
   model <- object
   if (random.only) model$coefficients[] <- 0
   eta <- linearpredictor(model, design$X, Z[[1L]], Z[[2L]], if (!random.only) design$offset, effects, design$level2, design$level3)
+  if (any(design$untold)) if (is.matrix(eta)) eta[design$untold, ] <- NA else eta[design$untold] <- NA
+  if (is.matrix(eta)) colnames(eta) <- object$levels[seq_len(ncol(eta))]
   fit <- if (type == "response") inverse(object, eta) else eta
   if (is.matrix(fit)) rownames(fit) <- design$names else names(fit) <- design$names
   if (!se.fit) return(if (is.null(newdata)) padded(object, fit) else fit)
-  if (sets > 1L || object$family$family == "ordinal") refuse("Outcomes with categories have no standard errors of predictions.", class = "kdr3_refused")
+  if (categorical(object$family)) {
+    if (length(blocks) > 0L) refuse("Standard errors of predictions of categories are those with re.form = NA.", class = "kdr3_refused")
+    se <- categoryerrors(object, design$X, eta, type)
+    dimnames(se) <- dimnames(fit)
+    made <- list(fit = fit, se.fit = se, residual.scale = stats::sigma(object))
+    return(if (is.null(newdata)) lapply(made, function(v) if (length(v) > 1L) padded(object, v) else v) else made)
+  }
   variance <- predictionvariance(object, design, Z, places)
   se <- sqrt(pmax(variance, 0))
   if (type == "response") se <- se * abs(object$family$mu.eta(eta))
   names(se) <- design$names
   made <- list(fit = fit, se.fit = se, residual.scale = stats::sigma(object))
   if (is.null(newdata)) lapply(made, function(v) if (length(v) > 1L) padded(object, v) else v) else made
+}
+
+# Standard errors by the delta method, a column for each category. With eta_s the linear predictors (multinomial: of each
+# category but the last; ordinal: x b + threshold_s, F its distribution function, F_0 = 0 and F_K = 1):
+#
+#   dP_k / d eta_s = P_k (1{k = s} - P_s)        dP_k / d eta_s = f_k 1{k = s} - f_(k-1) 1{k - 1 = s}
+categoryerrors <- function(object, X, eta, type) {
+  g <- ncol(X)
+  sets <- ncol(eta)
+  multinomial <- object$family$family == "multinomial"
+  # d eta_s / d b, rows of the records.
+  slope <- function(s) {
+    made <- matrix(0, nrow(X), length(object$coefficients))
+    made[, if (multinomial) (s - 1L) * g + seq_len(g) else seq_len(g)] <- X
+    if (!multinomial && s > 1L) made[, g + s - 1L] <- 1
+    made
+  }
+  errors <- function(gradient) sqrt(pmax(rowSums((gradient %*% object$vcov) * gradient), 0))
+  n <- nrow(X)
+  if (type == "link") return(matrix(vapply(seq_len(sets), function(s) errors(slope(s)), numeric(n)), n))
+  P <- inverse(object, eta)
+  f <- stats::dlogis(eta)
+  change <- function(k, s) if (multinomial) P[, k] * ((k == s) - P[, s]) else f[, s] * ((k == s) - (k - 1L == s))
+  matrix(vapply(seq_len(sets + 1L), function(k) errors(Reduce(`+`, lapply(seq_len(sets), function(s) change(k, s) * slope(s)))), numeric(n)), n)
 }
 
 # Variance of the error of a prediction, the estimates of the variances taken as known. With the effects u that the
