@@ -339,17 +339,20 @@ comparemodels <- function(models, names, refit, test) {
   structure(table, heading = heading, class = c("anova", "data.frame"))
 }
 
+# The coefficients of a term, of a multinomial outcome those of all categories.
+termcolumns <- function(object, term) {
+  sets <- if (object$family$family == "multinomial") length(object$levels) - 1L else 1L
+  as.integer(outer(which(object$assign == term), (seq_len(sets) - 1L) * length(object$assign), `+`))
+}
+
 # Wald tests of the terms of one model: F where there are denominator degrees of freedom, else chi-square.
 termtests <- function(object, type = "model") {
   assign <- object$assign
   labels <- attr(object$terms, "term.labels")
   which <- setdiff(unique(assign), 0L)
-  columns <- lapply(which, function(t) base::which(assign == t))
+  columns <- lapply(which, function(t) termcolumns(object, t))
   names <- labels[which]
   V <- stats::vcov(object, type = type)
-  sets <- if (object$family$family == "multinomial") length(object$levels) - 1L else 1L
-  g <- length(assign)
-  columns <- lapply(columns, function(c) as.integer(outer(c, (seq_len(sets) - 1L) * g, `+`)))
   wald <- vapply(columns, function(c) drop(crossprod(object$coefficients[c], solve(V[c, c, drop = FALSE], object$coefficients[c]))), 0)
   k <- lengths(columns)
   if (object$options$ddf != "counts" && type == "model" && length(columns) > 0L) {

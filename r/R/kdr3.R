@@ -226,29 +226,32 @@ fitframe <- function(frame, options, hypotheses = NULL, call = NULL, bootstrap =
   told$spec$bootstrap <- bootstrap
   result <- .Call(C_kdr3r_fit, told$spec)
   checked(result)
-  result$warnings <- unique(ownnames(sub("^WARNING: ", "", result$warnings), told, colnames(design$X)))
+  result$warnings <- unique(ownnames(sub("^WARNING: ", "", result$warnings), told, colnames(design$X), if (categorical(options$family)) outcome$levels))
   object <- objectof(result, told, design, outcome, frame, options, engine)
   object$call <- call
   for (sentence in result$warnings) warn(sentence, class = "kdr3_fitwarning")
   object
 }
 
-# Sentences of the library name effects in capitals, cut to eight letters, with their places in the equations: A_RATHER (G100).
-ownnames <- function(sentences, told, names) {
+# Sentences of the library name effects in capitals, cut to eight letters, with their places in the equations, and
+# categories by numbers: "separation by A_RATHER: ... The coefficient of A_RATHER (G100, category 2)".
+ownnames <- function(sentences, told, names, levels) {
   spec <- told$spec
   count <- function(owner) stats::ave(seq_along(owner), owner, FUN = seq_along) - 1L
-  inner <- spec$level2[, 1L]
-  codes <- paste0(inner, count(inner))
+  codes <- paste0(spec$level2[, 1L], count(spec$level2[, 1L]))
   codes <- if (nrow(spec$level3) > 0L) paste0("G", codes[spec$level3[, 1L] + 1L], count(spec$level3[, 1L])) else paste0("G", codes, "0")
   if (length(codes) != length(names) || any(nchar(codes) != 4L)) return(sentences)
   names <- names[told$fixed]
   for (i in seq_along(codes)) {
-    pattern <- paste0("(the )?(\\S+) \\(", codes[i], "\\)")
-    for (s in grep(pattern, sentences)) {
-      short <- sub(paste0(".*?", pattern, ".*"), "\\2", sentences[s], perl = TRUE)
-      sentences[s] <- sub(paste0("by ", short, ":"), paste0("by ", names[i], ":"), sub(pattern, names[i], sentences[s]), fixed = FALSE)
+    pattern <- paste0("(?s)(?:the )?(\\S+) \\(", codes[i], "(?:, (category \\d+))?\\)")
+    for (s in grep(pattern, sentences, perl = TRUE)) {
+      found <- regmatches(sentences[s], regexec(pattern, sentences[s], perl = TRUE))[[1L]]
+      own <- if (nzchar(found[3L])) paste0(names[i], " (", found[3L], ")") else names[i]
+      sentences[s] <- sub(found[1L], own, sentences[s], fixed = TRUE)
+      sentences[s] <- sub(paste0("by ", found[2L], ":"), paste0("by ", names[i], ":"), sentences[s], fixed = TRUE)
     }
   }
+  for (k in seq_along(levels)) sentences <- gsub(paste0("(category|category than) ", k, "\\b"), paste0("\\1 \u201c", levels[k], "\u201d"), sentences)
   sentences
 }
 

@@ -219,9 +219,11 @@ simulate.kdr3 <- function(object, nsim = 1, seed = NULL, use.u = FALSE, re.form 
     state <- structure(seed, kind = as.list(RNGkind()))
   }
   y <- simulated(object, nsim, !is.null(re.form))
-  made <- as.data.frame(lapply(seq_len(nsim), function(s) seq_len(0)))
   columns <- lapply(seq_len(nsim), function(s) asresponse(object, y[, s]))
-  made <- structure(columns, names = paste0("sim_", seq_len(nsim)), row.names = rownames(object$frame), class = "data.frame")
+  rows <- stats::setNames(seq_len(nobs(object)), rownames(object$frame))
+  if (!is.null(object$na.action)) rows <- stats::naresid(object$na.action, rows)
+  if (anyNA(rows)) columns <- lapply(columns, function(c) if (is.matrix(c)) c[rows, ] else c[rows])
+  made <- structure(columns, names = paste0("sim_", seq_len(nsim)), row.names = names(rows), class = "data.frame")
   attr(made, "seed") <- state
   made
 }
