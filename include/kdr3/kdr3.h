@@ -289,6 +289,12 @@ KDR3_PUBLIC kdr3_status kdr3_result_variances(const kdr3_result* result, double*
 KDR3_PUBLIC kdr3_status kdr3_result_effects(const kdr3_result* result, double* level2, double* level3);
 /* Their posterior covariances: level2 [units2 * p * p], level3 [units3 * b * b]. */
 KDR3_PUBLIC kdr3_status kdr3_result_effectvariances(const kdr3_result* result, double* level2, double* level3);
+/* The posterior covariances of the effects of each level-2 unit with those of its level-3 unit: both [units2 * p * b].
+ * Engines alone have them: NaN otherwise. */
+KDR3_PUBLIC kdr3_status kdr3_result_effectcovariances(const kdr3_result* result, double* both);
+/* The covariance of all parameters, joint [(q + g) * (q + g)]: the lower triangles of tau(pi) and tau(beta) by rows, q
+ * elements, then the fixed effects. Engines alone have it: NaN otherwise. */
+KDR3_PUBLIC kdr3_status kdr3_result_joint(const kdr3_result* result, double* joint);
 
 /* Set `size` to sizeof(kdr3_test) before the call. */
 typedef struct {
@@ -320,6 +326,58 @@ KDR3_PUBLIC const char* kdr3_result_document(const kdr3_result* result, kdr3_for
 KDR3_PUBLIC const char* kdr3_result_warning(const kdr3_result* result, size_t i);
 
 KDR3_PUBLIC void kdr3_result_free(kdr3_result* result);
+
+/* ---- Predictions ----------------------------------------------------------------------------------------------- */
+
+/* A fitted model as what the functions above hand out, whether or not its handles are still there. Fixed effects may
+ * stand in any order that their covariances and the rows share; of an outcome with C categories the thresholds of an
+ * ordinal one come behind the others, and all of a multinomial one stand there for each category in turn, random
+ * effects as well. Set `size` to sizeof(kdr3_fitted). */
+typedef struct {
+  size_t size;
+  kdr3_family family;
+  int categories;                        /* C, of an outcome with categories */
+  size_t fixedeffects, random2, random3; /* g, p, b */
+  const double* fixed;                   /* [g] */
+  const double *taupi, *taubeta;         /* [p * p], [b * b] */
+  double sigma2;
+  const double *covariance, *joint; /* of the fixed effects; of all parameters, null: variances count as known */
+  size_t units2, units3;
+  const double *level2, *level3; /* posterior means of the units; null: those of new ones alone are asked for */
+  /* Their covariances, as kdr3_result_effectvariances and _effectcovariances have them; null: by the curvature at the
+   * modes, which is exact of normal outcomes. */
+  const double *variances2, *variances3, *covariances;
+} kdr3_fitted;
+
+/* Rows of the model's matrices. `fixed` [records * columns] has the g effects; of a multinomial outcome those of one
+ * category, g / (C - 1); of an ordinal one those without the C - 2 thresholds; `random2` and `random3` likewise.
+ * offset: what is added to the linear predictor, the logarithm of an exposure in it; null is 0. unit2 and unit3
+ * [records]: the numbers of the units, below 0 of a new one; null: all are new. Of the fit's own records also the
+ * outcome, which of categories is their place from 0, and `counts`, the trials of a binomial one (null: 1). Set `size`
+ * to sizeof(kdr3_rows). */
+typedef struct {
+  size_t size;
+  size_t records;
+  const double *fixed, *random2, *random3, *offset;
+  const ptrdiff_t *unit2, *unit3;
+  const double *outcome, *counts;
+} kdr3_rows;
+
+typedef enum {
+  KDR3_LINEAR,     /* linear predictors with random effects of 0; of C categories C - 1: the logits of each against the
+                    * last one, or the cumulative logits */
+  KDR3_RESPONSE,   /* means with random effects of 0; of C categories the C probabilities */
+  KDR3_AVERAGE,    /* their means over the random effects of both levels */
+  KDR3_UNITLINEAR, /* as KDR3_LINEAR with the random effects of the units; of a new one they are 0, and what they may */
+  KDR3_UNITRESPONSE /* be is in the error */
+} kdr3_predicted;
+
+/* Values [records * k] row by row, k being 1, C - 1 or C, and their standard errors by the delta method, either of them
+ * null; NaN in a row with a value that is not finite. `own` are the fit's own records, which errors of known units
+ * need: posterior means hang on the estimates, as the modes do. They are those of the program's -predict. Errors: a
+ * model that has none of what is asked for, a unit that is not there. */
+KDR3_PUBLIC kdr3_status kdr3_predict(const kdr3_fitted* fitted, const kdr3_rows* own, const kdr3_rows* rows,
+                                     kdr3_predicted what, double* values, double* errors);
 
 #ifdef __cplusplus
 }

@@ -234,26 +234,6 @@ void writerows(const FittedModel& fitted, const PredictionData& data, const Pred
     sayprediction("The random effects of some units are not known: their unit_linear and unit_response are empty.");
 }
 
-// The engine's own means and covariances of (u, v) in the place of the modes; unit: the level-2 unit, below 0 one that
-// is not in the data, of which the model tells.
-void takeposteriors(const PassResults& results, const Posteriors& random, long long unit, std::size_t k,
-                    KnownEffects& effects) {
-  const std::size_t b = random.v.size() / at(run.mdm.nunits3), n = effects.mean.size(), p = n - b;
-  const bool known = unit >= 0;
-  const std::size_t j = known ? static_cast<std::size_t>(unit) : 0;
-  const double* U = known ? random.uvariance.data() + j * p * p : results.est.taupi.data();
-  const double* V = random.vvariance.data() + k * b * b;
-  effects.mean.fill(0.0);
-  effects.covariance.fill(0.0);
-  if (known) std::copy_n(random.u.data() + j * p, p, effects.mean.data());
-  std::copy_n(random.v.data() + k * b, b, effects.mean.data() + p);
-  for (std::size_t i = 0; i < p; ++i) std::copy_n(U + i * p, p, effects.covariance.data() + i * n);
-  for (std::size_t i = 0; i < b; ++i) std::copy_n(V + i * b, b, effects.covariance.data() + (p + i) * n + p);
-  for (std::size_t i = 0; known && i < p; ++i)
-    for (std::size_t l = 0; l < b; ++l)
-      effects.covariance[i * n + p + l] = effects.covariance[(p + l) * n + i] = random.uv[(j * p + i) * b + l];
-}
-
 // What an engine says of the units of the rows. How its means go with the fixed effects is told by the modes, which are
 // found from the records of their level-3 units and stand where it has left no means.
 std::optional<Kept> unitsofengine(const FittedModel& fitted, const PredictionData& data, const PredictionTable& table,
@@ -291,8 +271,8 @@ std::optional<Kept> unitsofengine(const FittedModel& fitted, const PredictionDat
       continue;
     }
     for (std::size_t j = 0; random != nullptr && j < modes.ofunit.size(); ++j)
-      takeposteriors(fitted.results, *random, static_cast<long long>(members[k][j]), at(k), modes.ofunit[j]);
-    if (random != nullptr) takeposteriors(fitted.results, *random, -1, at(k), modes.fresh);
+      takeposteriors(fitted, *random, static_cast<long long>(members[k][j]), at(k), modes.ofunit[j]);
+    if (random != nullptr) takeposteriors(fitted, *random, -1, at(k), modes.fresh);
     for (std::size_t j = 0; j < modes.ofunit.size(); ++j) {
       made.places[{k, static_cast<long long>(members[k][j])}] = made.effects.size();
       made.effects.push_back(std::move(modes.ofunit[j]));

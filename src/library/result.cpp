@@ -100,6 +100,19 @@ kdr3_status kdr3_result_effectvariances(const kdr3_result* result, double* level
   return KDR3_OK;
 }
 
+kdr3_status kdr3_result_effectcovariances(const kdr3_result* result, double* both) {
+  if (result == nullptr) return error("The result is missing.");
+  put(result->posteriors.uv, at(result->counts.units2) * at(result->p) * at(result->b), both);
+  return KDR3_OK;
+}
+
+kdr3_status kdr3_result_joint(const kdr3_result* result, double* joint) {
+  if (result == nullptr) return error("The result is missing.");
+  const std::size_t all = packedsize(result->p) + packedsize(result->b) + result->g;
+  put(result->results.joint, all * all, joint);
+  return KDR3_OK;
+}
+
 kdr3_status kdr3_result_test(const kdr3_result* result, size_t i, int robust, kdr3_test* test) {
   if (result == nullptr || test == nullptr || test->size < sizeof(kdr3_test))
     return error("A test needs its result and a struct whose size is set.");

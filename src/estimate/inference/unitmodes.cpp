@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "estimate/inference/responsecurve.h"
+#include "estimate/linear/unitresults.h"
 #include "kernel/decompositions.h"
 #include "kernel/matrix.h"
 #include "kernel/products.h"
@@ -286,6 +287,26 @@ UnitModes unitmodes(const FittedModel& fitted, const UnitOutcomes& outcomes) {
   for (std::size_t j = 0; j < m.level2.size(); ++j) made.ofunit.push_back(effectsof(m, &m.level2[j], dz, dw[j]));
   made.fresh = effectsof(m, nullptr, dz, {});
   return made;
+}
+
+void takeposteriors(const FittedModel& fitted, const Posteriors& random, long long unit, std::size_t k,
+                    KnownEffects& effects) {
+  const std::size_t p = at(fitted.plan.p), b = at(fitted.plan.b), n = p + b;
+  const bool known = unit >= 0;
+  const std::size_t j = known ? static_cast<std::size_t>(unit) : 0;
+  effects.mean.fill(0.0);
+  if (known) std::copy_n(random.u.data() + j * p, p, effects.mean.data());
+  std::copy_n(random.v.data() + k * b, b, effects.mean.data() + p);
+  if (random.uvariance.empty() && random.vvariance.empty()) return;
+  if (p > 0 && b > 0 && random.uv.empty()) return;
+  const double* U = known ? random.uvariance.data() + j * p * p : fitted.results.est.taupi.data();
+  const double* V = random.vvariance.data() + k * b * b;
+  effects.covariance.fill(0.0);
+  for (std::size_t i = 0; i < p; ++i) std::copy_n(U + i * p, p, effects.covariance.data() + i * n);
+  for (std::size_t i = 0; i < b; ++i) std::copy_n(V + i * b, b, effects.covariance.data() + (p + i) * n + p);
+  for (std::size_t i = 0; known && i < p; ++i)
+    for (std::size_t l = 0; l < b; ++l)
+      effects.covariance[i * n + p + l] = effects.covariance[(p + l) * n + i] = random.uv[(j * p + i) * b + l];
 }
 
 }  // namespace kdr

@@ -9,6 +9,8 @@
 
 namespace kdr {
 
+struct Posteriors;
+
 // The records of a level-3 unit.
 struct UnitOutcomes {
   std::vector<PredictorRows> rows;
@@ -25,5 +27,11 @@ struct UnitModes {
   KnownEffects fresh;                // of a level-2 unit that is not in the data
 };
 [[nodiscard]] UnitModes unitmodes(const FittedModel& fitted, const UnitOutcomes& outcomes);
+
+// Puts means and covariances of (u, v) that are known otherwise in the place of the modes, for level-3 unit k and its
+// level-2 unit `unit`, of all units; below 0: one that is not in the data, of which the model tells. Where covariances
+// of u and v are not known, those at the modes stay.
+void takeposteriors(const FittedModel& fitted, const Posteriors& random, long long unit, std::size_t k,
+                    KnownEffects& effects);
 
 }  // namespace kdr
