@@ -296,6 +296,7 @@ objectof <- function(result, told, design, outcome, frame, options, engine) {
   object$order$coefficients <- order
   if (length(result$replicates) > 0L)
     object$replicates <- matrix(result$replicates, ncol = g + sum(vapply(taus$taus, function(T) nrow(T) * (nrow(T) + 1) / 2, 0)) + 1, byrow = TRUE)
+  object$joint <- result$joint
   object$equations <- told$spec[c("level1", "level2", "level3")]
   if (family$family == "gaussian" && !is.null(outcome$weights)) object$loglik <- object$loglik + sum(log(outcome$weights)) / 2
   class(object) <- c("kdr3", "mlma")  # insight lets a model through by a list of classes; this one has no methods
@@ -379,7 +380,7 @@ Zof <- function(design, level) {
 }
 
 # What the modes are computed from: the records, their weights, and the estimates.
-modelarguments <- function(object, design, outcome, eta, x = NULL) {
+modelarguments <- function(object, design, outcome, eta) {
   normal <- object$family$family == "gaussian"
   n <- length(outcome$y)
   weight <- if (normal) outcome$weights else if (object$family$family == "binomial") outcome$counts
@@ -388,7 +389,7 @@ modelarguments <- function(object, design, outcome, eta, x = NULL) {
   list(outcome = c(gaussian = 0L, binomial = 1L, poisson = 2L)[[object$family$family]], y = outcome$y, weight = weight,
        eta = as.double(eta), z2 = Zof(design, 2L), z3 = Zof(design, 3L), unit2 = groups$level2$codes,
        unit3of2 = if (is.null(groups$level3)) seq_along(groups$level2$labels) else as.integer(groups$level2$owner),
-       l2 = rootof(object$taus[[1L]]), l3 = rootof(object$taus[[2L]]), x = x)
+       l2 = rootof(object$taus[[1L]]), l3 = rootof(object$taus[[2L]]))
 }
 
 # Random effects by unit, their conditional covariances, and the linear predictor with them: modes, of quadrature the means
@@ -432,6 +433,14 @@ libraryeffects <- function(object, result, design, outcome) {
     }
     made[[c("level2", "level3")[l]]] <- u
     made[[c("cov2", "cov3")[l]]] <- C
+    if (l == 1L) place2 <- place
+  }
+  # Of each unit of level 2 with that of level 3 that it is in; the library has them row by row.
+  if (length(result$covariances) > 0L) {
+    n <- vapply(object$taus, nrow, 0L)
+    C <- array(NA_real_, c(n, length(units$level2)))
+    C[, , units$level2] <- aperm(array(result$covariances, c(n[[2L]], n[[1L]], length(units$level2))), c(2L, 1L, 3L))[place2, place, , drop = FALSE]
+    made$cov23 <- C
   }
   made$eta <- linearpredictor(object, design$X, Zof(design, 2L), Zof(design, 3L), outcome$offset, made,
                               object$groups$level2$codes, object$groups$level3$codes)
@@ -456,7 +465,7 @@ linearpredictor <- function(object, X, Z2, Z3, offset, effects, unit2, unit3) {
 
 contribution <- function(Z, u, unit, set = 1L) {
   n <- ncol(Z)
-  if (n == 0L || is.null(u) || ncol(u) == 0L) return(0)
+  if (n == 0L || is.null(u) || ncol(u) == 0L || is.null(unit)) return(0)
   u <- u[, (set - 1L) * n + seq_len(n), drop = FALSE]
   known <- u[unit, , drop = FALSE]
   known[is.na(known)] <- 0
