@@ -154,6 +154,7 @@ bootstrap <- function(object, nsim = 1000, seed = NULL, cases = FALSE, threads =
   if (!inherits(object, "kdr3")) refuse("bootstrap() needs a fit of kdr3().", class = "kdr3_refused")
   if (categorical(object$family) && !cases)
     refuse("Outcomes with categories have a bootstrap of whole units alone: bootstrap(object, cases = TRUE).", class = "kdr3_refused")
+  checkcount(nsim, "nsim")
   if (is.null(seed)) seed <- sample.int(.Machine$integer.max, 1L)
   if (is.null(threads)) threads <- getOption("mc.cores", 0)  # 0: one for each core
   fit <- refitted(object, settings = c(THREADS = threads), bootstrap = list(replicates = as.integer(nsim), seed = as.double(seed), cases = isTRUE(cases)))
@@ -200,11 +201,11 @@ print.kdr3_bootstrap <- function(x, ...) {
 # ---- Comparisons -----------------------------------------------------------------------------------------------------
 
 anova.kdr3 <- function(object, ..., refit = TRUE, test = c("mixture", "chisq"), type = "model") {
+  test <- chosen(test, c("mixture", "chisq"), "test")
   others <- list(...)
   for (x in others) if (!inherits(x, "kdr3"))
     refuse("anova() compares fits of kdr3(), not an object of class ", class(x)[1L], ".", class = "kdr3_comparison")
   if (length(others) == 0L) return(termtests(object, type))
-  test <- match.arg(test)
   names <- c(deparse1(substitute(object)), vapply(as.list(match.call(expand.dots = FALSE)$...), deparse1, ""))
   comparemodels(c(list(object), others), names, refit, test)
 }
@@ -373,6 +374,8 @@ drop1.kdr3 <- function(object, scope, test = c("none", "Chisq"), ...) {
   if (!is.null(why)) refuse(why, class = "kdr3_comparison")
   fixed <- stats::terms(nobars(object$formula))
   scope <- if (missing(scope)) stats::drop.scope(fixed) else if (is.character(scope)) scope else attr(stats::terms(stats::update.formula(fixed, scope)), "term.labels")
+  strange <- setdiff(scope, attr(fixed, "term.labels"))
+  if (length(strange) > 0L) refuse("The model has no term ", strange[1L], " to be dropped.", class = "kdr3_refused")
   smaller <- lapply(scope, function(term) {
     model <- object
     model$options$formula <- stats::update.formula(object$formula, stats::as.formula(paste("~ . -", term)))

@@ -240,7 +240,7 @@ ownnames <- function(sentences, told, names, levels) {
   count <- function(owner) stats::ave(seq_along(owner), owner, FUN = seq_along) - 1L
   codes <- paste0(spec$level2[, 1L], count(spec$level2[, 1L]))
   codes <- if (nrow(spec$level3) > 0L) paste0("G", codes[spec$level3[, 1L] + 1L], count(spec$level3[, 1L])) else paste0("G", codes, "0")
-  if (length(codes) != length(names) || any(nchar(codes) != 4L)) return(sentences)
+  if (length(codes) != length(names) || any(nchar(codes) != 4L)) return(inwords(sentences))
   names <- names[told$fixed]
   for (i in seq_along(codes)) {
     pattern <- paste0("(?s)(?:the )?(\\S+) \\(", codes[i], "(?:, (category \\d+))?\\)")
@@ -251,6 +251,7 @@ ownnames <- function(sentences, told, names, levels) {
       sentences[s] <- sub(paste0("by ", found[2L], ":"), paste0("by ", names[i], ":"), sentences[s], fixed = TRUE)
     }
   }
+  sentences <- inwords(sentences)
   for (k in seq_along(levels)) sentences <- gsub(paste0("(category|category than) ", k, "\\b"), paste0("\\1 \u201c", levels[k], "\u201d"), sentences)
   sentences
 }
@@ -266,8 +267,8 @@ designweights <- function(frame, design) {
   weights <- lapply(paste0("(weights", 1:3, ")"), function(name) frame[[name]])
   if (is.null(design$groupings$level3) && !is.null(weights[[3L]]))
     refuse("weights3 are of level 3, and the model has two levels.", class = "kdr3_refused")
-  for (w in weights) if (!is.null(w) && (!is.numeric(w) || any(!is.finite(w) | w < 0)))
-    refuse("Design weights must be numbers of 0 or more.", class = "kdr3_data")
+  for (w in weights) if (!is.null(w) && (!is.numeric(w) || any(!is.finite(w) | w <= 0)))
+    refuse("Design weights must be positive numbers.", class = "kdr3_data")
   weights
 }
 

@@ -71,7 +71,10 @@ tellpooled <- function(fits) {
     warn(paste0("The fits are of different records: ", paste(n, collapse = ", "), ". Imputed data have the same."), class = "kdr3_fitwarning")
   if (any(vapply(fits, function(f) !identical(lapply(f$groups, function(g) sort(g$labels)), lapply(fits[[1L]]$groups, function(g) sort(g$labels))), NA)))
     warn("The fits are of different units.", class = "kdr3_fitwarning")
-  bases <- vapply(fits, function(f) paste(deparse(attr(f$terms, "predvars")), collapse = ""), "")
+  bases <- vapply(fits, function(f) {
+    made <- as.list(attr(f$terms, "predvars"))  # with knots and the like, where a variable is made of all values
+    paste(vapply(made[!mapply(identical, made, as.list(attr(f$terms, "variables")))], deparse1, ""), collapse = "; ")
+  }, "")
   if (length(unique(bases)) > 1L)
     warn("Terms like poly(), ns() and scale() are made of each data set by itself, so that their effects are of different columns: give them fixed knots, coefficients or centers.",
          class = "kdr3_fitwarning")

@@ -1,14 +1,25 @@
 # Predictions and simulated outcomes.
 
-# Which levels of random effects a prediction has: re.form NULL all, NA or ~0 none, or a formula with some of the bars.
-wantedblocks <- function(object, re.form) {
-  if (is.null(re.form)) return(seq_along(object$blocks))
-  if (!inherits(re.form, "formula")) return(integer())
-  bars <- findbars(re.form)
-  if (length(bars) == 0L) return(integer())
-  wanted <- lapply(randomparts(re.form), function(part) list(group = part$group,
-    names = colnames(stats::model.matrix(partterms(stats::as.formula(call("~", part$effects)), attr(object$frame, "terms")), object$frame))))
-  which(vapply(object$blocks, function(b) any(vapply(wanted, function(w) w$group == b$group && all(b$names %in% w$names), NA)), NA))
+# Which effects of each block a prediction has: re.form NULL all, NA or ~0 none, or a formula with bars of effects that are
+# in the model. A list with TRUE and FALSE for the effects of each block.
+wantedeffects <- function(object, re.form) {
+  every <- function(value) lapply(object$blocks, function(b) rep(value, length(b$names)))
+  if (is.null(re.form)) return(every(TRUE))
+  if (!inherits(re.form, "formula")) {
+    if (length(re.form) != 1L || !is.na(re.form)) refuse("re.form is NULL, NA, ~0 or a formula with some of the model's random parts.", class = "kdr3_refused")
+    return(every(FALSE))
+  }
+  if (length(findbars(re.form)) == 0L) return(every(FALSE))
+  wanted <- lapply(randomparts(re.form), function(part) {
+    of <- which(vapply(object$blocks, function(b) b$group == part$group, NA))
+    tt <- tryCatch(partterms(stats::as.formula(call("~", part$effects)), attr(object$frame, "terms")), error = function(e) NULL)
+    effects <- tryCatch(colnames(stats::model.matrix(tt, object$frame)), error = function(e) deparse1(part$effects))
+    strange <- setdiff(effects, unlist(lapply(object$blocks[of], `[[`, "names")))
+    if (length(strange) > 0L)
+      refuse("re.form has an effect that the model hasn't: ", strange[1L], " over ", part$group, ".", class = "kdr3_refused")
+    list(group = part$group, effects = effects)
+  })
+  lapply(object$blocks, function(b) b$names %in% unlist(lapply(wanted, function(w) if (w$group == b$group) w$effects)))
 }
 
 # X and the Z of each block of new data, the codes of their units (NA: a new one), and the offset. NULL is the fit's own data.
@@ -70,6 +81,10 @@ unitcodes <- function(object, level, newdata, allow.new.levels) {
   list(codes = codes, untold = untold)
 }
 
+checkcount <- function(n, name)
+  if (!is.numeric(n) || length(n) != 1L || is.na(n) || n < 1 || n != round(n) || n > .Machine$integer.max)
+    refuse(name, " is a whole number of 1 or more.", class = "kdr3_refused")
+
 # Arguments that a method doesn't have are told, not passed over.
 unused <- function(...) {
   names <- setdiff(c(...names(), rep("", ...length() - length(...names()))), "ReForm")
@@ -82,24 +97,25 @@ predict.kdr3 <- function(object, newdata = NULL, type = c("link", "response", "a
   type <- chosen(type, c("link", "response", "average"), "type")
   unused(...)
   if (is.null(re.form) && ...length() > 0L && isTRUE(is.na(list(...)$ReForm))) re.form <- NA
-  blocks <- if (type == "average") integer() else wantedblocks(object, re.form)
-  design <- newdesign(object, newdata, if (type == "average") seq_along(object$blocks) else blocks, allow.new.levels || type == "average", na.action)
+  average <- type == "average"
+  wanted <- wantedeffects(object, if (!average) re.form)
+  blocks <- which(vapply(wanted, any, NA))
+  design <- newdesign(object, newdata, blocks, allow.new.levels || average, na.action)
   if (length(design$drop) > 0L && identical(na.action, stats::na.omit)) refuse("na.action of predictions is na.pass: the rows keep their places.")
   Z <- list()
-  for (l in 1:2) {
-    Z[[l]] <- matrix(0, nrow(design$X), length(object$owner[[l]]))  # 0 of the blocks that are left out
-    for (i in seq_along(design$Z)) {
-      block <- if (type == "average") i else blocks[i]
-      if (object$blocklevel[block] == l + 1L) Z[[l]][, object$owner[[l]] == block] <- design$Z[[i]]
-    }
+  for (l in 1:2) Z[[l]] <- matrix(0, nrow(design$X), length(object$owner[[l]]))  # 0 of the effects that are left out
+  for (i in seq_along(blocks)) {
+    l <- object$blocklevel[blocks[i]] - 1L
+    own <- wanted[[blocks[i]]]
+    Z[[l]][, which(object$owner[[l]] == blocks[i])[own]] <- design$Z[[i]][, own]
   }
   shaped <- function(v) {
     if (any(design$untold)) if (is.matrix(v)) v[design$untold, ] <- NA else v[design$untold] <- NA
     if (is.matrix(v)) dimnames(v) <- list(design$names, object$levels[seq_len(ncol(v))]) else names(v) <- design$names
     if (is.null(newdata)) padded(object, v) else v
   }
-  found <- if (se.fit || type == "average") libraryprediction(object, design, Z, type, length(blocks) > 0L)
-  fit <- if (type == "average") found$values else {
+  found <- if (se.fit || average) libraryprediction(object, design, Z, type, !average && length(blocks) > 0L)
+  fit <- if (average) found$values else {
     model <- object
     if (random.only) model$coefficients[] <- 0
     eta <- linearpredictor(model, design$X, Z[[1L]], Z[[2L]], if (!random.only) design$offset, object$effects, design$level2, design$level3)
@@ -185,6 +201,7 @@ owndesign <- function(object) {
 
 # Outcomes drawn from the model: linear predictors with new random effects, or those of the fit.
 simulate.kdr3 <- function(object, nsim = 1, seed = NULL, use.u = FALSE, re.form = if (use.u) NULL else NA, ...) {
+  checkcount(nsim, "nsim")
   if (!exists(".Random.seed", envir = globalenv())) stats::runif(1)
   if (is.null(seed)) {
     state <- get(".Random.seed", envir = globalenv())
