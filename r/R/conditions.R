@@ -15,9 +15,21 @@ interrupted <- function() {
   invokeRestart("abort")
 }
 
+# Words of the library's sentences that mean the program's keywords, in those of kdr3().
+words <- c("AUTO in the place of the points finds" = "Without points = the fit finds",
+           "One point, AGQ:Y,[0-9]+,1 \\(the Laplace approximation\\), does" = "engine = \"laplace\" does",
+           " \\(AGQ:\\)" = "",
+           "Level-([123]) Weights must be positive!" = "weights\\1 must be positive.",
+           "Unable to do only level-1 and level-3 weights\\." = "weights1 and weights3 need weights2 between them.")
+
+inwords <- function(sentences) {
+  for (pattern in names(words)) sentences <- gsub(pattern, words[[pattern]], sentences)
+  trimws(sentences)
+}
+
 # What a call of the library handed back, or its error or interrupt.
 checked <- function(result) {
   if (isTRUE(result$interrupted)) interrupted()
-  if (!is.null(result$error)) refuse(result$error, class = "kdr3_refused")
+  if (!is.null(result$error)) refuse(inwords(result$error), class = "kdr3_refused")
   result
 }

@@ -68,12 +68,16 @@ glance.kdr3 <- function(x, ...) {
 augment.kdr3 <- function(x, data = NULL, newdata = NULL, ...) {
   if (!is.null(newdata)) {
     made <- as.data.frame(newdata)
-    made$.fitted <- unname(stats::predict(x, newdata, allow.new.levels = TRUE))
+    found <- stats::predict(x, newdata, type = if (categorical(x$family)) "response" else "link", allow.new.levels = TRUE)
+    if (categorical(x$family)) return(augmentcategories(made, found, x$levels))
+    made$.fitted <- unname(found)
     return(made)
   }
+  if (is.null(data)) x$na.action <- NULL  # its frame has no rows to be padded
   made <- if (is.null(data)) x$frame else as.data.frame(data)
   if (!is.null(data) && !is.null(x$na.action) && !inherits(x$na.action, "exclude")) made <- made[-x$na.action, , drop = FALSE]
   attr(made, "terms") <- NULL
+  if (categorical(x$family)) return(augmentcategories(made, stats::fitted(x), x$levels))
   made$.fitted <- unname(stats::predict(x))
   made$.resid <- unname(stats::residuals(x))
   made$.fixed <- unname(stats::predict(x, re.form = NA))
@@ -81,6 +85,15 @@ augment.kdr3 <- function(x, data = NULL, newdata = NULL, ...) {
     made$.mu <- unname(stats::fitted(x))
     made$.eta <- made$.fitted
   }
+  made
+}
+
+# The most probable category, and the probability of each.
+augmentcategories <- function(made, probabilities, levels) {
+  best <- max.col(ifelse(is.na(probabilities), 0, probabilities), ties.method = "first")
+  best[is.na(probabilities[, 1L])] <- NA
+  made$.fitted <- factor(levels[best], levels)
+  for (category in levels) made[[paste0(".prob.", category)]] <- unname(probabilities[, category])
   made
 }
 
@@ -101,8 +114,11 @@ rawvariables <- function(object) {
 emm_basis.kdr3 <- function(object, trms, xlev, grid, ..., vcov., vcov.type = "model") {
   m <- stats::model.frame(trms, grid, na.action = stats::na.pass, xlev = xlev)
   X <- stats::model.matrix(trms, m, contrasts.arg = object$contrasts)
-  bhat <- fixef(object, add.dropped = TRUE)[colnames(X)]
   V <- if (missing(vcov.)) stats::vcov(object, type = vcov.type) else emmeans::.my.vcov(object, vcov.)
+  if (object$family$family == "multinomial") return(categorybasis(object, X, V))
+  bhat <- fixef(object, add.dropped = TRUE)[colnames(X)]
+  own <- intersect(colnames(X), names(object$coefficients))  # without thresholds
+  V <- V[own, own, drop = FALSE]
   nbasis <- if (length(object$dropped) > 0L) estimability::nonest.basis(qr(stats::model.matrix(object$terms, object$frame, contrasts.arg = object$contrasts))) else
     estimability::all.estble
   misc <- if (hassigma(object)) list() else emmeans::.std.link.labels(object$family, list())
@@ -111,13 +127,23 @@ emm_basis.kdr3 <- function(object, trms, xlev, grid, ..., vcov., vcov.type = "mo
        dfargs = list(object = object, kept = kept, find = contrastdf), misc = misc)
 }
 
+# Of a multinomial outcome the logit of each category against the last: a factor of the grid named category.
+categorybasis <- function(object, X, V) {
+  if (length(object$dropped) > 0L) refuse("Multinomial fits with columns that were left out have no reference grid.", class = "kdr3_refused")
+  sets <- length(object$levels) - 1L
+  list(X = kronecker(diag(sets), X), bhat = unname(object$coefficients), nbasis = estimability::all.estble, V = V,
+       dffun = function(k, dfargs) dfargs$find(dfargs$object, k), dfargs = list(object = object, find = contrastdf),
+       misc = list(ylevs = list(category = object$levels[seq_len(sets)]), estName = "logit",
+                   initMesg = paste("Logits against the category", object$levels[sets + 1L])))
+}
+
 # Degrees of freedom of one contrast: by the method of the fit, with counts the least of the effects in it.
 contrastdf <- function(object, k) {
   if (object$options$ddf != "counts") {
     df <- refitted(object, hypotheses = list(matrix(k, 1L)))$hypotheses[3L, 1L]
     return(if (is.na(df)) Inf else df)
   }
-  df <- object$df[abs(k) > 1e-12]
+  df <- object$df[which(abs(k) > 1e-12)]
   if (length(df) == 0L || anyNA(df)) Inf else min(df)
 }
 
@@ -205,6 +231,10 @@ get_sigma.kdr3 <- function(x, ...) structure(stats::sigma(x), class = c("insight
 get_variance.kdr3 <- function(x, component = c("all", "fixed", "random", "residual", "distribution", "dispersion", "intercept", "slope", "rho01", "rho00"),
                               ...) {
   component <- match.arg(component)
+  if (x$family$family == "multinomial") {
+    warn("A multinomial outcome has a predictor for each category, and no one share of its variance.", class = "kdr3_refused")
+    return(NULL)
+  }
   X <- model.matrix(x)
   fixed <- stats::var(drop(X %*% x$coefficients[seq_len(ncol(X))]))
   Z <- model.matrix(x, "random")
@@ -248,6 +278,7 @@ get_variance.kdr3 <- function(x, component = c("all", "fixed", "random", "residu
 get_predicted.kdr3 <- function(x, data = NULL, predict = "expectation", ci = 0.95, include_random = FALSE, verbose = TRUE, ...) {
   link <- identical(predict, "link")
   found <- stats::predict(x, data, type = "link", re.form = if (isTRUE(include_random)) NULL else NA, allow.new.levels = TRUE, se.fit = TRUE)
+  if (categorical(x$family)) refuse("Predictions of categories are those of predict(type = \"response\").", class = "kdr3_refused")
   back <- if (link) identity else link_inverse.kdr3(x)
   z <- stats::qnorm((1 + (if (is.null(ci)) 0.95 else ci)) / 2)
   bounds <- data.frame(Row = seq_along(found$fit), SE = unname(found$se.fit), CI_low = unname(back(found$fit - z * found$se.fit)),
@@ -261,9 +292,11 @@ r2.kdr3 <- function(model, ...) performance::r2_nakagawa(model, ...)
 model_performance.kdr3 <- function(model, metrics = "all", verbose = TRUE, ...) {
   shares <- suppressWarnings(performance::r2_nakagawa(model))
   icc <- suppressWarnings(performance::icc(model))
-  made <- data.frame(AIC = stats::AIC(model), BIC = stats::BIC(model), R2_conditional = unname(shares$R2_conditional),
-                     R2_marginal = unname(shares$R2_marginal), ICC = icc$ICC_adjusted,
-                     RMSE = sqrt(mean(stats::residuals(model, type = "response")^2)), Sigma = stats::sigma(model))
+  made <- data.frame(AIC = stats::AIC(model), BIC = stats::BIC(model))
+  if (is.list(shares)) made[c("R2_conditional", "R2_marginal")] <- list(unname(shares$R2_conditional), unname(shares$R2_marginal))
+  if (is.list(icc)) made$ICC <- icc$ICC_adjusted
+  if (!categorical(model$family)) made$RMSE <- sqrt(mean(stats::residuals(model, type = "response")^2))
+  made$Sigma <- stats::sigma(model)
   class(made) <- c("performance_model", "data.frame")
   made
 }
@@ -275,6 +308,7 @@ get_predictions.kdr3 <- function(model, data_grid = NULL, ci.lvl = 0.95, linv = 
   more <- list(...)
   grid <- if (!is.null(data_grid)) data_grid else more$fitfram
   if (is.null(linv)) linv <- link_inverse.kdr3(model)
+  if (categorical(model$family)) return(categorygrid(model, grid, ci.lvl))
   found <- stats::predict(model, grid, type = "link", re.form = NA, se.fit = TRUE)
   grid$predicted <- linv(unname(found$fit))
   level <- if (is.null(ci.lvl) || is.na(ci.lvl)) 0 else ci.lvl
@@ -287,6 +321,20 @@ get_predictions.kdr3 <- function(model, data_grid = NULL, ci.lvl = 0.95, linv = 
   attr(grid, "std.error") <- unname(found$se.fit)
   attr(grid, "prediction.interval") <- identical(type, "random")
   grid
+}
+
+# A row of the grid for each category, intervals on the scale of the logit.
+categorygrid <- function(model, grid, ci.lvl) {
+  found <- stats::predict(model, grid, type = "response", re.form = NA, se.fit = TRUE)
+  made <- do.call(rbind, lapply(model$levels, function(category) cbind(grid, response.level = category)))
+  p <- as.numeric(found$fit)
+  se <- as.numeric(found$se.fit) / (p * (1 - p))
+  made$predicted <- p
+  z <- if (is.null(ci.lvl) || is.na(ci.lvl)) NA else stats::qnorm((1 + ci.lvl) / 2)
+  made$conf.low <- stats::plogis(stats::qlogis(p) - z * se)
+  made$conf.high <- stats::plogis(stats::qlogis(p) + z * se)
+  attr(made, "std.error") <- se
+  made
 }
 
 get_coef.kdr3 <- function(model, ...) model$coefficients
@@ -305,9 +353,10 @@ get_predict.kdr3 <- function(model, newdata = NULL, type = "response", ...) {
   arguments <- list(...)
   re.form <- if ("re.form" %in% names(arguments)) arguments$re.form else NULL
   fit <- stats::predict(model, newdata, type = type, re.form = re.form, allow.new.levels = TRUE)
+  rowid <- if ("rowid" %in% names(newdata)) newdata$rowid else seq_len(NROW(fit))
   if (is.matrix(fit))
-    return(data.frame(rowid = rep(seq_len(nrow(fit)), ncol(fit)), group = rep(colnames(fit), each = nrow(fit)), estimate = as.numeric(fit)))
-  data.frame(rowid = seq_along(fit), estimate = unname(fit))
+    return(data.frame(rowid = rep(rowid, ncol(fit)), group = rep(colnames(fit), each = nrow(fit)), estimate = as.numeric(fit)))
+  data.frame(rowid = rowid, estimate = unname(fit))
 }
 
 getSimulations.kdr3 <- function(object, nsim = 1, type = c("normal", "refit"), ...) {

@@ -27,13 +27,26 @@ variancevalues <- function(object, taus = object$taus, sigma2 = object$sigma2) {
 
 confint.kdr3 <- function(object, parm, level = 0.95, method = c("Wald", "profile", "boot"), vcov. = NULL, nsim = 1000, seed = NULL,
                          boot.type = c("perc", "basic"), threads = NULL, ...) {
-  method <- match.arg(method)
+  method <- chosen(method, c("Wald", "profile", "boot"), "method")
+  checklevel(level)
   made <- switch(method, Wald = waldintervals(object, level, vcov.), profile = profileintervals(object, level),
                  boot = stats::confint(bootstrap(object, nsim, seed = seed, threads = threads), level = level, type = match.arg(boot.type)))
   if (missing(parm)) return(made)
   if (identical(parm, "theta_")) parm <- intersect(rownames(made), variancenames(object))
   if (identical(parm, "beta_")) parm <- names(object$coefficients)
-  made[parm, , drop = FALSE]
+  rowsof(made, parm)
+}
+
+checklevel <- function(level)
+  if (!is.numeric(level) || length(level) != 1L || is.na(level) || level <= 0 || level >= 1)
+    refuse("level is a number between 0 and 1, such as 0.95.", class = "kdr3_refused")
+
+# The rows of a table of intervals that are asked for, by their names or numbers.
+rowsof <- function(table, parm) {
+  unknown <- if (is.character(parm)) setdiff(parm, rownames(table)) else setdiff(abs(parm), seq_len(nrow(table)))
+  if (length(unknown) > 0L)
+    refuse("There is no interval of ", unknown[1L], ": there are ", paste(rownames(table), collapse = ", "), ".", class = "kdr3_refused")
+  table[parm, , drop = FALSE]
 }
 
 percents <- function(level) paste(format(100 * c((1 - level) / 2, (1 + level) / 2), trim = TRUE, digits = 3), "%")
@@ -54,24 +67,28 @@ variancewald <- function(object, z) {
   made <- NULL
   for (b in seq_along(object$blocks)) {
     l <- object$blocklevel[b] - 1L
-    these <- which(object$owner[[l]] == b)
-    if (length(these) == 0L || object$family$family == "multinomial") next
-    T <- object$taus[[l]][these, these, drop = FALSE]
-    E <- object$tauerrors[[l]][these, these, drop = FALSE]
+    these <- elementsof(object, b)
+    T <- object$taus[[l]]
+    E <- object$tauerrors[[l]]
     for (i in seq_along(these)) for (j in seq(i, length(these))) {
-      if (i == j) {
-        half <- z * E[i, i] / (2 * T[i, i])
-        made <- rbind(made, sqrt(T[i, i]) * exp(c(-half, half)))
-      } else {
-        made <- rbind(made, c(NA, NA))
-      }
+      k <- these[i]
+      half <- z * E[k, k] / (2 * T[k, k])
+      made <- rbind(made, if (i == j) sqrt(T[k, k]) * exp(c(-half, half)) else c(NA, NA))
     }
   }
-  if (object$family$family == "multinomial") made <- matrix(NA_real_, length(variancenames(object)), 2L)
   documentcorrelations(object, z, if (hassigma(object)) {
     half <- z * object$sigma2error / (2 * object$sigma2)
     rbind(made, sqrt(object$sigma2) * exp(c(-half, half)))
   } else made)
+}
+
+# The places of a block's effects in the matrix of its level, of a multinomial outcome those of all categories.
+elementsof <- function(object, b) {
+  l <- object$blocklevel[b] - 1L
+  n <- length(object$owner[[l]])
+  these <- which(object$owner[[l]] == b)
+  sets <- if (n > 0L) nrow(object$taus[[l]]) / n else 1
+  as.integer(outer(these, (seq_len(sets) - 1L) * n, `+`))
 }
 
 # Correlations need the covariances of the variances, which the results document has used: its intervals at 95%, put to
@@ -85,9 +102,10 @@ documentcorrelations <- function(object, z, rows) {
   row <- 0L
   for (b in seq_along(object$blocks)) {
     l <- object$blocklevel[b] - 1L
-    these <- which(object$owner[[l]] == b)
+    these <- elementsof(object, b)
     matrix <- intervals[[c("tau_pi", "tau_beta")[l]]]$correlation
-    place <- object$order$order[[l]][these]
+    order <- object$order$order[[l]]
+    place <- inallsets(order, if (length(order) > 0L) nrow(object$taus[[l]]) / length(order) else 1L)[these]
     for (i in seq_along(these)) for (j in seq(i, length(these))) {
       row <- row + 1L
       if (i == j || is.null(matrix)) next
@@ -136,6 +154,7 @@ bootstrap <- function(object, nsim = 1000, seed = NULL, cases = FALSE, threads =
   if (!inherits(object, "kdr3")) refuse("bootstrap() needs a fit of kdr3().", class = "kdr3_refused")
   if (categorical(object$family) && !cases)
     refuse("Outcomes with categories have a bootstrap of whole units alone: bootstrap(object, cases = TRUE).", class = "kdr3_refused")
+  checkcount(nsim, "nsim")
   if (is.null(seed)) seed <- sample.int(.Machine$integer.max, 1L)
   if (is.null(threads)) threads <- getOption("mc.cores", 0)  # 0: one for each core
   fit <- refitted(object, settings = c(THREADS = threads), bootstrap = list(replicates = as.integer(nsim), seed = as.double(seed), cases = isTRUE(cases)))
@@ -165,11 +184,12 @@ replicaterow <- function(row, object) {
 
 confint.kdr3_bootstrap <- function(object, parm, level = 0.95, type = c("perc", "basic"), ...) {
   type <- match.arg(type)
+  checklevel(level)
   a <- (1 - level) / 2
   q <- t(apply(object$t, 2L, stats::quantile, c(a, 1 - a), na.rm = TRUE, type = 6, names = FALSE))
   made <- if (type == "perc") q else cbind(2 * object$t0 - q[, 2L], 2 * object$t0 - q[, 1L])
   dimnames(made) <- list(colnames(object$t), percents(level))
-  if (missing(parm)) made else made[parm, , drop = FALSE]
+  if (missing(parm)) made else rowsof(made, parm)
 }
 
 print.kdr3_bootstrap <- function(x, ...) {
@@ -181,25 +201,96 @@ print.kdr3_bootstrap <- function(x, ...) {
 # ---- Comparisons -----------------------------------------------------------------------------------------------------
 
 anova.kdr3 <- function(object, ..., refit = TRUE, test = c("mixture", "chisq"), type = "model") {
-  others <- Filter(function(x) inherits(x, "kdr3"), list(...))
+  test <- chosen(test, c("mixture", "chisq"), "test")
+  others <- list(...)
+  for (x in others) if (!inherits(x, "kdr3"))
+    refuse("anova() compares fits of kdr3(), not an object of class ", class(x)[1L], ".", class = "kdr3_comparison")
   if (length(others) == 0L) return(termtests(object, type))
-  test <- match.arg(test)
-  names <- vapply(as.list(match.call(expand.dots = FALSE)$...), deparse1, "")[vapply(list(...), inherits, NA, "kdr3")]
-  comparemodels(c(list(object), others), c(deparse1(substitute(object)), names), refit, test)
+  names <- c(deparse1(substitute(object)), vapply(as.list(match.call(expand.dots = FALSE)$...), deparse1, ""))
+  comparemodels(c(list(object), others), names, refit, test)
 }
 
-# The effects that vary, by grouping.
-randomnames <- function(object) {
-  made <- lapply(object$blocks, function(b) if (length(b$names) > 0L) paste(b$names, b$group, sep = "|"))
-  unlist(made)
+# Why the likelihoods of two models say nothing about each other: a sentence, or NULL.
+incomparable <- function(a, b) {
+  if (nobs(a) != nobs(b)) return(paste0("The models were fitted to different numbers of records: ", nobs(a), " and ", nobs(b), "."))
+  if (a$family$family != b$family$family) return("The models are of different families.")
+  one <- responseof(a)
+  other <- responseof(b)
+  if (!identical(one$levels, other$levels) || !isTRUE(all.equal(one$y, other$y))) return("The models have different outcomes.")
+  for (what in c("counts", "weights", "offset"))
+    if (!isTRUE(all.equal(one[[what]], other[[what]], check.attributes = FALSE)))
+      return(paste0("The models have different ", c(counts = "trials or exposures", weights = "weights", offset = "offsets")[[what]], "."))
+  for (name in setdiff(intersect(names(a$frame), names(b$frame)), "(weights)"))
+    if (!samevalues(a$frame[[name]], b$frame[[name]])) return(paste0("The models rest on other data: ", name, " is not the same."))
+  if (isweighted(a) || isweighted(b)) return("The likelihood is weighted, and twice its difference has no chi-square distribution.")
+  if (anyNA(c(stats::logLik(a), stats::logLik(b)))) return("Quasi-likelihood has no likelihood to compare models by.")
+  if (likelihoodof(a) != likelihoodof(b))
+    return(paste0("The likelihoods are of two kinds: ", likelihoodof(a), " and ", likelihoodof(b), "."))
+  if (!identical(heldsigma(a), heldsigma(b))) return("The level-1 variance is held in one of the models, or at two values.")
+  NULL
+}
+
+samevalues <- function(a, b) {
+  if (is.factor(a) || is.character(a)) return(identical(as.character(a), as.character(b)))
+  isTRUE(all.equal(a, b, check.attributes = FALSE))
+}
+
+isweighted <- function(object) any(startsWith(names(object$frame), "(weights") & names(object$frame) != "(weights)")
+
+# Of which likelihood the estimates are the maximum.
+likelihoodof <- function(object) {
+  if (hassigma(object)) return("that of a linear model")
+  points <- pointsof(object)
+  if (object$engine == "laplace6") "the Laplace approximation of order 6" else if (identical(points, 1L)) "the Laplace approximation" else
+    if (identical(points, 0L)) "quadrature with fixed nodes" else "quadrature"
+}
+
+isreached <- function(object) {
+  phase <- lastphase(object)
+  isTRUE(object$converged) && !isFALSE(phase$converged) && !isTRUE(phase$ending %in% c("limit", "keyboard", "separation", "lost"))
+}
+
+# The effects that vary with their unit, and the pairs of them whose covariance is free. Groupings of two models are the
+# same where their units are, whatever they are called.
+randomof <- function(object, groups) {
+  effects <- pairs <- character()
+  for (block in Filter(function(b) length(b$names) > 0L, object$blocks)) {
+    codes <- Find(function(g) identical(g$name, block$group), object$groups)$codes
+    at <- which(vapply(groups, identical, NA, match(codes, unique(codes))))[1L]
+    names <- paste(block$names, at, sep = "|")
+    effects <- c(effects, names)
+    pairs <- c(pairs, outer(names, names, paste))
+  }
+  list(effects = effects, pairs = pairs)
+}
+
+# Whether the columns of X give those of Z.
+spans <- function(X, Z) {
+  if (all(colnames(Z) %in% colnames(X))) return(TRUE)
+  left <- qr.resid(qr(X), Z)
+  all(sqrt(colSums(left^2)) <= 1e-8 * sqrt(colSums(Z^2)))
+}
+
+# What the larger of two models has more: the number of random effects, or why there is no test of it (a sentence).
+nesting <- function(small, large, names) {
+  groups <- unlist(lapply(list(small, large), function(m) lapply(Filter(Negate(is.null), unname(m$groups)), function(g) match(g$codes, unique(g$codes)))),
+                   recursive = FALSE)
+  s <- randomof(small, groups)
+  l <- randomof(large, groups)
+  if (parameters(small) == parameters(large)) return(paste0(names[1L], " and ", names[2L], " have the same number of parameters: no test."))
+  if (!spans(model.matrix(large), model.matrix(small)) || !all(s$effects %in% l$effects) || !all(s$pairs %in% l$pairs))
+    return(paste0(names[1L], " is no part of ", names[2L], ": no test."))
+  gain <- 2 * (as.numeric(stats::logLik(large)) - as.numeric(stats::logLik(small)))
+  if (gain < -1e-7 * abs(2 * as.numeric(stats::logLik(large))))
+    return(paste0(names[2L], " has more parameters and fits worse, so that one of them is not at its maximum: no test."))
+  sets <- if (large$family$family == "multinomial") length(large$levels) - 1L else 1L
+  length(setdiff(l$effects, s$effects)) * sets
 }
 
 comparemodels <- function(models, names, refit, test) {
   for (m in models[-1L]) {
-    if (nobs(m) != nobs(models[[1L]]))
-      refuse("The models were fitted to different numbers of records: ", nobs(models[[1L]]), " and ", nobs(m), ".", class = "kdr3_comparison")
-    if (m$family$family != models[[1L]]$family$family) refuse("The models are of different families.", class = "kdr3_comparison")
-    if (!isTRUE(all.equal(responseof(m)$y, responseof(models[[1L]])$y))) refuse("The models have different outcomes.", class = "kdr3_comparison")
+    why <- incomparable(models[[1L]], m)
+    if (!is.null(why)) refuse(why, class = "kdr3_comparison")
   }
   restricted <- vapply(models, function(m) m$options$reml, NA)
   fixed <- vapply(models, function(m) paste(sort(names(m$coefficients)), collapse = " "), "")
@@ -212,39 +303,47 @@ comparemodels <- function(models, names, refit, test) {
       refitted(m)
     })
   }
+  for (i in seq_along(models)) if (!isreached(models[[i]]))
+    refuse(names[i], " did not converge, or failed its check: its likelihood is no maximum.", class = "kdr3_comparison")
   order <- order(vapply(models, parameters, 0L))
   models <- models[order]
   names <- make.unique(names[order])
-  ll <- lapply(models, stats::logLik)
-  if (anyNA(unlist(ll))) refuse("Quasi-likelihood has no likelihood to compare models by.", class = "kdr3_comparison")
-  values <- vapply(ll, as.numeric, 0)
+  values <- vapply(models, function(m) as.numeric(stats::logLik(m)), 0)
   df <- vapply(models, parameters, 0L)
-  gain <- c(NA, pmax(2 * diff(values), 0))
-  more <- c(NA, diff(df))
-  p <- ifelse(more > 0, stats::pchisq(gain, more, lower.tail = FALSE), NA)
-  mixed <- character()
+  gain <- more <- p <- rep(NA_real_, length(models))
+  notes <- character()
   for (i in seq_along(models)[-1L]) {
-    weights <- mixture(models[[i - 1L]], models[[i]])
-    if (test == "chisq" || is.null(weights)) next
-    p[i] <- sum(weights$weight * vapply(weights$df, function(d) if (d == 0) as.numeric(gain[i] <= 0) else stats::pchisq(gain[i], d, lower.tail = FALSE), 0))
-    mixed <- c(mixed, paste0(names[i], ": P of the half-and-half mixture of chi-squares with ", weights$df[1L], " and ", weights$df[2L],
-                             " degrees of freedom (a variance is tested)"))
+    extra <- nesting(models[[i - 1L]], models[[i]], names[c(i - 1L, i)])
+    if (is.character(extra)) {
+      notes <- c(notes, extra)
+      next
+    }
+    gain[i] <- max(2 * (values[i] - values[i - 1L]), 0)
+    more[i] <- df[i] - df[i - 1L]
+    p[i] <- stats::pchisq(gain[i], more[i], lower.tail = FALSE)
+    if (test == "chisq" || extra == 0L) next
+    if (extra == 1L) {
+      p[i] <- if (gain[i] == 0) 1 else (p[i] + if (more[i] > 1) stats::pchisq(gain[i], more[i] - 1, lower.tail = FALSE) else 0) / 2
+      notes <- c(notes, paste0(names[i], ": P of the half-and-half mixture of chi-squares with ", more[i] - 1, " and ", more[i],
+                               " degrees of freedom (a variance is tested)"))
+    } else {
+      notes <- c(notes, paste0(names[i], " has ", extra, " random effects more, whose variances are 0 in ", names[i - 1L],
+                               ", at the edge of what is possible: P is too large."))
+    }
   }
+  points <- unique(unlist(lapply(models, pointsof)))
+  if (length(points) > 1L) notes <- c(notes, paste0("The likelihoods rest on ", paste(points, collapse = " and "), " quadrature points."))
   table <- data.frame(npar = df, AIC = vapply(models, stats::AIC, 0), BIC = vapply(models, stats::BIC, 0), logLik = values,
                       deviance = -2 * values, Chisq = gain, Df = more, `Pr(>Chisq)` = p, row.names = names, check.names = FALSE)
   heading <- c(paste0("Data: ", deparse1(models[[1L]]$call$data)), "Models:",
-               paste0(names, ": ", vapply(models, function(m) deparse1(m$formula), "")), mixed)
+               paste0(names, ": ", vapply(models, function(m) deparse1(m$formula), "")), notes)
   structure(table, heading = heading, class = c("anova", "data.frame"))
 }
 
-# One more random effect, with its covariances: half chi-square with them less one, half with all. More fixed effects
-# add to both. NULL where the models differ otherwise.
-mixture <- function(small, large) {
-  more <- setdiff(randomnames(large), randomnames(small))
-  if (length(more) != 1L || length(setdiff(randomnames(small), randomnames(large))) > 0L) return(NULL)
-  if (!all(names(small$coefficients) %in% names(large$coefficients))) return(NULL)
-  df <- parameters(large) - parameters(small)
-  list(df = c(df - 1L, df), weight = c(0.5, 0.5))
+# The coefficients of a term, of a multinomial outcome those of all categories.
+termcolumns <- function(object, term) {
+  sets <- if (object$family$family == "multinomial") length(object$levels) - 1L else 1L
+  as.integer(outer(which(object$assign == term), (seq_len(sets) - 1L) * length(object$assign), `+`))
 }
 
 # Wald tests of the terms of one model: F where there are denominator degrees of freedom, else chi-square.
@@ -252,12 +351,9 @@ termtests <- function(object, type = "model") {
   assign <- object$assign
   labels <- attr(object$terms, "term.labels")
   which <- setdiff(unique(assign), 0L)
-  columns <- lapply(which, function(t) base::which(assign == t))
+  columns <- lapply(which, function(t) termcolumns(object, t))
   names <- labels[which]
   V <- stats::vcov(object, type = type)
-  sets <- if (object$family$family == "multinomial") length(object$levels) - 1L else 1L
-  g <- length(assign)
-  columns <- lapply(columns, function(c) as.integer(outer(c, (seq_len(sets) - 1L) * g, `+`)))
   wald <- vapply(columns, function(c) drop(crossprod(object$coefficients[c], solve(V[c, c, drop = FALSE], object$coefficients[c]))), 0)
   k <- lengths(columns)
   if (object$options$ddf != "counts" && type == "model" && length(columns) > 0L) {
@@ -274,8 +370,12 @@ termtests <- function(object, type = "model") {
 drop1.kdr3 <- function(object, scope, test = c("none", "Chisq"), ...) {
   test <- match.arg(test)
   if (object$options$reml) refuse("drop1() compares likelihoods: fit with reml = FALSE.", class = "kdr3_comparison")
+  why <- incomparable(object, object)
+  if (!is.null(why)) refuse(why, class = "kdr3_comparison")
   fixed <- stats::terms(nobars(object$formula))
   scope <- if (missing(scope)) stats::drop.scope(fixed) else if (is.character(scope)) scope else attr(stats::terms(stats::update.formula(fixed, scope)), "term.labels")
+  strange <- setdiff(scope, attr(fixed, "term.labels"))
+  if (length(strange) > 0L) refuse("The model has no term ", strange[1L], " to be dropped.", class = "kdr3_refused")
   smaller <- lapply(scope, function(term) {
     model <- object
     model$options$formula <- stats::update.formula(object$formula, stats::as.formula(paste("~ . -", term)))

@@ -6,9 +6,12 @@ families <- c(gaussian = 0L, bernoulli = 1L, binomial = 2L, poisson = 3L, multin
 familyof <- function(family) {
   if (is.character(family) && length(family) == 1L && family %in% c("ordinal", "multinomial"))
     return(structure(list(family = family, link = "logit"), class = "family"))
-  if (is.character(family)) family <- get(family, mode = "function", envir = asNamespace("stats"))
+  if (is.character(family) && length(family) == 1L && family %in% c("gaussian", "binomial", "poisson"))
+    family <- get(family, mode = "function", envir = asNamespace("stats"))
   if (is.function(family)) family <- family()
-  if (is.null(family$family)) refuse("The family is gaussian, binomial, poisson, \"ordinal\" or \"multinomial\".", class = "kdr3_family")
+  if (!is.list(family) || is.null(family$family))
+    refuse("family is gaussian, binomial, poisson, \"ordinal\" or \"multinomial\"", if (is.character(family)) paste0(", not ", dQuote(family[1L], FALSE)), ".",
+           class = "kdr3_family")
   links <- c(gaussian = "identity", binomial = "logit", poisson = "log")
   if (!family$family %in% names(links) || links[[family$family]] != family$link)
     refuse("The family ", family$family, " with the link ", family$link,
@@ -90,13 +93,48 @@ settingsof <- function(family, reml, ddf, engine, points, control, effects) {
            laplace6 = settings["LAPLACE"] <- 50)
   }
   control <- unlist(control)
-  if (length(control) > 0L) {
-    if (is.null(names(control)) || !is.numeric(control))
-      refuse("control is a list of numbers named by keywords, such as list(NUMIT = 500).", class = "kdr3_refused")
-    names(control) <- toupper(names(control))
-    settings[names(control)] <- as.double(control)
-  }
+  if (length(control) > 0L) settings[names(control)] <- control
   settings
+}
+
+# Keywords that are told by arguments: with control beside them a fit could be another one than its object says.
+keywordarguments <- c(REML = "reml =", DDF = "ddf =", AGQ = "engine = \"quadrature\" with points =", AGQAUTO = "engine = \"quadrature\" without points",
+               LAPLACE = "engine = \"laplace6\"", DIAGONALIZETAUPI = "|| in the formula", DIAGONALIZETAUBETA = "|| in the formula",
+               CR2 = "vcov(type = \"CR2\")", PROFILE = "confint(method = \"profile\")")
+
+# The control argument as numbers named by keywords.
+controlof <- function(control) {
+  if (length(control) == 0L) return(numeric())
+  control <- unlist(control)
+  if (is.null(names(control)) || !is.numeric(control) || anyNA(control))
+    refuse("control is a list of numbers named by keywords, such as list(NUMIT = 500).", class = "kdr3_refused")
+  names(control) <- toupper(names(control))
+  taken <- intersect(names(control), names(keywordarguments))
+  if (length(taken) > 0L) refuse("control has no ", taken[1L], ": it is told by ", keywordarguments[[taken[1L]]], ".", class = "kdr3_refused")
+  if (anyDuplicated(names(control)))
+    refuse("control has ", names(control)[duplicated(names(control))][1L], " twice.", class = "kdr3_refused")
+  control
+}
+
+# One of the choices of an argument.
+chosen <- function(value, choices, name) {
+  if (identical(value, choices)) return(choices[1L])
+  if (!is.character(value) || length(value) != 1L || !value %in% choices)
+    refuse(name, " is one of ", paste(dQuote(choices, FALSE), collapse = ", "), if (is.character(value) && length(value) == 1L) paste0(", not ", dQuote(value, FALSE)),
+           ".", class = "kdr3_refused")
+  value
+}
+
+# The engine and its points, and what they don't go with.
+engineof <- function(engine, points, family, given) {
+  engine <- chosen(engine, c("quadrature", "laplace", "laplace6", "pql"), "engine")
+  if (family$family == "gaussian" && (given || !is.null(points)))
+    refuse("engine and points are for outcomes that are not normal.", class = "kdr3_refused")
+  if (is.null(points)) return(engine)
+  if (engine != "quadrature") refuse("points goes with engine = \"quadrature\".", class = "kdr3_refused")
+  if (!is.numeric(points) || length(points) != 1L || !points %in% c(1, 3:198))
+    refuse("points is a number of quadrature points: 1, or 3 to 198.", class = "kdr3_refused")
+  engine
 }
 
 # Names of the library's columns: its sentences have them, so they are those of the user as far as they differ.
@@ -180,17 +218,42 @@ fitframe <- function(frame, options, hypotheses = NULL, call = NULL, bootstrap =
     }
   }
   sizes <- vapply(design$random, nrow, 0L)
+  if (options$family$family != "gaussian" && engine == "quadrature" && is.null(options$points) && max(sizes) > 4L)
+    message("More than four random effects at a level: the likelihood is the Laplace approximation, unless points = tells more.")
   settings <- settingsof(options$family, options$reml, options$ddf, engine, options$points, options$control, sizes)
   told <- specof(design, outcome, options$family, weights, settings, categories, deparse1(options$formula[[2L]]))
   told$spec$hypotheses <- hypothesesof(hypotheses, told$fixed)
   told$spec$bootstrap <- bootstrap
   result <- .Call(C_kdr3r_fit, told$spec)
   checked(result)
-  result$warnings <- sub("^WARNING: ", "", result$warnings)
+  result$warnings <- unique(ownnames(sub("^WARNING: ", "", result$warnings), told, colnames(design$X), if (categorical(options$family)) outcome$levels))
   object <- objectof(result, told, design, outcome, frame, options, engine)
   object$call <- call
   for (sentence in result$warnings) warn(sentence, class = "kdr3_fitwarning")
   object
+}
+
+# Sentences of the library name effects in capitals, cut to eight letters, with their places in the equations, and
+# categories by numbers: "separation by A_RATHER: ... The coefficient of A_RATHER (G100, category 2)".
+ownnames <- function(sentences, told, names, levels) {
+  spec <- told$spec
+  count <- function(owner) stats::ave(seq_along(owner), owner, FUN = seq_along) - 1L
+  codes <- paste0(spec$level2[, 1L], count(spec$level2[, 1L]))
+  codes <- if (nrow(spec$level3) > 0L) paste0("G", codes[spec$level3[, 1L] + 1L], count(spec$level3[, 1L])) else paste0("G", codes, "0")
+  if (length(codes) != length(names) || any(nchar(codes) != 4L)) return(inwords(sentences))
+  names <- names[told$fixed]
+  for (i in seq_along(codes)) {
+    pattern <- paste0("(?s)(?:the )?(\\S+) \\(", codes[i], "(?:, (category \\d+))?\\)")
+    for (s in grep(pattern, sentences, perl = TRUE)) {
+      found <- regmatches(sentences[s], regexec(pattern, sentences[s], perl = TRUE))[[1L]]
+      own <- if (nzchar(found[3L])) paste0(names[i], " (", found[3L], ")") else names[i]
+      sentences[s] <- sub(found[1L], own, sentences[s], fixed = TRUE)
+      sentences[s] <- sub(paste0("by ", found[2L], ":"), paste0("by ", names[i], ":"), sentences[s], fixed = TRUE)
+    }
+  }
+  sentences <- inwords(sentences)
+  for (k in seq_along(levels)) sentences <- gsub(paste0("(category|category than) ", k, "\\b"), paste0("\\1 \u201c", levels[k], "\u201d"), sentences)
+  sentences
 }
 
 # Contrasts, a row for each one, in the order of the library's fixed effects.
@@ -204,8 +267,8 @@ designweights <- function(frame, design) {
   weights <- lapply(paste0("(weights", 1:3, ")"), function(name) frame[[name]])
   if (is.null(design$groupings$level3) && !is.null(weights[[3L]]))
     refuse("weights3 are of level 3, and the model has two levels.", class = "kdr3_refused")
-  for (w in weights) if (!is.null(w) && (!is.numeric(w) || any(!is.finite(w) | w < 0)))
-    refuse("Design weights must be numbers of 0 or more.", class = "kdr3_data")
+  for (w in weights) if (!is.null(w) && (!is.numeric(w) || any(!is.finite(w) | w <= 0)))
+    refuse("Design weights must be positive numbers.", class = "kdr3_data")
   weights
 }
 
@@ -221,7 +284,7 @@ objectof <- function(result, told, design, outcome, frame, options, engine) {
   object <- list(coefficients = stats::setNames(result$estimates[order], names$names), vcov = V, robust = R,
                  df = stats::setNames(result$df[order], names$names), taus = taus$taus, tauerrors = taus$errors,
                  sigma2 = result$sigma2, sigma2error = result$sigma2error, loglik = result$loglikelihood,
-                 converged = result$converged, iterations = result$iterations, warnings = result$warnings,
+                 parameters = result$parameters, converged = result$converged, iterations = result$iterations, warnings = result$warnings,
                  document = result$document, hypotheses = matrix(result$tests, 4L),
                  formula = options$formula, frame = frame, options = options, family = family, engine = engine,
                  terms = design$terms, contrasts = attr(design$X, "contrasts"), xlevels = xlevelsof(frame),
@@ -234,6 +297,7 @@ objectof <- function(result, told, design, outcome, frame, options, engine) {
   object$order$coefficients <- order
   if (length(result$replicates) > 0L)
     object$replicates <- matrix(result$replicates, ncol = g + sum(vapply(taus$taus, function(T) nrow(T) * (nrow(T) + 1) / 2, 0)) + 1, byrow = TRUE)
+  object$joint <- result$joint
   object$equations <- told$spec[c("level1", "level2", "level3")]
   if (family$family == "gaussian" && !is.null(outcome$weights)) object$loglik <- object$loglik + sum(log(outcome$weights)) / 2
   class(object) <- c("kdr3", "mlma")  # insight lets a model through by a list of classes; this one has no methods
@@ -317,7 +381,7 @@ Zof <- function(design, level) {
 }
 
 # What the modes are computed from: the records, their weights, and the estimates.
-modelarguments <- function(object, design, outcome, eta, x = NULL) {
+modelarguments <- function(object, design, outcome, eta) {
   normal <- object$family$family == "gaussian"
   n <- length(outcome$y)
   weight <- if (normal) outcome$weights else if (object$family$family == "binomial") outcome$counts
@@ -326,7 +390,7 @@ modelarguments <- function(object, design, outcome, eta, x = NULL) {
   list(outcome = c(gaussian = 0L, binomial = 1L, poisson = 2L)[[object$family$family]], y = outcome$y, weight = weight,
        eta = as.double(eta), z2 = Zof(design, 2L), z3 = Zof(design, 3L), unit2 = groups$level2$codes,
        unit3of2 = if (is.null(groups$level3)) seq_along(groups$level2$labels) else as.integer(groups$level2$owner),
-       l2 = rootof(object$taus[[1L]]), l3 = rootof(object$taus[[2L]]), x = x)
+       l2 = rootof(object$taus[[1L]]), l3 = rootof(object$taus[[2L]]))
 }
 
 # Random effects by unit, their conditional covariances, and the linear predictor with them: modes, of quadrature the means
@@ -370,6 +434,14 @@ libraryeffects <- function(object, result, design, outcome) {
     }
     made[[c("level2", "level3")[l]]] <- u
     made[[c("cov2", "cov3")[l]]] <- C
+    if (l == 1L) place2 <- place
+  }
+  # Of each unit of level 2 with that of level 3 that it is in; the library has them row by row.
+  if (length(result$covariances) > 0L) {
+    n <- vapply(object$taus, nrow, 0L)
+    C <- array(NA_real_, c(n, length(units$level2)))
+    C[, , units$level2] <- aperm(array(result$covariances, c(n[[2L]], n[[1L]], length(units$level2))), c(2L, 1L, 3L))[place2, place, , drop = FALSE]
+    made$cov23 <- C
   }
   made$eta <- linearpredictor(object, design$X, Zof(design, 2L), Zof(design, 3L), outcome$offset, made,
                               object$groups$level2$codes, object$groups$level3$codes)
@@ -394,7 +466,7 @@ linearpredictor <- function(object, X, Z2, Z3, offset, effects, unit2, unit3) {
 
 contribution <- function(Z, u, unit, set = 1L) {
   n <- ncol(Z)
-  if (n == 0L || is.null(u) || ncol(u) == 0L) return(0)
+  if (n == 0L || is.null(u) || ncol(u) == 0L || is.null(unit)) return(0)
   u <- u[, (set - 1L) * n + seq_len(n), drop = FALSE]
   known <- u[unit, , drop = FALSE]
   known[is.na(known)] <- 0
@@ -410,15 +482,19 @@ kdr3 <- function(formula, data = NULL, family = stats::gaussian(), reml = FALSE,
     refuse("A formula is needed, such as score ~ year + (year | school/pupil).", class = "kdr3_formula")
   if (inherits(data, "mids") || (is.list(data) && !is.data.frame(data) && length(data) > 0L && all(vapply(data, is.data.frame, NA))))
     return(fitimputed(call, data, parent.frame()))
+  if (is.list(data) && !is.data.frame(data) && length(data) == 0L) refuse("data is an empty list.", class = "kdr3_data")
   if (!is.null(plausible)) return(fitplausible(call, formula, plausible, parent.frame()))
   family <- familyof(family)
-  ddf <- match.arg(ddf)
-  engine <- match.arg(engine)
-  if (!is.null(points) && (!is.numeric(points) || length(points) != 1L || points < 1 || points != round(points)))
-    refuse("points is a whole number of quadrature points.", class = "kdr3_refused")
+  ddf <- chosen(ddf, c("counts", "satterthwaite", "kenward-roger"), "ddf")
+  engine <- engineof(engine, points, family, !missing(engine))
+  if (!isTRUE(reml) && !isFALSE(reml)) refuse("reml is TRUE or FALSE.", class = "kdr3_refused")
+  control <- controlof(control)
   parts <- randomparts(formula)
   frame <- frameof(call, formula, parts, parent.frame())
-  options <- list(formula = formula, parts = parts, fixed = nobars(formula), family = family, reml = isTRUE(reml), ddf = ddf,
+  if (family$family == "ordinal" && is.character(frame[[1L]]))
+    warn(paste0("The categories of ", deparse1(formula[[2L]]), " are texts, in the order of the alphabet: ",
+                paste(levels(factor(frame[[1L]])), collapse = " < "), ". factor(levels =) gives them another order."), class = "kdr3_fitwarning")
+  options <- list(formula = formula, parts = parts, fixed = nobars(formula), family = family, reml = reml, ddf = ddf,
                   engine = engine, points = points, control = control, contrasts = contrasts)
   if (options$reml && family$family != "gaussian") refuse("Restricted likelihood is for normal outcomes.", class = "kdr3_refused")
   if (ddf != "counts" && family$family != "gaussian") refuse("Degrees of freedom by ", ddf, " are for normal outcomes.", class = "kdr3_refused")
@@ -438,6 +514,8 @@ frameof <- function(call, formula, parts, env) {
     if (inherits(e, "kdr3_error")) stop(e)
     refuse(frametrouble(conditionMessage(e), call, whole, env), class = "kdr3_data")
   })
+  # Their bits read as doubles would be other numbers.
+  for (column in which(vapply(frame, inherits, NA, "integer64"))) frame[[column]] <- as.double(frame[[column]])
   if (nrow(frame) == 0L) refuse(norows(call, whole, env), class = "kdr3_data")
   frame
 }

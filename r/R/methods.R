@@ -69,10 +69,7 @@ VarCorr.kdr3 <- function(x, sigma = 1, ...) {
   made <- list()
   for (b in seq_along(x$blocks)) {
     l <- x$blocklevel[b] - 1L
-    n <- length(x$owner[[l]])
-    these <- which(x$owner[[l]] == b)
-    sets <- if (n > 0L) nrow(x$taus[[l]]) / n else 1
-    these <- as.integer(outer(these, (seq_len(sets) - 1L) * n, `+`))
+    these <- elementsof(x, b)
     if (length(these) == 0L) next
     V <- x$taus[[l]][these, these, drop = FALSE] * sigma^2
     sd <- sqrt(pmax(diag(V), 0))
@@ -87,6 +84,12 @@ VarCorr.kdr3 <- function(x, sigma = 1, ...) {
 }
 
 hassigma <- function(object) object$family$family == "gaussian"
+
+# What control holds the level-1 variance at, 0 for a free one.
+heldsigma <- function(object) {
+  held <- unlist(object$options$control)["FIXSIGMA2"]
+  if (is.na(held)) if (hassigma(object)) 0 else 1 else unname(held)
+}
 
 as.data.frame.VarCorr.kdr3 <- function(x, row.names = NULL, optional = FALSE, order = c("cov.last", "lower.tri"), ...) {
   order <- match.arg(order)
@@ -159,18 +162,13 @@ refitted <- function(object, settings = NULL, hypotheses = NULL, frame = object$
 
 sigma.kdr3 <- function(object, ...) sqrt(object$sigma2)  # held at 1 unless the outcome is normal or control frees it
 
-parameters <- function(object) {
-  random <- vapply(1:2, function(l) {
-    sizes <- table(object$owner[[l]])
-    sets <- if (object$family$family == "multinomial") length(object$levels) - 1L else 1L
-    sum((sizes * sets) * (sizes * sets + 1) / 2)
-  }, 0)
-  as.integer(length(object$coefficients) + sum(random) + hassigma(object))
-}
+# Fixed effects, free elements of the covariance matrices, and the level-1 variance where it is free.
+parameters <- function(object) object$parameters
 
+# A weighted likelihood of an engine is none to compare models by: without df there are neither AIC nor BIC of it.
 logLik.kdr3 <- function(object, ...)
   structure(if (is.null(object$loglik) || is.nan(object$loglik)) NA_real_ else object$loglik, nobs = nobs(object), nall = nobs(object),
-            df = parameters(object), class = "logLik")
+            df = if (isweighted(object) && !hassigma(object)) NA_integer_ else parameters(object), class = "logLik")
 
 deviance.kdr3 <- function(object, ...) -2 * as.numeric(stats::logLik(object))
 nobs.kdr3 <- function(object, ...) nrow(object$frame)
@@ -250,6 +248,11 @@ responseof <- function(object, frame = object$frame) {
 plainresiduals <- function(object, type) {
   outcome <- responseof(object)
   mu <- inverse(object, object$eta)
+  if (categorical(object$family)) {
+    r <- outer(outcome$y, seq_along(object$levels), `==`) - mu
+    return(switch(type, response = r, pearson = r / sqrt(mu * (1 - mu)),
+                  refuse("Residuals of outcomes with categories are \"response\" or \"pearson\", a column for each category.", class = "kdr3_refused")))
+  }
   weight <- if (hassigma(object)) outcome$weights else if (object$family$family == "binomial") outcome$counts
   if (is.null(weight)) weight <- 1
   r <- outcome$y - mu
@@ -258,12 +261,12 @@ plainresiduals <- function(object, type) {
          deviance = sign(r) * sqrt(pmax(object$family$dev.resids(outcome$y, mu, rep_len(weight, length(mu))), 0)))
 }
 
+# Of outcomes with categories a matrix: 1 in the column of the record's category, less the probabilities.
 residuals.kdr3 <- function(object, type = c("response", "pearson", "working", "deviance"), scaled = FALSE, ...) {
-  type <- if (missing(type) && !hassigma(object)) "deviance" else match.arg(type)
-  if (categorical(object$family)) refuse("Outcomes with categories have no residuals of one number.", class = "kdr3_refused")
+  type <- if (missing(type) && !hassigma(object) && !categorical(object$family)) "deviance" else match.arg(type)
   r <- plainresiduals(object, type)
   if (scaled) r <- r / stats::sigma(object)
-  names(r) <- rownames(object$frame)
+  if (is.matrix(r)) rownames(r) <- rownames(object$frame) else names(r) <- rownames(object$frame)
   if (is.null(object$na.action)) r else stats::naresid(object$na.action, r)
 }
 
@@ -282,14 +285,15 @@ ngrps <- function(object, ...) UseMethod("ngrps")
 getME <- function(object, name, ...) UseMethod("getME")
 refit <- function(object, newresp, ...) UseMethod("refit")
 isSingular <- function(x, ...) UseMethod("isSingular")
-tolme4 <- function(name) function(...) {
+# From the user's environment: here the generic would find these defaults once more.
+tolme4 <- function(name, ...) {
   if (!requireNamespace("lme4", quietly = TRUE)) refuse(name, "() knows fits of this package, and with lme4 installed of that one.")
-  getExportedValue("lme4", name)(...)
+  do.call(getExportedValue("lme4", name), list(...), envir = globalenv(), quote = TRUE)
 }
-ngrps.default <- function(object, ...) tolme4("ngrps")(object, ...)
-getME.default <- function(object, name, ...) tolme4("getME")(object, name, ...)
-refit.default <- function(object, newresp, ...) tolme4("refit")(object, newresp, ...)
-isSingular.default <- function(x, ...) tolme4("isSingular")(x, ...)
+ngrps.default <- function(object, ...) tolme4("ngrps", object, ...)
+getME.default <- function(object, name, ...) tolme4("getME", object, name, ...)
+refit.default <- function(object, newresp, ...) tolme4("refit", object, newresp, ...)
+isSingular.default <- function(x, ...) tolme4("isSingular", x, ...)
 
 ngrps.kdr3 <- function(object, ...) {
   groups <- Filter(Negate(is.null), object$groups)

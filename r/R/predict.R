@@ -1,14 +1,25 @@
 # Predictions and simulated outcomes.
 
-# Which levels of random effects a prediction has: re.form NULL all, NA or ~0 none, or a formula with some of the bars.
-wantedblocks <- function(object, re.form) {
-  if (is.null(re.form)) return(seq_along(object$blocks))
-  if (!inherits(re.form, "formula")) return(integer())
-  bars <- findbars(re.form)
-  if (length(bars) == 0L) return(integer())
-  wanted <- lapply(randomparts(re.form), function(part) list(group = part$group,
-    names = colnames(stats::model.matrix(partterms(stats::as.formula(call("~", part$effects)), attr(object$frame, "terms")), object$frame))))
-  which(vapply(object$blocks, function(b) any(vapply(wanted, function(w) w$group == b$group && all(b$names %in% w$names), NA)), NA))
+# Which effects of each block a prediction has: re.form NULL all, NA or ~0 none, or a formula with bars of effects that are
+# in the model. A list with TRUE and FALSE for the effects of each block.
+wantedeffects <- function(object, re.form) {
+  every <- function(value) lapply(object$blocks, function(b) rep(value, length(b$names)))
+  if (is.null(re.form)) return(every(TRUE))
+  if (!inherits(re.form, "formula")) {
+    if (length(re.form) != 1L || !is.na(re.form)) refuse("re.form is NULL, NA, ~0 or a formula with some of the model's random parts.", class = "kdr3_refused")
+    return(every(FALSE))
+  }
+  if (length(findbars(re.form)) == 0L) return(every(FALSE))
+  wanted <- lapply(randomparts(re.form), function(part) {
+    of <- which(vapply(object$blocks, function(b) b$group == part$group, NA))
+    tt <- tryCatch(partterms(stats::as.formula(call("~", part$effects)), attr(object$frame, "terms")), error = function(e) NULL)
+    effects <- tryCatch(colnames(stats::model.matrix(tt, object$frame)), error = function(e) deparse1(part$effects))
+    strange <- setdiff(effects, unlist(lapply(object$blocks[of], `[[`, "names")))
+    if (length(strange) > 0L)
+      refuse("re.form has an effect that the model hasn't: ", strange[1L], " over ", part$group, ".", class = "kdr3_refused")
+    list(group = part$group, effects = effects)
+  })
+  lapply(object$blocks, function(b) b$names %in% unlist(lapply(wanted, function(w) if (w$group == b$group) w$effects)))
 }
 
 # X and the Z of each block of new data, the codes of their units (NA: a new one), and the offset. NULL is the fit's own data.
@@ -19,6 +30,8 @@ newdesign <- function(object, newdata, blocks, allow.new.levels, na.action) {
     return(list(X = fixedmatrix(object, object$terms, frame), Z = Z, level2 = object$groups$level2$codes,
                 level3 = object$groups$level3$codes, offset = stats::model.offset(frame), names = rownames(frame), omitted = object$na.action))
   }
+  if (!is.list(newdata)) refuse("newdata is a data frame, not an object of class ", class(newdata)[1L], ".", class = "kdr3_data")
+  newdata <- as.data.frame(newdata, optional = TRUE)
   tt <- stats::delete.response(object$terms)
   variables <- names(newdata)
   frameof <- function(tt) {
@@ -37,7 +50,12 @@ newdesign <- function(object, newdata, blocks, allow.new.levels, na.action) {
     offset <- if (is.null(offset)) extra else offset + extra
   }
   made <- list(X = X, Z = Z, offset = offset, names = rownames(newdata))
-  for (l in unique(object$blocklevel[blocks])) made[[c("level2", "level3")[l - 1L]]] <- unitcodes(object, l, newdata, allow.new.levels)
+  made$untold <- logical(nrow(X))  # rows that don't say what unit they are of
+  for (l in unique(object$blocklevel[blocks])) {
+    units <- unitcodes(object, l, newdata, allow.new.levels)
+    made[[c("level2", "level3")[l - 1L]]] <- units$codes
+    made$untold <- made$untold | units$untold
+  }
   # A missing value makes a missing prediction, or leaves the row out.
   bad <- !stats::complete.cases(frame)
   if (any(bad) && !identical(na.action, stats::na.pass)) made$drop <- which(bad)
@@ -55,111 +73,135 @@ unitcodes <- function(object, level, newdata, allow.new.levels) {
   })
   labels <- do.call(paste, c(values, sep = ":"))
   codes <- match(labels, group$labels)
-  if (anyNA(codes) && !allow.new.levels)
-    refuse("The new data have a unit of ", group$name, " that the model doesn't know (", labels[which(is.na(codes))[1L]],
+  untold <- Reduce(`|`, lapply(values, is.na))
+  unknown <- is.na(codes) & !untold
+  if (any(unknown) && !allow.new.levels)
+    refuse("The new data have a unit of ", group$name, " that the model doesn't know (", labels[which(unknown)[1L]],
            "): with allow.new.levels = TRUE its random effects are 0.", class = "kdr3_data")
-  codes
+  list(codes = codes, untold = untold)
 }
 
-predict.kdr3 <- function(object, newdata = NULL, type = c("link", "response"), re.form = NULL, allow.new.levels = FALSE,
+checkcount <- function(n, name)
+  if (!is.numeric(n) || length(n) != 1L || is.na(n) || n < 1 || n != round(n) || n > .Machine$integer.max)
+    refuse(name, " is a whole number of 1 or more.", class = "kdr3_refused")
+
+# Arguments that a method doesn't have are told, not passed over.
+unused <- function(...) {
+  names <- setdiff(c(...names(), rep("", ...length() - length(...names()))), "ReForm")
+  if (length(names) > 0L)
+    warn(paste0("There is no argument ", if (nzchar(names[1L])) names[1L] else "without a name in this place", ": it is passed over."), class = "kdr3_unused")
+}
+
+predict.kdr3 <- function(object, newdata = NULL, type = c("link", "response", "average"), re.form = NULL, allow.new.levels = FALSE,
                          se.fit = FALSE, na.action = stats::na.pass, random.only = FALSE, ...) {
-  type <- match.arg(type)
+  type <- chosen(type, c("link", "response", "average"), "type")
+  unused(...)
   if (is.null(re.form) && ...length() > 0L && isTRUE(is.na(list(...)$ReForm))) re.form <- NA
-  blocks <- wantedblocks(object, re.form)
-  design <- newdesign(object, newdata, blocks, allow.new.levels, na.action)
-  n <- nrow(design$X)
+  average <- type == "average"
+  wanted <- wantedeffects(object, if (!average) re.form)
+  blocks <- which(vapply(wanted, any, NA))
+  design <- newdesign(object, newdata, blocks, allow.new.levels || average, na.action)
   if (length(design$drop) > 0L && identical(na.action, stats::na.omit)) refuse("na.action of predictions is na.pass: the rows keep their places.")
-  Z <- list(matrix(0, n, 0L), matrix(0, n, 0L))
-  places <- list(integer(), integer())
+  Z <- list()
+  for (l in 1:2) Z[[l]] <- matrix(0, nrow(design$X), length(object$owner[[l]]))  # 0 of the effects that are left out
   for (i in seq_along(blocks)) {
     l <- object$blocklevel[blocks[i]] - 1L
-    Z[[l]] <- cbind(Z[[l]], design$Z[[i]])
-    places[[l]] <- c(places[[l]], which(object$owner[[l]] == blocks[i]))
+    own <- wanted[[blocks[i]]]
+    Z[[l]][, which(object$owner[[l]] == blocks[i])[own]] <- design$Z[[i]][, own]
   }
-  sets <- if (object$family$family == "multinomial") length(object$levels) - 1L else 1L
-  effects <- list()
-  for (l in 1:2) {
-    u <- object$effects[[c("level2", "level3")[l]]]
-    all <- as.integer(outer(places[[l]], (seq_len(sets) - 1L) * length(object$owner[[l]]), `+`))
-    if (length(all) > 0L) effects[[c("level2", "level3")[l]]] <- u[, all, drop = FALSE]
+  shaped <- function(v) {
+    if (any(design$untold)) if (is.matrix(v)) v[design$untold, ] <- NA else v[design$untold] <- NA
+    if (is.matrix(v)) dimnames(v) <- list(design$names, object$levels[seq_len(ncol(v))]) else names(v) <- design$names
+    if (is.null(newdata)) padded(object, v) else v
   }
-  model <- object
-  if (random.only) model$coefficients[] <- 0
-  eta <- linearpredictor(model, design$X, Z[[1L]], Z[[2L]], if (!random.only) design$offset, effects, design$level2, design$level3)
-  fit <- if (type == "response") inverse(object, eta) else eta
-  if (is.matrix(fit)) rownames(fit) <- design$names else names(fit) <- design$names
-  if (!se.fit) return(if (is.null(newdata)) padded(object, fit) else fit)
-  if (sets > 1L || object$family$family == "ordinal") refuse("Outcomes with categories have no standard errors of predictions.", class = "kdr3_refused")
-  variance <- predictionvariance(object, design, Z, places)
-  se <- sqrt(pmax(variance, 0))
-  if (type == "response") se <- se * abs(object$family$mu.eta(eta))
-  names(se) <- design$names
-  made <- list(fit = fit, se.fit = se, residual.scale = stats::sigma(object))
-  if (is.null(newdata)) lapply(made, function(v) if (length(v) > 1L) padded(object, v) else v) else made
+  found <- if (se.fit || average) libraryprediction(object, design, Z, type, !average && length(blocks) > 0L)
+  fit <- if (average) found$values else {
+    model <- object
+    if (random.only) model$coefficients[] <- 0
+    eta <- linearpredictor(model, design$X, Z[[1L]], Z[[2L]], if (!random.only) design$offset, object$effects, design$level2, design$level3)
+    if (type == "response") inverse(object, eta) else eta
+  }
+  if (!se.fit) return(shaped(fit))
+  list(fit = shaped(fit), se.fit = shaped(found$errors), residual.scale = stats::sigma(object))
 }
 
-# Variance of the error of a prediction, the estimates of the variances taken as known. With the effects u that the
-# estimates b give, u = K (y - X b), the error is (x - z K X)(b^ - b) + z (u^(b) - u): two parts that are independent.
-# Units that the model doesn't know have the variances of the random effects.
-predictionvariance <- function(object, design, Z, places) {
-  X <- design$X
-  if (ncol(Z[[1L]]) + ncol(Z[[2L]]) == 0L) return(rowSums((X %*% object$vcov) * X))
-  if (any(startsWith(names(object$frame), "(weights")))
+# Predictions of the library with their standard errors by the delta method, the program's own of -predict: they allow for
+# the random effects being known by their data alone, and for the fixed effects in them being estimates. A unit that the
+# model doesn't know has the variances of its effects in its error; type "average" is the mean over those of all units.
+libraryprediction <- function(object, design, Z, type, units) {
+  if (units && isweighted(object))
     refuse("Models with design weights have standard errors of predictions with re.form = NA only.", class = "kdr3_refused")
-  own <- ownarguments(object)
-  found <- .Call(C_kdr3r_effects, own)
-  if (!is.null(found$error)) refuse(found$error)
-  variance <- numeric(nrow(X))
-  units <- list(design$level2, design$level3)
+  what <- if (type == "average") 2L else (if (units) 3L else 0L) + (type == "response")
+  columns <- if (!categorical(object$family)) 1L else length(object$levels) - (what %in% c(0L, 3L))
+  found <- .Call(C_kdr3r_predict, fittedarguments(object, units), if (units) ownrows(object),
+                 rowsarguments(design$X, Z, design$offset, if (units) design$level2, if (units) design$level3), what, as.integer(columns))
+  if (!is.null(found$error)) refuse(found$error, class = "kdr3_refused")
+  lapply(found[c("values", "errors")], function(v) if (columns > 1L) matrix(v, ncol = columns, byrow = TRUE) else v)
+}
+
+# The fit as the library takes it, matrices row by row.
+fittedarguments <- function(object, units) {
+  e <- object$effects
+  three <- !is.null(object$groups$level3)
+  type <- object$family$family
+  if (type == "binomial" && is.null(outcomeof(object$frame, object$family, "")$counts)) type <- "bernoulli"
+  number <- function(v) if (length(v) > 0L) as.double(v)
+  random3 <- nrow(object$taus[[2L]])
+  list(family = families[[type]], categories = if (categorical(object$family)) length(object$levels) else 0L,
+       fixed = as.double(object$coefficients), random2 = nrow(object$taus[[1L]]), random3 = random3,
+       taupi = number(object$taus[[1L]]), taubeta = number(object$taus[[2L]]), sigma2 = object$sigma2,
+       covariance = number(object$vcov), joint = number(jointof(object)), units2 = length(object$groups$level2$labels),
+       units3 = if (three) length(object$groups$level3$labels) else 0L,
+       level2 = if (units) number(t(e$level2)), level3 = if (units) number(t(e$level3)),
+       variances2 = if (units) number(e$cov2), variances3 = if (units) number(e$cov3),
+       covariances = if (units && random3 > 0L && !anyNA(e$cov23)) number(aperm(e$cov23, c(2L, 1L, 3L))))
+}
+
+# The covariance of all parameters in the order of the object, NULL without one: lower triangles of both taus by rows, then
+# the fixed effects.
+jointof <- function(object) {
+  if (length(object$joint) == 0L || anyNA(object$joint)) return(NULL)
+  at <- 0L
+  order <- integer()
   for (l in 1:2) {
-    if (ncol(Z[[l]]) == 0L) next
-    unit <- units[[l]]
-    T <- object$taus[[l]][places[[l]], places[[l]], drop = FALSE]
-    C <- covariancesof(found, object)[[l]][places[[l]], places[[l]], , drop = FALSE]
-    known <- !is.na(unit)
-    variance[!known] <- variance[!known] + rowSums((Z[[l]][!known, , drop = FALSE] %*% T) * Z[[l]][!known, , drop = FALSE])
-    for (i in seq_along(places[[l]])) {
-      for (j in seq_along(places[[l]]))
-        variance[known] <- variance[known] + Z[[l]][known, i] * Z[[l]][known, j] * C[i, j, ][unit[known]]
-      for (m in seq_len(ncol(X))) {
-        K <- found[[c("x2", "x3")[l]]][[m]][, places[[l]][i]]
-        X[known, m] <- X[known, m] - Z[[l]][known, i] * K[unit[known]]
-      }
+    n <- nrow(object$taus[[l]])
+    place <- object$order$order[[l]]
+    place <- inallsets(place, if (length(place) > 0L) n / length(place) else 1L)
+    for (i in seq_len(n)) for (j in seq_len(i)) {
+      high <- max(place[i], place[j])
+      order <- c(order, at + high * (high - 1L) / 2L + min(place[i], place[j]))
     }
+    at <- at + n * (n + 1L) / 2L
   }
-  both <- ncol(Z[[1L]]) > 0L && ncol(Z[[2L]]) > 0L
-  if (both) {
-    C <- covariancesof(found, object)[[3L]][places[[1L]], places[[2L]], , drop = FALSE]
-    known <- !is.na(units[[1L]]) & !is.na(units[[2L]])
-    for (i in seq_along(places[[1L]])) for (j in seq_along(places[[2L]]))
-      variance[known] <- variance[known] + 2 * Z[[1L]][known, i] * Z[[2L]][known, j] * C[i, j, ][units[[1L]][known]]
-  }
-  variance + rowSums((X %*% object$vcov) * X)
+  order <- c(order, at + object$order$coefficients)
+  matrix(object$joint, length(order))[order, order]
 }
 
-# Covariances of the effects of level 2, of level 3, and of both, about their modes.
-covariancesof <- function(found, object) {
-  n <- vapply(object$taus, nrow, 0L)
-  cube <- function(v, i, j, units) array(v, c(n[[i]], n[[j]], units))
-  units <- c(lengths(list(object$groups$level2$labels, object$groups$level3$labels)))
-  list(cube(found$cov2, 1L, 1L, units[[1L]]), cube(found$cov3, 2L, 2L, if (n[[2L]] > 0L) units[[2L]] else 0L),
-       cube(found$cov23, 1L, 2L, units[[1L]]))
+rowsarguments <- function(X, Z, offset, level2, level3, outcome = NULL, counts = NULL) {
+  rows <- function(m) if (ncol(m) > 0L) as.double(t(m))
+  list(records = nrow(X), fixed = rows(X), random2 = rows(Z[[1L]]), random3 = rows(Z[[2L]]), offset = if (!is.null(offset)) as.double(offset),
+       unit2 = level2, unit3 = level3, outcome = outcome, counts = counts)
 }
 
-# The design of the fit's own data with what the modes are computed from; x asks for the effects of each column of X.
-ownarguments <- function(object) {
-  X <- fixedmatrix(object, object$terms, object$frame)
-  Z <- lapply(object$blocks, function(b) stats::model.matrix(b$terms, object$frame)[, b$columns, drop = FALSE])
-  design <- list(X = X, level = object$blocklevel, blocks = lapply(Z, function(z) list(Z = z)))
+# The records of the fit; those of a weighted normal outcome times the roots of their weights.
+ownrows <- function(object) {
   outcome <- outcomeof(object$frame, object$family, "")
-  eta <- drop(X %*% object$coefficients)
-  if (!is.null(outcome$offset)) eta <- eta + outcome$offset
-  storage.mode(X) <- "double"
-  modelarguments(object, design, outcome, eta, X)
+  design <- owndesign(object)
+  root <- if (hassigma(object) && !is.null(outcome$weights)) sqrt(outcome$weights) else 1
+  rowsarguments(design$X * root, list(Zof(design, 2L) * root, Zof(design, 3L) * root), if (!is.null(outcome$offset)) outcome$offset * root,
+                object$groups$level2$codes, object$groups$level3$codes, (outcome$y - categorical(object$family)) * root,
+                if (object$family$family == "binomial" && !is.null(outcome$counts)) as.double(outcome$counts))
+}
+
+# The design of the fit's own data.
+owndesign <- function(object) {
+  Z <- lapply(object$blocks, function(b) stats::model.matrix(b$terms, object$frame)[, b$columns, drop = FALSE])
+  list(X = fixedmatrix(object, object$terms, object$frame), level = object$blocklevel, blocks = lapply(Z, function(z) list(Z = z)))
 }
 
 # Outcomes drawn from the model: linear predictors with new random effects, or those of the fit.
 simulate.kdr3 <- function(object, nsim = 1, seed = NULL, use.u = FALSE, re.form = if (use.u) NULL else NA, ...) {
+  checkcount(nsim, "nsim")
   if (!exists(".Random.seed", envir = globalenv())) stats::runif(1)
   if (is.null(seed)) {
     state <- get(".Random.seed", envir = globalenv())
@@ -170,9 +212,11 @@ simulate.kdr3 <- function(object, nsim = 1, seed = NULL, use.u = FALSE, re.form 
     state <- structure(seed, kind = as.list(RNGkind()))
   }
   y <- simulated(object, nsim, !is.null(re.form))
-  made <- as.data.frame(lapply(seq_len(nsim), function(s) seq_len(0)))
   columns <- lapply(seq_len(nsim), function(s) asresponse(object, y[, s]))
-  made <- structure(columns, names = paste0("sim_", seq_len(nsim)), row.names = rownames(object$frame), class = "data.frame")
+  rows <- stats::setNames(seq_len(nobs(object)), rownames(object$frame))
+  if (!is.null(object$na.action)) rows <- stats::naresid(object$na.action, rows)
+  if (anyNA(rows)) columns <- lapply(columns, function(c) if (is.matrix(c)) c[rows, ] else c[rows])
+  made <- structure(columns, names = paste0("sim_", seq_len(nsim)), row.names = names(rows), class = "data.frame")
   attr(made, "seed") <- state
   made
 }
@@ -182,9 +226,7 @@ simulated <- function(object, nsim, fresh = TRUE) {
   n <- nobs(object)
   type <- object$family$family
   outcome <- outcomeof(object$frame, object$family, "")
-  X <- fixedmatrix(object, object$terms, object$frame)
-  Z <- lapply(object$blocks, function(b) stats::model.matrix(b$terms, object$frame)[, b$columns, drop = FALSE])
-  design <- list(X = X, level = object$blocklevel, blocks = lapply(Z, function(z) list(Z = z)))
+  design <- owndesign(object)
   Z <- list(Zof(design, 2L), Zof(design, 3L))
   roots <- lapply(object$taus, rootof)
   sd <- if (hassigma(object)) stats::sigma(object) / (if (is.null(outcome$weights)) 1 else sqrt(outcome$weights))
@@ -197,7 +239,7 @@ simulated <- function(object, nsim, fresh = TRUE) {
       effects[[c("level2", "level3")[l]]] <- if (!fresh) object$effects[[c("level2", "level3")[l]]] else
         matrix(stats::rnorm(units * k), units, k) %*% t(roots[[l]])
     }
-    eta <- linearpredictor(object, X, Z[[1L]], Z[[2L]], outcome$offset, effects, object$groups$level2$codes, object$groups$level3$codes)
+    eta <- linearpredictor(object, design$X, Z[[1L]], Z[[2L]], outcome$offset, effects, object$groups$level2$codes, object$groups$level3$codes)
     mu <- inverse(object, eta)
     as.double(switch(type, gaussian = stats::rnorm(n, mu, sd), binomial = stats::rbinom(n, trials, mu), poisson = stats::rpois(n, mu),
            {

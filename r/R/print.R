@@ -3,7 +3,8 @@
 headline <- function(object) {
   family <- object$family
   estimator <- if (hassigma(object)) (if (object$options$reml) "REML" else "maximum likelihood") else
-    switch(object$engine, quadrature = paste0("maximum likelihood (adaptive quadrature", pointswords(object), ")"),
+    switch(object$engine, quadrature = if (identical(pointsof(object), 1L)) "maximum likelihood (Laplace approximation)" else
+                                 paste0("maximum likelihood (adaptive quadrature, ", pointsof(object), " points)"),
            laplace = "maximum likelihood (Laplace approximation)", laplace6 = "maximum likelihood (Laplace approximation of order 6)",
            pql = "quasi-likelihood (PQL)")
   kind <- if (hassigma(object)) "Linear mixed model" else "Generalized linear mixed model"
@@ -16,18 +17,20 @@ headline <- function(object) {
     cat("Reference: ", object$levels[length(object$levels)], "\n", sep = "")
   if (!is.null(object$call$data)) cat("   Data: ", deparse1(object$call$data), "\n", sep = "")
   if (!is.null(object$call$subset)) cat(" Subset:", deparse1(object$call$subset), "\n")
+  weights <- intersect(c("weights", "weights1", "weights2", "weights3"), names(object$call))
+  if (length(weights) > 0L) cat("Weights: ", paste(weights, "=", vapply(weights, function(w) deparse1(object$call[[w]]), ""), collapse = ", "), "\n", sep = "")
+  if (isweighted(object)) cat("Standard errors are those of the weighted sandwich\n")
 }
 
+# The last phase of a kind in the results document, NULL without one.
 documented <- function(object, phase) {
   phases <- jsonlite::fromJSON(object$document, simplifyVector = FALSE)$phases
   for (p in rev(phases)) if (p$phase %in% phase) return(p)
   NULL
 }
 
-pointswords <- function(object) {
-  points <- documented(object, "quadrature")$points
-  if (is.null(points)) "" else paste0(", ", points, " points")
-}
+lastphase <- function(object) documented(object, c("final", "quadrature", "laplace6", "pql"))
+pointsof <- function(object) if (!hassigma(object)) documented(object, "quadrature")$points
 
 fitline <- function(object) {
   if (hassigma(object) && object$options$reml) {

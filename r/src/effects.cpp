@@ -1,5 +1,5 @@
-// Random effects given estimates: conditional modes, their conditional covariances, and what they would be of other
-// outcomes; and the level at which a column varies.
+// Random effects given estimates: conditional modes and their conditional covariances; and the level at which a column
+// varies.
 //
 // Effects are worked with in the form u = L a, v = M c with T(pi) = L L', T(beta) = M M' and a, c standard normal, so
 // that variances at the edge need no inverse. With F = Z2 L, G = Z3 M and the weights W of the records (for an outcome
@@ -243,9 +243,8 @@ Vector times(const double* L, size_t n, const Vector& x) {
 
 struct Effects {
   std::string error;
-  Vector u, v, eta;            // [units2 x p], [units3 x b], [n]
-  Vector cov2, cov3, cov23;    // conditional covariances [p x p], [b x b], [p x b] of each unit
-  std::vector<Vector> ku, kv;  // of other outcomes
+  Vector u, v, eta;          // [units2 x p], [units3 x b], [n]
+  Vector cov2, cov3, cov23;  // conditional covariances [p x p], [b x b], [p x b] of each unit
 };
 
 // Conditional covariances: cov(c) = S^-1, cov(a, c) = -A^-1 B S^-1, cov(a) = A^-1 - A^-1 B cov(c, a); then L . M'.
@@ -304,20 +303,6 @@ Vector product(const double* Z, size_t n, size_t columns, const double* L) {
   return made;
 }
 
-// What the effects would be of each column of X as the outcome of the working model at the modes.
-void othereffects(const Problem& problem, const Units& units, const double* X, size_t columns, const double* L,
-                  const double* M, Effects& made) {
-  Vector weight(problem.n), weighted(problem.n), r, s;
-  for (size_t i = 0; i < problem.n; ++i) weight[i] = pointof(problem, i, made.eta[i]).weight;
-  for (size_t m = 0; m < columns; ++m) {
-    for (size_t i = 0; i < problem.n; ++i) weighted[i] = weight[i] * X[m * problem.n + i];
-    products(problem, weighted, r, s);
-    solveunits(problem, units, r, s);
-    made.ku.push_back(times(L, problem.p, r));
-    made.kv.push_back(times(M, problem.b, s));
-  }
-}
-
 SEXP matrix(const Vector& values, size_t rows, size_t columns) {
   SEXP made = Rf_allocMatrix(REALSXP, static_cast<int>(rows), static_cast<int>(columns));
   for (size_t i = 0; i < rows; ++i)
@@ -328,14 +313,6 @@ SEXP matrix(const Vector& values, size_t rows, size_t columns) {
 SEXP plain(const Vector& values) {
   SEXP made = Rf_allocVector(REALSXP, static_cast<R_xlen_t>(values.size()));
   std::copy(values.begin(), values.end(), REAL(made));
-  return made;
-}
-
-SEXP matrices(const std::vector<Vector>& list, size_t rows, size_t columns) {
-  SEXP made = PROTECT(Rf_allocVector(VECSXP, static_cast<R_xlen_t>(list.size())));
-  for (size_t m = 0; m < list.size(); ++m)
-    SET_VECTOR_ELT(made, static_cast<R_xlen_t>(m), matrix(list[m], rows, columns));
-  UNPROTECT(1);
   return made;
 }
 
@@ -377,10 +354,9 @@ SEXP kdr3r_levels(SEXP columns, SEXP unit2, SEXP unit3) {
 SEXP kdr3r_effects(SEXP given) {
   SEXP holder = nullptr;
   Effects* made = owned<Effects>(holder);
-  SEXP z2 = element(given, "z2"), z3 = element(given, "z3"), x = element(given, "x");
+  SEXP z2 = element(given, "z2"), z3 = element(given, "z3");
   const auto units2 = static_cast<size_t>(Rf_xlength(element(given, "unit3of2")));
   const auto p = static_cast<size_t>(Rf_ncols(z2)), b = static_cast<size_t>(Rf_ncols(z3));
-  const size_t others = x == R_NilValue ? 0 : static_cast<size_t>(Rf_ncols(x));
   const double *L = REAL(element(given, "l2")), *M = REAL(element(given, "l3"));
   made->error = sentenceof([&] {
     Problem problem;
@@ -409,9 +385,8 @@ SEXP kdr3r_effects(SEXP given) {
       matrices(problem, weight, units);
     }
     covariances(problem, units, L, M, *made);
-    if (others > 0) othereffects(problem, units, REAL(x), others, L, M, *made);
   });
-  const char* names[] = {"error", "level2", "level3", "eta", "cov2", "cov3", "cov23", "x2", "x3", ""};
+  const char* names[] = {"error", "level2", "level3", "eta", "cov2", "cov3", "cov23", ""};
   SEXP list = PROTECT(Rf_mkNamed(VECSXP, names));
   if (made->error.empty()) {
     SET_VECTOR_ELT(list, 1, matrix(made->u, units2, p));
@@ -420,8 +395,6 @@ SEXP kdr3r_effects(SEXP given) {
     SET_VECTOR_ELT(list, 4, plain(made->cov2));
     SET_VECTOR_ELT(list, 5, plain(made->cov3));
     SET_VECTOR_ELT(list, 6, plain(made->cov23));
-    SET_VECTOR_ELT(list, 7, matrices(made->ku, units2, p));
-    SET_VECTOR_ELT(list, 8, matrices(made->kv, b == 0 ? 0 : made->v.size() / b, b));
   } else {
     SET_VECTOR_ELT(list, 0, Rf_mkString(made->error.c_str()));
   }

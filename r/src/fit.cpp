@@ -167,7 +167,7 @@ struct Fitted {
   std::string document;
   kdr3_summary summary{};
   std::vector<double> estimates, covariance, robust, df, taupi, taubeta, taupierrors, taubetaerrors, level2, level3,
-      variances2, variances3, tests, replicates;
+      variances2, variances3, covariances, joint, tests, replicates;
   double sigma2error = 0;
 };
 
@@ -189,6 +189,8 @@ int askuser(void* state) {
   return watch.interrupted ? 1 : 0;
 }
 
+std::size_t packed(std::size_t order) { return order * (order + 1) / 2; }
+
 void takeeffects(const kdr3_result* result, Fitted& fitted) {
   const kdr3_summary& s = fitted.summary;
   fitted.level2.resize(s.units2 * s.random2);
@@ -197,6 +199,11 @@ void takeeffects(const kdr3_result* result, Fitted& fitted) {
   fitted.variances3.resize(s.units3 * s.random3 * s.random3);
   check(kdr3_result_effects(result, fitted.level2.data(), fitted.level3.data()));
   check(kdr3_result_effectvariances(result, fitted.variances2.data(), fitted.variances3.data()));
+  fitted.covariances.resize(s.units2 * s.random2 * s.random3);
+  check(kdr3_result_effectcovariances(result, fitted.covariances.data()));
+  const std::size_t parameters = packed(s.random2) + packed(s.random3) + s.fixedeffects;
+  fitted.joint.resize(parameters * parameters);
+  check(kdr3_result_joint(result, fitted.joint.data()));
 }
 
 void taketests(const kdr3_result* result, std::size_t count, Fitted& fitted) {
@@ -210,7 +217,6 @@ void taketests(const kdr3_result* result, std::size_t count, Fitted& fitted) {
 
 void takereplicates(const kdr3_result* result, Fitted& fitted) {
   const kdr3_summary& s = fitted.summary;
-  const auto packed = [](std::size_t order) { return order * (order + 1) / 2; };
   std::size_t asked = 0;
   check(kdr3_result_replicates(result, &asked, nullptr, nullptr));
   fitted.replicates.resize(asked * (s.fixedeffects + packed(s.random2) + packed(s.random3) + 1));
@@ -296,6 +302,8 @@ constexpr Member members[] = {
     {"level3", [](const Fitted& f) { return numbers(f.level3); }},
     {"variances2", [](const Fitted& f) { return numbers(f.variances2); }},
     {"variances3", [](const Fitted& f) { return numbers(f.variances3); }},
+    {"covariances", [](const Fitted& f) { return numbers(f.covariances); }},
+    {"joint", [](const Fitted& f) { return numbers(f.joint); }},
     {"tests", [](const Fitted& f) { return numbers(f.tests); }},
     {"replicates", [](const Fitted& f) { return numbers(f.replicates); }},
 };

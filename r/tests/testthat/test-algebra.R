@@ -34,6 +34,8 @@ test_that("likelihood, covariances, effects and errors of predictions are those 
   schoolonly[, ncol(o$X) + seq_len(o$n2)] <- 0
   found <- predict(m, d, re.form = ~ (x | school), se.fit = TRUE)
   expect_equal(unname(found$se.fit), sqrt(rowSums((schoolonly %*% o$C) * schoolonly)), tolerance = 1e-5, ignore_attr = TRUE)
+  intercepts <- o$X %*% fixef(m) + ranef(m)$school[as.character(d$school), 1]
+  expect_equal(unname(predict(m, d, re.form = ~ (1 | school))), drop(unname(intercepts)))
   fresh <- predict(m, transform(d[1:3, ], pupil = 99), allow.new.levels = TRUE, se.fit = TRUE)$se.fit
   expect_equal(unname(fresh^2), found$se.fit[1:3]^2 + m$taus[[1]][1], tolerance = 1e-6, ignore_attr = TRUE)
 })

@@ -16,10 +16,76 @@ test_that("a bad call is one clear error of its own class, and the session goes 
   bad("Gamma", y ~ x + (1 | school), d, family = Gamma(), class = "kdr3_family")
   bad("no counts", y ~ x + (1 | school), d, family = poisson(), class = "kdr3_data")
   bad("offset of a binomial", I(y > 1) ~ x + offset(x) + (1 | school), d, family = binomial(), class = "kdr3_refused")
+  bad("told by points|told by engine = .quadrature", y ~ x + (1 | school), d, control = list(AGQ = 7), class = "kdr3_refused")
+  bad("told by reml", y ~ x + (1 | school), d, control = list(reml = 1), class = "kdr3_refused")
+  bad("reml is TRUE or FALSE", y ~ x + (1 | school), d, reml = "yes", class = "kdr3_refused")
+  bad("outcomes that are not normal", y ~ x + (1 | school), d, points = 7, class = "kdr3_refused")
+  bad("goes with engine = \"quadrature\"", I(y > 1) ~ x + (1 | school), d, family = binomial(), engine = "pql", points = 7, class = "kdr3_refused")
+  bad("1, or 3 to 198", I(y > 1) ~ x + (1 | school), d, family = binomial(), points = 500, class = "kdr3_refused")
+  bad("engine is one of .*, not \"agq\"", I(y > 1) ~ x + (1 | school), d, family = binomial(), engine = "agq", class = "kdr3_refused")
+  bad("not \"probit\"", I(y > 1) ~ x + (1 | school), d, family = "probit", class = "kdr3_family")
+  bad("data is an empty list", y ~ x + (1 | school), list(), class = "kdr3_data")
   bad("no setting NUMITT", y ~ x + (1 | school), d, control = list(NUMITT = 2), class = "kdr3_refused")
   expect_warning(kdr3(y ~ x + (1 | school), d, control = list(NUMIT = 1)), "limit before they had converged", class = "kdr3_fitwarning")
   expect_error(predict(kdr3(y ~ x + (1 | school), d), data.frame(x = 1, school = 77)), "doesn't know \\(77\\)", class = "kdr3_data")
   expect_error(anova(kdr3(y ~ x + (1 | school), d), kdr3(y ~ x + (1 | school), d[-1, ])), "different numbers", class = "kdr3_comparison")
+  m <- kdr3(y ~ x + (1 | school), d)
+  for (level in list(95, NaN, "a", c(.5, .9))) expect_error(confint(m, level = level), "between 0 and 1", class = "kdr3_refused")
+  expect_error(confint(m, "z"), "no interval of z", class = "kdr3_refused")
+  expect_warning(predict(m, d, interval = "confidence"), "no argument interval", class = "kdr3_unused")
+  expect_error(predict(m, 3), "is a data frame", class = "kdr3_data")
+  expect_error(predict(m, re.form = ~ (x | school)), "effect that the model hasn't: x over school", class = "kdr3_refused")
+  expect_error(predict(m, re.form = ~ (1 | pupil)), "hasn't: \\(Intercept\\) over pupil", class = "kdr3_refused")
+  expect_error(drop1(m, "z"), "no term z", class = "kdr3_refused")
+  expect_error(bootstrap(m, 0), "whole number", class = "kdr3_refused")
+})
+
+test_that("what would be fitted or left out in silence is told", {
+  # Names of the user, not the eight capitals of the library, and categories by their labels.
+  d$rather_long_name <- d$x
+  expect_warning(suppressWarnings(kdr3(I(x > 0) ~ rather_long_name + (1 | school), d, family = binomial(), engine = "pql"), class = "other"),
+                 "separation by rather_long_name: .*The coefficient of rather_long_name has no finite")
+  d$o <- cut(d$x, c(-Inf, -.5, .5, Inf), labels = c("low", "mid", "high"))
+  said <- testthat::capture_warnings(kdr3(o ~ rather_long_name + (1 | school), d, family = "multinomial", engine = "pql", control = list(NUMIT = 20)))
+  expect_match(said, "have category .low.\\.\nThe coefficient of rather_long_name \\(category .low.\\)", all = FALSE)
+  d$o <- as.character(cut(d$y, c(-Inf, 0, 1, Inf), labels = c("low", "mid", "high")))
+  expect_warning(kdr3(o ~ x + (1 | school), d, family = "ordinal", engine = "laplace"), "order of the alphabet: high < low < mid")
+  d$w2 <- rep(c(1, 2, 3), 4)[d$school]
+  w <- kdr3(I(y > 1) ~ x + (1 | school), d, family = binomial(), weights2 = w2, points = 5)
+  expect_output(print(w), "Weights: weights2 = w2\nStandard errors are those of the weighted sandwich")
+  expect_true(is.na(AIC(w)) && is.na(BIC(w)) && !is.na(logLik(w)))
+  expect_message(kdr3(I(y > 1) ~ x + (0 + f + x + w | school), d, family = binomial()), "More than four random effects")
+  expect_equal(attr(logLik(kdr3(y ~ x + (1 | school), d, control = list(FIXSIGMA2 = 1.5))), "df"), 3L)
+  # A row that doesn't say its unit has no prediction, one of a new unit has the population's.
+  m <- kdr3(y ~ x + (1 | school), d)
+  new <- transform(d[1:3, ], school = c(school[1], NA, 99))
+  found <- predict(m, new, allow.new.levels = TRUE)
+  expect_equal(is.na(found), c(FALSE, TRUE, FALSE), ignore_attr = TRUE)
+  expect_equal(found[3], predict(m, new, re.form = NA)[3])
+})
+
+test_that("models are compared where their likelihoods can be", {
+  m <- kdr3(y ~ x + (1 | school), d)
+  no <- function(text, ...) expect_error(anova(...), text, class = "kdr3_comparison")
+  d$w2 <- rep(c(1, 2, 3), 4)[d$school]
+  no("different weights", m, kdr3(y ~ x + w + (1 | school), d, weights = w2))
+  no("is weighted", kdr3(y ~ 1 + (1 | school), d, weights2 = w2), kdr3(y ~ x + (1 | school), d, weights2 = w2))
+  no("x is not the same", m, kdr3(y ~ x + w + (1 | school), transform(d, x = rev(x))))
+  no("different offsets", m, kdr3(y ~ x + w + offset(z) + (1 | school), d))
+  no("not an object of class lm", m, lm(y ~ x, d))
+  no("did not converge", m, suppressWarnings(kdr3(y ~ x + (x | school / pupil), d, control = list(NUMIT = 1))))
+  b <- function(formula, ...) kdr3(formula, d, family = binomial(), ...)
+  no("of two kinds", b(I(y > 1) ~ 1 + (1 | school), engine = "laplace"), b(I(y > 1) ~ x + (1 | school), points = 5))
+  no("Quasi-likelihood", b(I(y > 1) ~ 1 + (1 | school), engine = "pql"), b(I(y > 1) ~ x + (1 | school), points = 5))
+  expect_equal(anova(b(I(y > 1) ~ 1 + (1 | school), points = 1), b(I(y > 1) ~ x + (1 | school), engine = "laplace"))$Df[2], 1)
+  nested <- function(a, b) anova(kdr3(a, d), kdr3(b, d))
+  tested <- function(a, b) !is.na(nested(a, b)[2, "Pr(>Chisq)"])
+  expect_false(tested(y ~ w + (1 | school), y ~ x + f + (1 | school)))
+  expect_false(tested(y ~ x + (x | school), y ~ x + (x + w || school)))    # a covariance that the larger one hasn't
+  expect_true(tested(y ~ x + (1 | school), y ~ poly(x, 2) + (1 | school)))  # the line is in the columns of the curve
+  d$class <- d$school + 100
+  expect_true(tested(y ~ x + (1 | class), y ~ x + (1 | school / pupil)))    # the same units by another name
+  expect_match(attr(nested(y ~ x + (1 | school), y ~ x + (x | school / pupil)), "heading"), "3 random effects more.*P is too large", all = FALSE)
 })
 
 test_that("nested groupings by name and by / are one model; levels that no record has are left out", {
@@ -90,8 +156,35 @@ test_that("imputed data and plausible values are pooled by Rubin's rules", {
   for (i in 1:4) d[[paste0("pv", i)]] <- many[[i]]$y
   v <- kdr3(pv1 ~ x + f + (1 | school), d, plausible = paste0("pv", 1:4))
   expect_equal(vcov(v), vcov(p))
+  expect_equal(ranef(p)$school[["3", 1]], mean(vapply(fits, function(m) ranef(m)$school[["3", 1]], 0)))
+  new <- data.frame(x = 1, f = "b", school = 4)
+  each <- lapply(fits, predict, new, se.fit = TRUE)
+  expect_equal(predict(p, new, se.fit = TRUE)$se.fit^2,
+               mean(vapply(each, function(e) e$se.fit^2, 0)) + 1.25 * var(vapply(each, `[[`, 0, "fit")), ignore_attr = TRUE)
+  expect_error(AIC(p), "no likelihood", class = "kdr3_refused")
   # The pooled test of one contrast is the square of its t with the within variance in it.
   expect_equal(anova(p)["x", "F value"], coef(p)[["x"]]^2 / (U[["x"]] + T[["x"]]), tolerance = 1e-8)
+})
+
+test_that("fits of different models have no average", {
+  no <- function(text, ...) expect_error(kdr3(..., engine = "laplace"), text, class = "kdr3_comparison")
+  yes <- transform(d, b = factor(ifelse(y > 1, "yes", "no")))
+  no("categories of the outcome", b ~ x + (1 | school), list(yes, transform(yes, b = factor(b, c("yes", "no")))), family = binomial())
+  expect_error(kdr3(y ~ f + (1 | school), list(d, transform(d, f = relevel(f, "b")))), "fixed effects differ", class = "kdr3_comparison")
+  sums <- function(d) kdr3(y ~ f + (1 | school), d, contrasts = list(f = "contr.sum"))
+  expect_error(sums(list(d, transform(d, f = relevel(f, "b")))), "levels of f are a, b, c and b, a, c", class = "kdr3_comparison")
+  expect_warning(kdr3(y ~ x + (1 | school), list(d, d[-1, ])), "different records: 190, 189")
+  expect_warning(kdr3(y ~ poly(x, 2) + (1 | school), list(d, transform(d, x = x + w))), "made of each data set by itself")
+  expect_error(kdr3(y ~ x + (1 | school), list(d, transform(d, x = NA_real_))), "^Data set 2: All values of x are missing")
+  for (package in c("mice", "lme4", "broom.mixed")) skip_if_not_installed(package)
+  gaps <- d[c("school", "x", "y")]
+  gaps$x[seq(1, 190, 7)] <- NA
+  imputed <- mice::mice(gaps, m = 3, seed = 1, printFlag = FALSE)
+  theirs <- mice::pool(with(imputed, lme4::lmer(y ~ x + (1 | school), REML = FALSE)))$pooled
+  ours <- kdr3(y ~ x + (1 | school), imputed)
+  expect_equal(unname(coef(ours)), theirs$estimate, tolerance = 1e-6)
+  expect_equal(unname(diag(vcov(ours))), theirs$t, tolerance = 1e-5)
+  expect_equal(mice::pool(with(imputed, kdr3(y ~ x + (1 | school))))$pooled$t, theirs$t, tolerance = 1e-5)
 })
 
 test_that("half and half mixtures for a variance, chi-square otherwise", {
@@ -120,7 +213,7 @@ test_that("design weights and robust errors", {
   expect_equal(fixef(two), fixef(twice), tolerance = 1e-6)
   expect_equal(as.numeric(logLik(two)), as.numeric(logLik(twice)), tolerance = 1e-8)
   expect_equal(vcov(two, "robust"), vcov(g(d), "robust"), tolerance = 1e-5)
-  expect_error(kdr3(y ~ x + (1 | school), d, weights2 = x), "numbers of 0 or more", class = "kdr3_data")
+  expect_error(kdr3(y ~ x + (1 | school), d, weights2 = x), "positive numbers", class = "kdr3_data")
 })
 
 test_that("effects of a quadrature fit are means of the posterior", {
@@ -147,6 +240,20 @@ test_that("outcomes with categories", {
     expect_equal(dim(vcov(m)), rep(length(coef(summary(m))[, 1]), 2))
     expect_equal(m$engine, "quadrature")
     expect_true(all(diag(vcov(m, "robust")) > 0))
+    expect_equal(rowSums(residuals(m)), rep(0, nrow(d)), ignore_attr = TRUE)
+    expect_equal(residuals(m)[1, ], (levels(d$o) == d$o[1]) - fitted(m)[1, ])
+    expect_equal(augment(m)$.prob.mid, unname(fitted(m)[, "mid"]))
+    expect_false(anyNA(confint(m)[paste0("sd_", rownames(m$taus[[1]])[1], "|school"), ]))
+    # Errors by the delta method, with derivatives by differences.
+    new <- data.frame(x = c(-1, .5), school = 1)
+    value <- function(b) {
+      m$coefficients[] <- b
+      as.numeric(predict(m, new, type = "response", re.form = NA))
+    }
+    b <- m$coefficients
+    J <- sapply(seq_along(b), function(i) (value(replace(b, i, b[i] + 1e-5)) - value(replace(b, i, b[i] - 1e-5))) / 2e-5)
+    expect_equal(as.numeric(predict(m, new, type = "response", re.form = NA, se.fit = TRUE)$se.fit), sqrt(diag(J %*% vcov(m) %*% t(J))), tolerance = 1e-6)
+    expect_equal(dim(predict(m, new, type = "response", se.fit = TRUE)$se.fit), c(2L, 4L))
     # The likelihood by the trapezoidal rule, of one random effect; a multinomial one has several.
     if (family == "multinomial") next
     s <- sqrt(VarCorr(m)$school[1])
@@ -160,5 +267,7 @@ test_that("outcomes with categories", {
       rowsum(log((matrix(upper, nrow(d)) - matrix(lower, nrow(d)))[at]), d$school)
     })
     expect_equal(as.numeric(logLik(m)), sum(log(exp(given) %*% dnorm(u) * (u[2] - u[1]))), tolerance = 1e-7)
+    below <- sapply(cuts[1:2], function(cut) sum(plogis(sum(b[1:2] * c(1, new$x[1])) + cut + s * u) * dnorm(u)) * (u[2] - u[1]))
+    expect_equal(predict(m, new, type = "average")[1, 1:2], c(below[1], diff(below)), tolerance = 1e-7, ignore_attr = TRUE)
   }
 })

@@ -28,6 +28,23 @@ test_that("emmeans", {
   expect_equal(summary(pairs(emmeans::emmeans(k, ~cask)))$df, rep(48, 3), tolerance = 1e-6)
 })
 
+test_that("emmeans of categories: linear predictors without thresholds, logits against the last one", {
+  skip_if_not_installed("emmeans")
+  d$o <- cut(d$y, c(-Inf, 0, 1, Inf), labels = c("low", "mid", "high"))
+  for (family in c("ordinal", "multinomial")) {
+    m <- kdr3(o ~ x + f + (1 | school), d, family = family, engine = "laplace")
+    e <- summary(emmeans::emmeans(m, if (family == "ordinal") ~f else ~ f | category))
+    p <- predict(m, data.frame(f = c("a", "b", "c"), x = mean(d$x)), re.form = NA, se.fit = TRUE)
+    k <- if (family == "ordinal") 1 else 1:2
+    expect_equal(e$emmean, as.numeric(p$fit[, k]))
+    expect_equal(e$SE, as.numeric(p$se.fit[, k]), tolerance = 1e-7)
+    grid <- getFromNamespace("get_predictions.kdr3", "kdr3")(m, data_grid = data.frame(f = c("a", "b", "c"), x = 0))
+    expect_equal(as.numeric(tapply(grid$predicted, grid$f, sum)), rep(1, 3))
+    expect_equal(unique(grid$response.level), levels(d$o))
+    expect_true(all(grid$conf.low < grid$predicted & grid$predicted < grid$conf.high & grid$conf.high < 1))
+  }
+})
+
 test_that("insight and what stands on it", {
   skip_if_not_installed("insight")
   expect_equal(insight::find_random(m, flatten = TRUE), c("pupil:school", "school"))

@@ -5,7 +5,8 @@ for (name in names(cases)) local({
   test_that(paste("every method says what lme4's does:", name), {
     data <- dataof(case$data)
     call <- list(quote(kdr3), case$formula, quote(data), family = if (is.null(case$family)) quote(gaussian()) else case$family,
-                 reml = isTRUE(case$reml), engine = "laplace", control = list(STOPVAL = 1e-10))
+                 reml = isTRUE(case$reml), control = list(STOPVAL = 1e-10))
+    if (!is.null(case$family)) call$engine <- "laplace"
     if (!is.null(case$weights)) call$weights <- as.name(case$weights)
     m <- eval(as.call(call))
     ours <- suppressMessages(quantities(m, case, data, ngrps = ngrps, isSingular = isSingular, getME = getME, refit = refit))
