@@ -1,11 +1,13 @@
 #include "document/resultsdocument.h"
 
 #include <cmath>
+#include <string_view>
 #include <utility>
 
 #include "core/formatted.h"
 #include "core/version.h"
 #include "document/effects.h"
+#include "document/latent.h"
 #include "document/resultstable.h"
 #include "document/variances.h"
 #include "estimate/inference/convergence.h"
@@ -242,6 +244,13 @@ void separate(ResultsDocument& document) {
   if (!document.phases.empty()) document.phases.back()["ending"] = "separation";
 }
 
+void setlatent(ResultsDocument& document, const Subject& subject, std::string_view phase,
+               const LatentRegression& regression) {
+  for (Json& made : document.phases)
+    if (made["phase"] == phase) made["latent_regression"] = latentof(subject, regression);
+  if (!regression.computable) document.warnings.emplace_back(nolatentregression);
+}
+
 Json allwarnings(const ResultsDocument& document, const Model& model, const Json& converged) {
   Json warnings = document.warnings;
   for (const Json& phase : document.phases) {
@@ -344,6 +353,16 @@ void addengine(ResultsDocument& document, const Subject& subject, const EngineSt
   if (estimated && stage.separated) separate(document);
 }
 
+void addlatent(ResultsDocument& document, const Subject& subject, const PassResults& results,
+               const LatentRegression& regression) {
+  setlatent(document, subject, phasename(results.kind, results.heterogeneous), regression);
+}
+
+void addlatent(ResultsDocument& document, const Subject& subject, const Pooled& /*averages*/,
+               const LatentRegression& regression) {
+  setlatent(document, subject, "average", regression);
+}
+
 void addbootstrap(ResultsDocument& document, const Subject& subject, const char* phase,
                   const BootstrapResults& results) {
   const int p = subject.model.coef.ntaupi, b = subject.model.coef.ntaubeta;
@@ -408,7 +427,7 @@ void addmacroend(ResultsDocument& document, const MacroEvent& event) {
 Json wholedocument(const ResultsDocument& document, const Subject& subject, const DocumentFrame& frame) {
   Json whole = {
       {"format", "kdr3 results"},
-      {"format_version", 4},
+      {"format_version", 5},
       {"program", module},
       {"version", version},
       {"title", frame.title},
