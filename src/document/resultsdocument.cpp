@@ -272,6 +272,17 @@ Json allwarnings(const ResultsDocument& document, const Model& model, const Json
   return warnings;
 }
 
+Json hexadecimal(std::uint64_t hash) { return formatted("%016llx", static_cast<unsigned long long>(hash)); }
+
+// Of the variables by whose values a model may be another one though its names are the same.
+Json variablehashes(const Subject& subject) {
+  if (!subject.hash) return {};
+  Json list = Json::array();
+  for (const auto& [level, variable, sum] : subject.hash->variables)
+    list.push_back({{"level", level}, {"name", subject.name(level, variable)}, {"hash", hexadecimal(sum)}});
+  return list;
+}
+
 }  // namespace
 
 void addphase(ResultsDocument& document, const Subject& subject, const PassResults& results) {
@@ -425,27 +436,26 @@ void addmacroend(ResultsDocument& document, const MacroEvent& event) {
 }
 
 Json wholedocument(const ResultsDocument& document, const Subject& subject, const DocumentFrame& frame) {
-  Json whole = {
-      {"format", "kdr3 results"},
-      {"format_version", 5},
-      {"program", module},
-      {"version", version},
-      {"title", frame.title},
-      {"data", {{"mdm_file", textornull(frame.mdmfile)}, {"command_file", textornull(frame.commandfile)}}},
-      {"dimensions",
-       {{"records", subject.records},
-        {"level2_units", subject.units2},
-        {"level3_units", whenever(!subject.twolevel, subject.units3)}}},
-      {"records_hash",
-       subject.hash ? Json(formatted("%016llx", static_cast<unsigned long long>(subject.hash->sum))) : Json()},
-      {"model", describedmodel(subject)},
-      {"coding", frame.coding},
-      {"series", frame.series},
-      {"converged", frame.converged},
-      {"phases", document.phases},
-      {"warnings", allwarnings(document, subject.model, frame.converged)},
-      {"files", frame.files},
-      {"checksums", frame.checksums}};
+  Json whole = {{"format", "kdr3 results"},
+                {"format_version", 5},
+                {"program", module},
+                {"version", version},
+                {"title", frame.title},
+                {"data", {{"mdm_file", textornull(frame.mdmfile)}, {"command_file", textornull(frame.commandfile)}}},
+                {"dimensions",
+                 {{"records", subject.records},
+                  {"level2_units", subject.units2},
+                  {"level3_units", whenever(!subject.twolevel, subject.units3)}}},
+                {"records_hash", subject.hash ? hexadecimal(subject.hash->sum) : Json()},
+                {"variable_hashes", variablehashes(subject)},
+                {"model", describedmodel(subject)},
+                {"coding", frame.coding},
+                {"series", frame.series},
+                {"converged", frame.converged},
+                {"phases", document.phases},
+                {"warnings", allwarnings(document, subject.model, frame.converged)},
+                {"files", frame.files},
+                {"checksums", frame.checksums}};
   if (subject.recordsread != 0) whole["dimensions"]["records_read"] = subject.recordsread;
   if (subject.texts != nullptr && subject.texts->any()) whole["variables"] = describedvariables(subject);
   return whole;
