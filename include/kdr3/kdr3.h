@@ -143,6 +143,11 @@ KDR3_PUBLIC kdr3_status kdr3_model_start(kdr3_model* model, size_t g, const doub
  * threads, which is that of THREADS. Errors: a model that has none, as with design weights. */
 KDR3_PUBLIC kdr3_status kdr3_model_bootstrap(kdr3_model* model, int replicates, uint64_t seed, int cases);
 
+/* Asks for a latent variable regression: random level-2 coefficients regressed on others, from the estimates of the
+ * fit. `roles` has a letter for each coefficient that varies between level-3 units, in the order of tau(beta): O
+ * outcome, P predictor, I ignore; null asks for none. The results document has it as `latent_regression`. */
+KDR3_PUBLIC kdr3_status kdr3_model_latent(kdr3_model* model, const char* roles);
+
 KDR3_PUBLIC void kdr3_model_free(kdr3_model* model);
 
 /* ---- Formulas -------------------------------------------------------------------------------------------------- */

@@ -116,6 +116,7 @@ def _declare(library: ctypes.CDLL) -> ctypes.CDLL:
         "kdr3_model_set": (c_int, handle, c_char_p, c_double),
         "kdr3_model_start": (c_int, handle, c_size_t, c_void_p, c_size_t, c_void_p, c_size_t, c_void_p, c_double),
         "kdr3_model_bootstrap": (c_int, handle, c_int, c_uint64, c_int),
+        "kdr3_model_latent": (c_int, handle, c_char_p),
         "kdr3_fit": (c_int, handle, POINTER(Observer), POINTER(handle)),
         "kdr3_result_summary": (c_int, handle, POINTER(Summary)),
         "kdr3_result_fixed": (c_int, handle, c_void_p, c_void_p, c_void_p, c_void_p),

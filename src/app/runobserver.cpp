@@ -284,7 +284,7 @@ Observer runobserver() {
     deletionnote();
     if (kind != PassKind::linear) markreport();
   };
-  observer.recordsread = documentrecords;
+  if (!run.files.results.empty()) observer.recordsread = documentrecords;
   observer.leastsquares = [](const LeastSquaresResults& results) {
     documentleastsquares(results);
     leastsquarestables(results);

@@ -310,13 +310,15 @@ std::string methodof(const PassResults& results) {
 }
 std::string methodof(const Pooled& averages) { return averages.engine ? seriesmethod(*averages.engine) : ""; }
 
-// The regression that LVR-BETA: asks for, of a pass or of the averages, into the report.
+// The regression that LVR-BETA: asks for, of a pass or of the averages, into the report and the results document.
 template <class Results>
 void latentvariables(const Results& results) {
   if (!run.out.lvr) return;
   const LatentModel model =
       latentmodel(modelrows(run.model), {run.out.lvrroles.data(), run.out.lvrroles.size()}, run.mdm.nunits3);
-  latentreport(latentregression(model, results), methodof(results));
+  const LatentRegression regression = latentregression(model, results);
+  latentreport(regression, methodof(results));
+  documentlatent(results, regression);
 }
 
 // Moves the model to the next plausible value and leaves it as the command file of the next pass; false when there is

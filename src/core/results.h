@@ -47,8 +47,15 @@ struct UnitCounts {
 
 // What tells whether two fits had the same records: a sum over the analysed records, whatever their order, of a hash of
 // the ID of the record's unit of the highest level, its outcome, and its trials or exposure.
+// So it is for each variable that the equations name, and for a known variance: `sum` is of the values before centering,
+// each with what tells its record.
+struct VariableHash {
+  int level, variable;
+  std::uint64_t sum = 0;
+};
 struct RecordsHash {
   std::uint64_t sum = 0;
+  std::vector<VariableHash> variables;  // by level and number
 };
 
 // Approximate degrees of freedom of the fixed effects. One entry for each that the constraints left, in order; the

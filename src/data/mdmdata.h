@@ -44,6 +44,7 @@ struct MdmData : MdmHead {
   Array<Name> textid3;                 // [nunits3] when IDs are texts
   Array<double> numericid3;            // [nunits3] when IDs are numeric
   Array<double> level3;                // nunits3 rows of nvar3 values
+  Array<double> observed3;             // the same before centering, empty where nothing is centered
 
   // The same data; both read one stream, by positions of their own.
   [[nodiscard]] MdmData copy() const;

@@ -1,11 +1,13 @@
 #include "document/resultsdocument.h"
 
 #include <cmath>
+#include <string_view>
 #include <utility>
 
 #include "core/formatted.h"
 #include "core/version.h"
 #include "document/effects.h"
+#include "document/latent.h"
 #include "document/resultstable.h"
 #include "document/variances.h"
 #include "estimate/inference/convergence.h"
@@ -242,6 +244,13 @@ void separate(ResultsDocument& document) {
   if (!document.phases.empty()) document.phases.back()["ending"] = "separation";
 }
 
+void setlatent(ResultsDocument& document, const Subject& subject, std::string_view phase,
+               const LatentRegression& regression) {
+  for (Json& made : document.phases)
+    if (made["phase"] == phase) made["latent_regression"] = latentof(subject, regression);
+  if (!regression.computable) document.warnings.emplace_back(nolatentregression);
+}
+
 Json allwarnings(const ResultsDocument& document, const Model& model, const Json& converged) {
   Json warnings = document.warnings;
   for (const Json& phase : document.phases) {
@@ -261,6 +270,17 @@ Json allwarnings(const ResultsDocument& document, const Model& model, const Json
     if (const Json& compared = phase["model_comparison"]; !compared.is_null() && !compared["impossible"].is_null())
       warnings.push_back("The models of DEVIANCE: cannot be compared. " + compared["impossible"].get<std::string>());
   return warnings;
+}
+
+Json hexadecimal(std::uint64_t hash) { return formatted("%016llx", static_cast<unsigned long long>(hash)); }
+
+// Of the variables by whose values a model may be another one though its names are the same.
+Json variablehashes(const Subject& subject) {
+  if (!subject.hash) return {};
+  Json list = Json::array();
+  for (const auto& [level, variable, sum] : subject.hash->variables)
+    list.push_back({{"level", level}, {"name", subject.name(level, variable)}, {"hash", hexadecimal(sum)}});
+  return list;
 }
 
 }  // namespace
@@ -344,6 +364,16 @@ void addengine(ResultsDocument& document, const Subject& subject, const EngineSt
   if (estimated && stage.separated) separate(document);
 }
 
+void addlatent(ResultsDocument& document, const Subject& subject, const PassResults& results,
+               const LatentRegression& regression) {
+  setlatent(document, subject, phasename(results.kind, results.heterogeneous), regression);
+}
+
+void addlatent(ResultsDocument& document, const Subject& subject, const Pooled& /*averages*/,
+               const LatentRegression& regression) {
+  setlatent(document, subject, "average", regression);
+}
+
 void addbootstrap(ResultsDocument& document, const Subject& subject, const char* phase,
                   const BootstrapResults& results) {
   const int p = subject.model.coef.ntaupi, b = subject.model.coef.ntaubeta;
@@ -406,27 +436,26 @@ void addmacroend(ResultsDocument& document, const MacroEvent& event) {
 }
 
 Json wholedocument(const ResultsDocument& document, const Subject& subject, const DocumentFrame& frame) {
-  Json whole = {
-      {"format", "kdr3 results"},
-      {"format_version", 4},
-      {"program", module},
-      {"version", version},
-      {"title", frame.title},
-      {"data", {{"mdm_file", textornull(frame.mdmfile)}, {"command_file", textornull(frame.commandfile)}}},
-      {"dimensions",
-       {{"records", subject.records},
-        {"level2_units", subject.units2},
-        {"level3_units", whenever(!subject.twolevel, subject.units3)}}},
-      {"records_hash",
-       subject.hash ? Json(formatted("%016llx", static_cast<unsigned long long>(subject.hash->sum))) : Json()},
-      {"model", describedmodel(subject)},
-      {"coding", frame.coding},
-      {"series", frame.series},
-      {"converged", frame.converged},
-      {"phases", document.phases},
-      {"warnings", allwarnings(document, subject.model, frame.converged)},
-      {"files", frame.files},
-      {"checksums", frame.checksums}};
+  Json whole = {{"format", "kdr3 results"},
+                {"format_version", 5},
+                {"program", module},
+                {"version", version},
+                {"title", frame.title},
+                {"data", {{"mdm_file", textornull(frame.mdmfile)}, {"command_file", textornull(frame.commandfile)}}},
+                {"dimensions",
+                 {{"records", subject.records},
+                  {"level2_units", subject.units2},
+                  {"level3_units", whenever(!subject.twolevel, subject.units3)}}},
+                {"records_hash", subject.hash ? hexadecimal(subject.hash->sum) : Json()},
+                {"variable_hashes", variablehashes(subject)},
+                {"model", describedmodel(subject)},
+                {"coding", frame.coding},
+                {"series", frame.series},
+                {"converged", frame.converged},
+                {"phases", document.phases},
+                {"warnings", allwarnings(document, subject.model, frame.converged)},
+                {"files", frame.files},
+                {"checksums", frame.checksums}};
   if (subject.recordsread != 0) whole["dimensions"]["records_read"] = subject.recordsread;
   if (subject.texts != nullptr && subject.texts->any()) whole["variables"] = describedvariables(subject);
   return whole;

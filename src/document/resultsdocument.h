@@ -12,6 +12,7 @@
 #include "estimate/likelihood/engines.h"
 #include "estimate/linear/unitresults.h"
 #include "estimate/quasi/macrostate.h"
+#include "series/latentregression.h"
 #include "series/pooledresults.h"
 
 namespace kdr {
@@ -40,6 +41,11 @@ void addphase(ResultsDocument& document, const Subject& subject, const PassResul
 void addphases(ResultsDocument& document, const Subject& subject, const Pooled& pooled);
 // The phase of an engine that has ended, if there are results, and what has come of them.
 void addengine(ResultsDocument& document, const Subject& subject, const EngineStage& stage, bool fixednodes);
+// The latent variable regression of the estimates of a pass, and of the averages of a series, for their phase.
+void addlatent(ResultsDocument& document, const Subject& subject, const PassResults& results,
+               const LatentRegression& regression);
+void addlatent(ResultsDocument& document, const Subject& subject, const Pooled& averages,
+               const LatentRegression& regression);
 // The bootstrap of the phase of that name.
 void addbootstrap(ResultsDocument& document, const Subject& subject, const char* phase,
                   const BootstrapResults& results);

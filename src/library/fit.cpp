@@ -21,6 +21,7 @@
 #include "kernel/sizes.h"
 #include "library/result.h"
 #include "library/values.h"
+#include "series/latentregression.h"
 
 namespace kdr::library {
 
@@ -185,6 +186,13 @@ Failure chainfit(Fit& fit, const Analysis& analysis) {
   return {};
 }
 
+// The latent variable regression of the estimates that the run ends with.
+void takelatent(Fit& fit, const Analysis& analysis) {
+  if (fit.given.latent.empty()) return;
+  const LatentModel model = latentmodel(modelrows(analysis.model), fit.given.latent, analysis.mdm.nunits3);
+  addlatent(fit.document, fit.subject, fit.result.results, latentregression(model, fit.result.results));
+}
+
 std::string checkstart(const Estimates& start, const Model& model) {
   if (!model.outcome.linear()) return "Starting values are for normal outcomes.";
   const bool fits = start.gammahat.size() == at(model.coef.ngamma) && start.taupi.size() == square(model.coef.ntaupi) &&
@@ -282,6 +290,7 @@ kdr3_status kdr3_fit(const kdr3_model* model, const kdr3_observer* observer, kdr
     collectphases(fit, values.observer);
     const Failure failure = values.model.outcome.linear() ? linearfit(fit, analysis) : chainfit(fit, analysis);
     if (failure) return error(whynot(fit, failure));
+    takelatent(fit, analysis);
     result->p = values.model.coef.ntaupi;
     result->b = values.model.coef.ntaubeta;
     result->g = result->results.est.gammahat.size();

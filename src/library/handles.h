@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "core/codes.h"
 #include "core/control.h"
 #include "core/estimates.h"
 #include "core/outcome.h"
@@ -63,6 +64,7 @@ struct kdr3_model {
     bool cases = false;
   };
   Bootstrap bootstrap;
+  std::vector<kdr::LatentRole> latent;  // one for each coefficient that is random at level 3; empty: no regression
   std::optional<kdr::Estimates> start;  // starting values from outside
 };
 

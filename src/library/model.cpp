@@ -280,4 +280,20 @@ kdr3_status kdr3_model_bootstrap(kdr3_model* model, int replicates, uint64_t see
   });
 }
 
+kdr3_status kdr3_model_latent(kdr3_model* model, const char* roles) {
+  return guarded([&]() -> kdr3_status {
+    if (model == nullptr) return error("The model is missing.");
+    std::vector<LatentRole> made;
+    for (const char* letter = roles; letter != nullptr && *letter != '\0'; ++letter) {
+      const char word[] = {*letter, '\0'};
+      const auto* role =
+          std::ranges::find_if(roleletters, [&](const auto& row) { return strcasecmp(row.word, word) == 0; });
+      if (role == std::end(roleletters)) return error("A coefficient of a latent variable regression is O, P or I.");
+      made.push_back(role->code);
+    }
+    model->latent = std::move(made);
+    return KDR3_OK;
+  });
+}
+
 void kdr3_model_free(kdr3_model* model) { delete model; }

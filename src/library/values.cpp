@@ -151,6 +151,22 @@ std::string seteffects(const kdr3_model& model, Model& made) {
   return "";
 }
 
+// Why there is no latent variable regression of the roles that were given.
+std::string latentobstacle(const kdr3_model& model, const Model& made, const Control& control) {
+  const auto has = [&](LatentRole role) { return std::ranges::find(model.latent, role) != model.latent.end(); };
+  if (model.latent.empty()) return "";
+  if (made.outcome.family == Family::multinomial) return "Latent variable regression is not for multinomial outcomes.";
+  if (model.latent.size() != at(made.coef.ntaubeta))
+    return formatted("The roles of a latent variable regression are %zu, and %d coefficients vary at level 3.",
+                     model.latent.size(), made.coef.ntaubeta);
+  if (!has(LatentRole::outcome) || !has(LatentRole::predictor))
+    return "A latent variable regression needs an outcome and a predictor.";
+  if (control.fishertype == FisherType::none) return "Latent variable regression needs a FISHERTYPE above 0.";
+  if (control.restricted || control.ddf != DegreesMethod::counts)
+    return "REML and DDF go with no latent variable regression.";
+  return "";
+}
+
 // What follows from the kind of the model, as the command file settles it.
 std::string settle(const kdr3_model& model, Values& values) {
   Model& made = values.model;
@@ -166,6 +182,7 @@ std::string settle(const kdr3_model& model, Values& values) {
   }
   settlecontrol(made, model.stopgiven, control);
   if (std::string words = smallsampleobstacle(made, control); !words.empty()) return words;
+  if (std::string words = latentobstacle(model, made, control); !words.empty()) return words;
   return engineobstacle(made, control);
 }
 

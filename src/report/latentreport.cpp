@@ -1,5 +1,6 @@
 #include "report/latentreport.h"
 
+#include <cmath>
 #include <string>
 
 #include "core/formatted.h"
@@ -65,19 +66,27 @@ void equation(const LatentRegression& regression, int outcome) {
   reportbreak();
 }
 
+// A number by "%<width>.<decimals>f", or with an exponent in the same width where that would show less than three
+// digits of it: no unit of a predictor makes a coefficient 0.
+std::string legible(double value, int width, int decimals) {
+  const bool lost = value != 0.0 && std::isfinite(value) && std::fabs(value) < std::pow(10.0, 2 - decimals);
+  constexpr int around = 7;  // sign, first digit, point and E-07
+  return lost ? formatted("%*.*E", width, width - around, value) : fixedpoint(value, width, decimals);
+}
+
 // The four numbers of a row, and its end.
 void numbers(const LatentTest& test, const char* style) {
-  const auto cell = [&](double value, int width, int decimals, const char* end) {
-    report("<td align=right valign=bottom %s>%s</td>%s\n", style, fixedpoint(value, width, decimals).c_str(), end);
+  const auto cell = [&](const std::string& value, const char* end) {
+    report("<td align=right valign=bottom %s>%s</td>%s\n", style, value.c_str(), end);
   };
   if (run.report.html) {
-    cell(test.estimate, 13, 6, "");
-    cell(test.error, 10, 6, "");
-    cell(test.t, 8, 3, "");
-    cell(test.p, 5, 3, "</tr>");
+    cell(legible(test.estimate, 13, 6), "");
+    cell(legible(test.error, 10, 6), "");
+    cell(fixedpoint(test.t, 8, 3), "");
+    cell(fixedpoint(test.p, 5, 3), "</tr>");
     return;
   }
-  report("%s %s %s  %s\n", fixedpoint(test.estimate, 13, 6).c_str(), fixedpoint(test.error, 10, 5).c_str(),
+  report("%s %s %s  %s\n", legible(test.estimate, 13, 6).c_str(), legible(test.error, 10, 5).c_str(),
          fixedpoint(test.t, 8, 3).c_str(), fixedpoint(test.p, 5, 3).c_str());
 }
 
@@ -159,8 +168,8 @@ void comparisonrows(const LatentRegression& regression, std::size_t row, bool la
       report("<tr><td %s>%s</td>\n<td %s>%s</td>\n", style, k == 0 ? outcomecell(name).c_str() : "&nbsp;", style,
              term.c_str());
       for (const double value : {regression.GO[i], regression.Gadj[i], difference})
-        report("<td align=right valign=bottom %s>%s</td>\n", style, fixedpoint(value, 11, 5).c_str());
-      report("<td align=right valign=bottom %s>%s</td></tr>\n", style, fixedpoint(error, 10, 5).c_str());
+        report("<td align=right valign=bottom %s>%s</td>\n", style, legible(value, 11, 5).c_str());
+      report("<td align=right valign=bottom %s>%s</td></tr>\n", style, legible(error, 10, 5).c_str());
       continue;
     }
     if (k == 0) {
@@ -168,9 +177,9 @@ void comparisonrows(const LatentRegression& regression, std::size_t row, bool la
     } else {
       report("%22s", "");
     }
-    report("  %s%s %s %s  %s\n", term.c_str(), fixedpoint(regression.GO[i], 11, 5).c_str(),
-           fixedpoint(regression.Gadj[i], 11, 5).c_str(), fixedpoint(difference, 11, 5).c_str(),
-           fixedpoint(error, 10, 5).c_str());
+    report("  %s%s %s %s  %s\n", term.c_str(), legible(regression.GO[i], 11, 5).c_str(),
+           legible(regression.Gadj[i], 11, 5).c_str(), legible(difference, 11, 5).c_str(),
+           legible(error, 10, 5).c_str());
   }
 }
 
@@ -192,7 +201,7 @@ void residualcovariance(const LatentRegression& regression) {
     report2("\t", "&nbsp;&nbsp;&nbsp;&nbsp;");
     report2("%s/%s,%s%s%s", "%s/%s,%s<sub><small><i>%s</i></small></sub>&nbsp;&nbsp;%s", name.variable1.c_str(),
             name.variable2.c_str(), run.sym.sym2.c_str(), name.digits.c_str(), category.c_str());
-    for (std::size_t j = 0; j < nO; ++j) report(" %s", fixedpoint(regression.R[i * nO + j], 12, 5).c_str());
+    for (std::size_t j = 0; j < nO; ++j) report(" %s", legible(regression.R[i * nO + j], 12, 5).c_str());
     reportbreak();
   }
 }
@@ -201,7 +210,7 @@ void residualcovariance(const LatentRegression& regression) {
 
 void latentreport(const LatentRegression& regression, const std::string& whose) {
   if (!regression.computable) {
-    reportline("Unable to compute latent variable regression.");
+    reportline("%s", nolatentregression);
     return;
   }
   report2("\n\nLatent Variable Regression Results\n\n", "<h4>Latent Variable Regression Results</h4>");

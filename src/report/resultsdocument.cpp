@@ -177,6 +177,14 @@ void documentengine(const EngineStage& stage) {
   if (wanted()) addengine(collected.document, subject(), stage, run.control.agqfixed);
 }
 
+void documentlatent(const PassResults& results, const LatentRegression& regression) {
+  if (wanted()) addlatent(collected.document, subject(), results, regression);
+}
+
+void documentlatent(const Pooled& averages, const LatentRegression& regression) {
+  if (wanted()) addlatent(collected.document, subject(), averages, regression);
+}
+
 void documentbootstrap(const char* phase, const BootstrapResults& results) {
   if (wanted()) addbootstrap(collected.document, subject(), phase, results);
 }

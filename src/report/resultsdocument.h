@@ -28,6 +28,9 @@ void documentaverages(const Pooled& pooled, std::span<const int> failed);
 // What is known behind a phase: of the macro iterations, and of an engine that has ended.
 void documentmacroend(const MacroEvent& event);
 void documentengine(const EngineStage& stage);
+// The latent variable regression of the results of a pass, or of the averages.
+void documentlatent(const PassResults& results, const LatentRegression& regression);
+void documentlatent(const Pooled& averages, const LatentRegression& regression);
 // Of the phase of that name.
 void documentbootstrap(const char* phase, const BootstrapResults& results);
 // Which records were analysed, and how a formula made the columns of the model.

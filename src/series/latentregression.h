@@ -63,6 +63,9 @@ struct LatentRegression {
   std::vector<LatentTest> differences;    // [nO nW], of G_O - G_adj
 };
 
+// What is said where it is not computable.
+inline constexpr const char* nolatentregression = "Unable to compute latent variable regression.";
+
 // Changes no estimate.
 [[nodiscard]] LatentRegression latentregression(const LatentModel& model, const LatentEstimates& estimates);
 

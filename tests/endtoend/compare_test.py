@@ -232,6 +232,17 @@ class Tests:
         gain = 2 * (pupils.phase["log_likelihood"] - schools.phase["log_likelihood"])
         self.check(made.get("df") == 1 and abs(made["chi_square"] - gain) < 1e-9 and made["notes"] == [] and abs(
             made["mixture_p"] / stats.chi2.sf(gain, 1) - 0.5) < 1e-9, f"levels two and three: {made}")
+        # A predictor whose values were changed between the runs, of pupils in one model and of records in the other
+        rows = list(csv.DictReader(io.StringIO(self.place.read("growth.csv"))))
+        rows[3]["ses"] = "9.25"
+        self.place.write("changed.csv", "\n".join([",".join(rows[0])] + [",".join(row.values()) for row in rows]) + "\n")
+        for more, sentence in (((), "; AIC and BIC compare them"), (("-reml",), "; their AIC and BIC do not compare them, either")):
+            for name, formula, file in (("first", "score ~ ses + (1 | school/pupil)", "growth.csv"), ("second", "score ~ year + ses + (1 | school/pupil)", "changed.csv"),
+                                        ("third", "score ~ ses + (year | school/pupil)", "changed.csv")):
+                self.place.run("-fit", formula, file, "-o", name, *more)
+            _, notes = self.values(["first", "third" if more else "second"])
+            self.check(any("ses has other values in one than in the other" + sentence in note for note in notes), f"a changed predictor: {notes}")
+        self.check(not any("ses has other values" in note for note in self.values(["third", "second"])[1]), "the same predictor")
         made, notes = self.values(["ml_one", "ml_three"])
         self.check(made["Likelihood-ratio test", "mixture_p", "ml_three against ml_one"], "one variance more beside fixed effects")
         self.check(sum("seen by their numbers alone" in note for note in notes) <= 1, f"{notes}")

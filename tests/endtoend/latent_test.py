@@ -1,8 +1,10 @@
 """Latent variable regression of the built program: coefficients, standard errors and tests against the delta method by
 numerical differentiation, from the variance-covariance files of the same run; on simulated data with a known structure.
+The results document against the same, to more digits.
 
     latent_test.py <program>
 """
+import json
 import math
 import random
 import re
@@ -29,6 +31,7 @@ PRINTVARIANCE-COVARIANCE:Y
 FULLOUTPUT:N
 {options}TITLE:Latent variables
 OUTPUT:{output}
+RESULTS:out.json
 """ + NOFILES
 UNITS = 250
 # B00 = 1 + 0.5 W + u0, B01 = 0.8 + 0.4 V + u1, B10 = 0.3 + 0.2 W + u2 with u2 = 0.6 u0 - 0.4 u1 + e
@@ -37,11 +40,11 @@ ADJUSTED = {"INTRCPT3": 0.3 - 0.6 * 1.0 + 0.4 * 0.8, "W": 0.2 - 0.6 * 0.5, "V": 
 
 
 class Place(Workplace):
-    def mdm(self, k=0):
+    def mdm(self, k=0, level3="(A4,3F10.4)"):
         """Makes latent.mdm of data set k: the outcomes YBERN and YORD are drawn anew in each."""
         self.write("latent.mdmt", template(
             "latent.mdm", (f"l1_{k}.dat", "l2.dat", "l3.dat"),
-            ("(A4,1X,A6,4F10.4,2F3.0)", "(A4,1X,A6,1F10.4)", "(A4,3F10.4)"),
+            ("(A4,1X,A6,4F10.4,2F3.0)", "(A4,1X,A6,1F10.4)", level3),
             (["Y", "X", "Y2", "Y3", "YBERN", "YORD"], ["Z"], ["W", "V", "SIZE"])))
         assert self.run("-r", "latent.mdmt").returncode == 0
 
@@ -117,8 +120,8 @@ def pooled(singles):
         covariance=whole([s.covariance for s in singles], [s.gamma for s in singles]))
 
 
-def compare(check, name, text, single, roles, equations=EQUATIONS):
-    """The regression in a report against that of a single run's estimates, or of averaged ones."""
+def compare(check, name, text, document, single, roles, equations=EQUATIONS):
+    """The regression in a report and in a results document against that of a single run's estimates, or of averaged ones."""
     r, firstbeta = 3, 3
     outcomes = [i for i in range(r) if roles[i] == "O"]
     predictors = [i for i in range(r) if roles[i] == "P"]
@@ -181,6 +184,30 @@ def compare(check, name, text, single, roles, equations=EQUATIONS):
             R = single.taubeta[o][other] - sum(x * single.taubeta[other][p] for x, p in zip(b[i], predictors))
             near(f"residual covariance {i} {j}", rows[i].split()[-len(outcomes) + j], R, 6e-6)
     check(df > 200, name)
+
+    (latent,) = [phase["latent_regression"] for phase in document["phases"] if "latent_regression" in phase]
+    close = lambda what, got, want: check(got is not None and abs(got - want) <= 2e-5 * max(abs(want), 1e-2),
+                                          f"{name}: {what} of the document is {got}, expected {want}")
+    names = [f"B{row['subscript']}" for row in latent["outcomes"]]
+    check(names == [NAMES[o] for o in outcomes] and latent["df"] == df, f"{name}: document: {names}, {latent['df']}")
+    for i, outcome in enumerate(latent["outcomes"]):
+        check([row["level3"] for row in outcome["terms"]] == terms, f"{name}: document: {outcome['terms']}")
+        check([f"B{row['subscript']}" for row in outcome["predictors"]] == [NAMES[p] for p in predictors], name)
+        rows = [(row, adjusted[i][w], erradj[i * len(terms) + w]) for w, row in enumerate(outcome["terms"])] + \
+            [(row, b[i][k], errb[i * len(predictors) + k]) for k, row in enumerate(outcome["predictors"])]
+        for row, value, error in rows:
+            close("estimate", row["estimate"], value)
+            close("error", row["standard_error"], error)
+            check((row["t"] is None) == (error == 0.0), f"{name}: {row}")
+            if error != 0.0:
+                close("t", row["t"], value / error)
+        for w, row in enumerate(outcome["terms"]):
+            close("original", row["original"], G[i][w])
+            close("difference", row["difference"], G[i][w] - adjusted[i][w])
+            close("its error", row["difference_standard_error"], errdiff[i * len(terms) + w])
+        for j, other in enumerate(outcomes):
+            R = single.taubeta[outcomes[i]][other] - sum(x * single.taubeta[other][p] for x, p in zip(b[i], predictors))
+            close("residual covariance", latent["residual_covariance"][i][j], R)
     return estimates
 
 
@@ -203,11 +230,13 @@ if __name__ == "__main__":
         check(done.returncode == code, f"{name}: {done.stdout[-500:]}")
         return done
 
+    document = lambda file: json.loads(place.read(file))
+
     def single(name, roles, equations=EQUATIONS, **settings):
         """A run, its regression compared, and what it left."""
         run(name, roles, **settings)
         left = rubin.Single(place.folder, "out.txt")
-        return left, compare(check, name, place.read("out.txt"), left, roles, equations)
+        return left, compare(check, name, place.read("out.txt"), document("out.json"), left, roles, equations)
 
     # what it was made with comes back; of the other outcomes the scale differs, and the intercept by 1
     for name, settings, shift in (("linear", linear, 0), ("bernoulli", bernoulli, 1), ("ordinal", ordinal, 1)):
@@ -243,8 +272,9 @@ if __name__ == "__main__":
     singles = [single(value, "PPO", outcome=value + "=INTRCPT1+X") for value in values]
     run("plausible values", "PPO", outcome="Y=INTRCPT1+X", options="PLAUSVALS:" + ",".join(values) + "\n")
     for k, (left, _) in enumerate(singles):
-        compare(check, f"plausible value {k + 1}", place.read(f"out.{k + 1}"), left, "PPO")
-    compare(check, "averages of plausible values", place.read("out.avg"), pooled([left for left, _ in singles]), "PPO")
+        compare(check, f"plausible value {k + 1}", place.read(f"out.{k + 1}"), document(f"out_{k + 1}.json"), left, "PPO")
+    compare(check, "averages of plausible values", place.read("out.avg"), document("out.json"),
+            pooled([left for left, _ in singles]), "PPO")
     for name, settings in (("bernoulli", dict(bernoulli, **quick)), ("ordinal", dict(ordinal, **quick))):
         singles = []
         for k in range(3):
@@ -253,8 +283,19 @@ if __name__ == "__main__":
         for k in range(3):
             place.mdm(k)
             run(f"{name}, data set {k}", "OPP", (f"-mi{k}", *(["-e"] if k == 2 else [])), **settings)
-            compare(check, f"{name}, data set {k}", place.read(f"out.{k + 1}"), singles[k], "OPP")
-        compare(check, f"{name}, averages", place.read("out.avg"), pooled(singles), "OPP")
+            compare(check, f"{name}, data set {k}", place.read(f"out.{k + 1}"), document(f"out_{k + 1}.json"), singles[k], "OPP")
+        compare(check, f"{name}, averages", place.read("out.avg"), document("out.json"), pooled(singles), "OPP")
+
+    # the unit of a level-3 variable is told by its numbers alone: its rows have as many digits in any
+    _, plain = single("unit of one", "PPO")
+    place.write("l3.dat", "".join(row[:4] + "%14.4f" % (1e6 * float(row[4:14])) + row[14:] for row in place.read("l3.dat").splitlines(True)))
+    place.mdm(0, "(A4,1F14.4,2F10.4)")
+    run("unit of a million", "PPO")
+    table = {label: (float(estimate), float(error), t, p) for label, estimate, error, t, p in ROW.findall(place.read("out.txt"))}
+    for label, (value, error) in plain.items():
+        unit = 1e6 if label == "W" else 1.0
+        for what, got, want in (("estimate", table[label][0], value), ("error", table[label][1], error)):
+            check(abs(got * unit / want - 1) < 1e-3, f"{label} in millions: {what} {got}, {want} in ones")
 
     # before the report there is nothing to regress on, or nothing to regress
     for roles in ("OOI", "PPI"):

@@ -54,7 +54,7 @@ class Model:
                     continue
                 self.calls += [f"level3 {place} {v or '-'} {LETTER[behind]}" for v, behind in level3]
                 place += 1
-        self.lines += ["LEVEL1DELETION:NONE"] + ([] if two else ["LVR-BETA:N"]) + keywords.split()
+        self.lines += ["LEVEL1DELETION:NONE"] + ([] if two or "LVR-BETA" in keywords else ["LVR-BETA:N"]) + keywords.split()
         if "CONSTRAIN" not in keywords:
             self.lines += ["CONSTRAIN:N"]
         self.lines += ["HYPOTH:N", "TITLE:", "OUTPUT:out.txt", "RESULTS:out.json", "RESFILTYPE:FREEFORMAT", "RESFIL1:N",
@@ -67,8 +67,8 @@ CHAIN = "MACROIT:60,N MICROIT:200"
 SETCHAIN = ["set MACROIT 60", "set MICROIT 200"]
 MODELS = {
     "linear": Model("X1", 0, INTERCEPTS, keywords=LINEAR, calls=["set NUMIT 300"]),
-    "slopes": Model("YPOIS", 0, SLOPES, keywords=LINEAR + " FISHERTYPE:1 GAMMA1:0,0,1,0,0 GAMMA1:0,0,0,1,0 GAMMA2:1,0,0,-1,0",
-                    calls=["set NUMIT 300", "set FISHERTYPE 1", "hypothesis 2 5 0 0 1 0 0 0 0 0 1 0", "hypothesis 1 5 1 0 0 -1 0"]),
+    "slopes": Model("YPOIS", 0, SLOPES, keywords=LINEAR + " FISHERTYPE:1 GAMMA1:0,0,1,0,0 GAMMA1:0,0,0,1,0 GAMMA2:1,0,0,-1,0 LVR-BETA:O,P",
+                    calls=["set NUMIT 300", "latent op", "set FISHERTYPE 1", "hypothesis 2 5 0 0 1 0 0 0 0 0 1 0", "hypothesis 1 5 1 0 0 -1 0"]),
     "constrained": Model("YPOIS", 0, SLOPES, keywords=LINEAR + " CONSTRAIN:0,1,0,1,0 GAMMA1:1,0,0,-1,0",
                          calls=["set NUMIT 300", "constrain 5 0 1 0 1 0", "hypothesis 1 5 1 0 0 -1 0"]),
     "restricted": Model("YPOIS", 0, SLOPES, keywords=LINEAR + " ESTTAU2:E,0.1,E CONTAU3:1,3",

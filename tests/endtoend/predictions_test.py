@@ -326,12 +326,19 @@ def documents(check, place):
     table(place, "other.csv", data[::-1], COLUMNS)
     table(place, "altered.csv", [dict(data[0], score=float(data[0]["score"]) + 1)] + data[1:], COLUMNS)
     table(place, "moved.csv", [dict(data[0], school="S02")] + data[1:], COLUMNS)
-    hashes = []
+    table(place, "predictor.csv", [dict(data[0], year=float(data[0]["year"]) + 1)] + data[1:], COLUMNS)
+    hashes, variables = [], []
     for formula, name in (("score ~ year + (1 | school)", "data"), ("score ~ ses + (year | school/pupil)", "data"), ("score ~ 1 + (1 | school)", "other"),
-                          ("score ~ year + (1 | school)", "altered"), ("score ~ year + (1 | school)", "moved")):
+                          ("score ~ year + (1 | school)", "altered"), ("score ~ year + (1 | school)", "moved"),
+                          ("score ~ center(year, school) + ses + tutoring + (1 | school/pupil)", "other"), ("score ~ year + ses + (1 | school)", "predictor")):
         done = place.run("-fit", formula, f"{name}.csv", "-o", "h")
-        hashes.append(json.loads(place.read("h.json"))["records_hash"] if done.returncode == 0 else done.stdout)
-    check(hashes[0] == hashes[1] == hashes[2] and len({*hashes}) == 3, f"records_hash: {hashes}")
+        document = json.loads(place.read("h.json")) if done.returncode == 0 else {"records_hash": done.stdout, "variable_hashes": []}
+        hashes.append(document["records_hash"])
+        variables.append({row["name"].lower(): row["hash"] for row in document["variable_hashes"]})
+    check(hashes[0] == hashes[1] == hashes[2] == hashes[5] == hashes[6] and len({*hashes}) == 3, f"records_hash: {hashes}")
+    # of a variable at level 1 or 2, centered or not, in any order of the records; one value changed
+    check(variables[0]["year"] == variables[1]["year"] != variables[6]["year"] and variables[2] == {}, f"year: {variables}")
+    check(variables[1]["ses"] == variables[5]["ses"] == variables[6]["ses"] and len({*variables[5].values()}) == len(variables[5]), f"ses: {variables}")
 
 
 def commandfile(check, place):

@@ -97,6 +97,7 @@ int main() {
       const char *one = words.name(), *two = words.name(), *three = words.name(), *known = words.name();
       check(kdr3_model_weights(model, one, two, three, known));
     }
+    if (call == "latent") check(kdr3_model_latent(model, words.name()));
     if (call == "constrain") {
       const auto count = static_cast<std::size_t>(words.whole());
       check(kdr3_model_constrain(model, count, words.list<int>(count).data()));

@@ -114,9 +114,9 @@ def disagreement(document):
     return None
 
 
-# What version 4 has added where a member was required, by the place of its owner, and what it would be in version 3.
+# What versions 4 and 5 have added where a member was required, by the place of its owner, and what it would be in version 3.
 OLDEST = 3
-ADDED = (((), "records_hash", None), ((), "coding", None), (("phases",), "covariance", None), (("phases",), "robust_covariance", None),
+ADDED = (((), "records_hash", None), ((), "variable_hashes", None), ((), "coding", None), (("phases",), "covariance", None), (("phases",), "robust_covariance", None),
          (("checksums",), "phase", None), (("model", "weights"), "scale", "mean"))
 
 

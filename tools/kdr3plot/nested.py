@@ -92,9 +92,24 @@ def weightsof(document):
             if weights[f"level{level}"]}, weights["known_variance"], weights.get("scale")
 
 
+def changed(a, b):
+    """Variables that both models name and whose values are not the same in both, though the records are: a predictor or a known
+    variance was changed between the runs. A variable of one level may be one of another level in the other data file."""
+    if None in (a.document.get("records_hash"), b.document.get("records_hash")):
+        return []
+    one, other = ({(row["level"], wholename(column.document, row["level"], row["name"])): row["hash"]
+                   for row in column.document.get("variable_hashes") or ()} for column in (a, b))
+    found = set()
+    for (level, name), digits in one.items():
+        same = [(level, name)] if (level, name) in other else [key for key in other if key[1] == name and key not in one]
+        if same and all(other[key] != digits for key in same):
+            found.add(name)
+    return sorted(found)
+
+
 def otherdata(a, b):
     """Why the two models rest on other data: a sentence, or None."""
-    one, other = a.document, b.document
+    one, other, columns = a.document, b.document, (a, b)
     if one["model"]["outcome"] != other["model"]["outcome"] or a.outcome != b.outcome:
         return f"the outcomes differ ({a.outcome} and {b.outcome})"
     x, y = one.get("records_hash"), other.get("records_hash")
@@ -112,6 +127,8 @@ def otherdata(a, b):
                       ("count_variable", "trials or exposures"), ("sigma2_held_at", "held level-1 variances")):
         if one["model"][key] != other["model"][key]:
             return f"their {what} differ"
+    if wholename(one, 1, one["model"]["weights"]["known_variance"]) in changed(*columns):
+        return "their known variances have other values"
     return "their weights differ" if weightsof(one) != weightsof(other) else None
 
 
@@ -173,12 +190,16 @@ def compared(a, b):
     why = otherdata(a, b)
     if why:
         return {"why": why, "criteria": False, "notes": []}
+    other = changed(a, b)
+    differ = f"{', '.join(other)} {'has' if len(other) == 1 else 'have'} other values in one than in the other"
+    notes = [differ + "."] if other else []
     why = nolikelihood(a, b)
     if why:
         comparable = "failed its check" not in why and None not in (a.phase["aic"], b.phase["aic"])
         return {"why": why, "criteria": comparable and "kinds" not in why and "restricted" not in why and "weighted" not in why,
-                "notes": []}
-    notes = []
+                "notes": notes}
+    if other:
+        return {"why": differ, "criteria": not a.phase.get("likelihood"), "notes": []}
     if None in (a.document.get("records_hash"), b.document.get("records_hash")):
         notes.append("That both rest on the same records is seen by their numbers alone; a document of an earlier version, without "
                      "records_hash, does not tell.")

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <bit>
 #include <cmath>
+#include <set>
 #include <string>
 #include <utility>
 
@@ -84,15 +85,37 @@ std::uint64_t idhash(const MdmData& mdm, int level, const Id& id) {
   return hash.value();
 }
 
-// The records of the unit at hand into the hash.
+// The variables that a changed value of makes another model of: those of the equations, and a known variance.
+std::vector<VariableHash> hashedvariables(const Model& model) {
+  std::set<std::pair<int, int>> used;
+  const ModelRows rows = modelrows(model);
+  for (const CoefficientRow& row : rows.coefficients)
+    if (!row.threshold) used.emplace(1, row.variable);
+  for (const TermRow& row : rows.terms) used.emplace(2, row.variable);
+  for (const EffectRow& row : rows.effects) used.emplace(3, row.variable);
+  used.emplace(1, model.autovknown);
+  std::vector<VariableHash> list;
+  for (const auto& [level, variable] : used)
+    if (variable != 0) list.push_back({level, variable});
+  return list;
+}
+
+// With h_i of record i, made of its unit, outcome and trials or exposure: sum_i h_i, and of each variable with value
+// x_i sum_i mixed(h_i ^ mixed(x_i)). So no order of the records matters, and a value that moves to another record does.
 void hashrecords(RecordUnits& units) {
+  if (!units.hashed) return;
   const RecordLayout& layout = units.layout;
+  const MdmData& mdm = units.analysis->mdm;
+  const auto take = [](double value) { return std::bit_cast<std::uint64_t>(value + 0.0); };  // -0 is 0
+  const Array<double>& third = mdm.observed3.empty() ? mdm.level3 : mdm.observed3;
+  const double* levels[] = {nullptr, units.unit.level2.data(), third.data() + at(units.k) * at(mdm.nvar3)};
   for (int i = 0; i < units.unit.nj; ++i) {
-    const double* values = units.unit.records.data() + at(i) * at(layout.width);
-    const auto take = [](double value) { return std::bit_cast<std::uint64_t>(value + 0.0); };  // -0 is 0
+    const double* values = levels[0] = units.unit.records.data() + at(i) * at(layout.width);
     std::uint64_t bits = mixed(units.unithash ^ mixed(take(values[layout.observed])));
     if (layout.count >= 0) bits = mixed(bits ^ take(values[layout.count]));
     units.hash.sum += bits;
+    for (VariableHash& of : units.hash.variables)
+      of.sum += mixed(bits ^ mixed(take(levels[of.level - 1][of.variable - 1])));
   }
 }
 
@@ -206,6 +229,8 @@ void startrecords(RecordUnits& units, const Analysis& analysis) {
   units.x.reset(units.layout.column.size() + 1);
   for (const Centering mark : model.center2) units.group2 = units.group2 || mark == Centering::groupmean;
   units.reader.observer = &analysis.observer;
+  units.hashed = static_cast<bool>(analysis.observer.recordsread);
+  if (units.hashed) units.hash.variables = hashedvariables(model);
   startunits(units.reader, mdm, mdm.stream, mdm.firstblock, mdm.nvar1, mdm.nvar2, true);
 }
 

@@ -60,6 +60,7 @@ struct RecordUnits {
   Id current{};
   int k = -1;
   std::size_t records = 0;     // of the units before the one at hand
+  bool hashed = false;         // somebody wants the hash
   RecordsHash hash;            // of the records so far
   std::uint64_t unithash = 0;  // of the ID of the highest level at hand
   Array<double> mean2;         // [nvar2] means of the level-2 variables over the level-3 unit
