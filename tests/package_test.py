@@ -45,6 +45,9 @@ with tempfile.TemporaryDirectory() as place:
     names = output("nm", "-D", "--defined-only", str(libraries / "libkdr3.so"))
     foreign = [name for name in re.findall(r" [A-Z] (\S+)", names) if not name.startswith(("kdr3_", "KDR3_1"))]
     assert not foreign, f"the library shows {foreign}"
+    header = (ROOT / "include/kdr3/kdr3.h").read_text()
+    lacking = set(re.findall(r"(?m)^KDR3_PUBLIC [^(]*?(kdr3_\w+)\(", header)) - set(re.findall(r" T (\w+)", names))
+    assert not lacking, f"the header declares what the library lacks: {lacking}"
     # That for Python, beside it.
     python, = Path(place).glob("python3-kdr3_*.deb")
     output("dpkg-deb", "-x", str(python), place + "/python")

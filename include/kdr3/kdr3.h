@@ -329,6 +329,12 @@ typedef enum { KDR3_JSON, KDR3_CSV } kdr3_form;
  * table. Valid as long as the result. */
 KDR3_PUBLIC const char* kdr3_result_document(const kdr3_result* result, kdr3_form form);
 
+/* The robust standard errors of the elements of tau(pi) [p * p] and tau(beta) [b * b], by the sandwich of the level-3
+ * units' scores (of two levels, of the level-2 units'). Laplace-6 and quadrature have them; NaN of other models, and
+ * where they can't be computed. With design weights the errors of kdr3_result_variances are the same. */
+KDR3_PUBLIC kdr3_status kdr3_result_robustvariances(const kdr3_result* result, double* taupierrors,
+                                                    double* taubetaerrors);
+
 /* Warnings, from 0; null behind the last. Valid as long as the result. */
 KDR3_PUBLIC const char* kdr3_result_warning(const kdr3_result* result, size_t i);
 

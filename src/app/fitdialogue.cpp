@@ -23,12 +23,33 @@ namespace {
 bool binomial(const FitRequest& request) { return sameword(request.family, "binomial"); }
 bool poisson(const FitRequest& request) { return sameword(request.family, "poisson"); }
 
-// A question: where its answer goes, and when it is asked.
+using Answer = const std::string&;
+
+// Columns with commas between them, of one level after the other. What stands behind the third is no column.
+void takeweights(FitRequest& request, Answer answer) {
+  const std::vector<std::string> columns = split(answer, ',');
+  for (std::size_t level = 0; level < std::size(request.weights); ++level)
+    request.weights[level] = level < columns.size() ? std::string(trimmed(columns[level])) : std::string();
+}
+
+std::string knownfamily(Answer family) {
+  constexpr const char* words[] = {"gaussian", "binomial", "poisson", "ordinal", "multinomial"};
+  const bool known = family.empty() || std::any_of(std::begin(words), std::end(words),
+                                                   [&](const char* word) { return sameword(family, word); });
+  return known ? std::string() : formatted(" There is no family %s.\n", printable(family).c_str());
+}
+
+std::string threecolumns(Answer columns) {
+  return split(columns, ',').size() <= 3 ? "" : " Weights are those of three levels at most.\n";
+}
+
+// A question: what its answer does, why it is none, and when it is asked.
 struct FitQuestion {
   const char* prompt;
   const char* help;
-  std::string FitRequest::*answer;
-  bool (*asked)(const FitRequest& request);
+  void (*take)(FitRequest& request, Answer answer);
+  bool (*asked)(const FitRequest& request) = [](const FitRequest&) { return true; };
+  std::string (*refused)(Answer answer) = [](Answer) { return std::string(); };
 };
 
 constexpr FitQuestion questions[] = {
@@ -36,19 +57,27 @@ constexpr FitQuestion questions[] = {
      "outcome ~ fixed effects + (random effects | units), as in score ~ year*sex + (year | school/pupil) for pupils "
      "in\n"
      "schools, or score ~ year + (1 | school) for two levels.\n",
-     &FitRequest::formula, [](const FitRequest&) { return true; }},
-    {"Family (gaussian, binomial, poisson, ordinal, multinomial; an empty line for gaussian): ",
-     "The distribution of the outcome: gaussian is the normal one, binomial for 0 and 1 or a number of successes,\n"
-     "poisson for counts, ordinal and multinomial for categories.\n",
-     &FitRequest::family, [](const FitRequest&) { return true; }},
+     [](FitRequest& request, Answer answer) { request.formula = answer; }},
+    {.prompt = "Family (gaussian, binomial, poisson, ordinal, multinomial; an empty line for gaussian): ",
+     .help =
+         "The distribution of the outcome: gaussian is the normal one, binomial for 0 and 1 or a number of successes,\n"
+         "poisson for counts, ordinal and multinomial for categories.\n",
+     .take = [](FitRequest& request, Answer answer) { request.family = answer; },
+     .refused = knownfamily},
     {"Column of the trials (an empty line for none): ",
-     "Where the outcome is a number of successes, the column with the number of trials.\n", &FitRequest::trials,
-     binomial},
+     "Where the outcome is a number of successes, the column with the number of trials.\n",
+     [](FitRequest& request, Answer answer) { request.trials = answer; }, binomial},
     {"Column of the exposure (an empty line for none): ", "The time, area or number that a count comes from.\n",
-     &FitRequest::exposure, poisson},
+     [](FitRequest& request, Answer answer) { request.exposure = answer; }, poisson},
+    {.prompt = "Columns of design weights, level 1 first, with commas between (an empty line for none): ",
+     .help = "w1,w2,w3 are weights of records, level-2 and level-3 units; ,w2 those of level-2 units alone. A column "
+             "whose\n"
+             "name has a comma in it is named by -weights1, -weights2 or -weights3.\n",
+     .take = takeweights,
+     .refused = threecolumns},
     {"Name of the files, without an extension (an empty line for that of the data): ",
-     "NAME.mdm, NAME.kdr, NAME.txt and NAME.json are written.\n", &FitRequest::stem,
-     [](const FitRequest&) { return true; }},
+     "NAME.mdm, NAME.kdr, NAME.txt and NAME.json are written.\n",
+     [](FitRequest& request, Answer answer) { request.stem = answer; }},
 };
 constexpr std::size_t count = std::size(questions);
 
@@ -60,12 +89,6 @@ void tellcolumns(const std::string& file) {
   forgetraw();
   std::printf("\nThe columns of %s: %s\nAn answer of < goes back to the question before, ? tells more.\n\n",
               printable(file).c_str(), printable(list).c_str());
-}
-
-bool knownfamily(const std::string& family) {
-  constexpr const char* words[] = {"gaussian", "binomial", "poisson", "ordinal", "multinomial"};
-  return family.empty() ||
-         std::any_of(std::begin(words), std::end(words), [&](const char* word) { return sameword(family, word); });
 }
 
 // All questions from the first one on. False when its answer is empty.
@@ -82,13 +105,13 @@ bool ask(FitRequest& request) {
       continue;
     }
     if (at == 0 && answer.empty()) return false;
-    if (question.answer == &FitRequest::family && !knownfamily(answer)) {
-      std::printf(" There is no family %s.\n", printable(answer).c_str());
+    if (const std::string words = question.refused(answer); !words.empty()) {
+      std::printf("%s", words.c_str());
       if (++wrong == maxtries) noproperresponse();
       continue;
     }
-    request.*question.answer = answer;
-    for (++at; at < count && !asked(at); ++at) (request.*questions[at].answer).clear();
+    question.take(request, answer);
+    for (++at; at < count && !asked(at); ++at) questions[at].take(request, "");
   }
   return true;
 }

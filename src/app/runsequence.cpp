@@ -403,6 +403,15 @@ void tellfiles() {
   endrun();
 }
 
+// After a refusal of what -fit had not looked at: MDM file and command file stand, perhaps beside older results.
+void tellfit() {
+  const std::string stem = run.files.mdmfile.substr(0, extensionplace(run.files.mdmfile));
+  std::printf("Without results: %s.mdm and %s.kdr were made", printable(stem).c_str(), printable(stem).c_str());
+  for (const char* extension : {".txt", ".json"})
+    if (fileexists(stem + extension)) std::printf(", %s%s is of an earlier run", printable(stem).c_str(), extension);
+  std::printf(".\n");
+}
+
 }  // namespace
 
 void runjob(int argc, char** argv) {
@@ -431,7 +440,10 @@ void runjob(int argc, char** argv) {
     }
   }
   if (rawjob) constructionjob();
-  if (fit) documentcoding(fit->coding);
+  if (fit) {
+    stophooks.tellfit = tellfit;
+    documentcoding(fit->coding);
+  }
   startpredictions(fit ? &*fit : nullptr);
 
   if (run.series.mimode && run.series.mifirst) refuseinput(storename);
@@ -441,6 +453,7 @@ void runjob(int argc, char** argv) {
     const CategoryTable table =
         run.model.outcome.categorical() ? categoriesofrun(analysisofrun(runobserver(), nullptr)) : CategoryTable{};
     openresults();
+    stophooks.tellfit = nullptr;
     const PassResults results = estimate(table);
     if (run.model.outcome.single()) listnonlinearfiles();
     latentvariables(results);

@@ -15,6 +15,7 @@
 #include "driver/failures.h"
 #include "driver/oddities.h"
 #include "driver/runrecord.h"
+#include "driver/warnings.h"
 
 namespace kdr {
 
@@ -114,7 +115,11 @@ void readgraph(CommandReader&, const std::string& value) {
 }
 
 void readresults(CommandReader&, const std::string& value) {
-  if (!run.files.resultsgiven) setpath(run.files.results, value);
+  if (!run.files.resultsgiven) {
+    setpath(run.files.results, value);
+  } else if (!value.empty() && value != run.files.results) {
+    warn("RESULTS:" + value + " has no effect: -results names " + run.files.results + ".");
+  }
 }
 
 void readpopavit(CommandReader&, const std::string& value) {

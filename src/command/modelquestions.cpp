@@ -47,6 +47,36 @@ void askquadrature() {
   if (iter.agqauto) iter.agqpoints = 1;
 }
 
+// Design weights, of a run that takes them.
+void askweights() {
+  Model& model = run.model;
+  if (model.wgtvar1 != 0 || model.wgtvar2 != 0 || model.wgtvar3 != 0) return;
+  if (run.control.laplace || run.control.agqfixed) return;
+  if (!askyesno("Do you want to use design weights?")) return;
+  const struct {
+    int& weight;
+    int nvar;
+    const Array<Name>& names;
+  } levels[] = {{model.wgtvar1, run.mdm.nvar1, run.mdm.names1},
+                {model.wgtvar2, run.mdm.nvar2, run.mdm.names2},
+                {model.wgtvar3, run.mdm.nvar3, run.mdm.names3}};
+  int number = 0;
+  for (const auto& level : levels) {
+    ++number;
+    if (level.nvar == 0) continue;
+    showchoices(formatted("Which level-%d variable is a weight?", number).c_str(), level.nvar, level.names, 0);
+    level.weight =
+        askvariable(formatted("Level-%d weight? (Enter 0 for none)", number).c_str(), 0, level.nvar, level.names);
+  }
+  const bool one = model.wgtvar1 != 0, two = model.wgtvar2 != 0, three = model.wgtvar3 != 0;
+  if (model.rawweights || !(one || two || three)) return;
+  model.rawweights = one && three && !two;
+  if (model.rawweights)
+    std::printf("Weights of levels 1 and 3 without those of level 2 are taken as they stand.\n");
+  else
+    model.rawweights = !askyesno("Are they to be brought to means of 1 (no: taken as they stand)?");
+}
+
 void asknonlinear() {
   if (run.answered.nonlin || run.answered.level1) return;
   if (!askyesno("Do you want to do a non-linear analysis?")) return;
@@ -76,6 +106,7 @@ void asknonlinear() {
     iter.laplaceit = asknumber("Enter maximum number of Laplace macro iterations", 1, 100000);
   }
   askquadrature();
+  askweights();
   if (variancekeeper(kind, iter) != nullptr) kind.restrictions.fixsigma2 = 1.0;
 }
 

@@ -87,6 +87,9 @@ std::string printablelines(std::string_view text) {
 using Step = void (*)(int code);
 constexpr Step steps[] = {
     [](int code) {
+      if (code != 0 && stophooks.tellfit != nullptr) stophooks.tellfit();
+    },
+    [](int code) {
       if (code != 0) closefailedreport();
     },
     [](int) {

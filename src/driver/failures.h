@@ -34,6 +34,7 @@ inline constexpr int unconvergedcode = 20;
 struct StopHooks {
   void (*closelog)(int code) = nullptr;     // keeps or discards the log of a construction
   void (*closeseries)(int code) = nullptr;  // marks or pools the series of a multiple-imputation data set
+  void (*tellfit)() = nullptr;              // at a failure: what -fit has made, as long as there is no report
 };
 extern StopHooks stophooks;
 

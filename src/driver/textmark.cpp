@@ -5,14 +5,18 @@
 
 namespace kdr {
 
-bool isutf16(std::string_view head) {
-  head = head.substr(0, 2);
-  return head == "\xFF\xFE" || head == "\xFE\xFF" || head.find('\0') != head.npos;
+const char* widecharacters(std::string_view head) {
+  using namespace std::string_view_literals;
+  const bool first = head.starts_with("\0\0"sv), last = head.substr(1).starts_with("\0\0\0"sv);
+  if (first || last || head.starts_with("\xFF\xFE\0\0"sv)) return "four bytes each (UTF-32)";
+  const std::string_view two = head.substr(0, 2);
+  const bool wide = two == "\xFF\xFE" || two == "\xFE\xFF" || two.find('\0') != two.npos;
+  return wide ? "two bytes each (UTF-16)" : nullptr;
 }
 
 void dropmark(std::string& line, const std::string& path) {
-  if (isutf16(line))
-    stopwith("The characters of %s have two bytes each (UTF-16). Save it as UTF-8.\n", printable(path).c_str());
+  if (const char* wide = widecharacters(line))
+    stopwith("The characters of %s have %s. Save it as UTF-8.\n", printable(path).c_str(), wide);
   if (line.starts_with(bytemark)) line.erase(0, bytemark.size());
 }
 

@@ -84,6 +84,14 @@ kdr3_status kdr3_result_variances(const kdr3_result* result, double* taupi, doub
   return KDR3_OK;
 }
 
+kdr3_status kdr3_result_robustvariances(const kdr3_result* result, double* taupierrors, double* taubetaerrors) {
+  if (result == nullptr) return error("The result is missing.");
+  const TauErrors& robust = result->results.robusterrors;
+  put(robust.taupi, square(result->p), taupierrors);
+  put(robust.taubeta, square(result->b), taubetaerrors);
+  return KDR3_OK;
+}
+
 kdr3_status kdr3_result_effects(const kdr3_result* result, double* level2, double* level3) {
   if (result == nullptr) return error("The result is missing.");
   if (result->posteriors.u.empty()) return error(noposteriors);

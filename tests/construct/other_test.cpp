@@ -375,6 +375,10 @@ TEST_F(Delimited, Tables) {
       {"\n \t\t\t\na;b\n1;2\n", "0 a:1:1 b:1:1\n[1][2]\n"},
       {"\xFF\xFE" + std::string("a\0", 2), "0\nits characters have two bytes each (UTF-16); save it as UTF-8"},
       {std::string("a\0,\0", 4), "0\nits characters have two bytes each (UTF-16); save it as UTF-8"},
+      {std::string("\xFF\xFE\0\0a\0\0\0", 8), "0\nits characters have four bytes each (UTF-32); save it as UTF-8"},
+      {std::string("\0\0\xFE\xFF\0\0\0a", 8), "0\nits characters have four bytes each (UTF-32); save it as UTF-8"},
+      {std::string("a\0\0\0", 4), "0\nits characters have four bytes each (UTF-32); save it as UTF-8"},
+      {std::string("\0a", 2), "0\nits characters have two bytes each (UTF-16); save it as UTF-8"},
       // Decimal commas: in the whole file or not at all.
       {"a;b;c\n1,5;2;-,25\n;3;1,5e2\n", "0 a:1:3 b:1:1 c:1:5\n[1.5][2][-0.25]\n[.][3][150]\n"},
       {"a\tb\n1,5\tx\n", "0 a:1:3 b:2:1\n[1.5][x]\n"},

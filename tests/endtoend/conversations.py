@@ -152,6 +152,9 @@ COUNTED = OPENING + [
     ("Do you want to do a non-linear analysis? ", "y"), ("type of analysis: ", "2"),
     ("Enter maximum number of macro iterations: ", "50"), ("Enter maximum number of micro iterations: ", "20"),
     ("Do you wish to allow over-dispersion at level 1? ", "n"), ("Do you want to do adaptive quadrature? ", "n"),
+    ("Do you want to use design weights? ", "y"), ("Level-1 weight? (Enter 0 for none) ", "0"),
+    ("Level-2 weight? (Enter 0 for none) ", "schsize"), ("Level-3 weight? (Enter 0 for none) ", "0"),
+    ("Are they to be brought to means of 1 (no: taken as they stand)? ", "y"),
     ("What is the outcome variable: ", "1"), ("level-1 predictor? (Enter 0 to end) ", "0"),
     ("\nFor the non-linear analysis, which variable indicates the number of trials? ", "3"),
 ]
@@ -159,6 +162,7 @@ CATEGORIES = OPENING + [
     ("Do you want to do a non-linear analysis? ", "y"), ("type of analysis: ", "6"),
     ("Enter maximum number of macro iterations: ", "50"), ("Enter maximum number of micro iterations: ", "20"),
     ("Do you want to do adaptive quadrature? ", "y"), ("Enter maximum number of quadrature iterations ", "30"), ("Points? ", "1"),
+    ("Do you want to use design weights? ", "n"),
     ("What is the outcome variable: ", "1"), ("How many categories does SCORE have? ", "11"),
 ]
 RESIDUALFILES = MODEL[:MODEL.index(RESIDUALS[0])] + [

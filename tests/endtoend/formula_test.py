@@ -224,6 +224,11 @@ def refusals(folder):
     taken = [round(fit(folder, f"{y} ~ ses + {plus} (1 | school/pupil)", "wrong.csv", stem="w")[2]["phases"][-1]["log_likelihood"], 9)
              for y, plus in (("I(score - 2 * year - ses)", ""), ("score", "offset(2 * year) + offset(ses) +"))]
     c.equal("an offset comes off a normal outcome", *taken)
+    # a keyword that the run refuses, when MDM file and command file stand already: beside the report of the run before, and of none
+    late = lambda stem: run(PROGRAM, folder, "-fit", "score ~ year + (1 | school/pupil)", "wrong.csv", "-o", stem, "-keyword", "AGQ:Y,5,5")
+    c.equal("refused late", late("w"), (100, late("none")[1].replace("none.mdm and none.kdr were made", "w.mdm and w.kdr were made, w.txt is of "
+            "an earlier run, w.json is of an earlier run")))
+    c(late("none")[1].endswith("Without results: none.mdm and none.kdr were made.\n"), late("none")[1])
     os.rename(f"{folder}/wrong.csv", f"{folder}/wrong.txt")  # the report would be wrong.txt
     code, text = run(PROGRAM, folder, "-fit", "score ~ 1 + (1 | school/pupil)", "wrong.txt")
     c(code == 100 and "place of the data" in text, text)

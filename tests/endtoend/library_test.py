@@ -1,9 +1,10 @@
 """The library against the program: the same model by the C header and by a command file gives the same results document,
-and the random effects that the program writes into its residual files.
+the random effects that the program writes into its residual files, and the robust errors of its document.
 
     library_test.py <program>
 """
 import json
+import math
 import os
 import pathlib
 import subprocess
@@ -103,14 +104,14 @@ MODELS = {
 
 
 def library(client, folder, model):
-    """The results document, and the rows of means and covariances of each level."""
+    """The results document, the rows of means and covariances of each level, and the robust errors of each tau."""
     done = subprocess.run([client], cwd=folder, input="\n".join(["open " + model.mdm, *model.calls, "fit"]) + "\n",
                           capture_output=True, text=True, timeout=300)
     text, _, rest = done.stdout.partition("\n}\n")
     if done.returncode != 0:
         raise ValueError(done.stdout + done.stderr)
     rows = {level: [[float(x) for x in line.split()[1:]] for line in rest.splitlines() if line.startswith(level)]
-            for level in ("level2", "level3")}
+            for level in ("level2", "level3", "tau_pi", "tau_beta")}
     return json.loads(text + "}"), rows
 
 
@@ -130,6 +131,12 @@ def compare(check, name, program, client, folder):
             check(one == two, f"{name}: {member} {one['phase'] if member == 'phases' else one} differs in {different}")
         if member == "phases":
             check.equal(f"{name}: phases", len(found[member]), len(want[member]))
+    # Robust errors of the variances: those of the last engine, else none.
+    for tau in ("tau_pi", "tau_beta"):
+        printed = [phase[tau]["robust_standard_error"] for phase in found["phases"] if phase[tau] and "robust_standard_error" in phase[tau]]
+        numbers = [x for row in printed[-1] or [] for x in row] if printed else []
+        check(all(math.isnan(x) for x in rows[tau][0]) if not numbers else rows[tau] == [numbers], f"{name}: robust {tau}: {rows[tau]} beside {printed}")
+        check(bool(numbers) == ("quadrature" in name or name == "laplace") or not rows[tau][0], f"{name}: robust {tau} {printed}")
     # Posterior means EB... and the lower triangle of the covariances PV... of the residual files, to their digits.
     check(model.mdm != "two.mdm" or not rows["level3"], f"{name}: level 3")
     for level, file in (("level2", "resfil2.dat"), ("level3", "resfil3.dat"))[:1 if model.mdm == "two.mdm" else 2]:

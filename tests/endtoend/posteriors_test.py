@@ -177,6 +177,16 @@ def comparecategories(case, unit, one, files, probabilities, tolerance):
     same("fitted", [part(files[1], row, "FITVAL") for row in rows], probabilities)
     reached = unit.y[:, None] <= [0, 1] if unit.outcome == "ordinal" else unit.y[:, None] == [0, 1]
     same("residuals", [part(files[1], row, "L1RES") for row in rows], reached - probabilities)
+    same("link", [part(files[1], row, "ETA") for row in rows], linkof(unit.outcome, probabilities))
+    same("Pearson", [part(files[1], row, "PEARS") for row in rows], pearson(reached, probabilities))
+
+
+def linkof(outcome, probabilities):
+    return np.log(probabilities / (1 - probabilities if outcome == "ordinal" else 1 - probabilities.sum(1, keepdims=True)))
+
+
+def pearson(reached, probabilities):
+    return (reached - probabilities) / np.sqrt(probabilities * (1 - probabilities))
 
 
 def categoryunit(case, k, rows, gamma):
@@ -298,6 +308,17 @@ rows = np.array([row[2:8] for row in files[1].rows], float)
 mu, y = 1 / (1 + np.exp(-rows[:, 1])), oracle.data("bernoulli21")[:, 2]
 check(np.allclose(rows[:, 3:], np.stack([mu, y - mu, (y - mu) / np.sqrt(mu * (1 - mu))], 1), atol=1e-5), "the response of PQL")
 check("The residual files have the random effects of quasi-likelihood (PQL)." in report, "who is not told")
+for case in ("ordinal21", "multinomial22"):
+    make(case)
+    report = run(case, "AGQ:Y,100,198\n")[1]
+    check("random effects of quasi-likelihood (PQL)." in report, f"{case}: who is not told")
+    table = tables()[1]
+    check(table.names[2:11] == [head + c for head in ("L1RES_", "FITVAL_") for c in "12"] + ["SIGMA", "ETA_1", "ETA_2", "PEARS_1", "PEARS_2"],
+          f"columns {table.names}")
+    rows = np.array([row[2:11] for row in table.rows], float)
+    fitted, reached = rows[:, 2:4], np.rint(rows[:, :2] + rows[:, 2:4])
+    check(np.allclose(rows[:, 5:7], linkof(case[:-2], fitted), atol=1e-3), f"{case}: link of PQL")
+    check(np.allclose(rows[:, 7:9], pearson(reached, fitted), atol=1e-3), f"{case}: Pearson residuals of PQL")
 # What the dialogue asks where a command file leaves it open.
 asked = [line for line in commands("bernoulli21", "AGQ:Y,100,5\n").splitlines() if not line.startswith(("RESFIL2", "RESFIL3", "OUTPUT"))]
 work.write("run.kdr", "\n".join(asked) + "\n")

@@ -320,7 +320,9 @@ def series(check, place):
     place.write("pv.kdr", model(outcome="SC1", predictors="FEMALE+GC1", plausvals="PLAUSVALS:SC1,SC2,SC3\n",
                                 output="pv.txt") + "RESULTS:never.json\n")
     done = place.run("-results", "pv.json", "pv.mdm", "pv.kdr")
-    check(done.returncode == 0 and not place.exists("never.json"), "plausible values: -results does not win")
+    told = "RESULTS:never.json has no effect: -results names pv.json."
+    check(done.returncode == 0 and not place.exists("never.json") and done.stdout.count(told) == 1 and told in " ".join(place.read("pv.1").split())
+          and told in json.loads(place.read("pv_1.json"))["warnings"], "plausible values: -results does not win, or silently")
     for k in range(1, 4):
         r = report.read(place.folder / f"pv.{k}")
         one, phases = document(check, place, f"pv_{k}.json", converged=r.stopped == "converged")

@@ -181,7 +181,7 @@ def badanswers():
     special.update({q: ("1001", "", 100) for q, _ in CREATION if "Input number" in q})
     special.update({q: ("1000000001", "", 100) for q, _ in CODES if "Enter the value for missing" in q})
     special.update({q: ("-1000001", "", 100) for q, _ in HYPOTHESES if "contrast value" in q})
-    variables = ("outcome variable:", "predictor? (", "variable? (", "which variable indicates")
+    variables = ("outcome variable:", "predictor? (", "variable? (", "weight? (", "which variable indicates")
     for question, _ in MODEL + COUNTED + RESIDUALFILES:
         if any(word in question for word in variables):
             special[question] = ("x", " There is no variable x.\n", 100)

@@ -425,20 +425,21 @@ def dialogue(folder):
     run(PROGRAM, folder, "-fit", formula, "growth.csv", "-o", "d")
     want = [open(f"{folder}/d{x}", "rb").read() for x in (".mdm", ".kdr")]
     for what, answers, words in (
-            ("straight", (formula, "", "d"), ("growth.csv",)),
-            ("wrong first", ("score ~ yeer + (1 | school)", "", "d", formula, "gaussian", "d"), ("growth.csv",)),
-            ("back", ("score ~ ses + (1 | school)", "<", formula, "gamma", "binomial", "<", "", "x", ), ("growth.csv",)),
-            ("by its name", ("growth.csv", formula, "", "d"), ())):
-        if what == "back":  # from the trials to the family, from the family to the formula
-            answers = ("score ~ ses + (1 | school)", "<", formula, "gamma", "binomial", "<", "", "d")
+            ("straight", (formula, "", "", "d"), ("growth.csv",)),
+            ("wrong first", ("score ~ yeer + (1 | school)", "", "", "d", formula, "gaussian", "", "d"), ("growth.csv",)),
+            # from the trials to the family, from the family to the formula, from the name to the weights
+            ("back", ("score ~ ses + (1 | school)", "<", formula, "gamma", "binomial", "<", "", "hours", "<", "", "d"), ("growth.csv",)),
+            ("by its name", ("growth.csv", formula, "", "", "d"), ())):
         code, said = talk(*answers, words=words)
         c.equal(f"{what}: code", code if code == 0 else said[-500:], 0)
         if code == 0:
             c.equal(what, [open(f"{folder}/d{x}", "rb").read() == y for x, y in zip((".mdm", ".kdr"), want)], [True, True])
         c(what != "wrong first" or "no column yeer. Is year meant?" in said, said[:400])
         c("The columns of growth.csv: school, pupil, year" in said, said[:300])
-    code, said = talk("passed ~ year + (1 | school)", "binomial", "", "d")
+    code, said = talk("passed ~ year + (1 | school)", "binomial", "", "", "d")
     c("The event of passed is yes." in said and code == 0, said[-300:])
+    code, said = talk(formula, "", "hours,,,", " hours,", "d")
+    c(code == 0 and "Weights are those of three levels at most." in said and "\nLEVEL1WEIGHT:HOURS\n" in open(f"{folder}/d.kdr").read(), said[-500:])
     # the questions about a model of an MDM file of two levels: none is about a third one; 1 is no centering of level 2
     code, said = talk("n", "SCORE", "YEAR", "0", "n", "n", "SES", "0", "0", "n", "n", "n", "y", "1", "2", "n", "0", "0", "y", "n", "y", "y", "n", "y",
                       "y", "0", "1", "n", "n", "n", "n", "500", "", "q.txt", words=("p.mdm",))

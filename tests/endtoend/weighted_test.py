@@ -7,6 +7,7 @@ import json
 import math
 import pathlib
 import random
+import subprocess
 import sys
 import tempfile
 
@@ -18,7 +19,7 @@ KINDS = {"bernoulli": "BERNOULLI", "binomial": "BINOMIAL,N", "poisson": "POISSON
 
 def fit(file, levels, *keywords, units=12, weight=None):
     """Console, report and phases of a run, and of the run of its newcmd.kdr; weights as the reference makes them."""
-    folder = pathlib.Path(tempfile.mkdtemp())
+    folder = fit.folder = pathlib.Path(tempfile.mkdtemp())
     lines = [line.split() for line in (REFERENCE / "quadrature" / (file + ".dat")).read_text().splitlines()]
     rows = [(int(k), int(j), *map(float, (y, n, x))) for k, j, y, n, x, *_ in lines if int(k) < units]
     a, b, c = (lambda i: 0.5 + 0.25 * (i % 5)), (lambda j: 0.5 + 0.5 * (j % 3)), (lambda k: 0.6 + 0.4 * (k % 4))
@@ -107,6 +108,18 @@ for family in rows:
         check.near(f"two levels, {family} {engine}", weighted["marginal_log_likelihood"], wanted["marginal_log_likelihood"], 1e-6)
         for a, b in zip(weighted["fixed_effects"], wanted["fixed_effects"]):
             check.near(f"two levels, {family} {engine}", a["estimate"], b["estimate"], 2e-3 * b["model_based"]["standard_error"])
+
+# The dialogue asks for them: its run is that of the command file with these weights, and newcmd.kdr repeats it.
+for levels, weights, keywords in (((1, 3), "A0C", ["WEIGHTSCALE:NONE"]), ((1, 2, 3), "ABCy", []), ((2,), "0B0n", ["WEIGHTSCALE:NONE"])):
+    *_, phases = fit("bernoulli11", levels, "AGQ:Y,100,5", *keywords)
+    (fit.folder / "d.kdr").write_text("TITLE:d\nOUTPUT:d.txt\nRESULTS:d.json\n" + NOFILES + NOFEATURES)
+    answers = ["y", "1", "100", "200", "n", "n", "y", "100", "5", "y", *weights, *"YX0nn00nnyny00yny00"]
+    for command, given in (("d.kdr", "\n".join(answers) + "\n"), ("newcmd.kdr", "")):
+        done = subprocess.run([program, "-q", "s.mdm", command], cwd=fit.folder, input=given, capture_output=True, text=True)
+        check(done.returncode == 0, f"dialogue with weights {weights}, {command}: code {done.returncode} {done.stdout[-900:]}")
+        made = {p["phase"]: p for p in json.loads((fit.folder / "d.json").read_text())["phases"]}
+        check([made["quadrature"][key] for key in ("fixed_effects", "tau_pi")] == [phases["quadrature"][key] for key in ("fixed_effects", "tau_pi")],
+              f"dialogue with weights {weights}, {command}: another model")
 
 # Too few units: none without weights; the only ones that there are with them, and not without a word.
 code, said, text, phases = fit("bernoulli11", (), "AGQ:Y,100,5", "LAPLACE:Y,50", units=4)

@@ -1,10 +1,12 @@
 // A client of the C header that does what its standard input says, a call a line, and prints the results document, and
-// behind it, a line for each unit, posterior means and covariances. For tests/endtoend/library_test.py.
+// behind it, a line for each unit, posterior means and covariances, and the robust errors of tau(pi) and tau(beta). For
+// tests/endtoend/library_test.py.
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "kdr3/kdr3.h"
@@ -62,6 +64,13 @@ void print(const kdr3_result* result) {
   check(kdr3_result_effectvariances(result, uu.data(), vv.data()));
   printunits("level2", summary.units2, p, u, uu);
   printunits("level3", summary.units3, b, v, vv);
+  std::vector<double> pi(p * p), beta(b * b);
+  check(kdr3_result_robustvariances(result, pi.data(), beta.data()));
+  for (const auto& [name, errors] : {std::pair{"tau_pi", &pi}, {"tau_beta", &beta}}) {
+    std::printf("%s", name);
+    for (const double error : *errors) std::printf(" %.17g", error);
+    std::printf("\n");
+  }
 }
 
 }  // namespace

@@ -366,8 +366,8 @@ bool csvdictionary(StFile& file) {
     return false;
   }
   startover(*state, Purpose::count);
-  if (isutf16({state->buffer.data(), state->have})) {
-    file.trouble = "its characters have two bytes each (UTF-16); save it as UTF-8";
+  if (const char* wide = widecharacters({state->buffer.data(), state->have})) {
+    file.trouble = formatted("its characters have %s; save it as UTF-8", wide);
     return false;
   }
   skipforeword(*state);

@@ -80,23 +80,33 @@ std::string categoryprefix(int set) {
 }
 std::string setprefix(int set) { return multinomialrun() ? number(set + 1) : std::string(); }
 
-// Whether the level-1 file has columns on the scale of the outcome: in runs whose files may be an engine's.
-bool withresponse() { return run.model.outcome.single() && residualsofengine(); }
+// Whether the level-1 file has what only runs with engines have: on the scale of the outcome, with categories on that
+// of the link, and Pearson residuals.
+bool withresponse() { return !run.model.outcome.linear() && residualsofengine(); }
 
 void addfit(WantedList& list) {
   const auto add = [&](const std::string& text, const std::string& shortname) {
     list.push_back({ColumnGroup::fit, static_cast<int>(list.size()), 0, text, shortname, {}, {}});
   };
-  if (!run.model.outcome.categorical()) {
+  const auto each = [&](const std::string& text, const std::string& shortname) {
+    for (int c = 1; c < run.model.outcome.categories; ++c) add(text + number(c), shortname + number(c));
+  };
+  const bool categorical = run.model.outcome.categorical();
+  if (!categorical) {
     add("L1RESID", "L1RESID");
     add("FITVAL", "FITVAL");
   } else {
-    for (int c = 1; c < run.model.outcome.categories; ++c) add("L1RES_" + number(c), "L1RES_" + number(c));
-    for (int c = 1; c < run.model.outcome.categories; ++c) add("FITVAL_" + number(c), "FITVAL" + number(c));
+    each("L1RES_", "L1RES_");
+    each("FITVAL_", "FITVAL");
   }
   add("SIGMA", "SIGMA");
-  if (withresponse())
+  if (!withresponse()) return;
+  if (!categorical) {
     for (const char* name : {"FITMU", "RAWRES", "PEARSON"}) add(name, name);
+  } else {
+    each("ETA_", "ETA_");
+    each("PEARS_", "PEARS_");
+  }
 }
 
 void addchosen(WantedList& list, int level, const Array<int>& variables, int n) {

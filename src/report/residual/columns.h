@@ -16,7 +16,7 @@ namespace kdr {
 // record, which is the last column.
 enum class ColumnGroup {
   fit,     // level 1: residuals and fitted values, one each or one for each category but the last, and SIGMA; in runs
-           // with engines those on the scale of the outcome, too
+           // with engines those on the scale of the outcome, too, with categories those on the scale of the link
   EB,      // empirical Bayes residuals
   OL,      // least-squares residuals
   FV,      // fitted values of the coefficients
@@ -41,7 +41,7 @@ struct ResidualColumn {
 
 struct ResidualColumns {
   int level = 0;
-  bool response = false;              // level 1: with fitted values and residuals on the scale of the outcome
+  bool response = false;              // level 1: with the columns of runs with engines
   bool withid3 = true;                // the rows bear the ID of level 3: not in data of two levels
   bool textid[2] = {};                // of level 3 and level 2: its IDs are texts
   std::size_t idwidth[2] = {12, 12};  // bytes of the longest one of them, 12 or more

@@ -84,7 +84,7 @@ void takegroups(RowSources& from, const Groups& groups) {
 struct FitValues {
   const ResidualSource& of;
   const UnitResults& results;  // of the unit at hand
-  bool response;               // with those on the scale of the outcome
+  bool response;               // with the columns of runs with engines
   double sigma;
   std::vector<int> rows = {};  // of categories: the response of each level-1 coefficient, -1: all
   std::size_t record = 0;      // of the data set
@@ -92,6 +92,7 @@ struct FitValues {
   std::vector<double> values = {};
 
   [[nodiscard]] double predictor(const Values& row) const;
+  void predictors(const Values& row);
   void one(const Values& row);
   void categories(const Values& row);
   void take(const Values& row);
@@ -100,7 +101,7 @@ struct FitValues {
 FitValues makefitvalues(const ResidualSource& of, const UnitResults& results, bool response) {
   FitValues made{of, results, response, of.engine != nullptr ? 1.0 : std::sqrt(of.pass.est.sigma2)};
   const std::size_t M = at(of.layout.responses);
-  if (M > 0 && of.engine != nullptr) made.rows = responserows(*of.pass.analysis);
+  if (M > 0) made.rows = responserows(*of.pass.analysis);
   made.eta.reset(M);
   made.p.reset(M);
   return made;
@@ -134,16 +135,41 @@ void FitValues::one(const Values& row) {
   values = {residual, fitted, sigma, n * link.mu, raw, raw / std::sqrt(variance)};
 }
 
-// Every residual, every fitted probability and sigma. Those of quasi-likelihood stand in the record.
+// The linear predictor of every response.
+void FitValues::predictors(const Values& row) {
+  double common = 0.0;
+  eta.fill(0.0);
+  for (std::size_t c = 0; c < rows.size(); ++c)
+    (rows[c] < 0 ? common : eta[rows[c]]) += results.level2.EC[c] * entryof(of.layout, row, c);
+  for (double& x : eta) x += common;
+}
+
+// The Pearson residual (y - p) / sqrt(p (1 - p)) of an indicator y of 1 or 0, by the logit t of p: exp(-t/2) or
+// -exp(t/2). There is no 1 - p in it, which would be 0 for a p near 1.
+double indicatorresidual(double indicator, double t) {
+  return indicator != 0.0 ? std::exp(-0.5 * t) : -std::exp(0.5 * t);
+}
+
+// The logit of the probability of response c: of an ordinal record eta_c, of a multinomial one
+//   log p_c - log sum_d!=c p_d = eta_c - log(1 + sum_d!=c exp(eta_d)).
+double responselogit(const Outcome& outcome, const Array<double>& eta, std::size_t c) {
+  if (outcome.ordinal()) return eta[c];
+  double largest = 0.0;
+  for (std::size_t d = 0; d < eta.size(); ++d)
+    if (d != c) largest = std::max(largest, eta[d]);
+  double others = std::exp(-largest);
+  for (std::size_t d = 0; d < eta.size(); ++d)
+    if (d != c) others += std::exp(eta[d] - largest);
+  return eta[c] - largest - std::log(others);
+}
+
+// Every residual, every fitted probability and sigma; then every linear predictor and every Pearson residual. The
+// probabilities of quasi-likelihood stand in the record.
 void FitValues::categories(const Values& row) {
   const std::size_t M = at(of.layout.responses);
   const double *indicator = row.data(), *probability = indicator + M;
+  if (response || of.engine != nullptr) predictors(row);
   if (of.engine != nullptr) {
-    double common = 0.0;
-    eta.fill(0.0);
-    for (std::size_t c = 0; c < rows.size(); ++c)
-      (rows[c] < 0 ? common : eta[rows[c]]) += results.level2.EC[c] * entryof(of.layout, row, c);
-    for (double& x : eta) x += common;
     responseprobabilities(run.model.outcome, eta.data(), static_cast<int>(M), p.data());
     probability = p.data();
   }
@@ -151,6 +177,10 @@ void FitValues::categories(const Values& row) {
   for (std::size_t c = 0; c < M; ++c) values.push_back(indicator[c] - probability[c]);
   values.insert(values.end(), probability, probability + M);
   values.push_back(sigma);
+  if (!response) return;
+  values.insert(values.end(), eta.begin(), eta.end());
+  for (std::size_t c = 0; c < M; ++c)
+    values.push_back(indicatorresidual(indicator[c], responselogit(run.model.outcome, eta, c)));
 }
 
 void FitValues::take(const Values& row) {
@@ -211,6 +241,21 @@ void writelevel1(const ResidualSource& of) {
   closeresidualfile(writer.file);
 }
 
+// The sweep over the store of a pass, its level-3 values in `results`: begin(k) and end(k) around the units of level-3
+// unit k, use(k, unit, hot, cold) for each of them.
+template <class Begin, class Use, class End>
+void eachstoredunit(const ResidualSource& of, double missing, UnitResults& results, Begin begin, Use use, End end) {
+  Pass& pass = of.pass;
+  sweepunits(
+      pass.n2of,
+      [&](int k) {
+        level3results(pass, k, missing, results);
+        begin(k);
+      },
+      use, end, reading(pass.store.hot), reading(pass.store.cold));
+  stopif(storefailure(pass.store));
+}
+
 // The files of levels 2 and 3, in one sweep: over the store of a pass, with an engine over the file of the records.
 void writeunitfiles(const ResidualSource& of) {
   Pass& pass = of.pass;
@@ -247,20 +292,15 @@ void writeunitfiles(const ResidualSource& of) {
         },
         end);
   } else {
-    sweepunits(
-        pass.n2of,
-        [&](int k) {
-          level3results(pass, k, missing, results);
-          begin(k);
-        },
+    eachstoredunit(
+        of, missing, results, begin,
         [&](int k, std::size_t unit, const double* hot, const double* cold) {
           if (!want2 || cold[0] == 0.0) return;
           level2coefficients(pass, unit, hot, cold, results);
           level2residuals(pass, k, hot, cold, missing, results);
           unitrow(getid(pass.store, cold), static_cast<int>(cold[0]), cold + pass.store.atlevel2);
         },
-        end, reading(pass.store.hot), reading(pass.store.cold));
-    stopif(storefailure(pass.store));
+        end);
   }
   if (want2) closeresidualfile(writer2.file);
   if (want3) closeresidualfile(writer3.file);
@@ -300,19 +340,14 @@ void eachunit(const ResidualSource& of, double missing, UnitResults& results, co
     }
     return;
   }
-  sweepunits(
-      pass.n2of,
-      [&](int k) {
-        level3results(pass, k, missing, results);
-        begin(k);
-      },
+  eachstoredunit(
+      of, missing, results, begin,
       [&](int k, std::size_t unit, const double* hot, const double* cold) {
         if (!next()) return;
         level2coefficients(pass, unit, hot, cold, results);
         use(k, block);
       },
-      end, reading(pass.store.hot), reading(pass.store.cold));
-  stopif(storefailure(pass.store));
+      end);
 }
 
 void eachfittedunit(const ResidualSource& of, const std::function<void(int, const UnitBlock&, const double*)>& use) {
