@@ -10,7 +10,6 @@ import html.parser
 import io
 import json
 import math
-import os
 import re
 import shutil
 import sys
@@ -19,10 +18,10 @@ import docx
 from scipy import stats
 
 sys.dont_write_bytecode = True
+from plotting import kdr3plot
 from program import REFERENCE, ROOT, Checks, Workplace
 
-sys.path.insert(0, str(ROOT / "tools"))
-from kdr3plot import command, compare, digits, document, nested
+from kdr3plot import compare, digits, document, nested
 
 NESTED = "score ~ year + ses + tutoring + (1 | school/pupil)"
 SLOPES = "score ~ year + ses + tutoring + (1 | school) + (year | school:pupil)"
@@ -68,16 +67,7 @@ class Tests:
         self.known = [line.split("\t")[:-1] for line in (REFERENCE / "comparisons.out").read_text().splitlines()]
 
     def plot(self, *words):
-        told, before = io.StringIO(), os.getcwd()
-        os.chdir(self.folder)
-        try:
-            with contextlib.redirect_stderr(told):
-                code = command.main(list(words))
-        except SystemExit as end:
-            code = end.code
-        finally:
-            os.chdir(before)
-        return code, told.getvalue()
+        return kdr3plot(self.folder, *words)
 
     def compare(self, names, ending, *more):
         code, told = self.plot("--compare", *(name + ".json" for name in names), "-o", "made" + ending, *more)

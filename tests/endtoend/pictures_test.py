@@ -3,11 +3,8 @@ the engine, groups of records, margins against their table, profiles against the
 
     pictures_test.py <program>
 """
-import contextlib
 import csv
-import io
 import json
-import os
 import statistics
 import sys
 
@@ -15,10 +12,10 @@ import numpy
 from scipy import special, stats
 
 sys.dont_write_bytecode = True
-from program import ROOT, Checks, Workplace
+from plotting import kdr3plot
+from program import Checks, Workplace
 
-sys.path.insert(0, str(ROOT / "tools"))
-from kdr3plot import checks, command, files, pictures, predicted, simulated
+from kdr3plot import checks, files, pictures, predicted, simulated
 from kdr3plot.document import choosephase
 
 FILES = ("RESFIL1:Y/X", "RESFIL2:Y", "RESFIL3:Y", "RESFILTYPE:FREEFORMAT")
@@ -62,15 +59,7 @@ class Tests:
         return files.Run(str(self.folder / "m.json"))
 
     def plot(self, *words):
-        told, before = io.StringIO(), os.getcwd()
-        os.chdir(self.folder)
-        try:
-            with contextlib.redirect_stderr(told):
-                return command.main(list(words)), told.getvalue()
-        except SystemExit as end:
-            return end.code, told.getvalue()
-        finally:
-            os.chdir(before)
+        return kdr3plot(self.folder, *words)
 
     @staticmethod
     def ps(run):

@@ -3,9 +3,7 @@ PNG and SVG, the page, and what it refuses.
 
     plot_test.py <program>
 """
-import contextlib
 import html.parser
-import io
 import json
 import os
 import re
@@ -18,10 +16,10 @@ from scipy import stats
 
 sys.dont_write_bytecode = True
 import residualfiles
+from plotting import kdr3plot
 from program import ROOT, Checks, Workplace
 
-sys.path.insert(0, str(ROOT / "tools"))
-from kdr3plot import command, files, pictures, values
+from kdr3plot import files, pictures, values
 from kdr3plot.document import choosephase
 
 FILES = dict(RESFIL1="Y/GCSECNT", RESFIL2="Y", RESFIL3="Y", GRAPHGAMMAS="graph.bin")
@@ -71,18 +69,7 @@ class Tests:
         assert done.returncode == 0, done.stdout + done.stderr
 
     def plot(self, *words):
-        """Exit code and standard error of a call inside this process."""
-        told = io.StringIO()
-        before = os.getcwd()
-        os.chdir(self.folder)
-        try:
-            with contextlib.redirect_stderr(told):
-                code = command.main(list(words))
-        except SystemExit as end:
-            code = end.code
-        finally:
-            os.chdir(before)
-        return code, told.getvalue()
+        return kdr3plot(self.folder, *words)
 
     def drawn(self, figure, place, panel=0):
         """Coordinates of a line of a panel, without the gaps between intervals."""

@@ -16,6 +16,7 @@ import oracle_test
 import pqlcompare as pql
 import report
 import residualfiles
+from formulamodels import blocks, compare, effects, fixed, key, lastphase, line, numbers
 from program import NOFEATURES, REFERENCE, Checks, body, finish, run
 
 sys.path.append(str(REFERENCE))
@@ -84,23 +85,6 @@ def untold(c, text, commands, document):
         c.equal("words of level 3", [w for w in phase["warnings"] if THIRD.search(w)], [])
 
 
-def blocks(kind):
-    entries, taken = [], False
-    for line in (REFERENCE / "twolevel.out").read_text().splitlines():
-        words = line.split("\t")
-        if not line.startswith(" "):
-            taken = words[0].startswith(kind + " ")
-            if taken:
-                entries.append((words[0].split()[1], words[1], words[2].split(), []))
-        elif taken:
-            entries[-1][3].append([word.strip() for word in words])
-    return entries
-
-
-def numbers(text):
-    return [float(x) for x in text.split()]
-
-
 def fitted(c, folder, formula, data, *words):
     code, said = run(PROGRAM, folder, "-fit", formula, str(DATA / f"{data}.csv"), "-o", "f", *words)
     if code != 0:
@@ -110,20 +94,6 @@ def fitted(c, folder, formula, data, *words):
     untold(c, open(f"{folder}/f.txt").read(), open(f"{folder}/f.kdr").read(), document)
     c(not re.search(r"level[- ]3", said), f"{formula}: the console says {said!r}")
     return document
-
-
-def effects(document, phase):
-    """Fixed effects by the sorted names of their factors."""
-    whole = {(row["level"], row["name"]): row["whole_name"] for row in document["variables"]}
-    found = {}
-    for row in phase["fixed_effects"]:
-        parts = [whole[level, row[f"level{level}"]] for level in (1, 2, 3) if row[f"level{level}"] and not row[f"level{level}"].startswith("INTRCPT")]
-        found[tuple(sorted(re.split(r":(?![^()]*\))", ":".join(parts) or "(Intercept)")))] = row
-    return found
-
-
-def keyed(name):
-    return tuple(sorted(re.split(r":(?![^()]*\))", name)))
 
 
 def variances(c, what, phase, rows, room):
@@ -143,57 +113,41 @@ def variances(c, what, phase, rows, room):
 def models(folder):
     """lmer by maximum likelihood; glmer with 11 and 25 points, and the Laplace approximation."""
     c = Checks("models")
-    for data, formula, options, rows in blocks("fit"):
+    for data, formula, options, rows in blocks("twolevel.out", "fit"):
         document = fitted(c, folder, formula, data, *options)
         if document is None:
             continue
         what, engine = f"{data}: {formula} {' '.join(options)}", bool(options)
-        phase = {p["phase"]: p for p in document["phases"]}["quadrature" if engine else "final"]
-        values = {keyed(w[0]): numbers(w[1]) for w in rows if len(w) == 2 and w[0] not in ("residual", "deviance", "covariances")}
-        got = effects(document, phase)
-        c.equal(f"effects of {what}", sorted(got), sorted(values))
-        for name, (b, se) in values.items():
-            if name in got:
-                c.near(f"{what}: {name}", got[name]["estimate"], b, 5e-3 * se)
-                c.near(f"{what}: SE of {name}", got[name]["model_based"]["standard_error"], se, 0, 0.02 if engine else 5e-3)
-        residual = next((numbers(w[1])[0] for w in rows if w[0] == "residual"), 1.0)
-        variances(c, what, phase, rows, 2e-3 * residual)
-        if not engine:
-            c.near(f"{what}: residual", phase["sigma2"]["estimate"], residual, 0, 2e-3)
-        deviance, n = next(numbers(w[1]) for w in rows if w[0] == "deviance")
-        c.near(f"{what}: deviance", -2 * (phase["marginal_log_likelihood"] if engine else phase["log_likelihood"]), deviance, 5e-3)
-        c.equal(f"{what}: records", document["dimensions"]["records"], int(n))
+        residual = compare(c, what, document, rows, engine)
+        variances(c, what, lastphase(document), rows, 2e-3 * residual)
     return c
 
 
 def small(folder):
     """REML with Satterthwaite's and Kenward and Roger's degrees of freedom; cluster-robust errors, bias-reduced ones too."""
     c = Checks("small samples")
-    for data, formula, _, rows in blocks("restricted"):
+    for data, formula, _, rows in blocks("twolevel.out", "restricted"):
         for method, at in (("SATTERTHWAITE", (1, 2)), ("KENWARDROGER", (3, 4))):
             document = fitted(c, folder, formula, data, "-keyword", "LIKELIHOOD:REML", "-keyword", "DDF:" + method)
             if document is None:
                 continue
             phase, what = document["phases"][-1], f"{data}: {formula} {method}"
             got = effects(document, phase)
-            for words in rows:
-                if len(words) == 2 and words[0] not in ("residual", "criterion", "covariances"):
-                    want, row = numbers(words[1]), got[keyed(words[0])]
-                    c.near(f"{what}: {words[0]}", row["estimate"], want[0], 2e-3 * want[1])
-                    c.near(f"{what}: SE of {words[0]}", row["model_based"]["standard_error"], want[at[0]], 0, 3e-3)
-                    c.near(f"{what}: d.f. of {words[0]}", row["model_based"]["df"], want[at[1]], 0.02, 0.01)
-            residual = next(numbers(w[1])[0] for w in rows if w[0] == "residual")
-            variances(c, what, phase, rows, 1e-3 * residual)
-            criterion = next(numbers(w[1])[0] for w in rows if w[0] == "criterion")
-            c.near(f"{what}: criterion", -2 * phase["log_likelihood"], criterion, 2e-3)
-    for data, formula, (kind,), rows in blocks("robust"):
+            for name, want in fixed(rows).items():
+                row = got[name]
+                c.near(f"{what}: {name}", row["estimate"], want[0], 2e-3 * want[1])
+                c.near(f"{what}: SE of {name}", row["model_based"]["standard_error"], want[at[0]], 0, 3e-3)
+                c.near(f"{what}: d.f. of {name}", row["model_based"]["df"], want[at[1]], 0.02, 0.01)
+            variances(c, what, phase, rows, 1e-3 * line(rows, "residual")[0])
+            c.near(f"{what}: criterion", -2 * phase["log_likelihood"], line(rows, "criterion")[0], 2e-3)
+    for data, formula, (kind,), rows in blocks("twolevel.out", "robust"):
         document = fitted(c, folder, formula, data, "-robust", "-keyword", "ROBUST:" + kind, "-keyword", "STOPVAL:0.0000000001")
         if document is None:
             continue
         got = effects(document, document["phases"][-1])
         for name, values in rows:
             estimate, se, df = numbers(values)
-            row = got[keyed(name)]["robust"]
+            row = got[key(name)]["robust"]
             c.near(f"{data}: {formula} {kind}: SE of {name}", row["standard_error"], se, 0, 2e-3)
             if kind == "CR2":
                 c.near(f"{data}: {formula} {kind}: d.f. of {name}", row["df"], df, 0, 0.01)
@@ -316,7 +270,7 @@ def files(folder):
             data = open(f"{folder}/r{level}.{form}", "rb").read()
             c(b"L3ID" not in data and b"L2ID" in data, f"{form} of level {level}: {data[:120]!r}")
         c.equal("newcmd.kdr", run(PROGRAM, folder, "-strict", "p.mdm", "newcmd.kdr")[0], 0)
-    (data, formula, _, want), = blocks("residuals")
+    (data, formula, _, want), = blocks("twolevel.out", "residuals")
     fitted(c, folder, formula, data, *sum((["-keyword", x] for x in ("RESFIL1:Y", "RESFIL2:Y", "RESFILTYPE:FREEFORMAT", "STOPVAL:0.0000000001")), []))
     made = residualfiles.readfree(f"{folder}/resfil2.dat", 2)
     c.equal("units of the residual file", [row[0] for row in made.rows], [float(row[0]) for row in want[:-1]])
@@ -349,7 +303,7 @@ def files(folder):
 def intervals(folder):
     """Intervals by the profile and the bootstrap, shares of variance, a null model: of two levels alone."""
     c = Checks("intervals")
-    (data, formula, _, rows), = blocks("profile")
+    (data, formula, _, rows), = blocks("twolevel.out", "profile")
     null = fitted(c, folder, "score ~ 1 + (1 | school)", data)["phases"][-1]
     shutil.copy(f"{folder}/f.json", f"{folder}/null.json")
     document = fitted(c, folder, formula, data, *sum((["-keyword", x] for x in ("PROFILE:Y", "SHARES:Y", "NULLMODEL:null.json")), []))

@@ -86,6 +86,22 @@ def pairs(n):
     return [(a, b) for a in range(n) for b in range(a + 1)]
 
 
+def unpacked(theta, q, r):
+    """The lower triangles of both levels, and what stands behind them."""
+    P2, P3 = len(pairs(q)), len(pairs(r))
+    A, B = np.zeros((q, q)), np.zeros((r, r))
+    A[np.tril_indices(q)], B[np.tril_indices(r)] = theta[:P2], theta[P2:P2 + P3]
+    return A, B, theta[P2 + P3:]
+
+
+def grid(points, dims):
+    """Nodes of the standard normal density in so many dimensions, and the logarithms of weights that hold its inverse."""
+    x, w = np.polynomial.hermite_e.hermegauss(points)
+    nodes = np.stack(np.meshgrid(*[x] * dims, indexing="ij"), -1).reshape(-1, dims)
+    logw = sum(np.meshgrid(*[np.log(w) - 0.5 * np.log(2 * np.pi) + x * x / 2] * dims, indexing="ij")).reshape(-1)
+    return nodes, logw
+
+
 def semifactor(T):
     L = np.zeros_like(T)
     for c in range(len(T)):
@@ -96,6 +112,18 @@ def semifactor(T):
         for i in range(c + 1, len(T)):
             L[i, c] = (T[i, c] - L[i, :c] @ L[c, :c]) / L[c, c]
     return L
+
+
+def settleouter(oracle, moments):
+    """Outer nodes around posterior means and covariances, as `moments` gives them by the nodes of before."""
+    for _ in range(40):
+        mean, C = moments()
+        C = C + 0.02 * oracle.C  # few nodes may see nothing of an integrand's width
+        moved = max(np.max(np.abs(mean - oracle.w) ** 2 / np.einsum("kaa->ka", C)),
+                    np.max(np.abs(np.linalg.solve(C, oracle.C) - np.eye(C.shape[1]))))
+        oracle.w, oracle.C = mean, C
+        if moved < 0.03:
+            break
 
 
 class Oracle:
@@ -136,11 +164,6 @@ class Oracle:
         self.constant = (np.sum(gammaln(n + 1) - gammaln(y + 1) - gammaln(n - y + 1)) if outcome == "binomial" else
                          -np.sum(gammaln(y + 1)) if outcome in ("poisson", "exposure") else 0.0)
         self.logn = np.log(np.where(self.used > 0, self.n, 1))
-        def grid(points, dims):
-            x, w = np.polynomial.hermite_e.hermegauss(points)
-            nodes = np.stack(np.meshgrid(*[x] * dims, indexing="ij"), -1).reshape(-1, dims)
-            logw = sum(np.meshgrid(*[np.log(w) - 0.5 * np.log(2 * np.pi) + x * x / 2] * dims, indexing="ij")).reshape(-1)
-            return nodes, logw
         self.inner, self.outer = grid(points2, q), grid(points3, r)
         self.w, self.C = np.zeros((self.K, r)), np.tile(np.eye(r), (self.K, 1, 1))
 
@@ -172,13 +195,7 @@ class Oracle:
         return np.log(p), fb / p, -fa / p, fa + fb
 
     def matrices(self, theta):
-        def fill(values, n):
-            A = np.zeros((n, n))
-            for (a, b), value in zip(pairs(n), values):
-                A[a, b] = value
-            return A
-        P2, P3 = len(pairs(self.q)), len(pairs(self.r))
-        return fill(theta[:P2], self.q), fill(theta[P2:P2 + P3], self.r), theta[P2 + P3:]
+        return unpacked(theta, self.q, self.r)
 
     def once(self, theta, score):
         A, B, g = self.matrices(theta)
@@ -255,14 +272,7 @@ class Oracle:
         return unit.sum() + self.constant, result, mean, C
 
     def settle(self, theta):
-        """Outer nodes around posterior moments."""
-        for _ in range(40):
-            _, _, mean, C = self.once(theta, False)
-            C = C + 0.02 * self.C  # few nodes may see nothing of an integrand's width
-            moved = max(np.max(np.abs(mean - self.w) ** 2 / np.einsum("kaa->ka", C)), np.max(np.abs(np.linalg.solve(C, self.C) - np.eye(self.r))))
-            self.w, self.C = mean, C
-            if moved < 0.03:
-                break
+        settleouter(self, lambda: self.once(theta, False)[2:])
 
     def judge(self, Tp, Tb, gamma):
         """Log-likelihood; Newton step and standard errors of (vech Tp, vech Tb, gamma), NaN for what has none."""
@@ -336,6 +346,14 @@ def apart(se, right):
     return np.max(np.abs(se[both] / right[both] - 1), initial=0), int(np.sum(np.isnan(se) != np.isnan(right)))
 
 
+def lineof(found, gap, far, off, missing):
+    """What a run has found, and how far it is from the oracle."""
+    p = found.phase
+    return (f"{p['points']:2d} points, {p['iterations']:2d} iterations, {found.seconds:.1f} s, taus {np.diag(found.taus[0])} "
+            f"{np.diag(found.taus[1])}, gap {gap:.5f}, {far:.4f} se, errors {100 * off:.2f}%" + (", edge" if found.edge else "")
+            + (f", {missing} differ" if missing else "") + "".join("\n     " + w for w in found.warnings))
+
+
 def verdictof(fine, warnings):
     return "right" if fine and not warnings else "right, warned" if fine else "said so" if warnings else "MISS"
 
@@ -358,10 +376,7 @@ def one(program, seed, points, effects="", *commands):
         fine = gap < 0.01 and far < 0.02 and off < 0.02 and least > 0 and not missing
         if fine:
             break
-    p = found.phase
-    return (here + f"{p['points']:2d} points, {p['iterations']:2d} iterations, {found.seconds:.1f} s, taus {np.diag(found.taus[0])} "
-            f"{np.diag(found.taus[1])}, gap {gap:.5f}, {far:.4f} se, errors {100 * off:.2f}%" + (", edge" if found.edge else "")
-            + (f", {missing} differ" if missing else "") + "".join("\n     " + w for w in found.warnings)), verdictof(fine, found.warnings)
+    return here + lineof(found, gap, far, off, missing), verdictof(fine, found.warnings)
 
 
 def studies(one, program, first, last, *how):

@@ -18,7 +18,8 @@ import os
 import sys
 import numpy as np
 from scipy.special import logsumexp
-from movingstudies import NOFEATURES, NOFILES, apart, fitted, fixedtext, pairs, semifactor, studies, verdictof
+from movingstudies import (NOFEATURES, NOFILES, apart, fitted, fixedtext, grid, lineof, pairs, semifactor, settleouter, studies,
+                           unpacked, verdictof)
 
 # case: categories, columns (predictor, 1 or x) of the effects of level 2 and of level 3, points of both integrals
 ONE, SLOPE = 0, 1
@@ -62,13 +63,7 @@ class Data:
         self.K = k.max() + 1
 
     def matrices(self, theta):
-        def fill(values, n):
-            A = np.zeros((n, n))
-            for (a, b), value in zip(pairs(n), values):
-                A[a, b] = value
-            return A
-        P2, P3 = len(pairs(self.q)), len(pairs(self.r))
-        return fill(theta[:P2], self.q), fill(theta[P2:P2 + P3], self.r), theta[P2 + P3:]
+        return unpacked(theta, self.q, self.r)
 
     def pointof(self, Tp, Tb, gamma):
         A, B = semifactor(Tp), semifactor(Tb)
@@ -77,13 +72,6 @@ class Data:
     def parameters(self, theta):
         A, B, g = self.matrices(theta)
         return np.concatenate([[(T @ T.T)[c] for c in pairs(len(T))] for T in (A, B)] + [g])
-
-
-def grid(points, dims):
-    x, w = np.polynomial.hermite_e.hermegauss(points)
-    nodes = np.stack(np.meshgrid(*[x] * dims, indexing="ij"), -1).reshape(-1, dims)
-    logw = sum(np.meshgrid(*[np.log(w) - 0.5 * np.log(2 * np.pi) + x * x / 2] * dims, indexing="ij")).reshape(-1)
-    return nodes, logw
 
 
 class Integral:
@@ -156,14 +144,7 @@ class Integral:
         return unit.sum(), score, mean, np.einsum("kv,kva,kvb->kab", weight, centred, centred)
 
     def settle(self, theta):
-        """Outer nodes around posterior moments."""
-        for _ in range(40):
-            _, _, mean, C = self.once(theta)
-            C = C + 0.02 * self.C  # few nodes may see nothing of an integrand's width
-            moved = max(np.max(np.abs(mean - self.w) ** 2 / np.einsum("kaa->ka", C)), np.max(np.abs(np.linalg.solve(C, self.C) - np.eye(self.data.r))))
-            self.w, self.C = mean, C
-            if moved < 0.03:
-                break
+        settleouter(self, lambda: self.once(theta)[2:])
 
     def value(self, theta):
         return self.once(theta)[:2]
@@ -472,10 +453,7 @@ def one(program, seed, points):
         fine = gap < (1e-4 if points == "1" else 0.01) and far < 0.02 and off < 0.02 and least > 0 and not missing
         if fine:
             break
-    p = found.phase
-    return (here + f"{p['points']:2d} points, {p['iterations']:2d} iterations, {found.seconds:.1f} s, taus {np.diag(found.taus[0])} "
-            f"{np.diag(found.taus[1])}, gap {gap:.5f}, {far:.4f} se, errors {100 * off:.2f}%" + (", edge" if found.edge else "")
-            + (f", {missing} differ" if missing else "") + "".join("\n     " + w for w in found.warnings)), verdictof(fine, found.warnings)
+    return here + lineof(found, gap, far, off, missing), verdictof(fine, found.warnings)
 
 
 if __name__ == "__main__":

@@ -7,8 +7,7 @@
 #include <cmath>
 
 #include "estimate/laplace/laplacestudy.h"
-#include "estimate/quadrature/laplacescores.h"
-#include "estimate/quadrature/movingquadrature.h"
+#include "estimate/quadrature/movingstudy.h"
 
 namespace {
 
@@ -39,7 +38,7 @@ TEST(SixthOrder, ValueIsThatOfFullMatricesAndTheScoreIsItsDerivative) {
     SphericalLikelihood likelihood = sixthorder(study, x);
     const Array<double> point = pointof(likelihood.frame, x);
     EXPECT_NEAR(evaluatelaplace(likelihood, point).value, densevalue(study, x), 1e-6) << shape.name;
-    laplacescores::expectscore(likelihood, point, 2e-6, shape.name);
+    movingstudy::expectlaplacescore(likelihood, point, 2e-6, shape.name);
   }
 }
 

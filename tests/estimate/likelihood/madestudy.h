@@ -32,6 +32,7 @@ struct Study {
   int npi = 2, nbeta = 3;
   Outcome outcome = bernoulli;
   Design design;
+  std::vector<int> response;  // of a multinomial outcome: the linear predictor of each level-1 coefficient
   std::vector<Level3Records> units;
   std::size_t position = 0, batchsize = 5;
   std::vector<Level3Records> batch;

@@ -6,14 +6,14 @@
 #include <utility>
 
 #include "estimate/quadrature/densecases.h"
-#include "estimate/quadrature/laplacescores.h"
-#include "estimate/quadrature/movingquadrature.h"
+#include "estimate/quadrature/movingstudy.h"
 
 namespace {
 
 using namespace kdr;
 using namespace madestudy;
 using namespace densecases;
+using namespace movingstudy;
 
 using Columns = std::vector<std::pair<int, int>>;  // predictor, and 0 for its intercept or 1 for its slope of x
 
@@ -27,12 +27,6 @@ const MultinomialCase multinomials[] = {{"multinomial22", 3, {{0, 0}, {1, 0}}, {
                                         {"multinomial31", 3, {{0, 0}, {0, 1}, {1, 0}}, {{1, 0}}, 11},
                                         {"multinomial33", 4, {{0, 0}, {1, 0}, {2, 0}}, {{0, 0}, {1, 0}, {2, 0}}, 5}};
 
-std::vector<int> responsesof(int categories) {
-  std::vector<int> response;
-  for (int c = 0; c + 1 < categories; ++c) response.insert(response.end(), {c, c});
-  return response;
-}
-
 // Each predictor has an intercept on z and w and a slope of x, whose columns of B are 3c, 3c + 1 and 3c + 2 before
 // those random at level 3 go first.
 Study multinomialstudy(int categories, const Columns& second, const Columns& third,
@@ -43,6 +37,7 @@ Study multinomialstudy(int categories, const Columns& second, const Columns& thi
   study.r = static_cast<int>(third.size());
   study.npi = 2 * M;
   study.nbeta = 3 * M;
+  for (int c = 0; c < M; ++c) study.response.insert(study.response.end(), {c, c});
   Design& design = study.design;
   std::vector<int> order;  // columns of B as they were, in their places
   for (const auto& [c, slope] : third) order.push_back(3 * c + 2 * slope);
@@ -84,15 +79,6 @@ Parameters startof(const Study& study, const MultinomialCase& c) {
   return makeparameters(study.q, study.r, reference(c.name, "start"));
 }
 
-MovingResult fit(Study& study, const Parameters& start, int points, MovingSettings settings = {}) {
-  RecordSource source = study.source();
-  settings.outcome = study.outcome.family;
-  if (settings.outcome == Family::multinomial) settings.response = responsesof(study.outcome.categories);
-  settings.points = points;
-  settings.threads = 2;
-  return movingquadrature(settings, study.npi, study.nbeta, study.design, source, start, {});
-}
-
 TEST(Multinomial, ScoresAndInformationAreDerivatives) {
   std::vector<MultinomialCase> all(std::begin(multinomials), std::end(multinomials));
   all.push_back({"multinomial22", 3, {{0, 0}}, {{1, 1}}, 4});  // weights of every record instead of their sums
@@ -102,34 +88,10 @@ TEST(Multinomial, ScoresAndInformationAreDerivatives) {
     Parameters place = startof(study, c);
     if (study.q == 1) place = makeparameters(1, 1, {0.8, 0.5, 0.3, 0.4, -0.3, 0.5, -0.1, 0.0, -0.7, 0.1});
     RecordSource source = study.source();
-    SphericalLikelihood likelihood = makespherical(Family::multinomial, study.npi, study.nbeta, study.design, source,
-                                                   place, false, false, 2, responsesof(c.categories));
-    ASSERT_TRUE(makegrids(likelihood.grids, study.q + study.r > 4 ? 3 : 4, study.q, study.r));
-    Array<double> point = pointof(likelihood.frame, place);
-    for (std::size_t i = 0; i < point.size(); ++i) point[i] += 0.02 * static_cast<double>(i % 3 + 1);
-    laplacescores::expectscore(likelihood, point, 1e-6, c.name);
-    Nodes nodes = makenodes(likelihood.frame);
-    ASSERT_TRUE(placemodes(likelihood, point, nodes, nullptr));
-    const auto evaluate = [&](const Array<double>& at) {
-      likelihood.trial.nodes = nodes.copy();
-      return evaluatespherical(likelihood, at);
-    };
-    const Evaluation centre = evaluate(point);
-    ASSERT_TRUE(centre.usable) << c.name;
-    for (std::size_t i = 0, P = point.size(); i < P; ++i) {
-      constexpr double h = 1e-5;
-      Array<double> up = point.copy(), down = point.copy();
-      up[i] += h;
-      down[i] -= h;
-      const Evaluation above = evaluate(up), below = evaluate(down);
-      const double slope = (above.value - below.value) / (2.0 * h);
-      EXPECT_NEAR(centre.score[i], slope, 1e-5 * std::max(1.0, std::fabs(slope))) << c.name << " " << i;
-      for (std::size_t l = 0; l < P; ++l) {
-        const double curvature = -(above.score[l] - below.score[l]) / (2.0 * h);
-        EXPECT_NEAR(centre.information[l * P + i], curvature, 2e-5 * std::max(1.0, std::fabs(curvature)))
-            << c.name << " " << l << " " << i;
-      }
-    }
+    SphericalLikelihood likelihood = likelihoodof(study, source, place, study.q + study.r > 4 ? 3 : 4);
+    const Array<double> point = besides(pointof(likelihood.frame, place));
+    expectlaplacescore(likelihood, point, 1e-6, c.name);
+    expectderivatives(likelihood, point, c.name);
   }
 }
 

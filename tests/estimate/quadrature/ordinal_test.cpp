@@ -5,15 +5,14 @@
 #include <cmath>
 #include <random>
 
-#include "estimate/likelihood/madestudy.h"
 #include "estimate/quadrature/cuts.h"
-#include "estimate/quadrature/laplacescores.h"
-#include "estimate/quadrature/movingquadrature.h"
+#include "estimate/quadrature/movingstudy.h"
 
 namespace {
 
 using namespace kdr;
 using namespace madestudy;
+using namespace movingstudy;
 
 // The model of madestudy.h with thresholds as its last columns and fixed effects. `units` hold the categories.
 Study ordinalstudy(int q, int r, std::vector<Record> records, int categories) {
@@ -116,10 +115,8 @@ TEST(Ordinal, DerivativesAndTheDefinition) {
     Study study = cutstudy(given);
     RecordSource source = study.source();
     const Parameters place = makeparameters(trial.q, trial.r, trial.theta);
-    SphericalLikelihood likelihood =
-        makespherical(Family::ordinal, study.npi, study.nbeta, study.design, source, place, false, false, 2);
+    SphericalLikelihood likelihood = likelihoodof(study, source, place, 4);
     ASSERT_EQ(likelihood.frame.thresholds, trial.categories - 2);
-    ASSERT_TRUE(makegrids(likelihood.grids, 4, trial.q, trial.r));
     Array<double> point = pointof(likelihood.frame, place);
     const std::size_t P = point.size(), taus = P - place.gamma.size();
     const std::vector<double> back = elements(parametersof(likelihood.frame, point));
@@ -132,44 +129,22 @@ TEST(Ordinal, DerivativesAndTheDefinition) {
     likelihood.trial.nodes = nodes.copy();
     EXPECT_NEAR(evaluatespherical(likelihood, flat).value, plain(given, place.gamma, trial.categories), 1e-9);
 
-    for (std::size_t i = 0; i < P; ++i) point[i] += 0.02 * static_cast<double>(i % 3 + 1);
-    laplacescores::expectscore(likelihood, point, 1e-6, "Laplace");
-    ASSERT_TRUE(placemodes(likelihood, point, nodes, nullptr));
-    const auto evaluate = [&](const Array<double>& at) {
-      likelihood.trial.nodes = nodes.copy();
-      return evaluatespherical(likelihood, at);
-    };
-    const Evaluation centre = evaluate(point);
+    point = besides(point);
+    expectlaplacescore(likelihood, point, 1e-6, "Laplace");
+    expectderivatives(likelihood, point, "nodes");
     const Array<double> J = parameterderivatives(likelihood.frame, point);
     for (std::size_t i = 0; i < P; ++i) {
       constexpr double h = 1e-5;
-      Array<double> up = point.copy(), down = point.copy();
-      up[i] += h;
-      down[i] -= h;
-      const std::vector<double> more = elements(parametersof(likelihood.frame, up)),
-                                less = elements(parametersof(likelihood.frame, down));
+      const std::vector<double> more = elements(parametersof(likelihood.frame, moved(point, i, h))),
+                                less = elements(parametersof(likelihood.frame, moved(point, i, -h)));
       for (std::size_t l = 0; l < P; ++l) EXPECT_NEAR(J[l * P + i], (more[l] - less[l]) / (2.0 * h), 1e-7);
-      const Evaluation above = evaluate(up), below = evaluate(down);
-      const double slope = (above.value - below.value) / (2.0 * h);
-      EXPECT_NEAR(centre.score[i], slope, 1e-5 * std::max(1.0, std::fabs(slope))) << i;
-      for (std::size_t l = 0; l < P; ++l) {
-        const double curvature = -(above.score[l] - below.score[l]) / (2.0 * h);
-        EXPECT_NEAR(centre.information[l * P + i], curvature, 2e-5 * std::max(1.0, std::fabs(curvature)))
-            << l << " " << i;
-      }
     }
   }
 }
 
-MovingResult fit(const Study& given, const Parameters& start, int points, bool outer = false) {
+MovingResult fitcuts(const Study& given, const Parameters& start, int points, MovingSettings settings = {}) {
   Study study = cutstudy(given);
-  RecordSource source = study.source();
-  MovingSettings settings;
-  settings.outcome = Family::ordinal;
-  settings.points = points;
-  settings.threads = 2;
-  settings.outerproducts = outer;
-  return movingquadrature(settings, study.npi, study.nbeta, study.design, source, start, {});
+  return fit(study, start, points, std::move(settings));
 }
 
 // One maximum from every start, those with thresholds out of order too, and from a regression; turned outcomes have
@@ -177,7 +152,7 @@ MovingResult fit(const Study& given, const Parameters& start, int points, bool o
 TEST(Ordinal, OneMaximumFromAnywhere) {
   const Trial& trial = trials[0];
   const Study study = studyof(trial);
-  const MovingResult wanted = fit(study, makeparameters(1, 1, trial.theta), 7);
+  const MovingResult wanted = fitcuts(study, makeparameters(1, 1, trial.theta), 7);
   ASSERT_EQ(wanted.end, MovingEnd::converged);
   EXPECT_TRUE(wanted.warnings.empty());
   const std::size_t P = wanted.parameters.count(), records = 12 * 4 * 6;
@@ -186,19 +161,19 @@ TEST(Ordinal, OneMaximumFromAnywhere) {
        {std::vector<double>{0, 0, 0, 0, 3, 1}, {0, 0, 0, 0, 0, 0}, {9, 0, 0, 5, 30, 31}}) {
     std::vector<double> theta{1.0, 1.0};
     theta.insert(theta.end(), gamma.begin(), gamma.end());
-    const MovingResult result = fit(study, makeparameters(1, 1, theta), 7);
+    const MovingResult result = fitcuts(study, makeparameters(1, 1, theta), 7);
     EXPECT_EQ(result.end, MovingEnd::converged) << gamma[0];
     EXPECT_NEAR(result.loglikelihood, wanted.loglikelihood, 1e-5) << gamma[0];
   }
   Parameters none;
   none.q = none.r = 1;
   none.g = 6;
-  EXPECT_NEAR(fit(study, none, 7).loglikelihood, wanted.loglikelihood, 1e-5);
+  EXPECT_NEAR(fitcuts(study, none, 7).loglikelihood, wanted.loglikelihood, 1e-5);
 
   Study turned = studyof(trial);
   for (Level3Records& unit : turned.units)
     for (double& y : unit.y) y = trial.categories - 1 - y;
-  const MovingResult other = fit(turned, none, 7);
+  const MovingResult other = fitcuts(turned, none, 7);
   EXPECT_NEAR(other.loglikelihood, wanted.loglikelihood, 1e-5);
   const Array<double>&g = wanted.parameters.gamma, &h = other.parameters.gamma;
   const double last = g[5];
@@ -210,7 +185,9 @@ TEST(Ordinal, OneMaximumFromAnywhere) {
     EXPECT_NEAR(std::sqrt(other.covariance[(2 + i) * (P + 1)]), error, 0.002 * error) << i;
   }
   // The scores of the units are whole: their outer products are an information of about the same size.
-  const MovingResult outer = fit(study, none, 7, true);
+  MovingSettings settings;
+  settings.outerproducts = true;
+  const MovingResult outer = fitcuts(study, none, 7, settings);
   for (std::size_t i = 2; i < P; ++i) {
     const double share = outer.covariance[i * (P + 1)] / wanted.covariance[i * (P + 1)];
     EXPECT_TRUE(share > 0.1 && share < 20.0) << i << " " << share;

@@ -6,23 +6,15 @@
 
 #include <cmath>
 
-#include "estimate/likelihood/madestudy.h"
 #include "estimate/quadrature/densecases.h"
-#include "estimate/quadrature/laplacescores.h"
-#include "estimate/quadrature/movingquadrature.h"
+#include "estimate/quadrature/movingstudy.h"
 
 namespace {
 
 using namespace kdr;
 using namespace madestudy;
 using namespace densecases;
-
-SphericalLikelihood likelihoodof(Study& study, RecordSource& source, const Parameters& shape, int points) {
-  SphericalLikelihood likelihood =
-      makespherical(study.outcome.family, study.npi, study.nbeta, study.design, source, shape, false, false, 2);
-  EXPECT_TRUE(makegrids(likelihood.grids, points, study.q, study.r));
-  return likelihood;
-}
+using namespace movingstudy;
 
 TEST(Spherical, ScoreAndInformationAreDerivatives) {
   std::vector<Case> all(std::begin(cases), std::end(cases));
@@ -38,31 +30,7 @@ TEST(Spherical, ScoreAndInformationAreDerivatives) {
     if (number >= plain) weigh(study, unevenweight);
     RecordSource source = study.source();
     SphericalLikelihood likelihood = likelihoodof(study, source, place, 4);
-    Array<double> point = pointof(likelihood.frame, place);
-    for (std::size_t i = 0; i < point.size(); ++i) point[i] += 0.02 * static_cast<double>(i % 3 + 1);
-    Nodes nodes = makenodes(likelihood.frame);
-    ASSERT_TRUE(placemodes(likelihood, point, nodes, nullptr));
-    const auto evaluate = [&](const Array<double>& at) {
-      likelihood.trial.nodes = nodes.copy();
-      return evaluatespherical(likelihood, at);
-    };
-    const Evaluation centre = evaluate(point);
-    ASSERT_TRUE(centre.usable) << c.name;
-    const std::size_t P = point.size();
-    for (std::size_t i = 0; i < P; ++i) {
-      constexpr double h = 1e-5;
-      Array<double> up = point.copy(), down = point.copy();
-      up[i] += h;
-      down[i] -= h;
-      const Evaluation above = evaluate(up), below = evaluate(down);
-      const double slope = (above.value - below.value) / (2.0 * h);
-      EXPECT_NEAR(centre.score[i], slope, 1e-5 * std::max(1.0, std::fabs(slope))) << c.name << " " << i;
-      for (std::size_t l = 0; l < P; ++l) {
-        const double curvature = -(above.score[l] - below.score[l]) / (2.0 * h);
-        EXPECT_NEAR(centre.information[l * P + i], curvature, 2e-5 * std::max(1.0, std::fabs(curvature)))
-            << c.name << " " << l << " " << i;
-      }
-    }
+    expectderivatives(likelihood, besides(pointof(likelihood.frame, place)), c.name);
   }
 }
 
@@ -75,16 +43,8 @@ TEST(Spherical, LaplaceGradientIsADerivative) {
       const Parameters place = makeparameters(c.q, c.r, reference(c.name, "start"));
       RecordSource source = study.source();
       SphericalLikelihood likelihood = likelihoodof(study, source, place, 3);
-      laplacescores::expectscore(likelihood, pointof(likelihood.frame, place), 1e-6, c.name);
+      expectlaplacescore(likelihood, pointof(likelihood.frame, place), 1e-6, c.name);
     }
-}
-
-MovingResult fit(Study& study, const Parameters& start, int points, int threads = 2, MovingSettings settings = {}) {
-  RecordSource source = study.source();
-  settings.outcome = study.outcome.family;
-  settings.points = points;
-  settings.threads = threads;
-  return movingquadrature(settings, study.npi, study.nbeta, study.design, source, start, {});
 }
 
 TEST(MovingQuadrature, MaximaOfDenseIntegrals) {
@@ -170,7 +130,7 @@ TEST(MovingQuadrature, OuterProductsOfFewUnits) {
   const Parameters start = makeparameters(1, 1, reference(cases[0].name, "start"));
   MovingSettings outer;
   outer.outerproducts = true;
-  const MovingResult wanted = fit(study, start, 11), result = fit(study, start, 11, 2, outer);
+  const MovingResult wanted = fit(study, start, 11), result = fit(study, start, 11, outer);
   ASSERT_TRUE(wanted.usable && result.usable);
   EXPECT_EQ(result.warnings.size(), 1u);
   EXPECT_EQ(result.loglikelihood, wanted.loglikelihood);
@@ -218,8 +178,7 @@ void expectcopies(const Case& c, int level, int points) {
   MovingSettings settings;
   settings.check = false;
   settings.ascent.decrement = 1e-12;
-  const MovingResult weighted = fit(study, start, points, 2, settings),
-                     wanted = fit(copied, start, points, 2, settings);
+  const MovingResult weighted = fit(study, start, points, settings), wanted = fit(copied, start, points, settings);
   ASSERT_TRUE(weighted.usable && wanted.usable) << words;
   EXPECT_NEAR(weighted.loglikelihood, wanted.loglikelihood, 1e-7 * std::fabs(wanted.loglikelihood)) << words;
   const std::vector<double> found = elements(weighted.parameters), right = elements(wanted.parameters);
@@ -232,7 +191,7 @@ void expectcopies(const Case& c, int level, int points) {
   }
   if (level < 3) return;
   for (Level3Records& unit : study.units) unit.weight3 *= 1e6;  // changes no estimate
-  const MovingResult scaled = fit(study, start, points, 2, settings);
+  const MovingResult scaled = fit(study, start, points, settings);
   for (std::size_t i = 0; i < P; ++i) {
     const double robust = weighted.covariance[i * (P + 1)];
     EXPECT_NEAR(elements(scaled.parameters)[i], found[i], 1e-8 * (1.0 + std::fabs(found[i]))) << words << " " << i;
@@ -258,7 +217,7 @@ TEST(MovingQuadrature, TheSameBytesForAnyNumberOfThreads) {
     const auto bytes = [points](int threads, std::size_t batchsize) {
       Study study = readcase(cases[1]);
       study.batchsize = batchsize;
-      return numbersof(fit(study, makeparameters(2, 1, reference("bernoulli21", "start")), points, threads));
+      return numbersof(fit(study, makeparameters(2, 1, reference("bernoulli21", "start")), points, {}, threads));
     };
     const std::vector<double> one = bytes(1, 5);
     EXPECT_EQ(one, bytes(2, 5)) << points;
@@ -392,7 +351,7 @@ TEST(MovingQuadrature, NoMaximumAndTooManyNodes) {
   MovingSettings small;
   small.mostnodes = 400.0;
   small.errorsagree = 1e-9;
-  const MovingResult unchecked = fit(few, start, 7, 2, small), ended = fit(few, start, 0, 2, small);
+  const MovingResult unchecked = fit(few, start, 7, small), ended = fit(few, start, 0, small);
   EXPECT_EQ(unchecked.end, MovingEnd::converged);
   EXPECT_TRUE(unchecked.warnings.empty() && !unchecked.check.made);
   ASSERT_EQ(unchecked.notes.size(), 1u);
@@ -402,7 +361,7 @@ TEST(MovingQuadrature, NoMaximumAndTooManyNodes) {
   EXPECT_NE(ended.warnings[0].find("ended at 7: 11 points for 3 effects"), std::string::npos);
   EXPECT_NE(ended.warnings[1].find("no number of quadrature points up to 7 was enough"), std::string::npos);
   small.sixth = true;
-  EXPECT_EQ(fit(few, {11, 1, 4, {}, {}, {}}, 1, 2, small).end, MovingEnd::toomanynodes);
+  EXPECT_EQ(fit(few, {11, 1, 4, {}, {}, {}}, 1, small).end, MovingEnd::toomanynodes);
 }
 
 }  // namespace
