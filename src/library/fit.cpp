@@ -87,7 +87,7 @@ std::string unmarked(const std::string& warning) {
 void takeseparation(Fit& fit, const Separation& found) {
   fit.separated.clear();
   for (const std::string& warning : found.warnings)
-    fit.separated += (fit.separated.empty() ? "" : "\n") + unmarked(warning);
+    fit.separated.append(fit.separated.empty() ? "" : "\n").append(unmarked(warning));
 }
 
 // Why there is no result. A failure of the engines behind separation has no words of its own.
