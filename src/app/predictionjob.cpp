@@ -230,6 +230,9 @@ void writerows(const FittedModel& fitted, const PredictionData& data, const Pred
   finishresult(file);
   if (empty > 0)
     sayprediction(formatted("%zu of %zu rows lack a value that the model needs, and have no results.", empty, table.n));
+  const Outcome& outcome = run.model.outcome;
+  if (outcome.family == Family::poisson && outcome.counted && table.counts.empty())
+    sayprediction("The file does not tell the exposure: responses are for one of 1.");
   if (unknown)
     sayprediction("The random effects of some units are not known: their unit_linear and unit_response are empty.");
 }

@@ -86,8 +86,10 @@ std::string unmarked(const std::string& warning) {
 
 void takeseparation(Fit& fit, const Separation& found) {
   fit.separated.clear();
-  for (const std::string& warning : found.warnings)
-    fit.separated.append(fit.separated.empty() ? "" : "\n").append(unmarked(warning));
+  for (const std::string& warning : found.warnings) {
+    if (!fit.separated.empty()) fit.separated += '\n';
+    fit.separated += unmarked(warning);
+  }
 }
 
 // Why there is no result. A failure of the engines behind separation has no words of its own.

@@ -290,6 +290,14 @@ def told(check, place):
         table(place, "less.csv", NEW, [c for c in ("year", "ses", "band", "school") if c != column])
         said = fit(check, place, "score ~ year + ses + band + (1 | school)", new="less.csv", code=100 if words else 0, stem="less")
         check(words in said and (not words or not (place.folder / "less.kdr").exists()), f"without {column}: {said[-300:]}")
+    counts = []
+    for columns in (("year", "school"), ("year", "school", "weeks")):
+        table(place, "ones.csv", [dict(r, weeks=1) for r in NEW], columns)
+        said = fit(check, place, "visits ~ year + offset(log(weeks)) + (1 | school)", "-family", "poisson", "-engine", "pql", new="ones.csv")
+        untold = "The file does not tell the exposure: responses are for one of 1."
+        check((untold in said) == (untold in place.read("m.json")) == ("weeks" not in columns), f"exposure, {columns}: {said[-300:]}")
+        counts.append(place.read("m_predictions.csv"))
+    check(counts[0] == counts[1], "without exposure the counts are those of 1")
     table(place, "new6.csv", [dict(r, ses=float(r["ses"]) * 1e6) for r in NEW], list(NEW[0]))
     table(place, "data6.csv", [dict(r, ses=float(r["ses"]) * 1e6) for r in records()], COLUMNS)
     results = []

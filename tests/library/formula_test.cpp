@@ -2,9 +2,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <limits>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "kdr3/kdr3.h"
@@ -142,6 +144,68 @@ TEST(Library, RefitsStartWhereAnotherEndedAndReplicatesAreOfTheSeed) {
   flag = 0;
   EXPECT_EQ(estimates(model, &observer).size(), 3U);
   kdr3_formula_free(formula);
+}
+
+// What a fit is asked by: it is given up half a second behind the last iteration that it has told.
+struct Impatient {
+  std::thread::id caller = std::this_thread::get_id();
+  std::chrono::steady_clock::time_point told{}, asked{};
+  bool elsewhere = false, gaveup = false;
+
+  static Impatient& of(void* state) { return *static_cast<Impatient*>(state); }
+  static void progress(void* state, const char*) { of(state).told = std::chrono::steady_clock::now(); }
+  static int abandon(void* state) {
+    Impatient& own = of(state);
+    own.asked = std::chrono::steady_clock::now();
+    own.elsewhere = own.elsewhere || std::this_thread::get_id() != own.caller;
+    own.gaveup = own.gaveup ||
+                 (own.told.time_since_epoch().count() != 0 && own.asked - own.told > std::chrono::milliseconds(500));
+    return own.gaveup ? 1 : 0;
+  }
+};
+
+// An evaluation of 31 points and slopes at both levels takes seconds: the observer is asked within it, by the thread
+// of the call alone.
+TEST(Library, AnEvaluationIsGivenUpWithinASecond) {
+  unsigned state = 5;
+  const auto uniform = [&] { return static_cast<double>((state = state * 1664525U + 1013904223U) >> 8) / 16777216.0; };
+  std::vector<double> y, x, school, pupil;
+  for (int k = 0; k < 10; ++k)
+    for (int j = 0; j < 8; ++j)
+      for (int i = 0; i < 30; ++i) {
+        school.push_back(k);
+        pupil.push_back(j);
+        x.push_back(2 * uniform() - 1);
+        y.push_back(uniform() < 1 / (1 + std::exp(0.3 * (k - 5) + 0.3 * (j - 4) + x.back())) ? 1 : 0);
+      }
+  const kdr3_field fields[] = {field("y", KDR3_DOUBLE, y.data()), field("x", KDR3_DOUBLE, x.data()),
+                               field("school", KDR3_DOUBLE, school.data()), field("pupil", KDR3_DOUBLE, pupil.data())};
+  for (const char* points : {"31", "3"}) {
+    kdr3_options options{};
+    options.size = sizeof options;
+    options.family = "binomial";
+    options.points = points;
+    kdr3_formula* formula = nullptr;
+    ASSERT_EQ(kdr3_formula_make("y ~ x + (x | school/pupil)", &options, y.size(), 4, fields, &formula), KDR3_OK);
+    kdr3_model* model = kdr3_formula_model(formula);
+    EXPECT_EQ(kdr3_model_set(model, "THREADS", 2), KDR3_OK);
+    Impatient impatient;
+    const bool heavy = points[1] != 0;
+    kdr3_observer observer{sizeof observer, &impatient, nullptr, heavy ? Impatient::progress : nullptr,
+                           Impatient::abandon};
+    const std::vector<double> found = estimates(model, &observer);
+    EXPECT_FALSE(impatient.elsewhere);
+    EXPECT_EQ(impatient.gaveup, heavy);
+    if (heavy) {
+      EXPECT_TRUE(found.empty());
+      EXPECT_STREQ(kdr3_message(), "The fit was stopped.");
+      EXPECT_LT(std::chrono::steady_clock::now() - impatient.asked, std::chrono::seconds(2));
+      EXPECT_LT(impatient.asked - impatient.told, std::chrono::milliseconds(2500));
+    } else {
+      EXPECT_EQ(found, estimates(model));
+    }
+    kdr3_formula_free(formula);
+  }
 }
 
 // 400 records in 7 schools and at most 5 classes of each, in random order. Schools and classes have IDs of any kind;
