@@ -87,6 +87,8 @@ class Results:
         self._formula, self._made = handle, dict(made)
         state = self._state = {"words": [handle.words(which) for which in range(12)], **_estimates(handle, result)}
         state["warnings"] += _byalphabet(handle, state["words"])
+        if made["settings"].get("AGQNODESFIXED"):
+            state["warnings"].append("With AGQNODESFIXED the random effects are those of quasi-likelihood, beside the estimates of quadrature.")
         self._take(state)
         for sentence in [*self.warnings]:
             lib.tell(sentence)
@@ -445,9 +447,14 @@ class Results:
         lost = np.any([column.absent() for column in columns], axis=0)
         if lost.any():
             lib.tell(f"{int(lost.sum())} of {fields.rows} rows do not tell their unit of {group}: its random effects are taken as 0.")
-        known = {unit if isinstance(unit, tuple) else (unit,): i for i, unit in enumerate(self.units[group])}
-        return np.array([-1 if lost[row] else known.get(tuple(_value(column, row) for column in columns), -1)
-                         for row in range(fields.rows)])
+        units = [tuple(map(str, unit)) if isinstance(unit, tuple) else (str(unit),) for unit in self.units[group]]
+        known = [{name: code for code, name in enumerate(dict.fromkeys(unit[c] for unit in units))} for c in range(len(columns))]
+        codes = [_codesof(column, of) for column, of in zip(columns, known)]
+        sizes = [len(of) for of in known]
+        place = {int(np.ravel_multi_index([of[name] for of, name in zip(known, unit)], sizes)): i for i, unit in enumerate(units)}
+        lost |= np.any([one < 0 for one in codes], axis=0)
+        keys, rows = np.unique(np.ravel_multi_index([np.where(lost, 0, one) for one in codes], sizes), return_inverse=True)
+        return np.where(lost, -1, np.array([place.get(int(key), -1) for key in keys])[rows])
 
     def simulate(self, nsim: int = 1, seed: int | None = None) -> np.ndarray:
         """[n, nsim] outcomes drawn from the model, with new random effects, in the order of the table; of categories
@@ -773,7 +780,20 @@ def _value(column, row: int):
     value = column.values[row]
     if column.labels is not None:
         return column.labels[int(value)] if value >= 0 else None
+    return _plain(value)
+
+
+def _plain(value) -> int | float:
     return int(value) if float(value).is_integer() else float(value)
+
+
+def _codesof(column, known: Mapping[str, int]) -> np.ndarray:
+    """[rows] the codes of values as they are written, so that the number 1, the text and the category are one; -1 of one
+    that is not known."""
+    if column.labels is not None:
+        return np.array([*(known.get(label, -1) for label in column.labels), -1])[column.values]
+    values, places = np.unique(column.values, return_inverse=True)
+    return np.array([known.get(str(_plain(value)), -1) for value in values], dtype=np.int64)[places]
 
 
 def _estimates(handle, result) -> dict[str, Any]:

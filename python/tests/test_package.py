@@ -114,6 +114,8 @@ class Models(unittest.TestCase):
         rows = np.asarray(m.predict().index)
         few = rows[[5, 900, 77]]
         np.testing.assert_allclose(np.asarray(m.predict({k: v[few] for k, v in data.items()})), whole[[5, 900, 77]], rtol=1e-12)
+        texts = {**{k: v[few] for k, v in data.items()}, "pupil": np.array([str(int(x)) for x in data["pupil"][few]], dtype=object)}
+        np.testing.assert_array_equal(np.asarray(m.predict(texts)), np.asarray(m.predict({k: v[few] for k, v in data.items()})))
         means = kdr3.fit("score ~ center(ses, school) + mean(ses, school) + (1 | school)", data)
         np.testing.assert_allclose(np.asarray(means.predict({k: v[few] for k, v in data.items()})), np.asarray(means.predict()[few]), rtol=1e-12)
         strange = {k: v[few].copy() for k, v in data.items()}
