@@ -353,8 +353,8 @@ typedef struct {
   size_t fixedeffects, random2, random3; /* g, p, b */
   const double* fixed;                   /* [g] */
   const double *taupi, *taubeta;         /* [p * p], [b * b] */
-  double sigma2;
-  const double *covariance, *joint; /* of the fixed effects; of all parameters, null: variances count as known */
+  double sigma2;                         /* of level 1; of an outcome that is not normal over-dispersion, 1 without */
+  const double *covariance, *joint;      /* of the fixed effects; of all parameters, null: variances count as known */
   size_t units2, units3;
   const double *level2, *level3; /* posterior means of the units; null: those of new ones alone are asked for */
   /* Their covariances, as kdr3_result_effectvariances and _effectcovariances have them; null: by the curvature at the

@@ -2,9 +2,15 @@
 from __future__ import annotations
 
 import importlib.util
-from typing import Any, Iterable, Mapping
+from typing import TYPE_CHECKING, Any, Iterable, Mapping, Union
 
 import numpy as np
+
+if TYPE_CHECKING:
+    import pandas
+    Series = Union[pandas.Series, "Named"]
+    Table = Union[pandas.DataFrame, "Frame"]
+    Matrix = Union[pandas.DataFrame, np.ndarray]
 
 
 def haspandas() -> bool:
@@ -41,21 +47,21 @@ class Frame(dict):
         return table(list(self), list(zip(*[[shown(v) for v in column] for column in self.values()])))
 
 
-def series(values, index, name: str | None = None):
+def series(values, index, name: str | None = None) -> Series:
     if haspandas():
         import pandas
         return pandas.Series(np.asarray(values), index=index, name=name)
     return Named(values, index)
 
 
-def frame(columns: Mapping[str, Any], index=None):
+def frame(columns: Mapping[str, Any], index=None) -> Table:
     if haspandas():
         import pandas
         return pandas.DataFrame(dict(columns), index=index)
     return Frame(columns)
 
 
-def matrix(values, rows, columns):
+def matrix(values, rows, columns) -> Matrix:
     """A matrix with names of rows and columns; without pandas the array alone."""
     if haspandas():
         import pandas
@@ -63,7 +69,7 @@ def matrix(values, rows, columns):
     return np.asarray(values)
 
 
-def beside(parts: Mapping[str, Any]):
+def beside(parts: Mapping[str, Any]) -> Table:
     """Series, or matrices of the same rows, under a name each."""
     if not haspandas():
         return Frame({name: np.asarray(part) for name, part in parts.items()})

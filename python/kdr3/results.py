@@ -8,7 +8,7 @@ import math
 import numbers
 import zipfile
 from functools import cached_property
-from typing import Any, Mapping, Sequence
+from typing import TYPE_CHECKING, Any, Mapping, Sequence
 
 import numpy as np
 
@@ -17,6 +17,11 @@ from . import _predict
 from ._frames import beside, frame, matrix, series, shown, table
 from ._library import library
 from ._table import Fields
+
+if TYPE_CHECKING:
+    import os
+
+    from ._frames import Matrix, Series, Table
 
 PHASES = {"": "final", "quadrature": "quadrature", "laplace6": "laplace6", "pql": "pql"}
 
@@ -52,13 +57,38 @@ def logistic(x: np.ndarray) -> np.ndarray:
 class Results:
     """A fitted model. What it shows is in attributes named as those of statsmodels where these exist.
 
-    Shapes: g fixed effects, p and b random effects of levels 2 and 3, n records that the model uses.
+    Shapes: g fixed effects, p and b random effects of levels 2 and 3, n records that the model uses, C categories. With
+    pandas installed [g] is a series and a matrix a frame, with the names; without it they are a mapping and an array.
+    Estimates are in units of the outcome, or of its link: logits, logarithms of a rate.
+
+    Attributes
+    ----------
+    formula, outcome, family, engine : str
+        As they were fitted; engine is "" of a normal outcome, else "quadrature", "laplace6" or "pql": that of the result.
+    levels : list of str
+        The values of an outcome with names, in their order; of two the second is the event.
+    nobs : int
+        n, records that the model uses.
+    llf : float
+        Log-likelihood at the estimates, restricted with `reml`; NaN of quasi-likelihood.
+    scale : float
+        Variance of level 1; of an outcome that is not normal over-dispersion, 1 where it is held there (FIXSIGMA2).
+    df_model : int
+        Parameters: fixed effects, variances and covariances.
+    converged : bool
+        By the rule of the estimation; `warnings` tells what else is wrong.
+    remarks, warnings : list of str
+        What the formula made of the data, and what a reader of the results has to know.
+    document : dict
+        The results document of the program (docs/results.md).
     """
 
     def __init__(self, handle, result, made: Mapping[str, Any]):
         self._formula, self._made = handle, dict(made)
         state = self._state = {"words": [handle.words(which) for which in range(12)], **_estimates(handle, result)}
         state["warnings"] += _byalphabet(handle, state["words"])
+        if made["settings"].get("AGQNODESFIXED"):
+            state["warnings"].append("With AGQNODESFIXED the random effects are those of quasi-likelihood, beside the estimates of quadrature.")
         self._take(state)
         for sentence in [*self.warnings]:
             lib.tell(sentence)
@@ -90,13 +120,13 @@ class Results:
     # -- Fixed effects -----------------------------------------------------------------------------------------------
 
     @property
-    def params(self):
+    def params(self) -> Series:
         """[g] fixed effects, in the order of the formula; thresholds of an ordinal outcome come behind them."""
         return series(self._state["estimates"], self._names, "params")
 
     fe_params = params
 
-    def cov_params(self, robust: bool = False):
+    def cov_params(self, robust: bool = False) -> Matrix:
         """[g, g] covariance of the fixed effects; robust: the sandwich over the units of the highest level (Liang and
         Zeger 1986)."""
         return matrix(self._state["robust" if robust else "covariance"], self._names, self._names)
@@ -105,19 +135,19 @@ class Results:
         return np.sqrt(np.diag(self._state["robust" if robust else "covariance"]))
 
     @property
-    def bse(self):
+    def bse(self) -> Series:
         """[g] standard errors, model-based; with design weights they are the sandwich."""
         return series(self._se(), self._names, "bse")
 
     bse_fe = bse
 
     @property
-    def bse_robust(self):
+    def bse_robust(self) -> Series:
         """[g] robust standard errors."""
         return series(self._se(True), self._names, "bse_robust")
 
     @property
-    def df(self):
+    def df(self) -> Series:
         """[g] degrees of freedom of the t tests; infinite where they are of the standard normal."""
         return series(self._df(), self._names, "df")
 
@@ -134,7 +164,7 @@ class Results:
             return self._state["estimates"] / self._se(robust)
 
     @property
-    def tvalues(self):
+    def tvalues(self) -> Series:
         """[g] estimates over their standard errors."""
         return series(self._t(), self._names, "tvalues")
 
@@ -142,12 +172,14 @@ class Results:
         return np.array([lib.pvalue(lib.T, abs(t), df) for t, df in zip(self._t(robust), self._df(robust))])
 
     @property
-    def pvalues(self):
+    def pvalues(self) -> Series:
         """[g] two-sided, of t with `df` degrees of freedom."""
         return series(self._p(), self._names, "pvalues")
 
-    def conf_int(self, alpha: float = 0.05, robust: bool = False):
-        """[g, 2] intervals of the fixed effects by t with `df` degrees of freedom."""
+    def conf_int(self, alpha: float = 0.05, robust: bool = False) -> Matrix:
+        """[g, 2] intervals of the fixed effects that hold 1 - alpha, by t with `df` degrees of freedom.
+
+        Raises KDR3Error where alpha is not between 0 and 1."""
         half = np.array([tquantile(alpha, df) for df in self._df(robust)]) * self._se(robust)
         values = np.column_stack([self._state["estimates"] - half, self._state["estimates"] + half])
         return matrix(values, self._names, [0, 1])
@@ -156,23 +188,26 @@ class Results:
 
     @property
     def aic(self) -> float:
-        """Twice the parameters less twice the log-likelihood; NaN where the program has none, as of a weighted
-        likelihood of an engine."""
+        """Twice the parameters less twice the log-likelihood (Akaike 1974); NaN where the program has none, as of a
+        weighted likelihood of an engine."""
         value = self._phase.get("aic")
         return math.nan if value is None else value
 
     @property
     def bic(self) -> float:
-        """As the program has it, by the number that its document names (bic_sample_size)."""
+        """The parameters times the logarithm of a sample size less twice the log-likelihood (Schwarz 1978), by the
+        number that the document names (bic_sample_size)."""
         value = self._phase.get("bic")
         return math.nan if value is None else value
 
     @property
     def deviance(self) -> float:
+        """-2 llf."""
         return -2 * self.llf
 
     @property
     def reml(self) -> bool:
+        """Whether llf is the restricted likelihood."""
         return bool(self._made["settings"].get("REML"))
 
     @property
@@ -190,13 +225,15 @@ class Results:
 
     @property
     def cov_re(self) -> dict[str, Any]:
-        """The covariance matrix of the random effects of each grouping: [p, p] and [b, b]."""
+        """The covariance matrix of the random effects of each grouping: [p, p] and [b, b]; of a multinomial outcome the
+        effects of each category in turn, "(Intercept)[1]" that of the first."""
         return {g: matrix(self._state[f"tau{level}"], names, names)
                 for level, (g, names) in enumerate(zip(self._groupings, self._random), 2) if names}
 
     @property
-    def variances(self):
-        """A row for each variance and covariance: group, term, term2, estimate, std_error, sd or correlation."""
+    def variances(self) -> Table:
+        """A row for each variance and covariance: group, term, term2, estimate, std_error (NaN where there is none),
+        sd_or_correlation; that of level 1 last."""
         rows = []
         for level, (group, names) in enumerate(zip(self._groupings, self._random), 2):
             tau, errors = self._state[f"tau{level}"], self._state[f"tau{level}_errors"]
@@ -205,14 +242,22 @@ class Results:
                 for j in range(i):
                     scale = math.sqrt(tau[i, i] * tau[j, j]) if tau[i, i] > 0 and tau[j, j] > 0 else math.nan
                     rows.append((group, name, names[j], tau[i, j], errors[i, j], tau[i, j] / scale))
-        if self.family == "gaussian":
+        if self._dispersed:
             rows.append(("Residual", "", "", self.scale, self._state["sigma2_error"], math.sqrt(self.scale)))
         names = ("group", "term", "term2", "estimate", "std_error", "sd_or_correlation")
         return frame(dict(zip(names, zip(*rows))) if rows else {name: [] for name in names})
 
     @property
+    def _dispersed(self) -> bool:
+        """Whether there is a variance of level 1: of an outcome that is not normal over-dispersion, where FIXSIGMA2 is 0."""
+        return self.family == "gaussian" or self.scale != 1.0
+
+    @property
     def random_effects(self) -> dict[str, Any]:
-        """The predicted random effects (posterior means) of each grouping: [units, effects], a row for each unit."""
+        """The predicted random effects of each grouping: [units, effects], a row for each unit, in the order of `units`.
+
+        They are means given the data and the estimates (Laird and Ware 1982), after quadrature by its integrals; after
+        Laplace, Laplace-6 and quasi-likelihood the modes. Raises KDR3Error where the fit has none."""
         return {g: matrix(self._effects(level), self.units[g], names)
                 for level, (g, names) in enumerate(zip(self._groupings, self._random), 2) if names}
 
@@ -224,7 +269,8 @@ class Results:
 
     @property
     def random_effects_cov(self) -> dict[str, np.ndarray]:
-        """Their covariances given the data: [units, effects, effects] of each grouping."""
+        """Their covariances given the data: [units, effects, effects] of each grouping; beside modes by the curvature
+        there. The fixed effects count as known."""
         return {g: self._state[f"effects{level}_cov"]
                 for level, (g, names) in enumerate(zip(self._groupings, self._random), 2) if names}
 
@@ -290,17 +336,17 @@ class Results:
         return self._shaped(values[order], rows if index is None else index[rows], names)
 
     @property
-    def fittedvalues(self):
+    def fittedvalues(self) -> Series | Matrix:
         """[n] the mean of each record given the predicted random effects, in the order of the table: of a binomial
         outcome the probability, of counts the expected count; of C categories [n, C], the probability of each."""
         return self._in_rows(self._fitted, self.categories)
 
     @property
-    def resid(self):
+    def resid(self) -> Series | Matrix:
         """[n] the outcome less fittedvalues; of a binomial one its share, of categories [n, C] their indicators."""
         return self.residuals("response")
 
-    def residuals(self, kind: str = "response"):
+    def residuals(self, kind: str = "response") -> Series | Matrix:
         """[n] residuals: "response", or "pearson", which are over the standard deviation of the outcome given its mean.
         Of C categories [n, C], those of the indicator of each one: 0 and 1 less the probability p, over the root of
         p (1 - p)."""
@@ -314,9 +360,9 @@ class Results:
             y, count = y[:, None], count[:, None]
             if self.family == "binomial":
                 y = y / count
-                variance = fitted * (1 - fitted) / count
+                variance = self.scale * fitted * (1 - fitted) / count
             else:
-                variance = fitted if self.family == "poisson" else np.full(y.shape, self.scale)
+                variance = self.scale * (fitted if self.family == "poisson" else np.ones(y.shape))
         left = y - fitted
         return self._in_rows(left / np.sqrt(variance) if kind == "pearson" else left, self.categories)
 
@@ -327,7 +373,7 @@ class Results:
             return []
         return self.levels or [str(value) for value in self.document["model"]["categories"]]
 
-    def predict(self, data: Any = None, kind: str = "response", effects: str = "unit", se: bool = False):
+    def predict(self, data: Any = None, kind: str = "response", effects: str = "unit", se: bool = False) -> Series | Matrix | Table:
         """Predictions for the rows of a table, or for the records of the fit.
 
         Parameters
@@ -405,15 +451,22 @@ class Results:
         lost = np.any([column.absent() for column in columns], axis=0)
         if lost.any():
             lib.tell(f"{int(lost.sum())} of {fields.rows} rows do not tell their unit of {group}: its random effects are taken as 0.")
-        known = {unit if isinstance(unit, tuple) else (unit,): i for i, unit in enumerate(self.units[group])}
-        return np.array([-1 if lost[row] else known.get(tuple(_value(column, row) for column in columns), -1)
-                         for row in range(fields.rows)])
+        units = [tuple(map(str, unit)) if isinstance(unit, tuple) else (str(unit),) for unit in self.units[group]]
+        known = [{name: code for code, name in enumerate(dict.fromkeys(unit[c] for unit in units))} for c in range(len(columns))]
+        codes = [_codesof(column, of) for column, of in zip(columns, known)]
+        sizes = [len(of) for of in known]
+        place = {int(np.ravel_multi_index([of[name] for of, name in zip(known, unit)], sizes)): i for i, unit in enumerate(units)}
+        lost |= np.any([one < 0 for one in codes], axis=0)
+        keys, rows = np.unique(np.ravel_multi_index([np.where(lost, 0, one) for one in codes], sizes), return_inverse=True)
+        return np.where(lost, -1, np.array([place.get(int(key), -1) for key in keys])[rows])
 
     def simulate(self, nsim: int = 1, seed: int | None = None) -> np.ndarray:
         """[n, nsim] outcomes drawn from the model, with new random effects, in the order of the table; of categories
         their places in `categories`, from 0."""
         if lib.whole("nsim", nsim) < 0:
             raise lib.KDR3Error(f"nsim is a whole number from 0. It cannot be {nsim}.")
+        if self.family != "gaussian" and self.scale != 1.0:
+            raise lib.KDR3Error("A model with over-dispersion has no distribution to draw from.")
         draw = np.random.default_rng(seed)
         rows, count = _predict.rows(self), self._outcome[1]
         made = np.empty((self.nobs, nsim))
@@ -436,8 +489,12 @@ class Results:
     # -- Tables ------------------------------------------------------------------------------------------------------
 
     def tidy(self, effects: Sequence[str] = ("fixed", "ran_pars"), conf_int: bool = False, alpha: float = 0.05,
-             robust: bool = False, exponentiate: bool = False):
-        """Estimates as a table with the columns of broom.mixed."""
+             robust: bool = False, exponentiate: bool = False) -> Table:
+        """Estimates as a table with the columns of broom.mixed: effect, group, term, estimate, std.error, statistic, df,
+        p.value, and with `conf_int` conf.low and conf.high.
+
+        `effects` are "fixed" and "ran_pars", standard deviations and correlations. `exponentiate`: odds or rate ratios of
+        the fixed effects, their errors by the delta method."""
         effects = [effects] if isinstance(effects, str) else list(effects)
         if not effects or not set(effects) <= {"fixed", "ran_pars"}:
             raise lib.KDR3Error(f"effects are fixed, ran_pars or both. They cannot be {effects}.")
@@ -463,17 +520,18 @@ class Results:
                 for j in range(i):
                     scale = math.sqrt(tau[i, i] * tau[j, j]) if tau[i, i] > 0 and tau[j, j] > 0 else math.nan
                     yield group, f"cor__{names[j]}.{name}", tau[i, j] / scale
-        if self.family == "gaussian":
+        if self._dispersed:
             yield "Residual", "sd__Observation", math.sqrt(self.scale)
 
-    def glance(self):
+    def glance(self) -> Table:
         """One row: nobs, sigma, logLik, AIC, BIC, deviance (REMLcrit of a restricted likelihood), df.residual."""
         return frame({"nobs": [self.nobs], "sigma": [math.sqrt(self.scale)], "logLik": [self.llf], "AIC": [self.aic],
                       "BIC": [self.bic], "REMLcrit" if self.reml else "deviance": [self.deviance],
                       "df.residual": [self.nobs - self.df_model]})
 
-    def wald_test(self, contrasts, robust: bool = False) -> dict[str, float]:
-        """Whether all rows of contrasts [r, g] are 0: the Wald statistic, r and the p-value of chi-square."""
+    def wald_test(self, contrasts: Any, robust: bool = False) -> dict[str, float]:
+        """Whether all rows of contrasts [r, g] are 0: {"chi_square", "df", "p"}, the Wald statistic, r and the p-value of
+        chi-square. Raises KDR3Error where a row is 0, or depends on the others."""
         try:
             C = np.atleast_2d(np.asarray(contrasts, dtype=float))
         except (TypeError, ValueError):
@@ -572,7 +630,7 @@ class Results:
             for i, name in enumerate(names):
                 correlations = "  ".join(f"{tau[i, j] / (sd[i] * sd[j]):.3f}" if sd[i] * sd[j] > 0 else "-" for j in range(i))
                 random.append([f"{group}  {name}", shown(float(tau[i, i])), shown(float(sd[i])), correlations])
-        if self.family == "gaussian":
+        if self._dispersed:
             random.append(["Residual", shown(self.scale), shown(math.sqrt(self.scale)), ""])
         error = "robust SE" if robust else "SE"
         return about, (["Fixed effects", "estimate", error, "t", "df", "p", "2.5%", "97.5%"], fixed), (
@@ -610,8 +668,9 @@ class Results:
         self._state = {**kept["state"], "table": kept["table"]}
         self._take(self._state)
 
-    def save(self, path) -> None:
-        """Writes the result, with the columns that it was fitted to, as a .npz file of arrays (no pickle)."""
+    def save(self, path: str | os.PathLike[str]) -> None:
+        """Writes the result, with the columns that it was fitted to, as a .npz file of arrays (no pickle), which
+        :func:`kdr3.load` reads."""
         kept = self.__getstate__()
         arrays = {f"table_{name}": value for name, value in kept["table"].items()}
         plain = {}
@@ -632,6 +691,7 @@ class Summary:
         self.formula, self.about, self.fixed, self.random, self.warnings = formula, about, fixed, random, warnings
 
     def as_text(self) -> str:
+        """As it is printed."""
         width = max(len(name) for name, _ in self.about)
         parts = [self.formula, "\n".join(f"{name:{width}}  {value}" for name, value in self.about), table(*self.fixed),
                  table(*self.random), *(f"Warning: {words}" for words in self.warnings)]
@@ -640,6 +700,7 @@ class Summary:
     __str__ = __repr__ = as_text
 
     def as_html(self) -> str:
+        """As a notebook shows it; texts of the data are escaped."""
         def rows(head, body):
             top = "".join(f"<th style='text-align:{'left' if c == 0 else 'right'}'>{html.escape(x)}</th>" for c, x in enumerate(head))
             lines = "".join("<tr>" + "".join(f"<td style='text-align:{'left' if c == 0 else 'right'}'>{html.escape(x)}</td>"
@@ -683,7 +744,7 @@ class Bootstrap:
         self.document = document
         self.warnings = lib.texts(library.kdr3_result_warning, result.pointer)
 
-    def conf_int(self, alpha: float = 0.05):
+    def conf_int(self, alpha: float = 0.05) -> Matrix:
         """[g, 2] percentile intervals of the fixed effects."""
         _checkalpha(alpha)
         values = np.asarray(self.params)
@@ -695,7 +756,7 @@ class Bootstrap:
         return matrix(np.array(bounds), self.results._names, [0, 1])
 
     @property
-    def bse(self):
+    def bse(self) -> Series:
         """[g] standard deviations of the replicates."""
         return series(np.nanstd(np.asarray(self.params), axis=0, ddof=1), self.results._names, "bse")
 
@@ -726,7 +787,20 @@ def _value(column, row: int):
     value = column.values[row]
     if column.labels is not None:
         return column.labels[int(value)] if value >= 0 else None
+    return _plain(value)
+
+
+def _plain(value) -> int | float:
     return int(value) if float(value).is_integer() else float(value)
+
+
+def _codesof(column, known: Mapping[str, int]) -> np.ndarray:
+    """[rows] the codes of values as they are written, so that the number 1, the text and the category are one; -1 of one
+    that is not known."""
+    if column.labels is not None:
+        return np.array([*(known.get(label, -1) for label in column.labels), -1])[column.values]
+    values, places = np.unique(column.values, return_inverse=True)
+    return np.array([known.get(str(_plain(value)), -1) for value in values], dtype=np.int64)[places]
 
 
 def _estimates(handle, result) -> dict[str, Any]:
@@ -793,7 +867,7 @@ def _order(handle, names: list[str]) -> tuple[np.ndarray, list[str]]:
     return np.array([*order, *rest], dtype=np.int64), labels + [names[i] for i in rest]
 
 
-def load(path) -> Results:
+def load(path: str | os.PathLike[str]) -> Results:
     """A result that Results.save has written."""
     try:
         opened = np.load(path, allow_pickle=False)

@@ -114,6 +114,8 @@ class Models(unittest.TestCase):
         rows = np.asarray(m.predict().index)
         few = rows[[5, 900, 77]]
         np.testing.assert_allclose(np.asarray(m.predict({k: v[few] for k, v in data.items()})), whole[[5, 900, 77]], rtol=1e-12)
+        texts = {**{k: v[few] for k, v in data.items()}, "pupil": np.array([str(int(x)) for x in data["pupil"][few]], dtype=object)}
+        np.testing.assert_array_equal(np.asarray(m.predict(texts)), np.asarray(m.predict({k: v[few] for k, v in data.items()})))
         means = kdr3.fit("score ~ center(ses, school) + mean(ses, school) + (1 | school)", data)
         np.testing.assert_allclose(np.asarray(means.predict({k: v[few] for k, v in data.items()})), np.asarray(means.predict()[few]), rtol=1e-12)
         strange = {k: v[few].copy() for k, v in data.items()}
@@ -222,6 +224,25 @@ class Models(unittest.TestCase):
             drawn = m.simulate(200, seed=1)
             shares = np.array([(drawn == k).mean(axis=1) for k in range(3)]).T
             self.assertLess(np.abs(shares - np.asarray(m.predict(effects="population"))).mean(), 0.03)
+
+    def test_errors_of_units_are_those_of_the_mixed_model_equations(self):
+        """Of the working model of quasi-likelihood: rows of (x z) times the inverse of [X Z]'W[X Z] / s2 + [0, 1 / tau]."""
+        data = growth()
+        group = np.unique(data["school"].astype(str), return_inverse=True)[1]
+        for dispersed in (False, True):
+            m = kdr3.fit("cbind(right, tries - right) ~ year + ses + (1 | school)", data, family="binomial", engine="pql",
+                         settings={"FIXSIGMA2": 0} if dispersed else {})
+            self.assertEqual((m.scale != 1.0, "Residual" in list(m.variances["group"])), (dispersed, dispersed))
+            design = np.column_stack([np.ones(len(group)), data["year"], data["ses"], group[:, None] == np.arange(50)])
+            mean = np.asarray(m.fittedvalues)
+            weight = data["tries"] * mean * (1 - mean) / m.scale
+            equations = design.T @ (weight[:, None] * design) + np.diag([0.0] * 3 + [1 / np.asarray(m.cov_re["school"])[0, 0]] * 50)
+            error = np.sqrt(np.einsum("ij,jk,ik->i", design, np.linalg.inv(equations), design))
+            np.testing.assert_allclose(np.asarray(m.predict(kind="link", se=True)["se"]), error, rtol=1e-5)
+            pearson = (data["right"] - data["tries"] * mean) / np.sqrt(m.scale * data["tries"] * mean * (1 - mean))
+            np.testing.assert_allclose(np.asarray(m.residuals("pearson")), pearson, atol=1e-9)
+        with self.assertRaisesRegex(kdr3.KDR3Error, "over-dispersion"):
+            m.simulate()
 
     def test_an_ordinal_model_beside_clmm(self):
         theirs = {line.split()[0]: np.array(line.split()[1:], dtype=float) for line in (REFERENCE / "categoryfits.out").read_text().splitlines()}
@@ -684,7 +705,7 @@ class Calls(unittest.TestCase):
                 ("outcomes differ", small, fit("hours ~ year + ses + (1 | school/pupil)")),
                 ("hashes differ", fit("e ~ year + (1 | school)", {**data, "e": np.where(word, "yes", "no")}, points=7, **logit),
                  fit("e ~ year + ses + (1 | school)", {**data, "e": np.where(word, "yes", "zno")}, points=7, **logit)),
-                ("year is not the same", small, fit("year + ses + (1 | school/pupil)", {**data, "year": data["year"][::-1]})),
+                ("year has other values", small, fit("year + ses + (1 | school/pupil)", {**data, "year": data["year"][::-1]})),
                 ("weights differ", small, fit("year + ses + (1 | school/pupil)", weights1="weeks")),
                 ("is weighted", *(fit(f"{terms} + (1 | school/pupil)", weights1="weeks") for terms in ("year", "year + ses"))),
                 ("did not converge", small, fit("year + (1 | school) + (year | school:pupil)", settings={"NUMIT": 2})),

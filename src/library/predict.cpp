@@ -171,6 +171,9 @@ bool addmodes(UnitEffects& effects, std::ptrdiff_t top) {
     if (place == members.rend()) members.push_back(unit);
     of.rows.push_back(std::move(rows));
     of.outcome.push_back(own.outcome[i]);
+    // Over-dispersion: a variance sigma2 times that of the family.
+    if (!known.outcome.linear() && known.given.sigma2 > 0.0 && known.given.sigma2 != 1.0)
+      of.weight1.push_back(1.0 / known.given.sigma2);
   }
   of.units = static_cast<int>(members.size());
   const FittedModel model = known.model();
