@@ -51,7 +51,7 @@ class Picture:
 
 
 class Plots:
-    """Pictures of a result, each a method. They are those of kdr3-plot, which its page docs/results.md describes."""
+    """Pictures of a result, each a method. They are those of kdr3-plot, which docs/plots.md describes."""
 
     def __init__(self, results):
         self._m = results
