@@ -127,8 +127,14 @@ def runof(m) -> files.Run:
     """The model as kdr3-plot reads a run; made once of a result."""
     if "_run" not in m.__dict__:
         document = documentof(m)
-        m._run = files.Run.ofcolumns(document, "the result", tables(m, document), m._phase["phase"])
+        m._run = files.Run.ofcolumns(document, "the result", tables(m, document), phaseof(m)["phase"])
     return m._run
+
+
+def phaseof(m) -> dict[str, Any]:
+    """Whose the random effects are: with fixed nodes of quadrature those of quasi-likelihood, as in the program's files."""
+    pql = next((phase for phase in m.document["phases"] if phase["phase"] == "pql"), None)
+    return pql if pql and m._phase.get("points") == 0 else m._phase
 
 
 def tables(m, document) -> list[files.Table]:
@@ -157,7 +163,7 @@ def coefficients(m, document) -> SimpleNamespace:
     unit2 = m._state["unit2"]
     unit3 = m._state["unit3"] if three else np.zeros(len(unit2), dtype=np.int64)
     first2, first3 = (np.unique(unit, return_index=True)[1] for unit in (unit2, unit3))
-    gamma = [effect["estimate"] for effect in m._phase["fixed_effects"]]
+    gamma = [effect["estimate"] for effect in phaseof(m)["fixed_effects"]]
 
     def at(level, variable, rows):
         return np.ones(len(rows)) if documents.isintercept(variable) or variable is None else values[level, variable][rows]

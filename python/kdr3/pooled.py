@@ -66,12 +66,8 @@ class Pooled:
     params, fe_params, bse, bse_fe, bse_robust = Results.params, Results.params, Results.bse, Results.bse, Results.bse_robust
     cov_params, _se, _t, tvalues = Results.cov_params, Results._se, Results._t, Results.tvalues
     cov_re, variances, _deviations, wald_test = Results.cov_re, Results.variances, Results._deviations, Results.wald_test
-    _termtests, _categories = Results._termtests, Results._categories
+    _termtests = Results._termtests
     _p, pvalues, conf_int = Results._p, Results.pvalues, Results.conf_int
-
-    @property
-    def document(self):
-        return self.fits[0].document
 
     def _df(self, robust: bool = False) -> np.ndarray:
         return self._free["robust" if robust else "covariance"]
@@ -146,7 +142,7 @@ class Pooled:
                  ("Records", ", ".join(dict.fromkeys(str(fit.nobs) for fit in self.fits))),
                  *((name, ", ".join(dict.fromkeys(str(fit.ngroups[name]) for fit in self.fits)) + " units") for name in self._groupings)]
         if self.levels or self.family in ("ordinal", "multinomial"):
-            about.insert(1, ("Categories", self._categories()))
+            about.insert(1, ("Categories", self.fits[0]._categories()))
         if self.weights:
             about.append(("Weights", ", ".join(f"{name}: {column}" for name, column in self.weights.items())
                           + "; standard errors are the sandwich"))
