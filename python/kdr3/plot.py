@@ -257,7 +257,7 @@ def fits(m, document, c) -> dict[str, np.ndarray]:
         return {"L1RESID": y - offset - x, "FITVAL": x + offset, "SIGMA": np.full(len(y), np.sqrt(m.scale))}
     mean = m._mean(x)
     raw, variance = y - count * mean, count * (mean * (1 - mean) if m.family == "binomial" else mean)
-    return {"L1RESID": raw / variance, "FITVAL": x, "SIGMA": np.ones(len(y)), "FITMU": count * mean, "RAWRES": raw}
+    return {"L1RESID": raw / variance, "FITVAL": x, "SIGMA": np.full(len(y), np.sqrt(m.scale)), "FITMU": count * mean, "RAWRES": raw}
 
 
 def ofcategories(family: str, y: np.ndarray, eta: np.ndarray, thresholds: np.ndarray) -> dict[str, np.ndarray]:
