@@ -51,7 +51,7 @@ class Picture:
 
 
 class Plots:
-    """Pictures of a result, each a method. They are those of kdr3-plot, which its page docs/results.md describes."""
+    """Pictures of a result, each a method. They are those of kdr3-plot, which docs/plots.md describes."""
 
     def __init__(self, results):
         self._m = results
@@ -127,8 +127,14 @@ def runof(m) -> files.Run:
     """The model as kdr3-plot reads a run; made once of a result."""
     if "_run" not in m.__dict__:
         document = documentof(m)
-        m._run = files.Run.ofcolumns(document, "the result", tables(m, document), m._phase["phase"])
+        m._run = files.Run.ofcolumns(document, "the result", tables(m, document), phaseof(m)["phase"])
     return m._run
+
+
+def phaseof(m) -> dict[str, Any]:
+    """Whose the random effects are: with fixed nodes of quadrature those of quasi-likelihood, as in the program's files."""
+    pql = next((phase for phase in m.document["phases"] if phase["phase"] == "pql"), None)
+    return pql if pql and m._phase.get("points") == 0 else m._phase
 
 
 def tables(m, document) -> list[files.Table]:
@@ -157,7 +163,7 @@ def coefficients(m, document) -> SimpleNamespace:
     unit2 = m._state["unit2"]
     unit3 = m._state["unit3"] if three else np.zeros(len(unit2), dtype=np.int64)
     first2, first3 = (np.unique(unit, return_index=True)[1] for unit in (unit2, unit3))
-    gamma = [effect["estimate"] for effect in m._phase["fixed_effects"]]
+    gamma = [effect["estimate"] for effect in phaseof(m)["fixed_effects"]]
 
     def at(level, variable, rows):
         return np.ones(len(rows)) if documents.isintercept(variable) or variable is None else values[level, variable][rows]
@@ -251,7 +257,7 @@ def fits(m, document, c) -> dict[str, np.ndarray]:
         return {"L1RESID": y - offset - x, "FITVAL": x + offset, "SIGMA": np.full(len(y), np.sqrt(m.scale))}
     mean = m._mean(x)
     raw, variance = y - count * mean, count * (mean * (1 - mean) if m.family == "binomial" else mean)
-    return {"L1RESID": raw / variance, "FITVAL": x, "SIGMA": np.ones(len(y)), "FITMU": count * mean, "RAWRES": raw}
+    return {"L1RESID": raw / variance, "FITVAL": x, "SIGMA": np.full(len(y), np.sqrt(m.scale)), "FITMU": count * mean, "RAWRES": raw}
 
 
 def ofcategories(family: str, y: np.ndarray, eta: np.ndarray, thresholds: np.ndarray) -> dict[str, np.ndarray]:

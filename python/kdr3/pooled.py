@@ -1,13 +1,14 @@
 """Imputed data: fits of several tables as one result."""
 from __future__ import annotations
 
+import copy
 import math
 from typing import Any, Sequence
 
 import numpy as np
 
 from . import _library as lib
-from ._frames import Frame, frame, matrix, series, shown
+from ._frames import Frame, matrix, series, shown
 from ._table import names
 from .results import Results, Summary, _degrees, _p
 
@@ -66,12 +67,8 @@ class Pooled:
     params, fe_params, bse, bse_fe, bse_robust = Results.params, Results.params, Results.bse, Results.bse, Results.bse_robust
     cov_params, _se, _t, tvalues = Results.cov_params, Results._se, Results._t, Results.tvalues
     cov_re, variances, _deviations, wald_test = Results.cov_re, Results.variances, Results._deviations, Results.wald_test
-    _termtests, _categories = Results._termtests, Results._categories
+    _termtests = Results._termtests
     _p, pvalues, conf_int = Results._p, Results.pvalues, Results.conf_int
-
-    @property
-    def document(self):
-        return self.fits[0].document
 
     def _df(self, robust: bool = False) -> np.ndarray:
         return self._free["robust" if robust else "covariance"]
@@ -123,14 +120,15 @@ class Pooled:
             raise lib.KDR3Error("The tables lead to fits of different records, whose predictions have no means. New data have.")
         values = np.array([np.asarray(one, dtype=float) for one in parts])
         mean = values.mean(axis=0)
-        index = getattr(parts[0], "index", range(len(mean)))
-        shaped = series(mean, index) if mean.ndim == 1 else matrix(mean, index, getattr(parts[0], "columns", range(mean.shape[1])))
         if not se:
-            return shaped
+            index = getattr(parts[0], "index", range(len(mean)))
+            return series(mean, index) if mean.ndim == 1 else matrix(mean, index, getattr(parts[0], "columns", range(mean.shape[1])))
         within = np.mean([np.asarray(one["se"], dtype=float) ** 2 for one in made], axis=0)
         m = len(made)
         between = values.var(axis=0, ddof=1) * (1 + 1 / m) if m > 1 else 0.0
-        return frame({"predicted": shaped, "se": series(np.sqrt(within + between), index)})
+        shaped = copy.copy(made[0])  # of categories with a column for each
+        shaped["predicted"], shaped["se"] = mean, np.sqrt(within + between)
+        return shaped
 
     def tidy(self, effects: Sequence[str] = ("fixed", "ran_pars"), conf_int: bool = False, alpha: float = 0.05,
              robust: bool = False, exponentiate: bool = False):
@@ -146,7 +144,7 @@ class Pooled:
                  ("Records", ", ".join(dict.fromkeys(str(fit.nobs) for fit in self.fits))),
                  *((name, ", ".join(dict.fromkeys(str(fit.ngroups[name]) for fit in self.fits)) + " units") for name in self._groupings)]
         if self.levels or self.family in ("ordinal", "multinomial"):
-            about.insert(1, ("Categories", self._categories()))
+            about.insert(1, ("Categories", self.fits[0]._categories()))
         if self.weights:
             about.append(("Weights", ", ".join(f"{name}: {column}" for name, column in self.weights.items())
                           + "; standard errors are the sandwich"))

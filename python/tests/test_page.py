@@ -42,9 +42,10 @@ with tempfile.TemporaryDirectory() as place:
     shutil.copytree(TREE / "examples", f"{place}/examples")
     os.chdir(f"{place}/examples/growth")
     try:
+        import matplotlib  # noqa: F401: of the pictures
         import pandas
         pandas.set_option("display.width", 120)
     except ImportError:
-        print("No pandas: the page is not run")
+        print("No pandas or matplotlib: the page is not run")
         sys.exit(0)
     sys.exit(main())
