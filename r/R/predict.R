@@ -23,7 +23,7 @@ wantedeffects <- function(object, re.form) {
 }
 
 # X and the Z of each block of new data, the codes of their units (NA: a new one), and the offset. NULL is the fit's own data.
-newdesign <- function(object, newdata, blocks, allow.new.levels, na.action) {
+newdesign <- function(object, newdata, blocks, allow.new.levels, na.action, units = TRUE) {
   if (is.null(newdata)) {
     frame <- object$frame
     Z <- lapply(object$blocks[blocks], function(b) stats::model.matrix(b$terms, frame)[, b$columns, drop = FALSE])
@@ -51,10 +51,10 @@ newdesign <- function(object, newdata, blocks, allow.new.levels, na.action) {
   }
   made <- list(X = X, Z = Z, offset = offset, names = rownames(newdata))
   made$untold <- logical(nrow(X))  # rows that don't say what unit they are of
-  for (l in unique(object$blocklevel[blocks])) {
-    units <- unitcodes(object, l, newdata, allow.new.levels)
-    made[[c("level2", "level3")[l - 1L]]] <- units$codes
-    made$untold <- made$untold | units$untold
+  for (l in if (units) unique(object$blocklevel[blocks])) {
+    found <- unitcodes(object, l, newdata, allow.new.levels)
+    made[[c("level2", "level3")[l - 1L]]] <- found$codes
+    made$untold <- made$untold | found$untold
   }
   # A missing value makes a missing prediction, or leaves the row out.
   bad <- !stats::complete.cases(frame)
@@ -100,7 +100,7 @@ predict.kdr3 <- function(object, newdata = NULL, type = c("link", "response", "a
   average <- type == "average"
   wanted <- wantedeffects(object, if (!average) re.form)
   blocks <- which(vapply(wanted, any, NA))
-  design <- newdesign(object, newdata, blocks, allow.new.levels || average, na.action)
+  design <- newdesign(object, newdata, blocks, allow.new.levels, na.action, units = !average)
   if (length(design$drop) > 0L && identical(na.action, stats::na.omit)) refuse("na.action of predictions is na.pass: the rows keep their places.")
   Z <- list()
   for (l in 1:2) Z[[l]] <- matrix(0, nrow(design$X), length(object$owner[[l]]))  # 0 of the effects that are left out

@@ -268,6 +268,6 @@ test_that("outcomes with categories", {
     })
     expect_equal(as.numeric(logLik(m)), sum(log(exp(given) %*% dnorm(u) * (u[2] - u[1]))), tolerance = 1e-7)
     below <- sapply(cuts[1:2], function(cut) sum(plogis(sum(b[1:2] * c(1, new$x[1])) + cut + s * u) * dnorm(u)) * (u[2] - u[1]))
-    expect_equal(predict(m, new, type = "average")[1, 1:2], c(below[1], diff(below)), tolerance = 1e-7, ignore_attr = TRUE)
+    expect_equal(predict(m, new["x"], type = "average")[1, 1:2], c(below[1], diff(below)), tolerance = 1e-7, ignore_attr = TRUE)
   }
 })
