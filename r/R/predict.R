@@ -46,7 +46,9 @@ newdesign <- function(object, newdata, blocks, allow.new.levels, na.action, unit
   Z <- lapply(object$blocks[blocks], function(b) stats::model.matrix(b$terms, frameof(b$terms))[, b$columns, drop = FALSE])
   offset <- stats::model.offset(frame)
   if (!is.null(object$call$offset)) {
-    extra <- eval(object$call$offset, newdata, environment(object$formula))
+    extra <- tryCatch(eval(object$call$offset, newdata, environment(object$formula)), error = function(e)
+      refuse("The new data don't give the offset: ", conditionMessage(e), ".", class = "kdr3_data"))
+    if (length(extra) != nrow(newdata)) refuse("The offset has ", length(extra), " values, and the new data ", nrow(newdata), " rows.", class = "kdr3_data")
     offset <- if (is.null(offset)) extra else offset + extra
   }
   made <- list(X = X, Z = Z, offset = offset, names = rownames(newdata))
@@ -85,9 +87,9 @@ checkcount <- function(n, name)
   if (!is.numeric(n) || length(n) != 1L || is.na(n) || n < 1 || n != round(n) || n > .Machine$integer.max)
     refuse(name, " is a whole number of 1 or more.", class = "kdr3_refused")
 
-# Arguments that a method doesn't have are told, not passed over.
-unused <- function(...) {
-  names <- setdiff(c(...names(), rep("", ...length() - length(...names()))), "ReForm")
+# Arguments that a method doesn't have are told, not passed over; `known` are those of lme4 that mean nothing here.
+unused <- function(..., known = character()) {
+  names <- setdiff(c(...names(), rep("", ...length() - length(...names()))), known)
   if (length(names) > 0L)
     warn(paste0("There is no argument ", if (nzchar(names[1L])) names[1L] else "without a name in this place", ": it is passed over."), class = "kdr3_unused")
 }
@@ -95,7 +97,7 @@ unused <- function(...) {
 predict.kdr3 <- function(object, newdata = NULL, type = c("link", "response", "average"), re.form = NULL, allow.new.levels = FALSE,
                          se.fit = FALSE, na.action = stats::na.pass, random.only = FALSE, ...) {
   type <- chosen(type, c("link", "response", "average"), "type")
-  unused(...)
+  unused(..., known = "ReForm")
   if (is.null(re.form) && ...length() > 0L && isTRUE(is.na(list(...)$ReForm))) re.form <- NA
   average <- type == "average"
   wanted <- wantedeffects(object, if (!average) re.form)
@@ -202,6 +204,7 @@ owndesign <- function(object) {
 # Outcomes drawn from the model: linear predictors with new random effects, or those of the fit.
 simulate.kdr3 <- function(object, nsim = 1, seed = NULL, use.u = FALSE, re.form = if (use.u) NULL else NA, ...) {
   checkcount(nsim, "nsim")
+  unused(..., known = "verbose")
   if (!exists(".Random.seed", envir = globalenv())) stats::runif(1)
   if (is.null(seed)) {
     state <- get(".Random.seed", envir = globalenv())
