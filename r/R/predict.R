@@ -103,7 +103,9 @@ predict.kdr3 <- function(object, newdata = NULL, type = c("link", "response", "a
   wanted <- wantedeffects(object, if (!average) re.form)
   blocks <- which(vapply(wanted, any, NA))
   design <- newdesign(object, newdata, blocks, allow.new.levels, na.action, units = !average)
-  if (length(design$drop) > 0L && identical(na.action, stats::na.omit)) refuse("na.action of predictions is na.pass: the rows keep their places.")
+  if (length(design$drop) > 0L && identical(na.action, stats::na.fail)) refuse("The new data have missing values.", class = "kdr3_data")
+  if (random.only && (se.fit || average)) refuse("random.only has no standard errors, and no average.", class = "kdr3_refused")
+  left <- setdiff(seq_len(nrow(design$X)), if (identical(na.action, stats::na.omit)) design$drop)
   Z <- list()
   for (l in 1:2) Z[[l]] <- matrix(0, nrow(design$X), length(object$owner[[l]]))  # 0 of the effects that are left out
   for (i in seq_along(blocks)) {
@@ -114,7 +116,7 @@ predict.kdr3 <- function(object, newdata = NULL, type = c("link", "response", "a
   shaped <- function(v) {
     if (any(design$untold)) if (is.matrix(v)) v[design$untold, ] <- NA else v[design$untold] <- NA
     if (is.matrix(v)) dimnames(v) <- list(design$names, object$levels[seq_len(ncol(v))]) else names(v) <- design$names
-    if (is.null(newdata)) padded(object, v) else v
+    if (is.null(newdata)) padded(object, v) else if (is.matrix(v)) v[left, , drop = FALSE] else v[left]
   }
   found <- if (se.fit || average) libraryprediction(object, design, Z, type, !average && length(blocks) > 0L)
   fit <- if (average) found$values else {
