@@ -18,7 +18,7 @@ interrupted <- function() {
 # Words of the library's sentences that mean the program's keywords, in those of kdr3().
 words <- c("AUTO in the place of the points finds" = "Without points = the fit finds",
            "One point, AGQ:Y,[0-9]+,1 \\(the Laplace approximation\\), does" = "engine = \"laplace\" does",
-           " \\(AGQ:\\)" = "",
+           " \\(AGQ:\\)" = "", "^THREADS takes" = "threads takes",
            "Level-([123]) Weights must be positive!" = "weights\\1 must be positive.",
            "Unable to do only level-1 and level-3 weights\\." = "weights1 and weights3 need weights2 between them.")
 

@@ -29,6 +29,7 @@ confint.kdr3 <- function(object, parm, level = 0.95, method = c("Wald", "profile
                          boot.type = c("perc", "basic"), threads = NULL, ...) {
   method <- chosen(method, c("Wald", "profile", "boot"), "method")
   checklevel(level)
+  unused(..., known = c("oldNames", "signames", "quiet"))
   made <- switch(method, Wald = waldintervals(object, level, vcov.), profile = profileintervals(object, level),
                  boot = stats::confint(bootstrap(object, nsim, seed = seed, threads = threads), level = level, type = match.arg(boot.type)))
   if (missing(parm)) return(made)

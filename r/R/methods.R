@@ -144,7 +144,7 @@ print.VarCorr.kdr3 <- function(x, digits = max(3, getOption("digits") - 2), comp
 }
 
 vcov.kdr3 <- function(object, type = c("model", "robust", "CR2"), ...) {
-  type <- match.arg(type)
+  type <- chosen(type, c("model", "robust", "CR2"), "type")
   if (type == "model") return(object$vcov)
   V <- if (type == "robust") object$robust else refitted(object, settings = c(CR2 = 1))$robust
   if (anyNA(V)) refuse("The robust covariance matrix can't be computed: it needs more units of the highest level than fixed effects.", class = "kdr3_refused")
@@ -263,7 +263,9 @@ plainresiduals <- function(object, type) {
 
 # Of outcomes with categories a matrix: 1 in the column of the record's category, less the probabilities.
 residuals.kdr3 <- function(object, type = c("response", "pearson", "working", "deviance"), scaled = FALSE, ...) {
-  type <- if (missing(type) && !hassigma(object) && !categorical(object$family)) "deviance" else match.arg(type)
+  type <- if (missing(type) && !hassigma(object) && !categorical(object$family)) "deviance" else
+    chosen(type, c("response", "pearson", "working", "deviance"), "type")
+  unused(...)
   r <- plainresiduals(object, type)
   if (scaled) r <- r / stats::sigma(object)
   if (is.matrix(r)) rownames(r) <- rownames(object$frame) else names(r) <- rownames(object$frame)

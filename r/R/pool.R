@@ -54,11 +54,12 @@ renamed <- function(fit, names) {
 # Why the fits are of different models, which no average can be of: a sentence, or NULL.
 differentmodels <- function(a, b) {
   if (!identical(names(a$coefficients), names(b$coefficients))) return("the fixed effects differ")
-  if (!identical(a$levels, b$levels)) return(paste0("the categories of the outcome are ", paste(a$levels, collapse = ", "), " and ", paste(b$levels, collapse = ", ")))
+  both <- function(x, y) paste(paste(x, collapse = ", "), "and", paste(y, collapse = ", "))
+  if (!identical(a$levels, b$levels)) return(paste("the categories of the outcome are", both(a$levels, b$levels)))
   if (!identical(lapply(a$taus, rownames), lapply(b$taus, rownames))) return("the random effects differ")
   for (factor in intersect(names(a$xlevels), variablenames(a$terms)))
     if (!identical(a$xlevels[[factor]], b$xlevels[[factor]]))
-      return(paste0("the levels of ", factor, " are ", paste(a$xlevels[[factor]], collapse = ", "), " and ", paste(b$xlevels[[factor]], collapse = ", ")))
+      return(paste0("the levels of ", factor, " are ", both(a$xlevels[[factor]], b$xlevels[[factor]])))
   if (!identical(a$contrasts, b$contrasts)) return("the contrasts differ")
   if (a$engine != b$engine) return("the engines differ")
   NULL
@@ -69,15 +70,16 @@ tellpooled <- function(fits) {
   n <- vapply(fits, nobs, 0L)
   if (length(unique(n)) > 1L)
     warn(paste0("The fits are of different records: ", paste(n, collapse = ", "), ". Imputed data have the same."), class = "kdr3_fitwarning")
-  if (any(vapply(fits, function(f) !identical(lapply(f$groups, function(g) sort(g$labels)), lapply(fits[[1L]]$groups, function(g) sort(g$labels))), NA)))
+  units <- lapply(fits, function(f) lapply(f$groups, function(g) sort(g$labels)))
+  if (!all(vapply(units, identical, NA, units[[1L]])))
     warn("The fits are of different units.", class = "kdr3_fitwarning")
   bases <- vapply(fits, function(f) {
     made <- as.list(attr(f$terms, "predvars"))  # with knots and the like, where a variable is made of all values
     paste(vapply(made[!mapply(identical, made, as.list(attr(f$terms, "variables")))], deparse1, ""), collapse = "; ")
   }, "")
   if (length(unique(bases)) > 1L)
-    warn("Terms like poly(), ns() and scale() are made of each data set by itself, so that their effects are of different columns: give them fixed knots, coefficients or centers.",
-         class = "kdr3_fitwarning")
+    warn(paste("Terms like poly(), ns() and scale() are made of each data set by itself, so that their effects are of different columns:",
+               "give them fixed knots, coefficients or centers."), class = "kdr3_fitwarning")
 }
 
 # Within V, between B, total V + (1 + 1/M) B; degrees of freedom (M - 1)(V / T + 1)^2 with T = (1 + 1/M) B, cut to a

@@ -23,7 +23,7 @@ wantedeffects <- function(object, re.form) {
 }
 
 # X and the Z of each block of new data, the codes of their units (NA: a new one), and the offset. NULL is the fit's own data.
-newdesign <- function(object, newdata, blocks, allow.new.levels, na.action) {
+newdesign <- function(object, newdata, blocks, allow.new.levels, na.action, units = TRUE) {
   if (is.null(newdata)) {
     frame <- object$frame
     Z <- lapply(object$blocks[blocks], function(b) stats::model.matrix(b$terms, frame)[, b$columns, drop = FALSE])
@@ -46,15 +46,17 @@ newdesign <- function(object, newdata, blocks, allow.new.levels, na.action) {
   Z <- lapply(object$blocks[blocks], function(b) stats::model.matrix(b$terms, frameof(b$terms))[, b$columns, drop = FALSE])
   offset <- stats::model.offset(frame)
   if (!is.null(object$call$offset)) {
-    extra <- eval(object$call$offset, newdata, environment(object$formula))
+    extra <- tryCatch(eval(object$call$offset, newdata, environment(object$formula)), error = function(e)
+      refuse("The new data don't give the offset: ", conditionMessage(e), ".", class = "kdr3_data"))
+    if (length(extra) != nrow(newdata)) refuse("The offset has ", length(extra), " values, and the new data ", nrow(newdata), " rows.", class = "kdr3_data")
     offset <- if (is.null(offset)) extra else offset + extra
   }
   made <- list(X = X, Z = Z, offset = offset, names = rownames(newdata))
   made$untold <- logical(nrow(X))  # rows that don't say what unit they are of
-  for (l in unique(object$blocklevel[blocks])) {
-    units <- unitcodes(object, l, newdata, allow.new.levels)
-    made[[c("level2", "level3")[l - 1L]]] <- units$codes
-    made$untold <- made$untold | units$untold
+  for (l in if (units) unique(object$blocklevel[blocks])) {
+    found <- unitcodes(object, l, newdata, allow.new.levels)
+    made[[c("level2", "level3")[l - 1L]]] <- found$codes
+    made$untold <- made$untold | found$untold
   }
   # A missing value makes a missing prediction, or leaves the row out.
   bad <- !stats::complete.cases(frame)
@@ -85,9 +87,9 @@ checkcount <- function(n, name)
   if (!is.numeric(n) || length(n) != 1L || is.na(n) || n < 1 || n != round(n) || n > .Machine$integer.max)
     refuse(name, " is a whole number of 1 or more.", class = "kdr3_refused")
 
-# Arguments that a method doesn't have are told, not passed over.
-unused <- function(...) {
-  names <- setdiff(c(...names(), rep("", ...length() - length(...names()))), "ReForm")
+# Arguments that a method doesn't have are told, not passed over; `known` are those of lme4 that mean nothing here.
+unused <- function(..., known = character()) {
+  names <- setdiff(c(...names(), rep("", ...length() - length(...names()))), known)
   if (length(names) > 0L)
     warn(paste0("There is no argument ", if (nzchar(names[1L])) names[1L] else "without a name in this place", ": it is passed over."), class = "kdr3_unused")
 }
@@ -95,13 +97,15 @@ unused <- function(...) {
 predict.kdr3 <- function(object, newdata = NULL, type = c("link", "response", "average"), re.form = NULL, allow.new.levels = FALSE,
                          se.fit = FALSE, na.action = stats::na.pass, random.only = FALSE, ...) {
   type <- chosen(type, c("link", "response", "average"), "type")
-  unused(...)
+  unused(..., known = "ReForm")
   if (is.null(re.form) && ...length() > 0L && isTRUE(is.na(list(...)$ReForm))) re.form <- NA
   average <- type == "average"
   wanted <- wantedeffects(object, if (!average) re.form)
   blocks <- which(vapply(wanted, any, NA))
-  design <- newdesign(object, newdata, blocks, allow.new.levels || average, na.action)
-  if (length(design$drop) > 0L && identical(na.action, stats::na.omit)) refuse("na.action of predictions is na.pass: the rows keep their places.")
+  design <- newdesign(object, newdata, blocks, allow.new.levels, na.action, units = !average)
+  if (length(design$drop) > 0L && identical(na.action, stats::na.fail)) refuse("The new data have missing values.", class = "kdr3_data")
+  if (random.only && (se.fit || average)) refuse("random.only has no standard errors, and no average.", class = "kdr3_refused")
+  left <- setdiff(seq_len(nrow(design$X)), if (identical(na.action, stats::na.omit)) design$drop)
   Z <- list()
   for (l in 1:2) Z[[l]] <- matrix(0, nrow(design$X), length(object$owner[[l]]))  # 0 of the effects that are left out
   for (i in seq_along(blocks)) {
@@ -112,7 +116,7 @@ predict.kdr3 <- function(object, newdata = NULL, type = c("link", "response", "a
   shaped <- function(v) {
     if (any(design$untold)) if (is.matrix(v)) v[design$untold, ] <- NA else v[design$untold] <- NA
     if (is.matrix(v)) dimnames(v) <- list(design$names, object$levels[seq_len(ncol(v))]) else names(v) <- design$names
-    if (is.null(newdata)) padded(object, v) else v
+    if (is.null(newdata)) padded(object, v) else if (is.matrix(v)) v[left, , drop = FALSE] else v[left]
   }
   found <- if (se.fit || average) libraryprediction(object, design, Z, type, !average && length(blocks) > 0L)
   fit <- if (average) found$values else {
@@ -202,6 +206,7 @@ owndesign <- function(object) {
 # Outcomes drawn from the model: linear predictors with new random effects, or those of the fit.
 simulate.kdr3 <- function(object, nsim = 1, seed = NULL, use.u = FALSE, re.form = if (use.u) NULL else NA, ...) {
   checkcount(nsim, "nsim")
+  unused(..., known = "verbose")
   if (!exists(".Random.seed", envir = globalenv())) stats::runif(1)
   if (is.null(seed)) {
     state <- get(".Random.seed", envir = globalenv())

@@ -13,6 +13,8 @@ headline <- function(object) {
   cat("Formula: ", deparse1(object$formula), "\n", sep = "")
   if (object$family$family == "ordinal")
     cat("Levels: ", paste(object$levels, collapse = " < "), "; a positive effect means lower ones\n", sep = "")
+  if (object$family$family == "binomial" && length(object$levels) == 2L)
+    cat("Event: ", object$levels[2L], " (not ", object$levels[1L], ")\n", sep = "")
   if (object$family$family == "multinomial")
     cat("Reference: ", object$levels[length(object$levels)], "\n", sep = "")
   if (!is.null(object$call$data)) cat("   Data: ", deparse1(object$call$data), "\n", sep = "")

@@ -34,6 +34,7 @@ test_that("a bad call is one clear error of its own class, and the session goes 
   expect_error(confint(m, "z"), "no interval of z", class = "kdr3_refused")
   expect_warning(predict(m, d, interval = "confidence"), "no argument interval", class = "kdr3_unused")
   expect_error(predict(m, 3), "is a data frame", class = "kdr3_data")
+  expect_error(predict(kdr3(y ~ x + (1 | school), d, offset = w), d[1:2, c("x", "school")]), "don't give the offset", class = "kdr3_data")
   expect_error(predict(m, re.form = ~ (x | school)), "effect that the model hasn't: x over school", class = "kdr3_refused")
   expect_error(predict(m, re.form = ~ (1 | pupil)), "hasn't: \\(Intercept\\) over pupil", class = "kdr3_refused")
   expect_error(drop1(m, "z"), "no term z", class = "kdr3_refused")
@@ -268,6 +269,6 @@ test_that("outcomes with categories", {
     })
     expect_equal(as.numeric(logLik(m)), sum(log(exp(given) %*% dnorm(u) * (u[2] - u[1]))), tolerance = 1e-7)
     below <- sapply(cuts[1:2], function(cut) sum(plogis(sum(b[1:2] * c(1, new$x[1])) + cut + s * u) * dnorm(u)) * (u[2] - u[1]))
-    expect_equal(predict(m, new, type = "average")[1, 1:2], c(below[1], diff(below)), tolerance = 1e-7, ignore_attr = TRUE)
+    expect_equal(predict(m, new["x"], type = "average")[1, 1:2], c(below[1], diff(below)), tolerance = 1e-7, ignore_attr = TRUE)
   }
 })

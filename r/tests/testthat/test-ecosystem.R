@@ -76,6 +76,36 @@ test_that("what marginaleffects and DHARMa call", {
   expect_equal(at("getFitted.kdr3")(b), plogis(drop(unname(model.matrix(b) %*% fixef(b)))))
 })
 
+test_that("the methods are registered where the package of the generic is loaded later", {
+  skip_if(nzchar(system.file(package = "marginaleffects")))
+  place <- tempfile("standin")
+  on.exit(unlink(place, recursive = TRUE))
+  dir.create(file.path(place, "marginaleffects", "R"), recursive = TRUE)
+  generics <- c("get_coef", "set_coef", "get_vcov", "get_predict")
+  write.dcf(list(Package = "marginaleffects", Version = "0.1", Title = "Generics", Description = "Generics.", License = "none", Author = "none",
+                 Maintainer = "none <root@localhost>"), file.path(place, "marginaleffects", "DESCRIPTION"))
+  writeLines(paste0("export(", generics, ")"), file.path(place, "marginaleffects", "NAMESPACE"))
+  writeLines(paste0(generics, " <- function(model, ...) UseMethod(\"", generics, "\")"), file.path(place, "marginaleffects", "R", "generics.R"))
+  dir.create(file.path(place, "library"))
+  utils::install.packages(file.path(place, "marginaleffects"), lib = file.path(place, "library"), repos = NULL, type = "source", quiet = TRUE)
+  at <- loadNamespace("marginaleffects", lib.loc = file.path(place, "library"))
+  on.exit(unloadNamespace("marginaleffects"), add = TRUE)
+  expect_equal(at$get_coef(b), fixef(b))
+  expect_equal(at$get_coef(at$set_coef(b, c(1, 2))), c(1, 2), ignore_attr = TRUE)
+  # Slopes by differences of predictions, and their errors by differences over the coefficients: the delta method.
+  new <- data.frame(x = c(-1, 0, 1), school = 1, rowid = c(7, 8, 9))
+  slope <- function(m) {
+    value <- function(shift) at$get_predict(m, transform(new, x = x + shift), type = "response", re.form = NA)
+    expect_equal(value(0)$rowid, new$rowid)
+    mean((value(1e-4)$estimate - value(-1e-4)$estimate) / 2e-4)
+  }
+  beta <- at$get_coef(b)
+  J <- sapply(seq_along(beta), function(i) (slope(at$set_coef(b, replace(beta, i, beta[i] + 1e-4))) - slope(at$set_coef(b, replace(beta, i, beta[i] - 1e-4)))) / 2e-4)
+  eta <- beta[1] + beta[2] * new$x
+  by.hand <- c(mean(dlogis(eta) * (1 - 2 * plogis(eta)) * beta[2]), mean(dlogis(eta) + dlogis(eta) * (1 - 2 * plogis(eta)) * new$x * beta[2]))
+  expect_equal(J, by.hand, tolerance = 1e-5, ignore_attr = TRUE)
+})
+
 test_that("generics of lme4 know the fits", {
   skip_if_not_installed("lme4")
   expect_equal(lme4::ngrps(m), ngrps(m))

@@ -17,6 +17,21 @@ for (name in names(cases)) local({
   })
 })
 
+test_that("a nested piece of InstEval", {
+  skip_if_not_installed("lme4")
+  data("InstEval", package = "lme4", envir = environment())
+  piece <- InstEval[as.integer(InstEval$s) %% 40 == 0, ]
+  m <- kdr3(y ~ service + (1 | dept / d), piece, control = list(STOPVAL = 1e-9, NUMIT = 1000))
+  l <- lme4::lmer(y ~ service + (1 | dept / d), piece, REML = FALSE)
+  same <- function(ours, theirs) expect_lt(max(abs(ours - theirs)), 5e-4)
+  same(as.numeric(logLik(m)), as.numeric(logLik(l)))
+  same(fixef(m), fixef(l))
+  same(as.data.frame(VarCorr(m))$vcov, as.data.frame(lme4::VarCorr(l))$vcov)
+  same(fitted(m), fitted(l))
+  same(as.data.frame(ranef(m))$condsd, as.data.frame(lme4::ranef(l))$condsd)
+  expect_equal(ngrps(m), ngrps(l))
+})
+
 test_that("printed forms are lme4's", {
   m <- kdr3(Reaction ~ Days + (Days | Subject), dataof("sleepstudy"))
   expect_output(print(summary(m)), paste0("Linear mixed model fit by maximum likelihood.*Formula: Reaction ~ Days.*AIC +BIC +logLik.*Scaled residuals",
