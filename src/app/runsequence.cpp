@@ -405,6 +405,7 @@ void tellfiles() {
 
 // After a refusal of what -fit had not looked at: MDM file and command file stand, perhaps beside older results.
 void tellfit() {
+  if (run.report.stream != nullptr) return;
   const std::string stem = run.files.mdmfile.substr(0, extensionplace(run.files.mdmfile));
   std::printf("Without results: %s.mdm and %s.kdr were made", printable(stem).c_str(), printable(stem).c_str());
   for (const char* extension : {".txt", ".json"})
@@ -447,6 +448,7 @@ void runjob(int argc, char** argv) {
   startpredictions(fit ? &*fit : nullptr);
 
   if (run.series.mimode && run.series.mifirst) refuseinput(storename);
+  if (run.series.mimode && !run.series.mifirst && !fileexists(storename)) stopif(nostore());
   clearseries();
   do {
     readmodel();

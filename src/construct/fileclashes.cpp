@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <filesystem>
 #include <set>
@@ -66,10 +67,15 @@ void refuseinput(const std::string& output, InputKind own) {
 }
 
 void refuseunwritable(const std::string& output) {
-  if (output.empty() || isspecial(output)) return;
+  std::error_code none;
+  const bool isfolder = std::filesystem::is_directory(output, none);
+  if (output.empty() || (isspecial(output) && !isfolder)) return;
   const std::string target = behindlinks(output);
   const std::filesystem::path folder = std::filesystem::path(target).parent_path();
-  if (access(target.c_str(), W_OK) == 0 || access(folder.empty() ? "." : folder.c_str(), W_OK | X_OK) == 0) return;
+  const bool writable =
+      access(target.c_str(), W_OK) == 0 || access(folder.empty() ? "." : folder.c_str(), W_OK | X_OK) == 0;
+  if (writable && !isfolder) return;
+  if (isfolder) errno = EISDIR;
   std::perror("");  // of the folder
   stopwith("Unable to open %s for writing\n", output.c_str());
 }

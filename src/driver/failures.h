@@ -34,7 +34,7 @@ inline constexpr int unconvergedcode = 20;
 struct StopHooks {
   void (*closelog)(int code) = nullptr;     // keeps or discards the log of a construction
   void (*closeseries)(int code) = nullptr;  // marks or pools the series of a multiple-imputation data set
-  void (*tellfit)() = nullptr;              // at a failure: what -fit has made, as long as there is no report
+  void (*tellfit)() = nullptr;              // at a failure: what -fit has made, when there is no report yet
 };
 extern StopHooks stophooks;
 

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -15,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "core/formatted.h"
 #include "driver/failures.h"
 #include "driver/files.h"
 #include "driver/runrecord.h"
@@ -73,6 +75,12 @@ void inherit(std::FILE* stream, const struct stat& old) {
   std::ignore = fchmod(handle, rights);
 }
 
+// Failure 5, behind the name of the file.
+[[noreturn]] void failwriting(const ResultFile& file) {
+  std::printf("%s:", printable(file.given).c_str());
+  fail(5);
+}
+
 // Opens a new file beside the target; null when the folder takes none. What stands there already, a link too, is
 // another's and stays. Failure 5 on a full disk.
 std::FILE* opentemporary(ResultFile& file) {
@@ -85,7 +93,7 @@ std::FILE* opentemporary(ResultFile& file) {
     if (replaces) umask(usual);
     if (stream != nullptr && replaces) inherit(stream, old);
     if (stream != nullptr) return stream;
-    if (errno == ENOSPC || errno == EDQUOT) fail(5);
+    if (errno == ENOSPC || errno == EDQUOT) failwriting(file);
     if (errno != EEXIST) break;
   }
   file.temporary.clear();
@@ -135,7 +143,7 @@ void openresult(ResultFile& file, const std::string& path) {
 }
 
 void flushresult(ResultFile& file) {
-  if (file.used != 0 && std::fwrite(file.buffer.data(), 1, file.used, file.stream) != file.used) fail(5);
+  if (file.used != 0 && std::fwrite(file.buffer.data(), 1, file.used, file.stream) != file.used) failwriting(file);
   if (!run.files.results.empty()) file.crc = crc32(file.crc, file.buffer.data(), file.used);
   file.bytes += static_cast<long long>(file.used);
   file.used = 0;
@@ -172,7 +180,7 @@ bool tryfinish(ResultFile& file) {
 
 void finishresult(ResultFile& file) {
   flushresult(file);
-  if (!tryfinish(file)) fail(5);
+  if (!tryfinish(file)) failwriting(file);
 }
 
 }  // namespace kdr

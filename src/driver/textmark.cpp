@@ -7,7 +7,7 @@ namespace kdr {
 
 const char* widecharacters(std::string_view head) {
   using namespace std::string_view_literals;
-  const bool first = head.starts_with("\0\0"sv), last = head.substr(1).starts_with("\0\0\0"sv);
+  const bool first = head.starts_with("\0\0"sv), last = head.size() > 3 && head.substr(1, 3) == "\0\0\0"sv;
   if (first || last || head.starts_with("\xFF\xFE\0\0"sv)) return "four bytes each (UTF-32)";
   const std::string_view two = head.substr(0, 2);
   const bool wide = two == "\xFF\xFE" || two == "\xFE\xFF" || two.find('\0') != two.npos;

@@ -227,7 +227,9 @@ void closereport() {
     run.report.stream = nullptr;
     if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) fail(5);
   } else {
-    closechk(std::exchange(run.report.stream, nullptr));
+    std::FILE* report = std::exchange(run.report.stream, nullptr);
+    if (std::fflush(report) != 0 || std::ferror(report) != 0) std::printf("%s:", printable(run.files.outfile).c_str());
+    closechk(report);
   }
 }
 

@@ -9,6 +9,7 @@ w and outer nodes around posterior moments; its score is that of the same sums, 
   multinomialstudies.py make DIR         made data DIR/<case>.dat
   multinomialstudies.py solve DIR CASE...      their maxima, DIR/<case>.ref
   multinomialstudies.py PROGRAM FIRST LAST [POINTS]     whole runs of random studies; POINTS: AUTO, if not given
+  multinomialstudies.py climb PROGRAM FIRST LAST [POINTS]     the same beside the maxima that the oracle finds from a start of its own
 
 The random studies have 2 to 4 categories, rare ones among them, some of the intercepts and of the slopes of x random, variances from 0
 to 4, predictors in units from 1e-6 to 1e6. The oracle says as in movingstudies.py how far the log-likelihood is off, how far a
@@ -213,7 +214,7 @@ def information(method, theta, free, step=1e-3):
     return (H + H.T) / 2
 
 
-def maximise(method, theta, steps):
+def maximise(method, theta, steps, quiet=False):
     """By steps on the information of another method; the point, its value and its information."""
     everything = np.arange(len(theta))
     for _ in range(60):
@@ -224,7 +225,8 @@ def maximise(method, theta, steps):
         values, Q = np.linalg.eigh(H)
         step = Q @ (Q.T @ score / np.maximum(np.abs(values), 1e-3))
         theta = theta + step * min(1.0, 1.0 / np.abs(step).max())
-        print("  ", value, np.abs(score).max(), flush=True)
+        if not quiet:
+            print("  ", value, np.abs(score).max(), flush=True)
         if score @ step < 1e-7:
             break
     return theta, method.value(theta)[0], information(method, theta, everything)
@@ -419,28 +421,56 @@ def write(folder, outcome, q, r, rows, engine):
         file.write("TITLE:s\nOUTPUT:s.txt\nFULLOUTPUT:N\n" + NOFILES + NOFEATURES)
 
 
+class Studied:
+    """What a whole run has found in a study, the data in columns of x with mean square 1, and the run's place there."""
+
+    def __init__(self, program, seed, points):
+        C, second, third_, rows = study(seed)
+        self.q, self.r = q, r = len(second), len(third_)
+        self.here = f"{seed:4d} C {C} {second} {third_} {np.bincount(rows[:, 2].astype(int), minlength=C)}: "
+        self.found, self.ending = fitted(program, (C, second, third_), q, r, rows, f"AGQ:Y,100,{points}", "quadrature", write)
+        if self.found is None:
+            return
+        size = np.sqrt(np.mean(rows[:, 3:5] ** 2, axis=0))
+        self.data = dataof(C, second, third_, np.column_stack([rows[:, :3], rows[:, 3] / size[0], rows[:, 5:]]), rows[:, 4] / size[1])
+        scales = [np.array([size[0] if which else 1.0 for _, which in columns]) for columns in (second, third_)]
+        fixed = np.tile([1, 1, 1, *size], C - 1)
+        self.taus, self.gamma = [T * np.outer(s, s) for T, s in zip(self.found.taus, scales)], self.found.gamma * fixed
+        self.back = np.concatenate([[s[a] * s[b] for a, b in pairs(len(s))] for s in scales] + [fixed])
+
+    def integral(self, fine=False):
+        few = self.q + self.r == 2
+        return Integral(self.data, *2 * ((61 if few else 17) if fine else (31 if few else 9),))
+
+
+def climbed(program, seed, points):
+    """The run's estimates and standard errors beside those of a maximum that the oracle finds from no fixed effects and variances of 1/2."""
+    made = Studied(program, seed, points)
+    if made.found is None:
+        return made.here + made.ending[0], made.ending[1]
+    data, found = made.data, made.found
+    theta, value, H = maximise(made.integral(), data.pointof(np.eye(made.q) / 2, np.eye(made.r) / 2, np.zeros(data.g)), Integral(data, 3, 3), quiet=True)
+    right, mine = errors(data, theta, H, np.arange(len(theta))), data.parameters(data.pointof(*made.taus, made.gamma))
+    far, gap = np.abs(mine - data.parameters(theta)) / right, abs(value - found.value)
+    off, missing = apart(found.se * made.back, right)
+    fine = gap < 0.01 and far.max() < 0.02 and off < 0.02 and (not missing or found.edge)  # which has no errors there
+    return (made.here + f"{found.phase['points']} points, {len(far)} parameters, the maximum of {value:.5f} is {gap:.5f} away, estimates {far.max():.4f} se, "
+            f"errors {100 * off:.2f}%" + ", edge" * found.edge), verdictof(fine, found.warnings)
+
+
 def one(program, seed, points):
-    C, second, third_, rows = study(seed)
-    q, r = len(second), len(third_)
-    here = f"{seed:4d} C {C} {second} {third_} {np.bincount(rows[:, 2].astype(int), minlength=C)}: "
-    found, ending = fitted(program, (C, second, third_), q, r, rows, f"AGQ:Y,100,{points}", "quadrature", write)
+    made = Studied(program, seed, points)
+    here, found, q, r = made.here, made.found, made.q, made.r
     if found is None:
-        return here + ending[0], ending[1]
-    # The oracle works in columns of x with mean square 1.
-    size = np.sqrt(np.mean(rows[:, 3:5] ** 2, axis=0))
-    data = dataof(C, second, third_, np.column_stack([rows[:, :3], rows[:, 3] / size[0], rows[:, 5:]]), rows[:, 4] / size[1])
-    scales = [np.array([size[0] if which else 1.0 for _, which in columns]) for columns in (second, third_)]
-    fixed = np.tile([1, 1, 1, *size], C - 1)
-    theta = data.pointof(*[T * np.outer(s, s) for T, s in zip(found.taus, scales)], found.gamma * fixed)
-    P2, P3 = len(pairs(q)), len(pairs(r))
-    back = np.concatenate([[s[a] * s[b] for a, b in pairs(len(s))] for s in scales] + [fixed])
+        return here + made.ending[0], made.ending[1]
+    data = made.data
+    theta = data.pointof(*made.taus, made.gamma)
     A, B, _ = data.matrices(theta)
     columns = [np.any(A[:, b]) for _, b in pairs(q)] + [np.any(B[:, b]) for _, b in pairs(r)] + [True] * data.g
     free = np.flatnonzero(columns)
-    methods = [OnePoint] if points == "1" else [lambda d: Integral(d, *((31, 31) if q + r == 2 else (9, 9))),
-                                                lambda d: Integral(d, *((61, 61) if q + r == 2 else (17, 17)))]
+    methods = [lambda: OnePoint(data)] if points == "1" else [made.integral, lambda: made.integral(True)]
     for method in methods:
-        oracle = method(data)
+        oracle = method()
         oracle.settle(theta)
         value, score = oracle.value(theta)
         H = information(oracle, theta, free)
@@ -448,7 +478,7 @@ def one(program, seed, points):
         step[free] = np.linalg.solve(H, score[free])
         J = np.array([(data.parameters(theta + e) - data.parameters(theta - e)) / 2e-5 for e in 1e-5 * np.eye(len(theta))]).T
         right = np.where(right > 0, right, np.nan)
-        gap, far, (off, missing) = abs(value - found.value), np.nanmax(np.abs(J @ step) / right), apart(found.se * back, right)
+        gap, far, (off, missing) = abs(value - found.value), np.nanmax(np.abs(J @ step) / right), apart(found.se * made.back, right)
         least = np.linalg.eigvalsh(H).min()
         fine = gap < (1e-4 if points == "1" else 0.01) and far < 0.02 and off < 0.02 and least > 0 and not missing
         if fine:
@@ -465,5 +495,7 @@ if __name__ == "__main__":
     elif sys.argv[1] == "solve":
         for case in sys.argv[3:] or CASES:
             solve(sys.argv[2], case)
+    elif sys.argv[1] == "climb":
+        studies(climbed, *sys.argv[2:5], *(sys.argv[5:] or ["AUTO"]))
     else:
         studies(one, *sys.argv[1:4], *(sys.argv[4:] or ["AUTO"]))
