@@ -172,10 +172,10 @@ def fit(formula: str, data: Any, *, family: str = "gaussian", engine: str | None
             raise lib.KDR3Error("The list of tables is empty.")
         if plausible is not None:
             raise lib.KDR3Error("Plausible values are columns of one table, not of a list of tables.")
-        return Pooled([fit(formula, one, **arguments) for one in data])
+        return Pooled.of(formula, data, arguments)
     if plausible is not None:
         from .pooled import Pooled, inplaceof
-        return Pooled([fit(formula, one, **arguments) for one in inplaceof(formula, data, list(plausible))])
+        return Pooled.of(formula, inplaceof(formula, data, list(plausible)), arguments)
     return Results(*estimate(formula, data, arguments))
 
 

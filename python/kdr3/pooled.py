@@ -3,7 +3,7 @@ from __future__ import annotations
 
 import copy
 import math
-from typing import Any, Sequence
+from typing import Any, Iterable, Mapping, Sequence
 
 import numpy as np
 
@@ -62,6 +62,18 @@ class Pooled:
         for which, complete in (("covariance", [fit._df() for fit in fits]), ("robust", [fit._df(True) for fit in fits])):
             self._free[which], self._missing[which] = freedom(
                 len(fits), np.diag(self._state[f"within_{which}"]), np.diag(self._state["between"]), np.mean(complete, axis=0))
+
+    @classmethod
+    def of(cls, formula: str, tables: Iterable, arguments: Mapping[str, Any]) -> "Pooled":
+        """The fits of the tables, pooled; an error says in which table it is."""
+        from ._fit import fit
+        fits = []
+        for i, table in enumerate(tables, 1):
+            try:
+                fits.append(fit(formula, table, **arguments))
+            except lib.KDR3Error as error:
+                raise lib.KDR3Error(f"Table {i}: {error}") from None
+        return cls(fits)
 
     # What is shown of estimates is shown of averages.
     params, fe_params, bse, bse_fe, bse_robust = Results.params, Results.params, Results.bse, Results.bse, Results.bse_robust

@@ -328,6 +328,8 @@ class Models(unittest.TestCase):
             kdr3.fit(flat, [tables[0], turned], family="binomial", engine="pql")
         with self.assertRaisesRegex(kdr3.KDR3Error, "levels of a factor differ"):
             kdr3.fit("score ~ sex + (1 | school)", [tables[0], {**turned, "sex": np.where(turned["sex"] == "a", "male", "b")}])
+        with self.assertRaisesRegex(kdr3.KDR3Error, "^Table 2: .* has no column score"):
+            kdr3.fit("score ~ sex + (1 | school)", [tables[0], {name: values for name, values in tables[0].items() if name != "score"}])
         fewer = {name: values[:1500] for name, values in tables[0].items()}
         other = kdr3.fit("books ~ year + (1 | school)", [tables[0], fewer])
         self.assertIn("different records: 1604, 1500", other.warnings[0])
