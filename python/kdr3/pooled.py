@@ -79,7 +79,7 @@ class Pooled:
     params, fe_params, bse, bse_fe, bse_robust = Results.params, Results.params, Results.bse, Results.bse, Results.bse_robust
     cov_params, _se, _t, tvalues = Results.cov_params, Results._se, Results._t, Results.tvalues
     cov_re, variances, _deviations, wald_test = Results.cov_re, Results.variances, Results._deviations, Results.wald_test
-    _termtests = Results._termtests
+    _termtests, _dispersed = Results._termtests, Results._dispersed
     _p, pvalues, conf_int = Results._p, Results.pvalues, Results.conf_int
 
     def _df(self, robust: bool = False) -> np.ndarray:
