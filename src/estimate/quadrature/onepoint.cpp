@@ -303,8 +303,12 @@ Evaluation exactinformation(SphericalLikelihood& likelihood, const Array<double>
                    there.turn.copy()};
   double unequal = 0.0;
   exact.usable = differences(likelihood, centre, there, false, exact.information.data(), unequal);
-  if (!likelihood.halted && (!exact.usable || unequal > asymmetry))
-    exact.usable = differences(likelihood, centre, there, true, exact.information.data(), unequal);
+  if (likelihood.halted || (exact.usable && unequal <= asymmetry)) return exact;
+  Array<double> central(P * P);
+  if (differences(likelihood, centre, there, true, central.data(), unequal)) {
+    exact.usable = true;
+    exact.information = std::move(central);
+  }
   return exact;
 }
 
