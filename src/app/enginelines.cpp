@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "core/evaluationcost.h"
 #include "core/formatted.h"
 #include "driver/failures.h"
 #include "driver/reportstream.h"
@@ -55,6 +56,8 @@ void tellengine(Engine engine, const EngineEvent& event) {
       return say("The Laplace6 iterations were stopped at their limit, before the estimates had settled\n");
     case Kind::checked:
       return say(formatted("The number of points is checked with %d\n", event.number).c_str());
+    case Kind::heavy:
+      return say((longevaluationwords(event.number, event.seconds) + "\n").c_str());
     case Kind::marginal:
       return say(formatted("The marginal log-likelihood = %E\n", event.loglik).c_str());
     case Kind::problem:

@@ -8,6 +8,7 @@
 #include <unordered_map>
 #include <utility>
 
+#include "core/evaluationcost.h"
 #include "core/formatted.h"
 #include "core/numbers.h"
 #include "core/words.h"
@@ -516,6 +517,7 @@ std::vector<char> evaluateplan(FormulaPlan& plan) {
 
 void designplan(FormulaPlan& plan, const std::vector<char>& kept) {
   sortunits(plan.units, kept);
+  plan.records = plan.units.order.size();
   tellfactors(plan);
   checkvalues(plan);
   settlelevels(plan);
@@ -547,6 +549,30 @@ std::vector<std::string> owncolumns(const FormulaPlan& plan) {
     });
   return own;
 }
+
+namespace {
+
+// Why quadrature is not for who has not stated points; empty: it is. `asked`: for quadrature as such.
+std::string toocostly(const FormulaPlan& plan, bool asked) {
+  constexpr std::size_t mosteffects = 4;  // of a level
+  constexpr double longest = 30.0, mostnodes = 1.0e6;
+  const Design& design = plan.design;
+  const bool multinomial = plan.family == FitFamily::multinomial;
+  const std::size_t sets = multinomial ? static_cast<std::size_t>(plan.categories) - 1 : 1;
+  if (sets * std::max(design.effects(2), design.effects(3)) > mosteffects)
+    return formatted("there are more than %zu random effects of a level", mosteffects);
+  const int effects = static_cast<int>(sets * (design.effects(2) + design.effects(3)));
+  const int points = std::pow(7, effects) <= mostnodes ? 7 : 5;  // of the first numbers of points, that are compared
+  const double records = static_cast<double>(plan.records) * (plan.family == FitFamily::ordinal ? 2.0 : 1.0);
+  const double seconds = evaluationseconds(points, effects, records, static_cast<int>(sets),
+                                           static_cast<int>(sets * design.tree().size()));
+  if (asked || seconds < longest) return "";
+  return formatted(
+      "an evaluation of the likelihood with %d points for each of %d random effects would take %s of one core", points,
+      effects, durationwords(seconds).c_str());
+}
+
+}  // namespace
 
 EngineChoice enginechoice(const FormulaPlan& plan) {
   const std::string &engine = plan.options.engine, &points = plan.options.points;
@@ -584,10 +610,15 @@ EngineChoice enginechoice(const FormulaPlan& plan) {
     refuse("-engine laplace6 is for outcomes of 0 and 1. See -engine laplace and quadrature.");
   if (choice.laplace6 && (design.diagonal(2) || design.diagonal(3)))
     refuse("-engine laplace6 cannot be had with random effects that are independent of each other.");
-  constexpr std::size_t mosteffects = 4;
-  const std::size_t sets = plan.family == FitFamily::multinomial ? static_cast<std::size_t>(plan.categories) - 1 : 1;
-  const bool many = sets * std::max(design.effects(2), design.effects(3)) > mosteffects;
-  choice.points = sameword(engine, "laplace") || (points.empty() && many) ? 1 : stated;
+  choice.points = sameword(engine, "laplace") ? 1 : stated;
+  if (!choice.quadrature || choice.points == 1 || !points.empty()) return choice;
+  const std::string costly = toocostly(plan, !engine.empty());
+  if (costly.empty()) return choice;
+  const std::string words = "Estimates are those of the Laplace approximation (one point), since " + costly +
+                            ". See -points for quadrature all the same.";
+  plan.listener.remark(words);
+  plan.listener.warning(words);
+  choice.points = 1;
   return choice;
 }
 

@@ -54,6 +54,7 @@ struct FormulaPlan {
   std::size_t inner = 0;             // the grouping of level 2
   std::optional<std::size_t> outer;  // that of level 3, where there are two groupings
   LongUnits units;
+  std::size_t records = 0;  // in the model: those that the units have
   std::vector<ModelColumn> fixed;
   Design design;
 

@@ -5,6 +5,7 @@
 #include <string_view>
 #include <thread>
 
+#include "core/evaluationcost.h"
 #include "core/failure.h"
 #include "core/formatted.h"
 #include "core/modelwalk.h"
@@ -39,6 +40,10 @@ void listen(const kdr3_observer* observer, Observer& listener) {
     const std::string macro = event.macro > 0 ? formatted("macro iteration %d, ", event.macro) : "";
     progress(state,
              formatted("%siteration %d, log-likelihood %.6f", macro.c_str(), event.iteration, event.loglik).c_str());
+  };
+  listener.engine = [progress, state](Engine, const EngineEvent& event) {
+    if (event.kind == EngineEvent::Kind::heavy)
+      progress(state, longevaluationwords(event.number, event.seconds).c_str());
   };
 }
 

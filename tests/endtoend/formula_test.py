@@ -296,6 +296,18 @@ def files(folder):
     code, said, document = fit(folder, "tries ~ year + (1 | school/pupil)", growth, "-family", "ordinal")
     c.equal("ordinal", (code, len(document["phases"][-1]["fixed_effects"]) if document else said[-200:]), (0, 6))
     c.equal("ordinal, engine", (document["phases"][-1]["phase"], "AGQ:Y,50,AUTO" in lines()), ("quadrature", True))
+    # quadrature that would take too long gives way to one point, which is told before it begins
+    with open(f"{folder}/large.csv", "w") as file:
+        file.write("c,x,school,pupil\n" + "".join(f"{1 + (i * i + i // 7) % 4},{i % 11 - 5},{i // 400},{i // 20}\n" for i in range(20000)))
+    for formula, why in (("c ~ x + (1 | school/pupil)", "with 7 points for each of 6 random effects would take about 40 seconds of one core"),
+                         ("c ~ x + (x | school)", "there are more than 4 random effects of a level")):
+        child = subprocess.Popen([PROGRAM, "-q", "-fit", formula, "large.csv", "-o", "f", "-family", "multinomial"], cwd=folder,
+                                 stdout=subprocess.PIPE, text=True)
+        told = next((line for line in child.stdout if "Estimates are those of the Laplace approximation" in line), "nothing")
+        next(line for line in child.stdout if "MACRO ITERATION 1" in line)
+        child.kill()
+        child.communicate()
+        c(why in told and "AGQ:Y,50,1" in lines() and any(why in line for line in lines()), f"{formula}: {told} {lines()}")
     # what -reml fits is fitted again
     _, said, first = fit(folder, "score ~ year + (1 | school/pupil)", growth, "-reml")
     c("REML criterion" in said and first["phases"][-1]["likelihood"] == "restricted", said[-500:])

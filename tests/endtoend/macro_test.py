@@ -11,6 +11,7 @@ import signal
 import subprocess
 import sys
 import tempfile
+import time
 
 sys.path.append(str(pathlib.Path(__file__).parent.parent / "reference"))
 import numpy as np
@@ -230,6 +231,48 @@ def stops():
             _, said, text = fit("POISSON", macroit="500,N", more=f"STOPMACRO:0.01\nMICROIT:{microit}\nFIXSIGMA2:{scale}\n")
             told = ("population average were stopped" in said, "WARNING: the iterations were stopped" in text)
             check(told == (cut and scale == 0,) * 2, f"population average, MICROIT:{microit}, FIXSIGMA2:{scale}: {told}")
+
+
+def within():
+    """The interrupt key within an evaluation of the likelihood that takes seconds."""
+    rng = random.Random(8)
+    for name, pupils, records in (("heavy.csv", 8, 40), ("light.csv", 4, 15)):
+        rows = ["y,x,school,pupil"]
+        for k in range(10):
+            for j in range(pupils):
+                u, slope = rng.gauss(0, 1), rng.gauss(0.5, 0.5)
+                for _ in range(records):
+                    x = rng.gauss(0, 1)
+                    rows.append(f"{int(rng.random() < 1 / (1 + math.exp(-0.2 * k + 1 - u - slope * x)))},{x:.4f},{k},{j}")
+        work.write(name, "\n".join(rows) + "\n")
+
+    def press(place, answer, data, points):
+        child = subprocess.Popen([work.program, "-q", "-strict", "-fit", "y ~ x + (x | school/pupil)", data, "-o", "key", "-family",
+                                  "binomial", "-points", str(points), "-t", "2"], cwd=work.folder, stdin=subprocess.PIPE,
+                                 stdout=subprocess.PIPE, text=True, env=work.environment)
+        line = next(line for line in child.stdout if place in line)
+        time.sleep(0.3 if data == "heavy.csv" else 0.05)
+        child.send_signal(signal.SIGINT)
+        pressed = time.monotonic()
+        rest, _ = child.communicate(f"{answer}\n", timeout=120)
+        document = json.loads(work.read("key.json")) if child.returncode == 20 else None
+        return child.returncode, time.monotonic() - pressed, line, rest, document
+
+    heavy = "With 31 points for each random effect an evaluation"
+    code, seconds, _, rest, _ = press(heavy, 1, "heavy.csv", 31)
+    check(code == 0 and seconds < 3 and rest.startswith("Enter 0 to stop"), f"exit: code {code}, {seconds:.1f} s, {rest[:200]}")
+    code, _, _, rest, document = press(heavy, 0, "heavy.csv", 31)
+    words = "ended before they had converged, where there are no standard errors."
+    check(code == 20 and "goes on with the estimates that quadrature started from" in rest and words in work.read("key.txt")
+          and any(words in w for w in document["warnings"]), f"nothing but PQL: code {code}, {rest[-500:]}")
+    code, _, line, rest, document = press("at AGQ iteration 1 ", 0, "light.csv", 21)
+    phase = next((p for p in document["phases"] if p["phase"] == "quadrature"), {}) if document else {}
+    check(phase.get("ending") == "keyboard" and abs(phase["marginal_log_likelihood"] / float(line.split()[-1]) - 1) < 1e-6,
+          f"the iteration before: code {code}, {phase.get('ending')}, {rest[-300:]}")
+    code, _, _, rest, document = press("The number of points is checked with 31", 0, "light.csv", 21)
+    words = "21 quadrature points are not checked: their check, with 31, was stopped."
+    phase = next((p for p in document["phases"] if p["phase"] == "quadrature"), {}) if document else {}
+    check(words in rest and words in work.read("key.txt") and phase.get("ending") == "converged", f"a check: code {code}, {rest[-300:]}")
 
 
 def limits():
@@ -536,6 +579,7 @@ settled()
 heavy()
 extreme()
 stops()
+within()
 limits()
 dialogue()
 graph()

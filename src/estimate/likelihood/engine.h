@@ -57,12 +57,14 @@ struct EngineEvent {
     problem,    // an evaluation has failed, not necessarily the engine; `number` sweeps for `unsettled`
     limit,      // the iterations ended at their limit
     checked,    // quadrature tries its results with `number` points
+    heavy,      // an evaluation with `number` points takes many `seconds` of one core
     marginal,   // the marginal log-likelihood at the end: `loglik`
   };
   Kind kind = Kind::begun;
   int number = 0;
   double loglik = 0.0;
   EngineFailure failure = EngineFailure::none;
+  double seconds = 0.0;
 };
 
 // How an engine runs.

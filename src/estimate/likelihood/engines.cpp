@@ -261,6 +261,9 @@ Failure runmoving(const Pass& pass, const MacroState& state, Engine engine, cons
     tellevent({EngineEvent::Kind::iteration, number, marginal - printed, EngineFailure::none});
   };
   watch.checks = [&](int points) { tellevent({EngineEvent::Kind::checked, points, 0.0, EngineFailure::none}); };
+  watch.heavy = [&](int points, double seconds) {
+    tellevent({EngineEvent::Kind::heavy, points, 0.0, EngineFailure::none, seconds});
+  };
   watch.stop = [&] { return observer.stops(); };
   if (observer.confirmstop) watch.halt = watch.stop;  // by a user who waits
   tellevent({EngineEvent::Kind::begun, 0, 0.0, EngineFailure::none});

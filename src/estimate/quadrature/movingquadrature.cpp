@@ -4,6 +4,7 @@
 #include <array>
 #include <cmath>
 
+#include "core/evaluationcost.h"
 #include "core/formatted.h"
 #include "estimate/quadrature/onepoint.h"
 #include "estimate/quadrature/posteriormoments.h"
@@ -177,6 +178,9 @@ Run Search::run(int points, const Array<double>& start, Approach approach, int l
   Run made;
   const Frame& frame = likelihood.frame;
   if (!makegrids(likelihood.grids, points, frame.q, frame.r)) return made;
+  const double seconds =
+      evaluationseconds(points, frame.q + frame.r, frame.records, static_cast<int>(frame.responses), frame.npi);
+  if (observer.heavy && seconds > longevaluation) observer.heavy(points, seconds);
   AscentSettings ascent = settings.ascent;
   ascent.iterations = std::max(std::min(settings.iterations, limit), 1);
   if (!last) {

@@ -22,6 +22,7 @@ namespace kdr {
 struct QuadratureObserver {
   std::function<void(int iteration, double loglikelihood)> iteration;  // one is over
   std::function<void(int points)> checks;                              // the results are tried with so many points
+  std::function<void(int points, double seconds)> heavy;               // an evaluation will take so long, on one core
   std::function<bool()> stop;                                          // asked behind each iteration: true stops there
   std::function<bool()> halt;  // asked within an evaluation: true drops it and stops
 };
