@@ -137,7 +137,8 @@ logLik.kdr3_pooled <- function(object, ...)
 deviance.kdr3_pooled <- logLik.kdr3_pooled
 df.residual.kdr3_pooled <- function(object, ...) refuse("Averages have degrees of freedom for each effect, object$df.", class = "kdr3_refused")
 ownrecords <- function(object, ...) refuse("Averages have no records of their own: each of the fits, object$fits, has its own.", class = "kdr3_refused")
-residuals.kdr3_pooled <- model.frame.kdr3_pooled <- model.matrix.kdr3_pooled <- simulate.kdr3_pooled <- ownrecords
+model.frame.kdr3_pooled <- function(formula, ...) ownrecords(formula)
+residuals.kdr3_pooled <- model.matrix.kdr3_pooled <- simulate.kdr3_pooled <- ownrecords
 drop1.kdr3_pooled <- function(object, ...) refuse("drop1() compares likelihoods, which averages don't have: anova() tests each term.", class = "kdr3_refused")
 
 fitted.kdr3_pooled <- function(object, ...) Reduce(`+`, lapply(object$fits, stats::fitted)) / object$M
