@@ -229,13 +229,14 @@ void warnofend(ResultsDocument& document, const std::string& words) {
   document.warnings.push_back(words);
 }
 
-// What is known of the phase that was added last, where its pass alone does not tell.
-void settle(ResultsDocument& document, bool converged) {
+// What is known of the phase that was added last, where its pass alone does not tell. `unless`: how it ended if the
+// pass converged, and the phase has not.
+void settle(ResultsDocument& document, bool converged, const char* unless = endingname(Ending::limit)) {
   if (document.phases.empty()) return;
   Json& phase = document.phases.back();
   phase["converged"] = converged;
   if (converged || phase["ending"] == endingname(Ending::converged))
-    phase["ending"] = endingname(converged ? Ending::converged : Ending::limit);
+    phase["ending"] = converged ? endingname(Ending::converged) : unless;
 }
 
 // The last phase has effects without finite estimates.
@@ -360,7 +361,7 @@ void addengine(ResultsDocument& document, const Subject& subject, const EngineSt
     document.warnings.insert(document.warnings.end(), stage.fit.warnings.begin(), stage.fit.warnings.end());
   }
   document.warnings.insert(document.warnings.end(), stage.behind.begin(), stage.behind.end());
-  if (estimated && (!stage.takenover || doubtful(stage, fixednodes))) settle(document, false);
+  if (estimated && (!stage.takenover || doubtful(stage, fixednodes))) settle(document, false, "doubtful");
   if (estimated && stage.separated) separate(document);
 }
 

@@ -12,7 +12,12 @@ import sys
 import types
 
 import rubin
-from program import NOFILES, Checks, Workplace, template
+from program import NOFILES, ROOT, Checks, Workplace, template
+
+sys.dont_write_bytecode = True
+sys.path.append(str(ROOT / "tools"))
+from kdr3plot import tables
+from kdr3plot.document import choosephase, readresults
 
 MODEL = """#Two random slopes and an intercept
 NONLIN:{kind}
@@ -247,6 +252,11 @@ if __name__ == "__main__":
             check(abs(estimate - value) < 3 * error, f"{name}: {label} is {estimate} ({error}), made with {value}")
         check("\tB10 = G100* + G101*(W) + G102*(V) + G103*(B00) + G104*(B01) + u10*\n" in place.read("out.txt"),
               f"{name}: the equation")
+        phase = choosephase(readresults(str(place.folder / "out.json")))
+        cells = re.sub("<[^>]*>", " ", tables.latenttables(phase))
+        (outcome,), slope = phase["latent_regression"]["outcomes"], found["B01"][0]
+        check("regression of the coefficient X" in cells and f"Coefficient: {outcome['predictors'][1]['label']} " in cells
+              and ("%.3f" % slope).replace("-", "\N{MINUS SIGN}") in cells, f"{name}: page: {cells}")
         run(f"{name}, html", "PPO", **dict(settings, output="out.html"))
         page = place.read("out.html")
         check("<h4>Latent Variable Regression Results</h4>" in page and "%13.6f</td>" % found["B00"][0] in page,

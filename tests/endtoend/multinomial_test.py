@@ -3,12 +3,13 @@ random studies against integrals of the test's own.
 
     multinomial_test.py <program>
 """
+import json
 import sys
 
 import numpy as np
 
 from categoryfits import Fits, numbers, phase
-from program import REFERENCE
+from program import REFERENCE, run
 
 sys.path.insert(0, str(REFERENCE))
 import multinomialstudies
@@ -45,6 +46,23 @@ def refusals():
     fits.refused(*four, "AGQ:Y,40,1", "There are less than the specified 4 categories")
 
 
+def rare():
+    """Of 573 records in 58 units one of each rare category: the likelihood has its maximum at variances near 0, the Laplace
+    approximation one at 62 and 175, which console, report and document say is in doubt. Five points find the former."""
+    rows = ["k,j,y"] + [f"{i // 60},{i // 10},{1 + (i == 137) + 2 * (i == 402)}" for i in range(573)]
+    (fits.folder / "rare.csv").write_text("\n".join(rows) + "\n")
+    for points, doubtful in ((1, True), (5, False)):
+        code, said = run(fits.program, fits.folder, "-fit", "y ~ 1 + (1 | k/j)", "rare.csv", "-family", "multinomial", "-engine", "quadrature", "-points",
+                         str(points), "-strict", "-o", "rare")
+        made = json.loads((fits.folder / "rare.json").read_text())
+        of, words = phase(made), "a random effect has a standard deviation of 13.2 on the scale of the linear predictor"
+        places = (said, (fits.folder / "rare.txt").read_text(), *made["warnings"], *of["warnings"])
+        check(code == 20 * doubtful and sum(words in place for place in places) == 4 * doubtful, f"rare, {points} points: {code}, {places[2:]}")
+        check((of["ending"], of["converged"], made["converged"]) == (("doubtful", False, False) if doubtful else ("converged", True, True)),
+              f"rare, {points} points: {of['ending']}")
+        check((of["tau_pi"]["estimate"][0][0] > 50) == doubtful, f"rare, {points} points: {of['tau_pi']['estimate']}")
+
+
 def studies():
     for seed, points in ((15, "AUTO"), (4, "1"), (6, "1")):
         line, verdict = multinomialstudies.one(fits.program, seed, points)
@@ -52,6 +70,6 @@ def studies():
 
 
 fits.twoarebinary("MULTINOMIAL")
-for job in (three, refusals, studies):
+for job in (three, rare, refusals, studies):
     job()
 check.finish()

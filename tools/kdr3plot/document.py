@@ -193,6 +193,11 @@ def takenames(document):
             for row in rows:
                 row["variables"] = variables(document, row)
                 row["label"] = label(document, row)
+        for outcome in (phase.get("latent_regression") or {}).get("outcomes", ()):
+            for row in (outcome, *outcome["predictors"]):
+                row["label"] = label(document, row)
+            for row in outcome["terms"]:
+                row["label"] = "Intercept" if isintercept(row["level3"]) else wholename(document, 3, row["level3"])
 
 
 def wholename(document, level, name):

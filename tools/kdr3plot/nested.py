@@ -141,7 +141,7 @@ def nolikelihood(a, b):
             return f"{column.name} has no likelihood of its outcome (phase {column.phase['phase']}); fit both by an engine"
         if any(column.document["model"]["weights"][f"level{level}"] for level in (1, 2, 3)):
             return "the likelihood is weighted, and twice its difference has no chi-square distribution"
-        if column.phase["converged"] is False or column.phase["ending"] in ("limit", "keyboard", "separation", "lost"):
+        if column.phase["converged"] is False or column.phase["ending"] not in (None, "converged"):
             return f"{column.name} did not converge, or failed its check"
     if kindof(a) != kindof(b):
         return f"the likelihoods are of two kinds ({kindof(a)}, {kindof(b)})"

@@ -170,6 +170,32 @@ def intervaltables(phase):
     return text
 
 
+# ---- Latent variable regression
+
+def latenttables(phase):
+    if "latent_regression" not in phase:
+        return ""
+    latent = phase["latent_regression"]
+    if latent is None:
+        return "<p>The latent variable regression could not be computed.</p>"
+    text = ""
+    for outcome in latent["outcomes"]:
+        rows = []
+        for row in outcome["terms"] + outcome["predictors"]:
+            decimals = places([row["standard_error"]], 3)
+            test = [shown(row["estimate"], decimals), shown(row["standard_error"], decimals), statistic(row["t"]), shown(latent["df"]), shownp(row)]
+            more = places([row.get("difference_standard_error")], 3)
+            compared = ([shown(row["original"], decimals), shown(row["difference"], more), shown(row["difference_standard_error"], more)]
+                        if "original" in row else [""] * 3)
+            rows.append([("" if "original" in row else "Coefficient: ") + html.escape(row["label"])] + test + compared)
+        text += tabled(f"Latent variable regression of the coefficient {html.escape(outcome['label'])}",
+                       ["On", "Estimate", "SE", "t", "df", "p", "Before", "Difference", "Its SE"], rows, True)
+    names = [html.escape(outcome["label"]) for outcome in latent["outcomes"]]
+    body = [[name, *map(shown, row)] for name, row in zip(names, latent["residual_covariance"])]
+    return (text + "<p>On level-3 variables and on other coefficients of a level-3 unit. Before: without these coefficients.</p>"
+            + tabled("What is left of the outcomes' covariance", ["", *names], body))
+
+
 # ---- What belongs to the whole
 
 def sharestable(phase):
@@ -245,8 +271,9 @@ def phasetables(document, phase, mark):
     text = f'<section id="{mark}"><h2>{name[0].upper()}{name[1:]}</h2>\n' + warnings(phase.get("warnings") or [])
     if phase.get("converged") is False:
         macro = phase.get("macro_iteration") if phase["phase"] == "pql" else None
-        text += warnings([f"Not converged: ended after {'macro ' if macro else ''}iteration {macro or phase['iterations']}."])
-    return (text + fixedtables(document, phase) + hypothesistable(phase) + variancetables(phase) + intervaltables(phase)
+        text += warnings(["Not to be relied on, though the iterations converged: see the warnings." if phase["ending"] == "doubtful" else
+                          f"Not converged: ended after {'macro ' if macro else ''}iteration {macro or phase['iterations']}."])
+    return (text + fixedtables(document, phase) + hypothesistable(phase) + variancetables(phase) + latenttables(phase) + intervaltables(phase)
             + sharestable(phase) + fittable(phase) + "</section>\n")
 
 

@@ -155,6 +155,7 @@ struct Search {
   PointsCheck compare(const Run& before, const Run& after, int next) const;
   void check(const Run& before, int points, MovingResult& result);
   void laplace(const Array<double>& start, MovingResult& result);
+  void doubtdeviation(const Run& made, MovingResult& result) const;
   void given(const Array<double>& start, MovingResult& result);
   void automatic(const Array<double>& start, MovingResult& result);
   void from(Array<double> point, MovingResult& result);
@@ -321,6 +322,18 @@ void Search::fill(const Run& made, int points, MovingResult& result) const {
                 true) != zero.begin() + static_cast<std::ptrdiff_t>(P2 + P3);
 }
 
+// What is said of a maximum at a large standard deviation that no other number of points has confirmed.
+void Search::doubtdeviation(const Run& made, MovingResult& result) const {
+  if (result.end != MovingEnd::converged) return;
+  const double deviation = largestdeviation(likelihood.frame, made.ascent.point);
+  if (deviation <= settings.unbelieved) return;
+  const bool one = result.points == 1;
+  result.warnings.push_back(formatted(
+      "WARNING: a random effect has a standard deviation of %.1f on the scale of the linear predictor. With %s such a "
+      "variance may be that of the approximation alone: compare with more points%s.",
+      deviation, one ? "one point" : "so few points", one ? "" : ", or with fewer random effects"));
+}
+
 void Search::check(const Run& before, int points, MovingResult& result) {
   const int next = nextpoints(points);
   if (next > mostpoints || toomany(settings, next, likelihood.frame.q, likelihood.frame.r)) {
@@ -328,6 +341,7 @@ void Search::check(const Run& before, int points, MovingResult& result) {
         formatted("The number of quadrature points was not checked: %d points for %d effects are more "
                   "than this program integrates with.",
                   next, likelihood.frame.q + likelihood.frame.r));
+    doubtdeviation(before, result);
     return;
   }
   constexpr int mostiterations = 10;  // a maximum that is farther away is another one
@@ -361,6 +375,7 @@ void Search::laplace(const Array<double>& start, MovingResult& result) {
         settings.sixth ? "WARNING: Laplace-6 has no maximum that steps could find. Use adaptive quadrature."
                        : "WARNING: the Laplace approximation has no maximum that steps could find. Use more quadrature "
                          "points, or AUTO in their place.");
+  if (!settings.sixth) doubtdeviation(made, result);
   if (!result.usable || !settings.sixth) return;
   result.laplace = laplacefindings(likelihood);
   result.reliabilities = std::move(result.laplace.reliabilities);
