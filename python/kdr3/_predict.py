@@ -2,7 +2,7 @@
 from __future__ import annotations
 
 import ctypes
-from typing import TYPE_CHECKING, Mapping
+from typing import TYPE_CHECKING, Iterator, Mapping
 
 import numpy as np
 
@@ -22,11 +22,20 @@ FAMILIES = {"gaussian": 0, "binomial": 2, "poisson": 3, "multinomial": 4, "ordin
 def _filled(struct: ctypes.Structure, **arrays: np.ndarray | None) -> ctypes.Structure:
     """The struct with the addresses of these arrays, which it keeps alive."""
     struct.size = ctypes.sizeof(struct)
-    struct.kept = [None if a is None else np.ascontiguousarray(a, dtype=np.intp if a.dtype.kind == "i" else np.float64)
-                   for a in arrays.values()]
-    for name, array in zip(arrays, struct.kept):
+    struct.kept = {name: None if a is None else np.ascontiguousarray(a, dtype=np.intp if a.dtype.kind == "i" else np.float64)
+                   for name, a in arrays.items()}
+    for name, array in struct.kept.items():
         setattr(struct, name, lib.address(array))
     return struct
+
+
+def _parts(of: lib.Rows, length: int) -> Iterator[tuple[slice, lib.Rows]]:
+    """The rows in parts of that length."""
+    for start in range(0, of.records, length):
+        place = slice(start, min(start + length, of.records))
+        part = _filled(lib.Rows(), **{name: None if a is None else a[place] for name, a in of.kept.items()})
+        part.records = place.stop - start
+        yield place, part
 
 
 def fitted(m: Results, effects: Mapping[int, np.ndarray] | None) -> lib.Fitted:
@@ -64,6 +73,8 @@ def predicted(m: Results, what: int, of: lib.Rows, errors: bool = False, effects
     values, wrong = np.empty((of.records, k)), np.empty((of.records, k)) if errors else None
     own = rows(m) if errors and what in (UNITLINEAR, UNITRESPONSE) else None
     model = fitted(m, effects)
-    lib.check(library.kdr3_predict(ctypes.byref(model), None if own is None else ctypes.byref(own), ctypes.byref(of), what,
-                                   values.ctypes.data, lib.address(wrong)))
+    # Averages take long of many categories: an interrupt comes through between two parts.
+    for place, part in _parts(of, 1000 if what == AVERAGE else max(1, of.records)):
+        lib.check(library.kdr3_predict(ctypes.byref(model), None if own is None else ctypes.byref(own), ctypes.byref(part), what,
+                                       values[place].ctypes.data, None if wrong is None else wrong[place].ctypes.data))
     return values, wrong

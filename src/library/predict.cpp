@@ -290,6 +290,9 @@ const char* checkunits(const Known& known, const kdr3_rows* own, const kdr3_rows
   if (own == nullptr || own->size < sizeof(kdr3_rows) || own->outcome == nullptr || own->unit2 == nullptr ||
       (known.given.units3 > 0 && own->unit3 == nullptr))
     return "Errors of known units need the records of the fit.";
+  const auto beyond = [&](double place) { return !(place >= 0.0 && place < known.outcome.categories); };
+  if (known.outcome.categorical() && std::any_of(own->outcome, own->outcome + own->records, beyond))
+    return "An outcome of the fit is no place of a category.";
   return checkrows(known, *own);
 }
 

@@ -312,6 +312,9 @@ TEST(Library, PredictsRowsOfKnownAndOfNewUnits) {
     return std::string(kdr3_message());
   };
   EXPECT_EQ(refused(nullptr, KDR3_UNITLINEAR), "Errors of known units need the records of the fit.");
+  fitted.family = KDR3_ORDINAL;
+  fitted.categories = 2;
+  EXPECT_EQ(refused(&own, KDR3_UNITLINEAR), "An outcome of the fit is no place of a category.");
   fitted.level2 = nullptr;
   EXPECT_EQ(refused(&own, KDR3_UNITLINEAR), "The fit has no posteriors of the random effects.");
   places[0] = units;
