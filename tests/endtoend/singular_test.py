@@ -1,4 +1,5 @@
 """Singular and nearly singular studies: every run ends in an orderly way, says what is wrong, and prints no NaN."""
+import json
 import random
 import re
 import sys
@@ -21,13 +22,14 @@ OUTPUT:s.txt
 
 
 def study(units3, units2, records, sd2=(1, 0.5), sd3=(0.7, 0.3), sde=1.0, y=None, seed=11):
-    """Makes s.mdm; `records` is a number or a function of the running number of the level-2 unit."""
+    """Makes s.mdm; `records` is a number or a function of the running number of the level-2 unit, `units2` one or a function of
+    that of the level-3 unit."""
     rng = random.Random(seed)
     rows = [[], [], []]
     for k in range(units3):
         q, v0, v1 = rng.gauss(0, 1), rng.gauss(0, sd3[0]), rng.gauss(0, sd3[1])
         rows[2].append((k, q))
-        for j in range(units2):
+        for j in range(units2(k) if callable(units2) else units2):
             z, u0, u1 = rng.gauss(0, 1), rng.gauss(0, sd2[0]), rng.gauss(0, sd2[1])
             rows[1].append((k, j, z))
             for _ in range(records(len(rows[1])) if callable(records) else records):
@@ -61,6 +63,18 @@ check(len(work.read("hettau.dat").splitlines()) == 30, "hettau.dat has a line fo
 check(all(len(line) == 12 + 3 * 15 for line in work.read("hettau.dat").splitlines()), "identifier and triangle of a unit")
 likelihoods = [float(value) for value in re.findall(r"at iteration \d+ = (\S+)", text.split("RESULTS FOR HET")[0])]
 check(likelihoods[:5] == sorted(likelihoods[:5]), "the likelihood rises over the heterogeneous iterations")
+# The means over the level-3 units, of unequal numbers of level-2 units, follow from what each has; a diagonal tau(pi) stays one.
+study(30, lambda k: 5 + k % 4, 8)
+for diagonal in "NY":
+    fit("units of unequal size", [0], HETIT="4", DIAGONALIZETAUPI=diagonal, RESULTS="s.json")
+    stage = next(p for p in json.loads(work.read("s.json"))["phases"] if p["phase"] == "heterogeneous")
+    each = [[float(line[at:at + 15]) for at in (12, 27, 42)] for line in work.read("hettau.dat").splitlines()]
+    sizes = [5 + k % 4 for k in range(30)]
+    for e, (i, j) in enumerate(((0, 0), (1, 0), (1, 1))):
+        for name, n in ("tau_pi_average", [1] * 30), ("tau_pi_weighted_average", sizes):
+            want = sum(w * T[e] for w, T in zip(n, each)) / sum(n)
+            check(abs(stage[name][i][j] - want) < 1e-6, f"{name}, {i} {j}: {stage[name]}, {want}")
+    check(all((T[1] == 0.0) == (diagonal == "Y") for T in each), f"diagonal {diagonal}: {each[:3]}")
 study(30, 3, 8)
 fit("too few level-2 units for a heterogeneous stage", [100], "***Unable to perform heterogeneous iterations.", HETIT="8")
 study(30, 6, 8, sd2=(0, 0), sd3=(0, 0))

@@ -17,7 +17,7 @@ program, check = str(pathlib.Path(sys.argv[1]).resolve()), Checks()
 KINDS = {"bernoulli": "BERNOULLI", "binomial": "BINOMIAL,N", "poisson": "POISSON"}
 
 
-def fit(file, levels, *keywords, units=12, weight=None):
+def fit(file, levels, *keywords, units=12, weight=None, linear=False):
     """Console, report and phases of a run, and of the run of its newcmd.kdr; weights as the reference makes them."""
     folder = fit.folder = pathlib.Path(tempfile.mkdtemp())
     lines = [line.split() for line in (REFERENCE / "quadrature" / (file + ".dat")).read_text().splitlines()]
@@ -29,7 +29,7 @@ def fit(file, levels, *keywords, units=12, weight=None):
     level2 = dict.fromkeys((k, j, b(j)) for k, j, *_ in rows)
     fixedtext(folder, (level1, level2, dict.fromkeys((k, c(k)) for k, *_ in rows)), "%24.14f", (["Y", "N", "X", "A"], ["B"], ["C"]))
     (folder / "s.kdr").write_text(
-        f"NONLIN:{KINDS[file.rstrip('012')]}\nMACROIT:100,N\nMICROIT:200\n" + "\n".join(keywords) + "\n"
+        ("NONLIN:N\nNUMIT:500,N\n" if linear else f"NONLIN:{KINDS[file.rstrip('012')]}\nMACROIT:100,N\nMICROIT:200\n") + "\n".join(keywords) + "\n"
         + "".join(f"LEVEL{level}WEIGHT:{'ABC'[level - 1]}\n" for level in levels)
         + "LEVEL1:Y=INTRCPT1+X+RANDOM\nLEVEL2:INTRCPT1=INTRCPT2+RANDOM/\nLEVEL3:INTRCPT2=INTRCPT3+RANDOM/\nLEVEL2:X=INTRCPT2/\n"
         "LEVEL3:INTRCPT2=INTRCPT3/\nTITLE:s\nOUTPUT:s.txt\nFULLOUTPUT:N\n" + NOFILES + NOFEATURES.replace("HYPOTH:N", "HYPOTH:N\nGAMMA1:0.0,1.0"))
@@ -80,6 +80,12 @@ check.near("weights of 1", ones["marginal_log_likelihood"], plain["marginal_log_
 for a, b, error in zip(*[numbers(p, "robust", "robust_standard_error")[0] for p in (ones, plain)], numbers(plain, "robust", "robust_standard_error")[1]):
     check.near("weights of 1", a, b, 2e-3 * error)
 check.near("weights of 1, sandwich", *[numbers(p, "robust", "robust_standard_error")[1][2] for p in (ones, plain)], 1e-4)
+
+# As they stand, too, weights of a linear model are in units of their mean.
+one, thousand = (fit("poisson11", (1,), "WEIGHTSCALE:NONE", "STOPVAL:0.0000000001", weight=weight, linear=True)[3]["final"] for weight in (1.0, 1000.0))
+for name in ("sigma2", "tau_pi", "tau_beta"):
+    a, b = (p[name]["estimate"] if name == "sigma2" else p[name]["estimate"][0][0] for p in (thousand, one))
+    check.near(f"linear, weights of 1000: {name}", a, b, 0, 1e-6)
 
 # Two levels: a level-2 unit is the highest there is. Whole weights of records and units are copies, by one point and more.
 def twolevels(rows, *words, family="binomial"):

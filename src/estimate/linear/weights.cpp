@@ -152,7 +152,7 @@ void multiplyraw(const Making& making, const Remaining& remaining) {
   std::size_t record = 0;
   for (std::size_t j = 0; j < remaining.units; ++j)
     for (int i = 0; i < remaining.recordsin[j]; ++i) weights.weight1[record++] *= weights.weight2[j];
-  if (making.model.restrictions.fixsigma2 == 0.0) dividebymean(weights.weight1, 0, remaining.records);
+  if (!making.model.restrictions.fixsigma2) dividebymean(weights.weight1, 0, remaining.records);
 }
 
 // Each level within the one above it, then times the weight of the one above, each time to a mean of 1.
