@@ -136,12 +136,14 @@ test_that("an interrupt ends a fit and a bootstrap, and the session goes on", {
 test_that("memory comes back after each fit", {
   pages <- function() as.numeric(strsplit(readLines("/proc/self/statm"), " ")[[1]][2])
   skip_if_not(file.exists("/proc/self/statm"))
-  for (i in 1:120) m <- kdr3(y ~ x + (1 | school / pupil), d)  # until R's own heap has grown
-  gc()
-  before <- pages()
-  for (i in 1:100) m <- kdr3(y ~ x + (1 | school / pupil), d)
-  gc()
-  expect_lt(pages() - before, 1000)  # of 4 KB
+  # R's own heap grows by steps now and then; what a fit kept would grow in every round.
+  growth <- vapply(1:5, function(round) {
+    before <- pages()
+    for (i in 1:60) m <- kdr3(y ~ x + (1 | school / pupil), d)
+    gc()
+    pages() - before
+  }, 0)
+  expect_lt(stats::median(growth), 100)  # of 4 KB
 })
 
 test_that("imputed data and plausible values are pooled by Rubin's rules", {
