@@ -328,6 +328,7 @@ Analysis analysisofrun(const Observer& observer, const Estimates* start) {
   analysis.wanted.posteriors =
       lastengine(run.control).has_value() && (infiles || run.out.effects || !run.files.predict.empty());
   analysis.wanted.leastsquares = run.out.fulloutput;
+  analysis.wanted.curves = !run.files.results.empty();
   analysis.store.inmemory = run.id.inmemory;
   const unsigned cores = std::thread::hardware_concurrency();
   analysis.threads = run.id.threads > 0 ? run.id.threads : cores > 0 ? static_cast<int>(cores) : 1;

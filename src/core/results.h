@@ -33,7 +33,8 @@ enum class Ending {
   converged,
   limit,
   keyboard,
-  lost  // their rule was met at the edge of the variances, but the search for the maximum there found none
+  lost,      // their rule was met at the edge of the variances, but the search for the maximum there found none
+  nomaximum  // of an engine: the likelihood rises as a variance grows without end
 };
 
 // Records and units of the analysis.
@@ -47,8 +48,8 @@ struct UnitCounts {
 
 // What tells whether two fits had the same records: a sum over the analysed records, whatever their order, of a hash of
 // the ID of the record's unit of the highest level, its outcome, and its trials or exposure.
-// So it is for each variable that the equations name, and for a known variance: `sum` is of the values before centering,
-// each with what tells its record.
+// So it is for each variable that the equations name, and for a known variance: `sum` is of the values before
+// centering, each with what tells its record.
 struct VariableHash {
   int level, variable;
   std::uint64_t sum = 0;
@@ -98,6 +99,26 @@ struct VarianceIntervals {
   }
 };
 
+// Points of a profile of the likelihood, from the lowest value of the parameter on: the value, and zeta, the signed
+// root of twice the drop of the log-likelihood there. Empty: not known.
+struct ProfilePoint {
+  double value, zeta;
+};
+using ProfileCurve = std::vector<ProfilePoint>;
+
+// Those of each interval of a profile.
+struct ProfileCurves {
+  std::vector<ProfileCurve> level2, level3, correlations2, correlations3;
+  ProfileCurve sigma2;
+  std::vector<ProfileCurve> effects;
+  ProfileCurve samelevel2, samelevel3;
+
+  [[nodiscard]] const std::vector<ProfileCurve>& variances(Tau which) const { return ofthe(which, level2, level3); }
+  [[nodiscard]] const std::vector<ProfileCurve>& correlations(Tau which) const {
+    return ofthe(which, correlations2, correlations3);
+  }
+};
+
 // 95% intervals by the profile of a likelihood.
 struct ProfileIntervals {
   bool made = false;  // they were asked for, and could be had; the rest is of no use otherwise
@@ -105,6 +126,8 @@ struct ProfileIntervals {
   std::vector<Interval> effects;    // [g]; none of a restricted likelihood
   bool intraclass = false;          // the model has one variance at level 2 and at most one at level 3, of intercepts:
   Interval samelevel2, samelevel3;  // the correlation of two records of a level-2 unit, of a level-3 unit
+  bool drawn = false;               // there are curves
+  ProfileCurves curves;
 };
 
 // Bootstrap intervals.

@@ -77,6 +77,8 @@ const char* endingname(Ending ending) {
       return "keyboard";
     case Ending::lost:
       return "lost";
+    case Ending::nomaximum:
+      return "no_maximum";
   }
   return "";
 }

@@ -106,6 +106,33 @@ Json intervalsof(const VarianceIntervals& intervals, int p, int b) {
           {"tau_beta", b > 0 ? tauintervals(intervals, Tau::beta, b) : Json()}};
 }
 
+namespace {
+
+Json curveof(const ProfileCurve& curve) {
+  if (curve.empty()) return {};
+  Json points = Json::array();
+  for (const auto& [value, zeta] : curve) points.push_back({number(value), number(zeta)});
+  return points;
+}
+
+Json curvesof(const std::vector<ProfileCurve>& curves) {
+  Json list = Json::array();
+  for (const ProfileCurve& curve : curves) list.push_back(curveof(curve));
+  return list;
+}
+
+Json curvesof(const ProfileCurves& curves, Tau which, int n) {
+  Json correlations = Json::array();
+  for (int i = 0; i < n; ++i) {
+    Json row = Json::array();
+    for (int j = 0; j < i; ++j) row.push_back(curveof(curves.correlations(which)[packedsize(i - 1) + at(j)]));
+    correlations.push_back(std::move(row));
+  }
+  return {{"variance", curvesof(curves.variances(which))}, {"correlation", std::move(correlations)}};
+}
+
+}  // namespace
+
 Json profileof(const ProfileIntervals& profile, int p, int b) {
   Json made = intervalsof(profile.variances, p, b);
   Json effects, shares;
@@ -114,6 +141,16 @@ Json profileof(const ProfileIntervals& profile, int p, int b) {
     shares = {{"same_level3_unit", bounds(profile.samelevel3)}, {"same_level2_unit", bounds(profile.samelevel2)}};
   made["fixed_effects"] = std::move(effects);
   made["intraclass_correlation"] = std::move(shares);
+  if (!profile.drawn) return made;
+  const ProfileCurves& curves = profile.curves;
+  Json pair;
+  if (profile.intraclass)
+    pair = {{"same_level3_unit", curveof(curves.samelevel3)}, {"same_level2_unit", curveof(curves.samelevel2)}};
+  made["curves"] = {{"sigma2", curveof(curves.sigma2)},
+                    {"tau_pi", curvesof(curves, Tau::pi, p)},
+                    {"tau_beta", b > 0 ? curvesof(curves, Tau::beta, b) : Json()},
+                    {"fixed_effects", whenever(!curves.effects.empty(), curvesof(curves.effects))},
+                    {"intraclass_correlation", std::move(pair)}};
   return made;
 }
 

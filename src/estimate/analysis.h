@@ -20,6 +20,7 @@ struct Wanted {
   std::vector<int> variables1;  // level-1 variables that these records keep beside those of the model
   bool posteriors = false;      // of the random effects by the engines
   bool leastsquares = false;    // the results of ordinary least squares
+  bool curves = false;          // points of the profiles of the likelihood, beside the ends of their intervals
 };
 
 // Where the store of the level-2 units may lie.

@@ -70,7 +70,6 @@ Subject subjectof(const kdr3_model& given, const Values& values) {
     subject.names[0].push_back(leftname(mdm.names1[v]));
   subject.records = mdm.nunits1;
   subject.recordsread = mdm.numl1rec;
-  subject.recordsread = mdm.numl1rec;
   subject.units2 = mdm.nunits2;
   subject.units3 = mdm.nunits3;
   subject.twolevel = mdm.twolevel();
@@ -234,17 +233,27 @@ std::vector<std::string> namesof(const kdr3_model& model, const Model& made) {
   return list;
 }
 
+std::string endingwords(Ending ending) {
+  switch (ending) {
+    case Ending::converged:
+    case Ending::nomaximum:  // a warning of the engine tells
+      return "";
+    case Ending::keyboard:
+      return "The iterations were stopped before they had converged.";
+    case Ending::lost:
+      return "The iterations stopped, but the search for the maximum that they are near has failed.";
+    case Ending::limit:
+      break;
+  }
+  return "The iterations reached their limit before they had converged.";
+}
+
 // The warnings of the whole and the document, from what has been collected.
 void finish(const Fit& fit) {
   kdr3_result& result = fit.result;
   result.converged = fit.document.converged;
-  const Ending ending = result.results.ending;
   std::vector<std::string> warnings;
-  if (ending != Ending::converged)
-    warnings.emplace_back(ending == Ending::keyboard ? "The iterations were stopped before they had converged."
-                          : ending == Ending::lost
-                              ? "The iterations stopped, but the search for the maximum that they are near has failed."
-                              : "The iterations reached their limit before they had converged.");
+  if (std::string words = endingwords(result.results.ending); !words.empty()) warnings.push_back(std::move(words));
   warnings.insert(warnings.end(), fit.document.warnings.begin(), fit.document.warnings.end());
   result.warnings.insert(result.warnings.begin(), warnings.begin(), warnings.end());
   for (std::string& warning : result.warnings) warning = unmarked(warning);
@@ -279,7 +288,7 @@ kdr3_status kdr3_fit(const kdr3_model* model, const kdr3_observer* observer, kdr
     Analysis analysis{values.model, values.mdm, values.weights, values.control, values.observer, {}, {}, 1, nullptr};
     const unsigned cores = std::thread::hardware_concurrency();
     analysis.threads = model->threads > 0 ? model->threads : cores > 0 ? static_cast<int>(cores) : 1;
-    analysis.wanted.leastsquares = analysis.wanted.posteriors = true;
+    analysis.wanted.leastsquares = analysis.wanted.posteriors = analysis.wanted.curves = true;
     if (model->start) {
       if (std::string words = checkstart(*model->start, values.model); !words.empty()) return error(words);
       analysis.start = &*model->start;

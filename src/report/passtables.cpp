@@ -187,6 +187,8 @@ void endingwords(const PassResults& results) {
           "WARNING: the iterations stopped at the edge of the variance components, but the search for the maximum\n"
           "there has failed: estimates and deviance are not those of the maximum.");
       break;
+    case Ending::nomaximum:  // of engines, whose warnings tell
+      break;
     case Ending::converged:
       reportline("Iterations stopped due to small change in likelihood function");
       if (const std::string words = unsettledwords(results); !words.empty()) reportwarning(words);

@@ -21,7 +21,7 @@ sys.dont_write_bytecode = True
 from plotting import kdr3plot
 from program import REFERENCE, ROOT, Checks, Workplace
 
-from kdr3plot import compare, digits, document, nested
+from kdr3plot import compare, digits, document, files, nested
 
 NESTED = "score ~ year + ses + tutoring + (1 | school/pupil)"
 SLOPES = "score ~ year + ses + tutoring + (1 | school) + (year | school:pupil)"
@@ -233,6 +233,13 @@ class Tests:
             _, notes = self.values(["first", "third" if more else "second"])
             self.check(any("ses has other values in one than in the other" + sentence in note for note in notes), f"a changed predictor: {notes}")
         self.check(not any("ses has other values" in note for note in self.values(["third", "second"])[1]), "the same predictor")
+        # Categories of texts have their names, of margins too
+        self.place.write("band.csv", "\n".join([",".join(rows[0]) + ",band"] + [",".join(row.values()) + "," + ("low", "mid", "top")[
+            (float(row["score"] or 0) > 50) + (float(row["score"] or 0) > 62)] for row in rows]) + "\n")
+        self.place.run("-fit", "band ~ ses + (1 | school)", "band.csv", "-family", "multinomial", "-o", "band", "-margins", "ses=0,1")
+        run = files.Run(str(self.folder / "band.json"))
+        self.check([e["category"] for e in run.document["model"]["equations"]] == ["low", "low", "mid", "mid"]
+                   and run.document["phases"][-1]["fixed_effects"][0]["label"] == "Intercept, category low", "names of categories")
         made, notes = self.values(["ml_one", "ml_three"])
         self.check(made["Likelihood-ratio test", "mixture_p", "ml_three against ml_one"], "one variance more beside fixed effects")
         self.check(sum("seen by their numbers alone" in note for note in notes) <= 1, f"{notes}")

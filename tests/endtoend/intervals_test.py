@@ -34,10 +34,31 @@ def named(phase):
     return made
 
 
+def curves(phase):
+    """Points of the profiles by lme4's names, of standard deviations."""
+    made = phase["profile_intervals"]["curves"]
+    root = lambda curve: [(math.sqrt(x), z) for x, z in curve]
+    pupils = made["tau_pi"]
+    found = {"sd_(Intercept)|school:pupil": root(pupils["variance"][0]), "sigma": root(made["sigma2"]),
+             "sd_(Intercept)|school": root(made["tau_beta"]["variance"][0]), **dict(zip(EFFECTS, made["fixed_effects"]))}
+    if len(pupils["variance"]) > 1:
+        found["sd_X|school:pupil"], found["cor_X.(Intercept)|school:pupil"] = root(pupils["variance"][1]), pupils["correlation"][1][0]
+    return found
+
+
+def between(curve, x):
+    """The cubic through the four points of a curve that are nearest to x."""
+    near = sorted(sorted(curve, key=lambda point: abs(point[0] - x))[:4])
+    return sum(z * math.prod((x - other) / (here - other) for other, _ in near if other != here) for here, z in near)
+
+
 # lme4's splines are good for a thousandth of an interval, but for a lower bound near 0; the direct ones for more digits.
-wanted = {}
+wanted, drawn = {}, []
 for line in (REFERENCE / "profiles.out").read_text().splitlines():
     study, name, low, high = line.split()
+    if name.startswith("curve:"):
+        drawn.append((int(study), name.removeprefix("curve:"), float(low), float(high)))
+        continue
     wanted.setdefault((int(study), name.split(":")[0] if name.startswith(("ml:", "reml:")) else "confint"), {})[
         name.removeprefix("ml:").removeprefix("reml:")] = (float(low), float(high))
 for study in sorted({study for study, _ in wanted}):
@@ -51,6 +72,11 @@ for (study, by), rows in wanted.items():
             continue  # the direct rows have it
         near = (3e-3 if by == "confint" else 1e-5) * (high - low)
         assert abs(found[name][0] - low) < near and abs(found[name][1] - high) < near, (study, by, name, found[name], (low, high))
+    if by == "confint":
+        points = curves(phase)
+        for _, name, x, zeta in (row for row in drawn if row[0] == study):
+            assert len(points[name]) >= 8 and sorted(points[name]) == points[name], (study, name, points[name])
+            assert abs(between(points[name], x) - zeta) < 0.02, (study, name, x, zeta, points[name])
 
 # Slopes at both levels: at each bound of level 3 twice the log-likelihood of lme4 is 3.84 below the top (profilerises.R), and a
 # variance whose likelihood does not fall so far ends at 0.

@@ -5,6 +5,7 @@ the engine, groups of records, margins against their table, profiles against the
 """
 import csv
 import json
+import math
 import statistics
 import sys
 
@@ -156,12 +157,14 @@ class Tests:
         run = self.made("gaussian", 5, keywords=(*FILES, "PROFILE:Y"))
         phase = choosephase(run.document)
         found, rows = phase["profile_intervals"], {row[0]: row for row in predicted.profiles(run.document, phase)}
-        self.check(list(rows["x"][3:]) == found["fixed_effects"][1] and rows["x"][1] == phase["fixed_effects"][1]["estimate"], "profile of x")
-        self.check(list(rows["SD: x, level 2"][3:]) == found["tau_pi"]["standard_deviation"][1], "profile of a standard deviation")
+        self.check(list(rows["x"][3:5]) == found["fixed_effects"][1] and rows["x"][1] == phase["fixed_effects"][1]["estimate"], "profile of x")
+        self.check(list(rows["SD: x, level 2"][3:5]) == found["tau_pi"]["standard_deviation"][1], "profile of a standard deviation")
         self.check(abs(rows["SD: level 1"][4] ** 2 - found["sigma2"][1]) < 1e-12, "profile of level 1")
         figure = predicted.drawprofiles(run, phase)
         line = next(line for line in figure.axes[list(rows).index("x")].lines if line.get_marker() == "o")
         self.check(list(line.get_xdata()) == [rows["x"][3], rows["x"][1], rows["x"][4]], "profile drawn")
+        drawn = [list(zip(*line.get_data())) for line in figure.axes[list(rows).index("SD: level 1")].lines]
+        self.check([(math.sqrt(x), z) for x, z in found["curves"]["sigma2"]] in drawn and len(found["curves"]["sigma2"]) == 11, "curve drawn")
         code, told = self.plot("--page", "m.json", "-o", "p.html")
         text = self.place.read("p.html")
         self.check(code == 0 and "Profiles of the likelihood: " in text and "Level-1 residuals" in text and "Predicted margins" not in text, told)

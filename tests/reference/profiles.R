@@ -1,6 +1,7 @@
 # Profile likelihood intervals by lme4's confint, of studies that restrictedstudies.py makes: maximum likelihood.
 #   Rscript profiles.R FOLDER > profiles.out
-# A line: study, name (sd_... and cor_... as lme4 has them, else the fixed effect), lower, upper.
+# A line: study, name (sd_... and cor_... as lme4 has them, else the fixed effect), lower, upper; with curve: before the name a value
+# and zeta there.
 suppressMessages(library(lme4))
 folder <- commandArgs(TRUE)[1]
 forms <- list(intercepts = Y ~ Q + Z + X + Q:X + (1 | school) + (1 | school:pupil),
@@ -12,8 +13,15 @@ for (study in c(2, 15, 61, 64)) {
   data <- read.csv(file.path(folder, sprintf("study%d.csv", study)))
   m <- suppressMessages(lmer(forms[[model]], data, REML = FALSE,
                              control = lmerControl(optimizer = "bobyqa", optCtrl = list(rhoend = 1e-9, maxfun = 1e5))))
-  ci <- suppressWarnings(suppressMessages(confint(m, method = "profile", oldNames = FALSE, quiet = TRUE)))
+  pr <- suppressWarnings(suppressMessages(profile(m, signames = FALSE)))
+  ci <- suppressWarnings(suppressMessages(confint(pr, oldNames = FALSE)))
   for (row in rownames(ci)) cat(sprintf("%d %s %.8g %.8g\n", study, gsub(" ", "", row), ci[row, 1], ci[row, 2]))
+  # Of one study, between the bounds and beyond them: the value and zeta, by lme4's splines.
+  if (study == 2) for (row in rownames(ci)) for (part in c(.1, .3, .7, .9, 1.1)) {
+    x <- ci[row, 1] + part * (ci[row, 2] - ci[row, 1])
+    zeta <- predict(attr(pr, "forward")[[row]], x)$y
+    cat(sprintf("%d curve:%s %.8g %.8g\n", study, gsub(" ", "", row), x, zeta))
+  }
 }
 
 # The same of standard deviations by the deviance itself, of both likelihoods, where confint's splines are too coarse (a

@@ -188,6 +188,7 @@ def takenames(document):
     where the document has them."""
     document["whole"] = {(row["level"], row["name"]): row["whole_name"] for row in document.get("variables", ())
                          if row["whole_name"]}
+    takelabels(document)
     for phase in document["phases"]:
         for rows in (phase["fixed_effects"], *(phase[name]["rows"] for name in ("tau_pi", "tau_beta") if phase[name])):
             for row in rows:
@@ -198,6 +199,31 @@ def takenames(document):
                 row["label"] = label(document, row)
             for row in outcome["terms"]:
                 row["label"] = "Intercept" if isintercept(row["level3"]) else wholename(document, 3, row["level3"])
+
+
+def takelabels(document):
+    """Puts the label of each category, where the data's source gave its value one, in the place of its number."""
+    model = document["model"]
+    known = {float(row["value"]): row["label"] for variable in document.get("variables", ()) if isoutcome(variable, model)
+             for row in variable["values"] if row["value"] is not None and row["label"]}
+    document["labels"] = labels = {text: known[value] for text in model["categories"] if (value := number(text)) in known}
+    if len({*labels.values(), *model["categories"]} - {*labels}) < len(model["categories"]):
+        document["labels"] = labels = {}  # two of one name
+    model["categories"] = [labels.get(text, text) for text in model["categories"]]
+    for row in (*model["equations"], *(row for phase in document["phases"] for row in (
+            *phase["fixed_effects"], *(row for name in ("tau_pi", "tau_beta") if phase[name] for row in phase[name]["rows"])))):
+        row["category"] = labels.get(row["category"], row["category"])
+
+
+def isoutcome(variable, model):
+    return variable["level"] == 1 and variable["name"] == model["outcome"]
+
+
+def number(text):
+    try:
+        return float(text)
+    except ValueError:
+        return None
 
 
 def wholename(document, level, name):

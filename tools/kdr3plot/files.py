@@ -262,6 +262,8 @@ class Run:
                 predictors = graph
             elif (rows := readmargins(data)) is not None:
                 self.margins = rows
+                for row in rows[0]:
+                    row["category"] = self.document["labels"].get(row["category"], row["category"])
         self.tables, self.predictors = tables, predictors
 
     def check(self, table):

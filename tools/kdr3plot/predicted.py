@@ -2,6 +2,7 @@
 import itertools
 import math
 import textwrap
+import typing
 
 from .canvas import BLUE, GREY, PALETTE, figure
 from .digits import interval, shown
@@ -180,39 +181,58 @@ def describedmargins(run, predictor=None):
 
 # ---- Profiles
 
+class Profile(typing.NamedTuple):
+    name: str
+    estimate: float
+    error: float  # standard error, or None
+    low: float  # ends of the interval: one that was not found, or lies at the edge of what is possible, is None
+    high: float
+    curve: list  # points (value, zeta), zeta the signed root of twice the drop of the log-likelihood
+
+    def known(self):
+        """The points that the interval alone has."""
+        return [(x, z) for x, z in ((self.low, -Z95), (self.estimate, 0.0), (self.high, Z95)) if x is not None]
+
+
 def profiles(document, phase):
-    """(name, estimate, standard error, lower, upper) of the parameters whose profile was found: fixed effects, standard
-    deviations and correlations. An end that was not found, or lies at the edge of what is possible, is None."""
+    """The profiles that were found: of fixed effects, standard deviations and correlations. A document of an earlier version has no
+    points of the curve but those of the interval."""
     found = phase.get("profile_intervals")
     if not found:
         raise Refusal(NOTHING, f"the phase {phase['phase']} has no profile of the likelihood (PROFILE:Y in the command file)")
-    rows = [(effect["label"], effect["estimate"], (effect["model_based"] or {}).get("standard_error"), bounds)
-            for effect, bounds in zip(phase["fixed_effects"], found.get("fixed_effects") or ())]
+    curves, rows = found.get("curves") or {}, []
 
-    def deviation(name, variance, error, bounds):
+    def add(name, estimate, error, bounds, curve):
+        if estimate is not None and bounds and bounds != [None, None]:
+            rows.append(Profile(name, estimate, error, *bounds, curve or ()))
+
+    def deviation(name, variance, error, bounds, curve):
         root = math.sqrt(max(variance or 0.0, 0.0))
-        rows.append((name, root, error / (2 * root) if error and root else None, bounds and [b if b is None or b > 0 else None for b in bounds]))
+        add(name, root, error / (2 * root) if error and root else None, bounds and [b if b is None or b > 0 else None for b in bounds],
+            [(math.sqrt(max(x, 0.0)), z) for x, z in curve or ()])
 
     def matrices(level, key):
-        tau, its = phase[key], found.get(key)
+        tau, its, points = phase[key], found.get(key), curves.get(key)
         if not tau or not its:
             return
         names, n = [row["label"] for row in tau["rows"]], len(tau["rows"])
         for i in range(n):
             deviation(f"SD: {names[i]}, level {level}", tau["estimate"][i][i], tau["standard_error"] and tau["standard_error"][i][i],
-                      its["standard_deviation"][i])
+                      its["standard_deviation"][i], points and points["variance"][i])
         for i in range(n):
             for k in range(i):
                 if its["correlation"][i][k] and tau["correlation"]:
-                    rows.append((f"Correlation: {names[k]} and {names[i]}, level {level}", tau["correlation"][i][k], None,
-                                 [None if b is None or abs(b) >= 1 else b for b in its["correlation"][i][k]]))
+                    add(f"Correlation: {names[k]} and {names[i]}, level {level}", tau["correlation"][i][k], None,
+                        [None if b is None or abs(b) >= 1 else b for b in its["correlation"][i][k]], points and points["correlation"][i][k])
 
+    effects = phase["fixed_effects"]
+    for effect, bounds, curve in zip(effects, found.get("fixed_effects") or (), curves.get("fixed_effects") or [None] * len(effects)):
+        add(effect["label"], effect["estimate"], (effect["model_based"] or {}).get("standard_error"), bounds, curve)
     matrices(3, "tau_beta")
     matrices(2, "tau_pi")
     sigma2 = phase["sigma2"]
     if sigma2 and found.get("sigma2"):
-        deviation("SD: level 1", sigma2["estimate"], sigma2["standard_error"], [b and math.sqrt(b) for b in found["sigma2"]])
-    rows = [(name, estimate, error, *bounds) for name, estimate, error, bounds in rows if estimate is not None and bounds and bounds != [None, None]]
+        deviation("SD: level 1", sigma2["estimate"], sigma2["standard_error"], [b and math.sqrt(b) for b in found["sigma2"]], curves.get("sigma2"))
     if not rows:
         raise Refusal(NOTHING, f"no profile of the phase {phase['phase']} was found")
     return rows
@@ -221,14 +241,16 @@ def profiles(document, phase):
 def drawprofiles(run, phase, title=""):
     rows = profiles(run.document, phase)
     drawing, axes = figure(len(rows), 1.7, title, columns=2)
-    for ax, (name, estimate, error, low, high) in zip(axes, rows):
-        known = [(x, z) for x, z in ((low, -Z95), (estimate, 0.0), (high, Z95)) if x is not None]
+    for ax, row in zip(axes, rows):
+        points, known = zip(*(row.curve or row.known())), row.known()
         for z in (-Z95, 0.0, Z95):
             ax.axhline(z, color=GREY, linewidth=0.5 if z else 0.8, linestyle=":" if z else "-")
-        if error:
-            ax.plot([estimate - Z95 * error, estimate + Z95 * error], [-Z95, Z95], color=GREY, linestyle="--", linewidth=1)
-        ax.plot([x for x, _ in known], [z for _, z in known], color=BLUE, marker="o", markersize=3.5, linewidth=1.4)
-        ax.set_title(textwrap.fill(name, 32), fontsize=8)
+        if row.error:
+            ax.plot([row.estimate - Z95 * row.error, row.estimate + Z95 * row.error], [-Z95, Z95], color=GREY, linestyle="--", linewidth=1)
+        ax.plot(*points, color=BLUE, linewidth=1.4)
+        ax.plot(*zip(*known), color=BLUE, marker="o", markersize=3.5, linestyle="none")
+        ax.vlines([x for x, z in known if z], -2.6, [z for _, z in known if z], color=BLUE, linewidth=0.6, linestyle=":")
+        ax.set_title(textwrap.fill(row.name, 32), fontsize=8)
         ax.set_ylim(-2.6, 2.6)
         ax.tick_params(labelsize=7)
         ax.locator_params(axis="x", nbins=4)
@@ -239,4 +261,4 @@ def drawprofiles(run, phase, title=""):
 
 def describedprofiles(run, phase):
     end = lambda x: "none" if x is None else shown(x)
-    return "; ".join(f"{name} {shown(estimate)}, from {end(low)} to {end(high)}" for name, estimate, _, low, high in profiles(run.document, phase))
+    return "; ".join(f"{row.name} {shown(row.estimate)}, from {end(row.low)} to {end(row.high)}" for row in profiles(run.document, phase))

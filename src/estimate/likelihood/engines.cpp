@@ -314,6 +314,7 @@ PassResults movingresults(const Pass& pass, PassKind kind, const MovingResult& m
   takesandwich(pass, fit, results);
   complete(results, pass.model(), countsof(pass));
   if (moving.end == MovingEnd::stopped) results.ending = Ending::keyboard;
+  if (moving.end == MovingEnd::nomaximum) results.ending = Ending::nomaximum;
   results.notes = moving.notes;
   if (results.weighted)
     if (std::string words = sandwichwords(moving, results, pass.mdm().twolevel()); !words.empty())

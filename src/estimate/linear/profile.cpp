@@ -217,27 +217,31 @@ struct Side {
   double step = 1.0;
   std::optional<double> end;
 };
-std::optional<double> bound(Profile& profile, const Target& target, const Side& side) {
+struct Bound {
+  double t, level, zeta;
+};
+std::optional<double> zetaat(Profile& profile, const Target& target, const Side& side, double t) {
+  const std::optional<double> value = profile.at(target, side.level(t));
+  if (!value) return {};
+  return std::sqrt(std::max(0.0, 2.0 * (profile.top - *value)));
+}
+std::optional<Bound> bound(Profile& profile, const Target& target, const Side& side) {
   constexpr int most = 40;
   constexpr double close = 1.0e-5;
   const double root = std::sqrt(threshold);
-  const auto zeta = [&](double t) -> std::optional<double> {
-    const std::optional<double> value = profile.at(target, side.level(t));
-    if (!value) return {};
-    return std::sqrt(std::max(0.0, 2.0 * (profile.top - *value)));
-  };
   profile.last = profile.best.copy();
   double low = 0.0, atlow = 0.0, high = 0.0, athigh = 0.0;
   bool bracketed = false;
   double t = side.end ? std::min(side.step, 0.5 * *side.end) : side.step;
   for (int i = 0; i < most; ++i) {
-    const std::optional<double> z = zeta(t);
+    const std::optional<double> z = zetaat(profile, target, side, t);
     if (!z) return {};
-    if (std::fabs(*z - root) < close) return side.level(t);
+    const Bound here{t, side.level(t), *z};
+    if (std::fabs(*z - root) < close) return here;
     if (*z < root) {
       low = t;
       atlow = *z;
-      if (side.end && t >= *side.end) return side.level(*side.end);
+      if (side.end && t >= *side.end) return here;
     } else {
       high = t;
       athigh = *z;
@@ -252,7 +256,7 @@ std::optional<double> bound(Profile& profile, const Target& target, const Side& 
       continue;
     }
     const double width = high - low;
-    if (width <= 1.0e-9 * high) return side.level(t);
+    if (width <= 1.0e-9 * high) return here;
     t = low + width * (root - atlow) / (athigh - atlow);
     const double margin = i % 5 == 4 ? 0.3 : 0.01;
     t = std::clamp(t, low + margin * width, high - margin * width);
@@ -260,16 +264,54 @@ std::optional<double> bound(Profile& profile, const Target& target, const Side& 
   return {};
 }
 
-Interval both(Profile& profile, const Target& target, const Side& down, const Side& up) {
-  const std::optional<double> low = bound(profile, target, down);
-  if (profile.stopped) return {};
-  const std::optional<double> high = bound(profile, target, up);
+// The curve on one side, outwards: zeta at these parts of the way to the bound, at the bound, and a little behind it.
+// Each climb starts from the one before.
+ProfileCurve outwards(Profile& profile, const Target& target, const Side& side, const std::optional<Bound>& found) {
+  ProfileCurve curve;
+  if (!found || !profile.pass.analysis->wanted.curves) return curve;
+  profile.last = profile.best.copy();
+  for (const double part : {0.25, 0.5, 0.75, 1.0, 1.25}) {
+    const double t = side.end ? std::min(part * found->t, *side.end) : part * found->t;
+    if (part == 1.0) {
+      curve.push_back({found->level, found->zeta});
+    } else if (part < 1.0 || t > found->t) {
+      const std::optional<double> zeta = zetaat(profile, target, side, t);
+      if (profile.stopped) return {};
+      if (zeta) curve.push_back({side.level(t), *zeta});
+    }
+  }
+  return curve;
+}
+
+// Both sides with the estimate, where zeta is 0, between them.
+ProfileCurve joined(const ProfileCurve& down, double estimate, const ProfileCurve& up) {
+  if (down.empty() && up.empty()) return {};
+  ProfileCurve curve;
+  for (auto point = down.rbegin(); point != down.rend(); ++point) curve.push_back({point->value, -point->zeta});
+  curve.push_back({estimate, 0.0});
+  curve.insert(curve.end(), up.begin(), up.end());
+  return curve;
+}
+
+double levelof(const std::optional<Bound>& found) { return found ? found->level : notfound; }
+
+// What a profile says of one parameter. Without `down` it ends below at the estimate.
+Interval both(Profile& profile, const Target& target, const std::optional<Side>& down, const std::optional<Side>& up,
+              ProfileCurve& curve) {
+  const auto search = [&](const std::optional<Side>& side) {
+    return side && !profile.stopped ? bound(profile, target, *side) : std::nullopt;
+  };
+  const std::optional<Bound> low = search(down), high = search(up);
   if (profile.stopped || (!low && !high)) return {};
-  return {true, low.value_or(notfound), high.value_or(notfound)};
+  const double estimate = (down ? down : up)->level(0.0);
+  const ProfileCurve below = down ? outwards(profile, target, *down, low) : ProfileCurve{};
+  const ProfileCurve above = up ? outwards(profile, target, *up, high) : ProfileCurve{};
+  if (!profile.stopped) curve = joined(below, estimate, above);
+  return {true, down ? levelof(low) : estimate, up ? levelof(high) : estimate};
 }
 
 // A variance on the scale of the standard deviation, in steps of its own standard error.
-Interval variance(Profile& profile, std::size_t element) {
+Interval variance(Profile& profile, std::size_t element, ProfileCurve& curve) {
   const std::size_t NT = profile.best.size();
   Target target;
   target.element = element;
@@ -279,44 +321,39 @@ Interval variance(Profile& profile, std::size_t element) {
   const double step = std::max(error / std::max(2.0 * deviation, std::sqrt(error)), 1.0e-3 * std::sqrt(error));
   const Side up{[=](double t) { return (deviation + t) * (deviation + t); }, 2.0 * step, {}};
   const Side down{[=](double t) { return (deviation - t) * (deviation - t); }, 2.0 * step, deviation};
-  if (deviation == 0.0) {
-    const std::optional<double> high = bound(profile, target, up);
-    return high ? Interval{true, 0.0, *high} : Interval{};
-  }
-  return both(profile, target, down, up);
+  return deviation == 0.0 ? both(profile, target, {}, up, curve) : both(profile, target, down, up, curve);
 }
 
 // A correlation, between -1 and 1; all of that where a variance may be 0. `estimate` may be at an end.
-Interval correlation(Profile& profile, const Target& target, double estimate, bool anything) {
+Interval correlation(Profile& profile, const Target& target, double estimate, bool anything, ProfileCurve& curve) {
   if (anything) return {true, -1.0, 1.0};
   constexpr double atend = 1.0e-6;
-  const auto side = [&](double end) {
+  const auto side = [&](double end) -> std::optional<Side> {
+    if (std::fabs(end - estimate) <= atend) return {};
     return Side{[=](double t) { return std::clamp(estimate + (end > 0 ? t : -t), -1.0, 1.0); },
                 0.5 * std::fabs(end - estimate), std::fabs(end - estimate)};
   };
-  Interval interval{true, -1.0, 1.0};
-  if (estimate > -1.0 + atend) {
-    const std::optional<double> low = bound(profile, target, side(-1.0));
-    interval.low = low.value_or(notfound);
-  }
-  if (!profile.stopped && estimate < 1.0 - atend) {
-    const std::optional<double> high = bound(profile, target, side(1.0));
-    interval.high = high.value_or(notfound);
-  }
-  interval.known = !profile.stopped && (std::isfinite(interval.low) || std::isfinite(interval.high));
-  return interval;
+  const std::optional<Side> down = side(-1.0), up = side(1.0);
+  const Interval found = both(profile, target, down, up, curve);
+  if (profile.stopped) return {};
+  const double low = !down ? -1.0 : found.known ? found.low : notfound;
+  const double high = !up ? 1.0 : found.known ? found.high : notfound;
+  return {std::isfinite(low) || std::isfinite(high), low, high};
 }
 
 // An element that the model leaves free.
 bool isfree(const Profile& profile, std::size_t element) { return profile.restriction.free[element] >= 0; }
 
 void oftau(Profile& profile, std::size_t first, int n, std::vector<Interval>& variances,
-           std::vector<Interval>& correlations) {
+           std::vector<Interval>& correlations, std::vector<ProfileCurve>& curves,
+           std::vector<ProfileCurve>& correlationcurves) {
   const auto place = [&](int i, int j) { return first + packedsize(i) + at(j); };
   for (int i = 0; i < n; ++i) {
     const std::size_t element = place(i, i);
-    variances.push_back(isfree(profile, element) && !profile.stopped ? variance(profile, element) : Interval{});
+    ProfileCurve& curve = curves.emplace_back();
+    variances.push_back(isfree(profile, element) && !profile.stopped ? variance(profile, element, curve) : Interval{});
     for (int j = 0; j < i; ++j) {
+      ProfileCurve& its = correlationcurves.emplace_back();
       Target target;
       target.correlation = true;
       target.c = place(i, j);
@@ -331,19 +368,20 @@ void oftau(Profile& profile, std::size_t first, int n, std::vector<Interval>& va
       const Array<double>& theta = profile.best;
       const double root = std::sqrt(theta[target.u] * theta[target.v]);
       const bool anything = !(one.low > 0.0) || !(other.low > 0.0) || !(root > 0.0);
-      correlations.push_back(correlation(profile, target, anything ? 0.0 : theta[target.c] / root, anything));
+      correlations.push_back(correlation(profile, target, anything ? 0.0 : theta[target.c] / root, anything, its));
     }
   }
 }
 
-void ofeffects(Profile& profile, std::vector<Interval>& effects) {
+void ofeffects(Profile& profile, std::vector<Interval>& effects, std::vector<ProfileCurve>& curves) {
   const std::size_t g = profile.gamma.size();
   for (std::size_t i = 0; i < g && !profile.stopped; ++i) {
     Target target;
     target.effect = static_cast<int>(i);
     const double estimate = profile.gamma[i], error = std::sqrt(profile.covariance[i * (g + 1)]);
     const auto side = [&](double sign) { return Side{[=](double t) { return estimate + sign * t; }, 2.0 * error, {}}; };
-    effects.push_back(both(profile, target, side(-1.0), side(1.0)));
+    ProfileCurve& curve = curves.emplace_back();
+    effects.push_back(both(profile, target, side(-1.0), side(1.0), curve));
   }
 }
 
@@ -351,7 +389,7 @@ void ofeffects(Profile& profile, std::vector<Interval>& effects) {
 // taubeta) / total and taubeta / total.
 void intraclass(Profile& profile, ProfileIntervals& made) {
   const Array<double>& theta = profile.best;
-  const auto share = [&](std::size_t first) {
+  const auto share = [&](std::size_t first, ProfileCurve& curve) {
     Target target;
     target.a.reset(theta.size());
     target.b.reset(theta.size());
@@ -366,14 +404,12 @@ void intraclass(Profile& profile, ProfileIntervals& made) {
     const Side down{[=](double t) { return std::max(0.0, estimate - t); }, 0.5 * estimate, estimate};
     const Side up{[=](double t) { return std::min(1.0, estimate + t); },
                   std::min(0.5 * estimate + 0.02, 0.5 * (1.0 - estimate)), 1.0 - estimate};
-    if (estimate > 0.0) return both(profile, target, down, up);
-    const std::optional<double> high = bound(profile, target, up);
-    return high ? Interval{true, 0.0, *high} : Interval{};
+    return estimate > 0.0 ? both(profile, target, down, up, curve) : both(profile, target, {}, up, curve);
   };
   if (profile.stopped) return;
   made.intraclass = true;
-  made.samelevel2 = share(0);
-  if (!profile.stopped && theta.size() == 3) made.samelevel3 = share(1);
+  made.samelevel2 = share(0, made.curves.samelevel2);
+  if (!profile.stopped && theta.size() == 3) made.samelevel3 = share(1, made.curves.samelevel3);
 }
 
 }  // namespace
@@ -405,12 +441,15 @@ ProfileIntervals profileintervals(Pass& pass, const ProfileRequest& request, std
     notes.emplace_back(
         "PROFILE: the estimates are not at the maximum of the likelihood, which the intervals belong to.");
   VarianceIntervals& variances = made.variances;
-  oftau(profile, 0, pass.p, variances.level2, variances.correlations2);
-  oftau(profile, packedsize(pass.p), pass.b, variances.level3, variances.correlations3);
+  ProfileCurves& curves = made.curves;
+  made.drawn = pass.analysis->wanted.curves;
+  oftau(profile, 0, pass.p, variances.level2, variances.correlations2, curves.level2, curves.correlations2);
+  oftau(profile, packedsize(pass.p), pass.b, variances.level3, variances.correlations3, curves.level3,
+        curves.correlations3);
   const std::size_t last = profile.best.size() - 1;
-  if (isfree(profile, last) && !profile.stopped) variances.sigma2 = variance(profile, last);
+  if (isfree(profile, last) && !profile.stopped) variances.sigma2 = variance(profile, last, curves.sigma2);
   if (request.criterion == Criterion::full) {
-    ofeffects(profile, made.effects);
+    ofeffects(profile, made.effects, curves.effects);
   } else {
     notes.emplace_back(
         "PROFILE: the restricted likelihood is no function of the fixed effects, which have no profile intervals; "
