@@ -449,11 +449,15 @@ def climbed(program, seed, points):
     if made.found is None:
         return made.here + made.ending[0], made.ending[1]
     data, found = made.data, made.found
-    theta, value, H = maximise(made.integral(), data.pointof(np.eye(made.q) / 2, np.eye(made.r) / 2, np.zeros(data.g)), Integral(data, 3, 3), quiet=True)
-    right, mine = errors(data, theta, H, np.arange(len(theta))), data.parameters(data.pointof(*made.taus, made.gamma))
-    far, gap = np.abs(mine - data.parameters(theta)) / right, abs(value - found.value)
-    off, missing = apart(found.se * made.back, right)
-    fine = gap < 0.01 and far.max() < 0.02 and off < 0.02 and (not missing or found.edge)  # which has no errors there
+    theta, mine = data.pointof(np.eye(made.q) / 2, np.eye(made.r) / 2, np.zeros(data.g)), data.parameters(data.pointof(*made.taus, made.gamma))
+    for finer in (False, True):
+        theta, value, H = maximise(made.integral(finer), theta, Integral(data, 3, 3), quiet=True)
+        right = errors(data, theta, H, np.arange(len(theta)))
+        far, gap = np.abs(mine - data.parameters(theta)) / right, abs(value - found.value)
+        off, missing = apart(found.se * made.back, right)
+        fine = gap < 0.01 and far.max() < 0.02 and off < 0.02 and (not missing or found.edge)  # which has no errors there
+        if fine:
+            break
     return (made.here + f"{found.phase['points']} points, {len(far)} parameters, the maximum of {value:.5f} is {gap:.5f} away, estimates {far.max():.4f} se, "
             f"errors {100 * off:.2f}%" + ", edge" * found.edge), verdictof(fine, found.warnings)
 
