@@ -1,7 +1,6 @@
 #include "app/nullmodel.h"
 
 #include <fstream>
-#include <sstream>
 #include <string>
 
 #include "core/formatted.h"
@@ -56,9 +55,9 @@ std::string takevariances(const Json& document, Shares::NullModel& null) {
 void readnullmodel() {
   const std::string& path = run.files.nullmodel;
   if (path.empty()) return;
-  std::ostringstream text;  // what can't be read, as a folder, is no text
-  text << std::ifstream(path).rdbuf();
-  const Json document = Json::parse(text.str(), nullptr, false);
+  std::ifstream file(path);
+  const bool readable = file && file.peek() != std::ifstream::traits_type::eof();  // a folder is not
+  const Json document = readable ? Json::parse(file, nullptr, false) : Json();
   Shares::NullModel null;
   if (const std::string words = takevariances(document, null); !words.empty())
     stopwith("NULLMODEL: takes the results document (.json) of the model without predictors. %s is %s.\n", path.c_str(),
