@@ -10,8 +10,8 @@ namespace kdr {
 
 namespace {
 
-// A batch ends behind so many records, or level-3 units: threads begin and end with each, and what it gives is held unit
-// by unit. Batches that are kept may be longer.
+// A batch ends behind so many records, or level-3 units: threads begin and end with each, and what it gives is held
+// unit by unit. Batches that are kept may be longer.
 constexpr std::size_t batchrecords = 20000, batchunits = 20000, keptbatchrecords = 200000;
 // Bytes of records below which they are read once and kept.
 constexpr std::size_t mostkept = std::size_t{32} << 20;

@@ -86,14 +86,14 @@ struct RecordColumns {
 
 // Logits of records, from which quasi-likelihood goes on: w = n mu (1 - mu), z = eta + (y - n mu) / w.
 struct LogitRecords {
-  std::size_t stride;  // the records, rounded up to a multiple of nodestep; eta is 0 and n is 1 behind them
-  const double* eta;   // none of them beyond 700
-  const double* y;
-  const double* n;       // trials; null: 1
-  double largest;        // w is held to it
-  double least;          // the least weight that has a say
-  double *z, *root;      // out: z, and the root of w
-  long long held, mute;  // out: records whose w is held, and whose is below the least
+  std::size_t stride = 0;       // the records, rounded up to a multiple of nodestep; eta is 0 and n is 1 behind them
+  const double* eta = nullptr;  // none of them beyond 700
+  const double* y = nullptr;
+  const double* n = nullptr;             // trials; null: 1
+  double largest = 0.0;                  // w is held to it
+  double least = 0.0;                    // the least weight that has a say
+  double *z = nullptr, *root = nullptr;  // out: z, and the root of w
+  long long held = 0, mute = 0;          // out: records whose w is held, and whose is below the least
 };
 
 // The weights of level-2 nodes for each level-3 node of a block.

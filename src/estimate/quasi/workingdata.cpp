@@ -149,14 +149,23 @@ bool plainlogits(const Step& step) {
 
 void makelogits(Step& step) {
   const Array<double>& counts = step.state.counts;
-  const std::size_t nj = at(step.unit.nj), width = at(step.state.layout.width);
+  const std::size_t nj = at(step.unit.nj), width = at(step.state.layout.width), stride = padded(nj);
   const double* observed = step.unit.records.data() + step.state.layout.observed;
   for (std::size_t i = 0; i < nj; ++i) step.y[i] = observed[i * width];
-  std::fill(step.eta.begin() + step.unit.nj, step.eta.begin() + static_cast<std::ptrdiff_t>(padded(nj)), 0.0);
   if (!counts.empty()) std::copy_n(counts.data() + step.record, nj, step.n.data());
-  LogitRecords records{padded(nj),    step.eta.data(), step.y.data(),    counts.empty() ? nullptr : step.n.data(),
-                       largestweight, leastweight,     step.z.data(),    step.root.data(),
-                       0,             0};
+  for (std::size_t i = nj; i < stride; ++i) {
+    step.eta[i] = 0.0;
+    step.n[i] = 1.0;
+  }
+  LogitRecords records;
+  records.stride = stride;
+  records.eta = step.eta.data();
+  records.y = step.y.data();
+  records.n = counts.empty() ? nullptr : step.n.data();
+  records.largest = largestweight;
+  records.least = leastweight;
+  records.z = step.z.data();
+  records.root = step.root.data();
   fastestquadratureloops().workinglogits(records);
   step.limited += static_cast<int>(records.held);
   step.saturated += static_cast<int>(records.mute);

@@ -84,6 +84,48 @@ TEST(QuadratureLoops, ExponentialsAndLogarithmsOfTheLibrary) {
 }
 
 // The report of a run must not depend on the machine.
+// z and w of logits by the formulas, one record after the other, with the sums in the wider type.
+TEST(QuadratureLoops, WorkingLogitsAreTheFormulas) {
+  std::mt19937 random(5);
+  for (const bool trials : {false, true})
+    for (const std::size_t records : {1U, 4U, 7U}) {
+      const std::size_t stride = padded(records);
+      std::vector<double> eta(stride), y(stride), n(stride, 1.0), z(stride), root(stride), other(2 * stride);
+      long long held = 0, mute = 0;
+      for (std::size_t i = 0; i < records; ++i) {
+        eta[i] = std::uniform_real_distribution<>(-60.0, 60.0)(random);
+        n[i] = trials ? std::pow(10.0, static_cast<double>(random() % 9)) : 1.0;
+        y[i] = trials ? std::floor(0.3 * n[i]) : static_cast<double>(random() % 2);
+      }
+      LogitRecords loop;
+      loop.stride = stride;
+      loop.eta = eta.data();
+      loop.y = y.data();
+      loop.n = trials ? n.data() : nullptr;
+      loop.largest = 1.0e3;
+      loop.least = 1.0e-4;
+      loop.z = z.data();
+      loop.root = root.data();
+      fastestquadratureloops().workinglogits(loop);
+      for (std::size_t i = 0; i < records; ++i) {
+        const long double mu = 1.0L / (1.0L + std::exp(-static_cast<long double>(eta[i])));
+        const long double w = n[i] * mu / (1.0L + std::exp(static_cast<long double>(eta[i])));
+        const double due = static_cast<double>(eta[i] + (y[i] - n[i] * mu) / w);
+        EXPECT_NEAR(z[i], due, 1e-13 * (std::fabs(due) + std::fabs(eta[i]) + static_cast<double>(n[i] / w)));
+        EXPECT_NEAR(root[i], static_cast<double>(std::sqrt(std::min(w, 1.0e3L))), 1e-13 * root[i]);
+        held += w >= 1.0e3L;
+        mute += w < 1.0e-4L;
+      }
+      EXPECT_EQ(loop.held, held);
+      EXPECT_EQ(loop.mute, mute);
+      loop.z = other.data();
+      loop.root = other.data() + stride;
+      baseline::quadratureloops.workinglogits(loop);
+      EXPECT_EQ(std::vector<double>(other.begin(), other.begin() + static_cast<std::ptrdiff_t>(records)),
+                std::vector<double>(z.begin(), z.begin() + static_cast<std::ptrdiff_t>(records)));
+    }
+}
+
 TEST(QuadratureLoops, EverySetOfInstructionsGivesTheSameBits) {
   if (&fastestquadratureloops() == &baseline::quadratureloops) GTEST_SKIP() << "this machine has no other set";
   std::mt19937 rng(5);
