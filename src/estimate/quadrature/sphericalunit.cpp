@@ -24,8 +24,54 @@ constexpr double largestexcess = 300.0;
 constexpr std::size_t triangle(std::size_t n) { return n * (n + 1) / 2; }
 constexpr std::size_t pairplace(std::size_t a, std::size_t b) { return a < b ? triangle(b) + a : triangle(a) + b; }
 
-// One level-3 unit under way. Statistics of a level-2 unit at one level-3 node, given w: means and second moments about
-// z* of z, means of y = (h, h_d[a] z_b), lower triangle of their covariance.
+// A column of a matrix.
+struct Column {
+  const double* first;
+  std::size_t stride;
+  double operator[](std::size_t row) const { return first[row * stride]; }
+};
+
+// u' M v, M packed of order n.
+double form(std::size_t n, const double* M, Column u, Column v) {
+  double sum = 0.0;
+  for (std::size_t c = 0; c < n; ++c) {
+    for (std::size_t d = 0; d < c; ++d) sum += *M++ * (u[c] * v[d] + u[d] * v[c]);
+    sum += *M++ * (u[c] * v[c]);
+  }
+  return sum;
+}
+
+// to (n) := M v, M packed.
+void timescolumn(std::size_t n, const double* M, Column v, double* to) {
+  std::fill_n(to, n, 0.0);
+  for (std::size_t c = 0; c < n; ++c) {
+    for (std::size_t d = 0; d < c; ++d, ++M) {
+      to[c] += *M * v[d];
+      to[d] += *M * v[c];
+    }
+    to[c] += *M++ * v[c];
+  }
+}
+
+// What the information of a level-2 unit is made of. Factors s and t stand in the order 1, z, w.
+struct InformationParts {
+  std::size_t n;               // the unit's width
+  double* M;                   // M_st = sum_i E[W s t] x~x~', packed of order n, by pairs of factors
+  const double *Sx, *Se, *Sd;  // n by g, r, q
+  const double* average;       // the unit's record of averages
+  double* room;                // n by g, at least n
+  std::size_t q, r, g;
+
+  [[nodiscard]] double* of(std::size_t s, std::size_t t) const { return M + pairplace(s, t) * triangle(n); }
+  // The place among (1, z, w) of what is in place s among (1, w).
+  [[nodiscard]] std::size_t place(std::size_t s) const { return s == 0 ? 0 : q + s; }
+  [[nodiscard]] Column x(std::size_t l) const { return {Sx + l, g}; }
+  [[nodiscard]] Column e(std::size_t b) const { return {Se + b, r}; }
+  [[nodiscard]] Column d(std::size_t a) const { return {Sd + a, q}; }
+};
+
+// One level-3 unit under way. Statistics of a level-2 unit at one level-3 node, given w: means and the lower triangle
+// of the second moments, of z - z* and of y = (h, h_d[a] z_b).
 struct SphericalIntegral {
   const Frame& frame;
   const SphericalGrids& grids;
@@ -39,13 +85,12 @@ struct SphericalIntegral {
   const QuadratureLoops& loops = fastestquadratureloops();
   const std::size_t npi = at(frame.npi), q = at(frame.q), r = at(frame.r), g = at(frame.g);
   const std::size_t P2 = triangle(q), P3 = triangle(r), Y = npi + P2, P = P2 + P3 + g;
-  const std::size_t units = at(records.units), total = records.start[units];
+  const std::size_t units = at(records.units);
   const std::size_t nodes2 = at(grids.level2.count), nodes3 = at(grids.level3.count);
   // Pairs stand level-3 node by level-3 node, with `length` places each; those behind the level-2 nodes get no weight.
   const std::size_t length = padded(nodes2), points = grids.points;
   const std::size_t block = std::clamp<std::size_t>(pairsofblock / length, 1, nodes3), pairs = block * length;
-  // In a record of statistics: sets of z: (mean, second moments) q rows of q + 1; y: (mean, second moments), Y rows of
-  // Y + 1.
+  // In a record of statistics: q rows of z, each (mean, second moments), q + 1; and Y of y, of Y + 1.
   const std::size_t atz = 0, aty = q * (q + 1), statistics = aty + Y * (Y + 1);
   // In a record of averages.
   const std::size_t nw = triangle(1 + r), nz = triangle(1 + q);
@@ -100,19 +145,38 @@ struct SphericalIntegral {
     return values[0];
   }
 
+  // Row i of an array that has a place for each pair.
+  double* pairrow(Array<double>& array, std::size_t i) const { return array.data() + i * pairs; }
+
   bool prepare();
+  void fitwork();
   void preparenarrow();
+  bool placelevel3();
   bool placelevel2(std::size_t j);
   void placepairs(std::size_t j, std::size_t firstnode, std::size_t nodes);
   void makerows(std::size_t j);
+  UnitNodes nodesof(std::size_t j, std::size_t firstnode, std::size_t nodes);
   bool level2(std::size_t j, std::size_t firstnode, std::size_t nodes);
+  void makeproducts(std::size_t j, std::size_t nodes);
   void level2statistics(std::size_t j, std::size_t nodes);
+  void level2rowweights(std::size_t j, std::size_t nodes);
+  void addscores(std::size_t j, std::size_t nodes);
   void addnode(std::size_t m, std::size_t node, double logweight);
   void average(std::size_t node, double weight, const double* w, const double* offset);
+  void averagestatistics(std::size_t j, const double* statistic, double weight, const double* w, const double* offset,
+                         const double* products);
+  void averageweights(std::size_t node, double weight, const double* w);
   bool integrate(UnitSums& result);
   void finish(UnitSums& result);
-  void unitinformation(std::size_t j, UnitSums& result);
   void renew(std::size_t j);
+  void weightmoments(std::size_t j, double* M) const;
+  void keepmoments(std::size_t j, const double* M);
+  void unitinformation(std::size_t j, UnitSums& result);
+  void addcomplete(const InformationParts& unit, UnitSums& result) const;
+  void addinformationofA(const InformationParts& unit, double* H) const;
+  void takecovariances(const InformationParts& unit) const;
+  void addinformationofB(const InformationParts& unit, double* H) const;
+  void addinformationofg(const InformationParts& unit, double* H) const;
 };
 
 bool SphericalIntegral::prepare() {
@@ -122,6 +186,15 @@ bool SphericalIntegral::prepare() {
   work.firstrow.assign(1, 0);
   for (std::size_t j = 0; j < units; ++j) work.firstrow.push_back(work.firstrow.back() + rowsof(j));
   rows = work.firstrow.back();
+  fitwork();
+  if (!placelevel3()) return false;
+  for (std::size_t j = 0; j < units; ++j)
+    if (!placelevel2(j)) return false;
+  return true;
+}
+
+void SphericalIntegral::fitwork() {
+  const std::size_t n = std::max(q, r);
   fit(work.cx, npi);
   fit(work.cD, npi * q);
   fit(work.cE, npi * r);
@@ -148,13 +221,16 @@ bool SphericalIntegral::prepare() {
   fit(work.rowaverages, rows * nrecord);
   fit(work.level3, (block + 1) * P);
   fit(work.moments, nmoments);
+  fit(work.scratch, 6 * n * n);
   std::fill_n(work.averages.data(), units * naverages, 0.0);
   std::fill_n(work.rowaverages.data(), rows * nrecord, 0.0);
   std::fill_n(work.moments.data(), nmoments, 0.0);
+}
 
-  // Nodes of level 3, and the factors of level 2.
+// w - w* = L3 x of the nodes of level 3, and what their integrands have to them: constant3 + log|L3| - w'w / 2.
+// scratch: L3, X3 = L3^-1.
+bool SphericalIntegral::placelevel3() {
   const std::size_t n = std::max(q, r);
-  fit(work.scratch, 6 * n * n);
   double *L3 = work.scratch.data(), *X3 = L3 + n * n;
   if (!choleskyfactor(r, place.C3.data() + at(records.k) * r * r, L3)) return false;
   double constant = grids.constant3;
@@ -170,8 +246,6 @@ bool SphericalIntegral::prepare() {
     }
   std::copy_n(L3, r * r, work.L3.data());
   invertlower(r, L3, X3);
-  for (std::size_t j = 0; j < units; ++j)
-    if (!placelevel2(j)) return false;
   return true;
 }
 
@@ -287,12 +361,8 @@ void SphericalIntegral::makerows(std::size_t j) {
   }
 }
 
-// Level-2 unit j at the level-3 nodes of a block: adds the logarithm of its integral to the totals and leaves its
-// statistics.
-bool SphericalIntegral::level2(std::size_t j, std::size_t firstnode, std::size_t nodes) {
-  placepairs(j, firstnode, nodes);
-  makerows(j);
-  const RecordDensity outcome = densityof(frame, records);
+// The records of level-2 unit j at the pairs of a block, for the loops.
+UnitNodes SphericalIntegral::nodesof(std::size_t j, std::size_t firstnode, std::size_t nodes) {
   UnitNodes unit{};
   unit.records = lines(j);
   unit.npi = width(j);
@@ -314,6 +384,7 @@ bool SphericalIntegral::level2(std::size_t j, std::size_t firstnode, std::size_t
   unit.fixed = work.fixed.data();
   unit.y = frame.multinomial() ? work.rows.indicators.data() + records.start[j] * responses
                                : records.y.data() + records.start[j];
+  const RecordDensity outcome = densityof(frame, records);
   const bool counted = outcome == RecordDensity::binomial || outcome == RecordDensity::multinomial;
   unit.n = counted && !records.n.empty() ? records.n.data() + records.start[j] : nullptr;
   unit.stride = pairs;
@@ -327,7 +398,15 @@ bool SphericalIntegral::level2(std::size_t j, std::size_t firstnode, std::size_t
   unit.responses = responses;
   unit.response = frame.response.data();
   unit.packed = packedrows(j);
-  loops.exact[static_cast<int>(outcome)](unit);
+  return unit;
+}
+
+// Level-2 unit j at the level-3 nodes of a block: adds the logarithm of its integral to the totals, leaves its
+// statistics and rows of weights, and adds to the nodes' scores.
+bool SphericalIntegral::level2(std::size_t j, std::size_t firstnode, std::size_t nodes) {
+  placepairs(j, firstnode, nodes);
+  makerows(j);
+  loops.exact[static_cast<int>(densityof(frame, records))](nodesof(j, firstnode, nodes));
   double* totals = work.totals.data();
   loops.nodeweights({q, nodes, length, pairs, work.nodes.data(), grids.weight2.data(), work.logdensity.data(), totals,
                      totals + padded(block)});
@@ -335,45 +414,63 @@ bool SphericalIntegral::level2(std::size_t j, std::size_t firstnode, std::size_t
     if (!std::isfinite(totals[node])) return false;
     work.total[node] += frame.weight2(at(records.k), j) * (totals[node] + work.constant[j]);
   }
+  makeproducts(j, nodes);
   level2statistics(j, nodes);
+  level2rowweights(j, nodes);
+  addscores(j, nodes);
   return true;
 }
 
-void SphericalIntegral::level2statistics(std::size_t j, std::size_t nodes) {
-  const std::size_t n = width(j), used = nodes * length, Yj = n + P2;
+// The rows h_d[a] z_b of y, behind those of the gradient h.
+void SphericalIntegral::makeproducts(std::size_t j, std::size_t nodes) {
+  const std::size_t n = width(j), used = nodes * length;
   const double* Sd = Sdof(j);
-  const double* weight = work.logdensity.data();
-  const auto row = [this](Array<double>& array, std::size_t i) { return array.data() + i * pairs; };
-  // y: behind the gradient h the rows h_d[a] z_b.
+  double* hd = work.product.data();
   for (std::size_t a = 0, e = n; a < q; ++a) {
-    double* hd = work.product.data();
     std::fill_n(hd, used, 0.0);
     for (std::size_t c = 0; c < n; ++c)
       if (const double factor = Sd[c * q + a]; factor != 0.0)
-        loops.addmultiple(hd, row(work.gradient, c), used, factor);
-    for (std::size_t b = 0; b <= a; ++b, ++e) loops.products(hd, row(work.nodes, b), row(work.gradient, e), used);
+        loops.addmultiple(hd, pairrow(work.gradient, c), used, factor);
+    for (std::size_t b = 0; b <= a; ++b, ++e)
+      loops.products(hd, pairrow(work.nodes, b), pairrow(work.gradient, e), used);
   }
+}
+
+// Means and second moments of z - z* and of y, given w.
+void SphericalIntegral::level2statistics(std::size_t j, std::size_t nodes) {
+  const std::size_t used = nodes * length, Yj = width(j) + P2, stride = units * statistics;
+  const double* weight = work.logdensity.data();
   double* statistic = work.statistics.data() + j * statistics;
-  const std::size_t stride = units * statistics;
   double* set = work.sets.data();
   std::copy_n(weight, used, set);
-  for (std::size_t a = 0; a < q; ++a) loops.products(weight, row(work.offsets, a), set + (1 + a) * pairs, used);
+  for (std::size_t a = 0; a < q; ++a) loops.products(weight, pairrow(work.offsets, a), pairrow(work.sets, 1 + a), used);
   loops.segmentsums(
       {q, 1 + q, true, pairs, nodes, length, work.offsets.data(), set, statistic + atz, stride, 1 + q, 1});
-  for (std::size_t c = 0; c < Yj; ++c) loops.products(weight, row(work.gradient, c), set + (1 + c) * pairs, used);
+  for (std::size_t c = 0; c < Yj; ++c)
+    loops.products(weight, pairrow(work.gradient, c), pairrow(work.sets, 1 + c), used);
   loops.segmentsums(
       {Yj, 1 + Yj, true, pairs, nodes, length, work.gradient.data(), set, statistic + aty, stride, 1 + Yj, 1});
-  // The rows of weights times (1, z, zz').
+}
+
+// The rows of weights times (1, z, zz'), given w.
+void SphericalIntegral::level2rowweights(std::size_t j, std::size_t nodes) {
+  const std::size_t used = nodes * length;
+  const double* weight = work.logdensity.data();
   double* zset = work.zsets.data();
   std::copy_n(weight, used, zset);
   for (std::size_t a = 0, e = 1 + q; a < q; ++a) {
-    double* to = zset + (1 + a) * pairs;
-    loops.products(weight, row(work.nodes, a), to, used);
-    for (std::size_t b = 0; b <= a; ++b, ++e) loops.products(to, row(work.nodes, b), zset + e * pairs, used);
+    double* to = pairrow(work.zsets, 1 + a);
+    loops.products(weight, pairrow(work.nodes, a), to, used);
+    for (std::size_t b = 0; b <= a; ++b, ++e) loops.products(to, pairrow(work.nodes, b), pairrow(work.zsets, e), used);
   }
   loops.segmentsums({rowsof(j), 1 + q + P2, false, pairs, nodes, length, work.weights.data(), zset,
                      work.rowweights.data() + work.firstrow[j], rows * nz, 1, rows});
-  // What the unit adds to a of each node.
+}
+
+// Adds the unit's mean of y, through Sx and Se, to a of each node.
+void SphericalIntegral::addscores(std::size_t j, std::size_t nodes) {
+  const std::size_t n = width(j), Yj = n + P2, stride = units * statistics;
+  const double* statistic = work.statistics.data() + j * statistics;
   const double *Sx = Sxof(j), *Se = Seof(j), counts = frame.weight2(at(records.k), j);
   for (std::size_t node = 0; node < nodes; ++node) {
     const double* y = statistic + node * stride + aty;
@@ -391,43 +488,49 @@ void SphericalIntegral::level2statistics(std::size_t j, std::size_t nodes) {
 // The averages of the level-2 units and of their rows of weights over the level-3 nodes, one node's share, at w = w* +
 // offset.
 void SphericalIntegral::average(std::size_t node, double weight, const double* w, const double* offset) {
-  double products[66];  // of (1, w), packed
+  double products[66];  // weight times those of (1, w), packed
   for (std::size_t s = 0, e = 0; s <= r; ++s)
     for (std::size_t t = 0; t <= s; ++t, ++e)
       products[e] = weight * (s == 0 ? 1.0 : w[s - 1]) * (t == 0 ? 1.0 : w[t - 1]);
-  for (std::size_t j = 0; j < units; ++j) {
-    const double* statistic = work.statistics.data() + (node * units + j) * statistics;
-    double* average = work.averages.data() + j * naverages;
-    const double* z = statistic + atz;
-    for (std::size_t a = 0; a < q; ++a) {
-      const double mean = z[a * (1 + q)];
-      average[ofz + a] += weight * mean;
-      for (std::size_t b = 0; b <= a; ++b) average[ofzz + triangle(a) + b] += weight * z[a * (1 + q) + 1 + b];
-      for (std::size_t b = 0; b < r; ++b) average[ofzw + a * r + b] += weight * mean * offset[b];
-    }
-    const double* y = statistic + aty;
-    const std::size_t n = width(j), Yj = n + P2;
-    const auto covariance = [&](std::size_t c, std::size_t d) {
-      return y[c * (1 + Yj) + 1 + d] - y[c * (1 + Yj)] * y[d * (1 + Yj)];
-    };
-    for (std::size_t c = 0; c < n; ++c) {
-      average[ofh + c] += weight * y[c * (1 + Yj)];
-      for (std::size_t d = 0; d <= c; ++d) {
-        const double value = covariance(c, d);
-        addmultiple(average + ofhh + (triangle(c) + d) * nw, products, nw, value);
-      }
-    }
-    for (std::size_t e = 0; e < P2; ++e) {
-      for (std::size_t c = 0; c < n; ++c) {
-        const double value = covariance(n + e, c);
-        double* to = average + ofyh + (e * n + c) * (1 + r);
-        to[0] += weight * value;
-        for (std::size_t b = 0; b < r; ++b) to[1 + b] += weight * w[b] * value;
-      }
-      for (std::size_t d = 0; d <= e; ++d) average[ofyy + triangle(e) + d] += weight * covariance(n + e, n + d);
-    }
+  for (std::size_t j = 0; j < units; ++j)
+    averagestatistics(j, work.statistics.data() + (node * units + j) * statistics, weight, w, offset, products);
+  averageweights(node, weight, w);
+}
+
+// Of level-2 unit j: E[z], E[zz'] and E[z w'], about z* and w*; E[h]; the covariances given w, of h with h times (1, w)
+// twice, of y with h times (1, w), and of y.
+void SphericalIntegral::averagestatistics(std::size_t j, const double* statistic, double weight, const double* w,
+                                          const double* offset, const double* products) {
+  double* average = work.averages.data() + j * naverages;
+  const double *z = statistic + atz, *y = statistic + aty;
+  for (std::size_t a = 0; a < q; ++a) {
+    const double mean = z[a * (1 + q)];
+    average[ofz + a] += weight * mean;
+    for (std::size_t b = 0; b <= a; ++b) average[ofzz + triangle(a) + b] += weight * z[a * (1 + q) + 1 + b];
+    for (std::size_t b = 0; b < r; ++b) average[ofzw + a * r + b] += weight * mean * offset[b];
   }
-  // s = (1, z, w), packed; of each element all rows of weights.
+  const std::size_t n = width(j), Yj = n + P2;
+  const auto covariance = [&](std::size_t c, std::size_t d) {
+    return y[c * (1 + Yj) + 1 + d] - y[c * (1 + Yj)] * y[d * (1 + Yj)];
+  };
+  for (std::size_t c = 0; c < n; ++c) {
+    average[ofh + c] += weight * y[c * (1 + Yj)];
+    for (std::size_t d = 0; d <= c; ++d)
+      addmultiple(average + ofhh + (triangle(c) + d) * nw, products, nw, covariance(c, d));
+  }
+  for (std::size_t e = 0; e < P2; ++e) {
+    for (std::size_t c = 0; c < n; ++c) {
+      const double value = covariance(n + e, c);
+      double* to = average + ofyh + (e * n + c) * (1 + r);
+      to[0] += weight * value;
+      for (std::size_t b = 0; b < r; ++b) to[1 + b] += weight * w[b] * value;
+    }
+    for (std::size_t d = 0; d <= e; ++d) average[ofyy + triangle(e) + d] += weight * covariance(n + e, n + d);
+  }
+}
+
+// E[W s t] of all rows of weights, for the pairs of s and t of (1, z, w).
+void SphericalIntegral::averageweights(std::size_t node, double weight, const double* w) {
   const double* from = work.rowweights.data() + node * rows * nz;
   const auto add = [&](std::size_t s, std::size_t t, std::size_t z, double factor) {
     addmultiple(work.rowaverages.data() + (triangle(s) + t) * rows, from + z * rows, rows, factor);
@@ -517,33 +620,32 @@ void SphericalIntegral::renew(std::size_t j) {
   for (std::size_t c = 0; c < npi; ++c) sums.h[unit * npi + c] = static_cast<float>(h[c]);
 }
 
-// Adds what level-2 unit j gives to the information: sandwiches of N_st = sum_i E[W s t] x~x~' - E[s t Cov(h, h | w)]
-// and of the like for z.
-void SphericalIntegral::unitinformation(std::size_t j, UnitSums& result) {
-  const std::size_t unit = records.firstunit + j, n = width(j), T = triangle(n), whole = triangle(npi);
-  const double* average = work.averages.data() + j * naverages;
-  const double *Sx = Sxof(j), *Se = Seof(j), *Sd = Sdof(j);
-  fit(work.information, nrecord * whole + npi * std::max({g, r, q}) + npi * npi);
-  double* M = work.information.data();  // nrecord by T
-  double* through = M + nrecord * T;
-  double* full = through + npi * std::max({g, r, q});
+// M_st = sum_i E[W s t] x~x~' of level-2 unit j: its rows of weights, where these are elements of x~x~'.
+void SphericalIntegral::weightmoments(std::size_t j, double* M) const {
+  const std::size_t n = width(j), T = triangle(n);
   const double* W = work.rowaverages.data() + work.firstrow[j];
   if (packedrows(j)) {
     for (std::size_t s = 0; s < nrecord; ++s) std::copy_n(W + s * rows, T, M + s * T);
-  } else {
-    std::fill_n(M, nrecord * T, 0.0);
-    const double* row = xof(j);
-    for (std::size_t i = 0; i < count(j); ++i, row += n)
-      for (std::size_t c = 0, e = 0; c < n; ++c)
-        for (std::size_t d = 0; d <= c; ++d, ++e) {
-          const double product = row[c] * row[d];
-          if (product == 0.0) continue;
-          const std::size_t cell = i * cells + pairplace(lineof(c), lineof(d));
-          for (std::size_t s = 0; s < nrecord; ++s) M[s * T + e] += W[s * rows + cell] * product;
-        }
+    return;
   }
+  std::fill_n(M, nrecord * T, 0.0);
+  const double* row = xof(j);
+  for (std::size_t i = 0; i < count(j); ++i, row += n)
+    for (std::size_t c = 0, e = 0; c < n; ++c)
+      for (std::size_t d = 0; d <= c; ++d, ++e) {
+        const double product = row[c] * row[d];
+        if (product == 0.0) continue;
+        const std::size_t cell = i * cells + pairplace(lineof(c), lineof(d));
+        for (std::size_t s = 0; s < nrecord; ++s) M[s * T + e] += W[s * rows + cell] * product;
+      }
+}
+
+// Keeps sum_i E[W] x~x~' of all npi columns for the sweeps that carry the nodes on.
+void SphericalIntegral::keepmoments(std::size_t j, const double* M) {
+  const std::size_t unit = records.firstunit + j, whole = triangle(npi);
   const double* kept = M;
   if (narrow(j)) {
+    const double* W = work.rowaverages.data() + work.firstrow[j];
     fit(work.narrowM, whole);
     std::fill_n(work.narrowM.data(), whole, 0.0);
     for (std::size_t i = 0; i < count(j); ++i) {
@@ -555,80 +657,103 @@ void SphericalIntegral::unitinformation(std::size_t j, UnitSums& result) {
     kept = work.narrowM.data();
   }
   for (std::size_t e = 0; e < whole; ++e) sums.M[unit * whole + e] = static_cast<float>(kept[e]);
+}
+
+// Adds what level-2 unit j gives to the information: sandwiches of N_st = M_st - E[s t Cov(h, h | w)] and of the like
+// for z.
+void SphericalIntegral::unitinformation(std::size_t j, UnitSums& result) {
+  const std::size_t n = width(j), elements = nrecord * triangle(n);
+  fit(work.information, nrecord * triangle(npi) + npi * (g + 1));
+  double* M = work.information.data();
+  double* average = work.averages.data() + j * naverages;
+  weightmoments(j, M);
+  keepmoments(j, M);
   // All that follows is linear in M and in the averages.
   if (const double counts = frame.weight2(at(records.k), j); counts != 1.0) {
-    multiply(M, nrecord * T, counts);
-    multiply(work.averages.data() + j * naverages, naverages, counts);
+    multiply(M, elements, counts);
+    multiply(average, naverages, counts);
   }
-  double* H = result.information;
-  const auto packed = [&](std::size_t s, std::size_t t) { return M + pairplace(s, t) * T; };
-  // value of u' M v for columns u of X (stride n) and v of Y (stride m).
-  const auto form = [&](const double* N, const double* X, std::size_t stride, std::size_t u, const double* Z,
-                        std::size_t m, std::size_t v) {
-    double sum = 0.0;
-    for (std::size_t c = 0, e = 0; c < n; ++c)
-      for (std::size_t d = 0; d <= c; ++d, ++e) {
-        const double product = c == d ? X[c * stride + u] * Z[c * m + v]
-                                      : X[c * stride + u] * Z[d * m + v] + X[d * stride + u] * Z[c * m + v];
-        sum += N[e] * product;
-      }
-    return sum;
-  };
-  // Complete parts, and the curvatures.
+  const InformationParts unit{n, M, Sxof(j), Seof(j), Sdof(j), average, M + elements, q, r, g};
+  addcomplete(unit, result);
+  addinformationofA(unit, result.information);
+  takecovariances(unit);
+  addinformationofB(unit, result.information);
+  addinformationofg(unit, result.information);
+}
+
+// The diagonal of sum_i E[W c c'], and the curvatures: d~_a' M_11 d~_a and d~_a' M_(z_b z_b) d~_a, the like for e~ and
+// w, and x~_l' M_11 x~_l.
+void SphericalIntegral::addcomplete(const InformationParts& unit, UnitSums& result) const {
+  const std::size_t n = unit.n;
   for (std::size_t a = 0; a < q; ++a) {
-    result.curvature[a] += form(M, Sd, q, a, Sd, q, a);
+    result.curvature[a] += form(n, unit.M, unit.d(a), unit.d(a));
     for (std::size_t b = 0; b <= a; ++b)
-      result.complete[triangle(a) + b] += form(packed(1 + b, 1 + b), Sd, q, a, Sd, q, a);
+      result.complete[triangle(a) + b] += form(n, unit.of(1 + b, 1 + b), unit.d(a), unit.d(a));
   }
   for (std::size_t a = 0; a < r; ++a) {
-    result.curvature[q + a] += form(M, Se, r, a, Se, r, a);
+    result.curvature[q + a] += form(n, unit.M, unit.e(a), unit.e(a));
     for (std::size_t b = 0; b <= a; ++b)
-      result.complete[P2 + triangle(a) + b] += form(packed(1 + q + b, 1 + q + b), Se, r, a, Se, r, a);
+      result.complete[P2 + triangle(a) + b] += form(n, unit.of(1 + q + b, 1 + q + b), unit.e(a), unit.e(a));
   }
-  for (std::size_t c = 0; c < g; ++c) result.complete[P2 + P3 + c] += form(M, Sx, g, c, Sx, g, c);
-  // A by A, A by B, A by g.
+  for (std::size_t l = 0; l < g; ++l) result.complete[P2 + P3 + l] += form(n, unit.M, unit.x(l), unit.x(l));
+}
+
+// The information of A: with y_ab = h_d[a] z_b and all covariances given w,
+//   A_ab and A_cd: d~_a' M_(z_b z_d) d~_c - E[Cov(y_ab, y_cd)]
+//   A_ab and g_l:  (M_(z_b) d~_a - E[Cov(h, y_ab)])' x~_l
+//   A_ab and B_cs: (M_(z_b w_s) d~_a - E[w_s Cov(h, y_ab)])' e~_c
+void SphericalIntegral::addinformationofA(const InformationParts& unit, double* H) const {
+  const std::size_t n = unit.n;
   for (std::size_t a = 0, e = 0; a < q; ++a)
     for (std::size_t b = 0; b <= a; ++b, ++e) {
       for (std::size_t c = 0, f = 0; c <= a; ++c)
         for (std::size_t d = 0; d <= c && f <= e; ++d, ++f)
-          H[e * P + f] += form(packed(1 + b, 1 + d), Sd, q, a, Sd, q, c) - average[ofyy + triangle(e) + f];
-      // The rows Sd_a' M_(z_b, s) - Cov(y_e, h s)' of x~ for s of (1, w), through Sx and Se.
+          H[e * P + f] += form(n, unit.of(1 + b, 1 + d), unit.d(a), unit.d(c)) - unit.average[ofyy + triangle(e) + f];
       for (std::size_t s = 0; s <= r; ++s) {
-        const double* N = packed(1 + b, s == 0 ? 0 : q + s);
-        std::fill_n(full, n, 0.0);
-        for (std::size_t c = 0, p = 0; c < n; ++c)
-          for (std::size_t d = 0; d <= c; ++d, ++p) {
-            full[c] += N[p] * Sd[d * q + a];
-            if (d != c) full[d] += N[p] * Sd[c * q + a];
-          }
-        for (std::size_t c = 0; c < n; ++c) full[c] -= average[ofyh + (e * n + c) * (1 + r) + s];
+        double* row = unit.room;
+        timescolumn(n, unit.of(1 + b, unit.place(s)), unit.d(a), row);
+        for (std::size_t c = 0; c < n; ++c) row[c] -= unit.average[ofyh + (e * n + c) * (1 + r) + s];
         if (s == 0) {
           for (std::size_t c = 0; c < n; ++c)
-            for (std::size_t l = 0; l < g; ++l) H[(P2 + P3 + l) * P + e] += full[c] * Sx[c * g + l];
-        } else {
-          for (std::size_t c = s - 1; c < r; ++c) {
-            double sum = 0.0;
-            for (std::size_t l = 0; l < n; ++l) sum += full[l] * Se[l * r + c];
-            H[(P2 + triangle(c) + s - 1) * P + e] += sum;
-          }
+            for (std::size_t l = 0; l < g; ++l) H[(P2 + P3 + l) * P + e] += row[c] * unit.Sx[c * g + l];
+          continue;
+        }
+        for (std::size_t c = s - 1; c < r; ++c) {
+          double sum = 0.0;
+          for (std::size_t l = 0; l < n; ++l) sum += row[l] * unit.Se[l * r + c];
+          H[(P2 + triangle(c) + s - 1) * P + e] += sum;
         }
       }
     }
-  // N of (1, w) by (1, w), in place of M.
+}
+
+// N_st = M_st - E[s t Cov(h, h | w)] of s and t of (1, w), in place of M_st.
+void SphericalIntegral::takecovariances(const InformationParts& unit) const {
   for (std::size_t s = 0, p = 0; s <= r; ++s)
     for (std::size_t t = 0; t <= s; ++t, ++p) {
-      double* N = packed(s == 0 ? 0 : q + s, t == 0 ? 0 : q + t);
-      for (std::size_t e = 0; e < T; ++e) N[e] -= average[ofhh + e * nw + p];
+      double* N = unit.of(unit.place(s), unit.place(t));
+      for (std::size_t e = 0; e < triangle(unit.n); ++e) N[e] -= unit.average[ofhh + e * nw + p];
     }
+}
+
+// The information of B: e~_a' N_(w_b w_d) e~_c with itself, e~_a' N_(w_b) x~_l with g.
+void SphericalIntegral::addinformationofB(const InformationParts& unit, double* H) const {
+  const std::size_t n = unit.n;
   for (std::size_t a = 0, e = P2; a < r; ++a)
     for (std::size_t b = 0; b <= a; ++b, ++e) {
       for (std::size_t c = 0, f = P2; c <= a; ++c)
         for (std::size_t d = 0; d <= c && f <= e; ++d, ++f)
-          H[e * P + f] += form(packed(1 + q + b, 1 + q + d), Se, r, a, Se, r, c);
-      for (std::size_t l = 0; l < g; ++l) H[(P2 + P3 + l) * P + e] += form(packed(1 + q + b, 0), Se, r, a, Sx, g, l);
+          H[e * P + f] += form(n, unit.of(1 + q + b, 1 + q + d), unit.e(a), unit.e(c));
+      for (std::size_t l = 0; l < g; ++l)
+        H[(P2 + P3 + l) * P + e] += form(n, unit.of(1 + q + b, 0), unit.e(a), unit.x(l));
     }
-  // g by g through npi by g.
-  const double* N = packed(0, 0);
+}
+
+// The information of g, Sx' N_11 Sx, through N_11 Sx (n by g).
+void SphericalIntegral::addinformationofg(const InformationParts& unit, double* H) const {
+  const std::size_t n = unit.n;
+  const double *N = unit.of(0, 0), *Sx = unit.Sx;
+  double* through = unit.room;
   std::fill_n(through, n * g, 0.0);
   for (std::size_t c = 0, p = 0; c < n; ++c)
     for (std::size_t d = 0; d <= c; ++d, ++p) {
