@@ -142,103 +142,200 @@ void carriedresiduals(const Frame& frame, const SphericalPoint& from, const Sphe
   }
 }
 
-bool carryunit(const Frame& frame, const SphericalPoint& from, const SphericalPoint& to, bool still,
-               const Nodes& moments, const RecordSums& sums, std::size_t k, CarryWork& work, Nodes& nodes) {
-  const std::size_t q = at(frame.q), r = at(frame.r), npi = at(frame.npi), first = frame.units.first[k],
+// The sweeps of a level-3 unit at both points, from the sums of its records at `from`. At the same point the second is
+// the first.
+bool sweepboth(const Frame& frame, const SphericalPoint& from, const SphericalPoint& to, bool still,
+               const RecordSums& sums, std::size_t k, const double* z, const double* w, CarryWork& work) {
+  const std::size_t npi = at(frame.npi), T = packedsize(frame.npi), first = frame.units.first[k],
                     units = frame.units.first[k + 1] - first;
   const auto widened = [](const Array<float>& values, std::size_t place, std::size_t n, Array<double>& wide) {
     fit(wide, n);
     for (std::size_t i = 0; i < n; ++i) wide[i] = static_cast<double>(values[place + i]);
     return wide.data();
   };
-  const std::size_t T = packedsize(frame.npi);
   const double *M = widened(sums.M, first * T, units * T, work.M),
                *h = widened(sums.h, first * npi, units * npi, work.h);
-  const double *z = moments.z.data() + first * q, *w = moments.w.data() + k * r;
+  const double* weights = frame.weightsof2(k);
   makeunitframes(frame, k, work.frames);
   makecolumns(frame, from, work.frames, units, work.columns);
-  const double* weights = frame.weightsof2(k);
   if (!sweepunit(frame, work.columns, units, weights, M, h, z, w, work.from)) return false;
-  if (!still) {
-    fit(work.res, units * npi);
-    carriedresiduals(frame, from, to, work.frames, units, M, h, z, w, work);
-    makecolumns(frame, to, work.frames, units, work.columns);
-    if (!sweepunit(frame, work.columns, units, weights, M, work.res.data(), z, w, work.to)) return false;
+  if (still) return true;
+  fit(work.res, units * npi);
+  carriedresiduals(frame, from, to, work.frames, units, M, h, z, w, work);
+  makecolumns(frame, to, work.frames, units, work.columns);
+  return sweepunit(frame, work.columns, units, weights, M, work.res.data(), z, w, work.to);
+}
+
+// C3 of the moments within the guards, and its inverse for the slope of z on w. False, with no inverse, when the guards
+// held: the moments then know nothing of w.
+bool guardlevel3(std::size_t r, const double* moments, CarryWork& work) {
+  std::copy_n(moments, r * r, work.C3.data());
+  if (!guardcovariance(r, work.from.L3.data(), work.C3.data()) || !choleskyfactor(r, work.C3.data(), work.a.data()))
+    return false;
+  invertlower(r, work.a.data(), work.b.data());
+  inversefromfactor(r, work.b.data(), work.inverse3.data());
+  return true;
+}
+
+// P and K of unit j of a level-3 unit from those of the moments, whose variance of z at a given w is held to the
+// guards:
+//   S = K C3^-1, or the sweep's slope;  R = P - S C3 S';  K = S C3,  P = R + S C3 S'
+bool guardlevel2(std::size_t q, std::size_t r, std::size_t j, bool ownslope, const double* P0, const double* K0,
+                 CarryWork& work) {
+  const int oq = static_cast<int>(q), orr = static_cast<int>(r);
+  double *P = work.P.data(), *K = work.K.data(), *S = work.S.data(), *R = work.b.data();
+  if (ownslope) {
+    mulAB(S, K0, work.inverse3.data(), oq, orr, orr);
+  } else {
+    std::copy_n(work.from.slope.data() + j * q * r, q * r, S);
   }
-  const Sweep &s0 = work.from, &s1 = still ? work.from : work.to;
-  const int oq = frame.q, orr = frame.r;
-  for (Array<double>* array : {&work.G3, &work.C3}) fit(*array, r * r);
+  mulAB(K, S, work.C3.data(), oq, orr, orr);
+  std::copy_n(P0, q * q, R);
+  subABt(R, S, K, oq, oq, orr);
+  if (std::any_of(S, S + q * r, [](double value) { return !std::isfinite(value); })) return false;
+  guardcovariance(q, work.from.L2.data() + j * q * q, R);
+  std::copy_n(R, q * q, P);
+  addABt(P, S, K, oq, oq, orr);
+  return true;
+}
+
+// Level 3 goes along: w += dw1 - dw0; C3 := G3 C3 G3' with G3 = L3_1 L3_0^-1.
+void carrylevel3(std::size_t r, CarryWork& work, double* w, double* C3) {
+  const Sweep &s0 = work.from, &s1 = work.to;
+  const int orr = static_cast<int>(r);
+  for (std::size_t b = 0; b < r; ++b) w[b] += s1.dw[b] - s0.dw[b];
+  invertlower(r, s0.L3.data(), work.a.data());
+  mulAB(work.G3.data(), s1.L3.data(), work.a.data(), orr, orr, orr);
+  mulAB(work.a.data(), work.G3.data(), work.C3.data(), orr, orr, orr);
+  mulABt(C3, work.a.data(), work.G3.data(), orr, orr, orr);
+}
+
+// Unit j of level 2 goes along: z += dz1 - dz0, and Cov(w, z) := G Cov(w, z) G', where G is lower triangular in blocks,
+//   G3,  G2 = L2_1 L2_0^-1,  G23 = slope1 G3 - G2 slope0.
+void carrylevel2(std::size_t q, std::size_t r, std::size_t j, CarryWork& work, double* z, double* P, double* K) {
+  const Sweep &s0 = work.from, &s1 = work.to;
+  const int oq = static_cast<int>(q), orr = static_cast<int>(r);
+  for (std::size_t a = 0; a < q; ++a) z[a] += s1.dz[j * q + a] - s0.dz[j * q + a];
+  double *G2 = work.G2.data(), *G23 = work.G23.data(), *a = work.a.data(), *b = work.b.data();
+  invertlower(q, s0.L2.data() + j * q * q, a);
+  mulAB(G2, s1.L2.data() + j * q * q, a, oq, oq, oq);
+  mulAB(G23, s1.slope.data() + j * q * r, work.G3.data(), oq, orr, orr);
+  subAB(G23, G2, s0.slope.data() + j * q * r, oq, orr, oq);
+  // T = G23 C3 + G2 K (q by r);  K := T G3'.
+  mulAB(a, G23, work.C3.data(), oq, orr, orr);
+  addAB(a, G2, work.K.data(), oq, orr, oq);
+  mulABt(K, a, work.G3.data(), oq, orr, orr);
+  // P := T G23' + (G23 K' + G2 P) G2'.
+  mulABt(b, G23, work.K.data(), oq, oq, orr);
+  addAB(b, G2, work.P.data(), oq, oq, oq);
+  mulABt(P, a, G23, oq, oq, orr);
+  addABt(P, b, G2, oq, oq, oq);
+  for (std::size_t i = 0; i < q; ++i)
+    for (std::size_t l = 0; l < i; ++l) P[i * q + l] = P[l * q + i] = 0.5 * (P[i * q + l] + P[l * q + i]);
+}
+
+bool carryunit(const Frame& frame, const SphericalPoint& from, const SphericalPoint& to, bool still,
+               const Nodes& moments, const RecordSums& sums, std::size_t k, CarryWork& work, Nodes& nodes) {
+  const std::size_t q = at(frame.q), r = at(frame.r), first = frame.units.first[k], behind = frame.units.first[k + 1];
+  const double *z = moments.z.data() + first * q, *w = moments.w.data() + k * r;
+  if (!sweepboth(frame, from, to, still, sums, k, z, w, work)) return false;
+  for (Array<double>* array : {&work.G3, &work.C3, &work.inverse3}) fit(*array, r * r);
   for (Array<double>* array : {&work.G2, &work.P}) fit(*array, q * q);
   for (Array<double>* array : {&work.G23, &work.K, &work.S}) fit(*array, q * r);
-  fit(work.a, (q + r) * (q + r));
-  fit(work.b, (q + r) * (q + r));
-  fit(work.inverse3, r * r);
+  for (Array<double>* array : {&work.a, &work.b}) fit(*array, (q + r) * (q + r));
 
-  double* C3 = work.C3.data();
-  std::copy_n(moments.C3.data() + k * r * r, r * r, C3);
-  // The slope of z on w is that of the moments, unless they know nothing of w.
-  const bool own = guardcovariance(r, s0.L3.data(), C3) && choleskyfactor(r, C3, work.a.data());
-  if (own) {
-    invertlower(r, work.a.data(), work.b.data());
-    inversefromfactor(r, work.b.data(), work.inverse3.data());
-  }
-  double* wto = nodes.w.data() + k * r;
+  const bool ownslope = guardlevel3(r, moments.C3.data() + k * r * r, work);
+  double *wto = nodes.w.data() + k * r, *C3to = nodes.C3.data() + k * r * r;
   std::copy_n(w, r, wto);
-  if (!still) {
-    for (std::size_t b = 0; b < r; ++b) wto[b] += s1.dw[b] - s0.dw[b];
-    invertlower(r, s0.L3.data(), work.a.data());
-    mulAB(work.G3.data(), s1.L3.data(), work.a.data(), orr, orr, orr);
-    mulAB(work.a.data(), work.G3.data(), C3, orr, orr, orr);
-    mulABt(nodes.C3.data() + k * r * r, work.a.data(), work.G3.data(), orr, orr, orr);
+  if (still) {
+    std::copy_n(work.C3.data(), r * r, C3to);
   } else {
-    std::copy_n(C3, r * r, nodes.C3.data() + k * r * r);
+    carrylevel3(r, work, wto, C3to);
   }
-  for (std::size_t j = 0; j < units; ++j) {
-    const std::size_t unit = first + j;
-    double *P = work.P.data(), *K = work.K.data();
-    std::copy_n(moments.P.data() + unit * q * q, q * q, P);
-    std::copy_n(moments.K.data() + unit * q * r, q * r, K);
-    // S = K C3^-1; P less S K', of z at a given w, within the guards; P and K made anew.
-    double *S = work.S.data(), *R = work.b.data();
-    if (own) {
-      mulAB(S, K, work.inverse3.data(), oq, orr, orr);
-    } else {
-      std::copy_n(s0.slope.data() + j * q * r, q * r, S);
-    }
-    mulAB(K, S, C3, oq, orr, orr);
-    std::copy_n(P, q * q, R);
-    subABt(R, S, K, oq, oq, orr);
-    if (std::any_of(S, S + q * r, [](double value) { return !std::isfinite(value); })) return false;
-    guardcovariance(q, s0.L2.data() + j * q * q, R);
-    std::copy_n(R, q * q, P);
-    addABt(P, S, K, oq, oq, orr);
+  for (std::size_t unit = first; unit < behind; ++unit) {
+    if (!guardlevel2(q, r, unit - first, ownslope, moments.P.data() + unit * q * q, moments.K.data() + unit * q * r,
+                     work))
+      return false;
     double *zto = nodes.z.data() + unit * q, *Pto = nodes.P.data() + unit * q * q, *Kto = nodes.K.data() + unit * q * r;
-    std::copy_n(z + j * q, q, zto);
+    std::copy_n(moments.z.data() + unit * q, q, zto);
     if (still) {
-      std::copy_n(P, q * q, Pto);
-      std::copy_n(K, q * r, Kto);
-      continue;
+      std::copy_n(work.P.data(), q * q, Pto);
+      std::copy_n(work.K.data(), q * r, Kto);
+    } else {
+      carrylevel2(q, r, unit - first, work, zto, Pto, Kto);
     }
-    for (std::size_t a = 0; a < q; ++a) zto[a] += s1.dz[j * q + a] - s0.dz[j * q + a];
-    // G of (w, z): lower triangular in blocks, G3, G2 and G23 = slope1 G3 - G2 slope0.
-    double *G2 = work.G2.data(), *G23 = work.G23.data(), *a = work.a.data(), *b = work.b.data();
-    invertlower(q, s0.L2.data() + j * q * q, a);
-    mulAB(G2, s1.L2.data() + j * q * q, a, oq, oq, oq);
-    mulAB(G23, s1.slope.data() + j * q * r, work.G3.data(), oq, orr, orr);
-    subAB(G23, G2, s0.slope.data() + j * q * r, oq, orr, oq);
-    // T = G23 C3 + G2 K (q by r);  K := T G3'.
-    mulAB(a, G23, C3, oq, orr, orr);
-    addAB(a, G2, K, oq, orr, oq);
-    mulABt(Kto, a, work.G3.data(), oq, orr, orr);
-    // P := T G23' + (G23 K' + G2 P) G2'.
-    mulABt(b, G23, K, oq, oq, orr);
-    addAB(b, G2, P, oq, oq, oq);
-    mulABt(Pto, a, G23, oq, oq, orr);
-    addABt(Pto, b, G2, oq, oq, oq);
-    for (std::size_t i = 0; i < q; ++i)
-      for (std::size_t l = 0; l < i; ++l) Pto[i * q + l] = Pto[l * q + i] = 0.5 * (Pto[i * q + l] + Pto[l * q + i]);
   }
   return true;
+}
+
+// Buffers of a sweep over units of level 2.
+struct SweepRoom {
+  std::size_t npi, q, r;
+  double *through, *form, *H, *scratch;  // npi by s, packed s(s+1)/2, q squared, 2 max(q, r) squared
+  double *H3, *g3;                       // r squared, [r]: sums of the units
+};
+
+// H2, and from it C2 and L2; slope = -C2 X23; g2.
+bool eliminateunit(const SweepRoom& room, const double* C, const double* res, const double* z, double weight,
+                   double* C2, double* L2, double* slope, double* g2, double& logdeterminant) {
+  const std::size_t npi = room.npi, q = room.q, r = room.r, s = q + r;
+  for (std::size_t a = 0, e = 0; a < q; ++a)
+    for (std::size_t b = 0; b <= a; ++b, ++e)
+      room.H[a * q + b] = room.H[b * q + a] = room.form[e] + (a == b ? 1.0 : 0.0);
+  const double before = logdeterminant;
+  if (!invertinformation(q, room.H, C2, L2, logdeterminant, room.scratch)) return false;
+  if (weight != 1.0) logdeterminant = before + weight * (logdeterminant - before);
+  for (std::size_t a = 0; a < q; ++a) {
+    for (std::size_t b = 0; b < r; ++b) {
+      const double* X23 = room.form + packedsize(q + b);
+      double sum = 0.0;
+      for (std::size_t c = 0; c < q; ++c) sum -= C2[a * q + c] * X23[c];
+      slope[a * r + b] = sum;
+    }
+    double sum = -z[a];
+    for (std::size_t c = 0; c < npi; ++c) sum += C[c * s + a] * res[c];
+    g2[a] = sum;
+  }
+  return true;
+}
+
+// What the unit leaves to level 3: weight times X33 + X23' slope to H3, and B' sum e res + slope' g2 to g3.
+void addtolevel3(const SweepRoom& room, const double* C, const double* res, double weight, const double* slope,
+                 const double* g2) {
+  const std::size_t npi = room.npi, q = room.q, r = room.r, s = q + r;
+  for (std::size_t b = 0; b < r; ++b) {
+    const double* row = room.form + packedsize(q + b);
+    for (std::size_t c = 0; c < r; ++c) {
+      double sum = c <= b ? row[q + c] : room.form[packedsize(q + c) + q + b];
+      for (std::size_t a = 0; a < q; ++a) sum += row[a] * slope[a * r + c];
+      room.H3[b * r + c] += weight * sum;
+    }
+    double sum = 0.0;
+    for (std::size_t c = 0; c < npi; ++c) sum += C[c * s + q + b] * res[c];
+    for (std::size_t a = 0; a < q; ++a) sum += slope[a * r + b] * g2[a];
+    room.g3[b] += weight * sum;
+  }
+}
+
+// dz = C2 g2 + slope dw, K = slope C3, P = C2 + K slope'.
+void substituteunit(std::size_t q, std::size_t r, const double* C2, const double* slope, const double* C3,
+                    const double* g2, const double* dw, double* dz, double* K, double* P) {
+  for (std::size_t a = 0; a < q; ++a) {
+    double sum = 0.0;
+    for (std::size_t b = 0; b < q; ++b) sum += C2[a * q + b] * g2[b];
+    for (std::size_t b = 0; b < r; ++b) sum += slope[a * r + b] * dw[b];
+    dz[a] = sum;
+    for (std::size_t b = 0; b < r; ++b) {
+      double cell = 0.0;
+      for (std::size_t c = 0; c < r; ++c) cell += slope[a * r + c] * C3[c * r + b];
+      K[a * r + b] = cell;
+    }
+    for (std::size_t b = 0; b < q; ++b) {
+      double cell = C2[a * q + b];
+      for (std::size_t c = 0; c < r; ++c) cell += K[a * r + c] * slope[b * r + c];
+      P[a * q + b] = cell;
+    }
+  }
 }
 
 }  // namespace
@@ -310,14 +407,12 @@ bool sweepunit(const Frame& frame, const Array<double>& columns, std::size_t uni
   for (Array<double>* array : {&sweep.C3, &sweep.L3}) fit(*array, r * r);
   fit(sweep.dw, r);
   const std::size_t n = std::max(q, r);
-  fit(sweep.work, npi * s + s * (s + 1) / 2 + 2 * n * n + 2 * n * n);
+  fit(sweep.work, npi * s + packedsize(s) + 2 * n * n + 2 * n * n);
   fit(sweep.right, units * q + r);
-  double* through = sweep.work.data();
-  double* form = through + npi * s;
-  double* H = form + s * (s + 1) / 2;
-  double* H3 = H + n * n;
-  double* scratch = H3 + n * n;
-  double *g2 = sweep.right.data(), *g3 = g2 + units * q;
+  double *const through = sweep.work.data(), *const form = through + npi * s, *const H = form + packedsize(s),
+                *const H3 = H + n * n, *const scratch = H3 + n * n;
+  double *const g2 = sweep.right.data(), *const g3 = g2 + units * q;
+  const SweepRoom room{npi, q, r, through, form, H, scratch, H3, g3};
   const Form makeform = formof(npi, s);
   sweep.logdeterminant = 0.0;
   std::fill_n(H3, r * r, 0.0);
@@ -327,38 +422,13 @@ bool sweepunit(const Frame& frame, const Array<double>& columns, std::size_t uni
   }
   for (std::size_t j = 0; j < units; ++j) {
     const double *C = columns.data() + j * npi * s, *own = res + j * npi;
-    makeform(npi, s, M + j * packed, C, through, form);
-    for (std::size_t a = 0, e = 0; a < q; ++a)
-      for (std::size_t b = 0; b <= a; ++b, ++e) H[a * q + b] = H[b * q + a] = form[e] + (a == b ? 1.0 : 0.0);
-    double *C2 = sweep.C2.data() + j * q * q, *slope = sweep.slope.data() + j * q * r;
+    double* slope = sweep.slope.data() + j * q * r;
     const double weight = weights == nullptr ? 1.0 : weights[j];
-    double before = sweep.logdeterminant;
-    if (!invertinformation(q, H, C2, sweep.L2.data() + j * q * q, sweep.logdeterminant, scratch)) return false;
-    if (weight != 1.0) sweep.logdeterminant = before + weight * (sweep.logdeterminant - before);
-    // X23 stands in the first q places of the rows of level 3.
-    for (std::size_t a = 0; a < q; ++a) {
-      for (std::size_t b = 0; b < r; ++b) {
-        const double* X23 = form + (q + b) * (q + b + 1) / 2;
-        double sum = 0.0;
-        for (std::size_t c = 0; c < q; ++c) sum -= C2[a * q + c] * X23[c];
-        slope[a * r + b] = sum;
-      }
-      double sum = -z[j * q + a];
-      for (std::size_t c = 0; c < npi; ++c) sum += C[c * s + a] * own[c];
-      g2[j * q + a] = sum;
-    }
-    for (std::size_t b = 0; b < r; ++b) {
-      const double* row = form + (q + b) * (q + b + 1) / 2;
-      for (std::size_t c = 0; c < r; ++c) {
-        double sum = c <= b ? row[q + c] : form[(q + c) * (q + c + 1) / 2 + q + b];
-        for (std::size_t a = 0; a < q; ++a) sum += row[a] * slope[a * r + c];
-        H3[b * r + c] += weight * sum;
-      }
-      double sum = 0.0;
-      for (std::size_t c = 0; c < npi; ++c) sum += C[c * s + q + b] * own[c];
-      for (std::size_t a = 0; a < q; ++a) sum += slope[a * r + b] * g2[j * q + a];
-      g3[b] += weight * sum;
-    }
+    makeform(npi, s, M + j * packed, C, through, form);
+    if (!eliminateunit(room, C, own, z + j * q, weight, sweep.C2.data() + j * q * q, sweep.L2.data() + j * q * q, slope,
+                       g2 + j * q, sweep.logdeterminant))
+      return false;
+    addtolevel3(room, C, own, weight, slope, g2 + j * q);
   }
   for (std::size_t a = 0; a < r; ++a)
     for (std::size_t b = 0; b < a; ++b) H3[a * r + b] = H3[b * r + a] = 0.5 * (H3[a * r + b] + H3[b * r + a]);
@@ -369,26 +439,9 @@ bool sweepunit(const Frame& frame, const Array<double>& columns, std::size_t uni
     dw[a] = 0.0;
     for (std::size_t b = 0; b < r; ++b) dw[a] += C3[a * r + b] * g3[b];
   }
-  for (std::size_t j = 0; j < units; ++j) {
-    const double *C2 = sweep.C2.data() + j * q * q, *slope = sweep.slope.data() + j * q * r;
-    double *dz = sweep.dz.data() + j * q, *K = sweep.K.data() + j * q * r, *P = sweep.P.data() + j * q * q;
-    for (std::size_t a = 0; a < q; ++a) {
-      double sum = 0.0;
-      for (std::size_t b = 0; b < q; ++b) sum += C2[a * q + b] * g2[j * q + b];
-      for (std::size_t b = 0; b < r; ++b) sum += slope[a * r + b] * dw[b];
-      dz[a] = sum;
-      for (std::size_t b = 0; b < r; ++b) {
-        double cell = 0.0;
-        for (std::size_t c = 0; c < r; ++c) cell += slope[a * r + c] * C3[c * r + b];
-        K[a * r + b] = cell;
-      }
-      for (std::size_t b = 0; b < q; ++b) {
-        double cell = C2[a * q + b];
-        for (std::size_t c = 0; c < r; ++c) cell += K[a * r + c] * slope[b * r + c];
-        P[a * q + b] = cell;
-      }
-    }
-  }
+  for (std::size_t j = 0; j < units; ++j)
+    substituteunit(q, r, sweep.C2.data() + j * q * q, sweep.slope.data() + j * q * r, C3, g2 + j * q, dw,
+                   sweep.dz.data() + j * q, sweep.K.data() + j * q * r, sweep.P.data() + j * q * q);
   return true;
 }
 
