@@ -134,6 +134,56 @@ void addconstants(Frame& frame, const Level3Records& unit) {
     }
 }
 
+// What the frame knows of a level-3 unit beside its columns: predictors and weights, and the counts and constants of
+// its records.
+void keepunit(Frame& frame, const Level3Records& unit) {
+  UnitDesigns& units = frame.units;
+  units.first.push_back(units.first.back() + at(unit.units));
+  units.w2.insert(units.w2.end(), unit.w2.begin(), unit.w2.end());
+  units.w3.insert(units.w3.end(), unit.w3.begin(), unit.w3.end());
+  if (!unit.weight2.empty()) {
+    units.weight2.insert(units.weight2.end(), unit.weight2.begin(), unit.weight2.end());
+    units.weight3.push_back(unit.weight3);
+  }
+  const auto records = static_cast<double>(unit.start[at(unit.units)]);
+  frame.records += records;
+  frame.outcomes += unit.categories.empty() ? records : unit.outcomes;
+  if (frame.categories.empty()) frame.categories.reset(unit.categories.size());
+  for (std::size_t c = 0; c < unit.categories.size(); ++c) frame.categories[c] += unit.weight3 * unit.categories[c];
+  addconstants(frame, unit);
+  if (!frame.shares && frame.outcome == Family::bernoulli)
+    frame.shares = std::any_of(unit.y.begin(), unit.y.end(), [](double y) { return y != 0.0 && y != 1.0; });
+}
+
+struct TriangleWork {
+  Array<double> columns, R;  // of unittriangle
+  Array<double> row, fixed;  // [max(npi, g, r, nbeta)], [g]
+};
+
+// The records of level-2 unit j, by the rows x' of their triangle, into the triangles of all: x' into R1, e' with
+// e_b = w2_b x_owner(b) into Re, and the columns of gamma, sums of w3_f w2_m x_owner(m), into Rx.
+void appendunit(Frame& frame, const Level3Records& unit, std::size_t j, TriangleWork& work) {
+  const Design& design = *frame.design;
+  const std::size_t p = at(frame.npi), r = at(frame.r), g = at(frame.g);
+  const std::size_t first = unit.start[j], count = unit.start[j + 1] - first;
+  const double* w2 = unit.w2.data() + j * at(frame.nbeta);
+  unittriangle(p, count, unit.x.data() + first * p, frame.response, work.columns, work.R.data());
+  for (std::size_t i = 0; i < p; ++i) {
+    const double* x = work.R.data() + i * p;
+    if (std::all_of(x, x + p, [](double v) { return v == 0.0; })) continue;
+    for (std::size_t b = 0; b < r; ++b) work.row[b] = w2[b] * x[at(design.owner2[b])];
+    appendrow(r, frame.Re.data(), work.row.data());
+    std::fill(work.fixed.begin(), work.fixed.end(), 0.0);
+    for (std::size_t f = 0; f < design.owner3.size(); ++f) {
+      const std::size_t m = at(design.owner3[f]);
+      work.fixed[at(design.reduced[f])] += unit.w3[f] * w2[m] * x[at(design.owner2[m])];
+    }
+    appendrow(g, frame.Rx.data(), work.fixed.data());
+    std::copy_n(x, p, work.row.data());
+    appendrow(p, frame.R1.data(), work.row.data());
+  }
+}
+
 // Weights of the units, those of level 3 to a mean of 1: a factor of all of them leaves every step as it is.
 void setweights(Frame& frame) {
   UnitDesigns& units = frame.units;
@@ -299,57 +349,26 @@ Frame makeframe(Family outcome, int npi, int nbeta, const Design& design, Record
   frame.response = response;
   for (const int c : response) frame.responses = std::max(frame.responses, at(c) + 1);
   frame.design = &design;
-  const std::size_t p = at(npi), q = at(shape.q), r = at(shape.r), g = at(shape.g), full = design.owner3.size();
+  const std::size_t p = at(npi), q = at(shape.q), r = at(shape.r), g = at(shape.g);
   frame.R1.reset(p * p);
   frame.Rx.reset(g * g);
   frame.Re.reset(r * r);
   frame.units.first.assign(1, 0);
-  Array<double> columns, R(p * p), row(std::max({p, g, r, at(nbeta)})), fixed(g);
+  TriangleWork work{{}, Array<double>(p * p), Array<double>(std::max({p, g, r, at(nbeta)})), Array<double>(g)};
   source.rewind(source.state);
   for (;;) {
     const std::vector<Level3Records>& batch = source.next(source.state);
     if (batch.empty()) break;
     for (const Level3Records& unit : batch) {
-      frame.units.first.push_back(frame.units.first.back() + at(unit.units));
-      frame.units.w2.insert(frame.units.w2.end(), unit.w2.begin(), unit.w2.end());
-      frame.units.w3.insert(frame.units.w3.end(), unit.w3.begin(), unit.w3.end());
-      const auto records = static_cast<double>(unit.start[at(unit.units)]);
-      frame.records += records;
-      frame.outcomes += unit.categories.empty() ? records : unit.outcomes;
-      if (frame.categories.empty()) frame.categories.reset(unit.categories.size());
-      for (std::size_t c = 0; c < unit.categories.size(); ++c) frame.categories[c] += unit.weight3 * unit.categories[c];
-      addconstants(frame, unit);
-      if (!frame.shares && frame.outcome == Family::bernoulli)
-        frame.shares = std::any_of(unit.y.begin(), unit.y.end(), [](double y) { return y != 0.0 && y != 1.0; });
-      if (!unit.weight2.empty()) {
-        frame.units.weight2.insert(frame.units.weight2.end(), unit.weight2.begin(), unit.weight2.end());
-        frame.units.weight3.push_back(unit.weight3);
-      }
-      for (std::size_t j = 0; j < at(unit.units); ++j) {
-        const std::size_t first = unit.start[j], count = unit.start[j + 1] - first;
-        const double* w2 = unit.w2.data() + j * at(nbeta);
-        unittriangle(p, count, unit.x.data() + first * p, response, columns, R.data());
-        for (std::size_t i = 0; i < p; ++i) {
-          if (std::all_of(R.data() + i * p, R.data() + (i + 1) * p, [](double v) { return v == 0.0; })) continue;
-          for (std::size_t b = 0; b < r; ++b) row[b] = w2[b] * R[i * p + at(design.owner2[b])];
-          appendrow(r, frame.Re.data(), row.data());
-          std::fill(fixed.begin(), fixed.end(), 0.0);
-          for (std::size_t f = 0; f < full; ++f) {
-            const std::size_t m = at(design.owner3[f]);
-            fixed[at(design.reduced[f])] += unit.w3[f] * w2[m] * R[i * p + at(design.owner2[m])];
-          }
-          appendrow(g, frame.Rx.data(), fixed.data());
-          std::copy_n(R.data() + i * p, p, row.data());
-          appendrow(p, frame.R1.data(), row.data());
-        }
-      }
+      keepunit(frame, unit);
+      for (std::size_t j = 0; j < at(unit.units); ++j) appendunit(frame, unit, j, work);
     }
   }
   // R of the columns random at level 2 follows from R1.
   frame.Rd.reset(q * q);
   for (std::size_t i = 0; i < p; ++i) {
-    for (std::size_t a = 0; a < q; ++a) row[a] = frame.R1[i * p + at(design.random1[a])];
-    appendrow(q, frame.Rd.data(), row.data());
+    for (std::size_t a = 0; a < q; ++a) work.row[a] = frame.R1[i * p + at(design.random1[a])];
+    appendrow(q, frame.Rd.data(), work.row.data());
   }
   if (frame.categories.size() > 2) frame.thresholds = static_cast<int>(frame.categories.size()) - 2;
   settriangle(p, at(frame.thresholds), false, frame.records, frame.R1, frame.toX);
