@@ -28,6 +28,55 @@ struct BatchSums {
   std::vector<char> fine;
 };
 
+// x' M x of column c of X (rows by n), M packed.
+double packedform(std::size_t rows, const double* M, const double* X, std::size_t n, std::size_t c) {
+  double sum = 0.0;
+  for (std::size_t i = 0, e = 0; i < rows; ++i)
+    for (std::size_t l = 0; l <= i; ++l, ++e) sum += (i == l ? 1.0 : 2.0) * M[e] * X[i * n + c] * X[l * n + c];
+  return sum;
+}
+
+// part (q + r) += sums of W d~_a^2 and W e~_b^2 over the records of unit k, at the modes that `work` holds.
+void addcurvature(const Frame& frame, std::size_t k, const ModeWork& work, double* part) {
+  const std::size_t q = at(frame.q), r = at(frame.r), npi = at(frame.npi);
+  for (std::size_t j = 0; j < frame.units.first[k + 1] - frame.units.first[k]; ++j) {
+    const double weight = frame.weight3(k) * frame.weight2(k, j);
+    const double *M = work.M.data() + j * packedsize(frame.npi), *Se = work.frames.Se.data() + j * npi * r;
+    for (std::size_t a = 0; a < q; ++a) part[a] += weight * packedform(npi, M, frame.Sd.data(), q, a);
+    for (std::size_t b = 0; b < r; ++b) part[q + b] += weight * packedform(npi, M, Se, r, b);
+  }
+}
+
+// Adds `weight` times what a unit gives.
+void addunit(std::size_t P, std::size_t effects, double weight, const UnitSums& sums, Evaluation& evaluation,
+             SphericalState& state) {
+  evaluation.value += weight * sums.loglikelihood;
+  for (std::size_t c = 0; c < P; ++c) {
+    evaluation.score[c] += weight * sums.score[c];
+    evaluation.scale[c] += weight * sums.complete[c];
+    for (std::size_t d = 0; d < P; ++d) {
+      evaluation.information[c * P + d] += weight * sums.information[c * P + d];
+      state.outer[c * P + d] += weight * sums.score[c] * (weight * sums.score[d]);
+    }
+  }
+  for (std::size_t a = 0; a < effects; ++a) state.curvature[a] += weight * sums.curvature[a];
+}
+
+// Takes the score of held elements away. True when every other element has a score and an information.
+bool takeheld(const std::vector<bool>& held, Evaluation& evaluation) {
+  const std::size_t P = held.size();
+  bool usable = true;
+  for (std::size_t c = 0; c < P && usable; ++c) {
+    if (held[c]) {
+      evaluation.score[c] = 0.0;
+      continue;
+    }
+    usable = std::isfinite(evaluation.score[c]) && evaluation.scale[c] > 0.0 && std::isfinite(evaluation.scale[c]) &&
+             std::isfinite(evaluation.information[c * P + c]);
+  }
+  return usable;
+}
+
 }  // namespace
 
 std::function<bool()> haltof(SphericalLikelihood& likelihood) {
@@ -63,7 +112,7 @@ SphericalLikelihood makespherical(Family outcome, int npi, int nbeta, const Desi
 
 bool placemodes(SphericalLikelihood& likelihood, const Array<double>& point, Nodes& nodes, Array<double>* curvature) {
   const Frame& frame = likelihood.frame;
-  const std::size_t q = at(frame.q), r = at(frame.r), npi = at(frame.npi), T = packedsize(frame.npi);
+  const std::size_t q = at(frame.q), r = at(frame.r);
   const SphericalPoint there = sphericalpoint(frame, point);
   std::atomic<bool> fine{true};
   Array<double> parts(curvature != nullptr ? frame.units3() * (q + r) : 0);
@@ -79,20 +128,7 @@ bool placemodes(SphericalLikelihood& likelihood, const Array<double>& point, Nod
         std::copy_n(work.sweep.C3.data(), r * r, nodes.C3.data() + k * r * r);
         std::copy_n(work.sweep.P.data(), units * q * q, nodes.P.data() + first * q * q);
         std::copy_n(work.sweep.K.data(), units * q * r, nodes.K.data() + first * q * r);
-        if (curvature == nullptr) return;
-        double* part = parts.data() + k * (q + r);
-        const auto form = [&](const double* M, const double* X, std::size_t n, std::size_t c) {
-          double sum = 0.0;
-          for (std::size_t i = 0, e = 0; i < npi; ++i)
-            for (std::size_t l = 0; l <= i; ++l, ++e) sum += (i == l ? 1.0 : 2.0) * M[e] * X[i * n + c] * X[l * n + c];
-          return sum;
-        };
-        for (std::size_t j = 0; j < units; ++j) {
-          const double weight = frame.weight3(k) * frame.weight2(k, j);
-          for (std::size_t a = 0; a < q; ++a) part[a] += weight * form(work.M.data() + j * T, frame.Sd.data(), q, a);
-          for (std::size_t b = 0; b < r; ++b)
-            part[q + b] += weight * form(work.M.data() + j * T, work.frames.Se.data() + j * npi * r, r, b);
-        }
+        if (curvature != nullptr) addcurvature(frame, k, work, parts.data() + k * (q + r));
       });
   if (curvature != nullptr) {
     curvature->reset(q + r);
@@ -164,31 +200,13 @@ Evaluation evaluatespherical(SphericalLikelihood& likelihood, const Array<double
           const double weight = frame.weight3(at(batch[i].k));
           fine = batchsums.fine[i] != 0;
           addcategories(frame, there, batch[i].categories, sums.loglikelihood, sums.score + P - frame.g);
-          evaluation.value += weight * sums.loglikelihood;
-          for (std::size_t c = 0; c < P; ++c) {
-            evaluation.score[c] += weight * sums.score[c];
-            evaluation.scale[c] += weight * sums.complete[c];
-            for (std::size_t d = 0; d < P; ++d) {
-              evaluation.information[c * P + d] += weight * sums.information[c * P + d];
-              state.outer[c * P + d] += weight * sums.score[c] * (weight * sums.score[d]);
-            }
-          }
-          for (std::size_t a = 0; a < q + r; ++a) state.curvature[a] += weight * sums.curvature[a];
+          addunit(P, q + r, weight, sums, evaluation, state);
         }
         return fine;
       });
   addcategories(frame, there, evaluation.score.data() + P - frame.g, P, evaluation.information.data(),
                 evaluation.scale.data());
-  const std::vector<bool> held = heldelements(frame);
-  evaluation.usable = whole && fine && std::isfinite(evaluation.value);
-  for (std::size_t c = 0; c < P && evaluation.usable; ++c) {
-    if (held[c]) {
-      evaluation.score[c] = 0.0;
-      continue;
-    }
-    evaluation.usable = std::isfinite(evaluation.score[c]) && evaluation.scale[c] > 0.0 &&
-                        std::isfinite(evaluation.scale[c]) && std::isfinite(evaluation.information[c * P + c]);
-  }
+  evaluation.usable = whole && fine && std::isfinite(evaluation.value) && takeheld(heldelements(frame), evaluation);
   for (std::size_t a = 0; a < q + r; ++a)
     state.curvature[a] /= a < q ? frame.counted2 : static_cast<double>(frame.units3());
   setreach(frame, point, state.curvature, evaluation);
