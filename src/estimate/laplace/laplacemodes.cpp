@@ -118,6 +118,44 @@ void blocks(const RandomColumns& columns, int q, int r, const double* w2, SweepW
   }
 }
 
+// With t_i = r_i + w_i (d_i' u + e_i' v):  tu = sum_i d_i (r_i + w_i d_i' u),  tv = sum_i e_i t_i.
+void rightsides(const RandomColumns& columns, int q, int r, const double* w2, const double* u, const double* v,
+                SweepWork& work) {
+  for (int a = 0; a < q; ++a) {
+    double t = work.Sxr[at(columns.d[at(a)])];
+    for (int b = 0; b < q; ++b) t += work.Sdd[at(a * q + b)] * u[b];
+    work.tu[at(a)] = t;
+  }
+  for (int m = 0; m < r; ++m) {
+    double t = w2[m] * work.Sxr[at(columns.e[at(m)])];
+    for (int l = 0; l < r; ++l) t += work.See[at(m * r + l)] * v[l];
+    for (int a = 0; a < q; ++a) t += work.Sed[at(m * q + a)] * u[a];
+    work.tv[at(m)] = t;
+  }
+}
+
+// C2 = (Sdd + taupi^-1)^-1 and u := C2 tu; Sdd becomes the inverse of C2. False when there is no C2.
+bool moveunit(int q, const TauInverses& inverses, double stop, double* C2, double* u, SweepWork& work, UnitSweep& out) {
+  for (std::size_t i = 0; i < square(q); ++i) work.Sdd[i] += inverses.Kp[i];
+  if (!invert(q, work.Sdd.data(), C2, out.sums.logH2)) return false;
+  mulAB(work.fresh.data(), C2, work.tu.data(), q, 1, q);
+  out.changed2 += replace(q, work.fresh.data(), u, stop);
+  out.sums.uKu += quadratic(q, inverses.Kp.data(), u);
+  return true;
+}
+
+// What the unit leaves to level 3: with Q = Sed C2,  H3 += See - Q Sed',  g += tv - Q sum_i d_i t_i, the sum made of
+// tu, which becomes it.
+void addtolevel3(int q, int r, const double* C2, const double* v, double* Q, double* H3, SweepWork& work) {
+  mulAB(Q, work.Sed.data(), C2, r, q, q);
+  for (std::size_t i = 0; i < square(r); ++i) H3[i] += work.See[i];
+  subABt(H3, Q, work.Sed.data(), r, r, q);
+  addAtB(work.tu.data(), work.Sed.data(), v, q, 1, r);
+  for (int m = 0; m < r; ++m) work.g[at(m)] += work.tv[at(m)];
+  subAB(work.g.data(), Q, work.tu.data(), r, 1, q);
+}
+
+// One sweep: new modes u of the level-2 units, each at the v that is there, then v of the unit itself.
 void sweepunit(const EngineData& data, const LaplaceSettings& settings, const Parameters& parameters,
                const TauInverses& inverses, const RandomColumns& columns, const Level3Records& unit, SweepWork& work,
                LaplaceModes& modes, UnitSweep& out) {
@@ -143,36 +181,12 @@ void sweepunit(const EngineData& data, const LaplaceSettings& settings, const Pa
          x + first * at(columns.count), unit.y.data() + first, work.coefficients.data(), work.Sxx.data(),
          work.Sxr.data());
     blocks(columns, q, r, w2, work);
-
-    // tu = sum_i d_i (r_i + w_i d_i' u)
-    for (int a = 0; a < q; ++a) {
-      double t = work.Sxr[at(columns.d[at(a)])];
-      for (int b = 0; b < q; ++b) t += work.Sdd[at(a * q + b)] * u[b];
-      work.tu[at(a)] = t;
-    }
-    // tv = sum_i e_i t_i
-    for (int m = 0; m < r; ++m) {
-      double t = w2[m] * work.Sxr[at(columns.e[at(m)])];
-      for (int l = 0; l < r; ++l) t += work.See[at(m * r + l)] * v[l];
-      for (int a = 0; a < q; ++a) t += work.Sed[at(m * q + a)] * u[a];
-      work.tv[at(m)] = t;
-    }
-    for (std::size_t i = 0; i < square(q); ++i) work.Sdd[i] += inverses.Kp[i];
-    if (!invert(q, work.Sdd.data(), C2, out.sums.logH2)) {
+    rightsides(columns, q, r, w2, u, v, work);
+    if (!moveunit(q, inverses, settings.stopmodes, C2, u, work, out)) {
       out.failure = EngineFailure::centre2;
       return;
     }
-    mulAB(work.fresh.data(), C2, work.tu.data(), q, 1, q);
-    out.changed2 += replace(q, work.fresh.data(), u, settings.stopmodes);
-    out.sums.uKu += quadratic(q, inverses.Kp.data(), u);
-
-    mulAB(Q, work.Sed.data(), C2, r, q, q);
-    for (std::size_t i = 0; i < square(r); ++i) H3[i] += work.See[i];
-    subABt(H3, Q, work.Sed.data(), r, r, q);
-    // tu becomes sum_i d_i t_i
-    addAtB(work.tu.data(), work.Sed.data(), v, q, 1, r);
-    for (int m = 0; m < r; ++m) work.g[at(m)] += work.tv[at(m)];
-    subAB(work.g.data(), Q, work.tu.data(), r, 1, q);
+    addtolevel3(q, r, C2, v, Q, H3, work);
   }
   if (!invert(r, H3, C3, out.sums.logH3)) {
     out.failure = EngineFailure::centre3;
