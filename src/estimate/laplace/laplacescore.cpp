@@ -325,6 +325,55 @@ void unitfixedpart(const Walk& walk, int j) {
   addtransposedW2(*walk.data.design, walk.w2(j), work.xi.data(), work.bsum.data());
 }
 
+// The sums of all level-2 units: those of unitmoments, then D = 1 / (1 - S_k), rr2 = C3 W C3 and the sums of
+// unitweights, z = C3 pe and the sums of unitfixedpart. False, with D = 0, when 1 - S_k is not above 0.
+bool unitsums(const Walk& walk, const Parameters& parameters, UnitReliability& reliability, double& D) {
+  ScoreWork& work = walk.work;
+  const int q = walk.q, r = walk.r, c = walk.c, units = walk.unit.units;
+  const auto room = [&](Array<double>& perunit, std::size_t width) {
+    if (perunit.size() < at(units) * width) perunit.reset(at(units) * width);
+  };
+  room(work.L, at(r) * at(c));
+  room(work.A, square(c));
+  room(work.N, square(c));
+  room(work.rho, at(q));
+  room(work.cp, at(q));
+  for (Array<double>* sum : {&work.W, &work.G, &work.M2, &work.Y, &work.bsum, &work.g, &work.pe}) sum->fill(0.0);
+
+  double S = 0.0;
+  for (int j = 0; j < units; ++j) {
+    double* L = work.L.data() + at(j) * at(r) * at(c);
+    double* A = work.A.data() + at(j) * square(c);
+    walk.makeL(j, L);
+    walk.makeA(j, L, A);
+    S += walk.correction(j, A, nullptr);
+    unitmoments(walk, j, parameters, reliability);
+  }
+  const bool defined = 1.0 - S > 0.0;
+  D = defined ? 1.0 / (1.0 - S) : 0.0;
+
+  mulAB(work.rr.data(), walk.C3(), work.W.data(), r, r, r);
+  mulAB(work.rr2.data(), work.rr.data(), walk.C3(), r, r, r);
+  for (int j = 0; j < units; ++j) unitweights(walk, j, D, work.rr2.data());
+  mulAB(work.z.data(), walk.C3(), work.pe.data(), r, 1, r);
+  for (int j = 0; j < units; ++j) unitfixedpart(walk, j);
+  return defined;
+}
+
+// Adds the unit's own reliabilities, where V = (H3 - taubeta^-1)^-1 is a covariance.
+void unitreliability(const Walk& walk, const Parameters& parameters, const TauInverses& inverses,
+                     UnitReliability& reliability) {
+  ScoreWork& work = walk.work;
+  const int r = walk.r;
+  const double* H3 = walk.modes.H3.data() + at(walk.unit.k) * square(r);
+  for (std::size_t i = 0; i < square(r); ++i) work.rr[i] = H3[i] - inverses.Kb[i];
+  if (invertsymmetric(r, work.rr.data(), work.inverse.data()).result != 1 &&
+      positivecovariance(work.inverse.data(), r)) {
+    addreliabilities(r, parameters.taubeta.data(), work.inverse.data(), reliability.level3);
+    ++reliability.count3;
+  }
+}
+
 // score (n(n+1)/2) += D' vec(R),  R = (1/2) K (G - J T) K + K M + D K Y K   (n by n)
 void tauscore(int n, const double* K, const double* T, const double* G, double J, const double* M, const double* Y,
               double D, double* R, double* room, double* score) {
@@ -377,35 +426,9 @@ bool unitscore(const EngineData& data, const Parameters& parameters, const TauIn
                const LaplaceModes& modes, const Level3Records& unit, ScoreWork& work, double* score,
                UnitReliability& reliability) {
   const Walk walk(data, parameters, modes, unit, work);
-  const int q = walk.q, r = walk.r, c = walk.c;
-  const auto room = [&](Array<double>& perunit, std::size_t width) {
-    if (perunit.size() < at(unit.units) * width) perunit.reset(at(unit.units) * width);
-  };
-  room(work.L, at(r) * at(c));
-  room(work.A, square(c));
-  room(work.N, square(c));
-  room(work.rho, at(q));
-  room(work.cp, at(q));
-  for (Array<double>* sum : {&work.W, &work.G, &work.M2, &work.Y, &work.bsum, &work.g, &work.pe}) sum->fill(0.0);
-
-  double S = 0.0;
-  for (int j = 0; j < unit.units; ++j) {
-    double* L = work.L.data() + at(j) * at(r) * at(c);
-    double* A = work.A.data() + at(j) * square(c);
-    walk.makeL(j, L);
-    walk.makeA(j, L, A);
-    S += walk.correction(j, A, nullptr);
-    unitmoments(walk, j, parameters, reliability);
-  }
-  const bool defined = 1.0 - S > 0.0;
-  const double D = defined ? 1.0 / (1.0 - S) : 0.0;
-
-  // rr2 = C3 W C3
-  mulAB(work.rr.data(), walk.C3(), work.W.data(), r, r, r);
-  mulAB(work.rr2.data(), work.rr.data(), walk.C3(), r, r, r);
-  for (int j = 0; j < unit.units; ++j) unitweights(walk, j, D, work.rr2.data());
-  mulAB(work.z.data(), walk.C3(), work.pe.data(), r, 1, r);
-  for (int j = 0; j < unit.units; ++j) unitfixedpart(walk, j);
+  const int q = walk.q, r = walk.r;
+  double D = 0.0;
+  const bool defined = unitsums(walk, parameters, reliability, D);
 
   std::fill_n(score, parameters.count(), 0.0);
   tauscore(q, inverses.Kp.data(), parameters.taupi.data(), work.G.data(), unit.units, work.M2.data(), work.Y.data(), D,
@@ -420,15 +443,7 @@ bool unitscore(const EngineData& data, const Parameters& parameters, const TauIn
            work.rr3.data(), work.rr4.data(), score3);
   double* scoregamma = score3 + parameters.ntaubeta();
   addtransposedW3(*data.design, unit.w3.data(), work.bsum.data(), scoregamma);
-
-  // V = (H3 - taubeta^-1)^-1
-  const double* H3 = modes.H3.data() + at(unit.k) * square(r);
-  for (std::size_t i = 0; i < square(r); ++i) work.rr[i] = H3[i] - inverses.Kb[i];
-  if (invertsymmetric(r, work.rr.data(), work.inverse.data()).result != 1 &&
-      positivecovariance(work.inverse.data(), r)) {
-    addreliabilities(r, parameters.taubeta.data(), work.inverse.data(), reliability.level3);
-    ++reliability.count3;
-  }
+  unitreliability(walk, parameters, inverses, reliability);
   return defined;
 }
 
