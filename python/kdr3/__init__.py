@@ -13,8 +13,9 @@ if not (HERE / "kdr3plot").is_dir():  # installed it is inside; in the source tr
 from ._fit import fit  # noqa: E402: its modules find kdr3plot by the lines above
 from ._library import VERSION as __version__
 from ._library import KDR3Error, KDR3Warning
+from .bootstrap import Bootstrap
 from .compare import anova
 from .pooled import Pooled
-from .results import Bootstrap, Results, load
+from .results import Results, load
 
 __all__ = ["Bootstrap", "KDR3Error", "KDR3Warning", "Pooled", "Results", "anova", "fit", "load", "__version__"]

@@ -1,107 +1,19 @@
-"""Fits: a formula and a table to a result, in a thread that a keyboard interrupt can stop."""
+"""Fits: a formula and a table to a result."""
 from __future__ import annotations
 
-import ctypes
-import threading
-from typing import Any, Callable, Mapping, Sequence
+from typing import Any, Callable, Iterable, Mapping, Sequence
 
 import numpy as np
 
 from . import _library as lib
-from ._library import library
+from ._formula import Formula, interruptible, run, setmodel
 from ._table import Fields
+from .pooled import Pooled, inplaceof
 from .results import Results
 
 FAMILIES = {"normal": "gaussian", "bernoulli": "binomial", "logit": "binomial"}
 KNOWN = ("gaussian", "binomial", "poisson", "ordinal", "multinomial")
 DEGREES = {"counts": 0, "satterthwaite": 1, "kenward-roger": 2}
-
-
-class Formula(lib.Handle):
-    """A formula with the data and the model that it makes of a table; or, without a table, the formula alone."""
-
-    def __init__(self, text: str, fields: Fields | None = None, options: Mapping[str, str | None] | None = None):
-        super().__init__(library.kdr3_formula_free)
-        if not isinstance(text, str):
-            raise TypeError("A formula is a text, as 'score ~ year + (year | school/pupil)'.")
-        if fields is None:
-            lib.check(library.kdr3_formula_read(lib.encoded(text), ctypes.byref(self.pointer)))
-            return
-        given = lib.Options(size=ctypes.sizeof(lib.Options))
-        for name, value in (options or {}).items():
-            setattr(given, name, None if value is None else lib.encoded(str(value)))
-        interruptible(lambda flag: lib.check(library.kdr3_formula_make(
-            lib.encoded(text), ctypes.byref(given), fields.rows, fields.count, fields.array, ctypes.byref(self.pointer))))
-        self.fields = fields  # by which other handles of the same data are made
-
-    def words(self, which: int) -> list[str]:
-        return lib.texts(library.kdr3_formula_text, self.pointer, which)
-
-    def matrix(self, part: int, columns: int, rows: int, fields: Fields | None = None) -> np.ndarray:
-        """[rows, columns] of the fixed effects, or of the random ones of a level."""
-        made = np.empty((rows, columns))
-        if columns and rows:
-            lib.check(library.kdr3_formula_matrix(self.pointer, part, rows, fields.count if fields else 0,
-                                                  fields.array if fields else None, made.ctypes.data))
-        return made
-
-
-def interruptible(work: Callable[[ctypes.c_int], Any]) -> Any:
-    """work(flag) in a thread. An interrupt of the main thread raises the flag, by which the work ends early; the main
-    thread always waits for that, since the work uses what it has made."""
-    flag = ctypes.c_int(0)
-    if threading.current_thread() is not threading.main_thread():
-        return work(flag)
-    done, outcome = threading.Event(), []
-
-    def run():
-        try:
-            outcome.append((True, work(flag)))
-        except BaseException as error:  # handed on below
-            outcome.append((False, error))
-        finally:
-            done.set()
-
-    threading.Thread(target=run, name="kdr3", daemon=True).start()
-    interrupt = None
-    while True:
-        try:
-            while not done.wait(0.2):
-                pass
-            break
-        except KeyboardInterrupt as error:
-            interrupt, flag.value = error, 1
-    if interrupt is not None:
-        raise interrupt
-    good, what = outcome[0]
-    if not good:
-        raise what
-    return what
-
-
-def run(formula: Formula, flag, progress: Callable[[str], None] | None = None) -> lib.Handle:
-    """The result of a fit of the formula's model. The thread keeps all handles that the fit uses."""
-    observer = lib.Observer(size=ctypes.sizeof(lib.Observer))
-    observer.state, observer.abandon = ctypes.addressof(flag), lib.RAISED
-    raised: list[BaseException] = []
-
-    def tell(_, sentence: bytes) -> None:
-        try:
-            progress(sentence.decode())
-        except BaseException as error:  # C is no place for it: the fit ends early, and it is raised behind it
-            raised.append(error)
-            flag.value = 1
-
-    if progress is not None:
-        if not callable(progress):
-            raise lib.KDR3Error(f"progress is a function of a sentence, not {type(progress).__name__}.")
-        observer.progress = lib.PROGRESS(tell)
-    result = lib.Handle(library.kdr3_result_free)
-    status = library.kdr3_fit(library.kdr3_formula_model(formula.pointer), ctypes.byref(observer), ctypes.byref(result.pointer))
-    if raised:
-        raise raised[0]
-    lib.check(status)
-    return result
 
 
 def fit(formula: str, data: Any, *, family: str = "gaussian", engine: str | None = None, points: int | str | None = None,
@@ -167,16 +79,25 @@ def fit(formula: str, data: Any, *, family: str = "gaussian", engine: str | None
                      weights1=weights1, weights2=weights2, weights3=weights3, missing=missing, reml=reml, ddf=ddf, threads=threads,
                      settings=settings, start=start, progress=progress)
     if isinstance(data, Sequence) and not isinstance(data, (str, bytes)) and not hasattr(data, "columns"):
-        from .pooled import Pooled
         if not data:
             raise lib.KDR3Error("The list of tables is empty.")
         if plausible is not None:
             raise lib.KDR3Error("Plausible values are columns of one table, not of a list of tables.")
-        return Pooled.of(formula, data, arguments)
+        return pooled(formula, data, arguments)
     if plausible is not None:
-        from .pooled import Pooled, inplaceof
-        return Pooled.of(formula, inplaceof(formula, data, list(plausible)), arguments)
+        return pooled(formula, inplaceof(formula, data, list(plausible)), arguments)
     return Results(*estimate(formula, data, arguments))
+
+
+def pooled(formula: str, tables: Iterable, arguments: Mapping[str, Any]) -> Pooled:
+    """The fits of the tables, pooled; an error says in which table it is."""
+    fits = []
+    for i, table in enumerate(tables, 1):
+        try:
+            fits.append(Results(*estimate(formula, table, arguments)))
+        except lib.KDR3Error as error:
+            raise lib.KDR3Error(f"Table {i}: {error}") from None
+    return Pooled(fits)
 
 
 def estimate(formula: str, data: Any, arguments: Mapping[str, Any]):
@@ -237,13 +158,3 @@ def settingsof(arguments: Mapping[str, Any]) -> dict[str, float]:
     if not isinstance(given, Mapping):
         raise lib.KDR3Error(f'settings are names with numbers, as {{"NUMIT": 1000}}. They cannot be {given!r}.')
     return {**settings, **{str(name).upper(): value for name, value in given.items()}}
-
-
-def setmodel(handle: Formula, made: Mapping[str, Any]) -> None:
-    model = library.kdr3_formula_model(handle.pointer)
-    for name, value in {**made["settings"], "THREADS": made["threads"]}.items():
-        try:
-            number = float(value)
-        except (TypeError, ValueError):
-            raise lib.KDR3Error(f"The setting {name} is a number. It cannot be {value!r}.") from None
-        lib.check(library.kdr3_model_set(model, lib.encoded(str(name)), number))

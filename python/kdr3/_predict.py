@@ -7,6 +7,7 @@ from typing import TYPE_CHECKING, Iterator, Mapping
 import numpy as np
 
 from . import _library as lib
+from . import _units
 from ._library import library
 
 if TYPE_CHECKING:
@@ -17,6 +18,14 @@ LINEAR, RESPONSE, AVERAGE, UNITLINEAR, UNITRESPONSE = range(5)
 OF = {("link", "fixed"): LINEAR, ("response", "fixed"): RESPONSE, ("link", "population"): LINEAR,
       ("response", "population"): AVERAGE, ("link", "unit"): UNITLINEAR, ("response", "unit"): UNITRESPONSE}
 FAMILIES = {"gaussian": 0, "binomial": 2, "poisson": 3, "multinomial": 4, "ordinal": 5}
+
+
+def mean(family: str, eta: np.ndarray) -> np.ndarray:
+    """The mean of an outcome of two values, or of counts or numbers."""
+    small = np.exp(-np.abs(eta))
+    if family == "binomial":
+        return np.where(eta >= 0, 1.0 / (1.0 + small), small / (1.0 + small))
+    return np.exp(eta) if family == "poisson" else eta
 
 
 def _filled(struct: ctypes.Structure, **arrays: np.ndarray | None) -> ctypes.Structure:
@@ -56,7 +65,7 @@ def rows(m: Results, fields: Fields | None = None, units: bool = True) -> lib.Ro
     words = m._state["words"]
     own = fields is None
     X, Z2, Z3 = (m._matrix(part, len(words[part]), fields) for part in (lib.EFFECTS, lib.RANDOM2, lib.RANDOM3))
-    unit = [(m._state[f"unit{level}"] if own else m._unitsof(fields, level)) if units and level - 2 < len(m._groupings) else None
+    unit = [(m._state[f"unit{level}"] if own else _units.ofrows(m, fields, level)) if units and level - 2 < len(m._groupings) else None
             for level in (2, 3)]
     y, count, _ = m._outcome if own else (None, None, None)
     if own and m.categories:

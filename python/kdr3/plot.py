@@ -255,7 +255,7 @@ def fits(m, document, c) -> dict[str, np.ndarray]:
     x, = eta.values()
     if m.family == "gaussian":
         return {"L1RESID": y - offset - x, "FITVAL": x + offset, "SIGMA": np.full(len(y), np.sqrt(m.scale))}
-    mean = m._mean(x)
+    mean = _predict.mean(m.family, x)
     raw, variance = y - count * mean, count * (mean * (1 - mean) if m.family == "binomial" else mean)
     return {"L1RESID": raw / variance, "FITVAL": x, "SIGMA": np.full(len(y), np.sqrt(m.scale)), "FITMU": count * mean, "RAWRES": raw}
 

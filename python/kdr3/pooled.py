@@ -1,16 +1,19 @@
-"""Imputed data: fits of several tables as one result."""
+"""Imputed data and plausible values: fits of several tables as one result."""
 from __future__ import annotations
 
 import copy
 import math
-from typing import Any, Iterable, Mapping, Sequence
+from typing import Any, Sequence
 
 import numpy as np
 
 from . import _library as lib
+from ._formula import Formula
 from ._frames import Frame, matrix, series, shown
+from ._summary import Summary
 from ._table import names
-from .results import Results, Summary, _degrees, _p
+from .estimates import Estimates
+from .results import Results
 
 
 def _factors(fit: Results) -> dict:
@@ -21,7 +24,6 @@ def _factors(fit: Results) -> dict:
 
 def inplaceof(formula: str, data: Any, plausible: list[str]):
     """The table with each of the plausible values in the place of the first one."""
-    from ._fit import Formula
     known, named = names(data), Formula(formula).words(lib.COLUMNS)
     if len(plausible) < 2:
         raise lib.KDR3Error("plausible names the columns of two or more plausible values.")
@@ -39,7 +41,7 @@ def inplaceof(formula: str, data: Any, plausible: list[str]):
             yield {**{column: data[column] for column in known}, plausible[0]: data[name]}
 
 
-class Pooled:
+class Pooled(Estimates):
     """The averages of the fits of m imputed tables or plausible values, by Rubin (1987), as the program makes them of a
     series.
 
@@ -52,6 +54,7 @@ class Pooled:
     def __init__(self, fits: list[Results]):
         self.fits, first = fits, fits[0]
         self.formula, self.family, self.outcome, self.engine, self.levels = first.formula, first.family, first.outcome, first.engine, first.levels
+        self.categories = first.categories
         self._names, self._random, self._groupings = first._names, first._random, first._groupings
         self.warnings = [*differences(fits), *dict.fromkeys(f"Table {i}: {words}" for i, fit in enumerate(fits, 1) for words in fit.warnings)]
         self.nobs, self.ngroups, self.weights, self.reml = first.nobs, first.ngroups, first.weights, first.reml
@@ -63,45 +66,22 @@ class Pooled:
             self._free[which], self._missing[which] = freedom(
                 len(fits), np.diag(self._state[f"within_{which}"]), np.diag(self._state["between"]), np.mean(complete, axis=0))
 
-    @classmethod
-    def of(cls, formula: str, tables: Iterable, arguments: Mapping[str, Any]) -> "Pooled":
-        """The fits of the tables, pooled; an error says in which table it is."""
-        from ._fit import fit
-        fits = []
-        for i, table in enumerate(tables, 1):
-            try:
-                fits.append(fit(formula, table, **arguments))
-            except lib.KDR3Error as error:
-                raise lib.KDR3Error(f"Table {i}: {error}") from None
-        return cls(fits)
-
-    # What is shown of estimates is shown of averages.
-    params, fe_params, bse, bse_fe, bse_robust = Results.params, Results.params, Results.bse, Results.bse, Results.bse_robust
-    cov_params, _se, _t, tvalues = Results.cov_params, Results._se, Results._t, Results.tvalues
-    cov_re, variances, _deviations, wald_test = Results.cov_re, Results.variances, Results._deviations, Results.wald_test
-    _termtests, _dispersed = Results._termtests, Results._dispersed
-    _p, pvalues, conf_int = Results._p, Results.pvalues, Results.conf_int
-
     def _df(self, robust: bool = False) -> np.ndarray:
         return self._free["robust" if robust else "covariance"]
-
-    @property
-    def df(self):
-        """[g] degrees of freedom."""
-        return series(self._df(), self._names, "df")
 
     @property
     def fraction_missing(self):
         """[g] of the information that is missing."""
         return series(self._missing["covariance"], self._names, "fraction_missing")
 
+    def _waldtests(self, contrasts: Sequence[np.ndarray], robust: bool) -> list[dict[str, float]]:
+        return [self._wald(C, robust) for C in contrasts] if len(self.fits) > 1 else self.fits[0]._waldtests(contrasts, robust)
+
     def _wald(self, C: np.ndarray, robust: bool) -> dict[str, float]:
         """The test of C gamma = 0 of k rows (Li, Raghunathan and Rubin 1991): with U the mean of the fits' covariances of
         the contrasts e and r = tr(B U^-1) / k of what lies between them, D = e' U^-1 e / (k (1 + r)) is F with k and df2
         degrees of freedom. As in the program the chi-square is k D. Of one table the test is that of its fit."""
         m, k = len(self.fits), len(C)
-        if m == 1:
-            return {**self.fits[0]._wald(C, robust), "df2": math.inf}
         U, B = (C @ self._state[part] @ C.T for part in (f"within_{'robust' if robust else 'covariance'}", "between"))
         e = C @ self._state["estimates"]
         try:
@@ -145,34 +125,23 @@ class Pooled:
     def tidy(self, effects: Sequence[str] = ("fixed", "ran_pars"), conf_int: bool = False, alpha: float = 0.05,
              robust: bool = False, exponentiate: bool = False):
         """As Results.tidy, with the fraction of information that is missing (fmi) behind."""
-        made = Results.tidy(self, effects, conf_int, alpha, robust, exponentiate)
+        made = super().tidy(effects, conf_int, alpha, robust, exponentiate)
         missing = list(self._missing["robust" if robust else "covariance"]) if "fixed" in effects else []
         made["fmi"] = missing + [math.nan] * (len(made["term"]) - len(missing))
         return made
 
     def summary(self, robust: bool = False) -> Summary:
         """The averages in words and tables."""
-        about = [("Outcome", f"{self.outcome} ({self.family})"), ("Tables", f"{len(self.fits)}, pooled by Rubin's rules"),
-                 ("Records", ", ".join(dict.fromkeys(str(fit.nobs) for fit in self.fits))),
+        sizes = [("Records", ", ".join(dict.fromkeys(str(fit.nobs) for fit in self.fits))),
                  *((name, ", ".join(dict.fromkeys(str(fit.ngroups[name]) for fit in self.fits)) + " units") for name in self._groupings)]
-        if self.levels or self.family in ("ordinal", "multinomial"):
-            about.insert(1, ("Categories", self.fits[0]._categories()))
-        if self.weights:
-            about.append(("Weights", ", ".join(f"{name}: {column}" for name, column in self.weights.items())
-                          + "; standard errors are the sandwich"))
-        about.append(("Converged", "yes" if self.converged else "NO"))
-        bounds, missing = np.asarray(self.conf_int(robust=robust)), self._missing["robust" if robust else "covariance"]
-        fixed = [[name, *(shown(float(x)) for x in (self._state["estimates"][i], self._se(robust)[i], self._t(robust)[i])),
-                  _degrees(self._df(robust)[i]), _p(self._p(robust)[i]), *(shown(float(x)) for x in (*bounds[i], missing[i]))]
-                 for i, name in enumerate(self._names)]
+        missing = self._missing["robust" if robust else "covariance"]
+        fixed = [[*row, shown(float(missing[i]))] for i, row in enumerate(self._fixedrows(robust))]
         columns = [list(column) for column in Frame(self.variances).values()]
         random = [[" ".join(filter(None, (group, term and f" {term}", term2 and f"with {term2}"))), *map(shown, map(float, numbers))]
                   for group, term, term2, *numbers in zip(*columns)]
-        return Summary(self.formula, about, (["Fixed effects", "estimate", "robust SE" if robust else "SE", "t", "df", "p", "2.5%", "97.5%", "missing"], fixed),
+        head = ["Fixed effects", "estimate", "robust SE" if robust else "SE", "t", "df", "p", "2.5%", "97.5%", "missing"]
+        return Summary(self.formula, self._about(("Tables", f"{len(self.fits)}, pooled by Rubin's rules"), sizes, []), (head, fixed),
                        (["Random effects", "estimate", "SE", "SD or correlation"], random), self.warnings)
-
-    def _repr_html_(self) -> str:
-        return self.summary()._repr_html_()
 
     def __repr__(self) -> str:
         return f"<kdr3 {self.family}: {self.formula}; {len(self.fits)} tables pooled>"
