@@ -125,7 +125,8 @@ def estimate(formula: str, data: Any, arguments: Mapping[str, Any]):
     handle = Formula(formula, fields, options)
     settings = settingsof(arguments)
     threads = lib.whole("threads", settings.pop("THREADS", arguments["threads"]))
-    made = {"formula": formula, "options": options, "missing": codes, "settings": settings, "threads": threads}
+    made = {"formula": formula, "options": options, "missing": codes, "settings": settings, "threads": threads,
+            "started": arguments["start"] is not None}
     setmodel(handle, made)
     start = arguments["start"]
     if start is not None:

@@ -44,6 +44,10 @@ class Observer(Structure):
     _fields_ = [("size", c_size_t), ("state", c_void_p), ("stop", c_void_p), ("progress", PROGRESS), ("abandon", c_void_p)]
 
 
+class Test(Structure):
+    _fields_ = [("size", c_size_t), ("df", c_int), ("chisquare", c_double), ("p", c_double), ("df2", c_double)]
+
+
 class Summary(Structure):
     _fields_ = [("size", c_size_t), ("converged", c_int), ("iterations", c_int)] + [
         (name, c_size_t) for name in ("records", "units2", "units3", "fixedeffects", "random2", "random3", "parameters")] + [
@@ -116,6 +120,7 @@ def _declare(library: ctypes.CDLL) -> ctypes.CDLL:
         "kdr3_model_set": (c_int, handle, c_char_p, c_double),
         "kdr3_model_start": (c_int, handle, c_size_t, c_void_p, c_size_t, c_void_p, c_size_t, c_void_p, c_double),
         "kdr3_model_bootstrap": (c_int, handle, c_int, c_uint64, c_int),
+        "kdr3_model_hypothesis": (c_int, handle, c_size_t, c_size_t, c_void_p),
         "kdr3_model_latent": (c_int, handle, c_char_p),
         "kdr3_fit": (c_int, handle, POINTER(Observer), POINTER(handle)),
         "kdr3_result_summary": (c_int, handle, POINTER(Summary)),
@@ -127,6 +132,7 @@ def _declare(library: ctypes.CDLL) -> ctypes.CDLL:
         "kdr3_result_effectcovariances": (c_int, handle, c_void_p),
         "kdr3_result_joint": (c_int, handle, c_void_p),
         "kdr3_predict": (c_int, POINTER(Fitted), POINTER(Rows), POINTER(Rows), c_int, c_void_p, c_void_p),
+        "kdr3_result_test": (c_int, handle, c_size_t, c_int, POINTER(Test)),
         "kdr3_result_replicates": (c_int, handle, sizes, sizes, c_void_p),
         "kdr3_result_document": (c_char_p, handle, c_int),
         "kdr3_result_warning": (c_char_p, handle, c_size_t),

@@ -10,6 +10,7 @@ from typing import TYPE_CHECKING, Any, Mapping, Sequence
 import numpy as np
 
 from . import _library as lib
+from . import _hypotheses
 from . import _predict
 from . import _units
 from ._formula import Formula, interruptible, run, setmodel
@@ -103,7 +104,13 @@ class Results(Estimates):
         return np.where(np.isnan(df), np.inf, df)
 
     def _waldtests(self, contrasts: Sequence[np.ndarray], robust: bool) -> list[dict[str, float]]:
+        if contrasts and self._smallsample(robust):
+            return _hypotheses.tested(self, contrasts, robust)
         return [self._wald(C, robust) for C in contrasts]
+
+    def _smallsample(self, robust: bool) -> bool:
+        """Whether tests of contrasts are by F: with `ddf`, or of robust errors with CR2."""
+        return bool(self._made["settings"].get("CR2" if robust else "DDF"))
 
     def _wald(self, C: np.ndarray, robust: bool) -> dict[str, float]:
         V = C @ self._state["robust" if robust else "covariance"] @ C.T

@@ -31,6 +31,8 @@ except ImportError:
 
 PROGRAM, TREE = os.path.abspath(sys.argv.pop(1)), pathlib.Path(sys.argv.pop(1)).resolve()
 REFERENCE = TREE / "tests" / "reference"
+sys.path.insert(0, str(REFERENCE))
+import restrictedstudies  # noqa: E402
 warnings.simplefilter("ignore", kdr3.KDR3Warning)
 LINEAR = "score ~ year + ses + (year | school/pupil)"
 
@@ -243,6 +245,31 @@ class Models(unittest.TestCase):
             np.testing.assert_allclose(np.asarray(m.residuals("pearson")), pearson, atol=1e-9)
         with self.assertRaisesRegex(kdr3.KDR3Error, "over-dispersion"):
             m.simulate()
+
+    def test_tests_of_contrasts_beside_others(self):
+        """By F with ddf, as pbkrtest (Kenward and Roger) and lmerTest have them, and of robust errors with CR2."""
+        theirs = {}
+        for line in (REFERENCE / "restricted.out").read_text().splitlines() + (REFERENCE / "cr2.out").read_text().splitlines():
+            study, what, *values = line.split()
+            theirs[what, study] = [float(value) for value in values]
+        contrasts = {2: [[0, 1, 0, 0, 0], [0, 0, 0, 0, 1]], 3: [[0, 1, 0, 0, 0], [0, 0, 1, 0, 0], [0, 0, 0, 1, 1]]}
+        text = {"intercepts": "(1 | k/j)", "slope2": "(1 | k) + (X | k:j)", "slopes": "(X | k/j)"}
+        for study in (2, 7, 18):
+            data = dict(zip("kjYXZQ", np.array(restrictedstudies.rows(study)).T))
+            def fit(**given):
+                return kdr3.fit("Y ~ Q + Z + X + X:Q + " + text[restrictedstudies.describe(study)[1]["model"]], data, reml=True, **given)
+            kr, fai = fit(ddf="kenward-roger"), fit(ddf="satterthwaite", settings={"CR2": 1, "DDFOBSERVED": 1})
+            for r, C in contrasts.items():
+                made, (_, df2, F, _) = kr.wald_test(C), theirs[f"kr{r}", f"{study}"]
+                np.testing.assert_allclose([made["df"], made["df2"], made["chi_square"] / r], [r, df2, F], rtol=5e-3)
+                made, (df2, F) = fai.wald_test(C), theirs[f"fai{r}", f"{study}"]
+                np.testing.assert_allclose([made["df2"], made["chi_square"] / r], [df2, F], rtol=5e-3)
+                made, (df2, F) = fai.wald_test(C, robust=True), theirs[f"cr2F{r}", f"{study}"]
+                np.testing.assert_allclose([made["df2"], made["chi_square"] / r], [df2, F], rtol=2e-3)
+            terms = kr.anova()
+            self.assertEqual(list(terms["term"]), ["Q", "Z", "X", "Q:X"])
+            np.testing.assert_allclose(np.asarray(terms["p"], float), np.asarray(kr.pvalues)[1:], rtol=1e-6)  # F of one contrast is t squared
+            np.testing.assert_allclose(np.asarray(terms["df2"], float), np.asarray(kr.df)[1:], rtol=1e-6)
 
     def test_an_ordinal_model_beside_clmm(self):
         theirs = {line.split()[0]: np.array(line.split()[1:], dtype=float) for line in (REFERENCE / "categoryfits.out").read_text().splitlines()}
