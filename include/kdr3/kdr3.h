@@ -289,16 +289,21 @@ KDR3_PUBLIC kdr3_status kdr3_result_variances(const kdr3_result* result, double*
                                               double* taupierrors, double* taubetaerrors, double* sigma2error);
 
 /* Posterior means (empirical Bayes residuals) of the random effects: level2 [units2 * p], level3 [units3 * b], units in
- * the order of the data; with design weights those of level 2 without the units that missing values left no record of.
- * Of a non-linear model they stand on the scale of the link and are those of the phase that the result is of: of
- * quadrature integrals, of one point and of Laplace-6 the modes with the curvature there as their precision; with
- * AGQNODESFIXED, as without an engine or where it has no results, those of quasi-likelihood. */
+ * the order of the data; with design weights those of level 2 without the units that missing values left no record of,
+ * all of them as they enter the linear predictor. Of a non-linear model they stand on the scale of the link and are
+ * those of the phase that the result is of: of quadrature integrals, of one point and of Laplace-6 the modes with the
+ * curvature there as their precision; with AGQNODESFIXED, as without an engine or where it has no results, those of
+ * quasi-likelihood. */
 KDR3_PUBLIC kdr3_status kdr3_result_effects(const kdr3_result* result, double* level2, double* level3);
 /* Their posterior covariances: level2 [units2 * p * p], level3 [units3 * b * b]. */
 KDR3_PUBLIC kdr3_status kdr3_result_effectvariances(const kdr3_result* result, double* level2, double* level3);
 /* The posterior covariances of the effects of each level-2 unit with those of its level-3 unit: both [units2 * p * b].
  * Engines alone have them: NaN otherwise. */
 KDR3_PUBLIC kdr3_status kdr3_result_effectcovariances(const kdr3_result* result, double* both);
+/* Design weights as the random effects of the result know them, all 1 without any: level1 [records], how often a record
+ * counts in its level-2 unit, in the order of the units; level2 [units2], how often what a unit tells counts in its
+ * level-3 unit; level3 [units3]. */
+KDR3_PUBLIC kdr3_status kdr3_result_weights(const kdr3_result* result, double* level1, double* level2, double* level3);
 /* The covariance of all parameters, joint [(q + g) * (q + g)]: the lower triangles of tau(pi) and tau(beta) by rows, q
  * elements, then the fixed effects. Engines alone have it: NaN otherwise. */
 KDR3_PUBLIC kdr3_status kdr3_result_joint(const kdr3_result* result, double* joint);
@@ -360,6 +365,8 @@ typedef struct {
   /* Their covariances, as kdr3_result_effectvariances and _effectcovariances have them; null: by the curvature at the
    * modes, which is exact of normal outcomes. */
   const double *variances2, *variances3, *covariances;
+  /* Design weights of the fit's own records and of its units, as kdr3_result_weights has them; null: none. */
+  const double *weights1, *weights2, *weights3;
 } kdr3_fitted;
 
 /* Rows of the model's matrices. `fixed` [records * columns] has the g effects; of a multinomial outcome those of one

@@ -1,4 +1,5 @@
 // A fit of a model of the C interface, its phases collected into the results document.
+#include <cmath>
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -76,10 +77,34 @@ Subject subjectof(const kdr3_model& given, const Values& values) {
   return subject;
 }
 
+// Design weights: what multiplies the columns of Z1 and Z2 makes of a row of posteriors those of the records.
+void scaleback(Array<double>& means, Array<double>& covariances, std::size_t n, const Array<double>& weights) {
+  for (std::size_t j = 0; n > 0 && j < means.size() / n; ++j) {
+    for (std::size_t i = 0; i < n; ++i) means[j * n + i] /= std::sqrt(weights[j]);
+    for (std::size_t i = 0; i < n * n; ++i) covariances[j * n * n + i] /= weights[j];
+  }
+}
+
+// What the weights are within each unit. Those of a pass are products over the levels, each to a mean of 1: but for a
+// factor the own weights of the level. In data of two levels the unit is the highest one.
+void takeweights(kdr3_result& result, const DesignWeights& weights, bool engine) {
+  const bool two = result.counts.units3 == 0;
+  result.weights1 = weights.own1.copy();
+  result.weights2 = (two ? (engine ? weights.own3 : weights.weight2) : weights.own2).copy();
+  if (!two) result.weights3 = (engine ? weights.own3 : weights.weight3).copy();
+  if (engine) return;
+  for (double& weight : result.weights1) weight *= weights.weight1[0] / (weights.weight2[0] * weights.own1[0]);
+  if (two) return;
+  for (double& weight : result.weights2) weight *= weights.weight2[0] / (weights.weight3[0] * weights.own2[0]);
+}
+
 // The posteriors of a pass that stands.
 void takeeffects(Fit& fit, Pass& pass) {
-  fit.result.posteriors = posteriors(pass);
+  Posteriors& made = fit.result.posteriors = posteriors(pass);
   fit.failure = storefailure(pass.store);
+  if (!pass.model().weighted) return;
+  scaleback(made.u, made.uvariance, at(pass.p), pass.weights().weight2);
+  scaleback(made.v, made.vvariance, at(pass.b), pass.weights().weight3);
 }
 
 // A warning as a sentence: it is called one by where it stands.
@@ -307,6 +332,7 @@ kdr3_status kdr3_fit(const kdr3_model* model, const kdr3_observer* observer, kdr
     const Failure failure = values.model.outcome.linear() ? linearfit(fit, analysis) : chainfit(fit, analysis);
     if (failure) return error(whynot(fit, failure));
     takelatent(fit, analysis);
+    if (values.model.weighted) takeweights(*result, values.weights, result->results.kind == PassKind::quadrature);
     result->p = values.model.coef.ntaupi;
     result->b = values.model.coef.ntaubeta;
     result->g = result->results.est.gammahat.size();

@@ -60,6 +60,7 @@ struct Known {
   PredictorPlan plan;
   PassResults results;
   Posteriors posteriors;
+  const double *weights1 = nullptr, *weights2 = nullptr, *weights3 = nullptr;
   [[nodiscard]] FittedModel model() const { return {plan, outcome, results}; }
 };
 
@@ -87,6 +88,11 @@ Known knownof(const kdr3_fitted& given) {
   results.degrees.df.reset(g);
   take(known.posteriors.u, given.level2, given.units2 * p);
   take(known.posteriors.v, given.level3, given.units3 * b);
+  if (given.size >= sizeof(kdr3_fitted)) {
+    known.weights1 = given.weights1;
+    known.weights2 = given.weights2;
+    known.weights3 = given.units3 > 0 ? given.weights3 : nullptr;
+  }
   const bool whole = given.covariances != nullptr || p == 0 || b == 0;
   if (whole) {
     take(known.posteriors.uvariance, given.variances2, given.units2 * p * p);
@@ -154,6 +160,17 @@ UnitEffects startunits(const Known& known, const kdr3_rows* own) {
   return effects;
 }
 
+// What the level-2 units of a unit of the highest level count, and how often their densities do.
+void takeunitweights(const Known& known, const std::vector<std::ptrdiff_t>& members, std::ptrdiff_t top,
+                     UnitOutcomes& of) {
+  if (known.weights3 != nullptr) of.divisor3 = known.weights3[top];
+  if (known.weights2 == nullptr) return;
+  for (const std::ptrdiff_t unit : members) {
+    of.weight2.push_back(known.weights2[unit]);
+    of.divisor2.push_back(known.weights2[unit] * of.divisor3);
+  }
+}
+
 // Adds the level-2 units of a unit of the highest level, and in data of three levels one that is not there: modes, and
 // the means and covariances that are known otherwise in their place. False where the modes have not settled.
 bool addmodes(UnitEffects& effects, std::ptrdiff_t top) {
@@ -172,9 +189,12 @@ bool addmodes(UnitEffects& effects, std::ptrdiff_t top) {
     of.rows.push_back(std::move(rows));
     of.outcome.push_back(own.outcome[i]);
     // Over-dispersion: a variance sigma2 times that of the family.
-    if (!known.outcome.linear() && known.given.sigma2 > 0.0 && known.given.sigma2 != 1.0)
-      of.weight1.push_back(1.0 / known.given.sigma2);
+    const bool dispersed = !known.outcome.linear() && known.given.sigma2 > 0.0 && known.given.sigma2 != 1.0;
+    if (dispersed || known.weights1 != nullptr)
+      of.weight1.push_back((known.weights1 != nullptr ? known.weights1[i] : 1.0) /
+                           (dispersed ? known.given.sigma2 : 1.0));
   }
+  takeunitweights(known, members, top, of);
   of.units = static_cast<int>(members.size());
   const FittedModel model = known.model();
   UnitModes modes = unitmodes(model, of);
@@ -306,7 +326,8 @@ using namespace kdr::library;
 kdr3_status kdr3_predict(const kdr3_fitted* fitted, const kdr3_rows* own, const kdr3_rows* rows, kdr3_predicted what,
                          double* values, double* errors) {
   return guarded([&]() -> kdr3_status {
-    if (fitted == nullptr || rows == nullptr || fitted->size < sizeof(kdr3_fitted) || rows->size < sizeof(kdr3_rows))
+    if (fitted == nullptr || rows == nullptr || fitted->size < offsetof(kdr3_fitted, weights1) ||
+        rows->size < sizeof(kdr3_rows))
       return error("Predictions need a fitted model and rows whose sizes are set.");
     if (fitted->family < KDR3_NORMAL || fitted->family > KDR3_ORDINAL || what < KDR3_LINEAR || what > KDR3_UNITRESPONSE)
       return error("The family, or what is to be predicted, is none that is known.");

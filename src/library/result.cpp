@@ -114,6 +114,19 @@ kdr3_status kdr3_result_effectcovariances(const kdr3_result* result, double* bot
   return KDR3_OK;
 }
 
+kdr3_status kdr3_result_weights(const kdr3_result* result, double* level1, double* level2, double* level3) {
+  if (result == nullptr) return error("The result is missing.");
+  const auto hand = [](const Array<double>& weights, int n, double* to) {
+    if (to == nullptr) return;
+    if (weights.empty()) std::fill_n(to, at(n), 1.0);
+    std::copy_n(weights.begin(), weights.empty() ? 0 : at(n), to);
+  };
+  hand(result->weights1, result->counts.records, level1);
+  hand(result->weights2, result->counts.units2, level2);
+  hand(result->weights3, result->counts.units3, level3);
+  return KDR3_OK;
+}
+
 kdr3_status kdr3_result_joint(const kdr3_result* result, double* joint) {
   if (result == nullptr) return error("The result is missing.");
   const std::size_t all = packedsize(result->p) + packedsize(result->b) + result->g;

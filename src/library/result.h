@@ -7,6 +7,7 @@
 #include "core/results.h"
 #include "estimate/bootstrap/bootstrap.h"
 #include "estimate/linear/unitresults.h"
+#include "kernel/array.h"
 #include "library/handles.h"
 
 struct kdr3_result {
@@ -17,6 +18,7 @@ struct kdr3_result {
   std::size_t g = 0;
   std::vector<std::string> names, warnings;
   kdr::Posteriors posteriors;
+  kdr::Array<double> weights1, weights2, weights3;  // as kdr3_result_weights hands them out; empty without
   kdr::Replicates replicates;
   int replicatestried = 0;
   std::string json, table;  // the results document

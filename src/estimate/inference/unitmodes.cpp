@@ -24,6 +24,7 @@ struct Level2Block {
   Array<double> s;              // [p] the score: sum R'd's - w
   Array<double> X;              // p by g: sum R'd'Wx
   double weight = 1.0;          // of all that it adds to what is of v
+  double divisor = 1.0;         // of the covariance given v
 };
 
 struct Modes {
@@ -213,14 +214,17 @@ Array<double> covarianceof(const Modes& m, const Level2Block* own) {
     for (int i = 0; i < rows; ++i)
       for (int l = 0; l < columns; ++l) C[at((row + i) * n + column + l)] = sign * block[at(i * columns + l)];
   };
-  put(m.inverse, m.b, m.b, m.p, m.p, 1.0);
+  Array<double> ofv = m.inverse.copy();
+  for (double& value : ofv) value /= m.outcomes.divisor3;
+  put(ofv, m.b, m.b, m.p, m.p, 1.0);
   if (own == nullptr) {
     for (int i = 0; i < m.p; ++i) C[at(i * (n + 1))] = 1.0;
     return C;
   }
   Array<double> AB(at(m.p) * at(m.b)), ABP(at(m.p) * at(m.b)), uu = own->inverse.copy();
+  for (double& value : uu) value /= own->divisor;
   mulAB(AB.data(), own->inverse.data(), own->B.data(), m.p, m.b, m.p);
-  mulAB(ABP.data(), AB.data(), m.inverse.data(), m.p, m.b, m.b);
+  mulAB(ABP.data(), AB.data(), ofv.data(), m.p, m.b, m.b);
   addABt(uu.data(), ABP.data(), AB.data(), m.p, m.p, m.b);
   put(uu, m.p, m.p, 0, 0, 1.0);
   put(ABP, m.p, m.b, 0, m.p, -1.0);
@@ -267,7 +271,8 @@ Modes modesof(const FittedModel& fitted, const UnitOutcomes& outcomes) {
   for (int j = 0; j < outcomes.units; ++j)
     m.level2.push_back({Array<double>(at(m.p)), Array<double>(square(m.p)), Array<double>(square(m.p)),
                         Array<double>(at(m.p) * at(m.b)), Array<double>(at(m.p)), Array<double>(at(m.p) * at(m.g)),
-                        outcomes.weight2.empty() ? 1.0 : outcomes.weight2[at(j)]});
+                        outcomes.weight2.empty() ? 1.0 : outcomes.weight2[at(j)],
+                        outcomes.divisor2.empty() ? 1.0 : outcomes.divisor2[at(j)]});
   for (const PredictorRows& rows : outcomes.rows) m.fixed.push_back(fixedpredictors(fitted, rows));
   return m;
 }

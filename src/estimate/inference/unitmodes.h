@@ -19,6 +19,9 @@ struct UnitOutcomes {
   int units = 0;
   // Design weights, empty without: a record's log-density counts so often, a level-2 unit in what is known of v.
   std::vector<double> weight1, weight2;
+  // What the covariances of u_j given v, and of v, are divided by: those of a density that counts so often. Empty: 1.
+  std::vector<double> divisor2;
+  double divisor3 = 1.0;
 };
 
 struct UnitModes {
