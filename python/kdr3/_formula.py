@@ -28,6 +28,7 @@ class Formula(lib.Handle):
             setattr(given, name, None if value is None else lib.encoded(str(value)))
         interruptible(lambda flag: lib.check(library.kdr3_formula_make(
             lib.encoded(text), ctypes.byref(given), fields.rows, fields.count, fields.array, ctypes.byref(self.pointer))))
+        self.weights = [(options or {}).get(f"weights{level}") for level in (1, 2, 3)]
         self.fields = fields  # by which other handles of the same data are made
 
     def words(self, which: int) -> list[str]:

@@ -62,7 +62,7 @@ class Fitted(Structure):
     _fields_ = [("size", c_size_t), ("family", c_int), ("categories", c_int), ("fixedeffects", c_size_t), ("random2", c_size_t),
                 ("random3", c_size_t), *_addresses("fixed", "taupi", "taubeta"), ("sigma2", c_double),
                 *_addresses("covariance", "joint"), ("units2", c_size_t), ("units3", c_size_t),
-                *_addresses("level2", "level3", "variances2", "variances3", "covariances")]
+                *_addresses("level2", "level3", "variances2", "variances3", "covariances", "weights1", "weights2", "weights3")]
 
 
 class Rows(Structure):
@@ -130,6 +130,7 @@ def _declare(library: ctypes.CDLL) -> ctypes.CDLL:
         "kdr3_result_effects": (c_int, handle, c_void_p, c_void_p),
         "kdr3_result_effectvariances": (c_int, handle, c_void_p, c_void_p),
         "kdr3_result_effectcovariances": (c_int, handle, c_void_p),
+        "kdr3_result_weights": (c_int, handle, c_void_p, c_void_p, c_void_p),
         "kdr3_result_joint": (c_int, handle, c_void_p),
         "kdr3_predict": (c_int, POINTER(Fitted), POINTER(Rows), POINTER(Rows), c_int, c_void_p, c_void_p),
         "kdr3_result_test": (c_int, handle, c_size_t, c_int, POINTER(Test)),

@@ -53,7 +53,8 @@ def fitted(m: Results, effects: Mapping[int, np.ndarray] | None) -> lib.Fitted:
     random = effects if effects is not None else {level: state.get(f"effects{level}") for level in (2, 3)}
     made = _filled(lib.Fitted(), fixed=state["estimates"], covariance=state["covariance"], joint=state.get("joint"),
                    taupi=state["tau2"], taubeta=state["tau3"], level2=random.get(2), level3=random.get(3),
-                   variances2=state.get("effects2_cov"), variances3=state.get("effects3_cov"), covariances=state.get("effects_both"))
+                   variances2=state.get("effects2_cov"), variances3=state.get("effects3_cov"), covariances=state.get("effects_both"),
+                   **{f"weights{level}": state.get(f"weights{level}") for level in (1, 2, 3)})
     made.family, made.categories = FAMILIES[m.family], len(m.categories)
     made.fixedeffects, made.random2, made.random3 = len(state["estimates"]), len(state["tau2"]), len(state["tau3"])
     made.units2, made.units3, made.sigma2 = state["units2"], state["units3"], m.scale

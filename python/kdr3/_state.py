@@ -53,9 +53,19 @@ def stateof(handle, result) -> dict[str, Any]:
     state["rows"], state["unit2"] = rows[0].astype(np.int64), rows[1].astype(np.int64)
     if three:
         state["unit3"] = rows[2].astype(np.int64)
+    state.update(_weights(handle, result, (len(rows[0]), *units)))
     state["document"] = library.kdr3_result_document(result.pointer, 0).decode()
     state["warnings"] = lib.texts(library.kdr3_result_warning, result.pointer)
     return state
+
+
+def _weights(handle, result, sizes: tuple[int, int, int]) -> dict[str, np.ndarray]:
+    """Design weights of records and units as the fit had them; nothing without any."""
+    if not any(handle.weights):
+        return {}
+    weights = [np.empty(size) for size in sizes]
+    lib.check(library.kdr3_result_weights(result.pointer, *[one.ctypes.data for one in weights]))
+    return {f"weights{level}": one for level, one in enumerate(weights, 1)}
 
 
 def _order(handle, names: list[str]) -> tuple[np.ndarray, list[str]]:

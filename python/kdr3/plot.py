@@ -11,6 +11,7 @@ from typing import Any, Sequence
 import numpy as np
 
 from . import _library as lib
+from . import _predict
 from ._document import documentof
 from .kdr3plot import canvas, document as documents, files, pictures
 

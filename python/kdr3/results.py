@@ -285,8 +285,7 @@ class Results(Estimates):
         se : bool
             Also standard errors, by the delta method: of the fixed effects, and where the response is averaged after
             an engine of the variances. Of units they have the error of the predicted random effects in them, and of a
-            new unit the variance of its effects. They are those of the program's -predict. Models with design weights
-            have none of units.
+            new unit the variance of its effects. They are those of the program's -predict.
 
         Returns
         -------
@@ -310,8 +309,6 @@ class Results(Estimates):
             raise lib.KDR3Error("A prediction is response or link, and of effects unit, fixed or population.")
         if effects == "unit":
             self._whole()
-            if se and self.weights:
-                raise lib.KDR3Error('Models with design weights have standard errors of effects="fixed" and "population" alone.')
         fields = None if data is None else self._newfields(data, effects == "unit")
         values, errors = _predict.predicted(self, _predict.OF[kind, effects], _predict.rows(self, fields, effects == "unit"), se)
         if lost := int(np.isnan(values[:, 0]).sum()):

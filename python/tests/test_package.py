@@ -154,12 +154,20 @@ class Models(unittest.TestCase):
         table = ("school,pupil,year,ses,tries,weeks,right\nS01,1,0,0.5,3,2,1\nS01,999,1,-1,3,2,2\nS77,1,2,0,3,4,3\nS02,2,3,1,3,1,1\n")
         data = growth()
         data["band"] = 3.0 + (data["hours"] > 5) + (data["ses"] + data["year"] > 2)
+        draw, units = np.random.default_rng(5), {"w1": np.arange(len(data["year"])), "w3": np.unique(data["school"].astype(str), return_inverse=True)[1]}
+        units["w2"] = np.unique(1000 * units["w3"] + data["pupil"], return_inverse=True)[1]
+        data.update((name, np.round(draw.uniform(0.5, 4, unit.max() + 1)[unit], 3)) for name, unit in units.items())
+        weights = {"weights1": "w1", "weights2": "w2", "weights3": "w3"}
         for formula, given in (("score ~ year + ses + (year | school/pupil)", {}),
                                ("passed ~ year + (1 | school/pupil)", {"family": "binomial"}),
                                ("passed ~ year + (1 | school)", {"family": "binomial", "engine": "laplace6"}),
                                ("books ~ year + (year | school)", {"family": "poisson", "exposure": "weeks"}),
                                ("band ~ ses + year + (year | school)", {"family": "ordinal"}),
-                               ("band ~ ses + (1 | school/pupil)", {"family": "multinomial"})):
+                               ("band ~ ses + (1 | school/pupil)", {"family": "multinomial"}),
+                               ("score ~ year + ses + (year | school/pupil)", weights),
+                               ("score ~ ses + (1 | school)", {"weights1": "w1", "weights2": "w3"}),
+                               ("passed ~ year + (1 | school/pupil)", {"family": "binomial", "engine": "pql", **weights}),
+                               ("passed ~ year + (1 | school/pupil)", {"family": "binomial", **weights})):
             with tempfile.TemporaryDirectory() as folder:
                 place = pathlib.Path(folder)
                 (place / "new.csv").write_text(table)
