@@ -320,6 +320,19 @@ std::vector<char> completerecords(FormulaPlan& plan) {
   return kept;
 }
 
+// Of one unit alone nothing tells how units differ.
+void warnofsingleunits(FormulaPlan& plan, const std::vector<char>& kept) {
+  const auto first = static_cast<std::size_t>(std::find(kept.begin(), kept.end(), 1) - kept.begin());
+  for (const Grouping& grouping : plan.data.groupings) {
+    bool alone = true;
+    for (std::size_t i = first; alone && i < kept.size(); ++i)
+      alone = kept[i] == 0 || grouping.units[i] == grouping.units[first];
+    if (alone)
+      plan.listener.warning(formatted("All records are of one unit of %s: nothing tells the variance between units.",
+                                      grouping.shown.c_str()));
+  }
+}
+
 // Levels that no record is left of go, as in lme4.
 void dropemptylevels(FormulaPlan& plan, const std::vector<char>& kept) {
   for (auto& [name, variable] : plan.data.variables) {
@@ -511,6 +524,7 @@ std::vector<char> evaluateplan(FormulaPlan& plan) {
   if (plan.data.variables.contains(plan.outcome.name))
     refuseformula(plan.model.text, plan.data.variables.at(plan.outcome.name).place, "The outcome cannot be a term.");
   std::vector<char> kept = completerecords(plan);
+  warnofsingleunits(plan, kept);
   dropemptylevels(plan, kept);
   return kept;
 }
