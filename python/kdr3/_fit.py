@@ -85,7 +85,7 @@ def fit(formula: str, data: Any, *, family: str = "gaussian", engine: str | None
             raise lib.KDR3Error("Plausible values are columns of one table, not of a list of tables.")
         return pooled(formula, data, arguments)
     if plausible is not None:
-        return pooled(formula, inplaceof(formula, data, list(plausible)), arguments)
+        return pooled(formula, inplaceof(formula, data, plausible), arguments)
     return Results(*estimate(formula, data, arguments))
 
 
@@ -102,13 +102,14 @@ def pooled(formula: str, tables: Iterable, arguments: Mapping[str, Any]) -> Pool
 
 def estimate(formula: str, data: Any, arguments: Mapping[str, Any]):
     """The handles of a fit, and what they were made with."""
-    options = {"family": FAMILIES.get(arguments["family"], arguments["family"])}
+    family = arguments["family"]
+    options = {"family": FAMILIES.get(family, family) if isinstance(family, str) else None}
     extra = {}
     for name in ("trials", "exposure"):
         if arguments[name] is not None and not isinstance(arguments[name], str):
             raise lib.KDR3Error(f"{name} is the name of a column, not {type(arguments[name]).__name__}: put it into the table.")
     if options["family"] not in KNOWN:
-        raise lib.KDR3Error(f"family is one of {', '.join(KNOWN)}. It cannot be {arguments['family']}.")
+        raise lib.KDR3Error(f"family is one of {', '.join(KNOWN)}. It cannot be {family}.")
     if options["family"] == "gaussian" and (arguments["engine"] is not None or arguments["points"] is not None):
         raise lib.KDR3Error("engine and points are for outcomes that are not normal.")
     for name in ("engine", "points", "trials", "exposure"):
@@ -123,6 +124,11 @@ def estimate(formula: str, data: Any, arguments: Mapping[str, Any]):
     codes = codesof(arguments["missing"])
     fields = data if isinstance(data, Fields) else Fields(data, named, extra, codes)
     handle = Formula(formula, fields, options)
+    told = {name.lower() for which in (lib.GROUPS2, lib.GROUPS3) for name in handle.words(which)}
+    for name, column in fields.columns.items():
+        if column.identifies and name.lower() not in told:
+            raise lib.KDR3Error(f"The column {name} holds whole numbers above 2^53, which tell units apart and are no measures: "
+                                "subtract the least one, or make texts of them.")
     settings = settingsof(arguments)
     threads = lib.whole("threads", settings.pop("THREADS", arguments["threads"]))
     made = {"formula": formula, "options": options, "missing": codes, "settings": settings, "threads": threads,

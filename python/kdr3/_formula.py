@@ -19,7 +19,7 @@ class Formula(lib.Handle):
     def __init__(self, text: str, fields: Fields | None = None, options: Mapping[str, str | None] | None = None):
         super().__init__(library.kdr3_formula_free)
         if not isinstance(text, str):
-            raise TypeError("A formula is a text, as 'score ~ year + (year | school/pupil)'.")
+            raise lib.KDR3Error(f"A formula is a text, as 'score ~ year + (year | school/pupil)', not {type(text).__name__}.")
         if fields is None:
             lib.check(library.kdr3_formula_read(lib.encoded(text), ctypes.byref(self.pointer)))
             return

@@ -11,6 +11,7 @@ from typing import Any, Mapping, Sequence
 import numpy as np
 
 from . import _library as lib
+from ._frames import haspandas
 
 EXACT = 2**53  # whole numbers up to here are doubles
 
@@ -22,7 +23,7 @@ def asframe(data: Any) -> Any:
     try:
         from pandas.api.interchange import from_dataframe
     except ImportError:
-        raise TypeError(f"{type(data).__name__} has the protocol __dataframe__, which takes pandas 1.5 or later to read.") from None
+        raise lib.KDR3Error(f"{type(data).__name__} has the protocol __dataframe__, which takes pandas 1.5 or later to read.") from None
     return from_dataframe(data)
 
 
@@ -36,7 +37,7 @@ def names(data: Any) -> list[str]:
         return [str(name) for name in data.columns]
     if isinstance(data, Mapping):
         return [str(name) for name in data]
-    raise TypeError(f"Data are a data frame or a mapping of arrays, not {type(data).__name__}.")
+    raise lib.KDR3Error(f"Data are a data frame or a mapping of arrays, not {type(data).__name__}.")
 
 
 def index(data: Any):
@@ -47,8 +48,11 @@ def index(data: Any):
 class Column:
     """One column: its values, and what keeps them alive.
 
-    values: [rows] numbers, or codes of `labels`; missing: [rows] of bool, or None.
+    values: [rows] numbers, or codes of `labels`; missing: [rows] of bool, or None. identifies: whole numbers that doubles
+    would make one of, taken as texts, by which units are told.
     """
+
+    identifies = False
 
     def __init__(self, name: str, values: np.ndarray, missing=None, labels=None, ordered=False):
         self.name, self.values, self.missing, self.labels, self.ordered = name, values, missing, labels, ordered
@@ -118,7 +122,9 @@ def _objects(name: str, values: np.ndarray) -> Column:
         return _codes(name, ["FALSE", "TRUE"], [-1 if c < 0 else int(bool(v)) for v, c in zip(values, codes)], True)
     if "number" in first and not (whole and any(abs(int(value)) > EXACT for value in known)):
         return Column(name, np.array([np.nan if c < 0 else float(v) for v, c in zip(values, codes)]))
-    return _codes(name, known, codes, False)
+    made = _codes(name, known, codes, False)
+    made.identifies = "number" in first
+    return made
 
 
 def _array(name: str, values: np.ndarray) -> Column:
@@ -135,8 +141,8 @@ def _array(name: str, values: np.ndarray) -> Column:
         return _codes(name, ["FALSE", "TRUE"], codes, True)
     large = kind in "iu" and len(values) and (int(values.max()) > EXACT or int(values.min()) < -EXACT)
     if kind in "OUST" or large:  # IDs that doubles would make one of are texts
-        texts = np.array([str(v) for v in values], dtype=object) if large else values.astype(object)
-        return _objects(name, texts if missing is None else np.where(missing, None, texts))
+        each = values.astype(object)
+        return _objects(name, each if missing is None else np.where(missing, None, each))
     if kind in "iu":
         small = values.dtype.itemsize < 4 or values.dtype == np.dtype("i4")
         return Column(name, values.astype(np.int32 if small else np.int64, copy=False), missing)
@@ -226,6 +232,32 @@ def _checklabels(data: Any, wanted: list[str], extra: Mapping[str, Any]) -> None
             raise lib.KDR3Error(f"{name} has other row labels than {of}, or in another order: reindex it, or hand in its values alone.")
 
 
+def _indexstate(labels) -> dict[str, np.ndarray]:
+    """Row labels of numbers, texts or times as arrays, one for each level of them; others are not kept."""
+    made = {}
+    for level in range(0 if labels is None else labels.nlevels):
+        values = labels.get_level_values(level).to_numpy()
+        if values.dtype == object and all(isinstance(value, str) for value in values):
+            values = values.astype(str)
+        if values.dtype == object:
+            return {}
+        name = labels.names[level]
+        made[f"index{level}_values"], made[f"index{level}_name"] = values, np.array("" if name is None else str(name))
+    return made
+
+
+def _restoredindex(state: Mapping[str, Any]):
+    levels = []
+    while f"index{len(levels)}_values" in state:
+        levels.append(state[f"index{len(levels)}_values"])
+    if not levels or not haspandas():
+        return None
+    import pandas
+    levels = [level.astype(object) if level.dtype.kind == "U" else level for level in levels]
+    names = [str(state[f"index{i}_name"]) or None for i in range(len(levels))]
+    return pandas.MultiIndex.from_arrays(levels, names=names) if len(levels) > 1 else pandas.Index(levels[0], name=names[0])
+
+
 class Fields:
     """The columns of a table as an array of fields: those of `wanted` with their values, of the others the names alone.
 
@@ -279,6 +311,7 @@ class Fields:
                 made[f"column{i}_missing"] = np.asarray(one.missing)
             if one.labels is not None:
                 made[f"column{i}_labels"], made[f"column{i}_ordered"] = np.array(one.labels, dtype=str), np.array(one.ordered)
+        made.update(_indexstate(self.index))
         return made
 
     @classmethod
@@ -294,6 +327,6 @@ class Fields:
                                         bool(state.get(f"column{i}_ordered", False)))
             i += 1
         made.rows = len(next(iter(made.columns.values())).values)
-        made.index = index
+        made.index = _restoredindex(state) if index is None else index
         made._make([])
         return made

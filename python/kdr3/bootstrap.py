@@ -43,9 +43,11 @@ class Bootstrap:
             full[:, lower[0], lower[1]] = full[:, lower[1], lower[0]] = rows[:, at:at + size]
             self.tau[group], at = full, at + size
         self.scale = rows[:, -1]
-        document = json.loads(library.kdr3_result_document(result.pointer, 0).decode())
-        self.document = document
+        self.document = json.loads(library.kdr3_result_document(result.pointer, 0).decode())
         self.warnings = lib.texts(library.kdr3_result_warning, result.pointer)
+        for sentence in self.warnings:
+            if sentence not in results.warnings:
+                lib.tell(sentence)
 
     def conf_int(self, alpha: float = 0.05) -> Matrix:
         """[g, 2] percentile intervals of the fixed effects."""
@@ -61,7 +63,10 @@ class Bootstrap:
     @property
     def bse(self) -> Series:
         """[g] standard deviations of the replicates."""
-        return series(np.nanstd(np.asarray(self.params), axis=0, ddof=1), self.results._names, "bse")
+        values = np.asarray(self.params)
+        values = values[~np.isnan(values[:, 0])]
+        spread = values.std(axis=0, ddof=1) if len(values) > 1 else np.full(values.shape[1], math.nan)
+        return series(spread, self.results._names, "bse")
 
     def __repr__(self) -> str:
         return f"<bootstrap of {self.tried} replicates, {self.failed} without a fit: {self.results.formula}>"

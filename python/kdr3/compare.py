@@ -34,6 +34,8 @@ def anova(*models: Results | Pooled):
     for m in models:
         if not isinstance(m, (Results, Pooled)):
             raise lib.KDR3Error(f"Results of fits are compared, not {type(m).__name__}.")
+    if not models:
+        raise lib.KDR3Error("There is nothing to compare.")
     if len(models) == 1:
         return models[0].anova()
     for m in models:
@@ -49,7 +51,7 @@ def anova(*models: Results | Pooled):
             row[5:] = [made["chi_square"], made["df"], made["p"], math.nan if made["mixture_p"] is None else made["mixture_p"]]
         rows.append(row)
     names = ("model", "parameters", "logLik", "AIC", "BIC", "chi_square", "df", "p", "p_mixture")
-    return frame(dict(zip(names, zip(*rows))) if rows else {name: [] for name in names})
+    return frame(dict(zip(names, zip(*rows))))
 
 
 def tested(a: Column, b: Column) -> dict:

@@ -21,8 +21,11 @@ def checkalpha(alpha: Any) -> None:
 
 
 def tquantile(p: float, df: float) -> float:
-    """The two-sided point of Student's t: the value beyond which a share p lies, on both sides together."""
+    """The two-sided point of Student's t: the value beyond which a share p lies, on both sides together; NaN without
+    degrees of freedom."""
     checkalpha(p)
+    if not df > 0:
+        return math.nan
     low, high = 0.0, 1.0
     while lib.pvalue(lib.T, high, df) > p:
         high *= 2.0

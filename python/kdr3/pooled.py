@@ -22,10 +22,10 @@ def _factors(fit: Results) -> dict:
             if one.labels is not None and name not in fit._state["words"][lib.GROUPS2] + fit._state["words"][lib.GROUPS3]}
 
 
-def inplaceof(formula: str, data: Any, plausible: list[str]):
+def inplaceof(formula: str, data: Any, plausible: Sequence[str]):
     """The table with each of the plausible values in the place of the first one."""
     known, named = names(data), Formula(formula).words(lib.COLUMNS)
-    if len(plausible) < 2:
+    if isinstance(plausible, str) or not isinstance(plausible, Sequence) or len(plausible) < 2:
         raise lib.KDR3Error("plausible names the columns of two or more plausible values.")
     for name in plausible:
         if name not in known:

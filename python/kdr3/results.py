@@ -192,7 +192,7 @@ class Results(Estimates):
     def _handle(self):
         """The formula with its data, made again where it came from a file."""
         if self._formula is None:
-            self._formula = Formula(self.formula, Fields.restored(self._state["table"]), self._made["options"])
+            self._formula = Formula(self.formula, Fields.restored(self._state["table"], self._state.get("index")), self._made["options"])
             setmodel(self._formula, self._made)
         return self._formula
 
@@ -343,7 +343,7 @@ class Results(Estimates):
             raise lib.KDR3Error(f"nsim is a whole number from 0. It cannot be {nsim}.")
         if self.family != "gaussian" and self.scale != 1.0:
             raise lib.KDR3Error("A model with over-dispersion has no distribution to draw from.")
-        draw = np.random.default_rng(seed)
+        draw = np.random.default_rng(None if seed is None else abs(lib.whole("seed", seed)))
         rows, count = _predict.rows(self), self._outcome[1]
         made = np.empty((self.nobs, nsim))
         for s in range(nsim):
@@ -444,12 +444,12 @@ class Results(Estimates):
     # -- Files -------------------------------------------------------------------------------------------------------
 
     def __getstate__(self):
-        state = {key: value for key, value in self._state.items() if key != "table"}
+        state = {key: value for key, value in self._state.items() if key not in ("table", "index")}
         return {"state": state, "made": self._made, "table": self._fields().state(), "index": self._fields().index}
 
     def __setstate__(self, kept):
         self._formula, self._made = None, kept["made"]
-        self._state = {**kept["state"], "table": kept["table"]}
+        self._state = {**kept["state"], "table": kept["table"], "index": kept.get("index")}
         self._take(self._state)
 
     def save(self, path: str | os.PathLike[str]) -> None:

@@ -618,6 +618,12 @@ class Calls(unittest.TestCase):
                 ("progress is a function", "score ~ year + (1 | school)", {}, {"progress": 3}),
                 ("ddf is for linear models", "passed ~ year + (1 | school)", {}, {"family": "binomial", "ddf": "satterthwaite"}),
                 ("no Unicode", "score ~ year + (1 | school)", {"school": np.array(["\ud800"] * n, dtype=object)}, {}),
+                ("above 2^53", "score ~ year + (1 | school)", {"year": 2**60 + data["year"].astype(np.int64)}, {}),
+                ("family is one of", "score ~ year + (1 | school)", {}, {"family": ["binomial"]}),
+                ("two or more", "score ~ year + (1 | school)", {}, {"plausible": "score"}),
+                ("THREADS takes", "score ~ year + (1 | school)", {}, {"threads": -1}),
+                ("This one has 3", "arm ~ year + (1 | school)", {}, {"family": "binomial"}),
+                ("not list", ["score ~ year + (1 | school)"], {}, {}),
                 ("no random part", "score ~ year", {}, {})):
             with self.assertRaises(kdr3.KDR3Error, msg=words) as refused:
                 kdr3.fit(formula, {**data, **change}, **given)
@@ -639,12 +645,13 @@ class Calls(unittest.TestCase):
             m.predict({"school": data["school"]})
         for call in (lambda: m.conf_int(5), lambda: m.conf_int(float("nan")), lambda: m.wald_test([[0, 0]]),
                      lambda: m.wald_test([[1, 1e9], [2, 2e9]]), lambda: m.wald_test("year = 0"), lambda: m.conf_int("5"),
-                     lambda: m.tidy(effects="fixd"), lambda: m.bootstrap(3, seed="x"), lambda: kdr3.anova(3, m), lambda: kdr3.load(TREE / "README.md"),
+                     lambda: m.tidy(effects="fixd"), lambda: m.bootstrap(3, seed="x"), lambda: kdr3.anova(3, m), kdr3.anova, lambda: m.simulate(1, seed="x"), lambda: kdr3.load(TREE / "README.md"),
                      lambda: m.predict({name: values[:0] for name, values in data.items()})):
             with self.assertRaises(kdr3.KDR3Error):
                 call()
-        with self.assertRaises(TypeError):
-            kdr3.fit(LINEAR, 7)
+        for table in (7, None, "growth.csv", data["score"], {}, {name: values[:0] for name, values in data.items()}):
+            with self.assertRaises(kdr3.KDR3Error):
+                kdr3.fit(LINEAR, table)
         self.assertTrue(kdr3.fit(LINEAR, data).converged)
 
     def test_told_by_settings(self):
@@ -671,6 +678,14 @@ class Calls(unittest.TestCase):
         s = np.where(np.arange(60) % 3 == 1, "b", np.where(np.arange(60) % 3 == 0, "a", "c"))
         m = kdr3.fit("s ~ h + (1 | g)", {**data, "s": s, "h": np.where(s == "b", 1.0, 0.0)}, family="multinomial", engine="pql")
         self.assertIn("have category 2, all 40 records", " ".join(m.warnings))
+
+    def test_one_unit_has_no_variance_and_no_degrees_of_freedom(self):
+        data = growth()
+        one = kdr3.fit("score ~ year + (1 | school)", {name: values[data["school"] == "S01"] for name, values in data.items()})
+        self.assertIn("All records are of one unit of school", " ".join(one.warnings))
+        self.assertTrue(np.isnan(np.asarray(one.conf_int())[0]).all())  # of 0 degrees of freedom
+        large = np.unique(data["school"].astype(str), return_inverse=True)[1].astype(np.int64) + 2**62  # doubles make one of them
+        self.assertEqual(kdr3.fit("score ~ year + (1 | school)", {**data, "school": large}).ngroups, {"school": 50})
 
     def test_another_version_is_refused(self):
         with tempfile.TemporaryDirectory() as folder:
@@ -714,6 +729,15 @@ class Calls(unittest.TestCase):
             self.assertEqual(str(twin.summary()), str(m.summary()))
             np.testing.assert_array_equal(np.asarray(twin.predict(few)), np.asarray(m.predict(few)))
             np.testing.assert_array_equal(np.asarray(twin.bootstrap(20).params), np.asarray(m.bootstrap(20).params))
+        if pandas is None:
+            return
+        frame = pandas.DataFrame(growth())
+        for index in (frame.index[::-1] + 7, pandas.MultiIndex.from_arrays([frame["school"], frame["year"]]), pandas.date_range("2020", periods=len(frame))):
+            m = kdr3.fit(LINEAR, frame.set_axis(index))
+            with tempfile.TemporaryDirectory() as folder:
+                m.save(f"{folder}/m.npz")
+                for twin in (kdr3.load(f"{folder}/m.npz"), pickle.loads(pickle.dumps(m))):
+                    pandas.testing.assert_series_equal(twin.resid, m.resid, check_freq=False)
 
     def test_bootstrap(self):
         m = kdr3.fit("score ~ year + (1 | school/pupil)", growth())
