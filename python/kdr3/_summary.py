@@ -28,12 +28,13 @@ class Summary:
             top = "".join(f"<th style='text-align:{'left' if c == 0 else 'right'}'>{html.escape(x)}</th>" for c, x in enumerate(head))
             lines = "".join("<tr>" + "".join(f"<td style='text-align:{'left' if c == 0 else 'right'}'>{html.escape(x)}</td>"
                                              for c, x in enumerate(row)) + "</tr>" for row in body)
-            return f"<table><thead><tr>{top}</tr></thead><tbody>{lines}</tbody></table>"
+            return f"<thead><tr>{top}</tr></thead><tbody>{lines}</tbody>"
         about = "".join(f"<tr><th style='text-align:left'>{html.escape(n)}</th><td style='text-align:left'>{html.escape(v)}</td></tr>"
                         for n, v in self.about)
+        tables = "".join(f"<div style='overflow-x:auto'><table>{one}</table></div>" for one in (about, rows(*self.fixed), rows(*self.random)))
         words = "".join(f"<p><strong>Warning:</strong> {html.escape(w)}</p>" for w in self.warnings)
-        return (f"<div><p><code>{html.escape(self.formula)}</code></p><table>{about}</table>{rows(*self.fixed)}"
-                f"{rows(*self.random)}{words}</div>")
+        return ("<div style='display:grid;grid-template-columns:minmax(0,1fr)'>"  # as wide as the page: what is wider scrolls
+                f"<p><code style='overflow-wrap:anywhere'>{html.escape(self.formula)}</code></p>{tables}{words}</div>")
 
     _repr_html_ = as_html
 
