@@ -17,20 +17,33 @@ def haspandas() -> bool:
     return importlib.util.find_spec("pandas") is not None
 
 
-class Named(Mapping):
-    """Numbers with names, where pandas is not installed: by name or place, and as an array."""
+class Named:
+    """Numbers with names, where pandas is not installed: as an array, by name or place, and in the order of the names."""
 
     def __init__(self, values, index: Iterable):
         self.values, self.index = np.asarray(values), list(index)
 
     def __getitem__(self, key):
-        return self.values[key if isinstance(key, (int, slice)) and key not in self.index else self.index.index(key)]
+        """By a name, or several, or as of an array where it is none."""
+        if isinstance(key, slice) or getattr(key, "dtype", None) == bool:
+            return self.values[key]
+        known = {name: place for place, name in enumerate(self.index)}
+        return self.values[known.get(key, key) if np.isscalar(key) else [known.get(one, one) for one in key]]
+
+    def __contains__(self, name):
+        return name in self.index
 
     def __iter__(self):
-        return iter(self.index)
+        return iter(self.values)
 
     def __len__(self):
         return len(self.index)
+
+    def keys(self) -> list:
+        return self.index
+
+    def items(self) -> Iterable:
+        return zip(self.index, self.values)
 
     def __array__(self, dtype=None, copy=None):
         return np.asarray(self.values, dtype=dtype)

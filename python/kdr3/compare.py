@@ -2,6 +2,7 @@
 from __future__ import annotations
 
 import math
+from typing import TYPE_CHECKING
 
 import numpy as np
 
@@ -11,6 +12,9 @@ from ._frames import frame
 from .kdr3plot import compare, nested
 from .pooled import Pooled
 from .results import Results
+
+if TYPE_CHECKING:
+    from ._frames import Table
 
 
 class Column(compare.Column):
@@ -24,7 +28,7 @@ class Column(compare.Column):
         return super().spans(smaller) or spans(self.m, smaller.m)
 
 
-def anova(*models: Results | Pooled):
+def anova(*models: Results | Pooled) -> Table:
     """Likelihood-ratio tests of neighbours, in the order of their parameters; of one model a Wald test of each term.
 
     What may be tested, and how, is as in kdr3-plot --compare. Where the larger model has one random effect more, the

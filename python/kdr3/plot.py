@@ -27,12 +27,14 @@ class Picture:
         self.figure, self.words = figure, words
 
     def svg(self) -> str:
+        """The picture as SVG."""
         return canvas.picture(self.figure, "svg").decode()
 
     def png(self) -> bytes:
+        """The picture as PNG."""
         return canvas.picture(self.figure, "png")
 
-    def save(self, path) -> None:
+    def save(self, path: str | pathlib.Path) -> None:
         """Writes the picture, as PNG or SVG by the ending of the name."""
         form = pathlib.Path(path).suffix.lower()
         if form not in (".png", ".svg"):

@@ -3,7 +3,7 @@ from __future__ import annotations
 
 import copy
 import math
-from typing import Any, Sequence
+from typing import TYPE_CHECKING, Any, Sequence
 
 import numpy as np
 
@@ -14,6 +14,9 @@ from ._summary import Summary
 from ._table import names
 from .estimates import Estimates
 from .results import Results
+
+if TYPE_CHECKING:
+    from ._frames import Matrix, Series, Table
 
 
 def _factors(fit: Results) -> dict:
@@ -70,7 +73,7 @@ class Pooled(Estimates):
         return self._free["robust" if robust else "covariance"]
 
     @property
-    def fraction_missing(self):
+    def fraction_missing(self) -> Series:
         """[g] of the information that is missing."""
         return series(self._missing["covariance"], self._names, "fraction_missing")
 
@@ -99,11 +102,11 @@ class Pooled(Estimates):
         p = lib.pvalue(lib.CHISQUARE, k * D, k) if math.isinf(df2) else lib.pvalue(lib.F, D, k, df2)
         return {"chi_square": k * D, "df": k, "df2": df2, "p": p}
 
-    def anova(self, robust: bool = False):
+    def anova(self, robust: bool = False) -> Table:
         """The pooled Wald test of each term: term, chi_square, df, df2 of the denominator, p."""
         return self._termtests(robust)
 
-    def predict(self, data: Any = None, kind: str = "response", effects: str = "unit", se: bool = False):
+    def predict(self, data: Any = None, kind: str = "response", effects: str = "unit", se: bool = False) -> Series | Matrix | Table:
         """The means of the fits' predictions, for new data or for the records of each fit; see Results.predict. Standard
         errors are by Rubin's rules, prediction by prediction: of new data those of the pooled covariance."""
         made = [fit.predict(data, kind=kind, effects=effects, se=se) for fit in self.fits]
@@ -123,7 +126,7 @@ class Pooled(Estimates):
         return shaped
 
     def tidy(self, effects: Sequence[str] = ("fixed", "ran_pars"), conf_int: bool = False, alpha: float = 0.05,
-             robust: bool = False, exponentiate: bool = False):
+             robust: bool = False, exponentiate: bool = False) -> Table:
         """As Results.tidy, with the fraction of information that is missing (fmi) behind."""
         made = super().tidy(effects, conf_int, alpha, robust, exponentiate)
         missing = list(self._missing["robust" if robust else "covariance"]) if "fixed" in effects else []

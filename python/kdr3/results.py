@@ -26,6 +26,7 @@ if TYPE_CHECKING:
     import os
 
     from ._frames import Matrix, Series, Table
+    from .plot import Plots
 
 PHASES = {"": "final", "quadrature": "quadrature", "laplace6": "laplace6", "pql": "pql"}
 
@@ -34,7 +35,7 @@ class Results(Estimates):
     """A fitted model. What it shows is in attributes named as those of statsmodels where these exist.
 
     Shapes: g fixed effects, p and b random effects of levels 2 and 3, n records that the model uses, C categories. With
-    pandas installed [g] is a series and a matrix a frame, with the names; without it they are a mapping and an array.
+    pandas installed [g] is a series and a matrix a frame, with the names; without it they are numbers with names and an array.
     Estimates are in units of the outcome, or of its link: logits, logarithms of a rate.
 
     Attributes
@@ -370,7 +371,7 @@ class Results(Estimates):
                       "BIC": [self.bic], "REMLcrit" if self.reml else "deviance": [self.deviance],
                       "df.residual": [self.nobs - self.df_model]})
 
-    def anova(self, *others: "Results", robust: bool = False):
+    def anova(self, *others: "Results", robust: bool = False) -> Table:
         """Without others a Wald test of each term; else the likelihood-ratio tests of :func:`kdr3.anova`."""
         if others:
             from .compare import anova
@@ -436,7 +437,7 @@ class Results(Estimates):
         return rows
 
     @property
-    def plot(self):
+    def plot(self) -> Plots:
         """The pictures of kdr3-plot, with matplotlib: plot.coefficients(), plot.caterpillar(), plot.lines() ..."""
         from .plot import Plots
         return Plots(self)

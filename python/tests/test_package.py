@@ -85,7 +85,8 @@ class Models(unittest.TestCase):
         data = cases.read(REFERENCE / "formulas" / "growth.csv")
         m = kdr3.fit("arm ~ year + ses + (1 | school)", data, family="multinomial")
         self.assertEqual(list(m.params.index), [f"{name}[{s}]" for s in (1, 2) for name in ("(Intercept)", "year", "ses")])
-        self.assertEqual(list(m.cov_re["school"].index), ["(Intercept)[1]", "(Intercept)[2]"])
+        if pandas is not None:
+            self.assertEqual(list(m.cov_re["school"].index), ["(Intercept)[1]", "(Intercept)[2]"])
         self.assertEqual(np.asarray(m.random_effects["school"]).shape, (50, 2))
         self.assertIn("[1] books, [2] none; reference tutor", str(m.summary()))
         words = np.array(["low", "mid", "high"], dtype=object)[np.arange(len(data["ses"])) % 3]
