@@ -144,12 +144,19 @@ std::vector<double> codesof(const Factor& factor, double first) {
   return values;
 }
 
+// The names of a factor as what its codes stand for.
+ValueLabels labelsof(const Factor& factor, double first) {
+  ValueLabels labels;
+  for (const std::string& level : factor.levels) labels.emplace_back(first + static_cast<double>(labels.size()), level);
+  return labels;
+}
+
 // An outcome of two names is 0 and 1.
 void takebinary(FormulaPlan& plan, const Factor& names) {
   if (names.levels.size() != 2)
     refuseoutcome(plan, formatted("A binomial outcome has two values. This one has %zu.", names.levels.size()));
   plan.outcome.values = shared(codesof(names, 0.0));
-  plan.outcome.levels = names.levels;
+  plan.outcome.labels = labelsof(names, 0.0);
   plan.listener.remark("The event of " + plan.outcome.name + " is " + names.levels[1] + ".");
 }
 
@@ -182,7 +189,11 @@ void takeoutcome(FormulaPlan& plan) {
   }
   if (iscall(e, "poly")) refuseoutcome(plan, "The outcome is one column.");
   const std::optional<Factor> names = outcomenames(plan, e);
-  if (e.part == Part::name) plan.outcome.label = plan.data.column(e.word).label;
+  if (e.part == Part::name) {
+    const LongColumn& column = plan.data.column(e.word);
+    plan.outcome.label = column.label;
+    plan.outcome.labels = column.labels;
+  }
   const bool bycodes = names && e.part == Part::name && !plan.data.column(e.word).text;  // numbers with labels
   switch (family) {
     case FitFamily::gaussian:
@@ -200,7 +211,7 @@ void takeoutcome(FormulaPlan& plan) {
     case FitFamily::ordinal:
     case FitFamily::multinomial:
       plan.outcome.values = shared(names && !bycodes ? codesof(*names, 1.0) : valuesof(plan.data, e));
-      if (names && !bycodes) plan.outcome.levels = names->levels;
+      if (names && !bycodes) plan.outcome.labels = labelsof(*names, 1.0);
       if (names && !bycodes)
         for (std::size_t k = 0; k < names->levels.size(); ++k)
           plan.listener.remark(plan.outcome.name + " " + std::to_string(k + 1) + " is " + names->levels[k] + ".");
@@ -221,6 +232,7 @@ void takefromoutcome(FormulaPlan& plan, Extra offset) {
   addvalues(values, less);
   plan.listener.remark("The outcome is " + plan.outcome.name + " less its offset, " + offset.name + ".");
   plan.outcome.name += " less " + offset.name;
+  plan.outcome.labels.clear();  // of values that it no longer has
   plan.outcome.values = shared(std::move(values));
   plan.offset = std::move(offset);
 }

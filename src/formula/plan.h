@@ -36,7 +36,7 @@ struct FormulaListener {
 struct Extra {
   std::string name, label;
   std::shared_ptr<std::vector<double>> values;
-  std::vector<std::string> levels{};  // of an outcome with names
+  ValueLabels labels{};  // what the values of an outcome stand for
 };
 
 // A formula on its way to a model.

@@ -358,7 +358,8 @@ void takewords(kdr3_formula& formula, const Parts& parts) {
                          : formula.engine.laplace6            ? "laplace6"
                          : plan.family == FitFamily::gaussian ? ""
                                                               : "pql"};
-  words[KDR3_LEVELS] = plan.outcome.levels;
+  if (plan.family != FitFamily::gaussian && plan.family != FitFamily::poisson)
+    for (const auto& [value, label] : plan.outcome.labels) words[KDR3_LEVELS].push_back(label);
 }
 
 // The parts of each column of a matrix.

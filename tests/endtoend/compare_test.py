@@ -12,6 +12,7 @@ import json
 import math
 import re
 import shutil
+import subprocess
 import sys
 
 import docx
@@ -240,6 +241,15 @@ class Tests:
         run = files.Run(str(self.folder / "band.json"))
         self.check([e["category"] for e in run.document["model"]["equations"]] == ["low", "low", "mid", "mid"]
                    and run.document["phases"][-1]["fixed_effects"][0]["label"] == "Intercept, category low", "names of categories")
+        # ... and so have numbers with value labels
+        self.place.write("band.sps", "GET DATA /TYPE=TXT /FILE='band.csv' /DELIMITERS=',' /FIRSTCASE=2\n  /VARIABLES=school A3 pupil F4 year F2 hours F5.1 "
+                         "score F5.1 ses F6.2 tutoring F1 good F1 word A3.\nCOMPUTE band=10*(1+(word='mid')+2*(word='top')).\nVALUE LABELS band 10 'poor' "
+                         "20 'fair' 30 'fine' /good 0 'no' 1 'yes'.\nSAVE OUTFILE='band.sav'.\n")
+        subprocess.run(["pspp", "band.sps"], cwd=self.folder, check=True, capture_output=True)
+        for outcome, family, categories, event in (("band", "ordinal", ["poor", "fair", "fine"], None), ("good", "binomial", [], "yes")):
+            self.place.run("-fit", outcome + " ~ ses + (1 | school)", "band.sav", "-family", family, "-engine", "pql", "-o", "labels")
+            made = document.readresults(str(self.folder / "labels.json"))
+            self.check((made["model"]["categories"], made["event"]) == (categories, event), f"labels of {outcome}: {made['model']['categories']}")
         made, notes = self.values(["ml_one", "ml_three"])
         self.check(made["Likelihood-ratio test", "mixture_p", "ml_three against ml_one"], "one variance more beside fixed effects")
         self.check(sum("seen by their numbers alone" in note for note in notes) <= 1, f"{notes}")

@@ -392,6 +392,10 @@ class Tests:
                       f"{100 * average['model_based']['missing_information']:.1f}%"):
             self.check(words in page.text, f"{words} is not on the page of averages")
         self.check((code, told, len(page.images)) == (0, "", len(LINEAR)), f"pictures of averages: {told}")
+        assert self.plot("--compare", "values.json", "-o", "values.csv")[0] == 0
+        table = self.place.read("values.csv")
+        self.check(f"Missing information,GCSECNT,values,{average['model_based']['missing_information']}" in table
+                   and "by Rubin's rules (1, V1, values_1.json; 2, V2, values_2.json)" in table, f"averages in a table: {table}")
         run = files.Run(str(self.folder / "values.json"))
         figure = pictures.drawcoefficients(run, choosephase(run.document))
         want = [json.loads(self.place.read(f"values_{k}.json"))["phases"][-1]["fixed_effects"][1]["estimate"] for k in (1, 2)]

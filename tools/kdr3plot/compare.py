@@ -3,7 +3,7 @@ import collections
 
 from .digits import degrees, interval, places, pvalue, shown, statistic
 from .document import choosephase, outcomes, twolevel
-from .model import engine, formula, rationame, thresholdname
+from .model import engine, formula, pooled, rationame, thresholdname
 from .nested import LOWER, TOP, compared, fixedgroups, groupof, held, loglikelihood, randomterms, sizesof, spans, termsof
 
 
@@ -77,7 +77,7 @@ class Comparison:
     def effects(self):
         """Effects, then thresholds. The order is that of the models, a later one's new effects behind those it has before
         them."""
-        order, cells, names = [], {}, {}
+        order, cells, missing, names = [], {}, {}, {}
         for k, column in enumerate(self.columns):
             terms, last, side = termsof(column.document), -1, self.sideof(column)
             for i, effect in enumerate(column.phase["fixed_effects"]):
@@ -88,10 +88,14 @@ class Comparison:
                     names[key] = threshold or effect["label"], terms[i]
                 last = order.index(key)
                 cells.setdefault(key, {})[k] = self.fixedcell(effect, side)
+                share = (effect[side] or {}).get("missing_information")
+                if share is not None:
+                    missing.setdefault(key, {})[k] = Cell(share)
         labels = toldapart(names)
-        rows = lambda wanted: [Row(labels[key], [cells[key].get(k) for k in range(len(self.columns))])
-                               for key in order if key[0] == wanted]
-        return (f"{self.ratios()}s" if self.o.ratio else "Fixed effects", rows(False)), ("Thresholds", rows(True))
+        rows = lambda cells, wanted, decimals=None: [Row(labels[key], [cells[key].get(k) for k in range(len(self.columns))], decimals)
+                                                     for key in order if key in cells and key[0] in wanted]
+        return (f"{self.ratios()}s" if self.o.ratio else "Fixed effects", rows(cells, [False])), ("Thresholds", rows(cells, [True])), (
+            "Missing information", rows(missing, [False, True], 3))
 
     def ratios(self):
         names = {rationame(column.document) for column in self.columns}
@@ -240,7 +244,10 @@ class Comparison:
 def aboutcolumn(column):
     document = column.document
     weights = [f"{name} (level {level})" for level in (1, 2, 3) if (name := document["model"]["weights"][f"level{level}"])]
-    return ([f"Weighted by {', '.join(weights)}."] * bool(weights) + ["Did not converge, or failed its check."] * (document["converged"] is False)
+    text, runs = pooled(document)
+    return ([f"{text[:1].upper()}{text[1:]}" + f" ({'; '.join(runs)})" * bool(runs) + "."] * bool(text)
+            + [f"Weighted by {', '.join(weights)}."] * bool(weights)
+            + ["Did not converge, or failed its check."] * (document["converged"] is False)
             + list(document["warnings"]))
 
 

@@ -202,10 +202,12 @@ def takenames(document):
 
 
 def takelabels(document):
-    """Puts the label of each category, where the data's source gave its value one, in the place of its number."""
+    """Puts the label of each category, where the data's source gave its value one, in the place of its number, and keeps that
+    of a binary outcome's event."""
     model = document["model"]
     known = {float(row["value"]): row["label"] for variable in document.get("variables", ()) if isoutcome(variable, model)
              for row in variable["values"] if row["value"] is not None and row["label"]}
+    document["event"] = known.get(1.0) if model["distribution"] == "bernoulli" else None
     document["labels"] = labels = {text: known[value] for text in model["categories"] if (value := number(text)) in known}
     if len({*labels.values(), *model["categories"]} - {*labels}) < len(model["categories"]):
         document["labels"] = labels = {}  # two of one name

@@ -25,11 +25,29 @@ def thresholdname(document, effect):
 
 def engine(phase):
     """By what the estimates of a phase were made, in a word or two."""
-    name = {"final": "REML" if phase.get("likelihood") else "ML", "average": "pooled", "pql": "PQL"}.get(phase["phase"])
+    name = {"final": "REML" if phase.get("likelihood") else "ML", "average": "pooled", "pql": "PQL",
+            "average_population_average": "pooled, population average"}.get(phase["phase"])
     if phase["phase"] == "quadrature":
         points = phase.get("points")
         return {1: "Laplace"}.get(points, f"AGQ, {points} points" if points else "quadrature")
     return name or phasename(phase).removesuffix(" results")
+
+
+def pooled(document):
+    """Of a series: what the results are, and the names of the sub-runs that averages rest on; else nothing."""
+    series = document["series"]
+    if not series:
+        return "", []
+    sets = "plausible values" if series["kind"] == "plausible values" else "imputed data sets"
+    if series["subrun"] is not None:
+        value = f" ({series['plausible_value']})" if series["plausible_value"] else ""
+        return f"sub-run {series['subrun']}{value} of a series of {sets}", []
+    count = next((phase["subruns"] for phase in document["phases"] if "subruns" in phase), None)
+    text = f"averages of {count} {sets} by Rubin's rules"
+    if series["failed_subruns"]:
+        text += f"; failed: {', '.join(map(str, series['failed_subruns']))}"
+    return text, [", ".join(filter(None, (f"{run['subrun']}", run["plausible_value"], run["results"])))
+                  for run in series.get("subruns", ())]
 
 
 def centeredname(document, level, variable):

@@ -7,7 +7,7 @@ from .canvas import picture
 from .digits import shown
 from .document import NOTHING, USAGE, Refusal, choosephase, outcomename, outcomes, phasename, twolevel, warn, wholename
 from .files import Run
-from .model import engine, equationsof, formula
+from .model import engine, equationsof, formula, pooled
 from .pictures import KINDS, described, draw, source
 from .tables import phasetables, warnings
 
@@ -75,8 +75,8 @@ def sentence(document):
     model = document["model"]
     kind, count, categories = model["distribution"], model["count_variable"], model["categories"]
     count = count and wholename(document, 1, count)
-    listed = ", ".join(categories)
-    return {"normal": "normal", "bernoulli": "binary; the event is 1",
+    listed, event = ", ".join(categories), document["event"]
+    return {"normal": "normal", "bernoulli": "binary; the event is 1" + (f" ({event})" if event else ""),
             "binomial": f"binomial: successes in {count or 'one'} trials",
             "poisson": "counts" + (f" with the exposure {count}" if count else ", each with an exposure of 1"),
             "ordinal": f"ordered categories: {listed}; cumulative from the lowest one",
@@ -109,20 +109,9 @@ def weights(document):
 
 def pooling(document):
     """Of a series: the kind, the number of sets, and the sub-runs, as HTML."""
-    series = document["series"]
-    if not series:
-        return None
-    sets = "plausible values" if series["kind"] == "plausible values" else "imputed data sets"
-    if series["subrun"] is not None:
-        value = f" ({html.escape(series['plausible_value'])})" if series["plausible_value"] else ""
-        return f"This is sub-run {series['subrun']}{value} of a series of {sets}."
-    count = next((phase["subruns"] for phase in document["phases"] if "subruns" in phase), None)
-    text = f"averages of {count} {sets} by Rubin's rules"
-    if series["failed_subruns"]:
-        text += f"; failed: {', '.join(map(str, series['failed_subruns']))}"
-    runs = "".join("<li>" + html.escape(", ".join(filter(None, (f"{run['subrun']}", run["plausible_value"], run["results"])))) + "</li>"
-                   for run in series.get("subruns", ()))
-    return text + (f"<ul>{runs}</ul>" if runs else "")
+    text, runs = pooled(document)
+    listed = "".join(f"<li>{html.escape(run)}</li>" for run in runs)
+    return html.escape(text) + f"<ul>{listed}</ul>" * bool(listed)
 
 
 def estimated(phase):

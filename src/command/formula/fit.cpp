@@ -149,10 +149,7 @@ void servedesign(FormulaPlan& plan, EquationLines& lines) {
   std::vector<MadeColumn> made[3];
   const auto addextra = [&](const Extra& extra, int level) {
     const Name name = newname(shortof({extra.name, extra.name, {}}), taken);
-    ValueLabels labels;  // names of an outcome are 0 and 1, of categories the numbers from 1 on
-    for (const std::string& of : extra.levels)
-      labels.emplace_back(static_cast<double>(labels.size()) + (plan.family == FitFamily::binomial ? 0.0 : 1.0), of);
-    made[level].push_back({name, extra.name, extra.label, std::move(labels),
+    made[level].push_back({name, extra.name, extra.label, extra.labels,
                            [values = extra.values](std::size_t record) { return (*values)[record]; }});
     return leftname(name);
   };
