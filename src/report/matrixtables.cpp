@@ -54,6 +54,14 @@ void title(MatrixTitle kind, bool zero, int n, const std::string& name) {
 void openmatrix() { reporthtml("<table border=0 cellpadding=0><tbody>"); }
 void closematrix() { report2("\n", "</tbody></table>\n"); }
 
+// The label of row i of taubeta in HTML. In text the columns' heads have the names.
+void betalabel(int i, const std::string& category) {
+  const Coefficients& coef = run.model.coef;
+  reporthtml("<tr><td>%s/%s,%s<sub><small><i>%d%d%s</i></small></sub></td>",
+             eightcolumns(labelof(coef.betanames1, i)).c_str(), eightcolumns(labelof(coef.betanames2, i)).c_str(),
+             run.sym.sym2.c_str(), subscriptof(coef.betasubs1, i), subscriptof(coef.betasubs2, i), category.c_str());
+}
+
 // The label of row i of taupi.
 void pilabel(int i, const std::string& category) {
   const std::string name = eightcolumns(labelof(run.model.coef.pinames, i));
@@ -66,13 +74,13 @@ void pilabel(int i, const std::string& category) {
 void betaheads(int first, int last, const Categories& categories) {
   const Coefficients& coef = run.model.coef;
   const char* wider = multinomialrun() ? "    " : "";
-  reporthtml("<tr>");
+  reporthtml("<tr><td></td>");
   for (int j = first; j < last; ++j) {
     const std::string name = eightcolumns(labelof(coef.betanames1, j));
     report2(" %s    ", "<td>%s&nbsp;&nbsp;</td>", name.c_str());
     reporttext("%s", wider);
   }
-  report2("\n", "</tr>\n<tr>");
+  report2("\n", "</tr>\n<tr><td></td>");
   for (int j = first; j < last; ++j) {
     const std::string name = eightcolumns(labelof(coef.betanames2, j));
     report2(" %s,%s%d%d%s", "<td>%s,%s<sub><small><i>%d%d%s</i></small></sub></td>", name.c_str(), run.sym.sym2.c_str(),
@@ -85,15 +93,14 @@ void correlationlabel(Tau which, int i, const std::string& category) {
   const Coefficients& coef = run.model.coef;
   if (which == Tau::pi) {
     const std::string name = eightcolumns(labelof(coef.pinames, i));
-    report2(" %s,%s%d%s", "<tr><td>%s,%s<sub><small><i>%d%s</i></small></sub>", name.c_str(), run.sym.sym1.c_str(),
+    report2(" %s,%s%d%s", "<tr><td>%s,%s<sub><small><i>%d%s</i></small></sub></td>", name.c_str(), run.sym.sym1.c_str(),
             subscriptof(coef.pisubs, i), category.c_str());
-  } else {
-    const std::string name1 = eightcolumns(labelof(coef.betanames1, i));
-    const std::string name2 = eightcolumns(labelof(coef.betanames2, i));
-    report2(" %s/%s,%s%d%d%s", "<tr><td>%s/%s,%s<sub><small><i>%d%d%s</i></small></sub>", name1.c_str(), name2.c_str(),
-            run.sym.sym2.c_str(), subscriptof(coef.betasubs1, i), subscriptof(coef.betasubs2, i), category.c_str());
+    return;
   }
-  reporthtml("</td>");
+  betalabel(i, category);
+  reporttext(" %s/%s,%s%d%d%s", eightcolumns(labelof(coef.betanames1, i)).c_str(),
+             eightcolumns(labelof(coef.betanames2, i)).c_str(), run.sym.sym2.c_str(), subscriptof(coef.betasubs1, i),
+             subscriptof(coef.betasubs2, i), category.c_str());
 }
 
 void taupitable(MatrixTitle kind, bool zero, int n, const double* matrix) {
@@ -118,7 +125,7 @@ void taubetatable(MatrixTitle kind, bool zero, int n, const double* matrix) {
     openmatrix();
     betaheads(first, last, categories);
     for (int i = 0; i < n; ++i) {
-      reporthtml("<tr>");
+      betalabel(i, bracketed(categories, i));
       for (int j = first; j < last; ++j) {
         report2("%s  ", "<td align=right>&nbsp;&nbsp;%s</td>", fixedpoint(matrix[i * n + j], 11, 5).c_str());
         reporttext("%s", wider);
