@@ -212,9 +212,8 @@ void takeoutcome(FormulaPlan& plan) {
     case FitFamily::multinomial:
       plan.outcome.values = shared(names && !bycodes ? codesof(*names, 1.0) : valuesof(plan.data, e));
       if (names && !bycodes) plan.outcome.labels = labelsof(*names, 1.0);
-      if (names && !bycodes)
-        for (std::size_t k = 0; k < names->levels.size(); ++k)
-          plan.listener.remark(plan.outcome.name + " " + std::to_string(k + 1) + " is " + names->levels[k] + ".");
+      for (const auto& [value, label] : plan.outcome.labels)
+        plan.listener.remark(plan.outcome.name + formatted(" %.15g is ", value) + label + ".");
       break;
   }
 }
