@@ -29,6 +29,7 @@ inwords <- function(sentences) {
 
 # What a call of the library handed back, or its error or interrupt.
 checked <- function(result) {
+  if (!is.null(result$stoppedby)) stop(simpleError(result$stoppedby))  # R's own error, such as of setTimeLimit()
   if (isTRUE(result$interrupted)) interrupted()
   if (!is.null(result$error)) refuse(inwords(result$error), class = "kdr3_refused")
   result

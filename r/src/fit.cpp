@@ -163,6 +163,7 @@ kdr3_summary summaryof(const kdr3_result* result) {
 struct Fitted {
   std::string error;
   bool interrupted = false;
+  std::string stoppedby;  // the sentence of an error of R, "" of the user's interrupt
   std::vector<std::string> warnings, names;
   std::string document;
   kdr3_summary summary{};
@@ -174,6 +175,7 @@ struct Fitted {
 // R is asked in its own thread alone, ten times a second: iterations may be short.
 struct Watch {
   std::atomic<bool> interrupted{false};
+  std::string error;  // that interrupts
   const std::thread::id owner = std::this_thread::get_id();
   std::chrono::steady_clock::time_point last = std::chrono::steady_clock::now();
 };
@@ -184,7 +186,9 @@ int askuser(void* state) {
   const auto now = std::chrono::steady_clock::now();
   if (now - watch.last > std::chrono::milliseconds(100)) {
     watch.last = now;
-    watch.interrupted = interruptpending();
+    Stop stop = stopwanted();
+    watch.error = std::move(stop.error);
+    watch.interrupted = stop.wanted;
   }
   return watch.interrupted ? 1 : 0;
 }
@@ -232,6 +236,7 @@ void fit(const Spec& spec, bool effects, Fitted& fitted) {
   const kdr3_status status = kdr3_fit(model.get(), &observer, &made);
   const Result result(made);
   fitted.interrupted = watch.interrupted;
+  fitted.stoppedby = watch.error;
   if (watch.interrupted) return;
   check(status);
   for (std::size_t w = 0; kdr3_result_warning(made, w) != nullptr; ++w)
@@ -281,6 +286,7 @@ struct Member {
 constexpr Member members[] = {
     {"error", [](const Fitted& f) { return f.error.empty() ? R_NilValue : text(f.error); }},
     {"interrupted", [](const Fitted& f) { return Rf_ScalarLogical(f.interrupted); }},
+    {"stoppedby", [](const Fitted& f) { return f.stoppedby.empty() ? R_NilValue : text(f.stoppedby); }},
     {"warnings", [](const Fitted& f) { return texts(f.warnings); }},
     {"names", [](const Fitted& f) { return texts(f.names); }},
     {"document", [](const Fitted& f) { return text(f.document); }},

@@ -43,8 +43,13 @@ std::string sentenceof(Work&& work) {
   return "";
 }
 
-// Whether the user wants to interrupt; asked in R's thread only. R forgets the wish, so that the caller has to tell it.
-bool interruptpending();
+// What R wants to stop the work by: nothing, or the condition of an interrupt, or the sentence of an error, as of a
+// time limit. Asked in R's thread only. R forgets the wish, so that the caller has to tell it.
+struct Stop {
+  bool wanted = false;
+  std::string error;
+};
+Stop stopwanted();
 
 extern "C" {
 SEXP kdr3r_fit(SEXP spec);

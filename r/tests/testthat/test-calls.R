@@ -122,6 +122,12 @@ test_that("an interrupt ends a fit and a bootstrap, and the session goes on", {
   interruptin <- function(seconds) system(paste0("sh -c 'sleep ", seconds, "; kill -INT ", Sys.getpid(), "' >/dev/null 2>&1 &"))
   interruptin(1)
   expect_equal(tryCatch(bootstrap(m, 1e6, seed = 1), interrupt = function(e) "interrupted"), "interrupted")
+  # R's own error of a time limit, which must not end a session without a user.
+  expect_error({
+    setTimeLimit(elapsed = 1, transient = TRUE)
+    bootstrap(m, 1e6, seed = 1)
+  }, "reached elapsed time limit")
+  setTimeLimit()
   # In the midst of a quadrature, of which one evaluation takes a second or two.
   many <- d[rep(seq_len(nrow(d)), 100), ]
   many$school <- many$school + 100 * rep(1:100, each = nrow(d))
