@@ -137,7 +137,8 @@ def compare(check, name, program, client, folder):
         numbers = [x for row in printed[-1] or [] for x in row] if printed else []
         check(all(math.isnan(x) for x in rows[tau][0]) if not numbers else rows[tau] == [numbers], f"{name}: robust {tau}: {rows[tau]} beside {printed}")
         check(bool(numbers) == ("quadrature" in name or name == "laplace") or not rows[tau][0], f"{name}: robust {tau} {printed}")
-    # Posterior means EB... and the lower triangle of the covariances PV... of the residual files, to their digits.
+    # Posterior means EB... and the lower triangle of the covariances PV... of the residual files, to their digits. Those of the
+    # weighted linear model stand there before they are divided by the root of the unit's weight, EC... less FV... behind it.
     check(model.mdm != "two.mdm" or not rows["level3"], f"{name}: level 3")
     for level, file in (("level2", "resfil2.dat"), ("level3", "resfil3.dat"))[:1 if model.mdm == "two.mdm" else 2]:
         table = readfree(os.path.join(folder, file), int(level[-1]))
@@ -147,6 +148,13 @@ def compare(check, name, program, client, folder):
         triangle = [n + i * n + j for i in range(n) for j in range(i + 1)]
         check(len(table.rows) == len(rows[level]) and n > 0 and len(pv) == len(triangle), f"{name}: {level}: {table.names}")
         for printed, row in zip(table.rows, rows[level]):
+            if name == "weighted":
+                named = dict(zip(table.names, printed))
+                (mean, covariance), effect = row, table.names[eb[0]][2:]
+                check(abs(named["EC" + effect] - named["FV" + effect] - mean) <= 2e-6, f"{name}: {level}: {printed} beside {row}")
+                root = mean / printed[eb[0]]
+                check(abs(printed[eb[0]]) < 0.05 or abs(printed[pv[0]] * root ** 2 / covariance - 1) <= 1e-4, f"{name}: {level}: {printed} beside {row}")
+                continue
             for i, j in list(zip(eb, range(n))) + list(zip(pv, triangle)):
                 check(abs(printed[i] - row[j]) <= 6e-6 * max(1, abs(row[j])), f"{name}: {level}: {printed} beside {row}")
 
