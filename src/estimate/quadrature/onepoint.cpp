@@ -33,66 +33,111 @@ void addpacked(std::size_t p, const double* M, const double* x, double factor, d
     }
 }
 
+// How the modes of a unit answer to its curvature: t of the records as sums over x~, and p = H^-1 sum t b.
+struct Response {
+  Array<double> t, pz, pw;  // units by npi, units by q, [r]
+};
+
+// t = -1/2 sum W' a x~, and in the sixth order the derivative of log(1 - S); p from level 3 down, by the factors of the
+// last sweep: pw = C3 L't, pz = C2 (cD't) + slope pw.
+Response responseof(const Frame& frame, const Level3Records& records, ModeWork& work, const CurvatureRows& rows,
+                    const SixthOrder* sixth) {
+  const std::size_t npi = at(frame.npi), q = at(frame.q), r = at(frame.r), units = at(records.units);
+  const int op = frame.npi, oq = frame.q, orr = frame.r;
+  Response response{Array<double>(units * npi), Array<double>(units * q), Array<double>(r)};
+  Array<double> right(r), product(npi), solved(q);
+  for (std::size_t j = 0; j < units; ++j) {
+    double* t = response.t.data() + j * npi;
+    fastestquadratureloops().formsums(work.columnsof(frame, j), rows.form.data() + j * npi * npi, t);
+    if (sixth != nullptr)
+      for (std::size_t m = 0; m < npi; ++m) t[m] += sixth->byeta[j * npi + m];
+    mulAtB(response.pz.data() + j * q, rows.cD.data(), t, oq, 1, op);  // the right side, for now
+    for (std::size_t m = 0; m < npi; ++m) product[m] = frame.weight2(at(records.k), j) * t[m];
+    addAtB(right.data(), rows.L.data() + j * npi * r, product.data(), orr, 1, op);
+  }
+  const Sweep& sweep = work.sweep;
+  mulAB(response.pw.data(), sweep.C3.data(), right.data(), orr, 1, orr);
+  for (std::size_t j = 0; j < units; ++j) {
+    double* p = response.pz.data() + j * q;
+    mulAB(solved.data(), sweep.C2.data() + j * q * q, p, oq, 1, oq);
+    addAB(solved.data(), sweep.slope.data() + j * q * r, response.pw.data(), oq, 1, orr);
+    std::copy_n(solved.data(), q, p);
+  }
+  return response;
+}
+
+// One level of effects in a level-2 unit.
+struct LevelRows {
+  std::size_t n;
+  const double* S;      // npi by n: Sd or Se
+  const double *x, *p;  // [n] the modes, and how they answer
+  const double* left;   // npi by n: columns of V H^-1
+  const double* U;      // npi by n, of the sixth order, else null
+};
+
+// score_ab += weight S_a' (rho x_b + h p_b - m_b) with m = M (left + U) - 2 N left (npi by n), N null in the first
+// order. room: npi (n + 2).
+void addlevel(std::size_t npi, const LevelRows& level, const double* M, const double* N, const double* h,
+              const double* rho, double weight, double* room, double* score) {
+  const std::size_t n = level.n;
+  double *moved = room, *column = moved + npi * n, *product = column + npi;
+  std::fill_n(moved, npi * n, 0.0);
+  if (N != nullptr) {
+    const int order = static_cast<int>(npi);
+    mulAB(moved, N, level.left, order, static_cast<int>(n), order);
+    multiply(moved, npi * n, -2.0);
+  }
+  for (std::size_t b = 0; b < n; ++b) {
+    for (std::size_t m = 0; m < npi; ++m) {
+      column[m] = level.left[m * n + b] + (level.U == nullptr ? 0.0 : level.U[m * n + b]);
+      product[m] = moved[m * n + b];
+    }
+    addpacked(npi, M, column, 1.0, product);
+    for (std::size_t m = 0; m < npi; ++m) moved[m * n + b] = product[m];
+  }
+  for (std::size_t a = 0; a < n; ++a)
+    for (std::size_t b = 0; b <= a; ++b, ++score) {
+      const double x = level.x[b], p = level.p[b];
+      double sum = *score;
+      for (std::size_t m = 0; m < npi; ++m)
+        sum += weight * level.S[m * n + a] * (rho[m] * x + h[m] * p - moved[m * n + b]);
+      *score = sum;
+    }
+}
+
 // The gradient of one unit at its modes, which `work` holds. `sixth`: null for the first order.
 void unitgradient(const Frame& frame, const Level3Records& records, const double* z, const double* w, ModeWork& work,
                   const CurvatureRows& rows, const SixthOrder* sixth, double* score) {
   const std::size_t npi = at(frame.npi), q = at(frame.q), r = at(frame.r), g = at(frame.g), units = at(records.units),
                     T = packedsize(frame.npi), P2 = packedsize(frame.q), P3 = packedsize(frame.r);
-  const int op = frame.npi, oq = frame.q, orr = frame.r;
-  const Sweep& sweep = work.sweep;
-  const double* cD = rows.cD.data();
-  Array<double> tsum(units * npi), pz(units * q), pw(r), right(r), solved(q), c(npi), product(npi), hrho(npi),
-      through(npi * std::max(q, r));
+  const Response response = responseof(frame, records, work, rows, sixth);
+  const double* pw = response.pw.data();
+  Array<double> c(npi), rho(npi), room(npi * (std::max(q, r) + 2));
   for (std::size_t j = 0; j < units; ++j) {
-    double* t = tsum.data() + j * npi;
-    fastestquadratureloops().formsums(work.columnsof(frame, j), rows.form.data() + j * npi * npi, t);
-    if (sixth != nullptr)
-      for (std::size_t m = 0; m < npi; ++m) t[m] += sixth->byeta[j * npi + m];
-    mulAtB(pz.data() + j * q, cD, t, oq, 1, op);  // the right side, for now
-    for (std::size_t m = 0; m < npi; ++m) product[m] = frame.weight2(at(records.k), j) * t[m];
-    addAtB(right.data(), rows.L.data() + j * npi * r, product.data(), orr, 1, op);
-  }
-  mulAB(pw.data(), sweep.C3.data(), right.data(), orr, 1, orr);
-  for (std::size_t j = 0; j < units; ++j) {
-    const double *E = rows.E.data() + j * npi * r, *M = work.M.data() + j * T, *h = work.h.data() + j * npi;
+    const double *M = work.M.data() + j * T, *h = work.h.data() + j * npi, *pz = response.pz.data() + j * q;
     const double *Sx = work.frames.Sx.data() + j * npi * g, *Se = work.frames.Se.data() + j * npi * r;
-    double* p = pz.data() + j * q;
     const double weight = frame.weight2(at(records.k), j);
-    mulAB(solved.data(), sweep.C2.data() + j * q * q, p, oq, 1, oq);
-    addAB(solved.data(), sweep.slope.data() + j * q * r, pw.data(), oq, 1, orr);
-    std::copy_n(solved.data(), q, p);
-    mulAB(c.data(), E, pw.data(), op, 1, orr);
-    addAB(c.data(), cD, p, op, 1, oq);
-    for (std::size_t m = 0; m < npi; ++m) hrho[m] = h[m] + tsum[j * npi + m];
-    addpacked(npi, M, c.data(), -1.0, hrho.data());
-    for (std::size_t l = 0; l < g; ++l)
-      for (std::size_t m = 0; m < npi; ++m) score[P2 + P3 + l] += weight * Sx[m * g + l] * hrho[m];
-    // One level: rows S (npi by n), modes x, p, the columns `left` (npi by n) of H^-1, and U of the sixth order.
-    const auto level = [&](std::size_t n, const double* S, const double* x, const double* px, const double* left,
-                           const double* U, double* to) {
-      const int order = static_cast<int>(n);
-      through.fill(0.0);
-      if (sixth != nullptr) {
-        mulAB(through.data(), sixth->N.data() + j * npi * npi, left, op, order, op);
-        for (std::size_t i = 0; i < npi * n; ++i) through[i] *= -2.0;
-      }
-      for (std::size_t b = 0; b < n; ++b) {
-        for (std::size_t m = 0; m < npi; ++m) {
-          c[m] = left[m * n + b] + (U == nullptr ? 0.0 : U[m * n + b]);
-          product[m] = through[m * n + b];
-        }
-        addpacked(npi, M, c.data(), 1.0, product.data());
-        for (std::size_t m = 0; m < npi; ++m) through[m * n + b] = product[m];
-      }
-      for (std::size_t a = 0; a < n; ++a)
-        for (std::size_t b = 0; b <= a; ++b, ++to)
-          for (std::size_t m = 0; m < npi; ++m)
-            *to += weight * S[m * n + a] * (hrho[m] * x[b] + h[m] * px[b] - through[m * n + b]);
-    };
-    level(q, frame.Sd.data(), z + j * q, p, rows.left2.data() + j * npi * q,
-          sixth == nullptr ? nullptr : sixth->U2.data() + j * npi * q, score);
-    level(r, Se, w, pw.data(), rows.left3.data() + j * npi * r,
-          sixth == nullptr ? nullptr : sixth->U3.data() + j * npi * r, score + P2);
+    // rho = h + t - M (E pw + cD pz)
+    mulAB(c.data(), rows.E.data() + j * npi * r, pw, frame.npi, 1, frame.r);
+    addAB(c.data(), rows.cD.data(), pz, frame.npi, 1, frame.q);
+    for (std::size_t m = 0; m < npi; ++m) rho[m] = h[m] + response.t[j * npi + m];
+    addpacked(npi, M, c.data(), -1.0, rho.data());
+    for (std::size_t l = 0; l < g; ++l) {
+      double sum = score[P2 + P3 + l];
+      for (std::size_t m = 0; m < npi; ++m) sum += weight * Sx[m * g + l] * rho[m];
+      score[P2 + P3 + l] = sum;
+    }
+    const double* N = sixth == nullptr ? nullptr : sixth->N.data() + j * npi * npi;
+    const LevelRows second{q,
+                           frame.Sd.data(),
+                           z + j * q,
+                           pz,
+                           rows.left2.data() + j * npi * q,
+                           sixth == nullptr ? nullptr : sixth->U2.data() + j * npi * q};
+    const LevelRows third{
+        r, Se, w, pw, rows.left3.data() + j * npi * r, sixth == nullptr ? nullptr : sixth->U3.data() + j * npi * r};
+    addlevel(npi, second, M, N, h, rho.data(), weight, room.data(), score);
+    addlevel(npi, third, M, N, h, rho.data(), weight, room.data(), score + P2);
   }
 }
 
