@@ -2,7 +2,7 @@
 import collections
 
 from .digits import degrees, interval, places, pvalue, shown, statistic
-from .document import choosephase, outcomes, twolevel
+from .document import choosephase, errorsof, outcomes, twolevel
 from .model import engine, formula, pooled, rationame, thresholdname
 from .nested import LOWER, TOP, compared, fixedgroups, groupof, held, loglikelihood, randomterms, sizesof, spans, termsof
 
@@ -62,9 +62,7 @@ class Comparison:
     # Fixed effects
 
     def sideof(self, column):
-        """Which standard errors: where there are none by the model, the robust ones."""
-        model = any(effect["model_based"] for effect in column.phase["fixed_effects"])
-        return "robust" if self.o.robust or not model else "model_based"
+        return errorsof(column.phase, self.o.robust)
 
     def fixedcell(self, effect, side):
         test = effect[side] or {}

@@ -179,6 +179,13 @@ def choosephase(document, wanted=None):
     return phases[wanted]
 
 
+def errorsof(phase, robust=False):
+    """Which standard errors of fixed effects to show: the robust ones where there are none by the model, and of an engine with
+    design weights, whose errors are the sandwich's under either name."""
+    model = any(effect["model_based"] for effect in phase["fixed_effects"])
+    return "robust" if robust or not model or phase.get("weighted") else "model_based"
+
+
 def phasename(phase):
     return {"pql": "PQL", "laplace6": "Laplace-6"}.get(phase["phase"], phase["phase"].replace("_", " ")) + " results"
 

@@ -26,14 +26,16 @@ dt { color: var(--faint); } dd { margin: 0; }
 dd ul { margin: 0; padding-left: 1.1rem; }
 code { font-family: ui-monospace, monospace; font-size: .92em; }
 .equations { line-height: 1.7; margin: .2rem 0 .8rem; padding-left: 1rem; }
-table { border-collapse: collapse; font-size: .86rem; font-variant-numeric: tabular-nums; }
+table { border-collapse: collapse; overflow-wrap: break-word; font-size: .86rem; font-variant-numeric: tabular-nums; }
 caption { text-align: left; font-weight: 600; font-size: 1rem; padding: 1.2rem 0 .3rem; }
-th, td { text-align: right; padding: .25rem .5rem; border-bottom: 1px solid var(--line); font-weight: normal;
+th, td { text-align: right; padding: .25rem .4rem; border-bottom: 1px solid var(--line); font-weight: normal;
   white-space: nowrap; }
 thead th, thead td { color: var(--faint); border-bottom: 1px solid var(--strong); vertical-align: bottom; }
 th:first-child { text-align: left; }
 th.section { font-style: italic; padding-top: .7rem; }
-.stacked th:first-child { white-space: normal; min-width: 8rem; }
+thead th { white-space: normal; }
+.stacked th:first-child { white-space: normal; min-width: 6.5rem; }
+table:not(.stacked) { min-width: min(100%, 22rem); }
 .wide { overflow-x: auto; }
 .wide:focus-visible { outline: 2px solid var(--link); outline-offset: 2px; }
 figure { margin: 1.4rem 0; } img { width: 100%; height: auto; } figcaption { color: var(--faint); font-size: .9rem; }
@@ -42,7 +44,7 @@ summary { font-size: 1.15rem; font-weight: bold; margin-top: 2.2rem; cursor: poi
 @media (max-width: 940px) { table { font-size: .76rem; } th, td { padding: .25rem .3rem; } }
 @media screen and (max-width: 780px) {
   table { font-size: .86rem; }
-  th:first-child { white-space: normal; }
+  th:first-child { white-space: normal; min-width: 6rem; }
   .stacked, .stacked tbody, .stacked caption { display: block; }
   .stacked thead { position: absolute; clip-path: inset(50%); width: 1px; height: 1px; overflow: hidden; }
   .stacked tr { display: flex; flex-wrap: wrap; column-gap: .8rem; padding: .3rem 0; border-bottom: 1px solid var(--line); }
@@ -128,8 +130,8 @@ def estimated(phase):
         words[0] += " with fixed nodes"
     check = phase.get("check")
     if check:
-        words.append(f"with {check['points']} points the log-likelihood changes by {shown(check['log_likelihood_change'])} and a standard "
-                     f"error by at most {shown(100 * (check['largest_standard_error_change'] or 0.0))}%")
+        words.append(f"with {check['points']} points the log-likelihood changes by {shown(check['log_likelihood_change'], 4)} and a standard "
+                     f"error by at most {shown(100 * (check['largest_standard_error_change'] or 0.0), 2)}%")
     if phase.get("estimates_of"):
         words.append(f"of the estimates of {phase['estimates_of']}")
     if phase.get("degrees_of_freedom"):

@@ -88,21 +88,22 @@ def note(document, phase):
 
 def variancetables(phase):
     rows, tests = [], phase.get("variance_tests") or {}
-    robust = any((phase.get(name) or {}).get("robust_standard_error") for name in ("tau_pi", "tau_beta"))
+    weighted = phase.get("weighted")  # whose standard errors are the robust ones
+    robust = not weighted and any((phase.get(name) or {}).get("robust_standard_error") for name in ("tau_pi", "tau_beta"))
     for level, name in ((2, "tau_pi"), (3, "tau_beta")):
         tau = phase.get(name)
         for i, row in enumerate((tau or {}).get("rows", [])):
-            rows.append([f"Level {level}: {html.escape(row['label'])}"] + variancecells(tau, i, (tests.get(f"level{level}") or [{}] * (i + 1))[i],
-                                                                                   robust))
+            rows.append([f"Level {level}: {html.escape(row['label'])}"] + variancecells(
+                tau, i, (tests.get(f"level{level}") or [{}] * (i + 1))[i] if tests else None, robust))
     sigma2 = phase.get("sigma2")
     if sigma2:
         decimals = places([sigma2["standard_error"]], 3)
         rows.append(["Level 1 (σ²)", shown(sigma2["estimate"], decimals), "held" if sigma2["held"] else shown(sigma2["standard_error"], decimals)]
-                    + ["–"] * (4 + robust))
+                    + ["–"] * (1 + robust + 3 * bool(tests)))
     text = ""
     if rows:
-        text = tabled("Variance components", ["Variance", "Estimate", "SE"] + ["Robust SE"] * robust + ["χ²", "df", "p", "Reliability"],
-                      rows, True)
+        text = tabled("Variance components", ["Variance", "Estimate", "Robust SE" if weighted else "SE"] + ["Robust SE"] * robust
+                      + ["χ²", "df", "p"] * bool(tests) + ["Reliability"], rows, True)
     for level, name in ((2, "tau_pi"), (3, "tau_beta")):
         tau = phase.get(name)
         if tau and len(tau["rows"]) > 1 and tau["estimate"]:
@@ -122,8 +123,8 @@ def variancecells(tau, i, test, robust):
     decimals = places([error], 3)
     words = "at its edge" if edge else "held" if error == 0 else shown(error, decimals)
     return ([shown(at("estimate"), decimals), words] + [shown(at("robust_standard_error"), decimals)] * robust
-            + [statistic(test.get("chi_square")), shown(test.get("df")), shownp(test),
-               shown(tau["reliability"][i], 3) if tau["reliability"] and tau["reliability"][i] is not None else "–"])
+            + ([] if test is None else [statistic(test.get("chi_square")), shown(test.get("df")), shownp(test)])
+            + [shown(tau["reliability"][i], 3) if tau["reliability"] and tau["reliability"][i] is not None else "–"])
 
 
 def intervalrows(phase, parts):
@@ -153,7 +154,9 @@ def intervaltables(phase):
         return ""
     rows = intervalrows(phase, parts)
     effects = [part.get("fixed_effects") for part in parts]
-    if any(effects):
+    if any(effects):  # beside the intervals of their own table
+        plain = [(effect["model_based"] or {}).get("interval") for effect in phase["fixed_effects"]]
+        effects = [plain if part is phase.get("variance_intervals") else of for part, of in zip(parts, effects)]
         rows = [[html.escape(effect["label"])] + [interval(of[i]) if of else "–" for of in effects]
                 for i, effect in enumerate(phase["fixed_effects"])] + rows
     pairs = [part.get("intraclass_correlation") for part in parts]

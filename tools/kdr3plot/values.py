@@ -4,8 +4,8 @@ import os
 import re
 import statistics
 
-from .document import (DAMAGED, NOTHING, UNREADABLE, USAGE, Z95, Refusal, equations, outcomename, readresults, twolevel,
-                       warn, wholename)
+from .document import (DAMAGED, NOTHING, UNREADABLE, USAGE, Z95, Refusal, equations, errorsof, outcomename, readresults,
+                       twolevel, warn, wholename)
 from .files import randomeffects
 
 def caterpillar(run, level):
@@ -103,9 +103,7 @@ def iseffect(effect):
 def coefficients(document, phase, robust=False, intercept=False, ratio=False):
     """(label, estimate, lower, upper) of each fixed effect, and which standard errors the intervals rest on. Intercepts and
     thresholds are among them where they are asked for, or where there is nothing else."""
-    side = "robust" if robust else "model_based"
-    if not robust and all(effect[side] is None for effect in phase["fixed_effects"]):
-        side = "robust"
+    side = errorsof(phase, robust)
     rows, without = [], []
     for effect in shownamong(phase, intercept):
         test = effect[side] or {}
