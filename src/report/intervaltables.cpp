@@ -21,9 +21,17 @@ constexpr int labelwidth = 34, columnwidth = 26;
 
 std::string bound(double value) { return std::isfinite(value) ? fixedpoint(value, 12, 5) : "           ?"; }
 
-std::string cell(const Interval& interval) {
-  return interval.known ? formatted("%s %s", bound(interval.low).c_str(), bound(interval.high).c_str())
-                        : formatted("%12s %12s", "-", "-");
+// Both bounds with `between` between them.
+std::string cell(const Interval& interval, const char* between) {
+  return interval.known ? bound(interval.low) + between + bound(interval.high)
+                        : formatted("%12s%s%12s", "-", between, "-");
+}
+
+// The head of an interval over its two cells in HTML: what stands before and behind its blanks.
+void htmlhead(const std::string& column) {
+  const std::size_t gap = column.find("  ");
+  for (const std::string& part : {column.substr(0, gap), column.substr(column.find_last_of(' ') + 1)})
+    report("<td align=right %s>%s</td>", stylerule, part.c_str());
 }
 
 // Names of variables as they stand in the data: all of an effect's, intercepts behind others left out.
@@ -48,7 +56,7 @@ void intervaltable(const char* heading, const std::vector<std::string>& columns,
   if (run.report.html) {
     opentable();
     report("<td %s>&nbsp;</td>", stylerule);
-    for (const std::string& column : columns) report("<td align=right %s>%s</td>", stylerule, column.c_str());
+    for (const std::string& column : columns) htmlhead(column);
     report("</tr>\n<tbody>\n");
   } else {
     reportrule(width);
@@ -61,8 +69,9 @@ void intervaltable(const char* heading, const std::vector<std::string>& columns,
     reporttext(" %-*s", labelwidth - 1, row.label.c_str());
     reporthtml("<tr><td %s>%s</td>", styleplain, row.label.c_str());
     for (const Interval& interval : row.intervals) {
-      reporttext(" %s", cell(interval).c_str());
-      reporthtml("<td align=right %s>%s</td>", styleplain, cell(interval).c_str());
+      reporttext(" %s", cell(interval, " ").c_str());
+      const std::string between = formatted("</td><td align=right %s>", styleplain);
+      reporthtml("<td align=right %s>%s</td>", styleplain, cell(interval, between.c_str()).c_str());
     }
     reporttext("\n");
     reporthtml("</tr>\n");
