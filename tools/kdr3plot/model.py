@@ -27,6 +27,8 @@ def engine(phase):
     """By what the estimates of a phase were made, in a word or two."""
     name = {"final": "REML" if phase.get("likelihood") else "ML", "average": "pooled", "pql": "PQL",
             "average_population_average": "pooled, population average"}.get(phase["phase"])
+    if phase.get("estimates_of"):
+        name += ", " + phasename({"phase": phase["estimates_of"]}).removesuffix(" results")
     if phase["phase"] == "quadrature":
         points = phase.get("points")
         return {1: "Laplace"}.get(points, f"AGQ, {points} points" if points else "quadrature")
