@@ -27,10 +27,17 @@ inwords <- function(sentences) {
   trimws(sentences)
 }
 
-# What a call of the library handed back, or its error or interrupt.
-checked <- function(result) {
+# The rows of a sentence, which the library counts in the model frame, by their names.
+namedrows <- function(sentence, rows) {
+  found <- gregexpr("\\brow [0-9]+", sentence)
+  regmatches(sentence, found) <- lapply(regmatches(sentence, found), function(r) paste("row", rows[as.integer(substring(r, 5L))]))
+  sentence
+}
+
+# What a call of the library handed back, or its error or interrupt; `rows` are the names of the records.
+checked <- function(result, rows) {
   if (!is.null(result$stoppedby)) stop(simpleError(result$stoppedby))  # R's own error, such as of setTimeLimit()
   if (isTRUE(result$interrupted)) interrupted()
-  if (!is.null(result$error)) refuse(inwords(result$error), class = "kdr3_refused")
+  if (!is.null(result$error)) refuse(namedrows(inwords(result$error), rows), class = "kdr3_refused")
   result
 }

@@ -41,9 +41,12 @@ groupingsof <- function(parts, frame) {
   if (length(groups) > 2L)
     refuse("The model has ", length(groups), " groupings (", paste(names, collapse = ", "),
            "): it can have two, one within the other.", class = "kdr3_groupings")
-  for (group in groups)
+  for (group in groups) {
+    if (anyNA(group$codes))
+      refuse("The grouping ", group$name, " is missing in row ", rownames(frame)[which(is.na(group$codes))[1L]], ".", class = "kdr3_data")
     if (length(group$labels) < 2L)
       refuse("The grouping ", group$name, " has one unit only.", class = "kdr3_groupings")
+  }
   if (length(groups) == 1L) return(list(level2 = groups[[1L]], level3 = NULL))
   groups <- groups[order(-vapply(groups, function(g) length(g$labels), 0L))]
   fine <- groups[[1L]]
@@ -89,6 +92,7 @@ blocksof <- function(parts, frame) {
     formula <- stats::as.formula(call("~", part$effects), env = globalenv())
     tt <- partterms(formula, attr(frame, "terms"))
     Z <- plainrows(stats::model.matrix(tt, frame))
+    checkfinite(Z, frame)
     which <- attr(Z, "assign")
     groups <- if (!part$double) list(seq_len(ncol(Z))) else split(seq_len(ncol(Z)), which)
     if (part$double && any(lengths(groups) > 1L))
@@ -246,15 +250,19 @@ deficient <- function(X) {
   if (q$rank == ncol(X)) integer() else sort(q$pivot[-seq_len(q$rank)])
 }
 
+checkfinite <- function(columns, frame) {
+  for (j in seq_len(ncol(columns)))
+    if (!all(is.finite(columns[, j])))
+      refuse("The column ", colnames(columns)[j], " of the model has a value that is not finite, in row ",
+             rownames(frame)[which(!is.finite(columns[, j]))[1L]], ".", class = "kdr3_data")
+}
+
 # The design: X of full rank, groupings, blocks of random effects, and what the library is told of them.
 designof <- function(frame, parts, fixedformula, contrasts, roots = NULL) {
   groupings <- groupingsof(parts, frame)
   tt <- partterms(fixedformula, attr(frame, "terms"))
   X <- plainrows(stats::model.matrix(tt, frame, contrasts.arg = contrasts))
-  for (j in seq_len(ncol(X)))
-    if (!all(is.finite(X[, j])))
-      refuse("The column ", colnames(X)[j], " of the model has a value that is not finite, in row ",
-             rownames(frame)[which(!is.finite(X[, j]))[1L]], ".", class = "kdr3_data")
+  checkfinite(X, frame)
   if (ncol(X) == 0L) refuse("The fixed part of the model is empty.", class = "kdr3_formula")
   dropped <- deficient(X)
   kept <- setdiff(seq_len(ncol(X)), dropped)

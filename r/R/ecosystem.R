@@ -202,7 +202,7 @@ get_df.kdr3 <- function(x, type = "residual", ...) {
   unname(ifelse(is.na(x$df), Inf, x$df))
 }
 
-get_parameters.kdr3 <- function(x, effects = c("fixed", "random"), ...) {
+get_parameters.kdr3 <- function(x, effects = c("fixed", "random", "all"), ...) {
   if (match.arg(effects) == "random") return(lapply(ranef(x), function(u) u))
   data.frame(Parameter = names(x$coefficients), Estimate = unname(x$coefficients))
 }
@@ -274,11 +274,15 @@ get_variance.kdr3 <- function(x, component = c("all", "fixed", "random", "residu
          slope = made["var.slope"], rho01 = made["cor.slope_intercept"], NULL)
 }
 
-# Predictions without random effects and their intervals, on the scale of the outcome or of the link.
-get_predicted.kdr3 <- function(x, data = NULL, predict = "expectation", ci = 0.95, include_random = FALSE, verbose = TRUE, ...) {
-  link <- identical(predict, "link")
-  found <- stats::predict(x, data, type = "link", re.form = if (isTRUE(include_random)) NULL else NA, allow.new.levels = TRUE, se.fit = TRUE)
+# Predictions and their intervals, on the scale of the outcome or of the link. Those of the fit's own records have the
+# random effects in them, so that errors made of them are those of the fit; those of other data have to ask for them.
+get_predicted.kdr3 <- function(x, data = NULL, predict = "expectation", ci = 0.95, include_random = "default", verbose = TRUE, ...) {
   if (categorical(x$family)) refuse("Predictions of categories are those of predict(type = \"response\").", class = "kdr3_refused")
+  link <- identical(predict, "link")
+  with <- if (identical(include_random, "default")) is.null(data) else isTRUE(include_random)
+  found <- stats::predict(x, data, type = "link", re.form = if (with) NULL else NA, allow.new.levels = TRUE,
+                          se.fit = !(with && isweighted(x)))  # such models have no errors of units
+  if (!is.list(found)) found <- list(fit = found, se.fit = NA_real_ * found)
   back <- if (link) identity else link_inverse.kdr3(x)
   z <- stats::qnorm((1 + (if (is.null(ci)) 0.95 else ci)) / 2)
   bounds <- data.frame(Row = seq_along(found$fit), SE = unname(found$se.fit), CI_low = unname(back(found$fit - z * found$se.fit)),
@@ -286,13 +290,35 @@ get_predicted.kdr3 <- function(x, data = NULL, predict = "expectation", ci = 0.9
   structure(unname(back(found$fit)), ci_data = bounds[-1L], data = data, class = c("get_predicted", "numeric"))
 }
 
+# The table of a mixed model, fixed effects and variances, which the package makes of what insight tells.
+model_parameters.kdr3 <- function(model, ci_method = "residual", ...) {
+  mixed <- utils::getS3method("model_parameters", "merMod", optional = TRUE, envir = asNamespace("parameters"))
+  if (is.null(mixed)) return(NextMethod())
+  class(model) <- c("mlma", class(model))  # by the first class insight knows that its statistics are t
+  mixed(model, ci_method = ci_method, ...)
+}
+
+.extract_random_parameters.kdr3 <- function(model, ci = 0.95, effects = "random", ...) {
+  table <- as.data.frame(ranef(model))
+  made <- data.frame(Parameter = as.character(table$term), Level = as.character(table$grp), Coefficient = table$condval, SE = table$condsd)
+  for (level in ci) {
+    half <- stats::qnorm((1 + level) / 2) * made$SE
+    made[paste0(c("CI_low", "CI_high"), if (length(ci) > 1L) paste0("_", level))] <- list(made$Coefficient - half, made$Coefficient + half)
+  }
+  if (effects != "random") made[c("t", "df_error", "p")] <- NA
+  cbind(made, Effects = "random", Group = as.character(table$grpvar))
+}
+
+check_singularity.kdr3 <- function(x, tolerance = 1e-05, ...) isSingular(x, tol = tolerance)
+check_convergence.kdr3 <- function(x, tolerance = 0.001, ...) isreached(x)
+
 # Nakagawa's R2 from get_variance().
 r2.kdr3 <- function(model, ...) performance::r2_nakagawa(model, ...)
 
 model_performance.kdr3 <- function(model, metrics = "all", verbose = TRUE, ...) {
   shares <- suppressWarnings(performance::r2_nakagawa(model))
   icc <- suppressWarnings(performance::icc(model))
-  made <- data.frame(AIC = stats::AIC(model), BIC = stats::BIC(model))
+  made <- data.frame(AIC = stats::AIC(model), AICc = performance::performance_aicc(model), BIC = stats::BIC(model))
   if (is.list(shares)) made[c("R2_conditional", "R2_marginal")] <- list(unname(shares$R2_conditional), unname(shares$R2_marginal))
   if (is.list(icc)) made$ICC <- icc$ICC_adjusted
   if (!categorical(model$family)) made$RMSE <- sqrt(mean(stats::residuals(model, type = "response")^2))

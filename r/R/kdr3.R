@@ -26,19 +26,21 @@ categorical <- function(family) family$family %in% c("ordinal", "multinomial")
 outcomeof <- function(frame, family, name) {
   y <- if (attr(attr(frame, "terms"), "response") == 1L) frame[[1L]]  # model.response() would name the values
   weights <- stats::model.weights(frame)
-  offset <- stats::model.offset(frame)
+  if (!is.null(weights) && !is.numeric(weights)) refuse("Weights must be numbers.", class = "kdr3_data")
+  offset <- tryCatch(stats::model.offset(frame), error = function(e) refuse("An offset must be a number.", class = "kdr3_data"))
   check <- function(ok, ...) if (!ok) refuse("The outcome ", name, " ", ..., class = "kdr3_data")
   if (is.null(y)) refuse("The formula has no outcome.", class = "kdr3_formula")
   if (!is.null(offset) && !all(is.finite(offset))) refuse("The offset has a value that is not finite.", class = "kdr3_data")
   if (categorical(family)) {
     if (!is.factor(y)) y <- factor(y)
+    check(!anyNA(y), "is missing in row ", rownames(frame)[which(is.na(y))[1L]], ".")
     if (!is.null(weights)) refuse("Outcomes with categories have no weights.", class = "kdr3_refused")
     if (!is.null(offset)) refuse("Outcomes with categories have no offset.", class = "kdr3_refused")
     check(nlevels(y) > 2L, "has ", nlevels(y), " categories: it needs three or more.")
     return(list(y = as.double(as.integer(y)), levels = levels(y)))
   }
   if (family$family == "binomial") return(binomialoutcome(y, weights, offset, check))
-  if (is.factor(y) || is.character(y)) check(FALSE, "is no number but a ", class(y)[1L], ".")
+  if (!is.numeric(y) && !is.logical(y) && !inherits(y, c("Date", "POSIXct", "difftime"))) check(FALSE, "is no number but a ", class(y)[1L], ".")
   check(is.null(dim(y)) || ncol(y) == 1L, "is a matrix.")
   y <- as.double(y)
   check(all(is.finite(y)), "has a value that is not finite, in row ", rownames(frame)[which(!is.finite(y))[1L]], ".")
@@ -225,7 +227,7 @@ fitframe <- function(frame, options, hypotheses = NULL, call = NULL, bootstrap =
   told$spec$hypotheses <- hypothesesof(hypotheses, told$fixed)
   told$spec$bootstrap <- bootstrap
   result <- .Call(C_kdr3r_fit, told$spec)
-  checked(result)
+  checked(result, rownames(frame))
   result$warnings <- unique(ownnames(sub("^WARNING: ", "", result$warnings), told, colnames(design$X), if (categorical(options$family)) outcome$levels))
   object <- objectof(result, told, design, outcome, frame, options, engine)
   object$call <- call
@@ -300,7 +302,7 @@ objectof <- function(result, told, design, outcome, frame, options, engine) {
   object$joint <- result$joint
   object$equations <- told$spec[c("level1", "level2", "level3")]
   if (family$family == "gaussian" && !is.null(outcome$weights)) object$loglik <- object$loglik + sum(log(outcome$weights)) / 2
-  class(object) <- c("kdr3", "mlma")  # insight lets a model through by a list of classes; this one has no methods
+  class(object) <- c("kdr3", "mlma", "semLme")  # insight lets models through by two lists of classes; these have no methods
   object$effects <- effectsof(object, result, design, outcome)
   object$eta <- object$effects$eta
   object$effects$eta <- NULL
@@ -507,6 +509,7 @@ frameof <- function(call, formula, parts, env) {
   wanted <- call[c(1L, arguments)]
   whole <- frameformula(formula, parts)
   environment(whole) <- environment(formula)
+  if ("." %in% all.vars(whole)) refuse("The formula has a dot: write the names of the predictors.", class = "kdr3_formula")
   wanted$formula <- whole
   wanted$drop.unused.levels <- TRUE
   wanted[[1L]] <- quote(stats::model.frame)

@@ -265,7 +265,7 @@ plainresiduals <- function(object, type) {
 residuals.kdr3 <- function(object, type = c("response", "pearson", "working", "deviance"), scaled = FALSE, ...) {
   type <- if (missing(type) && !hassigma(object) && !categorical(object$family)) "deviance" else
     chosen(type, c("response", "pearson", "working", "deviance"), "type")
-  unused(...)
+  unused(..., known = "verbose")
   r <- plainresiduals(object, type)
   if (scaled) r <- r / stats::sigma(object)
   if (is.matrix(r)) rownames(r) <- rownames(object$frame) else names(r) <- rownames(object$frame)

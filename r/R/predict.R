@@ -22,6 +22,17 @@ wantedeffects <- function(object, re.form) {
   lapply(object$blocks, function(b) b$names %in% unlist(lapply(wanted, function(w) if (w$group == b$group) w$effects)))
 }
 
+# Numbers in the place of a factor, or texts in that of numbers, would make other columns.
+checkkinds <- function(classes, frame) {
+  kinds <- c(numeric = "numbers", factor = "a factor", ordered = "a factor", character = "a factor", logical = "truths")
+  for (name in intersect(names(classes), names(frame))) {
+    was <- kinds[classes[[name]]]
+    now <- kinds[stats::.MFclass(frame[[name]])]
+    if (!is.na(was) && !is.na(now) && was != now)
+      refuse(name, " was fitted as ", was, ", and is ", now, " in the new data.", class = "kdr3_data")
+  }
+}
+
 # X and the Z of each block of new data, the codes of their units (NA: a new one), and the offset. NULL is the fit's own data.
 newdesign <- function(object, newdata, blocks, allow.new.levels, na.action, units = TRUE) {
   if (is.null(newdata)) {
@@ -38,8 +49,10 @@ newdesign <- function(object, newdata, blocks, allow.new.levels, na.action, unit
     absent <- setdiff(all.vars(stats::formula(tt)), c(variables, ls(environment(object$formula), all.names = TRUE)))
     absent <- absent[!vapply(absent, exists, NA, envir = environment(object$formula))]
     if (length(absent) > 0L) refuse("The new data have no column ", absent[1L], ".", class = "kdr3_data")
-    tryCatch(stats::model.frame(tt, newdata, na.action = stats::na.pass, xlev = object$xlevels[intersect(names(object$xlevels), variablenames(tt))]),
+    frame <- tryCatch(stats::model.frame(tt, newdata, na.action = stats::na.pass, xlev = object$xlevels[intersect(names(object$xlevels), variablenames(tt))]),
              error = function(e) refuse(conditionMessage(e), class = "kdr3_data"))
+    checkkinds(attr(tt, "dataClasses"), frame)
+    frame
   }
   frame <- frameof(tt)
   X <- fixedmatrix(object, tt, frame)

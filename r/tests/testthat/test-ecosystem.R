@@ -58,6 +58,13 @@ test_that("insight and what stands on it", {
   expect_equal(performance::icc(m)$ICC_adjusted, v$var.random / (v$var.random + v$var.residual), ignore_attr = TRUE)
   skip_if_not_installed("parameters")
   expect_equal(suppressMessages(parameters::model_parameters(m, effects = "fixed"))$Coefficient, unname(fixef(m)))
+  # By name of the class they would go by defaults: no singular fit ever, errors against the population's predictions.
+  expect_equal(sort(suppressMessages(parameters::model_parameters(m, effects = "random"))$Coefficient), sort(as.data.frame(VarCorr(m))$sdcor))
+  expect_equal(performance::mae(m), mean(abs(residuals(m))))
+  small <- kdr3(y ~ x + (1 | school), d)
+  expect_equal(performance::compare_performance(m, small)$AIC, c(AIC(m), AIC(small)))
+  singular <- suppressWarnings(kdr3(y ~ x + (x | school), transform(madestudy(), y = rev(y)), reml = TRUE))
+  expect_true(performance::check_singularity(singular))
   skip_if_not_installed("ggeffects")
   expect_equal(ggeffects::ggpredict(b, "x [0, 1]")$predicted, unname(plogis(cbind(1, 0:1) %*% fixef(b)))[, 1])
 })
