@@ -294,7 +294,7 @@ get_predicted.kdr3 <- function(x, data = NULL, predict = "expectation", ci = 0.9
 model_parameters.kdr3 <- function(model, ci_method = "residual", ...) {
   mixed <- utils::getS3method("model_parameters", "merMod", optional = TRUE, envir = asNamespace("parameters"))
   if (is.null(mixed)) return(NextMethod())
-  class(model) <- c("mlma", class(model))  # by the first class insight knows that its statistics are t
+  class(model) <- c("elm", class(model))  # by the first class insight knows that its statistics are t
   mixed(model, ci_method = ci_method, ...)
 }
 

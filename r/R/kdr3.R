@@ -302,7 +302,7 @@ objectof <- function(result, told, design, outcome, frame, options, engine) {
   object$joint <- result$joint
   object$equations <- told$spec[c("level1", "level2", "level3")]
   if (family$family == "gaussian" && !is.null(outcome$weights)) object$loglik <- object$loglik + sum(log(outcome$weights)) / 2
-  class(object) <- c("kdr3", "mlma", "semLme")  # insight lets models through by two lists of classes; these have no methods
+  class(object) <- c("kdr3", "elm")  # insight lets models through by lists of classes; this one has no methods, and statistics of t
   object$effects <- effectsof(object, result, design, outcome)
   object$eta <- object$effects$eta
   object$effects$eta <- NULL
