@@ -278,8 +278,10 @@ update.kdr3 <- function(object, formula., ..., evaluate = TRUE) {
   if (!missing(formula.)) call$formula <- stats::update.formula(object$formula, formula.)
   for (name in names(extras)) call[[name]] <- extras[[name]]
   if (!evaluate) return(call)
-  environment <- environment(object$formula)
-  tryCatch(eval(call, parent.frame()), kdr3_data = function(e) eval(call, environment))
+  # The data may stand where the formula was written, as in a function that is left.
+  caller <- parent.frame()
+  known <- function(environment) all(vapply(all.vars(call$data), exists, NA, envir = environment))
+  if (known(caller) || !known(environment(object$formula))) eval(call, caller) else eval(call, environment(object$formula))
 }
 
 # Generics of their own, which know lme4's objects too.

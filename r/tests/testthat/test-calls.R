@@ -109,6 +109,12 @@ test_that("nested groupings by name and by / are one model; levels that no recor
   expect_equal(ngrps(kdr3(y ~ x + (1 | unit), d))[["unit"]], length(unique(d$unit)))
 })
 
+test_that("a fit is updated where its data are, also behind the function that made it", {
+  made <- (function(inner) kdr3(y ~ x + (1 | school), inner))(d)
+  expect_equal(fixef(update(made, . ~ . + w)), fixef(kdr3(y ~ x + w + (1 | school), d)))
+  expect_error(update(made, data = gone), "'gone' not found")
+})
+
 test_that("missing values are left out, or padded", {
   d$x[c(3, 9)] <- NA
   expect_equal(c(nobs(kdr3(y ~ x + (1 | school), d)), length(fitted(kdr3(y ~ x + (1 | school), d)))), rep(nrow(d) - 2, 2))
