@@ -312,6 +312,8 @@ model_parameters.kdr3 <- function(model, ci_method = "residual", ...) {
 check_singularity.kdr3 <- function(x, tolerance = 1e-05, ...) isSingular(x, tol = tolerance)
 check_convergence.kdr3 <- function(x, tolerance = 0.001, ...) isreached(x)
 
+check_overdispersion.kdr3 <- function(x, ...) utils::getS3method("check_overdispersion", "merMod", envir = asNamespace("performance"))(x, ...)
+
 # Nakagawa's R2 from get_variance().
 r2.kdr3 <- function(model, ...) performance::r2_nakagawa(model, ...)
 

@@ -4,7 +4,7 @@ later <- list(
   insight = c("find_formula", "find_random", "find_statistic", "find_parameters", "model_info", "get_data", "get_df", "get_parameters",
               "get_predicted", "get_statistic", "get_varcov", "get_random", "get_sigma", "get_variance", "link_inverse", "link_function",
               "is_mixed_model"),
-  performance = c("r2", "model_performance", "check_singularity", "check_convergence"),
+  performance = c("r2", "model_performance", "check_singularity", "check_convergence", "check_overdispersion"),
   parameters = c("model_parameters", ".extract_random_parameters"),
   ggeffects = "get_predictions",
   marginaleffects = c("get_coef", "set_coef", "get_vcov", "get_predict"),
