@@ -1,4 +1,4 @@
-# Errors, warnings and interrupts of the package, as conditions of classes of their own.
+# Errors and warnings of the package, as conditions of classes of their own.
 
 refuse <- function(..., class = NULL, call = NULL) {
   stop(structure(class = c(class, "kdr3_error", "error", "condition"), list(message = paste0(...), call = call)))
@@ -6,13 +6,6 @@ refuse <- function(..., class = NULL, call = NULL) {
 
 warn <- function(sentence, class = NULL, call = NULL) {
   warning(structure(class = c(class, "kdr3_warning", "warning", "condition"), list(message = sentence, call = call)))
-}
-
-# The interrupt that the library was asked to stop by, told again to whoever handles it; else back to the prompt.
-interrupted <- function() {
-  condition <- structure(class = c("interrupt", "condition"), list(message = "", call = NULL))
-  signalCondition(condition)
-  invokeRestart("abort")
 }
 
 # Words of the library's sentences that mean the program's keywords, in those of kdr3().
@@ -34,10 +27,8 @@ namedrows <- function(sentence, rows) {
   sentence
 }
 
-# What a call of the library handed back, or its error or interrupt; `rows` are the names of the records.
+# What a call of the library handed back, or its error; `rows` are the names of the records.
 checked <- function(result, rows) {
-  if (!is.null(result$stoppedby)) stop(simpleError(result$stoppedby))  # R's own error, such as of setTimeLimit()
-  if (isTRUE(result$interrupted)) interrupted()
   if (!is.null(result$error)) refuse(namedrows(inwords(result$error), rows), class = "kdr3_refused")
   result
 }

@@ -163,7 +163,6 @@ kdr3_summary summaryof(const kdr3_result* result) {
 struct Fitted {
   std::string error;
   bool interrupted = false;
-  std::string stoppedby;  // the sentence of an error of R, "" of the user's interrupt
   std::vector<std::string> warnings, names;
   std::string document;
   kdr3_summary summary{};
@@ -174,8 +173,8 @@ struct Fitted {
 
 // R is asked in its own thread alone, ten times a second: iterations may be short.
 struct Watch {
+  SEXP token;
   std::atomic<bool> interrupted{false};
-  std::string error;  // that interrupts
   const std::thread::id owner = std::this_thread::get_id();
   std::chrono::steady_clock::time_point last = std::chrono::steady_clock::now();
 };
@@ -186,9 +185,7 @@ int askuser(void* state) {
   const auto now = std::chrono::steady_clock::now();
   if (now - watch.last > std::chrono::milliseconds(100)) {
     watch.last = now;
-    Stop stop = stopwanted();
-    watch.error = std::move(stop.error);
-    watch.interrupted = stop.wanted;
+    watch.interrupted = leaving(watch.token);
   }
   return watch.interrupted ? 1 : 0;
 }
@@ -227,8 +224,8 @@ void takereplicates(const kdr3_result* result, Fitted& fitted) {
   check(kdr3_result_replicates(result, nullptr, nullptr, fitted.replicates.data()));
 }
 
-void fit(const Spec& spec, bool effects, Fitted& fitted) {
-  Watch watch;
+void fit(const Spec& spec, bool effects, SEXP token, Fitted& fitted) {
+  Watch watch{token};
   const kdr3_observer observer{sizeof observer, &watch, askuser, nullptr, askuser};
   const Data data = dataof(spec);
   const Model model = modelof(spec, data.get());
@@ -236,7 +233,6 @@ void fit(const Spec& spec, bool effects, Fitted& fitted) {
   const kdr3_status status = kdr3_fit(model.get(), &observer, &made);
   const Result result(made);
   fitted.interrupted = watch.interrupted;
-  fitted.stoppedby = watch.error;
   if (watch.interrupted) return;
   check(status);
   for (std::size_t w = 0; kdr3_result_warning(made, w) != nullptr; ++w)
@@ -285,8 +281,6 @@ struct Member {
 };
 constexpr Member members[] = {
     {"error", [](const Fitted& f) { return f.error.empty() ? R_NilValue : text(f.error); }},
-    {"interrupted", [](const Fitted& f) { return Rf_ScalarLogical(f.interrupted); }},
-    {"stoppedby", [](const Fitted& f) { return f.stoppedby.empty() ? R_NilValue : text(f.stoppedby); }},
     {"warnings", [](const Fitted& f) { return texts(f.warnings); }},
     {"names", [](const Fitted& f) { return texts(f.names); }},
     {"document", [](const Fitted& f) { return text(f.document); }},
@@ -332,8 +326,10 @@ SEXP kdr3r_fit(SEXP given) {
   SEXP holder = nullptr;
   Fitted* fitted = owned<Fitted>(holder);
   const bool effects = Rf_asLogical(element(given, "effects")) == TRUE;
-  fitted->error = sentenceof([&] { fit(specof(given), effects, *fitted); });
+  SEXP token = PROTECT(R_MakeUnwindCont());
+  fitted->error = sentenceof([&] { fit(specof(given), effects, token, *fitted); });
+  if (fitted->interrupted) R_ContinueUnwind(token);
   SEXP made = listof(*fitted);
-  UNPROTECT(1);
+  UNPROTECT(2);
   return made;
 }

@@ -43,13 +43,9 @@ std::string sentenceof(Work&& work) {
   return "";
 }
 
-// What R wants to stop the work by: nothing, or the condition of an interrupt, or the sentence of an error, as of a
-// time limit. Asked in R's thread only. R forgets the wish, so that the caller has to tell it.
-struct Stop {
-  bool wanted = false;
-  std::string error;
-};
-Stop stopwanted();
+// Whether R wants to leave, by an interrupt or an error as of a time limit; asked in R's thread only. It is held back,
+// with its handlers as they were found, and goes on by R_ContinueUnwind(token) when no C++ object is alive.
+bool leaving(SEXP token);
 
 extern "C" {
 SEXP kdr3r_fit(SEXP spec);

@@ -1,7 +1,7 @@
 // The routines that R calls.
 #include <R_ext/Rdynload.h>
 
-#include <cstdio>
+#include <csetjmp>
 
 #include "glue.h"
 #include "kdr3/kdr3.h"
@@ -13,36 +13,20 @@ SEXP element(SEXP list, const char* name) {
   return R_NilValue;
 }
 
-// R_ToplevelExec keeps jumps out of C++, but what it catches ends a session that has no user, so that errors are taken
-// by a handler inside of it.
-Stop stopwanted() {
-  struct Caught {
-    bool stopped = false;
-    char sentence[1024] = "";
-  } caught;
-  const auto ask = [](void* place) {
-    const char* classes[] = {"interrupt", "error"};
-    SEXP conditions = PROTECT(Rf_allocVector(STRSXP, 2));
-    for (int i = 0; i < 2; ++i) SET_STRING_ELT(conditions, i, Rf_mkChar(classes[i]));
-    R_tryCatch(
-        [](void*) {
-          R_CheckUserInterrupt();
-          return R_NilValue;
-        },
-        nullptr, conditions,
-        [](SEXP condition, void* found) {
-          Caught& told = *static_cast<Caught*>(found);
-          told.stopped = true;
-          SEXP message = element(condition, "message");
-          if (Rf_inherits(condition, "error") && Rf_isString(message) && Rf_length(message) == 1)
-            std::snprintf(told.sentence, sizeof told.sentence, "%s", CHAR(STRING_ELT(message, 0)));
-          return R_NilValue;
-        },
-        place, nullptr, nullptr);
-    UNPROTECT(1);
-  };
-  const bool jumped = R_ToplevelExec(ask, &caught) == FALSE;
-  return {jumped || caught.stopped, caught.sentence};
+bool leaving(SEXP token) {
+  std::jmp_buf here;  // R's frames alone are between
+  if (setjmp(here) != 0) return true;
+  R_UnwindProtect(
+      [](void*) {
+        R_CheckUserInterrupt();
+        return R_NilValue;
+      },
+      nullptr,
+      [](void* place, Rboolean jumps) {
+        if (jumps) std::longjmp(*static_cast<std::jmp_buf*>(place), 1);
+      },
+      &here, token);
+  return false;
 }
 
 extern "C" {
