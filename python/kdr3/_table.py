@@ -93,8 +93,24 @@ def _nodates(name: str, what: str) -> lib.KDR3Error:
     return lib.KDR3Error(f"The column {name} holds {what}: make a number of dates and times, as the years since the first one.")
 
 
+def _texts(name: str, values: np.ndarray) -> Column | None:
+    """Texts and missing values by whole passes over the column, as most columns of objects are; None of others."""
+    each = values.tolist()
+    kinds = set(map(type, each))
+    if float in kinds and kinds <= {str, type(None), float}:
+        each = [None if value != value else value for value in each]
+        kinds = set(map(type, each))
+    if not kinds <= {str, type(None)}:
+        return None
+    labels = [value for value in dict.fromkeys(each) if value is not None]
+    place = {None: -1, **{label: i for i, label in enumerate(labels)}}
+    return _codes(name, labels, np.fromiter(map(place.__getitem__, each), np.int32, len(each)), False)
+
+
 def _objects(name: str, values: np.ndarray) -> Column:
     """Texts (bytes are texts in UTF-8), numbers, or truths, which are a factor."""
+    if (texts := _texts(name, values)) is not None:
+        return texts
     known: dict[str, int] = {}
     codes = np.empty(len(values), dtype=np.int32)
     first: dict[str, tuple[int, Any]] = {}  # where each kind of value stands first
