@@ -280,9 +280,7 @@ get_predicted.kdr3 <- function(x, data = NULL, predict = "expectation", ci = 0.9
   if (categorical(x$family)) refuse("Predictions of categories are those of predict(type = \"response\").", class = "kdr3_refused")
   link <- identical(predict, "link")
   with <- if (identical(include_random, "default")) is.null(data) else isTRUE(include_random)
-  found <- stats::predict(x, data, type = "link", re.form = if (with) NULL else NA, allow.new.levels = TRUE,
-                          se.fit = !(with && isweighted(x)))  # such models have no errors of units
-  if (!is.list(found)) found <- list(fit = found, se.fit = NA_real_ * found)
+  found <- stats::predict(x, data, type = "link", re.form = if (with) NULL else NA, allow.new.levels = TRUE, se.fit = TRUE)
   back <- if (link) identity else link_inverse.kdr3(x)
   z <- stats::qnorm((1 + (if (is.null(ci)) 0.95 else ci)) / 2)
   bounds <- data.frame(Row = seq_along(found$fit), SE = unname(found$se.fit), CI_low = unname(back(found$fit - z * found$se.fit)),

@@ -300,6 +300,7 @@ objectof <- function(result, told, design, outcome, frame, options, engine) {
   if (length(result$replicates) > 0L)
     object$replicates <- matrix(result$replicates, ncol = g + sum(vapply(taus$taus, function(T) nrow(T) * (nrow(T) + 1) / 2, 0)) + 1, byrow = TRUE)
   object$joint <- result$joint
+  object$designweights <- ownweights(result, object$groups)
   object$equations <- told$spec[c("level1", "level2", "level3")]
   if (family$family == "gaussian" && !is.null(outcome$weights)) object$loglik <- object$loglik + sum(log(outcome$weights)) / 2
   class(object) <- c("kdr3", "elm")  # insight lets models through by lists of classes; this one has no methods, and statistics of t
@@ -414,6 +415,14 @@ effectsof <- function(object, result, design, outcome) {
        cov2 = cube(found$cov2, names2, names2, labels2),
        cov3 = cube(found$cov3, names3, names3, if (length(names3) > 0L) labels3),
        cov23 = cube(found$cov23, names2, names3, labels2), eta = found$eta)
+}
+
+# Design weights of the records and the units of both levels as the fit had them, in R's order; NULL without any.
+ownweights <- function(result, groups) {
+  if (length(result$weights1) == 0L) return(NULL)
+  units <- libraryorder(groups)
+  at <- list(order(match(groups$level2$codes, units$level2)), units$level2, units$level3)
+  Map(function(w, place) replace(w, place, w), result[c("weights1", "weights2", "weights3")], at)
 }
 
 # Those of models that only the library has effects of.

@@ -146,8 +146,6 @@ predict.kdr3 <- function(object, newdata = NULL, type = c("link", "response", "a
 # the random effects being known by their data alone, and for the fixed effects in them being estimates. A unit that the
 # model doesn't know has the variances of its effects in its error; type "average" is the mean over those of all units.
 libraryprediction <- function(object, design, Z, type, units) {
-  if (units && isweighted(object))
-    refuse("Models with design weights have standard errors of predictions with re.form = NA only.", class = "kdr3_refused")
   what <- if (type == "average") 2L else (if (units) 3L else 0L) + (type == "response")
   columns <- if (!categorical(object$family)) 1L else length(object$levels) - (what %in% c(0L, 3L))
   found <- .Call(C_kdr3r_predict, fittedarguments(object, units), if (units) ownrows(object),
@@ -171,7 +169,8 @@ fittedarguments <- function(object, units) {
        units3 = if (three) length(object$groups$level3$labels) else 0L,
        level2 = if (units) number(t(e$level2)), level3 = if (units) number(t(e$level3)),
        variances2 = if (units) number(e$cov2), variances3 = if (units) number(e$cov3),
-       covariances = if (units && random3 > 0L && !anyNA(e$cov23)) number(aperm(e$cov23, c(2L, 1L, 3L))))
+       covariances = if (units && random3 > 0L && !anyNA(e$cov23)) number(aperm(e$cov23, c(2L, 1L, 3L))),
+       weights1 = object$designweights$weights1, weights2 = object$designweights$weights2, weights3 = number(object$designweights$weights3))
 }
 
 # The covariance of all parameters in the order of the object, NULL without one: lower triangles of both taus by rows, then

@@ -42,6 +42,9 @@ struct Spec {
   std::vector<Term> level1, level2, level3;
   std::vector<std::pair<const char*, double>> settings;
   const char* weights[3] = {};
+  [[nodiscard]] bool weighted() const {
+    return weights[0] != nullptr || weights[1] != nullptr || weights[2] != nullptr;
+  }
   std::vector<double> held[2];
   struct Hypothesis {
     std::size_t rows, count;
@@ -136,8 +139,7 @@ Model modelof(const Spec& spec, const kdr3_data* data) {
   for (const Spec::Term& term : spec.level3)
     check(kdr3_model_level3(made, term.owner, columnname(spec, term.column), KDR3_RAW));
   for (const auto& [name, value] : spec.settings) check(kdr3_model_set(made, name, value));
-  if (spec.weights[0] != nullptr || spec.weights[1] != nullptr || spec.weights[2] != nullptr)
-    check(kdr3_model_weights(made, spec.weights[0], spec.weights[1], spec.weights[2], nullptr));
+  if (spec.weighted()) check(kdr3_model_weights(made, spec.weights[0], spec.weights[1], spec.weights[2], nullptr));
   for (int level = 0; level < 2; ++level) {
     const std::vector<double>& held = spec.held[level];
     std::size_t order = 0;
@@ -167,7 +169,7 @@ struct Fitted {
   std::string document;
   kdr3_summary summary{};
   std::vector<double> estimates, covariance, robust, df, taupi, taubeta, taupierrors, taubetaerrors, level2, level3,
-      variances2, variances3, covariances, joint, tests, replicates;
+      variances2, variances3, covariances, weights1, weights2, weights3, joint, tests, replicates;
   double sigma2error = 0;
 };
 
@@ -205,6 +207,14 @@ void takeeffects(const kdr3_result* result, Fitted& fitted) {
   const std::size_t parameters = packed(s.random2) + packed(s.random3) + s.fixedeffects;
   fitted.joint.resize(parameters * parameters);
   check(kdr3_result_joint(result, fitted.joint.data()));
+}
+
+void takeweights(const kdr3_result* result, Fitted& fitted) {
+  const kdr3_summary& s = fitted.summary;
+  fitted.weights1.resize(s.records);
+  fitted.weights2.resize(s.units2);
+  fitted.weights3.resize(s.units3);
+  check(kdr3_result_weights(result, fitted.weights1.data(), fitted.weights2.data(), fitted.weights3.data()));
 }
 
 void taketests(const kdr3_result* result, std::size_t count, Fitted& fitted) {
@@ -254,6 +264,7 @@ void fit(const Spec& spec, bool effects, SEXP token, Fitted& fitted) {
   check(kdr3_result_variances(made, fitted.taupi.data(), fitted.taubeta.data(), fitted.taupierrors.data(),
                               fitted.taubetaerrors.data(), &fitted.sigma2error));
   if (effects) takeeffects(made, fitted);
+  if (spec.weighted()) takeweights(made, fitted);
   taketests(made, spec.hypotheses.size(), fitted);
   if (spec.replicates > 0) takereplicates(made, fitted);
 }
@@ -303,6 +314,9 @@ constexpr Member members[] = {
     {"variances2", [](const Fitted& f) { return numbers(f.variances2); }},
     {"variances3", [](const Fitted& f) { return numbers(f.variances3); }},
     {"covariances", [](const Fitted& f) { return numbers(f.covariances); }},
+    {"weights1", [](const Fitted& f) { return numbers(f.weights1); }},
+    {"weights2", [](const Fitted& f) { return numbers(f.weights2); }},
+    {"weights3", [](const Fitted& f) { return numbers(f.weights3); }},
     {"joint", [](const Fitted& f) { return numbers(f.joint); }},
     {"tests", [](const Fitted& f) { return numbers(f.tests); }},
     {"replicates", [](const Fitted& f) { return numbers(f.replicates); }},

@@ -69,6 +69,9 @@ kdr3_fitted fittedof(SEXP given) {
   fitted.variances2 = numbersof(given, "variances2");
   fitted.variances3 = numbersof(given, "variances3");
   fitted.covariances = numbersof(given, "covariances");
+  fitted.weights1 = numbersof(given, "weights1");
+  fitted.weights2 = numbersof(given, "weights2");
+  fitted.weights3 = numbersof(given, "weights3");
   return fitted;
 }
 

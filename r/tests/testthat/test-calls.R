@@ -243,6 +243,20 @@ test_that("design weights and robust errors", {
   expect_error(kdr3(y ~ x + (1 | school), d, weights2 = x), "positive numbers", class = "kdr3_data")
 })
 
+test_that("errors of units of weighted models are the posterior's, and those of -predict", {
+  d <- transform(madestudy(), b = as.integer(y > 1), w1 = rep_len(c(1, 2.5, 0.5), length(y)), w2 = c(1, 3, 2)[(pupil + school) %% 3 + 1], w3 = c(1, 2, 4)[school %% 3 + 1])
+  m <- kdr3(y ~ x + (1 | school), d, weights1 = w1, control = list(WEIGHTSCALE = 0))
+  X <- model.matrix(m)
+  w <- d$w1 / mean(d$w1)
+  A <- 1 / VarCorr(m)$school[1] + rowsum(w, d$school)[d$school] / sigma(m)^2
+  away <- X - (rowsum(X * w, d$school)[d$school, ] / sigma(m)^2) / A
+  expect_equal(unname(predict(m, se.fit = TRUE)$se.fit), sqrt(1 / A + rowSums((away %*% vcov(m)) * away)), tolerance = 1e-9, ignore_attr = TRUE)
+  a <- kdr3(y ~ x + (x | school) + (1 | school:pupil), d, weights1 = w1, weights2 = w2, weights3 = w3)
+  b <- kdr3(b ~ x + (1 | school / pupil), d, family = binomial(), weights1 = w1, weights2 = w2, weights3 = w3)
+  expect_equal(unname(predict(a, se.fit = TRUE)$se.fit[1:3]), c(0.392583017, 0.855037069, 0.770977687), tolerance = 1e-7)
+  expect_equal(unname(predict(b, type = "response", se.fit = TRUE)$se.fit[1:3]), c(0.189426243, 0.129695019, 0.151720415), tolerance = 1e-7)
+})
+
 test_that("effects of a quadrature fit are means of the posterior", {
   m <- kdr3(I(y > 1) ~ x + (1 | school), d, family = binomial(), points = 15)
   u <- seq(-8, 8, length.out = 4001) * sqrt(VarCorr(m)$school[1])
