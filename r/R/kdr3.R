@@ -193,7 +193,7 @@ specof <- function(design, outcome, family, weights, settings, categories, outco
                id3 = unit3of(design$groupings), counts = counts, family = families[[type]], categories = categories,
                level1 = integers(equations$level1), level2 = integers(equations$level2), level3 = integers(equations$level3),
                settings = settings, weights = weightnames, held2 = held[[1L]], held3 = held[[2L]],
-               hypotheses = NULL, effects = categorical(family) || any(lengths(weights) > 0L) || any(c("AGQ", "AGQAUTO") %in% names(settings)))
+               hypotheses = NULL)
   list(spec = spec, fixed = equations$fixed, order = order)
 }
 
@@ -383,40 +383,6 @@ Zof <- function(design, level) {
   Z
 }
 
-# What the modes are computed from: the records, their weights, and the estimates.
-modelarguments <- function(object, design, outcome, eta) {
-  normal <- object$family$family == "gaussian"
-  n <- length(outcome$y)
-  weight <- if (normal) outcome$weights else if (object$family$family == "binomial") outcome$counts
-  weight <- (if (is.null(weight)) rep(1, n) else as.double(weight)) / object$sigma2
-  groups <- object$groups
-  list(outcome = c(gaussian = 0L, binomial = 1L, poisson = 2L)[[object$family$family]], y = outcome$y, weight = weight,
-       eta = as.double(eta), z2 = Zof(design, 2L), z3 = Zof(design, 3L), unit2 = groups$level2$codes,
-       unit3of2 = if (is.null(groups$level3)) seq_along(groups$level2$labels) else as.integer(groups$level2$owner),
-       l2 = rootof(object$taus[[1L]]), l3 = rootof(object$taus[[2L]]))
-}
-
-# Random effects by unit, their conditional covariances, and the linear predictor with them: modes, of quadrature the means
-# that the library has integrated, as it alone has those of outcomes with categories and of design weights.
-effectsof <- function(object, result, design, outcome) {
-  names2 <- rownames(object$taus[[1L]])
-  names3 <- rownames(object$taus[[2L]])
-  labels2 <- object$groups$level2$labels
-  labels3 <- object$groups$level3$labels
-  if (length(result$level2) + length(result$level3) > 0L) return(libraryeffects(object, result, design, outcome))
-  eta <- drop(design$X %*% object$coefficients)
-  if (!is.null(outcome$offset)) eta <- eta + outcome$offset
-  found <- .Call(C_kdr3r_effects, modelarguments(object, design, outcome, eta))
-  if (!is.null(found$error)) refuse(found$error)
-  shape <- function(m, labels, names) matrix(m, length(labels), length(names), dimnames = list(labels, names))
-  cube <- function(v, rows, columns, labels) array(v, c(length(rows), length(columns), length(labels)), list(rows, columns, labels))
-  list(level2 = shape(found$level2, labels2, names2),
-       level3 = shape(found$level3, if (length(names3) > 0L) labels3, names3),
-       cov2 = cube(found$cov2, names2, names2, labels2),
-       cov3 = cube(found$cov3, names3, names3, if (length(names3) > 0L) labels3),
-       cov23 = cube(found$cov23, names2, names3, labels2), eta = found$eta)
-}
-
 # Design weights of the records and the units of both levels as the fit had them, in R's order; NULL without any.
 ownweights <- function(result, groups) {
   if (length(result$weights1) == 0L) return(NULL)
@@ -425,8 +391,9 @@ ownweights <- function(result, groups) {
   Map(function(w, place) replace(w, place, w), result[c("weights1", "weights2", "weights3")], at)
 }
 
-# Those of models that only the library has effects of.
-libraryeffects <- function(object, result, design, outcome) {
+# Random effects by unit, their conditional covariances, and the linear predictor with them: modes, of quadrature the means
+# that the library has integrated.
+effectsof <- function(object, result, design, outcome) {
   units <- libraryorder(object$groups)
   made <- list()
   for (l in 1:2) {
@@ -447,8 +414,8 @@ libraryeffects <- function(object, result, design, outcome) {
     made[[c("cov2", "cov3")[l]]] <- C
     if (l == 1L) place2 <- place
   }
-  # Of each unit of level 2 with that of level 3 that it is in; the library has them row by row.
-  if (length(result$covariances) > 0L) {
+  # Of each unit of level 2 with that of level 3 that it is in; the library has them row by row, and of engines alone.
+  if (length(result$covariances) > 0L && !anyNA(result$covariances)) {
     n <- vapply(object$taus, nrow, 0L)
     C <- array(NA_real_, c(n, length(units$level2)))
     C[, , units$level2] <- aperm(array(result$covariances, c(n[[2L]], n[[1L]], length(units$level2))), c(2L, 1L, 3L))[place2, place, , drop = FALSE]
@@ -478,9 +445,8 @@ linearpredictor <- function(object, X, Z2, Z3, offset, effects, unit2, unit3) {
 contribution <- function(Z, u, unit, set = 1L) {
   n <- ncol(Z)
   if (n == 0L || is.null(u) || ncol(u) == 0L || is.null(unit)) return(0)
-  u <- u[, (set - 1L) * n + seq_len(n), drop = FALSE]
-  known <- u[unit, , drop = FALSE]
-  known[is.na(known)] <- 0
+  known <- unname(u)[unit, (set - 1L) * n + seq_len(n), drop = FALSE]
+  if (anyNA(known)) known[is.na(known)] <- 0
   rowSums(Z * known)
 }
 

@@ -169,7 +169,7 @@ fittedarguments <- function(object, units) {
        units3 = if (three) length(object$groups$level3$labels) else 0L,
        level2 = if (units) number(t(e$level2)), level3 = if (units) number(t(e$level3)),
        variances2 = if (units) number(e$cov2), variances3 = if (units) number(e$cov3),
-       covariances = if (units && random3 > 0L && !anyNA(e$cov23)) number(aperm(e$cov23, c(2L, 1L, 3L))),
+       covariances = if (units && !is.null(e$cov23)) number(aperm(e$cov23, c(2L, 1L, 3L))),
        weights1 = object$designweights$weights1, weights2 = object$designweights$weights2, weights3 = number(object$designweights$weights3))
 }
 

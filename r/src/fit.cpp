@@ -234,7 +234,7 @@ void takereplicates(const kdr3_result* result, Fitted& fitted) {
   check(kdr3_result_replicates(result, nullptr, nullptr, fitted.replicates.data()));
 }
 
-void fit(const Spec& spec, bool effects, SEXP token, Fitted& fitted) {
+void fit(const Spec& spec, SEXP token, Fitted& fitted) {
   Watch watch{token};
   const kdr3_observer observer{sizeof observer, &watch, askuser, nullptr, askuser};
   const Data data = dataof(spec);
@@ -263,7 +263,7 @@ void fit(const Spec& spec, bool effects, SEXP token, Fitted& fitted) {
   fitted.taubetaerrors.resize(s.random3 * s.random3);
   check(kdr3_result_variances(made, fitted.taupi.data(), fitted.taubeta.data(), fitted.taupierrors.data(),
                               fitted.taubetaerrors.data(), &fitted.sigma2error));
-  if (effects) takeeffects(made, fitted);
+  takeeffects(made, fitted);
   if (spec.weighted()) takeweights(made, fitted);
   taketests(made, spec.hypotheses.size(), fitted);
   if (spec.replicates > 0) takereplicates(made, fitted);
@@ -339,9 +339,8 @@ SEXP listof(const Fitted& fitted) {
 SEXP kdr3r_fit(SEXP given) {
   SEXP holder = nullptr;
   Fitted* fitted = owned<Fitted>(holder);
-  const bool effects = Rf_asLogical(element(given, "effects")) == TRUE;
   SEXP token = PROTECT(R_MakeUnwindCont());
-  fitted->error = sentenceof([&] { fit(specof(given), effects, token, *fitted); });
+  fitted->error = sentenceof([&] { fit(specof(given), token, *fitted); });
   if (fitted->interrupted) R_ContinueUnwind(token);
   SEXP made = listof(*fitted);
   UNPROTECT(2);

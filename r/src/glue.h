@@ -50,7 +50,6 @@ bool leaving(SEXP token);
 extern "C" {
 SEXP kdr3r_fit(SEXP spec);
 SEXP kdr3r_levels(SEXP columns, SEXP unit2, SEXP unit3);
-SEXP kdr3r_effects(SEXP arguments);
 SEXP kdr3r_predict(SEXP fitted, SEXP own, SEXP rows, SEXP what, SEXP columns);
 SEXP kdr3r_version();
 }

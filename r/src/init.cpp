@@ -36,7 +36,6 @@ SEXP kdr3r_version() { return Rf_mkString(kdr3_version()); }
 void R_init_kdr3(DllInfo* library) {
   static const R_CallMethodDef calls[] = {{"kdr3r_fit", reinterpret_cast<DL_FUNC>(&kdr3r_fit), 1},
                                           {"kdr3r_levels", reinterpret_cast<DL_FUNC>(&kdr3r_levels), 3},
-                                          {"kdr3r_effects", reinterpret_cast<DL_FUNC>(&kdr3r_effects), 1},
                                           {"kdr3r_predict", reinterpret_cast<DL_FUNC>(&kdr3r_predict), 5},
                                           {"kdr3r_version", reinterpret_cast<DL_FUNC>(&kdr3r_version), 0},
                                           {nullptr, nullptr, 0}};

@@ -271,6 +271,12 @@ test_that("effects of a quadrature fit are means of the posterior", {
   }
 })
 
+test_that("effects of quasi-likelihood are modes, with over-dispersion too", {
+  d$s <- rowSums(outer(d$y, c(-.5, .5, 1, 2), ">"))
+  m <- kdr3(cbind(s, 4 - s) ~ x + (1 | school), d, family = binomial(), engine = "pql", control = list(FIXSIGMA2 = 0))
+  expect_equal(drop(rowsum(d$s - 4 * fitted(m), d$school)) / sigma(m)^2, ranef(m)$school[, 1] / VarCorr(m)$school[1], tolerance = 1e-5, ignore_attr = TRUE)
+})
+
 test_that("outcomes with categories", {
   d$o <- cut(d$y, c(-Inf, 0, 1, 2, Inf), labels = c("low", "mid", "high", "top"))
   for (family in c("ordinal", "multinomial")) {
