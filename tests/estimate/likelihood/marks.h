@@ -13,7 +13,7 @@ struct Marks {
   std::vector<kdr::EngineEvent> events;
 
   // In the order of EngineEvent::Kind.
-  static constexpr const char* alphabet = "b>.*/hfiuplm";
+  static constexpr const char* alphabet = "b>.*/hfiuplcwm";
   void listen(kdr::EngineSettings& settings) {
     settings.tell = [this](const kdr::EngineEvent& event) {
       letters += alphabet[static_cast<int>(event.kind)];
