@@ -7,6 +7,8 @@
 
 #include <cstdint>
 
+#include "estimate/linear/elimination.h"
+
 namespace kdr::KDR3_INSTRUCTIONS {
 
 namespace {
@@ -82,51 +84,6 @@ void spread(const Real* from, int n, double* to) {
   for (int i = 0; i < n; ++i) to[i] += total(from[i]);
 }
 
-inline void swap(double& a, double& b) {
-  const double kept = a;
-  a = b;
-  b = kept;
-}
-
-// R = (s I + S T)^-1 of order n by elimination; returns the size of the determinant of its inverse over s^n. Rows are
-// pivoted at the scale that gives S a unit diagonal, so that no unit of measurement chooses. work: 2 n squared + n.
-double eliminated(int n, double s, const double* S, const double* T, double* R, double* work) {
-  const int width = 2 * n;
-  double* const M = work;  // [s I + S T | I]
-  double* const weight = work + n * width;
-  double determinant = 1.0;
-  for (int i = 0; i < n; ++i) {
-    weight[i] = S[i * n + i] > 0.0 ? S[i * n + i] : 1.0;
-    for (int j = 0; j < n; ++j) {
-      double sum = i == j ? s : 0.0;
-      for (int l = 0; l < n; ++l) sum += S[i * n + l] * T[l * n + j];
-      M[i * width + j] = sum;
-      M[i * width + n + j] = i == j ? 1.0 : 0.0;
-    }
-  }
-  for (int c = 0; c < n; ++c) {
-    int pivot = c;
-    const auto squared = [&](int i) { return M[i * width + c] * M[i * width + c]; };
-    for (int i = c + 1; i < n; ++i)
-      if (squared(i) * weight[pivot] > squared(pivot) * weight[i]) pivot = i;
-    if (pivot != c) {
-      swap(weight[pivot], weight[c]);
-      for (int j = 0; j < width; ++j) swap(M[pivot * width + j], M[c * width + j]);
-    }
-    const double head = M[c * width + c], inverse = 1.0 / head;
-    determinant *= (head < 0.0 ? -head : head) / s;
-    for (int j = c; j < width; ++j) M[c * width + j] *= inverse;
-    for (int i = 0; i < n; ++i) {
-      if (i == c) continue;
-      const double factor = M[i * width + c];
-      for (int j = c; j < width; ++j) M[i * width + j] -= factor * M[c * width + j];
-    }
-  }
-  for (int i = 0; i < n; ++i)
-    for (int j = 0; j < n; ++j) R[i * n + j] = M[i * width + n + j];
-  return determinant;
-}
-
 // R = (s I + S T)^-1; returns the determinant of its inverse over s^p. Order 1 and 2 in closed form, where no term of
 // the determinant is negative: s^2 + s tr(ST) + det S det T.
 template <class Real, int P>
@@ -146,7 +103,10 @@ inline Real resolvent(int order, double s, const Real* S, const double* T, Real*
     R[3] = (a + s) * inverse;
     return determinant / (s * s);
   } else {
-    return eliminated(order, s, S, T, R, work);
+    const double* pivots = eliminate(order, s, S, T, R, work);
+    double determinant = 1.0;
+    for (int c = 0; c < order; ++c) determinant *= (pivots[c] < 0.0 ? -pivots[c] : pivots[c]) / s;
+    return determinant;
   }
 }
 

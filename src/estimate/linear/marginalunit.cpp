@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
-#include <utility>
 
+#include "estimate/linear/elimination.h"
 #include "kernel/matrix.h"
 #include "kernel/products.h"
 #include "kernel/sizes.h"
@@ -12,43 +12,11 @@ namespace kdr {
 
 namespace {
 
-// R = (I + S T)^-1 (n squared, not symmetric), S and T non-negative, T singular or not; returns the logarithm of the
-// determinant of its inverse. `work`: 2 n^2 + n values. Rows are pivoted at the scale that gives S a unit diagonal, so
-// that no unit of measurement chooses.
+// R = (I + S T)^-1; returns the logarithm of the determinant of its inverse. `work`: that of eliminate.
 double resolvent(int n, const double* S, const double* T, double* R, double* work) {
-  const int width = 2 * n;
-  double* const M = work;  // [I + S T | I]
-  double* const weight = work + 2 * n * n;
+  const double* pivots = eliminate(n, 1.0, S, T, R, work);
   double logdeterminant = 0.0;
-  for (int i = 0; i < n; ++i) {
-    weight[i] = S[i * n + i] > 0.0 ? S[i * n + i] : 1.0;
-    for (int j = 0; j < n; ++j) {
-      double sum = i == j ? 1.0 : 0.0;
-      for (int l = 0; l < n; ++l) sum += S[i * n + l] * T[l * n + j];
-      M[i * width + j] = sum;
-      M[i * width + n + j] = i == j ? 1.0 : 0.0;
-    }
-  }
-  for (int c = 0; c < n; ++c) {
-    int pivot = c;
-    const auto size = [&](int i) { return M[i * width + c] * M[i * width + c]; };
-    for (int i = c + 1; i < n; ++i)
-      if (size(i) * weight[pivot] > size(pivot) * weight[i]) pivot = i;
-    if (pivot != c) {
-      std::swap(weight[pivot], weight[c]);
-      for (int j = 0; j < width; ++j) std::swap(M[pivot * width + j], M[c * width + j]);
-    }
-    const double head = M[c * width + c], inverse = 1.0 / head;
-    logdeterminant += std::log(std::fabs(head));
-    for (int j = c; j < width; ++j) M[c * width + j] *= inverse;
-    for (int i = 0; i < n; ++i) {
-      if (i == c) continue;
-      const double factor = M[i * width + c];
-      for (int j = c; j < width; ++j) M[i * width + j] -= factor * M[c * width + j];
-    }
-  }
-  for (int i = 0; i < n; ++i)
-    for (int j = 0; j < n; ++j) R[i * n + j] = M[i * width + n + j];
+  for (int c = 0; c < n; ++c) logdeterminant += std::log(std::fabs(pivots[c]));
   return logdeterminant;
 }
 
